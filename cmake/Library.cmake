@@ -1,0 +1,16 @@
+# bekd_library(NAME SOURCES file... [DEPENDS target...])
+#
+# One static library for one folder below src/. Headers are included by their path from src/, so that an
+# include line shows the layer that it reaches into.
+function(bekd_library name)
+  cmake_parse_arguments(ARG "" "" "SOURCES;DEPENDS" ${ARGN})
+  if(ARG_SOURCES)
+    add_library(${name} STATIC ${ARG_SOURCES})
+    target_include_directories(${name} PUBLIC ${PROJECT_SOURCE_DIR}/src)
+    target_link_libraries(${name} PUBLIC bekd_flags ${ARG_DEPENDS})
+  else()
+    add_library(${name} INTERFACE)
+    target_include_directories(${name} INTERFACE ${PROJECT_SOURCE_DIR}/src)
+    target_link_libraries(${name} INTERFACE bekd_flags ${ARG_DEPENDS})
+  endif()
+endfunction()

@@ -1,0 +1,115 @@
+#include "common/config/JSONConfigDataProvider.h"
+
+#include "common/File.h"
+#include "common/config/UnsignedNumber.h"
+
+#include <fstream>
+#include <iterator>
+#include <stdexcept>
+#include <utility>
+
+namespace agent {
+
+namespace {
+
+using nlohmann::json;
+
+constexpr std::size_t largestFile = 1024 * 1024;
+constexpr int deepestNesting = 32;
+/// The file may come to hold what an administrator would not show to every user of the machine.
+constexpr mode_t fileMode = 0600;
+
+json parse(const std::string& text) {
+    return json::parse(text, [](int depth, json::parse_event_t /*event*/, const json& /*parsed*/) {
+        if (depth > deepestNesting) {
+            throw std::runtime_error("nested deeper than " + std::to_string(deepestNesting) + " levels");
+        }
+        return true;
+    });
+}
+
+json readDocument(const Path& path) {
+    std::ifstream file(path.str(), std::ios::binary);
+    if (!file) {
+        return json::object();
+    }
+    std::string text(largestFile + 1, '\0');
+    file.read(text.data(), static_cast<std::streamsize>(text.size()));
+    text.resize(static_cast<std::size_t>(file.gcount()));
+    try {
+        if (text.size() > largestFile) {
+            throw std::runtime_error("larger than " + std::to_string(largestFile) + " bytes");
+        }
+        return parse(text);
+    } catch (const std::exception& error) {
+        throw std::runtime_error("Could not read the configuration file \"" + path.str() +
+                                 "\": " + error.what());
+    }
+}
+
+} // namespace
+
+JSONConfigDataProvider::JSONConfigDataProvider(Path path)
+    : path(std::move(path)), document(readDocument(this->path)) {}
+
+std::string JSONConfigDataProvider::get(const std::string& key, const std::string& fallback) const {
+    return read(key, fallback);
+}
+
+unsigned long JSONConfigDataProvider::get(const std::string& key, unsigned long fallback) const {
+    return read(key, fallback);
+}
+
+bool JSONConfigDataProvider::get(const std::string& key, bool fallback) const {
+    return read(key, fallback);
+}
+
+void JSONConfigDataProvider::set(const std::string& key, const std::string& value) {
+    write(key, value);
+}
+
+void JSONConfigDataProvider::set(const std::string& key, unsigned long value) {
+    write(key, value);
+}
+
+void JSONConfigDataProvider::set(const std::string& key, bool value) {
+    write(key, value);
+}
+
+json JSONConfigDataProvider::dump() const {
+    const std::lock_guard lock(mutex);
+    return document;
+}
+
+template <typename Value>
+Value JSONConfigDataProvider::read(const std::string& key, const Value& fallback) const {
+    const std::lock_guard lock(mutex);
+    if (!document.is_object()) {
+        return fallback;
+    }
+    const auto found = document.find(key);
+    if (found == document.end()) {
+        return fallback;
+    }
+    if constexpr (std::is_same_v<Value, unsigned long>) {
+        // The library would convert a fraction that the type can't hold, to whatever comes of it.
+        const std::optional<unsigned long> number = asUnsigned(*found);
+        if (!number) {
+            throw json::type_error::create(302, "type must be an unsigned number", &*found);
+        }
+        return *number;
+    } else {
+        return found->template get<Value>();
+    }
+}
+
+template <typename Value>
+void JSONConfigDataProvider::write(const std::string& key, const Value& value) {
+    const std::lock_guard lock(mutex);
+    json changed = document;
+    changed[key] = value;
+    file::replace(path, changed.dump(4) + "\n", fileMode);
+    document = std::move(changed);
+}
+
+} // namespace agent

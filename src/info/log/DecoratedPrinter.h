@@ -1,0 +1,19 @@
+#pragma once
+
+#include "info/log/IDecorator.h"
+#include "info/log/PrinterFunction.h"
+
+namespace agent::info {
+
+/// Decorates each message and hands it on. The decorator must outlive it.
+class DecoratedPrinter {
+public:
+    DecoratedPrinter(IDecorator& decorator, PrinterFunction printer);
+    void print(const std::string& message, int level, LogTime time);
+
+private:
+    IDecorator* decorator;
+    PrinterFunction printer;
+};
+
+} // namespace agent::info

@@ -1,0 +1,107 @@
+#include "info/log/FilePrinter.h"
+
+#include "common/BaseDirectories.h"
+#include "common/Directory.h"
+#include "common/Exceptions.h"
+#include "common/File.h"
+#include "common/FileDescriptor.h"
+#include "info/log/LoggingError.h"
+
+#include <array>
+#include <ctime>
+#include <fcntl.h>
+#include <stdexcept>
+
+namespace agent::info {
+
+namespace {
+
+constexpr std::chrono::seconds retention(604'800);
+constexpr mode_t logFileMode = 0640;
+
+} // namespace
+
+Path FilePrinter::logDirectory() {
+    return dir::base() / "logs";
+}
+
+std::string FilePrinter::logFileName(LogTime time) {
+    const std::time_t seconds =
+        std::chrono::duration_cast<std::chrono::seconds>(time.time_since_epoch()).count();
+    std::tm broken{};
+    localtime_r(&seconds, &broken);
+    std::array<char, 25> date{};
+    std::strftime(date.data(), date.size(), "%F", &broken);
+    return std::string("bek_") + date.data() + ".log";
+}
+
+LogTime FilePrinter::parseLogFileDate(const std::string& name) {
+    if (name.size() != 18) {
+        throw std::logic_error("Invalid log file: bad filename length " + std::to_string(name.size()));
+    }
+    if (name.compare(0, 4, "bek_") != 0) {
+        throw std::logic_error("Invalid log file: bad filename prefix");
+    }
+    if (name[8] != '-' || name[11] != '-') {
+        throw std::logic_error("Invalid log file: bad filename format");
+    }
+    if (name.compare(14, 4, ".log") != 0) {
+        throw std::logic_error("Invalid log file: bad filename suffix");
+    }
+    std::tm broken{};
+    strptime(name.substr(4, 10).c_str(), "%Y-%m-%d", &broken);
+    broken.tm_isdst = -1;
+    const std::time_t midnight = std::mktime(&broken);
+    if (midnight == -1) {
+        throw std::logic_error("Could not interpret string as date stamp");
+    }
+    return LogTime(std::chrono::seconds(midnight));
+}
+
+bool FilePrinter::print(const std::string& message, int /*level*/, LogTime time) {
+    const Path directory = logDirectory();
+    try {
+        dir::make(directory);
+    } catch (const std::exception& error) {
+        reportLoggingError(error.what());
+        return false;
+    }
+    const Path path = directory / logFileName(time);
+    if (!file::exists(path)) {
+        removeOldFiles(directory, time);
+    }
+    const FileDescriptor log(
+        ::open(path.str().c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, logFileMode));
+    if (!log) {
+        reportLoggingError("Could not open output log file");
+        return false;
+    }
+    if (!file::writeAll(log.get(), message)) {
+        reportLoggingError("File stream error occurred while outputting log message");
+        return false;
+    }
+    return true;
+}
+
+std::size_t FilePrinter::removeOldFiles(const Path& directory, LogTime now) {
+    std::vector<std::string> names;
+    try {
+        names = dir::list(directory);
+    } catch (const exception::library_error&) {
+        return 0;
+    }
+    std::size_t removed = 0;
+    for (const std::string& name : names) {
+        try {
+            if (parseLogFileDate(name) < now - retention) {
+                file::remove(directory / name);
+                ++removed;
+            }
+        } catch (const std::exception&) { // NOLINT(bugprone-empty-catch)
+            // Not one of the agent's files, or one that can't be removed: left alone.
+        }
+    }
+    return removed;
+}
+
+} // namespace agent::info

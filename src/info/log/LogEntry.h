@@ -1,0 +1,38 @@
+#pragma once
+
+#include "info/log/LogLevel.h"
+
+#include <cstdarg>
+#include <sstream>
+
+namespace agent::info {
+
+class Logger;
+
+/// One log statement under construction: a stream that delivers its text to a Logger.
+/// Owns:    its text; the Logger must outlive it.
+/// Threads: belongs to the thread that made it.
+/// Fails:   a stream in a failed state drops the statement silently; the destructor lets nothing escape.
+class LogEntry : public std::ostringstream {
+public:
+    /// A level outside 0..4 is clamped into it.
+    LogEntry(Logger& logger, int level);
+    /// The copy logs to the same logger at the same level and starts with no text.
+    LogEntry(const LogEntry& other);
+    LogEntry& operator=(const LogEntry&) = delete;
+    /// Ends the line and delivers it, if text has remained.
+    ~LogEntry() override;
+
+    /// Appends printf-like text, of any length. A format that can't be rendered fails the stream.
+    [[gnu::format(printf, 2, 3)]] LogEntry& format(const char* format, ...);
+    LogEntry& formatList(const char* format, va_list arguments);
+
+    /// Delivers what has been collected so far, and empties the entry.
+    void flush();
+
+private:
+    Logger* logger;
+    int level;
+};
+
+} // namespace agent::info

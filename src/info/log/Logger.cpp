@@ -1,0 +1,30 @@
+#include "info/log/Logger.h"
+
+#include <cstdarg>
+#include <utility>
+
+namespace agent::info {
+
+Logger::Logger(PrinterFunction printer)
+    : printer(std::move(printer)), mutex(std::make_shared<std::mutex>()) {}
+
+LogEntry Logger::log(int level, const char* format, ...) {
+    LogEntry entry(*this, level);
+    va_list arguments;
+    va_start(arguments, format);
+    entry.formatList(format, arguments);
+    va_end(arguments);
+    entry << '\n';
+    entry.flush();
+    return entry;
+}
+
+void Logger::print(const std::string& message, int level) const {
+    if (!printer) {
+        return;
+    }
+    const std::lock_guard lock(*mutex);
+    printer(message, level, std::chrono::system_clock::now());
+}
+
+} // namespace agent::info

@@ -1,0 +1,36 @@
+#include "info/log/LoggingStack.h"
+
+namespace agent::info {
+
+namespace {
+
+/// A function object that calls `print` on a printer that outlives it.
+template <typename Printer>
+auto printing(Printer& printer) {
+    return [&printer](const std::string& message, int level, LogTime time) {
+        return printer.print(message, level, time);
+    };
+}
+
+FilterFunction passing(const StoredLevelFilter& filter) {
+    return [&filter](const std::string& message, int level, LogTime time) {
+        return filter.pass(message, level, time);
+    };
+}
+
+} // namespace
+
+LoggingStack::LoggingStack()
+    : multiDecorator({&dateDecorator, &tagDecorator}),
+      failsafePrinter({printing(filePrinter), printing(systemPrinter)}),
+      filteredPrinter(passing(levelFilter), printing(failsafePrinter)),
+      multiPrinter({printing(screenPrinter), printing(filteredPrinter)}),
+      decoratedPrinter(multiDecorator, printing(multiPrinter)),
+      logger(printing(decoratedPrinter)),
+      securityFilteredPrinter(passing(levelFilter), printing(filePrinter)),
+      securityMultiPrinter(
+          {printing(screenPrinter), printing(systemPrinter), printing(securityFilteredPrinter)}),
+      securityDecoratedPrinter(multiDecorator, printing(securityMultiPrinter)),
+      securityLogger(printing(securityDecoratedPrinter)) {}
+
+} // namespace agent::info

@@ -1,0 +1,69 @@
+#pragma once
+
+#include "info/log/DateDecorator.h"
+#include "info/log/DecoratedPrinter.h"
+#include "info/log/FailsafePrinter.h"
+#include "info/log/FilePrinter.h"
+#include "info/log/FilteredPrinter.h"
+#include "info/log/Logger.h"
+#include "info/log/MultiDecorator.h"
+#include "info/log/MultiPrinter.h"
+#include "info/log/ScreenPrinter.h"
+#include "info/log/StoredLevelFilter.h"
+#include "info/log/SystemPrinter.h"
+#include "info/log/TagDecorator.h"
+
+namespace agent::info {
+
+/// The whole logging of the process, joined once at start.
+///
+///   logger ---------> date+tag -+-> screen
+///                               +-> level filter --> file, or the system log where the file fails
+///
+///   securityLogger -> date+tag -+-> screen
+///                               +-> system log
+///                               +-> level filter --> file
+///
+/// Owns:    every printer and decorator; they refer to each other, so the object never moves.
+/// Threads: both loggers from any thread; they have a mutex each and may append to one file at once.
+/// Fails:   never; a sink that fails is reported on standard error.
+class LoggingStack {
+public:
+    LoggingStack();
+    LoggingStack(const LoggingStack&) = delete;
+    LoggingStack& operator=(const LoggingStack&) = delete;
+
+private:
+    // Declared in the order in which they refer to each other.
+    DateDecorator dateDecorator;
+    TagDecorator tagDecorator;
+    MultiDecorator multiDecorator;
+    FilePrinter filePrinter;
+    SystemPrinter systemPrinter;
+    FailsafePrinter failsafePrinter;
+
+public:
+    StoredLevelFilter levelFilter;
+
+private:
+    FilteredPrinter filteredPrinter;
+    ScreenPrinter screenPrinter;
+    MultiPrinter multiPrinter;
+    DecoratedPrinter decoratedPrinter;
+
+public:
+    Logger logger;
+
+private:
+    FilteredPrinter securityFilteredPrinter;
+    MultiPrinter securityMultiPrinter;
+    DecoratedPrinter securityDecoratedPrinter;
+
+public:
+    Logger securityLogger;
+
+    /// Takes lines apart again that either logger has written.
+    IDecorator& decorator() noexcept { return multiDecorator; }
+};
+
+} // namespace agent::info

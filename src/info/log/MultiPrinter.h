@@ -1,0 +1,19 @@
+#pragma once
+
+#include "info/log/PrinterFunction.h"
+
+#include <vector>
+
+namespace agent::info {
+
+/// Prints each message through all of its printers, in order; empty ones are passed over.
+class MultiPrinter {
+public:
+    explicit MultiPrinter(std::vector<PrinterFunction> printers);
+    void print(const std::string& message, int level, LogTime time);
+
+private:
+    std::vector<PrinterFunction> printers;
+};
+
+} // namespace agent::info

@@ -1,0 +1,64 @@
+#pragma once
+
+#include "info/log/Logger.h"
+
+#include <algorithm>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace agent::test {
+
+/// A logger that keeps what it is given. Lines are kept without their newline. Safe from any thread.
+class RecordingLogger {
+public:
+    struct Line {
+        int level;
+        std::string text;
+        bool operator==(const Line&) const = default;
+    };
+
+    info::Logger logger{
+        [this](const std::string& message, int level, info::LogTime) { record(message, level); }};
+
+    [[nodiscard]] std::vector<Line> lines() const {
+        const std::lock_guard lock(mutex);
+        return recorded;
+    }
+
+    [[nodiscard]] bool has(int level, const std::string& text) const { return count(level, text) > 0; }
+
+    [[nodiscard]] std::ptrdiff_t count(int level, const std::string& text) const {
+        const std::lock_guard lock(mutex);
+        return std::count(recorded.begin(), recorded.end(), Line{level, text});
+    }
+
+    /// True if a line of this level holds `part` anywhere.
+    [[nodiscard]] bool hasPart(int level, const std::string& part) const {
+        const std::lock_guard lock(mutex);
+        return std::any_of(recorded.begin(), recorded.end(), [&](const Line& line) {
+            return line.level == level && line.text.find(part) != std::string::npos;
+        });
+    }
+
+    void clear() {
+        const std::lock_guard lock(mutex);
+        recorded.clear();
+    }
+
+private:
+    void record(const std::string& message, int level) {
+        const std::lock_guard lock(mutex);
+        recorded.push_back(
+            {level, message.ends_with('\n') ? message.substr(0, message.size() - 1) : message});
+    }
+
+    mutable std::mutex mutex;
+    std::vector<Line> recorded; // guarded by mutex
+};
+
+inline void PrintTo(const RecordingLogger::Line& line, std::ostream* out) {
+    *out << line.level << " " << line.text;
+}
+
+} // namespace agent::test
