@@ -1,0 +1,35 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace agent::core::backup {
+
+/// The state of one volume of a backup. A cancelled volume shows as failed.
+enum VolumeState : std::uint32_t {
+    VOLUME_ACTIVE = 0,
+    VOLUME_FAILED = 1,
+    VOLUME_FINISHED = 2,
+};
+
+/// The progress of one volume of a backup.
+struct VolumeBackupStatus {
+    std::string uuid;
+    std::uint32_t state = VOLUME_ACTIVE;
+    std::uint32_t backupType = 1; ///< A value of BackupType; INCREMENTAL until the copy has settled it.
+    std::uint64_t bytesTransferred = 0;
+    std::int64_t totalSize = -1; ///< Bytes to send; -1 until known.
+
+    bool operator==(const VolumeBackupStatus&) const = default;
+};
+
+/// The progress of a backup as one moment saw it.
+struct BackupStatus {
+    double elapsedSeconds = 0;
+    bool connectionError = false;
+    bool snapshotError = false;
+    std::vector<VolumeBackupStatus> volumes;
+};
+
+} // namespace agent::core::backup

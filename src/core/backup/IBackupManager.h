@@ -1,0 +1,30 @@
+#pragma once
+
+#include "core/backup/BackupStatus.h"
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <unordered_map>
+
+namespace agent::core::backup {
+
+class IBackup;
+
+/// The register of backups by ID, in memory only.
+/// Owns:    a share of every registered backup.
+/// Threads: safe from any.
+/// Fails:   exception::bad_request for an ID that is unknown, and for a cancel that came before.
+class IBackupManager {
+public:
+    virtual ~IBackupManager() = default;
+    virtual void addBackup(std::shared_ptr<IBackup> backup) = 0;
+    virtual void getStatus(const std::string& backupId, BackupStatus& out) = 0;
+    virtual void ping(const std::string& backupId) = 0;
+    /// Adds every backup's overall state to `out`: 0 active, 1 failed, 3 finished.
+    virtual void getStatuses(std::unordered_map<std::string, std::uint32_t>& out) = 0;
+    virtual void cancelBackup(const std::string& backupId) = 0;
+    virtual void cancelAllBackups() = 0;
+};
+
+} // namespace agent::core::backup

@@ -1,0 +1,16 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace agent::core::backup {
+
+/// A script to run before and after the snapshot of a volume.
+struct VolumeScript {
+    std::string scriptname;
+    std::uint32_t timeout; ///< Seconds, for each of its two runs.
+
+    bool operator==(const VolumeScript&) const = default;
+};
+
+} // namespace agent::core::backup
