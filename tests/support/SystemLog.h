@@ -1,0 +1,43 @@
+#pragma once
+
+#include "common/FileDescriptor.h"
+
+#include <array>
+#include <cstring>
+#include <stdexcept>
+#include <string>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+namespace agent::test {
+
+/// A system log daemon of a test's own: listens at /dev/log, which is private in the tests' namespace.
+class SystemLog {
+public:
+    SystemLog() : socket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)) {
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        std::strcpy(address.sun_path, path);
+        ::unlink(path);
+        if (::bind(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+            throw std::runtime_error("no system log for the test");
+        }
+    }
+    SystemLog(const SystemLog&) = delete;
+    SystemLog& operator=(const SystemLog&) = delete;
+    ~SystemLog() { ::unlink(path); }
+
+    /// The next message as it came in, "<priority>date ident[pid]: text"; empty if there is none.
+    std::string next() {
+        std::array<char, 8192> buffer{};
+        const ssize_t length = ::recv(socket.get(), buffer.data(), buffer.size(), 0);
+        return length > 0 ? std::string(buffer.data(), static_cast<std::size_t>(length)) : "";
+    }
+
+private:
+    static constexpr const char* path = "/dev/log";
+    FileDescriptor socket;
+};
+
+} // namespace agent::test
