@@ -58,6 +58,7 @@ bool readNames(DIR* directory, std::vector<std::string>& names) {
 
 /// Removes all that the directory behind `descriptor` holds. Going down by descriptor and never by path
 /// keeps the walk inside the tree. Returns false with `errno` set on failure.
+// NOLINTNEXTLINE(misc-no-recursion): each level holds a descriptor; their limit bounds the depth
 bool removeContents(FileDescriptor descriptor) {
     const int number = descriptor.get();
     const DirectoryStream directory(::fdopendir(number));

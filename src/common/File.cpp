@@ -64,7 +64,7 @@ bool copyBytes(int from, int to) {
 void syncDirectory(const Path& directory) {
     const FileDescriptor descriptor(::open(directory.str().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (descriptor) {
-        ::fsync(descriptor.get());
+        static_cast<void>(::fsync(descriptor.get()));
     }
 }
 

@@ -14,7 +14,7 @@ namespace {
 
 using nlohmann::json;
 
-constexpr std::size_t largestFile = 1024 * 1024;
+constexpr std::size_t largestFile = 1024UL * 1024;
 constexpr int deepestNesting = 32;
 /// The file may come to hold what an administrator would not show to every user of the machine.
 constexpr mode_t fileMode = 0600;

@@ -13,6 +13,7 @@ class Logger;
 /// Owns:    its text; the Logger must outlive it.
 /// Threads: belongs to the thread that made it.
 /// Fails:   a stream in a failed state drops the statement silently; the destructor lets nothing escape.
+// NOLINTNEXTLINE(cppcoreguidelines-special-member-functions): a move is the copy, without the text
 class LogEntry : public std::ostringstream {
 public:
     /// A level outside 0..4 is clamped into it.
@@ -25,7 +26,7 @@ public:
 
     /// Appends printf-like text, of any length. A format that can't be rendered fails the stream.
     [[gnu::format(printf, 2, 3)]] LogEntry& format(const char* format, ...);
-    LogEntry& formatList(const char* format, va_list arguments);
+    [[gnu::format(printf, 2, 0)]] LogEntry& formatList(const char* format, va_list arguments);
 
     /// Delivers what has been collected so far, and empties the entry.
     void flush();

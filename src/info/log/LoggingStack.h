@@ -32,6 +32,7 @@ public:
     LoggingStack();
     LoggingStack(const LoggingStack&) = delete;
     LoggingStack& operator=(const LoggingStack&) = delete;
+    ~LoggingStack() = default;
 
 private:
     // Declared in the order in which they refer to each other.
