@@ -1,0 +1,1 @@
+"""The rules of scripts/lint, and what they look at."""

@@ -1,0 +1,140 @@
+"""clang-tidy over the C++ sources, with a memory of what was clean.
+
+The memory is one small file a source in build/.tidy-cache. It holds a digest of everything that the verdict
+depends on: each .clang-tidy file, the compile commands, the source with all the headers of the tree that it
+includes however indirectly, and the versions of the packages that bring clang-tidy and the system's headers.
+Only a clean verdict is remembered.
+"""
+
+import concurrent.futures
+import hashlib
+import json
+import os
+import re
+import shlex
+import subprocess
+
+from lintlib.tree import Finding, SourceFile
+
+FOLDERS = ("src", "platform", "bench", "tests")
+COMMANDS = "build/debug/compile_commands.json"
+CACHE = "build/.tidy-cache"
+FINDING = re.compile(r"^(.+?):(\d+):\d+: (?:fatal )?(?:error|warning): (.*)$", re.MULTILINE)
+
+
+def check_tidy(tree, paths=None):
+    """clang-tidy finds nothing in the sources (all, or those that the given paths touch)."""
+    sources = [file for file in tree.cpp if not file.is_header and file.is_below(*FOLDERS)]
+    if not sources:
+        return []
+    configure(tree)
+    checker = Checker(tree)
+    if paths is not None:
+        sources = touched(sources, checker, paths)
+    with concurrent.futures.ThreadPoolExecutor(len(os.sched_getaffinity(0))) as pool:
+        return sorted(set().union(*pool.map(checker.check, sources)))
+
+
+def configure(tree):
+    """Brings the compile commands up to date with the build files."""
+    commands = tree.root / COMMANDS
+    inputs = [file.absolute for file in tree.files if "cmake" in file.name.lower()]
+    if commands.exists() and all(path.stat().st_mtime <= commands.stat().st_mtime for path in inputs):
+        return
+    done = subprocess.run(["cmake", "--preset", "debug"], cwd=tree.root, capture_output=True, text=True,
+                          check=False)
+    if done.returncode != 0 or not commands.exists():
+        raise RuntimeError(f"no {COMMANDS}: {done.stderr.strip()}")
+    os.utime(commands)
+
+
+def touched(sources, checker, paths):
+    """The changed sources, and for each changed header one source that includes it, its own if it has one."""
+    chosen = {file for file in sources if file.path in paths}
+    for header in [file.path for file in checker.tree.cpp if file.is_header and file.path in paths]:
+        users = [file for file in sources if header in checker.closure(file)]
+        own = [file for file in users if os.path.splitext(file.path)[0] == os.path.splitext(header)[0]]
+        chosen.update((own or users)[:1])
+    return sorted(chosen, key=lambda file: file.path)
+
+
+class Checker:
+    """Runs clang-tidy, and knows what the verdicts of all sources of a tree have in common."""
+
+    def __init__(self, tree):
+        self.tree = tree
+        self.files = {file.path: file for file in tree.cpp}
+        commands = json.loads((tree.root / COMMANDS).read_text())
+        self.commands = {os.path.relpath(entry["file"], tree.root): text_of(entry) for entry in commands}
+        # A source that is not built in this configuration is checked with the command of a similar one.
+        self.all_commands = "\n".join(sorted(self.commands.values()))
+        self.folders = sorted({folder for text in self.commands.values() for folder in self._folders(text)})
+        self.common = self._common()
+
+    def check(self, file):
+        digest = self._digest(file)
+        memory = self.tree.root / CACHE / file.path.replace("/", "+")
+        if memory.exists() and memory.read_text() == digest:
+            return set()
+        done = subprocess.run(["clang-tidy", "--quiet", "-p", os.path.dirname(COMMANDS), file.path],
+                              cwd=self.tree.root, capture_output=True, text=True, check=False)
+        findings = {self._finding(*match) for match in FINDING.findall(done.stdout)}
+        if done.returncode != 0 and not findings:
+            return {Finding(file.path, 1, "tidy", f"clang-tidy failed: {done.stderr.strip()}")}
+        if not findings:
+            memory.parent.mkdir(parents=True, exist_ok=True)
+            memory.write_text(digest)
+        return findings
+
+    def closure(self, file):
+        """The paths of the tree's files that a source consists of, itself included."""
+        reached = set()
+        waiting = [file.path]
+        while waiting:
+            path = waiting.pop()
+            if path not in reached:
+                reached.add(path)
+                waiting += self._included(path)
+        return reached
+
+
+    def _included(self, path):
+        """The files of the tree that an include line of a file may mean."""
+        if path not in self.files: # a generated header, which the tree doesn't list
+            self.files[path] = SourceFile(self.tree.root, path)
+        for _, _, name in self.files[path].includes:
+            for folder in [os.path.dirname(path), *self.folders]:
+                candidate = os.path.normpath(os.path.join(folder, name))
+                if not candidate.startswith("..") and (self.tree.root / candidate).is_file():
+                    yield candidate
+
+    def _digest(self, file):
+        parts = [self.common, self.commands.get(file.path, self.all_commands)]
+        for path in sorted(self.closure(file)):
+            parts += [path, self.files[path].text]
+        return hashlib.sha256("\0".join(parts).encode()).hexdigest()
+
+    def _common(self):
+        configuration = [f"{file.path}\0{file.text}" for file in self.tree.files
+                         if file.name in (".clang-tidy", ".clang-format")]
+        return "\0".join([*configuration, output_of("clang-tidy", "--version"),
+                          output_of("dpkg-query", "-W", "*-dev", "clang-tidy*")])
+
+    def _folders(self, command):
+        """The folders of the tree in which a compile command looks for headers."""
+        for folder in re.findall(r"(?:^|\s)-(?:I|isystem|iquote)\s*(\S+)", command):
+            relative = os.path.relpath(folder, self.tree.root)
+            if not relative.startswith(".."):
+                yield relative
+
+    def _finding(self, path, line, message):
+        relative = os.path.relpath(os.path.join(self.tree.root, path), self.tree.root)
+        return Finding(relative, int(line), "tidy", message.replace(",-warnings-as-errors]", "]"))
+
+
+def text_of(entry):
+    return entry.get("command") or shlex.join(entry["arguments"])
+
+
+def output_of(*command):
+    return subprocess.run(command, capture_output=True, text=True, check=False).stdout
