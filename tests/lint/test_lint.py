@@ -1,0 +1,356 @@
+"""Each rule of scripts/lint is on: a small tree that breaks it alone is refused, with file and line."""
+
+import json
+import re
+import shutil
+import subprocess
+from pathlib import Path
+
+import pytest
+
+ROOT = Path(__file__).resolve().parents[2]
+LINT = ROOT / "scripts/lint"
+FORMAT = ROOT / "scripts/format"
+
+DOCUMENTED = """\
+/// Stores things.
+/// Owns:    nothing.
+/// Threads: any.
+/// Fails:   never.
+"""
+INTERFACE = "public:\n    virtual ~IStore() = default;\n    virtual void store() = 0;\n};\n"
+CLEAN = {
+    "src/common/Thing.h": "#pragma once\n\nint thing();\n",
+    "src/common/IStore.h": "// Why.\n#pragma once\n\n" + DOCUMENTED + "class IStore {\n" + INTERFACE,
+    "src/common/Thing.cpp": '#include "common/Thing.h"\n\nint thing() {\n    return 1;\n}\n',
+    "src/info/Report.cpp": '#include "common/Thing.h"\n\nint report() {\n    return thing();\n}\n',
+    "src/core/fs/ext/Layout.h": '#pragma once\n\n#include "info/log/Level.h"\n',
+    "src/info/log/Level.h": "#pragma once\n",
+    "tests/unit/ThingTest.cpp": "TEST(Thing, IsOne) {\n    EXPECT_EQ(thing(), 1);\n}\n",
+    "tests/test_thing.py": "def test_one():\n    assert 1 + 1 == 2\n",
+    "scripts/run": "#!/bin/bash\nset -eu\necho \"$HOME\"\n",
+    "README.md": "See [a header](src/common/Thing.h#L1), [a site](https://example.org/), [below](#here).\n",
+}
+
+LONG_TEXT = "x" * 100
+
+# (rule, file, its text, the line that the rule names)
+BROKEN = [
+    ("format", "src/common/Odd.cpp", "int odd() {\n  return 1;\n}\n", 1),
+    ("layers", "src/common/Upward.cpp", '#include "info/log/Level.h"\n', 1),
+    ("layers", "src/info/log/Upward.h", '#pragma once\n\n#include "info/Report.h"\n', 3),
+    ("layers", "src/core/backup/Phase.cpp", '#include "core/backup/phase/Copy.h"\n', 1),
+    ("layers", "src/common/Lost.cpp", '#include "common/Thing.h"\n#include "common/Void.h"\n', 2),
+    ("layers", "src/common/Beside.cpp", '#include "Thing.h"\n', 1),
+    ("layers", "src/common/Around.cpp", '#include "common/../info/log/Level.h"\n', 1),
+    ("layers", "src/misc/New.cpp", "int fresh();\n", 1),
+    ("layers", "src/Loose.cpp", "int loose();\n", 1),
+    ("layers", "platform/module/Module.cpp", '\n#include "common/Thing.h"\n', 2),
+    ("layers", "lab/tool/Tool.cpp", '#include "../../src/common/Thing.h"\n', 1),
+    ("guards", "src/common/Bare.h", "\nint bare();\n", 2),
+    ("guards", "src/common/Old.h", "#ifndef OLD_H\n#define OLD_H\n#endif\n", 1),
+    ("guards", "src/common/Late.h", "#include <string>\n#pragma once\n", 1),
+    ("guards", "src/common/Empty.h", "// Nothing.\n", 1),
+    ("labels", "src/common/Mute.h", "#pragma once\n\nclass IStore {\n" + INTERFACE, 3),
+    ("labels", "src/common/Half.h",
+     "#pragma once\n\n" + DOCUMENTED.replace("Threads", "Waits") + "class IStore {\n" + INTERFACE, 7),
+    ("labels", "src/common/Pattern.h",
+     "#pragma once\n\n/// Owns: it.\ntemplate <typename Item>\nclass IStore {\n" + INTERFACE, 5),
+    ("leftovers", "src/common/Note.cpp", "\n// TO" "DO: think\n", 2),
+    ("leftovers", "scripts/note.py", "A = 1 # FIX" "ME\n", 1),
+    ("leftovers", "notes.txt", "X" "XX\n", 1),
+    ("leftovers", "docs/note.md", "text\n\nHA" "CK\n", 3),
+    ("leftovers", "merge.txt", "<<<" "<<<< HEAD\n", 1),
+    ("leftovers", "src/common/Off.cpp", "#if 0\nint off();\n#endif\n", 1),
+    ("leftovers", "src/common/Call.cpp", "int call() {\n    // thing();\n    return 1;\n}\n", 2),
+    ("leftovers", "src/common/Assign.cpp", "// const int count = 1;\n", 1),
+    ("leftovers", "src/common/Branch.cpp", "// if (count > 1) {\n", 1),
+    ("leftovers", "src/common/Return.cpp", "// return count;\n", 1),
+    ("leftovers", "tests/unit/Off.cpp", "TEST(Thing, DISABLED_Off) {\n    EXPECT_TRUE(thing());\n}\n", 1),
+    ("leftovers", "tests/unit/Skip.cpp", "void skip() {\n    GTEST_SKIP();\n}\n", 2),
+    ("leftovers", "tests/skip.py", "import pytest\n\npytest.skip('later')\n", 3),
+    ("leftovers", "tests/mark.py", "import pytest\n\n\n@pytest.mark.xfail\ndef value():\n    return 1\n", 4),
+    ("leftovers", "scripts/call.py", "A = 1\n# print(A)\n", 2),
+    ("leftovers", "scripts/branch.py", "A = 1\n# if A > 1:\n", 2),
+    ("whitespace", "notes.txt", "one\ntwo \n", 2),
+    ("whitespace", "last.txt", "one\ntwo", 2),
+    ("whitespace", "src/common/Tab.cpp", "// A\ttab.\n", 1),
+    ("assertions", "tests/unit/Idle.cpp", "\nTEST(Idle, Test) {\n    thing();\n}\n", 2),
+    ("assertions", "tests/unit/Fine.cpp", "TEST_F(Idle, Test) {\n    SUCCEED();\n}\n", 1),
+    ("assertions", "tests/unit/Said.cpp", "TEST_P(Idle, Test) {\n    // EXPECT_EQ is not here.\n}\n", 1),
+    ("assertions", "tests/test_idle.py", "\ndef test_idle():\n    print(1)\n", 2),
+    ("assertions", "tests/test_class.py", "class TestIdle:\n    def test_idle(self):\n        print(1)\n", 2),
+    ("resources", "src/common/New.cpp", "int* made() {\n    return new int(1);\n}\n", 2),
+    ("resources", "src/common/Delete.cpp", "void gone(int* it) {\n    delete it;\n}\n", 2),
+    ("resources", "src/common/Malloc.cpp", "void* made() {\n    return std::malloc(1);\n}\n", 2),
+    ("resources", "src/common/Free.cpp", "void gone(void* it) {\n    free(it);\n}\n", 2),
+    ("resources", "src/common/Close.cpp", "void gone(int it) {\n    ::close(it);\n}\n", 2),
+    ("resources", "src/common/Goto.cpp", "void loop() {\nagain:\n    goto again;\n}\n", 3),
+    ("resources", "src/common/Mute.cpp", "void gone(int* it) {\n    delete it; // NOLINT(resources)\n}\n", 2),
+    ("shell", "lab/broken.sh", "if true; then\n", 2),
+    ("shell", "lab/unquoted.sh", "rm -f $1\n", 1),
+    ("executables", "scripts/plain", "#!/bin/sh\ntrue\n", 1),
+    ("executables", "lab/plain.py", "#!/usr/bin/python3\n", 1),
+    ("executables", ".ci/plain", "#!/bin/bash\ntrue\n", 1),
+    ("python", "scripts/broken.py", "A = 1\nB = (\n", 2),
+    ("python", "scripts/unused.py", "\nimport os\n", 2),
+    ("python", "tools/program", "#!/usr/bin/python3\nprint(missing)\n", 2),
+    ("words", "notes.txt", "one\ncd /ho" "me/somebody\n", 2),
+    ("words", "scripts/place.py", 'A = "/wo' 'rk/main"\n', 1),
+    ("columns", "scripts/wide.py", f'A = "{LONG_TEXT}{LONG_TEXT}"\n', 1),
+    ("columns", "src/common/Wide.cpp", f"// clang-format off\n// {LONG_TEXT}{LONG_TEXT}\n", 2),
+    ("markdown", "docs/links.md", "one\nsee [two](two.md)\n", 2),
+    ("markdown", "docs/images.md", "![three](../src/common/Thing.h) ![four](four.png)\n", 1),
+]
+
+# What stands close to a rule and doesn't break it.
+HARMLESS = [
+    ("src/common/FileDescriptor.cpp", "void gone(int it) {\n    ::close(it);\n}\n"),
+    ("src/common/Owner.cpp", "void gone(int* it) {\n    delete it; // NOLINT(resources): C made it\n}\n"),
+    ("src/common/Words.cpp", '// A new file; free(d), closed.\nconst char* text = "new goto free(x)";\n'),
+    ("src/common/Members.h", "#pragma once\n\nstruct Members {\n    Members(const Members&) = delete;\n"
+                             "    void close(int how);\n    void free();\n};\n"),
+    ("src/common/IPAddress.h", "#pragma once\n\nclass IPAddress {\n    int bits = 0;\n};\n"),
+    ("src/common/Forward.h", "#pragma once\n\nclass IStore;\n"),
+    ("src/common/Quote.cpp", '// #include "app/Main.h" is upward.\nconst char* text = R"(\n#if 0\n)";\n'),
+    ("tests/unit/Helper.cpp", "TEST(Thing, Helper) {\n    expectOne(thing());\n}\n"),
+    ("tests/test_raises.py", "import pytest\n\n\ndef test_it():\n    with pytest.raises(OSError):\n"
+                             "        open('')\n"),
+    ("tests/test_helper.py", "from thing import wait_until_up\n\n\ndef test_it():\n    wait_until_up()\n"),
+    ("scripts/prose.py", "# A value: what it is (see above);\n# return value\n# for example:\nA = 1\n"),
+    ("scripts/address.py", f'A = "https://example.org/{LONG_TEXT}{LONG_TEXT}"\n'),
+    ("docs/code.md", "```\n[a](b.md)\n```\nand `[c](d.md)`\n"),
+]
+
+# Rules that other tests of this file cover.
+ELSEWHERE = {"tidy"}
+
+
+def write_tree(root, files):
+    for path, text in files.items():
+        file = root / path
+        file.parent.mkdir(parents=True, exist_ok=True)
+        file.write_text(text)
+    for path in CLEAN:
+        if (root / path).exists() and path.startswith("scripts/"):
+            (root / path).chmod(0o755)
+
+
+def lint(root, *arguments):
+    done = subprocess.run([LINT, "--root", root, *arguments], capture_output=True, text=True, timeout=300)
+    assert done.stderr == ""
+    return done.returncode, [re.match(r"(.+?):(\d+): ([a-z]+): (.*)", line).groups()
+                             for line in done.stdout.splitlines()[:-1]]
+
+
+@pytest.fixture
+def tree(tmp_path):
+    write_tree(tmp_path, CLEAN)
+    shutil.copy(ROOT / ".clang-format", tmp_path)
+    return tmp_path
+
+
+def test_a_clean_tree_passes(tree):
+    assert lint(tree, "--fast") == (0, [])
+
+
+def test_a_clean_tree_is_reported_in_one_line(tree):
+    done = subprocess.run([LINT, "--root", tree, "--fast"], capture_output=True, text=True)
+    assert re.fullmatch(r"lint: \d+ rules, \d+ files, no findings\n", done.stdout)
+
+
+@pytest.mark.parametrize("rule, path, text, line", BROKEN, ids=[f"{case[0]}-{case[1]}" for case in BROKEN])
+def test_a_broken_rule_is_found(tree, rule, path, text, line):
+    write_tree(tree, {path: text})
+    status, findings = lint(tree, "--fast")
+    assert status == 1
+    assert {finding[:3] for finding in findings} == {(path, str(line), rule)}
+
+
+@pytest.mark.parametrize("path, text", HARMLESS, ids=[case[0] for case in HARMLESS])
+def test_what_breaks_no_rule_passes(tree, path, text):
+    write_tree(tree, {path: text})
+    assert lint(tree, "--fast") == (0, [])
+
+
+def test_every_rule_is_proved():
+    listed = subprocess.run([LINT, "--list"], capture_output=True, text=True, check=True).stdout.split()
+    assert {rule for rule, *_ in BROKEN} | ELSEWHERE == set(listed)
+
+
+def test_a_chosen_rule_runs_alone(tree):
+    write_tree(tree, {"notes.txt": "one \n", "docs/links.md": "[two](two.md)\n"})
+    assert [finding[2] for finding in lint(tree, "markdown")[1]] == ["markdown"]
+    assert [finding[2] for finding in lint(tree, "whitespace")[1]] == ["whitespace"]
+
+
+def test_ignored_files_of_a_repository_are_left_alone(tree):
+    write_tree(tree, {".gitignore": "made.txt\n", "made.txt": "one \n", "new.txt": "two \n"})
+    subprocess.run(["git", "init", "--quiet", tree], check=True)
+    assert {finding[0] for finding in lint(tree, "--fast")[1]} == {"new.txt"}
+
+
+def test_format_lists_and_mends_what_differs(tree):
+    write_tree(tree, {"src/common/Odd.cpp": "int odd() {\n  return 1;\n}\n"})
+    check = [FORMAT, "--root", tree, "--check"]
+    refused = subprocess.run(check, capture_output=True, text=True)
+    assert (refused.returncode, refused.stdout) == (1, "src/common/Odd.cpp\n")
+    subprocess.run([FORMAT, "--root", tree], check=True)
+    assert (tree / "src/common/Odd.cpp").read_text() == "int odd() {\n    return 1;\n}\n"
+    assert subprocess.run(check).returncode == 0
+
+
+class TidyTree:
+    """A tree with the project's own .clang-tidy files, whose sources are all in the compile commands."""
+
+    def __init__(self, root):
+        self.root = root
+        for path in (".clang-format", ".clang-tidy", "tests/.clang-tidy"):
+            (root / path).parent.mkdir(exist_ok=True)
+            shutil.copy(ROOT / path, root / path)
+
+    def write(self, **files):
+        paths = {name: name.replace("__", "/").replace("_", ".") for name in files}
+        write_tree(self.root, {paths[name]: text for name, text in files.items()})
+        commands = [{"directory": str(self.root), "file": str(source),
+                     "command": f"c++ -std=c++20 -Wall -Wshadow=local -Werror -I{self.root}/src -c {source}"}
+                    for source in sorted(self.root.rglob("*.cpp"))]
+        write_tree(self.root, {"build/debug/compile_commands.json": json.dumps(commands)})
+
+    def findings(self, *arguments):
+        """(path, line, name of the check) of each finding."""
+        status, found = lint(self.root, "tidy", *arguments)
+        assert status == (1 if found else 0)
+        assert all(rule == "tidy" for _, _, rule, _ in found)
+        return [(path, int(line), re.search(r"\[(.+)\]$", message)[1]) for path, line, _, message in found]
+
+
+@pytest.fixture
+def tidy(tmp_path):
+    return TidyTree(tmp_path)
+
+
+USE_AFTER_MOVE = """\
+#include <string>
+#include <utility>
+
+std::size_t lengthOf(std::string& text) {
+    const std::string taken = std::move(text);
+    return taken.size() + text.size();
+}
+"""
+
+
+def long_function(lines):
+    """A function whose body has this many lines between its braces."""
+    return "void use(int number);\n\nvoid longOne() {\n" + "    use(1);\n" * lines + "}\n"
+
+
+def test_tidy_passes_a_clean_source(tidy):
+    tidy.write(src__A_cpp="int one() {\n    return 1;\n}\n")
+    assert tidy.findings() == []
+
+
+def test_tidy_refuses_a_use_after_move(tidy):
+    tidy.write(src__A_cpp=USE_AFTER_MOVE)
+    assert ("src/A.cpp", 6, "bugprone-use-after-move") in tidy.findings()
+
+
+def test_tidy_refuses_functions_of_more_than_sixty_lines(tidy):
+    tidy.write(src__A_cpp=long_function(59))
+    assert tidy.findings() == []
+    tidy.write(src__A_cpp=long_function(61))
+    assert tidy.findings() == [("src/A.cpp", 3, "readability-function-size")]
+
+
+@pytest.mark.parametrize("check, line, text", [
+    ("clang-diagnostic-error", 1, "int broken() { return missing; }\n"),
+    ("cppcoreguidelines-avoid-non-const-global-variables", 1, "int counter = 0;\n"),
+    ("cppcoreguidelines-pro-type-reinterpret-cast", 2,
+     "int read(const char* text) {\n    return *reinterpret_cast<const int*>(text);\n}\n"),
+    ("cppcoreguidelines-special-member-functions", 1, "struct Owner {\n    ~Owner();\n};\n"),
+    ("clang-diagnostic-reserved-identifier", 1, "void _Reserved();\n"),
+    ("google-explicit-constructor", 2, "struct Wrapper {\n    Wrapper(int number);\n};\n"),
+    ("readability-braces-around-statements", 2, "int sign(int number) {\n    if (number < 0)\n"
+                                                "        return -1;\n    return 1;\n}\n"),
+    ("readability-else-after-return", 4, "int sign(int number) {\n    if (number < 0) {\n        return -1;\n"
+                                         "    } else {\n        return 1;\n    }\n}\n"),
+    ("readability-identifier-naming", 1, "class lower_one {};\n"),
+    ("readability-identifier-naming", 1, "void UpperOne();\n"),
+    ("readability-identifier-naming", 2, "struct Point {\n    int x_position;\n};\n"),
+    ("concurrency-mt-unsafe", 3, "#include <cstring>\n\nconst char* words() { return strerror(1); }\n"),
+    ("clang-analyzer-core.NullDereference", 3,
+     "int zero() {\n    const int* nothing = nullptr;\n    return *nothing;\n}\n"),
+])
+def test_tidy_check_is_on(tidy, check, line, text):
+    tidy.write(src__A_cpp=text)
+    assert ("src/A.cpp", line, check) in tidy.findings()
+
+
+def test_tidy_lets_laid_down_names_pass(tidy):
+    tidy.write(src__A_cpp="class bad_request {};\nclass generic_library_error {};\nclass cancel_op {};\n"
+                          "class qparam {};\nvoid RunQuery();\nclass Db {\n    void RunUpdate();\n};\n")
+    assert tidy.findings() == []
+
+
+def test_tidy_looks_into_headers(tidy):
+    tidy.write(src__A_h="#pragma once\n\nclass lower_one {};\n", src__A_cpp='#include "A.h"\n')
+    assert tidy.findings() == [("src/A.h", 3, "readability-identifier-naming")]
+
+
+def test_tidy_has_milder_rules_for_tests(tidy):
+    text = "#include <gtest/gtest.h>\n\nTEST(Thing, IsOne) {\n" + "    EXPECT_EQ(1, 1);\n" * 61 + "}\n"
+    tidy.write(tests__ATest_cpp=text)
+    assert tidy.findings() == []
+    tidy.write(tests__ATest_cpp=USE_AFTER_MOVE)
+    assert ("tests/ATest.cpp", 6, "bugprone-use-after-move") in tidy.findings()
+
+
+def test_tidy_remembers_what_was_clean(tidy):
+    tidy.write(src__A_cpp="int one() {\n    return 1;\n}\n")
+    assert tidy.findings() == []
+    remembered = [file.stat().st_mtime_ns for file in (tidy.root / "build/.tidy-cache").iterdir()]
+    assert tidy.findings() == []
+    assert len(remembered) == 1
+    assert remembered == [file.stat().st_mtime_ns for file in (tidy.root / "build/.tidy-cache").iterdir()]
+
+
+def test_tidy_remembers_no_finding_as_clean(tidy):
+    tidy.write(src__A_cpp=USE_AFTER_MOVE)
+    assert tidy.findings() == tidy.findings() != []
+
+
+def test_tidy_memory_hides_no_new_finding_in_the_source(tidy):
+    tidy.write(src__A_cpp="int one() {\n    return 1;\n}\n")
+    assert tidy.findings() == []
+    tidy.write(src__A_cpp=USE_AFTER_MOVE)
+    assert ("src/A.cpp", 6, "bugprone-use-after-move") in tidy.findings()
+
+
+def test_tidy_memory_hides_no_new_finding_in_a_header_that_a_header_includes(tidy):
+    tidy.write(src__A_cpp='#include "b/B.h"\n', src__b__B_h='#pragma once\n#include "b/C.h"\n',
+               src__b__C_h="#pragma once\n")
+    assert tidy.findings() == []
+    tidy.write(src__b__C_h="#pragma once\nclass lower_one {};\n")
+    assert tidy.findings() == [("src/b/C.h", 2, "readability-identifier-naming")]
+
+
+def test_tidy_memory_ends_with_a_change_of_the_checks(tidy):
+    tidy.write(src__A_cpp="int one() {\n    return 7;\n}\n")
+    assert tidy.findings() == []
+    configuration = tidy.root / ".clang-tidy"
+    configuration.write_text(configuration.read_text().replace("  -readability-magic-numbers,\n", ""))
+    assert tidy.findings() == [("src/A.cpp", 2, "readability-magic-numbers")]
+
+
+def test_tidy_checks_what_has_changed_and_with_all_everything(tidy):
+    tidy.write(src__A_cpp=USE_AFTER_MOVE, src__B_cpp='#include "B.h"\n', src__B_h="#pragma once\n",
+               src__C_cpp='#include "B.h"\n', _gitignore="/build/\n")
+    git = ["git", "-C", tidy.root, "-c", "user.name=A", "-c", "user.email=a@example.org"]
+    subprocess.run([*git, "init", "--quiet"], check=True)
+    subprocess.run([*git, "add", "."], check=True)
+    subprocess.run([*git, "commit", "--quiet", "--message", "All"], check=True)
+    assert tidy.findings() == []
+    tidy.write(src__B_h="#pragma once\n\nclass lower_one {};\n")
+    assert tidy.findings() == [("src/B.h", 3, "readability-identifier-naming")]
+    assert {path for path, _, _ in tidy.findings("--all")} == {"src/A.cpp", "src/B.h"}
