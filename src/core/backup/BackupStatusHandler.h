@@ -1,0 +1,62 @@
+#pragma once
+
+#include "core/backup/BackupType.h"
+#include "core/backup/IBackupStatusHandler.h"
+#include "info/log/Logger.h"
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+
+namespace agent::core::backup {
+
+/// See IBackupStatusHandler. There is no lock: every value is an atomic of its own and the vector never
+/// changes its size. A reader thus sees each value whole, but values of different moments side by side.
+/// The elapsed time is that of the wall clock: it jumps along when the clock is set, and is negative while
+/// the clock stands before the moment at which the backup was made.
+class BackupStatusHandler : public IBackupStatusHandler {
+public:
+    using Clock = std::function<std::chrono::system_clock::time_point()>;
+
+    BackupStatusHandler(info::Logger& logger, const std::vector<std::string>& volumeUUIDs,
+                        Clock clock = &std::chrono::system_clock::now);
+
+    void getStatus(BackupStatus& out) const override;
+    [[nodiscard]] bool isActive() const override;
+    [[nodiscard]] bool isFinished() const override;
+    [[nodiscard]] double getElapsedSeconds() const override;
+    void setConnectionError() override;
+    [[nodiscard]] bool hasConnectionError() const override;
+    void setSnapshotError() override;
+    [[nodiscard]] bool hasSnapshotError() const override;
+    void setVolumeState(const std::string& uuid, std::uint32_t state) override;
+    void setVolumeBackupType(const std::string& uuid, std::uint32_t type) override;
+    void setVolumeBytesTransferred(const std::string& uuid, std::uint64_t bytes) override;
+    void setVolumeTotalSize(const std::string& uuid, std::int64_t bytes) override;
+    [[nodiscard]] std::vector<VolumeBackupStatus> getVolumeStatuses() const override;
+    void setAllVolumesFailed() override;
+
+private:
+    /// VolumeBackupStatus, shared between threads.
+    struct Volume {
+        explicit Volume(const std::string& uuid) : uuid(uuid) {}
+
+        const std::string uuid;
+        std::atomic<std::uint32_t> state = VOLUME_ACTIVE;
+        std::atomic<std::uint32_t> backupType = INCREMENTAL;
+        std::atomic<std::uint64_t> bytesTransferred = 0;
+        std::atomic<std::int64_t> totalSize = -1;
+    };
+
+    /// Null, with a log line, for a volume that is not part of the backup.
+    Volume* find(const std::string& uuid);
+
+    info::Logger& logger;
+    const Clock clock;
+    const std::chrono::system_clock::time_point startWallClock;
+    std::atomic<bool> connectionError = false;
+    std::atomic<bool> snapshotError = false;
+    std::vector<Volume> volumes; // in the order in which the UUIDs were given
+};
+
+} // namespace agent::core::backup
