@@ -1,0 +1,19 @@
+#pragma once
+
+#include "core/script/ICommandUtility.h"
+
+namespace agent::core::script {
+
+/// Starts commands as child processes of the agent.
+/// Owns:    nothing.
+/// Threads: safe from any.
+/// Fails:   with PosixError if there is no pipe or process to be had. A command that the shell can't find is
+///          no failure: the shell says so in the stream.
+class CommandUtility : public ICommandUtility {
+public:
+    std::unique_ptr<ICommandStream> createCommandStream(const std::string& command,
+                                                        const std::string& directory,
+                                                        bool killOnDestroy) override;
+};
+
+} // namespace agent::core::script

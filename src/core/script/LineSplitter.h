@@ -1,0 +1,32 @@
+#pragma once
+
+#include <cstddef>
+#include <functional>
+#include <string>
+#include <string_view>
+
+namespace agent::core::script {
+
+/// Cuts a text that arrives in pieces into lines. A newline after a backslash doesn't end a line; both stay
+/// part of it.
+/// Owns:    the line that is still incomplete.
+/// Threads: one at a time.
+/// Fails:   never; a line is cut short at `longestLine`, since a script may print without ever ending one.
+class LineSplitter {
+public:
+    using LineFunction = std::function<void(const std::string& line)>;
+
+    /// In bytes. What a longer line holds beyond them is dropped.
+    static constexpr std::size_t longestLine = 64 * 1024;
+
+    /// Calls `lineEnded` with each line that `piece` completes, without its newline.
+    void add(std::string_view piece, const LineFunction& lineEnded);
+
+private:
+    void keep(std::string_view part);
+
+    std::string pending;
+    bool afterBackslash = false; // also if that one has been dropped
+};
+
+} // namespace agent::core::script

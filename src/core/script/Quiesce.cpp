@@ -1,0 +1,111 @@
+#include "core/script/Quiesce.h"
+
+#include "common/BaseDirectories.h"
+#include "common/Directory.h"
+#include "common/File.h"
+#include "common/Path.h"
+#include "core/script/LineSplitter.h"
+
+#include <algorithm>
+#include <chrono>
+#include <stdexcept>
+#include <sys/stat.h>
+
+namespace agent::core::script {
+
+namespace {
+
+using std::chrono::steady_clock;
+
+constexpr std::int64_t microsecondsPerSecond = 1'000'000;
+/// How far a run may exceed its time-out through what happens between the waits for output. Wide enough that
+/// it never decides about a script that leaves the agent time to wait.
+constexpr std::chrono::seconds overrun(1);
+
+bool isDirectory(const std::string& path) {
+    struct ::stat found {};
+    return ::stat(path.c_str(), &found) == 0 && S_ISDIR(found.st_mode);
+}
+
+/// A link counts as what it leads to: one to a directory or to nothing is no script.
+bool isScript(const std::string& path) {
+    struct ::stat found {};
+    return ::stat(path.c_str(), &found) == 0 && !S_ISDIR(found.st_mode);
+}
+
+std::string locate(const std::string& script) {
+    return script.find('/') == std::string::npos ? (dir::base() / "pps" / script).str() : script;
+}
+
+/// Lowers `remaining` to what is left until `end`. False if that is nothing.
+bool limit(std::int64_t& remaining, steady_clock::time_point end) {
+    const auto left = std::chrono::duration_cast<std::chrono::microseconds>(end - steady_clock::now());
+    remaining = std::min(remaining, left.count());
+    return left.count() > 0;
+}
+
+} // namespace
+
+Quiesce::Quiesce(info::Logger& logger, ICommandUtility& commandUtility)
+    : logger(logger), commandUtility(commandUtility) {}
+
+std::set<std::string> Quiesce::getScripts(const std::string& directory) {
+    std::set<std::string> scripts;
+    if (!isDirectory(directory)) {
+        logger.log(info::level::debug, "Quiesce/PPS directory %s not found", directory.c_str());
+        return scripts;
+    }
+    for (const std::string& name : dir::list(directory)) {
+        if (isScript(Path(directory) / name)) {
+            scripts.insert(name);
+        }
+    }
+    return scripts;
+}
+
+void Quiesce::runScript(const std::string& script, std::uint32_t timeoutSeconds, bool isPre) {
+    const std::string path = locate(script);
+    if (!file::exists(path)) {
+        throw std::runtime_error("Quiesce script \"" + path +
+                                 "\" not found; it may have been moved or deleted");
+    }
+    const std::string mode = isPre ? "PRE" : "POST";
+    const std::string commandLine = path + " " + mode;
+    logger.log(info::level::info, "The following %s quiescing script command will be run: \"%s\"",
+               mode.c_str(), commandLine.c_str());
+    const std::unique_ptr<ICommandStream> stream = start(commandLine);
+    logOutput(path, *stream, timeoutSeconds);
+    logger.log(info::level::info, "Done executing quiescing script '%s'", path.c_str());
+}
+
+std::unique_ptr<ICommandStream> Quiesce::start(const std::string& commandLine) {
+    std::unique_ptr<ICommandStream> stream;
+    try {
+        stream = commandUtility.createCommandStream(commandLine, "", true);
+    } catch (const std::exception& error) {
+        logger.log(info::level::error, "%s", error.what());
+    }
+    if (!stream) {
+        const std::string message =
+            "Failed to construct command execution stream, command \"" + commandLine + "\" failed";
+        logger.log(info::level::error, "%s", message.c_str());
+        throw std::logic_error(message);
+    }
+    return stream;
+}
+
+void Quiesce::logOutput(const std::string& path, ICommandStream& stream, std::uint32_t timeoutSeconds) {
+    std::int64_t remaining = timeoutSeconds * microsecondsPerSecond;
+    const auto end = steady_clock::now() + std::chrono::seconds(timeoutSeconds) + overrun;
+    const auto logLine = [&](const std::string& line) {
+        logger.log(info::level::info, "%s: %s", path.c_str(), line.c_str());
+    };
+    LineSplitter lines;
+    std::string chunk;
+    while (limit(remaining, end) && stream.waitForOutput(remaining) && stream.readAvailable(chunk)) {
+        lines.add(chunk, logLine);
+        chunk.clear();
+    }
+}
+
+} // namespace agent::core::script

@@ -1,0 +1,421 @@
+#include "core/script/Quiesce.h"
+
+#include "common/File.h"
+#include "common/PosixError.h"
+#include "core/script/CommandUtility.h"
+#include "core/script/LineSplitter.h"
+#include "support/ProcessState.h"
+#include "support/RecordingLogger.h"
+#include "support/TestDirectory.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <fstream>
+#include <memory>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <utility>
+#include <vector>
+
+namespace agent::core::script {
+namespace {
+
+using info::level::debug;
+using info::level::error;
+using std::chrono::steady_clock;
+using test::RecordingLogger;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+constexpr std::chrono::seconds generous(10);
+
+Path scriptDirectory() {
+    return dir::base() / "pps";
+}
+
+/// Puts an executable shell script into the agent's directory of scripts.
+std::string install(const std::string& name, const std::string& text) {
+    const std::string path = scriptDirectory() / name;
+    test::writeFile(path, "#!/bin/sh\n" + text);
+    EXPECT_EQ(::chmod(path.c_str(), 0755), 0);
+    return path;
+}
+
+std::size_t highestMemoryKiB() {
+    ::rusage usage{};
+    ::getrusage(RUSAGE_SELF, &usage);
+    return static_cast<std::size_t>(usage.ru_maxrss);
+}
+
+// Real scripts
+
+class RealScripts : public testing::Test {
+protected:
+    void SetUp() override { dir::make(scriptDirectory()); }
+    void TearDown() override {
+        dir::remove(scriptDirectory());
+        EXPECT_TRUE(test::hasNoChildren());
+        EXPECT_EQ(test::openDescriptors(), descriptors);
+    }
+
+    /// Runs a script; returns what it had logged of its output. Fails the test unless begin and end are
+    /// logged around it.
+    std::vector<std::string> run(const std::string& script, std::uint32_t timeoutSeconds, bool isPre = true) {
+        log.clear();
+        quiesce.runScript(script, timeoutSeconds, isPre);
+        const std::string path =
+            script.find('/') == std::string::npos ? (scriptDirectory() / script).str() : script;
+        const std::string mode = isPre ? "PRE" : "POST";
+        const auto lines = log.lines();
+        const RecordingLogger::Line first{info::level::info, "The following " + mode +
+                                                                 " quiescing script command will be run: \"" +
+                                                                 path + " " + mode + "\""};
+        const RecordingLogger::Line last{info::level::info, "Done executing quiescing script '" + path + "'"};
+        if (lines.size() < 2) {
+            ADD_FAILURE() << "too few lines";
+            return {};
+        }
+        EXPECT_EQ(lines.front(), first);
+        EXPECT_EQ(lines.back(), last);
+        std::vector<std::string> output;
+        for (std::size_t line = 1; line + 1 < lines.size(); ++line) {
+            EXPECT_EQ(lines[line].level, info::level::info);
+            EXPECT_TRUE(lines[line].text.starts_with(path + ": ")) << lines[line].text;
+            output.push_back(lines[line].text.substr(path.size() + 2));
+        }
+        return output;
+    }
+
+    std::size_t descriptors = test::openDescriptors();
+    RecordingLogger log;
+    CommandUtility utility;
+    Quiesce quiesce{log.logger, utility};
+};
+
+TEST_F(RealScripts, OnlyFilesAreOffered) {
+    const auto path = [](const std::string& name) { return (scriptDirectory() / name).str(); };
+    install("b", "");
+    install("B", "");
+    install("10", "");
+    install("9", "");
+    test::writeFile(path("not executable"), "");
+    dir::make(path("directory"));
+    EXPECT_EQ(::symlink("b", path("link").c_str()), 0);
+    EXPECT_EQ(::symlink("directory", path("link to directory").c_str()), 0);
+    EXPECT_EQ(::symlink("nothing", path("dangling").c_str()), 0);
+    EXPECT_EQ(::symlink("circle", path("circle").c_str()), 0);
+    EXPECT_THAT(quiesce.getScripts(scriptDirectory()),
+                ElementsAre("10", "9", "B", "b", "link", "not executable"));
+    EXPECT_THAT(log.lines(), IsEmpty());
+}
+
+TEST_F(RealScripts, ADirectoryOfScriptsMayBeEmptyOrALink) {
+    EXPECT_THAT(quiesce.getScripts(scriptDirectory()), IsEmpty());
+    EXPECT_THAT(log.lines(), IsEmpty());
+    const test::TestDirectory other;
+    test::writeFile(other / "script", "");
+    EXPECT_EQ(::symlink(other.path().str().c_str(), (scriptDirectory() / "link").str().c_str()), 0);
+    EXPECT_THAT(quiesce.getScripts(scriptDirectory() / "link"), ElementsAre("script"));
+}
+
+TEST_F(RealScripts, NoDirectoryOffersNoScripts) {
+    const std::string file = install("file", "");
+    EXPECT_THAT(quiesce.getScripts("/nowhere"), IsEmpty());
+    EXPECT_THAT(quiesce.getScripts(file), IsEmpty());
+    EXPECT_THAT(log.lines(),
+                ElementsAre(RecordingLogger::Line{debug, "Quiesce/PPS directory /nowhere not found"},
+                            RecordingLogger::Line{debug, "Quiesce/PPS directory " + file + " not found"}));
+}
+
+TEST_F(RealScripts, ScriptGetsTheMode) {
+    install("script", "echo \"$#\" \"$1\"\n");
+    EXPECT_THAT(run("script", 20, true), ElementsAre("1 PRE"));
+    EXPECT_THAT(run("script", 20, false), ElementsAre("1 POST"));
+}
+
+TEST_F(RealScripts, NameWithASlashIsAPath) {
+    const test::TestDirectory other;
+    const std::string path = other / "script";
+    test::writeFile(path, "#!/bin/sh\necho elsewhere\n");
+    EXPECT_EQ(::chmod(path.c_str(), 0755), 0);
+    EXPECT_THAT(run(path, 20), ElementsAre("elsewhere"));
+}
+
+TEST_F(RealScripts, MissingScriptIsAnError) {
+    const std::string path = scriptDirectory() / "missing";
+    try {
+        quiesce.runScript("missing", 20, true);
+        ADD_FAILURE() << "nothing thrown";
+    } catch (const std::runtime_error& error) {
+        EXPECT_EQ(std::string(error.what()),
+                  "Quiesce script \"" + path + "\" not found; it may have been moved or deleted");
+    }
+    EXPECT_THAT(log.lines(), IsEmpty());
+}
+
+TEST_F(RealScripts, WhatTheShellCannotRunIsNoError) {
+    const std::string plain = scriptDirectory() / "plain";
+    test::writeFile(plain, "#!/bin/sh\n");
+    const std::string dangling = scriptDirectory() / "dangling";
+    EXPECT_EQ(::symlink("nothing", dangling.c_str()), 0);
+    const std::string directory = scriptDirectory() / "directory";
+    dir::make(directory);
+    EXPECT_THAT(run("plain", 20), ElementsAre("sh: 1: " + plain + ": Permission denied"));
+    EXPECT_THAT(run("dangling", 20), ElementsAre("sh: 1: " + dangling + ": not found"));
+    EXPECT_THAT(run("directory", 20), ElementsAre("sh: 1: " + directory + ": Permission denied"));
+}
+
+TEST_F(RealScripts, FailingScriptIsNoError) {
+    install("script", "echo before\nexit 3\n");
+    EXPECT_THAT(run("script", 20), ElementsAre("before"));
+}
+
+TEST_F(RealScripts, OutputAndErrorsAreLoggedLineByLine) {
+    install("script",
+            "printf on; sleep 0.1; printf 'e\\ntw' >&2; sleep 0.1; printf 'o\\n\\n'; printf rest\n");
+    EXPECT_THAT(run("script", 20), ElementsAre("one", "two", ""));
+}
+
+TEST_F(RealScripts, BackslashJoinsLines) {
+    install("script", "printf 'a\\\\'; sleep 0.1; printf '\\nb\\n'\n");
+    EXPECT_THAT(run("script", 20), ElementsAre("a\\\nb"));
+}
+
+TEST_F(RealScripts, NulByteEndsWhatIsLoggedOfItsLine) {
+    install("script", "printf 'a\\000b\\nc\\n'\n");
+    EXPECT_THAT(run("script", 20), ElementsAre("a", "c"));
+}
+
+TEST_F(RealScripts, SilentScriptIsKilledAfterItsTime) {
+    install("script", "exec sleep 20\n");
+    const auto begin = steady_clock::now();
+    EXPECT_THAT(run("script", 1), IsEmpty());
+    EXPECT_GE(steady_clock::now() - begin, std::chrono::seconds(1));
+    EXPECT_LT(steady_clock::now() - begin, generous);
+}
+
+TEST_F(RealScripts, TimeIsForTheWholeRun) {
+    install("script", "while :; do echo tick; sleep 0.1; done\n");
+    const auto begin = steady_clock::now();
+    EXPECT_THAT(run("script", 1), testing::Contains("tick"));
+    EXPECT_LT(steady_clock::now() - begin, generous);
+}
+
+TEST_F(RealScripts, NoTimeKillsAScriptRightAway) {
+    const std::string mark = scriptDirectory() / "mark";
+    install("script", "sleep 2\necho late >" + mark + "\n");
+    const auto begin = steady_clock::now();
+    EXPECT_THAT(run("script", 0), IsEmpty());
+    EXPECT_LT(steady_clock::now() - begin, std::chrono::seconds(1));
+    EXPECT_FALSE(file::exists(mark));
+}
+
+TEST_F(RealScripts, TimeEndsTheWaitForAChildThatHoldsTheOutput) {
+    install("script", "echo text\nsleep 5 &\n");
+    const auto begin = steady_clock::now();
+    EXPECT_THAT(run("script", 1), ElementsAre("text"));
+    EXPECT_GE(steady_clock::now() - begin, std::chrono::seconds(1));
+    EXPECT_LT(steady_clock::now() - begin, std::chrono::seconds(4));
+}
+
+TEST_F(RealScripts, TimeHoldsForAScriptThatClosesItsOutput) {
+    // The shell that has started it may hold the output open on its behalf.
+    install("script", "echo text\nexec >&- 2>&-\nexec sleep 20\n");
+    const auto begin = steady_clock::now();
+    EXPECT_THAT(run("script", 1), ElementsAre("text"));
+    EXPECT_LT(steady_clock::now() - begin, generous);
+}
+
+TEST_F(RealScripts, TimeHoldsForOutputThatEndsOnAFullReadStep) {
+    install("script", "printf '%0256d' 7\nexec sleep 20\n");
+    const auto begin = steady_clock::now();
+    EXPECT_THAT(run("script", 1), IsEmpty());
+    EXPECT_LT(steady_clock::now() - begin, generous);
+}
+
+TEST_F(RealScripts, TimeHoldsForOutputWithoutPause) {
+    install("script", "exec cat /dev/zero\n");
+    const auto begin = steady_clock::now();
+    EXPECT_THAT(run("script", 1), IsEmpty());
+    EXPECT_THAT(run("script", 0), IsEmpty());
+    EXPECT_LT(steady_clock::now() - begin, generous);
+}
+
+TEST_F(RealScripts, HugeLineIsReadInBoundedMemoryAndLoggedInPart) {
+    install("script", "head -c 104857600 /dev/zero | tr '\\000' x\necho\necho after\n");
+    const std::size_t before = highestMemoryKiB();
+    const auto begin = steady_clock::now();
+    EXPECT_THAT(run("script", 200), ElementsAre(std::string(LineSplitter::longestLine, 'x'), "after"));
+    EXPECT_LT(steady_clock::now() - begin, std::chrono::seconds(60));
+    EXPECT_LT(highestMemoryKiB() - before, 32U * 1024U);
+}
+
+TEST_F(RealScripts, IgnoredSigchldStaysIgnored) {
+    const test::ScopedDisposition ignored(SIGCHLD, SIG_IGN);
+    install("script", "true &\nwait $!\necho $?\nsleep 0.2\necho end\n");
+    EXPECT_THAT(run("script", 20), ElementsAre("0", "end"));
+    EXPECT_EQ(test::disposition(SIGCHLD).sa_handler, SIG_IGN);
+}
+
+// Another kind of stream
+
+/// Plays back what it is given: each chunk answers one `readAvailable`; then the output is at its end.
+class PlayedStream : public ICommandStream {
+public:
+    struct Play {
+        std::vector<std::string> chunks;
+        int failure = 0;   ///< errno of the PosixError after the last chunk, if not 0
+        bool late = false; ///< time out after the last chunk
+        std::vector<std::int64_t> asked;
+        bool destroyed = false;
+    };
+
+    explicit PlayedStream(Play& play) : play(play) {}
+    PlayedStream(const PlayedStream&) = delete;
+    PlayedStream& operator=(const PlayedStream&) = delete;
+    ~PlayedStream() override { play.destroyed = true; }
+
+    bool waitForOutput(std::int64_t& remaining) override {
+        play.asked.push_back(remaining);
+        remaining -= std::min<std::int64_t>(remaining, 1000);
+        return !play.late || next < play.chunks.size();
+    }
+    bool readChar(char* byte) override {
+        *byte = 0;
+        return false;
+    }
+    bool readAvailable(std::string& out) override {
+        EXPECT_EQ(out, "");
+        if (next < play.chunks.size()) {
+            out = play.chunks[next++];
+            return true;
+        }
+        if (play.failure != 0) {
+            throw PosixError("read failed!", play.failure);
+        }
+        return false;
+    }
+    int wait() override { return 0; }
+    void kill() override {}
+    [[nodiscard]] bool isEof() const override { return false; }
+    [[nodiscard]] bool isReaped() const override { return false; }
+    [[nodiscard]] bool hasExited() const override { return false; }
+
+private:
+    Play& play;
+    std::size_t next = 0;
+};
+
+/// Hands out a played stream, or throws or hands out nothing.
+class PlayedUtility : public ICommandUtility {
+public:
+    std::unique_ptr<ICommandStream> createCommandStream(const std::string& command,
+                                                        const std::string& directory,
+                                                        bool killOnDestroy) override {
+        EXPECT_EQ(command, "/bin/true PRE");
+        EXPECT_EQ(directory, "");
+        EXPECT_TRUE(killOnDestroy);
+        if (toThrow) {
+            toThrow();
+        }
+        return none ? nullptr : std::make_unique<PlayedStream>(play);
+    }
+
+    PlayedStream::Play play;
+    void (*toThrow)() = nullptr;
+    bool none = false;
+};
+
+class PlayedScripts : public testing::Test {
+protected:
+    void run(std::uint32_t timeoutSeconds = 20) { quiesce.runScript("/bin/true", timeoutSeconds, true); }
+
+    /// Runs a script that can't be started; returns the text of the logic_error.
+    std::string failure() {
+        try {
+            run();
+        } catch (const std::logic_error& error) {
+            return error.what();
+        }
+        return "nothing thrown";
+    }
+
+    static constexpr const char* begin =
+        "The following PRE quiescing script command will be run: \"/bin/true PRE\"";
+    static constexpr const char* done = "Done executing quiescing script '/bin/true'";
+    static constexpr const char* notStarted =
+        "Failed to construct command execution stream, command \"/bin/true PRE\" failed";
+
+    RecordingLogger log;
+    PlayedUtility utility;
+    Quiesce quiesce{log.logger, utility};
+};
+
+TEST_F(PlayedScripts, EachChunkIsSplitIntoLines) {
+    utility.play.chunks = {"o", "ne\ntwo\nthr", "ee\n", "rest"};
+    run();
+    EXPECT_THAT(log.lines(), ElementsAre(RecordingLogger::Line{info::level::info, begin},
+                                         RecordingLogger::Line{info::level::info, "/bin/true: one"},
+                                         RecordingLogger::Line{info::level::info, "/bin/true: two"},
+                                         RecordingLogger::Line{info::level::info, "/bin/true: three"},
+                                         RecordingLogger::Line{info::level::info, done}));
+    EXPECT_TRUE(utility.play.destroyed);
+}
+
+TEST_F(PlayedScripts, OneTimeIsSpentByAllReads) {
+    utility.play.chunks = {"a\n", "b\n"};
+    run();
+    EXPECT_THAT(utility.play.asked, ElementsAre(20'000'000, 19'999'000, 19'998'000));
+}
+
+TEST_F(PlayedScripts, LongestTimeIsNotCutOff) {
+    run(0xffffffff);
+    EXPECT_THAT(utility.play.asked, ElementsAre(4'294'967'295'000'000));
+}
+
+TEST_F(PlayedScripts, NoTimeStillReadsWhatIsWaiting) {
+    utility.play.chunks = {"a\n", "b\n"};
+    utility.play.late = true;
+    run(0);
+    EXPECT_THAT(utility.play.asked, ElementsAre(0, 0, 0));
+    EXPECT_TRUE(log.has(info::level::info, "/bin/true: b"));
+    EXPECT_TRUE(log.has(info::level::info, done));
+}
+
+TEST_F(PlayedScripts, FailureOfTheStreamPasses) {
+    utility.play.chunks = {"a\n"};
+    utility.play.failure = EIO;
+    EXPECT_THROW(run(), PosixError);
+    EXPECT_TRUE(utility.play.destroyed);
+    EXPECT_TRUE(log.has(info::level::info, "/bin/true: a"));
+    EXPECT_FALSE(log.has(info::level::info, done));
+}
+
+TEST_F(PlayedScripts, FailureToStartIsLoggedAndALogicError) {
+    utility.toThrow = [] { throw PosixError("fork failed!", EAGAIN); };
+    EXPECT_EQ(failure(), notStarted);
+    EXPECT_THAT(log.lines(),
+                ElementsAre(RecordingLogger::Line{info::level::info, begin},
+                            RecordingLogger::Line{error, "fork failed!: Resource temporarily unavailable | "
+                                                         "ERROR(Posix) : 11 (0xb)"},
+                            RecordingLogger::Line{error, notStarted}));
+}
+
+TEST_F(PlayedScripts, NoStreamIsALogicError) {
+    utility.none = true;
+    EXPECT_EQ(failure(), notStarted);
+    EXPECT_EQ(log.count(error, notStarted), 1);
+}
+
+TEST_F(PlayedScripts, OtherExceptionsPass) {
+    utility.toThrow = [] { throw 7; };
+    EXPECT_THROW(run(), int);
+    EXPECT_FALSE(log.has(error, notStarted));
+}
+
+} // namespace
+} // namespace agent::core::script
