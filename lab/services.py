@@ -5,7 +5,7 @@ Each is a context manager, to be used inside lab/namespace, where /run is privat
     with SystemBus(), LoginManager():
         ...
 
-A service that doesn't get ready in time, or has ended too early, raises ServiceError with all that it printed.
+A service that doesn't get ready in time, or has ended too early, raises ServiceError with what it printed.
 """
 import os
 import pathlib
@@ -91,7 +91,8 @@ class Service:
         except subprocess.TimeoutExpired as error:
             process.kill()
             process.wait()
-            raise ServiceError(f"{type(self).__name__} ignored SIGTERM; it printed:\n{self.output}") from error
+            raise ServiceError(
+                f"{type(self).__name__} ignored SIGTERM; it printed:\n{self.output}") from error
         finally:
             self._log.close()
 
@@ -105,8 +106,8 @@ class Service:
 def has_owner(name):
     """Whether a service of this name is on the system bus."""
     answer = subprocess.run(
-        ["busctl", "--system", "call", "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
-         "NameHasOwner", "s", name],
+        ["busctl", "--system", "call", "org.freedesktop.DBus", "/org/freedesktop/DBus",
+         "org.freedesktop.DBus", "NameHasOwner", "s", name],
         capture_output=True, text=True, check=False, timeout=30)
     return answer.returncode == 0 and answer.stdout.strip() == "b true"
 

@@ -19,6 +19,8 @@ LAYERS = [
     "common/config",
     "info",
     "db",
+    "core/operation",
+    "core/checksum",
     "core/fs",
     "core/block",
     "core/transport",
@@ -73,13 +75,18 @@ def upward_includes(tree, file):
         yield file.finding(1, "layers", "the folder is in no layer")
         return
     for line, quote, path in file.includes:
-        if ".." in path.split("/") or (quote == '"' and not tree.exists(f"src/{path}")):
+        if ".." in path.split("/") or (quote == '"' and not is_below_src(tree, path)):
             yield file.finding(line, "layers", f"there is no src/{path}")
         elif quote == '"' and layer_of(path) is None:
             yield file.finding(line, "layers", f"{path} is in no layer")
         elif quote == '"' and layer_of(path) > own:
             yield file.finding(line, "layers", f"{LAYERS[own]} includes {path} of the higher "
                                                f"layer {LAYERS[layer_of(path)]}")
+
+
+def is_below_src(tree, path):
+    """Whether a header is there, or is made from a template by the build."""
+    return tree.exists(f"src/{path}") or tree.exists(f"src/{path}.in")
 
 
 def agent_includes(tree, file):
@@ -251,7 +258,7 @@ def check_resources(tree):
 
 
 def naked_resources(file):
-    for match in re.finditer(r"(?<!operator )\b(new|goto)\b(?!\s*\()", file.code):
+    for match in re.finditer(r"(?<!operator )(?<!<)\b(new|goto)\b(?!\s*\()", file.code):
         yield match.start(), match[1]
     for match in re.finditer(r"\bdelete\b", file.code):
         if not re.search(r"(=|\boperator)\s*$", file.code[:match.start()]):

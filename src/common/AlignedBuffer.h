@@ -30,7 +30,9 @@ public:
 
 private:
     struct Free {
-        void operator()(std::byte* pointer) const noexcept { std::free(pointer); }
+        void operator()(std::byte* pointer) const noexcept {
+            std::free(pointer); // NOLINT(resources): this is the owner
+        }
     };
 
     std::unique_ptr<std::byte[], Free> memory;

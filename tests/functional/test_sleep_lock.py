@@ -17,7 +17,8 @@ sys.path.insert(0, str(ROOT))
 from lab.services import LoginManager, SystemBus, wait_until  # noqa: E402
 
 HOLDER = ROOT / os.environ.get("BEKD_BUILD", "build/release") / "SleepLockHolder"
-ROW = re.compile(r"^Tolvu Backup Agent\s+0\s+root\s+(\d+)\s+\S+\s+(\S+)\s+Backup running\s+block$", re.MULTILINE)
+ROW = re.compile(r"^Tolvu Backup Agent\s+0\s+root\s+(\d+)\s+\S+\s+(\S+)\s+Backup running\s+block$",
+                 re.MULTILINE)
 SECONDS = 20
 
 

@@ -81,7 +81,9 @@ void Quiesce::runScript(const std::string& script, std::uint32_t timeoutSeconds,
 std::unique_ptr<ICommandStream> Quiesce::start(const std::string& commandLine) {
     std::unique_ptr<ICommandStream> stream;
     try {
-        stream = commandUtility.createCommandStream(commandLine, "", true);
+        // The script takes the place of the shell: it is then what a kill at the time-out meets, and its end
+        // of the pipe is the only one. Not every shell does so by itself.
+        stream = commandUtility.createCommandStream("exec " + commandLine, "", true);
     } catch (const std::exception& error) {
         logger.log(info::level::error, "%s", error.what());
     }

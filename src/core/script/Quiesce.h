@@ -12,9 +12,8 @@ namespace agent::core::script {
 /// Owns:    nothing; logger and command utility must outlive it.
 /// Threads: as IQuiesce; see UnixCommandStream for why one script at a time.
 /// Fails:   `runScript` with std::runtime_error if there is no such script, std::logic_error if it couldn't
-/// be
-///          started, PosixError if its output can't be read; `getScripts` with PosixError if the directory
-///          can't be read. In every case the script has been killed and reaped.
+///          be started, PosixError if its output can't be read; `getScripts` with PosixError if the
+///          directory can't be read. In every case the script has been killed and reaped.
 ///
 /// The time-out covers the waits for output. Since a script could spend its time outside of those, by
 /// printing without pause, a second after the time-out the run ends in any case.

@@ -12,8 +12,8 @@
 #include <memory>
 #include <sys/select.h>
 #include <sys/wait.h>
-#include <unistd.h>
 #include <tuple>
+#include <unistd.h>
 #include <utility>
 
 namespace agent::core::script {
@@ -43,7 +43,7 @@ using ChldHandle = std::shared_ptr<ChldAction>;
 /// Gives SIGCHLD its default action until the handle goes: a child that ends stays to be waited for, and no
 /// handler of the agent's interrupts a call.
 ChldHandle restartChld(bool throwOnFailure) {
-    ChldHandle handle(new ChldAction, [](ChldAction* action) noexcept {
+    ChldHandle handle(std::make_unique<ChldAction>().release(), [](ChldAction* action) noexcept {
         const std::unique_ptr<ChldAction> owner(action);
         if (action->replaced) {
             action->putBack();
@@ -148,10 +148,10 @@ void restoreSignals() noexcept {
     if (::dup2(writeFd, STDOUT_FILENO) < 0) {
         fail("dup2 stdout");
     }
-    if (::close(readFd) != 0) {
+    if (::close(readFd) != 0) { // NOLINT(resources): the child has no owners
         fail("close read");
     }
-    if (::close(writeFd) != 0) {
+    if (::close(writeFd) != 0) { // NOLINT(resources): the child has no owners
         fail("close write");
     }
     if (*directory != '\0' && ::chdir(directory) != 0) {

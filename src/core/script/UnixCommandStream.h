@@ -17,10 +17,9 @@ namespace agent::core::script {
 ///          operations: `wait`, `kill` and `hasExited` then fail, reading goes on undisturbed.
 ///
 /// The child starts with no signal blocked and none ignored, and with none of the agent's other descriptors.
-/// Only the shell's own process is killed. Unless the shell has replaced itself by its command, a script is
-/// its child and lives on, as does what the script has started in the background, until it prints into the
-/// closed pipe. Either may hold the pipe open when the shell has ended or the script has closed its output:
-/// there the time-out alone ends the wait.
+/// Only the shell's own process is killed, or the command that the shell has replaced itself by (`exec`).
+/// What that has started in turn lives on, and may hold the pipe open: there the time-out alone ends the
+/// wait.
 class UnixCommandStream : public ICommandStream {
 public:
     UnixCommandStream(const std::string& command, const std::string& directory, bool killOnDestroy);

@@ -164,9 +164,9 @@ TEST_F(RealScripts, WhatTheShellCannotRunIsNoError) {
     EXPECT_EQ(::symlink("nothing", dangling.c_str()), 0);
     const std::string directory = scriptDirectory() / "directory";
     dir::make(directory);
-    EXPECT_THAT(run("plain", 20), ElementsAre("sh: 1: " + plain + ": Permission denied"));
-    EXPECT_THAT(run("dangling", 20), ElementsAre("sh: 1: " + dangling + ": not found"));
-    EXPECT_THAT(run("directory", 20), ElementsAre("sh: 1: " + directory + ": Permission denied"));
+    EXPECT_THAT(run("plain", 20), ElementsAre("sh: 1: exec: " + plain + ": Permission denied"));
+    EXPECT_THAT(run("dangling", 20), ElementsAre("sh: 1: exec: " + dangling + ": not found"));
+    EXPECT_THAT(run("directory", 20), ElementsAre("sh: 1: exec: " + directory + ": Permission denied"));
 }
 
 TEST_F(RealScripts, FailingScriptIsNoError) {
@@ -190,12 +190,20 @@ TEST_F(RealScripts, NulByteEndsWhatIsLoggedOfItsLine) {
     EXPECT_THAT(run("script", 20), ElementsAre("a", "c"));
 }
 
+/// The process that a script has noted its identifier of is no more, not even as a zombie.
+bool isGone(const std::string& pidPath) {
+    const std::string pid = test::readFile(pidPath);
+    return !pid.empty() && ::kill(std::stoi(pid), 0) == -1 && errno == ESRCH;
+}
+
 TEST_F(RealScripts, SilentScriptIsKilledAfterItsTime) {
-    install("script", "exec sleep 20\n");
+    const std::string pid = scriptDirectory() / "pid";
+    install("script", "echo $$ >" + pid + "\nwhile :; do read -r line </dev/zero; done\n");
     const auto begin = steady_clock::now();
     EXPECT_THAT(run("script", 1), IsEmpty());
     EXPECT_GE(steady_clock::now() - begin, std::chrono::seconds(1));
     EXPECT_LT(steady_clock::now() - begin, generous);
+    EXPECT_TRUE(isGone(pid));
 }
 
 TEST_F(RealScripts, TimeIsForTheWholeRun) {
@@ -222,12 +230,13 @@ TEST_F(RealScripts, TimeEndsTheWaitForAChildThatHoldsTheOutput) {
     EXPECT_LT(steady_clock::now() - begin, std::chrono::seconds(4));
 }
 
-TEST_F(RealScripts, TimeHoldsForAScriptThatClosesItsOutput) {
-    // The shell that has started it may hold the output open on its behalf.
-    install("script", "echo text\nexec >&- 2>&-\nexec sleep 20\n");
+TEST_F(RealScripts, ScriptThatClosesItsOutputEndsTheRunAndIsKilled) {
+    const std::string pid = scriptDirectory() / "pid";
+    install("script", "echo $$ >" + pid + "\necho text\nexec >&- 2>&-\nexec sleep 20\n");
     const auto begin = steady_clock::now();
-    EXPECT_THAT(run("script", 1), ElementsAre("text"));
+    EXPECT_THAT(run("script", 20), ElementsAre("text"));
     EXPECT_LT(steady_clock::now() - begin, generous);
+    EXPECT_TRUE(isGone(pid));
 }
 
 TEST_F(RealScripts, TimeHoldsForOutputThatEndsOnAFullReadStep) {
@@ -316,7 +325,7 @@ public:
     std::unique_ptr<ICommandStream> createCommandStream(const std::string& command,
                                                         const std::string& directory,
                                                         bool killOnDestroy) override {
-        EXPECT_EQ(command, "/bin/true PRE");
+        EXPECT_EQ(command, "exec /bin/true PRE");
         EXPECT_EQ(directory, "");
         EXPECT_TRUE(killOnDestroy);
         if (toThrow) {

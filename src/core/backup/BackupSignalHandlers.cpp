@@ -1,0 +1,128 @@
+#include "core/backup/BackupSignalHandlers.h"
+
+#include <array>
+#include <atomic>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <execinfo.h>
+#include <iostream>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <sstream>
+#include <thread>
+
+namespace agent::core::backup {
+
+namespace {
+
+constexpr std::array caughtSignals = {SIGFPE,  SIGSEGV, SIGILL,  SIGABRT,   SIGBUS,
+                                      SIGPIPE, SIGSYS,  SIGALRM, SIGSTKFLT, SIGIO};
+
+/// Dispositions are per process, and so is this; it can't belong to any one run.
+struct ProcessSignals {
+    std::mutex mutex;                             // held while installing and restoring, never in a handler
+    std::atomic<BackupSignalHandlers*> current{}; // whose backup a signal cancels
+    std::map<int, struct sigaction> savedActions; // guarded by mutex; what was in force before any run
+
+    static ProcessSignals& instance() {
+        // Never destroyed: a handler may still run while the process exits.
+        static auto* const signals = new ProcessSignals; // NOLINT(resources): lives as long as the process
+        return *signals;
+    }
+};
+
+extern "C" void onBackupSignal(int signal) {
+    BackupSignalHandlers* const current = ProcessSignals::instance().current;
+    if (current == nullptr) {
+        std::cout << "~~Logging Error~~ signal handler called on unregistered thread??" << std::endl;
+        return;
+    }
+    current->handle(signal);
+}
+
+void install(ProcessSignals& signals, int signal, void (*handler)(int), int flags) {
+    struct sigaction action {};
+    action.sa_handler = handler;
+    action.sa_flags = flags;
+    sigemptyset(&action.sa_mask);
+    struct sigaction previous {};
+    ::sigaction(signal, &action, &previous);
+    // With another run's handlers in force, what it found is what will have to come back.
+    if (signals.current == nullptr) {
+        signals.savedActions[signal] = previous;
+    }
+}
+
+std::string callingThread() {
+    std::ostringstream text;
+    text << std::this_thread::get_id();
+    return text.str();
+}
+
+bool isFault(int signal) {
+    switch (signal) {
+    case SIGILL:
+    case SIGABRT:
+    case SIGBUS:
+    case SIGFPE:
+    case SIGSEGV:
+    case SIGSTKFLT:
+        return true;
+    default:
+        return false;
+    }
+}
+
+} // namespace
+
+BackupSignalHandlers::BackupSignalHandlers(info::Logger& logger, IBackup& backup)
+    : logger(logger), backup(backup) {
+    ProcessSignals& signals = ProcessSignals::instance();
+    const std::lock_guard lock(signals.mutex);
+    for (const int signal : caughtSignals) {
+        install(signals, signal, &onBackupSignal, static_cast<int>(SA_RESETHAND | SA_NODEFER));
+    }
+    install(signals, SIGCHLD, SIG_IGN, 0);
+    signals.current = this;
+}
+
+BackupSignalHandlers::~BackupSignalHandlers() {
+    ProcessSignals& signals = ProcessSignals::instance();
+    const std::lock_guard lock(signals.mutex);
+    for (const int signal : caughtSignals) {
+        ::sigaction(signal, &signals.savedActions[signal], nullptr);
+    }
+    ::sigaction(SIGCHLD, &signals.savedActions[SIGCHLD], nullptr);
+    signals.current = nullptr;
+}
+
+void BackupSignalHandlers::handle(int signal) {
+    const std::string thread = callingThread();
+    if (isFault(signal)) {
+        logger.log(info::level::error, "Backup thread - %s (%d)", strsignal(signal), signal);
+        logBacktrace(thread);
+    } else if (signal == SIGPIPE) {
+        logger.log(info::level::error, "Broken pipe during backup. TID: %s", thread.c_str());
+    } else {
+        logger.log(info::level::error, "Failure on signal: %s (%d). TID: %s", strsignal(signal), signal,
+                   thread.c_str());
+    }
+    backup.cancel();
+}
+
+void BackupSignalHandlers::logBacktrace(const std::string& thread) {
+    std::array<void*, 100> frames{};
+    const int count = ::backtrace(frames.data(), static_cast<int>(frames.size()));
+    const std::unique_ptr<char*, decltype(&std::free)> symbols(::backtrace_symbols(frames.data(), count),
+                                                               &std::free);
+    if (!symbols) {
+        return;
+    }
+    for (int frame = 0; frame < count; ++frame) {
+        logger.log(info::level::info, "TID: %s - %s", thread.c_str(), symbols.get()[frame]);
+    }
+}
+
+} // namespace agent::core::backup
