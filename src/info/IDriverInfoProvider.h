@@ -11,10 +11,10 @@ namespace agent {
 class IDriverInfoProvider {
 public:
     virtual ~IDriverInfoProvider() = default;
-    virtual std::string getDriverVersion() = 0;
-    virtual bool isRebootRequired() = 0;
+    [[nodiscard]] virtual std::string getDriverVersion() const = 0;
+    [[nodiscard]] virtual bool isRebootRequired() const = 0;
     /// The driver's own description of its state, JSON.
-    virtual std::string getDriverStatus() = 0;
+    [[nodiscard]] virtual std::string getDriverStatus() const = 0;
 };
 
 } // namespace agent

@@ -1,0 +1,60 @@
+#include "app/Composition.h"
+
+#include "app/AgentConfigOptions.h"
+#include "app/EngineComposition.h"
+#include "app/ServiceAddresses.h"
+#include "app/Version.h"
+#include "common/BaseDirectories.h"
+#include "common/UUIDGenerator.h"
+#include "common/config/Config.h"
+#include "common/config/JSONConfigDataProvider.h"
+#include "core/backup/BackupManager.h"
+#include "core/script/CommandUtility.h"
+#include "db/DataProvider.h"
+#include "info/DriverInfoProvider.h"
+#include "install/UpdateChecker.h"
+
+namespace agent::app {
+
+namespace {
+
+using Continuation = std::function<void(ordak::TolvuBackupAgent&)>;
+
+/// For an installation that no earlier version of the agent has left state to.
+class NoLegacyState : public db::IDataMigrator {
+public:
+    bool migrate(Config& /*config*/) override { return true; }
+};
+
+/// The services on top of the engine.
+void composeServices(info::Logger& logger, db::IDataProviderExtended& dataProvider,
+                     const IDriverInfoProvider& driverInfo, Config& config, core::IEngine& engine,
+                     const Continuation& continuation) {
+    const std::string updateUrl = "https://" + std::string(updateServiceHost) + "/win/version_21230.json";
+    install::UpdateChecker updateChecker(logger, dataProvider, engine, updateUrl, version, driverInfo);
+    NoLegacyState migrator;
+    ordak::TolvuBackupAgent agent(logger, migrator, config, {&engine, &updateChecker});
+    continuation(agent);
+}
+
+} // namespace
+
+void composeTolvuBackupAgent(info::LoggingStack& logging, const Continuation& continuation) {
+    info::Logger& logger = logging.logger;
+    UUIDGenerator uuidGenerator;
+    db::DataProvider dataProvider(logger, uuidGenerator, dir::base());
+    dataProvider.validateProvider();
+    dataProvider.getAgentUUID(); // made and stored on the first start
+    logging.levelFilter.load(logger, dataProvider);
+    const info::DriverInfoProvider driverInfo;
+    core::backup::BackupManager backupManager(logger);
+    JSONConfigDataProvider configProvider(dir::base() / "config.json");
+    Config config(logger, configProvider, agentConfigOptions());
+    core::script::CommandUtility commandUtility;
+    composeEngine(logger, dataProvider, driverInfo, commandUtility, backupManager,
+                  [&](core::IEngine& engine) {
+                      composeServices(logger, dataProvider, driverInfo, config, engine, continuation);
+                  });
+}
+
+} // namespace agent::app

@@ -1,0 +1,68 @@
+#include "app/EngineComposition.h"
+
+#include "core/Engine.h"
+#include "core/Heartbeat.h"
+#include "core/backup/Backup.h"
+#include "core/backup/BackupThread.h"
+#include "core/backup/phase/PhaseFactory.h"
+#include "core/operation/CancelableOperation.h"
+#include "core/script/Quiesce.h"
+
+#include <chrono>
+#include <utility>
+
+namespace agent::app {
+
+namespace {
+
+using core::Heartbeat;
+using core::backup::Backup;
+
+/// How long the appliance may be silent about a backup that it has once watched.
+constexpr std::chrono::seconds heartbeatTimeout(180);
+
+/// A key that can't be read counts as not set: the watchdog is the safe side.
+bool isHeartbeatDisabled(db::IDataProviderExtended& dataProvider) {
+    try {
+        const std::string value = dataProvider.getConfigValue("disable_ordak_ping_timeout");
+        return value == "true" || value == "1";
+    } catch (const std::exception&) {
+        return false;
+    }
+}
+
+std::unique_ptr<core::backup::IBackup>
+makeBackup(info::Logger& logger, core::backup::IPhaseFactory& phaseFactory,
+           db::IDataProviderExtended& dataProvider,
+           std::shared_ptr<core::backup::IBackupAttributes> backupAttributes,
+           std::shared_ptr<core::backup::ISnapshotAttributes> snapshotAttributes) {
+    std::unique_ptr<Heartbeat> heartbeat;
+    std::function<void()> poll;
+    if (!isHeartbeatDisabled(dataProvider)) {
+        heartbeat = std::make_unique<Heartbeat>(heartbeatTimeout);
+        poll = [watched = heartbeat.get()] { watched->check(); };
+    }
+    return std::make_unique<Backup>(
+        logger, phaseFactory, std::move(backupAttributes), std::move(snapshotAttributes),
+        std::make_unique<core::CancelableOperation>(std::move(poll)), std::move(heartbeat), "");
+}
+
+} // namespace
+
+void composeEngine(info::Logger& logger, db::IDataProviderExtended& dataProvider,
+                   const IDriverInfoProvider& driverInfo, core::script::ICommandUtility& commandUtility,
+                   core::backup::IBackupManager& backupManager,
+                   const std::function<void(core::IEngine&)>& continuation) {
+    core::script::Quiesce quiesce(logger, commandUtility);
+    core::backup::phase::PhaseFactory phaseFactory(logger, dataProvider);
+    core::Engine engine(
+        logger, driverInfo, quiesce, backupManager,
+        [&] { return std::make_unique<core::backup::BackupThread>(logger); },
+        [&](auto backupAttributes, auto snapshotAttributes) {
+            return makeBackup(logger, phaseFactory, dataProvider, std::move(backupAttributes),
+                              std::move(snapshotAttributes));
+        });
+    continuation(engine);
+}
+
+} // namespace agent::app

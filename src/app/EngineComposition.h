@@ -1,0 +1,21 @@
+#pragma once
+
+#include "common/config/IConfig.h"
+#include "core/IEngine.h"
+#include "core/backup/IBackupManager.h"
+#include "core/script/ICommandUtility.h"
+#include "db/IDataProviderExtended.h"
+#include "info/IDriverInfoProvider.h"
+#include "info/log/Logger.h"
+
+#include <functional>
+
+namespace agent::app {
+
+/// Makes the engine, with the factories of its threads and backups, and calls `continuation` with it.
+void composeEngine(info::Logger& logger, db::IDataProviderExtended& dataProvider,
+                   const IDriverInfoProvider& driverInfo, core::script::ICommandUtility& commandUtility,
+                   core::backup::IBackupManager& backupManager,
+                   const std::function<void(core::IEngine&)>& continuation);
+
+} // namespace agent::app

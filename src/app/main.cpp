@@ -1,0 +1,132 @@
+// The daemon's entry: command line, signals, the composition of the agent, the background and the lock.
+
+#include "app/CommandLine.h"
+#include "app/Composition.h"
+#include "common/BrokenPipeGuard.h"
+#include "common/Flock.h"
+#include "common/TerminationSignals.h"
+#include "info/log/LoggingStack.h"
+
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <iostream>
+#include <memory>
+#include <unistd.h>
+
+namespace agent::app {
+
+namespace {
+
+constexpr const char* pidFile = "/var/run/bekd.pid";
+
+enum ExitStatus { refused = 1, failed = 2 };
+
+/// What a termination signal stops; a signal handler can be told in no other way. Null until just before the
+/// agent is started: until then there is nothing to stop.
+std::atomic<IService*> runningAgent = nullptr; // NOLINT(cppcoreguidelines-avoid-non-const-global-variables)
+
+/// The whole shutdown runs in here. An agent that can't stop, or that is still starting, throws, and the
+/// process ends abnormally: no orderly stop can be claimed then.
+extern "C" void onTerminationSignal(int /*signal*/) noexcept {
+    const TerminationSignalsBlocked oneStopIsEnough;
+    {
+        const BrokenPipeGuard terminalMayBeGone;
+        std::puts("Stopping services...\r");
+        std::fflush(stdout);
+    }
+    if (IService* agent = runningAgent) {
+        agent->stop();
+    }
+    // Nothing is unwound: the PID file stays, and the next start takes it over.
+    std::exit(EXIT_SUCCESS); // NOLINT(concurrency-mt-unsafe): the agent's threads have ended
+}
+
+void installSignalHandlers() {
+    struct sigaction action {};
+    action.sa_handler = &onTerminationSignal;
+    sigemptyset(&action.sa_mask);
+    for (const int signal : terminationSignals) {
+        ::sigaction(signal, &action, nullptr);
+    }
+}
+
+void goIntoBackground() {
+    if (::daemon(0, 0) != 0) {
+        std::exit(refused); // NOLINT(concurrency-mt-unsafe): there are no threads yet
+    }
+}
+
+bool takeLock(info::Logger& logger, std::unique_ptr<Flock>& lock) {
+    try {
+        lock = std::make_unique<Flock>(pidFile);
+        lock->writePid();
+        return true;
+    } catch (const std::runtime_error& error) {
+        if (errno == EAGAIN) {
+            info::LogEntry(logger, info::level::critical)
+                << "An instance of the TolvuBackupAgent is already running.";
+        } else {
+            logger.log(info::level::critical, "Could not lock PID file: %s", error.what());
+        }
+        return false;
+    }
+}
+
+[[noreturn]] void serve(ordak::TolvuBackupAgent& agent) {
+    runningAgent = &agent;
+    agent.start();
+    for (;;) {
+        ::pause();
+    }
+}
+
+void run(const CommandLine& commandLine, std::unique_ptr<Flock>& lock) {
+    info::LoggingStack logging;
+    composeTolvuBackupAgent(logging, [&](ordak::TolvuBackupAgent& agent) {
+        if (!commandLine.foreground) {
+            goIntoBackground();
+            if (!takeLock(logging.logger, lock)) {
+                return;
+            }
+        }
+        serve(agent);
+    });
+}
+
+/// Returns only when the agent could not be started, or not go on.
+int runAndReport(const CommandLine& commandLine) {
+    std::unique_ptr<Flock> lock; // outlives every composed object
+    try {
+        run(commandLine, lock);
+        return refused;
+    } catch (const std::exception& error) {
+        std::cerr << "Unhandled Exception reached the top of main: " << error.what()
+                  << ", application will now exit" << std::endl;
+        return failed;
+    } catch (...) {
+        lock.reset(); // what follows unwinds nothing
+        throw;
+    }
+}
+
+} // namespace
+
+} // namespace agent::app
+
+int main(int argc, char** argv) {
+    using namespace agent::app;
+    if (::getuid() != 0) {
+        std::cerr << "Cannot start agent: Must be run as root." << std::endl;
+        return refused;
+    }
+    const std::optional<CommandLine> commandLine = parseCommandLine(argc, argv);
+    if (!commandLine) {
+        printUsage(std::cout);
+        return refused;
+    }
+    installSignalHandlers();
+    return runAndReport(*commandLine);
+}

@@ -1,0 +1,66 @@
+#pragma once
+
+#include "core/IEngine.h"
+#include "core/backup/IBackup.h"
+#include "core/backup/IBackupManager.h"
+#include "core/backup/IBackupThread.h"
+#include "core/script/IQuiesce.h"
+#include "info/IDriverInfoProvider.h"
+#include "info/log/Logger.h"
+
+#include <functional>
+#include <mutex>
+
+namespace agent::core {
+
+/// See IEngine.
+///
+/// Two locks, taken in this order and before the manager's: `requestMutex` lets one request in at a time, for
+/// as long as it takes to build its backup, and is given up on after five seconds; `slotMutex` guards the
+/// threads for the few instructions that look at or move them, so that a cancel never waits for a request.
+/// `stop` and `waitForBackup` wait for a thread with neither lock held.
+class Engine : public IEngine {
+public:
+    using ThreadFactory = std::function<std::unique_ptr<backup::IBackupThread>()>;
+    using BackupFactory = std::function<std::unique_ptr<backup::IBackup>(
+        std::shared_ptr<backup::IBackupAttributes>, std::shared_ptr<backup::ISnapshotAttributes>)>;
+
+    Engine(info::Logger& logger, const IDriverInfoProvider& driverInfo, script::IQuiesce& quiesce,
+           backup::IBackupManager& backupManager, ThreadFactory threadFactory, BackupFactory backupFactory);
+    Engine(const Engine&) = delete;
+    Engine& operator=(const Engine&) = delete;
+    ~Engine() override;
+
+    void start() override;
+    void stop() override;
+    std::string createBackup(std::unique_ptr<backup::BackupSession> session,
+                             std::shared_ptr<backup::IBackupAttributes> backupAttributes,
+                             std::shared_ptr<backup::ISnapshotAttributes> snapshotAttributes) override;
+    void cancelBackup(const std::string& backupId) override;
+    [[nodiscard]] bool isBackupRunning() override;
+    [[nodiscard]] std::vector<std::string> getQuiesceScripts() override;
+    void waitForBackup() override;
+
+private:
+    [[nodiscard]] std::unique_ptr<backup::IBackupThread> makeThread() const;
+    [[nodiscard]] backup::IBackupThread& currentThread();
+    void makeRoom();
+    void reapCancelledThreads();
+    void cancelInSlot(const std::string& backupId);
+
+    info::Logger& logger;
+    const IDriverInfoProvider& driverInfo;
+    script::IQuiesce& quiesce;
+    backup::IBackupManager& backupManager;
+    const ThreadFactory threadFactory;
+    const BackupFactory backupFactory;
+
+    std::timed_mutex requestMutex; // one createBackup at a time
+    std::mutex slotMutex;
+    // The running slot, never null; guarded by slotMutex. Declared before the cancelled ones, so that those
+    // are waited for first when the engine goes.
+    std::unique_ptr<backup::IBackupThread> backupThread;
+    std::vector<std::unique_ptr<backup::IBackupThread>> cancellingThreads; // guarded by slotMutex
+};
+
+} // namespace agent::core

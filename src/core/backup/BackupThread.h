@@ -1,0 +1,34 @@
+#pragma once
+
+#include "core/backup/IBackupThread.h"
+#include "info/log/Logger.h"
+
+#include <future>
+#include <mutex>
+
+namespace agent::core::backup {
+
+/// See IBackupThread. The termination signals are blocked on the thread, so that a shutdown, which waits for
+/// it, never runs on it.
+class BackupThread : public IBackupThread {
+public:
+    explicit BackupThread(info::Logger& logger);
+
+    void start(std::shared_ptr<IBackup> newBackup, std::unique_ptr<BackupSession> session) override;
+    std::exception_ptr wait() override;
+    [[nodiscard]] std::string getBackupId() const override;
+    [[nodiscard]] bool isRunning() override;
+
+private:
+    void run(const std::shared_ptr<IBackup>& running, std::unique_ptr<BackupSession> session);
+    void keepFailure();
+
+    info::Logger& logger;
+    mutable std::mutex mutex;
+    std::exception_ptr failure;      // guarded by mutex
+    std::shared_ptr<IBackup> backup; // guarded by mutex; the thread itself works on a share of its own
+    // Guarded by mutex, and waited for without it. The last copy joins the thread, so this is declared last.
+    std::shared_future<void> result;
+};
+
+} // namespace agent::core::backup

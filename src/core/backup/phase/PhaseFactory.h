@@ -1,0 +1,23 @@
+#pragma once
+
+#include "core/backup/IPhaseFactory.h"
+#include "db/IDataProvider.h"
+#include "info/log/Logger.h"
+
+namespace agent::core::backup::phase {
+
+/// Makes the phases of the agent's backups. See IPhaseFactory.
+class PhaseFactory : public IPhaseFactory {
+public:
+    PhaseFactory(info::Logger& logger, db::IDataProvider& dataProvider);
+
+    std::unique_ptr<IBackupPhases> create(std::shared_ptr<IBackupAttributes> backupAttributes,
+                                          std::shared_ptr<ISnapshotAttributes> snapshotAttributes,
+                                          IBackupStatusHandler& status) override;
+
+private:
+    info::Logger& logger;
+    db::IDataProvider& dataProvider;
+};
+
+} // namespace agent::core::backup::phase

@@ -1,0 +1,40 @@
+#pragma once
+
+#include "common/IService.h"
+#include "common/config/Config.h"
+#include "db/IDataMigrator.h"
+#include "info/log/Logger.h"
+
+#include <memory>
+#include <vector>
+
+namespace agent::ordak {
+
+/// The agent as one service: starts its services in order and stops them newest first.
+/// Owns:    the knowledge which services run; the services themselves must outlive it.
+/// Threads: one starter, and one stopper after it; no locks.
+/// Fails:   a service that can't start has those before it stopped again, and its exception leaves `start`.
+///          A service that can't stop has its exception leave `stop`; a further `stop` goes on with the rest.
+class TolvuBackupAgent : public IService {
+public:
+    /// `services` in the order of their start.
+    TolvuBackupAgent(info::Logger& logger, db::IDataMigrator& migrator, Config& config,
+                     std::vector<IService*> services);
+    TolvuBackupAgent(const TolvuBackupAgent&) = delete;
+    TolvuBackupAgent& operator=(const TolvuBackupAgent&) = delete;
+    ~TolvuBackupAgent() override;
+
+    void start() override;
+    void stop() override;
+
+private:
+    class StopGuards;
+
+    info::Logger& logger;
+    db::IDataMigrator& migrator;
+    Config& config;
+    std::vector<IService*> services;
+    std::unique_ptr<StopGuards> running; // null while the agent is not started
+};
+
+} // namespace agent::ordak
