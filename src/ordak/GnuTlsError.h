@@ -1,0 +1,18 @@
+#pragma once
+
+#include "common/Exceptions.h"
+
+#include <gnutls/gnutls.h>
+#include <string>
+
+namespace agent::ordak {
+
+/// A failure of GnuTLS: what was being done, and the library's code.
+class GnuTlsError : public exception::generic_library_error<int> {
+public:
+    GnuTlsError(const std::string& message, int code)
+        : generic_library_error(message, "GnuTls", code,
+                                [](int failed) -> std::string { return gnutls_strerror(failed); }) {}
+};
+
+} // namespace agent::ordak

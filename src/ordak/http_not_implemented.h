@@ -1,0 +1,13 @@
+#pragma once
+
+#include <stdexcept>
+
+namespace agent::ordak {
+
+/// The call doesn't exist on this operating system; answered with status 501.
+class http_not_implemented : public std::logic_error {
+public:
+    using std::logic_error::logic_error;
+};
+
+} // namespace agent::ordak
