@@ -1,5 +1,7 @@
 #include "ordak/TolvuBackupAgent.h"
 
+#include "common/TerminationSignals.h"
+
 #include <deque>
 #include <functional>
 #include <stdexcept>
@@ -65,6 +67,8 @@ void TolvuBackupAgent::start() {
         service->start();
         started->add(*service);
     }
+    // From here on a signal's handler can stop the agent, and would log while this thread has the log's lock.
+    const TerminationSignalsBlocked lastLineFirst;
     running = std::move(started);
     info::LogEntry(logger, info::level::info) << "Agent daemon started";
 }
