@@ -37,6 +37,9 @@ json readDocument(const Path& path) {
     file.read(text.data(), static_cast<std::streamsize>(text.size()));
     text.resize(static_cast<std::size_t>(file.gcount()));
     try {
+        if (file.bad()) { // a directory, or a disk that gives only a part of what was stored
+            throw std::runtime_error("it can't be read");
+        }
         if (text.size() > largestFile) {
             throw std::runtime_error("larger than " + std::to_string(largestFile) + " bytes");
         }
