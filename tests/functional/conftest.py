@@ -1,0 +1,95 @@
+"""A clean site for each test.
+
+The tests run inside lab/namespace and share its private /etc, /run and /dev, so each finds what the one
+before it has left, unless it is removed.
+"""
+import contextlib
+import os
+import pathlib
+import shutil
+import sqlite3
+import subprocess
+import sys
+
+import pytest
+
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+sys.path.insert(0, str(ROOT))
+
+from lab.daemon import DATABASE, PID_FILE, Daemon, program, require_private_site  # noqa: E402
+from lab.system_log import SystemLog  # noqa: E402
+
+
+@pytest.fixture(scope="session", autouse=True)
+def private_machine():
+    require_private_site()
+    assert os.access(program(), os.X_OK), f"there is no {program()}; build it first"
+
+
+@pytest.fixture(autouse=True)
+def site(private_machine):
+    """An agent's machine without a trace of the agent."""
+    shutil.rmtree("/etc/tolvu", ignore_errors=True)
+    PID_FILE.unlink(missing_ok=True)
+    assert not pathlib.Path("/etc/tolvu").exists()
+
+
+@pytest.fixture
+def tmpfs(site):
+    """tmpfs(PATH, OPTIONS) mounts a file system that is gone again after the test."""
+    with contextlib.ExitStack() as mounts:
+        def mount(path, options):
+            pathlib.Path(path).mkdir(parents=True, exist_ok=True)
+            subprocess.run(["mount", "-t", "tmpfs", "-o", options, "tmpfs", path], check=True)
+            mounts.callback(subprocess.run, ["umount", path], check=True)
+        yield mount
+
+
+@pytest.fixture
+def system_log():
+    with SystemLog() as log:
+        yield log
+
+
+@pytest.fixture
+def make_daemon(tmpfs):
+    """Makes daemons. After the test they stop with status 0, unless the test has ended them, newest first.
+
+    None may have written to standard error what the test hasn't allowed for."""
+    with contextlib.ExitStack() as daemons:
+        def make(*arguments, start=True, **options):
+            daemon = Daemon(*arguments, **options)
+            daemons.push(daemon)
+            return daemon.start() if start else daemon
+        yield make
+
+
+@pytest.fixture
+def foreground(make_daemon):
+    """Starts a daemon in the foreground and waits until it is ready."""
+    return lambda **options: make_daemon(**options).wait_until_ready()
+
+
+@pytest.fixture
+def background(make_daemon):
+    """Starts a daemon as an administrator does, and waits until it is ready."""
+    return lambda **options: make_daemon(foreground=False, **options).wait_until_ready()
+
+
+@pytest.fixture
+def run_to_end(make_daemon):
+    """Runs a daemon that is to end by itself; returns it."""
+    def run(*arguments, **options):
+        daemon = make_daemon(*arguments, **options)
+        daemon.wait()
+        return daemon
+    return run
+
+
+@pytest.fixture
+def database():
+    """database(SQL, PARAMETERS...) runs one statement on the agent's database; returns the rows."""
+    def run(statement, *parameters):
+        with contextlib.closing(sqlite3.connect(DATABASE)) as connection, connection:
+            return connection.execute(statement, parameters).fetchall()
+    return run

@@ -1,0 +1,64 @@
+"""A pipe that takes only so many bytes, to hold a program at a chosen line of its output."""
+import array
+import fcntl
+import os
+import select
+import termios
+
+SIZE = os.sysconf("SC_PAGE_SIZE")
+SECONDS = 20
+
+
+class NarrowPipe:
+    """Takes writes of `room` bytes in all; the next one waits until the pipe is drained.
+
+    A write that doesn't fit as a whole waits as a whole, so whoever writes line by line is held at a line.
+    """
+
+    def __init__(self, room):
+        self.reader, self.writer = os.pipe()
+        if fcntl.fcntl(self.writer, fcntl.F_SETPIPE_SZ, SIZE) != SIZE:
+            raise OSError("the pipe can't be made narrow")
+        self._filler = SIZE - room
+        os.write(self.writer, b" " * self._filler)
+
+    @property
+    def is_full(self):
+        waiting = array.array("i", [0])
+        fcntl.ioctl(self.reader, termios.FIONREAD, waiting)
+        return waiting[0] == SIZE
+
+    def close_writer(self):
+        if self.writer is not None:
+            os.close(self.writer)
+            self.writer = None
+
+    def drain(self):
+        """Lets everybody write on until the last writer is gone; returns what they wrote."""
+        self.close_writer()
+        parts = iter(self._read, b"")
+        return b"".join(parts)[self._filler:].decode()
+
+    def _read(self):
+        if not select.select([self.reader], [], [], SECONDS)[0]:
+            raise TimeoutError(f"the pipe has writers that have written nothing for {SECONDS} s")
+        return os.read(self.reader, SIZE)
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_exception):
+        self.close_writer()
+        os.close(self.reader)
+
+
+def is_asleep(pid):
+    """Whether a process waits for something that a signal can interrupt."""
+    with open(f"/proc/{pid}/stat", encoding="ascii") as stat:
+        return stat.read().rpartition(")")[2].split()[0] == "S"
+
+
+def hold_at(pipe, daemon):
+    """Waits until a daemon that writes to the pipe is held at the line that the pipe has no room for."""
+    pipe.close_writer()
+    daemon.wait_for(lambda: pipe.is_full and is_asleep(daemon.pid), "stop at a line of output")
