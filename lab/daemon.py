@@ -141,6 +141,11 @@ class Daemon:
         return self.status
 
     @property
+    def launcher_status(self):
+        """The exit status of the process that was started, which for the background isn't the daemon."""
+        return self._launcher.poll()
+
+    @property
     def is_running(self):
         return self.poll() is None
 
