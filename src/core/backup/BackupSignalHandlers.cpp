@@ -2,6 +2,8 @@
 
 #include <array>
 #include <atomic>
+#include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
@@ -24,6 +26,7 @@ constexpr std::array caughtSignals = {SIGFPE,  SIGSEGV, SIGILL,  SIGABRT,   SIGB
 struct ProcessSignals {
     std::mutex mutex;                             // held while installing and restoring, never in a handler
     std::atomic<BackupSignalHandlers*> current{}; // whose backup a signal cancels
+    std::atomic<int> handling = 0;                // handlers at work, which may be using `current`
     std::map<int, struct sigaction> savedActions; // guarded by mutex; what was in force before any run
 
     static ProcessSignals& instance() {
@@ -33,7 +36,23 @@ struct ProcessSignals {
     }
 };
 
+/// The part of a handler that the interrupted code must not notice, and the end of a run must wait for.
+class Handling {
+public:
+    Handling() { ++ProcessSignals::instance().handling; }
+    Handling(const Handling&) = delete;
+    Handling& operator=(const Handling&) = delete;
+    ~Handling() {
+        --ProcessSignals::instance().handling;
+        errno = interruptedError;
+    }
+
+private:
+    const int interruptedError = errno;
+};
+
 extern "C" void onBackupSignal(int signal) {
+    const Handling handling;
     BackupSignalHandlers* const current = ProcessSignals::instance().current;
     if (current == nullptr) {
         std::cout << "~~Logging Error~~ signal handler called on unregistered thread??" << std::endl;
@@ -42,15 +61,15 @@ extern "C" void onBackupSignal(int signal) {
     current->handle(signal);
 }
 
-void install(ProcessSignals& signals, int signal, void (*handler)(int), int flags) {
+/// What the first of overlapping runs has found is what will have to come back.
+void install(ProcessSignals& signals, bool isFirst, int signal, void (*handler)(int), int flags) {
     struct sigaction action {};
     action.sa_handler = handler;
     action.sa_flags = flags;
     sigemptyset(&action.sa_mask);
     struct sigaction previous {};
     ::sigaction(signal, &action, &previous);
-    // With another run's handlers in force, what it found is what will have to come back.
-    if (signals.current == nullptr) {
+    if (isFirst) {
         signals.savedActions[signal] = previous;
     }
 }
@@ -81,21 +100,27 @@ BackupSignalHandlers::BackupSignalHandlers(info::Logger& logger, IBackup& backup
     : logger(logger), backup(backup) {
     ProcessSignals& signals = ProcessSignals::instance();
     const std::lock_guard lock(signals.mutex);
+    const bool isFirst = signals.current.exchange(this) == nullptr; // before any signal can come in
     for (const int signal : caughtSignals) {
-        install(signals, signal, &onBackupSignal, static_cast<int>(SA_RESETHAND | SA_NODEFER));
+        install(signals, isFirst, signal, &onBackupSignal, static_cast<int>(SA_RESETHAND | SA_NODEFER));
     }
-    install(signals, SIGCHLD, SIG_IGN, 0);
-    signals.current = this;
+    install(signals, isFirst, SIGCHLD, SIG_IGN, 0);
 }
 
 BackupSignalHandlers::~BackupSignalHandlers() {
     ProcessSignals& signals = ProcessSignals::instance();
-    const std::lock_guard lock(signals.mutex);
-    for (const int signal : caughtSignals) {
-        ::sigaction(signal, &signals.savedActions[signal], nullptr);
+    {
+        const std::lock_guard lock(signals.mutex);
+        for (const int signal : caughtSignals) {
+            ::sigaction(signal, &signals.savedActions[signal], nullptr);
+        }
+        ::sigaction(SIGCHLD, &signals.savedActions[SIGCHLD], nullptr);
+        signals.current = nullptr;
     }
-    ::sigaction(SIGCHLD, &signals.savedActions[SIGCHLD], nullptr);
-    signals.current = nullptr;
+    // Any thread may have taken the signal, and still be logging it and about to cancel this backup.
+    while (signals.handling > 0) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
 }
 
 void BackupSignalHandlers::handle(int signal) {

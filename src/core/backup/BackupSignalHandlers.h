@@ -17,7 +17,8 @@ namespace agent::core::backup {
 /// both.
 ///
 /// Owns:    the dispositions; the destructor restores them. Logger and backup must outlive the object.
-/// Threads: any; installing and restoring are serialised. The handler itself takes no lock of this class.
+/// Threads: any; installing and restoring are serialised. The handler itself takes no lock of this class; the
+///          destructor waits for handlers at work on other threads.
 /// Fails:   never.
 class BackupSignalHandlers {
 public:

@@ -245,6 +245,16 @@ TEST_F(BackupSignals, NothingIsBlockedInsideTheHandler) {
     EXPECT_NE(test::disposition(SIGCHLD).sa_handler, SIG_IGN);
 }
 
+TEST_F(BackupSignals, HandlerLeavesTheErrorNumberAlone) {
+    info::Logger logger([](const std::string&, int, info::LogTime) { errno = ENOSPC; });
+    FakeBackup backup("backup");
+    const BackupSignalHandlers handlers(logger, backup);
+    errno = EAGAIN;
+    ::raise(SIGPIPE);
+    EXPECT_EQ(errno, EAGAIN);
+    EXPECT_EQ(backup.cancels, 1);
+}
+
 TEST_F(BackupSignals, DispositionsComeBack) {
     const test::ScopedDisposition ignored(SIGPIPE, SIG_IGN);
     const auto before = dispositions();
@@ -354,6 +364,27 @@ TEST_F(BackupSignals, HandlerOfNobodyOnlySaysSo) {
               "~~Logging Error~~ signal handler called on unregistered thread??\n");
     EXPECT_THAT(log.lines(), IsEmpty());
     EXPECT_EQ(backup->cancels, 0);
+}
+
+TEST_F(BackupSignals, EndOfTheRunWaitsForAHandlerOnAnotherThread) {
+    std::promise<void> logging;
+    std::promise<void> letLog;
+    info::Logger logger([&](const std::string&, int, info::LogTime) {
+        logging.set_value();
+        letLog.get_future().wait();
+    });
+    FakeBackup backup("backup");
+    std::optional<BackupSignalHandlers> handlers(std::in_place, logger, backup);
+    std::future<void> hit = std::async(std::launch::async, [] { ::raise(SIGPIPE); });
+    logging.get_future().wait();
+    std::future<void> ending = std::async(std::launch::async, [&] { handlers.reset(); });
+    EXPECT_EQ(ending.wait_for(50ms), std::future_status::timeout)
+        << "the handler's logger and backup are gone";
+    EXPECT_EQ(backup.cancels, 0);
+    letLog.set_value();
+    ending.get();
+    EXPECT_EQ(backup.cancels, 1);
+    hit.get();
 }
 
 /// What ends the process, in a child that logs to its standard error.
