@@ -1,0 +1,140 @@
+#include "core/Engine.h"
+#include "core/Heartbeat.h"
+#include "core/backup/Backup.h"
+#include "core/backup/BackupAttributes.h"
+#include "core/backup/BackupManager.h"
+#include "core/backup/BackupSession.h"
+#include "core/backup/BackupThread.h"
+#include "core/backup/SnapshotAttributes.h"
+#include "core/operation/CancelableOperation.h"
+#include "support/ScriptedPhases.h"
+
+#include <benchmark/benchmark.h>
+
+#include <chrono>
+#include <cstdio>
+#include <future>
+#include <map>
+#include <string>
+#include <thread>
+
+/// How long the appliance's request takes to become a running backup: from createBackup to the log line of
+/// the first phase. The peer is what no backup can do without, a new thread that has begun to run.
+namespace agent::bench {
+namespace {
+
+class DriverInfo : public IDriverInfoProvider {
+public:
+    [[nodiscard]] std::string getDriverVersion() const override { return "0"; }
+    [[nodiscard]] bool isRebootRequired() const override { return false; }
+    [[nodiscard]] std::string getDriverStatus() const override { return "{}"; }
+};
+
+class NoScripts : public core::script::IQuiesce {
+public:
+    std::set<std::string> getScripts(const std::string& /*directory*/) override { return {}; }
+    void runScript(const std::string& /*script*/, std::uint32_t /*timeout*/, bool /*isPre*/) override {}
+};
+
+/// An engine whose backups have one phase, which does nothing.
+class StartedEngine {
+public:
+    StartedEngine() { phases.populate = {{"First"}}; }
+
+    /// Starts a backup and waits for its end. Returns the time up to the first phase's line, in seconds.
+    double run() {
+        firstPhase = {};
+        auto session = std::make_unique<core::backup::BackupSession>(logger);
+        const auto attributes = std::make_shared<core::backup::BackupAttributes>(
+            std::unordered_map<std::string, core::backup::VolumeAttributes>{{"volume", {}}});
+        const auto snapshots =
+            std::make_shared<core::backup::SnapshotAttributes>(0, std::vector<std::string>{}, 0);
+        const auto begun = std::chrono::steady_clock::now();
+        engine.createBackup(std::move(session), attributes, snapshots);
+        engine.waitForBackup();
+        return std::chrono::duration<double>(firstPhase - begun).count();
+    }
+
+private:
+    std::unique_ptr<core::backup::IBackup> makeBackup(auto attributes, auto snapshots) {
+        auto heartbeat = std::make_unique<core::Heartbeat>(std::chrono::hours(1));
+        auto operation =
+            std::make_unique<core::CancelableOperation>([watched = heartbeat.get()] { watched->check(); });
+        return std::make_unique<core::backup::Backup>(logger, phases, std::move(attributes),
+                                                      std::move(snapshots), std::move(operation),
+                                                      std::move(heartbeat), "");
+    }
+
+    std::chrono::steady_clock::time_point
+        firstPhase; // written by the backup's thread, read when it has ended
+    info::Logger logger{[this](const std::string& message, int, info::LogTime) {
+        if (message.starts_with("Beginning execution of the First")) {
+            firstPhase = std::chrono::steady_clock::now();
+        }
+    }};
+    DriverInfo driverInfo;
+    NoScripts quiesce;
+    core::backup::BackupManager manager{logger};
+    test::ScriptedPhaseFactory phases;
+    core::Engine engine{
+        logger,
+        driverInfo,
+        quiesce,
+        manager,
+        [this] { return std::make_unique<core::backup::BackupThread>(logger); },
+        [this](auto attributes, auto snapshots) { return makeBackup(attributes, snapshots); }};
+};
+
+void createBackup(benchmark::State& state) {
+    StartedEngine engine;
+    for (auto step : state) {
+        state.SetIterationTime(engine.run());
+    }
+}
+
+void startThread(benchmark::State& state) {
+    for (auto step : state) {
+        const auto begun = std::chrono::steady_clock::now();
+        std::chrono::steady_clock::time_point running;
+        std::async(std::launch::async, [&] { running = std::chrono::steady_clock::now(); }).get();
+        state.SetIterationTime(std::chrono::duration<double>(running - begun).count());
+    }
+}
+
+BENCHMARK(createBackup)->UseManualTime();
+BENCHMARK(startThread)->UseManualTime();
+
+/// The usual table, and then the ratio.
+class RatioReporter : public benchmark::ConsoleReporter {
+public:
+    void ReportRuns(const std::vector<Run>& runs) override {
+        ConsoleReporter::ReportRuns(runs);
+        for (const Run& run : runs) {
+            seconds[run.run_name.function_name] =
+                run.real_accumulated_time / static_cast<double>(run.iterations);
+        }
+    }
+
+    void printRatio() const {
+        const auto own = seconds.find("createBackup");
+        const auto peer = seconds.find("startThread");
+        if (own != seconds.end() && peer != seconds.end()) {
+            std::printf("createBackup: %.1f us to the first phase, a thread alone %.1f us, ratio %.1f\n",
+                        1e6 * own->second, 1e6 * peer->second, own->second / peer->second);
+        }
+    }
+
+private:
+    std::map<std::string, double> seconds;
+};
+
+} // namespace
+} // namespace agent::bench
+
+int main(int argumentCount, char** arguments) {
+    benchmark::Initialize(&argumentCount, arguments);
+    agent::bench::RatioReporter reporter;
+    benchmark::RunSpecifiedBenchmarks(&reporter);
+    reporter.printRatio();
+    benchmark::Shutdown();
+}
