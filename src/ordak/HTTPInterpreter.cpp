@@ -1,0 +1,126 @@
+#include "ordak/HTTPInterpreter.h"
+
+#include "common/Exceptions.h"
+#include "ordak/http_not_implemented.h"
+
+#include <string_view>
+#include <utility>
+
+namespace agent::ordak {
+namespace {
+
+constexpr const char* plainText = "text/plain";
+
+/// Where the ID of a backup begins in the URLs that hold one.
+constexpr std::size_t urlDataPosition = std::string_view("/backup/").size();
+
+/// What a device needs before it can be paired.
+bool isOpenToAll(APICall call) {
+    switch (call) {
+    case APICall::basichost:
+    case APICall::pair:
+    case APICall::pairTicket:
+    case APICall::feature:
+    case APICall::install:
+        return true;
+    default:
+        return false;
+    }
+}
+
+bool namesBackup(APICall call) {
+    return call == APICall::backupStatus || call == APICall::backupCancel;
+}
+
+} // namespace
+
+HTTPInterpreter::HTTPInterpreter(info::Logger& logger, info::Logger& securityLogger,
+                                 Authorization isAuthorized)
+    : logger(logger), securityLogger(securityLogger), isAuthorized(std::move(isAuthorized)) {}
+
+void HTTPInterpreter::setCallback(APICall call, Handler handler) {
+    handlers.at(static_cast<std::size_t>(call)) = std::move(handler);
+}
+
+void HTTPInterpreter::setCallback(APICall call, BodyHandler handler) {
+    setCallback(call, [handler = std::move(handler)](const std::string& body, const APIExtendedData&) {
+        return handler(body);
+    });
+}
+
+void HTTPInterpreter::setCallback(APICall call, PlainHandler handler) {
+    setCallback(call, [handler = std::move(handler)](const std::string&, const APIExtendedData&) {
+        return handler();
+    });
+}
+
+// The signature is that of the server's request function.
+// NOLINTNEXTLINE(performance-unnecessary-value-param)
+int HTTPInterpreter::interpret(int deviceId, std::string ip, std::string method, std::string url,
+                               const std::unordered_map<std::string, std::string>& args,
+                               std::string data, // NOLINT(performance-unnecessary-value-param)
+                               std::string& contentType, std::string& response) const {
+    const APICall call = classifyAPICall(method, url);
+    if (call != APICall::backupStatus) { // which the appliance polls
+        info::LogEntry(logger, info::level::debug) << "Handling request";
+        info::LogEntry(logger, info::level::debug) << "Request from device id: " << deviceId;
+        info::LogEntry(logger, info::level::debug) << "IPV4: " << ip;
+        info::LogEntry(logger, info::level::debug) << "METHOD: " << method;
+        info::LogEntry(logger, info::level::debug) << "URL: " << url;
+        info::LogEntry(logger, info::level::debug) << "DATA: " << data;
+    }
+    contentType = plainText;
+    if (call == APICall::invalid) {
+        response = "Invalid request.";
+        info::LogEntry(logger, info::level::info) << "Rejected invalid API request";
+        return 400;
+    }
+    if (!handlers.at(static_cast<std::size_t>(call))) {
+        response = "Not implemented.";
+        info::LogEntry(logger, info::level::error)
+            << "Attempted unimplemented API request for " << apiCallName(call) << ".";
+        return 501;
+    }
+    if (!mayCall(call, deviceId, ip)) {
+        info::LogEntry(securityLogger, info::level::warning)
+            << "Unauthorized request from device " << deviceId << " for " << apiCallName(call);
+        response = "Unauthorized";
+        return 401;
+    }
+    const auto extended = [&] {
+        return APIExtendedData{deviceId, ip, namesBackup(call) ? url.substr(urlDataPosition) : "", args};
+    };
+    return runHandler(call, data, extended, contentType, response);
+}
+
+bool HTTPInterpreter::mayCall(APICall call, int deviceId, const std::string& ip) const {
+    return isOpenToAll(call) || isAuthorized(deviceId, ip);
+}
+
+int HTTPInterpreter::runHandler(APICall call, const std::string& data,
+                                const std::function<APIExtendedData()>& extended, std::string& contentType,
+                                std::string& response) const {
+    try {
+        APIResponse result = handlers.at(static_cast<std::size_t>(call))(data, extended());
+        response = std::move(result.text);
+        contentType = result.contentType == APIResponse::ContentType::json ? "application/json" : plainText;
+        return result.status;
+    } catch (const http_not_implemented& error) {
+        info::LogEntry(logger, info::level::warning)
+            << "API request for " << apiCallName(call) << " is not implemented on this OS: " << error.what();
+        response = error.what();
+        return 501;
+    } catch (const exception::bad_request& error) {
+        info::LogEntry(logger, info::level::warning)
+            << "Bad API request for " << apiCallName(call) << ": " << error.what();
+        response = error.what();
+        return 400;
+    } catch (const std::exception& error) {
+        info::LogEntry(logger, info::level::error)
+            << "Internal server error on request " << apiCallName(call) << ": " << error.what();
+        response = error.what();
+        return 500;
+    }
+}
+
+} // namespace agent::ordak

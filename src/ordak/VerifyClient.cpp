@@ -1,0 +1,176 @@
+#include "ordak/VerifyClient.h"
+
+#include "common/BaseDirectories.h"
+
+#include <algorithm>
+#include <array>
+#include <optional>
+#include <string_view>
+#include <vector>
+
+namespace agent::ordak {
+namespace {
+
+constexpr std::string_view deviceTypeOid = "2.16.840.1.113730.1.13";
+constexpr std::string_view deviceType = "type:device";
+constexpr unsigned mostExtensions = 100;
+constexpr std::size_t usualExtensionBytes = 100;
+constexpr std::size_t mostExtensionBytes = 999;
+constexpr unsigned char ia5StringTag = 22;
+
+/// A name of a certificate that nobody has vouched for yet, as it may stand in a line of the log.
+std::string printable(const std::string& name) {
+    constexpr std::size_t longest = 256;
+    std::string text = name.substr(0, longest);
+    std::replace_if(
+        text.begin(), text.end(), [](unsigned char byte) { return byte < 0x20 || byte == 0x7f; }, '?');
+    return text;
+}
+
+bool hasSameIssuer(info::Logger& logger, const Certificate& local, const Certificate& peer) {
+    if (local.issuer().commonName == peer.issuer().commonName) {
+        return true;
+    }
+    info::LogEntry(logger, info::level::debug)
+        << "Certificate issuer mismatch (ours='" << printable(local.issuer().commonName) << "'; theirs='"
+        << printable(peer.issuer().commonName) << "'";
+    info::LogEntry(logger, info::level::error) << "Certificate issuer mismatch";
+    return false;
+}
+
+/// A decimal number from 1 on, of any length. By hand, since the name may be long and the regular
+/// expressions of the standard library use the stack for each character.
+bool isDeviceId(std::string_view name) {
+    const auto isDigit = [](char character) { return character >= '0' && character <= '9'; };
+    return !name.empty() && name.front() != '0' && std::all_of(name.begin(), name.end(), isDigit);
+}
+
+bool isNamedLikeDevice(info::Logger& logger, const std::string& name) {
+    if (isDeviceId(name)) {
+        return true;
+    }
+    if (name.empty()) {
+        info::LogEntry(logger, info::level::debug) << "Bad client certificate Common Name";
+    } else {
+        info::LogEntry(logger, info::level::debug)
+            << "Client Common Name '" << printable(name) << "' does not match expected deviceID format";
+    }
+    info::LogEntry(logger, info::level::error) << "Certificate invalid Common Name";
+    return false;
+}
+
+std::optional<Certificate> loadAuthority(info::Logger& logger) {
+    try {
+        return Certificate(dir::base() / "certs/ca.crt");
+    } catch (const std::exception&) {
+        info::LogEntry(logger, info::level::error) << "Internal error - failed to import trust file as cert";
+        return std::nullopt;
+    }
+}
+
+struct Verdict {
+    bool isValid = false;
+    std::vector<std::string> errors;
+};
+
+Verdict examine(const Certificate& authority, const Certificate& peer) {
+    gnutls_x509_crt_t authorityHandle = authority.handle();
+    unsigned status = 0;
+    if (gnutls_x509_crt_verify(peer.handle(), &authorityHandle, 1, 0, &status) < 0) {
+        return {false, {"Internal error - failed to verify client cert against local certificate"}};
+    }
+    Verdict verdict{(status & GNUTLS_CERT_INVALID) == 0, {}};
+    if ((status & GNUTLS_CERT_NOT_ACTIVATED) != 0) {
+        verdict.errors.emplace_back("Cert invalid activation time");
+    }
+    if ((status & GNUTLS_CERT_SIGNER_NOT_FOUND) != 0) {
+        verdict.errors.emplace_back("Cert signer not found");
+    }
+    if ((status & GNUTLS_CERT_EXPIRED) != 0) {
+        verdict.errors.emplace_back("Cert expired");
+    }
+    return verdict;
+}
+
+bool isVouchedFor(info::Logger& logger, const Certificate& authority, const Certificate& peer) {
+    Verdict verdict = examine(authority, peer);
+    if (verdict.isValid) {
+        return true;
+    }
+    if (verdict.errors.empty()) {
+        verdict.errors.emplace_back("Unspecified error(s)");
+    }
+    for (const std::string& error : verdict.errors) {
+        info::LogEntry(logger, info::level::error) << "Verification of device certificate failed: " << error;
+    }
+    info::LogEntry(logger, info::level::error) << "Failed to verify client certificate";
+    return false;
+}
+
+/// The positions of the extensions that may hold the type of a device.
+std::vector<unsigned> typeExtensions(gnutls_x509_crt_t certificate) {
+    std::vector<unsigned> found;
+    for (unsigned index = 0; index < mostExtensions; ++index) {
+        std::array<char, 128> oid{}; // one that doesn't fit is none that is looked for
+        std::size_t size = oid.size();
+        unsigned isCritical = 0;
+        const int result =
+            gnutls_x509_crt_get_extension_info(certificate, index, oid.data(), &size, &isCritical);
+        if (result == GNUTLS_E_REQUESTED_DATA_NOT_AVAILABLE) {
+            break;
+        }
+        if (result >= 0 && oid.data() == deviceTypeOid) {
+            found.push_back(index);
+        }
+    }
+    return found;
+}
+
+/// The content of an extension; empty if it can't be had, or is too long to be of interest.
+std::vector<unsigned char> extensionData(gnutls_x509_crt_t certificate, unsigned index) {
+    std::vector<unsigned char> data(usualExtensionBytes);
+    std::size_t size = data.size();
+    int result = gnutls_x509_crt_get_extension_data(certificate, index, data.data(), &size);
+    if (result == GNUTLS_E_SHORT_MEMORY_BUFFER && size <= mostExtensionBytes) {
+        data.resize(size);
+        result = gnutls_x509_crt_get_extension_data(certificate, index, data.data(), &size);
+    }
+    data.resize(result < 0 ? 0 : size);
+    return data;
+}
+
+bool saysDevice(const std::vector<unsigned char>& data) {
+    constexpr std::size_t headerBytes = 2;
+    return data.size() >= headerBytes + deviceType.size() && data[0] == ia5StringTag &&
+           data[1] == deviceType.size() &&
+           std::equal(deviceType.begin(), deviceType.end(), data.begin() + headerBytes);
+}
+
+} // namespace
+
+int verifyClient(info::Logger& logger, const Certificate& local, const Certificate& peer) {
+    constexpr int accepted = 0;
+    constexpr int refused = 1;
+    if (!hasSameIssuer(logger, local, peer) || !isNamedLikeDevice(logger, peer.subject().commonName)) {
+        return refused;
+    }
+    const std::optional<Certificate> authority = loadAuthority(logger);
+    if (!authority || !isVouchedFor(logger, *authority, peer)) {
+        return refused;
+    }
+    if (!hasDeviceType(peer)) {
+        info::LogEntry(logger, info::level::error)
+            << "Failed to find required metadata in client certificate";
+        return refused;
+    }
+    return accepted;
+}
+
+bool hasDeviceType(const Certificate& certificate) {
+    const std::vector<unsigned> indices = typeExtensions(certificate.handle());
+    return std::any_of(indices.begin(), indices.end(), [&](unsigned index) {
+        return saysDevice(extensionData(certificate.handle(), index));
+    });
+}
+
+} // namespace agent::ordak
