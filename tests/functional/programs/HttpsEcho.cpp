@@ -1,0 +1,107 @@
+#include "info/log/Logger.h"
+#include "ordak/HTTPServer.h"
+
+#include <nlohmann/json.hpp>
+
+#include <array>
+#include <condition_variable>
+#include <cstdlib>
+#include <fstream>
+#include <gnutls/crypto.h>
+#include <iomanip>
+#include <iostream>
+#include <mutex>
+#include <sstream>
+#include <stdexcept>
+
+namespace {
+
+/// Holds requests back until the test lets one go.
+class Gate {
+public:
+    void open() {
+        const std::lock_guard lock(mutex);
+        ++opened;
+        changed.notify_all();
+    }
+    void pass() {
+        std::unique_lock lock(mutex);
+        changed.wait(lock, [this] { return opened > 0; });
+        --opened;
+    }
+
+private:
+    std::mutex mutex;
+    std::condition_variable changed;
+    int opened = 0; // guarded by mutex
+};
+
+std::string readFile(const char* path) {
+    std::ostringstream content;
+    content << std::ifstream(path).rdbuf();
+    return content.str();
+}
+
+std::string sha256(const std::string& data) {
+    std::array<unsigned char, 32> digest{};
+    gnutls_hash_fast(GNUTLS_DIG_SHA256, data.data(), data.size(), digest.data());
+    std::ostringstream text;
+    for (const unsigned byte : digest) {
+        text << std::hex << std::setw(2) << std::setfill('0') << byte;
+    }
+    return text.str();
+}
+
+} // namespace
+
+/// HttpsEcho KEY CERTIFICATE TRUST: an HTTPServer that answers each request with what it was given. The log
+/// goes to standard output, a line of standard input lets one request to /wait go, and its end stops the
+/// server. What a URL asks for besides: /wait blocks, /big answers with 16 MiB, /throw and /strange throw.
+int main(int argc, char** argv) {
+    if (argc != 4) {
+        std::cerr << "usage: HttpsEcho KEY CERTIFICATE TRUST\n";
+        return 2;
+    }
+    agent::info::Logger logger([](const std::string& message, int level, agent::info::LogTime /*time*/) {
+        std::cout << level << " " << message << std::flush;
+    });
+    Gate gate;
+    const auto answer = [&](int deviceId, const std::string& ip, const std::string& method,
+                            const std::string& url, const agent::ordak::HTTPServer::Arguments& args,
+                            const std::string& body, std::string& contentType, std::string& response) {
+        if (url == "/wait") {
+            agent::info::LogEntry(logger, agent::info::level::info) << "waiting";
+            gate.pass();
+        } else if (url == "/throw") {
+            throw std::runtime_error("as asked for");
+        } else if (url == "/strange") {
+            throw 1; // NOLINT: what a handler may do
+        }
+        constexpr std::size_t shownBytes = 4096;
+        contentType = "application/json";
+        response = nlohmann::json{{"deviceId", deviceId},
+                                  {"ip", ip},
+                                  {"method", method},
+                                  {"url", url},
+                                  {"args", args},
+                                  {"bodyBytes", body.size()},
+                                  {"bodyHash", sha256(body)},
+                                  {"body", body.substr(0, shownBytes)}}
+                       .dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+        constexpr std::size_t bigBytes = std::size_t{16} << 20U;
+        response.resize(url == "/big" ? bigBytes : response.size(), ' ');
+        return 200;
+    };
+    try {
+        agent::ordak::HTTPServer server(logger, readFile(argv[1]), readFile(argv[2]), readFile(argv[3]),
+                                        answer);
+        server.start();
+        for (std::string line; std::getline(std::cin, line);) {
+            gate.open();
+        }
+        server.stop();
+    } catch (const std::exception& error) {
+        std::cerr << error.what() << "\n";
+        return EXIT_FAILURE;
+    }
+}
