@@ -24,7 +24,7 @@ class Answer:
 
 
 class Connection:
-    """A TLS connection. An answer that doesn't come, since the other side has closed or is silent, is None."""
+    """A TLS connection. An answer that does not come, the other side being closed or silent, is None."""
 
     def __init__(self, wrapped):
         self.socket = wrapped
