@@ -1,0 +1,94 @@
+#include "ordak/Certificates.h"
+
+#include "common/BaseDirectories.h"
+#include "common/Directory.h"
+#include "common/File.h"
+
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+
+namespace agent::ordak {
+
+namespace {
+
+constexpr const char* keyName = "server.key";
+constexpr const char* certificateName = "server.pem";
+constexpr const char* caName = "ca.crt";
+
+std::string read(const char* name) {
+    std::ifstream file((certificatesDirectory() / name).str(), std::ios::binary);
+    std::ostringstream content;
+    content << file.rdbuf();
+    return file.bad() ? "" : content.str();
+}
+
+Certificates readAll() {
+    return {read(keyName), read(certificateName), read(caName)};
+}
+
+/// The names of the files that have no content, each with a blank before it; empty if nothing is missing.
+std::string missing(const Certificates& certificates) {
+    std::string names;
+    names += certificates.key.empty() ? " server.key" : "";
+    names += certificates.certificate.empty() ? " server.pem" : "";
+    names += certificates.ca.empty() ? " ca.crt" : "";
+    return names;
+}
+
+[[noreturn]] void fail(info::Logger& logger, const std::string& message) {
+    info::LogEntry(logger, info::level::error) << message;
+    throw std::runtime_error(message);
+}
+
+/// Runs what changes one of the files.
+void change(info::Logger& logger, const char* name, const std::function<void(const Path&)>& action) {
+    try {
+        action(certificatesDirectory() / name);
+    } catch (const std::exception& error) {
+        info::LogEntry(logger, info::level::error) << error.what();
+        throw std::runtime_error("could not open file " + std::string(name) + " for writing");
+    }
+}
+
+void write(info::Logger& logger, const char* name, const std::string& content, mode_t mode) {
+    change(logger, name, [&](const Path& path) { file::replace(path, content, mode); });
+}
+
+} // namespace
+
+Path certificatesDirectory() {
+    return dir::base() / "certs";
+}
+
+void loadOrCreate(Certificates& certificates, info::Logger& logger, const std::function<void()>& generate) {
+    certificates = readAll();
+    const std::string missingAtFirst = missing(certificates);
+    if (missingAtFirst.empty()) {
+        return;
+    }
+    try {
+        generate();
+    } catch (const std::exception& error) {
+        fail(logger, "Could not find certificate files:" + missingAtFirst +
+                         "; subsequently failed to create them with error message: " + error.what());
+    }
+    certificates = readAll();
+    if (const std::string stillMissing = missing(certificates); !stillMissing.empty()) {
+        fail(logger, "Could not find certificates after their presumed creation: " + stillMissing);
+    }
+}
+
+void storeCertificates(const Certificates& certificates, info::Logger& logger) {
+    dir::make(certificatesDirectory());
+    change(logger, caName, [](const Path& path) {
+        if (file::exists(path)) {
+            file::remove(path);
+        }
+    });
+    write(logger, keyName, certificates.key, S_IRUSR | S_IWUSR);
+    write(logger, certificateName, certificates.certificate, S_IRUSR | S_IWUSR | S_IRGRP | S_IROTH);
+    write(logger, caName, certificates.ca, S_IRUSR | S_IWUSR | S_IRGRP | S_IROTH);
+}
+
+} // namespace agent::ordak
