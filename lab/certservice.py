@@ -26,6 +26,7 @@ from lab.certificates import Authority, CertificateError
 
 HOST = "certificates.tolvu.example"
 PATH = "/certApi.php"
+MOVED_PATH = PATH + "?moved"
 PORT = 443
 SERVICE_KEY = "lab-service-key"
 LONGEST_REQUEST = 1 << 20
@@ -45,7 +46,7 @@ FAULTS = {
     "another-key": "a certificate for a key that nobody asked for",
     "garbage": "a certificate that is none",
     "huge": "an answer of many megabytes",
-    "redirect": "HTTP status 302 to another path",
+    "redirect": "HTTP status 307 to a place where the service works",
 }
 
 
@@ -81,7 +82,7 @@ class Handler(http.server.BaseHTTPRequestHandler):
     def do_PUT(self):
         service = self.server.service
         length = int(self.headers.get("Content-Length", 0))
-        if self.path != PATH or not 0 < length <= LONGEST_REQUEST:
+        if self.path not in (PATH, MOVED_PATH) or not 0 < length <= LONGEST_REQUEST:
             self.answer(404, "text/plain", b"Not found")
             return
         body = self.rfile.read(length)
@@ -89,8 +90,8 @@ class Handler(http.server.BaseHTTPRequestHandler):
         if service.fault in ("slow", "trickle"):
             self.stall(service)
             return
-        if service.fault == "redirect":
-            self.answer(302, "text/html", b"", ("Location", f"https://{service.host}/elsewhere"))
+        if service.fault == "redirect" and self.path == PATH:
+            self.answer(307, "text/html", b"", ("Location", f"https://{service.host}{MOVED_PATH}"))
             return
         if service.fault in ("500", "not-json"):
             self.answer(500 if service.fault == "500" else 200, "text/html", b"<html>Out of order</html>")

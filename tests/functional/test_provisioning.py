@@ -26,8 +26,8 @@ PROGRAM = ROOT / os.environ.get("BEKD_BUILD", "build/release") / "Provision"
 CERTIFICATES = pathlib.Path("/etc/tolvu/bek/certs")
 FILES = ("server.key", "server.pem", "ca.crt")
 SECONDS = 60
-MISSING_ALL = ("Could not find certificate files: server.key server.pem ca.crt; subsequently failed to create "
-               "them with error message: ")
+MISSING_ALL = ("Could not find certificate files: server.key server.pem ca.crt; subsequently failed to "
+               "create them with error message: ")
 
 
 @pytest.fixture(scope="module")
