@@ -6,9 +6,9 @@
                                       full=True).content
         appliance.status(identifier).content["status"]
 
-Every call returns an Answer, whatever its HTTP status. What is no answer is an exception: NoAnswer if the agent
-has closed the connection, as it does with a certificate that it refuses, and Unreachable if there was no
-connection to begin with.
+Every call returns an Answer, whatever its HTTP status. What is no answer is an exception: NoAnswer if the
+agent has closed the connection, as it does with a certificate that it refuses, and Unreachable if there was
+no connection to begin with.
 """
 import http.client
 import json
@@ -191,8 +191,8 @@ class Appliance:
 
     @staticmethod
     def _has_ended(connected):
-        """Between two calls the agent has nothing to say: whatever is there to be read is the end. A request is
-        never sent twice, so this is asked before, not found out after."""
+        """Between two calls the agent has nothing to say: whatever is there to be read is the end. A request
+        is never sent twice, so this is asked before, not found out after."""
         if connected is None: # closed with the last answer
             return True
         return bool(select.select([connected], [], [], 0)[0])

@@ -195,9 +195,9 @@ def test_agent_of_another_authority(agent, device, tmp_path):
             appliance.host()
 
 
-@pytest.mark.parametrize("arguments", [(), ("nonsense",), ("pair", "x"), ("loglevel", "loud"), ("config", "x"),
-                                       ("backup", "--volume", "lun=1"), ("backup", "--volume", "guid=1,a=2"),
-                                       ("backup", "--volume", "guid=1"), ("backup", "--request", "/none")])
+@pytest.mark.parametrize("arguments", [
+    (), ("nonsense",), ("pair", "x"), ("loglevel", "loud"), ("config", "x"), ("backup", "--volume", "lun=1"),
+    ("backup", "--volume", "guid=1,a=2"), ("backup", "--volume", "guid=1"), ("backup", "--request", "/none")])
 def test_command_line_that_makes_no_sense(agent, command, arguments):
     status, output, error = command(*arguments)
     assert (status, output) == (64, "")
@@ -230,7 +230,8 @@ def test_backup_from_a_file(agent, command, tmp_path):
 
 def test_watch_until_the_end(agent, command):
     agent.says((201, "text/plain", "b-1"), ACTIVE, ACTIVE, FINISHED)
-    status, output, error = command("backup", "--volume", "guid=0f1e", "--target", "t", "--name", "n", "--watch")
+    status, output, error = command("backup", "--volume", "guid=0f1e", "--target", "t", "--name", "n",
+                                    "--watch")
     assert (status, error) == (0, "")
     assert output == f"b-1\n{DISK} full active 5/20\n{DISK} full finished 20/20\n"
     assert [path for _, path, _ in agent.requests] == ["/backup"] + 3 * ["/backup/b-1"]

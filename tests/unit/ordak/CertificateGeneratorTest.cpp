@@ -184,7 +184,7 @@ TEST_F(CertificateGeneratorTest, NeedsAHostName) {
 
 TEST_F(CertificateGeneratorTest, AnswerThatIsNoJson) {
     for (const char* body :
-         {"", "<html>Sorry</html>", "{\"status\": \"success\"", "{} {}", "{\"a\": \"\xff\"}"}) {
+         {"", "<html>Sorry</html>", R"({"status": "success")", "{} {}", "{\"a\": \"\xff\"}"}) {
         EXPECT_EQ(refusal("issueCert", {200, body}), "curl request issueCert response incorrectly formatted")
             << body;
     }
