@@ -3,6 +3,7 @@
 The agent's part is played by a server that notes requests and gives the answers it is told to.
 """
 import http.server
+import io
 import json
 import pathlib
 import ssl
@@ -17,6 +18,7 @@ sys.path.insert(0, str(ROOT))
 
 from lab.appliance_client import Appliance, NoAnswer, Unreachable, volume  # noqa: E402
 from lab.certificates import Authority  # noqa: E402
+from lab.progress import shown_progress  # noqa: E402
 
 SECONDS = 60
 DISK = "0f1e"
@@ -247,6 +249,20 @@ def test_watch_of_a_failed_backup(agent, command):
 def test_watch_of_no_volumes(agent, command):
     agent.says(FINISHED | {"details": None})
     assert command("watch", "b-1") == (0, "", "")
+
+
+def test_bars_on_a_terminal():
+    class Terminal(io.StringIO):
+        def isatty(self):
+            return True
+
+    terminal = Terminal()
+    with shown_progress(terminal) as progress:
+        progress(ACTIVE)
+        progress(FINISHED)
+    assert DISK in terminal.getvalue()
+    assert "20/20 bytes" in terminal.getvalue()
+    assert "full finished" in terminal.getvalue()
 
 
 def test_cancel(agent, command):
