@@ -20,7 +20,7 @@ std::string read(const char* name) {
     std::ifstream file((certificatesDirectory() / name).str(), std::ios::binary);
     std::ostringstream content;
     content << file.rdbuf();
-    return file.bad() ? "" : content.str();
+    return content.fail() ? "" : content.str(); // also where only a part could be read
 }
 
 Certificates readAll() {
