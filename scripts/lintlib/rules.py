@@ -15,6 +15,7 @@ from lintlib.tree import block_from, line_of
 # belongs to the deepest listed folder that contains it.
 LAYERS = [
     "common",
+    "common/json",
     "info/log",
     "common/config",
     "info",

@@ -2,6 +2,7 @@
 
 #include "common/File.h"
 #include "common/config/UnsignedNumber.h"
+#include "common/json/ParseJson.h"
 
 #include <fstream>
 #include <iterator>
@@ -15,18 +16,8 @@ namespace {
 using nlohmann::json;
 
 constexpr std::size_t largestFile = 1024UL * 1024;
-constexpr int deepestNesting = 32;
 /// The file may come to hold what an administrator would not show to every user of the machine.
 constexpr mode_t fileMode = 0600;
-
-json parse(const std::string& text) {
-    return json::parse(text, [](int depth, json::parse_event_t /*event*/, const json& /*parsed*/) {
-        if (depth > deepestNesting) {
-            throw std::runtime_error("nested deeper than " + std::to_string(deepestNesting) + " levels");
-        }
-        return true;
-    });
-}
 
 json readDocument(const Path& path) {
     std::ifstream file(path.str(), std::ios::binary);
@@ -43,7 +34,7 @@ json readDocument(const Path& path) {
         if (text.size() > largestFile) {
             throw std::runtime_error("larger than " + std::to_string(largestFile) + " bytes");
         }
-        return parse(text);
+        return parseJson(text);
     } catch (const std::exception& error) {
         throw std::runtime_error("Could not read the configuration file \"" + path.str() +
                                  "\": " + error.what());

@@ -16,7 +16,7 @@ namespace agent {
 /// Owns:    the parsed document.
 /// Threads: safe from any; readers share the document with a writer under one short mutex.
 /// Fails:   construction throws std::runtime_error if the file can be opened but is no JSON, is larger than
-///          1 MiB or nested deeper than 32 levels. A missing file is an empty store.
+///          1 MiB or beyond the limits of parseJson. A missing file is an empty store.
 class JSONConfigDataProvider : public IConfigDataProvider {
 public:
     explicit JSONConfigDataProvider(Path path);

@@ -1,10 +1,13 @@
 #include "info/log/DateDecorator.h"
 
+#include "info/log/LocalTime.h"
+
 #include <algorithm>
 #include <array>
 #include <cctype>
 #include <ctime>
 #include <iomanip>
+#include <optional>
 #include <sstream>
 #include <stdexcept>
 
@@ -15,25 +18,19 @@ namespace {
 constexpr std::size_t stampLength = 23;
 constexpr std::size_t millisecondsPosition = 20;
 
+/// Throws for a text that is no stamp.
 LogTime parseStamp(const std::string& stamp) {
-    const std::logic_error failure("Could not interpret string as date time stamp");
-    if (stamp.size() != stampLength) {
-        throw failure;
-    }
     std::tm broken{};
     broken.tm_isdst = -1;
-    const char* end = strptime(stamp.c_str(), "%Y-%m-%d %T.", &broken);
-    const std::string milliseconds = stamp.substr(millisecondsPosition);
-    const bool digits = std::all_of(milliseconds.begin(), milliseconds.end(),
+    const bool parsed =
+        strptime(stamp.c_str(), "%Y-%m-%d %T.", &broken) == stamp.c_str() + millisecondsPosition;
+    const bool digits = std::all_of(stamp.begin() + millisecondsPosition, stamp.end(),
                                     [](unsigned char character) { return std::isdigit(character) != 0; });
-    if (end != stamp.c_str() + millisecondsPosition || !digits) {
-        throw failure;
+    const std::optional<LogTime> second = parsed && digits ? toLogTime(broken) : std::nullopt;
+    if (!second) {
+        throw std::logic_error("Could not interpret string as date time stamp");
     }
-    const std::time_t seconds = std::mktime(&broken);
-    if (seconds == -1) {
-        throw failure;
-    }
-    return LogTime(std::chrono::seconds(seconds) + std::chrono::milliseconds(std::stoi(milliseconds)));
+    return *second + std::chrono::milliseconds(std::stoi(stamp.substr(millisecondsPosition)));
 }
 
 } // namespace

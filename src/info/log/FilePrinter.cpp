@@ -5,11 +5,13 @@
 #include "common/Exceptions.h"
 #include "common/File.h"
 #include "common/FileDescriptor.h"
+#include "info/log/LocalTime.h"
 #include "info/log/LoggingError.h"
 
 #include <array>
 #include <ctime>
 #include <fcntl.h>
+#include <optional>
 #include <stdexcept>
 
 namespace agent::info {
@@ -51,11 +53,11 @@ LogTime FilePrinter::parseLogFileDate(const std::string& name) {
     std::tm broken{};
     strptime(name.substr(4, 10).c_str(), "%Y-%m-%d", &broken);
     broken.tm_isdst = -1;
-    const std::time_t midnight = std::mktime(&broken);
-    if (midnight == -1) {
+    const std::optional<LogTime> midnight = toLogTime(broken);
+    if (!midnight) {
         throw std::logic_error("Could not interpret string as date stamp");
     }
-    return LogTime(std::chrono::seconds(midnight));
+    return *midnight;
 }
 
 bool FilePrinter::print(const std::string& message, int /*level*/, LogTime time) {

@@ -15,11 +15,6 @@ constexpr const char* levelKey = "log_level";
 constexpr std::array<std::string_view, 7> names = {"min",  "critical", "error", "warning",
                                                    "info", "debug",    "max"};
 
-std::string nameOf(int level) {
-    const bool known = level >= level::min && level <= level::max;
-    return std::string(known ? names.at(static_cast<std::size_t>(level - level::min)) : "unknown");
-}
-
 std::string storedText(ILogLevelStore& store) {
     try {
         return store.getConfigValue(levelKey);
@@ -30,10 +25,15 @@ std::string storedText(ILogLevelStore& store) {
 
 } // namespace
 
+std::string levelName(int level) {
+    const bool known = level >= level::min && level <= level::max;
+    return std::string(known ? names.at(static_cast<std::size_t>(level - level::min)) : "unknown");
+}
+
 void StoredLevelFilter::setLevel(int level) {
     current = level;
     if (store != nullptr) {
-        store->setConfigValue(levelKey, nameOf(level));
+        store->setConfigValue(levelKey, levelName(level));
     }
 }
 
@@ -48,7 +48,7 @@ void StoredLevelFilter::load(Logger& logger, ILogLevelStore& levelStore) {
         LogEntry(logger, level::debug) << "Logger level loaded from database: " << text;
     } else if (!text.empty()) {
         LogEntry(logger, level::warning)
-            << "Database entry for log_level was not valid, updating to default: " << nameOf(current);
+            << "Database entry for log_level was not valid, updating to default: " << levelName(current);
         setLevel(current);
     }
 }

@@ -10,6 +10,9 @@ namespace agent::info {
 
 class Logger;
 
+/// The lower-case name of a threshold, "min" to "max"; "unknown" for a number that is none.
+std::string levelName(int level);
+
 /// The threshold of the log: lets pass what is at least as severe. It starts at "info" and, once loaded, is
 /// kept in the store under "log_level".
 /// Owns:    the threshold; the store must outlive it.

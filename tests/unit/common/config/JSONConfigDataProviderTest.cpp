@@ -88,7 +88,7 @@ TEST_F(JSONConfigDataProviderTest, EveryTruncationIsRefusedWithoutHarm) {
 }
 
 TEST_F(JSONConfigDataProviderTest, DepthAndSizeAreBounded) {
-    EXPECT_THAT(failureOf(std::string(500'000, '[')), testing::HasSubstr("nested deeper than 32 levels"));
+    EXPECT_THAT(failureOf(std::string(500'000, '[')), testing::HasSubstr("nested deeper than 128 levels"));
     EXPECT_THAT(failureOf("\"" + std::string(2'000'000, 'x') + "\""),
                 testing::HasSubstr("larger than 1048576 bytes"));
 }

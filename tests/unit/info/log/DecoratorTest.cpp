@@ -60,7 +60,8 @@ TEST_F(Decorators, LinesWithoutADateAreRefused) {
     for (const std::string line :
          {"", "text", "2016-03-04 10:54:56.007", "2016-03-04 10:54:56.007text and more",
           "2016-03-04 10:54:56,007 text", "2016-03-04 10:54:56.0x7 text", "2016-03-04 10:54:56.-07 text",
-          "2016-13-04 10:54:56.007 text", "2016-3-04 10:54:56.0070 text", "xxxx-xx-xx xx:xx:xx.xxx text"}) {
+          "2016-13-04 10:54:56.007 text", "2016-3-04 10:54:56.0070 text", "xxxx-xx-xx xx:xx:xx.xxx text",
+          "9999-12-31 23:59:59.999 text", "0001-01-01 00:00:00.000 text"}) {
         int level = 77;
         LogTime time;
         EXPECT_EQ(messageOf<std::logic_error>([&] { (void)date.undecorate(line, level, time); }),

@@ -157,6 +157,8 @@ TEST_F(FilePrinterTest, DateThatTheClockCannotShowIsRefused) {
     setenv("TZ", "EST-0:00:01", 1); // where the first midnight of 1970 is a second before the epoch
     tzset();
     EXPECT_EQ(refusalOf("bek_1970-01-01.log"), "Could not interpret string as date stamp");
+    EXPECT_EQ(refusalOf("bek_9999-12-31.log"), "Could not interpret string as date stamp");
+    EXPECT_EQ(refusalOf("bek_0001-01-01.log"), "Could not interpret string as date stamp");
 }
 
 } // namespace

@@ -1,0 +1,82 @@
+#include "common/json/ParseJson.h"
+
+#include "support/Messages.h"
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include <string>
+
+namespace agent {
+namespace {
+
+using nlohmann::json;
+using test::messageOf;
+
+std::string refusalOf(const std::string& text) {
+    return messageOf<json::exception>([&] { (void)parseJson(text); });
+}
+
+std::string nested(int levels, const std::string& open, const std::string& close) {
+    std::string text;
+    for (int level = 0; level < levels; ++level) {
+        text += open;
+    }
+    text += "1";
+    for (int level = 0; level < levels; ++level) {
+        text += close;
+    }
+    return text;
+}
+
+TEST(ParseJson, ReadsWhatTheLibraryReads) {
+    for (const std::string text :
+         {R"({"a": [1, -2, 3.5, "\u00e4", null, true], "b": {}})", "[]", "7", R"("x")"}) {
+        EXPECT_EQ(parseJson(text), json::parse(text));
+    }
+}
+
+TEST(ParseJson, NoJsonIsTheLibrarysError) {
+    for (const std::string text : {"", " ", "{", "[1,]", "{\"a\"}", "nul", "\"\xff\"", "[1] 2", "\x01"}) {
+        EXPECT_EQ(refusalOf(text), messageOf<json::parse_error>([&] { (void)json::parse(text).size(); }))
+            << text;
+    }
+    EXPECT_EQ(refusalOf("1e999"), messageOf<json::out_of_range>([] { (void)json::parse("1e999").size(); }));
+}
+
+TEST(ParseJson, BoundsTheDepth) {
+    EXPECT_EQ(parseJson(nested(128, "[", "]")), json::parse(nested(128, "[", "]")));
+    EXPECT_EQ(parseJson(nested(128, "{\"a\":", "}")), json::parse(nested(128, "{\"a\":", "}")));
+    for (const std::string& deep : {nested(129, "[", "]"), nested(10'000, "{\"a\":", "}"),
+                                    nested(64, "[{\"a\":", "}]") + "]", std::string(10'000'000, '[')}) {
+        EXPECT_NE(refusalOf(deep), "nothing was thrown");
+    }
+    EXPECT_EQ(messageOf<json::parse_error>([] { (void)parseJson(std::string(10'000'000, '[')); }),
+              "[json.exception.parse_error.101] parse error: nested deeper than 128 levels");
+}
+
+TEST(ParseJson, BoundsTheNumberOfValues) {
+    std::string many = "[";
+    for (std::size_t i = 0; i < mostJsonValues - 2; ++i) {
+        many += "1,";
+    }
+    EXPECT_EQ(parseJson(many + "1]").size(), mostJsonValues - 1); // the array itself counts, too
+    EXPECT_EQ(messageOf<json::parse_error>([&] { (void)parseJson(many + "1,1]"); }),
+              "[json.exception.parse_error.101] parse error: more than 1000000 values");
+    EXPECT_EQ(messageOf<json::parse_error>([&] {
+                  std::string empty = "[";
+                  for (std::size_t i = 0; i < mostJsonValues; ++i) {
+                      empty += "[],";
+                  }
+                  (void)parseJson(empty + "[]]");
+              }),
+              "[json.exception.parse_error.101] parse error: more than 1000000 values");
+}
+
+TEST(ParseJson, OneLongTextIsNoHarm) {
+    const std::string text = "\"" + std::string(64UL * 1024 * 1024, 'x') + "\"";
+    EXPECT_EQ(parseJson(text).get_ref<const std::string&>().size(), text.size() - 2);
+}
+
+} // namespace
+} // namespace agent
