@@ -1,0 +1,171 @@
+#include "ordak/Backup.h"
+
+#include "common/Exceptions.h"
+#include "common/json/ParseJson.h"
+#include "common/json/WholeNumber.h"
+#include "core/backup/BackupAttributes.h"
+#include "core/backup/BackupSession.h"
+#include "core/backup/BackupType.h"
+#include "core/backup/SnapshotAttributes.h"
+#include "core/transport/ITransport.h"
+
+#include <nlohmann/json.hpp>
+
+#include <optional>
+#include <stdexcept>
+#include <unordered_map>
+#include <utility>
+
+namespace agent::ordak {
+
+namespace {
+
+using core::backup::VolumeAttributes;
+using core::backup::VolumeScript;
+using nlohmann::json;
+using Attributes = std::unordered_map<std::string, VolumeAttributes>;
+using Target = core::ITransportFactory::Target;
+
+constexpr std::uint32_t defaultTimeout = 60;
+constexpr std::uint32_t driverMethod = 0;
+constexpr std::uint32_t otherMethod = 1;
+
+/// What `convert` makes of the value under `key`. Everything that can be wrong with it is the caller's fault.
+template <typename Convert>
+auto readKey(const json& object, const char* key, Convert convert) {
+    try {
+        return convert(object.at(key));
+    } catch (const std::exception& error) {
+        throw exception::bad_request(error.what());
+    }
+}
+
+std::string readText(const json& object, const char* key) {
+    return readKey(object, key, [](const json& value) { return value.get<std::string>(); });
+}
+
+template <typename Integer>
+Integer readNumber(const json& object, const char* key) {
+    return readKey(object, key, [](const json& value) { return requireWholeNumber<Integer>(value); });
+}
+
+std::int32_t readLun(const json& object) {
+    return readKey(object, "lun", [](const json& value) {
+        const auto lun = requireWholeNumber<std::int32_t>(value);
+        if (lun < 0) {
+            throw std::out_of_range("the logical unit number " + std::to_string(lun) + " is negative");
+        }
+        return lun;
+    });
+}
+
+core::backup::BackupType readType(const json& request) {
+    const bool forceDiffMerge = request.value("forceDiffMerge", false);
+    const bool forceCopyFull = request.value("forceCopyFull", false);
+    return core::backup::requestedBackupType(forceDiffMerge, forceCopyFull);
+}
+
+std::shared_ptr<core::backup::ISnapshotAttributes> readSnapshotAttributes(const json& request) {
+    auto exclusions = request.value("VSSExclusions", std::vector<std::string>());
+    const bool byDriver = request.value("snapshotMethod", std::string()) == "TVD";
+    return std::make_shared<core::backup::SnapshotAttributes>(byDriver ? driverMethod : otherMethod,
+                                                              std::move(exclusions), 0);
+}
+
+void insert(Attributes& attributes, const std::string& guid, VolumeAttributes volume) {
+    if (!attributes.try_emplace(guid, std::move(volume)).second) {
+        throw std::invalid_argument("Could not insert a volume attributes object into the attributes map.");
+    }
+}
+
+/// Takes the port off the end of an address "host:port". A port beyond 16 bits loses its upper ones.
+std::uint16_t splitPort(std::string& address) {
+    const std::size_t colon = address.find(':');
+    if (colon == std::string::npos || address.find(':', colon + 1) != std::string::npos) {
+        throw std::invalid_argument("Could not interpret target as address:host");
+    }
+    const int port = std::stoi(address.substr(colon + 1));
+    address.resize(colon);
+    return static_cast<std::uint16_t>(port);
+}
+
+} // namespace
+
+Backup::Backup(info::Logger& logger, core::IEngine& engine, FeatureManager& features,
+               core::ITransportFactory& transports)
+    : logger(logger), engine(engine), transports(transports) {
+    features.addFeature({"zephane", "2.0", "2.0"});
+}
+
+APIResponse Backup::operator()(const std::string& body) {
+    info::LogEntry(logger, info::level::info) << "Handling backup start call";
+    const json request = parseJson(body);
+    const std::string interface = request.value("interface", std::string());
+    if (interface == "zephane") {
+        throw std::invalid_argument("Zephane v1 not supported!");
+    }
+    const core::backup::BackupType type = readType(request);
+    std::shared_ptr<core::backup::ISnapshotAttributes> snapshotAttributes = readSnapshotAttributes(request);
+    if (!request.contains("volumes")) {
+        throw exception::bad_request("request missing key: volumes");
+    }
+    auto session = std::make_unique<core::backup::BackupSession>(logger);
+    Attributes attributes;
+    for (const json& entry : request.at("volumes")) {
+        Volume volume = readVolume(entry);
+        insert(attributes, volume.guid, {volume.target.offset, type, std::move(volume.scripts)});
+        session->addTransport(volume.guid, makeTransport(interface, std::move(volume.target)));
+    }
+    std::string id = engine.createBackup(
+        std::move(session), std::make_shared<core::backup::BackupAttributes>(std::move(attributes)),
+        std::move(snapshotAttributes));
+    return {APIResponse::ContentType::plainText, std::move(id), 201};
+}
+
+Backup::Volume Backup::readVolume(const json& entry) {
+    Volume volume;
+    volume.guid = readText(entry, "guid");
+    volume.target.offset = readNumber<std::uint64_t>(entry, "offset");
+    volume.target.qualifiedName = readText(entry, "qualifiedName");
+    volume.target.address = readText(entry, "target");
+    volume.target.lun = readLun(entry);
+    volume.target.username = readText(entry, "username");
+    volume.target.password = readText(entry, "password");
+    const auto scripts =
+        readKey(entry, "scriptsPrePost", [](const json& value) { return value.get<std::vector<json>>(); });
+    for (const json& script : scripts) {
+        volume.scripts.push_back(readScript(script));
+    }
+    return volume;
+}
+
+VolumeScript Backup::readScript(const json& script) {
+    std::string name = readText(script, "scriptname");
+    const std::uint32_t timeout = readTimeout(script, name);
+    return {std::move(name), timeout};
+}
+
+std::uint32_t Backup::readTimeout(const json& script, const std::string& name) {
+    try {
+        const std::optional<std::int32_t> seconds = wholeNumber<std::int32_t>(script.at("timeout"));
+        return seconds && *seconds > 0 ? static_cast<std::uint32_t>(*seconds) : defaultTimeout;
+    } catch (const json::exception& error) {
+        logger.log(info::level::debug, "No timeout value given for PPS script '%s'; using default (err: %s)",
+                   name.c_str(), error.what());
+        return defaultTimeout;
+    }
+}
+
+std::shared_ptr<core::ITransport> Backup::makeTransport(const std::string& interface, Target target) {
+    logger.log(info::level::debug, "Backup transport interface requested: %s",
+               interface.empty() ? "<not specified>" : interface.c_str());
+    if (interface == "zephaneftp") {
+        logger.log(info::level::info, "Backup transport interface: %s", "zephaneftp");
+        const std::uint16_t port = splitPort(target.address);
+        return transports.makeZephaneFTP(target, port);
+    }
+    info::LogEntry(logger, info::level::info) << "Backup transport interface: iSCSI";
+    return transports.makeIscsi(target);
+}
+
+} // namespace agent::ordak

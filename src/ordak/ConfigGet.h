@@ -1,0 +1,19 @@
+#pragma once
+
+#include "common/config/IConfigData.h"
+#include "ordak/APIResponse.h"
+
+namespace agent::ordak {
+
+/// GET /config: the options that have been set.
+/// Threads: safe from any.
+class ConfigGet {
+public:
+    explicit ConfigGet(const IConfigData& config) : config(config) {}
+    APIResponse operator()() const;
+
+private:
+    const IConfigData& config;
+};
+
+} // namespace agent::ordak

@@ -1,0 +1,23 @@
+#pragma once
+
+#include "common/config/IConfigData.h"
+#include "ordak/APIResponse.h"
+
+#include <mutex>
+
+namespace agent::ordak {
+
+/// POST /config: sets the options of a JSON object, all or none of them.
+/// Threads: safe from any.
+/// Fails:   exception::bad_request for a body that is no JSON or holds a pair that can't be set.
+class ConfigSet {
+public:
+    explicit ConfigSet(IConfigData& config) : config(config) {}
+    APIResponse operator()(const std::string& body);
+
+private:
+    IConfigData& config;
+    std::mutex mutex; // one change at a time, as the configuration requires
+};
+
+} // namespace agent::ordak

@@ -1,0 +1,39 @@
+#pragma once
+
+#include <map>
+#include <string>
+
+namespace agent::ordak {
+
+/// A part of the device API that not every version of the agent has.
+struct Feature {
+    std::string name;
+    std::string version;
+    std::string minVersion; ///< The oldest version that the agent still speaks.
+
+    bool operator==(const Feature&) const = default;
+};
+
+/// The features that the appliance can discover.
+/// Owns:    the features.
+/// Threads: filled while the agent is put together, only read afterwards; no lock.
+/// Fails:   never.
+class FeatureManager {
+public:
+    using Features = std::map<std::string, Feature>;
+
+    FeatureManager() = default;
+    FeatureManager(const FeatureManager&) = delete;
+    FeatureManager& operator=(const FeatureManager&) = delete;
+    virtual ~FeatureManager() = default;
+
+    /// Replaces an earlier feature of the same name.
+    virtual void addFeature(Feature feature);
+    /// By name.
+    [[nodiscard]] virtual Features getFeatures() const;
+
+private:
+    Features features;
+};
+
+} // namespace agent::ordak

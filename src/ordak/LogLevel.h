@@ -1,0 +1,23 @@
+#pragma once
+
+#include "info/log/Logger.h"
+#include "info/log/StoredLevelFilter.h"
+#include "ordak/APIResponse.h"
+
+namespace agent::ordak {
+
+/// POST /logLevel: sets the threshold of the log. The appliance counts the other way round: its "severity"
+/// is 0 for everything and 6 for nothing.
+/// Threads: safe from any.
+/// Fails:   exception::bad_request for a body without a number; what the filter's store throws.
+class LogLevel {
+public:
+    LogLevel(info::Logger& logger, info::StoredLevelFilter& filter);
+    APIResponse operator()(const std::string& body);
+
+private:
+    info::Logger& logger;
+    info::StoredLevelFilter& filter;
+};
+
+} // namespace agent::ordak

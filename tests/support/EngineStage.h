@@ -1,0 +1,89 @@
+#pragma once
+
+#include "core/Engine.h"
+#include "core/backup/BackupManager.h"
+#include "core/backup/BackupSession.h"
+#include "core/backup/BackupThread.h"
+#include "core/backup/IBackupAttributes.h"
+#include "core/backup/ISnapshotAttributes.h"
+#include "core/script/IQuiesce.h"
+#include "support/RecordingLogger.h"
+
+#include <memory>
+#include <string>
+#include <utility>
+
+namespace agent::test {
+
+/// A driver that tells what it is given; nothing given is a driver that can't be read.
+class FixedDriverInfo : public IDriverInfoProvider {
+public:
+    [[nodiscard]] std::string getDriverVersion() const override { return "4.2.0"; }
+    [[nodiscard]] bool isRebootRequired() const override { return rebootRequired; }
+    [[nodiscard]] std::string getDriverStatus() const override {
+        if (status.empty()) {
+            throw std::runtime_error("no driver");
+        }
+        return status;
+    }
+
+    bool rebootRequired = false;
+    std::string status;
+};
+
+/// A backup whose status is set by the test, and whose run ends at once.
+class FixedBackup : public core::backup::IBackup {
+public:
+    explicit FixedBackup(std::string id) : id(std::move(id)) {}
+
+    [[nodiscard]] std::string getId() const override { return id; }
+    void getStatus(core::backup::BackupStatus& out) const override { out = status; }
+    void ping() override { ++pings; }
+    [[nodiscard]] bool isActive() const override { return active; }
+    [[nodiscard]] bool isFinished() const override { return finished; }
+    void cancel() override { cancelled = true; }
+    [[nodiscard]] bool isCancelled() const override { return cancelled; }
+    void run(std::unique_ptr<core::backup::BackupSession> /*session*/) override {}
+
+    core::backup::BackupStatus status;
+    bool active = false;
+    bool finished = true;
+    bool cancelled = false;
+    int pings = 0;
+
+private:
+    std::string id;
+};
+
+/// A real engine with its register and threads; what its backups would do is left out, and what they were to
+/// do is kept.
+class EngineStage {
+    class NoScripts : public core::script::IQuiesce {
+    public:
+        std::set<std::string> getScripts(const std::string& /*directory*/) override { return {}; }
+        void runScript(const std::string& /*script*/, std::uint32_t /*timeout*/, bool /*isPre*/) override {}
+    };
+
+    NoScripts quiesce;
+    FixedDriverInfo driverInfo;
+
+public:
+    explicit EngineStage(info::Logger& logger)
+        : manager(logger),
+          engine(
+              logger, driverInfo, quiesce, manager,
+              [&logger] { return std::make_unique<core::backup::BackupThread>(logger); },
+              [this](auto attributes, auto snapshot) {
+                  backupAttributes = std::move(attributes);
+                  snapshotAttributes = std::move(snapshot);
+                  return std::make_unique<FixedBackup>("backup-" + std::to_string(++backupsMade));
+              }) {}
+
+    core::backup::BackupManager manager;
+    std::shared_ptr<core::backup::IBackupAttributes> backupAttributes;     ///< Of the last backup.
+    std::shared_ptr<core::backup::ISnapshotAttributes> snapshotAttributes; ///< Of the last backup.
+    int backupsMade = 0;
+    core::Engine engine; // last, so that its threads have ended before anything else goes
+};
+
+} // namespace agent::test

@@ -1,0 +1,368 @@
+#include "ordak/Backup.h"
+
+#include "common/Exceptions.h"
+#include "support/BodyMutation.h"
+#include "support/EngineStage.h"
+#include "support/Messages.h"
+#include "support/RecordingLogger.h"
+#include "support/RecordingTransportFactory.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include <stdexcept>
+#include <vector>
+
+namespace agent::ordak {
+namespace {
+
+using core::backup::VolumeScript;
+using nlohmann::json;
+using test::messageOf;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::UnorderedElementsAre;
+
+json volume(const std::string& guid = "uuid-1") {
+    return {{"guid", guid},
+            {"offset", 4096},
+            {"qualifiedName", "iqn.x:y"},
+            {"target", "10.0.0.1"},
+            {"lun", 3},
+            {"username", "user"},
+            {"password", "secret"},
+            {"scriptsPrePost", json::array()}};
+}
+
+json request(const std::vector<json>& volumes) {
+    return {{"volumes", volumes}};
+}
+
+class BackupTest : public testing::Test {
+protected:
+    APIResponse start(const json& body) { return backup(body.dump()); }
+
+    template <typename Exception = exception::bad_request>
+    std::string refusalOf(const json& body) {
+        return messageOf<Exception>([&] { start(body); });
+    }
+
+    /// The timeout that one script is given for a value of "timeout".
+    std::uint32_t timeoutOf(const json& value) {
+        json entry = volume();
+        entry["scriptsPrePost"] = json::array({{{"scriptname", "a"}, {"timeout", value}}});
+        start(request({entry}));
+        return stage.backupAttributes->getScripts("uuid-1").at(0).timeout;
+    }
+
+    std::uint32_t typeOf(const json& flags) {
+        json body = request({volume()});
+        body.update(flags);
+        start(body);
+        return stage.backupAttributes->getBackupType("uuid-1");
+    }
+
+    test::RecordingLogger record;
+    test::EngineStage stage{record.logger};
+    FeatureManager features;
+    test::RecordingTransportFactory transports;
+    Backup backup{record.logger, stage.engine, features, transports};
+};
+
+TEST_F(BackupTest, AnnouncesItsFeature) {
+    EXPECT_EQ(features.getFeatures().at("zephane"), (Feature{"zephane", "2.0", "2.0"}));
+}
+
+TEST_F(BackupTest, AnswersWithTheIdOfTheBackup) {
+    const APIResponse response = start(request({volume()}));
+    EXPECT_EQ(response.text, "backup-1");
+    EXPECT_EQ(response.status, 201);
+    EXPECT_EQ(response.contentType, APIResponse::ContentType::plainText);
+    EXPECT_EQ(record.lines().at(1), (test::RecordingLogger::Line{3, "Handling backup start call"}));
+}
+
+TEST_F(BackupTest, VolumesReachTheTransportsAndTheEngine) {
+    start(request({volume("uuid-1"), volume("uuid-2")}));
+    ASSERT_EQ(transports.made.size(), 2U);
+    const core::ITransportFactory::Target& target = transports.made[0].target;
+    EXPECT_EQ(target.qualifiedName, "iqn.x:y");
+    EXPECT_EQ(target.address, "10.0.0.1");
+    EXPECT_EQ(target.lun, 3);
+    EXPECT_EQ(target.offset, 4096U);
+    EXPECT_EQ(target.username, "user");
+    EXPECT_EQ(target.password, "secret");
+    EXPECT_EQ(transports.made[0].port, std::nullopt);
+    EXPECT_THAT(stage.backupAttributes->getVolumeUUIDs(), UnorderedElementsAre("uuid-1", "uuid-2"));
+    EXPECT_EQ(stage.backupAttributes->getBackupType("uuid-1"), 1U);
+    EXPECT_TRUE(stage.backupAttributes->getScripts("uuid-1").empty());
+    EXPECT_TRUE(record.has(3, "Backup session added a transport for volume UUID uuid-2"));
+}
+
+TEST_F(BackupTest, VolumesMayBeTheValuesOfAnObject) {
+    start({{"volumes", {{"first", volume("uuid-1")}, {"second", volume("uuid-2")}}}});
+    EXPECT_THAT(stage.backupAttributes->getVolumeUUIDs(), UnorderedElementsAre("uuid-1", "uuid-2"));
+}
+
+TEST_F(BackupTest, NoVolumesAreAValidRequest) {
+    EXPECT_EQ(backup(R"({"volumes": []})").text, "backup-1");
+    EXPECT_TRUE(stage.backupAttributes->getVolumeUUIDs().empty());
+    EXPECT_TRUE(transports.made.empty());
+}
+
+TEST_F(BackupTest, RequestedType) {
+    EXPECT_EQ(typeOf(json::object()), 1U);
+    EXPECT_EQ(typeOf({{"forceDiffMerge", true}}), 2U);
+    EXPECT_EQ(typeOf({{"forceCopyFull", true}}), 0U);
+    EXPECT_EQ(typeOf({{"forceDiffMerge", true}, {"forceCopyFull", true}}), 0U);
+    EXPECT_EQ(typeOf({{"forceDiffMerge", false}, {"forceCopyFull", false}}), 1U);
+}
+
+TEST_F(BackupTest, SnapshotAttributes) {
+    start(request({volume()}));
+    EXPECT_EQ(stage.snapshotAttributes->getSnapshotMethod(), 1U);
+    EXPECT_TRUE(stage.snapshotAttributes->getVSSExclusions().empty());
+    EXPECT_EQ(stage.snapshotAttributes->getFlags(), 0U);
+    json body = request({volume()});
+    body["snapshotMethod"] = "TVD";
+    body["VSSExclusions"] = {"a", "b"};
+    start(body);
+    EXPECT_EQ(stage.snapshotAttributes->getSnapshotMethod(), 0U);
+    EXPECT_THAT(stage.snapshotAttributes->getVSSExclusions(), ElementsAre("a", "b"));
+    body["snapshotMethod"] = "tvd";
+    start(body);
+    EXPECT_EQ(stage.snapshotAttributes->getSnapshotMethod(), 1U);
+}
+
+TEST_F(BackupTest, Timeouts) {
+    EXPECT_EQ(timeoutOf(90), 90U);
+    EXPECT_EQ(timeoutOf(90.5), 90U);
+    for (const json& value : std::vector<json>{0, -5, "10", 0.9, nullptr, true, 1e300, -1e300, 2147483648}) {
+        EXPECT_EQ(timeoutOf(value), 60U) << value;
+    }
+    EXPECT_FALSE(record.hasPart(4, "No timeout value given"));
+}
+
+TEST_F(BackupTest, ScriptWithoutATimeoutIsLogged) {
+    json entry = volume();
+    entry["scriptsPrePost"] = {{{"scriptname", "first"}}, {{"scriptname", "second"}, {"timeout", 5}}};
+    start(request({entry}));
+    EXPECT_THAT(stage.backupAttributes->getScripts("uuid-1"),
+                ElementsAre(VolumeScript{"first", 60}, VolumeScript{"second", 5}));
+    EXPECT_TRUE(record.has(4, "No timeout value given for PPS script 'first'; using default (err: "
+                              "[json.exception.out_of_range.403] key 'timeout' not found)"));
+}
+
+TEST_F(BackupTest, BodyThatIsNoRequest) {
+    EXPECT_THROW(backup("{"), json::parse_error);
+    EXPECT_THROW(backup(""), json::parse_error);
+    EXPECT_THROW(backup(std::string(10'000'000, '[')), json::parse_error);
+    EXPECT_THROW(backup("[]"), json::type_error);
+    EXPECT_THROW(backup("7"), json::type_error);
+    EXPECT_TRUE(record.has(3, "Handling backup start call"));
+}
+
+TEST_F(BackupTest, OptionsOfTheWrongType) {
+    for (const char* key :
+         {"interface", "forceDiffMerge", "forceCopyFull", "VSSExclusions", "snapshotMethod"}) {
+        json body = request({volume()});
+        body[key] = 5;
+        EXPECT_THAT(refusalOf<json::type_error>(body), HasSubstr("but is number")) << key;
+    }
+    EXPECT_EQ(stage.backupsMade, 0);
+}
+
+TEST_F(BackupTest, FirstZephaneIsRefused) {
+    EXPECT_EQ(refusalOf<std::invalid_argument>({{"interface", "zephane"}}), "Zephane v1 not supported!");
+}
+
+TEST_F(BackupTest, VolumesAreRequired) {
+    EXPECT_EQ(refusalOf(json::object()), "request missing key: volumes");
+}
+
+TEST_F(BackupTest, EveryKeyOfAVolumeIsRequiredInOrder) {
+    json entry = json::object();
+    for (const char* key :
+         {"guid", "offset", "qualifiedName", "target", "lun", "username", "password", "scriptsPrePost"}) {
+        EXPECT_EQ(refusalOf(request({entry})),
+                  std::string("[json.exception.out_of_range.403] key '") + key + "' not found");
+        entry[key] = volume()[key];
+    }
+    EXPECT_EQ(stage.backupsMade, 0);
+    EXPECT_TRUE(transports.made.empty());
+    start(request({entry}));
+    EXPECT_EQ(stage.backupsMade, 1);
+}
+
+TEST_F(BackupTest, EveryKeyOfAVolumeHasItsType) {
+    const json valid = volume();
+    for (const auto& [key, value] : valid.items()) {
+        for (const json& wrong : std::vector<json>{nullptr, true, json::object(), json{{"a", 1}}}) {
+            json entry = volume();
+            entry[key] = wrong;
+            EXPECT_THAT(refusalOf(request({entry})), HasSubstr("type must be ")) << key << wrong;
+        }
+    }
+    for (const json& entry : std::vector<json>{7, "x", nullptr, json::array()}) {
+        EXPECT_THAT(refusalOf(request({entry})), HasSubstr("cannot use at()")) << entry;
+    }
+    EXPECT_THAT(refusalOf({{"volumes", "x"}}), HasSubstr("cannot use at()"));
+    EXPECT_EQ(stage.backupsMade, 0);
+}
+
+TEST_F(BackupTest, NumbersThatFitNoVolumeAreRefused) {
+    for (const json& wrong : std::vector<json>{-1, -1.0, 1e300, -1e300}) {
+        for (const char* key : {"offset", "lun"}) {
+            json entry = volume();
+            entry[key] = wrong;
+            EXPECT_NE(refusalOf(request({entry})), "nothing was thrown") << key << wrong;
+        }
+    }
+    json entry = volume();
+    entry["lun"] = 2147483648;
+    EXPECT_EQ(refusalOf(request({entry})),
+              "[json.exception.out_of_range.406] number out of range: 2147483648");
+    entry["lun"] = 2147483647;
+    entry["offset"] = UINT64_MAX;
+    start(request({entry}));
+    EXPECT_EQ(transports.made.at(0).target.offset, UINT64_MAX);
+    EXPECT_EQ(transports.made.at(0).target.lun, 2147483647);
+}
+
+TEST_F(BackupTest, ScriptsNeedANameAndMustBeObjects) {
+    json entry = volume();
+    entry["scriptsPrePost"] = json::array({{{"timeout", 5}}});
+    EXPECT_EQ(refusalOf(request({entry})), "[json.exception.out_of_range.403] key 'scriptname' not found");
+    entry["scriptsPrePost"] = json::array({{{"scriptname", 5}}});
+    EXPECT_EQ(refusalOf(request({entry})),
+              "[json.exception.type_error.302] type must be string, but is number");
+    entry["scriptsPrePost"] = json::array({5});
+    EXPECT_THAT(refusalOf(request({entry})), HasSubstr("cannot use at()"));
+    entry["scriptsPrePost"] = "a";
+    EXPECT_EQ(refusalOf(request({entry})),
+              "[json.exception.type_error.302] type must be array, but is string");
+}
+
+TEST_F(BackupTest, DuplicateVolumesAreRefusedAndTheirTransportsGone) {
+    EXPECT_EQ(refusalOf<std::invalid_argument>(request({volume(), volume()})),
+              "Could not insert a volume attributes object into the attributes map.");
+    EXPECT_EQ(stage.backupsMade, 0);
+    ASSERT_EQ(transports.made.size(), 1U);
+    EXPECT_TRUE(transports.made[0].transport.expired());
+}
+
+TEST_F(BackupTest, OtherInterfacesAreIscsi) {
+    json entry = volume();
+    entry["target"] = "10.0.0.1:3260:1";
+    json body = request({entry});
+    start(body);
+    EXPECT_TRUE(record.has(4, "Backup transport interface requested: <not specified>"));
+    EXPECT_TRUE(record.has(3, "Backup transport interface: iSCSI"));
+    record.clear();
+    body["interface"] = "foo";
+    start(body);
+    EXPECT_TRUE(record.has(4, "Backup transport interface requested: foo"));
+    EXPECT_TRUE(record.has(3, "Backup transport interface: iSCSI"));
+    EXPECT_EQ(transports.made.at(1).target.address, "10.0.0.1:3260:1");
+}
+
+class ZephaneFTPTest : public BackupTest {
+protected:
+    json to(const std::string& target) {
+        json entry = volume();
+        entry["target"] = target;
+        json body = request({entry});
+        body["interface"] = "zephaneftp";
+        return body;
+    }
+};
+
+TEST_F(ZephaneFTPTest, AddressAndPortAreSplit) {
+    start(to("10.0.0.1:3260"));
+    EXPECT_EQ(transports.made.at(0).target.address, "10.0.0.1");
+    EXPECT_EQ(transports.made.at(0).port, 3260);
+    EXPECT_EQ(transports.made.at(0).target.password, "secret");
+    EXPECT_TRUE(record.has(4, "Backup transport interface requested: zephaneftp"));
+    EXPECT_TRUE(record.has(3, "Backup transport interface: zephaneftp"));
+}
+
+TEST_F(ZephaneFTPTest, PortKeepsItsLowBits) {
+    for (const auto& [text, port] : std::vector<std::pair<std::string, int>>{
+             {"70000", 4464}, {"-1", 65535}, {"0", 0}, {" 21", 21}, {"21x", 21}, {"+21", 21}}) {
+        start(to("host:" + text));
+        EXPECT_EQ(transports.made.back().port, port) << text;
+    }
+}
+
+TEST_F(ZephaneFTPTest, AddressesOfAnotherForm) {
+    for (const char* target : {"10.0.0.1:3260:1", "10.0.0.1", "", "::"}) {
+        EXPECT_EQ(refusalOf<std::invalid_argument>(to(target)), "Could not interpret target as address:host");
+    }
+    EXPECT_TRUE(transports.made.empty());
+}
+
+TEST_F(ZephaneFTPTest, PortsThatAreNoNumber) {
+    EXPECT_EQ(refusalOf<std::invalid_argument>(to("host:")), "stoi");
+    EXPECT_EQ(refusalOf<std::invalid_argument>(to("host:ftp")), "stoi");
+    EXPECT_EQ(refusalOf<std::out_of_range>(to("host:99999999999")), "stoi");
+    EXPECT_EQ(stage.backupsMade, 0);
+}
+
+TEST_F(ZephaneFTPTest, LinesOfOneRequestInOrder) {
+    start(to("host:21"));
+    std::vector<std::string> texts;
+    for (const auto& line : record.lines()) {
+        texts.push_back(line.text);
+    }
+    texts.resize(7);
+    EXPECT_THAT(texts,
+                ElementsAre("Core engine created", "Handling backup start call", "Backup session created",
+                            "Backup transport interface requested: zephaneftp",
+                            "Backup transport interface: zephaneftp",
+                            "Backup session added a transport for volume UUID uuid-1",
+                            "Core engine was asked to create a backup"));
+}
+
+class RefusingEngine : public core::IEngine {
+public:
+    void start() override {}
+    void stop() override {}
+    std::string createBackup(std::unique_ptr<core::backup::BackupSession> /*session*/,
+                             std::shared_ptr<core::backup::IBackupAttributes> /*attributes*/,
+                             std::shared_ptr<core::backup::ISnapshotAttributes> /*snapshot*/) override {
+        ++refused;
+        throw exception::bad_request("Too many backup requests while waiting for cancelling backup");
+    }
+    void cancelBackup(const std::string& /*backupId*/) override {}
+    [[nodiscard]] bool isBackupRunning() override { return false; }
+    [[nodiscard]] std::vector<std::string> getQuiesceScripts() override { return {}; }
+    void waitForBackup() override {}
+
+    int refused = 0;
+};
+
+TEST_F(BackupTest, RefusalOfTheEnginePasses) {
+    RefusingEngine refusing;
+    Backup refused(record.logger, refusing, features, transports);
+    EXPECT_EQ(messageOf<exception::bad_request>([&] { refused(request({volume()}).dump()); }),
+              "Too many backup requests while waiting for cancelling backup");
+    EXPECT_TRUE(transports.made.at(0).transport.expired());
+}
+
+TEST_F(BackupTest, SurvivesHostileBodies) {
+    json entry = volume();
+    entry["target"] = "host:21";
+    entry["scriptsPrePost"] = {{{"scriptname", "a"}, {"timeout", 5}}, {{"scriptname", "b"}}};
+    json body = request({entry, volume("uuid-2")});
+    body["interface"] = "zephaneftp";
+    body["VSSExclusions"] = {"a"};
+    body["snapshotMethod"] = "TVD";
+    body["forceCopyFull"] = false;
+    RefusingEngine refusing;
+    Backup handler(record.logger, refusing, features, transports);
+    test::survive(body.dump(), [&](const std::string& mutated) { handler(mutated); });
+    EXPECT_GT(refusing.refused, 0); // some of the bodies were still requests
+}
+
+} // namespace
+} // namespace agent::ordak
