@@ -1,6 +1,7 @@
 #include "app/Composition.h"
 
 #include "app/AgentConfigOptions.h"
+#include "app/ApiComposition.h"
 #include "app/EngineComposition.h"
 #include "app/ServiceAddresses.h"
 #include "app/Version.h"
@@ -13,6 +14,7 @@
 #include "db/DataProvider.h"
 #include "info/DriverInfoProvider.h"
 #include "install/UpdateChecker.h"
+#include "ordak/FeatureManager.h"
 
 namespace agent::app {
 
@@ -26,14 +28,14 @@ public:
     bool migrate(Config& /*config*/) override { return true; }
 };
 
-/// The services on top of the engine.
+/// The whole, from the services that make it up.
 void composeServices(info::Logger& logger, db::IDataProviderExtended& dataProvider,
                      const IDriverInfoProvider& driverInfo, Config& config, core::IEngine& engine,
-                     const Continuation& continuation) {
+                     ordak::HTTPServer& server, const Continuation& continuation) {
     const std::string updateUrl = "https://" + std::string(updateServiceHost) + "/win/version_21230.json";
     install::UpdateChecker updateChecker(logger, dataProvider, engine, updateUrl, version, driverInfo);
     NoLegacyState migrator;
-    ordak::TolvuBackupAgent agent(logger, migrator, config, {&engine, &updateChecker});
+    ordak::TolvuBackupAgent agent(logger, migrator, config, {&engine, &server, &updateChecker});
     continuation(agent);
 }
 
@@ -48,12 +50,17 @@ void composeTolvuBackupAgent(info::LoggingStack& logging, const Continuation& co
     logging.levelFilter.load(logger, dataProvider);
     const info::DriverInfoProvider driverInfo;
     core::backup::BackupManager backupManager(logger);
+    ordak::FeatureManager features;
     JSONConfigDataProvider configProvider(dir::base() / "config.json");
     Config config(logger, configProvider, agentConfigOptions());
     core::script::CommandUtility commandUtility;
     composeEngine(logger, dataProvider, driverInfo, commandUtility, backupManager,
                   [&](core::IEngine& engine) {
-                      composeServices(logger, dataProvider, driverInfo, config, engine, continuation);
+                      composeApi(logging, dataProvider, driverInfo, backupManager, features, config, engine,
+                                 [&](ordak::HTTPServer& server) {
+                                     composeServices(logger, dataProvider, driverInfo, config, engine, server,
+                                                     continuation);
+                                 });
                   });
 }
 

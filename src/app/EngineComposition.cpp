@@ -31,6 +31,11 @@ bool isHeartbeatDisabled(db::IDataProviderExtended& dataProvider) {
     }
 }
 
+/// The agent can't find volumes yet, so every backup fails at its first phase.
+std::shared_ptr<info::BackupableVolume> knowNoVolume(const std::string& /*uuid*/) {
+    return nullptr;
+}
+
 std::unique_ptr<core::backup::IBackup>
 makeBackup(info::Logger& logger, core::backup::IPhaseFactory& phaseFactory,
            db::IDataProviderExtended& dataProvider,
@@ -54,7 +59,7 @@ void composeEngine(info::Logger& logger, db::IDataProviderExtended& dataProvider
                    core::backup::IBackupManager& backupManager,
                    const std::function<void(core::IEngine&)>& continuation) {
     core::script::Quiesce quiesce(logger, commandUtility);
-    core::backup::phase::PhaseFactory phaseFactory(logger, dataProvider);
+    core::backup::phase::PhaseFactory phaseFactory(logger, dataProvider, knowNoVolume);
     core::Engine engine(
         logger, driverInfo, quiesce, backupManager,
         [&] { return std::make_unique<core::backup::BackupThread>(logger); },

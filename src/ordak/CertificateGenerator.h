@@ -16,8 +16,7 @@ namespace agent::ordak {
 /// Owns:    the key, and a use of GnuTLS until it goes.
 /// Threads: one.
 /// Fails:   GnuTlsError, GCryptError; what the service throws; exception::bad_response for an answer that
-/// can't
-///          be used. Nothing is written unless all parts are there and belong together.
+///          can't be used. Nothing is written unless all parts are there and belong together.
 class CertificateGenerator {
 public:
     /// `hostName` is the name that the certificate is issued to; std::invalid_argument if it is empty.

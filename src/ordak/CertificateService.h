@@ -20,9 +20,11 @@ struct CertificateServiceLimits {
 ///
 /// The answer decides who may give the agent orders, so the peer's certificate and host name are always
 /// checked against the system's trusted authorities, TLS is 1.2 or later, no redirect is followed and no
-/// proxy of the environment is used. Owns:    nothing between calls. Threads: as the interface; not beside
-/// other threads that use libcurl, whose set-up isn't safe there. Fails:   CURLError for a transfer that
-/// doesn't succeed, bad_response for an answer above the limit.
+/// proxy of the environment is used.
+///
+/// Owns:    nothing between calls.
+/// Threads: as the interface; not beside other threads that use libcurl, whose set-up isn't safe there.
+/// Fails:   CURLError for a transfer that doesn't succeed, bad_response for an answer above the limit.
 class CertificateService : public ICertificateService {
 public:
     /// `host` may carry a port: "host:port".

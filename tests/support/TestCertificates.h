@@ -168,9 +168,9 @@ private:
 };
 
 /// An authority with its key.
-class TestAuthority {
+class DeviceAuthority {
 public:
-    explicit TestAuthority(const std::string& name = "Device-Agent CA") : own(key, wishOf(name)) {}
+    explicit DeviceAuthority(const std::string& name = "Device-Agent CA") : own(key, wishOf(name)) {}
 
     [[nodiscard]] std::string pem() const { return own.pem(); }
     [[nodiscard]] TestCertificate issue(const TestKey& subjectKey, const CertificateWish& wish) const {

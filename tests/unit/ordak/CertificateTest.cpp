@@ -96,7 +96,7 @@ protected:
 
     test::TestDirectory directory;
     std::string file = directory / "certificate.pem";
-    test::TestAuthority authority;
+    test::DeviceAuthority authority;
     test::TestKey key;
 };
 

@@ -61,7 +61,7 @@ protected:
     }
 
     test::RecordingLogger record;
-    test::TestAuthority authority;
+    test::DeviceAuthority authority;
     test::TestKey key;
 };
 

@@ -58,7 +58,7 @@ protected:
 
     test::TestDirectory directory;
     std::string trustFile = dir::base() / "certs/ca.crt";
-    test::TestAuthority authority;
+    test::DeviceAuthority authority;
     test::TestKey key;
     test::RecordingLogger record;
 };
@@ -69,7 +69,7 @@ TEST_F(VerifyClientTest, DeviceIsAccepted) {
 }
 
 TEST_F(VerifyClientTest, AnotherIssuer) {
-    const test::TestAuthority other("Other\nCA");
+    const test::DeviceAuthority other("Other\nCA");
     EXPECT_EQ(verify(load(other.issue(key, deviceWish()).pem())), 1);
     EXPECT_EQ(record.lines(),
               (Lines{{4, "Certificate issuer mismatch (ours='Device-Agent CA'; theirs='Other?CA'"},
@@ -109,7 +109,7 @@ TEST_F(VerifyClientTest, TrustFileThatCannotBeUsed) {
 }
 
 TEST_F(VerifyClientTest, AnotherKeyBehindTheIssuersName) {
-    const test::TestAuthority namesake;
+    const test::DeviceAuthority namesake;
     EXPECT_EQ(verify(load(namesake.issue(key, deviceWish()).pem())), 1);
     EXPECT_EQ(record.lines(), (Lines{{1, "Verification of device certificate failed: Cert signer not found"},
                                      {1, "Failed to verify client certificate"}}));
@@ -142,7 +142,7 @@ TEST_F(VerifyClientTest, SignatureThatDoesNotFit) {
 }
 
 TEST_F(VerifyClientTest, RulesAreAppliedInOrder) {
-    const test::TestAuthority other("Other CA");
+    const test::DeviceAuthority other("Other CA");
     trust("rubbish");
     CertificateWish worst;
     worst.commonName = "0";

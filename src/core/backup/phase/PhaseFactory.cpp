@@ -16,10 +16,20 @@ namespace {
 class BackupPhases : public IBackupPhases {
 public:
     BackupPhases(info::Logger& logger, db::IDataProvider& dataProvider,
+                 const PopulateVolumes::VolumeLookup& volumeLookup,
                  std::shared_ptr<IBackupAttributes> attributes)
-        : dataProvider(dataProvider), attributes(std::move(attributes)), validator(logger, dataProvider) {}
+        : logger(logger),
+          dataProvider(dataProvider),
+          volumeLookup(volumeLookup),
+          attributes(std::move(attributes)),
+          validator(logger, dataProvider) {}
 
-    Phases populate() override { return {}; }
+    Phases populate() override {
+        Phases phases;
+        phases.push_back(
+            std::make_unique<PopulateVolumes>(logger, volumeLookup, attributes->getVolumeUUIDs(), volumes));
+        return phases;
+    }
 
     Phases transfer(BackupSession& session, ICancel& /*cancel*/) override {
         Phases phases;
@@ -32,21 +42,25 @@ public:
     Phases conclude(bool /*success*/) override { return {}; }
 
 private:
+    info::Logger& logger;
     db::IDataProvider& dataProvider;
+    const PopulateVolumes::VolumeLookup& volumeLookup;
     std::shared_ptr<IBackupAttributes> attributes;
     RemoteTargetValidator validator;
+    PopulateVolumes::Volumes volumes;
 };
 
 } // namespace
 
-PhaseFactory::PhaseFactory(info::Logger& logger, db::IDataProvider& dataProvider)
-    : logger(logger), dataProvider(dataProvider) {}
+PhaseFactory::PhaseFactory(info::Logger& logger, db::IDataProvider& dataProvider,
+                           PopulateVolumes::VolumeLookup volumeLookup)
+    : logger(logger), dataProvider(dataProvider), volumeLookup(std::move(volumeLookup)) {}
 
 std::unique_ptr<IBackupPhases>
 PhaseFactory::create(std::shared_ptr<IBackupAttributes> backupAttributes,
                      std::shared_ptr<ISnapshotAttributes> /*snapshotAttributes*/,
                      IBackupStatusHandler& /*status*/) {
-    return std::make_unique<BackupPhases>(logger, dataProvider, std::move(backupAttributes));
+    return std::make_unique<BackupPhases>(logger, dataProvider, volumeLookup, std::move(backupAttributes));
 }
 
 } // namespace agent::core::backup::phase

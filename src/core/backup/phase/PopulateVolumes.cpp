@@ -1,0 +1,27 @@
+#include "core/backup/phase/PopulateVolumes.h"
+
+#include <stdexcept>
+#include <utility>
+
+namespace agent::core::backup::phase {
+
+PopulateVolumes::PopulateVolumes(info::Logger& logger, const VolumeLookup& lookup,
+                                 std::vector<std::string> uuids, Volumes& volumes)
+    : logger(logger), lookup(lookup), uuids(std::move(uuids)), volumes(volumes) {}
+
+void PopulateVolumes::execute() {
+    for (const std::string& uuid : uuids) {
+        std::shared_ptr<info::BackupableVolume> volume = lookup(uuid);
+        if (!volume) {
+            logger.log(info::level::error, "Volume %s could not be found.", uuid.c_str());
+            throw std::runtime_error("Cannot backup non existing volume.");
+        }
+        volumes.push_back(std::move(volume));
+    }
+}
+
+std::string PopulateVolumes::getName() const {
+    return "Populate Volumes";
+}
+
+} // namespace agent::core::backup::phase
