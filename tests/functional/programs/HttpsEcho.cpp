@@ -5,6 +5,7 @@
 
 #include <array>
 #include <condition_variable>
+#include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <gnutls/crypto.h>
@@ -52,16 +53,7 @@ std::string sha256(const std::string& data) {
     return text.str();
 }
 
-} // namespace
-
-/// HttpsEcho KEY CERTIFICATE TRUST: an HTTPServer that answers each request with what it was given. The log
-/// goes to standard output, a line of standard input lets one request to /wait go, and its end stops the
-/// server. What a URL asks for besides: /wait blocks, /big answers with 16 MiB, /throw and /strange throw.
-int main(int argc, char** argv) {
-    if (argc != 4) {
-        std::cerr << "usage: HttpsEcho KEY CERTIFICATE TRUST\n";
-        return 2;
-    }
+void serve(const char* key, const char* certificate, const char* trust) {
     agent::info::Logger logger([](const std::string& message, int level, agent::info::LogTime /*time*/) {
         std::cout << level << " " << message << std::flush;
     });
@@ -92,16 +84,31 @@ int main(int argc, char** argv) {
         response.resize(url == "/big" ? bigBytes : response.size(), ' ');
         return 200;
     };
-    try {
-        agent::ordak::HTTPServer server(logger, readFile(argv[1]), readFile(argv[2]), readFile(argv[3]),
-                                        answer);
-        server.start();
-        for (std::string line; std::getline(std::cin, line);) {
-            gate.open();
-        }
-        server.stop();
-    } catch (const std::exception& error) {
-        std::cerr << error.what() << "\n";
-        return EXIT_FAILURE;
+    agent::ordak::HTTPServer server(logger, readFile(key), readFile(certificate), readFile(trust), answer);
+    server.start();
+    for (std::string line; std::getline(std::cin, line);) {
+        gate.open();
     }
+    server.stop();
+}
+
+} // namespace
+
+/// HttpsEcho KEY CERTIFICATE TRUST: an HTTPServer that answers each request with what it was given. The log
+/// goes to standard output, a line of standard input lets one request to /wait go, and its end stops the
+/// server. What a URL asks for besides: /wait blocks, /big answers with 16 MiB, /throw and /strange throw.
+int main(int argc, char** argv) {
+    if (argc != 4) {
+        std::fputs("usage: HttpsEcho KEY CERTIFICATE TRUST\n", stderr);
+        return 2;
+    }
+    try {
+        serve(argv[1], argv[2], argv[3]);
+        return EXIT_SUCCESS;
+    } catch (const std::exception& error) {
+        std::fputs(error.what(), stderr);
+    } catch (...) {
+        std::fputs("unknown failure", stderr);
+    }
+    return EXIT_FAILURE;
 }
