@@ -4,6 +4,7 @@ The tests run inside lab/namespace and share its private /etc, /run and /dev, so
 before it has left, unless it is removed.
 """
 import contextlib
+import functools
 import os
 import pathlib
 import shutil
@@ -15,8 +16,12 @@ import pytest
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(ROOT))
+CERTIFICATES = "/etc/tolvu/bek/certs"
 
+from lab import certificates  # noqa: E402
+from lab.appliance_client import Appliance  # noqa: E402
 from lab.daemon import DATABASE, PID_FILE, Daemon, program, require_private_site  # noqa: E402
+from lab.driver_facts import hide_driver, show_driver  # noqa: E402
 from lab.system_log import SystemLog  # noqa: E402
 
 
@@ -26,12 +31,55 @@ def private_machine():
     assert os.access(program(), os.X_OK), f"there is no {program()}; build it first"
 
 
+@pytest.fixture(scope="session")
+def site_authority(private_machine, tmp_path_factory):
+    """The authority of the agent and of its appliances."""
+    return certificates.Authority(tmp_path_factory.mktemp("authority"))
+
+
+@pytest.fixture(scope="session")
+def site_agent(site_authority):
+    return site_authority.agent()
+
+
+@pytest.fixture(scope="session")
+def site_device(site_authority):
+    """site_device(NUMBER) is the identity of an appliance, the same each time."""
+    return functools.cache(site_authority.device)
+
+
+def pytest_configure(config):
+    config.addinivalue_line("markers", "bare_site: the agent has no certificates at first")
+
+
 @pytest.fixture(autouse=True)
-def site(private_machine):
-    """An agent's machine without a trace of the agent."""
+def site(request, private_machine):
+    """An agent's machine without a trace of the agent, but for its certificates."""
     shutil.rmtree("/etc/tolvu", ignore_errors=True)
     PID_FILE.unlink(missing_ok=True)
     assert not pathlib.Path("/etc/tolvu").exists()
+    if request.node.get_closest_marker("bare_site") is None:
+        certificates.install(request.getfixturevalue("site_agent"),
+                             request.getfixturevalue("site_authority"), CERTIFICATES)
+
+
+@pytest.fixture
+def connect_appliance(site_authority, site_device):
+    """connect_appliance(NUMBER) is a client with that device's certificate."""
+    with contextlib.ExitStack() as clients:
+        def connect(number=4711):
+            identity = site_device(number)
+            return clients.enter_context(Appliance(certificate=identity.certificate, key=identity.key,
+                                                   authority=site_authority.certificate))
+        yield connect
+
+
+@pytest.fixture
+def driver():
+    """A machine that looks as if the snapshot driver were loaded."""
+    show_driver()
+    yield
+    hide_driver()
 
 
 @pytest.fixture
