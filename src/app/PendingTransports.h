@@ -5,8 +5,8 @@
 
 namespace agent::app {
 
-/// Transports that refuse every connection: the agent has none yet that can reach a remote image. A request is
-/// accepted, and its backup fails.
+/// Transports that refuse every connection: the agent has none yet that can reach a remote image. A request
+/// is accepted, and its backup fails.
 class PendingTransports : public core::ITransportFactory {
 public:
     std::shared_ptr<core::ITransport> makeIscsi(const Target& target) override;
