@@ -7,6 +7,7 @@
 #include "core/backup/phase/CloseBackupSession.h"
 #include "core/backup/phase/OpenBackupSession.h"
 #include "core/backup/phase/PhaseFactory.h"
+#include "core/backup/phase/PopulateVolumes.h"
 #include "core/backup/phase/ValidateRemoteTargets.h"
 #include "core/operation/CancelableOperation.h"
 #include "support/FakeTransport.h"
@@ -124,6 +125,37 @@ TEST_F(PhaseTest, ClosingFailsWithTheDatabase) {
     EXPECT_FALSE(log.hasPart(3, "Finishing writing"));
 }
 
+/// A volume that nobody looks into.
+std::shared_ptr<info::BackupableVolume> someVolume() {
+    const auto holder = std::make_shared<int>(0);
+    return {holder, static_cast<info::BackupableVolume*>(static_cast<void*>(holder.get()))};
+}
+
+TEST_F(PhaseTest, PopulatingFindsEachVolumeInOrder) {
+    PopulateVolumes::Volumes volumes;
+    std::vector<std::string> asked;
+    const PopulateVolumes::VolumeLookup lookup = [&](const std::string& uuid) {
+        asked.push_back(uuid);
+        return someVolume();
+    };
+    PopulateVolumes phase(log.logger, lookup, {first, second}, volumes);
+    EXPECT_EQ(phase.getName(), "Populate Volumes");
+    phase.execute();
+    EXPECT_EQ(asked, (std::vector<std::string>{first, second}));
+    EXPECT_EQ(volumes.size(), 2U);
+}
+
+TEST_F(PhaseTest, PopulatingFailsWithAVolumeThatIsNotThere) {
+    PopulateVolumes::Volumes volumes;
+    const PopulateVolumes::VolumeLookup lookup = [](const std::string& uuid) {
+        return uuid == second ? nullptr : someVolume();
+    };
+    PopulateVolumes phase(log.logger, lookup, {first, second, first}, volumes);
+    EXPECT_EQ(messageOf<std::runtime_error>([&] { phase.execute(); }), "Cannot backup non existing volume.");
+    EXPECT_TRUE(log.has(1, "Volume " + second + " could not be found."));
+    EXPECT_EQ(volumes.size(), 1U); // what was found before stays for what follows every backup
+}
+
 /// The phases of the agent in a real run.
 class PhaseFactoryTest : public PhaseTest {
 protected:
@@ -137,16 +169,19 @@ protected:
         return found - lines.begin();
     }
 
-    PhaseFactory factory{log.logger, database.provider};
+    std::shared_ptr<info::BackupableVolume> found = someVolume();
+    PhaseFactory factory{log.logger, database.provider, [this](const std::string&) { return found; }};
     Backup backup{log.logger, factory, attributes, nullptr, std::make_unique<CancelableOperation>(),
                   nullptr,    "backup"};
 };
 
 TEST_F(PhaseFactoryTest, PhasesBegin) {
     run();
+    const auto populated = positionOf(3, "Finished execution of the Populate Volumes phase.");
     const auto opened = positionOf(3, "Finished execution of the Open Backup Session phase.");
     const auto validated = positionOf(3, "Finished execution of the Validate Remote Targets phase.");
     const auto closing = positionOf(3, "Beginning execution of the Close Backup Session phase.");
+    EXPECT_LT(populated, opened);
     EXPECT_LT(opened, validated);
     EXPECT_LT(validated, closing);
 }
@@ -157,6 +192,15 @@ TEST_F(PhaseFactoryTest, VolumesThatWereNotCopiedFailTheBackup) {
                                "writing with the corresponding VolumeWriter for volume: "));
     EXPECT_FALSE(log.has(3, "Finished execution of the Close Backup Session phase."));
     EXPECT_LT(positionOf(4, "Backup session destroyed"), positionOf(3, "Backup backup FAILED!"));
+    EXPECT_FALSE(backup.isActive());
+    EXPECT_FALSE(backup.isFinished());
+}
+
+TEST_F(PhaseFactoryTest, VolumeThatIsNotThereFailsTheBackupBeforeTheSessionOpens) {
+    found = nullptr;
+    run();
+    EXPECT_TRUE(log.has(1, "Exception caught during backup run: Cannot backup non existing volume."));
+    EXPECT_FALSE(log.hasPart(3, "Open Backup Session"));
     EXPECT_FALSE(backup.isActive());
     EXPECT_FALSE(backup.isFinished());
 }
