@@ -210,6 +210,13 @@ class CertificateService:
         self.stop()
 
 
+def store_device(authority, number, directory, name="device"):
+    """Makes an appliance's key and certificate, as `name`.key and `name`.pem."""
+    device = authority.device(number)
+    shutil.copy(device.key, directory / f"{name}.key")
+    shutil.copy(device.certificate, directory / f"{name}.pem")
+
+
 def parse_arguments():
     parser = argparse.ArgumentParser(prog="python3 -m lab.certservice", description=__doc__.split("\n")[0])
     parser.add_argument("directory", type=pathlib.Path, help="where the authority and its certificates go")
@@ -225,9 +232,7 @@ def main():
     authority = Authority(arguments.directory)
     shutil.copy(authority.certificate, arguments.directory / "ca.crt")
     if arguments.device:
-        device = authority.device(arguments.device)
-        shutil.copy(device.key, arguments.directory / "device.key")
-        shutil.copy(device.certificate, arguments.directory / "device.pem")
+        store_device(authority, arguments.device, arguments.directory)
     trust(authority)
     stop = {signal.SIGTERM, signal.SIGINT}
     signal.pthread_sigmask(signal.SIG_BLOCK, stop)

@@ -1,18 +1,36 @@
 """A tour of the agent on one machine: each step is done with the real daemon, and what it shows is printed.
 
-Run by scripts/demo, inside lab/namespace.
+Lines behind "$" are what a person would type, those behind "|" what there is to be seen. Run by scripts/demo,
+inside lab/namespace.
 """
 import contextlib
 import os
+import pathlib
 import re
+import shlex
+import shutil
+import socket
 import sqlite3
+import subprocess
 import sys
+import textwrap
 import time
 
-from lab.daemon import DATABASE, LOGS, PID_FILE, READY_LINE, Daemon, require_private_site, stored_pid
+from lab.appliance_client import Appliance, NoAnswer, Unreachable
+from lab.certificates import Authority, CertificateError
+from lab.certservice import HOST, CertificateService, store_device, trust
+from lab.daemon import (BASE, DATABASE, PID_FILE, ROOT, Daemon, require_private_site, stored_pid)
+from lab.driver_facts import hide_driver, show_driver
+from lab.services import LoginManager, ServiceError, SystemBus
 
 WIDTH = 100
-LAST_LINES = 3
+SECONDS = 60
+LAB = pathlib.Path("/run/lab")
+DEVICE = 4711
+STRANGER = 815
+LOG_DATE = re.compile(r"^\d{4}-\d\d-\d\d (?=\d\d:)", re.MULTILINE)
+OPTION, VALUE = "backup.heartbeat.timeoutMinutes", 5
+VOLUME = "1c9a7f0e-7a41-4a5e-9d0c-2f0b64b1a7de"
 
 
 class StepFailed(Exception):
@@ -26,30 +44,87 @@ def check(condition, text):
 
 def show(text):
     for line in str(text).splitlines():
-        print(f"  | {line}", flush=True)
+        for piece in textwrap.wrap(line, WIDTH - 4, subsequent_indent=" " * 8, break_on_hyphens=False):
+            print(f"  | {piece}", flush=True)
+
+
+def show_command(words, more=""):
+    """A command as it would be typed, broken before an option where it is long."""
+    line = "  $"
+    for part in re.split(r" (?=-)", shlex.join(words)): # an option and its value
+        if len(line) + len(part) > WIDTH - 4:
+            print(line + " \\")
+            line = "       "
+        line += " " + part
+    print(line + more, flush=True)
 
 
 class Tour:
     """What the steps hand to each other."""
 
-    def __init__(self):
+    def __init__(self, lasting):
+        self.lasting = lasting # what is ended when the tour is over
         self.daemon = Daemon(foreground=False)
+        self.lasting.callback(self.daemon.discard)
+        self.authority = None
+        self.backup = None
         self.shown = 0
 
-    def show_new_log(self):
-        """Prints the complete lines that the log has got since the last time."""
+    def show_new_log(self, *, quietly=False):
+        """Prints the complete lines that the log has got since the last time, without their dates."""
         new = self.daemon.log[self.shown:]
         new = new[:new.rfind("\n") + 1]
         self.shown += len(new)
-        show(new)
+        if not quietly:
+            show(LOG_DATE.sub("", new))
+        return new
+
+    def appliance(self, *arguments, status=0, only=""):
+        """Runs lab/appliance, and shows what was typed and what came of it: lines that contain `only`."""
+        show_command(["lab/appliance", *arguments], f" | grep {only}" if only else "")
+        self.show_new_log(quietly=True)
+        done = subprocess.run([ROOT / "lab" / "appliance", *arguments], capture_output=True, text=True,
+                              check=False, timeout=SECONDS)
+        text = "\n".join(line for line in (done.stdout + done.stderr).splitlines() if only in line)
+        show(text)
+        check(done.returncode == status, f"exit status {done.returncode}, not {status}")
+        return text
+
+
+def set_up_lab(tour):
+    """Set up what the agent needs around it"""
+    tour.authority = Authority(LAB)
+    for number, name in ((DEVICE, "device"), (STRANGER, "stranger")):
+        store_device(tour.authority, number, LAB, name)
+    trust(tour.authority)
+    for service in (CertificateService(tour.authority), SystemBus(), LoginManager()):
+        tour.lasting.enter_context(service)
+    tour.lasting.callback(hide_driver)
+    show_driver()
+    show(f"https://{HOST} signs what the agents ask for\n"
+         f"{LAB}/device.pem is the certificate of appliance {DEVICE}, which the agent will be paired with\n"
+         f"{LAB}/stranger.pem is that of appliance {STRANGER}, a stranger\n"
+         "a system bus, a login manager, and what shows that a snapshot driver is loaded")
+    return f"appliances {DEVICE} and {STRANGER}"
 
 
 def start_daemon(tour):
-    """Start the daemon in the background"""
+    """Start the daemon on a machine new to it"""
+    show_command(["bekd"])
     tour.daemon.start()
-    tour.daemon.wait_for(lambda: tour.show_new_log() or READY_LINE in tour.daemon.log, "ready agent")
+    tour.daemon.wait_until_ready()
     tour.show_new_log()
     return f"PID {tour.daemon.pid}"
+
+
+def look_at_certificate(_tour):
+    """Look at the certificate that it was given"""
+    command = ["openssl", "x509", "-in", str(BASE / "certs/server.pem"), "-noout", "-subject", "-issuer"]
+    show_command(command)
+    text = subprocess.run(command, capture_output=True, text=True, check=True, timeout=SECONDS).stdout
+    show(text)
+    check(f"CN = {socket.gethostname()}" in text, "the certificate isn't for this machine")
+    return f"for {socket.gethostname()}"
 
 
 def look_at_pid_file(tour):
@@ -71,25 +146,82 @@ def look_at_database(_tour):
     return f"schema {version}, UUID {uuid[:8]}..."
 
 
+def pair(tour):
+    """Pair it with the appliance"""
+    tour.appliance("pair", str(DEVICE))
+    log = tour.show_new_log()
+    check(f"Pair request from deviceID {DEVICE} accepted" in log, "the log doesn't tell of it")
+    return f"with {DEVICE}"
+
+
+def ask_features(tour):
+    """Ask what it can do"""
+    text = tour.appliance("features")
+    names = re.findall(r'"name": "(\w+)"', text)
+    check("secure_pairing" in names, "no secure pairing")
+    return f"{len(names)} features"
+
+
+def set_option(tour):
+    """Set an option, and read it back"""
+    tour.appliance("config", f"{OPTION}={VALUE}")
+    text = tour.appliance("config", only="heartbeat")
+    check(f'"{OPTION}": {VALUE}' in text, f"{OPTION} isn't {VALUE}")
+    return f"{VALUE} minutes"
+
+
+def start_backup(tour):
+    """Start a backup, of a volume that isn't there"""
+    tour.backup = tour.appliance("backup", "--target", "127.0.0.1:3260", "--name",
+                                 "iqn.2026-01.example:images", "--volume", f"guid={VOLUME}")
+    check(re.fullmatch(r"[0-9a-f-]{36}", tour.backup), "that is no ID of a backup")
+    return f"ID {tour.backup[:8]}..."
+
+
+def watch_backup(tour):
+    """Watch it fail, and be told so"""
+    tour.appliance("watch", tour.backup, status=1)
+    text = tour.appliance("status", tour.backup)
+    check('"status": "failed"' in text, "the backup hasn't failed")
+    return "failed, as it should"
+
+
+def read_log(tour):
+    """Read through the API why"""
+    text = tour.appliance("logs", "--severity", "3")
+    check(VOLUME in text, "the log doesn't name the volume")
+    return f"{len(text.splitlines())} lines"
+
+
+def refuse_strangers(tour):
+    """Ask as a stranger, and as nobody"""
+    text = tour.appliance("--cert", f"{LAB}/stranger.pem", "--key", f"{LAB}/stranger.key", "list", status=1)
+    check("HTTP status 401" in text, "no refusal")
+    with Appliance(authority=BASE / "certs/ca.crt") as nobody:
+        try:
+            answer = nobody.backups()
+        except NoAnswer as refusal:
+            show(f"without a certificate, {refusal}")
+            return "401, closed connection"
+    raise StepFailed(f"a client without a certificate got an answer: {answer}")
+
+
 def stop_daemon(tour):
     """Stop it by SIGTERM"""
+    show_command(["kill", str(tour.daemon.pid)])
+    tour.show_new_log(quietly=True)
     status = tour.daemon.stop()
-    tour.show_new_log()
+    log = tour.show_new_log()
     check(status == 0, f"exit status {status}")
     check(not tour.daemon.errors, tour.daemon.errors)
+    check(log.endswith("Agent daemon stopped\n"), "the log doesn't end with the stop")
     return f"exit status {status}"
 
 
-def look_at_last_lines(_tour):
-    """Look at the last lines of its log"""
-    path = max(LOGS.glob("bek_*.log"))
-    lines = path.read_text().splitlines()
-    show("\n".join([f"{path}:", *lines[-LAST_LINES:]]))
-    check(lines[-1].endswith("Agent daemon stopped"), f"the last line is {lines[-1]!r}")
-    return f"{len(lines)} lines"
-
-
-STEPS = [start_daemon, look_at_pid_file, look_at_database, stop_daemon, look_at_last_lines]
+STEPS = [set_up_lab, start_daemon, look_at_certificate, look_at_pid_file, look_at_database, pair,
+         ask_features, set_option, start_backup, watch_backup, read_log, refuse_strangers, stop_daemon]
+FAILURES = (StepFailed, AssertionError, CertificateError, OSError, ServiceError, Unreachable, ValueError,
+            sqlite3.Error, subprocess.SubprocessError)
 
 
 def run_steps(tour):
@@ -100,7 +232,7 @@ def run_steps(tour):
         begin = time.monotonic()
         try:
             result = step(tour)
-        except (StepFailed, AssertionError, OSError, sqlite3.Error, TimeoutError, ValueError) as error:
+        except FAILURES as error:
             print(f"demo: step {number} failed: {step.__doc__}\n{error}", file=sys.stderr)
             return [*rows, (step.__doc__, "FAILED", time.monotonic() - begin)], False
         rows.append((step.__doc__, result, time.monotonic() - begin))
@@ -118,11 +250,10 @@ def print_table(rows):
 def main():
     require_private_site()
     os.umask(0o022)
-    tour = Tour()
-    try:
-        rows, succeeded = run_steps(tour)
-    finally:
-        tour.daemon.discard()
+    for directory in (LAB, BASE):
+        shutil.rmtree(directory, ignore_errors=True)
+    with contextlib.ExitStack() as lasting:
+        rows, succeeded = run_steps(Tour(lasting))
     print_table(rows)
     return 0 if succeeded else 1
 

@@ -9,6 +9,8 @@ import sys
 from rich.console import Console
 from rich.progress import BarColumn, DownloadColumn, Progress, TextColumn, TimeElapsedColumn
 
+UNKNOWN_SIZE = (1 << 64) - 1
+
 
 @contextlib.contextmanager
 def shown_progress(stream=None):
@@ -21,6 +23,11 @@ def shown_progress(stream=None):
                   TimeElapsedColumn(), TextColumn("{task.fields[state]}"),
                   console=Console(file=stream)) as bars:
         yield Bars(bars).show
+
+
+def total_size(transfer):
+    """None while the agent doesn't know it, which it tells by the largest number there is."""
+    return None if transfer["totalSize"] == UNKNOWN_SIZE else transfer["totalSize"]
 
 
 class Bars:
@@ -36,7 +43,7 @@ class Bars:
             if name not in self._tasks:
                 self._tasks[name] = self._bars.add_task(name, state="")
             self._bars.update(self._tasks[name], completed=transfer["bytesTransferred"],
-                              total=transfer["totalSize"], state=f"{entry['type']} {entry['status']}")
+                              total=total_size(transfer), state=f"{entry['type']} {entry['status']}")
 
 
 class Lines:
@@ -49,8 +56,9 @@ class Lines:
     def show(self, status):
         for entry in status["details"] or ():
             transfer = entry["transfer"]
+            size = total_size(transfer)
             line = (f"{entry['volume']} {entry['type']} {entry['status']} "
-                    f"{transfer['bytesTransferred']}/{transfer['totalSize']}")
+                    f"{transfer['bytesTransferred']}/{'?' if size is None else size}")
             if self._shown.get(entry["volume"]) != line:
                 self._shown[entry["volume"]] = line
                 print(line, file=self._stream, flush=True)

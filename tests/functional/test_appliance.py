@@ -135,6 +135,7 @@ SIMPLE = [
     (("basichost",), ("GET", "/basichost", None)),
     (("host",), ("GET", "/host", None)),
     (("list",), ("GET", "/backup", None)),
+    (("status", "b 1"), ("GET", "/backup/b%201", None)),
     (("features",), ("GET", "/v2/feature", None)),
     (("install",), ("GET", "/v2/install", None)),
     (("driver",), ("GET", "/v2/driver/status", None)),
@@ -249,6 +250,13 @@ def test_watch_of_a_failed_backup(agent, command):
 def test_watch_of_no_volumes(agent, command):
     agent.says(FINISHED | {"details": None})
     assert command("watch", "b-1") == (0, "", "")
+
+
+def test_watch_of_a_volume_whose_size_is_not_known(agent, command):
+    unknown = json.loads(json.dumps(FAILED))
+    unknown["details"][0]["transfer"]["totalSize"] = (1 << 64) - 1
+    agent.says(unknown)
+    assert command("watch", "b-1")[1] == f"{DISK} full failed 5/?\n"
 
 
 def test_bars_on_a_terminal():
