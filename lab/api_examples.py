@@ -1,0 +1,131 @@
+"""The examples of docs/api.md: what the real daemon is asked there, and what it answers.
+
+Inside lab/namespace, this puts the answers of the daemon that BEKD_BUILD names into the document:
+
+    lab/namespace /usr/bin/python3 -m lab.api_examples
+
+Values that differ from run to run are replaced by fixed ones, so that a document that is up to date comes out
+as it was. A test compares the two.
+"""
+import json
+import pathlib
+import re
+import shutil
+import tempfile
+
+from lab.certificates import Authority, install
+from lab.daemon import BASE, ROOT, Daemon, require_private_site
+from lab.driver_facts import hide_driver, show_driver
+from lab.https_client import Client
+from lab.services import wait_until
+
+DOCUMENT = ROOT / "docs" / "api.md"
+DEVICE = 4711
+STRANGER = 815
+SECONDS = 60
+
+VOLUME = "1c9a7f0e-7a41-4a5e-9d0c-2f0b64b1a7de"
+UNKNOWN = "e2f7c1d0-3b58-4c69-8a7e-5d4c3b2a1908"
+SHOWN_ID = "59c47b46-dbe0-48f5-9d05-50417c6b60db"
+VOLATILE = ((r'("timestamp": )\d+', r"\g<1>1772618096"), (r'("elapsedTime": )\d+', r"\g<1>2"))
+PLACE = re.compile(r"(<!-- example: ([\w-]+) -->\n```http\n)(.*?)(```\n)", re.DOTALL)
+
+REQUEST = {
+    "volumes": [{
+        "guid": VOLUME, "offset": 0, "qualifiedName": "iqn.2026-01.example:images", "target": "10.0.0.1:3260",
+        "lun": 1, "username": "agent", "password": "a password",
+        "scriptsPrePost": [{"scriptname": "stop-database", "timeout": 90}],
+    }],
+    "forceCopyFull": True,
+}
+
+
+class Examples:
+    """Asks one agent that has never been paired; `collect` returns what came of it, by the example's name."""
+
+    def __init__(self, device, stranger):
+        self._device = device
+        self._stranger = stranger
+        self._id = None
+        self._texts = {}
+
+    def collect(self):
+        device, stranger = self._device, self._stranger
+        self.add("not-paired", device, "GET", "/backup")
+        self.add("pair", device, "POST", "/pair", {"deviceID": DEVICE})
+        self.add("pair-mismatch", stranger, "POST", "/pair", {"deviceID": DEVICE})
+        self.add("stranger", stranger, "GET", "/backup")
+        self.add("invalid", device, "POST", "/host")
+        self.add("not-served", device, "POST", "/command", {})
+        self.add("feature", device, "GET", "/v2/feature")
+        self.add("install", device, "GET", "/v2/install")
+        self.add("driver-status", device, "GET", "/v2/driver/status")
+        self.add("config-set", device, "POST", "/config",
+                 {"log.lifetimeHours": 72, "holepunch.enabled": True})
+        self.add("config-refused", device, "POST", "/config", {"log.lifetimeHours": 0})
+        self.add("config-get", device, "GET", "/config")
+        self.collect_backup(device)
+        self.add("log-level", device, "POST", "/logLevel", {"severity": 2})
+        self.add("log-level-refused", device, "POST", "/logLevel", {})
+        return {name: self.steady(text) for name, text in self._texts.items()}
+
+    def collect_backup(self, device):
+        self._id = self.add("backup", device, "POST", "/backup", REQUEST).decode()
+        wait_until(lambda: b'"active"' not in device.request("GET", f"/backup/{self._id}").body, SECONDS,
+                   "end of the backup")
+        self.add("backup-refused", device, "POST", "/backup", {"volumes": [{"guid": VOLUME}]})
+        self.add("backup-status", device, "GET", f"/backup/{self._id}")
+        self.add("backup-unknown", device, "GET", f"/backup/{UNKNOWN}")
+        self.add("backup-list", device, "GET", "/backup")
+        self.add("logs", device, "GET", "/event?lines=2&severity=4")
+        self.add("backup-cancel", device, "DELETE", f"/backup/{self._id}")
+        self.add("backup-cancel-refused", device, "DELETE", f"/backup/{self._id}")
+
+    def add(self, name, client, method, url, content=None):
+        """Asks, and notes question and answer as `name`; returns the answer's body."""
+        body = None if content is None else json.dumps(content, indent=4)
+        answer = client.request(method, url, None if body is None else body.encode())
+        if answer is None:
+            raise RuntimeError(f"{method} {url}: no answer")
+        parts = [f"{method} {url}", *([] if body is None else [body])]
+        parts += ["", f"{answer.status} {answer.content_type}", *filter(None, [answer.body.decode()])]
+        self._texts[name] = "\n".join(parts) + "\n"
+        return answer.body
+
+    def steady(self, text):
+        for pattern, replacement in VOLATILE:
+            text = re.sub(pattern, replacement, text)
+        return text.replace(self._id, SHOWN_ID)
+
+
+def documented(text):
+    """The examples that stand in the document, by name."""
+    return {name: example for _, name, example, _ in PLACE.findall(text)}
+
+
+def with_examples(text, examples):
+    """The document with these examples in the places that name them."""
+    return PLACE.sub(lambda place: place[1] + examples[place[2]] + place[4], text)
+
+
+def main():
+    require_private_site()
+    shutil.rmtree(BASE, ignore_errors=True)
+    show_driver()
+    try:
+        with tempfile.TemporaryDirectory() as directory:
+            authority = Authority(pathlib.Path(directory))
+            install(authority.agent(), authority, BASE / "certs")
+            device, stranger = (Client(authority.certificate, authority.device(number))
+                                for number in (DEVICE, STRANGER))
+            with Daemon() as daemon:
+                daemon.wait_until_ready()
+                examples = Examples(device, stranger).collect()
+    finally:
+        hide_driver()
+    text = DOCUMENT.read_text(encoding="utf-8")
+    DOCUMENT.write_text(with_examples(text, examples), encoding="utf-8")
+
+
+if __name__ == "__main__":
+    main()
