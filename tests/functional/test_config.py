@@ -41,7 +41,7 @@ HARMLESS = {
 
 
 def write_config(content):
-    BASE.mkdir(parents=True)
+    BASE.mkdir(parents=True, exist_ok=True)
     CONFIG.write_bytes(content)
 
 

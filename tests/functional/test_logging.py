@@ -11,8 +11,8 @@ from lab.daemon import BASE, LOGS, READY_LINE
 
 LINE = re.compile(r"\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} "
                   r"(\[CRITICAL:\] |\[ERROR:\]    |\[WARNING:\]  |\[INFO:\]     |\[DEBUG:\]    )\S.*")
-START = ["Core engine started", READY_LINE]
-STOP = ["Core engine stopped", "Agent daemon stopped"]
+START = ["Core engine started", "HTTP server started", READY_LINE]
+STOP = ["HTTP server stopped", "Core engine stopped", "Agent daemon stopped"]
 LOG_USER = 1
 LOG_INFO = 6
 
@@ -55,7 +55,7 @@ def start_without_log(make_daemon):
 
 def test_file_in_place_of_the_directory(make_daemon, system_log):
     """Without a directory for its files the agent runs, and tells the system log."""
-    BASE.mkdir(parents=True)
+    BASE.mkdir(parents=True, exist_ok=True)
     LOGS.write_text("no directory")
     daemon = start_without_log(make_daemon)
     check_fallback(daemon, system_log, r"~~Logging Error~~ dir::make\(.*Not a directory.*")
@@ -88,7 +88,7 @@ def test_disk_has_room_again(make_daemon, system_log, tmpfs):
     filler.unlink()
     assert daemon.stop() == 0
     assert messages(log_file().read_text()) == STOP
-    assert len(system_log.messages) == 3
+    assert len(system_log.messages) == 1 + len(START)
 
 
 def test_no_system_log_either(make_daemon, tmpfs):

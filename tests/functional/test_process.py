@@ -1,4 +1,5 @@
 """The daemon as a process: command line, background, PID file, signals, exit status."""
+import errno
 import fcntl
 import os
 import pathlib
@@ -21,6 +22,8 @@ USAGE = ("bekd version: 2.1.23.0\n"
          "\n")
 STOP_LINE = "Stopping services...\r\n"
 ALREADY_RUNNING = "[CRITICAL:] An instance of the TolvuBackupAgent is already running.\n"
+STOP = ["Agent daemon stopping", "HTTP server stopping", "HTTP server stopped", "Core engine stopping",
+        "Core engine stopped", "Agent daemon stopped"]
 STOP_SIGNALS = [signal.SIGINT, signal.SIGQUIT, signal.SIGTERM, signal.SIGHUP]
 SECONDS = 20
 
@@ -60,6 +63,7 @@ def program_for_everybody():
     copy.unlink()
 
 
+@pytest.mark.bare_site
 @pytest.mark.parametrize("arguments", [[], ["-d"], ["-h"]])
 def test_other_users_are_refused(program_for_everybody, arguments):
     """Whoever isn't root gets one line, before anything is touched; also the usage needs root."""
@@ -83,6 +87,7 @@ def test_other_user_touches_nothing_of_a_running_agent(program_for_everybody, ba
     assert [(path.read_bytes(), path.stat().st_mtime_ns) for path in files] == before
 
 
+@pytest.mark.bare_site
 @pytest.mark.parametrize("arguments", [
     ["-h"], ["--help"], ["--he"], ["-d", "-h"], ["-dh"], ["--disp", "--hel"], ["something", "-h"],
 ])
@@ -93,6 +98,7 @@ def test_help_is_usage_and_status_1(arguments):
     expect_untouched_machine()
 
 
+@pytest.mark.bare_site
 @pytest.mark.parametrize("arguments", [
     ["-x"], ["-d", "-x"], ["-x", "-d"], ["--nonsense"], ["--display=yes"], ["-x", "-y", "-h"],
 ])
@@ -186,15 +192,25 @@ def test_file_of_a_killed_agent_is_taken_over(background, content):
     assert PID_FILE.stat().st_ino == inode
 
 
-def test_foreground_beside_a_background_agent(background, foreground):
-    """-d needs no lock: both run, and the PID file stays the first one's."""
+def test_foreground_beside_a_background_agent(background, run_to_end, connect_appliance):
+    """-d needs no lock, so it starts; but the port is the first one's. What it has started it stops again,
+    and the first one, its PID file and its API are none the worse."""
     first = background()
-    before = (PID_FILE.read_bytes(), PID_FILE.stat().st_mtime_ns)
-    second = foreground()
+    before = (PID_FILE.read_bytes(), PID_FILE.stat().st_ino, PID_FILE.stat().st_mtime_ns)
+    second = run_to_end()
+    failure = f"HTTP server failed to start with err: {errno.EADDRINUSE}"
+    assert second.status == 2
+    assert second.errors == (f"Unhandled Exception reached the top of main: {failure}, "
+                             "application will now exit\n")
+    second.expect_errors("Unhandled Exception reached the top of main: .*")
+    assert messages(second.log)[1:] == ["Core engine started", failure, "Core engine stopped",
+                                        "HTTP server stopped"]
+    assert f"[CRITICAL:] {failure}\n" in second.log
+    assert READY_LINE not in second.output
     assert first.is_running
-    assert second.stop() == 0
-    assert first.is_running
-    assert (PID_FILE.read_bytes(), PID_FILE.stat().st_mtime_ns) == before
+    assert (PID_FILE.read_bytes(), PID_FILE.stat().st_ino, PID_FILE.stat().st_mtime_ns) == before
+    assert connect_appliance().install().status == 200
+    assert first.stop() == 0
 
 
 @pytest.mark.parametrize("number", STOP_SIGNALS)
@@ -204,8 +220,7 @@ def test_signal_stops_foreground_agent(foreground, number):
     assert daemon.stop(number) == 0
     start, stop = daemon.output.split(STOP_LINE)
     assert messages(start)[-1] == READY_LINE
-    assert messages(stop) == ["Agent daemon stopping", "Core engine stopping", "Core engine stopped",
-                              "Agent daemon stopped"]
+    assert messages(stop) == STOP
     assert not PID_FILE.exists()
 
 
@@ -216,8 +231,7 @@ def test_signal_stops_background_agent(background, database, number):
     database("insert into config (key, value) values ('log_level', 'debug')")
     daemon = background()
     assert daemon.stop(number) == 0
-    assert messages(daemon.log)[-4:] == ["Agent daemon stopping", "Core engine stopping",
-                                         "Core engine stopped", "Agent daemon stopped"]
+    assert messages(daemon.log)[-len(STOP):] == STOP
     assert PID_FILE.read_bytes() == b"%d" % daemon.pid
     with PID_FILE.open("r+") as file:
         fcntl.flock(file, fcntl.LOCK_EX | fcntl.LOCK_NB)
@@ -242,6 +256,7 @@ def test_full_run_directory(tmpfs, run_to_end):
     assert not PID_FILE.exists()
 
 
+@pytest.mark.bare_site
 @pytest.mark.parametrize("is_foreground", [True, False])
 def test_exception_at_the_top(run_to_end, is_foreground):
     """A file that is no database: one line on standard error, status 2, and no PID file."""
@@ -255,6 +270,7 @@ def test_exception_at_the_top(run_to_end, is_foreground):
     assert not PID_FILE.exists()
 
 
+@pytest.mark.bare_site
 @pytest.mark.parametrize("number", STOP_SIGNALS)
 def test_signal_during_composition(make_daemon, number):
     """There is nothing to stop yet: the line for the terminal and status 0. The daemon is held by a
@@ -320,8 +336,8 @@ def test_started_without_standard_streams(make_daemon, database, is_foreground):
     daemon = make_daemon(foreground=is_foreground, wrapper=closing)
     daemon.wait_for_log(READY_LINE)
     assert daemon.stop() == 0
-    assert messages(daemon.log)[1:] == ["Core engine started", READY_LINE, "Core engine stopped",
-                                        "Agent daemon stopped"]
+    assert messages(daemon.log)[1:] == ["Core engine started", "HTTP server started", READY_LINE,
+                                        "HTTP server stopped", "Core engine stopped", "Agent daemon stopped"]
     assert database("pragma integrity_check") == [("ok",)]
 
 

@@ -1,4 +1,5 @@
 """What an idle daemon holds."""
+import collections
 import os
 import pathlib
 import resource
@@ -6,32 +7,44 @@ import signal
 
 import pytest
 
+from lab.daemon import PID_FILE
 from lab.services import wait_until
 
 
+Held = collections.namedtuple("Held", "descriptors threads")
+
+
 def held(pid):
-    """The descriptors and the number of threads of a process."""
+    """What each descriptor of a process leads to, and the number of its threads."""
     process = pathlib.Path(f"/proc/{pid}")
-    descriptors = {int(entry.name) for entry in (process / "fd").iterdir()}
-    return descriptors, len(list((process / "task").iterdir()))
+    descriptors = {int(entry.name): os.readlink(entry) for entry in (process / "fd").iterdir()}
+    return Held(descriptors, len(list((process / "task").iterdir())))
 
 
 def is_waiting(pid):
     return pathlib.Path(f"/proc/{pid}/stat").read_text().rpartition(")")[2].split()[0] == "S"
 
 
-@pytest.mark.parametrize("is_foreground, descriptors", [(True, {0, 1, 2}), (False, {0, 1, 2, 3})])
-def test_idle_agent_holds_little(make_daemon, is_foreground, descriptors):
-    """One thread and the standard descriptors, in the background the locked PID file too; also after many
-    signals that mean nothing to the agent."""
+def processor_times(pid):
+    """What each thread of a process has had so far."""
+    return {path: path.read_text() for path in pathlib.Path(f"/proc/{pid}/task").glob("*/schedstat")}
+
+
+@pytest.mark.parametrize("is_foreground, files", [(True, []), (False, [str(PID_FILE.resolve())])])
+def test_idle_agent_holds_little(make_daemon, is_foreground, files):
+    """Its own thread and that of the API, the standard descriptors and the API's two, in the background the
+    locked PID file too; also after many signals that mean nothing to the agent."""
     daemon = make_daemon(foreground=is_foreground, close_fds=True).wait_until_ready()
     wait_until(lambda: is_waiting(daemon.pid), 20, "idle agent")
-    assert held(daemon.pid) == (descriptors, 1)
+    before = held(daemon.pid)
+    assert before.threads == 2
+    beyond = [target for number, target in before.descriptors.items() if number > 2]
+    assert sorted(target.split("[")[0] for target in beyond) == [*files, "anon_inode:", "socket:"]
     for _ in range(500):
         daemon.send(signal.SIGCONT)
         daemon.send(signal.SIGWINCH)
     wait_until(lambda: is_waiting(daemon.pid), 20, "idle agent")
-    assert held(daemon.pid) == (descriptors, 1)
+    assert held(daemon.pid) == before
     assert daemon.stop() == 0
 
 
@@ -39,10 +52,10 @@ def test_idle_agent_uses_no_processor_time(foreground):
     """Between two events it sleeps."""
     daemon = foreground()
     wait_until(lambda: is_waiting(daemon.pid), 20, "idle agent")
-    before = pathlib.Path(f"/proc/{daemon.pid}/schedstat").read_text()
+    before = processor_times(daemon.pid)
     for _ in range(1000):
         assert is_waiting(daemon.pid)
-    assert pathlib.Path(f"/proc/{daemon.pid}/schedstat").read_text() == before
+    assert processor_times(daemon.pid) == before
 
 
 def test_starts_with_few_descriptors(make_daemon):
@@ -51,7 +64,7 @@ def test_starts_with_few_descriptors(make_daemon):
     try:
         daemon = make_daemon(pass_fds=[inherited], preexec_fn=lambda: resource.setrlimit(
             resource.RLIMIT_NOFILE, (inherited + 10, inherited + 10))).wait_until_ready()
-        assert inherited in held(daemon.pid)[0]
+        assert inherited in held(daemon.pid).descriptors
         assert daemon.stop() == 0
     finally:
         os.close(inherited)

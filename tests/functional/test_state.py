@@ -28,7 +28,7 @@ VERSIONS = {
 
 
 def make_database(script):
-    BASE.mkdir(parents=True)
+    BASE.mkdir(parents=True, exist_ok=True)
     with contextlib.closing(sqlite3.connect(DATABASE)) as connection:
         connection.executescript(script)
 
@@ -50,7 +50,7 @@ def check_state(database):
     assert {name for (name,) in tables} == TABLES
     [(stored,)] = database("select value from config where key = 'agentUUID'")
     assert str(uuid.UUID(stored)) == stored
-    assert {path.name for path in BASE.iterdir()} == {DATABASE.name, LOGS.name}
+    assert {path.name for path in BASE.iterdir()} == {DATABASE.name, LOGS.name, "certs"}
 
 
 def test_first_start_makes_the_database(foreground, database):
