@@ -78,16 +78,21 @@ def extension_line(oid, content):
 
 
 class Authority:
-    """A certificate authority with a self-signed certificate, and a directory that takes what it makes."""
+    """A certificate authority with a self-signed certificate, and a directory that takes what it makes.
 
-    def __init__(self, directory, name=AUTHORITY_NAME, key_type="ecdsa", starts=-DAY, ends=3650 * DAY):
+    `own_key_type` is the type of its own key, if it is not that of the keys it makes. What an "rsa"
+    key has signed is the quickest to check."""
+
+    def __init__(self, directory, name=AUTHORITY_NAME, key_type="ecdsa", own_key_type=None,
+                 starts=-DAY, ends=3650 * DAY):
         self.directory = pathlib.Path(directory)
         self.directory.mkdir(parents=True, exist_ok=True)
         self.name = name
-        self.key_type = key_type
+        self.key_type = own_key_type or key_type
         self._numbers = itertools.count(1)
         self.identity = self.self_signed(name, starts=starts, ends=ends,
                                          more=("ca", "cert_signing_key", "crl_signing_key"))
+        self.key_type = key_type
 
     @property
     def certificate(self):

@@ -63,17 +63,19 @@ class Connection:
 
 
 class Client:
-    """Where the API is, and who asks: an identity of lab.certificates, or None for nobody."""
+    """Where the API is, and who asks: an identity of lab.certificates, or None for nobody. `source` is the
+    address to ask from."""
 
-    def __init__(self, authority, identity=None, base_url=BASE_URL):
+    def __init__(self, authority, identity=None, base_url=BASE_URL, source=None):
         parts = urllib.parse.urlsplit(base_url)
         self.address = (parts.hostname, parts.port)
+        self.source = None if source is None else (source, 0)
         self.context = ssl.create_default_context(cafile=str(authority))
         if identity is not None:
             self.context.load_cert_chain(str(identity.certificate), str(identity.key))
 
     def connect(self):
-        plain = socket.create_connection(self.address, SECONDS)
+        plain = socket.create_connection(self.address, SECONDS, self.source)
         plain.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
         return Connection(self.context.wrap_socket(plain, server_hostname=self.address[0]))
 

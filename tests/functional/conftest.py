@@ -34,7 +34,7 @@ def private_machine():
 @pytest.fixture(scope="session")
 def site_authority(private_machine, tmp_path_factory):
     """The authority of the agent and of its appliances."""
-    return certificates.Authority(tmp_path_factory.mktemp("authority"))
+    return certificates.Authority(tmp_path_factory.mktemp("authority"), own_key_type="rsa")
 
 
 @pytest.fixture(scope="session")
@@ -72,6 +72,20 @@ def connect_appliance(site_authority, site_device):
             return clients.enter_context(Appliance(certificate=identity.certificate, key=identity.key,
                                                    authority=site_authority.certificate))
         yield connect
+
+
+@pytest.fixture
+def agent(foreground):
+    """A daemon whose standard output shows what it does, down to each request."""
+    return foreground()
+
+
+@pytest.fixture
+def appliance(agent, connect_appliance):
+    """The appliance that `agent` is paired with."""
+    client = connect_appliance()
+    assert client.pair(4711).status == 200
+    return client
 
 
 @pytest.fixture
