@@ -122,7 +122,9 @@ private:
 
     MHD_Daemon* startDaemon();
     void forgetRequest();
-    bool takeFirstCall();
+    void endRequest(const MHD_Connection* connection);
+    bool takeFirstCall(const MHD_Connection* connection);
+    std::string takeData(Arguments& requestArgs);
     [[nodiscard]] bool keepChunk(const std::string& chunk);
     MHD_Result process(const Call& call);
     MHD_Result processChecked(const Call& call, int deviceId);
@@ -141,6 +143,7 @@ private:
     Arguments args;        // guarded by mutex
     std::string data;      // guarded by mutex
     bool firstCall = true; // guarded by mutex
+    const MHD_Connection* current = nullptr; // guarded by mutex; whose first call it was
 };
 
 void HTTPServer::Impl::start() {
@@ -180,16 +183,16 @@ void HTTPServer::Impl::logMessage(void* closure, const char* format, va_list arg
     logLibraryMessage(static_cast<Impl*>(closure)->logger, format, arguments);
 }
 
-void HTTPServer::Impl::complete(void* closure, MHD_Connection* /*connection*/, void** /*requestClosure*/,
+void HTTPServer::Impl::complete(void* closure, MHD_Connection* connection, void** /*requestClosure*/,
                                 MHD_RequestTerminationCode /*reason*/) noexcept {
-    static_cast<Impl*>(closure)->forgetRequest();
+    static_cast<Impl*>(closure)->endRequest(connection);
 }
 
 MHD_Result HTTPServer::Impl::access(void* closure, MHD_Connection* connection, const char* url,
                                     const char* method, const char* /*version*/, const char* chunk,
                                     std::size_t* chunkBytes, void** /*requestClosure*/) noexcept {
     Impl& self = *static_cast<Impl*>(closure);
-    if (self.takeFirstCall()) {
+    if (self.takeFirstCall(connection)) {
         return MHD_YES;
     }
     try {
@@ -199,13 +202,16 @@ MHD_Result HTTPServer::Impl::access(void* closure, MHD_Connection* connection, c
         if (chunk != nullptr) {
             *chunkBytes = 0;
         }
-        return result;
+        if (result == MHD_YES) {
+            return MHD_YES;
+        }
     } catch (const std::exception& error) {
         info::LogEntry(self.logger, info::level::error)
             << "Exception occurred in processing connection: " << error.what();
     } catch (...) {
         info::LogEntry(self.logger, info::level::error) << "Unknown error occurred in processing connection";
     }
+    self.endRequest(connection);
     return MHD_NO;
 }
 
@@ -269,12 +275,7 @@ void HTTPServer::Impl::takeArguments(MHD_Connection* connection) {
 MHD_Result HTTPServer::Impl::answer(const Call& call, int deviceId) {
     const std::string ip = clientAddress(logger, call.connection);
     Arguments requestArgs;
-    std::string body;
-    {
-        const std::lock_guard lock(mutex);
-        requestArgs = args;
-        body = data;
-    }
+    std::string body = takeData(requestArgs);
     std::string contentType;
     std::string response;
     const int status =
@@ -285,12 +286,36 @@ MHD_Result HTTPServer::Impl::answer(const Call& call, int deviceId) {
 void HTTPServer::Impl::forgetRequest() {
     const std::lock_guard lock(mutex);
     firstCall = true;
+    current = nullptr;
     data = std::string(); // with its memory, which may be a lot
 }
 
-bool HTTPServer::Impl::takeFirstCall() {
+/// A client that has its answer may send the next request, on another connection, before the library reports
+/// the end of the last one: that must not take the next one's first call from it.
+void HTTPServer::Impl::endRequest(const MHD_Connection* connection) {
     const std::lock_guard lock(mutex);
+    if (current == connection) {
+        firstCall = true;
+        current = nullptr;
+        data = std::string();
+    }
+}
+
+bool HTTPServer::Impl::takeFirstCall(const MHD_Connection* connection) {
+    const std::lock_guard lock(mutex);
+    if (firstCall) {
+        current = connection;
+    }
     return std::exchange(firstCall, false);
+}
+
+/// The request is complete, so that the next one may begin, as soon as the client has its answer.
+std::string HTTPServer::Impl::takeData(Arguments& requestArgs) {
+    const std::lock_guard lock(mutex);
+    requestArgs = args;
+    firstCall = true;
+    current = nullptr;
+    return std::exchange(data, {});
 }
 
 bool HTTPServer::Impl::keepChunk(const std::string& chunk) {

@@ -388,6 +388,24 @@ def test_client_gone_while_answered(server, client):
     check_serves(client)
 
 
+def test_answer_that_is_slow_to_be_read(server, client):
+    """The next request has nothing of the last one, whose answer is still on its way, and isn't disturbed
+    when that comes to its end."""
+    idle = server.usage()
+    with client.connect() as following:
+        with client.connect() as slow:
+            slow.send_request("POST", "/big", b"left over")
+            assert slow.socket.recv(1)
+            check_echo(client.request("DELETE", "/x"), body="")
+            server.wait_until_idle(idle._replace(descriptors=idle.descriptors + 2, threads=idle.threads + 2))
+            following.send(b"POST /pair HTTP/1.1\r\nHost: agent\r\nContent-Length: 6\r\n\r\none")
+        server.wait_until_idle(idle._replace(descriptors=idle.descriptors + 1, threads=idle.threads + 1))
+        following.send(b"two")
+        check_echo(following.read_answer(), body="onetwo")
+    server.wait_until_idle(idle)
+    check_serves(client)
+
+
 def test_idle_connections(server, client):
     idle = server.usage()
     with contextlib.ExitStack() as stack:
