@@ -16,7 +16,7 @@
 namespace agent::bench {
 namespace {
 
-constexpr std::size_t regionBytes = 10U * 1024U * 1024U;
+constexpr std::size_t regionBytes = std::size_t{10} * 1024 * 1024;
 
 std::vector<unsigned char> region() {
     std::mt19937 random(1);

@@ -54,7 +54,7 @@ void queryLogs(benchmark::State& state) {
 }
 
 void queryLogsRead(benchmark::State& state) {
-    std::array<char, 128 * 1024> buffer{};
+    std::array<char, std::size_t{128} * 1024> buffer{};
     for (auto step : state) {
         for (const std::string& path : paths) {
             const FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));

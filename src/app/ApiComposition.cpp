@@ -29,7 +29,6 @@ namespace {
 
 using ordak::APICall;
 using ordak::APIExtendedData;
-using ordak::APIResponse;
 using ordak::HTTPInterpreter;
 
 /// Empty if the machine has none.
@@ -77,13 +76,14 @@ void composeApi(info::LoggingStack& logging, db::IDataProviderExtended& dataProv
     HTTPInterpreter interpreter(
         logger, logging.securityLogger,
         [&](int deviceId, const std::string& address) { return pairing.isAuthorized(deviceId, address); });
-    ordak::HTTPServer server(
-        logger, certificates.key, certificates.certificate, certificates.ca,
-        [&](int deviceId, std::string ip, std::string method, std::string url, const auto& args,
-            std::string data, std::string& contentType, std::string& response) {
-            return interpreter.interpret(deviceId, std::move(ip), std::move(method), std::move(url), args,
-                                         std::move(data), contentType, response);
-        });
+    ordak::HTTPServer server(logger, certificates.key, certificates.certificate, certificates.ca,
+                             [&](int deviceId, std::string ip, std::string method, std::string url,
+                                 const ordak::HTTPServer::Arguments& args, std::string data,
+                                 std::string& contentType, std::string& response) {
+                                 return interpreter.interpret(deviceId, std::move(ip), std::move(method),
+                                                              std::move(url), args, std::move(data),
+                                                              contentType, response);
+                             });
 
     PendingTransports transports;
     ordak::Pair pair(logger, pairing, features);

@@ -13,7 +13,9 @@ std::optional<CommandLine> parseCommandLine(int argc, char** argv) {
                                                            {nullptr, 0, nullptr, 0}}};
     CommandLine parsed;
     bool understood = true;
-    for (int found = 0; (found = getopt_long(argc, argv, "dh", longOptions.data(), nullptr)) != -1;) {
+    int found = 0;
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): there are no threads yet
+    while ((found = getopt_long(argc, argv, "dh", longOptions.data(), nullptr)) != -1) {
         if (found == 'd') {
             parsed.foreground = true;
         } else {

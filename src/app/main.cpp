@@ -114,10 +114,8 @@ int runAndReport(const CommandLine& commandLine) {
 
 } // namespace
 
-} // namespace agent::app
-
-int main(int argc, char** argv) {
-    using namespace agent::app;
+/// The whole of main. Returns its exit status.
+static int runDaemon(int argc, char** argv) {
     if (::getuid() != 0) {
         std::cerr << "Cannot start agent: Must be run as root." << std::endl;
         return refused;
@@ -129,4 +127,10 @@ int main(int argc, char** argv) {
     }
     installSignalHandlers();
     return runAndReport(*commandLine);
+}
+
+} // namespace agent::app
+
+int main(int argc, char** argv) {
+    return agent::app::runDaemon(argc, argv);
 }

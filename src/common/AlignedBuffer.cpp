@@ -47,19 +47,18 @@ AlignedBuffer& AlignedBuffer::operator=(AlignedBuffer&& other) noexcept {
     return *this;
 }
 
-std::string alignedMemoryFailure(std::size_t size, std::size_t alignment, const std::string& error,
-                                 const std::source_location& where) {
+std::string alignedMemoryFailure(std::size_t size, std::size_t alignment, const std::string& error, int line,
+                                 const char* file) {
     return "Failed to create aligned memory of size: " + std::to_string(size) +
-           ", alignment: " + std::to_string(alignment) + " from line: " + std::to_string(where.line()) +
-           " in file: " + std::string(withoutDirectory(where.file_name())) + ", error: " + error;
+           ", alignment: " + std::to_string(alignment) + " from line: " + std::to_string(line) +
+           " in file: " + std::string(withoutDirectory(file)) + ", error: " + error;
 }
 
-AlignedBuffer createAlignedBuffer(std::size_t size, std::size_t alignment,
-                                  const std::source_location& where) {
+AlignedBuffer createAlignedBuffer(std::size_t size, std::size_t alignment, int line, const char* file) {
     try {
         return {size, alignment};
     } catch (const std::bad_alloc& error) {
-        throw std::runtime_error(alignedMemoryFailure(size, alignment, error.what(), where));
+        throw std::runtime_error(alignedMemoryFailure(size, alignment, error.what(), line, file));
     }
 }
 

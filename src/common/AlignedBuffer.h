@@ -3,7 +3,6 @@
 #include <cstddef>
 #include <cstdlib>
 #include <memory>
-#include <source_location>
 #include <string>
 
 namespace agent {
@@ -21,6 +20,9 @@ public:
     AlignedBuffer(std::size_t size, std::size_t alignment);
     AlignedBuffer(AlignedBuffer&& other) noexcept;
     AlignedBuffer& operator=(AlignedBuffer&& other) noexcept;
+    AlignedBuffer(const AlignedBuffer&) = delete;
+    AlignedBuffer& operator=(const AlignedBuffer&) = delete;
+    ~AlignedBuffer() = default;
 
     [[nodiscard]] std::byte* data() noexcept { return memory.get(); }
     [[nodiscard]] const std::byte* data() const noexcept { return memory.get(); }
@@ -31,21 +33,22 @@ public:
 private:
     struct Free {
         void operator()(std::byte* pointer) const noexcept {
+            // NOLINTNEXTLINE(cppcoreguidelines-no-malloc)
             std::free(pointer); // NOLINT(resources): this is the owner
         }
     };
 
-    std::unique_ptr<std::byte[], Free> memory;
+    std::unique_ptr<std::byte[], Free> memory; // NOLINT(modernize-avoid-c-arrays)
     std::size_t bytes = 0;
     std::size_t requestedAlignment = 0;
 };
 
 /// What to say when a buffer could not be made, with the caller's place in the sources.
 std::string alignedMemoryFailure(std::size_t size, std::size_t alignment, const std::string& error,
-                                 const std::source_location& where = std::source_location::current());
+                                 int line = __builtin_LINE(), const char* file = __builtin_FILE());
 
 /// A buffer, or std::runtime_error with the text above.
-AlignedBuffer createAlignedBuffer(std::size_t size, std::size_t alignment,
-                                  const std::source_location& where = std::source_location::current());
+AlignedBuffer createAlignedBuffer(std::size_t size, std::size_t alignment, int line = __builtin_LINE(),
+                                  const char* file = __builtin_FILE());
 
 } // namespace agent

@@ -22,6 +22,8 @@ public:
     /// The runner that was moved from has no connection; its operations throw.
     QueryRunner(QueryRunner&& other) noexcept;
     QueryRunner& operator=(QueryRunner&&) = delete;
+    QueryRunner(const QueryRunner&) = delete;
+    QueryRunner& operator=(const QueryRunner&) = delete;
     virtual ~QueryRunner();
 
     /// Runs one statement and replaces `rows` by its result, one value a column.

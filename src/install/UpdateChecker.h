@@ -25,8 +25,8 @@ public:
     void stop() override {}
 
 private:
-    db::IDataProvider& dataProvider;
-    core::IEngine& engine;
+    [[maybe_unused]] db::IDataProvider& dataProvider;
+    [[maybe_unused]] core::IEngine& engine;
 };
 
 } // namespace agent::install

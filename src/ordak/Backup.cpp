@@ -72,7 +72,7 @@ std::shared_ptr<core::backup::ISnapshotAttributes> readSnapshotAttributes(const 
                                                               std::move(exclusions), 0);
 }
 
-void insert(Attributes& attributes, const std::string& guid, VolumeAttributes volume) {
+void insert(Attributes& attributes, const std::string& guid, VolumeAttributes&& volume) {
     if (!attributes.try_emplace(guid, std::move(volume)).second) {
         throw std::invalid_argument("Could not insert a volume attributes object into the attributes map.");
     }

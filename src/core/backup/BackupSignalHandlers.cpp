@@ -31,6 +31,7 @@ struct ProcessSignals {
 
     static ProcessSignals& instance() {
         // Never destroyed: a handler may still run while the process exits.
+        // NOLINTNEXTLINE(cppcoreguidelines-avoid-non-const-global-variables)
         static auto* const signals = new ProcessSignals; // NOLINT(resources): lives as long as the process
         return *signals;
     }
@@ -125,14 +126,14 @@ BackupSignalHandlers::~BackupSignalHandlers() {
 
 void BackupSignalHandlers::handle(int signal) {
     const std::string thread = callingThread();
+    const char* const name = strsignal(signal); // NOLINT(concurrency-mt-unsafe): of signals with a fixed text
     if (isFault(signal)) {
-        logger.log(info::level::error, "Backup thread - %s (%d)", strsignal(signal), signal);
+        logger.log(info::level::error, "Backup thread - %s (%d)", name, signal);
         logBacktrace(thread);
     } else if (signal == SIGPIPE) {
         logger.log(info::level::error, "Broken pipe during backup. TID: %s", thread.c_str());
     } else {
-        logger.log(info::level::error, "Failure on signal: %s (%d). TID: %s", strsignal(signal), signal,
-                   thread.c_str());
+        logger.log(info::level::error, "Failure on signal: %s (%d). TID: %s", name, signal, thread.c_str());
     }
     backup.cancel();
 }

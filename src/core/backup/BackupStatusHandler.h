@@ -7,6 +7,7 @@
 #include <atomic>
 #include <chrono>
 #include <functional>
+#include <utility>
 
 namespace agent::core::backup {
 
@@ -39,7 +40,7 @@ public:
 private:
     /// VolumeBackupStatus, shared between threads.
     struct Volume {
-        explicit Volume(const std::string& uuid) : uuid(uuid) {}
+        explicit Volume(std::string uuid) : uuid(std::move(uuid)) {}
 
         const std::string uuid;
         std::atomic<std::uint32_t> state = VOLUME_ACTIVE;

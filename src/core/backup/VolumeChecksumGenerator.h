@@ -16,7 +16,7 @@ namespace agent::core::backup {
 class VolumeChecksumGenerator : public IVolumeChecksumGenerator {
 public:
     /// The bytes from the start of the image that are summed up. A smaller image has no checksum.
-    static constexpr std::size_t regionBytes = 10U * 1024U * 1024U;
+    static constexpr std::size_t regionBytes = std::size_t{10} * 1024 * 1024;
 
     VolumeChecksumGenerator(info::Logger& logger, std::shared_ptr<ITransport> transport);
 

@@ -17,7 +17,7 @@ public:
     using LineFunction = std::function<void(const std::string& line)>;
 
     /// In bytes. What a longer line holds beyond them is dropped.
-    static constexpr std::size_t longestLine = 64 * 1024;
+    static constexpr std::size_t longestLine = std::size_t{64} * 1024;
 
     /// Calls `lineEnded` with each line that `piece` completes, without its newline.
     void add(std::string_view piece, const LineFunction& lineEnded);

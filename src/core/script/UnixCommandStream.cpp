@@ -25,7 +25,7 @@ using std::chrono::steady_clock;
 constexpr std::size_t readStep = 256;
 /// What one call hands out at most, so that a child that prints without pause costs neither memory without
 /// bound nor the caller's time-out.
-constexpr std::size_t largestRead = 1024 * 1024;
+constexpr std::size_t largestRead = std::size_t{1024} * 1024;
 constexpr int microsecondsPerSecond = 1'000'000;
 
 /// What SIGCHLD did before it was given its default action.
@@ -207,7 +207,8 @@ UnixCommandStream::UnixCommandStream(const std::string& command, const std::stri
     writeFd.reset();
 }
 
-UnixCommandStream::~UnixCommandStream() {
+// Nothing but a want of memory for the guard could throw.
+UnixCommandStream::~UnixCommandStream() { // NOLINT(bugprone-exception-escape)
     const ChldHandle guard = restartChld(false);
     if (!isChild()) {
         return;

@@ -25,7 +25,7 @@ public:
     UnixCommandStream(const std::string& command, const std::string& directory, bool killOnDestroy);
     UnixCommandStream(const UnixCommandStream&) = delete;
     UnixCommandStream& operator=(const UnixCommandStream&) = delete;
-    ~UnixCommandStream() override;
+    ~UnixCommandStream() override; // NOLINT(bugprone-exception-escape)
 
     bool waitForOutput(std::int64_t& remaining) override;
     bool readChar(char* byte) override;

@@ -149,7 +149,7 @@ TEST_F(QueryRunnerTest, ADirectoryCannotBeOpened) {
 
 TEST_F(QueryRunnerTest, AnOpenFailureIsALibraryErrorWithItsCode) {
     try {
-        QueryRunner(recorder.logger, directory / "no/such/directory");
+        const QueryRunner runner(recorder.logger, directory / "no/such/directory");
         FAIL() << "a missing directory was opened";
     } catch (const exception::generic_library_error<int>& failure) {
         EXPECT_EQ(failure.code(), SQLITE_CANTOPEN);

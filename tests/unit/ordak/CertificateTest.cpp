@@ -252,8 +252,9 @@ TEST_F(CertificateTest, SignedDataOutsideTheTime) {
 TEST_F(CertificateTest, SignedDataWithoutAHandle) {
     Certificate certificate = load({});
     const Certificate taken = std::move(certificate);
+    // NOLINTNEXTLINE(bugprone-use-after-move): which is how to come by one
     EXPECT_EQ(messageOf<std::runtime_error>([&] {
-                  // NOLINTNEXTLINE(bugprone-use-after-move): which is how to come by one
+                  // NOLINTNEXTLINE(bugprone-use-after-move)
                   std::ignore = certificate.verifyData(GNUTLS_SIGN_ECDSA_SHA256, "ticket", "");
               }),
               "Internal error occurred verifying certificate data: uninitialized certificate");
