@@ -102,8 +102,8 @@ protected:
     std::unique_ptr<backup::IBackup> makeBackup() {
         auto made = std::make_unique<StubbornBackup>("backup-" + std::to_string(++backupsMade), gate);
         made->fails = backupsFail;
-        if (whileMaking) {
-            whileMaking();
+        if (const std::function<void()> action = whileMaking) { // a copy: the test may replace it meanwhile
+            action();
         }
         return made;
     }
