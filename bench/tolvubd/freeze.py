@@ -1,0 +1,72 @@
+#!/usr/bin/env python3
+"""Measures how long the stand-in snapshot driver freezes a volume, against dd reading the same device.
+
+usage: BEKD_BUILD=build/release lab/namespace bench/tolvubd/freeze.py [MEBIBYTES [ROUNDS]]
+
+Prints a line for each: the best of the rounds, each round with both in turn, and the driver's largest memory.
+"""
+import os
+import pathlib
+import re
+import subprocess
+import sys
+import time
+
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+sys.path[:0] = [str(ROOT), str(ROOT / "tests/functional")]
+
+from lab.system_log import SystemLog  # noqa: E402
+from tolvubd_site import Volume, must, tool  # noqa: E402
+
+GIBIBYTE = 1 << 30
+
+
+def drop_caches():
+    pathlib.Path("/proc/sys/vm/drop_caches").write_text("1", encoding="ascii")
+
+
+def read_with_dd(volume):
+    drop_caches()
+    begin = time.monotonic()
+    subprocess.run(["dd", f"if={volume.device}", "of=/var/lib/tolvubd/dd", "bs=8M", "iflag=direct",
+                    "conv=sparse"], check=True, stderr=subprocess.DEVNULL)
+    seconds = time.monotonic() - begin
+    pathlib.Path("/var/lib/tolvubd/dd").unlink()
+    return seconds
+
+
+def freeze(volume):
+    """Seconds, and the KiB of memory that the process had at most."""
+    drop_caches()
+    with SystemLog() as log:
+        command = [tool("TolvubdCall"), "setup_snapshot", "0", volume.device, volume.cow, "100"]
+        caller = subprocess.Popen(command, stdout=subprocess.DEVNULL)
+        _, caller.returncode, usage = os.wait4(caller.pid, 0)
+        text = log.wait_for("was frozen for")["text"]
+    must("destroy", 0)
+    return int(re.search(r"frozen for (\d+) ms", text)[1]) / 1000, usage.ru_maxrss
+
+
+def fill(volume, mebibytes):
+    subprocess.run(["dd", "if=/dev/urandom", f"of={volume.mount_point}/data", "bs=1M", f"count={mebibytes}",
+                    "conv=fsync"], check=True, stderr=subprocess.DEVNULL)
+
+
+def report(name, seconds, size):
+    print(f"{name:24} {seconds:7.3f} s  {seconds * GIBIBYTE / size:7.3f} s/GiB")
+
+
+def main():
+    mebibytes = int(sys.argv[1]) if len(sys.argv) > 1 else 1024
+    rounds = int(sys.argv[2]) if len(sys.argv) > 2 else 3
+    with Volume("bench", "ext4", mebibytes * 2048) as volume:
+        fill(volume, mebibytes // 2)
+        results = [(*freeze(volume), read_with_dd(volume)) for _ in range(rounds)]
+        frozen, memory, dd = zip(*results)
+        report("frozen", min(frozen), volume.size)
+        report("dd of the same device", min(dd), volume.size)
+        print(f"ratio {min(frozen) / min(dd):.2f}, peak RSS {max(memory) / 1024:.1f} MiB")
+
+
+if __name__ == "__main__":
+    main()

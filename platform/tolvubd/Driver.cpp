@@ -1,0 +1,337 @@
+#include "Driver.h"
+
+#include "Capture.h"
+#include "Compare.h"
+#include "CowFile.h"
+#include "Failure.h"
+#include "FreezeGuard.h"
+#include "Layout.h"
+#include "Recovery.h"
+#include "SnapshotNode.h"
+#include "Status.h"
+#include "SystemLog.h"
+#include "Uuid.h"
+
+#include <algorithm>
+#include <chrono>
+#include <exception>
+#include <iterator>
+#include <limits>
+#include <optional>
+#include <set>
+#include <sys/stat.h>
+
+namespace tolvubd {
+
+namespace {
+
+std::uint64_t cowBytes(std::uint64_t mebibytes, const Volume& volume) {
+    constexpr unsigned mebibyte = 20;
+    if (mebibytes > (std::uint64_t{std::numeric_limits<std::int64_t>::max()} >> mebibyte)) {
+        fail(EFBIG, "the CoW file");
+    }
+    if (mebibytes << mebibyte < cow::tableEnd(volume.size)) {
+        fail(EINVAL, "the CoW file is too small for the table of " + volume.path);
+    }
+    return mebibytes << mebibyte;
+}
+
+/// Nothing that the capture needs may be on the file system that is frozen meanwhile.
+void requireRoom(const Volume& volume, const PathOnVolume& cow, std::uint64_t cowSize) {
+    struct stat status {};
+    checked(::stat(layout::store, &status), "look at the image store");
+    if (status.st_dev == volume.number) {
+        fail(EDEADLK, "the image store is on " + volume.path);
+    }
+    if (freeSpace(cow.mountPoint) < cowSize) {
+        fail(ENOSPC, "the CoW file on " + volume.path);
+    }
+    if (freeSpace(layout::store) < usedSpace(cow.mountPoint)) {
+        fail(ENOSPC, "the image store");
+    }
+}
+
+void requireSameSize(const Device& device, const Volume& volume) {
+    if (device.size != volume.size) {
+        fail(ESTALE, volume.path + " has another size now");
+    }
+}
+
+std::optional<dev_t> numberOf(const std::string& path) {
+    struct stat status {};
+    return ::stat(path.c_str(), &status) == 0 ? std::optional(status.st_rdev) : std::nullopt;
+}
+
+bool isOn(const Device& device, const Volume& volume) {
+    return numberOf(device.blockDevice) == volume.number;
+}
+
+/// Where the device's CoW file is now. ENOENT when it can't be found.
+std::string findCowFile(const Volume& volume, const std::string& cowFile) {
+    for (const std::string& mountPoint : volume.mountPoints) {
+        struct stat status {};
+        std::string path = PathOnVolume{mountPoint, cowFile}.path();
+        if (::lstat(path.c_str(), &status) == 0) {
+            if (status.st_dev == volume.number) {
+                return path;
+            }
+        } else if (errno != ENOENT) {
+            failWithErrno("look at " + path);
+        }
+    }
+    fail(ENOENT, cowFile + " on " + volume.path);
+}
+
+/// What remains to be removed of a device that is destroyed: nothing, when the volume isn't mounted, is
+/// broken, or somebody has been faster.
+std::vector<Unfinished> removalOfCowFile(const Device& device) {
+    try {
+        return {{device.snapshot, findCowFile(findVolume(device.blockDevice), device.cowFile), {}}};
+    } catch (const std::system_error& error) {
+        const std::set<int> outOfReach = {ENODEV, ENOENT, ENXIO, ENOTBLK, EIO};
+        if (!outOfReach.contains(error.code().value())) {
+            throw;
+        }
+        return {};
+    }
+}
+
+/// What was begun for the device is there now.
+void finish(Table& table, const Device& device) {
+    std::erase_if(table.unfinished,
+                  [&](const Unfinished& unfinished) { return unfinished.snapshot == device.snapshot; });
+}
+
+std::vector<Device>::iterator find(std::vector<Device>& devices, std::uint32_t minor) {
+    return std::ranges::find(devices, minor, &Device::minor);
+}
+
+} // namespace
+
+Driver::Driver() : table(store.load()) {
+    if (!isLive(table)) {
+        startSession();
+    }
+    const Table tidied = tidyUp(table, Frozen::maybe);
+    if (tidied != table) {
+        store.write(tidied);
+        table = tidied;
+    }
+    publish(table);
+}
+
+/// The machine has been restarted, and with it the driver: its devices are gone, their captures are not.
+void Driver::startSession() {
+    Table fresh;
+    fresh.session = makeUuid();
+    fresh.unfinished = table.unfinished;
+    fresh.asleep = table.asleep;
+    fresh.asleep.insert(fresh.asleep.end(), table.devices.begin(), table.devices.end());
+    if (fresh.asleep.size() > mostAsleep) {
+        fresh.asleep.erase(fresh.asleep.begin(), fresh.asleep.end() - mostAsleep);
+    }
+    store.write(fresh);
+    markLive(fresh);
+    table = fresh;
+}
+
+void Driver::commit(const Table& next) {
+    store.write(next);
+    try {
+        publish(next);
+    } catch (...) {
+        store.takeBack();
+        throw;
+    }
+    table = next;
+}
+
+void Driver::replace(const Device& device) {
+    Table next = table;
+    *find(next.devices, device.minor) = device;
+    finish(next, device);
+    commit(next);
+}
+
+/// What can't be taken away now is left to the next turn.
+void Driver::tidy() {
+    const Table tidied = tidyUp(table, Frozen::no);
+    try {
+        if (tidied != table) {
+            commit(tidied);
+        }
+    } catch (const std::exception& error) {
+        logLine(Severity::warning, std::string("can't write the state: ") + error.what());
+    }
+}
+
+template <class Work>
+void Driver::undoneOnFailure(const Work& work) {
+    try {
+        work();
+    } catch (...) {
+        tidy();
+        throw;
+    }
+}
+
+const Device& Driver::require(std::uint32_t minor, Mode mode) const {
+    const Device* device = findDevice(table, minor);
+    if (device == nullptr) {
+        fail(ENOENT, "device " + std::to_string(minor));
+    }
+    if (device->mode != mode) {
+        fail(EINVAL, "device " + std::to_string(minor) + " is in another state");
+    }
+    return *device;
+}
+
+void Driver::requireFree(std::uint32_t minor) const {
+    if (minor > highestMinor) {
+        fail(EINVAL, "minor " + std::to_string(minor));
+    }
+    if (findDevice(table, minor) != nullptr) {
+        fail(EBUSY, "minor " + std::to_string(minor));
+    }
+}
+
+void Driver::requireUntracked(const Volume& volume) const {
+    if (std::ranges::any_of(table.devices, [&](const Device& device) { return isOn(device, volume); })) {
+        fail(EBUSY, volume.path + " has a device already");
+    }
+}
+
+void Driver::begin(const Device& device, const PathOnVolume& cow) {
+    Table next = table;
+    next.unfinished.push_back({device.snapshot, cow.path(), cow.mountPoint});
+    commit(next);
+}
+
+void Driver::takeSnapshot(const Volume& volume, const PathOnVolume& cow, std::uint64_t cowSize,
+                          const std::string& snapshot) {
+    using std::chrono::milliseconds;
+    using std::chrono::steady_clock;
+    makeCowFile(cow.path(), snapshot, cowSize);
+    Capture capture(layout::capture(snapshot), volume.path, volume.size);
+    const auto begin = steady_clock::now();
+    FreezeGuard frozen(cow.mountPoint);
+    capture.copy([&] { frozen.reportProgress(); });
+    frozen.thaw();
+    const auto lasted = std::chrono::duration_cast<milliseconds>(steady_clock::now() - begin);
+    logLine(Severity::info, volume.path + " was frozen for " + std::to_string(lasted.count()) + " ms while " +
+                                std::to_string(volume.size) + " bytes were captured");
+    capture.finish();
+}
+
+void Driver::setupSnapshot(std::uint32_t minor, const std::string& blockDevice, const std::string& cowPath,
+                           std::uint64_t cowMebibytes, std::uint64_t cacheSize) {
+    requireFree(minor);
+    const Volume volume = findVolume(blockDevice);
+    requireUntracked(volume);
+    const PathOnVolume cow = locate(volume, cowPath);
+    const std::uint64_t cowSize = cowBytes(cowMebibytes, volume);
+    requireRoom(volume, cow, cowSize);
+    const Device device{minor, Mode::snapshot, blockDevice, cow.relative, makeUuid(), volume.size, cacheSize};
+    undoneOnFailure([&] {
+        begin(device, cow);
+        takeSnapshot(volume, cow, cowSize, device.snapshot);
+        showCapture(layout::capture(device.snapshot), volume.sectorSize, minor);
+        Table next = table;
+        next.devices.push_back(device);
+        finish(next, device);
+        std::erase_if(next.asleep, [&](const Device& asleep) { return isOn(asleep, volume); });
+        commit(next);
+    });
+    tidy();
+}
+
+void Driver::transitionSnapshot(std::uint32_t minor, const std::string& cowPath, std::uint64_t cowMebibytes) {
+    const Device before = require(minor, Mode::tracking);
+    const Volume volume = findVolume(before.blockDevice);
+    requireSameSize(before, volume);
+    const PathOnVolume cow = locate(volume, cowPath);
+    if (cow.relative == before.cowFile) {
+        fail(EEXIST, cowPath + " is in use");
+    }
+    const std::uint64_t cowSize = cowBytes(cowMebibytes, volume);
+    requireRoom(volume, cow, cowSize);
+    CowTable changes(findCowFile(volume, before.cowFile), before.snapshot, volume.size);
+    Device after = before;
+    after.mode = Mode::snapshot;
+    after.cowFile = cow.relative;
+    after.snapshot = makeUuid();
+    undoneOnFailure([&] {
+        begin(after, cow);
+        takeSnapshot(volume, cow, cowSize, after.snapshot);
+        changes.finish(compareCaptures(
+            layout::capture(before.snapshot), layout::capture(after.snapshot), volume.size,
+            [&](std::uint64_t unit, std::span<const std::uint64_t> words) { changes.write(unit, words); }));
+        showCapture(layout::capture(after.snapshot), volume.sectorSize, minor);
+        replace(after);
+    });
+    tidy();
+}
+
+void Driver::transitionIncremental(std::uint32_t minor) {
+    Device device = require(minor, Mode::snapshot);
+    requireUnused(minor);
+    device.mode = Mode::tracking;
+    replace(device);
+    tidy();
+}
+
+void Driver::reload(Mode mode, std::uint32_t minor, const std::string& blockDevice,
+                    const std::string& cowFile, std::uint64_t cacheSize) {
+    requireFree(minor);
+    const Volume volume = findVolume(blockDevice);
+    requireUntracked(volume);
+    const std::string snapshot = snapshotOf(findCowFile(volume, cowFile));
+    const auto found = std::ranges::find(table.asleep, snapshot, &Device::snapshot);
+    if (found == table.asleep.end() || found->mode != mode) {
+        fail(ENOENT, "a capture that belongs to " + cowFile + " on " + volume.path);
+    }
+    requireSameSize(*found, volume);
+    const Device device{minor, mode, blockDevice, cowFile, snapshot, volume.size, cacheSize};
+    undoneOnFailure([&] {
+        if (mode == Mode::snapshot) {
+            detachCapture(layout::capture(snapshot));
+            showCapture(layout::capture(snapshot), volume.sectorSize, minor);
+        }
+        Table next = table;
+        next.devices.push_back(device);
+        std::erase_if(next.asleep, [&](const Device& asleep) { return asleep.snapshot == snapshot; });
+        commit(next);
+    });
+}
+
+void Driver::reconfigure(std::uint32_t minor, std::uint64_t cacheSize) {
+    Table next = table;
+    const auto device = find(next.devices, minor);
+    if (device == next.devices.end()) {
+        fail(ENOENT, "device " + std::to_string(minor));
+    }
+    device->cacheSize = cacheSize;
+    commit(next);
+}
+
+void Driver::destroy(std::uint32_t minor) {
+    Table next = table;
+    const auto device = find(next.devices, minor);
+    if (device == next.devices.end()) {
+        fail(ENOENT, "device " + std::to_string(minor));
+    }
+    requireUnused(minor);
+    std::ranges::copy(removalOfCowFile(*device), std::back_inserter(next.unfinished));
+    next.devices.erase(device);
+    commit(next);
+    tidy();
+}
+
+void Driver::forgetAsleep() {
+    Table next = table;
+    next.asleep.clear();
+    commit(next);
+    tidy();
+}
+
+} // namespace tolvubd

@@ -1,0 +1,50 @@
+#pragma once
+
+#include "StateStore.h"
+#include "Table.h"
+#include "Volume.h"
+
+#include <cstdint>
+#include <string>
+
+namespace tolvubd {
+
+/// The operations. An object is one turn: it waits for the others, tidies up after one that didn't end, and
+/// has the driver for itself until it goes. Every operation is done when it returns, and has changed nothing
+/// when it throws std::system_error.
+class Driver {
+public:
+    Driver();
+
+    void setupSnapshot(std::uint32_t minor, const std::string& blockDevice, const std::string& cowPath,
+                       std::uint64_t cowMebibytes, std::uint64_t cacheSize);
+    void transitionSnapshot(std::uint32_t minor, const std::string& cowPath, std::uint64_t cowMebibytes);
+    void transitionIncremental(std::uint32_t minor);
+    /// Gives a device of an earlier run of the machine back, in the mode that it had.
+    void reload(Mode mode, std::uint32_t minor, const std::string& blockDevice, const std::string& cowFile,
+                std::uint64_t cacheSize);
+    void reconfigure(std::uint32_t minor, std::uint64_t cacheSize);
+    void destroy(std::uint32_t minor);
+    /// Forgets the devices that no reload has given back since the machine was started.
+    void forgetAsleep();
+
+private:
+    void startSession();
+    void commit(const Table& next);
+    void replace(const Device& device);
+    void tidy();
+    template <class Work>
+    void undoneOnFailure(const Work& work);
+
+    [[nodiscard]] const Device& require(std::uint32_t minor, Mode mode) const;
+    void requireFree(std::uint32_t minor) const;
+    void requireUntracked(const Volume& volume) const;
+    void begin(const Device& device, const PathOnVolume& cow);
+    void takeSnapshot(const Volume& volume, const PathOnVolume& cow, std::uint64_t cowSize,
+                      const std::string& snapshot);
+
+    StateStore store;
+    Table table;
+};
+
+} // namespace tolvubd

@@ -1,0 +1,16 @@
+#pragma once
+
+#include "Table.h"
+
+namespace tolvubd {
+
+/// Whether a file system may still be frozen by who has left the table unfinished.
+enum class Frozen { no, maybe };
+
+/// Brings the machine to what the table says: takes away what an operation has left that didn't end, whether
+/// it failed or its process died. What resists is logged and tried again by the next operation.
+///
+/// Returns the table without what is done, and without devices whose capture is gone.
+Table tidyUp(Table table, Frozen frozen);
+
+} // namespace tolvubd

@@ -1,0 +1,33 @@
+#pragma once
+
+#include "Descriptor.h"
+#include "Table.h"
+
+namespace tolvubd {
+
+/// The table on disk. Whoever has the object has the driver for himself: other threads and processes wait.
+class StateStore {
+public:
+    StateStore();
+
+    /// What was last written. A text that can't be read counts as an empty table: a device that is lost costs
+    /// a full comparison, a wrong one costs data.
+    [[nodiscard]] Table load() const;
+    /// When it throws, what was last written stays.
+    void write(const Table& table) const;
+    /// Brings back what the last write has replaced.
+    void takeBack() const;
+
+private:
+    Descriptor lock;
+};
+
+/// The table as it is, for whoever only wants to look.
+Table observeTable();
+
+/// Whether the devices of the table are those of this run of the machine.
+bool isLive(const Table& table);
+/// Makes this run of the machine the table's.
+void markLive(const Table& table);
+
+} // namespace tolvubd

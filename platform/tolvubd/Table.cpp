@@ -1,0 +1,149 @@
+#include "Table.h"
+
+#include "Failure.h"
+#include "Uuid.h"
+
+#include <nlohmann/json.hpp>
+
+#include <algorithm>
+#include <limits>
+#include <set>
+#include <stdexcept>
+
+namespace tolvubd {
+
+namespace {
+
+using nlohmann::json;
+
+constexpr int format = 1;
+
+void require(bool condition, const char* what) {
+    if (!condition) {
+        throw std::runtime_error(what);
+    }
+}
+
+std::uint64_t number(const json& object, const char* key, std::uint64_t highest) {
+    const json& value = object.at(key);
+    require(value.is_number_unsigned() && value.get<std::uint64_t>() <= highest, key);
+    return value.get<std::uint64_t>();
+}
+
+std::string uuid(const json& object, const char* key) {
+    auto text = object.at(key).get<std::string>();
+    require(isUuid(text), key);
+    return text;
+}
+
+std::string absolutePath(const json& object, const char* key) {
+    auto text = object.at(key).get<std::string>();
+    require(text.starts_with('/') && text.find('\0') == std::string::npos, key);
+    return text;
+}
+
+/// The table's own text has a list of objects in an object.
+bool requireShallow(int depth, json::parse_event_t /*event*/, json& /*parsed*/) {
+    constexpr int deepest = 3;
+    require(depth <= deepest, "too deep");
+    return true;
+}
+
+json fromDevice(const Device& device) {
+    return {{"minor", device.minor},
+            {"state", static_cast<std::uint32_t>(device.mode)},
+            {"block_device", device.blockDevice},
+            {"cow_file", device.cowFile},
+            {"snapshot", device.snapshot},
+            {"size", device.size},
+            {"cache_size", device.cacheSize}};
+}
+
+Device toDevice(const json& object) {
+    constexpr std::uint64_t any = std::numeric_limits<std::uint64_t>::max();
+    constexpr std::uint64_t longestFile = std::numeric_limits<std::int64_t>::max();
+    Device device;
+    device.minor = static_cast<std::uint32_t>(number(object, "minor", highestMinor));
+    device.mode = static_cast<Mode>(number(object, "state", static_cast<std::uint64_t>(Mode::snapshot)));
+    require(device.mode == Mode::tracking || device.mode == Mode::snapshot, "state");
+    device.blockDevice = absolutePath(object, "block_device");
+    device.cowFile = absolutePath(object, "cow_file");
+    device.snapshot = uuid(object, "snapshot");
+    device.size = number(object, "size", longestFile);
+    device.cacheSize = number(object, "cache_size", any);
+    return device;
+}
+
+json fromUnfinished(const Unfinished& unfinished) {
+    json object = {{"snapshot", unfinished.snapshot}, {"cow_file", unfinished.cowFile}};
+    if (!unfinished.mountPoint.empty()) {
+        object["mount_point"] = unfinished.mountPoint;
+    }
+    return object;
+}
+
+Unfinished toUnfinished(const json& object) {
+    Unfinished unfinished{uuid(object, "snapshot"), absolutePath(object, "cow_file"), {}};
+    if (object.contains("mount_point")) {
+        unfinished.mountPoint = absolutePath(object, "mount_point");
+    }
+    return unfinished;
+}
+
+template <class Item>
+json fromList(const std::vector<Item>& items, json (*convert)(const Item&)) {
+    json list = json::array();
+    std::ranges::transform(items, std::back_inserter(list), convert);
+    return list;
+}
+
+template <class Item>
+std::vector<Item> toList(const json& list, std::size_t most, Item (*convert)(const json&)) {
+    require(list.is_array() && list.size() <= most, "a list");
+    std::vector<Item> items;
+    std::ranges::transform(list, std::back_inserter(items), convert);
+    return items;
+}
+
+void requireDistinct(const std::vector<Device>& devices) {
+    std::set<std::uint32_t> minors;
+    std::set<std::string> snapshots;
+    for (const Device& device : devices) {
+        require(minors.insert(device.minor).second, "a minor twice");
+        require(snapshots.insert(device.snapshot).second, "a snapshot twice");
+    }
+}
+
+} // namespace
+
+const Device* findDevice(const Table& table, std::uint32_t minor) {
+    const auto found = std::ranges::find(table.devices, minor, &Device::minor);
+    return found == table.devices.end() ? nullptr : &*found;
+}
+
+std::string writeTable(const Table& table) {
+    const json document = {{"format", format},
+                           {"session", table.session},
+                           {"devices", fromList(table.devices, fromDevice)},
+                           {"asleep", fromList(table.asleep, fromDevice)},
+                           {"unfinished", fromList(table.unfinished, fromUnfinished)}};
+    try {
+        return document.dump(4) + "\n";
+    } catch (const json::exception&) { // a path may be any sequence of bytes, but JSON is UTF-8
+        fail(EILSEQ, "a path that isn't UTF-8");
+    }
+}
+
+Table readTable(const std::string& text) {
+    const json document = json::parse(text, requireShallow);
+    require(document.at("format") == format, "format");
+    Table table;
+    table.session = uuid(document, "session");
+    table.devices = toList(document.at("devices"), highestMinor + 1, toDevice);
+    table.asleep = toList(document.at("asleep"), mostAsleep, toDevice);
+    requireDistinct(table.devices);
+    table.unfinished = toList(document.at("unfinished"), mostUnfinished, toUnfinished);
+    return table;
+}
+
+} // namespace tolvubd

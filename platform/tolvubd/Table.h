@@ -1,0 +1,53 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace tolvubd {
+
+enum class Mode : std::uint32_t { tracking = 2, snapshot = 3 };
+
+/// One device of the driver, and the capture that it shows (snapshot) or compares with (tracking).
+struct Device {
+    std::uint32_t minor = 0;
+    Mode mode = Mode::snapshot;
+    std::string blockDevice; ///< as it was given
+    std::string cowFile;     ///< relative to the mount point, with a leading slash
+    std::string snapshot;    ///< UUID of the capture; it also stands in the CoW file's header
+    std::uint64_t size = 0;  ///< of the block device, in bytes
+    std::uint64_t cacheSize = 0;
+
+    bool operator==(const Device&) const = default;
+};
+
+/// What an operation has begun to make, or has still to remove: whoever finds this has to take it away.
+struct Unfinished {
+    std::string snapshot;
+    std::string cowFile;    ///< absolute
+    std::string mountPoint; ///< of the volume that is frozen meanwhile; empty if none is
+
+    bool operator==(const Unfinished&) const = default;
+};
+
+/// All that the driver knows.
+struct Table {
+    std::string session; ///< names the run of the machine in which `devices` are live
+    std::vector<Device> devices;
+    std::vector<Device> asleep; ///< devices of an earlier run, to be given back by a reload
+    std::vector<Unfinished> unfinished;
+
+    bool operator==(const Table&) const = default;
+};
+
+inline constexpr std::uint32_t highestMinor = 255;
+inline constexpr std::size_t mostAsleep = 1024;
+inline constexpr std::size_t mostUnfinished = 64;
+
+const Device* findDevice(const Table& table, std::uint32_t minor);
+
+std::string writeTable(const Table& table);
+/// Takes nothing on trust: a text that isn't a table as writeTable makes it throws std::runtime_error.
+Table readTable(const std::string& text);
+
+} // namespace tolvubd

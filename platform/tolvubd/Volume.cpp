@@ -1,0 +1,148 @@
+#include "Volume.h"
+
+#include "AtomicFile.h"
+#include "Descriptor.h"
+#include "Failure.h"
+
+#include <fcntl.h>
+#include <filesystem>
+#include <linux/fs.h>
+#include <span>
+#include <sstream>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <sys/sysmacros.h>
+
+namespace tolvubd {
+
+namespace {
+
+std::string resolve(const std::string& path) {
+    std::error_code error;
+    const auto resolved = std::filesystem::canonical(path, error);
+    if (error) {
+        fail(error.value(), "resolve " + path);
+    }
+    return resolved;
+}
+
+struct stat statusOf(const std::string& path) {
+    struct stat status {};
+    checked(::stat(path.c_str(), &status), "look at " + path);
+    return status;
+}
+
+struct statvfs spaceOf(const std::string& path) {
+    struct statvfs space {};
+    checked(::statvfs(path.c_str(), &space), "look at the file system of " + path);
+    return space;
+}
+
+bool isOctal(char c) {
+    return c >= '0' && c <= '7';
+}
+
+/// Blanks and the like stand as a backslash and three octal digits.
+std::string unescape(const std::string& text) {
+    std::string plain;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        if (text[i] == '\\' && i + 3 < text.size() && isOctal(text[i + 1]) && isOctal(text[i + 2]) &&
+            isOctal(text[i + 3])) {
+            const int value = (text[i + 1] - '0') * 64 + (text[i + 2] - '0') * 8 + (text[i + 3] - '0');
+            plain += static_cast<char>(value);
+            i += 3;
+        } else {
+            plain += text[i];
+        }
+    }
+    return plain;
+}
+
+/// A file of the kernel's has no size to be asked for.
+std::string readMountInfo() {
+    const Descriptor file = openFile("/proc/self/mountinfo", O_RDONLY);
+    std::string text;
+    std::string piece(std::size_t{64} << 10, '\0');
+    while (const std::size_t got = readAt(file, std::as_writable_bytes(std::span(piece)), text.size())) {
+        text.append(piece, 0, got);
+    }
+    return text;
+}
+
+bool isBelow(const std::string& path, const std::string& directory) {
+    return directory == "/" ||
+           (path.starts_with(directory) && path.size() > directory.size() && path[directory.size()] == '/');
+}
+
+} // namespace
+
+Volume findVolume(const std::string& blockDevice) {
+    Volume volume;
+    volume.path = resolve(blockDevice);
+    const struct stat status = statusOf(volume.path);
+    if (!S_ISBLK(status.st_mode)) {
+        fail(ENOTBLK, volume.path);
+    }
+    volume.number = status.st_rdev;
+    const Descriptor device = openFile(volume.path, O_RDONLY);
+    int sectorSize = 0;
+    checked(::ioctl(device.get(), BLKGETSIZE64, &volume.size), "size of " + volume.path);
+    checked(::ioctl(device.get(), BLKSSZGET, &sectorSize), "sector size of " + volume.path);
+    volume.sectorSize = static_cast<std::uint32_t>(sectorSize);
+    volume.mountPoints = mountPointsIn(readMountInfo(), volume.number);
+    if (volume.mountPoints.empty()) {
+        fail(ENODEV, volume.path + " is not mounted");
+    }
+    return volume;
+}
+
+PathOnVolume locate(const Volume& volume, const std::string& path) {
+    if (!path.starts_with('/') || path.ends_with('/')) {
+        fail(EINVAL, path);
+    }
+    if (statusOf(directoryOf(path)).st_dev != volume.number) {
+        fail(EXDEV, path + " is not on " + volume.path);
+    }
+    PathOnVolume located;
+    for (const std::string& mountPoint : volume.mountPoints) {
+        if (isBelow(path, mountPoint) && mountPoint.size() >= located.mountPoint.size()) {
+            located.mountPoint = mountPoint;
+        }
+    }
+    if (located.mountPoint.empty()) {
+        fail(EXDEV, path + " is not below a mount point of " + volume.path);
+    }
+    located.relative = located.mountPoint == "/" ? path : path.substr(located.mountPoint.size());
+    return located;
+}
+
+std::vector<std::string> mountPointsIn(const std::string& mountInfo, dev_t device) {
+    const std::string wanted = std::to_string(major(device)) + ":" + std::to_string(minor(device));
+    std::vector<std::string> found;
+    std::istringstream lines(mountInfo);
+    for (std::string line; std::getline(lines, line);) {
+        std::istringstream fields(line);
+        std::string id;
+        std::string parent;
+        std::string number;
+        std::string root;
+        std::string mountPoint;
+        if (fields >> id >> parent >> number >> root >> mountPoint && number == wanted) {
+            found.push_back(unescape(mountPoint));
+        }
+    }
+    return found;
+}
+
+std::uint64_t freeSpace(const std::string& path) {
+    const struct statvfs space = spaceOf(path);
+    return space.f_bavail * space.f_frsize;
+}
+
+std::uint64_t usedSpace(const std::string& path) {
+    const struct statvfs space = spaceOf(path);
+    return (space.f_blocks - space.f_bfree) * space.f_frsize;
+}
+
+} // namespace tolvubd

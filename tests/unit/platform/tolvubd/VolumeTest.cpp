@@ -1,0 +1,52 @@
+#include "Volume.h"
+
+#include "ExpectedError.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <string>
+#include <sys/sysmacros.h>
+#include <vector>
+
+namespace tolvubd {
+namespace {
+
+using Paths = std::vector<std::string>;
+
+TEST(MountPoints, AreThoseOfTheDevice) {
+    const std::string mounts = "22 1 8:1 / / rw,relatime shared:1 - ext4 /dev/sda1 rw\n"
+                               "23 22 8:17 / /data rw - xfs /dev/sdb1 rw\n"
+                               "24 22 8:1 /sub /bound rw - ext4 /dev/sda1 rw\n"
+                               "25 22 18:1 / /other rw - ext4 /dev/x rw\n";
+    EXPECT_EQ(mountPointsIn(mounts, makedev(8, 1)), (Paths{"/", "/bound"}));
+    EXPECT_EQ(mountPointsIn(mounts, makedev(8, 17)), Paths{"/data"});
+    EXPECT_EQ(mountPointsIn(mounts, makedev(8, 2)), Paths{});
+}
+
+TEST(MountPoints, MayHaveAnyCharacter) {
+    const std::string mounts = "22 1 8:1 / /a\\040b\\011c\\012d\\134e\\303\\244 rw - ext4 /dev/sda1 rw\n";
+    EXPECT_EQ(mountPointsIn(mounts, makedev(8, 1)), Paths{"/a b\tc\nd\\e\xc3\xa4"});
+}
+
+TEST(MountPoints, StandBrokenLines) {
+    EXPECT_EQ(mountPointsIn("", makedev(8, 1)), Paths{});
+    EXPECT_EQ(mountPointsIn("22 1 8:1\n\n8:1 8:1 8:1 8:1", makedev(8, 1)), Paths{});
+    EXPECT_EQ(mountPointsIn("22 1 8:1 / /a\\04 rw\n22 1 8:1 / /b\\", makedev(8, 1)),
+              (Paths{"/a\\04", "/b\\"}));
+}
+
+TEST(Volume, IsABlockDevice) {
+    EXPECT_EQ(test::errorOf([] { findVolume("/dev/null"); }), ENOTBLK);
+    EXPECT_EQ(test::errorOf([] { findVolume("/etc"); }), ENOTBLK);
+    EXPECT_EQ(test::errorOf([] { findVolume("/nothing"); }), ENOENT);
+    EXPECT_EQ(test::errorOf([] { findVolume(""); }), EINVAL);
+}
+
+TEST(PathOnVolume, JoinsAtTheMountPoint) {
+    EXPECT_EQ((PathOnVolume{"/", "/.tolvu"}).path(), "/.tolvu");
+    EXPECT_EQ((PathOnVolume{"/data", "/.tolvu"}).path(), "/data/.tolvu");
+}
+
+} // namespace
+} // namespace tolvubd
