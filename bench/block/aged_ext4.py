@@ -1,0 +1,82 @@
+#!/usr/bin/env python3
+"""usage: lab/namespace bench/block/aged_ext4.py BITMAP
+
+Makes an ext4 of 40 GiB in memory, ages it by creating and deleting files of all sizes, and writes the bitmap
+of its used blocks to BITMAP, least significant bit first. Which blocks the files get is up to the kernel;
+which files there are is always the same.
+"""
+
+import os
+import pathlib
+import random
+import re
+import subprocess
+import sys
+import tempfile
+
+BLOCK = 4096
+BLOCKS = 40 * 2**30 // BLOCK
+FULLEST = 0.85 # of the blocks
+ROUNDS = 4
+
+
+def run(*command):
+    return subprocess.run(command, check=True, capture_output=True, text=True).stdout
+
+
+def grow(root, files, chance):
+    """Creates files until the file system is as full as it gets; their blocks are reserved, not written."""
+    while os.statvfs(root).f_bavail > (1 - FULLEST) * BLOCKS:
+        path = root / str(chance.randrange(100)) / str(len(files))
+        path.parent.mkdir(exist_ok=True)
+        size = min(int(chance.lognormvariate(11, 2.5)) + 1, 2**30)
+        with open(path, "wb") as file:
+            os.posix_fallocate(file.fileno(), 0, size)
+        files.append(path)
+
+
+def shrink(files, chance):
+    for index in range(len(files)):
+        if files[index] is not None and chance.random() < 0.3:
+            files[index].unlink()
+            files[index] = None
+
+
+def age(root):
+    chance = random.Random(1)
+    files = []
+    for _ in range(ROUNDS):
+        grow(root, files, chance)
+        shrink(files, chance)
+        os.sync()
+
+
+def used_bitmap(image):
+    bitmap = bytearray(b"\xff" * (BLOCKS // 8))
+    for line in re.findall(r"^  Free blocks: (.*)$", run("dumpe2fs", str(image)), re.MULTILINE):
+        for first, last in re.findall(r"(\d+)(?:-(\d+))?", line):
+            for block in range(int(first), int(last or first) + 1):
+                bitmap[block // 8] &= ~(1 << block % 8)
+    return bitmap
+
+
+def main():
+    if len(sys.argv) != 2:
+        sys.exit(__doc__)
+    with tempfile.TemporaryDirectory() as directory:
+        image = pathlib.Path(directory, "image")
+        root = pathlib.Path(directory, "root")
+        root.mkdir()
+        with open(image, "wb") as file:
+            file.truncate(BLOCKS * BLOCK)
+        run("mkfs.ext4", "-q", "-b", str(BLOCK), str(image))
+        run("mount", "-o", "loop", str(image), str(root))
+        try:
+            age(root)
+        finally:
+            run("umount", str(root))
+        bitmap = used_bitmap(image)
+    pathlib.Path(sys.argv[1]).write_bytes(bitmap)
+
+
+main()

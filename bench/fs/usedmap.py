@@ -1,0 +1,61 @@
+#!/usr/bin/env python3
+"""usage: lab/namespace bench/fs/usedmap.py
+
+Measures the maps of used blocks of large volumes beside plain reads of the same bytes and the clearing of
+the buffers (build/release/bench_fs): sparse ones of 1 and nearly 16 TiB, and aged ones of 20 GiB. Makes the
+images below build/bench, needs about 2 GiB there, and removes them again. The last line tells if a bound is
+broken: 1.25 times as long, or 80 MiB at the peak."""
+import os
+import pathlib
+import re
+import subprocess
+import sys
+import tempfile
+
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+sys.path.insert(0, str(ROOT / "tests/functional"))
+
+from volume_images import age, make_image, mounted, riddle  # noqa: E402
+
+BENCH = ROOT / os.environ.get("BEKD_BUILD", "build/release") / "bench_fs"
+TEBIBYTE = 1024 * 1024  # in MiB
+SLOWEST = 1.25
+LARGEST = 80
+LAZY = ("-q", "-F", "-E", "lazy_itable_init=1,lazy_journal_init=1,nodiscard", "-b", "4096")
+VOLUMES = {
+    "ext4 of 1 TiB, sparse": (TEBIBYTE, False, ("mkfs.ext4", *LAZY)),
+    "ext4 of 20 GiB, aged": (20 * 1024, True, ("mkfs.ext4", *LAZY)),
+    "xfs of 1 TiB, sparse": (TEBIBYTE, False, ("mkfs.xfs", "-q", "-K")),
+    "xfs of 20 GiB, aged": (20 * 1024, True, ("mkfs.xfs", "-q", "-K")),
+    "xfs of nearly 16 TiB, sparse": (16 * TEBIBYTE - 1024, False, ("mkfs.xfs", "-q", "-K")),
+}
+
+
+def wear(image, directory):
+    with mounted(image, directory) as (_, mount_point):
+        age(mount_point, 3000, largest=200_000)
+        riddle(mount_point / "riddled", 4096, 30_000)
+
+
+def measure(name, directory):
+    mebibytes, is_aged, mkfs = VOLUMES[name]
+    image = make_image(directory / "volume", mebibytes, *mkfs)
+    if is_aged:
+        wear(image, directory / "mnt")
+    line = subprocess.run([BENCH, image], check=True, capture_output=True, text=True).stdout.strip()
+    image.unlink()
+    ratio, peak = re.search(r"ratio ([\d.]+), peak (\d+) MiB", line).groups()
+    print(f"{name}: {line.split(': ', 1)[1]}", flush=True)
+    return float(ratio) <= SLOWEST and int(peak) < LARGEST
+
+
+def main():
+    (ROOT / "build/bench").mkdir(parents=True, exist_ok=True)
+    with tempfile.TemporaryDirectory(dir=ROOT / "build/bench") as directory:
+        results = [measure(name, pathlib.Path(directory)) for name in VOLUMES]
+    if not all(results):
+        sys.exit(f"a bound is broken: {SLOWEST} times the plain reads, {LARGEST} MiB")
+
+
+if __name__ == "__main__":
+    main()

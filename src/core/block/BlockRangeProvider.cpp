@@ -1,0 +1,129 @@
+#include "core/block/BlockRangeProvider.h"
+
+#include <algorithm>
+
+namespace agent::core::block {
+
+BlockRangeProvider::BlockRangeProvider(info::Logger& logger,
+                                       std::vector<std::unique_ptr<IBlockRangeProvider>> excluders,
+                                       std::uint64_t totalBlocks)
+    : logger(logger), excluders(std::move(excluders)), totalBlocks(totalBlocks) {}
+
+BlockRangeIterator BlockRangeProvider::begin() const {
+    return handleOf(iterator(*this));
+}
+
+BlockRangeIterator BlockRangeProvider::end() const {
+    return handleOf(iterator(*this, std::default_sentinel));
+}
+
+std::uint64_t BlockRangeProvider::size() const {
+    std::uint64_t blocks = totalBlocks;
+    for (const auto& excluder : excluders) {
+        blocks -= excluder ? excluder->size() : 0;
+    }
+    return blocks;
+}
+
+std::string BlockRangeProvider::name() const {
+    return "Included Block Range Provider";
+}
+
+BlockRangeProvider::iterator::iterator(const BlockRangeProvider& provider) : provider(&provider) {
+    for (const auto& excluder : provider.excluders) {
+        if (excluder) {
+            activeExcluders.push_back({excluder->begin(), {}, excluder.get()});
+        }
+    }
+    ++*this;
+}
+
+BlockRangeProvider::iterator::iterator(const BlockRangeProvider& provider, std::default_sentinel_t /*end*/)
+    : provider(&provider), atEnd(true) {}
+
+const BlockRange& BlockRangeProvider::iterator::operator*() const {
+    if (atEnd) {
+        throwPastTheEnd(provider->name());
+    }
+    return current;
+}
+
+BlockRangeProvider::iterator& BlockRangeProvider::iterator::operator++() {
+    while (!step()) {
+    }
+    return *this;
+}
+
+BlockRangeProvider::iterator BlockRangeProvider::iterator::operator++(int) {
+    iterator before(*this);
+    ++*this;
+    return before;
+}
+
+bool BlockRangeProvider::iterator::operator==(const iterator& other) const {
+    return provider == other.provider && atEnd == other.atEnd && (atEnd || current == other.current);
+}
+
+/// True when the next range, or the end, has been found.
+bool BlockRangeProvider::iterator::step() {
+    if (atEnd || position >= provider->totalBlocks) {
+        atEnd = true;
+        return true;
+    }
+    const BlockRange nearest = nearestExclusion();
+    const bool included = nearest.start > position;
+    if (included) {
+        current = {position, nearest.start - position};
+    }
+    position = nearest.end();
+    return included;
+}
+
+/// The nearest range that excludes blocks from the position on, or an empty one at the end of the volume.
+BlockRange BlockRangeProvider::iterator::nearestExclusion() {
+    BlockRange nearest{provider->totalBlocks, 0};
+    for (auto active = activeExcluders.begin(); active != activeExcluders.end();) {
+        active = isStillActive(*active, nearest) ? std::next(active) : activeExcluders.erase(active);
+    }
+    return nearest;
+}
+
+bool BlockRangeProvider::iterator::isStillActive(ActiveExcluder& active, BlockRange& nearest) const {
+    try {
+        if (findNext(active, nearest)) {
+            return true;
+        }
+        info::LogEntry(provider->logger, info::level::debug)
+            << "The " << active.excluder->name() << " has no more ranges to exclude after block "
+            << current.start << ", it will no longer be used for this volume.";
+    } catch (...) { // whatever it is: without this excluder the backup is larger, and as good
+        info::LogEntry(provider->logger, info::level::error)
+            << "The " << active.excluder->name()
+            << " threw an exception while attempting to get an exclusion range! It will no longer be used "
+               "for "
+               "this volume.";
+    }
+    return false;
+}
+
+/// Moves an excluder on to its first range behind the position. False if it has none.
+bool BlockRangeProvider::iterator::findNext(ActiveExcluder& active, BlockRange& nearest) const {
+    if (!active.end) {
+        active.end = active.excluder->end();
+    }
+    for (; active.next != active.end; ++active.next) {
+        const BlockRange& range = *active.next;
+        if (excludesMore(range)) {
+            nearest = std::min(nearest, range);
+            return true;
+        }
+    }
+    return false;
+}
+
+/// A range whose end has wrapped is nonsense that must not cost the volume a block: it excludes nothing.
+bool BlockRangeProvider::iterator::excludesMore(const BlockRange& range) const {
+    return range.end() > position && range.end() >= range.start;
+}
+
+} // namespace agent::core::block

@@ -1,0 +1,77 @@
+#pragma once
+
+#include "core/block/IBlockRangeProvider.h"
+#include "info/log/Logger.h"
+
+#include <cstddef>
+#include <iterator>
+#include <memory>
+#include <vector>
+
+namespace agent::core::block {
+
+/// The blocks of a volume that no excluder excludes, as the longest possible ranges.
+/// Owns:    the excluders.
+/// Threads: one at a time.
+/// Fails:   an excluder that throws while it is read is dropped, and its blocks from there on are included;
+///          one that can't begin fails `begin`.
+class BlockRangeProvider : public IBlockRangeProvider {
+public:
+    class iterator;
+
+    /// An excluder may be null.
+    BlockRangeProvider(info::Logger& logger, std::vector<std::unique_ptr<IBlockRangeProvider>> excluders,
+                       std::uint64_t totalBlocks);
+
+    [[nodiscard]] BlockRangeIterator begin() const override;
+    [[nodiscard]] BlockRangeIterator end() const override;
+    [[nodiscard]] std::uint64_t size() const override;
+    [[nodiscard]] std::string name() const override;
+
+private:
+    info::Logger& logger;
+    std::vector<std::unique_ptr<IBlockRangeProvider>> excluders;
+    std::uint64_t totalBlocks;
+};
+
+/// Subtracts all excluders from the volume in one pass: each is kept on its first range that ends behind the
+/// blocks decided so far, and the nearest of these bounds the next range.
+class BlockRangeProvider::iterator {
+public:
+    using iterator_category = std::forward_iterator_tag;
+    using value_type = const BlockRange;
+    using difference_type = std::ptrdiff_t;
+    using pointer = const BlockRange*;
+    using reference = const BlockRange&;
+
+    /// At the first range.
+    explicit iterator(const BlockRangeProvider& provider);
+    /// At the end.
+    iterator(const BlockRangeProvider& provider, std::default_sentinel_t end);
+
+    const BlockRange& operator*() const;
+    iterator& operator++();
+    iterator operator++(int);
+    bool operator==(const iterator& other) const;
+
+private:
+    struct ActiveExcluder {
+        BlockRangeIterator next;
+        BlockRangeIterator end; ///< none until it is first needed
+        const IBlockRangeProvider* excluder;
+    };
+
+    bool step();
+    BlockRange nearestExclusion();
+    bool findNext(ActiveExcluder& active, BlockRange& nearest) const;
+    bool isStillActive(ActiveExcluder& active, BlockRange& nearest) const;
+    [[nodiscard]] bool excludesMore(const BlockRange& range) const;
+
+    const BlockRangeProvider* provider;
+    std::vector<ActiveExcluder> activeExcluders;
+    BlockRange current;
+    std::uint64_t position = 0; ///< the first block that isn't decided yet
+    bool atEnd = false;
+};
+
+} // namespace agent::core::block

@@ -1,0 +1,111 @@
+#include "core/block/ChunkedBitmapBlockRangeExcluder.h"
+
+#include "core/fs/LoggedBuffer.h"
+
+namespace agent::core::block {
+
+ChunkedBitmapBlockRangeExcluder::ChunkedBitmapBlockRangeExcluder(
+    info::Logger& logger, std::shared_ptr<const info::BackupableVolume> volume,
+    std::unique_ptr<fs::IBlockBitmapChunkProvider> chunkProvider, const BitRangeFinderFactory& finderFactory,
+    int finderType)
+    : logger(logger),
+      volume(std::move(volume)),
+      chunkProvider(std::move(chunkProvider)),
+      rangeFinder(
+          finderFactory.createRangeFinder(finderType, false, this->chunkProvider->isBitmapMsbFirst())),
+      bitsPerElement(finderType == BitRangeFinderFactory::wordFinder ? 64 : 1) {}
+
+BlockRangeIterator ChunkedBitmapBlockRangeExcluder::begin() const {
+    return handleOf(iterator(*this));
+}
+
+BlockRangeIterator ChunkedBitmapBlockRangeExcluder::end() const {
+    return handleOf(iterator(*this, std::default_sentinel));
+}
+
+/// Whether an element speaks of nothing that is on the volume, as far as the volume's size is known.
+bool ChunkedBitmapBlockRangeExcluder::isBehindVolume(std::uint64_t element) const {
+    const std::uint64_t blocks = volume->getBlockCount();
+    return blocks != 0 && toBlockRange({}, element).start >= blocks;
+}
+
+ChunkedBitmapBlockRangeExcluder::iterator::iterator(const ChunkedBitmapBlockRangeExcluder& excluder)
+    : excluder(&excluder), moreToFetch(true), chunk(*excluder.rangeFinder, excluder.bitsPerElement) {
+    fetchRanges();
+}
+
+ChunkedBitmapBlockRangeExcluder::iterator::iterator(const ChunkedBitmapBlockRangeExcluder& excluder,
+                                                    std::default_sentinel_t /*end*/)
+    : excluder(&excluder), moreToFetch(false), chunk(*excluder.rangeFinder, excluder.bitsPerElement) {}
+
+const BlockRange& ChunkedBitmapBlockRangeExcluder::iterator::operator*() const {
+    if (chunk.atEnd()) {
+        throwPastTheEnd(excluder->name());
+    }
+    return current;
+}
+
+ChunkedBitmapBlockRangeExcluder::iterator& ChunkedBitmapBlockRangeExcluder::iterator::operator++() {
+    if (!chunk.atEnd()) {
+        chunk.next();
+    }
+    fetchRanges();
+    return *this;
+}
+
+ChunkedBitmapBlockRangeExcluder::iterator ChunkedBitmapBlockRangeExcluder::iterator::operator++(int) {
+    iterator before(*this);
+    ++*this;
+    return before;
+}
+
+bool ChunkedBitmapBlockRangeExcluder::iterator::operator==(const iterator& other) const {
+    const bool exhausted = chunk.atEnd();
+    return excluder == other.excluder && exhausted == other.chunk.atEnd() &&
+           (exhausted || current == other.current);
+}
+
+/// Fetches until there is a range, or nothing more to fetch.
+void ChunkedBitmapBlockRangeExcluder::iterator::fetchRanges() {
+    while (chunk.atEnd() && moreToFetch) {
+        info::LogEntry(excluder->logger, info::level::debug)
+            << excluder->name() << ": Advanced to the last cached range - fetching more...";
+        fetch();
+    }
+    if (!chunk.atEnd()) {
+        current = excluder->toBlockRange(chunk.current(), chunkStart);
+    }
+}
+
+void ChunkedBitmapBlockRangeExcluder::iterator::fetch() {
+    prepareBuffer();
+    const std::int64_t fetched =
+        excluder->chunkProvider->getBitmapChunk(nextElement, chunk.data(), chunk.size());
+    if (!isUsable(fetched)) {
+        moreToFetch = false;
+        return;
+    }
+    info::LogEntry(excluder->logger, info::level::debug)
+        << excluder->name() << " got a bitmap chunk to find ranges in next " << fetched
+        << " blocks starting at block " << nextElement;
+    const auto elements = static_cast<std::uint64_t>(fetched);
+    chunkStart = nextElement;
+    nextElement += elements;
+    chunk.search(elements);
+}
+
+void ChunkedBitmapBlockRangeExcluder::iterator::prepareBuffer() {
+    if (!chunk.hasBuffer()) {
+        chunk.setBuffer(fs::createLoggedBuffer(excluder->bitmapBufferSize(),
+                                               excluder->volume->getSectorSize(), excluder->logger));
+    }
+}
+
+/// The map ends with nothing, with a failure, or behind the volume, lest a map without end is fetched for
+/// ever. A count that the buffer can't hold is a failure, too.
+bool ChunkedBitmapBlockRangeExcluder::iterator::isUsable(std::int64_t fetched) const {
+    return fetched > 0 && static_cast<std::uint64_t>(fetched) <= chunk.capacity() &&
+           !excluder->isBehindVolume(nextElement);
+}
+
+} // namespace agent::core::block

@@ -1,0 +1,184 @@
+#include "core/block/FileExtents.h"
+
+#include "common/FileDescriptor.h"
+#include "common/PosixError.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstddef>
+#include <cstring>
+#include <fcntl.h>
+#include <linux/fs.h>
+#include <stdexcept>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace agent::core::block {
+
+namespace {
+
+using info::level::debug;
+using info::level::warning;
+
+/// Their records take 56 MiB. A file in more pieces than that is copied, which costs no more than time.
+constexpr std::uint32_t mostExtents = std::uint32_t{1} << 20U;
+
+/// Where the kernel doesn't know yet, or won't tell, the number is none of the file's blocks.
+constexpr std::uint32_t nowhere = FIEMAP_EXTENT_UNKNOWN | FIEMAP_EXTENT_DELALLOC;
+
+/// What the kernel fills: a header, and the records of extents behind it.
+class ExtentRequest {
+public:
+    explicit ExtentRequest(std::uint32_t extents)
+        : words((sizeof(fiemap) + std::size_t{extents} * sizeof(fiemap_extent)) / sizeof(std::uint64_t)) {
+        header().fm_length = FIEMAP_MAX_OFFSET;
+        header().fm_extent_count = extents;
+    }
+
+    fiemap& header() { return *static_cast<fiemap*>(static_cast<void*>(words.data())); }
+
+    [[nodiscard]] fiemap_extent extent(std::uint32_t index) const {
+        constexpr std::size_t wordsEach = sizeof(fiemap_extent) / sizeof(std::uint64_t);
+        fiemap_extent extent{};
+        std::memcpy(&extent, words.data() + sizeof(fiemap) / sizeof(std::uint64_t) + index * wordsEach,
+                    sizeof(extent));
+        return extent;
+    }
+
+private:
+    std::vector<std::uint64_t> words; // for their alignment
+};
+
+/// One look at where a file lies.
+class ExtentWalk {
+public:
+    ExtentWalk(info::Logger& logger, std::uint32_t blockSize, const std::string& path,
+               const ExtentQuery& query)
+        : logger(logger), query(query), path(path), blockSize(blockSize) {}
+
+    std::vector<BlockRange> walk() {
+        open();
+        logBlockCount();
+        const std::uint32_t expected = countExtents();
+        std::vector<BlockRange> ranges = readExtents(expected);
+        std::sort(ranges.begin(), ranges.end());
+        close();
+        return ranges;
+    }
+
+private:
+    void open() {
+        // Neither a pipe nor a link to somewhere else is the file that is meant.
+        file = FileDescriptor(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW));
+        if (!file) {
+            fail("Failed to open handle to file \"" + path + "\", error: ");
+        }
+    }
+
+    void logBlockCount() {
+        logger.log(debug, "FBRE Linux: Block Size = %lu", std::uint64_t{blockSize});
+        struct stat status {};
+        if (::fstat(file.get(), &status) != 0) {
+            fail("Failed to stat file \"" + path + "\", error: ");
+        }
+        if (!S_ISREG(status.st_mode)) {
+            throw std::runtime_error("\"" + path + "\" is not a regular file");
+        }
+        const auto bytes = static_cast<std::uint64_t>(status.st_size);
+        logger.log(debug, "FBRE Linux: Block Count = %lu", (bytes + blockSize - 1) / blockSize);
+    }
+
+    std::uint32_t countExtents() {
+        ExtentRequest request(0);
+        if (query(file.get(), request.header()) != 0) {
+            fail("FIEMAP IoCtl for file \"" + path + "\" failed, error: ");
+        }
+        const std::uint32_t count = request.header().fm_mapped_extents;
+        logger.log(debug, "FIEMAP IoCtl of file \"%s\" reports %u (pre-merged) extents", path.c_str(), count);
+        if (count > mostExtents) {
+            throw std::runtime_error("the file lies in too many pieces");
+        }
+        return count;
+    }
+
+    std::vector<BlockRange> readExtents(std::uint32_t expected) {
+        ExtentRequest request(expected);
+        if (query(file.get(), request.header()) != 0) {
+            fail("FIEMAP IoCtl for excluded file \"" + path + "\" failed, error ");
+        }
+        const std::uint32_t mapped = request.header().fm_mapped_extents;
+        std::vector<BlockRange> ranges;
+        std::uint32_t count = 0;
+        bool last = mapped == 0;
+        while (!last && count < std::min(mapped, expected)) {
+            const fiemap_extent extent = request.extent(count++);
+            exclude(extent, ranges);
+            last = (extent.fe_flags & FIEMAP_EXTENT_LAST) != 0;
+        }
+        logCount(expected, count, !last);
+        return ranges;
+    }
+
+    void exclude(const fiemap_extent& extent, std::vector<BlockRange>& ranges) {
+        if ((extent.fe_flags & nowhere) != 0) {
+            return;
+        }
+        const BlockRange range{extent.fe_physical / blockSize, extent.fe_length / blockSize};
+        logger.log(debug, "FBRE Linux: Exclude extent { %lu, %lu }", range.start, range.length);
+        ranges.push_back(range);
+    }
+
+    /// `more`: whether the file has more extents than there were records for.
+    void logCount(std::uint32_t expected, std::uint32_t count, bool more) {
+        if (more) {
+            logger.log(warning,
+                       "FBRE Linux: identified more extents for file \"%s\" than we thought we should have "
+                       "(expected %u, but got some amount more); some blocks may not be excluded properly",
+                       path.c_str(), expected);
+        } else if (count < expected) {
+            info::LogEntry(logger, warning)
+                << "FBRE Linux: identified fewer extents for file \"" << path
+                << "\" than we thought we should have (expected " << expected << ", got " << count << ")";
+        } else {
+            logger.log(debug,
+                       "FBRE Linux: FIEMAP got as many extents as we thought we should have (%u for file "
+                       "\"%s\")",
+                       count, path.c_str());
+        }
+    }
+
+    void close() {
+        if (::close(file.release()) != 0) { // NOLINT(resources): only here can its failure be told
+            logger.log(warning, "Failed to close file handle to excluded file \"%s\": %s", path.c_str(),
+                       PosixError::describe(errno).c_str());
+        }
+    }
+
+    [[noreturn]] static void fail(const std::string& what) {
+        const int error = errno;
+        throw PosixError(what + PosixError::describe(error), error);
+    }
+
+    info::Logger& logger;
+    const ExtentQuery& query;
+    const std::string& path;
+    std::uint64_t blockSize;
+    FileDescriptor file;
+};
+
+} // namespace
+
+int queryExtents(int descriptor, fiemap& request) {
+    return ::ioctl(descriptor, FS_IOC_FIEMAP, &request);
+}
+
+std::vector<BlockRange> getFileExtents(info::Logger& logger, std::uint32_t blockSize, const std::string& path,
+                                       const ExtentQuery& query) {
+    if (blockSize == 0) {
+        throw std::invalid_argument("the volume's block size is not known");
+    }
+    return ExtentWalk(logger, blockSize, path, query).walk();
+}
+
+} // namespace agent::core::block

@@ -1,0 +1,31 @@
+#pragma once
+
+#include "core/block/BlockRangeIterator.h"
+
+#include <cstdint>
+#include <string>
+
+namespace agent::core::block {
+
+/// A sequence of block ranges, ascending by their start, that is made while it is walked.
+/// Owns:    see the implementations; it must outlive its iterators.
+/// Threads: one at a time.
+/// Fails:   by exception, from here or from an iterator.
+class IBlockRangeProvider {
+public:
+    IBlockRangeProvider() = default;
+    IBlockRangeProvider(const IBlockRangeProvider&) = delete;
+    IBlockRangeProvider& operator=(const IBlockRangeProvider&) = delete;
+    IBlockRangeProvider(IBlockRangeProvider&&) = delete;
+    IBlockRangeProvider& operator=(IBlockRangeProvider&&) = delete;
+    virtual ~IBlockRangeProvider() = default;
+
+    [[nodiscard]] virtual BlockRangeIterator begin() const = 0;
+    [[nodiscard]] virtual BlockRangeIterator end() const = 0;
+    /// How many blocks are likely to come; for showing progress only.
+    [[nodiscard]] virtual std::uint64_t size() const = 0;
+    /// For log lines.
+    [[nodiscard]] virtual std::string name() const = 0;
+};
+
+} // namespace agent::core::block

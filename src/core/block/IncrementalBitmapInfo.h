@@ -1,0 +1,18 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace agent::core::block {
+
+/// Where the snapshot driver's record of what has changed since the last backup is to be found: an array of
+/// little-endian 64-bit words, one for each unit of 4096 bytes of the volume, 0 if the unit has not changed.
+struct IncrementalBitmapInfo {
+    std::string fileName;
+    std::uint64_t bitmapOffset = 0;    ///< in bytes
+    std::uint64_t bitmapSize = 0;      ///< in bytes
+    std::uint64_t bitmapEntries = 0;   ///< 64-bit words
+    std::uint64_t unchangedBlocks = 0; ///< for estimates only
+};
+
+} // namespace agent::core::block

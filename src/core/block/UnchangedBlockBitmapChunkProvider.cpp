@@ -1,0 +1,116 @@
+#include "core/block/UnchangedBlockBitmapChunkProvider.h"
+
+#include "common/FileDescriptor.h"
+#include "common/PosixError.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <fcntl.h>
+#include <limits>
+#include <unistd.h>
+#include <utility>
+
+namespace agent::core::block {
+
+namespace {
+
+constexpr std::uint64_t wordBytes = sizeof(std::uint64_t);
+
+struct Reading {
+    std::uint64_t bytes = 0;
+    bool endOfFile = false;
+    int error = 0;
+};
+
+/// Reads until `length` bytes have arrived, the file ends or reading fails.
+Reading readUpTo(int descriptor, std::uint8_t* buffer, std::uint64_t length) {
+    Reading reading;
+    while (reading.bytes < length && !reading.endOfFile && reading.error == 0) {
+        const ssize_t count = ::read(descriptor, buffer + reading.bytes, length - reading.bytes);
+        if (count > 0) {
+            reading.bytes += static_cast<std::uint64_t>(count);
+        } else if (count == 0) {
+            reading.endOfFile = true;
+        } else if (errno != EINTR) {
+            reading.error = errno;
+        }
+    }
+    return reading;
+}
+
+bool seekTo(int descriptor, std::uint64_t position) {
+    return position <= static_cast<std::uint64_t>(std::numeric_limits<off_t>::max()) &&
+           ::lseek(descriptor, static_cast<off_t>(position), SEEK_SET) >= 0;
+}
+
+} // namespace
+
+class UnchangedBlockBitmapChunkProvider::Impl {
+public:
+    Impl(info::Logger& logger, IncrementalBitmapInfo bitmapInfo)
+        : logger(logger), bitmapInfo(std::move(bitmapInfo)) {}
+
+    std::int64_t getBitmapChunk(std::uint64_t startElement, std::uint8_t* buffer,
+                                std::size_t bufferBytes) const {
+        // A pipe in the place of the file must not hold the backup up.
+        const FileDescriptor file(::open(bitmapInfo.fileName.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+        if (!file) {
+            info::LogEntry(logger, info::level::error)
+                << "Open incremental bitmap file " << bitmapInfo.fileName
+                << " failed: " << PosixError::describe(errno);
+            return -1;
+        }
+        const std::uint64_t position = positionOf(startElement);
+        if (!seekTo(file.get(), position)) {
+            info::LogEntry(logger, info::level::error)
+                << "Could not seek to " << position << " in incremental bitmap.";
+            return 0;
+        }
+        const std::uint64_t left =
+            bitmapInfo.bitmapEntries - std::min(startElement, bitmapInfo.bitmapEntries);
+        const std::uint64_t request = std::min<std::uint64_t>(left, bufferBytes / wordBytes);
+        return wordsRead(request, readUpTo(file.get(), buffer, request * wordBytes));
+    }
+
+private:
+    /// The position of an element in the file; the last possible number if there is none.
+    [[nodiscard]] std::uint64_t positionOf(std::uint64_t element) const {
+        std::uint64_t position = 0;
+        const bool overflows = __builtin_mul_overflow(element, wordBytes, &position) ||
+                               __builtin_add_overflow(position, bitmapInfo.bitmapOffset, &position);
+        return overflows ? std::numeric_limits<std::uint64_t>::max() : position;
+    }
+
+    [[nodiscard]] std::int64_t wordsRead(std::uint64_t request, const Reading& reading) const {
+        if (reading.error != 0 && reading.bytes == 0) {
+            info::LogEntry(logger, info::level::error)
+                << "Failed to read incremental bitmap: " << PosixError::describe(reading.error);
+            return -1;
+        }
+        const std::uint64_t words = reading.bytes / wordBytes;
+        if (words < request) {
+            info::LogEntry(logger, info::level::info)
+                << "Incremental bitmap read request: " << request << ", Data read: " << words;
+            info::LogEntry(logger, info::level::debug)
+                << "Reached EOF? : " << (reading.endOfFile ? "true" : "false");
+        }
+        return static_cast<std::int64_t>(words);
+    }
+
+    info::Logger& logger;
+    IncrementalBitmapInfo bitmapInfo;
+};
+
+UnchangedBlockBitmapChunkProvider::UnchangedBlockBitmapChunkProvider(info::Logger& logger,
+                                                                     IncrementalBitmapInfo bitmapInfo)
+    : impl(std::make_unique<const Impl>(logger, std::move(bitmapInfo))) {}
+
+UnchangedBlockBitmapChunkProvider::~UnchangedBlockBitmapChunkProvider() = default;
+
+std::int64_t UnchangedBlockBitmapChunkProvider::getBitmapChunk(std::uint64_t startElement,
+                                                               std::uint8_t* buffer,
+                                                               std::size_t bufferBytes) {
+    return impl->getBitmapChunk(startElement, buffer, bufferBytes);
+}
+
+} // namespace agent::core::block

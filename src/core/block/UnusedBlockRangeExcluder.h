@@ -1,0 +1,23 @@
+#pragma once
+
+#include "core/block/ChunkedBitmapBlockRangeExcluder.h"
+
+namespace agent::core::block {
+
+/// The blocks that a volume's file system doesn't use, by its own bitmap.
+/// Owns:    the bitmap's provider, which gives one bit for each block.
+/// Threads: one at a time.
+/// Fails:   as its base; `size` throws PosixError if the file system can't be asked.
+class UnusedBlockRangeExcluder : public ChunkedBitmapBlockRangeExcluder {
+public:
+    UnusedBlockRangeExcluder(info::Logger& logger, std::shared_ptr<const info::BackupableVolume> volume,
+                             std::unique_ptr<fs::IBlockBitmapChunkProvider> chunkProvider,
+                             const BitRangeFinderFactory& finderFactory);
+
+    [[nodiscard]] std::uint64_t size() const override;
+    [[nodiscard]] std::string name() const override;
+    [[nodiscard]] std::size_t bitmapBufferSize() const override;
+    [[nodiscard]] BlockRange toBlockRange(const BlockRange& range, std::uint64_t chunkStart) const override;
+};
+
+} // namespace agent::core::block

@@ -1,0 +1,97 @@
+#include "core/fs/FSUtil.h"
+
+#include "core/fs/LoggedBuffer.h"
+
+#include <algorithm>
+#include <bit>
+#include <cstdio>
+#include <memory>
+
+namespace agent::core::fs {
+
+namespace {
+
+constexpr std::size_t longestRead = 0x400000;
+
+/// The aligned range around the one that is asked for.
+struct AlignedRange {
+    AlignedRange(std::size_t alignment, std::uint64_t offset, std::size_t length)
+        : first(offset / alignment * alignment),
+          skip(static_cast<std::size_t>(offset % alignment)),
+          length(((skip + length - 1) / alignment + 1) * alignment) {}
+
+    std::uint64_t first;
+    std::size_t skip; ///< from `first` to what is asked for
+    std::size_t length;
+};
+
+/// Fills `buffer` with the range, as far as the device goes. Returns 0, or -1.
+int readRange(info::Logger& logger, IVolumeReader& reader, const AlignedRange& range, void* buffer,
+              std::size_t& arrived) {
+    const auto first = static_cast<std::int64_t>(range.first);
+    if (reader.seek(first, SEEK_SET) == -1) {
+        return -1;
+    }
+    if (FSUtil::readFully(reader, buffer, range.length, arrived) != 0) {
+        logger.log(info::level::debug, "CHUNK READ FILE FAILED: OFFSET: %ld - %lu BYTES", first,
+                   range.length);
+        return -1;
+    }
+    return 0;
+}
+
+/// Whether the device can deliver straight into the buffer.
+bool suits(const AlignedRange& range, std::size_t alignment, std::size_t length, void* buffer) {
+    void* aligned = buffer;
+    std::size_t space = length;
+    return range.skip == 0 && range.length == length && std::has_single_bit(alignment) &&
+           std::align(alignment, length, aligned, space) == buffer;
+}
+
+} // namespace
+
+int FSUtil::readChunk(info::Logger& logger, IVolumeReader& reader, std::size_t alignment,
+                      std::uint64_t offset, void* buffer, std::size_t length, std::size_t& bytesRead) {
+    const AlignedRange range(alignment, offset, length);
+    bytesRead = 0;
+    AlignedBuffer aligned = createLoggedBuffer(range.length, alignment, logger);
+    std::size_t arrived = 0;
+    if (readRange(logger, reader, range, aligned.data(), arrived) != 0) {
+        return -1;
+    }
+    bytesRead = std::min(arrived, length);
+    std::copy_n(aligned.data() + range.skip, bytesRead, static_cast<std::byte*>(buffer));
+    return 0;
+}
+
+bool FSUtil::readExactly(info::Logger& logger, IVolumeReader& reader, std::size_t alignment,
+                         std::uint64_t offset, void* buffer, std::size_t length) {
+    const AlignedRange range(alignment, offset, length);
+    std::size_t arrived = 0;
+    if (suits(range, alignment, length, buffer)) {
+        return readRange(logger, reader, range, buffer, arrived) == 0 && arrived == length;
+    }
+    AlignedBuffer aligned = createLoggedBuffer(range.length, alignment, logger);
+    if (readRange(logger, reader, range, aligned.data(), arrived) != 0 || arrived < range.skip + length) {
+        return false;
+    }
+    std::copy_n(aligned.data() + range.skip, length, static_cast<std::byte*>(buffer));
+    return true;
+}
+
+int FSUtil::readFully(IVolumeReader& reader, void* buffer, std::size_t length, std::size_t& bytesRead) {
+    auto* position = static_cast<std::byte*>(buffer);
+    while (length > 0) {
+        const std::size_t wanted = std::min(length, longestRead);
+        const std::int64_t count = reader.read(position, wanted);
+        if (count < 0) {
+            return -1;
+        }
+        bytesRead += static_cast<std::size_t>(count);
+        position += wanted;
+        length -= wanted;
+    }
+    return 0;
+}
+
+} // namespace agent::core::fs

@@ -1,0 +1,33 @@
+#pragma once
+
+#include "core/fs/IBlockBitmapChunkProvider.h"
+#include "core/fs/IVolumeReader.h"
+#include "info/log/Logger.h"
+
+#include <cstdint>
+#include <memory>
+
+namespace agent::core::fs {
+
+/// Finds the parser for whatever file system a volume holds.
+/// Owns:    nothing; the reader must outlive the parsers that are made.
+/// Threads: one at a time; moves the reader's position.
+/// Fails:   null if no parser knows the file system.
+class UsedBlockBitmapChunkProviderFactory {
+public:
+    UsedBlockBitmapChunkProviderFactory(info::Logger& logger, std::uint32_t sectorSize,
+                                        IVolumeReader* reader);
+    UsedBlockBitmapChunkProviderFactory(const UsedBlockBitmapChunkProviderFactory&) = delete;
+    UsedBlockBitmapChunkProviderFactory& operator=(const UsedBlockBitmapChunkProviderFactory&) = delete;
+    virtual ~UsedBlockBitmapChunkProviderFactory() = default;
+
+    /// A parser of the volume's used blocks, ready for use.
+    virtual std::unique_ptr<IBlockBitmapChunkProvider> create();
+
+private:
+    info::Logger& logger;
+    std::uint32_t sectorSize;
+    IVolumeReader* reader;
+};
+
+} // namespace agent::core::fs

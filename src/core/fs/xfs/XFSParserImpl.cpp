@@ -1,0 +1,267 @@
+#include "core/fs/xfs/XFSParserImpl.h"
+
+#include "core/fs/Bits.h"
+#include "core/fs/ByteOrder.h"
+#include "core/fs/FSUtil.h"
+#include "core/fs/xfs/XFSBTreeNode.h"
+#include "core/fs/xfs/XFSLayout.h"
+#include "core/fs/xfs/XFSNodeReader.h"
+#include "core/fs/xfs/XFSUsedMap.h"
+
+#include <algorithm>
+#include <array>
+#include <bit>
+#include <cstring>
+#include <stdexcept>
+
+namespace agent::core::fs {
+
+namespace {
+
+namespace super_block = xfs_layout::super_block;
+namespace agf = xfs_layout::agf;
+namespace agfl = xfs_layout::agfl;
+namespace node = xfs_layout::node;
+
+constexpr std::uint64_t byteBits = 8;
+constexpr std::uint32_t smallestBlock = 512;
+constexpr std::uint32_t largestBlock = 65536;
+constexpr std::uint64_t largestVolume = std::uint64_t{1} << 62U; // bytes, with room for sums below 2^63
+
+/// Ends the walk with the result -1; what is to be said has been logged.
+struct WalkFailed {};
+
+/// Notices when a chain of blocks comes back to where it has been, without keeping the blocks: one of them is
+/// remembered, a later one each time that as many steps have been made again (Brent's algorithm).
+class LoopWatch {
+public:
+    explicit LoopWatch(std::uint32_t first) : remembered(first) {}
+
+    bool comesBack(std::uint32_t block) {
+        if (block == remembered) {
+            return true;
+        }
+        if (++steps == limit) {
+            remembered = block;
+            steps = 0;
+            limit *= 2;
+        }
+        return false;
+    }
+
+private:
+    std::uint32_t remembered;
+    std::uint64_t steps = 0;
+    std::uint64_t limit = 1;
+};
+
+} // namespace
+
+XFSParserImpl::XFSParserImpl(info::Logger& logger, IVolumeReader& reader, std::uint32_t sectorSize)
+    : logger(logger), reader(reader), sectorSize(sectorSize) {}
+
+bool XFSParserImpl::recognize() {
+    std::array<std::uint8_t, super_block::size> block{};
+    if (!FSUtil::readExactly(logger, reader, sectorSize, 0, block.data(), block.size())) {
+        logger.log(info::level::error, "Can't read super block.");
+        return false;
+    }
+    magic = bigEndian<std::uint32_t>(block, super_block::magic);
+    if (magic != super_block::magicValue) {
+        return false;
+    }
+    blockSize = bigEndian<std::uint32_t>(block, super_block::blockSize);
+    totalBlocks = bigEndian<std::uint64_t>(block, super_block::totalBlocks);
+    agBlocks = bigEndian<std::uint32_t>(block, super_block::agBlocks);
+    agCount = bigEndian<std::uint32_t>(block, super_block::agCount);
+    version = bigEndian<std::uint16_t>(block, super_block::version);
+    logger.log(info::level::debug, "magic 0x%x", magic);
+    logger.log(info::level::debug, "block_size %u", blockSize);
+    logger.log(info::level::debug, "ag_count %u", agCount);
+    logger.log(info::level::debug, "ag_blocks %u", agBlocks);
+    logger.log(info::level::debug, "total_blocks %lu", totalBlocks);
+    logger.log(info::level::debug, "version %u", unsigned{version});
+    return true;
+}
+
+std::int64_t XFSParserImpl::getBitmapChunk(std::uint64_t startBlock, std::uint8_t* buffer,
+                                           std::size_t bufferBytes) {
+    const std::uint64_t bufferBits = bufferBytes * byteBits;
+    traces = logger.isEnabled(info::level::debug);
+    logger.log(info::level::debug, "buf off = %lu, buffer_size = %lu", startBlock, bufferBytes);
+    if (startBlock >= totalBlocks || startBlock % byteBits != 0) {
+        std::memset(buffer, 0, bufferBytes);
+        return startBlock >= totalBlocks ? 0 : -1;
+    }
+    XFSUsedMap map(buffer, bufferBytes, startBlock);
+    try {
+        markFreeBlocks(map);
+    } catch (const WalkFailed&) {
+        return -1;
+    } catch (const std::runtime_error& error) {
+        logger.log(info::level::error, "%s", error.what());
+        return -1;
+    }
+    // In a chunk that isn't the first this reaches behind the volume's end, where nobody looks.
+    const std::uint64_t bytes = std::min<std::uint64_t>(bufferBytes, (totalBlocks - 1) / byteBits + 1);
+    map.finish(bytes);
+    if (traces) {
+        logger.log(info::level::debug, "count = %lu", countClearBits(buffer, bytes));
+    }
+    return static_cast<std::int64_t>(std::min(bufferBits, totalBlocks - startBlock));
+}
+
+/// Why the super block can't be believed; null if it can.
+const char* XFSParserImpl::objection() const {
+    if (!std::has_single_bit(blockSize) || blockSize < smallestBlock || blockSize > largestBlock) {
+        return "XFS: Impossible block size.";
+    }
+    if (agBlocks == 0 || totalBlocks > std::uint64_t{agBlocks} * agCount) {
+        return "XFS: Impossible allocation groups.";
+    }
+    return totalBlocks > largestVolume / blockSize ? "XFS: Impossible number of blocks." : nullptr;
+}
+
+void XFSParserImpl::markFreeBlocks(XFSUsedMap& map) {
+    if (const char* reason = objection()) {
+        throw std::runtime_error(reason);
+    }
+    const std::uint64_t firstGroup = map.firstBlock() / agBlocks;
+    const std::uint64_t endGroup = (map.endBlock() + agBlocks - 1) / agBlocks;
+    logger.log(info::level::debug, "Iterating over allocation group(s) %u - %u",
+               static_cast<std::uint32_t>(firstGroup), static_cast<std::uint32_t>(endGroup));
+    for (std::uint64_t group = firstGroup; group < endGroup && group < agCount; ++group) {
+        markGroup(map, static_cast<std::uint32_t>(group));
+    }
+}
+
+void XFSParserImpl::markGroup(XFSUsedMap& map, std::uint32_t group) {
+    const FreeSpaceInfo info = readFreeSpaceInfo(group);
+    markFreeList(map, group, info);
+    logger.log(info::level::debug, "Reading the root b+ node.");
+    markTree(map, group, info.root);
+}
+
+bool XFSParserImpl::hasCrc() const {
+    return (version & super_block::versionMask) == super_block::versionCrc;
+}
+
+std::uint64_t XFSParserImpl::groupAddress(std::uint32_t group) const {
+    return std::uint64_t{agBlocks} * blockSize * group;
+}
+
+XFSParserImpl::FreeSpaceInfo XFSParserImpl::readFreeSpaceInfo(std::uint32_t group) {
+    logger.log(info::level::debug, "Reading the free space info.");
+    const std::uint64_t address = groupAddress(group) + sectorSize;
+    logger.log(info::level::debug, "fsi addr = %lu", address);
+    std::array<std::uint8_t, agf::size> bytes{};
+    if (!FSUtil::readExactly(logger, reader, sectorSize, address, bytes.data(), bytes.size())) {
+        throw std::runtime_error("Can't read fsi block.");
+    }
+    const auto magicFound = bigEndian<std::uint32_t>(bytes, agf::magic);
+    if (magicFound != agf::magicValue) {
+        throw std::runtime_error("Invalid fsi magic number.");
+    }
+    const FreeSpaceInfo info{
+        bigEndian<std::uint32_t>(bytes, agf::offsetBtRoot), bigEndian<std::uint32_t>(bytes, agf::flFirst),
+        bigEndian<std::uint32_t>(bytes, agf::flLast), bigEndian<std::uint32_t>(bytes, agf::flCount)};
+    logger.log(info::level::debug, "magic 0x%x", magicFound);
+    logger.log(info::level::debug, "fl_first %u", info.listFirst);
+    logger.log(info::level::debug, "fl_last %u", info.listLast);
+    logger.log(info::level::debug, "offset_bt_root %u", info.root);
+    return info;
+}
+
+std::vector<std::uint32_t> XFSParserImpl::readFreeList(std::uint32_t group) {
+    logger.log(info::level::debug, "Reading the allocation group free list.");
+    const std::uint64_t inGroup = agfl::sector * sectorSize;
+    logger.log(info::level::debug, "agfl addr = %lu, len = %lu", std::uint64_t{group} * agBlocks + inGroup,
+               agfl::size);
+    std::vector<std::uint8_t> bytes(hasCrc() ? agfl::crcSize : agfl::size);
+    const std::uint64_t address = groupAddress(group) + inGroup + (hasCrc() ? agfl::crcHeader : 0);
+    if (!FSUtil::readExactly(logger, reader, sectorSize, address, bytes.data(), bytes.size())) {
+        throw WalkFailed();
+    }
+    std::vector<std::uint32_t> blocks;
+    for (std::size_t offset = 0; offset < bytes.size(); offset += sizeof(std::uint32_t)) {
+        blocks.push_back(bigEndian<std::uint32_t>(bytes, offset));
+    }
+    return blocks;
+}
+
+/// A list that wraps around marks nothing. With sectors larger than 512 bytes the list on disk has more
+/// entries than are read: blocks that are listed there stay used.
+void XFSParserImpl::markFreeList(XFSUsedMap& map, std::uint32_t group, const FreeSpaceInfo& info) {
+    const std::vector<std::uint32_t> blocks = readFreeList(group);
+    logger.log(info::level::debug, "Marking free list");
+    const std::uint64_t end = std::min<std::uint64_t>(std::uint64_t{info.listLast} + 1, blocks.size());
+    if (info.listFirst == 0 && end == blocks.size() && info.listCount == 0) {
+        return; // emptied with its last entry: full of blocks that are in use now
+    }
+    for (std::uint64_t index = info.listFirst; index < end; ++index) {
+        logger.log(info::level::debug, "%u: %u -> %u", group, blocks[index], 1U);
+        markFree(map, group, blocks[index], 1);
+    }
+}
+
+/// Each level is read once, along its chain of siblings from the leftmost child of the level above.
+void XFSParserImpl::markTree(XFSUsedMap& map, std::uint32_t group, std::uint32_t root) {
+    XFSNodeReader nodes(logger, reader, sectorSize, {blockSize, agBlocks, group}, traces);
+    const XFSBTreeNode top = nodes.read(root);
+    markRecords(map, group, top);
+    std::uint32_t leftmost = top.isLeaf() ? node::none : top.children.front();
+    for (std::uint32_t level = top.level; level-- > 0;) {
+        leftmost = markLevel(map, group, nodes, {leftmost, level});
+    }
+}
+
+/// Returns the leftmost child of the leftmost node, if it has any.
+std::uint32_t XFSParserImpl::markLevel(XFSUsedMap& map, std::uint32_t group, XFSNodeReader& nodes,
+                                       Level level) {
+    LoopWatch watch(level.leftmost);
+    std::uint32_t leftmostChild = node::none;
+    std::uint32_t block = level.leftmost;
+    do {
+        const XFSBTreeNode current = nodes.read(block);
+        if (current.level != level.number) {
+            throw std::runtime_error("XFS: Invalid level in btree node.");
+        }
+        markRecords(map, group, current);
+        if (block == level.leftmost && !current.isLeaf()) {
+            leftmostChild = current.children.front();
+        }
+        block = current.rightSib;
+        if (watch.comesBack(block)) {
+            throw std::runtime_error("XFS: The siblings of a btree node form a loop.");
+        }
+    } while (block != node::none);
+    return leftmostChild;
+}
+
+void XFSParserImpl::markRecords(XFSUsedMap& map, std::uint32_t group, const XFSBTreeNode& node) {
+    if (!node.isLeaf()) {
+        return; // these are keys, of records that stand in the leaves
+    }
+    for (const XFSBTreeNode::Record& record : node.records) {
+        if (traces) {
+            logger.log(info::level::debug, "%u: %u -> %u", group, record.startBlock, record.blockCount);
+        }
+        markFree(map, group, record.startBlock, record.blockCount);
+    }
+}
+
+void XFSParserImpl::markFree(XFSUsedMap& map, std::uint32_t group, std::uint32_t agBlock,
+                             std::uint32_t blocks) const {
+    if (std::uint64_t{agBlock} + blocks > groupBlocks(group)) {
+        throw std::runtime_error("XFS: Free blocks outside of their allocation group.");
+    }
+    map.markFree(std::uint64_t{group} * agBlocks + agBlock, blocks);
+}
+
+/// The last group may be shorter than the others.
+std::uint64_t XFSParserImpl::groupBlocks(std::uint32_t group) const {
+    const std::uint64_t first = std::uint64_t{group} * agBlocks;
+    return first < totalBlocks ? std::min<std::uint64_t>(agBlocks, totalBlocks - first) : 0;
+}
+
+} // namespace agent::core::fs

@@ -1,0 +1,68 @@
+#pragma once
+
+#include "core/fs/IVolumeReader.h"
+#include "info/log/Logger.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+namespace agent::core::fs {
+
+class XFSNodeReader;
+class XFSUsedMap;
+
+/// What XFSParser does. docs/formats/xfs.md tells what is read, and what comes of it for a backup.
+class XFSParserImpl {
+public:
+    class XFSBTreeNode;
+
+    XFSParserImpl(info::Logger& logger, IVolumeReader& reader, std::uint32_t sectorSize);
+
+    bool recognize();
+    std::int64_t getBitmapChunk(std::uint64_t startBlock, std::uint8_t* buffer, std::size_t bufferBytes);
+
+private:
+    /// Free-space information of an allocation group.
+    struct FreeSpaceInfo {
+        std::uint32_t root; ///< of the tree of free extents, a block of the group
+        std::uint32_t listFirst;
+        std::uint32_t listLast;
+        std::uint32_t listCount;
+    };
+
+    /// A level of the tree, and the block of the group where it begins.
+    struct Level {
+        std::uint32_t leftmost;
+        std::uint32_t number;
+    };
+
+    [[nodiscard]] const char* objection() const;
+    [[nodiscard]] bool hasCrc() const;
+    [[nodiscard]] std::uint64_t groupAddress(std::uint32_t group) const;
+
+    void markFreeBlocks(XFSUsedMap& map);
+    void markGroup(XFSUsedMap& map, std::uint32_t group);
+    FreeSpaceInfo readFreeSpaceInfo(std::uint32_t group);
+    std::vector<std::uint32_t> readFreeList(std::uint32_t group);
+    void markFreeList(XFSUsedMap& map, std::uint32_t group, const FreeSpaceInfo& info);
+    void markTree(XFSUsedMap& map, std::uint32_t group, std::uint32_t root);
+    std::uint32_t markLevel(XFSUsedMap& map, std::uint32_t group, XFSNodeReader& nodes, Level level);
+    void markRecords(XFSUsedMap& map, std::uint32_t group, const XFSBTreeNode& node);
+    void markFree(XFSUsedMap& map, std::uint32_t group, std::uint32_t agBlock, std::uint32_t blocks) const;
+    [[nodiscard]] std::uint64_t groupBlocks(std::uint32_t group) const;
+
+    info::Logger& logger;
+    IVolumeReader& reader;
+    std::uint32_t sectorSize;
+    bool traces = false; // debug lines reach somebody; asked once a chunk, for there may be millions
+
+    std::uint32_t magic = 0;
+    std::uint32_t blockSize = 0;
+    std::uint64_t totalBlocks = 0;
+    std::uint32_t agBlocks = 0;
+    std::uint32_t agCount = 0;
+    std::uint16_t version = 0;
+};
+
+} // namespace agent::core::fs

@@ -1,0 +1,73 @@
+#pragma once
+
+#include "core/block/IBlockRangeProvider.h"
+
+#include <cstddef>
+#include <stdexcept>
+#include <utility>
+#include <vector>
+
+namespace agent::test {
+
+/// A provider of ranges that are given to it, which can be told to fail.
+class FixedRanges : public core::block::IBlockRangeProvider {
+public:
+    static constexpr std::size_t never = ~std::size_t{0};
+
+    /// Reading the range with the index `failAt` throws an int, which is no std::exception.
+    explicit FixedRanges(std::vector<BlockRange> ranges, std::size_t failAt = never)
+        : ranges(std::move(ranges)), failAt(failAt) {}
+
+    class Position {
+    public:
+        Position(const FixedRanges& provider, std::size_t index) : provider(&provider), index(index) {}
+        const BlockRange& operator*() const {
+            if (index == provider->failAt) {
+                throw 1; // NOLINT(hicpp-exception-baseclass): that is what is tried
+            }
+            if (index == provider->ranges.size()) {
+                core::block::throwPastTheEnd(provider->name());
+            }
+            return provider->ranges[index];
+        }
+        Position& operator++() {
+            ++index;
+            return *this;
+        }
+        bool operator==(const Position&) const = default;
+
+    private:
+        const FixedRanges* provider;
+        std::size_t index;
+    };
+
+    [[nodiscard]] core::block::BlockRangeIterator begin() const override {
+        return core::block::handleOf(Position(*this, 0));
+    }
+    [[nodiscard]] core::block::BlockRangeIterator end() const override {
+        return core::block::handleOf(Position(*this, ranges.size()));
+    }
+    [[nodiscard]] std::uint64_t size() const override {
+        std::uint64_t blocks = 0;
+        for (const BlockRange& range : ranges) {
+            blocks += range.length;
+        }
+        return blocks;
+    }
+    [[nodiscard]] std::string name() const override { return "Fixed Ranges"; }
+
+private:
+    std::vector<BlockRange> ranges;
+    std::size_t failAt;
+};
+
+/// All that a provider gives.
+inline std::vector<BlockRange> allOf(const core::block::IBlockRangeProvider& provider) {
+    std::vector<BlockRange> ranges;
+    for (const BlockRange& range : provider) {
+        ranges.push_back(range);
+    }
+    return ranges;
+}
+
+} // namespace agent::test

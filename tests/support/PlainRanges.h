@@ -1,0 +1,91 @@
+#pragma once
+
+#include "core/block/BlockRange.h"
+
+#include <cstdint>
+#include <ostream>
+#include <vector>
+
+namespace agent {
+
+/// How GoogleTest shows a range.
+inline void PrintTo(const BlockRange& range, std::ostream* out) {
+    *out << range.start << "+" << range.length;
+}
+
+} // namespace agent
+
+/// What finding, merging and cutting ranges mean, one block at a time: slow, and plain enough to be trusted.
+namespace agent::test {
+
+/// The runs of true in `count` answers.
+template <typename Predicate>
+std::vector<BlockRange> plainRuns(std::uint64_t count, Predicate wanted) {
+    std::vector<BlockRange> runs;
+    for (std::uint64_t block = 0; block < count; ++block) {
+        if (!wanted(block)) {
+            continue;
+        }
+        if (!runs.empty() && runs.back().end() == block) {
+            ++runs.back().length;
+        } else {
+            runs.push_back({block, 1});
+        }
+    }
+    return runs;
+}
+
+inline bool plainBit(const std::uint8_t* bitmap, std::uint64_t index, bool msbFirst) {
+    const std::uint64_t shift = msbFirst ? 7 - index % 8 : index % 8;
+    return (bitmap[index / 8] >> shift & 1U) != 0;
+}
+
+/// The runs of bits of one value in a bitmap.
+inline std::vector<BlockRange> plainBitRanges(const std::uint8_t* bitmap, std::uint64_t bits,
+                                              bool targetValue, bool msbFirst) {
+    return plainRuns(bits, [&](std::uint64_t bit) { return plainBit(bitmap, bit, msbFirst) == targetValue; });
+}
+
+/// What is left of `totalBlocks` blocks. A range whose end has wrapped excludes nothing; an empty one only
+/// ends a range and starts the next one.
+inline std::vector<BlockRange> plainIncluded(const std::vector<BlockRange>& exclusions,
+                                             std::uint64_t totalBlocks) {
+    std::vector<bool> excluded(totalBlocks);
+    std::vector<bool> divided(totalBlocks);
+    for (const BlockRange& range : exclusions) {
+        for (std::uint64_t block = range.start; block < range.end() && block < totalBlocks; ++block) {
+            excluded[block] = true;
+        }
+        if (range.empty() && range.start < totalBlocks) {
+            divided[range.start] = true;
+        }
+    }
+    std::vector<BlockRange> included;
+    for (std::uint64_t block = 0; block < totalBlocks; ++block) {
+        if (excluded[block]) {
+            continue;
+        }
+        if (!included.empty() && included.back().end() == block && !divided[block]) {
+            ++included.back().length;
+        } else {
+            included.push_back({block, 1});
+        }
+    }
+    return included;
+}
+
+/// Each range from its start on in pieces of at most `most` blocks.
+inline std::vector<BlockRange> plainChunks(const std::vector<BlockRange>& ranges, std::uint64_t most) {
+    std::vector<BlockRange> chunks;
+    for (const BlockRange& range : ranges) {
+        for (std::uint64_t block = 0; block < range.length; ++block) {
+            if (block % most == 0) {
+                chunks.push_back({range.start + block, 0});
+            }
+            ++chunks.back().length;
+        }
+    }
+    return chunks;
+}
+
+} // namespace agent::test
