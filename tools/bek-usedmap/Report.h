@@ -1,0 +1,27 @@
+#pragma once
+
+#include "UsedRanges.h"
+
+#include <cstdint>
+#include <iosfwd>
+#include <string>
+
+namespace usedmap {
+
+/// What is to be printed of a volume.
+struct Report {
+    std::string device;
+    std::uint64_t deviceBytes = 0;
+    std::uint32_t blockSize = 0;
+    double seconds = 0; ///< that the map took
+    UsedRanges used;
+};
+
+/// One range a line: first block, and number of blocks.
+void printRanges(std::ostream& out, const Report& report);
+/// A few lines for people.
+void printSummary(std::ostream& out, const Report& report);
+/// An object in one line; its member "ranges" only if asked for.
+void printJson(std::ostream& out, const Report& report, bool withRanges);
+
+} // namespace usedmap

@@ -1,0 +1,24 @@
+#pragma once
+
+#include "core/block/BlockRange.h"
+#include "core/fs/IVolumeDevice.h"
+#include "info/log/Logger.h"
+
+#include <cstdint>
+#include <vector>
+
+namespace usedmap {
+
+/// Which blocks of a volume are used, as a backup of it would find them.
+struct UsedRanges {
+    std::vector<agent::BlockRange> ranges; ///< ascending; those that touch are one
+    std::uint64_t usedBlocks = 0;
+    std::uint64_t knownBlocks = 0; ///< the blocks that the file system tells of, from block 0 on
+};
+
+/// Reads the map in chunks of `bufferBytes`. Throws std::runtime_error if the file system is of no known
+/// kind, or if its map can't be read.
+UsedRanges findUsedRanges(agent::info::Logger& logger, agent::core::IVolumeDevice& device,
+                          std::uint32_t sectorSize, std::size_t bufferBytes);
+
+} // namespace usedmap

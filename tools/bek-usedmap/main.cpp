@@ -1,0 +1,130 @@
+#include "BlockSize.h"
+#include "Report.h"
+#include "UsedRanges.h"
+#include "core/backup/VolumeReader.h"
+#include "info/log/Logger.h"
+
+#include <CLI/CLI.hpp>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <iostream>
+#include <stdexcept>
+
+namespace usedmap {
+namespace {
+
+constexpr std::size_t mebibyte = 1024UL * 1024;
+
+constexpr const char* description =
+    R"(bek-usedmap - print which blocks of a volume are used
+
+Reads the allocation structures of DEVICE, a block device or an image in a file, exactly as a backup does, and
+prints the ranges of blocks that a FULL backup would copy: one a line, first block and number of blocks. The
+device is only read, past the page cache. The map is that of the disk: unmount the volume or freeze it
+(fsfreeze) first, or look at a snapshot.
+
+File systems: ext2, ext3, ext4, XFS.
+
+Exit status: 0; 1 if the volume can't be read or is of an unknown kind; 2 if the command is wrong.
+
+Example: bek-usedmap --summary /dev/sda1)";
+
+struct Options {
+    std::string device;
+    bool json = false;
+    bool summary = false;
+    bool verbose = false;
+    std::size_t bufferMebibytes = 40;
+    std::uint32_t sectorSize = 0; ///< 0 for the device's own
+};
+
+void declare(CLI::App& app, Options& options) {
+    app.name("bek-usedmap");
+    app.add_option("DEVICE", options.device, "block device or image")->required();
+    app.add_flag("--json", options.json, "print one JSON object instead of lines");
+    app.add_flag("--summary", options.summary, "print bytes used, ranges and seconds instead of the ranges");
+    app.add_flag("--verbose", options.verbose, "show on standard error what is read");
+    app.add_option("--buffer", options.bufferMebibytes, "read the map in pieces of this many MiB")
+        ->check(CLI::Range(1, 1024))
+        ->capture_default_str();
+    app.add_option("--sector-size", options.sectorSize,
+                   "the device's sector size in bytes, if not its own word")
+        ->check(CLI::IsMember({512, 1024, 2048, 4096}));
+}
+
+agent::info::Logger standardError(bool verbose) {
+    const int threshold = verbose ? agent::info::level::debug : agent::info::level::error;
+    return agent::info::Logger(
+        [threshold](const std::string& message, int level, agent::info::LogTime /*time*/) {
+            if (level <= threshold) {
+                std::cerr << "bek-usedmap: " << message;
+            }
+        },
+        [threshold](int level) { return level <= threshold; });
+}
+
+Report examine(const Options& options, agent::info::Logger& logger) {
+    agent::core::backup::VolumeReader device(logger, options.device);
+    if (!device.open()) {
+        throw std::runtime_error("the device can't be opened");
+    }
+    const std::uint32_t sectorSize = options.sectorSize != 0 ? options.sectorSize : sectorSizeOf(device);
+    Report report;
+    report.device = options.device;
+    report.deviceBytes = device.getSize();
+    report.blockSize = blockSizeOf(logger, device, sectorSize);
+    const auto begin = std::chrono::steady_clock::now();
+    report.used = findUsedRanges(logger, device, sectorSize, options.bufferMebibytes * mebibyte);
+    report.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
+    return report;
+}
+
+void print(const Options& options, const Report& report) {
+    if (options.json) {
+        printJson(std::cout, report, !options.summary);
+    } else if (options.summary) {
+        printSummary(std::cout, report);
+    } else {
+        printRanges(std::cout, report);
+    }
+    if (!std::cout.flush()) {
+        throw std::runtime_error("standard output can't be written");
+    }
+}
+
+int run(const Options& options) {
+    agent::info::Logger logger = standardError(options.verbose);
+    try {
+        print(options, examine(options, logger));
+        return EXIT_SUCCESS;
+    } catch (const std::exception& error) {
+        std::cerr << "bek-usedmap: " << options.device << ": " << error.what() << '\n';
+        return EXIT_FAILURE;
+    }
+}
+
+int runCommand(int argumentCount, char** arguments) {
+    constexpr int wrongUsage = 2;
+    CLI::App app(description);
+    Options options;
+    declare(app, options);
+    try {
+        app.parse(argumentCount, arguments);
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? EXIT_SUCCESS : wrongUsage;
+    }
+    return run(options);
+}
+
+} // namespace
+} // namespace usedmap
+
+int main(int argumentCount, char** arguments) {
+    try {
+        return usedmap::runCommand(argumentCount, arguments);
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "bek-usedmap: %s\n", error.what());
+        return EXIT_FAILURE;
+    }
+}
