@@ -1,0 +1,42 @@
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <mutex>
+#include <optional>
+#include <utility>
+
+namespace agent::info {
+
+/// Keeps one value for a while, and has it made anew by the first who asks after that.
+/// Owns:    the value.
+/// Threads: safe from any; who asks while the value is being made waits for it.
+/// Fails:   with what the making of the value throws; the next who asks tries again.
+template <typename T>
+class SimpleCache {
+public:
+    using Clock = std::chrono::steady_clock;
+
+    SimpleCache(Clock::duration lifetime, std::function<T()> refresh,
+                std::function<Clock::time_point()> now = &Clock::now)
+        : lifetime(lifetime), refresh(std::move(refresh)), now(std::move(now)) {}
+
+    [[nodiscard]] T get() {
+        const std::lock_guard lock(mutex);
+        if (!expiry || now() >= *expiry) {
+            value = refresh();
+            expiry = now() + lifetime;
+        }
+        return value;
+    }
+
+private:
+    const Clock::duration lifetime;
+    const std::function<T()> refresh;
+    const std::function<Clock::time_point()> now;
+    std::mutex mutex;
+    std::optional<Clock::time_point> expiry; // guarded by mutex
+    T value{};                               // guarded by mutex
+};
+
+} // namespace agent::info

@@ -1,0 +1,52 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace agent::info {
+
+struct KernelVersion {
+    int major = 0;
+    int minor = 0;
+    int build = 0;
+    bool operator==(const KernelVersion&) const = default;
+};
+
+/// What the machine's firmware tells of it, each the name of a file below /sys/class/dmi/id.
+namespace smbios {
+inline constexpr const char* serial = "product_serial";
+inline constexpr const char* name = "product_name";
+inline constexpr const char* uuid = "product_uuid";
+inline constexpr const char* vendor = "sys_vendor";
+} // namespace smbios
+
+/// Plain facts of the machine, asked of the operating system each time.
+/// Owns:    nothing.
+/// Threads: safe from any.
+/// Fails:   std::runtime_error for a fact that can't be had.
+class SystemInfoProvider {
+public:
+    SystemInfoProvider() = default;
+    SystemInfoProvider(const SystemInfoProvider&) = delete;
+    SystemInfoProvider& operator=(const SystemInfoProvider&) = delete;
+    virtual ~SystemInfoProvider() = default;
+
+    /// Name and version.
+    [[nodiscard]] virtual std::string getOSVersion() const;
+    /// The parts of the release that are no numbers count as 0.
+    [[nodiscard]] virtual KernelVersion getKernelVersion() const;
+    [[nodiscard]] virtual std::string getArchitecture() const;
+    [[nodiscard]] virtual int getArchitectureBits() const;
+    /// The processors online.
+    [[nodiscard]] virtual long getCPUCount() const;
+    /// In bytes.
+    [[nodiscard]] virtual std::uint64_t getTotalRAM() const;
+    [[nodiscard]] virtual std::uint64_t getFreeRAM() const;
+    [[nodiscard]] virtual std::string getHostName() const;
+    /// In seconds.
+    [[nodiscard]] virtual std::int64_t getUptime() const;
+    /// `value` is one of those in the namespace smbios.
+    [[nodiscard]] virtual std::string getSMBIOSValue(const std::string& value) const;
+};
+
+} // namespace agent::info

@@ -1,0 +1,18 @@
+#pragma once
+
+#include "info/IVSSWriterDetailsProvider.h"
+#include "info/SimpleCache.h"
+
+namespace agent::core::backup {
+
+/// There are no such applications on Linux; quiesce scripts are there instead. See IVSSWriterDetailsProvider.
+class VSSWriterDetailsProvider : public IVSSWriterDetailsProvider {
+public:
+    VSSWriterDetailsProvider();
+    [[nodiscard]] std::vector<VSSWriterDetails> getWriters() override;
+
+private:
+    info::SimpleCache<std::vector<VSSWriterDetails>> writers;
+};
+
+} // namespace agent::core::backup

@@ -1,0 +1,93 @@
+#include "ordak/Host.h"
+
+#include "ordak/HostFact.h"
+#include "ordak/OrdakAdapter.h"
+
+#include <utility>
+
+namespace agent::ordak {
+
+using nlohmann::json;
+
+Host::Host(info::Logger& logger, const info::SystemInfoProvider& systemInfo,
+           const IDriverInfoProvider& driverInfo, info::VolumeProvider& volumeProvider, core::IEngine& engine,
+           IVSSWriterDetailsProvider& writersProvider, std::string agentVersion)
+    : logger(logger),
+      systemInfo(systemInfo),
+      driverInfo(driverInfo),
+      volumeProvider(volumeProvider),
+      engine(engine),
+      writersProvider(writersProvider),
+      agentVersion(std::move(agentVersion)) {}
+
+APIResponse Host::operator()(const std::string& /*body*/) {
+    json host;
+    addSystem(host);
+    host["agentVersion"] = agentVersion;
+    host["driverVersion"] = hostFact(logger, [&] { return driverInfo.getDriverVersion(); });
+    addFirmware(host);
+    host["scriptsPrePost"] =
+        hostFact(logger, [&] { return OrdakAdapter::scripts(engine.getQuiesceScripts()); });
+    addWriters(host);
+    host["volumes"] = describeVolumes();
+    return makeJsonResponse(host, 200);
+}
+
+void Host::addSystem(json& host) const {
+    host["kernel"] = OrdakAdapter::kernel();
+    host["os"] = hostFact(logger, [&] { return systemInfo.getOSVersion(); });
+    host["os_arch"] = hostFact(logger, [&] { return systemInfo.getArchitecture(); });
+    host["os_version"] = OrdakAdapter::kernelVersion(kernelVersion());
+    host["hostname"] = hostFact(logger, [&] { return systemInfo.getHostName(); });
+    host["archBits"] = hostFact(logger, [&] { return systemInfo.getArchitectureBits(); });
+    host["cpus"] = hostFact(logger, [&] { return systemInfo.getCPUCount(); });
+    host["uptime"] = hostFact(logger, [&] { return systemInfo.getUptime(); });
+    host["ram"] = hostFact(logger, [&] { return systemInfo.getTotalRAM(); });
+    host["freeram"] = hostFact(logger, [&] { return systemInfo.getFreeRAM(); });
+}
+
+void Host::addFirmware(json& host) const {
+    const auto value = [&](const char* name) {
+        return hostFact(logger, [&] { return systemInfo.getSMBIOSValue(name); });
+    };
+    host["smbiosID"] = value(info::smbios::serial);
+    host["smbiosName"] = value(info::smbios::name);
+    host["smbiosUUID"] = value(info::smbios::uuid);
+    host["smbiosVendor"] = value(info::smbios::vendor);
+}
+
+/// The appliance can do without.
+void Host::addWriters(json& host) const {
+    try {
+        host["VSSWriters"] = OrdakAdapter::writers(writersProvider.getWriters());
+    } catch (const std::exception& error) {
+        logger.log(info::level::info, "Failed to retreive VSS writers info: %s", error.what());
+    }
+}
+
+/// All 0 where the kernel doesn't tell.
+info::KernelVersion Host::kernelVersion() const {
+    try {
+        return systemInfo.getKernelVersion();
+    } catch (const std::exception& error) {
+        info::LogEntry(logger, info::level::error) << error.what();
+        return {};
+    }
+}
+
+/// Swap space is never mounted, and what isn't mounted has nobody to ask.
+json Host::spaceFree(const info::BackupableVolume& volume) const {
+    return volume.isMounted() ? hostFact(logger, [&] { return volume.getSpaceFree(); }) : json(0);
+}
+
+json Host::describeVolumes() const {
+    json volumes = json::array();
+    for (const auto& volume : volumeProvider.getBackupableVolumes()) {
+        json described = OrdakAdapter::volume(*volume);
+        described["spaceFree"] = spaceFree(*volume);
+        volumes.push_back(std::move(described));
+    }
+    return volumes;
+}
+
+} // namespace agent::ordak

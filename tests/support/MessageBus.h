@@ -1,0 +1,50 @@
+#pragma once
+
+#include "core/script/UnixCommandStream.h"
+#include "support/TestDirectory.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <cstdlib>
+#include <stdexcept>
+#include <string>
+
+namespace agent::test {
+
+inline const std::string busSocket = "/run/test-bus";
+inline const std::string busAddress = "unix:path=" + busSocket;
+
+/// Says where the system's bus is, for the whole program and before any test: libraries look only once. The
+/// tests have a bus there or not.
+class BusAddress : public testing::Environment {
+public:
+    void SetUp() override { ::setenv("DBUS_SYSTEM_BUS_ADDRESS", busAddress.c_str(), 1); }
+};
+
+/// A real message bus that lets everybody do everything, and starts no service by itself.
+class MessageBus {
+public:
+    MessageBus() : daemon(command(directory / "bus.conf"), "", true) {
+        std::int64_t remaining = 20'000'000;
+        std::string address; // printed once the bus listens
+        if (!daemon.waitForOutput(remaining) || !daemon.readAvailable(address) ||
+            !address.starts_with(busAddress)) {
+            throw std::runtime_error("dbus-daemon: " + address);
+        }
+    }
+
+private:
+    static std::string command(const std::string& configuration) {
+        writeFile(configuration,
+                  "<busconfig><type>system</type><auth>EXTERNAL</auth><listen>" + busAddress +
+                      "</listen><policy context='default'><allow own='*'/><allow eavesdrop='true'/>"
+                      "<allow send_destination='*'/></policy></busconfig>");
+        return "exec dbus-daemon --nofork --nopidfile --print-address --config-file=" + configuration;
+    }
+
+    TestDirectory directory;
+    core::script::UnixCommandStream daemon;
+};
+
+} // namespace agent::test
