@@ -1,0 +1,80 @@
+#include "info/DriverFile.h"
+
+#include <cerrno>
+#include <fcntl.h>
+#include <unistd.h>
+#include <utility>
+
+namespace agent::info {
+
+namespace {
+
+constexpr mode_t ownerOnly = 0600;
+
+int flagsOf(DriverFile::Access access) {
+    constexpr int common = O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;
+    switch (access) {
+    case DriverFile::Access::read:
+        return common | O_RDONLY;
+    case DriverFile::Access::update:
+        return common | O_RDWR;
+    case DriverFile::Access::replace:
+        return common | O_WRONLY | O_CREAT | O_TRUNC;
+    }
+    return common;
+}
+
+bool fail(int error) {
+    errno = error;
+    return false;
+}
+
+} // namespace
+
+DriverFile::DriverFile(std::string path, Access access)
+    : location(std::move(path)), descriptor(::open(location.c_str(), flagsOf(access), ownerOnly)) {}
+
+bool DriverFile::seek(std::uint64_t position) {
+    return ::lseek(descriptor.get(), static_cast<off_t>(position), SEEK_SET) >= 0;
+}
+
+std::optional<std::uint64_t> DriverFile::seekToEnd() {
+    const off_t end = ::lseek(descriptor.get(), 0, SEEK_END);
+    return end < 0 ? std::nullopt : std::optional(static_cast<std::uint64_t>(end));
+}
+
+bool DriverFile::read(std::span<std::byte> buffer) {
+    while (!buffer.empty()) {
+        const ssize_t count = ::read(descriptor.get(), buffer.data(), buffer.size());
+        if (count == 0) {
+            return fail(ENODATA);
+        }
+        if (count > 0) {
+            buffer = buffer.subspan(static_cast<std::size_t>(count));
+        } else if (errno != EINTR) {
+            return false;
+        }
+    }
+    return true;
+}
+
+bool DriverFile::write(std::span<const std::byte> buffer) {
+    while (!buffer.empty()) {
+        const ssize_t count = ::write(descriptor.get(), buffer.data(), buffer.size());
+        if (count == 0) {
+            return fail(EIO);
+        }
+        if (count > 0) {
+            buffer = buffer.subspan(static_cast<std::size_t>(count));
+        } else if (errno != EINTR) {
+            return false;
+        }
+    }
+    return true;
+}
+
+bool DriverFile::sync() {
+    return ::fsync(descriptor.get()) == 0;
+}
+
+} // namespace agent::info

@@ -1,0 +1,243 @@
+#include "common/File.h"
+#include "common/Path.h"
+#include "common/PosixError.h"
+#include "info/BackupableVolume.h"
+#include "info/CowFormat.h"
+#include "info/DriverController.h"
+#include "info/DriverFile.h"
+#include "info/log/Logger.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstddef>
+#include <cstdio>
+#include <span>
+#include <utility>
+#include <vector>
+
+namespace agent::info {
+
+namespace {
+
+using Access = DriverFile::Access;
+
+constexpr const char* historyName = ".tolvu.inc";
+
+/// A stretch of a table in memory. Tables of large volumes have hundreds of megabytes; no more than this is
+/// held of one at a time.
+class TablePiece {
+public:
+    static constexpr std::uint64_t largest = std::uint64_t{8} << 20U;
+
+    std::span<std::byte> bytes(std::uint64_t length) {
+        return std::as_writable_bytes(std::span(entries)).first(length);
+    }
+    void clear() { std::fill(entries.begin(), entries.end(), 0); }
+    /// Words are only ORed, so the machine's byte order makes no difference.
+    void merge(const TablePiece& other, std::uint64_t length) {
+        for (std::size_t index = 0; index < length / cow::entrySize; ++index) {
+            entries[index] |= other.entries[index];
+        }
+    }
+
+private:
+    std::vector<std::uint64_t> entries = std::vector<std::uint64_t>(largest / cow::entrySize);
+};
+
+bool fail(Logger& logger, const std::string& what) {
+    const int reason = errno;
+    LogEntry(logger, level::error) << what << PosixError::describe(reason);
+    return false;
+}
+
+bool fail(Logger& logger, const std::string& what, const DriverFile& file) {
+    return fail(logger, what + file.path() + ": ");
+}
+
+bool failWithout(Logger& logger, const std::string& what) {
+    LogEntry(logger, level::error) << what;
+    return false;
+}
+
+/// Writes the incremental history from a CoW file.
+class HistoryCopy {
+public:
+    HistoryCopy(Logger& logger, DriverFile source, DriverFile history)
+        : logger(logger), source(std::move(source)), history(std::move(history)) {}
+
+    /// The next driver's record begins when this has returned: the history must not be lost with the power.
+    bool run(std::uint64_t tableSize, bool zeroFill) {
+        if (!copy(cow::tableOffset)) {
+            return false;
+        }
+        piece.clear();
+        for (std::uint64_t done = 0; done < tableSize;) {
+            const std::uint64_t length = std::min(tableSize - done, TablePiece::largest);
+            if (!(zeroFill ? write(length) : copy(length))) {
+                return false;
+            }
+            done += length;
+        }
+        return history.sync() || failToWrite();
+    }
+
+private:
+    bool copy(std::uint64_t length) {
+        if (!source.read(piece.bytes(length))) {
+            return fail(logger, "Unable to read from incremental file ", source);
+        }
+        return write(length);
+    }
+
+    bool write(std::uint64_t length) { return history.write(piece.bytes(length)) || failToWrite(); }
+
+    bool failToWrite() { return fail(logger, "Unable to write to incremental history file ", history); }
+
+    Logger& logger;
+    DriverFile source;
+    DriverFile history;
+    TablePiece piece;
+};
+
+/// Adds the incremental history to a CoW file.
+class HistoryMerge {
+public:
+    HistoryMerge(Logger& logger, DriverFile history, DriverFile incremental)
+        : logger(logger), history(std::move(history)), incremental(std::move(incremental)) {}
+
+    bool run(std::uint64_t tableSize) {
+        // The two texts name each other's file; whoever reads logs of this agent knows them so.
+        if (!history.seek(cow::tableOffset)) {
+            return fail(logger, "Cannot seek past header in incremental file: ");
+        }
+        if (!incremental.seek(cow::tableOffset)) {
+            return fail(logger, "Cannot seek past header in incremental history file: ");
+        }
+        const std::uint64_t end = cow::tableOffset + tableSize;
+        for (std::uint64_t position = cow::tableOffset; position < end;) {
+            const std::uint64_t length = std::min(end - position, TablePiece::largest);
+            if (!merge(position, length)) {
+                return false;
+            }
+            position += length;
+        }
+        return true;
+    }
+
+private:
+    bool merge(std::uint64_t position, std::uint64_t length) {
+        if (!history.read(owed.bytes(length))) {
+            return fail(logger, "Unable to read from incremental history file ", history);
+        }
+        if (!incremental.seek(position) || !incremental.read(changed.bytes(length))) {
+            return fail(logger, "Unable to read from incremental file ", incremental);
+        }
+        changed.merge(owed, length);
+        if (!incremental.seek(position) || !incremental.write(changed.bytes(length))) {
+            return fail(logger, "Unable to write merge to incremental file ", incremental);
+        }
+        return true;
+    }
+
+    Logger& logger;
+    DriverFile history;
+    DriverFile incremental;
+    TablePiece owed;
+    TablePiece changed;
+};
+
+std::string withoutMountPoint(const BackupableVolume& volume) {
+    return "Backupable volume for device " + volume.getDevice() + " doesn't have a mountpoint.";
+}
+
+std::string withoutCowFile(const DriverDeviceInfo& device) {
+    return "Unable to make a new cow file name from existing device: " + device.cow_file;
+}
+
+} // namespace
+
+bool DriverController::calculateCowFile(const DriverDeviceInfo& device, std::string& out) {
+    if (device.cow_file.empty()) {
+        return failWithout(logger, "calculate cow file got an empty cow file string.");
+    }
+    out = device.cow_file;
+    if (out.back() == '1') {
+        out.pop_back();
+    } else {
+        out.push_back('1');
+    }
+    return true;
+}
+
+std::string DriverController::getIncrementalHistoryPath(const BackupableVolume& volume) const {
+    const std::vector<std::string>& mountPoints = volume.getMountPoints();
+    return mountPoints.empty() ? std::string() : (Path(mountPoints.front()) / historyName).str();
+}
+
+bool DriverController::hasIncrementalHistory(const BackupableVolume& volume) {
+    const std::string path = getIncrementalHistoryPath(volume);
+    return !path.empty() && file::exists(path);
+}
+
+void DriverController::removeIncrementalHistory(const BackupableVolume& volume) {
+    const std::string path = getIncrementalHistoryPath(volume);
+    if (!path.empty()) {
+        static_cast<void>(std::remove(path.c_str()));
+    }
+}
+
+bool DriverController::makeHistory(const BackupableVolume& volume, bool zeroFill) {
+    const std::string historyPath = getIncrementalHistoryPath(volume);
+    if (historyPath.empty()) {
+        return failWithout(logger, withoutMountPoint(volume));
+    }
+    DriverDeviceInfo device;
+    if (!getDeviceInfo(volume, device)) {
+        return failWithout(logger, "Cannot create incremental history, device does not exist");
+    }
+    std::string name = device.cow_file;
+    if ((!zeroFill && !calculateCowFile(device, name)) || name.empty()) {
+        return failWithout(logger, withoutCowFile(device));
+    }
+    DriverFile source(Path(volume.getMountPoints().front()) / name, Access::read);
+    if (!source) {
+        return fail(logger, "Cannot make history, cannot open incremental file: ");
+    }
+    DriverFile history(historyPath, Access::replace);
+    if (!history) {
+        return fail(logger, "Cannot make history, cannot open incremental history file: ");
+    }
+    return HistoryCopy(logger, std::move(source), std::move(history))
+        .run(cow::tableSize(volume.getSize()), zeroFill);
+}
+
+bool DriverController::rollForward(const BackupableVolume& volume) {
+    const std::string historyPath = getIncrementalHistoryPath(volume);
+    if (historyPath.empty()) {
+        return failWithout(logger, withoutMountPoint(volume));
+    }
+    DriverDeviceInfo device;
+    if (!getDeviceInfo(volume, device)) {
+        return failWithout(logger, "Cannot roll forward, device does not exist");
+    }
+    std::string name;
+    if (!calculateCowFile(device, name)) {
+        return failWithout(logger, withoutCowFile(device));
+    }
+    DriverFile history(historyPath, Access::read);
+    if (!history) {
+        return fail(logger, "Cannot roll forward, cannot open incremental history file ", history);
+    }
+    DriverFile incremental(Path(volume.getMountPoints().front()) / name, Access::update);
+    if (!incremental) {
+        return fail(logger, "Cannot roll forward, cannot open incremental file ", incremental);
+    }
+    if (!HistoryMerge(logger, std::move(history), std::move(incremental))
+             .run(cow::tableSize(volume.getSize()))) {
+        return false;
+    }
+    logger.log(level::debug, "Successfully merged incremental history");
+    return true;
+}
+
+} // namespace agent::info

@@ -1,0 +1,107 @@
+#include "common/BaseDirectories.h"
+#include "common/File.h"
+#include "common/FileDescriptor.h"
+#include "info/BackupableVolume.h"
+#include "info/DriverController.h"
+#include "info/log/Logger.h"
+
+#include <exception>
+#include <fcntl.h>
+#include <stdexcept>
+#include <string_view>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace agent::info {
+
+namespace {
+
+constexpr mode_t scriptMode = 0700;
+
+std::string scriptPath(std::int32_t minor) {
+    const std::string name = "reload_" + std::to_string(minor);
+    return (dir::base() / name).str();
+}
+
+/// The script is run by root's shell: a name from a volume or from the driver must be one plain word there.
+bool isPlainWord(std::string_view text) {
+    constexpr std::string_view plain = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789._/-";
+    return !text.empty() && text.find_first_not_of(plain) == std::string_view::npos;
+}
+
+std::string scriptText(const BackupableVolume& volume, const DriverDeviceInfo& device) {
+    if (!isPlainWord(volume.getUuid()) || !isPlainWord(device.cow_file)) {
+        throw std::runtime_error("A name is not fit for an incremental reload script");
+    }
+    const std::string minor = std::to_string(device.minor);
+    return "#!/bin/sh\n\necho \"Reloading incremental - " + minor +
+           " ...\" > /dev/kmsg\n/usr/bin/tolvuctl reload-incremental /dev/disk/by-uuid/" + volume.getUuid() +
+           " " + device.cow_file + " " + minor + "\n";
+}
+
+void writeScript(const std::string& path, const std::string& text) {
+    const FileDescriptor file(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, scriptMode));
+    if (!file) {
+        throw std::runtime_error("Failed to open handle to incremental reload script");
+    }
+    if (!file::writeAll(file.get(), text)) {
+        ::unlink(path.c_str()); // half a script is worse than none
+        throw std::runtime_error("Failed to write incremental reload script");
+    }
+}
+
+} // namespace
+
+void DriverController::writeReloadScript(const BackupableVolume& volume) {
+    DriverDeviceInfo device;
+    if (!getDeviceInfo(volume, device)) {
+        throw std::runtime_error("Failed to get device minor");
+    }
+    const std::string path = scriptPath(device.minor);
+    writeScript(path, scriptText(volume, device));
+    // A file that was there already has kept its own mode.
+    if (::chmod(path.c_str(), scriptMode) != 0) {
+        throw std::runtime_error("Failed to set permissions on incremental reload script");
+    }
+}
+
+void DriverController::tryWriteReloadScript(const BackupableVolume& volume, std::int32_t minor) {
+    logger.log(level::debug, "writing incremental reload script for dev %s minor %d",
+               volume.getDevice().c_str(), minor);
+    try {
+        writeReloadScript(volume);
+    } catch (const std::exception& error) {
+        logger.log(level::warning, "Exception occurred writing out incremental reload scripts: %s",
+                   error.what());
+    } catch (...) {
+        logger.log(level::warning, "Unexpected error occurred writing incremental reload scripts");
+    }
+}
+
+void DriverController::deleteReloadScript(const BackupableVolume& volume) {
+    DriverDeviceInfo device;
+    if (!getDeviceInfo(volume, device)) {
+        throw std::runtime_error("Failed to get device minor");
+    }
+    deleteReloadScript(device.minor);
+}
+
+void DriverController::deleteReloadScript(std::int32_t minor) {
+    if (::unlink(scriptPath(minor).c_str()) != 0) {
+        throw std::runtime_error("Failed to unlink file");
+    }
+}
+
+void DriverController::tryDeleteReloadScript(const std::function<void()>& deletion) {
+    logger.log(level::debug, "deleting incremental reload script");
+    try {
+        deletion();
+    } catch (const std::exception& error) {
+        logger.log(level::warning, "Failed to remove incremental reload script: %s", error.what());
+    } catch (...) {
+        logger.log(level::error,
+                   "Unexpected error occurred while trying to delete incremental reload script");
+    }
+}
+
+} // namespace agent::info

@@ -1,0 +1,63 @@
+#include "info/DriverStatusFiles.h"
+
+#include "common/FileDescriptor.h"
+#include "common/PosixError.h"
+
+#include <array>
+#include <cerrno>
+#include <cstddef>
+#include <fcntl.h>
+#include <stdexcept>
+#include <tolvubd.h>
+#include <unistd.h>
+
+// The kernel driver's library has no such symbol; its address is then null.
+// NOLINTNEXTLINE(readability-redundant-declaration): the attribute is what this adds
+extern "C" __attribute__((weak)) const tolvubd_status_files* tolvubd_get_status_files();
+
+namespace agent::info {
+
+namespace {
+
+constexpr std::size_t largestStatusFile = std::size_t{64} << 20U;
+
+DriverStatusFiles findStatusFiles() {
+    if (tolvubd_get_status_files != nullptr) {
+        const tolvubd_status_files* files = tolvubd_get_status_files();
+        return {files->info, files->version};
+    }
+    return {"/proc/tolvu-info", "/sys/module/tolvubd/version"};
+}
+
+} // namespace
+
+const DriverStatusFiles& DriverStatusFiles::ofRunningDriver() {
+    static const DriverStatusFiles files = findStatusFiles();
+    return files;
+}
+
+std::optional<std::string> readDriverStatusFile(const std::string& path) {
+    const FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    if (!file) {
+        return std::nullopt;
+    }
+    // Files of /proc have no size, so there is nothing to ask for before reading.
+    std::string content;
+    std::array<char, 65536> buffer{};
+    for (;;) {
+        const ssize_t count = ::read(file.get(), buffer.data(), buffer.size());
+        if (count == 0) {
+            return content;
+        }
+        if (count > 0) {
+            content.append(buffer.data(), static_cast<std::size_t>(count));
+        } else if (errno != EINTR) {
+            throw PosixError("read of \"" + path + "\" failed", errno);
+        }
+        if (content.size() > largestStatusFile) {
+            throw std::runtime_error("\"" + path + "\" is too large");
+        }
+    }
+}
+
+} // namespace agent::info

@@ -1,0 +1,23 @@
+#pragma once
+
+#include "info/BaseController.h"
+
+namespace agent::info {
+
+/// Hands every call on to libtolvubd. The one class that needs the library; see BaseController.
+class TolvubdController : public BaseController {
+public:
+    std::int32_t setup_snapshot(std::uint32_t minor, const char* blockDevice, const char* cowFile,
+                                std::uint64_t cowSizeMiB, std::uint64_t cacheSize) override;
+    std::int32_t reload_snapshot(std::uint32_t minor, const char* blockDevice, const char* cowFile,
+                                 std::uint64_t cacheSize) override;
+    std::int32_t reload_incremental(std::uint32_t minor, const char* blockDevice, const char* cowFile,
+                                    std::uint64_t cacheSize) override;
+    std::int32_t destroy(std::uint32_t minor) override;
+    std::int32_t transition_incremental(std::uint32_t minor) override;
+    std::int32_t transition_snapshot(std::uint32_t minor, const char* cowFile,
+                                     std::uint64_t cowSizeMiB) override;
+    std::int32_t reconfigure(std::uint32_t minor, std::uint64_t cacheSize) override;
+};
+
+} // namespace agent::info
