@@ -1,0 +1,60 @@
+#include "core/backup/MountContext.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <libmount.h>
+#include <new>
+#include <sys/mount.h>
+
+namespace agent::core::backup {
+
+namespace {
+
+/// libmount returns the error of a system call as it is, and one of its own with a minus.
+bool succeeded(int result) {
+    errno = std::abs(result);
+    return result == 0;
+}
+
+/// A helper program that has run counts as a success for libmount, whatever its exit status.
+bool succeeded(libmnt_context* context, int result) {
+    if (result == 0 && mnt_context_get_status(context) != 1) {
+        errno = EIO;
+        return false;
+    }
+    return succeeded(result);
+}
+
+} // namespace
+
+void MountContext::Free::operator()(libmnt_context* context) const noexcept {
+    const int error = errno;
+    mnt_free_context(context);
+    errno = error;
+}
+
+MountContext::MountContext() : context(mnt_new_context()) {
+    if (!context) {
+        throw std::bad_alloc();
+    }
+}
+
+bool MountContext::mountReadOnly(const std::string& device, const std::string& target,
+                                 const std::string& options) {
+    return succeeded(mnt_context_set_options(context.get(), options.c_str())) &&
+           succeeded(mnt_context_set_mflags(context.get(), MS_RDONLY)) &&
+           succeeded(mnt_context_set_source(context.get(), device.c_str())) &&
+           succeeded(mnt_context_set_target(context.get(), target.c_str())) &&
+           succeeded(context.get(), mnt_context_mount(context.get()));
+}
+
+bool MountContext::prepareUmount(const std::string& target) {
+    return succeeded(mnt_context_set_target(context.get(), target.c_str())) &&
+           succeeded(mnt_context_prepare_umount(context.get()));
+}
+
+bool MountContext::umount() {
+    return succeeded(context.get(), mnt_context_umount(context.get()));
+}
+
+} // namespace agent::core::backup

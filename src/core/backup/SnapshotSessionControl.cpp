@@ -1,0 +1,392 @@
+#include "core/backup/SnapshotSessionControl.h"
+
+#include "common/Directory.h"
+#include "common/File.h"
+#include "common/PosixError.h"
+#include "core/backup/IBackupAttributes.h"
+#include "core/backup/MountContext.h"
+#include "core/backup/PrivateDirectory.h"
+#include "core/backup/SnapshotFiles.h"
+#include "info/BackupableVolume.h"
+#include "info/CowFile.h"
+#include "info/DriverController.h"
+#include "info/HumanSize.h"
+#include "info/ICowFileSize.h"
+#include "info/TolvubdController.h"
+
+#include <cerrno>
+#include <mutex>
+#include <stdexcept>
+#include <unistd.h>
+#include <utility>
+
+namespace agent::core::backup {
+
+namespace {
+
+using info::BackupableVolume;
+using info::DriverDeviceInfo;
+using info::LogEntry;
+using info::Logger;
+using info::level::debug;
+using info::level::error;
+using info::level::warning;
+
+using IncrementalStates = std::unordered_map<std::string, bool>;
+
+constexpr int tracking = 2;
+constexpr std::uint64_t bytesPerMiB = 1048576;
+/// What a change record has one entry for, and the size of that entry.
+constexpr std::uint64_t recordUnit = 4096;
+constexpr std::uint64_t recordEntry = 8;
+
+/// The log has the long text, the exception the short one.
+[[noreturn]] void fail(Logger& logger, const std::string& logged, const std::string& thrown) {
+    LogEntry(logger, error) << logged;
+    throw std::runtime_error(thrown);
+}
+
+/// Journals can't be replayed on a snapshot, and an XFS file system has its UUID mounted already.
+std::string mountOptions(const std::string& fileSystem) {
+    if (fileSystem == "xfs") {
+        return "nouuid,norecovery";
+    }
+    return fileSystem == "ext3" || fileSystem == "ext4" ? "norecovery" : "";
+}
+
+/// Some file systems have whatever they like for a UUID: it may not lead out of the directory.
+bool isEntryName(const std::string& name) {
+    return !name.empty() && name != "." && name != ".." && name.find('/') == std::string::npos;
+}
+
+/// The driver's count is taken from a file on the volume.
+std::uint64_t unchangedBlocks(std::uint64_t blocks, std::uint64_t changed) {
+    return changed < blocks ? blocks - changed : 0;
+}
+
+} // namespace
+
+class SnapshotSessionControl::Impl {
+public:
+    Impl(Logger& logger, info::ICowFileSize& cowFileSize, std::unique_ptr<info::IDriverController> driver)
+        : logger(logger), cowFileSize(cowFileSize), driver(std::move(driver)) {}
+
+    VolumeSnapshotInfos startSnapshots(const Volumes& volumes, const IBackupAttributes& attributes);
+    VolumeSnapshotInfos transitionToIncremental(const Volumes& volumes, bool success);
+
+private:
+    void validateDriver();
+    void validateVolume(const BackupableVolume& volume, const IBackupAttributes& attributes);
+    bool hasEnoughFreeSpace(const BackupableVolume& volume);
+    bool hasSnapshotFiles(const BackupableVolume& volume);
+    void checkIncrementalState(const Volumes& volumes, const IBackupAttributes& attributes,
+                               IncrementalStates& states);
+    void startSnapshot(const BackupableVolume& volume, bool hasChangeRecord);
+    bool mountSnapshot(const BackupableVolume& volume, const std::string& snapshotPath);
+    int tryToMount(const BackupableVolume& volume, const std::string& snapshotPath, const Path& target);
+    void unmountAll();
+    void unmount(const std::string& path);
+    void saveHistory(const BackupableVolume& volume, bool success);
+    void endSnapshot(const BackupableVolume& volume, IncrementalStates& states);
+    void removeOldCowFiles(const Volumes& volumes);
+    [[nodiscard]] std::vector<std::string> getSnapshotFiles(const BackupableVolume& volume) const;
+    block::IncrementalBitmapInfo getIncrementalBitmapInfo(const BackupableVolume& volume);
+    VolumeSnapshotInfos buildSnapshotInfo(const Volumes& volumes, IncrementalStates& states);
+
+    Logger& logger;
+    info::ICowFileSize& cowFileSize;
+    std::unique_ptr<info::IDriverController> driver;
+    std::once_flag validateOnce;
+    const Path mountRoot = "/tmp/tolvuMountRoot";
+};
+
+VolumeSnapshotInfos SnapshotSessionControl::Impl::startSnapshots(const Volumes& volumes,
+                                                                 const IBackupAttributes& attributes) {
+    std::call_once(validateOnce, [this] { validateDriver(); });
+    LogEntry(logger, info::level::info) << "Validating snapshot session...";
+    for (const auto& volume : volumes) {
+        validateVolume(*volume, attributes);
+    }
+    IncrementalStates states;
+    checkIncrementalState(volumes, attributes, states);
+    LogEntry(logger, info::level::info) << "Snapshot session successfully validated";
+    unmountAll();
+    for (const auto& volume : volumes) {
+        startSnapshot(*volume, states[volume->getUuid()]);
+    }
+    return buildSnapshotInfo(volumes, states);
+}
+
+void SnapshotSessionControl::Impl::validateDriver() {
+    if (!driver->isDriverVersionSupported()) {
+        fail(logger, "Failed to validate driver!", "Failed to validate driver!");
+    }
+}
+
+void SnapshotSessionControl::Impl::validateVolume(const BackupableVolume& volume,
+                                                  const IBackupAttributes& attributes) {
+    if (!hasEnoughFreeSpace(volume)) {
+        fail(logger,
+             "Volume " + volume.getDisplayName() + " is full, not enough free space to perform a backup",
+             "Cannot backup a full volume");
+    }
+    if (attributes.isIncremental(volume.getUuid()) && !hasSnapshotFiles(volume)) {
+        fail(logger, "Could not properly create snapshot files for volume " + volume.getDisplayName(),
+             "Cannot create snapshot files");
+    }
+}
+
+bool SnapshotSessionControl::Impl::hasEnoughFreeSpace(const BackupableVolume& volume) {
+    const std::uint64_t cowMiB =
+        cowFileSize.getCowFileSizeMiB(logger, volume.getUuid(), volume.getSize(), volume.getFileSystem());
+    const std::uint64_t required =
+        cowMiB * bytesPerMiB + recordEntry + recordEntry * (volume.getSize() / recordUnit);
+    const std::uint64_t available = volume.getSpaceFree();
+    if (available >= required) {
+        return true;
+    }
+    LogEntry(logger, error) << "The required free space for volume " << volume.getUuid() << " is " << required
+                            << " bytes (" << info::formatHumanSize(required) << "), but only " << available
+                            << " bytes (" << info::formatHumanSize(available) << ") is available";
+    return false;
+}
+
+/// A change record without its history fails: nobody could tell whether an earlier backup is owed changes.
+bool SnapshotSessionControl::Impl::hasSnapshotFiles(const BackupableVolume& volume) {
+    block::IncrementalBitmapInfo record;
+    try {
+        record = getIncrementalBitmapInfo(volume);
+    } catch (const std::runtime_error&) {
+        return true; // there is nothing to check
+    }
+    return !file::exists(record.fileName) || driver->hasIncrementalHistory(volume);
+}
+
+void SnapshotSessionControl::Impl::checkIncrementalState(const Volumes& volumes,
+                                                         const IBackupAttributes& attributes,
+                                                         IncrementalStates& states) {
+    for (const auto& volume : volumes) {
+        if (!volume || !attributes.isIncremental(volume->getUuid())) {
+            continue;
+        }
+        const std::string& uuid = volume->getUuid();
+        DriverDeviceInfo device;
+        if (!driver->getDeviceInfo(*volume, device)) {
+            states[uuid] = false;
+            LogEntry(logger, info::level::info) << "Found no incremental mode snapshot for volume " << uuid
+                                                << ", falling back to diff merge.";
+            continue;
+        }
+        states[uuid] = device.state == tracking && device.error == 0;
+        if (!states[uuid]) {
+            LogEntry(logger, warning)
+                << "Device " << uuid << " not in active incremental state, destroying snapshot";
+            if (!driver->destroyDevice(*volume)) {
+                throw std::runtime_error("Could not destroy snapshot for " + uuid);
+            }
+        }
+    }
+}
+
+void SnapshotSessionControl::Impl::startSnapshot(const BackupableVolume& volume, bool hasChangeRecord) {
+    if (!driver->startSnapshot(volume, cowFileSize)) {
+        throw std::runtime_error("Failed to start snapshot!");
+    }
+    if (hasChangeRecord && !driver->rollForward(volume)) {
+        throw std::runtime_error("Failed to roll forward!");
+    }
+    std::string snapshotPath;
+    if (driver->getSnapshotPath(volume, snapshotPath)) {
+        mountSnapshot(volume, snapshotPath);
+    }
+}
+
+bool SnapshotSessionControl::Impl::mountSnapshot(const BackupableVolume& volume,
+                                                 const std::string& snapshotPath) {
+    const Path target = mountRoot / volume.getUuid();
+    const std::string device = snapshotPath + " (" + volume.getDevice() + ")";
+    const int failure = tryToMount(volume, snapshotPath, target);
+    if (failure != 0) {
+        LogEntry(logger, warning) << "Failed to mount device " << device << ", errno: " << failure;
+        return false;
+    }
+    LogEntry(logger, info::level::info) << "Mounted " << device << " onto " << target.str();
+    return true;
+}
+
+/// Returns 0 or the value of `errno`.
+int SnapshotSessionControl::Impl::tryToMount(const BackupableVolume& volume, const std::string& snapshotPath,
+                                             const Path& target) {
+    if (!isEntryName(volume.getUuid())) {
+        return EINVAL;
+    }
+    try {
+        const std::string renamed = private_directory::make(mountRoot);
+        if (!renamed.empty()) {
+            LogEntry(logger, warning) << mountRoot.str() << " was not the agent's, it is now " << renamed;
+        }
+        dir::make(target);
+    } catch (const PosixError& failure) {
+        LogEntry(logger, warning) << failure.what();
+        return failure.code();
+    }
+    MountContext context;
+    return context.mountReadOnly(snapshotPath, target, mountOptions(volume.getFileSystem())) ? 0 : errno;
+}
+
+void SnapshotSessionControl::Impl::unmountAll() {
+    if (!file::exists(mountRoot)) {
+        return;
+    }
+    if (!private_directory::isPrivate(mountRoot)) {
+        LogEntry(logger, warning) << mountRoot.str() << " is not the agent's, nothing in it is unmounted";
+        return;
+    }
+    try {
+        for (const std::string& name : dir::list(mountRoot)) {
+            const std::string path = mountRoot / name;
+            unmount(path);
+            ::rmdir(path.c_str()); // removes an empty directory only, and nothing that is mounted
+        }
+    } catch (const PosixError& failure) {
+        LogEntry(logger, warning) << failure.what();
+    }
+}
+
+void SnapshotSessionControl::Impl::unmount(const std::string& path) {
+    MountContext context;
+    if (!context.prepareUmount(path)) {
+        const int failure = errno;
+        LogEntry(logger, warning) << "Failed to prepare unmount " << path << "(errno: " << failure << ")";
+    } else if (!context.umount()) {
+        const int failure = errno;
+        LogEntry(logger, warning) << "Failed to unmount " << path << "(errno: " << failure << ")";
+    } else {
+        LogEntry(logger, info::level::info) << "Unmounted  " << path;
+    }
+}
+
+VolumeSnapshotInfos SnapshotSessionControl::Impl::transitionToIncremental(const Volumes& volumes,
+                                                                          bool success) {
+    unmountAll();
+    for (const auto& volume : volumes) {
+        saveHistory(*volume, success);
+    }
+    IncrementalStates states;
+    for (const auto& volume : volumes) {
+        endSnapshot(*volume, states);
+    }
+    VolumeSnapshotInfos result = buildSnapshotInfo(volumes, states);
+    removeOldCowFiles(volumes);
+    return result;
+}
+
+void SnapshotSessionControl::Impl::saveHistory(const BackupableVolume& volume, bool success) {
+    driver->makeHistory(volume, success);
+    if (!success && !driver->revertOnFailure(volume)) {
+        LogEntry(logger, error) << "Failed to revert device " << volume.getDevice();
+    }
+}
+
+void SnapshotSessionControl::Impl::endSnapshot(const BackupableVolume& volume, IncrementalStates& states) {
+    if (!driver->transitionToIncremental(volume)) {
+        LogEntry(logger, error) << "Failed to transition volume " << volume.getDisplayName()
+                                << " to incremental. This volume may diff-merge next backup.";
+    }
+    DriverDeviceInfo device;
+    if (!driver->getDeviceInfo(volume, device)) {
+        LogEntry(logger, debug) << "Device not found for " << volume.getDisplayName()
+                                << ", must not be in tracking mode.";
+    } else if (device.state == tracking) {
+        states[volume.getUuid()] = true;
+    }
+}
+
+void SnapshotSessionControl::Impl::removeOldCowFiles(const Volumes& volumes) {
+    for (const auto& volume : volumes) {
+        DriverDeviceInfo device;
+        if (!driver->getDeviceInfo(*volume, device)) {
+            LogEntry(logger, warning) << "Unable to get device info for: " << volume->getDevice();
+            continue;
+        }
+        if (volume->getMountPoints().empty()) {
+            continue;
+        }
+        const std::string old = snapshot_files::old(volume->getMountPoints().front(), device);
+        try {
+            if (file::exists(old)) {
+                file::remove(old);
+            }
+        } catch (const std::exception& failure) {
+            LogEntry(logger, info::level::info) << failure.what();
+        }
+    }
+}
+
+std::vector<std::string>
+SnapshotSessionControl::Impl::getSnapshotFiles(const BackupableVolume& volume) const {
+    return snapshot_files::below(mountRoot / volume.getUuid());
+}
+
+block::IncrementalBitmapInfo
+SnapshotSessionControl::Impl::getIncrementalBitmapInfo(const BackupableVolume& volume) {
+    if (volume.getMountPoints().empty()) {
+        throw std::runtime_error("Unable to determine incremental bitmap file name.");
+    }
+    DriverDeviceInfo device;
+    if (!driver->getDeviceInfo(volume, device)) {
+        throw std::runtime_error("Unable to determine incremental bitmap file name. No device available.");
+    }
+    const std::string name = snapshot_files::changeRecord(volume.getMountPoints().front(), device);
+    const info::CowFile cowFile(logger, name);
+    const std::uint64_t blocks = volume.getBlockCount();
+    block::IncrementalBitmapInfo record{name, cowFile.getBitmapOffset(), blocks * recordEntry, blocks,
+                                        unchangedBlocks(blocks, cowFile.getChangedBlocks())};
+    LogEntry(logger, debug) << "incr file: " << record.fileName << " | bitmap size: " << record.bitmapSize
+                            << " | bitmap offset: " << record.bitmapOffset
+                            << " | num bitmap entries: " << record.bitmapEntries;
+    return record;
+}
+
+VolumeSnapshotInfos SnapshotSessionControl::Impl::buildSnapshotInfo(const Volumes& volumes,
+                                                                    IncrementalStates& states) {
+    VolumeSnapshotInfos result;
+    for (const auto& volume : volumes) {
+        const std::string& uuid = volume->getUuid();
+        VolumeSnapshotInfo info;
+        driver->getSnapshotPath(*volume, info.snapshotPath);
+        info.volumeSize = volume->getBlockSize() * volume->getBlockCount();
+        info.incrementalBitmap = getIncrementalBitmapInfo(*volume);
+        info.incrementalPreserved = states[uuid];
+        info.excludedFiles = getSnapshotFiles(*volume);
+        if (!result.emplace(uuid, std::move(info)).second) {
+            fail(logger, "Could not add VolumeSnapshotInfo for volume UUID " + volume->getDisplayName(),
+                 "Could not insert a VolumeSnapshotInfo object for volume UUID " + uuid +
+                     " into the VolumeSnapshotInfo map.");
+        }
+    }
+    return result;
+}
+
+SnapshotSessionControl::SnapshotSessionControl(Logger& logger, info::ICowFileSize& cowFileSize)
+    : SnapshotSessionControl(
+          logger, cowFileSize,
+          std::make_unique<info::DriverController>(logger, std::make_unique<info::TolvubdController>())) {}
+
+SnapshotSessionControl::SnapshotSessionControl(Logger& logger, info::ICowFileSize& cowFileSize,
+                                               std::unique_ptr<info::IDriverController> driver)
+    : impl(std::make_unique<Impl>(logger, cowFileSize, std::move(driver))) {}
+
+SnapshotSessionControl::~SnapshotSessionControl() = default;
+
+VolumeSnapshotInfos
+SnapshotSessionControl::startSnapshots(const Volumes& volumes, const IBackupAttributes& attributes,
+                                       const ISnapshotAttributes& /*snapshotAttributes*/) {
+    return impl->startSnapshots(volumes, attributes);
+}
+
+VolumeSnapshotInfos SnapshotSessionControl::transitionToIncremental(const Volumes& volumes, bool success) {
+    return impl->transitionToIncremental(volumes, success);
+}
+
+} // namespace agent::core::backup
