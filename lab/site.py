@@ -1,0 +1,101 @@
+"""A whole site on one machine: the services that the agent asks, and volumes for it to back up.
+
+    with Site() as site:                 # inside lab/namespace
+        site.disk["data"].device, .uuid
+
+`lab/site` brings one up in namespaces of its own, and keeps it there until it is taken down.
+"""
+import contextlib
+import os
+import pathlib
+import signal
+import subprocess
+import sys
+
+from lab.daemon import children, require_private_site
+from lab.services import LoginManager, SystemBus, UdevDaemon, Udisks
+from lab.volumes import Disk, Volume
+
+MOUNTS = pathlib.Path("/mnt")
+TABLE = pathlib.Path("/run/lab/volumes")
+INSIDE = "inside" # its namespaces, with nothing in them yet
+READY = "ready"
+
+VOLUMES = (
+    Volume("data", "ext4", mount_point=f"{MOUNTS}/data"),
+    Volume("files", "xfs", mount_point=f"{MOUNTS}/Büro und Lager"),
+    Volume("windows", "ntfs", mount_point=f"{MOUNTS}/windows"),
+    Volume("archive", "ext4", fstab="defaults,ro"),
+    Volume("spare", "ext4"),
+    Volume("swap", "swap", mebibytes=64),
+)
+
+
+@contextlib.contextmanager
+def private_mount_points():
+    """Covers /mnt, so that nothing of the machine's is there, and nothing stays there."""
+    subprocess.run(["mount", "-t", "tmpfs", "-o", "mode=755", "tmpfs", MOUNTS], check=True)
+    try:
+        yield
+    finally:
+        subprocess.run(["umount", MOUNTS], check=True)
+
+
+class Site:
+    """System bus, login manager, udev, udisks and one disk. `token` marks what the whole machine can see."""
+
+    def __init__(self, volumes=VOLUMES, token="site"):
+        self.bus = SystemBus()
+        self.udisks = Udisks()
+        self.disk = Disk(volumes, token)
+        self._lasting = contextlib.ExitStack()
+
+    def __enter__(self):
+        require_private_site()
+        with contextlib.ExitStack() as lasting:
+            lasting.enter_context(private_mount_points())
+            for part in (self.bus, LoginManager(), UdevDaemon(), self.disk, self.udisks):
+                lasting.enter_context(part)
+            self._lasting = lasting.pop_all()
+        return self
+
+    def __exit__(self, *exception):
+        return self._lasting.__exit__(*exception)
+
+    def table(self):
+        """The volumes in lines, for people."""
+        rows = [("name", "device", "type", "UUID", "mounted at")]
+        rows += [(partition.name, partition.device, partition.volume.file_system, partition.uuid,
+                  partition.volume.mount_point) for partition in self.disk]
+        widths = [max(map(len, column)) for column in zip(*rows)]
+        return "".join("  ".join(map(str.ljust, row, widths)).rstrip() + "\n" for row in rows)
+
+
+def reap_orphans(own):
+    """The first process of a namespace inherits those whose parents have ended."""
+    for pid in children() - own:
+        with contextlib.suppress(ChildProcessError):
+            os.waitpid(pid, os.WNOHANG)
+
+
+def hold(token):
+    """Keeps a site up, as the first process of its namespaces, until it is killed: there is one way to end,
+    and the kernel does the work."""
+    signal.signal(signal.SIGCHLD, lambda *_: None) # or the kernel drops it before it can be waited for
+    with Site(token=token) as site:
+        own = children()
+        TABLE.parent.mkdir(exist_ok=True)
+        TABLE.write_text(site.table(), encoding="utf-8")
+        signal.pthread_sigmask(signal.SIG_BLOCK, {signal.SIGCHLD})
+        print(READY, flush=True)
+        while True:
+            signal.sigwait({signal.SIGCHLD})
+            reap_orphans(own)
+
+
+if __name__ == "__main__":
+    os.umask(0o022)
+    print(INSIDE, flush=True)
+    if sys.stdin.readline() != "go\n": # whoever starts a site notes first whom to end
+        sys.exit("the starter has gone")
+    hold(sys.argv[1])

@@ -1,0 +1,87 @@
+"""Snapshots of volumes, taken and ended by the agent's own code as a backup does, without the backup.
+
+    with Session(partitions, incremental=False) as session:
+        facts = session.start()
+        session.end("success")
+"""
+import contextlib
+import json
+import os
+import pathlib
+import subprocess
+import tempfile
+
+from lab.daemon import program
+from lab.services import wait_until
+
+SECONDS = 60
+MOUNT_ROOT = pathlib.Path("/tmp/tolvuMountRoot")
+
+
+class SessionError(Exception):
+    """The session failed; the text is what it threw."""
+
+
+class Session:
+    """One run of the program: the agent, as far as snapshots go."""
+
+    def __init__(self, partitions, incremental):
+        prefix = "+" if incremental else ""
+        self._names = {partition.uuid: partition.name for partition in partitions}
+        self._errors = tempfile.TemporaryFile()
+        self._tracer = None
+        self.process = subprocess.Popen(
+            [program("SnapshotSession"), *(prefix + uuid for uuid in self._names)],
+            stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=self._errors, text=True)
+        assert self.process.stdout.readline() == "ready\n", self.log
+
+    @property
+    def log(self):
+        """What has been logged so far; each line begins with the number of its level."""
+        size = os.fstat(self._errors.fileno()).st_size
+        return os.pread(self._errors.fileno(), size, 0).decode()
+
+    def run(self, command):
+        """Gives a command; returns what is known of the snapshots, by the names of the volumes. None if the
+        program has been killed meanwhile."""
+        try:
+            self.process.stdin.write(command + "\n")
+            self.process.stdin.flush()
+        except BrokenPipeError:
+            return None
+        line = self.process.stdout.readline()
+        if not line:
+            return None
+        answer = json.loads(line)
+        if isinstance(answer, str):
+            raise SessionError(answer)
+        return {self._names[uuid]: facts for uuid, facts in answer.items()}
+
+    def start(self):
+        return self.run("start")
+
+    def end(self, outcome):
+        return self.run(f"end {outcome}")
+
+    def trace(self, *options, output="/dev/null"):
+        """Lets strace watch the system calls from here on."""
+        self._tracer = subprocess.Popen(["strace", "-f", "-qq", "-o", output, *options, "-p",
+                                         str(self.process.pid)])
+        status = pathlib.Path("/proc", str(self.process.pid), "status")
+        wait_until(lambda: "TracerPid:\t0\n" not in status.read_text(), SECONDS, "strace attached")
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_exception):
+        with contextlib.suppress(BrokenPipeError):
+            self.process.stdin.close()
+        try:
+            self.process.wait(SECONDS)
+        except subprocess.TimeoutExpired:
+            self.process.kill()
+            self.process.wait()
+        if self._tracer:
+            self._tracer.wait(SECONDS)
+        self.process.stdout.close()
+        self._errors.close()
