@@ -9,8 +9,17 @@ endif()
 
 add_library(bekd_flags INTERFACE)
 target_compile_options(bekd_flags INTERFACE
-  -Wall -Wextra -Werror -Wshadow=local -Wconversion -Wnon-virtual-dtor -Woverloaded-virtual -Wformat=2
-  -fstack-protector-strong)
+  -Wall -Wextra -Wconversion -Wnon-virtual-dtor -Woverloaded-virtual -Wformat=2 -fstack-protector-strong)
+if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+  target_compile_options(bekd_flags INTERFACE -Werror -Wshadow=local)
+else()
+  # Fuzzing and coverage only; what clang's own warnings find is for clang-tidy to say.
+  target_compile_options(bekd_flags INTERFACE -Wno-sign-conversion -O1)
+endif()
+if(BEKD_COVERAGE)
+  target_compile_options(bekd_flags INTERFACE -fprofile-instr-generate -fcoverage-mapping)
+  target_link_options(bekd_flags INTERFACE -fprofile-instr-generate)
+endif()
 set(CMAKE_POSITION_INDEPENDENT_CODE ON)
 include(CheckPIESupported)
 check_pie_supported()
@@ -28,6 +37,7 @@ else()
   target_link_options(bekd_flags INTERFACE -Wl,-z,relro,-z,now)
 endif()
 
-set(THREADS_PREFER_PTHREAD_FLAG ON)
-find_package(Threads REQUIRED)
-target_link_libraries(bekd_flags INTERFACE Threads::Threads)
+# As an option of the compiler too: some libraries bring it along, and a precompiled header fits only what is
+# compiled with the same macros.
+target_compile_options(bekd_flags INTERFACE -pthread)
+target_link_options(bekd_flags INTERFACE -pthread)

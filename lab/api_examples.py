@@ -15,9 +15,11 @@ import tempfile
 
 from lab.certificates import Authority, install
 from lab.daemon import BASE, ROOT, Daemon, require_private_site
-from lab.driver_facts import hide_driver, show_driver
+from lab.driver_facts import hide_driver, show_driver, show_status
 from lab.https_client import Client
 from lab.services import wait_until
+from lab.site import Site
+from lab.volumes import Volume
 
 DOCUMENT = ROOT / "docs" / "api.md"
 DEVICE = 4711
@@ -27,7 +29,25 @@ SECONDS = 60
 VOLUME = "1c9a7f0e-7a41-4a5e-9d0c-2f0b64b1a7de"
 UNKNOWN = "e2f7c1d0-3b58-4c69-8a7e-5d4c3b2a1908"
 SHOWN_ID = "59c47b46-dbe0-48f5-9d05-50417c6b60db"
-VOLATILE = ((r'("timestamp": )\d+', r"\g<1>1772618096"), (r'("elapsedTime": )\d+', r"\g<1>2"))
+VOLATILE = (
+    (r'("timestamp": )\d+', r"\g<1>1772618096"),
+    (r'("elapsedTime": )\d+', r"\g<1>2"),
+    (r'("uptime": )\d+', r"\g<1>86400"),
+    (r'("cpus": )\d+', r"\g<1>8"),
+    (r'("ram": )\d+', r"\g<1>16777216000"),
+    (r'("freeram": )\d+', r"\g<1>8388608000"),
+    (r'("spaceFree": )[1-9]\d*', r"\g<1>1020678144"),
+    (r'("os": )".*"', r'\g<1>"Debian GNU/Linux 12 (bookworm)"'),
+    (r'("host[nN]ame": )".*"', r'\g<1>"db1"'),
+    (r'("major": )\d+', r"\g<1>6"),
+    (r'("minor": )\d+', r"\g<1>1"),
+    (r'("build": )\d+', r"\g<1>0"),
+    (r'("smbios\w+": )".*"', r'\g<1>"a text"'),
+    (r'("device": "/dev/)loop\d+p(\d)', r"\g<1>sda\g<2>"),
+)
+# What the machine of the examples has; other volumes of the machine that runs them are left out.
+VOLUMES = (Volume("data", "ext4", mount_point="/mnt/data"), Volume("swap", "swap", mebibytes=64))
+SHOWN_UUIDS = ("7c1f5b8e-9a52-4d3e-b1c6-0f2a4e6d8b90", "d9e0a3b7-6c14-4f85-92ab-5e7d1c3f8a06")
 PLACE = re.compile(r"(<!-- example: ([\w-]+) -->\n```http\n)(.*?)(```\n)", re.DOTALL)
 
 REQUEST = {
@@ -39,11 +59,14 @@ REQUEST = {
     "forceCopyFull": True,
 }
 
+DEVICE_OF_DRIVER = {"minor": 0, "state": 2, "cow_file": "/.tolvu", "block_device": "/dev/sda1", "error": 0}
+
 
 class Examples:
     """Asks one agent that has never been paired; `collect` returns what came of it, by the example's name."""
 
-    def __init__(self, device, stranger):
+    def __init__(self, device, stranger, disk):
+        self._disk = disk
         self._device = device
         self._stranger = stranger
         self._id = None
@@ -51,14 +74,17 @@ class Examples:
 
     def collect(self):
         device, stranger = self._device, self._stranger
+        self.add("basichost", stranger, "GET", "/basichost")
         self.add("not-paired", device, "GET", "/backup")
         self.add("pair", device, "POST", "/pair", {"deviceID": DEVICE})
         self.add("pair-mismatch", stranger, "POST", "/pair", {"deviceID": DEVICE})
         self.add("stranger", stranger, "GET", "/backup")
         self.add("invalid", device, "POST", "/host")
         self.add("not-served", device, "POST", "/command", {})
+        self.add("host", device, "GET", "/host")
         self.add("feature", device, "GET", "/v2/feature")
         self.add("install", device, "GET", "/v2/install")
+        show_status([DEVICE_OF_DRIVER])
         self.add("driver-status", device, "GET", "/v2/driver/status")
         self.add("config-set", device, "POST", "/config",
                  {"log.lifetimeHours": 72, "holepunch.enabled": True})
@@ -88,11 +114,21 @@ class Examples:
         if answer is None:
             raise RuntimeError(f"{method} {url}: no answer")
         parts = [f"{method} {url}", *([] if body is None else [body])]
-        parts += ["", f"{answer.status} {answer.content_type}", *filter(None, [answer.body.decode()])]
+        shown = self.of_these_volumes(answer.body.decode()) if name == "host" else answer.body.decode()
+        parts += ["", f"{answer.status} {answer.content_type}", *filter(None, [shown])]
         self._texts[name] = "\n".join(parts) + "\n"
         return answer.body
 
+    def of_these_volumes(self, text):
+        """The description of the host with the volumes of the disk alone, in the disk's order."""
+        host = json.loads(text)
+        volumes = {volume["guid"]: volume for volume in host["volumes"]}
+        host["volumes"] = [volumes[partition.uuid] for partition in self._disk]
+        return json.dumps(host, indent=4, ensure_ascii=False)
+
     def steady(self, text):
+        for partition, shown in zip(self._disk, SHOWN_UUIDS):
+            text = text.replace(partition.uuid, shown)
         for pattern, replacement in VOLATILE:
             text = re.sub(pattern, replacement, text)
         return text.replace(self._id, SHOWN_ID)
@@ -118,9 +154,9 @@ def main():
             install(authority.agent(), authority, BASE / "certs")
             device, stranger = (Client(authority.certificate, authority.device(number))
                                 for number in (DEVICE, STRANGER))
-            with Daemon() as daemon:
+            with Site(VOLUMES) as site, Daemon() as daemon:
                 daemon.wait_until_ready()
-                examples = Examples(device, stranger).collect()
+                examples = Examples(device, stranger, site.disk).collect()
     finally:
         hide_driver()
     text = DOCUMENT.read_text(encoding="utf-8")

@@ -4,6 +4,7 @@ Lines behind "$" are what a person would type, those behind "|" what there is to
 inside lab/namespace.
 """
 import contextlib
+import json
 import os
 import pathlib
 import re
@@ -19,9 +20,12 @@ import time
 from lab.appliance_client import Appliance, NoAnswer, Unreachable
 from lab.certificates import Authority, CertificateError
 from lab.certservice import HOST, CertificateService, store_device, trust
-from lab.daemon import (BASE, DATABASE, PID_FILE, ROOT, Daemon, require_private_site, stored_pid)
+from lab.daemon import (BASE, DATABASE, PID_FILE, ROOT, Daemon, program, require_private_site,
+                        stored_pid)
 from lab.driver_facts import hide_driver, show_driver
-from lab.services import LoginManager, ServiceError, SystemBus
+from lab.services import ServiceError
+from lab.site import Site
+from lab.snapshots import MOUNT_ROOT, Session, SessionError
 
 WIDTH = 100
 SECONDS = 60
@@ -29,6 +33,8 @@ LAB = pathlib.Path("/run/lab")
 DEVICE = 4711
 STRANGER = 815
 LOG_DATE = re.compile(r"^\d{4}-\d\d-\d\d (?=\d\d:)", re.MULTILINE)
+SNAPSHOTTED = ("data", "files")
+COW_MIB = 100
 OPTION, VALUE = "backup.heartbeat.timeoutMinutes", 5
 VOLUME = "1c9a7f0e-7a41-4a5e-9d0c-2f0b64b1a7de"
 
@@ -67,6 +73,8 @@ class Tour:
         self.daemon = Daemon(foreground=False)
         self.lasting.callback(self.daemon.discard)
         self.authority = None
+        self.site = None
+        self.session = None
         self.backup = None
         self.shown = 0
 
@@ -97,15 +105,16 @@ def set_up_lab(tour):
     for number, name in ((DEVICE, "device"), (STRANGER, "stranger")):
         store_device(tour.authority, number, LAB, name)
     trust(tour.authority)
-    for service in (CertificateService(tour.authority), SystemBus(), LoginManager()):
-        tour.lasting.enter_context(service)
+    tour.lasting.enter_context(CertificateService(tour.authority))
+    tour.site = tour.lasting.enter_context(Site())
     tour.lasting.callback(hide_driver)
     show_driver()
     show(f"https://{HOST} signs what the agents ask for\n"
          f"{LAB}/device.pem is the certificate of appliance {DEVICE}, which the agent will be paired with\n"
          f"{LAB}/stranger.pem is that of appliance {STRANGER}, a stranger\n"
-         "a system bus, a login manager, and what shows that a snapshot driver is loaded")
-    return f"appliances {DEVICE} and {STRANGER}"
+         "a system bus, a login manager, udev and udisks2, a disk of six volumes, and what shows that a "
+         "snapshot driver is loaded")
+    return f"{DEVICE} and {STRANGER}, 6 volumes"
 
 
 def start_daemon(tour):
@@ -162,12 +171,97 @@ def ask_features(tour):
     return f"{len(names)} features"
 
 
+def describe_size(count):
+    return f"{count / (1 << 20):,.0f} MiB"
+
+
+def volume_row(volume):
+    """What the appliance is told of a volume, for a table."""
+    state = "mounted" if volume["mounted"] else "-"
+    return (volume["label"], volume["device"], volume["filesystem"], describe_size(volume["spaceTotal"]),
+            describe_size(volume["spaceFree"]), "read-only" if volume["readonly"] else state,
+            ", ".join(volume["mountpoints"]))
+
+
+def look_at_machine(tour):
+    """Look at what the machine has"""
+    command = ["lab/appliance", "host"]
+    show_command(command)
+    done = subprocess.run([ROOT / command[0], *command[1:]], capture_output=True, text=True, check=True,
+                          timeout=SECONDS)
+    host = json.loads(done.stdout)
+    show(f"{host['hostname']}: {host['os']}, {host['cpus']} processors, {describe_size(host['ram'])}\n"
+         f"agent {host['agentVersion']}, snapshot driver {host['driverVersion']}")
+    volumes = {volume["guid"]: volume for volume in host["volumes"]}
+    missing = [partition.name for partition in tour.site.disk if partition.uuid not in volumes]
+    check(not missing, f"the agent doesn't know {', '.join(missing)}")
+    rows = [("label", "device", "type", "size", "free", "state", "mounted at"),
+            *(volume_row(volumes[partition.uuid]) for partition in tour.site.disk)]
+    widths = [max(map(len, column)) for column in zip(*rows)]
+    show("\n".join("  ".join(map(str.ljust, row, widths)).rstrip() for row in rows))
+    return f"{len(rows) - 1} volumes"
+
+
 def set_option(tour):
     """Set an option, and read it back"""
     tour.appliance("config", f"{OPTION}={VALUE}")
     text = tour.appliance("config", only="heartbeat")
     check(f'"{OPTION}": {VALUE}' in text, f"{OPTION} isn't {VALUE}")
     return f"{VALUE} minutes"
+
+
+def drop_devices():
+    """Lets the driver forget the volumes, so that nothing of the site is held."""
+    listing = json.loads(pathlib.Path("/run/tolvubd/info").read_text(encoding="ascii"))
+    for device in listing["devices"]:
+        subprocess.run([program("tolvuctl"), "destroy", str(device["minor"])], check=True, timeout=SECONDS)
+
+
+def show_devices():
+    show_command(["tolvuctl", "list"])
+    show(subprocess.run([program("tolvuctl"), "list"], capture_output=True, text=True, check=True,
+                        timeout=SECONDS).stdout)
+
+
+def take_snapshots(tour):
+    """Take a snapshot of two volumes, and change them"""
+    partitions = [tour.site.disk[name] for name in SNAPSHOTTED]
+    tour.appliance("config", *(f"volumes.{partition.uuid}.cowFileSizeMiB={COW_MIB}"
+                               for partition in partitions))
+    notes = [pathlib.Path(partition.volume.mount_point, "notes.txt") for partition in partitions]
+    for note in notes:
+        note.write_text("before\n", encoding="utf-8")
+    tour.lasting.callback(drop_devices)
+    tour.session = tour.lasting.enter_context(Session(partitions, incremental=False))
+    begin = time.monotonic()
+    facts = tour.session.start()
+    seconds = time.monotonic() - begin
+    show_devices()
+    for partition, note in zip(partitions, notes):
+        note.write_text("after\n", encoding="utf-8")
+        old = MOUNT_ROOT / partition.uuid / note.name
+        show(f"{note}: {note.read_text(encoding='utf-8').strip()}\n"
+             f"{facts[partition.name]['snapshotPath']}, {old}: {old.read_text(encoding='utf-8').strip()}")
+        check(old.read_text(encoding="utf-8") == "before\n", "the snapshot has changed")
+    return f"2 in {seconds:.1f} s"
+
+
+def end_snapshots(tour):
+    """End them, and see what is tracked until the next"""
+    tour.session.end("success")
+    show_devices()
+    partitions = [tour.site.disk[name] for name in SNAPSHOTTED]
+    for partition in partitions:
+        pathlib.Path(partition.volume.mount_point, "report.bin").write_bytes(os.urandom(1 << 20))
+    changed = {}
+    with Session(partitions, incremental=True) as session:
+        for name, facts in session.start().items():
+            check(facts["incrementalPreserved"], f"{name} wasn't tracked")
+            changed[name] = facts["bitmapEntries"] - facts["unchangedBlocks"]
+            show(f"{name}: {changed[name]} of {facts['bitmapEntries']} blocks have changed since then")
+            check(256 <= changed[name] < facts["bitmapEntries"] // 10, "1 MiB and its metadata were written")
+        session.end("success")
+    return f"{sum(changed.values())} blocks changed"
 
 
 def start_backup(tour):
@@ -219,9 +313,10 @@ def stop_daemon(tour):
 
 
 STEPS = [set_up_lab, start_daemon, look_at_certificate, look_at_pid_file, look_at_database, pair,
-         ask_features, set_option, start_backup, watch_backup, read_log, refuse_strangers, stop_daemon]
-FAILURES = (StepFailed, AssertionError, CertificateError, OSError, ServiceError, Unreachable, ValueError,
-            sqlite3.Error, subprocess.SubprocessError)
+         ask_features, look_at_machine, set_option, take_snapshots, end_snapshots, start_backup, watch_backup,
+         read_log, refuse_strangers, stop_daemon]
+FAILURES = (StepFailed, AssertionError, CertificateError, OSError, ServiceError, SessionError, Unreachable,
+            ValueError, sqlite3.Error, subprocess.SubprocessError)
 
 
 def run_steps(tour):

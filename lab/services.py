@@ -6,15 +6,19 @@ Each is a context manager, to be used inside lab/namespace, where /run is privat
         ...
 
 A service that doesn't get ready in time, or has ended too early, raises ServiceError with what it printed.
+One never outlives who started it: the kernel kills it then.
 """
+import contextlib
 import os
 import pathlib
+import shutil
 import subprocess
 import tempfile
 import time
 
 READY_SECONDS = 20
 STOP_SECONDS = 10
+ROOT = pathlib.Path(__file__).resolve().parents[1]
 
 
 class ServiceError(Exception):
@@ -64,7 +68,8 @@ class Service:
         writer = os.open(f"/proc/self/fd/{self._log.fileno()}", os.O_WRONLY | os.O_APPEND)
         try:
             self._process = subprocess.Popen(
-                self.command, stdin=subprocess.DEVNULL, stdout=writer, stderr=writer)
+                ["setpriv", "--pdeathsig", "KILL", "--", *self.command],
+                stdin=subprocess.DEVNULL, stdout=writer, stderr=writer)
         finally:
             os.close(writer)
         try:
@@ -125,6 +130,10 @@ class SystemBus(Service):
     def is_ready(self):
         return self.socket.is_socket() and has_owner("org.freedesktop.DBus")
 
+    def stop(self):
+        super().stop()
+        self.socket.unlink(missing_ok=True)
+
 
 class LoginManager(Service):
     """systemd-logind; needs a running SystemBus."""
@@ -137,3 +146,62 @@ class LoginManager(Service):
 
     def is_ready(self):
         return has_owner("org.freedesktop.login1")
+
+
+class UdevDaemon(Service):
+    """systemd-udevd, for the block devices and the /dev of this namespace.
+
+    Its events, its database and its control socket are the namespace's, so one of the machine isn't
+    disturbed by it. It follows the rules that a volume needs and those of the snapshot driver, and no other:
+    the devices of the machine, which it gets to see too, are not to be configured a second time.
+    """
+
+    command = ("/lib/systemd/systemd-udevd",)
+    rules = pathlib.Path("/usr/lib/udev/rules.d")
+    local_rules = pathlib.Path("/etc/udev/rules.d")
+    followed = ("50-udev-default", "60-block", "60-persistent-storage", "80-udisks2")
+
+    def __init__(self):
+        super().__init__()
+        self._masks = contextlib.ExitStack()
+
+    def prepare(self):
+        pathlib.Path("/run/udev").mkdir(exist_ok=True)
+        self._mask(self.rules, [self.rules / f"{name}.rules" for name in self.followed])
+        self._mask(self.local_rules, sorted(ROOT.glob("platform/tolvubd/*.rules")))
+
+    def _mask(self, directory, kept):
+        """Covers a directory of rules by one that has those only."""
+        contents = {path.name: path.read_bytes() for path in kept}
+        directory.mkdir(parents=True, exist_ok=True)
+        subprocess.run(["mount", "-t", "tmpfs", "-o", "mode=755", "tmpfs", directory], check=True)
+        self._masks.callback(subprocess.run, ["umount", directory], check=True)
+        for name, content in contents.items():
+            (directory / name).write_bytes(content)
+
+    def is_ready(self):
+        return subprocess.run(["udevadm", "control", "--ping"], capture_output=True, check=False,
+                              timeout=READY_SECONDS).returncode == 0
+
+    def stop(self):
+        with self._masks:
+            super().stop()
+        shutil.rmtree("/run/udev", ignore_errors=True)
+
+
+class Udisks(Service):
+    """udisksd; needs a running SystemBus and, to know what is on a device, a UdevDaemon."""
+
+    command = ("/usr/libexec/udisks2/udisksd",)
+    name = "org.freedesktop.UDisks2"
+
+    def is_ready(self):
+        return has_owner(self.name)
+
+    def uuid_of(self, device):
+        """What the service takes for the UUID of a block device; None if it doesn't know the device."""
+        path = f"/org/freedesktop/UDisks2/block_devices/{pathlib.Path(device).name}"
+        answer = subprocess.run(
+            ["busctl", "--system", "get-property", self.name, path, f"{self.name}.Block", "IdUUID"],
+            capture_output=True, text=True, check=False, timeout=READY_SECONDS)
+        return answer.stdout.strip()[3:-1] if answer.returncode == 0 else None

@@ -1,3 +1,4 @@
+#include "bench/support/TimingReporter.h"
 #include "core/checksum/BufferChecksumGeneratorGCryptCRC32.h"
 #include "core/checksum/BufferChecksumGeneratorLibCRC32c.h"
 
@@ -6,7 +7,6 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
-#include <map>
 #include <random>
 #include <string>
 #include <vector>
@@ -53,37 +53,20 @@ BENCHMARK(sumUp<BufferChecksumGeneratorLibCRC32c>)->Name("crc32c");
 BENCHMARK(sumUp<BufferChecksumGeneratorGCryptCRC32>)->Name("gcryptCRC32");
 BENCHMARK(copy)->Name("memcpy");
 
-/// The usual table, and then the ratios.
-class RatioReporter : public benchmark::ConsoleReporter {
-public:
-    void ReportRuns(const std::vector<Run>& runs) override {
-        ConsoleReporter::ReportRuns(runs);
-        for (const Run& run : runs) {
-            seconds[run.run_name.function_name] =
-                run.real_accumulated_time / static_cast<double>(run.iterations);
-        }
-    }
-
-    void printRatio(const std::string& peerName) const {
-        const auto own = seconds.find("crc32c");
-        const auto peer = seconds.find(peerName);
-        if (own != seconds.end() && peer != seconds.end()) {
-            std::printf("crc32c: %.2f times as fast as %s\n", peer->second / own->second, peerName.c_str());
-        }
-    }
-
-private:
-    std::map<std::string, double> seconds;
-};
+void printRatio(const TimingReporter& reporter, const char* peerName) {
+    reporter.compare("crc32c", peerName, [peerName](double own, double peer) {
+        std::printf("crc32c: %.2f times as fast as %s\n", peer / own, peerName);
+    });
+}
 
 } // namespace
 } // namespace agent::bench
 
 int main(int argumentCount, char** arguments) {
     benchmark::Initialize(&argumentCount, arguments);
-    agent::bench::RatioReporter reporter;
+    agent::bench::TimingReporter reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
-    reporter.printRatio("gcryptCRC32");
-    reporter.printRatio("memcpy");
+    agent::bench::printRatio(reporter, "gcryptCRC32");
+    agent::bench::printRatio(reporter, "memcpy");
     benchmark::Shutdown();
 }

@@ -1,3 +1,4 @@
+#include "bench/support/TimingReporter.h"
 #include "core/Heartbeat.h"
 #include "core/operation/CancelableOperation.h"
 
@@ -5,7 +6,6 @@
 
 #include <chrono>
 #include <cstdio>
-#include <map>
 #include <mutex>
 #include <string>
 
@@ -46,38 +46,21 @@ BENCHMARK(checkAlone);
 BENCHMARK(checkWithHeartbeat);
 BENCHMARK(clockUnderMutex);
 
-/// The usual table, and then the ratios.
-class RatioReporter : public benchmark::ConsoleReporter {
-public:
-    void ReportRuns(const std::vector<Run>& runs) override {
-        ConsoleReporter::ReportRuns(runs);
-        for (const Run& run : runs) {
-            nanoseconds[run.run_name.function_name] =
-                1e9 * run.cpu_accumulated_time / static_cast<double>(run.iterations);
-        }
-    }
-
-    void printRatio(const std::string& peerName) const {
-        const auto own = nanoseconds.find("checkWithHeartbeat");
-        const auto peer = nanoseconds.find(peerName);
-        if (own != nanoseconds.end() && peer != nanoseconds.end()) {
-            std::printf("checkWithHeartbeat: %.1f ns, %s %.1f ns, ratio %.2f\n", own->second,
-                        peerName.c_str(), peer->second, own->second / peer->second);
-        }
-    }
-
-private:
-    std::map<std::string, double> nanoseconds;
-};
+void printRatio(const TimingReporter& reporter, const char* peerName) {
+    reporter.compare("checkWithHeartbeat", peerName, [peerName](double own, double peer) {
+        std::printf("checkWithHeartbeat: %.1f ns, %s %.1f ns, ratio %.2f\n", 1e9 * own, peerName, 1e9 * peer,
+                    own / peer);
+    });
+}
 
 } // namespace
 } // namespace agent::bench
 
 int main(int argumentCount, char** arguments) {
     benchmark::Initialize(&argumentCount, arguments);
-    agent::bench::RatioReporter reporter;
+    agent::bench::TimingReporter reporter(agent::bench::TimingReporter::Clock::processor);
     benchmark::RunSpecifiedBenchmarks(&reporter);
-    reporter.printRatio("checkAlone");
-    reporter.printRatio("clockUnderMutex");
+    agent::bench::printRatio(reporter, "checkAlone");
+    agent::bench::printRatio(reporter, "clockUnderMutex");
     benchmark::Shutdown();
 }

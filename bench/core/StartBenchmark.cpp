@@ -1,3 +1,4 @@
+#include "bench/support/TimingReporter.h"
 #include "core/Engine.h"
 #include "core/Heartbeat.h"
 #include "core/backup/Backup.h"
@@ -14,7 +15,6 @@
 #include <chrono>
 #include <cstdio>
 #include <future>
-#include <map>
 #include <string>
 #include <thread>
 
@@ -104,37 +104,20 @@ void startThread(benchmark::State& state) {
 BENCHMARK(createBackup)->UseManualTime();
 BENCHMARK(startThread)->UseManualTime();
 
-/// The usual table, and then the ratio.
-class RatioReporter : public benchmark::ConsoleReporter {
-public:
-    void ReportRuns(const std::vector<Run>& runs) override {
-        ConsoleReporter::ReportRuns(runs);
-        for (const Run& run : runs) {
-            seconds[run.run_name.function_name] =
-                run.real_accumulated_time / static_cast<double>(run.iterations);
-        }
-    }
-
-    void printRatio() const {
-        const auto own = seconds.find("createBackup");
-        const auto peer = seconds.find("startThread");
-        if (own != seconds.end() && peer != seconds.end()) {
-            std::printf("createBackup: %.1f us to the first phase, a thread alone %.1f us, ratio %.1f\n",
-                        1e6 * own->second, 1e6 * peer->second, own->second / peer->second);
-        }
-    }
-
-private:
-    std::map<std::string, double> seconds;
-};
+void printRatio(const TimingReporter& reporter) {
+    reporter.compare("createBackup", "startThread", [](double own, double peer) {
+        std::printf("createBackup: %.1f us to the first phase, a thread alone %.1f us, ratio %.1f\n",
+                    1e6 * own, 1e6 * peer, own / peer);
+    });
+}
 
 } // namespace
 } // namespace agent::bench
 
 int main(int argumentCount, char** arguments) {
     benchmark::Initialize(&argumentCount, arguments);
-    agent::bench::RatioReporter reporter;
+    agent::bench::TimingReporter reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
-    reporter.printRatio();
+    agent::bench::printRatio(reporter);
     benchmark::Shutdown();
 }

@@ -1,3 +1,4 @@
+#include "bench/support/TimingReporter.h"
 #include "db/DataProvider.h"
 #include "support/TestDirectory.h"
 
@@ -5,7 +6,6 @@
 #include <sqlite3.h>
 
 #include <cstdio>
-#include <map>
 
 /// What a connection for each operation costs: the store beside the same statements through one connection
 /// that stays open. The files lie below the temporary directory: set TMPDIR to measure a certain disk.
@@ -104,38 +104,21 @@ BENCHMARK(setVolumeChecksumOpen)->UseRealTime();
 BENCHMARK(getConfigValue)->UseRealTime();
 BENCHMARK(getConfigValueOpen)->UseRealTime();
 
-/// The usual table, and then the ratios.
-class RatioReporter : public benchmark::ConsoleReporter {
-public:
-    void ReportRuns(const std::vector<Run>& runs) override {
-        ConsoleReporter::ReportRuns(runs);
-        for (const Run& run : runs) {
-            seconds[run.run_name.function_name] =
-                run.real_accumulated_time / static_cast<double>(run.iterations);
-        }
-    }
-
-    void printRatio(const std::string& name) const {
-        const auto own = seconds.find(name);
-        const auto peer = seconds.find(name + "Open");
-        if (own != seconds.end() && peer != seconds.end()) {
-            std::printf("%s: %.0f a second, open connection %.0f a second, ratio %.2f\n", name.c_str(),
-                        1 / own->second, 1 / peer->second, peer->second / own->second);
-        }
-    }
-
-private:
-    std::map<std::string, double> seconds;
-};
+void printRatio(const TimingReporter& reporter, const std::string& name) {
+    reporter.compare(name, name + "Open", [&name](double own, double peer) {
+        std::printf("%s: %.0f a second, open connection %.0f a second, ratio %.2f\n", name.c_str(), 1 / own,
+                    1 / peer, peer / own);
+    });
+}
 
 } // namespace
 } // namespace agent::bench
 
 int main(int argumentCount, char** arguments) {
     benchmark::Initialize(&argumentCount, arguments);
-    agent::bench::RatioReporter reporter;
+    agent::bench::TimingReporter reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
-    reporter.printRatio("setVolumeChecksum");
-    reporter.printRatio("getConfigValue");
+    agent::bench::printRatio(reporter, "setVolumeChecksum");
+    agent::bench::printRatio(reporter, "getConfigValue");
     benchmark::Shutdown();
 }

@@ -1,3 +1,4 @@
+#include "bench/support/TimingReporter.h"
 #include "common/Directory.h"
 #include "common/FileDescriptor.h"
 #include "info/log/LoggingStack.h"
@@ -9,7 +10,6 @@
 #include <cstdio>
 #include <fcntl.h>
 #include <fstream>
-#include <map>
 #include <sys/resource.h>
 #include <unistd.h>
 #include <vector>
@@ -68,28 +68,14 @@ void queryLogsRead(benchmark::State& state) {
 BENCHMARK(queryLogs)->UseRealTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(queryLogsRead)->UseRealTime()->Unit(benchmark::kMillisecond);
 
-/// The usual table, and then the ratio.
-class RatioReporter : public benchmark::ConsoleReporter {
-public:
-    void ReportRuns(const std::vector<Run>& runs) override {
-        ConsoleReporter::ReportRuns(runs);
-        for (const Run& run : runs) {
-            seconds[run.run_name.function_name] =
-                run.real_accumulated_time / static_cast<double>(run.iterations);
-        }
-    }
-
-    void printRatio() {
-        struct ::rusage usage {};
-        ::getrusage(RUSAGE_SELF, &usage);
-        std::printf("query %.0f ms, plain reading %.0f ms, ratio %.1f, peak memory %ld MiB\n",
-                    seconds["queryLogs"] * 1000, seconds["queryLogsRead"] * 1000,
-                    seconds["queryLogs"] / seconds["queryLogsRead"], usage.ru_maxrss / 1024);
-    }
-
-private:
-    std::map<std::string, double> seconds;
-};
+void printRatio(const TimingReporter& reporter) {
+    struct ::rusage usage {};
+    ::getrusage(RUSAGE_SELF, &usage);
+    reporter.compare("queryLogs", "queryLogsRead", [&usage](double own, double peer) {
+        std::printf("query %.0f ms, plain reading %.0f ms, ratio %.1f, peak memory %ld MiB\n", own * 1000,
+                    peer * 1000, own / peer, usage.ru_maxrss / 1024);
+    });
+}
 
 } // namespace
 } // namespace agent::bench
@@ -102,9 +88,9 @@ int main(int argumentCount, char** arguments) {
         agent::bench::writeDay(stack.decorator(),
                                std::chrono::system_clock::now() - std::chrono::hours(24 * day));
     }
-    agent::bench::RatioReporter reporter;
+    agent::bench::TimingReporter reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
-    reporter.printRatio();
+    agent::bench::printRatio(reporter);
     for (const std::string& path : agent::bench::paths) {
         ::unlink(path.c_str());
     }

@@ -16,7 +16,7 @@ import subprocess
 
 from lintlib.tree import Finding, SourceFile
 
-FOLDERS = ("src", "platform", "bench", "tests")
+FOLDERS = ("src", "platform", "bench", "tests", "tools")
 COMMANDS = "build/debug/compile_commands.json"
 CACHE = "build/.tidy-cache"
 FINDING = re.compile(r"^(.+?):(\d+):\d+: (?:fatal )?(?:error|warning): (.*)$", re.MULTILINE)

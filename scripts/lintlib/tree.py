@@ -8,6 +8,8 @@ from pathlib import Path
 from typing import NamedTuple
 
 UNLISTED_FOLDERS = {".git", "build", "__pycache__", ".pytest_cache", ".cache"}
+# Bytes that no person writes, some of which look like text.
+FUZZ_INPUTS = "tests/fuzz/corpus"
 
 
 class Finding(NamedTuple):
@@ -116,7 +118,7 @@ class Tree:
     def files(self):
         paths = self._listed() if self.is_repository else self._walked()
         read = [SourceFile(self.root, path) for path in sorted(set(paths)) if self._is_file(path)]
-        return [file for file in read if b"\0" not in file.data]
+        return [file for file in read if b"\0" not in file.data and not file.is_below(FUZZ_INPUTS)]
 
     @functools.cached_property
     def cpp(self):

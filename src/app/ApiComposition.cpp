@@ -2,10 +2,14 @@
 
 #include "app/PendingTransports.h"
 #include "app/ServiceAddresses.h"
+#include "app/Version.h"
+#include "info/SystemInfoProvider.h"
+#include "info/VSSWriterDetailsProvider.h"
 #include "ordak/Backup.h"
 #include "ordak/BackupCancel.h"
 #include "ordak/BackupList.h"
 #include "ordak/BackupStatus.h"
+#include "ordak/BasicHost.h"
 #include "ordak/CertificateGenerator.h"
 #include "ordak/CertificateService.h"
 #include "ordak/Certificates.h"
@@ -14,14 +18,12 @@
 #include "ordak/DriverStatus.h"
 #include "ordak/FeatureApi.h"
 #include "ordak/HTTPInterpreter.h"
+#include "ordak/Host.h"
 #include "ordak/Install.h"
 #include "ordak/LogLevel.h"
 #include "ordak/Logs.h"
 #include "ordak/OrdakPairDelegate.h"
 #include "ordak/Pair.h"
-
-#include <array>
-#include <unistd.h>
 
 namespace agent::app {
 
@@ -31,17 +33,12 @@ using ordak::APICall;
 using ordak::APIExtendedData;
 using ordak::HTTPInterpreter;
 
-/// Empty if the machine has none.
-std::string hostName() {
-    std::array<char, 256> name{};
-    return ::gethostname(name.data(), name.size() - 1) == 0 ? name.data() : "";
-}
-
-ordak::Certificates provideCertificates(info::Logger& logger) {
+ordak::Certificates provideCertificates(info::Logger& logger, const info::SystemInfoProvider& systemInfo) {
     ordak::CertificateService service(certificateServiceHost);
     ordak::Certificates certificates;
     ordak::loadOrCreate(certificates, logger, [&] {
-        ordak::CertificateGenerator(logger, hostName(), certificateServiceKey(), service).generate();
+        ordak::CertificateGenerator(logger, systemInfo.getHostName(), certificateServiceKey(), service)
+            .generate();
     });
     return certificates;
 }
@@ -67,12 +64,14 @@ HTTPInterpreter::PlainHandler plain(Handler& handler) {
 } // namespace
 
 void composeApi(info::LoggingStack& logging, db::IDataProviderExtended& dataProvider,
-                const IDriverInfoProvider& driverInfo, core::backup::IBackupManager& backupManager,
-                ordak::FeatureManager& features, IConfigData& config, core::IEngine& engine,
+                const IDriverInfoProvider& driverInfo, info::VolumeProvider& volumeProvider,
+                core::backup::IBackupManager& backupManager, ordak::FeatureManager& features,
+                IConfigData& config, core::IEngine& engine,
                 const std::function<void(ordak::HTTPServer&)>& continuation) {
     info::Logger& logger = logging.logger;
+    const info::SystemInfoProvider systemInfo;
     ordak::OrdakPairDelegate pairing(dataProvider);
-    const ordak::Certificates certificates = provideCertificates(logger);
+    const ordak::Certificates certificates = provideCertificates(logger, systemInfo);
     HTTPInterpreter interpreter(
         logger, logging.securityLogger,
         [&](int deviceId, const std::string& address) { return pairing.isAuthorized(deviceId, address); });
@@ -86,6 +85,9 @@ void composeApi(info::LoggingStack& logging, db::IDataProviderExtended& dataProv
                              });
 
     PendingTransports transports;
+    core::backup::VSSWriterDetailsProvider writers;
+    const ordak::BasicHost basicHost(logger, systemInfo);
+    ordak::Host host(logger, systemInfo, driverInfo, volumeProvider, engine, writers, version);
     ordak::Pair pair(logger, pairing, features);
     ordak::Backup backup(logger, engine, features, transports);
     ordak::BackupStatus backupStatus(backupManager);
@@ -98,6 +100,8 @@ void composeApi(info::LoggingStack& logging, db::IDataProviderExtended& dataProv
     ordak::ConfigGet configGet(config);
     ordak::ConfigSet configSet(config);
     ordak::DriverStatus driverStatus(driverInfo);
+    interpreter.setCallback(APICall::basichost, plain(basicHost));
+    interpreter.setCallback(APICall::host, withBody(host));
     interpreter.setCallback(APICall::pair, extended(pair));
     interpreter.setCallback(APICall::backup, withBody(backup));
     interpreter.setCallback(APICall::backupStatus, extended(backupStatus));

@@ -5,6 +5,7 @@
 #include "core/backup/IBackupManager.h"
 #include "db/IDataProviderExtended.h"
 #include "info/IDriverInfoProvider.h"
+#include "info/VolumeProvider.h"
 #include "info/log/LoggingStack.h"
 #include "ordak/FeatureManager.h"
 #include "ordak/HTTPServer.h"
@@ -16,8 +17,9 @@ namespace agent::app {
 /// Makes the device API: has the certificates read or made, registers every handler, and calls `continuation`
 /// with the server, which is not started yet.
 void composeApi(info::LoggingStack& logging, db::IDataProviderExtended& dataProvider,
-                const IDriverInfoProvider& driverInfo, core::backup::IBackupManager& backupManager,
-                ordak::FeatureManager& features, IConfigData& config, core::IEngine& engine,
+                const IDriverInfoProvider& driverInfo, info::VolumeProvider& volumeProvider,
+                core::backup::IBackupManager& backupManager, ordak::FeatureManager& features,
+                IConfigData& config, core::IEngine& engine,
                 const std::function<void(ordak::HTTPServer&)>& continuation);
 
 } // namespace agent::app

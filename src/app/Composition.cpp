@@ -11,8 +11,10 @@
 #include "common/config/JSONConfigDataProvider.h"
 #include "core/backup/BackupManager.h"
 #include "core/script/CommandUtility.h"
+#include "db/DataMigrator.h"
 #include "db/DataProvider.h"
 #include "info/DriverInfoProvider.h"
+#include "info/VolumeProvider.h"
 #include "install/UpdateChecker.h"
 #include "ordak/FeatureManager.h"
 
@@ -22,19 +24,14 @@ namespace {
 
 using Continuation = std::function<void(ordak::TolvuBackupAgent&)>;
 
-/// For an installation that no earlier version of the agent has left state to.
-class NoLegacyState : public db::IDataMigrator {
-public:
-    bool migrate(Config& /*config*/) override { return true; }
-};
-
 /// The whole, from the services that make it up.
 void composeServices(info::Logger& logger, db::IDataProviderExtended& dataProvider,
-                     const IDriverInfoProvider& driverInfo, Config& config, core::IEngine& engine,
-                     ordak::HTTPServer& server, const Continuation& continuation) {
+                     const IDriverInfoProvider& driverInfo, info::VolumeProvider& volumeProvider,
+                     Config& config, core::IEngine& engine, ordak::HTTPServer& server,
+                     const Continuation& continuation) {
     const std::string updateUrl = "https://" + std::string(updateServiceHost) + "/win/version_21230.json";
     install::UpdateChecker updateChecker(logger, dataProvider, engine, updateUrl, version, driverInfo);
-    NoLegacyState migrator;
+    db::DataMigrator migrator(logger, dataProvider, volumeProvider);
     ordak::TolvuBackupAgent agent(logger, migrator, config, {&engine, &server, &updateChecker});
     continuation(agent);
 }
@@ -49,17 +46,18 @@ void composeTolvuBackupAgent(info::LoggingStack& logging, const Continuation& co
     dataProvider.getAgentUUID(); // made and stored on the first start
     logging.levelFilter.load(logger, dataProvider);
     const info::DriverInfoProvider driverInfo;
+    info::VolumeProvider volumeProvider(logger);
     core::backup::BackupManager backupManager(logger);
     ordak::FeatureManager features;
     JSONConfigDataProvider configProvider(dir::base() / "config.json");
     Config config(logger, configProvider, agentConfigOptions());
     core::script::CommandUtility commandUtility;
-    composeEngine(logger, dataProvider, driverInfo, commandUtility, backupManager,
+    composeEngine(logger, dataProvider, driverInfo, volumeProvider, commandUtility, backupManager,
                   [&](core::IEngine& engine) {
-                      composeApi(logging, dataProvider, driverInfo, backupManager, features, config, engine,
-                                 [&](ordak::HTTPServer& server) {
-                                     composeServices(logger, dataProvider, driverInfo, config, engine, server,
-                                                     continuation);
+                      composeApi(logging, dataProvider, driverInfo, volumeProvider, backupManager, features,
+                                 config, engine, [&](ordak::HTTPServer& server) {
+                                     composeServices(logger, dataProvider, driverInfo, volumeProvider, config,
+                                                     engine, server, continuation);
                                  });
                   });
 }

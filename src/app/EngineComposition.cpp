@@ -31,11 +31,6 @@ bool isHeartbeatDisabled(db::IDataProviderExtended& dataProvider) {
     }
 }
 
-/// The agent can't find volumes yet, so every backup fails at its first phase.
-std::shared_ptr<info::BackupableVolume> knowNoVolume(const std::string& /*uuid*/) {
-    return nullptr;
-}
-
 std::unique_ptr<core::backup::IBackup>
 makeBackup(info::Logger& logger, core::backup::IPhaseFactory& phaseFactory,
            db::IDataProviderExtended& dataProvider,
@@ -55,11 +50,13 @@ makeBackup(info::Logger& logger, core::backup::IPhaseFactory& phaseFactory,
 } // namespace
 
 void composeEngine(info::Logger& logger, db::IDataProviderExtended& dataProvider,
-                   const IDriverInfoProvider& driverInfo, core::script::ICommandUtility& commandUtility,
-                   core::backup::IBackupManager& backupManager,
+                   const IDriverInfoProvider& driverInfo, info::VolumeProvider& volumeProvider,
+                   core::script::ICommandUtility& commandUtility, core::backup::IBackupManager& backupManager,
                    const std::function<void(core::IEngine&)>& continuation) {
     core::script::Quiesce quiesce(logger, commandUtility);
-    core::backup::phase::PhaseFactory phaseFactory(logger, dataProvider, knowNoVolume);
+    core::backup::phase::PhaseFactory phaseFactory(logger, dataProvider, [&](const std::string& uuid) {
+        return volumeProvider.getBackupableVolume(uuid);
+    });
     core::Engine engine(
         logger, driverInfo, quiesce, backupManager,
         [&] { return std::make_unique<core::backup::BackupThread>(logger); },

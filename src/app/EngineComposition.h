@@ -6,6 +6,7 @@
 #include "core/script/ICommandUtility.h"
 #include "db/IDataProviderExtended.h"
 #include "info/IDriverInfoProvider.h"
+#include "info/VolumeProvider.h"
 #include "info/log/Logger.h"
 
 #include <functional>
@@ -14,8 +15,8 @@ namespace agent::app {
 
 /// Makes the engine, with the factories of its threads and backups, and calls `continuation` with it.
 void composeEngine(info::Logger& logger, db::IDataProviderExtended& dataProvider,
-                   const IDriverInfoProvider& driverInfo, core::script::ICommandUtility& commandUtility,
-                   core::backup::IBackupManager& backupManager,
+                   const IDriverInfoProvider& driverInfo, info::VolumeProvider& volumeProvider,
+                   core::script::ICommandUtility& commandUtility, core::backup::IBackupManager& backupManager,
                    const std::function<void(core::IEngine&)>& continuation);
 
 } // namespace agent::app

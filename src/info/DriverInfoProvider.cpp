@@ -1,37 +1,38 @@
 #include "info/DriverInfoProvider.h"
 
 #include "common/File.h"
+#include "common/Path.h"
 #include "common/PosixError.h"
 
 #include <cerrno>
-#include <fstream>
-#include <sstream>
+#include <optional>
 #include <stdexcept>
+#include <utility>
 
 namespace agent::info {
 
 namespace {
 
 constexpr const char* moduleName = "tolvubd";
-constexpr const char* statusFile = "/proc/tolvu-info";
-constexpr const char* moduleDirectory = "/sys/module/tolvubd";
-constexpr const char* versionFile = "/sys/module/tolvubd/version";
+constexpr const char* unusable = "Could not open driver version file. ";
 
 } // namespace
 
+DriverInfoProvider::DriverInfoProvider(DriverStatusFiles statusFiles) : statusFiles(std::move(statusFiles)) {}
+
 std::string DriverInfoProvider::getDriverVersion() const {
-    const std::string prefix = "Could not open driver version file. ";
-    if (!file::exists(moduleDirectory)) {
-        throw std::runtime_error(prefix + moduleName + " is not present on your system!");
+    // The directory comes and goes with the driver: it is the module's own below /sys/module.
+    if (!file::exists(Path(statusFiles.version).parent())) {
+        throw std::runtime_error(std::string(unusable) + moduleName + " is not present on your system!");
     }
-    std::ifstream file(versionFile);
-    if (!file) {
-        throw std::runtime_error("Could not open driver version file \"" + std::string(versionFile) +
+    const std::optional<std::string> text = readDriverStatusFile(statusFiles.version);
+    if (!text) {
+        throw std::runtime_error("Could not open driver version file \"" + statusFiles.version +
                                  "\". Error: " + PosixError::describe(errno));
     }
-    std::string version;
-    if (!std::getline(file, version) || version.empty()) {
-        throw std::runtime_error(prefix + "It holds no version.");
+    std::string version = text->substr(0, text->find('\n'));
+    if (version.empty()) {
+        throw std::runtime_error(std::string(unusable) + "It holds no version.");
     }
     return version;
 }
@@ -41,13 +42,11 @@ bool DriverInfoProvider::isRebootRequired() const {
 }
 
 std::string DriverInfoProvider::getDriverStatus() const {
-    std::ifstream file(statusFile);
-    if (!file) {
+    const std::optional<std::string> status = readDriverStatusFile(statusFiles.info);
+    if (!status) {
         throw std::runtime_error("Failed to open driver status info file");
     }
-    std::ostringstream status;
-    status << file.rdbuf();
-    return status.str();
+    return *status;
 }
 
 } // namespace agent::info

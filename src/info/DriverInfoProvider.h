@@ -1,16 +1,22 @@
 #pragma once
 
+#include "info/DriverStatusFiles.h"
 #include "info/IDriverInfoProvider.h"
 
 namespace agent::info {
 
-/// Reads what the snapshot driver tells of itself below /proc and /sys. See IDriverInfoProvider.
+/// Reads the files in which the snapshot driver shows its state. See IDriverInfoProvider.
 class DriverInfoProvider : public IDriverInfoProvider {
 public:
+    explicit DriverInfoProvider(DriverStatusFiles statusFiles = DriverStatusFiles::ofRunningDriver());
+
     [[nodiscard]] std::string getDriverVersion() const override;
     /// Never: the driver is loaded and replaced without a restart of the machine.
     [[nodiscard]] bool isRebootRequired() const override;
     [[nodiscard]] std::string getDriverStatus() const override;
+
+private:
+    DriverStatusFiles statusFiles;
 };
 
 } // namespace agent::info

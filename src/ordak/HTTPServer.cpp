@@ -301,10 +301,13 @@ void HTTPServer::Impl::endRequest(const MHD_Connection* connection) {
     }
 }
 
+/// What a request that overlapped with another one has left, because it didn't own the end, isn't the next
+/// one's.
 bool HTTPServer::Impl::takeFirstCall(const MHD_Connection* connection) {
     const std::lock_guard lock(mutex);
     if (firstCall) {
         current = connection;
+        data = std::string();
     }
     return std::exchange(firstCall, false);
 }

@@ -17,11 +17,13 @@ import pytest
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(ROOT))
 CERTIFICATES = "/etc/tolvu/bek/certs"
+pytest.register_assert_rewrite("snapshot_site")
 
 from lab import certificates  # noqa: E402
 from lab.appliance_client import Appliance  # noqa: E402
 from lab.daemon import DATABASE, PID_FILE, Daemon, program, require_private_site  # noqa: E402
 from lab.driver_facts import hide_driver, show_driver  # noqa: E402
+from lab.site import Site  # noqa: E402
 from lab.system_log import SystemLog  # noqa: E402
 
 
@@ -93,6 +95,19 @@ def driver():
     """A machine that looks as if the snapshot driver were loaded."""
     show_driver()
     yield
+    hide_driver()
+
+
+@pytest.fixture(scope="module")
+def lab_site(private_machine):
+    """The services that the agent asks for volumes, and the volumes of a lab site."""
+    with Site() as running:
+        yield running
+
+
+@pytest.fixture
+def no_driver(agent):
+    """The driver, if there was one, goes away while the agent runs."""
     hide_driver()
 
 

@@ -1,12 +1,14 @@
 """The device API of the real daemon: what an appliance can ask, and what comes of it."""
 import datetime
 import json
+import pathlib
 import uuid
 
 import pytest
 
 from lab.appliance_client import volume
 from lab.daemon import CONFIG, LOGS
+from lab.driver_facts import driver_version
 from lab.https_client import Client
 from lab.services import wait_until
 
@@ -23,8 +25,8 @@ PAIRED_ONLY = {
     ("POST", "/config"): "configSet", ("GET", "/v2/driver/status"): "driverStatus",
 }
 UNIMPLEMENTED = {
-    ("GET", "/basichost"): "basichost", ("POST", "/agentPairTicket"): "pairTicket", ("GET", "/host"): "host",
-    ("POST", "/command"): "command", ("GET", "/upgrade"): "upgradeGet", ("POST", "/upgrade"): "upgradeDo",
+    ("POST", "/agentPairTicket"): "pairTicket", ("POST", "/command"): "command",
+    ("GET", "/upgrade"): "upgradeGet", ("POST", "/upgrade"): "upgradeDo",
     ("POST", "/updsptcmdmod"): "updateSupportModule", ("GET", "/v2/system/services"): "services",
     ("GET", "/v2/system/updates"): "pendingUpdate",
 }
@@ -155,7 +157,7 @@ def wait_for_end(appliance, identifier):
     return wait_until(ended, SECONDS, "end of the backup")
 
 
-def test_backup_of_a_volume_that_does_not_exist(driver, agent, appliance):
+def test_backup_of_a_volume_that_does_not_exist(driver, lab_site, agent, appliance):
     """It starts, fails and says why; the list has it among the failed ones."""
     assert appliance.backups().content == {"active": [], "failed": [], "finished": []}
     status, content_type, identifier = appliance.backup([disk()], full=True)
@@ -168,7 +170,7 @@ def test_backup_of_a_volume_that_does_not_exist(driver, agent, appliance):
     assert detail.pop("transfer")["bytesTransferred"] == 0
     assert detail == {"volume": DISK, "status": "failed", "type": "incremental"} # until it is copied
     agent.wait_for_log("Backup run finished\n")
-    for line in ("[INFO:]     Handling backup start call", "[INFO:]     Driver version: lab-1.0",
+    for line in ("[INFO:]     Handling backup start call", f"[INFO:]     Driver version: {driver_version()}",
                  "[INFO:]     Backup transport interface: iSCSI",
                  f"[ERROR:]    Volume {DISK} could not be found.",
                  "[ERROR:]    Exception caught during backup run: Cannot backup non existing volume.",
@@ -222,7 +224,7 @@ def test_refused_backups(driver, agent, appliance):
     assert "Backup run beginning" not in agent.log
 
 
-def test_backup_without_the_driver(appliance):
+def test_backup_without_the_driver(no_driver, appliance):
     answer = appliance.backup([disk()])
     assert answer == (500, TEXT, "Could not open driver version file. tolvubd is not present on your system!")
     assert appliance.backups().content == {"active": [], "failed": [], "finished": []}
@@ -501,5 +503,18 @@ def test_install(agent, connect_appliance):
     assert connect_appliance().install() == (200, JSON, {"rebootRequired": False})
 
 
-def test_driver_status_without_a_driver(appliance):
+def test_driver_status_without_a_driver(no_driver, appliance):
     assert appliance.driver() == (200, JSON, {"driverStatus": "Not Available"})
+
+
+def test_driver_status(driver, appliance):
+    """The driver's own text, to the letter."""
+    text = pathlib.Path("/run/tolvubd/info").read_text(encoding="utf-8")
+    assert json.loads(text)["devices"] == []
+    assert appliance.driver() == (200, JSON, {"driverStatus": text})
+
+
+def test_driver_without_a_version(driver, no_driver, appliance):
+    pathlib.Path("/run/tolvubd").mkdir()
+    assert appliance.backup([disk()]) == (500, TEXT, "Could not open driver version file "
+                                          '"/run/tolvubd/version". Error: No such file or directory')

@@ -252,9 +252,11 @@ def test_large_body(unharmed, agent, client):
 
 def test_body_cut_off(unharmed, agent, client):
     """Nothing of it gets into the next request."""
-    for _ in range(5):
-        with client.connect() as connection:
-            connection.send(b"POST /logLevel HTTP/1.1\r\nHost: agent\r\nContent-Length: 100\r\n\r\n{\"sev")
+    for _ in range(20):
+        with contextlib.ExitStack() as together:
+            for connection in [together.enter_context(client.connect()) for _ in range(5)]:
+                connection.send(
+                    b"POST /logLevel HTTP/1.1\r\nHost: agent\r\nContent-Length: 100\r\n\r\n{\"sev")
     wait_until_idle(agent, unharmed)
     assert client.request("POST", "/logLevel", b'{"severity": 2}').status == 200
 

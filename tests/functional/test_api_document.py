@@ -5,6 +5,7 @@ import pytest
 
 from lab import api_examples
 from lab.https_client import Client
+from lab.site import Site
 
 DEVICE, STRANGER = api_examples.DEVICE, api_examples.STRANGER
 ROW = re.compile(r"^\| `(\w+)` \| (GET|POST|DELETE) \| `(\S+)` \| (any|paired) device \| (yes|no) \|$",
@@ -22,9 +23,15 @@ def clients(foreground, driver, site_authority, site_device):
     return [Client(site_authority.certificate, site_device(number)) for number in (DEVICE, STRANGER)]
 
 
-def test_examples_are_what_the_daemon_says(clients):
+@pytest.fixture(scope="module")
+def example_site(private_machine):
+    with Site(api_examples.VOLUMES) as site:
+        yield site
+
+
+def test_examples_are_what_the_daemon_says(clients, example_site):
     shown = api_examples.documented(document())
-    assert api_examples.Examples(*clients).collect() == shown
+    assert api_examples.Examples(*clients, example_site.disk).collect() == shown
 
 
 def test_putting_examples_into_the_document():
@@ -35,7 +42,7 @@ def test_putting_examples_into_the_document():
     assert api_examples.with_examples(changed, shown) == text
 
 
-def test_routes_are_served_as_the_table_says(clients):
+def test_routes_are_served_as_the_table_says(clients, example_site):
     device, stranger = clients
     assert device.request("POST", "/pair", b'{"deviceID": %d}' % DEVICE).status == 200
     rows = ROW.findall(document())

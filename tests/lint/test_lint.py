@@ -185,6 +185,11 @@ def test_a_chosen_rule_runs_alone(tree):
     assert [finding[2] for finding in lint(tree, "whitespace")[1]] == ["whitespace"]
 
 
+def test_a_corpus_may_hold_any_bytes(tree):
+    write_tree(tree, {"tests/fuzz/corpus/thing/seed": "one \ntwo"})
+    assert lint(tree, "whitespace")[1] == []
+
+
 def test_ignored_files_of_a_repository_are_left_alone(tree):
     write_tree(tree, {".gitignore": "made.txt\n", "made.txt": "one \n", "new.txt": "two \n"})
     subprocess.run(["git", "init", "--quiet", tree], check=True)

@@ -16,35 +16,57 @@ constexpr int parseErrorId = 101; // the library's number for an unexpected text
     throw json::parse_error::create(parseErrorId, std::size_t{0}, reason, static_cast<const json*>(nullptr));
 }
 
-/// Watches a document grow while it is parsed.
-class Limits {
+/// Watches a document go by, without keeping any of it. The library's own way to watch a document while it is
+/// built takes a time that grows with the square of an array's length.
+class Limits : public nlohmann::json_sax<json> {
 public:
-    bool operator()(int depth, json::parse_event_t event, const json& /*parsed*/) {
-        if (event == json::parse_event_t::object_start || event == json::parse_event_t::array_start) {
-            if (depth >= deepestJsonNesting) {
-                refuse("nested deeper than " + std::to_string(deepestJsonNesting) + " levels");
-            }
-            count();
-        } else if (event == json::parse_event_t::value) {
-            count();
+    bool null() override { return count(); }
+    bool boolean(bool /*value*/) override { return count(); }
+    bool number_integer(number_integer_t /*value*/) override { return count(); }
+    bool number_unsigned(number_unsigned_t /*value*/) override { return count(); }
+    bool number_float(number_float_t /*value*/, const string_t& /*text*/) override { return count(); }
+    bool string(string_t& /*value*/) override { return count(); }
+    bool binary(binary_t& /*value*/) override { return count(); }
+    bool key(string_t& /*value*/) override { return true; }
+    bool start_object(std::size_t /*elements*/) override { return descend(); }
+    bool end_object() override { return ascend(); }
+    bool start_array(std::size_t /*elements*/) override { return descend(); }
+    bool end_array() override { return ascend(); }
+    bool parse_error(std::size_t /*position*/, const std::string& /*token*/,
+                     const json::exception& /*error*/) override {
+        return false; // whoever builds the document will meet it again, and throw
+    }
+
+private:
+    bool count() {
+        if (++values > mostJsonValues) {
+            refuse("more than " + std::to_string(mostJsonValues) + " values");
         }
         return true;
     }
 
-private:
-    void count() {
-        if (++values > mostJsonValues) {
-            refuse("more than " + std::to_string(mostJsonValues) + " values");
+    bool descend() {
+        if (++depth > deepestJsonNesting) {
+            refuse("nested deeper than " + std::to_string(deepestJsonNesting) + " levels");
         }
+        return count();
+    }
+
+    bool ascend() {
+        --depth;
+        return true;
     }
 
     std::size_t values = 0;
+    int depth = 0;
 };
 
 } // namespace
 
 json parseJson(std::string_view text) {
-    return json::parse(text.begin(), text.end(), Limits());
+    Limits limits;
+    json::sax_parse(text.begin(), text.end(), &limits);
+    return json::parse(text.begin(), text.end());
 }
 
 } // namespace agent

@@ -5,8 +5,8 @@
 
 namespace agent::info {
 
-Logger::Logger(PrinterFunction printer)
-    : printer(std::move(printer)), mutex(std::make_shared<std::mutex>()) {}
+Logger::Logger(PrinterFunction printer, LevelFunction wanted)
+    : printer(std::move(printer)), wanted(std::move(wanted)), mutex(std::make_shared<std::mutex>()) {}
 
 LogEntry Logger::log(int level, const char* format, ...) {
     LogEntry entry(*this, level);
@@ -25,6 +25,10 @@ void Logger::print(const std::string& message, int level) const {
     }
     const std::lock_guard lock(*mutex);
     printer(message, level, std::chrono::system_clock::now());
+}
+
+bool Logger::isEnabled(int level) const {
+    return hasPrinter() && (!wanted || wanted(level));
 }
 
 } // namespace agent::info

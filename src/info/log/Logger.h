@@ -18,7 +18,8 @@ namespace agent::info {
 ///     logger.log(level::info, "Driver version: %s", version.c_str());
 class Logger {
 public:
-    explicit Logger(PrinterFunction printer);
+    /// `wanted` tells which levels anything at all comes of; without it that is every level.
+    explicit Logger(PrinterFunction printer, LevelFunction wanted = {});
 
     /// Formats, ends the line and delivers it. Returns an empty entry of the same logger and level.
     [[gnu::format(printf, 3, 4)]] LogEntry log(int level, const char* format, ...);
@@ -29,8 +30,13 @@ public:
 
     [[nodiscard]] bool hasPrinter() const noexcept { return static_cast<bool>(printer); }
 
+    /// Whether a message of this level reaches anybody. For loops that would log each round: asking once is
+    /// cheaper than making messages that nobody gets. What is logged all the same is delivered as ever.
+    [[nodiscard]] bool isEnabled(int level) const;
+
 private:
     PrinterFunction printer;
+    LevelFunction wanted;
     std::shared_ptr<std::mutex> mutex; // serialises the printer tree; shared by all copies of this logger
 };
 

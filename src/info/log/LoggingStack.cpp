@@ -26,7 +26,8 @@ LoggingStack::LoggingStack()
       filteredPrinter(passing(levelFilter), printing(failsafePrinter)),
       multiPrinter({printing(screenPrinter), printing(filteredPrinter)}),
       decoratedPrinter(multiDecorator, printing(multiPrinter)),
-      logger(printing(decoratedPrinter)),
+      logger(printing(decoratedPrinter),
+             [this](int level) { return levelFilter.threshold() >= level || ScreenPrinter::isWatched(); }),
       securityFilteredPrinter(passing(levelFilter), printing(filePrinter)),
       securityMultiPrinter(
           {printing(screenPrinter), printing(systemPrinter), printing(securityFilteredPrinter)}),

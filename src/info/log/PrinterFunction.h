@@ -16,6 +16,9 @@ using PrinterFunction = std::function<void(const std::string& message, int level
 /// As PrinterFunction; true means that the message has reached its sink.
 using FalliblePrinterFunction = std::function<bool(const std::string& message, int level, LogTime time)>;
 
+/// Whether messages of this level reach anybody.
+using LevelFunction = std::function<bool(int level)>;
+
 /// True lets the message pass.
 using FilterFunction = std::function<bool(const std::string& message, int level, LogTime time)>;
 

@@ -9,6 +9,9 @@ namespace agent::info {
 class ScreenPrinter {
 public:
     void print(const std::string& message, int level, LogTime time);
+
+    /// Whether standard output leads anywhere but to /dev/null, as it does for a daemon in the background.
+    [[nodiscard]] static bool isWatched();
 };
 
 } // namespace agent::info

@@ -1,5 +1,5 @@
+#include "support/TmpfsMount.h"
 #include "unit/db/DataProviderFixture.h"
-#include "unit/db/TmpfsMount.h"
 
 #include <chrono>
 #include <optional>

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include <ctime>
 #include <string>
 
 namespace agent {
@@ -55,6 +56,17 @@ TEST(ParseJson, BoundsTheDepth) {
               "[json.exception.parse_error.101] parse error: nested deeper than 128 levels");
 }
 
+/// A body of half a megabyte must not occupy a processor for seconds.
+TEST(ParseJson, TakesTimeInProportionToTheText) {
+    std::string many = "[{}";
+    for (int i = 1; i < 200'000; ++i) {
+        many += ",{}";
+    }
+    const std::clock_t start = std::clock();
+    EXPECT_EQ(parseJson(many + "]").size(), 200'000U);
+    EXPECT_LT((std::clock() - start) / CLOCKS_PER_SEC, 10); // it would be minutes
+}
+
 TEST(ParseJson, BoundsTheNumberOfValues) {
     std::string many = "[";
     for (std::size_t i = 0; i < mostJsonValues - 2; ++i) {
@@ -74,7 +86,7 @@ TEST(ParseJson, BoundsTheNumberOfValues) {
 }
 
 TEST(ParseJson, OneLongTextIsNoHarm) {
-    const std::string text = "\"" + std::string(64UL * 1024 * 1024, 'x') + "\"";
+    const std::string text = "\"" + std::string(16UL * 1024 * 1024, 'x') + "\"";
     EXPECT_EQ(parseJson(text).get_ref<const std::string&>().size(), text.size() - 2);
 }
 

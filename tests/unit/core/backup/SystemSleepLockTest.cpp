@@ -1,9 +1,9 @@
 #include "core/backup/SystemSleepLock.h"
 
 #include "core/script/UnixCommandStream.h"
+#include "support/MessageBus.h"
 #include "support/ProcessState.h"
 #include "support/RecordingLogger.h"
-#include "support/TestDirectory.h"
 #include "support/Waiting.h"
 
 #include <dbus/dbus.h>
@@ -30,45 +30,12 @@ namespace {
 
 using info::level::debug;
 using info::level::warning;
+using test::busSocket;
 using test::RecordingLogger;
 using testing::ElementsAre;
 using testing::StartsWith;
 
-const std::string busSocket = "/run/test-bus";
-const std::string busAddress = "unix:path=" + busSocket;
-
-/// libdbus reads the address once for the whole process, so it has to be set before any test; the tests have
-/// a bus behind it or not.
-class BusAddress : public testing::Environment {
-public:
-    void SetUp() override { ::setenv("DBUS_SYSTEM_BUS_ADDRESS", busAddress.c_str(), 1); }
-};
-const testing::Environment* const environment = testing::AddGlobalTestEnvironment(new BusAddress);
-
-/// A real message bus that lets everybody do everything.
-class Bus {
-public:
-    Bus() : daemon(command(directory / "bus.conf"), "", true) {
-        std::int64_t remaining = 20'000'000;
-        std::string address; // printed once the bus listens
-        if (!daemon.waitForOutput(remaining) || !daemon.readAvailable(address) ||
-            !address.starts_with(busAddress)) {
-            throw std::runtime_error("dbus-daemon: " + address);
-        }
-    }
-
-private:
-    static std::string command(const std::string& configuration) {
-        test::writeFile(configuration,
-                        "<busconfig><type>system</type><auth>EXTERNAL</auth><listen>" + busAddress +
-                            "</listen><policy context='default'><allow own='*'/><allow eavesdrop='true'/>"
-                            "<allow send_destination='*'/></policy></busconfig>");
-        return "exec dbus-daemon --nofork --nopidfile --print-address --config-file=" + configuration;
-    }
-
-    test::TestDirectory directory;
-    script::UnixCommandStream daemon;
-};
+const testing::Environment* const environment = testing::AddGlobalTestEnvironment(new test::BusAddress);
 
 /// A login manager that gives each call the reply that `answer` makes of it, or none where that is nothing.
 class LoginManagerStub {
@@ -167,14 +134,14 @@ TEST_F(SleepLock, WithoutABusNothingIsHeld) {
 }
 
 TEST_F(SleepLock, WithoutALoginManagerNothingIsHeld) {
-    const Bus bus;
+    const test::MessageBus bus;
     EXPECT_THAT(
         warningOfFailedLock(),
         StartsWith("Could not prevent system sleep: The name org.freedesktop.login1 was not provided"));
 }
 
 TEST_F(SleepLock, RefusalIsLogged) {
-    const Bus bus;
+    const test::MessageBus bus;
     const LoginManagerStub loginManager([](::DBusMessage* call) {
         return dbus_message_new_error(call, DBUS_ERROR_ACCESS_DENIED, "Permission denied by the test");
     });
@@ -182,7 +149,7 @@ TEST_F(SleepLock, RefusalIsLogged) {
 }
 
 TEST_F(SleepLock, ReplyWithoutADescriptorHoldsNothing) {
-    const Bus bus;
+    const test::MessageBus bus;
     const LoginManagerStub loginManager([](::DBusMessage* call) {
         ::DBusMessage* message = dbus_message_new_method_return(call);
         const char* text = "no descriptor";
@@ -193,7 +160,7 @@ TEST_F(SleepLock, ReplyWithoutADescriptorHoldsNothing) {
 }
 
 TEST_F(SleepLock, EmptyReplyHoldsNothing) {
-    const Bus bus;
+    const test::MessageBus bus;
     const LoginManagerStub loginManager(
         [](::DBusMessage* call) { return dbus_message_new_method_return(call); });
     EXPECT_THAT(warningOfFailedLock(), StartsWith("Could not prevent system sleep: Argument 0 is specified"));
@@ -228,7 +195,7 @@ protected:
 
     FileDescriptor watched;
     FileDescriptor given;
-    Bus bus;
+    test::MessageBus bus;
     LoginManagerStub loginManager{[this](::DBusMessage* call) { return giveLock(call); }};
 };
 

@@ -150,5 +150,13 @@ TEST_F(LoggerTest, TimesNeverRunBackwards) {
     EXPECT_TRUE(std::is_sorted(times.begin(), times.end()));
 }
 
+TEST_F(LoggerTest, TellsWhichLevelsReachAnybody) {
+    EXPECT_TRUE(record.logger.isEnabled(level::debug));
+    EXPECT_FALSE(Logger({}).isEnabled(level::critical));
+    Logger upToInfo([](const std::string&, int, LogTime) {}, [](int level) { return level <= level::info; });
+    EXPECT_TRUE(upToInfo.isEnabled(level::info));
+    EXPECT_FALSE(upToInfo.isEnabled(level::debug));
+}
+
 } // namespace
 } // namespace agent::info

@@ -1,0 +1,71 @@
+"""What the description of the host costs by the number of volumes; to be run on a release build:
+
+    BEKD_BUILD=build/release lab/namespace /usr/bin/python3 -m bench.api.api_host
+
+The peer, asked in turns with the daemon, is `busctl` that has udisks2 send all of its objects once: no less
+can tell which volumes there are. It opens no devices and has no TLS, but is a new process each time.
+"""
+import contextlib
+import shutil
+import statistics
+import subprocess
+import tempfile
+import time
+
+from lab.appliance_client import Appliance
+from lab.certificates import Authority, install
+from lab.daemon import BASE, Daemon, require_private_site
+from lab.site import Site
+from lab.volumes import Volume
+
+DEVICE = 4711
+COUNTS = (4, 40)
+WARM_UP = 5
+ROUNDS = 100
+PEER = ("busctl", "--system", "call", "org.freedesktop.UDisks2", "/org/freedesktop/UDisks2",
+        "org.freedesktop.DBus.ObjectManager", "GetManagedObjects")
+
+
+def ask_peer():
+    subprocess.run(PEER, check=True, stdout=subprocess.DEVNULL)
+
+
+def seconds_of(action):
+    begin = time.perf_counter()
+    action()
+    return time.perf_counter() - begin
+
+
+def race(*actions):
+    """The medians of the actions, which take turns."""
+    rounds = [[seconds_of(action) for action in actions] for _ in range(WARM_UP + ROUNDS)]
+    return [statistics.median(taken) for taken in zip(*rounds[WARM_UP:])]
+
+
+def race_host(appliance, count):
+    volumes = [Volume(f"v{number}", "ext4", 8) for number in range(count)]
+    with Site(volumes) as site:
+        described = {volume["guid"] for volume in appliance.host().content["volumes"]}
+        assert {partition.uuid for partition in site.disk} <= described
+        host, peer = race(appliance.host, ask_peer)
+    print(f"{len(described):8} {host * 1000:12.1f} {peer * 1000:12.1f} {host / peer:12.2f}", flush=True)
+
+
+def main():
+    require_private_site()
+    shutil.rmtree(BASE, ignore_errors=True)
+    with contextlib.ExitStack() as lasting:
+        authority = Authority(lasting.enter_context(tempfile.TemporaryDirectory()), key_type="rsa")
+        device = authority.device(DEVICE)
+        install(authority.agent(), authority, BASE / "certs")
+        lasting.enter_context(Daemon(foreground=False)).wait_until_ready()
+        appliance = lasting.enter_context(Appliance(certificate=device.certificate, key=device.key,
+                                                    authority=authority.certificate))
+        assert appliance.pair(DEVICE).status == 200
+        print(f"{'volumes':>8} {'GET /host ms':>12} {'busctl ms':>12} {'ratio':>12}", flush=True)
+        for count in COUNTS:
+            race_host(appliance, count)
+
+
+if __name__ == "__main__":
+    main()

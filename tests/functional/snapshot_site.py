@@ -1,0 +1,185 @@
+"""A site whose volumes can be snapshotted, and the program that takes snapshots as a backup does.
+
+    with SnapshotSite() as site:
+        with site.session("data") as session:
+            facts = session.start()["data"]
+            session.end("success")
+"""
+import contextlib
+import hashlib
+import json
+import os
+import pathlib
+import shutil
+import struct
+import subprocess
+import tempfile
+
+from lab.daemon import BASE, CONFIG, program
+from lab.services import wait_until
+from lab.site import Site
+from lab.snapshots import MOUNT_ROOT, Session
+from lab.volumes import Volume, backing_files, make_node
+
+SECONDS = 60
+UNIT = 4096
+COW_MIB = 100
+DRIVER_STORE = pathlib.Path("/var/lib/tolvubd")
+DRIVER_RUNTIME = pathlib.Path("/run/tolvubd")
+OWN_FILES = (".tolvu", ".tolvu1", ".tolvu.inc")
+EXT4 = Volume("data", "ext4", mebibytes=256, mount_point="/mnt/Büro und Lager")
+XFS = Volume("files", "xfs", mebibytes=320, mount_point="/mnt/files")
+
+
+def differing_units(one, other):
+    """The numbers of the 4096-byte units in which two captures differ."""
+    assert len(one) == len(other)
+    return {at // UNIT for at in range(0, len(one), UNIT) if one[at:at + UNIT] != other[at:at + UNIT]}
+
+
+def read_device(path):
+    return pathlib.Path(path).read_bytes()
+
+
+def read_record(path, units):
+    """The units that a CoW file's table marks, and the count in its header."""
+    content = pathlib.Path(path).read_bytes()[:UNIT + 8 * units]
+    magic, changed = struct.unpack_from("<I52xQ", content)
+    assert magic == 4776
+    marks = struct.unpack_from(f"<{units}Q", content, UNIT)
+    return {unit for unit, mark in enumerate(marks) if mark}, changed
+
+
+def tree_hashes(root):
+    """What every file of a tree holds, but for those of the driver and the agent."""
+    return {str(path.relative_to(root)): hashlib.sha256(path.read_bytes()).hexdigest()
+            for path in pathlib.Path(root).rglob("*") if path.is_file() and path.name not in OWN_FILES}
+
+
+def backing_device(loop):
+    """The number of the device that an attached loop device's image is on."""
+    make_node(loop)
+    listing = subprocess.run(["losetup", "--noheadings", "--output", "BACK-MAJ:MIN", f"/dev/{loop}"],
+                             capture_output=True, text=True, check=False)
+    return listing.stdout.strip()
+
+
+class SnapshotSite:
+    """Volumes with small CoW files. Whatever the driver keeps is gone with the site."""
+
+    def __init__(self, volumes=(EXT4, XFS)):
+        self._site = Site(volumes)
+
+    def __enter__(self):
+        self._site.__enter__()
+        BASE.mkdir(parents=True, exist_ok=True)
+        self.set_cow_size(COW_MIB)
+        return self
+
+    def __exit__(self, *exception):
+        self.forget_snapshots()
+        return self._site.__exit__(*exception)
+
+    def __getitem__(self, name):
+        return self._site.disk[name]
+
+    @property
+    def names(self):
+        return [partition.name for partition in self._site.disk]
+
+    @property
+    def udisks(self):
+        return self._site.udisks
+
+    def mount_point(self, name):
+        return pathlib.Path(self[name].volume.mount_point)
+
+    def set_cow_size(self, mebibytes):
+        CONFIG.write_text(json.dumps(
+            {f"volumes.{partition.uuid}.cowFileSizeMiB": mebibytes for partition in self._site.disk}))
+
+    def session(self, *names, incremental=True):
+        return Session([self[name] for name in names or self.names], incremental)
+
+    def run_session(self, *names, incremental=True, outcome="success"):
+        """A whole session; returns what it told at its start and at its end."""
+        with self.session(*names, incremental=incremental) as session:
+            return session.start(), session.end(outcome)
+
+    def devices(self):
+        """The driver's devices, by the number of each."""
+        status = json.loads((DRIVER_RUNTIME / "info").read_text())
+        return {device["minor"]: device for device in status["devices"]}
+
+    def states(self):
+        """Of the devices there are."""
+        return [device["state"] for device in self.devices().values()]
+
+    def own_files(self, name):
+        """The files of the driver and the agent on a volume."""
+        return sorted(path.name for path in self.mount_point(name).glob(".tolvu*"))
+
+    @staticmethod
+    def nodes():
+        return sorted(path.name for path in pathlib.Path("/dev").iterdir() if "tolvu" in path.name)
+
+    @staticmethod
+    def mounts():
+        """What is mounted below the place of the snapshots."""
+        lines = pathlib.Path("/proc/self/mountinfo").read_text().splitlines()
+        return [line.split()[4] for line in lines if line.split()[4].startswith(str(MOUNT_ROOT))]
+
+    def extra_loops(self):
+        """The loop devices of the driver's captures. Those of other namespaces have the same names."""
+        store = DRIVER_STORE.stat().st_dev
+        return [name for name, file in backing_files().items() if file.endswith(".img")
+                and backing_device(name) == f"{os.major(store)}:{os.minor(store)}"]
+
+    def check_clean(self):
+        """No session is under way and none has left anything but the files of tracking."""
+        assert self.nodes() == []
+        assert self.mounts() == []
+        # udev may be looking at a device that is to go: it goes with the last who has it open.
+        wait_until(lambda: self.extra_loops() == [], SECONDS, "captures detached")
+        assert not MOUNT_ROOT.exists() or list(MOUNT_ROOT.iterdir()) == []
+        assert len(list(DRIVER_STORE.glob("*.img"))) == len(self.devices())
+        for device in self.devices().values():
+            assert device["state"] == 2
+
+    def check_writable(self, name):
+        """A file can be written at once: the file system isn't frozen."""
+        probe = self.mount_point(name) / "probe"
+        writer = subprocess.Popen(["dd", "if=/dev/urandom", f"of={probe}", "bs=4k", "count=1", "conv=fsync",
+                                   "status=none"])
+        try:
+            assert writer.wait(1) == 0
+        except subprocess.TimeoutExpired:
+            subprocess.run(["fsfreeze", "--unfreeze", self.mount_point(name)], check=False)
+            writer.wait(SECONDS)
+            raise AssertionError(f"{name} is frozen") from None
+        probe.unlink()
+
+    def forget_snapshots(self):
+        """As if there had never been a driver."""
+        for path in self.mounts():
+            subprocess.run(["umount", path], check=True)
+        if (DRIVER_RUNTIME / "info").exists():
+            for minor in self.devices():
+                subprocess.run([program("tolvuctl"), "destroy", str(minor)], check=True)
+        for path in DRIVER_STORE.iterdir():
+            path.unlink()
+        shutil.rmtree(DRIVER_RUNTIME, ignore_errors=True)
+        shutil.rmtree(MOUNT_ROOT, ignore_errors=True)
+
+    @contextlib.contextmanager
+    def restarted_machine(self):
+        """The driver as after a restart of the machine, and its tool where the reload scripts look for it."""
+        shutil.rmtree(DRIVER_RUNTIME)
+        with tempfile.TemporaryDirectory(dir="/run") as tools:
+            shutil.copy(program("tolvuctl"), tools)
+            subprocess.run(["mount", "-t", "overlay", "-o", f"lowerdir={tools}:/usr/bin", "overlay",
+                            "/usr/bin"], check=True)
+            try:
+                yield
+            finally:
+                subprocess.run(["umount", "--lazy", "/usr/bin"], check=True) # it runs from there itself

@@ -1,0 +1,148 @@
+"""What the daemon takes over from an earlier version at its start, and the sizes of CoW files."""
+import contextlib
+import json
+import sqlite3
+
+import pytest
+
+from lab.daemon import BASE, CONFIG
+from snapshot_site import EXT4, XFS, SnapshotSite
+
+LEGACY = BASE / "bekd.sqlite"
+MIGRATED = BASE / "bekd.sqlite.tolvu-migrated"
+OLD_UUID = "11111111-2222-3333-4444-555555555555"
+
+
+@pytest.fixture
+def lab_site(site):
+    with SnapshotSite() as made:
+        CONFIG.unlink()
+        yield made
+
+
+def make_legacy(statements=""):
+    BASE.mkdir(parents=True, exist_ok=True)
+    with contextlib.closing(sqlite3.connect(LEGACY)) as connection:
+        connection.executescript(
+            "create table device (id integer not null); create table config (name text, value text);"
+            "create table history (id integer primary key, device text, volume text, result text, "
+            "image_chksum integer);" + statements)
+    return LEGACY.read_bytes()
+
+
+def cow_sizes():
+    return json.loads(CONFIG.read_text())
+
+
+def cow_size(lab_site, name, file):
+    """In MiB."""
+    return (lab_site.mount_point(name) / file).stat().st_size / (1 << 20)
+
+
+def test_state_is_taken_over_once(lab_site, foreground, database):
+    """Device, identity, checksums and CoW sizes; a second start finds nothing to do."""
+    data, files = lab_site["data"], lab_site["files"]
+    content = make_legacy(
+        f"insert into device values (4711); insert into config values ('agentUUID', '{OLD_UUID}'), "
+        "('cow_percent', '50'), ('max_cow_megs', '150');"
+        "insert into history (device, result, image_chksum) values "
+        f"('/dev/disk/by-uuid/{data.uuid}', 'success', 7), "
+        f"('/dev/disk/by-uuid/{data.uuid}', 'success', 12345), ('{data.uuid}', 'failed', 9);")
+    assert foreground().stop() == 0
+    assert database("select id, ip, agentUUID from device") == [(4711, "", "")]
+    assert database("select value from config where key = 'agentUUID'") == [(OLD_UUID,)]
+    assert database("select volume_uuid, image_checksum, image_checksum_type from volumes") == [
+        (data.uuid, "12345", "gcrypt32crc")]
+    assert cow_sizes() == {f"volumes.{data.uuid}.cowFileSizeMiB": EXT4.mebibytes // 2,
+                           f"volumes.{files.uuid}.cowFileSizeMiB": 150}
+    assert not LEGACY.exists()
+    assert MIGRATED.read_bytes() == content
+
+    CONFIG.write_text("{}")
+    again = foreground()
+    assert f"Agent installation UUID: {OLD_UUID}\n" in again.log
+    assert f"The legacy database ({LEGACY}) doesn't exist" in again.output
+    assert again.stop() == 0
+    assert cow_sizes() == {}
+
+
+def test_sizes_that_were_taken_over_are_used(lab_site, foreground):
+    """By the next snapshot: 40 % of the one volume, and what the other one was limited to."""
+    make_legacy("insert into config values ('cow_percent', '40'), ('max_cow_megs', '110');")
+    assert foreground().stop() == 0
+    with lab_site.session(incremental=False) as session:
+        session.start()
+        assert cow_size(lab_site, "data", ".tolvu") == int(EXT4.mebibytes * 0.4)
+        assert cow_size(lab_site, "files", ".tolvu") == 110 < XFS.mebibytes * 0.4
+        session.end("success")
+
+
+def test_volume_that_was_tracked_is_owed_nothing(lab_site, foreground):
+    """Its history is made, so that its next backup can be incremental."""
+    lab_site.set_cow_size(100)
+    lab_site.run_session("data", incremental=False)
+    history = lab_site.mount_point("data") / ".tolvu.inc"
+    history.unlink()
+    make_legacy()
+    assert foreground().stop() == 0
+    assert not any(history.read_bytes()[4096:])
+    assert lab_site.own_files("files") == []
+    started, _ = lab_site.run_session("data")
+    assert started["data"]["incrementalPreserved"] is True
+
+
+def test_without_volumes_the_next_start_tries_again(foreground, database):
+    """The daemon runs all the same."""
+    make_legacy("insert into device values (4711);")
+    daemon = foreground()
+    assert "[ERROR:]    Failed to migrate the legacy database data!\n" in daemon.log
+    assert "[ERROR:]    Failed to migrate legacy database!\n" in daemon.log
+    assert daemon.stop() == 0
+    assert LEGACY.exists()
+    with SnapshotSite((EXT4,)):
+        assert foreground().stop() == 0
+    assert MIGRATED.exists() and not LEGACY.exists()
+    assert database("select id from device") == [(4711,)]
+
+
+def test_directory_in_place_of_the_file(foreground):
+    """It is reported and left alone, and the daemon runs."""
+    LEGACY.mkdir(parents=True)
+    daemon = foreground()
+    assert "[ERROR:]    Exception caught while attempting to migrate the legacy database: " in daemon.log
+    assert daemon.stop() == 0
+    assert LEGACY.is_dir()
+
+
+def test_new_name_that_is_taken(lab_site, foreground, database):
+    """The data is moved at each start until the file can be renamed."""
+    make_legacy("insert into device values (4711);")
+    MIGRATED.mkdir()
+    for _ in range(2):
+        daemon = foreground()
+        assert f"[ERROR:]    Failed to rename the legacy database to {MIGRATED}\n" in daemon.log
+        assert ("[ERROR:]    Failed to rename the legacy database file! Delete this file to prevent "
+                "unnecessary data migration!\n") in daemon.log
+        assert daemon.stop() == 0
+        assert database("select id from device") == [(4711,)]
+        database("delete from device")
+    MIGRATED.rmdir()
+    assert foreground().stop() == 0
+    assert MIGRATED.is_file()
+
+
+def test_size_set_by_the_appliance_is_used(lab_site, appliance):
+    """By the next snapshot, while the daemon runs."""
+    key = f"volumes.{lab_site['files'].uuid}.cowFileSizeMiB"
+    assert appliance.set_config({key: 120}).status == 200
+    with lab_site.session("files", incremental=False) as session:
+        session.start()
+        assert cow_size(lab_site, "files", ".tolvu") == 120
+        assert f"4 Found the {key} configuration option (120)\n" in session.log
+        session.end("success")
+    assert appliance.set_config({key: 20}).status == 200
+    with lab_site.session("files") as session:
+        session.start()
+        assert cow_size(lab_site, "files", ".tolvu1") == 100
+        assert "2 Invalid cow file size (20) Clamping to (100)\n" in session.log
+        session.end("success")

@@ -1,0 +1,402 @@
+"""Snapshots of real file systems, taken and ended as a backup does, with the driver's stand-in."""
+import os
+import pathlib
+import random
+import re
+import shutil
+import subprocess
+
+import pytest
+
+from lab.daemon import BASE, program
+from lab.snapshots import MOUNT_ROOT, SessionError
+from snapshot_site import (COW_MIB, DRIVER_RUNTIME, DRIVER_STORE, EXT4, UNIT, SnapshotSite,
+                           differing_units, read_device, read_record, tree_hashes)
+
+MIB = 1 << 20
+BOTH = ("data", "files")
+
+
+@pytest.fixture
+def lab_site(site):
+    with SnapshotSite() as made:
+        for name in made.names:
+            fill_tree(made.mount_point(name), seed=1)
+        yield made
+
+
+@pytest.fixture
+def small_site(site):
+    """One volume only, for what is done many times."""
+    with SnapshotSite((EXT4,)) as made:
+        fill_tree(made.mount_point("data"), seed=1)
+        yield made
+
+
+def fill_tree(root, seed):
+    """Writes some files of random content, and takes some away."""
+    numbers = random.Random(seed)
+    for number in range(20):
+        path = pathlib.Path(root, f"folder {number % 3}", f"file {numbers.randrange(40)}")
+        path.parent.mkdir(exist_ok=True)
+        path.write_bytes(numbers.randbytes(numbers.randrange(200_000)))
+    for path in sorted(pathlib.Path(root).glob("*/file *"))[::7]:
+        path.unlink()
+
+
+def fail_session(site, incremental=True, trace=()):
+    """Runs a session whose start must fail; ends it as a backup does. Returns the text and the log."""
+    with site.session(incremental=incremental) as session:
+        if trace:
+            session.trace(*trace)
+        with pytest.raises(SessionError) as caught:
+            session.start()
+        try:
+            session.end("failure")
+        except SessionError as error: # a volume without a device has no record to tell of
+            assert str(error).startswith("Unable to determine incremental bitmap file name.")
+        return str(caught.value), session.log
+
+
+def recover(site, incremental):
+    """What the next backups do after one that was killed: at most one of them fails."""
+    for _ in range(2):
+        with site.session(incremental=incremental) as session:
+            try:
+                session.start()
+                return session.end("success")
+            except SessionError as error:
+                failure = f"{error}\n{session.log}"
+                try:
+                    session.end("failure")
+                except SessionError:
+                    pass # there is no device any more
+    raise AssertionError(failure)
+
+
+def test_snapshot_stands_still(lab_site):
+    """While the volumes change, their mounted snapshots show what was there before."""
+    before = {name: tree_hashes(lab_site.mount_point(name)) for name in BOTH}
+    with lab_site.session(incremental=False) as session:
+        facts = session.start()
+        for name in BOTH:
+            snapshot = MOUNT_ROOT / lab_site[name].uuid
+            fill_tree(lab_site.mount_point(name), seed=2)
+            os.sync()
+            assert tree_hashes(snapshot) == before[name] != tree_hashes(lab_site.mount_point(name))
+            with pytest.raises(OSError, match="Read-only"):
+                (snapshot / "new").touch()
+            assert facts[name]["excludedFiles"] == [str(snapshot / file)
+                                                    for file in (".tolvu", ".tolvu1", ".tolvu.inc")]
+            assert facts[name]["incrementalPreserved"] is False
+            size = lab_site[name].volume.mebibytes * MIB
+            assert facts[name]["volumeSize"] == size == len(read_device(facts[name]["snapshotPath"]))
+        assert lab_site.states() == [3, 3]
+        assert MOUNT_ROOT.stat().st_mode & 0o777 == 0o700
+        ended = session.end("success")
+    for name in BOTH:
+        assert ended[name]["incrementalPreserved"] is True
+        assert ended[name]["fileName"] == str(lab_site.mount_point(name) / ".tolvu")
+        assert lab_site.own_files(name) == [".tolvu", ".tolvu.inc"]
+        lab_site.check_writable(name)
+    lab_site.check_clean()
+
+
+def test_record_marks_exactly_what_differs(lab_site):
+    """The closed CoW file of an incremental marks the units in which the two captures differ, no other."""
+    captures = {}
+    with lab_site.session(incremental=False) as session:
+        facts = session.start()
+        captures = {name: read_device(facts[name]["snapshotPath"]) for name in BOTH}
+        session.end("success")
+    for name in BOTH:
+        fill_tree(lab_site.mount_point(name), seed=3)
+    with lab_site.session() as session:
+        facts = session.start()
+        for name in BOTH:
+            assert facts[name]["incrementalPreserved"] is True
+            assert facts[name]["fileName"] == str(lab_site.mount_point(name) / ".tolvu")
+            assert facts[name]["bitmapOffset"] == UNIT
+            changed = differing_units(captures[name], read_device(facts[name]["snapshotPath"]))
+            marked, count = read_record(facts[name]["fileName"], len(captures[name]) // UNIT)
+            assert marked == changed
+            assert count == len(changed) > 100
+            assert facts[name]["unchangedBlocks"] == facts[name]["bitmapEntries"] - count
+        ended = session.end("success")
+    for name in BOTH:
+        assert lab_site.own_files(name) == [".tolvu.inc", ".tolvu1"]
+        assert ended[name]["fileName"].endswith("/.tolvu1")
+    lab_site.check_clean()
+
+
+def test_failed_backup_is_made_good_by_the_next(small_site):
+    """What a failed session has not delivered comes back in the next one, and once that has succeeded, no
+    more."""
+    captures, marked, counts = [], [], []
+    for outcome in ("success", "failure", "failure", "success", "success"):
+        with small_site.session(incremental=bool(captures)) as session:
+            facts = session.start()["data"]
+            captures.append(read_device(facts["snapshotPath"]))
+            marks, count = read_record(facts["fileName"], len(captures[0]) // UNIT)
+            marked.append(marks)
+            counts.append(count)
+            assert facts["incrementalPreserved"] is (len(captures) > 1)
+            session.end(outcome)
+        fill_tree(small_site.mount_point("data"), seed=10 + len(captures))
+    steps = [differing_units(one, other) for one, other in zip(captures, captures[1:])]
+    assert marked[1] == steps[0]
+    assert marked[2] == steps[0] | steps[1]
+    assert marked[3] == steps[0] | steps[1] | steps[2]
+    assert marked[4] == steps[3]
+    assert counts[1:] == [len(step) for step in steps] # the merge adds to the table, not to the header
+    small_site.check_clean()
+
+
+def test_failed_first_backup_leaves_no_device(small_site):
+    """A volume that wasn't tracked before a failed backup isn't after it."""
+    with small_site.session(incremental=False) as session:
+        session.start()
+        with pytest.raises(SessionError, match="No device available"):
+            session.end("failure")
+        log = session.log
+    assert small_site.devices() == {}
+    assert (f"1 Failed to transition volume {small_site['data'].uuid} ({small_site.mount_point('data')}) "
+            "to incremental. This volume may diff-merge next backup.\n") in log
+    small_site.check_clean()
+    small_site.run_session(incremental=False)
+    assert small_site.states() == [2]
+
+
+def test_tracking_outlives_a_restart(lab_site):
+    """After a restart of the machine the reload scripts give tracking back, and the next session knows what
+    has changed meanwhile."""
+    with lab_site.session(incremental=False) as session:
+        facts = session.start()
+        captures = {name: read_device(facts[name]["snapshotPath"]) for name in BOTH}
+        session.end("success")
+    scripts = sorted(BASE.glob("reload_*"))
+    assert [path.name for path in scripts] == ["reload_0", "reload_1"]
+    assert {path.stat().st_mode & 0o7777 for path in scripts} == {0o700}
+    with lab_site.restarted_machine():
+        for script in scripts:
+            subprocess.run([script], check=True)
+    assert {device["block_device"] for device in lab_site.devices().values()} == {
+        f"/dev/disk/by-uuid/{lab_site[name].uuid}" for name in BOTH}
+    for name in BOTH:
+        fill_tree(lab_site.mount_point(name), seed=4)
+    with lab_site.session() as session:
+        facts = session.start()
+        for name in BOTH:
+            assert facts[name]["incrementalPreserved"] is True
+            changed = differing_units(captures[name], read_device(facts[name]["snapshotPath"]))
+            marked, _ = read_record(facts[name]["fileName"], len(captures[name]) // UNIT)
+            assert marked == changed
+        session.end("success")
+    lab_site.check_clean()
+
+
+def test_restart_without_reload(small_site):
+    """A device that nothing has given back is set up anew, and the backup isn't incremental."""
+    small_site.run_session(incremental=False)
+    shutil.rmtree(DRIVER_RUNTIME)
+    subprocess.run([program("tolvuctl"), "cleanup"], check=True)
+    started, ended = small_site.run_session()
+    assert started["data"]["incrementalPreserved"] is False
+    assert ended["data"]["incrementalPreserved"] is True
+    small_site.check_clean()
+
+
+def test_no_uuid_twin(lab_site):
+    """A snapshot carries its volume's UUID, but neither udev nor udisks takes it for the volume."""
+    with lab_site.session(incremental=False) as session:
+        session.start()
+        subprocess.run(["udevadm", "trigger", "--settle", "--subsystem-match=block"], check=True)
+        listing = subprocess.run([program("Volumes")], input="\n", capture_output=True, text=True, check=True)
+        for name in BOTH:
+            link = pathlib.Path("/dev/disk/by-uuid", lab_site[name].uuid)
+            assert str(link.resolve()) == lab_site[name].device
+            assert listing.stdout.count(f'"uuid":"{lab_site[name].uuid}"') == 1
+        session.end("success")
+
+
+def test_full_volume(lab_site):
+    """A volume without room for its CoW file stops the session before any snapshot, of the others too."""
+    mount_point = lab_site.mount_point("files")
+    with open(mount_point / "ballast", "wb") as file:
+        os.posix_fallocate(file.fileno(), 0, free_bytes(mount_point) - COW_MIB * MIB)
+    text, log = fail_session(lab_site, incremental=False)
+    assert text == "Cannot backup a full volume"
+    uuid = lab_site["files"].uuid
+    assert re.search(rf"^1 The required free space for volume {uuid} is \d+ bytes \(100\.6\d* MiB\), "
+                     rf"but only \d+ bytes \(\S+ MiB\) is available\n1 Volume {uuid} \({mount_point}\) "
+                     "is full, not enough free space to perform a backup$", log, re.MULTILINE)
+    assert not (DRIVER_RUNTIME / "info").exists() or lab_site.devices() == {}
+    assert lab_site.own_files("data") == []
+
+
+def free_bytes(path):
+    status = os.statvfs(path)
+    return status.f_bfree * status.f_bsize
+
+
+def test_volume_without_mount_point(site):
+    """It has no room that anybody could use."""
+    with SnapshotSite((EXT4,)) as lab_site:
+        subprocess.run(["umount", lab_site.mount_point("data")], check=True)
+        text, log = fail_session(lab_site)
+        assert text == "Cannot backup a full volume"
+        assert f"1 Volume {lab_site['data'].uuid} is full, not enough free space" in log
+        subprocess.run(["mount", lab_site["data"].device, lab_site.mount_point("data")], check=True)
+
+
+def test_read_only_volume(small_site):
+    """No CoW file can be made on it. Once it can be written again, so can snapshots."""
+    mount_point = small_site.mount_point("data")
+    subprocess.run(["mount", "-o", "remount,ro", mount_point], check=True)
+    text, log = fail_session(small_site, incremental=False)
+    assert text == "Failed to start snapshot!"
+    assert "1 error from calling setup_snapshot for device: " in log
+    assert "errno: 30" in log # EROFS
+    subprocess.run(["mount", "-o", "remount,rw", mount_point], check=True)
+    small_site.run_session(incremental=False)
+    small_site.check_clean()
+
+
+def test_no_room_for_the_capture(small_site):
+    """The driver says so; the volume is as it was."""
+    subprocess.run(["mount", "-o", "remount,size=1m", DRIVER_STORE], check=True)
+    text, log = fail_session(small_site, incremental=False)
+    subprocess.run(["mount", "-o", "remount,size=1g", DRIVER_STORE], check=True)
+    assert text == "Failed to start snapshot!"
+    assert "errno: 28" in log # ENOSPC
+    small_site.check_writable("data")
+    assert small_site.own_files("data") == []
+    small_site.check_clean()
+
+
+def test_no_room_for_the_cow_file(small_site):
+    """The room that was there when it was looked for is gone when the driver wants it."""
+    text, log = fail_session(small_site, incremental=False,
+                             trace=("-e", "trace=fallocate", "-e", "inject=fallocate:error=ENOSPC"))
+    assert text == "Failed to start snapshot!"
+    assert "errno: 28" in log
+    small_site.check_writable("data")
+    assert small_site.own_files("data") == []
+    small_site.check_clean()
+
+
+def test_no_room_for_the_history(small_site):
+    """The session ends all the same, and the volume is tracked. A later one that is to roll forward a history
+    which breaks off fails once, and mends it."""
+    mount_point = small_site.mount_point("data")
+    with small_site.session(incremental=False) as session:
+        session.start()
+        subprocess.run(["dd", "if=/dev/zero", f"of={mount_point}/ballast", "bs=4k", "status=none"],
+                       check=False, stderr=subprocess.DEVNULL)
+        assert session.end("success")["data"]["incrementalPreserved"] is True
+        assert (f"1 Unable to write to incremental history file {mount_point}/.tolvu.inc: "
+                "No space left on device\n") in session.log
+    (mount_point / "ballast").unlink()
+    small_site.check_clean()
+    text, log = fail_session(small_site)
+    assert text == "Failed to roll forward!"
+    assert "1 Unable to read from incremental history file " in log
+    started, _ = small_site.run_session()
+    assert started["data"]["incrementalPreserved"] is True
+    small_site.check_clean()
+
+
+def test_record_without_history(small_site):
+    """An incremental can't be told from one that is owed changes; a backup of another type mends it."""
+    small_site.run_session(incremental=False)
+    (small_site.mount_point("data") / ".tolvu.inc").unlink()
+    text, _ = fail_session(small_site)
+    assert text == "Cannot create snapshot files"
+    assert small_site.states() == [2]
+    small_site.run_session(incremental=False)
+    small_site.run_session()
+    small_site.check_clean()
+
+
+def test_place_of_the_mounts_is_somebody_elses(small_site):
+    """A link that a user has made there is moved aside, and leads no mount anywhere."""
+    target = pathlib.Path("/mnt/target")
+    target.mkdir()
+    MOUNT_ROOT.symlink_to(target)
+    small_site.run_session(incremental=False)
+    assert list(target.iterdir()) == []
+    assert not MOUNT_ROOT.is_symlink()
+    [moved] = pathlib.Path("/tmp").glob("tolvuMountRoot.*")
+    moved.unlink()
+    small_site.check_clean()
+
+
+def test_snapshot_in_use_costs_one_session(small_site):
+    """Somebody who looks into a mounted snapshot keeps it; when he has gone, the next session recovers."""
+    with small_site.session(incremental=False) as session:
+        session.start()
+        with open(MOUNT_ROOT / small_site["data"].uuid / ".tolvu", "rb"):
+            ended = session.end("success")
+            assert ended["data"]["incrementalPreserved"] is False
+        assert "2 Failed to unmount " in session.log
+    assert small_site.states() == [3]
+    recover(small_site, incremental=True)
+    small_site.check_clean()
+    small_site.check_writable("data")
+
+
+SYSTEM_CALLS = ("ioctl", "rename", "mount", "umount2", "mknodat", "unlink", "unlinkat", "fallocate", "fsync",
+                "fdatasync", "ftruncate", "mkdir", "chmod", "rmdir", "sync", "pwrite64", "flock")
+MOST_KILLS = 5 # of one kind of call
+
+
+TRACE = f"trace=?{',?'.join(SYSTEM_CALLS)}"
+
+
+def count_calls(site, path, incremental):
+    """How often each of the system calls is made in a session."""
+    with site.session(incremental=incremental) as session:
+        session.trace("-e", TRACE, output=path)
+        session.start()
+        session.end("success")
+    names = re.findall(r"^\d+ +(\w+)\(", path.read_text(), re.MULTILINE)
+    return {name: names.count(name) for name in SYSTEM_CALLS if name in names}
+
+
+def moments(total):
+    """Some of the numbers from 1 to `total`, the first and the last among them."""
+    if total <= MOST_KILLS:
+        return list(range(1, total + 1))
+    return sorted({1 + number * (total - 1) // (MOST_KILLS - 1) for number in range(MOST_KILLS)})
+
+
+@pytest.mark.parametrize("is_first", [True, False])
+def test_killed_at_each_step(small_site, tmp_path, is_first):
+    """kill -9 before any of the important system calls of a session: the volume can be written within a
+    second, the next sessions work, at most one of them failing, and nothing is left behind."""
+    if not is_first:
+        small_site.run_session(incremental=False)
+    counts = count_calls(small_site, tmp_path / "calls", incremental=not is_first)
+    assert {"ioctl", "rename", "mount", "umount2"} <= set(counts)
+    for name, total in counts.items():
+        for number in moments(total):
+            if is_first:
+                small_site.forget_snapshots()
+            kill_session(small_site, f"inject={name}:signal=KILL:when={number}", incremental=not is_first)
+            small_site.check_writable("data")
+            ended = recover(small_site, incremental=not is_first)
+            assert ended["data"]["incrementalPreserved"] is True, (name, number)
+            small_site.check_clean()
+            assert small_site.own_files("data") in ([".tolvu", ".tolvu.inc"], [".tolvu.inc", ".tolvu1"])
+
+
+def kill_session(site, injection, incremental):
+    """Runs a session in which a system call kills."""
+    with site.session(incremental=incremental) as session:
+        session.trace("-e", TRACE, "-e", injection)
+        for command in ("start", "end success"):
+            try:
+                if session.run(command) is None:
+                    break
+            except SessionError:
+                break # what was killed was the driver's helper: an ordinary failure

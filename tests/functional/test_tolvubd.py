@@ -1,0 +1,479 @@
+"""The stand-in snapshot driver on real volumes: what it promises its callers."""
+import concurrent.futures
+import contextlib
+import errno
+import hashlib
+import json
+import os
+import pathlib
+import random
+import shutil
+import subprocess
+import uuid
+
+import pytest
+
+from tolvubd_site import (Cow, RUNTIME, SNAPSHOT, STORE, TRACKING, Volume, call, cow_files,
+                          detach_captures, devices, differing_units, expect_loops, info, loops, make_node,
+                          must, nodes, run, stored, tolvuctl)
+
+ROOT = pathlib.Path(__file__).parents[2]
+NODE = pathlib.Path("/dev/tolvu0")
+SMALL = 64 * 2048
+SMALLEST_XFS = 300 * 2048
+SHOW_READ_ONLY = {"ext4": "ro,norecovery", "xfs": "ro,nouuid,norecovery"}
+
+
+@pytest.fixture(autouse=True)
+def fresh_driver(site):
+    """A driver without devices; afterwards nothing may be left of it outside of the volume."""
+    shutil.rmtree(RUNTIME, ignore_errors=True)
+    must("start")
+    try:
+        yield
+        destroy_all()
+        assert tolvuctl("cleanup").returncode == 0
+        assert (nodes(), stored()) == ([], [])
+        expect_loops(0)
+    finally:
+        detach_captures()
+
+
+@pytest.fixture
+def make_volume(fresh_driver):
+    with contextlib.ExitStack() as stack:
+        def make(filesystem="ext4", sectors=SMALL, name="volume"):
+            volume = stack.enter_context(Volume(name, filesystem, sectors))
+            stack.callback(destroy_all)
+            return volume
+        yield make
+
+
+def destroy_all():
+    for minor in list(devices()):
+        must("destroy", minor)
+
+
+@pytest.fixture
+def volume(make_volume):
+    return make_volume()
+
+
+@pytest.fixture(params=["ext4", "xfs"])
+def any_volume(request, make_volume):
+    return make_volume(request.param, SMALL if request.param == "ext4" else SMALLEST_XFS)
+
+
+def take_snapshot(volume, minor=0, mebibytes=4):
+    must("setup_snapshot", minor, volume.device, volume.cow, mebibytes)
+
+
+def track(volume, minor=0):
+    take_snapshot(volume, minor)
+    must("transition_incremental", minor)
+
+
+def restart_machine():
+    """What a restart does to the driver: what is in memory is gone, what is on disk is not."""
+    shutil.rmtree(RUNTIME)
+    for node in nodes():
+        pathlib.Path("/dev", node).unlink()
+
+
+@contextlib.contextmanager
+def mounted(node, options):
+    target = pathlib.Path("/run/snapshot")
+    target.mkdir(exist_ok=True)
+    run("mount", "-o", options, node, target)
+    try:
+        yield target
+    finally:
+        run("umount", target)
+
+
+def hashes(directory):
+    return {str(path.relative_to(directory)): hashlib.sha256(path.read_bytes()).hexdigest()
+            for path in directory.rglob("*") if path.is_file() and not path.name.startswith(".tolvu")}
+
+
+def check_file_system(filesystem):
+    """Frozen, ext4 is as if unmounted; XFS leaves a record in its log, so that a copy is mounted first."""
+    if filesystem == "ext4":
+        run("e2fsck", "-fn", NODE)
+        return
+    copy = pathlib.Path("/tmp/copy")
+    run("cp", "--sparse=always", NODE, copy)
+    with mounted(copy, "loop,nouuid"):
+        pass
+    run("xfs_repair", "-n", copy)
+    copy.unlink()
+
+
+def write_tree(volume, seed):
+    source = random.Random(seed)
+    for number in range(20):
+        path = volume.mount_point / f"d{number % 4}" / f"f{number}"
+        path.parent.mkdir(exist_ok=True)
+        path.write_bytes(source.randbytes(source.randrange(200_000)))
+
+
+def test_snapshot_shows_the_volume_as_it_was(any_volume):
+    """Every file as it was, nothing of what came after, on a clean file system that nobody can change."""
+    write_tree(any_volume, 1)
+    before = hashes(any_volume.mount_point)
+    take_snapshot(any_volume)
+    write_tree(any_volume, 2)
+    (any_volume.mount_point / "later").write_text("later")
+
+    with mounted(NODE, SHOW_READ_ONLY[any_volume.filesystem]) as target:
+        assert hashes(target) == before
+        assert (target / ".tolvu").stat().st_size == 4 << 20
+    check_file_system(any_volume.filesystem)
+    assert run("blockdev", "--getro", NODE) == "1"
+    assert run("blockdev", "--getss", NODE) == run("blockdev", "--getss", any_volume.device)
+    assert int(run("blockdev", "--getsize64", NODE)) == any_volume.size
+
+
+def test_status_follows_the_device(volume):
+    assert info() == {"version": "0.10.0", "devices": []}
+    assert (RUNTIME / "version").read_text(encoding="ascii") == "0.10.0\n"
+    device = {"minor": 3, "cow_file": "/.tolvu", "block_device": str(volume.device), "error": 0}
+    take_snapshot(volume, minor=3)
+    assert info()["devices"] == [{**device, "state": SNAPSHOT}]
+    assert nodes() == ["tolvu3"]
+    expect_loops(1)
+    must("transition_incremental", 3)
+    assert info()["devices"] == [{**device, "state": TRACKING}]
+    assert (nodes(), len(stored())) == ([], 1)
+    expect_loops(0)
+    must("transition_snapshot", 3, volume.other_cow, 4)
+    assert info()["devices"] == [{**device, "cow_file": "/.tolvu1", "state": SNAPSHOT}]
+    assert (nodes(), len(stored())) == (["tolvu3"], 1)
+    expect_loops(1)
+    must("destroy", 3)
+    assert info()["devices"] == []
+    assert cow_files(volume) == [".tolvu"]
+
+
+def test_cow_file_begins_whole_and_empty(volume):
+    take_snapshot(volume, mebibytes=8)
+    cow = Cow(volume.cow, volume)
+    assert (cow.magic, cow.version, cow.changed) == (4776, 1, 0)
+    assert cow.length == 8 << 20
+    assert cow.allocated >= 8 << 20
+    assert cow.changed_units == []
+    assert not any(cow.rest)
+    assert volume.cow.stat().st_mode & 0o7777 == 0o600
+    assert [str(uuid.UUID(bytes=cow.snapshot)) + ".img"] == stored()
+
+
+@pytest.mark.parametrize("filesystem, sectors, rounds", [("ext4", SMALL + 3, 2), ("xfs", SMALLEST_XFS, 1)])
+def test_table_marks_what_has_changed(make_volume, filesystem, sectors, rounds):
+    """Compared with a comparison of our own, on a size that ends within a unit, over several rounds."""
+    volume = make_volume(filesystem, sectors)
+    write_tree(volume, 1)
+    take_snapshot(volume)
+    before = NODE.read_bytes()
+    closed, current = volume.cow, volume.other_cow
+    for number in range(rounds):
+        must("transition_incremental", 0)
+        write_tree(volume, 10 + number)
+        (volume.mount_point / "d1" / "f1").unlink()
+        must("transition_snapshot", 0, current, 4)
+        after = NODE.read_bytes()
+        record = Cow(closed, volume)
+        assert record.changed_units == differing_units(before, after)
+        assert record.changed == len(record.changed_units) > 10
+        assert not any(record.rest)
+        assert Cow(current, volume).changed == 0
+        before, closed, current = after, current, closed
+
+
+def test_table_covers_the_last_unit(make_volume):
+    """The device's last bytes, fewer than a unit, are compared too."""
+    volume = make_volume(sectors=SMALL + 3)
+    track(volume)
+    with open(volume.device, "r+b") as device:
+        device.seek(-1, os.SEEK_END)
+        device.write(b"x")
+        os.fsync(device.fileno())
+    must("transition_snapshot", 0, volume.other_cow, 4)
+    assert Cow(volume.cow, volume).changed_units[-1] == (volume.size - 1) // 4096
+
+
+def world(volume):
+    state = (STORE / "state.json").read_bytes()
+    files = {name: (volume.mount_point / name).lstat()[:2] for name in cow_files(volume)}
+    return info(), nodes(), loops(), stored(), files, state
+
+
+def check_refused(volume, error, function, *arguments):
+    before = world(volume)
+    result = call(function, *arguments)
+    assert (result.value, errno.errorcode.get(result.error)) == (-1, errno.errorcode[error])
+    assert world(volume) == before
+    volume.write("alive", b"not frozen")
+
+
+SETUP_REFUSALS = {
+    "minor too high": (errno.EINVAL, lambda v: (256, v.device, v.cow, 4)),
+    "no such device": (errno.ENOENT, lambda v: (0, "/dev/nothing", v.cow, 4)),
+    "a plain file": (errno.ENOTBLK, lambda v: (0, "/etc/passwd", v.cow, 4)),
+    "a character device": (errno.ENOTBLK, lambda v: (0, "/dev/null", v.cow, 4)),
+    "not mounted": (errno.ENODEV, lambda v: (0, str(v.device)[:-2], v.cow, 4)),
+    "a CoW file elsewhere": (errno.EXDEV, lambda v: (0, v.device, "/run/.tolvu", 4)),
+    "a CoW file nowhere": (errno.ENOENT, lambda v: (0, v.device, v.mount_point / "none" / ".tolvu", 4)),
+    "a relative CoW path": (errno.EINVAL, lambda v: (0, v.device, ".tolvu", 4)),
+    "no name": (errno.EINVAL, lambda v: (0, v.device, f"{v.mount_point}/", 4)),
+    "no room": (errno.ENOSPC, lambda v: (0, v.device, v.cow, 64)),
+    "larger than any file": (errno.EFBIG, lambda v: (0, v.device, v.cow, 2 ** 63)),
+    "no room for the table": (errno.EINVAL, lambda v: (0, v.device, v.cow, 0)),
+    "a foreign file": (errno.EEXIST, lambda v: (0, v.device, v.mount_point / ".tolvu.foreign", 4)),
+    "a link": (errno.EEXIST, lambda v: (0, v.device, v.mount_point / ".tolvu.link", 4)),
+    "a directory": (errno.EEXIST, lambda v: (0, v.device, v.mount_point / "lost+found", 4)),
+}
+
+
+def test_setup_checks_first(volume):
+    (volume.mount_point / ".tolvu.foreign").write_text("somebody's")
+    (volume.mount_point / ".tolvu.link").symlink_to(".tolvu.foreign")
+    for error, arguments in SETUP_REFUSALS.values():
+        check_refused(volume, error, "setup_snapshot", *arguments(volume))
+
+
+def test_setup_refuses_what_is_in_use(make_volume):
+    volume, other = make_volume(), make_volume(name="other")
+    take_snapshot(volume)
+    check_refused(volume, errno.EBUSY, "setup_snapshot", 0, other.device, other.cow, 4)
+    check_refused(volume, errno.EBUSY, "setup_snapshot", 1, volume.device, volume.other_cow, 4)
+
+
+def test_setup_refuses_the_volume_of_the_store(volume):
+    """Its captures would wait for the frozen file system that they are written to."""
+    (volume.mount_point / "store").mkdir()
+    run("mount", "--bind", volume.mount_point / "store", STORE)
+    try:
+        shutil.rmtree(RUNTIME)
+        must("start")
+        check_refused(volume, errno.EDEADLK, "setup_snapshot", 0, volume.device, volume.cow, 4)
+    finally:
+        run("umount", STORE)
+    shutil.rmtree(RUNTIME)
+    must("start")
+
+
+def test_setup_replaces_a_cow_file_of_nobody(volume):
+    take_snapshot(volume)
+    shutil.copy(volume.cow, volume.mount_point / "kept")
+    must("destroy", 0)
+    (volume.mount_point / "kept").rename(volume.cow)
+    take_snapshot(volume, mebibytes=8)
+    assert volume.cow.stat().st_size == 8 << 20
+
+
+def test_transitions_ask_for_the_right_state(volume):
+    for refused in (("transition_snapshot", 0, volume.cow, 4), ("transition_incremental", 0), ("destroy", 0),
+                    ("reconfigure", 0, 1)):
+        check_refused(volume, errno.ENOENT, *refused)
+    take_snapshot(volume)
+    check_refused(volume, errno.EINVAL, "transition_snapshot", 0, volume.other_cow, 4)
+    must("transition_incremental", 0)
+    check_refused(volume, errno.EINVAL, "transition_incremental", 0)
+    check_refused(volume, errno.EEXIST, "transition_snapshot", 0, volume.cow, 4)
+    check_refused(volume, errno.ENOSPC, "transition_snapshot", 0, volume.other_cow, 64)
+    check_refused(volume, errno.EXDEV, "transition_snapshot", 0, "/run/.tolvu1", 4)
+    volume.cow.unlink()
+    check_refused(volume, errno.ENOENT, "transition_snapshot", 0, volume.other_cow, 4)
+
+
+def test_transition_refuses_the_cow_file_of_another_snapshot(make_volume):
+    volume, other = make_volume(), make_volume(name="other")
+    track(volume)
+    track(other, minor=1)
+    shutil.copy(other.cow, volume.cow)
+    check_refused(volume, errno.EBADMSG, "transition_snapshot", 0, volume.other_cow, 4)
+
+
+def test_mounted_snapshot_stays(volume):
+    take_snapshot(volume)
+    with mounted(NODE, "ro,norecovery"):
+        check_refused(volume, errno.EBUSY, "transition_incremental", 0)
+        check_refused(volume, errno.EBUSY, "destroy", 0)
+    must("transition_incremental", 0)
+
+
+def test_reader_of_a_snapshot_keeps_it_to_the_end(volume):
+    """A device that is open when its snapshot ends can be read on, and goes when it is closed."""
+    take_snapshot(volume)
+    with open(NODE, "rb") as reader:
+        must("destroy", 0)
+        assert nodes() == []
+        assert len(reader.read()) == volume.size
+    expect_loops(0)
+
+
+def test_reconfigure_keeps_the_cache_size(volume):
+    take_snapshot(volume)
+    must("reconfigure", 0, 300)
+    [device] = json.loads((STORE / "state.json").read_text(encoding="ascii"))["devices"]
+    assert device["cache_size"] == 300
+
+
+def test_tracking_goes_on_after_a_restart(volume):
+    """By the volume's UUID, as the agent's scripts name it, under another minor; no change gets lost."""
+    write_tree(volume, 1)
+    take_snapshot(volume)
+    before = NODE.read_bytes()
+    must("transition_incremental", 0)
+    write_tree(volume, 2)
+    restart_machine()
+    must("start")
+    assert info()["devices"] == []
+    assert "asleep" in tolvuctl("list").stdout
+
+    by_uuid = pathlib.Path("/dev/disk/by-uuid", run("blkid", "-o", "value", "-s", "UUID", volume.device))
+    by_uuid.parent.mkdir(parents=True, exist_ok=True)
+    by_uuid.symlink_to(volume.device)
+    done = tolvuctl("reload-incremental", by_uuid, "/.tolvu", 5)
+    assert (done.returncode, done.stderr) == (0, "")
+    assert info()["devices"] == [{"minor": 5, "cow_file": "/.tolvu", "block_device": str(by_uuid),
+                                  "state": TRACKING, "error": 0}]
+    must("transition_snapshot", 5, volume.other_cow, 4)
+    assert Cow(volume.cow, volume).changed_units == \
+        differing_units(before, pathlib.Path("/dev/tolvu5").read_bytes())
+    by_uuid.unlink()
+
+
+def test_snapshot_comes_back_after_a_restart(volume):
+    write_tree(volume, 1)
+    take_snapshot(volume)
+    before = NODE.read_bytes()
+    restart_machine()
+    write_tree(volume, 2)
+    must("reload_snapshot", 0, volume.device, "/.tolvu")
+    assert devices() == {0: SNAPSHOT}
+    assert NODE.read_bytes() == before
+
+
+def test_reload_refuses_what_does_not_fit(make_volume):
+    volume = make_volume()
+    track(volume)
+    check_refused(volume, errno.EBUSY, "reload_incremental", 0, volume.device, "/.tolvu")
+    check_refused(volume, errno.EBUSY, "reload_incremental", 1, volume.device, "/.tolvu")
+    restart_machine()
+    must("start")
+    check_refused(volume, errno.ENOENT, "reload_snapshot", 0, volume.device, "/.tolvu")
+    check_refused(volume, errno.ENOENT, "reload_incremental", 0, volume.device, "/.tolvu1")
+    check_refused(volume, errno.EBADMSG, "reload_incremental", 0, volume.device, "/lost+found")
+    check_refused(volume, errno.EINVAL, "reload_incremental", 256, volume.device, "/.tolvu")
+    volume.cow.write_bytes(b"\0" * 4096)
+    check_refused(volume, errno.EBADMSG, "reload_incremental", 0, volume.device, "/.tolvu")
+
+
+def test_new_setup_ends_what_is_asleep(volume):
+    """Of the same volume: nobody could give it back any more."""
+    track(volume)
+    restart_machine()
+    take_snapshot(volume)
+    assert len(stored()) == 1
+    assert "asleep" not in tolvuctl("list").stdout
+
+
+def test_cleanup_forgets_what_is_asleep(volume):
+    track(volume)
+    restart_machine()
+    must("start")
+    assert len(stored()) == 1
+    assert tolvuctl("cleanup").returncode == 0
+    assert stored() == []
+
+
+def test_tolvuctl_speaks_to_operators(volume):
+    take_snapshot(volume)
+    listed = tolvuctl("list")
+    assert listed.returncode == 0
+    assert [line.split()[:4] for line in listed.stdout.splitlines()[1:]] == \
+        [["0", "snapshot", str(volume.device), "/.tolvu"]]
+    for wrong in ([], ["destroy"], ["destroy", "x"], ["destroy", "-1"], ["list", "0"], ["reload-snapshot"]):
+        done = tolvuctl(*wrong)
+        assert (done.returncode, done.stdout) == (2, "")
+        assert "usage:" in done.stderr
+    missing = tolvuctl("destroy", 9)
+    assert (missing.returncode, missing.stderr) == (1, "tolvuctl: device 9: No such file or directory\n")
+    assert tolvuctl("destroy", 0).returncode == 0
+    assert len(tolvuctl("list").stdout.splitlines()) == 1
+
+
+def test_log_tells_how_long_the_volume_stood_still(volume, system_log):
+    take_snapshot(volume)
+    line = system_log.wait_for("was frozen for")
+    assert (line["ident"], line["priority"]) == ("tolvubd", "30")
+    text = line["text"].split()
+    assert text[0] == str(volume.device)
+    assert 0 <= int(text[4]) < 5000
+    assert " ".join(text[5:]) == f"ms while {volume.size} bytes were captured"
+    call("destroy", 7)
+    assert "device 7" in system_log.wait_for("destroy has failed")["text"]
+
+
+def test_callers_take_turns(make_volume):
+    """Processes that work on volumes of their own at the same time don't disturb each other."""
+    volumes = [make_volume(name=f"volume{number}", sectors=16 * 2048) for number in range(3)]
+
+    def cycle(minor):
+        volume = volumes[minor]
+        for _ in range(3):
+            must("setup_snapshot", minor, volume.device, volume.cow, 1)
+            must("transition_incremental", minor)
+            must("transition_snapshot", minor, volume.other_cow, 1)
+            assert devices()[minor] == SNAPSHOT
+            must("destroy", minor)
+
+    with concurrent.futures.ThreadPoolExecutor() as pool:
+        list(pool.map(cycle, range(len(volumes))))
+    assert (devices(), nodes(), stored()) == ({}, [], [])
+    expect_loops(0)
+
+
+BROKEN_STATES = ["", "{", "null", "[]", "\xff\xfe", "[" * 100_000, "{\"format\": 2}",
+                 "{\"format\": 1, \"session\": \"../../etc\", \"devices\": [], \"asleep\": []}"]
+
+
+def test_broken_state_loses_the_devices_only(volume):
+    """The driver starts anew, and what it doesn't know any more is gone from the machine."""
+    for text in BROKEN_STATES:
+        take_snapshot(volume)
+        (STORE / "state.json").write_text(text, encoding="latin-1")
+        must("start")
+        assert (info()["devices"], nodes(), stored()) == ([], [], []), text[:80]
+        expect_loops(0)
+
+
+def test_device_without_its_capture_is_gone(volume):
+    track(volume)
+    [capture] = stored()
+    (STORE / capture).unlink()
+    must("start")
+    assert info()["devices"] == []
+
+
+def test_snapshot_has_no_twin(volume):
+    """udev, with the driver's rule, gives the snapshot none of the names of its volume."""
+    rule = pathlib.Path("/run/udev/rules.d/59-tolvubd.rules")
+    rule.parent.mkdir(parents=True, exist_ok=True)
+    shutil.copy(ROOT / "platform/tolvubd" / rule.name, rule)
+    take_snapshot(volume)
+    number = NODE.stat().st_rdev
+    loop = pathlib.Path("/sys/dev/block", f"{os.major(number)}:{os.minor(number)}").resolve()
+    make_node(pathlib.Path("/dev", loop.name), (loop / "dev").read_text())
+    name = "by-uuid/" + run("blkid", "-o", "value", "-s", "UUID", volume.device)
+
+    def udev_says():
+        done = subprocess.run(["udevadm", "test", "--action=change", loop], capture_output=True, text=True,
+                              check=True)
+        return done.stdout + done.stderr
+
+    assert name not in udev_says()
+    rule.unlink()
+    assert name in udev_says()
+    shutil.rmtree("/run/udev")

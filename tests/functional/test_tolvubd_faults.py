@@ -1,0 +1,253 @@
+"""The stand-in snapshot driver when its process is killed, or its system calls fail, at every step."""
+import collections
+import contextlib
+import errno
+import json
+import os
+import pathlib
+import re
+import shutil
+import signal
+import subprocess
+import time
+
+import pytest
+
+from tolvubd_site import (RUNTIME, SNAPSHOT, STORE, TRACKING, Volume, call, cow_files, detach_captures,
+                          devices, expect_loops, must, nodes, run, stored, tolvuctl, tool)
+
+TRACE = pathlib.Path("/tmp/tolvubd.trace")
+SECTORS = 16 * 2048
+LONGEST_FREEZE_AFTER_DEATH = 1.0
+
+# What an operation asks of the kernel once it has the lock, and how that may go wrong.
+FAULTS = {
+    "openat": "EMFILE", "newfstatat": "ENOMEM", "pread64": "ENOMEM", "pwrite64": "ENOSPC", "fsync": "EIO",
+    "rename": "EIO", "renameat2": "EIO", "unlink": "EIO", "ftruncate": "EIO", "fallocate": "ENOSPC",
+    "fchmod": "EPERM", "ioctl": "ENOMEM", "mknodat": "ENOSPC", "socketpair": "EMFILE", "clone": "EAGAIN",
+    "sendto": "EPIPE", "wait4": "ECHILD", "lseek": "EIO", "statfs": "EIO", "getdents64": "EIO",
+    "flock": "ENOLCK"}
+# Where a process is worth killing: before each call that changes something, or that takes long.
+KILLS = ("pwrite64", "fsync", "rename", "renameat2", "unlink", "ftruncate", "fallocate", "ioctl", "mknodat",
+         "socketpair", "clone", "sendto", "wait4", "exit_group")
+
+
+def restart_machine():
+    shutil.rmtree(RUNTIME)
+
+
+def track(volume):
+    must("setup_snapshot", 0, volume.device, volume.cow, 1)
+    must("transition_incremental", 0)
+
+
+class Operation:
+    """One call, what it needs before, and the state of the device before and after; None is no device."""
+
+    def __init__(self, function, prepare, before, after, *arguments):
+        self.function = function
+        self.prepare = prepare
+        self.before = before
+        self.after = after
+        self._arguments = arguments
+
+    def run(self, volume, wrapper=()):
+        values = [value(volume) if callable(value) else value for value in self._arguments]
+        return call(self.function, *values, wrapper=wrapper)
+
+
+def take_snapshot(volume):
+    must("setup_snapshot", 0, volume.device, volume.cow, 1)
+
+
+def track_and_restart(volume):
+    track(volume)
+    restart_machine()
+
+
+def snapshot_and_restart(volume):
+    take_snapshot(volume)
+    restart_machine()
+
+
+OPERATIONS = {operation.function: operation for operation in (
+    Operation("setup_snapshot", lambda volume: None, None, SNAPSHOT,
+              0, lambda v: v.device, lambda v: v.cow, 1),
+    Operation("transition_incremental", take_snapshot, SNAPSHOT, TRACKING, 0),
+    Operation("transition_snapshot", track, TRACKING, SNAPSHOT, 0, lambda v: v.other_cow, 1),
+    Operation("destroy", take_snapshot, SNAPSHOT, None, 0),
+    Operation("reload_snapshot", snapshot_and_restart, None, SNAPSHOT, 0, lambda v: v.device, "/.tolvu"),
+    Operation("reload_incremental", track_and_restart, None, TRACKING, 0, lambda v: v.device, "/.tolvu"),
+)}
+
+
+@pytest.fixture
+def volume(site):
+    shutil.rmtree(RUNTIME, ignore_errors=True)
+    must("start")
+    with Volume("volume", "ext4", SECTORS) as made:
+        try:
+            yield made
+            forget_everything(made)
+            assert (nodes(), stored()) == ([], [])
+            expect_loops(0)
+        finally:
+            detach_captures()
+
+
+def forget_everything(volume):
+    for minor in list(devices()) if RUNTIME.exists() else []:
+        must("destroy", minor)
+    assert tolvuctl("cleanup").returncode == 0
+    for name in cow_files(volume):
+        (volume.mount_point / name).unlink()
+
+
+def prepare(operation, volume):
+    forget_everything(volume)
+    operation.prepare(volume)
+
+
+def steps(operation, volume, calls):
+    """(name, number) of each call that the operation makes once it has the lock."""
+    prepare(operation, volume)
+    assert operation.run(volume, ["strace", "-o", TRACE, "-e", "trace=flock," + ",".join(calls)])
+    counts = collections.Counter()
+    found = []
+    locked = False
+    for line in TRACE.read_text(encoding="utf-8").splitlines():
+        name = re.match(r"\w*", line)[0]
+        counts[name] += 1
+        locked = locked or name == "flock"
+        if locked and name in calls:
+            found.append((name, counts[name]))
+    assert len(found) > 5
+    return found
+
+
+def injected(name, what):
+    return ["strace", "-o", TRACE, "-e", f"trace={name}", "-e", f"inject={name}:{what}"]
+
+
+def check_writable(volume):
+    """Within the time promised; a volume that isn't is thawed, so that the tests can go on."""
+    writer = subprocess.Popen(["dd", "if=/dev/zero", f"of={volume.mount_point}/alive", "bs=4096", "count=1",
+                               "conv=fsync"], stderr=subprocess.DEVNULL)
+    try:
+        assert writer.wait(LONGEST_FREEZE_AFTER_DEATH) == 0
+    except subprocess.TimeoutExpired:
+        run("fsfreeze", "--unfreeze", volume.mount_point)
+        writer.wait()
+        raise
+
+
+def asleep():
+    return json.loads((STORE / "state.json").read_text(encoding="ascii"))["asleep"]
+
+
+def check_whole(volume, operation, where):
+    """The machine is as one of the two states asks for, with nothing besides; returns the state."""
+    state = devices().get(0)
+    assert state in (operation.before, operation.after), where
+    shown = state == SNAPSHOT
+    assert nodes() == (["tolvu0"] if shown else []), where
+    expect_loops(1 if shown else 0, where)
+    assert len(stored()) == len(devices()) + len(asleep()), where
+    names = [".tolvu"] if state is not None or asleep() else []
+    if operation.function == "transition_snapshot" and state == SNAPSHOT:
+        names.append(".tolvu1")
+    assert cow_files(volume) == names, where
+    return state
+
+
+@pytest.mark.parametrize("name", OPERATIONS)
+def test_kill_at_each_step(volume, name):
+    """Nothing stays frozen, the next caller finds one of the two states, and nothing is left over."""
+    operation = OPERATIONS[name]
+    for call_name, number in steps(operation, volume, KILLS):
+        prepare(operation, volume)
+        where = f"{call_name} {number}"
+        result = operation.run(volume, injected(call_name, f"signal=KILL:when={number}"))
+        assert result.signal == signal.SIGKILL, where
+        check_writable(volume)
+        must("start")
+        if check_whole(volume, operation, where) == operation.before:
+            assert operation.run(volume), where
+            assert check_whole(volume, operation, where) == operation.after, where
+        assert tolvuctl("list").returncode == 0, where
+
+
+def check_failure(volume, operation, error, call_name, when):
+    """Either the call has failed, with the reason, and changed nothing, or it has done its work all the same.
+    True if it has failed."""
+    where = f"{call_name} {when}"
+    result = operation.run(volume, injected(call_name, f"error={error}:when={when}"))
+    assert result.signal == 0, where
+    check_writable(volume)
+    must("start")
+    state = check_whole(volume, operation, where)
+    if result:
+        assert state == operation.after, where
+        return False
+    assert (result.value, state) == (-1, operation.before), where
+    assert errno.errorcode[result.error] in (error, "ETIMEDOUT"), where
+    return True
+
+
+@pytest.mark.parametrize("name", [name for name in OPERATIONS if name != "reload_incremental"])
+def test_failure_at_each_step(volume, name):
+    """Each call that changes something fails once, and from then on for ever; of the others, every second one
+    fails once. Giving back a tracked device is the same as a snapshot, but for the loop device."""
+    operation = OPERATIONS[name]
+    calls = steps(operation, volume, FAULTS)
+    lookups = [step for step in calls if step[0] not in KILLS]
+    failed = 0
+    prepare(operation, volume)
+    changes = [step for step in calls if step[0] in KILLS]
+    for call_name, when in [*changes, *((name, f"{number}+") for name, number in changes), *lookups[::2]]:
+        if check_failure(volume, operation, FAULTS[call_name], call_name, when):
+            failed += 1
+        else:
+            prepare(operation, volume)
+    assert failed > 10
+
+
+def test_volume_is_thawed_when_nothing_goes_on(volume):
+    """Also while the process lives: what it waits for may be behind the frozen volume."""
+    process = subprocess.Popen(
+        [*injected("sendto", "delay_enter=12000000:when=1"), tool("TolvubdCall"), "setup_snapshot", "0",
+         str(volume.device), str(volume.cow), "1"], stdout=subprocess.PIPE, text=True)
+    wait_until_frozen(volume)
+    subprocess.run(["dd", "if=/dev/zero", f"of={volume.mount_point}/alive", "bs=1", "count=1", "conv=fsync"],
+                   check=True, stderr=subprocess.DEVNULL)
+    assert process.poll() is None
+    assert process.communicate(timeout=20)[0].split() == ["-1", str(errno.ETIMEDOUT)]
+    assert (devices(), nodes(), stored()) == ({}, [], [])
+
+
+def test_kill_of_the_process_group_thaws(volume):
+    """The guard isn't in it."""
+    process = subprocess.Popen(
+        [*injected("sendto", "delay_enter=60000000"), tool("TolvubdCall"), "setup_snapshot", "0",
+         str(volume.device), str(volume.cow), "1"], start_new_session=True)
+    with contextlib.ExitStack() as stack:
+        stack.callback(process.wait)
+        stack.callback(os.killpg, process.pid, signal.SIGKILL)
+        wait_until_frozen(volume)
+    check_writable(volume)
+    must("start")
+    assert (devices(), nodes(), stored(), cow_files(volume)) == ({}, [], [], [])
+    expect_loops(0)
+
+
+def wait_until_frozen(volume):
+    """By a write that doesn't come to its end."""
+    deadline = time.monotonic() + 20
+    while time.monotonic() < deadline:
+        writer = subprocess.Popen(["dd", "if=/dev/zero", f"of={volume.mount_point}/probe", "bs=1", "count=1"],
+                                  stderr=subprocess.DEVNULL)
+        try:
+            writer.wait(0.3)
+        except subprocess.TimeoutExpired:
+            return
+    raise AssertionError("never frozen")

@@ -1,0 +1,310 @@
+"""The used blocks that the parsers find, against what the file systems' own tools say, block for block.
+
+Each test adds its line to a matrix, which ends up beside the programs as usedmap-matrix.txt.
+"""
+import hashlib
+import json
+import os
+import pathlib
+import subprocess
+
+import pytest
+from volume_images import (age, ext_blocks_of_untouched_groups, ext_truth, fill, frozen, make_image, mounted,
+                           riddle, run, xfs_levels, xfs_truth)
+
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+BUILD = ROOT / os.environ.get("BEKD_BUILD", "build/release")
+TOOL = BUILD / "bek-usedmap"
+
+
+@pytest.fixture(scope="module")
+def matrix():
+    lines = []
+    yield lines
+    text = [f"{'file system':52} {'blocks':>9} {'used':>9} {'free but used':>13} {'used but free':>13}"]
+    text += [f"{name:52} {blocks:9} {used:9} {lost:13} {kept:13}" for name, blocks, used, lost, kept in lines]
+    (BUILD / "usedmap-matrix.txt").write_text("\n".join(text) + "\n")
+    print("\n" + "\n".join(text))
+
+
+class Comparison:
+    """Used blocks as the agent finds them beside what the tool of the file system says."""
+
+    def __init__(self, volume, truth, *options):
+        found = json.loads(run(TOOL, "--json", *options, volume))
+        assert (found["blocks"], found["blockSize"]) == (truth.blocks, truth.block_size)
+        self.used = set()
+        for first, count in found["ranges"]:
+            self.used.update(range(first, first + count))
+        self.truth = truth
+        truly_used = set(range(truth.blocks)) - truth.free
+        self.lost = truly_used - self.used    # a backup would leave them out
+        self.kept = self.used & truth.free    # a backup would copy them for nothing
+
+    def note(self, matrix, name):
+        matrix.append((name, self.truth.blocks, len(self.used), len(self.lost), len(self.kept)))
+        return self
+
+
+def unexplained_ext(volume, matrix, name):
+    """Blocks that differ, but for the boot block and the structures of groups that were never used."""
+    found = Comparison(volume, ext_truth(volume)).note(matrix, name)
+    boot = {0} if found.truth.block_size == 1024 else set()
+    return found.kept | (found.lost ^ (boot | ext_blocks_of_untouched_groups(volume)))
+
+
+def unexplained_xfs(volume, matrix, name, *options):
+    """Blocks that differ."""
+    found = Comparison(volume, xfs_truth(volume), *options).note(matrix, name)
+    return found.lost | found.kept
+
+
+def refused(volume, *options):
+    """What the tool says when it can't read the map."""
+    done = subprocess.run([TOOL, *options, volume], capture_output=True, text=True, check=False)
+    assert done.returncode == 1 and done.stdout == ""
+    assert done.stderr.endswith("the map of used blocks can't be read; a backup would copy every block\n")
+    return done.stderr
+
+
+EXT_KINDS = {
+    "ext2 1K": (90, "mkfs.ext2", "-b", "1024"),
+    "ext2 2K": (90, "mkfs.ext2", "-b", "2048"),
+    "ext2 4K": (180, "mkfs.ext2", "-b", "4096"),
+    "ext3 1K": (90, "mkfs.ext3", "-b", "1024"),
+    "ext3 2K": (90, "mkfs.ext3", "-b", "2048"),
+    "ext3 4K": (180, "mkfs.ext3", "-b", "4096"),
+    "ext4 1K": (90, "mkfs.ext4", "-b", "1024"),
+    "ext4 2K": (90, "mkfs.ext4", "-b", "2048"),
+    "ext4 4K": (180, "mkfs.ext4", "-b", "4096"),
+    "ext4 1K 64bit": (90, "mkfs.ext4", "-b", "1024", "-O", "64bit"),
+    "ext4 4K 64bit": (300, "mkfs.ext4", "-b", "4096", "-O", "64bit"),
+    "ext4 4K without 64bit": (300, "mkfs.ext4", "-b", "4096", "-O", "^64bit"),
+    "ext4 1K without flex_bg": (90, "mkfs.ext4", "-b", "1024", "-O", "^flex_bg"),
+    "ext4 4K without flex_bg": (300, "mkfs.ext4", "-b", "4096", "-O", "^flex_bg"),
+    "ext4 1K flex_bg of 4 groups": (90, "mkfs.ext4", "-b", "1024", "-G", "4"),
+    "ext4 1K uninit_bg": (90, "mkfs.ext4", "-b", "1024", "-O", "^metadata_csum,uninit_bg"),
+    "ext4 1K uninit_bg without flex_bg": (
+        90, "mkfs.ext4", "-b", "1024", "-O", "^metadata_csum,uninit_bg,^flex_bg"),
+    "ext4 1K groups of 1000 blocks": (90, "mkfs.ext4", "-b", "1024", "-g", "1000"),
+    "ext4 4K short last group": (131, "mkfs.ext4", "-b", "4096"),
+    "ext4 1K sparse_super2": (90, "mkfs.ext4", "-b", "1024", "-O", "sparse_super2"),
+    "ext4 1K meta_bg with one descriptor block": (
+        120, "mkfs.ext4", "-b", "1024", "-O", "meta_bg,^resize_inode"),
+}
+
+
+@pytest.mark.parametrize("kind", EXT_KINDS)
+def test_ext(kind, tmp_path, matrix):
+    mebibytes, *mkfs = EXT_KINDS[kind]
+    image = make_image(tmp_path / "image", mebibytes, *mkfs, "-q", "-F")
+    assert not unexplained_ext(image, matrix, kind + ", new")
+    with mounted(image, tmp_path / "mnt") as (device, directory):
+        age(directory, 300)
+        with frozen(directory):
+            assert not unexplained_ext(device, matrix, kind + ", aged and frozen")
+    assert not unexplained_ext(image, matrix, kind + ", aged and clean")
+
+
+def test_ext_full(tmp_path, matrix):
+    for kind in "ext2 1K", "ext4 4K":
+        _, *mkfs = EXT_KINDS[kind]
+        image = make_image(tmp_path / "image", 64, *mkfs, "-q", "-F", "-m", "0")
+        with mounted(image, tmp_path / "mnt") as (_, directory):
+            age(directory, 100)
+            fill(directory)
+        found = Comparison(image, ext_truth(image))
+        assert not unexplained_ext(image, matrix, kind + ", full")
+        assert len(found.truth.free) < found.truth.blocks // 40
+
+
+def test_ext_resized(tmp_path, matrix):
+    image = make_image(tmp_path / "image", 200, "mkfs.ext4", "-b", "1024", "-q", "-F")
+    with mounted(image, tmp_path / "mnt") as (_, directory):
+        age(directory, 200)
+    run("e2fsck", "-fp", image)
+    run("resize2fs", image, "90M")
+    assert not unexplained_ext(image, matrix, "ext4 1K, shrunk from 200 MiB to 90 MiB")
+    run("resize2fs", image, "199M")
+    assert not unexplained_ext(image, matrix, "ext4 1K, grown from 90 MiB to 199 MiB")
+    with mounted(image, tmp_path / "mnt") as (device, directory):
+        age(directory, 200, seed=2)
+        with frozen(directory):
+            assert not unexplained_ext(device, matrix, "ext4 1K, shrunk, grown, aged again and frozen")
+
+
+def test_ext_maps_of_clusters_are_refused(tmp_path):
+    image = make_image(tmp_path / "image", 90, "mkfs.ext4", "-q", "-F", "-O", "bigalloc")
+    assert "EXT bitmaps of clusters are not supported" in refused(image)
+
+
+def test_ext_descriptors_in_meta_groups_are_refused(tmp_path):
+    image = make_image(tmp_path / "image", 300, "mkfs.ext4", "-b", "1024", "-q", "-F", "-O",
+                       "meta_bg,^resize_inode")
+    assert "EXT descriptors in meta groups are not supported" in refused(image)
+
+
+def test_ext_groups_with_files_but_no_block_bitmap_are_refused(tmp_path, matrix):
+    """As the tools leave them that fill an unmounted volume: the inodes would be lost."""
+    (tmp_path / "source").mkdir()
+    for number in range(300):
+        (tmp_path / "source" / f"empty{number}").touch()
+    filled = ["mkfs.ext4", "-q", "-F", "-b", "1024", "-N", "640", "-d", tmp_path / "source"]
+    image = make_image(tmp_path / "image", 40, *filled, "-O", "^flex_bg")
+    assert "A group without a block bitmap has files in its inode table" in refused(image)
+    image = make_image(tmp_path / "image", 40, *filled)  # the tables stand together in the first group
+    assert not unexplained_ext(image, matrix, "ext4 1K, filled unmounted")
+
+
+def test_ext_volume_of_more_blocks_than_the_buffer_has_bits_is_refused(tmp_path):
+    image = make_image(tmp_path / "image", 9000, "mkfs.ext4", "-b", "1024", "-q", "-F", "-E",
+                       "lazy_itable_init=1,lazy_journal_init=1")
+    assert "Logical" not in refused(image, "--buffer", "1")
+    found = json.loads(run(TOOL, "--json", "--summary", "--buffer", "2", image))
+    assert found["blocks"] == 9000 * 1024
+
+
+def poison_free_blocks(image, used, block_size):
+    """Overwrites what a FULL backup would leave out, as on a remote image that held something else before."""
+    with open(image, "r+b") as file:
+        blocks = os.path.getsize(image) // block_size
+        for block in range(blocks):
+            if block not in used:
+                file.seek(block * block_size)
+                file.write(b"\xa7" * block_size)
+
+
+def contents(directory):
+    return {str(path.relative_to(directory)): hashlib.sha256(path.read_bytes()).hexdigest()
+            for path in sorted(directory.rglob("*")) if path.is_file()}
+
+
+@pytest.mark.parametrize("kind", ["ext2 1K", "ext4 4K", "ext4 1K without flex_bg",
+                                  "ext4 1K uninit_bg without flex_bg"])
+def test_ext_lives_without_its_free_blocks(kind, tmp_path):
+    """What the map leaves out of groups that were never used is no live data: the backups of the super block
+    and structures that nothing was written to."""
+    mebibytes, *mkfs = EXT_KINDS[kind]
+    image = make_image(tmp_path / "image", mebibytes, *mkfs, "-q", "-F")
+    with mounted(image, tmp_path / "mnt") as (_, directory):
+        age(directory, 150)
+        before = contents(directory)
+    found = Comparison(image, ext_truth(image))
+    poison_free_blocks(image, found.used, found.truth.block_size)
+    run("e2fsck", "-fn", image)
+    with mounted(image, tmp_path / "mnt") as (_, directory):
+        assert contents(directory) == before
+        age(directory, 150, seed=2)  # reaches into the groups that were never used
+    run("e2fsck", "-fn", image)
+
+
+def test_ext_loses_backups_of_its_super_block_in_groups_never_used(tmp_path):
+    image = make_image(tmp_path / "image", 90, "mkfs.ext4", "-b", "1024", "-q", "-F")
+    second_super_block = 8193
+    with_backup = ["dumpe2fs", "-h", "-o", f"superblock={second_super_block}", "-o", "blocksize=1024", image]
+    run(*with_backup)
+    found = Comparison(image, ext_truth(image))
+    assert second_super_block in found.lost
+    poison_free_blocks(image, found.used, 1024)
+    assert subprocess.run(with_backup, capture_output=True, check=False).returncode != 0
+    run("e2fsck", "-fn", image)
+
+
+XFS_KINDS = {
+    "xfs 4K 4 groups": (300, "-b", "size=4096", "-d", "agcount=4"),
+    "xfs 4K 16 groups": (1280, "-b", "size=4096", "-d", "agcount=16"),
+    "xfs 4K 64 groups": (5120, "-b", "size=4096", "-d", "agcount=64"),
+    "xfs 1K 4 groups": (300, "-b", "size=1024", "-d", "agcount=4"),
+    "xfs 1K 6 groups": (480, "-b", "size=1024", "-d", "agcount=6"),
+    "xfs 4K without finobt, reflink": (300, "-m", "finobt=0,reflink=0"),
+    "xfs 4K rmapbt": (300, "-m", "rmapbt=1"),
+    "xfs 4K sectors of 512": (300, "-s", "size=512"),
+}
+
+
+@pytest.mark.parametrize("kind", XFS_KINDS)
+def test_xfs(kind, tmp_path, matrix):
+    mebibytes, *options = XFS_KINDS[kind]
+    image = make_image(tmp_path / "image", mebibytes, "mkfs.xfs", "-q", *options)
+    assert not unexplained_xfs(image, matrix, kind + ", new")
+    with mounted(image, tmp_path / "mnt") as (device, directory):
+        age(directory, 300)
+        with frozen(directory):
+            assert not unexplained_xfs(device, matrix, kind + ", aged and frozen")
+    assert not unexplained_xfs(image, matrix, kind + ", aged and clean")
+
+
+def test_xfs_tree_of_three_levels(tmp_path, matrix):
+    image = make_image(tmp_path / "image", 320, "mkfs.xfs", "-q", "-b", "size=1024", "-d", "agcount=4")
+    with mounted(image, tmp_path / "mnt") as (device, directory):
+        riddle(directory / "riddled", 1024, 30_000)
+        with frozen(directory):
+            assert not unexplained_xfs(device, matrix, "xfs 1K, free in single blocks, frozen")
+    assert max(xfs_levels(image, group) for group in range(4)) >= 3
+    assert not unexplained_xfs(image, matrix, "xfs 1K, free in single blocks, clean")
+    assert not unexplained_xfs(image, matrix, "xfs 1K, free in single blocks, in two chunks", "--buffer", "1")
+
+
+def test_xfs_full(tmp_path, matrix):
+    image = make_image(tmp_path / "image", 300, "mkfs.xfs", "-q", "-b", "size=1024")
+    with mounted(image, tmp_path / "mnt") as (_, directory):
+        age(directory, 200)
+        fill(directory)
+    assert not unexplained_xfs(image, matrix, "xfs 1K, full")
+    found = Comparison(image, xfs_truth(image))
+    assert len(found.truth.free) < found.truth.blocks // 20
+
+
+def test_xfs_without_checksums(tmp_path, matrix):
+    """Of the format that kernels no longer mount: filled by the tool that makes it."""
+    for size in 512, 1024, 4096:
+        content = tmp_path / "content"
+        content.write_bytes(os.urandom(700_000))
+        prototype = tmp_path / "prototype"
+        prototype.write_text("/\n0 0\nd--755 0 0\n" +
+                             "".join(f"f{number} ---644 0 0 {content}\n" for number in range(40)) + "$\n$\n")
+        image = make_image(tmp_path / "image", 300, "mkfs.xfs", "-q", "-m", "crc=0", "-b", f"size={size}",
+                           "-p", prototype)
+        assert not unexplained_xfs(image, matrix, f"xfs {size} bytes, without checksums")
+        found = Comparison(image, xfs_truth(image))
+        assert len(found.used) * size > 40 * 700_000
+
+
+def test_xfs_sectors_of_another_size(tmp_path, matrix):
+    """The places of the structures go by the sectors of the device."""
+    image = make_image(tmp_path / "image", 300, "mkfs.xfs", "-q", "-s", "size=4096")
+    assert "Invalid fsi magic number." in refused(image)
+    assert not unexplained_xfs(image, matrix, "xfs 4K sectors of 4096", "--sector-size", "4096")
+
+
+def test_summary_and_lines_tell_the_same(tmp_path):
+    image = make_image(tmp_path / "image", 64, "mkfs.ext4", "-b", "1024", "-q", "-F")
+    ranges = [tuple(map(int, line.split())) for line in run(TOOL, image).splitlines()]
+    found = json.loads(run(TOOL, "--json", image))
+    assert [tuple(pair) for pair in found["ranges"]] == ranges
+    assert all(first + count < following for (first, count), (following, _) in zip(ranges, ranges[1:]))
+    assert found["usedBlocks"] == sum(count for _, count in ranges)
+    assert found["usedBytes"] == 1024 * found["usedBlocks"]
+    summary = dict(line.split(None, 1) for line in run(TOOL, "--summary", image).splitlines())
+    assert summary["ranges"] == str(len(ranges))
+    assert summary["used"] == f"{found['usedBlocks']} blocks, {found['usedBytes']} bytes"
+    assert "ranges" not in json.loads(run(TOOL, "--json", "--summary", image))
+
+
+@pytest.mark.parametrize("arguments, status, complaint", [
+    ([], 2, "DEVICE is required"),
+    (["--buffer", "0", "/dev/null"], 2, "--buffer"),
+    (["/nowhere"], 1, "/nowhere: Unable to open block device"),
+    (["/dev/null"], 1, "/dev/null: the file system is of no kind that is known"),
+])
+def test_mistakes_are_explained(arguments, status, complaint):
+    done = subprocess.run([TOOL, *arguments], capture_output=True, text=True, check=False)
+    assert (done.returncode, done.stdout) == (status, "")
+    assert complaint in done.stderr
+
+
+def test_output_that_cant_be_written_is_a_failure(tmp_path):
+    image = make_image(tmp_path / "image", 64, "mkfs.ext4", "-q", "-F")
+    with open("/dev/full", "wb") as full:
+        done = subprocess.run([TOOL, image], stdout=full, stderr=subprocess.PIPE, text=True, check=False)
+    assert done.returncode == 1 and "standard output can't be written" in done.stderr

@@ -1,0 +1,210 @@
+"""Volumes to snapshot, and the snapshot driver as its callers see it, for inside lab/namespace."""
+import contextlib
+import fcntl
+import json
+import os
+import pathlib
+import struct
+import subprocess
+
+from lab.daemon import program
+from lab.services import wait_until
+
+STORE = pathlib.Path("/var/lib/tolvubd")
+RUNTIME = pathlib.Path("/run/tolvubd")
+INFO = RUNTIME / "info"
+LOOP_GET_STATUS64, LOOP_STATUS_SIZE, LOOP_FILE_NAME = 0x4C05, 232, 56
+UNIT = 4096
+TABLE_OFFSET = 4096
+TRACKING, SNAPSHOT = 2, 3
+
+MAKE = {"ext4": ("mkfs.ext4", "-q", "-F"), "xfs": ("mkfs.xfs", "-q", "-f")}
+
+
+def run(*command, **options):
+    return subprocess.run([str(word) for word in command], check=True, capture_output=True, text=True,
+                          **options).stdout.strip()
+
+
+def make_node(path, number):
+    major, minor = map(int, number.split(":"))
+    if not path.exists():
+        os.mknod(path, 0o660 | 0o060000, os.makedev(major, minor))
+
+
+class Volume:
+    """A partition with a mounted file system. Its disk is a sparse file, gone with the volume."""
+
+    def __init__(self, name, filesystem, sectors):
+        self.filesystem = filesystem
+        self.mount_point = pathlib.Path("/run/volumes", name)
+        self._image = pathlib.Path("/tmp", name + ".disk")
+        self._sectors = sectors
+
+    def __enter__(self):
+        with contextlib.ExitStack() as stack:
+            self._attach(stack)
+            run(*MAKE[self.filesystem], self.device)
+            self.mount_point.mkdir(parents=True, exist_ok=True)
+            self.mount()
+            stack.callback(self.unmount)
+            self._cleanup = stack.pop_all()
+        return self
+
+    def __exit__(self, *_exception):
+        self._cleanup.close()
+
+    def _attach(self, stack):
+        for loop in pathlib.Path("/sys/block").glob("loop*"):
+            make_node(pathlib.Path("/dev", loop.name), (loop / "dev").read_text())
+        with open(self._image, "wb") as image:
+            stack.callback(self._image.unlink)
+            image.truncate((self._sectors + 4096) * 512)
+        run("sfdisk", "-q", self._image, input=f"label: gpt\nstart=2048, size={self._sectors}\n")
+        disk = run("losetup", "-f", "--show", self._image)
+        stack.callback(run, "losetup", "-d", disk)
+        run("partx", "-a", disk)
+        stack.callback(run, "partx", "-d", disk)
+        self.device = pathlib.Path(disk + "p1")
+        number = pathlib.Path("/sys/class/block", self.device.name, "dev").read_text()
+        self.device.unlink(missing_ok=True)
+        make_node(self.device, number)
+        stack.callback(self.device.unlink)
+
+    @property
+    def size(self):
+        return self._sectors * 512
+
+    @property
+    def cow(self):
+        return self.mount_point / ".tolvu"
+
+    @property
+    def other_cow(self):
+        return self.mount_point / ".tolvu1"
+
+    def mount(self):
+        run("mount", self.device, self.mount_point)
+
+    def unmount(self):
+        if self.mount_point.is_mount():
+            run("umount", self.mount_point)
+
+    def write(self, name, content):
+        """Writes a file through to the device: hangs while the file system is frozen."""
+        with open(self.mount_point / name, "wb") as file:
+            file.write(content)
+            file.flush()
+            os.fsync(file.fileno())
+
+
+def tool(name):
+    return str(pathlib.Path(program()).parent / name)
+
+
+class Result:
+    """What a call of the library came to."""
+
+    def __init__(self, done):
+        words = done.stdout.split()
+        self.signal = -done.returncode if done.returncode < 0 else 0
+        self.value, self.error = (int(words[-2]), int(words[-1])) if len(words) >= 2 else (None, None)
+
+    def __bool__(self):
+        return self.value == 0
+
+
+def call(function, *arguments, wrapper=()):
+    """Calls the library in a process of its own, under a wrapper if one is given."""
+    done = subprocess.run([*wrapper, tool("TolvubdCall"), function, *map(str, arguments)],
+                          capture_output=True, text=True, check=False, timeout=60)
+    return Result(done)
+
+
+def must(function, *arguments):
+    result = call(function, *arguments)
+    assert result, f"{function} failed with {os.strerror(result.error)}"
+
+
+def tolvuctl(*arguments):
+    return subprocess.run([tool("tolvuctl"), *map(str, arguments)], capture_output=True, text=True,
+                          check=False, timeout=60)
+
+
+def info():
+    return json.loads(INFO.read_text(encoding="ascii"))
+
+
+def devices():
+    """{minor: state} of the devices that the driver shows."""
+    return {device["minor"]: device["state"] for device in info()["devices"]}
+
+
+def nodes():
+    return sorted(path.name for path in pathlib.Path("/dev").iterdir() if "tolvu" in path.name)
+
+
+def attached():
+    """{loop device: capture} of those that show a file of this store, also one without a name."""
+    found = {}
+    for loop in pathlib.Path("/sys/block").glob("loop*/loop"):
+        node = pathlib.Path("/dev", loop.parent.name)
+        with contextlib.suppress(OSError), open(loop.parent / "dev", encoding="ascii") as number: # it may go
+            make_node(node, number.read())
+            with open(node, "rb") as device:
+                status = fcntl.ioctl(device, LOOP_GET_STATUS64, bytes(LOOP_STATUS_SIZE))
+            if struct.unpack_from("<Q", status)[0] == STORE.stat().st_dev:
+                found[node] = status[LOOP_FILE_NAME:LOOP_FILE_NAME + 64].split(b"\0")[0].decode()
+    return found
+
+
+def loops():
+    """The captures that loop devices show."""
+    return sorted(pathlib.Path(file).name for file in attached().values())
+
+
+def expect_loops(count, where=""):
+    """A loop device goes only when its last user, which may be anybody, has closed it."""
+    wait_until(lambda: len(loops()) == count, 5, f"{count} loop devices {where}")
+
+
+def stored():
+    return sorted(path.name for path in STORE.iterdir() if not path.name.startswith(("lock", "state.json")))
+
+
+def detach_captures():
+    """For after a test that has failed: the machine's loop devices outlive the test's own files."""
+    for loop in attached():
+        run("losetup", "-d", loop)
+
+
+def cow_files(volume):
+    return sorted(path.name for path in volume.mount_point.glob(".tolvu*"))
+
+
+class Cow:
+    """A CoW file, read independently of the driver."""
+
+    def __init__(self, path, volume):
+        data = path.read_bytes()
+        self.magic, = struct.unpack_from("<I", data, 0)
+        self.snapshot = data[32:48]
+        self.version, self.changed = struct.unpack_from("<QQ", data, 48)
+        entries = (volume.size + UNIT - 1) // UNIT
+        self.table = struct.unpack_from(f"<{entries}Q", data, TABLE_OFFSET)
+        self.rest = data[TABLE_OFFSET + 8 * entries:]
+        self.length = len(data)
+        self.allocated = path.stat().st_blocks * 512
+
+    @property
+    def changed_units(self):
+        return [unit for unit, word in enumerate(self.table) if word]
+
+
+def differing_units(before, after):
+    piece = 256 * UNIT
+    return [offset // UNIT
+            for start in range(0, len(before), piece)
+            if before[start:start + piece] != after[start:start + piece]
+            for offset in range(start, min(start + piece, len(before)), UNIT)
+            if before[offset:offset + UNIT] != after[offset:offset + UNIT]]
