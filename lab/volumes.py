@@ -17,6 +17,7 @@ import pathlib
 import re
 import stat
 import subprocess
+import sys
 import tempfile
 
 from lab.services import Service, wait_until
@@ -28,6 +29,14 @@ TABLE_MEBIBYTES = 4 # before and behind the partitions
 UDEV_CONTROL = pathlib.Path("/run/udev/control")
 FSTAB = pathlib.Path("/etc/fstab")
 IMAGE_PREFIX = "bekd-lab-"
+
+# Waits for a process that is no child. One that has ended is gone also where nobody reaps it, as in a container
+# whose first process doesn't.
+AWAIT_END = """
+import contextlib, os, select, sys
+with contextlib.suppress(ProcessLookupError):
+    select.select([os.pidfd_open(int(sys.argv[1]))], [], [])
+"""
 
 MAKERS = {
     "ext4": ("mkfs.ext4", "-q", "-F", "-L"),
@@ -65,7 +74,7 @@ def keep_mounts_of(pid, *entering):
     When a mount namespace goes, a file system in user space is told, by the last process that was in there.
     If that is its own server, killed, it waits for its own answer for ever, and every sync() of the machine
     with it."""
-    return subprocess.Popen([*entering, "tail", f"--pid={pid}", "--sleep-interval=0.1", "-f", "/dev/null"],
+    return subprocess.Popen([*entering, sys.executable, "-c", AWAIT_END, str(pid)],
                             stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
                             start_new_session=True)
 

@@ -167,6 +167,18 @@ def test_up_after_a_crash(checkout):
     assert checkout.inside("cat", "/proc/1/comm") == "python3\n"
 
 
+def test_goes_where_orphans_are_not_reaped(checkout):
+    """As in a container whose first process only waits for its own child: what has lost its parent stays in
+    the table of processes for ever."""
+    program = "import subprocess, sys; sys.exit(subprocess.call(sys.argv[1:]))"
+    done = subprocess.run(
+        ["unshare", "--pid", "--fork", "--mount-proc", sys.executable, "-c", program, "sh", "-ec",
+         "lab/site up; lab/site down; lab/site up; exec lab/site down"],
+        cwd=checkout.directory, capture_output=True, text=True, check=False, timeout=2 * SECONDS)
+    assert (done.returncode, done.stderr) == (0, "")
+    assert os.listdir(checkout.directory / "build") == []
+
+
 def test_record_of_another_process_is_left_alone(checkout):
     """A number that the machine has given to somebody else since."""
     checkout.up()
