@@ -1,7 +1,7 @@
 #include "app/ApiComposition.h"
 
-#include "app/PendingTransports.h"
 #include "app/ServiceAddresses.h"
+#include "app/TransportFactory.h"
 #include "app/Version.h"
 #include "info/SystemInfoProvider.h"
 #include "info/VSSWriterDetailsProvider.h"
@@ -84,7 +84,7 @@ void composeApi(info::LoggingStack& logging, db::IDataProviderExtended& dataProv
                                                               contentType, response);
                              });
 
-    PendingTransports transports;
+    TransportFactory transports(logger);
     core::backup::VSSWriterDetailsProvider writers;
     const ordak::BasicHost basicHost(logger, systemInfo);
     ordak::Host host(logger, systemInfo, driverInfo, volumeProvider, engine, writers, version);

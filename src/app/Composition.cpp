@@ -52,7 +52,7 @@ void composeTolvuBackupAgent(info::LoggingStack& logging, const Continuation& co
     JSONConfigDataProvider configProvider(dir::base() / "config.json");
     Config config(logger, configProvider, agentConfigOptions());
     core::script::CommandUtility commandUtility;
-    composeEngine(logger, dataProvider, driverInfo, volumeProvider, commandUtility, backupManager,
+    composeEngine(logger, dataProvider, driverInfo, volumeProvider, commandUtility, backupManager, config,
                   [&](core::IEngine& engine) {
                       composeApi(logging, dataProvider, driverInfo, volumeProvider, backupManager, features,
                                  config, engine, [&](ordak::HTTPServer& server) {

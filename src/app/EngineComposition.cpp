@@ -4,9 +4,11 @@
 #include "core/Heartbeat.h"
 #include "core/backup/Backup.h"
 #include "core/backup/BackupThread.h"
+#include "core/backup/SnapshotSessionControl.h"
 #include "core/backup/phase/PhaseFactory.h"
 #include "core/operation/CancelableOperation.h"
 #include "core/script/Quiesce.h"
+#include "info/CowFileSize.h"
 
 #include <chrono>
 #include <utility>
@@ -17,6 +19,7 @@ namespace {
 
 using core::Heartbeat;
 using core::backup::Backup;
+using core::backup::SnapshotSessionControl;
 
 /// How long the appliance may be silent about a backup that it has once watched.
 constexpr std::chrono::seconds heartbeatTimeout(180);
@@ -52,11 +55,13 @@ makeBackup(info::Logger& logger, core::backup::IPhaseFactory& phaseFactory,
 void composeEngine(info::Logger& logger, db::IDataProviderExtended& dataProvider,
                    const IDriverInfoProvider& driverInfo, info::VolumeProvider& volumeProvider,
                    core::script::ICommandUtility& commandUtility, core::backup::IBackupManager& backupManager,
-                   const std::function<void(core::IEngine&)>& continuation) {
+                   const Config& config, const std::function<void(core::IEngine&)>& continuation) {
     core::script::Quiesce quiesce(logger, commandUtility);
-    core::backup::phase::PhaseFactory phaseFactory(logger, dataProvider, [&](const std::string& uuid) {
-        return volumeProvider.getBackupableVolume(uuid);
-    });
+    info::CowFileSize cowFileSize(config);
+    core::backup::phase::PhaseFactory phaseFactory(
+        {logger, dataProvider, quiesce, config,
+         [&](const std::string& uuid) { return volumeProvider.getBackupableVolume(uuid); },
+         [&] { return std::make_unique<SnapshotSessionControl>(logger, cowFileSize); }});
     core::Engine engine(
         logger, driverInfo, quiesce, backupManager,
         [&] { return std::make_unique<core::backup::BackupThread>(logger); },

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "common/config/IConfig.h"
+#include "common/config/Config.h"
 #include "core/IEngine.h"
 #include "core/backup/IBackupManager.h"
 #include "core/script/ICommandUtility.h"
@@ -17,6 +17,6 @@ namespace agent::app {
 void composeEngine(info::Logger& logger, db::IDataProviderExtended& dataProvider,
                    const IDriverInfoProvider& driverInfo, info::VolumeProvider& volumeProvider,
                    core::script::ICommandUtility& commandUtility, core::backup::IBackupManager& backupManager,
-                   const std::function<void(core::IEngine&)>& continuation);
+                   const Config& config, const std::function<void(core::IEngine&)>& continuation);
 
 } // namespace agent::app

@@ -12,6 +12,10 @@ constexpr const char* history = ".tolvu.inc";
 
 constexpr int inSnapshot = 3;
 
+std::string baseName(const std::string& path) {
+    return path.substr(path.rfind('/') + 1);
+}
+
 } // namespace
 
 std::vector<std::string> below(const Path& root) {
@@ -31,6 +35,13 @@ std::string old(const Path& root, const info::DriverDeviceInfo& device) {
     const bool isSecondCurrent = device.cow_file == std::string("/") + secondCowFile;
     Path file = root / (isSecondCurrent ? firstCowFile : secondCowFile);
     return file.str();
+}
+
+bool areBothCowFiles(const std::string& one, const std::string& other) {
+    const std::string first = baseName(one);
+    const std::string second = baseName(other);
+    return (first == firstCowFile && second == secondCowFile) ||
+           (first == secondCowFile && second == firstCowFile);
 }
 
 } // namespace agent::core::backup::snapshot_files

@@ -20,4 +20,7 @@ std::string changeRecord(const Path& root, const info::DriverDeviceInfo& device)
 /// The CoW file that the device has left behind.
 std::string old(const Path& root, const info::DriverDeviceInfo& device);
 
+/// Whether two paths name the two CoW files, in either order.
+bool areBothCowFiles(const std::string& one, const std::string& other);
+
 } // namespace agent::core::backup::snapshot_files

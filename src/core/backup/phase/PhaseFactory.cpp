@@ -2,7 +2,12 @@
 
 #include "core/backup/RemoteTargetValidator.h"
 #include "core/backup/phase/CloseBackupSession.h"
+#include "core/backup/phase/CopyVolume.h"
 #include "core/backup/phase/OpenBackupSession.h"
+#include "core/backup/phase/PostBackupRecord.h"
+#include "core/backup/phase/StartSnapshotting.h"
+#include "core/backup/phase/TransitionToIncremental.h"
+#include "core/backup/phase/ValidateLocalTargets.h"
 #include "core/backup/phase/ValidateRemoteTargets.h"
 
 #include <utility>
@@ -11,56 +16,72 @@ namespace agent::core::backup::phase {
 
 namespace {
 
-/// The phases of one run. Without a copy of a volume no checksum is ever registered, so that closing the
-/// session fails the backup: what was not copied is never reported as finished.
+/// The phases of one run, and what they hand to each other.
 class BackupPhases : public IBackupPhases {
 public:
-    BackupPhases(info::Logger& logger, db::IDataProvider& dataProvider,
-                 const PopulateVolumes::VolumeLookup& volumeLookup,
-                 std::shared_ptr<IBackupAttributes> attributes)
-        : logger(logger),
-          dataProvider(dataProvider),
-          volumeLookup(volumeLookup),
+    BackupPhases(const PhaseFactory::Environment& environment, std::shared_ptr<IBackupAttributes> attributes,
+                 std::shared_ptr<ISnapshotAttributes> snapshotAttributes, IBackupStatusHandler& status)
+        : environment(environment),
           attributes(std::move(attributes)),
-          validator(logger, dataProvider) {}
+          snapshotAttributes(std::move(snapshotAttributes)),
+          status(status),
+          snapshotControl(environment.makeSnapshotControl()),
+          validator(environment.logger, environment.dataProvider) {}
 
     Phases populate() override {
         Phases phases;
-        phases.push_back(
-            std::make_unique<PopulateVolumes>(logger, volumeLookup, attributes->getVolumeUUIDs(), volumes));
+        phases.push_back(std::make_unique<PopulateVolumes>(environment.logger, environment.volumeLookup,
+                                                           attributes->getVolumeUUIDs(), volumes));
         return phases;
     }
 
-    Phases transfer(BackupSession& session, ICancel& /*cancel*/) override {
+    Phases transfer(BackupSession& session, ICancel& cancel) override {
         Phases phases;
         phases.push_back(std::make_unique<OpenBackupSession>(session));
+        phases.push_back(std::make_unique<ValidateLocalTargets>(environment.logger, volumes, *attributes,
+                                                                environment.dataProvider));
         phases.push_back(std::make_unique<ValidateRemoteTargets>(session, *attributes, validator));
-        phases.push_back(std::make_unique<CloseBackupSession>(session, dataProvider));
+        phases.push_back(std::make_unique<StartSnapshotting>(
+            environment.logger, *snapshotControl, snapshotInfo, volumes, *attributes, *snapshotAttributes,
+            environment.quiesce, status));
+        for (const auto& volume : volumes) {
+            phases.push_back(std::make_unique<CopyVolume>(environment.logger, session, snapshotInfo, volume,
+                                                          *attributes, status, environment.dataProvider,
+                                                          cancel, environment.config));
+        }
+        phases.push_back(std::make_unique<CloseBackupSession>(session, environment.dataProvider));
         return phases;
     }
 
-    Phases conclude(bool /*success*/) override { return {}; }
+    Phases conclude(bool success) override {
+        Phases phases;
+        phases.push_back(
+            std::make_unique<TransitionToIncremental>(*snapshotControl, snapshotInfo, volumes, success));
+        phases.push_back(std::make_unique<PostBackupRecord>(environment.logger, environment.dataProvider,
+                                                            volumes, success, snapshotInfo));
+        return phases;
+    }
 
 private:
-    info::Logger& logger;
-    db::IDataProvider& dataProvider;
-    const PopulateVolumes::VolumeLookup& volumeLookup;
-    std::shared_ptr<IBackupAttributes> attributes;
+    const PhaseFactory::Environment& environment;
+    const std::shared_ptr<IBackupAttributes> attributes;
+    const std::shared_ptr<ISnapshotAttributes> snapshotAttributes;
+    IBackupStatusHandler& status;
+    const std::unique_ptr<SnapshotSessionControl> snapshotControl;
     RemoteTargetValidator validator;
     PopulateVolumes::Volumes volumes;
+    std::shared_ptr<ISnapshotInfo> snapshotInfo; ///< null until there are snapshots
 };
 
 } // namespace
 
-PhaseFactory::PhaseFactory(info::Logger& logger, db::IDataProvider& dataProvider,
-                           PopulateVolumes::VolumeLookup volumeLookup)
-    : logger(logger), dataProvider(dataProvider), volumeLookup(std::move(volumeLookup)) {}
+PhaseFactory::PhaseFactory(Environment environment) : environment(std::move(environment)) {}
 
-std::unique_ptr<IBackupPhases>
-PhaseFactory::create(std::shared_ptr<IBackupAttributes> backupAttributes,
-                     std::shared_ptr<ISnapshotAttributes> /*snapshotAttributes*/,
-                     IBackupStatusHandler& /*status*/) {
-    return std::make_unique<BackupPhases>(logger, dataProvider, volumeLookup, std::move(backupAttributes));
+std::unique_ptr<IBackupPhases> PhaseFactory::create(std::shared_ptr<IBackupAttributes> backupAttributes,
+                                                    std::shared_ptr<ISnapshotAttributes> snapshotAttributes,
+                                                    IBackupStatusHandler& status) {
+    return std::make_unique<BackupPhases>(environment, std::move(backupAttributes),
+                                          std::move(snapshotAttributes), status);
 }
 
 } // namespace agent::core::backup::phase

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "core/backup/SnapshotSessionControl.h"
 #include "core/operation/IPhase.h"
 #include "info/log/Logger.h"
 
@@ -8,17 +9,13 @@
 #include <string>
 #include <vector>
 
-namespace agent::info {
-class BackupableVolume;
-}
-
 namespace agent::core::backup::phase {
 
 /// Turns the UUIDs of a request into volumes. A volume that isn't there fails the backup; those found before
 /// it stay in the list, for what has to be done after every backup.
 class PopulateVolumes : public IPhase {
 public:
-    using Volumes = std::vector<std::shared_ptr<info::BackupableVolume>>;
+    using Volumes = SnapshotSessionControl::Volumes;
     /// The volume with a UUID, null if there is none.
     using VolumeLookup = std::function<std::shared_ptr<info::BackupableVolume>(const std::string& uuid)>;
 

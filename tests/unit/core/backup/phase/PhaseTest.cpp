@@ -1,15 +1,13 @@
 #include "common/Exceptions.h"
-#include "core/backup/Backup.h"
 #include "core/backup/BackupAttributes.h"
 #include "core/backup/BackupSession.h"
 #include "core/backup/BackupType.h"
 #include "core/backup/RemoteTargetValidator.h"
 #include "core/backup/phase/CloseBackupSession.h"
 #include "core/backup/phase/OpenBackupSession.h"
-#include "core/backup/phase/PhaseFactory.h"
 #include "core/backup/phase/PopulateVolumes.h"
 #include "core/backup/phase/ValidateRemoteTargets.h"
-#include "core/operation/CancelableOperation.h"
+#include "info/BackupableVolume.h"
 #include "support/FakeTransport.h"
 #include "support/Messages.h"
 #include "support/TestDatabase.h"
@@ -17,14 +15,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <stdexcept>
 
 namespace agent::core::backup::phase {
 namespace {
 
 using test::messageOf;
-using Line = test::RecordingLogger::Line;
 
 const std::string first = "11111111-1111-1111-1111-111111111111";
 const std::string second = "22222222-2222-2222-2222-222222222222";
@@ -125,10 +121,8 @@ TEST_F(PhaseTest, ClosingFailsWithTheDatabase) {
     EXPECT_FALSE(log.hasPart(3, "Finishing writing"));
 }
 
-/// A volume that nobody looks into.
 std::shared_ptr<info::BackupableVolume> someVolume() {
-    const auto holder = std::make_shared<int>(0);
-    return {holder, static_cast<info::BackupableVolume*>(static_cast<void*>(holder.get()))};
+    return std::make_shared<info::BackupableVolume>(info::VolumeDescription{});
 }
 
 TEST_F(PhaseTest, PopulatingFindsEachVolumeInOrder) {
@@ -154,66 +148,6 @@ TEST_F(PhaseTest, PopulatingFailsWithAVolumeThatIsNotThere) {
     EXPECT_EQ(messageOf<std::runtime_error>([&] { phase.execute(); }), "Cannot backup non existing volume.");
     EXPECT_TRUE(log.has(1, "Volume " + second + " could not be found."));
     EXPECT_EQ(volumes.size(), 1U); // what was found before stays for what follows every backup
-}
-
-/// The phases of the agent in a real run.
-class PhaseFactoryTest : public PhaseTest {
-protected:
-    void run() { backup.run(std::move(session)); }
-
-    /// The position of a line in the log; the test fails without it.
-    std::ptrdiff_t positionOf(int level, const std::string& text) {
-        const auto lines = log.lines();
-        const auto found = std::find(lines.begin(), lines.end(), Line{level, text});
-        EXPECT_NE(found, lines.end()) << text;
-        return found - lines.begin();
-    }
-
-    std::shared_ptr<info::BackupableVolume> found = someVolume();
-    PhaseFactory factory{log.logger, database.provider, [this](const std::string&) { return found; }};
-    Backup backup{log.logger, factory, attributes, nullptr, std::make_unique<CancelableOperation>(),
-                  nullptr,    "backup"};
-};
-
-TEST_F(PhaseFactoryTest, PhasesBegin) {
-    run();
-    const auto populated = positionOf(3, "Finished execution of the Populate Volumes phase.");
-    const auto opened = positionOf(3, "Finished execution of the Open Backup Session phase.");
-    const auto validated = positionOf(3, "Finished execution of the Validate Remote Targets phase.");
-    const auto closing = positionOf(3, "Beginning execution of the Close Backup Session phase.");
-    EXPECT_LT(populated, opened);
-    EXPECT_LT(opened, validated);
-    EXPECT_LT(validated, closing);
-}
-
-TEST_F(PhaseFactoryTest, VolumesThatWereNotCopiedFailTheBackup) {
-    run();
-    EXPECT_TRUE(log.hasPart(1, "Exception caught during backup run: Failed to register a checksum after "
-                               "writing with the corresponding VolumeWriter for volume: "));
-    EXPECT_FALSE(log.has(3, "Finished execution of the Close Backup Session phase."));
-    EXPECT_LT(positionOf(4, "Backup session destroyed"), positionOf(3, "Backup backup FAILED!"));
-    EXPECT_FALSE(backup.isActive());
-    EXPECT_FALSE(backup.isFinished());
-}
-
-TEST_F(PhaseFactoryTest, VolumeThatIsNotThereFailsTheBackupBeforeTheSessionOpens) {
-    found = nullptr;
-    run();
-    EXPECT_TRUE(log.has(1, "Exception caught during backup run: Cannot backup non existing volume."));
-    EXPECT_FALSE(log.hasPart(3, "Open Backup Session"));
-    EXPECT_FALSE(backup.isActive());
-    EXPECT_FALSE(backup.isFinished());
-}
-
-TEST_F(PhaseFactoryTest, LostTargetIsToldApart) {
-    firstTransport->refusing = true;
-    run();
-    EXPECT_TRUE(log.hasPart(1, "Transport related error occurred during backup run: "));
-    EXPECT_FALSE(log.hasPart(3, "Close Backup Session"));
-    BackupStatus status;
-    backup.getStatus(status);
-    EXPECT_TRUE(status.connectionError);
-    EXPECT_FALSE(backup.isActive());
 }
 
 } // namespace

@@ -1,4 +1,6 @@
-#include "app/PendingTransports.h"
+#include "app/TransportFactory.h"
+
+#include "core/transport/IscsiTransport.h"
 
 #include <cerrno>
 
@@ -6,6 +8,7 @@ namespace agent::app {
 
 namespace {
 
+/// Refuses every connection.
 class PendingTransport : public core::ITransport {
 public:
     std::int64_t seek(std::int64_t /*offset*/, int /*whence*/) override { return refuse(); }
@@ -25,12 +28,15 @@ private:
 
 } // namespace
 
-std::shared_ptr<core::ITransport> PendingTransports::makeIscsi(const Target& /*target*/) {
-    return std::make_shared<PendingTransport>();
+TransportFactory::TransportFactory(info::Logger& logger) : logger(logger) {}
+
+std::shared_ptr<core::ITransport> TransportFactory::makeIscsi(const Target& target) {
+    return std::make_shared<core::IscsiTransport>(logger, target.qualifiedName, target.address, target.lun,
+                                                  target.offset, target.username, target.password);
 }
 
-std::shared_ptr<core::ITransport> PendingTransports::makeZephaneFTP(const Target& /*target*/,
-                                                                    std::uint16_t /*port*/) {
+std::shared_ptr<core::ITransport> TransportFactory::makeZephaneFTP(const Target& /*target*/,
+                                                                   std::uint16_t /*port*/) {
     return std::make_shared<PendingTransport>();
 }
 

@@ -1,0 +1,158 @@
+#include "core/backup/phase/CopyVolume.h"
+
+#include "core/backup/BackupType.h"
+#include "core/backup/PhaseRunner.h"
+#include "core/backup/VolumeChecksumGenerator.h"
+#include "core/backup/VolumeReader.h"
+#include "core/backup/phase/CalculateTransferSize.h"
+#include "core/backup/phase/CopyChunkRanges.h"
+#include "core/backup/phase/CreateChunkRangeProvider.h"
+#include "core/backup/phase/ModifyBootSector.h"
+#include "core/backup/phase/OpenVolumeIO.h"
+#include "core/backup/phase/PunchHoles.h"
+#include "core/fs/LoggedBuffer.h"
+
+#include <stdexcept>
+#include <utility>
+
+namespace agent::core::backup::phase {
+
+namespace {
+
+constexpr std::size_t copyBufferBytes = 0x400000;
+constexpr std::size_t bufferAlignment = 4096;
+
+} // namespace
+
+/// One run of the copy, with all that its phases share. They are made in order: what a phase refers to stands
+/// above it.
+class CopyVolume::Copy {
+public:
+    Copy(CopyVolume& phase, const VolumeSnapshotInfo& snapshot)
+        : phase(phase),
+          snapshot(snapshot),
+          blockSize(phase.volume->getBlockSize()),
+          maxBlocksPerChunk(blockSize == 0 ? 0 : copyBufferBytes / blockSize),
+          buffer(fs::createLoggedBuffer(copyBufferBytes, bufferAlignment, phase.logger)),
+          reader(phase.logger, snapshot.snapshotPath),
+          ranges(phase.logger, phase.volume),
+          fileSystems(phase.logger, phase.volume->getSectorSize(), &reader) {}
+
+    void open(bool isDiffMerge) {
+        run(list(std::make_unique<OpenVolumeIO>(phase.session, phase.uuid, reader, writer, isDiffMerge)));
+    }
+
+    void transfer(bool isIncremental) {
+        std::unique_ptr<fs::IBlockBitmapChunkProvider> usedBlocks = fileSystems.create();
+        if (!usedBlocks) {
+            throw std::runtime_error("File system not recognized for " + phase.uuid);
+        }
+        Phases phases =
+            list(std::make_unique<CreateChunkRangeProvider>(
+                     CreateChunkRangeProvider::Source{snapshot.incrementalBitmap, snapshot.excludedFiles,
+                                                      phase.volume->getBlockCount(), isIncremental},
+                     provider, ranges, fileSystems, maxBlocksPerChunk),
+                 std::make_unique<CalculateTransferSize>(phase.logger, phase.uuid, phase.volume->getSize(),
+                                                         blockSize, phase.status, provider),
+                 std::make_unique<CopyChunkRanges>(phase.logger, phase.uuid, reader, writer, provider,
+                                                   blockSize, buffer, phase.status, phase.cancel));
+        if (canPunchHoles()) {
+            phases.push_back(std::make_unique<PunchHoles>(
+                phase.session.getTransport(phase.uuid),
+                ranges.createUnusedExcluder(std::move(usedBlocks), false), blockSize, phase.cancel));
+        }
+        usedBlocks.reset(); // or it keeps its maps in memory for the time of the copy
+        phases.push_back(std::make_unique<ModifyBootSector>(phase.logger, phase.volume->getFileSystem(),
+                                                            phase.volume->getSectorSize(), reader, writer));
+        run(phases);
+    }
+
+private:
+    template <typename... Phase>
+    static Phases list(std::unique_ptr<Phase>... phase) {
+        Phases phases;
+        (phases.push_back(std::move(phase)), ...);
+        return phases;
+    }
+
+    void run(const Phases& phases) { PhaseRunner(phase.logger, phases).run(phase.cancel); }
+
+    [[nodiscard]] bool canPunchHoles() const {
+        bool isEnabled = false;
+        phase.config.get("holepunch.enabled", isEnabled);
+        return isEnabled && phase.session.getTransport(phase.uuid)->supportsHolePunching();
+    }
+
+    CopyVolume& phase;
+    const VolumeSnapshotInfo& snapshot;
+    const std::uint32_t blockSize;
+    const std::uint64_t maxBlocksPerChunk;
+    AlignedBuffer buffer;
+    VolumeReader reader;
+    std::shared_ptr<ITransport> writer;
+    block::BlockRangeProviderFactory ranges;
+    fs::UsedBlockBitmapChunkProviderFactory fileSystems;
+    std::unique_ptr<block::IBlockRangeProvider> provider;
+};
+
+CopyVolume::CopyVolume(info::Logger& logger, BackupSession& session,
+                       const std::shared_ptr<ISnapshotInfo>& snapshotInfo,
+                       std::shared_ptr<const info::BackupableVolume> volume,
+                       const IBackupAttributes& attributes, IBackupStatusHandler& status,
+                       db::IDataProvider& dataProvider, ICancel& cancel, const IConfig& config)
+    : logger(logger),
+      session(session),
+      snapshotInfo(snapshotInfo),
+      volume(std::move(volume)),
+      attributes(attributes),
+      status(status),
+      dataProvider(dataProvider),
+      cancel(cancel),
+      config(config),
+      uuid(this->volume->getUuid()) {}
+
+void CopyVolume::execute() {
+    const VolumeSnapshotInfo snapshot = snapshotInfo->getVolumeSnapshotInfo(uuid);
+    const std::uint32_t type = attributes.getBackupType(uuid);
+    const std::string description = volume->getDisplayName();
+    info::LogEntry(logger, info::level::info)
+        << "The type of backup for volume " << description << " is: " << backupTypeText(type);
+    status.setVolumeBackupType(uuid, type);
+    status.setVolumeState(uuid, VOLUME_ACTIVE);
+    copy(snapshot, type);
+    registerImage();
+    status.setVolumeState(uuid, VOLUME_FINISHED);
+    info::LogEntry(logger, info::level::info) << "Finished copying volume " << description;
+}
+
+void CopyVolume::copy(const VolumeSnapshotInfo& snapshot, std::uint32_t type) {
+    Copy copy(*this, snapshot);
+    info::LogEntry(logger, info::level::info) << "Beginning copying volume " << volume->getDisplayName();
+    copy.open(type == DIFFERENTIAL_MERGE);
+    addToDatabase();
+    copy.transfer(type == INCREMENTAL);
+}
+
+void CopyVolume::addToDatabase() {
+    try {
+        if (!dataProvider.hasVolume(uuid)) {
+            info::LogEntry(logger, info::level::debug)
+                << "Adding db entry of volume " << volume->getDisplayName();
+            dataProvider.setVolumeChecksum(uuid, 0, db::ChecksumType::libcrc32c);
+        }
+    } catch (const std::exception&) { // NOLINT(bugprone-empty-catch): see the declaration
+    }
+}
+
+void CopyVolume::registerImage() {
+    session.registerVolume(
+        uuid, [this](const std::shared_ptr<ITransport>& transport, std::uint32_t& checksum) {
+            return VolumeChecksumGenerator(logger, transport).generate(db::ChecksumType::libcrc32c, checksum);
+        });
+}
+
+std::string CopyVolume::getName() const {
+    return "Copy Volume " + uuid;
+}
+
+} // namespace agent::core::backup::phase

@@ -1,0 +1,54 @@
+#pragma once
+
+#include "common/AlignedBuffer.h"
+#include "common/config/IConfig.h"
+#include "core/backup/BackupSession.h"
+#include "core/backup/IBackupAttributes.h"
+#include "core/backup/IBackupPhases.h"
+#include "core/backup/IBackupStatusHandler.h"
+#include "core/backup/ISnapshotInfo.h"
+#include "core/operation/ICancel.h"
+#include "core/operation/IPhase.h"
+#include "db/IDataProvider.h"
+#include "info/BackupableVolume.h"
+#include "info/log/Logger.h"
+
+namespace agent::core::backup::phase {
+
+/// Moves one volume to its remote image, by phases of its own, and has the image's checksum taken.
+/// Owns:    a share of the volume's description. What a copy needs lives as long as `execute`.
+/// Threads: the thread of the backup; volumes are copied one after another.
+/// Fails:   transport_connection_error for a target that refuses or is lost, other exceptions for everything
+///          else. Nothing is tried again here, that is for the transport.
+class CopyVolume : public IPhase {
+public:
+    CopyVolume(info::Logger& logger, BackupSession& session,
+               const std::shared_ptr<ISnapshotInfo>& snapshotInfo,
+               std::shared_ptr<const info::BackupableVolume> volume, const IBackupAttributes& attributes,
+               IBackupStatusHandler& status, db::IDataProvider& dataProvider, ICancel& cancel,
+               const IConfig& config);
+    void execute() override;
+    [[nodiscard]] std::string getName() const override;
+
+private:
+    class Copy;
+
+    void copy(const VolumeSnapshotInfo& snapshot, std::uint32_t type);
+    /// The volume is known from here on, though not what its image holds: without a checksum, the next backup
+    /// compares every block. A database that can't take that doesn't fail the copy.
+    void addToDatabase();
+    void registerImage();
+
+    info::Logger& logger;
+    BackupSession& session;
+    const std::shared_ptr<ISnapshotInfo>& snapshotInfo;
+    const std::shared_ptr<const info::BackupableVolume> volume;
+    const IBackupAttributes& attributes;
+    IBackupStatusHandler& status;
+    db::IDataProvider& dataProvider;
+    ICancel& cancel;
+    const IConfig& config;
+    const std::string uuid;
+};
+
+} // namespace agent::core::backup::phase

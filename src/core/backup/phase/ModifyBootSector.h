@@ -1,0 +1,42 @@
+#pragma once
+
+#include "core/fs/IVolumeReader.h"
+#include "core/operation/IPhase.h"
+#include "core/transport/ITransport.h"
+#include "info/log/Logger.h"
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+namespace agent::core::backup::phase {
+
+/// Has the boot sector of an NTFS image with sectors of 512 bytes name 63 sectors a track, which is what the
+/// geometry of a virtual disk has; Windows boots from no other. The volume itself stays as it is.
+class ModifyBootSector : public IPhase {
+public:
+    ModifyBootSector(info::Logger& logger, std::string filesystem, std::uint32_t sectorSize,
+                     IVolumeReader& reader, const std::shared_ptr<ITransport>& writer);
+    void execute() override;
+    [[nodiscard]] std::string getName() const override;
+
+private:
+    static constexpr std::size_t sectorBytes = 512;
+    /// Page-aligned, as direct I/O wants it.
+    struct alignas(4096) Sector {
+        std::array<std::uint8_t, sectorBytes> bytes{};
+    };
+
+    std::size_t read(Sector& sector);
+    void write(const Sector& sector, std::size_t length);
+
+    info::Logger& logger;
+    const std::string filesystem;
+    const std::uint32_t sectorSize;
+    IVolumeReader& reader;
+    const std::shared_ptr<ITransport>& writer;
+};
+
+} // namespace agent::core::backup::phase

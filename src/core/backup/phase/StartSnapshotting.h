@@ -1,0 +1,44 @@
+#pragma once
+
+#include "core/backup/IBackupAttributes.h"
+#include "core/backup/IBackupStatusHandler.h"
+#include "core/backup/ISnapshotAttributes.h"
+#include "core/backup/ISnapshotInfo.h"
+#include "core/backup/phase/PopulateVolumes.h"
+#include "core/operation/IPhase.h"
+#include "core/script/IQuiesce.h"
+#include "info/log/Logger.h"
+
+namespace agent::core::backup::phase {
+
+/// Takes the snapshots of all volumes, with the administrator's scripts run before and after. The scripts run
+/// afterwards too when there is no snapshot, unless one of those before couldn't be run.
+class StartSnapshotting : public IPhase {
+public:
+    using Volumes = PopulateVolumes::Volumes;
+
+    /// Fills `snapshotInfo`.
+    StartSnapshotting(info::Logger& logger, SnapshotSessionControl& control,
+                      std::shared_ptr<ISnapshotInfo>& snapshotInfo, const Volumes& volumes,
+                      IBackupAttributes& attributes, const ISnapshotAttributes& snapshotAttributes,
+                      script::IQuiesce& quiesce, IBackupStatusHandler& status);
+    void execute() override;
+    [[nodiscard]] std::string getName() const override;
+
+private:
+    void runScripts(bool isPre);
+    void takeSnapshots();
+    /// Without the record of changes since the last backup, everything has to be compared.
+    void lowerUntracked(const info::BackupableVolume& volume);
+
+    info::Logger& logger;
+    SnapshotSessionControl& control;
+    std::shared_ptr<ISnapshotInfo>& snapshotInfo;
+    const Volumes& volumes;
+    IBackupAttributes& attributes;
+    const ISnapshotAttributes& snapshotAttributes;
+    script::IQuiesce& quiesce;
+    IBackupStatusHandler& status;
+};
+
+} // namespace agent::core::backup::phase

@@ -1,0 +1,23 @@
+#include "core/transport/IscsiLibrary.h"
+
+#include <cstdint>
+#include <ctime>
+// The library's headers need the types of those above.
+#include <iscsi/iscsi.h>
+#include <iscsi/scsi-lowlevel.h>
+
+namespace agent::core::iscsi {
+
+void DestroyContext::operator()(iscsi_context* context) const noexcept {
+    iscsi_destroy_context(context);
+}
+
+void FreeTask::operator()(scsi_task* task) const noexcept {
+    scsi_free_scsi_task(task);
+}
+
+bool isGood(const Task& task) noexcept {
+    return task && task->status == SCSI_STATUS_GOOD;
+}
+
+} // namespace agent::core::iscsi

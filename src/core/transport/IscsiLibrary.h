@@ -1,0 +1,25 @@
+#pragma once
+
+#include <memory>
+
+struct iscsi_context;
+struct scsi_task;
+
+/// Owners of what libiscsi hands out. An empty one stands for a call that has failed.
+namespace agent::core::iscsi {
+
+struct DestroyContext {
+    void operator()(iscsi_context* context) const noexcept;
+};
+
+struct FreeTask {
+    void operator()(scsi_task* task) const noexcept;
+};
+
+using Context = std::unique_ptr<iscsi_context, DestroyContext>;
+using Task = std::unique_ptr<scsi_task, FreeTask>;
+
+/// Whether the target has done what it was asked.
+bool isGood(const Task& task) noexcept;
+
+} // namespace agent::core::iscsi

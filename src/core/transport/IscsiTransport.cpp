@@ -1,0 +1,372 @@
+#include "core/transport/IscsiTransport.h"
+
+#include "common/BrokenPipeGuard.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+#include <iscsi/iscsi.h>
+#include <iscsi/scsi-lowlevel.h>
+#include <utility>
+
+namespace agent::core {
+
+namespace {
+
+constexpr int maxTries = 5;
+constexpr time_t retrySleepSeconds = 1;
+constexpr int tcpUserTimeoutMilliseconds = 60000;
+constexpr int commandTimeoutSeconds = 60;
+constexpr int absolute = 0;
+constexpr int relative = 1;
+/// No disk has larger ones, and what is counted in them must fit the 32 bits of a command's length.
+constexpr std::uint32_t maxBlockSize = 1U << 20U;
+
+void sleepBeforeRetry() {
+    timespec left{retrySleepSeconds, 0};
+    while (nanosleep(&left, &left) != 0 && errno == EINTR) {
+    }
+}
+
+} // namespace
+
+IscsiTransport::IscsiTransport(info::Logger& logger, const std::string& targetName, const std::string& portal,
+                               int lun, std::uint64_t offset, const std::string& user,
+                               const std::string& password)
+    : Transport(logger),
+      targetName(targetName),
+      portal(portal),
+      lun(lun),
+      user(user),
+      password(password),
+      offset(offset),
+      diffBuffer(1) {}
+
+IscsiTransport::~IscsiTransport() {
+    IscsiTransport::disconnect();
+}
+
+bool IscsiTransport::connect(bool diffMerge) {
+    return doConnect(diffMerge, true);
+}
+
+bool IscsiTransport::doConnect(bool withDiffMerge, bool retrying) {
+    const BrokenPipeGuard guard;
+    diffMerge = withDiffMerge;
+    broken = false;
+    const int tries = retrying ? maxTries : 1;
+    for (int attempt = 1; attempt <= tries; ++attempt) {
+        if (!prepareContext()) {
+            return false;
+        }
+        if (login(attempt)) {
+            return readCapacity();
+        }
+        context.reset();
+        if (retrying) {
+            sleepBeforeRetry();
+        }
+    }
+    return giveUp(retrying ? "Iscsi target connect exceeded max retries. Aborting."
+                           : "Iscsi target connect failed. Aborting.");
+}
+
+bool IscsiTransport::prepareContext() {
+    context.reset(iscsi_create_context(targetName.c_str()));
+    if (!context) {
+        return giveUp("Failed to create iscsi context.");
+    }
+    iscsi_set_tcp_user_timeout(context.get(), tcpUserTimeoutMilliseconds);
+    iscsi_set_noautoreconnect(context.get(), 1);
+    iscsi_set_reconnect_max_retries(context.get(), 0);
+    if (iscsi_set_targetname(context.get(), targetName.c_str()) != 0) {
+        return giveUp("Failed to set iscsi target name.");
+    }
+    if (iscsi_set_session_type(context.get(), ISCSI_SESSION_NORMAL) != 0) {
+        return giveUp("Failed to set iscsi session type.");
+    }
+    if (iscsi_set_header_digest(context.get(), ISCSI_HEADER_DIGEST_NONE_CRC32C) != 0) {
+        return giveUp("Failed to set iscsi header digest.");
+    }
+    if (iscsi_set_initiator_username_pwd(context.get(), user.c_str(), password.c_str()) != 0) {
+        return giveUp("Failed to set iscsi initiator username and password.");
+    }
+    if (iscsi_set_immediate_data(context.get(), ISCSI_IMMEDIATE_DATA_YES) != 0) {
+        return giveUp(std::string("Failed to set iscsi 'IMMEDIATE DATA' option. ") +
+                      iscsi_get_error(context.get()));
+    }
+    if (iscsi_set_initial_r2t(context.get(), ISCSI_INITIAL_R2T_NO) != 0) {
+        return giveUp(std::string("Failed to set iscsi 'INITIAL R2T' option. ") +
+                      iscsi_get_error(context.get()));
+    }
+    if (iscsi_set_timeout(context.get(), commandTimeoutSeconds) != 0) {
+        return giveUp("Failed to set iscsi timeout.");
+    }
+    return true;
+}
+
+bool IscsiTransport::login(int attempt) {
+    if (iscsi_full_connect_sync(context.get(), portal.c_str(), lun) == 0) {
+        fd = iscsi_get_fd(context.get());
+        return true;
+    }
+    logger.log(info::level::error,
+               "Iscsi target connect or Login failed: Try: %d Target name: %s Target portal: %s LUN: %d. "
+               "Error: %s",
+               attempt, targetName.c_str(), portal.c_str(), lun, iscsi_get_error(context.get()));
+    return false;
+}
+
+bool IscsiTransport::readCapacity() {
+    const iscsi::Task task(iscsi_readcapacity16_sync(context.get(), lun));
+    if (!iscsi::isGood(task)) {
+        return giveUp("Failed during iscsi read capacity command.");
+    }
+    // Belongs to the task.
+    const auto* const capacity = static_cast<const scsi_readcapacity16*>(scsi_datain_unmarshall(task.get()));
+    if (capacity == nullptr) {
+        return giveUp("Failed to unmarshall read capacity data.");
+    }
+    if (capacity->block_length == 0 || capacity->block_length > maxBlockSize) {
+        return giveUp("Iscsi target has blocks of " + std::to_string(capacity->block_length) + " bytes.");
+    }
+    blockSize = capacity->block_length;
+    blockCount = capacity->returned_lba + 1;
+    position = 0;
+    logger.log(info::level::debug, "Iscsi connected:");
+    logger.log(info::level::debug, "FD = %d", fd);
+    logger.log(info::level::debug, "tBlock size: %u", blockSize);
+    logger.log(info::level::debug, "tBlock count: %lu", blockCount);
+    logger.log(info::level::debug, "Iscsi successfully connected.");
+    return true;
+}
+
+bool IscsiTransport::giveUp(const std::string& message) {
+    info::LogEntry(logger, info::level::error) << message;
+    context.reset();
+    return false;
+}
+
+std::int64_t IscsiTransport::seek(std::int64_t distance, int whence) {
+    errno = 0;
+    std::int64_t target = 0;
+    const std::int64_t from = whence == relative ? position : 0;
+    if ((whence != absolute && whence != relative) || __builtin_add_overflow(from, distance, &target) ||
+        target < 0 || (size() != 0 && static_cast<std::uint64_t>(target) > size())) {
+        errno = EINVAL;
+        return -1;
+    }
+    position = target;
+    return position;
+}
+
+std::int64_t IscsiTransport::read(void* data, std::uint64_t length) {
+    bool failed = false;
+    const std::int64_t result = tryRead(data, length, failed);
+    if (!failed) {
+        return result;
+    }
+    return retry("Read iscsi failed. Sleeping, reconnecting, and retrying.",
+                 [&](bool& failedAgain) { return tryRead(data, length, failedAgain); });
+}
+
+std::int64_t IscsiTransport::write(const void* data, std::uint64_t length) {
+    if (diffMerge) {
+        const std::int64_t start = position;
+        if (isRemoteEqual(data, length)) {
+            logger.log(info::level::debug,
+                       "Iscsi diffmerge: local block %ld (len %lu) matches remote; skipping write", start,
+                       length);
+            return static_cast<std::int64_t>(length);
+        }
+        if (returnTo(start, length) < 0) {
+            return -1;
+        }
+    }
+    bool failed = false;
+    const std::int64_t result = tryWrite(data, length, failed);
+    if (!failed) {
+        return result;
+    }
+    return retry("Write iscsi failed. Sleeping, reconnecting, and retrying.",
+                 [&](bool& failedAgain) { return tryWrite(data, length, failedAgain); });
+}
+
+bool IscsiTransport::isRemoteEqual(const void* data, std::uint64_t length) {
+    diffBuffer.resize(length);
+    if (read(diffBuffer.data(), length) != static_cast<std::int64_t>(length)) {
+        logger.log(info::level::warning, "Failed to read a remote target block; the current block will be "
+                                         "copied without diff");
+        return false;
+    }
+    return std::memcmp(diffBuffer.data(), data, length) == 0;
+}
+
+// A comparison that could not read the whole block has left the position elsewhere. Not knowing what the
+// target holds, the write then fails, in spite of what has been announced.
+std::int64_t IscsiTransport::returnTo(std::int64_t start, std::uint64_t length) {
+    if (position - static_cast<std::int64_t>(length) != start) {
+        logger.log(info::level::error, "Invalid seek position in remote target");
+        return -1;
+    }
+    const std::int64_t result = seek(start, absolute);
+    if (result < 0) {
+        info::LogEntry(logger, info::level::error)
+            << "Failed to seek to offset " << start << " in remote target with size " << size();
+    }
+    return result;
+}
+
+std::int64_t IscsiTransport::tryRead(void* data, std::uint64_t length, bool& failed) {
+    Lock lock(mutex);
+    if (!isReady()) {
+        return -1;
+    }
+    const std::uint64_t first = static_cast<std::uint64_t>(position) + offset;
+    const std::uint64_t lba = first / blockSize;
+    std::uint64_t count = (blockSize + first % blockSize + length - 1) / blockSize;
+    if (lba >= blockCount) {
+        return 0;
+    }
+    if (count > blockCount - lba) {
+        count = blockCount - lba;
+        // Never more than was asked for, which it would be where the position is no block's start.
+        length = std::min(length, blockSize * count);
+    }
+    const iscsi::Task task = runCommand(lock, [&] {
+        return iscsi_read16_sync(context.get(), lun, lba, static_cast<std::uint32_t>(count * blockSize),
+                                 static_cast<int>(blockSize), 0, 0, 0, 0, 0);
+    });
+    // A target may say that all is well and yet deliver less.
+    if (!iscsi::isGood(task) || task->datain.size < 0 ||
+        static_cast<std::uint64_t>(task->datain.size) < length) {
+        return failCommand("Failed during iscsi read command.", failed);
+    }
+    std::memcpy(data, task->datain.data, length);
+    position += static_cast<std::int64_t>(length);
+    return static_cast<std::int64_t>(length);
+}
+
+std::int64_t IscsiTransport::tryWrite(const void* data, std::uint64_t length, bool& failed) {
+    Lock lock(mutex);
+    if (!isReady()) {
+        return -1;
+    }
+    if (position % blockSize != 0 || length % blockSize != 0) {
+        errno = EINVAL;
+        return -1;
+    }
+    const std::uint64_t lba = (offset + static_cast<std::uint64_t>(position)) / blockSize;
+    if (lba >= blockCount) {
+        errno = ENOSPC;
+        return -1;
+    }
+    length = std::min(length, (blockCount - lba) * blockSize);
+    // The library takes what it only reads as a pointer to what it could change.
+    auto* const bytes = static_cast<unsigned char*>(const_cast<void*>(data));
+    const iscsi::Task task = runCommand(lock, [&] {
+        return iscsi_write16_sync(context.get(), lun, lba, bytes, static_cast<std::uint32_t>(length),
+                                  static_cast<int>(blockSize), 0, 0, 0, 0, 0);
+    });
+    if (!iscsi::isGood(task)) {
+        return failCommand("Failed during iscsi write command.", failed);
+    }
+    position += static_cast<std::int64_t>(length);
+    return static_cast<std::int64_t>(length);
+}
+
+bool IscsiTransport::isReady() const {
+    if (busy) {
+        errno = EBUSY;
+        return false;
+    }
+    if (!context) {
+        errno = ENOTCONN;
+        return false;
+    }
+    return true;
+}
+
+iscsi::Task IscsiTransport::runCommand(Lock& lock, const std::function<scsi_task*()>& command) {
+    const BrokenPipeGuard guard;
+    busy = true;
+    lock.unlock();
+    iscsi::Task task(command());
+    lock.lock();
+    busy = false;
+    return task;
+}
+
+std::int64_t IscsiTransport::failCommand(const char* message, bool& failed) {
+    info::LogEntry(logger, info::level::error) << message;
+    errno = EIO;
+    broken = true;
+    failed = true;
+    return -1;
+}
+
+std::int64_t IscsiTransport::retry(const char* message,
+                                   const std::function<std::int64_t(bool& failed)>& operation) {
+    for (int round = 0; round < maxTries; ++round) {
+        info::LogEntry(logger, info::level::error) << message;
+        sleepBeforeRetry();
+        if (!reconnect()) {
+            continue;
+        }
+        bool failed = false;
+        const std::int64_t result = operation(failed);
+        if (!failed) {
+            return result;
+        }
+    }
+    broken = true;
+    errno = EIO;
+    return -1;
+}
+
+bool IscsiTransport::reconnect() {
+    broken = true; // the old session is not worth a logout
+    disconnect();
+    const std::int64_t interrupted = position;
+    const bool connected = doConnect(false, false);
+    position = interrupted;
+    return connected;
+}
+
+bool IscsiTransport::punchHole(std::uint64_t length) {
+    const std::int64_t result = seek(static_cast<std::int64_t>(length), relative);
+    return result != 0;
+}
+
+bool IscsiTransport::supportsHolePunching() const {
+    return false;
+}
+
+void IscsiTransport::disconnect() {
+    if (!context) {
+        return;
+    }
+    const BrokenPipeGuard guard;
+    const bool wasBroken = broken;
+    if (!broken) {
+        flush();
+    }
+    if (!broken && iscsi_is_logged_in(context.get()) != 0 && iscsi_logout_sync(context.get()) < 0) {
+        info::LogEntry(logger, info::level::warning) << "Iscsi logout failed.";
+    }
+    if (!wasBroken && iscsi_disconnect(context.get()) < 0) {
+        info::LogEntry(logger, info::level::warning) << "Iscsi disconnect failed.";
+    }
+    context.reset();
+}
+
+// Reading anything shows that the target has dealt with what came before.
+void IscsiTransport::flush() {
+    const std::lock_guard lock(mutex);
+    const iscsi::Task task(
+        iscsi_read16_sync(context.get(), lun, 0, blockSize, static_cast<int>(blockSize), 0, 0, 0, 0, 0));
+    broken = !iscsi::isGood(task);
+}
+
+} // namespace agent::core

@@ -1,0 +1,16 @@
+#pragma once
+
+#include "core/transport/ITransport.h"
+#include "info/log/Logger.h"
+
+namespace agent::core {
+
+/// What all transports have: somebody to tell about their failures. See ITransport.
+class Transport : public ITransport {
+protected:
+    explicit Transport(info::Logger& logger) : logger(logger) {}
+
+    info::Logger& logger;
+};
+
+} // namespace agent::core

@@ -1,0 +1,59 @@
+#pragma once
+
+#include "core/backup/SnapshotSessionControl.h"
+#include "info/BackupableVolume.h"
+#include "info/ICowFileSize.h"
+#include "info/IDriverController.h"
+
+#include <functional>
+#include <vector>
+
+namespace agent::test {
+
+/// What a control of snapshots was asked for, and what it answers; lives longer than the control.
+struct SnapshotScript {
+    core::backup::VolumeSnapshotInfos started; ///< the answer to startSnapshots
+    core::backup::VolumeSnapshotInfos ended;   ///< the answer to transitionToIncremental
+    std::function<void()> onStart;             ///< may throw
+    std::vector<bool> ends;                    ///< `success` of each end
+};
+
+/// A control of snapshots without a driver.
+class FakeSnapshotControl : public core::backup::SnapshotSessionControl {
+public:
+    FakeSnapshotControl(info::Logger& logger, SnapshotScript& script)
+        : SnapshotSessionControl(logger, unused(), nullptr), script(script) {}
+
+    core::backup::VolumeSnapshotInfos
+    startSnapshots(const Volumes& /*volumes*/, const core::backup::IBackupAttributes& /*attributes*/,
+                   const core::backup::ISnapshotAttributes& /*snapshotAttributes*/) override {
+        if (script.onStart) {
+            script.onStart();
+        }
+        return script.started;
+    }
+
+    core::backup::VolumeSnapshotInfos transitionToIncremental(const Volumes& /*volumes*/,
+                                                              bool success) override {
+        script.ends.push_back(success);
+        return script.ended;
+    }
+
+private:
+    class NoCowFileSize : public info::ICowFileSize {
+        std::uint64_t getCowFileSizeMiB(info::Logger& /*logger*/, const std::string& /*uuid*/,
+                                        std::uint64_t /*volumeSizeBytes*/,
+                                        const std::string& /*fileSystem*/) override {
+            return 0;
+        }
+    };
+
+    static info::ICowFileSize& unused() {
+        static NoCowFileSize size;
+        return size;
+    }
+
+    SnapshotScript& script;
+};
+
+} // namespace agent::test
