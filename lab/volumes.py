@@ -30,7 +30,7 @@ UDEV_CONTROL = pathlib.Path("/run/udev/control")
 FSTAB = pathlib.Path("/etc/fstab")
 IMAGE_PREFIX = "bekd-lab-"
 
-# Waits for a process that is no child. One that has ended is gone also where nobody reaps it, as in a container
+# Waits for a process that is no child. One that has ended is gone even where nobody reaps it, as in a container
 # whose first process doesn't.
 AWAIT_END = """
 import contextlib, os, select, sys
