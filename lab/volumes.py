@@ -30,8 +30,8 @@ UDEV_CONTROL = pathlib.Path("/run/udev/control")
 FSTAB = pathlib.Path("/etc/fstab")
 IMAGE_PREFIX = "bekd-lab-"
 
-# Waits for a process that is no child. One that has ended is gone even where nobody reaps it, as in a container
-# whose first process doesn't.
+# Waits for a process that is no child. One that has ended is gone even where nobody reaps it, as in a
+# container whose first process does not.
 AWAIT_END = """
 import contextlib, os, select, sys
 with contextlib.suppress(ProcessLookupError):
