@@ -152,8 +152,9 @@ class UdevDaemon(Service):
     """systemd-udevd, for the block devices and the /dev of this namespace.
 
     Its events, its database and its control socket are the namespace's, so one of the machine isn't
-    disturbed by it. It follows the rules that a volume needs and those of the snapshot driver, and no other:
-    the devices of the machine, which it gets to see too, are not to be configured a second time.
+    disturbed by it. It follows the rules that a volume needs, those of the snapshot driver and the lab's own,
+    and no other: the devices of the machine, which it gets to see too, are not to be configured a second
+    time.
     """
 
     command = ("/lib/systemd/systemd-udevd",)
@@ -168,7 +169,7 @@ class UdevDaemon(Service):
     def prepare(self):
         pathlib.Path("/run/udev").mkdir(exist_ok=True)
         self._mask(self.rules, [self.rules / f"{name}.rules" for name in self.followed])
-        self._mask(self.local_rules, sorted(ROOT.glob("platform/tolvubd/*.rules")))
+        self._mask(self.local_rules, [*ROOT.glob("platform/tolvubd/*.rules"), *ROOT.glob("lab/*.rules")])
 
     def _mask(self, directory, kept):
         """Covers a directory of rules by one that has those only."""

@@ -124,13 +124,13 @@ def make_node(name):
     os.mknod(path, 0o600 | stat.S_IFBLK, number)
 
 
-def attach(image):
+def attach(image, *options):
     """Attaches an image to a free loop device. Others may take the one that was free a moment ago, and a
     device that is new to the kernel needs a node first."""
     for attempt in range(1, ATTEMPTS + 1):
         make_node(pathlib.Path(run("losetup", "--find")).name)
         try:
-            return run("losetup", "--find", "--show", "--partscan", image)
+            return run("losetup", "--find", "--show", *options, image)
         except OSError:
             if attempt == ATTEMPTS:
                 raise
@@ -249,7 +249,7 @@ class Disk:
         run("sfdisk", "--quiet", image,
             input="\n".join([f"label: {self._scheme}",
                              *(f"size={int(volume.mebibytes * SECTORS)}" for volume in self._volumes)]))
-        self.device = attach(image)
+        self.device = attach(image, "--partscan")
         lasting.callback(self._await_detached, image)
         user = os.open(self.device, os.O_RDONLY | os.O_CLOEXEC)
         lasting.callback(os.close, user)

@@ -6,7 +6,6 @@
             session.end("success")
 """
 import contextlib
-import hashlib
 import json
 import os
 import pathlib
@@ -26,7 +25,6 @@ UNIT = 4096
 COW_MIB = 100
 DRIVER_STORE = pathlib.Path("/var/lib/tolvubd")
 DRIVER_RUNTIME = pathlib.Path("/run/tolvubd")
-OWN_FILES = (".tolvu", ".tolvu1", ".tolvu.inc")
 EXT4 = Volume("data", "ext4", mebibytes=256, mount_point="/mnt/Büro und Lager")
 XFS = Volume("files", "xfs", mebibytes=320, mount_point="/mnt/files")
 
@@ -48,12 +46,6 @@ def read_record(path, units):
     assert magic == 4776
     marks = struct.unpack_from(f"<{units}Q", content, UNIT)
     return {unit for unit, mark in enumerate(marks) if mark}, changed
-
-
-def tree_hashes(root):
-    """What every file of a tree holds, but for those of the driver and the agent."""
-    return {str(path.relative_to(root)): hashlib.sha256(path.read_bytes()).hexdigest()
-            for path in pathlib.Path(root).rglob("*") if path.is_file() and path.name not in OWN_FILES}
 
 
 def backing_device(loop):

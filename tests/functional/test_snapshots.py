@@ -9,9 +9,10 @@ import subprocess
 import pytest
 
 from lab.daemon import BASE, program
+from lab.images import tree_hashes
 from lab.snapshots import MOUNT_ROOT, SessionError
 from snapshot_site import (COW_MIB, DRIVER_RUNTIME, DRIVER_STORE, EXT4, UNIT, SnapshotSite,
-                           differing_units, read_device, read_record, tree_hashes)
+                           differing_units, read_device, read_record)
 
 MIB = 1 << 20
 BOTH = ("data", "files")

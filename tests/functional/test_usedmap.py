@@ -9,8 +9,9 @@ import pathlib
 import subprocess
 
 import pytest
-from volume_images import (age, ext_blocks_of_untouched_groups, ext_truth, fill, frozen, make_image, mounted,
-                           riddle, run, xfs_levels, xfs_truth)
+
+from lab.used_blocks import ext_blocks_of_untouched_groups, ext_truth, xfs_truth
+from volume_images import age, fill, frozen, make_image, mounted, riddle, run, xfs_levels
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 BUILD = ROOT / os.environ.get("BEKD_BUILD", "build/release")

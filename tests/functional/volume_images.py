@@ -1,11 +1,10 @@
-"""File systems in image files: making, ageing and freezing them, and what their own tools say of them."""
+"""File systems in image files: making, ageing and freezing them."""
 import contextlib
 import ctypes
 import fcntl
 import os
 import pathlib
 import random
-import re
 import stat
 import subprocess
 
@@ -104,56 +103,6 @@ def riddle(file, block_size, holes):
             if libc.fallocate(stream.fileno(), KEEP_SIZE_AND_PUNCH, offset, ctypes.c_long(block_size)) != 0:
                 raise OSError(ctypes.get_errno(), "a hole can't be punched")
     os.sync()
-
-
-class Truth:
-    """What the file system's own tool says: the number of blocks, their size, and which of them are free."""
-
-    def __init__(self, blocks, block_size, free):
-        self.blocks = blocks
-        self.block_size = block_size
-        self.free = free
-
-
-def numbers(ranges):
-    """The numbers of ranges as the ext tools print them: 1-3, 7."""
-    found = set()
-    for first, last in re.findall(r"(\d+)(?:-(\d+))?", ranges):
-        found.update(range(int(first), int(last or first) + 1))
-    return found
-
-
-def ext_truth(volume):
-    text = run("dumpe2fs", volume)
-    free = set()
-    for ranges in re.findall(r"^  Free blocks: (.*)$", text, re.MULTILINE):
-        free |= numbers(ranges)
-    return Truth(int(re.search(r"^Block count: +(\d+)", text, re.MULTILINE)[1]),
-                 int(re.search(r"^Block size: +(\d+)", text, re.MULTILINE)[1]), free)
-
-
-def ext_blocks_of_untouched_groups(volume):
-    """The blocks that hold structures of groups whose block bitmap was never written."""
-    own = set()
-    for group in re.split(r"^Group (?=\d+:)", run("dumpe2fs", volume), flags=re.MULTILINE)[1:]:
-        first, last = map(int, re.search(r"Blocks (\d+)-(\d+)", group).groups())
-        if "BLOCK_UNINIT" in group.splitlines()[0]:
-            places = re.findall(r"(?:superblock|descriptors?|blocks|bitmap|table) at (\d+(?:-\d+)?)", group)
-            own |= numbers(", ".join(places)) & set(range(first, last + 1))
-    return own
-
-
-def xfs_truth(volume):
-    def value(name):
-        return int(run("xfs_db", "-r", "-c", "sb 0", "-c", f"p {name}", volume).split("=")[1])
-    ag_blocks = value("agblocks")
-    free = set()
-    for group, first, length in re.findall(r"^ +(\d+) +(\d+) +(\d+)$",
-                                           run("xfs_db", "-r", "-c", "freesp -d", volume).split("from")[0],
-                                           re.MULTILINE):
-        begin = int(group) * ag_blocks + int(first)
-        free.update(range(begin, begin + int(length)))
-    return Truth(value("dblocks"), value("blocksize"), free)
 
 
 def xfs_levels(volume, group=0):

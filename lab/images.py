@@ -1,0 +1,202 @@
+"""Checks of an image that a backup has written, against the snapshot or the volume that it was made from.
+
+    fsck(image.path, "ext4")
+    with mounted(image.path, "ext4") as root:
+        assert tree_hashes(root) == tree_hashes(snapshot_root)
+    compare_used("/dev/tolvu0", image.path, "ext4").check()
+
+`offset` is where the volume begins in the image. Nothing here writes to an image. Inside lab/namespace only.
+"""
+import contextlib
+import dataclasses
+import hashlib
+import os
+import pathlib
+import re
+import stat
+import subprocess
+import tempfile
+import typing
+
+from lab.poison import is_poison
+from lab.services import wait_until
+from lab.used_blocks import truth_of, unmapped_extents
+from lab.volumes import attach, backing_files, run
+
+SECONDS = 600
+PIECE = 4 << 20
+SHOWN = 10
+OWN_FILES = (".tolvu", ".tolvu1", ".tolvu.inc")
+LOOK_ONLY = {"ext4": "ro,noload", "xfs": "ro,nouuid,norecovery"}
+CHECKS = {"ext4": ("e2fsck", "-fn"), "xfs": ("xfs_repair", "-n")}
+
+
+class ImageError(AssertionError):
+    """An image isn't what it should be."""
+
+
+@contextlib.contextmanager
+def attached(image, offset=0):
+    """The device that shows the image; a device is shown as it is."""
+    if pathlib.Path(image).is_block_device() and not offset:
+        yield str(image)
+        return
+    device = attach(image, "--read-only", "--offset", str(offset))
+    name = pathlib.Path(device).name
+    file = backing_files()[name]
+    try:
+        user = os.open(device, os.O_RDONLY | os.O_CLOEXEC)
+        run("losetup", "--detach", device) # with its last user: not even a killed test leaves it behind
+        try:
+            yield device
+        finally:
+            os.close(user)
+    finally:
+        wait_until(lambda: backing_files().get(name) != file, SECONDS, f"{device} detached")
+
+
+def fsck(image, file_system, offset=0):
+    """Has the file system's own tool look through the image; raises ImageError with what it says."""
+    with attached(image, offset) as device:
+        done = subprocess.run([*CHECKS[file_system], device], stdout=subprocess.PIPE,
+                              stderr=subprocess.STDOUT, text=True, check=False, timeout=SECONDS)
+    if done.returncode != 0:
+        command = " ".join(CHECKS[file_system])
+        raise ImageError(f"{command} {image}: status {done.returncode}; it printed:\n{done.stdout}")
+
+
+@contextlib.contextmanager
+def mounted(image, file_system, offset=0):
+    """Where the tree in the image is to be seen. No journal is replayed: it has to be right as it stands."""
+    with attached(image, offset) as device, tempfile.TemporaryDirectory(prefix="image-") as root:
+        run("mount", "-t", file_system, "-o", LOOK_ONLY[file_system], device, root)
+        try:
+            yield pathlib.Path(root)
+        finally:
+            run("umount", root)
+
+
+class Entry(typing.NamedTuple):
+    """What is known of a file. `content` is the hash of what it holds, or where a link leads to."""
+
+    mode: str
+    owner: int
+    group: int
+    size: int
+    modified: int
+    content: str
+
+
+def tree_hashes(root):
+    """All that is in a tree, by relative path, but for the files of the driver and the agent."""
+    root = pathlib.Path(root)
+    own = {root / name for name in OWN_FILES}
+    return {str(path.relative_to(root)): entry_of(path)
+            for path in sorted(root.rglob("*")) if path not in own}
+
+
+def entry_of(path):
+    status = path.lstat()
+    content = ""
+    if stat.S_ISREG(status.st_mode):
+        with open(path, "rb") as file:
+            content = hashlib.file_digest(file, "sha256").hexdigest()
+    elif stat.S_ISLNK(status.st_mode):
+        content = os.readlink(path)
+    return Entry(stat.filemode(status.st_mode), status.st_uid, status.st_gid, status.st_size,
+                 status.st_mtime_ns, content)
+
+
+@dataclasses.dataclass
+class Comparison:
+    """Of blocks, by their offset in the volume. Those of `unwritten` differ too: they are still poison."""
+
+    block_size: int
+    blocks: int = 0
+    differing: list = dataclasses.field(default_factory=list)
+    unwritten: list = dataclasses.field(default_factory=list)
+
+    def check(self):
+        if self.differing:
+            offsets = ", ".join(map(str, self.differing[:SHOWN]))
+            raise ImageError(f"{len(self.differing)} of {self.blocks} used blocks of {self.block_size} bytes "
+                             f"differ, {len(self.unwritten)} of them never written; the first at {offsets}")
+        return self
+
+    def add(self, at, expected, found):
+        """Two pieces of the volume, which may be equal."""
+        self.blocks += len(expected) // self.block_size
+        if expected == found:
+            return
+        for begin in range(0, len(expected), self.block_size):
+            block = slice(begin, begin + self.block_size)
+            if expected[block] != found[block]:
+                self.differing.append(at + begin)
+                if is_poison(found[block]):
+                    self.unwritten.append(at + begin)
+
+
+def compare_used(volume, image, file_system, offset=0, excluded=OWN_FILES):
+    """Compares every block that the file system of the volume, or of its snapshot, calls used, but for those
+    of the files `excluded`, named from its root, and those that it can do without (unmapped_extents)."""
+    truth = truth_of(volume, file_system)
+    left_out = extents_of_files(volume, file_system, excluded) + unmapped_extents(volume, file_system)
+    comparison = Comparison(truth.block_size)
+    with open(volume, "rb", buffering=0) as source, open(image, "rb", buffering=0) as target:
+        for at, length in pieces(without(truth.used_extents(), left_out)):
+            expected = os.pread(source.fileno(), length, at)
+            if len(expected) != length:
+                raise OSError(f"{volume} ends at {at + len(expected)}, within a used block")
+            comparison.add(at, expected, os.pread(target.fileno(), length, offset + at))
+    return comparison
+
+
+def without(extents, left_out):
+    """Extents, in order, less those in `left_out`."""
+    holes = sorted(left_out)
+    for begin, length in extents:
+        end = begin + length
+        while holes and sum(holes[0]) <= begin:
+            holes.pop(0)
+        for hole, hole_length in holes:
+            if hole >= end:
+                break
+            if begin < hole:
+                yield begin, hole - begin
+            begin = max(begin, hole + hole_length)
+        if begin < end:
+            yield begin, end - begin
+
+
+def pieces(extents):
+    for begin, length in extents:
+        for at in range(begin, begin + length, PIECE):
+            yield at, min(PIECE, begin + length - at)
+
+
+def extents_of_files(volume, file_system, names):
+    """(offset, length) on the volume of the files of these names, as far as there are any."""
+    with tree_of(volume, file_system) as root:
+        return [extent for name in names if (root / name).exists() for extent in extents_of(root / name)]
+
+
+def tree_of(volume, file_system):
+    """Where the tree of a volume is to be seen: where it is mounted, or else for the time being."""
+    found = subprocess.run(["findmnt", "--noheadings", "--first-only", "--raw", "--output", "TARGET",
+                            "--source", volume], capture_output=True, text=True, check=False)
+    if found.returncode == 0:
+        return contextlib.nullcontext(pathlib.Path(unescape(found.stdout.strip())))
+    return mounted(volume, file_system)
+
+
+def unescape(path):
+    r"""A path in which blanks and the like stand as \x20."""
+    return re.sub(rb"\\x([0-9a-f]{2})", lambda code: bytes.fromhex(code[1].decode()), path.encode()).decode()
+
+
+def extents_of(file):
+    text = run("filefrag", "-s", "-v", file)
+    found = re.search(r"blocks? of (\d+) bytes\)", text)
+    unit = int(found[1])
+    return [(int(begin) * unit, int(length) * unit) for begin, length in
+            re.findall(r"^ +\d+: +\d+\.\. +\d+: +(\d+)\.\. +\d+: +(\d+):", text, re.MULTILINE)]
