@@ -1,0 +1,171 @@
+"""Volumes, each with an image on a target, and backups of them by a daemon.
+
+    with Site() as site, Target() as target, Daemon() as daemon, Appliance(...) as appliance:
+        protection = Protection(appliance, daemon, target, [site.disk["data"]])
+        backup = protection.run(full=True)
+        assert backup.state == "finished", backup.log
+        protection.verify()
+"""
+import json
+import math
+import pathlib
+
+from lab.appliance_client import volume
+from lab.images import ImageError, compare_used, fsck, mounted, tree_hashes
+from lab.used_blocks import unmapped_extents
+
+SECONDS = 300
+COW_MIB = 100
+STORE = pathlib.Path("/var/lib/tolvubd")
+NODES = "/sys/class/block"
+SECTOR = 512
+LEAST = 10 << 20 # a smaller image has no checksum
+RUN_ENDS = ("Backup run finished", "Exception occurred during backup run: ",
+            "Unknown exception occurred during backup run")
+
+
+def size_of(partition):
+    """Bytes of a volume's device."""
+    return int(pathlib.Path(NODES, pathlib.Path(partition.device).name, "size").read_text()) * SECTOR
+
+
+def capture_of(partition):
+    """Where the snapshot driver keeps what the volume held when its last snapshot was taken."""
+    table = json.loads((STORE / "state.json").read_text(encoding="utf-8"))
+    return next(STORE / f"{device['snapshot']}.img" for device in table["devices"]
+                if device["block_device"] == partition.device)
+
+
+class Backup:
+    """One backup, from the moment that it was accepted."""
+
+    def __init__(self, appliance, daemon, identifier, begin, names):
+        self._appliance = appliance
+        self._daemon = daemon
+        self._begin = begin
+        self._names = names
+        self.id = identifier
+
+    @property
+    def log(self):
+        """What the daemon has logged since."""
+        return self._daemon.log[self._begin:]
+
+    @property
+    def has_ended(self):
+        """Whether its thread has come to its end: what the status says may be settled before that."""
+        return any(end in self.log for end in RUN_ENDS)
+
+    @property
+    def status(self):
+        """As the agent tells it; asking is also what keeps a backup alive."""
+        answer = self._appliance.status(self.id)
+        assert answer.status == 200, answer
+        return answer.content
+
+    @property
+    def state(self):
+        """"active", "finished" or "failed"."""
+        return self.status["status"]
+
+    def volume(self, name):
+        """What the status says of a volume."""
+        return next(entry for entry in self.status["details"] if self._names[entry["volume"]] == name)
+
+    def type(self, name):
+        """What kind of backup it has become: "full", "differential" or "incremental"."""
+        return self.volume(name)["type"]
+
+    def bytes(self, name):
+        """How much of a volume has been sent, or compared."""
+        return self.volume(name)["transfer"]["bytesTransferred"]
+
+    def wait(self, seconds=SECONDS, progress=None):
+        """Waits for the end of its thread, asking for the status meanwhile, as an appliance does."""
+        def ended():
+            has_ended = self.has_ended # before the status, which is then the last one
+            status = self.status
+            if progress:
+                progress(status)
+            return has_ended
+        self._daemon.wait_for(ended, "the end of the backup", seconds)
+        return self
+
+    def wait_for_log(self, text, seconds=SECONDS):
+        self._daemon.wait_for(lambda: text in self.log, f"{text!r} in the log", seconds)
+        return self
+
+    def cancel(self):
+        answer = self._appliance.cancel(self.id)
+        assert answer.content == {"success": True, "errorString": ""}, answer
+
+
+class Protection:
+    """Volumes and their images. With an `offset`, in bytes, an image begins that far inside its LUN."""
+
+    def __init__(self, appliance, daemon, target, partitions, *, block_size=512, offset=0, account=("", "")):
+        self.appliance = appliance
+        self.daemon = daemon
+        self.target = target
+        self.offset = offset
+        self.account = account
+        self.partitions = {partition.name: partition for partition in partitions}
+        self.images = {name: self._add_image(partition, block_size)
+                       for name, partition in self.partitions.items()}
+        self._unmapped = {name: set() for name in self.partitions}
+        self.set_cow_size(COW_MIB)
+
+    def _add_image(self, partition, block_size):
+        size = self.offset + max(size_of(partition), LEAST)
+        return self.target.add_image(partition.name, math.ceil(size / block_size) * block_size, block_size)
+
+    def set_cow_size(self, mebibytes, *names):
+        """Of the next snapshots. A size of the agent's own choice takes half of a small volume."""
+        options = {f"volumes.{self.partitions[name].uuid}.cowFileSizeMiB": mebibytes
+                   for name in names or self.partitions}
+        answer = self.appliance.set_config(options)
+        assert answer.status == 200, answer
+
+    def request(self, *names, **changes):
+        """The volumes of a request, of all volumes if none is named; `changes` apply to each."""
+        user, password = self.account
+        return [volume(**({"guid": self.partitions[name].uuid, "target": self.target.portal,
+                           "name": self.target.name, "lun": self.images[name].lun, "offset": self.offset,
+                           "username": user, "password": password} | changes))
+                for name in names or self.partitions]
+
+    def start(self, *names, volumes=None, **kind):
+        """Starts a backup, incremental unless `full` or `merge` is true."""
+        self._note_unmapped()
+        begin = len(self.daemon.log)
+        answer = self.appliance.backup(volumes or self.request(*names), **kind)
+        assert answer.status == 201, answer
+        uuids = {partition.uuid: name for name, partition in self.partitions.items()}
+        return Backup(self.appliance, self.daemon, answer.content, begin, uuids)
+
+    def _note_unmapped(self):
+        """What a FULL backup leaves out now may be in use later, but as long as it doesn't change, no
+        INCREMENTAL has to bring it."""
+        for name, partition in self.partitions.items():
+            self._unmapped[name].update(unmapped_extents(partition.device, partition.volume.file_system))
+
+    def run(self, *names, **kind):
+        """A whole backup, whatever becomes of it."""
+        return self.start(*names, **kind).wait()
+
+    def verify(self, *names):
+        """Each image is what the volume was at its last snapshot: sound by its file system's own tool, equal
+        in every block in use, and in every file. Raises ImageError if not; returns the blocks compared."""
+        return sum(self._verify(name) for name in names or self.partitions)
+
+    def _verify(self, name):
+        partition, image = self.partitions[name], self.images[name]
+        file_system = partition.volume.file_system
+        capture = capture_of(partition)
+        fsck(image.path, file_system, self.offset)
+        compared = compare_used(capture, image.path, file_system, self.offset,
+                                spared=self._unmapped[name]).check()
+        with mounted(capture, file_system) as then, mounted(image.path, file_system, self.offset) as now:
+            if tree_hashes(then) != tree_hashes(now):
+                raise ImageError(f"{image.path}: not the files that {name} had")
+        return compared.blocks
