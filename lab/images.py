@@ -67,7 +67,7 @@ def fsck(image, file_system, offset=0):
 
 @contextlib.contextmanager
 def replayed(device, file_system):
-    """What to check of a device. A frozen XFS has a log to be replayed, and counters in it that are right only
+    """What to check of a device. A frozen XFS has a log to be replayed, and counters that are right only
     after that, so a copy is mounted first; ext4 freezes as if it were unmounted."""
     if file_system != "xfs":
         yield device
