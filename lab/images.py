@@ -27,8 +27,8 @@ SECONDS = 600
 PIECE = 4 << 20
 SHOWN = 10
 OWN_FILES = (".tolvu", ".tolvu1", ".tolvu.inc")
+REPLAYING = {"ext4": "rw", "xfs": "rw,nouuid"}
 LOOK_ONLY = {"ext4": "ro,noload", "xfs": "ro,nouuid,norecovery"}
-CHECKS = {"ext4": ("e2fsck", "-fn"), "xfs": ("xfs_repair", "-n")}
 
 
 class ImageError(AssertionError):
@@ -36,12 +36,9 @@ class ImageError(AssertionError):
 
 
 @contextlib.contextmanager
-def attached(image, offset=0):
-    """The device that shows the image; a device is shown as it is."""
-    if pathlib.Path(image).is_block_device() and not offset:
-        yield str(image)
-        return
-    device = attach(image, "--read-only", "--offset", str(offset))
+def attached(image, *options):
+    """The device that shows an image."""
+    device = attach(image, *options)
     name = pathlib.Path(device).name
     file = backing_files()[name]
     try:
@@ -55,39 +52,54 @@ def attached(image, offset=0):
         wait_until(lambda: backing_files().get(name) != file, SECONDS, f"{device} detached")
 
 
-def fsck(image, file_system, offset=0):
-    """Has the file system's own tool look through the image; raises ImageError with what it says."""
-    with attached(image, offset) as device, replayed(device, file_system) as checked:
-        done = subprocess.run([*CHECKS[file_system], checked], stdout=subprocess.PIPE,
-                              stderr=subprocess.STDOUT, text=True, check=False, timeout=SECONDS)
-    if done.returncode != 0:
-        command = " ".join(CHECKS[file_system])
-        raise ImageError(f"{command} {image}: status {done.returncode}; it printed:\n{done.stdout}")
-
-
 @contextlib.contextmanager
-def replayed(device, file_system):
-    """What to check of a device. A frozen XFS has a log to be replayed, and counters that are right only
-    after that, so a copy is mounted first; ext4 freezes as if it were unmounted."""
-    if file_system != "xfs":
-        yield device
-        return
-    with tempfile.NamedTemporaryFile(prefix="replayed-") as copy, tempfile.TemporaryDirectory() as root:
-        run("cp", "--sparse=always", device, copy.name)
-        run("mount", "-t", file_system, "-o", "loop,nouuid", copy.name, root)
-        run("umount", root)
-        yield copy.name
+def mounted_at_device(device, file_system, options):
+    with tempfile.TemporaryDirectory(prefix="tree-") as root:
+        run("mount", "-t", file_system, "-o", options, device, root)
+        try:
+            yield pathlib.Path(root)
+        finally:
+            run("umount", root)
 
 
 @contextlib.contextmanager
 def mounted(image, file_system, offset=0):
     """Where the tree in the image is to be seen. No journal is replayed: it has to be right as it stands."""
-    with attached(image, offset) as device, tempfile.TemporaryDirectory(prefix="image-") as root:
-        run("mount", "-t", file_system, "-o", LOOK_ONLY[file_system], device, root)
-        try:
-            yield pathlib.Path(root)
-        finally:
-            run("umount", root)
+    with attached(image, "--read-only", "--offset", str(offset)) as device, \
+            mounted_at_device(device, file_system, LOOK_ONLY[file_system]) as root:
+        yield root
+
+
+def fsck(image, file_system, offset=0):
+    """Has the file system's own tool look through the image; raises ImageError with what it says."""
+    if file_system == "xfs":
+        with replayed(image, file_system, offset) as device:
+            check("xfs_repair", "-n", device)
+    else:
+        with attached(image, "--read-only", "--offset", str(offset)) as device:
+            check("e2fsck", "-fn", device)
+
+
+@contextlib.contextmanager
+def replayed(image, file_system, offset=0):
+    """A device that shows a copy of the image, whose journal the kernel has replayed. Freezing XFS leaves
+    counters of the super block in the journal only, and without them xfs_repair finds fault."""
+    with tempfile.NamedTemporaryFile(dir=pathlib.Path(image).parent, prefix="replay-") as copy:
+        run("cp", "--reflink=auto", image, copy.name)
+        with attached(copy.name, "--offset", str(offset)) as device:
+            try:
+                with mounted_at_device(device, file_system, REPLAYING[file_system]):
+                    pass
+            except OSError as error:
+                raise ImageError(f"{image}: {error}") from error
+            yield device
+
+
+def check(*command):
+    done = subprocess.run(command, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, check=False,
+                          timeout=SECONDS)
+    if done.returncode != 0:
+        raise ImageError(f"{' '.join(command)}: status {done.returncode}; it printed:\n{done.stdout}")
 
 
 class Entry(typing.NamedTuple):
@@ -202,6 +214,8 @@ def tree_of(volume, file_system):
                             "--source", volume], capture_output=True, text=True, check=False)
     if found.returncode == 0:
         return contextlib.nullcontext(pathlib.Path(unescape(found.stdout.strip())))
+    if pathlib.Path(volume).is_block_device():
+        return mounted_at_device(volume, file_system, LOOK_ONLY[file_system])
     return mounted(volume, file_system)
 
 

@@ -76,8 +76,10 @@ def writes_of(thread):
     return Writes(int(account["syscw"]), int(account["wchar"]))
 
 
-def state_of(thread):
-    return (thread / "stat").read_text(encoding="ascii").rpartition(")")[2].split()[0]
+def is_stopped(thread):
+    with contextlib.suppress(OSError): # it may be ending
+        return (thread / "stat").read_text(encoding="ascii").rpartition(")")[2].split()[0] == STOPPED
+    return False
 
 
 class Target(Service):
@@ -177,30 +179,41 @@ class Target(Service):
         """Those that work for an image; none while the target is down."""
         if self._process is None:
             return set()
-        if self._process.poll() is not None:
-            raise ServiceError(f"tgtd has ended with {self._process.returncode}; it printed:\n{self.output}")
+        if self._has_ended():
+            raise self._unexpected_end()
         return image.threads
 
     def pause(self):
         """Lets initiators wait: nothing is answered until resume(). Returns when all is at a standstill."""
-        os.kill(self.pid, signal.SIGSTOP)
-        wait_until(lambda: all(state_of(thread) == STOPPED for thread in self._all_threads()), SECONDS,
+        if not self._halt():
+            raise self._unexpected_end()
+
+    def _halt(self):
+        """Returns whether tgtd has come to a standstill; if not, it has ended."""
+        self._process.send_signal(signal.SIGSTOP)
+        wait_until(lambda: self._has_ended() or all(map(is_stopped, self._all_threads())), SECONDS,
                    "tgtd stopped")
+        return not self._has_ended()
+
+    def _has_ended(self):
+        return self._process.poll() is not None
+
+    def _unexpected_end(self):
+        return ServiceError(f"tgtd has ended with {self._process.returncode}; it printed:\n{self.output}")
 
     def resume(self):
-        os.kill(self.pid, signal.SIGCONT)
+        self._process.send_signal(signal.SIGCONT)
 
     def kill(self):
-        """Ends tgtd at once, as a crash of the appliance does; there is no other way while it has targets."""
+        """Ends tgtd at once, as a crash of the appliance does; there is no other way while it has targets.
+        What has been counted is kept; if anything else ends it, that is lost."""
         if self._process is None:
             return
-        process = self._process
-        if process.poll() is None:
-            self.pause()
+        if self._halt():
             for image in self.images:
                 image.settle_accounts()
-        process.kill()
-        process.wait(SECONDS)
+        self._process.kill()
+        self._process.wait(SECONDS)
         self._process = None
         self._log.close()
 

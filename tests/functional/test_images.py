@@ -1,0 +1,262 @@
+"""The lab's checks of images: they find what a backup can do wrong, and complain of nothing else.
+
+The images are made by hand: poison, and on it the blocks that the file system's own tool calls used.
+"""
+import os
+import pathlib
+import random
+import re
+
+import pytest
+
+from lab import images, poison
+from lab.daemon import program
+from lab.images import ImageError, compare_used, fsck, mounted, tree_hashes
+from lab.snapshots import MOUNT_ROOT
+from lab.used_blocks import truth_of, used_extents
+from lab.volumes import Disk, Volume, backing_files, run
+from snapshot_site import SnapshotSite
+from volume_images import age, attached
+
+MIB = 1 << 20
+KINDS = {"ext4 1K": ("ext4", 320), "ext4 4K": ("ext4", 640), "xfs": ("xfs", 320)}
+BIG = "ein großes Büro.bin"
+
+
+class Made:
+    """A volume with files, and its image without those of the agent."""
+
+    def __init__(self, partition, root, image, *, device=None, offset=0):
+        self.file_system = partition.volume.file_system
+        self.device = device or partition.device
+        self.block_size = truth_of(self.device, self.file_system).block_size
+        self.root = root
+        self.image = image
+        self.offset = offset
+        poison.make_image(image, offset + int(partition.volume.mebibytes * MIB))
+        copy_used(self.device, self.image, self.file_system, offset)
+
+    def compare(self, **options):
+        return compare_used(self.device, self.image, self.file_system, self.offset, **options)
+
+    def fsck(self):
+        fsck(self.image, self.file_system, self.offset)
+
+    def tree(self):
+        with mounted(self.image, self.file_system, self.offset) as root:
+            return tree_hashes(root)
+
+    def overwrite(self, at, content):
+        with open(self.image, "r+b") as file:
+            os.pwrite(file.fileno(), content, self.offset + at)
+
+    def read(self, at, length):
+        with open(self.image, "rb") as file:
+            return os.pread(file.fileno(), length, self.offset + at)
+
+    def place_of(self, name):
+        """Where the first extent of a file lies."""
+        return images.extents_of(self.root / name)[0][0]
+
+    def free_extents(self):
+        truth = truth_of(self.device, self.file_system)
+        return [(first * truth.block_size, count * truth.block_size) for first, count in truth.free_ranges]
+
+
+def copy_used(device, image, file_system, offset):
+    left_out = images.extents_of_files(device, file_system, images.OWN_FILES)
+    with open(device, "rb", buffering=0) as source, open(image, "r+b", buffering=0) as target:
+        for at, length in images.pieces(images.without(used_extents(device, file_system), left_out)):
+            os.pwrite(target.fileno(), os.pread(source.fileno(), length, at), offset + at)
+
+
+def fill(root):
+    """Files, links, and the agent's own three; what was deleted leaves its traces in free blocks."""
+    fill_as_user(root)
+    for name in images.OWN_FILES:
+        (root / name).write_bytes(random.Random(name).randbytes(MIB))
+    os.sync()
+
+
+def fill_as_user(root):
+    age(root, 200)
+    (root / BIG).write_bytes(random.Random(7).randbytes(3 * MIB + 5))
+    (root / "link").symlink_to("nowhere/at all")
+    (root / "sparse").touch()
+    os.truncate(root / "sparse", 8 * MIB)
+    (root / "d0" / ".tolvu").write_text("a user's file of this name\n")
+    os.sync()
+
+
+@pytest.fixture(scope="module", params=KINDS)
+def volume(request, private_machine):
+    """A volume that nobody writes to any more, and the directory where it is mounted."""
+    file_system, mebibytes = KINDS[request.param]
+    with Disk([Volume("data", file_system, mebibytes)]) as disk, \
+            disk["data"].mounted("/mnt/Büro und Lager") as mount_point:
+        root = pathlib.Path(mount_point)
+        fill(root)
+        run("mount", "-o", "remount,ro", root)
+        yield disk["data"], root
+
+
+@pytest.fixture
+def made(volume, tmp_path):
+    return Made(*volume, tmp_path / "image")
+
+
+def check_right(made):
+    comparison = made.compare().check()
+    assert comparison.differing == comparison.unwritten == []
+    assert comparison.blocks * comparison.block_size > 6 * MIB
+    made.fsck()
+    tree = made.tree()
+    assert tree == tree_hashes(made.root)
+    assert tree["link"].content == "nowhere/at all"
+    assert tree["sparse"].size == 8 * MIB
+    assert "d0/.tolvu" in tree
+    assert not set(tree) & set(images.OWN_FILES)
+
+
+def test_image_of_all_used_blocks_is_right(made):
+    """Though its free blocks are still poison, and those of the agent's own files."""
+    for at, length in made.free_extents():
+        assert poison.is_poison(made.read(at, length))
+    for name in images.OWN_FILES:
+        assert poison.is_poison(made.read(made.place_of(name), made.block_size))
+    check_right(made)
+
+
+def test_volume_need_not_begin_with_the_image(volume, tmp_path):
+    check_right(Made(*volume, tmp_path / "image", offset=MIB))
+
+
+def test_free_blocks_may_hold_anything(made):
+    for at, length in made.free_extents():
+        made.overwrite(at, os.urandom(4096) * (length // 4096))
+    check_right(made)
+
+
+def test_blocks_of_own_files_are_compared_when_asked_for(made):
+    comparison = made.compare(excluded=())
+    assert comparison.unwritten == comparison.differing
+    assert len(comparison.differing) * made.block_size == len(images.OWN_FILES) * MIB
+
+
+def test_flipped_byte_is_found(made):
+    """In a file: there is nothing wrong with the file system."""
+    good = made.tree()
+    at = made.place_of(BIG)
+    made.overwrite(at + 100, bytes([made.read(at + 100, 1)[0] ^ 1]))
+    comparison = made.compare()
+    assert (comparison.differing, comparison.unwritten) == ([at], [])
+    with pytest.raises(ImageError, match=rf"1 of {comparison.blocks} used blocks .* 0 .* the first at {at}$"):
+        comparison.check()
+    made.fsck()
+    assert {name for name, entry in made.tree().items() if entry != good[name]} == {BIG}
+
+
+def test_block_never_written_is_found(made):
+    good = made.tree()
+    at = made.place_of(BIG) + made.block_size
+    made.overwrite(at, poison.MARK * (made.block_size // len(poison.MARK)))
+    comparison = made.compare()
+    assert comparison.differing == comparison.unwritten == [at]
+    assert {name for name, entry in made.tree().items() if entry != good[name]} == {BIG}
+
+
+def structures_of(made):
+    """Where some lie. What is lost of XFS may keep it from being mounted, or not."""
+    if made.file_system == "ext4":
+        return {max(2048, made.block_size): "e2fsck .* status [1-9]"} # the descriptors of the block groups
+    inode = (made.root / "d0").stat().st_ino
+    converted = run("xfs_db", "-r", "-c", f"convert ino {inode} fsbyte", made.device)
+    at = int(re.search(r"\((\d+)\)", converted)[1])
+    return {0: "mount: ", at // made.block_size * made.block_size: "xfs_repair .* status [1-9]"}
+
+
+def test_structure_never_written_is_found(made):
+    for at, complaint in structures_of(made).items():
+        good = made.read(at, made.block_size)
+        made.overwrite(at, poison.MARK * (made.block_size // len(poison.MARK)))
+        assert made.compare().unwritten == [at]
+        with pytest.raises(ImageError, match=complaint):
+            made.fsck()
+        made.overwrite(at, good)
+    check_right(made)
+
+
+def test_missing_file_is_found(made, tmp_path):
+    good = made.tree()
+    with attached(made.image) as device:
+        options = "nouuid" if made.file_system == "xfs" else "defaults"
+        (tmp_path / "writable").mkdir()
+        run("mount", "-o", options, device, tmp_path / "writable")
+        (tmp_path / "writable" / BIG).unlink()
+        run("umount", tmp_path / "writable")
+    assert set(good) - set(made.tree()) == {BIG}
+    with pytest.raises(ImageError):
+        made.compare().check()
+
+
+def test_image_that_is_too_short_is_found(made):
+    at = made.place_of(BIG) + made.block_size
+    os.truncate(made.image, at)
+    comparison = made.compare()
+    assert comparison.differing[0] == at
+    assert comparison.unwritten == []
+
+
+@pytest.mark.parametrize("change", [
+    lambda path: path.chmod(0o640),
+    lambda path: os.chown(path, 1000, -1),
+    lambda path: os.chown(path, -1, 1000),
+    lambda path: os.utime(path, ns=(0, path.stat().st_mtime_ns + 1)),
+    lambda path: path.write_bytes(b"other"),
+    lambda path: path.rename(path.with_name("renamed")),
+    lambda path: (path.unlink(), path.symlink_to("content")),
+    lambda path: (path.with_name("link").unlink(), path.with_name("link").symlink_to("content2")),
+    lambda path: path.with_name("empty").mkdir(),
+])
+def test_trees_that_differ_are_told_apart(tmp_path, change):
+    tree = tmp_path / "tree"
+    tree.mkdir()
+    (tree / "file").write_bytes(b"bytes")
+    (tree / "link").symlink_to("content1")
+    before = tree_hashes(tree)
+    assert tree_hashes(tree) == before
+    change(tree / "file")
+    assert tree_hashes(tree) != before
+
+
+def test_image_of_a_snapshot(site, tmp_path):
+    """As a backup makes it: journals of frozen file systems need no replay, the tools have nothing to say,
+    and while the image is looked at, nobody takes it for the volume."""
+    with SnapshotSite() as lab_site:
+        for name in lab_site.names:
+            fill_as_user(lab_site.mount_point(name))
+        with lab_site.session(incremental=False) as session:
+            facts = session.start()
+            for name in lab_site.names:
+                age(lab_site.mount_point(name), 50, seed=2)
+            os.sync()
+            for name in lab_site.names:
+                check_snapshot(lab_site, name, facts[name]["snapshotPath"], tmp_path / name)
+            session.end("success")
+        lab_site.check_clean()
+
+
+def check_snapshot(lab_site, name, path, image):
+    partition = lab_site[name]
+    root = MOUNT_ROOT / partition.uuid
+    made = Made(partition, root, image, device=path)
+    assert (root / ".tolvu").exists()
+    made.compare().check()
+    made.fsck()
+    assert made.tree() == tree_hashes(root) != tree_hashes(lab_site.mount_point(name))
+    for look in (mounted(image, made.file_system), images.replayed(image, made.file_system)):
+        with look:
+            run("udevadm", "settle")
+            assert run(program("Volumes"), input="\n").count(f'"uuid":"{partition.uuid}"') == 1
+            assert str(pathlib.Path("/dev/disk/by-uuid", partition.uuid).resolve()) == partition.device
+    assert not [file for file in backing_files().values() if file.endswith(f"/{image.name}")]
