@@ -1,0 +1,245 @@
+#include "FakeIscsi.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <ctime>
+#include <sys/syscall.h>
+#include <unistd.h>
+// The library's headers need the types of those above.
+#include <iscsi/iscsi.h>
+#include <iscsi/scsi-lowlevel.h>
+
+struct iscsi_context {
+    std::string error;
+};
+
+namespace agent::test {
+
+using Outcome = FakeIscsi::Outcome;
+
+namespace {
+
+FakeIscsi* current = nullptr;
+
+struct Task : scsi_task {
+    std::vector<unsigned char> data;
+    scsi_readcapacity16 capacity{};
+};
+
+/// How functions that return a number do: 0, or negative.
+int finish(iscsi_context* context, const std::string& function, Outcome outcome) {
+    if (outcome == Outcome::good) {
+        return 0;
+    }
+    context->error = function + " has failed";
+    return -1;
+}
+
+template <typename... Arguments>
+int perform(iscsi_context* context, const std::string& function, const Arguments&... arguments) {
+    return finish(context, function, FakeIscsi::get().call(function, arguments...));
+}
+
+/// The answer to a command, with so many bytes from the target.
+Task* answer(iscsi_context* context, const std::string& function, Outcome outcome, std::size_t bytes) {
+    if (finish(context, function, outcome) != 0 && outcome == Outcome::failed) {
+        return nullptr;
+    }
+    auto* const task = new Task{};
+    ++FakeIscsi::get().tasks;
+    task->status = outcome == Outcome::refused ? SCSI_STATUS_CHECK_CONDITION : SCSI_STATUS_GOOD;
+    if (outcome != Outcome::refused) {
+        task->data.resize(outcome == Outcome::shorter ? bytes - 1 : bytes);
+    }
+    task->datain.size = static_cast<int>(task->data.size());
+    task->datain.data = task->data.data();
+    return task;
+}
+
+} // namespace
+
+FakeIscsi::FakeIscsi() {
+    if (current != nullptr) {
+        std::abort();
+    }
+    current = this;
+}
+
+FakeIscsi::~FakeIscsi() {
+    current = nullptr;
+}
+
+FakeIscsi& FakeIscsi::get() {
+    return *current;
+}
+
+bool FakeIscsi::exists() {
+    return current != nullptr;
+}
+
+void FakeIscsi::script(const std::string& function, const std::vector<Outcome>& next) {
+    outcomes[function].assign(next.begin(), next.end());
+}
+
+Outcome FakeIscsi::outcomeOf(const std::string& function) {
+    if (during) {
+        during(function);
+    }
+    auto& next = outcomes[function];
+    if (next.empty()) {
+        return Outcome::good;
+    }
+    const Outcome outcome = next.front();
+    next.pop_front();
+    return outcome;
+}
+
+extern "C" {
+
+iscsi_context* iscsi_create_context(const char* initiator_name) {
+    if (FakeIscsi::get().call("iscsi_create_context", initiator_name) != Outcome::good) {
+        return nullptr;
+    }
+    ++FakeIscsi::get().contexts;
+    return new iscsi_context;
+}
+
+int iscsi_destroy_context(iscsi_context* context) {
+    FakeIscsi::get().call("iscsi_destroy_context");
+    --FakeIscsi::get().contexts;
+    delete context;
+    return 0;
+}
+
+void iscsi_set_tcp_user_timeout(iscsi_context* /*context*/, int timeout_ms) {
+    FakeIscsi::get().call("iscsi_set_tcp_user_timeout", timeout_ms);
+}
+
+void iscsi_set_noautoreconnect(iscsi_context* /*context*/, int state) {
+    FakeIscsi::get().call("iscsi_set_noautoreconnect", state);
+}
+
+void iscsi_set_reconnect_max_retries(iscsi_context* /*context*/, int count) {
+    FakeIscsi::get().call("iscsi_set_reconnect_max_retries", count);
+}
+
+int iscsi_set_targetname(iscsi_context* context, const char* targetname) {
+    return perform(context, __func__, targetname);
+}
+
+int iscsi_set_session_type(iscsi_context* context, iscsi_session_type session_type) {
+    return perform(context, __func__, session_type);
+}
+
+int iscsi_set_header_digest(iscsi_context* context, iscsi_header_digest header_digest) {
+    return perform(context, __func__, header_digest);
+}
+
+int iscsi_set_initiator_username_pwd(iscsi_context* context, const char* user, const char* passwd) {
+    return perform(context, __func__, user, passwd);
+}
+
+int iscsi_set_immediate_data(iscsi_context* context, iscsi_immediate_data immediate_data) {
+    return perform(context, __func__, immediate_data);
+}
+
+int iscsi_set_initial_r2t(iscsi_context* context, iscsi_initial_r2t initial_r2t) {
+    return perform(context, __func__, initial_r2t);
+}
+
+int iscsi_set_timeout(iscsi_context* context, int timeout) {
+    return perform(context, __func__, timeout);
+}
+
+const char* iscsi_get_error(iscsi_context* context) {
+    return context->error.c_str();
+}
+
+int iscsi_get_fd(iscsi_context* /*context*/) {
+    return 7;
+}
+
+int iscsi_full_connect_sync(iscsi_context* context, const char* portal, int lun) {
+    const int result = perform(context, __func__, portal, lun);
+    FakeIscsi::get().isLoggedIn = result == 0;
+    return result;
+}
+
+int iscsi_is_logged_in(iscsi_context* /*context*/) {
+    return FakeIscsi::get().isLoggedIn ? 1 : 0;
+}
+
+int iscsi_logout_sync(iscsi_context* context) {
+    return perform(context, __func__);
+}
+
+int iscsi_disconnect(iscsi_context* context) {
+    return perform(context, __func__);
+}
+
+scsi_task* iscsi_readcapacity16_sync(iscsi_context* context, int lun) {
+    FakeIscsi& fake = FakeIscsi::get();
+    auto* const task = answer(context, __func__, fake.call(__func__, lun), sizeof(scsi_readcapacity16));
+    if (task != nullptr) {
+        task->capacity.block_length = fake.blockSize;
+        task->capacity.returned_lba = fake.lastBlock;
+    }
+    return task;
+}
+
+void* scsi_datain_unmarshall(scsi_task* task) {
+    const Outcome outcome = FakeIscsi::get().call(__func__);
+    return outcome == Outcome::good ? &static_cast<Task*>(task)->capacity : nullptr;
+}
+
+scsi_task* iscsi_read16_sync(iscsi_context* context, int lun, uint64_t lba, uint32_t datalen, int blocksize,
+                             int rdprotect, int dpo, int fua, int fua_nv, int group_number) {
+    FakeIscsi& fake = FakeIscsi::get();
+    const Outcome outcome =
+        fake.call(__func__, lun, lba, datalen, blocksize, rdprotect, dpo, fua, fua_nv, group_number);
+    auto* const task = answer(context, __func__, outcome, datalen);
+    const std::uint64_t begin = lba * fake.blockSize;
+    if (task != nullptr && lba <= fake.lastBlock && begin < fake.disk.size()) {
+        const std::size_t count = std::min<std::uint64_t>(task->data.size(), fake.disk.size() - begin);
+        std::copy_n(&fake.disk[begin], count, task->data.begin());
+    }
+    return task;
+}
+
+scsi_task* iscsi_write16_sync(iscsi_context* context, int lun, uint64_t lba, unsigned char* data,
+                              uint32_t datalen, int blocksize, int wrprotect, int dpo, int fua, int fua_nv,
+                              int group_number) {
+    FakeIscsi& fake = FakeIscsi::get();
+    const Outcome outcome =
+        fake.call(__func__, lun, lba, datalen, blocksize, wrprotect, dpo, fua, fua_nv, group_number);
+    const std::uint64_t begin = lba * fake.blockSize;
+    if (outcome == Outcome::good && begin < fake.disk.size()) {
+        std::copy_n(data, std::min<std::uint64_t>(datalen, fake.disk.size() - begin), &fake.disk[begin]);
+    }
+    return answer(context, __func__, outcome, 0);
+}
+
+void scsi_free_scsi_task(scsi_task* task) {
+    --FakeIscsi::get().tasks;
+    delete static_cast<Task*>(task);
+}
+
+int nanosleep(const timespec* requested, timespec* remaining) {
+    if (!FakeIscsi::exists()) {
+        return static_cast<int>(syscall(SYS_nanosleep, requested, remaining));
+    }
+    FakeIscsi& fake = FakeIscsi::get();
+    fake.call(__func__, requested->tv_sec, requested->tv_nsec);
+    if (fake.interruptions == 0) {
+        return 0;
+    }
+    --fake.interruptions;
+    *remaining = {0, 300'000'000};
+    errno = EINTR;
+    return -1;
+}
+
+} // extern "C"
+
+} // namespace agent::test

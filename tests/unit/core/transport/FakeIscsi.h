@@ -1,0 +1,65 @@
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <map>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace agent::test {
+
+/// Takes the place of libiscsi in the program that holds it: those of its functions that the transport calls,
+/// and a disk in memory behind them. `nanosleep` is replaced as well, and takes no time. All calls but those
+/// that only ask or free are noted in the order in which they come, with their arguments but for contexts and
+/// data. One object at a time; calls of several threads must not overlap.
+class FakeIscsi {
+public:
+    enum class Outcome {
+        good,
+        failed,  ///< what the function returns when it has failed by itself: nothing, or a negative value
+        refused, ///< a task, with a status that isn't good
+        shorter, ///< a task with a good status and a byte less than asked for
+    };
+
+    FakeIscsi();
+    FakeIscsi(const FakeIscsi&) = delete;
+    FakeIscsi& operator=(const FakeIscsi&) = delete;
+    ~FakeIscsi();
+
+    static FakeIscsi& get();
+    /// Whether there is one now.
+    static bool exists();
+
+    /// What comes of the next calls of a function; of those behind them all is good.
+    void script(const std::string& function, const std::vector<Outcome>& next);
+
+    /// Notes a call and tells what is to come of it.
+    template <typename... Arguments>
+    Outcome call(const std::string& function, const Arguments&... arguments) {
+        std::ostringstream line;
+        line << function;
+        ((line << ' ' << arguments), ...);
+        calls.push_back(line.str());
+        return outcomeOf(function);
+    }
+
+    std::vector<unsigned char> disk; ///< Beyond its end the target has zeros.
+    std::uint32_t blockSize = 512;
+    std::uint64_t lastBlock = 0; ///< Whatever the size of `disk` is.
+
+    std::vector<std::string> calls;
+    std::function<void(const std::string& function)> during; ///< Run inside of each call that is noted.
+    int interruptions = 0; ///< So many of the next sleeps are cut short by a signal, after 0.7 seconds.
+    int contexts = 0;      ///< How many are there.
+    int tasks = 0;         ///< How many are there.
+    bool isLoggedIn = false;
+
+private:
+    Outcome outcomeOf(const std::string& function);
+
+    std::map<std::string, std::deque<Outcome>> outcomes;
+};
+
+} // namespace agent::test
