@@ -243,7 +243,8 @@ std::int64_t IscsiTransport::tryRead(void* data, std::uint64_t length, bool& fai
         static_cast<std::uint64_t>(task->datain.size) < length) {
         return failCommand("Failed during iscsi read command.", failed);
     }
-    std::memcpy(data, task->datain.data, length);
+    // Of nothing there may be no address.
+    std::copy_n(task->datain.data, length, static_cast<unsigned char*>(data));
     position += static_cast<std::int64_t>(length);
     return static_cast<std::int64_t>(length);
 }

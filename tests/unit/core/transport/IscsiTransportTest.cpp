@@ -451,6 +451,12 @@ TEST_F(IscsiTransportTest, AReadThatIsCutWithinABlockDeliversNoMoreThanAskedFor)
     EXPECT_THAT(iscsi.calls, Each(command(readCall, 15, 512)));
 }
 
+TEST_F(IscsiTransportTest, ReadingNothingIsNoFailure) {
+    connect();
+    EXPECT_EQ(read(0), 0);
+    EXPECT_THAT(log.lines(), IsEmpty());
+}
+
 TEST_F(IscsiTransportTest, TheImageBeginsAtItsOffset) {
     make(4UL * blockBytes);
     connect();
