@@ -8,6 +8,7 @@
 #include <ctime>
 #include <iscsi/iscsi.h>
 #include <iscsi/scsi-lowlevel.h>
+#include <limits>
 #include <utility>
 
 namespace agent::core {
@@ -22,6 +23,16 @@ constexpr int absolute = 0;
 constexpr int relative = 1;
 /// No disk has larger ones, and what is counted in them must fit the 32 bits of a command's length.
 constexpr std::uint32_t maxBlockSize = 1U << 20U;
+/// The library counts the bytes of a command in an `int`; of more, it would transfer the remainder only.
+constexpr std::uint64_t maxLength = std::numeric_limits<int>::max();
+
+bool fitsCommand(std::uint64_t length) {
+    if (length > maxLength) {
+        errno = EINVAL;
+        return false;
+    }
+    return true;
+}
 
 void sleepBeforeRetry() {
     timespec left{retrySleepSeconds, 0};
@@ -162,6 +173,9 @@ std::int64_t IscsiTransport::seek(std::int64_t distance, int whence) {
 }
 
 std::int64_t IscsiTransport::read(void* data, std::uint64_t length) {
+    if (!fitsCommand(length)) {
+        return -1;
+    }
     bool failed = false;
     const std::int64_t result = tryRead(data, length, failed);
     if (!failed) {
@@ -172,6 +186,9 @@ std::int64_t IscsiTransport::read(void* data, std::uint64_t length) {
 }
 
 std::int64_t IscsiTransport::write(const void* data, std::uint64_t length) {
+    if (!fitsCommand(length)) {
+        return -1;
+    }
     if (diffMerge) {
         const std::int64_t start = position;
         if (isRemoteEqual(data, length)) {

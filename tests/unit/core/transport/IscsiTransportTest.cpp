@@ -741,6 +741,25 @@ TEST_F(IscsiTransportTest, AWriteIsCutAtTheEnd) {
     EXPECT_THAT(iscsi.calls, ElementsAre(command(writeCall, 14, 1024)));
 }
 
+TEST_F(IscsiTransportTest, NoCommandIsSentForMoreThanItCanCarry) {
+    iscsi.lastBlock = 1U << 30U;
+    for (const bool diffMerge : {false, true}) {
+        connect(diffMerge);
+        for (const std::uint64_t length :
+             {std::uint64_t{1} << 31U, std::uint64_t{1} << 32U, std::uint64_t{1} << 63U}) {
+            Bytes data(blockBytes); // not to be looked at
+            errno = 0;
+            EXPECT_EQ(transport->write(data.data(), length), -1);
+            EXPECT_EQ(errno, EINVAL);
+            errno = 0;
+            EXPECT_EQ(transport->read(data.data(), length), -1);
+            EXPECT_EQ(errno, EINVAL);
+        }
+        EXPECT_THAT(iscsi.calls, IsEmpty());
+        transport->disconnect();
+    }
+}
+
 // --- writes that compare first
 
 TEST_F(IscsiTransportTest, ABlockThatEqualsTheRemoteOneIsNotWritten) {
