@@ -240,7 +240,7 @@ std::int64_t IscsiTransport::tryRead(void* data, std::uint64_t length, bool& fai
     if (!isReady()) {
         return -1;
     }
-    const std::uint64_t first = static_cast<std::uint64_t>(position) + offset;
+    const std::uint64_t first = firstByte();
     const std::uint64_t lba = first / blockSize;
     std::uint64_t count = (blockSize + first % blockSize + length - 1) / blockSize;
     if (lba >= blockCount) {
@@ -275,12 +275,12 @@ std::int64_t IscsiTransport::tryWrite(const void* data, std::uint64_t length, bo
         errno = EINVAL;
         return -1;
     }
-    const std::uint64_t lba = (offset + static_cast<std::uint64_t>(position)) / blockSize;
+    const std::uint64_t lba = firstByte() / blockSize;
     if (lba >= blockCount) {
         errno = ENOSPC;
         return -1;
     }
-    length = std::min(length, (blockCount - lba) * blockSize);
+    length = std::min(length / blockSize, blockCount - lba) * blockSize;
     // The library takes what it only reads as a pointer to what it could change.
     auto* const bytes = static_cast<unsigned char*>(const_cast<void*>(data));
     const iscsi::Task task = runCommand(lock, [&] {
@@ -292,6 +292,12 @@ std::int64_t IscsiTransport::tryWrite(const void* data, std::uint64_t length, bo
     }
     position += static_cast<std::int64_t>(length);
     return static_cast<std::int64_t>(length);
+}
+
+std::uint64_t IscsiTransport::firstByte() const {
+    std::uint64_t sum = 0;
+    const bool isTooFar = __builtin_add_overflow(offset, static_cast<std::uint64_t>(position), &sum);
+    return isTooFar ? std::numeric_limits<std::uint64_t>::max() : sum;
 }
 
 bool IscsiTransport::isReady() const {

@@ -61,6 +61,8 @@ private:
     /// Whether the remote bytes at the position equal `data`; if so, the position is behind them now.
     bool isRemoteEqual(const void* data, std::uint64_t length);
     std::int64_t returnTo(std::int64_t start, std::uint64_t length);
+    /// Where the position is on the LUN; behind all LUNs if it can't be told.
+    [[nodiscard]] std::uint64_t firstByte() const;
     /// Whether a command can be sent now; `errno` tells why not.
     [[nodiscard]] bool isReady() const;
     iscsi::Task runCommand(Lock& lock, const std::function<scsi_task*()>& command);

@@ -478,6 +478,18 @@ TEST_F(IscsiTransportTest, BehindAnOffsetTheTargetEndsEarlier) {
     EXPECT_THAT(iscsi.calls, IsEmpty());
 }
 
+TEST_F(IscsiTransportTest, AnOffsetNearTheLargestNumberDoesNotLeadBackToTheStart) {
+    make(std::numeric_limits<std::uint64_t>::max() - 511);
+    connect();
+    const Bytes before = iscsi.disk;
+    EXPECT_EQ(transport->seek(512, absolute), 512);
+    EXPECT_EQ(read(blockBytes), 0);
+    EXPECT_EQ(write(newBytes(blockBytes)), -1);
+    EXPECT_EQ(errno, ENOSPC);
+    EXPECT_EQ(iscsi.disk, before);
+    EXPECT_THAT(iscsi.calls, IsEmpty());
+}
+
 TEST_F(IscsiTransportTest, AnOffsetWithinABlockCountsAsTheStartOfTheBlock) {
     make(1000);
     connect();
@@ -758,6 +770,13 @@ TEST_F(IscsiTransportTest, NoCommandIsSentForMoreThanItCanCarry) {
         EXPECT_THAT(iscsi.calls, IsEmpty());
         transport->disconnect();
     }
+}
+
+TEST_F(IscsiTransportTest, AWriteIsNotCutByTheBytesOfAnImpossibleSize) {
+    iscsi.lastBlock = (std::uint64_t{1} << 55U) - 1; // times 512: more than 64 bits hold
+    connect();
+    EXPECT_EQ(write(newBytes(1024)), 1024);
+    EXPECT_EQ(onDisk(0, 1024), newBytes(1024));
 }
 
 // --- writes that compare first
