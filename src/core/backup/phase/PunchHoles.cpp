@@ -18,8 +18,10 @@ void PunchHoles::execute() {
     const block::BlockRangeIterator end = unusedBlocks->end();
     for (block::BlockRangeIterator range = unusedBlocks->begin(); range != end; ++range) {
         cancel.check();
-        transport->seek(static_cast<std::int64_t>(range->start * blockSize), SEEK_SET);
-        transport->punchHole(range->length * blockSize);
+        const auto offset = static_cast<std::int64_t>(range->start * blockSize);
+        if (transport->seek(offset, SEEK_SET) == offset) { // anywhere else there may be data
+            transport->punchHole(range->length * blockSize);
+        }
     }
 }
 

@@ -1,0 +1,27 @@
+#pragma once
+
+#include "core/operation/CancelableOperation.h"
+
+#include <limits>
+
+namespace agent::test {
+
+/// Lets so many checks pass, and cancels at the next one.
+class CountedCancel : public core::ICancel {
+public:
+    explicit CountedCancel(int passes = std::numeric_limits<int>::max()) : passes(passes) {}
+
+    void check() override {
+        if (checks == passes) {
+            throw core::CancelableOperation::cancel_op();
+        }
+        ++checks;
+    }
+
+    int checks = 0; ///< that have passed
+
+private:
+    int passes;
+};
+
+} // namespace agent::test
