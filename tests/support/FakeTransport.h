@@ -32,7 +32,7 @@ public:
     }
 
     std::int64_t write(const void* data, std::uint64_t length) override {
-        const std::size_t count = available(length);
+        const std::size_t count = available(std::min(length, longestWrite));
         if (!connected || (count == 0 && length > 0)) {
             errno = connected ? ENOSPC : EIO;
             return -1;
@@ -93,6 +93,7 @@ public:
     Image image;
     bool refusing = false; ///< Set to refuse connections.
     bool holePunching = false;
+    std::uint64_t longestWrite = UINT64_MAX; ///< that one call takes
     bool connected = false;
     bool diffMerge = false; ///< As the last connect asked for.
     std::int64_t position = 0;
