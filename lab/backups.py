@@ -6,6 +6,7 @@
         assert backup.state == "finished", backup.log
         protection.verify()
 """
+import dataclasses
 import json
 import math
 import pathlib
@@ -100,6 +101,17 @@ class Backup:
         assert answer.content == {"success": True, "errorString": ""}, answer
 
 
+@dataclasses.dataclass(frozen=True)
+class Proof:
+    """How much of an image has been found to be what it should be."""
+
+    blocks: int = 0
+    files: int = 0 # of all kinds, directories too
+
+    def __add__(self, other):
+        return Proof(self.blocks + other.blocks, self.files + other.files)
+
+
 class Protection:
     """Volumes and their images. With an `offset`, in bytes, an image begins that far inside its LUN."""
 
@@ -136,12 +148,19 @@ class Protection:
 
     def start(self, *names, volumes=None, **kind):
         """Starts a backup, incremental unless `full` or `merge` is true."""
+        def request():
+            answer = self.appliance.backup(volumes or self.request(*names), **kind)
+            assert answer.status == 201, answer
+            return answer.content
+        return self.started_by(request)
+
+    def started_by(self, request):
+        """The backup that `request` starts, in whichever way; it returns the ID."""
         self._note_unmapped()
         begin = len(self.daemon.log)
-        answer = self.appliance.backup(volumes or self.request(*names), **kind)
-        assert answer.status == 201, answer
+        identifier = request()
         uuids = {partition.uuid: name for name, partition in self.partitions.items()}
-        return Backup(self.appliance, self.daemon, answer.content, begin, uuids)
+        return Backup(self.appliance, self.daemon, identifier, begin, uuids)
 
     def _note_unmapped(self):
         """What a FULL backup leaves out now may be in use later, but as long as it doesn't change, no
@@ -155,8 +174,8 @@ class Protection:
 
     def verify(self, *names):
         """Each image is what the volume was at its last snapshot: sound by its file system's own tool, equal
-        in every block in use, and in every file. Raises ImageError if not; returns the blocks compared."""
-        return sum(self._verify(name) for name in names or self.partitions)
+        in every block in use, and in every file. Raises ImageError if not; returns what was compared."""
+        return sum((self._verify(name) for name in names or self.partitions), Proof())
 
     def _verify(self, name):
         partition, image = self.partitions[name], self.images[name]
@@ -166,6 +185,7 @@ class Protection:
         compared = compare_used(capture, image.path, file_system, self.offset,
                                 spared=self._unmapped[name]).check()
         with mounted(capture, file_system) as then, mounted(image.path, file_system, self.offset) as now:
-            if tree_hashes(then) != tree_hashes(now):
+            files = tree_hashes(then)
+            if files != tree_hashes(now):
                 raise ImageError(f"{image.path}: not the files that {name} had")
-        return compared.blocks
+        return Proof(compared.blocks, len(files))

@@ -236,7 +236,8 @@ def test_watch_until_the_end(agent, command):
     status, output, error = command("backup", "--volume", "guid=0f1e", "--target", "t", "--name", "n",
                                     "--watch")
     assert (status, error) == (0, "")
-    assert output == f"b-1\n{DISK} full active 5/20\n{DISK} full finished 20/20\n"
+    assert output.splitlines() == ["b-1", f"{DISK} full active, 5 bytes of 20 bytes",
+                                   f"{DISK} full finished, 20 bytes of 20 bytes"]
     assert [path for _, path, _ in agent.requests] == ["/backup"] + 3 * ["/backup/b-1"]
     assert agent.connections == 1
 
@@ -244,7 +245,8 @@ def test_watch_until_the_end(agent, command):
 def test_watch_of_a_failed_backup(agent, command):
     agent.says(FAILED)
     status, output, error = command("watch", "b-1")
-    assert (status, output, error) == (1, f"{DISK} full failed 5/20\n", "lab/appliance: snapshot_error\n")
+    assert (status, error) == (1, "lab/appliance: snapshot_error\n")
+    assert output == f"{DISK} full failed, 5 bytes of 20 bytes\n"
 
 
 def test_watch_of_no_volumes(agent, command):
@@ -252,11 +254,47 @@ def test_watch_of_no_volumes(agent, command):
     assert command("watch", "b-1") == (0, "", "")
 
 
+def status_of(status, **transfer):
+    """That status of a backup, with these values in what it tells of the transfer."""
+    [entry] = status["details"]
+    return status | {"details": [entry | {"transfer": entry["transfer"] | transfer}]}
+
+
+def lines_of(*statuses, **options):
+    """What is shown of statuses that follow one another at once, where nobody looks on."""
+    stream = io.StringIO()
+    with shown_progress(stream, **options) as progress:
+        for status in statuses:
+            progress(status)
+    return stream.getvalue().splitlines()
+
+
 def test_watch_of_a_volume_whose_size_is_not_known(agent, command):
-    unknown = json.loads(json.dumps(FAILED))
-    unknown["details"][0]["transfer"]["totalSize"] = (1 << 64) - 1
-    agent.says(unknown)
-    assert command("watch", "b-1")[1] == f"{DISK} full failed 5/?\n"
+    agent.says(status_of(FAILED, totalSize=(1 << 64) - 1))
+    assert command("watch", "b-1")[1] == f"{DISK} full failed, 5 bytes\n"
+
+
+def test_type_is_not_shown_before_it_is_settled():
+    assert lines_of(status_of(ACTIVE, totalSize=(1 << 64) - 1)) == [f"{DISK} preparing"]
+
+
+def test_estimate_below_zero_is_not_shown():
+    assert lines_of(status_of(ACTIVE, totalSize=(1 << 64) - 4096)) == [f"{DISK} full active, 5 bytes"]
+
+
+def test_end_is_shown_as_all_that_there_was():
+    assert lines_of(status_of(FINISHED, totalSize=25)) == [f"{DISK} full finished, 20 bytes of 20 bytes"]
+
+
+def test_lines_are_few_while_only_bytes_go_by():
+    changes = [status_of(ACTIVE, bytesTransferred=count) for count in range(3)]
+    assert lines_of(*changes, FINISHED) == [f"{DISK} full active, 0 bytes of 20 bytes",
+                                            f"{DISK} full finished, 20 bytes of 20 bytes"]
+
+
+def test_volumes_by_name():
+    [line] = lines_of(FAILED, names={DISK: "data"}, prefix="  | ")
+    assert line == "  | data full failed, 5 bytes of 20 bytes"
 
 
 def test_bars_on_a_terminal():
