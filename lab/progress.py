@@ -32,7 +32,7 @@ def shown_progress(stream=None, *, names=None, prefix=""):
 
 
 def total_size(entry):
-    """None where the agent can't tell. What has been estimated and what has come differ, so the end counts."""
+    """None where the agent can't tell. An estimate and what has come of it differ, so the end counts."""
     transfer = entry["transfer"]
     if entry["status"] == "finished":
         return transfer["bytesTransferred"]
