@@ -361,7 +361,7 @@ def show_results(results, succeeded):
     show_table(rows, prefix="", numbers=(3, 4, 5, 6))
     if succeeded:
         print("\nAfter each backup every image was what its volume had been at the snapshot.\n"
-              "A DIFFERENTIAL_MERGE compares all that is in use, which counts as copied, and writes what differs.")
+              "DIFFERENTIAL_MERGE compares all that is in use, counted as copied, and writes what differs.")
 
 
 def main():
