@@ -16,6 +16,14 @@ void FreeTask::operator()(scsi_task* task) const noexcept {
     scsi_free_scsi_task(task);
 }
 
+std::string errorOf(const Context& context) {
+    std::string text = iscsi_get_error(context.get());
+    while (text.ends_with('\n')) {
+        text.pop_back();
+    }
+    return text;
+}
+
 bool isGood(const Task& task) noexcept {
     return task && task->status == SCSI_STATUS_GOOD;
 }

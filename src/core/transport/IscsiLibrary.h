@@ -1,6 +1,7 @@
 #pragma once
 
 #include <memory>
+#include <string>
 
 struct iscsi_context;
 struct scsi_task;
@@ -18,6 +19,9 @@ struct FreeTask {
 
 using Context = std::unique_ptr<iscsi_context, DestroyContext>;
 using Task = std::unique_ptr<scsi_task, FreeTask>;
+
+/// Why the last call has failed. Some of the library's texts end with a newline, which is left out.
+std::string errorOf(const Context& context);
 
 /// Whether the target has done what it was asked.
 bool isGood(const Task& task) noexcept;

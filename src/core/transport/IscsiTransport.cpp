@@ -104,12 +104,10 @@ bool IscsiTransport::prepareContext() {
         return giveUp("Failed to set iscsi initiator username and password.");
     }
     if (iscsi_set_immediate_data(context.get(), ISCSI_IMMEDIATE_DATA_YES) != 0) {
-        return giveUp(std::string("Failed to set iscsi 'IMMEDIATE DATA' option. ") +
-                      iscsi_get_error(context.get()));
+        return giveUp("Failed to set iscsi 'IMMEDIATE DATA' option. " + iscsi::errorOf(context));
     }
     if (iscsi_set_initial_r2t(context.get(), ISCSI_INITIAL_R2T_NO) != 0) {
-        return giveUp(std::string("Failed to set iscsi 'INITIAL R2T' option. ") +
-                      iscsi_get_error(context.get()));
+        return giveUp("Failed to set iscsi 'INITIAL R2T' option. " + iscsi::errorOf(context));
     }
     if (iscsi_set_timeout(context.get(), commandTimeoutSeconds) != 0) {
         return giveUp("Failed to set iscsi timeout.");
@@ -125,7 +123,7 @@ bool IscsiTransport::login(int attempt) {
     logger.log(info::level::error,
                "Iscsi target connect or Login failed: Try: %d Target name: %s Target portal: %s LUN: %d. "
                "Error: %s",
-               attempt, targetName.c_str(), portal.c_str(), lun, iscsi_get_error(context.get()));
+               attempt, targetName.c_str(), portal.c_str(), lun, iscsi::errorOf(context).c_str());
     return false;
 }
 

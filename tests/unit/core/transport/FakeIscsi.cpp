@@ -32,7 +32,7 @@ int finish(iscsi_context* context, const std::string& function, Outcome outcome)
     if (outcome == Outcome::good) {
         return 0;
     }
-    context->error = function + " has failed";
+    context->error = function + " has failed\n";
     return -1;
 }
 
