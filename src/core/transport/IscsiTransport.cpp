@@ -42,15 +42,14 @@ void sleepBeforeRetry() {
 
 } // namespace
 
-IscsiTransport::IscsiTransport(info::Logger& logger, const std::string& targetName, const std::string& portal,
-                               int lun, std::uint64_t offset, const std::string& user,
-                               const std::string& password)
+IscsiTransport::IscsiTransport(info::Logger& logger, std::string targetName, std::string portal, int lun,
+                               std::uint64_t offset, std::string user, std::string password)
     : Transport(logger),
-      targetName(targetName),
-      portal(portal),
+      targetName(std::move(targetName)),
+      portal(std::move(portal)),
       lun(lun),
-      user(user),
-      password(password),
+      user(std::move(user)),
+      password(std::move(password)),
       offset(offset),
       diffBuffer(1) {}
 
@@ -280,6 +279,7 @@ std::int64_t IscsiTransport::tryWrite(const void* data, std::uint64_t length, bo
     }
     length = std::min(length / blockSize, blockCount - lba) * blockSize;
     // The library takes what it only reads as a pointer to what it could change.
+    // NOLINTNEXTLINE(cppcoreguidelines-pro-type-const-cast)
     auto* const bytes = static_cast<unsigned char*>(const_cast<void*>(data));
     const iscsi::Task task = runCommand(lock, [&] {
         return iscsi_write16_sync(context.get(), lun, lba, bytes, static_cast<std::uint32_t>(length),

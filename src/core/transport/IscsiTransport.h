@@ -27,8 +27,8 @@ namespace agent::core {
 class IscsiTransport : public Transport {
 public:
     /// Nothing is connected yet. An empty user means no authentication.
-    IscsiTransport(info::Logger& logger, const std::string& targetName, const std::string& portal, int lun,
-                   std::uint64_t offset, const std::string& user, const std::string& password);
+    IscsiTransport(info::Logger& logger, std::string targetName, std::string portal, int lun,
+                   std::uint64_t offset, std::string user, std::string password);
     IscsiTransport(const IscsiTransport&) = delete;
     IscsiTransport& operator=(const IscsiTransport&) = delete;
     IscsiTransport(IscsiTransport&&) = delete;

@@ -97,8 +97,8 @@ Outcome FakeIscsi::outcomeOf(const std::string& function) {
 
 extern "C" {
 
-iscsi_context* iscsi_create_context(const char* initiator_name) {
-    if (FakeIscsi::get().call("iscsi_create_context", initiator_name) != Outcome::good) {
+iscsi_context* iscsi_create_context(const char* initiatorName) {
+    if (FakeIscsi::get().call("iscsi_create_context", initiatorName) != Outcome::good) {
         return nullptr;
     }
     ++FakeIscsi::get().contexts;
@@ -112,8 +112,8 @@ int iscsi_destroy_context(iscsi_context* context) {
     return 0;
 }
 
-void iscsi_set_tcp_user_timeout(iscsi_context* /*context*/, int timeout_ms) {
-    FakeIscsi::get().call("iscsi_set_tcp_user_timeout", timeout_ms);
+void iscsi_set_tcp_user_timeout(iscsi_context* /*context*/, int milliseconds) {
+    FakeIscsi::get().call("iscsi_set_tcp_user_timeout", milliseconds);
 }
 
 void iscsi_set_noautoreconnect(iscsi_context* /*context*/, int state) {
@@ -128,24 +128,24 @@ int iscsi_set_targetname(iscsi_context* context, const char* targetname) {
     return perform(context, __func__, targetname);
 }
 
-int iscsi_set_session_type(iscsi_context* context, iscsi_session_type session_type) {
-    return perform(context, __func__, session_type);
+int iscsi_set_session_type(iscsi_context* context, iscsi_session_type type) {
+    return perform(context, __func__, type);
 }
 
-int iscsi_set_header_digest(iscsi_context* context, iscsi_header_digest header_digest) {
-    return perform(context, __func__, header_digest);
+int iscsi_set_header_digest(iscsi_context* context, iscsi_header_digest digest) {
+    return perform(context, __func__, digest);
 }
 
 int iscsi_set_initiator_username_pwd(iscsi_context* context, const char* user, const char* passwd) {
     return perform(context, __func__, user, passwd);
 }
 
-int iscsi_set_immediate_data(iscsi_context* context, iscsi_immediate_data immediate_data) {
-    return perform(context, __func__, immediate_data);
+int iscsi_set_immediate_data(iscsi_context* context, iscsi_immediate_data immediate) {
+    return perform(context, __func__, immediate);
 }
 
-int iscsi_set_initial_r2t(iscsi_context* context, iscsi_initial_r2t initial_r2t) {
-    return perform(context, __func__, initial_r2t);
+int iscsi_set_initial_r2t(iscsi_context* context, iscsi_initial_r2t r2t) {
+    return perform(context, __func__, r2t);
 }
 
 int iscsi_set_timeout(iscsi_context* context, int timeout) {
@@ -194,10 +194,10 @@ void* scsi_datain_unmarshall(scsi_task* task) {
 }
 
 scsi_task* iscsi_read16_sync(iscsi_context* context, int lun, uint64_t lba, uint32_t datalen, int blocksize,
-                             int rdprotect, int dpo, int fua, int fua_nv, int group_number) {
+                             int rdprotect, int dpo, int fua, int fuaNv, int group) {
     FakeIscsi& fake = FakeIscsi::get();
     const Outcome outcome =
-        fake.call(__func__, lun, lba, datalen, blocksize, rdprotect, dpo, fua, fua_nv, group_number);
+        fake.call(__func__, lun, lba, datalen, blocksize, rdprotect, dpo, fua, fuaNv, group);
     auto* const task = answer(context, __func__, outcome, datalen);
     const std::uint64_t begin = lba * fake.blockSize;
     if (task != nullptr && lba <= fake.lastBlock && begin < fake.disk.size()) {
@@ -208,11 +208,11 @@ scsi_task* iscsi_read16_sync(iscsi_context* context, int lun, uint64_t lba, uint
 }
 
 scsi_task* iscsi_write16_sync(iscsi_context* context, int lun, uint64_t lba, unsigned char* data,
-                              uint32_t datalen, int blocksize, int wrprotect, int dpo, int fua, int fua_nv,
-                              int group_number) {
+                              uint32_t datalen, int blocksize, int wrprotect, int dpo, int fua, int fuaNv,
+                              int group) {
     FakeIscsi& fake = FakeIscsi::get();
     const Outcome outcome =
-        fake.call(__func__, lun, lba, datalen, blocksize, wrprotect, dpo, fua, fua_nv, group_number);
+        fake.call(__func__, lun, lba, datalen, blocksize, wrprotect, dpo, fua, fuaNv, group);
     const std::uint64_t begin = lba * fake.blockSize;
     if (outcome == Outcome::good && begin < fake.disk.size()) {
         std::copy_n(data, std::min<std::uint64_t>(datalen, fake.disk.size() - begin), &fake.disk[begin]);
