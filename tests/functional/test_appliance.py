@@ -249,6 +249,13 @@ def test_watch_of_a_failed_backup(agent, command):
     assert output == f"{DISK} full failed, 5 bytes of 20 bytes\n"
 
 
+def test_watch_gives_up_on_an_active_backup_with_an_error(agent, command):
+    agent.says(ACTIVE, ACTIVE | {"connection_error": True})
+    status, _, error = command("watch", "b-1")
+    assert (status, error) == (1, "lab/appliance: connection_error\n")
+    assert len(agent.requests) == 2
+
+
 def test_watch_of_no_volumes(agent, command):
     agent.says(FINISHED | {"details": None})
     assert command("watch", "b-1") == (0, "", "")
