@@ -24,9 +24,9 @@ private:
     std::uint64_t spaceFree;
 };
 
-/// A small ext volume, with a file in the place of its snapshot's device. Each block, used or not, has content
-/// of its own. It is larger than the head of an image that is summed up, and one run of used blocks is larger
-/// than a chunk of the copy.
+/// A small ext volume, with a file in the place of its snapshot's device. Each block, used or not, has
+/// content of its own. It is larger than the head of an image that is summed up, and one run of used blocks
+/// is larger than a chunk of the copy.
 class ExtVolume {
     TestDirectory directory;
 
