@@ -28,6 +28,7 @@ using Line = test::RecordingLogger::Line;
 using Request = test::MemoryVolume::Request;
 
 constexpr std::uint32_t blockSize = 512;
+constexpr std::uint64_t blockBytes = blockSize;
 constexpr std::uint64_t blocks = 16;
 constexpr std::uint64_t bufferBlocks = 4;
 constexpr std::uint8_t poison = 0xA5;
@@ -87,11 +88,11 @@ TEST_F(CopyChunkRangesTest, EachChunkIsReadAndWrittenWhereItStands) {
     EXPECT_EQ(phase.getName(), "Copy Chunk Ranges");
     copy({{0, 1}, {3, 4}, {15, 1}});
     EXPECT_THAT(copied(), ElementsAre(0, 3, 4, 5, 6, 15));
-    EXPECT_THAT(source.requests, ElementsAre(Request{0, blockSize}, Request{3 * blockSize, 4 * blockSize},
-                                             Request{15 * blockSize, blockSize}));
-    EXPECT_THAT(target->written, ElementsAre(Extent(0, blockSize), Extent(3 * blockSize, 4 * blockSize),
-                                             Extent(15 * blockSize, blockSize)));
-    EXPECT_EQ(transferred(), 6 * blockSize);
+    EXPECT_THAT(source.requests, ElementsAre(Request{0, blockSize}, Request{3 * blockBytes, 4 * blockBytes},
+                                             Request{15 * blockBytes, blockSize}));
+    EXPECT_THAT(target->written, ElementsAre(Extent(0, blockSize), Extent(3 * blockBytes, 4 * blockBytes),
+                                             Extent(15 * blockBytes, blockSize)));
+    EXPECT_EQ(transferred(), 6 * blockBytes);
     EXPECT_THAT(log.lines(), ElementsAre(Line{debug, "Total bytes copied is 3072 (3 KiB)"}));
     EXPECT_EQ(cancel.checks, 3);
 }
@@ -113,7 +114,7 @@ TEST_F(CopyChunkRangesTest, EmptyRangesArePassedOver) {
 TEST_F(CopyChunkRangesTest, ProgressIsToldAfterEachChunk) {
     cancel = test::CountedCancel(2);
     EXPECT_THROW(copy({{0, 2}, {3, 3}, {8, 1}}), CancelableOperation::cancel_op);
-    EXPECT_EQ(transferred(), 5 * blockSize);
+    EXPECT_EQ(transferred(), 5 * blockBytes);
 }
 
 TEST_F(CopyChunkRangesTest, CancelIsSeenBeforeTheNextChunk) {
@@ -125,14 +126,14 @@ TEST_F(CopyChunkRangesTest, CancelIsSeenBeforeTheNextChunk) {
 }
 
 TEST_F(CopyChunkRangesTest, ShortReadIsWrittenAsFarAsItGoes) {
-    source.longest = 3 * blockSize;
+    source.longest = 3 * blockBytes;
     copy({{0, 4}, {8, 1}});
     EXPECT_THAT(copied(), ElementsAre(0, 1, 2, 8));
-    EXPECT_EQ(transferred(), 4 * blockSize);
+    EXPECT_EQ(transferred(), 4 * blockBytes);
 }
 
 TEST_F(CopyChunkRangesTest, EndOfTheDeviceEndsTheCopy) {
-    source.size = 6 * blockSize;
+    source.size = 6 * blockBytes;
     copy({{4, 4}, {8, 2}, {0, 1}});
     EXPECT_THAT(copied(), ElementsAre(4, 5));
     EXPECT_THAT(log.lines(), ElementsAre(Line{debug, "Total bytes copied is 1024 (1 KiB)"}));
@@ -145,7 +146,7 @@ TEST_F(CopyChunkRangesTest, PlaceThatCannotBeSoughtOnTheSourceFails) {
 }
 
 TEST_F(CopyChunkRangesTest, UnreadableChunkFailsAndIsNotWritten) {
-    source.failReads(4 * blockSize, 5 * blockSize);
+    source.failReads(4 * blockBytes, 5 * blockBytes);
     std::string message = "a connection error, which this is not";
     try {
         copy({{0, 1}, {3, 4}});

@@ -176,7 +176,8 @@ TEST_F(CopyVolumeTest, IncrementalBackupCopiesTheChangedBlocksThatAreUsed) {
     EXPECT_EQ(source.equalBlocks(target->image), expected);
     EXPECT_FALSE(target->diffMerge);
     EXPECT_EQ(infoLines().front(), "The type of backup for volume the-volume (/mnt) is: INCREMENTAL");
-    EXPECT_EQ(volumeStatus(), (VolumeBackupStatus{uuid, VOLUME_FINISHED, INCREMENTAL, 4 * 4096, 6 * 4096}));
+    EXPECT_EQ(volumeStatus(),
+              (VolumeBackupStatus{uuid, VOLUME_FINISHED, INCREMENTAL, 4UL * 4096, 6L * 4096}));
 }
 
 TEST_F(CopyVolumeTest, IncrementalBackupWithoutChangesCopiesNothingAndIsRegistered) {
