@@ -42,12 +42,13 @@ def private_mount_points():
 
 
 class Site:
-    """System bus, login manager, udev, udisks and one disk. `token` marks what the whole machine can see."""
+    """System bus, login manager, udev, udisks and one disk. `token` marks what the whole machine can see, and
+    the disk's image lies in `directory`."""
 
-    def __init__(self, volumes=VOLUMES, token="site"):
+    def __init__(self, volumes=VOLUMES, token="site", directory="/tmp"):
         self.bus = SystemBus()
         self.udisks = Udisks()
-        self.disk = Disk(volumes, token)
+        self.disk = Disk(volumes, token, directory)
         self._lasting = contextlib.ExitStack()
 
     def __enter__(self):

@@ -142,10 +142,15 @@ class Target(Service):
         return run("tgtadm", "--lld", "iscsi", "--op", operation, "--mode", mode, *arguments,
                    env={**os.environ, "TGT_IPC_SOCKET": str(self._control)})
 
-    def add_image(self, name, size, block_size=512, *, thin=False):
-        """Adds a disk of `size` bytes. Its file is there, all poison, until the target goes."""
+    def add_image(self, name, size, block_size=512, *, thin=False, poisoned=True):
+        """Adds a disk of `size` bytes. Its file is there, all poison, until the target goes; without
+        poison, for disks too large to be filled, it is a hole."""
         image = Image(self, name, len(self.images) + 1, block_size, thin) # 0 is tgtd's own
-        poison.make_image(image.path, size)
+        if poisoned:
+            poison.make_image(image.path, size)
+        else:
+            with open(image.path, "xb") as file:
+                file.truncate(size)
         self._add_unit(image)
         self.images.append(image)
         return image
