@@ -1,0 +1,40 @@
+"""What is on the volume whose backups are measured: files of all sizes with gaps between them."""
+import math
+import os
+import random
+
+PIECE = 1 << 20
+LARGEST = 64 * PIECE
+NOISE = os.urandom(LARGEST) # nothing that zeros or equal blocks could be found in
+
+
+def fill(root, size):
+    """Writes files of `size` bytes in all; every fourth of those that were begun with is deleted again."""
+    chance = random.Random(1)
+    kept, number = 0, 0
+    while kept < size:
+        length = min(int(math.exp(chance.uniform(8, math.log(LARGEST)))), LARGEST)
+        path = root / f"d{number % 100}" / f"f{number}"
+        path.parent.mkdir(exist_ok=True)
+        begin = chance.randrange(LARGEST - length + 1)
+        path.write_bytes(memoryview(NOISE)[begin:begin + length])
+        if number % 4 == 1:
+            path.unlink()
+        else:
+            kept += length
+        number += 1
+    os.sync()
+
+
+def change(root, size):
+    """Writes over `size` bytes of the files, a mebibyte here and there; returns how many bytes that were."""
+    chance = random.Random(2)
+    large = sorted(path for path in root.glob("d*/f*") if path.stat().st_size >= PIECE)
+    places = [(path, offset) for path in large for offset in range(0, path.stat().st_size - PIECE + 1, PIECE)]
+    chosen = chance.sample(places, round(size / PIECE))
+    for path, offset in chosen:
+        with open(path, "r+b", buffering=0) as file:
+            file.seek(offset)
+            file.write(os.urandom(PIECE))
+    os.sync()
+    return len(chosen) * PIECE

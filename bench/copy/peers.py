@@ -1,0 +1,50 @@
+"""What an administrator would copy a volume with instead."""
+import dataclasses
+import shutil
+import subprocess
+import sys
+
+from bench.copy.process import processor_seconds, timed
+
+PACKAGES = {"qemu-img": "qemu-utils", "partclone.ext4": "partclone"}
+
+
+@dataclasses.dataclass(frozen=True)
+class Peer:
+    """One run of a tool; processor seconds are of the tool and of the target."""
+
+    name: str
+    seconds: float
+    written: int
+    own_cpu: float
+    target_cpu: float
+
+
+def require_tools():
+    missing = [package for tool, package in PACKAGES.items() if shutil.which(tool) is None]
+    formats = subprocess.run(["qemu-img", "--help"], capture_output=True, text=True,
+                             check=False).stdout if "qemu-utils" not in missing else ""
+    if "iscsi" not in formats:
+        missing.append("qemu-block-extra")
+    if missing:
+        sys.exit(f"these Debian packages are needed, too: {' '.join(missing)}")
+
+
+def run_qemu(bed, device):
+    """The whole device to the same image: without knowledge of the file system, every byte is a used one."""
+    bed.settle()
+    written, other = bed.image.writes(), processor_seconds(bed.target.pid)
+    url = f"iscsi://{bed.target.portal}/{bed.target.name}/{bed.image.lun}"
+    _, seconds, cpu = timed(["qemu-img", "convert", "-n", "-W", "-f", "raw", "-O", "raw", device, url])
+    return Peer("qemu-img convert -n -W", seconds, (bed.image.writes() - written).bytes, cpu,
+                processor_seconds(bed.target.pid) - other)
+
+
+def run_partclone(bed, device):
+    """The used blocks into a file on the disk that the target's image is on."""
+    file = bed.place / "partclone"
+    bed.settle()
+    _, seconds, cpu = timed(["partclone.ext4", "-c", "-F", "-s", device, "-o", file, "-L", "/dev/null"])
+    size = file.stat().st_size
+    file.unlink()
+    return Peer("partclone.ext4 -c", seconds, size, cpu, 0.0)

@@ -1,0 +1,34 @@
+"""Running the programs that are raced, and what the processor does for them and for others."""
+import os
+import pathlib
+import subprocess
+import tempfile
+import time
+
+TICKS = os.sysconf("SC_CLK_TCK")
+
+
+def processor_seconds(pid):
+    """What a process and the children that it has waited for have used so far."""
+    fields = pathlib.Path(f"/proc/{pid}/stat").read_text(encoding="ascii").rpartition(")")[2].split()
+    return sum(map(int, fields[11:15])) / TICKS
+
+
+def timed(command, text=""):
+    """Runs a program on this standard input; returns what it printed, the seconds that it took, and those of
+    the processor. It has a session of its own, as the daemon has: the kernel shares the processors out among
+    sessions."""
+    with tempfile.TemporaryFile("w+") as given, tempfile.TemporaryFile("w+") as output:
+        given.write(text)
+        given.seek(0)
+        begin = time.monotonic()
+        process = subprocess.Popen(command, stdin=given, stdout=output, stderr=subprocess.STDOUT,
+                                   start_new_session=True)
+        _, status, usage = os.wait4(process.pid, 0)
+        seconds = time.monotonic() - begin
+        process.returncode = os.waitstatus_to_exitcode(status)
+        output.seek(0)
+        printed = output.read()
+    if process.returncode != 0:
+        raise RuntimeError(f"{' '.join(map(str, command))}: {process.returncode}\n{printed}")
+    return printed, seconds, usage.ru_utime + usage.ru_stime
