@@ -14,6 +14,7 @@ import pathlib
 from lab.appliance_client import volume
 from lab.images import ImageError, compare_used, fsck, mounted, tree_hashes
 from lab.used_blocks import unmapped_extents
+from lab.volumes import run
 
 SECONDS = 300
 COW_MIB = 100
@@ -166,6 +167,8 @@ class Protection:
         """What a FULL backup leaves out now may be in use later, but as long as it doesn't change, no
         INCREMENTAL has to bring it."""
         for name, partition in self.partitions.items():
+            # Or blocks are allocated meanwhile, and what dumpe2fs reads doesn't fit together.
+            run("sync", "--file-system", partition.volume.mount_point)
             self._unmapped[name].update(unmapped_extents(partition.device, partition.volume.file_system))
 
     def run(self, *names, **kind):

@@ -164,6 +164,10 @@ class Target(Service):
             self._administer("update", "logicalunit", *unit, "--params", "thin_provisioning=1")
         image.threads = self._all_threads() - others
 
+    def sessions(self):
+        """How many initiators are logged in."""
+        return self._administer("show", "conn", "--tid", TARGET).count("Session:")
+
     def require_chap(self, user, password):
         """From the next login on, initiators have to be this one, or another that was named before."""
         self._accounts[user] = password

@@ -17,7 +17,7 @@ import pytest
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(ROOT))
 CERTIFICATES = "/etc/tolvu/bek/certs"
-pytest.register_assert_rewrite("snapshot_site")
+pytest.register_assert_rewrite("snapshot_site", "fault_site")
 
 from lab import certificates  # noqa: E402
 from lab.appliance_client import Appliance  # noqa: E402

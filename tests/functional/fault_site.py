@@ -1,0 +1,158 @@
+"""What the tests of backups under faults share: a site to break, and what has to hold after each fault."""
+import contextlib
+import os
+import pathlib
+import random
+import shutil
+import time
+
+from backup_site import fill
+from lab.backups import Protection
+from lab.daemon import LOGS
+from lab.holds import Hold, Trace
+from lab.services import wait_until
+from lab.targets import Target
+from lab.volumes import Volume
+from snapshot_site import SnapshotSite
+
+SECONDS = 60
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+BUILD = ROOT / os.environ.get("BEKD_BUILD", "build/release")
+DATA = Volume("data", "ext4", mebibytes=320, mount_point="/mnt/Büro und Lager")
+MORE = Volume("more", "ext4", mebibytes=320, mount_point="/mnt/more")
+XFS = Volume("files", "xfs", mebibytes=320, mount_point="/mnt/files")
+CALL_OF_RUN = "rt_sigaction" # in the daemon, only a thread that runs a backup makes it
+
+
+def seeded():
+    """A source of random numbers. To repeat a run give it the seed that it has printed."""
+    seed = int(os.environ.get("BEKD_SEED", time.time_ns()))
+    print(f"BEKD_SEED={seed}")
+    return random.Random(seed)
+
+
+class FaultList:
+    """The faults that a module has injected, and what became of the backups. They end up beside the
+    programs."""
+
+    def __init__(self, module):
+        self._path = BUILD / f"faults-{module.removeprefix('test_backup_')}.txt"
+        self._lines = []
+
+    def note(self, fault, state):
+        self._lines.append(f"{fault}: {state}\n")
+
+    def write(self):
+        text = "".join(self._lines) + f"{len(self._lines)} faults injected\n"
+        self._path.write_text(text, encoding="utf-8")
+        print(text)
+
+
+class FaultSite:
+    """Volumes with images of them on a target, and the daemon that is to keep them right."""
+
+    def __init__(self, site, target, appliance, daemon):
+        self.site = site
+        self.target = target
+        self.protection = Protection(appliance, daemon, target, [site[name] for name in site.names])
+        self._changes = 0
+
+    @property
+    def daemon(self):
+        return self.protection.daemon
+
+    @daemon.setter
+    def daemon(self, daemon):
+        self.protection.daemon = daemon
+
+    def change(self):
+        """Gives the next backup something to do."""
+        self._changes += 1
+        for name in self.site.names:
+            root = self.site.mount_point(name)
+            for old in root.glob("change-*"):
+                shutil.rmtree(old)
+            new = root / f"change-{self._changes}"
+            new.mkdir()
+            for part in range(4):
+                fill(new, f"{name}-{self._changes}-{part}", files=3, largest=2_000_000)
+
+    def back_up(self, **kind):
+        """A backup that must work."""
+        self.change()
+        backup = self.protection.run(**kind)
+        assert backup.state == "finished", backup.log
+        self.protection.verify()
+        return backup
+
+    def judge(self, backup):
+        """The state of a backup that has ended. If it says finished, the images are right."""
+        state = backup.state
+        assert state in ("finished", "failed"), backup.log
+        if state == "finished":
+            self.protection.verify()
+        else:
+            assert all(entry["status"] == "failed" for entry in backup.status["details"]), backup.status
+        return state
+
+    def check_clean(self):
+        for name in self.site.names:
+            self.site.check_writable(name)
+        self.site.check_clean()
+        wait_until(lambda: self.target.sessions() == 0, SECONDS, "all initiators logged out")
+
+    def assert_recovered(self, *, killed=False):
+        """Nothing is frozen, mounted, attached or logged in, and the next backup works. A daemon that was
+        killed leaves to the next backup what it couldn't take away."""
+        for name in self.site.names:
+            self.site.check_writable(name)
+        if not killed:
+            self.check_clean()
+        self.back_up()
+        self.check_clean()
+
+    def rehearse(self, calls, **kind):
+        """The calls that the thread of a backup makes, in order."""
+        self.change()
+        with Trace(self.daemon.pid, f"{calls},{CALL_OF_RUN}") as trace:
+            backup = self.protection.run(**kind)
+            found = next(lines for lines in trace.lines().values()
+                         if any(line.startswith(CALL_OF_RUN) for line in lines))
+        assert backup.state == "finished", backup.log
+        self.check_clean()
+        return found
+
+    def steps_of_copy(self, call, path="", **kind):
+        """The numbers of the calls that the thread of a backup makes on a file while it copies. Numbers go
+        by thread, so they tell nothing of calls that the other threads make as well."""
+        lines = self.rehearse(f"{call},write", **kind)
+        phase = " execution of the Copy Chunk Ranges phase."
+        begin, end = (at for at, line in enumerate(lines) if phase in line and str(log_file()) in line)
+        matching = [at for at, line in enumerate(lines) if line.startswith(f"{call}(") and path in line]
+        return [number for number, at in enumerate(matching, 1) if begin < at < end]
+
+    @contextlib.contextmanager
+    def held(self, call, number, *, paths=(), behind=False, **kind):
+        """(backup, hold) of a backup that has come to a system call, and is held there."""
+        self.change()
+        with Hold(self.daemon.pid, call, number, paths=paths, behind=behind) as hold:
+            backup = self.protection.start(**kind)
+            try:
+                hold.wait()
+            except TimeoutError as error:
+                raise AssertionError(f"{error}\n{backup.log}") from error
+            yield backup, hold
+
+
+def log_file():
+    return max(LOGS.glob("bek_*.log"))
+
+
+@contextlib.contextmanager
+def fault_site(appliance, daemon, volumes, directory="/tmp"):
+    with SnapshotSite(volumes) as site, Target(directory=directory) as target:
+        made = FaultSite(site, target, appliance, daemon)
+        for name in site.names:
+            fill(site.mount_point(name), name)
+        made.back_up(full=True)
+        yield made

@@ -1,0 +1,146 @@
+"""Backups of the real daemon to a real target under faults of the target and of the source: whatever is
+reported finished is right, and the next backup works."""
+import os
+import subprocess
+
+import pytest
+
+from fault_site import DATA, FaultList, fault_site, seeded
+from lab.backups import capture_of
+from lab.holds import Trace
+
+SNAPSHOT = "/dev/tolvu0"
+RETRYING = "Sleeping, reconnecting, and retrying."
+WINDOW = 0.8 # of the copy: how often a thread calls isn't exactly the same each time
+POINTS = 3
+
+
+@pytest.fixture(scope="module")
+def faults():
+    made = FaultList(__name__)
+    yield made
+    made.write()
+
+
+@pytest.fixture
+def one_volume(agent, appliance):
+    with fault_site(appliance, agent, (DATA,)) as site:
+        yield site
+
+
+def points_of_copy(site, count, source):
+    """Moments while a full backup copies: about to read, before a packet, or behind it."""
+    reads = [{"call": "read", "number": number, "paths": [SNAPSHOT]}
+             for number in site.steps_of_copy("read", SNAPSHOT, full=True)]
+    packets = [{"call": "writev", "number": number, "behind": behind}
+               for number in site.steps_of_copy("writev", full=True) for behind in (False, True)]
+    return [source.choice(steps[:int(len(steps) * WINDOW)]) for steps in (reads, packets, packets)[:count]]
+
+
+def test_target_restarts_within_the_retries(one_volume, faults):
+    """Up to five seconds, at any moment of the copy: the backup doesn't mind."""
+    site, source = one_volume, seeded()
+    for point in points_of_copy(site, POINTS, source):
+        tries = source.randrange(1, 4)
+        fault = f"target away for {tries} s at {point}"
+        print(fault)
+        with site.held(**point, full=True) as (backup, hold):
+            site.target.kill()
+            hold.release()
+            site.daemon.wait_for(lambda: backup.log.count(RETRYING) >= tries, "retries")
+            site.target.start()
+            backup.wait()
+        faults.note(fault, site.judge(backup))
+        assert backup.state == "finished", backup.log
+        assert backup.status["connection_error"] is False
+        site.check_clean()
+    site.assert_recovered()
+
+
+def test_target_stays_away(one_volume, faults):
+    """Longer than the retries last: the backup fails, says why, and the next one works."""
+    site, source = one_volume, seeded()
+    for point in points_of_copy(site, 2, source):
+        fault = f"target gone at {point}"
+        print(fault)
+        with site.held(**point, full=True) as (backup, hold):
+            site.target.kill()
+            hold.release()
+            backup.wait()
+        faults.note(fault, site.judge(backup))
+        assert backup.state == "failed", backup.log
+        assert backup.status["connection_error"] is True
+        assert backup.log.count(RETRYING) == 5
+        site.target.start()
+        site.assert_recovered()
+
+
+def test_disk_of_the_target_is_full(agent, appliance, tmpfs, faults):
+    """The target answers with an error each time, and the backup says so. Once there is room, the next one
+    works."""
+    directory = "/mnt-target"
+    tmpfs(directory, "size=2g")
+    with fault_site(appliance, agent, (DATA,), directory) as site:
+        image = site.protection.images["data"]
+        # What isn't there needs room as soon as it is written; the next backup has to bring all of it back.
+        subprocess.run(["fallocate", "--punch-hole", "--length", str(image.path.stat().st_size), image.path],
+                       check=True)
+        remount(directory, used_bytes(directory) + (8 << 20))
+        site.change()
+        backup = site.protection.run(full=True)
+        faults.note("disk of the target full", site.judge(backup))
+        assert backup.state == "failed", backup.log
+        assert backup.status["connection_error"] is True
+        assert "Failed to write the chunk! (-1 bytes written out of " in backup.log
+        assert backup.bytes("data") > 0
+        remount(directory, 2 << 30)
+        site.assert_recovered()
+
+
+def remount(directory, size):
+    subprocess.run(["mount", "-o", f"remount,size={size}", directory], check=True)
+
+
+def used_bytes(directory):
+    status = os.statvfs(directory)
+    return (status.f_blocks - status.f_bfree) * status.f_frsize
+
+
+
+def test_read_error_of_the_source(one_volume, faults):
+    """The copy of a block that can't be read fails the backup. A map of the blocks in use that can't be read
+    doesn't: then all blocks are copied. Either way nothing wrong is called finished."""
+    site, source = one_volume, seeded()
+    steps = site.steps_of_copy("read", SNAPSHOT)
+    states = []
+    for number in [steps[0], *source.sample(steps[1:-1], 4), steps[-1]]:
+        fault = f"error of read {number}"
+        print(fault)
+        site.change()
+        with Trace(site.daemon.pid, "read", "-e", f"inject=read:error=EIO:when={number}", paths=[SNAPSHOT]):
+            backup = site.protection.run()
+        states.append(site.judge(backup))
+        faults.note(fault, states[-1])
+        if states[-1] == "failed":
+            assert "Failed to read the chunk at offset " in backup.log
+            assert backup.status["connection_error"] is False
+        site.check_clean()
+    assert "failed" in states
+    site.assert_recovered()
+
+
+def test_snapshot_ends_too_early(one_volume, faults):
+    """The kernel itself refuses to read what isn't there any more."""
+    site = one_volume
+    number = site.steps_of_copy("read", SNAPSHOT, full=True)[0]
+    with site.held("read", number, paths=[SNAPSHOT], full=True) as (backup, hold):
+        capture = capture_of(site.protection.partitions["data"])
+        content = capture.read_bytes()
+        os.truncate(capture, 1 << 20)
+        hold.release()
+        backup.wait()
+        capture.write_bytes(content) # the damage was the test's, and not to the volume
+    faults.note("snapshot cut short", site.judge(backup))
+    assert backup.state == "failed", backup.log
+    assert "Failed to read the chunk at offset " in backup.log
+    site.assert_recovered()
