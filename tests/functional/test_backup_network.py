@@ -1,0 +1,129 @@
+"""Backups of the real daemon while the network between it and the target is cut: briefly, for good, or for
+one connection that somebody on the way has forgotten."""
+import contextlib
+import time
+
+import pytest
+
+from fault_site import DATA, FaultList, fault_site
+from lab.volumes import run
+
+SNAPSHOT = "/dev/tolvu0"
+READS = 5 # of the copy, before it is held
+PORT = 3260
+RETRYING = "Sleeping, reconnecting, and retrying."
+GIVEN_UP_SECONDS = 60 # by the connection, and by a command, that get no answer
+
+
+@pytest.fixture(scope="module")
+def faults():
+    made = FaultList(__name__)
+    yield made
+    made.write()
+
+
+@pytest.fixture
+def one_volume(agent, appliance):
+    with fault_site(appliance, agent, (DATA,)) as site:
+        yield site
+
+
+@contextlib.contextmanager
+def cut(port, verdict):
+    """What is sent to a port gets no further."""
+    run("nft", f"""add table inet cut
+        add chain inet cut out {{ type filter hook output priority 0; }}
+        add rule inet cut out tcp dport {port} {verdict}""")
+    try:
+        yield
+    finally:
+        run("nft", "delete table inet cut")
+
+
+def end_connections(direction, port):
+    """Both sides get to know, as if a router had sent resets."""
+    run("ss", "--kill", "--tcp", "state", "established", f"( {direction} = :{port} )")
+
+
+def own_port(daemon):
+    """Of the daemon's connection to the target."""
+    lines = run("ss", "--no-header", "--tcp", "--numeric", "--processes", "state", "established",
+                f"( dport = :{PORT} )").splitlines()
+    [line] = [line for line in lines if f"pid={daemon.pid}," in line]
+    return int(line.split()[2].rpartition(":")[2])
+
+
+@contextlib.contextmanager
+def in_copy(site, **kind):
+    """A backup that has copied a little."""
+    number = site.steps_of_copy("read", SNAPSHOT, **kind)[READS]
+    with site.held("read", number, paths=[SNAPSHOT], **kind) as held:
+        yield held
+
+
+def test_network_away_for_a_moment(one_volume, faults):
+    """Nothing but time is lost: what got lost is sent again."""
+    site = one_volume
+    for kind in ({"full": True}, {}, {"merge": True}):
+        with in_copy(site, **kind) as (backup, hold):
+            with cut(PORT, "drop"):
+                hold.release()
+                time.sleep(2) # this is how long the network is away
+                assert not backup.has_ended
+            backup.wait()
+        faults.note(f"network away for 2 s, {kind}", site.judge(backup))
+        assert backup.state == "finished", backup.log
+        assert RETRYING not in backup.log
+        site.check_clean()
+    site.assert_recovered()
+
+
+def test_network_refuses(one_volume, faults):
+    """The connection is reset, and no other one is let through: the backup fails when the retries are used
+    up."""
+    site = one_volume
+    with in_copy(site, full=True) as (backup, hold):
+        with cut(PORT, "reject with tcp reset"):
+            end_connections("dport", PORT)
+            hold.release()
+            backup.wait()
+        end_connections("sport", PORT)
+    faults.note("network refuses", site.judge(backup))
+    assert backup.state == "failed", backup.log
+    assert backup.status["connection_error"] is True
+    assert backup.log.count(RETRYING) == 5
+    site.assert_recovered()
+
+
+def test_network_resets_the_connection(one_volume, faults):
+    """One reset connection costs a second."""
+    site = one_volume
+    for kind in ({"full": True}, {}):
+        with in_copy(site, **kind) as (backup, hold):
+            end_connections("dport", PORT)
+            hold.release()
+            backup.wait()
+        faults.note(f"connection reset, {kind}", site.judge(backup))
+        assert backup.state == "finished", backup.log
+        assert backup.log.count(RETRYING) == 1
+        site.check_clean()
+    site.assert_recovered()
+
+
+def test_network_forgets_the_connection(one_volume, faults):
+    """Whoever gets no answer gives the connection up after a minute. A new one gets through."""
+    site = one_volume
+    with in_copy(site, full=True) as (backup, hold):
+        forgotten = own_port(site.daemon)
+        with cut(forgotten, "drop"):
+            begin = time.monotonic()
+            hold.release()
+            backup.wait_for_log(RETRYING, 2 * GIVEN_UP_SECONDS)
+            seconds = time.monotonic() - begin
+            backup.wait()
+        end_connections("dport", forgotten) # the target's end of it, which has nothing to send
+    faults.note(f"connection forgotten for {seconds:.0f} s", site.judge(backup))
+    assert backup.state == "finished", backup.log
+    assert GIVEN_UP_SECONDS - 1 < seconds < GIVEN_UP_SECONDS + 10
+    assert backup.log.count(RETRYING) == 1
+    site.assert_recovered()
