@@ -2,6 +2,7 @@
 import contextlib
 import dataclasses
 import datetime
+import json
 import os
 import pathlib
 import re
@@ -16,11 +17,15 @@ from lab.certificates import Authority, install
 from lab.daemon import BASE, Daemon, program
 from lab.images import attached
 from lab.site import Site
+from lab.snapshots import MOUNT_ROOT
 from lab.targets import Target
 from lab.volumes import Volume, run
 
 DEVICE = 4711
+# Left to itself, the kernel would fill tables of a new ext4 while it is measured.
+OPTIONS = {"ext4": "noinit_itable", "xfs": "defaults"}
 STORE = pathlib.Path("/var/lib/tolvubd")
+INFO = pathlib.Path("/run/tolvubd/info")
 SECONDS = 3600
 POLL_SECONDS = 1
 SNAPSHOT_SECONDS = 0.1
@@ -74,10 +79,11 @@ class Run:
 
 
 class Bed:
-    """A volume of one ext4 with a table of changes, an image for it, and a paired daemon. Big files lie below
-    `directory`, the image below `images`, as a hole if it isn't `poisoned`."""
+    """A volume, an image for it, and a paired daemon. Big files lie below `directory`, the image below
+    `images`, as a hole if it isn't `poisoned`."""
 
-    def __init__(self, directory, gibibytes, *, images=None, poisoned=True):
+    def __init__(self, directory, gibibytes, *, file_system="ext4", images=None, poisoned=True):
+        self._file_system = file_system
         self._directory = directory
         self._images = images
         self._bytes = gibibytes << 30
@@ -93,8 +99,8 @@ class Bed:
             self._make_volume(lasting)
             self.target = lasting.enter_context(Target(directory=self._images or self.place))
             self.image = self.target.add_image("image", self._bytes, poisoned=self._poisoned)
-            self._start_daemon(lasting)
             lasting.callback(self._drop_devices)
+            self._start_daemon(lasting)
             self._lasting = lasting.pop_all()
         return self
 
@@ -109,8 +115,8 @@ class Bed:
 
     def _make_volume(self, lasting):
         mebibytes = self._bytes >> 20
-        # Left to itself, the kernel would fill tables of the volume while it is measured.
-        data = Volume("data", "ext4", mebibytes, mount_point="/mnt/data", options="noinit_itable")
+        data = Volume("data", self._file_system, mebibytes, mount_point="/mnt/data",
+                      options=OPTIONS[self._file_system])
         site = lasting.enter_context(Site([data], token=f"copy{os.getpid()}", directory=self.place))
         # The image is a disk: through a second page cache, its holes would be read a tenth as fast.
         run("losetup", "--direct-io=on", site.disk.device)
@@ -130,9 +136,13 @@ class Bed:
         key = f"volumes.{self.partition.uuid}.cowFileSizeMiB"
         assert self._appliance.set_config({key: max(100, table)}).is_success
 
-    @staticmethod
-    def _drop_devices():
-        subprocess.run([program("tolvuctl"), "destroy", "0"], check=False, stderr=subprocess.DEVNULL)
+    def _drop_devices(self):
+        """Lets the driver forget the volume, also one whose backup has been killed."""
+        snapshot = MOUNT_ROOT / self.partition.uuid
+        if snapshot.is_mount():
+            subprocess.run(["umount", snapshot], check=True)
+        for device in json.loads(INFO.read_text(encoding="ascii"))["devices"]:
+            subprocess.run([program("tolvuctl"), "destroy", str(device["minor"])], check=True)
 
     def settle(self):
         """Lets nothing that came before be still on its way to the disk."""

@@ -127,9 +127,10 @@ def race_peers(bed, report):
 
 
 def race_memory(directory, report):
-    """The daemon's memory for a volume of 2 TiB, next to nothing of it used."""
-    report.title(f"Memory for a volume of {HUGE_GIBIBYTES} GiB, sparse")
-    with Bed(directory, HUGE_GIBIBYTES, poisoned=False) as bed:
+    """The daemon's memory for a volume of 2 TiB, next to nothing of it used. It is an XFS: an ext4 of more
+    than 1.25 TiB is copied whole."""
+    report.title(f"Memory for an XFS of {HUGE_GIBIBYTES} GiB, sparse")
+    with Bed(directory, HUGE_GIBIBYTES, file_system="xfs", poisoned=False) as bed:
         files.fill(bed.root, 256 * MEBIBYTE)
         backup = bed.backup(full=True)
         report.line("", f"{backup.whole:.0f} s", f"{backup.bytes / MEBIBYTE:.0f} MiB",
