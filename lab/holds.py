@@ -13,13 +13,13 @@ Calls are counted for each thread, from the moment on at which it is watched.
 """
 import collections
 import pathlib
-import signal
 import subprocess
 import tempfile
 
 from lab.services import wait_until
 
 SECONDS = 60
+END_SECONDS = 20
 FOREVER = 600_000_000 # microseconds
 
 
@@ -53,8 +53,18 @@ class Trace:
         return found
 
     def end(self):
-        """Lets all threads go where they are."""
-        self._tracer.send_signal(signal.SIGKILL)
+        """Lets all threads go where they are. strace has to do that itself: a signal on its way to the
+        program would be lost with it."""
+        self._tracer.terminate()
+        try:
+            self._tracer.wait(END_SECONDS)
+        except subprocess.TimeoutExpired:
+            self.give_up()
+            raise
+
+    def give_up(self):
+        """For a program that has been killed: it is not gone as long as it is watched."""
+        self._tracer.kill()
         self._tracer.wait()
 
     def __enter__(self):

@@ -1,0 +1,132 @@
+"""The daemon is killed, or told to stop, at each boundary of a backup; the next one's images are right."""
+import signal
+import subprocess
+
+import pytest
+
+from fault_site import DATA, FaultList, fault_site, log_file
+from lab.volumes import Volume
+
+# The thread is held before it has logged the line: what comes before is done, what follows isn't begun.
+BOUNDARIES = (
+    "Beginning execution of the Start Snapshotting phase.",
+    "Snapshot session successfully validated",
+    "Mounted /dev/tolvu0 ",
+    "Finished execution of the Start Snapshotting phase.",
+    "Beginning execution of the Open Volume I/O phase.",
+    "Beginning execution of the Copy Chunk Ranges phase.",
+    "Finished execution of the Copy Chunk Ranges phase.",
+    "Finished copying volume ",
+    "Beginning execution of the Close Backup Session phase.",
+    "Finished execution of the Close Backup Session phase.",
+    "Closing backup session, finalizing remote targets...",
+    "Beginning execution of the Transition To Incremental phase.",
+    "Unmounted  ",
+    "calling transition_incremental for device: ",
+    "Finished execution of the Transition To Incremental phase.",
+    "Backup run finished",
+)
+OWN_LINES = 12 # a request to start a backup logs fewer, on a thread of its own
+SNAPSHOT = "/dev/tolvu0"
+SECONDS = 60
+KINDS = ({"full": True}, {}, {"merge": True})
+
+# A killed backup may leave two CoW files, and the next one begins only where there is room for a third.
+TIGHT = DATA
+ROOMY = Volume("data", "ext4", mebibytes=480, mount_point="/mnt/data")
+XFS = Volume("files", "xfs", mebibytes=480, mount_point="/mnt/files")
+
+
+@pytest.fixture(scope="module")
+def faults():
+    made = FaultList(__name__)
+    yield made
+    made.write()
+
+
+@pytest.fixture
+def make_site(agent, appliance):
+    return lambda volume: fault_site(appliance, agent, (volume,))
+
+
+def boundaries(site):
+    """(text, number) of the lines that the thread of a backup logs."""
+    lines = [line for line in site.rehearse("write") if str(log_file()) in line]
+    found = [(text, next(at for at, line in enumerate(lines, 1) if text in line)) for text in BOUNDARIES]
+    assert found[0][1] > OWN_LINES
+    return found
+
+
+def kill(site, hold):
+    site.daemon.send(signal.SIGKILL)
+    hold.give_up()
+    assert site.daemon.wait() == -signal.SIGKILL
+
+
+def check_restart(site, foreground, faults, where):
+    """At most one backup fails for what the killed one has left."""
+    state = site.restart_after_kill(foreground())
+    faults.note(f"kill -9 {where}; the next backup", state)
+    if state == "finished":
+        site.check_clean()
+    else:
+        site.assert_recovered()
+
+
+@pytest.mark.parametrize(("volume", "step"), [(XFS, 1), (TIGHT, 3)], ids=["xfs", "ext4"])
+def test_kill_at_boundaries(make_site, foreground, faults, volume, step):
+    with make_site(volume) as site:
+        for text, number in boundaries(site)[::step]:
+            with site.held("write", number, paths=[log_file()]) as (backup, hold):
+                assert text not in backup.log
+                kill(site, hold)
+            check_restart(site, foreground, faults, f"on {volume.file_system} before {text!r}")
+
+
+def test_kill_in_the_copy(make_site, foreground, faults):
+    with make_site(ROOMY) as site:
+        for kind in KINDS:
+            steps = site.steps_of_copy("read", SNAPSHOT, **kind)
+            with site.held("read", steps[len(steps) // 2], paths=[SNAPSHOT], **kind) as (backup, hold):
+                assert "Finished execution of the Copy Chunk Ranges phase." not in backup.log
+                kill(site, hold)
+            check_restart(site, foreground, faults, f"in the copy, {kind}")
+
+
+def frozen_writer(mount_point):
+    """A process that writes, and can't."""
+    for _ in range(SECONDS):
+        writer = subprocess.Popen(["dd", "if=/dev/zero", f"of={mount_point}/probe", "bs=1", "count=1",
+                                   "status=none"])
+        try:
+            writer.wait(1)
+        except subprocess.TimeoutExpired:
+            return writer
+    raise AssertionError("never frozen")
+
+
+def test_kill_while_frozen(make_site, foreground, faults):
+    """The file system is thawed by the one that watches over that, though nobody asks for it any more."""
+    with make_site(XFS) as site:
+        mount_point = site.site.mount_point("files")
+        with site.held("ioctl", 1, paths=[mount_point], behind=True) as (_, hold):
+            writer = frozen_writer(mount_point)
+            kill(site, hold)
+            assert writer.wait(1) == 0
+            check_restart(site, foreground, faults, "while the file system is frozen")
+
+
+def test_stop_at_boundaries(make_site, foreground, faults):
+    """The daemon ends in order, once the backup has wound down."""
+    with make_site(ROOMY) as site:
+        for text, number in boundaries(site)[::4]:
+            with site.held("write", number, paths=[log_file()]) as (backup, hold):
+                site.daemon.send(signal.SIGTERM)
+                site.daemon.wait_for_output("Stopping services")
+                hold.release()
+                assert site.daemon.wait() == 0
+            assert "Beginning execution of the Transition To Incremental phase." in backup.log
+            faults.note(f"SIGTERM before {text!r}", "stopped")
+            site.check_clean()
+            site.daemon = foreground()
+            site.assert_recovered()
