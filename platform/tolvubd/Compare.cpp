@@ -64,23 +64,29 @@ private:
 };
 
 /// The last unit may be shorter than the others.
-std::uint64_t markChanged(std::span<const std::byte> before, std::span<const std::byte> after,
-                          std::span<std::uint64_t> words) {
-    std::uint64_t changed = 0;
+void markDiffering(std::span<const std::byte> before, std::span<const std::byte> after,
+                   std::span<std::uint64_t> words) {
     for (std::size_t unit = 0; unit < words.size(); ++unit) {
         const std::size_t offset = unit * cow::unitSize;
         const std::size_t length = std::min<std::size_t>(cow::unitSize, before.size() - offset);
         const bool differs = std::memcmp(before.data() + offset, after.data() + offset, length) != 0;
         words[unit] = differs ? 1 : 0;
-        changed += words[unit];
     }
-    return changed;
+}
+
+/// Returns how many units are marked now.
+std::uint64_t markFresh(const std::vector<bool>& fresh, std::uint64_t firstUnit,
+                        std::span<std::uint64_t> words) {
+    for (std::size_t unit = 0; unit < words.size(); ++unit) {
+        words[unit] |= fresh[firstUnit + unit] ? 1U : 0U;
+    }
+    return static_cast<std::uint64_t>(std::ranges::count(words, 1U));
 }
 
 } // namespace
 
 std::uint64_t compareCaptures(const std::string& before, const std::string& after, std::uint64_t size,
-                              const TableWriter& write) {
+                              const std::vector<bool>& fresh, const TableWriter& write) {
     Image old(before, size);
     Image current(after, size);
     std::vector<std::uint64_t> words(unitsAtOnce);
@@ -91,8 +97,9 @@ std::uint64_t compareCaptures(const std::string& before, const std::string& afte
         if (old.isHole(offset, length) && current.isHole(offset, length)) {
             std::ranges::fill(piece, 0);
         } else {
-            changed += markChanged(old.read(offset, length), current.read(offset, length), piece);
+            markDiffering(old.read(offset, length), current.read(offset, length), piece);
         }
+        changed += markFresh(fresh, offset / cow::unitSize, piece);
         write(offset / cow::unitSize, piece);
     }
     return changed;

@@ -5,6 +5,7 @@
 #include "CowFile.h"
 #include "Failure.h"
 #include "FreezeGuard.h"
+#include "FreshUnits.h"
 #include "Layout.h"
 #include "Recovery.h"
 #include "SnapshotNode.h"
@@ -94,6 +95,15 @@ std::vector<Unfinished> removalOfCowFile(const Device& device) {
         }
         return {};
     }
+}
+
+/// Writes what has changed from one capture to the next into the CoW file that was current between.
+void record(const Moment& before, const Moment& after, const std::string& closed, std::uint64_t size,
+            CowTable& changes) {
+    const std::vector<bool> fresh = findFreshUnits(before, after, extentsOf(closed), size);
+    changes.finish(compareCaptures(
+        before.capture, after.capture, size, fresh,
+        [&](std::uint64_t unit, std::span<const std::uint64_t> words) { changes.write(unit, words); }));
 }
 
 /// What was begun for the device is there now.
@@ -208,11 +218,12 @@ void Driver::begin(const Device& device, const PathOnVolume& cow) {
 }
 
 void Driver::takeSnapshot(const Volume& volume, const PathOnVolume& cow, std::uint64_t cowSize,
-                          const std::string& snapshot) {
+                          Device& device) {
     using std::chrono::milliseconds;
     using std::chrono::steady_clock;
-    makeCowFile(cow.path(), snapshot, cowSize);
-    Capture capture(layout::capture(snapshot), volume.path, volume.size);
+    makeCowFile(cow.path(), device.snapshot, cowSize);
+    device.own = extentsOfOwnFiles(cow.mountPoint);
+    Capture capture(layout::capture(device.snapshot), volume.path, volume.size);
     const auto begin = steady_clock::now();
     FreezeGuard frozen(cow.mountPoint);
     capture.copy([&] { frozen.reportProgress(); });
@@ -231,10 +242,10 @@ void Driver::setupSnapshot(std::uint32_t minor, const std::string& blockDevice, 
     const PathOnVolume cow = locate(volume, cowPath);
     const std::uint64_t cowSize = cowBytes(cowMebibytes, volume);
     requireRoom(volume, cow, cowSize);
-    const Device device{minor, Mode::snapshot, blockDevice, cow.relative, makeUuid(), volume.size, cacheSize};
+    Device device{minor, Mode::snapshot, blockDevice, cow.relative, makeUuid(), volume.size, cacheSize, {}};
     undoneOnFailure([&] {
         begin(device, cow);
-        takeSnapshot(volume, cow, cowSize, device.snapshot);
+        takeSnapshot(volume, cow, cowSize, device);
         showCapture(layout::capture(device.snapshot), volume.sectorSize, minor);
         Table next = table;
         next.devices.push_back(device);
@@ -255,17 +266,17 @@ void Driver::transitionSnapshot(std::uint32_t minor, const std::string& cowPath,
     }
     const std::uint64_t cowSize = cowBytes(cowMebibytes, volume);
     requireRoom(volume, cow, cowSize);
-    CowTable changes(findCowFile(volume, before.cowFile), before.snapshot, volume.size);
+    const std::string closed = findCowFile(volume, before.cowFile);
+    CowTable changes(closed, before.snapshot, volume.size);
     Device after = before;
     after.mode = Mode::snapshot;
     after.cowFile = cow.relative;
     after.snapshot = makeUuid();
     undoneOnFailure([&] {
         begin(after, cow);
-        takeSnapshot(volume, cow, cowSize, after.snapshot);
-        changes.finish(compareCaptures(
-            layout::capture(before.snapshot), layout::capture(after.snapshot), volume.size,
-            [&](std::uint64_t unit, std::span<const std::uint64_t> words) { changes.write(unit, words); }));
+        takeSnapshot(volume, cow, cowSize, after);
+        record({layout::capture(before.snapshot), before.own}, {layout::capture(after.snapshot), after.own},
+               closed, volume.size, changes);
         showCapture(layout::capture(after.snapshot), volume.sectorSize, minor);
         replace(after);
     });
@@ -291,7 +302,7 @@ void Driver::reload(Mode mode, std::uint32_t minor, const std::string& blockDevi
         fail(ENOENT, "a capture that belongs to " + cowFile + " on " + volume.path);
     }
     requireSameSize(*found, volume);
-    const Device device{minor, mode, blockDevice, cowFile, snapshot, volume.size, cacheSize};
+    const Device device{minor, mode, blockDevice, cowFile, snapshot, volume.size, cacheSize, found->own};
     undoneOnFailure([&] {
         if (mode == Mode::snapshot) {
             detachCapture(layout::capture(snapshot));

@@ -40,8 +40,7 @@ private:
     void requireFree(std::uint32_t minor) const;
     void requireUntracked(const Volume& volume) const;
     void begin(const Device& device, const PathOnVolume& cow);
-    void takeSnapshot(const Volume& volume, const PathOnVolume& cow, std::uint64_t cowSize,
-                      const std::string& snapshot);
+    void takeSnapshot(const Volume& volume, const PathOnVolume& cow, std::uint64_t cowSize, Device& device);
 
     StateStore store;
     Table table;

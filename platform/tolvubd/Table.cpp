@@ -16,7 +16,8 @@ namespace {
 
 using nlohmann::json;
 
-constexpr int format = 1;
+constexpr int format = 2;
+constexpr std::uint64_t largestFile = std::numeric_limits<std::int64_t>::max();
 
 void require(bool condition, const char* what) {
     if (!condition) {
@@ -42,11 +43,33 @@ std::string absolutePath(const json& object, const char* key) {
     return text;
 }
 
-/// The table's own text has a list of objects in an object.
+/// The table's own text has lists of numbers in a list of objects in an object.
 bool requireShallow(int depth, json::parse_event_t /*event*/, json& /*parsed*/) {
-    constexpr int deepest = 3;
+    constexpr int deepest = 4;
     require(depth <= deepest, "too deep");
     return true;
+}
+
+/// Offsets and lengths by turns.
+json fromExtents(const std::vector<Extent>& extents) {
+    json numbers = json::array();
+    for (const Extent& extent : extents) {
+        numbers.push_back(extent.offset);
+        numbers.push_back(extent.length);
+    }
+    return numbers;
+}
+
+std::vector<Extent> toExtents(const json& numbers) {
+    require(numbers.is_array() && numbers.size() % 2 == 0, "extents");
+    std::vector<Extent> extents;
+    for (std::size_t index = 0; index < numbers.size(); index += 2) {
+        require(numbers[index].is_number_unsigned() && numbers[index + 1].is_number_unsigned(), "an extent");
+        const Extent extent{numbers[index].get<std::uint64_t>(), numbers[index + 1].get<std::uint64_t>()};
+        require(extent.offset <= largestFile && extent.length <= largestFile, "an extent");
+        extents.push_back(extent);
+    }
+    return extents;
 }
 
 json fromDevice(const Device& device) {
@@ -56,12 +79,12 @@ json fromDevice(const Device& device) {
             {"cow_file", device.cowFile},
             {"snapshot", device.snapshot},
             {"size", device.size},
-            {"cache_size", device.cacheSize}};
+            {"cache_size", device.cacheSize},
+            {"own", fromExtents(device.own)}};
 }
 
 Device toDevice(const json& object) {
     constexpr std::uint64_t any = std::numeric_limits<std::uint64_t>::max();
-    constexpr std::uint64_t longestFile = std::numeric_limits<std::int64_t>::max();
     Device device;
     device.minor = static_cast<std::uint32_t>(number(object, "minor", highestMinor));
     device.mode = static_cast<Mode>(number(object, "state", static_cast<std::uint64_t>(Mode::snapshot)));
@@ -69,8 +92,9 @@ Device toDevice(const json& object) {
     device.blockDevice = absolutePath(object, "block_device");
     device.cowFile = absolutePath(object, "cow_file");
     device.snapshot = uuid(object, "snapshot");
-    device.size = number(object, "size", longestFile);
+    device.size = number(object, "size", largestFile);
     device.cacheSize = number(object, "cache_size", any);
+    device.own = toExtents(object.at("own"));
     return device;
 }
 

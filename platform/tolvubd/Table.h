@@ -1,5 +1,7 @@
 #pragma once
 
+#include "Extents.h"
+
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -17,6 +19,7 @@ struct Device {
     std::string snapshot;    ///< UUID of the capture; it also stands in the CoW file's header
     std::uint64_t size = 0;  ///< of the block device, in bytes
     std::uint64_t cacheSize = 0;
+    std::vector<Extent> own; ///< where the files lay in the capture that nobody copies
 
     bool operator==(const Device&) const = default;
 };

@@ -1,4 +1,5 @@
 """Snapshots of real file systems, taken and ended as a backup does, with the driver's stand-in."""
+import itertools
 import os
 import pathlib
 import random
@@ -8,11 +9,12 @@ import subprocess
 
 import pytest
 
+from change_records import UNIT, differing_units, marked_units
 from lab.daemon import BASE, program
 from lab.images import tree_hashes
 from lab.snapshots import MOUNT_ROOT, SessionError
-from snapshot_site import (COW_MIB, DRIVER_RUNTIME, DRIVER_STORE, EXT4, UNIT, SnapshotSite,
-                           differing_units, read_device, read_record)
+from snapshot_site import (COW_MIB, DRIVER_RUNTIME, DRIVER_STORE, EXT4, SnapshotSite, keep,
+                           read_device, read_record)
 
 MIB = 1 << 20
 BOTH = ("data", "files")
@@ -103,12 +105,12 @@ def test_snapshot_stands_still(lab_site):
     lab_site.check_clean()
 
 
-def test_record_marks_exactly_what_differs(lab_site):
-    """The closed CoW file of an incremental marks the units in which the two captures differ, no other."""
-    captures = {}
+def test_record_marks_exactly_what_has_changed(lab_site, tmp_path):
+    """The closed CoW file of an incremental marks the units in which the two captures differ, and those that
+    have come into use, no other."""
     with lab_site.session(incremental=False) as session:
         facts = session.start()
-        captures = {name: read_device(facts[name]["snapshotPath"]) for name in BOTH}
+        captures = {name: keep(facts[name], tmp_path / name) for name in BOTH}
         session.end("success")
     for name in BOTH:
         fill_tree(lab_site.mount_point(name), seed=3)
@@ -118,10 +120,10 @@ def test_record_marks_exactly_what_differs(lab_site):
             assert facts[name]["incrementalPreserved"] is True
             assert facts[name]["fileName"] == str(lab_site.mount_point(name) / ".tolvu")
             assert facts[name]["bitmapOffset"] == UNIT
-            changed = differing_units(captures[name], read_device(facts[name]["snapshotPath"]))
-            marked, count = read_record(facts[name]["fileName"], len(captures[name]) // UNIT)
-            assert marked == changed
-            assert count == len(changed) > 100
+            after = keep(facts[name], tmp_path / f"{name} after")
+            marked, count = read_record(facts[name]["fileName"], after.stat().st_size // UNIT)
+            assert marked == marked_units(captures[name], after, lab_site[name].volume.file_system, ".tolvu")
+            assert count == len(marked) > len(set(differing_units(captures[name], after))) > 100
             assert facts[name]["unchangedBlocks"] == facts[name]["bitmapEntries"] - count
         ended = session.end("success")
     for name in BOTH:
@@ -130,21 +132,22 @@ def test_record_marks_exactly_what_differs(lab_site):
     lab_site.check_clean()
 
 
-def test_failed_backup_is_made_good_by_the_next(small_site):
+def test_failed_backup_is_made_good_by_the_next(small_site, tmp_path):
     """What a failed session has not delivered comes back in the next one, and once that has succeeded, no
     more."""
     captures, marked, counts = [], [], []
     for outcome in ("success", "failure", "failure", "success", "success"):
         with small_site.session(incremental=bool(captures)) as session:
             facts = session.start()["data"]
-            captures.append(read_device(facts["snapshotPath"]))
-            marks, count = read_record(facts["fileName"], len(captures[0]) // UNIT)
+            captures.append(keep(facts, tmp_path / f"capture {len(captures)}"))
+            marks, count = read_record(facts["fileName"], captures[0].stat().st_size // UNIT)
             marked.append(marks)
             counts.append(count)
             assert facts["incrementalPreserved"] is (len(captures) > 1)
             session.end(outcome)
         fill_tree(small_site.mount_point("data"), seed=10 + len(captures))
-    steps = [differing_units(one, other) for one, other in zip(captures, captures[1:])]
+    steps = [marked_units(one, other, "ext4", closed)
+             for one, other, closed in zip(captures, captures[1:], itertools.cycle((".tolvu", ".tolvu1")))]
     assert marked[1] == steps[0]
     assert marked[2] == steps[0] | steps[1]
     assert marked[3] == steps[0] | steps[1] | steps[2]
@@ -168,12 +171,12 @@ def test_failed_first_backup_leaves_no_device(small_site):
     assert small_site.states() == [2]
 
 
-def test_tracking_outlives_a_restart(lab_site):
+def test_tracking_outlives_a_restart(lab_site, tmp_path):
     """After a restart of the machine the reload scripts give tracking back, and the next session knows what
     has changed meanwhile."""
     with lab_site.session(incremental=False) as session:
         facts = session.start()
-        captures = {name: read_device(facts[name]["snapshotPath"]) for name in BOTH}
+        captures = {name: keep(facts[name], tmp_path / name) for name in BOTH}
         session.end("success")
     scripts = sorted(BASE.glob("reload_*"))
     assert [path.name for path in scripts] == ["reload_0", "reload_1"]
@@ -189,9 +192,9 @@ def test_tracking_outlives_a_restart(lab_site):
         facts = session.start()
         for name in BOTH:
             assert facts[name]["incrementalPreserved"] is True
-            changed = differing_units(captures[name], read_device(facts[name]["snapshotPath"]))
-            marked, _ = read_record(facts[name]["fileName"], len(captures[name]) // UNIT)
-            assert marked == changed
+            after = keep(facts[name], tmp_path / f"{name} after")
+            marked, _ = read_record(facts[name]["fileName"], after.stat().st_size // UNIT)
+            assert marked == marked_units(captures[name], after, lab_site[name].volume.file_system, ".tolvu")
         session.end("success")
     lab_site.check_clean()
 

@@ -199,12 +199,3 @@ class Cow:
     @property
     def changed_units(self):
         return [unit for unit, word in enumerate(self.table) if word]
-
-
-def differing_units(before, after):
-    piece = 256 * UNIT
-    return [offset // UNIT
-            for start in range(0, len(before), piece)
-            if before[start:start + piece] != after[start:start + piece]
-            for offset in range(start, min(start + piece, len(before)), UNIT)
-            if before[offset:offset + UNIT] != after[offset:offset + UNIT]]

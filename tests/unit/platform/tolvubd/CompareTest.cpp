@@ -57,14 +57,19 @@ protected:
     TestImage& before() { return first; }
     TestImage& after() { return second; }
 
+    std::vector<bool>& fresh() { return freshUnits; }
+
     void expectNaiveResult() {
         Words words;
         const std::uint64_t changed =
-            compareCaptures(first.path, second.path, GetParam(), [&](auto unit, auto part) {
+            compareCaptures(first.path, second.path, GetParam(), freshUnits, [&](auto unit, auto part) {
                 EXPECT_EQ(unit, words.size()) << "a gap in the table";
                 words.insert(words.end(), part.begin(), part.end());
             });
-        EXPECT_EQ(words, naiveComparison(first, second));
+        Words expected = naiveComparison(first, second);
+        std::ranges::transform(expected, freshUnits, expected.begin(),
+                               [](std::uint64_t word, bool isFresh) { return isFresh ? 1U : word; });
+        EXPECT_EQ(words, expected);
         EXPECT_EQ(changed, static_cast<std::uint64_t>(std::ranges::count(words, 1U)));
     }
 
@@ -72,6 +77,7 @@ private:
     agent::test::TestDirectory directory;
     TestImage first{(directory / "before").str(), GetParam()};
     TestImage second{(directory / "after").str(), GetParam()};
+    std::vector<bool> freshUnits = std::vector<bool>(cow::unitsOf(GetParam()));
 };
 
 TEST_P(Compare, FindsNothingInHoles) {
@@ -107,6 +113,14 @@ TEST_P(Compare, AgreesWithTheNaiveWayOnRandomChanges) {
     expectNaiveResult();
 }
 
+TEST_P(Compare, MarksWhatIsFreshWhereverItIs) {
+    before().write(0, "x");
+    fresh().front() = true;
+    fresh()[fresh().size() / 2] = true;
+    fresh().back() = true;
+    expectNaiveResult();
+}
+
 INSTANTIATE_TEST_SUITE_P(Sizes, Compare,
                          ::testing::Values(512, cow::unitSize, cow::unitSize + 512, piece, piece + 512,
                                            3 * piece + cow::unitSize - 512));
@@ -117,7 +131,7 @@ TEST(CompareSizes, RefusesAnImageOfAnotherSize) {
     const TestImage large((directory / "large").str(), 2 * cow::unitSize);
     const TableWriter ignore = [](auto, auto) {};
     const auto compare = [&](const TestImage& one, const TestImage& other) {
-        return test::errorOf([&] { compareCaptures(one.path, other.path, cow::unitSize, ignore); });
+        return test::errorOf([&] { compareCaptures(one.path, other.path, cow::unitSize, {false}, ignore); });
     };
     EXPECT_EQ(compare(small, small), 0);
     EXPECT_EQ(compare(small, large), ESTALE);

@@ -26,7 +26,7 @@ protected:
     static Table tableWith(const std::string& blockDevice) {
         Table table;
         table.session = makeUuid();
-        table.devices = {{0, Mode::tracking, blockDevice, "/.tolvu", makeUuid(), 4096, 0}};
+        table.devices = {{0, Mode::tracking, blockDevice, "/.tolvu", makeUuid(), 4096, 0, {}}};
         return table;
     }
 

@@ -17,9 +17,10 @@ constexpr const char* otherSnapshot = "66666666-7777-8888-9999-aaaaaaaaaaaa";
 Table fullTable() {
     Table table;
     table.session = session;
-    table.devices = {{255, Mode::snapshot, "/dev/sda1", "/.tolvu", snapshot, 4096, 300},
-                     {0, Mode::tracking, "/dev/disk/by-uuid/x", "/.tolvu1", otherSnapshot, 1, 0}};
-    table.asleep = {{0, Mode::tracking, "/dev/sdb1", "/.tolvu", snapshot, 4096, 0}};
+    table.devices = {
+        {255, Mode::snapshot, "/dev/sda1", "/.tolvu", snapshot, 4096, 300, {{0, 4096}, {12288, 8192}}},
+        {0, Mode::tracking, "/dev/disk/by-uuid/x", "/.tolvu1", otherSnapshot, 1, 0, {}}};
+    table.asleep = {{0, Mode::tracking, "/dev/sdb1", "/.tolvu", snapshot, 4096, 0, {{4096, 1}}}};
     table.unfinished = {{snapshot, "/mnt/a b/.tolvu", "/mnt/a b"}, {otherSnapshot, "/.tolvu", {}}};
     return table;
 }
@@ -76,8 +77,8 @@ TEST(Table, StandsFlippedBits) {
 
 TEST(Table, RefusesWhatItNeverWrites) {
     const std::vector<std::pair<std::string, std::string>> changes = {
-        {"\"format\": 1", "\"format\": 2"},
-        {"\"format\": 1", "\"format\": \"1\""},
+        {"\"format\": 2", "\"format\": 1"},
+        {"\"format\": 2", "\"format\": \"2\""},
         {"\"minor\": 255", "\"minor\": 256"},
         {"\"minor\": 255", "\"minor\": -1"},
         {"\"minor\": 255", "\"minor\": 1.5"},
@@ -92,6 +93,11 @@ TEST(Table, RefusesWhatItNeverWrites) {
         {"\"block_device\": \"/dev/sda1\"", "\"block_device\": \"\""},
         {"\"block_device\": \"/dev/sda1\"", "\"block_device\": [\"/dev/sda1\"]"},
         {"\"block_device\": \"/dev/sda1\"", "\"block_device\": \"/dev/sda1\\u0000x\""},
+        {"12288", "-1"},
+        {"12288", "1.5"},
+        {"12288", "\"1\""},
+        {"12288", "9223372036854775808"},
+        {"12288", "1, 2"},
         {snapshot, "../../../../../../../etc/passwd00000"},
         {session, "x"},
     };
@@ -123,7 +129,7 @@ TEST(Table, RefusesDeepAndForeignDocuments) {
         EXPECT_TRUE(isRefused(text)) << text;
     }
     EXPECT_TRUE(isRefused(std::string(1'000'000, '[')));
-    EXPECT_TRUE(isRefused(withReplaced("\"format\": 1", "\"format\": 1, \"x\": [[[[]]]]")));
+    EXPECT_TRUE(isRefused(withReplaced("\"format\": 2", "\"format\": 2, \"x\": [[[[[]]]]]")));
 }
 
 TEST(Table, CannotKeepAPathThatIsNotUtf8) {

@@ -1,0 +1,52 @@
+#include "FreshUnits.h"
+
+#include "CowFile.h"
+#include "Descriptor.h"
+#include "SpaceMap.h"
+
+#include <algorithm>
+#include <fcntl.h>
+#include <optional>
+
+namespace tolvubd {
+
+namespace {
+
+/// Sets the flags of all pieces that an extent touches.
+void set(std::vector<bool>& flags, const std::vector<Extent>& extents, std::uint64_t pieceSize, bool value) {
+    for (const Extent& extent : extents) {
+        const std::uint64_t end =
+            std::min<std::uint64_t>(flags.size(), (extent.end() + pieceSize - 1) / pieceSize);
+        for (std::uint64_t piece = extent.offset / pieceSize; piece < end; ++piece) {
+            flags[piece] = value;
+        }
+    }
+}
+
+std::optional<SpaceMap> readMap(const Moment& moment, std::uint64_t size) {
+    return readSpaceMap(openFile(moment.capture, O_RDONLY), size);
+}
+
+} // namespace
+
+std::vector<bool> findFreshUnits(const Moment& before, const Moment& after, const std::vector<Extent>& closed,
+                                 std::uint64_t size) {
+    std::optional<SpaceMap> then = readMap(before, size);
+    std::optional<SpaceMap> now = readMap(after, size);
+    if (!then || !now || then->blockSize != now->blockSize || then->used.size() != now->used.size()) {
+        return std::vector<bool>(cow::unitsOf(size), true);
+    }
+    set(then->used, before.own, then->blockSize, false);
+    set(now->used, closed, now->blockSize, false);
+    std::vector<bool> fresh(cow::unitsOf(size));
+    set(fresh, after.own, cow::unitSize, true);
+    set(fresh, closed, cow::unitSize, false);
+    for (std::uint64_t block = 0; block < now->used.size(); ++block) {
+        if (now->used[block] && !then->used[block]) {
+            set(fresh, {{block * now->blockSize, now->blockSize}}, cow::unitSize, true);
+        }
+    }
+    return fresh;
+}
+
+} // namespace tolvubd

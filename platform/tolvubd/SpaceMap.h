@@ -1,0 +1,25 @@
+#pragma once
+
+#include "Descriptor.h"
+
+#include <cstdint>
+#include <optional>
+#include <vector>
+
+namespace tolvubd {
+
+/// Which blocks of a captured volume its file system says are in use.
+struct SpaceMap {
+    std::uint64_t blockSize = 0;
+    std::vector<bool> used;
+};
+
+/// Reads the map of free space of an ext2, ext3, ext4 or XFS file system that is clean or frozen. None when
+/// it is another one, or laid out in a way that isn't understood: then every block may be in use, and every
+/// block may be free.
+std::optional<SpaceMap> readSpaceMap(const Descriptor& image, std::uint64_t size);
+
+std::optional<SpaceMap> readExtSpace(const Descriptor& image, std::uint64_t size);
+std::optional<SpaceMap> readXfsSpace(const Descriptor& image, std::uint64_t size);
+
+} // namespace tolvubd

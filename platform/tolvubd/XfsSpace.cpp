@@ -1,0 +1,177 @@
+#include "Fields.h"
+#include "SpaceMap.h"
+
+#include <algorithm>
+#include <bit>
+
+namespace tolvubd {
+
+namespace {
+
+constexpr std::size_t superBlockSize = 512;
+constexpr std::uint64_t superMagic = 0x58465342;       // "XFSB"
+constexpr std::uint64_t agfMagic = 0x58414746;         // "XAGF"
+constexpr std::uint64_t plainMagic = 0x41425442;       // "ABTB"
+constexpr std::uint64_t checksummedMagic = 0x41423342; // "AB3B"
+constexpr std::uint64_t noBlock = 0xFFFFFFFF;
+constexpr std::size_t pairSize = 8;
+constexpr std::size_t pointerSize = 4;
+
+struct Geometry {
+    std::uint64_t blockSize = 0;
+    std::uint64_t blocks = 0;
+    std::uint64_t groupBlocks = 0;
+    std::uint64_t groups = 0;
+    std::uint64_t sectorSize = 0;
+    bool hasChecksums = false;
+
+    [[nodiscard]] std::uint64_t nodeMagic() const { return hasChecksums ? checksummedMagic : plainMagic; }
+    [[nodiscard]] std::size_t nodeHeader() const { return hasChecksums ? 56 : 16; }
+};
+
+bool isSound(const Geometry& geometry, std::uint64_t size) {
+    constexpr std::uint64_t smallest = 512;
+    constexpr std::uint64_t largest = 65536;
+    return std::has_single_bit(geometry.blockSize) && geometry.blockSize >= smallest &&
+           geometry.blockSize <= largest && std::has_single_bit(geometry.sectorSize) &&
+           geometry.sectorSize >= smallest && geometry.sectorSize <= geometry.blockSize &&
+           geometry.blocks <= size / geometry.blockSize && geometry.groupBlocks > 0 && geometry.groups > 0 &&
+           (geometry.groups - 1) * geometry.groupBlocks < geometry.blocks &&
+           geometry.blocks <= geometry.groups * geometry.groupBlocks;
+}
+
+std::optional<Geometry> readGeometry(const Descriptor& image, std::uint64_t size) {
+    const Fields super(image, 0, superBlockSize);
+    if (!super || super.big(0, 4) != superMagic) {
+        return std::nullopt;
+    }
+    constexpr std::uint64_t versionBits = 0xF;
+    constexpr std::uint64_t withChecksums = 5;
+    const Geometry geometry{super.big(4, 4),   super.big(8, 8),
+                            super.big(84, 4),  super.big(88, 4),
+                            super.big(102, 2), (super.big(100, 2) & versionBits) == withChecksums};
+    return isSound(geometry, size) ? std::optional(geometry) : std::nullopt;
+}
+
+/// One allocation group. What is free in it stands in a tree of extents, in the order of their places, and in
+/// a list of blocks that the trees themselves grow into.
+class Group {
+public:
+    Group(const Descriptor& image, const Geometry& geometry, std::uint64_t number)
+        : image(image),
+          geometry(geometry),
+          first(number * geometry.groupBlocks),
+          blocks(std::min(geometry.groupBlocks, geometry.blocks - first)) {}
+
+    /// Takes what is free out of the map. False when it isn't known.
+    bool clearFree(std::vector<bool>& used) const {
+        const Fields header = sector(1);
+        return header && header.big(0, 4) == agfMagic &&
+               clearTree(header.big(16, 4), header.big(28, 4), used) && clearList(header, used);
+    }
+
+private:
+    [[nodiscard]] Fields sector(std::uint64_t number) const {
+        return {image, first * geometry.blockSize + number * geometry.sectorSize, geometry.sectorSize};
+    }
+
+    [[nodiscard]] std::size_t mostPairs(bool isLeaf) const {
+        return (geometry.blockSize - geometry.nodeHeader()) / (isLeaf ? pairSize : pairSize + pointerSize);
+    }
+
+    /// A node of the tree, or nothing if it isn't one of this level.
+    [[nodiscard]] std::optional<Fields> node(std::uint64_t block, std::uint64_t level) const {
+        if (block >= blocks) {
+            return std::nullopt;
+        }
+        Fields found(image, (first + block) * geometry.blockSize, geometry.blockSize);
+        const bool isNode = found && found.big(0, 4) == geometry.nodeMagic() && found.big(4, 2) == level &&
+                            found.big(6, 2) <= mostPairs(level == 0);
+        return isNode ? std::optional(std::move(found)) : std::nullopt;
+    }
+
+    /// Goes down to the leftmost leaf, and along the leaves from there.
+    bool clearTree(std::uint64_t root, std::uint64_t levels, std::vector<bool>& used) const {
+        constexpr std::uint64_t mostLevels = 9;
+        if (levels == 0 || levels > mostLevels) {
+            return false;
+        }
+        std::uint64_t block = root;
+        for (std::uint64_t level = levels - 1; level > 0; --level) {
+            const std::optional<Fields> parent = node(block, level);
+            if (!parent) {
+                return false;
+            }
+            block = parent->big(geometry.nodeHeader() + mostPairs(false) * pairSize, pointerSize);
+        }
+        for (std::uint64_t leaves = 0; block != noBlock; ++leaves) {
+            const std::optional<Fields> leaf = node(block, 0);
+            if (!leaf || leaves == blocks || !clearLeaf(*leaf, used)) { // more than there can be: a loop
+                return false;
+            }
+            block = leaf->big(12, 4);
+        }
+        return true;
+    }
+
+    bool clearLeaf(const Fields& leaf, std::vector<bool>& used) const {
+        const std::uint64_t records = leaf.big(6, 2);
+        for (std::uint64_t record = 0; record < records; ++record) {
+            const std::size_t at = geometry.nodeHeader() + record * pairSize;
+            if (!clear(leaf.big(at, 4), leaf.big(at + 4, 4), used)) {
+                return false;
+            }
+        }
+        return true;
+    }
+
+    /// The list goes around: behind the last entry of its sector comes the first.
+    bool clearList(const Fields& header, std::vector<bool>& used) const {
+        const std::size_t begin = geometry.hasChecksums ? 36 : 0;
+        const std::uint64_t entries = (geometry.sectorSize - begin) / pointerSize;
+        const std::uint64_t oldest = header.big(40, 4);
+        const std::uint64_t count = header.big(48, 4);
+        const Fields list = sector(3);
+        if (!list || count > entries || oldest >= entries) {
+            return false;
+        }
+        for (std::uint64_t index = 0; index < count; ++index) {
+            if (!clear(list.big(begin + (oldest + index) % entries * pointerSize, pointerSize), 1, used)) {
+                return false;
+            }
+        }
+        return true;
+    }
+
+    bool clear(std::uint64_t block, std::uint64_t count, std::vector<bool>& used) const {
+        if (block > blocks || count > blocks - block) {
+            return false;
+        }
+        const auto begin = used.begin() + static_cast<std::ptrdiff_t>(first + block);
+        std::fill(begin, begin + static_cast<std::ptrdiff_t>(count), false);
+        return true;
+    }
+
+    const Descriptor& image;
+    const Geometry& geometry;
+    std::uint64_t first;
+    std::uint64_t blocks;
+};
+
+} // namespace
+
+std::optional<SpaceMap> readXfsSpace(const Descriptor& image, std::uint64_t size) {
+    const std::optional<Geometry> geometry = readGeometry(image, size);
+    if (!geometry) {
+        return std::nullopt;
+    }
+    SpaceMap map{geometry->blockSize, std::vector<bool>(geometry->blocks, true)};
+    for (std::uint64_t number = 0; number < geometry->groups; ++number) {
+        if (!Group(image, *geometry, number).clearFree(map.used)) {
+            return std::nullopt;
+        }
+    }
+    return map;
+}
+
+} // namespace tolvubd
