@@ -59,14 +59,14 @@ def differing_units(before, after):
                             if one[at:at + UNIT] != other[at:at + UNIT])
 
 
-def marked_units(before, after, file_system, closed):
+def marked_units(before, after, file_system, closed, copied=None):
     """The numbers of the units that count as changed from one capture to the next: what differs, what has
     come into use and so isn't in any image whatever it holds, and the files of the driver and the agent, but
-    for the one that was `closed` by the snapshot."""
+    for the one that was `closed` by the snapshot. `copied` is what was worth copying before, if it is known."""
     other_files = [name for name in OWN_FILES if name != closed]
     closed_extents = extents_of_files(after, file_system, [closed])
     used = without(truth_of(after, file_system).used_extents(),
                    [*closed_extents, *unmapped_extents(after, file_system)])
     return (in_units(extents_of_files(after, file_system, other_files)) - in_units(closed_extents)
-            | in_units(without(used, copied_extents(before, file_system)))
+            | in_units(without(used, copied or copied_extents(before, file_system)))
             | set(differing_units(before, after)))

@@ -17,14 +17,17 @@ import pytest
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(ROOT))
 CERTIFICATES = "/etc/tolvu/bek/certs"
-pytest.register_assert_rewrite("snapshot_site", "fault_site")
+pytest.register_assert_rewrite("backup_site", "fault_site", "snapshot_site")
 
+from backup_site import EXT4, XFS, empty, forget_devices, root_of  # noqa: E402
 from lab import certificates  # noqa: E402
 from lab.appliance_client import Appliance  # noqa: E402
+from lab.backups import Protection  # noqa: E402
 from lab.daemon import DATABASE, PID_FILE, Daemon, program, require_private_site  # noqa: E402
 from lab.driver_facts import hide_driver, show_driver  # noqa: E402
 from lab.site import Site  # noqa: E402
 from lab.system_log import SystemLog  # noqa: E402
+from lab.targets import Target  # noqa: E402
 
 
 @pytest.fixture(scope="session", autouse=True)
@@ -103,6 +106,38 @@ def lab_site(private_machine):
     """The services that the agent asks for volumes, and the volumes of a lab site."""
     with Site() as running:
         yield running
+
+
+@pytest.fixture(scope="module")
+def volume_site(request, private_machine):
+    """A lab site with the module's `VOLUMES`, or with an ext4 and an XFS volume."""
+    with Site(getattr(request.module, "VOLUMES", (EXT4, XFS))) as running:
+        yield running
+
+
+@pytest.fixture
+def volumes(volume_site, agent):
+    """The volumes by name. After the test they are empty, and the driver knows none of them any more."""
+    yield {partition.name: partition for partition in volume_site.disk}
+    forget_devices()
+    for partition in volume_site.disk:
+        if partition.volume.mount_point:
+            empty(root_of(partition))
+
+
+@pytest.fixture
+def target():
+    with Target() as running:
+        yield running
+
+
+@pytest.fixture
+def protect(volumes, target, agent, appliance):
+    """protect(NAME..., OPTIONS) gives these volumes, or all that are mounted, images on the target."""
+    def make(*names, **options):
+        chosen = names or [name for name, partition in volumes.items() if partition.volume.mount_point]
+        return Protection(appliance, agent, target, [volumes[name] for name in chosen], **options)
+    return make
 
 
 @pytest.fixture

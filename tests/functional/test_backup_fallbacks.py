@@ -1,0 +1,174 @@
+"""What becomes of an incremental backup when something that it builds on isn't as it should be: never an
+image that nobody can trust. The log tells why each time."""
+import contextlib
+import dataclasses
+import os
+import signal
+import sqlite3
+
+import pytest
+
+from backup_site import XFS, device_of, fill, forget_devices, root_of
+from lab.daemon import DATABASE
+from tolvubd_site import must
+
+VOLUMES = (dataclasses.replace(XFS, mebibytes=480),) # with room for the CoW files of a backup that was killed
+NAME = XFS.name
+
+
+@pytest.fixture
+def volume(volumes):
+    fill(root_of(volumes[NAME]), NAME)
+    return volumes[NAME]
+
+
+@pytest.fixture
+def protection(protect, volume):
+    """With the image of a FULL backup, and changes since."""
+    protection = protect()
+    backup = protection.run(full=True)
+    assert backup.state == "finished", backup.log
+    fill(root_of(volume), "since")
+    return protection
+
+
+def display_name(volume):
+    return f"{volume.uuid} ({volume.volume.mount_point})"
+
+
+def check(protection, backup, kind, *lines):
+    """It has become a backup of this kind, its image is right, and the log has these lines."""
+    assert backup.state == "finished", backup.log
+    assert backup.type(NAME) == kind, backup.log
+    for line in lines:
+        assert f"{line}\n" in backup.log
+    protection.verify()
+
+
+def check_incremental_works(protection):
+    check(protection, protection.run(), "incremental")
+
+
+@pytest.mark.parametrize("kind", [{}, {"merge": True}, {"full": True}])
+def test_unknown_volume_is_copied_whole(protect, volume, kind):
+    protection = protect()
+    check(protection, protection.run(**kind), "full",
+          f"[INFO:]     No db entry found for volume {display_name(volume)}, forcing FULL")
+    check_incremental_works(protection)
+
+
+@contextlib.contextmanager
+def locked_database():
+    """Nobody else can read it."""
+    with contextlib.closing(sqlite3.connect(DATABASE, isolation_level=None)) as connection:
+        connection.execute("BEGIN EXCLUSIVE")
+        yield
+        connection.execute("ROLLBACK")
+
+
+def test_unreadable_database_leads_to_a_merge(protection, volume, volume_site):
+    """The database is locked while the volume is looked up; to get there in time, udisks keeps the agent
+    waiting."""
+    os.kill(volume_site.udisks.pid, signal.SIGSTOP)
+    try:
+        backup = protection.start()
+        backup.wait_for_log("Beginning execution of the Populate Volumes phase.")
+        with locked_database():
+            os.kill(volume_site.udisks.pid, signal.SIGCONT)
+            backup.wait_for_log("Finished execution of the Validate Local Targets phase.")
+    finally:
+        os.kill(volume_site.udisks.pid, signal.SIGCONT)
+    check(protection, backup.wait(), "differential",
+          f"[INFO:]     Could not find cached checksum from database for volume {volume.uuid} falling back "
+          "to DIFFERENTIAL MERGE")
+    check_incremental_works(protection)
+
+
+def test_database_without_its_table_fails_the_backup_at_its_end(protection, volume, database):
+    """There is nowhere to keep the checksum of the image. Nothing is lost: the next backup brings all."""
+    database("ALTER TABLE volumes RENAME TO elsewhere")
+    backup = protection.run()
+    assert backup.state == "failed", backup.log
+    assert f"The type of backup for volume {display_name(volume)} is: DIFFERENTIAL MERGE\n" in backup.log
+    assert "Exception caught during backup run: " in backup.log
+    database("ALTER TABLE elsewhere RENAME TO volumes")
+    fill(root_of(volume), "after")
+    backup = protection.run()
+    assert backup.state == "finished", backup.log
+    protection.verify()
+
+
+def failing_back(volume, reason):
+    return (f"[INFO:]     Could not find cached checksum from database for volume {volume.uuid} failing back "
+            f"to DIFFERENTIAL_MERGE: {reason}")
+
+
+def test_image_without_a_checksum_is_merged(protection, volume, database):
+    database("DELETE FROM volumes")
+    database("INSERT INTO volumes (volume_uuid) VALUES (?)", volume.uuid)
+    check(protection, protection.run(), "differential",
+          failing_back(volume, "Invalid checksum type found in volumes table"))
+    database("UPDATE volumes SET image_checksum = 'none'")
+    check(protection, protection.run(), "differential", failing_back(
+        volume, f"Invalid checksum found in volumes table for volume UUID: {volume.uuid}, expected a decimal "
+        "number below 4294967296"))
+    database("UPDATE volumes SET image_checksum = '0'")
+    check(protection, protection.run(), "differential",
+          f"[INFO:]     Cached checksum for volume {volume.uuid} is zero indicating volume requires a "
+          "DIFFERENTIAL_MERGE")
+    check_incremental_works(protection)
+
+
+@pytest.mark.parametrize("place", [0, (10 << 20) - 1])
+def test_damaged_image_is_merged(protection, volume, database, place):
+    with open(protection.images[NAME].path, "r+b") as image:
+        byte = os.pread(image.fileno(), 1, place)[0]
+        os.pwrite(image.fileno(), bytes([byte ^ 1]), place)
+    (cached,), = database("SELECT image_checksum FROM volumes")
+    backup = protection.run()
+    check(protection, backup, "differential")
+    assert f"The cached volume checksum '{int(cached):x}' didn't match with the remote volume checksum '" \
+        in backup.log
+    assert f"' for volume: {volume.uuid}, failing back to DIFFERENTIAL_MERGE\n" in backup.log
+    check_incremental_works(protection)
+
+
+def test_unreadable_image_fails_the_backup(protection, volume):
+    """A failure, not a merge: a target that can't be read can't be written with confidence. The driver goes
+    on tracking."""
+    image = protection.images[NAME].path
+    size = image.stat().st_size
+    os.truncate(image, 0)
+    backup = protection.run()
+    assert backup.state == "failed", backup.log
+    assert (backup.status["connection_error"], backup.status["snapshot_error"]) == (True, False)
+    assert ("Transport related error occurred during backup run: Failed to generate remote checksum\n"
+            in backup.log)
+    assert "Start Snapshotting" not in backup.log
+    assert device_of(volume)["state"] == 2
+    os.truncate(image, size)
+    check(protection, protection.run(), "differential")
+    check_incremental_works(protection)
+
+
+def downgraded(volume):
+    return ("[ERROR:]    Failed to snapshot while preserving incremental tracking information for volume "
+            f"{volume.uuid}",
+            f"[INFO:]     Downgrading backup type to DIFFERENTIAL_MERGE for volume {volume.uuid}")
+
+
+def test_untracked_volume_is_merged(protection, volume):
+    forget_devices()
+    check(protection, protection.run(), "differential",
+          f"[INFO:]     Found no incremental mode snapshot for volume {volume.uuid}, falling back to diff "
+          "merge.", *downgraded(volume))
+    check_incremental_works(protection)
+
+
+def test_volume_left_in_snapshot_is_merged(protection, volume):
+    """What a run that was killed leaves behind: nobody knows any more what has changed since."""
+    must("transition_snapshot", device_of(volume)["minor"], root_of(volume) / ".tolvu1", 100)
+    check(protection, protection.run(), "differential",
+          f"[WARNING:]  Device {volume.uuid} not in active incremental state, destroying snapshot",
+          *downgraded(volume))
+    check_incremental_works(protection)

@@ -1,0 +1,91 @@
+"""Differential merges: all that is in use is compared, and only what differs is written."""
+import os
+import shutil
+
+from backup_site import LONGEST, Ledger, fill, root_of, size_of_all, write_script
+from change_records import copied_extents
+from lab.backups import capture_of
+from lab.driver_facts import STATUS
+from lab.targets import Writes
+
+MIB = 1 << 20
+EQUALIZE = """#!/usr/bin/python3
+import json, sys
+images = {images}
+if sys.argv[1] == "POST":
+    for device in json.load(open("{status}"))["devices"]:
+        with open("/dev/tolvu%d" % device["minor"], "rb") as snapshot:
+            with open(images[device["block_device"]], "r+b") as image:
+                while piece := snapshot.read(1 << 20):
+                    image.write(piece)
+"""
+FLIPS = (1, 2 * MIB + 77, 17 * MIB + 4095, 18 * MIB) # in the largest extent of a volume
+
+
+def chunks(extents):
+    """What is read and compared at once."""
+    return [(at, min(LONGEST, begin + length - at)) for begin, length in extents
+            for at in range(begin, begin + length, LONGEST)]
+
+
+def differing(one, other, extents):
+    with open(one, "rb") as first, open(other, "rb") as second:
+        return [(at, length) for at, length in chunks(extents)
+                if os.pread(first.fileno(), length, at) != os.pread(second.fileno(), length, at)]
+
+
+def flip(path, at):
+    with open(path, "r+b") as file:
+        byte = os.pread(file.fileno(), 1, at)[0]
+        os.pwrite(file.fileno(), bytes([byte ^ 0xFF]), at)
+
+
+def fill_all(volumes):
+    for name, partition in volumes.items():
+        fill(root_of(partition), name)
+        (root_of(partition) / "large").write_bytes(os.urandom(24 * MIB))
+
+
+def test_merge_with_an_equal_image_writes_nothing(protect, volumes, target):
+    """The image becomes equal between the snapshot and the copy: by a script that runs there."""
+    fill_all(volumes)
+    protection = protect()
+    backup = protection.run(full=True)
+    assert backup.state == "finished", backup.log
+    images = {volumes[name].device: str(image.path) for name, image in protection.images.items()}
+    write_script("equalize", EQUALIZE.format(images=images, status=STATUS / "info"))
+    before = target.writes()
+    backup = protection.run(volumes=protection.request(scripts=["equalize"]), merge=True)
+    assert backup.state == "finished", backup.log
+    assert target.writes() - before == Writes(0, 0)
+    for name, partition in volumes.items():
+        extents = copied_extents(capture_of(partition), partition.volume.file_system)
+        assert (backup.type(name), backup.bytes(name)) == ("differential", size_of_all(extents))
+    protection.verify()
+
+
+def test_merge_mends_exactly_what_differs(protect, volumes, tmp_path):
+    fill_all(volumes)
+    protection = protect()
+    with Ledger(protection) as ledger:
+        ledger.run("full", full=True)
+        damaged, before = {}, {}
+        for name, partition in volumes.items():
+            image = protection.images[name].path
+            capture = capture_of(partition)
+            extents = copied_extents(capture, partition.volume.file_system)
+            begin, _ = max(extents, key=lambda extent: extent[1])
+            damaged[name] = [begin + at for at in FLIPS]
+            for at in damaged[name]:
+                flip(image, at)
+            before[name] = shutil.copyfile(image, tmp_path / name)
+        for name, sent in ledger.run("differential", merge=True).items():
+            capture = capture_of(volumes[name])
+            written = differing(before[name], capture, sent.extents)
+            assert sent.reported == size_of_all(sent.extents)
+            assert sent.writes == Writes(len(written), size_of_all(written))
+            for at in damaged[name]:
+                assert any(begin <= at < begin + length for begin, length in written)
+            assert len(written) < len(chunks(sent.extents)) / 2
+        for sent in ledger.run("incremental").values():
+            sent.check()

@@ -1,0 +1,142 @@
+"""Targets of all kinds: several images, an image inside of a disk, large sectors, passwords, wrong ones."""
+import dataclasses
+
+import pytest
+
+from backup_site import EXT4, XFS, device_of, fill, root_of
+from lab.poison import is_poison
+from lab.targets import Writes
+
+MIB = 1 << 20
+USER, PASSWORD = "agent", "twelve or more"
+SECOND = dataclasses.replace(EXT4, name="second", mebibytes=256, mount_point="/mnt/second")
+THIRD = dataclasses.replace(EXT4, name="third", mebibytes=256, mount_point="/mnt/third")
+VOLUMES = (EXT4, XFS, SECOND, dataclasses.replace(XFS, name="fourth", mount_point="/mnt/fourth"), THIRD)
+
+
+def fill_some(volumes, names, seed):
+    for name in names:
+        fill(root_of(volumes[name]), f"{seed} {name}", files=15)
+
+
+def check(protection, backup, kind):
+    assert backup.state == "finished", backup.log
+    assert {backup.type(name) for name in protection.partitions} == {kind}, backup.log
+    protection.verify()
+
+
+def check_chain(protection, volumes):
+    """FULL, INCREMENTAL and DIFFERENTIAL MERGE, with changes between."""
+    for seed, kind, asked in (("a", "full", {"full": True}), ("b", "incremental", {}),
+                              ("c", "differential", {"merge": True}), ("d", "incremental", {})):
+        fill_some(volumes, protection.partitions, seed)
+        check(protection, protection.run(**asked), kind)
+
+
+def test_five_volumes_in_one_backup(protect, volumes):
+    fill_some(volumes, volumes, "a")
+    protection = protect()
+    backup = protection.run(full=True)
+    check(protection, backup, "full")
+    uuids = [volumes[name].uuid for name in volumes]
+    assert sorted(entry["volume"] for entry in backup.status["details"]) == sorted(uuids)
+    copied = [line for line in backup.log.splitlines() if "Beginning execution of the Copy Volume" in line]
+    assert len(copied) == 5
+    last_snapshot = backup.log.index("Volumes successfully started snapshotting...")
+    assert last_snapshot < backup.log.index(copied[0]) # all of the same moment
+    fill_some(volumes, ("second", "fourth"), "b")
+    check(protection, protection.run(), "incremental")
+
+
+def test_some_of_the_volumes_in_turn(protect, volumes):
+    """A volume that isn't in a backup keeps what it owes to the next one."""
+    protection = protect("data", "files")
+    check(protection, protection.run(full=True), "full")
+    for seed, names in (("a", ["data"]), ("b", ["files"]), ("c", ["data"])):
+        fill_some(volumes, ["data", "files"], seed)
+        backup = protection.run(*names)
+        assert backup.state == "finished", backup.log
+        protection.verify(*names)
+    backup = protection.run()
+    check(protection, backup, "incremental")
+
+
+def test_image_that_begins_inside_of_its_disk(protect, volumes):
+    """Nothing in front of it is touched. The checksum is that of the image's own beginning."""
+    protection = protect("data", "files", offset=3 * MIB)
+    check_chain(protection, volumes)
+    for image in protection.images.values():
+        with open(image.path, "rb") as file:
+            assert is_poison(file.read(3 * MIB))
+
+
+def test_target_with_large_sectors(protect, volumes):
+    check_chain(protect("files", block_size=4096), volumes)
+
+
+def test_blocks_smaller_than_a_sector_of_the_target_are_refused(protect, volumes):
+    """They can't be written without a guess at what stands beside them."""
+    fill_some(volumes, ["data"], "a")
+    protection = protect("data", block_size=4096)
+    backup = protection.run(full=True)
+    assert backup.log.count("Failed to write the chunk!") == 2, backup.log
+    assert backup.status["connection_error"]
+
+
+def test_target_with_a_password(protect, volumes, target):
+    target.require_chap(USER, PASSWORD)
+    check_chain(protect("files", account=(USER, PASSWORD)), volumes)
+
+
+@pytest.fixture
+def protection(protect, volumes):
+    protection = protect("files")
+    check(protection, protection.run(full=True), "full")
+    fill_some(volumes, ["files"], "since")
+    return protection
+
+
+def check_refused(protection, volumes, **changes):
+    """It fails before there is a snapshot, writes nothing, and costs nothing."""
+    before = protection.target.writes()
+    backup = protection.run(volumes=protection.request(**changes))
+    assert backup.state == "failed", backup.log
+    assert (backup.status["connection_error"], backup.status["snapshot_error"]) == (True, False)
+    assert protection.target.writes() - before == Writes(0, 0)
+    assert "Start Snapshotting" not in backup.log
+    assert device_of(volumes["files"])["state"] == 2
+    return backup.log
+
+
+def test_wrong_password_and_none(protection, volumes, target):
+    target.require_chap(USER, PASSWORD)
+    for user, password in ((USER, "wrong password"), ("", "")):
+        log = check_refused(protection, volumes, username=user, password=password)
+        for attempt in range(1, 6):
+            assert (f"Iscsi target connect or Login failed: Try: {attempt} Target name: {target.name} "
+                    f"Target portal: {target.portal} LUN: {protection.images['files'].lun}. Error: ") in log
+        assert "Iscsi target connect exceeded max retries. Aborting.\n" in log
+        assert "wrong password" not in log
+    right = protection.request(username=USER, password=PASSWORD)
+    check(protection, protection.run(volumes=right), "incremental")
+
+
+def test_unknown_target(protection, volumes):
+    log = check_refused(protection, volumes, name="iqn.2026-01.example:nobody")
+    assert ("Transport related error occurred during backup run: Failed to open transport connection while "
+            "validating remote target\n") in log
+    check(protection, protection.run(), "incremental")
+
+
+def test_disk_that_is_too_small(protection, volumes, target):
+    """The backup fails, with nothing written behind the disk's end, and the one after it to the whole image
+    brings what this one hasn't."""
+    small = target.add_image("small", 64 * MIB)
+    backup = protection.run(volumes=protection.request(lun=small.lun), full=True)
+    assert backup.state == "failed", backup.log
+    assert backup.status["connection_error"]
+    assert small.path.stat().st_size == 64 * MIB
+    assert backup.log.count("Failed to write the chunk!") + \
+        backup.log.count("Failed to seek to the write offset!") >= 1, backup.log
+    fill_some(volumes, ["files"], "after")
+    check(protection, protection.run(), "incremental")
