@@ -18,6 +18,7 @@
 #include <mutex>
 #include <stdexcept>
 #include <unistd.h>
+#include <unordered_set>
 #include <utility>
 
 namespace agent::core::backup {
@@ -82,11 +83,13 @@ private:
     void checkIncrementalState(const Volumes& volumes, const IBackupAttributes& attributes,
                                IncrementalStates& states);
     void startSnapshot(const BackupableVolume& volume, bool hasChangeRecord);
+    bool isTracked(const BackupableVolume& volume);
     bool mountSnapshot(const BackupableVolume& volume, const std::string& snapshotPath);
     int tryToMount(const BackupableVolume& volume, const std::string& snapshotPath, const Path& target);
     void unmountAll();
     void unmount(const std::string& path);
     void saveHistory(const BackupableVolume& volume, bool success);
+    void keepOwed(const BackupableVolume& volume);
     void endSnapshot(const BackupableVolume& volume, IncrementalStates& states);
     void removeOldCowFiles(const Volumes& volumes);
     [[nodiscard]] std::vector<std::string> getSnapshotFiles(const BackupableVolume& volume) const;
@@ -97,6 +100,9 @@ private:
     info::ICowFileSize& cowFileSize;
     std::unique_ptr<info::IDriverController> driver;
     std::once_flag validateOnce;
+    /// The volumes of this session whose closed record lacks what earlier backups owe: a backup that isn't
+    /// incremental doesn't need it, unless it fails.
+    std::unordered_set<std::string> owing;
     const Path mountRoot = "/tmp/tolvuMountRoot";
 };
 
@@ -111,6 +117,7 @@ VolumeSnapshotInfos SnapshotSessionControl::Impl::startSnapshots(const Volumes& 
     checkIncrementalState(volumes, attributes, states);
     LogEntry(logger, info::level::info) << "Snapshot session successfully validated";
     unmountAll();
+    owing.clear();
     for (const auto& volume : volumes) {
         startSnapshot(*volume, states[volume->getUuid()]);
     }
@@ -189,8 +196,12 @@ void SnapshotSessionControl::Impl::checkIncrementalState(const Volumes& volumes,
 }
 
 void SnapshotSessionControl::Impl::startSnapshot(const BackupableVolume& volume, bool hasChangeRecord) {
+    const bool mayOwe = !hasChangeRecord && isTracked(volume);
     if (!driver->startSnapshot(volume, cowFileSize)) {
         throw std::runtime_error("Failed to start snapshot!");
+    }
+    if (mayOwe) {
+        owing.insert(volume.getUuid());
     }
     if (hasChangeRecord && !driver->rollForward(volume)) {
         throw std::runtime_error("Failed to roll forward!");
@@ -199,6 +210,11 @@ void SnapshotSessionControl::Impl::startSnapshot(const BackupableVolume& volume,
     if (driver->getSnapshotPath(volume, snapshotPath)) {
         mountSnapshot(volume, snapshotPath);
     }
+}
+
+bool SnapshotSessionControl::Impl::isTracked(const BackupableVolume& volume) {
+    DriverDeviceInfo device;
+    return driver->getDeviceInfo(volume, device) && device.state == tracking;
 }
 
 bool SnapshotSessionControl::Impl::mountSnapshot(const BackupableVolume& volume,
@@ -282,9 +298,25 @@ VolumeSnapshotInfos SnapshotSessionControl::Impl::transitionToIncremental(const 
 }
 
 void SnapshotSessionControl::Impl::saveHistory(const BackupableVolume& volume, bool success) {
+    if (!success && owing.contains(volume.getUuid())) {
+        keepOwed(volume);
+    }
     driver->makeHistory(volume, success);
     if (!success && !driver->revertOnFailure(volume)) {
         LogEntry(logger, error) << "Failed to revert device " << volume.getDevice();
+    }
+}
+
+/// The record is about to take the place of the history, so it has to hold that too. Where it can't, the next
+/// backup must not rely on it: without a device all is compared.
+void SnapshotSessionControl::Impl::keepOwed(const BackupableVolume& volume) {
+    if (!driver->hasIncrementalHistory(volume) || driver->rollForward(volume)) {
+        return;
+    }
+    LogEntry(logger, error) << "Could not keep what earlier backups owe for volume "
+                            << volume.getDisplayName() << ", destroying snapshot";
+    if (!driver->destroyDevice(volume)) {
+        LogEntry(logger, error) << "Could not destroy snapshot for " << volume.getUuid();
     }
 }
 

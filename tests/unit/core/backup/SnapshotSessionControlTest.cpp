@@ -281,6 +281,48 @@ TEST_F(SnapshotSessionControlTest, AFailedEndGoesOnForEachVolume) {
     EXPECT_TRUE(infos.at(two).incrementalPreserved);
 }
 
+TEST_F(SnapshotSessionControlTest, AFailedBackupOfAnotherTypeKeepsWhatEarlierOnesOwe) {
+    const auto volume = makeVolume(one);
+    for (const std::uint32_t type : {FULL, DIFFERENTIAL_MERGE}) {
+        track(one);
+        start({volume}, type);
+        driver->calls.clear();
+        control->transitionToIncremental({volume}, false);
+        EXPECT_THAT(driver->calls, ElementsAre("rollForward " + one, "makeHistory " + one,
+                                               "revertOnFailure " + one, "transitionToIncremental " + one));
+    }
+}
+
+TEST_F(SnapshotSessionControlTest, NothingIsOwedAfterASuccessNorWithoutAHistoryNorByAnUntrackedVolume) {
+    const auto volume = makeVolume(one);
+    const auto rollsForward = [&](bool success) {
+        start({volume}, FULL);
+        control->transitionToIncremental({volume}, success);
+        const bool found = std::ranges::count(driver->calls, "rollForward " + one) > 0;
+        driver->calls.clear();
+        return found;
+    };
+    EXPECT_FALSE(rollsForward(false)) << "there was no device";
+    EXPECT_FALSE(rollsForward(true));
+    driver->hasHistory = false;
+    EXPECT_FALSE(rollsForward(false));
+    driver->hasHistory = true;
+    EXPECT_TRUE(rollsForward(false));
+}
+
+TEST_F(SnapshotSessionControlTest, ARecordThatCannotTakeWhatIsOwedIsGivenUp) {
+    const auto volume = makeVolume(one);
+    track(one);
+    start({volume}, FULL);
+    driver->failing = {"rollForward"};
+    EXPECT_EQ(messageOf<std::runtime_error>([&] { control->transitionToIncremental({volume}, false); }),
+              "Unable to determine incremental bitmap file name. No device available.");
+    EXPECT_TRUE(log.has(error, "Could not keep what earlier backups owe for volume " + one + " (" +
+                                   mountPoint(one) + "), destroying snapshot"));
+    EXPECT_FALSE(driver->devices.contains(one));
+    EXPECT_FALSE(log.has(error, "Could not destroy snapshot for " + one));
+}
+
 TEST_F(SnapshotSessionControlTest, ADeviceThatGoesBeforeItsOldFileIsRemoved) {
     const auto volume = makeVolume(one);
     writeCowFile(one, ".tolvu1", 0);
