@@ -62,7 +62,7 @@ def differing_units(before, after):
 def marked_units(before, after, file_system, closed, copied=None):
     """The numbers of the units that count as changed from one capture to the next: what differs, what has
     come into use and so isn't in any image whatever it holds, and the files of the driver and the agent, but
-    for the one that was `closed` by the snapshot. `copied` is what was worth copying before, if it is known."""
+    for the one that was `closed` by the snapshot. `copied` is what was worth copying before, if known."""
     other_files = [name for name in OWN_FILES if name != closed]
     closed_extents = extents_of_files(after, file_system, [closed])
     used = without(truth_of(after, file_system).used_extents(),
