@@ -71,7 +71,7 @@ def test_each_change_is_brought_and_nothing_else(protect, volumes):
                                     (remove_a_file, 0, 0),
                                     (truncate_a_file, 0, UNIT),
                                     (overwrite_a_third, 2 * MIB, 3 * MIB),
-                                    (write_small_files, SMALL_FILES * 100, SMALL_FILES * (UNIT + 512))):
+                                    (write_small_files, SMALL_FILES * 100, SMALL_FILES * (UNIT + 1024))):
             for root in roots:
                 change(root)
             for name, sent in ledger.run("incremental").items():
