@@ -8,7 +8,7 @@ import random
 import shutil
 import subprocess
 
-from change_records import common, copied_extents, extents_of_units, marked_units
+from change_records import Moment, common, extents_of_units, marked_units
 from lab.backups import capture_of
 from lab.daemon import BASE, program
 from lab.driver_facts import STATUS
@@ -104,11 +104,11 @@ class Sent:
 
 class Ledger:
     """Runs backups of all volumes of a protection that have to succeed, checks the images, and tells what
-    was sent. Keeps the driver's captures, and what was copied of them, from one backup to the next."""
+    was sent. Keeps the driver's captures, and what they show, from one backup to the next."""
 
     def __init__(self, protection):
         self.protection = protection
-        self._captures = {}
+        self._moments = {}
 
     def run(self, expected, **kind):
         """`expected` is the type that the backup has to become."""
@@ -126,23 +126,23 @@ class Ledger:
     def _due(self, name, kind):
         """All that is worth copying; of an incremental what has changed of it."""
         partition = self.protection.partitions[name]
-        file_system = partition.volume.file_system
         path = capture_of(partition)
-        extents = copied_extents(path, file_system)
-        earlier, self._captures[name] = self._captures.get(name), (open(path, "rb"), extents)
+        now = Moment(path, partition.volume.file_system)
+        file = open(path, "rb")
+        now.capture = f"/proc/self/fd/{file.fileno()}" # its name goes with the next backup
+        earlier, self._moments[name] = self._moments.get(name), (now, file)
         if not earlier:
-            return extents
-        capture, copied = earlier
-        with capture: # its name is gone by now
+            return now.copied
+        moment, earlier_file = earlier
+        with earlier_file:
             if kind != "incremental":
-                return extents
-            units = marked_units(f"/proc/self/fd/{capture.fileno()}", path, file_system,
-                                 closed_file(partition), copied)
-        return common(extents, extents_of_units(units))
+                return now.copied
+            units = marked_units(moment, now, closed_file(partition))
+        return common(now.copied, extents_of_units(units))
 
     def __enter__(self):
         return self
 
     def __exit__(self, *_exception):
-        for capture, _ in self._captures.values():
-            capture.close()
+        for _, file in self._moments.values():
+            file.close()

@@ -1,19 +1,33 @@
 """What the snapshot driver has to record of a volume, and what a backup has to bring, worked out from
 captures of the volume and from what the tools of its file system call in use."""
-import itertools
+from itertools import chain, count
 
-from lab.images import OWN_FILES, extents_of_files, without
+from lab.images import OWN_FILES, extents_of, tree_of, without
 from lab.used_blocks import truth_of, unmapped_extents
 
 UNIT = 4096 # changes are recorded in units of so many bytes
 PIECE = 4 << 20
 
 
+class Moment:
+    """What a capture shows of its file system: (offset, length) of what is in use, of what no backup copies
+    of it, and of each of the driver's and the agent's own files."""
+
+    def __init__(self, capture, file_system):
+        self.capture = capture
+        self.used = truth_of(capture, file_system).used_extents()
+        self.unmapped = unmapped_extents(capture, file_system)
+        with tree_of(str(capture), file_system) as root:
+            self.own = {name: extents_of(root / name) for name in OWN_FILES if (root / name).exists()}
+
+    @property
+    def copied(self):
+        """What is worth copying."""
+        return list(without(self.used, [*chain.from_iterable(self.own.values()), *self.unmapped]))
+
+
 def copied_extents(capture, file_system):
-    """(offset, length) of what is worth copying of a volume: what is in use, but for the driver's and the
-    agent's own files."""
-    left_out = [*extents_of_files(capture, file_system, OWN_FILES), *unmapped_extents(capture, file_system)]
-    return list(without(truth_of(capture, file_system).used_extents(), left_out))
+    return Moment(capture, file_system).copied
 
 
 def common(extents, others):
@@ -49,7 +63,7 @@ def extents_of_units(units):
 def differing_units(before, after):
     """The numbers of the units in which two captures differ."""
     with open(before, "rb") as old, open(after, "rb") as new:
-        for first in itertools.count(0, PIECE // UNIT):
+        for first in count(0, PIECE // UNIT):
             one, other = old.read(PIECE), new.read(PIECE)
             assert len(one) == len(other)
             if not one:
@@ -59,14 +73,11 @@ def differing_units(before, after):
                             if one[at:at + UNIT] != other[at:at + UNIT])
 
 
-def marked_units(before, after, file_system, closed, copied=None):
-    """The numbers of the units that count as changed from one capture to the next: what differs, what has
-    come into use and so isn't in any image whatever it holds, and the files of the driver and the agent, but
-    for the one that was `closed` by the snapshot. `copied` is what was worth copying before, if known."""
-    other_files = [name for name in OWN_FILES if name != closed]
-    closed_extents = extents_of_files(after, file_system, [closed])
-    used = without(truth_of(after, file_system).used_extents(),
-                   [*closed_extents, *unmapped_extents(after, file_system)])
-    return (in_units(extents_of_files(after, file_system, other_files)) - in_units(closed_extents)
-            | in_units(without(used, copied or copied_extents(before, file_system)))
-            | set(differing_units(before, after)))
+def marked_units(before, after, closed):
+    """The numbers of the units that count as changed from one moment to the next: what differs, what has come
+    into use and so isn't in any image whatever it holds, and the files of the driver and the agent, but for
+    the one that was `closed` by the snapshot."""
+    others = chain.from_iterable(extents for name, extents in after.own.items() if name != closed)
+    used = without(after.used, [*after.own[closed], *after.unmapped])
+    return (in_units(others) - in_units(after.own[closed]) | in_units(without(used, before.copied))
+            | set(differing_units(before.capture, after.capture)))

@@ -8,12 +8,13 @@ import sqlite3
 
 import pytest
 
-from backup_site import XFS, device_of, fill, forget_devices, root_of
+from backup_site import EXT4, device_of, fill, forget_devices, root_of
 from lab.daemon import DATABASE
 from tolvubd_site import must
 
-VOLUMES = (dataclasses.replace(XFS, mebibytes=480),) # with room for the CoW files of a backup that was killed
-NAME = XFS.name
+# With room for the CoW files of a backup that was killed.
+VOLUMES = (dataclasses.replace(EXT4, mebibytes=448),)
+NAME = EXT4.name
 
 
 @pytest.fixture

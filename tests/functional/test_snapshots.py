@@ -9,7 +9,7 @@ import subprocess
 
 import pytest
 
-from change_records import UNIT, differing_units, marked_units
+from change_records import UNIT, Moment, differing_units, marked_units
 from lab.daemon import BASE, program
 from lab.images import tree_hashes
 from lab.snapshots import MOUNT_ROOT, SessionError
@@ -59,6 +59,10 @@ def fail_session(site, incremental=True, trace=()):
         except SessionError as error: # a volume without a device has no record to tell of
             assert str(error).startswith("Unable to determine incremental bitmap file name.")
         return str(caught.value), session.log
+
+
+def marked_since(before, after, file_system, closed=".tolvu"):
+    return marked_units(Moment(before, file_system), Moment(after, file_system), closed)
 
 
 def recover(site, incremental):
@@ -122,7 +126,7 @@ def test_record_marks_exactly_what_has_changed(lab_site, tmp_path):
             assert facts[name]["bitmapOffset"] == UNIT
             after = keep(facts[name], tmp_path / f"{name} after")
             marked, count = read_record(facts[name]["fileName"], after.stat().st_size // UNIT)
-            assert marked == marked_units(captures[name], after, lab_site[name].volume.file_system, ".tolvu")
+            assert marked == marked_since(captures[name], after, lab_site[name].volume.file_system)
             assert count == len(marked) > len(set(differing_units(captures[name], after))) > 100
             assert facts[name]["unchangedBlocks"] == facts[name]["bitmapEntries"] - count
         ended = session.end("success")
@@ -146,7 +150,7 @@ def test_failed_backup_is_made_good_by_the_next(small_site, tmp_path):
             assert facts["incrementalPreserved"] is (len(captures) > 1)
             session.end(outcome)
         fill_tree(small_site.mount_point("data"), seed=10 + len(captures))
-    steps = [marked_units(one, other, "ext4", closed)
+    steps = [marked_since(one, other, "ext4", closed)
              for one, other, closed in zip(captures, captures[1:], itertools.cycle((".tolvu", ".tolvu1")))]
     assert marked[1] == steps[0]
     assert marked[2] == steps[0] | steps[1]
@@ -194,7 +198,7 @@ def test_tracking_outlives_a_restart(lab_site, tmp_path):
             assert facts[name]["incrementalPreserved"] is True
             after = keep(facts[name], tmp_path / f"{name} after")
             marked, _ = read_record(facts[name]["fileName"], after.stat().st_size // UNIT)
-            assert marked == marked_units(captures[name], after, lab_site[name].volume.file_system, ".tolvu")
+            assert marked == marked_since(captures[name], after, lab_site[name].volume.file_system)
         session.end("success")
     lab_site.check_clean()
 

@@ -13,7 +13,7 @@ import uuid
 
 import pytest
 
-from change_records import differing_units, marked_units
+from change_records import Moment, differing_units, marked_units
 from tolvubd_site import (Cow, RUNTIME, SNAPSHOT, STORE, TRACKING, Volume, call, cow_files,
                           detach_captures, devices, expect_loops, info, loops, make_node, must, nodes, run,
                           stored, tolvuctl)
@@ -116,6 +116,10 @@ def keep(node, path):
     return path
 
 
+def marked_since(before, after, filesystem, closed=".tolvu"):
+    return marked_units(Moment(before, filesystem), Moment(after, filesystem), closed)
+
+
 def write_tree(volume, seed):
     source = random.Random(seed)
     for number in range(20):
@@ -192,7 +196,7 @@ def test_table_marks_what_has_changed(make_volume, filesystem, sectors, rounds, 
         after = keep(NODE, tmp_path / str(number + 1))
         record = Cow(closed, volume)
         differing = set(differing_units(before, after))
-        assert set(record.changed_units) == marked_units(before, after, filesystem, closed.name)
+        assert set(record.changed_units) == marked_since(before, after, filesystem, closed.name)
         assert record.changed == len(record.changed_units) >= len(differing) + 256 > 266
         assert not any(record.rest)
         assert Cow(current, volume).changed == 0
@@ -350,7 +354,7 @@ def test_tracking_goes_on_after_a_restart(volume, tmp_path):
                                   "state": TRACKING, "error": 0}]
     must("transition_snapshot", 5, volume.other_cow, 4)
     after = keep("/dev/tolvu5", tmp_path / "after")
-    assert set(Cow(volume.cow, volume).changed_units) == marked_units(before, after, "ext4", ".tolvu")
+    assert set(Cow(volume.cow, volume).changed_units) == marked_since(before, after, "ext4")
     by_uuid.unlink()
 
 
