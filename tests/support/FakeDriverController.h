@@ -26,7 +26,7 @@ public:
     }
 
     bool transitionToIncremental(const info::BackupableVolume& volume) override {
-        const bool works = note("transitionToIncremental", volume);
+        const bool works = note("transitionToIncremental", volume) && devices.contains(volume.getUuid());
         if (works) {
             devices.at(volume.getUuid()).state = 2;
         }

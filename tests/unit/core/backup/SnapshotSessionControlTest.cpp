@@ -285,6 +285,8 @@ TEST_F(SnapshotSessionControlTest, AFailedBackupOfAnotherTypeKeepsWhatEarlierOne
     const auto volume = makeVolume(one);
     for (const std::uint32_t type : {FULL, DIFFERENTIAL_MERGE}) {
         track(one);
+        writeCowFile(one, ".tolvu", 0);
+        writeCowFile(one, ".tolvu1", 0);
         start({volume}, type);
         driver->calls.clear();
         control->transitionToIncremental({volume}, false);
@@ -296,6 +298,8 @@ TEST_F(SnapshotSessionControlTest, AFailedBackupOfAnotherTypeKeepsWhatEarlierOne
 TEST_F(SnapshotSessionControlTest, NothingIsOwedAfterASuccessNorWithoutAHistoryNorByAnUntrackedVolume) {
     const auto volume = makeVolume(one);
     const auto rollsForward = [&](bool success) {
+        writeCowFile(one, ".tolvu", 0);
+        writeCowFile(one, ".tolvu1", 0);
         start({volume}, FULL);
         control->transitionToIncremental({volume}, success);
         const bool found = std::ranges::count(driver->calls, "rollForward " + one) > 0;
