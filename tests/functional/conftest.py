@@ -20,6 +20,7 @@ CERTIFICATES = "/etc/tolvu/bek/certs"
 pytest.register_assert_rewrite("backup_site", "fault_site", "snapshot_site")
 
 from backup_site import EXT4, XFS, empty, forget_devices, root_of  # noqa: E402
+from fault_site import DATA, FaultList, fault_site  # noqa: E402
 from lab import certificates  # noqa: E402
 from lab.appliance_client import Appliance  # noqa: E402
 from lab.backups import Protection  # noqa: E402
@@ -205,3 +206,18 @@ def database():
         with contextlib.closing(sqlite3.connect(DATABASE)) as connection, connection:
             return connection.execute(statement, parameters).fetchall()
     return run
+
+
+@pytest.fixture(scope="module")
+def faults(request):
+    """Where the tests of a module note the faults that they inject."""
+    made = FaultList(request.module.__name__)
+    yield made
+    made.write()
+
+
+@pytest.fixture
+def one_volume(agent, appliance):
+    """A site to break, with one volume that has been backed up."""
+    with fault_site(appliance, agent, (DATA,)) as site:
+        yield site

@@ -272,7 +272,8 @@ def test_backups_on_top_of_one_another(driver, appliance):
     assert set(listed["failed"]) <= {first, second, *(answer.content for answer in answers)}
     last = next(answer.content for answer in reversed(answers) if answer.status == 201)
     assert last in listed["failed"]
-    assert 0 < len(listed["failed"]) < 7
+    # Of nine, at least two: so many had ended when there were too many, one goes for each that comes then.
+    assert 0 < len(listed["failed"]) <= 7
 
 
 def test_cancel(driver, agent, appliance):

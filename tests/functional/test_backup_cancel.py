@@ -6,7 +6,7 @@ import time
 
 import pytest
 
-from fault_site import DATA, MORE, FaultList, fault_site
+from fault_site import DATA, MORE, fault_site
 from lab.services import wait_until
 
 SNAPSHOTS = ("/dev/tolvu0", "/dev/tolvu1")
@@ -21,19 +21,6 @@ SCRIPT = """#!/bin/sh
 : > /run/in-script
 while [ -e /run/in-script ]; do sleep 0.02; done
 """
-
-
-@pytest.fixture(scope="module")
-def faults():
-    made = FaultList(__name__)
-    yield made
-    made.write()
-
-
-@pytest.fixture
-def one_volume(agent, appliance):
-    with fault_site(appliance, agent, (DATA,)) as site:
-        yield site
 
 
 @pytest.fixture

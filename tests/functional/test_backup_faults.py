@@ -3,9 +3,7 @@ reported finished is right, and the next backup works."""
 import os
 import subprocess
 
-import pytest
-
-from fault_site import DATA, FaultList, fault_site, seeded
+from fault_site import DATA, fault_site, seeded
 from lab.backups import capture_of
 from lab.holds import Trace
 
@@ -13,19 +11,6 @@ SNAPSHOT = "/dev/tolvu0"
 RETRYING = "Sleeping, reconnecting, and retrying."
 WINDOW = 0.8 # of the copy: how often a thread calls isn't exactly the same each time
 POINTS = 3
-
-
-@pytest.fixture(scope="module")
-def faults():
-    made = FaultList(__name__)
-    yield made
-    made.write()
-
-
-@pytest.fixture
-def one_volume(agent, appliance):
-    with fault_site(appliance, agent, (DATA,)) as site:
-        yield site
 
 
 def points_of_copy(site, count, source):

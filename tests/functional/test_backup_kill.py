@@ -4,7 +4,7 @@ import subprocess
 
 import pytest
 
-from fault_site import DATA, FaultList, fault_site, log_file
+from fault_site import DATA, fault_site, log_file
 from lab.volumes import Volume
 
 # The thread is held before it has logged the line: what comes before is done, what follows isn't begun.
@@ -35,13 +35,6 @@ KINDS = ({"full": True}, {}, {"merge": True})
 TIGHT = DATA
 ROOMY = Volume("data", "ext4", mebibytes=480, mount_point="/mnt/data")
 XFS = Volume("files", "xfs", mebibytes=480, mount_point="/mnt/files")
-
-
-@pytest.fixture(scope="module")
-def faults():
-    made = FaultList(__name__)
-    yield made
-    made.write()
 
 
 @pytest.fixture

@@ -3,9 +3,6 @@ one connection that somebody on the way has forgotten."""
 import contextlib
 import time
 
-import pytest
-
-from fault_site import DATA, FaultList, fault_site
 from lab.volumes import run
 
 SNAPSHOT = "/dev/tolvu0"
@@ -13,19 +10,6 @@ READS = 5 # of the copy, before it is held
 PORT = 3260
 RETRYING = "Sleeping, reconnecting, and retrying."
 GIVEN_UP_SECONDS = 60 # by the connection, and by a command, that get no answer
-
-
-@pytest.fixture(scope="module")
-def faults():
-    made = FaultList(__name__)
-    yield made
-    made.write()
-
-
-@pytest.fixture
-def one_volume(agent, appliance):
-    with fault_site(appliance, agent, (DATA,)) as site:
-        yield site
 
 
 @contextlib.contextmanager

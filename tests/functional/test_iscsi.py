@@ -43,7 +43,8 @@ class Transport:
         self._process = subprocess.Popen(
             [program("IscsiCall"), name or target.name, portal or target.portal, str(lun or image.lun),
              str(offset), user, password],
-            stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=self._errors, text=True)
+            stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=self._errors)
+        self._received = b""
 
     def __enter__(self):
         return self
@@ -59,17 +60,23 @@ class Transport:
             assert self._process.returncode == 0
 
     def give(self, *words):
-        self._process.stdin.write(" ".join(map(str, words)) + "\n")
+        self._process.stdin.write((" ".join(map(str, words)) + "\n").encode())
         self._process.stdin.flush()
 
     def has_answer(self, seconds):
-        return bool(select.select([self._process.stdout], [], [], seconds)[0])
+        output = self._process.stdout.fileno()
+        while b"\n" not in self._received:
+            if not select.select([output], [], [], seconds)[0]:
+                return False
+            piece = os.read(output, 1 << 16)
+            assert piece, self.log()
+            self._received += piece
+        return True
 
     def take(self):
         """What the oldest command not answered yet has returned; as (-1, errno) if it has failed."""
         assert self.has_answer(SECONDS), self.log()
-        line = self._process.stdout.readline()
-        assert line, self.log()
+        line, _, self._received = self._received.partition(b"\n")
         answer = json.loads(line)
         return answer["result"] if answer["result"] >= 0 else (-1, answer["errno"])
 
