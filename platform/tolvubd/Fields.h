@@ -12,9 +12,8 @@ namespace tolvubd {
 /// Bytes of an image, with the numbers that stand in them.
 class Fields {
 public:
-    Fields(const Descriptor& image, std::uint64_t offset, std::size_t length) : bytes(length) {
-        isWhole = readAt(image, bytes, offset) == length;
-    }
+    Fields(const Descriptor& image, std::uint64_t offset, std::size_t length)
+        : bytes(length), isWhole(readAt(image, bytes, offset) == length) {}
 
     /// False when the image ends before them.
     explicit operator bool() const noexcept { return isWhole; }

@@ -33,12 +33,14 @@ std::vector<bool> findFreshUnits(const Moment& before, const Moment& after, cons
                                  std::uint64_t size) {
     std::optional<SpaceMap> then = readMap(before, size);
     std::optional<SpaceMap> now = readMap(after, size);
-    if (!then || !now || then->blockSize != now->blockSize || then->used.size() != now->used.size()) {
-        return std::vector<bool>(cow::unitsOf(size), true);
+    const bool isKnown =
+        then && now && then->blockSize == now->blockSize && then->used.size() == now->used.size();
+    std::vector<bool> fresh(cow::unitsOf(size), !isKnown);
+    if (!isKnown) {
+        return fresh;
     }
     set(then->used, before.own, then->blockSize, false);
     set(now->used, closed, now->blockSize, false);
-    std::vector<bool> fresh(cow::unitsOf(size));
     set(fresh, after.own, cow::unitSize, true);
     set(fresh, closed, cow::unitSize, false);
     for (std::uint64_t block = 0; block < now->used.size(); ++block) {

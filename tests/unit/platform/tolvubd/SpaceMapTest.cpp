@@ -53,8 +53,8 @@ TestVolume extVolume() {
     }
     volume.little(2048, 4, 3);      // the bitmap of the first group
     volume.little(2048 + 32, 4, 4); // and of the second
-    volume.little(3 * 1024, 4, 0x0000000F);
-    volume.little(4 * 1024, 4, 0xC0000001); // the last bit is behind the volume's end
+    volume.little(3UL * 1024, 4, 0x0000000F);
+    volume.little(4UL * 1024, 4, 0xC0000001); // the last bit is behind the volume's end
     return volume;
 }
 
