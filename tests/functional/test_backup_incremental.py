@@ -12,7 +12,7 @@ from change_records import UNIT
 MIB = 1 << 20
 STEPS = 20
 SMALL_FILES = 5000 # on each of two volumes
-METADATA = 2 * MIB # more than a journal takes for a handful of changes
+METADATA = 4 * MIB # more than a journal takes for a handful of changes
 
 
 def files_below(root):
@@ -191,8 +191,8 @@ class Changer:
 
 
 def test_long_chain_of_random_changes(protect, volumes):
-    """`BEKD_SEED` runs the chain of an earlier test again."""
-    seed = int(os.environ.get("BEKD_SEED", random.SystemRandom().randrange(1 << 32)))
+    """The same chain each time; another one with another `BEKD_SEED`."""
+    seed = int(os.environ.get("BEKD_SEED", 1))
     print(f"BEKD_SEED={seed}")
     changers = [Changer(root_of(partition), random.Random(f"{seed} {name}"))
                 for name, partition in volumes.items()]
