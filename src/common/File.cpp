@@ -59,15 +59,6 @@ bool copyBytes(int from, int to) {
     }
 }
 
-/// Makes a rename in the directory survive a power cut. A file system that can't sync a directory is no
-/// reason to fail: the content itself is on disk.
-void syncDirectory(const Path& directory) {
-    const FileDescriptor descriptor(::open(directory.str().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (descriptor) {
-        static_cast<void>(::fsync(descriptor.get()));
-    }
-}
-
 } // namespace
 
 bool exists(const std::string& path) {
@@ -164,6 +155,13 @@ bool writeAll(int descriptor, std::string_view content) noexcept {
     return true;
 }
 
+void sync(const std::string& path) {
+    const FileDescriptor descriptor(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+    if (descriptor) {
+        static_cast<void>(::fsync(descriptor.get()));
+    }
+}
+
 void replace(const std::string& path, std::string_view content, mode_t mode) {
     const std::string temporary = path + ".new";
     const std::string message = "Unable to write \"" + temporary + "\"";
@@ -179,7 +177,7 @@ void replace(const std::string& path, std::string_view content, mode_t mode) {
     }
     rename(temporary, path);
     unfinished.finished();
-    syncDirectory(Path(path).parent());
+    sync(Path(path).parent());
 }
 
 } // namespace agent::file

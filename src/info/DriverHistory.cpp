@@ -29,6 +29,10 @@ class TablePiece {
 public:
     static constexpr std::uint64_t largest = std::uint64_t{8} << 20U;
 
+    /// Room for any piece of a table of this size, and for a header.
+    explicit TablePiece(std::uint64_t tableSize)
+        : entries(std::clamp(tableSize, cow::tableOffset, largest) / cow::entrySize) {}
+
     std::span<std::byte> bytes(std::uint64_t length) {
         return std::as_writable_bytes(std::span(entries)).first(length);
     }
@@ -41,7 +45,7 @@ public:
     }
 
 private:
-    std::vector<std::uint64_t> entries = std::vector<std::uint64_t>(largest / cow::entrySize);
+    std::vector<std::uint64_t> entries;
 };
 
 bool fail(Logger& logger, const std::string& what) {
@@ -62,11 +66,15 @@ bool failWithout(Logger& logger, const std::string& what) {
 /// Writes the incremental history from a CoW file.
 class HistoryCopy {
 public:
-    HistoryCopy(Logger& logger, DriverFile source, DriverFile history)
-        : logger(logger), source(std::move(source)), history(std::move(history)) {}
+    HistoryCopy(Logger& logger, DriverFile source, DriverFile history, std::uint64_t tableSize)
+        : logger(logger),
+          source(std::move(source)),
+          history(std::move(history)),
+          tableSize(tableSize),
+          piece(tableSize) {}
 
     /// The next driver's record begins when this has returned: the history must not be lost with the power.
-    bool run(std::uint64_t tableSize, bool zeroFill) {
+    bool run(bool zeroFill) {
         if (!copy(cow::tableOffset)) {
             return false;
         }
@@ -96,16 +104,22 @@ private:
     Logger& logger;
     DriverFile source;
     DriverFile history;
+    std::uint64_t tableSize;
     TablePiece piece;
 };
 
 /// Adds the incremental history to a CoW file.
 class HistoryMerge {
 public:
-    HistoryMerge(Logger& logger, DriverFile history, DriverFile incremental)
-        : logger(logger), history(std::move(history)), incremental(std::move(incremental)) {}
+    HistoryMerge(Logger& logger, DriverFile history, DriverFile incremental, std::uint64_t tableSize)
+        : logger(logger),
+          history(std::move(history)),
+          incremental(std::move(incremental)),
+          tableSize(tableSize),
+          owed(tableSize),
+          changed(tableSize) {}
 
-    bool run(std::uint64_t tableSize) {
+    bool run() {
         // The two texts name each other's file; whoever reads logs of this agent knows them so.
         if (!history.seek(cow::tableOffset)) {
             return fail(logger, "Cannot seek past header in incremental file: ");
@@ -142,6 +156,7 @@ private:
     Logger& logger;
     DriverFile history;
     DriverFile incremental;
+    std::uint64_t tableSize;
     TablePiece owed;
     TablePiece changed;
 };
@@ -207,8 +222,8 @@ bool DriverController::makeHistory(const BackupableVolume& volume, bool zeroFill
     if (!history) {
         return fail(logger, "Cannot make history, cannot open incremental history file: ");
     }
-    return HistoryCopy(logger, std::move(source), std::move(history))
-        .run(cow::tableSize(volume.getSize()), zeroFill);
+    return HistoryCopy(logger, std::move(source), std::move(history), cow::tableSize(volume.getSize()))
+        .run(zeroFill);
 }
 
 bool DriverController::rollForward(const BackupableVolume& volume) {
@@ -232,8 +247,8 @@ bool DriverController::rollForward(const BackupableVolume& volume) {
     if (!incremental) {
         return fail(logger, "Cannot roll forward, cannot open incremental file ", incremental);
     }
-    if (!HistoryMerge(logger, std::move(history), std::move(incremental))
-             .run(cow::tableSize(volume.getSize()))) {
+    if (!HistoryMerge(logger, std::move(history), std::move(incremental), cow::tableSize(volume.getSize()))
+             .run()) {
         return false;
     }
     logger.log(level::debug, "Successfully merged incremental history");

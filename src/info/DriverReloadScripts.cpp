@@ -63,6 +63,8 @@ void DriverController::writeReloadScript(const BackupableVolume& volume) {
     if (::chmod(path.c_str(), scriptMode) != 0) {
         throw std::runtime_error("Failed to set permissions on incremental reload script");
     }
+    file::sync(path);
+    file::sync(dir::base());
 }
 
 void DriverController::tryWriteReloadScript(const BackupableVolume& volume, std::int32_t minor) {
@@ -86,10 +88,12 @@ void DriverController::deleteReloadScript(const BackupableVolume& volume) {
     deleteReloadScript(device.minor);
 }
 
+/// A script that a power cut brings back would give a device to the driver that is no longer tracked.
 void DriverController::deleteReloadScript(std::int32_t minor) {
     if (::unlink(scriptPath(minor).c_str()) != 0) {
         throw std::runtime_error("Failed to unlink file");
     }
+    file::sync(dir::base());
 }
 
 void DriverController::tryDeleteReloadScript(const std::function<void()>& deletion) {

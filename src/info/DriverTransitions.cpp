@@ -189,6 +189,10 @@ bool DriverController::transitionToIncremental(const BackupableVolume& volume) {
                "error from calling transition_incremental for device: %s minor: %d error: %d errno: %d",
                path.c_str(), minor, result, error);
     reportFailedTransition(volume, minor);
+    if (!isReloadScriptExempt(volume)) {
+        // It was written for a tracked device, and this isn't one.
+        tryDeleteReloadScript([&] { deleteReloadScript(minor); });
+    }
     return false;
 }
 

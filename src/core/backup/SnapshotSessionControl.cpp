@@ -18,6 +18,7 @@
 #include <mutex>
 #include <stdexcept>
 #include <unistd.h>
+#include <unordered_map>
 #include <unordered_set>
 #include <utility>
 
@@ -35,7 +36,14 @@ using info::level::warning;
 
 using IncrementalStates = std::unordered_map<std::string, bool>;
 
+/// What the record of changes holds that the driver has closed with a snapshot.
+enum class ClosedRecord {
+    sinceLastSnapshot, ///< without what failed backups before that owe
+    allThatIsOwed,
+};
+
 constexpr int tracking = 2;
+constexpr int activeSnapshot = 3;
 constexpr std::uint64_t bytesPerMiB = 1048576;
 /// What a change record has one entry for, and the size of that entry.
 constexpr std::uint64_t recordUnit = 4096;
@@ -82,14 +90,16 @@ private:
     bool hasSnapshotFiles(const BackupableVolume& volume);
     void checkIncrementalState(const Volumes& volumes, const IBackupAttributes& attributes,
                                IncrementalStates& states);
-    void startSnapshot(const BackupableVolume& volume, bool hasChangeRecord);
+    void startSnapshot(const BackupableVolume& volume, bool& hasChangeRecord);
+    void mergeHistory(const BackupableVolume& volume);
     bool isTracked(const BackupableVolume& volume);
     bool mountSnapshot(const BackupableVolume& volume, const std::string& snapshotPath);
     int tryToMount(const BackupableVolume& volume, const std::string& snapshotPath, const Path& target);
     void unmountAll();
     void unmount(const std::string& path);
-    void saveHistory(const BackupableVolume& volume, bool success);
-    void keepOwed(const BackupableVolume& volume);
+    void keepDebtOrAbandon(const BackupableVolume& volume);
+    bool keepDebt(const BackupableVolume& volume);
+    void abandon(const BackupableVolume& volume);
     void endSnapshot(const BackupableVolume& volume, IncrementalStates& states);
     void removeOldCowFiles(const Volumes& volumes);
     [[nodiscard]] std::vector<std::string> getSnapshotFiles(const BackupableVolume& volume) const;
@@ -100,9 +110,11 @@ private:
     info::ICowFileSize& cowFileSize;
     std::unique_ptr<info::IDriverController> driver;
     std::once_flag validateOnce;
-    /// The volumes of this session whose closed record lacks what earlier backups owe: a backup that isn't
-    /// incremental doesn't need it, unless it fails.
-    std::unordered_set<std::string> owing;
+    /// By UUID, what the closed records of this session hold. A volume that isn't in here is one whose debt
+    /// this session doesn't know: it never started the snapshot, or not from an intact record.
+    std::unordered_map<std::string, ClosedRecord> closedRecords;
+    /// By UUID, the volumes whose snapshots could neither be trusted nor be destroyed.
+    std::unordered_set<std::string> abandoned;
     const Path mountRoot = "/tmp/tolvuMountRoot";
 };
 
@@ -117,7 +129,7 @@ VolumeSnapshotInfos SnapshotSessionControl::Impl::startSnapshots(const Volumes& 
     checkIncrementalState(volumes, attributes, states);
     LogEntry(logger, info::level::info) << "Snapshot session successfully validated";
     unmountAll();
-    owing.clear();
+    closedRecords.clear();
     for (const auto& volume : volumes) {
         startSnapshot(*volume, states[volume->getUuid()]);
     }
@@ -195,16 +207,18 @@ void SnapshotSessionControl::Impl::checkIncrementalState(const Volumes& volumes,
     }
 }
 
-void SnapshotSessionControl::Impl::startSnapshot(const BackupableVolume& volume, bool hasChangeRecord) {
-    const bool mayOwe = !hasChangeRecord && isTracked(volume);
+/// `hasChangeRecord` becomes false if the device is no longer what it was when the session was validated.
+void SnapshotSessionControl::Impl::startSnapshot(const BackupableVolume& volume, bool& hasChangeRecord) {
+    const bool wasTracked = isTracked(volume);
+    hasChangeRecord = hasChangeRecord && wasTracked;
     if (!driver->startSnapshot(volume, cowFileSize)) {
         throw std::runtime_error("Failed to start snapshot!");
     }
-    if (mayOwe) {
-        owing.insert(volume.getUuid());
+    if (wasTracked) {
+        closedRecords[volume.getUuid()] = ClosedRecord::sinceLastSnapshot;
     }
-    if (hasChangeRecord && !driver->rollForward(volume)) {
-        throw std::runtime_error("Failed to roll forward!");
+    if (hasChangeRecord) {
+        mergeHistory(volume);
     }
     std::string snapshotPath;
     if (driver->getSnapshotPath(volume, snapshotPath)) {
@@ -212,9 +226,18 @@ void SnapshotSessionControl::Impl::startSnapshot(const BackupableVolume& volume,
     }
 }
 
+/// A merge that breaks off leaves a record that nobody can rely on.
+void SnapshotSessionControl::Impl::mergeHistory(const BackupableVolume& volume) {
+    closedRecords.erase(volume.getUuid());
+    if (!driver->rollForward(volume)) {
+        throw std::runtime_error("Failed to roll forward!");
+    }
+    closedRecords[volume.getUuid()] = ClosedRecord::allThatIsOwed;
+}
+
 bool SnapshotSessionControl::Impl::isTracked(const BackupableVolume& volume) {
     DriverDeviceInfo device;
-    return driver->getDeviceInfo(volume, device) && device.state == tracking;
+    return driver->getDeviceInfo(volume, device) && device.state == tracking && device.error == 0;
 }
 
 bool SnapshotSessionControl::Impl::mountSnapshot(const BackupableVolume& volume,
@@ -285,8 +308,13 @@ void SnapshotSessionControl::Impl::unmount(const std::string& path) {
 VolumeSnapshotInfos SnapshotSessionControl::Impl::transitionToIncremental(const Volumes& volumes,
                                                                           bool success) {
     unmountAll();
+    abandoned.clear();
     for (const auto& volume : volumes) {
-        saveHistory(*volume, success);
+        if (success) {
+            driver->makeHistory(*volume, true);
+        } else {
+            keepDebtOrAbandon(*volume);
+        }
     }
     IncrementalStates states;
     for (const auto& volume : volumes) {
@@ -297,31 +325,48 @@ VolumeSnapshotInfos SnapshotSessionControl::Impl::transitionToIncremental(const 
     return result;
 }
 
-void SnapshotSessionControl::Impl::saveHistory(const BackupableVolume& volume, bool success) {
-    if (!success && owing.contains(volume.getUuid())) {
-        keepOwed(volume);
-    }
-    driver->makeHistory(volume, success);
-    if (!success && !driver->revertOnFailure(volume)) {
+void SnapshotSessionControl::Impl::keepDebtOrAbandon(const BackupableVolume& volume) {
+    const bool isKept = keepDebt(volume);
+    const bool isReverted = driver->revertOnFailure(volume);
+    if (!isReverted) {
         LogEntry(logger, error) << "Failed to revert device " << volume.getDevice();
+    }
+    if (!isKept || !isReverted) {
+        abandon(volume);
     }
 }
 
-/// The record is about to take the place of the history, so it has to hold that too. Where it can't, the next
-/// backup must not rely on it: without a device all is compared.
-void SnapshotSessionControl::Impl::keepOwed(const BackupableVolume& volume) {
-    if (!driver->hasIncrementalHistory(volume) || driver->rollForward(volume)) {
-        return;
+/// Saves all that the volume owes to its image as the history, which the next backup begins with. Without a
+/// record of this session there is nothing to save: the history is either still right or of no use.
+bool SnapshotSessionControl::Impl::keepDebt(const BackupableVolume& volume) {
+    const auto record = closedRecords.find(volume.getUuid());
+    if (record == closedRecords.end()) {
+        return false;
     }
-    LogEntry(logger, error) << "Could not keep what earlier backups owe for volume "
-                            << volume.getDisplayName() << ", destroying snapshot";
-    if (!driver->destroyDevice(volume)) {
+    const bool isWhole = record->second == ClosedRecord::allThatIsOwed || driver->rollForward(volume);
+    return isWhole && driver->makeHistory(volume, false);
+}
+
+/// A snapshot whose debt isn't known must not become what the next changes are counted from. Without a device
+/// the next backup compares everything. A volume that is merely tracked has lost nothing and stays so.
+void SnapshotSessionControl::Impl::abandon(const BackupableVolume& volume) {
+    DriverDeviceInfo device;
+    if (driver->getDeviceInfo(volume, device)) {
+        if (device.state != activeSnapshot) {
+            return;
+        }
+        LogEntry(logger, warning) << "What volume " << volume.getDisplayName()
+                                  << " owes to its image is not known, destroying its snapshot";
+        if (driver->destroyDevice(volume)) {
+            return;
+        }
         LogEntry(logger, error) << "Could not destroy snapshot for " << volume.getUuid();
     }
+    abandoned.insert(volume.getUuid());
 }
 
 void SnapshotSessionControl::Impl::endSnapshot(const BackupableVolume& volume, IncrementalStates& states) {
-    if (!driver->transitionToIncremental(volume)) {
+    if (abandoned.contains(volume.getUuid()) || !driver->transitionToIncremental(volume)) {
         LogEntry(logger, error) << "Failed to transition volume " << volume.getDisplayName()
                                 << " to incremental. This volume may diff-merge next backup.";
     }

@@ -333,8 +333,15 @@ TEST_F(DriverTransitionsTest, DeviceThatVanishesInTheTransition) {
     DriverController other(recorder.logger, std::make_unique<VanishingController>(driver), statusFiles);
     recorder.clear();
     EXPECT_FALSE(other.transitionToIncremental(volume));
-    EXPECT_EQ(lines().back(),
+    EXPECT_EQ(linesAbove(level::warning).back(),
               (Line{level::error, "Unable to find device by minor 0 after transition_incremental failure."}));
+}
+
+TEST_F(DriverTransitionsTest, DeviceThatIsNotTrackedHasNoReloadScript) {
+    addDevice(3);
+    driver.outcomes["transition_incremental"] = {-1, EIO};
+    EXPECT_FALSE(controller.transitionToIncremental(volume));
+    EXPECT_FALSE(file::exists(script(0)));
 }
 
 TEST_F(DriverTransitionsTest, RevertOfAVolumeThatWasNotTracked) {

@@ -129,15 +129,23 @@ void CopyVolume::copy(const VolumeSnapshotInfo& snapshot, std::uint32_t type) {
     Copy copy(*this, snapshot);
     info::LogEntry(logger, info::level::info) << "Beginning copying volume " << volume->getDisplayName();
     copy.open(type == DIFFERENTIAL_MERGE);
-    addToDatabase();
-    copy.transfer(type == INCREMENTAL);
+    withdrawChecksum(type);
+    try {
+        copy.transfer(type == INCREMENTAL);
+    } catch (...) {
+        withdrawChecksum(type); // in case the database couldn't be told before
+        throw;
+    }
 }
 
-void CopyVolume::addToDatabase() {
+void CopyVolume::withdrawChecksum(std::uint32_t type) {
     try {
-        if (!dataProvider.hasVolume(uuid)) {
+        const bool isKnown = dataProvider.hasVolume(uuid);
+        if (!isKnown) {
             info::LogEntry(logger, info::level::debug)
                 << "Adding db entry of volume " << volume->getDisplayName();
+        }
+        if (!isKnown || type != INCREMENTAL) {
             dataProvider.setVolumeChecksum(uuid, 0, db::ChecksumType::libcrc32c);
         }
     } catch (const std::exception&) { // NOLINT(bugprone-empty-catch): see the declaration

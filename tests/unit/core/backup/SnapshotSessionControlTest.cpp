@@ -10,9 +10,19 @@ using info::level::warning;
 using test::messageOf;
 using testing::Contains;
 using testing::ElementsAre;
+using testing::IsEmpty;
 using testing::Not;
 
-class SnapshotSessionControlTest : public SnapshotSessionFixture {};
+constexpr const char* noDevice =
+    "Unable to determine incremental bitmap file name. No device available.";
+
+class SnapshotSessionControlTest : public SnapshotSessionFixture {
+protected:
+    /// The message of a failed end that finds a volume without a device.
+    std::string endFailure(const SnapshotSessionControl::Volumes& volumes) {
+        return messageOf<std::runtime_error>([&] { control->transitionToIncremental(volumes, false); });
+    }
+};
 
 TEST_F(SnapshotSessionControlTest, FirstSnapshotOfAVolume) {
     const auto volume = makeVolume(one);
@@ -263,22 +273,81 @@ TEST_F(SnapshotSessionControlTest, AnOldFileThatCannotBeRemoved) {
     EXPECT_TRUE(log.hasPart(info::level::info, "std::remove(\"" + mountPoint(one) + "/.tolvu1\") failed"));
 }
 
-TEST_F(SnapshotSessionControlTest, AFailedEndGoesOnForEachVolume) {
+/// The snapshots of a crashed backup show what no image has: the next changes may not be counted from them.
+TEST_F(SnapshotSessionControlTest, SnapshotsThatTheSessionHasNotStartedAreDestroyedAtAFailedEnd) {
     const auto first = makeVolume(one);
     const auto second = makeVolume(two);
     track(one, "/.tolvu", 3);
     track(two, "/.tolvu", 3);
-    driver->failing = {"makeHistory", "revertOnFailure " + one, "transitionToIncremental " + one};
-    const VolumeSnapshotInfos infos = control->transitionToIncremental({first, second}, false);
-    EXPECT_THAT(driver->calls,
-                ElementsAre("makeHistory " + one, "revertOnFailure " + one, "makeHistory " + two,
-                            "revertOnFailure " + two, "transitionToIncremental " + one,
-                            "transitionToIncremental " + two));
+    driver->failing = {"revertOnFailure"};
+    EXPECT_EQ(endFailure({first, second}), noDevice);
+    EXPECT_THAT(driver->calls, ElementsAre("revertOnFailure " + one, "destroyDevice " + one,
+                                           "revertOnFailure " + two, "destroyDevice " + two,
+                                           "transitionToIncremental " + one, "transitionToIncremental " + two));
     EXPECT_TRUE(log.has(error, "Failed to revert device /dev/disk1"));
+    EXPECT_TRUE(log.has(warning, "What volume " + one + " (" + mountPoint(one) +
+                                     ") owes to its image is not known, destroying its snapshot"));
     EXPECT_TRUE(log.has(error, "Failed to transition volume " + one + " (" + mountPoint(one) +
                                    ") to incremental. This volume may diff-merge next backup."));
-    EXPECT_FALSE(infos.at(one).incrementalPreserved);
-    EXPECT_TRUE(infos.at(two).incrementalPreserved);
+    EXPECT_THAT(driver->devices, IsEmpty());
+}
+
+TEST_F(SnapshotSessionControlTest, ASnapshotThatResistsIsNoBaselineEither) {
+    const auto volume = makeVolume(one);
+    track(one, "/.tolvu", 3);
+    driver->failing = {"revertOnFailure", "destroyDevice"};
+    control->transitionToIncremental({volume}, false);
+    EXPECT_EQ(driver->devices.at(one).state, 3);
+    EXPECT_THAT(driver->calls, Not(Contains("transitionToIncremental " + one)));
+    EXPECT_TRUE(log.has(error, "Could not destroy snapshot for " + one));
+}
+
+/// The session has failed before it came to the volume: what has been recorded so far is still right.
+TEST_F(SnapshotSessionControlTest, ATrackedVolumeThatWasNotSnapshottedKeepsItsDeviceAndItsHistory) {
+    const auto volume = makeVolume(one);
+    track(one);
+    driver->failing = {"revertOnFailure"};
+    control->transitionToIncremental({volume}, false);
+    EXPECT_EQ(driver->devices.at(one).state, 2);
+    EXPECT_THAT(driver->calls, Not(Contains("makeHistory " + one)));
+}
+
+TEST_F(SnapshotSessionControlTest, ADebtThatCannotBeKeptCostsTheDevice) {
+    const auto volume = makeVolume(one);
+    for (const char* failing : {"makeHistory", "revertOnFailure", "rollForward"}) {
+        track(one);
+        driver->failing.clear();
+        start({volume}, FULL);
+        driver->failing = {failing};
+        EXPECT_EQ(endFailure({volume}), noDevice) << failing;
+        EXPECT_FALSE(driver->devices.contains(one)) << failing;
+    }
+}
+
+TEST_F(SnapshotSessionControlTest, AMergeThatBrokeOffCostsTheDevice) {
+    const auto volume = makeVolume(one);
+    track(one);
+    driver->failing = {"rollForward"};
+    EXPECT_EQ(startFailure({volume}), "Failed to roll forward!");
+    driver->failing.clear();
+    EXPECT_EQ(endFailure({volume}), noDevice);
+    EXPECT_THAT(driver->calls, Not(Contains("makeHistory " + one)));
+}
+
+/// It has lost count, so nobody knows what the image lacks.
+TEST_F(SnapshotSessionControlTest, ADriverErrorBeforeAFailedBackupOfAnotherTypeCostsTheDevice) {
+    const auto volume = makeVolume(one);
+    track(one, "/.tolvu", 2, 5);
+    start({volume}, DIFFERENTIAL_MERGE);
+    EXPECT_EQ(endFailure({volume}), noDevice);
+}
+
+TEST_F(SnapshotSessionControlTest, AnIncrementalWhoseDeviceGoesMeanwhileIsNone) {
+    const auto volume = makeVolume(one);
+    track(one);
+    driver->lookups = 2;
+    EXPECT_FALSE(start({volume}).at(one).incrementalPreserved);
+    EXPECT_THAT(driver->calls, Not(Contains("rollForward " + one)));
 }
 
 TEST_F(SnapshotSessionControlTest, AFailedBackupOfAnotherTypeKeepsWhatEarlierOnesOwe) {
@@ -295,36 +364,13 @@ TEST_F(SnapshotSessionControlTest, AFailedBackupOfAnotherTypeKeepsWhatEarlierOne
     }
 }
 
-TEST_F(SnapshotSessionControlTest, NothingIsOwedAfterASuccessNorWithoutAHistoryNorByAnUntrackedVolume) {
+TEST_F(SnapshotSessionControlTest, NothingIsKeptOfAFirstSnapshotThatFails) {
     const auto volume = makeVolume(one);
-    const auto rollsForward = [&](bool success) {
-        writeCowFile(one, ".tolvu", 0);
-        writeCowFile(one, ".tolvu1", 0);
-        start({volume}, FULL);
-        control->transitionToIncremental({volume}, success);
-        const bool found = std::ranges::count(driver->calls, "rollForward " + one) > 0;
-        driver->calls.clear();
-        return found;
-    };
-    EXPECT_FALSE(rollsForward(false)) << "there was no device";
-    EXPECT_FALSE(rollsForward(true));
-    driver->hasHistory = false;
-    EXPECT_FALSE(rollsForward(false));
-    driver->hasHistory = true;
-    EXPECT_TRUE(rollsForward(false));
-}
-
-TEST_F(SnapshotSessionControlTest, ARecordThatCannotTakeWhatIsOwedIsGivenUp) {
-    const auto volume = makeVolume(one);
-    track(one);
     start({volume}, FULL);
-    driver->failing = {"rollForward"};
-    EXPECT_EQ(messageOf<std::runtime_error>([&] { control->transitionToIncremental({volume}, false); }),
-              "Unable to determine incremental bitmap file name. No device available.");
-    EXPECT_TRUE(log.has(error, "Could not keep what earlier backups owe for volume " + one + " (" +
-                                   mountPoint(one) + "), destroying snapshot"));
-    EXPECT_FALSE(driver->devices.contains(one));
-    EXPECT_FALSE(log.has(error, "Could not destroy snapshot for " + one));
+    driver->calls.clear();
+    EXPECT_EQ(endFailure({volume}), noDevice);
+    EXPECT_THAT(driver->calls, Not(Contains("rollForward " + one)));
+    EXPECT_THAT(driver->calls, Not(Contains("makeHistory " + one)));
 }
 
 TEST_F(SnapshotSessionControlTest, ADeviceThatGoesBeforeItsOldFileIsRemoved) {

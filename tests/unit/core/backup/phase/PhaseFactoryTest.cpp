@@ -449,9 +449,15 @@ protected:
         return faulty->hasFailed();
     }
 
+    /// Once something may have been written, an image that isn't owed a record has to be compared.
     void expectNothingVouchedFor() {
         EXPECT_THAT(states(), ElementsAre(VOLUME_FAILED));
-        EXPECT_EQ(storedChecksum("a"), lastChecksum);
+        const bool isUntouched = targets["a"]->image == last;
+        if (GetParam() == INCREMENTAL) {
+            EXPECT_EQ(storedChecksum("a"), lastChecksum);
+        } else if (!isUntouched) {
+            EXPECT_EQ(storedChecksum("a"), 0U);
+        }
     }
 
     void expectWholeImage() {

@@ -1,0 +1,52 @@
+#pragma once
+
+#include "info/BaseController.h"
+#include "model/World.h"
+
+#include <functional>
+#include <optional>
+
+namespace agent::model {
+
+/// The snapshot driver as its contract describes it, over volumes of a few numbers: states, CoW files that take
+/// turns, records of changes, refusals of what is in use, devices that sleep after a restart.
+/// Owns:    nothing; its state is the world's, so that it outlives a killed process as a driver's does.
+/// Threads: one.
+/// Fails:   as the driver's library: -1 with `errno`, nothing changed, unless a fault hits after the effect.
+class ModelDriver : public info::BaseController {
+public:
+    explicit ModelDriver(World& world) : world(world) {}
+
+    std::int32_t setup_snapshot(std::uint32_t minor, const char* blockDevice, const char* cowFile,
+                                std::uint64_t cowSizeMiB, std::uint64_t cacheSize) override;
+    std::int32_t transition_snapshot(std::uint32_t minor, const char* cowFile,
+                                     std::uint64_t cowSizeMiB) override;
+    std::int32_t transition_incremental(std::uint32_t minor) override;
+    std::int32_t destroy(std::uint32_t minor) override;
+    std::int32_t reload_snapshot(std::uint32_t minor, const char* blockDevice, const char* cowFile,
+                                 std::uint64_t cacheSize) override;
+    std::int32_t reload_incremental(std::uint32_t minor, const char* blockDevice, const char* cowFile,
+                                    std::uint64_t cacheSize) override;
+    std::int32_t reconfigure(std::uint32_t minor, std::uint64_t cacheSize) override;
+
+    /// The machine has been restarted.
+    void restart();
+    /// Runs the reload scripts that there are, as the machine does after a restart.
+    void runReloadScripts();
+    /// Writes the file that shows the devices.
+    void publish();
+
+private:
+    std::int32_t call(const std::function<int()>& work);
+    std::optional<std::size_t> find(std::uint32_t minor) const;
+    int takeSnapshot(std::size_t index, const char* cowFile);
+    void closeRecord(std::size_t index, const Device& device);
+    [[nodiscard]] std::string cowFileOf(std::size_t index) const;
+
+    World& world;
+};
+
+/// Whether something is mounted where a volume's snapshot belongs.
+bool isSnapshotMounted(std::size_t index);
+
+} // namespace agent::model
