@@ -1,0 +1,227 @@
+"""Faults on a volume that was in debt already: untracked, left in a snapshot, or owing what a failed backup has not
+brought. A backup that says "finished" afterwards has brought everything."""
+import pathlib
+import shutil
+import signal
+import subprocess
+
+import pytest
+
+from backup_site import write_script
+from fault_site import DATA, MORE, fault_site
+from lab.daemon import BASE, program
+from lab.snapshots import MOUNT_ROOT
+from snapshot_site import DRIVER_RUNTIME
+
+SECONDS = 120
+SEQUENCES = 3000
+PID_FILE = pathlib.Path("/run/daemon.pid")
+SCRIPTS = {
+    # Between the snapshots and the first write.
+    "killer": f'#!/bin/sh\n[ "$1" = PRE ] || kill -9 "$(cat {PID_FILE})"\n',
+    # Gone when it is asked for again, so that the backup fails between its snapshots and its first write.
+    "vanishing": f"#!/bin/sh\nrm {BASE}/pps/vanishing\n",
+    "filler": f"""#!/bin/sh
+cd "{DATA.mount_point}" && [ "$1" = POST ] && rm .tolvu.inc && dd if=/dev/zero of=ballast bs=4k
+""",
+    "sealer": f'#!/bin/sh\n[ "$1" = PRE ] || chattr +i "{DATA.mount_point}/.tolvu.inc"\n',
+    "blinder": f'#!/bin/sh\n[ "$1" = PRE ] || echo "{{" > {DRIVER_RUNTIME}/info\n',
+}
+
+
+@pytest.fixture
+def make_site(agent, appliance):
+    return lambda *volumes: fault_site(appliance, agent, volumes)
+
+
+def restart_machine():
+    """The driver forgets its devices, and no reload script gives one back."""
+    shutil.rmtree(DRIVER_RUNTIME)
+    take_a_turn()
+
+
+def take_a_turn():
+    """The driver writes its status anew."""
+    subprocess.run([program("tolvuctl"), "cleanup"], check=True)
+
+
+def start(site, *scripts, **kind):
+    for name in scripts:
+        write_script(name, SCRIPTS[name])
+    site.change()
+    return site.protection.start(volumes=site.protection.request(scripts=list(scripts)), **kind)
+
+
+def kill_after_snapshots(site, foreground):
+    """The next daemon finds the snapshots, and has them mounted."""
+    PID_FILE.write_text(str(site.daemon.pid), encoding="ascii")
+    backup = start(site, "killer")
+    assert site.daemon.wait() == -signal.SIGKILL
+    assert "Mounted /dev/tolvu0 " in backup.log
+    assert "Copy Volume" not in backup.log
+    site.daemon = foreground()
+
+
+def fail_after_snapshots(site, *scripts, **kind):
+    backup = start(site, *scripts, "vanishing", **kind).wait()
+    assert backup.state != "finished", backup.log
+    assert backup.status["snapshot_error"]
+    return backup
+
+
+def run_failing(site):
+    """A backup that what was left behind makes fail, whether or not its status says so."""
+    site.change()
+    backup = site.protection.start().wait()
+    assert backup.state != "finished", backup.log
+    return backup
+
+
+def history():
+    return pathlib.Path(DATA.mount_point, ".tolvu.inc")
+
+
+@pytest.mark.parametrize("volumes", [(DATA,), (DATA, MORE)], ids=["one", "two"])
+def test_leftover_snapshots_of_untracked_volumes(make_site, foreground, volumes):
+    """They show what no image has, so that they can't be what the next changes are counted from."""
+    with make_site(*volumes) as site:
+        restart_machine()
+        kill_after_snapshots(site, foreground)
+        backup = run_failing(site)
+        assert "Could not destroy snapshot for " in backup.log
+        assert "owes to its image is not known, destroying its snapshot" in backup.log
+        site.assert_recovered()
+
+
+def test_leftover_snapshot_that_somebody_looks_into(one_volume, foreground):
+    site = one_volume
+    restart_machine()
+    kill_after_snapshots(site, foreground)
+    with open(MOUNT_ROOT / site.site["data"].uuid / ".tolvu", "rb"):
+        run_failing(site)
+        assert site.site.states() == [3]
+    run_failing(site)
+    site.assert_recovered()
+
+
+def test_leftover_snapshot_met_by_a_backup_without_target(one_volume, foreground):
+    site = one_volume
+    restart_machine()
+    kill_after_snapshots(site, foreground)
+    site.target.kill()
+    backup = run_failing(site)
+    assert "Start Snapshotting" not in backup.log
+    site.target.start()
+    site.assert_recovered()
+
+
+def test_leftover_snapshot_met_by_a_cancelled_backup(one_volume, foreground):
+    site = one_volume
+    restart_machine()
+    kill_after_snapshots(site, foreground)
+    site.target.pause()
+    backup = start(site)
+    backup.wait_for_log("Beginning execution of the Validate Remote Targets phase.")
+    backup.cancel()
+    site.target.resume()
+    assert backup.wait().state != "finished"
+    assert "Start Snapshotting" not in backup.log
+    site.assert_recovered()
+
+
+def test_leftover_snapshot_of_a_volume_that_owes(one_volume, foreground):
+    site = one_volume
+    fail_after_snapshots(site)
+    kill_after_snapshots(site, foreground)
+    run_failing(site)
+    site.assert_recovered()
+
+
+def test_history_that_breaks_off(one_volume):
+    site = one_volume
+    fail_after_snapshots(site)
+    with open(history(), "r+b") as file:
+        file.truncate(history().stat().st_size // 2)
+    assert "Failed to roll forward!" in run_failing(site).log
+    site.assert_recovered()
+
+
+@pytest.mark.parametrize("kind", [{"merge": True}, {"full": True}], ids=["merge", "full"])
+def test_history_that_is_gone_when_another_type_fails(one_volume, kind):
+    site = one_volume
+    fail_after_snapshots(site)
+    history().unlink()
+    fail_after_snapshots(site, **kind)
+    site.assert_recovered()
+
+
+def test_history_without_room(one_volume):
+    site = one_volume
+    fail_after_snapshots(site)
+    backup = fail_after_snapshots(site, "filler")
+    assert "Unable to write to incremental history file " in backup.log
+    pathlib.Path(DATA.mount_point, "ballast").unlink()
+    site.assert_recovered()
+
+
+@pytest.mark.parametrize("kind", [{}, {"merge": True}], ids=["incremental", "merge"])
+def test_history_that_cannot_be_written(one_volume, kind):
+    site = one_volume
+    fail_after_snapshots(site)
+    backup = fail_after_snapshots(site, "sealer", **kind)
+    assert "Cannot make history, cannot open incremental history file: " in backup.log
+    subprocess.run(["chattr", "-i", history()], check=True)
+    site.assert_recovered()
+
+
+def test_driver_that_tells_nothing_at_the_end(one_volume):
+    site = one_volume
+    fail_after_snapshots(site)
+    backup = fail_after_snapshots(site, "blinder")
+    assert "Unable to parse tolvubd info" in backup.log
+    take_a_turn()
+    assert site.site.states() == [3]
+    run_failing(site)
+    site.assert_recovered()
+
+
+def test_image_of_a_full_backup_that_was_called_off_is_compared(one_volume):
+    """Its head may be right when the rest isn't."""
+    site = one_volume
+    steps = site.steps_of_copy("read", "/dev/tolvu0", full=True)
+    with site.held("read", steps[len(steps) // 2], paths=["/dev/tolvu0"], full=True) as (backup, hold):
+        backup.cancel()
+        hold.release()
+        assert backup.wait().state == "failed"
+    backup = site.back_up()
+    assert backup.type("data") == "differential"
+    assert " is zero indicating volume requires a DIFFERENTIAL_MERGE" in backup.log
+
+
+def test_reload_scripts_survive_a_power_cut_and_do_not_come_back(one_volume, tmp_path):
+    """What is written and what is removed is on the disk when the driver's state changes."""
+    site = one_volume
+    calls = tmp_path / "calls"
+    with site.site.session() as session:
+        session.trace("-y", "-e", "trace=fsync,unlink,chmod,rename", output=calls)
+        session.start()
+        session.end("success")
+    lines = [line for line in calls.read_text(encoding="utf-8").splitlines() if str(BASE) in line]
+    names = [line.split(maxsplit=1)[1].split(" = ")[0].rstrip() for line in lines]
+    directory = next(name for name in names if name.startswith("fsync(") and name.endswith(f"<{BASE}>)"))
+    script = f"{BASE}/reload_0"
+    removed = names.index(f'unlink("{script}")')
+    written = names.index(f'chmod("{script}", 0700)')
+    assert names[removed + 1] == directory
+    assert names[written + 1].endswith(f"<{script}>)")
+    assert names[written + 2] == directory
+
+
+def test_random_sequences_of_faults():
+    """The agent's session over a driver and volumes that are a few numbers: see tests/model. Other sequences with
+    other arguments: DebtModel SEQUENCES SEED."""
+    done = subprocess.run([program("DebtModel"), str(SEQUENCES), "1"], capture_output=True, text=True, check=False,
+                          timeout=10 * SECONDS)
+    print(done.stdout, done.stderr)
+    assert done.returncode == 0, done.stdout + done.stderr
+    assert f"{SEQUENCES} sequences of seed 1: 0 wrong" in done.stdout
