@@ -3,9 +3,11 @@
 #include "common/Path.h"
 #include "common/UUIDGenerator.h"
 #include "db/IDataProviderExtended.h"
+#include "db/QueryRunner.h"
 #include "db/qparam.h"
 #include "info/log/Logger.h"
 
+#include <exception>
 #include <mutex>
 
 namespace agent::db {
@@ -18,7 +20,8 @@ namespace agent::db {
 ///          process has locked, that can't be written or is no database fails the operation at once.
 class DataProvider : public IDataProviderExtended {
 public:
-    /// Creates `directory` with its parents; the file itself comes with validateProvider.
+    /// Creates `directory` with its parents; the file itself comes with validateProvider. Only root can open
+    /// it, also one that an earlier version has left open to others.
     DataProvider(info::Logger& logger, UUIDGenerator& uuidGenerator, const std::string& directory);
     DataProvider(const DataProvider&) = delete;
     DataProvider& operator=(const DataProvider&) = delete;
@@ -46,10 +49,15 @@ public:
 private:
     using Rows = std::vector<std::vector<qparam>>;
 
+    /// A connection to a file that nobody but root can open, and so lock. The mutex must be held.
+    QueryRunner open();
     /// One statement through a connection of its own, under the mutex.
     Rows query(const std::string& sql, const std::vector<qparam>& params);
     Rows queryChecksum(const std::string& uuid);
     std::string storedAgentUUID();
+    std::string storeIfMissing(const std::string& key, const std::string& value);
+    [[noreturn]] void failToSet(const std::string& key, const std::string& value,
+                                const std::exception& problem);
     std::string newAgentUUID();
 
     info::Logger& logger;
