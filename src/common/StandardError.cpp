@@ -25,7 +25,7 @@ void writeStandardError(std::string_view text) noexcept {
     if (hasRoom()) {
         const std::string_view whole = text.substr(0, wholeWrite);
         // Not tried again: what standard error doesn't take has nowhere else to go.
-        static_cast<void>(!::write(STDERR_FILENO, whole.data(), whole.size()));
+        [[maybe_unused]] const ssize_t written = ::write(STDERR_FILENO, whole.data(), whole.size());
     }
 }
 

@@ -2,6 +2,7 @@
 next backup."""
 import pathlib
 import re
+import signal
 import time
 
 import pytest
@@ -212,6 +213,26 @@ def test_second_backup_takes_over(one_volume, faults):
     assert first.state == "failed"
     assert site.judge(second) == "finished", second.log
     assert second.log.count("Beginning running backup phases...") == 1
+    site.assert_recovered()
+
+
+def test_stop_while_a_backup_waits_for_another(one_volume, foreground, faults):
+    """A stop calls off both: the one that runs ends, and the one behind it never begins."""
+    site = one_volume
+    begin = "Beginning execution of the Populate Volumes phase."
+    number = site.steps_of_copy("read", SNAPSHOTS[0], full=True)[5]
+    with site.held("read", number, paths=SNAPSHOTS, full=True) as (first, hold):
+        begun = first.log.count(begin)
+        site.protection.start()
+        site.daemon.send(signal.SIGTERM)
+        site.daemon.wait_for_log("BackupManager canceled all backups")
+        hold.release()
+        assert site.daemon.wait() == 0
+    faults.note("SIGTERM while a backup waits for another", "stopped")
+    assert first.log.count(begin) == begun
+    assert first.log.count("FAILED!") == 2
+    site.check_clean()
+    site.daemon = foreground()
     site.assert_recovered()
 
 

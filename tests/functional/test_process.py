@@ -166,7 +166,7 @@ def test_nobody_else_can_lock_what_the_agent_needs(background, database):
         for path in files:
             lock = subprocess.run(["flock", "--nonblock", path, "true"], capture_output=True, text=True,
                                   check=False, user="nobody", group="nogroup", extra_groups=[], cwd="/",
-                                  timeout=SECONDS)
+                                  env={"PATH": os.environ["PATH"], "LC_ALL": "C"}, timeout=SECONDS)
             assert lock.returncode != 0
             assert "Permission denied" in lock.stderr, path
             assert path.stat().st_mode & 0o7777 == 0o600

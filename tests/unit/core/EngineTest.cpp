@@ -196,15 +196,6 @@ TEST_F(EngineTest, ThreadIsReusedForTheNextBackup) {
     EXPECT_EQ(threadsLeft, 999);
 }
 
-TEST_F(EngineTest, QuestionAfterTheEndReapsTheThread) {
-    gate.open();
-    request();
-    EXPECT_TRUE(waitUntilIdle());
-    EXPECT_FALSE(engine->isBackupRunning());
-    engine->stop();
-    EXPECT_FALSE(record.has(3, "Waiting for backup thread to exit..."));
-}
-
 TEST_F(EngineTest, BackupWhoseThreadCannotBeMadeStaysKnown) {
     gate.open();
     {
