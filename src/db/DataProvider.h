@@ -3,7 +3,6 @@
 #include "common/Path.h"
 #include "common/UUIDGenerator.h"
 #include "db/IDataProviderExtended.h"
-#include "db/QueryRunner.h"
 #include "db/qparam.h"
 #include "info/log/Logger.h"
 
@@ -11,6 +10,8 @@
 #include <mutex>
 
 namespace agent::db {
+
+class QueryRunner;
 
 /// The store in one SQLite file, "agent.sqlite". Every operation opens a connection of its own and closes it
 /// again: nothing is cached, and no statement or file lock outlives a call.

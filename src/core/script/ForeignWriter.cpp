@@ -3,6 +3,7 @@
 #include <array>
 #include <cstdio>
 #include <filesystem>
+#include <iterator>
 #include <sys/stat.h>
 #include <system_error>
 
