@@ -195,6 +195,7 @@ def install(agent, authority, directory):
     """Puts the agent's three files where the agent looks for them."""
     directory = pathlib.Path(directory)
     directory.mkdir(parents=True, exist_ok=True)
+    (directory / "server.key").touch(mode=0o600)
     (directory / "server.key").write_bytes(agent.key.read_bytes())
     (directory / "server.pem").write_bytes(agent.certificate.read_bytes())
     (directory / "ca.crt").write_bytes(authority.certificate.read_bytes())

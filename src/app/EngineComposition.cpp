@@ -1,7 +1,7 @@
 #include "app/EngineComposition.h"
 
+#include "app/BackupHeartbeat.h"
 #include "core/Engine.h"
-#include "core/Heartbeat.h"
 #include "core/backup/Backup.h"
 #include "core/backup/BackupThread.h"
 #include "core/backup/SnapshotSessionControl.h"
@@ -10,39 +10,23 @@
 #include "core/script/Quiesce.h"
 #include "info/CowFileSize.h"
 
-#include <chrono>
 #include <utility>
 
 namespace agent::app {
 
 namespace {
 
-using core::Heartbeat;
 using core::backup::Backup;
 using core::backup::SnapshotSessionControl;
-
-/// How long the appliance may be silent about a backup that it has once watched.
-constexpr std::chrono::seconds heartbeatTimeout(180);
-
-/// A key that can't be read counts as not set: the watchdog is the safe side.
-bool isHeartbeatDisabled(db::IDataProviderExtended& dataProvider) {
-    try {
-        const std::string value = dataProvider.getConfigValue("disable_ordak_ping_timeout");
-        return value == "true" || value == "1";
-    } catch (const std::exception&) {
-        return false;
-    }
-}
 
 std::unique_ptr<core::backup::IBackup>
 makeBackup(info::Logger& logger, core::backup::IPhaseFactory& phaseFactory,
            db::IDataProviderExtended& dataProvider,
            std::shared_ptr<core::backup::IBackupAttributes> backupAttributes,
            std::shared_ptr<core::backup::ISnapshotAttributes> snapshotAttributes) {
-    std::unique_ptr<Heartbeat> heartbeat;
+    std::unique_ptr<core::Heartbeat> heartbeat = makeBackupHeartbeat(dataProvider);
     std::function<void()> poll;
-    if (!isHeartbeatDisabled(dataProvider)) {
-        heartbeat = std::make_unique<Heartbeat>(heartbeatTimeout);
+    if (heartbeat) {
         poll = [watched = heartbeat.get()] { watched->check(); };
     }
     return std::make_unique<Backup>(

@@ -4,6 +4,7 @@
 #include "app/Composition.h"
 #include "common/BrokenPipeGuard.h"
 #include "common/Flock.h"
+#include "common/StandardError.h"
 #include "common/TerminationSignals.h"
 #include "info/log/LoggingStack.h"
 
@@ -14,6 +15,7 @@
 #include <cstdlib>
 #include <iostream>
 #include <memory>
+#include <string>
 #include <unistd.h>
 
 namespace agent::app {
@@ -28,10 +30,18 @@ enum ExitStatus { refused = 1, failed = 2 };
 /// agent is started: until then there is nothing to stop.
 std::atomic<IService*> runningAgent = nullptr; // NOLINT(cppcoreguidelines-avoid-non-const-global-variables)
 
+/// Whether a shutdown has begun. It is never taken back: the process ends with it.
+std::atomic_flag stopping; // NOLINT(cppcoreguidelines-avoid-non-const-global-variables)
+
 /// The whole shutdown runs in here. An agent that can't stop, or that is still starting, throws, and the
-/// process ends abnormally: no orderly stop can be claimed then.
+/// process ends abnormally: no orderly stop can be claimed then. A further signal meets either the thread
+/// that is stopping, which holds it back, or a thread that some library has made, which has to leave the stop
+/// to the first.
 extern "C" void onTerminationSignal(int /*signal*/) noexcept {
     const TerminationSignalsBlocked oneStopIsEnough;
+    if (stopping.test_and_set()) {
+        return;
+    }
     {
         const BrokenPipeGuard terminalMayBeGone;
         std::puts("Stopping services...\r");
@@ -75,8 +85,21 @@ bool takeLock(info::Logger& logger, std::unique_ptr<Flock>& lock) {
     }
 }
 
+/// Lets a termination signal find the agent. Its end is the way out of a start that has failed: what happens
+/// from then on is for the top of main alone to tell, so no signal interrupts it any more.
+class ReachableBySignal {
+public:
+    explicit ReachableBySignal(IService& agent) { runningAgent = &agent; }
+    ReachableBySignal(const ReachableBySignal&) = delete;
+    ReachableBySignal& operator=(const ReachableBySignal&) = delete;
+    ~ReachableBySignal() {
+        blockTerminationSignals();
+        runningAgent = nullptr;
+    }
+};
+
 [[noreturn]] void serve(ordak::TolvuBackupAgent& agent) {
-    runningAgent = &agent;
+    const ReachableBySignal reachable(agent);
     agent.start();
     for (;;) {
         ::pause();
@@ -103,8 +126,8 @@ int runAndReport(const CommandLine& commandLine) {
         run(commandLine, lock);
         return refused;
     } catch (const std::exception& error) {
-        std::cerr << "Unhandled Exception reached the top of main: " << error.what()
-                  << ", application will now exit" << std::endl;
+        writeStandardError("Unhandled Exception reached the top of main: " + std::string(error.what()) +
+                           ", application will now exit\n");
         return failed;
     } catch (...) {
         lock.reset(); // what follows unwinds nothing
@@ -117,7 +140,7 @@ int runAndReport(const CommandLine& commandLine) {
 /// The whole of main. Returns its exit status.
 static int runDaemon(int argc, char** argv) {
     if (::getuid() != 0) {
-        std::cerr << "Cannot start agent: Must be run as root." << std::endl;
+        writeStandardError("Cannot start agent: Must be run as root.\n");
         return refused;
     }
     const std::optional<CommandLine> commandLine = parseCommandLine(argc, argv);

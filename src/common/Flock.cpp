@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <stdexcept>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <utility>
 
@@ -15,6 +16,8 @@ Flock::Flock(std::string path)
     if (!descriptor) {
         throw std::runtime_error("Unable to lock file");
     }
+    // Whoever can open the file can hold its lock, and with it every later start of the agent back.
+    static_cast<void>(::fchmod(descriptor.get(), S_IRUSR | S_IWUSR));
     if (::flock(descriptor.get(), LOCK_EX | LOCK_NB) != 0) {
         throw std::runtime_error(errno == EAGAIN ? "File already locked" : "Unknown lock failure");
     }

@@ -7,6 +7,7 @@
 namespace agent {
 
 /// The lock on a file that keeps a second instance out, and tells the process identifier of the first.
+/// Only root can read the file, since a lock needs no more than that.
 /// Owns:    the open, locked file; the destructor closes it and removes the path.
 /// Threads: one.
 /// Fails:   std::runtime_error, with `errno` as the failed call has left it: EAGAIN for a file that another

@@ -102,6 +102,16 @@ void DataMigrator::migrateDevice(LegacyDatabase& legacy) {
         logger.log(info::level::info, "There was no device ID to migrate in the legacy DB.");
         return;
     }
+    std::int32_t present = 0;
+    std::string ip;
+    std::string agentUUID;
+    if (dataProvider.getDevice(present, ip, agentUUID)) {
+        logger.log(info::level::info,
+                   "The agent is paired with device %d already, so the one of the legacy DB "
+                   "stays unused.",
+                   present);
+        return;
+    }
     dataProvider.setDevice(id, "", "");
 }
 
@@ -122,13 +132,21 @@ void DataMigrator::migrateVolumes(LegacyDatabase& legacy) {
 }
 
 void DataMigrator::migrateVolume(LegacyDatabase& legacy, const info::BackupableVolume& volume) {
+    if (dataProvider.hasVolume(volume.getUuid())) {
+        logger.log(info::level::info, "What is known about volume %s is newer than the legacy DB, and stays.",
+                   volume.getUuid().c_str());
+        return;
+    }
     const std::uint32_t checksum =
         legacy.selectLastChecksum(isLinux() ? "device" : "volume", volume.getUuid());
     if (checksum != 0) {
         dataProvider.setVolumeChecksum(volume.getUuid(), checksum, legacyChecksumType());
     }
     // A volume that is tracked already is owed nothing; without this file it would count as damaged.
-    makeDriver()->makeHistory(volume, true);
+    const std::unique_ptr<info::IDriverController> driver = makeDriver();
+    if (!driver->hasIncrementalHistory(volume)) {
+        driver->makeHistory(volume, true);
+    }
 }
 
 void DataMigrator::migrateCowSizes(LegacyDatabase& legacy, Config& config) {
@@ -147,10 +165,13 @@ void DataMigrator::migrateCowSizes(LegacyDatabase& legacy, Config& config) {
     if (percent == 0) {
         percent = standardPercent;
     }
+    const nlohmann::json present = config.dump();
     nlohmann::json sizes = nlohmann::json::object();
     for (const auto& volume : namedVolumes(volumeProvider)) {
-        sizes["volumes." + volume->getUuid() + ".cowFileSizeMiB"] =
-            cowMiB(volume->getSize(), percent, mostMegs);
+        const std::string key = "volumes." + volume->getUuid() + ".cowFileSizeMiB";
+        if (!present.contains(key)) {
+            sizes[key] = cowMiB(volume->getSize(), percent, mostMegs);
+        }
     }
     config.set(sizes);
 }

@@ -27,7 +27,11 @@ class LegacyDatabase;
 /// Owns:    nothing; logger, data provider and volume provider must outlive it.
 /// Threads: the one that starts the agent.
 /// Fails:   with false, logged, if a store or the list of volumes can't be had, or the file can't be renamed.
-///          What has been moved by then stays, and the next start moves it again.
+///          What has been moved by then stays, and the next start moves the rest.
+///
+/// It may thus run again when the agent has long been at work. What exists already is newer, and stays: the
+/// pairing, a volume that the database has a row of, a volume's history, the size of a CoW file. Above all, a
+/// history that owes blocks must not be made anew as one that owes none.
 class DataMigrator : public IDataMigrator {
 public:
     using DriverFactory = std::function<std::unique_ptr<info::IDriverController>()>;

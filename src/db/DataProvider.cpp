@@ -2,6 +2,7 @@
 
 #include "common/Directory.h"
 #include "common/Exceptions.h"
+#include "db/PrivateFile.h"
 #include "db/QueryRunner.h"
 #include "db/SchemaUpgrade.h"
 #include "db/TransactionGuard.h"
@@ -104,19 +105,17 @@ std::string DataProvider::getConfigValue(const std::string& key) {
 void DataProvider::setConfigValue(const std::string& key, const std::string& value) {
     const std::lock_guard lock(mutex);
     try {
-        QueryRunner runner(logger, databasePath);
+        QueryRunner runner = open();
         runner.RunUpdate("delete from config where key = ?;", {qparam(key)});
         runner.RunUpdate("insert into config (key, value) values(?, ?);", {qparam(key), qparam(value)});
     } catch (const std::exception& problem) {
-        const std::string failure = "Unable to set value " + value + " for key " + key;
-        info::LogEntry(logger, info::level::error) << failure << ": " << problem.what();
-        throw std::runtime_error(failure);
+        failToSet(key, value, problem);
     }
 }
 
 void DataProvider::setVolumeChecksum(const std::string& uuid, std::uint32_t checksum, ChecksumType type) {
     const std::lock_guard lock(mutex);
-    QueryRunner runner(logger, databasePath);
+    QueryRunner runner = open();
     const std::string value = std::to_string(checksum);
     runner.RunUpdate("INSERT OR IGNORE INTO volumes ( volume_uuid ) VALUES ( ? );", {qparam(uuid)});
     runner.RunUpdate("UPDATE volumes SET image_checksum = ?, image_checksum_type = ?WHERE volume_uuid = ?;",
@@ -128,7 +127,7 @@ void DataProvider::setVolumeChecksum(const std::string& uuid, std::uint32_t chec
 void DataProvider::validateProvider() {
     info::LogEntry(logger, info::level::debug) << "Starting validateProvider.";
     const std::lock_guard lock(mutex);
-    QueryRunner runner(logger, databasePath);
+    QueryRunner runner = open();
     runner.RunUpdate("BEGIN TRANSACTION;", {});
     // Commits also when a step below throws: what has been done until then stays done.
     const TransactionGuard guard(logger, runner, true);
@@ -152,7 +151,7 @@ bool DataProvider::getDevice(std::int32_t& id, std::string& ip, std::string& age
 void DataProvider::setDevice(std::int32_t id, const std::string& ip, const std::string& agentUUID) {
     const std::lock_guard lock(mutex);
     try {
-        QueryRunner runner(logger, databasePath);
+        QueryRunner runner = open();
         runner.RunUpdate("delete from device;", {});
         runner.RunUpdate("insert into device (id, ip, agentUUID) values(?, ?, ?);",
                          {qparam(id), qparam(ip), qparam(agentUUID)});
@@ -217,7 +216,7 @@ void DataProvider::setVolumeJournalChangeId(const std::string& uuid, ChangeConte
                                             std::uint64_t journalId, std::uint64_t changeId) {
     const JournalContext& chosen = select(context);
     const std::lock_guard lock(mutex);
-    QueryRunner runner(logger, databasePath);
+    QueryRunner runner = open();
     runner.RunUpdate(insertJournalRow, {qparam(uuid)});
     runner.RunUpdate(std::string("UPDATE change_journal SET ") + chosen.journalColumn + " = ?, " +
                          chosen.changeColumn + " = ? WHERE volume_uuid = ?;",
@@ -229,7 +228,7 @@ void DataProvider::setVolumeJournalChangeId(const std::string& uuid, ChangeConte
 
 void DataProvider::setVolumeIncrementalSizeBlocks(const std::string& uuid, std::uint64_t blocks) {
     const std::lock_guard lock(mutex);
-    QueryRunner runner(logger, databasePath);
+    QueryRunner runner = open();
     runner.RunUpdate(insertJournalRow, {qparam(uuid)});
     runner.RunUpdate("UPDATE change_journal SET incremental_size_blocks= ? WHERE volume_uuid = ?;",
                      {unsignedParam(blocks), qparam(uuid)});
@@ -265,13 +264,21 @@ std::string DataProvider::getAgentUUID() {
         return {};
     }
     logger.log(info::level::info, "Generated new agentUUID: %s", generated.c_str());
-    setConfigValue(agentUUIDKey, generated);
-    return generated;
+    stored = storeIfMissing(agentUUIDKey, generated);
+    if (stored != generated) {
+        logger.log(info::level::info, "Agent installation UUID: %s", stored.c_str());
+    }
+    return stored;
+}
+
+QueryRunner DataProvider::open() {
+    keepPrivate(databasePath);
+    return {logger, databasePath};
 }
 
 DataProvider::Rows DataProvider::query(const std::string& sql, const std::vector<qparam>& params) {
     const std::lock_guard lock(mutex);
-    QueryRunner runner(logger, databasePath);
+    QueryRunner runner = open();
     Rows rows;
     runner.RunQuery(sql, params, rows);
     return rows;
@@ -293,6 +300,32 @@ std::string DataProvider::storedAgentUUID() {
     } catch (const std::exception&) {
         return {};
     }
+}
+
+/// A value that could not be read a moment ago, because somebody had the database locked, is stored all the
+/// same, and must not be replaced. Returns the value that is stored now.
+std::string DataProvider::storeIfMissing(const std::string& key, const std::string& value) {
+    const std::lock_guard lock(mutex);
+    Rows rows;
+    try {
+        QueryRunner runner = open();
+        runner.RunUpdate("delete from config where key = ? and ifnull(value, '') = '';", {qparam(key)});
+        runner.RunUpdate("insert into config (key, value) select ?, ? "
+                         "where not exists (select 1 from config where key = ?);",
+                         {qparam(key), qparam(value), qparam(key)});
+        runner.RunQuery("select value from config where key = ?;", {qparam(key)}, rows);
+    } catch (const std::exception& problem) {
+        failToSet(key, value, problem);
+    }
+    return rows.empty() ? value : rows.front().front().text;
+}
+
+/// Logs and throws what a value that can't be stored means for the caller.
+void DataProvider::failToSet(const std::string& key, const std::string& value,
+                             const std::exception& problem) {
+    const std::string failure = "Unable to set value " + value + " for key " + key;
+    info::LogEntry(logger, info::level::error) << failure << ": " << problem.what();
+    throw std::runtime_error(failure);
 }
 
 std::string DataProvider::newAgentUUID() {

@@ -6,9 +6,12 @@
 #include "db/qparam.h"
 #include "info/log/Logger.h"
 
+#include <exception>
 #include <mutex>
 
 namespace agent::db {
+
+class QueryRunner;
 
 /// The store in one SQLite file, "agent.sqlite". Every operation opens a connection of its own and closes it
 /// again: nothing is cached, and no statement or file lock outlives a call.
@@ -18,7 +21,8 @@ namespace agent::db {
 ///          process has locked, that can't be written or is no database fails the operation at once.
 class DataProvider : public IDataProviderExtended {
 public:
-    /// Creates `directory` with its parents; the file itself comes with validateProvider.
+    /// Creates `directory` with its parents; the file itself comes with validateProvider. Only root can open
+    /// it, also one that an earlier version has left open to others.
     DataProvider(info::Logger& logger, UUIDGenerator& uuidGenerator, const std::string& directory);
     DataProvider(const DataProvider&) = delete;
     DataProvider& operator=(const DataProvider&) = delete;
@@ -46,10 +50,15 @@ public:
 private:
     using Rows = std::vector<std::vector<qparam>>;
 
+    /// A connection to a file that nobody but root can open, and so lock. The mutex must be held.
+    QueryRunner open();
     /// One statement through a connection of its own, under the mutex.
     Rows query(const std::string& sql, const std::vector<qparam>& params);
     Rows queryChecksum(const std::string& uuid);
     std::string storedAgentUUID();
+    std::string storeIfMissing(const std::string& key, const std::string& value);
+    [[noreturn]] void failToSet(const std::string& key, const std::string& value,
+                                const std::exception& problem);
     std::string newAgentUUID();
 
     info::Logger& logger;

@@ -1,5 +1,7 @@
 #include "info/UdisksSession.h"
 
+#include "common/TerminationSignals.h"
+
 #include <stdexcept>
 
 namespace agent::info {
@@ -14,7 +16,11 @@ constexpr const char* noService =
 }
 
 /// The connection that the whole process shares. GLib would end the process along with the bus.
+///
+/// GLib makes the bus's thread here and keeps it for good. It inherits the signals that are blocked, and must
+/// never be the one on which the agent is stopped.
 GObjectOwner<GDBusConnection> connectToSystemBus() {
+    const TerminationSignalsBlocked inherited;
     GErrorOwner error;
     GObjectOwner<GDBusConnection> connection(g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, error.out()));
     if (!connection) {
@@ -25,6 +31,7 @@ GObjectOwner<GDBusConnection> connectToSystemBus() {
 }
 
 GObjectOwner<UDisksClient> makeClient() {
+    const TerminationSignalsBlocked inherited; // by threads that GLib may make for what it asks the service
     GErrorOwner error;
     GObjectOwner<UDisksClient> client(udisks_client_new_sync(nullptr, error.out()));
     if (!client) {

@@ -129,6 +129,28 @@ bool belongTogether(gnutls_x509_crt_t certificate, gnutls_x509_privkey_t key) {
            keyId(key, &gnutls_x509_privkey_get_key_id, "gnutls_x509_privkey_get_key_id failed");
 }
 
+/// Whether `issuer` has signed `certificate`. Their dates don't matter here: on its first start a machine may
+/// not have its clock set.
+bool hasIssued(gnutls_x509_crt_t issuer, gnutls_x509_crt_t certificate) {
+    constexpr unsigned refusals = GNUTLS_CERT_SIGNER_NOT_FOUND | GNUTLS_CERT_SIGNER_NOT_CA |
+                                  GNUTLS_CERT_SIGNATURE_FAILURE | GNUTLS_CERT_SIGNER_CONSTRAINTS_FAILURE;
+    unsigned status = 0;
+    check(gnutls_x509_crt_verify(certificate, &issuer, 1, GNUTLS_VERIFY_DISABLE_TIME_CHECKS, &status),
+          "gnutls_x509_crt_verify failed");
+    return (status & refusals) == 0;
+}
+
+/// The authority decides who may give the agent orders. One that has nothing to do with the agent's own
+/// certificate is no answer to what was asked.
+void checkIssuer(const Certificates& certificates) {
+    const std::string action = "retrieveCaCert";
+    const X509Certificate own = importCertificate("issueCert", certificates.certificate);
+    if (!hasIssued(importCertificate(action, certificates.ca).get(), own.get())) {
+        throw exception::bad_response(callName(action) +
+                                      " certificate can't be used: it is not the issuer of the agent's");
+    }
+}
+
 } // namespace
 
 /// Keeps GnuTLS and libgcrypt set up.
@@ -175,6 +197,7 @@ void CertificateGenerator::generate() {
     certificates.key = keyPem;
     certificates.certificate = issueCert();
     certificates.ca = retrieveCaCert();
+    checkIssuer(certificates);
     storeCertificates(certificates, logger);
 }
 

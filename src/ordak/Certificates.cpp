@@ -7,6 +7,7 @@
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
+#include <sys/stat.h>
 
 namespace agent::ordak {
 
@@ -25,6 +26,21 @@ std::string read(const char* name) {
 
 Certificates readAll() {
     return {read(keyName), read(certificateName), read(caName)};
+}
+
+/// A key that others can read is narrowed, and the administrator told: it may have been read before.
+void closeKey(info::Logger& logger) {
+    const std::string path = certificatesDirectory() / keyName;
+    constexpr mode_t others = S_IRWXG | S_IRWXO;
+    struct ::stat found {};
+    if (::stat(path.c_str(), &found) != 0 || !S_ISREG(found.st_mode) || (found.st_mode & others) == 0) {
+        return;
+    }
+    const bool isClosed = ::chmod(path.c_str(), S_IRUSR | S_IWUSR) == 0;
+    logger.log(info::level::warning, "%s could be used by others than its owner (mode %04o)%s", path.c_str(),
+               found.st_mode & 07777U,
+               isClosed ? "; now it can't. Have a new one made if anybody may have read it"
+                        : ", and this can't be changed");
 }
 
 /// The names of the files that have no content, each with a blank before it; empty if nothing is missing.
@@ -62,6 +78,7 @@ Path certificatesDirectory() {
 }
 
 void loadOrCreate(Certificates& certificates, info::Logger& logger, const std::function<void()>& generate) {
+    closeKey(logger);
     certificates = readAll();
     const std::string missingAtFirst = missing(certificates);
     if (missingAtFirst.empty()) {

@@ -18,10 +18,10 @@ struct Certificates {
 /// "certs" below the base directory.
 Path certificatesDirectory();
 
-/// Reads the three files. If one is missing or empty, `generate` has to make them all, and they are read
-/// again. Whether key and certificate belong together is not asked here: the TLS library refuses a pair that
-/// doesn't, so that the server won't start with it. Throws std::runtime_error, which names the missing files,
-/// after logging the same text.
+/// Reads the three files. A key that others than its owner can read is closed to them, with a warning. If one
+/// is missing or empty, `generate` has to make them all, and they are read again. Whether key and certificate
+/// belong together is not asked here: the TLS library refuses a pair that doesn't, so that the server won't
+/// start with it. Throws std::runtime_error, which names the missing files, after logging the same text.
 void loadOrCreate(Certificates& certificates, info::Logger& logger, const std::function<void()>& generate);
 
 /// Replaces the three files, creating the directory if needed. Whatever interrupts this, no key stands beside

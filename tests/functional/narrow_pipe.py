@@ -52,6 +52,17 @@ class NarrowPipe:
         os.close(self.reader)
 
 
+def fill(pipe):
+    """Leaves no room in a pipe, of which either end will do. Nothing of it shows on descriptors that others
+    share."""
+    own = os.open(f"/proc/self/fd/{pipe}", os.O_WRONLY | os.O_NONBLOCK)
+    try:
+        while True:
+            os.write(own, b" ")
+    except BlockingIOError:
+        os.close(own)
+
+
 def is_asleep(pid):
     """Whether a process waits for something that a signal can interrupt."""
     with open(f"/proc/{pid}/stat", encoding="ascii") as stat:

@@ -2,6 +2,7 @@
 next backup."""
 import pathlib
 import re
+import signal
 import time
 
 import pytest
@@ -183,6 +184,21 @@ def test_silent_appliance(one_volume, faults):
     site.assert_recovered()
 
 
+def test_appliance_that_may_be_silent(one_volume, database):
+    """With the watchdog switched off in the database, a backup that is begun from then on has none."""
+    site = one_volume
+    database("insert into config (key, value) values ('disable_ordak_ping_timeout', '1')")
+    number = site.steps_of_copy("read", SNAPSHOTS[0])[5]
+    with site.held("read", number, paths=SNAPSHOTS) as (backup, hold):
+        shorten_silence(site.daemon)
+        assert backup.state == "active"
+        time.sleep(2 * SHORT_SILENCE / 10**9) # this is the silence
+        hold.release()
+        site.daemon.wait_for(lambda: backup.has_ended, "the end of the backup")
+    assert backup.state == "finished", backup.log
+    assert "lost ordak ping" not in backup.log
+
+
 def test_second_backup_takes_over(one_volume, faults):
     """The first is called off, and the second waits until it has ended."""
     site = one_volume
@@ -200,9 +216,29 @@ def test_second_backup_takes_over(one_volume, faults):
     site.assert_recovered()
 
 
+def test_stop_while_a_backup_waits_for_another(one_volume, foreground, faults):
+    """A stop calls off both: the one that runs ends, and the one behind it never begins."""
+    site = one_volume
+    begin = "Beginning execution of the Populate Volumes phase."
+    number = site.steps_of_copy("read", SNAPSHOTS[0], full=True)[5]
+    with site.held("read", number, paths=SNAPSHOTS, full=True) as (first, hold):
+        begun = first.log.count(begin)
+        site.protection.start()
+        site.daemon.send(signal.SIGTERM)
+        site.daemon.wait_for_log("BackupManager canceled all backups")
+        hold.release()
+        assert site.daemon.wait() == 0
+    faults.note("SIGTERM while a backup waits for another", "stopped")
+    assert first.log.count(begin) == begun
+    assert first.log.count("FAILED!") == 2
+    site.check_clean()
+    site.daemon = foreground()
+    site.assert_recovered()
+
+
 def test_seven_backups_in_a_row(one_volume, faults):
     """Six may wind down behind the one that is asked for; the next is refused. A cancelled one that hasn't
-    begun yet runs all the same, so those finish, one after the other."""
+    begun yet never does: only the last one runs."""
     site = one_volume
     number = site.steps_of_copy("read", SNAPSHOTS[0])[5]
     with site.held("read", number, paths=SNAPSHOTS) as (first, hold):
@@ -215,5 +251,7 @@ def test_seven_backups_in_a_row(one_volume, faults):
                              "all backups", 3 * SECONDS)
     faults.note("seven backups at once", site.judge(others[-1]))
     assert others[-1].state == "finished"
-    assert first.log.count("FAILED!") == 1
+    assert {backup.state for backup in [first, *others[:-1]]} == {"failed"}
+    assert first.log.count("FAILED!") == MOST_WINDING_DOWN
+    assert first.log.count("Beginning execution of the Populate Volumes phase.") == 2
     site.assert_recovered()

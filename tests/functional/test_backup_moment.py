@@ -1,6 +1,7 @@
 """The moment of the snapshot: what runs around it, what it needs room for, what keeps it from happening."""
 import dataclasses
 import os
+import pathlib
 
 import pytest
 
@@ -100,6 +101,20 @@ def test_script_that_is_not_there_fails_the_backup_before_any_snapshot(protectio
     assert backup.state == "failed", backup.log
     assert ('Quiesce script "/etc/tolvu/bek/pps/nobody" not found; it may have been moved or deleted\n'
             in backup.log)
+    assert "Validating snapshot session" not in backup.log
+    check(protection, protection.run(), "incremental")
+
+
+def test_script_that_others_could_have_written_fails_the_backup(protection, volumes):
+    check(protection, protection.run(full=True), "full")
+    script = script_for(volumes, "open")
+    path = pathlib.Path("/etc/tolvu/bek/pps/open")
+    path.chmod(0o777)
+    backup = protection.run(volumes=protection.request(scripts=[script]))
+    assert backup.state == "failed", backup.log
+    assert (f'Quiesce script "{path}" refused: others than root can write "{path}" (owner 0, mode 0777)\n'
+            in backup.log)
+    assert "PRE of open" not in backup.log
     assert "Validating snapshot session" not in backup.log
     check(protection, protection.run(), "incremental")
 

@@ -8,6 +8,7 @@ import shutil
 import pytest
 
 from lab.daemon import BASE, LOGS, READY_LINE
+from narrow_pipe import fill
 
 LINE = re.compile(r"\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} "
                   r"(\[CRITICAL:\] |\[ERROR:\]    |\[WARNING:\]  |\[INFO:\]     |\[DEBUG:\]    )\S.*")
@@ -97,6 +98,25 @@ def test_no_system_log_either(make_daemon, tmpfs):
     daemon = start_without_log(make_daemon)
     daemon.expect_errors("~~Logging Error~~ Could not open output log file")
     assert daemon.stop() == 0
+
+
+@pytest.mark.parametrize("is_open", [True, False], ids=["full", "closed"])
+def test_standard_error_that_nobody_reads(make_daemon, tmpfs, is_open):
+    """Whoever has started the agent with a pipe for its errors, and has gone or looks elsewhere, neither ends
+    it nor holds it up, though every message fails to reach the file."""
+    tmpfs(LOGS, "ro")
+    reader, writer = os.pipe()
+    if is_open:
+        fill(writer)
+    else:
+        os.close(reader)
+    daemon = make_daemon(stderr=writer)
+    os.close(writer)
+    daemon.wait_for_output(READY_LINE)
+    assert daemon.stop() == 0
+    assert messages(daemon.output)[-1] == "Agent daemon stopped"
+    if is_open:
+        os.close(reader)
 
 
 def test_background_agent_falls_back(make_daemon, system_log, tmpfs):

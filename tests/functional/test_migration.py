@@ -1,15 +1,21 @@
 """What the daemon takes over from an earlier version at its start, and the sizes of CoW files."""
 import contextlib
 import json
+import os
+import pathlib
+import re
+import signal
 import sqlite3
 
 import pytest
 
 from lab.daemon import BASE, CONFIG
+from narrow_pipe import fill
 from snapshot_site import EXT4, XFS, SnapshotSite
 
 LEGACY = BASE / "bekd.sqlite"
 MIGRATED = BASE / "bekd.sqlite.tolvu-migrated"
+STOP_SIGNALS = {signal.SIGINT, signal.SIGQUIT, signal.SIGTERM, signal.SIGHUP}
 OLD_UUID = "11111111-2222-3333-4444-555555555555"
 
 
@@ -64,6 +70,83 @@ def test_state_is_taken_over_once(lab_site, foreground, database):
     assert f"The legacy database ({LEGACY}) doesn't exist" in again.output
     assert again.stop() == 0
     assert cow_sizes() == {}
+
+
+def signals(pid, thread, field):
+    """Of a thread, the signals that a field of its status names."""
+    status = pathlib.Path(f"/proc/{pid}/task/{thread}/status").read_text(encoding="utf-8")
+    mask = int(re.search(rf"^{field}:\s*([0-9a-f]+)$", status, re.MULTILINE)[1], 16)
+    return {number for number in signal.Signals if mask >> (number - 1) & 1}
+
+
+def threads(pid):
+    """The names of a process's threads but the initial one."""
+    found = {int(path.name): (path / "comm").read_text(encoding="utf-8").strip()
+             for path in pathlib.Path(f"/proc/{pid}/task").iterdir()}
+    del found[pid]
+    return found
+
+
+def test_stop_signals_are_left_to_the_initial_thread(lab_site, foreground):
+    """None of those that libraries have made for the look at the volumes takes one."""
+    make_legacy()
+    daemon = foreground()
+    found = threads(daemon.pid)
+    assert "gdbus" in found.values()
+    for thread, name in found.items():
+        assert STOP_SIGNALS <= signals(daemon.pid, thread, "SigBlk"), name
+    assert not STOP_SIGNALS & signals(daemon.pid, daemon.pid, "SigBlk")
+
+
+def test_second_signal_does_not_cut_a_stop_short(lab_site, make_daemon):
+    """The stop is held by a terminal that takes no more, when the next signal comes."""
+    make_legacy()
+    reader, writer = os.pipe()
+    daemon = make_daemon(stdout=writer)
+    os.close(writer)
+    output = b""
+    while b"Agent daemon started" not in output:
+        output += os.read(reader, 65536)
+    fill(reader)
+    daemon.send(signal.SIGTERM)
+    daemon.wait_for(lambda: STOP_SIGNALS <= signals(daemon.pid, daemon.pid, "SigBlk"), "the stop")
+    for number in STOP_SIGNALS:
+        daemon.send(number)
+
+    def are_held_back():
+        """By every thread, and all of them: none has taken any, and none is about to."""
+        return (STOP_SIGNALS <= signals(daemon.pid, daemon.pid, "ShdPnd") and
+                all(STOP_SIGNALS <= signals(daemon.pid, thread, "SigBlk") for thread in threads(daemon.pid)))
+
+    daemon.wait_for(are_held_back, "the further signals")
+    with os.fdopen(reader, "rb") as rest:
+        output = rest.read().lstrip(b" ").decode()
+    assert daemon.wait() == 0
+    assert output.count("Stopping services...") == 1
+    assert output.endswith("Agent daemon stopped\n")
+
+
+def test_what_exists_already_stays(lab_site, foreground, database):
+    """The file that couldn't be renamed is moved again at the next start, when all that it tells is old."""
+    data = lab_site["data"]
+    lab_site.set_cow_size(100)
+    lab_site.run_session("data", incremental=False)
+    history = lab_site.mount_point("data") / ".tolvu.inc"
+    history.unlink()
+    make_legacy("insert into device values (4711); insert into history (device, result, image_chksum) values "
+                f"('{data.uuid}', 'success', 12345);")
+    MIGRATED.mkdir()
+    assert foreground().stop() == 0
+    assert not any(history.read_bytes()[4096:])
+    owed = bytearray(history.read_bytes())
+    owed[4096] = 1
+    history.write_bytes(owed)
+    database("update device set id = 4712, ip = '10.0.0.1'")
+    database("update volumes set image_checksum = '54321'")
+    assert foreground().stop() == 0
+    assert history.read_bytes() == owed
+    assert database("select id, ip from device") == [(4712, "10.0.0.1")]
+    assert database("select image_checksum from volumes") == [("54321",)]
 
 
 def test_sizes_that_were_taken_over_are_used(lab_site, foreground):

@@ -1,4 +1,5 @@
 """The daemon as a process: command line, background, PID file, signals, exit status."""
+import contextlib
 import errno
 import fcntl
 import os
@@ -6,6 +7,7 @@ import pathlib
 import pwd
 import shutil
 import signal
+import sqlite3
 import subprocess
 
 import pytest
@@ -143,10 +145,32 @@ def test_launcher_ends_with_status_0(background):
 
 
 def test_pid_file_is_the_number_alone(background):
-    """The decimal number without a newline, readable by everybody, writable by root."""
+    """The decimal number without a newline, for root alone: whoever can read it can hold its lock."""
     daemon = background()
     assert PID_FILE.read_bytes() == b"%d" % daemon.pid
-    assert PID_FILE.stat().st_mode & 0o7777 == 0o644
+    assert PID_FILE.stat().st_mode & 0o7777 == 0o600
+
+
+def test_nobody_else_can_lock_what_the_agent_needs(background, database):
+    """Also where an earlier version has left its files open to everybody."""
+    background().stop()
+    files = [PID_FILE, DATABASE]
+    for path in files:
+        path.chmod(0o644)
+    daemon = background()
+    database("pragma journal_mode = wal")
+    with contextlib.closing(sqlite3.connect(DATABASE)) as connection:
+        connection.execute("insert into config (key, value) values ('one', '1')")
+        connection.commit()
+        files += [DATABASE.with_name(DATABASE.name + end) for end in ("-wal", "-shm")]
+        for path in files:
+            lock = subprocess.run(["flock", "--nonblock", path, "true"], capture_output=True, text=True,
+                                  check=False, user="nobody", group="nogroup", extra_groups=[], cwd="/",
+                                  env={"PATH": os.environ["PATH"], "LC_ALL": "C"}, timeout=SECONDS)
+            assert lock.returncode != 0
+            assert "Permission denied" in lock.stderr, path
+            assert path.stat().st_mode & 0o7777 == 0o600
+    assert daemon.stop() == 0
 
 
 def test_second_instance_gives_way(background, make_daemon):
@@ -314,6 +338,29 @@ def test_signal_at_each_line_of_the_start(foreground, make_daemon):
             assert "Stopping services...\r" in output
     assert seen == expected
     assert messages(output)[-1] == "Agent daemon stopped"
+
+
+def test_signal_after_a_start_that_has_failed(background, make_daemon, run_to_end):
+    """The services that were started have been stopped again, and the agent is going: a signal has nothing
+    left to stop, and changes nothing about the status. The daemon is held at each line from there on."""
+    background()
+    failure = "Unhandled Exception reached the top of main: .*"
+    lines = []
+    for _ in range(2): # each start but the first prints the same lines
+        done = run_to_end()
+        done.expect_errors(failure)
+        lines = done.output.splitlines(keepends=True)
+    gone = next(at for at, line in enumerate(lines) if "Agent daemon destroyed" in line)
+    assert len(lines) > gone + 3
+    for held in range(gone, len(lines)):
+        with NarrowPipe(sum(map(len, lines[:held]))) as pipe:
+            daemon = make_daemon(stdout=pipe.writer)
+            daemon.expect_errors(failure)
+            hold_at(pipe, daemon)
+            daemon.send(signal.SIGTERM)
+            output = pipe.drain()
+            assert daemon.wait() == 2, lines[held]
+            assert messages(output) == messages("".join(lines))
 
 
 def test_reader_of_standard_output_goes_away(make_daemon):

@@ -77,6 +77,7 @@ bool Backup::isFinished() const {
 
 void Backup::cancel() {
     logger.log(info::level::info, "Asking backup %s to cancel...", id.c_str());
+    cancelAsked = true; // before the operation's own flag, which the run may be resetting right now
     cancelableOperation->cancel();
 }
 
@@ -118,6 +119,9 @@ Backup::Outcome Backup::runProtected(IBackupPhases& phases, std::unique_ptr<Back
 
 Backup::Outcome Backup::runCancelable(IBackupPhases& phases, std::unique_ptr<BackupSession> session) {
     cancelableOperation->reset();
+    if (cancelAsked) { // while this backup waited for its turn: it must not begin
+        cancelableOperation->cancel();
+    }
     if (heartbeat) {
         heartbeat->reset(); // the time before the run is nobody's silence
         heartbeat->setCallback([this] {

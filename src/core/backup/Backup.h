@@ -7,10 +7,13 @@
 #include "core/operation/IHeartbeat.h"
 #include "info/log/Logger.h"
 
+#include <atomic>
+
 namespace agent::core::backup {
 
 /// See IBackup. One run at a time in the process: a run waits, without limit, for the one before it to end,
-/// so that a new backup never meets the snapshots of a cancelled one.
+/// so that a new backup never meets the snapshots of a cancelled one. A backup that is cancelled while it
+/// waits ends as failed when its turn comes, and begins nothing.
 class Backup : public IBackup {
 public:
     /// A null heartbeat means that nobody has to watch the backup. An empty ID makes it generate its own.
@@ -43,6 +46,7 @@ private:
     std::shared_ptr<IBackupAttributes> backupAttributes;
     std::shared_ptr<ISnapshotAttributes> snapshotAttributes;
     std::unique_ptr<ICancelableOperation> cancelableOperation;
+    std::atomic<bool> cancelAsked = false; // since this backup was made, whatever the operation says
     std::unique_ptr<IHeartbeat> heartbeat;
     std::string id;
     BackupStatusHandler status;

@@ -52,8 +52,10 @@ public:
 
     std::int64_t getBitmapChunk(std::uint64_t startElement, std::uint8_t* buffer,
                                 std::size_t bufferBytes) const {
-        // A pipe in the place of the file must not hold the backup up.
-        const FileDescriptor file(::open(bitmapInfo.fileName.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+        // A pipe in the place of the file must not hold the backup up, and a link there leads to nothing that
+        // the driver has written.
+        const FileDescriptor file(
+            ::open(bitmapInfo.fileName.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW));
         if (!file) {
             info::LogEntry(logger, info::level::error)
                 << "Open incremental bitmap file " << bitmapInfo.fileName

@@ -4,6 +4,7 @@
 #include "common/Directory.h"
 #include "common/File.h"
 #include "common/Path.h"
+#include "core/script/ForeignWriter.h"
 #include "core/script/LineSplitter.h"
 
 #include <algorithm>
@@ -37,6 +38,23 @@ std::string locate(const std::string& script) {
     return script.find('/') == std::string::npos ? (dir::base() / "pps" / script).str() : script;
 }
 
+/// Neither the shell nor a file system sees what stands behind a NUL, so such a name means one thing where it
+/// is looked at and another where it is run.
+void checkName(const std::string& script) {
+    if (const std::size_t nul = script.find('\0'); nul != std::string::npos) {
+        throw std::runtime_error("Quiesce script \"" + script.substr(0, nul) +
+                                 "\" refused: its name goes on behind a NUL byte");
+    }
+}
+
+/// Scripts run as root, so whoever can change one is root.
+void checkWriters(const std::string& path) {
+    if (const std::string open = findForeignWriter(path); !open.empty()) {
+        throw std::runtime_error("Quiesce script \"" + path + "\" refused: others than root can write " +
+                                 open);
+    }
+}
+
 /// Lowers `remaining` to what is left until `end`. False if that is nothing.
 bool limit(std::int64_t& remaining, steady_clock::time_point end) {
     const auto left = std::chrono::duration_cast<std::chrono::microseconds>(end - steady_clock::now());
@@ -64,11 +82,13 @@ std::set<std::string> Quiesce::getScripts(const std::string& directory) {
 }
 
 void Quiesce::runScript(const std::string& script, std::uint32_t timeoutSeconds, bool isPre) {
+    checkName(script);
     const std::string path = locate(script);
     if (!file::exists(path)) {
         throw std::runtime_error("Quiesce script \"" + path +
                                  "\" not found; it may have been moved or deleted");
     }
+    checkWriters(path);
     const std::string mode = isPre ? "PRE" : "POST";
     const std::string commandLine = path + " " + mode;
     logger.log(info::level::info, "The following %s quiescing script command will be run: \"%s\"",
@@ -99,8 +119,11 @@ std::unique_ptr<ICommandStream> Quiesce::start(const std::string& commandLine) {
 void Quiesce::logOutput(const std::string& path, ICommandStream& stream, std::uint32_t timeoutSeconds) {
     std::int64_t remaining = timeoutSeconds * microsecondsPerSecond;
     const auto end = steady_clock::now() + std::chrono::seconds(timeoutSeconds) + overrun;
+    // What has arrived by the end of the time may be more lines than can be logged in a multiple of it.
     const auto logLine = [&](const std::string& line) {
-        logger.log(info::level::info, "%s: %s", path.c_str(), line.c_str());
+        if (steady_clock::now() < end) {
+            logger.log(info::level::info, "%s: %s", path.c_str(), line.c_str());
+        }
     };
     LineSplitter lines;
     std::string chunk;

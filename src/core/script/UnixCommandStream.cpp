@@ -8,9 +8,10 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <ctime>
 #include <fcntl.h>
 #include <memory>
-#include <sys/select.h>
+#include <poll.h>
 #include <sys/wait.h>
 #include <tuple>
 #include <unistd.h>
@@ -27,6 +28,7 @@ constexpr std::size_t readStep = 256;
 /// bound nor the caller's time-out.
 constexpr std::size_t largestRead = std::size_t{1024} * 1024;
 constexpr int microsecondsPerSecond = 1'000'000;
+constexpr int nanosecondsPerMicrosecond = 1'000;
 
 /// What SIGCHLD did before it was given its default action.
 struct ChldAction {
@@ -161,20 +163,19 @@ void restoreSignals() noexcept {
     fail("execl");
 }
 
-/// The result of select, for reading from this one descriptor.
+/// What select would answer about reading from this one descriptor. Its sets end at number 1,023, which an
+/// agent with many connections is past, so this asks poll.
 int selectReadable(int descriptor, std::int64_t microseconds) noexcept {
-    if (descriptor >= FD_SETSIZE) { // would be written outside the set
-        errno = EINVAL;
+    ::pollfd asked{descriptor, POLLIN, 0};
+    ::timespec timeout{};
+    timeout.tv_sec = microseconds / microsecondsPerSecond;
+    timeout.tv_nsec = microseconds % microsecondsPerSecond * nanosecondsPerMicrosecond;
+    const int count = ::ppoll(&asked, 1, &timeout, nullptr);
+    if (count == 1 && (asked.revents & POLLNVAL) != 0) {
+        errno = EBADF;
         return -1;
     }
-    fd_set readable;
-    FD_ZERO(&readable);
-    FD_SET(descriptor, &readable);
-    ::timeval timeout{};
-    timeout.tv_sec = microseconds / microsecondsPerSecond;
-    timeout.tv_usec = microseconds % microsecondsPerSecond;
-    const int count = ::select(descriptor + 1, &readable, nullptr, nullptr, &timeout);
-    return count == 1 && !FD_ISSET(descriptor, &readable) ? -1 : count;
+    return count;
 }
 
 std::int64_t microsecondsSince(steady_clock::time_point begin) {

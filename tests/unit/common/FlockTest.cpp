@@ -11,6 +11,7 @@
 #include <memory>
 #include <stdexcept>
 #include <sys/mount.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -36,6 +37,17 @@ TEST_F(FlockTest, ReplacesWhatACrashLeftBehind) {
     Flock lock(path);
     lock.writePid();
     EXPECT_EQ(test::readFile(path), std::to_string(::getpid()));
+}
+
+TEST_F(FlockTest, OnlyRootCanHoldTheLock) {
+    test::writeFile(path, "1");
+    ASSERT_EQ(::chmod(path.c_str(), 0644), 0);
+    { // what an earlier version has left behind, and what another instance holds
+        const Flock first(path);
+        EXPECT_EQ(file::status(path).st_mode & 07777U, 0600U);
+    }
+    const Flock fresh(path);
+    EXPECT_EQ(file::status(path).st_mode & 07777U, 0600U);
 }
 
 TEST_F(FlockTest, DestructorRemovesTheFile) {

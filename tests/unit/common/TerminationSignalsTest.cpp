@@ -27,6 +27,18 @@ TEST_P(EachTerminationSignal, IsBlockedInScopeAndInThreadsMadeThere) {
     EXPECT_FALSE(isBlocked(GetParam()));
 }
 
+TEST_P(EachTerminationSignal, CanBeBlockedForTheRestOfAThread) {
+    bool after = false;
+    bool before = true;
+    std::thread([&] {
+        const sigset_t previous = blockTerminationSignals();
+        before = sigismember(&previous, GetParam()) == 1;
+        after = isBlocked(GetParam());
+    }).join();
+    EXPECT_TRUE(after);
+    EXPECT_FALSE(before);
+}
+
 INSTANTIATE_TEST_SUITE_P(All, EachTerminationSignal, testing::Values(SIGINT, SIGQUIT, SIGTERM, SIGHUP));
 
 TEST(TerminationSignals, OtherSignalsStayOpen) {

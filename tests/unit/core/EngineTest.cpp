@@ -5,6 +5,7 @@
 #include "core/backup/BackupSession.h"
 #include "core/backup/BackupThread.h"
 #include "support/Messages.h"
+#include "support/NoMoreThreads.h"
 #include "support/RecordingLogger.h"
 
 #include <gmock/gmock.h>
@@ -17,6 +18,7 @@
 #include <map>
 #include <mutex>
 #include <stdexcept>
+#include <system_error>
 #include <thread>
 
 namespace agent::core {
@@ -192,6 +194,33 @@ TEST_F(EngineTest, ThreadIsReusedForTheNextBackup) {
     EXPECT_EQ(request(), "backup-2");
     EXPECT_TRUE(waitUntilIdle());
     EXPECT_EQ(threadsLeft, 999);
+}
+
+TEST_F(EngineTest, BackupWhoseThreadCannotBeMadeStaysKnown) {
+    gate.open();
+    {
+        const test::NoMoreThreads none;
+        EXPECT_THROW(request(), std::system_error);
+    }
+    EXPECT_TRUE(record.hasPart(1, "Exception occurred while trying to spawn backup thread: "));
+    EXPECT_FALSE(engine->isBackupRunning());
+    EXPECT_EQ(states(), (std::map<std::string, std::uint32_t>{{"backup-1", 0}})); // active, as it was made
+    EXPECT_EQ(request(), "backup-2");
+    EXPECT_TRUE(waitUntilIdle());
+    EXPECT_EQ(states().at("backup-2"), 3U);
+    engine->stop();
+    EXPECT_TRUE(record.has(3, "Core engine stopped"));
+}
+
+TEST_F(EngineTest, BackupWhoseThreadCouldNotBeMadeCanBeCancelled) {
+    {
+        const test::NoMoreThreads none;
+        EXPECT_THROW(request(), std::system_error);
+    }
+    engine->cancelBackup("backup-1");
+    gate.open();
+    EXPECT_EQ(request(), "backup-2");
+    EXPECT_TRUE(waitUntilIdle());
 }
 
 TEST_F(EngineTest, NullSessionIsRefused) {

@@ -70,7 +70,9 @@ private:
 /// A driver that goes while what it was asked to do is kept.
 class NotingDriver : public test::FakeDriverController {
 public:
-    explicit NotingDriver(std::vector<std::string>& notes) : notes(notes) {}
+    NotingDriver(std::vector<std::string>& notes, bool withHistory) : notes(notes) {
+        hasHistory = withHistory;
+    }
     NotingDriver(const NotingDriver&) = delete;
     NotingDriver& operator=(const NotingDriver&) = delete;
     ~NotingDriver() override { notes.insert(notes.end(), calls.begin(), calls.end()); }
@@ -125,10 +127,11 @@ protected:
 
     FixedVolumes volumes{recorder.logger};
     std::vector<std::string> driverCalls;
+    bool hasHistory = false;
     JSONConfigDataProvider configFile{dir::base() / "config.json"};
     Config config{recorder.logger, configFile, app::agentConfigOptions()};
     DataMigrator migrator{recorder.logger, provider, volumes,
-                          [this] { return std::make_unique<NotingDriver>(driverCalls); }};
+                          [this] { return std::make_unique<NotingDriver>(driverCalls, hasHistory); }};
 };
 
 TEST_F(DataMigratorTest, NothingToMigrate) {
@@ -286,9 +289,10 @@ TEST_F(DataMigratorTest, ChecksumsHave32Bits) {
     const auto migrated = [&](const std::string& checksum) {
         makeLegacy("insert into history (device, result, image_chksum) values ('" + one + "', 'success', " +
                    checksum + ");");
-        provider.setVolumeChecksum(one, 77, ChecksumType::gcrypt32crc);
         expectMigrated();
-        return checksumOf(one);
+        const std::uint32_t found = provider.hasVolume(one) ? checksumOf(one) : 77;
+        RawDatabase(path()).run("delete from volumes;");
+        return found;
     };
     EXPECT_EQ(migrated("4294967295"), 4294967295U);
     EXPECT_EQ(migrated("-1"), 4294967295U);
@@ -401,16 +405,58 @@ TEST_F(DataMigratorTest, AStoreThatCannotBeWritten) {
 TEST_F(DataMigratorTest, ADirectoryInTheWayOfTheNewName) {
     makeLegacy("insert into device values (4711);");
     dir::make(renamed);
-    for (const std::string id : {"4711", "4712"}) {
-        RawDatabase(legacy).run("update device set id = " + id + ";");
+    for (int start = 0; start < 2; ++start) {
         EXPECT_FALSE(migrate());
-        EXPECT_EQ(stored("select id from device;"), id);
+        EXPECT_EQ(stored("select id from device;"), "4711");
     }
     EXPECT_EQ(recorder.count(error, "Failed to rename the legacy database to " + renamed), 2);
     EXPECT_EQ(recorder.count(error, "Failed to rename the legacy database file! Delete this file to prevent "
                                     "unnecessary data migration!"),
               2);
     EXPECT_TRUE(file::exists(legacy));
+}
+
+TEST_F(DataMigratorTest, WhatExistsAlreadyStaysWhenItRunsAgain) {
+    volumes.add(one, 100 * gib);
+    volumes.add(two, 100 * gib);
+    makeLegacy("insert into device values (4711);"
+               "insert into config values ('agentUUID', 'the-uuid'), ('cow_percent', '10'), "
+               "('max_cow_megs', '500');"
+               "insert into history (device, result, image_chksum) values ('" +
+               one + "', 'success', 200), ('" + two + "', 'success', 300);");
+    dir::make(renamed);
+    hasHistory = false;
+    EXPECT_FALSE(migrate());
+    EXPECT_THAT(driverCalls, ElementsAre("makeEmptyHistory " + one, "makeEmptyHistory " + two));
+
+    // The agent is paired anew, one volume is backed up, another backup only begun, and a size is set.
+    driverCalls.clear();
+    provider.setDevice(4712, "10.0.0.1", "of-the-appliance");
+    provider.setVolumeChecksum(one, 201, ChecksumType::gcrypt32crc);
+    provider.setVolumeChecksum(two, 0, ChecksumType::gcrypt32crc);
+    config.set({{"volumes." + one + ".cowFileSizeMiB", 700U}});
+    dir::remove(renamed);
+    EXPECT_TRUE(migrate());
+    EXPECT_EQ(stored("select id || ip || agentUUID from device;"), "471210.0.0.1of-the-appliance");
+    EXPECT_EQ(provider.getConfigValue("agentUUID"), "the-uuid");
+    EXPECT_EQ(checksumOf(one), 201U);
+    EXPECT_EQ(checksumOf(two), 0U);
+    EXPECT_THAT(driverCalls, IsEmpty()); // what is owed by now is nobody's to forget
+    EXPECT_EQ(sizeOf(one), 700);
+    EXPECT_EQ(sizeOf(two), 500);
+    EXPECT_TRUE(recorder.has(
+        info::level::info, "The agent is paired with device 4712 already, so the one of the legacy DB stays "
+                           "unused."));
+    EXPECT_TRUE(recorder.has(info::level::info, "What is known about volume " + one +
+                                                    " is newer than the legacy DB, and stays."));
+}
+
+TEST_F(DataMigratorTest, AHistoryThatIsThereStays) {
+    volumes.add(one, gib);
+    makeLegacy("");
+    hasHistory = true;
+    expectMigrated();
+    EXPECT_THAT(driverCalls, IsEmpty());
 }
 
 TEST_F(DataMigratorTest, AWriteProtectedDirectory) {
@@ -441,7 +487,7 @@ protected:
 
 TEST_F(DataMigratorTest, OnTheOtherSystem) {
     OtherSystemMigrator other(recorder.logger, provider, volumes,
-                              [this] { return std::make_unique<NotingDriver>(driverCalls); });
+                              [this] { return std::make_unique<NotingDriver>(driverCalls, hasHistory); });
     volumes.add(one, gib);
     makeLegacy("insert into config values ('os_version', '10.0');"
                "insert into history (device, volume, result, image_chksum) values "

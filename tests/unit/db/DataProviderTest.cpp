@@ -1,7 +1,9 @@
+#include "common/File.h"
 #include "unit/db/DataProviderFixture.h"
 
 #include <algorithm>
 #include <limits>
+#include <sys/stat.h>
 
 namespace agent::db {
 namespace {
@@ -284,6 +286,96 @@ TEST_F(AgentUUIDTest, IsEmptyWhenNoneCanBeMade) {
     EXPECT_EQ(scripted.getAgentUUID(), "");
     EXPECT_TRUE(recorder.has(info::level::info, "Failed to generate new agentUUID"));
     EXPECT_EQ(stored("select count(*) from config;"), "0");
+}
+
+/// A store that somebody has locked for the length of one look at it.
+class BrieflyLockedProvider : public DataProvider {
+public:
+    BrieflyLockedProvider(info::Logger& logger, UUIDGenerator& generator, const Path& directory)
+        : DataProvider(logger, generator, directory), path((directory / "agent.sqlite").str()) {}
+
+    std::string getConfigValue(const std::string& key) override {
+        RawDatabase other(path);
+        other.run("BEGIN EXCLUSIVE;");
+        return DataProvider::getConfigValue(key);
+    }
+
+private:
+    std::string path;
+};
+
+TEST_F(AgentUUIDTest, AStoredOneThatCannotBeReadIsNotReplaced) {
+    scripted.setConfigValue("agentUUID", "the-first");
+    BrieflyLockedProvider locked(recorder.logger, source, directory.path());
+    EXPECT_EQ(locked.getAgentUUID(), "the-first");
+    EXPECT_EQ(scripted.getConfigValue("agentUUID"), "the-first");
+    EXPECT_TRUE(recorder.has(info::level::info, "Agent installation UUID: the-first"));
+    EXPECT_EQ(stored("select count(*) from config where key = 'agentUUID';"), "1");
+}
+
+TEST_F(AgentUUIDTest, AMissingOneIsMadeAlsoIfThatCannotBeReadAtFirst) {
+    BrieflyLockedProvider locked(recorder.logger, source, directory.path());
+    EXPECT_EQ(locked.getAgentUUID(), source.text);
+    EXPECT_EQ(scripted.getConfigValue("agentUUID"), source.text);
+    RawDatabase(path()).run("update config set value = null;");
+    EXPECT_EQ(locked.getAgentUUID(), source.text);
+    EXPECT_EQ(stored("select count(*) from config;"), "1");
+}
+
+TEST_F(AgentUUIDTest, ALockedStoreKeepsItsOwn) {
+    scripted.setConfigValue("agentUUID", "the-first");
+    {
+        RawDatabase other(path());
+        other.run("BEGIN EXCLUSIVE;");
+        EXPECT_NE(failureOf([&] { scripted.getAgentUUID(); }), "");
+    }
+    EXPECT_EQ(scripted.getAgentUUID(), "the-first");
+}
+
+class PrivateDatabaseTest : public test::DataProviderFixture {
+protected:
+    mode_t modeOf(const std::string& companion = "") {
+        return file::status(path() + companion).st_mode & 07777U;
+    }
+};
+
+TEST_F(PrivateDatabaseTest, FileIsForRootAlone) {
+    provider.validateProvider();
+    EXPECT_EQ(modeOf(), 0600U);
+}
+
+TEST_F(PrivateDatabaseTest, FilesOfAnEarlierVersionAreClosedToOthers) {
+    provider.validateProvider();
+    RawDatabase other(path());
+    other.run("PRAGMA journal_mode = wal; insert into config (key, value) values ('one', '1');");
+    for (const std::string companion : {"", "-wal", "-shm"}) {
+        ASSERT_EQ(::chmod((path() + companion).c_str(), 0664), 0) << companion;
+    }
+    provider.validateProvider();
+    for (const std::string companion : {"", "-wal", "-shm"}) {
+        EXPECT_EQ(modeOf(companion), 0600U) << companion;
+    }
+    EXPECT_EQ(provider.getConfigValue("one"), "1");
+}
+
+TEST_F(PrivateDatabaseTest, TheJournalIsForRootAloneToo) {
+    provider.validateProvider();
+    RawDatabase other(path());
+    other.run("BEGIN; insert into config (key, value) values ('one', '1');");
+    EXPECT_EQ(modeOf("-journal"), 0600U);
+    ASSERT_EQ(::chmod((path() + "-journal").c_str(), 0644), 0);
+    provider.hasVolume("any");
+    EXPECT_EQ(modeOf("-journal"), 0600U);
+}
+
+TEST_F(PrivateDatabaseTest, FileThatWasOpenedAgainStaysClosedToOthersAtTheNextUse) {
+    provider.validateProvider();
+    ASSERT_EQ(::chmod(path().c_str(), 0644), 0);
+    provider.setDevice(1, "", "");
+    EXPECT_EQ(modeOf(), 0600U);
+    file::remove(path());
+    EXPECT_THROW(provider.hasVolume("any"), std::runtime_error);
+    EXPECT_EQ(modeOf(), 0600U);
 }
 
 TEST_F(AgentUUIDTest, ThrowsWhenItCannotBeStored) {

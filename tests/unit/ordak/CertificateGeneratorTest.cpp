@@ -18,6 +18,8 @@
 
 #include <gpg-error.h>
 #include <map>
+#include <sstream>
+#include <sys/stat.h>
 
 namespace agent::ordak {
 namespace {
@@ -256,6 +258,20 @@ TEST_F(CertificateGeneratorTest, CertificateForAnotherKeyIsNotStored) {
     EXPECT_FALSE(file::exists(certificatesDirectory()));
 }
 
+TEST_F(CertificateGeneratorTest, AuthorityThatHasNotIssuedTheCertificateIsNotStored) {
+    const test::TestAuthority another; // of the same name
+    const std::string reason =
+        "curl request retrieveCaCert certificate can't be used: it is not the issuer of the agent's";
+    EXPECT_EQ(refusal("retrieveCaCert", Service::success(another.pem())), reason);
+    EXPECT_FALSE(file::exists(certificatesDirectory()));
+    service.answers.clear();
+    generate();
+    const std::string own = content("server.pem");
+    EXPECT_EQ(refusal("retrieveCaCert", Service::success(own)), reason);
+    EXPECT_EQ(content("ca.crt"), service.authority.pem());
+    EXPECT_EQ(content("server.pem"), own);
+}
+
 TEST_F(CertificateGeneratorTest, WhatIsNoCertificateIsNotStored) {
     const std::string good = service.authority.pem();
     std::string damaged = good;
@@ -319,7 +335,10 @@ class LoadOrCreateTest : public CertificateGeneratorTest {
 protected:
     static void put(const char* name, const std::string& text) {
         dir::make(certificatesDirectory());
-        test::writeFile(certificatesDirectory() / name, text);
+        const std::string path = certificatesDirectory() / name;
+        test::writeFile(path, text);
+        const bool isKey = std::string(name) == "server.key";
+        EXPECT_EQ(::chmod(path.c_str(), isKey ? 0600 : 0644), 0);
     }
 
     void load(const std::function<void()>& generator) {
@@ -349,6 +368,29 @@ TEST_F(LoadOrCreateTest, ReadsTheThreeFiles) {
     EXPECT_EQ(certificates.certificate, "the certificate\n");
     EXPECT_EQ(certificates.ca, std::string("the\0authority", 13));
     EXPECT_THAT(record.lines(), IsEmpty());
+}
+
+TEST_F(LoadOrCreateTest, AKeyThatOthersCanReadIsClosedToThem) {
+    put("server.key", "the key\n");
+    put("server.pem", "the certificate\n");
+    put("ca.crt", "the authority\n");
+    const std::string path = certificatesDirectory() / "server.key";
+    for (const mode_t mode : {0644U, 0604U, 0640U, 0620U}) {
+        record.clear();
+        ASSERT_EQ(::chmod(path.c_str(), mode), 0);
+        load(nothing);
+        EXPECT_EQ(modeOf("server.key"), 0600U);
+        std::ostringstream line;
+        line << path << " could be used by others than its owner (mode 0" << std::oct << mode
+             << "); now it can't. Have a new one made if anybody may have read it";
+        EXPECT_THAT(record.lines(),
+                    ElementsAre(test::RecordingLogger::Line{info::level::warning, line.str()}));
+    }
+    record.clear();
+    load(nothing);
+    EXPECT_THAT(record.lines(), IsEmpty());
+    EXPECT_EQ(certificates.key, "the key\n");
+    EXPECT_EQ(modeOf("server.pem"), 0644U);
 }
 
 TEST_F(LoadOrCreateTest, MakesThemOnTheFirstStartOnly) {

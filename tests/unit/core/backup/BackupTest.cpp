@@ -90,6 +90,27 @@ private:
     bool& closed;
 };
 
+/// An operation that notes what is done with it.
+class NotingOperation : public CancelableOperation {
+public:
+    explicit NotingOperation(std::vector<std::string>& calls) : calls(calls) {}
+    bool run(const std::function<void(ICancel&)>& function) override {
+        calls.emplace_back("run");
+        return CancelableOperation::run(function);
+    }
+    void cancel() override {
+        calls.emplace_back("cancel");
+        CancelableOperation::cancel();
+    }
+    void reset() override {
+        calls.emplace_back("reset");
+        CancelableOperation::reset();
+    }
+
+private:
+    std::vector<std::string>& calls;
+};
+
 class BackupTest : public testing::Test {
 protected:
     BackupTest() {
@@ -300,13 +321,36 @@ TEST_F(BackupTest, NullSessionIsRefused) {
     EXPECT_TRUE(anotherCanRun());
 }
 
-TEST_F(BackupTest, CancelBeforeTheRunIsLost) {
+TEST_F(BackupTest, CancelBeforeTheRunKeepsItFromBeginning) {
     backup->cancel();
     EXPECT_TRUE(backup->isCancelled());
-    EXPECT_TRUE(log.has(level3, "Asking backup the-backup to cancel..."));
+    EXPECT_TRUE(backup->isActive());
+    run();
+    Lines expected = linesUntilSessionGone(0, false);
+    appendConclusion(expected);
+    appendFailed(expected);
+    EXPECT_THAT(log.lines(), ElementsAreArray(expected));
+    EXPECT_TRUE(backup->isCancelled());
+    expectFailed(false);
+}
+
+TEST_F(BackupTest, CancelOfAnOperationThatNobodyAskedForIsLost) {
+    auto used = std::make_unique<CancelableOperation>();
+    used->cancel();
+    backup = std::make_unique<Backup>(log.logger, factory, attributes, snapshotAttributes, std::move(used),
+                                      nullptr, "the-backup");
     run();
     EXPECT_TRUE(log.has(level3, "Finished running backup phases..."));
     EXPECT_FALSE(backup->isCancelled());
+}
+
+TEST_F(BackupTest, CancelBeforeTheRunComesBehindTheReset) {
+    std::vector<std::string> calls;
+    backup = std::make_unique<Backup>(log.logger, factory, attributes, snapshotAttributes,
+                                      std::make_unique<NotingOperation>(calls), nullptr, "the-backup");
+    backup->cancel();
+    run();
+    EXPECT_THAT(calls, ElementsAre("cancel", "reset", "cancel", "run"));
 }
 
 TEST_F(BackupTest, CancelWhileThePhasesAreMadeKeepsTheFirstFromBeginning) {
@@ -680,7 +724,7 @@ TEST_F(TwoBackups, SecondWaitsUntilTheRunOfTheFirstIsOver) {
     EXPECT_TRUE(log.has(level3, "Finished execution of the Post backup record of the next phase."));
 }
 
-TEST_F(TwoBackups, CancelWhileItWaitsForItsTurnIsLost) {
+TEST_F(TwoBackups, CancelWhileItWaitsForItsTurnHolds) {
     std::promise<void> working;
     std::promise<void> leave;
     action(4) = [&] {
@@ -695,8 +739,12 @@ TEST_F(TwoBackups, CancelWhileItWaitsForItsTurnIsLost) {
     leave.set_value();
     first.get();
     second.get();
-    EXPECT_FALSE(next.isCancelled());
-    EXPECT_THAT(nextFactory.concluded, ElementsAre(true));
+    EXPECT_TRUE(next.isCancelled());
+    EXPECT_FALSE(next.isActive());
+    EXPECT_FALSE(next.isFinished());
+    EXPECT_THAT(nextFactory.concluded, ElementsAre(false));
+    EXPECT_FALSE(log.has(level3, "Beginning execution of the Populate Volumes of the next phase."));
+    EXPECT_TRUE(log.has(level3, "Backup the-next FAILED!"));
 }
 
 } // namespace

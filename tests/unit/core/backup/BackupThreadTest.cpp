@@ -7,6 +7,7 @@
 #include "core/operation/CancelableOperation.h"
 #include "core/script/UnixCommandStream.h"
 #include "support/FakeBackup.h"
+#include "support/NoMoreThreads.h"
 #include "support/ProcessState.h"
 #include "support/RecordingLogger.h"
 #include "support/ScriptedPhases.h"
@@ -20,6 +21,7 @@
 #include <optional>
 #include <stdexcept>
 #include <sys/wait.h>
+#include <system_error>
 #include <unistd.h>
 
 namespace agent::core::backup {
@@ -98,6 +100,37 @@ TEST_F(BackupThreadTest, RunsTheBackupWithItsSession) {
     EXPECT_EQ(thread->getBackupId(), "");
     EXPECT_FALSE(thread->isRunning());
     EXPECT_NE(backup->session, nullptr);
+    EXPECT_EQ(backup.use_count(), 1);
+}
+
+TEST_F(BackupThreadTest, TheQuestionWhetherItRunsReapsOneThatHasEnded) {
+    const auto backup = start("backup");
+    EXPECT_TRUE(test::eventually([&] { return !thread->isRunning(); }));
+    EXPECT_EQ(backup.use_count(), 2); // ours, and the one that tells the ID; the run's own has gone
+    EXPECT_FALSE(thread->isRunning());
+    EXPECT_EQ(thread->getBackupId(), "backup");
+    EXPECT_EQ(thread->wait(), nullptr);
+    EXPECT_EQ(backup.use_count(), 1);
+}
+
+TEST_F(BackupThreadTest, FailureIsKeptWhenARunIsReaped) {
+    start("backup", [] { throw std::runtime_error("disk is gone"); });
+    EXPECT_TRUE(test::eventually([&] { return !thread->isRunning(); }));
+    EXPECT_EQ(messageOf(thread->wait()), "disk is gone");
+}
+
+TEST_F(BackupThreadTest, ThreadThatCannotBeMadeIsAFailureOfTheStart) {
+    const auto backup = std::make_shared<FakeBackup>("backup");
+    {
+        const test::NoMoreThreads none;
+        EXPECT_THROW(thread->start(backup, std::make_unique<BackupSession>(log.logger)), std::system_error);
+    }
+    EXPECT_TRUE(log.hasPart(info::level::error, "Exception occurred while trying to spawn backup thread: "));
+    EXPECT_FALSE(thread->isRunning());
+    EXPECT_EQ(thread->getBackupId(), "backup");
+    EXPECT_EQ(backup->session, nullptr);
+    EXPECT_EQ(backup.use_count(), 2);
+    EXPECT_EQ(run([] {}), nullptr);
     EXPECT_EQ(backup.use_count(), 1);
 }
 

@@ -57,6 +57,15 @@ TEST_F(UnchangedBlockBitmapChunkProviderTest, ReadsWhatFitsTheBuffer) {
     EXPECT_THAT(log.lines(), IsEmpty());
 }
 
+TEST_F(UnchangedBlockBitmapChunkProviderTest, ALinkInThePlaceOfTheFileIsNotFollowed) {
+    test::writeFile(directory / "elsewhere", bytesOf({77, 77, 1, 2, 3, 4, 5}));
+    std::filesystem::create_symlink("elsewhere", info.fileName);
+    EXPECT_EQ(fetch(0, 3), -1);
+    EXPECT_THAT(log.lines(),
+                ElementsAre(Line{info::level::error, "Open incremental bitmap file " + info.fileName +
+                                                         " failed: Too many levels of symbolic links"}));
+}
+
 TEST_F(UnchangedBlockBitmapChunkProviderTest, NothingIsReadBehindTheEntries) {
     test::writeFile(info.fileName, bytesOf(Words(20)));
     EXPECT_EQ(fetch(6, 3), 0);

@@ -1,0 +1,32 @@
+#include "common/StandardError.h"
+
+#include "common/BrokenPipeGuard.h"
+
+#include <climits>
+#include <poll.h>
+#include <unistd.h>
+
+namespace agent {
+
+namespace {
+
+/// Room in a pipe is room for this many bytes at once.
+constexpr std::size_t wholeWrite = PIPE_BUF;
+
+bool hasRoom() noexcept {
+    ::pollfd asked{STDERR_FILENO, POLLOUT, 0};
+    return ::poll(&asked, 1, 0) == 1 && (asked.revents & POLLOUT) != 0;
+}
+
+} // namespace
+
+void writeStandardError(std::string_view text) noexcept {
+    const BrokenPipeGuard readerMayBeGone;
+    if (hasRoom()) {
+        const std::string_view whole = text.substr(0, wholeWrite);
+        // Not tried again: what standard error doesn't take has nowhere else to go.
+        [[maybe_unused]] const ssize_t written = ::write(STDERR_FILENO, whole.data(), whole.size());
+    }
+}
+
+} // namespace agent
