@@ -146,12 +146,12 @@ def test_host_name_that_cannot_be_had(foreground, connect_appliance, lab_site):
 def test_kernel_release_of_two_numbers(foreground, connect_appliance, lab_site):
     """uname is made to tell such a release, which stands behind two names of 65 bytes each."""
     release = "6.18-rc1"
-    answer = ((b"Linux".ljust(65, b"\0") + b"elsewhere".ljust(65, b"\0") + release.encode() + b"\0").hex())
+    answer = (b"Linux".ljust(65, b"\0") + b"elsewhere".ljust(65, b"\0") + release.encode() + b"\0").hex()
     foreground(wrapper=["strace", "-D", "-f", "-qq", "-o", "/dev/null", "-e", "trace=uname",
                         "-e", f"inject=uname:poke_exit=@arg1={answer}"])
     appliance = connect_appliance()
     assert appliance.pair(DEVICE).status == 200
-    assert describe(appliance)["os_version"] == kernel_version(release) == {"major": 6, "minor": 18, "build": 0}
+    assert describe(appliance)["os_version"] == {"major": 6, "minor": 18, "build": 0}
 
 
 def test_machine_that_tells_nothing_of_itself(appliance, agent, lab_site, tmpfs):

@@ -16,8 +16,8 @@ bool succeeded(int result) {
     return result == 0;
 }
 
-/// Of a mount or an unmount. What the system call has failed with is asked for: some releases of libmount return
-/// it, others only that there is something. A helper program that has run counts as a success for libmount,
+/// Of a mount or an unmount. What the system call has failed with is asked for: some releases of libmount
+/// return it, others only that it has failed. A helper program that has run counts as a success for libmount,
 /// whatever its exit status.
 bool succeeded(libmnt_context* context, int result) {
     if (result == 0 && mnt_context_get_status(context) != 1) {
