@@ -19,7 +19,7 @@ namespace {
 }
 
 bool isDirectory(const std::string& path) {
-    struct ::stat found {};
+    struct ::stat found{};
     return ::stat(path.c_str(), &found) == 0 && S_ISDIR(found.st_mode);
 }
 
@@ -71,7 +71,7 @@ void syncDirectory(const Path& directory) {
 } // namespace
 
 bool exists(const std::string& path) {
-    struct ::stat found {};
+    struct ::stat found{};
     return ::lstat(path.c_str(), &found) == 0;
 }
 
@@ -84,7 +84,7 @@ void remove(const std::string& path) {
 void copy(const std::string& from, const std::string& to) {
     const std::string message = "file::copy(\"" + from + "\" -> \"" + to + "\") failed";
     const FileDescriptor source(::open(from.c_str(), O_RDONLY | O_CLOEXEC));
-    struct ::stat sourceStatus {};
+    struct ::stat sourceStatus{};
     if (!source || ::fstat(source.get(), &sourceStatus) != 0) {
         fail(message);
     }
@@ -129,7 +129,7 @@ void link(const std::string& source, const std::string& link) {
 }
 
 struct ::stat status(const std::string& path) {
-    struct ::stat found {};
+    struct ::stat found{};
     if (::stat(path.c_str(), &found) != 0) {
         fail("stat(\"" + path + "\") failed");
     }
@@ -137,7 +137,7 @@ struct ::stat status(const std::string& path) {
 }
 
 struct ::stat linkStatus(const std::string& path) {
-    struct ::stat found {};
+    struct ::stat found{};
     if (::lstat(path.c_str(), &found) != 0) {
         fail("lstat(\"" + path + "\") failed");
     }
@@ -145,7 +145,7 @@ struct ::stat linkStatus(const std::string& path) {
 }
 
 struct ::stat64 status64(const std::string& path) {
-    struct ::stat64 found {};
+    struct ::stat64 found{};
     if (::stat64(path.c_str(), &found) != 0) {
         fail("stat64(\"" + path + "\") failed");
     }

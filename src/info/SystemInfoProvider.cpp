@@ -76,7 +76,7 @@ std::string redHatRelease() {
 }
 
 struct utsname systemName(const char* failure) {
-    struct utsname name {};
+    struct utsname name{};
     if (::uname(&name) != 0) {
         throw std::runtime_error(failure);
     }
@@ -84,7 +84,7 @@ struct utsname systemName(const char* failure) {
 }
 
 struct sysinfo systemState(const char* failure) {
-    struct sysinfo state {};
+    struct sysinfo state{};
     if (::sysinfo(&state) != 0) {
         throw std::runtime_error(failure);
     }

@@ -39,7 +39,9 @@ TEST_F(FlockTest, ReplacesWhatACrashLeftBehind) {
 }
 
 TEST_F(FlockTest, DestructorRemovesTheFile) {
-    { const Flock lock(path); }
+    {
+        const Flock lock(path);
+    }
     EXPECT_FALSE(file::exists(path));
 }
 

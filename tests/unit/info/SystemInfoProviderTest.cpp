@@ -92,7 +92,7 @@ TEST_F(OSVersion, IsNotLookedForWithoutEnd) {
 }
 
 TEST(SystemInfoProvider, TellsTheKernelAndItsArchitecture) {
-    struct utsname name {};
+    struct utsname name{};
     ASSERT_EQ(::uname(&name), 0);
     const SystemInfoProvider provider;
     EXPECT_EQ(provider.getKernelVersion(), KernelVersion::of(&name.release[0]));
@@ -115,7 +115,7 @@ TEST(KernelVersion, HasUpToThreeNumbers) {
 }
 
 TEST(SystemInfoProvider, TellsTheMachinesSize) {
-    struct sysinfo state {};
+    struct sysinfo state{};
     ASSERT_EQ(::sysinfo(&state), 0);
     const SystemInfoProvider provider;
     EXPECT_EQ(provider.getCPUCount(), ::get_nprocs());

@@ -981,8 +981,8 @@ void countBrokenPipe(int /*signal*/) {
 
 TEST_F(IscsiTransportTest, NoBrokenPipeOfTheLibraryGetsOut) {
     brokenPipes = 0;
-    struct sigaction counting {};
-    struct sigaction previous {};
+    struct sigaction counting{};
+    struct sigaction previous{};
     counting.sa_handler = countBrokenPipe;
     sigaction(SIGPIPE, &counting, &previous);
     Calls raisedIn;
