@@ -186,7 +186,7 @@ def start_daemon(tour):
     tour.daemon.wait_until_ready()
     show(LOG_DATE.sub("", tour.daemon.log))
     text, status = run("openssl", "x509", "-in", str(BASE / "certs/server.pem"), "-noout", "-subject",
-                       "-issuer")
+                       "-issuer", "-nameopt", "oneline")
     show(text)
     check(status == 0, f"exit status {status}")
     check(f"CN = {os.uname().nodename}" in text, "the certificate isn't for this machine")

@@ -1,6 +1,7 @@
 #include "common/AlignedBuffer.h"
 #include "common/FileDescriptor.h"
 #include "core/transport/IscsiLibrary.h"
+#include "core/transport/Libiscsi.h"
 
 #include <algorithm>
 #include <chrono>
@@ -10,8 +11,6 @@
 #include <exception>
 #include <fcntl.h>
 #include <iostream>
-#include <iscsi/iscsi.h>
-#include <iscsi/scsi-lowlevel.h>
 #include <stdexcept>
 #include <string>
 #include <unistd.h>

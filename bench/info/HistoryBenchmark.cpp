@@ -168,7 +168,7 @@ void measure() {
     benchmark::RunSpecifiedBenchmarks(&reporter);
     printRatio(reporter, "makeHistory", "copySynced");
     printRatio(reporter, "rollForward", "copyUnsynced");
-    struct ::rusage usage {};
+    struct ::rusage usage{};
     if (::getrusage(RUSAGE_SELF, &usage) == 0) {
         std::printf("peak memory %ld MiB\n", usage.ru_maxrss / 1024);
     }

@@ -69,7 +69,7 @@ BENCHMARK(queryLogs)->UseRealTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(queryLogsRead)->UseRealTime()->Unit(benchmark::kMillisecond);
 
 void printRatio(const TimingReporter& reporter) {
-    struct ::rusage usage {};
+    struct ::rusage usage{};
     ::getrusage(RUSAGE_SELF, &usage);
     reporter.compare("queryLogs", "queryLogsRead", [&usage](double own, double peer) {
         std::printf("query %.0f ms, plain reading %.0f ms, ratio %.1f, peak memory %ld MiB\n", own * 1000,

@@ -20,8 +20,9 @@ public:
     void ReportRuns(const std::vector<Run>& runs) override {
         ConsoleReporter::ReportRuns(runs);
         for (const Run& run : runs) {
-            if (!run.error_occurred) {
-                keepBest(run.run_name.function_name, secondsOf(run));
+            const double taken = secondsOf(run);
+            if (taken > 0) { // one that has failed has taken no time
+                keepBest(run.run_name.function_name, taken);
             }
         }
     }

@@ -61,7 +61,7 @@ void takeBackFile(const std::string& path) {
 
 std::string readFile(const std::string& path, std::size_t limit) {
     const Descriptor file = openFile(path, O_RDONLY);
-    struct stat status {};
+    struct stat status{};
     checked(::fstat(file.get(), &status), "look at " + path);
     if (static_cast<std::uintmax_t>(status.st_size) > limit) {
         fail(EFBIG, path);

@@ -22,7 +22,7 @@ class Image {
 public:
     Image(const std::string& path, std::uint64_t size)
         : path(path), size(size), file(openFile(path, O_RDONLY)), buffer(bytesAtOnce) {
-        struct stat status {};
+        struct stat status{};
         checked(::fstat(file.get(), &status), "look at " + path);
         if (static_cast<std::uint64_t>(status.st_size) != size) {
             fail(ESTALE, path + " has another size");

@@ -27,7 +27,7 @@ static_assert(sizeof(Header) == 64 && offsetof(Header, snapshot) == 32 &&
               offsetof(Header, changedUnits) == 56);
 
 Header readHeader(const Descriptor& file, const std::string& path) {
-    struct stat status {};
+    struct stat status{};
     checked(::fstat(file.get(), &status), "look at " + path);
     Header header;
     if (!S_ISREG(status.st_mode) ||
@@ -94,7 +94,7 @@ CowTable::CowTable(const std::string& path, const std::string& snapshot, std::ui
     if (uuidText(readHeader(file, path).snapshot) != snapshot) {
         fail(EBADMSG, path + " belongs to another snapshot");
     }
-    struct stat status {};
+    struct stat status{};
     checked(::fstat(file.get(), &status), "look at " + path);
     if (static_cast<std::uint64_t>(status.st_size) < cow::tableEnd(volumeSize)) {
         fail(EFBIG, "the table in " + path);

@@ -39,7 +39,7 @@ std::uint64_t cowBytes(std::uint64_t mebibytes, const Volume& volume) {
 
 /// Nothing that the capture needs may be on the file system that is frozen meanwhile.
 void requireRoom(const Volume& volume, const PathOnVolume& cow, std::uint64_t cowSize) {
-    struct stat status {};
+    struct stat status{};
     checked(::stat(layout::store, &status), "look at the image store");
     if (status.st_dev == volume.number) {
         fail(EDEADLK, "the image store is on " + volume.path);
@@ -59,7 +59,7 @@ void requireSameSize(const Device& device, const Volume& volume) {
 }
 
 std::optional<dev_t> numberOf(const std::string& path) {
-    struct stat status {};
+    struct stat status{};
     return ::stat(path.c_str(), &status) == 0 ? std::optional(status.st_rdev) : std::nullopt;
 }
 
@@ -70,7 +70,7 @@ bool isOn(const Device& device, const Volume& volume) {
 /// Where the device's CoW file is now. ENOENT when it can't be found.
 std::string findCowFile(const Volume& volume, const std::string& cowFile) {
     for (const std::string& mountPoint : volume.mountPoints) {
-        struct stat status {};
+        struct stat status{};
         std::string path = PathOnVolume{mountPoint, cowFile}.path();
         if (::lstat(path.c_str(), &status) == 0) {
             if (status.st_dev == volume.number) {

@@ -64,7 +64,7 @@ std::uint64_t readExtents(const Descriptor& file, std::uint64_t from, std::vecto
 }
 
 bool isRegular(const std::string& path) {
-    struct stat status {};
+    struct stat status{};
     return ::lstat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode);
 }
 

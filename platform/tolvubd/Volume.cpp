@@ -28,13 +28,13 @@ std::string resolve(const std::string& path) {
 }
 
 struct stat statusOf(const std::string& path) {
-    struct stat status {};
+    struct stat status{};
     checked(::stat(path.c_str(), &status), "look at " + path);
     return status;
 }
 
 struct statvfs spaceOf(const std::string& path) {
-    struct statvfs space {};
+    struct statvfs space{};
     checked(::statvfs(path.c_str(), &space), "look at the file system of " + path);
     return space;
 }

@@ -4,11 +4,11 @@ import ast
 import io
 import os
 import re
-import shutil
 import subprocess
 import sys
 import tokenize
 
+from lintlib import clang
 from lintlib.tree import block_from, line_of
 
 # The layers below src/, lowest first: a folder includes itself and what stands above it in this list. A file
@@ -34,6 +34,9 @@ LAYERS = [
     "app",
 ]
 
+# Libraries whose own headers can't be included as they are, and the header that can be in their place.
+WRAPPED = {"iscsi/": "core/transport/Libiscsi.h"}
+
 # The one place that closes plain descriptors.
 DESCRIPTOR_OWNER = "src/common/FileDescriptor.cpp"
 
@@ -44,10 +47,10 @@ CORPORA = "tests/fuzz/corpus"
 
 
 def check_format(tree):
-    """C++ stands as clang-format would write it."""
+    """C++ stands as the pinned clang-format would write it."""
     if not tree.cpp:
         return
-    done = subprocess.run(["clang-format", "--dry-run", "--Werror", *(file.path for file in tree.cpp)],
+    done = subprocess.run([clang.FORMAT, "--dry-run", "--Werror", *(file.path for file in tree.cpp)],
                           cwd=tree.root, capture_output=True, text=True, check=False)
     seen = set()
     for path, line in re.findall(r"^(.+?):(\d+):\d+: error:", done.stderr, re.MULTILINE):
@@ -55,7 +58,7 @@ def check_format(tree):
             seen.add(path)
             yield finding_at(tree, path, int(line), "format", "run scripts/format")
     if done.returncode != 0 and not seen:
-        raise RuntimeError(f"clang-format failed: {done.stderr.strip()}")
+        raise RuntimeError(f"{clang.FORMAT} failed: {done.stderr.strip()}")
 
 
 def layer_of(path):
@@ -98,6 +101,15 @@ def agent_includes(tree, file):
         beside = os.path.normpath(os.path.join(os.path.dirname(file.path), path))
         if beside.startswith("src/") or (tree.exists(f"src/{path}") and not tree.exists(beside)):
             yield file.finding(line, "layers", f"{file.path.split('/')[0]}/ includes {path} of the agent")
+
+
+def check_wrapped(tree):
+    """A library that has a header of ours around its own is included by that."""
+    for file in tree.cpp:
+        for line, _, path in file.includes:
+            for folder, wrapper in WRAPPED.items():
+                if path.startswith(folder) and file.path != f"src/{wrapper}":
+                    yield file.finding(line, "wrapped", f"{path} is included by {wrapper} only")
 
 
 def check_guards(tree):
@@ -292,7 +304,7 @@ def check_shell(tree):
             correct.append(file.path)
         for line, message in re.findall(r"line (\d+): (.*)", done.stderr):
             yield file.finding(int(line), "shell", message)
-    if correct and shutil.which("shellcheck"):
+    if correct:
         done = run(["shellcheck", "--format=gcc", "--external-sources", *correct], tree)
         for path, line, message in re.findall(r"^(.+?):(\d+):\d+: (.*)", done.stdout, re.MULTILINE):
             yield finding_at(tree, path, int(line), "shell", message)
@@ -358,6 +370,7 @@ def finding_at(tree, path, line, rule, message):
 RULES = {
     "format": check_format,
     "layers": check_layers,
+    "wrapped": check_wrapped,
     "guards": check_guards,
     "labels": check_labels,
     "leftovers": check_leftovers,

@@ -14,6 +14,7 @@ import re
 import shlex
 import subprocess
 
+from lintlib import clang
 from lintlib.tree import Finding, SourceFile
 
 FOLDERS = ("src", "platform", "bench", "tests", "tools")
@@ -76,11 +77,11 @@ class Checker:
         memory = self.tree.root / CACHE / file.path.replace("/", "+")
         if memory.exists() and memory.read_text() == digest:
             return set()
-        done = subprocess.run(["clang-tidy", "--quiet", "-p", os.path.dirname(COMMANDS), file.path],
+        done = subprocess.run([clang.TIDY, "--quiet", "-p", os.path.dirname(COMMANDS), file.path],
                               cwd=self.tree.root, capture_output=True, text=True, check=False)
         findings = {self._finding(*match) for match in FINDING.findall(done.stdout)}
         if done.returncode != 0 and not findings:
-            return {Finding(file.path, 1, "tidy", f"clang-tidy failed: {done.stderr.strip()}")}
+            return {Finding(file.path, 1, "tidy", f"{clang.TIDY} failed: {done.stderr.strip()}")}
         if not findings:
             memory.parent.mkdir(parents=True, exist_ok=True)
             memory.write_text(digest)
@@ -117,7 +118,7 @@ class Checker:
     def _common(self):
         configuration = [f"{file.path}\0{file.text}" for file in self.tree.files
                          if file.name in (".clang-tidy", ".clang-format")]
-        return "\0".join([*configuration, output_of("clang-tidy", "--version"),
+        return "\0".join([*configuration, output_of(clang.TIDY, "--version"),
                           output_of("dpkg-query", "-W", "*-dev", "clang-tidy*")])
 
     def _folders(self, command):

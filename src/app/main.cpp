@@ -55,7 +55,7 @@ extern "C" void onTerminationSignal(int /*signal*/) noexcept {
 }
 
 void installSignalHandlers() {
-    struct sigaction action {};
+    struct sigaction action{};
     action.sa_handler = &onTerminationSignal;
     sigemptyset(&action.sa_mask);
     for (const int signal : terminationSignals) {

@@ -23,7 +23,7 @@ struct CloseDirectory {
 using DirectoryStream = std::unique_ptr<DIR, CloseDirectory>;
 
 bool isDirectory(const std::string& path) {
-    struct ::stat found {};
+    struct ::stat found{};
     return ::stat(path.c_str(), &found) == 0 && S_ISDIR(found.st_mode);
 }
 

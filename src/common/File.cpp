@@ -19,7 +19,7 @@ namespace {
 }
 
 bool isDirectory(const std::string& path) {
-    struct ::stat found {};
+    struct ::stat found{};
     return ::stat(path.c_str(), &found) == 0 && S_ISDIR(found.st_mode);
 }
 
@@ -62,7 +62,7 @@ bool copyBytes(int from, int to) {
 } // namespace
 
 bool exists(const std::string& path) {
-    struct ::stat found {};
+    struct ::stat found{};
     return ::lstat(path.c_str(), &found) == 0;
 }
 
@@ -75,7 +75,7 @@ void remove(const std::string& path) {
 void copy(const std::string& from, const std::string& to) {
     const std::string message = "file::copy(\"" + from + "\" -> \"" + to + "\") failed";
     const FileDescriptor source(::open(from.c_str(), O_RDONLY | O_CLOEXEC));
-    struct ::stat sourceStatus {};
+    struct ::stat sourceStatus{};
     if (!source || ::fstat(source.get(), &sourceStatus) != 0) {
         fail(message);
     }
@@ -120,7 +120,7 @@ void link(const std::string& source, const std::string& link) {
 }
 
 struct ::stat status(const std::string& path) {
-    struct ::stat found {};
+    struct ::stat found{};
     if (::stat(path.c_str(), &found) != 0) {
         fail("stat(\"" + path + "\") failed");
     }
@@ -128,7 +128,7 @@ struct ::stat status(const std::string& path) {
 }
 
 struct ::stat linkStatus(const std::string& path) {
-    struct ::stat found {};
+    struct ::stat found{};
     if (::lstat(path.c_str(), &found) != 0) {
         fail("lstat(\"" + path + "\") failed");
     }
@@ -136,7 +136,7 @@ struct ::stat linkStatus(const std::string& path) {
 }
 
 struct ::stat64 status64(const std::string& path) {
-    struct ::stat64 found {};
+    struct ::stat64 found{};
     if (::stat64(path.c_str(), &found) != 0) {
         fail("stat64(\"" + path + "\") failed");
     }

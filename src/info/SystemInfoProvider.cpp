@@ -76,7 +76,7 @@ std::string redHatRelease() {
 }
 
 struct utsname systemName(const char* failure) {
-    struct utsname name {};
+    struct utsname name{};
     if (::uname(&name) != 0) {
         throw std::runtime_error(failure);
     }
@@ -84,7 +84,7 @@ struct utsname systemName(const char* failure) {
 }
 
 struct sysinfo systemState(const char* failure) {
-    struct sysinfo state {};
+    struct sysinfo state{};
     if (::sysinfo(&state) != 0) {
         throw std::runtime_error(failure);
     }
@@ -109,9 +109,7 @@ std::string SystemInfoProvider::getOSVersion() const {
     throw std::runtime_error("failed to get OS version");
 }
 
-KernelVersion SystemInfoProvider::getKernelVersion() const {
-    const struct utsname name = systemName("Could not get kernel version, uname failed");
-    const std::string_view release(&name.release[0]);
+KernelVersion KernelVersion::of(std::string_view release) {
     const char* const end = release.data() + release.size();
     KernelVersion version;
     const char* next = release.data();
@@ -123,6 +121,11 @@ KernelVersion SystemInfoProvider::getKernelVersion() const {
         ++next;
     }
     return version;
+}
+
+KernelVersion SystemInfoProvider::getKernelVersion() const {
+    const struct utsname name = systemName("Could not get kernel version, uname failed");
+    return KernelVersion::of(&name.release[0]);
 }
 
 std::string SystemInfoProvider::getArchitecture() const {

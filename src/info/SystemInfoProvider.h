@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 namespace agent::info {
 
@@ -10,6 +11,9 @@ struct KernelVersion {
     int minor = 0;
     int build = 0;
     bool operator==(const KernelVersion&) const = default;
+
+    /// The first three numbers of a kernel's release, which may have fewer: "6.12.48-amd64", "6.18-rc1".
+    static KernelVersion of(std::string_view release);
 };
 
 /// What the machine's firmware tells of it, each the name of a file below /sys/class/dmi/id.

@@ -70,7 +70,7 @@ std::vector<std::string> fstabOptions(UDisksBlock* block) {
 
 /// Nothing if the volume isn't mounted, or its file system doesn't answer.
 std::optional<struct statvfs> statusOf(const VolumeDescription& volume) {
-    struct statvfs status {};
+    struct statvfs status{};
     if (!volume.mounted || ::statvfs(volume.mountPoints.front().c_str(), &status) != 0) {
         return std::nullopt;
     }

@@ -23,7 +23,7 @@ LogFileReader::LogFileReader(const std::string& path)
     if (!file) {
         throw PosixError("open of \"" + path + "\" failed", errno);
     }
-    struct ::stat status {};
+    struct ::stat status{};
     if (::fstat(file.get(), &status) != 0) {
         throw PosixError("fstat of \"" + path + "\" failed", errno);
     }

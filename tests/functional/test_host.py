@@ -26,6 +26,12 @@ def os_version():
                           text=True, check=True).stdout.strip()
 
 
+def kernel_version(release):
+    """Its numbers, of which a kernel of somebody's own may have two."""
+    numbers = re.match(r"(\d+)\.(\d+)(?:\.(\d+))?", release).groups("0")
+    return dict(zip(("major", "minor", "build"), map(int, numbers)))
+
+
 def describe(appliance):
     answer = appliance.host()
     assert (answer.status, answer.content_type) == (200, JSON)
@@ -51,9 +57,8 @@ def test_host_is_for_the_paired_device(appliance, connect_appliance, lab_site):
 
 def test_machine(appliance, lab_site, driver):
     host = describe(appliance)
-    release = re.match(r"(\d+)\.(\d+)\.(\d+)", platform.release())
     assert host["os"] == os_version() and host["os_arch"] == platform.machine()
-    assert host["os_version"] == dict(zip(("major", "minor", "build"), map(int, release.groups())))
+    assert host["os_version"] == kernel_version(platform.release())
     assert host["hostname"] == socket.gethostname()
     assert host["archBits"] == 64
     assert host["cpus"] == int(subprocess.run(["nproc"], capture_output=True, check=True).stdout)
@@ -136,6 +141,17 @@ def test_host_name_that_cannot_be_had(foreground, connect_appliance, lab_site):
         assert f"[ERROR:]    {text}\n" in daemon.log
     basic = appliance.basic_host().content
     assert basic == {"os": os_version(), "os_arch": "[ERROR]", "hostName": "[ERROR]"}
+
+
+def test_kernel_release_of_two_numbers(foreground, connect_appliance, lab_site):
+    """uname is made to tell such a release, which stands behind two names of 65 bytes each."""
+    release = "6.18-rc1"
+    answer = (b"Linux".ljust(65, b"\0") + b"elsewhere".ljust(65, b"\0") + release.encode() + b"\0").hex()
+    foreground(wrapper=["strace", "-D", "-f", "-qq", "-o", "/dev/null", "-e", "trace=uname",
+                        "-e", f"inject=uname:poke_exit=@arg1={answer}"])
+    appliance = connect_appliance()
+    assert appliance.pair(DEVICE).status == 200
+    assert describe(appliance)["os_version"] == {"major": 6, "minor": 18, "build": 0}
 
 
 def test_machine_that_tells_nothing_of_itself(appliance, agent, lab_site, tmpfs):

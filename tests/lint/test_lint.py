@@ -47,6 +47,8 @@ BROKEN = [
     ("layers", "src/Loose.cpp", "int loose();\n", 1),
     ("layers", "platform/module/Module.cpp", '\n#include "common/Thing.h"\n', 2),
     ("layers", "lab/tool/Tool.cpp", '#include "../../src/common/Thing.h"\n', 1),
+    ("wrapped", "src/common/Disk.cpp", "#include <string>\n#include <iscsi/iscsi.h>\n", 2),
+    ("wrapped", "tests/unit/Disk.cpp", "#include <iscsi/scsi-lowlevel.h>\n", 1),
     ("guards", "src/common/Bare.h", "\nint bare();\n", 2),
     ("guards", "src/common/Old.h", "#ifndef OLD_H\n#define OLD_H\n#endif\n", 1),
     ("guards", "src/common/Late.h", "#include <string>\n#pragma once\n", 1),
@@ -114,6 +116,7 @@ HARMLESS = [
     ("src/common/IPAddress.h", "#pragma once\n\nclass IPAddress {\n    int bits = 0;\n};\n"),
     ("src/common/Forward.h", "#pragma once\n\nclass IStore;\n"),
     ("src/common/Quote.cpp", '// #include "app/Main.h" is upward.\nconst char* text = R"(\n#if 0\n)";\n'),
+    ("src/core/transport/Libiscsi.h", "#pragma once\n\n#include <iscsi/iscsi.h>\n"),
     ("tests/unit/Helper.cpp", "TEST(Thing, Helper) {\n    expectOne(thing());\n}\n"),
     ("tests/test_raises.py", "import pytest\n\n\ndef test_it():\n    with pytest.raises(OSError):\n"
                              "        open('')\n"),
@@ -204,6 +207,20 @@ def test_format_lists_and_mends_what_differs(tree):
     subprocess.run([FORMAT, "--root", tree], check=True)
     assert (tree / "src/common/Odd.cpp").read_text() == "int odd() {\n    return 1;\n}\n"
     assert subprocess.run(check).returncode == 0
+
+
+@pytest.mark.parametrize("rule, tool", [("format", "clang-format-19"), ("shell", "shellcheck")])
+def test_a_tool_that_is_missing_passes_nothing(tree, rule, tool):
+    """Least of all is another release of it taken in its place."""
+    programs = tree / "programs"
+    programs.mkdir()
+    for name in ("git", "bash", "python3"):
+        (programs / name).symlink_to(shutil.which(name))
+    (programs / "clang-format").symlink_to(shutil.which("clang-format-19"))
+    done = subprocess.run([LINT, "--root", tree, rule], capture_output=True, text=True,
+                          env={"PATH": str(programs)})
+    assert (done.returncode, done.stdout) == (1, "")
+    assert done.stderr == f"lint: nothing is checked without {tool}, which scripts/deps installs\n"
 
 
 class TidyTree:
@@ -345,7 +362,8 @@ def test_tidy_memory_ends_with_a_change_of_the_checks(tidy):
     tidy.write(src__A_cpp="int one() {\n    return 7;\n}\n")
     assert tidy.findings() == []
     configuration = tidy.root / ".clang-tidy"
-    configuration.write_text(configuration.read_text().replace("  -readability-magic-numbers,\n", ""))
+    configuration.write_text(configuration.read_text().replace("  -*,\n",
+                                                               "  -*,\n  readability-magic-numbers,\n"))
     assert tidy.findings() == [("src/A.cpp", 2, "readability-magic-numbers")]
 
 

@@ -23,7 +23,7 @@ inline bool hasNoChildren() {
 class ScopedDisposition {
 public:
     ScopedDisposition(int signal, void (*handler)(int)) : signal(signal) {
-        struct ::sigaction action {};
+        struct ::sigaction action{};
         action.sa_handler = handler;
         ::sigaction(signal, &action, &previous);
     }
@@ -33,11 +33,11 @@ public:
 
 private:
     int signal;
-    struct ::sigaction previous {};
+    struct ::sigaction previous{};
 };
 
 inline struct ::sigaction disposition(int signal) {
-    struct ::sigaction current {};
+    struct ::sigaction current{};
     ::sigaction(signal, nullptr, &current);
     return current;
 }

@@ -64,11 +64,11 @@ extern "C" void onBackupSignal(int signal) {
 
 /// What the first of overlapping runs has found is what will have to come back.
 void install(ProcessSignals& signals, bool isFirst, int signal, void (*handler)(int), int flags) {
-    struct sigaction action {};
+    struct sigaction action{};
     action.sa_handler = handler;
     action.sa_flags = flags;
     sigemptyset(&action.sa_mask);
-    struct sigaction previous {};
+    struct sigaction previous{};
     ::sigaction(signal, &action, &previous);
     if (isFirst) {
         signals.savedActions[signal] = previous;

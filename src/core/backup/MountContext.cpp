@@ -10,16 +10,22 @@ namespace agent::core::backup {
 
 namespace {
 
-/// libmount returns the error of a system call as it is, and one of its own with a minus.
+/// Of what happens before any system call: libmount returns an error with a minus.
 bool succeeded(int result) {
     errno = std::abs(result);
     return result == 0;
 }
 
-/// A helper program that has run counts as a success for libmount, whatever its exit status.
+/// Of a mount or an unmount. What the system call has failed with is asked for: some releases of libmount
+/// return it, others only that it has failed. A helper program that has run counts as a success for libmount,
+/// whatever its exit status.
 bool succeeded(libmnt_context* context, int result) {
     if (result == 0 && mnt_context_get_status(context) != 1) {
         errno = EIO;
+        return false;
+    }
+    if (result != 0 && mnt_context_get_syscall_errno(context) != 0) {
+        errno = mnt_context_get_syscall_errno(context);
         return false;
     }
     return succeeded(result);

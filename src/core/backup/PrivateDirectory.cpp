@@ -18,7 +18,7 @@ constexpr mode_t onlyOwner = 0700;
 } // namespace
 
 bool isPrivate(const std::string& path) {
-    struct ::stat found {};
+    struct ::stat found{};
     return ::lstat(path.c_str(), &found) == 0 && S_ISDIR(found.st_mode) && found.st_uid == 0 &&
            (found.st_mode & (S_IWGRP | S_IWOTH)) == 0;
 }

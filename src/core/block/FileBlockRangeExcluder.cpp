@@ -11,7 +11,7 @@ namespace {
 
 /// In bytes; nothing if there is no file.
 std::optional<std::uint64_t> sizeOf(const std::string& path) {
-    struct stat status {};
+    struct stat status{};
     if (::lstat(path.c_str(), &status) != 0) {
         return std::nullopt;
     }

@@ -78,7 +78,7 @@ private:
 
     void logBlockCount() {
         logger.log(debug, "FBRE Linux: Block Size = %lu", std::uint64_t{blockSize});
-        struct stat status {};
+        struct stat status{};
         if (::fstat(file.get(), &status) != 0) {
             fail("Failed to stat file \"" + path + "\", error: ");
         }

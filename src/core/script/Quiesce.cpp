@@ -24,13 +24,13 @@ constexpr std::int64_t microsecondsPerSecond = 1'000'000;
 constexpr std::chrono::seconds overrun(1);
 
 bool isDirectory(const std::string& path) {
-    struct ::stat found {};
+    struct ::stat found{};
     return ::stat(path.c_str(), &found) == 0 && S_ISDIR(found.st_mode);
 }
 
 /// A link counts as what it leads to: one to a directory or to nothing is no script.
 bool isScript(const std::string& path) {
-    struct ::stat found {};
+    struct ::stat found{};
     return ::stat(path.c_str(), &found) == 0 && !S_ISDIR(found.st_mode);
 }
 

@@ -32,7 +32,7 @@ constexpr int nanosecondsPerMicrosecond = 1'000;
 
 /// What SIGCHLD did before it was given its default action.
 struct ChldAction {
-    struct ::sigaction previous {};
+    struct ::sigaction previous{};
     bool replaced = false;
 
     bool putBack() noexcept {
@@ -51,7 +51,7 @@ ChldHandle restartChld(bool throwOnFailure) {
             action->putBack();
         }
     });
-    struct ::sigaction restart {};
+    struct ::sigaction restart{};
     restart.sa_handler = SIG_DFL;
     sigemptyset(&restart.sa_mask);
     restart.sa_flags = SA_RESTART;
@@ -131,7 +131,7 @@ std::pair<FileDescriptor, FileDescriptor> makePipe() {
 /// keeps both. A script would then not end with its pipe, and find its own children gone before it waits for
 /// them.
 void restoreSignals() noexcept {
-    struct ::sigaction standard {};
+    struct ::sigaction standard{};
     standard.sa_handler = SIG_DFL;
     for (int signal = 1; signal < NSIG; ++signal) {
         ::sigaction(signal, &standard, nullptr); // refused for the few that can't be changed

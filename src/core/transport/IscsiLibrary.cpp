@@ -1,10 +1,6 @@
 #include "core/transport/IscsiLibrary.h"
 
-#include <cstdint>
-#include <ctime>
-// The library's headers need the types of those above.
-#include <iscsi/iscsi.h>
-#include <iscsi/scsi-lowlevel.h>
+#include "core/transport/Libiscsi.h"
 
 namespace agent::core::iscsi {
 

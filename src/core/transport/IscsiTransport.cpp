@@ -1,13 +1,12 @@
 #include "core/transport/IscsiTransport.h"
 
 #include "common/BrokenPipeGuard.h"
+#include "core/transport/Libiscsi.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <ctime>
-#include <iscsi/iscsi.h>
-#include <iscsi/scsi-lowlevel.h>
 #include <limits>
 #include <utility>
 

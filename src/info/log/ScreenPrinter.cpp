@@ -19,7 +19,7 @@ void ScreenPrinter::print(const std::string& message, int /*level*/, LogTime /*t
 bool ScreenPrinter::isWatched() {
     constexpr unsigned memoryDevices = 1;
     constexpr unsigned nullDevice = 3;
-    struct stat status {};
+    struct stat status{};
     return ::fstat(STDOUT_FILENO, &status) == 0 &&
            !(S_ISCHR(status.st_mode) && status.st_rdev == makedev(memoryDevices, nullDevice));
 }

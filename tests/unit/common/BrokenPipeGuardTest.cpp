@@ -55,7 +55,9 @@ TEST_F(BrokenPipe, OneThatWasPendingBeforeIsNotLost) {
     sigaddset(&blocked, SIGPIPE);
     pthread_sigmask(SIG_BLOCK, &blocked, nullptr);
     ::raise(SIGPIPE);
-    { const BrokenPipeGuard guard; }
+    {
+        const BrokenPipeGuard guard;
+    }
     EXPECT_EQ(brokenPipes, 0);
     pthread_sigmask(SIG_UNBLOCK, &blocked, nullptr);
     EXPECT_EQ(brokenPipes, 1);

@@ -51,7 +51,9 @@ TEST_F(FlockTest, OnlyRootCanHoldTheLock) {
 }
 
 TEST_F(FlockTest, DestructorRemovesTheFile) {
-    { const Flock lock(path); }
+    {
+        const Flock lock(path);
+    }
     EXPECT_FALSE(file::exists(path));
 }
 

@@ -50,7 +50,9 @@ TEST(DataProviderLife, MakesItsDirectoryAndLogs) {
     const test::TestDirectory directory;
     test::RecordingLogger recorder;
     UUIDGenerator generator;
-    { const DataProvider provider(recorder.logger, generator, directory / "a/b"); }
+    {
+        const DataProvider provider(recorder.logger, generator, directory / "a/b");
+    }
     const std::vector<test::RecordingLogger::Line> expected = {
         {info::level::debug, "DataProvider created"},
         {info::level::debug, "Database filename: " + (directory / "a/b/agent.sqlite").str()},

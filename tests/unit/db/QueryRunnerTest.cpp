@@ -193,7 +193,9 @@ TEST_F(TransactionGuardTest, RollsBackOtherwise) {
 }
 
 TEST_F(TransactionGuardTest, AFailureIsLoggedOnly) {
-    { const TransactionGuard guard(recorder.logger, runner, true); }
+    {
+        const TransactionGuard guard(recorder.logger, runner, true);
+    }
     EXPECT_TRUE(recorder.has(
         info::level::error,
         "Could not finalize schema update transaction: runupdate execution failed, step returned 1"));

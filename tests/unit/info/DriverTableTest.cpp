@@ -66,7 +66,9 @@ protected:
 
 TEST_F(DriverTableTest, SaysWhenItComesAndGoes) {
     recorder.clear();
-    { DriverController(recorder.logger, nullptr, statusFiles); }
+    {
+        DriverController(recorder.logger, nullptr, statusFiles);
+    }
     EXPECT_EQ(recorder.lines(), (Lines{{level::debug, "DriverController created"},
                                        {level::debug, "DriverController destroyed"}}));
 }
@@ -251,7 +253,7 @@ TEST_F(DriverTableTest, PipeIsEmptyText) {
 
 /// The size of a file below /proc is 0, whatever it holds.
 TEST_F(DriverTableTest, FileWithoutASizeIsReadToItsEnd) {
-    struct ::stat found {};
+    struct ::stat found{};
     ASSERT_EQ(::stat("/proc/self/mountinfo", &found), 0);
     ASSERT_EQ(found.st_size, 0);
     EXPECT_EQ(readDriverStatusFile("/proc/self/mountinfo"), test::readFile("/proc/self/mountinfo"));

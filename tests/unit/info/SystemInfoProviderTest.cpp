@@ -92,19 +92,30 @@ TEST_F(OSVersion, IsNotLookedForWithoutEnd) {
 }
 
 TEST(SystemInfoProvider, TellsTheKernelAndItsArchitecture) {
-    struct utsname name {};
+    struct utsname name{};
     ASSERT_EQ(::uname(&name), 0);
     const SystemInfoProvider provider;
-    const KernelVersion version = provider.getKernelVersion();
-    const std::string text = std::to_string(version.major) + "." + std::to_string(version.minor) + "." +
-                             std::to_string(version.build);
-    EXPECT_EQ(std::string(&name.release[0]).substr(0, text.size()), text);
+    EXPECT_EQ(provider.getKernelVersion(), KernelVersion::of(&name.release[0]));
+    EXPECT_GT(provider.getKernelVersion().major, 0);
     EXPECT_EQ(provider.getArchitecture(), &name.machine[0]);
     EXPECT_EQ(provider.getArchitectureBits(), sizeof(void*) * 8);
 }
 
+TEST(KernelVersion, HasUpToThreeNumbers) {
+    const auto expectVersion = [](const char* release, const KernelVersion& version) {
+        EXPECT_EQ(KernelVersion::of(release), version) << release;
+    };
+    expectVersion("6.12.48+deb13-amd64", {6, 12, 48});
+    expectVersion("6.1.0-18.2-amd64", {6, 1, 0});
+    expectVersion("6.18-rc1", {6, 18, 0});
+    expectVersion("6.18.", {6, 18, 0});
+    expectVersion("7", {7, 0, 0});
+    expectVersion("6.1.99999999999", {6, 1, 0});
+    expectVersion("", {0, 0, 0});
+}
+
 TEST(SystemInfoProvider, TellsTheMachinesSize) {
-    struct sysinfo state {};
+    struct sysinfo state{};
     ASSERT_EQ(::sysinfo(&state), 0);
     const SystemInfoProvider provider;
     EXPECT_EQ(provider.getCPUCount(), ::get_nprocs());

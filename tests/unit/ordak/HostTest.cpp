@@ -206,7 +206,7 @@ TEST_F(HostTest, DescribesAVolume) {
 }
 
 TEST_F(HostTest, FlagsOfAVolumeAreToldApart) {
-    const auto flags = [this](bool VolumeDescription::*flag) {
+    const auto flags = [this](bool VolumeDescription::* flag) {
         VolumeDescription description;
         description.*flag = true;
         findVolume(std::make_shared<NiceMock<MockVolume>>(description));

@@ -139,9 +139,7 @@ TEST_F(LogsTest, NoLinesAreNone) {
 }
 
 TEST_F(LogsTest, NumbersThatAreNone) {
-    EXPECT_EQ(messageOf<std::invalid_argument>([&] {
-                  answer({{"lines", "abc"}});
-              }),
+    EXPECT_EQ(messageOf<std::invalid_argument>([&] { answer({{"lines", "abc"}}); }),
               "The lines parameter is no number: abc");
     EXPECT_EQ(messageOf<std::invalid_argument>([&] { answer({{"severity", "abc"}}); }), "stoi");
     EXPECT_EQ(messageOf<std::out_of_range>([&] { answer({{"severity", "99999999999999999999"}}); }), "stoi");

@@ -129,13 +129,9 @@ TEST_F(ConfigTest, FractionCountsAsItsWholePart) {
 
 TEST_F(ConfigTest, RefusalNamesThePair) {
     Config& config = open();
-    EXPECT_EQ(messageOf<std::invalid_argument>([&] {
-                  config.set({{"log.lifetimeHours", 0}});
-              }),
+    EXPECT_EQ(messageOf<std::invalid_argument>([&] { config.set({{"log.lifetimeHours", 0}}); }),
               "Invalid agent configuration option {\"log.lifetimeHours\" : 0}");
-    EXPECT_EQ(messageOf<std::invalid_argument>([&] {
-                  config.set({{"no.such.key", "x"}});
-              }),
+    EXPECT_EQ(messageOf<std::invalid_argument>([&] { config.set({{"no.such.key", "x"}}); }),
               "Invalid agent configuration option {\"no.such.key\" : \"x\"}");
 }
 

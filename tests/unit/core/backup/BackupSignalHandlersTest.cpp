@@ -354,7 +354,7 @@ TEST_F(OverlappedRuns, DispositionsComeBackWhenAThirdStartsBetween) {
 }
 
 TEST_F(BackupSignals, HandlerOfNobodyOnlySaysSo) {
-    struct ::sigaction handler {};
+    struct ::sigaction handler{};
     const auto backup = run([&] { handler = test::disposition(SIGALRM); });
     log.clear();
     ::sigaction(SIGALRM, &handler, nullptr); // as if the signal had met the end of the run

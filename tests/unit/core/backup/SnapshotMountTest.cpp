@@ -1,12 +1,13 @@
 #include "common/PosixError.h"
 #include "core/backup/PrivateDirectory.h"
+#include "support/LoopFileSystem.h"
 #include "unit/core/backup/SnapshotSessionFixture.h"
 
 #include <cerrno>
-#include <cstdlib>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <utility>
 
 namespace agent::core::backup {
 namespace {
@@ -56,8 +57,19 @@ protected:
     void showImage(const std::string& makeFileSystem) {
         driver->snapshotPath = directory / "image";
         test::writeFile(driver->snapshotPath, std::string(4UL * 1048576, '\0'));
-        const std::string command = makeFileSystem + " " + driver->snapshotPath + " >/dev/null 2>&1";
-        ASSERT_EQ(std::system(command.c_str()), 0) << command; // NOLINT(cert-env33-c, concurrency-mt-unsafe)
+        test::outputOf(makeFileSystem + " " + driver->snapshotPath);
+    }
+
+    /// A file system that doesn't hold together since one of debugfs's requests has been carried out.
+    void showDamaged(const std::string& request) {
+        showImage("mkfs.ext4 -q");
+        test::outputOf("debugfs -w -R '" + request + "' " + driver->snapshotPath);
+    }
+
+    /// What is told of a snapshot that can't be mounted.
+    bool saysErrno(int error) const {
+        return log.has(warning, "Failed to mount device " + driver->snapshotPath +
+                                    " (/dev/disk1), errno: " + std::to_string(error));
     }
 
     void endSession(const std::shared_ptr<TestVolume>& volume) {
@@ -89,11 +101,24 @@ TEST_F(SnapshotMountTest, ASnapshotThatCannotBeMountedIsNoFailure) {
     const auto volume = makeVolume(one);
     driver->snapshotPath = "/dev/null";
     start({volume}, FULL);
-    EXPECT_TRUE(log.hasPart(warning, "Failed to mount device /dev/null (/dev/disk1), errno: "));
-    EXPECT_FALSE(log.has(warning, "Failed to mount device /dev/null (/dev/disk1), errno: 0"));
+    EXPECT_TRUE(saysErrno(ENOTBLK));
     driver->devices.clear();
     driver->failing = {"getSnapshotPath"};
     EXPECT_EQ(start({volume}, FULL).at(one).snapshotPath, "");
+}
+
+TEST_F(SnapshotMountTest, TheLogHasTheErrorOfTheKernel) {
+    const auto volume = makeVolume(one);
+    driver->snapshotPath = "/dev/tolvu-missing";
+    start({volume}, FULL);
+    EXPECT_TRUE(saysErrno(ENOENT));
+    for (const auto& [request, error] : {std::pair("set_bg 0 inode_table 99999999", EUCLEAN),
+                                         std::pair("set_super_value inode_size 77", EINVAL)}) {
+        showDamaged(request);
+        driver->devices.clear();
+        start({volume}, FULL);
+        EXPECT_TRUE(saysErrno(error)) << request;
+    }
 }
 
 TEST_F(SnapshotMountTest, AnEarlierRunIsClearedBeforeTheSnapshots) {
@@ -183,9 +208,7 @@ TEST_F(SnapshotMountTest, AUuidLeadsNotOutOfTheRoot) {
         const auto volume = std::make_shared<TestVolume>(std::move(description));
         log.clear();
         start({volume}, FULL);
-        EXPECT_TRUE(log.has(warning, "Failed to mount device " + driver->snapshotPath +
-                                         " (/dev/disk1), errno: " + std::to_string(EINVAL)))
-            << uuid;
+        EXPECT_TRUE(saysErrno(EINVAL)) << uuid;
     }
     EXPECT_FALSE(file::exists(mountRoot));
 }
@@ -196,8 +219,7 @@ TEST_F(SnapshotMountTest, AFileInPlaceOfTheMountPoint) {
     private_directory::make(mountRoot);
     test::writeFile(target, "");
     start({volume}, FULL);
-    EXPECT_TRUE(log.has(warning, "Failed to mount device " + driver->snapshotPath +
-                                     " (/dev/disk1), errno: " + std::to_string(ENOTDIR)));
+    EXPECT_TRUE(saysErrno(ENOTDIR));
     file::remove(target);
 }
 

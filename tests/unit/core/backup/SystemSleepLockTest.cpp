@@ -113,7 +113,9 @@ protected:
     /// end, and that nothing is left open, is checked here.
     std::string warningOfFailedLock() {
         const std::size_t descriptors = test::openDescriptors();
-        { const SystemSleepLock lock(log.logger); }
+        {
+            const SystemSleepLock lock(log.logger);
+        }
         EXPECT_EQ(test::openDescriptors(), descriptors);
         const auto lines = log.lines();
         if (lines.size() != 2) {

@@ -77,9 +77,7 @@ TEST(WriteBlockRanges, EmptyRangesSetNothing) {
 }
 
 TEST(WriteBlockRanges, OverlapByAByteIsRefused) {
-    EXPECT_EQ(test::messageOf<std::runtime_error>([] {
-                  bitmapOf({{0, 20}, {9, 2}}, 64);
-              }),
+    EXPECT_EQ(test::messageOf<std::runtime_error>([] { bitmapOf({{0, 20}, {9, 2}}, 64); }),
               "Overlapping range not supported");
 }
 

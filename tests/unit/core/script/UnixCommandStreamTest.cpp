@@ -302,7 +302,9 @@ TEST_F(CommandStream, EndlessOutputComesInBoundedParts) {
 
 TEST_F(CommandStream, DestroyingARunningStreamKillsAndReaps) {
     const auto begin = steady_clock::now();
-    { const UnixCommandStream stream("exec sleep 1000", "", true); }
+    {
+        const UnixCommandStream stream("exec sleep 1000", "", true);
+    }
     EXPECT_TRUE(test::hasNoChildren());
     EXPECT_LT(steady_clock::now() - begin, generous);
 }
@@ -310,7 +312,9 @@ TEST_F(CommandStream, DestroyingARunningStreamKillsAndReaps) {
 TEST_F(CommandStream, DestroyingWaitsForTheCommandIfItIsNotToBeKilled) {
     const test::TestDirectory directory;
     const std::string mark = directory / "mark";
-    { const UnixCommandStream stream("sleep 0.2; echo done >" + mark, "", false); }
+    {
+        const UnixCommandStream stream("sleep 0.2; echo done >" + mark, "", false);
+    }
     EXPECT_EQ(test::readFile(mark), "done\n");
     EXPECT_TRUE(test::hasNoChildren());
 }

@@ -1,14 +1,14 @@
 #include "FakeIscsi.h"
 
+#include "core/transport/Libiscsi.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <ctime>
 #include <sys/syscall.h>
 #include <unistd.h>
-// The library's headers need the types of those above.
-#include <iscsi/iscsi.h>
-#include <iscsi/scsi-lowlevel.h>
+#include <utility>
 
 struct iscsi_context {
     std::string error;
@@ -59,6 +59,14 @@ Task* answer(iscsi_context* context, const std::string& function, Outcome outcom
 
 } // namespace
 
+FakeIscsi::During::During(FakeIscsi& iscsi, Action action) : iscsi(iscsi) {
+    iscsi.action = std::move(action);
+}
+
+FakeIscsi::During::~During() {
+    iscsi.action = nullptr;
+}
+
 FakeIscsi::FakeIscsi() {
     if (current != nullptr) {
         std::abort();
@@ -83,8 +91,8 @@ void FakeIscsi::script(const std::string& function, const std::vector<Outcome>& 
 }
 
 Outcome FakeIscsi::outcomeOf(const std::string& function) {
-    if (during) {
-        during(function);
+    if (action) {
+        action(function);
     }
     auto& next = outcomes[function];
     if (next.empty()) {

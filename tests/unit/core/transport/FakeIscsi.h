@@ -23,6 +23,22 @@ public:
         shorter, ///< a task with a good status and a byte less than asked for
     };
 
+    /// What is run with the name of the function.
+    using Action = std::function<void(const std::string& function)>;
+
+    /// Runs an action inside of each call that is noted, for as long as it lives itself: no longer than what the
+    /// action refers to.
+    class During {
+    public:
+        During(FakeIscsi& iscsi, Action action);
+        During(const During&) = delete;
+        During& operator=(const During&) = delete;
+        ~During();
+
+    private:
+        FakeIscsi& iscsi;
+    };
+
     FakeIscsi();
     FakeIscsi(const FakeIscsi&) = delete;
     FakeIscsi& operator=(const FakeIscsi&) = delete;
@@ -50,7 +66,6 @@ public:
     std::uint64_t lastBlock = 0; ///< Whatever the size of `disk` is.
 
     std::vector<std::string> calls;
-    std::function<void(const std::string& function)> during; ///< Run inside of each call that is noted.
     int interruptions = 0; ///< So many of the next sleeps are cut short by a signal, after 0.7 seconds.
     int contexts = 0;      ///< How many are there.
     int tasks = 0;         ///< How many are there.
@@ -59,6 +74,7 @@ public:
 private:
     Outcome outcomeOf(const std::string& function);
 
+    Action action;
     std::map<std::string, std::deque<Outcome>> outcomes;
 };
 

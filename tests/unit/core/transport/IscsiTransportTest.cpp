@@ -527,7 +527,7 @@ TEST_F(IscsiTransportTest, WithoutAConnectionNothingIsReadOrWritten) {
 TEST_F(IscsiTransportTest, ASecondThreadIsTurnedAwayWhileACommandIsUnderWay) {
     connect();
     bool isFirst = true;
-    iscsi.during = [&](const std::string& /*function*/) {
+    const FakeIscsi::During during(iscsi, [&](const std::string& /*function*/) {
         if (!std::exchange(isFirst, false)) {
             return;
         }
@@ -540,7 +540,7 @@ TEST_F(IscsiTransportTest, ASecondThreadIsTurnedAwayWhileACommandIsUnderWay) {
             EXPECT_EQ(transport->write(block.data(), block.size()), -1);
             EXPECT_EQ(errno, EBUSY);
         }).join();
-    };
+    });
     EXPECT_EQ(read(blockBytes), blockBytes);
     isFirst = true;
     EXPECT_EQ(write(newBytes(blockBytes)), blockBytes);
@@ -981,17 +981,17 @@ void countBrokenPipe(int /*signal*/) {
 
 TEST_F(IscsiTransportTest, NoBrokenPipeOfTheLibraryGetsOut) {
     brokenPipes = 0;
-    struct sigaction counting {};
-    struct sigaction previous {};
+    struct sigaction counting{};
+    struct sigaction previous{};
     counting.sa_handler = countBrokenPipe;
     sigaction(SIGPIPE, &counting, &previous);
     Calls raisedIn;
-    iscsi.during = [&](const std::string& function) {
+    const FakeIscsi::During during(iscsi, [&](const std::string& function) {
         if (function != "nanosleep") {
             raisedIn.push_back(function);
             EXPECT_EQ(std::raise(SIGPIPE), 0);
         }
-    };
+    });
     iscsi.script(loginCall, {failed, good, failed});
     EXPECT_TRUE(transport->connect(true));
     iscsi.script(readCall, {failed});

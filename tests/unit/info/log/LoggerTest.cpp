@@ -72,7 +72,9 @@ TEST_F(LoggerTest, NewlinesWithinAreKept) {
 }
 
 TEST_F(LoggerTest, EmptyStatementPrintsNothing) {
-    { const LogEntry entry(record.logger, level::info); }
+    {
+        const LogEntry entry(record.logger, level::info);
+    }
     EXPECT_TRUE(record.lines().empty());
 }
 

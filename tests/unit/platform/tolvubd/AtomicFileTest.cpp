@@ -27,7 +27,7 @@ private:
 
 TEST_F(AtomicFile, HasTheTextAndTheModeAskedFor) {
     replaceFile(path(), "one", mode);
-    struct stat status {};
+    struct stat status{};
     ASSERT_EQ(::stat(path().c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 07777U, mode);
     EXPECT_EQ(content(), "one");

@@ -161,9 +161,7 @@ TEST_F(CopyChunkRangesTest, UnreadableChunkFailsAndIsNotWritten) {
 
 TEST_F(CopyChunkRangesTest, PlaceThatCannotBeSoughtOnTheTargetIsAConnectionError) {
     writer = std::make_shared<test::FaultyTransport>(target, 3); // the seek of the second chunk
-    EXPECT_EQ(messageOf<transport_connection_error>([&] {
-                  copy({{0, 1}, {3, 1}});
-              }),
+    EXPECT_EQ(messageOf<transport_connection_error>([&] { copy({{0, 1}, {3, 1}}); }),
               "Failed to seek to the write offset!");
     EXPECT_THAT(copied(), ElementsAre(0));
     EXPECT_THAT(log.lines(), IsEmpty());
@@ -171,9 +169,7 @@ TEST_F(CopyChunkRangesTest, PlaceThatCannotBeSoughtOnTheTargetIsAConnectionError
 
 TEST_F(CopyChunkRangesTest, ChunkThatCannotBeWrittenIsAConnectionError) {
     writer = std::make_shared<test::FaultyTransport>(target, 4); // the write of the second chunk
-    EXPECT_EQ(messageOf<transport_connection_error>([&] {
-                  copy({{0, 1}, {3, 2}});
-              }),
+    EXPECT_EQ(messageOf<transport_connection_error>([&] { copy({{0, 1}, {3, 2}}); }),
               "Failed to write the chunk!");
     EXPECT_EQ(transferred(), blockSize);
     EXPECT_THAT(log.lines(),
@@ -189,9 +185,7 @@ TEST_F(CopyChunkRangesTest, ShortWriteIsAConnectionError) {
 }
 
 TEST_F(CopyChunkRangesTest, ChunkLargerThanTheBufferIsRefused) {
-    EXPECT_EQ(messageOf<std::logic_error>([&] {
-                  copy({{0, bufferBlocks + 1}});
-              }),
+    EXPECT_EQ(messageOf<std::logic_error>([&] { copy({{0, bufferBlocks + 1}}); }),
               "A chunk to copy is larger than the buffer for it!");
     EXPECT_THAT(source.requests, IsEmpty());
 }
