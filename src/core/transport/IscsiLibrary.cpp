@@ -1,5 +1,7 @@
 #include "core/transport/IscsiLibrary.h"
 
+#include "common/PeerText.h"
+
 #include <cstdint>
 #include <ctime>
 // The library's headers need the types of those above.
@@ -21,7 +23,7 @@ std::string errorOf(const Context& context) {
     while (text.ends_with('\n')) {
         text.pop_back();
     }
-    return text;
+    return printable(text); // parts of it are the target's
 }
 
 bool isGood(const Task& task) noexcept {
