@@ -125,6 +125,13 @@ TEST_F(LoggingStackTest, NoSinkGetsControlCharacters) {
     EXPECT_THAT(shown, HasSubstr("[INFO:]     " + harmless + "\n"));
 }
 
+TEST_F(LoggingStackTest, MessageMayHaveSeveralLines) {
+    const std::string shown =
+        screen([&] { LogEntry(stack.logger, level::info) << "one\n\n2026-01-01\x07\nfour"; });
+    EXPECT_THAT(shown, testing::EndsWith("[INFO:]     one\n\n2026-01-01\\x07\nfour\n"));
+    EXPECT_EQ(todaysLog(), shown);
+}
+
 TEST_F(LoggingStackTest, EndlessMessageIsCut) {
     const std::string shown =
         screen([&] { LogEntry(stack.logger, level::info) << std::string(5'000'000, 'x'); });
