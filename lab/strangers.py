@@ -1,5 +1,5 @@
-"""Who mustn't get in the appliance's way: crowds of idle connections, requests that never end, bodies that are
-too long; and what the agent spends on them.
+"""Who mustn't get in the appliance's way: crowds of idle connections, requests that never end, bodies that
+are too long; and what the agent spends on them.
 
     with crowd(("127.0.0.1", 25567), 4000):
         appliance.backups()
@@ -56,11 +56,15 @@ def crowd(address, count):
         yield [stack.enter_context(socket.create_connection(address, SECONDS)) for _ in range(count)]
 
 
+def send_head(connection, url, count):
+    connection.send(f"POST {url} HTTP/1.1\r\nHost: agent\r\nContent-Length: {count}\r\n\r\n".encode())
+
+
 @contextlib.contextmanager
 def held_head(client, url="/pair", body_bytes=100, body=b""):
     """A request of which the head has come, and of the body no more than this."""
     with client.connect() as connection:
-        connection.send(f"POST {url} HTTP/1.1\r\nHost: agent\r\nContent-Length: {body_bytes}\r\n\r\n".encode())
+        send_head(connection, url, body_bytes)
         connection.send(body)
         yield connection
 
@@ -70,7 +74,7 @@ def send_body(client, url, count):
     piece = b"x" * MIB
     with client.connect() as connection:
         connection.socket.settimeout(10 * SECONDS)
-        connection.send(f"POST {url} HTTP/1.1\r\nHost: agent\r\nContent-Length: {count}\r\n\r\n".encode())
+        send_head(connection, url, count)
         for start in range(0, count, len(piece)):
             connection.send(piece[:count - start])
         return connection.read_answer()

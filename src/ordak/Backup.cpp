@@ -43,8 +43,8 @@ auto readKey(const json& object, const char* key, Convert convert) {
     }
 }
 
-/// The texts of a request become paths, names of scripts and strings of C libraries, where one with a NUL would
-/// end early and stand for something else. They also stand in many a line of the log.
+/// The texts of a request become paths, names of scripts and strings of C libraries, where one with a NUL
+/// would end early and stand for something else. They also stand in many a line of the log.
 std::string requireText(std::string text, const std::string& key) {
     if (text.find('\0') != std::string::npos) {
         throw exception::bad_request("the text of '" + key + "' holds a NUL character");
@@ -60,8 +60,8 @@ std::string readText(const json& object, const char* key) {
     return requireText(readKey(object, key, [](const json& value) { return value.get<std::string>(); }), key);
 }
 
-/// A text that names something, and does so in the log too. Nothing that can be backed up, or to, is called by
-/// control characters.
+/// A text that names something, and does so in the log too. Nothing that can be backed up, or to, is called
+/// by control characters.
 std::string readName(const json& object, const char* key) {
     std::string name = readText(object, key);
     if (std::any_of(name.begin(), name.end(),

@@ -19,8 +19,9 @@ namespace agent::ordak {
 /// Owns:    nothing between two requests.
 /// Threads: safe from any.
 /// Fails:   exception::bad_request for a volume or script that isn't described in full, for a text that holds
-///          a NUL or more than 4096 bytes, and for a name with any control character; the JSON library's errors
-///          for anything else in the document, and what the engine throws. Nothing has been started then; the transports made so far are gone.
+///          a NUL or more than 4096 bytes, and for a name with any control character; the JSON library's
+///          errors for anything else in the document, and what the engine throws. Nothing has been started
+///          then; the transports made so far are gone.
 class Backup {
 public:
     /// Announces the feature "zephane".

@@ -237,7 +237,8 @@ def test_settings_that_could_not_be_read_back_are_refused(foreground, connect_ap
     assert appliance.set_config({"log.lifetimeHours": 72}).status == 200
     answer = appliance.set_config({"autoupdate.channel": "x" * 1_100_000})
     assert (answer.status, answer.content) == (
-        400, "Failed to set config options: The configuration could not be read back: larger than 1048576 bytes")
+        400,
+        "Failed to set config options: The configuration could not be read back: larger than 1048576 bytes")
     assert daemon.stop() == 0
     foreground()
     assert appliance.config().content == {"log.lifetimeHours": 72}

@@ -351,8 +351,8 @@ def test_terminal_gets_no_control_characters(agent, command):
     assert command("host") == (0, '{\n    "hostName": "\\x7f\\x9b2J\\x85bücher"\n}\n', "")
     agent.says({"success": False, "errorString": HOSTILE})
     assert command("cancel", "b-1") == (1, "", f"lab/appliance: {HARMLESS}\n")
-    agent.says({"log": [{"message": f"one{HOSTILE}\n1999-01-01 00:00:00 5 two", "severity": 2, "timestamp": 0}],
-                "error": [HOSTILE]})
+    message = f"one{HOSTILE}\n1999-01-01 00:00:00 5 two"
+    agent.says({"log": [{"message": message, "severity": 2, "timestamp": 0}], "error": [HOSTILE]})
     status, output, error = command("logs")
     assert (status, error) == (0, f"lab/appliance: {HARMLESS}\n")
     assert output.endswith(f" 2 one{HARMLESS}\n    1999-01-01 00:00:00 5 two\n")
