@@ -19,9 +19,9 @@ namespace agent::ordak {
 /// Limits. The paired device may send bodies of 128 MiB, in all at a time; what others send beyond 16 KiB is
 /// dropped, and their request goes on with an empty body. The library holds method, URL and headers to
 /// 32 KiB. A connection that has been silent for 120 seconds is closed. Until a request on it has shown that
-/// it is the paired device's it is a stranger's: 10 seconds, and the oldest of 256 makes room for one more. So
-/// idle or slow strangers take neither the descriptors nor the memory that a backup needs. The library takes
-/// about a thousand connections (FD_SETSIZE less four), each with a thread and a descriptor.
+/// it is the paired device's it is a stranger's: 10 seconds, and the oldest of 256 makes room for one more.
+/// So idle or slow strangers take neither the descriptors nor the memory that a backup needs. The library
+/// takes about a thousand connections (FD_SETSIZE less four), each with a thread and a descriptor.
 ///
 /// Owns:    the library's daemon and its threads, and copies of the TLS material.
 /// Threads: `start` and `stop` on one thread; the request function on one thread for each connection, which
