@@ -75,14 +75,15 @@ void composeApi(info::LoggingStack& logging, db::IDataProviderExtended& dataProv
     HTTPInterpreter interpreter(
         logger, logging.securityLogger,
         [&](int deviceId, const std::string& address) { return pairing.isAuthorized(deviceId, address); });
-    ordak::HTTPServer server(logger, certificates.key, certificates.certificate, certificates.ca,
-                             [&](int deviceId, std::string ip, std::string method, std::string url,
-                                 const ordak::HTTPServer::Arguments& args, std::string data,
-                                 std::string& contentType, std::string& response) {
-                                 return interpreter.interpret(deviceId, std::move(ip), std::move(method),
-                                                              std::move(url), args, std::move(data),
-                                                              contentType, response);
-                             });
+    ordak::HTTPServer server(
+        logger, certificates.key, certificates.certificate, certificates.ca,
+        [&](int deviceId, std::string ip, std::string method, std::string url,
+            const ordak::HTTPServer::Arguments& args, std::string data, std::string& contentType,
+            std::string& response) {
+            return interpreter.interpret(deviceId, std::move(ip), std::move(method), std::move(url), args,
+                                         std::move(data), contentType, response);
+        },
+        [&](int deviceId) { return pairing.isPairedWith(deviceId); });
 
     TransportFactory transports(logger);
     core::backup::VSSWriterDetailsProvider writers;

@@ -2,6 +2,7 @@
 
 #include "app/CommandLine.h"
 #include "app/Composition.h"
+#include "app/DescriptorLimit.h"
 #include "common/BrokenPipeGuard.h"
 #include "common/Flock.h"
 #include "common/StandardError.h"
@@ -148,6 +149,7 @@ static int runDaemon(int argc, char** argv) {
         printUsage(std::cout);
         return refused;
     }
+    raiseDescriptorLimit();
     installSignalHandlers();
     return runAndReport(*commandLine);
 }

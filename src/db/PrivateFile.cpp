@@ -17,7 +17,7 @@ constexpr std::array companions = {"", "-journal", "-wal", "-shm"};
 
 /// By name and not by a descriptor: closing one would drop every lock that the process has on the file.
 void narrow(const std::string& path) {
-    struct ::stat found {};
+    struct ::stat found{};
     const bool isFile = ::stat(path.c_str(), &found) == 0 && S_ISREG(found.st_mode);
     if (isFile && (found.st_mode & permissions) != ownerOnly) {
         static_cast<void>(::chmod(path.c_str(), ownerOnly));

@@ -1,6 +1,7 @@
 #include "ordak/Backup.h"
 
 #include "common/Exceptions.h"
+#include "common/PeerText.h"
 #include "common/json/ParseJson.h"
 #include "common/json/WholeNumber.h"
 #include "core/backup/BackupAttributes.h"
@@ -11,6 +12,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
 #include <optional>
 #include <stdexcept>
 #include <unordered_map>
@@ -27,6 +29,7 @@ using Attributes = std::unordered_map<std::string, VolumeAttributes>;
 using Target = core::ITransportFactory::Target;
 
 constexpr std::uint32_t defaultTimeout = 60;
+constexpr std::size_t longestName = 4096; // bytes; as long as a path can be
 constexpr std::uint32_t driverMethod = 0;
 constexpr std::uint32_t otherMethod = 1;
 
@@ -40,8 +43,32 @@ auto readKey(const json& object, const char* key, Convert convert) {
     }
 }
 
+/// The texts of a request become paths, names of scripts and strings of C libraries, where one with a NUL
+/// would end early and stand for something else. They also stand in many a line of the log.
+std::string requireText(std::string text, const std::string& key) {
+    if (text.find('\0') != std::string::npos) {
+        throw exception::bad_request("the text of '" + key + "' holds a NUL character");
+    }
+    if (text.size() > longestName) {
+        throw exception::bad_request("the text of '" + key + "' is longer than " +
+                                     std::to_string(longestName) + " bytes");
+    }
+    return text;
+}
+
 std::string readText(const json& object, const char* key) {
-    return readKey(object, key, [](const json& value) { return value.get<std::string>(); });
+    return requireText(readKey(object, key, [](const json& value) { return value.get<std::string>(); }), key);
+}
+
+/// A text that names something, and does so in the log too. Nothing that can be backed up, or to, is called
+/// by control characters.
+std::string readName(const json& object, const char* key) {
+    std::string name = readText(object, key);
+    if (std::any_of(name.begin(), name.end(),
+                    [](unsigned char byte) { return byte < 0x20 || byte == 0x7f; })) {
+        throw exception::bad_request("the text of '" + std::string(key) + "' holds a control character");
+    }
+    return name;
 }
 
 template <typename Integer>
@@ -67,6 +94,9 @@ core::backup::BackupType readType(const json& request) {
 
 std::shared_ptr<core::backup::ISnapshotAttributes> readSnapshotAttributes(const json& request) {
     auto exclusions = request.value("VSSExclusions", std::vector<std::string>());
+    for (const std::string& exclusion : exclusions) {
+        requireText(exclusion, "VSSExclusions");
+    }
     const bool byDriver = request.value("snapshotMethod", std::string()) == "TVD";
     return std::make_shared<core::backup::SnapshotAttributes>(byDriver ? driverMethod : otherMethod,
                                                               std::move(exclusions), 0);
@@ -100,7 +130,7 @@ Backup::Backup(info::Logger& logger, core::IEngine& engine, FeatureManager& feat
 APIResponse Backup::operator()(const std::string& body) {
     info::LogEntry(logger, info::level::info) << "Handling backup start call";
     const json request = parseJson(body);
-    const std::string interface = request.value("interface", std::string());
+    const std::string interface = requireText(request.value("interface", std::string()), "interface");
     if (interface == "zephane") {
         throw std::invalid_argument("Zephane v1 not supported!");
     }
@@ -124,10 +154,10 @@ APIResponse Backup::operator()(const std::string& body) {
 
 Backup::Volume Backup::readVolume(const json& entry) {
     Volume volume;
-    volume.guid = readText(entry, "guid");
+    volume.guid = readName(entry, "guid");
     volume.target.offset = readNumber<std::uint64_t>(entry, "offset");
-    volume.target.qualifiedName = readText(entry, "qualifiedName");
-    volume.target.address = readText(entry, "target");
+    volume.target.qualifiedName = readName(entry, "qualifiedName");
+    volume.target.address = readName(entry, "target");
     volume.target.lun = readLun(entry);
     volume.target.username = readText(entry, "username");
     volume.target.password = readText(entry, "password");
@@ -140,7 +170,7 @@ Backup::Volume Backup::readVolume(const json& entry) {
 }
 
 VolumeScript Backup::readScript(const json& script) {
-    std::string name = readText(script, "scriptname");
+    std::string name = readName(script, "scriptname");
     const std::uint32_t timeout = readTimeout(script, name);
     return {std::move(name), timeout};
 }
@@ -158,7 +188,7 @@ std::uint32_t Backup::readTimeout(const json& script, const std::string& name) {
 
 std::shared_ptr<core::ITransport> Backup::makeTransport(const std::string& interface, Target target) {
     logger.log(info::level::debug, "Backup transport interface requested: %s",
-               interface.empty() ? "<not specified>" : interface.c_str());
+               interface.empty() ? "<not specified>" : printable(interface).c_str());
     if (interface == "zephaneftp") {
         logger.log(info::level::info, "Backup transport interface: %s", "zephaneftp");
         const std::uint16_t port = splitPort(target.address);

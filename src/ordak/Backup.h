@@ -18,7 +18,8 @@ namespace agent::ordak {
 /// POST /backup: starts the backup that a JSON document describes, and answers with its ID at once.
 /// Owns:    nothing between two requests.
 /// Threads: safe from any.
-/// Fails:   exception::bad_request for a volume or script that isn't described in full, the JSON library's
+/// Fails:   exception::bad_request for a volume or script that isn't described in full, for a text that holds
+///          a NUL or more than 4096 bytes, and for a name with any control character; the JSON library's
 ///          errors for anything else in the document, and what the engine throws. Nothing has been started
 ///          then; the transports made so far are gone.
 class Backup {

@@ -32,7 +32,7 @@ Certificates readAll() {
 void closeKey(info::Logger& logger) {
     const std::string path = certificatesDirectory() / keyName;
     constexpr mode_t others = S_IRWXG | S_IRWXO;
-    struct ::stat found {};
+    struct ::stat found{};
     if (::stat(path.c_str(), &found) != 0 || !S_ISREG(found.st_mode) || (found.st_mode & others) == 0) {
         return;
     }

@@ -1,6 +1,7 @@
 #include "ordak/HTTPInterpreter.h"
 
 #include "common/Exceptions.h"
+#include "common/PeerText.h"
 #include "ordak/http_not_implemented.h"
 
 #include <string_view>
@@ -26,6 +27,11 @@ bool isOpenToAll(APICall call) {
     default:
         return false;
     }
+}
+
+/// What somebody has sent, as it may stand in a line of the log.
+std::string shown(const std::string& text) {
+    return printable(shortened(text));
 }
 
 bool namesBackup(APICall call) {
@@ -65,9 +71,9 @@ int HTTPInterpreter::interpret(int deviceId, std::string ip, std::string method,
         info::LogEntry(logger, info::level::debug) << "Handling request";
         info::LogEntry(logger, info::level::debug) << "Request from device id: " << deviceId;
         info::LogEntry(logger, info::level::debug) << "IPV4: " << ip;
-        info::LogEntry(logger, info::level::debug) << "METHOD: " << method;
-        info::LogEntry(logger, info::level::debug) << "URL: " << url;
-        info::LogEntry(logger, info::level::debug) << "DATA: " << data;
+        info::LogEntry(logger, info::level::debug) << "METHOD: " << shown(method);
+        info::LogEntry(logger, info::level::debug) << "URL: " << shown(url);
+        info::LogEntry(logger, info::level::debug) << "DATA: " << shown(data);
     }
     contentType = plainText;
     if (call == APICall::invalid) {
@@ -106,19 +112,19 @@ int HTTPInterpreter::runHandler(APICall call, const std::string& data,
         contentType = result.contentType == APIResponse::ContentType::json ? "application/json" : plainText;
         return result.status;
     } catch (const http_not_implemented& error) {
+        response = shortened(error.what());
         info::LogEntry(logger, info::level::warning)
-            << "API request for " << apiCallName(call) << " is not implemented on this OS: " << error.what();
-        response = error.what();
+            << "API request for " << apiCallName(call) << " is not implemented on this OS: " << response;
         return 501;
     } catch (const exception::bad_request& error) {
+        response = shortened(error.what());
         info::LogEntry(logger, info::level::warning)
-            << "Bad API request for " << apiCallName(call) << ": " << error.what();
-        response = error.what();
+            << "Bad API request for " << apiCallName(call) << ": " << printable(response);
         return 400;
     } catch (const std::exception& error) {
+        response = shortened(error.what());
         info::LogEntry(logger, info::level::error)
-            << "Internal server error on request " << apiCallName(call) << ": " << error.what();
-        response = error.what();
+            << "Internal server error on request " << apiCallName(call) << ": " << printable(response);
         return 500;
     }
 }

@@ -17,7 +17,8 @@ namespace agent::ordak {
 /// Threads: `interpret` from any thread at once; the table is filled before the first of them. A handler
 ///          runs on its caller's thread and takes care of what it shares with others.
 /// Fails:   never for a std::exception of a handler, which becomes a status and a text. Anything else
-///          leaves `interpret`, and so does what the authorisation function throws.
+///          leaves `interpret`, and so does what the authorisation function throws. Texts of failures, and
+///          what is logged of a request, are cut where they get long: they may hold whole bodies.
 class HTTPInterpreter {
 public:
     using Handler = std::function<APIResponse(const std::string& body, const APIExtendedData& extended)>;

@@ -1,17 +1,21 @@
 #include "ordak/HTTPServer.h"
 
+#include "common/PeerText.h"
 #include "common/TerminationSignals.h"
 #include "ordak/Certificate.h"
 #include "ordak/LibraryLog.h"
+#include "ordak/ListeningSocket.h"
+#include "ordak/RequestBody.h"
+#include "ordak/Strangers.h"
 #include "ordak/VerifyClient.h"
 
 #include <arpa/inet.h>
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
 #include <microhttpd.h>
-#include <mutex>
 #include <netinet/in.h>
 #include <optional>
 #include <stdexcept>
@@ -23,10 +27,10 @@ namespace {
 
 constexpr std::uint16_t port = 25567;
 constexpr unsigned connectionTimeoutSeconds = 120;
+/// For whoever has not been seen to be the paired device on this connection.
+constexpr unsigned strangerTimeoutSeconds = 10;
+constexpr std::size_t mostStrangers = 256;
 constexpr const char* tlsPriorities = "NORMAL:-VERS-TLS1.0:-DES-CBC:-3DES-CBC:-NULL";
-
-/// Generously above anything that an appliance sends.
-constexpr std::size_t mostBodyBytes = std::size_t{128} * 1024 * 1024;
 
 std::string textOf(const char* text) {
     return text == nullptr ? std::string() : std::string(text);
@@ -61,6 +65,18 @@ std::string clientAddress(info::Logger& logger, MHD_Connection* connection) {
     return text.data();
 }
 
+int socketOf(MHD_Connection* connection) {
+    const MHD_ConnectionInfo* const about =
+        MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD);
+    return about == nullptr ? -1 : about->connect_fd;
+}
+
+/// Decodes the %XX of a URL in place. One with a NUL stays as it was sent: the text would end there, and name
+/// something else than its sender has asked for.
+std::size_t unescape(void* /*closure*/, MHD_Connection* /*connection*/, char* text) noexcept {
+    return std::strstr(text, "%00") == nullptr ? MHD_http_unescape(text) : std::strlen(text);
+}
+
 MHD_Result collectArgument(void* closure, MHD_ValueKind /*kind*/, const char* key,
                            const char* value) noexcept {
     const std::string name = textOf(key);
@@ -87,12 +103,13 @@ MHD_Result queueResponse(MHD_Connection* connection, int status, const std::stri
 class HTTPServer::Impl {
 public:
     Impl(info::Logger& logger, std::string key, std::string certificate, std::string trust,
-         RequestFunction handler)
+         RequestFunction handler, PairedFunction isPaired)
         : logger(logger),
           key(std::move(key)),
           certificate(std::move(certificate)),
           trust(std::move(trust)),
-          handler(std::move(handler)) {}
+          handler(std::move(handler)),
+          isPaired(std::move(isPaired)) {}
     Impl(const Impl&) = delete;
     Impl& operator=(const Impl&) = delete;
     ~Impl() {
@@ -104,6 +121,15 @@ public:
     void stop();
 
 private:
+    /// One request on its way in; the library keeps it from the first call of the request to its end. A
+    /// connection has one certificate, so whatever has come for a request is from one and the same sender.
+    struct Request {
+        explicit Request(std::atomic<std::size_t>& kept) : data(kept) {}
+
+        Arguments args;
+        RequestBody data;
+    };
+
     /// What the library hands over at each call.
     struct Call {
         MHD_Connection* connection;
@@ -117,39 +143,37 @@ private:
                              void** requestClosure) noexcept;
     static void complete(void* closure, MHD_Connection* connection, void** requestClosure,
                          MHD_RequestTerminationCode reason) noexcept;
+    static void noteConnection(void* closure, MHD_Connection* connection, void** socketClosure,
+                               MHD_ConnectionNotificationCode event) noexcept;
     [[gnu::format(printf, 2, 0)]] static void logMessage(void* closure, const char* format,
                                                          va_list arguments) noexcept;
 
     MHD_Daemon* startDaemon();
-    void forgetRequest();
-    void endRequest(const MHD_Connection* connection);
-    bool takeFirstCall(const MHD_Connection* connection);
-    std::string takeData(Arguments& requestArgs);
-    [[nodiscard]] bool keepChunk(const std::string& chunk);
-    MHD_Result process(const Call& call);
-    MHD_Result processChecked(const Call& call, int deviceId);
-    std::optional<MHD_Result> takeBody(const Call& call);
-    void takeArguments(MHD_Connection* connection);
-    MHD_Result answer(const Call& call, int deviceId);
+    MHD_Daemon* startDaemon(int socket);
+    MHD_Result accept(const Call& call, Request& request) noexcept;
+    MHD_Result process(const Call& call, Request& request);
+    MHD_Result processChecked(const Call& call, Request& request, int deviceId);
+    [[nodiscard]] bool isFromPaired(int deviceId) const;
+    void welcome(MHD_Connection* connection);
+    [[nodiscard]] bool keepChunk(const std::string& chunk, Request& request, bool isFromPairedDevice);
+    std::optional<MHD_Result> takeBody(const Call& call, Request& request);
+    void takeArguments(MHD_Connection* connection, Request& request);
+    MHD_Result answer(const Call& call, Request& request, int deviceId);
 
     info::Logger& logger;
     const std::string key;
     const std::string certificate;
     const std::string trust;
     const RequestFunction handler;
-    std::shared_ptr<MHD_Daemon> daemon;
-
-    std::mutex mutex;      // innermost, and never held while another function of ours or the library's runs
-    Arguments args;        // guarded by mutex
-    std::string data;      // guarded by mutex
-    bool firstCall = true; // guarded by mutex
-    const MHD_Connection* current = nullptr; // guarded by mutex; whose first call it was
+    const PairedFunction isPaired;
+    Strangers strangers{mostStrangers};
+    std::atomic<std::size_t> keptBytes = 0; // of the bodies of all requests
+    std::shared_ptr<MHD_Daemon> daemon;     // its threads use all of the above
 };
 
 void HTTPServer::Impl::start() {
     info::LogEntry(logger, info::level::debug) << "HTTP server starting";
     daemon.reset();
-    forgetRequest();
     MHD_Daemon* const started = startDaemon();
     if (started == nullptr) {
         const int error = errno;
@@ -160,17 +184,33 @@ void HTTPServer::Impl::start() {
     info::LogEntry(logger, info::level::info) << "HTTP server started";
 }
 
+/// Null, with `errno`, on failure.
 MHD_Daemon* HTTPServer::Impl::startDaemon() {
+    ListeningSocket socket(port);
+    MHD_Daemon* const started = socket ? startDaemon(socket.get()) : nullptr;
+    if (started != nullptr) {
+        socket.handOver();
+    } else {
+        socket.takeBack();
+    }
+    return started;
+}
+
+/// By `poll`, since `select` knows no descriptor above 1023.
+MHD_Daemon* HTTPServer::Impl::startDaemon(int socket) {
     const TerminationSignalsBlocked inherited; // by the library's threads
-    return MHD_start_daemon(MHD_USE_TLS | MHD_USE_THREAD_PER_CONNECTION, port, nullptr, nullptr, access, this,
-                            MHD_OPTION_NOTIFY_COMPLETED, complete, this,             //
-                            MHD_OPTION_HTTPS_MEM_KEY, key.c_str(),                   //
-                            MHD_OPTION_HTTPS_MEM_CERT, certificate.c_str(),          //
-                            MHD_OPTION_HTTPS_MEM_TRUST, trust.c_str(),               //
-                            MHD_OPTION_HTTPS_CRED_TYPE, GNUTLS_CRD_CERTIFICATE,      //
-                            MHD_OPTION_CONNECTION_TIMEOUT, connectionTimeoutSeconds, //
-                            MHD_OPTION_EXTERNAL_LOGGER, logMessage, this,            //
-                            MHD_OPTION_HTTPS_PRIORITIES, tlsPriorities, MHD_OPTION_END);
+    return MHD_start_daemon(MHD_USE_TLS | MHD_USE_THREAD_PER_CONNECTION | MHD_USE_POLL, port, nullptr,
+                            nullptr, access, this, MHD_OPTION_NOTIFY_COMPLETED, complete, this, //
+                            MHD_OPTION_HTTPS_MEM_KEY, key.c_str(),                              //
+                            MHD_OPTION_HTTPS_MEM_CERT, certificate.c_str(),                     //
+                            MHD_OPTION_HTTPS_MEM_TRUST, trust.c_str(),                          //
+                            MHD_OPTION_HTTPS_CRED_TYPE, GNUTLS_CRD_CERTIFICATE,                 //
+                            MHD_OPTION_CONNECTION_TIMEOUT, connectionTimeoutSeconds,            //
+                            MHD_OPTION_EXTERNAL_LOGGER, logMessage, this,                       //
+                            MHD_OPTION_HTTPS_PRIORITIES, tlsPriorities,                         //
+                            MHD_OPTION_NOTIFY_CONNECTION, noteConnection, this,                 //
+                            MHD_OPTION_UNESCAPE_CALLBACK, unescape, nullptr,                    //
+                            MHD_OPTION_LISTEN_SOCKET, socket, MHD_OPTION_END);
 }
 
 void HTTPServer::Impl::stop() {
@@ -183,39 +223,53 @@ void HTTPServer::Impl::logMessage(void* closure, const char* format, va_list arg
     logLibraryMessage(static_cast<Impl*>(closure)->logger, format, arguments);
 }
 
-void HTTPServer::Impl::complete(void* closure, MHD_Connection* connection, void** /*requestClosure*/,
+void HTTPServer::Impl::complete(void* /*closure*/, MHD_Connection* /*connection*/, void** requestClosure,
                                 MHD_RequestTerminationCode /*reason*/) noexcept {
-    static_cast<Impl*>(closure)->endRequest(connection);
+    const std::unique_ptr<Request> ended(static_cast<Request*>(std::exchange(*requestClosure, nullptr)));
+}
+
+void HTTPServer::Impl::noteConnection(void* closure, MHD_Connection* connection, void** /*socketClosure*/,
+                                      MHD_ConnectionNotificationCode event) noexcept {
+    Impl& self = *static_cast<Impl*>(closure);
+    if (event == MHD_CONNECTION_NOTIFY_STARTED) {
+        MHD_set_connection_option(connection, MHD_CONNECTION_OPTION_TIMEOUT, strangerTimeoutSeconds);
+        self.strangers.enter(socketOf(connection));
+    } else {
+        self.strangers.leave(socketOf(connection));
+    }
 }
 
 MHD_Result HTTPServer::Impl::access(void* closure, MHD_Connection* connection, const char* url,
                                     const char* method, const char* /*version*/, const char* chunk,
-                                    std::size_t* chunkBytes, void** /*requestClosure*/) noexcept {
+                                    std::size_t* chunkBytes, void** requestClosure) noexcept {
     Impl& self = *static_cast<Impl*>(closure);
-    if (self.takeFirstCall(connection)) {
+    if (*requestClosure == nullptr) { // the first call of a request; there is more to come
+        *requestClosure = std::make_unique<Request>(self.keptBytes).release();
         return MHD_YES;
     }
+    const MHD_Result result =
+        self.accept({connection, textOf(method), textOf(url),
+                     chunk == nullptr ? std::string() : std::string(chunk, *chunkBytes)},
+                    *static_cast<Request*>(*requestClosure));
+    if (chunk != nullptr) {
+        *chunkBytes = 0;
+    }
+    return result;
+}
+
+MHD_Result HTTPServer::Impl::accept(const Call& call, Request& request) noexcept {
     try {
-        const MHD_Result result =
-            self.process({connection, textOf(method), textOf(url),
-                          chunk == nullptr ? std::string() : std::string(chunk, *chunkBytes)});
-        if (chunk != nullptr) {
-            *chunkBytes = 0;
-        }
-        if (result == MHD_YES) {
-            return MHD_YES;
-        }
+        return process(call, request);
     } catch (const std::exception& error) {
-        info::LogEntry(self.logger, info::level::error)
+        info::LogEntry(logger, info::level::error)
             << "Exception occurred in processing connection: " << error.what();
     } catch (...) {
-        info::LogEntry(self.logger, info::level::error) << "Unknown error occurred in processing connection";
+        info::LogEntry(logger, info::level::error) << "Unknown error occurred in processing connection";
     }
-    self.endRequest(connection);
     return MHD_NO;
 }
 
-MHD_Result HTTPServer::Impl::process(const Call& call) {
+MHD_Result HTTPServer::Impl::process(const Call& call, Request& request) {
     gnutls_session_t session = tlsSessionOf(logger, call.connection);
     const Certificate local(Certificate::Kind::local, session);
     const Certificate peer(Certificate::Kind::peer, session);
@@ -223,34 +277,60 @@ MHD_Result HTTPServer::Impl::process(const Call& call) {
         info::LogEntry(logger, info::level::error) << "Client certificate validation failed";
         return MHD_NO;
     }
-    return processChecked(call, peer.subject().number);
+    return processChecked(call, request, peer.subject().number);
 }
 
-MHD_Result HTTPServer::Impl::processChecked(const Call& call, int deviceId) {
-    if (!keepChunk(call.chunk)) {
-        info::LogEntry(logger, info::level::warning)
-            << "Request body is longer than " << mostBodyBytes << " bytes";
+MHD_Result HTTPServer::Impl::processChecked(const Call& call, Request& request, int deviceId) {
+    const bool isFromPairedDevice = isFromPaired(deviceId);
+    if (isFromPairedDevice) {
+        welcome(call.connection);
+    }
+    if (!keepChunk(call.chunk, request, isFromPairedDevice)) {
         return MHD_NO;
     }
-    if (const std::optional<MHD_Result> result = takeBody(call)) {
+    if (const std::optional<MHD_Result> result = takeBody(call, request)) {
         return *result;
     }
-    return answer(call, deviceId);
+    return answer(call, request, deviceId);
+}
+
+/// A pairing that can't be read makes nobody the paired device.
+bool HTTPServer::Impl::isFromPaired(int deviceId) const {
+    try {
+        return !isPaired || isPaired(deviceId);
+    } catch (const std::exception&) {
+        return false;
+    }
+}
+
+void HTTPServer::Impl::welcome(MHD_Connection* connection) {
+    if (strangers.leave(socketOf(connection))) {
+        MHD_set_connection_option(connection, MHD_CONNECTION_OPTION_TIMEOUT, connectionTimeoutSeconds);
+    }
+}
+
+bool HTTPServer::Impl::keepChunk(const std::string& chunk, Request& request, bool isFromPairedDevice) {
+    const bool wasDropped = request.data.isDropped();
+    const bool isKept = request.data.append(chunk, isFromPairedDevice);
+    if (!isKept) {
+        info::LogEntry(logger, info::level::warning)
+            << "Request body is longer than " << RequestBody::mostBytes << " bytes";
+    } else if (request.data.isDropped() && !wasDropped) {
+        info::LogEntry(logger, info::level::warning)
+            << "Request body of a device that isn't paired is longer than " << RequestBody::mostUnpairedBytes
+            << " bytes, and is dropped";
+    }
+    return isKept;
 }
 
 /// Returns what the library is to be told, or nothing if the request is complete.
-std::optional<MHD_Result> HTTPServer::Impl::takeBody(const Call& call) {
-    {
-        const std::lock_guard lock(mutex);
-        args.clear();
-    }
+std::optional<MHD_Result> HTTPServer::Impl::takeBody(const Call& call, Request& request) {
     if (call.method == "GET") {
         if (!call.chunk.empty()) {
             info::LogEntry(logger, info::level::warning) << "Invalid GET request. Data exists in body.";
             return MHD_NO;
         }
-        takeArguments(call.connection);
-        forgetRequest();
+        takeArguments(call.connection, request);
         return std::nullopt;
     }
     if (call.method == "POST" || call.method == "PUT" || call.method == "DELETE") {
@@ -260,80 +340,28 @@ std::optional<MHD_Result> HTTPServer::Impl::takeBody(const Call& call) {
     return MHD_NO;
 }
 
-void HTTPServer::Impl::takeArguments(MHD_Connection* connection) {
-    Arguments collected;
-    if (MHD_get_connection_values(connection, MHD_GET_ARGUMENT_KIND, collectArgument, &collected) < 0) {
+void HTTPServer::Impl::takeArguments(MHD_Connection* connection, Request& request) {
+    if (MHD_get_connection_values(connection, MHD_GET_ARGUMENT_KIND, collectArgument, &request.args) < 0) {
         info::LogEntry(logger, info::level::debug) << "no url args";
     }
-    for (const auto& [name, value] : collected) {
-        info::LogEntry(logger, info::level::debug) << name << " = " << value;
+    for (const auto& [name, value] : request.args) {
+        info::LogEntry(logger, info::level::debug) << printable(name) << " = " << printable(value);
     }
-    const std::lock_guard lock(mutex);
-    args = std::move(collected);
 }
 
-MHD_Result HTTPServer::Impl::answer(const Call& call, int deviceId) {
+MHD_Result HTTPServer::Impl::answer(const Call& call, Request& request, int deviceId) {
     const std::string ip = clientAddress(logger, call.connection);
-    Arguments requestArgs;
-    std::string body = takeData(requestArgs);
     std::string contentType;
     std::string response;
-    const int status =
-        handler(deviceId, ip, call.method, call.url, requestArgs, std::move(body), contentType, response);
+    const int status = handler(deviceId, ip, call.method, call.url, request.args, request.data.take(),
+                               contentType, response);
     return queueResponse(call.connection, status, contentType, response);
 }
 
-void HTTPServer::Impl::forgetRequest() {
-    const std::lock_guard lock(mutex);
-    firstCall = true;
-    current = nullptr;
-    data = std::string(); // with its memory, which may be a lot
-}
-
-/// A client that has its answer may send the next request, on another connection, before the library reports
-/// the end of the last one: that must not take the next one's first call from it.
-void HTTPServer::Impl::endRequest(const MHD_Connection* connection) {
-    const std::lock_guard lock(mutex);
-    if (current == connection) {
-        firstCall = true;
-        current = nullptr;
-        data = std::string();
-    }
-}
-
-/// What a request that overlapped with another one has left, because it didn't own the end, isn't the next
-/// one's.
-bool HTTPServer::Impl::takeFirstCall(const MHD_Connection* connection) {
-    const std::lock_guard lock(mutex);
-    if (firstCall) {
-        current = connection;
-        data = std::string();
-    }
-    return std::exchange(firstCall, false);
-}
-
-/// The request is complete, so that the next one may begin, as soon as the client has its answer.
-std::string HTTPServer::Impl::takeData(Arguments& requestArgs) {
-    const std::lock_guard lock(mutex);
-    requestArgs = args;
-    firstCall = true;
-    current = nullptr;
-    return std::exchange(data, {});
-}
-
-bool HTTPServer::Impl::keepChunk(const std::string& chunk) {
-    const std::lock_guard lock(mutex);
-    if (chunk.size() > mostBodyBytes - data.size()) {
-        return false;
-    }
-    data += chunk;
-    return true;
-}
-
 HTTPServer::HTTPServer(info::Logger& logger, std::string key, std::string certificate, std::string trust,
-                       RequestFunction handler)
+                       RequestFunction handler, PairedFunction isPaired)
     : impl(std::make_unique<Impl>(logger, std::move(key), std::move(certificate), std::move(trust),
-                                  std::move(handler))) {}
+                                  std::move(handler), std::move(isPaired))) {}
 
 HTTPServer::~HTTPServer() = default;
 

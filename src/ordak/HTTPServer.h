@@ -13,18 +13,15 @@ namespace agent::ordak {
 /// The agent's only listening socket: HTTPS on port 25567 of all IPv4 interfaces, for devices that the rules
 /// of VerifyClient.h accept. Hands each finished request to one function; knows the meaning of no URL.
 ///
-/// Made for one appliance that sends one request at a time. The URL arguments, the body collected so far and
-/// the mark "the next call is the first of a request" exist once for all connections, so requests that
-/// overlap in time disturb one another: one may lose its body or the beginning of it, get a piece of
-/// another's appended, get another's URL arguments, or be left without an answer until it times out. Even a
-/// client without a certificate can do so, but it adds nothing to a body: only a chunk whose sender has been
-/// checked is kept. A mutex guards the three, so an overlap never goes further than that: it isn't held
-/// while the request function runs, which works on copies.
+/// Each request has arguments and a body of its own, which end with it. Those of a connection come from one
+/// sender, whose certificate is checked for each piece, so nobody adds to another's request or disturbs it.
 ///
-/// Limits. A body above 128 MiB is refused; the library holds method, URL and headers to 32 KiB. It takes
-/// some thousand connections at most (FD_SETSIZE less four), each with a thread and a descriptor, and closes
-/// one that has been silent for 120 seconds. A process whose limit of descriptors is 1024 can thus be left
-/// without any by idle clients; it should be at least 2048.
+/// Limits. The paired device may send bodies of 128 MiB, in all at a time; what others send beyond 16 KiB is
+/// dropped, and their request goes on with an empty body. The library holds method, URL and headers to
+/// 32 KiB. A connection that has been silent for 120 seconds is closed. Until a request on it has shown that
+/// it is the paired device's it is a stranger's: 10 seconds, and the oldest of 256 makes room for one more.
+/// So idle or slow strangers take neither the descriptors nor the memory that a backup needs. The library
+/// takes about a thousand connections (FD_SETSIZE less four), each with a thread and a descriptor.
 ///
 /// Owns:    the library's daemon and its threads, and copies of the TLS material.
 /// Threads: `start` and `stop` on one thread; the request function on one thread for each connection, which
@@ -37,10 +34,14 @@ public:
     using RequestFunction = std::function<int(int deviceId, std::string ip, std::string method,
                                               std::string url, const Arguments& args, std::string data,
                                               std::string& contentType, std::string& response)>;
+    /// Whether the device with this ID is the paired one. Asked for each piece of a request; what it throws
+    /// counts as a no.
+    using PairedFunction = std::function<bool(int deviceId)>;
 
-    /// `key`, `certificate` and `trust` are PEM texts.
+    /// `key`, `certificate` and `trust` are PEM texts. Without `isPaired` every device counts as paired whose
+    /// certificate is accepted.
     HTTPServer(info::Logger& logger, std::string key, std::string certificate, std::string trust,
-               RequestFunction handler);
+               RequestFunction handler, PairedFunction isPaired = {});
     HTTPServer(const HTTPServer&) = delete;
     HTTPServer& operator=(const HTTPServer&) = delete;
     ~HTTPServer() override;

@@ -19,6 +19,11 @@ std::int32_t OrdakPairDelegate::getDeviceId() {
     return load();
 }
 
+bool OrdakPairDelegate::isPairedWith(int id) {
+    const std::lock_guard lock(mutex);
+    return id > 0 && id == load();
+}
+
 bool OrdakPairDelegate::isAuthorized(int id, const std::string& address) {
     const std::lock_guard lock(mutex);
     const std::int32_t paired = load();

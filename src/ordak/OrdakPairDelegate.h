@@ -20,6 +20,8 @@ public:
     [[nodiscard]] bool isPaired();
     /// The paired device, or -1.
     [[nodiscard]] std::int32_t getDeviceId();
+    /// Whether this is the paired device; nothing is stored.
+    [[nodiscard]] bool isPairedWith(int id);
     /// True for the paired device, from wherever it calls; a new address is stored.
     [[nodiscard]] bool isAuthorized(int id, const std::string& address);
     /// Replaces any earlier pairing.

@@ -1,6 +1,7 @@
 #include "ordak/VerifyClient.h"
 
 #include "common/BaseDirectories.h"
+#include "common/PeerText.h"
 
 #include <algorithm>
 #include <array>
@@ -19,12 +20,9 @@ constexpr std::size_t mostExtensionBytes = 999;
 constexpr unsigned char ia5StringTag = 22;
 
 /// A name of a certificate that nobody has vouched for yet, as it may stand in a line of the log.
-std::string printable(const std::string& name) {
+std::string shown(const std::string& name) {
     constexpr std::size_t longest = 256;
-    std::string text = name.substr(0, longest);
-    std::replace_if(
-        text.begin(), text.end(), [](unsigned char byte) { return byte < 0x20 || byte == 0x7f; }, '?');
-    return text;
+    return printable(shortened(name, longest));
 }
 
 bool hasSameIssuer(info::Logger& logger, const Certificate& local, const Certificate& peer) {
@@ -32,8 +30,8 @@ bool hasSameIssuer(info::Logger& logger, const Certificate& local, const Certifi
         return true;
     }
     info::LogEntry(logger, info::level::debug)
-        << "Certificate issuer mismatch (ours='" << printable(local.issuer().commonName) << "'; theirs='"
-        << printable(peer.issuer().commonName) << "'";
+        << "Certificate issuer mismatch (ours='" << shown(local.issuer().commonName) << "'; theirs='"
+        << shown(peer.issuer().commonName) << "'";
     info::LogEntry(logger, info::level::error) << "Certificate issuer mismatch";
     return false;
 }
@@ -53,7 +51,7 @@ bool isNamedLikeDevice(info::Logger& logger, const std::string& name) {
         info::LogEntry(logger, info::level::debug) << "Bad client certificate Common Name";
     } else {
         info::LogEntry(logger, info::level::debug)
-            << "Client Common Name '" << printable(name) << "' does not match expected deviceID format";
+            << "Client Common Name '" << shown(name) << "' does not match expected deviceID format";
     }
     info::LogEntry(logger, info::level::error) << "Certificate invalid Common Name";
     return false;

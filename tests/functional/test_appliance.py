@@ -337,6 +337,31 @@ def test_logs(agent, command):
     assert agent.requests == [("GET", "/event?lines=5&from=2026-01-01&until=2026-01-02&severity=4", "")]
 
 
+HOSTILE = "\x1b[2J\x07\r\x7f\x9b2J\x00"
+HARMLESS = r"\x1b[2J\x07\r\x7f\x9b2J\x00"
+
+
+def test_terminal_gets_no_control_characters(agent, command):
+    """Wherever the agent's words are shown. Its log has those of strangers."""
+    agent.says((500, "text/plain", HOSTILE))
+    assert command("host") == (1, "", f"lab/appliance: HTTP status 500: {HARMLESS}\n")
+    agent.says((201, "text/plain", HOSTILE))
+    assert command("backup", "--volume", "guid=1", "--target", "t", "--name", "n") == (0, HARMLESS + "\n", "")
+    agent.says({"hostName": "\x7f\x9b2J\x85bücher"})
+    assert command("host") == (0, '{\n    "hostName": "\\x7f\\x9b2J\\x85bücher"\n}\n', "")
+    agent.says({"success": False, "errorString": HOSTILE})
+    assert command("cancel", "b-1") == (1, "", f"lab/appliance: {HARMLESS}\n")
+    message = f"one{HOSTILE}\n1999-01-01 00:00:00 5 two"
+    agent.says({"log": [{"message": message, "severity": 2, "timestamp": 0}], "error": [HOSTILE]})
+    status, output, error = command("logs")
+    assert (status, error) == (0, f"lab/appliance: {HARMLESS}\n")
+    assert output.endswith(f" 2 one{HARMLESS}\n    1999-01-01 00:00:00 5 two\n")
+    agent.says(FINISHED | {"details": [FINISHED["details"][0] | {"volume": HOSTILE}]})
+    status, output, error = command("watch", "b-1")
+    assert (status, error) == (0, "")
+    assert HARMLESS in output and "\x1b" not in output
+
+
 def test_connection_stays_open(agent, appliance):
     agent.says({"status": "active"})
     for _ in range(5):

@@ -13,8 +13,8 @@ namespace agent::model {
 namespace {
 
 // The system calls below have no object that they could ask.
-Fault plan;                 // NOLINT(cppcoreguidelines-avoid-non-const-global-variables)
-bool isArmed = false;       // NOLINT(cppcoreguidelines-avoid-non-const-global-variables)
+Fault plan;                  // NOLINT(cppcoreguidelines-avoid-non-const-global-variables)
+bool isArmed = false;        // NOLINT(cppcoreguidelines-avoid-non-const-global-variables)
 std::uint32_t stepsDone = 0; // NOLINT(cppcoreguidelines-avoid-non-const-global-variables)
 
 int refuse(int error) {

@@ -284,8 +284,8 @@ void HeldMounts::mount(std::size_t index) {
 void HeldMounts::hold(std::size_t index) {
     mount(index);
     if (descriptors.at(index) < 0) {
-        descriptors.at(index) = ::open((World::snapshotMountOf(index) + "/file").c_str(),
-                                       O_RDWR | O_CREAT | O_CLOEXEC, S_IRWXU);
+        descriptors.at(index) =
+            ::open((World::snapshotMountOf(index) + "/file").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, S_IRWXU);
     }
 }
 

@@ -19,7 +19,7 @@ struct BackupOrder {
     std::uint32_t type = core::backup::INCREMENTAL;
     std::size_t volumes = 1;
     Fault fault;
-    bool isHeldOpen = false; ///< somebody opens a file in the mounted snapshot, and keeps it
+    bool isHeldOpen = false;  ///< somebody opens a file in the mounted snapshot, and keeps it
     bool isMountLeft = false; ///< if the backup is killed, its snapshot stays mounted
 };
 

@@ -59,8 +59,8 @@ std::optional<std::uint32_t> snapshotIn(const std::string& cowFile) {
 } // namespace
 
 bool isSnapshotMounted(std::size_t index) {
-    struct ::stat inner {};
-    struct ::stat outer {};
+    struct ::stat inner{};
+    struct ::stat outer{};
     const std::string path = World::snapshotMountOf(index);
     return ::stat(path.c_str(), &inner) == 0 && ::stat((path + "/..").c_str(), &outer) == 0 &&
            inner.st_dev != outer.st_dev;
@@ -88,7 +88,8 @@ std::int32_t ModelDriver::call(const std::function<int()>& work) {
 std::optional<std::size_t> ModelDriver::find(std::uint32_t minor) const {
     for (std::size_t index = 0; index < volumeCount; ++index) {
         const Device& device = world.volume(index).device;
-        if (device.state != noDevice && !device.isAsleep && device.minor == static_cast<std::int32_t>(minor)) {
+        if (device.state != noDevice && !device.isAsleep &&
+            device.minor == static_cast<std::int32_t>(minor)) {
             return index;
         }
     }
@@ -185,8 +186,8 @@ std::int32_t ModelDriver::destroy(std::uint32_t minor) {
     });
 }
 
-std::int32_t ModelDriver::reload_incremental(std::uint32_t minor, const char* blockDevice, const char* cowFile,
-                                             std::uint64_t /*cacheSize*/) {
+std::int32_t ModelDriver::reload_incremental(std::uint32_t minor, const char* blockDevice,
+                                             const char* cowFile, std::uint64_t /*cacheSize*/) {
     return call([&] {
         for (std::size_t index = 0; index < volumeCount; ++index) {
             Device& device = world.volume(index).device;
@@ -234,7 +235,8 @@ void ModelDriver::runReloadScripts() {
             std::string device;
             std::string cowFile;
             std::uint32_t wanted = 0;
-            if (words >> program >> command >> device >> cowFile >> wanted && command == "reload-incremental") {
+            if (words >> program >> command >> device >> cowFile >> wanted &&
+                command == "reload-incremental") {
                 reload_incremental(wanted, device.c_str(), cowFile.c_str(), 0);
             }
         }

@@ -41,17 +41,19 @@ BackupOrder randomOrder(std::mt19937_64& source, std::uint32_t steps, std::size_
 
 Event::Kind randomKind(std::mt19937_64& source) {
     using enum Event::Kind;
-    constexpr std::array kinds = {backup,  backup,          backup,          backup,        backup,
-                                  backup,  change,          change,          change,        restart,
-                                  restart, restartReloaded, restartReloaded, removeHistory, truncateHistory,
-                                  removeCowFiles, replaceImage, loseCount,   destroyDevice, releaseMounts};
+    constexpr std::array kinds = {backup,          backup,        backup,          backup,
+                                  backup,          backup,        change,          change,
+                                  change,          restart,       restart,         restartReloaded,
+                                  restartReloaded, removeHistory, truncateHistory, removeCowFiles,
+                                  replaceImage,    loseCount,     destroyDevice,   releaseMounts};
     return kinds.at(below(source, kinds.size()));
 }
 
 const char* textOf(Event::Kind kind) {
-    constexpr std::array texts = {"backup",          "change",           "restart",       "restart with reload",
-                                  "remove history",  "truncate history", "remove CoW files", "replace image",
-                                  "driver error",    "destroy device",   "release mounts"};
+    constexpr std::array texts = {
+        "backup",         "change",           "restart",          "restart with reload",
+        "remove history", "truncate history", "remove CoW files", "replace image",
+        "driver error",   "destroy device",   "release mounts"};
     return texts.at(static_cast<std::size_t>(kind));
 }
 
@@ -62,8 +64,8 @@ const char* textOf(Fault::Kind kind) {
 
 std::string textOf(const BackupOrder& order) {
     const char* type = order.type == FULL ? "FULL" : order.type == INCREMENTAL ? "INCREMENTAL" : "MERGE";
-    return std::string(type) + " of " + std::to_string(order.volumes) + ", " + textOf(order.fault.kind) + " " +
-           std::to_string(order.fault.at) + (order.isHeldOpen ? ", file held open" : "") +
+    return std::string(type) + " of " + std::to_string(order.volumes) + ", " + textOf(order.fault.kind) +
+           " " + std::to_string(order.fault.at) + (order.isHeldOpen ? ", file held open" : "") +
            (order.isMountLeft ? ", mount left" : "");
 }
 
@@ -78,24 +80,42 @@ public:
     void happen(const Event& event) {
         VolumeState& volume = world.volume(event.volume);
         switch (event.kind) {
-        case Event::Kind::backup: backUp(event.order); break;
-        case Event::Kind::change: change(volume, event.number); break;
-        case Event::Kind::restart: restart(); break;
+        case Event::Kind::backup:
+            backUp(event.order);
+            break;
+        case Event::Kind::change:
+            change(volume, event.number);
+            break;
+        case Event::Kind::restart:
+            restart();
+            break;
         case Event::Kind::restartReloaded:
             restart();
             driver.runReloadScripts();
             break;
-        case Event::Kind::removeHistory: ::unlink(world.historyOf(event.volume).c_str()); break;
-        case Event::Kind::truncateHistory: truncate(world.historyOf(event.volume), event.number); break;
-        case Event::Kind::removeCowFiles: removeCowFiles(event.volume); break;
-        case Event::Kind::replaceImage: volume.image.fill(world.newStamp()); break;
-        case Event::Kind::loseCount: loseCount(volume.device); break;
+        case Event::Kind::removeHistory:
+            ::unlink(world.historyOf(event.volume).c_str());
+            break;
+        case Event::Kind::truncateHistory:
+            truncate(world.historyOf(event.volume), event.number);
+            break;
+        case Event::Kind::removeCowFiles:
+            removeCowFiles(event.volume);
+            break;
+        case Event::Kind::replaceImage:
+            volume.image.fill(world.newStamp());
+            break;
+        case Event::Kind::loseCount:
+            loseCount(volume.device);
+            break;
         case Event::Kind::destroyDevice:
             if (volume.device.state == tracking) {
                 driver.destroy(static_cast<std::uint32_t>(volume.device.minor));
             }
             break;
-        case Event::Kind::releaseMounts: mounts.release(); break;
+        case Event::Kind::releaseMounts:
+            mounts.release();
+            break;
         }
     }
 
@@ -182,7 +202,7 @@ Events randomEvents(std::mt19937_64& source, std::uint32_t steps) {
         event.kind = randomKind(source);
         event.volume = below(source, static_cast<std::uint32_t>(volumes));
         event.number = event.kind == Event::Kind::truncateHistory ? below(source, 4096 + 8 * unitCount)
-                                                                 : 1 + below(source, 5);
+                                                                  : 1 + below(source, 5);
         event.order = randomOrder(source, steps, volumes);
         events.push_back(event);
     }

@@ -19,10 +19,10 @@ struct Event {
         removeHistory,
         truncateHistory,
         removeCowFiles,
-        replaceImage,    ///< by one that holds nothing of the volume
-        loseCount,       ///< the driver meets an error
-        destroyDevice,   ///< by the administrator
-        releaseMounts,   ///< whoever held a file open has gone
+        replaceImage,  ///< by one that holds nothing of the volume
+        loseCount,     ///< the driver meets an error
+        destroyDevice, ///< by the administrator
+        releaseMounts, ///< whoever held a file open has gone
     };
     Kind kind = Kind::backup;
     std::size_t volume = 0;

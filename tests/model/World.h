@@ -37,8 +37,8 @@ struct VolumeState {
     Units content{};
     Units image{};
     Device device;
-    bool isKnown = false;        ///< whether the database has a row
-    std::uint32_t checksum = 0;  ///< of the image, in that row
+    bool isKnown = false;       ///< whether the database has a row
+    std::uint32_t checksum = 0; ///< of the image, in that row
 };
 
 /// All that outlives a killed process and isn't a file. It lies in memory that a child shares.

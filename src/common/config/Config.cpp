@@ -1,5 +1,6 @@
 #include "common/config/Config.h"
 
+#include "common/PeerText.h"
 #include "common/config/UnsignedNumber.h"
 
 #include <nlohmann/json.hpp>
@@ -20,7 +21,14 @@ constexpr std::size_t longestKey = 1024;
 
 /// How a pair is shown in messages.
 std::string pairText(const std::string& key, const json& value) {
-    return "{\"" + key + "\" : " + value.dump(-1, ' ', false, json::error_handler_t::replace) + "}";
+    constexpr std::size_t longest = 1024; // of either
+    const std::string text = value.dump(-1, ' ', false, json::error_handler_t::replace);
+    return "{\"" + printable(shortened(key, longest)) + "\" : " + shortened(text, longest) + "}";
+}
+
+/// A valid value as it is stored.
+json storedForm(const json& value) {
+    return value.is_number() ? json(asUnsigned(value).value()) : value;
 }
 
 bool isWithinBounds(const ConfigOption& option, unsigned long number) {
@@ -87,11 +95,13 @@ void Config::set(const json& pairs) {
             throw std::invalid_argument("Invalid agent configuration option " + pairText(key, value));
         }
     }
+    json stored = json::object();
     for (const auto& [key, value] : pairs.items()) {
         info::LogEntry(logger, info::level::info)
             << "Setting agent configuration option " << pairText(key, value);
-        store(key, value);
+        stored[key] = storedForm(value);
     }
+    provider.set(stored);
 }
 
 const ConfigOption& Config::find(const std::string& key, const std::type_info& type) const {
@@ -128,16 +138,6 @@ void Config::reportInvalidStoredValues() const {
             info::LogEntry(logger, info::level::error)
                 << "Found invalid agent configuration option " << pairText(key, value);
         }
-    }
-}
-
-void Config::store(const std::string& key, const json& value) {
-    if (value.is_boolean()) {
-        provider.set(key, value.get<bool>());
-    } else if (value.is_string()) {
-        provider.set(key, value.get<std::string>());
-    } else {
-        provider.set(key, asUnsigned(value).value());
     }
 }
 

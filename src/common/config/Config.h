@@ -26,7 +26,6 @@ private:
     [[nodiscard]] const ConfigOption& find(const std::string& key, const std::type_info& type) const;
     [[nodiscard]] bool isValid(const std::string& key, const nlohmann::json& value) const;
     void reportInvalidStoredValues() const;
-    void store(const std::string& key, const nlohmann::json& value);
 
     info::Logger& logger;
     IConfigDataProvider& provider;

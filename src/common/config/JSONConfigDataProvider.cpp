@@ -19,6 +19,14 @@ constexpr std::size_t largestFile = 1024UL * 1024;
 /// The file may come to hold what an administrator would not show to every user of the machine.
 constexpr mode_t fileMode = 0600;
 
+/// The one way from text to settings, for what is read and for what is about to be written.
+json parseDocument(const std::string& text) {
+    if (text.size() > largestFile) {
+        throw std::runtime_error("larger than " + std::to_string(largestFile) + " bytes");
+    }
+    return parseJson(text);
+}
+
 json readDocument(const Path& path) {
     std::ifstream file(path.str(), std::ios::binary);
     if (!file) {
@@ -31,13 +39,19 @@ json readDocument(const Path& path) {
         if (file.bad()) { // a directory, or a disk that gives only a part of what was stored
             throw std::runtime_error("it can't be read");
         }
-        if (text.size() > largestFile) {
-            throw std::runtime_error("larger than " + std::to_string(largestFile) + " bytes");
-        }
-        return parseJson(text);
+        return parseDocument(text);
     } catch (const std::exception& error) {
         throw std::runtime_error("Could not read the configuration file \"" + path.str() +
                                  "\": " + error.what());
+    }
+}
+
+/// What the next start will make of the text.
+json readBack(const std::string& text) {
+    try {
+        return parseDocument(text);
+    } catch (const std::exception& error) {
+        throw std::runtime_error(std::string("The configuration could not be read back: ") + error.what());
     }
 }
 
@@ -70,6 +84,21 @@ void JSONConfigDataProvider::set(const std::string& key, bool value) {
     write(key, value);
 }
 
+void JSONConfigDataProvider::set(const json& pairs) {
+    if (pairs.empty()) {
+        return;
+    }
+    const std::lock_guard lock(mutex);
+    json changed = document;
+    for (const auto& [key, value] : pairs.items()) {
+        changed[key] = value;
+    }
+    const std::string text = changed.dump(4) + "\n";
+    json checked = readBack(text);
+    file::replace(path, text, fileMode);
+    document = std::move(checked);
+}
+
 json JSONConfigDataProvider::dump() const {
     const std::lock_guard lock(mutex);
     return document;
@@ -99,11 +128,9 @@ Value JSONConfigDataProvider::read(const std::string& key, const Value& fallback
 
 template <typename Value>
 void JSONConfigDataProvider::write(const std::string& key, const Value& value) {
-    const std::lock_guard lock(mutex);
-    json changed = document;
-    changed[key] = value;
-    file::replace(path, changed.dump(4) + "\n", fileMode);
-    document = std::move(changed);
+    json pair = json::object();
+    pair[key] = value;
+    set(pair);
 }
 
 } // namespace agent

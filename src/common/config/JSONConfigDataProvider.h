@@ -16,7 +16,8 @@ namespace agent {
 /// Owns:    the parsed document.
 /// Threads: safe from any; readers share the document with a writer under one short mutex.
 /// Fails:   construction throws std::runtime_error if the file can be opened but is no JSON, is larger than
-///          1 MiB or beyond the limits of parseJson. A missing file is an empty store.
+///          1 MiB or beyond the limits of parseJson. A missing file is an empty store. `set` throws it for
+///          what would make the file such a one, which the next start could not read.
 class JSONConfigDataProvider : public IConfigDataProvider {
 public:
     explicit JSONConfigDataProvider(Path path);
@@ -27,6 +28,7 @@ public:
     void set(const std::string& key, const std::string& value) override;
     void set(const std::string& key, unsigned long value) override;
     void set(const std::string& key, bool value) override;
+    void set(const nlohmann::json& pairs) override;
     [[nodiscard]] nlohmann::json dump() const override;
 
 private:

@@ -1,5 +1,7 @@
 #include "common/json/ParseJson.h"
 
+#include "common/PeerText.h"
+
 #include <nlohmann/json.hpp>
 
 #include <string>
@@ -12,8 +14,8 @@ using nlohmann::json;
 
 constexpr int parseErrorId = 101; // the library's number for an unexpected text
 
-[[noreturn]] void refuse(const std::string& reason) {
-    throw json::parse_error::create(parseErrorId, std::size_t{0}, reason, static_cast<const json*>(nullptr));
+[[noreturn]] void refuse(const std::string& reason, std::size_t position = 0) {
+    throw json::parse_error::create(parseErrorId, position, reason, static_cast<const json*>(nullptr));
 }
 
 /// Watches a document go by, without keeping any of it. The library's own way to watch a document while it is
@@ -32,8 +34,14 @@ public:
     bool end_object() override { return ascend(); }
     bool start_array(std::size_t /*elements*/) override { return descend(); }
     bool end_array() override { return ascend(); }
-    bool parse_error(std::size_t /*position*/, const std::string& /*token*/,
-                     const json::exception& /*error*/) override {
+    bool parse_error(std::size_t position, const std::string& /*token*/,
+                     const json::exception& error) override {
+        constexpr std::size_t longest = 1024;
+        const std::string_view text = error.what(); // holds the whole of what it couldn't read
+        if (text.size() > longest) {
+            const std::size_t reason = text.find("syntax error");
+            refuse(shortened(text.substr(reason == text.npos ? 0 : reason), longest), position);
+        }
         return false; // whoever builds the document will meet it again, and throw
     }
 

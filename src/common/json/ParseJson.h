@@ -14,7 +14,8 @@ inline constexpr int deepestJsonNesting = 128;
 inline constexpr std::size_t mostJsonValues = 1'000'000;
 
 /// Parses a text that anybody may have written. Throws what the JSON library throws for a text that is no
-/// JSON (nlohmann::json::exception); a text beyond the limits above is a parse error, too.
+/// JSON (nlohmann::json::exception); a text beyond the limits above is a parse error, too. The message is
+/// short, however long the part is that can't be read.
 nlohmann::json parseJson(std::string_view text);
 
 } // namespace agent

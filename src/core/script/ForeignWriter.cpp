@@ -40,7 +40,7 @@ public:
                 continue;
             }
             const fs::path next = place / step;
-            struct ::stat found {};
+            struct ::stat found{};
             if (::lstat(next.c_str(), &found) != 0) {
                 return {};
             }
@@ -86,7 +86,7 @@ private:
 std::string findForeignWriter(const std::string& path) {
     const fs::path whole = fs::absolute(path);
     const fs::path root = whole.root_path();
-    struct ::stat found {};
+    struct ::stat found{};
     if (::lstat(root.c_str(), &found) == 0 && Way::isForeign(found)) {
         return describe(root, found);
     }

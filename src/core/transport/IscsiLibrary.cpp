@@ -1,5 +1,6 @@
 #include "core/transport/IscsiLibrary.h"
 
+#include "common/PeerText.h"
 #include "core/transport/Libiscsi.h"
 
 namespace agent::core::iscsi {
@@ -17,7 +18,7 @@ std::string errorOf(const Context& context) {
     while (text.ends_with('\n')) {
         text.pop_back();
     }
-    return text;
+    return printable(text); // parts of it are the target's
 }
 
 bool isGood(const Task& task) noexcept {

@@ -26,12 +26,14 @@ LoggingStack::LoggingStack()
       filteredPrinter(passing(levelFilter), printing(failsafePrinter)),
       multiPrinter({printing(screenPrinter), printing(filteredPrinter)}),
       decoratedPrinter(multiDecorator, printing(multiPrinter)),
-      logger(printing(decoratedPrinter),
+      printablePrinter(multiDecorator, printing(decoratedPrinter)),
+      logger(printing(printablePrinter),
              [this](int level) { return levelFilter.threshold() >= level || ScreenPrinter::isWatched(); }),
       securityFilteredPrinter(passing(levelFilter), printing(filePrinter)),
       securityMultiPrinter(
           {printing(screenPrinter), printing(systemPrinter), printing(securityFilteredPrinter)}),
       securityDecoratedPrinter(multiDecorator, printing(securityMultiPrinter)),
-      securityLogger(printing(securityDecoratedPrinter)) {}
+      securityPrintablePrinter(multiDecorator, printing(securityDecoratedPrinter)),
+      securityLogger(printing(securityPrintablePrinter)) {}
 
 } // namespace agent::info

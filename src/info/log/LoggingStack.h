@@ -8,6 +8,7 @@
 #include "info/log/Logger.h"
 #include "info/log/MultiDecorator.h"
 #include "info/log/MultiPrinter.h"
+#include "info/log/PrintablePrinter.h"
 #include "info/log/ScreenPrinter.h"
 #include "info/log/StoredLevelFilter.h"
 #include "info/log/SystemPrinter.h"
@@ -17,12 +18,12 @@ namespace agent::info {
 
 /// The whole logging of the process, joined once at start.
 ///
-///   logger ---------> date+tag -+-> screen
-///                               +-> level filter --> file, or the system log where the file fails
-///
-///   securityLogger -> date+tag -+-> screen
-///                               +-> system log
-///                               +-> level filter --> file
+///   logger ---------> printable -> date+tag -+-> screen
+///                                            +-> level filter --> file, or the system log where the file
+///                                                                 fails
+///   securityLogger -> printable -> date+tag -+-> screen
+///                                            +-> system log
+///                                            +-> level filter --> file
 ///
 /// Owns:    every printer and decorator; they refer to each other, so the object never moves.
 /// Threads: both loggers from any thread; they have a mutex each and may append to one file at once.
@@ -51,6 +52,7 @@ private:
     ScreenPrinter screenPrinter;
     MultiPrinter multiPrinter;
     DecoratedPrinter decoratedPrinter;
+    PrintablePrinter printablePrinter;
 
 public:
     Logger logger;
@@ -59,6 +61,7 @@ private:
     FilteredPrinter securityFilteredPrinter;
     MultiPrinter securityMultiPrinter;
     DecoratedPrinter securityDecoratedPrinter;
+    PrintablePrinter securityPrintablePrinter;
 
 public:
     Logger securityLogger;

@@ -4,6 +4,7 @@
 #include <nlohmann/json.hpp>
 
 #include <array>
+#include <chrono>
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
@@ -29,6 +30,11 @@ public:
         std::unique_lock lock(mutex);
         changed.wait(lock, [this] { return opened > 0; });
         --opened;
+    }
+    /// Whether it is opened within a second.
+    bool opensSoon() {
+        std::unique_lock lock(mutex);
+        return changed.wait_for(lock, std::chrono::seconds(1), [this] { return opened > 0; });
     }
 
 private:
@@ -58,12 +64,20 @@ void serve(const char* key, const char* certificate, const char* trust) {
         std::cout << level << " " << message << std::flush;
     });
     Gate gate;
+    Gate stopping;
+    Gate stopped;
     const auto answer = [&](int deviceId, const std::string& ip, const std::string& method,
                             const std::string& url, const agent::ordak::HTTPServer::Arguments& args,
                             const std::string& body, std::string& contentType, std::string& response) {
         if (url == "/wait") {
             agent::info::LogEntry(logger, agent::info::level::info) << "waiting";
             gate.pass();
+        } else if (url == "/linger") {
+            agent::info::LogEntry(logger, agent::info::level::info) << "lingering";
+            stopping.pass();
+            const bool isLeftBehind = stopped.opensSoon();
+            agent::info::LogEntry(logger, agent::info::level::info)
+                << (isLeftBehind ? "left behind" : "waited for");
         } else if (url == "/throw") {
             throw std::runtime_error("as asked for");
         } else if (url == "/strange") {
@@ -89,14 +103,17 @@ void serve(const char* key, const char* certificate, const char* trust) {
     for (std::string line; std::getline(std::cin, line);) {
         gate.open();
     }
+    stopping.open();
     server.stop();
+    stopped.open();
 }
 
 } // namespace
 
 /// HttpsEcho KEY CERTIFICATE TRUST: an HTTPServer that answers each request with what it was given. The log
 /// goes to standard output, a line of standard input lets one request to /wait go, and its end stops the
-/// server. What a URL asks for besides: /wait blocks, /big answers with 16 MiB, /throw and /strange throw.
+/// server. What a URL asks for besides: /wait blocks, /linger ends a second after a stop has begun, /big
+/// answers with 16 MiB, /throw and /strange throw.
 int main(int argc, char** argv) {
     if (argc != 4) {
         std::fputs("usage: HttpsEcho KEY CERTIFICATE TRUST\n", stderr);

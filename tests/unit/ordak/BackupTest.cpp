@@ -243,6 +243,58 @@ TEST_F(BackupTest, ScriptsNeedANameAndMustBeObjects) {
               "[json.exception.type_error.302] type must be array, but is string");
 }
 
+/// A path, a script's name or a C library's string would end at the NUL, and be another's.
+TEST_F(BackupTest, TextsWithANulAreRefused) {
+    for (const char* key : {"guid", "qualifiedName", "target", "username", "password"}) {
+        json entry = volume();
+        entry[key] = std::string("a\0b", 3);
+        EXPECT_EQ(refusalOf(request({entry})),
+                  "the text of '" + std::string(key) + "' holds a NUL character");
+    }
+    json entry = volume();
+    entry["scriptsPrePost"] = json::array({{{"scriptname", std::string("stop\0.old", 9)}}});
+    EXPECT_EQ(refusalOf(request({entry})), "the text of 'scriptname' holds a NUL character");
+    json body = request({volume()});
+    body["interface"] = std::string("zephane\0", 8);
+    EXPECT_EQ(refusalOf(body), "the text of 'interface' holds a NUL character");
+    body = request({volume()});
+    body["VSSExclusions"] = json::array({"a", std::string("\0", 1)});
+    EXPECT_EQ(refusalOf(body), "the text of 'VSSExclusions' holds a NUL character");
+    EXPECT_TRUE(transports.made.empty());
+}
+
+/// They would stand in the log.
+TEST_F(BackupTest, NamesWithControlCharactersAreRefused) {
+    for (const char* key : {"guid", "qualifiedName", "target"}) {
+        for (const char* name : {"a\nb", "\x1b[2J", "a\x7f"}) {
+            json entry = volume();
+            entry[key] = name;
+            EXPECT_EQ(refusalOf(request({entry})),
+                      "the text of '" + std::string(key) + "' holds a control character");
+        }
+    }
+    json entry = volume();
+    entry["scriptsPrePost"] = json::array({{{"scriptname", "a\rb"}}});
+    EXPECT_EQ(refusalOf(request({entry})), "the text of 'scriptname' holds a control character");
+    entry = volume();
+    entry["password"] = "\t\u00e4";
+    json body = request({entry});
+    body["interface"] = "a\nb";
+    EXPECT_EQ(start(body).status, 201);
+    EXPECT_TRUE(record.has(4, "Backup transport interface requested: a\\nb"));
+}
+
+TEST_F(BackupTest, EndlessTextsAreRefused) {
+    for (const char* key : {"guid", "qualifiedName", "target", "username", "password"}) {
+        json entry = volume();
+        entry[key] = std::string(4096, 'x');
+        EXPECT_EQ(start(request({entry})).status, 201);
+        entry[key] = std::string(4097, 'x');
+        EXPECT_EQ(refusalOf(request({entry})),
+                  "the text of '" + std::string(key) + "' is longer than 4096 bytes");
+    }
+}
+
 TEST_F(BackupTest, DuplicateVolumesAreRefusedAndTheirTransportsGone) {
     EXPECT_EQ(refusalOf<std::invalid_argument>(request({volume(), volume()})),
               "Could not insert a volume attributes object into the attributes map.");

@@ -158,6 +158,16 @@ TEST_F(ConfigCallsTest, PairsThatCannotBeSet) {
     EXPECT_EQ(config.dump(), json::object());
 }
 
+TEST_F(ConfigCallsTest, WhatTheNextStartCouldNotReadIsRefused) {
+    set(R"({"log.lifetimeHours": 72})");
+    EXPECT_EQ(refusalOf(R"({"log.lifetimeHours": 73, "autoupdate.channel": ")" + std::string(1'100'000, 'x') +
+                        "\"}"),
+              "Failed to set config options: The configuration could not be read back: larger than 1048576 "
+              "bytes");
+    EXPECT_EQ(JSONConfigDataProvider(directory / "config.json").dump(), (json{{"log.lifetimeHours", 72}}));
+    EXPECT_EQ(config.dump(), (json{{"log.lifetimeHours", 72}}));
+}
+
 TEST_F(ConfigCallsTest, FileThatCannotBeWritten) {
     JSONConfigDataProvider lost(directory / "no/such/config.json");
     Config config(record.logger, lost, someOptions());

@@ -1,6 +1,7 @@
 #include "ordak/HTTPInterpreter.h"
 
 #include "common/Exceptions.h"
+#include "common/PeerText.h"
 #include "ordak/http_not_implemented.h"
 #include "support/Messages.h"
 #include "support/RecordingLogger.h"
@@ -250,6 +251,47 @@ TEST_F(HTTPInterpreterTest, ExceptionsAreAnswers) {
     EXPECT_EQ(record.lines(), (Lines{{1, "Internal server error on request backupStatus: too far"}}));
     EXPECT_EQ(outcomeOf([] { throw std::invalid_argument("odd"); }), (Outcome{500, "text/plain", "odd"}));
     EXPECT_EQ(outcomeOf([] {}), (Outcome{200, "application/json", "{}"}));
+}
+
+/// A body may come back in the text of a failure; neither the log nor the answer takes it whole.
+TEST_F(HTTPInterpreterTest, LongTextsAreCut) {
+    const std::string endless(1'000'000, 'x');
+    const std::string cut = std::string(longestPeerText, 'x') + "... (1000000 bytes)";
+    interpreter.setCallback(
+        APICall::backup, [](const std::string& body) -> APIResponse { throw exception::bad_request(body); });
+    interpreter.setCallback(APICall::configSet,
+                            [](const std::string& body) -> APIResponse { throw std::runtime_error(body); });
+    interpreter.setCallback(APICall::logLevel,
+                            [](const std::string& body) -> APIResponse { throw http_not_implemented(body); });
+    for (const char* url : {"/backup", "/config", "/logLevel"}) {
+        std::string type;
+        std::string text;
+        interpreter.interpret(7, "10.0.0.1", "POST", url, {}, endless, type, text);
+        EXPECT_EQ(text, cut);
+    }
+    EXPECT_EQ(record.count(4, "DATA: " + cut), 3);
+    EXPECT_TRUE(record.has(2, "Bad API request for backup: " + cut));
+    EXPECT_TRUE(record.has(1, "Internal server error on request configSet: " + cut));
+    EXPECT_TRUE(record.has(2, "API request for logLevel is not implemented on this OS: " + cut));
+    std::string type;
+    std::string text;
+    interpreter.interpret(7, "10.0.0.1", endless, endless, {}, "", type, text);
+    EXPECT_TRUE(record.has(4, "METHOD: " + cut));
+    EXPECT_TRUE(record.has(4, "URL: " + cut));
+}
+
+/// The answer has them as they were sent, for its sender; the log has one line.
+TEST_F(HTTPInterpreterTest, LogGetsNoControlCharacters) {
+    answerAll();
+    interpreter.setCallback(APICall::backup, [](const std::string& body) -> APIResponse {
+        throw exception::bad_request("not " + body);
+    });
+    EXPECT_EQ(request("POST", "/backup", "a\nb\x1b").response, "not a\nb\x1b");
+    EXPECT_TRUE(record.has(4, "DATA: a\\nb\\x1b"));
+    EXPECT_TRUE(record.has(2, "Bad API request for backup: not a\\nb\\x1b"));
+    EXPECT_EQ(request("PO\tST", "/ba\nckup").status, 400);
+    EXPECT_TRUE(record.has(4, "METHOD: PO\\tST"));
+    EXPECT_TRUE(record.has(4, "URL: /ba\\nckup"));
 }
 
 TEST_F(HTTPInterpreterTest, OtherExceptionsPassOn) {

@@ -112,12 +112,15 @@ TEST_F(HTTPServerTest, PortInUse) {
 }
 
 TEST_F(HTTPServerTest, UselessKey) {
+    const std::size_t before = test::openDescriptors();
     for (const std::string& useless : {std::string(), std::string("rubbish"), test::TestKey().pem()}) {
         const std::unique_ptr<HTTPServer> server = make(useless);
         EXPECT_TRUE(test::messageOf<std::runtime_error>([&] {
                         server->start();
                     }).starts_with("HTTP server failed to start with err: "));
     }
+    EXPECT_EQ(test::openDescriptors(), before);
+    EXPECT_FALSE(Socket().connects());
 }
 
 /// The signals that a thread of this process holds back.

@@ -130,6 +130,15 @@ TEST_F(OrdakPairDelegateTest, PairingIsLoadedFromTheStore) {
     EXPECT_FALSE(delegate.isAuthorized(-12, "10.0.0.1"));
 }
 
+TEST_F(OrdakPairDelegateTest, AskingForThePairedDeviceStoresNothing) {
+    EXPECT_FALSE(delegate.isPairedWith(-1)); // which stands for nobody
+    EXPECT_FALSE(delegate.isPairedWith(0));
+    delegate.pair(12, "10.0.0.1");
+    EXPECT_TRUE(delegate.isPairedWith(12));
+    EXPECT_FALSE(delegate.isPairedWith(13));
+    EXPECT_EQ(stored(), Stored(true, 12, "10.0.0.1", ""));
+}
+
 TEST_F(OrdakPairDelegateTest, NewAddressIsServedAndStored) {
     database.provider.setDevice(12, "10.0.0.1", "third");
     EXPECT_FALSE(delegate.isAuthorized(13, "10.0.0.9"));

@@ -2,6 +2,7 @@
 
 #include "app/AgentConfigOptions.h"
 #include "common/config/JSONConfigDataProvider.h"
+#include "support/DirectoryWatch.h"
 #include "support/Messages.h"
 #include "support/RecordingLogger.h"
 #include "support/TestDirectory.h"
@@ -151,6 +152,22 @@ TEST_F(ConfigTest, SetIsLoggedAndStored) {
     EXPECT_TRUE(record.has(3, "Setting agent configuration option {\"autoupdate.channel\" : \"beta\"}"));
     EXPECT_EQ(stored(), (json{{"log.lifetimeHours", 72}, {"autoupdate.channel", "beta"}}));
     EXPECT_EQ(valueOf<unsigned long>(open(), "log.lifetimeHours"), 72U);
+}
+
+TEST_F(ConfigTest, OneRequestIsOneWrite) {
+    Config& config = open();
+    const test::DirectoryWatch watch(directory.path());
+    config.set({{"log.lifetimeHours", 72}, {"autoupdate.channel", "beta"}, {"holepunch.enabled", true}});
+    EXPECT_EQ(watch.renames(), 1U);
+}
+
+TEST_F(ConfigTest, LongPairsAreShownInPart) {
+    const std::string longText(500'000, 'x');
+    Config& config = open();
+    config.set({{"autoupdate.channel", longText}});
+    EXPECT_TRUE(record.has(3, "Setting agent configuration option {\"autoupdate.channel\" : \"" +
+                                  std::string(1023, 'x') + "... (500002 bytes)}"));
+    EXPECT_LT(messageOf<std::invalid_argument>([&] { config.set({{longText, longText}}); }).size(), 3000U);
 }
 
 TEST_F(ConfigTest, OnlyAnObjectCanBeSet) {

@@ -1,7 +1,9 @@
 #include "common/config/JSONConfigDataProvider.h"
 
+#include "common/Directory.h"
 #include "common/File.h"
 #include "common/PosixError.h"
+#include "support/DirectoryWatch.h"
 #include "support/Messages.h"
 #include "support/TestDirectory.h"
 
@@ -17,6 +19,7 @@ namespace agent {
 namespace {
 
 using nlohmann::json;
+using test::messageOf;
 
 class JSONConfigDataProviderTest : public testing::Test {
 protected:
@@ -91,6 +94,45 @@ TEST_F(JSONConfigDataProviderTest, DepthAndSizeAreBounded) {
     EXPECT_THAT(failureOf(std::string(500'000, '[')), testing::HasSubstr("nested deeper than 128 levels"));
     EXPECT_THAT(failureOf("\"" + std::string(2'000'000, 'x') + "\""),
                 testing::HasSubstr("larger than 1048576 bytes"));
+}
+
+/// Or the next start would fail on what this one has accepted.
+TEST_F(JSONConfigDataProviderTest, WhatCouldNotBeReadBackIsRefused) {
+    json deep = 1;
+    for (int level = 0; level < 128; ++level) { // one more around it, by the document
+        deep = json::array({deep});
+    }
+    JSONConfigDataProvider provider(path);
+    const json pairs = {{"deep", deep}};
+    EXPECT_THAT(messageOf<std::runtime_error>([&] { provider.set(pairs); }),
+                testing::HasSubstr("nested deeper than 128 levels"));
+    provider.set("channel", std::string(1'000'000, 'x'));
+    const std::string before = test::readFile(path);
+    EXPECT_EQ(messageOf<std::runtime_error>([&] { provider.set("channel", std::string(1'100'000, 'x')); }),
+              "The configuration could not be read back: larger than 1048576 bytes");
+    EXPECT_THROW(provider.set("other", std::string(100'000, 'x')), std::runtime_error); // both together
+    EXPECT_EQ(test::readFile(path), before);
+    EXPECT_EQ(JSONConfigDataProvider(path).dump(), provider.dump());
+}
+
+TEST_F(JSONConfigDataProviderTest, ManyPairsAreOneWrite) {
+    const std::vector<std::string> before = dir::list(directory.path());
+    json pairs = json::object();
+    for (int number = 0; number < 100; ++number) {
+        pairs["key." + std::to_string(number)] = number;
+    }
+    JSONConfigDataProvider provider(path);
+    const test::DirectoryWatch watch(directory.path());
+    provider.set(pairs);
+    EXPECT_EQ(watch.renames(), 1U);
+    EXPECT_EQ(JSONConfigDataProvider(path).dump(), pairs);
+    EXPECT_EQ(dir::list(directory.path()).size(), before.size() + 1);
+}
+
+TEST_F(JSONConfigDataProviderTest, NoPairsAreNoWrite) {
+    JSONConfigDataProvider provider(path);
+    provider.set(json::object());
+    EXPECT_FALSE(file::exists(path));
 }
 
 TEST_F(JSONConfigDataProviderTest, FullDiskKeepsTheOldFileAndTheOldValue) {

@@ -85,6 +85,22 @@ TEST(ParseJson, BoundsTheNumberOfValues) {
               "[json.exception.parse_error.101] parse error: more than 1000000 values");
 }
 
+/// The library puts all that it has read of a broken part into its message, which goes to the log and back.
+TEST(ParseJson, MessagesStayShort) {
+    const std::string text(1'000'000, 'x');
+    for (const std::string& broken : {"\"" + text, "{\"a\": \"" + text,
+                                      "[" + std::string(1'000'000, '9') + "]", "\"" + text + "\x01\""}) {
+        EXPECT_LT(refusalOf(broken).size(), 2000U);
+    }
+    const std::string message = refusalOf("\"" + text);
+    EXPECT_TRUE(
+        message.starts_with("[json.exception.parse_error.101] parse error at byte 1000002: syntax error "
+                            "while parsing value - invalid string: missing closing quote; last read: "
+                            "'\"xxx"))
+        << message;
+    EXPECT_TRUE(message.ends_with(" bytes)")) << message;
+}
+
 TEST(ParseJson, OneLongTextIsNoHarm) {
     const std::string text = "\"" + std::string(16UL * 1024 * 1024, 'x') + "\"";
     EXPECT_EQ(parseJson(text).get_ref<const std::string&>().size(), text.size() - 2);

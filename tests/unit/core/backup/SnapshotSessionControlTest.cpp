@@ -13,8 +13,7 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::Not;
 
-constexpr const char* noDevice =
-    "Unable to determine incremental bitmap file name. No device available.";
+constexpr const char* noDevice = "Unable to determine incremental bitmap file name. No device available.";
 
 class SnapshotSessionControlTest : public SnapshotSessionFixture {
 protected:
@@ -281,9 +280,10 @@ TEST_F(SnapshotSessionControlTest, SnapshotsThatTheSessionHasNotStartedAreDestro
     track(two, "/.tolvu", 3);
     driver->failing = {"revertOnFailure"};
     EXPECT_EQ(endFailure({first, second}), noDevice);
-    EXPECT_THAT(driver->calls, ElementsAre("revertOnFailure " + one, "destroyDevice " + one,
-                                           "revertOnFailure " + two, "destroyDevice " + two,
-                                           "transitionToIncremental " + one, "transitionToIncremental " + two));
+    EXPECT_THAT(driver->calls,
+                ElementsAre("revertOnFailure " + one, "destroyDevice " + one, "revertOnFailure " + two,
+                            "destroyDevice " + two, "transitionToIncremental " + one,
+                            "transitionToIncremental " + two));
     EXPECT_TRUE(log.has(error, "Failed to revert device /dev/disk1"));
     EXPECT_TRUE(log.has(warning, "What volume " + one + " (" + mountPoint(one) +
                                      ") owes to its image is not known, destroying its snapshot"));

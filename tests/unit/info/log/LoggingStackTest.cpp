@@ -107,6 +107,39 @@ TEST_F(LoggingStackTest, PercentSignsAreJustText) {
     EXPECT_THAT(todaysLog(), HasSubstr("100%s%n\n"));
 }
 
+/// A name that would clear the screen and add a line of its own to the log.
+TEST_F(LoggingStackTest, NoSinkGetsControlCharacters) {
+    const std::string hostile = "\x1b[2J\u009b2J\r\n2026-01-01 00:00:00.000 [INFO:]     Agent daemon started";
+    const std::string harmless =
+        "\\x1b[2J\\xc2\\x9b2J\\r\\n2026-01-01 00:00:00.000 [INFO:]     Agent daemon started";
+    const std::string shown = screen([&] {
+        LogEntry(stack.logger, level::info) << hostile;
+        stack.securityLogger.log(level::info, "%s", hostile.c_str());
+    });
+    EXPECT_THAT(systemLog.next(), HasSubstr("[INFO:]     " + harmless));
+    EXPECT_EQ(todaysLog(), shown);
+    EXPECT_EQ(std::count(shown.begin(), shown.end(), '\n'), 2);
+    EXPECT_TRUE(std::none_of(shown.begin(), shown.end(), [](unsigned char byte) {
+        return byte != '\n' && (byte < 0x20 || byte >= 0x7f);
+    })) << shown;
+    EXPECT_THAT(shown, HasSubstr("[INFO:]     " + harmless + "\n"));
+}
+
+TEST_F(LoggingStackTest, MessageMayHaveSeveralLines) {
+    const std::string shown =
+        screen([&] { LogEntry(stack.logger, level::info) << "one\n\n2026-01-01\x07\nfour"; });
+    EXPECT_THAT(shown, testing::EndsWith("[INFO:]     one\n\n2026-01-01\\x07\nfour\n"));
+    EXPECT_EQ(todaysLog(), shown);
+}
+
+TEST_F(LoggingStackTest, EndlessMessageIsCut) {
+    const std::string shown =
+        screen([&] { LogEntry(stack.logger, level::info) << std::string(5'000'000, 'x'); });
+    EXPECT_THAT(shown, testing::EndsWith("xxx... (5000000 bytes)\n"));
+    EXPECT_LT(shown.size(), PrintablePrinter::longestMessage + 100);
+    EXPECT_EQ(todaysLog(), shown);
+}
+
 TEST_F(LoggingStackTest, LinesCanBeTakenApartAgain) {
     const std::string shown = screen([&] { stack.logger.log(level::error, "text"); });
     int level = 0;

@@ -1,0 +1,118 @@
+"""What others cost the agent and its appliance: memory, descriptors, answers and time. To be run on a release
+build:
+
+    BEKD_BUILD=build/release lab/namespace /usr/bin/python3 -m bench.api.api_strangers
+
+Each figure stands beside the bound that it must keep, or, where there is none, beside what the machine itself
+needs for as much work.
+"""
+import contextlib
+import json
+import os
+import resource
+import shutil
+import tempfile
+import time
+
+from lab.certificates import Authority, install
+from lab.daemon import BASE, CONFIG, Daemon, require_private_site
+from lab.https_client import Client
+from lab.strangers import MIB, PeakMemory, crowd, descriptor_limits, descriptors, held_head, send_body
+
+DEVICE, OTHER = 4711, 4712
+POSTS = 100
+FEW_POSTS = 3
+KEYS = 4000
+IDLE = 4000
+
+
+def answered(client, count):
+    """How many of so many POSTs the agent has carried out."""
+    good = 0
+    for number in range(count):
+        with contextlib.suppress(OSError): # no connection, or none within a minute
+            answer = client.request("POST", "/config", b'{"log.lifetimeHours": %d}' % (number + 1))
+            good += answer is not None and answer.status == 200
+    return good
+
+
+def show(what, figure, bound=""):
+    print(f"  {what:62} {figure:>16}   {bound}", flush=True)
+
+
+def show_heads(client, stranger):
+    good = 0
+    for _ in range(POSTS):
+        with held_head(stranger):
+            good += answered(client, 1)
+    show("appliance's POSTs answered while a stranger holds a head open", f"{good} of {POSTS}", f"of {POSTS}")
+
+
+def show_body(daemon, other):
+    peak = PeakMemory(daemon.pid)
+    answer = send_body(other, "/backup", 120 * MIB)
+    show(f"memory for 120 MiB of an unpaired device (status {getattr(answer, 'status', 'none')})",
+         f"{peak.kib / 1024:.1f} MiB", "16 KiB kept")
+
+
+def show_broken_text(daemon, client):
+    before = len(daemon.log)
+    answer = client.request("POST", "/config", b'"' + b"x" * (100 * MIB))
+    show("answer to a broken text of 100 MiB", f"{len(answer.body)} bytes", "16 KiB")
+    show("log for it", f"{len(daemon.log) - before} bytes", "16 KiB a line")
+
+
+def show_crowd(daemon, client):
+    with crowd(client.address, IDLE):
+        good = answered(client, FEW_POSTS)
+        used, (soft, _) = descriptors(daemon.pid), descriptor_limits(daemon.pid)
+    show(f"descriptors with {IDLE} idle connections", used, f"{soft} allowed")
+    show("appliance's POSTs answered meanwhile", f"{good} of {FEW_POSTS}", f"of {FEW_POSTS}")
+    show("failures of the log", daemon.errors.count("~~Logging Error~~"), "0")
+
+
+def floor_of_config(content):
+    """One write of that file, synced and renamed, as it takes at least."""
+    begin = time.monotonic()
+    path = CONFIG.with_suffix(".floor")
+    with open(path, "wb") as file:
+        file.write(content)
+        file.flush()
+        os.fsync(file.fileno())
+    path.rename(path.with_suffix(".floor2"))
+    taken = time.monotonic() - begin
+    path.with_suffix(".floor2").unlink()
+    return taken
+
+
+def show_config(client):
+    body = json.dumps({f"volumes.{number}.cowFileSizeMiB": number for number in range(KEYS)}).encode()
+    begin = time.monotonic()
+    status = client.request("POST", "/config", body).status
+    taken = time.monotonic() - begin
+    show(f"POST /config with {KEYS} keys (status {status})", f"{taken:.2f} s",
+         f"{floor_of_config(CONFIG.read_bytes()):.3f} s to write the file once")
+
+
+def main():
+    require_private_site()
+    shutil.rmtree(BASE, ignore_errors=True)
+    hard = resource.getrlimit(resource.RLIMIT_NOFILE)[1]
+    with contextlib.ExitStack() as lasting:
+        authority = Authority(lasting.enter_context(tempfile.TemporaryDirectory()), own_key_type="rsa")
+        install(authority.agent(), authority, BASE / "certs")
+        client, other, stranger = (Client(authority.certificate, identity) for identity in
+                                   (authority.device(DEVICE), authority.device(OTHER), None))
+        daemon = Daemon(preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_NOFILE, (1024, hard)))
+        lasting.callback(daemon.discard)
+        daemon.start().wait_until_ready()
+        client.request("POST", "/pair", b'{"deviceID": %d}' % DEVICE)
+        show_config(client)
+        show_heads(client, stranger)
+        show_body(daemon, other)
+        show_broken_text(daemon, client)
+        show_crowd(daemon, client)
+
+
+if __name__ == "__main__":
+    main()

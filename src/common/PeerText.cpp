@@ -1,0 +1,104 @@
+#include "common/PeerText.h"
+
+#include <algorithm>
+#include <array>
+
+namespace agent {
+
+namespace {
+
+constexpr unsigned char deleteCharacter = 0x7f;
+
+unsigned char byteAt(std::string_view text, std::size_t position) {
+    return static_cast<unsigned char>(text[position]);
+}
+
+bool isContinuation(unsigned char byte) {
+    return (byte & 0xc0U) == 0x80U;
+}
+
+/// The form of a UTF-8 character: how its first byte looks, and the first code point that needs it.
+struct Form {
+    unsigned char mask;
+    unsigned char lead;
+    std::size_t length;
+    char32_t lowest;
+};
+
+constexpr std::array forms = {Form{0x80, 0x00, 1, 0}, Form{0xe0, 0xc0, 2, 0x80}, Form{0xf0, 0xe0, 3, 0x800},
+                              Form{0xf8, 0xf0, 4, 0x10000}};
+
+bool isCharacter(char32_t code) {
+    constexpr char32_t highest = 0x10ffff;
+    return code <= highest && (code < 0xd800 || code > 0xdfff);
+}
+
+/// The two ranges of control characters. Terminals obey the second one, too.
+bool isControl(char32_t code) {
+    return code < 0x20 || (code >= deleteCharacter && code < 0xa0);
+}
+
+/// The length of the character that begins at `position` if it is UTF-8 and can be shown; otherwise 0.
+std::size_t shownLength(std::string_view text, std::size_t position) {
+    const unsigned char first = byteAt(text, position);
+    const auto* const form = std::find_if(forms.begin(), forms.end(), [first](const Form& candidate) {
+        return (first & candidate.mask) == candidate.lead;
+    });
+    if (form == forms.end() || form->length > text.size() - position) {
+        return 0;
+    }
+    char32_t code = first & static_cast<unsigned char>(~form->mask);
+    for (std::size_t index = 1; index < form->length; ++index) {
+        const unsigned char byte = byteAt(text, position + index);
+        if (!isContinuation(byte)) {
+            return 0;
+        }
+        code = code << 6U | (byte & 0x3fU);
+    }
+    return code >= form->lowest && isCharacter(code) && !isControl(code) ? form->length : 0;
+}
+
+std::string escaped(unsigned char byte) {
+    constexpr std::string_view digits = "0123456789abcdef";
+    switch (byte) {
+    case '\n':
+        return "\\n";
+    case '\t':
+        return "\\t";
+    case '\r':
+        return "\\r";
+    default:
+        return {'\\', 'x', digits[byte >> 4U], digits[byte & 0xfU]};
+    }
+}
+
+} // namespace
+
+std::string printable(std::string_view text) {
+    std::string shown;
+    shown.reserve(text.size());
+    for (std::size_t position = 0; position < text.size();) {
+        const std::size_t length = shownLength(text, position);
+        if (length == 0) {
+            shown += escaped(byteAt(text, position));
+            ++position;
+        } else {
+            shown += text.substr(position, length);
+            position += length;
+        }
+    }
+    return shown;
+}
+
+std::string shortened(std::string_view text, std::size_t most) {
+    if (text.size() <= most) {
+        return std::string(text);
+    }
+    std::size_t end = most;
+    while (end > 0 && isContinuation(byteAt(text, end))) {
+        --end;
+    }
+    return std::string(text.substr(0, end)) + "... (" + std::to_string(text.size()) + " bytes)";
+}
+
+} // namespace agent

@@ -1,0 +1,64 @@
+#include "ordak/Strangers.h"
+
+#include "common/FileDescriptor.h"
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <sys/socket.h>
+
+namespace agent::ordak {
+namespace {
+
+/// A connection of which the test has both ends.
+class Connection {
+public:
+    Connection() {
+        std::array<int, 2> ends{-1, -1};
+        EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, ends.data()), 0);
+        ours = FileDescriptor(ends[0]);
+        theirs = FileDescriptor(ends[1]);
+    }
+
+    [[nodiscard]] int socket() const { return ours.get(); }
+    [[nodiscard]] bool isOpen() const {
+        char byte = 0;
+        return ::recv(theirs.get(), &byte, 1, 0) < 0; // there is nothing to read, but no end either
+    }
+
+private:
+    FileDescriptor ours;
+    FileDescriptor theirs;
+};
+
+TEST(StrangersTest, OldestMakesRoom) {
+    std::array<Connection, 4> connections;
+    Strangers strangers(2);
+    strangers.enter(connections[0].socket());
+    strangers.enter(connections[1].socket());
+    EXPECT_TRUE(connections[0].isOpen());
+    strangers.enter(connections[2].socket());
+    EXPECT_FALSE(connections[0].isOpen());
+    EXPECT_TRUE(connections[1].isOpen());
+    strangers.enter(connections[3].socket());
+    EXPECT_FALSE(connections[1].isOpen());
+    EXPECT_TRUE(connections[2].isOpen());
+    EXPECT_TRUE(connections[3].isOpen());
+}
+
+TEST(StrangersTest, WhoHasLeftIsSafe) {
+    std::array<Connection, 4> connections;
+    Strangers strangers(2);
+    strangers.enter(connections[0].socket());
+    EXPECT_TRUE(strangers.leave(connections[0].socket()));
+    EXPECT_FALSE(strangers.leave(connections[0].socket()));
+    for (std::size_t index = 1; index < connections.size(); ++index) {
+        strangers.enter(connections.at(index).socket());
+    }
+    EXPECT_TRUE(connections[0].isOpen());
+    EXPECT_FALSE(connections[1].isOpen());
+    EXPECT_FALSE(strangers.leave(connections[1].socket())); // it was made to
+}
+
+} // namespace
+} // namespace agent::ordak
