@@ -5,21 +5,14 @@ Each test adds its line to a matrix, which ends up beside the programs as usedma
 import hashlib
 import json
 import os
-import pathlib
-import re
 import shutil
 import subprocess
 
 import pytest
 
 from lab.used_blocks import ext_truth, xfs_truth
-from volume_images import age, fill, frozen, make_image, mounted, riddle, run, xfs_levels, xfs_value
-
-ROOT = pathlib.Path(__file__).resolve().parents[2]
-BUILD = ROOT / os.environ.get("BEKD_BUILD", "build/release")
-TOOL = BUILD / "bek-usedmap"
-FREE_LIST_BYTES = 512
-FREE_LIST_ENTRIES = 119 # of them, behind a header with the checksum
+from used_maps import BUILD, FREE_LIST_ENTRIES, TOOL, Comparison, free_list_of, refused, unread_free_list
+from volume_images import age, fill, frozen, make_image, mounted, riddle, run, xfs_levels
 
 
 @pytest.fixture(scope="module")
@@ -32,25 +25,6 @@ def matrix():
     print("\n" + "\n".join(text))
 
 
-class Comparison:
-    """Used blocks as the agent finds them beside what the tool of the file system says."""
-
-    def __init__(self, volume, truth, *options):
-        found = json.loads(run(TOOL, "--json", *options, volume))
-        assert (found["blocks"], found["blockSize"]) == (truth.blocks, truth.block_size)
-        self.used = set()
-        for first, count in found["ranges"]:
-            self.used.update(range(first, first + count))
-        self.truth = truth
-        truly_used = set(range(truth.blocks)) - truth.free
-        self.lost = truly_used - self.used    # a backup would leave them out
-        self.kept = self.used & truth.free    # a backup would copy them for nothing
-
-    def note(self, matrix, name):
-        matrix.append((name, self.truth.blocks, len(self.used), len(self.lost), len(self.kept)))
-        return self
-
-
 def unexplained_ext(volume, matrix, name):
     """Blocks that differ."""
     found = Comparison(volume, ext_truth(volume)).note(matrix, name)
@@ -61,27 +35,6 @@ def unexplained_xfs(volume, matrix, name, *options):
     """Blocks that differ, but for those that the free lists may name behind what is read of them."""
     found = Comparison(volume, xfs_truth(volume), *options).note(matrix, name)
     return found.lost | (found.kept - unread_free_list(volume))
-
-
-def unread_free_list(volume):
-    """The blocks in the sectors of the free lists behind the first 512 bytes of each."""
-    ag_blocks = xfs_value(volume, "sb 0", "agblocks")
-    return {group * ag_blocks + int(block) for group in range(xfs_value(volume, "sb 0", "agcount"))
-            for entry, block in free_list_of(volume, group) if int(entry) >= FREE_LIST_ENTRIES}
-
-
-def free_list_of(volume, group):
-    """The entries in the array of a group's free list that name a block, as text: (index, block)."""
-    listed = run("xfs_db", "-r", "-c", f"agfl {group}", "-c", "p bno", volume).split("=", 1)[1]
-    return re.findall(r"(\d+):(\d+)", listed)
-
-
-def refused(volume, *options):
-    """What the tool says when it can't read the map."""
-    done = subprocess.run([TOOL, *options, volume], capture_output=True, text=True, check=False)
-    assert done.returncode == 1 and done.stdout == ""
-    assert done.stderr.endswith("the map of used blocks can't be read; a backup would copy every block\n")
-    return done.stderr
 
 
 EXT_KINDS = {
