@@ -13,8 +13,6 @@ import pathlib
 
 from lab.appliance_client import volume
 from lab.images import ImageError, compare_used, fsck, mounted, tree_hashes
-from lab.used_blocks import unmapped_extents
-from lab.volumes import run
 
 SECONDS = 300
 COW_MIB = 100
@@ -125,7 +123,6 @@ class Protection:
         self.partitions = {partition.name: partition for partition in partitions}
         self.images = {name: self._add_image(partition, block_size)
                        for name, partition in self.partitions.items()}
-        self._unmapped = {name: set() for name in self.partitions}
         self.set_cow_size(COW_MIB)
 
     def _add_image(self, partition, block_size):
@@ -157,19 +154,10 @@ class Protection:
 
     def started_by(self, request):
         """The backup that `request` starts, in whichever way; it returns the ID."""
-        self._note_unmapped()
         begin = len(self.daemon.log)
         identifier = request()
         uuids = {partition.uuid: name for name, partition in self.partitions.items()}
         return Backup(self.appliance, self.daemon, identifier, begin, uuids)
-
-    def _note_unmapped(self):
-        """What a FULL backup leaves out now may be in use later, but as long as it doesn't change, no
-        INCREMENTAL has to bring it."""
-        for name, partition in self.partitions.items():
-            # Or blocks are allocated meanwhile, and what dumpe2fs reads doesn't fit together.
-            run("sync", "--file-system", partition.volume.mount_point)
-            self._unmapped[name].update(unmapped_extents(partition.device, partition.volume.file_system))
 
     def run(self, *names, **kind):
         """A whole backup, whatever becomes of it."""
@@ -185,8 +173,7 @@ class Protection:
         file_system = partition.volume.file_system
         capture = capture_of(partition)
         fsck(image.path, file_system, self.offset)
-        compared = compare_used(capture, image.path, file_system, self.offset,
-                                spared=self._unmapped[name]).check()
+        compared = compare_used(capture, image.path, file_system, self.offset).check()
         with mounted(capture, file_system) as then, mounted(image.path, file_system, self.offset) as now:
             files = tree_hashes(then)
             if files != tree_hashes(now):

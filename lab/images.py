@@ -20,7 +20,7 @@ import typing
 
 from lab.poison import is_poison
 from lab.services import wait_until
-from lab.used_blocks import truth_of, unmapped_extents
+from lab.used_blocks import truth_of
 from lab.volumes import attach, backing_files, run
 
 SECONDS = 600
@@ -162,13 +162,11 @@ class Comparison:
                     self.unwritten.append(at + begin)
 
 
-def compare_used(volume, image, file_system, offset=0, excluded=OWN_FILES, spared=()):
+def compare_used(volume, image, file_system, offset=0, excluded=OWN_FILES):
     """Compares every block that the file system of the volume, or of its snapshot, calls used, but for those
-    of the files `excluded`, named from its root, those that it can do without (unmapped_extents), and the
-    extents `spared`."""
+    of the files `excluded`, named from its root."""
     truth = truth_of(volume, file_system)
-    left_out = [*extents_of_files(volume, file_system, excluded), *unmapped_extents(volume, file_system),
-                *spared]
+    left_out = extents_of_files(volume, file_system, excluded)
     comparison = Comparison(truth.block_size)
     with open(volume, "rb", buffering=0) as source, open(image, "rb", buffering=0) as target:
         for at, length in pieces(without(truth.used_extents(), left_out)):

@@ -34,27 +34,12 @@ def ranges_in(text):
         yield int(first), int(last or first) - int(first) + 1
 
 
-def numbers(text):
-    return {number for first, count in ranges_in(text) for number in range(first, first + count)}
-
-
 def ext_truth(volume):
     text = run("dumpe2fs", volume)
     free = [found for ranges in re.findall(r"^  Free blocks: (.*)$", text, re.MULTILINE)
             for found in ranges_in(ranges)]
     return Truth(int(re.search(r"^Block count: +(\d+)", text, re.MULTILINE)[1]),
                  int(re.search(r"^Block size: +(\d+)", text, re.MULTILINE)[1]), free)
-
-
-def ext_blocks_of_untouched_groups(volume):
-    """The blocks that hold structures of groups whose block bitmap was never written."""
-    own = set()
-    for group in re.split(r"^Group (?=\d+:)", run("dumpe2fs", volume), flags=re.MULTILINE)[1:]:
-        first, last = map(int, re.search(r"Blocks (\d+)-(\d+)", group).groups())
-        if "BLOCK_UNINIT" in group.splitlines()[0]:
-            places = re.findall(r"(?:superblock|descriptors?|blocks|bitmap|table) at (\d+(?:-\d+)?)", group)
-            own |= numbers(", ".join(places)) & set(range(first, last + 1))
-    return own
 
 
 def xfs_truth(volume):
@@ -77,13 +62,3 @@ def truth_of(volume, file_system):
 def used_extents(volume, file_system):
     """(offset, length) in bytes of all that is in use, in order."""
     return truth_of(volume, file_system).used_extents()
-
-
-def unmapped_extents(volume, file_system):
-    """(offset, length) of what is in use and yet no backup copies, as the volume lives without it: structures
-    of groups that were never used, and what lies before the first block that the bitmaps tell of."""
-    if file_system != "ext4":
-        return []
-    size = ext_truth(volume).block_size
-    boot = {0} if size == 1024 else set()
-    return [(block * size, size) for block in sorted(boot | ext_blocks_of_untouched_groups(volume))]

@@ -39,6 +39,7 @@ with contextlib.suppress(ProcessLookupError):
 """
 
 MAKERS = {
+    "ext3": ("mkfs.ext3", "-q", "-F", "-L"),
     "ext4": ("mkfs.ext4", "-q", "-F", "-L"),
     "xfs": ("mkfs.xfs", "-q", "-f", "-L"),
     "ntfs": ("mkfs.ntfs", "--quick", "--quiet", "--force", "--label"),
@@ -57,7 +58,8 @@ def run(*command, **options):
 @dataclasses.dataclass(frozen=True)
 class Volume:
     """What a partition is to hold. Without a file system it stays empty; without a mount point it stays
-    unmounted. `fstab` is the options of its line in /etc/fstab, which lasts as long as the disk."""
+    unmounted. `fstab` is the options of its line in /etc/fstab, which lasts as long as the disk, `making`
+    those of the tool that makes the file system."""
 
     name: str # its label too
     file_system: str = ""
@@ -65,6 +67,7 @@ class Volume:
     mount_point: str = ""
     options: str = "defaults"
     fstab: str = ""
+    making: tuple = ()
 
 
 def keep_mounts_of(pid, *entering):
@@ -189,7 +192,7 @@ class Partition:
 
     def format(self):
         if self.volume.file_system:
-            run(*MAKERS[self.volume.file_system], self.name, self.device)
+            run(*MAKERS[self.volume.file_system], self.name, *self.volume.making, self.device)
             self.uuid = probe(self.device, "UUID")
 
     @contextlib.contextmanager

@@ -3,27 +3,26 @@ captures of the volume and from what the tools of its file system call in use.""
 from itertools import chain, count
 
 from lab.images import OWN_FILES, extents_of, tree_of, without
-from lab.used_blocks import truth_of, unmapped_extents
+from lab.used_blocks import truth_of
 
 UNIT = 4096 # changes are recorded in units of so many bytes
 PIECE = 4 << 20
 
 
 class Moment:
-    """What a capture shows of its file system: (offset, length) of what is in use, of what no backup copies
-    of it, and of each of the driver's and the agent's own files."""
+    """What a capture shows of its file system: (offset, length) of what is in use, and of each of the
+    driver's and the agent's own files."""
 
     def __init__(self, capture, file_system):
         self.capture = capture
         self.used = truth_of(capture, file_system).used_extents()
-        self.unmapped = unmapped_extents(capture, file_system)
         with tree_of(str(capture), file_system) as root:
             self.own = {name: extents_of(root / name) for name in OWN_FILES if (root / name).exists()}
 
     @property
     def copied(self):
         """What is worth copying."""
-        return list(without(self.used, [*chain.from_iterable(self.own.values()), *self.unmapped]))
+        return list(without(self.used, chain.from_iterable(self.own.values())))
 
 
 def copied_extents(capture, file_system):
@@ -78,6 +77,6 @@ def marked_units(before, after, closed):
     into use and so isn't in any image whatever it holds, and the files of the driver and the agent, but for
     the one that was `closed` by the snapshot."""
     others = chain.from_iterable(extents for name, extents in after.own.items() if name != closed)
-    used = without(after.used, [*after.own[closed], *after.unmapped])
+    used = without(after.used, after.own[closed])
     return (in_units(others) - in_units(after.own[closed]) | in_units(without(used, before.copied))
             | set(differing_units(before.capture, after.capture)))

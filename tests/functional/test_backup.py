@@ -1,5 +1,15 @@
 """A whole backup by the real daemon to a real target: what is in the image is what the volume was."""
-from backup_site import fill, root_of
+from backup_site import fill, root_of, size_of_all
+from change_records import copied_extents
+from lab.backups import capture_of
+
+
+def check_nothing_is_sent_in_vain(backup, volumes):
+    """A frozen volume has its map, whatever its journal held a moment before."""
+    for name, partition in volumes.items():
+        used = copied_extents(capture_of(partition), partition.volume.file_system)
+        assert backup.bytes(name) == size_of_all(used), backup.log
+    assert "error occurred" not in backup.log
 
 
 def test_full_then_incremental(protect, volumes):
@@ -9,6 +19,7 @@ def test_full_then_incremental(protect, volumes):
     backup = protection.run(full=True)
     assert backup.state == "finished", backup.log
     protection.verify()
+    check_nothing_is_sent_in_vain(backup, volumes)
     backup = protection.run()
     assert backup.state == "finished", backup.log
     assert {backup.type(name) for name in volumes} == {"incremental"}, backup.log

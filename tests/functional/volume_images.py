@@ -105,5 +105,10 @@ def riddle(file, block_size, holes):
     os.sync()
 
 
+def xfs_value(volume, place, name):
+    """A number of an XFS volume, by the name that its tool has for it in a structure."""
+    return int(run("xfs_db", "-r", "-c", place, "-c", f"p {name}", volume).split("=")[1])
+
+
 def xfs_levels(volume, group=0):
-    return int(run("xfs_db", "-r", "-c", f"agf {group}", "-c", "p bnolevel", volume).split("=")[1])
+    return xfs_value(volume, f"agf {group}", "bnolevel")

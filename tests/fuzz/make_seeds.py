@@ -72,6 +72,8 @@ def main(target):
     ext = {"ext2": (9, "mkfs.ext2", "-b", "1024"), "ext4": (20, "mkfs.ext4", "-b", "1024", "-g", "1024"),
            "ext4_4k": (64, "mkfs.ext4", "-b", "4096", "-O", "64bit,^has_journal"),
            "ext4_scattered": (20, "mkfs.ext4", "-b", "1024", "-g", "1024", "-O", "^flex_bg,^has_journal"),
+           "untouched": (20, "mkfs.ext4", "-b", "1024", "-g", "1024", "-O",
+                         "sparse_super2,^flex_bg,^resize_inode,^has_journal"),
            "meta": (20, "mkfs.ext4", "-b", "1024", "-g", "1024", "-O", "meta_bg,^resize_inode"),
            "bigalloc": (20, "mkfs.ext4", "-O", "bigalloc")}
     for name, (mebibytes, *mkfs) in ext.items():
@@ -86,8 +88,9 @@ def main(target):
             if name == "xfs_1k":
                 riddle(directory / "riddled", 1024, 400)
             age(directory, 30, largest=100_000)
-        exponent = 3 if name == "xfs_sectors" else 0
-        (target / "xfs" / name).write_bytes(encode(image, xfs_regions(image), exponent))
+        (target / "xfs" / name).write_bytes(encode(image, xfs_regions(image)))
+        if name == "xfs_sectors": # and on a device of such sectors
+            (target / "xfs" / "xfs_sectors_4k").write_bytes(encode(image, xfs_regions(image), 3))
     image = make_image(work / "v4", 300, "mkfs.xfs", "-q", "-m", "crc=0")
     (target / "xfs" / "v4").write_bytes(encode(image, xfs_regions(image)))
 

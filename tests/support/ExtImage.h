@@ -19,6 +19,8 @@ public:
     };
 
     static constexpr std::uint64_t superBlock = 1024;
+    static constexpr std::uint32_t sparseSuper = 1;   ///< ro_compat: not every group has a super block
+    static constexpr std::uint32_t checksums = 0x400; ///< ro_compat: the flags of groups count
 
     explicit ExtImage(Geometry geometry)
         : geometry(geometry),
@@ -33,6 +35,8 @@ public:
         volume.writeLittle(superBlock + 24, geometry.logBlockSize, 4);
         volume.writeLittle(superBlock + 32, geometry.blocksPerGroup, 4);
         volume.writeLittle(superBlock + 56, 0xEF53, 2);
+        volume.writeLittle(superBlock + 76, 1, 4); // the revision with features
+        volume.writeLittle(superBlock + 100, sparseSuper | checksums, 4);
         volume.writeLittle(superBlock + 96, geometry.descriptorSize == 0 ? 0 : 0x80, 4);
         volume.writeLittle(superBlock + 254, geometry.descriptorSize, 2);
         const std::uint64_t tableBlocks = (std::uint64_t{groups} * stride + blockSize - 1) / blockSize;
@@ -49,6 +53,14 @@ public:
         bitmapBlocks.resize(groups);
         bitmapBlocks[group] = block;
         volume.writeLittle(descriptor(group), block, 4);
+    }
+
+    /// Where a group has its inodes, and of how many blocks the table is.
+    void placeInodes(std::uint32_t group, std::uint64_t bitmap, std::uint64_t table, std::uint32_t blocks) {
+        volume.writeLittle(descriptor(group) + 4, bitmap, 4);
+        volume.writeLittle(descriptor(group) + 8, table, 4);
+        volume.writeLittle(superBlock + 88, 256, 2);
+        volume.writeLittle(superBlock + 40, blocks * (blockSize / 256), 4);
     }
 
     void setUninitialized(std::uint32_t group) { volume.writeLittle(descriptor(group) + 18, 2, 2); }

@@ -18,7 +18,7 @@ public:
         std::uint32_t agCount = 2;
         std::uint64_t totalBlocks = 2000;
         bool crc = true;
-        std::uint32_t sectorSize = 512;
+        std::uint32_t sectorSize = 512; ///< of the file system; a device may have smaller ones
     };
     using Record = std::pair<std::uint32_t, std::uint32_t>; ///< first block of the group, and count
     using Records = std::vector<Record>;
@@ -34,6 +34,7 @@ public:
         volume.writeBig(8, geometry.totalBlocks, 8);
         volume.writeBig(84, geometry.agBlocks, 4);
         volume.writeBig(88, geometry.agCount, 4);
+        volume.writeBig(102, geometry.sectorSize, 2);
         volume.writeBig(100, geometry.crc ? 0xb4a5 : 0xb4a4, 2);
         for (std::uint32_t group = 0; group < geometry.agCount; ++group) {
             volume.writeBig(freeSpaceInfo(group), 0x58414746, 4);

@@ -10,7 +10,7 @@ namespace usedmap {
 namespace {
 
 std::uint64_t usedBytes(const Report& report) {
-    return report.used.usedBlocks * report.blockSize;
+    return report.used.usedBlocks * report.used.blockSize;
 }
 
 } // namespace
@@ -24,7 +24,7 @@ void printRanges(std::ostream& out, const Report& report) {
 void printSummary(std::ostream& out, const Report& report) {
     out << "device      " << report.device << '\n'
         << "size        " << report.deviceBytes << " bytes\n"
-        << "blocks      " << report.used.knownBlocks << " of " << report.blockSize << " bytes\n"
+        << "blocks      " << report.used.knownBlocks << " of " << report.used.blockSize << " bytes\n"
         << "used        " << report.used.usedBlocks << " blocks, " << usedBytes(report) << " bytes\n"
         << "ranges      " << report.used.ranges.size() << '\n'
         << "seconds     " << std::fixed << std::setprecision(3) << report.seconds << '\n';
@@ -33,7 +33,7 @@ void printSummary(std::ostream& out, const Report& report) {
 void printJson(std::ostream& out, const Report& report, bool withRanges) {
     nlohmann::ordered_json document{{"device", report.device},
                                     {"deviceBytes", report.deviceBytes},
-                                    {"blockSize", report.blockSize},
+                                    {"blockSize", report.used.blockSize},
                                     {"blocks", report.used.knownBlocks},
                                     {"usedBlocks", report.used.usedBlocks},
                                     {"usedBytes", usedBytes(report)},

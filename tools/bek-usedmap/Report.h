@@ -12,7 +12,6 @@ namespace usedmap {
 struct Report {
     std::string device;
     std::uint64_t deviceBytes = 0;
-    std::uint32_t blockSize = 0;
     double seconds = 0; ///< that the map took
     UsedRanges used;
 };

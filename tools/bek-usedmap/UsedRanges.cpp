@@ -33,6 +33,7 @@ UsedRanges findUsedRanges(agent::info::Logger& logger, agent::core::IVolumeDevic
     const agent::BitRangeFinder finder(true, provider->isBitmapMsbFirst());
     std::vector<std::uint8_t> buffer(bufferBytes);
     UsedRanges used;
+    used.blockSize = provider->getBlockSize();
     for (;;) {
         const std::int64_t blocks = provider->getBitmapChunk(used.knownBlocks, buffer.data(), buffer.size());
         if (blocks < 0) {

@@ -12,6 +12,7 @@ namespace usedmap {
 /// Which blocks of a volume are used, as a backup of it would find them.
 struct UsedRanges {
     std::vector<agent::BlockRange> ranges; ///< ascending; those that touch are one
+    std::uint32_t blockSize = 0;           ///< bytes
     std::uint64_t usedBlocks = 0;
     std::uint64_t knownBlocks = 0; ///< the blocks that the file system tells of, from block 0 on
 };

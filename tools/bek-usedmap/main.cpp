@@ -1,5 +1,5 @@
-#include "BlockSize.h"
 #include "Report.h"
+#include "SectorSize.h"
 #include "UsedRanges.h"
 #include "core/backup/VolumeReader.h"
 #include "info/log/Logger.h"
@@ -22,7 +22,8 @@ constexpr const char* description =
 Reads the allocation structures of DEVICE, a block device or an image in a file, exactly as a backup does, and
 prints the ranges of blocks that a FULL backup would copy: one a line, first block and number of blocks. The
 device is only read, past the page cache. The map is that of the disk: unmount the volume or freeze it
-(fsfreeze) first, or look at a snapshot.
+(fsfreeze) first, or look at a snapshot. Where a backup would copy every block,
+bek-usedmap says why and fails.
 
 File systems: ext2, ext3, ext4, XFS.
 
@@ -73,7 +74,6 @@ Report examine(const Options& options, agent::info::Logger& logger) {
     Report report;
     report.device = options.device;
     report.deviceBytes = device.getSize();
-    report.blockSize = blockSizeOf(logger, device, sectorSize);
     const auto begin = std::chrono::steady_clock::now();
     report.used = findUsedRanges(logger, device, sectorSize, options.bufferMebibytes * mebibyte);
     report.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();

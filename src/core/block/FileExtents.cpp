@@ -24,8 +24,11 @@ using info::level::warning;
 /// Their records take 56 MiB. A file in more pieces than that is copied, which costs no more than time.
 constexpr std::uint32_t mostExtents = std::uint32_t{1} << 20U;
 
-/// Where the kernel doesn't know yet, or won't tell, the number is none of the file's blocks.
-constexpr std::uint32_t nowhere = FIEMAP_EXTENT_UNKNOWN | FIEMAP_EXTENT_DELALLOC;
+/// Where the kernel doesn't know yet, or won't tell, the number is none of the file's blocks; and where
+/// others have a share in the blocks, by a reflink or as neighbours in one block, they lose nothing by this
+/// file.
+constexpr std::uint32_t notTheFilesAlone =
+    FIEMAP_EXTENT_UNKNOWN | FIEMAP_EXTENT_DELALLOC | FIEMAP_EXTENT_SHARED | FIEMAP_EXTENT_NOT_ALIGNED;
 
 /// What the kernel fills: a header, and the records of extents behind it.
 class ExtentRequest {
@@ -121,7 +124,7 @@ private:
     }
 
     void exclude(const fiemap_extent& extent, std::vector<BlockRange>& ranges) {
-        if ((extent.fe_flags & nowhere) != 0) {
+        if ((extent.fe_flags & notTheFilesAlone) != 0) {
             return;
         }
         const BlockRange range{extent.fe_physical / blockSize, extent.fe_length / blockSize};

@@ -18,7 +18,8 @@ using ExtentQuery = std::function<int(int descriptor, fiemap& request)>;
 int queryExtents(int descriptor, fiemap& request);
 
 /// Which blocks of a volume a file lies in, as ascending ranges that may touch and overlap. Only blocks that
-/// belong to the file as a whole are among them. Throws PosixError, or another standard exception.
+/// belong to the file as a whole, and to no other, are among them. Throws PosixError, or another standard
+/// exception.
 std::vector<BlockRange> getFileExtents(info::Logger& logger, std::uint32_t blockSize, const std::string& path,
                                        const ExtentQuery& query = queryExtents);
 

@@ -12,8 +12,14 @@ namespace agent::core::fs {
 namespace {
 
 constexpr std::size_t longestRead = 0x400000;
+constexpr std::size_t pageSize = 4096;
 
-/// The aligned range around the one that is asked for.
+/// A device that couldn't be asked for its sectors is read in pages: that suits every device.
+std::size_t known(std::size_t alignment) {
+    return alignment == 0 ? pageSize : alignment;
+}
+
+/// The aligned range around the one that is asked for; `alignment` isn't 0.
 struct AlignedRange {
     AlignedRange(std::size_t alignment, std::uint64_t offset, std::size_t length)
         : first(offset / alignment * alignment),
@@ -52,6 +58,7 @@ bool suits(const AlignedRange& range, std::size_t alignment, std::size_t length,
 
 int FSUtil::readChunk(info::Logger& logger, IVolumeReader& reader, std::size_t alignment,
                       std::uint64_t offset, void* buffer, std::size_t length, std::size_t& bytesRead) {
+    alignment = known(alignment);
     const AlignedRange range(alignment, offset, length);
     bytesRead = 0;
     AlignedBuffer aligned = createLoggedBuffer(range.length, alignment, logger);
@@ -66,6 +73,7 @@ int FSUtil::readChunk(info::Logger& logger, IVolumeReader& reader, std::size_t a
 
 bool FSUtil::readExactly(info::Logger& logger, IVolumeReader& reader, std::size_t alignment,
                          std::uint64_t offset, void* buffer, std::size_t length) {
+    alignment = known(alignment);
     const AlignedRange range(alignment, offset, length);
     std::size_t arrived = 0;
     if (suits(range, alignment, length, buffer)) {

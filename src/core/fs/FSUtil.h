@@ -12,8 +12,8 @@ namespace agent::core::fs {
 /// A range that reaches beyond the device's end is a success that delivers less; `bytesRead` tells.
 class FSUtil {
 public:
-    /// Returns 0, or -1 if the device can't be read. `alignment` is the device's, and never 0. Throws
-    /// std::bad_alloc: bound a length that comes from the volume first.
+    /// Returns 0, or -1 if the device can't be read. `alignment` is the device's, 0 if it isn't
+    /// known. Throws std::bad_alloc: bound a length that comes from the volume first.
     static int readChunk(info::Logger& logger, IVolumeReader& reader, std::size_t alignment,
                          std::uint64_t offset, void* buffer, std::size_t length, std::size_t& bytesRead);
 

@@ -24,6 +24,8 @@ public:
                                         std::size_t bufferBytes) = 0;
     /// Whether the first block of a byte is its most significant bit.
     [[nodiscard]] virtual bool isBitmapMsbFirst() const { return false; }
+    /// Bytes of the volume that an element stands for, as the map itself tells; 0 if it doesn't.
+    [[nodiscard]] virtual std::uint32_t getBlockSize() const { return 0; }
 };
 
 } // namespace agent::core::fs

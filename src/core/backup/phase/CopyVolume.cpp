@@ -47,16 +47,15 @@ public:
         if (!usedBlocks) {
             throw std::runtime_error("File system not recognized for " + phase.uuid);
         }
+        const bool isWhole = !hasBlocksOf(*usedBlocks);
         Phases phases =
-            list(std::make_unique<CreateChunkRangeProvider>(
-                     CreateChunkRangeProvider::Source{snapshot.incrementalBitmap, snapshot.excludedFiles,
-                                                      phase.volume->getBlockCount(), isIncremental},
-                     provider, ranges, fileSystems, maxBlocksPerChunk),
+            list(std::make_unique<CreateChunkRangeProvider>(source(isIncremental, isWhole), provider, ranges,
+                                                            fileSystems, maxBlocksPerChunk),
                  std::make_unique<CalculateTransferSize>(phase.logger, phase.uuid, phase.volume->getSize(),
                                                          blockSize, phase.status, provider),
                  std::make_unique<CopyChunkRanges>(phase.logger, phase.uuid, reader, writer, provider,
                                                    blockSize, buffer, phase.status, phase.cancel));
-        if (canPunchHoles()) {
+        if (!isWhole && canPunchHoles()) {
             phases.push_back(std::make_unique<PunchHoles>(
                 phase.session.getTransport(phase.uuid),
                 ranges.createUnusedExcluder(std::move(usedBlocks), false), blockSize, phase.cancel));
@@ -76,6 +75,27 @@ private:
     }
 
     void run(const Phases& phases) { PhaseRunner(phase.logger, phases).run(phase.cancel); }
+
+    /// Whether the blocks of the map are those of the volume, whose size is asked of its mount point: what is
+    /// mounted over that has blocks of its own.
+    [[nodiscard]] bool hasBlocksOf(const fs::IBlockBitmapChunkProvider& map) const {
+        const std::uint32_t found = map.getBlockSize();
+        if (found == 0 || blockSize == 0 || found == blockSize) {
+            return true; // what isn't known is refused by those who need it
+        }
+        info::LogEntry(phase.logger, info::level::error)
+            << "The file system of volume " << phase.volume->getDisplayName() << " has blocks of " << found
+            << " bytes, but its mount point says " << blockSize
+            << ". Something else is mounted there, so every block is copied.";
+        return false;
+    }
+
+    [[nodiscard]] CreateChunkRangeProvider::Source source(bool isIncremental, bool isWhole) const {
+        // Up to the last byte: the file system may use what is no whole block of another size.
+        const std::uint64_t blocks =
+            isWhole ? (phase.volume->getSize() + blockSize - 1) / blockSize : phase.volume->getBlockCount();
+        return {snapshot.incrementalBitmap, snapshot.excludedFiles, blocks, isIncremental, isWhole};
+    }
 
     [[nodiscard]] bool canPunchHoles() const {
         bool isEnabled = false;

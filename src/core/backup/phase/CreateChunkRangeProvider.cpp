@@ -24,18 +24,30 @@ void CreateChunkRangeProvider::execute() {
 
 std::vector<CreateChunkRangeProvider::ProviderPointer> CreateChunkRangeProvider::createExcluders() const {
     std::vector<ProviderPointer> excluders;
+    if (!source.isWhole) {
+        addFileExcluders(excluders);
+    }
+    if (source.isIncremental) {
+        excluders.push_back(ranges.createUnchangedExcluder(source.incrementalBitmap));
+    }
+    if (!source.isWhole) {
+        addUnusedExcluder(excluders);
+    }
+    return excluders;
+}
+
+void CreateChunkRangeProvider::addFileExcluders(std::vector<ProviderPointer>& excluders) const {
     for (const std::string& path : source.excludedFiles) {
         if (file::exists(path)) {
             excluders.push_back(ranges.createFileExcluder(path, isOtherCowFile(path)));
         }
     }
-    if (source.isIncremental) {
-        excluders.push_back(ranges.createUnchangedExcluder(source.incrementalBitmap));
-    }
+}
+
+void CreateChunkRangeProvider::addUnusedExcluder(std::vector<ProviderPointer>& excluders) const {
     if (std::unique_ptr<fs::IBlockBitmapChunkProvider> usedBlocks = fileSystems.create()) {
         excluders.push_back(ranges.createUnusedExcluder(std::move(usedBlocks), source.isIncremental));
     }
-    return excluders;
 }
 
 bool CreateChunkRangeProvider::isOtherCowFile(const std::string& path) const {

@@ -19,6 +19,10 @@ std::int64_t EXTParser::getBitmapChunk(std::uint64_t startBlock, std::uint8_t* b
     return blocks;
 }
 
+std::uint32_t EXTParser::getBlockSize() const {
+    return impl->getBlockSize();
+}
+
 bool EXTParser::recognize() {
     return impl->recognize();
 }

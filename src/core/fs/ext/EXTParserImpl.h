@@ -3,10 +3,12 @@
 #include "common/AlignedBuffer.h"
 #include "core/fs/ByteOrder.h"
 #include "core/fs/IVolumeReader.h"
+#include "core/fs/ext/EXTSuperBlock.h"
 #include "info/log/Logger.h"
 
 #include <cstddef>
 #include <cstdint>
+#include <string>
 #include <vector>
 
 namespace agent::core::fs {
@@ -18,16 +20,25 @@ public:
 
     bool recognize();
     std::int64_t getBitmapChunk(std::uint64_t startBlock, std::uint8_t* buffer, std::size_t bufferBytes);
+    [[nodiscard]] std::uint32_t getBlockSize() const;
 
 private:
     /// What a group's descriptor says of its bitmap.
     struct GroupBitmap {
         std::uint32_t block;
+        std::uint32_t inodeBitmap; ///< a block, as is the next
+        std::uint32_t inodeTable;
         bool uninitialized;
-        bool isOutOfReach;  ///< its number has more than 32 bits
-        bool hasLiveInodes; ///< in a table that lies in the group itself
+        bool isOutOfReach; ///< its number has more than 32 bits
     };
     using GroupBitmaps = std::vector<GroupBitmap>;
+
+    /// The caller's map.
+    struct UsedMap {
+        std::uint8_t* buffer;
+        std::uint64_t startBlock;
+        std::uint64_t bits;
+    };
 
     /// Some blocks of one group.
     struct Stretch {
@@ -36,39 +47,26 @@ private:
         std::uint64_t count;
     };
 
-    [[nodiscard]] const char* objection() const;
-    [[nodiscard]] bool descriptorsLieInOnePlace() const;
-    [[nodiscard]] std::uint64_t blockSize() const { return std::uint64_t{1024} << logBlockSize; }
-    [[nodiscard]] std::uint64_t groupBitmapBytes() const { return ((blocksPerGroup - 1) >> 3U) + 1; }
-    [[nodiscard]] std::uint64_t groupCount() const;
-    [[nodiscard]] std::uint64_t stride() const;
-
     bool readDescriptors(GroupBitmaps& bitmaps);
-    [[nodiscard]] GroupBitmap decode(Bytes bytes, std::uint64_t group) const;
-    [[nodiscard]] bool hasLiveInodes(Bytes bytes, std::uint64_t group) const;
+    [[nodiscard]] GroupBitmap decode(Bytes bytes) const;
     [[nodiscard]] bool isPlausible(const GroupBitmap& bitmap) const;
-    std::int64_t copyGroups(const GroupBitmaps& bitmaps, std::uint64_t startBlock, std::uint8_t* buffer,
-                            std::uint64_t bufferBits);
+    std::int64_t copyGroups(const GroupBitmaps& bitmaps, const UsedMap& used);
+    const std::uint8_t* bitmapOf(const GroupBitmaps& bitmaps, std::uint64_t group);
     [[nodiscard]] Stretch stretchOf(std::uint64_t group, std::uint64_t startBlock) const;
     [[nodiscard]] std::uint64_t neighbours(const GroupBitmaps& bitmaps, std::uint64_t group) const;
-    std::int64_t fail(const char* reason);
+    void markBootBlock(const UsedMap& used) const;
+    void markStructures(const UsedMap& used, const Stretch& stretch, std::uint64_t group,
+                        const GroupBitmap& structures) const;
+    std::int64_t fail(const std::string& reason);
 
     info::Logger& logger;
     IVolumeReader& reader;
     std::uint32_t sectorSize;
-    AlignedBuffer maps; // as many bitmaps as are read at once
+    EXTSuperBlock super;
 
-    std::uint16_t descriptorSize = 0;
-    std::uint32_t blocksPerGroup = 0;
-    std::uint32_t blockCount = 0;
-    std::uint32_t logBlockSize = 0;
-    std::uint32_t firstDataBlock = 0;
-    std::uint32_t incompatFeatures = 0;
-    // Only to tell what can't be read safely:
-    std::uint32_t roCompatFeatures = 0;
-    std::uint32_t firstMetaBlock = 0;
-    std::uint32_t inodesPerGroup = 0;
-    std::uint32_t blockCountHigh = 0;
+    AlignedBuffer maps;          // as many bitmaps as are read at once
+    std::uint64_t firstRead = 0; // the groups whose bitmaps are in `maps`
+    std::uint64_t endRead = 0;
 };
 
 } // namespace agent::core::fs

@@ -10,19 +10,27 @@ namespace super_block {
 inline constexpr std::size_t size = 512;                ///< at the volume's first byte
 inline constexpr std::uint32_t magicValue = 0x58465342; ///< "XFSB"
 
-inline constexpr std::size_t magic = 0;       ///< u32
-inline constexpr std::size_t blockSize = 4;   ///< u32, in bytes
-inline constexpr std::size_t totalBlocks = 8; ///< u64
-inline constexpr std::size_t agBlocks = 84;   ///< u32, blocks in an allocation group
-inline constexpr std::size_t agCount = 88;    ///< u32
-inline constexpr std::size_t version = 100;   ///< u16
+inline constexpr std::size_t magic = 0;              ///< u32
+inline constexpr std::size_t blockSize = 4;          ///< u32, in bytes
+inline constexpr std::size_t totalBlocks = 8;        ///< u64
+inline constexpr std::size_t agBlocks = 84;          ///< u32, blocks in an allocation group
+inline constexpr std::size_t agCount = 88;           ///< u32
+inline constexpr std::size_t version = 100;          ///< u16
+inline constexpr std::size_t sectorSize = 102;       ///< u16, in bytes; the device's may be smaller
+inline constexpr std::size_t features2 = 200;        ///< u32, counts with versionMoreFeatures only
+inline constexpr std::size_t roCompatFeatures = 212; ///< u32, counts with versionCrc only
+inline constexpr std::size_t incompatFeatures = 216; ///< u32, counts with versionCrc only
 
 inline constexpr std::uint16_t versionMask = 0xf;
+inline constexpr std::uint16_t versionPlain = 4;
 inline constexpr std::uint16_t versionCrc = 5;
+inline constexpr std::uint16_t versionMoreFeatures = 0x8000;
+inline constexpr std::uint32_t featureNeedsRepair = 0x10; ///< incompat
 } // namespace super_block
 
 /// Free-space information of an allocation group, in its second sector.
 namespace agf {
+inline constexpr std::uint64_t sector = 1;
 inline constexpr std::size_t size = 512;
 inline constexpr std::uint32_t magicValue = 0x58414746; ///< "XAGF"
 
@@ -60,7 +68,7 @@ inline constexpr std::size_t childSize = 4;
 inline constexpr std::uint32_t none = 0xFFFFFFFF; ///< no such block
 } // namespace node
 
-static_assert(super_block::version + sizeof(std::uint16_t) <= super_block::size);
+static_assert(super_block::incompatFeatures + sizeof(std::uint32_t) <= super_block::size);
 static_assert(agf::flCount + sizeof(std::uint32_t) <= agf::size);
 static_assert(node::rightSib + sizeof(std::uint32_t) <= node::headerSize);
 

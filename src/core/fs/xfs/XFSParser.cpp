@@ -19,6 +19,10 @@ std::int64_t XFSParser::getBitmapChunk(std::uint64_t startBlock, std::uint8_t* b
     return blocks;
 }
 
+std::uint32_t XFSParser::getBlockSize() const {
+    return impl->getBlockSize();
+}
+
 bool XFSParser::recognize() {
     return impl->recognize();
 }

@@ -11,9 +11,8 @@ namespace agent::core::fs {
 
 class XFSParserImpl;
 
-/// The used blocks of XFS.
-/// The map is that of the disk: a log that would still be replayed at a mount is not looked at, so the
-/// volume must be a frozen or a clean one.
+/// The used blocks of XFS. The map is that of the disk: a log that would still be replayed at a mount is not
+/// looked at, and nothing in the super block tells of it, so the volume must be a frozen or a clean one.
 /// Owns:    what it has read of the super block; the reader must outlive it.
 /// Threads: one at a time; moves the reader's position.
 /// Fails:   a negative result, after a line in the log; the caller then takes every block as used.
@@ -26,6 +25,7 @@ public:
 
     std::int64_t getBitmapChunk(std::uint64_t startBlock, std::uint8_t* buffer,
                                 std::size_t bufferBytes) override;
+    [[nodiscard]] std::uint32_t getBlockSize() const override;
     bool recognize() override;
 
 private:

@@ -25,6 +25,7 @@ namespace node = xfs_layout::node;
 
 constexpr std::uint64_t byteBits = 8;
 constexpr std::uint32_t smallestBlock = 512;
+constexpr std::uint32_t smallestSector = 512;
 constexpr std::uint32_t largestBlock = 65536;
 constexpr std::uint64_t largestVolume = std::uint64_t{1} << 62U; // bytes, with room for sums below 2^63
 
@@ -75,6 +76,7 @@ bool XFSParserImpl::recognize() {
     agBlocks = bigEndian<std::uint32_t>(block, super_block::agBlocks);
     agCount = bigEndian<std::uint32_t>(block, super_block::agCount);
     version = bigEndian<std::uint16_t>(block, super_block::version);
+    decodeFormat(block);
     logger.log(info::level::debug, "magic 0x%x", magic);
     logger.log(info::level::debug, "block_size %u", blockSize);
     logger.log(info::level::debug, "ag_count %u", agCount);
@@ -82,6 +84,18 @@ bool XFSParserImpl::recognize() {
     logger.log(info::level::debug, "total_blocks %lu", totalBlocks);
     logger.log(info::level::debug, "version %u", unsigned{version});
     return true;
+}
+
+void XFSParserImpl::decodeFormat(Bytes block) {
+    headSectorSize = bigEndian<std::uint16_t>(block, super_block::sectorSize);
+    features = {};
+    features.hasCrc = hasCrc();
+    if (hasCrc()) {
+        features.incompat = bigEndian<std::uint32_t>(block, super_block::incompatFeatures);
+        features.roCompat = bigEndian<std::uint32_t>(block, super_block::roCompatFeatures);
+    } else if ((version & super_block::versionMoreFeatures) != 0) {
+        features.features2 = bigEndian<std::uint32_t>(block, super_block::features2);
+    }
 }
 
 std::int64_t XFSParserImpl::getBitmapChunk(std::uint64_t startBlock, std::uint8_t* buffer,
@@ -111,10 +125,29 @@ std::int64_t XFSParserImpl::getBitmapChunk(std::uint64_t startBlock, std::uint8_
     return static_cast<std::int64_t>(std::min(bufferBits, totalBlocks - startBlock));
 }
 
-/// Why the super block can't be believed; null if it can.
-const char* XFSParserImpl::objection() const {
+/// Why the super block can't be believed, or the trees can't be read; empty if they can. What is refused here
+/// is copied whole, whereas trees that are read wrongly would leave live blocks out.
+std::string XFSParserImpl::objection() const {
+    if (!hasCrc() && (version & super_block::versionMask) != super_block::versionPlain) {
+        return "XFS: Unknown version of the format.";
+    }
+    if ((features.incompat & super_block::featureNeedsRepair) != 0) {
+        return "XFS: The volume needs repair.";
+    }
+    if (const std::string names = strangeXFSFeatures(features); !names.empty()) {
+        return "XFS: Free space can't be read with these features: " + names;
+    }
+    const char* const reason = impossibleGeometry();
+    return reason == nullptr ? "" : reason;
+}
+
+const char* XFSParserImpl::impossibleGeometry() const {
     if (!std::has_single_bit(blockSize) || blockSize < smallestBlock || blockSize > largestBlock) {
         return "XFS: Impossible block size.";
+    }
+    if (!std::has_single_bit(headSectorSize) || headSectorSize < smallestSector ||
+        headSectorSize > blockSize) {
+        return "XFS: Impossible sector size.";
     }
     if (agBlocks == 0 || totalBlocks > std::uint64_t{agBlocks} * agCount) {
         return "XFS: Impossible allocation groups.";
@@ -123,7 +156,7 @@ const char* XFSParserImpl::objection() const {
 }
 
 void XFSParserImpl::markFreeBlocks(XFSUsedMap& map) {
-    if (const char* reason = objection()) {
+    if (const std::string reason = objection(); !reason.empty()) {
         throw std::runtime_error(reason);
     }
     const std::uint64_t firstGroup = map.firstBlock() / agBlocks;
@@ -150,9 +183,13 @@ std::uint64_t XFSParserImpl::groupAddress(std::uint32_t group) const {
     return std::uint64_t{agBlocks} * blockSize * group;
 }
 
+std::uint64_t XFSParserImpl::headAddress(std::uint32_t group, std::uint64_t sector) const {
+    return groupAddress(group) + sector * headSectorSize;
+}
+
 XFSParserImpl::FreeSpaceInfo XFSParserImpl::readFreeSpaceInfo(std::uint32_t group) {
     logger.log(info::level::debug, "Reading the free space info.");
-    const std::uint64_t address = groupAddress(group) + sectorSize;
+    const std::uint64_t address = headAddress(group, agf::sector);
     logger.log(info::level::debug, "fsi addr = %lu", address);
     std::array<std::uint8_t, agf::size> bytes{};
     if (!FSUtil::readExactly(logger, reader, sectorSize, address, bytes.data(), bytes.size())) {
@@ -174,11 +211,10 @@ XFSParserImpl::FreeSpaceInfo XFSParserImpl::readFreeSpaceInfo(std::uint32_t grou
 
 std::vector<std::uint32_t> XFSParserImpl::readFreeList(std::uint32_t group) {
     logger.log(info::level::debug, "Reading the allocation group free list.");
-    const std::uint64_t inGroup = agfl::sector * sectorSize;
-    logger.log(info::level::debug, "agfl addr = %lu, len = %lu", std::uint64_t{group} * agBlocks + inGroup,
-               agfl::size);
+    logger.log(info::level::debug, "agfl addr = %lu, len = %lu",
+               std::uint64_t{group} * agBlocks + agfl::sector * headSectorSize, agfl::size);
     std::vector<std::uint8_t> bytes(hasCrc() ? agfl::crcSize : agfl::size);
-    const std::uint64_t address = groupAddress(group) + inGroup + (hasCrc() ? agfl::crcHeader : 0);
+    const std::uint64_t address = headAddress(group, agfl::sector) + (hasCrc() ? agfl::crcHeader : 0);
     if (!FSUtil::readExactly(logger, reader, sectorSize, address, bytes.data(), bytes.size())) {
         throw WalkFailed();
     }
@@ -189,15 +225,18 @@ std::vector<std::uint32_t> XFSParserImpl::readFreeList(std::uint32_t group) {
     return blocks;
 }
 
-/// A list that wraps around marks nothing. With sectors larger than 512 bytes the list on disk has more
-/// entries than are read: blocks that are listed there stay used.
+/// A list that wraps around marks nothing. Neither does one whose count isn't that of the entries from first
+/// to last: an empty list has both, too, and kernels differ in where its array ends, so what is there may
+/// have been taken for use long ago. With sectors larger than 512 bytes the list on disk has more entries
+/// than are read: blocks that are listed there stay used.
 void XFSParserImpl::markFreeList(XFSUsedMap& map, std::uint32_t group, const FreeSpaceInfo& info) {
     const std::vector<std::uint32_t> blocks = readFreeList(group);
     logger.log(info::level::debug, "Marking free list");
-    const std::uint64_t end = std::min<std::uint64_t>(std::uint64_t{info.listLast} + 1, blocks.size());
-    if (info.listFirst == 0 && end == blocks.size() && info.listCount == 0) {
-        return; // emptied with its last entry: full of blocks that are in use now
+    const std::uint64_t listed = std::uint64_t{info.listLast} + 1;
+    if (info.listFirst >= listed || listed - info.listFirst != info.listCount) {
+        return;
     }
+    const std::uint64_t end = std::min<std::uint64_t>(listed, blocks.size());
     for (std::uint64_t index = info.listFirst; index < end; ++index) {
         logger.log(info::level::debug, "%u: %u -> %u", group, blocks[index], 1U);
         markFree(map, group, blocks[index], 1);

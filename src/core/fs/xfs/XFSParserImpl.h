@@ -1,10 +1,13 @@
 #pragma once
 
+#include "core/fs/ByteOrder.h"
 #include "core/fs/IVolumeReader.h"
+#include "core/fs/xfs/XFSFeatures.h"
 #include "info/log/Logger.h"
 
 #include <cstddef>
 #include <cstdint>
+#include <string>
 #include <vector>
 
 namespace agent::core::fs {
@@ -21,6 +24,7 @@ public:
 
     bool recognize();
     std::int64_t getBitmapChunk(std::uint64_t startBlock, std::uint8_t* buffer, std::size_t bufferBytes);
+    [[nodiscard]] std::uint32_t getBlockSize() const { return blockSize; }
 
 private:
     /// Free-space information of an allocation group.
@@ -37,8 +41,12 @@ private:
         std::uint32_t number;
     };
 
-    [[nodiscard]] const char* objection() const;
+    void decodeFormat(Bytes block);
+    [[nodiscard]] std::string objection() const;
+    [[nodiscard]] const char* impossibleGeometry() const;
     [[nodiscard]] bool hasCrc() const;
+    /// Where one of the sectors is that a group begins with.
+    [[nodiscard]] std::uint64_t headAddress(std::uint32_t group, std::uint64_t sector) const;
     [[nodiscard]] std::uint64_t groupAddress(std::uint32_t group) const;
 
     void markFreeBlocks(XFSUsedMap& map);
@@ -54,8 +62,8 @@ private:
 
     info::Logger& logger;
     IVolumeReader& reader;
-    std::uint32_t sectorSize;
-    bool traces = false; // debug lines reach somebody; asked once a chunk, for there may be millions
+    std::uint32_t sectorSize; // of the device, for the alignment of reads
+    bool traces = false;      // debug lines reach somebody; asked once a chunk, for there may be millions
 
     std::uint32_t magic = 0;
     std::uint32_t blockSize = 0;
@@ -63,6 +71,8 @@ private:
     std::uint32_t agBlocks = 0;
     std::uint32_t agCount = 0;
     std::uint16_t version = 0;
+    std::uint16_t headSectorSize = 0; // of the file system: its places within a group go by it
+    XFSFeatureWords features;         // only to tell what can't be read safely
 };
 
 } // namespace agent::core::fs

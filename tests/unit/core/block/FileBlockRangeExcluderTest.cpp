@@ -224,6 +224,20 @@ TEST_F(ExtentsTest, BlocksThatAreOnlyReservedBelongToTheFile) {
     }
 }
 
+// A copy of the file, made by whoever can read it, lives in the same blocks.
+TEST_F(ExtentsTest, BlocksThatAReflinkSharesAreNotExcluded) {
+    const LoopFileSystem fileSystem("mkfs.xfs -q -b size=4096 -m reflink=1");
+    const std::string path = fileSystem.path("file");
+    outputOf("head -c 40960 /dev/urandom > " + path + " && sync");
+    EXPECT_EQ(blocksOf(excluded(path)), 10U);
+    outputOf("cp --reflink=always " + path + " " + fileSystem.path("copy"));
+    outputOf("head -c 8192 /dev/urandom | dd of=" + path + " bs=4096 seek=3 conv=notrunc,fsync status=none");
+    const Ranges ranges = excluded(path);
+    EXPECT_EQ(blocksOf(ranges), 2U); // those that were written since are the file's own again
+    EXPECT_THAT(outputOf("filefrag -v " + path), HasSubstr("shared"));
+    EXPECT_EQ(warning(), "");
+}
+
 TEST_F(ExtentsTest, FileInItsInodeExcludesNothing) {
     const LoopFileSystem fileSystem("mkfs.ext4 -q -b 4096 -I 256 -O inline_data");
     const std::string path = fileSystem.path("tiny");
@@ -338,6 +352,16 @@ TEST_F(ExtentAnswersTest, UnknownPlacesAreNotExcluded) {
         extentOf(4096, 4096, FIEMAP_EXTENT_UNKNOWN),
         extentOf(8192, 4096, FIEMAP_EXTENT_UNWRITTEN | FIEMAP_EXTENT_LAST)};
     EXPECT_THAT(excluded(path, blockSize, answering(3, 3, extents)), ElementsAre(BlockRange{2, 1}));
+    EXPECT_EQ(warning(), "");
+}
+
+TEST_F(ExtentAnswersTest, BlocksThatOthersHaveAShareInAreNotExcluded) {
+    const std::vector<fiemap_extent> extents = {
+        extentOf(4096, 4096, FIEMAP_EXTENT_SHARED),
+        extentOf(8192, 4096, FIEMAP_EXTENT_SHARED | FIEMAP_EXTENT_UNWRITTEN),
+        extentOf(12'288, 4096, FIEMAP_EXTENT_NOT_ALIGNED | FIEMAP_EXTENT_DATA_TAIL),
+        extentOf(16'384, 4096, FIEMAP_EXTENT_LAST)};
+    EXPECT_THAT(excluded(path, blockSize, answering(4, 4, extents)), ElementsAre(BlockRange{4, 1}));
     EXPECT_EQ(warning(), "");
 }
 

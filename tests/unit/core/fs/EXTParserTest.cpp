@@ -11,6 +11,7 @@
 #include <memory>
 #include <random>
 #include <set>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -100,15 +101,17 @@ TEST_F(EXTParserTest, BlocksOf4KiBHaveTheTableAtTheSecondBlock) {
     EXPECT_EQ(image->volume.requests.front().offset, 4096U);
 }
 
-// Block 0 is before the first group: nothing tells that it is used.
-TEST_F(EXTParserTest, BlocksOf1KiBHaveTheTableAtByte2048) {
+// Block 0 is before the first group: no bitmap tells of it, and a boot loader may live there.
+TEST_F(EXTParserTest, BlocksOf1KiBHaveTheTableAtByte2048AndABootBlock) {
     make({.logBlockSize = 0, .blocksPerGroup = 8192, .blockCount = 20'000});
     image->use(1);
     image->use(8192);
     image->use(8193);
     image->use(19'999);
     EXPECT_EQ(parse(), 20'000);
-    EXPECT_EQ(used(), (Blocks{1, 8192, 8193, 19'999}));
+    EXPECT_EQ(used(), (Blocks{0, 1, 8192, 8193, 19'999}));
+    EXPECT_EQ(parse(1), 19'999);
+    EXPECT_EQ(used(1), (Blocks{1, 8192, 8193, 19'999}));
     EXPECT_EQ(image->volume.requests.front().offset, 2048U);
 }
 
@@ -173,39 +176,147 @@ TEST_F(EXTParserTest, BufferThatIsTooSmallFailsTheCall) {
     EXPECT_EQ(parse(100'000, 0), 0);
 }
 
-// The blocks of the group's own structures included, if it has any.
-TEST_F(EXTParserTest, UninitializedGroupIsFree) {
+// Of the four groups of 32768 blocks, the second and the fourth have a super block and descriptors, too.
+TEST_F(EXTParserTest, UninitializedGroupHasItsStructuresAndNothingElse) {
     make({});
     for (const std::uint32_t block : {0U, 40'000U, 70'000U}) {
         image->use(block);
     }
     image->setUninitialized(1);
     EXPECT_EQ(parse(), 100'000);
-    EXPECT_EQ(used(), (Blocks{0, 70'000}));
+    EXPECT_EQ(used(), (Blocks{0, 32768, 32769, 70'000}));
+    image->setUninitialized(2);
     image->setUninitialized(3);
-    image->setUninitialized(0);
     EXPECT_EQ(parse(), 100'000);
-    EXPECT_EQ(used(), (Blocks{70'000}));
+    EXPECT_EQ(used(), (Blocks{0, 32768, 32769, 98'304, 98'305}));
+    image->setUninitialized(0); // its bitmap is the third block
+    EXPECT_EQ(parse(), 100'000);
+    EXPECT_EQ(used(), (Blocks{0, 1, 2, 32768, 32769, 98'304, 98'305}));
+    EXPECT_EQ(parse(32769), 67'231);
+    EXPECT_EQ(used(32769), (Blocks{32769, 98'304, 98'305}));
 }
 
-// Tools that fill an unmounted volume leave such groups. The table is where the files are.
-TEST_F(EXTParserTest, UninitializedGroupWithFilesInItsTableFails) {
+// The bitmap is read where nothing says that flags mean something.
+TEST_F(EXTParserTest, FlagOfAGroupCountsWithChecksumsOnly) {
+    for (const std::uint32_t features : {0x1U, 0x10U, 0x400U, 0x410U}) {
+        make({});
+        setSuperBlock(100, features);
+        image->use(70'000);
+        image->setUninitialized(2);
+        EXPECT_EQ(parse(), 100'000);
+        EXPECT_EQ(used(), (features == 1 ? Blocks{70'000} : Blocks{65'536, 65'537})) << features;
+        if (features != 1) {
+            setSuperBlock(100, features | 1U); // super blocks in some groups only: not in this one
+            EXPECT_EQ(parse(), 100'000);
+            EXPECT_EQ(used(), Blocks{});
+        }
+    }
+}
+
+/// The groups of 256 blocks of 1 KiB with a super block, if no bitmap was ever written.
+class EXTBackupsTest : public EXTParserTest {
+protected:
+    void SetUp() override {
+        make({.logBlockSize = 0, .blocksPerGroup = 256, .blockCount = 1 + 256 * 60});
+        for (std::uint32_t group = 0; group < image->groups; ++group) {
+            image->setUninitialized(group);
+            image->placeBitmap(group, 40'000); // nowhere near
+        }
+    }
+
+    /// Groups whose first blocks are used; checks that they are as many as expected.
+    Blocks groupsWithHeads(std::uint64_t blocks) {
+        EXPECT_EQ(parse(), 1 + 256 * 60);
+        Blocks groups;
+        Blocks expected{0}; // the boot block
+        for (std::uint64_t group = 0; group < 60; ++group) {
+            if (used().contains(1 + 256 * group)) {
+                groups.insert(group);
+                for (std::uint64_t block = 0; block < blocks; ++block) {
+                    expected.insert(1 + 256 * group + block);
+                }
+            }
+        }
+        EXPECT_EQ(used(), expected);
+        return groups;
+    }
+
+    const Blocks sparse{0, 1, 3, 5, 7, 9, 25, 27, 49};
+};
+
+TEST_F(EXTBackupsTest, StandInPowersOfThreeFiveAndSeven) {
+    EXPECT_EQ(groupsWithHeads(3), sparse); // of 60 descriptors, 32 fit in a block
+}
+
+TEST_F(EXTBackupsTest, StandInEachGroupWithoutTheFeature) {
+    setSuperBlock(100, ExtImage::checksums);
+    EXPECT_EQ(groupsWithHeads(3).size(), 60U);
+}
+
+TEST_F(EXTBackupsTest, StandInTheGroupsThatAreNamed) {
+    setSuperBlock(92, 0x200);
+    setSuperBlock(588, 1);
+    setSuperBlock(592, 59);
+    EXPECT_EQ(groupsWithHeads(3), (Blocks{0, 1, 59}));
+    setSuperBlock(588, 0);
+    setSuperBlock(592, 0);
+    EXPECT_EQ(groupsWithHeads(3), Blocks{0});
+}
+
+TEST_F(EXTBackupsTest, HaveRoomForMoreDescriptorsBehindThem) {
+    setSuperBlock(206, 100, 2);
+    EXPECT_EQ(groupsWithHeads(103), sparse);
+    setSuperBlock(206, 65535, 2);
+    EXPECT_EQ(groupsWithHeads(256), sparse); // a group has no more
+}
+
+TEST_F(EXTBackupsTest, HaveDescriptorsUpToTheFirstMetaGroup) {
+    setSuperBlock(96, 0x10);
+    setSuperBlock(260, 2);
+    EXPECT_EQ(groupsWithHeads(3), sparse);
+}
+
+// One block of descriptors, with copies in the second and the last group that it describes.
+TEST_F(EXTBackupsTest, OfAMetaGroupStandInThreeGroups) {
+    setSuperBlock(96, 0x10);
+    setSuperBlock(4, 1 + 256UL * 32);
+    EXPECT_EQ(parse(), 1 + 256 * 32);
+    Blocks expected{0};
+    for (const std::uint64_t group : {0U, 1U, 3U, 5U, 7U, 9U, 25U, 27U}) {
+        expected.insert(1 + 256 * group);
+    }
+    expected.merge(Blocks{2, 258, 1 + 256 * 31});
+    EXPECT_EQ(used(), expected);
+}
+
+TEST_F(EXTParserTest, InodesOfAnUninitializedGroupAreUsedWhereTheyLieInIt) {
     for (const std::uint16_t size : std::vector<std::uint16_t>{0, 64}) {
         make({.descriptorSize = size});
-        setSuperBlock(40, 0x12345);
-        for (std::uint32_t group = 0; group < image->groups; ++group) {
-            image->volume.writeLittle(image->descriptor(group) + 8, 40'000, 4);
-            image->volume.writeLittle(image->descriptor(group) + 14, 0x2345, 2);
-        }
-        image->volume.writeLittle(image->descriptor(1) + 46, 1, 2); // counts in large descriptors only
-        image->setUninitialized(2);                                 // its table lies in the group before it
+        image->setUninitialized(2);
+        image->placeBitmap(2, 65'540);
+        image->placeInodes(2, 65'550, 65'560, 3);
         EXPECT_EQ(parse(), 100'000);
-        image->setUninitialized(1);
-        EXPECT_EQ(parse(), size == 0 ? -1 : 100'000);
-        image->volume.writeLittle(image->descriptor(1) + 14, 0x2344, 2);
-        EXPECT_EQ(parse(), -1);
-        EXPECT_TRUE(
-            record.has(info::level::error, "A group without a block bitmap has files in its inode table"));
+        EXPECT_EQ(used(), (Blocks{65'540, 65'550, 65'560, 65'561, 65'562}));
+        EXPECT_EQ(parse(65'550), 34'450);
+        EXPECT_EQ(used(65'550), (Blocks{65'550, 65'560, 65'561, 65'562}));
+        image->placeInodes(2, 5, 98'303, 3); // with flexible groups they may lie anywhere
+        EXPECT_EQ(parse(), 100'000);
+        EXPECT_EQ(used(), (Blocks{65'540, 98'303}));
+        image->placeInodes(2, 98'304, 65'530, 7);
+        EXPECT_EQ(parse(), 100'000);
+        EXPECT_EQ(used(), (Blocks{65'536, 65'540}));
+        setSuperBlock(40, 0xFFFFFFFF);
+        setSuperBlock(88, 0xFFFF, 2);
+        image->placeBitmap(2, 3);
+        EXPECT_EQ(parse(), 100'000);
+        EXPECT_EQ(used().size(), 32'768U);
+        setSuperBlock(76, 0); // the first revision has inodes of 128 bytes
+        setSuperBlock(40, 33);
+        EXPECT_EQ(parse(), 100'000);
+        EXPECT_EQ(used(), Blocks{});
+        image->volume.writeLittle(image->descriptor(2) + 8, 65'600, 4);
+        EXPECT_EQ(parse(), 100'000);
+        EXPECT_EQ(used(), (Blocks{65'600, 65'601}));
     }
 }
 
@@ -322,6 +433,89 @@ TEST_F(EXTParserTest, ImpossibleSuperBlocksAreRefused) {
     }
 }
 
+TEST_F(EXTParserTest, FirstGroupBeginsWithTheSuperBlock) {
+    make({.logBlockSize = 0, .blocksPerGroup = 8192});
+    setSuperBlock(20, 0);
+    expectRefused("The first EXT data block is impossible");
+    make({.logBlockSize = 1, .blocksPerGroup = 8192});
+    setSuperBlock(20, 1);
+    expectRefused("The first EXT data block is impossible");
+}
+
+TEST_F(EXTParserTest, TellsTheSizeOfItsBlocks) {
+    for (const std::uint32_t exponent : {0U, 2U, 6U, 7U, 0xFFFFFFFFU}) {
+        make({});
+        setSuperBlock(24, exponent);
+        EXTParser parser(record.logger, image->volume, 512);
+        ASSERT_TRUE(parser.recognize());
+        EXPECT_EQ(parser.getBlockSize(), exponent <= 6 ? 1024U << exponent : 0U);
+    }
+}
+
+TEST_F(EXTParserTest, DeviceOfUnknownSectorsIsRead) {
+    make({});
+    image->use(50);
+    EXTParser parser(record.logger, image->volume, 0);
+    ASSERT_TRUE(parser.recognize());
+    buffer.assign(65536, 0xa5);
+    EXPECT_EQ(parser.getBitmapChunk(0, buffer.data(), buffer.size()), 100'000);
+    EXPECT_EQ(used(), (Blocks{50}));
+}
+
+// Blocks that are in use by the journal may still be free by the bitmaps.
+TEST_F(EXTParserTest, JournalThatNeedsRecoveryIsRefused) {
+    make({});
+    setSuperBlock(96, 0x4);
+    expectRefused("The EXT journal needs recovery, so the bitmaps may be out of date");
+    setSuperBlock(96, 0x80000046);
+    expectRefused("The EXT journal needs recovery, so the bitmaps may be out of date");
+}
+
+TEST_F(EXTParserTest, FeaturesThatLeaveTheBitmapsAloneAreRead) {
+    for (unsigned bit = 0; bit < 32; ++bit) {
+        make({});
+        setSuperBlock(92, 1U << bit); // any of those that a writer may ignore
+        EXPECT_EQ(parse(), 100'000) << bit;
+    }
+    make({.descriptorSize = 64});
+    setSuperBlock(96, 0x3e7d2); // all others have tests of their own
+    setSuperBlock(100, 0x1b57f);
+    EXPECT_EQ(parse(), 100'000);
+    EXPECT_TRUE(record.lines().empty());
+}
+
+std::string hexOf(std::uint32_t number) {
+    std::ostringstream text;
+    text << "0x" << std::hex << number;
+    return text.str();
+}
+
+TEST_F(EXTParserTest, FeaturesThatAreNotKnownAreRefusedByName) {
+    const auto refusedFor = [this](std::uint64_t offset, std::uint32_t features, const std::string& names) {
+        make({});
+        setSuperBlock(offset, features);
+        expectRefused("EXT bitmaps can't be read with these features: " + names);
+    };
+    refusedFor(96, 0x1 | 0x2, "incompat compression");
+    refusedFor(96, 0x8, "incompat journal_dev");
+    refusedFor(96, 0x1000, "incompat dirdata");
+    refusedFor(100, 0x80, "ro_compat has_snapshot");
+    refusedFor(100, 0x800, "ro_compat replica");
+    refusedFor(100, 0x4000, "ro_compat shared_blocks");
+    for (const unsigned bit : {5U, 11U, 18U, 19U, 30U, 31U}) {
+        refusedFor(96, 1U << bit, "incompat " + hexOf(1U << bit));
+    }
+    for (unsigned bit = 17; bit < 32; ++bit) {
+        refusedFor(100, 1U << bit, "ro_compat " + hexOf(1U << bit));
+    }
+    make({});
+    setSuperBlock(96, 0x80000009);
+    setSuperBlock(100, 0x40000081);
+    expectRefused(
+        "EXT bitmaps can't be read with these features: incompat compression, incompat journal_dev, "
+        "incompat 0x80000000, ro_compat has_snapshot, ro_compat 0x40000000");
+}
+
 TEST_F(EXTParserTest, LargestCountsCostNothing) {
     make({});
     setSuperBlock(4, 0xFFFFFFFF);
@@ -380,6 +574,15 @@ TEST_F(EXTParserTest, HighHalfOfABitmapsBlockIsNotUsed) {
     EXPECT_TRUE(record.has(info::level::error, "Can't read bitmap"));
 }
 
+/// Whether a block, counted from its group's first one, is a structure of a group without a bitmap.
+bool isStructure(ExtImage& image, std::uint64_t group, std::uint64_t bit, std::uint64_t map) {
+    const Blocks withBackups{0, 1, 3, 5, 7, 9, 25, 27};
+    const std::uint64_t tableBlocks =
+        (std::uint64_t{image.stride} * image.groups + image.blockSize - 1) / image.blockSize;
+    return (withBackups.contains(group) && bit < 1 + tableBlocks) ||
+           image.firstDataBlock + image.geometry.blocksPerGroup * group + bit == map;
+}
+
 /// The map one bit at a time, straight from the structures.
 std::int64_t plainMap(ExtImage& image, std::uint64_t startBlock, std::vector<std::uint8_t>& buffer) {
     const std::uint64_t perGroup = image.geometry.blocksPerGroup;
@@ -387,6 +590,9 @@ std::int64_t plainMap(ExtImage& image, std::uint64_t startBlock, std::vector<std
     std::uint64_t group = startBlock == 0 ? 0 : (startBlock - first) / perGroup;
     std::uint64_t bit = startBlock == 0 ? 0 : (startBlock - first) - group * perGroup;
     std::int64_t result = 0;
+    if (startBlock < first) {
+        buffer[0] = 1;
+    }
     for (; group < image.groups; ++group, bit = 0) {
         const std::uint64_t descriptor = image.descriptor(static_cast<std::uint32_t>(group));
         const bool uninitialized = (image.volume.at(descriptor + 18) & 2) != 0;
@@ -400,7 +606,7 @@ std::int64_t plainMap(ExtImage& image, std::uint64_t startBlock, std::vector<std
                 return -1;
             }
             const std::uint8_t byte = image.volume.at(map * image.blockSize + bit / 8);
-            if (!uninitialized && (byte >> (bit % 8) & 1) != 0) {
+            if (uninitialized ? isStructure(image, group, bit, map) : (byte >> (bit % 8) & 1) != 0) {
                 buffer[index / 8] |= static_cast<std::uint8_t>(1U << (index % 8));
             }
             result = static_cast<std::int64_t>(index) + 1;

@@ -55,6 +55,17 @@ protected:
     std::size_t bytesRead = 99;
 };
 
+// As for a device whose sectors couldn't be asked for.
+TEST_F(FSUtilTest, UnknownAlignmentIsThatOfAPage) {
+    EXPECT_EQ(readChunk(5000, 100, 0), 0);
+    EXPECT_TRUE(holds(5000, 100));
+    EXPECT_EQ(volume.requests, (Requests{{4096, 4096}}));
+    buffer.assign(300, 0xee);
+    EXPECT_TRUE(FSUtil::readExactly(record.logger, volume, 0, 9700, buffer.data(), 300));
+    EXPECT_TRUE(holds(9700, 300));
+    EXPECT_FALSE(FSUtil::readExactly(record.logger, volume, 0, 9701, buffer.data(), 300));
+}
+
 TEST_F(FSUtilTest, ReadsTheAlignedRangeAroundWhatIsAskedFor) {
     EXPECT_EQ(readChunk(1000, 100), 0);
     EXPECT_EQ(volume.requests, (Requests{{512, 1024}}));

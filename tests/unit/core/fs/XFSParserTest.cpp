@@ -215,23 +215,40 @@ TEST_F(XFSParserTest, FreeListEndsWithWhatIsRead) {
     image->setFreeList(0, 117, 130, 14);
     EXPECT_EQ(parse(), 2000);
     EXPECT_EQ(free(2000), run(217, 2));
-    image->setFreeList(0, 0, 0xFFFFFFFF, 1);
+    image->setFreeList(0, 1, 0xFFFFFFFF, 0xFFFFFFFF);
     EXPECT_EQ(parse(), 2000);
-    EXPECT_EQ(free(2000), run(100, 119));
+    EXPECT_EQ(free(2000), run(101, 118));
     image->setFreeList(0, 0xFFFFFFFF, 0xFFFFFFFF, 1);
     EXPECT_EQ(parse(), 2000);
     EXPECT_EQ(free(2000), Blocks{});
 }
 
-// Its entries were taken for use, and now belong to files or to the tree.
-TEST_F(XFSParserTest, EmptiedFreeListMarksNothing) {
+// Entries that were taken for use, and now belong to files or to the tree, stay in the array. An empty list
+// has indices, too, and there were kernels to which the array had an entry less.
+TEST_F(XFSParserTest, FreeListWhoseCountDisagreesMarksNothing) {
     make({});
     for (std::uint32_t index = 0; index < 119; ++index) {
         image->setFreeListEntry(0, index, 100 + index);
     }
-    image->setFreeList(0, 0, 118, 0);
+    const auto marksNothing = [this](std::uint32_t first, std::uint32_t last, std::uint32_t count) {
+        image->setFreeList(0, first, last, count);
+        EXPECT_EQ(parse(), 2000);
+        EXPECT_EQ(free(2000), Blocks{}) << first << " to " << last << ": " << count;
+    };
+    marksNothing(0, 118, 0);
+    marksNothing(0, 117, 0);
+    marksNothing(0, 117, 117);
+    marksNothing(0, 117, 119);
+    marksNothing(5, 5, 0);
+    marksNothing(5, 5, 2);
+    marksNothing(6, 5, 0);
+    marksNothing(5, 9, 4);
+    marksNothing(5, 9, 0xFFFFFFFF);
+    marksNothing(0, 0xFFFFFFFF, 0);
+    marksNothing(0xFFFFFFFF, 0, 2);
+    image->setFreeList(0, 0, 117, 118);
     EXPECT_EQ(parse(), 2000);
-    EXPECT_EQ(free(2000), Blocks{});
+    EXPECT_EQ(free(2000), run(100, 118));
     image->setFreeList(0, 0, 118, 119);
     EXPECT_EQ(parse(), 2000);
     EXPECT_EQ(free(2000), run(100, 119));
@@ -482,10 +499,85 @@ TEST_F(XFSParserTest, ImpossibleSuperBlocksFail) {
     expectFailure("XFS: Impossible number of blocks.");
 }
 
-TEST_F(XFSParserTest, OtherSectorSizeThanTheDevicesFails) {
-    make({.sectorSize = 4096});
-    image->geometry.sectorSize = 512; // of the device, and so of the parser
-    expectFailure("Invalid fsi magic number.");
+// Most disks have logical sectors of 512 bytes and physical ones of 4096, which the file system goes by.
+TEST_F(XFSParserTest, SectorsAreThoseOfTheSuperBlock) {
+    for (const std::uint32_t sectorSize : {512U, 1024U, 2048U, 4096U}) {
+        make({.sectorSize = sectorSize});
+        image->setLeaf(1, 4, {{20, 1}});
+        image->setRoot(1, 4);
+        image->setFreeList(1, 2, 2, 1);
+        image->setFreeListEntry(1, 2, 77);
+        for (const std::uint32_t ofTheDevice : {0U, 512U, 4096U}) {
+            XFSParser parser(record.logger, image->volume, ofTheDevice);
+            ASSERT_TRUE(parser.recognize());
+            EXPECT_EQ(parser.getBlockSize(), 4096U);
+            buffer.assign(250, 0xa5);
+            EXPECT_EQ(parser.getBitmapChunk(0, buffer.data(), buffer.size()), 2000);
+            EXPECT_EQ(free(2000), (Blocks{1020, 1077}));
+        }
+    }
+}
+
+TEST_F(XFSParserTest, ImpossibleSectorsFail) {
+    for (const std::uint32_t size : {0U, 1U, 256U, 513U, 8192U, 32768U}) {
+        make({});
+        image->volume.writeBig(102, size, 2);
+        expectFailure("XFS: Impossible sector size.");
+    }
+}
+
+TEST_F(XFSParserTest, VolumeThatNeedsRepairFails) {
+    make({});
+    image->volume.writeBig(216, 0x1b, 4);
+    expectFailure("XFS: The volume needs repair.");
+}
+
+TEST_F(XFSParserTest, OtherVersionsFail) {
+    for (const std::uint32_t version : {0U, 1U, 3U, 6U, 15U}) {
+        make({});
+        image->volume.writeBig(100, 0xb4a0 | version, 2);
+        expectFailure("XFS: Unknown version of the format.");
+    }
+}
+
+TEST_F(XFSParserTest, FeaturesThatLeaveFreeSpaceAloneAreRead) {
+    make({});
+    image->volume.writeBig(200, 0xFFFFFFFF, 4); // these words are of the other format, or may be ignored
+    image->volume.writeBig(208, 0xFFFFFFFF, 4);
+    image->volume.writeBig(220, 0xFFFFFFFF, 4);
+    image->volume.writeBig(216, 0x1ef, 4);
+    image->volume.writeBig(212, 0xf, 4);
+    EXPECT_EQ(parse(), 2000);
+    make({.crc = false});
+    image->volume.writeBig(100, 0xfff4, 2);
+    image->volume.writeBig(200, 0x28a, 4);
+    image->volume.writeBig(212, 0xFFFFFFFF, 4);
+    image->volume.writeBig(216, 0xFFFFFFFF, 4);
+    EXPECT_EQ(parse(), 2000);
+    image->volume.writeBig(100, 0x34a4, 2); // has no more features
+    image->volume.writeBig(200, 0xFFFFFFFF, 4);
+    EXPECT_EQ(parse(), 2000);
+}
+
+TEST_F(XFSParserTest, FeaturesThatAreNotKnownFailByName) {
+    const auto refusedFor = [this](bool crc, std::uint64_t offset, std::uint32_t features,
+                                   const std::string& names) {
+        make({.crc = crc});
+        image->volume.writeBig(offset, features, 4);
+        expectFailure("XFS: Free space can't be read with these features: " + names);
+        EXPECT_TRUE(image->volume.requests.empty());
+    };
+    refusedFor(true, 216, 0x203, "incompat zoned");
+    refusedFor(true, 216, 0x400, "incompat zone_gaps");
+    refusedFor(true, 216, 0x80000800, "incompat 0x800, incompat 0x80000000");
+    refusedFor(true, 212, 0x10, "ro_compat 0x10");
+    refusedFor(true, 212, 0x80000000, "ro_compat 0x80000000");
+    refusedFor(false, 200, 0x10, "features2 parent");
+    refusedFor(false, 200, 0x405, "features2 0x1, features2 0x4, features2 0x400");
+    make({});
+    image->volume.writeBig(216, 0x200, 4);
+    image->volume.writeBig(212, 0x20, 4);
+    expectFailure("XFS: Free space can't be read with these features: incompat zoned, ro_compat 0x20");
 }
 
 /// The map block by block, straight from the structures, with the levels loaded as queues of nodes.
@@ -594,7 +686,8 @@ TEST_F(XFSParserTest, MapIsThatOfOneBlockAtATime) {
         for (std::uint32_t group = 0; group < 3; ++group) {
             growTree(*image, group, random);
             const auto first = static_cast<std::uint32_t>(random() % 119);
-            image->setFreeList(group, first, std::min(118U, first + 5), 6);
+            const std::uint32_t last = std::min(118U, first + 5);
+            image->setFreeList(group, first, last, last - first + 1);
             for (std::uint32_t index = 0; index < 119; ++index) {
                 image->setFreeListEntry(group, index, static_cast<std::uint32_t>(random() % 980));
             }

@@ -293,6 +293,53 @@ TEST_F(CopyVolumeTest, BlocksOfNothingAreRefused) {
     expectUntouchedTarget();
 }
 
+// Something else is mounted over the volume, and its blocks are taken for the volume's. They would be at the
+// wrong places, and the last of them may be no whole one.
+class OtherBlockSizeTest : public CopyVolumeTest, public testing::WithParamInterface<std::uint32_t> {};
+
+INSTANTIATE_TEST_SUITE_P(Sizes, OtherBlockSizeTest, testing::Values(512U, 1024U, 8192U, 131'072U, 0x280000U));
+
+TEST_P(OtherBlockSizeTest, VolumeIsCopiedWhole) {
+    source.description.blockSize = GetParam();
+    source.description.blockCount = source.description.size / GetParam();
+    config.enabled = true;
+    run();
+    EXPECT_EQ(target->image, source.image);
+    EXPECT_THAT(target->holes, IsEmpty());
+    EXPECT_TRUE(
+        log.has(error, "The file system of volume the-volume (/mnt) has blocks of 4096 bytes, but its "
+                       "mount point says " +
+                           std::to_string(GetParam()) +
+                           ". Something else is mounted there, so every block is copied."));
+}
+
+TEST_F(CopyVolumeTest, VolumeWhoseBlocksAreNotThoseOfItsMapHasChangesAllTheSame) {
+    source.description.blockSize = 8192;
+    source.description.blockCount = test::ExtVolume::blockCount / 2;
+    recordChanges({50, 51, 1401});
+    run(INCREMENTAL);
+    std::vector<bool> expected(test::ExtVolume::blockCount);
+    for (const std::uint32_t block : {50, 51, 1400, 1401}) {
+        expected[block] = true;
+    }
+    EXPECT_EQ(source.equalBlocks(target->image), expected);
+}
+
+TEST_F(CopyVolumeTest, DeviceWhoseSectorsCouldNotBeAskedForIsCopied) {
+    source.description.sectorSize = 0;
+    run();
+    EXPECT_EQ(source.equalBlocks(target->image), source.used);
+}
+
+TEST_F(CopyVolumeTest, JournalThatNeedsRecoveryIsCopiedWithEveryBlock) {
+    source.image[1024 + 96] |= 0x4;
+    test::writeFile(source.snapshotPath,
+                    {reinterpret_cast<const char*>(source.image.data()), source.image.size()});
+    run();
+    EXPECT_EQ(target->image, source.image);
+    EXPECT_TRUE(log.has(error, "The EXT journal needs recovery, so the bitmaps may be out of date"));
+}
+
 TEST_F(CopyVolumeTest, ChunksAreAsLargeAsTheBuffer) {
     run();
     EXPECT_THAT(target->written,

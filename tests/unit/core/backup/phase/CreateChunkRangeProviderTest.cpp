@@ -84,8 +84,9 @@ protected:
     }
 
     void run(bool isIncremental) {
-        CreateChunkRangeProvider phase({incrementalBitmap, excludedFiles, totalBlocks, isIncremental},
-                                       provider, ranges, fileSystems, maxBlocksPerChunk);
+        CreateChunkRangeProvider phase(
+            {incrementalBitmap, excludedFiles, totalBlocks, isIncremental, isWhole}, provider, ranges,
+            fileSystems, maxBlocksPerChunk);
         EXPECT_EQ(phase.getName(), "Create Chunk Range Provider");
         phase.execute();
     }
@@ -94,6 +95,7 @@ protected:
     test::RecordingLogger log;
     block::IncrementalBitmapInfo incrementalBitmap;
     std::vector<std::string> excludedFiles;
+    bool isWhole = false;
     RecordingRanges ranges{log.logger, std::make_shared<info::BackupableVolume>(info::VolumeDescription{})};
     AnyFileSystem fileSystems{log.logger};
     std::uint64_t maxBlocksPerChunk = 1024;
@@ -140,6 +142,16 @@ TEST_F(CreateChunkRangeProviderTest, FileThatIsNotThereHasNoExcluder) {
     excludedFiles = {file(".tolvu"), file(".tolvu1"), directory / ".tolvu.inc"};
     run(false);
     EXPECT_THAT(ranges.layers, ElementsAre("file " + excludedFiles[0], "file " + excludedFiles[1], "unused"));
+}
+
+TEST_F(CreateChunkRangeProviderTest, WholeVolumeLeavesOutWhatHasNotChangedAtTheMost) {
+    excludedFiles = {file(".tolvu"), file(".tolvu1")};
+    incrementalBitmap.fileName = "/mnt/.tolvu1";
+    isWhole = true;
+    run(false);
+    EXPECT_THAT(ranges.layers, IsEmpty());
+    run(true);
+    EXPECT_THAT(ranges.layers, ElementsAre("unchanged by /mnt/.tolvu1"));
 }
 
 TEST_F(CreateChunkRangeProviderTest, LinkToNowhereIsAFile) {

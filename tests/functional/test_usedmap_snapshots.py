@@ -1,0 +1,64 @@
+"""The map of what a backup reads: captures of mounted volumes in use, as the snapshot driver takes them."""
+import contextlib
+import os
+
+import pytest
+
+from lab.used_blocks import ext_truth, xfs_truth
+from lab.volumes import Volume
+from snapshot_site import SnapshotSite
+from used_maps import Comparison, unread_free_list
+from volume_images import age, run
+
+EXT = (
+    Volume("old", "ext3", mebibytes=256, mount_point="/mnt/old"),
+    Volume("small", "ext4", mebibytes=256, mount_point="/mnt/small"),
+    Volume("new", "ext4", mebibytes=256, mount_point="/mnt/new",
+           making=("-b", "4096", "-O", "metadata_csum_seed,orphan_file,fast_commit")),
+)
+XFS = (
+    Volume("plain", "xfs", mebibytes=320, mount_point="/mnt/plain", making=("-s", "size=512")),
+    Volume("sectors", "xfs", mebibytes=320, mount_point="/mnt/sectors", making=("-s", "size=4096")),
+)
+
+
+@contextlib.contextmanager
+def in_use(lab_site):
+    """A history on each volume, changes that nobody has synced, and a file that is deleted but open."""
+    with contextlib.ExitStack() as files:
+        for name in lab_site.names:
+            root = lab_site.mount_point(name)
+            age(root, 150)
+            file = files.enter_context(open(root / "deleted", "wb", buffering=0))
+            file.write(os.urandom(1 << 20))
+            (root / "deleted").unlink()
+            (root / "fresh").write_bytes(os.urandom(300_000))
+        yield
+
+
+@pytest.fixture
+def snapshots(site):
+    """snapshots(VOLUMES) is the devices of each volume and of its snapshot, by its name."""
+    with contextlib.ExitStack() as lasting:
+        def take(volumes):
+            lab_site = lasting.enter_context(SnapshotSite(volumes))
+            lasting.enter_context(in_use(lab_site))
+            session = lasting.enter_context(lab_site.session(incremental=False))
+            facts = session.start()
+            lasting.callback(session.end, "success")
+            return {name: (lab_site[name].device, facts[name]["snapshotPath"]) for name in lab_site.names}
+        yield take
+
+
+def test_ext(snapshots):
+    for name, (device, snapshot) in snapshots(EXT).items():
+        assert "needs_recovery" in run("dumpe2fs", "-h", device), name
+        assert "needs_recovery" not in run("dumpe2fs", "-h", snapshot), name
+        found = Comparison(snapshot, ext_truth(snapshot))
+        assert not found.lost | found.kept, name
+
+
+def test_xfs(snapshots):
+    for name, (_, snapshot) in snapshots(XFS).items():
+        found = Comparison(snapshot, xfs_truth(snapshot))
+        assert not found.lost | (found.kept - unread_free_list(snapshot)), name
