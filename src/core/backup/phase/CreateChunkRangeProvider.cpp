@@ -24,15 +24,14 @@ void CreateChunkRangeProvider::execute() {
 
 std::vector<CreateChunkRangeProvider::ProviderPointer> CreateChunkRangeProvider::createExcluders() const {
     std::vector<ProviderPointer> excluders;
-    if (!source.isWhole) {
-        addFileExcluders(excluders);
+    if (source.isWhole) {
+        return excluders;
     }
+    addFileExcluders(excluders);
     if (source.isIncremental) {
         excluders.push_back(ranges.createUnchangedExcluder(source.incrementalBitmap));
     }
-    if (!source.isWhole) {
-        addUnusedExcluder(excluders);
-    }
+    addUnusedExcluder(excluders);
     return excluders;
 }
 

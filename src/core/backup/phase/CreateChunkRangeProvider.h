@@ -13,8 +13,8 @@ namespace agent::core::backup::phase {
 
 /// Puts together which blocks are copied, in chunks that fit the copy's buffer: all, without those of the
 /// driver's and the agent's own files, without those that nobody uses and, in an incremental backup, without
-/// those that have not changed. A layer that can't be had, or that can't be trusted
-/// as the numbers of its blocks aren't the volume's, leaves more blocks to copy.
+/// those that have not changed. A layer that can't be had leaves more blocks to copy. Where the numbers
+/// of its blocks aren't the volume's, no layer can be trusted.
 class CreateChunkRangeProvider : public IPhase {
 public:
     using ProviderPointer = block::BlockRangeProviderFactory::ProviderPointer;
@@ -25,7 +25,7 @@ public:
         std::vector<std::string> excludedFiles;
         std::uint64_t totalBlocks = 0;
         bool isIncremental = false;
-        bool isWhole = false; ///< nothing is left out but what has not changed
+        bool isWhole = false; ///< nothing is left out: the numbers of the blocks can't be trusted
     };
 
     /// Fills `provider`.

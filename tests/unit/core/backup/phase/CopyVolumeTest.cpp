@@ -313,16 +313,12 @@ TEST_P(OtherBlockSizeTest, VolumeIsCopiedWhole) {
                            ". Something else is mounted there, so every block is copied."));
 }
 
-TEST_F(CopyVolumeTest, VolumeWhoseBlocksAreNotThoseOfItsMapHasChangesAllTheSame) {
+TEST_F(CopyVolumeTest, IncrementalOfAVolumeWhoseBlocksAreNotThoseOfItsMapBringsEverything) {
     source.description.blockSize = 8192;
     source.description.blockCount = test::ExtVolume::blockCount / 2;
-    recordChanges({50, 51, 1401});
+    recordChanges({50});
     run(INCREMENTAL);
-    std::vector<bool> expected(test::ExtVolume::blockCount);
-    for (const std::uint32_t block : {50, 51, 1400, 1401}) {
-        expected[block] = true;
-    }
-    EXPECT_EQ(source.equalBlocks(target->image), expected);
+    EXPECT_EQ(source.equalBlocks(target->image), std::vector<bool>(test::ExtVolume::blockCount, true));
 }
 
 TEST_F(CopyVolumeTest, DeviceWhoseSectorsCouldNotBeAskedForIsCopied) {
