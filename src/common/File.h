@@ -34,8 +34,8 @@ struct ::stat64 status64(const std::string& path);
 /// Returns false with `errno` set on failure.
 bool writeAll(int descriptor, std::string_view content) noexcept;
 
-/// Makes what was written to a file, or the names in a directory, survive a power cut. A file system that can't
-/// do so is no reason to fail.
+/// Makes what was written to a file, or the names in a directory, survive a power cut. A file system that
+/// can't do so is no reason to fail.
 void sync(const std::string& path);
 
 /// Replaces the file at `path` by one that holds `content`, so that at any moment, also across a power cut,

@@ -1,5 +1,5 @@
-"""Faults on a volume that was in debt already: untracked, left in a snapshot, or owing what a failed backup has not
-brought. A backup that says "finished" afterwards has brought everything."""
+"""Faults on a volume that was in debt already: untracked, left in a snapshot, or owing what a failed backup
+has not brought. A backup that says "finished" afterwards has brought everything."""
 import pathlib
 import shutil
 import signal
@@ -218,10 +218,10 @@ def test_reload_scripts_survive_a_power_cut_and_do_not_come_back(one_volume, tmp
 
 
 def test_random_sequences_of_faults():
-    """The agent's session over a driver and volumes that are a few numbers: see tests/model. Other sequences with
-    other arguments: DebtModel SEQUENCES SEED."""
-    done = subprocess.run([program("DebtModel"), str(SEQUENCES), "1"], capture_output=True, text=True, check=False,
-                          timeout=10 * SECONDS)
+    """The agent's session over a driver and volumes that are a few numbers: see tests/model. Other sequences
+    with other arguments: DebtModel SEQUENCES SEED."""
+    done = subprocess.run([program("DebtModel"), str(SEQUENCES), "1"], capture_output=True, text=True,
+                          check=False, timeout=10 * SECONDS)
     print(done.stdout, done.stderr)
     assert done.returncode == 0, done.stdout + done.stderr
     assert f"{SEQUENCES} sequences of seed 1: 0 wrong" in done.stdout

@@ -1,5 +1,5 @@
-// DebtModel [SEQUENCES [SEED]]: plays random sequences of what can happen to a protected machine, and says which
-// of them have made a finished backup wrong. Status 1 if any has.
+// DebtModel [SEQUENCES [SEED]]: plays random sequences of what can happen to a protected machine, and says
+// which of them have made a finished backup wrong. Status 1 if any has.
 
 #include "model/ModelDriver.h"
 #include "model/Sequence.h"

@@ -4,8 +4,8 @@
 
 namespace agent::model {
 
-/// What goes wrong in a backup, and at which of its steps. Steps are the calls of the driver, before and after
-/// their effect, the system calls on files, and the points at which a backup can be called off.
+/// What goes wrong in a backup, and at which of its steps. Steps are the calls of the driver, before and
+/// after their effect, the system calls on files, and the points at which a backup can be called off.
 struct Fault {
     enum class Kind { none, kill, fail, diskFull };
     Kind kind = Kind::none;

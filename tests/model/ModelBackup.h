@@ -13,8 +13,8 @@ namespace agent::model {
 
 enum class Outcome { finished, failed, killed };
 
-/// A backup of all volumes that are wanted: the agent's own session over the driver of the model, with the rules
-/// of a backup's other phases around it.
+/// A backup of all volumes that are wanted: the agent's own session over the driver of the model, with the
+/// rules of a backup's other phases around it.
 struct BackupOrder {
     std::uint32_t type = core::backup::INCREMENTAL;
     std::size_t volumes = 1;

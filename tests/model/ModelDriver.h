@@ -8,8 +8,8 @@
 
 namespace agent::model {
 
-/// The snapshot driver as its contract describes it, over volumes of a few numbers: states, CoW files that take
-/// turns, records of changes, refusals of what is in use, devices that sleep after a restart.
+/// The snapshot driver as its contract describes it, over volumes of a few numbers: states, CoW files that
+/// take turns, records of changes, refusals of what is in use, devices that sleep after a restart.
 /// Owns:    nothing; its state is the world's, so that it outlives a killed process as a driver's does.
 /// Threads: one.
 /// Fails:   as the driver's library: -1 with `errno`, nothing changed, unless a fault hits after the effect.

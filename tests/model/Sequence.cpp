@@ -119,8 +119,8 @@ public:
         }
     }
 
-    /// Two backups may fail for what was left. A history that is missing wants another type, and two of them if a
-    /// CoW file is missing as well.
+    /// Two backups may fail for what was left. A history that is missing wants another type, and two of them
+    /// if a CoW file is missing as well.
     void recover() {
         mounts.release();
         Outcome last = Outcome::failed;

@@ -42,8 +42,8 @@ public:
     /// is no failure.
     virtual VolumeSnapshotInfos startSnapshots(const Volumes& volumes, const IBackupAttributes& attributes,
                                                const ISnapshotAttributes& snapshotAttributes);
-    /// `success` says whether the backup has delivered the changes; if not, they are owed to the next one, and
-    /// a volume whose debt can't be told loses its device: the next backup compares all of it.
+    /// `success` says whether the backup has delivered the changes; if not, they are owed to the next one,
+    /// and a volume whose debt can't be told loses its device: the next backup compares all of it.
     virtual VolumeSnapshotInfos transitionToIncremental(const Volumes& volumes, bool success);
 
 private:

@@ -34,9 +34,9 @@ private:
     class Copy;
 
     void copy(const VolumeSnapshotInfo& snapshot, std::uint32_t type);
-    /// From here on the volume is known, but its image holds nothing that could be relied on: without a checksum
-    /// the next backup compares every block. Only an incremental keeps the checksum, because what it lacks stands
-    /// in the volume's history. A database that can't take that doesn't fail the copy.
+    /// From here on the volume is known, but its image holds nothing that could be relied on: without a
+    /// checksum the next backup compares every block. Only an incremental keeps the checksum, because what
+    /// it lacks stands in the volume's history. A database that can't take that doesn't fail the copy.
     void withdrawChecksum(std::uint32_t type);
     void registerImage();
 

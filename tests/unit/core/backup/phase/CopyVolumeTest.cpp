@@ -206,8 +206,8 @@ TEST_F(CopyVolumeTest, NewVolumeIsAddedToTheDatabase) {
     EXPECT_TRUE(log.has(debug, "Adding db entry of volume the-volume (/mnt)"));
 }
 
-/// A copy of everything is made because the image is in doubt, or to a new one. If it ends half-way, the head of
-/// the image may be the one that the old checksum vouches for while the rest isn't.
+/// A copy of everything is made because the image is in doubt, or to a new one. If it ends half-way, the head
+/// of the image may be the one that the old checksum vouches for while the rest isn't.
 TEST_F(CopyVolumeTest, FullCopyWithdrawsTheChecksumBeforeItBegins) {
     database.provider.setVolumeChecksum(uuid, 7, db::ChecksumType::libcrc32c);
     run(FULL);
