@@ -26,8 +26,8 @@ public:
     /// What is run with the name of the function.
     using Action = std::function<void(const std::string& function)>;
 
-    /// Runs an action inside of each call that is noted, for as long as it lives itself: no longer than what the
-    /// action refers to.
+    /// Runs an action inside of each call that is noted, for as long as it lives itself: no longer than what
+    /// the action refers to.
     class During {
     public:
         During(FakeIscsi& iscsi, Action action);
