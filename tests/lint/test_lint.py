@@ -47,7 +47,7 @@ BROKEN = [
     ("layers", "src/Loose.cpp", "int loose();\n", 1),
     ("layers", "platform/module/Module.cpp", '\n#include "common/Thing.h"\n', 2),
     ("layers", "lab/tool/Tool.cpp", '#include "../../src/common/Thing.h"\n', 1),
-    ("wrapped", "src/common/Disk.cpp", "#include <string>\n#include <iscsi/iscsi.h>\n", 2),
+    ("wrapped", "src/common/Disk.cpp", "// A disk.\n#include <iscsi/iscsi.h>\n", 2),
     ("wrapped", "tests/unit/Disk.cpp", "#include <iscsi/scsi-lowlevel.h>\n", 1),
     ("guards", "src/common/Bare.h", "\nint bare();\n", 2),
     ("guards", "src/common/Old.h", "#ifndef OLD_H\n#define OLD_H\n#endif\n", 1),
