@@ -13,6 +13,7 @@ constexpr std::uint64_t magic = 0xEF53;
 constexpr std::uint64_t metaBlockGroups = 0x10;
 constexpr std::uint64_t wide = 0x80;
 constexpr std::uint64_t clusters = 0x200;
+constexpr std::uint64_t groupFlags = 0x410; // either of two features with which those of a group count
 constexpr std::uint64_t neverUsed = 0x2;
 constexpr std::uint64_t bitsInByte = 8;
 
@@ -23,6 +24,7 @@ struct Geometry {
     std::uint64_t blocksPerGroup = 0;
     std::uint64_t descriptorSize = 0;
     bool isWide = false;
+    bool hasGroupFlags = false;
 
     [[nodiscard]] std::uint64_t groups() const {
         return (blocks - firstBlock + blocksPerGroup - 1) / blocksPerGroup;
@@ -48,6 +50,7 @@ std::optional<Geometry> readGeometry(const Descriptor& image, std::uint64_t size
     }
     Geometry geometry;
     geometry.isWide = (features & wide) != 0;
+    geometry.hasGroupFlags = (super.little(100, 4) & groupFlags) != 0;
     geometry.blocks = super.little(4, 4) | (geometry.isWide ? super.little(336, 4) << 32U : 0);
     geometry.firstBlock = super.little(20, 4);
     geometry.blockSize = superBlockSize << super.little(24, 4);
@@ -56,8 +59,8 @@ std::optional<Geometry> readGeometry(const Descriptor& image, std::uint64_t size
     return isSound(geometry, size) ? std::optional(geometry) : std::nullopt;
 }
 
-/// Marks what a group's bitmap says is in use. A group whose bitmap was never written has nothing in it that
-/// matters.
+/// Marks what a group's bitmap says is in use. Of a group whose bitmap was never written nothing is marked:
+/// its structures come into use with the group.
 bool markGroup(const Descriptor& image, const Geometry& geometry, std::uint64_t group,
                std::vector<bool>& used) {
     const std::uint64_t table = (geometry.firstBlock + 1) * geometry.blockSize;
@@ -65,7 +68,7 @@ bool markGroup(const Descriptor& image, const Geometry& geometry, std::uint64_t 
     if (!descriptor) {
         return false;
     }
-    if ((descriptor.little(18, 2) & neverUsed) != 0) {
+    if (geometry.hasGroupFlags && (descriptor.little(18, 2) & neverUsed) != 0) {
         return true;
     }
     const std::uint64_t block =

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstddef>
 #include <cstdio>
 
 namespace agent::core::fs {
@@ -14,18 +15,28 @@ std::string numberOf(std::uint32_t bit) {
     return {text.data(), static_cast<std::size_t>(length)};
 }
 
+std::string nameOf(const FeatureWord& word, std::uint32_t bit) {
+    const auto feature = std::ranges::find(word.known, bit, &Feature::bit);
+    return std::string(word.kind) + " " +
+           (feature != word.known.end() ? std::string(feature->name) : numberOf(bit));
+}
+
+bool isStrange(const FeatureWord& word, std::uint32_t bit) {
+    return std::ranges::none_of(word.known, [bit](const Feature& feature) {
+        return feature.bit == bit && feature.leavesTheMapAlone;
+    });
+}
+
 } // namespace
 
-std::string strangeFeatures(std::uint32_t bits, std::span<const Feature> known, std::string_view kind) {
+std::string strangeFeatures(std::initializer_list<FeatureWord> words) {
     std::string names;
-    for (std::uint32_t bit = 1; bit != 0; bit <<= 1U) {
-        const auto feature = std::ranges::find(known, bit, &Feature::bit);
-        if ((bits & bit) == 0 || (feature != known.end() && feature->leavesTheMapAlone)) {
-            continue;
+    for (const FeatureWord& word : words) {
+        for (std::uint32_t bit = 1; bit != 0; bit <<= 1U) {
+            if ((word.bits & bit) != 0 && isStrange(word, bit)) {
+                names += (names.empty() ? "" : ", ") + nameOf(word, bit);
+            }
         }
-        names += names.empty() ? "" : ", ";
-        names += std::string(kind) + " ";
-        names += feature != known.end() ? std::string(feature->name) : numberOf(bit);
     }
     return names;
 }

@@ -50,10 +50,8 @@ constexpr std::array roCompatFeatures{
 } // namespace
 
 std::string strangeEXTFeatures(std::uint32_t incompat, std::uint32_t roCompat) {
-    std::string names = strangeFeatures(incompat, incompatFeatures, "incompat");
-    const std::string roNames = strangeFeatures(roCompat, roCompatFeatures, "ro_compat");
-    names += names.empty() || roNames.empty() ? "" : ", ";
-    return names + roNames;
+    return strangeFeatures(
+        {{incompat, incompatFeatures, "incompat"}, {roCompat, roCompatFeatures, "ro_compat"}});
 }
 
 } // namespace agent::core::fs

@@ -28,18 +28,14 @@ constexpr std::array moreFeatures{
     Feature{0x80, "projid32bit", true}, Feature{0x200, "ftype", true},
 };
 
-std::string joined(const std::string& one, const std::string& other) {
-    return one + (one.empty() || other.empty() ? "" : ", ") + other;
-}
-
 } // namespace
 
 std::string strangeXFSFeatures(const XFSFeatureWords& words) {
-    if (words.hasCrc) {
-        return joined(strangeFeatures(words.incompat, incompatFeatures, "incompat"),
-                      strangeFeatures(words.roCompat, roCompatFeatures, "ro_compat"));
+    if (!words.hasCrc) {
+        return strangeFeatures({{words.features2, moreFeatures, "features2"}});
     }
-    return strangeFeatures(words.features2, moreFeatures, "features2");
+    return strangeFeatures(
+        {{words.incompat, incompatFeatures, "incompat"}, {words.roCompat, roCompatFeatures, "ro_compat"}});
 }
 
 } // namespace agent::core::fs
