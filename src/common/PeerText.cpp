@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <optional>
 
 namespace agent {
 
@@ -38,24 +39,36 @@ bool isControl(char32_t code) {
     return code < 0x20 || (code >= deleteCharacter && code < 0xa0);
 }
 
-/// The length of the character that begins at `position` if it is UTF-8 and can be shown; otherwise 0.
-std::size_t shownLength(std::string_view text, std::size_t position) {
-    const unsigned char first = byteAt(text, position);
+/// The code point of a character; nothing for bytes that are no UTF-8.
+std::optional<char32_t> decoded(const Form& form, std::string_view bytes) {
+    char32_t code = byteAt(bytes, 0) & static_cast<unsigned char>(~form.mask);
+    for (std::size_t index = 1; index < bytes.size(); ++index) {
+        if (!isContinuation(byteAt(bytes, index))) {
+            return std::nullopt;
+        }
+        code = code << 6U | (byteAt(bytes, index) & 0x3fU);
+    }
+    return code >= form.lowest && isCharacter(code) ? std::optional(code) : std::nullopt;
+}
+
+struct Character {
+    std::size_t length;
+    bool isControl;
+};
+
+/// The character at the beginning of a text. A byte that is no UTF-8 counts as one, with the meaning that it
+/// has for a terminal of single bytes.
+Character firstOf(std::string_view text) {
+    const unsigned char first = byteAt(text, 0);
     const auto* const form = std::find_if(forms.begin(), forms.end(), [first](const Form& candidate) {
         return (first & candidate.mask) == candidate.lead;
     });
-    if (form == forms.end() || form->length > text.size() - position) {
-        return 0;
-    }
-    char32_t code = first & static_cast<unsigned char>(~form->mask);
-    for (std::size_t index = 1; index < form->length; ++index) {
-        const unsigned char byte = byteAt(text, position + index);
-        if (!isContinuation(byte)) {
-            return 0;
+    if (form != forms.end() && form->length <= text.size()) {
+        if (const std::optional<char32_t> code = decoded(*form, text.substr(0, form->length))) {
+            return {form->length, isControl(*code)};
         }
-        code = code << 6U | (byte & 0x3fU);
     }
-    return code >= form->lowest && isCharacter(code) && !isControl(code) ? form->length : 0;
+    return {1, isControl(first)};
 }
 
 std::string escaped(unsigned char byte) {
@@ -77,15 +90,12 @@ std::string escaped(unsigned char byte) {
 std::string printable(std::string_view text) {
     std::string shown;
     shown.reserve(text.size());
-    for (std::size_t position = 0; position < text.size();) {
-        const std::size_t length = shownLength(text, position);
-        if (length == 0) {
-            shown += escaped(byteAt(text, position));
-            ++position;
-        } else {
-            shown += text.substr(position, length);
-            position += length;
+    while (!text.empty()) {
+        const Character next = firstOf(text);
+        for (const char byte : text.substr(0, next.length)) {
+            shown += next.isControl ? escaped(static_cast<unsigned char>(byte)) : std::string(1, byte);
         }
+        text.remove_prefix(next.length);
     }
     return shown;
 }

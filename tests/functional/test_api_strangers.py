@@ -60,7 +60,7 @@ def test_body_left_behind_is_nobody_elses(client, other, database):
     """An unpaired device leaves a body on its way, for the agent to take for the next request's."""
     assert client.request("POST", "/logLevel", b'{"severity": 2}').status == 200
     before = level(database)
-    for _ in range(20):
+    for _ in range(5):
         with held_head(other, "/logLevel", body=b'{"severity": 0}'):
             assert client.request("POST", "/logLevel", b'{"severity": 2}').status == 200
             assert level(database) == before
@@ -83,7 +83,7 @@ def test_overlapping_requests_of_the_appliance_itself(client):
 def test_held_heads_cost_no_answer(request, client, who):
     """Whoever has sent the head of a POST, and no more, is in nobody's way."""
     with contextlib.ExitStack() as stack:
-        for _ in range(20):
+        for _ in range(10):
             stack.enter_context(held_head(request.getfixturevalue(who)))
             assert answers_to(client, 5) == 5
 

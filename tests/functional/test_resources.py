@@ -52,6 +52,7 @@ def test_idle_agent_uses_no_processor_time(foreground):
     """Between two events it sleeps."""
     daemon = foreground()
     wait_until(lambda: is_waiting(daemon.pid), 20, "idle agent")
+    wait_until(lambda: "0 0 0\n" not in processor_times(daemon.pid).values(), 20, "first turn of each thread")
     before = processor_times(daemon.pid)
     for _ in range(1000):
         assert is_waiting(daemon.pid)

@@ -19,25 +19,26 @@ TEST(PeerText, PrintableWritesControlCharactersOut) {
     EXPECT_EQ(printable("\u0085\u009b2J\u00a0"), "\\xc2\\x85\\xc2\\x9b2J\u00a0");
 }
 
-/// Terminals that take single bytes obey 0x9b, too; and a log stays readable as a whole.
-TEST(PeerText, PrintableWritesOutWhatIsNoUtf8) {
+/// Terminals that take single bytes obey 0x9b, too. Other bytes that are no UTF-8 do no harm.
+TEST(PeerText, PrintableFindsControlCharactersInWhatIsNoUtf8) {
     EXPECT_EQ(printable("\x9b"
-                        "2J"),
-              "\\x9b2J");
-    EXPECT_EQ(printable("\xc3"), "\\xc3");
-    EXPECT_EQ(printable("\xc3("), "\\xc3(");
-    EXPECT_EQ(printable("\xe2\x82"), "\\xe2\\x82");
-    EXPECT_EQ(printable("\xc1\x9b\xc0\x8a"), "\\xc1\\x9b\\xc0\\x8a"); // longer than they need be
-    EXPECT_EQ(printable("\xe0\x82\x9b"), "\\xe0\\x82\\x9b");
-    EXPECT_EQ(printable("\xed\xa0\x80"), "\\xed\\xa0\\x80"); // half of a pair
-    EXPECT_EQ(printable("\xf4\x90\x80\x80\xff"), "\\xf4\\x90\\x80\\x80\\xff");
+                        "2J\xff"),
+              "\\x9b"
+              "2J\xff");
+    EXPECT_EQ(printable("\xc3"), "\xc3");
+    EXPECT_EQ(printable("\xc3\x1b"), "\xc3\\x1b");
+    EXPECT_EQ(printable("\xe2\x82"), "\xe2\\x82");
+    EXPECT_EQ(printable("\xc1\x9b\xc0\x8a"), "\xc1\\x9b\xc0\\x8a"); // longer than they need be
+    EXPECT_EQ(printable("\xe0\x82\x9b"), "\xe0\\x82\\x9b");
+    EXPECT_EQ(printable("\xed\xa0\x80"), "\xed\xa0\\x80"); // half of a pair
+    EXPECT_EQ(printable("\xf4\x90\x80\x80"), "\xf4\\x90\\x80\\x80");
 }
 
 TEST(PeerText, EveryByteAloneIsShownOrWrittenOut) {
     for (int byte = 0; byte < 256; ++byte) {
         const std::string shown = printable(std::string(1, static_cast<char>(byte)));
-        const bool isPlain = byte >= 0x20 && byte < 0x7f;
-        EXPECT_EQ(shown.size() == 1, isPlain) << byte;
+        const bool isControl = byte < 0x20 || (byte >= 0x7f && byte < 0xa0);
+        EXPECT_EQ(shown.size() > 1, isControl) << byte;
         EXPECT_EQ(printable(shown), shown) << byte;
     }
 }
