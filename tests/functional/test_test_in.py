@@ -27,7 +27,7 @@ Acquire::http::Proxy "http://127.0.0.1:9";
 Acquire::Check-Date "false";
 Acquire::http::Proxy-Auto-Detect "/usr/bin/detect";
 """
-# A tree that test-in can enter, and what it was made from. The last three arguments are release, tree, mirrors.
+# A tree that can be entered, and what it was made from. The last arguments are release, tree and mirrors.
 MAKE_TREE = """\
 #!/bin/bash
 set -euo pipefail
@@ -151,7 +151,8 @@ def test_only_root_may(checkout):
 
 def test_the_last_commit_is_tested_and_the_build_is_kept(checkout):
     write(checkout.root / "file", "what is not committed\n")
-    output = "test-in: what is not committed is left out\narguments: unit lint\nthe last commit\nlinks: 1 lo\n"
+    output = ("test-in: what is not committed is left out\n"
+              "arguments: unit lint\nthe last commit\nlinks: 1 lo\n")
     status, first, errors = checkout.run("trixie", "test", "unit", "lint")
     assert (status, errors) == (7, "")
     assert first == "test-in: making a Debian trixie in build/trees/trixie, which is done once\n" + output
