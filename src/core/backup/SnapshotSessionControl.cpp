@@ -120,6 +120,7 @@ private:
 
 VolumeSnapshotInfos SnapshotSessionControl::Impl::startSnapshots(const Volumes& volumes,
                                                                  const IBackupAttributes& attributes) {
+    closedRecords.clear();
     std::call_once(validateOnce, [this] { validateDriver(); });
     LogEntry(logger, info::level::info) << "Validating snapshot session...";
     for (const auto& volume : volumes) {
@@ -129,7 +130,6 @@ VolumeSnapshotInfos SnapshotSessionControl::Impl::startSnapshots(const Volumes& 
     checkIncrementalState(volumes, attributes, states);
     LogEntry(logger, info::level::info) << "Snapshot session successfully validated";
     unmountAll();
-    closedRecords.clear();
     for (const auto& volume : volumes) {
         startSnapshot(*volume, states[volume->getUuid()]);
     }
