@@ -1,5 +1,6 @@
 #include "ordak/ListeningSocket.h"
 
+#include <bit>
 #include <cerrno>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -21,9 +22,9 @@ bool listens(int socket, std::uint16_t port) {
     address.sin_family = AF_INET;
     address.sin_port = htons(port);
     address.sin_addr.s_addr = htonl(INADDR_ANY);
+    const auto general = std::bit_cast<sockaddr>(address);
     return ::setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) == 0 &&
-           ::bind(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 &&
-           ::listen(socket, SOMAXCONN) == 0;
+           ::bind(socket, &general, sizeof general) == 0 && ::listen(socket, SOMAXCONN) == 0;
 }
 
 } // namespace

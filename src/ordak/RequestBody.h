@@ -34,7 +34,7 @@ public:
     std::string take();
 
 private:
-    bool reserve(std::size_t bytes);
+    bool reserve(std::size_t count);
     void drop() noexcept;
 
     std::atomic<std::size_t>& kept;

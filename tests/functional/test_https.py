@@ -304,6 +304,23 @@ def test_protocols_and_ciphers(site, server):
         assert not handshake(site, f"NORMAL:-VERS-ALL:+VERS-TLS1.2:-CIPHER-ALL:+{cipher}")
 
 
+@pytest.mark.parametrize("renegotiates", [False, True])
+def test_certificate_cannot_change_on_a_connection(site, server, client, renegotiates):
+    """What has come on a connection is from one device: a second handshake ends it."""
+    program = ["openssl", "s_client", "-tls1_2", "-quiet", "-connect", "127.0.0.1:25567",
+               "-CAfile", site.authority.certificate, "-cert", site.device.certificate,
+               "-key", site.device.key]
+    if renegotiates:
+        program.remove("-quiet") # which would send the command as it is
+    with subprocess.Popen(program, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                          stderr=subprocess.STDOUT) as peer:
+        request = b"GET /host HTTP/1.1\r\nHost: agent\r\nConnection: close\r\n\r\n"
+        output, _ = peer.communicate(b"R\n" + request if renegotiates else request, SECONDS)
+    assert (b"RENEGOTIATING" in output) == renegotiates
+    assert (b"HTTP/1.1 200 OK" in output) != renegotiates
+    check_serves(client)
+
+
 def test_plain_http_and_noise(client):
     for noise in (b"GET / HTTP/1.1\r\n\r\n", bytes(range(256)) * 64, b"\x16\x03\x01\xff\xff", b""):
         with socket.create_connection(client.address, SECONDS) as plain:

@@ -40,7 +40,7 @@ public:
         const std::string_view text = error.what(); // holds the whole of what it couldn't read
         if (text.size() > longest) {
             const std::size_t reason = text.find("syntax error");
-            refuse(shortened(text.substr(reason == text.npos ? 0 : reason), longest), position);
+            refuse(shortened(text.substr(reason == std::string_view::npos ? 0 : reason), longest), position);
         }
         return false; // whoever builds the document will meet it again, and throw
     }
