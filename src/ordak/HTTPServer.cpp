@@ -150,7 +150,6 @@ private:
 
     MHD_Daemon* startDaemon();
     MHD_Daemon* startDaemon(int socket);
-    MHD_Result accept(const Call& call, Request& request) noexcept;
     MHD_Result process(const Call& call, Request& request);
     MHD_Result processChecked(const Call& call, Request& request, int deviceId);
     [[nodiscard]] bool isFromPaired(int deviceId) const;
@@ -243,28 +242,24 @@ MHD_Result HTTPServer::Impl::access(void* closure, MHD_Connection* connection, c
                                     const char* method, const char* /*version*/, const char* chunk,
                                     std::size_t* chunkBytes, void** requestClosure) noexcept {
     Impl& self = *static_cast<Impl*>(closure);
-    if (*requestClosure == nullptr) { // the first call of a request; there is more to come
-        *requestClosure = std::make_unique<Request>(self.keptBytes).release();
-        return MHD_YES;
-    }
-    const MHD_Result result =
-        self.accept({connection, textOf(method), textOf(url),
-                     chunk == nullptr ? std::string() : std::string(chunk, *chunkBytes)},
-                    *static_cast<Request*>(*requestClosure));
-    if (chunk != nullptr) {
-        *chunkBytes = 0;
-    }
-    return result;
-}
-
-MHD_Result HTTPServer::Impl::accept(const Call& call, Request& request) noexcept {
     try {
-        return process(call, request);
+        if (*requestClosure == nullptr) { // the first call of a request; there is more to come
+            *requestClosure = std::make_unique<Request>(self.keptBytes).release();
+            return MHD_YES;
+        }
+        const MHD_Result result =
+            self.process({connection, textOf(method), textOf(url),
+                          chunk == nullptr ? std::string() : std::string(chunk, *chunkBytes)},
+                         *static_cast<Request*>(*requestClosure));
+        if (chunk != nullptr) {
+            *chunkBytes = 0;
+        }
+        return result;
     } catch (const std::exception& error) {
-        info::LogEntry(logger, info::level::error)
+        info::LogEntry(self.logger, info::level::error)
             << "Exception occurred in processing connection: " << error.what();
     } catch (...) {
-        info::LogEntry(logger, info::level::error) << "Unknown error occurred in processing connection";
+        info::LogEntry(self.logger, info::level::error) << "Unknown error occurred in processing connection";
     }
     return MHD_NO;
 }

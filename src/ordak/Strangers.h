@@ -1,8 +1,8 @@
 #pragma once
 
 #include <cstddef>
-#include <deque>
 #include <mutex>
+#include <vector>
 
 namespace agent::ordak {
 
@@ -11,19 +11,19 @@ namespace agent::ordak {
 /// own, and the appliance, which shows its certificate within moments, always finds room.
 /// Owns:    nothing. The sockets belong to the HTTP library, which may close one only after it has left.
 /// Threads: safe from any.
-/// Fails:   only for want of memory.
+/// Fails:   only its construction, for want of memory.
 class Strangers {
 public:
-    explicit Strangers(std::size_t most) : most(most) {}
+    explicit Strangers(std::size_t most);
 
-    void enter(int socket);
+    void enter(int socket) noexcept;
     /// Returns whether the socket was among them.
-    bool leave(int socket);
+    bool leave(int socket) noexcept;
 
 private:
     const std::size_t most;
     std::mutex mutex;
-    std::deque<int> sockets; // guarded by mutex; the oldest first
+    std::vector<int> sockets; // guarded by mutex; the oldest first
 };
 
 } // namespace agent::ordak
