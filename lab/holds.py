@@ -21,6 +21,8 @@ from lab.services import wait_until
 SECONDS = 60
 END_SECONDS = 20
 FOREVER = 600_000_000 # microseconds
+# What puts a file system into its place: the releases of libmount use the one or the other.
+MOUNT_CALLS = "mount,move_mount"
 
 
 def tasks(pid):

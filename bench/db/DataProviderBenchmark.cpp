@@ -5,6 +5,7 @@
 #include <benchmark/benchmark.h>
 #include <sqlite3.h>
 
+#include <cstdint>
 #include <cstdio>
 
 /// What a connection for each operation costs: the store beside the same statements through one connection

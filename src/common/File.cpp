@@ -82,13 +82,11 @@ void copy(const std::string& from, const std::string& to) {
     const FileDescriptor destination(
         ::open(to.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, sourceStatus.st_mode & 07777));
     if (!destination) {
+        const int reason = errno;
         if (isDirectory(to)) {
             throw PosixError(message + " - expected dest file name, not directory", EISDIR);
         }
-        if (errno == EEXIST) {
-            fail(message + " - dest file exists");
-        }
-        fail(message);
+        throw PosixError(reason == EEXIST ? message + " - dest file exists" : message, reason);
     }
     UnfinishedFile unfinished(to);
     if (!copyBytes(source.get(), destination.get())) {

@@ -8,6 +8,7 @@ import time
 import pytest
 
 from fault_site import DATA, MORE, fault_site
+from lab.holds import MOUNT_CALLS
 from lab.services import wait_until
 
 SNAPSHOTS = ("/dev/tolvu0", "/dev/tolvu1")
@@ -87,7 +88,7 @@ def test_cancel_while_the_target_is_silent(one_volume, faults):
 def test_cancel_while_snapshots_are_taken(one_volume, faults):
     """They are taken to the end, and given back. The second of them is there to be mounted."""
     site = one_volume
-    with site.held("mount", 1) as (backup, hold):
+    with site.held(MOUNT_CALLS, 1) as (backup, hold):
         backup.cancel()
         hold.release()
         check_cancelled(site, backup, faults, "while a snapshot is mounted")

@@ -4,6 +4,7 @@
 #include "tolvubd.h"
 
 #include <cerrno>
+#include <cstdint>
 #include <cstdlib>
 #include <exception>
 #include <iostream>

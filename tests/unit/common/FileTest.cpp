@@ -68,6 +68,15 @@ TEST_F(File, CopyNeverOverwrites) {
     EXPECT_EQ(readFile(b), "old");
 }
 
+TEST_F(File, CopyToALinkThatLeadsNowhereIsToldAsWhatItIs) {
+    writeFile(a, "new");
+    const std::string nowhere = directory / "nowhere";
+    ASSERT_EQ(::symlink(nowhere.c_str(), b.c_str()), 0);
+    EXPECT_EQ(messageOf<PosixError>([&] { file::copy(a, b); }),
+              "file::copy(\"" + a + "\" -> \"" + b +
+                  "\") failed - dest file exists: File exists | ERROR(Posix) : 17 (0x11)");
+}
+
 TEST_F(File, CopyToADirectoryIsRefused) {
     writeFile(a, "new");
     EXPECT_EQ(messageOf<PosixError>([&] { file::copy(a, directory.path()); }),
