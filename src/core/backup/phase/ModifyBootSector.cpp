@@ -27,27 +27,27 @@ void ModifyBootSector::execute() {
     if (filesystem != "NTFS" || sectorSize != sectorBytes) {
         return;
     }
-    Sector sector;
+    AlignedBuffer sector(sectorBytes, sectorBytes); // for direct reads
     const std::size_t length = read(sector);
     info::LogEntry(logger, info::level::info) << "Setting the sectors per track to " << +sectorsPerTrack;
-    std::uint8_t& low = sector.bytes.at(sectorsPerTrackOffset);
-    std::uint8_t& high = sector.bytes.at(sectorsPerTrackOffset + 1);
-    if (low == sectorsPerTrack && high == 0) {
+    std::byte& low = sector.data()[sectorsPerTrackOffset];
+    std::byte& high = sector.data()[sectorsPerTrackOffset + 1];
+    if (low == std::byte{sectorsPerTrack} && high == std::byte{0}) {
         return;
     }
-    low = sectorsPerTrack;
-    high = 0;
+    low = std::byte{sectorsPerTrack};
+    high = std::byte{0};
     write(sector, length);
 }
 
-std::size_t ModifyBootSector::read(Sector& sector) {
+std::size_t ModifyBootSector::read(AlignedBuffer& sector) {
     info::LogEntry(logger, info::level::debug) << "Seeking to 0 for the boot sector";
     if (reader.seek(0, SEEK_SET) < 0) {
         throw std::runtime_error("Failed to seek to boot sector, offset 0!");
     }
     info::LogEntry(logger, info::level::debug)
         << "Reading " << sectorBytes << " bytes out of the boot sector";
-    const std::int64_t length = reader.read(sector.bytes.data(), sectorBytes);
+    const std::int64_t length = reader.read(sector.data(), sectorBytes);
     if (length == -1) {
         throw std::runtime_error("Failed to read boot sector, offset 0!");
     }
@@ -58,13 +58,13 @@ std::size_t ModifyBootSector::read(Sector& sector) {
     return static_cast<std::size_t>(length);
 }
 
-void ModifyBootSector::write(const Sector& sector, std::size_t length) {
+void ModifyBootSector::write(const AlignedBuffer& sector, std::size_t length) {
     info::LogEntry(logger, info::level::debug) << "Seeking to 0 to write remote boot sector";
     if (writer->seek(0, SEEK_SET) < 0) {
         throw exception::transport_connection_error("Failed to seek to remote boot sector offset!");
     }
     info::LogEntry(logger, info::level::debug) << "Writing " << length << " to remote boot sector";
-    const std::int64_t written = writer->write(sector.bytes.data(), length);
+    const std::int64_t written = writer->write(sector.data(), length);
     if (written < static_cast<std::int64_t>(length)) {
         info::LogEntry(logger, info::level::error)
             << "Only written " << written << " instead of " << length << " bytes to the remote boot sector!";

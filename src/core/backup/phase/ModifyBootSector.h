@@ -1,11 +1,11 @@
 #pragma once
 
+#include "common/AlignedBuffer.h"
 #include "core/fs/IVolumeReader.h"
 #include "core/operation/IPhase.h"
 #include "core/transport/ITransport.h"
 #include "info/log/Logger.h"
 
-#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -24,13 +24,9 @@ public:
 
 private:
     static constexpr std::size_t sectorBytes = 512;
-    /// Page-aligned, as direct I/O wants it.
-    struct alignas(4096) Sector {
-        std::array<std::uint8_t, sectorBytes> bytes{};
-    };
 
-    std::size_t read(Sector& sector);
-    void write(const Sector& sector, std::size_t length);
+    std::size_t read(AlignedBuffer& sector);
+    void write(const AlignedBuffer& sector, std::size_t length);
 
     info::Logger& logger;
     const std::string filesystem;
