@@ -131,7 +131,8 @@ def attach(image, *options):
     """Attaches an image to a free loop device. Others may take the one that was free a moment ago, and a
     device that is new to the kernel needs a node first."""
     for attempt in range(1, ATTEMPTS + 1):
-        make_node(pathlib.Path(run("losetup", "--find")).name)
+        free, *_ = run("losetup", "--find").split() # newer releases add that there is no node yet
+        make_node(pathlib.Path(free).name)
         try:
             return run("losetup", "--find", "--show", *options, image)
         except OSError:

@@ -97,8 +97,10 @@ class Checkout:
             subprocess.run([*git, *command], check=True)
 
     def start(self, *arguments):
-        return subprocess.Popen([self.root / "scripts/test-in", *arguments], env=self.environment, text=True,
-                                stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        """As from a terminal: a shell can't take back what was ignored when it began."""
+        return subprocess.Popen(["env", "--default-signal=INT", self.root / "scripts/test-in", *arguments],
+                                env=self.environment, text=True, stdout=subprocess.PIPE,
+                                stderr=subprocess.PIPE)
 
     def run(self, *arguments):
         """Exit status, standard output and standard error."""

@@ -288,10 +288,13 @@ def test_tidy_refuses_functions_of_more_than_sixty_lines(tidy):
 
 @pytest.mark.parametrize("check, line, text", [
     ("clang-diagnostic-error", 1, "int broken() { return missing; }\n"),
+    ("bugprone-unused-return-value", 4,
+     "#include <unistd.h>\n\nvoid skip(int file, char* byte) {\n    read(file, byte, 1);\n}\n"),
     ("cppcoreguidelines-avoid-non-const-global-variables", 1, "int counter = 0;\n"),
     ("cppcoreguidelines-pro-type-reinterpret-cast", 2,
      "int read(const char* text) {\n    return *reinterpret_cast<const int*>(text);\n}\n"),
-    ("cppcoreguidelines-special-member-functions", 1, "struct Owner {\n    ~Owner();\n};\n"),
+    ("cppcoreguidelines-special-member-functions", 1,
+     "struct Owner {\n    ~Owner();\n};\n\nOwner::~Owner() {}\n"),
     ("clang-diagnostic-reserved-identifier", 1, "void _Reserved();\n"),
     ("google-explicit-constructor", 2, "struct Wrapper {\n    Wrapper(int number);\n};\n"),
     ("readability-braces-around-statements", 2, "int sign(int number) {\n    if (number < 0)\n"
@@ -313,6 +316,12 @@ def test_tidy_check_is_on(tidy, check, line, text):
 def test_tidy_lets_laid_down_names_pass(tidy):
     tidy.write(src__A_cpp="class bad_request {};\nclass generic_library_error {};\nclass cancel_op {};\n"
                           "class qparam {};\nvoid RunQuery();\nclass Db {\n    void RunUpdate();\n};\n")
+    assert tidy.findings() == []
+
+
+def test_tidy_knows_a_system_call_from_its_namesake(tidy):
+    tidy.write(src__A_cpp="#include <istream>\n\nvoid skip(std::istream& file, char* byte) {\n"
+                          "    file.read(byte, 1);\n}\n")
     assert tidy.findings() == []
 
 

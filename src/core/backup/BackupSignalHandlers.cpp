@@ -25,7 +25,7 @@ constexpr std::array caughtSignals = {SIGFPE,  SIGSEGV, SIGILL,  SIGABRT,   SIGB
 /// Dispositions are per process, and so is this; it can't belong to any one run.
 struct ProcessSignals {
     std::mutex mutex;                             // held while installing and restoring, never in a handler
-    std::atomic<BackupSignalHandlers*> current{}; // whose backup a signal cancels
+    std::atomic<BackupSignalHandlers*> current;   // whose backup a signal cancels
     std::atomic<int> handling = 0;                // handlers at work, which may be using `current`
     std::map<int, struct sigaction> savedActions; // guarded by mutex; what was in force before any run
 
