@@ -130,7 +130,7 @@ def test_unknown_target(protection, volumes):
 
 def test_disk_that_is_too_small(protection, volumes, target):
     """The backup fails, with nothing written behind the disk's end, and the one after it to the whole image
-    brings what this one hasn't. It compares everything, because the agent can't tell one disk from another."""
+    brings what this one hasn't. It compares everything: the agent can't tell one disk from another."""
     small = target.add_image("small", 64 * MIB)
     backup = protection.run(volumes=protection.request(lun=small.lun), full=True)
     assert backup.state == "failed", backup.log

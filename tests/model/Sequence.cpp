@@ -156,7 +156,7 @@ private:
     void change(VolumeState& volume, std::uint32_t number) {
         for (std::uint32_t count = 0; count < number; ++count) {
             const std::uint32_t stamp = world.newStamp();
-            volume.content.at(stamp * 7 % unitCount) = stamp;
+            volume.content.at(std::size_t{stamp} * 7 % unitCount) = stamp;
         }
     }
 

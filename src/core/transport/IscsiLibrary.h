@@ -4,7 +4,7 @@
 #include <string>
 
 struct iscsi_context;
-struct scsi_task;
+struct scsi_task; // NOLINT(readability-identifier-naming): the name of the library
 
 /// Owners of what libiscsi hands out. An empty one stands for a call that has failed.
 namespace agent::core::iscsi {
