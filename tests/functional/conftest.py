@@ -26,6 +26,7 @@ from lab.appliance_client import Appliance  # noqa: E402
 from lab.backups import Protection  # noqa: E402
 from lab.daemon import DATABASE, PID_FILE, Daemon, program, require_private_site  # noqa: E402
 from lab.driver_facts import hide_driver, show_driver  # noqa: E402
+from lab.https_client import Client  # noqa: E402
 from lab.site import Site  # noqa: E402
 from lab.system_log import SystemLog  # noqa: E402
 from lab.targets import Target  # noqa: E402
@@ -84,6 +85,14 @@ def connect_appliance(site_authority, site_device):
 def agent(foreground):
     """A daemon whose standard output shows what it does, down to each request."""
     return foreground()
+
+
+@pytest.fixture
+def client(agent, site_authority, site_device):
+    """The paired device, with a connection for each request."""
+    paired = Client(site_authority.certificate, site_device(4711))
+    assert paired.request("POST", "/pair", b'{"deviceID": 4711}').status == 200
+    return paired
 
 
 @pytest.fixture

@@ -42,14 +42,6 @@ def wait_until_idle(daemon, idle):
 
 
 @pytest.fixture
-def client(agent, site_authority, site_device):
-    """A client of the daemon's, paired, that opens a connection for each request."""
-    good = Client(site_authority.certificate, site_device(DEVICE))
-    assert good.request("POST", "/pair", b'{"deviceID": %d}' % DEVICE).status == 200
-    return good
-
-
-@pytest.fixture
 def unharmed(agent, client):
     """After the test the daemon serves as before, and holds no more than before."""
     before = wait_until_idle(agent, usage(agent)._replace(descriptors=5, threads=2))

@@ -21,14 +21,6 @@ LOG_BOUND = 64 * 1024
 
 
 @pytest.fixture
-def client(agent, site_authority, site_device):
-    """The paired device, with a connection for each request."""
-    good = Client(site_authority.certificate, site_device(DEVICE))
-    assert good.request("POST", "/pair", b'{"deviceID": %d}' % DEVICE).status == 200
-    return good
-
-
-@pytest.fixture
 def other(client, site_authority, site_device):
     """A device with a certificate, which isn't paired."""
     return Client(site_authority.certificate, site_device(OTHER))
