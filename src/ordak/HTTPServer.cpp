@@ -13,6 +13,7 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstdint>
 #include <cstring>
 #include <microhttpd.h>
@@ -165,7 +166,7 @@ private:
     const std::string trust;
     const RequestFunction handler;
     const PairedFunction isPaired;
-    Strangers strangers{mostStrangers};
+    Strangers strangers{mostStrangers, std::chrono::seconds(strangerTimeoutSeconds)};
     std::atomic<std::size_t> keptBytes = 0; // of the bodies of all requests
     std::shared_ptr<MHD_Daemon> daemon;     // its threads use all of the above
 };

@@ -5,26 +5,28 @@
 
 namespace agent::ordak {
 
-Strangers::Strangers(std::size_t most) : most(most) {
-    sockets.reserve(most);
+Strangers::Strangers(std::size_t most, Clock::duration longest) : most(most), longest(longest) {
+    present.reserve(most);
 }
 
 void Strangers::enter(int socket) noexcept {
     const std::lock_guard lock(mutex);
-    if (sockets.size() == most) {
-        ::shutdown(sockets.front(), SHUT_RDWR); // its thread sees the end, and has the library close it
-        sockets.erase(sockets.begin());
+    const Clock::time_point now = Clock::now();
+    while (!present.empty() && (present.size() >= most || now - present.front().since > longest)) {
+        ::shutdown(present.front().socket,
+                   SHUT_RDWR); // its thread sees the end, and has the library close it
+        present.erase(present.begin());
     }
-    sockets.push_back(socket);
+    present.push_back({socket, now});
 }
 
 bool Strangers::leave(int socket) noexcept {
     const std::lock_guard lock(mutex);
-    const auto found = std::find(sockets.begin(), sockets.end(), socket);
-    if (found == sockets.end()) {
+    const auto found = std::ranges::find(present, socket, &Stranger::socket);
+    if (found == present.end()) {
         return false;
     }
-    sockets.erase(found);
+    present.erase(found);
     return true;
 }
 

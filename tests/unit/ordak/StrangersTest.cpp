@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <chrono>
 #include <sys/socket.h>
 
 namespace agent::ordak {
@@ -33,7 +34,7 @@ private:
 
 TEST(StrangersTest, OldestMakesRoom) {
     std::array<Connection, 4> connections;
-    Strangers strangers(2);
+    Strangers strangers(2, std::chrono::hours(1));
     strangers.enter(connections[0].socket());
     strangers.enter(connections[1].socket());
     EXPECT_TRUE(connections[0].isOpen());
@@ -48,7 +49,7 @@ TEST(StrangersTest, OldestMakesRoom) {
 
 TEST(StrangersTest, WhoHasLeftIsSafe) {
     std::array<Connection, 4> connections;
-    Strangers strangers(2);
+    Strangers strangers(2, std::chrono::hours(1));
     strangers.enter(connections[0].socket());
     EXPECT_TRUE(strangers.leave(connections[0].socket()));
     EXPECT_FALSE(strangers.leave(connections[0].socket()));
@@ -58,6 +59,16 @@ TEST(StrangersTest, WhoHasLeftIsSafe) {
     EXPECT_TRUE(connections[0].isOpen());
     EXPECT_FALSE(connections[1].isOpen());
     EXPECT_FALSE(strangers.leave(connections[1].socket())); // it was made to
+}
+
+TEST(StrangersTest, WhoHasBeenHereForTooLongGoesWhenTheNextOneComes) {
+    std::array<Connection, 2> connections;
+    Strangers strangers(2, std::chrono::seconds(-1)); // whoever is here at all has been for too long
+    strangers.enter(connections[0].socket());
+    EXPECT_TRUE(connections[0].isOpen());
+    strangers.enter(connections[1].socket());
+    EXPECT_FALSE(connections[0].isOpen());
+    EXPECT_TRUE(connections[1].isOpen());
 }
 
 } // namespace
