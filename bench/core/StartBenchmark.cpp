@@ -8,7 +8,7 @@
 #include "core/backup/BackupThread.h"
 #include "core/backup/SnapshotAttributes.h"
 #include "core/operation/CancelableOperation.h"
-#include "support/ScriptedPhases.h"
+#include "support/BackupStage.h"
 
 #include <benchmark/benchmark.h>
 
@@ -37,11 +37,9 @@ public:
     void runScript(const std::string& /*script*/, std::uint32_t /*timeout*/, bool /*isPre*/) override {}
 };
 
-/// An engine whose backups have one phase, which does nothing.
+/// An engine whose backups end in their first phase: there is no volume.
 class StartedEngine {
 public:
-    StartedEngine() { phases.populate = {{"First"}}; }
-
     /// Starts a backup and waits for its end. Returns the time up to the first phase's line, in seconds.
     double run() {
         firstPhase = {};
@@ -61,22 +59,24 @@ private:
         auto heartbeat = std::make_unique<core::Heartbeat>(std::chrono::hours(1));
         auto operation =
             std::make_unique<core::CancelableOperation>([watched = heartbeat.get()] { watched->check(); });
-        return std::make_unique<core::backup::Backup>(logger, phases, std::move(attributes),
-                                                      std::move(snapshots), std::move(operation),
-                                                      std::move(heartbeat), "");
+        return std::make_unique<core::backup::Backup>(logger, volumes, quiesce, std::move(attributes),
+                                                      std::move(snapshots), database.provider,
+                                                      std::move(operation), std::move(heartbeat), config, "");
     }
 
     std::chrono::steady_clock::time_point
         firstPhase; // written by the backup's thread, read when it has ended
     info::Logger logger{[this](const std::string& message, int, info::LogTime) {
-        if (message.starts_with("Beginning execution of the First")) {
+        if (message.starts_with("Beginning execution of the Populate")) {
             firstPhase = std::chrono::steady_clock::now();
         }
     }};
     DriverInfo driverInfo;
     NoScripts quiesce;
     core::backup::BackupManager manager{logger};
-    test::ScriptedPhaseFactory phases;
+    test::StagedVolumes volumes{logger};
+    test::TestDatabase database;
+    test::HolePunchOption config;
     core::Engine engine{
         logger,
         driverInfo,

@@ -27,7 +27,6 @@ LAYERS = [
     "core/transport",
     "core/script",
     "core/backup",
-    "core/backup/phase",
     "core",
     "install",
     "ordak",

@@ -64,7 +64,7 @@ HTTPInterpreter::PlainHandler plain(Handler& handler) {
 } // namespace
 
 void composeApi(info::LoggingStack& logging, db::IDataProviderExtended& dataProvider,
-                const IDriverInfoProvider& driverInfo, info::VolumeProvider& volumeProvider,
+                const IDriverInfoProvider& driverInfo, const info::VolumeProvider& volumeProvider,
                 core::backup::IBackupManager& backupManager, ordak::FeatureManager& features,
                 IConfigData& config, core::IEngine& engine,
                 const std::function<void(ordak::HTTPServer&)>& continuation) {

@@ -17,7 +17,7 @@ namespace agent::app {
 /// Makes the device API: has the certificates read or made, registers every handler, and calls `continuation`
 /// with the server, which is not started yet.
 void composeApi(info::LoggingStack& logging, db::IDataProviderExtended& dataProvider,
-                const IDriverInfoProvider& driverInfo, info::VolumeProvider& volumeProvider,
+                const IDriverInfoProvider& driverInfo, const info::VolumeProvider& volumeProvider,
                 core::backup::IBackupManager& backupManager, ordak::FeatureManager& features,
                 IConfigData& config, core::IEngine& engine,
                 const std::function<void(ordak::HTTPServer&)>& continuation);

@@ -26,7 +26,7 @@ using Continuation = std::function<void(ordak::TolvuBackupAgent&)>;
 
 /// The whole, from the services that make it up.
 void composeServices(info::Logger& logger, db::IDataProviderExtended& dataProvider,
-                     const IDriverInfoProvider& driverInfo, info::VolumeProvider& volumeProvider,
+                     const IDriverInfoProvider& driverInfo, const info::VolumeProvider& volumeProvider,
                      Config& config, core::IEngine& engine, ordak::HTTPServer& server,
                      const Continuation& continuation) {
     const std::string updateUrl = "https://" + std::string(updateServiceHost) + "/win/version_21230.json";
@@ -46,13 +46,13 @@ void composeTolvuBackupAgent(info::LoggingStack& logging, const Continuation& co
     dataProvider.getAgentUUID(); // made and stored on the first start
     logging.levelFilter.load(logger, dataProvider);
     const info::DriverInfoProvider driverInfo;
-    info::VolumeProvider volumeProvider(logger);
+    const info::VolumeProvider volumeProvider(logger);
     core::backup::BackupManager backupManager(logger);
     ordak::FeatureManager features;
     JSONConfigDataProvider configProvider(dir::base() / "config.json");
     Config config(logger, configProvider, agentConfigOptions());
     core::script::CommandUtility commandUtility;
-    composeEngine(logger, dataProvider, driverInfo, volumeProvider, commandUtility, backupManager, config,
+    composeEngine(logger, dataProvider, volumeProvider, driverInfo, commandUtility, backupManager, config,
                   [&](core::IEngine& engine) {
                       composeApi(logging, dataProvider, driverInfo, volumeProvider, backupManager, features,
                                  config, engine, [&](ordak::HTTPServer& server) {

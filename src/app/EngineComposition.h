@@ -1,6 +1,6 @@
 #pragma once
 
-#include "common/config/Config.h"
+#include "common/config/IConfig.h"
 #include "core/IEngine.h"
 #include "core/backup/IBackupManager.h"
 #include "core/script/ICommandUtility.h"
@@ -15,8 +15,8 @@ namespace agent::app {
 
 /// Makes the engine, with the factories of its threads and backups, and calls `continuation` with it.
 void composeEngine(info::Logger& logger, db::IDataProviderExtended& dataProvider,
-                   const IDriverInfoProvider& driverInfo, info::VolumeProvider& volumeProvider,
+                   const info::VolumeProvider& volumeProvider, const IDriverInfoProvider& driverInfo,
                    core::script::ICommandUtility& commandUtility, core::backup::IBackupManager& backupManager,
-                   const Config& config, const std::function<void(core::IEngine&)>& continuation);
+                   const IConfig& config, const std::function<void(core::IEngine&)>& continuation);
 
 } // namespace agent::app

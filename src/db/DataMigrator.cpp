@@ -36,7 +36,7 @@ std::uint64_t cowMiB(std::uint64_t volumeBytes, unsigned long percent, unsigned 
 }
 
 /// Volumes without a UUID have no name that anything could be stored under.
-std::vector<std::shared_ptr<info::BackupableVolume>> namedVolumes(info::VolumeProvider& provider) {
+std::vector<std::shared_ptr<info::BackupableVolume>> namedVolumes(const info::VolumeProvider& provider) {
     return provider.getBackupableVolumes(
         [](const std::shared_ptr<info::BackupableVolume>& volume) { return !volume->getUuid().empty(); });
 }
@@ -44,14 +44,14 @@ std::vector<std::shared_ptr<info::BackupableVolume>> namedVolumes(info::VolumePr
 } // namespace
 
 DataMigrator::DataMigrator(info::Logger& logger, IDataProvider& dataProvider,
-                           info::VolumeProvider& volumeProvider)
+                           const info::VolumeProvider& volumeProvider)
     : DataMigrator(logger, dataProvider, volumeProvider, [&logger] {
           return std::make_unique<info::DriverController>(logger,
                                                           std::make_unique<info::TolvubdController>());
       }) {}
 
 DataMigrator::DataMigrator(info::Logger& logger, IDataProvider& dataProvider,
-                           info::VolumeProvider& volumeProvider, DriverFactory makeDriver)
+                           const info::VolumeProvider& volumeProvider, DriverFactory makeDriver)
     : logger(logger),
       dataProvider(dataProvider),
       volumeProvider(volumeProvider),

@@ -36,9 +36,10 @@ class DataMigrator : public IDataMigrator {
 public:
     using DriverFactory = std::function<std::unique_ptr<info::IDriverController>()>;
 
-    DataMigrator(info::Logger& logger, IDataProvider& dataProvider, info::VolumeProvider& volumeProvider);
-    DataMigrator(info::Logger& logger, IDataProvider& dataProvider, info::VolumeProvider& volumeProvider,
-                 DriverFactory makeDriver);
+    DataMigrator(info::Logger& logger, IDataProvider& dataProvider,
+                 const info::VolumeProvider& volumeProvider);
+    DataMigrator(info::Logger& logger, IDataProvider& dataProvider,
+                 const info::VolumeProvider& volumeProvider, DriverFactory makeDriver);
     DataMigrator(const DataMigrator&) = delete;
     DataMigrator& operator=(const DataMigrator&) = delete;
     DataMigrator(DataMigrator&&) = delete;
@@ -64,7 +65,7 @@ private:
 
     info::Logger& logger;
     IDataProvider& dataProvider;
-    info::VolumeProvider& volumeProvider;
+    const info::VolumeProvider& volumeProvider;
     DriverFactory makeDriver;
 };
 

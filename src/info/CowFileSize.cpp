@@ -40,7 +40,7 @@ std::string keyOf(const std::string& uuid) {
 
 } // namespace
 
-CowFileSize::CowFileSize(const IConfigData& config) : config(config) {}
+CowFileSize::CowFileSize(const IConfig& config) : config(config) {}
 
 std::uint64_t CowFileSize::getCowFileSizeMiB(Logger& logger, const std::string& uuid,
                                              std::uint64_t volumeSizeBytes, const std::string& fileSystem) {
@@ -66,7 +66,8 @@ std::uint64_t CowFileSize::getWantedSizeMiB(Logger& logger, const std::string& u
 }
 
 std::uint64_t CowFileSize::getCustomSizeMiB(const std::string& uuid) const {
-    const nlohmann::json stored = config.dump();
+    const auto* const document = dynamic_cast<const IConfigData*>(&config);
+    const nlohmann::json stored = document == nullptr ? nlohmann::json::object() : document->dump();
     const auto value = stored.find(keyOf(uuid)); // the end for what is no object
     const std::optional<std::uint64_t> size =
         value != stored.end() ? wholeNumber<std::uint64_t>(*value) : std::nullopt;

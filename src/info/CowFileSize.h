@@ -3,7 +3,7 @@
 #include "info/ICowFileSize.h"
 
 namespace agent {
-class IConfigData;
+class IConfig;
 }
 
 namespace agent::info {
@@ -13,8 +13,9 @@ namespace agent::info {
 /// See ICowFileSize for the rest.
 class CowFileSize : public ICowFileSize {
 public:
-    /// The key of a volume's size is legal by pattern only, hence not an IConfig but the whole of the data.
-    explicit CowFileSize(const IConfigData& config);
+    /// The size of a volume has a key that is legal by pattern only, which `IConfig::get` doesn't know: a
+    /// configuration that is no IConfigData has none.
+    explicit CowFileSize(const IConfig& config);
 
     std::uint64_t getCowFileSizeMiB(Logger& logger, const std::string& uuid, std::uint64_t volumeSizeBytes,
                                     const std::string& fileSystem) override;
@@ -25,7 +26,7 @@ private:
     /// Throws std::invalid_argument if the configuration has no usable size for the volume.
     [[nodiscard]] std::uint64_t getCustomSizeMiB(const std::string& uuid) const;
 
-    const IConfigData& config;
+    const IConfig& config;
 };
 
 } // namespace agent::info

@@ -29,11 +29,11 @@ VolumeProvider::VolumeProvider(Logger& logger)
 
 VolumeProvider::~VolumeProvider() = default;
 
-std::vector<VolumeProvider::Volume> VolumeProvider::getBackupableVolumes() {
+std::vector<VolumeProvider::Volume> VolumeProvider::getBackupableVolumes() const {
     return getBackupableVolumes([](const Volume&) { return true; });
 }
 
-std::vector<VolumeProvider::Volume> VolumeProvider::getBackupableVolumes(const Filter& filter) {
+std::vector<VolumeProvider::Volume> VolumeProvider::getBackupableVolumes(const Filter& filter) const {
     const UdisksSession session;
     std::vector<Volume> volumes;
     for (const std::string& path : session.objectPaths()) {
@@ -46,7 +46,7 @@ std::vector<VolumeProvider::Volume> VolumeProvider::getBackupableVolumes(const F
     return volumes;
 }
 
-VolumeProvider::Volume VolumeProvider::getBackupableVolume(const std::string& uuid) {
+VolumeProvider::Volume VolumeProvider::getBackupableVolume(const std::string& uuid) const {
     const std::vector<Volume> found =
         getBackupableVolumes([&](const Volume& volume) { return volume->getUuid() == uuid; });
     return found.empty() ? nullptr : found.front();

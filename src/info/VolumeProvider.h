@@ -27,11 +27,11 @@ public:
     VolumeProvider& operator=(const VolumeProvider&) = delete;
     virtual ~VolumeProvider();
 
-    virtual std::vector<Volume> getBackupableVolumes();
+    [[nodiscard]] virtual std::vector<Volume> getBackupableVolumes() const;
     /// Those for which `filter` is true.
-    virtual std::vector<Volume> getBackupableVolumes(const Filter& filter);
+    [[nodiscard]] virtual std::vector<Volume> getBackupableVolumes(const Filter& filter) const;
     /// The first volume of this UUID; null if there is none.
-    virtual Volume getBackupableVolume(const std::string& uuid);
+    [[nodiscard]] virtual Volume getBackupableVolume(const std::string& uuid) const;
 
 private:
     Logger& logger;

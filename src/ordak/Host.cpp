@@ -10,8 +10,8 @@ namespace agent::ordak {
 using nlohmann::json;
 
 Host::Host(info::Logger& logger, const info::SystemInfoProvider& systemInfo,
-           const IDriverInfoProvider& driverInfo, info::VolumeProvider& volumeProvider, core::IEngine& engine,
-           IVSSWriterDetailsProvider& writersProvider, std::string agentVersion)
+           const IDriverInfoProvider& driverInfo, const info::VolumeProvider& volumeProvider,
+           core::IEngine& engine, IVSSWriterDetailsProvider& writersProvider, std::string agentVersion)
     : logger(logger),
       systemInfo(systemInfo),
       driverInfo(driverInfo),

@@ -21,8 +21,8 @@ namespace agent::ordak {
 class Host {
 public:
     Host(info::Logger& logger, const info::SystemInfoProvider& systemInfo,
-         const IDriverInfoProvider& driverInfo, info::VolumeProvider& volumeProvider, core::IEngine& engine,
-         IVSSWriterDetailsProvider& writersProvider, std::string agentVersion);
+         const IDriverInfoProvider& driverInfo, const info::VolumeProvider& volumeProvider,
+         core::IEngine& engine, IVSSWriterDetailsProvider& writersProvider, std::string agentVersion);
     /// The body means nothing.
     APIResponse operator()(const std::string& body);
 
@@ -37,7 +37,7 @@ private:
     info::Logger& logger;
     const info::SystemInfoProvider& systemInfo;
     const IDriverInfoProvider& driverInfo;
-    info::VolumeProvider& volumeProvider;
+    const info::VolumeProvider& volumeProvider;
     core::IEngine& engine;
     IVSSWriterDetailsProvider& writersProvider;
     const std::string agentVersion;

@@ -14,28 +14,38 @@ namespace agent::test {
 struct SnapshotScript {
     core::backup::VolumeSnapshotInfos started; ///< the answer to startSnapshots
     core::backup::VolumeSnapshotInfos ended;   ///< the answer to transitionToIncremental
+    std::function<void()> onMake;              ///< may throw
     std::function<void()> onStart;             ///< may throw
+    std::function<void()> onEnd;               ///< may throw
     std::vector<bool> ends;                    ///< `success` of each end
+    int living = 0;                            ///< controls that have not been destroyed
 };
 
 /// A control of snapshots without a driver.
 class FakeSnapshotControl : public core::backup::SnapshotSessionControl {
 public:
     FakeSnapshotControl(info::Logger& logger, SnapshotScript& script)
-        : SnapshotSessionControl(logger, unused(), nullptr), script(script) {}
+        : SnapshotSessionControl(logger, unused(), nullptr), script(script) {
+        call(script.onMake);
+        ++script.living;
+    }
+    FakeSnapshotControl(const FakeSnapshotControl&) = delete;
+    FakeSnapshotControl& operator=(const FakeSnapshotControl&) = delete;
+    FakeSnapshotControl(FakeSnapshotControl&&) = delete;
+    FakeSnapshotControl& operator=(FakeSnapshotControl&&) = delete;
+    ~FakeSnapshotControl() override { --script.living; }
 
     core::backup::VolumeSnapshotInfos
     startSnapshots(const Volumes& /*volumes*/, const core::backup::IBackupAttributes& /*attributes*/,
                    const core::backup::ISnapshotAttributes& /*snapshotAttributes*/) override {
-        if (script.onStart) {
-            script.onStart();
-        }
+        call(script.onStart);
         return script.started;
     }
 
     core::backup::VolumeSnapshotInfos transitionToIncremental(const Volumes& /*volumes*/,
                                                               bool success) override {
         script.ends.push_back(success);
+        call(script.onEnd);
         return script.ended;
     }
 
@@ -47,6 +57,12 @@ private:
             return 0;
         }
     };
+
+    static void call(const std::function<void()>& function) {
+        if (function) {
+            function();
+        }
+    }
 
     static info::ICowFileSize& unused() {
         static NoCowFileSize size;

@@ -4,7 +4,18 @@
 #include "common/UUIDGenerator.h"
 #include "core/backup/BackupSession.h"
 #include "core/backup/PhaseRunner.h"
+#include "core/backup/RemoteTargetValidator.h"
+#include "core/backup/phase/CloseBackupSession.h"
+#include "core/backup/phase/CopyVolume.h"
+#include "core/backup/phase/OpenBackupSession.h"
+#include "core/backup/phase/PopulateVolumes.h"
+#include "core/backup/phase/PostBackupRecord.h"
+#include "core/backup/phase/StartSnapshotting.h"
+#include "core/backup/phase/TransitionToIncremental.h"
+#include "core/backup/phase/ValidateLocalTargets.h"
+#include "core/backup/phase/ValidateRemoteTargets.h"
 #include "core/operation/NeverCancel.h"
+#include "info/CowFileSize.h"
 
 #include <algorithm>
 #include <mutex>
@@ -24,17 +35,21 @@ std::mutex& runMutex() {
 
 } // namespace
 
-Backup::Backup(info::Logger& logger, IPhaseFactory& phaseFactory,
+Backup::Backup(info::Logger& logger, const info::VolumeProvider& volumeProvider, script::IQuiesce& quiesce,
                std::shared_ptr<IBackupAttributes> backupAttributes,
                std::shared_ptr<ISnapshotAttributes> snapshotAttributes,
+               db::IDataProviderExtended& dataProvider,
                std::unique_ptr<ICancelableOperation> cancelableOperation,
-               std::unique_ptr<IHeartbeat> heartbeat, std::string id)
+               std::unique_ptr<IHeartbeat> heartbeat, const IConfig& config, std::string id)
     : logger(logger),
-      phaseFactory(phaseFactory),
+      volumeProvider(volumeProvider),
+      quiesce(quiesce),
       backupAttributes(std::move(backupAttributes)),
       snapshotAttributes(std::move(snapshotAttributes)),
+      dataProvider(dataProvider),
       cancelableOperation(std::move(cancelableOperation)),
       heartbeat(std::move(heartbeat)),
+      config(config),
       id(std::move(id)),
       status(logger, this->backupAttributes->getVolumeUUIDs()) {
     if (!this->cancelableOperation) {
@@ -90,21 +105,26 @@ void Backup::run(std::unique_ptr<BackupSession> session) {
         throw std::invalid_argument("Invalid session pointer given to backup run!");
     }
     const std::lock_guard lock(runMutex());
-    const std::unique_ptr<IBackupPhases> phases =
-        phaseFactory.create(backupAttributes, snapshotAttributes, status);
-    // The session goes with the protected run, which closes the transports before the snapshots are ended.
-    const Outcome outcome = runProtected(*phases, std::move(session));
+    info::CowFileSize cowFileSize(config);
+    const std::unique_ptr<SnapshotSessionControl> control = makeSnapshotControl(cowFileSize);
+    Volumes volumes;
+    const Outcome outcome = runProtected(std::move(session), *control, volumes);
     try {
-        runPostBackup(*phases, outcome);
+        runPostBackup(*control, volumes, outcome);
     } catch (...) {
         info::LogEntry(logger, info::level::error) << "Failed to run post backup!";
         throw;
     }
 }
 
-Backup::Outcome Backup::runProtected(IBackupPhases& phases, std::unique_ptr<BackupSession> session) {
+std::unique_ptr<SnapshotSessionControl> Backup::makeSnapshotControl(info::ICowFileSize& cowFileSize) {
+    return std::make_unique<SnapshotSessionControl>(logger, cowFileSize);
+}
+
+Backup::Outcome Backup::runProtected(std::unique_ptr<BackupSession> session, SnapshotSessionControl& control,
+                                     Volumes& volumes) {
     try {
-        return runCancelable(phases, std::move(session));
+        return runCancelable(std::move(session), control, volumes);
     } catch (const exception::transport_connection_error& error) {
         logger.log(info::level::error, "Transport related error occurred during backup run: %s",
                    error.what());
@@ -117,7 +137,8 @@ Backup::Outcome Backup::runProtected(IBackupPhases& phases, std::unique_ptr<Back
     return Outcome::failed;
 }
 
-Backup::Outcome Backup::runCancelable(IBackupPhases& phases, std::unique_ptr<BackupSession> session) {
+Backup::Outcome Backup::runCancelable(std::unique_ptr<BackupSession> session, SnapshotSessionControl& control,
+                                      Volumes& volumes) {
     cancelableOperation->reset();
     if (cancelAsked) { // while this backup waited for its turn: it must not begin
         cancelableOperation->cancel();
@@ -130,27 +151,49 @@ Backup::Outcome Backup::runCancelable(IBackupPhases& phases, std::unique_ptr<Bac
         });
     }
     const bool completed =
-        cancelableOperation->run([&](ICancel& cancel) { runBackup(phases, *session, cancel); });
+        cancelableOperation->run([&](ICancel& cancel) { runBackup(*session, control, volumes, cancel); });
     if (heartbeat) {
         heartbeat->setCallback({});
     }
     return completed ? Outcome::finished : Outcome::cancelled;
 }
 
-void Backup::runBackup(IBackupPhases& phases, BackupSession& session, ICancel& cancel) {
-    const Phases populate = phases.populate();
+void Backup::runBackup(BackupSession& session, SnapshotSessionControl& control, Volumes& volumes,
+                       ICancel& cancel) {
+    std::shared_ptr<ISnapshotInfo> snapshotInfo; // null until there are snapshots
+    RemoteTargetValidator validator(logger, dataProvider);
+    Phases populate;
+    populate.push_back(std::make_unique<phase::PopulateVolumes>(logger, volumeProvider,
+                                                                backupAttributes->getVolumeUUIDs(), volumes));
+    Phases transfer;
+    transfer.push_back(std::make_unique<phase::OpenBackupSession>(session));
+    transfer.push_back(
+        std::make_unique<phase::ValidateLocalTargets>(logger, volumes, *backupAttributes, dataProvider));
+    transfer.push_back(std::make_unique<phase::ValidateRemoteTargets>(session, *backupAttributes, validator));
+    transfer.push_back(std::make_unique<phase::StartSnapshotting>(
+        logger, control, snapshotInfo, volumes, *backupAttributes, *snapshotAttributes, quiesce, status));
     info::LogEntry(logger, info::level::info) << "Beginning running backup phases...";
     PhaseRunner(logger, populate).run(cancel);
-    const Phases transfer = phases.transfer(session, cancel);
+    for (const auto& volume : volumes) { // known only now
+        transfer.push_back(std::make_unique<phase::CopyVolume>(
+            logger, session, snapshotInfo, volume, *backupAttributes, status, dataProvider, cancel, config));
+    }
+    transfer.push_back(std::make_unique<phase::CloseBackupSession>(session, dataProvider));
     PhaseRunner(logger, transfer).run(cancel);
     info::LogEntry(logger, info::level::info) << "Finished running backup phases...";
 }
 
-void Backup::runPostBackup(IBackupPhases& phases, Outcome outcome) {
+void Backup::runPostBackup(SnapshotSessionControl& control, const Volumes& volumes, Outcome outcome) {
+    const bool success = outcome == Outcome::finished;
+    std::shared_ptr<ISnapshotInfo> snapshotInfo; // what has become of the snapshots
+    Phases conclude;
+    conclude.push_back(
+        std::make_unique<phase::TransitionToIncremental>(control, snapshotInfo, volumes, success));
+    conclude.push_back(
+        std::make_unique<phase::PostBackupRecord>(logger, dataProvider, volumes, success, snapshotInfo));
     NeverCancel never;
-    const Phases conclude = phases.conclude(outcome == Outcome::finished);
     PhaseRunner(logger, conclude).run(never);
-    if (outcome == Outcome::finished) {
+    if (success) {
         return;
     }
     logger.log(info::level::info, "Backup %s FAILED!", id.c_str());

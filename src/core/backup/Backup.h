@@ -1,10 +1,17 @@
 #pragma once
 
+#include "common/config/IConfig.h"
 #include "core/backup/BackupStatusHandler.h"
 #include "core/backup/IBackup.h"
-#include "core/backup/IPhaseFactory.h"
+#include "core/backup/IBackupAttributes.h"
+#include "core/backup/ISnapshotAttributes.h"
+#include "core/backup/SnapshotSessionControl.h"
 #include "core/operation/ICancelableOperation.h"
 #include "core/operation/IHeartbeat.h"
+#include "core/script/IQuiesce.h"
+#include "db/IDataProviderExtended.h"
+#include "info/ICowFileSize.h"
+#include "info/VolumeProvider.h"
 #include "info/log/Logger.h"
 
 #include <atomic>
@@ -14,15 +21,17 @@ namespace agent::core::backup {
 /// See IBackup. One run at a time in the process: a run waits, without limit, for the one before it to end,
 /// so that a new backup never meets the snapshots of a cancelled one. A backup that is cancelled while it
 /// waits ends as failed when its turn comes, and begins nothing.
+///
+/// Logger, volume provider, quiesce scripts, data provider and configuration must outlive it.
 class Backup : public IBackup {
 public:
     /// A null heartbeat means that nobody has to watch the backup. An empty ID makes it generate its own.
     /// Throws std::invalid_argument for a null operation, for no volumes and for an empty volume UUID.
-    Backup(info::Logger& logger, IPhaseFactory& phaseFactory,
+    Backup(info::Logger& logger, const info::VolumeProvider& volumeProvider, script::IQuiesce& quiesce,
            std::shared_ptr<IBackupAttributes> backupAttributes,
-           std::shared_ptr<ISnapshotAttributes> snapshotAttributes,
+           std::shared_ptr<ISnapshotAttributes> snapshotAttributes, db::IDataProviderExtended& dataProvider,
            std::unique_ptr<ICancelableOperation> cancelableOperation, std::unique_ptr<IHeartbeat> heartbeat,
-           std::string id);
+           const IConfig& config, std::string id);
 
     [[nodiscard]] std::string getId() const override;
     void getStatus(BackupStatus& out) const override;
@@ -33,23 +42,37 @@ public:
     [[nodiscard]] bool isCancelled() const override;
     void run(std::unique_ptr<BackupSession> session) override;
 
+protected:
+    /// The control of the snapshots of one run, which `cowFileSize` outlives. For a machine whose snapshots
+    /// are not those of the driver to override.
+    virtual std::unique_ptr<SnapshotSessionControl> makeSnapshotControl(info::ICowFileSize& cowFileSize);
+
 private:
     enum class Outcome { failed = 1, cancelled = 2, finished = 3 };
+    using Volumes = SnapshotSessionControl::Volumes;
 
-    Outcome runProtected(IBackupPhases& phases, std::unique_ptr<BackupSession> session);
-    Outcome runCancelable(IBackupPhases& phases, std::unique_ptr<BackupSession> session);
-    void runBackup(IBackupPhases& phases, BackupSession& session, ICancel& cancel);
-    void runPostBackup(IBackupPhases& phases, Outcome outcome);
+    /// No exception leaves it. The session goes with it, and so the transports are closed before the
+    /// snapshots are ended.
+    Outcome runProtected(std::unique_ptr<BackupSession> session, SnapshotSessionControl& control,
+                         Volumes& volumes);
+    Outcome runCancelable(std::unique_ptr<BackupSession> session, SnapshotSessionControl& control,
+                          Volumes& volumes);
+    void runBackup(BackupSession& session, SnapshotSessionControl& control, Volumes& volumes,
+                   ICancel& cancel);
+    void runPostBackup(SnapshotSessionControl& control, const Volumes& volumes, Outcome outcome);
 
     info::Logger& logger;
-    IPhaseFactory& phaseFactory;
+    const info::VolumeProvider& volumeProvider;
+    script::IQuiesce& quiesce;
     std::shared_ptr<IBackupAttributes> backupAttributes;
     std::shared_ptr<ISnapshotAttributes> snapshotAttributes;
+    db::IDataProviderExtended& dataProvider;
     std::unique_ptr<ICancelableOperation> cancelableOperation;
-    std::atomic<bool> cancelAsked = false; // since this backup was made, whatever the operation says
     std::unique_ptr<IHeartbeat> heartbeat;
+    const IConfig& config;
     std::string id;
     BackupStatusHandler status;
+    std::atomic<bool> cancelAsked = false; // since this backup was made, whatever the operation says
 };
 
 } // namespace agent::core::backup

@@ -1,9 +1,15 @@
 #pragma once
 
-#include "core/backup/IBackupPhases.h"
+#include "core/operation/ICancel.h"
+#include "core/operation/IPhase.h"
 #include "info/log/Logger.h"
 
+#include <memory>
+#include <vector>
+
 namespace agent::core::backup {
+
+using Phases = std::vector<std::unique_ptr<IPhase>>;
 
 /// Runs phases in order, with a cancellation check before each.
 /// Owns:    nothing; the phases outlive it.

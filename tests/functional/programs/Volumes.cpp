@@ -30,7 +30,7 @@ nlohmann::json describe(const agent::info::BackupableVolume& volume) {
             {"exists", volume.exists()}};
 }
 
-void list(agent::info::VolumeProvider& provider) {
+void list(const agent::info::VolumeProvider& provider) {
     nlohmann::json volumes = nlohmann::json::array();
     for (const auto& volume : provider.getBackupableVolumes()) {
         volumes.push_back(describe(*volume));
@@ -38,7 +38,7 @@ void list(agent::info::VolumeProvider& provider) {
     std::cout << volumes.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) << std::endl;
 }
 
-void find(agent::info::VolumeProvider& provider, const std::string& uuid) {
+void find(const agent::info::VolumeProvider& provider, const std::string& uuid) {
     const auto volume = provider.getBackupableVolume(uuid);
     std::cout << (volume ? describe(*volume) : nlohmann::json()).dump() << std::endl;
 }

@@ -41,7 +41,8 @@ public:
     using VolumeProvider::getBackupableVolumes;
     using VolumeProvider::VolumeProvider;
 
-    std::vector<std::shared_ptr<info::BackupableVolume>> getBackupableVolumes(const Filter& filter) override {
+    [[nodiscard]] std::vector<std::shared_ptr<info::BackupableVolume>>
+    getBackupableVolumes(const Filter& filter) const override {
         if (!failure.empty()) {
             throw std::runtime_error(failure);
         }

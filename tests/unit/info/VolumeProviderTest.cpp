@@ -38,7 +38,7 @@ const testing::Environment* const environment = testing::AddGlobalTestEnvironmen
 constexpr std::uint64_t mebibyte = 1 << 20;
 
 /// What the search for volumes fails with.
-std::string failureOf(VolumeProvider& provider) {
+std::string failureOf(const VolumeProvider& provider) {
     try {
         provider.getBackupableVolumes();
     } catch (const std::runtime_error& error) {

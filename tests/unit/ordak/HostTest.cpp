@@ -47,8 +47,8 @@ public:
 class MockVolumeProvider : public info::VolumeProvider {
 public:
     using VolumeProvider::VolumeProvider;
-    MOCK_METHOD(std::vector<Volume>, getBackupableVolumes, (), (override));
-    MOCK_METHOD(std::vector<Volume>, getBackupableVolumes, (const Filter&), (override));
+    MOCK_METHOD(std::vector<Volume>, getBackupableVolumes, (), (const, override));
+    MOCK_METHOD(std::vector<Volume>, getBackupableVolumes, (const Filter&), (const, override));
 };
 
 class MockVolume : public BackupableVolume {

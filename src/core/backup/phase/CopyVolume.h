@@ -4,7 +4,6 @@
 #include "common/config/IConfig.h"
 #include "core/backup/BackupSession.h"
 #include "core/backup/IBackupAttributes.h"
-#include "core/backup/IBackupPhases.h"
 #include "core/backup/IBackupStatusHandler.h"
 #include "core/backup/ISnapshotInfo.h"
 #include "core/operation/ICancel.h"

@@ -5,13 +5,13 @@
 
 namespace agent::core::backup::phase {
 
-PopulateVolumes::PopulateVolumes(info::Logger& logger, const VolumeLookup& lookup,
+PopulateVolumes::PopulateVolumes(info::Logger& logger, const info::VolumeProvider& volumeProvider,
                                  std::vector<std::string> uuids, Volumes& volumes)
-    : logger(logger), lookup(lookup), uuids(std::move(uuids)), volumes(volumes) {}
+    : logger(logger), volumeProvider(volumeProvider), uuids(std::move(uuids)), volumes(volumes) {}
 
 void PopulateVolumes::execute() {
     for (const std::string& uuid : uuids) {
-        std::shared_ptr<info::BackupableVolume> volume = lookup(uuid);
+        info::VolumeProvider::Volume volume = volumeProvider.getBackupableVolume(uuid);
         if (!volume) {
             logger.log(info::level::error, "Volume %s could not be found.", uuid.c_str());
             throw std::runtime_error("Cannot backup non existing volume.");

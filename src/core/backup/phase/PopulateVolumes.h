@@ -2,10 +2,9 @@
 
 #include "core/backup/SnapshotSessionControl.h"
 #include "core/operation/IPhase.h"
+#include "info/VolumeProvider.h"
 #include "info/log/Logger.h"
 
-#include <functional>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -16,17 +15,15 @@ namespace agent::core::backup::phase {
 class PopulateVolumes : public IPhase {
 public:
     using Volumes = SnapshotSessionControl::Volumes;
-    /// The volume with a UUID, null if there is none.
-    using VolumeLookup = std::function<std::shared_ptr<info::BackupableVolume>(const std::string& uuid)>;
 
-    PopulateVolumes(info::Logger& logger, const VolumeLookup& lookup, std::vector<std::string> uuids,
-                    Volumes& volumes);
+    PopulateVolumes(info::Logger& logger, const info::VolumeProvider& volumeProvider,
+                    std::vector<std::string> uuids, Volumes& volumes);
     void execute() override;
     [[nodiscard]] std::string getName() const override;
 
 private:
     info::Logger& logger;
-    const VolumeLookup& lookup;
+    const info::VolumeProvider& volumeProvider;
     const std::vector<std::string> uuids;
     Volumes& volumes;
 };

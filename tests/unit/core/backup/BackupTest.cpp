@@ -4,22 +4,26 @@
 #include "core/Heartbeat.h"
 #include "core/backup/BackupAttributes.h"
 #include "core/backup/BackupSession.h"
-#include "core/backup/SnapshotAttributes.h"
+#include "core/backup/BackupType.h"
+#include "core/backup/VolumeChecksumGenerator.h"
 #include "core/operation/CancelableOperation.h"
+#include "support/BackupStage.h"
+#include "support/ExtImage.h"
 #include "support/FakeTransport.h"
 #include "support/Messages.h"
-#include "support/RecordingLogger.h"
-#include "support/ScriptedPhases.h"
+#include "support/TestDirectory.h"
 #include "support/Waiting.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <future>
 #include <stdexcept>
+#include <thread>
 #include <tuple>
 
 namespace agent::core::backup {
@@ -42,12 +46,17 @@ using Lines = std::vector<Line>;
 constexpr int error = info::level::error;
 constexpr int level3 = info::level::info;
 
-/// The phases of one backup of two volumes, with what comes before the volumes are known in front.
-const std::vector<std::string> running = {
-    "Populate Volumes",   "Open Backup Session", "Validate Local Targets", "Validate Remote Targets",
-    "Start Snapshotting", "Copy volume first",   "Copy volume second",     "Close Backup Session"};
-const std::vector<std::string> concluding = {"Transition To Incremental", "Post backup record"};
+/// The phases of a backup of two volumes, in order.
+constexpr int populateVolumes = 0;
+constexpr int openSession = 1;
+constexpr int validateLocal = 2;
+constexpr int validateRemote = 3;
+constexpr int startSnapshotting = 4;
+constexpr int copyFirst = 5;
+constexpr int copySecond = 6;
+constexpr int closeSession = 7;
 constexpr int phaseCount = 8;
+const std::vector<std::string> concluding = {"Transition To Incremental", "Post backup record"};
 
 /// What a phase can throw, and how the run reports it.
 struct Kind {
@@ -78,16 +87,117 @@ const std::vector<Kind> kinds = {
     {"number", [] { throw 7; }, "Non-standard exception caught during backup run!"}, // NOLINT(misc-throw*)
 };
 
-/// A transport that tells when it goes.
-class ClosingTransport : public test::FakeTransport {
+/// Called where it isn't empty.
+void call(const std::function<void()>& function) {
+    if (function) {
+        function();
+    }
+}
+
+/// A target that tells of a connection and a write before it is done, and when it goes.
+class WatchedTransport : public test::FakeTransport {
 public:
-    explicit ClosingTransport(bool& closed) : closed(closed) { closed = false; }
-    ClosingTransport(const ClosingTransport&) = delete;
-    ClosingTransport& operator=(const ClosingTransport&) = delete;
-    ~ClosingTransport() override { closed = true; }
+    explicit WatchedTransport(bool& closed)
+        : FakeTransport(VolumeChecksumGenerator::regionBytes), closed(closed) {
+        closed = false;
+    }
+    WatchedTransport(const WatchedTransport&) = delete;
+    WatchedTransport& operator=(const WatchedTransport&) = delete;
+    ~WatchedTransport() override { closed = true; }
+
+    bool connect(bool diffMerge) override {
+        call(onConnect);
+        return FakeTransport::connect(diffMerge);
+    }
+    std::int64_t write(const void* data, std::uint64_t length) override {
+        call(onWrite);
+        return FakeTransport::write(data, length);
+    }
+
+    std::function<void()> onConnect;
+    std::function<void()> onWrite;
 
 private:
     bool& closed;
+};
+
+/// A volume that tells of two questions that a backup asks of it: the one in front, the other at its end.
+class WatchedVolume : public info::BackupableVolume {
+public:
+    using BackupableVolume::BackupableVolume;
+
+    [[nodiscard]] bool isMounted() const override {
+        call(onMountAsked);
+        return BackupableVolume::isMounted();
+    }
+    [[nodiscard]] bool isOSVolume() const override {
+        call(onSystemAsked);
+        return BackupableVolume::isOSVolume();
+    }
+
+    std::function<void()> onMountAsked;
+    std::function<void()> onSystemAsked;
+};
+
+/// An ext volume of a few blocks, with a file in the place of its snapshot's device.
+class TinyVolume {
+    test::TestDirectory directory;
+
+public:
+    explicit TinyVolume(const std::string& uuid) {
+        constexpr std::uint32_t blockCount = 32;
+        test::ExtImage ext({.blockCount = blockCount});
+        for (std::uint32_t block = 0; block < blockCount / 2; ++block) {
+            ext.use(block);
+        }
+        std::string bytes(ext.volume.size, '\0');
+        ext.volume.read(bytes.data(), bytes.size());
+        test::writeFile(snapshotPath, bytes);
+        info::VolumeDescription description;
+        description.uuid = uuid;
+        description.device = "/dev/null";
+        description.fileSystem = "ext4";
+        description.mountPoints = {"/mnt"};
+        description.mounted = true;
+        description.size = bytes.size();
+        description.blockSize = static_cast<std::uint32_t>(ext.blockSize);
+        description.blockCount = blockCount;
+        description.sectorSize = 512;
+        volume = std::make_shared<WatchedVolume>(description);
+    }
+
+    const std::string snapshotPath = directory / "snapshot";
+    std::shared_ptr<WatchedVolume> volume;
+};
+
+/// An operation that tells of each check before it looks.
+class WatchedOperation : public CancelableOperation {
+public:
+    WatchedOperation(const std::function<void()>& onCheck, std::function<void()> poll)
+        : CancelableOperation(std::move(poll)), onCheck(onCheck) {}
+
+    bool run(const std::function<void(ICancel&)>& function) override {
+        return CancelableOperation::run([&](ICancel& cancel) {
+            Watched watched(cancel, onCheck);
+            function(watched);
+        });
+    }
+
+private:
+    class Watched : public ICancel {
+    public:
+        Watched(ICancel& cancel, const std::function<void()>& onCheck) : cancel(cancel), onCheck(onCheck) {}
+        void check() override {
+            call(onCheck);
+            cancel.check();
+        }
+
+    private:
+        ICancel& cancel;
+        const std::function<void()>& onCheck;
+    };
+
+    const std::function<void()>& onCheck;
 };
 
 /// An operation that notes what is done with it.
@@ -111,22 +221,41 @@ private:
     std::vector<std::string>& calls;
 };
 
+/// Backups of two volumes by the real phases. What they meet outside is the test's: what happens there makes
+/// each of the phases fail, or meets a cancel.
 class BackupTest : public testing::Test {
 protected:
     BackupTest() {
-        factory.populate.push_back({running.front()});
-        for (std::size_t i = 1; i < running.size(); ++i) {
-            factory.transfer.push_back({running[i]});
+        stage.volumes.find = [this](const std::string& uuid) {
+            call(onFind);
+            const auto found = volumes.find(uuid);
+            return found == volumes.end() ? nullptr : found->second.volume;
+        };
+        for (const auto& [uuid, volume] : volumes) {
+            stage.snapshots.started[uuid].snapshotPath = volume.snapshotPath;
         }
-        for (const std::string& name : concluding) {
-            factory.conclude.push_back({name, [this] { closedBeforeConclusion = transportClosed; }});
-        }
+        stage.snapshots.onEnd = [this] { closedBeforeConclusion = closed[0] && closed[1]; };
         log.clear();
     }
 
+    /// Where something can happen within a phase. None is known for the opening of the session.
     std::function<void()>& action(int phase) {
-        return phase == 0 ? factory.populate[0].action
-                          : factory.transfer[static_cast<std::size_t>(phase) - 1].action;
+        switch (phase) {
+        case populateVolumes:
+            return onFind;
+        case validateLocal:
+            return volumes.at(uuids[0]).volume->onMountAsked;
+        case validateRemote:
+            return targets[0]->onConnect;
+        case startSnapshotting:
+            return stage.quiesce.onRun;
+        case copyFirst:
+            return targets[0]->onWrite;
+        case copySecond:
+            return targets[1]->onWrite;
+        default:
+            return stage.store.onVouch;
+        }
     }
 
     /// Wired as the composition of the agent does it.
@@ -136,36 +265,46 @@ protected:
         if (heartbeat) {
             poll = [watched = heartbeat.get()] { watched->check(); };
         }
-        return std::make_unique<Backup>(log.logger, factory, attributes, snapshotAttributes,
-                                        std::make_unique<CancelableOperation>(std::move(poll)),
-                                        std::move(heartbeat), id);
+        return stage.make(attributes, std::make_unique<WatchedOperation>(onCheck, std::move(poll)),
+                          std::move(heartbeat), id);
     }
 
+    /// The one session of these volumes: it has the last shares of the targets when it runs.
     std::unique_ptr<BackupSession> makeSession() {
         auto session = std::make_unique<BackupSession>(log.logger);
-        session->addTransport("first", std::make_shared<ClosingTransport>(transportClosed));
+        for (std::size_t i = 0; i < uuids.size(); ++i) {
+            session->addTransport(uuids[i], std::exchange(targets[i], nullptr));
+        }
         log.clear();
         return session;
     }
 
     void run() { backup->run(makeSession()); }
 
-    void finishVolumes() {
-        for (const std::string& uuid : attributes->getVolumeUUIDs()) {
-            factory.status->setVolumeState(uuid, VOLUME_FINISHED);
-        }
+    [[nodiscard]] std::string nameOf(int phase) const {
+        return std::array<std::string, phaseCount>{"Populate Volumes",        "Open Backup Session",
+                                                   "Validate Local Targets",  "Validate Remote Targets",
+                                                   "Start Snapshotting",      "Copy Volume " + uuids[0],
+                                                   "Copy Volume " + uuids[1], "Close Backup Session"}
+            .at(static_cast<std::size_t>(phase));
+    }
+
+    /// What the run itself has logged, without what its phases have to say.
+    [[nodiscard]] Lines linesOfRun() const {
+        Lines lines = log.lines();
+        std::erase_if(lines, [this](const Line& line) { return !isOfRun(line.text); });
+        return lines;
     }
 
     /// The lines of a run up to where it leaves the phases: `finished` of them came to their end, and one
     /// more has begun if `interrupted`. Then the session goes.
-    static Lines linesUntilSessionGone(int finished, bool interrupted) {
+    [[nodiscard]] Lines linesUntilSessionGone(int finished, bool interrupted) const {
         Lines lines{{level3, "Beginning running backup phases..."}};
-        for (int i = 0; i < finished; ++i) {
-            appendPhase(lines, running[static_cast<std::size_t>(i)]);
+        for (int phase = 0; phase < finished; ++phase) {
+            appendPhase(lines, nameOf(phase));
         }
         if (interrupted) {
-            lines.push_back({level3, "Beginning execution of the " +
-                                         running[static_cast<std::size_t>(finished)] + " phase."});
+            lines.push_back({level3, "Beginning execution of the " + nameOf(finished) + " phase."});
         } else if (finished == phaseCount) {
             lines.push_back({level3, "Finished running backup phases..."});
         }
@@ -192,7 +331,7 @@ protected:
     void appendFailed(Lines& lines) const {
         lines.push_back({level3, "Backup the-backup FAILED!"});
         lines.push_back({level3, "Backup failed, setting all volumes to failed."});
-        for (const std::string& uuid : attributes->getVolumeUUIDs()) {
+        for (const std::string& uuid : uuids) {
             lines.push_back({level3, "Setting volume " + uuid + " to failed."});
         }
     }
@@ -217,40 +356,78 @@ protected:
     void expectFailed(bool connectionError) {
         EXPECT_THAT(states(), ElementsAre(VOLUME_FAILED, VOLUME_FAILED));
         EXPECT_EQ(hasConnectionError(), connectionError);
-        EXPECT_THAT(factory.concluded, ElementsAre(false));
+        EXPECT_THAT(stage.snapshots.ends, ElementsAre(false));
         EXPECT_TRUE(closedBeforeConclusion);
-        EXPECT_EQ(factory.living, 0);
+        EXPECT_EQ(stage.snapshots.living, 0);
         EXPECT_TRUE(anotherCanRun());
     }
 
     /// On another thread, since a mutex that was left locked would be locked by this one.
     AssertionResult anotherCanRun() {
-        test::RecordingLogger otherLog;
-        test::ScriptedPhaseFactory otherFactory;
-        Backup other(otherLog.logger, otherFactory, attributes, snapshotAttributes,
-                     std::make_unique<CancelableOperation>(), nullptr, "other");
+        test::BackupStage otherStage; // without volumes, so that its run ends at once
+        const auto other = otherStage.make(attributes, std::make_unique<CancelableOperation>());
         std::future<void> run = std::async(
-            std::launch::async, [&] { other.run(std::make_unique<BackupSession>(otherLog.logger)); });
+            std::launch::async, [&] { other->run(std::make_unique<BackupSession>(otherStage.log.logger)); });
         if (run.wait_for(30s) != std::future_status::ready) {
             std::cerr << "the run mutex was never released" << std::endl;
             std::abort(); // the other run can't be taken back
         }
         run.get();
-        return otherLog.has(level3, "Finished running backup phases...")
+        return otherStage.log.has(level3, "Beginning running backup phases...")
                    ? AssertionSuccess()
                    : AssertionFailure() << "the other backup did not run";
     }
 
-    test::RecordingLogger log;
-    test::ScriptedPhaseFactory factory;
+    /// Does this at the first check behind a line of these words.
+    void behind(const std::string& words, std::function<void()> action) {
+        onCheck = [this, words, action = std::move(action)] {
+            if (log.lines().back().text == words) {
+                action();
+            }
+        };
+    }
+
+    std::function<void()> onFind;
+    std::function<void()> onCheck;
+    std::map<std::string, TinyVolume> volumes = [] {
+        std::map<std::string, TinyVolume> made;
+        made.try_emplace("first", "first");
+        made.try_emplace("second", "second");
+        return made;
+    }();
+    test::BackupStage stage;
+    test::RecordingLogger& log = stage.log;
     std::shared_ptr<IBackupAttributes> attributes =
         std::make_shared<BackupAttributes>(std::unordered_map<std::string, VolumeAttributes>{
-            {"first", {0, INCREMENTAL, {}}}, {"second", {0, INCREMENTAL, {}}}});
-    std::shared_ptr<ISnapshotAttributes> snapshotAttributes =
-        std::make_shared<SnapshotAttributes>(0, std::vector<std::string>{}, 0);
-    bool transportClosed = false;
+            {"first", {0, INCREMENTAL, {{"stop", 1}}}}, {"second", {0, INCREMENTAL, {}}}});
+    const std::vector<std::string> uuids = attributes->getVolumeUUIDs();
+    std::array<bool, 2> closed{};
+    std::array<std::shared_ptr<WatchedTransport>, 2> targets = {
+        std::make_shared<WatchedTransport>(closed[0]), std::make_shared<WatchedTransport>(closed[1])};
     bool closedBeforeConclusion = false;
     std::unique_ptr<Backup> backup = makeBackup();
+
+private:
+    [[nodiscard]] bool isOfRun(const std::string& text) const {
+        for (int phase = 0; phase < phaseCount; ++phase) {
+            if (text.ends_with(" execution of the " + nameOf(phase) + " phase.")) {
+                return true;
+            }
+        }
+        for (const std::string& name : concluding) {
+            if (text.ends_with(" execution of the " + name + " phase.")) {
+                return true;
+            }
+        }
+        for (const char* words : {"running backup phases...", "Closing backup session", "session destroyed",
+                                  "during backup run", " FAILED!", "setting all volumes", " to failed.",
+                                  "Asking backup", "Failed to run post backup", "lost ordak ping"}) {
+            if (text.find(words) != std::string::npos) {
+                return true;
+            }
+        }
+        return false;
+    }
 };
 
 TEST_F(BackupTest, NeedsAnOperationAndVolumes) {
@@ -260,8 +437,8 @@ TEST_F(BackupTest, NeedsAnOperationAndVolumes) {
             volumes[uuid] = {};
         }
         return messageOf<std::invalid_argument>([&] {
-            Backup(log.logger, factory, std::make_shared<BackupAttributes>(volumes), snapshotAttributes,
-                   withOperation ? std::make_unique<CancelableOperation>() : nullptr, nullptr, "");
+            stage.make(std::make_shared<BackupAttributes>(volumes),
+                       withOperation ? std::make_unique<CancelableOperation>() : nullptr, nullptr, "");
         });
     };
     EXPECT_EQ(construct({"first"}, false), "Empty CancelableOperation supplied.");
@@ -294,24 +471,17 @@ TEST_F(BackupTest, IsActiveAndNotCancelledBeforeItsRun) {
 }
 
 TEST_F(BackupTest, RunsAllPhasesInOrder) {
-    action(phaseCount - 1) = [this] { finishVolumes(); };
     run();
     Lines expected = linesUntilSessionGone(phaseCount, false);
     appendConclusion(expected);
-    EXPECT_THAT(log.lines(), ElementsAreArray(expected));
+    EXPECT_THAT(linesOfRun(), ElementsAreArray(expected));
     EXPECT_TRUE(backup->isFinished());
     EXPECT_FALSE(backup->isActive());
     EXPECT_FALSE(hasConnectionError());
-    EXPECT_THAT(factory.concluded, ElementsAre(true));
+    EXPECT_THAT(stage.snapshots.ends, ElementsAre(true));
     EXPECT_TRUE(closedBeforeConclusion);
-    EXPECT_EQ(factory.living, 0);
+    EXPECT_EQ(stage.snapshots.living, 0);
     EXPECT_TRUE(anotherCanRun());
-}
-
-TEST_F(BackupTest, CopiesAreMadeWhenTheVolumesAreKnown) {
-    action(0) = [this] { factory.transfer.push_back({"Copy volume late"}); };
-    run();
-    EXPECT_TRUE(log.has(level3, "Finished execution of the Copy volume late phase."));
 }
 
 TEST_F(BackupTest, NullSessionIsRefused) {
@@ -329,7 +499,7 @@ TEST_F(BackupTest, CancelBeforeTheRunKeepsItFromBeginning) {
     Lines expected = linesUntilSessionGone(0, false);
     appendConclusion(expected);
     appendFailed(expected);
-    EXPECT_THAT(log.lines(), ElementsAreArray(expected));
+    EXPECT_THAT(linesOfRun(), ElementsAreArray(expected));
     EXPECT_TRUE(backup->isCancelled());
     expectFailed(false);
 }
@@ -337,8 +507,7 @@ TEST_F(BackupTest, CancelBeforeTheRunKeepsItFromBeginning) {
 TEST_F(BackupTest, CancelOfAnOperationThatNobodyAskedForIsLost) {
     auto used = std::make_unique<CancelableOperation>();
     used->cancel();
-    backup = std::make_unique<Backup>(log.logger, factory, attributes, snapshotAttributes, std::move(used),
-                                      nullptr, "the-backup");
+    backup = stage.make(attributes, std::move(used));
     run();
     EXPECT_TRUE(log.has(level3, "Finished running backup phases..."));
     EXPECT_FALSE(backup->isCancelled());
@@ -346,52 +515,49 @@ TEST_F(BackupTest, CancelOfAnOperationThatNobodyAskedForIsLost) {
 
 TEST_F(BackupTest, CancelBeforeTheRunComesBehindTheReset) {
     std::vector<std::string> calls;
-    backup = std::make_unique<Backup>(log.logger, factory, attributes, snapshotAttributes,
-                                      std::make_unique<NotingOperation>(calls), nullptr, "the-backup");
+    backup = stage.make(attributes, std::make_unique<NotingOperation>(calls));
     backup->cancel();
     run();
     EXPECT_THAT(calls, ElementsAre("cancel", "reset", "cancel", "run"));
 }
 
-TEST_F(BackupTest, CancelWhileThePhasesAreMadeKeepsTheFirstFromBeginning) {
-    factory.onPopulate = [this] { backup->cancel(); };
+TEST_F(BackupTest, CancelBeforeTheFirstPhaseKeepsItFromBeginning) {
+    behind("Beginning running backup phases...", [this] { backup->cancel(); });
     run();
     Lines expected = linesUntilSessionGone(0, false);
-    expected.insert(expected.begin(), {level3, "Asking backup the-backup to cancel..."});
+    expected.insert(expected.begin() + 1, {level3, "Asking backup the-backup to cancel..."});
     appendConclusion(expected);
     appendFailed(expected);
-    EXPECT_THAT(log.lines(), ElementsAreArray(expected));
+    EXPECT_THAT(linesOfRun(), ElementsAreArray(expected));
     expectFailed(false);
 }
 
 TEST_F(BackupTest, CancelDuringTheConclusionHasNoEffect) {
-    action(phaseCount - 1) = [this] { finishVolumes(); };
-    factory.onConclude = [this] { backup->cancel(); };
-    factory.conclude[0].action = [this] { backup->cancel(); };
+    stage.snapshots.onEnd = [this] { backup->cancel(); };
+    volumes.at(uuids[0]).volume->onSystemAsked = [this] { backup->cancel(); };
     run();
     EXPECT_TRUE(log.has(level3, "Finished execution of the Post backup record phase."));
     EXPECT_FALSE(log.hasPart(level3, "FAILED"));
     EXPECT_TRUE(backup->isFinished());
-    EXPECT_THAT(factory.concluded, ElementsAre(true));
+    EXPECT_THAT(stage.snapshots.ends, ElementsAre(true));
 }
 
 TEST_F(BackupTest, FinishedVolumesFailWithTheBackup) {
-    action(6) = [this] { // the first volume has been copied
-        factory.status->setVolumeState("first", VOLUME_FINISHED);
+    bool isFirstFinished = false;
+    action(copySecond) = [&] {
+        isFirstFinished = states()[0] == VOLUME_FINISHED;
         throw std::runtime_error("disk");
     };
     run();
+    EXPECT_TRUE(isFirstFinished);
     EXPECT_THAT(states(), ElementsAre(VOLUME_FAILED, VOLUME_FAILED));
 }
 
 TEST_F(BackupTest, CancelFromAnotherThreadStopsAWorkingPhase) {
     std::atomic<bool> working = false;
-    action(5) = [&] {
+    action(copyFirst) = [&] {
         working = true;
-        EXPECT_TRUE(test::eventually([&] {
-            factory.cancel->check();
-            return false;
-        })) << "no cancel has arrived";
+        EXPECT_TRUE(test::eventually([&] { return backup->isCancelled(); })) << "no cancel has arrived";
     };
     std::future<void> running = std::async(std::launch::async, [this] { run(); });
     EXPECT_TRUE(test::eventually([&] { return working.load(); }));
@@ -399,23 +565,21 @@ TEST_F(BackupTest, CancelFromAnotherThreadStopsAWorkingPhase) {
     backup->cancel();
     running.get();
     EXPECT_TRUE(backup->isCancelled());
-    EXPECT_FALSE(log.hasPart(level3, "Finished execution of the Copy"));
+    EXPECT_FALSE(log.has(level3, "Finished execution of the " + nameOf(copyFirst) + " phase."));
     expectFailed(false);
 }
 
-/// A cancel at the end of each phase, which the check before the next one sees.
+/// A cancel between each phase and the next, whose check sees it.
 class CancelBetweenPhases : public BackupTest, public testing::WithParamInterface<int> {};
 
 TEST_P(CancelBetweenPhases, TheNextDoesNotBegin) {
-    action(GetParam()) = [this] { backup->cancel(); };
+    behind("Finished execution of the " + nameOf(GetParam()) + " phase.", [this] { backup->cancel(); });
     run();
     Lines expected = linesUntilSessionGone(GetParam() + 1, false);
-    const std::size_t begun = 2 * static_cast<std::size_t>(GetParam()) + 2;
-    expected.insert(expected.begin() + static_cast<std::ptrdiff_t>(begun),
-                    {level3, "Asking backup the-backup to cancel..."});
+    expected.insert(expected.end() - 2, {level3, "Asking backup the-backup to cancel..."});
     appendConclusion(expected);
     appendFailed(expected);
-    EXPECT_THAT(log.lines(), ElementsAreArray(expected));
+    EXPECT_THAT(linesOfRun(), ElementsAreArray(expected));
     EXPECT_TRUE(backup->isCancelled());
     expectFailed(false);
 }
@@ -423,39 +587,30 @@ TEST_P(CancelBetweenPhases, TheNextDoesNotBegin) {
 INSTANTIATE_TEST_SUITE_P(Each, CancelBetweenPhases, Range(0, phaseCount - 1));
 
 TEST_F(BackupTest, CancelDuringTheLastPhaseComesTooLate) {
-    action(phaseCount - 1) = [this] {
-        finishVolumes();
-        backup->cancel();
-    };
+    action(closeSession) = [this] { backup->cancel(); };
     run();
     EXPECT_TRUE(backup->isFinished());
     EXPECT_TRUE(backup->isCancelled());
-    EXPECT_THAT(factory.concluded, ElementsAre(true));
+    EXPECT_THAT(stage.snapshots.ends, ElementsAre(true));
 }
 
 /// A cancel that a phase sees by a check of its own.
-class CancelDuringPhases : public BackupTest, public testing::WithParamInterface<int> {};
+class CancelDuringCopies : public BackupTest, public testing::WithParamInterface<int> {};
 
-TEST_P(CancelDuringPhases, ThePhaseDoesNotEnd) {
-    action(GetParam()) = [this] {
-        backup->cancel();
-        if (factory.cancel == nullptr) {
-            throw cancel_op(); // the first phase is given no check of its own
-        }
-        factory.cancel->check();
-    };
+TEST_P(CancelDuringCopies, ThePhaseDoesNotEnd) {
+    action(GetParam()) = [this] { backup->cancel(); };
     run();
     Lines expected = linesUntilSessionGone(GetParam(), true);
     expected.insert(expected.end() - 2, {level3, "Asking backup the-backup to cancel..."});
     appendConclusion(expected);
     appendFailed(expected);
-    EXPECT_THAT(log.lines(), ElementsAreArray(expected));
+    EXPECT_THAT(linesOfRun(), ElementsAreArray(expected));
     expectFailed(false);
 }
 
-INSTANTIATE_TEST_SUITE_P(Each, CancelDuringPhases, Range(0, phaseCount));
+INSTANTIATE_TEST_SUITE_P(Each, CancelDuringCopies, Values(copyFirst, copySecond));
 
-/// Every kind of exception from every phase.
+/// Every kind of exception from every phase in which something can happen.
 class FailingPhase : public BackupTest, public testing::WithParamInterface<std::tuple<int, Kind>> {};
 
 TEST_P(FailingPhase, EndsTheRun) {
@@ -468,24 +623,31 @@ TEST_P(FailingPhase, EndsTheRun) {
     }
     appendConclusion(expected);
     appendFailed(expected);
-    EXPECT_THAT(log.lines(), ElementsAreArray(expected));
+    EXPECT_THAT(linesOfRun(), ElementsAreArray(expected));
     expectFailed(kind.isConnectionError);
 }
 
-INSTANTIATE_TEST_SUITE_P(Each, FailingPhase, Combine(Range(0, phaseCount), testing::ValuesIn(kinds)));
+INSTANTIATE_TEST_SUITE_P(Each, FailingPhase,
+                         Combine(Values(populateVolumes, validateLocal, validateRemote, startSnapshotting,
+                                        copyFirst, copySecond, closeSession),
+                                 testing::ValuesIn(kinds)));
 
-class FailingToMakePhases : public BackupTest, public testing::WithParamInterface<Kind> {
+TEST_F(BackupTest, SessionThatIsOpenAlreadyFailsTheRun) {
+    auto session = makeSession();
+    session->open();
+    log.clear();
+    backup->run(std::move(session));
+    Lines expected = linesUntilSessionGone(openSession, true);
+    expected.push_back({error, "Exception caught during backup run: Backup session already open!"});
+    appendConclusion(expected);
+    appendFailed(expected);
+    EXPECT_THAT(linesOfRun(), ElementsAreArray(expected));
+    expectFailed(false);
+}
+
+/// What the run doesn't answer for: what can't be made before it, and what fails behind it.
+class FailureThatLeavesTheRun : public BackupTest, public testing::WithParamInterface<Kind> {
 protected:
-    void expectRunReports(Lines expected) {
-        if (!GetParam().report.empty()) {
-            expected.push_back({error, GetParam().report});
-        }
-        appendConclusion(expected);
-        appendFailed(expected);
-        EXPECT_THAT(log.lines(), ElementsAreArray(expected));
-        expectFailed(GetParam().isConnectionError);
-    }
-
     /// What leaves the run is exactly what was thrown.
     void expectRunThrows() {
         bool threw = false;
@@ -496,8 +658,8 @@ protected:
             EXPECT_EQ(describe(std::current_exception()), describe(thrown()));
         }
         EXPECT_TRUE(threw);
-        EXPECT_TRUE(transportClosed);
-        EXPECT_EQ(factory.living, 0);
+        EXPECT_TRUE(closed[0] && closed[1]);
+        EXPECT_EQ(stage.snapshots.living, 0);
         EXPECT_TRUE(anotherCanRun());
     }
 
@@ -524,57 +686,45 @@ private:
     }
 };
 
-TEST_P(FailingToMakePhases, OfTheVolumes) {
-    factory.onPopulate = GetParam().raise;
-    run();
-    Lines expected;
-    appendSessionGone(expected);
-    expectRunReports(expected);
-}
-
-TEST_P(FailingToMakePhases, OfTheBackup) {
-    factory.onTransfer = GetParam().raise;
-    run();
-    expectRunReports(linesUntilSessionGone(1, false));
-}
-
-TEST_P(FailingToMakePhases, OfTheConclusion) {
-    factory.onConclude = GetParam().raise;
-    expectRunThrows();
-    Lines expected = linesUntilSessionGone(phaseCount, false);
-    expected.push_back({error, "Failed to run post backup!"});
-    EXPECT_THAT(log.lines(), ElementsAreArray(expected));
-}
-
-TEST_P(FailingToMakePhases, OfAnyKind) {
-    factory.onCreate = GetParam().raise;
+TEST_P(FailureThatLeavesTheRun, NoControlOfSnapshots) {
+    stage.snapshots.onMake = GetParam().raise;
     expectRunThrows();
     Lines expected;
     appendSessionGone(expected);
-    EXPECT_THAT(log.lines(), ElementsAreArray(expected));
+    EXPECT_THAT(linesOfRun(), ElementsAreArray(expected));
 }
 
-TEST_P(FailingToMakePhases, NorCanTheFirstConcludingOneFailQuietly) {
-    factory.conclude[0].action = GetParam().raise;
+TEST_P(FailureThatLeavesTheRun, SnapshotsThatCannotBeEnded) {
+    stage.snapshots.onEnd = GetParam().raise;
     expectRunThrows();
     Lines expected = linesUntilSessionGone(phaseCount, false);
     expected.push_back({level3, "Beginning execution of the Transition To Incremental phase."});
     expected.push_back({error, "Failed to run post backup!"});
-    EXPECT_THAT(log.lines(), ElementsAreArray(expected));
+    EXPECT_THAT(linesOfRun(), ElementsAreArray(expected));
+    EXPECT_THAT(states(), ElementsAre(VOLUME_FINISHED, VOLUME_FINISHED));
+}
+
+TEST_P(FailureThatLeavesTheRun, SnapshotsOfAFailedBackupThatCannotBeEnded) {
+    action(validateRemote) = [] { throw std::runtime_error("disk"); };
+    stage.snapshots.onEnd = GetParam().raise;
+    expectRunThrows();
+    EXPECT_TRUE(log.has(error, "Exception caught during backup run: disk"));
+    EXPECT_EQ(linesOfRun().back(), (Line{error, "Failed to run post backup!"}));
+    EXPECT_FALSE(log.hasPart(level3, "FAILED"));
     EXPECT_TRUE(backup->isActive()) << "nobody has told what became of the volumes";
 }
 
-TEST_P(FailingToMakePhases, NorTheLastOfAFailedBackup) {
-    action(3) = [] { throw std::runtime_error("disk"); };
-    factory.conclude[1].action = GetParam().raise;
+TEST_P(FailureThatLeavesTheRun, RecordThatCannotBeMade) {
+    volumes.at(uuids[0]).volume->onSystemAsked = GetParam().raise;
     expectRunThrows();
-    EXPECT_TRUE(log.has(error, "Exception caught during backup run: disk"));
-    EXPECT_EQ(log.lines().back(), (Line{error, "Failed to run post backup!"}));
-    EXPECT_FALSE(log.hasPart(level3, "FAILED"));
-    EXPECT_TRUE(backup->isActive());
+    Lines expected = linesUntilSessionGone(phaseCount, false);
+    appendPhase(expected, concluding[0]);
+    expected.push_back({level3, "Beginning execution of the Post backup record phase."});
+    expected.push_back({error, "Failed to run post backup!"});
+    EXPECT_THAT(linesOfRun(), ElementsAreArray(expected));
 }
 
-INSTANTIATE_TEST_SUITE_P(Each, FailingToMakePhases, testing::ValuesIn(kinds),
+INSTANTIATE_TEST_SUITE_P(Each, FailureThatLeavesTheRun, testing::ValuesIn(kinds),
                          [](const auto& test) { return test.param.name; });
 
 /// With a real watchdog, to which a moment of silence is too long.
@@ -589,30 +739,26 @@ protected:
 
 TEST_F(WatchedBackup, SilenceAfterAPingCancelsItAtTheNextCheck) {
     watch(1ns);
-    action(2) = [this] { backup->ping(); };
+    action(validateLocal) = [this] { backup->ping(); };
     run();
-    Lines expected = linesUntilSessionGone(3, false);
+    Lines expected = linesUntilSessionGone(validateLocal + 1, false);
     expected.insert(expected.end() - 2, {error, lost});
     appendConclusion(expected);
     appendFailed(expected);
-    EXPECT_THAT(log.lines(), ElementsAreArray(expected));
+    EXPECT_THAT(linesOfRun(), ElementsAreArray(expected));
     EXPECT_TRUE(backup->isCancelled());
     expectFailed(false);
 }
 
 TEST_F(WatchedBackup, SilenceIsSeenInsideAPhase) {
     watch(20ms);
-    action(5) = [this] {
+    action(copyFirst) = [this] {
         backup->ping();
-        EXPECT_NO_THROW(factory.cancel->check());
-        (void)test::eventually([this] {
-            factory.cancel->check();
-            return false;
-        });
-        FAIL() << "nobody has missed a ping";
+        std::this_thread::sleep_for(40ms);
     };
     run();
     EXPECT_EQ(log.count(error, lost), 1);
+    EXPECT_FALSE(log.has(level3, "Finished execution of the " + nameOf(copyFirst) + " phase."));
     expectFailed(false);
 }
 
@@ -655,10 +801,9 @@ private:
 };
 
 TEST_F(WatchedBackup, WatchdogIsResetBeforeAndLetGoAfterTheRun) {
-    backup = std::make_unique<Backup>(log.logger, factory, attributes, snapshotAttributes,
-                                      std::make_unique<CancelableOperation>(),
-                                      std::make_unique<RecordedHeartbeat>(log.logger), "the-backup");
-    action(3) = [this] { backup->ping(); };
+    backup = stage.make(attributes, std::make_unique<CancelableOperation>(),
+                        std::make_unique<RecordedHeartbeat>(log.logger));
+    action(validateLocal) = [this] { backup->ping(); };
     run();
     Lines heartbeat;
     for (const Line& line : log.lines()) {
@@ -676,74 +821,57 @@ TEST_F(WatchedBackup, WatchdogIsResetBeforeAndLetGoAfterTheRun) {
                     Line{level3, "Finished execution of the Transition To Incremental phase."}));
 }
 
-/// Two backups with one log, each with phases of its own.
+/// Two backups with one log: the next has no volumes, and so it ends in its first phase.
 class TwoBackups : public BackupTest {
 protected:
-    TwoBackups() {
-        nextFactory.populate = {{"Populate Volumes of the next"}};
-        nextFactory.conclude = {{"Post backup record of the next"}};
+    /// Runs the first, which comes to `place` and is held there. Then runs the next, which has to wait.
+    void runBoth(std::function<void()>& place,
+                 const std::function<void(std::future<void>& second)>& meanwhile) {
+        std::promise<void> working;
+        std::promise<void> leave;
+        place = [&] {
+            working.set_value();
+            leave.get_future().wait();
+        };
+        std::future<void> first = std::async(std::launch::async, [this] { run(); });
+        working.get_future().wait();
+        std::future<void> second = std::async(
+            std::launch::async, [this] { next->run(std::make_unique<BackupSession>(log.logger)); });
+        meanwhile(second);
+        leave.set_value();
+        first.get();
+        second.get();
     }
 
-    test::ScriptedPhaseFactory nextFactory;
-    Backup next{
-        log.logger, nextFactory, attributes, snapshotAttributes, std::make_unique<CancelableOperation>(),
-        nullptr,    "the-next"};
+    std::shared_ptr<IBackupAttributes> nextAttributes = std::make_shared<BackupAttributes>(
+        std::unordered_map<std::string, VolumeAttributes>{{"another", {0, INCREMENTAL, {}}}});
+    std::unique_ptr<Backup> next =
+        stage.make(nextAttributes, std::make_unique<CancelableOperation>(), nullptr, "the-next");
 };
 
 TEST_F(TwoBackups, SecondWaitsUntilTheRunOfTheFirstIsOver) {
-    std::promise<void> working;
-    std::promise<void> leave;
-    factory.conclude[1].action = [&] { // the last that a run does
-        working.set_value();
-        leave.get_future().wait();
-    };
-    std::future<void> first = std::async(std::launch::async, [this] { run(); });
-    working.get_future().wait();
-    std::atomic<bool> called = false;
-    std::future<void> second = std::async(std::launch::async, [&] {
-        auto session = std::make_unique<BackupSession>(log.logger);
-        called = true;
-        next.run(std::move(session));
+    runBoth(volumes.at(uuids[1]).volume->onSystemAsked, [this](std::future<void>& second) {
+        EXPECT_EQ(second.wait_for(100ms), std::future_status::timeout);
+        EXPECT_TRUE(next->isActive());
+        EXPECT_FALSE(next->isFinished());
+        EXPECT_EQ(log.count(level3, "Beginning running backup phases..."), 1);
     });
-    EXPECT_TRUE(test::eventually([&] { return called.load(); }));
-    EXPECT_EQ(second.wait_for(100ms), std::future_status::timeout);
-    EXPECT_TRUE(next.isActive());
-    EXPECT_FALSE(next.isFinished());
-    EXPECT_EQ(log.count(level3, "Beginning running backup phases..."), 1);
-    leave.set_value();
-    first.get();
-    second.get();
     const Lines lines = log.lines();
-    const auto find = [&](const char* text) {
-        return std::find(lines.begin(), lines.end(), Line{level3, text});
-    };
-    const auto end = find("Finished execution of the Post backup record phase.");
+    const auto end = std::find(lines.begin(), lines.end(),
+                               Line{level3, "Finished execution of the Post backup record phase."});
     ASSERT_NE(end, lines.end());
-    EXPECT_LT(end, find("Beginning execution of the Populate Volumes of the next phase."));
-    EXPECT_LT(end, std::find(end, lines.end(), Line{level3, "Beginning running backup phases..."}));
-    EXPECT_TRUE(log.has(level3, "Finished execution of the Post backup record of the next phase."));
+    EXPECT_NE(std::find(end, lines.end(), Line{level3, "Beginning running backup phases..."}), lines.end());
+    EXPECT_TRUE(log.has(level3, "Backup the-next FAILED!"));
+    EXPECT_TRUE(backup->isFinished());
 }
 
 TEST_F(TwoBackups, CancelWhileItWaitsForItsTurnHolds) {
-    std::promise<void> working;
-    std::promise<void> leave;
-    action(4) = [&] {
-        working.set_value();
-        leave.get_future().wait();
-    };
-    std::future<void> first = std::async(std::launch::async, [this] { run(); });
-    working.get_future().wait();
-    next.cancel();
-    std::future<void> second =
-        std::async(std::launch::async, [this] { next.run(std::make_unique<BackupSession>(log.logger)); });
-    leave.set_value();
-    first.get();
-    second.get();
-    EXPECT_TRUE(next.isCancelled());
-    EXPECT_FALSE(next.isActive());
-    EXPECT_FALSE(next.isFinished());
-    EXPECT_THAT(nextFactory.concluded, ElementsAre(false));
-    EXPECT_FALSE(log.has(level3, "Beginning execution of the Populate Volumes of the next phase."));
+    runBoth(action(validateLocal), [this](std::future<void>& /*second*/) { next->cancel(); });
+    EXPECT_TRUE(next->isCancelled());
+    EXPECT_FALSE(next->isActive());
+    EXPECT_FALSE(next->isFinished());
+    EXPECT_THAT(stage.snapshots.ends, ElementsAre(true, false));
+    EXPECT_EQ(log.count(level3, "Beginning execution of the Populate Volumes phase."), 1);
     EXPECT_TRUE(log.has(level3, "Backup the-next FAILED!"));
 }
 

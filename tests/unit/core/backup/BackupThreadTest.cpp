@@ -6,11 +6,11 @@
 #include "core/backup/BackupAttributes.h"
 #include "core/operation/CancelableOperation.h"
 #include "core/script/UnixCommandStream.h"
+#include "support/BackupStage.h"
 #include "support/FakeBackup.h"
 #include "support/NoMoreThreads.h"
 #include "support/ProcessState.h"
 #include "support/RecordingLogger.h"
-#include "support/ScriptedPhases.h"
 #include "support/Waiting.h"
 
 #include <gmock/gmock.h>
@@ -200,11 +200,10 @@ TEST_F(BackupThreadTest, NoBackupIsAFailureOfTheRun) {
 }
 
 TEST_F(BackupThreadTest, NoSessionIsForTheBackupToRefuse) {
-    test::ScriptedPhaseFactory factory;
+    test::BackupStage stage;
     const auto attributes =
         std::make_shared<BackupAttributes>(std::unordered_map<std::string, VolumeAttributes>{{"first", {}}});
-    const auto backup = std::make_shared<Backup>(log.logger, factory, attributes, nullptr,
-                                                 std::make_unique<CancelableOperation>(), nullptr, "backup");
+    const std::shared_ptr<Backup> backup = stage.make(attributes, std::make_unique<CancelableOperation>());
     thread->start(backup, nullptr);
     EXPECT_EQ(messageOf(thread->wait()), "Invalid session pointer given to backup run!");
 }

@@ -4,7 +4,7 @@
 #include "core/operation/NeverCancel.h"
 #include "support/Messages.h"
 #include "support/RecordingLogger.h"
-#include "support/ScriptedPhases.h"
+#include "support/ScriptedPhase.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

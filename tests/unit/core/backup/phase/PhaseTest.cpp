@@ -10,6 +10,7 @@
 #include "info/BackupableVolume.h"
 #include "support/FakeTransport.h"
 #include "support/Messages.h"
+#include "support/StagedVolumes.h"
 #include "support/TestDatabase.h"
 
 #include <gmock/gmock.h>
@@ -128,11 +129,12 @@ std::shared_ptr<info::BackupableVolume> someVolume() {
 TEST_F(PhaseTest, PopulatingFindsEachVolumeInOrder) {
     PopulateVolumes::Volumes volumes;
     std::vector<std::string> asked;
-    const PopulateVolumes::VolumeLookup lookup = [&](const std::string& uuid) {
+    test::StagedVolumes provider(log.logger);
+    provider.find = [&](const std::string& uuid) {
         asked.push_back(uuid);
         return someVolume();
     };
-    PopulateVolumes phase(log.logger, lookup, {first, second}, volumes);
+    PopulateVolumes phase(log.logger, provider, {first, second}, volumes);
     EXPECT_EQ(phase.getName(), "Populate Volumes");
     phase.execute();
     EXPECT_EQ(asked, (std::vector<std::string>{first, second}));
@@ -141,10 +143,9 @@ TEST_F(PhaseTest, PopulatingFindsEachVolumeInOrder) {
 
 TEST_F(PhaseTest, PopulatingFailsWithAVolumeThatIsNotThere) {
     PopulateVolumes::Volumes volumes;
-    const PopulateVolumes::VolumeLookup lookup = [](const std::string& uuid) {
-        return uuid == second ? nullptr : someVolume();
-    };
-    PopulateVolumes phase(log.logger, lookup, {first, second, first}, volumes);
+    test::StagedVolumes provider(log.logger);
+    provider.find = [](const std::string& uuid) { return uuid == second ? nullptr : someVolume(); };
+    PopulateVolumes phase(log.logger, provider, {first, second, first}, volumes);
     EXPECT_EQ(messageOf<std::runtime_error>([&] { phase.execute(); }), "Cannot backup non existing volume.");
     EXPECT_TRUE(log.has(1, "Volume " + second + " could not be found."));
     EXPECT_EQ(volumes.size(), 1U); // what was found before stays for what follows every backup

@@ -1,19 +1,13 @@
-#include "core/backup/phase/PhaseFactory.h"
-
 #include "core/backup/Backup.h"
 #include "core/backup/BackupAttributes.h"
 #include "core/backup/BackupSession.h"
 #include "core/backup/BackupType.h"
-#include "core/backup/SnapshotAttributes.h"
 #include "core/backup/VolumeChecksumGenerator.h"
 #include "core/operation/CancelableOperation.h"
+#include "support/BackupStage.h"
 #include "support/ExtVolume.h"
-#include "support/FakeSnapshotControl.h"
 #include "support/FakeTransport.h"
-#include "support/HolePunchOption.h"
 #include "support/LoopFileSystem.h"
-#include "support/RecordingQuiesce.h"
-#include "support/TestDatabase.h"
 #include "unit/info/CowImage.h"
 
 #include <gmock/gmock.h>
@@ -63,10 +57,14 @@ public:
     bool* closed = nullptr;
 };
 
-/// The agent's phases in backups of real volumes into targets in memory. Only the snapshots are made up: each
-/// volume's file takes the place of its snapshot.
-class PhaseFactoryTest : public testing::Test {
+/// Backups of real volumes into targets in memory. Only the snapshots are made up: each volume's file takes
+/// the place of its snapshot.
+class BackupOfVolumes : public testing::Test {
 protected:
+    BackupOfVolumes() {
+        stage.volumes.find = [this](const std::string& uuid) { return sources.at(uuid)->volume(); };
+    }
+
     /// A volume of the machine and the target that is its own, filled with poison.
     test::ExtVolume& add(const std::string& uuid) {
         sources.emplace(uuid, std::make_unique<test::ExtVolume>(uuid));
@@ -88,10 +86,7 @@ protected:
     /// Prepares a backup of all volumes as they are now described.
     void makeBackup() {
         attributes = std::make_shared<BackupAttributes>(volumeAttributes);
-        backup =
-            std::make_unique<Backup>(log.logger, factory, attributes,
-                                     std::make_shared<SnapshotAttributes>(0, std::vector<std::string>{}, 0),
-                                     std::make_unique<CancelableOperation>(), nullptr, "backup");
+        backup = stage.make(attributes, std::make_unique<CancelableOperation>(), nullptr, "backup");
         session = std::make_unique<BackupSession>(log.logger);
         for (const auto& [uuid, target] : targets) {
             session->addTransport(uuid, connect(target));
@@ -167,30 +162,22 @@ protected:
     }
 
     test::TestDirectory directory;
-    test::TestDatabase database;
-    test::RecordingLogger log;
-    test::RecordingQuiesce quiesce;
-    test::HolePunchOption config;
-    test::SnapshotScript snapshots;
+    test::BackupStage stage;
+    test::TestDatabase& database = stage.database;
+    test::RecordingLogger& log = stage.log;
+    test::SnapshotScript& snapshots = stage.snapshots;
     std::map<std::string, std::unique_ptr<test::ExtVolume>> sources;
     std::map<std::string, std::shared_ptr<WatchedTransport>> targets;
-    PopulateVolumes::VolumeLookup lookup = [this](const std::string& uuid) {
-        return sources.at(uuid)->volume();
-    };
     /// What stands between a target and the backup.
     std::function<std::shared_ptr<ITransport>(const std::shared_ptr<ITransport>&)> connect =
         [](const auto& target) { return target; };
     std::unordered_map<std::string, VolumeAttributes> volumeAttributes;
     std::shared_ptr<BackupAttributes> attributes;
-    PhaseFactory factory{
-        {log.logger, database.provider, quiesce, config,
-         [this](const std::string& uuid) { return lookup(uuid); },
-         [this] { return std::make_unique<test::FakeSnapshotControl>(log.logger, snapshots); }}};
     std::unique_ptr<BackupSession> session;
     std::unique_ptr<Backup> backup;
 };
 
-TEST_F(PhaseFactoryTest, FullBackupWritesEveryUsedBlockAndNoOther) {
+TEST_F(BackupOfVolumes, FullBackupWritesEveryUsedBlockAndNoOther) {
     const test::ExtVolume& source = add("a");
     run();
     EXPECT_EQ(source.equalBlocks(targets["a"]->image), source.used);
@@ -204,7 +191,7 @@ TEST_F(PhaseFactoryTest, FullBackupWritesEveryUsedBlockAndNoOther) {
     EXPECT_THAT(snapshots.ends, ElementsAre(true));
 }
 
-TEST_F(PhaseFactoryTest, PhasesComeInOrder) {
+TEST_F(BackupOfVolumes, PhasesComeInOrder) {
     add("a");
     add("b");
     run();
@@ -219,7 +206,7 @@ TEST_F(PhaseFactoryTest, PhasesComeInOrder) {
     EXPECT_NE(storedChecksum("b"), 0U);
 }
 
-TEST_F(PhaseFactoryTest, NewVolumeIsCopiedInFullWhateverWasAskedFor) {
+TEST_F(BackupOfVolumes, NewVolumeIsCopiedInFullWhateverWasAskedFor) {
     const test::ExtVolume& source = add("a");
     for (const std::uint32_t type : {INCREMENTAL, DIFFERENTIAL_MERGE}) {
         add("b" + std::to_string(type));
@@ -233,7 +220,7 @@ TEST_F(PhaseFactoryTest, NewVolumeIsCopiedInFullWhateverWasAskedFor) {
     }
 }
 
-TEST_F(PhaseFactoryTest, ComparingBackupChangesNothingOfAnEqualImage) {
+TEST_F(BackupOfVolumes, ComparingBackupChangesNothingOfAnEqualImage) {
     const test::ExtVolume& source = add("a");
     database.provider.setVolumeChecksum("a", 7, db::ChecksumType::libcrc32c);
     targets["a"]->image = source.image;
@@ -246,7 +233,7 @@ TEST_F(PhaseFactoryTest, ComparingBackupChangesNothingOfAnEqualImage) {
     EXPECT_EQ(storedChecksum("a"), checksumOf("a"));
 }
 
-TEST_F(PhaseFactoryTest, ComparingBackupMendsWhatDiffers) {
+TEST_F(BackupOfVolumes, ComparingBackupMendsWhatDiffers) {
     const test::ExtVolume& source = add("a");
     database.provider.setVolumeChecksum("a", 7, db::ChecksumType::libcrc32c);
     targets["a"]->image = source.image;
@@ -257,7 +244,7 @@ TEST_F(PhaseFactoryTest, ComparingBackupMendsWhatDiffers) {
     EXPECT_EQ(targets["a"]->written.size(), 1U);
 }
 
-TEST_F(PhaseFactoryTest, IncrementalBackupCopiesTheBlocksThatAreMarkedAndNoOthers) {
+TEST_F(BackupOfVolumes, IncrementalBackupCopiesTheBlocksThatAreMarkedAndNoOthers) {
     test::ExtVolume& source = add("a");
     run();
     const std::uint32_t before = storedChecksum("a");
@@ -277,7 +264,7 @@ TEST_F(PhaseFactoryTest, IncrementalBackupCopiesTheBlocksThatAreMarkedAndNoOther
     EXPECT_EQ(storedChecksum("a"), checksumOf("a"));
 }
 
-TEST_F(PhaseFactoryTest, IncrementalBackupOntoAnotherImageComparesEverything) {
+TEST_F(BackupOfVolumes, IncrementalBackupOntoAnotherImageComparesEverything) {
     test::ExtVolume& source = add("a");
     run();
     source.change({500});
@@ -289,7 +276,7 @@ TEST_F(PhaseFactoryTest, IncrementalBackupOntoAnotherImageComparesEverything) {
     EXPECT_EQ(source.equalBlocks(targets["a"]->image), source.used);
 }
 
-TEST_F(PhaseFactoryTest, IncrementalBackupWithoutARecordOfChangesComparesEverything) {
+TEST_F(BackupOfVolumes, IncrementalBackupWithoutARecordOfChangesComparesEverything) {
     test::ExtVolume& source = add("a");
     run();
     source.change({500, 3000});
@@ -302,9 +289,9 @@ TEST_F(PhaseFactoryTest, IncrementalBackupWithoutARecordOfChangesComparesEveryth
     EXPECT_EQ(source.equalBlocks(targets["a"]->image), source.used);
 }
 
-TEST_F(PhaseFactoryTest, VolumeThatIsNotThereFailsTheBackupBeforeTheSessionOpens) {
+TEST_F(BackupOfVolumes, VolumeThatIsNotThereFailsTheBackupBeforeTheSessionOpens) {
     add("a");
-    lookup = [](const std::string&) { return nullptr; };
+    stage.volumes.find = [](const std::string&) { return nullptr; };
     run();
     EXPECT_TRUE(log.has(error, "Exception caught during backup run: Cannot backup non existing volume."));
     EXPECT_THAT(phases(), ElementsAre("Populate Volumes", "Transition To Incremental", "Post backup record"));
@@ -312,7 +299,7 @@ TEST_F(PhaseFactoryTest, VolumeThatIsNotThereFailsTheBackupBeforeTheSessionOpens
     EXPECT_THAT(snapshots.ends, ElementsAre(false));
 }
 
-TEST_F(PhaseFactoryTest, LostTargetIsToldApart) {
+TEST_F(BackupOfVolumes, LostTargetIsToldApart) {
     add("a");
     targets["a"]->refusing = true;
     run();
@@ -326,7 +313,7 @@ TEST_F(PhaseFactoryTest, LostTargetIsToldApart) {
                             "Validate Remote Targets", "Transition To Incremental", "Post backup record"));
 }
 
-TEST_F(PhaseFactoryTest, LastVolumeThatIsNotMountedKeepsTheOthersFromBeingTouched) {
+TEST_F(BackupOfVolumes, LastVolumeThatIsNotMountedKeepsTheOthersFromBeingTouched) {
     for (const char* uuid : {"a", "b", "c"}) {
         add(uuid);
         volumeAttributes[uuid].scripts = {{"stop", 1}};
@@ -340,14 +327,14 @@ TEST_F(PhaseFactoryTest, LastVolumeThatIsNotMountedKeepsTheOthersFromBeingTouche
     EXPECT_TRUE(log.has(error, "Volume " + last + " (/mnt) is NOT mounted"));
     EXPECT_TRUE(log.has(error, "Exception caught during backup run: Cannot backup an unmounted device!"));
     EXPECT_FALSE(isSnapshotTaken);
-    EXPECT_THAT(quiesce.runs, IsEmpty());
+    EXPECT_THAT(stage.quiesce.runs, IsEmpty());
     EXPECT_THAT(states(), Each(VOLUME_FAILED));
     for (const auto& [uuid, target] : targets) {
         EXPECT_EQ(target->connects, 0) << uuid;
     }
 }
 
-TEST_F(PhaseFactoryTest, FailedSnapshotLetsGoOfVolumesAndTargets) {
+TEST_F(BackupOfVolumes, FailedSnapshotLetsGoOfVolumesAndTargets) {
     add("a");
     volumeAttributes["a"].scripts = {{"stop", 1}};
     snapshots.onStart = [] { throw std::runtime_error("no room for the CoW file"); };
@@ -357,7 +344,7 @@ TEST_F(PhaseFactoryTest, FailedSnapshotLetsGoOfVolumesAndTargets) {
     targets.clear(); // the session has the last share
     backup->run(std::move(session));
     EXPECT_TRUE(closed);
-    EXPECT_THAT(quiesce.runs, ElementsAre("stop 1 pre", "stop 1 post"));
+    EXPECT_THAT(stage.quiesce.runs, ElementsAre("stop 1 pre", "stop 1 post"));
     EXPECT_TRUE(status().snapshotError);
     EXPECT_FALSE(status().connectionError);
     EXPECT_THAT(states(), ElementsAre(VOLUME_FAILED));
@@ -366,7 +353,7 @@ TEST_F(PhaseFactoryTest, FailedSnapshotLetsGoOfVolumesAndTargets) {
     EXPECT_THAT(database.provider.getVolumeUUIDs(), IsEmpty());
 }
 
-TEST_F(PhaseFactoryTest, CancelDuringTheCopyVouchesForNothing) {
+TEST_F(BackupOfVolumes, CancelDuringTheCopyVouchesForNothing) {
     add("a");
     makeBackup();
     int writes = 0;
@@ -387,7 +374,7 @@ TEST_F(PhaseFactoryTest, CancelDuringTheCopyVouchesForNothing) {
     EXPECT_TRUE(log.has(level3, "Backup backup FAILED!"));
 }
 
-TEST_F(PhaseFactoryTest, FailedBackupLeavesTheOldChecksumAndTheNextOneMendsTheImage) {
+TEST_F(BackupOfVolumes, FailedBackupLeavesTheOldChecksumAndTheNextOneMendsTheImage) {
     test::ExtVolume& source = add("a");
     run();
     const std::uint32_t before = storedChecksum("a");
@@ -412,7 +399,7 @@ TEST_F(PhaseFactoryTest, FailedBackupLeavesTheOldChecksumAndTheNextOneMendsTheIm
     EXPECT_TRUE(source.holdsUsedBlocks(targets["a"]->image));
 }
 
-TEST_F(PhaseFactoryTest, VolumeThatFailsTakesTheFinishedOnesWithIt) {
+TEST_F(BackupOfVolumes, VolumeThatFailsTakesTheFinishedOnesWithIt) {
     add("a");
     add("b");
     makeBackup();
@@ -426,12 +413,12 @@ TEST_F(PhaseFactoryTest, VolumeThatFailsTakesTheFinishedOnesWithIt) {
 }
 
 /// Each call to the target fails in turn, in a backup of each type. A full one punches holes, too.
-class EveryFailingCall : public PhaseFactoryTest, public testing::WithParamInterface<std::uint32_t> {
+class EveryFailingCall : public BackupOfVolumes, public testing::WithParamInterface<std::uint32_t> {
 protected:
     EveryFailingCall() {
         source.change({12, 500, 1400, 3000});
         recordChanges("a", {12, 500, 1400, 3000});
-        config.enabled = GetParam() == FULL;
+        stage.config.enabled = GetParam() == FULL;
         request(GetParam());
     }
 
@@ -559,7 +546,7 @@ private:
     }
 };
 
-TEST_F(PhaseFactoryTest, RealFileSystemIsCopiedWithoutFreeBlocksAndWithoutTheDriversFiles) {
+TEST_F(BackupOfVolumes, RealFileSystemIsCopiedWithoutFreeBlocksAndWithoutTheDriversFiles) {
     const std::string text(300'000, 't');
     const MadeFileSystem fileSystem({{"file", text}, {".tolvu", text}, {".tolvu1", text}});
     std::vector<bool> expected = fileSystem.usedBlocks();
@@ -575,7 +562,9 @@ TEST_F(PhaseFactoryTest, RealFileSystemIsCopiedWithoutFreeBlocksAndWithoutTheDri
     description.mountPoints = {fileSystem.root};
     description.blockCount = MadeFileSystem::blockCount;
     description.size = MadeFileSystem::blockCount * MadeFileSystem::blockSize;
-    lookup = [&](const std::string&) { return std::make_shared<info::BackupableVolume>(description); };
+    stage.volumes.find = [&](const std::string&) {
+        return std::make_shared<info::BackupableVolume>(description);
+    };
     snapshots.started["a"].snapshotPath = fileSystem.image;
     for (const char* name : {"/.tolvu", "/.tolvu1", "/.tolvu.inc"}) {
         snapshots.started["a"].excludedFiles.push_back(fileSystem.root + name);
