@@ -1,7 +1,6 @@
 #include "app/ApiComposition.h"
 
 #include "app/ServiceAddresses.h"
-#include "app/TransportFactory.h"
 #include "app/Version.h"
 #include "info/SystemInfoProvider.h"
 #include "info/VSSWriterDetailsProvider.h"
@@ -85,12 +84,11 @@ void composeApi(info::LoggingStack& logging, db::IDataProviderExtended& dataProv
         },
         [&](int deviceId) { return pairing.isPairedWith(deviceId); });
 
-    TransportFactory transports(logger);
     core::backup::VSSWriterDetailsProvider writers;
     const ordak::BasicHost basicHost(logger, systemInfo);
     ordak::Host host(logger, systemInfo, driverInfo, volumeProvider, engine, writers, version);
     ordak::Pair pair(logger, pairing, features);
-    ordak::Backup backup(logger, engine, features, transports);
+    ordak::Backup backup(logger, engine, features);
     ordak::BackupStatus backupStatus(backupManager);
     ordak::BackupList backupList(backupManager, logger);
     ordak::BackupCancel backupCancel(engine);

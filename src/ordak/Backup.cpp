@@ -8,7 +8,6 @@
 #include "core/backup/BackupSession.h"
 #include "core/backup/BackupType.h"
 #include "core/backup/SnapshotAttributes.h"
-#include "core/transport/ITransport.h"
 
 #include <nlohmann/json.hpp>
 
@@ -26,7 +25,6 @@ using core::backup::VolumeAttributes;
 using core::backup::VolumeScript;
 using nlohmann::json;
 using Attributes = std::unordered_map<std::string, VolumeAttributes>;
-using Target = core::ITransportFactory::Target;
 
 constexpr std::uint32_t defaultTimeout = 60;
 constexpr std::size_t longestName = 4096; // bytes; as long as a path can be
@@ -108,22 +106,10 @@ void insert(Attributes& attributes, const std::string& guid, VolumeAttributes&& 
     }
 }
 
-/// Takes the port off the end of an address "host:port". A port beyond 16 bits loses its upper ones.
-std::uint16_t splitPort(std::string& address) {
-    const std::size_t colon = address.find(':');
-    if (colon == std::string::npos || address.find(':', colon + 1) != std::string::npos) {
-        throw std::invalid_argument("Could not interpret target as address:host");
-    }
-    const int port = std::stoi(address.substr(colon + 1));
-    address.resize(colon);
-    return static_cast<std::uint16_t>(port);
-}
-
 } // namespace
 
-Backup::Backup(info::Logger& logger, core::IEngine& engine, FeatureManager& features,
-               core::ITransportFactory& transports)
-    : logger(logger), engine(engine), transports(transports) {
+Backup::Backup(info::Logger& logger, core::IEngine& engine, FeatureManager& features)
+    : logger(logger), engine(engine) {
     features.addFeature({"zephane", "2.0", "2.0"});
 }
 
@@ -143,8 +129,8 @@ APIResponse Backup::operator()(const std::string& body) {
     Attributes attributes;
     for (const json& entry : request.at("volumes")) {
         Volume volume = readVolume(entry);
-        insert(attributes, volume.guid, {volume.target.offset, type, std::move(volume.scripts)});
-        session->addTransport(volume.guid, makeTransport(interface, std::move(volume.target)));
+        insert(attributes, volume.guid, {volume.image.offset, type, std::move(volume.scripts)});
+        session->addTransport(volume.guid, makeTransport(interface, volume.image));
     }
     std::string id = engine.createBackup(
         std::move(session), std::make_shared<core::backup::BackupAttributes>(std::move(attributes)),
@@ -155,12 +141,12 @@ APIResponse Backup::operator()(const std::string& body) {
 Backup::Volume Backup::readVolume(const json& entry) {
     Volume volume;
     volume.guid = readName(entry, "guid");
-    volume.target.offset = readNumber<std::uint64_t>(entry, "offset");
-    volume.target.qualifiedName = readName(entry, "qualifiedName");
-    volume.target.address = readName(entry, "target");
-    volume.target.lun = readLun(entry);
-    volume.target.username = readText(entry, "username");
-    volume.target.password = readText(entry, "password");
+    volume.image.offset = readNumber<std::uint64_t>(entry, "offset");
+    volume.image.qualifiedName = readName(entry, "qualifiedName");
+    volume.image.address = readName(entry, "target");
+    volume.image.lun = readLun(entry);
+    volume.image.username = readText(entry, "username");
+    volume.image.password = readText(entry, "password");
     const auto scripts =
         readKey(entry, "scriptsPrePost", [](const json& value) { return value.get<std::vector<json>>(); });
     for (const json& script : scripts) {
@@ -186,16 +172,13 @@ std::uint32_t Backup::readTimeout(const json& script, const std::string& name) {
     }
 }
 
-std::shared_ptr<core::ITransport> Backup::makeTransport(const std::string& interface, Target target) {
+std::shared_ptr<core::ITransport> Backup::makeTransport(const std::string& interface,
+                                                        const core::RemoteImage& image) {
     logger.log(info::level::debug, "Backup transport interface requested: %s",
                interface.empty() ? "<not specified>" : printable(interface).c_str());
-    if (interface == "zephaneftp") {
-        logger.log(info::level::info, "Backup transport interface: %s", "zephaneftp");
-        const std::uint16_t port = splitPort(target.address);
-        return transports.makeZephaneFTP(target, port);
-    }
-    info::LogEntry(logger, info::level::info) << "Backup transport interface: iSCSI";
-    return transports.makeIscsi(target);
+    const core::TransportKind& kind = core::transportKindOf(interface);
+    logger.log(info::level::info, "Backup transport interface: %s", kind.name);
+    return kind.make(logger, image);
 }
 
 } // namespace agent::ordak

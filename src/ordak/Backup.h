@@ -2,7 +2,7 @@
 
 #include "core/IEngine.h"
 #include "core/backup/VolumeScript.h"
-#include "core/transport/ITransportFactory.h"
+#include "core/transport/TransportKind.h"
 #include "info/log/Logger.h"
 #include "ordak/APIResponse.h"
 #include "ordak/FeatureManager.h"
@@ -25,14 +25,13 @@ namespace agent::ordak {
 class Backup {
 public:
     /// Announces the feature "zephane".
-    Backup(info::Logger& logger, core::IEngine& engine, FeatureManager& features,
-           core::ITransportFactory& transports);
+    Backup(info::Logger& logger, core::IEngine& engine, FeatureManager& features);
     APIResponse operator()(const std::string& body);
 
 private:
     struct Volume {
         std::string guid;
-        core::ITransportFactory::Target target;
+        core::RemoteImage image;
         std::vector<core::backup::VolumeScript> scripts;
     };
 
@@ -40,11 +39,10 @@ private:
     [[nodiscard]] core::backup::VolumeScript readScript(const nlohmann::json& script);
     [[nodiscard]] std::uint32_t readTimeout(const nlohmann::json& script, const std::string& name);
     [[nodiscard]] std::shared_ptr<core::ITransport> makeTransport(const std::string& interface,
-                                                                  core::ITransportFactory::Target target);
+                                                                  const core::RemoteImage& image);
 
     info::Logger& logger;
     core::IEngine& engine;
-    core::ITransportFactory& transports;
 };
 
 } // namespace agent::ordak

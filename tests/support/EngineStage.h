@@ -10,6 +10,7 @@
 #include "support/RecordingLogger.h"
 
 #include <memory>
+#include <mutex>
 #include <string>
 #include <utility>
 
@@ -64,8 +65,23 @@ class EngineStage {
         void runScript(const std::string& /*script*/, std::uint32_t /*timeout*/, bool /*isPre*/) override {}
     };
 
+    /// A backup whose session outlives it.
+    class KeptBackup : public FixedBackup {
+    public:
+        KeptBackup(std::string id, EngineStage& stage) : FixedBackup(std::move(id)), stage(stage) {}
+        void run(std::unique_ptr<core::backup::BackupSession> session) override {
+            const std::lock_guard lock(stage.mutex);
+            stage.session = std::move(session);
+        }
+
+    private:
+        EngineStage& stage;
+    };
+
     NoScripts quiesce;
     FixedDriverInfo driverInfo;
+    std::mutex mutex;
+    std::unique_ptr<core::backup::BackupSession> session; // guarded by mutex
 
 public:
     explicit EngineStage(info::Logger& logger)
@@ -76,8 +92,16 @@ public:
               [this](auto attributes, auto snapshot) {
                   backupAttributes = std::move(attributes);
                   snapshotAttributes = std::move(snapshot);
-                  return std::make_unique<FixedBackup>("backup-" + std::to_string(++backupsMade));
+                  return std::make_unique<KeptBackup>("backup-" + std::to_string(++backupsMade), *this);
               }) {}
+
+    /// The transport that the last backup was given for a volume, not connected. Waits for its run to end.
+    std::shared_ptr<core::ITransport> takeTransport(const std::string& uuid) {
+        engine.waitForBackup();
+        const std::lock_guard lock(mutex);
+        session->open();
+        return std::exchange(session, nullptr)->getTransport(uuid);
+    }
 
     core::backup::BackupManager manager;
     std::shared_ptr<core::backup::IBackupAttributes> backupAttributes;     ///< Of the last backup.

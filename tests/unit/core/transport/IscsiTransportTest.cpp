@@ -1,6 +1,6 @@
 #include "core/transport/IscsiTransport.h"
 
-#include "FakeIscsi.h"
+#include "support/FakeIscsi.h"
 #include "support/RecordingLogger.h"
 
 #include <gmock/gmock.h>

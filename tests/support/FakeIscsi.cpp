@@ -1,4 +1,4 @@
-#include "FakeIscsi.h"
+#include "support/FakeIscsi.h"
 
 #include "core/transport/Libiscsi.h"
 

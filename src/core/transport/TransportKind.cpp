@@ -1,0 +1,39 @@
+#include "core/transport/TransportKind.h"
+
+#include "core/transport/HostAndPort.h"
+#include "core/transport/IscsiTransport.h"
+#include "core/transport/PendingTransport.h"
+
+#include <algorithm>
+#include <array>
+
+namespace agent::core {
+
+namespace {
+
+std::shared_ptr<ITransport> makeIscsi(info::Logger& logger, const RemoteImage& image) {
+    return std::make_shared<IscsiTransport>(logger, image.qualifiedName, image.address, image.lun,
+                                            image.offset, image.username, image.password);
+}
+
+std::shared_ptr<ITransport> makeZephaneFTP(info::Logger& /*logger*/, const RemoteImage& image) {
+    splitHostAndPort(image.address);
+    return std::make_shared<PendingTransport>();
+}
+
+/// The one that every other word means comes last.
+constexpr std::array kinds{
+    TransportKind{"zephaneftp", "zephaneftp", &makeZephaneFTP},
+    TransportKind{"iscsi", "iSCSI", &makeIscsi},
+};
+
+} // namespace
+
+const TransportKind& transportKindOf(const std::string& interface) {
+    const auto* const found = std::find_if(kinds.begin(), kinds.end() - 1, [&](const TransportKind& kind) {
+        return interface == kind.interface;
+    });
+    return *found;
+}
+
+} // namespace agent::core
