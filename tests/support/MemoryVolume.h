@@ -27,8 +27,12 @@ public:
     explicit MemoryVolume(std::uint64_t size) : size(size) {}
 
     void write(std::uint64_t offset, std::span<const std::uint8_t> bytes) {
-        for (const std::uint8_t byte : bytes) {
-            at(offset++) = byte;
+        while (!bytes.empty()) {
+            const std::uint64_t within = offset % pageSize;
+            const auto part = bytes.first(std::min<std::uint64_t>(bytes.size(), pageSize - within));
+            std::memcpy(pages[offset / pageSize].data() + within, part.data(), part.size());
+            offset += part.size();
+            bytes = bytes.subspan(part.size());
         }
     }
 
