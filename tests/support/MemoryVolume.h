@@ -15,7 +15,8 @@
 namespace agent::test {
 
 /// A volume in memory that takes room only for the pages that were written; the others read as zeros. Like a
-/// device it delivers less at its end, and it can be made to fail or to deliver too little.
+/// device it delivers less at its end. Places of it can be made unreadable, and it can be made to deliver too
+/// little; FaultyVolume makes one call fail.
 class MemoryVolume : public core::IVolumeReader {
 public:
     struct Request {
@@ -27,8 +28,12 @@ public:
     explicit MemoryVolume(std::uint64_t size) : size(size) {}
 
     void write(std::uint64_t offset, std::span<const std::uint8_t> bytes) {
-        for (const std::uint8_t byte : bytes) {
-            at(offset++) = byte;
+        while (!bytes.empty()) {
+            const std::uint64_t within = offset % pageSize;
+            const auto part = bytes.first(std::min<std::uint64_t>(bytes.size(), pageSize - within));
+            std::memcpy(pages[offset / pageSize].data() + within, part.data(), part.size());
+            offset += part.size();
+            bytes = bytes.subspan(part.size());
         }
     }
 
@@ -61,7 +66,7 @@ public:
     }
 
     std::int64_t seek(std::int64_t offset, int whence) override {
-        if (failsToSeek || offset < 0) {
+        if (offset < 0) {
             return -1;
         }
         const std::uint64_t base = whence == SEEK_END ? size : whence == SEEK_CUR ? position : 0;
@@ -77,8 +82,7 @@ public:
 
     std::uint64_t size;
     std::uint64_t longest = UINT64_MAX; ///< that one read delivers
-    bool failsToSeek = false;
-    std::vector<Request> requests; ///< all reads so far
+    std::vector<Request> requests;      ///< all reads so far
 
 private:
     static constexpr std::uint64_t pageSize = 4096;

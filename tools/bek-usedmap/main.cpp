@@ -2,6 +2,7 @@
 #include "SectorSize.h"
 #include "UsedRanges.h"
 #include "core/backup/VolumeReader.h"
+#include "core/fs/FileSystemKinds.h"
 #include "info/log/Logger.h"
 
 #include <CLI/CLI.hpp>
@@ -10,14 +11,19 @@
 #include <cstdlib>
 #include <iostream>
 #include <stdexcept>
+#include <string>
 
 namespace usedmap {
 namespace {
 
 constexpr std::size_t mebibyte = 1024UL * 1024;
 
-constexpr const char* description =
-    R"(bek-usedmap - print which blocks of a volume are used
+std::string description() {
+    std::string volumes;
+    for (const agent::core::fs::FileSystemKind& kind : agent::core::fs::fileSystemKinds()) {
+        volumes += (volumes.empty() ? "" : ", ") + std::string(kind.volumes);
+    }
+    return R"(bek-usedmap - print which blocks of a volume are used
 
 Reads the allocation structures of DEVICE, a block device or an image in a file, exactly as a backup does, and
 prints the ranges of blocks that a FULL backup would copy: one a line, first block and number of blocks. The
@@ -25,14 +31,17 @@ device is only read, past the page cache. The map is that of the disk: unmount t
 (fsfreeze) first, or look at a snapshot. Where a backup would copy every block,
 bek-usedmap says why and fails.
 
-File systems: ext2, ext3, ext4, XFS.
+File systems: )" +
+           volumes + R"(.
 
 Exit status: 0; 1 if the volume can't be read or is of an unknown kind; 2 if the command is wrong.
 
 Example: bek-usedmap --summary /dev/sda1)";
+}
 
 struct Options {
     std::string device;
+    bool kinds = false;
     bool json = false;
     bool summary = false;
     bool verbose = false;
@@ -42,7 +51,9 @@ struct Options {
 
 void declare(CLI::App& app, Options& options) {
     app.name("bek-usedmap");
-    app.add_option("DEVICE", options.device, "block device or image")->required();
+    auto* const kinds =
+        app.add_flag("--kinds", options.kinds, "print the kinds that are known instead: name, tab, volumes");
+    app.add_option("DEVICE", options.device, "block device or image")->excludes(kinds);
     app.add_flag("--json", options.json, "print one JSON object instead of lines");
     app.add_flag("--summary", options.summary, "print bytes used, ranges and seconds instead of the ranges");
     app.add_flag("--verbose", options.verbose, "show on standard error what is read");
@@ -80,6 +91,12 @@ Report examine(const Options& options, agent::info::Logger& logger) {
     return report;
 }
 
+void flushOutput() {
+    if (!std::cout.flush()) {
+        throw std::runtime_error("standard output can't be written");
+    }
+}
+
 void print(const Options& options, const Report& report) {
     if (options.json) {
         printJson(std::cout, report, !options.summary);
@@ -88,9 +105,14 @@ void print(const Options& options, const Report& report) {
     } else {
         printRanges(std::cout, report);
     }
-    if (!std::cout.flush()) {
-        throw std::runtime_error("standard output can't be written");
+    flushOutput();
+}
+
+void printKinds() {
+    for (const agent::core::fs::FileSystemKind& kind : agent::core::fs::fileSystemKinds()) {
+        std::cout << kind.name << '\t' << kind.volumes << '\n';
     }
+    flushOutput();
 }
 
 int run(const Options& options) {
@@ -106,13 +128,20 @@ int run(const Options& options) {
 
 int runCommand(int argumentCount, char** arguments) {
     constexpr int wrongUsage = 2;
-    CLI::App app(description);
+    CLI::App app(description());
     Options options;
     declare(app, options);
     try {
         app.parse(argumentCount, arguments);
+        if (!options.kinds && options.device.empty()) {
+            throw CLI::RequiredError("DEVICE");
+        }
     } catch (const CLI::ParseError& error) {
         return app.exit(error) == 0 ? EXIT_SUCCESS : wrongUsage;
+    }
+    if (options.kinds) {
+        printKinds();
+        return EXIT_SUCCESS;
     }
     return run(options);
 }

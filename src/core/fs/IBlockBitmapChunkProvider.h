@@ -5,10 +5,13 @@
 
 namespace agent::core::fs {
 
-/// A map with one element for each block of a volume, handed out in pieces that fit a buffer.
+/// A map with one element for each block of a volume, handed out in pieces that fit a buffer. Which pieces
+/// are asked for, and in which order, makes no difference: the map is the same.
 /// Owns:    see the implementations.
 /// Threads: one at a time.
 /// Fails:   by a negative result, after a log line: an unreadable map makes a backup larger, never wrong.
+///          What can't be read, or isn't there, is a failure and never a different map. A failure isn't the
+///          end of the provider: asked again, it has the right map or fails again.
 class IBlockBitmapChunkProvider {
 public:
     IBlockBitmapChunkProvider() = default;
@@ -18,13 +21,17 @@ public:
     IBlockBitmapChunkProvider& operator=(IBlockBitmapChunkProvider&&) = delete;
     virtual ~IBlockBitmapChunkProvider() = default;
 
-    /// Fills `buffer` from the element `startBlock` on. Returns how many elements it now holds, 0 if there
-    /// are none from there on, or a negative number.
+    /// Fills `buffer` from the element `startBlock` on, and writes nowhere else. Returns how many elements it
+    /// now holds: one at least and never more than there are, 0 if there are none from there on, or a
+    /// negative number. What the buffer has behind them, or after a failure, means nothing. A buffer that
+    /// holds all that is left, from an element on with which a byte begins, is filled; another start, or a
+    /// smaller buffer, may be refused.
     virtual std::int64_t getBitmapChunk(std::uint64_t startBlock, std::uint8_t* buffer,
                                         std::size_t bufferBytes) = 0;
-    /// Whether the first block of a byte is its most significant bit.
+    /// Whether the first block of a byte is its most significant bit. Stays the same.
     [[nodiscard]] virtual bool isBitmapMsbFirst() const { return false; }
-    /// Bytes of the volume that an element stands for, as the map itself tells; 0 if it doesn't.
+    /// Bytes of the volume that an element stands for, as the map itself tells; 0 if it doesn't. Stays the
+    /// same, too.
     [[nodiscard]] virtual std::uint32_t getBlockSize() const { return 0; }
 };
 

@@ -15,7 +15,9 @@ public:
     IFileSystemRecognizer& operator=(IFileSystemRecognizer&&) = delete;
     virtual ~IFileSystemRecognizer() = default;
 
-    /// Reads the volume. After true the object knows the file system and is ready for use.
+    /// Reads the volume. After true the object knows the file system and is ready for use. A volume of
+    /// another kind is not recognised; one of this kind is, even where no map may be made of it. May be asked
+    /// again, after a failure as well.
     virtual bool recognize() = 0;
 };
 

@@ -2,6 +2,7 @@
 
 #include "common/AlignedBuffer.h"
 #include "core/fs/ByteOrder.h"
+#include "core/fs/IFileSystemParser.h"
 #include "core/fs/IVolumeReader.h"
 #include "core/fs/ext/EXTSuperBlock.h"
 #include "info/log/Logger.h"
@@ -14,13 +15,14 @@
 namespace agent::core::fs {
 
 /// What EXTParser does. docs/formats/ext.md tells what is read, and what comes of it for a backup.
-class EXTParserImpl {
+class EXTParserImpl : public IFileSystemParser {
 public:
     EXTParserImpl(info::Logger& logger, IVolumeReader& reader, std::uint32_t sectorSize);
 
-    bool recognize();
-    std::int64_t getBitmapChunk(std::uint64_t startBlock, std::uint8_t* buffer, std::size_t bufferBytes);
-    [[nodiscard]] std::uint32_t getBlockSize() const;
+    bool recognize() override;
+    std::int64_t getBitmapChunk(std::uint64_t startBlock, std::uint8_t* buffer,
+                                std::size_t bufferBytes) override;
+    [[nodiscard]] std::uint32_t getBlockSize() const override;
 
 private:
     /// What a group's descriptor says of its bitmap.

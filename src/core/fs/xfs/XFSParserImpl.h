@@ -1,6 +1,7 @@
 #pragma once
 
 #include "core/fs/ByteOrder.h"
+#include "core/fs/IFileSystemParser.h"
 #include "core/fs/IVolumeReader.h"
 #include "core/fs/xfs/XFSFeatures.h"
 #include "info/log/Logger.h"
@@ -16,15 +17,16 @@ class XFSNodeReader;
 class XFSUsedMap;
 
 /// What XFSParser does. docs/formats/xfs.md tells what is read, and what comes of it for a backup.
-class XFSParserImpl {
+class XFSParserImpl : public IFileSystemParser {
 public:
     class XFSBTreeNode;
 
     XFSParserImpl(info::Logger& logger, IVolumeReader& reader, std::uint32_t sectorSize);
 
-    bool recognize();
-    std::int64_t getBitmapChunk(std::uint64_t startBlock, std::uint8_t* buffer, std::size_t bufferBytes);
-    [[nodiscard]] std::uint32_t getBlockSize() const { return blockSize; }
+    bool recognize() override;
+    std::int64_t getBitmapChunk(std::uint64_t startBlock, std::uint8_t* buffer,
+                                std::size_t bufferBytes) override;
+    [[nodiscard]] std::uint32_t getBlockSize() const override { return blockSize; }
 
 private:
     /// Free-space information of an allocation group.

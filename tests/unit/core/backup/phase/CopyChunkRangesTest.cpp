@@ -4,6 +4,7 @@
 #include "core/backup/BackupStatusHandler.h"
 #include "support/CountedCancel.h"
 #include "support/FakeTransport.h"
+#include "support/FaultyVolume.h"
 #include "support/FixedRanges.h"
 #include "support/MemoryVolume.h"
 #include "support/Messages.h"
@@ -140,8 +141,12 @@ TEST_F(CopyChunkRangesTest, EndOfTheDeviceEndsTheCopy) {
 }
 
 TEST_F(CopyChunkRangesTest, PlaceThatCannotBeSoughtOnTheSourceFails) {
-    source.failsToSeek = true;
-    EXPECT_EQ(messageOf<std::runtime_error>([&] { copy({{0, 1}}); }), "Failed to seek to the read offset!");
+    test::FaultyVolume unseekable(source, 1);
+    CopyChunkRanges failing(log.logger, uuid, unseekable, writer, provider, blockSize, buffer, status,
+                            cancel);
+    provider = std::make_unique<test::FixedRanges>(std::vector<BlockRange>{{0, 1}});
+    EXPECT_EQ(messageOf<std::runtime_error>([&] { failing.execute(); }),
+              "Failed to seek to the read offset!");
     EXPECT_EQ(target->writes, 0);
 }
 

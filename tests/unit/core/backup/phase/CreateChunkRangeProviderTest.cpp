@@ -1,5 +1,6 @@
 #include "core/backup/phase/CreateChunkRangeProvider.h"
 
+#include "support/FixedBitmap.h"
 #include "support/FixedRanges.h"
 #include "support/Messages.h"
 #include "support/PlainRanges.h"
@@ -52,14 +53,6 @@ private:
     }
 };
 
-class NoBlocks : public fs::IBlockBitmapChunkProvider {
-public:
-    std::int64_t getBitmapChunk(std::uint64_t /*startBlock*/, std::uint8_t* /*buffer*/,
-                                std::size_t /*bufferBytes*/) override {
-        return 0;
-    }
-};
-
 /// Knows each file system, or none.
 class AnyFileSystem : public fs::UsedBlockBitmapChunkProviderFactory {
 public:
@@ -68,7 +61,7 @@ public:
 
     std::unique_ptr<fs::IBlockBitmapChunkProvider> create() override {
         ++asked;
-        return recognizes ? std::make_unique<NoBlocks>() : nullptr;
+        return recognizes ? std::make_unique<test::FixedBitmap>(std::vector<bool>()) : nullptr;
     }
 
     bool recognizes = true;

@@ -2,6 +2,7 @@
 
 #include "common/Exceptions.h"
 #include "support/FakeTransport.h"
+#include "support/FaultyVolume.h"
 #include "support/MemoryVolume.h"
 #include "support/Messages.h"
 #include "support/RecordingLogger.h"
@@ -122,8 +123,10 @@ TEST_F(ModifyBootSectorTest, NothingReadIsNothingWritten) {
 }
 
 TEST_F(ModifyBootSectorTest, VolumeThatCannotBeSoughtFails) {
-    volume.failsToSeek = true;
-    EXPECT_EQ(messageOf<std::runtime_error>([&] { run(); }), "Failed to seek to boot sector, offset 0!");
+    test::FaultyVolume unseekable(volume, 1);
+    ModifyBootSector phase(log.logger, "NTFS", sectorBytes, unseekable, writer);
+    EXPECT_EQ(messageOf<std::runtime_error>([&] { phase.execute(); }),
+              "Failed to seek to boot sector, offset 0!");
     EXPECT_THAT(log.lines(), ElementsAre(seeking));
 }
 

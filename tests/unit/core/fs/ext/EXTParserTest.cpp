@@ -125,19 +125,6 @@ TEST_F(EXTParserTest, ShortLastGroupEndsWithTheVolume) {
     EXPECT_EQ(used(32770), (Blocks{32772}));
 }
 
-TEST_F(EXTParserTest, StartsAnywhere) {
-    make({.logBlockSize = 0, .blocksPerGroup = 8192, .blockCount = 20'000});
-    for (std::uint32_t block = 1; block < 20'000; block += 7) {
-        image->use(block);
-    }
-    EXPECT_EQ(parse(), 20'000);
-    const Blocks all = used();
-    for (const std::uint64_t start : {1U, 2U, 8U, 9U, 8192U, 8193U, 8194U, 16385U, 19'999U}) {
-        EXPECT_EQ(parse(start), static_cast<std::int64_t>(20'000 - start));
-        EXPECT_EQ(used(start), Blocks(all.lower_bound(start), all.end())) << start;
-    }
-}
-
 TEST_F(EXTParserTest, NothingIsLeftAtTheEnd) {
     make({});
     EXPECT_EQ(parse(100'000), 0);
@@ -450,16 +437,6 @@ TEST_F(EXTParserTest, TellsTheSizeOfItsBlocks) {
         ASSERT_TRUE(parser.recognize());
         EXPECT_EQ(parser.getBlockSize(), exponent <= 6 ? 1024U << exponent : 0U);
     }
-}
-
-TEST_F(EXTParserTest, DeviceOfUnknownSectorsIsRead) {
-    make({});
-    image->use(50);
-    EXTParser parser(record.logger, image->volume, 0);
-    ASSERT_TRUE(parser.recognize());
-    buffer.assign(65536, 0xa5);
-    EXPECT_EQ(parser.getBitmapChunk(0, buffer.data(), buffer.size()), 100'000);
-    EXPECT_EQ(used(), (Blocks{50}));
 }
 
 // Blocks that are in use by the journal may still be free by the bitmaps.

@@ -1,0 +1,29 @@
+#pragma once
+
+#include "core/fs/IFileSystemParser.h"
+#include "core/fs/IVolumeReader.h"
+#include "info/log/Logger.h"
+
+#include <cstdint>
+#include <memory>
+
+namespace agent::core::fs {
+
+/// A kind of file system: a row of the table in FileSystemKinds.h, which stands beside the code of the kind.
+struct FileSystemKind {
+    using MakeParser = std::unique_ptr<IFileSystemParser> (*)(info::Logger&, IVolumeReader&,
+                                                              std::uint32_t sectorSize);
+
+    const char* name;         ///< that of its folder
+    const char* volumes;      ///< which volumes are meant, for people
+    const char* announcement; ///< the debug line once a volume is recognised
+    MakeParser makeParser;    ///< a parser that has read nothing yet; the reader must outlive it
+};
+
+template <typename Parser>
+std::unique_ptr<IFileSystemParser> makeParser(info::Logger& logger, IVolumeReader& reader,
+                                              std::uint32_t sectorSize) {
+    return std::make_unique<Parser>(logger, reader, sectorSize);
+}
+
+} // namespace agent::core::fs

@@ -1,0 +1,15 @@
+#include "core/fs/FileSystemKinds.h"
+
+#include "core/fs/ext/EXTKind.h"
+#include "core/fs/xfs/XFSKind.h"
+
+#include <array>
+
+namespace agent::core::fs {
+
+std::span<const FileSystemKind> fileSystemKinds() {
+    static constexpr std::array kinds{extKind, xfsKind};
+    return kinds;
+}
+
+} // namespace agent::core::fs

@@ -1,0 +1,12 @@
+#pragma once
+
+#include "core/fs/FileSystemKind.h"
+
+#include <span>
+
+namespace agent::core::fs {
+
+/// The kinds of file systems whose used blocks can be read, in the order in which a volume is tried for them.
+std::span<const FileSystemKind> fileSystemKinds();
+
+} // namespace agent::core::fs

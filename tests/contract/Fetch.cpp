@@ -1,0 +1,86 @@
+#include "Fetch.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace agent::contract {
+
+namespace {
+
+constexpr std::ptrdiff_t moat = 64; // bytes around the buffer that nobody may write to
+constexpr std::uint8_t untouched = 0xa5;
+
+std::uint8_t reversed(std::uint8_t byte) {
+    unsigned bits = 0;
+    for (unsigned bit = 0; bit < 8; ++bit) {
+        bits |= (byte >> bit & 1U) << (7 - bit);
+    }
+    return static_cast<std::uint8_t>(bits);
+}
+
+} // namespace
+
+Fetch::Fetch(core::fs::IBlockBitmapChunkProvider& provider, const ElementMap& map, std::uint64_t startBlock,
+             std::size_t bytes)
+    : map(map), startBlock(startBlock) {
+    std::vector<std::uint8_t> room(bytes + 2 * moat, untouched);
+    count = provider.getBitmapChunk(startBlock, room.data() + moat, bytes);
+    const auto isUntouched = [](std::uint8_t byte) { return byte == untouched; };
+    staysInside = std::all_of(room.begin(), room.begin() + moat, isUntouched) &&
+                  std::all_of(room.end() - moat, room.end(), isUntouched);
+    buffer.assign(room.begin() + moat, room.end() - moat);
+    if (provider.isBitmapMsbFirst()) {
+        std::transform(buffer.begin(), buffer.end(), buffer.begin(), reversed);
+    }
+}
+
+testing::AssertionResult Fetch::isHonest() const {
+    const std::uint64_t capacity = buffer.size() * 8 / map.elementBits;
+    if (!staysInside) {
+        return isWrong("it writes outside of the buffer");
+    }
+    if (count > 0 && static_cast<std::uint64_t>(count) > std::min(capacity, elementsLeft())) {
+        return isWrong("it tells of " + std::to_string(count) + " elements");
+    }
+    if (count == 0 && elementsLeft() > 0 && capacity > 0) {
+        return isWrong("it ends the map");
+    }
+    return count <= 0 || equalsTheMap() ? testing::AssertionSuccess() : isWrong("its map is another one");
+}
+
+testing::AssertionResult Fetch::isTheRest() const {
+    if (count < 0 || static_cast<std::uint64_t>(count) != elementsLeft()) {
+        return isWrong("it gives " + std::to_string(count));
+    }
+    return isHonest();
+}
+
+std::uint64_t Fetch::elementsLeft() const {
+    return map.size - std::min(startBlock, map.size);
+}
+
+/// Bytes are compared at once where the map has them at the same bits.
+bool Fetch::equalsTheMap() const {
+    const std::uint64_t bits = static_cast<std::uint64_t>(count) * map.elementBits;
+    const std::uint64_t first = startBlock * map.elementBits;
+    std::uint64_t bit = 0;
+    if (first % 8 == 0) {
+        if (std::memcmp(buffer.data(), map.bytes.data() + first / 8, bits / 8) != 0) {
+            return false;
+        }
+        bit = bits / 8 * 8;
+    }
+    for (; bit < bits; ++bit) {
+        if ((buffer[bit / 8] >> (bit % 8) & 1) != (map.bit(first + bit) ? 1 : 0)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+testing::AssertionResult Fetch::isWrong(const std::string& what) const {
+    return testing::AssertionFailure()
+           << "asked from " << startBlock << " on, with " << buffer.size() << " bytes, " << what;
+}
+
+} // namespace agent::contract

@@ -1,0 +1,39 @@
+#pragma once
+
+#include "ElementMap.h"
+#include "core/fs/IBlockBitmapChunkProvider.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace agent::contract {
+
+/// What comes of asking a provider once, beside the map that it should have.
+class Fetch {
+public:
+    /// The map must outlive it.
+    Fetch(core::fs::IBlockBitmapChunkProvider& provider, const ElementMap& map, std::uint64_t startBlock,
+          std::size_t bytes);
+
+    /// Whether it is a piece of the map, of one element at least, or a failure; at the end it may be nothing.
+    [[nodiscard]] testing::AssertionResult isHonest() const;
+    /// Whether it is as much of the map as there is from its start on.
+    [[nodiscard]] testing::AssertionResult isTheRest() const;
+
+    std::int64_t count; ///< as the provider says
+
+private:
+    [[nodiscard]] std::uint64_t elementsLeft() const;
+    [[nodiscard]] bool equalsTheMap() const;
+    [[nodiscard]] testing::AssertionResult isWrong(const std::string& what) const;
+
+    const ElementMap& map;
+    std::uint64_t startBlock;
+    std::vector<std::uint8_t> buffer; // its bits in the order of the map's
+    bool staysInside;
+};
+
+} // namespace agent::contract

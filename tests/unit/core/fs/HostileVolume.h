@@ -1,0 +1,56 @@
+#pragma once
+
+#include "core/fs/UsedBlockBitmapChunkProviderFactory.h"
+#include "info/log/Logger.h"
+#include "support/MemoryVolume.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+/// Damaged volumes: a parser may fail, but it neither reads nor writes where it must not (the sanitizers
+/// watch), nor takes longer than the volume warrants, nor tells of more than its buffer holds.
+namespace agent::core::fs::hostile {
+
+inline constexpr std::size_t bufferBytes = 1024;
+inline constexpr std::size_t mostReads = 10'000;
+
+/// What comes of a volume, whatever is on it; -2 if no parser knows it.
+inline std::int64_t parse(test::MemoryVolume& volume) {
+    info::Logger silent({});
+    volume.requests.clear();
+    const auto provider = UsedBlockBitmapChunkProviderFactory(silent, 512, &volume).create();
+    if (!provider) {
+        return -2;
+    }
+    const auto buffer = std::make_unique<std::vector<std::uint8_t>>(bufferBytes);
+    return provider->getBitmapChunk(0, buffer->data(), buffer->size());
+}
+
+inline testing::AssertionResult isBounded(test::MemoryVolume& volume) {
+    const std::int64_t blocks = parse(volume);
+    if (blocks < -2 || blocks > static_cast<std::int64_t>(bufferBytes * 8)) {
+        return testing::AssertionFailure() << "it tells of " << blocks << " blocks";
+    }
+    if (volume.requests.size() > mostReads) {
+        return testing::AssertionFailure() << "it took " << volume.requests.size() << " reads";
+    }
+    return testing::AssertionSuccess();
+}
+
+/// Turns each bit of [begin, end) around, one at a time.
+inline void expectBoundedWithEachBitFlipped(test::MemoryVolume& volume, std::uint64_t begin,
+                                            std::uint64_t end) {
+    for (std::uint64_t offset = begin; offset < end; ++offset) {
+        for (unsigned bit = 0; bit < 8; ++bit) {
+            const auto mask = static_cast<std::uint8_t>(1U << bit);
+            volume.at(offset) ^= mask;
+            ASSERT_TRUE(isBounded(volume)) << "bit " << bit << " of byte " << offset;
+            volume.at(offset) ^= mask;
+        }
+    }
+}
+
+} // namespace agent::core::fs::hostile
