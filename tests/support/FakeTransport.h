@@ -11,14 +11,23 @@
 
 namespace agent::test {
 
-/// A remote image in memory. Not connected, it refuses everything but a seek, as a lost connection would.
-/// What happened to it is public; it belongs to one thread.
+/// A transport to a remote image in memory, which refuses what a real target would refuse. What happened to
+/// it is public; it belongs to one thread.
 class FakeTransport : public core::ITransport {
 public:
     using Image = std::vector<std::uint8_t>;
 
-    explicit FakeTransport(std::size_t imageBytes = 0) : image(imageBytes) {}
-    explicit FakeTransport(Image image) : image(std::move(image)) {}
+    /// What is on the other end, for several transports to share.
+    struct FarSide {
+        Image image;
+        bool isBroken = false; ///< Set to let every command fail.
+        int changes = 0;       ///< Counts what has really been written and punched.
+    };
+
+    explicit FakeTransport(std::size_t imageBytes = 0) : FakeTransport(Image(imageBytes)) {}
+    explicit FakeTransport(Image image)
+        : FakeTransport(std::make_shared<FarSide>(FarSide{.image = std::move(image)})) {}
+    explicit FakeTransport(std::shared_ptr<FarSide> farSide) : side(std::move(farSide)), image(side->image) {}
 
     /// As on the wire: within the image or just behind it.
     std::int64_t seek(std::int64_t offset, int whence) override {
@@ -32,9 +41,12 @@ public:
     }
 
     std::int64_t write(const void* data, std::uint64_t length) override {
+        if (!isReady() || !isAligned(length)) {
+            return -1;
+        }
         const std::size_t count = available(std::min(length, longestWrite));
-        if (!connected || (count == 0 && length > 0)) {
-            errno = connected ? ENOSPC : EIO;
+        if (count == 0 && length > 0) {
+            errno = ENOSPC;
             return -1;
         }
         ++writes;
@@ -42,9 +54,9 @@ public:
         if (!diffMerge || !std::equal(source, source + count, image.begin() + position)) {
             std::copy_n(source, count, image.begin() + position);
             written.emplace_back(position, count);
+            ++side->changes;
         }
-        position += static_cast<std::int64_t>(count);
-        return static_cast<std::int64_t>(count);
+        return moveBy(count);
     }
 
     bool connect(bool withDiffMerge) override {
@@ -59,15 +71,13 @@ public:
     }
 
     std::int64_t read(void* data, std::uint64_t length) override {
-        if (!connected) {
-            errno = EIO;
+        if (!isReady()) {
             return -1;
         }
         ++reads;
         const std::size_t count = available(length);
         std::copy_n(image.begin() + position, count, static_cast<std::uint8_t*>(data));
-        position += static_cast<std::int64_t>(count);
-        return static_cast<std::int64_t>(count);
+        return moveBy(count);
     }
 
     void disconnect() override {
@@ -77,12 +87,13 @@ public:
 
     bool punchHole(std::uint64_t length) override {
         const std::size_t count = available(length);
-        if (!connected || !holePunching || count != length) {
+        if (!holePunching || !isReady() || !isAligned(length) || count != length) {
             return false;
         }
         std::fill_n(image.begin() + position, count, std::uint8_t{0});
         holes.emplace_back(position, count);
-        position += static_cast<std::int64_t>(count);
+        ++side->changes;
+        moveBy(count);
         return true;
     }
 
@@ -90,8 +101,13 @@ public:
 
     using Extent = std::pair<std::int64_t, std::size_t>; ///< Position and length, in bytes.
 
-    Image image;
-    bool refusing = false; ///< Set to refuse connections.
+private:
+    std::shared_ptr<FarSide> side;
+
+public:
+    Image& image;                   ///< The far side's.
+    std::uint64_t blockBytes = 512; ///< of the target; 1 if it takes any bytes, as a file does
+    bool refusing = false;          ///< Set to refuse connections.
     bool holePunching = false;
     std::uint64_t longestWrite = UINT64_MAX; ///< that one call takes
     bool connected = false;
@@ -107,49 +123,25 @@ public:
 private:
     [[nodiscard]] std::int64_t size() const { return static_cast<std::int64_t>(image.size()); }
 
+    [[nodiscard]] bool isReady() const {
+        errno = connected ? EIO : ENOTCONN;
+        return connected && !side->isBroken;
+    }
+
+    [[nodiscard]] bool isAligned(std::uint64_t length) const {
+        errno = EINVAL;
+        return length % blockBytes == 0 && static_cast<std::uint64_t>(position) % blockBytes == 0;
+    }
+
     [[nodiscard]] std::size_t available(std::uint64_t length) const {
         return static_cast<std::size_t>(
             std::min<std::uint64_t>(length, image.size() - static_cast<std::size_t>(position)));
     }
-};
 
-/// Another transport of which one call fails: the `failingCall`th, counting every operation that can fail
-/// from 1 on. Counts on, so that a test can make call 1, 2, 3… fail until nothing fails any more.
-class FaultyTransport : public core::ITransport {
-public:
-    FaultyTransport(std::shared_ptr<core::ITransport> inner, int failingCall)
-        : inner(std::move(inner)), failingCall(failingCall) {}
-
-    std::int64_t seek(std::int64_t offset, int whence) override {
-        return fails() ? -1 : inner->seek(offset, whence);
+    std::int64_t moveBy(std::size_t count) {
+        position += static_cast<std::int64_t>(count);
+        return static_cast<std::int64_t>(count);
     }
-    std::int64_t write(const void* data, std::uint64_t length) override {
-        return fails() ? -1 : inner->write(data, length);
-    }
-    bool connect(bool diffMerge) override { return !fails() && inner->connect(diffMerge); }
-    std::int64_t read(void* data, std::uint64_t length) override {
-        return fails() ? -1 : inner->read(data, length);
-    }
-    void disconnect() override { inner->disconnect(); }
-    bool punchHole(std::uint64_t length) override { return !fails() && inner->punchHole(length); }
-    [[nodiscard]] bool supportsHolePunching() const override { return inner->supportsHolePunching(); }
-
-    /// True once the call that was to fail has come.
-    [[nodiscard]] bool hasFailed() const { return calls >= failingCall; }
-
-private:
-    bool fails() {
-        ++calls;
-        if (calls == failingCall) {
-            errno = EIO;
-            return true;
-        }
-        return false;
-    }
-
-    std::shared_ptr<core::ITransport> inner;
-    int failingCall;
-    int calls = 0;
 };
 
 } // namespace agent::test

@@ -1,31 +1,28 @@
 #pragma once
 
 #include "core/fs/IVolumeReader.h"
+#include "support/FailingCall.h"
 
 namespace agent::test {
 
-/// Another volume of which one call fails: the `failingCall`th, counting every operation from 1 on. Counts
-/// on, so that a test can make call 1, 2, 3… fail until nothing fails any more.
+/// Another volume of which one call fails, before it has any effect.
 class FaultyVolume : public core::IVolumeReader {
 public:
-    FaultyVolume(core::IVolumeReader& inner, int failingCall) : inner(inner), failingCall(failingCall) {}
+    FaultyVolume(core::IVolumeReader& inner, int failingCall) : inner(inner), failing(failingCall) {}
 
     std::int64_t read(void* buffer, std::size_t length) override {
-        return fails() ? -1 : inner.read(buffer, length);
+        return failing.isNow() ? -1 : inner.read(buffer, length);
     }
     std::int64_t seek(std::int64_t offset, int whence) override {
-        return fails() ? -1 : inner.seek(offset, whence);
+        return failing.isNow() ? -1 : inner.seek(offset, whence);
     }
 
     /// True once the call that was to fail has come.
-    [[nodiscard]] bool hasFailed() const { return calls >= failingCall; }
+    [[nodiscard]] bool hasFailed() const { return failing.hasCome(); }
 
 private:
-    bool fails() { return ++calls == failingCall; }
-
     core::IVolumeReader& inner;
-    int failingCall;
-    int calls = 0;
+    FailingCall failing;
 };
 
 } // namespace agent::test

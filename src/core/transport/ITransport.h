@@ -4,24 +4,41 @@
 
 namespace agent::core {
 
-/// The file-like view of one remote image: a position, reads, writes and holes.
+/// The file-like view of one remote image: a position, reads, writes and holes. tests/contract/transport holds
+/// every implementation to what stands here.
 /// Owns:    the connection; destroying the object ends it.
-/// Threads: one at a time.
-/// Fails:   by return value; a transport that has failed may be connected anew.
+/// Threads: one at a time. One that comes while another is in a call may be refused with EBUSY.
+/// Fails:   by return value, after a line in the log: -1 with `errno`, or false. What can be tried again has
+///          been tried by then, for as long as it takes: a caller that gets a failure gives the image up.
+///
+/// `errno` is EINVAL for an argument that can't be, ENOSPC for a write that begins behind the image,
+/// ENOTCONN without a connection, EBUSY as said above, and EIO for everything else.
+///
+/// Positions and lengths are whole blocks of the target, for which any multiple of 4096 bytes will do. Others
+/// may be refused with EINVAL, and a read of such may begin at the start of its block.
 class ITransport {
 public:
     virtual ~ITransport() = default;
-    /// `whence` 0 is absolute, 1 relative; bytes. Returns the new position, or -1 with `errno` set.
+    /// `whence` 0 is absolute, 1 relative; bytes. Returns the new position, or -1 and stays where it was.
+    /// Nothing is sent: a position behind the image's end may be refused now or by what follows.
     virtual std::int64_t seek(std::int64_t offset, int whence) = 0;
-    /// Returns the bytes written, or -1.
+    /// Returns the bytes written and moves the position behind them: fewer than asked for where the image
+    /// ends, and a caller that hasn't asked for that takes it as a failure. After -1 the position is where it
+    /// was, unless the write was to compare, and what the target holds from there on isn't known.
     virtual std::int64_t write(const void* data, std::uint64_t length) = 0;
-    /// With `diffMerge`, a write compares with the remote image and writes only what differs.
+    /// With `diffMerge`, a write compares with the remote image and writes only what differs; a transport
+    /// without such a comparison writes everything. May be called again, after a failure too. The position
+    /// is 0 then.
     virtual bool connect(bool diffMerge) = 0;
-    /// Returns the bytes read, or -1.
+    /// Returns the bytes read and moves the position behind them: fewer than asked for where the image ends,
+    /// 0 at its end. After -1 the position is where it was.
     virtual std::int64_t read(void* data, std::uint64_t length) = 0;
+    /// What has been written is the target's when it returns. Without a connection nothing happens.
     virtual void disconnect() = 0;
-    /// Deallocates `length` bytes from the current position on.
+    /// Deallocates `length` bytes from the position on, which read as zeros then, and moves it behind them.
+    /// False if not all of them are a hole now, and the position stays. Only for a transport that supports it.
     virtual bool punchHole(std::uint64_t length) = 0;
+    /// The same for the life of the object, connected or not.
     [[nodiscard]] virtual bool supportsHolePunching() const = 0;
 };
 

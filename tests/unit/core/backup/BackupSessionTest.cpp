@@ -187,7 +187,7 @@ TEST_F(BackupSessionTest, SecondWriterIsRefusedAndTheFirstGoesOn) {
                   "' was previously fulfilled. It cannot be requested more than once.");
     EXPECT_EQ(another, nullptr);
     EXPECT_EQ(firstTransport->connects, 1);
-    EXPECT_EQ(writer->write("data", 4), 4);
+    EXPECT_EQ(writer->write(std::string(512, 'x').data(), 512), 512);
 }
 
 TEST_F(BackupSessionTest, RefusedConnectionGivesNoWriterAndMayBeTriedAgain) {

@@ -5,6 +5,7 @@
 #include "core/backup/BackupType.h"
 #include "core/backup/VolumeChecksumGenerator.h"
 #include "support/FakeTransport.h"
+#include "support/FaultyTransport.h"
 #include "support/TestDatabase.h"
 
 #include <gmock/gmock.h>
@@ -161,7 +162,7 @@ TEST_F(RemoteTargetValidatorTest, UnusableDatabaseFallsBackWithItsText) {
 TEST_F(RemoteTargetValidatorTest, OtherTypesOnlyOpenAndCloseTheTarget) {
     database.provider.setVolumeChecksum(uuid, 1, ChecksumType::libcrc32c);
     for (const std::uint32_t other : {FULL, DIFFERENTIAL_MERGE}) {
-        *transport = test::FakeTransport(4096);
+        transport = std::make_shared<test::FakeTransport>(4096);
         attributes.setBackupType(uuid, other);
         FixedGenerator generator(2);
         validate(generator);
@@ -175,7 +176,7 @@ TEST_F(RemoteTargetValidatorTest, OtherTypesOnlyOpenAndCloseTheTarget) {
 
 TEST_F(RemoteTargetValidatorTest, TargetThatRefusesFailsEveryType) {
     for (const std::uint32_t any : {FULL, INCREMENTAL, DIFFERENTIAL_MERGE}) {
-        *transport = test::FakeTransport(4096);
+        transport = std::make_shared<test::FakeTransport>(4096);
         transport->refusing = true;
         attributes.setBackupType(uuid, any);
         FixedGenerator generator(1);

@@ -1,6 +1,7 @@
 #include "core/backup/VolumeChecksumGenerator.h"
 
 #include "support/FakeTransport.h"
+#include "support/FaultyTransport.h"
 #include "support/RecordingLogger.h"
 
 #include <gtest/gtest.h>

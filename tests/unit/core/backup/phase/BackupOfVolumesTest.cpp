@@ -7,6 +7,7 @@
 #include "support/BackupStage.h"
 #include "support/ExtVolume.h"
 #include "support/FakeTransport.h"
+#include "support/FaultyTransport.h"
 #include "support/LoopFileSystem.h"
 #include "unit/info/CowImage.h"
 

@@ -4,6 +4,7 @@
 #include "core/backup/BackupStatusHandler.h"
 #include "support/CountedCancel.h"
 #include "support/FakeTransport.h"
+#include "support/FaultyTransport.h"
 #include "support/FaultyVolume.h"
 #include "support/FixedRanges.h"
 #include "support/MemoryVolume.h"

@@ -2,6 +2,7 @@
 
 #include "common/Exceptions.h"
 #include "support/FakeTransport.h"
+#include "support/FaultyTransport.h"
 #include "support/FaultyVolume.h"
 #include "support/MemoryVolume.h"
 #include "support/Messages.h"
@@ -105,6 +106,7 @@ TEST_F(ModifyBootSectorTest, OtherVolumesAreNotTouched) {
 
 TEST_F(ModifyBootSectorTest, ShortReadIsWrittenAsFarAsItGoes) {
     volume.longest = 100;
+    target->blockBytes = 1;
     run();
     EXPECT_THAT(target->written, ElementsAre(Extent(0, 100)));
     EXPECT_EQ(target->image[sectorsPerTrackOffset], 63);
@@ -113,6 +115,13 @@ TEST_F(ModifyBootSectorTest, ShortReadIsWrittenAsFarAsItGoes) {
                 ElementsAre(seeking, reading,
                             Line{warning, "Read only 100 bytes instead of the expected 512 bytes"}, setting,
                             seekingRemote, Line{debug, "Writing 100 to remote boot sector"}));
+}
+
+TEST_F(ModifyBootSectorTest, ShortReadFailsWithATargetOfWholeBlocks) {
+    volume.longest = 100;
+    EXPECT_EQ(messageOf<exception::transport_connection_error>([&] { run(); }),
+              "Failed to write the remote boot sector back!");
+    EXPECT_EQ(target->image, test::FakeTransport::Image(2 * sectorBytes, poison));
 }
 
 TEST_F(ModifyBootSectorTest, NothingReadIsNothingWritten) {

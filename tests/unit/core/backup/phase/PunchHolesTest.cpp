@@ -2,6 +2,7 @@
 
 #include "support/CountedCancel.h"
 #include "support/FakeTransport.h"
+#include "support/FaultyTransport.h"
 #include "support/FixedRanges.h"
 
 #include <gmock/gmock.h>

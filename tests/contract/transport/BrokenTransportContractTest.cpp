@@ -1,0 +1,81 @@
+#include "TransportFixture.h"
+
+#include <cerrno>
+
+namespace agent::contract {
+namespace {
+
+using BrokenTransportContract = TransportFixture<BreakableSubject>;
+
+TEST_P(BrokenTransportContract, FailedReadStaysWhereItWas) {
+    connect();
+    transport->seek(2 * block, absolute);
+    subject->breakDown();
+    errno = 0;
+    EXPECT_EQ(read(block), -1);
+    EXPECT_EQ(errno, EIO);
+    EXPECT_EQ(position(), 2 * block);
+}
+
+TEST_P(BrokenTransportContract, FailedWriteStaysWhereItWas) {
+    connect();
+    transport->seek(2 * block, absolute);
+    subject->breakDown();
+    errno = 0;
+    EXPECT_EQ(write(patternOf(block, 77)), -1);
+    EXPECT_EQ(errno, EIO);
+    EXPECT_EQ(position(), 2 * block);
+    EXPECT_EQ(subject->image(), original);
+}
+
+TEST_P(BrokenTransportContract, WriteThatCannotCompareWritesNothing) {
+    connect(true);
+    transport->seek(2 * block, absolute);
+    subject->breakDown();
+    const std::string before = subject->lastWrite();
+    errno = 0;
+    EXPECT_EQ(write(patternOf(block, 77)), -1);
+    EXPECT_NE(errno, 0);
+    EXPECT_EQ(subject->lastWrite(), before);
+    EXPECT_EQ(subject->image(), original);
+}
+
+TEST_P(BrokenTransportContract, HoleThatCannotBePunchedStaysWhereItWas) {
+    connect();
+    transport->seek(2 * block, absolute);
+    subject->breakDown();
+    if (transport->supportsHolePunching()) {
+        EXPECT_FALSE(transport->punchHole(block));
+    }
+    EXPECT_EQ(position(), 2 * block);
+    EXPECT_EQ(subject->image(), original);
+}
+
+TEST_P(BrokenTransportContract, CanBeConnectedAnewWhenAllIsWellAgain) {
+    connect();
+    subject->breakDown();
+    EXPECT_EQ(read(block), -1);
+    subject->heal();
+    connect();
+    EXPECT_EQ(position(), 0);
+    EXPECT_EQ(read(block), block);
+    EXPECT_EQ(received, originalAt(0, block));
+    EXPECT_EQ(write(patternOf(block, 77)), block);
+    transport->disconnect();
+    EXPECT_EQ(subject->image(), originalWith(block, patternOf(block, 77)));
+}
+
+TEST_P(BrokenTransportContract, DisconnectsAllTheSame) {
+    connect();
+    subject->breakDown();
+    transport->disconnect();
+    errno = 0;
+    EXPECT_EQ(read(block), -1);
+    EXPECT_EQ(errno, ENOTCONN);
+}
+
+INSTANTIATE_TEST_SUITE_P(Each, BrokenTransportContract, testing::ValuesIn(breakableSubjects()),
+                         [](const auto& test) { return test.param.name; });
+
+} // namespace
+} // namespace agent::contract

@@ -1,0 +1,108 @@
+#include "TransportSubject.h"
+#include "core/transport/IscsiTransport.h"
+#include "support/FakeIscsi.h"
+#include "support/FakeTransport.h"
+#include "support/FaultyTransport.h"
+#include "support/RecordingLogger.h"
+
+#include <algorithm>
+
+/// The transports that need no far side: the fakes of the unit tests, and that to an iSCSI target in memory.
+namespace agent::contract {
+
+namespace {
+
+using Bytes = TransportSubject::Bytes;
+
+/// Fake transports with one image between them.
+class FakeSubject : public BreakableSubject {
+public:
+    explicit FakeSubject(bool holePunching) : holePunching(holePunching) {}
+
+    std::shared_ptr<core::ITransport> make() override {
+        auto transport = std::make_shared<test::FakeTransport>(side);
+        transport->holePunching = holePunching;
+        return transport;
+    }
+    void setImage(const Bytes& image) override { side->image = image; }
+    Bytes image() override { return side->image; }
+    std::string lastWrite() override { return std::to_string(side->changes); }
+    void breakDown() override { side->isBroken = true; }
+    void heal() override { side->isBroken = false; }
+
+private:
+    std::shared_ptr<test::FakeTransport::FarSide> side = std::make_shared<test::FakeTransport::FarSide>();
+    bool holePunching;
+};
+
+/// The decorator that fails on command, and is not commanded to.
+class FaultySubject : public FakeSubject {
+public:
+    using FakeSubject::FakeSubject;
+    std::shared_ptr<core::ITransport> make() override {
+        return std::make_shared<test::FaultyTransport>(FakeSubject::make(), 0);
+    }
+};
+
+class IscsiSubject : public BreakableSubject {
+public:
+    explicit IscsiSubject(std::uint64_t offset) : offset(offset) {
+        iscsi.disk.resize(offset + imageBytes);
+        iscsi.lastBlock = iscsi.disk.size() / iscsi.blockSize - 1;
+    }
+
+    std::shared_ptr<core::ITransport> make() override {
+        return std::make_shared<core::IscsiTransport>(log.logger, "iqn.x:y", "portal", 1, offset, "", "");
+    }
+    void setImage(const Bytes& image) override {
+        std::copy(image.begin(), image.end(), iscsi.disk.begin() + static_cast<std::ptrdiff_t>(offset));
+    }
+    Bytes image() override {
+        return {iscsi.disk.begin() + static_cast<std::ptrdiff_t>(offset), iscsi.disk.end()};
+    }
+    std::string lastWrite() override {
+        return std::to_string(std::count_if(iscsi.calls.begin(), iscsi.calls.end(), [](const auto& call) {
+            return call.starts_with("iscsi_write16_sync");
+        }));
+    }
+    void breakDown() override {
+        scriptCommands(std::vector(moreThanAllTries, test::FakeIscsi::Outcome::failed));
+    }
+    void heal() override { scriptCommands({}); }
+
+private:
+    static constexpr std::size_t moreThanAllTries = 100;
+
+    void scriptCommands(const std::vector<test::FakeIscsi::Outcome>& next) {
+        iscsi.script("iscsi_read16_sync", next);
+        iscsi.script("iscsi_write16_sync", next);
+    }
+
+    std::uint64_t offset;
+    test::RecordingLogger log;
+    test::FakeIscsi iscsi;
+};
+
+template <typename Subject>
+std::vector<SubjectRow<Subject>> allSubjects() {
+    return {
+        {"Fake", [] { return std::make_unique<FakeSubject>(false); }},
+        {"FakeWithHoles", [] { return std::make_unique<FakeSubject>(true); }},
+        {"Faulty", [] { return std::make_unique<FaultySubject>(true); }},
+        {"Iscsi", [] { return std::make_unique<IscsiSubject>(0); }},
+        {"IscsiFromAnOffset",
+         [] { return std::make_unique<IscsiSubject>(3 * TransportSubject::blockBytes); }},
+    };
+}
+
+} // namespace
+
+std::vector<SubjectRow<TransportSubject>> transportSubjects() {
+    return allSubjects<TransportSubject>();
+}
+
+std::vector<SubjectRow<BreakableSubject>> breakableSubjects() {
+    return allSubjects<BreakableSubject>();
+}
+
+} // namespace agent::contract

@@ -1,0 +1,48 @@
+#pragma once
+
+#include "core/transport/ITransport.h"
+#include "support/FailingCall.h"
+
+#include <cerrno>
+#include <memory>
+#include <utility>
+
+namespace agent::test {
+
+/// Another transport of which one call fails, with EIO and before it has any effect.
+class FaultyTransport : public core::ITransport {
+public:
+    FaultyTransport(std::shared_ptr<core::ITransport> inner, int failingCall)
+        : inner(std::move(inner)), failing(failingCall) {}
+
+    std::int64_t seek(std::int64_t offset, int whence) override {
+        return fails() ? -1 : inner->seek(offset, whence);
+    }
+    std::int64_t write(const void* data, std::uint64_t length) override {
+        return fails() ? -1 : inner->write(data, length);
+    }
+    bool connect(bool diffMerge) override { return !fails() && inner->connect(diffMerge); }
+    std::int64_t read(void* data, std::uint64_t length) override {
+        return fails() ? -1 : inner->read(data, length);
+    }
+    void disconnect() override { inner->disconnect(); }
+    bool punchHole(std::uint64_t length) override { return !fails() && inner->punchHole(length); }
+    [[nodiscard]] bool supportsHolePunching() const override { return inner->supportsHolePunching(); }
+
+    /// True once the call that was to fail has come.
+    [[nodiscard]] bool hasFailed() const { return failing.hasCome(); }
+
+private:
+    bool fails() {
+        if (!failing.isNow()) {
+            return false;
+        }
+        errno = EIO;
+        return true;
+    }
+
+    std::shared_ptr<core::ITransport> inner;
+    FailingCall failing;
+};
+
+} // namespace agent::test
