@@ -67,7 +67,7 @@ TEST_P(RefusedImage, HasNoMap) {
     const auto parser = parserOf(image, image.volume);
     ASSERT_TRUE(parser->recognize());
     for (const std::uint64_t start : {0U, 8U, 1000U}) {
-        EXPECT_LT(Fetch(*parser, image.used, start, enough()).count, 0) << start;
+        EXPECT_LE(Fetch(*parser, image.used, start, enough()).count, 0) << start;
     }
 }
 
