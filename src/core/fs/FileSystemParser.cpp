@@ -4,16 +4,15 @@
 
 namespace agent::core::fs {
 
-FileSystemParser::FileSystemParser(info::Logger& logger, std::string subject,
+FileSystemParser::FileSystemParser(info::Logger& logger, std::string failure,
                                    std::unique_ptr<IFileSystemParser> impl)
-    : logger(logger), subject(std::move(subject)), impl(std::move(impl)) {}
+    : logger(logger), failure(std::move(failure)), impl(std::move(impl)) {}
 
 std::int64_t FileSystemParser::getBitmapChunk(std::uint64_t startBlock, std::uint8_t* buffer,
                                               std::size_t bufferBytes) {
     const std::int64_t blocks = impl->getBitmapChunk(startBlock, buffer, bufferBytes);
     if (blocks < 0) {
-        logger.log(info::level::error, "A logical error occurred while attempting to parse %s, err: %ld",
-                   subject.c_str(), blocks);
+        info::LogEntry(logger, info::level::error) << failure << blocks;
     }
     return blocks;
 }

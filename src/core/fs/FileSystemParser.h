@@ -9,14 +9,14 @@
 namespace agent::core::fs {
 
 /// What the parsers of all kinds have in common around what each does by itself: a map that can't be read
-/// gives one more line, the same for all.
+/// gives one more line.
 /// Owns:    what does the work.
 /// Threads: one at a time; moves the reader's position.
 /// Fails:   a negative result, after a line in the log; the caller then takes every block as used.
 class FileSystemParser : public IFileSystemParser {
 public:
-    /// `subject` is what the line calls the map.
-    FileSystemParser(info::Logger& logger, std::string subject, std::unique_ptr<IFileSystemParser> impl);
+    /// `failure` is that line, up to the number that is the result.
+    FileSystemParser(info::Logger& logger, std::string failure, std::unique_ptr<IFileSystemParser> impl);
     FileSystemParser(const FileSystemParser&) = delete;
     FileSystemParser& operator=(const FileSystemParser&) = delete;
     ~FileSystemParser() override = default;
@@ -29,7 +29,7 @@ public:
 
 private:
     info::Logger& logger;
-    std::string subject;
+    std::string failure;
     std::unique_ptr<IFileSystemParser> impl;
 };
 

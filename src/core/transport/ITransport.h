@@ -4,8 +4,8 @@
 
 namespace agent::core {
 
-/// The file-like view of one remote image: a position, reads, writes and holes. tests/contract/transport holds
-/// every implementation to what stands here.
+/// The file-like view of one remote image: a position, reads, writes and holes. Every implementation is held
+/// to what stands here by tests/contract/transport.
 /// Owns:    the connection; destroying the object ends it.
 /// Threads: one at a time. One that comes while another is in a call may be refused with EBUSY.
 /// Fails:   by return value, after a line in the log: -1 with `errno`, or false. What can be tried again has
@@ -36,7 +36,7 @@ public:
     /// What has been written is the target's when it returns. Without a connection nothing happens.
     virtual void disconnect() = 0;
     /// Deallocates `length` bytes from the position on, which read as zeros then, and moves it behind them.
-    /// False if not all of them are a hole now, and the position stays. Only for a transport that supports it.
+    /// False if not all of them are a hole now, and the position stays. For transports that support it only.
     virtual bool punchHole(std::uint64_t length) = 0;
     /// The same for the life of the object, connected or not.
     [[nodiscard]] virtual bool supportsHolePunching() const = 0;

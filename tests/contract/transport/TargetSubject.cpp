@@ -8,8 +8,8 @@
 #include <stdexcept>
 #include <sys/stat.h>
 
-/// The transport to an image of a real iSCSI target, which the environment names. The far side is looked at in
-/// the target's file.
+/// The transport to an image of a real iSCSI target, which the environment names. What has arrived is looked
+/// up in the target's file.
 namespace agent::contract {
 
 namespace {

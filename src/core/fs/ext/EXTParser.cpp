@@ -5,7 +5,7 @@
 namespace agent::core::fs {
 
 EXTParser::EXTParser(info::Logger& logger, IVolumeReader& reader, std::uint32_t sectorSize)
-    : FileSystemParser(logger, "the EXT bitmap",
+    : FileSystemParser(logger, "A logical error occurred while attempting to parse the EXT bitmap, err: ",
                        std::make_unique<EXTParserImpl>(logger, reader, sectorSize)) {}
 
 } // namespace agent::core::fs

@@ -5,6 +5,7 @@
 namespace agent::core::fs {
 
 XFSParser::XFSParser(info::Logger& logger, IVolumeReader& reader, std::uint32_t sectorSize)
-    : FileSystemParser(logger, "XFS bitmap", std::make_unique<XFSParserImpl>(logger, reader, sectorSize)) {}
+    : FileSystemParser(logger, "A logical error occurred while attempting to parse XFS bitmap, err: ",
+                       std::make_unique<XFSParserImpl>(logger, reader, sectorSize)) {}
 
 } // namespace agent::core::fs
