@@ -11,8 +11,10 @@ namespace agent::test {
 /// Another store of which one call fails, by default as a full disk would, before it has any effect.
 class FaultyDataProvider : public db::IDataProviderExtended {
 public:
-    explicit FaultyDataProvider(db::IDataProviderExtended& inner, int failingCall = 0)
-        : inner(inner), failing(failingCall) {}
+    explicit FaultyDataProvider(db::IDataProviderExtended& inner) : inner(inner) {}
+
+    /// Counts anew from here on.
+    void failAt(int call) { failing = FailingCall(call); }
 
     std::string getConfigValue(const std::string& key) override { return reached().getConfigValue(key); }
     void setConfigValue(const std::string& key, const std::string& value) override {
@@ -66,7 +68,7 @@ private:
     }
 
     db::IDataProviderExtended& inner;
-    FailingCall failing;
+    FailingCall failing{0};
 };
 
 } // namespace agent::test

@@ -484,6 +484,53 @@ INSTANTIATE_TEST_SUITE_P(Types, EveryFailingCall,
                          testing::Values(std::uint32_t{FULL}, std::uint32_t{INCREMENTAL},
                                          std::uint32_t{DIFFERENTIAL_MERGE}));
 
+/// Each call to the database fails in turn, in a backup of each type. What is called finished is whole, and
+/// what has failed is mended by the next incremental backup, whatever it becomes.
+class EveryFailingDatabaseCall : public BackupOfVolumes, public testing::WithParamInterface<std::uint32_t> {
+protected:
+    /// A backup of what has changed since an image was left whole. False if the call has not come.
+    bool runFailing(int call) {
+        targets["a"] = std::make_shared<WatchedTransport>(Image(source.image));
+        database.provider.setVolumeChecksum("a", checksumOf("a"), db::ChecksumType::libcrc32c);
+        source.change({12, 500, 1400, 3000});
+        recordChanges("a", {12, 500, 1400, 3000});
+        request(GetParam());
+        stage.store.failAt(call);
+        run();
+        const bool hasCome = stage.store.hasFailed();
+        stage.store.failAt(0);
+        return hasCome;
+    }
+
+    void expectWholeImage() {
+        EXPECT_TRUE(source.holdsUsedBlocks(targets["a"]->image));
+        EXPECT_EQ(storedChecksum("a"), checksumOf("a"));
+    }
+
+    test::ExtVolume& source = add("a");
+};
+
+TEST_P(EveryFailingDatabaseCall, LeavesNoWrongImage) {
+    int failed = 0;
+    for (int call = 1; runFailing(call); ++call) {
+        SCOPED_TRACE("call " + std::to_string(call));
+        if (!backup->isFinished()) {
+            ++failed;
+            EXPECT_THAT(states(), ElementsAre(VOLUME_FAILED));
+            request(INCREMENTAL);
+            run();
+            EXPECT_TRUE(backup->isFinished());
+        }
+        expectWholeImage();
+    }
+    EXPECT_GT(failed, 0); // the new checksum can't be stored
+    expectWholeImage();   // of the run without a failure
+}
+
+INSTANTIATE_TEST_SUITE_P(Types, EveryFailingDatabaseCall,
+                         testing::Values(std::uint32_t{FULL}, std::uint32_t{INCREMENTAL},
+                                         std::uint32_t{DIFFERENTIAL_MERGE}));
+
 /// An ext4 of the system's own tools, mounted read-only as a snapshot is. The truth about it is theirs.
 class MadeFileSystem {
     test::TestDirectory directory;
