@@ -1,8 +1,8 @@
 #include "bench/support/TimingReporter.h"
 #include "common/Directory.h"
-#include "common/FileDescriptor.h"
 #include "info/log/LoggingStack.h"
 #include "ordak/Logs.h"
+#include "os/FileDescriptor.h"
 
 #include <benchmark/benchmark.h>
 
@@ -57,7 +57,7 @@ void queryLogsRead(benchmark::State& state) {
     std::array<char, std::size_t{128} * 1024> buffer{};
     for (auto step : state) {
         for (const std::string& path : paths) {
-            const FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+            const os::FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
             while (::read(file.get(), buffer.data(), buffer.size()) > 0) {
                 benchmark::DoNotOptimize(buffer);
             }

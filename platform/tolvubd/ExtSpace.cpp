@@ -38,7 +38,7 @@ bool isSound(const Geometry& geometry, std::uint64_t size) {
            geometry.descriptorSize <= geometry.blockSize;
 }
 
-std::optional<Geometry> readGeometry(const Descriptor& image, std::uint64_t size) {
+std::optional<Geometry> readGeometry(const os::FileDescriptor& image, std::uint64_t size) {
     const Fields super(image, superBlockAt, superBlockSize);
     constexpr std::uint64_t largestShift = 6;
     if (!super || super.little(56, 2) != magic || super.little(24, 4) > largestShift) {
@@ -61,7 +61,7 @@ std::optional<Geometry> readGeometry(const Descriptor& image, std::uint64_t size
 
 /// Marks what a group's bitmap says is in use. Of a group whose bitmap was never written nothing is marked:
 /// its structures come into use with the group.
-bool markGroup(const Descriptor& image, const Geometry& geometry, std::uint64_t group,
+bool markGroup(const os::FileDescriptor& image, const Geometry& geometry, std::uint64_t group,
                std::vector<bool>& used) {
     const std::uint64_t table = (geometry.firstBlock + 1) * geometry.blockSize;
     const Fields descriptor(image, table + group * geometry.descriptorSize, geometry.descriptorSize);
@@ -90,7 +90,7 @@ bool markGroup(const Descriptor& image, const Geometry& geometry, std::uint64_t 
 
 } // namespace
 
-std::optional<SpaceMap> readExtSpace(const Descriptor& image, std::uint64_t size) {
+std::optional<SpaceMap> readExtSpace(const os::FileDescriptor& image, std::uint64_t size) {
     const std::optional<Geometry> geometry = readGeometry(image, size);
     if (!geometry) {
         return std::nullopt;

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Descriptor.h"
+#include "FileAccess.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -12,7 +12,7 @@ namespace tolvubd {
 /// Bytes of an image, with the numbers that stand in them.
 class Fields {
 public:
-    Fields(const Descriptor& image, std::uint64_t offset, std::size_t length)
+    Fields(const os::FileDescriptor& image, std::uint64_t offset, std::size_t length)
         : bytes(length), isWhole(readAt(image, bytes, offset) == length) {}
 
     /// False when the image ends before them.

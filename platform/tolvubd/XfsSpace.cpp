@@ -40,7 +40,7 @@ bool isSound(const Geometry& geometry, std::uint64_t size) {
            geometry.blocks <= geometry.groups * geometry.groupBlocks;
 }
 
-std::optional<Geometry> readGeometry(const Descriptor& image, std::uint64_t size) {
+std::optional<Geometry> readGeometry(const os::FileDescriptor& image, std::uint64_t size) {
     const Fields super(image, 0, superBlockSize);
     if (!super || super.big(0, 4) != superMagic) {
         return std::nullopt;
@@ -57,7 +57,7 @@ std::optional<Geometry> readGeometry(const Descriptor& image, std::uint64_t size
 /// a list of blocks that the trees themselves grow into.
 class Group {
 public:
-    Group(const Descriptor& image, const Geometry& geometry, std::uint64_t number)
+    Group(const os::FileDescriptor& image, const Geometry& geometry, std::uint64_t number)
         : image(image),
           geometry(geometry),
           first(number * geometry.groupBlocks),
@@ -152,7 +152,7 @@ private:
         return true;
     }
 
-    const Descriptor& image;
+    const os::FileDescriptor& image;
     const Geometry& geometry;
     std::uint64_t first;
     std::uint64_t blocks;
@@ -160,7 +160,7 @@ private:
 
 } // namespace
 
-std::optional<SpaceMap> readXfsSpace(const Descriptor& image, std::uint64_t size) {
+std::optional<SpaceMap> readXfsSpace(const os::FileDescriptor& image, std::uint64_t size) {
     const std::optional<Geometry> geometry = readGeometry(image, size);
     if (!geometry) {
         return std::nullopt;
