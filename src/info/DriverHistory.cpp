@@ -5,6 +5,7 @@
 #include "info/CowFormat.h"
 #include "info/DriverController.h"
 #include "info/DriverFile.h"
+#include "info/VolumeFiles.h"
 #include "info/log/Logger.h"
 
 #include <algorithm>
@@ -20,8 +21,6 @@ namespace agent::info {
 namespace {
 
 using Access = DriverFile::Access;
-
-constexpr const char* historyName = ".tolvu.inc";
 
 /// A stretch of a table in memory. Tables of large volumes have hundreds of megabytes; no more than this is
 /// held of one at a time.
@@ -186,7 +185,7 @@ bool DriverController::calculateCowFile(const DriverDeviceInfo& device, std::str
 
 std::string DriverController::getIncrementalHistoryPath(const BackupableVolume& volume) const {
     const std::vector<std::string>& mountPoints = volume.getMountPoints();
-    return mountPoints.empty() ? std::string() : (Path(mountPoints.front()) / historyName).str();
+    return mountPoints.empty() ? std::string() : (Path(mountPoints.front()) / volume_files::history).str();
 }
 
 bool DriverController::hasIncrementalHistory(const BackupableVolume& volume) {

@@ -1,6 +1,7 @@
 #include "core/block/UnchangedBlockBitmapChunkProvider.h"
 
 #include "common/PosixError.h"
+#include "info/CowFormat.h"
 #include "os/FileDescriptor.h"
 #include "os/Transfer.h"
 
@@ -16,7 +17,7 @@ namespace agent::core::block {
 
 namespace {
 
-constexpr std::uint64_t wordBytes = sizeof(std::uint64_t);
+constexpr std::uint64_t wordBytes = info::cow::entrySize;
 
 bool seekTo(int descriptor, std::uint64_t position) {
     return position <= static_cast<std::uint64_t>(std::numeric_limits<off_t>::max()) &&
