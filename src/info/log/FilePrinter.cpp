@@ -19,7 +19,6 @@ namespace agent::info {
 
 namespace {
 
-constexpr std::chrono::seconds retention(604'800);
 constexpr mode_t logFileMode = 0640;
 
 } // namespace
