@@ -1,9 +1,10 @@
-#include "bench/support/TimingReporter.h"
+#include "bench/support/Program.h"
 #include "common/Directory.h"
 #include "common/File.h"
 #include "common/PosixError.h"
 #include "info/BackupableVolume.h"
 #include "info/DriverController.h"
+#include "info/VolumeFiles.h"
 #include "info/log/Logger.h"
 #include "os/FileDescriptor.h"
 #include "os/Transfer.h"
@@ -124,8 +125,8 @@ private:
     }
 
     const std::string directory = "history-benchmark." + std::to_string(::getpid());
-    const std::string closed = directory + "/.tolvu";
-    const std::string history = directory + "/.tolvu.inc";
+    const std::string closed = directory + "/" + info::volume_files::firstCow;
+    const std::string history = directory + "/" + info::volume_files::history;
     const std::string other = directory + "/copy";
     info::Logger logger{info::PrinterFunction()};
     info::BackupableVolume volume = makeVolume(directory);
@@ -157,7 +158,7 @@ void registerStep(const char* name, Stage& stage, const std::function<void()>& s
         ->UseManualTime();
 }
 
-void measure() {
+void measure(Program& program) {
     Stage stage;
     constexpr int rounds = 5;
     for (int round = 0; round < rounds; ++round) {
@@ -166,8 +167,7 @@ void measure() {
         registerStep("copyUnsynced", stage, [&] { stage.copyUnsynced(); });
         registerStep("rollForward", stage, [&] { stage.rollForward(); });
     }
-    TimingReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
+    const TimingReporter& reporter = program.run();
     printRatio(reporter, "makeHistory", "copySynced");
     printRatio(reporter, "rollForward", "copyUnsynced");
     struct ::rusage usage{};
@@ -181,9 +181,8 @@ void measure() {
 
 int main(int argumentCount, char** arguments) {
     try {
-        benchmark::Initialize(&argumentCount, arguments);
-        agent::bench::measure();
-        benchmark::Shutdown();
+        agent::bench::Program program(argumentCount, arguments);
+        agent::bench::measure(program);
         return 0;
     } catch (const std::exception& error) {
         static_cast<void>(std::fprintf(stderr, "bench_info: %s\n", error.what()));
