@@ -1,4 +1,4 @@
-#include "bench/support/TimingReporter.h"
+#include "bench/support/Program.h"
 #include "core/block/BitRangeFinder.h"
 #include "core/block/BlockRangeProviderFactory.h"
 #include "support/FixedRanges.h"
@@ -154,15 +154,13 @@ void printBound(const TimingReporter& reporter, const char* name, double mostSec
 } // namespace agent::bench
 
 int main(int argumentCount, char** arguments) {
-    benchmark::Initialize(&argumentCount, arguments);
+    agent::bench::Program program(argumentCount, arguments, agent::bench::TimingReporter::Clock::processor);
     agent::bench::registerBenchmarks(argumentCount > 1 ? arguments[1] : "");
-    agent::bench::TimingReporter reporter(agent::bench::TimingReporter::Clock::processor);
-    benchmark::RunSpecifiedBenchmarks(&reporter);
+    const agent::bench::TimingReporter& reporter = program.run();
     agent::bench::printRatio(reporter, "allFree", "memcpy", 0.5);
     agent::bench::printRatio(reporter, "allUsed", "memcpy", 0.5);
     agent::bench::printRatio(reporter, "random", "randomPlain", 3);
     agent::bench::printBound(reporter, "aged", static_cast<double>(agent::bench::bitmapBytes) / 2e9);
     agent::bench::printBound(reporter, "agedMsbFirst", static_cast<double>(agent::bench::bitmapBytes) / 2e9);
     agent::bench::printBound(reporter, "walk", 1);
-    benchmark::Shutdown();
 }

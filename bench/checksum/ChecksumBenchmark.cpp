@@ -1,4 +1,4 @@
-#include "bench/support/TimingReporter.h"
+#include "bench/support/Program.h"
 #include "core/checksum/BufferChecksumGeneratorGCryptCRC32.h"
 #include "core/checksum/BufferChecksumGeneratorLibCRC32c.h"
 
@@ -111,12 +111,9 @@ void printRatio(const TimingReporter& reporter, const char* peerName) {
 } // namespace agent::bench
 
 int main(int argumentCount, char** arguments) {
-    benchmark::Initialize(&argumentCount, arguments);
-    using agent::bench::TimingReporter;
-    TimingReporter reporter(TimingReporter::Clock::processor);
-    benchmark::RunSpecifiedBenchmarks(&reporter);
+    agent::bench::Program program(argumentCount, arguments, agent::bench::TimingReporter::Clock::processor);
+    const agent::bench::TimingReporter& reporter = program.run();
     agent::bench::printRatio(reporter, "instruction");
     agent::bench::printRatio(reporter, "gcryptCRC32");
     agent::bench::printRatio(reporter, "memcpy");
-    benchmark::Shutdown();
 }

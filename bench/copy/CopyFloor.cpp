@@ -1,7 +1,7 @@
 #include "common/AlignedBuffer.h"
-#include "common/FileDescriptor.h"
 #include "core/transport/IscsiLibrary.h"
 #include "core/transport/Libiscsi.h"
+#include "os/FileDescriptor.h"
 
 #include <algorithm>
 #include <chrono>
@@ -126,7 +126,7 @@ private:
         ++totals.chunks;
     }
 
-    FileDescriptor volume;
+    os::FileDescriptor volume;
     Disk& disk;
     bool isCopy;
     AlignedBuffer buffer;

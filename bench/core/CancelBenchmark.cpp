@@ -1,4 +1,4 @@
-#include "bench/support/TimingReporter.h"
+#include "bench/support/Program.h"
 #include "core/Heartbeat.h"
 #include "core/operation/CancelableOperation.h"
 
@@ -57,10 +57,8 @@ void printRatio(const TimingReporter& reporter, const char* peerName) {
 } // namespace agent::bench
 
 int main(int argumentCount, char** arguments) {
-    benchmark::Initialize(&argumentCount, arguments);
-    agent::bench::TimingReporter reporter(agent::bench::TimingReporter::Clock::processor);
-    benchmark::RunSpecifiedBenchmarks(&reporter);
+    agent::bench::Program program(argumentCount, arguments, agent::bench::TimingReporter::Clock::processor);
+    const agent::bench::TimingReporter& reporter = program.run();
     agent::bench::printRatio(reporter, "checkAlone");
     agent::bench::printRatio(reporter, "clockUnderMutex");
-    benchmark::Shutdown();
 }

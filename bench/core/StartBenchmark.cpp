@@ -1,4 +1,4 @@
-#include "bench/support/TimingReporter.h"
+#include "bench/support/Program.h"
 #include "core/Engine.h"
 #include "core/Heartbeat.h"
 #include "core/backup/Backup.h"
@@ -116,9 +116,6 @@ void printRatio(const TimingReporter& reporter) {
 } // namespace agent::bench
 
 int main(int argumentCount, char** arguments) {
-    benchmark::Initialize(&argumentCount, arguments);
-    agent::bench::TimingReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    agent::bench::printRatio(reporter);
-    benchmark::Shutdown();
+    agent::bench::Program program(argumentCount, arguments);
+    agent::bench::printRatio(program.run());
 }

@@ -1,4 +1,4 @@
-#include "bench/support/TimingReporter.h"
+#include "bench/support/Program.h"
 #include "db/DataProvider.h"
 #include "support/TestDirectory.h"
 
@@ -116,10 +116,8 @@ void printRatio(const TimingReporter& reporter, const std::string& name) {
 } // namespace agent::bench
 
 int main(int argumentCount, char** arguments) {
-    benchmark::Initialize(&argumentCount, arguments);
-    agent::bench::TimingReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
+    agent::bench::Program program(argumentCount, arguments);
+    const agent::bench::TimingReporter& reporter = program.run();
     agent::bench::printRatio(reporter, "setVolumeChecksum");
     agent::bench::printRatio(reporter, "getConfigValue");
-    benchmark::Shutdown();
 }

@@ -1,11 +1,13 @@
-#include "bench/support/TimingReporter.h"
+#include "bench/support/Program.h"
 #include "common/Directory.h"
 #include "common/File.h"
-#include "common/FileDescriptor.h"
 #include "common/PosixError.h"
 #include "info/BackupableVolume.h"
 #include "info/DriverController.h"
+#include "info/VolumeFiles.h"
 #include "info/log/Logger.h"
+#include "os/FileDescriptor.h"
+#include "os/Transfer.h"
 
 #include <benchmark/benchmark.h>
 
@@ -37,8 +39,8 @@ constexpr std::uint64_t tableBytes = 2 * gibibyte;
 constexpr std::uint64_t volumeBytes = tableBytes / 8 * 4096;
 constexpr std::size_t pieceBytes = std::size_t{8} << 20U;
 
-FileDescriptor open(const std::string& path, int flags) {
-    FileDescriptor file(::open(path.c_str(), flags | O_CLOEXEC, 0600));
+os::FileDescriptor open(const std::string& path, int flags) {
+    os::FileDescriptor file(::open(path.c_str(), flags | O_CLOEXEC, 0600));
     if (!file) {
         throw PosixError("open of " + path + " failed", errno);
     }
@@ -53,8 +55,8 @@ void require(bool done, const char* what) {
 
 /// The copy that nothing can be faster than that uses the page cache.
 void copy(const std::string& from, const std::string& to, bool sync) {
-    const FileDescriptor source = open(from, O_RDONLY);
-    const FileDescriptor destination = open(to, O_WRONLY | O_CREAT | O_TRUNC);
+    const os::FileDescriptor source = open(from, O_RDONLY);
+    const os::FileDescriptor destination = open(to, O_WRONLY | O_CREAT | O_TRUNC);
     std::vector<char> piece(pieceBytes);
     for (;;) {
         const ssize_t count = ::read(source.get(), piece.data(), piece.size());
@@ -62,14 +64,14 @@ void copy(const std::string& from, const std::string& to, bool sync) {
         if (count == 0) {
             break;
         }
-        require(file::writeAll(destination.get(), {piece.data(), static_cast<std::size_t>(count)}), "write");
+        require(os::writeAll(destination.get(), {piece.data(), static_cast<std::size_t>(count)}), "write");
     }
     require(!sync || ::fsync(destination.get()) == 0, "fsync");
 }
 
 void forget(const std::string& path) {
     if (file::exists(path)) {
-        const FileDescriptor kept = open(path, O_RDWR);
+        const os::FileDescriptor kept = open(path, O_RDWR);
         require(::fsync(kept.get()) == 0 && ::posix_fadvise(kept.get(), 0, 0, POSIX_FADV_DONTNEED) == 0,
                 "dropping what is cached");
     }
@@ -104,13 +106,13 @@ public:
 private:
     /// Bytes that no file system or disk can make less of.
     static void fill(const std::string& path) {
-        const FileDescriptor random = open("/dev/urandom", O_RDONLY);
-        const FileDescriptor destination = open(path, O_WRONLY | O_CREAT | O_TRUNC);
+        const os::FileDescriptor random = open("/dev/urandom", O_RDONLY);
+        const os::FileDescriptor destination = open(path, O_WRONLY | O_CREAT | O_TRUNC);
         std::vector<char> piece(pieceBytes);
         for (std::uint64_t done = 0; done < headerBytes + tableBytes; done += piece.size()) {
             require(::read(random.get(), piece.data(), piece.size()) == static_cast<ssize_t>(piece.size()),
                     "reading random bytes");
-            require(file::writeAll(destination.get(), {piece.data(), piece.size()}), "write");
+            require(os::writeAll(destination.get(), {piece.data(), piece.size()}), "write");
         }
     }
 
@@ -123,8 +125,8 @@ private:
     }
 
     const std::string directory = "history-benchmark." + std::to_string(::getpid());
-    const std::string closed = directory + "/.tolvu";
-    const std::string history = directory + "/.tolvu.inc";
+    const std::string closed = directory + "/" + info::volume_files::firstCow;
+    const std::string history = directory + "/" + info::volume_files::history;
     const std::string other = directory + "/copy";
     info::Logger logger{info::PrinterFunction()};
     info::BackupableVolume volume = makeVolume(directory);
@@ -156,7 +158,7 @@ void registerStep(const char* name, Stage& stage, const std::function<void()>& s
         ->UseManualTime();
 }
 
-void measure() {
+void measure(Program& program) {
     Stage stage;
     constexpr int rounds = 5;
     for (int round = 0; round < rounds; ++round) {
@@ -165,8 +167,7 @@ void measure() {
         registerStep("copyUnsynced", stage, [&] { stage.copyUnsynced(); });
         registerStep("rollForward", stage, [&] { stage.rollForward(); });
     }
-    TimingReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
+    const TimingReporter& reporter = program.run();
     printRatio(reporter, "makeHistory", "copySynced");
     printRatio(reporter, "rollForward", "copyUnsynced");
     struct ::rusage usage{};
@@ -180,9 +181,8 @@ void measure() {
 
 int main(int argumentCount, char** arguments) {
     try {
-        benchmark::Initialize(&argumentCount, arguments);
-        agent::bench::measure();
-        benchmark::Shutdown();
+        agent::bench::Program program(argumentCount, arguments);
+        agent::bench::measure(program);
         return 0;
     } catch (const std::exception& error) {
         static_cast<void>(std::fprintf(stderr, "bench_info: %s\n", error.what()));

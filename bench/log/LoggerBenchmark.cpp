@@ -1,6 +1,6 @@
 #include "common/Directory.h"
-#include "common/FileDescriptor.h"
 #include "info/log/LoggingStack.h"
+#include "os/FileDescriptor.h"
 
 #include <benchmark/benchmark.h>
 
@@ -44,7 +44,7 @@ void append(benchmark::State& state) {
     const std::string path = info::FilePrinter::logDirectory() / "append.log";
     for (auto step : state) {
         const std::lock_guard lock(mutex);
-        const FileDescriptor file(::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0640));
+        const os::FileDescriptor file(::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0640));
         benchmark::DoNotOptimize(::write(file.get(), line.data(), line.size()));
     }
     state.SetItemsProcessed(state.iterations());

@@ -1,8 +1,8 @@
-#include "bench/support/TimingReporter.h"
+#include "bench/support/Program.h"
 #include "common/Directory.h"
-#include "common/FileDescriptor.h"
 #include "info/log/LoggingStack.h"
 #include "ordak/Logs.h"
+#include "os/FileDescriptor.h"
 
 #include <benchmark/benchmark.h>
 
@@ -57,7 +57,7 @@ void queryLogsRead(benchmark::State& state) {
     std::array<char, std::size_t{128} * 1024> buffer{};
     for (auto step : state) {
         for (const std::string& path : paths) {
-            const FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+            const os::FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
             while (::read(file.get(), buffer.data(), buffer.size()) > 0) {
                 benchmark::DoNotOptimize(buffer);
             }
@@ -81,18 +81,15 @@ void printRatio(const TimingReporter& reporter) {
 } // namespace agent::bench
 
 int main(int argumentCount, char** arguments) {
-    benchmark::Initialize(&argumentCount, arguments);
+    agent::bench::Program program(argumentCount, arguments);
     agent::info::LoggingStack stack;
     agent::dir::make(agent::info::FilePrinter::logDirectory());
     for (int day = 0; day < agent::bench::days; ++day) {
         agent::bench::writeDay(stack.decorator(),
                                std::chrono::system_clock::now() - std::chrono::hours(24 * day));
     }
-    agent::bench::TimingReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    agent::bench::printRatio(reporter);
+    agent::bench::printRatio(program.run());
     for (const std::string& path : agent::bench::paths) {
         ::unlink(path.c_str());
     }
-    benchmark::Shutdown();
 }

@@ -1,7 +1,7 @@
 #include "AtomicFile.h"
 
-#include "Descriptor.h"
 #include "Failure.h"
+#include "FileAccess.h"
 
 #include <cstdio>
 #include <fcntl.h>
@@ -13,8 +13,8 @@ namespace tolvubd {
 
 namespace {
 
-Descriptor writeFile(const std::string& path, const std::string& text, unsigned mode) {
-    Descriptor file = openFile(path, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW, mode);
+os::FileDescriptor writeFile(const std::string& path, const std::string& text, unsigned mode) {
+    os::FileDescriptor file = openFile(path, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW, mode);
     checked(::fchmod(file.get(), mode), "set the mode of " + path);
     writeAt(file, std::as_bytes(std::span(text)), 0);
     return file;
@@ -60,7 +60,7 @@ void takeBackFile(const std::string& path) {
 }
 
 std::string readFile(const std::string& path, std::size_t limit) {
-    const Descriptor file = openFile(path, O_RDONLY);
+    const os::FileDescriptor file = openFile(path, O_RDONLY);
     struct stat status{};
     checked(::fstat(file.get(), &status), "look at " + path);
     if (static_cast<std::uintmax_t>(status.st_size) > limit) {

@@ -16,6 +16,8 @@ namespace {
 constexpr unsigned ownerOnly = 0600;
 /// Large, because the file system stays frozen for as long as the reads take.
 constexpr std::size_t pieceSize = std::size_t{8} << 20;
+/// Of all devices, the largest unit that a direct read can ask for.
+constexpr std::size_t largestSector = 4096;
 /// What becomes a hole as a whole; no file system has larger blocks.
 constexpr std::size_t holeSize = std::size_t{64} << 10;
 
@@ -25,7 +27,7 @@ bool isZero(std::span<const std::byte> bytes) {
 }
 
 /// Writes what isn't zero, in runs as long as they are.
-void writeSparse(const Descriptor& image, std::span<const std::byte> piece, std::uint64_t offset) {
+void writeSparse(const os::FileDescriptor& image, std::span<const std::byte> piece, std::uint64_t offset) {
     std::size_t begin = 0;
     for (std::size_t at = 0; at < piece.size(); at += holeSize) {
         const std::size_t length = std::min(holeSize, piece.size() - at);
@@ -44,14 +46,14 @@ Capture::Capture(const std::string& path, const std::string& device, std::uint64
       size(size),
       image(openFile(path, O_WRONLY | O_CREAT | O_EXCL, ownerOnly)),
       source(openFile(device, O_RDONLY | O_DIRECT)),
-      buffer(pieceSize) {
+      buffer(pieceSize, largestSector) {
     checked(::ftruncate(image.get(), static_cast<off_t>(size)), "make " + path);
 }
 
 void Capture::copy(const std::function<void()>& afterPiece) {
     for (std::uint64_t offset = 0; offset < size; offset += pieceSize) {
         const auto length = static_cast<std::size_t>(std::min<std::uint64_t>(pieceSize, size - offset));
-        const std::span<std::byte> piece = buffer.bytes().first(length);
+        const std::span<std::byte> piece(buffer.data(), length);
         if (readAt(source, piece, offset) != length) {
             fail(EIO, "the device is shorter than it was");
         }

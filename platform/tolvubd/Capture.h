@@ -1,7 +1,7 @@
 #pragma once
 
-#include "AlignedBuffer.h"
-#include "Descriptor.h"
+#include "FileAccess.h"
+#include "os/AlignedBuffer.h"
 
 #include <cstdint>
 #include <functional>
@@ -24,9 +24,9 @@ public:
 private:
     std::string path;
     std::uint64_t size;
-    Descriptor image;
-    Descriptor source;
-    AlignedBuffer buffer;
+    os::FileDescriptor image;
+    os::FileDescriptor source;
+    os::AlignedBuffer buffer;
 };
 
 } // namespace tolvubd

@@ -1,8 +1,8 @@
 #include "Compare.h"
 
 #include "CowFile.h"
-#include "Descriptor.h"
 #include "Failure.h"
+#include "FileAccess.h"
 
 #include <algorithm>
 #include <cstring>
@@ -58,7 +58,7 @@ private:
 
     std::string path;
     std::uint64_t size;
-    Descriptor file;
+    os::FileDescriptor file;
     std::vector<std::byte> buffer;
     std::uint64_t nextData = unknown;
 };

@@ -26,7 +26,7 @@ struct Header {
 static_assert(sizeof(Header) == 64 && offsetof(Header, snapshot) == 32 &&
               offsetof(Header, changedUnits) == 56);
 
-Header readHeader(const Descriptor& file, const std::string& path) {
+Header readHeader(const os::FileDescriptor& file, const std::string& path) {
     struct stat status{};
     checked(::fstat(file.get(), &status), "look at " + path);
     Header header;
@@ -38,7 +38,7 @@ Header readHeader(const Descriptor& file, const std::string& path) {
     return header;
 }
 
-Descriptor openCowFile(const std::string& path, int flags) {
+os::FileDescriptor openCowFile(const std::string& path, int flags) {
     return openFile(path, flags | O_NOFOLLOW | O_NONBLOCK, ownerOnly);
 }
 
@@ -76,7 +76,7 @@ void makeCowFile(const std::string& path, const std::string& snapshot, std::uint
     const std::string unfinished = path + unfinishedSuffix;
     removeFile(unfinished);
     {
-        const Descriptor file = openCowFile(unfinished, O_WRONLY | O_CREAT | O_EXCL);
+        const os::FileDescriptor file = openCowFile(unfinished, O_WRONLY | O_CREAT | O_EXCL);
         if (const int error = ::posix_fallocate(file.get(), 0, static_cast<off_t>(size)); error != 0) {
             fail(error, "reserve the space of " + path);
         }

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Descriptor.h"
+#include "FileAccess.h"
 
 #include <cstdint>
 #include <functional>
@@ -45,7 +45,7 @@ public:
 
 private:
     std::string path;
-    Descriptor file;
+    os::FileDescriptor file;
 };
 
 /// The UUID in the header of a CoW file. Fails as CowTable does.

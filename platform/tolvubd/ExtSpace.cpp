@@ -17,6 +17,26 @@ constexpr std::uint64_t groupFlags = 0x410; // either of two features with which
 constexpr std::uint64_t neverUsed = 0x2;
 constexpr std::uint64_t bitsInByte = 8;
 
+namespace super_block {
+constexpr Field blocks{4, 4};
+constexpr Field firstBlock{20, 4};
+constexpr Field blockShift{24, 4}; ///< beyond 1024 bytes
+constexpr Field blocksPerGroup{32, 4};
+constexpr Field magic{56, 2};
+constexpr Field incompatible{96, 4};
+constexpr Field readOnly{100, 4};
+constexpr Field descriptorSize{254, 2};
+constexpr Field blocksHigh{336, 4};
+} // namespace super_block
+
+namespace descriptor {
+constexpr std::uint64_t narrowSize = 32;
+constexpr std::uint64_t wideSize = 64;
+constexpr Field bitmap{0, 4};
+constexpr Field flags{18, 2};
+constexpr Field bitmapHigh{32, 4};
+} // namespace descriptor
+
 struct Geometry {
     std::uint64_t blocks = 0;
     std::uint64_t firstBlock = 0;
@@ -34,45 +54,49 @@ struct Geometry {
 bool isSound(const Geometry& geometry, std::uint64_t size) {
     return geometry.blocks <= size / geometry.blockSize && geometry.firstBlock < geometry.blocks &&
            geometry.blocksPerGroup > 0 && geometry.blocksPerGroup <= geometry.blockSize * bitsInByte &&
-           geometry.descriptorSize >= (geometry.isWide ? 64 : 32) &&
+           geometry.descriptorSize >= (geometry.isWide ? descriptor::wideSize : descriptor::narrowSize) &&
            geometry.descriptorSize <= geometry.blockSize;
 }
 
-std::optional<Geometry> readGeometry(const Descriptor& image, std::uint64_t size) {
+std::optional<Geometry> readGeometry(const os::FileDescriptor& image, std::uint64_t size) {
     const Fields super(image, superBlockAt, superBlockSize);
     constexpr std::uint64_t largestShift = 6;
-    if (!super || super.little(56, 2) != magic || super.little(24, 4) > largestShift) {
+    if (!super || super.little(super_block::magic) != magic ||
+        super.little(super_block::blockShift) > largestShift) {
         return std::nullopt;
     }
-    const std::uint64_t features = super.little(96, 4);
-    if ((features & metaBlockGroups) != 0 || (super.little(100, 4) & clusters) != 0) {
+    const std::uint64_t features = super.little(super_block::incompatible);
+    const std::uint64_t readOnlyFeatures = super.little(super_block::readOnly);
+    if ((features & metaBlockGroups) != 0 || (readOnlyFeatures & clusters) != 0) {
         return std::nullopt;
     }
     Geometry geometry;
     geometry.isWide = (features & wide) != 0;
-    geometry.hasGroupFlags = (super.little(100, 4) & groupFlags) != 0;
-    geometry.blocks = super.little(4, 4) | (geometry.isWide ? super.little(336, 4) << 32U : 0);
-    geometry.firstBlock = super.little(20, 4);
-    geometry.blockSize = superBlockSize << super.little(24, 4);
-    geometry.blocksPerGroup = super.little(32, 4);
-    geometry.descriptorSize = geometry.isWide ? super.little(254, 2) : 32;
+    geometry.hasGroupFlags = (readOnlyFeatures & groupFlags) != 0;
+    geometry.blocks = super.little(super_block::blocks) |
+                      (geometry.isWide ? super.little(super_block::blocksHigh) << 32U : 0);
+    geometry.firstBlock = super.little(super_block::firstBlock);
+    geometry.blockSize = superBlockSize << super.little(super_block::blockShift);
+    geometry.blocksPerGroup = super.little(super_block::blocksPerGroup);
+    geometry.descriptorSize =
+        geometry.isWide ? super.little(super_block::descriptorSize) : descriptor::narrowSize;
     return isSound(geometry, size) ? std::optional(geometry) : std::nullopt;
 }
 
 /// Marks what a group's bitmap says is in use. Of a group whose bitmap was never written nothing is marked:
 /// its structures come into use with the group.
-bool markGroup(const Descriptor& image, const Geometry& geometry, std::uint64_t group,
+bool markGroup(const os::FileDescriptor& image, const Geometry& geometry, std::uint64_t group,
                std::vector<bool>& used) {
     const std::uint64_t table = (geometry.firstBlock + 1) * geometry.blockSize;
-    const Fields descriptor(image, table + group * geometry.descriptorSize, geometry.descriptorSize);
-    if (!descriptor) {
+    const Fields fields(image, table + group * geometry.descriptorSize, geometry.descriptorSize);
+    if (!fields) {
         return false;
     }
-    if (geometry.hasGroupFlags && (descriptor.little(18, 2) & neverUsed) != 0) {
+    if (geometry.hasGroupFlags && (fields.little(descriptor::flags) & neverUsed) != 0) {
         return true;
     }
-    const std::uint64_t block =
-        descriptor.little(0, 4) | (geometry.isWide ? descriptor.little(32, 4) << 32U : 0);
+    const std::uint64_t block = fields.little(descriptor::bitmap) |
+                                (geometry.isWide ? fields.little(descriptor::bitmapHigh) << 32U : 0);
     if (block == 0 || block >= geometry.blocks) {
         return false;
     }
@@ -90,7 +114,7 @@ bool markGroup(const Descriptor& image, const Geometry& geometry, std::uint64_t 
 
 } // namespace
 
-std::optional<SpaceMap> readExtSpace(const Descriptor& image, std::uint64_t size) {
+std::optional<SpaceMap> readExtSpace(const os::FileDescriptor& image, std::uint64_t size) {
     const std::optional<Geometry> geometry = readGeometry(image, size);
     if (!geometry) {
         return std::nullopt;

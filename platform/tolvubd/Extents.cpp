@@ -1,13 +1,11 @@
 #include "Extents.h"
 
-#include "Descriptor.h"
 #include "Failure.h"
+#include "FileAccess.h"
+#include "os/ExtentRequest.h"
 
-#include <array>
-#include <cstring>
 #include <fcntl.h>
 #include <filesystem>
-#include <linux/fiemap.h>
 #include <linux/fs.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
@@ -22,35 +20,13 @@ constexpr std::uint32_t extentsAtOnce = 512;
 constexpr std::uint32_t nowhere =
     FIEMAP_EXTENT_UNKNOWN | FIEMAP_EXTENT_DELALLOC | FIEMAP_EXTENT_DATA_INLINE | FIEMAP_EXTENT_DATA_TAIL;
 
-/// What the kernel fills: a header, and the records of extents behind it.
-class Request {
-public:
-    explicit Request(std::uint64_t from) {
-        header().fm_start = from;
-        header().fm_length = FIEMAP_MAX_OFFSET - from;
-        header().fm_flags = FIEMAP_FLAG_SYNC;
-        header().fm_extent_count = extentsAtOnce;
-    }
-
-    fiemap& header() { return *static_cast<fiemap*>(static_cast<void*>(words.data())); }
-
-    [[nodiscard]] fiemap_extent extent(std::uint32_t index) const {
-        fiemap_extent extent{};
-        const auto* const bytes = static_cast<const char*>(static_cast<const void*>(words.data()));
-        std::memcpy(&extent, bytes + sizeof(fiemap) + index * sizeof extent, sizeof extent);
-        return extent;
-    }
-
-private:
-    std::array<std::uint64_t,
-               (sizeof(fiemap) + extentsAtOnce * sizeof(fiemap_extent)) / sizeof(std::uint64_t)>
-        words{};
-};
-
 /// The extents of a file from a position on, as many as there is room for. Returns where the next ones begin,
 /// 0 behind the last.
-std::uint64_t readExtents(const Descriptor& file, std::uint64_t from, std::vector<Extent>& found) {
-    Request request(from);
+std::uint64_t readExtents(const os::FileDescriptor& file, std::uint64_t from, std::vector<Extent>& found) {
+    os::ExtentRequest request(extentsAtOnce);
+    request.header().fm_start = from;
+    request.header().fm_length = FIEMAP_MAX_OFFSET - from;
+    request.header().fm_flags = FIEMAP_FLAG_SYNC;
     checked(::ioctl(file.get(), FS_IOC_FIEMAP, &request.header()), "find the extents of a file");
     std::uint64_t next = 0;
     for (std::uint32_t index = 0; index < request.header().fm_mapped_extents; ++index) {
@@ -71,7 +47,7 @@ bool isRegular(const std::string& path) {
 } // namespace
 
 std::vector<Extent> extentsOf(const std::string& path) {
-    const Descriptor file = openFile(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK);
+    const os::FileDescriptor file = openFile(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK);
     std::vector<Extent> found;
     std::uint64_t from = 0;
     do {

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Descriptor.h"
+#include "FileAccess.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -9,10 +9,16 @@
 
 namespace tolvubd {
 
+/// Where a number stands in a structure, and how wide it is, in bytes.
+struct Field {
+    std::size_t offset;
+    std::size_t width;
+};
+
 /// Bytes of an image, with the numbers that stand in them.
 class Fields {
 public:
-    Fields(const Descriptor& image, std::uint64_t offset, std::size_t length)
+    Fields(const os::FileDescriptor& image, std::uint64_t offset, std::size_t length)
         : bytes(length), isWhole(readAt(image, bytes, offset) == length) {}
 
     /// False when the image ends before them.
@@ -21,17 +27,17 @@ public:
     [[nodiscard]] std::uint8_t byte(std::size_t offset) const {
         return std::to_integer<std::uint8_t>(bytes.at(offset));
     }
-    [[nodiscard]] std::uint64_t little(std::size_t offset, std::size_t width) const {
+    [[nodiscard]] std::uint64_t little(Field field) const {
         std::uint64_t number = 0;
-        for (std::size_t index = width; index > 0; --index) {
-            number = number << 8U | byte(offset + index - 1);
+        for (std::size_t index = field.width; index > 0; --index) {
+            number = number << 8U | byte(field.offset + index - 1);
         }
         return number;
     }
-    [[nodiscard]] std::uint64_t big(std::size_t offset, std::size_t width) const {
+    [[nodiscard]] std::uint64_t big(Field field) const {
         std::uint64_t number = 0;
-        for (std::size_t index = 0; index < width; ++index) {
-            number = number << 8U | byte(offset + index);
+        for (std::size_t index = 0; index < field.width; ++index) {
+            number = number << 8U | byte(field.offset + index);
         }
         return number;
     }

@@ -84,8 +84,8 @@ pid_t startGuard(int root, int link) {
 FreezeGuard::FreezeGuard(const std::string& mountPoint) : root(openFile(mountPoint, O_RDONLY | O_DIRECTORY)) {
     std::array<int, 2> ends{};
     checked(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()), "connect the guard");
-    link = Descriptor(ends[0]);
-    const Descriptor childEnd(ends[1]);
+    link = os::FileDescriptor(ends[0]);
+    const os::FileDescriptor childEnd(ends[1]);
     child = checked(startGuard(root.get(), childEnd.get()), "start the guard");
     if (::ioctl(root.get(), FIFREEZE, 0) != 0) {
         const int error = errno;
@@ -128,7 +128,7 @@ bool FreezeGuard::endChild() noexcept {
 }
 
 void thawIfFrozen(const std::string& mountPoint) noexcept {
-    const Descriptor root(::open(mountPoint.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const os::FileDescriptor root(::open(mountPoint.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     ::ioctl(root.get(), FITHAW, 0);
 }
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Descriptor.h"
+#include "FileAccess.h"
 
 #include <string>
 #include <sys/types.h>
@@ -32,8 +32,8 @@ private:
     /// Whether the file system was frozen until now.
     bool endChild() noexcept;
 
-    Descriptor root;
-    Descriptor link;
+    os::FileDescriptor root;
+    os::FileDescriptor link;
     pid_t child = -1;
 };
 

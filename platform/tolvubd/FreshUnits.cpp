@@ -1,7 +1,7 @@
 #include "FreshUnits.h"
 
 #include "CowFile.h"
-#include "Descriptor.h"
+#include "FileAccess.h"
 #include "SpaceMap.h"
 
 #include <algorithm>

@@ -1,7 +1,7 @@
 #include "Recovery.h"
 
 #include "CowFile.h"
-#include "Descriptor.h"
+#include "FileAccess.h"
 #include "FreezeGuard.h"
 #include "Layout.h"
 #include "SnapshotNode.h"

@@ -1,8 +1,8 @@
 #include "SnapshotNode.h"
 
 #include "AtomicFile.h"
-#include "Descriptor.h"
 #include "Failure.h"
+#include "FileAccess.h"
 #include "Layout.h"
 
 #include <algorithm>
@@ -47,7 +47,7 @@ public:
         fs::remove(path, ignored);
     }
 
-    [[nodiscard]] Descriptor open() const { return openFile(path, O_RDONLY); }
+    [[nodiscard]] os::FileDescriptor open() const { return openFile(path, O_RDONLY); }
     void rename(const std::string& to) const {
         checked(::rename(path.c_str(), to.c_str()), "rename to " + to);
     }
@@ -56,7 +56,8 @@ private:
     std::string path;
 };
 
-loop_config configuration(const Descriptor& image, const std::string& capture, std::uint32_t sectorSize) {
+loop_config configuration(const os::FileDescriptor& image, const std::string& capture,
+                          std::uint32_t sectorSize) {
     loop_config config{};
     config.fd = static_cast<std::uint32_t>(image.get());
     config.block_size = sectorSize;
@@ -67,10 +68,10 @@ loop_config configuration(const Descriptor& image, const std::string& capture, s
 }
 
 /// False when somebody else has been faster: the free device isn't reserved for who has asked for it.
-bool tryToShow(const Descriptor& control, const loop_config& config, const std::string& node) {
+bool tryToShow(const os::FileDescriptor& control, const loop_config& config, const std::string& node) {
     const int loop = checked(::ioctl(control.get(), LOOP_CTL_GET_FREE), "find a free loop device");
     const HiddenNode hidden(static_cast<unsigned>(loop));
-    const Descriptor device = hidden.open();
+    const os::FileDescriptor device = hidden.open();
     if (::ioctl(device.get(), LOOP_CONFIGURE, &config) != 0) {
         if (errno == EBUSY) {
             return false;
@@ -122,8 +123,8 @@ bool isBlockDevice(const fs::directory_entry& entry) {
 } // namespace
 
 void showCapture(const std::string& capture, std::uint32_t sectorSize, std::uint32_t minor) {
-    const Descriptor control = openFile("/dev/loop-control", O_RDWR);
-    const Descriptor image = openFile(capture, O_RDONLY);
+    const os::FileDescriptor control = openFile("/dev/loop-control", O_RDWR);
+    const os::FileDescriptor image = openFile(capture, O_RDONLY);
     const loop_config config = configuration(image, capture, sectorSize);
     for (int attempt = 0; attempt < attempts; ++attempt) {
         if (tryToShow(control, config, layout::node(minor))) {
@@ -134,7 +135,7 @@ void showCapture(const std::string& capture, std::uint32_t sectorSize, std::uint
 }
 
 void requireUnused(std::uint32_t minor) {
-    const Descriptor device(::open(layout::node(minor).c_str(), O_RDONLY | O_EXCL | O_CLOEXEC));
+    const os::FileDescriptor device(::open(layout::node(minor).c_str(), O_RDONLY | O_EXCL | O_CLOEXEC));
     if (!device && errno == EBUSY) {
         failWithErrno(layout::node(minor));
     }

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Descriptor.h"
+#include "FileAccess.h"
 
 #include <cstdint>
 #include <optional>
@@ -17,9 +17,9 @@ struct SpaceMap {
 /// Reads the map of free space of an ext2, ext3, ext4 or XFS file system that is clean or frozen. None when
 /// it is another one, or laid out in a way that isn't understood: then every block may be in use, and every
 /// block may be free.
-std::optional<SpaceMap> readSpaceMap(const Descriptor& image, std::uint64_t size);
+std::optional<SpaceMap> readSpaceMap(const os::FileDescriptor& image, std::uint64_t size);
 
-std::optional<SpaceMap> readExtSpace(const Descriptor& image, std::uint64_t size);
-std::optional<SpaceMap> readXfsSpace(const Descriptor& image, std::uint64_t size);
+std::optional<SpaceMap> readExtSpace(const os::FileDescriptor& image, std::uint64_t size);
+std::optional<SpaceMap> readXfsSpace(const os::FileDescriptor& image, std::uint64_t size);
 
 } // namespace tolvubd

@@ -21,8 +21,8 @@ constexpr unsigned ownerOnly = 0600;
 constexpr std::size_t largestState = std::size_t{16} << 20;
 constexpr std::size_t sessionSize = 36;
 
-Descriptor takeLock() {
-    Descriptor lock = openFile(layout::lock, O_RDWR | O_CREAT, ownerOnly);
+os::FileDescriptor takeLock() {
+    os::FileDescriptor lock = openFile(layout::lock, O_RDWR | O_CREAT, ownerOnly);
     while (::flock(lock.get(), LOCK_EX) != 0) {
         if (errno != EINTR) {
             failWithErrno("lock the driver");

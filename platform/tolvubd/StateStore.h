@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Descriptor.h"
+#include "FileAccess.h"
 #include "Table.h"
 
 namespace tolvubd {
@@ -19,7 +19,7 @@ public:
     void takeBack() const;
 
 private:
-    Descriptor lock;
+    os::FileDescriptor lock;
 };
 
 /// The table as it is, for whoever only wants to look.

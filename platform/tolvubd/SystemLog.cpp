@@ -1,6 +1,6 @@
 #include "SystemLog.h"
 
-#include "Descriptor.h"
+#include "FileAccess.h"
 
 #include <algorithm>
 #include <array>
@@ -35,7 +35,7 @@ std::string timestamp() {
 }
 
 void sendToLog(const std::string& message) {
-    const Descriptor socket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    const os::FileDescriptor socket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     static constexpr std::string_view logSocket = "/dev/log";

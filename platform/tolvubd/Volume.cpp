@@ -1,8 +1,8 @@
 #include "Volume.h"
 
 #include "AtomicFile.h"
-#include "Descriptor.h"
 #include "Failure.h"
+#include "FileAccess.h"
 
 #include <fcntl.h>
 #include <filesystem>
@@ -61,7 +61,7 @@ std::string unescape(const std::string& text) {
 
 /// A file of the kernel's has no size to be asked for.
 std::string readMountInfo() {
-    const Descriptor file = openFile("/proc/self/mountinfo", O_RDONLY);
+    const os::FileDescriptor file = openFile("/proc/self/mountinfo", O_RDONLY);
     std::string text;
     std::string piece(std::size_t{64} << 10, '\0');
     while (const std::size_t got = readAt(file, std::as_writable_bytes(std::span(piece)), text.size())) {
@@ -85,7 +85,7 @@ Volume findVolume(const std::string& blockDevice) {
         fail(ENOTBLK, volume.path);
     }
     volume.number = status.st_rdev;
-    const Descriptor device = openFile(volume.path, O_RDONLY);
+    const os::FileDescriptor device = openFile(volume.path, O_RDONLY);
     int sectorSize = 0;
     checked(::ioctl(device.get(), BLKGETSIZE64, &volume.size), "size of " + volume.path);
     checked(::ioctl(device.get(), BLKSSZGET, &sectorSize), "sector size of " + volume.path);

@@ -14,8 +14,42 @@ constexpr std::uint64_t agfMagic = 0x58414746;         // "XAGF"
 constexpr std::uint64_t plainMagic = 0x41425442;       // "ABTB"
 constexpr std::uint64_t checksummedMagic = 0x41423342; // "AB3B"
 constexpr std::uint64_t noBlock = 0xFFFFFFFF;
-constexpr std::size_t pairSize = 8;
 constexpr std::size_t pointerSize = 4;
+constexpr std::size_t pairSize = 8; // a block, and how many there are from it on
+
+namespace super_block {
+constexpr Field magic{0, 4};
+constexpr Field blockSize{4, 4};
+constexpr Field blocks{8, 8};
+constexpr Field groupBlocks{84, 4};
+constexpr Field groups{88, 4};
+constexpr Field version{100, 2};
+constexpr Field sectorSize{102, 2};
+} // namespace super_block
+
+/// The header of a group, in the second sector of it; the list of blocks is in the fourth.
+namespace group_header {
+constexpr std::uint64_t sector = 1;
+constexpr std::uint64_t listSector = 3;
+constexpr Field magic{0, 4};
+constexpr Field root{16, 4};
+constexpr Field levels{28, 4};
+constexpr Field listOldest{40, 4};
+constexpr Field listCount{48, 4};
+} // namespace group_header
+
+namespace tree_node {
+constexpr Field magic{0, 4};
+constexpr Field level{4, 2};
+constexpr Field records{6, 2};
+constexpr Field right{12, 4};
+} // namespace tree_node
+
+/// How many bytes stand before the contents of these, without checksums and with them.
+constexpr std::size_t plainNodeHeader = 16;
+constexpr std::size_t checksummedNodeHeader = 56;
+constexpr std::size_t plainListHeader = 0;
+constexpr std::size_t checksummedListHeader = 36;
 
 struct Geometry {
     std::uint64_t blockSize = 0;
@@ -26,7 +60,9 @@ struct Geometry {
     bool hasChecksums = false;
 
     [[nodiscard]] std::uint64_t nodeMagic() const { return hasChecksums ? checksummedMagic : plainMagic; }
-    [[nodiscard]] std::size_t nodeHeader() const { return hasChecksums ? 56 : 16; }
+    [[nodiscard]] std::size_t nodeHeader() const {
+        return hasChecksums ? checksummedNodeHeader : plainNodeHeader;
+    }
 };
 
 bool isSound(const Geometry& geometry, std::uint64_t size) {
@@ -40,16 +76,19 @@ bool isSound(const Geometry& geometry, std::uint64_t size) {
            geometry.blocks <= geometry.groups * geometry.groupBlocks;
 }
 
-std::optional<Geometry> readGeometry(const Descriptor& image, std::uint64_t size) {
+std::optional<Geometry> readGeometry(const os::FileDescriptor& image, std::uint64_t size) {
     const Fields super(image, 0, superBlockSize);
-    if (!super || super.big(0, 4) != superMagic) {
+    if (!super || super.big(super_block::magic) != superMagic) {
         return std::nullopt;
     }
     constexpr std::uint64_t versionBits = 0xF;
     constexpr std::uint64_t withChecksums = 5;
-    const Geometry geometry{super.big(4, 4),   super.big(8, 8),
-                            super.big(84, 4),  super.big(88, 4),
-                            super.big(102, 2), (super.big(100, 2) & versionBits) == withChecksums};
+    const Geometry geometry{super.big(super_block::blockSize),
+                            super.big(super_block::blocks),
+                            super.big(super_block::groupBlocks),
+                            super.big(super_block::groups),
+                            super.big(super_block::sectorSize),
+                            (super.big(super_block::version) & versionBits) == withChecksums};
     return isSound(geometry, size) ? std::optional(geometry) : std::nullopt;
 }
 
@@ -57,7 +96,7 @@ std::optional<Geometry> readGeometry(const Descriptor& image, std::uint64_t size
 /// a list of blocks that the trees themselves grow into.
 class Group {
 public:
-    Group(const Descriptor& image, const Geometry& geometry, std::uint64_t number)
+    Group(const os::FileDescriptor& image, const Geometry& geometry, std::uint64_t number)
         : image(image),
           geometry(geometry),
           first(number * geometry.groupBlocks),
@@ -65,9 +104,10 @@ public:
 
     /// Takes what is free out of the map. False when it isn't known.
     bool clearFree(std::vector<bool>& used) const {
-        const Fields header = sector(1);
-        return header && header.big(0, 4) == agfMagic &&
-               clearTree(header.big(16, 4), header.big(28, 4), used) && clearList(header, used);
+        const Fields header = sector(group_header::sector);
+        return header && header.big(group_header::magic) == agfMagic &&
+               clearTree(header.big(group_header::root), header.big(group_header::levels), used) &&
+               clearList(header, used);
     }
 
 private:
@@ -85,8 +125,9 @@ private:
             return std::nullopt;
         }
         Fields found(image, (first + block) * geometry.blockSize, geometry.blockSize);
-        const bool isNode = found && found.big(0, 4) == geometry.nodeMagic() && found.big(4, 2) == level &&
-                            found.big(6, 2) <= mostPairs(level == 0);
+        const bool isNode = found && found.big(tree_node::magic) == geometry.nodeMagic() &&
+                            found.big(tree_node::level) == level &&
+                            found.big(tree_node::records) <= mostPairs(level == 0);
         return isNode ? std::optional(std::move(found)) : std::nullopt;
     }
 
@@ -102,23 +143,23 @@ private:
             if (!parent) {
                 return false;
             }
-            block = parent->big(geometry.nodeHeader() + mostPairs(false) * pairSize, pointerSize);
+            block = parent->big({geometry.nodeHeader() + mostPairs(false) * pairSize, pointerSize});
         }
         for (std::uint64_t leaves = 0; block != noBlock; ++leaves) {
             const std::optional<Fields> leaf = node(block, 0);
             if (!leaf || leaves == blocks || !clearLeaf(*leaf, used)) { // more than there can be: a loop
                 return false;
             }
-            block = leaf->big(12, 4);
+            block = leaf->big(tree_node::right);
         }
         return true;
     }
 
     bool clearLeaf(const Fields& leaf, std::vector<bool>& used) const {
-        const std::uint64_t records = leaf.big(6, 2);
+        const std::uint64_t records = leaf.big(tree_node::records);
         for (std::uint64_t record = 0; record < records; ++record) {
             const std::size_t at = geometry.nodeHeader() + record * pairSize;
-            if (!clear(leaf.big(at, 4), leaf.big(at + 4, 4), used)) {
+            if (!clear(leaf.big({at, pointerSize}), leaf.big({at + pointerSize, pointerSize}), used)) {
                 return false;
             }
         }
@@ -127,16 +168,16 @@ private:
 
     /// The list goes around: behind the last entry of its sector comes the first.
     bool clearList(const Fields& header, std::vector<bool>& used) const {
-        const std::size_t begin = geometry.hasChecksums ? 36 : 0;
+        const std::size_t begin = geometry.hasChecksums ? checksummedListHeader : plainListHeader;
         const std::uint64_t entries = (geometry.sectorSize - begin) / pointerSize;
-        const std::uint64_t oldest = header.big(40, 4);
-        const std::uint64_t count = header.big(48, 4);
-        const Fields list = sector(3);
+        const std::uint64_t oldest = header.big(group_header::listOldest);
+        const std::uint64_t count = header.big(group_header::listCount);
+        const Fields list = sector(group_header::listSector);
         if (!list || count > entries || oldest >= entries) {
             return false;
         }
         for (std::uint64_t index = 0; index < count; ++index) {
-            if (!clear(list.big(begin + (oldest + index) % entries * pointerSize, pointerSize), 1, used)) {
+            if (!clear(list.big({begin + (oldest + index) % entries * pointerSize, pointerSize}), 1, used)) {
                 return false;
             }
         }
@@ -152,7 +193,7 @@ private:
         return true;
     }
 
-    const Descriptor& image;
+    const os::FileDescriptor& image;
     const Geometry& geometry;
     std::uint64_t first;
     std::uint64_t blocks;
@@ -160,7 +201,7 @@ private:
 
 } // namespace
 
-std::optional<SpaceMap> readXfsSpace(const Descriptor& image, std::uint64_t size) {
+std::optional<SpaceMap> readXfsSpace(const os::FileDescriptor& image, std::uint64_t size) {
     const std::optional<Geometry> geometry = readGeometry(image, size);
     if (!geometry) {
         return std::nullopt;

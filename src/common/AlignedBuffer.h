@@ -1,47 +1,13 @@
 #pragma once
 
+#include "os/AlignedBuffer.h"
+
 #include <cstddef>
-#include <cstdlib>
-#include <memory>
 #include <string>
 
 namespace agent {
 
-/// Memory for direct I/O: it begins at a page, which suits every device, and is filled with zeros.
-/// Owns:    the memory.
-/// Threads: one at a time.
-/// Fails:   the constructor throws std::bad_alloc; nothing else fails.
-class AlignedBuffer {
-public:
-    /// Empty; nothing is allocated.
-    AlignedBuffer() noexcept = default;
-    /// `alignment` is what the device asks for. It is kept for whoever wants to know; the memory is aligned
-    /// to the page size, of which the alignment of every device is a divisor. A size of 0 allocates nothing.
-    AlignedBuffer(std::size_t size, std::size_t alignment);
-    AlignedBuffer(AlignedBuffer&& other) noexcept;
-    AlignedBuffer& operator=(AlignedBuffer&& other) noexcept;
-    AlignedBuffer(const AlignedBuffer&) = delete;
-    AlignedBuffer& operator=(const AlignedBuffer&) = delete;
-    ~AlignedBuffer() = default;
-
-    [[nodiscard]] std::byte* data() noexcept { return memory.get(); }
-    [[nodiscard]] const std::byte* data() const noexcept { return memory.get(); }
-    [[nodiscard]] std::size_t size() const noexcept { return bytes; }
-    [[nodiscard]] bool empty() const noexcept { return bytes == 0; }
-    [[nodiscard]] std::size_t alignment() const noexcept { return requestedAlignment; }
-
-private:
-    struct Free {
-        void operator()(std::byte* pointer) const noexcept {
-            // NOLINTNEXTLINE(cppcoreguidelines-no-malloc)
-            std::free(pointer); // NOLINT(resources): this is the owner
-        }
-    };
-
-    std::unique_ptr<std::byte[], Free> memory; // NOLINT(modernize-avoid-c-arrays)
-    std::size_t bytes = 0;
-    std::size_t requestedAlignment = 0;
-};
+using os::AlignedBuffer;
 
 /// What to say when a buffer could not be made, with the caller's place in the sources.
 std::string alignedMemoryFailure(std::size_t size, std::size_t alignment, const std::string& error,

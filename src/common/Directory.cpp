@@ -1,7 +1,7 @@
 #include "common/Directory.h"
 
-#include "common/FileDescriptor.h"
 #include "common/PosixError.h"
+#include "os/FileDescriptor.h"
 
 #include <cerrno>
 #include <cstring>
@@ -59,7 +59,7 @@ bool readNames(DIR* directory, std::vector<std::string>& names) {
 /// Removes all that the directory behind `descriptor` holds. Going down by descriptor and never by path
 /// keeps the walk inside the tree. Returns false with `errno` set on failure.
 // NOLINTNEXTLINE(misc-no-recursion): each level holds a descriptor; their limit bounds the depth
-bool removeContents(FileDescriptor descriptor) {
+bool removeContents(os::FileDescriptor descriptor) {
     const int number = descriptor.get();
     const DirectoryStream directory(::fdopendir(number));
     if (!directory) {
@@ -77,7 +77,8 @@ bool removeContents(FileDescriptor descriptor) {
         if (errno != EISDIR) {
             return false;
         }
-        FileDescriptor below(::openat(number, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+        os::FileDescriptor below(
+            ::openat(number, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
         if (!below || !removeContents(std::move(below)) ||
             ::unlinkat(number, name.c_str(), AT_REMOVEDIR) != 0) {
             return false;
@@ -121,7 +122,7 @@ std::vector<std::string> list(const std::string& path) {
 }
 
 void remove(const std::string& path) {
-    FileDescriptor descriptor(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    os::FileDescriptor descriptor(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     if (!descriptor && (errno == ENOTDIR || errno == ELOOP)) {
         throw PosixError("Failed to remove \"" + path + "\" - not a directory", ENOTDIR);
     }

@@ -1,8 +1,9 @@
 #include "common/File.h"
 
-#include "common/FileDescriptor.h"
 #include "common/Path.h"
 #include "common/PosixError.h"
+#include "os/FileDescriptor.h"
+#include "os/Transfer.h"
 
 #include <array>
 #include <cerrno>
@@ -53,7 +54,7 @@ bool copyBytes(int from, int to) {
             }
             return false;
         }
-        if (!writeAll(to, {buffer.data(), static_cast<std::size_t>(count)})) {
+        if (!os::writeAll(to, {buffer.data(), static_cast<std::size_t>(count)})) {
             return false;
         }
     }
@@ -74,12 +75,12 @@ void remove(const std::string& path) {
 
 void copy(const std::string& from, const std::string& to) {
     const std::string message = "file::copy(\"" + from + "\" -> \"" + to + "\") failed";
-    const FileDescriptor source(::open(from.c_str(), O_RDONLY | O_CLOEXEC));
+    const os::FileDescriptor source(::open(from.c_str(), O_RDONLY | O_CLOEXEC));
     struct ::stat sourceStatus{};
     if (!source || ::fstat(source.get(), &sourceStatus) != 0) {
         fail(message);
     }
-    const FileDescriptor destination(
+    const os::FileDescriptor destination(
         ::open(to.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, sourceStatus.st_mode & 07777));
     if (!destination) {
         const int reason = errno;
@@ -141,20 +142,8 @@ struct ::stat64 status64(const std::string& path) {
     return found;
 }
 
-bool writeAll(int descriptor, std::string_view content) noexcept {
-    while (!content.empty()) {
-        const ssize_t count = ::write(descriptor, content.data(), content.size());
-        if (count >= 0) {
-            content.remove_prefix(static_cast<std::size_t>(count));
-        } else if (errno != EINTR) {
-            return false;
-        }
-    }
-    return true;
-}
-
 void sync(const std::string& path) {
-    const FileDescriptor descriptor(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+    const os::FileDescriptor descriptor(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
     if (descriptor) {
         static_cast<void>(::fsync(descriptor.get()));
     }
@@ -165,12 +154,13 @@ void replace(const std::string& path, std::string_view content, mode_t mode) {
     const std::string message = "Unable to write \"" + temporary + "\"";
     // A left-over of an earlier crash is overwritten, its permissions included.
     ::unlink(temporary.c_str());
-    const FileDescriptor descriptor(::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode));
+    const os::FileDescriptor descriptor(
+        ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode));
     if (!descriptor) {
         fail(message);
     }
     UnfinishedFile unfinished(temporary);
-    if (!writeAll(descriptor.get(), content) || ::fsync(descriptor.get()) != 0) {
+    if (!os::writeAll(descriptor.get(), content) || ::fsync(descriptor.get()) != 0) {
         fail(message);
     }
     rename(temporary, path);

@@ -30,10 +30,6 @@ struct ::stat status(const std::string& path);
 struct ::stat linkStatus(const std::string& path);
 struct ::stat64 status64(const std::string& path);
 
-/// Writes all of `content` to an open descriptor, riding out interruptions and short writes.
-/// Returns false with `errno` set on failure.
-bool writeAll(int descriptor, std::string_view content) noexcept;
-
 /// Makes what was written to a file, or the names in a directory, survive a power cut. A file system that
 /// can't do so is no reason to fail.
 void sync(const std::string& path);

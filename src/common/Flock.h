@@ -1,6 +1,6 @@
 #pragma once
 
-#include "common/FileDescriptor.h"
+#include "os/FileDescriptor.h"
 
 #include <string>
 
@@ -24,7 +24,7 @@ public:
 
 private:
     std::string path;
-    FileDescriptor descriptor;
+    os::FileDescriptor descriptor;
 };
 
 } // namespace agent

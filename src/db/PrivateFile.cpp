@@ -1,6 +1,6 @@
 #include "db/PrivateFile.h"
 
-#include "common/FileDescriptor.h"
+#include "os/FileDescriptor.h"
 
 #include <array>
 #include <exception>
@@ -28,7 +28,7 @@ void narrow(const std::string& path) {
 
 void keepPrivate(const std::string& path) noexcept {
     try {
-        const FileDescriptor made(::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, ownerOnly));
+        const os::FileDescriptor made(::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, ownerOnly));
         for (const char* companion : companions) {
             narrow(path + companion);
         }

@@ -16,7 +16,7 @@ namespace agent::info {
 class Logger;
 
 /// The snapshot driver as the agent drives it: a table of its devices, read anew by every query, and the
-/// steps between no device, snapshot (state 3) and tracking (state 2).
+/// steps between no device, snapshot and tracking.
 ///
 /// The sources are split by subject: DriverController.cpp has table and queries, DriverTransitions.cpp has
 /// what changes a device's state, DriverReloadScripts.cpp the scripts that give tracking back after a
@@ -86,7 +86,7 @@ private:
     std::unordered_map<std::int32_t, DriverDeviceInfo> devicesByMinor;
     std::string driverVersion;
     std::unordered_map<std::string, DriverDeviceInfo> devicesByBlockDevice;
-    /// By device path: the state in which startSnapshot found the volume, -1 for none. Outlives the tables.
+    /// By device path: the state in which startSnapshot found the volume. Outlives the tables.
     std::unordered_map<std::string, std::int32_t> startingStates;
     DriverStatusFiles statusFiles;
 };

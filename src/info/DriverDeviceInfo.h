@@ -1,5 +1,7 @@
 #pragma once
 
+#include "info/DriverState.h"
+
 #include <cstdint>
 #include <string>
 
@@ -7,8 +9,8 @@ namespace agent::info {
 
 /// One device of the snapshot driver, as the driver last described it.
 struct DriverDeviceInfo {
-    std::int32_t minor = 0;   ///< the snapshot's device is /dev/tolvu<minor>
-    std::int32_t state = -1;  ///< 2: changes are tracked, 3: there is a snapshot to read
+    std::int32_t minor = 0; ///< the snapshot's device is /dev/tolvu<minor>
+    std::int32_t state = driver_state::noDevice;
     std::string cow_file;     ///< relative to the volume's mount point, with a slash at its head
     std::string block_device; ///< as it was given to the driver
     std::int32_t error = 0;

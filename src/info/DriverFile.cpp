@@ -1,5 +1,7 @@
 #include "info/DriverFile.h"
 
+#include "os/Transfer.h"
+
 #include <cerrno>
 #include <fcntl.h>
 #include <unistd.h>
@@ -24,11 +26,6 @@ int flagsOf(DriverFile::Access access) {
     return common;
 }
 
-bool fail(int error) {
-    errno = error;
-    return false;
-}
-
 } // namespace
 
 DriverFile::DriverFile(std::string path, Access access)
@@ -44,33 +41,16 @@ std::optional<std::uint64_t> DriverFile::seekToEnd() {
 }
 
 bool DriverFile::read(std::span<std::byte> buffer) {
-    while (!buffer.empty()) {
-        const ssize_t count = ::read(descriptor.get(), buffer.data(), buffer.size());
-        if (count == 0) {
-            return fail(ENODATA);
-        }
-        if (count > 0) {
-            buffer = buffer.subspan(static_cast<std::size_t>(count));
-        } else if (errno != EINTR) {
-            return false;
-        }
+    const os::Transfer reading = os::readUpTo(descriptor.get(), buffer);
+    if (reading.bytes == buffer.size()) {
+        return true;
     }
-    return true;
+    errno = reading.error != 0 ? reading.error : ENODATA;
+    return false;
 }
 
 bool DriverFile::write(std::span<const std::byte> buffer) {
-    while (!buffer.empty()) {
-        const ssize_t count = ::write(descriptor.get(), buffer.data(), buffer.size());
-        if (count == 0) {
-            return fail(EIO);
-        }
-        if (count > 0) {
-            buffer = buffer.subspan(static_cast<std::size_t>(count));
-        } else if (errno != EINTR) {
-            return false;
-        }
-    }
-    return true;
+    return os::writeAll(descriptor.get(), buffer);
 }
 
 bool DriverFile::sync() {

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "common/FileDescriptor.h"
+#include "os/FileDescriptor.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -39,7 +39,7 @@ public:
 
 private:
     std::string location;
-    FileDescriptor descriptor;
+    os::FileDescriptor descriptor;
 };
 
 } // namespace agent::info

@@ -5,6 +5,7 @@
 #include "info/CowFormat.h"
 #include "info/DriverController.h"
 #include "info/DriverFile.h"
+#include "info/VolumeFiles.h"
 #include "info/log/Logger.h"
 
 #include <algorithm>
@@ -20,8 +21,6 @@ namespace agent::info {
 namespace {
 
 using Access = DriverFile::Access;
-
-constexpr const char* historyName = ".tolvu.inc";
 
 /// A stretch of a table in memory. Tables of large volumes have hundreds of megabytes; no more than this is
 /// held of one at a time.
@@ -63,6 +62,19 @@ bool failWithout(Logger& logger, const std::string& what) {
     return false;
 }
 
+/// Calls `step` with the length of each piece of a table, in their order. False as soon as a step is.
+template <typename Step>
+bool forEachPiece(std::uint64_t tableSize, const Step& step) {
+    for (std::uint64_t left = tableSize; left > 0;) {
+        const std::uint64_t length = std::min(left, TablePiece::largest);
+        if (!step(length)) {
+            return false;
+        }
+        left -= length;
+    }
+    return true;
+}
+
 /// Writes the incremental history from a CoW file.
 class HistoryCopy {
 public:
@@ -79,14 +91,9 @@ public:
             return false;
         }
         piece.clear();
-        for (std::uint64_t done = 0; done < tableSize;) {
-            const std::uint64_t length = std::min(tableSize - done, TablePiece::largest);
-            if (!(zeroFill ? write(length) : copy(length))) {
-                return false;
-            }
-            done += length;
-        }
-        return history.sync() || failToWrite();
+        return forEachPiece(tableSize,
+                            [&](std::uint64_t length) { return zeroFill ? write(length) : copy(length); }) &&
+               (history.sync() || failToWrite());
     }
 
 private:
@@ -127,15 +134,12 @@ public:
         if (!incremental.seek(cow::tableOffset)) {
             return fail(logger, "Cannot seek past header in incremental history file: ");
         }
-        const std::uint64_t end = cow::tableOffset + tableSize;
-        for (std::uint64_t position = cow::tableOffset; position < end;) {
-            const std::uint64_t length = std::min(end - position, TablePiece::largest);
-            if (!merge(position, length)) {
-                return false;
-            }
+        std::uint64_t position = cow::tableOffset;
+        return forEachPiece(tableSize, [&](std::uint64_t length) {
+            const bool isMerged = merge(position, length);
             position += length;
-        }
-        return true;
+            return isMerged;
+        });
     }
 
 private:
@@ -186,7 +190,7 @@ bool DriverController::calculateCowFile(const DriverDeviceInfo& device, std::str
 
 std::string DriverController::getIncrementalHistoryPath(const BackupableVolume& volume) const {
     const std::vector<std::string>& mountPoints = volume.getMountPoints();
-    return mountPoints.empty() ? std::string() : (Path(mountPoints.front()) / historyName).str();
+    return mountPoints.empty() ? std::string() : (Path(mountPoints.front()) / volume_files::history).str();
 }
 
 bool DriverController::hasIncrementalHistory(const BackupableVolume& volume) {

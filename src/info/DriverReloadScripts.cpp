@@ -1,9 +1,10 @@
 #include "common/BaseDirectories.h"
 #include "common/File.h"
-#include "common/FileDescriptor.h"
 #include "info/BackupableVolume.h"
 #include "info/DriverController.h"
 #include "info/log/Logger.h"
+#include "os/FileDescriptor.h"
+#include "os/Transfer.h"
 
 #include <exception>
 #include <fcntl.h>
@@ -40,11 +41,11 @@ std::string scriptText(const BackupableVolume& volume, const DriverDeviceInfo& d
 }
 
 void writeScript(const std::string& path, const std::string& text) {
-    const FileDescriptor file(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, scriptMode));
+    const os::FileDescriptor file(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, scriptMode));
     if (!file) {
         throw std::runtime_error("Failed to open handle to incremental reload script");
     }
-    if (!file::writeAll(file.get(), text)) {
+    if (!os::writeAll(file.get(), text)) {
         ::unlink(path.c_str()); // half a script is worse than none
         throw std::runtime_error("Failed to write incremental reload script");
     }

@@ -1,7 +1,7 @@
 #include "info/DriverStatusFiles.h"
 
-#include "common/FileDescriptor.h"
 #include "common/PosixError.h"
+#include "os/FileDescriptor.h"
 
 #include <array>
 #include <cerrno>
@@ -37,7 +37,7 @@ const DriverStatusFiles& DriverStatusFiles::ofRunningDriver() {
 }
 
 std::optional<std::string> readDriverStatusFile(const std::string& path) {
-    const FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    const os::FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     if (!file) {
         return std::nullopt;
     }

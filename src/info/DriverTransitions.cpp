@@ -1,7 +1,9 @@
 #include "common/Path.h"
 #include "info/BackupableVolume.h"
 #include "info/DriverController.h"
+#include "info/DriverState.h"
 #include "info/ICowFileSize.h"
+#include "info/VolumeFiles.h"
 #include "info/log/Logger.h"
 
 #include <cerrno>
@@ -11,10 +13,9 @@ namespace agent::info {
 
 namespace {
 
-constexpr std::int32_t noDevice = -1;
-constexpr std::int32_t tracking = 2;
-constexpr std::int32_t activeSnapshot = 3;
-constexpr const char* firstCowFile = ".tolvu";
+using driver_state::activeSnapshot;
+using driver_state::noDevice;
+using driver_state::tracking;
 
 /// The driver's own choice.
 constexpr std::uint64_t cacheSize = 0;
@@ -60,7 +61,7 @@ bool DriverController::startFirstSnapshot(const BackupableVolume& volume, std::u
     if (!getUnusedMinor(minor)) {
         return false;
     }
-    const std::string cowFile = Path(volume.getMountPoints().front()) / firstCowFile;
+    const std::string cowFile = Path(volume.getMountPoints().front()) / volume_files::firstCow;
     logger.log(level::debug, "calling setup_snapshot for device: %s, cowfile: %s", device.c_str(),
                cowFile.c_str());
     const std::int32_t result = controller->setup_snapshot(asLibraryMinor(minor), device.c_str(),

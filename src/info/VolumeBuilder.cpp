@@ -1,7 +1,7 @@
 #include "info/VolumeBuilder.h"
 
-#include "common/FileDescriptor.h"
 #include "common/PosixError.h"
+#include "os/FileDescriptor.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -161,7 +161,7 @@ void VolumeBuilder::describeSectors(VolumeDescription& volume) const {
 }
 
 unsigned VolumeBuilder::readSectorSize(const std::string& device) const {
-    const FileDescriptor descriptor(::open(device.c_str(), O_RDONLY | O_CLOEXEC));
+    const os::FileDescriptor descriptor(::open(device.c_str(), O_RDONLY | O_CLOEXEC));
     if (!descriptor) {
         LogEntry(logger, level::warning) << "Cannot open volume \"" << device << "\" for reading.";
         return 0;

@@ -6,15 +6,11 @@ namespace agent::ordak {
 
 namespace {
 
-// The overall states, as the register of backups gives them.
-constexpr std::uint32_t active = 0;
-constexpr std::uint32_t finished = 3;
-
 const char* groupOf(std::uint32_t state) {
     switch (state) {
-    case active:
+    case core::backup::BACKUP_ACTIVE:
         return "active";
-    case finished:
+    case core::backup::BACKUP_FINISHED:
         return "finished";
     default:
         return "failed";

@@ -1,12 +1,12 @@
 #include "ordak/Certificate.h"
 
-#include "common/FileDescriptor.h"
+#include "os/FileDescriptor.h"
+#include "os/Transfer.h"
 
-#include <cerrno>
 #include <fcntl.h>
 #include <gnutls/abstract.h>
+#include <span>
 #include <stdexcept>
-#include <unistd.h>
 
 namespace agent::ordak {
 namespace {
@@ -45,24 +45,13 @@ gnutls_datum_t datumOf(std::string& bytes) {
 /// Reads until `bytes` is full or the file ends. A file that can't be read counts as empty.
 std::string readAtMost(int descriptor, std::size_t bytes) {
     std::string content(bytes, '\0');
-    std::size_t filled = 0;
-    while (filled < bytes) {
-        const ssize_t count = ::read(descriptor, content.data() + filled, bytes - filled);
-        if (count < 0 && errno == EINTR) {
-            continue;
-        }
-        if (count <= 0) {
-            break;
-        }
-        filled += static_cast<std::size_t>(count);
-    }
-    content.resize(filled);
+    content.resize(os::readUpTo(descriptor, std::as_writable_bytes(std::span(content))).bytes);
     return content;
 }
 
 std::string readCertificateFile(const std::string& path) {
     // Nothing that someone may have put there, like a pipe without a writer, holds the caller up.
-    const FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    const os::FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     if (!file) {
         throw std::invalid_argument("Failed to import file as certificate (failed to open file)");
     }

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "common/FileDescriptor.h"
+#include "os/FileDescriptor.h"
 
 #include <cstdint>
 #include <sys/types.h>
@@ -26,7 +26,7 @@ public:
     void takeBack() noexcept;
 
 private:
-    FileDescriptor socket;
+    os::FileDescriptor socket;
     ino_t identity = 0; // of the socket; no other one of the machine has it
 };
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "common/FileDescriptor.h"
+#include "os/FileDescriptor.h"
 
 #include <cstddef>
 #include <string>
@@ -26,7 +26,7 @@ public:
 private:
     bool fill();
 
-    FileDescriptor file;
+    os::FileDescriptor file;
     std::vector<char> buffer;
     std::size_t position = 0; // of what is not yet consumed of the buffer
     std::size_t end = 0;

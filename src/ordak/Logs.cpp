@@ -48,7 +48,6 @@ using info::LogTime;
 
 constexpr long defaultLines = 1000;
 constexpr long mostLines = 10000;
-constexpr std::time_t retention = 604'800;
 
 std::int64_t secondsOf(LogTime time) {
     return std::chrono::duration_cast<std::chrono::seconds>(time.time_since_epoch()).count();
@@ -103,7 +102,7 @@ Logs::Query Logs::readQuery(const APIExtendedData& request) {
     query.from = parseDate(argumentOf(request, "from")).value_or(std::numeric_limits<std::time_t>::min());
     query.until = parseDate(argumentOf(request, "until")).value_or(std::numeric_limits<std::time_t>::max());
     query.threshold = readThreshold(argumentOf(request, "severity"));
-    query.from = std::max(query.from, std::time(nullptr) - retention);
+    query.from = std::max(query.from, std::time(nullptr) - info::FilePrinter::retention.count());
     return query;
 }
 

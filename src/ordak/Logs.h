@@ -9,7 +9,7 @@ namespace agent::ordak {
 
 class LogEntries;
 
-/// GET /event: the newest lines of the agent's log files of the last seven days, filtered by the arguments
+/// GET /event: the newest lines of the agent's log files within their retention, filtered by the arguments
 /// "lines", "from", "until" and "severity". The files are streamed, so that memory doesn't grow with them;
 /// LogFileReader and LogEntries hold the limits.
 ///

@@ -1,7 +1,7 @@
-#include "common/FileDescriptor.h"
 #include "common/PosixError.h"
 #include "info/CowFile.h"
 #include "info/log/Logger.h"
+#include "os/FileDescriptor.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -31,7 +31,7 @@ public:
 
 private:
     std::string name = "/dev/shm/cow_file_fuzzer.XXXXXX";
-    agent::FileDescriptor file;
+    os::FileDescriptor file;
 };
 
 void require(bool holds) {

@@ -1,7 +1,7 @@
-#include "common/FileDescriptor.h"
 #include "info/BackupableVolume.h"
 #include "info/DriverController.h"
 #include "info/log/Logger.h"
+#include "os/FileDescriptor.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -26,7 +26,7 @@ public:
     [[nodiscard]] std::string path() const { return "/proc/self/fd/" + std::to_string(file.get()); }
 
 private:
-    agent::FileDescriptor file;
+    os::FileDescriptor file;
 };
 
 agent::info::BackupableVolume makeVolume() {

@@ -1,6 +1,7 @@
 #include "model/ModelDriver.h"
 
 #include "common/File.h"
+#include "info/VolumeFiles.h"
 #include "model/FaultPlan.h"
 
 #include <nlohmann/json.hpp>
@@ -17,16 +18,8 @@ namespace agent::model {
 namespace {
 
 constexpr std::uint32_t magic = 4776;
-constexpr std::size_t headerSize = 4096;
 constexpr std::size_t snapshotOffset = 32;
 constexpr std::size_t countOffset = 56;
-
-constexpr const char* firstName = "/.tolvu";
-constexpr const char* secondName = "/.tolvu1";
-
-const char* cowName(bool isSecond) {
-    return isSecond ? secondName : firstName;
-}
 
 template <typename Number>
 void put(std::string& bytes, std::size_t offset, Number number) {
@@ -34,7 +27,7 @@ void put(std::string& bytes, std::size_t offset, Number number) {
 }
 
 std::string cowContent(std::uint32_t snapshot, const std::array<std::uint64_t, unitCount>& table) {
-    std::string bytes(headerSize + sizeof table, '\0');
+    std::string bytes(cowFileSize, '\0');
     std::uint64_t changed = 0;
     for (const std::uint64_t word : table) {
         changed += word != 0 ? 1 : 0;
@@ -42,13 +35,13 @@ std::string cowContent(std::uint32_t snapshot, const std::array<std::uint64_t, u
     put(bytes, 0, magic);
     put(bytes, snapshotOffset, snapshot);
     put(bytes, countOffset, changed);
-    std::memcpy(bytes.data() + headerSize, table.data(), sizeof table);
+    std::memcpy(bytes.data() + cowHeaderSize, table.data(), sizeof table);
     return bytes;
 }
 
 std::optional<std::uint32_t> snapshotIn(const std::string& cowFile) {
     const std::string bytes = test::readFile(cowFile);
-    if (bytes.size() < headerSize) {
+    if (bytes.size() < cowHeaderSize) {
         return std::nullopt;
     }
     std::uint32_t snapshot = 0;
@@ -57,6 +50,10 @@ std::optional<std::uint32_t> snapshotIn(const std::string& cowFile) {
 }
 
 } // namespace
+
+std::string cowName(bool isSecond) {
+    return std::string("/") + (isSecond ? info::volume_files::secondCow : info::volume_files::firstCow);
+}
 
 bool isSnapshotMounted(std::size_t index) {
     struct ::stat inner{};
@@ -123,7 +120,7 @@ int ModelDriver::takeSnapshot(std::size_t index, const char* cowFile) {
     VolumeState& volume = world.volume(index);
     volume.device.state = activeSnapshot;
     volume.device.error = 0;
-    volume.device.isSecondCow = std::string(cowFile).ends_with(secondName);
+    volume.device.isSecondCow = std::string(cowFile).ends_with(cowName(true));
     volume.device.snapshot = world.newStamp();
     volume.device.baseline = volume.content;
     test::writeFile(cowFile, cowContent(volume.device.snapshot, {}));

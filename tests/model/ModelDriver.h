@@ -46,6 +46,13 @@ private:
     World& world;
 };
 
+/// A CoW file: a header, and a word for each unit of the volume.
+constexpr std::uint32_t cowHeaderSize = 4096;
+constexpr std::uint32_t cowFileSize = cowHeaderSize + 8 * unitCount;
+
+/// The name of the first CoW file or of the second, with the slash that the driver shows before it.
+std::string cowName(bool isSecond);
+
 /// Whether something is mounted where a volume's snapshot belongs.
 bool isSnapshotMounted(std::size_t index);
 

@@ -173,8 +173,8 @@ private:
     }
 
     void removeCowFiles(std::size_t index) {
-        for (const char* name : {"/.tolvu", "/.tolvu1"}) {
-            ::unlink((world.mountPointOf(index) + name).c_str());
+        for (const bool isSecond : {false, true}) {
+            ::unlink((world.mountPointOf(index) + cowName(isSecond)).c_str());
         }
     }
 
@@ -201,8 +201,8 @@ Events randomEvents(std::mt19937_64& source, std::uint32_t steps) {
         Event event;
         event.kind = randomKind(source);
         event.volume = below(source, static_cast<std::uint32_t>(volumes));
-        event.number = event.kind == Event::Kind::truncateHistory ? below(source, 4096 + 8 * unitCount)
-                                                                  : 1 + below(source, 5);
+        event.number =
+            event.kind == Event::Kind::truncateHistory ? below(source, cowFileSize) : 1 + below(source, 5);
         event.order = randomOrder(source, steps, volumes);
         events.push_back(event);
     }

@@ -3,6 +3,7 @@
 #include "common/BaseDirectories.h"
 #include "common/Directory.h"
 #include "common/File.h"
+#include "info/VolumeFiles.h"
 
 #include <new>
 #include <stdexcept>
@@ -43,7 +44,7 @@ std::string World::mountPointOf(std::size_t index) const {
 }
 
 std::string World::historyOf(std::size_t index) const {
-    return mountPointOf(index) + "/.tolvu.inc";
+    return mountPointOf(index) + "/" + info::volume_files::history;
 }
 
 std::string World::statusFile() const {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "info/DriverState.h"
 #include "support/TestDirectory.h"
 
 #include <array>
@@ -14,9 +15,9 @@ constexpr std::size_t unitCount = 24;
 constexpr std::size_t headUnits = 3; ///< what the checksum of an image covers
 constexpr std::uint64_t unitSize = 4096;
 
-constexpr std::int32_t noDevice = -1;
-constexpr std::int32_t tracking = 2;
-constexpr std::int32_t activeSnapshot = 3;
+using info::driver_state::activeSnapshot;
+using info::driver_state::noDevice;
+using info::driver_state::tracking;
 
 /// Each unit of a volume or an image is one number.
 using Units = std::array<std::uint32_t, unitCount>;

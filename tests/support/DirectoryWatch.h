@@ -1,6 +1,6 @@
 #pragma once
 
-#include "common/FileDescriptor.h"
+#include "os/FileDescriptor.h"
 
 #include <array>
 #include <cstddef>
@@ -34,7 +34,7 @@ public:
     }
 
 private:
-    FileDescriptor events{::inotify_init1(IN_CLOEXEC | IN_NONBLOCK)};
+    os::FileDescriptor events{::inotify_init1(IN_CLOEXEC | IN_NONBLOCK)};
 };
 
 } // namespace agent::test

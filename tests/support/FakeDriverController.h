@@ -3,6 +3,7 @@
 #include "info/BackupableVolume.h"
 #include "info/DriverDeviceInfo.h"
 #include "info/IDriverController.h"
+#include "info/VolumeFiles.h"
 
 #include <map>
 #include <set>
@@ -28,7 +29,7 @@ public:
     bool transitionToIncremental(const info::BackupableVolume& volume) override {
         const bool works = note("transitionToIncremental", volume) && devices.contains(volume.getUuid());
         if (works) {
-            devices.at(volume.getUuid()).state = 2;
+            devices.at(volume.getUuid()).state = info::driver_state::tracking;
         }
         return works;
     }
@@ -89,15 +90,19 @@ private:
         return !failing.contains(name) && !failing.contains(calls.back());
     }
 
+    const std::string firstCow = std::string("/") + info::volume_files::firstCow;
+    const std::string secondCow = std::string("/") + info::volume_files::secondCow;
+
     bool start(const info::BackupableVolume& volume) {
         const auto device = devices.find(volume.getUuid());
         if (device == devices.end()) {
             const auto minor = static_cast<std::int32_t>(devices.size());
-            devices[volume.getUuid()] = {minor, 3, "/.tolvu", volume.getDevice(), 0};
+            devices[volume.getUuid()] = {minor, info::driver_state::activeSnapshot, firstCow,
+                                         volume.getDevice(), 0};
             return true;
         }
-        device->second.state = 3;
-        device->second.cow_file = device->second.cow_file == "/.tolvu" ? "/.tolvu1" : "/.tolvu";
+        device->second.state = info::driver_state::activeSnapshot;
+        device->second.cow_file = device->second.cow_file == firstCow ? secondCow : firstCow;
         return true;
     }
 };

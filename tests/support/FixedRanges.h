@@ -1,6 +1,7 @@
 #pragma once
 
 #include "core/block/IBlockRangeProvider.h"
+#include "core/block/RangeIterator.h"
 
 #include <cstddef>
 #include <stdexcept>
@@ -14,30 +15,27 @@ class FixedRanges : public core::block::IBlockRangeProvider {
 public:
     static constexpr std::size_t never = ~std::size_t{0};
 
-    /// Reading the range with the index `failAt` throws an int, which is no std::exception.
+    /// Reading the range with the index `failAt`, if there is one, throws an int, which is no std::exception.
     explicit FixedRanges(std::vector<BlockRange> ranges, std::size_t failAt = never)
         : ranges(std::move(ranges)), failAt(failAt) {}
 
-    class Position {
+    class Position : public core::block::RangeIterator<Position, FixedRanges> {
     public:
-        Position(const FixedRanges& provider, std::size_t index) : provider(&provider), index(index) {}
-        const BlockRange& operator*() const {
+        Position(const FixedRanges& provider, std::size_t index) : RangeIterator(provider), index(index) {}
+        bool operator==(const Position& other) const { return index == other.index; }
+
+    private:
+        friend RangeIterator;
+
+        [[nodiscard]] bool isAtEnd() const { return index == provider->ranges.size(); }
+        [[nodiscard]] const BlockRange& currentRange() const {
             if (index == provider->failAt) {
                 throw 1; // NOLINT(hicpp-exception-baseclass): that is what is tried
             }
-            if (index == provider->ranges.size()) {
-                core::block::throwPastTheEnd(provider->name());
-            }
             return provider->ranges[index];
         }
-        Position& operator++() {
-            ++index;
-            return *this;
-        }
-        bool operator==(const Position&) const = default;
+        void advance() { ++index; }
 
-    private:
-        const FixedRanges* provider;
         std::size_t index;
     };
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "common/FileDescriptor.h"
+#include "os/FileDescriptor.h"
 
 #include <array>
 #include <cstring>
@@ -37,7 +37,7 @@ public:
 
 private:
     static constexpr const char* path = "/dev/log";
-    FileDescriptor socket;
+    os::FileDescriptor socket;
 };
 
 } // namespace agent::test

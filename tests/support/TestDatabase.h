@@ -5,6 +5,11 @@
 #include "support/RecordingLogger.h"
 #include "support/TestDirectory.h"
 
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <string>
+
 namespace agent::test {
 
 /// A real database in a directory of its own, with its tables.
@@ -20,6 +25,15 @@ public:
         const Path file = directory / "agent.sqlite";
         file::remove(file);
         dir::make(file);
+    }
+
+    /// The checksum of a volume, which must be of the type that the agent stores; 0 if there is none.
+    std::uint32_t storedChecksum(const std::string& uuid) {
+        std::uint32_t checksum = 0;
+        auto type = db::ChecksumType::gcrypt32crc;
+        provider.getVolumeChecksum(uuid, checksum, type);
+        EXPECT_EQ(type, db::ChecksumType::libcrc32c);
+        return checksum;
     }
 
     RecordingLogger log; ///< What the provider itself has to say.

@@ -13,15 +13,11 @@ namespace {
 
 constexpr std::size_t purgeThreshold = 6;
 
-/// How a list of backups shows one of them. The numbers are part of the device API.
-std::uint32_t overallState(const IBackup& backup) {
-    constexpr std::uint32_t active = 0;
-    constexpr std::uint32_t failed = 1;
-    constexpr std::uint32_t finished = 3;
+BackupState overallState(const IBackup& backup) {
     if (backup.isActive()) {
-        return active;
+        return BACKUP_ACTIVE;
     }
-    return backup.isFinished() ? finished : failed;
+    return backup.isFinished() ? BACKUP_FINISHED : BACKUP_FAILED;
 }
 
 } // namespace

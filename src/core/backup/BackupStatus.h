@@ -13,6 +13,13 @@ enum VolumeState : std::uint32_t {
     VOLUME_FINISHED = 2,
 };
 
+/// The state of a backup as a whole, as lists of backups show it. A cancelled one shows as failed.
+enum BackupState : std::uint32_t {
+    BACKUP_ACTIVE = 0,
+    BACKUP_FAILED = 1,
+    BACKUP_FINISHED = 3,
+};
+
 /// The progress of one volume of a backup.
 struct VolumeBackupStatus {
     std::string uuid;

@@ -21,7 +21,7 @@ public:
     virtual void addBackup(std::shared_ptr<IBackup> backup) = 0;
     virtual void getStatus(const std::string& backupId, BackupStatus& out) = 0;
     virtual void ping(const std::string& backupId) = 0;
-    /// Adds every backup's overall state to `out`: 0 active, 1 failed, 3 finished.
+    /// Adds every backup's overall state to `out`: a value of BackupState.
     virtual void getStatuses(std::unordered_map<std::string, std::uint32_t>& out) = 0;
     virtual void cancelBackup(const std::string& backupId) = 0;
     virtual void cancelAllBackups() = 0;

@@ -1,16 +1,14 @@
 #include "core/backup/SnapshotFiles.h"
 
 #include "common/File.h"
+#include "info/VolumeFiles.h"
 
 namespace agent::core::backup::snapshot_files {
 
 namespace {
 
-constexpr const char* firstCowFile = ".tolvu";
-constexpr const char* secondCowFile = ".tolvu1";
-constexpr const char* history = ".tolvu.inc";
-
-constexpr int inSnapshot = 3;
+using info::volume_files::firstCow;
+using info::volume_files::secondCow;
 
 std::string baseName(const std::string& path) {
     return path.substr(path.rfind('/') + 1);
@@ -19,29 +17,28 @@ std::string baseName(const std::string& path) {
 } // namespace
 
 std::vector<std::string> below(const Path& root) {
-    return {root / firstCowFile, root / secondCowFile, root / history};
+    return {root / firstCow, root / secondCow, root / info::volume_files::history};
 }
 
 std::string changeRecord(const Path& root, const info::DriverDeviceInfo& device) {
-    const bool isInSnapshot = device.state == inSnapshot;
-    const bool isSecondCurrent = device.cow_file.ends_with(secondCowFile);
-    const Path second = root / secondCowFile;
+    const bool isInSnapshot = device.state == info::driver_state::activeSnapshot;
+    const bool isSecondCurrent = device.cow_file.ends_with(secondCow);
+    const Path second = root / secondCow;
     // A first snapshot has no file beside the current one, and what was tracked may have lost its own.
     const bool isSecond = isInSnapshot != isSecondCurrent && file::exists(second);
-    return isSecond ? second.str() : (root / firstCowFile).str();
+    return isSecond ? second.str() : (root / firstCow).str();
 }
 
 std::string old(const Path& root, const info::DriverDeviceInfo& device) {
-    const bool isSecondCurrent = device.cow_file == std::string("/") + secondCowFile;
-    Path file = root / (isSecondCurrent ? firstCowFile : secondCowFile);
+    const bool isSecondCurrent = device.cow_file == std::string("/") + secondCow;
+    Path file = root / (isSecondCurrent ? firstCow : secondCow);
     return file.str();
 }
 
 bool areBothCowFiles(const std::string& one, const std::string& other) {
     const std::string first = baseName(one);
     const std::string second = baseName(other);
-    return (first == firstCowFile && second == secondCowFile) ||
-           (first == secondCowFile && second == firstCowFile);
+    return (first == firstCow && second == secondCow) || (first == secondCow && second == firstCow);
 }
 
 } // namespace agent::core::backup::snapshot_files

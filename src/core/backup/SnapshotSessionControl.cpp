@@ -9,6 +9,7 @@
 #include "core/backup/SnapshotFiles.h"
 #include "info/BackupableVolume.h"
 #include "info/CowFile.h"
+#include "info/CowFormat.h"
 #include "info/DriverController.h"
 #include "info/HumanSize.h"
 #include "info/ICowFileSize.h"
@@ -30,6 +31,8 @@ using info::BackupableVolume;
 using info::DriverDeviceInfo;
 using info::LogEntry;
 using info::Logger;
+using info::driver_state::activeSnapshot;
+using info::driver_state::tracking;
 using info::level::debug;
 using info::level::error;
 using info::level::warning;
@@ -42,12 +45,7 @@ enum class ClosedRecord {
     allThatIsOwed,
 };
 
-constexpr int tracking = 2;
-constexpr int activeSnapshot = 3;
 constexpr std::uint64_t bytesPerMiB = 1048576;
-/// What a change record has one entry for, and the size of that entry.
-constexpr std::uint64_t recordUnit = 4096;
-constexpr std::uint64_t recordEntry = 8;
 
 /// The log has the long text, the exception the short one.
 [[noreturn]] void fail(Logger& logger, const std::string& logged, const std::string& thrown) {
@@ -158,8 +156,8 @@ void SnapshotSessionControl::Impl::validateVolume(const BackupableVolume& volume
 bool SnapshotSessionControl::Impl::hasEnoughFreeSpace(const BackupableVolume& volume) {
     const std::uint64_t cowMiB =
         cowFileSize.getCowFileSizeMiB(logger, volume.getUuid(), volume.getSize(), volume.getFileSystem());
-    const std::uint64_t required =
-        cowMiB * bytesPerMiB + recordEntry + recordEntry * (volume.getSize() / recordUnit);
+    const std::uint64_t required = cowMiB * bytesPerMiB + info::cow::entrySize +
+                                   info::cow::entrySize * (volume.getSize() / info::cow::blockSize);
     const std::uint64_t available = volume.getSpaceFree();
     if (available >= required) {
         return true;
@@ -417,8 +415,8 @@ SnapshotSessionControl::Impl::getIncrementalBitmapInfo(const BackupableVolume& v
     const std::string name = snapshot_files::changeRecord(volume.getMountPoints().front(), device);
     const info::CowFile cowFile(logger, name);
     const std::uint64_t blocks = volume.getBlockCount();
-    block::IncrementalBitmapInfo record{name, cowFile.getBitmapOffset(), blocks * recordEntry, blocks,
-                                        unchangedBlocks(blocks, cowFile.getChangedBlocks())};
+    block::IncrementalBitmapInfo record{name, cowFile.getBitmapOffset(), blocks * info::cow::entrySize,
+                                        blocks, unchangedBlocks(blocks, cowFile.getChangedBlocks())};
     LogEntry(logger, debug) << "incr file: " << record.fileName << " | bitmap size: " << record.bitmapSize
                             << " | bitmap offset: " << record.bitmapOffset
                             << " | num bitmap entries: " << record.bitmapEntries;

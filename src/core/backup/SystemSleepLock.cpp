@@ -67,7 +67,7 @@ Message makeInhibitCall() {
 }
 
 /// Asks the login manager for the lock. Returns no descriptor, with the error set, on failure.
-FileDescriptor inhibit(::DBusConnection* connection, BusError& error) {
+os::FileDescriptor inhibit(::DBusConnection* connection, BusError& error) {
     Message call = makeInhibitCall();
     if (!call) {
         error.setNoMemory();
@@ -80,7 +80,7 @@ FileDescriptor inhibit(::DBusConnection* connection, BusError& error) {
         // The descriptor is a copy of the caller's own, close-on-exec.
         dbus_message_get_args(reply.get(), error.get(), DBUS_TYPE_UNIX_FD, &descriptor, DBUS_TYPE_INVALID);
     }
-    return FileDescriptor(descriptor);
+    return os::FileDescriptor(descriptor);
 }
 
 } // namespace

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "common/FileDescriptor.h"
 #include "info/log/Logger.h"
+#include "os/FileDescriptor.h"
 
 namespace agent::core::backup {
 
@@ -19,7 +19,7 @@ public:
 
 private:
     info::Logger& logger;
-    FileDescriptor inhibitFd;
+    os::FileDescriptor inhibitFd;
 };
 
 } // namespace agent::core::backup

@@ -1,7 +1,7 @@
 #include "core/backup/VolumeReader.h"
 
-#include "common/FileDescriptor.h"
 #include "common/PosixError.h"
+#include "os/FileDescriptor.h"
 
 #include <cerrno>
 #include <fcntl.h>
@@ -32,15 +32,15 @@ private:
 
     info::Logger& logger;
     std::string path;
-    FileDescriptor fd;
+    os::FileDescriptor fd;
     std::uint64_t size = 0;
 };
 
 /// Keeps `errno`, as does everything below that reports a failure.
 bool VolumeReader::Impl::open() {
-    fd = FileDescriptor(::open(path.c_str(), O_RDONLY | O_DIRECT | O_CLOEXEC));
+    fd = os::FileDescriptor(::open(path.c_str(), O_RDONLY | O_DIRECT | O_CLOEXEC));
     if (!fd && errno == EINVAL) { // a file system that knows no direct I/O
-        fd = FileDescriptor(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+        fd = os::FileDescriptor(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
     }
     if (!fd) {
         const int error = errno;

@@ -29,39 +29,21 @@ std::string BlockRangeProvider::name() const {
     return "Included Block Range Provider";
 }
 
-BlockRangeProvider::iterator::iterator(const BlockRangeProvider& provider) : provider(&provider) {
+BlockRangeProvider::iterator::iterator(const BlockRangeProvider& provider) : RangeIterator(provider) {
     for (const auto& excluder : provider.excluders) {
         if (excluder) {
             activeExcluders.push_back({excluder->begin(), {}, excluder.get()});
         }
     }
-    ++*this;
+    advance();
 }
 
 BlockRangeProvider::iterator::iterator(const BlockRangeProvider& provider, std::default_sentinel_t /*end*/)
-    : provider(&provider), atEnd(true) {}
+    : RangeIterator(provider), atEnd(true) {}
 
-const BlockRange& BlockRangeProvider::iterator::operator*() const {
-    if (atEnd) {
-        throwPastTheEnd(provider->name());
-    }
-    return current;
-}
-
-BlockRangeProvider::iterator& BlockRangeProvider::iterator::operator++() {
+void BlockRangeProvider::iterator::advance() {
     while (!step()) {
     }
-    return *this;
-}
-
-BlockRangeProvider::iterator BlockRangeProvider::iterator::operator++(int) {
-    iterator before(*this);
-    ++*this;
-    return before;
-}
-
-bool BlockRangeProvider::iterator::operator==(const iterator& other) const {
-    return provider == other.provider && atEnd == other.atEnd && (atEnd || current == other.current);
 }
 
 /// True when the next range, or the end, has been found.

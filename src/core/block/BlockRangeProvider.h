@@ -1,9 +1,9 @@
 #pragma once
 
 #include "core/block/IBlockRangeProvider.h"
+#include "core/block/RangeIterator.h"
 #include "info/log/Logger.h"
 
-#include <cstddef>
 #include <iterator>
 #include <memory>
 #include <vector>
@@ -36,25 +36,19 @@ private:
 
 /// Subtracts all excluders from the volume in one pass: each is kept on its first range that ends behind the
 /// blocks decided so far, and the nearest of these bounds the next range.
-class BlockRangeProvider::iterator {
+class BlockRangeProvider::iterator : public RangeIterator<BlockRangeProvider::iterator, BlockRangeProvider> {
 public:
-    using iterator_category = std::forward_iterator_tag;
-    using value_type = const BlockRange;
-    using difference_type = std::ptrdiff_t;
-    using pointer = const BlockRange*;
-    using reference = const BlockRange&;
-
     /// At the first range.
     explicit iterator(const BlockRangeProvider& provider);
     /// At the end.
     iterator(const BlockRangeProvider& provider, std::default_sentinel_t end);
 
-    const BlockRange& operator*() const;
-    iterator& operator++();
-    iterator operator++(int);
-    bool operator==(const iterator& other) const;
-
 private:
+    friend RangeIterator;
+
+    [[nodiscard]] bool isAtEnd() const { return atEnd; }
+    [[nodiscard]] const BlockRange& currentRange() const { return current; }
+    void advance();
     struct ActiveExcluder {
         BlockRangeIterator next;
         BlockRangeIterator end; ///< none until it is first needed
@@ -67,7 +61,6 @@ private:
     bool isStillActive(ActiveExcluder& active, BlockRange& nearest) const;
     [[nodiscard]] bool excludesMore(const BlockRange& range) const;
 
-    const BlockRangeProvider* provider;
     std::vector<ActiveExcluder> activeExcluders;
     BlockRange current;
     std::uint64_t position = 0; ///< the first block that isn't decided yet

@@ -29,7 +29,7 @@ std::string ChunkRangeProvider::name() const {
     return "Chunk Block Range Provider";
 }
 
-ChunkRangeProvider::iterator::iterator(const ChunkRangeProvider& provider) : provider(&provider) {
+ChunkRangeProvider::iterator::iterator(const ChunkRangeProvider& provider) : RangeIterator(provider) {
     if (!provider.base) {
         return;
     }
@@ -43,30 +43,12 @@ ChunkRangeProvider::iterator::iterator(const ChunkRangeProvider& provider) : pro
 }
 
 ChunkRangeProvider::iterator::iterator(const ChunkRangeProvider& provider, std::default_sentinel_t /*end*/)
-    : provider(&provider) {}
+    : RangeIterator(provider) {}
 
-const BlockRange& ChunkRangeProvider::iterator::operator*() const {
-    if (atEnd) {
-        throwPastTheEnd(provider->name());
-    }
-    return current;
-}
-
-ChunkRangeProvider::iterator& ChunkRangeProvider::iterator::operator++() {
+void ChunkRangeProvider::iterator::advance() {
     if (!atEnd && (range->end() > nextBlock || nextRange())) {
         cut();
     }
-    return *this;
-}
-
-ChunkRangeProvider::iterator ChunkRangeProvider::iterator::operator++(int) {
-    iterator before(*this);
-    ++*this;
-    return before;
-}
-
-bool ChunkRangeProvider::iterator::operator==(const iterator& other) const {
-    return provider == other.provider && atEnd == other.atEnd && (atEnd || current == other.current);
 }
 
 /// Goes on to the next range. False if there is none, which is the end.

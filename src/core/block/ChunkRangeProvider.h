@@ -1,9 +1,9 @@
 #pragma once
 
 #include "core/block/IBlockRangeProvider.h"
+#include "core/block/RangeIterator.h"
 #include "info/log/Logger.h"
 
-#include <cstddef>
 #include <iterator>
 #include <memory>
 
@@ -31,30 +31,23 @@ private:
     std::uint64_t maxBlocksPerChunk;
 };
 
-class ChunkRangeProvider::iterator {
+class ChunkRangeProvider::iterator : public RangeIterator<ChunkRangeProvider::iterator, ChunkRangeProvider> {
 public:
-    using iterator_category = std::forward_iterator_tag;
-    using value_type = const BlockRange;
-    using difference_type = std::ptrdiff_t;
-    using pointer = const BlockRange*;
-    using reference = const BlockRange&;
-
     /// At the first chunk.
     explicit iterator(const ChunkRangeProvider& provider);
     /// At the end.
     iterator(const ChunkRangeProvider& provider, std::default_sentinel_t end);
 
-    const BlockRange& operator*() const;
-    iterator& operator++();
-    iterator operator++(int);
-    bool operator==(const iterator& other) const;
-
 private:
+    friend RangeIterator;
+
+    [[nodiscard]] bool isAtEnd() const { return atEnd; }
+    [[nodiscard]] const BlockRange& currentRange() const { return current; }
+    void advance();
     bool nextRange();
     bool isRangeLogged();
     void cut();
 
-    const ChunkRangeProvider* provider;
     BlockRangeIterator range; ///< which is being cut
     BlockRangeIterator rangeEnd;
     std::uint64_t nextBlock = 0; ///< the first block behind the current chunk

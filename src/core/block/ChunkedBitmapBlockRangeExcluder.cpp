@@ -30,63 +30,43 @@ bool ChunkedBitmapBlockRangeExcluder::isBehindVolume(std::uint64_t element) cons
 }
 
 ChunkedBitmapBlockRangeExcluder::iterator::iterator(const ChunkedBitmapBlockRangeExcluder& excluder)
-    : excluder(&excluder), moreToFetch(true), chunk(*excluder.rangeFinder, excluder.bitsPerElement) {
+    : RangeIterator(excluder), moreToFetch(true), chunk(*excluder.rangeFinder, excluder.bitsPerElement) {
     fetchRanges();
 }
 
 ChunkedBitmapBlockRangeExcluder::iterator::iterator(const ChunkedBitmapBlockRangeExcluder& excluder,
                                                     std::default_sentinel_t /*end*/)
-    : excluder(&excluder), moreToFetch(false), chunk(*excluder.rangeFinder, excluder.bitsPerElement) {}
+    : RangeIterator(excluder), moreToFetch(false), chunk(*excluder.rangeFinder, excluder.bitsPerElement) {}
 
-const BlockRange& ChunkedBitmapBlockRangeExcluder::iterator::operator*() const {
-    if (chunk.atEnd()) {
-        throwPastTheEnd(excluder->name());
-    }
-    return current;
-}
-
-ChunkedBitmapBlockRangeExcluder::iterator& ChunkedBitmapBlockRangeExcluder::iterator::operator++() {
+void ChunkedBitmapBlockRangeExcluder::iterator::advance() {
     if (!chunk.atEnd()) {
         chunk.next();
     }
     fetchRanges();
-    return *this;
-}
-
-ChunkedBitmapBlockRangeExcluder::iterator ChunkedBitmapBlockRangeExcluder::iterator::operator++(int) {
-    iterator before(*this);
-    ++*this;
-    return before;
-}
-
-bool ChunkedBitmapBlockRangeExcluder::iterator::operator==(const iterator& other) const {
-    const bool exhausted = chunk.atEnd();
-    return excluder == other.excluder && exhausted == other.chunk.atEnd() &&
-           (exhausted || current == other.current);
 }
 
 /// Fetches until there is a range, or nothing more to fetch.
 void ChunkedBitmapBlockRangeExcluder::iterator::fetchRanges() {
     while (chunk.atEnd() && moreToFetch) {
-        info::LogEntry(excluder->logger, info::level::debug)
-            << excluder->name() << ": Advanced to the last cached range - fetching more...";
+        info::LogEntry(provider->logger, info::level::debug)
+            << provider->name() << ": Advanced to the last cached range - fetching more...";
         fetch();
     }
     if (!chunk.atEnd()) {
-        current = excluder->toBlockRange(chunk.current(), chunkStart);
+        current = provider->toBlockRange(chunk.current(), chunkStart);
     }
 }
 
 void ChunkedBitmapBlockRangeExcluder::iterator::fetch() {
     prepareBuffer();
     const std::int64_t fetched =
-        excluder->chunkProvider->getBitmapChunk(nextElement, chunk.data(), chunk.size());
+        provider->chunkProvider->getBitmapChunk(nextElement, chunk.data(), chunk.size());
     if (!isUsable(fetched)) {
         moreToFetch = false;
         return;
     }
-    info::LogEntry(excluder->logger, info::level::debug)
-        << excluder->name() << " got a bitmap chunk to find ranges in next " << fetched
+    info::LogEntry(provider->logger, info::level::debug)
+        << provider->name() << " got a bitmap chunk to find ranges in next " << fetched
         << " blocks starting at block " << nextElement;
     const auto elements = static_cast<std::uint64_t>(fetched);
     chunkStart = nextElement;
@@ -96,8 +76,8 @@ void ChunkedBitmapBlockRangeExcluder::iterator::fetch() {
 
 void ChunkedBitmapBlockRangeExcluder::iterator::prepareBuffer() {
     if (!chunk.hasBuffer()) {
-        chunk.setBuffer(fs::createLoggedBuffer(excluder->bitmapBufferSize(),
-                                               excluder->volume->getSectorSize(), excluder->logger));
+        chunk.setBuffer(fs::createLoggedBuffer(provider->bitmapBufferSize(),
+                                               provider->volume->getSectorSize(), provider->logger));
     }
 }
 
@@ -105,7 +85,7 @@ void ChunkedBitmapBlockRangeExcluder::iterator::prepareBuffer() {
 /// ever. A count that the buffer can't hold is a failure, too.
 bool ChunkedBitmapBlockRangeExcluder::iterator::isUsable(std::int64_t fetched) const {
     return fetched > 0 && static_cast<std::uint64_t>(fetched) <= chunk.capacity() &&
-           !excluder->isBehindVolume(nextElement);
+           !provider->isBehindVolume(nextElement);
 }
 
 } // namespace agent::core::block

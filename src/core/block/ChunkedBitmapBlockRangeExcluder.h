@@ -3,6 +3,7 @@
 #include "core/block/BitRangeFinderFactory.h"
 #include "core/block/IBlockRangeProvider.h"
 #include "core/block/MapChunk.h"
+#include "core/block/RangeIterator.h"
 #include "core/fs/IBlockBitmapChunkProvider.h"
 #include "info/BackupableVolume.h"
 #include "info/log/Logger.h"
@@ -50,31 +51,25 @@ private:
     std::size_t bitsPerElement;
 };
 
-class ChunkedBitmapBlockRangeExcluder::iterator {
+class ChunkedBitmapBlockRangeExcluder::iterator
+    : public RangeIterator<ChunkedBitmapBlockRangeExcluder::iterator, ChunkedBitmapBlockRangeExcluder> {
 public:
-    using iterator_category = std::forward_iterator_tag;
-    using value_type = const BlockRange;
-    using difference_type = std::ptrdiff_t;
-    using pointer = const BlockRange*;
-    using reference = const BlockRange&;
-
     /// At the first range, for which it fetches.
     explicit iterator(const ChunkedBitmapBlockRangeExcluder& excluder);
     /// At the end; it never fetches.
     iterator(const ChunkedBitmapBlockRangeExcluder& excluder, std::default_sentinel_t end);
 
-    const BlockRange& operator*() const;
-    iterator& operator++();
-    iterator operator++(int);
-    bool operator==(const iterator& other) const;
-
 private:
+    friend RangeIterator;
+
+    [[nodiscard]] bool isAtEnd() const { return chunk.atEnd(); }
+    [[nodiscard]] const BlockRange& currentRange() const { return current; }
+    void advance();
     void fetchRanges();
     void fetch();
     void prepareBuffer();
     [[nodiscard]] bool isUsable(std::int64_t fetched) const;
 
-    const ChunkedBitmapBlockRangeExcluder* excluder;
     bool moreToFetch;
     std::uint64_t nextElement = 0; ///< to fetch
     std::uint64_t chunkStart = 0;  ///< the chunk's first element

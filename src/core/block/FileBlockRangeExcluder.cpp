@@ -51,22 +51,4 @@ std::string FileBlockRangeExcluder::name() const {
     return "File Block Range Excluder (\"" + path + "\")";
 }
 
-const BlockRange& FileBlockRangeExcluder::iterator::operator*() const {
-    if (position >= excluder->ranges.size()) {
-        throwPastTheEnd(excluder->name());
-    }
-    return excluder->ranges[position];
-}
-
-FileBlockRangeExcluder::iterator& FileBlockRangeExcluder::iterator::operator++() {
-    position += position < excluder->ranges.size() ? 1 : 0;
-    return *this;
-}
-
-FileBlockRangeExcluder::iterator FileBlockRangeExcluder::iterator::operator++(int) {
-    iterator before(*this);
-    ++*this;
-    return before;
-}
-
 } // namespace agent::core::block

@@ -2,10 +2,10 @@
 
 #include "core/block/FileExtents.h"
 #include "core/block/IBlockRangeProvider.h"
+#include "core/block/RangeIterator.h"
 #include "info/log/Logger.h"
 
 #include <cstddef>
-#include <iterator>
 #include <string>
 #include <vector>
 
@@ -33,24 +33,23 @@ private:
     std::vector<BlockRange> ranges; // ascending
 };
 
-class FileBlockRangeExcluder::iterator {
+class FileBlockRangeExcluder::iterator
+    : public RangeIterator<FileBlockRangeExcluder::iterator, FileBlockRangeExcluder> {
 public:
-    using iterator_category = std::forward_iterator_tag;
-    using value_type = const BlockRange;
-    using difference_type = std::ptrdiff_t;
-    using pointer = const BlockRange*;
-    using reference = const BlockRange&;
-
     iterator(const FileBlockRangeExcluder& excluder, std::size_t position)
-        : excluder(&excluder), position(position) {}
+        : RangeIterator(excluder), position(position) {}
 
-    const BlockRange& operator*() const;
-    iterator& operator++();
-    iterator operator++(int);
-    bool operator==(const iterator& other) const = default;
+    bool operator==(const iterator& other) const {
+        return provider == other.provider && position == other.position;
+    }
 
 private:
-    const FileBlockRangeExcluder* excluder;
+    friend RangeIterator;
+
+    [[nodiscard]] bool isAtEnd() const { return position >= provider->ranges.size(); }
+    [[nodiscard]] const BlockRange& currentRange() const { return provider->ranges[position]; }
+    void advance() { position += isAtEnd() ? 0 : 1; }
+
     std::size_t position;
 };
 

@@ -1,12 +1,11 @@
 #include "core/block/FileExtents.h"
 
-#include "common/FileDescriptor.h"
 #include "common/PosixError.h"
+#include "os/ExtentRequest.h"
+#include "os/FileDescriptor.h"
 
 #include <algorithm>
 #include <cerrno>
-#include <cstddef>
-#include <cstring>
 #include <fcntl.h>
 #include <linux/fs.h>
 #include <stdexcept>
@@ -30,29 +29,6 @@ constexpr std::uint32_t mostExtents = std::uint32_t{1} << 20U;
 constexpr std::uint32_t notTheFilesAlone =
     FIEMAP_EXTENT_UNKNOWN | FIEMAP_EXTENT_DELALLOC | FIEMAP_EXTENT_SHARED | FIEMAP_EXTENT_NOT_ALIGNED;
 
-/// What the kernel fills: a header, and the records of extents behind it.
-class ExtentRequest {
-public:
-    explicit ExtentRequest(std::uint32_t extents)
-        : words((sizeof(fiemap) + std::size_t{extents} * sizeof(fiemap_extent)) / sizeof(std::uint64_t)) {
-        header().fm_length = FIEMAP_MAX_OFFSET;
-        header().fm_extent_count = extents;
-    }
-
-    fiemap& header() { return *static_cast<fiemap*>(static_cast<void*>(words.data())); }
-
-    [[nodiscard]] fiemap_extent extent(std::uint32_t index) const {
-        constexpr std::size_t wordsEach = sizeof(fiemap_extent) / sizeof(std::uint64_t);
-        fiemap_extent extent{};
-        std::memcpy(&extent, words.data() + sizeof(fiemap) / sizeof(std::uint64_t) + index * wordsEach,
-                    sizeof(extent));
-        return extent;
-    }
-
-private:
-    std::vector<std::uint64_t> words; // for their alignment
-};
-
 /// One look at where a file lies.
 class ExtentWalk {
 public:
@@ -73,7 +49,7 @@ public:
 private:
     void open() {
         // Neither a pipe nor a link to somewhere else is the file that is meant.
-        file = FileDescriptor(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW));
+        file = os::FileDescriptor(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW));
         if (!file) {
             fail("Failed to open handle to file \"" + path + "\", error: ");
         }
@@ -93,7 +69,7 @@ private:
     }
 
     std::uint32_t countExtents() {
-        ExtentRequest request(0);
+        os::ExtentRequest request(0);
         if (query(file.get(), request.header()) != 0) {
             fail("FIEMAP IoCtl for file \"" + path + "\" failed, error: ");
         }
@@ -106,7 +82,7 @@ private:
     }
 
     std::vector<BlockRange> readExtents(std::uint32_t expected) {
-        ExtentRequest request(expected);
+        os::ExtentRequest request(expected);
         if (query(file.get(), request.header()) != 0) {
             fail("FIEMAP IoCtl for excluded file \"" + path + "\" failed, error ");
         }
@@ -167,7 +143,7 @@ private:
     const ExtentQuery& query;
     const std::string& path;
     std::uint64_t blockSize;
-    FileDescriptor file;
+    os::FileDescriptor file;
 };
 
 } // namespace

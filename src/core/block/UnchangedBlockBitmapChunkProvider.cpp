@@ -1,12 +1,15 @@
 #include "core/block/UnchangedBlockBitmapChunkProvider.h"
 
-#include "common/FileDescriptor.h"
 #include "common/PosixError.h"
+#include "info/CowFormat.h"
+#include "os/FileDescriptor.h"
+#include "os/Transfer.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
 #include <limits>
+#include <span>
 #include <unistd.h>
 #include <utility>
 
@@ -14,29 +17,7 @@ namespace agent::core::block {
 
 namespace {
 
-constexpr std::uint64_t wordBytes = sizeof(std::uint64_t);
-
-struct Reading {
-    std::uint64_t bytes = 0;
-    bool endOfFile = false;
-    int error = 0;
-};
-
-/// Reads until `length` bytes have arrived, the file ends or reading fails.
-Reading readUpTo(int descriptor, std::uint8_t* buffer, std::uint64_t length) {
-    Reading reading;
-    while (reading.bytes < length && !reading.endOfFile && reading.error == 0) {
-        const ssize_t count = ::read(descriptor, buffer + reading.bytes, length - reading.bytes);
-        if (count > 0) {
-            reading.bytes += static_cast<std::uint64_t>(count);
-        } else if (count == 0) {
-            reading.endOfFile = true;
-        } else if (errno != EINTR) {
-            reading.error = errno;
-        }
-    }
-    return reading;
-}
+constexpr std::uint64_t wordBytes = info::cow::entrySize;
 
 bool seekTo(int descriptor, std::uint64_t position) {
     return position <= static_cast<std::uint64_t>(std::numeric_limits<off_t>::max()) &&
@@ -54,7 +35,7 @@ public:
                                 std::size_t bufferBytes) const {
         // A pipe in the place of the file must not hold the backup up, and a link there leads to nothing that
         // the driver has written.
-        const FileDescriptor file(
+        const os::FileDescriptor file(
             ::open(bitmapInfo.fileName.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW));
         if (!file) {
             info::LogEntry(logger, info::level::error)
@@ -71,7 +52,8 @@ public:
         const std::uint64_t left =
             bitmapInfo.bitmapEntries - std::min(startElement, bitmapInfo.bitmapEntries);
         const std::uint64_t request = std::min<std::uint64_t>(left, bufferBytes / wordBytes);
-        return wordsRead(request, readUpTo(file.get(), buffer, request * wordBytes));
+        return wordsRead(request, os::readUpTo(file.get(), std::as_writable_bytes(
+                                                               std::span(buffer, request * wordBytes))));
     }
 
 private:
@@ -83,7 +65,7 @@ private:
         return overflows ? std::numeric_limits<std::uint64_t>::max() : position;
     }
 
-    [[nodiscard]] std::int64_t wordsRead(std::uint64_t request, const Reading& reading) const {
+    [[nodiscard]] std::int64_t wordsRead(std::uint64_t request, const os::Transfer& reading) const {
         if (reading.error != 0 && reading.bytes == 0) {
             info::LogEntry(logger, info::level::error)
                 << "Failed to read incremental bitmap: " << PosixError::describe(reading.error);
@@ -94,7 +76,7 @@ private:
             info::LogEntry(logger, info::level::info)
                 << "Incremental bitmap read request: " << request << ", Data read: " << words;
             info::LogEntry(logger, info::level::debug)
-                << "Reached EOF? : " << (reading.endOfFile ? "true" : "false");
+                << "Reached EOF? : " << (reading.error == 0 ? "true" : "false");
         }
         return static_cast<std::int64_t>(words);
     }

@@ -1,5 +1,7 @@
 #include "core/block/UnchangedBlockRangeExcluder.h"
 
+#include "info/CowFormat.h"
+
 #include <bit>
 #include <functional>
 #include <utility>
@@ -8,7 +10,7 @@ namespace agent::core::block {
 
 namespace {
 
-constexpr std::uint32_t unitBytes = 4096;
+constexpr std::uint64_t unitBytes = info::cow::blockSize;
 
 /// Excluding nothing is right for blocks of any size.
 BlockRange excludeNothing(std::uint64_t /*factor*/, const BlockRange& /*range*/, std::uint64_t /*offset*/) {

@@ -1,7 +1,7 @@
 #include "core/script/UnixCommandStream.h"
 
-#include "common/File.h"
 #include "common/PosixError.h"
+#include "os/Transfer.h"
 
 #include <algorithm>
 #include <array>
@@ -93,24 +93,24 @@ private:
 
 /// Moves a descriptor out of the way of the standard ones, which the child puts the pipe in place of. A new
 /// descriptor is one of them only if the agent was started with some of them closed.
-FileDescriptor aboveStandard(FileDescriptor descriptor) {
+os::FileDescriptor aboveStandard(os::FileDescriptor descriptor) {
     if (descriptor.get() > STDERR_FILENO) {
         return descriptor;
     }
-    FileDescriptor moved(::fcntl(descriptor.get(), F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
+    os::FileDescriptor moved(::fcntl(descriptor.get(), F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
     if (!moved) {
         throw PosixError("pipe failed!", errno);
     }
     return moved;
 }
 
-std::pair<FileDescriptor, FileDescriptor> makePipe() {
+std::pair<os::FileDescriptor, os::FileDescriptor> makePipe() {
     std::array<int, 2> ends{};
     if (::pipe2(ends.data(), O_CLOEXEC) != 0) {
         throw PosixError("pipe failed!", errno);
     }
-    FileDescriptor readEnd(ends[0]);
-    FileDescriptor writeEnd(ends[1]);
+    os::FileDescriptor readEnd(ends[0]);
+    os::FileDescriptor writeEnd(ends[1]);
     return {aboveStandard(std::move(readEnd)), aboveStandard(std::move(writeEnd))};
 }
 
@@ -120,10 +120,10 @@ std::pair<FileDescriptor, FileDescriptor> makePipe() {
 /// Prints what perror would and ends the child.
 [[noreturn]] void fail(const char* step) noexcept {
     const char* reason = ::strerrordesc_np(errno);
-    file::writeAll(STDERR_FILENO, step);
-    file::writeAll(STDERR_FILENO, ": ");
-    file::writeAll(STDERR_FILENO, reason != nullptr ? reason : "Unknown error");
-    file::writeAll(STDERR_FILENO, "\n");
+    os::writeAll(STDERR_FILENO, step);
+    os::writeAll(STDERR_FILENO, ": ");
+    os::writeAll(STDERR_FILENO, reason != nullptr ? reason : "Unknown error");
+    os::writeAll(STDERR_FILENO, "\n");
     ::_exit(1);
 }
 

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "common/FileDescriptor.h"
 #include "core/script/ICommandStream.h"
+#include "os/FileDescriptor.h"
 
 #include <chrono>
 #include <optional>
@@ -50,9 +50,9 @@ private:
     [[nodiscard]] bool mayReadOn() const noexcept;
 
     const bool killOnDestroy;
-    FileDescriptor readFd;
-    FileDescriptor writeFd; // held in the constructor only; the child has the other copy
-    ::pid_t pid = 0;        // 0 once reaped
+    os::FileDescriptor readFd;
+    os::FileDescriptor writeFd; // held in the constructor only; the child has the other copy
+    ::pid_t pid = 0;            // 0 once reaped
     bool eof = false;
     std::optional<TimeLeft> timeLeft;
 };

@@ -4,9 +4,10 @@
 #include "common/Directory.h"
 #include "common/Exceptions.h"
 #include "common/File.h"
-#include "common/FileDescriptor.h"
 #include "info/log/LocalTime.h"
 #include "info/log/LoggingError.h"
+#include "os/FileDescriptor.h"
+#include "os/Transfer.h"
 
 #include <array>
 #include <ctime>
@@ -18,7 +19,6 @@ namespace agent::info {
 
 namespace {
 
-constexpr std::chrono::seconds retention(604'800);
 constexpr mode_t logFileMode = 0640;
 
 } // namespace
@@ -72,13 +72,13 @@ bool FilePrinter::print(const std::string& message, int /*level*/, LogTime time)
     if (!file::exists(path)) {
         removeOldFiles(directory, time);
     }
-    const FileDescriptor log(
+    const os::FileDescriptor log(
         ::open(path.str().c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, logFileMode));
     if (!log) {
         reportLoggingError("Could not open output log file");
         return false;
     }
-    if (!file::writeAll(log.get(), message)) {
+    if (!os::writeAll(log.get(), message)) {
         reportLoggingError("File stream error occurred while outputting log message");
         return false;
     }

@@ -1,6 +1,6 @@
 #include "common/BrokenPipeGuard.h"
 
-#include "common/FileDescriptor.h"
+#include "os/FileDescriptor.h"
 
 #include <gtest/gtest.h>
 
@@ -23,13 +23,13 @@ protected:
         std::array<int, 2> ends{};
         ASSERT_EQ(::pipe(ends.data()), 0);
         ::close(ends[0]);
-        writeEnd = FileDescriptor(ends[1]);
+        writeEnd = os::FileDescriptor(ends[1]);
         brokenPipes = 0;
         previous = std::signal(SIGPIPE, &countBrokenPipe);
     }
     void TearDown() override { std::signal(SIGPIPE, previous); }
 
-    FileDescriptor writeEnd;
+    os::FileDescriptor writeEnd;
     void (*previous)(int) = SIG_DFL;
 };
 

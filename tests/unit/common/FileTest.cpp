@@ -1,6 +1,5 @@
 #include "common/File.h"
 
-#include "common/FileDescriptor.h"
 #include "common/PosixError.h"
 #include "support/Messages.h"
 #include "support/TestDirectory.h"
@@ -8,7 +7,6 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <fcntl.h>
 #include <sys/mount.h>
 #include <unistd.h>
 
@@ -178,13 +176,6 @@ TEST_F(File, ReplaceDoesNotWriteThroughAPlantedLink) {
     file::symlink(b, a + ".new");
     file::replace(a, "settings", 0600);
     EXPECT_EQ(readFile(b), "precious");
-}
-
-TEST_F(File, WriteAllReportsTheReason) {
-    const FileDescriptor full(::open("/dev/full", O_WRONLY | O_CLOEXEC));
-    ASSERT_TRUE(full);
-    EXPECT_FALSE(file::writeAll(full.get(), "x"));
-    EXPECT_EQ(errno, ENOSPC);
 }
 
 } // namespace

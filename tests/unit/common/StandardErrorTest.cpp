@@ -1,6 +1,6 @@
 #include "common/StandardError.h"
 
-#include "common/FileDescriptor.h"
+#include "os/FileDescriptor.h"
 #include "support/ProcessState.h"
 
 #include <gtest/gtest.h>
@@ -27,8 +27,8 @@ protected:
     StandardErrorTest() {
         std::array<int, 2> ends{};
         EXPECT_EQ(::pipe2(ends.data(), O_CLOEXEC), 0);
-        reader = FileDescriptor(ends[0]);
-        const FileDescriptor writer(ends[1]);
+        reader = os::FileDescriptor(ends[0]);
+        const os::FileDescriptor writer(ends[1]);
         EXPECT_EQ(::dup2(writer.get(), STDERR_FILENO), STDERR_FILENO);
         brokenPipes = 0;
     }
@@ -56,10 +56,10 @@ protected:
         return total;
     }
 
-    FileDescriptor reader;
+    os::FileDescriptor reader;
 
 private:
-    const FileDescriptor former{::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0)};
+    const os::FileDescriptor former{::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0)};
 };
 
 TEST_F(StandardErrorTest, TextGoesThereAsItStands) {

@@ -7,6 +7,7 @@
 #include "support/Messages.h"
 #include "support/NoMoreThreads.h"
 #include "support/RecordingLogger.h"
+#include "support/Stay.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -315,52 +316,40 @@ TEST_F(EngineTest, EndedCancelledThreadsMakeRoomAgain) {
 }
 
 TEST_F(EngineTest, SecondRequestWaitsForTheFirst) {
-    std::promise<void> entered;
-    std::promise<void> leave;
-    whileMaking = [&] {
-        entered.set_value();
-        leave.get_future().wait();
-    };
+    test::Stay making;
+    whileMaking = std::ref(making);
     std::future<std::string> first = std::async(std::launch::async, [&] { return request(); });
-    entered.get_future().wait();
+    making.waitUntilEntered();
     whileMaking = nullptr;
     std::future<std::string> second = std::async(std::launch::async, [&] { return request(); });
     EXPECT_EQ(second.wait_for(50ms), std::future_status::timeout);
-    leave.set_value();
+    making.leave();
     EXPECT_EQ(first.get(), "backup-1");
     EXPECT_EQ(second.get(), "backup-2");
 }
 
 TEST_F(EngineTest, SecondRequestGivesUpAfterFiveSeconds) {
-    std::promise<void> entered;
-    std::promise<void> leave;
-    whileMaking = [&] {
-        entered.set_value();
-        leave.get_future().wait();
-    };
+    test::Stay making;
+    whileMaking = std::ref(making);
     std::future<std::string> first = std::async(std::launch::async, [&] { return request(); });
-    entered.get_future().wait();
+    making.waitUntilEntered();
     const auto begun = std::chrono::steady_clock::now();
     EXPECT_EQ(messageOf<exception::bad_request>([&] { request(); }),
               "Core engine can't do a backup right now, one is already being started");
     EXPECT_GE(std::chrono::steady_clock::now() - begun, 5s);
-    leave.set_value();
+    making.leave();
     EXPECT_EQ(first.get(), "backup-1");
 }
 
 TEST_F(EngineTest, CancelDoesNotWaitForARequest) {
     const std::string running = request();
-    std::promise<void> entered;
-    std::promise<void> leave;
-    whileMaking = [&] {
-        entered.set_value();
-        leave.get_future().wait();
-    };
+    test::Stay making;
+    whileMaking = std::ref(making);
     std::future<std::string> next = std::async(std::launch::async, [&] { return request(); });
-    entered.get_future().wait();
+    making.waitUntilEntered();
     EXPECT_THROW(engine->cancelBackup(running), exception::bad_request); // cancelled by the request itself
     EXPECT_FALSE(engine->isBackupRunning());
-    leave.set_value();
+    making.leave();
     EXPECT_EQ(next.get(), "backup-2");
 }
 

@@ -1,6 +1,6 @@
 #include "common/File.h"
-#include "common/FileDescriptor.h"
 #include "common/PosixError.h"
+#include "os/FileDescriptor.h"
 #include "unit/db/DataProviderFixture.h"
 #include "unit/db/WriteStream.h"
 
@@ -31,8 +31,8 @@ public:
         if (::pipe2(ends.data(), O_CLOEXEC) != 0) {
             throw PosixError("pipe2 failed", errno);
         }
-        reports = FileDescriptor(ends[0]);
-        const FileDescriptor writeEnd(ends[1]);
+        reports = os::FileDescriptor(ends[0]);
+        const os::FileDescriptor writeEnd(ends[1]);
         const std::string number = std::to_string(first);
         const std::array<const char*, 4> arguments = {BEKD_DB_WRITER, directory.c_str(), number.c_str(),
                                                       nullptr};
@@ -77,7 +77,7 @@ public:
     }
 
 private:
-    FileDescriptor reports;
+    os::FileDescriptor reports;
     pid_t pid = -1;
 };
 

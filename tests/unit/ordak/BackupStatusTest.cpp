@@ -5,6 +5,7 @@
 #include "ordak/BackupList.h"
 #include "support/EngineStage.h"
 #include "support/Messages.h"
+#include "support/MockEngine.h"
 #include "support/RecordingLogger.h"
 
 #include <gtest/gtest.h>
@@ -159,23 +160,8 @@ TEST_F(BackupCallsTest, CancelOfAnUnknownBackupIsAnAnswer) {
 }
 
 TEST_F(BackupCallsTest, OtherFailuresOfACancelPass) {
-    class Engine : public core::IEngine {
-    public:
-        void start() override {}
-        void stop() override {}
-        std::string createBackup(std::unique_ptr<core::backup::BackupSession> /*session*/,
-                                 std::shared_ptr<core::backup::IBackupAttributes> /*attributes*/,
-                                 std::shared_ptr<core::backup::ISnapshotAttributes> /*snapshot*/) override {
-            return {};
-        }
-        void cancelBackup(const std::string& /*backupId*/) override {
-            throw std::invalid_argument("out of order");
-        }
-        [[nodiscard]] bool isBackupRunning() override { return false; }
-        [[nodiscard]] std::vector<std::string> getQuiesceScripts() override { return {}; }
-        void waitForBackup() override {}
-    };
-    Engine broken;
+    test::MockEngine broken;
+    EXPECT_CALL(broken, cancelBackup("x")).WillOnce(testing::Throw(std::invalid_argument("out of order")));
     EXPECT_EQ(messageOf<std::invalid_argument>([&] { BackupCancel{broken}("", about("x")); }),
               "out of order");
 }

@@ -1,9 +1,9 @@
 #include "ordak/HTTPServer.h"
 
 #include "common/Directory.h"
-#include "common/FileDescriptor.h"
 #include "common/TerminationSignals.h"
 #include "ordak/LibraryLog.h"
+#include "os/FileDescriptor.h"
 #include "support/Messages.h"
 #include "support/ProcessState.h"
 #include "support/RecordingLogger.h"
@@ -47,7 +47,7 @@ private:
         return made;
     }
 
-    FileDescriptor descriptor{::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)};
+    os::FileDescriptor descriptor{::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)};
     sockaddr_in address = loopback();
 };
 

@@ -1,9 +1,7 @@
 #include "ordak/Host.h"
 
-#include "core/backup/BackupSession.h"
-#include "core/backup/IBackupAttributes.h"
-#include "core/backup/ISnapshotAttributes.h"
 #include "ordak/BasicHost.h"
+#include "support/MockEngine.h"
 #include "support/RecordingLogger.h"
 
 #include <gmock/gmock.h>
@@ -19,6 +17,7 @@ using info::BackupableVolume;
 using info::VolumeDescription;
 using info::level::error;
 using nlohmann::json;
+using test::MockEngine;
 using testing::NiceMock;
 using testing::Return;
 using testing::Throw;
@@ -55,21 +54,6 @@ class MockVolume : public BackupableVolume {
 public:
     using BackupableVolume::BackupableVolume;
     MOCK_METHOD(std::uint64_t, getSpaceFree, (), (const, override));
-};
-
-class MockEngine : public core::IEngine {
-public:
-    MOCK_METHOD(void, start, (), (override));
-    MOCK_METHOD(void, stop, (), (override));
-    MOCK_METHOD(std::string, createBackup,
-                (std::unique_ptr<core::backup::BackupSession>,
-                 std::shared_ptr<core::backup::IBackupAttributes>,
-                 std::shared_ptr<core::backup::ISnapshotAttributes>),
-                (override));
-    MOCK_METHOD(void, cancelBackup, (const std::string&), (override));
-    MOCK_METHOD(bool, isBackupRunning, (), (override));
-    MOCK_METHOD(std::vector<std::string>, getQuiesceScripts, (), (override));
-    MOCK_METHOD(void, waitForBackup, (), (override));
 };
 
 class MockWriters : public IVSSWriterDetailsProvider {

@@ -1,6 +1,6 @@
 #include "ordak/ListeningSocket.h"
 
-#include "common/FileDescriptor.h"
+#include "os/FileDescriptor.h"
 #include "support/ProcessState.h"
 
 #include <gtest/gtest.h>
@@ -62,7 +62,7 @@ TEST(ListeningSocketTest, HandedOverItIsTheLibrarys) {
         socket.handOver();
     }
     EXPECT_TRUE(isOpen(descriptor));
-    const FileDescriptor library(descriptor);
+    const os::FileDescriptor library(descriptor);
 }
 
 /// A library that has failed, and has not closed the socket.
@@ -80,10 +80,10 @@ TEST(ListeningSocketTest, DescriptorOfAnotherIsLeftAlone) {
     for (const bool isSocket : {false, true}) {
         ListeningSocket socket(port);
         const int number = socket.get();
-        const FileDescriptor other(isSocket ? ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)
-                                            : ::open("/dev/null", O_RDONLY | O_CLOEXEC));
+        const os::FileDescriptor other(isSocket ? ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)
+                                                : ::open("/dev/null", O_RDONLY | O_CLOEXEC));
         ASSERT_EQ(::dup3(other.get(), number, O_CLOEXEC), number);
-        const FileDescriptor reused(number);
+        const os::FileDescriptor reused(number);
         socket.takeBack();
         EXPECT_TRUE(isOpen(number));
     }

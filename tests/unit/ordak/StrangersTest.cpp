@@ -1,6 +1,6 @@
 #include "ordak/Strangers.h"
 
-#include "common/FileDescriptor.h"
+#include "os/FileDescriptor.h"
 
 #include <gtest/gtest.h>
 
@@ -17,8 +17,8 @@ public:
     Connection() {
         std::array<int, 2> ends{-1, -1};
         EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, ends.data()), 0);
-        ours = FileDescriptor(ends[0]);
-        theirs = FileDescriptor(ends[1]);
+        ours = os::FileDescriptor(ends[0]);
+        theirs = os::FileDescriptor(ends[1]);
     }
 
     [[nodiscard]] int socket() const { return ours.get(); }
@@ -28,8 +28,8 @@ public:
     }
 
 private:
-    FileDescriptor ours;
-    FileDescriptor theirs;
+    os::FileDescriptor ours;
+    os::FileDescriptor theirs;
 };
 
 TEST(StrangersTest, OldestMakesRoom) {

@@ -54,14 +54,6 @@ protected:
         log.clear();
     }
 
-    std::uint32_t storedChecksum(const std::string& uuid) {
-        std::uint32_t checksum = 0;
-        auto type = ChecksumType::gcrypt32crc;
-        database.provider.getVolumeChecksum(uuid, checksum, type);
-        EXPECT_EQ(type, ChecksumType::libcrc32c);
-        return checksum;
-    }
-
     test::TestDatabase database;
     test::RecordingLogger log;
     std::shared_ptr<test::FakeTransport> firstTransport = std::make_shared<test::FakeTransport>(4096);
@@ -217,8 +209,8 @@ TEST_F(BackupSessionTest, RegistersChecksumsAndStoresThemAtTheEnd) {
     session->registerVolume(second, giving(10));
     log.clear();
     session->finishWriting(database.provider);
-    EXPECT_EQ(storedChecksum(first), 0xffffffffU);
-    EXPECT_EQ(storedChecksum(second), 10U);
+    EXPECT_EQ(database.storedChecksum(first), 0xffffffffU);
+    EXPECT_EQ(database.storedChecksum(second), 10U);
     EXPECT_THAT(log.lines(),
                 UnorderedElementsAre(Line{info::level::info, "Finishing writing for volume UUID " + first},
                                      Line{info::level::info, "Finishing writing for volume UUID " + second}));
@@ -251,7 +243,7 @@ TEST_F(BackupSessionTest, DestroyedBeforeTheEndLeavesTheOldChecksum) {
     openWithTwoVolumes();
     session->registerVolume(first, giving(10));
     session.reset();
-    EXPECT_EQ(storedChecksum(first), 77U);
+    EXPECT_EQ(database.storedChecksum(first), 77U);
 }
 
 TEST_F(BackupSessionTest, FailingDatabaseFailsTheEnd) {

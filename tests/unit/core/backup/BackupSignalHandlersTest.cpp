@@ -4,6 +4,7 @@
 #include "support/FakeBackup.h"
 #include "support/ProcessState.h"
 #include "support/RecordingLogger.h"
+#include "support/Stay.h"
 #include "support/Waiting.h"
 
 #include <gmock/gmock.h>
@@ -69,21 +70,6 @@ std::map<int, std::pair<sighandler_t, int>> dispositions() {
     }
     return all;
 }
-
-/// A run that stays until it is let go.
-class Stay {
-public:
-    void operator()() {
-        entered.set_value();
-        left.get_future().wait();
-    }
-    void waitUntilEntered() { entered.get_future().wait(); }
-    void leave() { left.set_value(); }
-
-private:
-    std::promise<void> entered;
-    std::promise<void> left;
-};
 
 class BackupSignals : public testing::Test {
 protected:
@@ -154,7 +140,7 @@ TEST_F(BackupSignals, BrokenPipeOfAWriteIsAnErrorOfTheWriteToo) {
 }
 
 TEST_F(BackupSignals, TakenByAnyThreadOfTheProcess) {
-    Stay stay;
+    test::Stay stay;
     const auto backup = std::make_shared<FakeBackup>("backup", std::ref(stay));
     BackupThread thread(log.logger);
     thread.start(backup, nullptr);
@@ -303,8 +289,8 @@ protected:
     }
 
     const std::map<int, std::pair<sighandler_t, int>> before = dispositions();
-    Stay firstStay;
-    Stay secondStay;
+    test::Stay firstStay;
+    test::Stay secondStay;
     std::shared_ptr<FakeBackup> firstBackup = std::make_shared<FakeBackup>("first", std::ref(firstStay));
     std::shared_ptr<FakeBackup> secondBackup = std::make_shared<FakeBackup>("second", std::ref(secondStay));
     BackupThread first{log.logger};
@@ -338,7 +324,7 @@ TEST_F(OverlappedRuns, DispositionsComeBackWhenTheSecondEndsFirst) {
 }
 
 TEST_F(OverlappedRuns, DispositionsComeBackWhenAThirdStartsBetween) {
-    Stay thirdStay;
+    test::Stay thirdStay;
     const auto thirdBackup = std::make_shared<FakeBackup>("third", std::ref(thirdStay));
     BackupThread third(log.logger);
     firstStay.leave();

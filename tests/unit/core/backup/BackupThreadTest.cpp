@@ -11,6 +11,7 @@
 #include "support/NoMoreThreads.h"
 #include "support/ProcessState.h"
 #include "support/RecordingLogger.h"
+#include "support/Stay.h"
 #include "support/Waiting.h"
 
 #include <gmock/gmock.h>
@@ -48,21 +49,6 @@ std::size_t threadCount() {
     return dir::list("/proc/self/task").size();
 }
 
-/// A backup's run that stays until it is let go.
-class Stay {
-public:
-    void operator()() {
-        entered.set_value();
-        left.get_future().wait();
-    }
-    void waitUntilEntered() { entered.get_future().wait(); }
-    void leave() { left.set_value(); }
-
-private:
-    std::promise<void> entered;
-    std::promise<void> left;
-};
-
 class BackupThreadTest : public testing::Test {
 protected:
     std::shared_ptr<FakeBackup> start(const std::string& id, std::function<void()> body = {}) {
@@ -88,7 +74,7 @@ TEST_F(BackupThreadTest, IsIdleAtFirst) {
 }
 
 TEST_F(BackupThreadTest, RunsTheBackupWithItsSession) {
-    Stay stay;
+    test::Stay stay;
     const auto backup = start("backup", std::ref(stay));
     stay.waitUntilEntered();
     EXPECT_TRUE(thread->isRunning());
@@ -167,7 +153,7 @@ TEST_F(BackupThreadTest, FailureIsKeptUntilTheNextStart) {
 TEST_F(BackupThreadTest, FailureIsClearedByTheStartItself) {
     run([] { throw std::runtime_error("post backup failed"); });
     EXPECT_FALSE(thread->isRunning());
-    Stay stay;
+    test::Stay stay;
     start("next", std::ref(stay));
     stay.waitUntilEntered();
     std::future<std::exception_ptr> waiting = std::async(std::launch::async, [&] { return thread->wait(); });
@@ -209,7 +195,7 @@ TEST_F(BackupThreadTest, NoSessionIsForTheBackupToRefuse) {
 }
 
 TEST_F(BackupThreadTest, DestructionWaitsForTheRun) {
-    Stay stay;
+    test::Stay stay;
     std::atomic<bool> ended = false;
     start("backup", [&] {
         stay();
@@ -226,7 +212,7 @@ TEST_F(BackupThreadTest, DestructionWaitsForTheRun) {
 }
 
 TEST_F(BackupThreadTest, WaitReturnsWhenTheRunHasEnded) {
-    Stay stay;
+    test::Stay stay;
     start("backup", std::ref(stay));
     stay.waitUntilEntered();
     std::future<std::exception_ptr> waiting = std::async(std::launch::async, [&] { return thread->wait(); });
@@ -239,8 +225,8 @@ TEST_F(BackupThreadTest, WaitReturnsWhenTheRunHasEnded) {
 }
 
 TEST_F(BackupThreadTest, StartBehindARunThatWindsDownWaitsForIt) {
-    Stay first;
-    Stay second;
+    test::Stay first;
+    test::Stay second;
     start("first", std::ref(first));
     first.waitUntilEntered();
     std::future<void> starting = std::async(std::launch::async, [&] { start("second", std::ref(second)); });

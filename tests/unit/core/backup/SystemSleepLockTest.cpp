@@ -176,8 +176,8 @@ protected:
         if (::pipe2(ends.data(), O_CLOEXEC) != 0) {
             throw std::runtime_error("pipe2");
         }
-        watched = FileDescriptor(ends[0]);
-        given = FileDescriptor(ends[1]);
+        watched = os::FileDescriptor(ends[0]);
+        given = os::FileDescriptor(ends[1]);
     }
 
     /// Answers with the writing end, which is then the caller's alone.
@@ -195,8 +195,8 @@ protected:
         return ::poll(&state, 1, milliseconds) == 1 && (state.revents & POLLHUP) != 0;
     }
 
-    FileDescriptor watched;
-    FileDescriptor given;
+    os::FileDescriptor watched;
+    os::FileDescriptor given;
     test::MessageBus bus;
     LoginManagerStub loginManager{[this](::DBusMessage* call) { return giveLock(call); }};
 };

@@ -4,6 +4,7 @@
 #include "support/FixedRanges.h"
 #include "support/Messages.h"
 #include "support/PlainRanges.h"
+#include "support/RangeCopies.h"
 #include "support/RecordingLogger.h"
 
 #include <gmock/gmock.h>
@@ -191,14 +192,7 @@ TEST_F(BlockRangeProviderTest, IncrementOfTheEndStaysThere) {
 
 TEST_F(BlockRangeProviderTest, CopiesAdvanceOnTheirOwn) {
     const BlockRangeProvider provider = without({{{5, 1}, {8, 1}}, {{6, 1}}}, 10);
-    BlockRangeProvider::iterator iterator(provider);
-    const BlockRangeProvider::iterator before = iterator++;
-    EXPECT_EQ(*before, (BlockRange{0, 5}));
-    EXPECT_EQ(*iterator, (BlockRange{7, 1}));
-    EXPECT_FALSE(before == iterator);
-    BlockRangeProvider::iterator again(before);
-    EXPECT_EQ(*++again, (BlockRange{7, 1}));
-    EXPECT_TRUE(again == iterator);
+    test::expectCopiesAdvanceAlone(BlockRangeProvider::iterator(provider), {0, 5}, {7, 1}, {9, 1});
     const BlockRangeProvider other = without({}, 10);
     EXPECT_FALSE(other.end() == provider.end());
 }

@@ -3,6 +3,7 @@
 #include "support/FixedRanges.h"
 #include "support/Messages.h"
 #include "support/PlainRanges.h"
+#include "support/RangeCopies.h"
 #include "support/RecordingLogger.h"
 
 #include <gmock/gmock.h>
@@ -86,15 +87,7 @@ TEST_F(ChunkRangeProviderTest, EndCannotBeRead) {
 
 TEST_F(ChunkRangeProviderTest, CopiesAdvanceOnTheirOwn) {
     const ChunkRangeProvider provider = cut({{0, 5}, {10, 5}}, 4);
-    ChunkRangeProvider::iterator iterator(provider);
-    const ChunkRangeProvider::iterator before = iterator++;
-    EXPECT_EQ(*before, (BlockRange{0, 4}));
-    EXPECT_EQ(*iterator, (BlockRange{4, 1}));
-    EXPECT_FALSE(before == iterator);
-    ChunkRangeProvider::iterator again(before);
-    EXPECT_TRUE(++again == iterator);
-    EXPECT_EQ(*++again, (BlockRange{10, 4}));
-    EXPECT_EQ(*iterator, (BlockRange{4, 1}));
+    test::expectCopiesAdvanceAlone(ChunkRangeProvider::iterator(provider), {0, 4}, {4, 1}, {10, 4});
 }
 
 TEST_F(ChunkRangeProviderTest, EmptyRangeIsAnEmptyChunk) {

@@ -5,6 +5,7 @@
 #include "support/FixedRanges.h"
 #include "support/Messages.h"
 #include "support/PlainRanges.h"
+#include "support/RangeCopies.h"
 #include "support/RecordingLogger.h"
 #include "support/TestDirectory.h"
 
@@ -179,16 +180,8 @@ TEST_F(UnusedBlockRangeExcluderTest, EndStaysTheEnd) {
 TEST_F(UnusedBlockRangeExcluderTest, CopiesAdvanceOnTheirOwn) {
     answers.chunks = {{{0xf5}, 8}, {{0xfe}, 8}};
     const UnusedBlockRangeExcluder excluder = unused();
-    ChunkedBitmapBlockRangeExcluder::iterator iterator(excluder);
-    const ChunkedBitmapBlockRangeExcluder::iterator before = iterator++;
-    EXPECT_EQ(*before, (BlockRange{1, 1}));
-    EXPECT_EQ(*iterator, (BlockRange{3, 1}));
-    EXPECT_FALSE(before == iterator);
-    ChunkedBitmapBlockRangeExcluder::iterator again(before);
-    EXPECT_EQ(*++again, (BlockRange{3, 1}));
-    EXPECT_TRUE(again == iterator);
-    EXPECT_EQ(*++again, (BlockRange{8, 1}));
-    EXPECT_EQ(*iterator, (BlockRange{3, 1}));
+    test::expectCopiesAdvanceAlone(ChunkedBitmapBlockRangeExcluder::iterator(excluder), {1, 1}, {3, 1},
+                                   {8, 1});
 }
 
 TEST_F(UnusedBlockRangeExcluderTest, MapWithoutEndEndsWithTheVolume) {

@@ -41,9 +41,9 @@ std::string block(const std::string& name, std::uint64_t number) {
 
 /// Two files that grow block by block in turns, so that neither can lie in one piece.
 void writeInTurns(const LoopFileSystem& fileSystem, std::uint64_t blocks) {
-    const FileDescriptor first(
+    const os::FileDescriptor first(
         ::open(fileSystem.path("first").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
-    const FileDescriptor second(
+    const os::FileDescriptor second(
         ::open(fileSystem.path("second").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
     for (std::uint64_t number = 0; number < blocks; ++number) {
         const std::string ofFirst = block("first", number);

@@ -476,7 +476,7 @@ TEST_F(CommandStream, WorksBehindManyOpenDescriptors) {
     const ::rlimit raised{FD_SETSIZE + 100, former.rlim_max};
     ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &raised), 0);
     {
-        std::vector<FileDescriptor> many;
+        std::vector<os::FileDescriptor> many;
         while (many.empty() || many.back().get() < FD_SETSIZE) {
             many.emplace_back(::open("/dev/null", O_RDONLY | O_CLOEXEC));
             ASSERT_TRUE(many.back());

@@ -34,7 +34,7 @@ public:
     void truncate(std::size_t size) { bytes.resize(size); }
 
     [[nodiscard]] std::optional<SpaceMap> read() const {
-        const Descriptor file(::memfd_create("volume", MFD_CLOEXEC));
+        const os::FileDescriptor file(::memfd_create("volume", MFD_CLOEXEC));
         writeAt(file, bytes, 0);
         return readSpaceMap(file, volumeSize);
     }

@@ -92,14 +92,6 @@ protected:
 
     VolumeBackupStatus volumeStatus() { return status.getVolumeStatuses().front(); }
 
-    std::uint32_t storedChecksum() {
-        std::uint32_t checksum = 0;
-        auto type = db::ChecksumType::gcrypt32crc;
-        database.provider.getVolumeChecksum(uuid, checksum, type);
-        EXPECT_EQ(type, db::ChecksumType::libcrc32c);
-        return checksum;
-    }
-
     void expectUntouchedTarget() {
         EXPECT_EQ(target->image, test::FakeTransport::Image(source.image.size(), poison));
     }
@@ -192,17 +184,17 @@ TEST_F(CopyVolumeTest, IncrementalBackupWithoutChangesCopiesNothingAndIsRegister
 
 TEST_F(CopyVolumeTest, ChecksumIsThatOfTheImageAndIsStoredWithTheSession) {
     run();
-    EXPECT_EQ(storedChecksum(), 0U);
+    EXPECT_EQ(database.storedChecksum(uuid), 0U);
     session->finishWriting(database.provider);
-    EXPECT_NE(storedChecksum(), 0U);
+    EXPECT_NE(database.storedChecksum(uuid), 0U);
     EXPECT_TRUE(log.has(level3, "Backup session registering volume UUID 'the-volume' with checksum '" +
-                                    std::to_string(storedChecksum()) + "'"));
+                                    std::to_string(database.storedChecksum(uuid)) + "'"));
 }
 
 TEST_F(CopyVolumeTest, NewVolumeIsAddedToTheDatabase) {
     run();
     EXPECT_THAT(database.provider.getVolumeUUIDs(), ElementsAre(uuid));
-    EXPECT_EQ(storedChecksum(), 0U);
+    EXPECT_EQ(database.storedChecksum(uuid), 0U);
     EXPECT_TRUE(log.has(debug, "Adding db entry of volume the-volume (/mnt)"));
 }
 
@@ -211,21 +203,21 @@ TEST_F(CopyVolumeTest, NewVolumeIsAddedToTheDatabase) {
 TEST_F(CopyVolumeTest, FullCopyWithdrawsTheChecksumBeforeItBegins) {
     database.provider.setVolumeChecksum(uuid, 7, db::ChecksumType::libcrc32c);
     run(FULL);
-    EXPECT_EQ(storedChecksum(), 0U);
+    EXPECT_EQ(database.storedChecksum(uuid), 0U);
     EXPECT_FALSE(log.hasPart(debug, "Adding db entry"));
 }
 
 TEST_F(CopyVolumeTest, ComparisonWithdrawsTheChecksumBeforeItBegins) {
     database.provider.setVolumeChecksum(uuid, 7, db::ChecksumType::libcrc32c);
     run(DIFFERENTIAL_MERGE);
-    EXPECT_EQ(storedChecksum(), 0U);
+    EXPECT_EQ(database.storedChecksum(uuid), 0U);
 }
 
 TEST_F(CopyVolumeTest, ImageThatOnlyLacksChangesKeepsItsChecksum) {
     database.provider.setVolumeChecksum(uuid, 7, db::ChecksumType::libcrc32c);
     recordChanges({12});
     run(INCREMENTAL);
-    EXPECT_EQ(storedChecksum(), 7U);
+    EXPECT_EQ(database.storedChecksum(uuid), 7U);
 }
 
 TEST_F(CopyVolumeTest, DatabaseThatFailsDoesNotFailTheCopy) {

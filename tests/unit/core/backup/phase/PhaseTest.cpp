@@ -40,14 +40,6 @@ protected:
         });
     }
 
-    std::uint32_t storedChecksum(const std::string& uuid) {
-        std::uint32_t checksum = 0;
-        auto type = db::ChecksumType::gcrypt32crc;
-        database.provider.getVolumeChecksum(uuid, checksum, type);
-        EXPECT_EQ(type, db::ChecksumType::libcrc32c);
-        return checksum;
-    }
-
     test::TestDatabase database;
     test::RecordingLogger log;
     std::shared_ptr<test::FakeTransport> firstTransport = std::make_shared<test::FakeTransport>(4096);
@@ -99,8 +91,8 @@ TEST_F(PhaseTest, ClosingStoresTheChecksums) {
     registerChecksum(first, 7);
     registerChecksum(second, 8);
     phase.execute();
-    EXPECT_EQ(storedChecksum(first), 7U);
-    EXPECT_EQ(storedChecksum(second), 8U);
+    EXPECT_EQ(database.storedChecksum(first), 7U);
+    EXPECT_EQ(database.storedChecksum(second), 8U);
 }
 
 TEST_F(PhaseTest, ClosingFailsWithAVolumeThatWasNotWritten) {

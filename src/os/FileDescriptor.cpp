@@ -1,10 +1,10 @@
-#include "common/FileDescriptor.h"
+#include "os/FileDescriptor.h"
 
 #include <cerrno>
 #include <unistd.h>
 #include <utility>
 
-namespace agent {
+namespace os {
 
 FileDescriptor& FileDescriptor::operator=(FileDescriptor&& other) noexcept {
     if (this != &other) {
@@ -28,4 +28,4 @@ int FileDescriptor::release() noexcept {
     return std::exchange(descriptor, -1);
 }
 
-} // namespace agent
+} // namespace os

@@ -1,6 +1,6 @@
 #pragma once
 
-namespace agent {
+namespace os {
 
 /// Owns one open file descriptor, or none (-1).
 /// Owns:    the descriptor; it is closed with the object.
@@ -28,4 +28,4 @@ private:
     int descriptor = -1;
 };
 
-} // namespace agent
+} // namespace os

@@ -1,0 +1,27 @@
+#pragma once
+
+#include "os/FileDescriptor.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <string>
+#include <sys/types.h>
+
+namespace tolvubd {
+
+/// Opens close-on-exec, or throws.
+os::FileDescriptor openFile(const std::string& path, int flags, mode_t mode = 0);
+
+/// Reads until the span is full or the file ends; returns how many bytes it got.
+std::size_t readAt(const os::FileDescriptor& file, std::span<std::byte> into, std::uint64_t offset);
+/// Writes the whole span.
+void writeAt(const os::FileDescriptor& file, std::span<const std::byte> from, std::uint64_t offset);
+
+void syncFile(const os::FileDescriptor& file, const std::string& path);
+/// Makes the names in the directory durable.
+void syncDirectory(const std::string& path);
+/// Removes a file; one that is not there is fine.
+void removeFile(const std::string& path);
+
+} // namespace tolvubd

@@ -1,0 +1,22 @@
+#pragma once
+
+#include <future>
+
+namespace agent::test {
+
+/// A call that stays until it is let go, once.
+class Stay {
+public:
+    void operator()() {
+        entered.set_value();
+        left.get_future().wait();
+    }
+    void waitUntilEntered() { entered.get_future().wait(); }
+    void leave() { left.set_value(); }
+
+private:
+    std::promise<void> entered;
+    std::promise<void> left;
+};
+
+} // namespace agent::test
