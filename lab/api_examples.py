@@ -8,21 +8,17 @@ Values that differ from run to run are replaced by fixed ones, so that a documen
 as it was. A test compares the two.
 """
 import json
-import pathlib
 import re
-import shutil
-import tempfile
 
-from lab.certificates import Authority, install
-from lab.daemon import BASE, ROOT, Daemon, require_private_site
-from lab.driver_facts import hide_driver, show_driver, show_status
+from lab.appliance_client import DEVICE
+from lab.daemon import ROOT, Daemon, require_private_site
+from lab.driver import hide_driver, show_driver, show_status
 from lab.https_client import Client
+from lab.machine import new_machine
 from lab.services import wait_until
-from lab.site import Site
-from lab.volumes import Volume
+from lab.site import DATA, SWAP, Site
 
 DOCUMENT = ROOT / "docs" / "api.md"
-DEVICE = 4711
 STRANGER = 815
 SECONDS = 60
 
@@ -46,7 +42,7 @@ VOLATILE = (
     (r'("device": "/dev/)loop\d+p(\d)', r"\g<1>sda\g<2>"),
 )
 # What the machine of the examples has; other volumes of the machine that runs them are left out.
-VOLUMES = (Volume("data", "ext4", mount_point="/mnt/data"), Volume("swap", "swap", mebibytes=64))
+VOLUMES = (DATA, SWAP)
 SHOWN_UUIDS = ("7c1f5b8e-9a52-4d3e-b1c6-0f2a4e6d8b90", "d9e0a3b7-6c14-4f85-92ab-5e7d1c3f8a06")
 PLACE = re.compile(r"(<!-- example: ([\w-]+) -->\n```http\n)(.*?)(```\n)", re.DOTALL)
 
@@ -146,17 +142,13 @@ def with_examples(text, examples):
 
 def main():
     require_private_site()
-    shutil.rmtree(BASE, ignore_errors=True)
     show_driver()
     try:
-        with tempfile.TemporaryDirectory() as directory:
-            authority = Authority(pathlib.Path(directory))
-            install(authority.agent(), authority, BASE / "certs")
+        with new_machine() as authority, Site(VOLUMES) as site, Daemon() as daemon:
             device, stranger = (Client(authority.certificate, authority.device(number))
                                 for number in (DEVICE, STRANGER))
-            with Site(VOLUMES) as site, Daemon() as daemon:
-                daemon.wait_until_ready()
-                examples = Examples(device, stranger, site.disk).collect()
+            daemon.wait_until_ready()
+            examples = Examples(device, stranger, site.disk).collect()
     finally:
         hide_driver()
     text = DOCUMENT.read_text(encoding="utf-8")

@@ -17,28 +17,26 @@ import subprocess
 import sys
 import textwrap
 
-from lab.appliance_client import Appliance, NoAnswer, Unreachable
+from lab.appliance_client import DEVICE, Appliance, NoAnswer, Unreachable
 from lab.backups import COW_MIB, Protection
 from lab.certificates import Authority, CertificateError
 from lab.certservice import HOST, CertificateService, store_device, trust
-from lab.daemon import BASE, ROOT, Daemon, program, require_private_site
+from lab.daemon import BASE, CERTIFICATES, ROOT, Daemon, require_private_site
+from lab.https_client import BASE_URL
 from lab.images import ImageError
 from lab.progress import shown_progress
 from lab.services import ServiceError
-from lab.site import Site
+from lab.site import DATA, FILES, Site
+from lab.snapshots import drop_snapshots
 from lab.targets import Target
-from lab.volumes import Volume
 
 WIDTH = 100
 SECONDS = 60
 LAB = pathlib.Path("/run/lab")
-MOUNT_ROOT = pathlib.Path("/tmp/tolvuMountRoot")
-DEVICE = 4711
 STRANGER = 815
 PREFIX = "  | "
 LOG_DATE = re.compile(r"^\d{4}-\d\d-\d\d (?=\d\d:)", re.MULTILINE)
-VOLUMES = (Volume("data", "ext4", mebibytes=512, mount_point="/mnt/data"),
-           Volume("files", "xfs", mebibytes=384, mount_point="/mnt/Büro und Lager"))
+VOLUMES = (dataclasses.replace(DATA, mebibytes=512), dataclasses.replace(FILES, mebibytes=384))
 FILES = 80
 LARGEST = 1 << 20
 HEAD_MIB = 10 # what the checksum of an image is made of
@@ -147,7 +145,7 @@ def set_up_site(tour):
     trust(authority)
     tour.lasting.enter_context(CertificateService(authority))
     tour.site = tour.lasting.enter_context(Site(VOLUMES))
-    tour.lasting.callback(drop_snapshots)
+    tour.lasting.callback(drop_snapshots) # or they would hold the site, wherever a step has failed
     tour.target = tour.lasting.enter_context(Target())
     show(f"services: system bus, login manager, udev, udisks2, {HOST}")
     show(f"iSCSI target: tgtd at {tour.target.portal}, {tour.target.name}")
@@ -155,17 +153,6 @@ def set_up_site(tour):
         written = fill(partition)
         show(f"volume {partition.name}: {partition.volume.file_system} of {partition.volume.mebibytes} MiB "
              f"at {partition.volume.mount_point}, with {FILES} files of {megabytes(written)} together")
-
-
-def drop_snapshots():
-    """Lets the driver forget the volumes, so that nothing of the site is held, wherever a step has failed."""
-    for mount in MOUNT_ROOT.glob("*"):
-        subprocess.run(["umount", mount], check=False, capture_output=True, timeout=SECONDS)
-    with contextlib.suppress(FileNotFoundError):
-        listing = json.loads(pathlib.Path("/run/tolvubd/info").read_text(encoding="ascii"))
-        for device in listing["devices"]:
-            subprocess.run([program("tolvuctl"), "destroy", str(device["minor"])], check=True,
-                           timeout=SECONDS)
 
 
 def fill(partition):
@@ -185,7 +172,7 @@ def start_daemon(tour):
     tour.daemon.start()
     tour.daemon.wait_until_ready()
     show(LOG_DATE.sub("", tour.daemon.log))
-    text, status = run("openssl", "x509", "-in", str(BASE / "certs/server.pem"), "-noout", "-subject",
+    text, status = run("openssl", "x509", "-in", str(CERTIFICATES / "server.pem"), "-noout", "-subject",
                        "-issuer", "-nameopt", "oneline")
     show(text)
     check(status == 0, f"exit status {status}")
@@ -206,7 +193,7 @@ def refuse_strangers(_tour):
     text = appliance("--cert", f"{LAB}/stranger.pem", "--key", f"{LAB}/stranger.key", "list", status=1)
     show(text)
     check("HTTP status 401" in text, "no refusal")
-    text, status = run("curl", "--silent", "--show-error", "--insecure", "https://127.0.0.1:25567/backup")
+    text, status = run("curl", "--silent", "--show-error", "--insecure", f"{BASE_URL}/backup")
     show(text)
     check(status == 52, f"exit status {status}, not that of an empty reply") # curl's manual
 
@@ -238,7 +225,7 @@ def set_option(tour):
 def back_up_all(tour):
     """FULL: copy all that is in use, into images that are no file systems yet"""
     client = tour.lasting.enter_context(Appliance(certificate=LAB / "device.pem", key=LAB / "device.key",
-                                                  authority=BASE / "certs/ca.crt"))
+                                                  authority=CERTIFICATES / "ca.crt"))
     tour.protection = Protection(client, tour.daemon, tour.target, tour.site.disk)
     back_up(tour, "full", {"data": "full", "files": "full"})
 

@@ -5,7 +5,6 @@ Measures the maps of used blocks of large volumes beside plain reads of the same
 the buffers (build/release/bench_fs): sparse ones of 1 and nearly 16 TiB, and aged ones of 20 GiB. Makes the
 images below build/bench, needs about 2 GiB there, and removes them again. The last line tells if a bound is
 broken: 1.25 times as long, or 80 MiB at the peak."""
-import os
 import pathlib
 import re
 import subprocess
@@ -13,35 +12,36 @@ import sys
 import tempfile
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
-sys.path.insert(0, str(ROOT / "tests/functional"))
+sys.path.insert(0, str(ROOT))
 
-from volume_images import age, make_image, mounted, riddle  # noqa: E402
+from lab.daemon import program  # noqa: E402
+from lab.volume_images import age, make_image, mounted, riddle  # noqa: E402
 
-BENCH = ROOT / os.environ.get("BEKD_BUILD", "build/release") / "bench_fs"
+BENCH = program("bench_fs")
 TEBIBYTE = 1024 * 1024  # in MiB
 SLOWEST = 1.25
 LARGEST = 80
-LAZY = ("-q", "-F", "-E", "lazy_itable_init=1,lazy_journal_init=1,nodiscard", "-b", "4096")
+LAZY = ("-E", "lazy_itable_init=1,lazy_journal_init=1,nodiscard", "-b", "4096")
 VOLUMES = {
-    "ext4 of 1 TiB, sparse": (TEBIBYTE, False, ("mkfs.ext4", *LAZY)),
-    "ext4 of 20 GiB, aged": (20 * 1024, True, ("mkfs.ext4", *LAZY)),
-    "xfs of 1 TiB, sparse": (TEBIBYTE, False, ("mkfs.xfs", "-q", "-K")),
-    "xfs of 20 GiB, aged": (20 * 1024, True, ("mkfs.xfs", "-q", "-K")),
-    "xfs of nearly 16 TiB, sparse": (16 * TEBIBYTE - 1024, False, ("mkfs.xfs", "-q", "-K")),
+    "ext4 of 1 TiB, sparse": (TEBIBYTE, False, ("ext4", *LAZY)),
+    "ext4 of 20 GiB, aged": (20 * 1024, True, ("ext4", *LAZY)),
+    "xfs of 1 TiB, sparse": (TEBIBYTE, False, ("xfs", "-K")),
+    "xfs of 20 GiB, aged": (20 * 1024, True, ("xfs", "-K")),
+    "xfs of nearly 16 TiB, sparse": (16 * TEBIBYTE - 1024, False, ("xfs", "-K")),
 }
 
 
-def wear(image, directory):
-    with mounted(image, directory) as (_, mount_point):
+def wear(image, file_system, directory):
+    with mounted(image, file_system, directory) as (_, mount_point):
         age(mount_point, 3000, largest=200_000)
         riddle(mount_point / "riddled", 4096, 30_000)
 
 
 def measure(name, directory):
-    mebibytes, is_aged, mkfs = VOLUMES[name]
-    image = make_image(directory / "volume", mebibytes, *mkfs)
+    mebibytes, is_aged, making = VOLUMES[name]
+    image = make_image(directory / "volume", mebibytes, *making)
     if is_aged:
-        wear(image, directory / "mnt")
+        wear(image, making[0], directory / "mnt")
     line = subprocess.run([BENCH, image], check=True, capture_output=True, text=True).stdout.strip()
     image.unlink()
     ratio, peak = re.search(r"ratio ([\d.]+), peak (\d+) MiB", line).groups()

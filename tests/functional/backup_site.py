@@ -1,23 +1,25 @@
 """What the tests of whole backups share: volumes that are small and can be snapshotted, changes of them, and
 what has to be sent of them, worked out without the agent."""
+import dataclasses
 import hashlib
-import json
 import math
 import pathlib
 import random
 import shutil
-import subprocess
 
+import snapshot_site
 from change_records import Moment, common, extents_of_units, marked_units
+from lab import driver
 from lab.backups import capture_of
-from lab.daemon import BASE, program
-from lab.driver_facts import STATUS
-from lab.volumes import Volume
+from lab.daemon import SCRIPTS
 
 LONGEST = 4 << 20 # nothing longer is sent with one command
-EXT4 = Volume("data", "ext4", mebibytes=320, mount_point="/mnt/Büro und Lager")
+EXT4 = dataclasses.replace(snapshot_site.EXT4, mebibytes=320)
+# A script that is gone when it is asked for again, which makes a backup fail between its snapshots and its
+# first write.
+VANISHING = f"#!/bin/sh\nrm {SCRIPTS}/vanishing\n"
 # Or XFS sets blocks aside behind the ends of files, which are then in use and were never written.
-XFS = Volume("files", "xfs", mebibytes=352, mount_point="/mnt/files", options="allocsize=4k")
+XFS = dataclasses.replace(snapshot_site.XFS, mebibytes=352, options="allocsize=4k")
 
 
 def fill(root, seed, files=40, largest=300_000):
@@ -50,10 +52,11 @@ def empty(root):
 
 def write_script(name, text):
     """A script for requests to name, which runs around the snapshots."""
-    path = BASE / "pps" / name
-    path.parent.mkdir(exist_ok=True)
+    path = SCRIPTS / name
+    path.parent.mkdir(parents=True, exist_ok=True)
     path.write_text(text, encoding="utf-8")
     path.chmod(0o700)
+    return path
 
 
 def closed_file(partition):
@@ -63,19 +66,7 @@ def closed_file(partition):
 
 def device_of(partition):
     """What the driver says of a volume's device."""
-    return next(device for device in devices() if device["block_device"] == partition.device)
-
-
-def devices():
-    """What the driver says of each of its devices."""
-    info = STATUS / "info"
-    return json.loads(info.read_text(encoding="utf-8"))["devices"] if info.exists() else []
-
-
-def forget_devices():
-    """The driver knows no volume any more."""
-    for device in devices():
-        subprocess.run([program("tolvuctl"), "destroy", str(device["minor"])], check=True)
+    return next(device for device in driver.devices() if device["block_device"] == partition.device)
 
 
 def size_of_all(extents):

@@ -13,12 +13,10 @@ import sys
 
 import pytest
 
+from lab import volumes
+from lab.services import wait_until
+
 ROOT = pathlib.Path(__file__).resolve().parents[2]
-sys.path.insert(0, str(ROOT))
-
-from lab import volumes  # noqa: E402
-from lab.services import wait_until  # noqa: E402
-
 SECONDS = 60
 SERVICES = ("dbus-daemon", "systemd-logind", "systemd-udevd", "ntfs-3g", "udisksd")
 NOT_UP = (3, "the site is not up\n")
@@ -91,7 +89,7 @@ class Checkout:
     def assert_gone(self, processes):
         """Not even after a while: what the kernel does by itself, it does at once or never."""
         for token in self.tokens:
-            wait_until(lambda token=token: not volumes.attached(token), SECONDS, "the loop device gone")
+            wait_until(lambda token=token: not volumes.loops_of(token), SECONDS, "the loop device gone")
         self.assert_ended(processes)
 
     @staticmethod
@@ -232,7 +230,7 @@ def test_two_sites_at_once(checkout, tmp_path_factory):
 
 def test_site_that_cannot_come_up(checkout):
     """It says why, and leaves nothing."""
-    path = checkout.directory / "lab" / "volumes.py"
+    path = checkout.directory / "lab" / "xfs.py"
     path.write_text(path.read_text(encoding="utf-8").replace('"mkfs.xfs"', '"mkfs.none"'), encoding="utf-8")
     status, _, errors = checkout.run("up")
     assert status == 1

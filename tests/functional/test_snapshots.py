@@ -4,18 +4,18 @@ import os
 import pathlib
 import random
 import re
-import shutil
 import subprocess
 
 import pytest
 
-from change_records import UNIT, Moment, differing_units, marked_units
+from change_records import UNIT, differing_units, marked_since
+from lab import driver
 from lab.daemon import BASE, program
+from lab.driver import STORE
 from lab.holds import MOUNT_CALLS
 from lab.images import tree_hashes
 from lab.snapshots import MOUNT_ROOT, SessionError
-from snapshot_site import (COW_MIB, DRIVER_RUNTIME, DRIVER_STORE, EXT4, SnapshotSite, keep,
-                           read_device, read_record)
+from snapshot_site import COW_MIB, EXT4, SnapshotSite, keep, read_device, read_record
 
 MIB = 1 << 20
 BOTH = ("data", "files")
@@ -62,8 +62,13 @@ def fail_session(site, incremental=True, trace=()):
         return str(caught.value), session.log
 
 
-def marked_since(before, after, file_system, closed=".tolvu"):
-    return marked_units(Moment(before, file_system), Moment(after, file_system), closed)
+def begin_tracking(site, directory):
+    """Has changes recorded from now on; returns copies of what the volumes hold now."""
+    with site.session(incremental=False) as session:
+        facts = session.start()
+        captures = {name: keep(facts[name]["snapshotPath"], directory / name) for name in BOTH}
+        session.end("success")
+    return captures
 
 
 def recover(site, incremental):
@@ -113,10 +118,7 @@ def test_snapshot_stands_still(lab_site):
 def test_record_marks_exactly_what_has_changed(lab_site, tmp_path):
     """The closed CoW file of an incremental marks the units in which the two captures differ, and those that
     have come into use, no other."""
-    with lab_site.session(incremental=False) as session:
-        facts = session.start()
-        captures = {name: keep(facts[name], tmp_path / name) for name in BOTH}
-        session.end("success")
+    captures = begin_tracking(lab_site, tmp_path)
     for name in BOTH:
         fill_tree(lab_site.mount_point(name), seed=3)
     with lab_site.session() as session:
@@ -125,7 +127,7 @@ def test_record_marks_exactly_what_has_changed(lab_site, tmp_path):
             assert facts[name]["incrementalPreserved"] is True
             assert facts[name]["fileName"] == str(lab_site.mount_point(name) / ".tolvu")
             assert facts[name]["bitmapOffset"] == UNIT
-            after = keep(facts[name], tmp_path / f"{name} after")
+            after = keep(facts[name]["snapshotPath"], tmp_path / f"{name} after")
             marked, count = read_record(facts[name]["fileName"], after.stat().st_size // UNIT)
             assert marked == marked_since(captures[name], after, lab_site[name].volume.file_system)
             assert count == len(marked) > len(set(differing_units(captures[name], after))) > 100
@@ -144,7 +146,7 @@ def test_failed_backup_is_made_good_by_the_next(small_site, tmp_path):
     for outcome in ("success", "failure", "failure", "success", "success"):
         with small_site.session(incremental=bool(captures)) as session:
             facts = session.start()["data"]
-            captures.append(keep(facts, tmp_path / f"capture {len(captures)}"))
+            captures.append(keep(facts["snapshotPath"], tmp_path / f"capture {len(captures)}"))
             marks, count = read_record(facts["fileName"], captures[0].stat().st_size // UNIT)
             marked.append(marks)
             counts.append(count)
@@ -168,7 +170,7 @@ def test_failed_first_backup_leaves_no_device(small_site):
         with pytest.raises(SessionError, match="No device available"):
             session.end("failure")
         log = session.log
-    assert small_site.devices() == {}
+    assert driver.devices() == []
     assert (f"1 Failed to transition volume {small_site['data'].uuid} ({small_site.mount_point('data')}) "
             "to incremental. This volume may diff-merge next backup.\n") in log
     small_site.check_clean()
@@ -179,17 +181,14 @@ def test_failed_first_backup_leaves_no_device(small_site):
 def test_tracking_outlives_a_restart(lab_site, tmp_path):
     """After a restart of the machine the reload scripts give tracking back, and the next session knows what
     has changed meanwhile."""
-    with lab_site.session(incremental=False) as session:
-        facts = session.start()
-        captures = {name: keep(facts[name], tmp_path / name) for name in BOTH}
-        session.end("success")
+    captures = begin_tracking(lab_site, tmp_path)
     scripts = sorted(BASE.glob("reload_*"))
     assert [path.name for path in scripts] == ["reload_0", "reload_1"]
     assert {path.stat().st_mode & 0o7777 for path in scripts} == {0o700}
     with lab_site.restarted_machine():
         for script in scripts:
             subprocess.run([script], check=True)
-    assert {device["block_device"] for device in lab_site.devices().values()} == {
+    assert {device["block_device"] for device in driver.devices()} == {
         f"/dev/disk/by-uuid/{lab_site[name].uuid}" for name in BOTH}
     for name in BOTH:
         fill_tree(lab_site.mount_point(name), seed=4)
@@ -197,7 +196,7 @@ def test_tracking_outlives_a_restart(lab_site, tmp_path):
         facts = session.start()
         for name in BOTH:
             assert facts[name]["incrementalPreserved"] is True
-            after = keep(facts[name], tmp_path / f"{name} after")
+            after = keep(facts[name]["snapshotPath"], tmp_path / f"{name} after")
             marked, _ = read_record(facts[name]["fileName"], after.stat().st_size // UNIT)
             assert marked == marked_since(captures[name], after, lab_site[name].volume.file_system)
         session.end("success")
@@ -207,8 +206,7 @@ def test_tracking_outlives_a_restart(lab_site, tmp_path):
 def test_restart_without_reload(small_site):
     """A device that nothing has given back is set up anew, and the backup isn't incremental."""
     small_site.run_session(incremental=False)
-    shutil.rmtree(DRIVER_RUNTIME)
-    subprocess.run([program("tolvuctl"), "cleanup"], check=True)
+    driver.restart()
     started, ended = small_site.run_session()
     assert started["data"]["incrementalPreserved"] is False
     assert ended["data"]["incrementalPreserved"] is True
@@ -239,7 +237,7 @@ def test_full_volume(lab_site):
     assert re.search(rf"^1 The required free space for volume {uuid} is \d+ bytes \(100\.6\d* MiB\), "
                      rf"but only \d+ bytes \(\S+ MiB\) is available\n1 Volume {uuid} \({mount_point}\) "
                      "is full, not enough free space to perform a backup$", log, re.MULTILINE)
-    assert not (DRIVER_RUNTIME / "info").exists() or lab_site.devices() == {}
+    assert driver.devices() == []
     assert lab_site.own_files("data") == []
 
 
@@ -273,9 +271,9 @@ def test_read_only_volume(small_site):
 
 def test_no_room_for_the_capture(small_site):
     """The driver says so; the volume is as it was."""
-    subprocess.run(["mount", "-o", "remount,size=1m", DRIVER_STORE], check=True)
+    subprocess.run(["mount", "-o", "remount,size=1m", STORE], check=True)
     text, log = fail_session(small_site, incremental=False)
-    subprocess.run(["mount", "-o", "remount,size=1g", DRIVER_STORE], check=True)
+    subprocess.run(["mount", "-o", "remount,size=1g", STORE], check=True)
     assert text == "Failed to start snapshot!"
     assert "errno: 28" in log # ENOSPC
     small_site.check_writable("data")

@@ -2,7 +2,6 @@
 import collections
 import contextlib
 import errno
-import json
 import os
 import pathlib
 import re
@@ -13,12 +12,14 @@ import time
 
 import pytest
 
-from tolvubd_site import (RUNTIME, SNAPSHOT, STORE, TRACKING, Volume, call, cow_files, detach_captures,
-                          devices, expect_loops, must, nodes, run, stored, tolvuctl, tool)
+from lab.daemon import program
+from lab.driver import STATUS, forget_devices, nodes, stored_state
+from snapshot_site import check_writable
+from tolvubd_site import (SNAPSHOT, TRACKING, Volume, call, cow_files, expect_loops, must,
+                          started_driver, states, stored, tolvuctl)
 
 TRACE = pathlib.Path("/tmp/tolvubd.trace")
 SECTORS = 16 * 2048
-LONGEST_FREEZE_AFTER_DEATH = 1.0
 
 # What an operation asks of the kernel once it has the lock, and how that may go wrong.
 FAULTS = {
@@ -33,7 +34,7 @@ KILLS = ("pwrite64", "fsync", "rename", "renameat2", "unlink", "ftruncate", "fal
 
 
 def restart_machine():
-    shutil.rmtree(RUNTIME)
+    shutil.rmtree(STATUS)
 
 
 def track(volume):
@@ -83,21 +84,13 @@ OPERATIONS = {operation.function: operation for operation in (
 
 @pytest.fixture
 def volume(site):
-    shutil.rmtree(RUNTIME, ignore_errors=True)
-    must("start")
-    with Volume("volume", "ext4", SECTORS) as made:
-        try:
-            yield made
-            forget_everything(made)
-            assert (nodes(), stored()) == ([], [])
-            expect_loops(0)
-        finally:
-            detach_captures()
+    with Volume("volume", "ext4", SECTORS) as made, started_driver():
+        yield made
+        forget_everything(made)
 
 
 def forget_everything(volume):
-    for minor in list(devices()) if RUNTIME.exists() else []:
-        must("destroy", minor)
+    forget_devices()
     assert tolvuctl("cleanup").returncode == 0
     for name in cow_files(volume):
         (volume.mount_point / name).unlink()
@@ -129,30 +122,18 @@ def injected(name, what):
     return ["strace", "-o", TRACE, "-e", f"trace={name}", "-e", f"inject={name}:{what}"]
 
 
-def check_writable(volume):
-    """Within the time promised; a volume that isn't is thawed, so that the tests can go on."""
-    writer = subprocess.Popen(["dd", "if=/dev/zero", f"of={volume.mount_point}/alive", "bs=4096", "count=1",
-                               "conv=fsync"], stderr=subprocess.DEVNULL)
-    try:
-        assert writer.wait(LONGEST_FREEZE_AFTER_DEATH) == 0
-    except subprocess.TimeoutExpired:
-        run("fsfreeze", "--unfreeze", volume.mount_point)
-        writer.wait()
-        raise
-
-
 def asleep():
-    return json.loads((STORE / "state.json").read_text(encoding="ascii"))["asleep"]
+    return stored_state()["asleep"]
 
 
 def check_whole(volume, operation, where):
     """The machine is as one of the two states asks for, with nothing besides; returns the state."""
-    state = devices().get(0)
+    state = states().get(0)
     assert state in (operation.before, operation.after), where
     shown = state == SNAPSHOT
     assert nodes() == (["tolvu0"] if shown else []), where
     expect_loops(1 if shown else 0, where)
-    assert len(stored()) == len(devices()) + len(asleep()), where
+    assert len(stored()) == len(states()) + len(asleep()), where
     names = [".tolvu"] if state is not None or asleep() else []
     if operation.function == "transition_snapshot" and state == SNAPSHOT:
         names.append(".tolvu1")
@@ -169,7 +150,7 @@ def test_kill_at_each_step(volume, name):
         where = f"{call_name} {number}"
         result = operation.run(volume, injected(call_name, f"signal=KILL:when={number}"))
         assert result.signal == signal.SIGKILL, where
-        check_writable(volume)
+        check_writable(volume.mount_point)
         must("start")
         if check_whole(volume, operation, where) == operation.before:
             assert operation.run(volume), where
@@ -183,7 +164,7 @@ def check_failure(volume, operation, error, call_name, when):
     where = f"{call_name} {when}"
     result = operation.run(volume, injected(call_name, f"error={error}:when={when}"))
     assert result.signal == 0, where
-    check_writable(volume)
+    check_writable(volume.mount_point)
     must("start")
     state = check_whole(volume, operation, where)
     if result:
@@ -215,28 +196,28 @@ def test_failure_at_each_step(volume, name):
 def test_volume_is_thawed_when_nothing_goes_on(volume):
     """Also while the process lives: what it waits for may be behind the frozen volume."""
     process = subprocess.Popen(
-        [*injected("sendto", "delay_enter=12000000:when=1"), tool("TolvubdCall"), "setup_snapshot", "0",
+        [*injected("sendto", "delay_enter=12000000:when=1"), program("TolvubdCall"), "setup_snapshot", "0",
          str(volume.device), str(volume.cow), "1"], stdout=subprocess.PIPE, text=True)
     wait_until_frozen(volume)
     subprocess.run(["dd", "if=/dev/zero", f"of={volume.mount_point}/alive", "bs=1", "count=1", "conv=fsync"],
                    check=True, stderr=subprocess.DEVNULL)
     assert process.poll() is None
     assert process.communicate(timeout=20)[0].split() == ["-1", str(errno.ETIMEDOUT)]
-    assert (devices(), nodes(), stored()) == ({}, [], [])
+    assert (states(), nodes(), stored()) == ({}, [], [])
 
 
 def test_kill_of_the_process_group_thaws(volume):
     """The guard isn't in it."""
     process = subprocess.Popen(
-        [*injected("sendto", "delay_enter=60000000"), tool("TolvubdCall"), "setup_snapshot", "0",
+        [*injected("sendto", "delay_enter=60000000"), program("TolvubdCall"), "setup_snapshot", "0",
          str(volume.device), str(volume.cow), "1"], start_new_session=True)
     with contextlib.ExitStack() as stack:
         stack.callback(process.wait)
         stack.callback(os.killpg, process.pid, signal.SIGKILL)
         wait_until_frozen(volume)
-    check_writable(volume)
+    check_writable(volume.mount_point)
     must("start")
-    assert (devices(), nodes(), stored(), cow_files(volume)) == ({}, [], [], [])
+    assert (states(), nodes(), stored(), cow_files(volume)) == ({}, [], [], [])
     expect_loops(0)
 
 
