@@ -146,14 +146,6 @@ protected:
         return all;
     }
 
-    std::uint32_t storedChecksum(const std::string& uuid) {
-        std::uint32_t checksum = 0;
-        auto type = db::ChecksumType::gcrypt32crc;
-        database.provider.getVolumeChecksum(uuid, checksum, type);
-        EXPECT_EQ(type, db::ChecksumType::libcrc32c);
-        return checksum;
-    }
-
     std::uint32_t checksumOf(const std::string& uuid) {
         std::uint32_t checksum = 0;
         targets.at(uuid)->connect(false);
@@ -188,7 +180,7 @@ TEST_F(BackupOfVolumes, FullBackupWritesEveryUsedBlockAndNoOther) {
                                                                  static_cast<std::int64_t>(bytes)}));
     EXPECT_FALSE(status().connectionError);
     EXPECT_FALSE(status().snapshotError);
-    EXPECT_EQ(storedChecksum("a"), checksumOf("a"));
+    EXPECT_EQ(database.storedChecksum("a"), checksumOf("a"));
     EXPECT_THAT(snapshots.ends, ElementsAre(true));
 }
 
@@ -203,8 +195,8 @@ TEST_F(BackupOfVolumes, PhasesComeInOrder) {
                             "Copy Volume " + order[1], "Close Backup Session", "Transition To Incremental",
                             "Post backup record"));
     EXPECT_THAT(states(), ElementsAre(VOLUME_FINISHED, VOLUME_FINISHED));
-    EXPECT_NE(storedChecksum("a"), 0U);
-    EXPECT_NE(storedChecksum("b"), 0U);
+    EXPECT_NE(database.storedChecksum("a"), 0U);
+    EXPECT_NE(database.storedChecksum("b"), 0U);
 }
 
 TEST_F(BackupOfVolumes, NewVolumeIsCopiedInFullWhateverWasAskedFor) {
@@ -231,7 +223,7 @@ TEST_F(BackupOfVolumes, ComparingBackupChangesNothingOfAnEqualImage) {
     EXPECT_GT(targets["a"]->writes, 0);
     EXPECT_EQ(targets["a"]->image, source.image);
     EXPECT_EQ(status().volumes.front().bytesTransferred, source.usedBlocks() * test::ExtVolume::blockSize);
-    EXPECT_EQ(storedChecksum("a"), checksumOf("a"));
+    EXPECT_EQ(database.storedChecksum("a"), checksumOf("a"));
 }
 
 TEST_F(BackupOfVolumes, ComparingBackupMendsWhatDiffers) {
@@ -248,7 +240,7 @@ TEST_F(BackupOfVolumes, ComparingBackupMendsWhatDiffers) {
 TEST_F(BackupOfVolumes, IncrementalBackupCopiesTheBlocksThatAreMarkedAndNoOthers) {
     test::ExtVolume& source = add("a");
     run();
-    const std::uint32_t before = storedChecksum("a");
+    const std::uint32_t before = database.storedChecksum("a");
     source.change({12, 500, 501, 3070, 2000}); // the last of them is not used
     recordChanges("a", {12, 500, 501, 2000, 3070});
     targets["a"]->written.clear();
@@ -261,8 +253,8 @@ TEST_F(BackupOfVolumes, IncrementalBackupCopiesTheBlocksThatAreMarkedAndNoOthers
     EXPECT_EQ(source.equalBlocks(targets["a"]->image), source.used);
     EXPECT_THAT(status().volumes,
                 ElementsAre(VolumeBackupStatus{"a", VOLUME_FINISHED, INCREMENTAL, 4 * bytes, 5 * bytes}));
-    EXPECT_NE(storedChecksum("a"), before);
-    EXPECT_EQ(storedChecksum("a"), checksumOf("a"));
+    EXPECT_NE(database.storedChecksum("a"), before);
+    EXPECT_EQ(database.storedChecksum("a"), checksumOf("a"));
 }
 
 TEST_F(BackupOfVolumes, IncrementalBackupOntoAnotherImageComparesEverything) {
@@ -370,7 +362,7 @@ TEST_F(BackupOfVolumes, CancelDuringTheCopyVouchesForNothing) {
                                       "Transition To Incremental", "Post backup record"));
     EXPECT_THAT(snapshots.ends, ElementsAre(false));
     EXPECT_THAT(states(), ElementsAre(VOLUME_FAILED));
-    EXPECT_EQ(storedChecksum("a"), 0U);
+    EXPECT_EQ(database.storedChecksum("a"), 0U);
     EXPECT_FALSE(log.hasPart(error, ""));
     EXPECT_TRUE(log.has(level3, "Backup backup FAILED!"));
 }
@@ -378,7 +370,7 @@ TEST_F(BackupOfVolumes, CancelDuringTheCopyVouchesForNothing) {
 TEST_F(BackupOfVolumes, FailedBackupLeavesTheOldChecksumAndTheNextOneMendsTheImage) {
     test::ExtVolume& source = add("a");
     run();
-    const std::uint32_t before = storedChecksum("a");
+    const std::uint32_t before = database.storedChecksum("a");
     source.change({12, 500, 3000});
     recordChanges("a", {12, 500, 3000});
     request(INCREMENTAL);
@@ -389,7 +381,7 @@ TEST_F(BackupOfVolumes, FailedBackupLeavesTheOldChecksumAndTheNextOneMendsTheIma
     EXPECT_TRUE(
         log.has(error, "Transport related error occurred during backup run: Failed to write the chunk!"));
     EXPECT_THAT(states(), ElementsAre(VOLUME_FAILED));
-    EXPECT_EQ(storedChecksum("a"), before);
+    EXPECT_EQ(database.storedChecksum("a"), before);
     EXPECT_FALSE(source.holdsUsedBlocks(targets["a"]->image));
 
     connect = [](const auto& target) { return target; };
@@ -409,8 +401,8 @@ TEST_F(BackupOfVolumes, VolumeThatFailsTakesTheFinishedOnesWithIt) {
     backup->run(std::move(session));
     EXPECT_TRUE(log.has(level3, "Finished copying volume " + order[0] + " (/mnt)"));
     EXPECT_THAT(states(), ElementsAre(VOLUME_FAILED, VOLUME_FAILED));
-    EXPECT_EQ(storedChecksum(order[0]), 0U);
-    EXPECT_EQ(storedChecksum(order[1]), 0U);
+    EXPECT_EQ(database.storedChecksum(order[0]), 0U);
+    EXPECT_EQ(database.storedChecksum(order[1]), 0U);
 }
 
 /// Each call to the target fails in turn, in a backup of each type. A full one punches holes, too.
@@ -442,15 +434,15 @@ protected:
         EXPECT_THAT(states(), ElementsAre(VOLUME_FAILED));
         const bool isUntouched = targets["a"]->image == last;
         if (GetParam() == INCREMENTAL) {
-            EXPECT_EQ(storedChecksum("a"), lastChecksum);
+            EXPECT_EQ(database.storedChecksum("a"), lastChecksum);
         } else if (!isUntouched) {
-            EXPECT_EQ(storedChecksum("a"), 0U);
+            EXPECT_EQ(database.storedChecksum("a"), 0U);
         }
     }
 
     void expectWholeImage() {
         EXPECT_TRUE(source.holdsUsedBlocks(targets["a"]->image));
-        EXPECT_NE(storedChecksum("a"), lastChecksum);
+        EXPECT_NE(database.storedChecksum("a"), lastChecksum);
         EXPECT_EQ(status().volumes.front().backupType, GetParam());
     }
 
@@ -475,7 +467,7 @@ TEST_P(EveryFailingCall, BackupIsFinishedOnlyWithTheWholeImage) {
     }
     EXPECT_TRUE(backup->isFinished()); // the run without a failure
     expectWholeImage();
-    EXPECT_EQ(storedChecksum("a"), checksumOf("a"));
+    EXPECT_EQ(database.storedChecksum("a"), checksumOf("a"));
     // The seek and the punch of each hole: what isn't punched costs only space.
     EXPECT_EQ(finishedAllTheSame, GetParam() == FULL ? 2 * 4 : 0);
 }
@@ -504,7 +496,7 @@ protected:
 
     void expectWholeImage() {
         EXPECT_TRUE(source.holdsUsedBlocks(targets["a"]->image));
-        EXPECT_EQ(storedChecksum("a"), checksumOf("a"));
+        EXPECT_EQ(database.storedChecksum("a"), checksumOf("a"));
     }
 
     test::ExtVolume& source = add("a");
