@@ -15,7 +15,7 @@ import tempfile
 
 from lab.certificates import Authority, install
 from lab.daemon import BASE, ROOT, Daemon, require_private_site
-from lab.driver_facts import hide_driver, show_driver, show_status
+from lab.driver import hide_driver, show_driver, show_status
 from lab.https_client import Client
 from lab.services import wait_until
 from lab.site import Site

@@ -7,16 +7,15 @@
         protection.verify()
 """
 import dataclasses
-import json
 import math
 import pathlib
 
 from lab.appliance_client import volume
+from lab.driver import STORE, stored_state
 from lab.images import ImageError, compare_used, fsck, mounted, tree_hashes
 
 SECONDS = 300
 COW_MIB = 100
-STORE = pathlib.Path("/var/lib/tolvubd")
 NODES = "/sys/class/block"
 SECTOR = 512
 LEAST = 10 << 20 # a smaller image has no checksum
@@ -31,8 +30,7 @@ def size_of(partition):
 
 def capture_of(partition):
     """Where the snapshot driver keeps what the volume held when its last snapshot was taken."""
-    table = json.loads((STORE / "state.json").read_text(encoding="utf-8"))
-    return next(STORE / f"{device['snapshot']}.img" for device in table["devices"]
+    return next(STORE / f"{device['snapshot']}.img" for device in stored_state()["devices"]
                 if device["block_device"] == partition.device)
 
 

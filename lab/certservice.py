@@ -23,6 +23,7 @@ import ssl
 import threading
 
 from lab.certificates import Authority, CertificateError
+from lab.stay import Stay
 
 HOST = "certificates.tolvu.example"
 PATH = "/certApi.php"
@@ -140,13 +141,14 @@ class Server(http.server.ThreadingHTTPServer):
         """Whatever ended the connection, the client sees it."""
 
 
-class CertificateService:
+class CertificateService(Stay):
     """The service, in a thread of this process."""
 
     def __init__(self, authority, *, identity=None, fault=None, host=HOST, address="127.0.0.1", port=PORT,
                  service_key=SERVICE_KEY):
         if fault is not None and fault not in FAULTS:
             raise ValueError(f"no such fault: {fault}")
+        super().__init__()
         self.authority = authority
         self.host = host
         self.fault = fault
@@ -203,11 +205,9 @@ class CertificateService:
         self._thread.join(STOP_SECONDS)
         self._server.server_close()
 
-    def __enter__(self):
-        return self.start()
-
-    def __exit__(self, *_exception):
-        self.stop()
+    def open(self, lasting):
+        self.start()
+        lasting.callback(self.stop)
 
 
 def store_device(authority, number, directory, name="device"):

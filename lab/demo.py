@@ -21,18 +21,18 @@ from lab.appliance_client import Appliance, NoAnswer, Unreachable
 from lab.backups import COW_MIB, Protection
 from lab.certificates import Authority, CertificateError
 from lab.certservice import HOST, CertificateService, store_device, trust
-from lab.daemon import BASE, ROOT, Daemon, program, require_private_site
+from lab.daemon import BASE, ROOT, Daemon, require_private_site
 from lab.images import ImageError
 from lab.progress import shown_progress
 from lab.services import ServiceError
 from lab.site import Site
+from lab.snapshots import drop_snapshots
 from lab.targets import Target
 from lab.volumes import Volume
 
 WIDTH = 100
 SECONDS = 60
 LAB = pathlib.Path("/run/lab")
-MOUNT_ROOT = pathlib.Path("/tmp/tolvuMountRoot")
 DEVICE = 4711
 STRANGER = 815
 PREFIX = "  | "
@@ -147,7 +147,7 @@ def set_up_site(tour):
     trust(authority)
     tour.lasting.enter_context(CertificateService(authority))
     tour.site = tour.lasting.enter_context(Site(VOLUMES))
-    tour.lasting.callback(drop_snapshots)
+    tour.lasting.callback(drop_snapshots) # or they would hold the site, wherever a step has failed
     tour.target = tour.lasting.enter_context(Target())
     show(f"services: system bus, login manager, udev, udisks2, {HOST}")
     show(f"iSCSI target: tgtd at {tour.target.portal}, {tour.target.name}")
@@ -155,17 +155,6 @@ def set_up_site(tour):
         written = fill(partition)
         show(f"volume {partition.name}: {partition.volume.file_system} of {partition.volume.mebibytes} MiB "
              f"at {partition.volume.mount_point}, with {FILES} files of {megabytes(written)} together")
-
-
-def drop_snapshots():
-    """Lets the driver forget the volumes, so that nothing of the site is held, wherever a step has failed."""
-    for mount in MOUNT_ROOT.glob("*"):
-        subprocess.run(["umount", mount], check=False, capture_output=True, timeout=SECONDS)
-    with contextlib.suppress(FileNotFoundError):
-        listing = json.loads(pathlib.Path("/run/tolvubd/info").read_text(encoding="ascii"))
-        for device in listing["devices"]:
-            subprocess.run([program("tolvuctl"), "destroy", str(device["minor"])], check=True,
-                           timeout=SECONDS)
 
 
 def fill(partition):

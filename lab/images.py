@@ -18,17 +18,16 @@ import subprocess
 import tempfile
 import typing
 
+from lab import filesystems
+from lab.commands import run
+from lab.driver import OWN_FILES
+from lab.filesystems import kind_of, truth_of
+from lab.loops import attached
 from lab.poison import is_poison
-from lab.services import wait_until
-from lab.used_blocks import truth_of
-from lab.volumes import attach, backing_files, run
 
 SECONDS = 600
 PIECE = 4 << 20
 SHOWN = 10
-OWN_FILES = (".tolvu", ".tolvu1", ".tolvu.inc")
-REPLAYING = {"ext4": "rw", "xfs": "rw,nouuid"}
-LOOK_ONLY = {"ext4": "ro,noload", "xfs": "ro,nouuid,norecovery"}
 
 
 class ImageError(AssertionError):
@@ -36,63 +35,51 @@ class ImageError(AssertionError):
 
 
 @contextlib.contextmanager
-def attached(image, *options):
-    """The device that shows an image."""
-    device = attach(image, *options)
-    name = pathlib.Path(device).name
-    file = backing_files()[name]
-    try:
-        user = os.open(device, os.O_RDONLY | os.O_CLOEXEC)
-        run("losetup", "--detach", device) # with its last user: not even a killed test leaves it behind
-        try:
-            yield device
-        finally:
-            os.close(user)
-    finally:
-        wait_until(lambda: backing_files().get(name) != file, SECONDS, f"{device} detached")
-
-
-@contextlib.contextmanager
-def mounted_at_device(device, file_system, options):
-    with tempfile.TemporaryDirectory(prefix="tree-") as root:
-        run("mount", "-t", file_system, "-o", options, device, root)
-        try:
-            yield pathlib.Path(root)
-        finally:
-            run("umount", root)
+def looked_into(device, file_system):
+    """Where the tree on a device is to be seen. No journal is replayed: it has to be right as it stands."""
+    with tempfile.TemporaryDirectory(prefix="tree-") as root, \
+            filesystems.mounted(file_system, device, root, kind_of(file_system).look) as tree:
+        yield tree
 
 
 @contextlib.contextmanager
 def mounted(image, file_system, offset=0):
-    """Where the tree in the image is to be seen. No journal is replayed: it has to be right as it stands."""
-    with attached(image, "--read-only", "--offset", str(offset)) as device, \
-            mounted_at_device(device, file_system, LOOK_ONLY[file_system]) as root:
+    """Where the tree in the image is to be seen, as it stands."""
+    with shown(image, offset) as device, looked_into(device, file_system) as root:
         yield root
+
+
+def shown(image, offset):
+    """The device that shows an image to those who only look."""
+    return attached(image, "--read-only", "--offset", str(offset))
 
 
 def fsck(image, file_system, offset=0):
     """Has the file system's own tool look through the image; raises ImageError with what it says."""
-    if file_system == "xfs":
-        with replayed(image, file_system, offset) as device:
-            check("xfs_repair", "-n", device)
-    else:
-        with attached(image, "--read-only", "--offset", str(offset)) as device:
-            check("e2fsck", "-fn", device)
+    kind = kind_of(file_system)
+    with replayed(image, file_system, offset) if kind.needs_replay else shown(image, offset) as device:
+        check(*kind.check, device)
 
 
 @contextlib.contextmanager
 def replayed(image, file_system, offset=0):
-    """A device that shows a copy of the image, whose journal the kernel has replayed. Freezing XFS leaves
-    counters of the super block in the journal only, and without them xfs_repair finds fault."""
+    """A device that shows a copy of the image, whose journal the kernel has replayed."""
     with tempfile.NamedTemporaryFile(dir=pathlib.Path(image).parent, prefix="replay-") as copy:
         run("cp", "--reflink=auto", image, copy.name)
         with attached(copy.name, "--offset", str(offset)) as device:
-            try:
-                with mounted_at_device(device, file_system, REPLAYING[file_system]):
-                    pass
-            except OSError as error:
-                raise ImageError(f"{image}: {error}") from error
+            replay(image, device, file_system)
             yield device
+
+
+def replay(image, device, file_system):
+    """By a mount of the copy of an image."""
+    options = kind_of(file_system).write
+    with tempfile.TemporaryDirectory(prefix="tree-") as root:
+        try:
+            with filesystems.mounted(file_system, device, root, options):
+                pass
+        except OSError as error:
+            raise ImageError(f"{image}: {error}") from error
 
 
 def check(*command):
@@ -213,7 +200,7 @@ def tree_of(volume, file_system):
     if found.returncode == 0:
         return contextlib.nullcontext(pathlib.Path(unescape(found.stdout.strip())))
     if pathlib.Path(volume).is_block_device():
-        return mounted_at_device(volume, file_system, LOOK_ONLY[file_system])
+        return looked_into(volume, file_system)
     return mounted(volume, file_system)
 
 

@@ -16,6 +16,8 @@ import subprocess
 import tempfile
 import time
 
+from lab.stay import Stay
+
 READY_SECONDS = 20
 STOP_SECONDS = 10
 ROOT = pathlib.Path(__file__).resolve().parents[1]
@@ -37,12 +39,13 @@ def wait_until(condition, seconds, what):
         time.sleep(0.02)
 
 
-class Service:
+class Service(Stay):
     """One process of our own. Subclasses say what to run and when it is ready."""
 
     command = ()
 
     def __init__(self):
+        super().__init__()
         self._process = None
         self._log = None
 
@@ -101,11 +104,9 @@ class Service:
         finally:
             self._log.close()
 
-    def __enter__(self):
-        return self.start()
-
-    def __exit__(self, *_exception):
-        self.stop()
+    def open(self, lasting):
+        self.start()
+        lasting.callback(self.stop)
 
 
 def has_owner(name):

@@ -9,11 +9,12 @@ import contextlib
 import os
 import pathlib
 import signal
-import subprocess
 import sys
 
 from lab.daemon import children, require_private_site
+from lab.mounts import mounted
 from lab.services import LoginManager, SystemBus, UdevDaemon, Udisks
+from lab.stay import Stay
 from lab.volumes import Disk, Volume
 
 MOUNTS = pathlib.Path("/mnt")
@@ -31,37 +32,22 @@ VOLUMES = (
 )
 
 
-@contextlib.contextmanager
-def private_mount_points():
-    """Covers /mnt, so that nothing of the machine's is there, and nothing stays there."""
-    subprocess.run(["mount", "-t", "tmpfs", "-o", "mode=755", "tmpfs", MOUNTS], check=True)
-    try:
-        yield
-    finally:
-        subprocess.run(["umount", MOUNTS], check=True)
-
-
-class Site:
+class Site(Stay):
     """System bus, login manager, udev, udisks and one disk. `token` marks what the whole machine can see, and
     the disk's image lies in `directory`."""
 
     def __init__(self, volumes=VOLUMES, token="site", directory="/tmp"):
+        super().__init__()
         self.bus = SystemBus()
         self.udisks = Udisks()
         self.disk = Disk(volumes, token, directory)
-        self._lasting = contextlib.ExitStack()
 
-    def __enter__(self):
+    def open(self, lasting):
         require_private_site()
-        with contextlib.ExitStack() as lasting:
-            lasting.enter_context(private_mount_points())
-            for part in (self.bus, LoginManager(), UdevDaemon(), self.disk, self.udisks):
-                lasting.enter_context(part)
-            self._lasting = lasting.pop_all()
-        return self
-
-    def __exit__(self, *exception):
-        return self._lasting.__exit__(*exception)
+        # Nothing of the machine's is there, and nothing stays there.
+        lasting.enter_context(mounted("tmpfs", MOUNTS, "mode=755", "tmpfs"))
+        for part in (self.bus, LoginManager(), UdevDaemon(), self.disk, self.udisks):
+            lasting.enter_context(part)
 
     def table(self):
         """The volumes in lines, for people."""

@@ -11,11 +11,26 @@ import pathlib
 import subprocess
 import tempfile
 
+from lab.commands import run
 from lab.daemon import program
+from lab.driver import forget_devices
 from lab.services import wait_until
 
 SECONDS = 60
 MOUNT_ROOT = pathlib.Path("/tmp/tolvuMountRoot")
+
+
+def mounts():
+    """Where snapshots are mounted."""
+    lines = pathlib.Path("/proc/self/mountinfo").read_text(encoding="utf-8").splitlines()
+    return [line.split()[4] for line in lines if line.split()[4].startswith(str(MOUNT_ROOT))]
+
+
+def drop_snapshots():
+    """Whatever a session has left goes: no snapshot is mounted, and the driver knows no volume any more."""
+    for path in mounts():
+        run("umount", path)
+    forget_devices()
 
 
 class SessionError(Exception):

@@ -19,8 +19,8 @@ import socket
 import tempfile
 
 from lab import poison
+from lab.commands import run
 from lab.services import Service, ServiceError, wait_until
-from lab.volumes import run
 
 SECONDS = 20
 ADDRESS = "127.0.0.1"
@@ -93,7 +93,6 @@ class Target(Service):
         self.directory = None
         self._parent = directory
         self._accounts = {}
-        self._lasting = contextlib.ExitStack()
         self._control = None
 
     @property
@@ -104,18 +103,12 @@ class Target(Service):
     def command(self):
         return ("env", f"TGT_IPC_SOCKET={self._control}", "tgtd", "-f", "--iscsi", f"portal={self.portal}")
 
-    def __enter__(self):
-        with contextlib.ExitStack() as lasting:
-            made = tempfile.TemporaryDirectory
-            self.directory = pathlib.Path(lasting.enter_context(made(prefix="images-", dir=self._parent)))
-            self._control = pathlib.Path(lasting.enter_context(made(prefix="tgtd-", dir="/run")), "control")
-            lasting.callback(self.kill)
-            self.start()
-            self._lasting = lasting.pop_all()
-        return self
-
-    def __exit__(self, *exception):
-        return self._lasting.__exit__(*exception)
+    def open(self, lasting):
+        made = tempfile.TemporaryDirectory
+        self.directory = pathlib.Path(lasting.enter_context(made(prefix="images-", dir=self._parent)))
+        self._control = pathlib.Path(lasting.enter_context(made(prefix="tgtd-", dir="/run")), "control")
+        lasting.callback(self.kill)
+        self.start()
 
     def prepare(self):
         for path in self._control.parent.iterdir():

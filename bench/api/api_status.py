@@ -27,7 +27,7 @@ import typing
 from lab.appliance_client import PORT, Appliance, volume
 from lab.certificates import Authority, install
 from lab.daemon import BASE, Daemon, program, require_private_site
-from lab.driver_facts import hide_driver, show_driver
+from lab.driver import hide_driver, show_driver
 from lab.services import Service, wait_until
 
 DEVICE = 4711

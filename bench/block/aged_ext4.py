@@ -9,19 +9,18 @@ which files there are is always the same.
 import os
 import pathlib
 import random
-import re
-import subprocess
 import sys
 import tempfile
+
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2]))
+
+from lab.filesystems import truth_of  # noqa: E402
+from lab.volume_images import make_image, mounted  # noqa: E402
 
 BLOCK = 4096
 BLOCKS = 40 * 2**30 // BLOCK
 FULLEST = 0.85 # of the blocks
 ROUNDS = 4
-
-
-def run(*command):
-    return subprocess.run(command, check=True, capture_output=True, text=True).stdout
 
 
 def grow(root, files, chance):
@@ -53,10 +52,9 @@ def age(root):
 
 def used_bitmap(image):
     bitmap = bytearray(b"\xff" * (BLOCKS // 8))
-    for line in re.findall(r"^  Free blocks: (.*)$", run("dumpe2fs", str(image)), re.MULTILINE):
-        for first, last in re.findall(r"(\d+)(?:-(\d+))?", line):
-            for block in range(int(first), int(last or first) + 1):
-                bitmap[block // 8] &= ~(1 << block % 8)
+    for first, count in truth_of(image, "ext4").free_ranges:
+        for block in range(first, first + count):
+            bitmap[block // 8] &= ~(1 << block % 8)
     return bitmap
 
 
@@ -64,17 +62,9 @@ def main():
     if len(sys.argv) != 2:
         sys.exit(__doc__)
     with tempfile.TemporaryDirectory() as directory:
-        image = pathlib.Path(directory, "image")
-        root = pathlib.Path(directory, "root")
-        root.mkdir()
-        with open(image, "wb") as file:
-            file.truncate(BLOCKS * BLOCK)
-        run("mkfs.ext4", "-q", "-b", str(BLOCK), str(image))
-        run("mount", "-o", "loop", str(image), str(root))
-        try:
+        image = make_image(pathlib.Path(directory, "image"), BLOCKS * BLOCK >> 20, "ext4", "-b", str(BLOCK))
+        with mounted(image, pathlib.Path(directory, "root")) as (_, root):
             age(root)
-        finally:
-            run("umount", str(root))
         bitmap = used_bitmap(image)
     pathlib.Path(sys.argv[1]).write_bytes(bitmap)
 

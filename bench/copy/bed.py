@@ -2,7 +2,6 @@
 import contextlib
 import dataclasses
 import datetime
-import json
 import os
 import pathlib
 import re
@@ -14,18 +13,19 @@ import threading
 from bench.copy.process import processor_seconds
 from lab.appliance_client import Appliance, volume
 from lab.certificates import Authority, install
-from lab.daemon import BASE, Daemon, program
-from lab.images import attached
+from lab.commands import run
+from lab.daemon import BASE, Daemon
+from lab.driver import STORE
+from lab.filesystems import kind_of
+from lab.loops import attached
+from lab.mounts import mounted
 from lab.site import Site
-from lab.snapshots import MOUNT_ROOT
+from lab.snapshots import drop_snapshots
+from lab.stay import Stay
 from lab.targets import Target
-from lab.volumes import Volume, run
+from lab.volumes import Volume
 
 DEVICE = 4711
-# Left to itself, the kernel would fill tables of a new ext4 while it is measured.
-OPTIONS = {"ext4": "noinit_itable", "xfs": "defaults"}
-STORE = pathlib.Path("/var/lib/tolvubd")
-INFO = pathlib.Path("/run/tolvubd/info")
 SECONDS = 3600
 POLL_SECONDS = 1
 SNAPSHOT_SECONDS = 0.1
@@ -78,45 +78,34 @@ class Run:
         return sum(seconds for name, seconds in self.phases.items() if name not in inner)
 
 
-class Bed:
+class Bed(Stay):
     """A volume, an image for it, and a paired daemon. Big files lie below `directory`, the image below
     `images`, as a hole if it isn't `poisoned`."""
 
     def __init__(self, directory, gibibytes, *, file_system="ext4", images=None, poisoned=True):
+        super().__init__()
         self._file_system = file_system
         self._directory = directory
         self._images = images
         self._bytes = gibibytes << 30
         self._poisoned = poisoned
         self._pause = threading.Event()
-        self._lasting = contextlib.ExitStack()
 
-    def __enter__(self):
-        with contextlib.ExitStack() as lasting:
-            self.place = pathlib.Path(lasting.enter_context(
-                tempfile.TemporaryDirectory(prefix="copy-", dir=self._directory)))
-            self._bind_store(lasting)
-            self._make_volume(lasting)
-            self.target = lasting.enter_context(Target(directory=self._images or self.place))
-            self.image = self.target.add_image("image", self._bytes, poisoned=self._poisoned)
-            lasting.callback(self._drop_devices)
-            self._start_daemon(lasting)
-            self._lasting = lasting.pop_all()
-        return self
-
-    def __exit__(self, *exception):
-        return self._lasting.__exit__(*exception)
-
-    def _bind_store(self, lasting):
-        store = self.place / "store"
-        store.mkdir()
-        subprocess.run(["mount", "--bind", store, STORE], check=True)
-        lasting.callback(subprocess.run, ["umount", STORE], check=True)
+    def open(self, lasting):
+        self.place = pathlib.Path(lasting.enter_context(
+            tempfile.TemporaryDirectory(prefix="copy-", dir=self._directory)))
+        (self.place / "store").mkdir()
+        lasting.enter_context(mounted(self.place / "store", STORE, "bind"))
+        self._make_volume(lasting)
+        self.target = lasting.enter_context(Target(directory=self._images or self.place))
+        self.image = self.target.add_image("image", self._bytes, poisoned=self._poisoned)
+        lasting.callback(drop_snapshots) # also those of a backup that has been killed
+        self._start_daemon(lasting)
 
     def _make_volume(self, lasting):
         mebibytes = self._bytes >> 20
         data = Volume("data", self._file_system, mebibytes, mount_point="/mnt/data",
-                      options=OPTIONS[self._file_system])
+                      options=kind_of(self._file_system).calm)
         site = lasting.enter_context(Site([data], token=f"copy{os.getpid()}", directory=self.place))
         # The image is a disk: through a second page cache, its holes would be read a tenth as fast.
         run("losetup", "--direct-io=on", site.disk.device)
@@ -135,14 +124,6 @@ class Bed:
         table = (self._bytes // 4096 * 8 >> 20) + 1
         key = f"volumes.{self.partition.uuid}.cowFileSizeMiB"
         assert self._appliance.set_config({key: max(100, table)}).is_success
-
-    def _drop_devices(self):
-        """Lets the driver forget the volume, also one whose backup has been killed."""
-        snapshot = MOUNT_ROOT / self.partition.uuid
-        if snapshot.is_mount():
-            subprocess.run(["umount", snapshot], check=True)
-        for device in json.loads(INFO.read_text(encoding="ascii"))["devices"]:
-            subprocess.run([program("tolvuctl"), "destroy", str(device["minor"])], check=True)
 
     def settle(self):
         """Lets nothing that came before be still on its way to the disk."""

@@ -66,7 +66,7 @@ def race_floor(bed, report, mode, rounds, **options):
     for number in range(1, rounds + 1):
         backup = bed.backup(**options)
         with bed.last_snapshot() as device:
-            floor = run_floor(mode, device, copied_ranges(device), bed)
+            floor = run_floor(mode, device, copied_ranges(device, bed.partition.volume.file_system), bed)
         assert floor.bytes == backup.bytes, (floor, backup)
         report.line(f"round {number}", f"{floor.bytes / MEBIBYTE:.0f}",
                     *(f"{value:.2f}" for value in (backup.copy, floor.seconds, floor.local, floor.remote,

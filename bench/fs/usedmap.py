@@ -13,21 +13,21 @@ import sys
 import tempfile
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
-sys.path.insert(0, str(ROOT / "tests/functional"))
+sys.path.insert(0, str(ROOT))
 
-from volume_images import age, make_image, mounted, riddle  # noqa: E402
+from lab.volume_images import age, make_image, mounted, riddle  # noqa: E402
 
 BENCH = ROOT / os.environ.get("BEKD_BUILD", "build/release") / "bench_fs"
 TEBIBYTE = 1024 * 1024  # in MiB
 SLOWEST = 1.25
 LARGEST = 80
-LAZY = ("-q", "-F", "-E", "lazy_itable_init=1,lazy_journal_init=1,nodiscard", "-b", "4096")
+LAZY = ("-E", "lazy_itable_init=1,lazy_journal_init=1,nodiscard", "-b", "4096")
 VOLUMES = {
-    "ext4 of 1 TiB, sparse": (TEBIBYTE, False, ("mkfs.ext4", *LAZY)),
-    "ext4 of 20 GiB, aged": (20 * 1024, True, ("mkfs.ext4", *LAZY)),
-    "xfs of 1 TiB, sparse": (TEBIBYTE, False, ("mkfs.xfs", "-q", "-K")),
-    "xfs of 20 GiB, aged": (20 * 1024, True, ("mkfs.xfs", "-q", "-K")),
-    "xfs of nearly 16 TiB, sparse": (16 * TEBIBYTE - 1024, False, ("mkfs.xfs", "-q", "-K")),
+    "ext4 of 1 TiB, sparse": (TEBIBYTE, False, ("ext4", *LAZY)),
+    "ext4 of 20 GiB, aged": (20 * 1024, True, ("ext4", *LAZY)),
+    "xfs of 1 TiB, sparse": (TEBIBYTE, False, ("xfs", "-K")),
+    "xfs of 20 GiB, aged": (20 * 1024, True, ("xfs", "-K")),
+    "xfs of nearly 16 TiB, sparse": (16 * TEBIBYTE - 1024, False, ("xfs", "-K")),
 }
 
 
@@ -38,8 +38,8 @@ def wear(image, directory):
 
 
 def measure(name, directory):
-    mebibytes, is_aged, mkfs = VOLUMES[name]
-    image = make_image(directory / "volume", mebibytes, *mkfs)
+    mebibytes, is_aged, making = VOLUMES[name]
+    image = make_image(directory / "volume", mebibytes, *making)
     if is_aged:
         wear(image, directory / "mnt")
     line = subprocess.run([BENCH, image], check=True, capture_output=True, text=True).stdout.strip()

@@ -1,17 +1,15 @@
 """What the tests of whole backups share: volumes that are small and can be snapshotted, changes of them, and
 what has to be sent of them, worked out without the agent."""
 import hashlib
-import json
 import math
 import pathlib
 import random
 import shutil
-import subprocess
 
 from change_records import Moment, common, extents_of_units, marked_units
+from lab import driver
 from lab.backups import capture_of
-from lab.daemon import BASE, program
-from lab.driver_facts import STATUS
+from lab.daemon import BASE
 from lab.volumes import Volume
 
 LONGEST = 4 << 20 # nothing longer is sent with one command
@@ -63,19 +61,7 @@ def closed_file(partition):
 
 def device_of(partition):
     """What the driver says of a volume's device."""
-    return next(device for device in devices() if device["block_device"] == partition.device)
-
-
-def devices():
-    """What the driver says of each of its devices."""
-    info = STATUS / "info"
-    return json.loads(info.read_text(encoding="utf-8"))["devices"] if info.exists() else []
-
-
-def forget_devices():
-    """The driver knows no volume any more."""
-    for device in devices():
-        subprocess.run([program("tolvuctl"), "destroy", str(device["minor"])], check=True)
+    return next(device for device in driver.devices() if device["block_device"] == partition.device)
 
 
 def size_of_all(extents):

@@ -1,11 +1,10 @@
 """What the snapshot driver has to record of a volume, and what a backup has to bring, worked out from
 captures of the volume and from what the tools of its file system call in use."""
-import re
 from itertools import chain, count
 
-from lab.images import OWN_FILES, extents_of, tree_of, without
-from lab.used_blocks import ranges_in, truth_of
-from lab.volumes import run
+from lab.driver import OWN_FILES
+from lab.filesystems import kind_of
+from lab.images import extents_of, tree_of, without
 
 UNIT = 4096 # changes are recorded in units of so many bytes
 PIECE = 4 << 20
@@ -17,8 +16,9 @@ class Moment:
 
     def __init__(self, capture, file_system):
         self.capture = capture
-        self.used = truth_of(capture, file_system).used_extents()
-        self.sleeping = sleeping_structures(capture) if file_system == "ext4" else []
+        kind = kind_of(file_system)
+        self.used = kind.truth(capture).used_extents()
+        self.sleeping = kind.sleeping(capture)
         with tree_of(str(capture), file_system) as root:
             self.own = {name: extents_of(root / name) for name in OWN_FILES if (root / name).exists()}
 
@@ -26,23 +26,6 @@ class Moment:
     def copied(self):
         """What is worth copying."""
         return list(without(self.used, chain.from_iterable(self.own.values())))
-
-
-def sleeping_structures(capture):
-    """(offset, length) of the structures of ext4 groups that were never used, and of what lies in front of
-    the first group."""
-    text = run("dumpe2fs", capture)
-    size, first_block = (int(re.search(rf"^{name}: +(\d+)", text, re.MULTILINE)[1])
-                         for name in ("Block size", "First block"))
-    found = [(0, first_block * size)]
-    for group in re.split(r"^Group (?=\d+:)", text, flags=re.MULTILINE)[1:]:
-        if "BLOCK_UNINIT" not in group.splitlines()[0]:
-            continue
-        first, last = map(int, re.search(r"Blocks (\d+)-(\d+)", group).groups())
-        places = re.findall(r"(?:superblock|descriptors?|blocks|bitmap|table) at (\d+(?:-\d+)?)", group)
-        found += [(begin * size, blocks * size) for begin, blocks in ranges_in(", ".join(places))
-                  if first <= begin <= last]
-    return sorted(found)
 
 
 def copied_extents(capture, file_system):

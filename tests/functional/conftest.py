@@ -19,13 +19,13 @@ sys.path.insert(0, str(ROOT))
 CERTIFICATES = "/etc/tolvu/bek/certs"
 pytest.register_assert_rewrite("backup_site", "fault_site", "snapshot_site")
 
-from backup_site import EXT4, XFS, empty, forget_devices, root_of  # noqa: E402
+from backup_site import EXT4, XFS, empty, root_of  # noqa: E402
 from fault_site import DATA, FaultList, fault_site  # noqa: E402
 from lab import certificates  # noqa: E402
 from lab.appliance_client import Appliance  # noqa: E402
 from lab.backups import Protection  # noqa: E402
 from lab.daemon import DATABASE, PID_FILE, Daemon, program, require_private_site  # noqa: E402
-from lab.driver_facts import hide_driver, show_driver  # noqa: E402
+from lab.driver import forget_devices, hide_driver, show_driver  # noqa: E402
 from lab.https_client import Client  # noqa: E402
 from lab.site import Site  # noqa: E402
 from lab.system_log import SystemLog  # noqa: E402

@@ -15,16 +15,18 @@ import subprocess
 import tempfile
 
 from change_records import UNIT
+from lab import driver
 from lab.daemon import BASE, CONFIG, program
+from lab.driver import STATUS, STORE, nodes
+from lab.loops import backing_files, make_node
 from lab.services import wait_until
 from lab.site import Site
-from lab.snapshots import MOUNT_ROOT, Session
-from lab.volumes import Volume, backing_files, make_node
+from lab.snapshots import MOUNT_ROOT, Session, drop_snapshots, mounts
+from lab.stay import Stay
+from lab.volumes import Volume
 
 SECONDS = 60
 COW_MIB = 100
-DRIVER_STORE = pathlib.Path("/var/lib/tolvubd")
-DRIVER_RUNTIME = pathlib.Path("/run/tolvubd")
 EXT4 = Volume("data", "ext4", mebibytes=256, mount_point="/mnt/Büro und Lager")
 XFS = Volume("files", "xfs", mebibytes=320, mount_point="/mnt/files")
 
@@ -56,21 +58,18 @@ def backing_device(loop):
     return listing.stdout.strip()
 
 
-class SnapshotSite:
+class SnapshotSite(Stay):
     """Volumes with small CoW files. Whatever the driver keeps is gone with the site."""
 
     def __init__(self, volumes=(EXT4, XFS)):
+        super().__init__()
         self._site = Site(volumes)
 
-    def __enter__(self):
-        self._site.__enter__()
+    def open(self, lasting):
+        lasting.enter_context(self._site)
         BASE.mkdir(parents=True, exist_ok=True)
         self.set_cow_size(COW_MIB)
-        return self
-
-    def __exit__(self, *exception):
-        self.forget_snapshots()
-        return self._site.__exit__(*exception)
+        lasting.callback(self.forget_snapshots)
 
     def __getitem__(self, name):
         return self._site.disk[name]
@@ -98,45 +97,30 @@ class SnapshotSite:
         with self.session(*names, incremental=incremental) as session:
             return session.start(), session.end(outcome)
 
-    def devices(self):
-        """The driver's devices, by the number of each."""
-        status = json.loads((DRIVER_RUNTIME / "info").read_text())
-        return {device["minor"]: device for device in status["devices"]}
-
-    def states(self):
+    @staticmethod
+    def states():
         """Of the devices there are."""
-        return [device["state"] for device in self.devices().values()]
+        return [device["state"] for device in driver.info()["devices"]]
 
     def own_files(self, name):
         """The files of the driver and the agent on a volume."""
         return sorted(path.name for path in self.mount_point(name).glob(".tolvu*"))
 
-    @staticmethod
-    def nodes():
-        return sorted(path.name for path in pathlib.Path("/dev").iterdir() if "tolvu" in path.name)
-
-    @staticmethod
-    def mounts():
-        """What is mounted below the place of the snapshots."""
-        lines = pathlib.Path("/proc/self/mountinfo").read_text().splitlines()
-        return [line.split()[4] for line in lines if line.split()[4].startswith(str(MOUNT_ROOT))]
-
     def extra_loops(self):
         """The loop devices of the driver's captures. Those of other namespaces have the same names."""
-        store = DRIVER_STORE.stat().st_dev
+        store = STORE.stat().st_dev
         return [name for name, file in backing_files().items() if file.endswith(".img")
                 and backing_device(name) == f"{os.major(store)}:{os.minor(store)}"]
 
     def check_clean(self):
         """No session is under way and none has left anything but the files of tracking."""
-        assert self.nodes() == []
-        assert self.mounts() == []
+        assert nodes() == []
+        assert mounts() == []
         # udev may be looking at a device that is to go: it goes with the last who has it open.
         wait_until(lambda: self.extra_loops() == [], SECONDS, "captures detached")
         assert not MOUNT_ROOT.exists() or list(MOUNT_ROOT.iterdir()) == []
-        assert len(list(DRIVER_STORE.glob("*.img"))) == len(self.devices())
-        for device in self.devices().values():
-            assert device["state"] == 2
+        assert len(list(STORE.glob("*.img"))) == len(self.states())
+        assert set(self.states()) <= {2}
 
     def check_writable(self, name):
         """A file can be written at once: the file system isn't frozen."""
@@ -153,20 +137,16 @@ class SnapshotSite:
 
     def forget_snapshots(self):
         """As if there had never been a driver."""
-        for path in self.mounts():
-            subprocess.run(["umount", path], check=True)
-        if (DRIVER_RUNTIME / "info").exists():
-            for minor in self.devices():
-                subprocess.run([program("tolvuctl"), "destroy", str(minor)], check=True)
-        for path in DRIVER_STORE.iterdir():
+        drop_snapshots()
+        for path in STORE.iterdir():
             path.unlink()
-        shutil.rmtree(DRIVER_RUNTIME, ignore_errors=True)
+        driver.hide_driver()
         shutil.rmtree(MOUNT_ROOT, ignore_errors=True)
 
     @contextlib.contextmanager
     def restarted_machine(self):
         """The driver as after a restart of the machine, and its tool where the reload scripts look for it."""
-        shutil.rmtree(DRIVER_RUNTIME)
+        shutil.rmtree(STATUS)
         with tempfile.TemporaryDirectory(dir="/run") as tools:
             shutil.copy(program("tolvuctl"), tools)
             subprocess.run(["mount", "-t", "overlay", "-o", f"lowerdir={tools}:/usr/bin", "overlay",

@@ -8,7 +8,7 @@ import pytest
 
 from lab.appliance_client import volume
 from lab.daemon import CONFIG, LOGS
-from lab.driver_facts import driver_version
+from lab.driver import driver_version
 from lab.https_client import Client
 from lab.services import wait_until
 

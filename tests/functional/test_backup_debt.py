@@ -1,7 +1,6 @@
 """Faults on a volume that was in debt already: untracked, left in a snapshot, or owing what a failed backup
 has not brought. A backup that says "finished" afterwards has brought everything."""
 import pathlib
-import shutil
 import signal
 import subprocess
 
@@ -9,9 +8,10 @@ import pytest
 
 from backup_site import write_script
 from fault_site import DATA, MORE, fault_site
+from lab import driver
 from lab.daemon import BASE, program
+from lab.driver import INFO
 from lab.snapshots import MOUNT_ROOT
-from snapshot_site import DRIVER_RUNTIME
 
 SECONDS = 120
 SEQUENCES = 3000
@@ -25,24 +25,13 @@ SCRIPTS = {
 cd "{DATA.mount_point}" && [ "$1" = POST ] && rm .tolvu.inc && dd if=/dev/zero of=ballast bs=4k
 """,
     "sealer": f'#!/bin/sh\n[ "$1" = PRE ] || chattr +i "{DATA.mount_point}/.tolvu.inc"\n',
-    "blinder": f'#!/bin/sh\n[ "$1" = PRE ] || echo "{{" > {DRIVER_RUNTIME}/info\n',
+    "blinder": f'#!/bin/sh\n[ "$1" = PRE ] || echo "{{" > {INFO}\n',
 }
 
 
 @pytest.fixture
 def make_site(agent, appliance):
     return lambda *volumes: fault_site(appliance, agent, volumes)
-
-
-def restart_machine():
-    """The driver forgets its devices, and no reload script gives one back."""
-    shutil.rmtree(DRIVER_RUNTIME)
-    take_a_turn()
-
-
-def take_a_turn():
-    """The driver writes its status anew."""
-    subprocess.run([program("tolvuctl"), "cleanup"], check=True)
 
 
 def start(site, *scripts, **kind):
@@ -85,7 +74,7 @@ def history():
 def test_leftover_snapshots_of_untracked_volumes(make_site, foreground, volumes):
     """They show what no image has, so that they can't be what the next changes are counted from."""
     with make_site(*volumes) as site:
-        restart_machine()
+        driver.restart()
         kill_after_snapshots(site, foreground)
         backup = run_failing(site)
         assert "Could not destroy snapshot for " in backup.log
@@ -95,7 +84,7 @@ def test_leftover_snapshots_of_untracked_volumes(make_site, foreground, volumes)
 
 def test_leftover_snapshot_that_somebody_looks_into(one_volume, foreground):
     site = one_volume
-    restart_machine()
+    driver.restart()
     kill_after_snapshots(site, foreground)
     with open(MOUNT_ROOT / site.site["data"].uuid / ".tolvu", "rb"):
         run_failing(site)
@@ -106,7 +95,7 @@ def test_leftover_snapshot_that_somebody_looks_into(one_volume, foreground):
 
 def test_leftover_snapshot_met_by_a_backup_without_target(one_volume, foreground):
     site = one_volume
-    restart_machine()
+    driver.restart()
     kill_after_snapshots(site, foreground)
     site.target.kill()
     backup = run_failing(site)
@@ -117,7 +106,7 @@ def test_leftover_snapshot_met_by_a_backup_without_target(one_volume, foreground
 
 def test_leftover_snapshot_met_by_a_cancelled_backup(one_volume, foreground):
     site = one_volume
-    restart_machine()
+    driver.restart()
     kill_after_snapshots(site, foreground)
     site.target.pause()
     backup = start(site)
@@ -179,7 +168,7 @@ def test_driver_that_tells_nothing_at_the_end(one_volume):
     fail_after_snapshots(site)
     backup = fail_after_snapshots(site, "blinder")
     assert "Unable to parse tolvubd info" in backup.log
-    take_a_turn()
+    driver.take_a_turn()
     assert site.site.states() == [3]
     run_failing(site)
     site.assert_recovered()

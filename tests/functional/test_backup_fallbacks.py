@@ -8,8 +8,9 @@ import sqlite3
 
 import pytest
 
-from backup_site import EXT4, device_of, fill, forget_devices, root_of
+from backup_site import EXT4, device_of, fill, root_of
 from lab.daemon import DATABASE
+from lab.driver import forget_devices
 from tolvubd_site import must
 
 # With room for the CoW files of a backup that was killed.

@@ -5,7 +5,7 @@ import shutil
 from backup_site import LONGEST, Ledger, fill, root_of, size_of_all, write_script
 from change_records import copied_extents
 from lab.backups import capture_of
-from lab.driver_facts import STATUS
+from lab.driver import STATUS
 from lab.targets import Writes
 
 MIB = 1 << 20

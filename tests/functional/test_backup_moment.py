@@ -7,8 +7,8 @@ import pytest
 
 from backup_site import EXT4, XFS, device_of, fill, root_of, write_script
 from lab.backups import capture_of
+from lab.commands import run
 from lab.images import mounted
-from lab.volumes import run
 
 MIB = 1 << 20
 VOLUMES = (EXT4, XFS, dataclasses.replace(EXT4, name="unmounted", mebibytes=16, mount_point=""))

@@ -3,7 +3,7 @@ one connection that somebody on the way has forgotten."""
 import contextlib
 import time
 
-from lab.volumes import run
+from lab.commands import run
 
 SNAPSHOT = "/dev/tolvu0"
 READS = 5 # of the copy, before it is held

@@ -11,7 +11,7 @@ import sys
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(ROOT))
 
-from lab.driver_facts import STATUS, hide_driver  # noqa: E402
+from lab.driver import STATUS, hide_driver  # noqa: E402
 from lab.services import wait_until  # noqa: E402
 
 SECONDS = 30

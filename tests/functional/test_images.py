@@ -5,19 +5,21 @@ The images are made by hand: poison, and on it the blocks that the file system's
 import os
 import pathlib
 import random
-import re
 import tempfile
 
 import pytest
 
-from lab import images, poison
+from lab import filesystems, images, poison
+from lab.commands import run
 from lab.daemon import program
+from lab.driver import OWN_FILES
+from lab.filesystems import kind_of, truth_of
 from lab.images import ImageError, compare_used, fsck, mounted, tree_hashes
+from lab.loops import attached, backing_files
 from lab.snapshots import MOUNT_ROOT
-from lab.used_blocks import truth_of, used_extents
-from lab.volumes import Disk, Volume, backing_files, run
+from lab.volume_images import age
+from lab.volumes import Disk, Volume
 from snapshot_site import SnapshotSite
-from volume_images import age, attached
 
 MIB = 1 << 20
 KINDS = {"ext4 1K": ("ext4", 320), "ext4 4K": ("ext4", 520), "xfs": ("xfs", 320)}
@@ -65,16 +67,17 @@ class Made:
 
 
 def copy_used(device, image, file_system, offset):
-    left_out = images.extents_of_files(device, file_system, images.OWN_FILES)
+    left_out = images.extents_of_files(device, file_system, OWN_FILES)
     with open(device, "rb", buffering=0) as source, open(image, "r+b", buffering=0) as target:
-        for at, length in images.pieces(images.without(used_extents(device, file_system), left_out)):
+        used = truth_of(device, file_system).used_extents()
+        for at, length in images.pieces(images.without(used, left_out)):
             os.pwrite(target.fileno(), os.pread(source.fileno(), length, at), offset + at)
 
 
 def fill(root):
     """Files, links, and the agent's own three; what was deleted leaves its traces in free blocks."""
     fill_as_user(root)
-    for name in images.OWN_FILES:
+    for name in OWN_FILES:
         (root / name).write_bytes(random.Random(name).randbytes(MIB))
     os.sync()
 
@@ -123,14 +126,14 @@ def check_right(made):
     assert tree["link"].content == "nowhere/at all"
     assert tree["sparse"].size == 8 * MIB
     assert "d0/.tolvu" in tree
-    assert not set(tree) & set(images.OWN_FILES)
+    assert not set(tree) & set(OWN_FILES)
 
 
 def test_image_of_all_used_blocks_is_right(made):
     """Though its free blocks are still poison, and those of the agent's own files."""
     for at, length in made.free_extents():
         assert poison.is_poison(made.read(at, length))
-    for name in images.OWN_FILES:
+    for name in OWN_FILES:
         assert poison.is_poison(made.read(made.place_of(name), made.block_size))
     check_right(made)
 
@@ -148,7 +151,7 @@ def test_free_blocks_may_hold_anything(made):
 def test_blocks_of_own_files_are_compared_when_asked_for(made):
     comparison = made.compare(excluded=())
     assert comparison.unwritten == comparison.differing
-    assert len(comparison.differing) * made.block_size == len(images.OWN_FILES) * MIB
+    assert len(comparison.differing) * made.block_size == len(OWN_FILES) * MIB
 
 
 def test_flipped_byte_is_found(made):
@@ -173,18 +176,8 @@ def test_block_never_written_is_found(made):
     assert {name for name, entry in made.tree().items() if entry != good[name]} == {BIG}
 
 
-def structures_of(made):
-    """Where some lie. What is lost of XFS may keep it from being mounted, or not."""
-    if made.file_system == "ext4":
-        return {max(2048, made.block_size): "e2fsck .* status [1-9]"} # the descriptors of the block groups
-    inode = (made.root / "d0").stat().st_ino
-    converted = run("xfs_db", "-r", "-c", f"convert ino {inode} fsbyte", made.device)
-    at = int(re.search(r"\((\d+)\)", converted)[1])
-    return {0: "mount: ", at // made.block_size * made.block_size: "xfs_repair .* status [1-9]"}
-
-
 def test_structure_never_written_is_found(made):
-    for at, complaint in structures_of(made).items():
+    for at, complaint in kind_of(made.file_system).structures(made.device, made.root).items():
         good = made.read(at, made.block_size)
         made.overwrite(at, poison.MARK * (made.block_size // len(poison.MARK)))
         assert made.compare().unwritten == [at]
@@ -196,12 +189,10 @@ def test_structure_never_written_is_found(made):
 
 def test_missing_file_is_found(made, tmp_path):
     good = made.tree()
-    with attached(made.image) as device:
-        options = "nouuid" if made.file_system == "xfs" else "defaults"
-        (tmp_path / "writable").mkdir()
-        run("mount", "-o", options, device, tmp_path / "writable")
-        (tmp_path / "writable" / BIG).unlink()
-        run("umount", tmp_path / "writable")
+    options = kind_of(made.file_system).write
+    with attached(made.image) as device, \
+            filesystems.mounted(made.file_system, device, tmp_path / "writable", options) as writable:
+        (writable / BIG).unlink()
     assert set(good) - set(made.tree()) == {BIG}
     with pytest.raises(ImageError):
         made.compare().check()

@@ -91,7 +91,7 @@ class Checkout:
     def assert_gone(self, processes):
         """Not even after a while: what the kernel does by itself, it does at once or never."""
         for token in self.tokens:
-            wait_until(lambda token=token: not volumes.attached(token), SECONDS, "the loop device gone")
+            wait_until(lambda token=token: not volumes.loops_of(token), SECONDS, "the loop device gone")
         self.assert_ended(processes)
 
     @staticmethod
@@ -232,7 +232,7 @@ def test_two_sites_at_once(checkout, tmp_path_factory):
 
 def test_site_that_cannot_come_up(checkout):
     """It says why, and leaves nothing."""
-    path = checkout.directory / "lab" / "volumes.py"
+    path = checkout.directory / "lab" / "xfs.py"
     path.write_text(path.read_text(encoding="utf-8").replace('"mkfs.xfs"', '"mkfs.none"'), encoding="utf-8")
     status, _, errors = checkout.run("up")
     assert status == 1

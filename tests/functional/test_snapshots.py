@@ -4,18 +4,18 @@ import os
 import pathlib
 import random
 import re
-import shutil
 import subprocess
 
 import pytest
 
 from change_records import UNIT, Moment, differing_units, marked_units
+from lab import driver
 from lab.daemon import BASE, program
+from lab.driver import STORE
 from lab.holds import MOUNT_CALLS
 from lab.images import tree_hashes
 from lab.snapshots import MOUNT_ROOT, SessionError
-from snapshot_site import (COW_MIB, DRIVER_RUNTIME, DRIVER_STORE, EXT4, SnapshotSite, keep,
-                           read_device, read_record)
+from snapshot_site import COW_MIB, EXT4, SnapshotSite, keep, read_device, read_record
 
 MIB = 1 << 20
 BOTH = ("data", "files")
@@ -168,7 +168,7 @@ def test_failed_first_backup_leaves_no_device(small_site):
         with pytest.raises(SessionError, match="No device available"):
             session.end("failure")
         log = session.log
-    assert small_site.devices() == {}
+    assert driver.devices() == []
     assert (f"1 Failed to transition volume {small_site['data'].uuid} ({small_site.mount_point('data')}) "
             "to incremental. This volume may diff-merge next backup.\n") in log
     small_site.check_clean()
@@ -189,7 +189,7 @@ def test_tracking_outlives_a_restart(lab_site, tmp_path):
     with lab_site.restarted_machine():
         for script in scripts:
             subprocess.run([script], check=True)
-    assert {device["block_device"] for device in lab_site.devices().values()} == {
+    assert {device["block_device"] for device in driver.devices()} == {
         f"/dev/disk/by-uuid/{lab_site[name].uuid}" for name in BOTH}
     for name in BOTH:
         fill_tree(lab_site.mount_point(name), seed=4)
@@ -207,8 +207,7 @@ def test_tracking_outlives_a_restart(lab_site, tmp_path):
 def test_restart_without_reload(small_site):
     """A device that nothing has given back is set up anew, and the backup isn't incremental."""
     small_site.run_session(incremental=False)
-    shutil.rmtree(DRIVER_RUNTIME)
-    subprocess.run([program("tolvuctl"), "cleanup"], check=True)
+    driver.restart()
     started, ended = small_site.run_session()
     assert started["data"]["incrementalPreserved"] is False
     assert ended["data"]["incrementalPreserved"] is True
@@ -239,7 +238,7 @@ def test_full_volume(lab_site):
     assert re.search(rf"^1 The required free space for volume {uuid} is \d+ bytes \(100\.6\d* MiB\), "
                      rf"but only \d+ bytes \(\S+ MiB\) is available\n1 Volume {uuid} \({mount_point}\) "
                      "is full, not enough free space to perform a backup$", log, re.MULTILINE)
-    assert not (DRIVER_RUNTIME / "info").exists() or lab_site.devices() == {}
+    assert driver.devices() == []
     assert lab_site.own_files("data") == []
 
 
@@ -273,9 +272,9 @@ def test_read_only_volume(small_site):
 
 def test_no_room_for_the_capture(small_site):
     """The driver says so; the volume is as it was."""
-    subprocess.run(["mount", "-o", "remount,size=1m", DRIVER_STORE], check=True)
+    subprocess.run(["mount", "-o", "remount,size=1m", STORE], check=True)
     text, log = fail_session(small_site, incremental=False)
-    subprocess.run(["mount", "-o", "remount,size=1g", DRIVER_STORE], check=True)
+    subprocess.run(["mount", "-o", "remount,size=1g", STORE], check=True)
     assert text == "Failed to start snapshot!"
     assert "errno: 28" in log # ENOSPC
     small_site.check_writable("data")

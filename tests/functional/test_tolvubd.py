@@ -3,7 +3,6 @@ import concurrent.futures
 import contextlib
 import errno
 import hashlib
-import json
 import os
 import pathlib
 import random
@@ -14,25 +13,28 @@ import uuid
 import pytest
 
 from change_records import Moment, differing_units, marked_units
-from tolvubd_site import (Cow, RUNTIME, SNAPSHOT, STORE, TRACKING, Volume, call, cow_files,
-                          detach_captures, devices, expect_loops, info, loops, make_node, must, nodes, run,
-                          stored, tolvuctl)
+from lab import driver, mounts
+from lab.commands import run
+from lab.driver import STATUS, STORE, forget_devices, info, nodes
+from lab.filesystems import kind_of
+from lab.images import fsck
+from lab.loops import make_node
+from lab.volumes import SECTORS
+from tolvubd_site import (Cow, SNAPSHOT, TRACKING, Volume, call, cow_files, detach_captures, expect_loops,
+                          loops, must, states, stored, tolvuctl)
 
 ROOT = pathlib.Path(__file__).parents[2]
 NODE = pathlib.Path("/dev/tolvu0")
-SMALL = 64 * 2048
-SMALLEST_XFS = 300 * 2048
-SHOW_READ_ONLY = {"ext4": "ro,norecovery", "xfs": "ro,nouuid,norecovery"}
 
 
 @pytest.fixture(autouse=True)
 def fresh_driver(site):
     """A driver without devices; afterwards nothing may be left of it outside of the volume."""
-    shutil.rmtree(RUNTIME, ignore_errors=True)
+    shutil.rmtree(STATUS, ignore_errors=True)
     must("start")
     try:
         yield
-        destroy_all()
+        forget_devices()
         assert tolvuctl("cleanup").returncode == 0
         assert (nodes(), stored()) == ([], [])
         expect_loops(0)
@@ -40,19 +42,19 @@ def fresh_driver(site):
         detach_captures()
 
 
+def small(filesystem):
+    """Sectors of a small volume."""
+    return kind_of(filesystem).mebibytes * SECTORS
+
+
 @pytest.fixture
 def make_volume(fresh_driver):
     with contextlib.ExitStack() as stack:
-        def make(filesystem="ext4", sectors=SMALL, name="volume"):
-            volume = stack.enter_context(Volume(name, filesystem, sectors))
-            stack.callback(destroy_all)
+        def make(filesystem="ext4", sectors=None, name="volume"):
+            volume = stack.enter_context(Volume(name, filesystem, sectors or small(filesystem)))
+            stack.callback(forget_devices)
             return volume
         yield make
-
-
-def destroy_all():
-    for minor in list(devices()):
-        must("destroy", minor)
 
 
 @pytest.fixture
@@ -62,7 +64,7 @@ def volume(make_volume):
 
 @pytest.fixture(params=["ext4", "xfs"])
 def any_volume(request, make_volume):
-    return make_volume(request.param, SMALL if request.param == "ext4" else SMALLEST_XFS)
+    return make_volume(request.param)
 
 
 def take_snapshot(volume, minor=0, mebibytes=4):
@@ -76,38 +78,18 @@ def track(volume, minor=0):
 
 def restart_machine():
     """What a restart does to the driver: what is in memory is gone, what is on disk is not."""
-    shutil.rmtree(RUNTIME)
+    shutil.rmtree(STATUS)
     for node in nodes():
         pathlib.Path("/dev", node).unlink()
 
 
-@contextlib.contextmanager
-def mounted(node, options):
-    target = pathlib.Path("/run/snapshot")
-    target.mkdir(exist_ok=True)
-    run("mount", "-o", options, node, target)
-    try:
-        yield target
-    finally:
-        run("umount", target)
+def mounted(node, filesystem):
+    return mounts.mounted(node, "/run/snapshot", kind_of(filesystem).look)
 
 
 def hashes(directory):
     return {str(path.relative_to(directory)): hashlib.sha256(path.read_bytes()).hexdigest()
             for path in directory.rglob("*") if path.is_file() and not path.name.startswith(".tolvu")}
-
-
-def check_file_system(filesystem):
-    """Frozen, ext4 is as if unmounted; XFS leaves a record in its log, so that a copy is mounted first."""
-    if filesystem == "ext4":
-        run("e2fsck", "-fn", NODE)
-        return
-    copy = pathlib.Path("/tmp/copy")
-    run("cp", "--sparse=always", NODE, copy)
-    with mounted(copy, "loop,nouuid"):
-        pass
-    run("xfs_repair", "-n", copy)
-    copy.unlink()
 
 
 def keep(node, path):
@@ -128,7 +110,7 @@ def write_tree(volume, seed):
         path.write_bytes(source.randbytes(source.randrange(200_000)))
 
 
-def test_snapshot_shows_the_volume_as_it_was(any_volume):
+def test_snapshot_shows_the_volume_as_it_was(any_volume, tmp_path):
     """Every file as it was, nothing of what came after, on a clean file system that nobody can change."""
     write_tree(any_volume, 1)
     before = hashes(any_volume.mount_point)
@@ -136,10 +118,10 @@ def test_snapshot_shows_the_volume_as_it_was(any_volume):
     write_tree(any_volume, 2)
     (any_volume.mount_point / "later").write_text("later")
 
-    with mounted(NODE, SHOW_READ_ONLY[any_volume.filesystem]) as target:
+    with mounted(NODE, any_volume.filesystem) as target:
         assert hashes(target) == before
         assert (target / ".tolvu").stat().st_size == 4 << 20
-    check_file_system(any_volume.filesystem)
+    fsck(keep(NODE, tmp_path / "copy"), any_volume.filesystem)
     assert run("blockdev", "--getro", NODE) == "1"
     assert run("blockdev", "--getss", NODE) == run("blockdev", "--getss", any_volume.device)
     assert int(run("blockdev", "--getsize64", NODE)) == any_volume.size
@@ -147,7 +129,7 @@ def test_snapshot_shows_the_volume_as_it_was(any_volume):
 
 def test_status_follows_the_device(volume):
     assert info() == {"version": "0.10.0", "devices": []}
-    assert (RUNTIME / "version").read_text(encoding="ascii") == "0.10.0\n"
+    assert (STATUS / "version").read_text(encoding="ascii") == "0.10.0\n"
     device = {"minor": 3, "cow_file": "/.tolvu", "block_device": str(volume.device), "error": 0}
     take_snapshot(volume, minor=3)
     assert info()["devices"] == [{**device, "state": SNAPSHOT}]
@@ -178,11 +160,11 @@ def test_cow_file_begins_whole_and_empty(volume):
     assert [str(uuid.UUID(bytes=cow.snapshot)) + ".img"] == stored()
 
 
-@pytest.mark.parametrize("filesystem, sectors, rounds", [("ext4", SMALL + 3, 2), ("xfs", SMALLEST_XFS, 1)])
-def test_table_marks_what_has_changed(make_volume, filesystem, sectors, rounds, tmp_path):
+@pytest.mark.parametrize("filesystem, more, rounds", [("ext4", 3, 2), ("xfs", 0, 1)])
+def test_table_marks_what_has_changed(make_volume, filesystem, more, rounds, tmp_path):
     """Compared with a comparison of our own, on a size that ends within a unit, over several rounds. What has
     come into use counts, whatever it holds."""
-    volume = make_volume(filesystem, sectors)
+    volume = make_volume(filesystem, small(filesystem) + more)
     write_tree(volume, 1)
     take_snapshot(volume)
     before = keep(NODE, tmp_path / "0")
@@ -205,7 +187,7 @@ def test_table_marks_what_has_changed(make_volume, filesystem, sectors, rounds, 
 
 def test_table_covers_the_last_unit(make_volume):
     """The device's last bytes, fewer than a unit, are compared too."""
-    volume = make_volume(sectors=SMALL + 3)
+    volume = make_volume(sectors=small("ext4") + 3)
     track(volume)
     with open(volume.device, "r+b") as device:
         device.seek(-1, os.SEEK_END)
@@ -267,12 +249,12 @@ def test_setup_refuses_the_volume_of_the_store(volume):
     (volume.mount_point / "store").mkdir()
     run("mount", "--bind", volume.mount_point / "store", STORE)
     try:
-        shutil.rmtree(RUNTIME)
+        shutil.rmtree(STATUS)
         must("start")
         check_refused(volume, errno.EDEADLK, "setup_snapshot", 0, volume.device, volume.cow, 4)
     finally:
         run("umount", STORE)
-    shutil.rmtree(RUNTIME)
+    shutil.rmtree(STATUS)
     must("start")
 
 
@@ -310,7 +292,7 @@ def test_transition_refuses_the_cow_file_of_another_snapshot(make_volume):
 
 def test_mounted_snapshot_stays(volume):
     take_snapshot(volume)
-    with mounted(NODE, "ro,norecovery"):
+    with mounted(NODE, volume.filesystem):
         check_refused(volume, errno.EBUSY, "transition_incremental", 0)
         check_refused(volume, errno.EBUSY, "destroy", 0)
     must("transition_incremental", 0)
@@ -329,7 +311,7 @@ def test_reader_of_a_snapshot_keeps_it_to_the_end(volume):
 def test_reconfigure_keeps_the_cache_size(volume):
     take_snapshot(volume)
     must("reconfigure", 0, 300)
-    [device] = json.loads((STORE / "state.json").read_text(encoding="ascii"))["devices"]
+    [device] = driver.stored_state()["devices"]
     assert device["cache_size"] == 300
 
 
@@ -365,7 +347,7 @@ def test_snapshot_comes_back_after_a_restart(volume):
     restart_machine()
     write_tree(volume, 2)
     must("reload_snapshot", 0, volume.device, "/.tolvu")
-    assert devices() == {0: SNAPSHOT}
+    assert states() == {0: SNAPSHOT}
     assert NODE.read_bytes() == before
 
 
@@ -440,12 +422,12 @@ def test_callers_take_turns(make_volume):
             must("setup_snapshot", minor, volume.device, volume.cow, 1)
             must("transition_incremental", minor)
             must("transition_snapshot", minor, volume.other_cow, 1)
-            assert devices()[minor] == SNAPSHOT
+            assert states()[minor] == SNAPSHOT
             must("destroy", minor)
 
     with concurrent.futures.ThreadPoolExecutor() as pool:
         list(pool.map(cycle, range(len(volumes))))
-    assert (devices(), nodes(), stored()) == ({}, [], [])
+    assert (states(), nodes(), stored()) == ({}, [], [])
     expect_loops(0)
 
 
@@ -479,7 +461,7 @@ def test_snapshot_has_no_twin(volume):
     take_snapshot(volume)
     number = NODE.stat().st_rdev
     loop = pathlib.Path("/sys/dev/block", f"{os.major(number)}:{os.minor(number)}").resolve()
-    make_node(pathlib.Path("/dev", loop.name), (loop / "dev").read_text())
+    make_node(loop.name)
     name = "by-uuid/" + run("blkid", "-o", "value", "-s", "UUID", volume.device)
 
     def udev_says():

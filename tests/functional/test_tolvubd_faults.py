@@ -2,7 +2,6 @@
 import collections
 import contextlib
 import errno
-import json
 import os
 import pathlib
 import re
@@ -13,8 +12,10 @@ import time
 
 import pytest
 
-from tolvubd_site import (RUNTIME, SNAPSHOT, STORE, TRACKING, Volume, call, cow_files, detach_captures,
-                          devices, expect_loops, must, nodes, run, stored, tolvuctl, tool)
+from lab.commands import run
+from lab.driver import STATUS, forget_devices, nodes, stored_state
+from tolvubd_site import (SNAPSHOT, TRACKING, Volume, call, cow_files, detach_captures, expect_loops, must,
+                          states, stored, tolvuctl, tool)
 
 TRACE = pathlib.Path("/tmp/tolvubd.trace")
 SECTORS = 16 * 2048
@@ -33,7 +34,7 @@ KILLS = ("pwrite64", "fsync", "rename", "renameat2", "unlink", "ftruncate", "fal
 
 
 def restart_machine():
-    shutil.rmtree(RUNTIME)
+    shutil.rmtree(STATUS)
 
 
 def track(volume):
@@ -83,7 +84,7 @@ OPERATIONS = {operation.function: operation for operation in (
 
 @pytest.fixture
 def volume(site):
-    shutil.rmtree(RUNTIME, ignore_errors=True)
+    shutil.rmtree(STATUS, ignore_errors=True)
     must("start")
     with Volume("volume", "ext4", SECTORS) as made:
         try:
@@ -96,8 +97,7 @@ def volume(site):
 
 
 def forget_everything(volume):
-    for minor in list(devices()) if RUNTIME.exists() else []:
-        must("destroy", minor)
+    forget_devices()
     assert tolvuctl("cleanup").returncode == 0
     for name in cow_files(volume):
         (volume.mount_point / name).unlink()
@@ -142,17 +142,17 @@ def check_writable(volume):
 
 
 def asleep():
-    return json.loads((STORE / "state.json").read_text(encoding="ascii"))["asleep"]
+    return stored_state()["asleep"]
 
 
 def check_whole(volume, operation, where):
     """The machine is as one of the two states asks for, with nothing besides; returns the state."""
-    state = devices().get(0)
+    state = states().get(0)
     assert state in (operation.before, operation.after), where
     shown = state == SNAPSHOT
     assert nodes() == (["tolvu0"] if shown else []), where
     expect_loops(1 if shown else 0, where)
-    assert len(stored()) == len(devices()) + len(asleep()), where
+    assert len(stored()) == len(states()) + len(asleep()), where
     names = [".tolvu"] if state is not None or asleep() else []
     if operation.function == "transition_snapshot" and state == SNAPSHOT:
         names.append(".tolvu1")
@@ -222,7 +222,7 @@ def test_volume_is_thawed_when_nothing_goes_on(volume):
                    check=True, stderr=subprocess.DEVNULL)
     assert process.poll() is None
     assert process.communicate(timeout=20)[0].split() == ["-1", str(errno.ETIMEDOUT)]
-    assert (devices(), nodes(), stored()) == ({}, [], [])
+    assert (states(), nodes(), stored()) == ({}, [], [])
 
 
 def test_kill_of_the_process_group_thaws(volume):
@@ -236,7 +236,7 @@ def test_kill_of_the_process_group_thaws(volume):
         wait_until_frozen(volume)
     check_writable(volume)
     must("start")
-    assert (devices(), nodes(), stored(), cow_files(volume)) == ({}, [], [], [])
+    assert (states(), nodes(), stored(), cow_files(volume)) == ({}, [], [], [])
     expect_loops(0)
 
 

@@ -10,9 +10,10 @@ import subprocess
 
 import pytest
 
-from lab.used_blocks import ext_truth, xfs_truth
-from used_maps import BUILD, FREE_LIST_ENTRIES, TOOL, Comparison, free_list_of, refused, unread_free_list
-from volume_images import age, fill, frozen, make_image, mounted, riddle, run, xfs_levels
+from lab import xfs
+from lab.commands import run
+from lab.volume_images import age, fill, frozen, make_image, mounted, riddle
+from used_maps import BUILD, TOOL, Comparison, refused
 
 
 @pytest.fixture(scope="module")
@@ -25,102 +26,113 @@ def matrix():
     print("\n" + "\n".join(text))
 
 
-def unexplained_ext(volume, matrix, name):
-    """Blocks that differ."""
-    found = Comparison(volume, ext_truth(volume)).note(matrix, name)
-    return found.lost | found.kept
+def unexplained(volume, file_system, matrix, name, *options):
+    return Comparison(volume, file_system, *options).note(matrix, name).unexplained
 
 
-def unexplained_xfs(volume, matrix, name, *options):
-    """Blocks that differ, but for those that the free lists may name behind what is read of them."""
-    found = Comparison(volume, xfs_truth(volume), *options).note(matrix, name)
-    return found.lost | (found.kept - unread_free_list(volume))
-
-
-EXT_KINDS = {
-    "ext2 1K": (90, "mkfs.ext2", "-b", "1024"),
-    "ext2 2K": (90, "mkfs.ext2", "-b", "2048"),
-    "ext2 4K": (180, "mkfs.ext2", "-b", "4096"),
-    "ext3 1K": (90, "mkfs.ext3", "-b", "1024"),
-    "ext3 2K": (90, "mkfs.ext3", "-b", "2048"),
-    "ext3 4K": (180, "mkfs.ext3", "-b", "4096"),
-    "ext4 1K": (90, "mkfs.ext4", "-b", "1024"),
-    "ext4 2K": (90, "mkfs.ext4", "-b", "2048"),
-    "ext4 4K": (180, "mkfs.ext4", "-b", "4096"),
-    "ext4 1K 64bit": (90, "mkfs.ext4", "-b", "1024", "-O", "64bit"),
-    "ext4 4K 64bit": (300, "mkfs.ext4", "-b", "4096", "-O", "64bit"),
-    "ext4 4K without 64bit": (300, "mkfs.ext4", "-b", "4096", "-O", "^64bit"),
-    "ext4 1K without flex_bg": (90, "mkfs.ext4", "-b", "1024", "-O", "^flex_bg"),
-    "ext4 4K without flex_bg": (300, "mkfs.ext4", "-b", "4096", "-O", "^flex_bg"),
-    "ext4 1K flex_bg of 4 groups": (90, "mkfs.ext4", "-b", "1024", "-G", "4"),
-    "ext4 1K uninit_bg": (90, "mkfs.ext4", "-b", "1024", "-O", "^metadata_csum,uninit_bg"),
+# (MiB, file system, options of the tool that makes it)
+KINDS = {
+    "ext2 1K": (90, "ext2", "-b", "1024"),
+    "ext2 2K": (90, "ext2", "-b", "2048"),
+    "ext2 4K": (180, "ext2", "-b", "4096"),
+    "ext3 1K": (90, "ext3", "-b", "1024"),
+    "ext3 2K": (90, "ext3", "-b", "2048"),
+    "ext3 4K": (180, "ext3", "-b", "4096"),
+    "ext4 1K": (90, "ext4", "-b", "1024"),
+    "ext4 2K": (90, "ext4", "-b", "2048"),
+    "ext4 4K": (180, "ext4", "-b", "4096"),
+    "ext4 1K 64bit": (90, "ext4", "-b", "1024", "-O", "64bit"),
+    "ext4 4K 64bit": (300, "ext4", "-b", "4096", "-O", "64bit"),
+    "ext4 4K without 64bit": (300, "ext4", "-b", "4096", "-O", "^64bit"),
+    "ext4 1K without flex_bg": (90, "ext4", "-b", "1024", "-O", "^flex_bg"),
+    "ext4 4K without flex_bg": (300, "ext4", "-b", "4096", "-O", "^flex_bg"),
+    "ext4 1K flex_bg of 4 groups": (90, "ext4", "-b", "1024", "-G", "4"),
+    "ext4 1K uninit_bg": (90, "ext4", "-b", "1024", "-O", "^metadata_csum,uninit_bg"),
     "ext4 1K uninit_bg without flex_bg": (
-        90, "mkfs.ext4", "-b", "1024", "-O", "^metadata_csum,uninit_bg,^flex_bg"),
-    "ext4 1K groups of 1000 blocks": (90, "mkfs.ext4", "-b", "1024", "-g", "1000"),
-    "ext4 4K short last group": (131, "mkfs.ext4", "-b", "4096"),
-    "ext4 1K sparse_super2": (90, "mkfs.ext4", "-b", "1024", "-O", "sparse_super2"),
+        90, "ext4", "-b", "1024", "-O", "^metadata_csum,uninit_bg,^flex_bg"),
+    "ext4 1K groups of 1000 blocks": (90, "ext4", "-b", "1024", "-g", "1000"),
+    "ext4 4K short last group": (131, "ext4", "-b", "4096"),
+    "ext4 1K sparse_super2": (90, "ext4", "-b", "1024", "-O", "sparse_super2"),
     "ext4 1K sparse_super2 without flex_bg": (
-        90, "mkfs.ext4", "-b", "1024", "-O", "sparse_super2,^flex_bg,^resize_inode"),
-    "ext4 1K without sparse_super": (90, "mkfs.ext4", "-b", "1024", "-O", "^sparse_super,^resize_inode"),
-    "ext4 1K without resize_inode, flex_bg": (90, "mkfs.ext4", "-b", "1024", "-O", "^resize_inode,^flex_bg"),
-    "ext4 2K inodes of 1024 bytes": (90, "mkfs.ext4", "-b", "2048", "-I", "1024", "-O", "^flex_bg"),
+        90, "ext4", "-b", "1024", "-O", "sparse_super2,^flex_bg,^resize_inode"),
+    "ext4 1K without sparse_super": (90, "ext4", "-b", "1024", "-O", "^sparse_super,^resize_inode"),
+    "ext4 1K without resize_inode, flex_bg": (90, "ext4", "-b", "1024", "-O", "^resize_inode,^flex_bg"),
+    "ext4 2K inodes of 1024 bytes": (90, "ext4", "-b", "2048", "-I", "1024", "-O", "^flex_bg"),
     "ext4 4K as newer tools make it": (
-        300, "mkfs.ext4", "-b", "4096", "-O", "metadata_csum_seed,orphan_file"),
-    "ext4 1K mmp, inline_data, verity": (90, "mkfs.ext4", "-b", "1024", "-O", "mmp,inline_data,verity"),
+        300, "ext4", "-b", "4096", "-O", "metadata_csum_seed,orphan_file"),
+    "ext4 1K mmp, inline_data, verity": (90, "ext4", "-b", "1024", "-O", "mmp,inline_data,verity"),
     "ext4 4K fast_commit, large_dir, ea_inode": (
-        300, "mkfs.ext4", "-b", "4096", "-O", "fast_commit,large_dir,ea_inode,stable_inodes"),
-    "ext4 4K encrypt": (300, "mkfs.ext4", "-b", "4096", "-O", "encrypt"),
+        300, "ext4", "-b", "4096", "-O", "fast_commit,large_dir,ea_inode,stable_inodes"),
+    "ext4 4K encrypt": (300, "ext4", "-b", "4096", "-O", "encrypt"),
     "ext4 1K meta_bg with one descriptor block": (
-        120, "mkfs.ext4", "-b", "1024", "-O", "meta_bg,^resize_inode"),
+        120, "ext4", "-b", "1024", "-O", "meta_bg,^resize_inode"),
+    "xfs 4K 4 groups": (300, "xfs", "-b", "size=4096", "-d", "agcount=4"),
+    "xfs 4K 16 groups": (1280, "xfs", "-b", "size=4096", "-d", "agcount=16"),
+    "xfs 4K 64 groups": (5120, "xfs", "-b", "size=4096", "-d", "agcount=64"),
+    "xfs 1K 4 groups": (300, "xfs", "-b", "size=1024", "-d", "agcount=4"),
+    "xfs 1K 6 groups": (480, "xfs", "-b", "size=1024", "-d", "agcount=6"),
+    "xfs 4K without finobt, reflink": (300, "xfs", "-m", "finobt=0,reflink=0"),
+    "xfs 4K rmapbt": (300, "xfs", "-m", "rmapbt=1"),
+    "xfs 4K sectors of 512": (300, "xfs", "-s", "size=512"),
+    "xfs 4K sectors of 4096": (300, "xfs", "-s", "size=4096"),
+    "xfs 4K sectors of 2048, 6 groups": (480, "xfs", "-s", "size=2048", "-d", "agcount=6"),
+    "xfs 1K sectors of 1024": (300, "xfs", "-b", "size=1024", "-s", "size=1024"),
+    "xfs 4K bigtime, inobtcount, nrext64": (
+        300, "xfs", "-m", "bigtime=1,inobtcount=1", "-i", "nrext64=1,sparse=1"),
 }
 
 
-@pytest.mark.parametrize("kind", EXT_KINDS)
-def test_ext(kind, tmp_path, matrix):
-    mebibytes, *mkfs = EXT_KINDS[kind]
-    image = make_image(tmp_path / "image", mebibytes, *mkfs, "-q", "-F")
-    assert not unexplained_ext(image, matrix, kind + ", new")
+def make_kind(path, kind):
+    mebibytes, *making = KINDS[kind]
+    return make_image(path, mebibytes, *making)
+
+
+@pytest.mark.parametrize("kind", KINDS)
+def test_map(kind, tmp_path, matrix):
+    file_system = KINDS[kind][1]
+    image = make_kind(tmp_path / "image", kind)
+    assert not unexplained(image, file_system, matrix, kind + ", new")
     with mounted(image, tmp_path / "mnt") as (device, directory):
         age(directory, 300)
         with frozen(directory):
-            assert not unexplained_ext(device, matrix, kind + ", aged and frozen")
-    assert not unexplained_ext(image, matrix, kind + ", aged and clean")
+            assert not unexplained(device, file_system, matrix, kind + ", aged and frozen")
+    assert not unexplained(image, file_system, matrix, kind + ", aged and clean")
 
 
 def test_ext_full(tmp_path, matrix):
     for kind in "ext2 1K", "ext4 4K":
-        _, *mkfs = EXT_KINDS[kind]
-        image = make_image(tmp_path / "image", 64, *mkfs, "-q", "-F", "-m", "0")
+        _, *making = KINDS[kind]
+        image = make_image(tmp_path / "image", 64, *making, "-m", "0")
         with mounted(image, tmp_path / "mnt") as (_, directory):
             age(directory, 100)
             fill(directory)
-        found = Comparison(image, ext_truth(image))
-        assert not unexplained_ext(image, matrix, kind + ", full")
+        found = Comparison(image, "ext4")
+        assert not unexplained(image, "ext4", matrix, kind + ", full")
         assert len(found.truth.free) < found.truth.blocks // 40
 
 
 def test_ext_resized(tmp_path, matrix):
-    image = make_image(tmp_path / "image", 200, "mkfs.ext4", "-b", "1024", "-q", "-F")
+    image = make_image(tmp_path / "image", 200, "ext4", "-b", "1024")
     with mounted(image, tmp_path / "mnt") as (_, directory):
         age(directory, 200)
     run("e2fsck", "-fp", image)
     run("resize2fs", image, "90M")
-    assert not unexplained_ext(image, matrix, "ext4 1K, shrunk from 200 MiB to 90 MiB")
+    assert not unexplained(image, "ext4", matrix, "ext4 1K, shrunk from 200 MiB to 90 MiB")
     run("resize2fs", image, "199M")
-    assert not unexplained_ext(image, matrix, "ext4 1K, grown from 90 MiB to 199 MiB")
+    assert not unexplained(image, "ext4", matrix, "ext4 1K, grown from 90 MiB to 199 MiB")
     with mounted(image, tmp_path / "mnt") as (device, directory):
         age(directory, 200, seed=2)
         with frozen(directory):
-            assert not unexplained_ext(device, matrix, "ext4 1K, shrunk, grown, aged again and frozen")
+            assert not unexplained(device, "ext4", matrix, "ext4 1K, shrunk, grown, aged again and frozen")
 
 
 def test_ext_maps_of_clusters_are_refused(tmp_path):
-    image = make_image(tmp_path / "image", 90, "mkfs.ext4", "-q", "-F", "-O", "bigalloc")
+    image = make_image(tmp_path / "image", 90, "ext4", "-O", "bigalloc")
     assert "EXT bitmaps of clusters are not supported" in refused(image)
 
 
 def test_ext_descriptors_in_meta_groups_are_refused(tmp_path):
-    image = make_image(tmp_path / "image", 300, "mkfs.ext4", "-b", "1024", "-q", "-F", "-O",
+    image = make_image(tmp_path / "image", 300, "ext4", "-b", "1024", "-O",
                        "meta_bg,^resize_inode")
     assert "EXT descriptors in meta groups are not supported" in refused(image)
 
@@ -129,9 +141,9 @@ def test_ext_features_that_kernels_may_lack(tmp_path, matrix):
     """Filled by the tool that makes them."""
     (tmp_path / "source").mkdir()
     age(tmp_path / "source", 100)
-    image = make_image(tmp_path / "image", 90, "mkfs.ext4", "-b", "1024", "-q", "-F", "-O",
+    image = make_image(tmp_path / "image", 90, "ext4", "-b", "1024", "-O",
                        "casefold,quota,project", "-d", tmp_path / "source")
-    assert not unexplained_ext(image, matrix, "ext4 1K casefold, quota, project, filled unmounted")
+    assert not unexplained(image, "ext4", matrix, "ext4 1K casefold, quota, project, filled unmounted")
 
 
 def test_ext_groups_with_files_but_no_block_bitmap(tmp_path, matrix):
@@ -139,26 +151,27 @@ def test_ext_groups_with_files_but_no_block_bitmap(tmp_path, matrix):
     (tmp_path / "source").mkdir()
     for number in range(300):
         (tmp_path / "source" / f"empty{number}").touch()
-    filled = ["mkfs.ext4", "-q", "-F", "-b", "1024", "-N", "640", "-d", tmp_path / "source"]
+    filled = ["ext4", "-b", "1024", "-N", "640", "-d", tmp_path / "source"]
     for name, options in {"without flex_bg": ["-O", "^flex_bg"], "with flex_bg": []}.items():
         image = make_image(tmp_path / "image", 40, *filled, *options)
         if options: # newer tools write each bitmap
             for change in "flags 0x6", "checksum calc": # BLOCK_UNINIT, ITABLE_ZEROED
                 run("debugfs", "-w", "-R", f"set_block_group 1 {change}", image)
             assert "BLOCK_UNINIT" in run("dumpe2fs", image)
-        assert not unexplained_ext(image, matrix, f"ext4 1K, filled unmounted, {name}")
+        assert not unexplained(image, "ext4", matrix, f"ext4 1K, filled unmounted, {name}")
 
 
 def test_ext_flag_of_a_group_counts_with_checksums_only(tmp_path, matrix):
     """Without them it is a leftover, as in a volume whose checksums were taken away."""
-    image = make_image(tmp_path / "image", 90, "mkfs.ext4", "-b", "1024", "-q", "-F", "-O",
+    image = make_image(tmp_path / "image", 90, "ext4", "-b", "1024", "-O",
                        "^metadata_csum,^uninit_bg,^has_journal")
     with mounted(image, tmp_path / "mnt") as (_, directory):
         age(directory, 300)
-    clean = Comparison(image, ext_truth(image))
+    clean = Comparison(image, "ext4")
     for group in range(11):
         run("debugfs", "-w", "-R", f"set_block_group {group} flags 2", image)
-    assert Comparison(image, clean.truth).note(matrix, "ext4 1K, flags without checksums").used == clean.used
+    flagged = Comparison(image, "ext4", truth=clean.truth).note(matrix, "ext4 1K, flags without checksums")
+    assert flagged.used == clean.used
     assert len(clean.used) > 20_000
 
 
@@ -170,18 +183,17 @@ def captured(device, image):
 
 @pytest.mark.parametrize("kind", ["ext3 1K", "ext4 4K"])
 def test_ext_journal_that_needs_recovery_is_refused(kind, tmp_path):
-    mebibytes, *mkfs = EXT_KINDS[kind]
-    image = make_image(tmp_path / "image", mebibytes, *mkfs, "-q", "-F")
+    image = make_kind(tmp_path / "image", kind)
     with mounted(image, tmp_path / "mnt") as (device, directory):
         age(directory, 300)
         capture = captured(device, tmp_path / "capture")
         assert "needs_recovery" in run("dumpe2fs", "-h", capture)
         assert "The EXT journal needs recovery, so the bitmaps may be out of date" in refused(capture)
         with frozen(directory):
-            Comparison(device, ext_truth(device))
+            Comparison(device, "ext4")
     with mounted(capture, tmp_path / "mnt"):
         pass # the kernel replays it
-    Comparison(capture, ext_truth(capture))
+    Comparison(capture, "ext4")
 
 
 @pytest.mark.parametrize("feature, named", [
@@ -192,20 +204,20 @@ def test_ext_journal_that_needs_recovery_is_refused(kind, tmp_path):
     ("FEATURE_R30", "features: ro_compat 0x40000000\n"),
 ])
 def test_ext_features_that_are_not_known_are_refused(feature, named, tmp_path):
-    image = make_image(tmp_path / "image", 90, "mkfs.ext4", "-b", "1024", "-q", "-F")
-    Comparison(image, ext_truth(image))
+    image = make_image(tmp_path / "image", 90, "ext4", "-b", "1024")
+    Comparison(image, "ext4")
     run("debugfs", "-w", "-R", f"feature {feature}", image)
     assert feature in run("dumpe2fs", "-f", "-h", image)
     assert named in refused(image)
 
 
 def test_ext_journal_on_a_device_of_its_own_is_refused(tmp_path):
-    image = make_image(tmp_path / "image", 90, "mke2fs", "-q", "-F", "-O", "journal_dev")
+    image = make_image(tmp_path / "image", 90, "ext2", "-O", "journal_dev")
     assert "features: incompat journal_dev\n" in refused(image)
 
 
 def test_ext_volume_of_more_blocks_than_the_buffer_has_bits_is_refused(tmp_path):
-    image = make_image(tmp_path / "image", 9000, "mkfs.ext4", "-b", "1024", "-q", "-F", "-E",
+    image = make_image(tmp_path / "image", 9000, "ext4", "-b", "1024", "-E",
                        "lazy_itable_init=1,lazy_journal_init=1")
     complaints = refused(image, "--buffer", "1").splitlines()
     assert len(complaints) == 2, complaints # nothing that was read is at fault
@@ -234,12 +246,11 @@ def contents(directory):
 def test_ext_lives_without_its_free_blocks(kind, tmp_path):
     """What the map leaves out of groups that were never used is no live data: the backups of the super block
     and structures that nothing was written to."""
-    mebibytes, *mkfs = EXT_KINDS[kind]
-    image = make_image(tmp_path / "image", mebibytes, *mkfs, "-q", "-F")
+    image = make_kind(tmp_path / "image", kind)
     with mounted(image, tmp_path / "mnt") as (_, directory):
         age(directory, 150)
         before = contents(directory)
-    found = Comparison(image, ext_truth(image))
+    found = Comparison(image, "ext4")
     poison_free_blocks(image, found.used, found.truth.block_size)
     run("e2fsck", "-fn", image)
     with mounted(image, tmp_path / "mnt") as (_, directory):
@@ -250,10 +261,10 @@ def test_ext_lives_without_its_free_blocks(kind, tmp_path):
 
 def test_ext_is_repaired_by_what_the_map_leaves(tmp_path):
     """A boot loader in front of the first group, and the backup of a super block in a group never used."""
-    image = make_image(tmp_path / "image", 90, "mkfs.ext4", "-b", "1024", "-q", "-F")
+    image = make_image(tmp_path / "image", 90, "ext4", "-b", "1024")
     with open(image, "r+b") as file:
         file.write(b"boot" * 256)
-    found = Comparison(image, ext_truth(image))
+    found = Comparison(image, "ext4")
     poison_free_blocks(image, found.used, 1024)
     with open(image, "r+b") as file:
         assert file.read(1024) == b"boot" * 256
@@ -265,54 +276,26 @@ def test_ext_is_repaired_by_what_the_map_leaves(tmp_path):
     run("e2fsck", "-fn", image)
 
 
-XFS_KINDS = {
-    "xfs 4K 4 groups": (300, "-b", "size=4096", "-d", "agcount=4"),
-    "xfs 4K 16 groups": (1280, "-b", "size=4096", "-d", "agcount=16"),
-    "xfs 4K 64 groups": (5120, "-b", "size=4096", "-d", "agcount=64"),
-    "xfs 1K 4 groups": (300, "-b", "size=1024", "-d", "agcount=4"),
-    "xfs 1K 6 groups": (480, "-b", "size=1024", "-d", "agcount=6"),
-    "xfs 4K without finobt, reflink": (300, "-m", "finobt=0,reflink=0"),
-    "xfs 4K rmapbt": (300, "-m", "rmapbt=1"),
-    "xfs 4K sectors of 512": (300, "-s", "size=512"),
-    "xfs 4K sectors of 4096": (300, "-s", "size=4096"),
-    "xfs 4K sectors of 2048, 6 groups": (480, "-s", "size=2048", "-d", "agcount=6"),
-    "xfs 1K sectors of 1024": (300, "-b", "size=1024", "-s", "size=1024"),
-    "xfs 4K bigtime, inobtcount, nrext64": (
-        300, "-m", "bigtime=1,inobtcount=1", "-i", "nrext64=1,sparse=1"),
-}
-
-
-@pytest.mark.parametrize("kind", XFS_KINDS)
-def test_xfs(kind, tmp_path, matrix):
-    mebibytes, *options = XFS_KINDS[kind]
-    image = make_image(tmp_path / "image", mebibytes, "mkfs.xfs", "-q", *options)
-    assert not unexplained_xfs(image, matrix, kind + ", new")
-    with mounted(image, tmp_path / "mnt") as (device, directory):
-        age(directory, 300)
-        with frozen(directory):
-            assert not unexplained_xfs(device, matrix, kind + ", aged and frozen")
-    assert not unexplained_xfs(image, matrix, kind + ", aged and clean")
-
-
 def test_xfs_tree_of_three_levels(tmp_path, matrix):
-    image = make_image(tmp_path / "image", 320, "mkfs.xfs", "-q", "-b", "size=1024", "-d", "agcount=4")
+    image = make_image(tmp_path / "image", 320, "xfs", "-b", "size=1024", "-d", "agcount=4")
     with mounted(image, tmp_path / "mnt") as (device, directory):
         riddle(directory / "riddled", 1024, 30_000)
         with frozen(directory):
-            assert not unexplained_xfs(device, matrix, "xfs 1K, free in single blocks, frozen")
-    assert max(xfs_levels(image, group) for group in range(4)) >= 3
-    assert not unexplained_xfs(image, matrix, "xfs 1K, free in single blocks, clean")
-    assert not unexplained_xfs(image, matrix, "xfs 1K, free in single blocks, in two chunks", "--buffer", "1")
+            assert not unexplained(device, "xfs", matrix, "xfs 1K, free in single blocks, frozen")
+    assert max(xfs.number(image, f"agf {group}", "bnolevel") for group in range(4)) >= 3
+    assert not unexplained(image, "xfs", matrix, "xfs 1K, free in single blocks, clean")
+    assert not unexplained(image, "xfs", matrix, "xfs 1K, free in single blocks, in two chunks",
+                           "--buffer", "1")
 
 
 def test_xfs_full(tmp_path, matrix):
     # A map of owners would have room kept for it that files can't take.
-    image = make_image(tmp_path / "image", 300, "mkfs.xfs", "-q", "-b", "size=1024", "-m", "rmapbt=0")
+    image = make_image(tmp_path / "image", 300, "xfs", "-b", "size=1024", "-m", "rmapbt=0")
     with mounted(image, tmp_path / "mnt") as (_, directory):
         age(directory, 200)
         fill(directory)
-    assert not unexplained_xfs(image, matrix, "xfs 1K, full")
-    found = Comparison(image, xfs_truth(image))
+    assert not unexplained(image, "xfs", matrix, "xfs 1K, full")
+    found = Comparison(image, "xfs")
     assert len(found.truth.free) < found.truth.blocks // 20
 
 
@@ -324,20 +307,20 @@ def test_xfs_without_checksums(tmp_path, matrix):
         prototype = tmp_path / "prototype"
         prototype.write_text("/\n0 0\nd--755 0 0\n" +
                              "".join(f"f{number} ---644 0 0 {content}\n" for number in range(40)) + "$\n$\n")
-        image = make_image(tmp_path / "image", 300, "mkfs.xfs", "-q", "-m", "crc=0", "-b", f"size={size}",
+        image = make_image(tmp_path / "image", 300, "xfs", "-m", "crc=0", "-b", f"size={size}",
                            "-p", prototype)
-        assert not unexplained_xfs(image, matrix, f"xfs {size} bytes, without checksums")
-        found = Comparison(image, xfs_truth(image))
+        assert not unexplained(image, "xfs", matrix, f"xfs {size} bytes, without checksums")
+        found = Comparison(image, "xfs")
         assert len(found.used) * size > 40 * 700_000
 
 
 def test_xfs_free_list_with_stale_entries(tmp_path):
     """An empty list by a kernel whose list had an entry less; what its entries name is in use by now."""
-    image = make_image(tmp_path / "image", 300, "mkfs.xfs", "-q", "-s", "size=512")
-    clean = Comparison(image, xfs_truth(image))
+    image = make_image(tmp_path / "image", 300, "xfs", "-s", "size=512")
+    clean = Comparison(image, "xfs")
     commands = ["agf 0", "write flfirst 0", "write fllast 117", "write flcount 0", "agfl 0",
-                *(f"write bno[{entry}] 1" for entry in range(FREE_LIST_ENTRIES))]
-    listed = {int(block) for _, block in free_list_of(image, 0)}
+                *(f"write bno[{entry}] 1" for entry in range(xfs.FREE_LIST_ENTRIES))]
+    listed = {int(block) for _, block in xfs.free_list_of(image, 0)}
     run("xfs_db", "-x", *(part for command in commands for part in ("-c", command)), image)
     found = json.loads(run(TOOL, "--json", image))
     used = {block for first, count in found["ranges"] for block in range(first, first + count)}
@@ -352,14 +335,14 @@ def test_xfs_free_list_with_stale_entries(tmp_path):
     ("write -d features_ro_compat 0x80000005", "features: ro_compat 0x80000000\n"),
 ])
 def test_xfs_features_that_are_not_known_are_refused(command, named, tmp_path):
-    image = make_image(tmp_path / "image", 300, "mkfs.xfs", "-q")
-    Comparison(image, xfs_truth(image))
+    image = make_image(tmp_path / "image", 300, "xfs")
+    Comparison(image, "xfs")
     run("xfs_db", "-x", "-c", "sb 0", "-c", command, image)
     assert named in refused(image)
 
 
 def test_summary_and_lines_tell_the_same(tmp_path):
-    image = make_image(tmp_path / "image", 64, "mkfs.ext4", "-b", "1024", "-q", "-F")
+    image = make_image(tmp_path / "image", 64, "ext4", "-b", "1024")
     ranges = [tuple(map(int, line.split())) for line in run(TOOL, image).splitlines()]
     found = json.loads(run(TOOL, "--json", image))
     assert [tuple(pair) for pair in found["ranges"]] == ranges
@@ -385,7 +368,7 @@ def test_mistakes_are_explained(arguments, status, complaint):
 
 
 def test_output_that_cant_be_written_is_a_failure(tmp_path):
-    image = make_image(tmp_path / "image", 64, "mkfs.ext4", "-q", "-F")
+    image = make_image(tmp_path / "image", 64, "ext4")
     with open("/dev/full", "wb") as full:
         done = subprocess.run([TOOL, image], stdout=full, stderr=subprocess.PIPE, text=True, check=False)
     assert done.returncode == 1 and "standard output can't be written" in done.stderr

@@ -8,8 +8,10 @@ import tempfile
 
 import pytest
 
-from lab import volumes
+from lab import filesystems, volumes
+from lab.commands import run
 from lab.daemon import program
+from lab.loops import attach, make_node
 from lab.services import wait_until
 from lab.volumes import Disk, Volume
 
@@ -60,18 +62,18 @@ def bare_loop(lab_site, mebibytes):
     """A loop device with a file system right on it."""
     with tempfile.NamedTemporaryFile(prefix=f"{volumes.IMAGE_PREFIX}bare-") as image:
         os.truncate(image.name, mebibytes << 20)
-        volumes.run("mkfs.ext4", "-q", "-F", image.name)
-        device = volumes.attach(image.name)
+        filesystems.make("ext4", image.name)
+        device = attach(image.name)
         try:
             volumes.announce(device)
             wait_for_uuid(lab_site, device, volumes.probe(device, "UUID"))
             yield volumes.Partition(Volume("bare", "ext4"), device)
         finally:
-            volumes.run("losetup", "--detach", device)
+            run("losetup", "--detach", device)
 
 
 def of_device(option, device):
-    return int(volumes.run("blockdev", option, device))
+    return int(run("blockdev", option, device))
 
 
 @pytest.mark.parametrize("name", ["data", "files", "windows"])
@@ -191,7 +193,7 @@ def test_file_system_on_a_bare_loop_device(lab_site):
 def test_volume_without_a_uuid(lab_site):
     with further_disk(lab_site, Volume("nameless", "ext4", 8)) as disk:
         device = disk["nameless"].device
-        volumes.run("tune2fs", "-U", "clear", device)
+        run("tune2fs", "-U", "clear", device)
         volumes.announce(device)
         wait_for_uuid(lab_site, device, "")
         volume = listed()[device]
@@ -206,7 +208,7 @@ def test_device_that_has_vanished(lab_site):
         [volume], log = ask(partition.uuid)
         assert (volume["exists"], volume["sectorSize"], volume["sectorCount"]) == (False, 0, 0)
         assert f'2 Cannot open volume "{partition.device}" for reading.' in log
-        volumes.make_node(pathlib.Path(partition.device).name)
+        make_node(pathlib.Path(partition.device).name)
         uuid = partition.uuid
     wait_until(lambda: ask(uuid)[0] == [None], SECONDS, "udisks2 to forget the disk")
 
@@ -242,14 +244,14 @@ def test_each_question_is_answered_anew(lab_site):
 def test_without_the_service(lab_site):
     """Nobody has its name, and nobody can start it."""
     lab_site.udisks.stop()
-    volumes.run("mount", "--bind", "/dev/null", ACTIVATION)
+    run("mount", "--bind", "/dev/null", ACTIVATION)
     try:
-        volumes.run("busctl", "--system", "call", "org.freedesktop.DBus", "/org/freedesktop/DBus",
+        run("busctl", "--system", "call", "org.freedesktop.DBus", "/org/freedesktop/DBus",
                     "org.freedesktop.DBus", "ReloadConfig")
         answers, _ = ask("", "some-uuid")
         assert answers == [NO_SERVICE, NO_SERVICE]
     finally:
-        volumes.run("umount", ACTIVATION)
+        run("umount", ACTIVATION)
         lab_site.udisks.start()
     assert found(lab_site.disk["data"])["mounted"]
 

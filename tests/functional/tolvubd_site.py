@@ -1,79 +1,41 @@
 """Volumes to snapshot, and the snapshot driver as its callers see it, for inside lab/namespace."""
 import contextlib
 import fcntl
-import json
 import os
 import pathlib
 import struct
 import subprocess
 
+from lab import driver, volumes
+from lab.commands import run
 from lab.daemon import program
+from lab.driver import STORE
+from lab.loops import make_node
 from lab.services import wait_until
+from lab.stay import Stay
 
-STORE = pathlib.Path("/var/lib/tolvubd")
-RUNTIME = pathlib.Path("/run/tolvubd")
-INFO = RUNTIME / "info"
 LOOP_GET_STATUS64, LOOP_STATUS_SIZE, LOOP_FILE_NAME = 0x4C05, 232, 56
 UNIT = 4096
 TABLE_OFFSET = 4096
 TRACKING, SNAPSHOT = 2, 3
 
-MAKE = {"ext4": ("mkfs.ext4", "-q", "-F"), "xfs": ("mkfs.xfs", "-q", "-f")}
 
-
-def run(*command, **options):
-    return subprocess.run([str(word) for word in command], check=True, capture_output=True, text=True,
-                          **options).stdout.strip()
-
-
-def make_node(path, number):
-    major, minor = map(int, number.split(":"))
-    if not path.exists():
-        os.mknod(path, 0o660 | 0o060000, os.makedev(major, minor))
-
-
-class Volume:
+class Volume(Stay):
     """A partition with a mounted file system. Its disk is a sparse file, gone with the volume."""
 
     def __init__(self, name, filesystem, sectors):
+        super().__init__()
         self.filesystem = filesystem
         self.mount_point = pathlib.Path("/run/volumes", name)
-        self._image = pathlib.Path("/tmp", name + ".disk")
-        self._sectors = sectors
+        self.size = sectors * 512
+        self._disk = volumes.Disk([volumes.Volume(name, filesystem, sectors / volumes.SECTORS)])
 
-    def __enter__(self):
-        with contextlib.ExitStack() as stack:
-            self._attach(stack)
-            run(*MAKE[self.filesystem], self.device)
-            self.mount_point.mkdir(parents=True, exist_ok=True)
-            self.mount()
-            stack.callback(self.unmount)
-            self._cleanup = stack.pop_all()
-        return self
-
-    def __exit__(self, *_exception):
-        self._cleanup.close()
-
-    def _attach(self, stack):
-        for loop in pathlib.Path("/sys/block").glob("loop*"):
-            make_node(pathlib.Path("/dev", loop.name), (loop / "dev").read_text())
-        with open(self._image, "wb") as image:
-            stack.callback(self._image.unlink)
-            image.truncate((self._sectors + 4096) * 512)
-        run("sfdisk", "-q", self._image, input=f"label: gpt\nstart=2048, size={self._sectors}\n")
-        disk = run("losetup", "-f", "--show", self._image)
-        stack.callback(run, "losetup", "-d", disk)
-        run("partx", "-a", disk)
-        stack.callback(run, "partx", "-d", disk)
-        self.device = pathlib.Path(disk + "p1")
-        number = pathlib.Path("/sys/class/block", self.device.name, "dev").read_text()
-        self.device.unlink(missing_ok=True)
-        make_node(self.device, number)
-        stack.callback(self.device.unlink)
-
-    @property
-    def size(self):
-        return self._sectors * 512
+    def open(self, lasting):
+        partition, = lasting.enter_context(self._disk)
+        self.device = pathlib.Path(partition.device)
+        self.mount_point.mkdir(parents=True, exist_ok=True)
+        self.mount()
+        lasting.callback(self.unmount)
 
     @property
     def cow(self):
@@ -131,17 +93,9 @@ def tolvuctl(*arguments):
                           check=False, timeout=60)
 
 
-def info():
-    return json.loads(INFO.read_text(encoding="ascii"))
-
-
-def devices():
+def states():
     """{minor: state} of the devices that the driver shows."""
-    return {device["minor"]: device["state"] for device in info()["devices"]}
-
-
-def nodes():
-    return sorted(path.name for path in pathlib.Path("/dev").iterdir() if "tolvu" in path.name)
+    return {device["minor"]: device["state"] for device in driver.info()["devices"]}
 
 
 def attached():
@@ -149,8 +103,8 @@ def attached():
     found = {}
     for loop in pathlib.Path("/sys/block").glob("loop*/loop"):
         node = pathlib.Path("/dev", loop.parent.name)
-        with contextlib.suppress(OSError), open(loop.parent / "dev", encoding="ascii") as number: # it may go
-            make_node(node, number.read())
+        with contextlib.suppress(OSError): # it may go
+            make_node(node.name)
             with open(node, "rb") as device:
                 status = fcntl.ioctl(device, LOOP_GET_STATUS64, bytes(LOOP_STATUS_SIZE))
             if struct.unpack_from("<Q", status)[0] == STORE.stat().st_dev:

@@ -2,30 +2,36 @@
 import json
 import os
 import pathlib
-import re
 import subprocess
 
-from volume_images import run, xfs_value
+from lab.commands import run
+from lab.filesystems import kind_of
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 BUILD = ROOT / os.environ.get("BEKD_BUILD", "build/release")
 TOOL = BUILD / "bek-usedmap"
-FREE_LIST_ENTRIES = 119 # of them, behind a header with the checksum
 
 
 class Comparison:
     """Used blocks as the agent finds them beside what the tool of the file system says."""
 
-    def __init__(self, volume, truth, *options):
+    def __init__(self, volume, file_system, *options, truth=None):
+        self._volume = volume
+        self._kind = kind_of(file_system)
+        self.truth = truth = truth or self._kind.truth(volume)
         found = json.loads(run(TOOL, "--json", *options, volume))
         assert (found["blocks"], found["blockSize"]) == (truth.blocks, truth.block_size)
         self.used = set()
         for first, count in found["ranges"]:
             self.used.update(range(first, first + count))
-        self.truth = truth
         truly_used = set(range(truth.blocks)) - truth.free
         self.lost = truly_used - self.used    # a backup would leave them out
         self.kept = self.used & truth.free    # a backup would copy them for nothing
+
+    @property
+    def unexplained(self):
+        """Blocks that differ, but for free ones that the agent may take for used."""
+        return self.lost | (self.kept - self._kind.doubtful(self._volume))
 
     def note(self, matrix, name):
         matrix.append((name, self.truth.blocks, len(self.used), len(self.lost), len(self.kept)))
@@ -38,16 +44,3 @@ def refused(volume, *options):
     assert done.returncode == 1 and done.stdout == ""
     assert done.stderr.endswith("the map of used blocks can't be read; a backup would copy every block\n")
     return done.stderr
-
-
-def unread_free_list(volume):
-    """The blocks in the sectors of the free lists behind the first 512 bytes of each."""
-    ag_blocks = xfs_value(volume, "sb 0", "agblocks")
-    return {group * ag_blocks + int(block) for group in range(xfs_value(volume, "sb 0", "agcount"))
-            for entry, block in free_list_of(volume, group) if int(entry) >= FREE_LIST_ENTRIES}
-
-
-def free_list_of(volume, group):
-    """The entries in the array of a group's free list that name a block, as text: (index, block)."""
-    listed = run("xfs_db", "-r", "-c", f"agfl {group}", "-c", "p bno", volume).split("=", 1)[1]
-    return re.findall(r"(\d+):(\d+)", listed)

@@ -1,61 +1,31 @@
 """File systems in image files: making, ageing and freezing them."""
 import contextlib
 import ctypes
-import fcntl
 import os
-import pathlib
 import random
-import stat
-import subprocess
 
-LOOP_CTL_GET_FREE = 0x4C82
-LOOP_MAJOR = 7
+from lab import filesystems, mounts
+from lab.commands import run
+from lab.loops import attached
+
 KEEP_SIZE_AND_PUNCH = 3
 libc = ctypes.CDLL(None, use_errno=True)
 
 
-def run(*command, **options):
-    return subprocess.run([str(part) for part in command], check=True, capture_output=True, text=True,
-                          **options).stdout
-
-
-def make_image(path, mebibytes, *mkfs):
+def make_image(path, mebibytes, file_system, *options):
+    """A file with a file system made in it; `options` are those of the tool."""
     path.unlink(missing_ok=True)
     with open(path, "wb") as file:
-        file.truncate(mebibytes * 1024 * 1024)
-    run(*mkfs, path)
+        file.truncate(mebibytes << 20)
+    filesystems.make(file_system, path, *options)
     return path
-
-
-@contextlib.contextmanager
-def attached(image):
-    """The image as a loop device, detached at the end whatever happens."""
-    for _ in range(20):  # others may take the free device first
-        with open("/dev/loop-control", "rb") as control:
-            number = fcntl.ioctl(control, LOOP_CTL_GET_FREE)
-        device = pathlib.Path(f"/dev/loop{number}")
-        if not device.exists():  # devices are born outside of this namespace
-            os.mknod(device, stat.S_IFBLK | 0o600, os.makedev(LOOP_MAJOR, number))
-        if subprocess.run(["losetup", device, image], capture_output=True, check=False).returncode == 0:
-            break
-    else:
-        raise RuntimeError("there is no free loop device")
-    try:
-        yield device
-    finally:
-        run("losetup", "--detach", device)
 
 
 @contextlib.contextmanager
 def mounted(image, directory):
     """(device, mount point) of the image."""
-    directory.mkdir(exist_ok=True)
-    with attached(image) as device:
-        run("mount", device, directory)
-        try:
-            yield device, directory
-        finally:
-            run("umount", directory)
+    with attached(image) as device, mounts.mounted(device, directory):
+        yield device, directory
 
 
 @contextlib.contextmanager
@@ -103,12 +73,3 @@ def riddle(file, block_size, holes):
             if libc.fallocate(stream.fileno(), KEEP_SIZE_AND_PUNCH, offset, ctypes.c_long(block_size)) != 0:
                 raise OSError(ctypes.get_errno(), "a hole can't be punched")
     os.sync()
-
-
-def xfs_value(volume, place, name):
-    """A number of an XFS volume, by the name that its tool has for it in a structure."""
-    return int(run("xfs_db", "-r", "-c", place, "-c", f"p {name}", volume).split("=")[1])
-
-
-def xfs_levels(volume, group=0):
-    return xfs_value(volume, f"agf {group}", "bnolevel")

@@ -1,0 +1,51 @@
+"""The kinds of file systems of the lab, one row each, and what is done with a volume by its kind.
+
+    make("ext4", device, label="data")
+    with mounted("ext4", device, "/mnt/data") as root:
+        ...
+    truth_of(device, "ext4").used_extents()
+
+A file system that no row is for is an UnknownKind; none is treated as if it were another. A new kind is a
+file beside this one, which says what kind.py asks for, and a row here.
+"""
+from lab import ext, mounts, ntfs, xfs
+from lab.commands import run
+from lab.kind import Format
+
+KINDS = (ext.KIND, xfs.KIND)
+# What else can be on a partition; no image of it is ever looked into.
+OTHERS = (ntfs.FORMAT, Format({"swap": ("mkswap", "--force")}, "--label", mounts.mounted))
+
+
+class UnknownKind(ValueError):
+    """There is no row for a file system."""
+
+
+def kind_of(file_system):
+    """The row of a file system that the agent knows the used blocks of."""
+    return row_of(file_system, KINDS)
+
+
+def row_of(file_system, rows):
+    for row in rows:
+        if file_system in row.makers:
+            return row
+    known = ", ".join(name for row in rows for name in row.makers)
+    raise UnknownKind(f"{file_system!r} is no file system that is known for this; there are {known}")
+
+
+def make(file_system, device, *options, label=""):
+    """Makes a file system on a device or in an image; whatever is there is gone."""
+    row = row_of(file_system, KINDS + OTHERS)
+    labelling = (row.label_option, label) if label else ()
+    run(*row.makers[file_system], *labelling, *options, device)
+
+
+def mounted(file_system, device, mount_point, options="defaults"):
+    """Mounts a device for as long as the context lasts; makes the directory, and yields it."""
+    return row_of(file_system, KINDS + OTHERS).mount(device, mount_point, options, file_system)
+
+
+def truth_of(volume, file_system):
+    """What the file system's own tool says of the used blocks of a device or an image: a Truth."""
+    return kind_of(file_system).truth(volume)
