@@ -8,21 +8,18 @@ Values that differ from run to run are replaced by fixed ones, so that a documen
 as it was. A test compares the two.
 """
 import json
-import pathlib
 import re
-import shutil
-import tempfile
 
-from lab.certificates import Authority, install
-from lab.daemon import BASE, ROOT, Daemon, require_private_site
+from lab.appliance_client import DEVICE
+from lab.daemon import ROOT, Daemon, require_private_site
 from lab.driver import hide_driver, show_driver, show_status
 from lab.https_client import Client
+from lab.machine import new_machine
 from lab.services import wait_until
 from lab.site import Site
 from lab.volumes import Volume
 
 DOCUMENT = ROOT / "docs" / "api.md"
-DEVICE = 4711
 STRANGER = 815
 SECONDS = 60
 
@@ -146,17 +143,13 @@ def with_examples(text, examples):
 
 def main():
     require_private_site()
-    shutil.rmtree(BASE, ignore_errors=True)
     show_driver()
     try:
-        with tempfile.TemporaryDirectory() as directory:
-            authority = Authority(pathlib.Path(directory))
-            install(authority.agent(), authority, BASE / "certs")
+        with new_machine() as authority, Site(VOLUMES) as site, Daemon() as daemon:
             device, stranger = (Client(authority.certificate, authority.device(number))
                                 for number in (DEVICE, STRANGER))
-            with Site(VOLUMES) as site, Daemon() as daemon:
-                daemon.wait_until_ready()
-                examples = Examples(device, stranger, site.disk).collect()
+            daemon.wait_until_ready()
+            examples = Examples(device, stranger, site.disk).collect()
     finally:
         hide_driver()
     text = DOCUMENT.read_text(encoding="utf-8")

@@ -18,6 +18,7 @@ import typing
 import urllib.parse
 
 PORT = 25567
+DEVICE = 4711 # the number of the appliance that the lab and the tests pair
 SECONDS = 60
 SEVERITIES = ("max", "debug", "info", "warning", "error", "critical", "min")
 

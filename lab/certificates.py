@@ -14,6 +14,8 @@ import itertools
 import pathlib
 import subprocess
 
+from lab import commands
+
 AUTHORITY_NAME = "Device-Agent CA"
 DEVICE_TYPE_OID = "2.16.840.1.113730.1.13"
 FILLER_OID = "1.3.6.1.4.1.99999"
@@ -50,10 +52,10 @@ class CertificateError(Exception):
 
 
 def run(*command):
-    done = subprocess.run([str(part) for part in command], stdin=subprocess.DEVNULL, capture_output=True,
-                          text=True, check=False, timeout=SECONDS)
-    if done.returncode != 0:
-        raise CertificateError(f"{' '.join(done.args)}: {done.stderr.strip()}")
+    try:
+        commands.run(*command, stdin=subprocess.DEVNULL)
+    except OSError as error:
+        raise CertificateError(str(error)) from error
 
 
 def make_key(path, key_type="ecdsa"):

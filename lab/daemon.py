@@ -20,6 +20,8 @@ from lab.services import wait_until
 
 ROOT = pathlib.Path(__file__).resolve().parents[1]
 BASE = pathlib.Path("/etc/tolvu/bek")
+CERTIFICATES = BASE / "certs"
+SCRIPTS = BASE / "pps"
 CONFIG = BASE / "config.json"
 DATABASE = BASE / "agent.sqlite"
 LOGS = BASE / "logs"

@@ -17,11 +17,12 @@ import subprocess
 import sys
 import textwrap
 
-from lab.appliance_client import Appliance, NoAnswer, Unreachable
+from lab.appliance_client import DEVICE, Appliance, NoAnswer, Unreachable
 from lab.backups import COW_MIB, Protection
 from lab.certificates import Authority, CertificateError
 from lab.certservice import HOST, CertificateService, store_device, trust
-from lab.daemon import BASE, ROOT, Daemon, require_private_site
+from lab.daemon import BASE, CERTIFICATES, ROOT, Daemon, require_private_site
+from lab.https_client import BASE_URL
 from lab.images import ImageError
 from lab.progress import shown_progress
 from lab.services import ServiceError
@@ -33,7 +34,6 @@ from lab.volumes import Volume
 WIDTH = 100
 SECONDS = 60
 LAB = pathlib.Path("/run/lab")
-DEVICE = 4711
 STRANGER = 815
 PREFIX = "  | "
 LOG_DATE = re.compile(r"^\d{4}-\d\d-\d\d (?=\d\d:)", re.MULTILINE)
@@ -174,7 +174,7 @@ def start_daemon(tour):
     tour.daemon.start()
     tour.daemon.wait_until_ready()
     show(LOG_DATE.sub("", tour.daemon.log))
-    text, status = run("openssl", "x509", "-in", str(BASE / "certs/server.pem"), "-noout", "-subject",
+    text, status = run("openssl", "x509", "-in", str(CERTIFICATES / "server.pem"), "-noout", "-subject",
                        "-issuer", "-nameopt", "oneline")
     show(text)
     check(status == 0, f"exit status {status}")
@@ -195,7 +195,7 @@ def refuse_strangers(_tour):
     text = appliance("--cert", f"{LAB}/stranger.pem", "--key", f"{LAB}/stranger.key", "list", status=1)
     show(text)
     check("HTTP status 401" in text, "no refusal")
-    text, status = run("curl", "--silent", "--show-error", "--insecure", "https://127.0.0.1:25567/backup")
+    text, status = run("curl", "--silent", "--show-error", "--insecure", f"{BASE_URL}/backup")
     show(text)
     check(status == 52, f"exit status {status}, not that of an empty reply") # curl's manual
 
@@ -227,7 +227,7 @@ def set_option(tour):
 def back_up_all(tour):
     """FULL: copy all that is in use, into images that are no file systems yet"""
     client = tour.lasting.enter_context(Appliance(certificate=LAB / "device.pem", key=LAB / "device.key",
-                                                  authority=BASE / "certs/ca.crt"))
+                                                  authority=CERTIFICATES / "ca.crt"))
     tour.protection = Protection(client, tour.daemon, tour.target, tour.site.disk)
     back_up(tour, "full", {"data": "full", "files": "full"})
 

@@ -12,7 +12,9 @@ import socket
 import ssl
 import urllib.parse
 
-BASE_URL = "https://127.0.0.1:25567"
+from lab.appliance_client import PORT
+
+BASE_URL = f"https://127.0.0.1:{PORT}"
 SECONDS = 60
 
 

@@ -5,25 +5,14 @@ are too long; and what the agent spends on them.
         appliance.backups()
 """
 import contextlib
-import os
 import pathlib
 import resource
 import socket
 
 from lab.https_client import SECONDS
+from lab.usage import status_number
 
 MIB = 1 << 20
-
-
-def status_kib(pid, name):
-    """A figure of /proc/PID/status, in KiB."""
-    status = pathlib.Path(f"/proc/{pid}/status").read_text(encoding="ascii")
-    [line] = [line for line in status.splitlines() if line.startswith(f"{name}:")]
-    return int(line.split()[1])
-
-
-def descriptors(pid):
-    return len(os.listdir(f"/proc/{pid}/fd"))
 
 
 def descriptor_limits(pid):
@@ -39,11 +28,11 @@ class PeakMemory:
     def __init__(self, pid):
         self._pid = pid
         pathlib.Path(f"/proc/{pid}/clear_refs").write_text("5", encoding="ascii") # the peak begins anew
-        self._before = status_kib(pid, "VmRSS")
+        self._before = status_number(pid, "VmRSS")
 
     @property
     def kib(self):
-        return status_kib(self._pid, "VmHWM") - self._before
+        return status_number(self._pid, "VmHWM") - self._before
 
 
 @contextlib.contextmanager

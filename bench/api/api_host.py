@@ -6,19 +6,16 @@ The peer, asked in turns with the daemon, is `busctl` that has udisks2 send all 
 can tell which volumes there are. It opens no devices and has no TLS, but is a new process each time.
 """
 import contextlib
-import shutil
 import statistics
 import subprocess
-import tempfile
 import time
 
-from lab.appliance_client import Appliance
-from lab.certificates import Authority, install
-from lab.daemon import BASE, Daemon, require_private_site
+from lab.appliance_client import DEVICE
+from lab.daemon import Daemon, require_private_site
+from lab.machine import appliance_of, new_machine
 from lab.site import Site
 from lab.volumes import Volume
 
-DEVICE = 4711
 COUNTS = (4, 40)
 WARM_UP = 5
 ROUNDS = 100
@@ -53,14 +50,10 @@ def race_host(appliance, count):
 
 def main():
     require_private_site()
-    shutil.rmtree(BASE, ignore_errors=True)
     with contextlib.ExitStack() as lasting:
-        authority = Authority(lasting.enter_context(tempfile.TemporaryDirectory()), key_type="rsa")
-        device = authority.device(DEVICE)
-        install(authority.agent(), authority, BASE / "certs")
+        authority = lasting.enter_context(new_machine(key_type="rsa"))
         lasting.enter_context(Daemon(foreground=False)).wait_until_ready()
-        appliance = lasting.enter_context(Appliance(certificate=device.certificate, key=device.key,
-                                                    authority=authority.certificate))
+        appliance = lasting.enter_context(appliance_of(authority))
         assert appliance.pair(DEVICE).status == 200
         print(f"{'volumes':>8} {'GET /host ms':>12} {'busctl ms':>12} {'ratio':>12}", flush=True)
         for count in COUNTS:

@@ -11,8 +11,6 @@ as the daemon makes them.
 import contextlib
 import http.server
 import multiprocessing
-import os
-import pathlib
 import shutil
 import signal
 import socket
@@ -22,15 +20,14 @@ import subprocess
 import tempfile
 import threading
 import time
-import typing
 
-from lab.appliance_client import PORT, Appliance, volume
+from lab.appliance_client import DEVICE, PORT, Appliance, volume
 from lab.certificates import Authority, install
-from lab.daemon import BASE, Daemon, program, require_private_site
+from lab.daemon import BASE, CERTIFICATES, Daemon, program, require_private_site
 from lab.driver import hide_driver, show_driver
 from lab.services import Service, wait_until
+from lab.usage import usage
 
-DEVICE = 4711
 KEPT_PEER_PORT, FRESH_PEER_PORT = 25601, 25602
 ROUNDS = 10
 KEPT_REQUESTS = 10000
@@ -39,17 +36,6 @@ WARM_UP = 200
 STARTS = 10
 SECONDS = 60
 ADDRESS = "127.0.0.1"
-
-
-class Usage(typing.NamedTuple):
-    kib: int
-    descriptors: int
-
-
-def usage(pid):
-    status = pathlib.Path(f"/proc/{pid}/status").read_text(encoding="ascii")
-    [line] = [line for line in status.splitlines() if line.startswith("VmRSS:")]
-    return Usage(int(line.split()[1]), len(os.listdir(f"/proc/{pid}/fd")))
 
 
 class Client:
@@ -197,7 +183,7 @@ def start_once(install_client):
                 if process.poll() is not None or time.perf_counter() - begin > SECONDS:
                     raise
                 pause.wait(0.001)
-        return time.perf_counter() - begin, usage(process.pid).kib
+        return time.perf_counter() - begin, usage(process.pid).rss_kib
     finally:
         process.send_signal(signal.SIGTERM)
         process.wait(SECONDS)
@@ -252,7 +238,7 @@ def print_usage(before, after_kept, after_all):
     for name, used in (("before the races, one connection", before),
                        (f"after {KEPT_REQUESTS + WARM_UP} polls on that connection", after_kept),
                        (f"after {FRESH_REQUESTS + WARM_UP} more, each on a fresh one; none left", after_all)):
-        print(f"  {name:48} {used.kib:12} {used.descriptors:13}")
+        print(f"  {name:48} {used.rss_kib:12} {used.descriptors:13}")
 
 
 def main():
@@ -263,7 +249,7 @@ def main():
         show_driver()
         authority = Authority(lasting.enter_context(tempfile.TemporaryDirectory()), key_type="rsa")
         agent, device = authority.agent(), authority.device(DEVICE)
-        install(agent, authority, BASE / "certs")
+        install(agent, authority, CERTIFICATES)
         context = ssl.create_default_context(cafile=authority.certificate)
         context.load_cert_chain(device.certificate, device.key)
         server_context = ssl.create_default_context(ssl.Purpose.CLIENT_AUTH, cafile=authority.certificate)

@@ -10,16 +10,16 @@ import contextlib
 import json
 import os
 import resource
-import shutil
-import tempfile
 import time
 
-from lab.certificates import Authority, install
-from lab.daemon import BASE, CONFIG, Daemon, require_private_site
+from lab.appliance_client import DEVICE
+from lab.daemon import CONFIG, Daemon, require_private_site
 from lab.https_client import Client
-from lab.strangers import MIB, PeakMemory, crowd, descriptor_limits, descriptors, held_head, send_body
+from lab.machine import new_machine
+from lab.strangers import MIB, PeakMemory, crowd, descriptor_limits, held_head, send_body
+from lab.usage import descriptors
 
-DEVICE, OTHER = 4711, 4712
+OTHER = DEVICE + 1
 POSTS = 100
 FEW_POSTS = 3
 KEYS = 4000
@@ -96,11 +96,9 @@ def show_config(client):
 
 def main():
     require_private_site()
-    shutil.rmtree(BASE, ignore_errors=True)
     hard = resource.getrlimit(resource.RLIMIT_NOFILE)[1]
     with contextlib.ExitStack() as lasting:
-        authority = Authority(lasting.enter_context(tempfile.TemporaryDirectory()), own_key_type="rsa")
-        install(authority.agent(), authority, BASE / "certs")
+        authority = lasting.enter_context(new_machine(own_key_type="rsa"))
         client, other, stranger = (Client(authority.certificate, identity) for identity in
                                    (authority.device(DEVICE), authority.device(OTHER), None))
         daemon = Daemon(preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_NOFILE, (1024, hard)))

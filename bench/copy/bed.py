@@ -5,27 +5,26 @@ import datetime
 import os
 import pathlib
 import re
-import shutil
 import subprocess
 import tempfile
 import threading
 
 from bench.copy.process import processor_seconds
-from lab.appliance_client import Appliance, volume
-from lab.certificates import Authority, install
+from lab.appliance_client import DEVICE, volume
 from lab.commands import run
-from lab.daemon import BASE, Daemon
+from lab.daemon import Daemon
 from lab.driver import STORE
 from lab.filesystems import kind_of
 from lab.loops import attached
+from lab.machine import appliance_of, new_machine
 from lab.mounts import mounted
 from lab.site import Site
 from lab.snapshots import drop_snapshots
 from lab.stay import Stay
 from lab.targets import Target
+from lab.usage import status_number
 from lab.volumes import Volume
 
-DEVICE = 4711
 SECONDS = 3600
 POLL_SECONDS = 1
 SNAPSHOT_SECONDS = 0.1
@@ -33,7 +32,6 @@ COPYING = "Beginning copying volume"
 ENDED = "Backup run finished"
 LINE = re.compile(r"^(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3}) .*?"
                   r"(Beginning|Finished) execution of the (.+) phase\.$", re.MULTILINE)
-PEAK = re.compile(r"^VmHWM:\s+(\d+) kB$", re.MULTILINE)
 
 
 def phases_in(log):
@@ -113,13 +111,9 @@ class Bed(Stay):
         self.root = pathlib.Path(self.partition.volume.mount_point)
 
     def _start_daemon(self, lasting):
-        shutil.rmtree(BASE, ignore_errors=True)
-        authority = Authority(lasting.enter_context(tempfile.TemporaryDirectory()), key_type="rsa")
-        device = authority.device(DEVICE)
-        install(authority.agent(), authority, BASE / "certs")
+        authority = lasting.enter_context(new_machine(key_type="rsa"))
         self.daemon = lasting.enter_context(Daemon(foreground=False)).wait_until_ready()
-        self._appliance = lasting.enter_context(Appliance(certificate=device.certificate, key=device.key,
-                                                          authority=authority.certificate, seconds=SECONDS))
+        self._appliance = lasting.enter_context(appliance_of(authority, seconds=SECONDS))
         assert self._appliance.pair(DEVICE).is_success
         table = (self._bytes // 4096 * 8 >> 20) + 1
         key = f"volumes.{self.partition.uuid}.cowFileSizeMiB"
@@ -175,5 +169,4 @@ class Bed(Stay):
 
     def peak_mebibytes(self):
         """The most memory that the daemon has had since its start."""
-        status = pathlib.Path(f"/proc/{self.daemon.pid}/status").read_text(encoding="ascii")
-        return int(PEAK.search(status)[1]) / 1024
+        return status_number(self.daemon.pid, "VmHWM") / 1024

@@ -5,7 +5,6 @@ Measures the maps of used blocks of large volumes beside plain reads of the same
 the buffers (build/release/bench_fs): sparse ones of 1 and nearly 16 TiB, and aged ones of 20 GiB. Makes the
 images below build/bench, needs about 2 GiB there, and removes them again. The last line tells if a bound is
 broken: 1.25 times as long, or 80 MiB at the peak."""
-import os
 import pathlib
 import re
 import subprocess
@@ -15,9 +14,10 @@ import tempfile
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(ROOT))
 
+from lab.daemon import program  # noqa: E402
 from lab.volume_images import age, make_image, mounted, riddle  # noqa: E402
 
-BENCH = ROOT / os.environ.get("BEKD_BUILD", "build/release") / "bench_fs"
+BENCH = program("bench_fs")
 TEBIBYTE = 1024 * 1024  # in MiB
 SLOWEST = 1.25
 LARGEST = 80

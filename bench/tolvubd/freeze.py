@@ -15,8 +15,9 @@ import time
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 sys.path[:0] = [str(ROOT), str(ROOT / "tests/functional")]
 
+from lab.daemon import program  # noqa: E402
 from lab.system_log import SystemLog  # noqa: E402
-from tolvubd_site import Volume, must, tool  # noqa: E402
+from tolvubd_site import Volume, must  # noqa: E402
 
 GIBIBYTE = 1 << 30
 
@@ -39,7 +40,7 @@ def freeze(volume):
     """Seconds, and the KiB of memory that the process had at most."""
     drop_caches()
     with SystemLog() as log:
-        command = [tool("TolvubdCall"), "setup_snapshot", "0", volume.device, volume.cow, "100"]
+        command = [program("TolvubdCall"), "setup_snapshot", "0", volume.device, volume.cow, "100"]
         caller = subprocess.Popen(command, stdout=subprocess.DEVNULL)
         _, caller.returncode, usage = os.wait4(caller.pid, 0)
         text = log.wait_for("was frozen for")["text"]

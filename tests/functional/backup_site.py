@@ -1,21 +1,25 @@
 """What the tests of whole backups share: volumes that are small and can be snapshotted, changes of them, and
 what has to be sent of them, worked out without the agent."""
+import dataclasses
 import hashlib
 import math
 import pathlib
 import random
 import shutil
 
+import snapshot_site
 from change_records import Moment, common, extents_of_units, marked_units
 from lab import driver
 from lab.backups import capture_of
-from lab.daemon import BASE
-from lab.volumes import Volume
+from lab.daemon import SCRIPTS
 
 LONGEST = 4 << 20 # nothing longer is sent with one command
-EXT4 = Volume("data", "ext4", mebibytes=320, mount_point="/mnt/Büro und Lager")
+EXT4 = dataclasses.replace(snapshot_site.EXT4, mebibytes=320)
+# A script that is gone when it is asked for again, which makes a backup fail between its snapshots and its
+# first write.
+VANISHING = f"#!/bin/sh\nrm {SCRIPTS}/vanishing\n"
 # Or XFS sets blocks aside behind the ends of files, which are then in use and were never written.
-XFS = Volume("files", "xfs", mebibytes=352, mount_point="/mnt/files", options="allocsize=4k")
+XFS = dataclasses.replace(snapshot_site.XFS, mebibytes=352, options="allocsize=4k")
 
 
 def fill(root, seed, files=40, largest=300_000):
@@ -48,10 +52,11 @@ def empty(root):
 
 def write_script(name, text):
     """A script for requests to name, which runs around the snapshots."""
-    path = BASE / "pps" / name
-    path.parent.mkdir(exist_ok=True)
+    path = SCRIPTS / name
+    path.parent.mkdir(parents=True, exist_ok=True)
     path.write_text(text, encoding="utf-8")
     path.chmod(0o700)
+    return path
 
 
 def closed_file(partition):

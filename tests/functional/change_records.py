@@ -28,6 +28,11 @@ class Moment:
         return list(without(self.used, chain.from_iterable(self.own.values())))
 
 
+def marked_since(before, after, file_system, closed=".tolvu"):
+    """The numbers of the units that count as changed between two captures."""
+    return marked_units(Moment(before, file_system), Moment(after, file_system), closed)
+
+
 def copied_extents(capture, file_system):
     return Moment(capture, file_system).copied
 

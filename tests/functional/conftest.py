@@ -16,17 +16,17 @@ import pytest
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(ROOT))
-CERTIFICATES = "/etc/tolvu/bek/certs"
 pytest.register_assert_rewrite("backup_site", "fault_site", "snapshot_site")
 
 from backup_site import EXT4, XFS, empty, root_of  # noqa: E402
 from fault_site import DATA, FaultList, fault_site  # noqa: E402
-from lab import certificates  # noqa: E402
-from lab.appliance_client import Appliance  # noqa: E402
+from lab import certificates, certservice  # noqa: E402
+from lab.appliance_client import DEVICE  # noqa: E402
 from lab.backups import Protection  # noqa: E402
-from lab.daemon import DATABASE, PID_FILE, Daemon, program, require_private_site  # noqa: E402
+from lab.daemon import CERTIFICATES, DATABASE, PID_FILE, Daemon, program, require_private_site  # noqa: E402
 from lab.driver import forget_devices, hide_driver, show_driver  # noqa: E402
 from lab.https_client import Client  # noqa: E402
+from lab.machine import appliance_of  # noqa: E402
 from lab.site import Site  # noqa: E402
 from lab.system_log import SystemLog  # noqa: E402
 from lab.targets import Target  # noqa: E402
@@ -55,6 +55,21 @@ def site_device(site_authority):
     return functools.cache(site_authority.device)
 
 
+@pytest.fixture(scope="module")
+def service_authority(tmp_path_factory):
+    """One that this machine trusts to vouch for servers."""
+    made = certificates.Authority(tmp_path_factory.mktemp("service-authority"))
+    certservice.trust(made)
+    return made
+
+
+@pytest.fixture(scope="module")
+def service_identity(service_authority):
+    """What the certificate service shows."""
+    host = certservice.HOST
+    return service_authority.issue(host, more=("tls_www_server", "signing_key", f'dns_name = "{host}"'))
+
+
 def pytest_configure(config):
     config.addinivalue_line("markers", "bare_site: the agent has no certificates at first")
 
@@ -74,10 +89,8 @@ def site(request, private_machine):
 def connect_appliance(site_authority, site_device):
     """connect_appliance(NUMBER) is a client with that device's certificate."""
     with contextlib.ExitStack() as clients:
-        def connect(number=4711):
-            identity = site_device(number)
-            return clients.enter_context(Appliance(certificate=identity.certificate, key=identity.key,
-                                                   authority=site_authority.certificate))
+        def connect(number=DEVICE):
+            return clients.enter_context(appliance_of(site_authority, site_device(number)))
         yield connect
 
 
@@ -90,8 +103,8 @@ def agent(foreground):
 @pytest.fixture
 def client(agent, site_authority, site_device):
     """The paired device, with a connection for each request."""
-    paired = Client(site_authority.certificate, site_device(4711))
-    assert paired.request("POST", "/pair", b'{"deviceID": 4711}').status == 200
+    paired = Client(site_authority.certificate, site_device(DEVICE))
+    assert paired.request("POST", "/pair", b'{"deviceID": %d}' % DEVICE).status == 200
     return paired
 
 
@@ -99,7 +112,7 @@ def client(agent, site_authority, site_device):
 def appliance(agent, connect_appliance):
     """The appliance that `agent` is paired with."""
     client = connect_appliance()
-    assert client.pair(4711).status == 200
+    assert client.pair(DEVICE).status == 200
     return client
 
 
@@ -204,6 +217,18 @@ def run_to_end(make_daemon):
     def run(*arguments, **options):
         daemon = make_daemon(*arguments, **options)
         daemon.wait()
+        return daemon
+    return run
+
+
+@pytest.fixture
+def fail_to_start(run_to_end):
+    """Runs a daemon that ends with an exception: status 2, and one line on standard error. Returns it."""
+    def run(**options):
+        daemon = run_to_end(**options)
+        daemon.expect_errors("Unhandled Exception reached the top of main: .+, application will now exit")
+        assert daemon.status == 2
+        assert len(daemon.errors.splitlines()) == 1
         return daemon
     return run
 

@@ -1,24 +1,27 @@
 """What the tests of backups under faults share: a site to break, and what has to hold after each fault."""
 import contextlib
+import dataclasses
 import os
 import pathlib
 import random
 import shutil
 
-from backup_site import fill
+from backup_site import EXT4, fill
 from lab.backups import Protection
-from lab.daemon import LOGS
+from lab.daemon import LOGS, program
 from lab.holds import Hold, Trace
 from lab.services import wait_until
 from lab.targets import Target
-from lab.volumes import Volume
 from snapshot_site import SnapshotSite
 
 SECONDS = 60
 ROOT = pathlib.Path(__file__).resolve().parents[2]
-BUILD = ROOT / os.environ.get("BEKD_BUILD", "build/release")
-DATA = Volume("data", "ext4", mebibytes=320, mount_point="/mnt/Büro und Lager")
-MORE = Volume("more", "ext4", mebibytes=320, mount_point="/mnt/more")
+BUILD = program().parent
+DATA = EXT4
+MORE = dataclasses.replace(DATA, name="more", mount_point="/mnt/more")
+SNAPSHOTS = ("/dev/tolvu0", "/dev/tolvu1")
+RETRYING = "Sleeping, reconnecting, and retrying."
+FIRST, LITTLE = 0, 5 # reads of a copy, before it is held
 CALL_OF_RUN = "rt_sigaction" # in the daemon, only a thread that runs a backup makes it
 
 # Why the first backup after a kill may fail: the snapshot left behind is mounted, or not of the kind wanted,
@@ -144,6 +147,15 @@ class FaultSite:
         begin, end = (at for at, line in enumerate(lines) if phase in line and str(log_file()) in line)
         matching = [at for at, line in enumerate(lines) if line.startswith(f"{call}(") and path in line]
         return [number for number, at in enumerate(matching, 1) if begin < at < end]
+
+    @contextlib.contextmanager
+    def in_copy(self, reads=None, **kind):
+        """(backup, hold) of a backup that has read its first volume so often, half of it if nothing is said,
+        and is held there."""
+        steps = self.steps_of_copy("read", SNAPSHOTS[0], **kind)
+        number = steps[len(steps) // 2 if reads is None else reads]
+        with self.held("read", number, paths=SNAPSHOTS, **kind) as held:
+            yield held
 
     @contextlib.contextmanager
     def held(self, call, number, *, paths=(), behind=False, **kind):

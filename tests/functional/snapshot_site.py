@@ -35,9 +35,9 @@ def read_device(path):
     return pathlib.Path(path).read_bytes()
 
 
-def keep(facts, path):
+def keep(snapshot, path):
     """A copy of a snapshot, which shows where the files in it lie whether or not the snapshot is mounted."""
-    subprocess.run(["cp", "--sparse=always", facts["snapshotPath"], path], check=True)
+    subprocess.run(["cp", "--sparse=always", snapshot, path], check=True)
     return path
 
 
@@ -48,6 +48,21 @@ def read_record(path, units):
     assert magic == 4776
     marks = struct.unpack_from(f"<{units}Q", content, UNIT)
     return {unit for unit, mark in enumerate(marks) if mark}, changed
+
+
+def check_writable(mount_point):
+    """A file can be written within the second that is promised. A file system that is frozen is thawed, so
+    that the tests can go on."""
+    probe = mount_point / "probe"
+    writer = subprocess.Popen(["dd", "if=/dev/urandom", f"of={probe}", "bs=4k", "count=1", "conv=fsync",
+                               "status=none"])
+    try:
+        assert writer.wait(1) == 0
+    except subprocess.TimeoutExpired:
+        subprocess.run(["fsfreeze", "--unfreeze", mount_point], check=False)
+        writer.wait(SECONDS)
+        raise AssertionError(f"{mount_point} is frozen") from None
+    probe.unlink()
 
 
 def backing_device(loop):
@@ -123,17 +138,7 @@ class SnapshotSite(Stay):
         assert set(self.states()) <= {2}
 
     def check_writable(self, name):
-        """A file can be written at once: the file system isn't frozen."""
-        probe = self.mount_point(name) / "probe"
-        writer = subprocess.Popen(["dd", "if=/dev/urandom", f"of={probe}", "bs=4k", "count=1", "conv=fsync",
-                                   "status=none"])
-        try:
-            assert writer.wait(1) == 0
-        except subprocess.TimeoutExpired:
-            subprocess.run(["fsfreeze", "--unfreeze", self.mount_point(name)], check=False)
-            writer.wait(SECONDS)
-            raise AssertionError(f"{name} is frozen") from None
-        probe.unlink()
+        check_writable(self.mount_point(name))
 
     def forget_snapshots(self):
         """As if there had never been a driver."""

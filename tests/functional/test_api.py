@@ -6,14 +6,13 @@ import uuid
 
 import pytest
 
-from lab.appliance_client import volume
+from lab.appliance_client import DEVICE, volume
 from lab.daemon import CONFIG, LOGS
 from lab.driver import driver_version
 from lab.https_client import Client
 from lab.services import wait_until
 
 SECONDS = 20
-DEVICE = 4711
 OTHER = 4712
 DISK = "0f1e2d3c-0000-4000-8000-000000000001"
 UNKNOWN = "00000000-0000-4000-8000-00000000ffff"
@@ -409,15 +408,12 @@ def test_log_that_is_no_text(agent, appliance):
     (0, "max"), (1, "debug"), (2, "info"), (3, "warning"), (4, "error"), (5, "critical"), (6, "min"),
     (9, "min"), (-1, "max"), (1e300, "min"), (-1e30, "max"),
 ])
-def test_log_level(foreground, connect_appliance, database, severity, name):
+def test_log_level(foreground, agent, appliance, database, severity, name):
     """The threshold counts for the file at once and after the next start; the screen shows all the time what
     it is set to. A number off the scale is taken for the end that it is nearer to."""
-    daemon = foreground()
-    appliance = connect_appliance()
-    assert appliance.pair(DEVICE).status == 200
     assert appliance.log_level(severity) == (200, TEXT, "")
-    assert f"[DEBUG:]    Log level set to {name}\n" in daemon.output
-    clamped = [float(line.split("severity = ")[1].split("'")[0]) for line in daemon.output.splitlines()
+    assert f"[DEBUG:]    Log level set to {name}\n" in agent.output
+    clamped = [float(line.split("severity = ")[1].split("'")[0]) for line in agent.output.splitlines()
                if line.endswith("' being clamped into range [0, 6]")]
     assert clamped == ([] if severity in range(7) else [severity])
     assert database("select value from config where key = 'log_level'") == [(name,)]
@@ -428,10 +424,10 @@ def test_log_level(foreground, connect_appliance, database, severity, name):
     appliance.request("POST", "/pair", "{")
     numbers = {"max": 0, "debug": 1, "info": 2, "warning": 3, "error": 4, "critical": 5, "min": 6}
     rejected = "Pair request from deviceID 0 rejected (invalid JSON)"
-    assert passes(LEVELS[4], rejected, daemon) == (numbers[name] <= 4)
-    assert passes(LEVELS[3], "Bad API request for pair: ", daemon) == (numbers[name] <= 3)
-    assert passes(LEVELS[1], "DATA: {", daemon) == (numbers[name] <= 1)
-    assert daemon.stop() == 0
+    assert passes(LEVELS[4], rejected, agent) == (numbers[name] <= 4)
+    assert passes(LEVELS[3], "Bad API request for pair: ", agent) == (numbers[name] <= 3)
+    assert passes(LEVELS[1], "DATA: {", agent) == (numbers[name] <= 1)
+    assert agent.stop() == 0
     again = foreground()
     assert again.stop() == 0
     assert passes(LEVELS[2], "HTTP server started", again) == (numbers[name] <= 2)
@@ -453,18 +449,15 @@ def test_refused_log_level(appliance, database, body, reason):
 
 # The small calls.
 
-def test_config(foreground, connect_appliance):
+def test_config(foreground, agent, appliance):
     """What is set is stored, shown and there after a restart; the rest stays as it was."""
-    daemon = foreground()
-    appliance = connect_appliance()
-    assert appliance.pair(DEVICE).status == 200
     options = {"log.lifetimeHours": 72, "holepunch.enabled": True, "autoupdate.channel": "any",
                f"volumes.{DISK}.cowFileSizeMiB": 4096}
     assert appliance.set_config(options) == (200, TEXT, "")
     assert json.loads(CONFIG.read_text()) == appliance.config().content == options
     assert appliance.set_config({"log.lifetimeHours": 8760}).status == 200
     options["log.lifetimeHours"] = 8760
-    assert daemon.stop() == 0
+    assert agent.stop() == 0
     again = foreground()
     assert json.loads(CONFIG.read_text()) == appliance.config().content == options
     assert "Found invalid agent configuration option" not in again.log

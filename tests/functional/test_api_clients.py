@@ -1,53 +1,37 @@
 """The real daemon's API against clients that it must refuse, and clients that mean it no good."""
-import collections
 import contextlib
 import json
 import os
-import pathlib
 import random
 import socket
-import subprocess
 
 import pytest
 
+from https_peers import NOISE, handshake, send_plain, wait_until_idle
+from lab.appliance_client import DEVICE, PORT
 from lab.certificates import Authority
+from lab.daemon import CERTIFICATES
 from lab.https_client import Client
 from lab.services import wait_until
+from lab.usage import usage
 
 SECONDS = 60
-DEVICE = 4711
 MIB = 1 << 20
-TRUST = pathlib.Path("/etc/tolvu/bek/certs/ca.crt")
+TRUST = CERTIFICATES / "ca.crt"
 REFUSED = "[ERROR:]    Client certificate validation failed"
 NO_TYPE = ["[ERROR:]    Failed to find required metadata in client certificate", REFUSED]
 NO_TRUST = ["[ERROR:]    Internal error - failed to import trust file as cert", REFUSED]
 POSTS = {"/pair": 400, "/backup": 500, "/logLevel": 400, "/config": 400, "/agentPairTicket": 501,
          "/command": 501, "/updsptcmdmod": 501, "/upgrade": 501}
 
-Usage = collections.namedtuple("Usage", "descriptors threads rss_kib")
-
-
-def usage(daemon):
-    status = pathlib.Path(f"/proc/{daemon.pid}/status").read_text(encoding="ascii")
-    fields = dict(line.split(":", 1) for line in status.splitlines())
-    return Usage(len(os.listdir(f"/proc/{daemon.pid}/fd")), int(fields["Threads"]),
-                 int(fields["VmRSS"].split()[0]))
-
-
-def wait_until_idle(daemon, idle):
-    """Waits until no connection is left; returns what the daemon then uses."""
-    daemon.wait_for(lambda: usage(daemon).descriptors <= idle.descriptors and
-                    usage(daemon).threads <= idle.threads, f"return to {idle}")
-    return usage(daemon)
-
 
 @pytest.fixture
 def unharmed(agent, client):
     """After the test the daemon serves as before, and holds no more than before."""
-    before = wait_until_idle(agent, usage(agent)._replace(descriptors=5, threads=2))
+    before = wait_until_idle(agent.pid, usage(agent.pid)._replace(descriptors=5, threads=2))
     yield before
     check_serves(client)
-    assert wait_until_idle(agent, before).rss_kib - before.rss_kib < 32 * 1024
+    assert wait_until_idle(agent.pid, before).rss_kib - before.rss_kib < 32 * 1024
 
 
 def check_serves(client):
@@ -159,16 +143,6 @@ def test_other_authority_in_the_trust_file(unharmed, agent, client, site_authori
 
 # The way in.
 
-def handshake(identity, priority):
-    """Whether GnuTLS's own client gets a connection with these priorities."""
-    done = subprocess.run(
-        ["gnutls-cli", "--no-ca-verification", f"--priority={priority}", "--port=25567",
-         f"--x509certfile={identity.certificate}", f"--x509keyfile={identity.key}", "127.0.0.1"],
-        stdin=subprocess.DEVNULL, capture_output=True, text=True, check=False, timeout=SECONDS)
-    assert "Connecting to '127.0.0.1:25567'" in done.stdout
-    return "Handshake was completed" in done.stdout
-
-
 def test_protocols_and_ciphers(unharmed, client, site_device):
     identity = site_device(DEVICE)
     for version in ("1.2", "1.3"):
@@ -180,7 +154,7 @@ def test_protocols_and_ciphers(unharmed, client, site_device):
 
 def test_ipv6(unharmed, client):
     with pytest.raises(ConnectionRefusedError):
-        socket.create_connection(("::1", 25567), SECONDS)
+        socket.create_connection(("::1", PORT), SECONDS)
 
 
 def test_requests_without_an_answer(unharmed, agent, client):
@@ -194,14 +168,8 @@ def test_requests_without_an_answer(unharmed, agent, client):
 
 
 def test_plain_noise(unharmed, client):
-    for noise in (b"GET / HTTP/1.1\r\n\r\n", bytes(range(256)) * 64, b"\x16\x03\x01\xff\xff", b""):
-        with socket.create_connection(client.address, SECONDS) as plain:
-            with contextlib.suppress(OSError): # the daemon may have closed before it has read everything
-                plain.sendall(noise)
-                plain.shutdown(socket.SHUT_WR)
-            with contextlib.suppress(ConnectionError):
-                while plain.recv(4096):
-                    pass
+    for noise in NOISE:
+        send_plain(client.address, noise)
         check_serves(client)
 
 
@@ -249,7 +217,7 @@ def test_body_cut_off(unharmed, agent, client):
             for connection in [together.enter_context(client.connect()) for _ in range(5)]:
                 connection.send(
                     b"POST /logLevel HTTP/1.1\r\nHost: agent\r\nContent-Length: 100\r\n\r\n{\"sev")
-    wait_until_idle(agent, unharmed)
+    wait_until_idle(agent.pid, unharmed)
     assert client.request("POST", "/logLevel", b'{"severity": 2}').status == 200
 
 
@@ -260,8 +228,8 @@ def test_idle_connections(unharmed, agent, client):
             stack.enter_context(client.connect())
         for _ in range(20):
             assert client.request("GET", "/backup/abc").status == 400
-        wait_until(lambda: usage(agent).threads <= unharmed.threads + 256, SECONDS, "end of the oldest")
-    wait_until_idle(agent, unharmed)
+        wait_until(lambda: usage(agent.pid).threads <= unharmed.threads + 256, SECONDS, "end of the oldest")
+    wait_until_idle(agent.pid, unharmed)
 
 
 # Many.
@@ -296,8 +264,8 @@ def test_nothing_leaks(driver, unharmed, agent, client):
 
     fresh(100)
     kept(200)
-    warm = wait_until_idle(agent, unharmed)
+    warm = wait_until_idle(agent.pid, unharmed)
     fresh(700)
     kept(2000)
-    used = wait_until_idle(agent, unharmed)
+    used = wait_until_idle(agent.pid, unharmed)
     assert used.rss_kib - warm.rss_kib < 16 * 1024

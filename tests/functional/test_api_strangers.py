@@ -8,13 +8,14 @@ import urllib.parse
 
 import pytest
 
+from lab.appliance_client import DEVICE
 from lab.daemon import CONFIG
 from lab.https_client import Client
 from lab.services import wait_until
-from lab.strangers import MIB, PeakMemory, crowd, descriptor_limits, descriptors, held_head, send_body
+from lab.strangers import MIB, PeakMemory, crowd, descriptor_limits, held_head, send_body
+from lab.usage import descriptors
 
 SECONDS = 60
-DEVICE = 4711
 OTHER = 4712
 STRANGERS = 256
 LOG_BOUND = 64 * 1024
@@ -233,16 +234,13 @@ def test_url_does_not_end_at_a_nul(client):
 
 # What the next start can read.
 
-def test_settings_that_could_not_be_read_back_are_refused(foreground, connect_appliance):
-    daemon = foreground()
-    appliance = connect_appliance()
-    assert appliance.pair(DEVICE).status == 200
+def test_settings_that_could_not_be_read_back_are_refused(foreground, agent, appliance):
     assert appliance.set_config({"log.lifetimeHours": 72}).status == 200
     answer = appliance.set_config({"autoupdate.channel": "x" * 1_100_000})
     assert (answer.status, answer.content) == (
         400,
         "Failed to set config options: The configuration could not be read back: larger than 1048576 bytes")
-    assert daemon.stop() == 0
+    assert agent.stop() == 0
     foreground()
     assert appliance.config().content == {"log.lifetimeHours": 72}
 

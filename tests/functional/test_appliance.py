@@ -8,18 +8,15 @@ import json
 import pathlib
 import ssl
 import subprocess
-import sys
 import threading
 
 import pytest
 
+from lab.appliance_client import Appliance, NoAnswer, Unreachable, volume
+from lab.certificates import Authority
+from lab.progress import shown_progress
+
 ROOT = pathlib.Path(__file__).resolve().parents[2]
-sys.path.insert(0, str(ROOT))
-
-from lab.appliance_client import Appliance, NoAnswer, Unreachable, volume  # noqa: E402
-from lab.certificates import Authority  # noqa: E402
-from lab.progress import shown_progress  # noqa: E402
-
 SECONDS = 60
 DISK = "0f1e"
 ACTIVE, FINISHED, FAILED = (

@@ -7,11 +7,11 @@ import time
 
 import pytest
 
-from fault_site import DATA, MORE, fault_site
+from backup_site import write_script
+from fault_site import DATA, LITTLE, MORE, SNAPSHOTS, fault_site
 from lab.holds import MOUNT_CALLS
 from lab.services import wait_until
 
-SNAPSHOTS = ("/dev/tolvu0", "/dev/tolvu1")
 MOST_WINDING_DOWN = 6
 SECONDS = 60
 SILENCE = 180 * 10**9 # nanoseconds
@@ -34,11 +34,7 @@ def two_volumes(agent, appliance):
 @pytest.fixture
 def script():
     """The path of a script that lets a backup wait until /run/in-script is removed."""
-    path = pathlib.Path("/etc/tolvu/bek/pps/wait")
-    path.parent.mkdir(parents=True, exist_ok=True)
-    path.write_text(SCRIPT, encoding="ascii")
-    path.chmod(0o700)
-    return path
+    return write_script("wait", SCRIPT)
 
 
 def check_cancelled(site, backup, faults, where):
@@ -100,8 +96,7 @@ def test_cancel_in_the_copy(one_volume, faults):
     """At once, whatever kind of backup it is, and what it owes comes with the next."""
     site = one_volume
     for kind in ({"full": True}, {}, {"merge": True}):
-        steps = site.steps_of_copy("read", SNAPSHOTS[0], **kind)
-        with site.held("read", steps[len(steps) // 2], paths=SNAPSHOTS, **kind) as (backup, hold):
+        with site.in_copy(**kind) as (backup, hold):
             backup.cancel()
             with pytest.raises(AssertionError, match="is already canceled"):
                 backup.cancel()
@@ -189,8 +184,7 @@ def test_appliance_that_may_be_silent(one_volume, database):
     """With the watchdog switched off in the database, a backup that is begun from then on has none."""
     site = one_volume
     database("insert into config (key, value) values ('disable_ordak_ping_timeout', '1')")
-    number = site.steps_of_copy("read", SNAPSHOTS[0])[5]
-    with site.held("read", number, paths=SNAPSHOTS) as (backup, hold):
+    with site.in_copy(LITTLE) as (backup, hold):
         shorten_silence(site.daemon)
         assert backup.state == "active"
         time.sleep(2 * SHORT_SILENCE / 10**9) # this is the silence
@@ -203,8 +197,7 @@ def test_appliance_that_may_be_silent(one_volume, database):
 def test_second_backup_takes_over(one_volume, faults):
     """The first is called off, and the second waits until it has ended."""
     site = one_volume
-    number = site.steps_of_copy("read", SNAPSHOTS[0], full=True)[5]
-    with site.held("read", number, paths=SNAPSHOTS, full=True) as (first, hold):
+    with site.in_copy(LITTLE, full=True) as (first, hold):
         second = site.protection.start()
         assert "Backup request: Cancelling already running backup first." in second.log
         assert (first.state, second.state) == ("active", "active")
@@ -221,8 +214,7 @@ def test_stop_while_a_backup_waits_for_another(one_volume, foreground, faults):
     """A stop calls off both: the one that runs ends, and the one behind it never begins."""
     site = one_volume
     begin = "Beginning execution of the Populate Volumes phase."
-    number = site.steps_of_copy("read", SNAPSHOTS[0], full=True)[5]
-    with site.held("read", number, paths=SNAPSHOTS, full=True) as (first, hold):
+    with site.in_copy(LITTLE, full=True) as (first, hold):
         begun = first.log.count(begin)
         site.protection.start()
         site.daemon.send(signal.SIGTERM)
@@ -241,8 +233,7 @@ def test_seven_backups_in_a_row(one_volume, faults):
     """Six may wind down behind the one that is asked for; the next is refused. A cancelled one that hasn't
     begun yet never does: only the last one runs."""
     site = one_volume
-    number = site.steps_of_copy("read", SNAPSHOTS[0])[5]
-    with site.held("read", number, paths=SNAPSHOTS) as (first, hold):
+    with site.in_copy(LITTLE) as (first, hold):
         others = [site.protection.start() for _ in range(MOST_WINDING_DOWN)]
         refused = site.protection.appliance.backup(site.protection.request())
         assert refused.status == 400

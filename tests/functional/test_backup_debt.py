@@ -6,7 +6,7 @@ import subprocess
 
 import pytest
 
-from backup_site import write_script
+from backup_site import VANISHING, write_script
 from fault_site import DATA, MORE, fault_site
 from lab import driver
 from lab.daemon import BASE, program
@@ -19,8 +19,7 @@ PID_FILE = pathlib.Path("/run/daemon.pid")
 SCRIPTS = {
     # Between the snapshots and the first write.
     "killer": f'#!/bin/sh\n[ "$1" = PRE ] || kill -9 "$(cat {PID_FILE})"\n',
-    # Gone when it is asked for again, so that the backup fails between its snapshots and its first write.
-    "vanishing": f"#!/bin/sh\nrm {BASE}/pps/vanishing\n",
+    "vanishing": VANISHING,
     "filler": f"""#!/bin/sh
 cd "{DATA.mount_point}" && [ "$1" = POST ] && rm .tolvu.inc && dd if=/dev/zero of=ballast bs=4k
 """,
@@ -70,6 +69,21 @@ def history():
     return pathlib.Path(DATA.mount_point, ".tolvu.inc")
 
 
+@pytest.fixture
+def leftover(one_volume, foreground):
+    """A site with the snapshot that a killed backup of an untracked volume has left."""
+    driver.restart()
+    kill_after_snapshots(one_volume, foreground)
+    return one_volume
+
+
+@pytest.fixture
+def owing(one_volume):
+    """A site whose last backup has failed between its snapshots and its first write."""
+    fail_after_snapshots(one_volume)
+    return one_volume
+
+
 @pytest.mark.parametrize("volumes", [(DATA,), (DATA, MORE)], ids=["one", "two"])
 def test_leftover_snapshots_of_untracked_volumes(make_site, foreground, volumes):
     """They show what no image has, so that they can't be what the next changes are counted from."""
@@ -82,10 +96,8 @@ def test_leftover_snapshots_of_untracked_volumes(make_site, foreground, volumes)
         site.assert_recovered()
 
 
-def test_leftover_snapshot_that_somebody_looks_into(one_volume, foreground):
-    site = one_volume
-    driver.restart()
-    kill_after_snapshots(site, foreground)
+def test_leftover_snapshot_that_somebody_looks_into(leftover):
+    site = leftover
     with open(MOUNT_ROOT / site.site["data"].uuid / ".tolvu", "rb"):
         run_failing(site)
         assert site.site.states() == [3]
@@ -93,10 +105,8 @@ def test_leftover_snapshot_that_somebody_looks_into(one_volume, foreground):
     site.assert_recovered()
 
 
-def test_leftover_snapshot_met_by_a_backup_without_target(one_volume, foreground):
-    site = one_volume
-    driver.restart()
-    kill_after_snapshots(site, foreground)
+def test_leftover_snapshot_met_by_a_backup_without_target(leftover):
+    site = leftover
     site.target.kill()
     backup = run_failing(site)
     assert "Start Snapshotting" not in backup.log
@@ -104,10 +114,8 @@ def test_leftover_snapshot_met_by_a_backup_without_target(one_volume, foreground
     site.assert_recovered()
 
 
-def test_leftover_snapshot_met_by_a_cancelled_backup(one_volume, foreground):
-    site = one_volume
-    driver.restart()
-    kill_after_snapshots(site, foreground)
+def test_leftover_snapshot_met_by_a_cancelled_backup(leftover):
+    site = leftover
     site.target.pause()
     backup = start(site)
     backup.wait_for_log("Beginning execution of the Validate Remote Targets phase.")
@@ -118,17 +126,15 @@ def test_leftover_snapshot_met_by_a_cancelled_backup(one_volume, foreground):
     site.assert_recovered()
 
 
-def test_leftover_snapshot_of_a_volume_that_owes(one_volume, foreground):
-    site = one_volume
-    fail_after_snapshots(site)
+def test_leftover_snapshot_of_a_volume_that_owes(owing, foreground):
+    site = owing
     kill_after_snapshots(site, foreground)
     run_failing(site)
     site.assert_recovered()
 
 
-def test_history_that_breaks_off(one_volume):
-    site = one_volume
-    fail_after_snapshots(site)
+def test_history_that_breaks_off(owing):
+    site = owing
     with open(history(), "r+b") as file:
         file.truncate(history().stat().st_size // 2)
     assert "Failed to roll forward!" in run_failing(site).log
@@ -136,17 +142,15 @@ def test_history_that_breaks_off(one_volume):
 
 
 @pytest.mark.parametrize("kind", [{"merge": True}, {"full": True}], ids=["merge", "full"])
-def test_history_that_is_gone_when_another_type_fails(one_volume, kind):
-    site = one_volume
-    fail_after_snapshots(site)
+def test_history_that_is_gone_when_another_type_fails(owing, kind):
+    site = owing
     history().unlink()
     fail_after_snapshots(site, **kind)
     site.assert_recovered()
 
 
-def test_history_without_room(one_volume):
-    site = one_volume
-    fail_after_snapshots(site)
+def test_history_without_room(owing):
+    site = owing
     backup = fail_after_snapshots(site, "filler")
     assert "Unable to write to incremental history file " in backup.log
     pathlib.Path(DATA.mount_point, "ballast").unlink()
@@ -154,18 +158,16 @@ def test_history_without_room(one_volume):
 
 
 @pytest.mark.parametrize("kind", [{}, {"merge": True}], ids=["incremental", "merge"])
-def test_history_that_cannot_be_written(one_volume, kind):
-    site = one_volume
-    fail_after_snapshots(site)
+def test_history_that_cannot_be_written(owing, kind):
+    site = owing
     backup = fail_after_snapshots(site, "sealer", **kind)
     assert "Cannot make history, cannot open incremental history file: " in backup.log
     subprocess.run(["chattr", "-i", history()], check=True)
     site.assert_recovered()
 
 
-def test_driver_that_tells_nothing_at_the_end(one_volume):
-    site = one_volume
-    fail_after_snapshots(site)
+def test_driver_that_tells_nothing_at_the_end(owing):
+    site = owing
     backup = fail_after_snapshots(site, "blinder")
     assert "Unable to parse tolvubd info" in backup.log
     driver.take_a_turn()
@@ -177,8 +179,7 @@ def test_driver_that_tells_nothing_at_the_end(one_volume):
 def test_image_of_a_full_backup_that_was_called_off_is_compared(one_volume):
     """Its head may be right when the rest isn't."""
     site = one_volume
-    steps = site.steps_of_copy("read", "/dev/tolvu0", full=True)
-    with site.held("read", steps[len(steps) // 2], paths=["/dev/tolvu0"], full=True) as (backup, hold):
+    with site.in_copy(full=True) as (backup, hold):
         backup.cancel()
         hold.release()
         assert backup.wait().state == "failed"

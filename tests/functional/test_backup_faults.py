@@ -3,20 +3,18 @@ reported finished is right, and the next backup works."""
 import os
 import subprocess
 
-from fault_site import DATA, fault_site, seeded
+from fault_site import DATA, FIRST, RETRYING, SNAPSHOTS, fault_site, seeded
 from lab.backups import capture_of
 from lab.holds import Trace
 
-SNAPSHOT = "/dev/tolvu0"
-RETRYING = "Sleeping, reconnecting, and retrying."
 WINDOW = 0.8 # of the copy: how often a thread calls isn't exactly the same each time
 POINTS = 3
 
 
 def points_of_copy(site, count, source):
     """Moments while a full backup copies: about to read, before a packet, or behind it."""
-    reads = [{"call": "read", "number": number, "paths": [SNAPSHOT]}
-             for number in site.steps_of_copy("read", SNAPSHOT, full=True)]
+    reads = [{"call": "read", "number": number, "paths": [SNAPSHOTS[0]]}
+             for number in site.steps_of_copy("read", SNAPSHOTS[0], full=True)]
     packets = [{"call": "writev", "number": number, "behind": behind}
                for number in site.steps_of_copy("writev", full=True) for behind in (False, True)]
     return [source.choice(steps[:int(len(steps) * WINDOW)]) for steps in (reads, packets, packets)[:count]]
@@ -96,13 +94,13 @@ def test_read_error_of_the_source(one_volume, faults):
     """The copy of a block that can't be read fails the backup. A map of the blocks in use that can't be read
     doesn't: then all blocks are copied. Either way nothing wrong is called finished."""
     site, source = one_volume, seeded()
-    steps = site.steps_of_copy("read", SNAPSHOT)
+    steps = site.steps_of_copy("read", SNAPSHOTS[0])
     states = []
     for number in [steps[0], *source.sample(steps[1:-1], 4), steps[-1]]:
         fault = f"error of read {number}"
         print(fault)
         site.change()
-        with Trace(site.daemon.pid, "read", "-e", f"inject=read:error=EIO:when={number}", paths=[SNAPSHOT]):
+        with Trace(site.daemon.pid, "read", "-e", f"inject=read:error=EIO:when={number}", paths=SNAPSHOTS):
             backup = site.protection.run()
         states.append(site.judge(backup))
         faults.note(fault, states[-1])
@@ -117,8 +115,7 @@ def test_read_error_of_the_source(one_volume, faults):
 def test_snapshot_ends_too_early(one_volume, faults):
     """The kernel itself refuses to read what isn't there any more."""
     site = one_volume
-    number = site.steps_of_copy("read", SNAPSHOT, full=True)[0]
-    with site.held("read", number, paths=[SNAPSHOT], full=True) as (backup, hold):
+    with site.in_copy(FIRST, full=True) as (backup, hold):
         capture = capture_of(site.protection.partitions["data"])
         content = capture.read_bytes()
         os.truncate(capture, 1 << 20)

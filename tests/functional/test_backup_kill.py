@@ -27,7 +27,6 @@ BOUNDARIES = (
     "Backup run finished",
 )
 OWN_LINES = 12 # a request to start a backup logs fewer, on a thread of its own
-SNAPSHOT = "/dev/tolvu0"
 SECONDS = 60
 KINDS = ({"full": True}, {}, {"merge": True})
 
@@ -79,8 +78,7 @@ def test_kill_at_boundaries(make_site, foreground, faults, volume, step):
 def test_kill_in_the_copy(make_site, foreground, faults):
     with make_site(ROOMY) as site:
         for kind in KINDS:
-            steps = site.steps_of_copy("read", SNAPSHOT, **kind)
-            with site.held("read", steps[len(steps) // 2], paths=[SNAPSHOT], **kind) as (backup, hold):
+            with site.in_copy(**kind) as (backup, hold):
                 assert "Finished execution of the Copy Chunk Ranges phase." not in backup.log
                 kill(site, hold)
             check_restart(site, foreground, faults, f"in the copy, {kind}")

@@ -1,13 +1,13 @@
 """The moment of the snapshot: what runs around it, what it needs room for, what keeps it from happening."""
 import dataclasses
 import os
-import pathlib
 
 import pytest
 
 from backup_site import EXT4, XFS, device_of, fill, root_of, write_script
 from lab.backups import capture_of
 from lab.commands import run
+from lab.daemon import SCRIPTS
 from lab.images import mounted
 
 MIB = 1 << 20
@@ -108,7 +108,7 @@ def test_script_that_is_not_there_fails_the_backup_before_any_snapshot(protectio
 def test_script_that_others_could_have_written_fails_the_backup(protection, volumes):
     check(protection, protection.run(full=True), "full")
     script = script_for(volumes, "open")
-    path = pathlib.Path("/etc/tolvu/bek/pps/open")
+    path = SCRIPTS / "open"
     path.chmod(0o777)
     backup = protection.run(volumes=protection.request(scripts=[script]))
     assert backup.state == "failed", backup.log

@@ -3,12 +3,10 @@ one connection that somebody on the way has forgotten."""
 import contextlib
 import time
 
+from fault_site import LITTLE, RETRYING
 from lab.commands import run
 
-SNAPSHOT = "/dev/tolvu0"
-READS = 5 # of the copy, before it is held
 PORT = 3260
-RETRYING = "Sleeping, reconnecting, and retrying."
 GIVEN_UP_SECONDS = 60 # by the connection, and by a command, that get no answer
 
 
@@ -37,19 +35,11 @@ def own_port(daemon):
     return int(line.split()[2].rpartition(":")[2])
 
 
-@contextlib.contextmanager
-def in_copy(site, **kind):
-    """A backup that has copied a little."""
-    number = site.steps_of_copy("read", SNAPSHOT, **kind)[READS]
-    with site.held("read", number, paths=[SNAPSHOT], **kind) as held:
-        yield held
-
-
 def test_network_away_for_a_moment(one_volume, faults):
     """Nothing but time is lost: what got lost is sent again."""
     site = one_volume
     for kind in ({"full": True}, {}, {"merge": True}):
-        with in_copy(site, **kind) as (backup, hold):
+        with site.in_copy(LITTLE, **kind) as (backup, hold):
             with cut(PORT, "drop"):
                 hold.release()
                 time.sleep(2) # this is how long the network is away
@@ -66,7 +56,7 @@ def test_network_refuses(one_volume, faults):
     """The connection is reset, and no other one is let through: the backup fails when the retries are used
     up."""
     site = one_volume
-    with in_copy(site, full=True) as (backup, hold):
+    with site.in_copy(LITTLE, full=True) as (backup, hold):
         with cut(PORT, "reject with tcp reset"):
             end_connections("dport", PORT)
             hold.release()
@@ -83,7 +73,7 @@ def test_network_resets_the_connection(one_volume, faults):
     """One reset connection costs a second."""
     site = one_volume
     for kind in ({"full": True}, {}):
-        with in_copy(site, **kind) as (backup, hold):
+        with site.in_copy(LITTLE, **kind) as (backup, hold):
             end_connections("dport", PORT)
             hold.release()
             backup.wait()
@@ -97,7 +87,7 @@ def test_network_resets_the_connection(one_volume, faults):
 def test_network_forgets_the_connection(one_volume, faults):
     """Whoever gets no answer gives the connection up after a minute. A new one gets through."""
     site = one_volume
-    with in_copy(site, full=True) as (backup, hold):
+    with site.in_copy(LITTLE, full=True) as (backup, hold):
         forgotten = own_port(site.daemon)
         with cut(forgotten, "drop"):
             begin = time.monotonic()

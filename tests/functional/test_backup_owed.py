@@ -1,12 +1,10 @@
 """What a backup that has failed owes stays owed, whatever kinds of backup fail after it."""
 import pytest
 
-from backup_site import EXT4, fill, root_of, write_script
+from backup_site import EXT4, VANISHING, fill, root_of, write_script
 
 VOLUMES = (EXT4,)
 NAME = EXT4.name
-# Gone when it is asked for again: the backup fails between its snapshot and its first write.
-VANISHING = "#!/bin/sh\nrm /etc/tolvu/bek/pps/vanishing\n"
 
 
 def fail_after_the_snapshot(protection, **kind):

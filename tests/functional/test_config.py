@@ -47,23 +47,18 @@ def write_config(content):
 
 @pytest.mark.parametrize("content", UNREADABLE.values(), ids=UNREADABLE.keys())
 @pytest.mark.parametrize("is_foreground", [True, False])
-def test_file_that_does_not_parse(run_to_end, content, is_foreground):
+def test_file_that_does_not_parse(fail_to_start, content, is_foreground):
     """The start fails with the name of the file, which stays as it is for its owner to mend."""
     write_config(content)
-    daemon = run_to_end(foreground=is_foreground)
-    daemon.expect_errors("Unhandled Exception reached the top of main: .+, application will now exit")
-    assert daemon.status == 2
-    assert len(daemon.errors.splitlines()) == 1
+    daemon = fail_to_start(foreground=is_foreground)
     assert str(CONFIG) in daemon.errors
     assert CONFIG.read_bytes() == content
 
 
-def test_directory_in_place_of_the_file(run_to_end):
+def test_directory_in_place_of_the_file(fail_to_start):
     """It isn't mistaken for a file that is missing, nor for one whose text is wrong."""
     CONFIG.mkdir(parents=True)
-    daemon = run_to_end()
-    daemon.expect_errors("Unhandled Exception reached the top of main: .+, application will now exit")
-    assert daemon.status == 2
+    daemon = fail_to_start()
     assert f'"{CONFIG}": it can\'t be read' in daemon.errors
 
 

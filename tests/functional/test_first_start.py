@@ -5,9 +5,8 @@ import stat
 import pytest
 
 from lab.appliance_client import Appliance
-from lab.certificates import Authority
-from lab.certservice import HOST, CertificateService, trust
-from lab.daemon import BASE, PID_FILE, READY_LINE
+from lab.certservice import HOST, CertificateService
+from lab.daemon import CERTIFICATES, PID_FILE, READY_LINE
 
 FILES = {"server.key": 0o600, "server.pem": 0o644, "ca.crt": 0o644}
 FAILURE = ("Could not find certificate files: server.key server.pem ca.crt; subsequently failed to create "
@@ -16,52 +15,38 @@ FAILURE = ("Could not find certificate files: server.key server.pem ca.crt; subs
 pytestmark = pytest.mark.bare_site
 
 
-@pytest.fixture(scope="module")
-def authority(tmp_path_factory):
-    """One that this machine trusts to vouch for servers."""
-    made = Authority(tmp_path_factory.mktemp("provisioning"))
-    trust(made)
-    return made
-
-
-@pytest.fixture(scope="module")
-def identity(authority):
-    """What the service shows."""
-    return authority.issue(HOST, more=("tls_www_server", "signing_key", f'dns_name = "{HOST}"'))
-
-
 def stored():
     """The agent's certificates."""
-    return {path.name: path.read_bytes() for path in (BASE / "certs").iterdir()}
+    return {path.name: path.read_bytes() for path in CERTIFICATES.iterdir()}
 
 
 def pair(authority, number):
     device = authority.device(number)
     with Appliance(certificate=device.certificate, key=device.key,
-                   authority=BASE / "certs/ca.crt") as appliance:
+                   authority=CERTIFICATES / "ca.crt") as appliance:
         assert appliance.pair(number).status == 200
         assert appliance.backups().content == {"active": [], "failed": [], "finished": []}
 
 
 @pytest.mark.parametrize("is_foreground", [True, False])
-def test_first_and_second_start(make_daemon, authority, identity, is_foreground):
+def test_first_and_second_start(make_daemon, service_authority, service_identity, is_foreground):
     """The service is asked once for each of the two certificates. An appliance trusts the agent by the one,
     and can pair; the second start needs no service."""
-    with CertificateService(authority, identity=identity) as service:
+    with CertificateService(service_authority, identity=service_identity) as service:
         daemon = make_daemon(foreground=is_foreground).wait_until_ready()
         assert [json.loads(body)["action"] for _, body in service.requests] == ["issueCert", "retrieveCaCert"]
     first = stored()
-    assert {name: stat.S_IMODE((BASE / "certs" / name).stat().st_mode) for name in first} == FILES
-    pair(authority, 1)
+    assert {name: stat.S_IMODE((CERTIFICATES / name).stat().st_mode) for name in first} == FILES
+    pair(service_authority, 1)
     assert daemon.stop() == 0
     again = make_daemon(foreground=is_foreground).wait_until_ready()
     assert stored() == first
-    pair(authority, 2)
+    pair(service_authority, 2)
     assert again.stop() == 0
 
 
 @pytest.mark.parametrize("is_foreground", [True, False])
-def test_service_down(run_to_end, authority, is_foreground):
+def test_service_down(run_to_end, service_authority, is_foreground):
     """No certificates, no agent: it ends before it goes into the background, and leaves no file of them."""
     daemon = run_to_end(foreground=is_foreground)
     daemon.expect_errors("Unhandled Exception reached the top of main: .*")
@@ -72,19 +57,19 @@ def test_service_down(run_to_end, authority, is_foreground):
     assert line.endswith(" | ERROR(CURL) : 7 (0x7), application will now exit")
     assert f"[ERROR:]    {FAILURE}{reason}" in daemon.log
     assert READY_LINE not in daemon.log
-    assert not (BASE / "certs").exists() or stored() == {}
+    assert not CERTIFICATES.exists() or stored() == {}
     assert not PID_FILE.exists()
 
 
-def test_service_that_refuses(run_to_end, make_daemon, authority, identity):
+def test_service_that_refuses(run_to_end, make_daemon, service_authority, service_identity):
     """What goes wrong at the first start is made good by the next one."""
-    with CertificateService(authority, identity=identity, fault="no-authority"):
+    with CertificateService(service_authority, identity=service_identity, fault="no-authority"):
         daemon = run_to_end()
     daemon.expect_errors("Unhandled Exception reached the top of main: .*")
     assert daemon.status == 2
     assert daemon.errors == (f"Unhandled Exception reached the top of main: {FAILURE}curl request "
                              "retrieveCaCert status: failed, application will now exit\n")
-    assert not (BASE / "certs").exists() or stored() == {}
-    with CertificateService(authority, identity=identity):
+    assert not CERTIFICATES.exists() or stored() == {}
+    with CertificateService(service_authority, identity=service_identity):
         make_daemon().wait_until_ready()
-    pair(authority, 1)
+    pair(service_authority, 1)

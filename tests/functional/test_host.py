@@ -6,18 +6,15 @@ import re
 import signal
 import socket
 import subprocess
-import sys
 
-ROOT = pathlib.Path(__file__).resolve().parents[2]
-sys.path.insert(0, str(ROOT))
-
-from lab.driver import STATUS, hide_driver  # noqa: E402
-from lab.services import wait_until  # noqa: E402
+from lab.appliance_client import DEVICE
+from lab.daemon import SCRIPTS
+from lab.driver import STATUS, hide_driver
+from lab.services import wait_until
 
 SECONDS = 30
-DEVICE, OTHER = 4711, 4712
+OTHER = DEVICE + 1
 TEXT, JSON = "text/plain", "application/json"
-SCRIPTS = pathlib.Path("/etc/tolvu/bek/pps")
 
 
 def os_version():

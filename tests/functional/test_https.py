@@ -12,26 +12,22 @@ import pathlib
 import struct
 import socket
 import subprocess
-import sys
 import tempfile
 import threading
 
 import pytest
 
-ROOT = pathlib.Path(__file__).resolve().parents[2]
-sys.path.insert(0, str(ROOT))
+from https_peers import NOISE, handshake, send_plain, wait_until_idle
+from lab import certificates
+from lab.appliance_client import DEVICE, PORT
+from lab.daemon import CERTIFICATES, program
+from lab.https_client import BASE_URL, Client
+from lab.services import wait_until
+from lab.usage import usage
 
-from lab import certificates  # noqa: E402
-from lab.https_client import BASE_URL, Client  # noqa: E402
-from lab.services import wait_until  # noqa: E402
-
-PROGRAM = ROOT / os.environ.get("BEKD_BUILD", "build/release") / "HttpsEcho"
-CERTIFICATES = pathlib.Path("/etc/tolvu/bek/certs")
+PROGRAM = program("HttpsEcho")
 SECONDS = 60
-DEVICE = 4711
 MIB = 1 << 20
-
-Usage = collections.namedtuple("Usage", "descriptors threads rss_kib")
 
 
 class EchoServer:
@@ -58,16 +54,10 @@ class EchoServer:
         self.process.stdin.flush()
 
     def usage(self):
-        status = pathlib.Path(f"/proc/{self.process.pid}/status").read_text(encoding="ascii")
-        fields = dict(line.split(":", 1) for line in status.splitlines())
-        return Usage(len(os.listdir(f"/proc/{self.process.pid}/fd")), int(fields["Threads"]),
-                     int(fields["VmRSS"].split()[0]))
+        return usage(self.process.pid)
 
     def wait_until_idle(self, idle):
-        """Waits until no connection is left; returns what the program then uses."""
-        wait_until(lambda: self.usage().descriptors <= idle.descriptors and
-                   self.usage().threads <= idle.threads, SECONDS, f"down to {idle}, still {self.usage()}")
-        return self.usage()
+        return wait_until_idle(self.process.pid, idle)
 
     def __exit__(self, *exception):
         self.process.stdin.close()
@@ -159,7 +149,7 @@ def test_real_client(site, server):
 
 
 def test_no_ipv6(site, server, client):
-    done = curl(site, "https://[::1]:25567/host")
+    done = curl(site, f"https://[::1]:{PORT}/host")
     assert done.returncode == 7 # as curl's manual says: it couldn't connect
     check_serves(client)
 
@@ -285,29 +275,19 @@ def test_exceptions_close_the_connection(server, client):
     check_serves(client)
 
 
-def handshake(site, priority):
-    """Whether GnuTLS's own client gets a connection with these priorities."""
-    done = subprocess.run(
-        ["gnutls-cli", "--no-ca-verification", f"--priority={priority}", "--port=25567",
-         f"--x509certfile={site.device.certificate}", f"--x509keyfile={site.device.key}", "127.0.0.1"],
-        stdin=subprocess.DEVNULL, capture_output=True, text=True, check=False, timeout=SECONDS)
-    assert "Connecting to '127.0.0.1:25567'" in done.stdout
-    return "Handshake was completed" in done.stdout
-
-
 def test_protocols_and_ciphers(site, server):
-    assert handshake(site, "NORMAL")
-    assert handshake(site, "NORMAL:-VERS-ALL:+VERS-TLS1.3")
-    assert handshake(site, "NORMAL:-VERS-ALL:+VERS-TLS1.2")
-    assert not handshake(site, "NORMAL:-VERS-ALL:+VERS-TLS1.0")
+    assert handshake(site.device, "NORMAL")
+    assert handshake(site.device, "NORMAL:-VERS-ALL:+VERS-TLS1.3")
+    assert handshake(site.device, "NORMAL:-VERS-ALL:+VERS-TLS1.2")
+    assert not handshake(site.device, "NORMAL:-VERS-ALL:+VERS-TLS1.0")
     for cipher in ("3DES-CBC", "NULL"):
-        assert not handshake(site, f"NORMAL:-VERS-ALL:+VERS-TLS1.2:-CIPHER-ALL:+{cipher}")
+        assert not handshake(site.device, f"NORMAL:-VERS-ALL:+VERS-TLS1.2:-CIPHER-ALL:+{cipher}")
 
 
 @pytest.mark.parametrize("renegotiates", [False, True])
 def test_certificate_cannot_change_on_a_connection(site, server, client, renegotiates):
     """What has come on a connection is from one device: a second handshake ends it."""
-    program = ["openssl", "s_client", "-tls1_2", "-quiet", "-connect", "127.0.0.1:25567",
+    program = ["openssl", "s_client", "-tls1_2", "-quiet", "-connect", f"127.0.0.1:{PORT}",
                "-CAfile", site.authority.certificate, "-cert", site.device.certificate,
                "-key", site.device.key]
     if renegotiates:
@@ -322,14 +302,8 @@ def test_certificate_cannot_change_on_a_connection(site, server, client, renegot
 
 
 def test_plain_http_and_noise(client):
-    for noise in (b"GET / HTTP/1.1\r\n\r\n", bytes(range(256)) * 64, b"\x16\x03\x01\xff\xff", b""):
-        with socket.create_connection(client.address, SECONDS) as plain:
-            with contextlib.suppress(OSError): # the server may have closed before it has read everything
-                plain.sendall(noise)
-                plain.shutdown(socket.SHUT_WR)
-            with contextlib.suppress(ConnectionError):
-                while plain.recv(4096):
-                    pass
+    for noise in NOISE:
+        send_plain(client.address, noise)
     check_serves(client)
 
 

@@ -7,23 +7,18 @@ import contextlib
 import errno
 import json
 import os
-import pathlib
 import random
 import select
 import socket
 import subprocess
-import sys
 import tempfile
 import time
 
 import pytest
 
-ROOT = pathlib.Path(__file__).resolve().parents[2]
-sys.path.insert(0, str(ROOT))
-
-from lab.daemon import program  # noqa: E402
-from lab.services import wait_until  # noqa: E402
-from lab.targets import ADDRESS, Target  # noqa: E402
+from lab.daemon import program
+from lab.services import wait_until
+from lab.targets import ADDRESS, Target
 
 SECONDS = 60
 SIZE = 4 << 20

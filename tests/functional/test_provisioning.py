@@ -4,44 +4,25 @@ A small program does what the agent does on its start; it reaches the service un
 """
 import http.client
 import json
-import os
-import pathlib
 import shutil
 import socket
 import ssl
 import stat
 import subprocess
-import sys
 import time
 
 import pytest
 
-ROOT = pathlib.Path(__file__).resolve().parents[2]
-sys.path.insert(0, str(ROOT))
+from lab.certificates import DAY, Authority
+from lab.certservice import HOST, CertificateService, require_private_etc
+from lab.commands import run
+from lab.daemon import CERTIFICATES, program
 
-from lab.certificates import DAY, Authority  # noqa: E402
-from lab.certservice import HOST, CertificateService, require_private_etc, trust  # noqa: E402
-
-PROGRAM = ROOT / os.environ.get("BEKD_BUILD", "build/release") / "Provision"
-CERTIFICATES = pathlib.Path("/etc/tolvu/bek/certs")
+PROGRAM = program("Provision")
 FILES = ("server.key", "server.pem", "ca.crt")
 SECONDS = 60
 MISSING_ALL = ("Could not find certificate files: server.key server.pem ca.crt; subsequently failed to "
                "create them with error message: ")
-
-
-@pytest.fixture(scope="module")
-def authority(tmp_path_factory):
-    """The lab's authority, trusted by this machine as one that vouches for servers."""
-    made = Authority(tmp_path_factory.mktemp("authority"))
-    trust(made)
-    return made
-
-
-@pytest.fixture(scope="module")
-def identity(authority):
-    """What the service shows, made once."""
-    return authority.issue(HOST, more=("tls_www_server", "signing_key", f'dns_name = "{HOST}"'))
 
 
 @pytest.fixture(autouse=True)
@@ -65,17 +46,12 @@ def failure(milliseconds=20000):
     return lines[-1]
 
 
-def tool(*command):
-    return subprocess.run([str(part) for part in command], capture_output=True, text=True, check=True,
-                          timeout=SECONDS).stdout
-
-
 def files():
     return sorted(path.name for path in CERTIFICATES.iterdir()) if CERTIFICATES.exists() else []
 
 
-def test_first_start(authority, identity):
-    with CertificateService(authority, identity=identity) as service:
+def test_first_start(service_authority, service_identity):
+    with CertificateService(service_authority, identity=service_identity) as service:
         done = provision()
     assert (done.returncode, done.stderr) == (0, "")
     assert files() == sorted(FILES)
@@ -84,18 +60,18 @@ def test_first_start(authority, identity):
     assert modes == [0o600, 0o644, 0o644]
 
     key, certificate, ca = (CERTIFICATES / name for name in FILES)
-    assert tool("openssl", "pkey", "-in", key, "-pubout") == tool("openssl", "x509", "-in", certificate,
-                                                                  "-noout", "-pubkey")
-    assert tool("openssl", "verify", "-CAfile", ca, certificate) == f"{certificate}: OK\n"
-    assert ca.read_bytes() == authority.certificate.read_bytes()
-    subject = tool("openssl", "x509", "-in", certificate, "-noout", "-subject", "-nameopt", "RFC2253")
+    assert run("openssl", "pkey", "-in", key, "-pubout") == run("openssl", "x509", "-in", certificate,
+                                                                "-noout", "-pubkey")
+    assert run("openssl", "verify", "-CAfile", ca, certificate) == f"{certificate}: OK"
+    assert ca.read_bytes() == service_authority.certificate.read_bytes()
+    subject = run("openssl", "x509", "-in", certificate, "-noout", "-subject", "-nameopt", "RFC2253")
     assert subject == (f"subject=CN={socket.gethostname()},OU=Device-Agent CA,O=Tolvu,L=Brellin,ST=Ostavia,"
-                       "C=US\n")
+                       "C=US")
     assert [json.loads(body)["action"] for _, body in service.requests] == ["issueCert", "retrieveCaCert"]
 
 
-def test_what_is_sent(authority, identity, tmp_path):
-    with CertificateService(authority, identity=identity) as service:
+def test_what_is_sent(service_authority, service_identity, tmp_path):
+    with CertificateService(service_authority, identity=service_identity) as service:
         assert provision().returncode == 0
     for headers, body in service.requests:
         assert headers["Content-Type"] == "application/json"
@@ -108,14 +84,14 @@ def test_what_is_sent(authority, identity, tmp_path):
     assert issue.keys() == {"caId", "caVersion", "action", "key", "certificateRequest"}
     assert issue["key"] == "lab-service-key"
     (tmp_path / "request").write_text(issue["certificateRequest"])
-    shown = tool("certtool", "--crq-info", "--infile", tmp_path / "request")
+    shown = run("certtool", "--crq-info", "--infile", tmp_path / "request")
     assert "Version: 1\n" in shown
     assert "Subject Public Key Algorithm: RSA\n" in shown and "(2048 bits)" in shown
     assert "Self signature: verified" in shown
 
 
-def test_second_start_asks_nobody(authority, identity):
-    with CertificateService(authority, identity=identity):
+def test_second_start_asks_nobody(service_authority, service_identity):
+    with CertificateService(service_authority, identity=service_identity):
         first = provision()
     second = provision()
     assert (second.returncode, second.stderr) == (0, "")
@@ -123,19 +99,19 @@ def test_second_start_asks_nobody(authority, identity):
 
 
 @pytest.mark.parametrize("lost", FILES)
-def test_a_lost_file_has_all_made_anew(authority, identity, lost):
-    with CertificateService(authority, identity=identity) as service:
+def test_a_lost_file_has_all_made_anew(service_authority, service_identity, lost):
+    with CertificateService(service_authority, identity=service_identity) as service:
         before = provision().stdout
         (CERTIFICATES / lost).unlink()
         after = provision()
         assert len(service.requests) == 4
     assert after.returncode == 0
     assert after.stdout != before
-    assert tool("openssl", "pkey", "-in", CERTIFICATES / "server.key", "-pubout") == tool(
+    assert run("openssl", "pkey", "-in", CERTIFICATES / "server.key", "-pubout") == run(
         "openssl", "x509", "-in", CERTIFICATES / "server.pem", "-noout", "-pubkey")
 
 
-def test_service_down(authority):
+def test_service_down(service_authority):
     text = failure()
     assert text.startswith(MISSING_ALL + f"curl request issueCert to https://{HOST}/certApi.php failed (")
     assert text.endswith(" | ERROR(CURL) : 7 (0x7)")
@@ -143,9 +119,9 @@ def test_service_down(authority):
 
 
 @pytest.mark.parametrize("fault", ["slow", "trickle"])
-def test_service_that_never_comes_to_an_end(authority, identity, fault):
+def test_service_that_never_comes_to_an_end(service_authority, service_identity, fault):
     began = time.monotonic()
-    with CertificateService(authority, identity=identity, fault=fault):
+    with CertificateService(service_authority, identity=service_identity, fault=fault):
         text = failure(milliseconds=2000)
     assert 2 <= time.monotonic() - began < 20
     assert text.startswith(MISSING_ALL + "curl request issueCert to ")
@@ -153,7 +129,7 @@ def test_service_that_never_comes_to_an_end(authority, identity, fault):
     assert files() == []
 
 
-def test_service_that_takes_connections_only(authority):
+def test_service_that_takes_connections_only(service_authority):
     with socket.create_server(("127.0.0.1", 443)):
         text = failure(milliseconds=2000)
     assert text.endswith(" | ERROR(CURL) : 28 (0x1c)")
@@ -173,14 +149,14 @@ def test_service_that_takes_connections_only(authority):
     ("huge", "curl request issueCert response is larger than 1048576 bytes"),
     ("redirect", "curl request issueCert response incorrectly formatted"),
 ])
-def test_useless_answer(authority, identity, fault, reason):
-    with CertificateService(authority, identity=identity, fault=fault) as service:
+def test_useless_answer(service_authority, service_identity, fault, reason):
+    with CertificateService(service_authority, identity=service_identity, fault=fault) as service:
         assert failure() == MISSING_ALL + reason
         assert len(service.requests) == (2 if fault == "no-authority" else 1)
     assert files() == []
 
 
-def test_authority_that_nobody_trusts(authority, tmp_path):
+def test_authority_that_nobody_trusts(service_authority, tmp_path):
     stranger = Authority(tmp_path / "stranger", "Another CA")
     with CertificateService(stranger) as service:
         text = failure()
@@ -190,27 +166,28 @@ def test_authority_that_nobody_trusts(authority, tmp_path):
     assert files() == []
 
 
-def test_trusted_certificate_of_another_host(authority):
-    elsewhere = authority.issue("elsewhere", more=("tls_www_server", 'dns_name = "elsewhere.example"'))
-    with CertificateService(authority, identity=elsewhere) as service:
+def test_trusted_certificate_of_another_host(service_authority):
+    elsewhere = service_authority.issue("elsewhere",
+                                        more=("tls_www_server", 'dns_name = "elsewhere.example"'))
+    with CertificateService(service_authority, identity=elsewhere) as service:
         text = failure()
         assert service.requests == []
     assert text.endswith(" | ERROR(CURL) : 60 (0x3c)")
 
 
-def test_expired_service_certificate(authority):
-    expired = authority.issue(HOST, starts=-30 * DAY, ends=-DAY, more=("tls_www_server",
+def test_expired_service_certificate(service_authority):
+    expired = service_authority.issue(HOST, starts=-30 * DAY, ends=-DAY, more=("tls_www_server",
                                                                        f'dns_name = "{HOST}"'))
-    with CertificateService(authority, identity=expired) as service:
+    with CertificateService(service_authority, identity=expired) as service:
         text = failure()
         assert service.requests == []
     assert text.endswith(" | ERROR(CURL) : 60 (0x3c)")
 
 
 @pytest.mark.filterwarnings("ignore:ssl.TLSVersion")
-def test_old_tls(authority, identity):
+def test_old_tls(service_authority, service_identity):
     """A server that speaks nothing newer than TLS 1.1 is refused by the client."""
-    service = CertificateService(authority, identity=identity)
+    service = CertificateService(service_authority, identity=service_identity)
     service.context.set_ciphers("ALL:@SECLEVEL=0")
     service.context.minimum_version = ssl.TLSVersion.TLSv1
     service.context.maximum_version = ssl.TLSVersion.TLSv1_1
@@ -220,43 +197,43 @@ def test_old_tls(authority, identity):
     assert text.endswith(" | ERROR(CURL) : 35 (0x23)")
 
 
-def test_proxy_of_the_environment_is_ignored(authority, identity, monkeypatch):
+def test_proxy_of_the_environment_is_ignored(service_authority, service_identity, monkeypatch):
     monkeypatch.setenv("https_proxy", "http://127.0.0.1:1")
-    with CertificateService(authority, identity=identity):
+    with CertificateService(service_authority, identity=service_identity):
         assert provision().returncode == 0
 
 
-def test_directory_that_cannot_be_written(authority, identity):
+def test_directory_that_cannot_be_written(service_authority, service_identity):
     CERTIFICATES.mkdir(parents=True)
-    tool("mount", "-t", "tmpfs", "-o", "ro", "tmpfs", CERTIFICATES)
+    run("mount", "-t", "tmpfs", "-o", "ro", "tmpfs", CERTIFICATES)
     try:
-        with CertificateService(authority, identity=identity):
+        with CertificateService(service_authority, identity=service_identity):
             done = provision()
         assert done.returncode == 1
         assert done.stderr.splitlines()[-1] == MISSING_ALL + "could not open file server.key for writing"
         assert "Read-only file system" in done.stderr
         assert files() == []
     finally:
-        tool("umount", CERTIFICATES)
+        run("umount", CERTIFICATES)
 
 
-def test_full_disk_leaves_no_half_written_file(authority, identity):
+def test_full_disk_leaves_no_half_written_file(service_authority, service_identity):
     CERTIFICATES.mkdir(parents=True)
-    tool("mount", "-t", "tmpfs", "-o", "size=4k", "tmpfs", CERTIFICATES)  # room for the key alone
+    run("mount", "-t", "tmpfs", "-o", "size=4k", "tmpfs", CERTIFICATES)  # room for the key alone
     try:
-        with CertificateService(authority, identity=identity):
+        with CertificateService(service_authority, identity=service_identity):
             text = failure()
         assert text == MISSING_ALL + "could not open file server.pem for writing"
         assert files() == ["server.key"]
     finally:
-        tool("umount", CERTIFICATES)
-    with CertificateService(authority, identity=identity):
+        run("umount", CERTIFICATES)
+    with CertificateService(service_authority, identity=service_identity):
         assert provision().returncode == 0
     assert files() == sorted(FILES)
 
 
-def test_service_of_the_lab_refuses_strangers(authority, identity):
-    service = CertificateService(authority, identity=identity)
+def test_service_of_the_lab_refuses_strangers(service_authority, service_identity):
+    service = CertificateService(service_authority, identity=service_identity)
     request = {"caId": "bek", "caVersion": 1, "action": "issueCert", "certificateRequest": ""}
     for change in ({}, {"key": "guessed"}, {"key": "lab-service-key", "certificateRequest": "none"},
                    {"caId": "other"}, {"action": "revoke", "key": "lab-service-key"}):
@@ -265,9 +242,9 @@ def test_service_of_the_lab_refuses_strangers(authority, identity):
         assert service.reply(text)["status"] == "failed"
 
 
-def test_service_of_the_lab_knows_one_path(authority, identity):
-    with CertificateService(authority, identity=identity):
-        context = ssl.create_default_context(cafile=authority.certificate)
+def test_service_of_the_lab_knows_one_path(service_authority, service_identity):
+    with CertificateService(service_authority, identity=service_identity):
+        context = ssl.create_default_context(cafile=service_authority.certificate)
         connection = http.client.HTTPSConnection(HOST, context=context, timeout=SECONDS)
         connection.request("PUT", "/other", body="{}")
         assert connection.getresponse().status == 404

@@ -13,12 +13,10 @@ import sys
 
 import pytest
 
+from lab import volumes
+from lab.services import wait_until
+
 ROOT = pathlib.Path(__file__).resolve().parents[2]
-sys.path.insert(0, str(ROOT))
-
-from lab import volumes  # noqa: E402
-from lab.services import wait_until  # noqa: E402
-
 SECONDS = 60
 SERVICES = ("dbus-daemon", "systemd-logind", "systemd-udevd", "ntfs-3g", "udisksd")
 NOT_UP = (3, "the site is not up\n")

@@ -4,19 +4,15 @@ A small program holds the lock until its standard input closes; the login manage
 the machine awake.
 """
 import os
-import pathlib
 import re
 import subprocess
-import sys
 
 import pytest
 
-ROOT = pathlib.Path(__file__).resolve().parents[2]
-sys.path.insert(0, str(ROOT))
+from lab.daemon import program
+from lab.services import LoginManager, SystemBus, wait_until
 
-from lab.services import LoginManager, SystemBus, wait_until  # noqa: E402
-
-HOLDER = ROOT / os.environ.get("BEKD_BUILD", "build/release") / "SleepLockHolder"
+HOLDER = program("SleepLockHolder")
 ROW = re.compile(r"^Tolvu Backup Agent\s+0\s+root\s+(\d+)\s+\S+\s+(\S+)\s+Backup running\s+block$",
                  re.MULTILINE)
 SECONDS = 20

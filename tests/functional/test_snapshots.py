@@ -8,7 +8,7 @@ import subprocess
 
 import pytest
 
-from change_records import UNIT, Moment, differing_units, marked_units
+from change_records import UNIT, differing_units, marked_since
 from lab import driver
 from lab.daemon import BASE, program
 from lab.driver import STORE
@@ -62,10 +62,6 @@ def fail_session(site, incremental=True, trace=()):
         return str(caught.value), session.log
 
 
-def marked_since(before, after, file_system, closed=".tolvu"):
-    return marked_units(Moment(before, file_system), Moment(after, file_system), closed)
-
-
 def recover(site, incremental):
     """What the next backups do after one that was killed: at most one of them fails."""
     for _ in range(2):
@@ -115,7 +111,7 @@ def test_record_marks_exactly_what_has_changed(lab_site, tmp_path):
     have come into use, no other."""
     with lab_site.session(incremental=False) as session:
         facts = session.start()
-        captures = {name: keep(facts[name], tmp_path / name) for name in BOTH}
+        captures = {name: keep(facts[name]["snapshotPath"], tmp_path / name) for name in BOTH}
         session.end("success")
     for name in BOTH:
         fill_tree(lab_site.mount_point(name), seed=3)
@@ -125,7 +121,7 @@ def test_record_marks_exactly_what_has_changed(lab_site, tmp_path):
             assert facts[name]["incrementalPreserved"] is True
             assert facts[name]["fileName"] == str(lab_site.mount_point(name) / ".tolvu")
             assert facts[name]["bitmapOffset"] == UNIT
-            after = keep(facts[name], tmp_path / f"{name} after")
+            after = keep(facts[name]["snapshotPath"], tmp_path / f"{name} after")
             marked, count = read_record(facts[name]["fileName"], after.stat().st_size // UNIT)
             assert marked == marked_since(captures[name], after, lab_site[name].volume.file_system)
             assert count == len(marked) > len(set(differing_units(captures[name], after))) > 100
@@ -144,7 +140,7 @@ def test_failed_backup_is_made_good_by_the_next(small_site, tmp_path):
     for outcome in ("success", "failure", "failure", "success", "success"):
         with small_site.session(incremental=bool(captures)) as session:
             facts = session.start()["data"]
-            captures.append(keep(facts, tmp_path / f"capture {len(captures)}"))
+            captures.append(keep(facts["snapshotPath"], tmp_path / f"capture {len(captures)}"))
             marks, count = read_record(facts["fileName"], captures[0].stat().st_size // UNIT)
             marked.append(marks)
             counts.append(count)
@@ -181,7 +177,7 @@ def test_tracking_outlives_a_restart(lab_site, tmp_path):
     has changed meanwhile."""
     with lab_site.session(incremental=False) as session:
         facts = session.start()
-        captures = {name: keep(facts[name], tmp_path / name) for name in BOTH}
+        captures = {name: keep(facts[name]["snapshotPath"], tmp_path / name) for name in BOTH}
         session.end("success")
     scripts = sorted(BASE.glob("reload_*"))
     assert [path.name for path in scripts] == ["reload_0", "reload_1"]
@@ -197,7 +193,7 @@ def test_tracking_outlives_a_restart(lab_site, tmp_path):
         facts = session.start()
         for name in BOTH:
             assert facts[name]["incrementalPreserved"] is True
-            after = keep(facts[name], tmp_path / f"{name} after")
+            after = keep(facts[name]["snapshotPath"], tmp_path / f"{name} after")
             marked, _ = read_record(facts[name]["fileName"], after.stat().st_size // UNIT)
             assert marked == marked_since(captures[name], after, lab_site[name].volume.file_system)
         session.end("success")

@@ -21,12 +21,6 @@ ROOT = pathlib.Path(__file__).resolve().parents[2]
 USER, PASSWORD = "appliance", "a long secret"
 
 
-@pytest.fixture
-def target():
-    with Target() as running:
-        yield running
-
-
 def tgtd_processes():
     """Those of this namespace that have not ended."""
     found = set()

@@ -4,15 +4,12 @@ import pathlib
 import shutil
 import signal
 import subprocess
-import sys
 
 import pytest
 
+from lab.services import wait_until
+
 ROOT = pathlib.Path(__file__).resolve().parents[2]
-sys.path.insert(0, str(ROOT))
-
-from lab.services import wait_until  # noqa: E402
-
 SECONDS = 60
 MIRRORS = """\
 {own} deb http://mirror.example/debian/ {own} main

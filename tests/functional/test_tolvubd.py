@@ -2,7 +2,6 @@
 import concurrent.futures
 import contextlib
 import errno
-import hashlib
 import os
 import pathlib
 import random
@@ -12,16 +11,17 @@ import uuid
 
 import pytest
 
-from change_records import Moment, differing_units, marked_units
+from change_records import differing_units, marked_since
 from lab import driver, mounts
 from lab.commands import run
 from lab.driver import STATUS, STORE, forget_devices, info, nodes
 from lab.filesystems import kind_of
-from lab.images import fsck
+from lab.images import fsck, tree_hashes
 from lab.loops import make_node
 from lab.volumes import SECTORS
-from tolvubd_site import (Cow, SNAPSHOT, TRACKING, Volume, call, cow_files, detach_captures, expect_loops,
-                          loops, must, states, stored, tolvuctl)
+from snapshot_site import keep
+from tolvubd_site import (Cow, SNAPSHOT, TRACKING, Volume, call, cow_files, expect_loops,
+                          loops, must, started_driver, states, stored, tolvuctl)
 
 ROOT = pathlib.Path(__file__).parents[2]
 NODE = pathlib.Path("/dev/tolvu0")
@@ -30,16 +30,10 @@ NODE = pathlib.Path("/dev/tolvu0")
 @pytest.fixture(autouse=True)
 def fresh_driver(site):
     """A driver without devices; afterwards nothing may be left of it outside of the volume."""
-    shutil.rmtree(STATUS, ignore_errors=True)
-    must("start")
-    try:
+    with started_driver():
         yield
         forget_devices()
         assert tolvuctl("cleanup").returncode == 0
-        assert (nodes(), stored()) == ([], [])
-        expect_loops(0)
-    finally:
-        detach_captures()
 
 
 def small(filesystem):
@@ -87,21 +81,6 @@ def mounted(node, filesystem):
     return mounts.mounted(node, "/run/snapshot", kind_of(filesystem).look)
 
 
-def hashes(directory):
-    return {str(path.relative_to(directory)): hashlib.sha256(path.read_bytes()).hexdigest()
-            for path in directory.rglob("*") if path.is_file() and not path.name.startswith(".tolvu")}
-
-
-def keep(node, path):
-    """A copy of a snapshot."""
-    run("cp", "--sparse=always", node, path)
-    return path
-
-
-def marked_since(before, after, filesystem, closed=".tolvu"):
-    return marked_units(Moment(before, filesystem), Moment(after, filesystem), closed)
-
-
 def write_tree(volume, seed):
     source = random.Random(seed)
     for number in range(20):
@@ -113,13 +92,13 @@ def write_tree(volume, seed):
 def test_snapshot_shows_the_volume_as_it_was(any_volume, tmp_path):
     """Every file as it was, nothing of what came after, on a clean file system that nobody can change."""
     write_tree(any_volume, 1)
-    before = hashes(any_volume.mount_point)
+    before = tree_hashes(any_volume.mount_point)
     take_snapshot(any_volume)
     write_tree(any_volume, 2)
     (any_volume.mount_point / "later").write_text("later")
 
     with mounted(NODE, any_volume.filesystem) as target:
-        assert hashes(target) == before
+        assert tree_hashes(target) == before
         assert (target / ".tolvu").stat().st_size == 4 << 20
     fsck(keep(NODE, tmp_path / "copy"), any_volume.filesystem)
     assert run("blockdev", "--getro", NODE) == "1"

@@ -12,14 +12,14 @@ import time
 
 import pytest
 
-from lab.commands import run
+from lab.daemon import program
 from lab.driver import STATUS, forget_devices, nodes, stored_state
-from tolvubd_site import (SNAPSHOT, TRACKING, Volume, call, cow_files, detach_captures, expect_loops, must,
-                          states, stored, tolvuctl, tool)
+from snapshot_site import check_writable
+from tolvubd_site import (SNAPSHOT, TRACKING, Volume, call, cow_files, expect_loops, must,
+                          started_driver, states, stored, tolvuctl)
 
 TRACE = pathlib.Path("/tmp/tolvubd.trace")
 SECTORS = 16 * 2048
-LONGEST_FREEZE_AFTER_DEATH = 1.0
 
 # What an operation asks of the kernel once it has the lock, and how that may go wrong.
 FAULTS = {
@@ -84,16 +84,9 @@ OPERATIONS = {operation.function: operation for operation in (
 
 @pytest.fixture
 def volume(site):
-    shutil.rmtree(STATUS, ignore_errors=True)
-    must("start")
-    with Volume("volume", "ext4", SECTORS) as made:
-        try:
-            yield made
-            forget_everything(made)
-            assert (nodes(), stored()) == ([], [])
-            expect_loops(0)
-        finally:
-            detach_captures()
+    with Volume("volume", "ext4", SECTORS) as made, started_driver():
+        yield made
+        forget_everything(made)
 
 
 def forget_everything(volume):
@@ -129,18 +122,6 @@ def injected(name, what):
     return ["strace", "-o", TRACE, "-e", f"trace={name}", "-e", f"inject={name}:{what}"]
 
 
-def check_writable(volume):
-    """Within the time promised; a volume that isn't is thawed, so that the tests can go on."""
-    writer = subprocess.Popen(["dd", "if=/dev/zero", f"of={volume.mount_point}/alive", "bs=4096", "count=1",
-                               "conv=fsync"], stderr=subprocess.DEVNULL)
-    try:
-        assert writer.wait(LONGEST_FREEZE_AFTER_DEATH) == 0
-    except subprocess.TimeoutExpired:
-        run("fsfreeze", "--unfreeze", volume.mount_point)
-        writer.wait()
-        raise
-
-
 def asleep():
     return stored_state()["asleep"]
 
@@ -169,7 +150,7 @@ def test_kill_at_each_step(volume, name):
         where = f"{call_name} {number}"
         result = operation.run(volume, injected(call_name, f"signal=KILL:when={number}"))
         assert result.signal == signal.SIGKILL, where
-        check_writable(volume)
+        check_writable(volume.mount_point)
         must("start")
         if check_whole(volume, operation, where) == operation.before:
             assert operation.run(volume), where
@@ -183,7 +164,7 @@ def check_failure(volume, operation, error, call_name, when):
     where = f"{call_name} {when}"
     result = operation.run(volume, injected(call_name, f"error={error}:when={when}"))
     assert result.signal == 0, where
-    check_writable(volume)
+    check_writable(volume.mount_point)
     must("start")
     state = check_whole(volume, operation, where)
     if result:
@@ -215,7 +196,7 @@ def test_failure_at_each_step(volume, name):
 def test_volume_is_thawed_when_nothing_goes_on(volume):
     """Also while the process lives: what it waits for may be behind the frozen volume."""
     process = subprocess.Popen(
-        [*injected("sendto", "delay_enter=12000000:when=1"), tool("TolvubdCall"), "setup_snapshot", "0",
+        [*injected("sendto", "delay_enter=12000000:when=1"), program("TolvubdCall"), "setup_snapshot", "0",
          str(volume.device), str(volume.cow), "1"], stdout=subprocess.PIPE, text=True)
     wait_until_frozen(volume)
     subprocess.run(["dd", "if=/dev/zero", f"of={volume.mount_point}/alive", "bs=1", "count=1", "conv=fsync"],
@@ -228,13 +209,13 @@ def test_volume_is_thawed_when_nothing_goes_on(volume):
 def test_kill_of_the_process_group_thaws(volume):
     """The guard isn't in it."""
     process = subprocess.Popen(
-        [*injected("sendto", "delay_enter=60000000"), tool("TolvubdCall"), "setup_snapshot", "0",
+        [*injected("sendto", "delay_enter=60000000"), program("TolvubdCall"), "setup_snapshot", "0",
          str(volume.device), str(volume.cow), "1"], start_new_session=True)
     with contextlib.ExitStack() as stack:
         stack.callback(process.wait)
         stack.callback(os.killpg, process.pid, signal.SIGKILL)
         wait_until_frozen(volume)
-    check_writable(volume)
+    check_writable(volume.mount_point)
     must("start")
     assert (states(), nodes(), stored(), cow_files(volume)) == ({}, [], [], [])
     expect_loops(0)

@@ -2,7 +2,6 @@
 
 Each test adds its line to a matrix, which ends up beside the programs as usedmap-matrix.txt.
 """
-import hashlib
 import json
 import os
 import shutil
@@ -12,6 +11,7 @@ import pytest
 
 from lab import xfs
 from lab.commands import run
+from lab.images import tree_hashes
 from lab.volume_images import age, fill, frozen, make_image, mounted, riddle
 from used_maps import BUILD, TOOL, Comparison, refused
 
@@ -236,11 +236,6 @@ def poison_free_blocks(image, used, block_size):
                 file.write(b"\xa7" * block_size)
 
 
-def contents(directory):
-    return {str(path.relative_to(directory)): hashlib.sha256(path.read_bytes()).hexdigest()
-            for path in sorted(directory.rglob("*")) if path.is_file()}
-
-
 @pytest.mark.parametrize("kind", ["ext2 1K", "ext4 4K", "ext4 1K without flex_bg",
                                   "ext4 1K uninit_bg without flex_bg"])
 def test_ext_lives_without_its_free_blocks(kind, tmp_path):
@@ -249,12 +244,12 @@ def test_ext_lives_without_its_free_blocks(kind, tmp_path):
     image = make_kind(tmp_path / "image", kind)
     with mounted(image, tmp_path / "mnt") as (_, directory):
         age(directory, 150)
-        before = contents(directory)
+        before = tree_hashes(directory)
     found = Comparison(image, "ext4")
     poison_free_blocks(image, found.used, found.truth.block_size)
     run("e2fsck", "-fn", image)
     with mounted(image, tmp_path / "mnt") as (_, directory):
-        assert contents(directory) == before
+        assert tree_hashes(directory) == before
         age(directory, 150, seed=2)  # reaches into the groups that were never used
     run("e2fsck", "-fn", image)
 

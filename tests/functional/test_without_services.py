@@ -1,11 +1,6 @@
 """The daemon on a machine without a message bus, and so without udisks2."""
-import pathlib
-import sys
 
-ROOT = pathlib.Path(__file__).resolve().parents[2]
-sys.path.insert(0, str(ROOT))
-
-from lab.appliance_client import volume  # noqa: E402
+from lab.appliance_client import volume
 
 NO_BUS = "Cannot initialize udisks client: Could not connect: No such file or directory"
 DISK = "0f1e2d3c-0000-4000-8000-000000000001"

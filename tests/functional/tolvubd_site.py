@@ -60,10 +60,6 @@ class Volume(Stay):
             os.fsync(file.fileno())
 
 
-def tool(name):
-    return str(pathlib.Path(program()).parent / name)
-
-
 class Result:
     """What a call of the library came to."""
 
@@ -78,7 +74,7 @@ class Result:
 
 def call(function, *arguments, wrapper=()):
     """Calls the library in a process of its own, under a wrapper if one is given."""
-    done = subprocess.run([*wrapper, tool("TolvubdCall"), function, *map(str, arguments)],
+    done = subprocess.run([*wrapper, program("TolvubdCall"), function, *map(str, arguments)],
                           capture_output=True, text=True, check=False, timeout=60)
     return Result(done)
 
@@ -89,7 +85,7 @@ def must(function, *arguments):
 
 
 def tolvuctl(*arguments):
-    return subprocess.run([tool("tolvuctl"), *map(str, arguments)], capture_output=True, text=True,
+    return subprocess.run([program("tolvuctl"), *map(str, arguments)], capture_output=True, text=True,
                           check=False, timeout=60)
 
 
@@ -130,6 +126,19 @@ def detach_captures():
     """For after a test that has failed: the machine's loop devices outlive the test's own files."""
     for loop in attached():
         run("losetup", "-d", loop)
+
+
+@contextlib.contextmanager
+def started_driver():
+    """A driver without devices; in the end, nothing may be left of it outside of the volumes."""
+    driver.hide_driver()
+    must("start")
+    try:
+        yield
+        assert (driver.nodes(), stored()) == ([], [])
+        expect_loops(0)
+    finally:
+        detach_captures()
 
 
 def cow_files(volume):

@@ -1,14 +1,12 @@
 """The used blocks that the parsers find, by bek-usedmap, beside what the file systems' own tools say."""
 import json
-import os
-import pathlib
 import subprocess
 
 from lab.commands import run
+from lab.daemon import program
 from lab.filesystems import kind_of
 
-ROOT = pathlib.Path(__file__).resolve().parents[2]
-BUILD = ROOT / os.environ.get("BEKD_BUILD", "build/release")
+BUILD = program().parent
 TOOL = BUILD / "bek-usedmap"
 
 

@@ -1,0 +1,32 @@
+"""An agent's machine that is new but for its certificates, and appliances that its agent trusts.
+
+    with new_machine() as authority, Daemon() as daemon, appliance_of(authority) as appliance:
+        appliance.pair(DEVICE)
+
+Inside lab/namespace only.
+"""
+import contextlib
+import shutil
+import tempfile
+
+from lab.appliance_client import DEVICE, Appliance
+from lab.certificates import Authority, install
+from lab.daemon import BASE, CERTIFICATES
+
+
+@contextlib.contextmanager
+def new_machine(**keys):
+    """Removes every trace of the agent, and gives it certificates; yields their authority. `keys` are the
+    types of keys, as the authority takes them."""
+    shutil.rmtree(BASE, ignore_errors=True)
+    with tempfile.TemporaryDirectory() as directory:
+        authority = Authority(directory, **keys)
+        install(authority.agent(), authority, CERTIFICATES)
+        yield authority
+
+
+def appliance_of(authority, identity=None, **options):
+    """The client of an appliance, of the one with the usual number if no identity is given."""
+    identity = identity or authority.device(DEVICE)
+    return Appliance(certificate=identity.certificate, key=identity.key, authority=authority.certificate,
+                     **options)
