@@ -16,8 +16,7 @@ from lab.driver import hide_driver, show_driver, show_status
 from lab.https_client import Client
 from lab.machine import new_machine
 from lab.services import wait_until
-from lab.site import Site
-from lab.volumes import Volume
+from lab.site import DATA, SWAP, Site
 
 DOCUMENT = ROOT / "docs" / "api.md"
 STRANGER = 815
@@ -43,7 +42,7 @@ VOLATILE = (
     (r'("device": "/dev/)loop\d+p(\d)', r"\g<1>sda\g<2>"),
 )
 # What the machine of the examples has; other volumes of the machine that runs them are left out.
-VOLUMES = (Volume("data", "ext4", mount_point="/mnt/data"), Volume("swap", "swap", mebibytes=64))
+VOLUMES = (DATA, SWAP)
 SHOWN_UUIDS = ("7c1f5b8e-9a52-4d3e-b1c6-0f2a4e6d8b90", "d9e0a3b7-6c14-4f85-92ab-5e7d1c3f8a06")
 PLACE = re.compile(r"(<!-- example: ([\w-]+) -->\n```http\n)(.*?)(```\n)", re.DOTALL)
 

@@ -26,10 +26,9 @@ from lab.https_client import BASE_URL
 from lab.images import ImageError
 from lab.progress import shown_progress
 from lab.services import ServiceError
-from lab.site import Site
+from lab.site import DATA, FILES, Site
 from lab.snapshots import drop_snapshots
 from lab.targets import Target
-from lab.volumes import Volume
 
 WIDTH = 100
 SECONDS = 60
@@ -37,8 +36,7 @@ LAB = pathlib.Path("/run/lab")
 STRANGER = 815
 PREFIX = "  | "
 LOG_DATE = re.compile(r"^\d{4}-\d\d-\d\d (?=\d\d:)", re.MULTILINE)
-VOLUMES = (Volume("data", "ext4", mebibytes=512, mount_point="/mnt/data"),
-           Volume("files", "xfs", mebibytes=384, mount_point="/mnt/Büro und Lager"))
+VOLUMES = (dataclasses.replace(DATA, mebibytes=512), dataclasses.replace(FILES, mebibytes=384))
 FILES = 80
 LARGEST = 1 << 20
 HEAD_MIB = 10 # what the checksum of an image is made of

@@ -16,7 +16,7 @@ with contextlib.suppress(ProcessLookupError):
 
 
 @contextlib.contextmanager
-def mounted(device, mount_point, options="defaults", file_system="auto"):
+def mounted(device, mount_point, options, file_system):
     """Mounts a device by the kernel; makes the directory, and yields it."""
     mount_point = pathlib.Path(mount_point)
     mount_point.mkdir(parents=True, exist_ok=True)

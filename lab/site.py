@@ -22,13 +22,16 @@ TABLE = pathlib.Path("/run/lab/volumes")
 INSIDE = "inside" # its namespaces, with nothing in them yet
 READY = "ready"
 
+DATA = Volume("data", "ext4", mount_point=f"{MOUNTS}/data")
+FILES = Volume("files", "xfs", mount_point=f"{MOUNTS}/Büro und Lager")
+SWAP = Volume("swap", "swap", mebibytes=64)
 VOLUMES = (
-    Volume("data", "ext4", mount_point=f"{MOUNTS}/data"),
-    Volume("files", "xfs", mount_point=f"{MOUNTS}/Büro und Lager"),
+    DATA,
+    FILES,
     Volume("windows", "ntfs", mount_point=f"{MOUNTS}/windows"),
     Volume("archive", "ext4", fstab="defaults,ro"),
     Volume("spare", "ext4"),
-    Volume("swap", "swap", mebibytes=64),
+    SWAP,
 )
 
 

@@ -4,7 +4,7 @@ import ctypes
 import os
 import random
 
-from lab import filesystems, mounts
+from lab import filesystems
 from lab.commands import run
 from lab.loops import attached
 
@@ -22,9 +22,9 @@ def make_image(path, mebibytes, file_system, *options):
 
 
 @contextlib.contextmanager
-def mounted(image, directory):
+def mounted(image, file_system, directory):
     """(device, mount point) of the image."""
-    with attached(image) as device, mounts.mounted(device, directory):
+    with attached(image) as device, filesystems.mounted(file_system, device, directory):
         yield device, directory
 
 

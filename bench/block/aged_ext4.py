@@ -63,7 +63,7 @@ def main():
         sys.exit(__doc__)
     with tempfile.TemporaryDirectory() as directory:
         image = make_image(pathlib.Path(directory, "image"), BLOCKS * BLOCK >> 20, "ext4", "-b", str(BLOCK))
-        with mounted(image, pathlib.Path(directory, "root")) as (_, root):
+        with mounted(image, "ext4", pathlib.Path(directory, "root")) as (_, root):
             age(root)
         bitmap = used_bitmap(image)
     pathlib.Path(sys.argv[1]).write_bytes(bitmap)

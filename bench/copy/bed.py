@@ -93,7 +93,7 @@ class Bed(Stay):
         self.place = pathlib.Path(lasting.enter_context(
             tempfile.TemporaryDirectory(prefix="copy-", dir=self._directory)))
         (self.place / "store").mkdir()
-        lasting.enter_context(mounted(self.place / "store", STORE, "bind"))
+        lasting.enter_context(mounted(self.place / "store", STORE, "bind", "none"))
         self._make_volume(lasting)
         self.target = lasting.enter_context(Target(directory=self._images or self.place))
         self.image = self.target.add_image("image", self._bytes, poisoned=self._poisoned)

@@ -31,8 +31,8 @@ VOLUMES = {
 }
 
 
-def wear(image, directory):
-    with mounted(image, directory) as (_, mount_point):
+def wear(image, file_system, directory):
+    with mounted(image, file_system, directory) as (_, mount_point):
         age(mount_point, 3000, largest=200_000)
         riddle(mount_point / "riddled", 4096, 30_000)
 
@@ -41,7 +41,7 @@ def measure(name, directory):
     mebibytes, is_aged, making = VOLUMES[name]
     image = make_image(directory / "volume", mebibytes, *making)
     if is_aged:
-        wear(image, directory / "mnt")
+        wear(image, making[0], directory / "mnt")
     line = subprocess.run([BENCH, image], check=True, capture_output=True, text=True).stdout.strip()
     image.unlink()
     ratio, peak = re.search(r"ratio ([\d.]+), peak (\d+) MiB", line).groups()

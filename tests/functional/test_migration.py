@@ -126,13 +126,19 @@ def test_second_signal_does_not_cut_a_stop_short(lab_site, make_daemon):
     assert output.endswith("Agent daemon stopped\n")
 
 
-def test_what_exists_already_stays(lab_site, foreground, database):
-    """The file that couldn't be renamed is moved again at the next start, when all that it tells is old."""
-    data = lab_site["data"]
+def lost_history(lab_site):
+    """The path of the history of a volume that is tracked and has none, as with an earlier version."""
     lab_site.set_cow_size(100)
     lab_site.run_session("data", incremental=False)
     history = lab_site.mount_point("data") / ".tolvu.inc"
     history.unlink()
+    return history
+
+
+def test_what_exists_already_stays(lab_site, foreground, database):
+    """The file that couldn't be renamed is moved again at the next start, when all that it tells is old."""
+    data = lab_site["data"]
+    history = lost_history(lab_site)
     make_legacy("insert into device values (4711); insert into history (device, result, image_chksum) values "
                 f"('{data.uuid}', 'success', 12345);")
     MIGRATED.mkdir()
@@ -162,10 +168,7 @@ def test_sizes_that_were_taken_over_are_used(lab_site, foreground):
 
 def test_volume_that_was_tracked_is_owed_nothing(lab_site, foreground):
     """Its history is made, so that its next backup can be incremental."""
-    lab_site.set_cow_size(100)
-    lab_site.run_session("data", incremental=False)
-    history = lab_site.mount_point("data") / ".tolvu.inc"
-    history.unlink()
+    history = lost_history(lab_site)
     make_legacy()
     assert foreground().stop() == 0
     assert not any(history.read_bytes()[4096:])

@@ -62,6 +62,15 @@ def fail_session(site, incremental=True, trace=()):
         return str(caught.value), session.log
 
 
+def begin_tracking(site, directory):
+    """Has changes recorded from now on; returns copies of what the volumes hold now."""
+    with site.session(incremental=False) as session:
+        facts = session.start()
+        captures = {name: keep(facts[name]["snapshotPath"], directory / name) for name in BOTH}
+        session.end("success")
+    return captures
+
+
 def recover(site, incremental):
     """What the next backups do after one that was killed: at most one of them fails."""
     for _ in range(2):
@@ -109,10 +118,7 @@ def test_snapshot_stands_still(lab_site):
 def test_record_marks_exactly_what_has_changed(lab_site, tmp_path):
     """The closed CoW file of an incremental marks the units in which the two captures differ, and those that
     have come into use, no other."""
-    with lab_site.session(incremental=False) as session:
-        facts = session.start()
-        captures = {name: keep(facts[name]["snapshotPath"], tmp_path / name) for name in BOTH}
-        session.end("success")
+    captures = begin_tracking(lab_site, tmp_path)
     for name in BOTH:
         fill_tree(lab_site.mount_point(name), seed=3)
     with lab_site.session() as session:
@@ -175,10 +181,7 @@ def test_failed_first_backup_leaves_no_device(small_site):
 def test_tracking_outlives_a_restart(lab_site, tmp_path):
     """After a restart of the machine the reload scripts give tracking back, and the next session knows what
     has changed meanwhile."""
-    with lab_site.session(incremental=False) as session:
-        facts = session.start()
-        captures = {name: keep(facts[name]["snapshotPath"], tmp_path / name) for name in BOTH}
-        session.end("success")
+    captures = begin_tracking(lab_site, tmp_path)
     scripts = sorted(BASE.glob("reload_*"))
     assert [path.name for path in scripts] == ["reload_0", "reload_1"]
     assert {path.stat().st_mode & 0o7777 for path in scripts} == {0o700}

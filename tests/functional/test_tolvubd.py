@@ -12,7 +12,7 @@ import uuid
 import pytest
 
 from change_records import differing_units, marked_since
-from lab import driver, mounts
+from lab import driver, filesystems
 from lab.commands import run
 from lab.driver import STATUS, STORE, forget_devices, info, nodes
 from lab.filesystems import kind_of
@@ -78,7 +78,7 @@ def restart_machine():
 
 
 def mounted(node, filesystem):
-    return mounts.mounted(node, "/run/snapshot", kind_of(filesystem).look)
+    return filesystems.mounted(filesystem, node, "/run/snapshot", kind_of(filesystem).look)
 
 
 def write_tree(volume, seed):

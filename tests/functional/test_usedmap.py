@@ -9,8 +9,9 @@ import subprocess
 
 import pytest
 
-from lab import xfs
+from lab import filesystems, xfs
 from lab.commands import run
+from lab.filesystems import kind_of
 from lab.images import tree_hashes
 from lab.volume_images import age, fill, frozen, make_image, mounted, riddle
 from used_maps import BUILD, TOOL, Comparison, refused
@@ -82,6 +83,11 @@ KINDS = {
 }
 
 
+def test_no_parser_is_left_out():
+    names = {kind_of(file_system).name for _, file_system, *_ in KINDS.values()}
+    assert names == {kind.name for kind in filesystems.KINDS}
+
+
 def make_kind(path, kind):
     mebibytes, *making = KINDS[kind]
     return make_image(path, mebibytes, *making)
@@ -92,7 +98,7 @@ def test_map(kind, tmp_path, matrix):
     file_system = KINDS[kind][1]
     image = make_kind(tmp_path / "image", kind)
     assert not unexplained(image, file_system, matrix, kind + ", new")
-    with mounted(image, tmp_path / "mnt") as (device, directory):
+    with mounted(image, file_system, tmp_path / "mnt") as (device, directory):
         age(directory, 300)
         with frozen(directory):
             assert not unexplained(device, file_system, matrix, kind + ", aged and frozen")
@@ -103,7 +109,7 @@ def test_ext_full(tmp_path, matrix):
     for kind in "ext2 1K", "ext4 4K":
         _, *making = KINDS[kind]
         image = make_image(tmp_path / "image", 64, *making, "-m", "0")
-        with mounted(image, tmp_path / "mnt") as (_, directory):
+        with mounted(image, KINDS[kind][1], tmp_path / "mnt") as (_, directory):
             age(directory, 100)
             fill(directory)
         found = Comparison(image, "ext4")
@@ -113,14 +119,14 @@ def test_ext_full(tmp_path, matrix):
 
 def test_ext_resized(tmp_path, matrix):
     image = make_image(tmp_path / "image", 200, "ext4", "-b", "1024")
-    with mounted(image, tmp_path / "mnt") as (_, directory):
+    with mounted(image, "ext4", tmp_path / "mnt") as (_, directory):
         age(directory, 200)
     run("e2fsck", "-fp", image)
     run("resize2fs", image, "90M")
     assert not unexplained(image, "ext4", matrix, "ext4 1K, shrunk from 200 MiB to 90 MiB")
     run("resize2fs", image, "199M")
     assert not unexplained(image, "ext4", matrix, "ext4 1K, grown from 90 MiB to 199 MiB")
-    with mounted(image, tmp_path / "mnt") as (device, directory):
+    with mounted(image, "ext4", tmp_path / "mnt") as (device, directory):
         age(directory, 200, seed=2)
         with frozen(directory):
             assert not unexplained(device, "ext4", matrix, "ext4 1K, shrunk, grown, aged again and frozen")
@@ -165,7 +171,7 @@ def test_ext_flag_of_a_group_counts_with_checksums_only(tmp_path, matrix):
     """Without them it is a leftover, as in a volume whose checksums were taken away."""
     image = make_image(tmp_path / "image", 90, "ext4", "-b", "1024", "-O",
                        "^metadata_csum,^uninit_bg,^has_journal")
-    with mounted(image, tmp_path / "mnt") as (_, directory):
+    with mounted(image, "ext4", tmp_path / "mnt") as (_, directory):
         age(directory, 300)
     clean = Comparison(image, "ext4")
     for group in range(11):
@@ -184,14 +190,14 @@ def captured(device, image):
 @pytest.mark.parametrize("kind", ["ext3 1K", "ext4 4K"])
 def test_ext_journal_that_needs_recovery_is_refused(kind, tmp_path):
     image = make_kind(tmp_path / "image", kind)
-    with mounted(image, tmp_path / "mnt") as (device, directory):
+    with mounted(image, KINDS[kind][1], tmp_path / "mnt") as (device, directory):
         age(directory, 300)
         capture = captured(device, tmp_path / "capture")
         assert "needs_recovery" in run("dumpe2fs", "-h", capture)
         assert "The EXT journal needs recovery, so the bitmaps may be out of date" in refused(capture)
         with frozen(directory):
             Comparison(device, "ext4")
-    with mounted(capture, tmp_path / "mnt"):
+    with mounted(capture, KINDS[kind][1], tmp_path / "mnt"):
         pass # the kernel replays it
     Comparison(capture, "ext4")
 
@@ -242,13 +248,13 @@ def test_ext_lives_without_its_free_blocks(kind, tmp_path):
     """What the map leaves out of groups that were never used is no live data: the backups of the super block
     and structures that nothing was written to."""
     image = make_kind(tmp_path / "image", kind)
-    with mounted(image, tmp_path / "mnt") as (_, directory):
+    with mounted(image, KINDS[kind][1], tmp_path / "mnt") as (_, directory):
         age(directory, 150)
         before = tree_hashes(directory)
     found = Comparison(image, "ext4")
     poison_free_blocks(image, found.used, found.truth.block_size)
     run("e2fsck", "-fn", image)
-    with mounted(image, tmp_path / "mnt") as (_, directory):
+    with mounted(image, KINDS[kind][1], tmp_path / "mnt") as (_, directory):
         assert tree_hashes(directory) == before
         age(directory, 150, seed=2)  # reaches into the groups that were never used
     run("e2fsck", "-fn", image)
@@ -273,7 +279,7 @@ def test_ext_is_repaired_by_what_the_map_leaves(tmp_path):
 
 def test_xfs_tree_of_three_levels(tmp_path, matrix):
     image = make_image(tmp_path / "image", 320, "xfs", "-b", "size=1024", "-d", "agcount=4")
-    with mounted(image, tmp_path / "mnt") as (device, directory):
+    with mounted(image, "xfs", tmp_path / "mnt") as (device, directory):
         riddle(directory / "riddled", 1024, 30_000)
         with frozen(directory):
             assert not unexplained(device, "xfs", matrix, "xfs 1K, free in single blocks, frozen")
@@ -286,7 +292,7 @@ def test_xfs_tree_of_three_levels(tmp_path, matrix):
 def test_xfs_full(tmp_path, matrix):
     # A map of owners would have room kept for it that files can't take.
     image = make_image(tmp_path / "image", 300, "xfs", "-b", "size=1024", "-m", "rmapbt=0")
-    with mounted(image, tmp_path / "mnt") as (_, directory):
+    with mounted(image, "xfs", tmp_path / "mnt") as (_, directory):
         age(directory, 200)
         fill(directory)
     assert not unexplained(image, "xfs", matrix, "xfs 1K, full")

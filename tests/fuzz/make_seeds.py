@@ -35,7 +35,7 @@ def make_seed(kind, seed, work):
     """What the parser reads of a volume as the seed asks for."""
     image = make_image(work / "image", seed.mebibytes, seed.file_system, *seed.options)
     if seed.is_mounted:
-        with mounted(image, work / "mnt") as (_, directory):
+        with mounted(image, seed.file_system, work / "mnt") as (_, directory):
             if seed.holes:
                 riddle(directory / "riddled", HOLE, seed.holes)
             age(directory, 30, largest=100_000)
