@@ -35,11 +35,15 @@ class ImageError(AssertionError):
 
 
 @contextlib.contextmanager
+def mounted_somewhere(device, file_system, options):
+    with tempfile.TemporaryDirectory(prefix="tree-") as root, \
+            filesystems.mounted(file_system, device, root, options) as tree:
+        yield tree
+
+
 def looked_into(device, file_system):
     """Where the tree on a device is to be seen. No journal is replayed: it has to be right as it stands."""
-    with tempfile.TemporaryDirectory(prefix="tree-") as root, \
-            filesystems.mounted(file_system, device, root, kind_of(file_system).look) as tree:
-        yield tree
+    return mounted_somewhere(device, file_system, kind_of(file_system).look)
 
 
 @contextlib.contextmanager
@@ -67,19 +71,12 @@ def replayed(image, file_system, offset=0):
     with tempfile.NamedTemporaryFile(dir=pathlib.Path(image).parent, prefix="replay-") as copy:
         run("cp", "--reflink=auto", image, copy.name)
         with attached(copy.name, "--offset", str(offset)) as device:
-            replay(image, device, file_system)
+            try:
+                with mounted_somewhere(device, file_system, kind_of(file_system).write):
+                    pass
+            except OSError as error:
+                raise ImageError(f"{image}: {error}") from error
             yield device
-
-
-def replay(image, device, file_system):
-    """By a mount of the copy of an image."""
-    options = kind_of(file_system).write
-    with tempfile.TemporaryDirectory(prefix="tree-") as root:
-        try:
-            with filesystems.mounted(file_system, device, root, options):
-                pass
-        except OSError as error:
-            raise ImageError(f"{image}: {error}") from error
 
 
 def check(*command):

@@ -4,15 +4,18 @@
         ...
 """
 import contextlib
+import fcntl
 import os
 import pathlib
 import stat
+import struct
 
 from lab.commands import run
 from lab.services import wait_until
 
 ATTEMPTS = 20
 SECONDS = 600
+LOOP_GET_STATUS64, LOOP_STATUS_SIZE, LOOP_FILE_NAME = 0x4C05, 232, 56
 
 
 def device_number(name):
@@ -54,6 +57,21 @@ def backing_files():
     for path in pathlib.Path("/sys/block").glob("loop*/loop/backing_file"):
         with contextlib.suppress(OSError): # detached meanwhile
             found[path.parts[3]] = path.read_text(encoding="utf-8").strip()
+    return found
+
+
+def images_on(directory):
+    """What the attached loop devices show that lies on the file system of a directory: {device: path}, also
+    files without a name. Other namespaces may have files of the same path."""
+    found = {}
+    for path in pathlib.Path("/sys/block").glob("loop*/loop"):
+        node = pathlib.Path("/dev", path.parent.name)
+        with contextlib.suppress(OSError): # it may go
+            make_node(node.name)
+            with open(node, "rb") as device:
+                status = fcntl.ioctl(device, LOOP_GET_STATUS64, bytes(LOOP_STATUS_SIZE))
+            if struct.unpack_from("<Q", status)[0] == os.stat(directory).st_dev:
+                found[node] = status[LOOP_FILE_NAME:LOOP_FILE_NAME + 64].split(b"\0")[0].decode()
     return found
 
 

@@ -16,6 +16,7 @@ ROOT = pathlib.Path(__file__).resolve().parents[2]
 sys.path[:0] = [str(ROOT), str(ROOT / "tests/functional")]
 
 from lab.daemon import program  # noqa: E402
+from lab.driver import STORE  # noqa: E402
 from lab.system_log import SystemLog  # noqa: E402
 from tolvubd_site import Volume, must  # noqa: E402
 
@@ -29,10 +30,10 @@ def drop_caches():
 def read_with_dd(volume):
     drop_caches()
     begin = time.monotonic()
-    subprocess.run(["dd", f"if={volume.device}", "of=/var/lib/tolvubd/dd", "bs=8M", "iflag=direct",
+    subprocess.run(["dd", f"if={volume.device}", f"of={STORE}/dd", "bs=8M", "iflag=direct",
                     "conv=sparse"], check=True, stderr=subprocess.DEVNULL)
     seconds = time.monotonic() - begin
-    pathlib.Path("/var/lib/tolvubd/dd").unlink()
+    (STORE / "dd").unlink()
     return seconds
 
 

@@ -15,11 +15,10 @@ from lab.daemon import SCRIPTS
 
 LONGEST = 4 << 20 # nothing longer is sent with one command
 EXT4 = dataclasses.replace(snapshot_site.EXT4, mebibytes=320)
-# A script that is gone when it is asked for again, which makes a backup fail between its snapshots and its
-# first write.
-VANISHING = f"#!/bin/sh\nrm {SCRIPTS}/vanishing\n"
 # Or XFS sets blocks aside behind the ends of files, which are then in use and were never written.
 XFS = dataclasses.replace(snapshot_site.XFS, mebibytes=352, options="allocsize=4k")
+# It is gone when it is asked for again, so that the backup fails between its snapshots and its first write.
+VANISHING = f"#!/bin/sh\nrm {SCRIPTS}/vanishing\n"
 
 
 def fill(root, seed, files=40, largest=300_000):

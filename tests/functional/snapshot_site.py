@@ -7,7 +7,6 @@
 """
 import contextlib
 import json
-import os
 import pathlib
 import shutil
 import struct
@@ -18,7 +17,7 @@ from change_records import UNIT
 from lab import driver
 from lab.daemon import BASE, CONFIG, program
 from lab.driver import STATUS, STORE, nodes
-from lab.loops import backing_files, make_node
+from lab.loops import images_on
 from lab.services import wait_until
 from lab.site import Site
 from lab.snapshots import MOUNT_ROOT, Session, drop_snapshots, mounts
@@ -63,14 +62,6 @@ def check_writable(mount_point):
         writer.wait(SECONDS)
         raise AssertionError(f"{mount_point} is frozen") from None
     probe.unlink()
-
-
-def backing_device(loop):
-    """The number of the device that an attached loop device's image is on."""
-    make_node(loop)
-    listing = subprocess.run(["losetup", "--noheadings", "--output", "BACK-MAJ:MIN", f"/dev/{loop}"],
-                             capture_output=True, text=True, check=False)
-    return listing.stdout.strip()
 
 
 class SnapshotSite(Stay):
@@ -121,18 +112,12 @@ class SnapshotSite(Stay):
         """The files of the driver and the agent on a volume."""
         return sorted(path.name for path in self.mount_point(name).glob(".tolvu*"))
 
-    def extra_loops(self):
-        """The loop devices of the driver's captures. Those of other namespaces have the same names."""
-        store = STORE.stat().st_dev
-        return [name for name, file in backing_files().items() if file.endswith(".img")
-                and backing_device(name) == f"{os.major(store)}:{os.minor(store)}"]
-
     def check_clean(self):
         """No session is under way and none has left anything but the files of tracking."""
         assert nodes() == []
         assert mounts() == []
         # udev may be looking at a device that is to go: it goes with the last who has it open.
-        wait_until(lambda: self.extra_loops() == [], SECONDS, "captures detached")
+        wait_until(lambda: images_on(STORE) == {}, SECONDS, "captures detached")
         assert not MOUNT_ROOT.exists() or list(MOUNT_ROOT.iterdir()) == []
         assert len(list(STORE.glob("*.img"))) == len(self.states())
         assert set(self.states()) <= {2}

@@ -1,14 +1,13 @@
 """The device API of the real daemon: what an appliance can ask, and what comes of it."""
 import datetime
 import json
-import pathlib
 import uuid
 
 import pytest
 
 from lab.appliance_client import DEVICE, volume
 from lab.daemon import CONFIG, LOGS
-from lab.driver import driver_version
+from lab.driver import INFO, STATUS, driver_version
 from lab.https_client import Client
 from lab.services import wait_until
 
@@ -503,12 +502,12 @@ def test_driver_status_without_a_driver(no_driver, appliance):
 
 def test_driver_status(driver, appliance):
     """The driver's own text, to the letter."""
-    text = pathlib.Path("/run/tolvubd/info").read_text(encoding="utf-8")
+    text = INFO.read_text(encoding="utf-8")
     assert json.loads(text)["devices"] == []
     assert appliance.driver() == (200, JSON, {"driverStatus": text})
 
 
 def test_driver_without_a_version(driver, no_driver, appliance):
-    pathlib.Path("/run/tolvubd").mkdir()
+    STATUS.mkdir()
     assert appliance.backup([disk()]) == (500, TEXT, "Could not open driver version file "
                                           '"/run/tolvubd/version". Error: No such file or directory')

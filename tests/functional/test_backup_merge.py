@@ -5,7 +5,7 @@ import shutil
 from backup_site import LONGEST, Ledger, fill, root_of, size_of_all, write_script
 from change_records import copied_extents
 from lab.backups import capture_of
-from lab.driver import STATUS
+from lab.driver import INFO
 from lab.targets import Writes
 
 MIB = 1 << 20
@@ -53,7 +53,7 @@ def test_merge_with_an_equal_image_writes_nothing(protect, volumes, target):
     backup = protection.run(full=True)
     assert backup.state == "finished", backup.log
     images = {volumes[name].device: str(image.path) for name, image in protection.images.items()}
-    write_script("equalize", EQUALIZE.format(images=images, status=STATUS / "info"))
+    write_script("equalize", EQUALIZE.format(images=images, status=INFO))
     before = target.writes()
     backup = protection.run(volumes=protection.request(scripts=["equalize"]), merge=True)
     assert backup.state == "finished", backup.log

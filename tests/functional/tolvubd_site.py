@@ -1,6 +1,5 @@
 """Volumes to snapshot, and the snapshot driver as its callers see it, for inside lab/namespace."""
 import contextlib
-import fcntl
 import os
 import pathlib
 import struct
@@ -10,11 +9,10 @@ from lab import driver, volumes
 from lab.commands import run
 from lab.daemon import program
 from lab.driver import STORE
-from lab.loops import make_node
+from lab.loops import images_on
 from lab.services import wait_until
 from lab.stay import Stay
 
-LOOP_GET_STATUS64, LOOP_STATUS_SIZE, LOOP_FILE_NAME = 0x4C05, 232, 56
 UNIT = 4096
 TABLE_OFFSET = 4096
 TRACKING, SNAPSHOT = 2, 3
@@ -46,7 +44,7 @@ class Volume(Stay):
         return self.mount_point / ".tolvu1"
 
     def mount(self):
-        run("mount", self.device, self.mount_point)
+        run("mount", "-t", self.filesystem, self.device, self.mount_point)
 
     def unmount(self):
         if self.mount_point.is_mount():
@@ -94,23 +92,9 @@ def states():
     return {device["minor"]: device["state"] for device in driver.info()["devices"]}
 
 
-def attached():
-    """{loop device: capture} of those that show a file of this store, also one without a name."""
-    found = {}
-    for loop in pathlib.Path("/sys/block").glob("loop*/loop"):
-        node = pathlib.Path("/dev", loop.parent.name)
-        with contextlib.suppress(OSError): # it may go
-            make_node(node.name)
-            with open(node, "rb") as device:
-                status = fcntl.ioctl(device, LOOP_GET_STATUS64, bytes(LOOP_STATUS_SIZE))
-            if struct.unpack_from("<Q", status)[0] == STORE.stat().st_dev:
-                found[node] = status[LOOP_FILE_NAME:LOOP_FILE_NAME + 64].split(b"\0")[0].decode()
-    return found
-
-
 def loops():
     """The captures that loop devices show."""
-    return sorted(pathlib.Path(file).name for file in attached().values())
+    return sorted(pathlib.Path(file).name for file in images_on(STORE).values())
 
 
 def expect_loops(count, where=""):
@@ -124,7 +108,7 @@ def stored():
 
 def detach_captures():
     """For after a test that has failed: the machine's loop devices outlive the test's own files."""
-    for loop in attached():
+    for loop in images_on(STORE):
         run("losetup", "-d", loop)
 
 

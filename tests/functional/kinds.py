@@ -1,0 +1,59 @@
+"""What belongs to a kind of file system, and what is missing of it in a tree.
+
+docs/adding.md tells which pieces there are: the rows of a table whose paths have KIND for the name of a kind.
+"""
+import dataclasses
+import re
+
+from lab.commands import run
+from lab.daemon import program
+
+SECTION = re.compile(r"^## A file system$(.*?)(?=^## |\Z)", re.MULTILINE | re.DOTALL)
+PIECE = re.compile(r"^\| `([^`]*KIND[^`]*)`", re.MULTILINE)
+PARSERS = "src/core/fs"
+
+
+def agent_kinds():
+    """The names of the kinds that the agent knows the used blocks of."""
+    return [line.split("\t")[0] for line in run(program("bek-usedmap"), "--kinds").splitlines()]
+
+
+def pieces_in(root):
+    """The paths of what a kind needs, from the tree's own description."""
+    text = (root / "docs/adding.md").read_text(encoding="utf-8")
+    found = [piece for section in SECTION.findall(text) for piece in PIECE.findall(section)]
+    if not found:
+        raise ValueError("docs/adding.md tells of no piece of a file system")
+    return found
+
+
+def missing_pieces(root, kinds):
+    """What the tree lacks of these kinds: a list of "kind: piece"."""
+    return [f"{kind}: {piece}" for kind in kinds for piece in pieces_in(root)
+            if not any(map(is_filled, places_of(root, piece, kind)))]
+
+
+def places_of(root, piece, kind):
+    """Where there is such a piece; names may have the kind in capitals."""
+    name = "".join(f"[{letter.lower()}{letter.upper()}]" for letter in kind)
+    return [path for path in root.glob(piece.rstrip("/").replace("KIND", name))
+            if path.is_dir() == piece.endswith("/")]
+
+
+def is_filled(path):
+    return any(path.iterdir()) if path.is_dir() else path.stat().st_size > 0
+
+
+def unknown_parsers(root, kinds):
+    """The folders of parsers that are none of these kinds."""
+    return sorted({path.name for path in (root / PARSERS).iterdir() if path.is_dir()} - set(kinds))
+
+
+def missing_in(row):
+    """What a row of the lab's table leaves open: a list of "kind: field"."""
+    return [f"{row.name}: {field.name}" for field in dataclasses.fields(row)
+            if not is_given(getattr(row, field.name), field.type)]
+
+
+def is_given(value, kind):
+    return isinstance(value, kind) and (kind is bool or bool(value))

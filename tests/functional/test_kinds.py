@@ -1,0 +1,113 @@
+"""Each kind of file system is whole: what the agent can read, the lab can make and check, and nothing that
+belongs to a kind has been left out."""
+import dataclasses
+import pathlib
+import shutil
+
+import pytest
+
+from kinds import agent_kinds, missing_in, missing_pieces, pieces_in, unknown_parsers
+from lab import filesystems, images, xfs
+from lab.filesystems import KINDS, OTHERS, UnknownKind, kind_of, truth_of
+
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+PARSER = "src/core/fs/KIND/"
+
+
+def lines(found):
+    return "missing:\n" + "\n".join(found)
+
+
+def test_agent_and_lab_have_the_same_kinds():
+    assert sorted(agent_kinds()) == sorted(kind.name for kind in KINDS)
+
+
+def test_each_kind_has_all_its_pieces():
+    missing = missing_pieces(ROOT, agent_kinds())
+    assert not missing, lines(missing)
+
+
+def test_each_parser_is_of_a_kind():
+    assert unknown_parsers(ROOT, agent_kinds()) == []
+
+
+def test_each_row_of_the_lab_is_whole():
+    missing = [field for kind in KINDS for field in missing_in(kind)]
+    assert not missing, lines(missing)
+
+
+def test_no_file_system_has_two_rows():
+    names = [name for row in KINDS + OTHERS for name in row.makers]
+    assert sorted(names) == sorted(set(names))
+
+
+@pytest.fixture
+def scratch(tmp_path):
+    """A tree with the parser of a kind, and nothing else of it."""
+    for place in ("docs", "src/core/fs/toyfs"):
+        (tmp_path / place).mkdir(parents=True)
+    shutil.copy(ROOT / "docs/adding.md", tmp_path / "docs")
+    (tmp_path / "src/core/fs/toyfs/something").write_text("that reads nothing")
+    return tmp_path
+
+
+def test_missing_pieces_are_named(scratch):
+    missing = missing_pieces(scratch, ["toyfs"])
+    assert missing == [f"toyfs: {piece}" for piece in pieces_in(ROOT) if piece != PARSER]
+    assert "toyfs: docs/formats/KIND.md" in missing
+    assert unknown_parsers(scratch, ["ext"]) == ["toyfs"]
+    assert unknown_parsers(scratch, ["toyfs"]) == []
+
+
+def test_pieces_with_nothing_in_them_are_missing(scratch):
+    for piece in pieces_in(scratch):
+        path = scratch / piece.replace("KIND", "toyfs")
+        if piece.endswith("/"):
+            path.mkdir(parents=True, exist_ok=True)
+        else:
+            path.parent.mkdir(parents=True, exist_ok=True)
+            path.touch()
+    missing = missing_pieces(scratch, ["toyfs"])
+    assert "toyfs: docs/formats/KIND.md" in missing and f"toyfs: {PARSER}" not in missing
+    for piece in (line.removeprefix("toyfs: ").replace("KIND", "toyfs") for line in missing):
+        (scratch / piece / "content" if piece.endswith("/") else scratch / piece).write_text("something")
+    assert missing_pieces(scratch, ["toyfs"]) == []
+
+
+def test_kind_that_is_nowhere_lacks_all(scratch):
+    assert missing_pieces(scratch, ["otherfs"]) == [f"otherfs: {piece}" for piece in pieces_in(scratch)]
+
+
+def test_pieces_have_to_be_told_of(scratch):
+    (scratch / "docs/adding.md").write_text("## A call of the API\n\n| `src/KIND/` | nothing |\n")
+    with pytest.raises(ValueError, match="tells of no piece"):
+        missing_pieces(scratch, ["toyfs"])
+
+
+def test_row_that_leaves_something_open_is_named():
+    row = dataclasses.replace(xfs.KIND, truth=None, check=(), look="", needs_replay=None)
+    assert missing_in(row) == ["xfs: look", "xfs: check", "xfs: needs_replay", "xfs: truth"]
+
+
+@pytest.mark.parametrize("use", [
+    kind_of,
+    lambda name: filesystems.make(name, "/dev/null"),
+    lambda name: filesystems.mounted(name, "/dev/null", "/mnt/nothing"),
+    lambda name: truth_of("/dev/null", name),
+    lambda name: images.fsck("/dev/null", name),
+    lambda name: images.compare_used("/dev/null", "/dev/null", name),
+], ids=["row", "make", "mount", "truth", "check", "compare"])
+@pytest.mark.parametrize("name", ["toyfs", ""])
+def test_unknown_kind_is_refused(use, name):
+    complaint = f"^'{name}' is no file system that is known for this; there are ext2, "
+    with pytest.raises(UnknownKind, match=complaint):
+        use(name)
+
+
+@pytest.mark.parametrize("name", [name for row in OTHERS for name in row.makers])
+def test_what_can_only_be_made_is_not_looked_into(name):
+    """What the agent has no parser for has no truth and no check either."""
+    with pytest.raises(UnknownKind):
+        truth_of("/dev/null", name)
+    with pytest.raises(UnknownKind):
+        images.fsck("/dev/null", name)
