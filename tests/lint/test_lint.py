@@ -309,8 +309,38 @@ def test_tidy_refuses_functions_of_more_than_sixty_lines(tidy):
      "int zero() {\n    const int* nothing = nullptr;\n    return *nothing;\n}\n"),
 ])
 def test_tidy_check_is_on(tidy, check, line, text):
-    tidy.write(src__A_cpp=text)
-    assert ("src/A.cpp", line, check) in tidy.findings()
+    """Beside other sources, too, which clang-tidy is shown together with it."""
+    tidy.write(src__A_cpp="int one() {\n    return 1;\n}\n", src__B_cpp=text,
+               src__C_cpp="int three() {\n    return 3;\n}\n")
+    findings = tidy.findings()
+    assert ("src/B.cpp", line, check) in findings
+    assert {path for path, _, _ in findings} == {"src/B.cpp"}
+
+
+@pytest.mark.parametrize("check, line, text, other", [
+    ("misc-unused-using-decls", 3, "#include <optional>\n\nusing std::nullopt;\n",
+     "#include <optional>\n\nusing std::nullopt;\n\nstd::optional<int> none() {\n    return nullopt;\n}\n"),
+    ("misc-unused-alias-decls", 3, "#include <string>\n\nnamespace library = std;\n",
+     "#include <string>\n\nnamespace library = std;\n\nlibrary::string empty() {\n    return {};\n}\n"),
+    ("clang-analyzer-core.NullDereference", 4,
+     "int read(const int* number) {\n    if (number == nullptr) {\n"
+     "    }\n    return *number;\n}\n",
+     "int read(const int* number);\n\nint one() {\n    const int it = 1;\n    return read(&it);\n}\n"),
+    ("readability-duplicate-include", 2, "#include <string>\n#include <string>\n", "#include <string>\n"),
+    ("clang-diagnostic-unused-const-variable", 2, "namespace {\nconst int three = 3;\n} // namespace\n",
+     "namespace {\nconst int four = 4;\n} // namespace\n\nint eight() {\n    return four + four;\n}\n"),
+])
+def test_tidy_excuses_no_source_by_what_another_does(tidy, check, line, text, other):
+    tidy.write(src__A_cpp=other, src__B_cpp=text)
+    assert tidy.findings() == [("src/B.cpp", line, check)]
+    tidy.write(src__A_cpp=text, src__B_cpp=other)
+    assert tidy.findings() == [("src/A.cpp", line, check)]
+
+
+def test_tidy_lets_names_of_two_sources_be_the_same(tidy):
+    text = "namespace {\nconst int two = 2;\n} // namespace\n\nint %s() {\n    return two;\n}\n"
+    tidy.write(src__A_cpp=text % "one", src__B_cpp=text % "other")
+    assert tidy.findings() == []
 
 
 def test_tidy_lets_laid_down_names_pass(tidy):
