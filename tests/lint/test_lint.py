@@ -4,11 +4,16 @@ import json
 import re
 import shutil
 import subprocess
+import sys
 from pathlib import Path
 
 import pytest
 
 ROOT = Path(__file__).resolve().parents[2]
+sys.path.insert(0, str(ROOT / "scripts"))
+
+from lintlib.rules import LAYERS  # noqa: E402
+
 LINT = ROOT / "scripts/lint"
 FORMAT = ROOT / "scripts/format"
 
@@ -19,7 +24,10 @@ DOCUMENTED = """\
 /// Fails:   never.
 """
 INTERFACE = "public:\n    virtual ~IStore() = default;\n    virtual void store() = 0;\n};\n"
+PICTURE = "# A\n\n## Layers\n\n```\n app   the top\n  |\n" + "".join(
+    f" {layer:20} words\n" for layer in reversed(LAYERS[:-1])) + "```\n\n```\n other\n```\n"
 CLEAN = {
+    "docs/architecture.md": PICTURE,
     "src/common/Thing.h": "#pragma once\n\nint thing();\n",
     "src/common/IStore.h": "// Why.\n#pragma once\n\n" + DOCUMENTED + "class IStore {\n" + INTERFACE,
     "src/common/Thing.cpp": '#include "common/Thing.h"\n\nint thing() {\n    return 1;\n}\n',
@@ -47,6 +55,12 @@ BROKEN = [
     ("layers", "src/Loose.cpp", "int loose();\n", 1),
     ("layers", "platform/module/Module.cpp", '\n#include "common/Thing.h"\n', 2),
     ("layers", "lab/tool/Tool.cpp", '#include "../../src/common/Thing.h"\n', 1),
+    ("picture", "docs/architecture.md", PICTURE.replace(" common/json ", " common/else "),
+     7 + LAYERS[::-1].index("common/json")),
+    ("picture", "docs/architecture.md", PICTURE.replace(" common ", " "), 1),
+    ("picture", "docs/architecture.md", PICTURE.replace("  |\n", " top\n"), 7),
+    ("picture", "docs/architecture.md", PICTURE.replace("```\n\n", " new\n```\n\n"), 7 + len(LAYERS)),
+    ("picture", "docs/architecture.md", "# A\n", 1),
     ("wrapped", "src/common/Disk.cpp", "// A disk.\n#include <iscsi/iscsi.h>\n", 2),
     ("wrapped", "tests/unit/Disk.cpp", "#include <iscsi/scsi-lowlevel.h>\n", 1),
     ("guards", "src/common/Bare.h", "\nint bare();\n", 2),
