@@ -1,13 +1,19 @@
 # bekd_library(NAME SOURCES file... [DEPENDS target...])
 #
 # One static library for one folder below src/. Headers are included by their path from src/, so that an
-# include line shows the layer that it reaches into.
+# include line shows the layer that it reaches into. Under the sanitizers several sources are compiled as one, which
+# takes a third of the time; so names in their anonymous namespaces are not used twice in a folder.
 function(bekd_library name)
   cmake_parse_arguments(ARG "" "" "SOURCES;DEPENDS" ${ARGN})
   if(ARG_SOURCES)
     add_library(${name} STATIC ${ARG_SOURCES})
     target_include_directories(${name} PUBLIC ${PROJECT_SOURCE_DIR}/src)
     target_link_libraries(${name} PUBLIC bekd_flags ${ARG_DEPENDS})
+    if(BEKD_SANITIZE)
+      set_target_properties(${name} PROPERTIES UNITY_BUILD ON)
+      # What the sources include isn't the header that the warning takes it for.
+      target_compile_options(${name} PRIVATE $<$<CXX_COMPILER_ID:GNU>:-Wno-subobject-linkage>)
+    endif()
   else()
     add_library(${name} INTERFACE)
     target_include_directories(${name} INTERFACE ${PROJECT_SOURCE_DIR}/src)

@@ -2,6 +2,7 @@
 
 import ast
 import io
+import itertools
 import os
 import re
 import subprocess
@@ -9,7 +10,7 @@ import sys
 import tokenize
 
 from lintlib import clang
-from lintlib.tree import block_from, line_of
+from lintlib.tree import Finding, block_from, line_of
 
 # The layers below src/, lowest first: a folder includes itself and what stands above it in this list. A file
 # belongs to the deepest listed folder that contains it.
@@ -36,6 +37,9 @@ LAYERS = [
 
 # The one layer that the snapshot driver's stand-in includes too. All others are the agent's alone.
 SHARED_WITH_PLATFORM = LAYERS[0]
+
+# Shows them to people, highest first.
+PICTURE = "docs/architecture.md"
 
 # Libraries whose own headers can't be included as they are, and the header that can be in their place.
 WRAPPED = {"iscsi/": "core/transport/Libiscsi.h"}
@@ -108,6 +112,25 @@ def agent_includes(tree, file):
         beside = os.path.normpath(os.path.join(os.path.dirname(file.path), path))
         if beside.startswith("src/") or (tree.exists(f"src/{path}") and not tree.exists(beside)):
             yield file.finding(line, "layers", f"{file.path.split('/')[0]}/ includes {path} of the agent")
+
+
+def check_picture(tree):
+    """The picture of the layers, the first block below `## Layers`, shows those that there are."""
+    rows = [row for file in tree.files if file.path == PICTURE for row in pictured_layers(file.lines)]
+    missing = [(1, "nothing")] * max(0, len(LAYERS) - len(rows))
+    layers = itertools.chain(reversed(LAYERS), itertools.repeat("nothing"))
+    for (line, name), layer in zip(rows + missing, layers):
+        if name != layer:
+            yield Finding(PICTURE, line, "picture", f"{name} stands where the layers have {layer}")
+            return
+
+
+def pictured_layers(lines):
+    """(line, name) of each line of the picture that begins with a name, after one space."""
+    section = itertools.dropwhile(lambda row: row[1] != "## Layers", enumerate(lines, 1))
+    below = itertools.dropwhile(lambda row: not row[1].startswith("```"), section)
+    block = itertools.takewhile(lambda row: not row[1].startswith("```"), itertools.islice(below, 1, None))
+    return [(number, name[1]) for number, line in block if (name := re.match(r" (\w\S*)", line))]
 
 
 def check_wrapped(tree):
@@ -377,6 +400,7 @@ def finding_at(tree, path, line, rule, message):
 RULES = {
     "format": check_format,
     "layers": check_layers,
+    "picture": check_picture,
     "wrapped": check_wrapped,
     "guards": check_guards,
     "labels": check_labels,

@@ -4,6 +4,10 @@ The memory is one small file a source in build/.tidy-cache. It holds a digest of
 depends on: each .clang-tidy file, the compile commands, the source with all the headers of the tree that it
 includes however indirectly, and the versions of the packages that bring clang-tidy and the system's headers.
 Only a clean verdict is remembered.
+
+Most of the time goes into the headers, so sources that are compiled alike are first looked at together. All
+that counts then is that nothing is found: otherwise each half is looked at, down to single sources, whose
+findings are those reported. The checks in ALONE always see a source by itself.
 """
 
 import concurrent.futures
@@ -14,12 +18,15 @@ import re
 import shlex
 import subprocess
 
-from lintlib import clang
+from lintlib import clang, joined
 from lintlib.tree import Finding, SourceFile
 
 FOLDERS = ("src", "platform", "bench", "tests", "tools")
 COMMANDS = "build/debug/compile_commands.json"
 CACHE = "build/.tidy-cache"
+# What these say of a source would depend on the sources beside it: the analyzer looks into what a function
+# calls, and passes that over later; and what a source declares in vain may be used by another.
+ALONE = re.compile(r"clang-analyzer-.*|misc-new-delete-overloads|misc-unused-(alias|using)-decls")
 FINDING = re.compile(r"^(.+?):(\d+):\d+: (?:fatal )?(?:error|warning): (.*)$", re.MULTILINE)
 
 
@@ -32,8 +39,9 @@ def check_tidy(tree, paths=None):
     checker = Checker(tree)
     if paths is not None:
         sources = touched(sources, checker, paths)
+    groups = joined.alike([file for file in sources if not checker.remembers(file)], checker.commands)
     with concurrent.futures.ThreadPoolExecutor(len(os.sched_getaffinity(0))) as pool:
-        return sorted(set().union(*pool.map(checker.check, sources)))
+        return sorted(set().union(*pool.map(checker.check, groups)))
 
 
 def configure(tree):
@@ -72,20 +80,56 @@ class Checker:
         self.folders = sorted({folder for text in self.commands.values() for folder in self._folders(text)})
         self.common = self._common()
 
-    def check(self, file):
-        digest = self._digest(file)
-        memory = self.tree.root / CACHE / file.path.replace("/", "+")
-        if memory.exists() and memory.read_text() == digest:
-            return set()
-        done = subprocess.run([clang.TIDY, "--quiet", "-p", os.path.dirname(COMMANDS), file.path],
-                              cwd=self.tree.root, capture_output=True, text=True, check=False)
+    def check(self, files):
+        """The findings in sources that are compiled alike."""
+        if len(files) == 1:
+            return self._check_alone(files[0])
+        alone = [check for check in self._enabled(files[0]) if ALONE.fullmatch(check)]
+        if self._are_clean_together(files, alone):
+            return set().union(*(self._check_alone(file, alone) for file in files))
+        middle = len(files) // 2
+        return self.check(files[:middle]) | self.check(files[middle:])
+
+    def remembers(self, file):
+        """Whether the source was clean when it was last looked at, and is still the same."""
+        memory = self._memory(file)
+        return memory.exists() and memory.read_text() == self._digest(file)
+
+    def _are_clean_together(self, files, without):
+        with joined.overlay(files) as overlay:
+            done = self._run(files[0], f"--vfsoverlay={overlay}", "--checks=" + ",-".join(["", *without]))
+        return done.returncode == 0 and not FINDING.search(done.stdout)
+
+    def _check_alone(self, file, checks=None):
+        """The findings of these checks in one source, of all without a list. A clean one is remembered."""
+        findings = set()
+        if checks is None:
+            findings = self._findings(file)
+        elif checks:
+            findings = self._findings(file, "--checks=-*," + ",".join(checks))
+        if not findings:
+            memory = self._memory(file)
+            memory.parent.mkdir(parents=True, exist_ok=True)
+            memory.write_text(self._digest(file))
+        return findings
+
+    def _findings(self, file, *options):
+        done = self._run(file, *options)
         findings = {self._finding(*match) for match in FINDING.findall(done.stdout)}
         if done.returncode != 0 and not findings:
             return {Finding(file.path, 1, "tidy", f"{clang.TIDY} failed: {done.stderr.strip()}")}
-        if not findings:
-            memory.parent.mkdir(parents=True, exist_ok=True)
-            memory.write_text(digest)
         return findings
+
+    def _run(self, file, *options):
+        command = [clang.TIDY, "--quiet", "-p", os.path.dirname(COMMANDS), *options, file.path]
+        return subprocess.run(command, cwd=self.tree.root, capture_output=True, text=True, check=False)
+
+    def _enabled(self, file):
+        """The names of the checks that are on for a source, the compiler's own warnings left out."""
+        return re.findall(r"^ +(\S+)$", self._run(file, "--list-checks").stdout, re.MULTILINE)
+
+    def _memory(self, file):
+        return self.tree.root / CACHE / file.path.replace("/", "+")
 
     def closure(self, file):
         """The paths of the tree's files that a source consists of, itself included."""
@@ -97,7 +141,6 @@ class Checker:
                 reached.add(path)
                 waiting += self._included(path)
         return reached
-
 
     def _included(self, path):
         """The files of the tree that an include line of a file may mean."""

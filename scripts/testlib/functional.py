@@ -1,10 +1,12 @@
-"""Runs the functional tests, each file in a namespace of its own, as many at once as there are processors.
+"""Runs the functional tests, each file in a namespace of its own, several at once.
 
-    functional.py BUILD [FILE...]
+    functional.py [--remember] BUILD [FILE...]
 
-The reports go to BUILD/reports. Prints what each file that fails has printed, and the seconds of all.
+The reports go to BUILD/reports. Prints a line for each file that ends, and what it has printed if it fails.
+The files that take longest begin, as told by tests/functional/durations.txt, which --remember writes anew.
 """
 
+import argparse
 import concurrent.futures
 import os
 import subprocess
@@ -14,7 +16,10 @@ from pathlib import Path
 
 ROOT = Path(__file__).resolve().parents[2]
 TESTS = ROOT / "tests" / "functional"
+DURATIONS = TESTS / "durations.txt"
 LIMIT_SECONDS = 1200
+# Beside each processor, as the tests mostly wait.
+MORE_AT_ONCE = 1
 
 
 def run(build, path):
@@ -32,19 +37,48 @@ def run(build, path):
     return path, done.returncode, time.monotonic() - begin, done.stdout
 
 
+def remembered():
+    """The seconds that each file took when it was last remembered, by its name."""
+    lines = DURATIONS.read_text().splitlines() if DURATIONS.exists() else []
+    return {name: int(seconds) for seconds, name in map(str.split, lines)}
+
+
+def remember(results):
+    durations = remembered() | {path.name: round(seconds) for path, _, seconds, _ in results}
+    lines = [f"{seconds:5} {name}\n" for name, seconds in sorted(durations.items(), key=lambda item: -item[1])
+             if (TESTS / name).exists()]
+    DURATIONS.write_text("".join(lines))
+
+
+def run_all(build, files):
+    """Yields what run() returns for each file as it ends. Files that nobody remembers begin."""
+    seconds = remembered()
+    files = sorted(files, key=lambda path: -seconds.get(path.name, LIMIT_SECONDS))
+    with concurrent.futures.ThreadPoolExecutor(len(os.sched_getaffinity(0)) + MORE_AT_ONCE) as pool:
+        for done in concurrent.futures.as_completed([pool.submit(run, build, path) for path in files]):
+            yield done.result()
+
+
+def parse_arguments():
+    parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawTextHelpFormatter)
+    parser.add_argument("--remember", action="store_true", help="for the order of later runs")
+    parser.add_argument("build", type=Path, metavar="BUILD")
+    parser.add_argument("files", type=Path, nargs="*", metavar="FILE")
+    return parser.parse_args()
+
+
 def main():
-    build = Path(sys.argv[1])
-    (ROOT / build / "reports").mkdir(parents=True, exist_ok=True)
-    files = [Path(name).resolve() for name in sys.argv[2:]] or sorted(TESTS.glob("test_*.py"))
-    # The longest are likely to take longest, and should not be left for the end.
-    files.sort(key=lambda path: path.stat().st_size, reverse=True)
-    with concurrent.futures.ThreadPoolExecutor(len(os.sched_getaffinity(0))) as pool:
-        results = list(pool.map(lambda path: run(build, path), files))
-    for path, status, _, output in results:
+    arguments = parse_arguments()
+    (ROOT / arguments.build / "reports").mkdir(parents=True, exist_ok=True)
+    files = [path.resolve() for path in arguments.files] or sorted(TESTS.glob("test_*.py"))
+    results = []
+    for path, status, seconds, output in run_all(arguments.build, files):
+        results.append((path, status, seconds, output))
         if status != 0:
             print(f"--- {path.relative_to(ROOT)}: status {status}\n{output}")
-    for path, _, seconds, _ in sorted(results, key=lambda result: -result[2]):
-        print(f"{seconds:7.1f} s {path.name}")
+        print(f"{len(results)}/{len(files)} {path.name}: {seconds:.1f} s", flush=True)
+    if arguments.remember:
+        remember(results)
     return 1 if any(status for _, status, _, _ in results) else 0
 
 

@@ -14,14 +14,14 @@ namespace {
 constexpr std::size_t largestFile = 20'000;
 
 /// Far above what fits into a certificate that a TLS handshake can carry in practice.
-constexpr std::size_t longestName = 65'536;
+constexpr std::size_t longestDistinguishedName = 65'536;
 
 using NameGetter = int (*)(gnutls_x509_crt_t, char*, std::size_t*);
 
 DistinguishedName readName(gnutls_x509_crt_t crt, NameGetter getter) {
     std::size_t size = 0;
     getter(crt, nullptr, &size);
-    if (size == 0 || size > longestName) {
+    if (size == 0 || size > longestDistinguishedName) {
         return {};
     }
     std::string text(size, '\0');

@@ -18,7 +18,7 @@ using nlohmann::json;
 constexpr int lowestSeverity = 0;
 constexpr int highestSeverity = 6;
 
-json parse(const std::string& body) {
+json parseLevel(const std::string& body) {
     try {
         return parseJson(body);
     } catch (const std::exception& error) {
@@ -54,7 +54,7 @@ int clampSeverity(info::Logger& logger, const json& severity) {
 LogLevel::LogLevel(info::Logger& logger, info::StoredLevelFilter& filter) : logger(logger), filter(filter) {}
 
 APIResponse LogLevel::operator()(const std::string& body) {
-    const int level = info::level::max - clampSeverity(logger, severityOf(parse(body)));
+    const int level = info::level::max - clampSeverity(logger, severityOf(parseLevel(body)));
     filter.setLevel(level);
     info::LogEntry(logger, info::level::debug) << "Log level set to " << info::levelName(level);
     return {};

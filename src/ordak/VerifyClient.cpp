@@ -20,7 +20,7 @@ constexpr std::size_t mostExtensionBytes = 999;
 constexpr unsigned char ia5StringTag = 22;
 
 /// A name of a certificate that nobody has vouched for yet, as it may stand in a line of the log.
-std::string shown(const std::string& name) {
+std::string shownName(const std::string& name) {
     constexpr std::size_t longest = 256;
     return printable(shortened(name, longest));
 }
@@ -30,8 +30,8 @@ bool hasSameIssuer(info::Logger& logger, const Certificate& local, const Certifi
         return true;
     }
     info::LogEntry(logger, info::level::debug)
-        << "Certificate issuer mismatch (ours='" << shown(local.issuer().commonName) << "'; theirs='"
-        << shown(peer.issuer().commonName) << "'";
+        << "Certificate issuer mismatch (ours='" << shownName(local.issuer().commonName) << "'; theirs='"
+        << shownName(peer.issuer().commonName) << "'";
     info::LogEntry(logger, info::level::error) << "Certificate issuer mismatch";
     return false;
 }
@@ -51,7 +51,7 @@ bool isNamedLikeDevice(info::Logger& logger, const std::string& name) {
         info::LogEntry(logger, info::level::debug) << "Bad client certificate Common Name";
     } else {
         info::LogEntry(logger, info::level::debug)
-            << "Client Common Name '" << shown(name) << "' does not match expected deviceID format";
+            << "Client Common Name '" << shownName(name) << "' does not match expected deviceID format";
     }
     info::LogEntry(logger, info::level::error) << "Certificate invalid Common Name";
     return false;

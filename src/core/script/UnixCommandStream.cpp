@@ -12,6 +12,7 @@
 #include <fcntl.h>
 #include <memory>
 #include <poll.h>
+#include <ratio>
 #include <sys/wait.h>
 #include <tuple>
 #include <unistd.h>
@@ -27,7 +28,6 @@ constexpr std::size_t readStep = 256;
 /// What one call hands out at most, so that a child that prints without pause costs neither memory without
 /// bound nor the caller's time-out.
 constexpr std::size_t largestRead = std::size_t{1024} * 1024;
-constexpr int microsecondsPerSecond = 1'000'000;
 constexpr int nanosecondsPerMicrosecond = 1'000;
 
 /// What SIGCHLD did before it was given its default action.
@@ -168,8 +168,8 @@ void restoreSignals() noexcept {
 int selectReadable(int descriptor, std::int64_t microseconds) noexcept {
     ::pollfd asked{descriptor, POLLIN, 0};
     ::timespec timeout{};
-    timeout.tv_sec = microseconds / microsecondsPerSecond;
-    timeout.tv_nsec = microseconds % microsecondsPerSecond * nanosecondsPerMicrosecond;
+    timeout.tv_sec = microseconds / std::micro::den;
+    timeout.tv_nsec = microseconds % std::micro::den * nanosecondsPerMicrosecond;
     const int count = ::ppoll(&asked, 1, &timeout, nullptr);
     if (count == 1 && (asked.revents & POLLNVAL) != 0) {
         errno = EBADF;

@@ -1,0 +1,92 @@
+"""Runs parts of the tests: run.py SECONDS PART..., as scripts/test describes them."""
+
+import os
+import signal
+import sys
+from pathlib import Path
+
+sys.path.insert(0, str(Path(__file__).resolve().parents[1]))
+
+from testlib.display import Display  # noqa: E402
+from testlib.lanes import Lanes  # noqa: E402
+from testlib.step import Step  # noqa: E402
+
+ROOT = Path(__file__).resolve().parents[2]
+BUILD = ROOT / "build"
+PYTHON = "/usr/bin/python3"
+
+# The functional tests wait for devices and services most of the time: the builds have what they leave of the
+# processors, and clang-tidy what those leave.
+NICE_BUILD = 5
+NICE_LINT = 19
+
+
+def build(preset, *targets, nice=0):
+    return Step(f"build {preset}", ["scripts/build", preset, *targets], nice=nice,
+                progress=BUILD / f"{preset}.log")
+
+
+def unit_chain(preset):
+    # Without address space randomisation, which some kernels do more of than ThreadSanitizer can take.
+    run = ["setarch", "-R", "ctest", "--test-dir", f"build/{preset}", "--output-on-failure",
+           "--parallel", str(len(os.sched_getaffinity(0)))]
+    return [build(preset, nice=NICE_BUILD),
+            Step(f"unit tests ({preset})", run, reports=BUILD / preset / "reports")]
+
+
+def functional_chain():
+    return [build("release"),
+            Step("functional tests", [PYTHON, "scripts/testlib/functional.py", "build/release"],
+                 reports=BUILD / "release" / "reports")]
+
+
+def lint_tests_chain():
+    reports = BUILD / "lint-reports"
+    return [Step("tests of the scripts", [PYTHON, "-m", "pytest", "-q", "-p", "no:cacheprovider",
+                                          f"--junitxml={reports}/lint.xml", "tests/lint"], reports=reports)]
+
+
+def fuzz_chain(seconds):
+    """New inputs that reach further go to build/fuzz/corpus; those that fail go to build/fuzz as well."""
+    names = sorted(path.name for path in (ROOT / "tests/fuzz/corpus").iterdir())
+    return [build("fuzz", "fuzzers"), *(fuzz(name, seconds) for name in names)]
+
+
+def fuzz(name, seconds):
+    corpus = BUILD / "fuzz/corpus" / name
+    corpus.mkdir(parents=True, exist_ok=True)
+    return Step(f"fuzz {name}",
+                [f"build/fuzz/fuzz_{name}", f"-max_total_time={seconds}", "-timeout=20", "-rss_limit_mb=1500",
+                 "-print_final_stats=1", f"-artifact_prefix=build/fuzz/{name}-", corpus,
+                 f"tests/fuzz/corpus/{name}"], is_test=True, shown="stat::number_of_executed_units")
+
+
+def lanes_of(parts, seconds):
+    """What runs side by side: what mostly waits, what mostly computes, and what has time until the end."""
+    waiting = [functional_chain()] if "functional" in parts else []
+    computing = [unit_chain("asan"), unit_chain("tsan")] if "unit" in parts else []
+    patient = []
+    if "lint" in parts:
+        computing.append(lint_tests_chain())
+        patient.append([Step("lint", ["scripts/lint", "--all"], nice=NICE_LINT)])
+    if "fuzz" in parts:
+        computing.append(fuzz_chain(seconds))
+    return [waiting, computing, patient]
+
+
+def main():
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(128 + signal.SIGTERM))
+    seconds, *parts = sys.argv[1:]
+    lanes = lanes_of(parts, seconds)
+    display = Display(sum(len(chain) for lane in lanes for chain in lane))
+    logs = BUILD / "logs"
+    logs.mkdir(parents=True, exist_ok=True)
+    Lanes(ROOT, logs, display).run(lanes)
+    return 0 if display.finish() else 1
+
+
+if __name__ == "__main__":
+    try:
+        sys.exit(main())
+    except KeyboardInterrupt:
+        sys.exit(128 + signal.SIGINT)

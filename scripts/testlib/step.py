@@ -1,0 +1,75 @@
+"""One command of a run of the tests, with its output in a file."""
+
+import os
+import re
+import shutil
+import signal
+import subprocess
+import time
+from dataclasses import dataclass, field
+from pathlib import Path
+
+from testlib.count import count
+
+TAIL_BYTES = 4096
+
+
+@dataclass
+class Step:
+    name: str
+    command: list
+    nice: int = 0
+    reports: Path = None    # the folder of the JUnit reports that the command writes
+    is_test: bool = False   # counts as one, as it writes no reports
+    progress: Path = None   # the file in which the command says "N/M", if not its output
+    shown: str = ""         # a pattern of lines of the output that are shown also if all is well
+    seconds: int = field(default=0, init=False)
+    passed: int = field(default=0, init=False)
+    failed: int = field(default=0, init=False)
+
+    def start(self, root, log):
+        self.log = log
+        if self.reports:
+            shutil.rmtree(self.reports, ignore_errors=True)
+        self.begin = time.monotonic()
+        with open(log, "wb") as output:
+            self.process = subprocess.Popen(["nice", "-n", str(self.nice), *self.command], cwd=root,
+                                            stdin=subprocess.DEVNULL, stdout=output,
+                                            stderr=subprocess.STDOUT, start_new_session=True)
+
+    def wait(self):
+        """Waits for the end of the command. Returns whether it was well."""
+        status = self.process.wait()
+        self.seconds = int(time.monotonic() - self.begin)
+        self._count(status)
+        return status == 0
+
+    def end(self):
+        """Ends the command with all that it has started."""
+        try:
+            os.killpg(self.process.pid, signal.SIGTERM)
+        except ProcessLookupError:
+            pass
+
+    def state(self):
+        """How long the command has run, and how far it is if it says so."""
+        seconds = f"{self.name} {time.monotonic() - self.begin:.0f} s"
+        said = re.findall(r"\b\d+/\d+\b", self._tail())
+        return f"{seconds} ({said[-1]})" if said else seconds
+
+    def _tail(self):
+        try:
+            with open(self.progress or self.log, "rb") as file:
+                file.seek(max(0, os.fstat(file.fileno()).st_size - TAIL_BYTES))
+                return file.read().decode(errors="replace")
+        except OSError:
+            return ""
+
+    def _count(self, status):
+        """A command that fails without a failed test in its reports, by a crash say, is one failure."""
+        if self.reports:
+            self.passed, self.failed = count(self.reports.glob("*.xml"))
+        elif self.is_test and status == 0:
+            self.passed = 1
+        if status != 0 and self.failed == 0:
+            self.failed = 1
