@@ -5,7 +5,9 @@ the compile command, the headers and the .clang-tidy of that source, and takes a
 which some checks say more than of included ones.
 """
 
+import bisect
 import contextlib
+import itertools
 import json
 import os
 import tempfile
@@ -33,6 +35,12 @@ def overlay(files):
         path = Path(folder) / "overlay.json"
         path.write_text(json.dumps({"version": 0, "use-external-names": False, "roots": roots}))
         yield path
+
+
+def source_at(files, line):
+    """The source that a line of the joined text comes from."""
+    ends = list(itertools.accumulate(len(file.lines) for file in files))
+    return files[min(bisect.bisect_left(ends, line), len(files) - 1)]
 
 
 def joined_text(files):

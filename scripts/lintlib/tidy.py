@@ -6,8 +6,9 @@ includes however indirectly, and the versions of the packages that bring clang-t
 Only a clean verdict is remembered.
 
 Most of the time goes into the headers, so sources that are compiled alike are first looked at together. All
-that counts then is that nothing is found: otherwise each half is looked at, down to single sources, whose
-findings are those reported. The checks in ALONE always see a source by itself.
+that counts then is that nothing is found: otherwise the sources with findings, some of which may come from
+names that two sources use, are looked at apart from the others, down to single sources, whose findings are
+those reported. The checks in ALONE always see a source by itself.
 """
 
 import concurrent.futures
@@ -85,20 +86,26 @@ class Checker:
         if len(files) == 1:
             return self._check_alone(files[0])
         alone = [check for check in self._enabled(files[0]) if ALONE.fullmatch(check)]
-        if self._are_clean_together(files, alone):
+        refused = self._refused_together(files, alone)
+        if not refused:
             return set().union(*(self._check_alone(file, alone) for file in files))
-        middle = len(files) // 2
-        return self.check(files[:middle]) | self.check(files[middle:])
+        return self.check(refused) | self.check([file for file in files if file not in refused])
 
     def remembers(self, file):
         """Whether the source was clean when it was last looked at, and is still the same."""
         memory = self._memory(file)
         return memory.exists() and memory.read_text() == self._digest(file)
 
-    def _are_clean_together(self, files, without):
+    def _refused_together(self, files, without):
+        """Those of the sources in which something is found; some of them, if it can't be told which."""
         with joined.overlay(files) as overlay:
             done = self._run(files[0], f"--vfsoverlay={overlay}", "--checks=" + ",-".join(["", *without]))
-        return done.returncode == 0 and not FINDING.search(done.stdout)
+        if done.returncode == 0 and not FINDING.search(done.stdout):
+            return []
+        refused = [joined.source_at(files, int(line)) for path, line, _ in FINDING.findall(done.stdout)
+                   if path == str(files[0].absolute)]
+        refused = [file for file in files if file in refused]
+        return refused if 0 < len(refused) < len(files) else files[:len(files) // 2]
 
     def _check_alone(self, file, checks=None):
         """The findings of these checks in one source, of all without a list. A clean one is remembered."""

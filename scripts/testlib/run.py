@@ -17,7 +17,7 @@ PYTHON = "/usr/bin/python3"
 
 # The functional tests wait for devices and services most of the time: the builds have what they leave of the
 # processors, and clang-tidy what those leave.
-NICE_BUILD = 5
+NICE_BUILD = 10
 NICE_LINT = 19
 
 
