@@ -32,7 +32,7 @@ FINDING = re.compile(r"^(.+?):(\d+):\d+: (?:fatal )?(?:error|warning): (.*)$", r
 
 
 def check_tidy(tree, paths=None):
-    """clang-tidy finds nothing in the sources (all, or those that the given paths touch)."""
+    """clang-tidy finds nothing in the sources (all, or those that a change of the given paths can reach)."""
     sources = [file for file in tree.cpp if not file.is_header and file.is_below(*FOLDERS)]
     if not sources:
         return []
@@ -59,13 +59,9 @@ def configure(tree):
 
 
 def touched(sources, checker, paths):
-    """The changed sources, and for each changed header one source that includes it, its own if it has one."""
-    chosen = {file for file in sources if file.path in paths}
-    for header in [file.path for file in checker.tree.cpp if file.is_header and file.path in paths]:
-        users = [file for file in sources if header in checker.closure(file)]
-        own = [file for file in users if os.path.splitext(file.path)[0] == os.path.splitext(header)[0]]
-        chosen.update((own or users)[:1])
-    return sorted(chosen, key=lambda file: file.path)
+    """The sources that a change can reach: those that are changed, or include what is."""
+    changed = set(paths)
+    return [file for file in sources if not changed.isdisjoint(checker.closure(file))]
 
 
 class Checker:

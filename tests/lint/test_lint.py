@@ -447,7 +447,9 @@ def test_tidy_memory_ends_with_a_change_of_the_checks(tidy):
 
 def test_tidy_checks_what_has_changed_and_with_all_everything(tidy):
     tidy.write(src__A_cpp=USE_AFTER_MOVE, src__B_cpp='#include "B.h"\n', src__B_h="#pragma once\n",
-               src__C_cpp='#include "B.h"\n', _gitignore="/build/\n")
+               src__C_cpp='#include "D.h"\n\nNumber seven() {\n    return 7;\n}\n',
+               src__D_cpp='#include "D.h"\n', src__D_h="#pragma once\n\nusing Number = int;\n",
+               _gitignore="/build/\n")
     git = ["git", "-C", tidy.root, "-c", "user.name=A", "-c", "user.email=a@example.org"]
     subprocess.run([*git, "init", "--quiet"], check=True)
     subprocess.run([*git, "add", "."], check=True)
@@ -456,3 +458,5 @@ def test_tidy_checks_what_has_changed_and_with_all_everything(tidy):
     tidy.write(src__B_h="#pragma once\n\nclass lower_one {};\n")
     assert tidy.findings() == [("src/B.h", 3, "readability-identifier-naming")]
     assert {path for path, _, _ in tidy.findings("--all")} == {"src/A.cpp", "src/B.h"}
+    tidy.write(src__B_h="#pragma once\n", src__D_h="#pragma once\n")
+    assert tidy.findings() == [("src/C.cpp", 3, "clang-diagnostic-error")] # D.cpp is well
