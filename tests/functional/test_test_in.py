@@ -95,8 +95,8 @@ class Checkout:
 
     def start(self, *arguments):
         """As from a terminal: a shell can't take back what was ignored when it began."""
-        return subprocess.Popen(["env", "--default-signal=INT,HUP", self.root / "scripts/test-in", *arguments],
-                                env=self.environment, text=True, stdout=subprocess.PIPE,
+        return subprocess.Popen(["env", "--default-signal=INT,HUP", self.root / "scripts/test-in",
+                                 *arguments], env=self.environment, text=True, stdout=subprocess.PIPE,
                                 stderr=subprocess.PIPE)
 
     def run(self, *arguments):
