@@ -3,7 +3,7 @@ import re
 
 from lab import mounts
 from lab.commands import run
-from lab.kind import Kind, Seed
+from lab.kind import Kind, Sample, Seed
 from lab.used_blocks import Truth
 
 
@@ -64,12 +64,18 @@ def regions(image):
 
 SMALL_GROUPS = ("-b", "1024", "-g", "1024")
 
+USUAL = (
+    Sample("ext4 1K", 90, "ext4", ("-b", "1024")),
+    Sample("ext4 4K", 180, "ext4", ("-b", "4096")),
+)
+
 KIND = Kind(
     name="ext",
     makers={name: (f"mkfs.{name}", "-q", "-F") for name in ("ext2", "ext3", "ext4")},
     label_option="-L",
     mebibytes=64,
     mount=mounts.mounted,
+    can_freeze=True,
     look="ro,noload",
     write="rw",
     calm="noinit_itable", # a new one has tables that the kernel fills when it is idle
@@ -79,6 +85,45 @@ KIND = Kind(
     sleeping=sleeping,
     doubtful=doubtful,
     structures=structures,
+    usual=USUAL,
+    samples=(
+        *USUAL,
+        Sample("ext2 1K", 90, "ext2", ("-b", "1024")),
+        Sample("ext2 2K", 90, "ext2", ("-b", "2048")),
+        Sample("ext2 4K", 180, "ext2", ("-b", "4096")),
+        Sample("ext3 1K", 90, "ext3", ("-b", "1024")),
+        Sample("ext3 2K", 90, "ext3", ("-b", "2048")),
+        Sample("ext3 4K", 180, "ext3", ("-b", "4096")),
+        Sample("ext4 2K", 90, "ext4", ("-b", "2048")),
+        Sample("ext4 1K 64bit", 90, "ext4", ("-b", "1024", "-O", "64bit")),
+        Sample("ext4 4K 64bit", 300, "ext4", ("-b", "4096", "-O", "64bit")),
+        Sample("ext4 4K without 64bit", 300, "ext4", ("-b", "4096", "-O", "^64bit")),
+        Sample("ext4 1K without flex_bg", 90, "ext4", ("-b", "1024", "-O", "^flex_bg")),
+        Sample("ext4 4K without flex_bg", 300, "ext4", ("-b", "4096", "-O", "^flex_bg")),
+        Sample("ext4 1K flex_bg of 4 groups", 90, "ext4", ("-b", "1024", "-G", "4")),
+        Sample("ext4 1K uninit_bg", 90, "ext4", ("-b", "1024", "-O", "^metadata_csum,uninit_bg")),
+        Sample("ext4 1K uninit_bg without flex_bg", 90, "ext4",
+               ("-b", "1024", "-O", "^metadata_csum,uninit_bg,^flex_bg")),
+        Sample("ext4 1K groups of 1000 blocks", 90, "ext4", ("-b", "1024", "-g", "1000")),
+        Sample("ext4 4K short last group", 131, "ext4", ("-b", "4096")),
+        Sample("ext4 1K sparse_super2", 90, "ext4", ("-b", "1024", "-O", "sparse_super2")),
+        Sample("ext4 1K sparse_super2 without flex_bg", 90, "ext4",
+               ("-b", "1024", "-O", "sparse_super2,^flex_bg,^resize_inode")),
+        Sample("ext4 1K without sparse_super", 90, "ext4",
+               ("-b", "1024", "-O", "^sparse_super,^resize_inode")),
+        Sample("ext4 1K without resize_inode, flex_bg", 90, "ext4",
+               ("-b", "1024", "-O", "^resize_inode,^flex_bg")),
+        Sample("ext4 2K inodes of 1024 bytes", 90, "ext4", ("-b", "2048", "-I", "1024", "-O", "^flex_bg")),
+        Sample("ext4 4K as newer tools make it", 300, "ext4",
+               ("-b", "4096", "-O", "metadata_csum_seed,orphan_file")),
+        Sample("ext4 1K mmp, inline_data, verity", 90, "ext4",
+               ("-b", "1024", "-O", "mmp,inline_data,verity")),
+        Sample("ext4 4K fast_commit, large_dir, ea_inode", 300, "ext4",
+               ("-b", "4096", "-O", "fast_commit,large_dir,ea_inode,stable_inodes")),
+        Sample("ext4 4K encrypt", 300, "ext4", ("-b", "4096", "-O", "encrypt")),
+        Sample("ext4 1K meta_bg with one descriptor block", 120, "ext4",
+               ("-b", "1024", "-O", "meta_bg,^resize_inode")),
+    ),
     regions=regions,
     seeds=(
         Seed("ext2", "ext2", 9, ("-b", "1024")),

@@ -9,13 +9,25 @@ class Format:
 
     makers        by file system, named as the kernel does: the tool that makes one, with the options that
                   keep it quiet and have it write over whatever is there
-    label_option  the option of these tools that a label follows
-    mount         mount(device, mount_point, options, file_system), a context manager; makes the directory
+    label_option  the option of these tools that a label follows; None where there are no labels
+    mount         mount(device, mount_point, options, file_system), a context manager; makes the directory.
+                  None where none can be mounted
     """
 
     makers: dict
-    label_option: str
-    mount: Callable
+    label_option: str | None
+    mount: Callable | None
+
+
+@dataclasses.dataclass(frozen=True)
+class Sample:
+    """A volume of a usual size that the agent's map is compared with the truth on. `options` are of the tool
+    that makes it."""
+
+    name: str
+    mebibytes: int
+    file_system: str
+    options: tuple = ()
 
 
 @dataclasses.dataclass(frozen=True)
@@ -38,6 +50,7 @@ class Kind(Format):
 
     name          of the parser: that of its folder
     mebibytes     of a small volume
+    can_freeze    whether one that is mounted can be frozen
     look          mount options that show a copy as it stands: nothing is written, no journal is replayed
     write         mount options that let a copy be written to beside its volume
     calm          mount options with which the kernel writes nothing in the background
@@ -49,20 +62,30 @@ class Kind(Format):
     doubtful      doubtful(volume) is the numbers of the free blocks that the agent may take for used ones
     structures    structures(device, root) is where some structures of a mounted volume lie that it can't do
                   without: {offset: a pattern of what is said of the volume without them}
+    usual         those of the samples that images like those of backups are made of
+    samples       Samples
     regions       regions(image) is all that the parser may read of an image: (offset, length) in bytes
     seeds         Seeds
+
+    What is in ONLY_MOUNTED is None where none can be mounted.
     """
 
     name: str
     mebibytes: int
-    look: str
-    write: str
-    calm: str
+    can_freeze: bool
+    look: str | None
+    write: str | None
+    calm: str | None
     check: tuple
     needs_replay: bool
     truth: Callable
     sleeping: Callable
     doubtful: Callable
-    structures: Callable
+    structures: Callable | None
+    usual: tuple | None
+    samples: tuple
     regions: Callable
     seeds: tuple
+
+
+ONLY_MOUNTED = ("look", "write", "calm", "structures", "usual")

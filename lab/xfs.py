@@ -4,7 +4,7 @@ import struct
 
 from lab import mounts
 from lab.commands import run
-from lab.kind import Kind, Seed
+from lab.kind import Kind, Sample, Seed
 from lab.used_blocks import Truth
 
 FREE_LIST_ENTRIES = 119 # that the agent reads: those in 512 bytes, behind a header with the checksum
@@ -80,12 +80,17 @@ def tree_regions(file, begin, size, root):
 SMALLEST = 300
 LARGE_SECTORS = ("-s", "size=4096")
 
+USUAL = (
+    Sample("xfs 4K 4 groups", 300, "xfs", ("-b", "size=4096", "-d", "agcount=4")),
+)
+
 KIND = Kind(
     name="xfs",
     makers={"xfs": ("mkfs.xfs", "-q", "-f")},
     label_option="-L",
     mebibytes=SMALLEST,
     mount=mounts.mounted,
+    can_freeze=True,
     look="ro,nouuid,norecovery",
     write="rw,nouuid",
     calm="defaults",
@@ -95,6 +100,22 @@ KIND = Kind(
     sleeping=sleeping,
     doubtful=doubtful,
     structures=structures,
+    usual=USUAL,
+    samples=(
+        *USUAL,
+        Sample("xfs 4K 16 groups", 1280, "xfs", ("-b", "size=4096", "-d", "agcount=16")),
+        Sample("xfs 4K 64 groups", 5120, "xfs", ("-b", "size=4096", "-d", "agcount=64")),
+        Sample("xfs 1K 4 groups", 300, "xfs", ("-b", "size=1024", "-d", "agcount=4")),
+        Sample("xfs 1K 6 groups", 480, "xfs", ("-b", "size=1024", "-d", "agcount=6")),
+        Sample("xfs 4K without finobt, reflink", 300, "xfs", ("-m", "finobt=0,reflink=0")),
+        Sample("xfs 4K rmapbt", 300, "xfs", ("-m", "rmapbt=1")),
+        Sample("xfs 4K sectors of 512", 300, "xfs", ("-s", "size=512")),
+        Sample("xfs 4K sectors of 4096", 300, "xfs", ("-s", "size=4096")),
+        Sample("xfs 4K sectors of 2048, 6 groups", 480, "xfs", ("-s", "size=2048", "-d", "agcount=6")),
+        Sample("xfs 1K sectors of 1024", 300, "xfs", ("-b", "size=1024", "-s", "size=1024")),
+        Sample("xfs 4K bigtime, inobtcount, nrext64", 300, "xfs",
+               ("-m", "bigtime=1,inobtcount=1", "-i", "nrext64=1,sparse=1")),
+    ),
     regions=regions,
     seeds=(
         Seed("xfs", "xfs", SMALLEST),

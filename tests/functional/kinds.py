@@ -7,6 +7,7 @@ import re
 
 from lab.commands import run
 from lab.daemon import program
+from lab.kind import ONLY_MOUNTED
 
 SECTION = re.compile(r"^## A file system$(.*?)(?=^## |\Z)", re.MULTILINE | re.DOTALL)
 PIECE = re.compile(r"^\| `([^`]*KIND[^`]*)`", re.MULTILINE)
@@ -51,9 +52,12 @@ def unknown_parsers(root, kinds):
 
 def missing_in(row):
     """What a row of the lab's table leaves open: a list of "kind: field"."""
-    return [f"{row.name}: {field.name}" for field in dataclasses.fields(row)
-            if not is_given(getattr(row, field.name), field.type)]
+    return [f"{row.name}: {field.name}" for field in dataclasses.fields(row) if not is_given(row, field)]
 
 
-def is_given(value, kind):
-    return isinstance(value, kind) and (kind is bool or bool(value))
+def is_given(row, field):
+    """Whether a field has something in it, or None where its type and the kind allow that."""
+    value = getattr(row, field.name)
+    if value is None and field.name in ONLY_MOUNTED:
+        return row.mount is None
+    return isinstance(value, field.type) and (value is None or field.type is bool or bool(value))

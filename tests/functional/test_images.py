@@ -22,7 +22,6 @@ from lab.volumes import Disk, Volume
 from snapshot_site import SnapshotSite
 
 MIB = 1 << 20
-KINDS = {"ext4 1K": ("ext4", 320), "ext4 4K": ("ext4", 520), "xfs": ("xfs", 320)}
 BIG = "ein großes Büro.bin"
 
 
@@ -92,11 +91,11 @@ def fill_as_user(root):
     os.sync()
 
 
-@pytest.fixture(scope="module", params=KINDS)
+@pytest.fixture(scope="module", params=filesystems.usual_samples(), ids=lambda sample: sample.name)
 def volume(request, private_machine):
     """A volume that nobody writes to any more, and the directory where it is mounted."""
-    file_system, mebibytes = KINDS[request.param]
-    with Disk([Volume("data", file_system, mebibytes)]) as disk, \
+    sample = request.param
+    with Disk([Volume("data", sample.file_system, sample.mebibytes, making=sample.options)]) as disk, \
             disk["data"].mounted("/mnt/Büro und Lager") as mount_point:
         root = pathlib.Path(mount_point)
         fill(root)
