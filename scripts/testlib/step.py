@@ -33,9 +33,11 @@ class Step:
             shutil.rmtree(self.reports, ignore_errors=True)
         self.begin = time.monotonic()
         with open(log, "wb") as output:
+            # A group of its own, to be ended with all its children, but no session: many kernels share the
+            # processors among sessions first, and then nobody yields to another one's steps by being nice.
             self.process = subprocess.Popen(["nice", "-n", str(self.nice), *self.command], cwd=root,
                                             stdin=subprocess.DEVNULL, stdout=output,
-                                            stderr=subprocess.STDOUT, start_new_session=True)
+                                            stderr=subprocess.STDOUT, process_group=0)
 
     def wait(self):
         """Waits for the end of the command. Returns whether it was well."""

@@ -40,7 +40,7 @@ constexpr std::uint64_t mebibyte = 1 << 20;
 /// What the search for volumes fails with.
 std::string failureOf(const VolumeProvider& provider) {
     try {
-        provider.getBackupableVolumes();
+        static_cast<void>(provider.getBackupableVolumes());
     } catch (const std::runtime_error& error) {
         return error.what();
     }

@@ -42,7 +42,7 @@ TEST_F(TransportKindTest, MakingOneConnectsNothing) {
 
 TEST_F(TransportKindTest, IscsiTransportIsThatOfTheImage) {
     iscsi.lastBlock = 15;
-    iscsi.disk.resize(16 * 512);
+    iscsi.disk.resize(std::size_t{16} * 512);
     iscsi.disk[4096] = 7;
     const std::shared_ptr<ITransport> transport = make("");
     ASSERT_TRUE(transport->connect(false));
