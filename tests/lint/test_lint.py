@@ -87,10 +87,14 @@ BROKEN = [
     ("leftovers", "src/common/Branch.cpp", "// if (count > 1) {\n", 1),
     ("leftovers", "src/common/Return.cpp", "// return count;\n", 1),
     # What the rule has to refuse: contents of the trees that it is tried on, no tests of this one.
-    ("leftovers", "tests/unit/Off.cpp", "TEST(Thing, DISABLED_Off) {\n    EXPECT_TRUE(a());\n}\n", 1), # bait
-    ("leftovers", "tests/unit/Skip.cpp", "void skip() {\n    GTEST_SKIP();\n}\n", 2), # bait
-    ("leftovers", "tests/skip.py", "import pytest\n\npytest.skip('later')\n", 3), # bait
-    ("leftovers", "tests/mark.py", "import pytest\n@pytest.mark.xfail\ndef one():\n    return 1\n", 2), # bait
+    ("leftovers", "tests/unit/Off.cpp",
+     "TEST(Thing, DISABLED_Off) {\n    EXPECT_TRUE(a());\n}\n", 1), # bait: text that the rule must find
+    ("leftovers", "tests/unit/Skip.cpp",
+     "void skip() {\n    GTEST_SKIP();\n}\n", 2), # bait: text that the rule must find
+    ("leftovers", "tests/skip.py",
+     "import pytest\n\npytest.skip('later')\n", 3), # bait: text that the rule must find
+    ("leftovers", "tests/mark.py",
+     "import pytest\n@pytest.mark.xfail\ndef one():\n    return 1\n", 2), # bait: text that the rule must find
     ("leftovers", "scripts/call.py", "A = 1\n# print(A)\n", 2),
     ("leftovers", "scripts/branch.py", "A = 1\n# if A > 1:\n", 2),
     ("whitespace", "notes.txt", "one\ntwo \n", 2),
