@@ -207,7 +207,7 @@ def unescape(path):
 
 
 def extents_of(file):
-    text = run("filefrag", "-s", "-v", file)
+    text = run("filefrag", "-e", "-s", "-v", file)
     found = re.search(r"blocks? of (\d+) bytes\)", text)
     unit = int(found[1])
     return [(int(begin) * unit, int(length) * unit) for begin, length in
