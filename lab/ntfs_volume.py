@@ -10,7 +10,7 @@
 import struct
 
 SECTOR = 512 # that the ends of records are protected by, whatever the sectors of the volume
-MFT, MFT_MIRROR, BITMAP = 0, 1, 6
+MFT, MFT_MIRROR, BITMAP, CAPITALS = 0, 1, 6, 10 # records
 MIRRORED = 4 # records that the mirror has
 ATTRIBUTE_LIST, DATA, END = 0x20, 0x80, 0xFFFFFFFF
 NUMBER = (1 << 48) - 1 # that part of a reference which is the number of a record
