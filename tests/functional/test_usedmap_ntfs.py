@@ -162,9 +162,18 @@ def test_damaged_record_of_the_bitmap_is_refused(directory):
     image = make(directory, 24, 4096)
     agreed(image, "ntfs")
     with open(image, "rb") as file:
-        end = NtfsVolume(file).place_of(BITMAP) + 512
-    overwrite(image, end - 2, b"xx")
+        begin = NtfsVolume(file).places_of(BITMAP)[0][0]
+    overwrite(image, begin + 510, b"xx")
     assert f"{FAILED} -226" in refused(image)
+
+
+def test_record_in_two_pieces_is_refused(directory):
+    image = make(directory, 24, 512)
+    scatter(image, MFT, 10)
+    with open(image, "rb") as file:
+        assert len(NtfsVolume(file).places_of(BITMAP)) == 2
+    assert filesystems.truth_of(image, "ntfs").free
+    assert "NTFS: A file record is in two pieces." in refused(image)
 
 
 def test_clusters_of_three_sectors_are_refused(directory):
