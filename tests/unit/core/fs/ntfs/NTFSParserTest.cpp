@@ -257,6 +257,20 @@ TEST_F(NTFSParserTest, VolumeThatIsNotRecognisedHasNoClusters) {
     EXPECT_EQ(parser.getBlockSize(), 0U);
 }
 
+TEST_F(NTFSParserTest, VolumeThatIsNoLongerRecognisedHasNone) {
+    make({});
+    NTFSParser parser(record.logger, image->volume, 512);
+    EXPECT_TRUE(parser.recognize());
+    image->volume.failReads(0, 1);
+    EXPECT_FALSE(parser.recognize());
+    EXPECT_EQ(parser.getBitmapChunk(0, nullptr, 0), -174);
+    image->volume.failReads(0, 0);
+    EXPECT_TRUE(parser.recognize());
+    image->volume.at(3) = 'n';
+    EXPECT_FALSE(parser.recognize());
+    EXPECT_EQ(parser.getBitmapChunk(0, nullptr, 0), -174);
+}
+
 TEST_F(NTFSParserTest, ClustersOfThreeSectorsAreCountedTwice) {
     make({});
     image->volume.at(13) = 3;
