@@ -619,12 +619,12 @@ TEST_F(NTFSParserTest, UnreadableBitmapIsRefused) {
     make({.clusterCount = 60'000});
     image->setBitmap({{300, 1}, {5000, 1}});
     const std::string reason = "NTFS: Can't read the bitmap.";
-    image->volume.failReads(5000 * 4096, 5000 * 4096 + 1);
+    image->volume.failReads(5000UL * 4096, 5000UL * 4096 + 1);
     expectRefusal(reason);
     image->volume.failReads(0, 0);
-    image->volume.size = 5001 * 4096 - 512;
+    image->volume.size = 5001UL * 4096 - 512;
     expectRefusal(reason);
-    image->volume.size = 5001 * 4096;
+    image->volume.size = 5001UL * 4096;
     EXPECT_EQ(parse(), 2 * clusterBits);
 }
 
