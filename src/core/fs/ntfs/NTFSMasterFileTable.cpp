@@ -60,10 +60,7 @@ std::int64_t NTFSMasterFileTable::readInode(std::uint64_t inode, NTFSRecord& buf
     }
     const std::uint64_t recordSize = boot.mftRecordSize();
     const unsigned clusterShift = shiftOf(boot.clusterBytes());
-    if (inode > (boot.clusterCount() << clusterShift) >> shiftOf(recordSize)) {
-        return ntfs_error::recordUnreadable;
-    }
-    const std::uint64_t byteOffset = inode << shiftOf(recordSize);
+    const std::uint64_t byteOffset = inode << shiftOf(recordSize); // of 48 bits and of 16
     const NTFSDataRuns table = dataOf(mftRecord0).value_or(NTFSDataRuns{});
     const auto [run, firstVcn] = placeOf(byteOffset >> clusterShift, table.runs);
     const std::uint64_t offsetInRun = byteOffset - (firstVcn << clusterShift);

@@ -515,6 +515,9 @@ TEST_F(NTFSParserTest, BitmapMustHaveBeenWrittenUpToTheLastCluster) {
     expectRefusal(reason);
     image->setRecord(6, {NtfsImage::dataOf(image->bitmap, {.initialized = 1249})});
     expectRefusal(reason);
+    make({.clusterCount = 10'001}); // one more, in a byte of its own
+    image->setRecord(6, {NtfsImage::dataOf(image->bitmap, {.size = 1250})});
+    expectRefusal(reason);
 }
 
 TEST_F(NTFSParserTest, RunsOutsideOfTheVolumeAreRefused) {
