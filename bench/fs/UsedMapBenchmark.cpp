@@ -18,9 +18,9 @@
 #include <vector>
 
 /// What the map of a volume's used blocks costs, beside reading the same bytes in the same order and clearing
-/// the buffer at each call, which nobody can do without. Both read past the page cache, in turns, and what the
-/// one reads into the map the other reads to there too: memory in many pieces is slower to read into. Prints
-/// one line a volume, with the most memory that the process took for the map.
+/// the buffer at each call, which nobody can do without. Both read past the page cache, in turns. What one
+/// reads right into the map the other reads to there as well, as it counts which memory it is. Prints one
+/// line a volume, with the most memory that the process took for the map.
 namespace agent::bench {
 namespace {
 
