@@ -64,12 +64,11 @@ std::int64_t NTFSMasterFileTable::readInode(std::uint64_t inode, NTFSRecord& buf
         return ntfs_error::recordUnreadable;
     }
     const std::uint64_t byteOffset = inode << shiftOf(recordSize);
-    const std::optional<NTFSDataRuns> table = dataOf(mftRecord0);
-    const std::vector<NTFSRun> runs = table ? table->runs : std::vector<NTFSRun>{};
-    const auto [run, firstVcn] = placeOf(byteOffset >> clusterShift, runs);
+    const NTFSDataRuns table = dataOf(mftRecord0).value_or(NTFSDataRuns{});
+    const auto [run, firstVcn] = placeOf(byteOffset >> clusterShift, table.runs);
     const std::uint64_t offsetInRun = byteOffset - (firstVcn << clusterShift);
     const std::uint64_t runBytes = static_cast<std::uint64_t>(run.length) << clusterShift;
-    if (run.lcn == 0 || offsetInRun >= runBytes) {
+    if (offsetInRun >= runBytes) {
         return ntfs_error::recordUnreadable;
     }
     require(runBytes - offsetInRun >= recordSize, "NTFS: A file record is in two pieces.");
@@ -78,12 +77,12 @@ std::int64_t NTFSMasterFileTable::readInode(std::uint64_t inode, NTFSRecord& buf
     return records.readMftRecord(inode, diskOffset, buffer);
 }
 
-/// {0, 0} where no run has it: nothing of the table can be in the volume's first cluster.
+/// Of no clusters where no run has it.
 NTFSMasterFileTable::Place NTFSMasterFileTable::placeOf(std::uint64_t vcn, const std::vector<NTFSRun>& runs) {
     std::uint64_t firstVcn = 0;
     for (const NTFSRun& run : runs) {
         const std::uint64_t endVcn = firstVcn + static_cast<std::uint64_t>(run.length);
-        if (run.lcn >= -1 && endVcn > vcn) {
+        if (endVcn > vcn) {
             return {run, firstVcn};
         }
         firstVcn = endVcn;
