@@ -32,6 +32,7 @@ AGED = 20 * 1024
 SLOWEST = 1.25
 LARGEST = 80
 ROUNDS = 5
+LONG = 10 # seconds
 HOLES = 30_000
 LAZY = ("-E", "lazy_itable_init=1,lazy_journal_init=1,nodiscard", "-b", "4096")
 PARTCLONE = ("--domain", "--offset_domain=0", "--force", "--logfile", "/dev/null", "--overwrite", "/dev/null",
@@ -72,6 +73,7 @@ VOLUMES = {
     "xfs of 20 GiB, aged": Volume(AGED, "xfs", ("-K",), wear),
     "xfs of nearly 16 TiB, sparse": Volume(16 * TEBIBYTE - 1024, "xfs", ("-K",)),
     "ntfs of 1 TiB, sparse": Volume(TEBIBYTE, "ntfs"),
+    "ntfs of nearly 16 TiB, sparse": Volume(16 * TEBIBYTE - 1024, "ntfs"),
     "ntfs of 20 GiB, aged": Volume(AGED, "ntfs", use=wear_with_files),
 }
 
@@ -84,9 +86,9 @@ def forget(image):
 
 
 def seconds_of(command):
-    """The median of some runs."""
+    """The median of some runs, of fewer where they take long."""
     found = []
-    for _ in range(ROUNDS):
+    while len(found) < ROUNDS and sum(found) < LONG:
         forget(command[-1])
         begin = time.monotonic()
         run(*command)
