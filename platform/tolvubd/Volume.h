@@ -19,8 +19,8 @@ struct Volume {
     std::vector<ProcessName> servers;     ///< which are its file system; none where that is the kernel
 };
 
-/// ENOTBLK for what isn't a block device, ENODEV for one that isn't mounted, EBUSY for one whose file system is
-/// a process that is stopped, EDEADLK where that process waits for this one. Asks no file system itself.
+/// ENOTBLK for what isn't a block device, ENODEV for one that isn't mounted. EBUSY for one whose file system
+/// is a process that is stopped, EDEADLK where that process may wait for this one. Touches no mount.
 Volume findVolume(const std::string& blockDevice);
 
 /// A path on a volume, split where the file system begins.
