@@ -8,9 +8,11 @@ reading "answer" has it run the command and is what that prints.
 import errno
 import os
 import pathlib
+import random
 import stat
 import subprocess
 import sys
+import threading
 import time
 
 from lab.commands import run
@@ -56,6 +58,41 @@ def is_stopped(process):
 
 def wait_until_stopped(process):
     wait_until(lambda: is_stopped(process), 20, f"process {process} stopped")
+
+
+class Load:
+    """Writes, appends to and removes files for as long as the context lasts."""
+
+    def __init__(self, folder):
+        self._folder = folder
+        self._source = random.Random(1)
+        self._end = threading.Event()
+        self._thread = threading.Thread(target=self._work)
+        self._changes = 0
+
+    def wait_for_more(self):
+        """Until it has gone on for a while."""
+        before = self._changes
+        wait_until(lambda: self._changes > before + 20, 20, "changes")
+
+    def _work(self):
+        while not self._end.is_set():
+            path = self._folder / f"f{self._source.randrange(400)}"
+            if self._source.random() < .4:
+                path.unlink(missing_ok=True)
+            else:
+                with open(path, self._source.choice(("ab", "wb"))) as file:
+                    file.write(self._source.randbytes(self._source.randrange(40_000)))
+            self._changes += 1
+
+    def __enter__(self):
+        self._folder.mkdir(exist_ok=True)
+        self._thread.start()
+        return self
+
+    def __exit__(self, *_exception):
+        self._end.set()
+        self._thread.join()
 
 
 class Served(Service):

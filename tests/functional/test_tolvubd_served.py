@@ -3,7 +3,6 @@ import contextlib
 import errno
 import os
 import pathlib
-import random
 import re
 import signal
 import subprocess
@@ -18,7 +17,7 @@ from lab.daemon import program
 from lab.driver import STORE, forget_devices, nodes, stored_state
 from lab.filesystems import truth_of
 from lab.services import wait_until
-from served import Served, is_stopped, server_of, state_of, wait_until_stopped
+from served import Load, Served, is_stopped, server_of, state_of, wait_until_stopped
 from snapshot_site import check_writable
 from tolvubd_site import (Cow, SNAPSHOT, Volume, call, cow_files, must, started_driver, states, stored,
                           tolvuctl)
@@ -58,41 +57,6 @@ def volume(fresh_driver):
 @pytest.fixture
 def server(volume):
     return server_of(volume.device)
-
-
-class Load:
-    """Writes, appends to and removes files for as long as the context lasts."""
-
-    def __init__(self, folder):
-        self._folder = folder
-        self._source = random.Random(1)
-        self._end = threading.Event()
-        self._thread = threading.Thread(target=self._work)
-        self._changes = 0
-
-    def wait_for_more(self):
-        """Until it has gone on for a while."""
-        before = self._changes
-        wait_until(lambda: self._changes > before + 20, 20, "changes")
-
-    def _work(self):
-        while not self._end.is_set():
-            path = self._folder / f"f{self._source.randrange(400)}"
-            if self._source.random() < .4:
-                path.unlink(missing_ok=True)
-            else:
-                with open(path, self._source.choice(("ab", "wb"))) as file:
-                    file.write(self._source.randbytes(self._source.randrange(40_000)))
-            self._changes += 1
-
-    def __enter__(self):
-        self._folder.mkdir(exist_ok=True)
-        self._thread.start()
-        return self
-
-    def __exit__(self, *_exception):
-        self._end.set()
-        self._thread.join()
 
 
 def check_consistent(capture):
