@@ -69,6 +69,8 @@ class Kind(Format):
     regions       regions(image) is all that the parser may read of an image: (offset, length) in bytes
     seeds         Seeds
     goes_on       whether a map may go on behind the last block of the file system, up to a whole piece of it
+    tells_extents whether a file can be asked for its extents; where not, a backup copies also the files that
+                  nobody needs, those of the driver and the agent
 
     What is in ONLY_MOUNTED is None where none can be mounted.
     """
@@ -90,6 +92,7 @@ class Kind(Format):
     regions: Callable
     seeds: tuple
     goes_on: bool = False
+    tells_extents: bool = True
 
 
 ONLY_MOUNTED = ("look", "write", "calm", "structures", "usual")

@@ -160,4 +160,5 @@ KIND = Kind(
         Seed("ntfs_listed", "ntfs", 20, steps=(functools.partial(list_attributes, number=BITMAP),)),
     ),
     goes_on=True, # the map is clusters in whole
+    tells_extents=False,
 )
