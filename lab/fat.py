@@ -2,8 +2,10 @@
 import contextlib
 import dataclasses
 import pathlib
+import re
 import struct
 
+from lab.commands import run
 from lab.fuse_mounts import FuseMount
 from lab.kind import Kind, Sample, Seed
 from lab.oracles import partclone
@@ -86,9 +88,17 @@ def doubtful(volume):
 
 
 def structures(device, _root):
-    """The boot sector, and the first cluster, which has the root directory."""
-    return {0: "fsck.fat .* status [1-9]",
-            Geometry.of(device).data: "fsck.fat .* status [1-9]"}
+    """The boot sector, the first FAT, and the first cluster, which has the root directory."""
+    geometry = Geometry.of(device)
+    return {0: "Logical sector size", geometry.fat: "FATs differ", geometry.data: "bad entries"}
+
+
+def extents(device, _root, name):
+    """Its driver doesn't tell."""
+    geometry = Geometry.of(device)
+    clusters = re.findall(r"[<,] ?(\d+)(?:-(\d+))?", run("mshowfat", "-i", device, f"::/{name}"))
+    return [(geometry.data + (int(first) - RESERVED) * geometry.cluster,
+             (int(last or first) - int(first) + 1) * geometry.cluster) for first, last in clusters]
 
 
 def regions(image):
@@ -111,7 +121,7 @@ KIND = Kind(
     write="rw+",
     calm="rw+",
     check=("fsck.fat", "-n"),
-    needs_replay=False,
+    needs_replay=True, # a volume in use is marked as such until it is unmounted
     truth=truth,
     sleeping=sleeping,
     doubtful=doubtful,
@@ -135,4 +145,6 @@ KIND = Kind(
         Seed("fat_sectors_4k", "vfat", 300, ("-S", "4096", "-s", "1"), sector_exponent=3),
         Seed("fat_64k", "vfat", 200, ("-s", "128"), is_mounted=False),
     ),
+    is_plain=True, # as far as the driver goes: of a file that is cut it frees clusters that are still in use
+    extents=extents,
 )

@@ -28,6 +28,7 @@ class FuseMount(Service):
     def stop(self):
         if os.path.ismount(self._mount_point):
             run("umount", self._mount_point)
+            self._process.wait(SECONDS) # it still has to say on the disk that the volume is in order
         super().stop()
         if self._keeper:
             self._keeper.wait(SECONDS)

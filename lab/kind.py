@@ -66,6 +66,10 @@ class Kind(Format):
     samples       Samples
     regions       regions(image) is all that the parser may read of an image: (offset, length) in bytes
     seeds         Seeds
+    is_plain      whether files are names in ASCII and content: they have no owners, links or holes, and nobody
+                  cuts them
+    extents       extents(device, root, name) is where a file of a mounted volume lies: (offset, length) in
+                  bytes. None where the kernel can be asked
 
     What is in ONLY_MOUNTED is None where none can be mounted.
     """
@@ -86,6 +90,8 @@ class Kind(Format):
     samples: tuple
     regions: Callable
     seeds: tuple
+    is_plain: bool = False
+    extents: Callable | None = None
 
 
 ONLY_MOUNTED = ("look", "write", "calm", "structures", "usual")
