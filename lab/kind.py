@@ -66,8 +66,8 @@ class Kind(Format):
     samples       Samples
     regions       regions(image) is all that the parser may read of an image: (offset, length) in bytes
     seeds         Seeds
-    is_plain      whether files are names in ASCII and content: they have no owners, links or holes, and nobody
-                  cuts them
+    is_plain      whether files are names in ASCII and content: they have no owners, links or holes, and are
+                  never cut
     extents       extents(device, root, name) is where a file of a mounted volume lies: (offset, length) in
                   bytes. None where the kernel can be asked
 

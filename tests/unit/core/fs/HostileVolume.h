@@ -31,7 +31,7 @@ inline std::int64_t parse(test::MemoryVolume& volume) {
 
 inline testing::AssertionResult isBounded(test::MemoryVolume& volume) {
     const std::int64_t blocks = parse(volume);
-    if (blocks < -2 || blocks > static_cast<std::int64_t>(bufferBytes * 8)) {
+    if (blocks > static_cast<std::int64_t>(bufferBytes * 8)) {
         return testing::AssertionFailure() << "it tells of " << blocks << " blocks";
     }
     if (volume.requests.size() > mostReads) {
