@@ -25,6 +25,8 @@ LAZY = ("-E", "lazy_itable_init=1,lazy_journal_init=1,nodiscard", "-b", "4096")
 VOLUMES = {
     "ext4 of 1 TiB, sparse": (TEBIBYTE, False, ("ext4", *LAZY)),
     "ext4 of 20 GiB, aged": (20 * 1024, True, ("ext4", *LAZY)),
+    "fat of 1 TiB, sparse": (TEBIBYTE, False, ("vfat", "-s", "64")),
+    "fat of 1 TiB, sparse, straddling": (TEBIBYTE, False, ("vfat", "-s", "64", "-a", "-R", "33")),
     "xfs of 1 TiB, sparse": (TEBIBYTE, False, ("xfs", "-K")),
     "xfs of 20 GiB, aged": (20 * 1024, True, ("xfs", "-K")),
     "xfs of nearly 16 TiB, sparse": (16 * TEBIBYTE - 1024, False, ("xfs", "-K")),
