@@ -1,14 +1,15 @@
 """FAT32. Few servers have a kernel that mounts it, so its driver is a process here."""
 import contextlib
 import dataclasses
+import functools
 import pathlib
 import re
 import struct
 
+from lab import oracles
 from lab.commands import run
 from lab.fuse_mounts import FuseMount
 from lab.kind import Kind, Sample, Seed
-from lab.oracles import partclone
 from lab.used_blocks import Truth
 
 BOOT_SECTOR = 512
@@ -62,12 +63,16 @@ class Geometry:
 
 
 def truth(volume):
-    """A block is used if any byte of it is: it may be a part of two clusters, or of the FATs and a cluster.
-    What lies behind the last cluster, too short for one more, is nothing that is used."""
+    return truth_by(functools.partial(oracles.partclone, "vfat"), volume)
+
+
+def truth_by(oracle, volume):
+    """What an oracle says of the sectors. A block is used if any byte of it is: it may be a part of two
+    clusters, or of the FATs and a cluster. What lies behind the last cluster, too short for one more, is
+    nothing that is used."""
     geometry = Geometry.of(volume)
-    sectors = partclone(volume, "vfat", geometry.sector)
     used = set()
-    for begin, length in sectors.used_extents():
+    for begin, length in oracle(volume, geometry.sector).used_extents():
         end = min(begin + length, geometry.end)
         if begin < end:
             used.update(range(begin // geometry.cluster, -(-end // geometry.cluster)))

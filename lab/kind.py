@@ -33,7 +33,8 @@ class Sample:
 @dataclasses.dataclass(frozen=True)
 class Seed:
     """A volume that the fuzzing of a parser begins with. It is aged, and has so many holes of a block each,
-    unless kernels no longer mount what it is; its device has sectors of 512 << `sector_exponent` bytes."""
+    unless kernels no longer mount what it is; its device has sectors of 512 << `sector_exponent` bytes. At
+    last the image is handed to each of the `steps`."""
 
     name: str
     file_system: str
@@ -42,6 +43,7 @@ class Seed:
     is_mounted: bool = True
     holes: int = 0
     sector_exponent: int = 0
+    steps: tuple = ()
 
 
 @dataclasses.dataclass(frozen=True)
@@ -70,6 +72,7 @@ class Kind(Format):
                   never cut
     extents       extents(device, root, name) is where a file of a mounted volume lies: (offset, length) in
                   bytes. None where the kernel can be asked
+    goes_on       whether a map may go on behind the last block of the file system, up to a whole piece of it
 
     What is in ONLY_MOUNTED is None where none can be mounted.
     """
@@ -92,6 +95,7 @@ class Kind(Format):
     seeds: tuple
     is_plain: bool = False
     extents: Callable | None = None
+    goes_on: bool = False
 
 
 ONLY_MOUNTED = ("look", "write", "calm", "structures", "usual")

@@ -1,7 +1,7 @@
 """Which blocks of a volume are used, by programs that had no part in making it. None of them shares its
 code with another, so two that agree with a map have come to it by ways of their own.
 
-    partclone(image, "ntfs", 4096).free == sleuthkit(image, "ntfs", 4096).free
+    partclone("ntfs", image, 4096).free == sleuthkit("ntfs", image, 4096).free
 
 Each asks for a device or an image and the size in bytes of the blocks that the answer is to have, block 0
 being that at byte 0, and returns a Truth. One that can't read the volume is an OSError.
@@ -17,7 +17,7 @@ DOMAIN_LINE = re.compile(r"^0x([0-9A-F]+)\s+0x([0-9A-F]+)\s+([+?])$", re.MULTILI
 UNIT_LINE = re.compile(r"^(\d+)\|([af])$", re.MULTILINE)
 
 
-def partclone(volume, program, block_size):
+def partclone(program, volume, block_size):
     """By partclone.PROGRAM: "ntfs", "vfat" or "hfsp". It tells bytes: a block of which a byte is used is
     used, and the last one may be cut off by the end of the volume."""
     with tempfile.TemporaryDirectory(prefix="domain-") as directory:
@@ -39,7 +39,7 @@ def within(begin, end, block_size):
     return first, end // block_size - first
 
 
-def sleuthkit(volume, kind, block_size):
+def sleuthkit(kind, volume, block_size):
     """By blkls for a KIND of its own: "ntfs", "fat" or "hfs". It tells units, which `block_size` has to be
     the size of: clusters of NTFS, sectors of FAT, allocation blocks of HFS+."""
     units = UNIT_LINE.findall(run("blkls", "-f", kind, "-l", "-e", volume))
