@@ -19,11 +19,12 @@ RESERVED = 2 # the first entries, which stand for no cluster
 
 @contextlib.contextmanager
 def mounted(device, mount_point, options, _file_system):
-    """By default it can be written to, as with a kernel."""
+    """By default it can be written to, as with a kernel. The driver loses the clusters of a file that is cut
+    while it is open; so one that is written anew keeps its length, and what is behind the new content."""
     mount_point = pathlib.Path(mount_point)
     mount_point.mkdir(parents=True, exist_ok=True)
-    options = "rw+" if options == "defaults" else options
-    command = ("fusefat", "-f", "-o", f"blkdev,fsname={device},{options}", str(device), str(mount_point))
+    options = f"blkdev,atomic_o_trunc,fsname={device},{'rw+' if options == 'defaults' else options}"
+    command = ("fusefat", "-f", "-o", options, str(device), str(mount_point))
     with FuseMount(command, mount_point):
         yield mount_point
 
@@ -150,6 +151,6 @@ KIND = Kind(
         Seed("fat_sectors_4k", "vfat", 300, ("-S", "4096", "-s", "1"), sector_exponent=3),
         Seed("fat_64k", "vfat", 200, ("-s", "128"), is_mounted=False),
     ),
-    is_plain=True, # as far as the driver goes: of a file that is cut it frees clusters that are still in use
+    is_plain=True,
     extents=extents,
 )
