@@ -189,7 +189,14 @@ def pieces(extents):
 def extents_of_files(volume, file_system, names):
     """(offset, length) on the volume of the files of these names, as far as there are any."""
     with tree_of(volume, file_system) as root:
-        return [extent for name in names if (root / name).exists() for extent in extents_of(root / name)]
+        return [extent for name in names if (root / name).exists()
+                for extent in extents_on(volume, file_system, root, name)]
+
+
+def extents_on(volume, file_system, root, name):
+    """(offset, length) on the volume of a file of its tree."""
+    extents = kind_of(file_system).extents
+    return extents(volume, root, name) if extents else extents_of(root / name)
 
 
 def tree_of(volume, file_system):

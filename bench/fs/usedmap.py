@@ -72,6 +72,8 @@ VOLUMES = {
     "xfs of 1 TiB, sparse": Volume(TEBIBYTE, "xfs", ("-K",)),
     "xfs of 20 GiB, aged": Volume(AGED, "xfs", ("-K",), wear),
     "xfs of nearly 16 TiB, sparse": Volume(16 * TEBIBYTE - 1024, "xfs", ("-K",)),
+    "fat of 1 TiB, sparse": Volume(TEBIBYTE, "vfat", ("-s", "64")),
+    "fat of 1 TiB, sparse, straddling": Volume(TEBIBYTE, "vfat", ("-s", "64", "-a", "-R", "33")),
     "ntfs of 1 TiB, sparse": Volume(TEBIBYTE, "ntfs"),
     "ntfs of nearly 16 TiB, sparse": Volume(16 * TEBIBYTE - 1024, "ntfs"),
     "ntfs of 20 GiB, aged": Volume(AGED, "ntfs", use=wear_with_files),

@@ -5,7 +5,7 @@ from itertools import chain, count
 
 from lab.driver import OWN_FILES
 from lab.filesystems import kind_of
-from lab.images import extents_of, tree_of, without
+from lab.images import extents_on, tree_of, without
 
 UNIT = 4096 # changes are recorded in units of so many bytes
 PIECE = 4 << 20
@@ -22,7 +22,8 @@ class Moment:
         self.used = used_extents(capture, kind)
         self.sleeping = kind.sleeping(capture)
         with tree_of(str(capture), file_system) as root:
-            self.own = {name: extents_of(root / name) for name in OWN_FILES if (root / name).exists()}
+            self.own = {name: extents_on(capture, file_system, root, name) for name in OWN_FILES
+                        if (root / name).exists()}
 
     @property
     def needed(self):
