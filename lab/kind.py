@@ -66,6 +66,7 @@ class Kind(Format):
     samples       Samples
     regions       regions(image) is all that the parser may read of an image: (offset, length) in bytes
     seeds         Seeds
+    goes_on       whether a map may go on behind the last block of the file system, up to a whole piece of it
 
     What is in ONLY_MOUNTED is None where none can be mounted.
     """
@@ -86,6 +87,7 @@ class Kind(Format):
     samples: tuple
     regions: Callable
     seeds: tuple
+    goes_on: bool = False
 
 
 ONLY_MOUNTED = ("look", "write", "calm", "structures", "usual")
