@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <string>
 
 namespace agent::core::fs {
 
@@ -14,10 +15,15 @@ struct FileSystemKind {
     using MakeParser = std::unique_ptr<IFileSystemParser> (*)(info::Logger&, IVolumeReader&,
                                                               std::uint32_t sectorSize);
 
+    using FindNearMiss = std::string (*)(info::Logger&, IVolumeReader&, std::uint32_t sectorSize);
+
     const char* name;         ///< that of its folder
     const char* volumes;      ///< which volumes are meant, for people
     const char* announcement; ///< the debug line once a volume is recognised
     MakeParser makeParser;    ///< a parser that has read nothing yet; the reader must outlive it
+    /// Why a volume isn't recognised though it may seem to be one of these, for people; empty where it
+    /// doesn't seem so. Null where no volume does.
+    FindNearMiss findNearMiss = nullptr;
 };
 
 template <typename Parser>

@@ -20,4 +20,14 @@ std::unique_ptr<IBlockBitmapChunkProvider> UsedBlockBitmapChunkProviderFactory::
     return nullptr;
 }
 
+std::string UsedBlockBitmapChunkProviderFactory::nearMiss() {
+    for (const FileSystemKind& kind : fileSystemKinds()) {
+        std::string reason = kind.findNearMiss ? kind.findNearMiss(logger, *reader, sectorSize) : "";
+        if (!reason.empty()) {
+            return reason;
+        }
+    }
+    return "";
+}
+
 } // namespace agent::core::fs

@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <string>
 
 namespace agent::core::fs {
 
@@ -23,6 +24,9 @@ public:
 
     /// A parser of the volume's used blocks, ready for use.
     virtual std::unique_ptr<IBlockBitmapChunkProvider> create();
+    /// Of a volume that no parser knows: what it may seem to be, and why it isn't that. Empty if there is
+    /// nothing to say.
+    std::string nearMiss();
 
 private:
     info::Logger& logger;

@@ -45,6 +45,7 @@ public:
     void transfer(bool isIncremental) {
         std::unique_ptr<fs::IBlockBitmapChunkProvider> usedBlocks = fileSystems.create();
         if (!usedBlocks) {
+            sayWhatItMayBe();
             throw std::runtime_error("File system not recognized for " + phase.uuid);
         }
         const bool isWhole = !hasBlocksOf(*usedBlocks);
@@ -56,9 +57,10 @@ public:
                  std::make_unique<CopyChunkRanges>(phase.logger, phase.uuid, reader, writer, provider,
                                                    blockSize, buffer, phase.status, phase.cancel));
         if (!isWhole && canPunchHoles()) {
-            phases.push_back(std::make_unique<PunchHoles>(
-                phase.session.getTransport(phase.uuid),
-                ranges.createUnusedExcluder(std::move(usedBlocks), false), blockSize, phase.cancel));
+            phases.push_back(
+                std::make_unique<PunchHoles>(phase.session.getTransport(phase.uuid),
+                                             ranges.createUnusedExcluder(std::move(usedBlocks), false),
+                                             blockSize, phase.cancel, phase.volume->getBlockCount()));
         }
         usedBlocks.reset(); // or it keeps its maps in memory for the time of the copy
         phases.push_back(std::make_unique<ModifyBootSector>(phase.logger, phase.volume->getFileSystem(),
@@ -76,8 +78,17 @@ private:
 
     void run(const Phases& phases) { PhaseRunner(phase.logger, phases).run(phase.cancel); }
 
+    /// Of a volume that nobody recognises.
+    void sayWhatItMayBe() {
+        const std::string nearMiss = fileSystems.nearMiss();
+        if (!nearMiss.empty()) {
+            info::LogEntry(phase.logger, info::level::error)
+                << "Volume " << phase.volume->getDisplayName() << " can't be copied: " << nearMiss;
+        }
+    }
+
     /// Whether the blocks of the map are those of the volume, whose size is asked of its mount point: what is
-    /// mounted over that has blocks of its own.
+    /// mounted over that has blocks of its own, and some kernels show smaller blocks than a file system has.
     [[nodiscard]] bool hasBlocksOf(const fs::IBlockBitmapChunkProvider& map) const {
         const std::uint32_t found = map.getBlockSize();
         if (found == 0 || blockSize == 0 || found == blockSize) {
@@ -86,7 +97,7 @@ private:
         info::LogEntry(phase.logger, info::level::error)
             << "The file system of volume " << phase.volume->getDisplayName() << " has blocks of " << found
             << " bytes, but its mount point says " << blockSize
-            << ". Something else is mounted there, so every block is copied.";
+            << ". What it says of used blocks doesn't fit the volume, so every block is copied.";
         return false;
     }
 

@@ -1,5 +1,6 @@
 #include "core/backup/phase/PunchHoles.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <utility>
 
@@ -7,21 +8,28 @@ namespace agent::core::backup::phase {
 
 PunchHoles::PunchHoles(std::shared_ptr<ITransport> transport,
                        std::unique_ptr<block::IBlockRangeProvider> unusedBlocks, std::uint32_t blockSize,
-                       ICancel& cancel)
+                       ICancel& cancel, std::uint64_t volumeBlocks)
     : transport(std::move(transport)),
       unusedBlocks(std::move(unusedBlocks)),
       blockSize(blockSize),
-      cancel(cancel) {}
+      cancel(cancel),
+      volumeBlocks(volumeBlocks) {}
 
 // A hole that can't be punched costs the target space and nobody any data.
 void PunchHoles::execute() {
     const block::BlockRangeIterator end = unusedBlocks->end();
     for (block::BlockRangeIterator range = unusedBlocks->begin(); range != end; ++range) {
         cancel.check();
-        const auto offset = static_cast<std::int64_t>(range->start * blockSize);
-        if (transport->seek(offset, SEEK_SET) == offset) { // anywhere else there may be data
-            transport->punchHole(range->length * blockSize);
+        if (range->start < volumeBlocks) {
+            punch({range->start, std::min(range->length, volumeBlocks - range->start)});
         }
+    }
+}
+
+void PunchHoles::punch(const BlockRange& range) {
+    const auto offset = static_cast<std::int64_t>(range.start * blockSize);
+    if (transport->seek(offset, SEEK_SET) == offset) { // anywhere else there may be data
+        transport->punchHole(range.length * blockSize);
     }
 }
 

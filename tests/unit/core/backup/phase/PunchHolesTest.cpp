@@ -29,9 +29,10 @@ protected:
 
     PunchHoles phase(std::vector<BlockRange> unused, std::shared_ptr<ITransport> transport) {
         return {std::move(transport), std::make_unique<test::FixedRanges>(std::move(unused)), blockSize,
-                cancel};
+                cancel, volumeBlocks};
     }
 
+    std::uint64_t volumeBlocks = 10;
     test::CountedCancel cancel;
     std::shared_ptr<test::FakeTransport> target =
         std::make_shared<test::FakeTransport>(test::FakeTransport::Image(10UL * blockSize, data));
@@ -72,8 +73,21 @@ TEST_F(PunchHolesTest, NothingIsPunchedWhereTheTransportHappensToStand) {
 }
 
 TEST_F(PunchHolesTest, RangeBehindTheTargetTakesNothingFromIt) {
+    volumeBlocks = 20;
     phase({{1, 1}, {11, 2}}).execute();
     EXPECT_THAT(target->holes, ElementsAre(Extent(blockSize, blockSize)));
+}
+
+/// Where one image has several volumes, the next one begins behind this.
+TEST_F(PunchHolesTest, HolesEndWithTheVolume) {
+    volumeBlocks = 6;
+    phase({{1, 1}, {5, 4}, {6, 1}, {8, ~0UL}}).execute();
+    EXPECT_THAT(target->holes, ElementsAre(Extent(blockSize, blockSize), Extent(5 * blockSize, blockSize)));
+}
+
+TEST_F(PunchHolesTest, RangeWhoseEndHasWrappedEndsWithTheVolume) {
+    phase({{3, ~0UL}}).execute();
+    EXPECT_THAT(target->holes, ElementsAre(Extent(3 * blockSize, 7 * blockSize)));
 }
 
 } // namespace
