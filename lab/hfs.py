@@ -129,5 +129,6 @@ KIND = Kind(
                                                  "--depth", "3"), is_mounted=False),
         Seed("hfsplus_sectors_4k", "hfsplus", 64, (*of_blocks(512), *MANY_PIECES), is_mounted=False,
              sector_exponent=3),
+        Seed("hfsplus_usual_header", "hfsplus", 16, ("--usual-header-only",), is_mounted=False),
     ),
 )

@@ -27,6 +27,8 @@ VOLUMES = {
     "ext4 of 20 GiB, aged": (20 * 1024, True, ("ext4", *LAZY)),
     "xfs of 1 TiB, sparse": (TEBIBYTE, False, ("xfs", "-K")),
     "xfs of 20 GiB, aged": (20 * 1024, True, ("xfs", "-K")),
+    "hfsplus of 1 TiB, sparse": (TEBIBYTE, False, ("hfsplus",)),
+    "hfsplus of 1 TiB, aged": (TEBIBYTE, False, ("hfsplus", "--files", "30000", "--hollow")),
     "xfs of nearly 16 TiB, sparse": (16 * TEBIBYTE - 1024, False, ("xfs", "-K")),
 }
 

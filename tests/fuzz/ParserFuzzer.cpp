@@ -11,8 +11,8 @@
 #include <vector>
 
 /// The parser of one kind of file system, which the build names, on any volume: asked for the map in a few
-/// chunks. Ends the process if it tells of more blocks than the buffer holds; what else goes wrong is for the
-/// sanitizers to see.
+/// chunks, or for what the volume may be if it isn't known. Ends the process if it tells of more blocks than
+/// the buffer holds; what else goes wrong is for the sanitizers to see.
 namespace {
 
 using agent::core::fs::FileSystemKind;
@@ -52,6 +52,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const auto parser = kind.makeParser(logger, image.volume, image.sectorSize);
     if (parser->recognize()) {
         readMap(*parser, image);
+    } else if (kind.findNearMiss != nullptr) {
+        kind.findNearMiss(logger, image.volume, image.sectorSize);
     }
     return 0;
 }
