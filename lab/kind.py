@@ -33,7 +33,8 @@ class Sample:
 @dataclasses.dataclass(frozen=True)
 class Seed:
     """A volume that the fuzzing of a parser begins with. It is aged, and has so many holes of a block each,
-    unless kernels no longer mount what it is; its device has sectors of 512 << `sector_exponent` bytes."""
+    unless kernels no longer mount what it is; its device has sectors of 512 << `sector_exponent` bytes. At
+    last the image is handed to each of the `steps`."""
 
     name: str
     file_system: str
@@ -42,6 +43,7 @@ class Seed:
     is_mounted: bool = True
     holes: int = 0
     sector_exponent: int = 0
+    steps: tuple = ()
 
 
 @dataclasses.dataclass(frozen=True)

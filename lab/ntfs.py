@@ -1,5 +1,6 @@
 """NTFS, by the tools of ntfs-3g. Its driver is a process."""
 import contextlib
+import functools
 import os
 import pathlib
 import re
@@ -9,6 +10,7 @@ import tempfile
 from lab.commands import SECONDS, run
 from lab.kind import Kind, Sample, Seed
 from lab.mounts import keep_mounts_of
+from lab.ntfs_scatter import list_attributes, scatter
 from lab.ntfs_volume import ATTRIBUTE_LIST, BITMAP, DATA, MFT, NtfsVolume, records_of_list
 from lab.services import Service
 from lab.used_blocks import Truth
@@ -102,13 +104,13 @@ def regions(image):
     with open(image, "rb") as file:
         volume = NtfsVolume(file)
         yield 0, BOOT_SECTOR
-        yield volume.place_of(MFT), volume.record_size
-        yield volume.place_of(BITMAP), volume.record_size
+        yield from volume.places_of(MFT)
+        yield from volume.places_of(BITMAP)
         record = volume.record(BITMAP)
         listed = record.attribute(ATTRIBUTE_LIST)
         records = list(records_of_list(listed.value)) if listed else []
         for extension in records:
-            yield volume.place_of(extension), volume.record_size
+            yield from volume.places_of(extension)
         data = record.attribute(DATA) or volume.record(records[0]).attribute(DATA)
         for first, count in data.runs:
             yield first * volume.cluster_size, count * volume.cluster_size
@@ -152,6 +154,10 @@ KIND = Kind(
         Seed("ntfs_64k", "ntfs", 40, ("--cluster-size", "65536")),
         Seed("ntfs_sectors_4k", "ntfs", 20, ("--sector-size", "4096", "--cluster-size", "4096"),
              sector_exponent=3),
+        Seed("ntfs_scattered", "ntfs", 10, ("--cluster-size", "512"),
+             steps=(functools.partial(scatter, number=BITMAP, count=3),
+                    functools.partial(scatter, number=MFT, count=9))),
+        Seed("ntfs_listed", "ntfs", 20, steps=(functools.partial(list_attributes, number=BITMAP),)),
     ),
     goes_on=True, # the map is clusters in whole
 )

@@ -10,7 +10,7 @@
 import struct
 
 SECTOR = 512 # that the ends of records are protected by, whatever the sectors of the volume
-MFT, MFT_MIRROR, BITMAP = 0, 1, 6
+MFT, MFT_MIRROR, BITMAP, CAPITALS = 0, 1, 6, 10 # records
 MIRRORED = 4 # records that the mirror has
 ATTRIBUTE_LIST, DATA, END = 0x20, 0x80, 0xFFFFFFFF
 NUMBER = (1 << 48) - 1 # that part of a reference which is the number of a record
@@ -38,29 +38,36 @@ class NtfsVolume:
         self._file.seek(offset)
         self._file.write(content)
 
-    def place_of(self, number):
-        """The offset of a record."""
+    def places_of(self, number):
+        """Where a record lies: (offset, length), and more of them if it goes on in another run."""
         if number == MFT:
-            return self._mft * self.cluster_size
-        return self.offset_in(self.record(MFT).attribute(DATA).runs, number * self.record_size)
+            return [(self._mft * self.cluster_size, self.record_size)]
+        return self._places_of(self.record(MFT), number)
 
-    def offset_in(self, runs, position):
-        """Where a byte lies of a file that has these runs."""
-        for first, count in runs:
-            if position < count * self.cluster_size:
-                return first * self.cluster_size + position
-            position -= count * self.cluster_size
-        raise ValueError("the file ends in front of that")
+    def _places_of(self, table, number):
+        """Where a record of the table, or of its mirror, lies."""
+        position, left = number * self.record_size, self.record_size
+        places = []
+        for first, count in table.attribute(DATA).runs:
+            length = min(max(count * self.cluster_size - position, 0), left)
+            if length:
+                places.append((first * self.cluster_size + position, length))
+            position = max(position - count * self.cluster_size, 0)
+            left -= length
+        return places
 
     def record(self, number):
-        return Record(bytearray(self.read(self.place_of(number), self.record_size)))
+        return Record(bytearray(b"".join(self.read(*place) for place in self.places_of(number))))
 
     def write_record(self, number, record):
         """Writes a record, and what the mirror has of it."""
-        self.write(self.place_of(number), record.protected())
+        places = self.places_of(number)
         if number < MIRRORED:
-            mirror = self.record(MFT_MIRROR).attribute(DATA).runs
-            self.write(self.offset_in(mirror, number * self.record_size), record.protected())
+            places += self._places_of(self.record(MFT_MIRROR), number)
+        content = record.protected() * 2
+        for offset, length in places:
+            self.write(offset, content[:length])
+            content = content[length:]
 
     def read_runs(self, runs):
         return b"".join(self.read(first * self.cluster_size, count * self.cluster_size)

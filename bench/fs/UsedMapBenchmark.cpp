@@ -55,15 +55,19 @@ private:
     std::int64_t position = 0;
 };
 
+std::uint8_t* bytesOf(AlignedBuffer& buffer) {
+    return static_cast<std::uint8_t*>(static_cast<void*>(buffer.data()));
+}
+
 /// Walks the whole map. Returns the number of blocks.
-std::uint64_t walk(info::Logger& logger, core::IVolumeReader& volume, std::vector<std::uint8_t>& buffer) {
+std::uint64_t walk(info::Logger& logger, core::IVolumeReader& volume, AlignedBuffer& buffer) {
     const auto provider = core::fs::UsedBlockBitmapChunkProviderFactory(logger, sectorSize, &volume).create();
     if (!provider) {
         throw std::runtime_error("unknown file system");
     }
     std::uint64_t blocks = 0;
     for (;;) {
-        const std::int64_t chunk = provider->getBitmapChunk(blocks, buffer.data(), buffer.size());
+        const std::int64_t chunk = provider->getBitmapChunk(blocks, bytesOf(buffer), buffer.size());
         if (chunk < 0) {
             throw std::runtime_error("the map can't be read");
         }
@@ -75,7 +79,7 @@ std::uint64_t walk(info::Logger& logger, core::IVolumeReader& volume, std::vecto
 }
 
 /// The call that finds nothing more clears it, too.
-void clearBuffers(std::vector<std::uint8_t>& buffer, std::uint64_t blocks) {
+void clearBuffers(AlignedBuffer& buffer, std::uint64_t blocks) {
     for (std::uint64_t done = 0; done < blocks + buffer.size() * 8; done += buffer.size() * 8) {
         std::memset(buffer.data(), static_cast<int>(done), buffer.size());
     }
@@ -121,7 +125,7 @@ void measure(const std::string& path) {
     if (!volume.open()) {
         throw std::runtime_error("the volume can't be opened");
     }
-    std::vector<std::uint8_t> map(bufferBytes);
+    AlignedBuffer map(bufferBytes, sectorSize);
     RecordingReader recorder(volume);
     const std::uint64_t blocks = walk(silent, recorder, map);
     const long peak = peakMebibytes();

@@ -73,9 +73,9 @@ def agreed(image, file_system, *options, by=None):
     return found
 
 
-def check_rebuilt(found, path, file_system, tree):
+def check_rebuilt(found, path, file_system, tree, check=fsck):
     """An image of nothing but the blocks that the agent calls used is a whole file system with that tree."""
     found.rebuild(path)
-    fsck(path, file_system)
+    check(path, file_system)
     with mounted(path, file_system) as root:
         assert tree_hashes(root) == tree

@@ -2,6 +2,7 @@
 
 #include "core/fs/ext/EXTKind.h"
 #include "core/fs/hfs/HFSKind.h"
+#include "core/fs/ntfs/NTFSKind.h"
 #include "core/fs/xfs/XFSKind.h"
 
 #include <array>
@@ -9,7 +10,7 @@
 namespace agent::core::fs {
 
 std::span<const FileSystemKind> fileSystemKinds() {
-    static constexpr std::array kinds{extKind, hfsKind, xfsKind};
+    static constexpr std::array kinds{ntfsKind, extKind, hfsKind, xfsKind};
     return kinds;
 }
 
