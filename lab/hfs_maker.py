@@ -176,7 +176,7 @@ class Maker:
         packed_header = HEADER.pack(signature, version, attributes, b"HFSJ" if options.journaled else b"10.0",
                                     journal, NOW, NOW, 0, NOW, files, DIRECTORIES, space.block_size,
                                     space.blocks, space.free, space.next, clump, clump,
-                                    FIRST_FREE_ID + DIRECTORIES + files, 1, 1, VOLUME_ID)
+                                    FIRST_FREE_ID + DIRECTORIES + files, 1, 1, options.volume_id)
         forks = (file.fork(space.block_size) for file in (allocation, extents, catalog))
         return (packed_header + b"".join(forks)).ljust(HEADER_SIZE, b"\0")
 
@@ -282,6 +282,8 @@ def parsed(arguments):
     parser.add_argument("--journaled", action="store_true")
     parser.add_argument("--unclean", action="store_true", help="as if it was not unmounted")
     parser.add_argument("--inconsistent", action="store_true", help="as if it was found to be damaged")
+    parser.add_argument("--volume-id", type=lambda text: int(text, 16), default=VOLUME_ID,
+                        help="16 hexadecimal digits; what Linux calls the UUID comes of it")
     parser.add_argument("--usual-header-only", action="store_true", help="no copy at byte 0")
     parser.add_argument("image")
     return parser.parse_args(arguments)

@@ -2,29 +2,21 @@
 from nothing but those blocks, in which each file is as it was. Files are read by a program, as nothing here
 mounts such a volume."""
 import functools
-import re
 import subprocess
 
 import pytest
 
+from hfs_files import files_of
 from lab import hfs, oracles
-from lab.commands import SECONDS, run
+from lab.commands import run
 from lab.hfs_maker import content_of, path_of
 from lab.volume_images import make_image
 from used_maps import TOOL, agreed, refused
 
 BLKLS = functools.partial(oracles.sleuthkit, "hfs")
 PARTCLONE = functools.partial(oracles.partclone, "hfsp") # loses count where extents are in the tree
-FILE = re.compile(r"^r/r (\d+):\t(d\d/f\d+)$", re.MULTILINE)
 FILES = 60
 SMALL_BLOCKS = ("--block-size", "512")
-
-
-def files_of(image):
-    """What is in the files of a volume, by their paths."""
-    return {path: subprocess.run(["icat", "-f", "hfs", image, number], check=True, capture_output=True,
-                                 timeout=SECONDS).stdout
-            for number, path in FILE.findall(run("fls", "-r", "-p", "-f", "hfs", image))}
 
 
 @pytest.mark.parametrize("sample", hfs.KIND.samples, ids=lambda sample: sample.name)

@@ -17,9 +17,9 @@ class HFSBTreeNode {
 public:
     /// What a record of a leaf says: some blocks of a file.
     struct FileExtents {
-        std::uint8_t forkType;
-        std::uint32_t fileId;
-        std::uint32_t startBlock; ///< of the file, the first that the extents have
+        std::uint8_t forkType = 0;
+        std::uint32_t fileId = 0;
+        std::uint32_t startBlock = 0; ///< of the file, the first that the extents have
         HFSExtentRecord extents;
     };
 
