@@ -49,6 +49,8 @@ class Geometry:
         total, fat_sectors = struct.unpack_from("<II", head, 32)
         total = struct.unpack_from("<H", head, 19)[0] or total
         cluster = sector * sectors_per_cluster
+        if cluster == 0:
+            raise OSError(f"{volume}: no FAT, as its clusters have no size")
         data = (reserved + fats * fat_sectors) * sector
         return cls(sector, cluster, reserved * sector, fat_sectors * sector, data,
                    (total * sector - data) // cluster, total * sector)
