@@ -261,7 +261,8 @@ def repair_image(tour):
         show(f"the image is no good any more: {str(error).partition(';')[0]}")
     else:
         raise StepFailed("nobody has noticed the damage")
-    back_up(tour, "incremental", {**dict.fromkeys(tour.protection.partitions, "incremental"), "data": "differential"})
+    unharmed = dict.fromkeys(tour.protection.partitions, "incremental")
+    back_up(tour, "incremental", {**unharmed, "data": "differential"})
 
 
 def back_up(tour, asked, expected):
@@ -350,8 +351,8 @@ def show_results(results, succeeded):
     if succeeded:
         print("\nAfter each backup every image was what its volume had been at the snapshot.\n"
               "DIFFERENTIAL_MERGE compares all that is in use, counted as copied, and writes what differs.\n"
-              f"Of the NTFS volume the snapshot driver's file of {COW_MIB} MiB is copied too: its file system doesn't "
-              "say where it lies.")
+              f"Of the NTFS volume the snapshot driver's file of {COW_MIB} MiB is copied too: its file "
+              "system doesn't say where it lies.")
 
 
 def main():

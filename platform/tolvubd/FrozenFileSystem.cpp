@@ -15,7 +15,7 @@ void FrozenFileSystem::begin() {
     checked(::ioctl(root.get(), FIFREEZE, 0), "freeze " + mountPoint);
 }
 
-bool FrozenFileSystem::end() const noexcept {
+bool FrozenFileSystem::end() noexcept {
     return ::ioctl(root.get(), FITHAW, 0) == 0;
 }
 

@@ -13,7 +13,7 @@ public:
     explicit FrozenFileSystem(const std::string& mountPoint);
 
     void begin() override;
-    bool end() const noexcept override;
+    bool end() noexcept override;
     [[nodiscard]] int descriptor() const noexcept override { return root.get(); }
 
 private:

@@ -13,7 +13,7 @@ public:
     virtual void begin() = 0;
     /// Lets the volume go on; false when it was going on already. Nothing but system calls: a copy of the
     /// process calls it too, in which no lock of the program will ever be released.
-    virtual bool end() const noexcept = 0;
+    virtual bool end() noexcept = 0;
     [[nodiscard]] virtual int descriptor() const noexcept = 0;
 };
 

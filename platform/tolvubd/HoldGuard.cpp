@@ -62,7 +62,7 @@ bool sendSign(int link) {
 /// The life of the child. The program may have had threads when it was copied, whose locks nobody will ever
 /// release: so only system calls from here on. Closing a file may have to wait for the file system that is to
 /// be held, so it is told when that is over.
-[[noreturn]] void guard(const Hold& hold, int link) {
+[[noreturn]] void guard(Hold& hold, int link) {
     ::prctl(PR_SET_NAME, "tolvubd-guard");
     ::setsid(); // a signal to the program's process group isn't meant for the guard
     closeOthers(hold.descriptor(), link);
@@ -74,7 +74,7 @@ bool sendSign(int link) {
 
 /// A copy of the process that nobody but its maker gets to see: its end sends no signal, and no other wait()
 /// of the program finds it. Signals meant for the program don't reach it.
-pid_t startGuard(const Hold& hold, int link) {
+pid_t startGuard(Hold& hold, int link) {
     sigset_t all{};
     sigset_t before{};
     ::sigfillset(&all);

@@ -19,14 +19,13 @@ namespace tolvubd {
 namespace {
 
 using Clock = std::chrono::steady_clock;
+
 using std::chrono::milliseconds;
 
 static_assert(StoppedServer::patienceMilliseconds < HoldGuard::patienceMilliseconds);
 
 constexpr char stopped = 'T';
 constexpr char traced = 't';
-/// How long the server may work before it is looked at again.
-constexpr milliseconds breath{2};
 constexpr milliseconds moment{1};
 /// /dev/fuse
 constexpr unsigned channelMajor = 10;
@@ -90,29 +89,36 @@ void StoppedServer::begin() {
     }
 }
 
-bool StoppedServer::end() const noexcept {
+bool StoppedServer::end() noexcept {
     const bool wasStopped = server.state() == stopped;
     return server.send(SIGCONT) && wasStopped;
 }
 
+/// It is stopped only when it seems to be idle: on a machine with much to do it would never come to the end of
+/// a request between one stop and the next.
 void StoppedServer::stopWhenIdle() {
     const Clock::time_point end = Clock::now() + milliseconds(patienceMilliseconds);
-    for (;;) {
-        if (!server.send(SIGSTOP)) {
-            failWithErrno("stop the server of the file system");
-        }
-        while (!isStopped() && Clock::now() < end) {
-            std::this_thread::sleep_for(moment);
-        }
-        if (isStopped() && isIdle()) {
-            return;
-        }
+    while (!isIdle() || !stop(end)) {
         if (Clock::now() >= end) {
             fail(ETIMEDOUT, "the server of the file system is never idle");
         }
-        static_cast<void>(server.send(SIGCONT));
-        std::this_thread::sleep_for(breath);
+        std::this_thread::sleep_for(moment);
     }
+}
+
+/// False when a request has come in between: then it goes on.
+bool StoppedServer::stop(Clock::time_point end) {
+    if (!server.send(SIGSTOP)) {
+        failWithErrno("stop the server of the file system");
+    }
+    while (!isStopped() && Clock::now() < end) {
+        std::this_thread::sleep_for(moment);
+    }
+    if (isStopped() && isIdle()) {
+        return true;
+    }
+    static_cast<void>(server.send(SIGCONT));
+    return false;
 }
 
 bool StoppedServer::isStopped() const {
@@ -163,11 +169,11 @@ void requireAnswering(const std::vector<ProcessName>& servers) {
     }
 }
 
-void continueIfStopped(const ProcessName& name) noexcept {
+void continueIfStopped(const ProcessName& server) noexcept {
     try {
-        const Process server(name.number);
-        if (server.name() == name) {
-            static_cast<void>(server.send(SIGCONT));
+        const Process process(server.number);
+        if (process.name() == server) {
+            static_cast<void>(process.send(SIGCONT));
         }
     } catch (const std::exception&) { // NOLINT(bugprone-empty-catch): it is gone
     }

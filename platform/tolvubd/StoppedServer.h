@@ -5,6 +5,7 @@
 #include "Process.h"
 #include "Volume.h"
 
+#include <chrono>
 #include <string>
 #include <vector>
 
@@ -24,7 +25,7 @@ public:
 
     /// EBUSY when somebody else has stopped it, ETIMEDOUT when it was busy whenever it was looked at.
     void begin() override;
-    bool end() const noexcept override;
+    bool end() noexcept override;
     [[nodiscard]] int descriptor() const noexcept override { return server.descriptor(); }
 
     /// Less than the guard's, which counts from the beginning.
@@ -32,6 +33,7 @@ public:
 
 private:
     void stopWhenIdle();
+    bool stop(std::chrono::steady_clock::time_point end);
     [[nodiscard]] bool isStopped() const;
     [[nodiscard]] bool isIdle() const;
     [[nodiscard]] bool waitsForRequest(const SystemCall& call) const;

@@ -17,14 +17,14 @@ from lab.daemon import program
 from lab.driver import STORE, forget_devices, nodes, stored_state
 from lab.filesystems import truth_of
 from lab.services import wait_until
-from served import Load, Served, is_stopped, server_of, state_of, wait_until_stopped
+from served import Load, Served, is_stopped, server_of, wait_until_stopped
 from snapshot_site import check_writable
 from tolvubd_site import (Cow, SNAPSHOT, Volume, call, cow_files, must, started_driver, states, stored,
                           tolvuctl)
 
 SECTORS = 48 * 2048
-ROUNDS = 12
-LONGEST_MILLISECONDS = 5000
+ROUNDS = 10
+LONGEST_MILLISECONDS = 10_000 # also on a machine with much else to do
 TRACE = pathlib.Path("/tmp/served.trace")
 
 
@@ -226,20 +226,18 @@ def serve(volume):
         yield start
 
 
-@pytest.mark.parametrize("options", [(), ("--threads",)])
-def test_server_that_is_never_idle_is_not_held(volume, serve, options):
-    """With a thread in the middle of a request all the time, also where others are idle."""
-    server = serve(*options)
+def test_server_that_is_never_idle_is_not_held(volume, serve):
+    """With a thread in the middle of a request all the time, while the others wait for one."""
+    server = serve("--threads")
     with open(volume.mount_point / "slow", "rb") as file:
         reader = threading.Thread(target=file.read)
         reader.start()
-        if options:
-            begin = time.monotonic()
-            result = call(*snapshot_of(volume))
-            assert (result.value, result.error) == (-1, errno.ETIMEDOUT)
-            assert 5 <= time.monotonic() - begin < 10
+        begin = time.monotonic()
+        result = call(*snapshot_of(volume))
+        assert (result.value, result.error) == (-1, errno.ETIMEDOUT)
+        assert 5 <= time.monotonic() - begin < 10
         reader.join()
-    assert state_of(server) == "S"
+    assert not is_stopped(server)
     check_writable(volume.mount_point)
 
 
