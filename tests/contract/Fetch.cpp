@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <stdexcept>
 
 namespace agent::contract {
 
@@ -24,7 +25,11 @@ Fetch::Fetch(core::fs::IBlockBitmapChunkProvider& provider, const ElementMap& ma
              std::size_t bytes)
     : map(map), startBlock(startBlock) {
     std::vector<std::uint8_t> room(bytes + 2 * moat, untouched);
-    count = provider.getBitmapChunk(startBlock, room.data() + moat, bytes);
+    try {
+        count = provider.getBitmapChunk(startBlock, room.data() + moat, bytes);
+    } catch (const std::runtime_error&) {
+        count = -1;
+    }
     const auto isUntouched = [](std::uint8_t byte) { return byte == untouched; };
     staysInside = std::all_of(room.begin(), room.begin() + moat, isUntouched) &&
                   std::all_of(room.end() - moat, room.end(), isUntouched);
@@ -39,17 +44,24 @@ testing::AssertionResult Fetch::isHonest() const {
     if (!staysInside) {
         return isWrong("it writes outside of the buffer");
     }
-    if (count > 0 && static_cast<std::uint64_t>(count) > std::min(capacity, elementsLeft())) {
+    if (count > 0 && (static_cast<std::uint64_t>(count) > capacity || elementsLeft() == 0)) {
         return isWrong("it tells of " + std::to_string(count) + " elements");
     }
     if (count == 0 && elementsLeft() > 0 && capacity > 0) {
         return isWrong("it ends the map");
     }
-    return count <= 0 || equalsTheMap() ? testing::AssertionSuccess() : isWrong("its map is another one");
+    if (count <= 0) {
+        return testing::AssertionSuccess();
+    }
+    const std::uint64_t elements = std::min(static_cast<std::uint64_t>(count), elementsLeft());
+    if (!isUsedFrom(elements)) {
+        return isWrong("it has something free behind the end");
+    }
+    return equalsTheMap(elements) ? testing::AssertionSuccess() : isWrong("its map is another one");
 }
 
 testing::AssertionResult Fetch::isTheRest() const {
-    if (count < 0 || static_cast<std::uint64_t>(count) != elementsLeft()) {
+    if (count < 0 || static_cast<std::uint64_t>(count) < elementsLeft()) {
         return isWrong("it gives " + std::to_string(count));
     }
     return isHonest();
@@ -60,8 +72,8 @@ std::uint64_t Fetch::elementsLeft() const {
 }
 
 /// Bytes are compared at once where the map has them at the same bits.
-bool Fetch::equalsTheMap() const {
-    const std::uint64_t bits = static_cast<std::uint64_t>(count) * map.elementBits;
+bool Fetch::equalsTheMap(std::uint64_t elements) const {
+    const std::uint64_t bits = elements * map.elementBits;
     const std::uint64_t first = startBlock * map.elementBits;
     std::uint64_t bit = 0;
     if (first % 8 == 0) {
@@ -72,6 +84,17 @@ bool Fetch::equalsTheMap() const {
     }
     for (; bit < bits; ++bit) {
         if ((buffer[bit / 8] >> (bit % 8) & 1) != (map.bit(first + bit) ? 1 : 0)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+/// Up to the last element that is told of.
+bool Fetch::isUsedFrom(std::uint64_t element) const {
+    for (std::uint64_t bit = element * map.elementBits;
+         bit < static_cast<std::uint64_t>(count) * map.elementBits; ++bit) {
+        if ((buffer[bit / 8] >> (bit % 8) & 1) == 0) {
             return false;
         }
     }

@@ -19,6 +19,7 @@ public:
           std::size_t bytes);
 
     /// Whether it is a piece of the map, of one element at least, or a failure; at the end it may be nothing.
+    /// What it tells of behind the end of the map is used.
     [[nodiscard]] testing::AssertionResult isHonest() const;
     /// Whether it is as much of the map as there is from its start on.
     [[nodiscard]] testing::AssertionResult isTheRest() const;
@@ -27,7 +28,8 @@ public:
 
 private:
     [[nodiscard]] std::uint64_t elementsLeft() const;
-    [[nodiscard]] bool equalsTheMap() const;
+    [[nodiscard]] bool equalsTheMap(std::uint64_t elements) const;
+    [[nodiscard]] bool isUsedFrom(std::uint64_t element) const;
     [[nodiscard]] testing::AssertionResult isWrong(const std::string& what) const;
 
     const ElementMap& map;

@@ -106,7 +106,12 @@ TEST_P(ReadableImage, IsReadAsTheSectorsOfTheDeviceDemand) {
         const auto parser = parserOf(image, image.volume, sectorSize);
         image.volume.requests.clear();
         ASSERT_TRUE(parser->recognize());
-        EXPECT_TRUE(wholeMap(*parser).isTheRest()) << sectorSize;
+        const Fetch fetched = wholeMap(*parser);
+        if (image.sectorSize == 0 || sectorSize == 0 || sectorSize == image.sectorSize) {
+            EXPECT_TRUE(fetched.isTheRest()) << sectorSize;
+        } else {
+            EXPECT_LT(fetched.count, 0) << sectorSize;
+        }
         const std::uint32_t unit = sectorSize == 0 ? 4096 : sectorSize;
         for (const auto& request : image.volume.requests) {
             EXPECT_EQ(request.offset % unit, 0U);

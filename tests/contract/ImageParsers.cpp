@@ -40,6 +40,11 @@ const core::fs::FileSystemKind& kindOf(const std::string& name) {
     return *kind;
 }
 
+std::unique_ptr<core::fs::IFileSystemParser> parserOf(const RealImage& image, core::IVolumeReader& volume) {
+    constexpr std::uint32_t usualSectorSize = 512;
+    return parserOf(image, volume, image.sectorSize == 0 ? usualSectorSize : image.sectorSize);
+}
+
 std::unique_ptr<core::fs::IFileSystemParser> parserOf(const RealImage& image, core::IVolumeReader& volume,
                                                       std::uint32_t sectorSize) {
     return kindOf(image.kind).makeParser(silentLogger(), volume, sectorSize);

@@ -26,8 +26,10 @@ info::Logger& silentLogger();
 /// Throws std::runtime_error if there is no such kind.
 const core::fs::FileSystemKind& kindOf(const std::string& name);
 
-/// A parser of the image's kind, that has read nothing yet, of the image's volume or of one around it.
+/// A parser of the image's kind, that has read nothing yet, of the image's volume or of one around it; on a
+/// device with sectors that suit it, or with others.
+std::unique_ptr<core::fs::IFileSystemParser> parserOf(const RealImage& image, core::IVolumeReader& volume);
 std::unique_ptr<core::fs::IFileSystemParser> parserOf(const RealImage& image, core::IVolumeReader& volume,
-                                                      std::uint32_t sectorSize = 512);
+                                                      std::uint32_t sectorSize);
 
 } // namespace agent::contract

@@ -112,6 +112,10 @@ void RealImage::readLine(const std::string& line) {
         verdict = word == "refused" ? Verdict::refused : Verdict::unknown;
     } else if (word == "block-size") {
         text >> blockSize;
+    } else if (word == "sector-size") {
+        text >> sectorSize;
+    } else if (word == "from-the-begin") {
+        isReadFromTheBegin = true;
     } else if (word == "blocks") {
         text >> count;
         used = ElementMap(count);

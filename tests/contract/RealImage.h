@@ -27,7 +27,9 @@ struct RealImage {
     test::MemoryVolume volume;
     Verdict verdict = Verdict::readable;
     std::uint32_t blockSize = 0;
-    ElementMap used; ///< of the blocks, as a parser is to have it
+    std::uint32_t sectorSize = 0;    ///< that a device must have, unless nobody knows its own; 0 for any
+    bool isReadFromTheBegin = false; ///< a map from another block on may be refused
+    ElementMap used;                 ///< of the blocks, as a parser is to have it
 
 private:
     void load(const std::string& path);

@@ -1,8 +1,10 @@
 #include "UsedRanges.h"
 
+#include "common/AlignedBuffer.h"
 #include "core/block/BitRangeFinder.h"
 #include "core/fs/UsedBlockBitmapChunkProviderFactory.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <stdexcept>
 
@@ -21,6 +23,11 @@ void append(UsedRanges& used, BlockRange range) {
     }
 }
 
+/// A map may go on behind the last block, but a backup doesn't. Where blocks have no size there is no map.
+std::uint64_t blocksOf(const agent::core::IVolumeDevice& device, std::uint32_t blockSize) {
+    return blockSize == 0 ? 0 : (device.getSize() + blockSize - 1) / blockSize;
+}
+
 } // namespace
 
 UsedRanges findUsedRanges(agent::info::Logger& logger, agent::core::IVolumeDevice& device,
@@ -31,21 +38,25 @@ UsedRanges findUsedRanges(agent::info::Logger& logger, agent::core::IVolumeDevic
         throw std::runtime_error("the file system is of no kind that is known");
     }
     const agent::BitRangeFinder finder(true, provider->isBitmapMsbFirst());
-    std::vector<std::uint8_t> buffer(bufferBytes);
+    agent::AlignedBuffer buffer(bufferBytes, sectorSize); // as in a backup
+    auto* const map = static_cast<std::uint8_t*>(static_cast<void*>(buffer.data()));
     UsedRanges used;
     used.blockSize = provider->getBlockSize();
+    const std::uint64_t blocksOfDevice = blocksOf(device, used.blockSize);
     for (;;) {
-        const std::int64_t blocks = provider->getBitmapChunk(used.knownBlocks, buffer.data(), buffer.size());
-        if (blocks < 0) {
+        const std::int64_t told = provider->getBitmapChunk(used.knownBlocks, map, buffer.size());
+        if (told < 0) {
             throw std::runtime_error("the map of used blocks can't be read; a backup would copy every block");
         }
+        const auto blocks =
+            std::min(static_cast<std::uint64_t>(told), blocksOfDevice - used.knownBlocks); // none at the end
         if (blocks == 0) {
             return used;
         }
-        for (const BlockRange& range : finder.findRanges(buffer.data(), static_cast<std::uint64_t>(blocks))) {
+        for (const BlockRange& range : finder.findRanges(map, blocks)) {
             append(used, {used.knownBlocks + range.start, range.length});
         }
-        used.knownBlocks += static_cast<std::uint64_t>(blocks);
+        used.knownBlocks += blocks;
     }
 }
 

@@ -1,6 +1,7 @@
 #include "core/fs/FileSystemKinds.h"
 
 #include "core/fs/ext/EXTKind.h"
+#include "core/fs/ntfs/NTFSKind.h"
 #include "core/fs/xfs/XFSKind.h"
 
 #include <array>
@@ -8,7 +9,7 @@
 namespace agent::core::fs {
 
 std::span<const FileSystemKind> fileSystemKinds() {
-    static constexpr std::array kinds{extKind, xfsKind};
+    static constexpr std::array kinds{ntfsKind, extKind, xfsKind};
     return kinds;
 }
 

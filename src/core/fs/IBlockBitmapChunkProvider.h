@@ -9,9 +9,10 @@ namespace agent::core::fs {
 /// are asked for, and in which order, makes no difference: the map is the same.
 /// Owns:    see the implementations.
 /// Threads: one at a time.
-/// Fails:   by a negative result, after a log line: an unreadable map makes a backup larger, never wrong.
-///          What can't be read, or isn't there, is a failure and never a different map. A failure isn't the
-///          end of the provider: asked again, it has the right map or fails again.
+/// Fails:   by a negative result, after a log line: an unreadable map makes a backup larger, never wrong. By
+///          std::runtime_error where a kind of file system says so. What can't be read, or isn't there, is a
+///          failure and never a different map. A failure isn't the end of the provider: asked again, it has
+///          the right map or fails again.
 class IBlockBitmapChunkProvider {
 public:
     IBlockBitmapChunkProvider() = default;
@@ -22,10 +23,10 @@ public:
     virtual ~IBlockBitmapChunkProvider() = default;
 
     /// Fills `buffer` from the element `startBlock` on, and writes nowhere else. Returns how many elements it
-    /// now holds: one at least and never more than there are, 0 if there are none from there on, or a
-    /// negative number. What the buffer has behind them, or after a failure, means nothing. A buffer that
-    /// holds all that is left, from an element on with which a byte begins, is filled; another start, or a
-    /// smaller buffer, may be refused.
+    /// now holds: one at least, 0 if there are none from there on, or a negative number. Elements behind the
+    /// last one may be among them, as used ones. What the buffer has behind them, or after a failure, means
+    /// nothing. A buffer that holds the whole map is filled from element 0 on; another start, or a smaller
+    /// buffer, may be refused.
     virtual std::int64_t getBitmapChunk(std::uint64_t startBlock, std::uint8_t* buffer,
                                         std::size_t bufferBytes) = 0;
     /// Whether the first block of a byte is its most significant bit. Stays the same.

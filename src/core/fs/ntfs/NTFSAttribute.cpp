@@ -1,0 +1,63 @@
+#include "core/fs/ntfs/NTFSAttribute.h"
+
+#include "core/fs/ntfs/NTFSError.h"
+#include "core/fs/ntfs/NTFSLayout.h"
+
+#include <algorithm>
+
+namespace agent::core::fs {
+
+namespace {
+
+namespace layout = ntfs_layout::attribute;
+
+} // namespace
+
+std::uint32_t NTFSAttribute::type() const {
+    return littleEndian<std::uint32_t>(bytes, layout::type);
+}
+
+bool NTFSAttribute::isResident() const {
+    return bytes[layout::nonResident] == 0;
+}
+
+Bytes NTFSAttribute::value() const {
+    const std::size_t offset = littleEndian<std::uint16_t>(bytes, layout::valueOffset);
+    const std::size_t length = littleEndian<std::uint32_t>(bytes, layout::valueLength);
+    if (offset > bytes.size() || length > bytes.size() - offset) {
+        throw NTFSObjection{"NTFS: The value of an attribute is outside of it."};
+    }
+    return bytes.subspan(offset, length);
+}
+
+std::size_t NTFSAttribute::runListOffset() const {
+    requireNonResidentHeader();
+    return littleEndian<std::uint16_t>(bytes, layout::runList);
+}
+
+const char* NTFSAttribute::objection() const {
+    requireNonResidentHeader();
+    if (bytes[layout::nameLength] != 0) {
+        return "NTFS: The data that was found has a name, so it isn't the content of its file.";
+    }
+    if (littleEndian<std::uint16_t>(bytes, layout::flags) != 0) {
+        return "NTFS: The data is compressed, encrypted or sparse.";
+    }
+    return littleEndian<std::uint64_t>(bytes, layout::lowestVcn) != 0
+               ? "NTFS: The data that was found isn't the begin of its file."
+               : nullptr;
+}
+
+std::uint64_t NTFSAttribute::writtenBytes() const {
+    requireNonResidentHeader();
+    return std::min(littleEndian<std::uint64_t>(bytes, layout::dataSize),
+                    littleEndian<std::uint64_t>(bytes, layout::initializedSize));
+}
+
+void NTFSAttribute::requireNonResidentHeader() const {
+    if (bytes.size() < layout::nonResidentHeader) {
+        throw NTFSObjection{"NTFS: The header of an attribute is too short."};
+    }
+}
+
+} // namespace agent::core::fs

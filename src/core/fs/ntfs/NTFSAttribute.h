@@ -1,0 +1,36 @@
+#pragma once
+
+#include "core/fs/ByteOrder.h"
+
+#include <cstdint>
+
+namespace agent::core::fs {
+
+/// An attribute of a file record.
+/// Owns:    nothing; the record must outlive it.
+/// Threads: a value.
+/// Fails:   NTFSObjection where its parts lie outside of it.
+class NTFSAttribute {
+public:
+    /// All of its bytes, at least the smallest header of one.
+    explicit NTFSAttribute(Bytes bytes) : bytes(bytes) {}
+
+    [[nodiscard]] std::uint32_t type() const;
+    [[nodiscard]] bool isResident() const;
+    /// The value of a resident one.
+    [[nodiscard]] Bytes value() const;
+    /// Where the list of runs of a non-resident one begins in its bytes, if it does.
+    [[nodiscard]] std::size_t runListOffset() const;
+    /// Why the runs of a non-resident one aren't the content of a plain file from its begin on; null if they
+    /// are.
+    [[nodiscard]] const char* objection() const;
+    /// How many bytes of a non-resident one have been written.
+    [[nodiscard]] std::uint64_t writtenBytes() const;
+
+    Bytes bytes;
+
+private:
+    void requireNonResidentHeader() const;
+};
+
+} // namespace agent::core::fs

@@ -1,0 +1,90 @@
+#include "core/fs/ntfs/NTFSBootSector.h"
+
+#include "core/fs/ntfs/NTFSLayout.h"
+
+#include <bit>
+
+namespace agent::core::fs {
+
+namespace {
+
+namespace layout = ntfs_layout::boot_sector;
+namespace file_record = ntfs_layout::file_record;
+
+constexpr std::uint16_t smallestSector = 256;
+constexpr std::uint16_t largestSector = 4096;
+constexpr int largestLogRecord = 16; // 64 KiB, as far as the offsets within a record reach
+constexpr std::uint64_t largestRecord = std::uint64_t{1} << largestLogRecord;
+constexpr std::uint64_t largestVolume = std::uint64_t{1} << 60U; // bytes, whose bits can still be counted
+
+} // namespace
+
+NTFSBootSector NTFSBootSector::decode(Bytes bytes) {
+    const Bytes name = bytes.subspan(layout::oemId, layout::oemIdSize);
+    NTFSBootSector boot;
+    boot.oemId.assign(name.begin(), name.end());
+    boot.bytesPerSector = littleEndian<std::uint16_t>(bytes, layout::bytesPerSector);
+    boot.sectorsPerCluster = bytes[layout::sectorsPerCluster];
+    boot.totalSectors = littleEndian<std::uint64_t>(bytes, layout::totalSectors);
+    boot.mftLcn = littleEndian<std::uint64_t>(bytes, layout::mftLcn);
+    boot.clustersPerMftRecord = littleEndian<std::int8_t>(bytes, layout::clustersPerMftRecord);
+    return boot;
+}
+
+bool NTFSBootSector::isNTFS() const {
+    return oemId == layout::oemIdValue;
+}
+
+/// Places in the master file table are reckoned by the device's sectors. Where the volume has others, another
+/// record, or what is left of an old one, could be read in place of the right one.
+std::string NTFSBootSector::objection(std::uint32_t deviceSector) const {
+    if (const char* reason = impossibleGeometry()) {
+        return reason;
+    }
+    if (deviceSector != 0 && deviceSector != bytesPerSector) {
+        return "NTFS: The volume has sectors of " + std::to_string(bytesPerSector) +
+               " bytes and its device of " + std::to_string(deviceSector) + ".";
+    }
+    return "";
+}
+
+const char* NTFSBootSector::impossibleGeometry() const {
+    if (!hasPossibleClusters()) {
+        return "NTFS: Impossible cluster size.";
+    }
+    const std::uint64_t recordSize = mftRecordSize();
+    if (!std::has_single_bit(recordSize) || recordSize < file_record::sector || recordSize > largestRecord) {
+        return "NTFS: Impossible size of file records.";
+    }
+    if (totalSectors > largestVolume / bytesPerSector) {
+        return "NTFS: Impossible number of sectors.";
+    }
+    return mftLcn == 0 || mftLcn >= clusterCount() ? "NTFS: The master file table is outside of the volume."
+                                                   : nullptr;
+}
+
+bool NTFSBootSector::hasPossibleClusters() const {
+    return std::has_single_bit(bytesPerSector) && bytesPerSector >= smallestSector &&
+           bytesPerSector <= largestSector && std::has_single_bit(sectorsPerCluster);
+}
+
+std::uint64_t NTFSBootSector::clusterBytes() const {
+    return std::uint64_t{bytesPerSector} * sectorsPerCluster;
+}
+
+std::uint64_t NTFSBootSector::clusterCount() const {
+    return sectorsPerCluster == 0
+               ? 0
+               : totalSectors >> static_cast<unsigned>(std::countr_zero(sectorsPerCluster));
+}
+
+std::uint64_t NTFSBootSector::mftRecordSize() const {
+    if (clustersPerMftRecord >= 0) {
+        return clusterBytes() * static_cast<std::uint64_t>(clustersPerMftRecord);
+    }
+    return -clustersPerMftRecord > largestLogRecord
+               ? 0
+               : std::uint64_t{1} << static_cast<unsigned>(-clustersPerMftRecord);
+}
+
+} // namespace agent::core::fs

@@ -1,0 +1,177 @@
+#include "core/fs/ntfs/NTFSMasterFileTable.h"
+
+#include "core/fs/ntfs/NTFSAttributeCursor.h"
+#include "core/fs/ntfs/NTFSError.h"
+#include "core/fs/ntfs/NTFSLayout.h"
+
+#include <bit>
+#include <utility>
+
+namespace agent::core::fs {
+
+namespace {
+
+namespace attribute = ntfs_layout::attribute;
+namespace list_entry = ntfs_layout::list_entry;
+
+unsigned shiftOf(std::uint64_t powerOfTwo) {
+    return static_cast<unsigned>(std::countr_zero(powerOfTwo));
+}
+
+void require(bool holds, const char* objection) {
+    if (!holds) {
+        throw NTFSObjection{objection};
+    }
+}
+
+} // namespace
+
+NTFSMasterFileTable::NTFSMasterFileTable(info::Logger& logger, IVolumeReader& reader,
+                                         std::uint32_t sectorSize, NTFSBootSector boot)
+    : logger(logger),
+      boot(std::move(boot)),
+      records(logger, reader, sectorSize),
+      mftRecord0(this->boot.mftRecordSize()),
+      mftRecord0Result(records.readMftRecord(0, this->boot.mftLcn * this->boot.clusterBytes(), mftRecord0)) {}
+
+NTFSDataRuns NTFSMasterFileTable::getDataRuns(std::uint64_t inode) {
+    NTFSRecord record(boot.mftRecordSize());
+    if (readInode(inode, record) != 0) {
+        info::LogEntry(logger, info::level::debug) << "Unable to read inode " << inode;
+        return {};
+    }
+    if (auto found = dataOf(record)) {
+        return *std::move(found);
+    }
+    info::LogEntry(logger, info::level::debug) << "Could not find $DATA attribute in inode " << inode;
+    NTFSAttributeCursor cursor(logger, record);
+    if (!cursor.findAttribute(attribute::typeAttributeList)) {
+        info::LogEntry(logger, info::level::debug) << "Could not find $DATA for inode " << inode;
+        return {};
+    }
+    return searchAttributeList(inode, cursor.attribute());
+}
+
+/// The runs of the table are those of its first part. A record behind them isn't there. One that goes on in
+/// another run would be read with a wrong end.
+std::int64_t NTFSMasterFileTable::readInode(std::uint64_t inode, NTFSRecord& buffer) {
+    if (mftRecord0Result != 0) {
+        return mftRecord0Result;
+    }
+    const std::uint64_t recordSize = boot.mftRecordSize();
+    const unsigned clusterShift = shiftOf(boot.clusterBytes());
+    if (inode > (boot.clusterCount() << clusterShift) >> shiftOf(recordSize)) {
+        return ntfs_error::recordUnreadable;
+    }
+    const std::uint64_t byteOffset = inode << shiftOf(recordSize);
+    const std::optional<NTFSDataRuns> table = dataOf(mftRecord0);
+    const std::vector<NTFSRun> runs = table ? table->runs : std::vector<NTFSRun>{};
+    const auto [run, firstVcn] = placeOf(byteOffset >> clusterShift, runs);
+    const std::uint64_t offsetInRun = byteOffset - (firstVcn << clusterShift);
+    const std::uint64_t runBytes = static_cast<std::uint64_t>(run.length) << clusterShift;
+    if (run.lcn == 0 || offsetInRun >= runBytes) {
+        return ntfs_error::recordUnreadable;
+    }
+    require(runBytes - offsetInRun >= recordSize, "NTFS: A file record is in two pieces.");
+    // The device has sectors as the volume has them, or nobody knows which.
+    const std::uint64_t diskOffset = (static_cast<std::uint64_t>(run.lcn) << clusterShift) + offsetInRun;
+    return records.readMftRecord(inode, diskOffset, buffer);
+}
+
+/// {0, 0} where no run has it: nothing of the table can be in the volume's first cluster.
+NTFSMasterFileTable::Place NTFSMasterFileTable::placeOf(std::uint64_t vcn, const std::vector<NTFSRun>& runs) {
+    std::uint64_t firstVcn = 0;
+    for (const NTFSRun& run : runs) {
+        const std::uint64_t endVcn = firstVcn + static_cast<std::uint64_t>(run.length);
+        if (run.lcn >= -1 && endVcn > vcn) {
+            return {run, firstVcn};
+        }
+        firstVcn = endVcn;
+    }
+    return {};
+}
+
+/// Of the data in a record; nothing if it has none.
+std::optional<NTFSDataRuns> NTFSMasterFileTable::dataOf(const NTFSRecord& record) {
+    NTFSAttributeCursor cursor(logger, record);
+    return cursor.findAttribute(attribute::typeData) ? std::optional(judgedRunsOf(cursor.attribute()))
+                                                     : std::nullopt;
+}
+
+/// Ends, as each entry has a length.
+NTFSDataRuns NTFSMasterFileTable::searchAttributeList(std::uint64_t inode, const NTFSAttribute& list) {
+    info::LogEntry(logger, info::level::debug) << "Searching for $DATA in ATTRIBUTE LIST";
+    if (!list.isResident()) {
+        info::LogEntry(logger, info::level::debug)
+            << "Support for non resident ATTRIBUTE LIST not yet added.";
+        return {};
+    }
+    Bytes rest = list.value();
+    while (!rest.empty()) {
+        require(rest.size() >= list_entry::size, "NTFS: An entry of an attribute list is cut short.");
+        const std::size_t length = littleEndian<std::uint16_t>(rest, list_entry::length);
+        const auto type = littleEndian<std::uint32_t>(rest, list_entry::type);
+        if (length == 0) {
+            info::LogEntry(logger, info::level::debug) << "No more entries in ATTRIBUTE LIST";
+            return {};
+        }
+        if (type == attribute::typeEnd) {
+            info::LogEntry(logger, info::level::debug)
+                << "Found End attribute in ATTRIBUTE LIST, nothing more to traverse";
+            return {};
+        }
+        if (type == attribute::typeData) {
+            const auto record =
+                littleEndian<std::uint64_t>(rest, list_entry::record) & ntfs_layout::referenceNumber;
+            if (auto found = dataOfPart(record, inode)) {
+                return *std::move(found);
+            }
+        }
+        require(length >= list_entry::size && length <= rest.size(),
+                "NTFS: An entry of an attribute list isn't within it.");
+        rest = rest.subspan(length);
+    }
+    info::LogEntry(logger, info::level::debug) << "Got the end of the ATTRIBUTE LIST";
+    return {};
+}
+
+/// Of a record that an attribute list names; nothing if the search has to go on.
+std::optional<NTFSDataRuns> NTFSMasterFileTable::dataOfPart(std::uint64_t record, std::uint64_t inode) {
+    info::LogEntry(logger, info::level::debug)
+        << "Found $DATA in inode " << record << " for base inode " << inode;
+    NTFSRecord part(boot.mftRecordSize());
+    if (readInode(record, part) != 0) {
+        info::LogEntry(logger, info::level::debug) << "Could not read inode " << record;
+        return std::nullopt;
+    }
+    if (part.baseRecord() != inode) {
+        info::LogEntry(logger, info::level::debug)
+            << "External inode " << record << " doesn't refer to base inode " << inode;
+        return std::nullopt;
+    }
+    auto found = dataOf(part);
+    if (!found) {
+        info::LogEntry(logger, info::level::debug)
+            << "Could not find $DATA in attribute list inode " << record;
+    }
+    return found;
+}
+
+/// The first cluster is the boot sector's, and no other file's.
+NTFSDataRuns NTFSMasterFileTable::judgedRunsOf(const NTFSAttribute& attribute) const {
+    NTFSRunList list = runsOf(attribute);
+    for (const char* reason : {attribute.objection(), list.objection}) {
+        require(reason == nullptr, reason);
+    }
+    const auto clusters = static_cast<std::int64_t>(boot.clusterCount());
+    std::int64_t total = 0;
+    for (const NTFSRun& run : list.runs) {
+        require(run.lcn > 0 && run.lcn < clusters && run.length <= clusters - run.lcn &&
+                    run.length <= clusters - total,
+                "NTFS: A run of clusters is outside of the volume.");
+        total += run.length;
+    }
+    return {std::move(list.runs), attribute.writtenBytes()};
+}
+
+} // namespace agent::core::fs

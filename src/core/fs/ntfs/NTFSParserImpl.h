@@ -1,0 +1,49 @@
+#pragma once
+
+#include "core/fs/IFileSystemParser.h"
+#include "core/fs/IVolumeReader.h"
+#include "core/fs/ntfs/NTFSBootSector.h"
+#include "core/fs/ntfs/NTFSMasterFileTable.h"
+#include "info/log/Logger.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <vector>
+
+namespace agent::core::fs {
+
+/// What NTFSParser does. docs/formats/ntfs.md tells what is read, and what comes of it for a backup.
+class NTFSParserImpl : public IFileSystemParser {
+public:
+    NTFSParserImpl(info::Logger& logger, IVolumeReader& reader, std::uint32_t sectorSize);
+
+    bool recognize() override;
+    std::int64_t getBitmapChunk(std::uint64_t startBlock, std::uint8_t* buffer,
+                                std::size_t bufferBytes) override;
+    [[nodiscard]] std::uint32_t getBlockSize() const override;
+
+private:
+    /// The caller's map.
+    struct UsedMap {
+        std::uint8_t* buffer;
+        std::size_t bytes;
+        std::uint64_t startBlock;
+    };
+
+    std::optional<std::int64_t> resultWithoutBitmap(std::uint64_t startBlock);
+    std::int64_t readBitmap(const UsedMap& used);
+    std::uint64_t readRuns(const std::vector<NTFSRun>& runs, const UsedMap& used);
+    void readRun(std::uint64_t offset, std::uint8_t* target, std::uint64_t bytes);
+    void useWhatIsBehindTheEnd(const UsedMap& used, std::uint64_t filled) const;
+    void requireOwnClustersUsed(const std::vector<NTFSRun>& runs, const UsedMap& used,
+                                std::uint64_t filled) const;
+
+    info::Logger& logger;
+    IVolumeReader& reader;
+    std::uint32_t sectorSize; // of the device
+    NTFSBootSector boot;
+    std::optional<NTFSMasterFileTable> files; // unless there is an objection to the boot sector
+};
+
+} // namespace agent::core::fs
