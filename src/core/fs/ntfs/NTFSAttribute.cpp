@@ -40,12 +40,20 @@ const char* NTFSAttribute::objection() const {
     if (bytes[layout::nameLength] != 0) {
         return "NTFS: The data that was found has a name, so it isn't the content of its file.";
     }
-    if (littleEndian<std::uint16_t>(bytes, layout::flags) != 0) {
-        return "NTFS: The data is compressed, encrypted or sparse.";
-    }
     return littleEndian<std::uint64_t>(bytes, layout::lowestVcn) != 0
                ? "NTFS: The data that was found isn't the begin of its file."
                : nullptr;
+}
+
+const char* NTFSAttribute::packing() const {
+    return littleEndian<std::uint16_t>(bytes, layout::flags) != 0
+               ? "NTFS: The data is compressed, encrypted or sparse."
+               : nullptr;
+}
+
+std::uint64_t NTFSAttribute::allocatedBytes() const {
+    requireNonResidentHeader();
+    return littleEndian<std::uint64_t>(bytes, layout::allocatedSize);
 }
 
 std::uint64_t NTFSAttribute::writtenBytes() const {

@@ -12,6 +12,7 @@ namespace agent::core::fs {
 struct NTFSRun {
     std::int64_t lcn; ///< the first one
     std::int64_t length;
+    bool isHole = false; ///< has no clusters; the first one is that of the run before
     bool operator==(const NTFSRun&) const = default;
 };
 
