@@ -12,9 +12,9 @@ from lab import ext, ntfs, xfs
 from lab.commands import run
 from lab.kind import Format
 
-KINDS = (ext.KIND, xfs.KIND)
+KINDS = (ext.KIND, xfs.KIND, ntfs.KIND)
 # What else can be on a partition; no image of it is ever looked into.
-OTHERS = (ntfs.FORMAT, Format({"swap": ("mkswap", "--force")}, "--label", mount=None))
+OTHERS = (Format({"swap": ("mkswap", "--force")}, "--label", mount=None),)
 
 
 class UnknownKind(ValueError):

@@ -87,7 +87,8 @@ def check(*command):
 
 
 class Entry(typing.NamedTuple):
-    """What is known of a file. `content` is the hash of what it holds, or where a link leads to."""
+    """What is known of a file. `content` is the hash of what it holds, or where a link leads to. A folder has
+    no size: ntfs-3g tells another one of the same folder when it is mounted again."""
 
     mode: str
     owner: int
@@ -113,8 +114,9 @@ def entry_of(path):
             content = hashlib.file_digest(file, "sha256").hexdigest()
     elif stat.S_ISLNK(status.st_mode):
         content = os.readlink(path)
-    return Entry(stat.filemode(status.st_mode), status.st_uid, status.st_gid, status.st_size,
-                 status.st_mtime_ns, content)
+    size = 0 if stat.S_ISDIR(status.st_mode) else status.st_size
+    return Entry(stat.filemode(status.st_mode), status.st_uid, status.st_gid, size, status.st_mtime_ns,
+                 content)
 
 
 @dataclasses.dataclass
@@ -207,7 +209,7 @@ def unescape(path):
 
 
 def extents_of(file):
-    text = run("filefrag", "-s", "-v", file)
+    text = run("filefrag", "-e", "-s", "-v", file)
     found = re.search(r"blocks? of (\d+) bytes\)", text)
     unit = int(found[1])
     return [(int(begin) * unit, int(length) * unit) for begin, length in

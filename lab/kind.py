@@ -33,7 +33,8 @@ class Sample:
 @dataclasses.dataclass(frozen=True)
 class Seed:
     """A volume that the fuzzing of a parser begins with. It is aged, and has so many holes of a block each,
-    unless kernels no longer mount what it is; its device has sectors of 512 << `sector_exponent` bytes."""
+    unless kernels no longer mount what it is; its device has sectors of 512 << `sector_exponent` bytes. At
+    last the image is handed to each of the `steps`."""
 
     name: str
     file_system: str
@@ -42,6 +43,7 @@ class Seed:
     is_mounted: bool = True
     holes: int = 0
     sector_exponent: int = 0
+    steps: tuple = ()
 
 
 @dataclasses.dataclass(frozen=True)
@@ -66,6 +68,7 @@ class Kind(Format):
     samples       Samples
     regions       regions(image) is all that the parser may read of an image: (offset, length) in bytes
     seeds         Seeds
+    goes_on       whether a map may go on behind the last block of the file system, up to a whole piece of it
 
     What is in ONLY_MOUNTED is None where none can be mounted.
     """
@@ -86,6 +89,7 @@ class Kind(Format):
     samples: tuple
     regions: Callable
     seeds: tuple
+    goes_on: bool = False
 
 
 ONLY_MOUNTED = ("look", "write", "calm", "structures", "usual")

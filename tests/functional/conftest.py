@@ -11,12 +11,13 @@ import shutil
 import sqlite3
 import subprocess
 import sys
+import tempfile
 
 import pytest
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(ROOT))
-pytest.register_assert_rewrite("backup_site", "fault_site", "snapshot_site")
+pytest.register_assert_rewrite("backup_site", "fault_site", "snapshot_site", "used_maps")
 
 from backup_site import EXT4, XFS, empty, root_of  # noqa: E402
 from fault_site import DATA, FaultList, fault_site  # noqa: E402
@@ -83,6 +84,13 @@ def site(request, private_machine):
     if request.node.get_closest_marker("bare_site") is None:
         certificates.install(request.getfixturevalue("site_agent"),
                              request.getfixturevalue("site_authority"), CERTIFICATES)
+
+
+@pytest.fixture
+def directory():
+    """For images, which lie in memory: what pytest has for files stays there until the last test."""
+    with tempfile.TemporaryDirectory() as path:
+        yield pathlib.Path(path)
 
 
 @pytest.fixture

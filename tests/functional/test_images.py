@@ -5,7 +5,6 @@ The images are made by hand: poison, and on it the blocks that the file system's
 import os
 import pathlib
 import random
-import tempfile
 
 import pytest
 
@@ -101,13 +100,6 @@ def volume(request, private_machine):
         fill(root)
         run("mount", "-o", "remount,ro", root)
         yield disk["data"], root
-
-
-@pytest.fixture
-def directory():
-    """For images, which lie in memory: what pytest has for files stays there until the last test."""
-    with tempfile.TemporaryDirectory() as path:
-        yield pathlib.Path(path)
 
 
 @pytest.fixture

@@ -1,13 +1,22 @@
-"""The used blocks that the parsers find, by bek-usedmap, beside what the file systems' own tools say."""
+"""The used blocks that the parsers find, by bek-usedmap, beside what the file systems' own tools say, and
+beside what others tell."""
+import functools
 import json
+import os
 import subprocess
 
+from lab import oracles, poison
 from lab.commands import run
 from lab.daemon import program
 from lab.filesystems import kind_of
+from lab.images import fsck, mounted, pieces, tree_hashes
 
 BUILD = program().parent
 TOOL = BUILD / "bek-usedmap"
+# Those that are right on all volumes of a kind, called with an image and the size of its blocks.
+ORACLES = {
+    "ntfs": (functools.partial(oracles.partclone, "ntfs"), functools.partial(oracles.sleuthkit, "ntfs")),
+}
 
 
 class Comparison:
@@ -18,10 +27,11 @@ class Comparison:
         self._kind = kind_of(file_system)
         self.truth = truth = truth or self._kind.truth(volume)
         found = json.loads(run(TOOL, "--json", *options, volume))
-        assert (found["blocks"], found["blockSize"]) == (truth.blocks, truth.block_size)
-        self.used = set()
-        for first, count in found["ranges"]:
-            self.used.update(range(first, first + count))
+        assert found["blockSize"] == truth.block_size
+        assert found["blocks"] == truth.blocks or self._kind.goes_on and found["blocks"] > truth.blocks
+        self.ranges = [(first, min(count, truth.blocks - first)) for first, count in found["ranges"]
+                       if first < truth.blocks]
+        self.used = {block for first, count in self.ranges for block in range(first, first + count)}
         truly_used = set(range(truth.blocks)) - truth.free
         self.lost = truly_used - self.used    # a backup would leave them out
         self.kept = self.used & truth.free    # a backup would copy them for nothing
@@ -35,6 +45,15 @@ class Comparison:
         matrix.append((name, self.truth.blocks, len(self.used), len(self.lost), len(self.kept)))
         return self
 
+    def rebuild(self, path):
+        """Makes an image of poison, and on it the blocks that the agent calls used."""
+        size = self.truth.block_size
+        poison.make_image(path, os.path.getsize(self._volume))
+        with open(self._volume, "rb", buffering=0) as source, open(path, "r+b", buffering=0) as target:
+            for at, length in pieces((first * size, count * size) for first, count in self.ranges):
+                os.pwrite(target.fileno(), os.pread(source.fileno(), length, at), at)
+        return path
+
 
 def refused(volume, *options):
     """What the tool says when it can't read the map."""
@@ -42,3 +61,21 @@ def refused(volume, *options):
     assert done.returncode == 1 and done.stdout == ""
     assert done.stderr.endswith("the map of used blocks can't be read; a backup would copy every block\n")
     return done.stderr
+
+
+def agreed(image, file_system, *options, by=None):
+    """The Comparison of an image on which the agent, the file system's tool and the oracles say the same."""
+    found = Comparison(image, file_system, *options)
+    assert not found.unexplained
+    for oracle in by or ORACLES[kind_of(file_system).name]:
+        told = oracle(image, found.truth.block_size)
+        assert (told.blocks, told.free) == (found.truth.blocks, found.truth.free), oracle
+    return found
+
+
+def check_rebuilt(found, path, file_system, tree, check=fsck):
+    """An image of nothing but the blocks that the agent calls used is a whole file system with that tree."""
+    found.rebuild(path)
+    check(path, file_system)
+    with mounted(path, file_system) as root:
+        assert tree_hashes(root) == tree

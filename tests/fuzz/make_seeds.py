@@ -39,6 +39,8 @@ def make_seed(kind, seed, work):
             if seed.holes:
                 riddle(directory / "riddled", HOLE, seed.holes)
             age(directory, 30, largest=100_000)
+    for step in seed.steps:
+        step(image)
     return encode(image, kind.regions(image), seed.sector_exponent)
 
 

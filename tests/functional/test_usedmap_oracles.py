@@ -1,0 +1,22 @@
+"""The used blocks that the parsers find, beside what programs tell that had no part in making the volumes,
+block for block; and volumes that are put together from nothing but those blocks."""
+import pytest
+
+from lab import filesystems
+from lab.images import tree_hashes
+from lab.volume_images import age, make_image, mounted
+from used_maps import ORACLES, agreed, check_rebuilt
+
+SAMPLES = {sample.name: sample for kind in filesystems.KINDS if kind.name in ORACLES
+           for sample in kind.samples}
+
+
+@pytest.mark.parametrize("name", SAMPLES)
+def test_all_agree_and_nothing_else_is_needed(name, directory):
+    sample = SAMPLES[name]
+    image = make_image(directory / "image", sample.mebibytes, sample.file_system, *sample.options)
+    agreed(image, sample.file_system)
+    with mounted(image, sample.file_system, directory / "mnt") as (_, root):
+        age(root, 300)
+        tree = tree_hashes(root)
+    check_rebuilt(agreed(image, sample.file_system), directory / "rebuilt", sample.file_system, tree)

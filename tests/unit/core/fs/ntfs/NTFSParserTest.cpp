@@ -1,0 +1,701 @@
+#include "core/fs/ntfs/NTFSParser.h"
+
+#include "common/AlignedBuffer.h"
+#include "support/NtfsImage.h"
+#include "support/RecordingLogger.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <memory>
+#include <random>
+#include <set>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace agent::core::fs {
+namespace {
+
+using test::NtfsImage;
+using Geometry = NtfsImage::Geometry;
+using Clusters = std::set<std::uint64_t>;
+using Content = NtfsImage::Content;
+using Runs = NtfsImage::Runs;
+
+constexpr int debug = info::level::debug;
+constexpr std::size_t clusterBits = 4096UL * 8;
+
+class NTFSParserTest : public testing::Test {
+protected:
+    void make(Geometry geometry) { image = std::make_unique<NtfsImage>(geometry); }
+
+    std::int64_t parse(std::uint64_t startBlock = 0, std::size_t bytes = 8192) {
+        return parseOn(image->geometry.bytesPerSector, startBlock, bytes);
+    }
+
+    std::int64_t parseOn(std::uint32_t deviceSector, std::uint64_t startBlock = 0, std::size_t bytes = 8192) {
+        NTFSParser parser(record.logger, image->volume, deviceSector);
+        EXPECT_TRUE(parser.recognize());
+        record.clear();
+        image->volume.requests.clear();
+        buffer.assign(bytes, 0xa5);
+        return parser.getBitmapChunk(startBlock, buffer.data(), buffer.size());
+    }
+
+    /// The first so many clusters of the buffer that are used, counted from `startBlock`.
+    [[nodiscard]] Clusters used(std::uint64_t clusters, std::uint64_t startBlock = 0) const {
+        Clusters found;
+        for (std::uint64_t bit = 0; bit < clusters; ++bit) {
+            if ((buffer[bit / 8] >> (bit % 8) & 1) != 0) {
+                found.insert(startBlock + bit);
+            }
+        }
+        return found;
+    }
+
+    static Clusters run(std::uint64_t first, std::uint64_t count) {
+        Clusters clusters;
+        for (std::uint64_t cluster = first; cluster < first + count; ++cluster) {
+            clusters.insert(cluster);
+        }
+        return clusters;
+    }
+
+    [[nodiscard]] std::vector<std::string> debugLines() const {
+        std::vector<std::string> texts;
+        for (const auto& line : record.lines()) {
+            if (line.level == debug) {
+                texts.push_back(line.text);
+            }
+        }
+        return texts;
+    }
+
+    [[nodiscard]] bool hasDebug(const std::string& line) const { return record.has(debug, line); }
+
+    [[nodiscard]] bool saysFailure(std::int64_t number) const {
+        return record.has(info::level::error,
+                          "A logical error occurred while attempting to parse the NTFS bitmap, err: " +
+                              std::to_string(number));
+    }
+
+    void expectRefusal(const std::string& reason) {
+        EXPECT_EQ(parse(), -1);
+        EXPECT_TRUE(record.has(info::level::error, reason)) << reason;
+        EXPECT_TRUE(saysFailure(-1));
+    }
+
+    void expectFailure(std::int64_t number, const std::string& line) {
+        EXPECT_EQ(parse(), number);
+        EXPECT_TRUE(hasDebug(line)) << line;
+        EXPECT_TRUE(saysFailure(number));
+    }
+
+    void expectTooSmall(const std::string& line) {
+        expectFailure(-226, line);
+        EXPECT_TRUE(hasDebug("Sanity check failed on total bytes from BootRecord: 10000 vs total bytes from "
+                             "Bitmap: 0"));
+    }
+
+    void expectBroken(const std::string& text) {
+        try {
+            parse();
+            ADD_FAILURE() << "nothing is thrown";
+        } catch (const std::runtime_error& error) {
+            EXPECT_EQ(error.what(), text);
+        }
+    }
+
+    /// The bitmap's record has an attribute list, which names a record 20 with the data.
+    void setListed(const std::vector<NtfsImage::ListEntry>& entries) {
+        image->setRecord(NtfsImage::bitmapRecord, {NtfsImage::attributeListOf(entries)});
+        image->setRecord(20, {NtfsImage::dataOf(image->bitmap)}, NtfsImage::bitmapRecord);
+    }
+
+    test::RecordingLogger record;
+    std::unique_ptr<NtfsImage> image;
+    std::vector<std::uint8_t> buffer;
+};
+
+TEST_F(NTFSParserTest, NameAloneIsRecognised) {
+    test::MemoryVolume volume(4096);
+    const std::string name = "NTFS    ";
+    volume.write(3, {reinterpret_cast<const std::uint8_t*>(name.data()), name.size()});
+    NTFSParser parser(record.logger, volume, 512);
+    EXPECT_TRUE(parser.recognize());
+    EXPECT_TRUE(record.lines().empty());
+    for (std::uint64_t offset = 3; offset < 11; ++offset) {
+        volume.at(offset) ^= 1;
+        EXPECT_FALSE(parser.recognize());
+        volume.at(offset) ^= 1;
+    }
+    EXPECT_TRUE(record.lines().empty());
+}
+
+TEST_F(NTFSParserTest, UnreadableBootSectorIsNotRecognised) {
+    make({});
+    NTFSParser parser(record.logger, image->volume, 512);
+    image->volume.size = 511;
+    EXPECT_FALSE(parser.recognize());
+    EXPECT_TRUE(record.has(info::level::error, "Can't read ntfs boot sector"));
+    image->volume.size = 512;
+    EXPECT_TRUE(parser.recognize());
+    image->volume.failReads(0, 1);
+    EXPECT_FALSE(parser.recognize());
+}
+
+TEST_F(NTFSParserTest, OwnRecordOfTheTableIsReadWithTheBootSectorAndNotJudged) {
+    make({});
+    NTFSParser parser(record.logger, image->volume, 512);
+    EXPECT_TRUE(parser.recognize());
+    EXPECT_EQ(debugLines(), (std::vector<std::string>{"Reading $MFT for inode 0 at offset 16384"}));
+    image->volume.failReads(16384, 16385);
+    EXPECT_TRUE(parser.recognize());
+    image->volume.failReads(0, 0);
+    image->volume.at(image->placeOf(0)) = 'X';
+    EXPECT_TRUE(parser.recognize());
+    EXPECT_TRUE(hasDebug("MFT record 0 is invalid."));
+}
+
+TEST_F(NTFSParserTest, MapIsThatOfTheBitmap) {
+    make({});
+    for (const std::uint64_t cluster : {500U, 501U, 9999U}) {
+        image->use(cluster);
+    }
+    EXPECT_EQ(parse(), clusterBits);
+    Clusters expected{0, 500, 501, 9999};
+    expected.merge(run(4, 17)); // 16 of the table, 1 of the bitmap
+    EXPECT_EQ(used(10'000), expected);
+}
+
+TEST_F(NTFSParserTest, TellsWhatItReads) {
+    make({});
+    parse();
+    EXPECT_EQ(debugLines(), (std::vector<std::string>{"Searching for attribute 128",
+                                                      "Reading $MFT for inode 6 at offset 22528",
+                                                      "Searching for attribute 128"}));
+}
+
+// A bitmap has whole clusters, and the boot sector's backup is behind the last one that is counted.
+TEST_F(NTFSParserTest, WhatIsBehindTheLastClusterIsUsed) {
+    for (const std::uint64_t clusters : {9'999U, 10'000U, 10'007U, 32'767U, 32'768U}) {
+        make({.clusterCount = clusters});
+        EXPECT_EQ(parse(), clusterBits);
+        EXPECT_EQ(used(clusters).size(), 18U);
+        EXPECT_FALSE(used(clusters).contains(clusters - 1));
+        EXPECT_EQ(used(clusterBits).size(), 18 + clusterBits - clusters);
+    }
+    make({});
+    EXPECT_EQ(parse(9'984, 64), 512);
+    EXPECT_EQ(used(512, 9'984), run(10'000, 496));
+}
+
+TEST_F(NTFSParserTest, BitmapInPiecesIsReadAcrossThemInOneCall) {
+    make({.clusterCount = 60'000});
+    image->setBitmap({{5000, 1}, {300, 1}});
+    image->use(32'767);
+    image->use(32'768);
+    image->use(50'000);
+    EXPECT_EQ(parse(), 2 * clusterBits);
+    Clusters expected{0, 300, 5000, 32'767, 32'768, 50'000};
+    expected.merge(run(4, 16));
+    EXPECT_EQ(used(60'000), expected);
+}
+
+TEST_F(NTFSParserTest, FortyPiecesInAnyOrder) {
+    make({.sectorsPerCluster = 1, .clusterCount = 40UL * 512 * 8});
+    std::mt19937 random(7);
+    Runs runs;
+    for (std::int64_t piece = 0; piece < 40; ++piece) {
+        runs.emplace_back(1000 + piece * 4000, 1);
+    }
+    std::shuffle(runs.begin(), runs.end(), random);
+    image->setBitmap(runs);
+    Clusters expected{0};
+    expected.merge(run(4, 128));
+    for (const auto& [first, count] : runs) {
+        expected.merge(run(static_cast<std::uint64_t>(first), static_cast<std::uint64_t>(count)));
+    }
+    for (int i = 0; i < 1000; ++i) {
+        const std::uint64_t cluster = random() % image->geometry.clusterCount;
+        image->use(cluster);
+        expected.insert(cluster);
+    }
+    EXPECT_EQ(parse(0, 20'480), 163'840);
+    EXPECT_EQ(used(163'840), expected);
+}
+
+TEST_F(NTFSParserTest, RecordsHaveTheSizeThatTheBootSectorTells) {
+    struct Case {
+        std::uint32_t sectorsPerCluster;
+        std::uint32_t recordSize;
+        std::uint8_t told;
+    };
+    for (const auto& [sectorsPerCluster, recordSize, told] :
+         {Case{8, 1024, 0xF6}, Case{8, 4096, 1}, Case{1, 1024, 2}, Case{128, 4096, 0xF4},
+          Case{4, 512, 0xF7}}) {
+        make({.sectorsPerCluster = sectorsPerCluster, .recordSize = recordSize});
+        ASSERT_EQ(image->volume.at(64), told);
+        EXPECT_GE(parse(0, 1250), 10'000);
+        EXPECT_TRUE(hasDebug("Reading $MFT for inode 6 at offset " +
+                             std::to_string(4 * image->clusterBytes + 6 * recordSize)));
+    }
+}
+
+TEST_F(NTFSParserTest, ClustersWithoutSectors) {
+    make({});
+    image->volume.at(13) = 0;
+    expectFailure(-174, "Invalid parameter. Did you call fs_has_identifier before?");
+}
+
+TEST_F(NTFSParserTest, VolumeThatIsNotRecognisedHasNoClusters) {
+    make({});
+    NTFSParser parser(record.logger, image->volume, 512);
+    EXPECT_EQ(parser.getBitmapChunk(0, nullptr, 0), -174);
+    EXPECT_EQ(parser.getBlockSize(), 0U);
+}
+
+TEST_F(NTFSParserTest, ClustersOfThreeSectorsAreCountedTwice) {
+    make({});
+    image->volume.at(13) = 3;
+    expectFailure(-186, "Sanity check failed. ClusterCount: 80000 Alt ClusterCount: 26666");
+}
+
+// What larger ones have there is the negated logarithm of their sectors.
+TEST_F(NTFSParserTest, ClustersOfMoreThan128SectorsAreRefused) {
+    for (unsigned sectors = 0xF1; sectors <= 0xFF; ++sectors) {
+        make({});
+        image->volume.at(13) = static_cast<std::uint8_t>(sectors);
+        EXPECT_EQ(parse(), -186) << sectors;
+    }
+}
+
+TEST_F(NTFSParserTest, EndHasNothing) {
+    make({});
+    EXPECT_EQ(parse(10'000), 0);
+    EXPECT_TRUE(hasDebug("LCN: 10000 Total blocks: 10000. Nothing more to read in bitmap."));
+    EXPECT_EQ(parse(10'001), 0);
+    EXPECT_EQ(parse(UINT64_MAX), 0);
+    EXPECT_TRUE(image->volume.requests.empty());
+    image->volume.writeLittle(40, 7, 8);
+    EXPECT_EQ(parse(), 0);
+}
+
+TEST_F(NTFSParserTest, StartWithinAByteIsRefused) {
+    make({});
+    EXPECT_EQ(parse(12), -201);
+    EXPECT_TRUE(hasDebug("LCN 12 is not a multiple of 8."));
+    EXPECT_TRUE(saysFailure(-201));
+}
+
+TEST_F(NTFSParserTest, DamagedRecordOfTheBitmapGivesNoRuns) {
+    const std::uint64_t record6 = 22'528;
+    const auto damage = [this, record6](std::uint64_t offset) {
+        make({});
+        ASSERT_EQ(image->placeOf(6), record6);
+        image->volume.at(offset) ^= 0xFF;
+        expectTooSmall("Unable to read inode 6");
+    };
+    damage(record6);
+    EXPECT_TRUE(hasDebug("MFT record 6 is invalid."));
+    damage(record6 + 44);   // its number
+    damage(record6 + 510);  // the end of a sector
+    damage(record6 + 1022); // of another
+    make({});
+    image->volume.failReads(record6, record6 + 1);
+    expectTooSmall("Unable to read inode 6");
+    make({});
+    image->volume.size = record6 + 512;
+    expectTooSmall("Unable to read inode 6");
+}
+
+TEST_F(NTFSParserTest, RecordThatDoesNotKnowItsNumberIsTaken) {
+    make({});
+    image->setRecord(6, {NtfsImage::dataOf(image->bitmap)}, 0, false);
+    EXPECT_EQ(parse(), clusterBits);
+}
+
+TEST_F(NTFSParserTest, WithoutTheOwnRecordOfTheTableThereAreNoRuns) {
+    make({});
+    image->volume.at(image->placeOf(0) + 44) = 1;
+    expectTooSmall("Unable to read inode 6");
+    image->setRecord(0, {});
+    expectTooSmall("Unable to read inode 6");
+    image->setRecord(0, {NtfsImage::dataOf(Runs{})});
+    expectTooSmall("Unable to read inode 6");
+    image->setRecord(0, {NtfsImage::dataOf({{4, 1}})}); // 4 records
+    expectTooSmall("Unable to read inode 6");
+}
+
+TEST_F(NTFSParserTest, TableMayBeInPieces) {
+    make({});
+    image->setTable({{4, 1}, {900, 1}, {40, 2}});
+    image->setBitmap({{2000, 1}});
+    EXPECT_EQ(parse(), clusterBits);
+    EXPECT_TRUE(hasDebug("Reading $MFT for inode 6 at offset " + std::to_string(900 * 4096 + 2 * 1024)));
+}
+
+TEST_F(NTFSParserTest, RecordInTwoPiecesIsRefused) {
+    make({.sectorsPerCluster = 1});
+    image->setTable({{4, 13}, {900, 20}}); // record 6 is in the clusters 12 and 13 of the table
+    expectRefusal("NTFS: A file record is in two pieces.");
+}
+
+TEST_F(NTFSParserTest, BitmapThatIsTooSmall) {
+    make({.clusterCount = 60'000});
+    image->setRecord(6, {NtfsImage::dataOf({{900, 1}})});
+    expectFailure(
+        -226, "Sanity check failed on total bytes from BootRecord: 60000 vs total bytes from Bitmap: 32768");
+    image->setRecord(6, {NtfsImage::dataOf(Runs{})});
+    expectFailure(-226,
+                  "Sanity check failed on total bytes from BootRecord: 60000 vs total bytes from Bitmap: 0");
+}
+
+TEST_F(NTFSParserTest, RecordWithoutDataHasNoRuns) {
+    make({});
+    image->setRecord(6, {NtfsImage::resident(NtfsImage::fileName, {1, 2, 3})});
+    expectTooSmall("Could not find $DATA attribute in inode 6");
+    EXPECT_TRUE(hasDebug("Searching for attribute 32"));
+    EXPECT_TRUE(hasDebug("Could not find $DATA for inode 6"));
+}
+
+TEST_F(NTFSParserTest, DataIsFoundBehindOtherAttributes) {
+    make({});
+    image->setRecord(6, {NtfsImage::resident(0x10, Content(48)),
+                         NtfsImage::resident(NtfsImage::fileName, Content(99)),
+                         NtfsImage::dataOf(image->bitmap)});
+    EXPECT_EQ(parse(), clusterBits);
+}
+
+TEST_F(NTFSParserTest, DataMayBeBehindAnAttributeList) {
+    make({});
+    setListed({{0x10, 6}, {NtfsImage::data, 20}});
+    EXPECT_EQ(parse(), clusterBits);
+    EXPECT_EQ(used(10'000).size(), 18U);
+    EXPECT_EQ(debugLines(), (std::vector<std::string>{
+                                "Searching for attribute 128", "Reading $MFT for inode 6 at offset 22528",
+                                "Searching for attribute 128", "Could not find $DATA attribute in inode 6",
+                                "Searching for attribute 32", "Searching for $DATA in ATTRIBUTE LIST",
+                                "Found $DATA in inode 20 for base inode 6", "Searching for attribute 128",
+                                "Reading $MFT for inode 20 at offset 36864", "Searching for attribute 128"}));
+}
+
+TEST_F(NTFSParserTest, AttributeListThatIsNotResident) {
+    make({});
+    Content list = NtfsImage::dataOf(image->bitmap);
+    list[0] = NtfsImage::attributeList;
+    image->setRecord(6, {list});
+    expectTooSmall("Support for non resident ATTRIBUTE LIST not yet added.");
+}
+
+TEST_F(NTFSParserTest, AttributeListEndsInThreeWays) {
+    make({});
+    setListed({{0x10, 6}, {NtfsImage::data, 20, 0}});
+    expectTooSmall("No more entries in ATTRIBUTE LIST");
+    setListed({{0x10, 6}, {NtfsImage::end, 6}, {NtfsImage::data, 20}});
+    expectTooSmall("Found End attribute in ATTRIBUTE LIST, nothing more to traverse");
+    setListed({{0x10, 6}, {0x30, 6}});
+    expectTooSmall("Got the end of the ATTRIBUTE LIST");
+    setListed({});
+    expectTooSmall("Got the end of the ATTRIBUTE LIST");
+}
+
+TEST_F(NTFSParserTest, WalkOfAnAttributeListGoesOn) {
+    make({});
+    setListed({{NtfsImage::data, 21}, {NtfsImage::data, 22}, {NtfsImage::data, 23}, {NtfsImage::data, 20}});
+    image->setRecord(22, {NtfsImage::dataOf(image->bitmap)}, 5);
+    image->setRecord(23, {}, 6);
+    EXPECT_EQ(parse(), clusterBits);
+    EXPECT_TRUE(hasDebug("Could not read inode 21"));
+    EXPECT_TRUE(hasDebug("External inode 22 doesn't refer to base inode 6"));
+    EXPECT_TRUE(hasDebug("Could not find $DATA in attribute list inode 23"));
+    EXPECT_TRUE(hasDebug("Found $DATA in inode 20 for base inode 6"));
+}
+
+TEST_F(NTFSParserTest, RecordsThatAttributeListsNameMayBeAnywhere) {
+    for (const std::uint64_t record : {64UL, 10'000UL, 39'999UL, 40'000UL, 40'001UL, 0xFFFF'FFFF'FFFFUL}) {
+        make({});
+        setListed({{NtfsImage::data, record}});
+        expectTooSmall("Could not read inode " + std::to_string(record));
+    }
+}
+
+// The runs of the first part alone are taken.
+TEST_F(NTFSParserTest, DataInSeveralPartsIsTooSmall) {
+    make({.clusterCount = 60'000});
+    setListed({{NtfsImage::data, 20}, {NtfsImage::data, 21}});
+    image->setRecord(20, {NtfsImage::dataOf({{900, 1}})}, 6);
+    image->setRecord(21, {NtfsImage::dataOf({{950, 1}}, {.lowestVcn = 1})}, 6);
+    expectFailure(
+        -226, "Sanity check failed on total bytes from BootRecord: 60000 vs total bytes from Bitmap: 32768");
+}
+
+TEST_F(NTFSParserTest, LaterPartIsNotTheBegin) {
+    make({});
+    setListed({{NtfsImage::data, 21}, {NtfsImage::data, 20}});
+    image->setRecord(20, {NtfsImage::dataOf(image->bitmap, {.lowestVcn = 1})}, 6);
+    expectRefusal("NTFS: The data that was found isn't the begin of its file.");
+}
+
+TEST_F(NTFSParserTest, BrokenEntriesOfAnAttributeListAreRefused) {
+    make({});
+    for (const std::uint16_t length : {std::uint16_t{1}, std::uint16_t{23}}) {
+        setListed({{0x10, 6, length}, {NtfsImage::data, 20}});
+        expectRefusal("NTFS: An entry of an attribute list isn't within it.");
+    }
+    setListed({{0x10, 6, 65}, {NtfsImage::data, 20}});
+    expectRefusal("NTFS: An entry of an attribute list isn't within it.");
+    setListed({{0x10, 6, 48}, {NtfsImage::data, 20}}); // 16 bytes are left
+    expectRefusal("NTFS: An entry of an attribute list is cut short.");
+    Content list = NtfsImage::attributeListOf({{NtfsImage::data, 20}});
+    for (const std::size_t field : {16U, 17U, 20U}) { // the length of the value, and its offset
+        Content broken = list;
+        broken[field] += 100;
+        image->setRecord(6, {broken});
+        expectRefusal("NTFS: The value of an attribute is outside of it.");
+    }
+}
+
+TEST_F(NTFSParserTest, BrokenRunListsAreExceptions) {
+    make({});
+    image->setRecord(6, {NtfsImage::withRunList({0x19, 1, 0, 0, 0, 0, 0, 0})});
+    expectBroken("Invalid runlist");
+    image->setRecord(6, {NtfsImage::withRunList({0x72, 1, 0, 1, 0, 0, 0, 0})});
+    expectBroken("Corrupt runlist");
+    Content farAway = NtfsImage::dataOf(image->bitmap);
+    farAway[32] = static_cast<std::uint8_t>(farAway.size() + 1);
+    image->setRecord(6, {farAway});
+    expectBroken("No run list can be found");
+    image->setRecord(6, {NtfsImage::resident(NtfsImage::data, {1, 2, 3})});
+    expectBroken("Attribute is resident. Can't find data-runs.");
+}
+
+TEST_F(NTFSParserTest, DataThatIsNotPlainIsRefused) {
+    make({});
+    for (const std::uint16_t flags : {std::uint16_t{0x0001}, std::uint16_t{0x4000}, std::uint16_t{0x8000}}) {
+        image->setRecord(6, {NtfsImage::dataOf(image->bitmap, {.flags = flags})});
+        expectRefusal("NTFS: The data is compressed, encrypted or sparse.");
+    }
+    image->setRecord(6, {NtfsImage::dataOf(image->bitmap, {.nameLength = 4})});
+    expectRefusal("NTFS: The data that was found has a name, so it isn't the content of its file.");
+    image->setRecord(6, {NtfsImage::dataOf(image->bitmap, {.lowestVcn = 1})});
+    expectRefusal("NTFS: The data that was found isn't the begin of its file.");
+}
+
+TEST_F(NTFSParserTest, TableThatIsNotPlainIsRefused) {
+    make({});
+    image->setRecord(0, {NtfsImage::dataOf(image->table, {.flags = 0x8000})});
+    expectRefusal("NTFS: The data is compressed, encrypted or sparse.");
+    image->setRecord(0, {NtfsImage::dataOf(image->table, {.lowestVcn = 1})});
+    expectRefusal("NTFS: The data that was found isn't the begin of its file.");
+}
+
+TEST_F(NTFSParserTest, BitmapMustHaveBeenWrittenUpToTheLastCluster) {
+    make({});
+    image->setRecord(6, {NtfsImage::dataOf(image->bitmap, {.size = 1250, .initialized = 1250})});
+    EXPECT_EQ(parse(), clusterBits);
+    const std::string reason = "NTFS: The bitmap has not been written as far as the volume goes.";
+    image->setRecord(6, {NtfsImage::dataOf(image->bitmap, {.size = 1249})});
+    expectRefusal(reason);
+    image->setRecord(6, {NtfsImage::dataOf(image->bitmap, {.initialized = 1249})});
+    expectRefusal(reason);
+}
+
+TEST_F(NTFSParserTest, RunsOutsideOfTheVolumeAreRefused) {
+    make({});
+    const std::string reason = "NTFS: A run of clusters is outside of the volume.";
+    for (const Runs& runs : {Runs{{0, 1}}, Runs{{-1, 1}}, Runs{{-500, 1}}, Runs{{10'000, 1}},
+                             Runs{{9'999, 2}}, Runs{{1, INT64_MAX}}, Runs{{INT64_MAX, INT64_MAX}},
+                             Runs{{500, 1}, {300, -1}, {INT64_MAX, 1}}, Runs{{1000, 9000}, {500, 1001}}}) {
+        image->setRecord(6, {NtfsImage::dataOf(runs)});
+        EXPECT_EQ(parse(), -1);
+        EXPECT_TRUE(record.has(info::level::error, reason) ||
+                    record.has(info::level::error, "NTFS: A run of clusters has no length."));
+    }
+    image->setRecord(6, {NtfsImage::dataOf({{9'999, 1}})});
+    image->bitmap = {{9'999, 1}};
+    image->useAll();
+    EXPECT_EQ(parse(), clusterBits);
+}
+
+TEST_F(NTFSParserTest, RunsWithoutAPlaceAreRefused) {
+    make({.clusterCount = 60'000});
+    image->setRecord(6, {NtfsImage::withRunList({0x11, 1, 100, 0x01, 1, 0x11, 1, 50, 0})});
+    expectRefusal("NTFS: A run of clusters has no place on the volume.");
+}
+
+// An old bitmap, or a disk that has lost its content: all would be taken as free.
+TEST_F(NTFSParserTest, MapThatCallsItsOwnStructuresFreeIsRefused) {
+    for (const std::uint64_t cluster : {0U, 4U, 20U}) {
+        make({});
+        image->free(cluster);
+        expectRefusal("NTFS: The bitmap takes cluster " + std::to_string(cluster) +
+                      " as free, which has structures of the file system.");
+    }
+    make({});
+    image->free(5); // isn't looked at
+    EXPECT_EQ(parse(), clusterBits);
+    image->free(0);
+    EXPECT_EQ(parse(16), clusterBits - 16); // 0 isn't in the map, 20 is
+    image->free(20);
+    EXPECT_EQ(parse(16), -1);
+    EXPECT_EQ(parse(24), clusterBits - 24);
+}
+
+TEST_F(NTFSParserTest, SmallBufferIsFilled) {
+    make({});
+    image->use(100);
+    EXPECT_EQ(parse(0, 16), 128);
+    EXPECT_TRUE(used(128).contains(100));
+    EXPECT_EQ(parse(96, 1), 8);
+    EXPECT_EQ(used(8, 96), Clusters{100});
+    EXPECT_EQ(parse(0, 0), 0);
+}
+
+TEST_F(NTFSParserTest, ChunksOfOneRunGoOnAnywhere) {
+    make({.clusterCount = 60'000});
+    std::mt19937 random(3);
+    for (int i = 0; i < 5000; ++i) {
+        image->use(random() % 60'000);
+    }
+    EXPECT_EQ(parse(), 2 * clusterBits);
+    const Clusters whole = used(60'000);
+    for (const std::uint64_t start : {8U, 4096U, 32'760U, 32'768U, 32'776U, 59'992U}) {
+        EXPECT_EQ(parse(start), 2 * clusterBits - start);
+        EXPECT_EQ(used(60'000 - start, start), Clusters(whole.lower_bound(start), whole.end()));
+    }
+}
+
+// All that was skipped is taken off the first run that is read, also what lies in runs before it.
+TEST_F(NTFSParserTest, ChunksOfSeveralRunsGoOnInTheFirstOneAlone) {
+    make({.clusterCount = 60'000});
+    image->setBitmap({{5000, 1}, {300, 1}});
+    image->use(40'000);
+    for (const std::uint64_t start : {32'760U, 32'768U}) { // the last byte of the first run, and its end
+        EXPECT_EQ(parse(start), 2 * clusterBits - start);
+        EXPECT_EQ(used(60'000 - start, start), Clusters{40'000});
+    }
+    EXPECT_EQ(parse(32'776), -1);
+    EXPECT_TRUE(record.has(info::level::error, "NTFS: The bitmap is in pieces, and can't be read on from "
+                                               "cluster 32776; the rest is copied whole."));
+    image->setBitmap({{5000, 1}, {300, 3}}); // the second run is longer than what is skipped
+    EXPECT_EQ(parse(32'776), -1);
+}
+
+// With the buffer of a backup, that is what comes of more than 335,544,320 clusters.
+TEST_F(NTFSParserTest, SecondChunkOfALargeVolume) {
+    constexpr std::uint64_t bits = 335'544'320;
+    constexpr std::size_t bytes = bits / 8;
+    make({.clusterCount = bits + 65'536});
+    image->use(bits + 13);
+    EXPECT_EQ(parse(bits, bytes), 65'536);
+    EXPECT_EQ(used(65'536, bits), Clusters{bits + 13});
+    image->setBitmap({{5000, 10'000}, {300, 242}});
+    image->use(bits - 1);
+    EXPECT_EQ(parse(0, bytes), bits);
+    EXPECT_EQ(buffer[bytes - 1], 0x80);
+    EXPECT_EQ(parse(bits, bytes), -1);
+    EXPECT_TRUE(record.has(info::level::error, "NTFS: The bitmap is in pieces, and can't be read on from "
+                                               "cluster 335544320; the rest is copied whole."));
+}
+
+TEST_F(NTFSParserTest, UnreadableBitmapIsRefused) {
+    make({.clusterCount = 60'000});
+    image->setBitmap({{300, 1}, {5000, 1}});
+    const std::string reason = "NTFS: Can't read the bitmap.";
+    image->volume.failReads(5000 * 4096, 5000 * 4096 + 1);
+    expectRefusal(reason);
+    image->volume.failReads(0, 0);
+    image->volume.size = 5001 * 4096 - 512;
+    expectRefusal(reason);
+    image->volume.size = 5001 * 4096;
+    EXPECT_EQ(parse(), 2 * clusterBits);
+}
+
+TEST_F(NTFSParserTest, PlacesGoByTheSectorsOfTheDevice) {
+    make({.bytesPerSector = 4096, .sectorsPerCluster = 1, .recordSize = 4096});
+    EXPECT_EQ(parseOn(4096), clusterBits);
+    for (const auto& request : image->volume.requests) {
+        EXPECT_EQ(request.offset % 4096, 0U);
+        EXPECT_EQ(request.length % 4096, 0U);
+    }
+    EXPECT_EQ(parseOn(0), clusterBits);
+    EXPECT_EQ(parseOn(512), -1);
+    EXPECT_TRUE(
+        record.has(info::level::error, "NTFS: The volume has sectors of 4096 bytes and its device of 512."));
+    make({});
+    EXPECT_EQ(parseOn(4096), -1);
+    EXPECT_EQ(parseOn(0), clusterBits);
+}
+
+TEST_F(NTFSParserTest, ImpossibleGeometryIsRefused) {
+    const auto refuse = [this](std::uint64_t offset, std::uint64_t value, unsigned width,
+                               const std::string& reason) {
+        make({});
+        image->volume.writeLittle(offset, value, width);
+        EXPECT_EQ(parseOn(512), -1) << offset << " " << value;
+        EXPECT_TRUE(record.has(info::level::error, reason)) << offset << " " << value;
+        EXPECT_TRUE(image->volume.requests.empty());
+    };
+    for (const std::uint64_t sector : {0U, 1U, 128U, 500U, 768U, 8192U, 65'535U}) {
+        refuse(11, sector, 2, "NTFS: Impossible cluster size.");
+    }
+    for (const std::uint64_t records : {0U, 3U, 17U, 32U, 127U, 0x80U, 0xE0U, 0xEFU, 0xF8U, 0xFFU}) {
+        refuse(64, records, 1, "NTFS: Impossible size of file records.");
+    }
+    refuse(40, (std::uint64_t{1} << 51U) + 8, 8, "NTFS: Impossible number of sectors.");
+    refuse(40, UINT64_MAX, 8, "NTFS: Impossible number of sectors.");
+    for (const std::uint64_t lcn : {std::uint64_t{0}, std::uint64_t{10'000}, UINT64_MAX}) {
+        refuse(48, lcn, 8, "NTFS: The master file table is outside of the volume.");
+    }
+}
+
+TEST_F(NTFSParserTest, BlockIsACluster) {
+    const auto blockSize = [this](Geometry geometry, unsigned sectorsPerCluster) {
+        make(geometry);
+        image->volume.at(13) = static_cast<std::uint8_t>(sectorsPerCluster);
+        NTFSParser parser(record.logger, image->volume, 512);
+        EXPECT_TRUE(parser.recognize());
+        return parser.getBlockSize();
+    };
+    EXPECT_EQ(blockSize({}, 8), 4096U);
+    EXPECT_EQ(blockSize({}, 128), 65'536U);
+    EXPECT_EQ(blockSize({.bytesPerSector = 4096, .sectorsPerCluster = 1, .recordSize = 4096}, 128), 524'288U);
+    EXPECT_EQ(blockSize({}, 0), 0U);
+    EXPECT_EQ(blockSize({}, 3), 0U);
+    EXPECT_EQ(blockSize({}, 0xF4), 0U);
+}
+
+TEST_F(NTFSParserTest, LargeBitmapIsReadInFewReadsStraightIntoTheBuffer) {
+    constexpr std::size_t mebibyte = 1024UL * 1024;
+    make({.clusterCount = 64 * mebibyte}); // a bitmap of 8 MiB
+    NTFSParser parser(record.logger, image->volume, 512);
+    ASSERT_TRUE(parser.recognize());
+    image->volume.requests.clear();
+    AlignedBuffer aligned(8 * mebibyte, 512);
+    EXPECT_EQ(parser.getBitmapChunk(0, static_cast<std::uint8_t*>(static_cast<void*>(aligned.data())),
+                                    aligned.size()),
+              64 * mebibyte);
+    using Request = test::MemoryVolume::Request;
+    const std::uint64_t bitmap = 20UL * 4096;
+    EXPECT_EQ(image->volume.requests,
+              (std::vector<Request>{
+                  {22'528, 1024}, {bitmap, 4 * mebibyte}, {bitmap + 4 * mebibyte, 4 * mebibyte}}));
+}
+
+// It is asked again after a failure of the device.
+TEST_F(NTFSParserTest, FailureIsNotTheEnd) {
+    make({});
+    NTFSParser parser(record.logger, image->volume, 512);
+    ASSERT_TRUE(parser.recognize());
+    buffer.assign(4096, 0);
+    image->volume.failReads(0, UINT64_MAX);
+    EXPECT_EQ(parser.getBitmapChunk(0, buffer.data(), buffer.size()), -226);
+    image->volume.failReads(0, 0);
+    EXPECT_EQ(parser.getBitmapChunk(0, buffer.data(), buffer.size()), clusterBits);
+}
+
+} // namespace
+} // namespace agent::core::fs
