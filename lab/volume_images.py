@@ -73,3 +73,13 @@ def riddle(file, block_size, holes):
             if libc.fallocate(stream.fileno(), KEEP_SIZE_AND_PUNCH, offset, ctypes.c_long(block_size)) != 0:
                 raise OSError(ctypes.get_errno(), "a hole can't be punched")
     os.sync()
+
+
+def riddle_with_files(directory, size, holes):
+    """The same where no holes can be punched: by new files of which every other one is deleted."""
+    directory.mkdir()
+    for number in range(2 * holes):
+        (directory / f"f{number}").write_bytes(bytes(size))
+    for number in range(0, 2 * holes, 2):
+        (directory / f"f{number}").unlink()
+    os.sync()

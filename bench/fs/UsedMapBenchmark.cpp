@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <exception>
+#include <functional>
 #include <stdexcept>
 #include <string>
 #include <sys/resource.h>
@@ -17,7 +18,8 @@
 #include <vector>
 
 /// What the map of a volume's used blocks costs, beside reading the same bytes in the same order and clearing
-/// the buffer at each call, which nobody can do without. Both read past the page cache, in turns. Prints one
+/// the buffer at each call, which nobody can do without. Both read past the page cache, in turns. What one
+/// reads right into the map the other reads to there as well, as it counts which memory it is. Prints one
 /// line a volume, with the most memory that the process took for the map.
 namespace agent::bench {
 namespace {
@@ -29,6 +31,7 @@ constexpr int rounds = 25;
 struct Request {
     std::int64_t offset;
     std::size_t length;
+    void* target;
 };
 
 /// Hands on to the volume, and notes what is read.
@@ -37,7 +40,7 @@ public:
     explicit RecordingReader(core::IVolumeReader& volume) : volume(volume) {}
 
     std::int64_t read(void* buffer, std::size_t length) override {
-        requests.push_back({position, length});
+        requests.push_back({position, length, buffer});
         const std::int64_t count = volume.read(buffer, length);
         position += std::max<std::int64_t>(count, 0);
         return count;
@@ -55,15 +58,19 @@ private:
     std::int64_t position = 0;
 };
 
+std::uint8_t* bytesOf(AlignedBuffer& buffer) {
+    return static_cast<std::uint8_t*>(static_cast<void*>(buffer.data()));
+}
+
 /// Walks the whole map. Returns the number of blocks.
-std::uint64_t walk(info::Logger& logger, core::IVolumeReader& volume, std::vector<std::uint8_t>& buffer) {
+std::uint64_t walk(info::Logger& logger, core::IVolumeReader& volume, AlignedBuffer& buffer) {
     const auto provider = core::fs::UsedBlockBitmapChunkProviderFactory(logger, sectorSize, &volume).create();
     if (!provider) {
         throw std::runtime_error("unknown file system");
     }
     std::uint64_t blocks = 0;
     for (;;) {
-        const std::int64_t chunk = provider->getBitmapChunk(blocks, buffer.data(), buffer.size());
+        const std::int64_t chunk = provider->getBitmapChunk(blocks, bytesOf(buffer), buffer.size());
         if (chunk < 0) {
             throw std::runtime_error("the map can't be read");
         }
@@ -75,15 +82,22 @@ std::uint64_t walk(info::Logger& logger, core::IVolumeReader& volume, std::vecto
 }
 
 /// The call that finds nothing more clears it, too.
-void clearBuffers(std::vector<std::uint8_t>& buffer, std::uint64_t blocks) {
+void clearBuffers(AlignedBuffer& buffer, std::uint64_t blocks) {
     for (std::uint64_t done = 0; done < blocks + buffer.size() * 8; done += buffer.size() * 8) {
         std::memset(buffer.data(), static_cast<int>(done), buffer.size());
     }
 }
 
-void readPlainly(int descriptor, const std::vector<Request>& requests, AlignedBuffer& buffer) {
+bool isWithin(AlignedBuffer& buffer, const void* place) {
+    const std::less<> isBefore;
+    return !isBefore(place, buffer.data()) && isBefore(place, buffer.data() + buffer.size());
+}
+
+void readPlainly(int descriptor, const std::vector<Request>& requests, AlignedBuffer& map,
+                 AlignedBuffer& scratch) {
     for (const Request& request : requests) {
-        if (::pread(descriptor, buffer.data(), request.length, request.offset) < 0) {
+        void* const target = isWithin(map, request.target) ? request.target : scratch.data();
+        if (::pread(descriptor, target, request.length, request.offset) < 0) {
             throw std::runtime_error("pread failed");
         }
     }
@@ -121,7 +135,7 @@ void measure(const std::string& path) {
     if (!volume.open()) {
         throw std::runtime_error("the volume can't be opened");
     }
-    std::vector<std::uint8_t> map(bufferBytes);
+    AlignedBuffer map(bufferBytes, sectorSize);
     RecordingReader recorder(volume);
     const std::uint64_t blocks = walk(silent, recorder, map);
     const long peak = peakMebibytes();
@@ -131,7 +145,7 @@ void measure(const std::string& path) {
     std::vector<double> peer;
     for (int round = 0; round < rounds; ++round) {
         own.push_back(secondsOf([&] { walk(silent, volume, map); }));
-        reads.push_back(secondsOf([&] { readPlainly(volume.getFd(), recorder.requests, scratch); }));
+        reads.push_back(secondsOf([&] { readPlainly(volume.getFd(), recorder.requests, map, scratch); }));
         peer.push_back(reads.back() + secondsOf([&] { clearBuffers(map, blocks); }));
     }
     std::printf("%s: %lu blocks, %zu reads, map %.4f s, plain reads %.4f s (ratio %.2f), with clear buffers "

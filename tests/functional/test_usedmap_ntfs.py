@@ -1,5 +1,6 @@
 """The used clusters that the agent finds on NTFS whose structures lie anywhere, and what it refuses."""
 import functools
+import json
 import os
 import random
 import subprocess
@@ -7,12 +8,13 @@ import subprocess
 import pytest
 
 from lab import filesystems, oracles
+from lab.commands import run
 from lab.images import tree_hashes
 from lab.loops import attached
 from lab.ntfs_scatter import list_attributes, scatter
 from lab.ntfs_volume import ATTRIBUTE_LIST, BITMAP, DATA, MFT, NtfsVolume
 from lab.volume_images import age, fill, make_image
-from used_maps import agreed, check_rebuilt, refused
+from used_maps import TOOL, agreed, check_rebuilt, refused
 
 COMPRESSED = (0x800).to_bytes(4, "big")
 ATTRIBUTES = "system.ntfs_attrib_be"
@@ -44,6 +46,27 @@ def data_runs(image, number):
 
 def check_whole(image, tree, *options):
     check_rebuilt(agreed(image, "ntfs", *options), image.with_name("rebuilt"), "ntfs", tree)
+
+
+def map_of(image, *options):
+    """The used ranges in clusters, and how many clusters are told of."""
+    found = json.loads(run(TOOL, "--json", *options, image))
+    return found["ranges"], found["blocks"]
+
+
+def test_map_that_takes_several_fetches(directory):
+    """A second fetch goes on within the first run. Behind that one, the map isn't read on."""
+    image = make(directory, 4200, 512)
+    in_one = map_of(image)
+    assert in_one[1] > 8 << 20
+    assert map_of(image, "--buffer", "1") == in_one
+    scatter(image, BITMAP, 8)
+    truth = filesystems.truth_of(image, "ntfs")
+    ranges = [(at // 512, length // 512) for at, length in truth.used_extents()]
+    backup_of_boot_sector = (truth.blocks, 1) # behind the last cluster that is counted
+    assert [tuple(found) for found in map_of(image)[0]] == [*ranges, backup_of_boot_sector]
+    assert "NTFS: The bitmap is in pieces, and can't be read on from cluster 8388608" in \
+        refused(image, "--buffer", "1")
 
 
 def check_accounted(complaint, image, _file_system):

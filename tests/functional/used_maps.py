@@ -29,6 +29,7 @@ class Comparison:
         found = json.loads(run(TOOL, "--json", *options, volume))
         assert found["blockSize"] == truth.block_size
         assert found["blocks"] == truth.blocks or self._kind.goes_on and found["blocks"] > truth.blocks
+        assert (found["blocks"] - 1) * truth.block_size < found["deviceBytes"]
         self.ranges = [(first, min(count, truth.blocks - first)) for first, count in found["ranges"]
                        if first < truth.blocks]
         self.used = {block for first, count in self.ranges for block in range(first, first + count)}

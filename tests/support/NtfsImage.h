@@ -102,7 +102,7 @@ public:
         const std::size_t sequence = knowsNumber ? 48 : 42;
         put(record, 4, sequence, 2);
         put(record, 6, geometry.recordSize / 512 + 1, 2);
-        const std::size_t first = (sequence + 2 * (geometry.recordSize / 512 + 1) + 7) / 8 * 8;
+        const std::size_t first = (sequence + 2 * (geometry.recordSize / std::size_t{512} + 1) + 7) / 8 * 8;
         put(record, 20, first, 2);
         put(record, 32, base | std::uint64_t{9} << 48U, 8); // with the base's sequence number
         if (knowsNumber) {

@@ -61,14 +61,11 @@ std::int64_t NTFSMasterFileTable::readInode(std::uint64_t inode, NTFSRecord& buf
     }
     const std::uint64_t recordSize = boot.mftRecordSize();
     const unsigned clusterShift = shiftOf(boot.clusterBytes());
-    if (inode > (boot.clusterCount() << clusterShift) >> shiftOf(recordSize)) {
-        return ntfs_error::recordUnreadable;
-    }
-    const std::uint64_t byteOffset = inode << shiftOf(recordSize);
+    const std::uint64_t byteOffset = inode << shiftOf(recordSize); // of 48 bits and of 16
     const auto [run, firstVcn] = placeOf(byteOffset >> clusterShift, tableRuns().runs);
     const std::uint64_t offsetInRun = byteOffset - (firstVcn << clusterShift);
     const std::uint64_t runBytes = static_cast<std::uint64_t>(run.length) << clusterShift;
-    if (run.lcn == 0 || offsetInRun >= runBytes) {
+    if (offsetInRun >= runBytes) {
         return ntfs_error::recordUnreadable;
     }
     require(runBytes - offsetInRun >= recordSize, "NTFS: A file record is in two pieces.");
@@ -79,20 +76,17 @@ std::int64_t NTFSMasterFileTable::readInode(std::uint64_t inode, NTFSRecord& buf
 
 /// None if its record tells of none.
 NTFSDataRuns NTFSMasterFileTable::tableRuns() {
-    std::optional<NTFSDataRuns> table = dataOf(mftRecord0);
-    if (!table) {
-        return {};
-    }
-    require(table->packing == nullptr, table->packing);
-    return *std::move(table);
+    NTFSDataRuns table = dataOf(mftRecord0).value_or(NTFSDataRuns{});
+    require(table.packing == nullptr, table.packing);
+    return table;
 }
 
-/// {0, 0} where no run has it: nothing of the table can be in the volume's first cluster.
+/// Of no clusters where no run has it.
 NTFSMasterFileTable::Place NTFSMasterFileTable::placeOf(std::uint64_t vcn, const std::vector<NTFSRun>& runs) {
     std::uint64_t firstVcn = 0;
     for (const NTFSRun& run : runs) {
         const std::uint64_t endVcn = firstVcn + static_cast<std::uint64_t>(run.length);
-        if (run.lcn >= -1 && endVcn > vcn) {
+        if (endVcn > vcn) {
             return {run, firstVcn};
         }
         firstVcn = endVcn;

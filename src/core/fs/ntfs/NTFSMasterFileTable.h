@@ -36,7 +36,8 @@ public:
     NTFSMasterFileTable(info::Logger& logger, IVolumeReader& reader, std::uint32_t sectorSize,
                         NTFSBootSector boot);
 
-    /// Where the content of a file is, or the first part of it: what further records have is left out.
+    /// Where the content of a file is, whose number has 48 bits; or of the first part of it, as what further
+    /// records have is left out.
     NTFSDataRuns getDataRuns(std::uint64_t inode);
     /// Of a record, in bytes.
     [[nodiscard]] std::size_t recordSize() const { return mftRecord0.bytes.size(); }

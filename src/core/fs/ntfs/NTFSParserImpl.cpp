@@ -34,16 +34,18 @@ NTFSParserImpl::NTFSParserImpl(info::Logger& logger, IVolumeReader& reader, std:
     : logger(logger), reader(reader), sectorSize(sectorSize) {}
 
 bool NTFSParserImpl::recognize() {
+    boot = {};
     files.reset();
     std::array<std::uint8_t, layout::size> sector{};
     if (!FSUtil::readExactly(logger, reader, sectorSize, 0, sector.data(), sector.size())) {
         logger.log(info::level::error, "Can't read ntfs boot sector");
         return false;
     }
-    boot = NTFSBootSector::decode(sector);
-    if (!boot.isNTFS()) {
+    const NTFSBootSector found = NTFSBootSector::decode(sector);
+    if (!found.isNTFS()) {
         return false;
     }
+    boot = found;
     if (boot.objection(sectorSize).empty()) {
         files.emplace(logger, reader, sectorSize, boot);
     }
@@ -144,7 +146,7 @@ std::uint64_t NTFSParserImpl::readRuns(const std::vector<NTFSRun>& runs, const U
         }
         std::uint64_t diskOffset = static_cast<std::uint64_t>(run.lcn) * boot.clusterBytes();
         if (first) {
-            if (skipBytes > runBytes || passed != runBytes) {
+            if (passed != runBytes) {
                 throw NTFSObjection{"NTFS: The bitmap is in pieces, and can't be read on from cluster " +
                                     std::to_string(used.startBlock) + "; the rest is copied whole."};
             }

@@ -1,9 +1,11 @@
 #include "core/fs/UsedBlockBitmapChunkProviderFactory.h"
 
 #include "core/fs/ext/EXTParser.h"
+#include "core/fs/ntfs/NTFSParser.h"
 #include "core/fs/xfs/XFSParser.h"
 #include "support/ExtImage.h"
 #include "support/MemoryVolume.h"
+#include "support/NtfsImage.h"
 #include "support/RecordingLogger.h"
 #include "support/XfsImage.h"
 
@@ -42,6 +44,14 @@ TEST_F(UsedBlockBitmapChunkProviderFactoryTest, MakesAParserOfXfs) {
     EXPECT_TRUE(record.has(info::level::debug, "Creating XFS Parser."));
 }
 
+TEST_F(UsedBlockBitmapChunkProviderFactoryTest, MakesAParserOfNtfsBeforeAllOthers) {
+    test::NtfsImage image({});
+    image.volume.writeLittle(1024 + 56, 0xEF53, 2);
+    EXPECT_NE(dynamic_cast<NTFSParser*>(create(image.volume).get()), nullptr);
+    EXPECT_TRUE(record.has(info::level::debug, "Creating NTFS Parser."));
+    EXPECT_FALSE(record.has(info::level::debug, "Creating EXT Parser."));
+}
+
 TEST_F(UsedBlockBitmapChunkProviderFactoryTest, TheFirstThatKnowsTheVolumeIsTaken) {
     test::XfsImage image({});
     image.volume.writeLittle(1024 + 56, 0xEF53, 2);
@@ -58,6 +68,7 @@ TEST_F(UsedBlockBitmapChunkProviderFactoryTest, UnknownFileSystemHasNoParser) {
 TEST_F(UsedBlockBitmapChunkProviderFactoryTest, EmptyDeviceHasNoParser) {
     test::MemoryVolume volume(0);
     EXPECT_EQ(create(volume), nullptr);
+    EXPECT_TRUE(record.has(info::level::error, "Can't read ntfs boot sector"));
     EXPECT_TRUE(record.has(info::level::error, "Could not read EXT super block."));
     EXPECT_TRUE(record.has(info::level::error, "Can't read super block."));
 }

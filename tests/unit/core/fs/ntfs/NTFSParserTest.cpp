@@ -257,6 +257,20 @@ TEST_F(NTFSParserTest, VolumeThatIsNotRecognisedHasNoClusters) {
     EXPECT_EQ(parser.getBlockSize(), 0U);
 }
 
+TEST_F(NTFSParserTest, VolumeThatIsNoLongerRecognisedHasNone) {
+    make({});
+    NTFSParser parser(record.logger, image->volume, 512);
+    EXPECT_TRUE(parser.recognize());
+    image->volume.failReads(0, 1);
+    EXPECT_FALSE(parser.recognize());
+    EXPECT_EQ(parser.getBitmapChunk(0, nullptr, 0), -174);
+    image->volume.failReads(0, 0);
+    EXPECT_TRUE(parser.recognize());
+    image->volume.at(3) = 'n';
+    EXPECT_FALSE(parser.recognize());
+    EXPECT_EQ(parser.getBitmapChunk(0, nullptr, 0), -174);
+}
+
 TEST_F(NTFSParserTest, ClustersOfThreeSectorsAreCountedTwice) {
     make({});
     image->volume.at(13) = 3;
@@ -501,6 +515,9 @@ TEST_F(NTFSParserTest, BitmapMustHaveBeenWrittenUpToTheLastCluster) {
     expectRefusal(reason);
     image->setRecord(6, {NtfsImage::dataOf(image->bitmap, {.initialized = 1249})});
     expectRefusal(reason);
+    make({.clusterCount = 10'001}); // one more, in a byte of its own
+    image->setRecord(6, {NtfsImage::dataOf(image->bitmap, {.size = 1250})});
+    expectRefusal(reason);
 }
 
 TEST_F(NTFSParserTest, RunsOutsideOfTheVolumeAreRefused) {
@@ -605,12 +622,12 @@ TEST_F(NTFSParserTest, UnreadableBitmapIsRefused) {
     make({.clusterCount = 60'000});
     image->setBitmap({{300, 1}, {5000, 1}});
     const std::string reason = "NTFS: Can't read the bitmap.";
-    image->volume.failReads(5000 * 4096, 5000 * 4096 + 1);
+    image->volume.failReads(5000UL * 4096, 5000UL * 4096 + 1);
     expectRefusal(reason);
     image->volume.failReads(0, 0);
-    image->volume.size = 5001 * 4096 - 512;
+    image->volume.size = 5001UL * 4096 - 512;
     expectRefusal(reason);
-    image->volume.size = 5001 * 4096;
+    image->volume.size = 5001UL * 4096;
     EXPECT_EQ(parse(), 2 * clusterBits);
 }
 

@@ -77,8 +77,6 @@ TEST_F(NTFSRecordTest, UpdateSequenceMustSuitTheRecord) {
         image.volume.writeLittle(place + offset, value, 2);
         expectTorn();
     };
-    change(4, 49);
-    change(4, 1020); // its last two bytes are outside
     change(4, 1022);
     change(4, 1024);
     change(4, 0xFFFE);
@@ -89,13 +87,26 @@ TEST_F(NTFSRecordTest, UpdateSequenceMustSuitTheRecord) {
     change(6, 0xFFFF);
 }
 
-TEST_F(NTFSRecordTest, SequenceMayStandAtTheEnd) {
+TEST_F(NTFSRecordTest, SequenceMustBeginAtAnEvenByte) {
+    for (const std::uint64_t offset : {48U, 49U, 50U}) {
+        image.setRecord(20, {});
+        image.volume.writeLittle(place + 4, offset, 2);
+        for (const std::uint64_t same : {offset, std::uint64_t{510}, std::uint64_t{1022}}) {
+            image.volume.writeLittle(place + same, 0x5555, 2);
+        }
+        EXPECT_EQ(onDisk().applyFixups(), offset % 2 == 0);
+    }
+}
+
+TEST_F(NTFSRecordTest, SequenceMayStandAtTheEndAndNotBehindIt) {
     image.setRecord(20, {});
+    for (const std::uint64_t same : {510U, 1018U, 1020U, 1022U}) {
+        image.volume.writeLittle(place + same, 0x5555, 2);
+    }
+    image.volume.writeLittle(place + 4, 1020, 2);
+    expectTorn(); // the last two bytes of the sequence are outside
     image.volume.writeLittle(place + 4, 1018, 2);
-    image.volume.writeLittle(place + 1018, 0x5555, 2);
     image.volume.writeLittle(place + 1020, 0xAAAA, 2);
-    image.volume.writeLittle(place + 510, 0x5555, 2);
-    image.volume.writeLittle(place + 1022, 0x5555, 2);
     NTFSRecord fixed = onDisk();
     EXPECT_TRUE(fixed.applyFixups());
     EXPECT_EQ(fixed.bytes[510], 0xAA);
