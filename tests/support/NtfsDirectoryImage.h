@@ -76,7 +76,7 @@ public:
 
     static Content blockOf(std::uint64_t vcn, Content node, std::uint32_t blockSize = 4096) {
         const std::size_t sequence = 40;
-        const std::size_t first = (sequence + 2 * (blockSize / 512 + 1) + 7) / 8 * 8;
+        const std::size_t first = (sequence + 2UL * (blockSize / 512 + 1) + 7) / 8 * 8;
         const std::size_t gap = first - sequence; // between the head of the node and its entries
         put(node, 0, 16 + gap, 4);
         put(node, 4, node.size() + gap, 4);

@@ -21,10 +21,10 @@ struct FileSystemKind {
     using FindFile = FileBlocks (*)(info::Logger&, IVolumeReader&, std::uint32_t sectorSize,
                                     const std::string& path);
 
-    const char* name;         ///< that of its folder
-    const char* volumes;      ///< which volumes are meant, for people
-    const char* announcement; ///< the debug line once a volume is recognised
-    MakeParser makeParser;    ///< a parser that has read nothing yet; the reader must outlive it
+    const char* name = nullptr;         ///< that of its folder
+    const char* volumes = nullptr;      ///< which volumes are meant, for people
+    const char* announcement = nullptr; ///< the debug line once a volume is recognised
+    MakeParser makeParser = nullptr;    ///< a parser that has read nothing yet; the reader must outlive it
     /// Why a volume isn't recognised though it may seem to be one of these, for people; empty where it
     /// doesn't seem so. Null where no volume does.
     FindNearMiss findNearMiss = nullptr;

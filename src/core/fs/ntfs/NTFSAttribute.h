@@ -25,6 +25,9 @@ public:
     [[nodiscard]] const char* objection() const;
     /// Why what the clusters hold isn't the content as it is; null if it is.
     [[nodiscard]] const char* packing() const;
+    [[nodiscard]] std::uint8_t nameLength() const;
+    /// Which cluster of the file is the first of these runs; 0 of a resident one.
+    [[nodiscard]] std::uint64_t lowestVcn() const;
     /// How many bytes of a non-resident one have been written.
     [[nodiscard]] std::uint64_t writtenBytes() const;
     /// How many bytes all runs of the file have, its holes among them, wherever they are told of.

@@ -1,6 +1,5 @@
 #include "core/fs/ntfs/NTFSDirectory.h"
 
-#include "core/fs/ntfs/NTFSAttributeCursor.h"
 #include "core/fs/ntfs/NTFSLayout.h"
 #include "core/fs/ntfs/NTFSRunReader.h"
 
@@ -22,8 +21,8 @@ constexpr std::uint64_t smallestBlock = 512;
 } // namespace
 
 NTFSDirectory::NTFSDirectory(const NTFSVolume& volume, std::uint64_t inode, const NTFSPathElement& sought)
-    : volume(volume), sought(sought), record(volume.files.recordSize()) {
-    if (volume.files.readInode(inode, record) != 0) {
+    : volume(volume), sought(sought), record(volume) {
+    if (!record.read(inode)) {
         sought.fail("Could not read MFT record for ");
     }
     indexRoot = findIndexRoot();
@@ -44,16 +43,13 @@ std::uint64_t NTFSDirectory::find() const {
 }
 
 /// A file has none, and neither has an index of something else than names.
-Bytes NTFSDirectory::findIndexRoot() const {
-    NTFSAttributeCursor cursor(volume.logger, record);
-    if (cursor.findAttribute(attribute::typeIndexRoot) && cursor.attribute().isResident()) {
-        const Bytes value = cursor.attribute().value();
-        if (value.size() >= index_root::size + index_node::size &&
-            littleEndian<std::uint32_t>(value, index_root::type) == index_root::typeFileName) {
-            return value;
-        }
+std::vector<std::uint8_t> NTFSDirectory::findIndexRoot() const {
+    std::optional<std::vector<std::uint8_t>> value = record.value(attribute::typeIndexRoot);
+    if (!value || value->size() < index_root::size + index_node::size ||
+        littleEndian<std::uint32_t>(*value, index_root::type) != index_root::typeFileName) {
+        sought.fail("Could not find INDEX_ROOT for file ");
     }
-    sought.fail("Could not find INDEX_ROOT for file ");
+    return *std::move(value);
 }
 
 std::uint64_t NTFSDirectory::blockSize() const {
@@ -61,20 +57,18 @@ std::uint64_t NTFSDirectory::blockSize() const {
 }
 
 NTFSIndexNode NTFSDirectory::root() const {
-    return {indexRoot.subspan(index_root::size), sought};
+    return {Bytes(indexRoot).subspan(index_root::size), sought};
 }
 
 NTFSIndexAllocation NTFSDirectory::blocks() const {
-    NTFSAttributeCursor cursor(volume.logger, record);
-    if (!cursor.findAttribute(attribute::typeIndexAllocation) || cursor.attribute().isResident()) {
+    std::optional<NTFSDataRuns> found = record.runs(attribute::typeIndexAllocation);
+    if (!found) {
         sought.fail("Could not find INDEX_ALLOCATION for file ");
     }
-    const NTFSAttribute allocation = cursor.attribute();
-    NTFSDataRuns found = volume.files.judgedRuns(allocation, decodeRunList(allocation));
-    if (std::ranges::any_of(found.runs, &NTFSRun::isHole)) {
+    if (std::ranges::any_of(found->runs, &NTFSRun::isHole)) {
         throw std::runtime_error("Unable to read INDEX ENTRY");
     }
-    return {NTFSRunReader(volume, std::move(found.runs)), blockSize(), volume.clusterBytes, sought};
+    return {NTFSRunReader(volume, std::move(found->runs)), blockSize(), volume.clusterBytes, sought};
 }
 
 /// Ends, as no block is read twice.

@@ -1,9 +1,9 @@
 #pragma once
 
+#include "core/fs/ntfs/NTFSFileRecord.h"
 #include "core/fs/ntfs/NTFSIndexAllocation.h"
 #include "core/fs/ntfs/NTFSIndexNode.h"
 #include "core/fs/ntfs/NTFSPathElement.h"
-#include "core/fs/ntfs/NTFSRecord.h"
 #include "core/fs/ntfs/NTFSVolume.h"
 
 #include <cstdint>
@@ -16,16 +16,13 @@ namespace agent::core::fs {
 /// name belongs. The volume has an order of names of its own, which is another one than that of the C library
 /// where a name has "_", or letters of some languages. So a name that isn't where it belongs is looked for in
 /// all of the tree.
-/// Owns:    the record of the directory; volume and name must outlive it.
+/// Owns:    the record of the directory; what the volume names, and the name, must outlive it.
 /// Threads: one at a time, with an NTFSNameLocale; moves the reader's position.
 /// Fails:   std::runtime_error; NTFSObjection where an attribute isn't to be relied on.
 class NTFSDirectory {
 public:
     /// `inode` is the number of the directory's record.
     NTFSDirectory(const NTFSVolume& volume, std::uint64_t inode, const NTFSPathElement& sought);
-    NTFSDirectory(const NTFSDirectory&) = delete;
-    NTFSDirectory& operator=(const NTFSDirectory&) = delete;
-    ~NTFSDirectory() = default;
 
     /// The number of the record of the file. Throws if there is none of the name.
     [[nodiscard]] std::uint64_t find() const;
@@ -37,7 +34,7 @@ private:
         const char* reason = "";
     };
 
-    [[nodiscard]] Bytes findIndexRoot() const;
+    [[nodiscard]] std::vector<std::uint8_t> findIndexRoot() const;
     [[nodiscard]] std::uint64_t blockSize() const;
     [[nodiscard]] NTFSIndexNode root() const;
     [[nodiscard]] NTFSIndexAllocation blocks() const;
@@ -50,8 +47,8 @@ private:
 
     NTFSVolume volume;
     const NTFSPathElement& sought;
-    NTFSRecord record;
-    Bytes indexRoot; // in the record
+    NTFSFileRecord record;
+    std::vector<std::uint8_t> indexRoot;
 };
 
 } // namespace agent::core::fs

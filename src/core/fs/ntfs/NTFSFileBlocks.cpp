@@ -14,7 +14,7 @@ FileBlocks findNTFSFile(info::Logger& logger, IVolumeReader& reader, std::uint32
     }
     const NTFSDataRuns found = parser.findFileRuns(path);
     if (!found.isWhole) {
-        throw std::runtime_error("the file is in so many pieces that only the first of them are known");
+        throw std::runtime_error("not all clusters of the file are told of");
     }
     FileBlocks file{.blockSize = parser.getBlockSize(), .runs = {}};
     for (const NTFSRun& run : found.runs) {

@@ -3,6 +3,7 @@
 #include "core/fs/ntfs/NTFSMasterFileTable.h"
 #include "core/fs/ntfs/NTFSVolume.h"
 
+#include <cstdint>
 #include <string>
 
 namespace agent::core::fs {
@@ -20,6 +21,8 @@ public:
     [[nodiscard]] NTFSDataRuns findRuns(const std::string& path) const;
 
 private:
+    [[nodiscard]] NTFSDataRuns runsOf(std::uint64_t inode) const;
+
     NTFSVolume volume;
 };
 

@@ -68,9 +68,11 @@ inline constexpr std::size_t initializedSize = 56; ///< u64, what is behind it r
 namespace list_entry {
 inline constexpr std::size_t size = 24;
 
-inline constexpr std::size_t type = 0;    ///< u32
-inline constexpr std::size_t length = 4;  ///< u16
-inline constexpr std::size_t record = 16; ///< u64, a reference
+inline constexpr std::size_t type = 0;       ///< u32
+inline constexpr std::size_t length = 4;     ///< u16
+inline constexpr std::size_t nameLength = 6; ///< u8
+inline constexpr std::size_t vcn = 8;        ///< u64, where in the file the runs begin that the record has
+inline constexpr std::size_t record = 16;    ///< u64, a reference
 } // namespace list_entry
 
 /// The value of an index root: this, and a node behind it.

@@ -50,7 +50,7 @@ private:
     /// A run of the table's own, and which of the table's clusters is its first.
     struct Place {
         NTFSRun run;
-        std::uint64_t firstVcn;
+        std::uint64_t firstVcn = 0;
     };
 
     NTFSDataRuns tableRuns();

@@ -6,7 +6,7 @@
 
 namespace agent::core::fs {
 
-NTFSNameLocale::NTFSNameLocale() : own(::newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr)), before(nullptr) {
+NTFSNameLocale::NTFSNameLocale() : own(::newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr)) {
     if (own == nullptr) {
         throw PosixError("There is no locale of Unicode", errno);
     }

@@ -18,7 +18,7 @@ public:
 
 private:
     locale_t own;
-    locale_t before; // that the thread had
+    locale_t before = nullptr; // that the thread had
 };
 
 } // namespace agent::core::fs

@@ -24,8 +24,8 @@ public:
                                 std::size_t bufferBytes) override;
     [[nodiscard]] std::uint32_t getBlockSize() const override;
     /// Where the content of a file is, by its path from the root on, in UTF-8 and with "\" between its
-    /// parts. Of a file that has runs in further records, those of the first. For a volume that was
-    /// recognised. Throws std::runtime_error if the file can't be found, or has no runs.
+    /// parts. For a volume that was recognised. Throws std::runtime_error if the file can't be found, or has
+    /// no runs.
     NTFSDataRuns findFileRuns(const std::string& path);
 
 private:

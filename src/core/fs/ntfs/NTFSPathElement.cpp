@@ -13,6 +13,7 @@ std::wstring wideOf(const std::string& text) {
     std::wstring wide(text.size(), L'\0'); // a character has one byte at least
     std::mbstate_t state{};
     const char* rest = text.c_str();
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): the state is our own
     const std::size_t length = std::mbsrtowcs(wide.data(), &rest, wide.size(), &state);
     if (length == static_cast<std::size_t>(-1)) {
         throw std::runtime_error("A part of the path is not UTF-8: " + text);
