@@ -8,11 +8,11 @@
 A file system that no row is for is an UnknownKind; none is treated as if it were another. A new kind is a
 file beside this one, which says what kind.py asks for, and a row here.
 """
-from lab import ext, ntfs, xfs
+from lab import ext, fat, hfs, ntfs, xfs
 from lab.commands import run
 from lab.kind import Format
 
-KINDS = (ext.KIND, xfs.KIND, ntfs.KIND)
+KINDS = (ext.KIND, xfs.KIND, ntfs.KIND, fat.KIND, hfs.KIND)
 # What else can be on a partition; no image of it is ever looked into.
 OTHERS = (Format({"swap": ("mkswap", "--force")}, "--label", mount=None),)
 

@@ -152,7 +152,7 @@ def compare_used(volume, image, file_system, offset=0, excluded=OWN_FILES):
     """Compares every block that the file system of the volume, or of its snapshot, calls used, but for those
     of the files `excluded`, named from its root."""
     truth = truth_of(volume, file_system)
-    left_out = extents_of_files(volume, file_system, excluded)
+    left_out = extents_of_files(volume, file_system, excluded) if excluded else []
     comparison = Comparison(truth.block_size)
     with open(volume, "rb", buffering=0) as source, open(image, "rb", buffering=0) as target:
         for at, length in pieces(without(truth.used_extents(), left_out)):
@@ -189,7 +189,14 @@ def pieces(extents):
 def extents_of_files(volume, file_system, names):
     """(offset, length) on the volume of the files of these names, as far as there are any."""
     with tree_of(volume, file_system) as root:
-        return [extent for name in names if (root / name).exists() for extent in extents_of(root / name)]
+        return [extent for name in names if (root / name).exists()
+                for extent in extents_on(volume, file_system, root, name)]
+
+
+def extents_on(volume, file_system, root, name):
+    """(offset, length) on the volume of a file of its tree."""
+    extents = kind_of(file_system).extents
+    return extents(volume, root, name) if extents else extents_of(root / name)
 
 
 def tree_of(volume, file_system):

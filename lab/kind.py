@@ -68,7 +68,13 @@ class Kind(Format):
     samples       Samples
     regions       regions(image) is all that the parser may read of an image: (offset, length) in bytes
     seeds         Seeds
+    is_plain      whether files are names in ASCII and content: they have no owners, links or holes, and are
+                  never cut
+    extents       extents(device, root, name) is where a file of a mounted volume lies: (offset, length) in
+                  bytes. None where the kernel can be asked
     goes_on       whether a map may go on behind the last block of the file system, up to a whole piece of it
+    tells_extents whether a file can be asked for its extents; where not, a backup copies also the files that
+                  nobody needs, those of the driver and the agent
 
     What is in ONLY_MOUNTED is None where none can be mounted.
     """
@@ -89,7 +95,10 @@ class Kind(Format):
     samples: tuple
     regions: Callable
     seeds: tuple
+    is_plain: bool = False
+    extents: Callable | None = None
     goes_on: bool = False
+    tells_extents: bool = True
 
 
 ONLY_MOUNTED = ("look", "write", "calm", "structures", "usual")

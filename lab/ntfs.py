@@ -8,47 +8,22 @@ import subprocess
 import tempfile
 
 from lab.commands import SECONDS, run
+from lab.fuse_mounts import FuseMount
 from lab.kind import Kind, Sample, Seed
-from lab.mounts import keep_mounts_of
 from lab.ntfs_scatter import list_attributes, scatter
 from lab.ntfs_volume import ATTRIBUTE_LIST, BITMAP, DATA, MFT, NtfsVolume, records_of_list
-from lab.services import Service
 from lab.used_blocks import Truth
 
-MOUNT_SECONDS = 60
 BOOT_SECTOR = 512
-
-
-class NtfsMount(Service):
-    """An NTFS volume mounted by ntfs-3g: the process is the mount. It keeps owners and modes."""
-
-    def __init__(self, device, mount_point, options):
-        super().__init__()
-        self.command = ("ntfs-3g", device, mount_point, "-o", f"no_detach,permissions,{options}")
-        self._mount_point = mount_point
-        self._keeper = None
-
-    def start(self):
-        super().start()
-        self._keeper = keep_mounts_of(self.pid)
-        return self
-
-    def is_ready(self):
-        return os.path.ismount(self._mount_point)
-
-    def stop(self):
-        if os.path.ismount(self._mount_point):
-            run("umount", self._mount_point)
-        super().stop()
-        if self._keeper:
-            self._keeper.wait(MOUNT_SECONDS)
 
 
 @contextlib.contextmanager
 def mounted(device, mount_point, options, _file_system):
+    """It keeps owners and modes."""
     mount_point = pathlib.Path(mount_point)
     mount_point.mkdir(parents=True, exist_ok=True)
-    with NtfsMount(str(device), str(mount_point), options):
+    with FuseMount(("ntfs-3g", str(device), str(mount_point), "-o", f"no_detach,permissions,{options}"),
+                   mount_point):
         yield mount_point
 
 
@@ -160,4 +135,5 @@ KIND = Kind(
         Seed("ntfs_listed", "ntfs", 20, steps=(functools.partial(list_attributes, number=BITMAP),)),
     ),
     goes_on=True, # the map is clusters in whole
+    tells_extents=False,
 )

@@ -24,11 +24,12 @@ READY = "ready"
 
 DATA = Volume("data", "ext4", mount_point=f"{MOUNTS}/data")
 FILES = Volume("files", "xfs", mount_point=f"{MOUNTS}/Büro und Lager")
+WINDOWS = Volume("windows", "ntfs", mount_point=f"{MOUNTS}/windows")
 SWAP = Volume("swap", "swap", mebibytes=64)
 VOLUMES = (
     DATA,
     FILES,
-    Volume("windows", "ntfs", mount_point=f"{MOUNTS}/windows"),
+    WINDOWS,
     Volume("archive", "ext4", fstab="defaults,ro"),
     Volume("spare", "ext4"),
     SWAP,

@@ -37,8 +37,8 @@ def frozen(directory):
         run("fsfreeze", "--unfreeze", directory)
 
 
-def age(directory, operations, seed=1, largest=300_000):
-    """Creates, cuts and deletes files at random, the same way each time."""
+def age(directory, operations, seed=1, largest=300_000, is_plain=False):
+    """Creates, cuts and deletes files at random, the same way each time; cuts none where they are plain."""
     dice = random.Random(seed)
     files = []
     for number in range(operations):
@@ -51,7 +51,7 @@ def age(directory, operations, seed=1, largest=300_000):
                 files[-1].write_bytes(dice.randbytes(1000) * (dice.randrange(largest) // 1000))
             elif choice < 0.8:
                 files.pop(dice.randrange(len(files))).unlink(missing_ok=True)
-            else:
+            elif not is_plain:
                 os.truncate(dice.choice(files), dice.randrange(largest))
     os.sync()
 

@@ -4,10 +4,12 @@
 #include "Failure.h"
 #include "Uuid.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdio>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <vector>
 
 namespace tolvubd {
 
@@ -69,6 +71,20 @@ void requireReplaceable(const std::string& path) {
     }
 }
 
+/// A file system that can't reserve space gets zeros.
+void reserve(const os::FileDescriptor& file, const std::string& path, std::uint64_t size) {
+    if (::fallocate(file.get(), 0, 0, static_cast<off_t>(size)) == 0) {
+        return;
+    }
+    if (errno != EOPNOTSUPP) {
+        failWithErrno("reserve the space of " + path);
+    }
+    const std::vector<std::byte> zeros(std::size_t{1} << 20);
+    for (std::uint64_t offset = 0; offset < size; offset += zeros.size()) {
+        writeAt(file, std::span(zeros).first(std::min<std::uint64_t>(zeros.size(), size - offset)), offset);
+    }
+}
+
 } // namespace
 
 void makeCowFile(const std::string& path, const std::string& snapshot, std::uint64_t size) {
@@ -77,9 +93,7 @@ void makeCowFile(const std::string& path, const std::string& snapshot, std::uint
     removeFile(unfinished);
     {
         const os::FileDescriptor file = openCowFile(unfinished, O_WRONLY | O_CREAT | O_EXCL);
-        if (const int error = ::posix_fallocate(file.get(), 0, static_cast<off_t>(size)); error != 0) {
-            fail(error, "reserve the space of " + path);
-        }
+        reserve(file, path, size);
         Header header;
         header.snapshot = uuidBytes(snapshot);
         writeAt(file, std::as_bytes(std::span(&header, 1)), 0);

@@ -4,12 +4,14 @@
 #include "Compare.h"
 #include "CowFile.h"
 #include "Failure.h"
-#include "FreezeGuard.h"
 #include "FreshUnits.h"
+#include "FrozenFileSystem.h"
+#include "HoldGuard.h"
 #include "Layout.h"
 #include "Recovery.h"
 #include "SnapshotNode.h"
 #include "Status.h"
+#include "StoppedServer.h"
 #include "SystemLog.h"
 #include "Uuid.h"
 
@@ -18,6 +20,7 @@
 #include <exception>
 #include <iterator>
 #include <limits>
+#include <memory>
 #include <optional>
 #include <set>
 #include <sys/stat.h>
@@ -97,13 +100,33 @@ std::vector<Unfinished> removalOfCowFile(const Device& device) {
     }
 }
 
+/// The file system is frozen; if it is a process that can't do that, the process is stopped.
+std::unique_ptr<HoldGuard> holdStill(const Volume& volume, const std::string& mountPoint) {
+    try {
+        return std::make_unique<HoldGuard>(std::make_unique<FrozenFileSystem>(mountPoint));
+    } catch (const std::system_error& error) {
+        if (error.code().value() != EOPNOTSUPP) {
+            throw;
+        }
+    }
+    return std::make_unique<HoldGuard>(std::make_unique<StoppedServer>(volume, mountPoint));
+}
+
 /// Writes what has changed from one capture to the next into the CoW file that was current between.
-void record(const Moment& before, const Moment& after, const std::string& closed, std::uint64_t size,
-            CowTable& changes) {
-    const std::vector<bool> fresh = findFreshUnits(before, after, extentsOf(closed), size);
+void record(const Device& before, const Device& after, const std::string& closed) {
+    const Moment then{layout::capture(before.snapshot), before.own};
+    const Moment now{layout::capture(after.snapshot), after.own};
+    const std::vector<Extent> table = extentsOf(closed).value_or(std::vector<Extent>{});
+    const std::vector<bool> fresh = findFreshUnits(then, now, table, before.size);
+    CowTable changes(closed, before.snapshot, before.size);
     changes.finish(compareCaptures(
-        before.capture, after.capture, size, fresh,
+        then.capture, now.capture, before.size, fresh,
         [&](std::uint64_t unit, std::span<const std::uint64_t> words) { changes.write(unit, words); }));
+}
+
+/// Not kept open while the volume is held: the process would end only when it is let go.
+void requireTable(const Device& device, const std::string& cowFile) {
+    static_cast<void>(CowTable(cowFile, device.snapshot, device.size));
 }
 
 /// What was begun for the device is there now.
@@ -211,9 +234,15 @@ void Driver::requireUntracked(const Volume& volume) const {
     }
 }
 
-void Driver::begin(const Device& device, const PathOnVolume& cow) {
+void Driver::begin(const Volume& volume, const Device& device, const PathOnVolume& cow) {
     Table next = table;
-    next.unfinished.push_back({device.snapshot, cow.path(), cow.mountPoint});
+    Unfinished unfinished{device.snapshot, cow.path(), {}, {}};
+    if (volume.servers.empty()) {
+        unfinished.mountPoint = cow.mountPoint;
+    } else {
+        unfinished.server = volume.servers.front();
+    }
+    next.unfinished.push_back(unfinished);
     commit(next);
 }
 
@@ -222,12 +251,12 @@ void Driver::takeSnapshot(const Volume& volume, const PathOnVolume& cow, std::ui
     using std::chrono::milliseconds;
     using std::chrono::steady_clock;
     makeCowFile(cow.path(), device.snapshot, cowSize);
-    device.own = extentsOfOwnFiles(cow.mountPoint);
+    device.own = extentsOfOwnFiles(cow.mountPoint, volume.size);
     Capture capture(layout::capture(device.snapshot), volume.path, volume.size);
     const auto begin = steady_clock::now();
-    FreezeGuard frozen(cow.mountPoint);
-    capture.copy([&] { frozen.reportProgress(); });
-    frozen.thaw();
+    const std::unique_ptr<HoldGuard> held = holdStill(volume, cow.mountPoint);
+    capture.copy([&] { held->reportProgress(); });
+    held->release();
     const auto lasted = std::chrono::duration_cast<milliseconds>(steady_clock::now() - begin);
     logLine(Severity::info, volume.path + " was frozen for " + std::to_string(lasted.count()) + " ms while " +
                                 std::to_string(volume.size) + " bytes were captured");
@@ -244,7 +273,7 @@ void Driver::setupSnapshot(std::uint32_t minor, const std::string& blockDevice, 
     requireRoom(volume, cow, cowSize);
     Device device{minor, Mode::snapshot, blockDevice, cow.relative, makeUuid(), volume.size, cacheSize, {}};
     undoneOnFailure([&] {
-        begin(device, cow);
+        begin(volume, device, cow);
         takeSnapshot(volume, cow, cowSize, device);
         showCapture(layout::capture(device.snapshot), volume.sectorSize, minor);
         Table next = table;
@@ -267,16 +296,15 @@ void Driver::transitionSnapshot(std::uint32_t minor, const std::string& cowPath,
     const std::uint64_t cowSize = cowBytes(cowMebibytes, volume);
     requireRoom(volume, cow, cowSize);
     const std::string closed = findCowFile(volume, before.cowFile);
-    CowTable changes(closed, before.snapshot, volume.size);
+    requireTable(before, closed);
     Device after = before;
     after.mode = Mode::snapshot;
     after.cowFile = cow.relative;
     after.snapshot = makeUuid();
     undoneOnFailure([&] {
-        begin(after, cow);
+        begin(volume, after, cow);
         takeSnapshot(volume, cow, cowSize, after);
-        record({layout::capture(before.snapshot), before.own}, {layout::capture(after.snapshot), after.own},
-               closed, volume.size, changes);
+        record(before, after, closed);
         showCapture(layout::capture(after.snapshot), volume.sectorSize, minor);
         replace(after);
     });

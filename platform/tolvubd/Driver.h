@@ -39,7 +39,7 @@ private:
     [[nodiscard]] const Device& require(std::uint32_t minor, Mode mode) const;
     void requireFree(std::uint32_t minor) const;
     void requireUntracked(const Volume& volume) const;
-    void begin(const Device& device, const PathOnVolume& cow);
+    void begin(const Volume& volume, const Device& device, const PathOnVolume& cow);
     void takeSnapshot(const Volume& volume, const PathOnVolume& cow, std::uint64_t cowSize, Device& device);
 
     StateStore store;

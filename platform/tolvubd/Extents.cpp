@@ -4,8 +4,10 @@
 #include "FileAccess.h"
 #include "os/ExtentRequest.h"
 
+#include <algorithm>
 #include <fcntl.h>
 #include <filesystem>
+#include <limits>
 #include <linux/fs.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
@@ -21,13 +23,19 @@ constexpr std::uint32_t nowhere =
     FIEMAP_EXTENT_UNKNOWN | FIEMAP_EXTENT_DELALLOC | FIEMAP_EXTENT_DATA_INLINE | FIEMAP_EXTENT_DATA_TAIL;
 
 /// The extents of a file from a position on, as many as there is room for. Returns where the next ones begin,
-/// 0 behind the last.
-std::uint64_t readExtents(const os::FileDescriptor& file, std::uint64_t from, std::vector<Extent>& found) {
+/// 0 behind the last; none where the file system doesn't tell of extents.
+std::optional<std::uint64_t> readExtents(const os::FileDescriptor& file, std::uint64_t from,
+                                         std::vector<Extent>& found) {
     os::ExtentRequest request(extentsAtOnce);
     request.header().fm_start = from;
     request.header().fm_length = FIEMAP_MAX_OFFSET - from;
     request.header().fm_flags = FIEMAP_FLAG_SYNC;
-    checked(::ioctl(file.get(), FS_IOC_FIEMAP, &request.header()), "find the extents of a file");
+    if (::ioctl(file.get(), FS_IOC_FIEMAP, &request.header()) != 0) {
+        if (errno == EOPNOTSUPP) {
+            return std::nullopt;
+        }
+        failWithErrno("find the extents of a file");
+    }
     std::uint64_t next = 0;
     for (std::uint32_t index = 0; index < request.header().fm_mapped_extents; ++index) {
         const fiemap_extent extent = request.extent(index);
@@ -39,6 +47,65 @@ std::uint64_t readExtents(const os::FileDescriptor& file, std::uint64_t from, st
     return next > from ? next : 0;
 }
 
+std::optional<std::vector<Extent>> allExtentsOf(const os::FileDescriptor& file) {
+    std::vector<Extent> found;
+    std::optional<std::uint64_t> from = 0;
+    do {
+        from = readExtents(file, *from, found);
+        if (!from) {
+            return std::nullopt;
+        }
+    } while (*from != 0);
+    return found;
+}
+
+void append(std::vector<Extent>& extents, const Extent& next) {
+    if (!extents.empty() && extents.back().end() == next.offset) {
+        extents.back().length += next.length;
+    } else {
+        extents.push_back(next);
+    }
+}
+
+/// Where a block of a file lies; 0 where the file system doesn't say, and where it isn't anywhere.
+std::uint64_t placeOf(const os::FileDescriptor& file, std::uint64_t block) {
+    int number = static_cast<int>(block);
+    return ::ioctl(file.get(), FIBMAP, &number) == 0 ? static_cast<unsigned>(number) : 0;
+}
+
+/// How many blocks a file has; none where that can't be said.
+std::optional<std::uint64_t> countBlocks(const struct stat& status, std::uint64_t blockSize) {
+    constexpr std::uint64_t unit = 512;
+    const std::uint64_t bytes = std::max(static_cast<std::uint64_t>(status.st_size),
+                                         static_cast<std::uint64_t>(status.st_blocks) * unit);
+    const std::uint64_t blocks = bytes / blockSize + (bytes % blockSize != 0 ? 1 : 0);
+    return blocks <= std::numeric_limits<int>::max() ? std::optional(blocks) : std::nullopt;
+}
+
+/// Asks for block by block, which file systems understand that don't tell of extents. A file smaller than a
+/// block may lie beside its name and in no block; of any other all blocks are somewhere, or it isn't known
+/// where they are.
+std::optional<std::vector<Extent>> blocksOf(const os::FileDescriptor& file, const std::string& path) {
+    syncFile(file, path);
+    struct stat status{};
+    checked(::fstat(file.get(), &status), "look at " + path);
+    int size = 0;
+    if (::ioctl(file.get(), FIGETBSZ, &size) != 0 || size <= 0) {
+        return std::nullopt;
+    }
+    const auto blockSize = static_cast<std::uint64_t>(size);
+    const std::optional<std::uint64_t> count = countBlocks(status, blockSize);
+    std::vector<Extent> found;
+    for (std::uint64_t block = 0; block < count.value_or(0); ++block) {
+        if (const std::uint64_t place = placeOf(file, block); place != 0) {
+            append(found, {place * blockSize, blockSize});
+        } else if (static_cast<std::uint64_t>(status.st_size) >= blockSize) {
+            return std::nullopt;
+        }
+    }
+    return count ? std::optional(found) : std::nullopt;
+}
+
 bool isRegular(const std::string& path) {
     struct stat status{};
     return ::lstat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode);
@@ -46,22 +113,21 @@ bool isRegular(const std::string& path) {
 
 } // namespace
 
-std::vector<Extent> extentsOf(const std::string& path) {
+std::optional<std::vector<Extent>> extentsOf(const std::string& path) {
     const os::FileDescriptor file = openFile(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK);
-    std::vector<Extent> found;
-    std::uint64_t from = 0;
-    do {
-        from = readExtents(file, from, found);
-    } while (from != 0);
-    return found;
+    std::optional<std::vector<Extent>> found = allExtentsOf(file);
+    return found ? found : blocksOf(file, path);
 }
 
-std::vector<Extent> extentsOfOwnFiles(const std::string& mountPoint) {
+std::vector<Extent> extentsOfOwnFiles(const std::string& mountPoint, std::uint64_t volumeSize) {
     std::vector<Extent> found;
     for (const auto& entry : std::filesystem::directory_iterator(mountPoint)) {
         if (entry.path().filename().string().starts_with(ownPrefix) && isRegular(entry.path())) {
-            const std::vector<Extent> extents = extentsOf(entry.path());
-            found.insert(found.end(), extents.begin(), extents.end());
+            const auto extents = extentsOf(entry.path());
+            if (!extents) {
+                return {{0, volumeSize}};
+            }
+            found.insert(found.end(), extents->begin(), extents->end());
         }
     }
     return found;

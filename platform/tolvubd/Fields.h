@@ -24,6 +24,8 @@ public:
     /// False when the image ends before them.
     explicit operator bool() const noexcept { return isWhole; }
 
+    [[nodiscard]] std::size_t size() const { return bytes.size(); }
+    void set(std::size_t offset, std::uint8_t value) { bytes.at(offset) = std::byte{value}; }
     [[nodiscard]] std::uint8_t byte(std::size_t offset) const {
         return std::to_integer<std::uint8_t>(bytes.at(offset));
     }

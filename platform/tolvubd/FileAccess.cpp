@@ -24,6 +24,16 @@ std::size_t readAt(const os::FileDescriptor& file, std::span<std::byte> into, st
     return reading.bytes;
 }
 
+std::string readToEnd(const std::string& path) {
+    const os::FileDescriptor file = openFile(path, O_RDONLY);
+    std::string text;
+    std::string piece(std::size_t{64} << 10, '\0');
+    while (const std::size_t got = readAt(file, std::as_writable_bytes(std::span(piece)), text.size())) {
+        text.append(piece, 0, got);
+    }
+    return text;
+}
+
 void writeAt(const os::FileDescriptor& file, std::span<const std::byte> from, std::uint64_t offset) {
     if (!os::writeAllAt(file.get(), from, offset)) {
         failWithErrno("write");

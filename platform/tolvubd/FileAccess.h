@@ -15,6 +15,8 @@ os::FileDescriptor openFile(const std::string& path, int flags, mode_t mode = 0)
 
 /// Reads until the span is full or the file ends; returns how many bytes it got.
 std::size_t readAt(const os::FileDescriptor& file, std::span<std::byte> into, std::uint64_t offset);
+/// The text of a file of the kernel's, which has no size to be asked for.
+std::string readToEnd(const std::string& path);
 /// Writes the whole span.
 void writeAt(const os::FileDescriptor& file, std::span<const std::byte> from, std::uint64_t offset);
 

@@ -2,9 +2,10 @@
 
 #include "CowFile.h"
 #include "FileAccess.h"
-#include "FreezeGuard.h"
+#include "FrozenFileSystem.h"
 #include "Layout.h"
 #include "SnapshotNode.h"
+#include "StoppedServer.h"
 #include "SystemLog.h"
 
 #include <algorithm>
@@ -29,13 +30,23 @@ bool tryTo(const std::string& what, const Work& work) {
     }
 }
 
+void letGo(const Unfinished& unfinished) {
+    if (unfinished.server) {
+        continueIfStopped(*unfinished.server);
+    }
+    if (!unfinished.mountPoint.empty()) {
+        thawIfFrozen(unfinished.mountPoint);
+    }
+}
+
 /// What resists is kept, but not for ever.
 void takeBack(std::vector<Unfinished>& list, Frozen frozen) {
     std::erase_if(list, [&](Unfinished& unfinished) {
-        if (frozen == Frozen::maybe && !unfinished.mountPoint.empty()) {
-            thawIfFrozen(unfinished.mountPoint);
+        if (frozen == Frozen::maybe) {
+            letGo(unfinished);
         }
         unfinished.mountPoint.clear();
+        unfinished.server.reset();
         return tryTo("remove " + unfinished.cowFile,
                      [&] { removeCowFile(unfinished.cowFile, unfinished.snapshot); });
     });

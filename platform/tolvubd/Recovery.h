@@ -4,7 +4,7 @@
 
 namespace tolvubd {
 
-/// Whether a file system may still be frozen by who has left the table unfinished.
+/// Whether a volume may still be held by who has left the table unfinished.
 enum class Frozen { no, maybe };
 
 /// Brings the machine to what the table says: takes away what an operation has left that didn't end, whether

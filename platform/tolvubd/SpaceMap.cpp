@@ -3,8 +3,12 @@
 namespace tolvubd {
 
 std::optional<SpaceMap> readSpaceMap(const os::FileDescriptor& image, std::uint64_t size) {
-    std::optional<SpaceMap> map = readExtSpace(image, size);
-    return map ? std::move(map) : readXfsSpace(image, size);
+    for (const auto& read : {readExtSpace, readXfsSpace, readNtfsSpace}) {
+        if (std::optional<SpaceMap> map = read(image, size)) {
+            return map;
+        }
+    }
+    return std::nullopt;
 }
 
 } // namespace tolvubd

@@ -14,12 +14,13 @@ struct SpaceMap {
     std::vector<bool> used;
 };
 
-/// Reads the map of free space of an ext2, ext3, ext4 or XFS file system that is clean or frozen. None when
-/// it is another one, or laid out in a way that isn't understood: then every block may be in use, and every
-/// block may be free.
+/// Reads the map of free space of an ext2, ext3, ext4, XFS or NTFS file system that is clean or was held.
+/// None when it is another one, or laid out in a way that isn't understood: then every block may be in use,
+/// and every block may be free.
 std::optional<SpaceMap> readSpaceMap(const os::FileDescriptor& image, std::uint64_t size);
 
 std::optional<SpaceMap> readExtSpace(const os::FileDescriptor& image, std::uint64_t size);
 std::optional<SpaceMap> readXfsSpace(const os::FileDescriptor& image, std::uint64_t size);
+std::optional<SpaceMap> readNtfsSpace(const os::FileDescriptor& image, std::uint64_t size);
 
 } // namespace tolvubd

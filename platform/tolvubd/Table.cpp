@@ -18,6 +18,7 @@ using nlohmann::json;
 
 constexpr int format = 2;
 constexpr std::uint64_t largestFile = std::numeric_limits<std::int64_t>::max();
+constexpr std::uint64_t any = std::numeric_limits<std::uint64_t>::max();
 
 void require(bool condition, const char* what) {
     if (!condition) {
@@ -84,7 +85,6 @@ json fromDevice(const Device& device) {
 }
 
 Device toDevice(const json& object) {
-    constexpr std::uint64_t any = std::numeric_limits<std::uint64_t>::max();
     Device device;
     device.minor = static_cast<std::uint32_t>(number(object, "minor", highestMinor));
     device.mode = static_cast<Mode>(number(object, "state", static_cast<std::uint64_t>(Mode::snapshot)));
@@ -103,13 +103,22 @@ json fromUnfinished(const Unfinished& unfinished) {
     if (!unfinished.mountPoint.empty()) {
         object["mount_point"] = unfinished.mountPoint;
     }
+    if (unfinished.server) {
+        object["server"] = unfinished.server->number;
+        object["server_started"] = unfinished.server->started;
+    }
     return object;
 }
 
 Unfinished toUnfinished(const json& object) {
-    Unfinished unfinished{uuid(object, "snapshot"), absolutePath(object, "cow_file"), {}};
+    Unfinished unfinished{uuid(object, "snapshot"), absolutePath(object, "cow_file"), {}, {}};
     if (object.contains("mount_point")) {
         unfinished.mountPoint = absolutePath(object, "mount_point");
+    }
+    if (object.contains("server")) {
+        constexpr std::uint64_t highestProcess = std::numeric_limits<pid_t>::max();
+        unfinished.server = ProcessName{static_cast<pid_t>(number(object, "server", highestProcess)),
+                                        number(object, "server_started", any)};
     }
     return unfinished;
 }

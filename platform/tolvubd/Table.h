@@ -1,8 +1,10 @@
 #pragma once
 
 #include "Extents.h"
+#include "Process.h"
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -29,6 +31,8 @@ struct Unfinished {
     std::string snapshot;
     std::string cowFile;    ///< absolute
     std::string mountPoint; ///< of the volume that is frozen meanwhile; empty if none is
+    /// The process that is stopped meanwhile, as it is the volume's file system.
+    std::optional<ProcessName> server = std::nullopt;
 
     bool operator==(const Unfinished&) const = default;
 };

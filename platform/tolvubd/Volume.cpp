@@ -3,11 +3,14 @@
 #include "AtomicFile.h"
 #include "Failure.h"
 #include "FileAccess.h"
+#include "StoppedServer.h"
 
+#include <algorithm>
 #include <fcntl.h>
 #include <filesystem>
+#include <iterator>
 #include <linux/fs.h>
-#include <span>
+#include <optional>
 #include <sstream>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
@@ -39,6 +42,9 @@ struct statvfs spaceOf(const std::string& path) {
     return space;
 }
 
+/// The kernel's name for file systems that are processes, with the name of their kind behind a dot.
+constexpr const char* servedType = "fuseblk";
+
 bool isOctal(char c) {
     return c >= '0' && c <= '7';
 }
@@ -59,15 +65,37 @@ std::string unescape(const std::string& text) {
     return plain;
 }
 
-/// A file of the kernel's has no size to be asked for.
-std::string readMountInfo() {
-    const os::FileDescriptor file = openFile("/proc/self/mountinfo", O_RDONLY);
-    std::string text;
-    std::string piece(std::size_t{64} << 10, '\0');
-    while (const std::size_t got = readAt(file, std::as_writable_bytes(std::span(piece)), text.size())) {
-        text.append(piece, 0, got);
+struct Mount {
+    std::string number; ///< of the device, as two numbers
+    std::string mountPoint;
+    std::string fileSystem;
+};
+
+/// A line of /proc/self/mountinfo. Behind the mount point come options, as many as there are, and a dash.
+std::optional<Mount> parseMount(const std::string& line) {
+    std::istringstream fields(line);
+    Mount mount;
+    std::string word; // the number of the mount, that of its parent; later its root
+    if (!(fields >> word >> word >> mount.number >> word >> mount.mountPoint)) {
+        return std::nullopt;
     }
-    return text;
+    mount.mountPoint = unescape(mount.mountPoint);
+    while (fields >> word && word != "-") {
+    }
+    fields >> mount.fileSystem;
+    return mount;
+}
+
+std::vector<Mount> mountsOf(const std::string& mountInfo, dev_t device) {
+    const std::string wanted = std::to_string(major(device)) + ":" + std::to_string(minor(device));
+    std::vector<Mount> found;
+    std::istringstream lines(mountInfo);
+    for (std::string line; std::getline(lines, line);) {
+        if (const auto mount = parseMount(line); mount && mount->number == wanted) {
+            found.push_back(*mount);
+        }
+    }
+    return found;
 }
 
 bool isBelow(const std::string& path, const std::string& directory) {
@@ -90,9 +118,14 @@ Volume findVolume(const std::string& blockDevice) {
     checked(::ioctl(device.get(), BLKGETSIZE64, &volume.size), "size of " + volume.path);
     checked(::ioctl(device.get(), BLKSSZGET, &sectorSize), "sector size of " + volume.path);
     volume.sectorSize = static_cast<std::uint32_t>(sectorSize);
-    volume.mountPoints = mountPointsIn(readMountInfo(), volume.number);
+    const std::string mounts = readToEnd("/proc/self/mountinfo");
+    volume.mountPoints = mountPointsIn(mounts, volume.number);
     if (volume.mountPoints.empty()) {
         fail(ENODEV, volume.path + " is not mounted");
+    }
+    if (isServedIn(mounts, volume.number)) {
+        volume.servers = findServers(volume.number);
+        requireAnswering(volume.servers);
     }
     return volume;
 }
@@ -118,21 +151,15 @@ PathOnVolume locate(const Volume& volume, const std::string& path) {
 }
 
 std::vector<std::string> mountPointsIn(const std::string& mountInfo, dev_t device) {
-    const std::string wanted = std::to_string(major(device)) + ":" + std::to_string(minor(device));
     std::vector<std::string> found;
-    std::istringstream lines(mountInfo);
-    for (std::string line; std::getline(lines, line);) {
-        std::istringstream fields(line);
-        std::string id;
-        std::string parent;
-        std::string number;
-        std::string root;
-        std::string mountPoint;
-        if (fields >> id >> parent >> number >> root >> mountPoint && number == wanted) {
-            found.push_back(unescape(mountPoint));
-        }
-    }
+    std::ranges::transform(mountsOf(mountInfo, device), std::back_inserter(found), &Mount::mountPoint);
     return found;
+}
+
+bool isServedIn(const std::string& mountInfo, dev_t device) {
+    return std::ranges::any_of(mountsOf(mountInfo, device), [](const Mount& mount) {
+        return mount.fileSystem == servedType || mount.fileSystem.starts_with(std::string(servedType) + ".");
+    });
 }
 
 std::uint64_t freeSpace(const std::string& path) {

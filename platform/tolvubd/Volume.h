@@ -1,5 +1,7 @@
 #pragma once
 
+#include "Process.h"
+
 #include <cstdint>
 #include <string>
 #include <sys/types.h>
@@ -14,9 +16,11 @@ struct Volume {
     std::uint64_t size = 0;
     std::uint32_t sectorSize = 0;
     std::vector<std::string> mountPoints; ///< as this process sees them, in the order of mounting
+    std::vector<ProcessName> servers;     ///< which are its file system; none where that is the kernel
 };
 
-/// ENOTBLK for what isn't a block device, ENODEV for one that isn't mounted.
+/// ENOTBLK for what isn't a block device, ENODEV for one that isn't mounted. EBUSY for one whose file system
+/// is a process that is stopped, EDEADLK where that process may wait for this one. Touches no mount.
 Volume findVolume(const std::string& blockDevice);
 
 /// A path on a volume, split where the file system begins.
@@ -32,6 +36,8 @@ PathOnVolume locate(const Volume& volume, const std::string& path);
 
 /// The mount points of a device, from a text in the form of /proc/self/mountinfo.
 std::vector<std::string> mountPointsIn(const std::string& mountInfo, dev_t device);
+/// Whether the file system of a device is a process.
+bool isServedIn(const std::string& mountInfo, dev_t device);
 
 /// The bytes that an ordinary file can still get on the file system of `path`.
 std::uint64_t freeSpace(const std::string& path);

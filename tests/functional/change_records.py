@@ -1,10 +1,11 @@
 """What the snapshot driver has to record of a volume, and what a backup has to bring, worked out from
 captures of the volume and from what the tools of its file system call in use."""
+import os
 from itertools import chain, count
 
 from lab.driver import OWN_FILES
 from lab.filesystems import kind_of
-from lab.images import extents_of, tree_of, without
+from lab.images import extents_on, tree_of, without
 
 UNIT = 4096 # changes are recorded in units of so many bytes
 PIECE = 4 << 20
@@ -17,15 +18,30 @@ class Moment:
     def __init__(self, capture, file_system):
         self.capture = capture
         kind = kind_of(file_system)
-        self.used = kind.truth(capture).used_extents()
+        self._tells_extents = kind.tells_extents
+        self.used = used_extents(capture, kind)
         self.sleeping = kind.sleeping(capture)
         with tree_of(str(capture), file_system) as root:
-            self.own = {name: extents_of(root / name) for name in OWN_FILES if (root / name).exists()}
+            self.own = {name: extents_on(capture, file_system, root, name) for name in OWN_FILES
+                        if (root / name).exists()}
+
+    @property
+    def needed(self):
+        """What is worth copying."""
+        return list(without(self.used, chain.from_iterable(self.own.values())))
 
     @property
     def copied(self):
-        """What is worth copying."""
-        return list(without(self.used, chain.from_iterable(self.own.values())))
+        """What a backup copies."""
+        return self.needed if self._tells_extents else self.used
+
+
+def used_extents(capture, kind):
+    """What is in use, with what is behind the last block of a file system whose map goes on there."""
+    truth = kind.truth(capture)
+    if kind.goes_on:
+        truth.blocks = os.stat(capture).st_size // truth.block_size
+    return truth.used_extents()
 
 
 def marked_since(before, after, file_system, closed=".tolvu"):
@@ -86,6 +102,6 @@ def marked_units(before, after, closed):
     the one that was `closed` by the snapshot."""
     others = chain.from_iterable(extents for name, extents in after.own.items() if name != closed)
     used = without(after.used, [*after.own[closed], *after.sleeping])
-    known = list(without(before.copied, before.sleeping))
+    known = list(without(before.needed, before.sleeping))
     return (in_units(others) - in_units(after.own[closed]) | in_units(without(used, known))
             | set(differing_units(before.capture, after.capture)))

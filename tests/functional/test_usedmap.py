@@ -56,7 +56,7 @@ def test_map(name, tmp_path, matrix):
 
 def check_aged(image, sample, mount_point, matrix):
     with mounted(image, sample.file_system, mount_point) as (device, directory):
-        age(directory, 300)
+        age(directory, 300, is_plain=kind_of(sample.file_system).is_plain)
         if kind_of(sample.file_system).can_freeze:
             with frozen(directory):
                 assert not unexplained(device, sample.file_system, matrix, sample.name + ", aged and frozen")

@@ -9,6 +9,7 @@ from lab import driver, volumes
 from lab.commands import run
 from lab.daemon import program
 from lab.driver import STORE
+from lab.filesystems import mounted
 from lab.loops import images_on
 from lab.services import wait_until
 from lab.stay import Stay
@@ -31,7 +32,6 @@ class Volume(Stay):
     def open(self, lasting):
         partition, = lasting.enter_context(self._disk)
         self.device = pathlib.Path(partition.device)
-        self.mount_point.mkdir(parents=True, exist_ok=True)
         self.mount()
         lasting.callback(self.unmount)
 
@@ -44,11 +44,11 @@ class Volume(Stay):
         return self.mount_point / ".tolvu1"
 
     def mount(self):
-        run("mount", "-t", self.filesystem, self.device, self.mount_point)
+        self._mount = contextlib.ExitStack()
+        self._mount.enter_context(mounted(self.filesystem, self.device, self.mount_point))
 
     def unmount(self):
-        if self.mount_point.is_mount():
-            run("umount", self.mount_point)
+        self._mount.close()
 
     def write(self, name, content):
         """Writes a file through to the device: hangs while the file system is frozen."""

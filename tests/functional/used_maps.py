@@ -5,7 +5,7 @@ import json
 import os
 import subprocess
 
-from lab import oracles, poison
+from lab import fat, oracles, poison
 from lab.commands import run
 from lab.daemon import program
 from lab.filesystems import kind_of
@@ -15,6 +15,7 @@ BUILD = program().parent
 TOOL = BUILD / "bek-usedmap"
 # Those that are right on all volumes of a kind, called with an image and the size of its blocks.
 ORACLES = {
+    "fat": (lambda image, _block_size: fat.truth_by(functools.partial(oracles.sleuthkit, "fat"), image),),
     "ntfs": (functools.partial(oracles.partclone, "ntfs"), functools.partial(oracles.sleuthkit, "ntfs")),
 }
 

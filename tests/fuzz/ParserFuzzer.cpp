@@ -12,8 +12,9 @@
 #include <vector>
 
 /// The parser of one kind of file system, which the build names, on any volume: asked for the map in a few
-/// chunks. Ends the process if it tells of more blocks than the buffer holds, or throws anything but
-/// std::runtime_error; what else goes wrong is for the sanitizers to see.
+/// chunks, or for what the volume may be if it isn't known. Ends the process if it tells of more blocks than
+/// the buffer holds, or throws anything but std::runtime_error; what else goes wrong is for the sanitizers to
+/// see.
 namespace {
 
 using agent::core::fs::FileSystemKind;
@@ -56,6 +57,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
             readMap(*parser, image);
         } catch (const std::runtime_error&) { // a failure, as the interface allows
         }
+    } else if (kind.findNearMiss != nullptr) {
+        kind.findNearMiss(logger, image.volume, image.sectorSize);
     }
     return 0;
 }

@@ -44,7 +44,7 @@ def make_seed(kind, seed, work):
         with mounted(image, seed.file_system, work / "mnt") as (_, directory):
             if seed.holes:
                 riddle(directory / "riddled", HOLE, seed.holes)
-            age(directory, 30, largest=100_000)
+            age(directory, 30, largest=100_000, is_plain=kind.is_plain)
     for step in seed.steps:
         step(image)
     return encode(image, kind.regions(image), seed.sector_exponent)

@@ -26,6 +26,17 @@ public:
         return recorded;
     }
 
+    /// What the lines of this level say.
+    [[nodiscard]] std::vector<std::string> texts(int level) const {
+        std::vector<std::string> found;
+        for (const Line& line : lines()) {
+            if (line.level == level) {
+                found.push_back(line.text);
+            }
+        }
+        return found;
+    }
+
     [[nodiscard]] bool has(int level, const std::string& text) const { return count(level, text) > 0; }
 
     [[nodiscard]] std::ptrdiff_t count(int level, const std::string& text) const {

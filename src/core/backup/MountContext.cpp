@@ -4,7 +4,9 @@
 #include <cstdlib>
 #include <libmount.h>
 #include <new>
+#include <optional>
 #include <sys/mount.h>
+#include <sys/stat.h>
 
 namespace agent::core::backup {
 
@@ -31,6 +33,15 @@ bool succeeded(libmnt_context* context, int result) {
     return succeeded(result);
 }
 
+/// Of what is to be seen at a path; none if that can't be told. Leaves `errno`.
+std::optional<dev_t> fileSystemAt(const std::string& path) {
+    const int error = errno;
+    struct stat status{};
+    const bool isKnown = ::stat(path.c_str(), &status) == 0;
+    errno = error;
+    return isKnown ? std::optional(status.st_dev) : std::nullopt;
+}
+
 } // namespace
 
 void MountContext::Free::operator()(libmnt_context* context) const noexcept {
@@ -50,8 +61,15 @@ bool MountContext::mountReadOnly(const std::string& device, const std::string& t
     return succeeded(mnt_context_set_options(context.get(), options.c_str())) &&
            succeeded(mnt_context_set_mflags(context.get(), MS_RDONLY)) &&
            succeeded(mnt_context_set_source(context.get(), device.c_str())) &&
-           succeeded(mnt_context_set_target(context.get(), target.c_str())) &&
-           succeeded(context.get(), mnt_context_mount(context.get()));
+           succeeded(mnt_context_set_target(context.get(), target.c_str())) && mount(target);
+}
+
+/// The end of a helper program isn't told to anybody while SIGCHLD is ignored, as it is during a backup. What
+/// it has done can be seen then.
+bool MountContext::mount(const std::string& target) {
+    const std::optional<dev_t> before = fileSystemAt(target);
+    return succeeded(context.get(), mnt_context_mount(context.get())) ||
+           (errno == ECHILD && fileSystemAt(target) != before);
 }
 
 bool MountContext::prepareUmount(const std::string& target) {

@@ -24,6 +24,8 @@ public:
     bool umount();
 
 private:
+    bool mount(const std::string& target);
+
     struct Free {
         void operator()(libmnt_context* context) const noexcept;
     };

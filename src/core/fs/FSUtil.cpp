@@ -6,6 +6,7 @@
 #include <bit>
 #include <cstdio>
 #include <memory>
+#include <utility>
 
 namespace agent::core::fs {
 
@@ -73,18 +74,25 @@ int FSUtil::readChunk(info::Logger& logger, IVolumeReader& reader, std::size_t a
 
 bool FSUtil::readExactly(info::Logger& logger, IVolumeReader& reader, std::size_t alignment,
                          std::uint64_t offset, void* buffer, std::size_t length) {
+    return std::cmp_equal(readAvailable(logger, reader, alignment, offset, buffer, length), length);
+}
+
+std::int64_t FSUtil::readAvailable(info::Logger& logger, IVolumeReader& reader, std::size_t alignment,
+                                   std::uint64_t offset, void* buffer, std::size_t length) {
     alignment = known(alignment);
     const AlignedRange range(alignment, offset, length);
     std::size_t arrived = 0;
     if (suits(range, alignment, length, buffer)) {
-        return readRange(logger, reader, range, buffer, arrived) == 0 && arrived == length;
+        const bool isRead = readRange(logger, reader, range, buffer, arrived) == 0;
+        return isRead ? static_cast<std::int64_t>(arrived) : -1;
     }
     AlignedBuffer aligned = createLoggedBuffer(range.length, alignment, logger);
-    if (readRange(logger, reader, range, aligned.data(), arrived) != 0 || arrived < range.skip + length) {
-        return false;
+    if (readRange(logger, reader, range, aligned.data(), arrived) != 0) {
+        return -1;
     }
-    std::copy_n(aligned.data() + range.skip, length, static_cast<std::byte*>(buffer));
-    return true;
+    const std::size_t count = std::min(arrived - std::min(arrived, range.skip), length);
+    std::copy_n(aligned.data() + range.skip, count, static_cast<std::byte*>(buffer));
+    return static_cast<std::int64_t>(count);
 }
 
 int FSUtil::readFully(IVolumeReader& reader, void* buffer, std::size_t length, std::size_t& bytesRead) {

@@ -23,6 +23,10 @@ public:
     static bool readExactly(info::Logger& logger, IVolumeReader& reader, std::size_t alignment,
                             std::uint64_t offset, void* buffer, std::size_t length);
 
+    /// As readExactly, but tells how many bytes of the range have arrived; -1 if the device can't be read.
+    static std::int64_t readAvailable(info::Logger& logger, IVolumeReader& reader, std::size_t alignment,
+                                      std::uint64_t offset, void* buffer, std::size_t length);
+
     /// Reads from the reader's position on, at most 4 MiB in one call. Returns 0, or -1 at the first failure,
     /// and adds what has arrived to `bytesRead`. What a short read has left out stays as it was.
     static int readFully(IVolumeReader& reader, void* buffer, std::size_t length, std::size_t& bytesRead);

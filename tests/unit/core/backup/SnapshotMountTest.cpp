@@ -4,6 +4,7 @@
 #include "unit/core/backup/SnapshotSessionFixture.h"
 
 #include <cerrno>
+#include <csignal>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -95,6 +96,25 @@ TEST_F(SnapshotMountTest, ASnapshotIsMountedReadOnlyForRootOnlyAndUnmountedAtThe
     endSession(volume);
     EXPECT_TRUE(log.has(info::level::info, "Unmounted  " + target));
     EXPECT_THAT(dir::list(mountRoot), IsEmpty());
+}
+
+// The kernel doesn't tell of the end of a helper program while SIGCHLD is ignored, as it is in a backup.
+TEST_F(SnapshotMountTest, ASnapshotIsMountedByAHelperOfWhoseEndNobodyIsTold) {
+    showImage("mkfs.ntfs -Q -F -q");
+    const auto volume = makeVolume(one);
+    const auto before = ::signal(SIGCHLD, SIG_IGN);
+    start({volume}, FULL);
+    EXPECT_TRUE(isMountPoint(target));
+    EXPECT_TRUE(
+        log.has(info::level::info, "Mounted " + driver->snapshotPath + " (/dev/disk1) onto " + target));
+    endSession(volume);
+    EXPECT_THAT(dir::list(mountRoot), IsEmpty());
+
+    driver->snapshotPath = "/dev/null";
+    driver->devices.clear();
+    start({volume}, FULL);
+    EXPECT_TRUE(saysErrno(ENOTBLK));
+    ::signal(SIGCHLD, before);
 }
 
 TEST_F(SnapshotMountTest, ASnapshotThatCannotBeMountedIsNoFailure) {

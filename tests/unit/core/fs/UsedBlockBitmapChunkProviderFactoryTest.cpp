@@ -1,9 +1,11 @@
 #include "core/fs/UsedBlockBitmapChunkProviderFactory.h"
 
 #include "core/fs/ext/EXTParser.h"
+#include "core/fs/hfs/HFSParser.h"
 #include "core/fs/ntfs/NTFSParser.h"
 #include "core/fs/xfs/XFSParser.h"
 #include "support/ExtImage.h"
+#include "support/HfsImage.h"
 #include "support/MemoryVolume.h"
 #include "support/NtfsImage.h"
 #include "support/RecordingLogger.h"
@@ -63,6 +65,25 @@ TEST_F(UsedBlockBitmapChunkProviderFactoryTest, UnknownFileSystemHasNoParser) {
     test::MemoryVolume volume(1024UL * 1024);
     EXPECT_EQ(create(volume), nullptr);
     EXPECT_TRUE(record.lines().empty());
+}
+
+TEST_F(UsedBlockBitmapChunkProviderFactoryTest, MakesAParserOfHfs) {
+    test::HfsImage image({});
+    const auto provider = create(image.volume);
+    EXPECT_NE(dynamic_cast<HFSParser*>(provider.get()), nullptr);
+    EXPECT_TRUE(record.has(info::level::debug, "Creating HFS Parser."));
+    EXPECT_TRUE(provider->isBitmapMsbFirst());
+}
+
+TEST_F(UsedBlockBitmapChunkProviderFactoryTest, TellsOfHfsWithItsHeaderElsewhere) {
+    test::HfsImage image({});
+    image.copyHeader();
+    image.set(0, 0, 2);
+    UsedBlockBitmapChunkProviderFactory factory(record.logger, 512, &image.volume);
+    EXPECT_EQ(factory.create(), nullptr);
+    EXPECT_EQ(factory.nearMiss(), "its HFS+ header is at byte 1024, and HFS+ is known by one at byte 0 only");
+    image.volume.writeBig(1024, 0, 2);
+    EXPECT_EQ(factory.nearMiss(), "");
 }
 
 TEST_F(UsedBlockBitmapChunkProviderFactoryTest, EmptyDeviceHasNoParser) {

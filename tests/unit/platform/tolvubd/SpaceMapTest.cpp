@@ -20,6 +20,8 @@ constexpr std::uint64_t volumeSize = std::uint64_t{64} << 10;
 /// A small volume, made field by field.
 class TestVolume {
 public:
+    explicit TestVolume(std::uint64_t size = volumeSize) : size(size), bytes(size) {}
+
     void little(std::size_t offset, std::size_t width, std::uint64_t number) {
         for (std::size_t index = 0; index < width; ++index) {
             bytes[offset + index] = static_cast<std::byte>(number >> 8 * index);
@@ -36,11 +38,12 @@ public:
     [[nodiscard]] std::optional<SpaceMap> read() const {
         const os::FileDescriptor file(::memfd_create("volume", MFD_CLOEXEC));
         writeAt(file, bytes, 0);
-        return readSpaceMap(file, volumeSize);
+        return readSpaceMap(file, size);
     }
 
 private:
-    std::vector<std::byte> bytes = std::vector<std::byte>(volumeSize);
+    std::uint64_t size;
+    std::vector<std::byte> bytes;
 };
 
 /// Blocks of 1 KiB from block 1 on, in two groups of 32.
@@ -111,6 +114,69 @@ TestVolume xfsVolume() {
     return volume;
 }
 
+/// Offsets within the NTFS volume below.
+constexpr std::size_t tableRecord = 2048;
+constexpr std::size_t bitmapRecord = 22528;
+constexpr std::size_t bitmap = 30720;
+constexpr std::size_t secondBitmap = 31744;
+constexpr std::size_t dataAttribute = 80;
+constexpr std::size_t runList = dataAttribute + 64;
+
+/// A record of 1 KiB: an attribute within it, then the data in two runs, each with a count and a way of one
+/// byte.
+void addRecord(TestVolume& volume, std::size_t at, std::uint64_t dataSize,
+               std::array<std::uint64_t, 4> runs) {
+    const std::vector<std::array<std::uint64_t, 3>> fields = {
+        {0, 4, 0x454C4946},
+        {4, 2, 48},
+        {6, 2, 3},
+        {20, 2, 56},
+        {22, 2, 1},
+        {48, 2, 0x1234}, // what protects the ends of both sectors, and what they hold
+        {50, 4, 0},
+        {510, 2, 0x1234},
+        {1022, 2, 0x1234},
+        {56, 4, 0x10},
+        {60, 4, 24},
+        {dataAttribute, 4, 0x80},
+        {dataAttribute + 4, 4, 80},
+        {dataAttribute + 8, 1, 1},
+        {dataAttribute + 32, 2, 64},
+        {dataAttribute + 40, 8, 1024},
+        {dataAttribute + 48, 8, dataSize},
+        {dataAttribute + 56, 8, dataSize},
+        {runList, 1, 0x11},
+        {runList + 1, 1, runs[0]},
+        {runList + 2, 1, runs[1]},
+        {runList + 3, 1, 0x11},
+        {runList + 4, 1, runs[2]},
+        {runList + 5, 1, runs[3]},
+        {dataAttribute + 80, 4, 0xFFFFFFFF}};
+    for (const auto& [offset, width, number] : fields) {
+        volume.little(at + offset, width, number);
+    }
+}
+
+/// 4200 clusters of 512 bytes, and some sectors behind them that are none. The table of files lies from
+/// cluster 4 and from cluster 40 on, the bitmap in the clusters 60 and 62.
+TestVolume ntfsVolume() {
+    TestVolume volume(4210 * 512);
+    const std::vector<std::array<std::uint64_t, 3>> fields = {
+        {3, 8, 0x202020205346544E}, {11, 2, 512}, {13, 1, 1}, {40, 8, 4200}, {48, 8, 4}, {64, 1, 0xF6}};
+    for (const auto& [offset, width, number] : fields) {
+        volume.little(offset, width, number);
+    }
+    addRecord(volume, tableRecord, 8192, {8, 4, 8, 36});
+    addRecord(volume, bitmapRecord, 528, {1, 60, 1, 2});
+    for (std::size_t byte = 0; byte < 512; byte += 8) {
+        volume.little(bitmap + byte, 8, ~std::uint64_t{0});
+    }
+    volume.little(bitmap, 1, 0xF5);
+    volume.little(secondBitmap, 8, 0xFFFFFFFFFFFFFFFE);
+    volume.little(secondBitmap + 8, 8, 0xFFFFFF7FFFFFFFFF); // bit 39 of these is cluster 4199
+    return volume;
+}
+
 Used except(std::size_t blocks, const std::vector<std::size_t>& free) {
     Used used(blocks, true);
     for (const std::size_t block : free) {
@@ -156,6 +222,92 @@ TEST(SpaceMap, FollowsTheTreesAndListsOfXfs) {
     ASSERT_TRUE(map);
     EXPECT_EQ(map->blockSize, 4096U);
     EXPECT_EQ(map->used, except(15, {4, 5, 6, 7, 13, 14}));
+}
+
+TEST(SpaceMap, FollowsTheRunsOfNtfs) {
+    const auto map = ntfsVolume().read();
+    ASSERT_TRUE(map);
+    EXPECT_EQ(map->blockSize, 512U);
+    EXPECT_EQ(map->used, except(4200, {1, 3, 4096, 4199}));
+}
+
+// Sizes of clusters and of records are powers of two where they are negative.
+TEST(SpaceMap, UnderstandsTheSizesOfNtfs) {
+    for (const std::uint64_t inClusters : {0xF6, 2}) {
+        TestVolume volume = ntfsVolume();
+        volume.little(64, 1, inClusters);
+        EXPECT_TRUE(volume.read()) << inClusters;
+    }
+    for (const std::uint64_t unknown : {0, 1, 3, 0x80, 0xEA, 0xEE, 0xFA}) {
+        TestVolume volume = ntfsVolume();
+        volume.little(64, 1, unknown);
+        EXPECT_FALSE(volume.read()) << unknown;
+    }
+}
+
+// Each of them would take a block for free that isn't, or read what isn't there.
+TEST(SpaceMap, IsNoneForNtfsInDoubt) {
+    const std::vector<std::array<std::uint64_t, 3>> doubts = {
+        {11, 2, 0},
+        {11, 2, 768},
+        {13, 1, 0},
+        {13, 1, 3},
+        {13, 1, 0xFF},
+        {40, 8, 4211},
+        {40, 8, ~std::uint64_t{0}},
+        {48, 8, 4200},
+        {48, 8, 5},
+        {tableRecord + 48, 2, 0x4321},
+        {tableRecord + 510, 2, 0},
+        {tableRecord + 6, 2, 2},
+        {tableRecord + 22, 2, 0},
+        {tableRecord + 32, 8, 5},
+        {tableRecord + runList + 1, 1, 0},
+        {tableRecord + runList + 5, 1, 35},
+        {bitmapRecord, 4, 0},
+        {bitmapRecord + 4, 2, 0xFFFF},
+        {bitmapRecord + 20, 2, 0xFFFF},
+        {bitmapRecord + 60, 4, 0},
+        {bitmapRecord + 60, 4, 0xFFFFFFF0},
+        {bitmapRecord + dataAttribute, 4, 0x90},
+        {bitmapRecord + dataAttribute + 4, 4, 63},
+        {bitmapRecord + dataAttribute + 8, 1, 0},
+        {bitmapRecord + dataAttribute + 9, 1, 1},
+        {bitmapRecord + dataAttribute + 12, 2, 0x8000},
+        {bitmapRecord + dataAttribute + 16, 8, 1},
+        {bitmapRecord + dataAttribute + 32, 2, 80},
+        {bitmapRecord + dataAttribute + 48, 8, 524},
+        {bitmapRecord + dataAttribute + 56, 8, 520},
+        {bitmapRecord + runList, 1, 0x01}, // a hole
+        {bitmapRecord + runList, 1, 0x18},
+        {bitmapRecord + runList, 1, 0x81},
+        {bitmapRecord + runList, 1, 0xF1},
+        {bitmapRecord + runList + 2, 1, 0xFF}, // before the first cluster
+        {bitmapRecord + runList + 3, 1, 0},    // the second cluster is missing
+    };
+    for (const auto& [offset, width, number] : doubts) {
+        TestVolume volume = ntfsVolume();
+        volume.little(offset, width, number);
+        EXPECT_FALSE(volume.read()) << offset << " " << number;
+    }
+}
+
+TEST(SpaceMap, StandsAnyFlippedByteAndAnyEndOfNtfs) {
+    const Used whole = ntfsVolume().read()->used;
+    for (const std::size_t begin : {std::size_t{0}, tableRecord, bitmapRecord}) {
+        for (std::size_t offset = begin; offset < begin + 240; ++offset) {
+            TestVolume flipped = ntfsVolume();
+            flipped.flip(offset);
+            const auto map = flipped.read();
+            EXPECT_TRUE(!map || map->used.size() * map->blockSize <= 4210 * 512) << offset;
+        }
+    }
+    for (std::size_t size = 0; size < 33000; size += 511) {
+        TestVolume shorter = ntfsVolume();
+        shorter.truncate(size);
+        const auto map = shorter.read();
+        EXPECT_TRUE(!map || map->used == whole) << size;
+    }
 }
 
 TEST(SpaceMap, IsNoneForWhatItDoesNotKnow) {

@@ -21,7 +21,8 @@ Table fullTable() {
         {255, Mode::snapshot, "/dev/sda1", "/.tolvu", snapshot, 4096, 300, {{0, 4096}, {12288, 8192}}},
         {0, Mode::tracking, "/dev/disk/by-uuid/x", "/.tolvu1", otherSnapshot, 1, 0, {}}};
     table.asleep = {{0, Mode::tracking, "/dev/sdb1", "/.tolvu", snapshot, 4096, 0, {{4096, 1}}}};
-    table.unfinished = {{snapshot, "/mnt/a b/.tolvu", "/mnt/a b"}, {otherSnapshot, "/.tolvu", {}}};
+    table.unfinished = {{snapshot, "/mnt/a b/.tolvu", "/mnt/a b", {}},
+                        {otherSnapshot, "/.tolvu", {}, ProcessName{4711, ~std::uint64_t{0}}}};
     return table;
 }
 
@@ -78,6 +79,9 @@ TEST(Table, StandsFlippedBits) {
 TEST(Table, RefusesWhatItNeverWrites) {
     const std::vector<std::pair<std::string, std::string>> changes = {
         {"\"format\": 2", "\"format\": 1"},
+        {"\"server\": 4711", "\"server\": -1"},
+        {"\"server\": 4711", "\"server\": 2147483648"},
+        {"\"server_started\"", "\"server_begun\""},
         {"\"format\": 2", "\"format\": \"2\""},
         {"\"minor\": 255", "\"minor\": 256"},
         {"\"minor\": 255", "\"minor\": -1"},

@@ -36,6 +36,19 @@ TEST(MountPoints, StandBrokenLines) {
               (Paths{"/a\\04", "/b\\"}));
 }
 
+TEST(Mounts, TellWhetherTheFileSystemIsAProcess) {
+    const std::string mounts = "22 1 8:1 / /a rw,relatime - fuseblk /dev/sda1 rw\n"
+                               "23 1 8:2 / /b rw shared:1 master:2 - fuseblk.kind /dev/sdb1 rw\n"
+                               "24 1 8:3 / /c rw shared:1 - ext4 fuseblk rw\n"
+                               "25 1 8:4 / /fuseblk rw fuseblk\n"
+                               "26 1 8:5 / /e rw - fuseblkx /dev/sde1 rw\n";
+    EXPECT_TRUE(isServedIn(mounts, makedev(8, 1)));
+    EXPECT_TRUE(isServedIn(mounts, makedev(8, 2)));
+    for (const unsigned minor : {3, 4, 5, 6}) {
+        EXPECT_FALSE(isServedIn(mounts, makedev(8, minor))) << minor;
+    }
+}
+
 TEST(Volume, IsABlockDevice) {
     EXPECT_EQ(test::errorOf([] { findVolume("/dev/null"); }), ENOTBLK);
     EXPECT_EQ(test::errorOf([] { findVolume("/etc"); }), ENOTBLK);

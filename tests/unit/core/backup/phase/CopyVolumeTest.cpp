@@ -11,12 +11,14 @@
 #include "support/FakeTransport.h"
 #include "support/HolePunchOption.h"
 #include "support/Messages.h"
+#include "support/NtfsImage.h"
 #include "support/TestDatabase.h"
 #include "unit/info/CowImage.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <stdexcept>
 
 namespace agent::core::backup::phase {
@@ -379,6 +381,26 @@ TEST_F(CopyVolumeTest, HolesOfAnIncrementalBackupAreAllUnusedBlocks) {
     recordChanges({12});
     run(INCREMENTAL);
     EXPECT_EQ(source.equalBlocks(target->image), source.used);
+}
+
+/// The bitmap of NTFS is read in whole clusters, so it goes on behind the volume.
+TEST_F(CopyVolumeTest, HolesOfAVolumeLeaveItsNeighbourInTheImageAlone) {
+    test::NtfsImage ntfs({.clusterCount = 4000});
+    const std::size_t size = ntfs.volume.size;
+    source.image.assign(size, 0);
+    ntfs.volume.seek(0, SEEK_SET);
+    ntfs.volume.read(source.image.data(), size);
+    test::writeFile(source.snapshotPath, {reinterpret_cast<const char*>(source.image.data()), size});
+    source.description.size = size;
+    source.description.blockCount = size / ntfs.clusterBytes;
+    target->image.assign(2 * size, poison);
+    config.enabled = true;
+    run();
+    const auto neighbour = target->image.begin() + static_cast<std::ptrdiff_t>(size);
+    EXPECT_TRUE(
+        std::all_of(neighbour, target->image.end(), [](std::uint8_t byte) { return byte == poison; }));
+    EXPECT_TRUE(std::equal(source.image.begin(), source.image.end(), target->image.begin()));
+    EXPECT_GT(target->holes.size(), 0U);
 }
 
 TEST_F(CopyVolumeTest, BootSectorIsChangedAfterTheBlocksAreCopied) {

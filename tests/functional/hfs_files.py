@@ -1,0 +1,14 @@
+"""The files of HFS+ volumes, which nothing here mounts: a program reads them."""
+import re
+import subprocess
+
+from lab.commands import SECONDS, run
+
+FILE = re.compile(r"^r/r (\d+):\t(d\d/f\d+)$", re.MULTILINE)
+
+
+def files_of(image):
+    """What is in the files of a volume, by their paths."""
+    return {path: subprocess.run(["icat", "-f", "hfs", image, number], check=True, capture_output=True,
+                                 timeout=SECONDS).stdout
+            for number, path in FILE.findall(run("fls", "-r", "-p", "-f", "hfs", image))}
