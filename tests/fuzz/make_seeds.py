@@ -2,7 +2,7 @@
 """usage: lab/namespace tests/fuzz/make_seeds.py DIRECTORY
 
 Makes the seeds of the parsers' corpora from real file systems: what a parser reads of them, as SparseVolume.h
-encodes it, in a folder of DIRECTORY for each parser."""
+encodes it, in a folder of DIRECTORY for each parser; and those of the search for a file."""
 import pathlib
 import struct
 import sys
@@ -11,10 +11,16 @@ import tempfile
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2]))
 
 from lab.filesystems import KINDS  # noqa: E402
+from lab.ntfs_volume import ATTRIBUTE_LIST, MFT, NtfsVolume  # noqa: E402
 from lab.volume_images import age, make_image, mounted, riddle  # noqa: E402
 
 UNIT = 64
 HOLE = 1024
+SECTOR = 512
+ROOT = 5 # record of the root directory
+INDEX_ALLOCATION = 0xA0
+# Clusters, and how many files are beside the one that is looked for.
+FILES = {"lone": (4096, 0), "blocks": (4096, 40), "small_clusters": (512, 60), "large_clusters": (65536, 60)}
 
 
 def encode(image, regions, sector_exponent=0, buffer_units=255):
@@ -44,12 +50,42 @@ def make_seed(kind, seed, work):
     return encode(image, kind.regions(image), seed.sector_exponent)
 
 
+def directory_regions(image, numbers):
+    """What is read of these records when a file is looked for: they and the blocks of their indexes."""
+    with open(image, "rb") as file:
+        volume = NtfsVolume(file)
+        yield 0, SECTOR
+        for number in (MFT, *numbers):
+            yield from volume.places_of(number)
+            record = volume.record(number)
+            assert not record.attribute(ATTRIBUTE_LIST), "its other records would be missing"
+            blocks = record.attribute(INDEX_ALLOCATION)
+            for first, count in blocks.runs if blocks else ():
+                yield first * volume.cluster_size, count * volume.cluster_size
+
+
+def make_file_seed(cluster, files, work):
+    """The file `a\\b` among others of its directory."""
+    image = make_image(work / "image", 20, "ntfs", "--cluster-size", str(cluster))
+    with mounted(image, "ntfs", work / "mnt") as (_, root):
+        directory = root / "a"
+        directory.mkdir()
+        for number in range(files):
+            (directory / f"{number % 7}_{number}").touch()
+        (directory / "b").write_bytes(bytes(5 * cluster))
+        numbers = [ROOT, directory.stat().st_ino, (directory / "b").stat().st_ino]
+    return encode(image, directory_regions(image, numbers))
+
+
 def main(target):
     with tempfile.TemporaryDirectory() as work:
         for kind in KINDS:
             (target / kind.name).mkdir(parents=True, exist_ok=True)
             for seed in kind.seeds:
                 (target / kind.name / seed.name).write_bytes(make_seed(kind, seed, pathlib.Path(work)))
+        (target / "ntfs_file").mkdir(parents=True, exist_ok=True)
+        for name, (cluster, files) in FILES.items():
+            (target / "ntfs_file" / name).write_bytes(make_file_seed(cluster, files, pathlib.Path(work)))
 
 
 if __name__ == "__main__":

@@ -193,27 +193,10 @@ public:
         return list;
     }
 
-    Geometry geometry;
-    std::uint32_t clusterBytes;
-    MemoryVolume volume;
-    Runs table;
-    Runs bitmap;
-
-private:
     static void put(Content& bytes, std::size_t offset, std::uint64_t value, unsigned width) {
         for (unsigned i = 0; i < width; ++i) {
             bytes[offset + i] = static_cast<std::uint8_t>(value >> (8 * i));
         }
-    }
-
-    /// In as few bytes as hold it with its sign.
-    static Content number(std::int64_t value) {
-        Content bytes;
-        do {
-            bytes.push_back(static_cast<std::uint8_t>(value));
-            value >>= 8;
-        } while (value != ((bytes.back() & 0x80) != 0 ? -1 : 0));
-        return bytes;
     }
 
     /// Puts the number of the update into the end of each sector.
@@ -226,6 +209,23 @@ private:
             record[sequence + 2 * sector + 1] = record[last + 1];
             put(record, last, update, 2);
         }
+    }
+
+    Geometry geometry;
+    std::uint32_t clusterBytes;
+    MemoryVolume volume;
+    Runs table;
+    Runs bitmap;
+
+private:
+    /// In as few bytes as hold it with its sign.
+    static Content number(std::int64_t value) {
+        Content bytes;
+        do {
+            bytes.push_back(static_cast<std::uint8_t>(value));
+            value >>= 8;
+        } while (value != ((bytes.back() & 0x80) != 0 ? -1 : 0));
+        return bytes;
     }
 
     [[nodiscard]] std::uint64_t placeIn(const Runs& runs, std::uint64_t offset) const {

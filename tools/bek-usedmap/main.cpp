@@ -1,3 +1,5 @@
+#include "FileRanges.h"
+#include "FileReport.h"
 #include "Report.h"
 #include "SectorSize.h"
 #include "UsedRanges.h"
@@ -10,6 +12,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <iostream>
+#include <optional>
 #include <stdexcept>
 #include <string>
 
@@ -18,11 +21,20 @@ namespace {
 
 constexpr std::size_t mebibyte = 1024UL * 1024;
 
-std::string description() {
+using agent::core::fs::FileSystemKind;
+
+/// Of all kinds, or of those that have what is asked for.
+std::string volumesWith(bool (*isMeant)(const FileSystemKind&)) {
     std::string volumes;
-    for (const agent::core::fs::FileSystemKind& kind : agent::core::fs::fileSystemKinds()) {
-        volumes += (volumes.empty() ? "" : ", ") + std::string(kind.volumes);
+    for (const FileSystemKind& kind : agent::core::fs::fileSystemKinds()) {
+        if (isMeant(kind)) {
+            volumes += (volumes.empty() ? "" : ", ") + std::string(kind.volumes);
+        }
     }
+    return volumes;
+}
+
+std::string description() {
     return R"(bek-usedmap - print which blocks of a volume are used
 
 Reads the allocation structures of DEVICE, a block device or an image in a file, exactly as a backup does, and
@@ -31,16 +43,26 @@ device is only read, past the page cache. The map is that of the disk: unmount t
 (fsfreeze) first, or look at a snapshot. Where a backup would copy every block,
 bek-usedmap says why and fails.
 
+With --file it prints where the content of one file lies instead, in the order of the file and without its
+holes: the file is in an image if these blocks are. Its path begins at the root of the volume; on NTFS "\" is
+between its parts, and upper and lower case are one. A file that is so small that it has no blocks fails, as
+does one in so many pieces that not all can be told.
+
 File systems: )" +
-           volumes + R"(.
+           volumesWith([](const FileSystemKind& /*kind*/) { return true; }) + R"(.
+With --file: )" +
+           volumesWith([](const FileSystemKind& kind) { return kind.findFile != nullptr; }) + R"(.
 
-Exit status: 0; 1 if the volume can't be read or is of an unknown kind; 2 if the command is wrong.
+Exit status: 0; 1 if the volume can't be read, is of an unknown kind, or has no such file; 2 if the command is
+wrong.
 
-Example: bek-usedmap --summary /dev/sda1)";
+Examples: bek-usedmap --summary /dev/sda1
+          bek-usedmap --file '\Users\ada\mail.pst' /dev/sdb2)";
 }
 
 struct Options {
     std::string device;
+    std::optional<std::string> file; ///< the map of the volume without it
     bool kinds = false;
     bool json = false;
     bool summary = false;
@@ -54,11 +76,16 @@ void declare(CLI::App& app, Options& options) {
     auto* const kinds =
         app.add_flag("--kinds", options.kinds, "print the kinds that are known instead: name, tab, volumes");
     app.add_option("DEVICE", options.device, "block device or image")->excludes(kinds);
+    auto* const file = app.add_option("--file", options.file, "print the blocks of this file")
+                           ->type_name("PATH")
+                           ->excludes(kinds);
     app.add_flag("--json", options.json, "print one JSON object instead of lines");
-    app.add_flag("--summary", options.summary, "print bytes used, ranges and seconds instead of the ranges");
+    app.add_flag("--summary", options.summary, "print bytes used, ranges and seconds instead of the ranges")
+        ->excludes(file);
     app.add_flag("--verbose", options.verbose, "show on standard error what is read");
     app.add_option("--buffer", options.bufferMebibytes, "read the map in pieces of this many MiB")
         ->check(CLI::Range(1, 1024))
+        ->excludes(file)
         ->capture_default_str();
     app.add_option("--sector-size", options.sectorSize,
                    "the device's sector size in bytes, if not its own word")
@@ -76,19 +103,35 @@ agent::info::Logger standardError(bool verbose) {
         [threshold](int level) { return level <= threshold; });
 }
 
-Report examine(const Options& options, agent::info::Logger& logger) {
-    agent::core::backup::VolumeReader device(logger, options.device);
-    if (!device.open()) {
-        throw std::runtime_error("the device can't be opened");
+/// Opened, with what reads of it have to be aligned to.
+struct Device {
+    Device(const Options& options, agent::info::Logger& logger) : reader(logger, options.device) {
+        if (!reader.open()) {
+            throw std::runtime_error("the device can't be opened");
+        }
+        sectorSize = options.sectorSize != 0 ? options.sectorSize : sectorSizeOf(reader);
     }
-    const std::uint32_t sectorSize = options.sectorSize != 0 ? options.sectorSize : sectorSizeOf(device);
+
+    agent::core::backup::VolumeReader reader;
+    std::uint32_t sectorSize = 0;
+};
+
+Report examine(const Options& options, agent::info::Logger& logger) {
+    Device device(options, logger);
     Report report;
     report.device = options.device;
-    report.deviceBytes = device.getSize();
+    report.deviceBytes = device.reader.getSize();
     const auto begin = std::chrono::steady_clock::now();
-    report.used = findUsedRanges(logger, device, sectorSize, options.bufferMebibytes * mebibyte);
+    report.used =
+        findUsedRanges(logger, device.reader, device.sectorSize, options.bufferMebibytes * mebibyte);
     report.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
     return report;
+}
+
+FileReport examineFile(const Options& options, agent::info::Logger& logger) {
+    Device device(options, logger);
+    return {options.device, *options.file,
+            findFileRanges(logger, device.reader, device.sectorSize, *options.file)};
 }
 
 void flushOutput() {
@@ -108,8 +151,17 @@ void print(const Options& options, const Report& report) {
     flushOutput();
 }
 
+void print(const Options& options, const FileReport& report) {
+    if (options.json) {
+        printJson(std::cout, report);
+    } else {
+        printRanges(std::cout, report);
+    }
+    flushOutput();
+}
+
 void printKinds() {
-    for (const agent::core::fs::FileSystemKind& kind : agent::core::fs::fileSystemKinds()) {
+    for (const FileSystemKind& kind : agent::core::fs::fileSystemKinds()) {
         std::cout << kind.name << '\t' << kind.volumes << '\n';
     }
     flushOutput();
@@ -118,7 +170,11 @@ void printKinds() {
 int run(const Options& options) {
     agent::info::Logger logger = standardError(options.verbose);
     try {
-        print(options, examine(options, logger));
+        if (!options.file) {
+            print(options, examine(options, logger));
+        } else {
+            print(options, examineFile(options, logger));
+        }
         return EXIT_SUCCESS;
     } catch (const std::exception& error) {
         std::cerr << "bek-usedmap: " << options.device << ": " << error.what() << '\n';

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "core/fs/FileBlocks.h"
 #include "core/fs/IFileSystemParser.h"
 #include "core/fs/IVolumeReader.h"
 #include "info/log/Logger.h"
@@ -17,13 +18,19 @@ struct FileSystemKind {
 
     using FindNearMiss = std::string (*)(info::Logger&, IVolumeReader&, std::uint32_t sectorSize);
 
-    const char* name;         ///< that of its folder
-    const char* volumes;      ///< which volumes are meant, for people
-    const char* announcement; ///< the debug line once a volume is recognised
-    MakeParser makeParser;    ///< a parser that has read nothing yet; the reader must outlive it
+    using FindFile = FileBlocks (*)(info::Logger&, IVolumeReader&, std::uint32_t sectorSize,
+                                    const std::string& path);
+
+    const char* name = nullptr;         ///< that of its folder
+    const char* volumes = nullptr;      ///< which volumes are meant, for people
+    const char* announcement = nullptr; ///< the debug line once a volume is recognised
+    MakeParser makeParser = nullptr;    ///< a parser that has read nothing yet; the reader must outlive it
     /// Why a volume isn't recognised though it may seem to be one of these, for people; empty where it
     /// doesn't seem so. Null where no volume does.
     FindNearMiss findNearMiss = nullptr;
+    /// Where a file lies on a volume of this kind, by its path as the kind writes one. Throws
+    /// std::runtime_error if that can't be told. Null where files can't be looked for.
+    FindFile findFile = nullptr;
 };
 
 template <typename Parser>

@@ -37,15 +37,33 @@ std::size_t NTFSAttribute::runListOffset() const {
 
 const char* NTFSAttribute::objection() const {
     requireNonResidentHeader();
-    if (bytes[layout::nameLength] != 0) {
+    if (nameLength() != 0) {
         return "NTFS: The data that was found has a name, so it isn't the content of its file.";
     }
-    if (littleEndian<std::uint16_t>(bytes, layout::flags) != 0) {
-        return "NTFS: The data is compressed, encrypted or sparse.";
+    return lowestVcn() != 0 ? "NTFS: The data that was found isn't the begin of its file." : nullptr;
+}
+
+std::uint8_t NTFSAttribute::nameLength() const {
+    return bytes[layout::nameLength];
+}
+
+std::uint64_t NTFSAttribute::lowestVcn() const {
+    if (isResident()) {
+        return 0;
     }
-    return littleEndian<std::uint64_t>(bytes, layout::lowestVcn) != 0
-               ? "NTFS: The data that was found isn't the begin of its file."
+    requireNonResidentHeader();
+    return littleEndian<std::uint64_t>(bytes, layout::lowestVcn);
+}
+
+const char* NTFSAttribute::packing() const {
+    return littleEndian<std::uint16_t>(bytes, layout::flags) != 0
+               ? "NTFS: The data is compressed, encrypted or sparse."
                : nullptr;
+}
+
+std::uint64_t NTFSAttribute::allocatedBytes() const {
+    requireNonResidentHeader();
+    return littleEndian<std::uint64_t>(bytes, layout::allocatedSize);
 }
 
 std::uint64_t NTFSAttribute::writtenBytes() const {

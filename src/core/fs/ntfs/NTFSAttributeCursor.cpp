@@ -34,6 +34,11 @@ bool NTFSAttributeCursor::findAttribute(std::uint32_t wanted) {
     return false;
 }
 
+bool NTFSAttributeCursor::findNext(std::uint32_t wanted) {
+    position += length();
+    return findAttribute(wanted);
+}
+
 NTFSAttribute NTFSAttributeCursor::attribute() const {
     return NTFSAttribute(record.subspan(position, length()));
 }

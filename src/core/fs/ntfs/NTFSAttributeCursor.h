@@ -21,6 +21,8 @@ public:
     /// Goes on to an attribute of this type, unless it is at one. False if there is none, and if the type
     /// is 0.
     bool findAttribute(std::uint32_t wanted);
+    /// The same from the one that was found on, without that.
+    bool findNext(std::uint32_t wanted);
     /// The one that was found.
     [[nodiscard]] NTFSAttribute attribute() const;
 

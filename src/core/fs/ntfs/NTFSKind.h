@@ -1,6 +1,7 @@
 #pragma once
 
 #include "core/fs/FileSystemKind.h"
+#include "core/fs/ntfs/NTFSFileBlocks.h"
 #include "core/fs/ntfs/NTFSParser.h"
 
 namespace agent::core::fs {
@@ -10,6 +11,7 @@ inline constexpr FileSystemKind ntfsKind{
     .volumes = "NTFS",
     .announcement = "Creating NTFS Parser.",
     .makeParser = &makeParser<NTFSParser>,
+    .findFile = &findNTFSFile,
 };
 
 } // namespace agent::core::fs

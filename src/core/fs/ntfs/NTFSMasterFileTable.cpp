@@ -4,6 +4,7 @@
 #include "core/fs/ntfs/NTFSError.h"
 #include "core/fs/ntfs/NTFSLayout.h"
 
+#include <algorithm>
 #include <bit>
 #include <utility>
 
@@ -61,8 +62,7 @@ std::int64_t NTFSMasterFileTable::readInode(std::uint64_t inode, NTFSRecord& buf
     const std::uint64_t recordSize = boot.mftRecordSize();
     const unsigned clusterShift = shiftOf(boot.clusterBytes());
     const std::uint64_t byteOffset = inode << shiftOf(recordSize); // of 48 bits and of 16
-    const NTFSDataRuns table = dataOf(mftRecord0).value_or(NTFSDataRuns{});
-    const auto [run, firstVcn] = placeOf(byteOffset >> clusterShift, table.runs);
+    const auto [run, firstVcn] = placeOf(byteOffset >> clusterShift, tableRuns().runs);
     const std::uint64_t offsetInRun = byteOffset - (firstVcn << clusterShift);
     const std::uint64_t runBytes = static_cast<std::uint64_t>(run.length) << clusterShift;
     if (offsetInRun >= runBytes) {
@@ -72,6 +72,13 @@ std::int64_t NTFSMasterFileTable::readInode(std::uint64_t inode, NTFSRecord& buf
     // The device has sectors as the volume has them, or nobody knows which.
     const std::uint64_t diskOffset = (static_cast<std::uint64_t>(run.lcn) << clusterShift) + offsetInRun;
     return records.readMftRecord(inode, diskOffset, buffer);
+}
+
+/// None if its record tells of none.
+NTFSDataRuns NTFSMasterFileTable::tableRuns() {
+    NTFSDataRuns table = dataOf(mftRecord0).value_or(NTFSDataRuns{});
+    require(table.packing == nullptr, table.packing);
+    return table;
 }
 
 /// Of no clusters where no run has it.
@@ -90,8 +97,13 @@ NTFSMasterFileTable::Place NTFSMasterFileTable::placeOf(std::uint64_t vcn, const
 /// Of the data in a record; nothing if it has none.
 std::optional<NTFSDataRuns> NTFSMasterFileTable::dataOf(const NTFSRecord& record) {
     NTFSAttributeCursor cursor(logger, record);
-    return cursor.findAttribute(attribute::typeData) ? std::optional(judgedRunsOf(cursor.attribute()))
-                                                     : std::nullopt;
+    if (!cursor.findAttribute(attribute::typeData)) {
+        return std::nullopt;
+    }
+    const NTFSAttribute data = cursor.attribute();
+    NTFSRunList list = runsOf(data);
+    require(data.objection() == nullptr, data.objection());
+    return judgedRuns(data, std::move(list));
 }
 
 /// Ends, as each entry has a length.
@@ -154,20 +166,29 @@ std::optional<NTFSDataRuns> NTFSMasterFileTable::dataOfPart(std::uint64_t record
 }
 
 /// The first cluster is the boot sector's, and no other file's.
-NTFSDataRuns NTFSMasterFileTable::judgedRunsOf(const NTFSAttribute& attribute) const {
-    NTFSRunList list = runsOf(attribute);
-    for (const char* reason : {attribute.objection(), list.objection}) {
-        require(reason == nullptr, reason);
-    }
+NTFSDataRuns NTFSMasterFileTable::judgedRuns(const NTFSAttribute& attribute, NTFSRunList list) const {
+    require(list.objection == nullptr, list.objection);
     const auto clusters = static_cast<std::int64_t>(boot.clusterCount());
+    const std::uint64_t allocated = attribute.allocatedBytes() / boot.clusterBytes();
+    NTFSDataRuns found;
+    found.writtenBytes = attribute.writtenBytes();
+    found.packing = attribute.packing();
+    std::uint64_t covered = 0;
     std::int64_t total = 0;
     for (const NTFSRun& run : list.runs) {
+        covered = std::min(covered + static_cast<std::uint64_t>(run.length), allocated);
+        if (run.isHole) {
+            found.packing = "NTFS: A run of clusters has no place on the volume.";
+            continue;
+        }
         require(run.lcn > 0 && run.lcn < clusters && run.length <= clusters - run.lcn &&
                     run.length <= clusters - total,
                 "NTFS: A run of clusters is outside of the volume.");
         total += run.length;
     }
-    return {std::move(list.runs), attribute.writtenBytes()};
+    found.isWhole = covered == allocated;
+    found.runs = std::move(list.runs);
+    return found;
 }
 
 } // namespace agent::core::fs

@@ -8,16 +8,20 @@
 #include "core/fs/ntfs/NTFSRunList.h"
 #include "info/log/Logger.h"
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <vector>
 
 namespace agent::core::fs {
 
-/// Where the content of a file is. All runs are on the volume, and together no more than it has clusters.
+/// Where the content of a file is. All runs but holes are on the volume, and together no more than it has
+/// clusters.
 struct NTFSDataRuns {
     std::vector<NTFSRun> runs;
     std::uint64_t writtenBytes = 0; ///< of the file, as far as they are its content
+    bool isWhole = true;            ///< false where the file goes on in runs that another record has
+    const char* packing = nullptr;  ///< why the clusters don't hold the content as it is; null if they do
 };
 
 /// Finds the content of files by the master file table.
@@ -35,20 +39,25 @@ public:
     /// Where the content of a file is, whose number has 48 bits; or of the first part of it, as what further
     /// records have is left out.
     NTFSDataRuns getDataRuns(std::uint64_t inode);
+    /// Of a record, in bytes.
+    [[nodiscard]] std::size_t recordSize() const { return mftRecord0.bytes.size(); }
+    /// Fills a record of that size. Returns 0, or a number of ntfs_error.
+    std::int64_t readInode(std::uint64_t inode, NTFSRecord& buffer);
+    /// The same of a list of this attribute, whatever it is that the attribute has.
+    [[nodiscard]] NTFSDataRuns judgedRuns(const NTFSAttribute& attribute, NTFSRunList list) const;
 
 private:
     /// A run of the table's own, and which of the table's clusters is its first.
     struct Place {
         NTFSRun run;
-        std::uint64_t firstVcn;
+        std::uint64_t firstVcn = 0;
     };
 
-    std::int64_t readInode(std::uint64_t inode, NTFSRecord& buffer);
+    NTFSDataRuns tableRuns();
     static Place placeOf(std::uint64_t vcn, const std::vector<NTFSRun>& runs);
     std::optional<NTFSDataRuns> dataOf(const NTFSRecord& record);
     NTFSDataRuns searchAttributeList(std::uint64_t inode, const NTFSAttribute& list);
     std::optional<NTFSDataRuns> dataOfPart(std::uint64_t record, std::uint64_t inode);
-    [[nodiscard]] NTFSDataRuns judgedRunsOf(const NTFSAttribute& attribute) const;
 
     info::Logger& logger;
     NTFSBootSector boot;

@@ -3,12 +3,14 @@
 #include "core/fs/Bits.h"
 #include "core/fs/FSUtil.h"
 #include "core/fs/ntfs/NTFSError.h"
+#include "core/fs/ntfs/NTFSFileFinder.h"
 #include "core/fs/ntfs/NTFSLayout.h"
 
 #include <algorithm>
 #include <array>
 #include <cstring>
 #include <numeric>
+#include <stdexcept>
 #include <string>
 
 namespace agent::core::fs {
@@ -68,6 +70,17 @@ std::int64_t NTFSParserImpl::getBitmapChunk(std::uint64_t startBlock, std::uint8
     }
 }
 
+NTFSDataRuns NTFSParserImpl::findFileRuns(const std::string& path) {
+    if (!files) {
+        throw std::runtime_error(boot.objection(sectorSize));
+    }
+    try {
+        return NTFSFileFinder({logger, reader, sectorSize, boot.clusterBytes(), *files}).findRuns(path);
+    } catch (const NTFSObjection& objection) {
+        throw std::runtime_error(objection.reason);
+    }
+}
+
 /// Nothing if the bitmap has to be asked.
 std::optional<std::int64_t> NTFSParserImpl::resultWithoutBitmap(std::uint64_t startBlock) {
     info::LogEntry line(logger, info::level::debug);
@@ -97,6 +110,9 @@ std::int64_t NTFSParserImpl::readBitmap(const UsedMap& used) {
         throw NTFSObjection{boot.objection(sectorSize)};
     }
     const NTFSDataRuns bitmap = files->getDataRuns(ntfs_layout::bitmapRecord);
+    if (bitmap.packing != nullptr) {
+        throw NTFSObjection{bitmap.packing};
+    }
     const std::uint64_t clusterCount = boot.clusterCount();
     const std::uint64_t bitmapBits = clustersOf(bitmap.runs) * boot.clusterBytes() * byteBits;
     if (bitmapBits < clusterCount) {

@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <optional>
+#include <string>
 #include <vector>
 
 namespace agent::core::fs {
@@ -22,6 +23,10 @@ public:
     std::int64_t getBitmapChunk(std::uint64_t startBlock, std::uint8_t* buffer,
                                 std::size_t bufferBytes) override;
     [[nodiscard]] std::uint32_t getBlockSize() const override;
+    /// Where the content of a file is, by its path from the root on, in UTF-8 and with "\" between its
+    /// parts. For a volume that was recognised. Throws std::runtime_error if the file can't be found, or has
+    /// no runs.
+    NTFSDataRuns findFileRuns(const std::string& path);
 
 private:
     /// The caller's map.

@@ -14,8 +14,8 @@ constexpr std::size_t halfSize = sizeof(std::uint16_t);
 
 } // namespace
 
-bool NTFSRecord::hasMagic() const {
-    return littleEndian<std::uint32_t>(bytes, layout::magic) == layout::magicValue;
+bool NTFSRecord::hasMagic(std::uint32_t magic) const {
+    return littleEndian<std::uint32_t>(bytes, layout::magic) == magic;
 }
 
 bool NTFSRecord::applyFixups() {

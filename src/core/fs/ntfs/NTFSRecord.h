@@ -8,16 +8,16 @@
 
 namespace agent::core::fs {
 
-/// A record of the master file table.
+/// A structure with an update sequence: a record of the master file table, or a block of an index.
 /// Owns:    its bytes; those of one that couldn't be read mean nothing.
 /// Threads: one at a time.
 /// Fails:   nothing fails; a torn record says so.
 class NTFSRecord {
 public:
-    /// Of zeros; at least the head of a record.
+    /// Of zeros; at least the head of one.
     explicit NTFSRecord(std::size_t size) : bytes(size) {}
 
-    [[nodiscard]] bool hasMagic() const;
+    [[nodiscard]] bool hasMagic(std::uint32_t magic) const;
     /// Puts back the ends of its sectors, in whose place there is a number on the disk that tells whether all
     /// of them have been written. False if they haven't, and then the record is marked as torn.
     bool applyFixups();

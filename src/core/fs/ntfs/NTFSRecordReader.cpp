@@ -2,6 +2,7 @@
 
 #include "core/fs/FSUtil.h"
 #include "core/fs/ntfs/NTFSError.h"
+#include "core/fs/ntfs/NTFSLayout.h"
 
 #include <cstddef>
 
@@ -22,7 +23,7 @@ std::int64_t NTFSRecordReader::readMftRecord(std::uint64_t inode, std::uint64_t 
     if (bytesRead < buffer.bytes.size()) {
         return ntfs_error::recordCutShort;
     }
-    if (!buffer.hasMagic()) {
+    if (!buffer.hasMagic(ntfs_layout::file_record::magicValue)) {
         info::LogEntry(logger, info::level::debug) << "MFT record " << inode << " is invalid.";
         return ntfs_error::recordWithoutMagic;
     }

@@ -14,7 +14,6 @@ namespace {
 namespace layout = ntfs_layout::attribute;
 
 constexpr const char* runWithoutLength = "NTFS: A run of clusters has no length.";
-constexpr const char* runWithoutPlace = "NTFS: A run of clusters has no place on the volume.";
 constexpr const char* numberTooLarge = "NTFS: A number in a run list is too large.";
 constexpr const char* runsIntoTheEnd = "NTFS: A run list goes on behind its end.";
 
@@ -88,11 +87,9 @@ const char* append(NTFSRunList& list, const Element& element) {
     if (!length || !lcn) {
         return numberTooLarge;
     }
-    list.runs.push_back({*lcn, *length});
+    list.runs.push_back({*lcn, *length, !element.hasPlace()});
     if (*length <= 0) {
         list.objection = runWithoutLength;
-    } else if (!element.hasPlace()) {
-        list.objection = runWithoutPlace;
     }
     return nullptr;
 }

@@ -10,8 +10,9 @@ namespace agent::core::fs {
 
 /// Clusters of a file that follow each other on the volume.
 struct NTFSRun {
-    std::int64_t lcn; ///< the first one
-    std::int64_t length;
+    std::int64_t lcn = 0; ///< the first one
+    std::int64_t length = 0;
+    bool isHole = false; ///< has no clusters; the first one is that of the run before
     bool operator==(const NTFSRun&) const = default;
 };
 

@@ -16,6 +16,8 @@ namespace {
 
 using test::NtfsImage;
 
+constexpr std::uint32_t fileMagic = 0x454C4946;
+
 class NTFSRecordTest : public testing::Test {
 protected:
     /// Record 20 as it is on the disk, as a record of so many bytes.
@@ -48,7 +50,7 @@ TEST_F(NTFSRecordTest, FixupsPutBackTheEndsOfSectors) {
     image.setRecord(20, {NtfsImage::resident(NtfsImage::fileName, value)});
     NTFSRecord fixed = onDisk();
     EXPECT_TRUE(fixed.applyFixups());
-    EXPECT_TRUE(fixed.hasMagic());
+    EXPECT_TRUE(fixed.hasMagic(fileMagic));
     NTFSAttributeCursor cursor(log.logger, fixed);
     ASSERT_TRUE(cursor.findAttribute(NtfsImage::fileName));
     const Bytes found = cursor.attribute().value();

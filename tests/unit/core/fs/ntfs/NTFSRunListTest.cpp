@@ -110,9 +110,8 @@ TEST_F(NTFSRunListTest, LengthMustBeMoreThanNothing) {
 }
 
 TEST_F(NTFSRunListTest, RunWithoutAPlaceIsAHole) {
-    const std::string reason = "NTFS: A run of clusters has no place on the volume.";
-    expectObjection({0x01, 3, 0x11, 1, 100, 0}, {{0, 3}, {100, 1}}, reason);
-    expectObjection({0x11, 1, 100, 0x01, 3, 0}, {{100, 1}, {100, 3}}, reason);
+    expectRuns({0x01, 3, 0x11, 1, 100, 0}, {{0, 3, true}, {100, 1}});
+    expectRuns({0x11, 1, 100, 0x01, 3, 0x11, 2, 50, 0}, {{100, 1}, {100, 3, true}, {150, 2}});
 }
 
 TEST_F(NTFSRunListTest, NumbersThatAreCutShort) {

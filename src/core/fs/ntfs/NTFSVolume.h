@@ -1,0 +1,20 @@
+#pragma once
+
+#include "core/fs/IVolumeReader.h"
+#include "core/fs/ntfs/NTFSMasterFileTable.h"
+#include "info/log/Logger.h"
+
+#include <cstdint>
+
+namespace agent::core::fs {
+
+/// What it takes to read files of a volume. All of it must outlive whoever has this.
+struct NTFSVolume {
+    info::Logger& logger;
+    IVolumeReader& reader;
+    std::uint32_t sectorSize; ///< of the device
+    std::uint64_t clusterBytes;
+    NTFSMasterFileTable& files;
+};
+
+} // namespace agent::core::fs

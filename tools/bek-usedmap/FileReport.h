@@ -1,0 +1,22 @@
+#pragma once
+
+#include "core/fs/FileBlocks.h"
+
+#include <iosfwd>
+#include <string>
+
+namespace usedmap {
+
+/// What is to be printed of a file.
+struct FileReport {
+    std::string device;
+    std::string path;
+    agent::core::fs::FileBlocks file;
+};
+
+/// One range a line: first block, and number of blocks.
+void printRanges(std::ostream& out, const FileReport& report);
+/// An object in one line.
+void printJson(std::ostream& out, const FileReport& report);
+
+} // namespace usedmap
