@@ -94,8 +94,8 @@ bool StoppedServer::end() noexcept {
     return server.send(SIGCONT) && wasStopped;
 }
 
-/// It is stopped only when it seems to be idle: on a machine with much to do it would never come to the end of
-/// a request between one stop and the next.
+/// It is stopped only when it seems to be idle: on a machine with much to do it would never come to the end
+/// of a request between one stop and the next.
 void StoppedServer::stopWhenIdle() {
     const Clock::time_point end = Clock::now() + milliseconds(patienceMilliseconds);
     while (!isIdle() || !stop(end)) {

@@ -2,8 +2,8 @@
 
     served.py DEVICE MOUNT_POINT [--threads] [COMMAND...]
 
-mounts a file system that is on the device in name only. Reading its file "slow" takes the process long;
-reading "answer" has it run the command and is what that prints.
+mounts a file system that is on the device in name only. Reading its file "slow" takes
+the process as long as SLOW is there, which it makes; reading "answer" has it run the command and is what that prints.
 """
 import errno
 import os
@@ -20,7 +20,7 @@ from lab.mounts import keep_mounts_of
 from lab.services import Service, wait_until
 
 ROOT = pathlib.Path(__file__).parents[2]
-SLOW_SECONDS = 7 # longer than the driver waits for the process to be idle
+SLOW = pathlib.Path("/run/slow")
 SECONDS = 60
 FUSE = os.makedev(10, 229)
 
@@ -163,7 +163,9 @@ def serve(device, mount_point, *options):
 
         def read(self, path, size, offset, fh):
             if path == "/slow":
-                time.sleep(SLOW_SECONDS)
+                SLOW.touch()
+                while SLOW.exists():
+                    time.sleep(0.02)
             if path == "/answer":
                 answer = subprocess.run(command, capture_output=True, check=False, timeout=30).stdout
                 return answer.ljust(1000)[offset:offset + size]

@@ -17,7 +17,7 @@ from lab.daemon import program
 from lab.driver import STORE, forget_devices, nodes, stored_state
 from lab.filesystems import truth_of
 from lab.services import wait_until
-from served import Load, Served, is_stopped, server_of, wait_until_stopped
+from served import SLOW, Load, Served, is_stopped, server_of, wait_until_stopped
 from snapshot_site import check_writable
 from tolvubd_site import (Cow, SNAPSHOT, Volume, call, cow_files, must, started_driver, states, stored,
                           tolvuctl)
@@ -232,11 +232,14 @@ def test_server_that_is_never_idle_is_not_held(volume, serve):
     with open(volume.mount_point / "slow", "rb") as file:
         reader = threading.Thread(target=file.read)
         reader.start()
+        wait_until(SLOW.exists, 20, "a request")
         begin = time.monotonic()
         result = call(*snapshot_of(volume))
-        assert (result.value, result.error) == (-1, errno.ETIMEDOUT)
-        assert 5 <= time.monotonic() - begin < 10
+        lasted = time.monotonic() - begin
+        SLOW.unlink()
         reader.join()
+    assert (result.value, result.error) == (-1, errno.ETIMEDOUT)
+    assert lasted >= 5
     assert not is_stopped(server)
     check_writable(volume.mount_point)
 
