@@ -23,7 +23,8 @@ def mounted(device, mount_point, options, _file_system):
     while it is open; so one that is written anew keeps its length, and what is behind the new content."""
     mount_point = pathlib.Path(mount_point)
     mount_point.mkdir(parents=True, exist_ok=True)
-    options = f"blkdev,big_writes,atomic_o_trunc,fsname={device},{'rw+' if options == 'defaults' else options}"
+    own = f"blkdev,big_writes,atomic_o_trunc,fsname={device}"
+    options = f"{own},{'rw+' if options == 'defaults' else options}"
     command = ("fusefat", "-f", "-o", options, str(device), str(mount_point))
     with FuseMount(command, mount_point):
         yield mount_point

@@ -22,8 +22,8 @@ def mounted(device, mount_point, options, _file_system):
     """It keeps owners and modes, and is asked to write more than a page at a time."""
     mount_point = pathlib.Path(mount_point)
     mount_point.mkdir(parents=True, exist_ok=True)
-    with FuseMount(("ntfs-3g", str(device), str(mount_point), "-o", f"no_detach,permissions,big_writes,{options}"),
-                   mount_point):
+    options = f"no_detach,permissions,big_writes,{options}"
+    with FuseMount(("ntfs-3g", str(device), str(mount_point), "-o", options), mount_point):
         yield mount_point
 
 
