@@ -21,7 +21,7 @@ public:
     explicit NTFSFileRecord(const NTFSVolume& volume);
 
     /// False if the file's own record can't be read.
-    bool read(std::uint64_t number);
+    bool read(std::uint64_t wanted);
     /// Of the first attribute of this type; nothing if it isn't there, or isn't resident.
     [[nodiscard]] std::optional<std::vector<std::uint8_t>> value(std::uint32_t type) const;
     /// Of all parts of the first attribute of this type; nothing if it isn't there, or is resident.
