@@ -2,8 +2,8 @@
 
     served.py DEVICE MOUNT_POINT [--threads] [COMMAND...]
 
-mounts a file system that is on the device in name only. Reading its file "slow" takes
-the process as long as SLOW is there, which it makes; reading "answer" has it run the command and is what that prints.
+mounts a file system that is on the device in name only. Reading its file "slow" takes the process as long as
+SLOW is there, which it makes; reading "answer" has it run the command and is what that prints.
 """
 import errno
 import os
