@@ -22,7 +22,8 @@ std::unique_ptr<IBlockBitmapChunkProvider> UsedBlockBitmapChunkProviderFactory::
 
 std::string UsedBlockBitmapChunkProviderFactory::nearMiss() {
     for (const FileSystemKind& kind : fileSystemKinds()) {
-        std::string reason = kind.findNearMiss ? kind.findNearMiss(logger, *reader, sectorSize) : "";
+        std::string reason =
+            kind.findNearMiss != nullptr ? kind.findNearMiss(logger, *reader, sectorSize) : "";
         if (!reason.empty()) {
             return reason;
         }

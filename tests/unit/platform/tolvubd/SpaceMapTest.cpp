@@ -160,7 +160,7 @@ void addRecord(TestVolume& volume, std::size_t at, std::uint64_t dataSize,
 /// 4200 clusters of 512 bytes, and some sectors behind them that are none. The table of files lies from
 /// cluster 4 and from cluster 40 on, the bitmap in the clusters 60 and 62.
 TestVolume ntfsVolume() {
-    TestVolume volume(4210 * 512);
+    TestVolume volume(4210UL * 512);
     const std::vector<std::array<std::uint64_t, 3>> fields = {
         {3, 8, 0x202020205346544E}, {11, 2, 512}, {13, 1, 1}, {40, 8, 4200}, {48, 8, 4}, {64, 1, 0xF6}};
     for (const auto& [offset, width, number] : fields) {
@@ -299,7 +299,7 @@ TEST(SpaceMap, StandsAnyFlippedByteAndAnyEndOfNtfs) {
             TestVolume flipped = ntfsVolume();
             flipped.flip(offset);
             const auto map = flipped.read();
-            EXPECT_TRUE(!map || map->used.size() * map->blockSize <= 4210 * 512) << offset;
+            EXPECT_TRUE(!map || map->used.size() * map->blockSize <= 4210UL * 512) << offset;
         }
     }
     for (std::size_t size = 0; size < 33000; size += 511) {
