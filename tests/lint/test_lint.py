@@ -88,13 +88,13 @@ BROKEN = [
     ("leftovers", "src/common/Return.cpp", "// return count;\n", 1),
     # What the rule has to refuse: contents of the trees that it is tried on, no tests of this one.
     ("leftovers", "tests/unit/Off.cpp",
-     "TEST(Thing, DISABLED_Off) {\n    EXPECT_TRUE(a());\n}\n", 1), # never run: the lint is tried on it, and must find it
+     "TEST(Thing, DISABLED_Off) {\n    EXPECT_TRUE(a());\n}\n", 1), # bait for the lint, never run
     ("leftovers", "tests/unit/Skip.cpp",
-     "void skip() {\n    GTEST_SKIP();\n}\n", 2), # never run: the lint is tried on it, and must find it
+     "void skip() {\n    GTEST_SKIP();\n}\n", 2), # bait for the lint, never run
     ("leftovers", "tests/skip.py",
-     "import pytest\n\npytest.skip('later')\n", 3), # never run: the lint is tried on it, and must find it
+     "import pytest\n\npytest.skip('later')\n", 3), # bait for the lint, never run
     ("leftovers", "tests/mark.py",
-     "import pytest\n@pytest.mark.xfail\ndef one():\n    return 1\n", 2), # never run: the lint is tried on it, and must find it
+     "import pytest\n@pytest.mark.xfail\ndef one():\n    return 1\n", 2), # bait for the lint, never run
     ("leftovers", "scripts/call.py", "A = 1\n# print(A)\n", 2),
     ("leftovers", "scripts/branch.py", "A = 1\n# if A > 1:\n", 2),
     ("whitespace", "notes.txt", "one\ntwo \n", 2),

@@ -68,8 +68,11 @@ bool MountContext::mountReadOnly(const std::string& device, const std::string& t
 /// it has done can be seen then.
 bool MountContext::mount(const std::string& target) {
     const std::optional<dev_t> before = fileSystemAt(target);
-    return succeeded(context.get(), mnt_context_mount(context.get())) ||
-           (errno == ECHILD && fileSystemAt(target) != before);
+    if (succeeded(context.get(), mnt_context_mount(context.get()))) {
+        return true;
+    }
+    const std::optional<dev_t> after = fileSystemAt(target);
+    return errno == ECHILD && after.has_value() && after != before;
 }
 
 bool MountContext::prepareUmount(const std::string& target) {
