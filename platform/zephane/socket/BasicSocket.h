@@ -1,0 +1,23 @@
+#pragma once
+
+#include "zephane/socket/SocketImpl.h"
+
+#include <memory>
+
+namespace zephane {
+
+/// A transport, and the filters that are put around it. See SocketImpl.
+class BasicSocket : public SocketImpl {
+public:
+    /// std::invalid_argument without a transport.
+    explicit BasicSocket(std::unique_ptr<Transport> transport);
+
+    Transport& transport() override { return *owned; }
+    Filters& filters() override { return lists; }
+
+private:
+    std::unique_ptr<Transport> owned;
+    Filters lists;
+};
+
+} // namespace zephane

@@ -1,0 +1,33 @@
+#pragma once
+
+#include "zephane/socket/Filter.h"
+
+#include <memory>
+#include <vector>
+
+struct ZSTD_CCtx_s; // NOLINT(readability-identifier-naming): the name of the library
+
+namespace zephane {
+
+/// Makes a zstd stream of level 1 of what passes, flushed at the end of each piece, so that nothing waits. See Filter.
+class Compressor : public Filter {
+public:
+    Compressor();
+    ~Compressor() override;
+    Compressor(const Compressor&) = delete;
+    Compressor& operator=(const Compressor&) = delete;
+
+    void feed(std::span<const std::uint8_t> input) override;
+    std::span<const std::uint8_t> next() override;
+
+private:
+    struct Free {
+        void operator()(ZSTD_CCtx_s* context) const noexcept;
+    };
+
+    std::unique_ptr<ZSTD_CCtx_s, Free> context;
+    std::span<const std::uint8_t> input;
+    std::vector<std::uint8_t> output;
+};
+
+} // namespace zephane

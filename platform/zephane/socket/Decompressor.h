@@ -1,0 +1,34 @@
+#pragma once
+
+#include "zephane/socket/Filter.h"
+
+#include <memory>
+#include <vector>
+
+struct ZSTD_DCtx_s; // NOLINT(readability-identifier-naming): the name of the library
+
+namespace zephane {
+
+/// Takes a zstd stream apart. A window beyond wire::windowLog is refused; what comes out is handed out in bounded
+/// pieces, however much it is. See Filter.
+class Decompressor : public Filter {
+public:
+    Decompressor();
+    ~Decompressor() override;
+    Decompressor(const Decompressor&) = delete;
+    Decompressor& operator=(const Decompressor&) = delete;
+
+    void feed(std::span<const std::uint8_t> input) override;
+    std::span<const std::uint8_t> next() override;
+
+private:
+    struct Free {
+        void operator()(ZSTD_DCtx_s* context) const noexcept;
+    };
+
+    std::unique_ptr<ZSTD_DCtx_s, Free> context;
+    std::span<const std::uint8_t> input;
+    std::vector<std::uint8_t> output;
+};
+
+} // namespace zephane

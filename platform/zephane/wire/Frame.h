@@ -1,0 +1,45 @@
+#pragma once
+
+#include "zephane/wire/Limits.h"
+
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <vector>
+
+/// What the stream carries once the handshake is done: frames of a kind, a length and a payload.
+namespace zephane::wire {
+
+enum class FrameKind : std::uint8_t {
+    nbd = 0,           ///< bytes of the NBD connection, in either direction
+    digestRequest = 1, ///< to the server: a range, of which it is to tell the digests
+    digestAnswer = 2,  ///< to the client
+};
+
+constexpr std::size_t frameHeadBytes = 4; ///< a byte for the kind, three for the length
+
+/// The head of a frame whose payload follows.
+std::array<std::uint8_t, frameHeadBytes> frameHead(FrameKind kind, std::size_t payloadBytes);
+
+/// Takes frames out of a stream that comes in pieces of any size. Holds a frameBytes payload at most.
+/// Threads: one.
+class FrameReader {
+public:
+    struct Piece {
+        FrameKind kind = FrameKind::nbd;
+        std::span<const std::uint8_t> payload;
+    };
+
+    /// The next piece of `input`, which shrinks by what was used. Of NBD frames, what is there is handed out at
+    /// once, as a part of `input`; others when they are whole. Nothing: more input is needed. The piece holds
+    /// until the next call. ProtocolError for a frame of an unknown kind, or too long for its kind.
+    std::optional<Piece> next(std::span<const std::uint8_t>& input);
+
+private:
+    std::vector<std::uint8_t> head;
+    std::vector<std::uint8_t> payload;
+    std::size_t left = 0; ///< of the payload, once the head is whole
+    bool handedOut = false;
+};
+
+} // namespace zephane::wire

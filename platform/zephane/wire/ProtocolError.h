@@ -1,0 +1,13 @@
+#pragma once
+
+#include <stdexcept>
+
+namespace zephane::wire {
+
+/// The other end doesn't keep to the protocol. Nothing of what it sends can be trusted any more.
+class ProtocolError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+} // namespace zephane::wire
