@@ -13,9 +13,9 @@
 namespace agent::test {
 
 /// Takes the place of libiscsi in the program that holds it: those of its functions that the transport calls,
-/// and a disk in memory behind them. All calls but those that only ask or free are noted in the order in which
-/// they come, sleeps too, with their arguments but for contexts and data. One object at a time; calls of several
-/// threads must not overlap.
+/// and a disk in memory behind them. All calls but those that only ask or free are noted in the order in
+/// which they come, sleeps too, with their arguments but for contexts and data. One object at a time; calls
+/// of several threads must not overlap.
 class FakeIscsi {
 public:
     enum class Outcome {
