@@ -102,8 +102,8 @@ def children_of(thread):
 
 
 class ZephaneServer(ImageServer):
-    """One zephaned. `options` are what the engines of the images are started with, such as filters that do
-    harm."""
+    """One zephaned. `options` are what the engines of the images are started with besides, such as filters
+    that do harm."""
 
     interface = "zephaneftp"
 
@@ -144,8 +144,8 @@ class ZephaneServer(ImageServer):
 
     def serve(self, path, *, backend=None):
         """`backend` takes the place of an engine on the image's file."""
-        engine = ["--filter=log", *self.options, "file", str(path), f"logfile={log_of(path)}",
-                  "logappend=true"]
+        engine = ["--filter=log", "file", str(path), f"logfile={log_of(path)}", "logappend=true",
+                  *self.options]
         return Image(self, path, FIRST_VOLUME_ID + len(self.images), backend or engine)
 
     def add_image(self, name, size, **options):
