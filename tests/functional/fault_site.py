@@ -43,7 +43,7 @@ class FaultList:
     programs."""
 
     def __init__(self, module):
-        self._path = BUILD / f"faults-{module.removeprefix('test_backup_')}.txt"
+        self._path = BUILD / f"faults-{module.removeprefix('test_').removeprefix('backup_')}.txt"
         self._lines = []
 
     def note(self, fault, state):

@@ -14,8 +14,8 @@ VOLUMES = (
     dataclasses.replace(EXT4, name="older", file_system="ext3", mount_point="/mnt/older"),
     dataclasses.replace(EXT4, name="oldest", file_system="ext2", mount_point="/mnt/oldest",
                         making=("-b", "1024")),
-    Volume("windows", "ntfs", mebibytes=320, mount_point="/mnt/windows"),
-    Volume("stick", "vfat", mebibytes=320, mount_point="/mnt/stick"),
+    Volume("windows", "ntfs", mebibytes=400, mount_point="/mnt/windows"),
+    Volume("stick", "vfat", mebibytes=400, mount_point="/mnt/stick"),
 )
 
 
