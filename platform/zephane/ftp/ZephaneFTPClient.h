@@ -3,6 +3,7 @@
 #include "zephane/ftp/Status.h"
 #include "zephane/socket/SocketImpl.h"
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -10,18 +11,26 @@
 
 namespace zephane {
 
+/// How long is waited.
+struct ClientPatience {
+    std::chrono::milliseconds opening = std::chrono::seconds(20);
+    std::chrono::milliseconds answering = std::chrono::minutes(1); ///< for each answer
+};
+
 /// A remote image behind a server, as a file: a position, reads, writes and holes.
 /// Owns:    the socket, and a thread that carries its bytes; destroying the object ends both at once.
 /// Threads: one at a time.
 /// Fails:   by status; no exception leaves it. The first failure that breaks the connection ends the client:
 ///          nothing is resumed, and every later call fails, `seek` too. No call waits longer than a minute
-///          for an answer, nor `open` for longer than twenty seconds.
+///          for an answer, nor `open` for longer than twenty seconds; only a name that the system's resolver
+///          doesn't give up takes longer.
 ///
 /// Flags: 1 leaves out writes that would change nothing, 2 compresses, 8 allows writing.
 class ZephaneFTPClient {
 public:
     ZephaneFTPClient(std::unique_ptr<SocketImpl> socket, std::string host, unsigned short port,
-                     std::string path, unsigned long volumeId, unsigned long flags, std::string secret);
+                     std::string path, unsigned long volumeId, unsigned long flags, std::string secret,
+                     ClientPatience patience = {});
     ZephaneFTPClient(ZephaneFTPClient&& other) noexcept;
     ZephaneFTPClient& operator=(ZephaneFTPClient&& other) noexcept;
     ZephaneFTPClient(const ZephaneFTPClient&) = delete;

@@ -2,13 +2,15 @@
 
 #include "zephane/socket/TlsStream.h"
 
-#include <asio/connect.hpp>
 #include <asio/redirect_error.hpp>
 #include <asio/steady_timer.hpp>
 #include <asio/this_coro.hpp>
 #include <asio/use_awaitable.hpp>
+#include <cerrno>
 #include <optional>
 #include <stdexcept>
+#include <string>
+#include <sys/socket.h>
 #include <utility>
 #include <vector>
 
@@ -31,20 +33,45 @@ public:
 
 private:
     asio::awaitable<Endpoints> lookUp(const std::string& host, unsigned short port);
+    asio::awaitable<asio::error_code> attempt(tcp::endpoint endpoint);
 
     asio::ssl::context context = clientContext();
+    bool isClosed = false;
     std::optional<tcp::resolver> resolver;
     std::optional<tcp::socket> socket;
     std::optional<TlsStream> stream;
 };
 
 asio::awaitable<void> TLSTransport::Link::establish(const std::string& host, unsigned short port) {
-    const auto executor = co_await asio::this_coro::executor;
     const Endpoints endpoints = co_await lookUp(host, port);
-    socket.emplace(executor);
-    co_await asio::async_connect(*socket, endpoints, asio::use_awaitable);
+    asio::error_code error = asio::error::host_not_found;
+    for (const auto& endpoint : endpoints) {
+        error = co_await attempt(endpoint);
+        if (!error) {
+            break;
+        }
+    }
+    if (error) {
+        throw asio::system_error(error);
+    }
     stream.emplace(std::move(*socket), context);
     co_await stream->handshake(asio::ssl::stream_base::client);
+}
+
+/// asio alone would leave the descriptor open in the programs that are started meanwhile.
+asio::awaitable<asio::error_code> TLSTransport::Link::attempt(tcp::endpoint endpoint) {
+    if (isClosed) {
+        co_return asio::error::operation_aborted;
+    }
+    const int descriptor = ::socket(endpoint.protocol().family(), SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (descriptor < 0) {
+        co_return asio::error_code(errno, asio::error::get_system_category());
+    }
+    const auto executor = co_await asio::this_coro::executor;
+    socket.emplace(executor, endpoint.protocol(), descriptor);
+    asio::error_code error;
+    co_await socket->async_connect(endpoint, asio::redirect_error(asio::use_awaitable, error));
+    co_return error;
 }
 
 asio::awaitable<Endpoints> TLSTransport::Link::lookUp(const std::string& host, unsigned short port) {
@@ -72,6 +99,7 @@ TlsStream& TLSTransport::Link::established() {
 }
 
 void TLSTransport::Link::close() noexcept {
+    isClosed = true;
     asio::error_code ignored; // it is closed either way
     if (resolver) {
         resolver->cancel();

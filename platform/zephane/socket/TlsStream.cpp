@@ -7,6 +7,7 @@
 #include <asio/use_awaitable.hpp>
 #include <asio/write.hpp>
 #include <cerrno>
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <stdexcept>
@@ -32,6 +33,13 @@ asio::ssl::context contextOf(asio::ssl::context::method side) {
     SSL_CTX_set_session_cache_mode(native, SSL_SESS_CACHE_OFF);
     context.set_verify_mode(asio::ssl::verify_none);
     return context;
+}
+
+/// asio accepts connections that the programs started later would keep open.
+void closeOnExec(int socket) {
+    if (::fcntl(socket, F_SETFD, FD_CLOEXEC) != 0) {
+        throw asio::system_error(errno, asio::error::get_system_category(), "fcntl");
+    }
 }
 
 void setOption(int socket, int level, int name, int value) {
@@ -66,6 +74,7 @@ asio::ssl::context serverContext() {
 TlsStream::TlsStream(asio::ip::tcp::socket socket, asio::ssl::context& context)
     : stream(std::move(socket), context) {
     stream.lowest_layer().set_option(asio::ip::tcp::no_delay(true));
+    closeOnExec(stream.lowest_layer().native_handle());
     expectLife(stream.lowest_layer().native_handle());
 }
 
