@@ -2,29 +2,32 @@
 
 #include "core/transport/HostAndPort.h"
 #include "core/transport/IscsiTransport.h"
-#include "core/transport/PendingTransport.h"
+#include "core/transport/ZephaneFTPTransport.h"
 
 #include <algorithm>
 #include <array>
+#include <limits>
 
 namespace agent::core {
 
 namespace {
 
 std::shared_ptr<ITransport> makeIscsi(info::Logger& logger, const RemoteImage& image) {
-    return std::make_shared<IscsiTransport>(logger, image.qualifiedName, image.address, image.lun,
-                                            image.offset, image.username, image.password);
+    return std::make_shared<IscsiTransport>(logger, image.qualifiedName, image.address,
+                                            static_cast<int>(image.lun), image.offset, image.username,
+                                            image.password);
 }
 
-std::shared_ptr<ITransport> makeZephaneFTP(info::Logger& /*logger*/, const RemoteImage& image) {
-    splitHostAndPort(image.address);
-    return std::make_shared<PendingTransport>();
+std::shared_ptr<ITransport> makeZephaneFTP(info::Logger& logger, const RemoteImage& image) {
+    const HostAndPort server = splitHostAndPort(image.address);
+    return std::make_shared<ZephaneFTPTransport>(logger, server.host, image.qualifiedName, image.lun,
+                                                 image.offset, server.port, image.password);
 }
 
 /// The one that every other word means comes last.
 constexpr std::array kinds{
-    TransportKind{"zephaneftp", "zephaneftp", &makeZephaneFTP},
-    TransportKind{"iscsi", "iSCSI", &makeIscsi},
+    TransportKind{"zephaneftp", "zephaneftp", std::numeric_limits<std::uint64_t>::max(), &makeZephaneFTP},
+    TransportKind{"iscsi", "iSCSI", std::numeric_limits<int>::max(), &makeIscsi},
 };
 
 } // namespace
