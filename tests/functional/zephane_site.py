@@ -7,6 +7,7 @@ from lab.commands import run
 from lab.zephane import PORT, ZephaneServer
 
 FAILING_CALLS = ("pread", "pwrite", "zero")
+KINDS = ({"full": True}, {}, {"merge": True})
 
 
 class Wire:
