@@ -47,7 +47,7 @@ void serve(const ConfigFile& file) {
     const Config config = file.load();
     ::signal(SIGPIPE, SIG_IGN);
     raiseDescriptorLimit();
-    Log log(STDERR_FILENO);
+    const Log log(STDERR_FILENO);
     Server(file, config, log).run();
 }
 
