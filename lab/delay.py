@@ -4,8 +4,8 @@
         way.portal
 
 It is a process of its own, with two threads for each direction of a connection. It carries more than 1 GB/s,
-and its threads add up to 0.3 ms to a round trip. What is on the way is bounded, at 16 MiB a direction; windows
-of TCP are those of two short ways, not of a long one.
+and its threads add up to 0.3 ms to a round trip. What is on the way is bounded, at 16 MiB a direction; the
+windows of TCP are those of two short ways, not of a long one.
 
     /usr/bin/python3 -m lab.delay LISTEN PORT MILLISECONDS
 """

@@ -253,7 +253,7 @@ def database():
 @pytest.fixture(scope="module")
 def faults(request):
     """Where the tests of a module note the faults that they inject."""
-    made = FaultList(request.module.__name__)
+    made = FaultList(f"faults-{request.module.__name__.removeprefix('test_backup_')}")
     yield made
     made.write()
 

@@ -126,7 +126,7 @@ class Attacker:
         """All the way to the image; the NBD connection to it."""
         verdict = self.shake_hands()
         if verdict.code:
-            raise PermissionError(-verdict.code, verdict.text)
+            raise OSError(-verdict.code, verdict.text)
         return NbdClient(self.stream).greet().go()
 
     def is_ended(self, seconds=SECONDS):
@@ -152,8 +152,8 @@ class Attacker:
 
 
 class Host:
-    """A server on a port of its own, which lets `serve(connection)` have each connection once TLS is done. That
-    the client goes away meanwhile is in order."""
+    """A server on a port of its own, which lets `serve(connection)` have each connection once TLS is done.
+    That the client goes away meanwhile is in order."""
 
     def __init__(self, context, serve):
         self._context = context

@@ -1,4 +1,4 @@
-"""TLS connections that tell their exporter value, which Python's own don't: OpenSSL's library, called by name.
+"""TLS connections that tell their exporter value, which Python's own don't: OpenSSL's library, called by us.
 
     with TlsConnection.to(port) as connection:
         connection.send(hello)
