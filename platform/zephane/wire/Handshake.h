@@ -32,7 +32,8 @@ private:
 
 class ServerHandshake {
 public:
-    /// The key of an image, if there is such an image.
+    /// The key of an image, if there is such an image. Keys are made beforehand: making one would take time that
+    /// an image that doesn't exist doesn't take.
     using FindKey = std::function<std::optional<ProofKey>(const ImageName& image)>;
 
     explicit ServerHandshake(const ChannelBinding& channel) : channel(channel) {}
