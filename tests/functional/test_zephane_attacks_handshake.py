@@ -1,7 +1,7 @@
 """Attacks on the server of the second transport before it has let anybody in.
 
-Each is an attack of somebody without the secret of an image. What became of them is told beside the programs, in
-attacks-zephane-handshake.txt.
+Each is an attack of somebody without the secret of an image. What became of them is told beside the programs,
+in attacks-zephane-handshake.txt.
 """
 import concurrent.futures
 import contextlib

@@ -1,8 +1,9 @@
 """Both ends of the protocol, for tests that keep to it up to a point: a client, and a server.
 
     with Attacker(port, image) as attacker:
-        nbd = attacker.enter()       # all the way to the image
-        nbd.write(0, b"poison")
+        attacker.send_hello()
+        attacker.send_proof()
+        attacker.stream.send(nothing_that_is_nbd)
 
 The steps in between are methods of their own, to be taken one by one, left out, or bent.
 """
@@ -14,7 +15,6 @@ import struct
 import threading
 
 import zephane_wire as wire
-from zephane_nbd import NbdClient
 from zephane_tls import ADDRESS, CLIENT, SECONDS, TlsConnection
 from zephane_zstd import Decoder, plain, stream_head
 
@@ -121,13 +121,6 @@ class Attacker:
     def shake_hands(self):
         self.send_hello()
         return self.send_proof()
-
-    def enter(self):
-        """All the way to the image; the NBD connection to it."""
-        verdict = self.shake_hands()
-        if verdict.code:
-            raise OSError(-verdict.code, verdict.text)
-        return NbdClient(self.stream).greet().go()
 
     def is_ended(self, seconds=SECONDS):
         """Whether the server ends the connection within so many seconds, whatever it sends before that."""

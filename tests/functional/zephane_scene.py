@@ -8,6 +8,7 @@ from lab.services import wait_until
 from lab.stay import Stay
 from lab.usage import status_number
 from lab.zephane import ZephaneServer
+from zephane_nbd import NbdClient
 from zephane_peers import Attacker, Image
 
 MIB = 1 << 20
@@ -51,19 +52,28 @@ class Scene(Stay):
     def attacker(self, image=None, flags=wire.WRITABLE, **options):
         return Attacker(self.port, image or self.image, flags, **options)
 
+    def _admitted(self, image, options):
+        """An attacker who has been let in, None if there is another writer."""
+        attacker = self.attacker(image, **options)
+        verdict = attacker.shake_hands()
+        if verdict.code == 0:
+            return attacker
+        attacker.close()
+        if verdict.code != wire.BUSY:
+            raise OSError(-verdict.code, verdict.text)
+        return None
+
+    @contextlib.contextmanager
+    def owner_at_stream(self, image=None, **options):
+        """One who is in order, and has been let in as soon as the writer before was gone."""
+        with wait_until(lambda: self._admitted(image, options), ENTER_SECONDS, "a writer let in") as attacker:
+            yield attacker
+
     @contextlib.contextmanager
     def owner(self, image=None, **options):
-        """A writer who is in order, and gets in as soon as the one before is gone: (attacker, NBD)."""
-        with contextlib.ExitStack() as entered:
-            def enter():
-                with contextlib.ExitStack() as tried:
-                    made = tried.enter_context(self.attacker(image, **options))
-                    with contextlib.suppress(BlockingIOError):
-                        nbd = made.enter()
-                        entered.push(tried.pop_all())
-                        return made, nbd
-                return None
-            yield wait_until(enter, ENTER_SECONDS, "a writer let in")
+        """The same, all the way to the image: (attacker, NBD)."""
+        with self.owner_at_stream(image, **options) as attacker:
+            yield attacker, NbdClient(attacker.stream).greet().go()
 
     def check_standing(self):
         """The server goes on and lets the owner of each image in, with bounded memory; its images are what
