@@ -132,7 +132,8 @@ def odd_streams():
     yield "a block beyond 128 KiB", good + zstd.block_head(zstd.RAW, zstd.BLOCK + 1) + bytes(zstd.BLOCK + 1)
     yield "a compressed block of noise", good + zstd.block_head(2, 4096) + os.urandom(4096)
     yield "noise", b"\xff" + os.urandom(1 << 16)
-    yield "a wrong checksum", zstd.MAGIC + b"\x04\x68" + zstd.block_head(zstd.RAW, 0, last=True) + b"\1\2\3\4"
+    checked = zstd.MAGIC + b"\x04\x68" + zstd.block_head(zstd.RAW, 0, last=True)
+    yield "a wrong checksum", checked + b"\1\2\3\4"
     yield "a bomb of zeros", good + zstd.repeated(0, 1024 * MIB)
     yield "a bomb of ones", good + zstd.repeated(1, 1024 * MIB)
 
@@ -170,12 +171,13 @@ def test_blocks_of_nothing_keep_nobody_out(scene, attacks):
     """They cost the server time and give it nothing to do; others go on meanwhile."""
     nothing = zstd.block_head(zstd.RAW, 0) * 100_000
     skipped = struct.pack("<II", 0x184D2A50, MIB) + bytes(MIB)
-    with scene.owner_at_stream(flags=COMPRESSED) as attacker, concurrent.futures.ThreadPoolExecutor(1) as pool:
+    with scene.owner_at_stream(flags=COMPRESSED) as attacker:
         attacker.connection.send(skipped * 16 + zstd.stream_head())
-        sending = pool.submit(lambda: [attacker.connection.send(nothing) for _ in range(20)])
-        with scene.owner(scene.other) as (_, other):
-            assert other.size == OTHER_SIZE
-        sending.result()
+        with concurrent.futures.ThreadPoolExecutor(1) as pool:
+            sending = pool.submit(lambda: [attacker.connection.send(nothing) for _ in range(20)])
+            with scene.owner(scene.other) as (_, other):
+                assert other.size == OTHER_SIZE
+            sending.result()
         end_sending(attacker)
     scene.check_standing()
     attacks.note("2,000,000 blocks of nothing, 16 MiB to be skipped", "session goes on, and so do others")
