@@ -7,13 +7,19 @@ import pathlib
 import random
 import shutil
 
+import pytest
+
 import snapshot_site
 from change_records import Moment, common, extents_of_units, marked_units
 from lab import driver
 from lab.backups import capture_of
 from lab.daemon import SCRIPTS
+from lab.targets import Target
+from lab.zephane import ZephaneServer
 
 LONGEST = 4 << 20 # nothing longer is sent with one command
+OVER_BOTH = pytest.mark.parametrize("target", [Target, ZephaneServer], indirect=True,
+                                    ids=["iscsi", "zephane"])
 EXT4 = dataclasses.replace(snapshot_site.EXT4, mebibytes=320)
 # Or XFS sets blocks aside behind the ends of files, which are then in use and were never written.
 XFS = dataclasses.replace(snapshot_site.XFS, mebibytes=352, options="allocsize=4k")

@@ -157,8 +157,9 @@ def volumes(volume_site, agent):
 
 
 @pytest.fixture
-def target():
-    with Target() as running:
+def target(request):
+    """Where the images are: at an iSCSI target, or at what the test names."""
+    with getattr(request, "param", Target)() as running:
         yield running
 
 

@@ -106,7 +106,7 @@ class FaultSite:
         for name in self.site.names:
             self.site.check_writable(name)
         self.site.check_clean()
-        wait_until(lambda: self.target.sessions() == 0, SECONDS, "all initiators logged out")
+        wait_until(lambda: self.target.sessions() == 0, SECONDS, "all sessions at the target ended")
 
     def assert_recovered(self):
         """Nothing is frozen, mounted, attached or logged in, and the next backup works."""
@@ -176,8 +176,9 @@ def log_file():
 
 
 @contextlib.contextmanager
-def fault_site(appliance, daemon, volumes, directory="/tmp"):
-    with SnapshotSite(volumes) as site, Target(directory=directory) as target:
+def fault_site(appliance, daemon, volumes, server=Target, **options):
+    """`options` are those of the server of the images."""
+    with SnapshotSite(volumes) as site, server(**options) as target:
         made = FaultSite(site, target, appliance, daemon)
         for name in site.names:
             fill(site.mount_point(name), name)

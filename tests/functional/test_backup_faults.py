@@ -63,7 +63,7 @@ def test_disk_of_the_target_is_full(agent, appliance, tmpfs, faults):
     works."""
     directory = "/mnt-target"
     tmpfs(directory, "size=2g")
-    with fault_site(appliance, agent, (DATA,), directory) as site:
+    with fault_site(appliance, agent, (DATA,), directory=directory) as site:
         image = site.protection.images["data"]
         # What isn't there needs room as soon as it is written; the next backup has to bring all of it back.
         subprocess.run(["fallocate", "--punch-hole", "--length", str(image.path.stat().st_size), image.path],

@@ -6,7 +6,7 @@ from backup_site import LONGEST, Ledger, fill, root_of, size_of_all, write_scrip
 from change_records import copied_extents
 from lab.backups import capture_of
 from lab.driver import INFO
-from lab.targets import Writes
+from lab.image_server import Writes
 
 MIB = 1 << 20
 EQUALIZE = """#!/usr/bin/python3

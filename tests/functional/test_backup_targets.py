@@ -4,8 +4,8 @@ import dataclasses
 import pytest
 
 from backup_site import EXT4, XFS, device_of, fill, root_of
+from lab.image_server import Writes
 from lab.poison import is_poison
-from lab.targets import Writes
 
 MIB = 1 << 20
 USER, PASSWORD = "agent", "twelve or more"
@@ -85,7 +85,7 @@ def test_blocks_smaller_than_a_sector_of_the_target_are_refused(protect, volumes
 
 def test_target_with_a_password(protect, volumes, target):
     target.require_chap(USER, PASSWORD)
-    check_chain(protect("files", account=(USER, PASSWORD)), volumes)
+    check_chain(protect("files"), volumes)
 
 
 @pytest.fixture
