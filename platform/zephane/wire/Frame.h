@@ -34,9 +34,9 @@ public:
         std::span<const std::uint8_t> payload;
     };
 
-    /// The next piece of `input`, which shrinks by what was used. Of NBD frames, what is there is handed out at
-    /// once, as a part of `input`; others when they are whole. Nothing: more input is needed. The piece holds
-    /// until the next call.
+    /// The next piece of `input`, which shrinks by what was used. Of NBD frames, what is there is handed out
+    /// at once, as a part of `input`; others when they are whole. Nothing: more input is needed. The piece
+    /// holds until the next call.
     std::optional<Piece> next(std::span<const std::uint8_t>& input);
 
 private:
