@@ -216,7 +216,8 @@ def test_odd_frames_end_the_session(scene, attacks, flags, odd):
 def ask_for_digests(attacker, offset, length):
     """(code, digests)"""
     attacker.stream.send_raw(wire.digest_request(offset, length))
-    answer = attacker.stream.receive_frame(wire.DIGEST_ANSWER)
+    kind, answer = attacker.stream.receive_frame()
+    assert kind == wire.DIGEST_ANSWER
     return struct.unpack(">i", answer[:4])[0], answer[4:]
 
 

@@ -15,8 +15,10 @@ import struct
 import threading
 
 import zephane_wire as wire
-from zephane_tls import ADDRESS, CLIENT, SECONDS, TlsConnection
+from zephane_tls import ADDRESS, CLIENT, SECONDS, PlainConnection, TlsConnection
 from zephane_zstd import Decoder, plain, stream_head
+
+PEER_SECONDS = 100 # more than any client waits
 
 
 @dataclasses.dataclass(frozen=True)
@@ -30,22 +32,23 @@ class Image:
 
 class FrameStream:
     """The bytes of NBD, sent and received in frames over a TLS connection. What is compressed is so by blocks
-    of plain content."""
+    of plain content. `answer` is given the payload of other frames, and says what is sent for them."""
 
     def __init__(self, connection, compressed=False):
-        self._connection = connection
+        self.connection = connection
         self._compressed = compressed
         self._begun = False
         self._decoder = Decoder() if compressed else None
         self._raw = bytearray()
         self._nbd = bytearray()
+        self.answer = None
 
     def send(self, data):
         self.send_raw(wire.frames(wire.NBD, data))
 
     def send_raw(self, data):
         """Whatever bytes, frames or not."""
-        self._connection.send(self.encoded(data))
+        self.connection.send(self.encoded(data))
 
     def encoded(self, data):
         """As they go over the connection."""
@@ -57,21 +60,23 @@ class FrameStream:
 
     def receive(self, size):
         while len(self._nbd) < size:
-            self._nbd += self.receive_frame(wire.NBD)
+            kind, payload = self.receive_frame()
+            if kind == wire.NBD:
+                self._nbd += payload
+            else:
+                self.send_raw(self.answer(payload))
         data = bytes(self._nbd[:size])
         del self._nbd[:size]
         return data
 
-    def receive_frame(self, kind):
-        """The payload of the next frame, which has to be of this kind."""
+    def receive_frame(self):
+        """(kind, payload) of the next one."""
         head = self._receive_raw(4)
-        if head[0] != kind:
-            raise ValueError(f"a frame of kind {head[0]} instead of {kind}")
-        return self._receive_raw(int.from_bytes(head[1:], "big"))
+        return head[0], self._receive_raw(int.from_bytes(head[1:], "big"))
 
     def _receive_raw(self, size):
         while len(self._raw) < size:
-            piece = self._connection.receive_some(1 << 18)
+            piece = self.connection.receive_some(1 << 18)
             self._raw += self._decoder.decode(piece) if self._compressed else piece
         data = bytes(self._raw[:size])
         del self._raw[:size]
@@ -146,7 +151,7 @@ class Attacker:
 
 class Host:
     """A server on a port of its own, which lets `serve(connection)` have each connection once TLS is done.
-    That the client goes away meanwhile is in order."""
+    Without a context there is no TLS. That the client goes away meanwhile is in order."""
 
     def __init__(self, context, serve):
         self._context = context
@@ -168,8 +173,13 @@ class Host:
 
     def _run(self, connected):
         with contextlib.suppress(OSError), connected:
-            with TlsConnection(connected, self._context, seconds=100) as connection:
+            with contextlib.closing(self._connection(connected)) as connection:
                 self._serve(connection)
+
+    def _connection(self, connected):
+        if self._context is None:
+            return PlainConnection(connected, PEER_SECONDS)
+        return TlsConnection(connected, self._context, PEER_SECONDS)
 
     def close(self):
         self._listener.shutdown(socket.SHUT_RDWR)

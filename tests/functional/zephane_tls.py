@@ -55,6 +55,25 @@ class TlsContext:
 CLIENT = TlsContext()
 
 
+class PlainConnection:
+    """One without TLS, for those who never get that far."""
+
+    def __init__(self, connected, seconds=SECONDS):
+        self.socket = connected
+        connected.settimeout(seconds)
+
+    def send(self, data):
+        self.socket.sendall(data)
+
+    def receive_all(self):
+        with contextlib.suppress(ConnectionError):
+            while self.socket.recv(1 << 16):
+                pass
+
+    def close(self):
+        self.socket.close()
+
+
 class TlsConnection:
     """One end of a connection. Owns the socket."""
 
@@ -104,7 +123,8 @@ class TlsConnection:
     def receive_some(self, most=1 << 16):
         """At least one byte."""
         made = ctypes.create_string_buffer(most)
-        return made.raw[:self._check(library.SSL_read(self._tls, made, most))]
+        size = self._check(library.SSL_read(self._tls, made, most))
+        return ctypes.string_at(made, size)
 
     def receive(self, size):
         """So many bytes."""
