@@ -12,7 +12,7 @@ import json
 import os
 import struct
 import subprocess
-import tempfile
+import threading
 import time
 import typing
 
@@ -23,6 +23,7 @@ import zephane_wire as wire
 import zephane_zstd as zstd
 from fault_site import FaultList
 from lab.daemon import program
+from lab.usage import status_number
 from zephane_nbd import NbdServer
 from zephane_peers import Attacker, Host, Image, admit
 from zephane_scene import MIB, SIZE, Scene
@@ -30,12 +31,13 @@ from zephane_tls import ADDRESS, server_context
 
 OPEN_SECONDS, ANSWER_SECONDS = 20, 60
 MARGIN_SECONDS = 8
+LIMIT_SECONDS = 200 # what is far beyond all that a client may take
 MOST_MEMORY = 192 * 1024 # KiB
 OPEN, WRITE, READ = range(3)
 CALLS = ("open", "write", "read")
 COMMANDS = ("open", f"write {MIB}", "seek 0", f"read {MIB}", "close")
 IMAGE = Image("data", 7, "secret")
-FLAGS = wire.WRITABLE | wire.COMPRESS | wire.COMPARE
+FLAGS = wire.WRITABLE | wire.COMPRESS
 
 
 @pytest.fixture(scope="module", name="attacks")
@@ -64,17 +66,17 @@ def run_client(port, image=IMAGE, flags=FLAGS):
     command = [program("ZephaneProbe"), ADDRESS, str(port), image.path, str(image.volume_id), str(flags),
                image.secret]
     begin = time.monotonic()
-    with tempfile.TemporaryFile() as given, tempfile.TemporaryFile() as output:
-        given.write("\n".join(COMMANDS).encode())
-        given.seek(0)
-        process = subprocess.Popen(command, stdin=given, stdout=output)
-        _, status, usage = os.wait4(process.pid, 0)
-        process.returncode = os.waitstatus_to_exitcode(status)
-        assert process.returncode == 0, process.returncode
-        output.seek(0)
-        answers = [json.loads(line) for line in output]
-    assert len(answers) == len(COMMANDS)
-    return Run(answers, time.monotonic() - begin, usage.ru_maxrss)
+    with subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE) as process:
+        limit = threading.Timer(LIMIT_SECONDS, process.kill)
+        limit.start()
+        process.stdin.write("".join(f"{line}\n" for line in COMMANDS).encode())
+        process.stdin.flush()
+        answers = [json.loads(process.stdout.readline() or "null") for _ in COMMANDS]
+        seconds, memory = time.monotonic() - begin, status_number(process.pid, "VmHWM")
+        process.stdin.close()
+        assert process.wait(LIMIT_SECONDS) == 0
+        limit.cancel()
+    return Run(answers, seconds, memory)
 
 
 # How servers go wrong.
@@ -318,6 +320,8 @@ def attacks_on_requests():
         yield Attack(f"an answer to a {name}, a byte each five seconds", acting(reply_slowly), fails,
                      ANSWER_SECONDS)
     read, flush = (functools.partial(on_request, kind) for kind in (nbd.READ, nbd.FLUSH))
+    yield Attack("silence for the read of a comparison", with_nbd(serve=read(be_silent)), WRITE,
+                 ANSWER_SECONDS, flags=FLAGS | wire.COMPARE)
     yield Attack("half of what is read, then silence", with_nbd(serve=read(reply(bytes(MIB // 2)))), READ,
                  ANSWER_SECONDS)
     yield Attack("a frame of kind 9 for a read", with_nbd(serve=read(reply_raw(wire.frame(9, b"x")))), READ)
@@ -351,7 +355,9 @@ def faults_of(attack, run):
         ("took it for good", after[0] >= 0),
         ("took what came behind it for good", attack.breaks and max(after) >= 0),
         ("too late", run.seconds > attack.seconds + MARGIN_SECONDS),
-        ("too much memory", run.memory > MOST_MEMORY)) if is_there]
+        ("too much memory", run.memory > MOST_MEMORY),
+        ("a text that isn't one line", not all(answer["text"].isprintable() for answer in run.answers)),
+    ) if is_there]
 
 
 def attack_client(context, attack):
@@ -379,7 +385,7 @@ def check_all(context, attacks, chosen):
         runs = list(pool.map(functools.partial(attack_client, context), chosen))
     wrong = {attack.name: (faults, run) for attack, run in zip(chosen, runs)
              if (faults := faults_of(attack, run))}
-    assert not wrong
+    assert not wrong, "\n".join(f"{name}: {what}" for name, what in wrong.items())
     for attack, run in zip(chosen, runs):
         attacks.note(attack.name, f"{CALLS[attack.fails]} fails with {run.codes[attack.fails]}, "
                                   f"all is over after {run.seconds:.1f} s")
