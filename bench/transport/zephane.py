@@ -12,7 +12,7 @@ nbdcopy moves the blocks of such a backup to the same kind of nbdkit, by TCP and
 itself, and one request at a time, as a backup does.
 
 All images are in memory, so no disk is in the way, and all ends share this machine's processors. Seconds are
-of the phase that copies, the best of several rounds. "Sent" is what has passed the loopback interface, with the
+of the phase that copies, the best of some rounds. "Sent" is what has passed the loopback interface, with the
 heads of packets. Processor seconds are of the agent or nbdcopy, and of the server with its nbdkit.
 
 All of it runs with each of the round trips, in milliseconds; 0, 0.5 and 5 if none is given. Those above 0 are
