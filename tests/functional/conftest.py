@@ -156,10 +156,15 @@ def volumes(volume_site, agent):
             empty(root_of(partition))
 
 
+def server_of(request):
+    """What the module has its images on."""
+    return getattr(request.module, "SERVER", Target)
+
+
 @pytest.fixture
 def target(request):
-    """Where the images are: at an iSCSI target, or at what the test names."""
-    with getattr(request, "param", Target)() as running:
+    """Where the images are: what the test names, or the module as its `SERVER`, or an iSCSI target."""
+    with getattr(request, "param", server_of(request))() as running:
         yield running
 
 
@@ -254,13 +259,13 @@ def database():
 @pytest.fixture(scope="module")
 def faults(request):
     """Where the tests of a module note the faults that they inject."""
-    made = FaultList(f"faults-{request.module.__name__.removeprefix('test_backup_')}")
+    made = FaultList(f"faults-{request.module.__name__.removeprefix('test_').removeprefix('backup_')}")
     yield made
     made.write()
 
 
 @pytest.fixture
-def one_volume(agent, appliance):
+def one_volume(request, agent, appliance):
     """A site to break, with one volume that has been backed up."""
-    with fault_site(appliance, agent, (DATA,)) as site:
+    with fault_site(appliance, agent, (DATA,), server_of(request)) as site:
         yield site

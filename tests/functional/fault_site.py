@@ -22,6 +22,7 @@ MORE = dataclasses.replace(DATA, name="more", mount_point="/mnt/more")
 SNAPSHOTS = ("/dev/tolvu0", "/dev/tolvu1")
 RETRYING = "Sleeping, reconnecting, and retrying."
 FIRST, LITTLE = 0, 5 # reads of a copy, before it is held
+OWN_LINES = 12 # a request to start a backup logs fewer, on a thread of its own
 CALL_OF_RUN = "rt_sigaction" # in the daemon, only a thread that runs a backup makes it
 
 # Why the first backup after a kill may fail: the snapshot left behind is mounted, or not of the kind wanted,
@@ -138,6 +139,13 @@ class FaultSite:
                          if any(line.startswith(CALL_OF_RUN) for line in lines))
         assert backup.state == "finished", backup.log
         self.check_clean()
+        return found
+
+    def boundaries(self, texts, **kind):
+        """(text, number) of the lines with these texts that the thread of a backup logs."""
+        lines = [line for line in self.rehearse("write", **kind) if str(log_file()) in line]
+        found = [(text, next(at for at, line in enumerate(lines, 1) if text in line)) for text in texts]
+        assert found[0][1] > OWN_LINES
         return found
 
     def steps_of_copy(self, call, path="", **kind):
