@@ -319,25 +319,24 @@ def test_slow_handshakes_are_ended(scene, attacks):
     scene.check_standing()
 
 
-def set_descriptors(pid, number):
-    """Lets a process have so many; returns how many it could have."""
-    return resource.prlimit(pid, resource.RLIMIT_NOFILE, (number, max(number, DESCRIPTORS)))
+@contextlib.contextmanager
+def descriptors(pid, number):
+    """Lets a process have so many meanwhile."""
+    old = resource.prlimit(pid, resource.RLIMIT_NOFILE)
+    resource.prlimit(pid, resource.RLIMIT_NOFILE, (number, old[1]))
+    yield
+    resource.prlimit(pid, resource.RLIMIT_NOFILE, old)
 
 
 @pytest.mark.parametrize("limit", [1024, DESCRIPTORS])
 def test_thousands_who_say_nothing_keep_nobody_out(scene, attacks, limit):
     """Whether the server may have a descriptor for each of them, or not."""
-    old = set_descriptors(scene.server.pid, limit)
-    own = set_descriptors(os.getpid(), DESCRIPTORS)
-    try:
+    with descriptors(scene.server.pid, limit), descriptors(os.getpid(), DESCRIPTORS):
         with contextlib.ExitStack() as strangers:
             for _ in range(STRANGERS):
                 strangers.enter_context(scene.connect())
             seconds = timed(scene.check_standing)
-        assert seconds < ENTER_SECONDS + HANDSHAKE_SECONDS
-        scene.check_standing()
-    finally:
-        resource.prlimit(os.getpid(), resource.RLIMIT_NOFILE, own)
-        resource.prlimit(scene.server.pid, resource.RLIMIT_NOFILE, old)
+    assert seconds < ENTER_SECONDS + HANDSHAKE_SECONDS
+    scene.check_standing()
     attacks.note(f"{STRANGERS} connections that say nothing, {limit} descriptors",
                  f"owners served in {seconds:.1f} s, peak of memory {scene.peak_memory() >> 10} MiB")

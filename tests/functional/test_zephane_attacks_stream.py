@@ -8,7 +8,6 @@ import contextlib
 import os
 import socket
 import struct
-import subprocess
 import time
 
 import pytest
@@ -17,6 +16,7 @@ import zephane_nbd as nbd
 import zephane_wire as wire
 import zephane_zstd as zstd
 from fault_site import FaultList
+from lab.commands import run
 from lab.services import wait_until
 from zephane_nbd import NbdRefusal
 from zephane_scene import MIB, OTHER_SIZE, SIZE, Scene, flipped
@@ -27,6 +27,7 @@ LIMIT_SECONDS = 60 # what the server grants a peer that neither takes nor sends 
 MARGIN_SECONDS = 10
 ENDED_SECONDS = 5
 LARGEST_REQUEST = 64 * MIB
+SESSIONS = 300
 
 
 @pytest.fixture(scope="module", name="scene")
@@ -243,21 +244,28 @@ def test_two_digest_requests_at_once_end_the_session(scene, attacks):
 
 # NBD.
 
-def test_other_exports_are_the_same_image(scene, attacks):
-    names = [b"", scene.other.path.encode(), b"../other", bytes(scene.path(scene.other)), b"/etc/passwd",
+def size_of_export(scene, ask):
+    """What a client gets to see that asks for an export in some way: a size, or None."""
+    with scene.owner_at_stream(flags=PLAIN) as attacker:
+        image = nbd.NbdClient(attacker.stream).greet()
+        with contextlib.suppress(NbdRefusal, ConnectionError):
+            ask(image)
+            assert image.read(0, LENGTH) == scene.content()[:LENGTH]
+        return image.size
+
+
+def test_other_exports_are_refused_or_the_same_image(scene, attacks):
+    names = [b"other", scene.other.path.encode(), b"../other", bytes(scene.path(scene.other)), b"/etc/passwd",
              b"x" * 4000]
-    for name in names:
-        with scene.owner_at_stream(flags=PLAIN) as attacker:
-            image = nbd.NbdClient(attacker.stream).greet()
-            with contextlib.suppress(NbdRefusal):
-                image.go(name, option=nbd.INFO)
-                assert image.size == SIZE
-            image.go(name)
-            assert image.size == SIZE and image.read(0, LENGTH) == scene.content()[:LENGTH]
-        with scene.owner_at_stream(flags=PLAIN) as attacker:
-            assert nbd.NbdClient(attacker.stream).greet().go_old(name).size == SIZE
+    ways = {"go": lambda image, name: image.go(name),
+            "info, then go": lambda image, name: image.go(name, option=nbd.INFO).go(name),
+            "the old way": lambda image, name: image.go_old(name)}
+    for way, ask in ways.items():
+        sizes = {size_of_export(scene, lambda image, name=name: ask(image, name)) for name in names}
+        assert sizes <= {None, SIZE}
+        attacks.note(f"NBD: export by another name, {way}, {len(names)} tries", f"sizes {sizes}")
+    assert size_of_export(scene, lambda image: image.go(b"")) == SIZE
     scene.check_standing()
-    attacks.note(f"NBD: export by another name, {len(names)} tries", "the same image")
 
 
 def test_endless_haggling_is_ended(scene, attacks):
@@ -345,17 +353,28 @@ def test_only_who_holds_the_secret_learns_of_a_writer(scene, attacks):
     attacks.note("a wrong secret while another client writes", f"refused, {code}")
 
 
+def test_sessions_of_one_image_keep_nobody_out_of_another(scene, attacks):
+    """More of them than the server has in all."""
+    with contextlib.ExitStack() as many:
+        codes = [many.enter_context(scene.attacker(flags=0)).shake_hands().code for _ in range(SESSIONS)]
+        assert codes[0] == 0
+        with scene.owner(scene.other) as (_, image):
+            assert image.size == OTHER_SIZE
+    scene.check_standing()
+    attacks.note(f"{SESSIONS} sessions of one image at once", f"{codes.count(0)} served, other images too")
+
+
 @contextlib.contextmanager
 def cut_off(port):
     """Packets from and to a local port get lost."""
-    table = f"cut{port}"
-    rules = [f"tcp {end} {port} drop" for end in ("sport", "dport")]
-    text = f"table inet {table} {{ chain lost {{ type filter hook input priority 0; {'; '.join(rules)}; }} }}"
-    subprocess.run(["nft", text], check=True)
+    run("nft", f"""add table inet cut
+        add chain inet cut lost {{ type filter hook input priority 0; }}
+        add rule inet cut lost tcp sport {port} drop
+        add rule inet cut lost tcp dport {port} drop""")
     try:
         yield
     finally:
-        subprocess.run(["nft", f"delete table inet {table}"], check=True)
+        run("nft", "delete table inet cut")
 
 
 def seconds_until_free(scene, image):
