@@ -21,7 +21,6 @@ import pytest
 import zephane_nbd as nbd
 import zephane_wire as wire
 import zephane_zstd as zstd
-from fault_site import FaultList
 from lab.daemon import program
 from lab.usage import status_number
 from zephane_nbd import NbdServer
@@ -38,13 +37,6 @@ CALLS = ("open", "write", "read")
 COMMANDS = ("open", f"write {MIB}", "seek 0", f"read {MIB}", "close")
 IMAGE = Image("data", 7, "secret")
 FLAGS = wire.WRITABLE | wire.COMPRESS
-
-
-@pytest.fixture(scope="module", name="attacks")
-def make_attacks():
-    made = FaultList("attacks-zephane-client", "attacks made")
-    yield made
-    made.write()
 
 
 @dataclasses.dataclass(frozen=True)

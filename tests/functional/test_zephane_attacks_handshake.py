@@ -16,9 +16,8 @@ import time
 import pytest
 
 import zephane_wire as wire
-from fault_site import FaultList
 from zephane_peers import Attacker, Host, Image, admit
-from zephane_scene import ENTER_SECONDS, Scene, flipped
+from zephane_scene import ENTER_SECONDS, flipped
 from zephane_tls import ADDRESS, TLS_1_2, TlsConnection, TlsContext, server_context
 
 HANDSHAKE_SECONDS = 10 # what the server gives a client for it
@@ -29,19 +28,6 @@ REFUSED = f"refused, {wire.NO_ACCESS}"
 NEAR_SECONDS = 0.005
 STRANGERS = 4000
 DESCRIPTORS = 3 * STRANGERS
-
-
-@pytest.fixture(scope="module", name="scene")
-def make_scene():
-    with Scene() as made:
-        yield made
-
-
-@pytest.fixture(scope="module", name="attacks")
-def make_attacks():
-    made = FaultList("attacks-zephane-handshake", "attacks made")
-    yield made
-    made.write()
 
 
 def code_of(attacker, hello=None, proof=None):

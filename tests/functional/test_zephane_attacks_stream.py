@@ -15,32 +15,14 @@ import pytest
 import zephane_nbd as nbd
 import zephane_wire as wire
 import zephane_zstd as zstd
-from fault_site import FaultList
-from lab.commands import run
-from lab.services import wait_until
 from zephane_nbd import NbdRefusal
-from zephane_scene import MIB, OTHER_SIZE, SIZE, Scene, flipped
+from zephane_scene import MIB, OTHER_SIZE, SIZE, flipped
 
 PLAIN, COMPRESSED = wire.WRITABLE, wire.WRITABLE | wire.COMPRESS
 PLACE, LENGTH = MIB, 4096 # what the attacks write to
-LIMIT_SECONDS = 60 # what the server grants a peer that neither takes nor sends anything
-MARGIN_SECONDS = 10
 ENDED_SECONDS = 5
 LARGEST_REQUEST = 64 * MIB
 SESSIONS = 300
-
-
-@pytest.fixture(scope="module", name="scene")
-def make_scene():
-    with Scene() as made:
-        yield made
-
-
-@pytest.fixture(scope="module", name="attacks")
-def make_attacks():
-    made = FaultList("attacks-zephane-stream", "attacks made")
-    yield made
-    made.write()
 
 
 def write_request(data, offset=PLACE):
@@ -268,6 +250,13 @@ def test_other_exports_are_refused_or_the_same_image(scene, attacks):
     scene.check_standing()
 
 
+def test_list_of_exports_names_no_other_image(scene, attacks):
+    with scene.owner_at_stream() as attacker:
+        listed = nbd.NbdClient(attacker.stream).greet().option(nbd.LIST)
+    assert listed and not any(scene.other.path.encode() in data for _, data in listed)
+    attacks.note("NBD: list of exports", f"{listed}")
+
+
 def test_endless_haggling_is_ended(scene, attacks):
     with scene.owner_at_stream(flags=PLAIN) as attacker:
         image = nbd.NbdClient(attacker.stream).greet()
@@ -362,47 +351,3 @@ def test_sessions_of_one_image_keep_nobody_out_of_another(scene, attacks):
             assert image.size == OTHER_SIZE
     scene.check_standing()
     attacks.note(f"{SESSIONS} sessions of one image at once", f"{codes.count(0)} served, other images too")
-
-
-@contextlib.contextmanager
-def cut_off(port):
-    """Packets from and to a local port get lost."""
-    run("nft", f"""add table inet cut
-        add chain inet cut lost {{ type filter hook input priority 0; }}
-        add rule inet cut lost tcp sport {port} drop
-        add rule inet cut lost tcp dport {port} drop""")
-    try:
-        yield
-    finally:
-        run("nft", "delete table inet cut")
-
-
-def seconds_until_free(scene, image):
-    """How long another writer is kept out."""
-    begin = time.monotonic()
-    wait_until(lambda: code_of(scene.attacker(image)) != wire.BUSY, LIMIT_SECONDS + MARGIN_SECONDS,
-               "the image free again")
-    return time.monotonic() - begin
-
-
-def firewall_writer(scene):
-    """One whose machine has lost its network."""
-    with scene.owner() as (attacker, _):
-        with cut_off(attacker.connection.socket.getsockname()[1]):
-            return seconds_until_free(scene, scene.image)
-
-
-def stop_reading(scene):
-    """One who asks and doesn't take the answers."""
-    with scene.owner(scene.other) as (_, image):
-        for _ in range(16):
-            image.request(nbd.READ, 0, OTHER_SIZE)
-        return seconds_until_free(scene, scene.other)
-
-
-def test_dead_writers_are_found(scene, attacks):
-    with concurrent.futures.ThreadPoolExecutor(2) as pool:
-        jobs = {job.__name__: pool.submit(job, scene) for job in (firewall_writer, stop_reading)}
-    for name, job in jobs.items():
-        attacks.note(f"a writer that is dead: {name}", f"ended after {job.result():.0f} s")
-    scene.check_standing()

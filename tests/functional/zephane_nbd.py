@@ -6,7 +6,7 @@ GREETING = b"NBDMAGICIHAVEOPT"
 FIXED_NEWSTYLE, NO_ZEROES = 1, 2
 OPTION_REPLY = 0x3E889045565A9
 REQUEST, REPLY = 0x25609513, 0x67446698
-EXPORT_NAME, ABORT, LIST, INFO, GO, STRUCTURED = 1, 2, 3, 6, 7, 8
+EXPORT_NAME, LIST, INFO, GO = 1, 3, 6, 7
 ACK, SERVER, INFORMATION, UNSUPPORTED = 1, 2, 3, 0x80000001
 READ, WRITE, DISCONNECT, FLUSH, TRIM, WRITE_ZEROES = 0, 1, 2, 3, 4, 6
 HAS_FLAGS, READ_ONLY, CAN_FLUSH, CAN_TRIM, CAN_WRITE_ZEROES, CAN_MULTI_CONN = 1, 2, 4, 32, 64, 256
@@ -140,5 +140,5 @@ class NbdServer:
         self.answer(cookie, bytes(self.content[offset:offset + length]) if kind == READ else b"")
         return True
 
-    def answer(self, cookie, data=b"", error=0):
-        self.stream.send(struct.pack(">II", REPLY, error) + cookie + data)
+    def answer(self, cookie, data=b""):
+        self.stream.send(struct.pack(">II", REPLY, 0) + cookie + data)
