@@ -18,6 +18,7 @@ from lab.filesystems import kind_of
 from lab.loops import attached
 from lab.machine import appliance_of, new_machine
 from lab.mounts import mounted
+from lab.services import wait_until
 from lab.site import Site
 from lab.snapshots import drop_snapshots
 from lab.stay import Stay
@@ -85,7 +86,7 @@ class Bed(Stay):
         self._file_system = file_system
         self._directory = directory
         self._images = images
-        self._bytes = gibibytes << 30
+        self.size = gibibytes << 30
         self._poisoned = poisoned
         self._pause = threading.Event()
 
@@ -96,12 +97,16 @@ class Bed(Stay):
         lasting.enter_context(mounted(self.place / "store", STORE, "bind", "none"))
         self._make_volume(lasting)
         self.target = lasting.enter_context(Target(directory=self._images or self.place))
-        self.image = self.target.add_image("image", self._bytes, poisoned=self._poisoned)
+        self.image = self.target.add_image("image", self.size, poisoned=self._poisoned)
         lasting.callback(drop_snapshots) # also those of a backup that has been killed
         self._start_daemon(lasting)
 
+    def use(self, target, image):
+        """Backups go there from now on."""
+        self.target, self.image = target, image
+
     def _make_volume(self, lasting):
-        mebibytes = self._bytes >> 20
+        mebibytes = self.size >> 20
         data = Volume("data", self._file_system, mebibytes, mount_point="/mnt/data",
                       options=kind_of(self._file_system).calm)
         site = lasting.enter_context(Site([data], token=f"copy{os.getpid()}", directory=self.place))
@@ -115,7 +120,7 @@ class Bed(Stay):
         self.daemon = lasting.enter_context(Daemon(foreground=False)).wait_until_ready()
         self._appliance = lasting.enter_context(appliance_of(authority, seconds=SECONDS))
         assert self._appliance.pair(DEVICE).is_success
-        table = (self._bytes // 4096 * 8 >> 20) + 1
+        table = (self.size // 4096 * 8 >> 20) + 1
         key = f"volumes.{self.partition.uuid}.cowFileSizeMiB"
         assert self._appliance.set_config({key: max(100, table)}).is_success
 
@@ -131,13 +136,13 @@ class Bed(Stay):
         with attached(capture) as device:
             yield device
 
-    def backup(self, **options):
-        """Runs a backup to its end."""
+    def backup(self, way=None, **options):
+        """Runs a backup to its end. `way` is a portal that leads to that of the target."""
         self.settle()
         shown, written = len(self.daemon.log), self.image.writes()
-        wanted = volume(self.partition.uuid, target=self.target.portal, name=self.target.name,
-                        lun=self.image.lun)
-        answer = self._appliance.backup([wanted], **options)
+        place = self.image.place() | ({"target": way} if way else {})
+        answer = self._appliance.backup([volume(self.partition.uuid, **place)],
+                                        interface=self.target.interface, **options)
         assert answer.is_success, answer
         self._await_snapshot(answer.content, shown)
         own, other = self._own_cpu(), processor_seconds(self.target.pid)
@@ -145,6 +150,7 @@ class Bed(Stay):
         [details] = status["details"]
         # The volume is done before its snapshot has been ended.
         self.daemon.wait_for(lambda: ENDED in self.daemon.log[shown:], "end of the backup", SECONDS)
+        wait_until(lambda: not self.target.sessions(), SECONDS, "the engine of the image gone")
         return Run(details["type"], phases_in(self.daemon.log[shown:]),
                    details["transfer"]["bytesTransferred"], (self.image.writes() - written).bytes,
                    self._own_cpu() - own, processor_seconds(self.target.pid) - other)

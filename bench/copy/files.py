@@ -5,11 +5,21 @@ import random
 
 PIECE = 1 << 20
 LARGEST = 64 * PIECE
+WORDS = ("accepted", "backup", "connection", "copied", "finished", "refused", "snapshot", "volume")
 NOISE = os.urandom(LARGEST) # nothing that zeros or equal blocks could be found in
 
 
-def fill(root, size):
-    """Writes files of `size` bytes in all; every fourth of those that were begun with is deleted again."""
+def text():
+    """As long, and as a log has it: a compressor makes a fifth of it."""
+    chance = random.Random(3)
+    lines = (f"{at // 7} host{at % 5} service[{chance.randrange(9999)}]: {chance.choice(WORDS)} "
+             f"{chance.choice(WORDS)} took {chance.random():.4f} s\n" for at in range(LARGEST // 40))
+    return "".join(lines).encode()[:LARGEST]
+
+
+def fill(root, size, contents=(NOISE,)):
+    """Writes files of `size` bytes in all, of these contents in turn; every fourth of those that were begun
+    with is deleted again."""
     chance = random.Random(1)
     kept, number = 0, 0
     while kept < size:
@@ -17,7 +27,8 @@ def fill(root, size):
         path = root / f"d{number % 100}" / f"f{number}"
         path.parent.mkdir(exist_ok=True)
         begin = chance.randrange(LARGEST - length + 1)
-        path.write_bytes(memoryview(NOISE)[begin:begin + length])
+        content = contents[number // 4 % len(contents)]
+        path.write_bytes(memoryview(content)[begin:begin + length])
         if number % 4 == 1:
             path.unlink()
         else:

@@ -17,7 +17,7 @@ import pytest
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(ROOT))
-pytest.register_assert_rewrite("backup_site", "fault_site", "snapshot_site", "used_maps")
+pytest.register_assert_rewrite("backup_site", "fault_site", "snapshot_site", "used_maps", "zephane_scene")
 
 from backup_site import EXT4, XFS, empty, root_of  # noqa: E402
 from fault_site import DATA, FaultList, fault_site  # noqa: E402
@@ -31,6 +31,7 @@ from lab.machine import appliance_of  # noqa: E402
 from lab.site import Site  # noqa: E402
 from lab.system_log import SystemLog  # noqa: E402
 from lab.targets import Target  # noqa: E402
+from zephane_scene import Scene  # noqa: E402
 
 
 @pytest.fixture(scope="session", autouse=True)
@@ -265,9 +266,25 @@ def database():
 @pytest.fixture(scope="module")
 def faults(request):
     """Where the tests of a module note the faults that they inject."""
-    made = FaultList(request.module.__name__)
+    made = FaultList(f"faults-{request.module.__name__.removeprefix('test_').removeprefix('backup_')}")
     yield made
     made.write()
+
+
+@pytest.fixture(scope="module")
+def attacks(request):
+    """Where the tests of a module note the attacks that they make."""
+    name = request.module.__name__.removeprefix("test_").replace("_attacks_", "-")
+    made = FaultList(f"attacks-{name}", "attacks made")
+    yield made
+    made.write()
+
+
+@pytest.fixture(scope="module")
+def scene(private_machine):
+    """A server of the second transport, to be attacked."""
+    with Scene() as made:
+        yield made
 
 
 @pytest.fixture

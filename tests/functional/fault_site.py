@@ -40,17 +40,18 @@ def seeded():
 
 class FaultList:
     """The faults that a module has injected, and what became of the backups. They end up beside the
-    programs."""
+    programs, in a file of this name."""
 
-    def __init__(self, module):
-        self._path = BUILD / f"faults-{module.removeprefix('test_').removeprefix('backup_')}.txt"
+    def __init__(self, name, what="faults injected"):
+        self._path = BUILD / f"{name}.txt"
+        self._what = what
         self._lines = []
 
     def note(self, fault, state):
         self._lines.append(f"{fault}: {state}\n")
 
     def write(self):
-        text = "".join(self._lines) + f"{len(self._lines)} faults injected\n"
+        text = "".join(self._lines) + f"{len(self._lines)} {self._what}\n"
         self._path.write_text(text, encoding="utf-8")
         print(text)
 

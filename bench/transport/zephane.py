@@ -1,0 +1,183 @@
+"""Whole backups over both transports, beside a plain copy of the same data; on a release build:
+
+    BEKD_BUILD=build/release lab/namespace /usr/bin/python3 -m bench.transport.zephane [MILLISECONDS...]
+
+An ext4 of 2 GiB, a quarter of it used by files, half of which a log could be and half of which no compressor
+makes smaller, is backed up FULL and then by DIFFERENTIAL_MERGE, to which the image is equal:
+
+- over zephaneftp, compressed and not, each to an nbdkit on a file;
+- over iSCSI, to tgtd on a file.
+
+nbdcopy moves the blocks of such a backup to the same kind of nbdkit, by TCP and without TLS: as it does by
+itself, and one request at a time, as a backup does.
+
+All images are in memory, so no disk is in the way, and all ends share this machine's processors. Seconds are
+of the phase that copies, the best of some rounds. "Sent" is what has passed the loopback interface, with the
+heads of packets. Processor seconds are of the agent or nbdcopy, and of the server with its nbdkit.
+
+All of it runs with each of the round trips, in milliseconds; 0, 0.5 and 5 if none is given. Those above 0 are
+made by lab/delay.py, whose threads add some tenths of a millisecond and take their share of the processors.
+"""
+import argparse
+import contextlib
+import dataclasses
+import functools
+import pathlib
+import subprocess
+import tempfile
+
+from bench.copy import files
+from bench.copy.bed import Bed
+from bench.copy.floor import copied_ranges
+from bench.copy.process import processor_seconds, timed
+from lab.daemon import ROOT, require_private_site
+from lab.delay import LongWay
+from lab.services import Service
+from lab.zephane import ZephaneServer
+
+MEBIBYTE = 1 << 20
+GIBIBYTES = 2
+USED = GIBIBYTES << 28
+ROUND_TRIPS = (0.0, 0.5, 5.0)
+LONG_WAY_PORT = 4000
+NBD_PORT = 10809
+COLUMNS = ("s", "MiB/s", "sent MiB", "agent CPU s", "server CPU s")
+
+
+@dataclasses.dataclass(frozen=True)
+class Copy:
+    """One copy of the data, by whatever."""
+
+    bytes: int
+    seconds: float
+    sent: int
+    own_cpu: float
+    server_cpu: float
+
+    def columns(self):
+        return (f"{self.seconds:.2f}", f"{self.bytes / MEBIBYTE / self.seconds:.0f}",
+                f"{self.sent / MEBIBYTE:.1f}", f"{self.own_cpu:.2f}", f"{self.server_cpu:.2f}")
+
+
+def line(name, *columns):
+    print(f"  {name:44}" + "".join(f"{column:>14}" for column in columns), flush=True)
+
+
+@contextlib.contextmanager
+def portal_of(port, milliseconds):
+    """The portal to use, and how often what is sent passes the interface."""
+    if milliseconds == 0:
+        yield None, 1
+        return
+    with LongWay(port, milliseconds / 1000, listen=LONG_WAY_PORT) as way:
+        yield way.portal, 2
+
+
+def sent_so_far():
+    """Bytes, by the loopback interface of this namespace."""
+    lines = pathlib.Path("/proc/net/dev").read_text(encoding="ascii").splitlines()
+    [counters] = [line.partition(":")[2].split() for line in lines if line.strip().startswith("lo:")]
+    return int(counters[8])
+
+
+def measured(passes, run):
+    """What `run` returns, and how much was sent meanwhile."""
+    before = sent_so_far()
+    value = run()
+    return value, (sent_so_far() - before) // passes
+
+
+def back_up(bed, milliseconds, **kind):
+    with portal_of(bed.target.port, milliseconds) as (way, passes):
+        run, sent = measured(passes, lambda: bed.backup(way, **kind))
+    return Copy(run.bytes, run.copy, sent, run.own_cpu, run.target_cpu)
+
+
+class NbdServer(Service):
+    """An nbdkit on a file of its own, as zephaned starts one."""
+
+    def __init__(self, path):
+        super().__init__()
+        self.command = ("nbdkit", "--foreground", "--port", str(NBD_PORT), "--ipaddr", "127.0.0.1", "file",
+                        path)
+
+    def is_ready(self):
+        return subprocess.run(["nbdinfo", "--size", f"nbd://127.0.0.1:{NBD_PORT}"], capture_output=True,
+                              check=False).returncode == 0
+
+
+@contextlib.contextmanager
+def used_blocks(bed):
+    """A sparse file of what a full backup copies, and how much that is."""
+    with bed.last_snapshot() as device, tempfile.NamedTemporaryFile() as file, open(device, "rb") as source:
+        ranges = copied_ranges(device, bed.partition.volume.file_system)
+        file.truncate(bed.size)
+        for offset, length in ranges:
+            source.seek(offset)
+            file.seek(offset)
+            file.write(source.read(length))
+        file.flush()
+        yield file.name, sum(length for _, length in ranges)
+
+
+def nbdcopy(path, size, milliseconds, *options):
+    with tempfile.NamedTemporaryFile() as image:
+        image.truncate(pathlib.Path(path).stat().st_size)
+        with NbdServer(image.name) as server, portal_of(NBD_PORT, milliseconds) as (way, passes):
+            uri = f"nbd://{way or f'127.0.0.1:{NBD_PORT}'}"
+            before = processor_seconds(server.pid)
+            (_, seconds, cpu), sent = measured(passes, lambda: timed(
+                ["nbdcopy", "--destination-is-zero", *options, path, uri]))
+            return Copy(size, seconds, sent, cpu, processor_seconds(server.pid) - before)
+
+
+def best(rounds, run):
+    """What else the machine does comes and goes."""
+    return min((run() for _ in range(rounds)), key=lambda copy: copy.seconds)
+
+
+def race(bed, servers, rounds, milliseconds):
+    print(f"\nround trip {milliseconds} ms", flush=True)
+    line("", *COLUMNS)
+    for name, server in servers.items():
+        bed.use(server, server.images[0])
+        for kind, options in (("FULL", {"full": True}), ("DIFFERENTIAL_MERGE", {"merge": True})):
+            copy = best(rounds, functools.partial(back_up, bed, milliseconds, **options))
+            line(f"{name}, {kind}", *copy.columns())
+    with used_blocks(bed) as (path, size):
+        for name, options in (("nbdcopy", ()), ("nbdcopy, one request at a time", ("--synchronous",))):
+            line(name, *best(rounds, lambda: nbdcopy(path, size, milliseconds, *options)).columns())
+
+
+def zephaned(bed, lasting, port, compression):
+    """One with an image of the bed's size."""
+    server = lasting.enter_context(ZephaneServer(port, compression=compression))
+    server.add_image("image", bed.size, poisoned=False, backend=str(server.directory / "image"))
+    return server
+
+
+def parse_arguments():
+    parser = argparse.ArgumentParser(description=__doc__,
+                                     formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("--rounds", type=int, default=3, help="default: %(default)s")
+    parser.add_argument("--directory", type=pathlib.Path, default=ROOT / "build/bench")
+    parser.add_argument("round_trips", type=float, nargs="*", metavar="MILLISECONDS")
+    return parser.parse_args()
+
+
+def main():
+    arguments = parse_arguments()
+    require_private_site()
+    arguments.directory.mkdir(parents=True, exist_ok=True)
+    with contextlib.ExitStack() as lasting:
+        bed = lasting.enter_context(Bed(arguments.directory, GIBIBYTES, images="/tmp", poisoned=False))
+        files.fill(bed.root, USED, (files.NOISE, files.text()))
+        servers = {"zephaneftp, compressed": zephaned(bed, lasting, 25568, True),
+                   "zephaneftp": zephaned(bed, lasting, 25569, False), "iSCSI": bed.target}
+        bed.backup(full=True) # each file gets its place
+        for milliseconds in arguments.round_trips or ROUND_TRIPS:
+            race(bed, servers, arguments.rounds, milliseconds)
+
+
+if __name__ == "__main__":
+    main()

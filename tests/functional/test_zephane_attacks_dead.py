@@ -1,0 +1,65 @@
+"""Writers of the second transport that neither go on nor go away: they must not keep an image to themselves.
+
+What became of them is told beside the programs, in attacks-zephane-dead.txt.
+"""
+import concurrent.futures
+import contextlib
+import time
+
+import zephane_nbd as nbd
+import zephane_wire as wire
+from lab.commands import run
+from lab.services import wait_until
+from zephane_scene import OTHER_SIZE
+
+LIMIT_SECONDS = 60 # what the server grants a peer that neither takes nor sends anything
+MARGIN_SECONDS = 10
+
+
+def is_busy(scene, image):
+    """Whether there is another writer."""
+    with scene.attacker(image) as attacker:
+        return attacker.shake_hands().code == wire.BUSY
+
+
+@contextlib.contextmanager
+def cut_off(port):
+    """Packets from and to a local port get lost."""
+    run("nft", f"""add table inet cut
+        add chain inet cut lost {{ type filter hook input priority 0; }}
+        add rule inet cut lost tcp sport {port} drop
+        add rule inet cut lost tcp dport {port} drop""")
+    try:
+        yield
+    finally:
+        run("nft", "delete table inet cut")
+
+
+def seconds_until_free(scene, image):
+    """How long another writer is kept out."""
+    begin = time.monotonic()
+    wait_until(lambda: not is_busy(scene, image), LIMIT_SECONDS + MARGIN_SECONDS, "the image free again")
+    return time.monotonic() - begin
+
+
+def firewall_writer(scene):
+    """One whose machine has lost its network."""
+    with scene.owner() as (attacker, _):
+        with cut_off(attacker.connection.socket.getsockname()[1]):
+            return seconds_until_free(scene, scene.image)
+
+
+def stop_reading(scene):
+    """One who asks and doesn't take the answers."""
+    with scene.owner(scene.other) as (_, image):
+        for _ in range(16):
+            image.request(nbd.READ, 0, OTHER_SIZE)
+        return seconds_until_free(scene, scene.other)
+
+
+def test_dead_writers_are_found(scene, attacks):
+    with concurrent.futures.ThreadPoolExecutor(2) as pool:
+        jobs = {job.__name__: pool.submit(job, scene) for job in (firewall_writer, stop_reading)}
+    for name, job in jobs.items():
+        attacks.note(f"a writer that is dead: {name}", f"ended after {job.result():.0f} s")
+    scene.check_standing()
