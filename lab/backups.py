@@ -1,4 +1,4 @@
-"""Volumes, each with an image on a target, and backups of them by a daemon.
+"""Volumes, each with an image on a server, and backups of them by a daemon.
 
     with Site() as site, Target() as target, Daemon() as daemon, Appliance(...) as appliance:
         protection = Protection(appliance, daemon, target, [site.disk["data"]])
@@ -7,7 +7,6 @@
         protection.verify()
 """
 import dataclasses
-import math
 import pathlib
 
 from lab.appliance_client import volume
@@ -110,22 +109,23 @@ class Proof:
 
 
 class Protection:
-    """Volumes and their images. With an `offset`, in bytes, an image begins that far inside its LUN."""
+    """Volumes and their images on a target, which is any ImageServer. With an `offset`, in bytes, what is of
+    a volume begins that far inside its image. `image` is one that is there; else each volume gets its own,
+    made with `options`."""
 
-    def __init__(self, appliance, daemon, target, partitions, *, block_size=512, offset=0, account=("", "")):
+    def __init__(self, appliance, daemon, target, partitions, *, offset=0, image=None, **options):
         self.appliance = appliance
         self.daemon = daemon
         self.target = target
         self.offset = offset
-        self.account = account
         self.partitions = {partition.name: partition for partition in partitions}
-        self.images = {name: self._add_image(partition, block_size)
+        self.images = {name: image or self._add_image(partition, options)
                        for name, partition in self.partitions.items()}
         self.set_cow_size(COW_MIB)
 
-    def _add_image(self, partition, block_size):
+    def _add_image(self, partition, options):
         size = self.offset + max(size_of(partition), LEAST)
-        return self.target.add_image(partition.name, math.ceil(size / block_size) * block_size, block_size)
+        return self.target.add_image(partition.name, size, **options)
 
     def set_cow_size(self, mebibytes, *names):
         """Of the next snapshots. A size of the agent's own choice takes half of a small volume."""
@@ -136,16 +136,15 @@ class Protection:
 
     def request(self, *names, **changes):
         """The volumes of a request, of all volumes if none is named; `changes` apply to each."""
-        user, password = self.account
-        return [volume(**({"guid": self.partitions[name].uuid, "target": self.target.portal,
-                           "name": self.target.name, "lun": self.images[name].lun, "offset": self.offset,
-                           "username": user, "password": password} | changes))
+        return [volume(**({"guid": self.partitions[name].uuid, "offset": self.offset}
+                          | self.images[name].place() | changes))
                 for name in names or self.partitions]
 
     def start(self, *names, volumes=None, **kind):
         """Starts a backup, incremental unless `full` or `merge` is true."""
         def request():
-            answer = self.appliance.backup(volumes or self.request(*names), **kind)
+            answer = self.appliance.backup(volumes or self.request(*names),
+                                           **{"interface": self.target.interface} | kind)
             assert answer.status == 201, answer
             return answer.content
         return self.started_by(request)

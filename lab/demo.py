@@ -1,4 +1,4 @@
-"""A tour of the agent on one machine: whole backups of real volumes to a real iSCSI target, each proven.
+"""A tour of the agent on one machine: whole backups of real volumes to real servers, each proven.
 
 Lines behind "$" are what a person would type, those behind "|" what there is to be seen. Run by scripts/demo,
 inside lab/namespace.
@@ -29,6 +29,7 @@ from lab.services import ServiceError
 from lab.site import DATA, FILES, WINDOWS, Site
 from lab.snapshots import drop_snapshots
 from lab.targets import Target
+from lab.zephane import ZephaneServer
 
 WIDTH = 100
 SECONDS = 60
@@ -105,6 +106,7 @@ class Result:
     """What has become of one volume in one backup."""
 
     volume: str
+    transport: str
     asked: str
     run: str
     copied: int
@@ -113,8 +115,9 @@ class Result:
     verified: str
 
     def row(self):
-        return (self.volume, self.asked, self.run, megabytes(self.copied), megabytes(self.written),
-                f"{self.seconds:.2f}", f"{self.copied / 1e6 / max(self.seconds, 0.001):,.1f}", self.verified)
+        return (self.volume, self.transport, self.asked, self.run, megabytes(self.copied),
+                megabytes(self.written), f"{self.seconds:.2f}",
+                f"{self.copied / 1e6 / max(self.seconds, 0.001):,.1f}", self.verified)
 
 
 class Tour:
@@ -128,14 +131,6 @@ class Tour:
         self.target = None
         self.protection = None
         self.results = []
-
-    @property
-    def volume_arguments(self):
-        """The volumes and their images, as `lab/appliance backup` takes them."""
-        images = self.protection.images
-        return ("--target", self.target.portal, "--name", self.target.name,
-                *(word for partition in self.site.disk
-                  for word in ("--volume", f"guid={partition.uuid},lun={images[partition.name].lun}")))
 
 
 def set_up_site(tour):
@@ -265,12 +260,30 @@ def repair_image(tour):
     back_up(tour, "incremental", {**unharmed, "data": "differential"})
 
 
-def back_up(tour, asked, expected):
+def iscsi_arguments(protection):
+    """The volumes and their images, as `lab/appliance backup` takes them."""
+    return ("--target", protection.target.portal, "--name", protection.target.name,
+            *(word for name, image in protection.images.items()
+              for word in ("--volume", f"guid={protection.partitions[name].uuid},lun={image.lun}")))
+
+
+def zephane_arguments(protection):
+    """The same for the second transport. Secrets are in files."""
+    words = ["--zephane", "--target", protection.target.portal]
+    for name, image in protection.images.items():
+        secret = LAB / f"{name}.secret"
+        secret.write_text(image.secret, encoding="ascii")
+        words += ["--volume", f"guid={protection.partitions[name].uuid},name={image.name},lun={image.lun},"
+                              f"password-file={secret}"]
+    return words
+
+
+def back_up(tour, asked, expected, arguments=iscsi_arguments):
     """Runs a backup, shows its progress, and proves its images. `expected` is the type of each volume."""
     before = {name: image.writes() for name, image in tour.protection.images.items()}
     kind = ["--full"] if asked == "full" else []
     backup = tour.protection.started_by(
-        lambda: appliance("backup", *kind, *tour.volume_arguments).strip())
+        lambda: appliance("backup", *kind, *arguments(tour.protection)).strip())
     show_command(["lab/appliance", "watch", backup.id])
     names = {partition.uuid: partition.name for partition in tour.site.disk}
     with shown_progress(names=names, prefix=PREFIX) as progress:
@@ -303,8 +316,9 @@ def judge(protection, backup, name, asked, written):
     except ImageError as error:
         show(f"image of {name}: {error}")
         verified = "NO"
-    return Result(name, asked, TYPES[backup.type(name)], backup.bytes(name), written,
-                  seconds_of_copy(backup.log, protection.partitions[name].uuid), verified)
+    return Result(name, protection.target.interface or "iscsi", asked, TYPES[backup.type(name)],
+                  backup.bytes(name), written, seconds_of_copy(backup.log, protection.partitions[name].uuid),
+                  verified)
 
 
 def seconds_of_copy(log, uuid):
@@ -313,6 +327,14 @@ def seconds_of_copy(log, uuid):
         re.search(rf"^(\S+ \S+) .*{word} copying volume {uuid}", log, re.MULTILINE)[1])
         for word in ("Beginning", "Finished"))
     return (end - begin).total_seconds()
+
+
+def back_up_elsewhere(tour):
+    """FULL over the second transport, whose images have a secret each"""
+    server = tour.lasting.enter_context(ZephaneServer())
+    show(f"server: zephaned at {server.portal}, with an nbdkit for each image")
+    tour.protection = Protection(tour.protection.appliance, tour.daemon, server, [tour.site.disk["data"]])
+    back_up(tour, "full", {"data": "full"}, zephane_arguments)
 
 
 def stop_daemon(tour):
@@ -326,7 +348,7 @@ def stop_daemon(tour):
 
 
 STEPS = [set_up_site, start_daemon, pair, refuse_strangers, look_at_host, set_option, back_up_all,
-         back_up_changes, repair_image, stop_daemon]
+         back_up_changes, repair_image, back_up_elsewhere, stop_daemon]
 FAILURES = (StepFailed, AssertionError, CertificateError, NoAnswer, OSError, ServiceError, Unreachable,
             ValueError, subprocess.SubprocessError)
 
@@ -344,10 +366,11 @@ def run_steps(tour):
 
 
 def show_results(results, succeeded):
-    heading = ("volume", "asked for", "has run", "copied", "written", "seconds", "MB/s", "verified")
+    heading = ("volume", "transport", "asked for", "has run", "copied", "written", "seconds", "MB/s",
+               "verified")
     rows = [heading, *(result.row() for result in results)]
     print()
-    show_table(rows, prefix="", numbers=(3, 4, 5, 6))
+    show_table(rows, prefix="", numbers=(4, 5, 6, 7))
     if succeeded:
         print("\nAfter each backup every image was what its volume had been at the snapshot.\n"
               "DIFFERENTIAL_MERGE compares all that is in use, counted as copied, and writes what differs.\n"

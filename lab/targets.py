@@ -3,58 +3,41 @@
     with Target(port=3260) as target:
         image = target.add_image("data", 1 << 30)
         target.portal, target.name, image.lun, image.path
-        before = image.writes()
-        ...
-        (image.writes() - before).commands
 
-The images, and what was written to them, outlive kill() and restart(); they go with the target. What tgtd has
-been given is in the files, in the kernel's memory, at once: that it is killed loses nothing.
+What tgtd has been given is in the files, in the kernel's memory, at once: that it is killed loses nothing.
+image_server.py has what all servers of images can do.
 """
 import contextlib
-import dataclasses
+import math
 import os
-import pathlib
-import signal
 import socket
-import tempfile
 
-from lab import poison
 from lab.commands import run
-from lab.services import Service, ServiceError, wait_until
+from lab.image_server import ADDRESS, ImageServer, Writes
 
-SECONDS = 20
-ADDRESS = "127.0.0.1"
 NAME = "iqn.2026-01.example:images"
 TARGET = "1" # the number of the only target of each tgtd
-STOPPED = "T"
-
-
-@dataclasses.dataclass(frozen=True)
-class Writes:
-    """SCSI commands that have written, and how much."""
-
-    commands: int = 0
-    bytes: int = 0
-
-    def __add__(self, other):
-        return Writes(self.commands + other.commands, self.bytes + other.bytes)
-
-    def __sub__(self, other):
-        return Writes(self.commands - other.commands, self.bytes - other.bytes)
+NOBODY = ("", "")
 
 
 class Image:
     """A disk of the target. `thin` ones can be told that blocks are unused (UNMAP)."""
 
-    def __init__(self, target, name, lun, block_size, thin):
+    def __init__(self, target, path, lun, block_size, thin):
         self._target = target
-        self.name = name
+        self.name = path.name
         self.lun = lun
         self.block_size = block_size
         self.thin = thin
-        self.path = target.directory / name
+        self.path = path
         self.threads = set()
         self._earlier = Writes()
+
+    def place(self):
+        """What a backup request says of it."""
+        user, password = self._target.account
+        return {"target": self._target.portal, "name": self._target.name, "lun": self.lun, "username": user,
+                "password": password}
 
     def writes(self):
         """What has been written to the image since it was added, by the commands that have been answered.
@@ -76,37 +59,27 @@ def writes_of(thread):
     return Writes(int(account["syscw"]), int(account["wchar"]))
 
 
-def is_stopped(thread):
-    with contextlib.suppress(OSError): # it may be ending
-        return (thread / "stat").read_text(encoding="ascii").rpartition(")")[2].split()[0] == STOPPED
-    return False
-
-
-class Target(Service):
-    """One tgtd with one target. The images lie below `directory`; on XFS their poison costs no room."""
+class Target(ImageServer):
+    """One tgtd with one target."""
 
     def __init__(self, port=3260, name=NAME, directory="/tmp"):
-        super().__init__()
-        self.port = port
+        super().__init__(port, directory)
         self.name = name
-        self.images = []
-        self.directory = None
-        self._parent = directory
         self._accounts = {}
         self._control = None
 
     @property
-    def portal(self):
-        return f"{ADDRESS}:{self.port}"
+    def account(self):
+        """Whom a backup goes by: the last user and password that were named, if any."""
+        return list(self._accounts.items())[-1] if self._accounts else NOBODY
 
     @property
     def command(self):
         return ("env", f"TGT_IPC_SOCKET={self._control}", "tgtd", "-f", "--iscsi", f"portal={self.portal}")
 
     def open(self, lasting):
-        made = tempfile.TemporaryDirectory
-        self.directory = pathlib.Path(lasting.enter_context(made(prefix="images-", dir=self._parent)))
-        self._control = pathlib.Path(lasting.enter_context(made(prefix="tgtd-", dir="/run")), "control")
+        super().open(lasting)
+        self._control = self.make_directory(lasting, "tgtd-", "/run") / "control"
         lasting.callback(self.kill)
         self.start()
 
@@ -136,26 +109,23 @@ class Target(Service):
                    env={**os.environ, "TGT_IPC_SOCKET": str(self._control)})
 
     def add_image(self, name, size, block_size=512, *, thin=False, poisoned=True):
-        """Adds a disk of `size` bytes. Its file is there, all poison, until the target goes; without
-        poison, for disks too large to be filled, it is a hole."""
-        image = Image(self, name, len(self.images) + 1, block_size, thin) # 0 is tgtd's own
-        if poisoned:
-            poison.make_image(image.path, size)
-        else:
-            with open(image.path, "xb") as file:
-                file.truncate(size)
+        """Adds a disk, of whole blocks. See ImageServer."""
+        size = math.ceil(size / block_size) * block_size
+        return super().add_image(name, size, poisoned=poisoned, block_size=block_size, thin=thin)
+
+    def serve(self, path, *, block_size, thin):
+        image = Image(self, path, len(self.images) + 1, block_size, thin) # 0 is tgtd's own
         self._add_unit(image)
-        self.images.append(image)
         return image
 
     def _add_unit(self, image):
-        others = self._all_threads()
+        others = self.all_threads()
         unit = ("--tid", TARGET, "--lun", str(image.lun))
         self._administer("new", "logicalunit", *unit, "--backing-store", image.path,
                          "--blocksize", str(image.block_size))
         if image.thin:
             self._administer("update", "logicalunit", *unit, "--params", "thin_provisioning=1")
-        image.threads = self._all_threads() - others
+        image.threads = self.all_threads() - others
 
     def sessions(self):
         """How many initiators are logged in."""
@@ -170,58 +140,15 @@ class Target(Service):
         self._administer("new", "account", "--user", user, "--password", password)
         self._administer("bind", "account", "--tid", TARGET, "--user", user)
 
-    def writes(self):
-        """What has been written to all of the images."""
-        return sum((image.writes() for image in self.images), Writes())
-
-    def _all_threads(self):
-        return set(pathlib.Path("/proc", str(self.pid), "task").iterdir())
-
     def threads(self, image):
         """Those that work for an image; none while the target is down."""
         if self._process is None:
             return set()
-        if self._has_ended():
-            raise self._unexpected_end()
+        self.check_running()
         return image.threads
 
-    def pause(self):
-        """Lets initiators wait: nothing is answered until resume(). Returns when all is at a standstill."""
-        if not self._halt():
-            raise self._unexpected_end()
+    def settle_accounts(self):
+        for image in self.images:
+            image.settle_accounts()
 
-    def _halt(self):
-        """Returns whether tgtd has come to a standstill; if not, it has ended."""
-        self._process.send_signal(signal.SIGSTOP)
-        wait_until(lambda: self._has_ended() or all(map(is_stopped, self._all_threads())), SECONDS,
-                   "tgtd stopped")
-        return not self._has_ended()
-
-    def _has_ended(self):
-        return self._process.poll() is not None
-
-    def _unexpected_end(self):
-        return ServiceError(f"tgtd has ended with {self._process.returncode}; it printed:\n{self.output}")
-
-    def resume(self):
-        self._process.send_signal(signal.SIGCONT)
-
-    def kill(self):
-        """Ends tgtd at once, as a crash of the appliance does; there is no other way while it has targets.
-        What has been counted is kept; if anything else ends it, that is lost."""
-        if self._process is None:
-            return
-        if self._halt():
-            for image in self.images:
-                image.settle_accounts()
-        self._process.kill()
-        self._process.wait(SECONDS)
-        self._process = None
-        self._log.close()
-
-    stop = kill
-
-    def restart(self):
-        """Brings back the same images under the same numbers; ends a target that is up first."""
-        self.kill()
-        return self.start()
+    stop = ImageServer.kill # there is no other way while it has targets

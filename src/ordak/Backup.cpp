@@ -74,13 +74,13 @@ Integer readNumber(const json& object, const char* key) {
     return readKey(object, key, [](const json& value) { return requireWholeNumber<Integer>(value); });
 }
 
-std::int32_t readLun(const json& object) {
-    return readKey(object, "lun", [](const json& value) {
-        const auto lun = requireWholeNumber<std::int32_t>(value);
-        if (lun < 0) {
-            throw std::out_of_range("the logical unit number " + std::to_string(lun) + " is negative");
+std::uint64_t readLun(const json& object, std::uint64_t largest) {
+    return readKey(object, "lun", [&](const json& value) {
+        const std::optional<std::int64_t> lun = wholeNumber<std::int64_t>(value);
+        if (lun && *lun < 0) {
+            throw std::out_of_range("the logical unit number " + std::to_string(*lun) + " is negative");
         }
-        return lun;
+        return requireWholeNumber(value, largest);
     });
 }
 
@@ -120,6 +120,7 @@ APIResponse Backup::operator()(const std::string& body) {
     if (interface == "zephane") {
         throw std::invalid_argument("Zephane v1 not supported!");
     }
+    const core::TransportKind& kind = core::transportKindOf(interface);
     const core::backup::BackupType type = readType(request);
     std::shared_ptr<core::backup::ISnapshotAttributes> snapshotAttributes = readSnapshotAttributes(request);
     if (!request.contains("volumes")) {
@@ -128,9 +129,9 @@ APIResponse Backup::operator()(const std::string& body) {
     auto session = std::make_unique<core::backup::BackupSession>(logger);
     Attributes attributes;
     for (const json& entry : request.at("volumes")) {
-        Volume volume = readVolume(entry);
+        Volume volume = readVolume(entry, kind.largestLun);
         insert(attributes, volume.guid, {volume.image.offset, type, std::move(volume.scripts)});
-        session->addTransport(volume.guid, makeTransport(interface, volume.image));
+        session->addTransport(volume.guid, makeTransport(interface, kind, volume.image));
     }
     std::string id = engine.createBackup(
         std::move(session), std::make_shared<core::backup::BackupAttributes>(std::move(attributes)),
@@ -138,13 +139,13 @@ APIResponse Backup::operator()(const std::string& body) {
     return {APIResponse::ContentType::plainText, std::move(id), 201};
 }
 
-Backup::Volume Backup::readVolume(const json& entry) {
+Backup::Volume Backup::readVolume(const json& entry, std::uint64_t largestLun) {
     Volume volume;
     volume.guid = readName(entry, "guid");
     volume.image.offset = readNumber<std::uint64_t>(entry, "offset");
     volume.image.qualifiedName = readName(entry, "qualifiedName");
     volume.image.address = readName(entry, "target");
-    volume.image.lun = readLun(entry);
+    volume.image.lun = readLun(entry, largestLun);
     volume.image.username = readText(entry, "username");
     volume.image.password = readText(entry, "password");
     const auto scripts =
@@ -173,10 +174,10 @@ std::uint32_t Backup::readTimeout(const json& script, const std::string& name) {
 }
 
 std::shared_ptr<core::ITransport> Backup::makeTransport(const std::string& interface,
+                                                        const core::TransportKind& kind,
                                                         const core::RemoteImage& image) {
     logger.log(info::level::debug, "Backup transport interface requested: %s",
                interface.empty() ? "<not specified>" : printable(interface).c_str());
-    const core::TransportKind& kind = core::transportKindOf(interface);
     logger.log(info::level::info, "Backup transport interface: %s", kind.name);
     return kind.make(logger, image);
 }

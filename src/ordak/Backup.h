@@ -35,10 +35,11 @@ private:
         std::vector<core::backup::VolumeScript> scripts;
     };
 
-    [[nodiscard]] Volume readVolume(const nlohmann::json& entry);
+    [[nodiscard]] Volume readVolume(const nlohmann::json& entry, std::uint64_t largestLun);
     [[nodiscard]] core::backup::VolumeScript readScript(const nlohmann::json& script);
     [[nodiscard]] std::uint32_t readTimeout(const nlohmann::json& script, const std::string& name);
     [[nodiscard]] std::shared_ptr<core::ITransport> makeTransport(const std::string& interface,
+                                                                  const core::TransportKind& kind,
                                                                   const core::RemoteImage& image);
 
     info::Logger& logger;

@@ -7,13 +7,19 @@ import pathlib
 import random
 import shutil
 
+import pytest
+
 import snapshot_site
 from change_records import Moment, common, extents_of_units, marked_units
 from lab import driver
 from lab.backups import capture_of
 from lab.daemon import SCRIPTS
+from lab.targets import Target
+from lab.zephane import ZephaneServer
 
 LONGEST = 4 << 20 # nothing longer is sent with one command
+OVER_BOTH = pytest.mark.parametrize("target", [Target, ZephaneServer], indirect=True,
+                                    ids=["iscsi", "zephane"])
 EXT4 = dataclasses.replace(snapshot_site.EXT4, mebibytes=320)
 # Or XFS sets blocks aside behind the ends of files, which are then in use and were never written.
 XFS = dataclasses.replace(snapshot_site.XFS, mebibytes=352, options="allocsize=4k")
@@ -29,6 +35,39 @@ def fill(root, seed, files=40, largest=300_000):
         path = root / f"{seed}-{number % 7}" / f"file {number}"
         path.parent.mkdir(exist_ok=True)
         path.write_bytes(source.randbytes(source.randrange(largest)))
+
+
+def fill_some(volumes, names, seed):
+    for name in names:
+        fill(root_of(volumes[name]), f"{seed} {name}", files=15)
+
+
+def check(protection, backup, kind):
+    """The backup has become one of this kind, and the images are right."""
+    assert backup.state == "finished", backup.log
+    assert {backup.type(name) for name in protection.partitions} == {kind}, backup.log
+    protection.verify()
+
+
+def check_chain(protection, volumes):
+    """FULL, DIFFERENTIAL MERGE and INCREMENTAL, with changes between."""
+    for seed, kind, asked in (("a", "full", {"full": True}), ("b", "differential", {"merge": True}),
+                              ("c", "incremental", {})):
+        fill_some(volumes, protection.partitions, seed)
+        check(protection, protection.run(**asked), kind)
+
+
+def check_refused(protection, **changes):
+    """A request with these changes fails before there is a snapshot, writes nothing, and costs nothing: there
+    has been a backup before. Returns what was logged."""
+    before = protection.target.writes()
+    backup = protection.run(volumes=protection.request(**changes))
+    assert backup.state == "failed", backup.log
+    assert (backup.status["connection_error"], backup.status["snapshot_error"]) == (True, False)
+    assert protection.target.writes() == before
+    assert "Start Snapshotting" not in backup.log
+    assert {device_of(partition)["state"] for partition in protection.partitions.values()} == {2}
+    return backup.log
 
 
 def digest(path):

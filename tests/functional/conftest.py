@@ -156,9 +156,15 @@ def volumes(volume_site, agent):
             empty(root_of(partition))
 
 
+def server_of(request):
+    """What the module has its images on."""
+    return getattr(request.module, "SERVER", Target)
+
+
 @pytest.fixture
-def target():
-    with Target() as running:
+def target(request):
+    """Where the images are: what the test names, or the module as its `SERVER`, or an iSCSI target."""
+    with getattr(request, "param", server_of(request))() as running:
         yield running
 
 
@@ -259,7 +265,7 @@ def faults(request):
 
 
 @pytest.fixture
-def one_volume(agent, appliance):
+def one_volume(request, agent, appliance):
     """A site to break, with one volume that has been backed up."""
-    with fault_site(appliance, agent, (DATA,)) as site:
+    with fault_site(appliance, agent, (DATA,), server_of(request)) as site:
         yield site

@@ -22,6 +22,7 @@ MORE = dataclasses.replace(DATA, name="more", mount_point="/mnt/more")
 SNAPSHOTS = ("/dev/tolvu0", "/dev/tolvu1")
 RETRYING = "Sleeping, reconnecting, and retrying."
 FIRST, LITTLE = 0, 5 # reads of a copy, before it is held
+OWN_LINES = 12 # a request to start a backup logs fewer, on a thread of its own
 CALL_OF_RUN = "rt_sigaction" # in the daemon, only a thread that runs a backup makes it
 
 # Why the first backup after a kill may fail: the snapshot left behind is mounted, or not of the kind wanted,
@@ -42,7 +43,7 @@ class FaultList:
     programs."""
 
     def __init__(self, module):
-        self._path = BUILD / f"faults-{module.removeprefix('test_backup_')}.txt"
+        self._path = BUILD / f"faults-{module.removeprefix('test_').removeprefix('backup_')}.txt"
         self._lines = []
 
     def note(self, fault, state):
@@ -105,7 +106,7 @@ class FaultSite:
         for name in self.site.names:
             self.site.check_writable(name)
         self.site.check_clean()
-        wait_until(lambda: self.target.sessions() == 0, SECONDS, "all initiators logged out")
+        wait_until(lambda: self.target.sessions() == 0, SECONDS, "all sessions at the target ended")
 
     def assert_recovered(self):
         """Nothing is frozen, mounted, attached or logged in, and the next backup works."""
@@ -137,6 +138,13 @@ class FaultSite:
                          if any(line.startswith(CALL_OF_RUN) for line in lines))
         assert backup.state == "finished", backup.log
         self.check_clean()
+        return found
+
+    def boundaries(self, texts, **kind):
+        """(text, number) of the lines with these texts that the thread of a backup logs."""
+        lines = [line for line in self.rehearse("write", **kind) if str(log_file()) in line]
+        found = [(text, next(at for at, line in enumerate(lines, 1) if text in line)) for text in texts]
+        assert found[0][1] > OWN_LINES
         return found
 
     def steps_of_copy(self, call, path="", **kind):
@@ -175,8 +183,9 @@ def log_file():
 
 
 @contextlib.contextmanager
-def fault_site(appliance, daemon, volumes, directory="/tmp"):
-    with SnapshotSite(volumes) as site, Target(directory=directory) as target:
+def fault_site(appliance, daemon, volumes, server=Target, **options):
+    """`options` are those of the server of the images."""
+    with SnapshotSite(volumes) as site, server(**options) as target:
         made = FaultSite(site, target, appliance, daemon)
         for name in site.names:
             fill(site.mount_point(name), name)

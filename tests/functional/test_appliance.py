@@ -197,7 +197,10 @@ def test_agent_of_another_authority(agent, device, tmp_path):
 
 @pytest.mark.parametrize("arguments", [
     (), ("nonsense",), ("pair", "x"), ("loglevel", "loud"), ("config", "x"), ("backup", "--volume", "lun=1"),
-    ("backup", "--volume", "guid=1,a=2"), ("backup", "--volume", "guid=1"), ("backup", "--request", "/none")])
+    ("backup", "--volume", "guid=1,a=2"), ("backup", "--volume", "guid=1"), ("backup", "--request", "/none"),
+    ("backup", "--zephane", "--interface", "iscsi", "--volume", "guid=1,target=t,name=n"),
+    ("backup", "--password", "p", "--password-file", "/dev/null", "--volume", "guid=1,target=t,name=n"),
+    ("backup", "--volume", "guid=1,target=t,name=n,password-file=/none")])
 def test_command_line_that_makes_no_sense(agent, command, arguments):
     status, output, error = command(*arguments)
     assert (status, output) == (64, "")
@@ -218,6 +221,22 @@ def test_backup_of_two_volumes(agent, command):
          "scriptsPrePost": [{"scriptname": "stop"}, {"scriptname": "flush", "timeout": 30}]},
         {"guid": "2a2b", "offset": 4096, "lun": 7, "username": "u", "password": "p", **shared,
          "scriptsPrePost": []}]}
+
+
+def test_backup_over_the_second_transport(agent, command, tmp_path):
+    """Each image has a secret of its own, and a volume ID of 64 bits. Nothing of a secret is shown."""
+    secrets = {"one": "s3cret, with a comma", "two": "an0ther"}
+    for name, secret in secrets.items():
+        (tmp_path / name).write_text(f"{secret}\n")
+    agent.says((201, "text/plain", "b-1"))
+    assert command("backup", "--zephane", "--target", "10.0.0.1:25568", "--password-file", tmp_path / "one",
+                   "--volume", f"guid=0f1e,name=host1/data,lun={2**64 - 1}",
+                   "--volume", f"guid=2a2b,name=host1/files,password-file={tmp_path / 'two'}") \
+        == (0, "b-1\n", "")
+    sent = json.loads(agent.requests[0][2])
+    assert sent["interface"] == "zephaneftp"
+    assert [(volume["qualifiedName"], volume["lun"], volume["password"]) for volume in sent["volumes"]] == \
+        [("host1/data", 2**64 - 1, secrets["one"]), ("host1/files", 2, secrets["two"])]
 
 
 def test_backup_from_a_file(agent, command, tmp_path):

@@ -1,5 +1,5 @@
 """A whole backup by the real daemon to a real target: what is in the image is what the volume was."""
-from backup_site import fill, root_of, size_of_all
+from backup_site import OVER_BOTH, fill, root_of, size_of_all
 from change_records import copied_extents
 from lab.backups import capture_of
 
@@ -12,6 +12,7 @@ def check_nothing_is_sent_in_vain(backup, volumes):
     assert "error occurred" not in backup.log
 
 
+@OVER_BOTH
 def test_full_then_incremental(protect, volumes):
     for name, partition in volumes.items():
         fill(root_of(partition), name)

@@ -13,7 +13,9 @@ from lab.hfs_maker import content_of, path_of
 from lab.hfs_mount import HfsMount
 from lab.images import compare_used
 from lab.poison import is_poison
+from lab.targets import Target
 from lab.volumes import Volume
+from lab.zephane import ZephaneServer
 
 MIB = 1 << 20
 MEBIBYTES = 160 # with room for a CoW file
@@ -83,7 +85,8 @@ def change_file(partition):
     return contents() | {path_of(CHANGED): bytes(512) + old[512:]}
 
 
-@of("usual", "pieces", "large-blocks")
+@pytest.mark.parametrize(("protection", "target"), [
+    ("usual", Target), ("pieces", Target), ("large-blocks", Target), ("usual", ZephaneServer)], indirect=True)
 def test_used_blocks_are_copied_and_merged(protection):
     name, partition, image = parts(protection)
     truth = truth_of(partition.device, "hfsplus")

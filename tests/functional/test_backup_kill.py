@@ -26,7 +26,6 @@ BOUNDARIES = (
     "Finished execution of the Transition To Incremental phase.",
     "Backup run finished",
 )
-OWN_LINES = 12 # a request to start a backup logs fewer, on a thread of its own
 SECONDS = 60
 KINDS = ({"full": True}, {}, {"merge": True})
 
@@ -39,14 +38,6 @@ XFS = Volume("files", "xfs", mebibytes=480, mount_point="/mnt/files")
 @pytest.fixture
 def make_site(agent, appliance):
     return lambda volume: fault_site(appliance, agent, (volume,))
-
-
-def boundaries(site):
-    """(text, number) of the lines that the thread of a backup logs."""
-    lines = [line for line in site.rehearse("write") if str(log_file()) in line]
-    found = [(text, next(at for at, line in enumerate(lines, 1) if text in line)) for text in BOUNDARIES]
-    assert found[0][1] > OWN_LINES
-    return found
 
 
 def kill(site, hold):
@@ -68,7 +59,7 @@ def check_restart(site, foreground, faults, where):
 @pytest.mark.parametrize(("volume", "step"), [(XFS, 1), (TIGHT, 3)], ids=["xfs", "ext4"])
 def test_kill_at_boundaries(make_site, foreground, faults, volume, step):
     with make_site(volume) as site:
-        for text, number in boundaries(site)[::step]:
+        for text, number in site.boundaries(BOUNDARIES)[::step]:
             with site.held("write", number, paths=[log_file()]) as (backup, hold):
                 assert text not in backup.log
                 kill(site, hold)
@@ -110,7 +101,7 @@ def test_kill_while_frozen(make_site, foreground, faults):
 def test_stop_at_boundaries(make_site, foreground, faults):
     """The daemon ends in order, once the backup has wound down."""
     with make_site(ROOMY) as site:
-        for text, number in boundaries(site)[::4]:
+        for text, number in site.boundaries(BOUNDARIES)[::4]:
             with site.held("write", number, paths=[log_file()]) as (backup, hold):
                 site.daemon.send(signal.SIGTERM)
                 site.daemon.wait_for_output("Stopping services")

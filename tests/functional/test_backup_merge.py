@@ -2,11 +2,13 @@
 import os
 import shutil
 
-from backup_site import LONGEST, Ledger, fill, root_of, size_of_all, write_script
+from backup_site import LONGEST, OVER_BOTH, Ledger, fill, root_of, size_of_all, write_script
 from change_records import copied_extents
 from lab.backups import capture_of
 from lab.driver import INFO
-from lab.targets import Writes
+from lab.image_server import Writes
+from lab.targets import Target
+from lab.zephane import ZephaneServer
 
 MIB = 1 << 20
 EQUALIZE = """#!/usr/bin/python3
@@ -19,6 +21,8 @@ if sys.argv[1] == "POST":
                 while piece := snapshot.read(1 << 20):
                     image.write(piece)
 """
+# What is written as a whole if anything in it differs.
+UNITS = {Target: LONGEST, ZephaneServer: 64 << 10}
 FLIPS = (1, 2 * MIB + 77, 17 * MIB + 4095, 18 * MIB) # in the largest extent of a volume
 
 
@@ -28,10 +32,27 @@ def chunks(extents):
             for at in range(begin, begin + length, LONGEST)]
 
 
-def differing(one, other, extents):
+def differing(one, other, extents, unit):
+    """(offset, length) of what one command each has to mend: of every chunk, the units that differ, those
+    that touch each other together."""
     with open(one, "rb") as first, open(other, "rb") as second:
-        return [(at, length) for at, length in chunks(extents)
-                if os.pread(first.fileno(), length, at) != os.pread(second.fileno(), length, at)]
+        return [run for at, length in chunks(extents)
+                for run in runs_of(at, os.pread(first.fileno(), length, at),
+                                   os.pread(second.fileno(), length, at), unit)]
+
+
+def runs_of(at, one, other, unit):
+    found = []
+    for begin in range(0, len(one), unit):
+        piece = slice(begin, begin + unit)
+        length = len(one[piece])
+        if one[piece] == other[piece]:
+            continue
+        if found and sum(found[-1]) == at + begin:
+            found[-1] = (found[-1][0], found[-1][1] + length)
+        else:
+            found.append((at + begin, length))
+    return found
 
 
 def flip(path, at):
@@ -46,6 +67,7 @@ def fill_all(volumes):
         (root_of(partition) / "large").write_bytes(os.urandom(24 * MIB))
 
 
+@OVER_BOTH
 def test_merge_with_an_equal_image_writes_nothing(protect, volumes, target):
     """The image becomes equal between the snapshot and the copy: by a script that runs there."""
     fill_all(volumes)
@@ -64,7 +86,8 @@ def test_merge_with_an_equal_image_writes_nothing(protect, volumes, target):
     protection.verify()
 
 
-def test_merge_mends_exactly_what_differs(protect, volumes, tmp_path):
+@OVER_BOTH
+def test_merge_mends_exactly_what_differs(protect, volumes, target, tmp_path):
     fill_all(volumes)
     protection = protect()
     with Ledger(protection) as ledger:
@@ -81,7 +104,7 @@ def test_merge_mends_exactly_what_differs(protect, volumes, tmp_path):
             before[name] = shutil.copyfile(image, tmp_path / name)
         for name, sent in ledger.run("differential", merge=True).items():
             capture = capture_of(volumes[name])
-            written = differing(before[name], capture, sent.extents)
+            written = differing(before[name], capture, sent.extents, UNITS[type(target)])
             assert sent.reported == size_of_all(sent.extents)
             assert sent.writes == Writes(len(written), size_of_all(written))
             for at in damaged[name]:

@@ -11,8 +11,9 @@ import pytest
 
 from initiator import Initiator, InitiatorError
 from lab import poison
+from lab.image_server import Writes
 from lab.services import wait_until
-from lab.targets import Target, Writes
+from lab.targets import Target
 from lab.volumes import Disk, Volume
 
 MIB = 1 << 20

@@ -3,11 +3,7 @@
 #include "core/transport/Libiscsi.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdlib>
-#include <ctime>
-#include <sys/syscall.h>
-#include <unistd.h>
 #include <utility>
 
 struct iscsi_context {
@@ -80,10 +76,6 @@ FakeIscsi::~FakeIscsi() {
 
 FakeIscsi& FakeIscsi::get() {
     return *current;
-}
-
-bool FakeIscsi::exists() {
-    return current != nullptr;
 }
 
 void FakeIscsi::script(const std::string& function, const std::vector<Outcome>& next) {
@@ -231,21 +223,6 @@ scsi_task* iscsi_write16_sync(iscsi_context* context, int lun, uint64_t lba, uns
 void scsi_free_scsi_task(scsi_task* task) {
     --FakeIscsi::get().tasks;
     delete static_cast<Task*>(task);
-}
-
-int nanosleep(const timespec* requested, timespec* remaining) {
-    if (!FakeIscsi::exists()) {
-        return static_cast<int>(syscall(SYS_nanosleep, requested, remaining));
-    }
-    FakeIscsi& fake = FakeIscsi::get();
-    fake.call(__func__, requested->tv_sec, requested->tv_nsec);
-    if (fake.interruptions == 0) {
-        return 0;
-    }
-    --fake.interruptions;
-    *remaining = {0, 300'000'000};
-    errno = EINTR;
-    return -1;
 }
 
 } // extern "C"

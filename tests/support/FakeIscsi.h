@@ -1,5 +1,7 @@
 #pragma once
 
+#include "support/FakeSleep.h"
+
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -11,9 +13,9 @@
 namespace agent::test {
 
 /// Takes the place of libiscsi in the program that holds it: those of its functions that the transport calls,
-/// and a disk in memory behind them. `nanosleep` is replaced as well, and takes no time. All calls but those
-/// that only ask or free are noted in the order in which they come, with their arguments but for contexts and
-/// data. One object at a time; calls of several threads must not overlap.
+/// and a disk in memory behind them. All calls but those that only ask or free are noted in the order in
+/// which they come, sleeps too, with their arguments but for contexts and data. One object at a time; calls
+/// of several threads must not overlap.
 class FakeIscsi {
 public:
     enum class Outcome {
@@ -45,8 +47,6 @@ public:
     ~FakeIscsi();
 
     static FakeIscsi& get();
-    /// Whether there is one now.
-    static bool exists();
 
     /// What comes of the next calls of a function; of those behind them all is good.
     void script(const std::string& function, const std::vector<Outcome>& next);
@@ -66,9 +66,9 @@ public:
     std::uint64_t lastBlock = 0; ///< Whatever the size of `disk` is.
 
     std::vector<std::string> calls;
-    int interruptions = 0; ///< So many of the next sleeps are cut short by a signal, after 0.7 seconds.
-    int contexts = 0;      ///< How many are there.
-    int tasks = 0;         ///< How many are there.
+    FakeSleep sleep{[this](const timespec& time) { call("nanosleep", time.tv_sec, time.tv_nsec); }};
+    int contexts = 0; ///< How many are there.
+    int tasks = 0;    ///< How many are there.
     bool isLoggedIn = false;
 
 private:

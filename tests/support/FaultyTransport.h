@@ -9,21 +9,22 @@
 
 namespace agent::test {
 
-/// Another transport of which one call fails, with EIO and before it has any effect.
+/// Another transport of which one call fails, with EIO and before it has any effect: a read or write by -1,
+/// or by 0, which is a failure too.
 class FaultyTransport : public core::ITransport {
 public:
-    FaultyTransport(std::shared_ptr<core::ITransport> inner, int failingCall)
-        : inner(std::move(inner)), failing(failingCall) {}
+    FaultyTransport(std::shared_ptr<core::ITransport> inner, int failingCall, std::int64_t failure = -1)
+        : inner(std::move(inner)), failing(failingCall), failure(failure) {}
 
     std::int64_t seek(std::int64_t offset, int whence) override {
         return fails() ? -1 : inner->seek(offset, whence);
     }
     std::int64_t write(const void* data, std::uint64_t length) override {
-        return fails() ? -1 : inner->write(data, length);
+        return fails() ? failure : inner->write(data, length);
     }
     bool connect(bool diffMerge) override { return !fails() && inner->connect(diffMerge); }
     std::int64_t read(void* data, std::uint64_t length) override {
-        return fails() ? -1 : inner->read(data, length);
+        return fails() ? failure : inner->read(data, length);
     }
     void disconnect() override { inner->disconnect(); }
     bool punchHole(std::uint64_t length) override { return !fails() && inner->punchHole(length); }
@@ -43,6 +44,7 @@ private:
 
     std::shared_ptr<core::ITransport> inner;
     FailingCall failing;
+    std::int64_t failure;
 };
 
 } // namespace agent::test

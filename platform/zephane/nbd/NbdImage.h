@@ -1,12 +1,13 @@
 #pragma once
 
+#include "zephane/wire/Limits.h"
+
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <span>
 #include <stdexcept>
 #include <string>
-
-struct nbd_handle;
 
 namespace zephane {
 
@@ -18,20 +19,26 @@ public:
     const int error; ///< errno, of the server if it has told one
 };
 
+/// How long is waited.
+struct NbdPatience {
+    std::chrono::milliseconds connecting = wire::answerTime; ///< until the image's size is known
+    std::chrono::milliseconds answering = wire::answerTime;  ///< for each answer
+};
+
 /// One NBD connection to one image.
 /// Owns:    the connection; destroying the object drops it without a word.
 /// Threads: one at a time.
-/// Fails:   NbdError. ETIMEDOUT when an answer takes longer than wire::answerTime. After that, and after a
+/// Fails:   NbdError. ETIMEDOUT when an answer takes longer than it may. After that, and after a
 ///          connection that has broken, every call fails; `isAlive` tells.
 ///
-/// Ranges are checked here before anything is sent: EINVAL for what reaches behind the image or is larger than
-/// wire::requestBytes.
+/// Ranges are checked here before anything is sent: EINVAL for what reaches behind the image or is larger
+/// than wire::requestBytes.
 class NbdImage {
 public:
     /// Over a connected socket, which is its own from here on.
-    explicit NbdImage(int socket);
+    explicit NbdImage(int socket, NbdPatience patience = {});
     /// Over a Unix socket.
-    explicit NbdImage(const std::string& path);
+    explicit NbdImage(const std::string& path, NbdPatience patience = {});
     NbdImage(NbdImage&& other) noexcept;
     NbdImage& operator=(NbdImage&& other) noexcept;
     NbdImage(const NbdImage&) = delete;
@@ -46,15 +53,21 @@ public:
 
     void read(std::span<std::uint8_t> data, std::uint64_t offset);
     void write(std::span<const std::uint8_t> data, std::uint64_t offset);
-    /// Makes a hole that reads as zeros, and doesn't wait for it: sixteen may be on their way, the next one waits
-    /// for the first. Of any length; it is cut into requests.
+    /// Makes a hole that reads as zeros, and doesn't wait for it: sixteen may be on their way, the next one
+    /// waits for the first. Of any length; it is cut into requests. What overlaps it is for after `settle`.
     void punch(std::uint64_t offset, std::uint64_t length);
-    /// Waits for all holes. Throws what has failed of them since the last time.
+    /// Waits for all holes. Throws what has failed of them since the last time, once.
     void settle();
-    /// What has been written is on stable storage when it returns.
+    /// What has been written is on stable storage when it returns. An engine that knows no such request has
+    /// nothing to store later: nothing is sent then.
     void flush();
     /// Says good-bye, after `settle`.
     void end();
+
+private:
+    class Connection;
+
+    std::unique_ptr<Connection> connection;
 };
 
 } // namespace zephane

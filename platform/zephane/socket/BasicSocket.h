@@ -11,6 +11,9 @@ class BasicSocket : public SocketImpl {
 public:
     /// std::invalid_argument without a transport.
     explicit BasicSocket(std::unique_ptr<Transport> transport);
+    BasicSocket(const BasicSocket&) = delete;
+    BasicSocket& operator=(const BasicSocket&) = delete;
+    ~BasicSocket() override;
 
     Transport& transport() override { return *owned; }
     Filters& filters() override { return lists; }

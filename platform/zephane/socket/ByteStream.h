@@ -2,7 +2,6 @@
 
 #include <asio/awaitable.hpp>
 #include <asio/buffer.hpp>
-
 #include <cstddef>
 
 namespace zephane {

@@ -9,7 +9,8 @@ struct ZSTD_CCtx_s; // NOLINT(readability-identifier-naming): the name of the li
 
 namespace zephane {
 
-/// Makes a zstd stream of level 1 of what passes, flushed at the end of each piece, so that nothing waits. See Filter.
+/// Makes a zstd stream of level 1 of what passes, flushed at the end of each piece, so that nothing waits.
+/// See Filter.
 class Compressor : public Filter {
 public:
     Compressor();
@@ -27,6 +28,7 @@ private:
 
     std::unique_ptr<ZSTD_CCtx_s, Free> context;
     std::span<const std::uint8_t> input;
+    bool hasMore = false; ///< of what belongs to the piece
     std::vector<std::uint8_t> output;
 };
 

@@ -9,8 +9,8 @@ struct ZSTD_DCtx_s; // NOLINT(readability-identifier-naming): the name of the li
 
 namespace zephane {
 
-/// Takes a zstd stream apart. A window beyond wire::windowLog is refused; what comes out is handed out in bounded
-/// pieces, however much it is. See Filter.
+/// Takes a zstd stream apart. A window beyond wire::windowLog is refused; what comes out is handed out in
+/// bounded pieces, however much it is. See Filter.
 class Decompressor : public Filter {
 public:
     Decompressor();
@@ -28,6 +28,7 @@ private:
 
     std::unique_ptr<ZSTD_DCtx_s, Free> context;
     std::span<const std::uint8_t> input;
+    bool hasMore = false; ///< of what has been taken apart already
     std::vector<std::uint8_t> output;
 };
 

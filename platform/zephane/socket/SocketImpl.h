@@ -1,9 +1,10 @@
 #pragma once
 
-#include "zephane/socket/Relay.h"
-#include "zephane/socket/Transport.h"
+#include "zephane/socket/Filters.h"
 
 namespace zephane {
+
+class Transport;
 
 /// What a client speaks through.
 /// Owns:    the transport.

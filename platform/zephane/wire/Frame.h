@@ -2,6 +2,8 @@
 
 #include "zephane/wire/Limits.h"
 
+#include <array>
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <span>
@@ -18,11 +20,13 @@ enum class FrameKind : std::uint8_t {
 
 constexpr std::size_t frameHeadBytes = 4; ///< a byte for the kind, three for the length
 
-/// The head of a frame whose payload follows.
+/// The head of a frame whose payload follows. std::invalid_argument if it can't be.
 std::array<std::uint8_t, frameHeadBytes> frameHead(FrameKind kind, std::size_t payloadBytes);
 
-/// Takes frames out of a stream that comes in pieces of any size. Holds a frameBytes payload at most.
+/// Takes frames out of a stream that comes in pieces of any size. Holds the payload of one digest
+/// answer at most.
 /// Threads: one.
+/// Fails:   ProtocolError for a frame of an unknown kind, or of a length that the kind can't have.
 class FrameReader {
 public:
     struct Piece {
@@ -30,16 +34,21 @@ public:
         std::span<const std::uint8_t> payload;
     };
 
-    /// The next piece of `input`, which shrinks by what was used. Of NBD frames, what is there is handed out at
-    /// once, as a part of `input`; others when they are whole. Nothing: more input is needed. The piece holds
-    /// until the next call. ProtocolError for a frame of an unknown kind, or too long for its kind.
+    /// The next piece of `input`, which shrinks by what was used. Of NBD frames, what is there is handed out
+    /// at once, as a part of `input`; others when they are whole. Nothing: more input is needed. The piece
+    /// holds until the next call.
     std::optional<Piece> next(std::span<const std::uint8_t>& input);
 
 private:
-    std::vector<std::uint8_t> head;
-    std::vector<std::uint8_t> payload;
+    bool takeHead(std::span<const std::uint8_t>& input);
+    /// The front of `input`, which shrinks by it.
+    static std::span<const std::uint8_t> take(std::span<const std::uint8_t>& input, std::size_t most);
+
+    std::array<std::uint8_t, frameHeadBytes> head{};
+    std::size_t headFilled = 0;
+    FrameKind kind = FrameKind::nbd;
     std::size_t left = 0; ///< of the payload, once the head is whole
-    bool handedOut = false;
+    std::vector<std::uint8_t> payload;
 };
 
 } // namespace zephane::wire

@@ -32,7 +32,8 @@ private:
 
 class ServerHandshake {
 public:
-    /// The key of an image, if there is such an image.
+    /// The key of an image, if there is such an image. Keys are made beforehand, as the time of making one
+    /// would tell that the image exists.
     using FindKey = std::function<std::optional<ProofKey>(const ImageName& image)>;
 
     explicit ServerHandshake(const ChannelBinding& channel) : channel(channel) {}

@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
-/// The messages of the handshake, in the order in which they are sent. Each is a 16-bit length and a body, big
-/// endian, messageBytes at most together; docs/formats/zephane.md has the layout.
+/// The messages of the handshake, in the order in which they are sent. Each is a 16-bit length and a body,
+/// big endian, messageBytes at most together; docs/formats/zephane.md has the layout.
 namespace zephane::wire {
 
 using Bytes = std::vector<std::uint8_t>;
@@ -42,12 +42,12 @@ struct ClientProof {
 /// What the server says to a proof. One that refuses is all that a client without the secret gets to see.
 struct Verdict {
     std::int32_t code = 0;     ///< 0, or a negative errno
-    std::string text;          ///< why, if the code isn't 0
+    std::string text;          ///< why, if the code isn't 0; UTF-8 without control characters
     std::uint64_t granted = 0; ///< the flags that hold from here on, if the code is 0
     Proof proof{};             ///< of the server, if the code is 0
 };
 
-/// Whole messages, with their length.
+/// Whole messages, with their length. std::invalid_argument for what a reader would refuse.
 Bytes encode(const ClientHello& hello);
 Bytes encode(const ServerHello& hello);
 Bytes encode(const ClientProof& proof);

@@ -14,10 +14,15 @@ using ChannelBinding = std::array<std::uint8_t, 32>;
 enum class Role { client, server };
 
 /// What the holder of a secret proves itself by. The secret itself is forgotten.
+/// Owns:    the key, which is wiped from memory with the object.
+/// Fails:   std::runtime_error if OpenSSL can't compute.
 class ProofKey {
 public:
     /// std::invalid_argument for an empty secret.
     explicit ProofKey(const std::string& secret);
+    ProofKey(const ProofKey&) = default;
+    ProofKey& operator=(const ProofKey&) = default;
+    ~ProofKey();
     /// One that nobody has, for images that don't exist: what it is compared with never fits.
     static ProofKey random();
 

@@ -3,6 +3,7 @@
 #include <nlohmann/json_fwd.hpp>
 
 #include <cstdint>
+#include <limits>
 #include <optional>
 
 namespace agent {
@@ -12,8 +13,10 @@ namespace agent {
 template <typename Integer>
 std::optional<Integer> wholeNumber(const nlohmann::json& value);
 
-/// As `wholeNumber`; throws the JSON library's type or range error where that has nothing.
+/// As `wholeNumber`; throws the JSON library's type or range error where that has nothing, and for more than
+/// `largest`.
 template <typename Integer>
-Integer requireWholeNumber(const nlohmann::json& value);
+Integer requireWholeNumber(const nlohmann::json& value,
+                           Integer largest = std::numeric_limits<Integer>::max());
 
 } // namespace agent

@@ -2,11 +2,11 @@
 
 #include "common/BrokenPipeGuard.h"
 #include "core/transport/Libiscsi.h"
+#include "core/transport/Retry.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <ctime>
 #include <limits>
 #include <utility>
 
@@ -14,8 +14,6 @@ namespace agent::core {
 
 namespace {
 
-constexpr int maxTries = 5;
-constexpr time_t retrySleepSeconds = 1;
 constexpr int tcpUserTimeoutMilliseconds = 60000;
 constexpr int commandTimeoutSeconds = 60;
 constexpr int absolute = 0;
@@ -31,12 +29,6 @@ bool fitsCommand(std::uint64_t length) {
         return false;
     }
     return true;
-}
-
-void sleepBeforeRetry() {
-    timespec left{retrySleepSeconds, 0};
-    while (nanosleep(&left, &left) != 0 && errno == EINTR) {
-    }
 }
 
 } // namespace

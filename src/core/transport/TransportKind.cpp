@@ -6,14 +6,16 @@
 
 #include <algorithm>
 #include <array>
+#include <limits>
 
 namespace agent::core {
 
 namespace {
 
 std::shared_ptr<ITransport> makeIscsi(info::Logger& logger, const RemoteImage& image) {
-    return std::make_shared<IscsiTransport>(logger, image.qualifiedName, image.address, image.lun,
-                                            image.offset, image.username, image.password);
+    return std::make_shared<IscsiTransport>(logger, image.qualifiedName, image.address,
+                                            static_cast<int>(image.lun), image.offset, image.username,
+                                            image.password);
 }
 
 std::shared_ptr<ITransport> makeZephaneFTP(info::Logger& /*logger*/, const RemoteImage& image) {
@@ -23,8 +25,8 @@ std::shared_ptr<ITransport> makeZephaneFTP(info::Logger& /*logger*/, const Remot
 
 /// The one that every other word means comes last.
 constexpr std::array kinds{
-    TransportKind{"zephaneftp", "zephaneftp", &makeZephaneFTP},
-    TransportKind{"iscsi", "iSCSI", &makeIscsi},
+    TransportKind{"zephaneftp", "zephaneftp", std::numeric_limits<std::uint64_t>::max(), &makeZephaneFTP},
+    TransportKind{"iscsi", "iSCSI", std::numeric_limits<int>::max(), &makeIscsi},
 };
 
 } // namespace

@@ -12,8 +12,8 @@ namespace agent::core {
 /// Where the remote image of one volume is and who may write to it, as a backup request says.
 struct RemoteImage {
     std::string qualifiedName;
-    std::string address; ///< its form depends on the kind of transport
-    std::int32_t lun = 0;
+    std::string address;      ///< its form depends on the kind of transport
+    std::uint64_t lun = 0;    ///< at most the kind's `largestLun`
     std::uint64_t offset = 0; ///< bytes from the start of the target to the image
     std::string username;
     std::string password;
@@ -23,6 +23,7 @@ struct RemoteImage {
 struct TransportKind {
     const char* interface; ///< the word of the request
     const char* name;      ///< in the log
+    std::uint64_t largestLun;
     /// Nothing is connected yet. Throws std::invalid_argument or std::out_of_range for an image that no
     /// transport of this kind can be made for.
     std::shared_ptr<ITransport> (*make)(info::Logger& logger, const RemoteImage& image);

@@ -12,7 +12,7 @@ TEST_P(BrokenTransportContract, FailedReadStaysWhereItWas) {
     transport->seek(2 * block, absolute);
     subject->breakDown();
     errno = 0;
-    EXPECT_EQ(read(block), -1);
+    EXPECT_TRUE(isFailure(read(block)));
     EXPECT_EQ(errno, EIO);
     EXPECT_EQ(position(), 2 * block);
 }
@@ -22,7 +22,7 @@ TEST_P(BrokenTransportContract, FailedWriteStaysWhereItWas) {
     transport->seek(2 * block, absolute);
     subject->breakDown();
     errno = 0;
-    EXPECT_EQ(write(patternOf(block, 77)), -1);
+    EXPECT_TRUE(isFailure(write(patternOf(block, 77))));
     EXPECT_EQ(errno, EIO);
     EXPECT_EQ(position(), 2 * block);
     EXPECT_EQ(subject->image(), original);
@@ -34,19 +34,41 @@ TEST_P(BrokenTransportContract, WriteThatCannotCompareWritesNothing) {
     subject->breakDown();
     const std::string before = subject->lastWrite();
     errno = 0;
-    EXPECT_EQ(write(patternOf(block, 77)), -1);
+    EXPECT_TRUE(isFailure(write(patternOf(block, 77))));
     EXPECT_NE(errno, 0);
     EXPECT_EQ(subject->lastWrite(), before);
     EXPECT_EQ(subject->image(), original);
 }
 
-TEST_P(BrokenTransportContract, HoleThatCannotBePunchedStaysWhereItWas) {
+TEST_P(BrokenTransportContract, HoleThatCannotBePunchedIsToldOf) {
     connect();
     transport->seek(2 * block, absolute);
     subject->breakDown();
-    if (transport->supportsHolePunching()) {
-        EXPECT_FALSE(transport->punchHole(block));
+    if (!transport->supportsHolePunching()) {
+        return;
     }
+    errno = 0;
+    if (!transport->punchHole(block)) {
+        EXPECT_EQ(errno, EIO);
+        EXPECT_EQ(position(), 2 * block);
+    } else {
+        EXPECT_TRUE(subject->mayFailLate());
+        EXPECT_TRUE(isFailure(write(patternOf(block, 77))));
+        EXPECT_EQ(errno, EIO);
+    }
+    EXPECT_EQ(subject->image(), original);
+}
+
+TEST_P(BrokenTransportContract, NothingSucceedsBehindAFailure) {
+    connect();
+    transport->seek(2 * block, absolute);
+    subject->breakDown();
+    EXPECT_TRUE(isFailure(write(patternOf(block, 77))));
+    errno = 0;
+    EXPECT_TRUE(isFailure(read(block)));
+    EXPECT_EQ(errno, EIO);
+    EXPECT_TRUE(isFailure(write(patternOf(block, 77))));
+    EXPECT_EQ(errno, EIO);
     EXPECT_EQ(position(), 2 * block);
     EXPECT_EQ(subject->image(), original);
 }
@@ -54,7 +76,7 @@ TEST_P(BrokenTransportContract, HoleThatCannotBePunchedStaysWhereItWas) {
 TEST_P(BrokenTransportContract, CanBeConnectedAnewWhenAllIsWellAgain) {
     connect();
     subject->breakDown();
-    EXPECT_EQ(read(block), -1);
+    EXPECT_TRUE(isFailure(read(block)));
     subject->heal();
     connect();
     EXPECT_EQ(position(), 0);

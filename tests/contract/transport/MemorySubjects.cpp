@@ -1,13 +1,16 @@
 #include "TransportSubject.h"
 #include "core/transport/IscsiTransport.h"
+#include "core/transport/ZephaneFTPTransport.h"
 #include "support/FakeIscsi.h"
 #include "support/FakeTransport.h"
+#include "support/FakeZephane.h"
 #include "support/FaultyTransport.h"
 #include "support/RecordingLogger.h"
 
 #include <algorithm>
 
-/// The transports that need no far side: the fakes of the unit tests, and that to an iSCSI target in memory.
+/// The transports that need no far side: the fakes of the unit tests, and those to an iSCSI target and to a
+/// server of the file protocol in memory.
 namespace agent::contract {
 
 namespace {
@@ -83,6 +86,34 @@ private:
     test::FakeIscsi iscsi;
 };
 
+class ZephaneSubject : public BreakableSubject {
+public:
+    explicit ZephaneSubject(std::uint64_t offset) : offset(offset) {
+        zephane.image.resize(offset + imageBytes);
+    }
+
+    std::shared_ptr<core::ITransport> make() override {
+        return std::make_shared<core::ZephaneFTPTransport>(log.logger, "host", "path", 1, offset,
+                                                           std::uint16_t{21}, "");
+    }
+    void setImage(const Bytes& image) override {
+        std::copy(image.begin(), image.end(), zephane.image.begin() + static_cast<std::ptrdiff_t>(offset));
+    }
+    Bytes image() override {
+        return {zephane.image.begin() + static_cast<std::ptrdiff_t>(offset), zephane.image.end()};
+    }
+    std::string lastWrite() override { return std::to_string(zephane.changes); }
+    [[nodiscard]] bool mayFailShort() const override { return true; }
+    [[nodiscard]] bool mayFailLate() const override { return true; }
+    void breakDown() override { zephane.isBroken = true; }
+    void heal() override { zephane.isBroken = false; }
+
+private:
+    std::uint64_t offset;
+    test::RecordingLogger log;
+    test::FakeZephane zephane;
+};
+
 template <typename Subject>
 std::vector<SubjectRow<Subject>> allSubjects() {
     return {
@@ -92,6 +123,9 @@ std::vector<SubjectRow<Subject>> allSubjects() {
         {"Iscsi", [] { return std::make_unique<IscsiSubject>(0); }},
         {"IscsiFromAnOffset",
          [] { return std::make_unique<IscsiSubject>(3 * TransportSubject::blockBytes); }},
+        {"Zephane", [] { return std::make_unique<ZephaneSubject>(0); }},
+        {"ZephaneFromAnOffset",
+         [] { return std::make_unique<ZephaneSubject>(3 * TransportSubject::blockBytes); }},
     };
 }
 

@@ -35,6 +35,11 @@ protected:
 
     std::int64_t write(const Bytes& bytes) { return transport->write(bytes.data(), bytes.size()); }
 
+    /// Whether this is what a read or write returns that has failed before it has done anything.
+    [[nodiscard]] bool isFailure(std::int64_t result) const {
+        return result == -1 || (result == 0 && subject->mayFailShort());
+    }
+
     static Bytes patternOf(std::size_t length, std::uint8_t seed) {
         Bytes bytes(length);
         for (std::size_t i = 0; i < length; ++i) {

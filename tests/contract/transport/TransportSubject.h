@@ -31,6 +31,10 @@ public:
     virtual Bytes image() = 0;
     /// Says another thing after every write that has reached the far side.
     virtual std::string lastWrite() = 0;
+    /// Whether a read or write that fails may return the count of what was done, where others return -1.
+    [[nodiscard]] virtual bool mayFailShort() const { return false; }
+    /// Whether holes may run behind, so that the next call tells of one that has failed.
+    [[nodiscard]] virtual bool mayFailLate() const { return false; }
 };
 
 /// A subject of which a test can make every command fail.

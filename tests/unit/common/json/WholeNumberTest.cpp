@@ -43,6 +43,12 @@ TEST(WholeNumber, HasNothingForWhatDoesNotFit) {
     EXPECT_EQ(wholeNumber<std::int64_t>(json(9223372036854775808.0)), std::nullopt);
 }
 
+TEST(WholeNumber, MayHaveALimit) {
+    EXPECT_EQ(requireWholeNumber<std::uint64_t>(json(7.9), 7), 7U);
+    EXPECT_EQ(messageOf<json::out_of_range>([] { (void)requireWholeNumber<std::uint64_t>(json(8), 7); }),
+              "[json.exception.out_of_range.406] number out of range: 8");
+}
+
 TEST(WholeNumber, HasNothingForOtherTypes) {
     const json values = {nullptr, true, "12", json::array(), json::object()};
     for (const json& value : values) {

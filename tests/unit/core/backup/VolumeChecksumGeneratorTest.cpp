@@ -74,6 +74,14 @@ TEST_F(VolumeChecksumGeneratorTest, SmallerImageHasNoChecksum) {
         log.has(info::level::debug, "The checksum of a remote image needs 10485760 bytes, read: 10485759"));
 }
 
+TEST_F(VolumeChecksumGeneratorTest, NothingReadIsAFailureToo) {
+    transport->connect(false);
+    const auto faulty = std::make_shared<test::FaultyTransport>(transport, 2, 0);
+    out = 7;
+    EXPECT_FALSE(VolumeChecksumGenerator(log.logger, faulty).generate(ChecksumType::libcrc32c, out));
+    EXPECT_EQ(out, 7U);
+}
+
 TEST_F(VolumeChecksumGeneratorTest, EveryFailingCallFailsIt) {
     int call = 1;
     for (bool failed = true; failed; ++call) {

@@ -275,7 +275,7 @@ TEST_F(IscsiTransportTest, AnOptionThatCanNotBeSetInALaterTryEndsThemAll) {
 
 TEST_F(IscsiTransportTest, ASignalDoesNotShortenTheSleep) {
     iscsi.script(loginCall, {failed});
-    iscsi.interruptions = 1;
+    iscsi.sleep.interruptions = 1;
     EXPECT_TRUE(transport->connect(false));
     EXPECT_EQ(iscsi.calls, join<std::string>(
                                {preparation, {login, destroyed, slept, "nanosleep 0 300000000"}, session()}));

@@ -21,6 +21,7 @@
 #include <set>
 #include <sstream>
 #include <stdexcept>
+#include <tuple>
 
 namespace agent::core::backup::phase {
 namespace {
@@ -405,14 +406,16 @@ TEST_F(BackupOfVolumes, VolumeThatFailsTakesTheFinishedOnesWithIt) {
     EXPECT_EQ(database.storedChecksum(order[1]), 0U);
 }
 
-/// Each call to the target fails in turn, in a backup of each type. A full one punches holes, too.
-class EveryFailingCall : public BackupOfVolumes, public testing::WithParamInterface<std::uint32_t> {
+/// Each call to the target fails in turn, in a backup of each type; reads and writes by -1, or by 0. A full
+/// backup punches holes, too.
+class EveryFailingCall : public BackupOfVolumes,
+                         public testing::WithParamInterface<std::tuple<std::uint32_t, std::int64_t>> {
 protected:
     EveryFailingCall() {
         source.change({12, 500, 1400, 3000});
         recordChanges("a", {12, 500, 1400, 3000});
-        stage.config.enabled = GetParam() == FULL;
-        request(GetParam());
+        stage.config.enabled = type == FULL;
+        request(type);
     }
 
     /// A backup onto the image of the last one. False if the call that was to fail has not come.
@@ -422,7 +425,7 @@ protected:
         database.provider.setVolumeChecksum("a", lastChecksum, db::ChecksumType::libcrc32c);
         std::shared_ptr<test::FaultyTransport> faulty;
         connect = [&](const auto& target) {
-            faulty = std::make_shared<test::FaultyTransport>(target, call);
+            faulty = std::make_shared<test::FaultyTransport>(target, call, failure);
             return faulty;
         };
         run();
@@ -433,7 +436,7 @@ protected:
     void expectNothingVouchedFor() {
         EXPECT_THAT(states(), ElementsAre(VOLUME_FAILED));
         const bool isUntouched = targets["a"]->image == last;
-        if (GetParam() == INCREMENTAL) {
+        if (type == INCREMENTAL) {
             EXPECT_EQ(database.storedChecksum("a"), lastChecksum);
         } else if (!isUntouched) {
             EXPECT_EQ(database.storedChecksum("a"), 0U);
@@ -443,9 +446,11 @@ protected:
     void expectWholeImage() {
         EXPECT_TRUE(source.holdsUsedBlocks(targets["a"]->image));
         EXPECT_NE(database.storedChecksum("a"), lastChecksum);
-        EXPECT_EQ(status().volumes.front().backupType, GetParam());
+        EXPECT_EQ(status().volumes.front().backupType, type);
     }
 
+    const std::uint32_t type = std::get<0>(GetParam());
+    const std::int64_t failure = std::get<1>(GetParam());
     test::ExtVolume& source = add("a");
     const Image last = source.image;
     const std::uint32_t lastChecksum = [this] {
@@ -469,12 +474,13 @@ TEST_P(EveryFailingCall, BackupIsFinishedOnlyWithTheWholeImage) {
     expectWholeImage();
     EXPECT_EQ(database.storedChecksum("a"), checksumOf("a"));
     // The seek and the punch of each hole: what isn't punched costs only space.
-    EXPECT_EQ(finishedAllTheSame, GetParam() == FULL ? 2 * 4 : 0);
+    EXPECT_EQ(finishedAllTheSame, type == FULL ? 2 * 4 : 0);
 }
 
 INSTANTIATE_TEST_SUITE_P(Types, EveryFailingCall,
-                         testing::Values(std::uint32_t{FULL}, std::uint32_t{INCREMENTAL},
-                                         std::uint32_t{DIFFERENTIAL_MERGE}));
+                         testing::Combine(testing::Values(std::uint32_t{FULL}, std::uint32_t{INCREMENTAL},
+                                                          std::uint32_t{DIFFERENTIAL_MERGE}),
+                                          testing::Values(-1, 0)));
 
 /// Each call to the database fails in turn, in a backup of each type. What is called finished is whole, and
 /// what has failed is mended by the next incremental backup, whatever it becomes.

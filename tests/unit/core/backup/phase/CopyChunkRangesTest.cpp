@@ -182,6 +182,15 @@ TEST_F(CopyChunkRangesTest, ChunkThatCannotBeWrittenIsAConnectionError) {
                 ElementsAre(Line{error, "Failed to write the chunk! (-1 bytes written out of 1024)"}));
 }
 
+TEST_F(CopyChunkRangesTest, ChunkOfWhichNothingIsWrittenIsAConnectionError) {
+    writer = std::make_shared<test::FaultyTransport>(target, 4, 0);
+    EXPECT_EQ(messageOf<transport_connection_error>([&] { copy({{0, 1}, {3, 2}}); }),
+              "Failed to write the chunk!");
+    EXPECT_EQ(transferred(), blockSize);
+    EXPECT_THAT(log.lines(),
+                ElementsAre(Line{error, "Failed to write the chunk! (0 bytes written out of 1024)"}));
+}
+
 TEST_F(CopyChunkRangesTest, ShortWriteIsAConnectionError) {
     target->longestWrite = blockSize;
     EXPECT_EQ(messageOf<transport_connection_error>([&] { copy({{3, 2}}); }), "Failed to write the chunk!");

@@ -154,12 +154,16 @@ TEST_F(ModifyBootSectorTest, TargetThatCannotBeSoughtIsAConnectionError) {
 }
 
 TEST_F(ModifyBootSectorTest, TargetThatCannotBeWrittenIsAConnectionError) {
-    writer = std::make_shared<test::FaultyTransport>(target, 2);
-    EXPECT_EQ(messageOf<transport_connection_error>([&] { run(); }),
-              "Failed to write the remote boot sector back!");
-    EXPECT_THAT(log.lines(),
-                ElementsAre(seeking, reading, setting, seekingRemote, writing,
-                            Line{error, "Only written -1 instead of 512 bytes to the remote boot sector!"}));
+    for (const std::int64_t failure : {-1, 0}) {
+        log.clear();
+        writer = std::make_shared<test::FaultyTransport>(target, 2, failure);
+        EXPECT_EQ(messageOf<transport_connection_error>([&] { run(); }),
+                  "Failed to write the remote boot sector back!");
+        EXPECT_THAT(log.lines(),
+                    ElementsAre(seeking, reading, setting, seekingRemote, writing,
+                                Line{error, "Only written " + std::to_string(failure) +
+                                                " instead of 512 bytes to the remote boot sector!"}));
+    }
 }
 
 TEST_F(ModifyBootSectorTest, ShortWriteIsAConnectionError) {

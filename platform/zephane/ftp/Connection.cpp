@@ -1,0 +1,258 @@
+#include "zephane/ftp/Connection.h"
+
+#include "zephane/socket/Transport.h"
+#include "zephane/wire/Limits.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <utility>
+
+namespace zephane {
+
+namespace {
+
+/// What is written before a flush in between, so that no flush keeps a slow disk busy for longer than an
+/// answer may take; bytes.
+constexpr std::uint64_t flushEvery = 512 * wire::mebibyte;
+
+Status statusOf(const Failure& failure) {
+    return {-failure.error, failure.text};
+}
+
+std::chrono::milliseconds timeLeft(Session::Clock::time_point until) {
+    return std::chrono::ceil<std::chrono::milliseconds>(until - Session::Clock::now());
+}
+
+} // namespace
+
+ZephaneFTPClient::Connection::Connection(std::unique_ptr<SocketImpl> socket, SessionPeer peer,
+                                         ClientPatience patience)
+    : socket(std::move(socket)),
+      peer(std::move(peer)),
+      patience(patience),
+      isWritable((this->peer.hello.flags & wire::writableFlag) != 0),
+      compares((this->peer.hello.flags & wire::compareFlag) != 0) {}
+
+ZephaneFTPClient::Connection::~Connection() = default;
+
+Status ZephaneFTPClient::Connection::open() {
+    if (std::exchange(wasOpened, true)) {
+        return {-EALREADY, "the client has been opened before"};
+    }
+    try {
+        connect();
+        return {};
+    } catch (...) {
+        return explain(failureOf(std::current_exception()));
+    }
+}
+
+void ZephaneFTPClient::Connection::connect() {
+    const auto until = Session::Clock::now() + patience.opening;
+    session = std::make_unique<Session>(std::move(socket), peer, patience.answering);
+    const std::uint64_t granted = session->open(until);
+    image.emplace(session->takeLocal(), NbdPatience{timeLeft(until), patience.answering});
+    if (isWritable && ((granted & wire::writableFlag) == 0 || image->isReadOnly())) {
+        throw CallError(EROFS, "the image cannot be written to");
+    }
+    serverCompares = (granted & wire::compareFlag) != 0;
+    imageSize = image->size();
+}
+
+std::int64_t ZephaneFTPClient::Connection::seek(std::int64_t to, int whence) {
+    if (broken || !image) {
+        errno = broken ? EIO : ENOTCONN;
+        return -1;
+    }
+    if (whence != 0 || to < 0 || static_cast<std::uint64_t>(to) > imageSize) {
+        errno = EINVAL;
+        return -1;
+    }
+    position = static_cast<std::uint64_t>(to);
+    return to;
+}
+
+std::int64_t ZephaneFTPClient::Connection::read(void* data, std::size_t length, Status& status) {
+    const std::uint64_t begin = position;
+    status = attempt([&] { readAll({static_cast<std::uint8_t*>(data), length}); });
+    return static_cast<std::int64_t>(position - begin);
+}
+
+std::int64_t ZephaneFTPClient::Connection::write(const void* data, std::size_t length, int options,
+                                                 Status& status) {
+    const std::uint64_t begin = position;
+    status = attempt([&] {
+        requireWritable();
+        if (options != 0) {
+            throw CallError(EINVAL, "there are no options of writing");
+        }
+        writeAll({static_cast<const std::uint8_t*>(data), length});
+    });
+    return static_cast<std::int64_t>(position - begin);
+}
+
+Status ZephaneFTPClient::Connection::punchHole(std::uint64_t length) {
+    return attempt([&] {
+        requireWritable();
+        punch(length);
+    });
+}
+
+Status ZephaneFTPClient::Connection::close() {
+    if (broken) {
+        return *broken;
+    }
+    if (!image) {
+        return lost ? statusOf(*lost) : Status{Status::alreadyClosed, "there is nothing to close"};
+    }
+    Status status = attempt([this] { image->settle(); });
+    const Status flushed = attempt([this] { flush(); });
+    if (!broken) {
+        sayGoodBye();
+    }
+    return status.code != 0 ? status : flushed;
+}
+
+/// All is stored by now, so what fails here has no meaning.
+void ZephaneFTPClient::Connection::sayGoodBye() {
+    attempt([this] { image->end(); });
+    broken.reset();
+    image.reset();
+    session->end();
+}
+
+Status ZephaneFTPClient::Connection::attempt(const std::function<void()>& work) {
+    if (broken) {
+        return *broken;
+    }
+    if (!image) {
+        return {-ENOTCONN, "the client isn't connected"};
+    }
+    try {
+        work();
+        return {};
+    } catch (...) {
+        const Failure failure = failureOf(std::current_exception());
+        if (!image->isAlive() || session->hasEnded()) {
+            broken = explain(failure);
+        }
+        return broken.value_or(statusOf(failure));
+    }
+}
+
+/// Ends the connection. What had ended it before says more than what a call saw of it.
+Status ZephaneFTPClient::Connection::explain(const Failure& failure) {
+    image.reset();
+    const std::optional<Failure> reason = session ? session->end() : std::nullopt;
+    if (!reason || reason->text == failure.text) {
+        return statusOf(failure);
+    }
+    return {-reason->error, failure.text + " (" + reason->text + ")"};
+}
+
+void ZephaneFTPClient::Connection::readAll(std::span<std::uint8_t> data) {
+    if (data.empty()) {
+        return;
+    }
+    image->settle();
+    flush(); // what is read back is to be what is stored
+    data = data.first(std::min<std::uint64_t>(data.size(), imageSize - position));
+    while (!data.empty()) {
+        const auto part = data.first(std::min(data.size(), wire::requestBytes));
+        image->read(part, position);
+        position += part.size();
+        data = data.subspan(part.size());
+    }
+}
+
+void ZephaneFTPClient::Connection::writeAll(std::span<const std::uint8_t> data) {
+    if (data.empty()) {
+        return;
+    }
+    image->settle();
+    if (position == imageSize) {
+        throw CallError(ENOSPC, "the image ends here");
+    }
+    data = data.first(std::min<std::uint64_t>(data.size(), imageSize - position));
+    while (!data.empty()) {
+        const auto part = data.first(std::min(data.size(), wire::digestRange));
+        writePart(part);
+        data = data.subspan(part.size());
+    }
+}
+
+void ZephaneFTPClient::Connection::writePart(std::span<const std::uint8_t> part) {
+    const std::uint64_t begin = position;
+    for (const Run& run : runsToWrite(part)) {
+        position = begin + run.offset; // up to here the image has what it should have
+        unflushed.add(position, run.length);
+        image->write(part.subspan(run.offset, run.length), position);
+    }
+    position = begin + part.size();
+    if (unflushed.bytes() >= flushEvery) {
+        flush();
+    }
+}
+
+void ZephaneFTPClient::Connection::punch(std::uint64_t length) {
+    if (length > imageSize - position) {
+        throw CallError(EINVAL, "the hole would end behind the image");
+    }
+    unflushed.add(position, length);
+    image->punch(position, length);
+    position += length;
+}
+
+/// Once a flush has failed nothing that came before it can be relied on, even if another one worked: a kernel
+/// forgets what it could not write.
+void ZephaneFTPClient::Connection::flush() {
+    if (lost) {
+        throw CallError(lost->error, lost->text);
+    }
+    if (unflushed.isEmpty()) {
+        return;
+    }
+    try {
+        image->flush();
+    } catch (...) {
+        lost = failureOf(std::current_exception());
+        throw;
+    }
+    unflushed.clear();
+}
+
+void ZephaneFTPClient::Connection::requireWritable() const {
+    if (!isWritable) {
+        throw CallError(EROFS, "the client has not asked to write");
+    }
+}
+
+std::vector<Run> ZephaneFTPClient::Connection::runsToWrite(std::span<const std::uint8_t> part) {
+    if (!compares) {
+        return {{0, part.size()}};
+    }
+    return serverCompares ? runsByDigests(part) : runsByReading(part);
+}
+
+std::vector<Run> ZephaneFTPClient::Connection::runsByDigests(std::span<const std::uint8_t> part) {
+    if (unflushed.overlaps(position, part.size())) {
+        flush(); // the server reads over another connection
+    }
+    const auto remote = session->digests({position, static_cast<std::uint32_t>(part.size())});
+    const auto local = wire::digestsOf(part);
+    return differingRuns(part.size(), [&](const Run& unit) {
+        const std::size_t index = unit.offset / wire::digestUnit;
+        return local.at(index) != remote.at(index);
+    });
+}
+
+std::vector<Run> ZephaneFTPClient::Connection::runsByReading(std::span<const std::uint8_t> part) {
+    std::vector<std::uint8_t> remote(part.size());
+    image->read(remote, position);
+    return differingRuns(part.size(), [&](const Run& unit) {
+        return !std::ranges::equal(part.subspan(unit.offset, unit.length),
+                                   std::span(remote).subspan(unit.offset, unit.length));
+    });
+}
+
+} // namespace zephane

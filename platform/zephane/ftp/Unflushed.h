@@ -1,0 +1,31 @@
+#pragma once
+
+#include <algorithm>
+#include <cstdint>
+#include <limits>
+
+namespace zephane {
+
+/// What has been written since the last flush: the range that covers all of it, and how much it was.
+class Unflushed {
+public:
+    void add(std::uint64_t offset, std::uint64_t length) {
+        begin = std::min(begin, offset);
+        end = std::max(end, offset + length);
+        written += length;
+    }
+    void clear() { *this = Unflushed(); }
+
+    [[nodiscard]] bool isEmpty() const { return end == 0; }
+    [[nodiscard]] bool overlaps(std::uint64_t offset, std::uint64_t length) const {
+        return offset < end && begin < offset + length;
+    }
+    [[nodiscard]] std::uint64_t bytes() const { return written; }
+
+private:
+    std::uint64_t begin = std::numeric_limits<std::uint64_t>::max();
+    std::uint64_t end = 0;
+    std::uint64_t written = 0;
+};
+
+} // namespace zephane

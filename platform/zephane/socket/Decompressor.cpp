@@ -1,0 +1,52 @@
+#include "zephane/socket/Decompressor.h"
+
+#include "zephane/wire/Limits.h"
+#include "zephane/wire/ProtocolError.h"
+
+#include <new>
+#include <stdexcept>
+#include <string>
+#include <zstd.h>
+
+namespace zephane {
+
+void Decompressor::Free::operator()(ZSTD_DCtx_s* context) const noexcept {
+    ZSTD_freeDCtx(context);
+}
+
+Decompressor::Decompressor() : context(ZSTD_createDCtx()), output(wire::frameBytes) {
+    if (!context) {
+        throw std::bad_alloc();
+    }
+    const std::size_t result = ZSTD_DCtx_setParameter(context.get(), ZSTD_d_windowLogMax, wire::windowLog);
+    if (ZSTD_isError(result) != 0) {
+        throw std::runtime_error(ZSTD_getErrorName(result));
+    }
+}
+
+Decompressor::~Decompressor() = default;
+
+void Decompressor::feed(std::span<const std::uint8_t> piece) {
+    input = piece;
+}
+
+std::span<const std::uint8_t> Decompressor::next() {
+    std::size_t produced = 0;
+    while (produced == 0 && (hasMore || !input.empty())) {
+        ZSTD_inBuffer from{input.data(), input.size(), 0};
+        ZSTD_outBuffer to{output.data(), output.size(), 0};
+        const std::size_t result = ZSTD_decompressStream(context.get(), &to, &from);
+        if (ZSTD_isError(result) != 0) {
+            throw wire::ProtocolError(std::string("the compressed stream is broken: ") +
+                                      ZSTD_getErrorName(result));
+        }
+        input = input.subspan(from.pos);
+        // A full buffer may have left something behind. Nothing is taken in without making progress: the
+        // library fails after a few calls that do.
+        hasMore = to.pos == to.size;
+        produced = to.pos;
+    }
+    return std::span(output).first(produced);
+}
+
+} // namespace zephane

@@ -1,0 +1,44 @@
+#include "zephane/socket/FilterChain.h"
+
+#include "zephane/wire/Limits.h"
+
+#include <algorithm>
+
+namespace zephane {
+
+void FilterChain::feed(std::span<const std::uint8_t> input) {
+    if (filters.empty()) {
+        unfiltered = input;
+    } else {
+        filters.front()->feed(input);
+    }
+}
+
+std::span<const std::uint8_t> FilterChain::next() {
+    if (filters.empty()) {
+        return nextUnfiltered();
+    }
+    // The last one that has something left; what it has goes through those behind it, which had nothing.
+    std::size_t place = filters.size() - 1;
+    for (;;) {
+        const auto piece = filters[place]->next();
+        if (piece.empty()) {
+            if (place == 0) {
+                return {};
+            }
+            --place;
+        } else if (place == filters.size() - 1) {
+            return piece;
+        } else {
+            filters[++place]->feed(piece);
+        }
+    }
+}
+
+std::span<const std::uint8_t> FilterChain::nextUnfiltered() {
+    const auto piece = unfiltered.first(std::min(unfiltered.size(), wire::frameBytes));
+    unfiltered = unfiltered.subspan(piece.size());
+    return piece;
+}
+
+} // namespace zephane

@@ -1,0 +1,26 @@
+#pragma once
+
+#include "zephane/socket/Filter.h"
+
+#include <cstddef>
+#include <memory>
+#include <vector>
+
+namespace zephane {
+
+/// Filters one behind the other, as one. Without any, what goes in comes out. See Filter.
+class FilterChain : public Filter {
+public:
+    explicit FilterChain(std::vector<std::shared_ptr<Filter>> filters) : filters(std::move(filters)) {}
+
+    void feed(std::span<const std::uint8_t> input) override;
+    std::span<const std::uint8_t> next() override;
+
+private:
+    std::span<const std::uint8_t> nextUnfiltered();
+
+    std::vector<std::shared_ptr<Filter>> filters;
+    std::span<const std::uint8_t> unfiltered;
+};
+
+} // namespace zephane

@@ -1,0 +1,158 @@
+#include "zephane/socket/TLSTransport.h"
+
+#include "zephane/socket/TlsStream.h"
+
+#include <asio/redirect_error.hpp>
+#include <asio/steady_timer.hpp>
+#include <asio/this_coro.hpp>
+#include <asio/use_awaitable.hpp>
+#include <cerrno>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <sys/socket.h>
+#include <utility>
+#include <vector>
+
+namespace zephane {
+
+namespace {
+
+using asio::ip::tcp;
+using Endpoints = std::vector<tcp::endpoint>;
+
+} // namespace
+
+/// What there is of a connection, from the look-up of the name on.
+class TLSTransport::Link {
+public:
+    asio::awaitable<void> establish(const std::string& host, unsigned short port);
+    /// std::logic_error before it is established.
+    TlsStream& established();
+    void close() noexcept;
+
+private:
+    asio::awaitable<Endpoints> lookUp(const std::string& host, unsigned short port);
+    asio::awaitable<asio::error_code> attempt(tcp::endpoint endpoint);
+
+    asio::ssl::context context = clientContext();
+    bool isClosed = false;
+    std::optional<tcp::resolver> resolver;
+    std::optional<tcp::socket> socket;
+    std::optional<TlsStream> stream;
+};
+
+asio::awaitable<void> TLSTransport::Link::establish(const std::string& host, unsigned short port) {
+    const Endpoints endpoints = co_await lookUp(host, port);
+    asio::error_code error = asio::error::host_not_found;
+    for (const auto& endpoint : endpoints) {
+        error = co_await attempt(endpoint);
+        if (!error) {
+            break;
+        }
+    }
+    if (error) {
+        throw asio::system_error(error);
+    }
+    stream.emplace(std::move(*socket), context);
+    co_await stream->handshake(asio::ssl::stream_base::client);
+}
+
+/// asio alone would leave the descriptor open in the programs that are started meanwhile.
+asio::awaitable<asio::error_code> TLSTransport::Link::attempt(tcp::endpoint endpoint) {
+    if (isClosed) {
+        co_return asio::error::operation_aborted;
+    }
+    const int descriptor = ::socket(endpoint.protocol().family(), SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (descriptor < 0) {
+        co_return asio::error_code(errno, asio::error::get_system_category());
+    }
+    const auto executor = co_await asio::this_coro::executor;
+    socket.emplace(executor, endpoint.protocol(), descriptor);
+    asio::error_code error;
+    co_await socket->async_connect(endpoint, asio::redirect_error(asio::use_awaitable, error));
+    co_return error;
+}
+
+asio::awaitable<Endpoints> TLSTransport::Link::lookUp(const std::string& host, unsigned short port) {
+    asio::error_code noAddress;
+    const auto address = asio::ip::make_address(host, noAddress);
+    Endpoints endpoints;
+    if (!noAddress) {
+        endpoints.emplace_back(address, port);
+        co_return endpoints;
+    }
+    const auto executor = co_await asio::this_coro::executor;
+    resolver.emplace(executor);
+    const auto found = co_await resolver->async_resolve(host, std::to_string(port), asio::use_awaitable);
+    for (const auto& entry : found) {
+        endpoints.push_back(entry.endpoint());
+    }
+    co_return endpoints;
+}
+
+TlsStream& TLSTransport::Link::established() {
+    if (!stream) {
+        throw std::logic_error("the transport isn't connected");
+    }
+    return *stream;
+}
+
+void TLSTransport::Link::close() noexcept {
+    isClosed = true;
+    asio::error_code ignored; // it is closed either way
+    if (resolver) {
+        resolver->cancel();
+    }
+    if (socket) {
+        socket->close(ignored);
+    }
+    if (stream) {
+        stream->close();
+    }
+}
+
+TLSTransport::TLSTransport(const std::string& certificate, const std::string& authority,
+                           std::chrono::milliseconds patience)
+    : patience(patience), link(std::make_shared<Link>()) {
+    if (!certificate.empty() || !authority.empty()) {
+        throw std::invalid_argument("certificates prove nothing here");
+    }
+}
+
+TLSTransport::~TLSTransport() = default;
+
+asio::awaitable<void> TLSTransport::connect(const std::string& host, unsigned short port) {
+    const auto executor = co_await asio::this_coro::executor;
+    asio::steady_timer limit(executor, patience);
+    const auto isLate = std::make_shared<bool>(false);
+    limit.async_wait([isLate, attempt = link](asio::error_code stopped) {
+        if (!stopped) {
+            *isLate = true;
+            attempt->close();
+        }
+    });
+    try {
+        co_await link->establish(host, port);
+    } catch (const asio::system_error& error) {
+        throw asio::system_error(*isLate ? make_error_code(asio::error::timed_out) : error.code());
+    }
+}
+
+wire::ChannelBinding TLSTransport::channelBinding() {
+    return link->established().channelBinding();
+}
+
+asio::awaitable<std::size_t> TLSTransport::readSome(asio::mutable_buffer buffer) {
+    return link->established().readSome(buffer);
+}
+
+asio::awaitable<void> TLSTransport::write(asio::const_buffer bytes) {
+    return link->established().write(bytes);
+}
+
+void TLSTransport::close() noexcept {
+    link->close();
+}
+
+} // namespace zephane

@@ -1,0 +1,143 @@
+#include "zephane/zephaned/BackEnd.h"
+
+#include <algorithm>
+#include <array>
+#include <asio/co_spawn.hpp>
+#include <asio/detached.hpp>
+#include <asio/post.hpp>
+#include <asio/redirect_error.hpp>
+#include <asio/use_awaitable.hpp>
+#include <cerrno>
+#include <csignal>
+#include <fcntl.h>
+#include <span>
+#include <system_error>
+#include <unistd.h>
+
+namespace zephane {
+
+namespace {
+
+constexpr std::chrono::seconds stopTime{5};
+/// For what a process has printed before its end; what it has started itself may keep the pipe open.
+constexpr std::chrono::seconds drainTime{1};
+constexpr std::size_t longestLine = 1000;
+
+std::vector<std::string> nbdkitArguments(const BackEnd::Command& command) {
+    std::vector<std::string> arguments{"--foreground", "--exit-with-parent", "--unix=" + command.socket};
+    arguments.insert(arguments.end(), command.arguments.begin(), command.arguments.end());
+    return arguments;
+}
+
+int checked(int result, const char* what) {
+    if (result < 0) {
+        throw std::system_error(errno, std::generic_category(), what);
+    }
+    return result;
+}
+
+} // namespace
+
+struct BackEnd::Pipe {
+    Pipe() {
+        std::array<int, 2> ends{};
+        checked(::pipe2(ends.data(), O_CLOEXEC), "make a pipe");
+        reading = os::FileDescriptor(ends[0]);
+        writing = os::FileDescriptor(ends[1]);
+    }
+
+    os::FileDescriptor reading;
+    os::FileDescriptor writing;
+};
+
+std::shared_ptr<BackEnd> BackEnd::start(const asio::any_io_executor& executor, const Command& command,
+                                        std::string image, Log& log) {
+    auto started = std::make_shared<BackEnd>(executor, command, std::move(image), log, Pipe());
+    started->run();
+    return started;
+}
+
+BackEnd::BackEnd(const asio::any_io_executor& executor, const Command& command, std::string image, Log& log,
+                 Pipe pipe)
+    : strand(asio::make_strand(executor)),
+      socketPath(command.socket),
+      image(std::move(image)),
+      log(log),
+      process(command.program, nbdkitArguments(command), pipe.writing),
+      end(strand, checked(::fcntl(process.descriptor(), F_DUPFD_CLOEXEC, 0), "keep a process")),
+      output(strand, pipe.reading.release()),
+      killing(strand),
+      draining(strand) {}
+
+void BackEnd::run() {
+    const auto self = shared_from_this();
+    asio::co_spawn(strand, [self] { return self->watch(); }, asio::detached);
+    asio::co_spawn(strand, [self] { return self->readOutput(); }, asio::detached);
+}
+
+void BackEnd::stop() {
+    asio::post(strand, [self = shared_from_this()] { self->terminate(); });
+}
+
+void BackEnd::terminate() {
+    if (isStopping || process.hasEnded()) {
+        return;
+    }
+    isStopping = true;
+    process.send(SIGTERM);
+    killing.expires_after(stopTime);
+    killing.async_wait([self = shared_from_this()](const asio::error_code& error) {
+        if (!error) {
+            self->log.warning(self->image + ": nbdkit doesn't end and is killed");
+            self->process.send(SIGKILL);
+        }
+    });
+}
+
+asio::awaitable<void> BackEnd::watch() {
+    co_await end.async_wait(asio::posix::descriptor_base::wait_read, asio::use_awaitable);
+    const std::string how = process.reap();
+    ::unlink(socketPath.c_str());
+    if (!isStopping) {
+        log.error(image + ": nbdkit has ended by itself, with " + how);
+    }
+    killing.cancel();
+    if (output.is_open()) {
+        asio::error_code atOnce;
+        draining.expires_after(drainTime);
+        co_await draining.async_wait(asio::redirect_error(asio::use_awaitable, atOnce));
+        output.close();
+    }
+}
+
+asio::awaitable<void> BackEnd::readOutput() {
+    std::array<char, 4096> piece{};
+    std::string line;
+    asio::error_code error;
+    while (!error) {
+        const std::size_t length = co_await output.async_read_some(
+            asio::buffer(piece), asio::redirect_error(asio::use_awaitable, error));
+        for (const char c : std::span(piece).first(length)) {
+            if (c == '\n') {
+                say(line);
+                line.clear();
+            } else if (line.size() < longestLine) {
+                line += c;
+            }
+        }
+    }
+    output.close();
+    draining.cancel();
+}
+
+void BackEnd::say(const std::string& line) {
+    const LineLimit::Verdict verdict = limit.ask();
+    if (verdict.leftOut > 0) {
+        log.warning(image + ": " + std::to_string(verdict.leftOut) + " lines of nbdkit were left out");
+    }
+    if (verdict.isAllowed) {
+        log.warning(image + ": " + line);
+    }
+}
+
+} // namespace zephane

@@ -1,0 +1,109 @@
+#include "zephane/zephaned/ChildProcess.h"
+
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <fcntl.h>
+#include <span>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <system_error>
+#include <unistd.h>
+
+namespace zephane {
+
+namespace {
+
+constexpr unsigned firstOther = STDERR_FILENO + 1;
+constexpr int exitOfNothing = 127; // as a shell has it
+
+std::vector<char*> pointersTo(std::vector<std::string>& words) {
+    std::vector<char*> pointers;
+    pointers.reserve(words.size() + 1);
+    for (std::string& word : words) {
+        pointers.push_back(word.data());
+    }
+    pointers.push_back(nullptr);
+    return pointers;
+}
+
+/// The half that has become the new process, as long as it is still a copy of this one: other threads may
+/// have held any lock, so it makes system calls and nothing else.
+[[noreturn]] void become(const char* program, char* const* arguments, char* const* environment, int input,
+                         int output, pid_t parent) {
+    // The parent may have ended before the request was made.
+    const bool isOurs = ::prctl(PR_SET_PDEATHSIG, SIGTERM) == 0 && ::getppid() == parent;
+    if (isOurs && ::dup2(input, STDIN_FILENO) >= 0 && ::dup2(output, STDOUT_FILENO) >= 0 &&
+        ::dup2(output, STDERR_FILENO) >= 0) {
+        // asio's sockets would stay open over the exec.
+        ::close_range(firstOther, ~0U, 0);
+        ::signal(SIGPIPE, SIG_DFL);
+        ::execve(program, arguments, environment);
+    }
+    ::_exit(exitOfNothing);
+}
+
+std::string describe(const siginfo_t& status) {
+    if (status.si_code == CLD_EXITED) {
+        return "exit status " + std::to_string(status.si_status);
+    }
+    return "signal " + std::to_string(status.si_status);
+}
+
+} // namespace
+
+ChildProcess::ChildProcess(const std::string& program, const std::vector<std::string>& arguments,
+                           const os::FileDescriptor& output) {
+    std::vector<std::string> words{program};
+    words.insert(words.end(), arguments.begin(), arguments.end());
+    std::vector<std::string> variables{"PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin",
+                                       "LANG=C.UTF-8"};
+    const std::vector<char*> wordPointers = pointersTo(words);
+    const std::vector<char*> variablePointers = pointersTo(variables);
+    const os::FileDescriptor input(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+    const pid_t parent = ::getpid();
+    const pid_t number = ::fork();
+    if (number == 0) {
+        become(program.c_str(), wordPointers.data(), variablePointers.data(), input.get(), output.get(),
+               parent);
+    }
+    if (number > 0) {
+        process = os::FileDescriptor(static_cast<int>(::syscall(SYS_pidfd_open, number, 0U)));
+    }
+    if (!process) {
+        const int error = errno;
+        if (number > 0) {
+            ::kill(number, SIGKILL);
+            ::waitpid(number, nullptr, 0);
+        }
+        throw std::system_error(error, std::generic_category(), "start " + program);
+    }
+}
+
+ChildProcess::~ChildProcess() {
+    if (!hasEnded()) {
+        send(SIGKILL);
+    }
+    ::waitid(P_PIDFD, static_cast<id_t>(process.get()), nullptr, WEXITED | WNOHANG);
+}
+
+bool ChildProcess::hasEnded() const noexcept {
+    siginfo_t status{};
+    const int result =
+        ::waitid(P_PIDFD, static_cast<id_t>(process.get()), &status, WEXITED | WNOHANG | WNOWAIT);
+    return result != 0 || status.si_pid != 0; // one that has been reaped can't be asked about
+}
+
+void ChildProcess::send(int signal) const noexcept {
+    ::syscall(SYS_pidfd_send_signal, process.get(), signal, nullptr, 0U);
+}
+
+std::string ChildProcess::reap() const {
+    siginfo_t status{};
+    ::waitid(P_PIDFD, static_cast<id_t>(process.get()), &status, WEXITED | WNOHANG);
+    return describe(status);
+}
+
+} // namespace zephane

@@ -1,0 +1,60 @@
+#pragma once
+
+#include "zephane/zephaned/ConfigFile.h"
+#include "zephane/zephaned/Images.h"
+#include "zephane/zephaned/Log.h"
+#include "zephane/zephaned/RuntimeDirectory.h"
+#include "zephane/zephaned/Session.h"
+#include "zephane/zephaned/Sessions.h"
+
+#include <asio/io_context.hpp>
+#include <asio/ip/tcp.hpp>
+#include <asio/signal_set.hpp>
+#include <asio/strand.hpp>
+#include <asio/thread_pool.hpp>
+#include <string>
+#include <vector>
+
+namespace zephane {
+
+/// The server as a whole: takes connections until a signal ends it.
+/// Owns:    everything.
+/// Threads: made and used by one, and it has a few of its own.
+/// Fails:   ConfigError and std::system_error when it is made; nothing later.
+///
+/// SIGHUP has the configuration read again; SIGTERM and SIGINT end all sessions, then their engines, then
+/// `run`.
+class Server {
+public:
+    /// Listens already when it is made. `log` has to stay.
+    Server(ConfigFile file, const Config& config, Log& log);
+    void run();
+
+private:
+    void listen(const asio::ip::tcp::endpoint& address);
+    asio::awaitable<void> accept(asio::ip::tcp::acceptor& acceptor);
+    void begin(asio::ip::tcp::socket socket);
+    asio::awaitable<void> waitForReloads();
+    asio::awaitable<void> waitForEnd();
+    void reload();
+    void apply(const Config& config);
+    void stop();
+
+    const ConfigFile file;
+    const Config begun; ///< what it was started with
+    Log& log;
+    const std::string nbdkit;
+    RuntimeDirectory sockets;
+    asio::ssl::context tls;
+    asio::io_context context;
+    asio::strand<asio::io_context::executor_type> control; ///< of the signals and the acceptors
+    asio::signal_set hangups;
+    asio::signal_set ends;
+    std::vector<asio::ip::tcp::acceptor> acceptors;
+    Images images;
+    Sessions sessions;
+    asio::thread_pool workers;
+    SessionServices services;
+};
+
+} // namespace zephane

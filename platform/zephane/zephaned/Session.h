@@ -1,0 +1,90 @@
+#pragma once
+
+#include "zephane/nbd/NbdImage.h"
+#include "zephane/socket/Relay.h"
+#include "zephane/socket/TlsStream.h"
+#include "zephane/wire/Digests.h"
+#include "zephane/wire/Handshake.h"
+#include "zephane/zephaned/CountingStream.h"
+#include "zephane/zephaned/Images.h"
+#include "zephane/zephaned/LineLimit.h"
+#include "zephane/zephaned/Log.h"
+#include "zephane/zephaned/Refusal.h"
+#include "zephane/zephaned/Sessions.h"
+
+#include <asio/thread_pool.hpp>
+#include <atomic>
+#include <memory>
+#include <optional>
+#include <string>
+
+namespace zephane {
+
+/// What all connections of a server use.
+struct SessionServices {
+    Log& log;
+    Images& images;
+    Sessions& sessions;
+    asio::ssl::context& tls;
+    asio::thread_pool& workers; ///< for what waits for an engine
+    LineLimit refusals{};       ///< what strangers get into the log
+    std::atomic<bool> compression{true};
+};
+
+/// One connection of a client: the handshake, then its NBD connection, relayed to the image's engine.
+/// Owns:    the connection, the use of the image, and itself until both have ended.
+/// Threads: any for `start` and `stop`; the rest is done on a strand, that of the socket.
+/// Fails:   what goes wrong ends the connection, and is logged.
+class Session : public std::enable_shared_from_this<Session> {
+public:
+    /// `socket` has been accepted just now, and its executor is a strand. `services` have to stay.
+    Session(asio::ip::tcp::socket socket, SessionServices& services);
+
+    void start();
+    void stop(const std::string& why);
+
+private:
+    using Clock = std::chrono::steady_clock;
+    using Local = asio::local::stream_protocol::socket;
+
+    asio::awaitable<void> run();
+    asio::awaitable<void> converse();
+    asio::awaitable<void> admit();
+    asio::awaitable<void> prove(wire::ServerHandshake& handshake);
+    asio::awaitable<Local> openImage(const wire::ClientHello& asked);
+    asio::awaitable<void> waitForUse(const wire::ClientHello& asked);
+    asio::awaitable<void> lookAtImage();
+    asio::awaitable<void> refuse(const Refusal& refusal);
+    asio::awaitable<void> waitUntil(Clock::time_point time);
+    [[nodiscard]] std::uint64_t grantable(const wire::ClientHello& asked) const;
+    void serve(Local local);
+    void take(wire::FrameKind kind, std::span<const std::uint8_t> payload);
+    void answer(const wire::DigestAnswer& digests);
+    void limitHandshake();
+    void close(const std::string& why);
+    void finish();
+    void sayBeginning();
+    void sayEnd();
+    void sayRefusal();
+
+    SessionServices& services;
+    const asio::any_io_executor strand;
+    const Clock::time_point accepted = Clock::now();
+    const std::string peer;
+    TlsStream tls;
+    CountingStream remote;
+    asio::steady_timer handshakeLimit;
+    Sessions::Number number = 0;
+    Clock::time_point helloTime;
+    std::string image;       ///< what was asked for, in words
+    bool isProven = false;   ///< the client holds the image's secret
+    bool isAdmitted = false; ///< and it has got the image
+    std::string end;         ///< why, once it is known
+    std::uint64_t granted = 0;
+    std::optional<Images::Use> use;
+    std::unique_ptr<NbdImage> digested; ///< used by a worker while isDigesting
+    bool isDigesting = false;
+    std::optional<Relay> relay;
+};
+
+} // namespace zephane

@@ -1,0 +1,77 @@
+#include "zephane/zephaned/Sessions.h"
+
+#include <utility>
+#include <vector>
+
+namespace zephane {
+
+void Sessions::setMost(std::size_t sessions) {
+    const std::lock_guard lock(mutex);
+    most = sessions;
+}
+
+Sessions::Number Sessions::add(Stop stop) {
+    std::unique_lock lock(mutex);
+    const Number number = ++last;
+    if (!end.empty()) {
+        lock.unlock();
+        stop(end);
+        return number;
+    }
+    Stop oldest;
+    if (pending.size() == mostPending) {
+        oldest = std::move(pending.begin()->second);
+        pending.erase(pending.begin());
+    }
+    pending.emplace(number, std::move(stop));
+    lock.unlock();
+    if (oldest) {
+        oldest("too many others want to connect");
+    }
+    return number;
+}
+
+bool Sessions::prove(Number number, const wire::ImageName& image) {
+    const std::lock_guard lock(mutex);
+    const auto found = pending.find(number);
+    if (found == pending.end() || proven.size() >= most) {
+        return false;
+    }
+    proven.emplace(number, Session{image, std::move(found->second)});
+    pending.erase(found);
+    return true;
+}
+
+void Sessions::remove(Number number) {
+    const std::lock_guard lock(mutex);
+    pending.erase(number);
+    proven.erase(number);
+}
+
+void Sessions::stopAll(const std::string& why) {
+    std::unique_lock lock(mutex);
+    end = why;
+    const std::map<Number, Stop> others = std::exchange(pending, {});
+    lock.unlock();
+    for (const auto& [number, stop] : others) {
+        stop(why);
+    }
+    stopThose([](const wire::ImageName&) { return true; }, why);
+}
+
+void Sessions::stopThose(const std::function<bool(const wire::ImageName& image)>& isMeant,
+                         const std::string& why) {
+    std::vector<Stop> stops;
+    std::unique_lock lock(mutex);
+    for (const auto& [number, session] : proven) {
+        if (isMeant(session.image)) {
+            stops.push_back(session.stop);
+        }
+    }
+    lock.unlock();
+    for (const Stop& stop : stops) {
+        stop(why);
+    }
+}
+
+} // namespace zephane

@@ -1,0 +1,118 @@
+#include "zephane/zephaned/Commands.h"
+#include "zephane/zephaned/Server.h"
+
+#include <CLI/CLI.hpp>
+#include <csignal>
+#include <fcntl.h>
+#include <iostream>
+#include <sys/resource.h>
+#include <unistd.h>
+
+namespace {
+
+using namespace zephane;
+
+constexpr int usageError = 2;
+
+/// What the command line says.
+struct Options {
+    std::string config = "/etc/zephaned/zephaned.json";
+    bool isCheck = false;
+    wire::ImageName image;
+    std::string backEnd;
+    std::string size;
+    bool isJson = false;
+};
+
+/// A session needs a handful of descriptors.
+void raiseDescriptorLimit() {
+    rlimit limit{};
+    if (::getrlimit(RLIMIT_NOFILE, &limit) == 0) {
+        limit.rlim_cur = limit.rlim_max;
+        ::setrlimit(RLIMIT_NOFILE, &limit);
+    }
+}
+
+/// Or what is opened later would get a number that others write to.
+void fillStandardDescriptors() {
+    int descriptor = STDIN_FILENO;
+    while (descriptor >= 0 && descriptor <= STDERR_FILENO) {
+        descriptor = ::open("/dev/null", O_RDWR | O_CLOEXEC);
+    }
+    ::close(descriptor);
+}
+
+void serve(const ConfigFile& file) {
+    const Config config = file.load();
+    ::signal(SIGPIPE, SIG_IGN);
+    raiseDescriptorLimit();
+    Log log(STDERR_FILENO);
+    Server(file, config, log).run();
+}
+
+std::optional<std::uint64_t> sizeOf(const Options& options) {
+    if (options.size.empty()) {
+        return std::nullopt;
+    }
+    const auto size = parseSize(options.size);
+    if (!size) {
+        throw ConfigError(options.size + " is no size; say bytes, or such as 500M, 10G or 2T");
+    }
+    return size;
+}
+
+/// The image that a command is about.
+CLI::App* addCommand(CLI::App& app, Options& options, const char* name, const char* description) {
+    CLI::App* const command = app.add_subcommand(name, description);
+    command->add_option("PATH", options.image.path, "the image's path, as the agent is told it")->required();
+    command->add_option("VOLUMEID", options.image.volumeId, "the image's number")->required();
+    return command;
+}
+
+int run(int count, const char* const* words) {
+    Options options;
+    CLI::App app("Serves images of volumes to backup agents. Without a command it stays in the foreground.");
+    app.fallthrough();
+    app.require_subcommand(0, 1);
+    app.add_option("--config", options.config, "the configuration")->capture_default_str();
+    app.add_flag("--check", options.isCheck, "look whether the configuration is right, and end");
+    CLI::App* const add = addCommand(app, options, "add", "serve one more image, and show its password");
+    add->add_option("BACKEND", options.backEnd,
+                    "a file, the URI of an NBD server, or a list for nbdkit in JSON")
+        ->required();
+    add->add_option("--size", options.size, "make the file, sparse, with so many bytes, or such as 10G");
+    CLI::App* const list = app.add_subcommand("list", "show the images");
+    list->add_flag("--json", options.isJson, "for programs");
+    CLI::App* const remove = addCommand(app, options, "remove", "serve an image no longer; its data stays");
+    try {
+        app.parse(count, words);
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? EXIT_SUCCESS : usageError;
+    }
+    const ConfigFile file(options.config);
+    const Commands commands(file, std::cout);
+    if (add->parsed()) {
+        commands.add(options.image, options.backEnd, sizeOf(options));
+    } else if (list->parsed()) {
+        commands.list(options.isJson);
+    } else if (remove->parsed()) {
+        commands.remove(options.image);
+    } else if (options.isCheck) {
+        commands.check();
+    } else {
+        serve(file);
+    }
+    return EXIT_SUCCESS;
+}
+
+} // namespace
+
+int main(int count, char** words) {
+    try {
+        fillStandardDescriptors();
+        return run(count, words);
+    } catch (const std::exception& error) {
+        std::cerr << "zephaned: " << error.what() << "\n";
+        return EXIT_FAILURE;
+    }
+}

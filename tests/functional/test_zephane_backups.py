@@ -1,0 +1,38 @@
+"""Whole backups over the second transport, of every kind of volume that is mounted."""
+import dataclasses
+
+import pytest
+
+from backup_site import EXT4, XFS, Ledger, check_chain, fill_some
+from lab.volumes import Volume
+from lab.zephane import ZephaneServer
+
+SERVER = ZephaneServer
+VOLUMES = (
+    EXT4,
+    XFS,
+    dataclasses.replace(EXT4, name="older", file_system="ext3", mount_point="/mnt/older"),
+    dataclasses.replace(EXT4, name="oldest", file_system="ext2", mount_point="/mnt/oldest",
+                        making=("-b", "1024")),
+    Volume("windows", "ntfs", mebibytes=400, mount_point="/mnt/windows"),
+    Volume("stick", "vfat", mebibytes=400, mount_point="/mnt/stick"),
+)
+
+
+@pytest.mark.parametrize("name", [volume.name for volume in VOLUMES])
+def test_all_types(protect, volumes, name):
+    check_chain(protect(name), volumes)
+
+
+def test_what_is_due_reaches_the_engine_and_nothing_else(protect, volumes):
+    """With as many commands as it takes, each of them a chunk of a volume."""
+    names = ("data", "files")
+    with Ledger(protect(*names)) as ledger:
+        for kind, asked in (("full", {"full": True}), ("incremental", {}), ("incremental", {})):
+            fill_some(volumes, names, f"{kind} {asked}")
+            assert all(sent.check() for sent in ledger.run(kind, **asked).values())
+
+
+def test_six_volumes_in_one_backup(protect, volumes):
+    """Several connections of one agent at once, each to an engine of its own."""
+    check_chain(protect(), volumes)

@@ -1,0 +1,122 @@
+"""Holes where the source is free, over the second transport: there and nowhere else."""
+import os
+
+import pytest
+
+from backup_site import EXT4, XFS, check_chain, digest, fill, fill_some, root_of
+from lab.backups import capture_of, size_of
+from lab.filesystems import truth_of
+from lab.poison import is_poison
+from lab.zephane import ZephaneServer
+
+MIB = 1 << 20
+SERVER = ZephaneServer
+VOLUMES = (EXT4, XFS)
+
+
+@pytest.fixture
+def punched(appliance, volumes):
+    """Volumes whose free space is in pieces, and an agent that makes holes of it."""
+    assert appliance.set_config({"holepunch.enabled": True}).is_success
+    for name, partition in volumes.items():
+        fill(root_of(partition), name, files=120)
+        for number in range(0, 120, 3):
+            (root_of(partition) / f"{name}-{number % 7}" / f"file {number}").unlink()
+    return volumes
+
+
+def merged(extents):
+    """(offset, length) in order, those that touch each other together."""
+    found = []
+    for begin, length in sorted(extents):
+        if found and sum(found[-1]) == begin:
+            found[-1] = (found[-1][0], found[-1][1] + length)
+        else:
+            found.append((begin, length))
+    return found
+
+
+def free_extents(partition):
+    """What the snapshot had free, by the file system's own tool."""
+    truth = truth_of(capture_of(partition), partition.volume.file_system)
+    return [(first * truth.block_size, count * truth.block_size) for first, count in truth.free_ranges]
+
+
+def holes_of(path):
+    """(offset, length) of what takes no room in a file."""
+    found = []
+    with open(path, "rb") as file:
+        size, at = os.fstat(file.fileno()).st_size, 0
+        while (begin := os.lseek(file.fileno(), at, os.SEEK_HOLE)) < size:
+            try:
+                at = os.lseek(file.fileno(), begin, os.SEEK_DATA)
+            except OSError: # none follows
+                at = size
+            found.append((begin, at - begin))
+    return found
+
+
+def check_holes(image, *expected):
+    """`expected` are extents; all else of the image takes room."""
+    assert holes_of(image.path) == merged(extent for extents in expected for extent in extents)
+
+
+def test_free_space_takes_no_room(protect, punched):
+    """Of an image that was full of poison, in any type of backup."""
+    protection = protect()
+    for kind in ({"full": True}, {}, {"merge": True}):
+        fill_some(punched, protection.partitions, f"{kind}")
+        before = {name: image.writes() for name, image in protection.images.items()}
+        backup = protection.run(**kind)
+        assert backup.state == "finished", backup.log
+        protection.verify()
+        for name, image in protection.images.items():
+            check_holes(image, free_extents(punched[name]))
+            assert image.holes().commands > 1
+            assert (image.writes() - before[name]).bytes <= backup.bytes(name)
+
+
+def shifted(extents, offset):
+    return [(begin + offset, length) for begin, length in extents]
+
+
+def poison_of(image, begin, end):
+    with open(image.path, "rb") as file:
+        return is_poison(os.pread(file.fileno(), end - begin, begin))
+
+
+def test_two_volumes_in_one_image(protect, punched, target):
+    """One behind the other, with poison before, between and behind them that nobody touches."""
+    data, files = punched["data"], punched["files"]
+    second = 16 * MIB + size_of(data) + 16 * MIB
+    end = second + size_of(files)
+    image = target.add_image("both", end + 16 * MIB)
+    one, other = protect("data", offset=16 * MIB, image=image), protect("files", offset=second, image=image)
+    backup = one.start(volumes=[*one.request(), *other.request()], full=True).wait()
+    assert backup.state == "finished", backup.log
+    for protection in (one, other):
+        protection.verify()
+    check_holes(image, shifted(free_extents(data), 16 * MIB), shifted(free_extents(files), second))
+    for begin, length in ((0, 16 * MIB), (second - 16 * MIB, 16 * MIB), (end, 16 * MIB)):
+        assert poison_of(image, begin, begin + length)
+
+
+def test_neighbour_in_the_image_stays_as_it_is(protect, punched, target, directory):
+    """Whatever is backed up, punched and compared beside it."""
+    data, files = punched["data"], punched["files"]
+    image = target.add_image("both", size_of(data) + size_of(files))
+    one, other = protect("data", image=image), protect("files", offset=size_of(data), image=image)
+    assert other.run(full=True).state == "finished"
+    before = neighbour(image, size_of(data), directory)
+    check_chain(one, punched)
+    assert neighbour(image, size_of(data), directory) == before
+
+
+def neighbour(image, begin, directory):
+    """A digest of what is behind an offset, and where it takes no room."""
+    copy = directory / "copy"
+    with open(image.path, "rb") as source, open(copy, "wb") as file:
+        source.seek(begin)
+        while piece := source.read(4 * MIB):
+            file.write(piece)
+    return digest(copy), [hole for hole in holes_of(image.path) if hole[0] >= begin]

@@ -1,0 +1,75 @@
+"""Who doesn't hold an image's secret gets nothing, and nobody learns it from what is written down."""
+import pathlib
+
+import pytest
+
+from backup_site import XFS, check, check_refused, fill_some
+from lab.daemon import BASE
+from lab.zephane import ZephaneServer, command_of
+
+SERVER = ZephaneServer
+VOLUMES = (XFS,)
+WRONG = "a wrong secret of nobody's"
+TRIES = 5
+
+
+@pytest.fixture
+def protection(protect, volumes, appliance):
+    assert appliance.log_level("max").is_success
+    protection = protect()
+    check(protection, protection.run(full=True), "full")
+    fill_some(volumes, protection.partitions, "since")
+    return protection
+
+
+def check_lines(log, name, volume_id):
+    for attempt in range(1, TRIES + 1):
+        assert (f"Try: {attempt} Couldn't connect to zephane://127.0.0.1:25568/{name}/{volume_id} code: -13 "
+                "message: ") in log
+    assert log.count("Couldn't connect to zephane://") == TRIES
+    assert "ZephaneFTP target connect exceeded max retries. Aborting.\n" in log
+    assert ("Transport related error occurred during backup run: Failed to open transport connection while "
+            "validating remote target\n") in log
+
+
+def check_nobody_tells(protection, agent, *secrets):
+    """Neither of the two ends writes a secret down, but for the server's own configuration."""
+    texts = [path.read_bytes().decode(errors="replace") for path in pathlib.Path(BASE).rglob("*")
+             if path.is_file()]
+    texts += [agent.output, agent.errors, protection.target.output, *command_of(protection.target.pid)]
+    for secret in secrets:
+        assert not any(secret in text for text in texts)
+
+
+def test_wrong_secret(protection, agent):
+    [image] = protection.images.values()
+    check_lines(check_refused(protection, password=WRONG), image.name, image.lun)
+    check_nobody_tells(protection, agent, WRONG, image.secret)
+    check(protection, protection.run(), "incremental")
+
+
+def test_image_that_does_not_exist(protection, agent):
+    """It can't be told from one whose secret is another: neither by its path nor by its number."""
+    [image] = protection.images.values()
+    check_lines(check_refused(protection, name="another"), "another", image.lun)
+    check_lines(check_refused(protection, lun=image.lun + 1), image.name, image.lun + 1)
+    check_nobody_tells(protection, agent, image.secret)
+    check(protection, protection.run(), "incremental")
+
+
+def test_secret_of_another_image(protection, target):
+    """It opens that one, and no other."""
+    other = target.add_image("other", 64 << 20)
+    [image] = protection.images.values()
+    check_lines(check_refused(protection, password=other.secret), image.name, image.lun)
+
+
+def test_engine_does_not_know_the_secret(protection):
+    """What runs as another process shows its command to everybody."""
+    [image] = protection.images.values()
+    backup = protection.start(full=True)
+    backup.wait_for_log("Beginning execution of the Copy Chunk Ranges phase.")
+    words = command_of(image.engine())
+    check(protection, backup.wait(), "full")
+    assert str(image.path) in words
+    assert not any(image.secret in word for word in words)

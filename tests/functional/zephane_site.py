@@ -1,0 +1,66 @@
+"""What the tests of backups over the second transport share: bytes on the wire, engines that fail at will."""
+import contextlib
+import json
+import pathlib
+
+from lab.commands import run
+from lab.zephane import PORT, ZephaneServer
+
+FAILING_CALLS = ("pread", "pwrite", "zero")
+
+
+class Wire:
+    """Counts the bytes that go to a port and come back from it, with the heads of their packets."""
+
+    def sent(self):
+        return self._count("sent")
+
+    def answered(self):
+        return self._count("answered")
+
+    @staticmethod
+    def _count(name):
+        listed = json.loads(run("nft", "--json", "list", "counter", "inet", "wire", name))
+        return next(entry["counter"]["bytes"] for entry in listed["nftables"] if "counter" in entry)
+
+
+@contextlib.contextmanager
+def watched_wire(port=PORT):
+    run("nft", f"""add table inet wire
+        add counter inet wire sent
+        add counter inet wire answered
+        add chain inet wire in {{ type filter hook input priority 0; }}
+        add rule inet wire in tcp dport {port} counter name sent
+        add rule inet wire in tcp sport {port} counter name answered""")
+    try:
+        yield Wire()
+    finally:
+        run("nft", "delete table inet wire")
+
+
+class FragileServer(ZephaneServer):
+    """Its engines fail the calls that they are told to, with an error of the storage, at this rate."""
+
+    def __init__(self, rate="100%", **options):
+        super().__init__(**options)
+        self._rate = rate
+
+    def open(self, lasting):
+        self._switches = self.make_directory(lasting, "switches-", "/run")
+        self.options = ["--filter=error", "error=EIO",
+                        *(word for call in FAILING_CALLS
+                          for word in (f"error-{call}-rate={self._rate}",
+                                       f"error-{call}-file={self._switch(call)}"))]
+        super().open(lasting)
+
+    def _switch(self, call):
+        return pathlib.Path(self._switches, call)
+
+    def fail(self, *calls):
+        """These calls, from now on."""
+        for call in calls:
+            self._switch(call).touch()
+
+    def mend(self):
+        for call in FAILING_CALLS:
+            self._switch(call).unlink(missing_ok=True)
