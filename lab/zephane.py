@@ -16,15 +16,15 @@ import pathlib
 import re
 import secrets
 import signal
-import subprocess
 
 from lab.daemon import program
-from lab.image_server import ADDRESS, SECONDS, ImageServer, Writes
+from lab.image_server import SECONDS, ImageServer, Writes
 from lab.services import wait_until
 
 PORT = 25568
 FIRST_VOLUME_ID = 2**63 # so that none of them fits what a SCSI unit may have
-RELOADED = "reloaded"
+READY = "ready\n"
+RELOADED = "the configuration has been read again\n"
 REQUEST = re.compile(r" connection=(\d+) (\.{3})?(Read|Write|Zero|Trim|Flush) id=(\d+)(.*)")
 EXTENT = re.compile(r" offset=0x([0-9a-f]+) count=0x([0-9a-f]+)")
 
@@ -138,9 +138,7 @@ class ZephaneServer(ImageServer):
         new.replace(self.configuration)
 
     def is_ready(self):
-        return bool(subprocess.run(["ss", "--no-header", "--listening", "--tcp", "--numeric",
-                                    f"src {ADDRESS}:{self.port}"], capture_output=True, check=True,
-                                   timeout=SECONDS).stdout)
+        return READY in self.output
 
     def serve(self, path, *, backend=None):
         """`backend` takes the place of an engine on the image's file."""

@@ -14,8 +14,7 @@ TRIES = 5
 
 
 @pytest.fixture
-def protection(protect, volumes, appliance):
-    assert appliance.log_level("max").is_success
+def protection(protect, volumes):
     protection = protect()
     check(protection, protection.run(full=True), "full")
     fill_some(volumes, protection.partitions, "since")
