@@ -14,6 +14,7 @@ confirmed outlives its kill, in files that go with the cluster.
 Inside lab/namespace only: nobody has to prove who he is, as nobody else gets to this loopback.
 """
 import concurrent.futures
+import contextlib
 import json
 import pathlib
 import tempfile
@@ -198,6 +199,15 @@ class CephCluster(Stay):
         """Brings back one that was killed, with what it had."""
         self.osds[number].start()
         self._await_up(self.osds[number])
+
+    @contextlib.contextmanager
+    def without(self, *numbers):
+        """These OSDs are killed, and back at the end."""
+        with contextlib.ExitStack() as back:
+            for number in numbers:
+                self.kill_osd(number)
+                back.callback(self.start_osd, number)
+            yield
 
 
 class RbdExport(Mortal):

@@ -5,20 +5,14 @@ import subprocess
 
 import pytest
 
-from lab.ceph import CephCluster, RbdExport
+from lab.ceph import RbdExport
 from lab.commands import run
 
 MIB = 1 << 20
 SIZE = 128 * MIB
 HOLE, HOLE_LENGTH = 5 * MIB, 70 * MIB # begins and ends inside of an object
 ORGANIZATION = MIB # what a disk holds beside the objects' own bytes, at most
-SECONDS = 60
-
-
-@pytest.fixture(scope="module")
-def cluster(private_machine):
-    with CephCluster() as running:
-        yield running
+SECONDS, SECONDS_AWAY = 60, 5
 
 
 @pytest.fixture
@@ -41,7 +35,10 @@ def source(tmp_path):
 @contextlib.contextmanager
 def copying(source, export):
     with subprocess.Popen(["nbdcopy", "--flush", source, export.uri]) as copy:
-        yield copy
+        try:
+            yield copy
+        finally:
+            copy.kill()
 
 
 def check_equal(cluster, source, tmp_path):
@@ -74,22 +71,19 @@ def test_each_machine_holds_the_image_and_a_hole_takes_no_room(cluster, export, 
 
 def test_one_machine_may_be_missing(cluster, export, source, tmp_path):
     """It is brought up to what the others have, and may then stand in for one of them."""
-    cluster.kill_osd(0)
-    assert cluster.up() == {1, 2}
-    run("nbdcopy", "--flush", source, export.uri)
-    cluster.start_osd(0)
-    cluster.kill_osd(1)
-    check_equal(cluster, source, tmp_path)
-    cluster.start_osd(1)
+    with cluster.without(0):
+        assert cluster.up() == {1, 2}
+        run("nbdcopy", "--flush", source, export.uri)
+    with cluster.without(1):
+        check_equal(cluster, source, tmp_path)
 
 
 def test_with_two_missing_all_wait(cluster, export, source, tmp_path):
-    cluster.kill_osd(0)
-    cluster.kill_osd(1)
-    with copying(source, export) as copy:
-        with pytest.raises(subprocess.TimeoutExpired):
-            copy.wait(5)
-        cluster.start_osd(0)
-        assert copy.wait(SECONDS) == 0
-    cluster.start_osd(1)
+    with cluster.without(0), contextlib.ExitStack() as second:
+        second.enter_context(cluster.without(1))
+        with copying(source, export) as copy:
+            with pytest.raises(subprocess.TimeoutExpired):
+                copy.wait(SECONDS_AWAY)
+            second.close()
+            assert copy.wait(SECONDS) == 0
     check_equal(cluster, source, tmp_path)
