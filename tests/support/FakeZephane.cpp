@@ -248,12 +248,15 @@ public:
         if (fake.isScripted("close", answer)) {
             return {answer.code, answer.text};
         }
-        const State before = std::exchange(state, State::closed);
-        if (before == State::closed) {
-            return {Status::alreadyClosed, "closed already"};
+        if (state == State::closed) {
+            return {Status::alreadyClosed, "there is nothing to close"};
         }
-        return before == State::broken || fake.isBroken ? Status{-EIO, "the connection has broken"}
-                                                        : Status{};
+        state = fake.isBroken ? State::broken : state;
+        if (state == State::broken) {
+            return {-EIO, "the connection has broken"};
+        }
+        state = State::closed;
+        return {};
     }
 
     [[nodiscard]] std::int64_t size() const { return static_cast<std::int64_t>(fake.image.size()); }
@@ -294,7 +297,7 @@ private:
 
 ZephaneFTPClient::ZephaneFTPClient(std::unique_ptr<SocketImpl> socket, std::string host, unsigned short port,
                                    std::string path, unsigned long volumeId, unsigned long flags,
-                                   std::string secret) {
+                                   std::string secret, ClientPatience /*patience*/) {
     FakeZephane::get().note("ZephaneFTPClient", host, port, path, volumeId, flags, secret,
                             describe(socket->filters()));
     connection = std::make_unique<Connection>(std::move(socket), flags);

@@ -16,7 +16,8 @@ namespace agent::core {
 /// whoever needs all of it takes every smaller count as a failure.
 ///
 /// `errno` is EINVAL for an argument that can't be, ENOSPC for a write that begins at the image's end,
-/// ENOTCONN without a connection, EBUSY as said above, and EIO for everything else.
+/// ENOTCONN without a connection, EBUSY as said above, and EIO for everything else, of a connection that has
+/// broken for as long as it likes.
 ///
 /// Positions and lengths are whole blocks of the target, for which any multiple of 4096 bytes will do. Others
 /// may be refused with EINVAL, and a read of such may begin at the start of its block.

@@ -2,7 +2,7 @@
 
 #include "core/transport/HostAndPort.h"
 #include "core/transport/IscsiTransport.h"
-#include "core/transport/PendingTransport.h"
+#include "core/transport/ZephaneFTPTransport.h"
 
 #include <algorithm>
 #include <array>
@@ -18,9 +18,10 @@ std::shared_ptr<ITransport> makeIscsi(info::Logger& logger, const RemoteImage& i
                                             image.password);
 }
 
-std::shared_ptr<ITransport> makeZephaneFTP(info::Logger& /*logger*/, const RemoteImage& image) {
-    splitHostAndPort(image.address);
-    return std::make_shared<PendingTransport>();
+std::shared_ptr<ITransport> makeZephaneFTP(info::Logger& logger, const RemoteImage& image) {
+    const HostAndPort server = splitHostAndPort(image.address);
+    return std::make_shared<ZephaneFTPTransport>(logger, server.host, image.qualifiedName, image.lun,
+                                                 image.offset, server.port, image.password);
 }
 
 /// The one that every other word means comes last.

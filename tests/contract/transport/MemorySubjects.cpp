@@ -105,6 +105,7 @@ public:
     std::string lastWrite() override { return std::to_string(zephane.changes); }
     [[nodiscard]] bool mayFailShort() const override { return true; }
     [[nodiscard]] bool mayFailLate() const override { return true; }
+    [[nodiscard]] bool staysBroken() const override { return true; }
     void breakDown() override { zephane.isBroken = true; }
     void heal() override { zephane.isBroken = false; }
 

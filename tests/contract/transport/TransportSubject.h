@@ -44,6 +44,8 @@ public:
     /// From now on no command is carried out, until `heal`. A connection can still be made.
     virtual void breakDown() = 0;
     virtual void heal() = 0;
+    /// Whether a connection that has broken says so even when it has been closed.
+    [[nodiscard]] virtual bool staysBroken() const { return false; }
 };
 
 /// How a subject is made, and what it is called among the tests.

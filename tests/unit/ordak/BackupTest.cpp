@@ -4,6 +4,7 @@
 #include "support/BodyMutation.h"
 #include "support/EngineStage.h"
 #include "support/FakeIscsi.h"
+#include "support/FakeZephane.h"
 #include "support/Messages.h"
 #include "support/RecordingLogger.h"
 
@@ -80,6 +81,7 @@ protected:
     test::EngineStage stage{record.logger};
     FeatureManager features;
     test::FakeIscsi iscsi;
+    test::FakeZephane zephane;
     Backup backup{record.logger, stage.engine, features};
 };
 
@@ -236,6 +238,8 @@ TEST_F(BackupTest, NumbersThatFitNoVolumeAreRefused) {
         }
     }
     json entry = volume();
+    entry["lun"] = -1.5;
+    EXPECT_EQ(refusalOf(request({entry})), "the logical unit number -1 is negative");
     entry["lun"] = 2147483648;
     EXPECT_EQ(refusalOf(request({entry})),
               "[json.exception.out_of_range.406] number out of range: 2147483648");
@@ -343,18 +347,61 @@ protected:
         body["interface"] = "zephaneftp";
         return body;
     }
+
+    /// What the transport of the last backup's volume makes its client of, but for the filters.
+    std::string clientOf(const std::string& uuid) {
+        const std::shared_ptr<core::ITransport> transport = stage.takeTransport(uuid);
+        zephane.calls.clear();
+        EXPECT_TRUE(transport->connect(false));
+        const std::string call = zephane.calls.at(4);
+        return call.substr(0, call.find(" reading:"));
+    }
 };
 
 TEST_F(ZephaneFTPTest, IsAskedForByItsName) {
     start(to("10.0.0.1:3260"));
     EXPECT_TRUE(record.has(4, "Backup transport interface requested: zephaneftp"));
     EXPECT_TRUE(record.has(3, "Backup transport interface: zephaneftp"));
-    EXPECT_FALSE(stage.takeTransport("uuid-1")->connect(false)); // there is none yet
+    EXPECT_EQ(clientOf("uuid-1"), "ZephaneFTPClient 10.0.0.1 3260 iqn.x:y 3 10 secret");
     EXPECT_THAT(iscsi.calls, testing::IsEmpty());
+}
+
+TEST_F(ZephaneFTPTest, ImageBeginsAtItsOffset) {
+    zephane.image.resize(8192);
+    start(to("host:21"));
+    const std::shared_ptr<core::ITransport> transport = stage.takeTransport("uuid-1");
+    ASSERT_TRUE(transport->connect(false));
+    EXPECT_EQ(transport->write("x", 1), 1);
+    EXPECT_EQ(zephane.image[4096], 'x');
+}
+
+TEST_F(ZephaneFTPTest, LogicalUnitMayHave64Bits) {
+    for (const json& lun : std::vector<json>{0, 2147483648, UINT64_MAX, 18446744073709549568.0}) {
+        json body = to("host:21");
+        body["volumes"][0]["lun"] = lun;
+        start(body);
+        const auto number = std::to_string(lun.get<std::uint64_t>());
+        EXPECT_EQ(clientOf("uuid-1"), "ZephaneFTPClient host 21 iqn.x:y " + number + " 10 secret");
+    }
+}
+
+TEST_F(ZephaneFTPTest, LogicalUnitIsNotNegativeAndNoLarger) {
+    for (const auto& [lun, text] : std::vector<std::pair<json, std::string>>{
+             {-1, "the logical unit number -1 is negative"},
+             {-1.5, "the logical unit number -1 is negative"},
+             {-1e300, "[json.exception.out_of_range.406] number out of range: -1e+300"},
+             {18446744073709551616.0,
+              "[json.exception.out_of_range.406] number out of range: 1.8446744073709552e+19"}}) {
+        json body = to("host:21");
+        body["volumes"][0]["lun"] = lun;
+        EXPECT_EQ(refusalOf(body), text);
+    }
+    EXPECT_FALSE(hasMadeTransports());
 }
 
 TEST_F(ZephaneFTPTest, PortMayHaveMoreThan16Bits) {
     EXPECT_EQ(start(to("host:70000")).status, 201);
+    EXPECT_EQ(clientOf("uuid-1"), "ZephaneFTPClient host 4464 iqn.x:y 3 10 secret");
 }
 
 TEST_F(ZephaneFTPTest, AddressesOfAnotherForm) {

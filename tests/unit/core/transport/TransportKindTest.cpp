@@ -1,6 +1,7 @@
 #include "core/transport/TransportKind.h"
 
 #include "support/FakeIscsi.h"
+#include "support/FakeZephane.h"
 #include "support/RecordingLogger.h"
 
 #include <gmock/gmock.h>
@@ -24,6 +25,7 @@ protected:
 
     test::RecordingLogger log;
     test::FakeIscsi iscsi;
+    test::FakeZephane zephane;
 };
 
 TEST_F(TransportKindTest, EachIsAskedForByItsWord) {
@@ -38,6 +40,7 @@ TEST_F(TransportKindTest, MakingOneConnectsNothing) {
         EXPECT_NE(make(word), nullptr) << word;
     }
     EXPECT_THAT(iscsi.calls, testing::IsEmpty());
+    EXPECT_THAT(zephane.calls, testing::IsEmpty());
 }
 
 TEST_F(TransportKindTest, IscsiTransportIsThatOfTheImage) {
@@ -52,6 +55,28 @@ TEST_F(TransportKindTest, IscsiTransportIsThatOfTheImage) {
     std::array<unsigned char, 512> block{};
     EXPECT_EQ(transport->read(block.data(), block.size()), 512);
     EXPECT_EQ(block[0], 7);
+}
+
+TEST_F(TransportKindTest, ZephaneFTPTransportIsThatOfTheImage) {
+    zephane.image.resize(4097);
+    zephane.image[4096] = 7;
+    RemoteImage largest = image;
+    largest.lun = transportKindOf("zephaneftp").largestLun;
+    const std::shared_ptr<ITransport> transport = transportKindOf("zephaneftp").make(log.logger, largest);
+    ASSERT_TRUE(transport->connect(false));
+    EXPECT_THAT(zephane.calls, Contains("ZephaneFTPClient host 21 iqn.x:y 18446744073709551615 10 secret "
+                                        "reading: Decompressor writing: Compressor"));
+    unsigned char byte = 0;
+    EXPECT_EQ(transport->read(&byte, 1), 1);
+    EXPECT_EQ(byte, 7);
+}
+
+TEST_F(TransportKindTest, LogicalUnitsOfIscsiHave31Bits) {
+    RemoteImage largest = image;
+    largest.lun = transportKindOf("").largestLun;
+    EXPECT_EQ(largest.lun, 2147483647U);
+    ASSERT_TRUE(transportKindOf("").make(log.logger, largest)->connect(false));
+    EXPECT_THAT(iscsi.calls, Contains("iscsi_full_connect_sync host:21 2147483647"));
 }
 
 TEST_F(TransportKindTest, FileProtocolNeedsAPort) {
