@@ -59,10 +59,12 @@ BackEndSource toSource(const std::string& backEnd) {
 }
 
 std::string whereToConnect(const Config& config) {
-    const asio::ip::tcp::endpoint& address = config.listen.front();
-    return address.address().is_unspecified()
-               ? "ADDRESS:" + std::to_string(address.port()) + "   (an address of this machine)"
-               : describe(address);
+    Address address = config.listen.front();
+    if (address.host != "0.0.0.0" && address.host != "::") {
+        return describe(address);
+    }
+    address.host = "ADDRESS";
+    return describe(address) + "   (an address of this machine)";
 }
 
 bool isWhole(std::from_chars_result result, const char* end) {

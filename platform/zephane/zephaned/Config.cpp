@@ -6,7 +6,7 @@
 #include "zephane/zephaned/Names.h"
 
 #include <algorithm>
-#include <array>
+#include <arpa/inet.h>
 #include <charconv>
 #include <limits>
 #include <set>
@@ -14,8 +14,6 @@
 namespace zephane {
 
 namespace {
-
-using asio::ip::tcp;
 
 constexpr std::size_t longestSecret = 1024;
 constexpr std::size_t mostImages = 100'000;
@@ -30,22 +28,24 @@ bool parsePort(const std::string& text, std::uint16_t& port) {
     return error == std::errc() && stop == end && !text.empty();
 }
 
-tcp::endpoint readAddress(const ConfigReader& reader) {
+bool isAddress(const std::string& host, bool isSix) {
+    in6_addr binary{}; // has room for the shorter ones
+    return ::inet_pton(isSix ? AF_INET6 : AF_INET, host.c_str(), &binary) == 1;
+}
+
+Address readAddress(const ConfigReader& reader) {
     const std::string text = reader.text();
     const std::size_t colon = text.rfind(':');
-    std::string host = text.substr(0, colon);
-    const bool isBracketed = host.size() > 2 && host.front() == '[' && host.back() == ']';
+    Address address{text.substr(0, colon), 0};
+    const bool isBracketed = address.host.starts_with('[') && address.host.ends_with(']');
     if (isBracketed) {
-        host = host.substr(1, host.size() - 2);
+        address.host = address.host.substr(1, address.host.size() - 2);
     }
-    asio::error_code error;
-    const asio::ip::address address = asio::ip::make_address(host, error);
-    std::uint16_t port = 0;
-    if (colon == std::string::npos || error || address.is_v6() != isBracketed ||
-        !parsePort(text.substr(colon + 1), port)) {
+    if (colon == std::string::npos || !isAddress(address.host, isBracketed) ||
+        !parsePort(text.substr(colon + 1), address.port)) {
         reader.refuse("\"" + text + "\" is no address and port, such as 0.0.0.0:25568 or [::]:25568");
     }
-    return {address, port};
+    return address;
 }
 
 std::string readDirectory(const ConfigReader& reader) {
@@ -144,8 +144,8 @@ std::vector<ImageConfig> readImages(const ConfigReader& reader) {
     return images;
 }
 
-std::vector<tcp::endpoint> readAddresses(const ConfigReader& reader) {
-    std::vector<tcp::endpoint> addresses;
+std::vector<Address> readAddresses(const ConfigReader& reader) {
+    std::vector<Address> addresses;
     reader.each([&](const ConfigReader& address) { addresses.push_back(readAddress(address)); });
     if (addresses.empty()) {
         reader.refuse("there has to be one address at least, such as \"0.0.0.0:25568\"");
@@ -196,7 +196,7 @@ Config parseConfig(const std::string& text, const std::string& file) {
 
 std::string toText(const Config& config) {
     Json json;
-    for (const tcp::endpoint& address : config.listen) {
+    for (const Address& address : config.listen) {
         json["listen"].push_back(describe(address));
     }
     json["runtimeDirectory"] = config.runtimeDirectory;

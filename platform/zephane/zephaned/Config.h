@@ -29,8 +29,16 @@ struct ImageConfig {
     bool operator==(const ImageConfig&) const = default;
 };
 
+/// An address of TCP.
+struct Address {
+    std::string host; ///< a number of either version of IP
+    std::uint16_t port = 0;
+
+    bool operator==(const Address&) const = default;
+};
+
 struct Config {
-    std::vector<asio::ip::tcp::endpoint> listen{{asio::ip::address_v4::loopback(), 25568}};
+    std::vector<Address> listen{{"127.0.0.1", 25568}};
     std::string runtimeDirectory = "/run/zephaned"; ///< absolute
     bool compression = true;                        ///< granted to who asks for it
     std::size_t maxSessions = 256;                  ///< of clients that have proven themselves

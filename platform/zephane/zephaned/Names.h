@@ -1,14 +1,13 @@
 #pragma once
 
-#include "zephane/wire/Hello.h"
+#include "zephane/zephaned/Config.h"
 
-#include <asio/ip/tcp.hpp>
 #include <string>
 
 namespace zephane {
 
 /// As they stand in lines for people.
 std::string describe(const wire::ImageName& image);
-std::string describe(const asio::ip::tcp::endpoint& address);
+std::string describe(const Address& address);
 
 } // namespace zephane

@@ -52,22 +52,23 @@ Server::Server(ConfigFile configFile, const Config& config, Log& log)
       workers(workerThreads),
       services{log, images, sessions, tls, workers} {
     apply(config);
-    for (const tcp::endpoint& address : config.listen) {
+    for (const Address& address : config.listen) {
         listen(address);
     }
 }
 
-void Server::listen(const tcp::endpoint& address) {
+void Server::listen(const Address& address) {
+    const tcp::endpoint endpoint(asio::ip::make_address(address.host), address.port);
     try {
         tcp::acceptor acceptor(control);
-        acceptor.open(address.protocol());
+        acceptor.open(endpoint.protocol());
         acceptor.set_option(tcp::acceptor::reuse_address(true));
-        if (address.address().is_v6()) {
+        if (endpoint.address().is_v6()) {
             acceptor.set_option(asio::ip::v6_only(true));
         }
-        acceptor.bind(address);
+        acceptor.bind(endpoint);
         acceptor.listen();
-        log.info("listening at " + describe(acceptor.local_endpoint()));
+        log.info("listening at " + describe(Address{address.host, acceptor.local_endpoint().port()}));
         acceptors.push_back(std::move(acceptor));
     } catch (const asio::system_error& error) {
         throw ConfigError("can't listen at " + describe(address) + ": " + error.code().message());
@@ -110,7 +111,7 @@ asio::awaitable<void> Server::accept(tcp::acceptor& acceptor) {
 
 void Server::begin(tcp::socket socket) {
     try {
-        std::make_shared<Session>(std::move(socket), services)->start();
+        std::make_shared<ServerSession>(std::move(socket), services)->start();
     } catch (const std::exception& error) { // it has gone already
         if (services.refusals.ask().isAllowed) {
             log.warning(std::string("refused a client: ") + error.what());

@@ -4,7 +4,7 @@
 #include "zephane/zephaned/Images.h"
 #include "zephane/zephaned/Log.h"
 #include "zephane/zephaned/RuntimeDirectory.h"
-#include "zephane/zephaned/Session.h"
+#include "zephane/zephaned/ServerSession.h"
 #include "zephane/zephaned/Sessions.h"
 
 #include <asio/io_context.hpp>
@@ -31,7 +31,7 @@ public:
     void run();
 
 private:
-    void listen(const asio::ip::tcp::endpoint& address);
+    void listen(const Address& address);
     asio::awaitable<void> accept(asio::ip::tcp::acceptor& acceptor);
     void begin(asio::ip::tcp::socket socket);
     asio::awaitable<void> waitForReloads();

@@ -1,4 +1,4 @@
-#include "zephane/zephaned/Session.h"
+#include "zephane/zephaned/ServerSession.h"
 
 #include "zephane/socket/Compressor.h"
 #include "zephane/socket/Decompressor.h"
@@ -29,7 +29,7 @@ constexpr std::chrono::seconds engineTime = wire::handshakeTime - std::chrono::s
 std::string peerOf(const asio::ip::tcp::socket& socket) {
     asio::error_code gone;
     const asio::ip::tcp::endpoint peer = socket.remote_endpoint(gone);
-    return gone ? "a client that has gone" : describe(peer);
+    return gone ? "a client that has gone" : describe(Address{peer.address().to_string(), peer.port()});
 }
 
 wire::DigestAnswer digest(NbdImage& image, const wire::DigestRequest& range) {
@@ -48,7 +48,7 @@ Filters compression() {
 
 } // namespace
 
-Session::Session(asio::ip::tcp::socket socket, SessionServices& services)
+ServerSession::ServerSession(asio::ip::tcp::socket socket, SessionServices& services)
     : services(services),
       strand(socket.get_executor()),
       peer(peerOf(socket)),
@@ -56,8 +56,8 @@ Session::Session(asio::ip::tcp::socket socket, SessionServices& services)
       remote(tls),
       handshakeLimit(strand) {}
 
-void Session::start() {
-    const std::weak_ptr<Session> self = weak_from_this();
+void ServerSession::start() {
+    const std::weak_ptr<ServerSession> self = weak_from_this();
     number = services.sessions.add([self](const std::string& why) {
         if (const auto session = self.lock()) {
             session->stop(why);
@@ -67,11 +67,11 @@ void Session::start() {
     asio::co_spawn(strand, [self = shared_from_this()] { return self->run(); }, asio::detached);
 }
 
-void Session::stop(const std::string& why) {
+void ServerSession::stop(const std::string& why) {
     asio::post(strand, [self = shared_from_this(), why] { self->close(why); });
 }
 
-void Session::close(const std::string& why) {
+void ServerSession::close(const std::string& why) {
     if (end.empty()) {
         end = why;
     }
@@ -82,7 +82,7 @@ void Session::close(const std::string& why) {
     }
 }
 
-void Session::limitHandshake() {
+void ServerSession::limitHandshake() {
     handshakeLimit.expires_at(accepted + wire::handshakeTime);
     handshakeLimit.async_wait([self = weak_from_this()](const asio::error_code& cancelled) {
         const auto session = self.lock();
@@ -92,7 +92,7 @@ void Session::limitHandshake() {
     });
 }
 
-asio::awaitable<void> Session::run() {
+asio::awaitable<void> ServerSession::run() {
     try {
         co_await converse();
     } catch (const std::exception& error) {
@@ -101,7 +101,7 @@ asio::awaitable<void> Session::run() {
     finish();
 }
 
-void Session::finish() {
+void ServerSession::finish() {
     close(use && use->backEnd().hasEnded() ? "the image's engine has ended" : "the client has ended it");
     handshakeLimit.cancel();
     if (!isDigesting) {
@@ -112,7 +112,7 @@ void Session::finish() {
     isProven ? sayEnd() : sayRefusal();
 }
 
-asio::awaitable<void> Session::converse() {
+asio::awaitable<void> ServerSession::converse() {
     std::optional<Refusal> refusal;
     try {
         co_await admit();
@@ -126,7 +126,7 @@ asio::awaitable<void> Session::converse() {
     }
 }
 
-asio::awaitable<void> Session::admit() {
+asio::awaitable<void> ServerSession::admit() {
     co_await tls.handshake(asio::ssl::stream_base::server);
     wire::ServerHandshake handshake(tls.channelBinding());
     co_await prove(handshake);
@@ -146,7 +146,7 @@ asio::awaitable<void> Session::admit() {
     sayBeginning();
 }
 
-asio::awaitable<void> Session::prove(wire::ServerHandshake& handshake) {
+asio::awaitable<void> ServerSession::prove(wire::ServerHandshake& handshake) {
     const wire::Bytes hello = co_await readMessage(remote);
     helloTime = Clock::now();
     const wire::Bytes reply = handshake.answer(
@@ -160,7 +160,7 @@ asio::awaitable<void> Session::prove(wire::ServerHandshake& handshake) {
     }
 }
 
-asio::awaitable<Session::Local> Session::openImage(const wire::ClientHello& asked) {
+asio::awaitable<ServerSession::Local> ServerSession::openImage(const wire::ClientHello& asked) {
     co_await waitForUse(asked);
     Local local = co_await connectTo(use->backEnd(), accepted + engineTime);
     co_await lookAtImage();
@@ -172,7 +172,7 @@ asio::awaitable<Session::Local> Session::openImage(const wire::ClientHello& aske
     co_return local;
 }
 
-asio::awaitable<void> Session::waitForUse(const wire::ClientHello& asked) {
+asio::awaitable<void> ServerSession::waitForUse(const wire::ClientHello& asked) {
     const bool isWritable = (asked.flags & wire::writableFlag) != 0;
     while (end.empty()) {
         auto opened = services.images.open(asked.image, asked.client, isWritable);
@@ -189,7 +189,7 @@ asio::awaitable<void> Session::waitForUse(const wire::ClientHello& asked) {
 }
 
 /// By an NBD connection of the server's own: what the client does with its own isn't looked into.
-asio::awaitable<void> Session::lookAtImage() {
+asio::awaitable<void> ServerSession::lookAtImage() {
     const auto left =
         std::chrono::duration_cast<std::chrono::milliseconds>(accepted + engineTime - Clock::now());
     const NbdPatience patience{.connecting = std::max(left, std::chrono::milliseconds{1})};
@@ -205,7 +205,7 @@ asio::awaitable<void> Session::lookAtImage() {
     }
 }
 
-std::uint64_t Session::grantable(const wire::ClientHello& asked) const {
+std::uint64_t ServerSession::grantable(const wire::ClientHello& asked) const {
     std::uint64_t flags = wire::writableFlag;
     if (services.compression) {
         flags |= wire::compressionFlag;
@@ -216,18 +216,18 @@ std::uint64_t Session::grantable(const wire::ClientHello& asked) const {
     return asked.flags & flags;
 }
 
-asio::awaitable<void> Session::refuse(const Refusal& refusal) {
+asio::awaitable<void> ServerSession::refuse(const Refusal& refusal) {
     const wire::Bytes verdict = wire::ServerHandshake::refuse(refusal.code, refusal.what());
     co_await remote.write(asio::buffer(verdict));
     close(refusal.what());
 }
 
-asio::awaitable<void> Session::waitUntil(Clock::time_point time) {
+asio::awaitable<void> ServerSession::waitUntil(Clock::time_point time) {
     asio::steady_timer timer(strand, time);
     co_await timer.async_wait(asio::use_awaitable);
 }
 
-void Session::serve(Local local) {
+void ServerSession::serve(Local local) {
     isAdmitted = true;
     if ((granted & wire::compareFlag) == 0) {
         digested.reset();
@@ -238,7 +238,7 @@ void Session::serve(Local local) {
         [this](wire::FrameKind kind, std::span<const std::uint8_t> payload) { take(kind, payload); });
 }
 
-void Session::take(wire::FrameKind kind, std::span<const std::uint8_t> payload) {
+void ServerSession::take(wire::FrameKind kind, std::span<const std::uint8_t> payload) {
     if (kind != wire::FrameKind::digestRequest || !digested || isDigesting) {
         throw wire::ProtocolError("the client sends what it may not send now");
     }
@@ -250,7 +250,7 @@ void Session::take(wire::FrameKind kind, std::span<const std::uint8_t> payload) 
     });
 }
 
-void Session::answer(const wire::DigestAnswer& digests) {
+void ServerSession::answer(const wire::DigestAnswer& digests) {
     isDigesting = false;
     try {
         if (end.empty()) {
@@ -261,14 +261,14 @@ void Session::answer(const wire::DigestAnswer& digests) {
     }
 }
 
-void Session::sayBeginning() {
+void ServerSession::sayBeginning() {
     services.log.info("session " + std::to_string(number) + ": " + image + " for " + peer +
                       ((granted & wire::writableFlag) != 0 ? ", writable" : ", readable") +
                       ((granted & wire::compressionFlag) != 0 ? ", compressed" : "") +
                       ((granted & wire::compareFlag) != 0 ? ", comparing" : ""));
 }
 
-void Session::sayEnd() {
+void ServerSession::sayEnd() {
     const std::string who = "session " + std::to_string(number) + ": ";
     if (!isAdmitted) {
         services.log.warning(who + image + " for " + peer + " refused: " + end);
@@ -281,7 +281,7 @@ void Session::sayEnd() {
 }
 
 /// Strangers must not fill the log.
-void Session::sayRefusal() {
+void ServerSession::sayRefusal() {
     const LineLimit::Verdict verdict = services.refusals.ask();
     if (verdict.leftOut > 0) {
         services.log.warning(std::to_string(verdict.leftOut) + " more connections were refused");

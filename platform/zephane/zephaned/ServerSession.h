@@ -35,10 +35,10 @@ struct SessionServices {
 /// Owns:    the connection, the use of the image, and itself until both have ended.
 /// Threads: any for `start` and `stop`; the rest is done on a strand, that of the socket.
 /// Fails:   what goes wrong ends the connection, and is logged.
-class Session : public std::enable_shared_from_this<Session> {
+class ServerSession : public std::enable_shared_from_this<ServerSession> {
 public:
     /// `socket` has been accepted just now, and its executor is a strand. `services` have to stay.
-    Session(asio::ip::tcp::socket socket, SessionServices& services);
+    ServerSession(asio::ip::tcp::socket socket, SessionServices& services);
 
     void start();
     void stop(const std::string& why);
