@@ -3,6 +3,7 @@
 #include "zephane/nbd/NbdImage.h"
 #include "zephane/wire/ProtocolError.h"
 
+#include <asio/error.hpp>
 #include <cerrno>
 #include <new>
 #include <system_error>
@@ -11,10 +12,12 @@ namespace zephane {
 
 namespace {
 
-/// The numbers of other libraries than the system's are no errno.
+/// The numbers of other libraries than the system's are no errno. asio has a name of its own for the
+/// system's.
 int errnoOf(const std::error_code& code) {
-    const bool isErrno =
-        code.category() == std::system_category() || code.category() == std::generic_category();
+    const auto& category = code.category();
+    const bool isErrno = category == std::system_category() || category == std::generic_category() ||
+                         category == asio::error::get_system_category();
     return isErrno && code.value() > 0 ? code.value() : EIO;
 }
 

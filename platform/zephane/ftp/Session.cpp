@@ -1,5 +1,6 @@
 #include "zephane/ftp/Session.h"
 
+#include "os/FileDescriptor.h"
 #include "zephane/socket/Message.h"
 #include "zephane/socket/Relay.h"
 #include "zephane/socket/Transport.h"
@@ -17,7 +18,6 @@
 #include <pthread.h>
 #include <sys/socket.h>
 #include <thread>
-#include <unistd.h>
 #include <utility>
 
 namespace zephane {
@@ -55,7 +55,7 @@ public:
 
     void start();
     std::uint64_t awaitGrant(Clock::time_point until);
-    int takeLocal() { return std::exchange(clientEnd, -1); }
+    int takeLocal() { return clientEnd.release(); }
     wire::DigestAnswer ask(const wire::DigestRequest& request);
     bool hasEnded();
     std::optional<Failure> end();
@@ -92,15 +92,12 @@ private:
     std::optional<Failure> failure;
     bool isEnded = false;
 
-    int clientEnd = -1; ///< written before `granted`, read after it
+    os::FileDescriptor clientEnd; ///< written before `granted`, read after it
     std::thread thread;
 };
 
 Session::Conversation::~Conversation() {
     end();
-    if (clientEnd >= 0) {
-        ::close(clientEnd);
-    }
 }
 
 void Session::Conversation::start() {
@@ -156,7 +153,7 @@ Local Session::Conversation::makeLocal() {
     if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()) != 0) {
         throw std::system_error(errno, std::generic_category(), "socketpair");
     }
-    clientEnd = ends[1];
+    clientEnd = os::FileDescriptor(ends[1]);
     return Local(io, asio::local::stream_protocol(), ends[0]);
 }
 
