@@ -67,25 +67,31 @@ std::string whereToConnect(const Config& config) {
     return describe(address) + "   (an address of this machine)";
 }
 
-bool isWhole(std::from_chars_result result, const char* end) {
-    return result.ec == std::errc() && result.ptr == end;
+/// All of the text.
+std::optional<std::uint64_t> parseNumber(std::string_view text) {
+    std::uint64_t number = 0;
+    const char* const end = text.data() + text.size();
+    const auto [stop, error] = std::from_chars(text.data(), end, number);
+    return error == std::errc() && stop == end ? std::optional(number) : std::nullopt;
 }
 
 } // namespace
 
+std::optional<std::uint64_t> parseVolumeId(const std::string& text) {
+    return parseNumber(text);
+}
+
 std::optional<std::uint64_t> parseSize(const std::string& text) {
     constexpr std::string_view units = "KMGT";
+    constexpr auto largest = static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max());
     const std::size_t unit = text.empty() ? std::string_view::npos : units.find(text.back());
     const bool hasUnit = unit != std::string_view::npos;
-    const unsigned shift = hasUnit ? static_cast<unsigned>(10 * (unit + 1)) : 0;
-    const char* const end = text.data() + text.size() - (hasUnit ? 1 : 0);
-    std::uint64_t number = 0;
-    constexpr auto largest = static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max());
-    if (!isWhole(std::from_chars(text.data(), end, number), end) || number == 0 ||
-        number > largest >> shift) {
+    const std::size_t shift = hasUnit ? 10 * (unit + 1) : 0;
+    const auto number = parseNumber(std::string_view(text).substr(0, text.size() - (hasUnit ? 1 : 0)));
+    if (!number || *number == 0 || *number > largest >> shift) {
         return std::nullopt;
     }
-    return number << shift;
+    return *number << shift;
 }
 
 void Commands::check() const {

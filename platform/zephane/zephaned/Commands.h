@@ -34,6 +34,8 @@ private:
     std::ostream& output;
 };
 
+/// A whole number below 2^64 and nothing else.
+std::optional<std::uint64_t> parseVolumeId(const std::string& text);
 /// "10G" and the like, with K, M, G and T for powers of 1024; bytes without them. Nothing for anything else,
 /// and for what no file can be as large as.
 std::optional<std::uint64_t> parseSize(const std::string& text);

@@ -26,6 +26,8 @@ constexpr std::chrono::seconds refusalTime{1};
 /// From the accepted connection to the engine's size; the rest of the handshake's time is for the verdict.
 constexpr std::chrono::seconds engineTime = wire::handshakeTime - std::chrono::seconds{2};
 
+constexpr const char* endOfClient = "the client has closed the connection";
+
 std::string peerOf(const asio::ip::tcp::socket& socket) {
     asio::error_code gone;
     const asio::ip::tcp::endpoint peer = socket.remote_endpoint(gone);
@@ -95,6 +97,10 @@ void ServerSession::limitHandshake() {
 asio::awaitable<void> ServerSession::run() {
     try {
         co_await converse();
+    } catch (const asio::system_error& error) {
+        // A client that has no more to say needn't say so in TLS.
+        const bool isEnd = error.code() == asio::ssl::error::stream_truncated;
+        close(isEnd ? endOfClient : error.code().message());
     } catch (const std::exception& error) {
         close(error.what());
     }
@@ -102,14 +108,18 @@ asio::awaitable<void> ServerSession::run() {
 }
 
 void ServerSession::finish() {
-    close(use && use->backEnd().hasEnded() ? "the image's engine has ended" : "the client has ended it");
+    close(use && use->backEnd().hasEnded() ? "the image's engine has ended" : endOfClient);
     handshakeLimit.cancel();
     if (!isDigesting) {
         digested.reset(); // so that the engine has nothing left to wait for
     }
     use.reset();
     services.sessions.remove(number);
-    isProven ? sayEnd() : sayRefusal();
+    if (isProven) {
+        sayEnd();
+    } else {
+        sayRefusal();
+    }
 }
 
 asio::awaitable<void> ServerSession::converse() {

@@ -18,7 +18,8 @@ constexpr int usageError = 2;
 struct Options {
     std::string config = "/etc/zephaned/zephaned.json";
     bool isCheck = false;
-    wire::ImageName image;
+    std::string path;
+    std::string volumeId;
     std::string backEnd;
     std::string size;
     bool isJson = false;
@@ -50,6 +51,14 @@ void serve(const ConfigFile& file) {
     Server(file, config, log).run();
 }
 
+wire::ImageName imageOf(const Options& options) {
+    const auto volumeId = parseVolumeId(options.volumeId);
+    if (!volumeId) {
+        throw ConfigError(options.volumeId + " is no volume ID, which is a whole number below 2^64");
+    }
+    return {options.path, *volumeId};
+}
+
 std::optional<std::uint64_t> sizeOf(const Options& options) {
     if (options.size.empty()) {
         return std::nullopt;
@@ -64,8 +73,8 @@ std::optional<std::uint64_t> sizeOf(const Options& options) {
 /// The image that a command is about.
 CLI::App* addCommand(CLI::App& app, Options& options, const char* name, const char* description) {
     CLI::App* const command = app.add_subcommand(name, description);
-    command->add_option("PATH", options.image.path, "the image's path, as the agent is told it")->required();
-    command->add_option("VOLUMEID", options.image.volumeId, "the image's number")->required();
+    command->add_option("PATH", options.path, "the image's path, as the agent is told it")->required();
+    command->add_option("VOLUMEID", options.volumeId, "the image's number")->required();
     return command;
 }
 
@@ -92,11 +101,11 @@ int run(int count, const char* const* words) {
     const ConfigFile file(options.config);
     const Commands commands(file, std::cout);
     if (add->parsed()) {
-        commands.add(options.image, options.backEnd, sizeOf(options));
+        commands.add(imageOf(options), options.backEnd, sizeOf(options));
     } else if (list->parsed()) {
         commands.list(options.isJson);
     } else if (remove->parsed()) {
-        commands.remove(options.image);
+        commands.remove(imageOf(options));
     } else if (options.isCheck) {
         commands.check();
     } else {
