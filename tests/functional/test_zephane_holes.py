@@ -36,16 +36,18 @@ def merged(extents):
 
 def holes_of(path):
     """(offset, length) of what takes no room in a file."""
-    found = []
     with open(path, "rb") as file:
-        size, at = os.fstat(file.fileno()).st_size, 0
-        while (begin := os.lseek(file.fileno(), at, os.SEEK_HOLE)) < size:
-            try:
-                at = os.lseek(file.fileno(), begin, os.SEEK_DATA)
-            except OSError: # none follows
-                at = size
-            found.append((begin, at - begin))
-    return found
+        return list(holes_in(file.fileno(), os.fstat(file.fileno()).st_size))
+
+
+def holes_in(descriptor, size):
+    at = 0
+    while at < size and (begin := os.lseek(descriptor, at, os.SEEK_HOLE)) < size:
+        try:
+            at = os.lseek(descriptor, begin, os.SEEK_DATA)
+        except OSError: # no data follows
+            at = size
+        yield begin, at - begin
 
 
 def check_holes(image, *expected):
