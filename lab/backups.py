@@ -167,6 +167,7 @@ class Protection:
 
     def _verify(self, name):
         partition, image = self.partitions[name], self.images[name]
+        self.target.fetch(image)
         file_system = partition.volume.file_system
         capture = capture_of(partition)
         fsck(image.path, file_system, self.offset)

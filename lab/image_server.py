@@ -86,6 +86,9 @@ class ImageServer(Service):
         """Makes an image of a file that is there, and shows it to who is allowed to see it."""
         raise NotImplementedError
 
+    def fetch(self, image):
+        """Brings the file of an image up to what the image holds, where that is kept elsewhere."""
+
     def sessions(self):
         """How many are being served."""
         raise NotImplementedError

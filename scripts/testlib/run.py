@@ -34,10 +34,14 @@ def unit_chain(preset):
             Step(f"unit tests ({preset})", run, reports=BUILD / preset / "reports")]
 
 
-def functional_chain():
+def functional_chain(name="functional tests", *files):
     return [build("release"),
-            Step("functional tests", [PYTHON, "scripts/testlib/functional.py", "build/release"],
+            Step(name, [PYTHON, "scripts/testlib/functional.py", "build/release", *files],
                  reports=BUILD / "release" / "reports")]
+
+
+def ceph_chain():
+    return functional_chain("tests on Ceph", *sorted((ROOT / "tests/functional/ceph").glob("test_*.py")))
 
 
 def lint_tests_chain():
@@ -69,6 +73,8 @@ def lanes_of(parts, seconds):
     if "lint" in parts:
         computing.append(lint_tests_chain())
         patient.append([Step("lint", ["scripts/lint", "--all"], nice=NICE_LINT)])
+    if "ceph" in parts:
+        waiting.append(ceph_chain())
     if "fuzz" in parts:
         computing.append(fuzz_chain(seconds))
     return [waiting, computing, patient]

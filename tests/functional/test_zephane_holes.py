@@ -4,12 +4,12 @@ import os
 
 import pytest
 
-from backup_site import EXT4, XFS, check, check_chain, digest, fill, fill_some, root_of
+from backup_site import EXT4, XFS, check, check_chain, digest, fill_some
 from change_records import common, copied_extents
 from lab.backups import capture_of, size_of
-from lab.filesystems import truth_of
 from lab.poison import is_poison
 from lab.zephane import ZephaneServer
+from zephane_site import fragment, free_extents
 
 MIB = 1 << 20
 SERVER = ZephaneServer
@@ -20,10 +20,8 @@ VOLUMES = (dataclasses.replace(EXT4, making=("-b", str(PAGE))), XFS)
 @pytest.fixture
 def punched(punching, volumes):
     """Volumes whose free space is in pieces, and an agent that makes holes of it."""
-    for name, partition in volumes.items():
-        fill(root_of(partition), name, files=120)
-        for number in range(0, 120, 3):
-            (root_of(partition) / f"{name}-{number % 7}" / f"file {number}").unlink()
+    for partition in volumes.values():
+        fragment(partition)
     return volumes
 
 
@@ -36,12 +34,6 @@ def merged(extents):
         else:
             found.append((begin, length))
     return found
-
-
-def free_extents(partition):
-    """What the snapshot had free, by the file system's own tool."""
-    truth = truth_of(capture_of(partition), partition.volume.file_system)
-    return [(first * truth.block_size, count * truth.block_size) for first, count in truth.free_ranges]
 
 
 def holes_of(path):

@@ -1,11 +1,15 @@
-"""What the tests of backups over the second transport share: bytes on the wire, engines that fail at will."""
+"""What the tests of backups over the second transport share: bytes on the wire, free space, and engines that
+fail at will."""
 import contextlib
 import json
 import os
 import pathlib
 import signal
 
+from backup_site import fill, root_of
+from lab.backups import capture_of
 from lab.commands import run
+from lab.filesystems import truth_of
 from lab.zephane import PORT, ZephaneServer
 
 FAILING_CALLS = ("pread", "pwrite", "zero")
@@ -39,6 +43,20 @@ def watched_wire(port=PORT):
         yield Wire()
     finally:
         run("nft", "delete table inet wire")
+
+
+def fragment(partition):
+    """Fills a volume so that its free space is in pieces."""
+    name = partition.name
+    fill(root_of(partition), name, files=120)
+    for number in range(0, 120, 3):
+        (root_of(partition) / f"{name}-{number % 7}" / f"file {number}").unlink()
+
+
+def free_extents(partition):
+    """(offset, length) of what the last snapshot had free, by the file system's own tool."""
+    truth = truth_of(capture_of(partition), partition.volume.file_system)
+    return [(first * truth.block_size, count * truth.block_size) for first, count in truth.free_ranges]
 
 
 class FragileServer(ZephaneServer):

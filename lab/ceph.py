@@ -1,0 +1,228 @@
+"""A Ceph cluster for the lab: a monitor and a few OSDs, which stand for machines that share images.
+
+    with CephCluster() as cluster:
+        cluster.create_image("data", 1 << 30)
+        with RbdExport(cluster, "data") as export:
+            export.uri               # an NBD server on the image
+        cluster.kill_osd(0)
+        cluster.start_osd(0)
+
+Every object lies on all of the OSDs. An image can be read and written while more than half of them are there:
+of three, one may be missing. With fewer, whoever reads or writes waits until they are back. What an OSD has
+confirmed outlives its kill, in files that go with the cluster.
+
+Inside lab/namespace only: nobody has to prove who he is, as nobody else gets to this loopback.
+"""
+import concurrent.futures
+import contextlib
+import json
+import pathlib
+import tempfile
+import uuid
+
+from lab.commands import run
+from lab.services import Service, ServiceError, wait_until
+from lab.stay import Stay
+
+SECONDS = 60
+ADDRESS = "127.0.0.1"
+MONITOR = f"v2:{ADDRESS}:3300/0"
+POOL = "images"
+GROUPS = "8" # of objects, which the OSDs agree about one by one
+OSD_BYTES = 16 << 30 # as long as nothing is written, a hole
+
+# Whoever is killed is missed after a few seconds, and what the monitor decides isn't held back.
+CONFIGURATION = """[global]
+fsid = {fsid}
+mon_host = {monitor}
+public_addr = {address}
+cluster_addr = {address}
+auth_cluster_required = none
+auth_service_required = none
+auth_client_required = none
+run_dir = {directory}
+crash_dir = {directory}
+admin_socket = {directory}/$name.$pid.asok
+log_to_file = false
+log_to_stderr = true
+mon_cluster_log_to_file = false
+mon_data = {directory}/mon.$id
+paxos_propose_interval = 0.1
+osd_data = {directory}/osd.$id
+osd_objectstore = bluestore
+bluestore_block_size = {osd_bytes}
+osd_pool_default_size = {size}
+osd_pool_default_min_size = {min_size}
+osd_pool_default_pg_autoscale_mode = off
+osd_crush_chooseleaf_type = 0
+osd_heartbeat_interval = 1
+osd_heartbeat_grace = 4
+mon_osd_min_down_reporters = 1
+"""
+
+
+class Mortal(Service):
+    """A process that can lose its life in the middle of its work."""
+
+    def kill(self):
+        """Ends it at once, as if its machine had lost its power."""
+        if self._process is None:
+            return
+        self._process.kill()
+        self._process.wait(SECONDS)
+        self._process = None
+        self._log.close()
+
+    def check_running(self):
+        if self._process.poll() is not None:
+            raise ServiceError(f"{self.command[0]} has ended with {self._process.returncode}; "
+                               f"it printed:\n{self.output}")
+
+
+class Member(Mortal):
+    """A daemon of the cluster. It is ready when it can be asked; the others may not know it by then. As its
+    files go with the cluster, it takes no leave."""
+
+    kind = None
+    stop = Mortal.kill
+
+    def __init__(self, cluster, number):
+        super().__init__()
+        self.cluster = cluster
+        self.number = number
+        self.data = cluster.directory / f"{self.kind}.{number}"
+
+    @property
+    def command(self):
+        return (f"ceph-{self.kind}", "--conf", str(self.cluster.configuration), "--id", str(self.number),
+                "--foreground")
+
+    def make(self):
+        """Makes what the daemon keeps when it isn't running."""
+        raise NotImplementedError
+
+    def fill_data(self, *options):
+        self.data.mkdir()
+        run(*self.command[:-1], "--mkfs", *options)
+
+    def is_ready(self):
+        return self.socket.is_socket()
+
+    @property
+    def socket(self):
+        """Where it can be asked how it is."""
+        return self.cluster.directory / f"{self.kind}.{self.number}.{self.pid}.asok"
+
+
+class Monitor(Member):
+    kind = "mon"
+
+    def make(self):
+        members = self.cluster.directory / "monitors"
+        run("monmaptool", "--create", "--fsid", self.cluster.fsid, "--addv", self.number, MONITOR, members)
+        self.fill_data("--monmap", str(members))
+
+
+class Osd(Member):
+    kind = "osd"
+
+    def make(self):
+        name = str(uuid.uuid4())
+        self.cluster.ceph("osd", "new", name, self.number)
+        self.fill_data("--osd-uuid", name)
+
+    def allocated(self):
+        """Bytes of its disk that objects take up."""
+        counters = json.loads(run("ceph", "--admin-daemon", self.socket, "perf", "dump", "bluestore"))
+        return counters["bluestore"]["bluestore_allocated"]
+
+
+class CephCluster(Stay):
+    """One monitor, and OSDs of which each has all objects."""
+
+    def __init__(self, osds=3):
+        super().__init__()
+        self._count = osds
+        self.fsid = str(uuid.uuid4())
+        self.directory = None
+        self.osds = []
+
+    @property
+    def configuration(self):
+        return self.directory / "ceph.conf"
+
+    def open(self, lasting):
+        self.directory = pathlib.Path(lasting.enter_context(
+            tempfile.TemporaryDirectory(prefix="ceph-", dir="/run")))
+        self.configuration.write_text(CONFIGURATION.format(
+            fsid=self.fsid, monitor=MONITOR, address=ADDRESS, directory=self.directory, osd_bytes=OSD_BYTES,
+            size=self._count, min_size=self._count // 2 + 1), encoding="ascii")
+        monitor = Monitor(self, "a")
+        monitor.make()
+        lasting.enter_context(monitor)
+        self.osds = [Osd(self, number) for number in range(self._count)]
+        with concurrent.futures.ThreadPoolExecutor(self._count) as pool:
+            list(pool.map(Osd.make, self.osds))
+        for osd in self.osds:
+            lasting.enter_context(osd)
+        self._await_up(*self.osds)
+        self.ceph("osd", "pool", "create", POOL, GROUPS)
+
+    def ceph(self, *words):
+        """Asks the monitor for something, or tells it; returns what it answers."""
+        return run("ceph", "--conf", self.configuration, "--connect-timeout", SECONDS, *words)
+
+    def rbd(self, *words):
+        return run("rbd", "--conf", self.configuration, "--pool", POOL, *words)
+
+    def _await_up(self, *osds):
+        def are_up():
+            for osd in osds:
+                osd.check_running()
+            return self.up() >= {osd.number for osd in osds}
+        wait_until(are_up, SECONDS, "the OSDs up")
+
+    def up(self):
+        """The numbers of the OSDs that the monitor takes to be there."""
+        listed = json.loads(self.ceph("--format", "json", "osd", "dump"))["osds"]
+        return {osd["osd"] for osd in listed if osd["up"]}
+
+    def create_image(self, name, size):
+        self.rbd("create", "--size", f"{size}B", name)
+
+    def kill_osd(self, number):
+        """Returns when the others know of it."""
+        self.osds[number].kill()
+        wait_until(lambda: number not in self.up(), SECONDS, "the OSD missed")
+
+    def start_osd(self, number):
+        """Brings back one that was killed, with what it had."""
+        self.osds[number].start()
+        self._await_up(self.osds[number])
+
+    @contextlib.contextmanager
+    def without(self, *numbers):
+        """These OSDs are killed, and back at the end."""
+        with contextlib.ExitStack() as back:
+            for number in numbers:
+                self.kill_osd(number)
+                back.callback(self.start_osd, number)
+            yield
+
+
+class RbdExport(Mortal):
+    """An NBD server on an image of a cluster, for any number of connections. What is punched frees its room.
+    If it is killed, what nobody has flushed goes with it, and the image stays locked for half a minute."""
+
+    def __init__(self, cluster, name):
+        super().__init__()
+        self._socket = cluster.directory / f"{name}.nbd"
+        self.command = ("qemu-nbd", "--format=raw", "--persistent", "--shared=0", "--discard=unmap",
+                        f"--socket={self._socket}", f"rbd:{POOL}/{name}:conf={cluster.configuration}")
+
+    @property
+    def uri(self):
+        return f"nbd+unix:///?socket={self._socket}"
+
+    def is_ready(self):
+        return self._socket.is_socket()

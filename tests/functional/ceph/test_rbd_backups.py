@@ -1,0 +1,69 @@
+"""Whole backups to images on a Ceph cluster, over the second transport."""
+import pytest
+
+from backup_site import check, check_chain, fill, fill_some, root_of
+from lab.backups import size_of
+from lab.rbd import RbdServer
+from zephane_site import free_extents, fragment, watched_wire
+
+MIB = 1 << 20
+NAMES = ("data", "files")
+ORGANIZATION = MIB # what a disk holds beside the objects' own bytes, at most
+LARGE = 64 * MIB
+
+
+@pytest.fixture
+def target(cluster):
+    with RbdServer(cluster) as running:
+        yield running
+
+
+@pytest.mark.parametrize("name", NAMES)
+def test_all_types(protect, volumes, name):
+    check_chain(protect(name), volumes)
+
+
+def test_two_volumes_in_one_backup(protect, volumes):
+    check_chain(protect(*NAMES), volumes)
+
+
+@pytest.mark.parametrize("name", NAMES)
+def test_free_space_takes_no_room(cluster, protect, volumes, appliance, name):
+    """On no machine, of an image that was full of poison, in any type of backup."""
+    assert appliance.set_config({"holepunch.enabled": True}).is_success
+    volume = volumes[name]
+    fragment(volume)
+    before = min(room(cluster))
+    protection = protect(name)
+    for kind in ({"full": True}, {}, {"merge": True}):
+        fill_some(volumes, [name], f"{kind}")
+        backup = protection.run(**kind)
+        assert backup.state == "finished", backup.log
+        protection.verify()
+        free = free_extents(volume)
+        used = size_of(volume) - sum(length for _, length in free)
+        assert max(room(cluster)) - before <= used + ORGANIZATION < size_of(volume)
+        check_zero(protection.images[name].path, free)
+
+
+def room(cluster):
+    """What the disk of each machine holds."""
+    return [osd.allocated() for osd in cluster.osds]
+
+
+def check_zero(path, extents):
+    with open(path, "rb") as file:
+        for begin, length in extents:
+            file.seek(begin)
+            assert file.read(length) == bytes(length)
+
+
+def test_what_is_equal_is_not_sent_again(protect, volumes):
+    """The cluster lets all connections see the same, so that zephaned can compare."""
+    (root_of(volumes["data"]) / "large").write_bytes(bytes(range(256)) * (LARGE // 256))
+    protection = protect("data")
+    check(protection, protection.run(full=True), "full")
+    fill(root_of(volumes["data"]), "little", files=1)
+    with watched_wire() as wire:
+        check(protection, protection.run(merge=True), "differential")
+        assert wire.sent() < LARGE // 16
