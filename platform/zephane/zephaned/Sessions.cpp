@@ -35,8 +35,8 @@ Sessions::Number Sessions::add(Stop stop) {
 bool Sessions::prove(Number number, const wire::ImageName& image) {
     const std::lock_guard lock(mutex);
     const auto found = pending.find(number);
-    const auto ofTheImage = std::ranges::count_if(
-        proven, [&](const auto& entry) { return entry.second.image == image; });
+    const auto ofTheImage =
+        std::ranges::count_if(proven, [&](const auto& entry) { return entry.second.image == image; });
     if (found == pending.end() || proven.size() >= most ||
         std::cmp_greater_equal(ofTheImage, mostOfOneImage)) {
         return false;
