@@ -3,12 +3,21 @@
 #include "zephane/wire/Limits.h"
 #include "zephane/wire/ProtocolError.h"
 
+#include <algorithm>
+#include <array>
 #include <new>
 #include <stdexcept>
 #include <string>
 #include <zstd.h>
 
 namespace zephane {
+
+namespace {
+
+/// What each zstd stream begins with.
+constexpr std::array<std::uint8_t, 4> mark{0x28, 0xb5, 0x2f, 0xfd};
+
+} // namespace
 
 void Decompressor::Free::operator()(ZSTD_DCtx_s* context) const noexcept {
     ZSTD_freeDCtx(context);
@@ -33,6 +42,7 @@ void Decompressor::feed(std::span<const std::uint8_t> piece) {
 std::span<const std::uint8_t> Decompressor::next() {
     std::size_t produced = 0;
     while (produced == 0 && (hasMore || !input.empty())) {
+        checkMark();
         ZSTD_inBuffer from{input.data(), input.size(), 0};
         ZSTD_outBuffer to{output.data(), output.size(), 0};
         const std::size_t result = ZSTD_decompressStream(context.get(), &to, &from);
@@ -41,12 +51,25 @@ std::span<const std::uint8_t> Decompressor::next() {
                                       ZSTD_getErrorName(result));
         }
         input = input.subspan(from.pos);
+        if (result == 0) {
+            marked = 0; // a stream has ended; another may follow
+        }
         // A full buffer may have left something behind. Nothing is taken in without making progress: the
         // library fails after a few calls that do.
         hasMore = to.pos == to.size;
         produced = to.pos;
     }
     return std::span(output).first(produced);
+}
+
+/// The library reads formats of old as well, to whose windows the limit doesn't apply.
+void Decompressor::checkMark() {
+    for (const std::uint8_t byte : input.first(std::min(mark.size() - marked, input.size()))) {
+        if (byte != mark.at(marked)) {
+            throw wire::ProtocolError("the compressed stream is of another format");
+        }
+        ++marked;
+    }
 }
 
 } // namespace zephane

@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <limits>
 #include <stdexcept>
-#include <utility>
 
 namespace zephane::wire {
 
@@ -45,7 +44,7 @@ Bytes encode(const DigestRequest& request) {
     FieldWriter writer;
     writer.number(request.offset);
     writer.number(request.length);
-    return std::move(writer.result());
+    return writer.take();
 }
 
 Bytes encode(const DigestAnswer& answer) {
@@ -57,7 +56,7 @@ Bytes encode(const DigestAnswer& answer) {
     for (const Digest& digest : answer.digests) {
         writer.bytes(digest);
     }
-    return std::move(writer.result());
+    return writer.take();
 }
 
 DigestRequest decodeDigestRequest(std::span<const std::uint8_t> payload) {

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <span>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace zephane::wire {
@@ -29,7 +30,8 @@ public:
     /// 0 or a negative errno. std::invalid_argument for others.
     void code(std::int32_t value);
 
-    [[nodiscard]] std::vector<std::uint8_t>& result() { return written; }
+    /// All of it; nothing is left here.
+    std::vector<std::uint8_t> take() { return std::exchange(written, {}); }
 
 private:
     std::vector<std::uint8_t> written;

@@ -59,9 +59,7 @@ Verdict ClientHandshake::finish(std::span<const std::uint8_t> verdict) {
 Bytes ServerHandshake::answer(std::span<const std::uint8_t> clientHello, const FindKey& find) {
     hello = decodeClientHello(clientHello);
     const ProofKey decoy = ProofKey::random();
-    const auto found = find(hello.image);
-    imageExists = found.has_value();
-    key = found.value_or(decoy);
+    key = find(hello.image).value_or(decoy);
     ServerHello reply;
     fillRandomly(reply.nonce);
     Bytes message = encode(reply);
@@ -75,8 +73,7 @@ bool ServerHandshake::check(std::span<const std::uint8_t> clientProof) {
     if (!key) {
         throw std::logic_error("a proof comes after the hello");
     }
-    const bool fits = areEqual(claimed.proof, key->prove(Role::client, transcript, channel));
-    isProven = fits && imageExists;
+    isProven = areEqual(claimed.proof, key->prove(Role::client, transcript, channel));
     append(transcript, clientProof);
     return isProven;
 }

@@ -55,7 +55,6 @@ private:
     ChannelBinding channel;
     ClientHello hello;
     std::optional<ProofKey> key;
-    bool imageExists = false;
     bool isProven = false;
     Bytes transcript;
 };

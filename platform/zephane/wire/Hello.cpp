@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <stdexcept>
-#include <utility>
 
 namespace zephane::wire {
 
@@ -24,14 +23,14 @@ bool canBe(const ClientHello& hello) {
 }
 
 /// A body with its length before it.
-Bytes messageOf(FieldWriter& body) {
-    if (body.result().size() > messageBytes - lengthBytes) {
+Bytes messageOf(const Bytes& body) {
+    if (body.size() > messageBytes - lengthBytes) {
         throw std::invalid_argument("a message is too long");
     }
     FieldWriter message;
-    message.number(static_cast<std::uint16_t>(body.result().size()));
-    message.bytes(body.result());
-    return std::move(message.result());
+    message.number(static_cast<std::uint16_t>(body.size()));
+    message.bytes(body);
+    return message.take();
 }
 
 /// The body of a message, which is as long as it says itself.
@@ -61,20 +60,20 @@ Bytes encode(const ClientHello& hello) {
     body.bytes(hello.client);
     body.bytes(hello.nonce);
     body.text(hello.image.path);
-    return messageOf(body);
+    return messageOf(body.take());
 }
 
 Bytes encode(const ServerHello& hello) {
     FieldWriter body;
     body.bytes(mark);
     body.bytes(hello.nonce);
-    return messageOf(body);
+    return messageOf(body.take());
 }
 
 Bytes encode(const ClientProof& proof) {
     FieldWriter body;
     body.bytes(proof.proof);
-    return messageOf(body);
+    return messageOf(body.take());
 }
 
 Bytes encode(const Verdict& verdict) {
@@ -89,7 +88,7 @@ Bytes encode(const Verdict& verdict) {
     } else {
         body.text(verdict.text);
     }
-    return messageOf(body);
+    return messageOf(body.take());
 }
 
 std::size_t sizeOfMessage(std::span<const std::uint8_t, 2> head) {

@@ -62,7 +62,7 @@ Proof ProofKey::prove(Role role, std::span<const std::uint8_t> transcript,
     data.number(std::uint8_t{0});
     data.bytes(Sha256().of(transcript));
     data.bytes(channel);
-    return hmac(key, data.result());
+    return hmac(key, data.take());
 }
 
 bool areEqual(const Proof& one, const Proof& other) {

@@ -21,7 +21,9 @@ public:
     /// std::invalid_argument for an empty secret.
     explicit ProofKey(const std::string& secret);
     ProofKey(const ProofKey&) = default;
+    ProofKey(ProofKey&&) noexcept = default;
     ProofKey& operator=(const ProofKey&) = default;
+    ProofKey& operator=(ProofKey&&) noexcept = default;
     ~ProofKey();
     /// One that nobody has, for images that don't exist: what it is compared with never fits.
     static ProofKey random();

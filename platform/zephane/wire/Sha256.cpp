@@ -19,8 +19,8 @@ Sha256::Digest Sha256::of(std::span<const std::uint8_t> data) const {
     return digest;
 }
 
-void Sha256::Free::operator()(evp_md_st* fetched) const noexcept {
-    EVP_MD_free(fetched);
+void Sha256::Free::operator()(evp_md_st* unused) const noexcept {
+    EVP_MD_free(unused);
 }
 
 } // namespace zephane::wire

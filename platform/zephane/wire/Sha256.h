@@ -21,7 +21,7 @@ public:
 
 private:
     struct Free {
-        void operator()(evp_md_st* algorithm) const noexcept;
+        void operator()(evp_md_st* unused) const noexcept;
     };
 
     std::unique_ptr<evp_md_st, Free> algorithm;
