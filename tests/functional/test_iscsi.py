@@ -16,6 +16,7 @@ import time
 
 import pytest
 
+from contract import IMAGE_BYTES, assert_keeps_contract
 from lab.daemon import program
 from lab.services import wait_until
 from lab.targets import ADDRESS, Target
@@ -365,13 +366,6 @@ def test_leaving_a_target_that_is_gone_takes_no_time(target, image):
 @pytest.mark.parametrize("sector", [512, 4096])
 def test_contract_of_all_transports(target, tmp_path, sector):
     """The suite that the fakes of the unit tests are held to as well."""
-    image = target.add_image("contract", 64 << 10, block_size=sector)
-    report = tmp_path / "report.json"
-    done = subprocess.run([program("TransportContract"), "--gtest_brief=1", f"--gtest_output=json:{report}"],
-                          env={**os.environ, "TARGET_NAME": target.name, "TARGET_PORTAL": target.portal,
-                               "TARGET_LUN": str(image.lun), "TARGET_FILE": str(image.path)},
-                          capture_output=True, text=True, timeout=SECONDS, check=False)
-    assert done.returncode == 0, done.stdout + done.stderr
-    found = json.loads(report.read_text())
-    assert (found["tests"], found["failures"], found["disabled"]) == (found["tests"], 0, 0)
-    assert found["tests"] > 10
+    image = target.add_image("contract", IMAGE_BYTES, block_size=sector)
+    assert_keeps_contract("TransportContract", tmp_path, TARGET_NAME=target.name, TARGET_PORTAL=target.portal,
+                          TARGET_LUN=image.lun, TARGET_FILE=image.path)

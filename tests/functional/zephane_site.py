@@ -1,12 +1,15 @@
 """What the tests of backups over the second transport share: bytes on the wire, engines that fail at will."""
 import contextlib
 import json
+import os
 import pathlib
+import signal
 
 from lab.commands import run
 from lab.zephane import PORT, ZephaneServer
 
 FAILING_CALLS = ("pread", "pwrite", "zero")
+KINDS = ({"full": True}, {}, {"merge": True})
 
 
 class Wire:
@@ -64,3 +67,13 @@ class FragileServer(ZephaneServer):
     def mend(self):
         for call in FAILING_CALLS:
             self._switch(call).unlink(missing_ok=True)
+
+
+def kill_server(site):
+    site.target.restart()
+
+
+def kill_engine(site):
+    engine = site.protection.images["data"].engine()
+    if engine is not None: # there is none while nobody is connected
+        os.kill(engine, signal.SIGKILL)

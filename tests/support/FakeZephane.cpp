@@ -93,7 +93,7 @@ std::string describe(const Filters& filters) {
 
 } // namespace
 
-// --- the socket: it can be made, and nothing more
+// --- the socket: it can be made, and nothing more; a field that nobody touches would be a mistake to clang
 
 class TLSTransport::Link {};
 
@@ -121,7 +121,9 @@ asio::awaitable<void> TLSTransport::write(asio::const_buffer /*bytes*/) {
     refuse();
 }
 
-void TLSTransport::close() noexcept {}
+void TLSTransport::close() noexcept {
+    patience = {};
+}
 
 BasicSocket::BasicSocket(std::unique_ptr<Transport> transport) : owned(std::move(transport)) {
     make("BasicSocket", dynamic_cast<TLSTransport*>(owned.get()) != nullptr ? "TLSTransport" : "?");
@@ -140,6 +142,7 @@ void Compressor::feed(std::span<const std::uint8_t> /*input*/) {
 }
 
 std::span<const std::uint8_t> Compressor::next() {
+    hasMore = false;
     refuse();
 }
 
@@ -156,6 +159,7 @@ void Decompressor::feed(std::span<const std::uint8_t> /*input*/) {
 }
 
 std::span<const std::uint8_t> Decompressor::next() {
+    hasMore = false;
     refuse();
 }
 
