@@ -32,8 +32,8 @@ public:
     void setMost(std::size_t sessions);
     /// A new connection.
     Number add(Stop stop);
-    /// Its client has proven that it may use the image. False if there are too many sessions, in all or of this
-    /// image, or if the connection has been stopped.
+    /// Its client has proven that it may use the image. False if there are too many sessions, in all or of
+    /// this image, or if the connection has been stopped.
     [[nodiscard]] bool prove(Number number, const wire::ImageName& image);
     /// The connection has ended.
     void remove(Number number);
