@@ -49,11 +49,11 @@ private:
     };
 
     mutable std::mutex mutex;
-    std::size_t most;                   // guarded by mutex
-    std::string end;                    // why all are stopped, if they are; guarded by mutex
-    Number last = 0;                    // guarded by mutex
-    std::map<Number, Stop> pending{};   // guarded by mutex; the oldest first
-    std::map<Number, Session> proven{}; // guarded by mutex
+    std::size_t most;                 // guarded by mutex
+    std::string end;                  // why all are stopped, if they are; guarded by mutex
+    Number last = 0;                  // guarded by mutex
+    std::map<Number, Stop> pending;   // guarded by mutex; the oldest first
+    std::map<Number, Session> proven; // guarded by mutex
 };
 
 } // namespace zephane
