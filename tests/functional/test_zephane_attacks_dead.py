@@ -4,16 +4,20 @@ What became of them is told beside the programs, in attacks-zephane-dead.txt.
 """
 import concurrent.futures
 import contextlib
+import json
+import subprocess
 import time
 
 import zephane_nbd as nbd
 import zephane_wire as wire
 from lab.commands import run
+from lab.daemon import program
 from lab.services import wait_until
 from zephane_scene import OTHER_SIZE
 
 LIMIT_SECONDS = 60 # what the server grants a peer that neither takes nor sends anything
 MARGIN_SECONDS = 10
+LENGTH = 4096
 
 
 def is_busy(scene, image):
@@ -55,6 +59,24 @@ def stop_reading(scene):
         for _ in range(16):
             image.request(nbd.READ, 0, OTHER_SIZE)
         return seconds_until_free(scene, scene.other)
+
+
+def test_killed_writer_is_gone_at_once(scene, attacks):
+    """The real client, in the midst of a session."""
+    image = scene.image
+    with subprocess.Popen([program("ZephaneProbe"), "127.0.0.1", str(scene.port), image.path,
+                           str(image.volume_id), str(wire.WRITABLE), image.secret],
+                          stdin=subprocess.PIPE, stdout=subprocess.PIPE) as writer:
+        writer.stdin.write(f"open\nwrite {LENGTH}\n".encode())
+        writer.stdin.flush()
+        assert [json.loads(writer.stdout.readline())["code"] for _ in range(2)] == [0, 0]
+        assert is_busy(scene, image)
+        writer.kill()
+    with scene.owner():
+        assert scene.content()[:LENGTH] == b"w" * LENGTH
+    scene.note_content()
+    scene.check_standing()
+    attacks.note("a writer killed", "the next one let in at once, what was acknowledged is there")
 
 
 def test_dead_writers_are_found(scene, attacks):
