@@ -57,7 +57,7 @@ public:
     std::uint64_t awaitGrant(Clock::time_point until);
     int takeLocal() { return clientEnd.release(); }
     wire::DigestAnswer ask(const wire::DigestRequest& request);
-    bool hasEnded();
+    bool hasEnded() const;
     std::optional<Failure> end();
 
 private:
@@ -85,7 +85,7 @@ private:
     bool isAsked = false;
 
     // Under the mutex.
-    std::mutex mutex;
+    mutable std::mutex mutex;
     std::condition_variable changed;
     std::optional<std::uint64_t> granted;
     std::optional<wire::DigestAnswer> answer;
@@ -166,7 +166,8 @@ void Session::Conversation::announce(std::uint64_t flags) {
 void Session::Conversation::finish(const std::exception_ptr& exception) {
     const std::lock_guard lock(mutex);
     isEnded = true;
-    if (exception && !isStopping) {
+    // A relay that is stopped from outside has no failure; what comes before it is just broken off.
+    if (exception && (relay || !isStopping)) {
         failure = failureOf(exception);
         failure->text = step + (": " + failure->text);
     } else if (!isStopping) {
@@ -214,7 +215,7 @@ void Session::Conversation::take(wire::FrameKind kind, std::span<const std::uint
     changed.notify_all();
 }
 
-bool Session::Conversation::hasEnded() {
+bool Session::Conversation::hasEnded() const {
     const std::lock_guard lock(mutex);
     return isEnded;
 }
@@ -236,11 +237,12 @@ std::optional<Failure> Session::Conversation::end() {
     return failure;
 }
 
-Session::Session(std::unique_ptr<SocketImpl> socket, SessionPeer peer, std::chrono::milliseconds patience) {
+Session::Session(std::unique_ptr<SocketImpl> socket, const SessionPeer& peer,
+                 std::chrono::milliseconds patience) {
     if (!socket) {
         throw CallError(EINVAL, "there is no socket to speak through");
     }
-    conversation = std::make_unique<Conversation>(std::move(socket), std::move(peer), patience);
+    conversation = std::make_unique<Conversation>(std::move(socket), peer, patience);
 }
 
 Session::~Session() = default;

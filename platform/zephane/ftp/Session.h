@@ -31,7 +31,7 @@ public:
     using Clock = std::chrono::steady_clock;
 
     /// `patience` is for the answers, once the session is open. CallError without a socket.
-    Session(std::unique_ptr<SocketImpl> socket, SessionPeer peer, std::chrono::milliseconds patience);
+    Session(std::unique_ptr<SocketImpl> socket, const SessionPeer& peer, std::chrono::milliseconds patience);
     Session(const Session&) = delete;
     Session& operator=(const Session&) = delete;
     ~Session();

@@ -18,7 +18,7 @@ public:
     Compressor(const Compressor&) = delete;
     Compressor& operator=(const Compressor&) = delete;
 
-    void feed(std::span<const std::uint8_t> input) override;
+    void feed(std::span<const std::uint8_t> piece) override;
     std::span<const std::uint8_t> next() override;
 
 private:

@@ -18,7 +18,7 @@ public:
     Decompressor(const Decompressor&) = delete;
     Decompressor& operator=(const Decompressor&) = delete;
 
-    void feed(std::span<const std::uint8_t> input) override;
+    void feed(std::span<const std::uint8_t> piece) override;
     std::span<const std::uint8_t> next() override;
 
 private:

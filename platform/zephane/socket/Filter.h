@@ -13,7 +13,7 @@ class Filter {
 public:
     virtual ~Filter() = default;
     /// Takes the next piece of the stream, which has to stay until `next` has nothing more.
-    virtual void feed(std::span<const std::uint8_t> input) = 0;
+    virtual void feed(std::span<const std::uint8_t> piece) = 0;
     /// The next bytes of what becomes of it, at most wire::frameBytes; they hold until the next call. Empty
     /// when the piece is used up and all that belongs to it has been handed out: nothing is held back.
     virtual std::span<const std::uint8_t> next() = 0;

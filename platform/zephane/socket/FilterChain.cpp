@@ -6,11 +6,11 @@
 
 namespace zephane {
 
-void FilterChain::feed(std::span<const std::uint8_t> input) {
+void FilterChain::feed(std::span<const std::uint8_t> piece) {
     if (filters.empty()) {
-        unfiltered = input;
+        unfiltered = piece;
     } else {
-        filters.front()->feed(input);
+        filters.front()->feed(piece);
     }
 }
 

@@ -13,7 +13,7 @@ class FilterChain : public Filter {
 public:
     explicit FilterChain(std::vector<std::shared_ptr<Filter>> filters) : filters(std::move(filters)) {}
 
-    void feed(std::span<const std::uint8_t> input) override;
+    void feed(std::span<const std::uint8_t> piece) override;
     std::span<const std::uint8_t> next() override;
 
 private:

@@ -23,7 +23,7 @@ Relay::Relay(ByteStream& remote, Filters filters, asio::local::stream_protocol::
       watchdog(local.get_executor()) {}
 
 asio::awaitable<void> Relay::run() {
-    using namespace asio::experimental::awaitable_operators;
+    using asio::experimental::awaitable_operators::operator&&;
     co_await (guard(carryOut()) && guard(carryIn()) && guard(sendWaiting()) && guard(watch()));
     if (failure) {
         std::rethrow_exception(failure);
@@ -49,7 +49,7 @@ void Relay::stop() noexcept {
     isStopped = true;
     remote.close();
     asio::error_code ignored; // it is closed either way
-    local.close(ignored);
+    (void)local.close(ignored);
     watchdog.cancel();
     changed.cancel();
 }

@@ -33,7 +33,7 @@ public:
 
 private:
     asio::awaitable<Endpoints> lookUp(const std::string& host, unsigned short port);
-    asio::awaitable<asio::error_code> attempt(tcp::endpoint endpoint);
+    asio::awaitable<asio::error_code> attempt(const tcp::endpoint& endpoint);
 
     asio::ssl::context context = clientContext();
     bool isClosed = false;
@@ -59,7 +59,7 @@ asio::awaitable<void> TLSTransport::Link::establish(const std::string& host, uns
 }
 
 /// asio alone would leave the descriptor open in the programs that are started meanwhile.
-asio::awaitable<asio::error_code> TLSTransport::Link::attempt(tcp::endpoint endpoint) {
+asio::awaitable<asio::error_code> TLSTransport::Link::attempt(const tcp::endpoint& endpoint) {
     if (isClosed) {
         co_return asio::error::operation_aborted;
     }
@@ -105,7 +105,7 @@ void TLSTransport::Link::close() noexcept {
         resolver->cancel();
     }
     if (socket) {
-        socket->close(ignored);
+        (void)socket->close(ignored);
     }
     if (stream) {
         stream->close();

@@ -107,7 +107,7 @@ asio::awaitable<void> TlsStream::write(asio::const_buffer bytes) {
 
 void TlsStream::close() noexcept {
     asio::error_code ignored; // it is closed either way
-    stream.lowest_layer().close(ignored);
+    (void)stream.lowest_layer().close(ignored);
 }
 
 } // namespace zephane
