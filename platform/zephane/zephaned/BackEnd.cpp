@@ -51,14 +51,14 @@ struct BackEnd::Pipe {
 };
 
 std::shared_ptr<BackEnd> BackEnd::start(const asio::any_io_executor& executor, const Command& command,
-                                        std::string image, Log& log) {
+                                        std::string image, const Log& log) {
     auto started = std::make_shared<BackEnd>(executor, command, std::move(image), log, Pipe());
     started->run();
     return started;
 }
 
-BackEnd::BackEnd(const asio::any_io_executor& executor, const Command& command, std::string image, Log& log,
-                 Pipe pipe)
+BackEnd::BackEnd(const asio::any_io_executor& executor, const Command& command, std::string image,
+                 const Log& log, Pipe pipe)
     : strand(asio::make_strand(executor)),
       socketPath(command.socket),
       image(std::move(image)),

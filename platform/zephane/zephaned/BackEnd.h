@@ -31,7 +31,7 @@ public:
     };
 
     static std::shared_ptr<BackEnd> start(const asio::any_io_executor& executor, const Command& command,
-                                          std::string image, Log& log);
+                                          std::string image, const Log& log);
 
     [[nodiscard]] const std::string& socket() const override { return socketPath; }
     [[nodiscard]] bool hasEnded() const override { return process.hasEnded(); }
@@ -42,7 +42,7 @@ private:
 
 public:
     /// For `start`.
-    BackEnd(const asio::any_io_executor& executor, const Command& command, std::string image, Log& log,
+    BackEnd(const asio::any_io_executor& executor, const Command& command, std::string image, const Log& log,
             Pipe pipe);
 
 private:
@@ -56,7 +56,7 @@ private:
     const asio::strand<asio::any_io_executor> strand;
     const std::string socketPath;
     const std::string image;
-    Log& log;
+    const Log& log;
     const ChildProcess process;
     asio::posix::stream_descriptor end;    // the process's, for waiting
     asio::posix::stream_descriptor output; // what it prints

@@ -45,6 +45,10 @@ std::vector<char*> pointersTo(std::vector<std::string>& words) {
     ::_exit(exitOfNothing);
 }
 
+[[noreturn]] void fail(const std::string& what) {
+    throw std::system_error(errno, std::generic_category(), what);
+}
+
 std::string describe(const siginfo_t& status) {
     if (status.si_code == CLD_EXITED) {
         return "exit status " + std::to_string(status.si_status);
@@ -63,6 +67,9 @@ ChildProcess::ChildProcess(const std::string& program, const std::vector<std::st
     const std::vector<char*> wordPointers = pointersTo(words);
     const std::vector<char*> variablePointers = pointersTo(variables);
     const os::FileDescriptor input(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+    if (!input) {
+        fail("open /dev/null");
+    }
     const pid_t parent = ::getpid();
     const pid_t number = ::fork();
     if (number == 0) {
@@ -78,7 +85,8 @@ ChildProcess::ChildProcess(const std::string& program, const std::vector<std::st
             ::kill(number, SIGKILL);
             ::waitpid(number, nullptr, 0);
         }
-        throw std::system_error(error, std::generic_category(), "start " + program);
+        errno = error;
+        fail("start " + program);
     }
 }
 

@@ -93,7 +93,7 @@ std::vector<std::string> readArguments(const ConfigReader& reader) {
     std::vector<std::string> arguments;
     reader.each([&](const ConfigReader& argument) { arguments.push_back(readArgument(argument)); });
     if (std::ranges::all_of(arguments, [](const std::string& one) { return one.starts_with('-'); })) {
-        reader.refuse("the name of a plugin of nbdkit is missing, such as in [\"file\", \"/srv/image\"]");
+        reader.refuse(R"(the name of a plugin of nbdkit is missing, such as in ["file", "/srv/image"])");
     }
     return arguments;
 }

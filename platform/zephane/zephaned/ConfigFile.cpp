@@ -69,7 +69,8 @@ void ConfigFile::save(const Config& config) const {
         ::open(unfinished.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, ownerOnly));
     const os::FileDescriptor folder(::open(directory().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     const bool isOwned =
-        file && (owner.st_uid == ::geteuid() || ::fchown(file.get(), owner.st_uid, owner.st_gid) == 0);
+        folder && file &&
+        (owner.st_uid == ::geteuid() || ::fchown(file.get(), owner.st_uid, owner.st_gid) == 0);
     if (!isOwned || !os::writeAll(file.get(), text) || ::fsync(file.get()) != 0 ||
         ::rename(unfinished.c_str(), path.c_str()) != 0 || ::fsync(folder.get()) != 0) {
         const std::string why = errnoText();

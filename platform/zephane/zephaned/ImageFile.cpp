@@ -20,8 +20,8 @@ namespace {
 
 } // namespace
 
-ImageFile::ImageFile(std::string where, std::uint64_t size, const std::string& ownerOf)
-    : path(std::move(where)) {
+ImageFile::ImageFile(const std::string& path, std::uint64_t size, const std::string& ownerOf)
+    : location(path) {
     struct stat owner{};
     if (::stat(ownerOf.c_str(), &owner) != 0) {
         fail(path);
@@ -42,7 +42,7 @@ ImageFile::ImageFile(std::string where, std::uint64_t size, const std::string& o
 
 ImageFile::~ImageFile() {
     if (!isKept) {
-        ::unlink(path.c_str());
+        ::unlink(location.c_str());
     }
 }
 

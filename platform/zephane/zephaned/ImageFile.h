@@ -12,7 +12,7 @@ namespace zephane {
 class ImageFile {
 public:
     /// The file is for the user alone to whom `ownerOf` belongs. `size` is in bytes.
-    ImageFile(std::string path, std::uint64_t size, const std::string& ownerOf);
+    ImageFile(const std::string& path, std::uint64_t size, const std::string& ownerOf);
     ImageFile(const ImageFile&) = delete;
     ImageFile& operator=(const ImageFile&) = delete;
     ~ImageFile();
@@ -20,7 +20,7 @@ public:
     void keep() noexcept { isKept = true; }
 
 private:
-    const std::string path;
+    const std::string location;
     bool isKept = false;
 };
 

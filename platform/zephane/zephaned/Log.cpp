@@ -29,7 +29,7 @@ std::string now() {
 
 } // namespace
 
-void Log::write(const char* level, const std::string& text) {
+void Log::write(const char* level, const std::string& text) const {
     os::writeAll(descriptor, now() + " " + level + ": " + printable(text) + "\n");
 }
 

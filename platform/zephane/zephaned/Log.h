@@ -15,12 +15,12 @@ class Log {
 public:
     explicit Log(int descriptor) : descriptor(descriptor) {}
 
-    void info(const std::string& text) { write("info", text); }
-    void warning(const std::string& text) { write("warning", text); }
-    void error(const std::string& text) { write("error", text); }
+    void info(const std::string& text) const { write("info", text); }
+    void warning(const std::string& text) const { write("warning", text); }
+    void error(const std::string& text) const { write("error", text); }
 
 private:
-    void write(const char* level, const std::string& text);
+    void write(const char* level, const std::string& text) const;
 
     int descriptor;
 };

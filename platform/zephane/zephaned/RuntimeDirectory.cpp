@@ -34,7 +34,7 @@ void removeSockets(const std::string& path) {
 
 } // namespace
 
-RuntimeDirectory::RuntimeDirectory(std::string where) : path(std::move(where)) {
+RuntimeDirectory::RuntimeDirectory(const std::string& path) : location(path) {
     require(::mkdir(path.c_str(), ownerOnly) == 0 || errno == EEXIST, path, "it can't be made");
     directory = os::FileDescriptor(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     require(static_cast<bool>(directory), path, "it can't be opened");
@@ -44,7 +44,7 @@ RuntimeDirectory::RuntimeDirectory(std::string where) : path(std::move(where)) {
 }
 
 std::string RuntimeDirectory::newSocket() {
-    return path + "/" + std::to_string(++last) + socketSuffix;
+    return location + "/" + std::to_string(++last) + socketSuffix;
 }
 
 } // namespace zephane

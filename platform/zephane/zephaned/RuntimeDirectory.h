@@ -15,13 +15,13 @@ namespace zephane {
 class RuntimeDirectory {
 public:
     /// Makes it if it isn't there, closes it to others, and removes the sockets of a server that was killed.
-    explicit RuntimeDirectory(std::string path);
+    explicit RuntimeDirectory(const std::string& path);
 
     /// A path where nothing is.
     std::string newSocket();
 
 private:
-    const std::string path;
+    const std::string location;
     os::FileDescriptor directory; // locked
     std::atomic<std::uint64_t> last = 0;
 };

@@ -33,7 +33,7 @@ constexpr unsigned endSeconds = 30;
 
 } // namespace
 
-Server::Server(ConfigFile configFile, const Config& config, Log& log)
+Server::Server(ConfigFile configFile, const Config& config, const Log& log)
     : file(std::move(configFile)),
       begun(config),
       log(log),
@@ -91,6 +91,7 @@ void Server::run() {
     context.run();
     threads.clear();
     workers.join();
+    ::alarm(0);
     log.info("ended");
 }
 

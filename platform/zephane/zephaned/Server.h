@@ -27,7 +27,7 @@ namespace zephane {
 class Server {
 public:
     /// Listens already when it is made. `log` has to stay.
-    Server(ConfigFile file, const Config& config, Log& log);
+    Server(ConfigFile file, const Config& config, const Log& log);
     void run();
 
 private:
@@ -42,7 +42,7 @@ private:
 
     const ConfigFile file;
     const Config begun; ///< what it was started with
-    Log& log;
+    const Log& log;
     const std::string nbdkit;
     RuntimeDirectory sockets;
     asio::ssl::context tls;

@@ -14,6 +14,7 @@
 #include <asio/redirect_error.hpp>
 #include <asio/use_awaitable.hpp>
 #include <cerrno>
+#include <new>
 #include <utility>
 
 namespace zephane {
@@ -41,6 +42,8 @@ wire::DigestAnswer digest(NbdImage& image, const wire::DigestRequest& range) {
         return {0, wire::digestsOf(data)};
     } catch (const NbdError& error) {
         return {error.error > 0 ? -error.error : -EIO, {}};
+    } catch (const std::bad_alloc&) {
+        return {-ENOMEM, {}};
     }
 }
 

@@ -22,7 +22,7 @@ namespace zephane {
 
 /// What all connections of a server use.
 struct SessionServices {
-    Log& log;
+    const Log& log;
     Images& images;
     Sessions& sessions;
     asio::ssl::context& tls;

@@ -1,5 +1,6 @@
 #include "zephane/zephaned/Sessions.h"
 
+#include <algorithm>
 #include <utility>
 #include <vector>
 
@@ -34,7 +35,10 @@ Sessions::Number Sessions::add(Stop stop) {
 bool Sessions::prove(Number number, const wire::ImageName& image) {
     const std::lock_guard lock(mutex);
     const auto found = pending.find(number);
-    if (found == pending.end() || proven.size() >= most) {
+    const auto ofTheImage =
+        std::ranges::count_if(proven, [&](const auto& entry) { return entry.second.image == image; });
+    if (found == pending.end() || proven.size() >= most ||
+        std::cmp_greater_equal(ofTheImage, mostOfOneImage)) {
         return false;
     }
     proven.emplace(number, Session{image, std::move(found->second)});

@@ -24,14 +24,16 @@ public:
 
     /// A client that says nothing must not keep others out: beyond this many, the oldest goes.
     static constexpr std::size_t mostPending = 256;
+    /// Who holds the secret of one image must not keep those of others out.
+    static constexpr std::size_t mostOfOneImage = 16;
 
     explicit Sessions(std::size_t most) : most(most) {}
 
     void setMost(std::size_t sessions);
     /// A new connection.
     Number add(Stop stop);
-    /// Its client has proven that it may use the image. False if there are too many sessions, or if the
-    /// connection has been stopped.
+    /// Its client has proven that it may use the image. False if there are too many sessions, in all or of this
+    /// image, or if the connection has been stopped.
     [[nodiscard]] bool prove(Number number, const wire::ImageName& image);
     /// The connection has ended.
     void remove(Number number);
@@ -47,11 +49,11 @@ private:
     };
 
     mutable std::mutex mutex;
-    std::size_t most;                 // guarded by mutex
-    std::string end;                  // why all are stopped, if they are; guarded by mutex
-    Number last = 0;                  // guarded by mutex
-    std::map<Number, Stop> pending;   // guarded by mutex; the oldest first
-    std::map<Number, Session> proven; // guarded by mutex
+    std::size_t most;                   // guarded by mutex
+    std::string end;                    // why all are stopped, if they are; guarded by mutex
+    Number last = 0;                    // guarded by mutex
+    std::map<Number, Stop> pending{};   // guarded by mutex; the oldest first
+    std::map<Number, Session> proven{}; // guarded by mutex
 };
 
 } // namespace zephane

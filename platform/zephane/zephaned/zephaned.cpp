@@ -8,9 +8,8 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+namespace zephane {
 namespace {
-
-using namespace zephane;
 
 constexpr int usageError = 2;
 
@@ -47,7 +46,7 @@ void serve(const ConfigFile& file) {
     const Config config = file.load();
     ::signal(SIGPIPE, SIG_IGN);
     raiseDescriptorLimit();
-    Log log(STDERR_FILENO);
+    const Log log(STDERR_FILENO);
     Server(file, config, log).run();
 }
 
@@ -115,11 +114,12 @@ int run(int count, const char* const* words) {
 }
 
 } // namespace
+} // namespace zephane
 
 int main(int count, char** words) {
     try {
-        fillStandardDescriptors();
-        return run(count, words);
+        zephane::fillStandardDescriptors();
+        return zephane::run(count, words);
     } catch (const std::exception& error) {
         std::cerr << "zephaned: " << error.what() << "\n";
         return EXIT_FAILURE;

@@ -40,12 +40,7 @@ protected:
     /// Waits until it takes connections; the code of the refusal otherwise.
     int connect(const BackEnd& backEnd, std::chrono::milliseconds patience = std::chrono::seconds{20}) {
         const auto deadline = std::chrono::steady_clock::now() + patience;
-        try {
-            asio::co_spawn(context, connectAndLeave(backEnd, deadline), asio::use_future).get();
-            return 0;
-        } catch (const Refusal& refusal) {
-            return refusal.code;
-        }
+        return asio::co_spawn(context, codeOfConnecting(backEnd, deadline), asio::use_future).get();
     }
     [[nodiscard]] std::string path(const std::string& name) const { return (directory / name).str(); }
     [[nodiscard]] std::string logged() const { return agent::test::readFile(path("log")); }
@@ -60,9 +55,14 @@ protected:
     }
 
 private:
-    static asio::awaitable<void> connectAndLeave(const BackEnd& backEnd,
+    static asio::awaitable<int> codeOfConnecting(const BackEnd& backEnd,
                                                  std::chrono::steady_clock::time_point deadline) {
-        co_await connectTo(backEnd, deadline);
+        try {
+            co_await connectTo(backEnd, deadline);
+            co_return 0;
+        } catch (const Refusal& refusal) {
+            co_return refusal.code;
+        }
     }
 
     agent::test::TestDirectory directory;

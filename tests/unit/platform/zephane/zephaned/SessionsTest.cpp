@@ -56,6 +56,18 @@ TEST_F(SessionsTest, HaveALimit) {
     EXPECT_TRUE(sessions.prove(add(), image));
 }
 
+TEST_F(SessionsTest, OfOneImageLeaveRoomForThoseOfOthers) {
+    sessions.setMost(2 * Sessions::mostOfOneImage);
+    for (std::size_t count = 0; count < Sessions::mostOfOneImage; ++count) {
+        EXPECT_TRUE(sessions.prove(add(), image));
+    }
+    const Sessions::Number late = add();
+    EXPECT_FALSE(sessions.prove(late, image));
+    EXPECT_TRUE(sessions.prove(add(), other));
+    sessions.remove(1);
+    EXPECT_TRUE(sessions.prove(late, image));
+}
+
 TEST_F(SessionsTest, AreStoppedByTheirImage) {
     ASSERT_TRUE(sessions.prove(add(), image));
     ASSERT_TRUE(sessions.prove(add(), other));
