@@ -22,7 +22,7 @@ MORE = dataclasses.replace(DATA, name="more", mount_point="/mnt/more")
 SNAPSHOTS = ("/dev/tolvu0", "/dev/tolvu1")
 RETRYING = "Sleeping, reconnecting, and retrying."
 FIRST, LITTLE = 0, 5 # reads of a copy, before it is held
-OWN_LINES = 12 # a request to start a backup logs fewer, on a thread of its own
+OWN_LINES = 9 # a request to start a backup of one volume logs fewer, on a thread of its own
 CALL_OF_RUN = "rt_sigaction" # in the daemon, only a thread that runs a backup makes it
 
 # Why the first backup after a kill may fail: the snapshot left behind is mounted, or not of the kind wanted,

@@ -7,6 +7,7 @@ import pytest
 
 from fault_site import log_file
 from lab.zephane import ZephaneServer
+from zephane_site import KINDS
 
 SERVER = ZephaneServer
 # The thread is held before it has logged the line. Where nothing is open at the moment, or nothing is owed
@@ -21,7 +22,6 @@ STEPS = {
     "Backup session registering volume UUID ": "finished",
     "Closing backup session, finalizing remote targets...": "finished",
 }
-KINDS = ({"full": True}, {}, {"merge": True})
 
 
 def kill_server(site):

@@ -11,6 +11,7 @@ from lab.filesystems import truth_of
 from lab.zephane import PORT, ZephaneServer
 
 FAILING_CALLS = ("pread", "pwrite", "zero")
+KINDS = ({"full": True}, {}, {"merge": True})
 
 
 class Wire:

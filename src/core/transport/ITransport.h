@@ -12,12 +12,12 @@ namespace agent::core {
 ///          What can be tried again has been tried by then, for as long as it takes: a caller that gets a
 ///          failure gives the image up.
 ///
-/// A read or write that fails on its way may return the count of what was done before, 0 too, in place of -1:
-/// whoever needs all of it takes every smaller count as a failure.
+/// A read or write that fails on its way may return a count in place of -1: 0, or up to what was done before,
+/// with the position behind that. Whoever needs all of it takes every smaller count as a failure.
 ///
 /// `errno` is EINVAL for an argument that can't be, ENOSPC for a write that begins at the image's end,
-/// ENOTCONN without a connection, EBUSY as said above, and EIO for everything else, of a connection that has
-/// broken for as long as it likes.
+/// ENOTCONN without a connection, EBUSY as said above, and EIO for everything else. A connection that has
+/// broken may say EIO even when it is closed.
 ///
 /// Positions and lengths are whole blocks of the target, for which any multiple of 4096 bytes will do. Others
 /// may be refused with EINVAL, and a read of such may begin at the start of its block.

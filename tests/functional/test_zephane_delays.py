@@ -1,0 +1,49 @@
+"""Backups over the second transport whose storage is slow, fails now and then, or stops for a while: whatever
+is reported finished is right, and the next backup works."""
+import time
+
+from fault_site import DATA, LITTLE, fault_site
+from lab.zephane import ZephaneServer
+from zephane_site import FAILING_CALLS, KINDS, FragileServer
+
+SERVER = ZephaneServer
+SECONDS_AWAY = 2
+
+
+def test_storage_fails_now_and_then(agent, appliance, faults):
+    """Some backups get through and some don't."""
+    with fault_site(appliance, agent, (DATA,), FragileServer, rate="1%") as site:
+        for number in range(6):
+            site.target.fail(*FAILING_CALLS)
+            site.change()
+            backup = site.protection.run(**KINDS[number % len(KINDS)])
+            site.target.mend()
+            faults.note(f"EIO of one call in a hundred, {KINDS[number % len(KINDS)]}", site.judge(backup))
+            site.check_clean()
+        site.assert_recovered()
+
+
+def test_slow_storage_costs_time_only(agent, appliance, faults):
+    slow = ["--filter=delay", "rdelay=20ms", "wdelay=20ms"]
+    with fault_site(appliance, agent, (DATA,), ZephaneServer, options=slow) as site:
+        for kind in KINDS:
+            backup = site.back_up(**kind)
+            faults.note(f"20 ms more for each request, {kind}", backup.state)
+            assert backup.bytes("data") > 0
+
+
+def test_server_is_away_for_a_moment(one_volume, faults):
+    """Its connections stay, and so nothing is lost but time."""
+    site = one_volume
+    for kind in KINDS:
+        with site.in_copy(LITTLE, **kind) as (backup, hold):
+            site.target.pause()
+            hold.release()
+            time.sleep(SECONDS_AWAY) # this is how long it is away
+            assert not backup.has_ended
+            site.target.resume()
+            backup.wait()
+        faults.note(f"server paused for {SECONDS_AWAY} s, {kind}", site.judge(backup))
+        assert backup.state == "finished", backup.log
+        site.check_clean()
+    site.assert_recovered()
