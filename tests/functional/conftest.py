@@ -125,6 +125,12 @@ def appliance(agent, connect_appliance):
 
 
 @pytest.fixture
+def punching(appliance):
+    """The agent makes holes where a volume is free."""
+    assert appliance.set_config({"holepunch.enabled": True}).is_success
+
+
+@pytest.fixture
 def driver():
     """A machine that looks as if the snapshot driver were loaded."""
     show_driver()

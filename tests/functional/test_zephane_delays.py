@@ -2,11 +2,14 @@
 is reported finished is right, and the next backup works."""
 import time
 
+import pytest
+
 from fault_site import DATA, LITTLE, fault_site
 from lab.zephane import ZephaneServer
 from zephane_site import FAILING_CALLS, KINDS, FragileServer
 
 SERVER = ZephaneServer
+pytestmark = pytest.mark.usefixtures("punching") # or nothing is zeroed
 SECONDS_AWAY = 2
 
 

@@ -5,12 +5,7 @@ from lab.holds import Trace
 from zephane_site import FAILING_CALLS, KINDS, FragileServer
 
 SERVER = FragileServer
-
-
-@pytest.fixture(autouse=True)
-def holes(appliance):
-    """Every kind of request is made."""
-    assert appliance.set_config({"holepunch.enabled": True}).is_success
+pytestmark = pytest.mark.usefixtures("punching") # or nothing is zeroed
 
 
 def run_broken(site, faults, fault, *calls, **kind):

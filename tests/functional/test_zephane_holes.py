@@ -18,9 +18,8 @@ VOLUMES = (dataclasses.replace(EXT4, making=("-b", str(PAGE))), XFS)
 
 
 @pytest.fixture
-def punched(appliance, volumes):
+def punched(punching, volumes):
     """Volumes whose free space is in pieces, and an agent that makes holes of it."""
-    assert appliance.set_config({"holepunch.enabled": True}).is_success
     for partition in volumes.values():
         fragment(partition)
     return volumes

@@ -2,7 +2,9 @@
 fail at will."""
 import contextlib
 import json
+import os
 import pathlib
+import signal
 
 from backup_site import fill, root_of
 from lab.backups import capture_of
@@ -83,3 +85,13 @@ class FragileServer(ZephaneServer):
     def mend(self):
         for call in FAILING_CALLS:
             self._switch(call).unlink(missing_ok=True)
+
+
+def kill_server(site):
+    site.target.restart()
+
+
+def kill_engine(site):
+    engine = site.protection.images["data"].engine()
+    if engine is not None: # there is none while nobody is connected
+        os.kill(engine, signal.SIGKILL)

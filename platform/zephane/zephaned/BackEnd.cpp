@@ -21,6 +21,8 @@ namespace {
 constexpr std::chrono::seconds stopTime{5};
 /// For what a process has printed before its end; what it has started itself may keep the pipe open.
 constexpr std::chrono::seconds drainTime{1};
+/// Between two looks at a process that has ended, but can't be reaped yet.
+constexpr std::chrono::milliseconds traceTime{100};
 constexpr std::size_t longestLine = 1000;
 
 std::vector<std::string> nbdkitArguments(const BackEnd::Command& command) {
@@ -96,6 +98,10 @@ void BackEnd::terminate() {
 
 asio::awaitable<void> BackEnd::watch() {
     co_await end.async_wait(asio::posix::descriptor_base::wait_read, asio::use_awaitable);
+    while (!process.hasEnded()) { // whoever traces it keeps what is left of it for a moment
+        asio::steady_timer timer(strand, traceTime);
+        co_await timer.async_wait(asio::use_awaitable);
+    }
     const std::string how = process.reap();
     ::unlink(socketPath.c_str());
     if (!isStopping) {
