@@ -7,16 +7,15 @@ import pytest
 from fault_site import DATA, fault_site
 from lab.rbd import RbdServer
 from lab.services import wait_until
+from zephane_site import KINDS
 
-KINDS = ({"full": True}, {}, {"merge": True})
 SECONDS_AWAY = 5
 LONGEST_WAIT = 150 # of a backup for storage that says nothing any more
 
 
 @pytest.fixture
-def fragile(cluster, agent, appliance):
+def fragile(cluster, agent, appliance, punching):
     """A site with one volume that has been backed up to the cluster. Every kind of request is made."""
-    assert appliance.set_config({"holepunch.enabled": True}).is_success
     with fault_site(appliance, agent, (DATA,), RbdServer, cluster=cluster) as made:
         yield made
 
