@@ -31,6 +31,7 @@ def hfs_volume(name, *options):
 
 VOLUMES = (
     hfs_volume("usual"),
+    hfs_volume("sent"),
     hfs_volume("pieces", *MANY_PIECES),
     hfs_volume("large-blocks", "--block-size", "65536"),
     hfs_volume("eight-pieces", "--block-size", "1024", "--fragments", "8"),
@@ -86,7 +87,7 @@ def change_file(partition):
 
 
 @pytest.mark.parametrize(("protection", "target"), [
-    ("usual", Target), ("pieces", Target), ("large-blocks", Target), ("usual", ZephaneServer)], indirect=True)
+    ("usual", Target), ("pieces", Target), ("large-blocks", Target), ("sent", ZephaneServer)], indirect=True)
 def test_used_blocks_are_copied_and_merged(protection):
     name, partition, image = parts(protection)
     truth = truth_of(partition.device, "hfsplus")

@@ -7,6 +7,7 @@ from change_records import copied_extents
 from lab.backups import capture_of
 from lab.driver import INFO
 from lab.image_server import Writes
+from lab.images import extents_of_files
 from lab.targets import Target
 from lab.zephane import ZephaneServer
 
@@ -23,7 +24,8 @@ if sys.argv[1] == "POST":
 """
 # What is written as a whole if anything in it differs.
 UNITS = {Target: LONGEST, ZephaneServer: 64 << 10}
-FLIPS = (1, 2 * MIB + 77, 17 * MIB + 4095, 18 * MIB) # in the largest extent of a volume
+LARGE = "large"
+FLIPS = (1, 2 * MIB + 77, 17 * MIB + 4095, 18 * MIB) # in this file, which stays where it is
 
 
 def chunks(extents):
@@ -61,10 +63,19 @@ def flip(path, at):
         os.pwrite(file.fileno(), bytes([byte ^ 0xFF]), at)
 
 
+def place_of(at, extents):
+    """Where a byte of a file is, by the file's extents."""
+    for begin, length in extents:
+        if at < length:
+            return begin + at
+        at -= length
+    raise ValueError(f"the file ends {at} bytes before")
+
+
 def fill_all(volumes):
     for name, partition in volumes.items():
         fill(root_of(partition), name)
-        (root_of(partition) / "large").write_bytes(os.urandom(24 * MIB))
+        (root_of(partition) / LARGE).write_bytes(os.urandom(24 * MIB))
 
 
 @OVER_BOTH
@@ -95,10 +106,8 @@ def test_merge_mends_exactly_what_differs(protect, volumes, target, tmp_path):
         damaged, before = {}, {}
         for name, partition in volumes.items():
             image = protection.images[name].path
-            capture = capture_of(partition)
-            extents = copied_extents(capture, partition.volume.file_system)
-            begin, _ = max(extents, key=lambda extent: extent[1])
-            damaged[name] = [begin + at for at in FLIPS]
+            extents = extents_of_files(capture_of(partition), partition.volume.file_system, [LARGE])
+            damaged[name] = [place_of(at, extents) for at in FLIPS]
             for at in damaged[name]:
                 flip(image, at)
             before[name] = shutil.copyfile(image, tmp_path / name)
