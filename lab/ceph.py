@@ -211,14 +211,15 @@ class CephCluster(Stay):
 
 
 class RbdExport(Mortal):
-    """An NBD server on an image of a cluster, for any number of connections. What is punched frees its room.
-    If it is killed, what nobody has flushed goes with it, and the image stays locked for half a minute."""
+    """An NBD server on an image of a cluster, for any number of connections. What is punched frees its room,
+    and what is written is in the cluster. If it is killed, the image stays locked for half a minute."""
 
     def __init__(self, cluster, name):
         super().__init__()
         self._socket = cluster.directory / f"{name}.nbd"
-        self.command = ("qemu-nbd", "--format=raw", "--persistent", "--shared=0", "--discard=unmap",
-                        f"--socket={self._socket}", f"rbd:{POOL}/{name}:conf={cluster.configuration}")
+        self.command = ("qemu-nbd", "--persistent", "--shared=0", "--format=raw", "--cache=none",
+                        "--discard=unmap", f"--socket={self._socket}",
+                        f"rbd:{POOL}/{name}:conf={cluster.configuration}")
 
     @property
     def uri(self):

@@ -7,44 +7,42 @@ import pytest
 from fault_site import DATA, fault_site
 from lab.rbd import RbdServer
 from lab.services import wait_until
+from zephane_site import KINDS
 
-KINDS = pytest.mark.parametrize("kind", [{"full": True}, {}, {"merge": True}],
-                                ids=["full", "incremental", "merge"])
 SECONDS_AWAY = 5
 LONGEST_WAIT = 150 # of a backup for storage that says nothing any more
 
 
 @pytest.fixture
-def fragile(cluster, agent, appliance):
+def fragile(cluster, agent, appliance, punching):
     """A site with one volume that has been backed up to the cluster. Every kind of request is made."""
-    assert appliance.set_config({"holepunch.enabled": True}).is_success
     with fault_site(appliance, agent, (DATA,), RbdServer, cluster=cluster) as made:
         yield made
 
 
-@KINDS
-def test_one_machine_dies(fragile, cluster, faults, kind):
+def test_one_machine_dies(fragile, cluster, faults):
     """Nobody notices, and it is brought up to date when it is back."""
-    with fragile.in_copy(**kind) as (backup, hold), cluster.without(0):
-        hold.release()
-        backup.wait()
-        faults.note(f"an OSD killed, {kind}", fragile.judge(backup))
-        assert backup.state == "finished", backup.log
-    with cluster.without(1):
-        fragile.protection.verify()
-        fragile.assert_recovered()
-
-
-@KINDS
-def test_copy_waits_for_a_machine(fragile, cluster, faults, kind):
-    with fragile.in_copy(**kind) as (backup, hold), cluster.without(0):
-        with cluster.without(1):
+    for kind in KINDS:
+        with fragile.in_copy(**kind) as (backup, hold), cluster.without(0):
             hold.release()
-            with pytest.raises(TimeoutError):
-                wait_until(lambda: backup.has_ended, SECONDS_AWAY, "the end of the backup")
-        backup.wait()
-        faults.note(f"two OSDs killed, one brought back, {kind}", fragile.judge(backup))
-        assert backup.state == "finished", backup.log
+            backup.wait()
+            faults.note(f"an OSD killed, {kind}", fragile.judge(backup))
+            assert backup.state == "finished", backup.log
+        with cluster.without(1):
+            fragile.protection.verify()
+    fragile.assert_recovered()
+
+
+def test_copy_waits_for_a_machine(fragile, cluster, faults):
+    for kind in KINDS:
+        with fragile.in_copy(**kind) as (backup, hold), cluster.without(0):
+            with cluster.without(1):
+                hold.release()
+                with pytest.raises(TimeoutError):
+                    wait_until(lambda: backup.has_ended, SECONDS_AWAY, "the end of the backup")
+            backup.wait()
+            faults.note(f"two OSDs killed, one brought back, {kind}", fragile.judge(backup))
+            assert backup.state == "finished", backup.log
     fragile.assert_recovered()
 
 
@@ -58,15 +56,15 @@ def test_machines_that_stay_away(fragile, cluster, faults):
     fragile.assert_recovered()
 
 
-@KINDS
-def test_engine_dies(fragile, faults, kind):
+def test_engine_dies(fragile, faults):
     """Ceph lets its successor write when the dead one's lock has run out."""
     export = fragile.target.exports["data"]
-    with fragile.in_copy(**kind) as (backup, hold):
-        export.kill()
-        hold.release()
-        backup.wait()
-        faults.note(f"the image's NBD server killed, {kind}", fragile.judge(backup))
-        assert backup.state == "failed", backup.log
-    export.start()
-    fragile.assert_recovered()
+    for kind in KINDS:
+        with fragile.in_copy(**kind) as (backup, hold):
+            export.kill()
+            hold.release()
+            backup.wait()
+            faults.note(f"the image's NBD server killed, {kind}", fragile.judge(backup))
+            assert backup.state == "failed", backup.log
+        export.start()
+        fragile.assert_recovered()
