@@ -82,18 +82,27 @@ void BackEnd::stop() {
 }
 
 void BackEnd::terminate() {
-    if (isStopping || process.hasEnded()) {
+    if (sent != 0 || process.hasEnded()) {
         return;
     }
-    isStopping = true;
-    process.send(SIGTERM);
+    send(SIGTERM);
     killing.expires_after(stopTime);
     killing.async_wait([self = shared_from_this()](const asio::error_code& error) {
         if (!error) {
             self->log.warning(self->image + ": nbdkit doesn't end and is killed");
-            self->process.send(SIGKILL);
+            self->send(SIGKILL);
         }
     });
+}
+
+void BackEnd::send(int signal) {
+    sent = signal;
+    process.send(signal);
+}
+
+/// It may have been asked when it was about to end anyway: its sessions see that first, and leave it.
+bool BackEnd::wasAsked(const ProcessEnd& how) const {
+    return sent != 0 && (how.signal == 0 ? how.status == 0 : how.signal == sent);
 }
 
 asio::awaitable<void> BackEnd::watch() {
@@ -102,10 +111,10 @@ asio::awaitable<void> BackEnd::watch() {
         asio::steady_timer timer(strand, traceTime);
         co_await timer.async_wait(asio::use_awaitable);
     }
-    const std::string how = process.reap();
+    const ProcessEnd how = process.reap();
     ::unlink(socketPath.c_str());
-    if (!isStopping) {
-        log.error(image + ": nbdkit has ended by itself, with " + how);
+    if (!wasAsked(how)) {
+        log.error(image + ": nbdkit has ended by itself, with " + how.inWords());
     }
     killing.cancel();
     if (output.is_open()) {

@@ -50,6 +50,8 @@ private:
     asio::awaitable<void> watch();
     asio::awaitable<void> readOutput();
     void terminate();
+    void send(int signal);
+    [[nodiscard]] bool wasAsked(const ProcessEnd& how) const;
     void say(const std::string& line);
 
     // What isn't const belongs to the strand.
@@ -63,7 +65,7 @@ private:
     asio::steady_timer killing;
     asio::steady_timer draining;
     LineLimit limit;
-    bool isStopping = false;
+    int sent = 0; ///< the last signal that was to end it
 };
 
 } // namespace zephane

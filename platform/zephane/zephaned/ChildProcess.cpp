@@ -49,13 +49,6 @@ std::vector<char*> pointersTo(std::vector<std::string>& words) {
     throw std::system_error(errno, std::generic_category(), what);
 }
 
-std::string describe(const siginfo_t& status) {
-    if (status.si_code == CLD_EXITED) {
-        return "exit status " + std::to_string(status.si_status);
-    }
-    return "signal " + std::to_string(status.si_status);
-}
-
 } // namespace
 
 ChildProcess::ChildProcess(const std::string& program, const std::vector<std::string>& arguments,
@@ -108,10 +101,15 @@ void ChildProcess::send(int signal) const noexcept {
     ::syscall(SYS_pidfd_send_signal, process.get(), signal, nullptr, 0U);
 }
 
-std::string ChildProcess::reap() const {
+ProcessEnd ChildProcess::reap() const {
     siginfo_t status{};
     ::waitid(P_PIDFD, static_cast<id_t>(process.get()), &status, WEXITED | WNOHANG);
-    return describe(status);
+    return status.si_code == CLD_EXITED ? ProcessEnd{.status = status.si_status}
+                                        : ProcessEnd{.signal = status.si_status};
+}
+
+std::string ProcessEnd::inWords() const {
+    return signal == 0 ? "exit status " + std::to_string(status) : "signal " + std::to_string(signal);
 }
 
 } // namespace zephane

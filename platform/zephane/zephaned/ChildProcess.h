@@ -8,6 +8,14 @@
 
 namespace zephane {
 
+/// How a process has ended.
+struct ProcessEnd {
+    int signal = 0; ///< that has ended it, 0 if none
+    int status = 0; ///< that it has exited with, if no signal has ended it
+
+    [[nodiscard]] std::string inWords() const;
+};
+
 /// A program that ends with the thread that has started it, whatever ends that.
 /// Owns:    the process and a descriptor of it, which never becomes that of another process. An object that
 ///          goes before the process has ended kills it, and doesn't wait for that.
@@ -28,8 +36,8 @@ public:
     /// Asks the kernel, so it is never late. In any thread.
     [[nodiscard]] bool hasEnded() const noexcept;
     void send(int signal) const noexcept;
-    /// How it has ended, in words. Once it has; its number is given back.
-    [[nodiscard]] std::string reap() const;
+    /// Once it has ended; its number is given back.
+    [[nodiscard]] ProcessEnd reap() const;
 
 private:
     os::FileDescriptor process;
