@@ -77,7 +77,7 @@ private:
 
     const Start start;
     mutable std::mutex mutex;
-    std::map<wire::ImageName, std::shared_ptr<Image>> all{}; // guarded by mutex, and what is in it
+    std::map<wire::ImageName, std::shared_ptr<Image>> all; // guarded by mutex, and what is in it
 };
 
 } // namespace zephane

@@ -32,8 +32,8 @@ public:
     void setMost(std::size_t sessions);
     /// A new connection.
     Number add(Stop stop);
-    /// Its client has proven that it may use the image. False if there are too many sessions, in all or of this
-    /// image, or if the connection has been stopped.
+    /// Its client has proven that it may use the image. False if there are too many sessions, in all or of
+    /// this image, or if the connection has been stopped.
     [[nodiscard]] bool prove(Number number, const wire::ImageName& image);
     /// The connection has ended.
     void remove(Number number);
@@ -49,11 +49,11 @@ private:
     };
 
     mutable std::mutex mutex;
-    std::size_t most;                   // guarded by mutex
-    std::string end;                    // why all are stopped, if they are; guarded by mutex
-    Number last = 0;                    // guarded by mutex
-    std::map<Number, Stop> pending{};   // guarded by mutex; the oldest first
-    std::map<Number, Session> proven{}; // guarded by mutex
+    std::size_t most;                 // guarded by mutex
+    std::string end;                  // why all are stopped, if they are; guarded by mutex
+    Number last = 0;                  // guarded by mutex
+    std::map<Number, Stop> pending;   // guarded by mutex; the oldest first
+    std::map<Number, Session> proven; // guarded by mutex
 };
 
 } // namespace zephane
