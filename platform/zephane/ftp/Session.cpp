@@ -154,7 +154,7 @@ Local Session::Conversation::makeLocal() {
         throw std::system_error(errno, std::generic_category(), "socketpair");
     }
     clientEnd = os::FileDescriptor(ends[1]);
-    return Local(io, asio::local::stream_protocol(), ends[0]);
+    return {io, asio::local::stream_protocol(), ends[0]};
 }
 
 void Session::Conversation::announce(std::uint64_t flags) {

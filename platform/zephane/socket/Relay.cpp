@@ -42,6 +42,7 @@ asio::awaitable<void> Relay::guard(asio::awaitable<void> part) {
     stop();
 }
 
+// NOLINTNEXTLINE(bugprone-exception-escape): of timers that nobody else uses, cancelling can't fail
 void Relay::stop() noexcept {
     if (isStopped) {
         return;

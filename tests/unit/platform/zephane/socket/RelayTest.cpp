@@ -50,7 +50,7 @@ public:
     }
     void close() noexcept override {
         asio::error_code ignored;
-        socket.close(ignored);
+        (void)socket.close(ignored);
     }
 
     stream_protocol::socket socket;
