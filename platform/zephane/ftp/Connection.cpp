@@ -238,8 +238,9 @@ std::vector<Run> ZephaneFTPClient::Connection::runsByDigests(std::span<const std
     if (unflushed.overlaps(position, part.size())) {
         flush(); // the server reads over another connection
     }
-    const auto remote = session->digests({position, static_cast<std::uint32_t>(part.size())});
-    const auto local = wire::digestsOf(part);
+    std::vector<wire::Digest> local;
+    const auto remote = session->digests({position, static_cast<std::uint32_t>(part.size())},
+                                         [&] { local = wire::digestsOf(part); });
     return differingRuns(part.size(), [&](const Run& unit) {
         const std::size_t index = unit.offset / wire::digestUnit;
         return local.at(index) != remote.at(index);

@@ -56,7 +56,7 @@ public:
     void start();
     std::uint64_t awaitGrant(Clock::time_point until);
     int takeLocal() { return clientEnd.release(); }
-    wire::DigestAnswer ask(const wire::DigestRequest& request);
+    wire::DigestAnswer ask(const wire::DigestRequest& request, const std::function<void()>& meanwhile);
     bool hasEnded() const;
     std::optional<Failure> end();
 
@@ -187,10 +187,14 @@ std::uint64_t Session::Conversation::awaitGrant(Clock::time_point until) {
     return *granted;
 }
 
-wire::DigestAnswer Session::Conversation::ask(const wire::DigestRequest& request) {
+wire::DigestAnswer Session::Conversation::ask(const wire::DigestRequest& request,
+                                              const std::function<void()>& meanwhile) {
     std::unique_lock lock(mutex);
     answer.reset();
+    lock.unlock();
     asio::post(io, [this, message = wire::encode(request)] { send(message); });
+    meanwhile();
+    lock.lock();
     if (!changed.wait_for(lock, patience, [this] { return answer || isEnded; })) {
         throw CallError(ETIMEDOUT, "the server doesn't tell what the image holds");
     }
@@ -256,10 +260,11 @@ int Session::takeLocal() {
     return conversation->takeLocal();
 }
 
-std::vector<wire::Digest> Session::digests(const wire::DigestRequest& request) {
+std::vector<wire::Digest> Session::digests(const wire::DigestRequest& request,
+                                           const std::function<void()>& meanwhile) {
     wire::DigestAnswer answer;
     try {
-        answer = conversation->ask(request);
+        answer = conversation->ask(request, meanwhile);
     } catch (...) {
         conversation->end(); // an answer that comes later would be taken for the next one
         throw;

@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -40,8 +41,10 @@ public:
     std::uint64_t open(Clock::time_point until);
     /// The end of the NBD connection for the client, who closes it. Once, after `open`.
     int takeLocal();
-    /// What the server says the image holds there, one digest for each unit.
-    std::vector<wire::Digest> digests(const wire::DigestRequest& request);
+    /// What the server says the image holds there, one digest for each unit. `meanwhile` is called once,
+    /// while the server reads.
+    std::vector<wire::Digest> digests(const wire::DigestRequest& request,
+                                      const std::function<void()>& meanwhile);
     /// Whether there is nobody to talk to any more.
     [[nodiscard]] bool hasEnded() const;
     /// Ends it. What had ended it before, if anything had.
