@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <stdexcept>
+#include <tuple>
 
 namespace zephane {
 namespace {
@@ -116,8 +117,8 @@ TEST_F(ImagesTest, AreFreeAgainAfterAnEngineThatCanNotBeStarted) {
     Images broken(
         [](const ImageConfig&, bool) -> std::shared_ptr<IBackEnd> { throw std::runtime_error("no"); });
     broken.configure({config()});
-    EXPECT_THROW(broken.open(name, client(1), writing), std::runtime_error);
-    EXPECT_THROW(broken.open(name, client(2), writing), std::runtime_error);
+    EXPECT_THROW(std::ignore = broken.open(name, client(1), writing), std::runtime_error);
+    EXPECT_THROW(std::ignore = broken.open(name, client(2), writing), std::runtime_error);
 }
 
 TEST_F(ImagesTest, HaveAKeyAsLongAsTheyAreServed) {
