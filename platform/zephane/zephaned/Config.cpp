@@ -10,6 +10,7 @@
 #include <charconv>
 #include <limits>
 #include <set>
+#include <string_view>
 
 namespace zephane {
 
@@ -153,11 +154,16 @@ std::vector<Address> readAddresses(const ConfigReader& reader) {
     return addresses;
 }
 
+/// The library's own words would show what it has read last, which may be a secret.
 Json parseJson(const std::string& text, const std::string& file) {
     try {
         return Json::parse(text);
-    } catch (const Json::exception& error) {
-        throw ConfigError(file + ": this isn't JSON: " + error.what());
+    } catch (const Json::parse_error& error) {
+        const std::string_view before = std::string_view(text).substr(0, error.byte);
+        throw ConfigError(file + ": this isn't JSON, at or before line " +
+                          std::to_string(1 + std::ranges::count(before, '\n')));
+    } catch (const Json::exception&) {
+        throw ConfigError(file + ": this isn't JSON: there is a number too large for it");
     }
 }
 

@@ -62,7 +62,10 @@ TEST(Config, IsWhatItsTextSays) {
 TEST(Config, SaysWhatIsNotJson) {
     expectError("", "", "this isn't JSON");
     expectError("{", "", "this isn't JSON");
+    expectError("{\n\n\"images\": x}", "", "this isn't JSON, at or before line 3");
+    expectError("{\"images\": 1e999}", "", "this isn't JSON");
     expectError("{\"images\": [],}", "", "this isn't JSON");
+    EXPECT_EQ(errorOf(R"({"images": [{"secret": "hunter2)").find("hunter2"), std::string::npos);
     expectError("[]", "", "an object");
     expectError("null", "", "an object");
 }
