@@ -170,7 +170,7 @@ void Session::Conversation::finish(const std::exception_ptr& exception) {
     if (exception && (relay || !isStopping)) {
         failure = failureOf(exception);
         failure->text = step + (": " + failure->text);
-    } else if (!isStopping) {
+    } else if (!isStopping && relay && relay->hasRemoteEnded()) { // not the client, by its end of the sockets
         failure = Failure{ECONNRESET, "the server has ended the connection"};
     }
     changed.notify_all();

@@ -78,6 +78,7 @@ asio::awaitable<void> Relay::carryIn() {
     for (;;) {
         const std::size_t count = co_await remote.readSome(asio::buffer(buffer));
         if (count == 0) {
+            remoteEnded = true;
             co_return;
         }
         reading.feed(std::span(buffer).first(count));

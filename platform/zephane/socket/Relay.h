@@ -38,6 +38,8 @@ public:
     /// Sends a frame of another kind between the others. One more of them may wait while one is being sent;
     /// wire::ProtocolError for a third, as a peer that keeps to the protocol asks for no more.
     void send(wire::FrameKind kind, std::span<const std::uint8_t> payload);
+    /// Whether it was the peer who has ended it, in the orderly way.
+    [[nodiscard]] bool hasRemoteEnded() const { return remoteEnded; }
     /// Ends `run` from outside, which throws nothing then.
     void stop() noexcept;
 
@@ -70,6 +72,7 @@ private:
     Clock::time_point remoteLimit = Clock::time_point::max(); ///< of the write under way, if there is one
     Clock::time_point localLimit = Clock::time_point::max();
     bool isStopped = false;
+    bool remoteEnded = false;
     std::exception_ptr failure;
 };
 
