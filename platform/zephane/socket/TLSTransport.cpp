@@ -58,7 +58,8 @@ asio::awaitable<void> TLSTransport::Link::establish(const std::string& host, uns
     co_await stream->handshake(asio::ssl::stream_base::client);
 }
 
-/// asio alone would leave the descriptor open in the programs that are started meanwhile.
+/// asio alone would leave the descriptor open in the programs that are started meanwhile. Closing it drops what is
+/// still to be sent: a write that was given up must not arrive when another connection has written there.
 asio::awaitable<asio::error_code> TLSTransport::Link::attempt(const tcp::endpoint& endpoint) {
     if (isClosed) {
         co_return asio::error::operation_aborted;
@@ -71,6 +72,9 @@ asio::awaitable<asio::error_code> TLSTransport::Link::attempt(const tcp::endpoin
     socket.emplace(executor, endpoint.protocol(), descriptor);
     asio::error_code error;
     co_await socket->async_connect(endpoint, asio::redirect_error(asio::use_awaitable, error));
+    if (!error) {
+        socket->set_option(tcp::socket::linger(true, 0));
+    }
     co_return error;
 }
 

@@ -21,9 +21,9 @@ struct RemoteImage {
 
 /// One kind of transport: how a request asks for it, and how one is made. TransportKind.cpp has the table.
 struct TransportKind {
-    const char* interface; ///< the word of the request
-    const char* name;      ///< in the log
-    std::uint64_t largestLun;
+    const char* interface;    ///< the word of the request
+    const char* name;         ///< in the log
+    std::uint64_t largestLun; ///< that an image may have; a request for a larger one is refused
     /// Nothing is connected yet. Throws std::invalid_argument or std::out_of_range for an image that no
     /// transport of this kind can be made for.
     std::shared_ptr<ITransport> (*make)(info::Logger& logger, const RemoteImage& image);
