@@ -58,8 +58,8 @@ asio::awaitable<void> TLSTransport::Link::establish(const std::string& host, uns
     co_await stream->handshake(asio::ssl::stream_base::client);
 }
 
-/// asio alone would leave the descriptor open in the programs that are started meanwhile. Closing it drops what is
-/// still to be sent: a write that was given up must not arrive when another connection has written there.
+/// asio alone would leave the descriptor open in the programs that are started meanwhile. Closing it drops
+/// what is still to be sent: a write that was given up must not arrive when the next connection has written.
 asio::awaitable<asio::error_code> TLSTransport::Link::attempt(const tcp::endpoint& endpoint) {
     if (isClosed) {
         co_return asio::error::operation_aborted;

@@ -84,8 +84,8 @@ TEST_F(TlsStreamTest, AConnectionThatIsCutIsNoOrderlyEnd) {
     EXPECT_THROW(await(client.readSome(asio::buffer(text))), asio::system_error);
 }
 
-/// A reset, with which the kernel drops what the other end hasn't got: it would send it for another minute, and a
-/// write that has been given up must not come after those of the next connection.
+/// A reset, with which the kernel drops what the other end hasn't got: it would send it for another minute,
+/// and a write that has been given up must not come after those of the next connection.
 TEST_F(TlsStreamTest, WhatTheClientHasGivenUpIsNotSentAnyMore) {
     await(client.write(asio::buffer("late", 4)));
     client.close();
