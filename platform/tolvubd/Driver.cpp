@@ -1,19 +1,19 @@
 #include "Driver.h"
 
-#include "Capture.h"
-#include "Compare.h"
 #include "CowFile.h"
 #include "Failure.h"
-#include "FreshUnits.h"
-#include "FrozenFileSystem.h"
 #include "HoldGuard.h"
 #include "Layout.h"
 #include "Recovery.h"
-#include "SnapshotNode.h"
 #include "Status.h"
-#include "StoppedServer.h"
 #include "SystemLog.h"
 #include "Uuid.h"
+#include "capture/Capture.h"
+#include "capture/Compare.h"
+#include "capture/FreshUnits.h"
+#include "capture/FrozenFileSystem.h"
+#include "capture/SnapshotNode.h"
+#include "capture/StoppedServer.h"
 
 #include <algorithm>
 #include <chrono>

@@ -2,11 +2,11 @@
 
 #include "CowFile.h"
 #include "FileAccess.h"
-#include "FrozenFileSystem.h"
 #include "Layout.h"
-#include "SnapshotNode.h"
-#include "StoppedServer.h"
 #include "SystemLog.h"
+#include "capture/FrozenFileSystem.h"
+#include "capture/SnapshotNode.h"
+#include "capture/StoppedServer.h"
 
 #include <algorithm>
 #include <exception>

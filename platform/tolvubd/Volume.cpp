@@ -3,7 +3,7 @@
 #include "AtomicFile.h"
 #include "Failure.h"
 #include "FileAccess.h"
-#include "StoppedServer.h"
+#include "capture/StoppedServer.h"
 
 #include <algorithm>
 #include <fcntl.h>

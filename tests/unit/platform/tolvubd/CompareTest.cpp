@@ -1,4 +1,4 @@
-#include "Compare.h"
+#include "capture/Compare.h"
 
 #include "CowFile.h"
 #include "ExpectedError.h"

@@ -1,4 +1,4 @@
-#include "SpaceMap.h"
+#include "capture/SpaceMap.h"
 
 #include <gtest/gtest.h>
 

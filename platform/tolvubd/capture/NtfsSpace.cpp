@@ -1,6 +1,6 @@
 #include "Extents.h"
 #include "Fields.h"
-#include "SpaceMap.h"
+#include "capture/SpaceMap.h"
 
 #include <algorithm>
 #include <bit>

@@ -1,8 +1,8 @@
-#include "FreshUnits.h"
+#include "capture/FreshUnits.h"
 
 #include "CowFile.h"
 #include "FileAccess.h"
-#include "SpaceMap.h"
+#include "capture/SpaceMap.h"
 
 #include <algorithm>
 #include <fcntl.h>

@@ -1,4 +1,4 @@
-#include "FrozenFileSystem.h"
+#include "capture/FrozenFileSystem.h"
 
 #include "Failure.h"
 

@@ -1,5 +1,5 @@
 #include "Fields.h"
-#include "SpaceMap.h"
+#include "capture/SpaceMap.h"
 
 #include <algorithm>
 

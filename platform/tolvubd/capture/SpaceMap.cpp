@@ -1,4 +1,4 @@
-#include "SpaceMap.h"
+#include "capture/SpaceMap.h"
 
 namespace tolvubd {
 

@@ -1,4 +1,4 @@
-#include "StoppedServer.h"
+#include "capture/StoppedServer.h"
 
 #include "Failure.h"
 #include "HoldGuard.h"

@@ -1,4 +1,4 @@
-#include "SnapshotNode.h"
+#include "capture/SnapshotNode.h"
 
 #include "AtomicFile.h"
 #include "Failure.h"
