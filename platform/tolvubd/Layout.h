@@ -13,6 +13,15 @@ inline constexpr const char* lock = "/var/lib/tolvubd/lock";
 inline constexpr const char* state = "/var/lib/tolvubd/state.json";
 inline constexpr const char* captureSuffix = ".img";
 
+/// What has to be known before any file system is mounted; a copy is in the initramfs.
+inline constexpr const char* bootRecord = "/etc/tolvubd/boot.json";
+/// The kernel's names of the last starts of the machine, oldest first.
+inline constexpr const char* starts = "/var/lib/tolvubd/starts";
+/// Beside the CoW files of a volume that device-mapper tracks.
+inline constexpr const char* eraFile = ".tolvu.era";
+/// How the UUIDs of all our device-mapper devices begin.
+inline constexpr const char* mapperPrefix = "TOLVU-";
+
 /// Gone after a restart of the machine.
 inline constexpr const char* runtime = "/run/tolvubd";
 inline constexpr const char* info = "/run/tolvubd/info";

@@ -6,6 +6,7 @@
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
+#include <bit>
 #include <limits>
 #include <set>
 #include <stdexcept>
@@ -44,9 +45,9 @@ std::string absolutePath(const json& object, const char* key) {
     return text;
 }
 
-/// The table's own text has lists of numbers in a list of objects in an object.
+/// The table's own text has lists of numbers in an object of an object in a list in an object.
 bool requireShallow(int depth, json::parse_event_t /*event*/, json& /*parsed*/) {
-    constexpr int deepest = 4;
+    constexpr int deepest = 5;
     require(depth <= deepest, "too deep");
     return true;
 }
@@ -73,15 +74,53 @@ std::vector<Extent> toExtents(const json& numbers) {
     return extents;
 }
 
+json fromLayers(const Layers& layers) {
+    return {{"id", layers.id},
+            {"volume", layers.volume},
+            {"era_file", fromExtents(layers.eraFile)},
+            {"cow_store", fromExtents(layers.cowStore)},
+            {"block_sectors", layers.blockSectors},
+            {"first_era", layers.firstEra},
+            {"groups", layers.groups},
+            {"needs", layers.needs},
+            {"error", layers.error}};
+}
+
+/// A block has a power of two of 4096-byte units.
+bool isBlockSize(std::uint64_t sectors) {
+    return sectors >= 8 && std::has_single_bit(sectors);
+}
+
+Layers toLayers(const json& object) {
+    constexpr std::uint64_t largestBlock = 2048;
+    Layers layers;
+    layers.id = uuid(object, "id");
+    layers.volume = object.at("volume").get<std::string>();
+    layers.eraFile = toExtents(object.at("era_file"));
+    layers.cowStore = toExtents(object.at("cow_store"));
+    layers.blockSectors = static_cast<std::uint32_t>(number(object, "block_sectors", largestBlock));
+    require(isBlockSize(layers.blockSectors), "block_sectors");
+    layers.firstEra =
+        static_cast<std::uint32_t>(number(object, "first_era", std::numeric_limits<std::uint32_t>::max()));
+    layers.groups = object.at("groups").get<std::string>();
+    layers.needs = object.at("needs").get<std::vector<std::uint64_t>>();
+    layers.error = static_cast<int>(number(object, "error", std::numeric_limits<int>::max()));
+    return layers;
+}
+
 json fromDevice(const Device& device) {
-    return {{"minor", device.minor},
-            {"state", static_cast<std::uint32_t>(device.mode)},
-            {"block_device", device.blockDevice},
-            {"cow_file", device.cowFile},
-            {"snapshot", device.snapshot},
-            {"size", device.size},
-            {"cache_size", device.cacheSize},
-            {"own", fromExtents(device.own)}};
+    json object = {{"minor", device.minor},
+                   {"state", static_cast<std::uint32_t>(device.mode)},
+                   {"block_device", device.blockDevice},
+                   {"cow_file", device.cowFile},
+                   {"snapshot", device.snapshot},
+                   {"size", device.size},
+                   {"cache_size", device.cacheSize},
+                   {"own", fromExtents(device.own)}};
+    if (device.layers) {
+        object["layers"] = fromLayers(*device.layers);
+    }
+    return object;
 }
 
 Device toDevice(const json& object) {
@@ -95,6 +134,9 @@ Device toDevice(const json& object) {
     device.size = number(object, "size", largestFile);
     device.cacheSize = number(object, "cache_size", any);
     device.own = toExtents(object.at("own"));
+    if (object.contains("layers")) {
+        device.layers = toLayers(object.at("layers"));
+    }
     return device;
 }
 
@@ -147,11 +189,27 @@ void requireDistinct(const std::vector<Device>& devices) {
     }
 }
 
+std::string dump(const json& document) {
+    try {
+        return document.dump(4) + "\n";
+    } catch (const json::exception&) { // a path may be any sequence of bytes, but JSON is UTF-8
+        fail(EILSEQ, "a path that isn't UTF-8");
+    }
+}
+
 } // namespace
 
 const Device* findDevice(const Table& table, std::uint32_t minor) {
     const auto found = std::ranges::find(table.devices, minor, &Device::minor);
     return found == table.devices.end() ? nullptr : &*found;
+}
+
+std::string writeDevice(const Device& device) {
+    return dump(fromDevice(device));
+}
+
+Device readDevice(const std::string& text) {
+    return toDevice(json::parse(text, requireShallow));
 }
 
 std::string writeTable(const Table& table) {
@@ -160,11 +218,7 @@ std::string writeTable(const Table& table) {
                            {"devices", fromList(table.devices, fromDevice)},
                            {"asleep", fromList(table.asleep, fromDevice)},
                            {"unfinished", fromList(table.unfinished, fromUnfinished)}};
-    try {
-        return document.dump(4) + "\n";
-    } catch (const json::exception&) { // a path may be any sequence of bytes, but JSON is UTF-8
-        fail(EILSEQ, "a path that isn't UTF-8");
-    }
+    return dump(document);
 }
 
 Table readTable(const std::string& text) {

@@ -12,7 +12,25 @@ namespace tolvubd {
 
 enum class Mode : std::uint32_t { tracking = 2, snapshot = 3 };
 
-/// One device of the driver, and the capture that it shows (snapshot) or compares with (tracking).
+/// What there is of a device whose volume is tracked by device-mapper. Places are in bytes of the volume, as its
+/// own table has it, in the order of the file.
+struct Layers {
+    std::string id;                 ///< UUID of this tracking; part of the names of its device-mapper devices
+    std::string volume;             ///< the volume's own device-mapper UUID
+    std::vector<Extent> eraFile;    ///< `.tolvu.era`: the seal, and behind it the metadata of the era target
+    std::vector<Extent> cowStore;   ///< the part of the CoW file that takes preserved blocks
+    std::uint32_t blockSectors = 0; ///< of the volume that share an era
+    std::uint32_t firstEra = 0;     ///< what was written in it, or later, has changed since the last snapshot
+    std::string groups; ///< which ext block groups were in use at the last snapshot, in hexadecimal
+    std::vector<std::uint64_t> needs; ///< bytes that the last snapshots came to preserve, newest last
+    int error =
+        0; ///< errno of the check that failed; nothing of the device is trusted any more unless it is 0
+
+    bool operator==(const Layers&) const = default;
+};
+
+/// One device of the driver. Where it has no layers it has a capture, which it shows (snapshot) or compares with
+/// (tracking).
 struct Device {
     std::uint32_t minor = 0;
     Mode mode = Mode::snapshot;
@@ -22,6 +40,7 @@ struct Device {
     std::uint64_t size = 0;  ///< of the block device, in bytes
     std::uint64_t cacheSize = 0;
     std::vector<Extent> own; ///< where the files lay in the capture that nobody copies
+    std::optional<Layers> layers = std::nullopt;
 
     bool operator==(const Device&) const = default;
 };
@@ -52,6 +71,10 @@ inline constexpr std::size_t mostAsleep = 1024;
 inline constexpr std::size_t mostUnfinished = 64;
 
 const Device* findDevice(const Table& table, std::uint32_t minor);
+
+/// A device as JSON, and back: throws std::runtime_error for what isn't one.
+std::string writeDevice(const Device& device);
+Device readDevice(const std::string& text);
 
 std::string writeTable(const Table& table);
 /// Takes nothing on trust: a text that isn't a table as writeTable makes it throws std::runtime_error.

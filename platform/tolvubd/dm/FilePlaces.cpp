@@ -1,0 +1,3 @@
+#include "dm/FilePlaces.h"
+
+namespace tolvubd {} // namespace tolvubd

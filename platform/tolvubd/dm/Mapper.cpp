@@ -1,0 +1,3 @@
+#include "dm/Mapper.h"
+
+namespace tolvubd {} // namespace tolvubd

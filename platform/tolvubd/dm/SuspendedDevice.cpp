@@ -1,0 +1,3 @@
+#include "dm/SuspendedDevice.h"
+
+namespace tolvubd {} // namespace tolvubd

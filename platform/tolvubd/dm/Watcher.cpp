@@ -1,0 +1,3 @@
+#include "dm/Watcher.h"
+
+namespace tolvubd {} // namespace tolvubd

@@ -1,0 +1,3 @@
+#include "era/EraMetadata.h"
+
+namespace tolvubd {} // namespace tolvubd

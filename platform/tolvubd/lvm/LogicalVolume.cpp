@@ -1,0 +1,3 @@
+#include "lvm/LogicalVolume.h"
+
+namespace tolvubd {} // namespace tolvubd

@@ -1,0 +1,35 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <sys/types.h>
+#include <vector>
+
+namespace tolvubd {
+
+/// A piece of a logical volume, in sectors of 512 bytes: that much of it from `start` on lies on a device from
+/// `offset` on.
+struct VolumePiece {
+    std::uint64_t start = 0;
+    std::uint64_t length = 0;
+    dev_t device = 0;
+    std::uint64_t offset = 0;
+
+    bool operator==(const VolumePiece&) const = default;
+};
+
+/// Where LVM's metadata says at this moment that a logical volume lies. Read from the physical volumes
+/// themselves (label, metadata area, text; as `man lvmsystemid`, `pvck --dump metadata` show them), not by
+/// LVM's tools, as it is asked often.
+///
+/// `uuid` is the volume's device-mapper UUID, "LVM-" and twice 32 letters; `devices` those on which it is known
+/// to lie. None where it lies otherwise than in linear pieces on these devices, such as after a pvmove to
+/// another one, and where the volume group hasn't got it.
+///
+/// Threads: any.
+/// Fails:   std::system_error: EBADMSG when a device has no label or no sound metadata.
+std::optional<std::vector<VolumePiece>> readLogicalVolume(const std::string& uuid,
+                                                          const std::vector<dev_t>& devices);
+
+} // namespace tolvubd

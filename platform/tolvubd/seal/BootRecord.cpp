@@ -1,0 +1,3 @@
+#include "seal/BootRecord.h"
+
+namespace tolvubd {} // namespace tolvubd

@@ -1,0 +1,3 @@
+#include "seal/Fingerprint.h"
+
+namespace tolvubd {} // namespace tolvubd

@@ -1,0 +1,3 @@
+#include "seal/Seal.h"
+
+namespace tolvubd {} // namespace tolvubd

@@ -1,0 +1,3 @@
+#include "seal/Trust.h"
+
+namespace tolvubd {} // namespace tolvubd
