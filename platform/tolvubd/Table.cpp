@@ -120,6 +120,9 @@ json fromDevice(const Device& device) {
     if (device.layers) {
         object["layers"] = fromLayers(*device.layers);
     }
+    if (!device.reason.empty()) {
+        object["reason"] = device.reason;
+    }
     return object;
 }
 
@@ -137,6 +140,7 @@ Device toDevice(const json& object) {
     if (object.contains("layers")) {
         device.layers = toLayers(object.at("layers"));
     }
+    device.reason = object.value("reason", "");
     return device;
 }
 
@@ -148,6 +152,9 @@ json fromUnfinished(const Unfinished& unfinished) {
     if (unfinished.server) {
         object["server"] = unfinished.server->number;
         object["server_started"] = unfinished.server->started;
+    }
+    if (!unfinished.layers.empty()) {
+        object["layers"] = unfinished.layers;
     }
     return object;
 }
@@ -161,6 +168,9 @@ Unfinished toUnfinished(const json& object) {
         constexpr std::uint64_t highestProcess = std::numeric_limits<pid_t>::max();
         unfinished.server = ProcessName{static_cast<pid_t>(number(object, "server", highestProcess)),
                                         number(object, "server_started", any)};
+    }
+    if (object.contains("layers")) {
+        unfinished.layers = uuid(object, "layers");
     }
     return unfinished;
 }

@@ -17,7 +17,8 @@ constexpr std::chrono::seconds removalPatience{10};
 constexpr std::chrono::milliseconds removalPause{50};
 constexpr const char* controlNode = "/dev/mapper/control";
 
-/// udev makes the links, and the library none beside it. It adds itself that the event is no echo of another one.
+/// udev makes the links, and the library none beside it. It adds itself that the event is no echo of another
+/// one.
 constexpr std::uint16_t shownFlags = DM_UDEV_DISABLE_LIBRARY_FALLBACK;
 constexpr std::uint16_t hiddenFlags = shownFlags | DM_UDEV_DISABLE_SUBSYSTEM_RULES_FLAG |
                                       DM_UDEV_DISABLE_DISK_RULES_FLAG | DM_UDEV_DISABLE_OTHER_RULES_FLAG;

@@ -8,9 +8,9 @@
 
 namespace tolvubd::dm {
 
-/// Holds a volume by suspending its device-mapper device, which freezes the file system on it. Between `begin`
-/// and `end` other devices can be given their new tables. All memory is there before `begin`, so that nothing
-/// waits for the volume that is held: each call is one ioctl on a buffer that was filled beforehand.
+/// Holds a volume by suspending its device-mapper device, which freezes the file system on it. Between
+/// `begin` and `end` other devices can be given their new tables. All memory is there before `begin`, so that
+/// nothing waits for the volume that is held: each call is one ioctl on a buffer that was filled beforehand.
 ///
 /// Owns:    a descriptor of /dev/mapper/control; the lock of the process's memory, from `begin` to `end`.
 /// Threads: one at a time; `end` also in a copy of the process.
