@@ -17,7 +17,7 @@ namespace tolvubd {
 /// when it throws std::system_error.
 class Driver {
 public:
-    Driver();
+    explicit Driver(Busy busy = Busy::wait);
 
     void setupSnapshot(std::uint32_t minor, const std::string& blockDevice, const std::string& cowPath,
                        std::uint64_t cowMebibytes, std::uint64_t cacheSize);
@@ -27,6 +27,7 @@ public:
     void reload(Mode mode, std::uint32_t minor, const std::string& blockDevice, const std::string& cowFile,
                 std::uint64_t cacheSize);
     void reconfigure(std::uint32_t minor, std::uint64_t cacheSize);
+    void checkSnapshot(std::uint32_t minor) const;
     void destroy(std::uint32_t minor);
     /// Forgets the devices that no reload has given back since the machine was started.
     void forgetAsleep();
