@@ -101,7 +101,7 @@ std::vector<Device>::iterator find(std::vector<Device>& devices, std::uint32_t m
 
 } // namespace
 
-Driver::Driver() : table(store.load()) {
+Driver::Driver(Busy busy) : store(busy), table(store.load()) {
     if (!isLive(table)) {
         startSession();
     }
@@ -319,6 +319,10 @@ void Driver::reconfigure(std::uint32_t minor, std::uint64_t cacheSize) {
     }
     device->cacheSize = cacheSize;
     commit(next);
+}
+
+void Driver::checkSnapshot(std::uint32_t minor) const {
+    static_cast<void>(require(minor, Mode::snapshot));
 }
 
 void Driver::destroy(std::uint32_t minor) {

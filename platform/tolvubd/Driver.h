@@ -18,7 +18,7 @@ namespace tolvubd {
 /// when it throws std::system_error.
 class Driver {
 public:
-    Driver();
+    explicit Driver(Busy busy = Busy::wait);
 
     void setupSnapshot(std::uint32_t minor, const std::string& blockDevice, const std::string& cowPath,
                        std::uint64_t cowMebibytes, std::uint64_t cacheSize);
@@ -28,6 +28,7 @@ public:
     void reload(Mode mode, std::uint32_t minor, const std::string& blockDevice, const std::string& cowFile,
                 std::uint64_t cacheSize);
     void reconfigure(std::uint32_t minor, std::uint64_t cacheSize);
+    void checkSnapshot(std::uint32_t minor) const;
     void destroy(std::uint32_t minor);
     /// Fails unless the device has shown one moment ever since its snapshot was taken.
     void checkSnapshot(std::uint32_t minor) const;
