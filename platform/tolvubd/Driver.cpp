@@ -321,10 +321,6 @@ void Driver::reconfigure(std::uint32_t minor, std::uint64_t cacheSize) {
     commit(next);
 }
 
-void Driver::checkSnapshot(std::uint32_t minor) const {
-    static_cast<void>(require(minor, Mode::snapshot));
-}
-
 void Driver::destroy(std::uint32_t minor) {
     Table next = table;
     const auto device = find(next.devices, minor);

@@ -28,7 +28,6 @@ public:
     void reload(Mode mode, std::uint32_t minor, const std::string& blockDevice, const std::string& cowFile,
                 std::uint64_t cacheSize);
     void reconfigure(std::uint32_t minor, std::uint64_t cacheSize);
-    void checkSnapshot(std::uint32_t minor) const;
     void destroy(std::uint32_t minor);
     /// Fails unless the device has shown one moment ever since its snapshot was taken.
     void checkSnapshot(std::uint32_t minor) const;
