@@ -9,8 +9,8 @@
 #include <string>
 #include <vector>
 
-/// What stands in the driver's JSON files, read with nothing taken on trust. All of it throws an exception that is a
-/// std::exception for what isn't as it should be.
+/// What stands in the driver's JSON files, read with nothing taken on trust. All of it throws an exception
+/// that is a std::exception for what isn't as it should be.
 namespace tolvubd::fields {
 
 /// Throws std::runtime_error unless it holds.

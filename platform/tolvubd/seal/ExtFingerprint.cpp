@@ -51,8 +51,8 @@ std::string textOf(const Fields& super, std::span<const NamedField> fields) {
     return text.str();
 }
 
-/// The block in which the journal begins, where that can be seen from the superblock's copy of its inode: the first
-/// of a list of blocks, or of a tree of extents that has one level.
+/// The block in which the journal begins, where that can be seen from the superblock's copy of its inode:
+/// the first of a list of blocks, or of a tree of extents that has one level.
 std::optional<std::uint64_t> firstBlockOfJournal(const Fields& super) {
     constexpr std::uint64_t extentMagic = 0xF30A;
     constexpr std::size_t root = super_block::journalPlace;

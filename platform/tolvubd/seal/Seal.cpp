@@ -21,7 +21,8 @@ constexpr std::size_t slots = 2;
 constexpr std::size_t slotSize = sealSize / slots;
 constexpr std::uint64_t magic = 0x314C414553564C54; // "TLVSEAL1"
 
-/// A slot: four numbers, little endian, and the text. The checksum is of all that stands behind it in the slot.
+/// A slot: four numbers, little endian, and the text. The checksum is of all that stands behind it in the
+/// slot.
 namespace slot {
 constexpr Field magic{0, 8};
 constexpr Field checksum{8, 8};

@@ -10,7 +10,8 @@ namespace tolvubd {
 namespace {
 
 constexpr std::uint64_t blockSize = 512;
-/// Twice what can be on its way to the disk at a time: so far back from the end it may have holes after a crash.
+/// Twice what can be on its way to the disk at a time: so far back from the end it may have holes after a
+/// crash.
 constexpr std::uint64_t windowBlocks = std::uint64_t{8} << 10;
 constexpr std::uint64_t headerMagic = 0xFEEDBABE;
 
