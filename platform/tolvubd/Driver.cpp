@@ -12,6 +12,7 @@
 #include "era/EraMetadata.h"
 #include "mapper/OwnFiles.h"
 #include "mapper/Support.h"
+#include "seal/Starts.h"
 
 #include <algorithm>
 #include <exception>
@@ -124,6 +125,7 @@ void Driver::startSession() {
         fresh.asleep.erase(fresh.asleep.begin(), fresh.asleep.end() - mostAsleep);
     }
     store.write(fresh);
+    noteStart(layout::starts);
     markLive(fresh);
     table = fresh;
 }

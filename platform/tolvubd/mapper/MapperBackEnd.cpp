@@ -53,7 +53,8 @@ void exchangeTables(const SnapshotPlan& plan, const LayerStack& stack, const dm:
     using std::chrono::microseconds;
     using std::chrono::steady_clock;
     syncVolume(plan.cow.mountPoint);
-    auto suspended = std::make_unique<dm::SuspendedDevice>(volume, dm::Visibility::shown, stack.inside());
+    auto suspended = std::make_unique<dm::SuspendedDevice>(volume, dm::Visibility::shown, stack.inside(),
+                                                           dm::liveTable(stack.lower()));
     dm::SuspendedDevice& held = *suspended;
     const auto begin = steady_clock::now();
     HoldGuard guard(std::move(suspended));
