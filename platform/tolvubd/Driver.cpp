@@ -2,25 +2,17 @@
 
 #include "CowFile.h"
 #include "Failure.h"
-#include "HoldGuard.h"
 #include "Layout.h"
 #include "Recovery.h"
+#include "SnapshotNode.h"
 #include "Status.h"
 #include "SystemLog.h"
 #include "Uuid.h"
-#include "capture/Capture.h"
-#include "capture/Compare.h"
-#include "capture/FreshUnits.h"
-#include "capture/FrozenFileSystem.h"
-#include "capture/SnapshotNode.h"
-#include "capture/StoppedServer.h"
 
 #include <algorithm>
-#include <chrono>
 #include <exception>
 #include <iterator>
 #include <limits>
-#include <memory>
 #include <optional>
 #include <set>
 #include <sys/stat.h>
@@ -38,21 +30,6 @@ std::uint64_t cowBytes(std::uint64_t mebibytes, const Volume& volume) {
         fail(EINVAL, "the CoW file is too small for the table of " + volume.path);
     }
     return mebibytes << mebibyte;
-}
-
-/// Nothing that the capture needs may be on the file system that is frozen meanwhile.
-void requireRoom(const Volume& volume, const PathOnVolume& cow, std::uint64_t cowSize) {
-    struct stat status{};
-    checked(::stat(layout::store, &status), "look at the image store");
-    if (status.st_dev == volume.number) {
-        fail(EDEADLK, "the image store is on " + volume.path);
-    }
-    if (freeSpace(cow.mountPoint) < cowSize) {
-        fail(ENOSPC, "the CoW file on " + volume.path);
-    }
-    if (freeSpace(layout::store) < usedSpace(cow.mountPoint)) {
-        fail(ENOSPC, "the image store");
-    }
 }
 
 void requireSameSize(const Device& device, const Volume& volume) {
@@ -100,30 +77,6 @@ std::vector<Unfinished> removalOfCowFile(const Device& device) {
     }
 }
 
-/// The file system is frozen; if it is a process that can't do that, the process is stopped.
-std::unique_ptr<HoldGuard> holdStill(const Volume& volume, const std::string& mountPoint) {
-    try {
-        return std::make_unique<HoldGuard>(std::make_unique<FrozenFileSystem>(mountPoint));
-    } catch (const std::system_error& error) {
-        if (error.code().value() != EOPNOTSUPP) {
-            throw;
-        }
-    }
-    return std::make_unique<HoldGuard>(std::make_unique<StoppedServer>(volume, mountPoint));
-}
-
-/// Writes what has changed from one capture to the next into the CoW file that was current between.
-void record(const Device& before, const Device& after, const std::string& closed) {
-    const Moment then{layout::capture(before.snapshot), before.own};
-    const Moment now{layout::capture(after.snapshot), after.own};
-    const std::vector<Extent> table = extentsOf(closed).value_or(std::vector<Extent>{});
-    const std::vector<bool> fresh = findFreshUnits(then, now, table, before.size);
-    CowTable changes(closed, before.snapshot, before.size);
-    changes.finish(compareCaptures(
-        then.capture, now.capture, before.size, fresh,
-        [&](std::uint64_t unit, std::span<const std::uint64_t> words) { changes.write(unit, words); }));
-}
-
 /// Not kept open while the volume is held: the process would end only when it is let go.
 void requireTable(const Device& device, const std::string& cowFile) {
     static_cast<void>(CowTable(cowFile, device.snapshot, device.size));
@@ -145,7 +98,7 @@ Driver::Driver() : table(store.load()) {
     if (!isLive(table)) {
         startSession();
     }
-    const Table tidied = tidyUp(table, Frozen::maybe);
+    const Table tidied = tidyUp(table, Frozen::maybe, backEnds());
     if (tidied != table) {
         store.write(tidied);
         table = tidied;
@@ -188,7 +141,7 @@ void Driver::replace(const Device& device) {
 
 /// What can't be taken away now is left to the next turn.
 void Driver::tidy() {
-    const Table tidied = tidyUp(table, Frozen::no);
+    const Table tidied = tidyUp(table, Frozen::no, backEnds());
     try {
         if (tidied != table) {
             commit(tidied);
@@ -206,6 +159,19 @@ void Driver::undoneOnFailure(const Work& work) {
         tidy();
         throw;
     }
+}
+
+IBackEnd& Driver::backEndOf(const Device& device) {
+    for (IBackEnd* backEnd : backEnds()) {
+        if (backEnd->owns(device)) {
+            return *backEnd;
+        }
+    }
+    fail(EOPNOTSUPP, "device " + std::to_string(device.minor));
+}
+
+std::vector<IBackEnd*> Driver::backEnds() {
+    return {&capture};
 }
 
 const Device& Driver::require(std::uint32_t minor, Mode mode) const {
@@ -234,33 +200,16 @@ void Driver::requireUntracked(const Volume& volume) const {
     }
 }
 
-void Driver::begin(const Volume& volume, const Device& device, const PathOnVolume& cow) {
+void Driver::begin(const SnapshotPlan& plan, const Device& device) {
     Table next = table;
-    Unfinished unfinished{device.snapshot, cow.path(), {}, {}};
-    if (volume.servers.empty()) {
-        unfinished.mountPoint = cow.mountPoint;
+    Unfinished unfinished{device.snapshot, plan.cow.path(), {}, {}};
+    if (plan.volume.servers.empty()) {
+        unfinished.mountPoint = plan.cow.mountPoint;
     } else {
-        unfinished.server = volume.servers.front();
+        unfinished.server = plan.volume.servers.front();
     }
     next.unfinished.push_back(unfinished);
     commit(next);
-}
-
-void Driver::takeSnapshot(const Volume& volume, const PathOnVolume& cow, std::uint64_t cowSize,
-                          Device& device) {
-    using std::chrono::milliseconds;
-    using std::chrono::steady_clock;
-    makeCowFile(cow.path(), device.snapshot, cowSize);
-    device.own = extentsOfOwnFiles(cow.mountPoint, volume.size);
-    Capture capture(layout::capture(device.snapshot), volume.path, volume.size);
-    const auto begin = steady_clock::now();
-    const std::unique_ptr<HoldGuard> held = holdStill(volume, cow.mountPoint);
-    capture.copy([&] { held->reportProgress(); });
-    held->release();
-    const auto lasted = std::chrono::duration_cast<milliseconds>(steady_clock::now() - begin);
-    logLine(Severity::info, volume.path + " was frozen for " + std::to_string(lasted.count()) + " ms while " +
-                                std::to_string(volume.size) + " bytes were captured");
-    capture.finish();
 }
 
 void Driver::setupSnapshot(std::uint32_t minor, const std::string& blockDevice, const std::string& cowPath,
@@ -268,18 +217,21 @@ void Driver::setupSnapshot(std::uint32_t minor, const std::string& blockDevice, 
     requireFree(minor);
     const Volume volume = findVolume(blockDevice);
     requireUntracked(volume);
-    const PathOnVolume cow = locate(volume, cowPath);
-    const std::uint64_t cowSize = cowBytes(cowMebibytes, volume);
-    requireRoom(volume, cow, cowSize);
-    Device device{minor, Mode::snapshot, blockDevice, cow.relative, makeUuid(), volume.size, cacheSize, {}};
+    const SnapshotPlan plan{volume, locate(volume, cowPath), cowBytes(cowMebibytes, volume)};
+    Device device{minor,      Mode::snapshot, blockDevice, plan.cow.relative,
+                  makeUuid(), volume.size,    cacheSize,   {}};
+    takeFirst(capture, plan, device);
+}
+
+void Driver::takeFirst(IBackEnd& backEnd, const SnapshotPlan& plan, Device device) {
+    backEnd.requireRoom(plan);
     undoneOnFailure([&] {
-        begin(volume, device, cow);
-        takeSnapshot(volume, cow, cowSize, device);
-        showCapture(layout::capture(device.snapshot), volume.sectorSize, minor);
+        begin(plan, device);
+        backEnd.takeFirst(plan, device);
         Table next = table;
         next.devices.push_back(device);
         finish(next, device);
-        std::erase_if(next.asleep, [&](const Device& asleep) { return isOn(asleep, volume); });
+        std::erase_if(next.asleep, [&](const Device& asleep) { return isOn(asleep, plan.volume); });
         commit(next);
     });
     tidy();
@@ -289,23 +241,21 @@ void Driver::transitionSnapshot(std::uint32_t minor, const std::string& cowPath,
     const Device before = require(minor, Mode::tracking);
     const Volume volume = findVolume(before.blockDevice);
     requireSameSize(before, volume);
-    const PathOnVolume cow = locate(volume, cowPath);
-    if (cow.relative == before.cowFile) {
+    const SnapshotPlan plan{volume, locate(volume, cowPath), cowBytes(cowMebibytes, volume)};
+    if (plan.cow.relative == before.cowFile) {
         fail(EEXIST, cowPath + " is in use");
     }
-    const std::uint64_t cowSize = cowBytes(cowMebibytes, volume);
-    requireRoom(volume, cow, cowSize);
+    IBackEnd& backEnd = backEndOf(before);
+    backEnd.requireRoom(plan);
     const std::string closed = findCowFile(volume, before.cowFile);
     requireTable(before, closed);
     Device after = before;
     after.mode = Mode::snapshot;
-    after.cowFile = cow.relative;
+    after.cowFile = plan.cow.relative;
     after.snapshot = makeUuid();
     undoneOnFailure([&] {
-        begin(volume, after, cow);
-        takeSnapshot(volume, cow, cowSize, after);
-        record(before, after, closed);
-        showCapture(layout::capture(after.snapshot), volume.sectorSize, minor);
+        begin(plan, after);
+        backEnd.takeNext(plan, before, closed, after);
         replace(after);
     });
     tidy();
@@ -330,12 +280,13 @@ void Driver::reload(Mode mode, std::uint32_t minor, const std::string& blockDevi
         fail(ENOENT, "a capture that belongs to " + cowFile + " on " + volume.path);
     }
     requireSameSize(*found, volume);
-    const Device device{minor, mode, blockDevice, cowFile, snapshot, volume.size, cacheSize, found->own};
+    Device device = *found;
+    device.minor = minor;
+    device.blockDevice = blockDevice;
+    device.cowFile = cowFile;
+    device.cacheSize = cacheSize;
     undoneOnFailure([&] {
-        if (mode == Mode::snapshot) {
-            detachCapture(layout::capture(snapshot));
-            showCapture(layout::capture(snapshot), volume.sectorSize, minor);
-        }
+        backEndOf(device).reload(volume, device);
         Table next = table;
         next.devices.push_back(device);
         std::erase_if(next.asleep, [&](const Device& asleep) { return asleep.snapshot == snapshot; });

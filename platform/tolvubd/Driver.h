@@ -1,11 +1,14 @@
 #pragma once
 
+#include "IBackEnd.h"
 #include "StateStore.h"
 #include "Table.h"
 #include "Volume.h"
+#include "capture/CaptureBackEnd.h"
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 namespace tolvubd {
 
@@ -39,11 +42,14 @@ private:
     [[nodiscard]] const Device& require(std::uint32_t minor, Mode mode) const;
     void requireFree(std::uint32_t minor) const;
     void requireUntracked(const Volume& volume) const;
-    void begin(const Volume& volume, const Device& device, const PathOnVolume& cow);
-    void takeSnapshot(const Volume& volume, const PathOnVolume& cow, std::uint64_t cowSize, Device& device);
+    [[nodiscard]] std::vector<IBackEnd*> backEnds();
+    IBackEnd& backEndOf(const Device& device);
+    void begin(const SnapshotPlan& plan, const Device& device);
+    void takeFirst(IBackEnd& backEnd, const SnapshotPlan& plan, Device device);
 
     StateStore store;
     Table table;
+    CaptureBackEnd capture;
 };
 
 } // namespace tolvubd

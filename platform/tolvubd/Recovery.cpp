@@ -1,34 +1,17 @@
 #include "Recovery.h"
 
 #include "CowFile.h"
-#include "FileAccess.h"
-#include "Layout.h"
-#include "SystemLog.h"
+#include "SnapshotNode.h"
+#include "Tidying.h"
 #include "capture/FrozenFileSystem.h"
-#include "capture/SnapshotNode.h"
 #include "capture/StoppedServer.h"
 
 #include <algorithm>
-#include <exception>
-#include <filesystem>
 #include <set>
 
 namespace tolvubd {
 
 namespace {
-
-namespace fs = std::filesystem;
-
-template <class Work>
-bool tryTo(const std::string& what, const Work& work) {
-    try {
-        work();
-        return true;
-    } catch (const std::exception& error) {
-        logLine(Severity::warning, "can't " + what + ": " + error.what());
-        return false;
-    }
-}
 
 void letGo(const Unfinished& unfinished) {
     if (unfinished.server) {
@@ -55,26 +38,6 @@ void takeBack(std::vector<Unfinished>& list, Frozen frozen) {
     }
 }
 
-std::set<std::string> capturesShown(const Table& table) {
-    std::set<std::string> shown;
-    for (const Device& device : table.devices) {
-        if (device.mode == Mode::snapshot) {
-            shown.insert(layout::capture(device.snapshot));
-        }
-    }
-    return shown;
-}
-
-std::set<std::string> capturesKept(const Table& table) {
-    std::set<std::string> kept;
-    for (const auto* devices : {&table.devices, &table.asleep}) {
-        for (const Device& device : *devices) {
-            kept.insert(layout::capture(device.snapshot));
-        }
-    }
-    return kept;
-}
-
 std::set<std::uint32_t> minorsShown(const Table& table) {
     std::set<std::uint32_t> minors;
     for (const Device& device : table.devices) {
@@ -85,39 +48,17 @@ std::set<std::uint32_t> minorsShown(const Table& table) {
     return minors;
 }
 
-void tidyStore(const Table& table) {
-    const std::set<std::string> shown = capturesShown(table);
-    const std::set<std::string> kept = capturesKept(table);
-    for (const fs::directory_entry& entry : fs::directory_iterator(layout::store)) {
-        const std::string path = entry.path();
-        // A capture without a name couldn't be found again to be detached.
-        if (path.ends_with(layout::captureSuffix) && !shown.contains(path) &&
-            tryTo("detach " + path, [&] { detachCapture(path); }) && !kept.contains(path)) {
-            tryTo("remove " + path, [&] { removeFile(path); });
-        }
-    }
-}
-
-void dropWithoutCapture(std::vector<Device>& devices) {
-    std::erase_if(devices, [](const Device& device) {
-        std::error_code error;
-        const auto status = fs::status(layout::capture(device.snapshot), error);
-        if (status.type() != fs::file_type::not_found) {
-            return false;
-        }
-        logLine(Severity::error, "the capture of " + device.blockDevice + " is gone, and so is its device");
-        return true;
-    });
-}
-
 } // namespace
 
-Table tidyUp(Table table, Frozen frozen) {
+Table tidyUp(Table table, Frozen frozen, const std::vector<IBackEnd*>& backEnds) {
     takeBack(table.unfinished, frozen);
-    dropWithoutCapture(table.devices);
-    dropWithoutCapture(table.asleep);
+    for (IBackEnd* backEnd : backEnds) {
+        backEnd->dropLost(table);
+    }
     tryTo("remove nodes", [&] { removeNodesExcept(minorsShown(table)); });
-    tryTo("tidy the store", [&] { tidyStore(table); });
+    for (IBackEnd* backEnd : backEnds) {
+        backEnd->tidy(table);
+    }
     return table;
 }
 
