@@ -1,4 +1,4 @@
-"""Logical volumes for the lab, on a machine of its own, of which a disk is used up.
+"""Logical volumes for the lab, on a machine of its own: disks of it are used up.
 
     with VolumeGroup() as group:
         device = group.create("data", 96)
@@ -15,46 +15,25 @@ from lab.stay import Stay
 
 SECONDS = 60
 EXTENT = 1 << 20
-PARTS = 4
 
 
 def spare_disks():
-    """The disks of this machine that are there to be used up, as who has started it says."""
-    return [pathlib.Path(disk) for disk in os.environ.get("BEKD_DISKS", "").split()]
-
-
-def answers(*command):
-    """Whether a tool has done its work."""
-    return subprocess.run([str(word) for word in command], capture_output=True, check=False,
-                          timeout=SECONDS).returncode == 0
+    """The disks of this machine that are there to be used up, as whoever has started it says."""
+    return [pathlib.Path(disk) for disk in os.environ.get("MACHINE_DISKS", "").split()]
 
 
 class VolumeGroup(Stay):
-    """A volume group of all but the last of the parts of a disk, all of one size. The last one is for what has
-    to be elsewhere."""
+    """A volume group of all disks but the last, which is `spare`: for what has to be elsewhere."""
 
-    def __init__(self, name="lab", disk=None, parts=PARTS):
+    def __init__(self, name="lab"):
         super().__init__()
         self.name = name
-        self._disk = disk or spare_disks()[0]
-        self._count = parts
+        *self.physical, self.spare = spare_disks()
 
     def open(self, lasting):
-        clear(self._disk)
-        sectors = int(run("blockdev", "--getsz", self._disk)) // self._count - 2048
-        run("sfdisk", "--quiet", "--wipe", "always", self._disk,
-            input="label: gpt\n" + f"size={sectors}\n" * self._count)
-        run("udevadm", "settle")
-        lasting.callback(clear, self._disk)
-        self.parts = [pathlib.Path(f"{self._disk}{number}") for number in range(1, self._count + 1)]
-        self.physical = self.parts[:-1]
-        run("pvcreate", "--quiet", "-ff", "-y", *self.physical)
-        run("vgcreate", "--quiet", "--physicalextentsize", f"{EXTENT}b", self.name, *self.physical)
-
-    @property
-    def spare(self):
-        """The part that is no physical volume."""
-        return self.parts[-1]
+        clear([*self.physical, self.spare])
+        lasting.callback(clear, [*self.physical, self.spare])
+        run("vgcreate", "--quiet", "-y", "--physicalextentsize", f"{EXTENT}b", self.name, *self.physical)
 
     def create(self, name, mebibytes, *options):
         """Makes a logical volume; returns its device."""
@@ -65,13 +44,11 @@ class VolumeGroup(Stay):
         return pathlib.Path("/dev", self.name, name)
 
 
-def clear(disk):
-    """Takes all devices of device-mapper away, and what LVM finds on the disk. A device goes when nobody has it
+def clear(disks):
+    """Takes all devices of device-mapper away, and what LVM finds on the disks. A device goes when nobody has it
     open any more, such as udev."""
     wait_until(no_devices, SECONDS, "device-mapper without devices")
-    for part in sorted(pathlib.Path("/dev").glob(f"{disk.name}[0-9]*")):
-        run("wipefs", "--quiet", "--all", "--force", part)
-    run("wipefs", "--quiet", "--all", "--force", disk)
+    run("wipefs", "--quiet", "--all", "--force", *disks)
     run("pvscan", "--cache")
 
 

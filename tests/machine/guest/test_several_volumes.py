@@ -13,7 +13,7 @@ LAYERS_WHILE_TRACKING = 3
 
 @pytest.mark.parametrize("count", (2, 5))
 def test_several_volumes(count, record_property):
-    with VolumeGroup(parts=2) as group, contextlib.ExitStack() as stack:
+    with VolumeGroup() as group, contextlib.ExitStack() as stack:
         volumes = [stack.enter_context(Volume(f"data{number}", "ext4", SECTORS, logical_volumes(group)))
                    for number in range(count)]
         protected = [stack.enter_context(Protected(volume, minor, COW_MEBIBYTES))

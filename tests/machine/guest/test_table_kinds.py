@@ -68,7 +68,8 @@ def encrypted_above(group, name, mebibytes):
 
 def linear_device(group, name, _mebibytes):
     """As one that a partition was put on at the start."""
-    run("dmsetup", "create", name, "--table", f"0 {run('blockdev', '--getsz', group.spare)} linear {group.spare} 0")
+    sectors = run("blockdev", "--getsz", group.spare)
+    run("dmsetup", "create", name, "--uuid", "ADOPTED-data", "--table", f"0 {sectors} linear {group.spare} 0")
     return f"/dev/mapper/{name}"
 
 
@@ -98,7 +99,7 @@ KINDS = (
     Kind("raid1", made_of("--type", "raid1", "-m", "1"), "capture", "raid"),
     Kind("LVM snapshot's origin", origin, "capture", "snapshot-origin"),
     Kind("LUKS on LV", encrypted_above, "capture", "crypt"),
-    Kind("partition", lambda group, _name, _mebibytes: group.spare, "capture", "device-mapper"),
+    Kind("disk", lambda group, _name, _mebibytes: group.spare, "capture", "device-mapper"),
     Kind("blocks of 1 KiB", made_of(), "capture", "", options=("-b", "1024")),
     Kind("vfat", made_of(), errno.EOPNOTSUPP, "vfat", filesystem="vfat"),
 )
