@@ -1,6 +1,7 @@
 #include "dm/Mapper.h"
 
 #include "Failure.h"
+#include "dm/UdevFlags.h"
 
 #include <chrono>
 #include <libdevmapper.h>
@@ -16,11 +17,6 @@ namespace {
 constexpr std::chrono::seconds removalPatience{10};
 constexpr std::chrono::milliseconds removalPause{50};
 constexpr const char* controlNode = "/dev/mapper/control";
-
-/// udev makes the links, and the library none beside it. It adds itself that the event is no echo of another one.
-constexpr std::uint16_t shownFlags = DM_UDEV_DISABLE_LIBRARY_FALLBACK;
-constexpr std::uint16_t hiddenFlags = shownFlags | DM_UDEV_DISABLE_SUBSYSTEM_RULES_FLAG |
-                                      DM_UDEV_DISABLE_DISK_RULES_FLAG | DM_UDEV_DISABLE_OTHER_RULES_FLAG;
 
 /// What the library has to say stands in the errors that are thrown, and nowhere else.
 void keepQuiet(int /*level*/, const char* /*file*/, int /*line*/, int /*errorOrClass*/,
@@ -59,9 +55,9 @@ public:
             fail(ENOMEM, what);
         }
     }
-    void tellUdev(std::uint16_t flags) {
+    void tellUdev(Visibility visibility) {
         std::uint32_t cookie = 0;
-        check(dm_task_set_cookie(get(), &cookie, flags));
+        check(dm_task_set_cookie(get(), &cookie, udevFlags(visibility)));
     }
     /// ENODEV where no call came about, as there is no device-mapper.
     void run() {
@@ -183,7 +179,7 @@ std::vector<dev_t> listDevices() {
 void removeOnce(const Device& device) {
     Task task = taskOn(device, DM_DEVICE_REMOVE, "remove");
     choose(task, device);
-    task.tellUdev(hiddenFlags);
+    task.tellUdev(Visibility::hidden);
     task.run();
 }
 
@@ -263,7 +259,7 @@ void suspend(const Device& device, bool withFileSystem) {
 void resume(const Device& device, Visibility visibility) {
     Task task = taskOn(device, DM_DEVICE_RESUME, "resume");
     choose(task, device);
-    task.tellUdev(visibility == Visibility::shown ? shownFlags : hiddenFlags);
+    task.tellUdev(visibility);
     task.run();
 }
 
