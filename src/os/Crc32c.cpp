@@ -49,8 +49,8 @@ std::uint32_t afterSlice(std::uint32_t crc, const std::byte* bytes) {
 
 } // namespace
 
-std::uint32_t crc32c(std::uint32_t sum, std::span<const std::byte> bytes) noexcept {
-    std::uint32_t crc = ~sum;
+std::uint32_t crc32c(std::span<const std::byte> bytes) noexcept {
+    std::uint32_t crc = 0xffffffff;
     for (; bytes.size() >= slice; bytes = bytes.subspan(slice)) {
         crc = afterSlice(crc, bytes.data());
     }

@@ -7,7 +7,7 @@ namespace tolvubd::era {
 bool Block::isSound(const BlockKind& kind, std::uint64_t place) const {
     const std::uint32_t stored = number32(0);
     return number64(kind.placeOffset) == place &&
-           (~os::crc32c(0, bytes.subspan(sizeof stored)) ^ kind.salt) == stored;
+           (~os::crc32c(bytes.subspan(sizeof stored)) ^ kind.salt) == stored;
 }
 
 } // namespace tolvubd::era

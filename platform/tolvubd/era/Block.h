@@ -9,7 +9,8 @@
 
 namespace tolvubd::era {
 
-/// The bytes of one block of the metadata, with the numbers that stand in them. What it reads must lie inside.
+/// The bytes of one block of the metadata, with the numbers that stand in them. What it reads must lie
+/// inside.
 /// Owns:    nothing.
 /// Threads: any.
 /// Fails:   never.

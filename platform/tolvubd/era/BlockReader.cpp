@@ -26,7 +26,9 @@ std::size_t runLength(std::span<const Wanted> wanted) {
 } // namespace
 
 BlockReader::BlockReader(const os::FileDescriptor& device, std::uint64_t size)
-    : device(device), claimed(size / blockSize), buffer(mostInRun * blockSize, blockSize) {}
+    : device(device),
+      claimed(size / blockSize),
+      buffer(std::min<std::uint64_t>(blocks(), mostInRun) * blockSize, blockSize) {}
 
 Wanted BlockReader::claim(std::uint64_t place, std::uint64_t key) {
     if (place >= blocks()) {

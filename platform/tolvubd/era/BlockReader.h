@@ -18,10 +18,11 @@ struct Wanted {
 };
 
 /// Reads blocks of the metadata, each at most once.
-/// Owns:    a buffer for the largest read, and a bit for each block of the device; the descriptor must outlive it.
+/// Owns:    a buffer for the largest read, and a bit for each block of the device; the descriptor must
+///          outlive it.
 /// Threads: one at a time.
-/// Fails:   std::system_error, with EBADMSG where a block isn't sound, lies outside the device or is asked for
-///          a second time. So no structure can be longer than the device, and every cycle ends.
+/// Fails:   std::system_error, with EBADMSG where a block isn't sound, lies outside the device or is asked
+///          for a second time. So no structure can be longer than the device, and every cycle ends.
 class BlockReader {
 public:
     using Visit = std::function<void(std::uint64_t key, const Block& block)>;

@@ -13,8 +13,8 @@ namespace tolvubd {
 /// 4096 bytes, little endian, each with a CRC-32C of its own; a superblock, a tree of arrays that holds a
 /// 32-bit era for each block, and a tree of bitsets with what eras not yet entered there have written.
 ///
-/// Owns:    nothing; the descriptor must outlive it. Where a target is active it must be one that reads past the
-///          page cache (O_DIRECT).
+/// Owns:    nothing; the descriptor must outlive it. Where a target is active it must be one that reads past
+///          the page cache (O_DIRECT).
 /// Threads: one at a time.
 /// Fails:   std::system_error, with EBADMSG for whatever isn't sound: a checksum, a place outside the device,
 ///          a tree with a cycle or too deep, a count that doesn't fit, a metadata snapshot that nobody holds.
@@ -46,13 +46,13 @@ private:
     era::Superblock superblock;
 };
 
-/// How large a block of a volume of so many bytes is to be for the era target, in sectors of 512 bytes: 8, which
-/// is 4 KiB, up to 256 GiB; above that as much more as keeps it to 2^26 blocks, whose metadata takes 1 GiB, but
-/// never more than 128, as a program's write counts for all of its block.
+/// How large a block of a volume of so many bytes is to be for the era target, in sectors of 512 bytes: 8,
+/// which is 4 KiB, up to 256 GiB; above that as much more as keeps it to 2^26 blocks, whose metadata takes 1
+/// GiB, but never more than 128, as a program's write counts for all of its block.
 std::uint32_t eraBlockSectors(std::uint64_t volumeBytes);
 
-/// How many bytes of metadata a volume of so many blocks needs at most, in whole MiB. An era target whose metadata
-/// is full fails the writes of programs, so this is meant for the worst:
+/// How many bytes of metadata a volume of so many blocks needs at most, in whole MiB. An era target whose
+/// metadata is full fails the writes of programs, so this is meant for the worst:
 ///
 /// - The eras of all blocks three times: as a metadata snapshot holds them, as they were last committed, and
 ///   as the kernel is about to commit them.

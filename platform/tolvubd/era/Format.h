@@ -9,8 +9,8 @@ namespace tolvubd::era {
 
 inline constexpr std::size_t blockSize = 4096;
 
-/// What tells one kind of block from another: each begins with the complement of the CRC-32C of all bytes behind
-/// it, changed by a number of its kind, and says somewhere in which block of the device it stands.
+/// What tells one kind of block from another: each begins with the complement of the CRC-32C of all bytes
+/// behind it, changed by a number of its kind, and says somewhere in which block of the device it stands.
 struct BlockKind {
     std::uint32_t salt;
     std::size_t placeOffset;

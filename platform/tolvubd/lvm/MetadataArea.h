@@ -21,8 +21,8 @@ inline constexpr std::uint64_t largestText = std::uint64_t{16} << 20U;
 ///     20  version, 1
 ///     24  where the area begins, in bytes of the device
 ///     32  its size, with the header
-///     40  the text in force: offset from the area's begin, size with a NUL at its end, its checksum (4 bytes),
-///         flags (4 bytes; 1: the area is ignored)
+///     40  the text in force: offset from the area's begin, size with a NUL at its end,
+///         its checksum (4 bytes), flags (4 bytes; 1: the area is ignored)
 ///     64  likewise, of a text that is about to come into force
 ///
 /// Fails: std::system_error, EBADMSG when header or text isn't sound.

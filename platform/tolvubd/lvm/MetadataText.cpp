@@ -15,7 +15,7 @@ constexpr std::string_view marks = "{}[]=,";
 constexpr std::string_view bareCharacters =
     "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_.+-";
 
-/// A piece of the text. A mark is one character with a meaning of its own; the end of the text is an empty one.
+/// A piece of the text. A mark is one character with a meaning of its own; the text's end is an empty one.
 struct Token {
     enum class Kind { mark, bare, quoted } kind = Kind::mark;
     std::string_view text;

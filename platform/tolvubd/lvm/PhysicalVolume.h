@@ -20,8 +20,8 @@ struct PhysicalVolume {
     std::vector<Place> metadataAreas;
 };
 
-/// Reads the label, which is in one of the first four sectors; the first sound one counts, as it does for LVM.
-/// Numbers have their lowest byte first.
+/// Reads the label, which is in one of the first four sectors; the first sound one counts, as it does for
+/// LVM. Numbers have their lowest byte first.
 ///
 ///     label       0  "LABELONE"
 ///                 8  number of the sector

@@ -21,7 +21,8 @@ using PhysicalDevices = std::map<std::string, dev_t>;
 ///       id, seqno, extent_size (sectors)
 ///       physical_volumes { NAME { id, pe_start (sectors), pe_count } }
 ///       logical_volumes { NAME { id, status, segment_count,
-///         segmentN { start_extent, extent_count, type, stripe_count, stripes = ["physical volume", extent] } } }
+///         segmentN { start_extent, extent_count, type, stripe_count,
+///           stripes = ["physical volume", extent] } } }
 ///     }
 ///
 /// Owns:    the text.
@@ -40,7 +41,8 @@ public:
     [[nodiscard]] std::string uuid() const;
     /// Grows with each change of the group.
     [[nodiscard]] std::uint64_t sequence() const;
-    /// Where the volume of this UUID lies, 32 letters; none where that isn't in linear pieces on these devices.
+    /// Where the volume of this UUID, 32 letters, lies; none where that isn't in linear pieces on these
+    /// devices.
     [[nodiscard]] std::optional<std::vector<VolumePiece>> piecesOf(const std::string& volume,
                                                                    const PhysicalDevices& devices) const;
 
