@@ -8,6 +8,11 @@
 #include "Status.h"
 #include "SystemLog.h"
 #include "Uuid.h"
+#include "dm/FilePlaces.h"
+#include "era/EraMetadata.h"
+#include "mapper/OwnFiles.h"
+#include "mapper/Support.h"
+#include "seal/Starts.h"
 
 #include <algorithm>
 #include <exception>
@@ -67,7 +72,10 @@ std::string findCowFile(const Volume& volume, const std::string& cowFile) {
 /// broken, or somebody has been faster.
 std::vector<Unfinished> removalOfCowFile(const Device& device) {
     try {
-        return {{device.snapshot, findCowFile(findVolume(device.blockDevice), device.cowFile), {}}};
+        Unfinished unfinished{
+            device.snapshot, findCowFile(findVolume(device.blockDevice), device.cowFile), {}};
+        unfinished.layers = device.layers ? device.layers->id : std::string();
+        return {unfinished};
     } catch (const std::system_error& error) {
         const std::set<int> outOfReach = {ENODEV, ENOENT, ENXIO, ENOTBLK, EIO};
         if (!outOfReach.contains(error.code().value())) {
@@ -117,6 +125,7 @@ void Driver::startSession() {
         fresh.asleep.erase(fresh.asleep.begin(), fresh.asleep.end() - mostAsleep);
     }
     store.write(fresh);
+    noteStart(layout::starts);
     markLive(fresh);
     table = fresh;
 }
@@ -171,7 +180,7 @@ IBackEnd& Driver::backEndOf(const Device& device) {
 }
 
 std::vector<IBackEnd*> Driver::backEnds() {
-    return {&capture};
+    return {&capture, &mapper};
 }
 
 const Device& Driver::require(std::uint32_t minor, Mode mode) const {
@@ -203,7 +212,9 @@ void Driver::requireUntracked(const Volume& volume) const {
 void Driver::begin(const SnapshotPlan& plan, const Device& device) {
     Table next = table;
     Unfinished unfinished{device.snapshot, plan.cow.path(), {}, {}};
-    if (plan.volume.servers.empty()) {
+    if (device.layers) {
+        unfinished.layers = device.layers->id;
+    } else if (plan.volume.servers.empty()) {
         unfinished.mountPoint = plan.cow.mountPoint;
     } else {
         unfinished.server = plan.volume.servers.front();
@@ -220,11 +231,45 @@ void Driver::setupSnapshot(std::uint32_t minor, const std::string& blockDevice, 
     const SnapshotPlan plan{volume, locate(volume, cowPath), cowBytes(cowMebibytes, volume)};
     Device device{minor,      Mode::snapshot, blockDevice, plan.cow.relative,
                   makeUuid(), volume.size,    cacheSize,   {}};
-    takeFirst(capture, plan, device);
+    forgetAsleepLayers(volume);
+    if (!takeFirstByMapper(plan, device)) {
+        logLine(Severity::info, volume.path + " is captured whole: " + device.reason);
+        takeFirst(capture, plan, device);
+    }
+}
+
+/// Layers that nobody has asked for since the machine was started would be in the way of new ones.
+void Driver::forgetAsleepLayers(const Volume& volume) {
+    Table next = table;
+    std::erase_if(next.asleep, [&](const Device& device) { return device.layers && isOn(device, volume); });
+    if (next != table) {
+        commit(next);
+        tidy();
+    }
+}
+
+/// False, with the reason in the device, where it has to be captured.
+bool Driver::takeFirstByMapper(const SnapshotPlan& plan, Device& device) {
+    if (const auto reason = reasonAgainstLayers(plan.volume)) {
+        device.reason = *reason;
+        return false;
+    }
+    Device layered = device;
+    layered.layers = MapperBackEnd::newLayers(plan.volume);
+    try {
+        takeFirst(mapper, plan, layered);
+        return true;
+    } catch (const std::system_error& error) {
+        if (error.code().value() != EOPNOTSUPP) {
+            throw;
+        }
+        device.reason = error.what();
+        return false;
+    }
 }
 
 void Driver::takeFirst(IBackEnd& backEnd, const SnapshotPlan& plan, Device device) {
-    backEnd.requireRoom(plan);
+    backEnd.requireRoom(plan, device);
     undoneOnFailure([&] {
         begin(plan, device);
         backEnd.takeFirst(plan, device);
@@ -245,14 +290,20 @@ void Driver::transitionSnapshot(std::uint32_t minor, const std::string& cowPath,
     if (plan.cow.relative == before.cowFile) {
         fail(EEXIST, cowPath + " is in use");
     }
-    IBackEnd& backEnd = backEndOf(before);
-    backEnd.requireRoom(plan);
     const std::string closed = findCowFile(volume, before.cowFile);
+    if (before.layers) {
+        dm::releaseFile(closed); // which nothing is mapped to while there is no snapshot
+    }
     requireTable(before, closed);
     Device after = before;
     after.mode = Mode::snapshot;
     after.cowFile = plan.cow.relative;
     after.snapshot = makeUuid();
+    if (after.layers && after.layers->error != 0) {
+        after.layers = MapperBackEnd::newLayers(volume); // and everything has changed
+    }
+    IBackEnd& backEnd = backEndOf(before);
+    backEnd.requireRoom(plan, after);
     undoneOnFailure([&] {
         begin(plan, after);
         backEnd.takeNext(plan, before, closed, after);
@@ -264,6 +315,8 @@ void Driver::transitionSnapshot(std::uint32_t minor, const std::string& cowPath,
 void Driver::transitionIncremental(std::uint32_t minor) {
     Device device = require(minor, Mode::snapshot);
     requireUnused(minor);
+    IBackEnd& backEnd = backEndOf(device);
+    backEnd.noteEnd(device);
     device.mode = Mode::tracking;
     replace(device);
     tidy();
@@ -304,10 +357,6 @@ void Driver::reconfigure(std::uint32_t minor, std::uint64_t cacheSize) {
     commit(next);
 }
 
-void Driver::checkSnapshot(std::uint32_t minor) const {
-    static_cast<void>(require(minor, Mode::snapshot));
-}
-
 void Driver::destroy(std::uint32_t minor) {
     Table next = table;
     const auto device = find(next.devices, minor);
@@ -315,10 +364,26 @@ void Driver::destroy(std::uint32_t minor) {
         fail(ENOENT, "device " + std::to_string(minor));
     }
     requireUnused(minor);
+    backEndOf(*device).release(*device);
     std::ranges::copy(removalOfCowFile(*device), std::back_inserter(next.unfinished));
     next.devices.erase(device);
     commit(next);
     tidy();
+}
+
+void Driver::checkSnapshot(std::uint32_t minor) const {
+    const Device& device = require(minor, Mode::snapshot);
+    if (device.layers && device.layers->error != 0) {
+        fail(device.layers->error, "the snapshot of " + device.blockDevice);
+    }
+}
+
+std::uint64_t Driver::roomBeyondCowFile(const std::string& blockDevice) const {
+    const Volume volume = findVolume(blockDevice);
+    const bool isTracked =
+        std::ranges::any_of(table.devices, [&](const Device& device) { return isOn(device, volume); });
+    return isTracked || reasonAgainstLayers(volume) ? 0
+                                                    : eraFileSize(volume.size, eraBlockSectors(volume.size));
 }
 
 void Driver::forgetAsleep() {

@@ -5,6 +5,7 @@
 #include "Table.h"
 #include "Volume.h"
 #include "capture/CaptureBackEnd.h"
+#include "mapper/MapperBackEnd.h"
 
 #include <cstdint>
 #include <string>
@@ -27,8 +28,11 @@ public:
     void reload(Mode mode, std::uint32_t minor, const std::string& blockDevice, const std::string& cowFile,
                 std::uint64_t cacheSize);
     void reconfigure(std::uint32_t minor, std::uint64_t cacheSize);
-    void checkSnapshot(std::uint32_t minor) const;
     void destroy(std::uint32_t minor);
+    /// Fails unless the device has shown one moment ever since its snapshot was taken.
+    void checkSnapshot(std::uint32_t minor) const;
+    /// Bytes that a first snapshot of a volume takes on it beyond the CoW file.
+    [[nodiscard]] std::uint64_t roomBeyondCowFile(const std::string& blockDevice) const;
     /// Forgets the devices that no reload has given back since the machine was started.
     void forgetAsleep();
 
@@ -45,12 +49,15 @@ private:
     void requireUntracked(const Volume& volume) const;
     [[nodiscard]] std::vector<IBackEnd*> backEnds();
     IBackEnd& backEndOf(const Device& device);
+    bool takeFirstByMapper(const SnapshotPlan& plan, Device& device);
+    void forgetAsleepLayers(const Volume& volume);
     void begin(const SnapshotPlan& plan, const Device& device);
     void takeFirst(IBackEnd& backEnd, const SnapshotPlan& plan, Device device);
 
     StateStore store;
     Table table;
     CaptureBackEnd capture;
+    MapperBackEnd mapper;
 };
 
 } // namespace tolvubd

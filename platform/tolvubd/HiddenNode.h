@@ -7,8 +7,8 @@
 
 namespace tolvubd {
 
-/// A node of a block device, out of sight of whoever looks for snapshots. One of our own, because /dev need not
-/// have one for a device that has just come into being.
+/// A node of a block device, out of sight of whoever looks for snapshots. One of our own, because /dev need
+/// not have one for a device that has just come into being.
 /// Owns:    the node, until it is renamed.
 /// Threads: one at a time.
 /// Fails:   std::system_error.

@@ -29,19 +29,23 @@ public:
     [[nodiscard]] virtual bool owns(const Device& device) const = 0;
 
     /// EDEADLK, ENOSPC: whether a snapshot can be taken at all, before anything has been changed.
-    virtual void requireRoom(const SnapshotPlan& plan) const = 0;
+    virtual void requireRoom(const SnapshotPlan& plan, const Device& device) const = 0;
     /// Takes the first snapshot of a volume and shows it. Fills in what the device is to be known by.
     virtual void takeFirst(const SnapshotPlan& plan, Device& device) = 0;
-    /// Takes the next one, writes what has changed since the last into that one's CoW file `closed`, and shows
-    /// it.
+    /// Takes the next one, writes what has changed since the last into that one's CoW file `closed`, and
+    /// shows it.
     virtual void takeNext(const SnapshotPlan& plan, const Device& before, const std::string& closed,
                           Device& after) = 0;
+    /// Ends the snapshot of a device, as far as that is to be noted of it. Fails with what was wrong with the
+    /// snapshot, unless tracking isn't touched by it.
+    virtual void noteEnd(Device& device) = 0;
+    /// Takes all that isn't in files of the volume away from the machine.
+    virtual void release(const Device& device) = 0;
     /// Takes up a device of an earlier run of the machine. ENOENT when nothing is left of it to be trusted.
     virtual void reload(const Volume& volume, Device& device) = 0;
-    /// What is wrong with a device at this moment, as an errno; 0 if nothing is.
-    [[nodiscard]] virtual int check(const Device& device) = 0;
-    /// Takes devices out of the table of which nothing is left.
-    virtual void dropLost(Table& table) = 0;
+    /// Looks at all devices: takes those out of the table of which nothing is left, and notes what is wrong
+    /// with the others.
+    virtual void examine(Table& table) = 0;
     /// Brings the machine to what the table says. What resists is logged and tried again the next time.
     virtual void tidy(const Table& table) = 0;
 };

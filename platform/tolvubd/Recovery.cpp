@@ -1,10 +1,15 @@
 #include "Recovery.h"
 
+#include "AtomicFile.h"
 #include "CowFile.h"
+#include "Failure.h"
+#include "Layout.h"
 #include "SnapshotNode.h"
 #include "Tidying.h"
 #include "capture/FrozenFileSystem.h"
 #include "capture/StoppedServer.h"
+#include "mapper/LayerStack.h"
+#include "mapper/OwnFiles.h"
 
 #include <algorithm>
 #include <set>
@@ -22,16 +27,33 @@ void letGo(const Unfinished& unfinished) {
     }
 }
 
-/// What resists is kept, but not for ever.
-void takeBack(std::vector<Unfinished>& list, Frozen frozen) {
-    std::erase_if(list, [&](Unfinished& unfinished) {
+/// Somebody who died may have left a volume held; nobody else has it just now, as they take turns.
+void letGoOfAll(std::vector<Unfinished>& list, Frozen frozen) {
+    for (Unfinished& unfinished : list) {
         if (frozen == Frozen::maybe) {
             letGo(unfinished);
         }
         unfinished.mountPoint.clear();
         unfinished.server.reset();
-        return tryTo("remove " + unfinished.cowFile,
-                     [&] { removeCowFile(unfinished.cowFile, unfinished.snapshot); });
+    }
+}
+
+void removeFiles(const Unfinished& unfinished) {
+    if (unfinished.layers.empty()) {
+        removeCowFile(unfinished.cowFile, unfinished.snapshot);
+        return;
+    }
+    if (LayerStack(unfinished.layers).isPresent()) {
+        fail(EBUSY, "its layers are still there");
+    }
+    removeLockedCowFile(unfinished.cowFile, unfinished.snapshot);
+    removeLockedFile(directoryOf(unfinished.cowFile) + "/" + layout::eraFile);
+}
+
+/// What resists is kept, but not for ever.
+void takeBack(std::vector<Unfinished>& list) {
+    std::erase_if(list, [&](const Unfinished& unfinished) {
+        return tryTo("remove " + unfinished.cowFile, [&] { removeFiles(unfinished); });
     });
     if (list.size() == mostUnfinished) {
         list.erase(list.begin());
@@ -51,14 +73,15 @@ std::set<std::uint32_t> minorsShown(const Table& table) {
 } // namespace
 
 Table tidyUp(Table table, Frozen frozen, const std::vector<IBackEnd*>& backEnds) {
-    takeBack(table.unfinished, frozen);
+    letGoOfAll(table.unfinished, frozen);
     for (IBackEnd* backEnd : backEnds) {
-        backEnd->dropLost(table);
+        backEnd->examine(table);
     }
     tryTo("remove nodes", [&] { removeNodesExcept(minorsShown(table)); });
     for (IBackEnd* backEnd : backEnds) {
         backEnd->tidy(table);
     }
+    takeBack(table.unfinished);
     return table;
 }
 

@@ -126,8 +126,8 @@ const char* const* tolvubd_get_own_files(void) {
     return names;
 }
 
-int32_t tolvubd_get_room(const char* /*block_device*/, uint64_t* bytes) {
-    *bytes = 0; // a capture lies elsewhere
-    return 0;
+int32_t tolvubd_get_room(const char* block_device, uint64_t* bytes) {
+    return report("get_room",
+                  [&](Driver& driver) { *bytes = driver.roomBeyondCowFile(text(block_device)); });
 }
 // NOLINTEND(readability-identifier-naming)

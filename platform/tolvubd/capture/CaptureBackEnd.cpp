@@ -116,7 +116,7 @@ void dropWithoutCapture(std::vector<Device>& devices) {
 } // namespace
 
 /// Nothing that the capture needs may be on the file system that is frozen meanwhile.
-void CaptureBackEnd::requireRoom(const SnapshotPlan& plan) const {
+void CaptureBackEnd::requireRoom(const SnapshotPlan& plan, const Device& /*device*/) const {
     struct stat status{};
     checked(::stat(layout::store, &status), "look at the image store");
     if (status.st_dev == plan.volume.number) {
@@ -142,6 +142,12 @@ void CaptureBackEnd::takeNext(const SnapshotPlan& plan, const Device& before, co
     showCapture(layout::capture(after.snapshot), plan.volume.sectorSize, after.minor);
 }
 
+/// A capture is a file of its own, which nobody else writes.
+void CaptureBackEnd::noteEnd(Device& /*device*/) {}
+
+/// Captures that no device has are removed by `tidy`.
+void CaptureBackEnd::release(const Device& /*device*/) {}
+
 void CaptureBackEnd::reload(const Volume& volume, Device& device) {
     if (device.mode == Mode::snapshot) {
         detachCapture(layout::capture(device.snapshot));
@@ -149,12 +155,7 @@ void CaptureBackEnd::reload(const Volume& volume, Device& device) {
     }
 }
 
-/// A capture is a file of its own, which nobody else writes.
-int CaptureBackEnd::check(const Device& /*device*/) {
-    return 0;
-}
-
-void CaptureBackEnd::dropLost(Table& table) {
+void CaptureBackEnd::examine(Table& table) {
     dropWithoutCapture(table.devices);
     dropWithoutCapture(table.asleep);
 }

@@ -9,13 +9,14 @@ namespace tolvubd {
 class CaptureBackEnd : public IBackEnd {
 public:
     [[nodiscard]] bool owns(const Device& device) const override { return !device.layers; }
-    void requireRoom(const SnapshotPlan& plan) const override;
+    void requireRoom(const SnapshotPlan& plan, const Device& device) const override;
     void takeFirst(const SnapshotPlan& plan, Device& device) override;
     void takeNext(const SnapshotPlan& plan, const Device& before, const std::string& closed,
                   Device& after) override;
+    void noteEnd(Device& device) override;
+    void release(const Device& device) override;
     void reload(const Volume& volume, Device& device) override;
-    [[nodiscard]] int check(const Device& device) override;
-    void dropLost(Table& table) override;
+    void examine(Table& table) override;
     void tidy(const Table& table) override;
 };
 
