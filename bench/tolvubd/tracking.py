@@ -68,7 +68,7 @@ class Disk:
     def __init__(self, path):
         self.path = path
         self._statistics = pathlib.Path("/sys/block", pathlib.Path(path).name, "stat")
-        run("sfdisk", "--quiet", "--label", "gpt", path,
+        run("sfdisk", "--quiet", "--wipe-partitions", "always", "--label", "gpt", path,
             input=f"size={self.PLAIN_SECTORS}\nsize=+\n")
         run("udevadm", "settle")
         self.plain, self._rest = (f"{path}{number}" for number in (1, 2))
