@@ -15,7 +15,7 @@ STATUS = pathlib.Path("/run/tolvubd")
 INFO = STATUS / "info"
 STORE = pathlib.Path("/var/lib/tolvubd") # of what volumes held when their snapshots were taken
 VERSION = "lab-1.0"
-OWN_FILES = (".tolvu", ".tolvu1", ".tolvu.inc") # the driver's and the agent's, in the root of a volume
+OWN_FILES = (".tolvu", ".tolvu1", ".tolvu.inc", ".tolvu.era") # in the root of a volume
 
 
 def show_driver():

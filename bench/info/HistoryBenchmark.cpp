@@ -130,7 +130,9 @@ private:
     const std::string other = directory + "/copy";
     info::Logger logger{info::PrinterFunction()};
     info::BackupableVolume volume = makeVolume(directory);
-    info::DriverController controller{logger, nullptr, {directory + "/info", directory + "/version"}};
+    info::DriverController controller{
+        logger, nullptr,
+        [this] { return info::DriverStatusFiles{directory + "/info", directory + "/version"}; }};
 };
 
 void run(benchmark::State& state, Stage& stage, const std::function<void()>& step) {

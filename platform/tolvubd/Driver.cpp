@@ -2,25 +2,22 @@
 
 #include "CowFile.h"
 #include "Failure.h"
-#include "HoldGuard.h"
 #include "Layout.h"
 #include "Recovery.h"
+#include "SnapshotNode.h"
 #include "Status.h"
 #include "SystemLog.h"
 #include "Uuid.h"
-#include "capture/Capture.h"
-#include "capture/Compare.h"
-#include "capture/FreshUnits.h"
-#include "capture/FrozenFileSystem.h"
-#include "capture/SnapshotNode.h"
-#include "capture/StoppedServer.h"
+#include "dm/FilePlaces.h"
+#include "era/EraMetadata.h"
+#include "mapper/OwnFiles.h"
+#include "mapper/Support.h"
+#include "seal/Starts.h"
 
 #include <algorithm>
-#include <chrono>
 #include <exception>
 #include <iterator>
 #include <limits>
-#include <memory>
 #include <optional>
 #include <set>
 #include <sys/stat.h>
@@ -38,21 +35,6 @@ std::uint64_t cowBytes(std::uint64_t mebibytes, const Volume& volume) {
         fail(EINVAL, "the CoW file is too small for the table of " + volume.path);
     }
     return mebibytes << mebibyte;
-}
-
-/// Nothing that the capture needs may be on the file system that is frozen meanwhile.
-void requireRoom(const Volume& volume, const PathOnVolume& cow, std::uint64_t cowSize) {
-    struct stat status{};
-    checked(::stat(layout::store, &status), "look at the image store");
-    if (status.st_dev == volume.number) {
-        fail(EDEADLK, "the image store is on " + volume.path);
-    }
-    if (freeSpace(cow.mountPoint) < cowSize) {
-        fail(ENOSPC, "the CoW file on " + volume.path);
-    }
-    if (freeSpace(layout::store) < usedSpace(cow.mountPoint)) {
-        fail(ENOSPC, "the image store");
-    }
 }
 
 void requireSameSize(const Device& device, const Volume& volume) {
@@ -90,7 +72,10 @@ std::string findCowFile(const Volume& volume, const std::string& cowFile) {
 /// broken, or somebody has been faster.
 std::vector<Unfinished> removalOfCowFile(const Device& device) {
     try {
-        return {{device.snapshot, findCowFile(findVolume(device.blockDevice), device.cowFile), {}}};
+        Unfinished unfinished{
+            device.snapshot, findCowFile(findVolume(device.blockDevice), device.cowFile), {}};
+        unfinished.layers = device.layers ? device.layers->id : std::string();
+        return {unfinished};
     } catch (const std::system_error& error) {
         const std::set<int> outOfReach = {ENODEV, ENOENT, ENXIO, ENOTBLK, EIO};
         if (!outOfReach.contains(error.code().value())) {
@@ -98,30 +83,6 @@ std::vector<Unfinished> removalOfCowFile(const Device& device) {
         }
         return {};
     }
-}
-
-/// The file system is frozen; if it is a process that can't do that, the process is stopped.
-std::unique_ptr<HoldGuard> holdStill(const Volume& volume, const std::string& mountPoint) {
-    try {
-        return std::make_unique<HoldGuard>(std::make_unique<FrozenFileSystem>(mountPoint));
-    } catch (const std::system_error& error) {
-        if (error.code().value() != EOPNOTSUPP) {
-            throw;
-        }
-    }
-    return std::make_unique<HoldGuard>(std::make_unique<StoppedServer>(volume, mountPoint));
-}
-
-/// Writes what has changed from one capture to the next into the CoW file that was current between.
-void record(const Device& before, const Device& after, const std::string& closed) {
-    const Moment then{layout::capture(before.snapshot), before.own};
-    const Moment now{layout::capture(after.snapshot), after.own};
-    const std::vector<Extent> table = extentsOf(closed).value_or(std::vector<Extent>{});
-    const std::vector<bool> fresh = findFreshUnits(then, now, table, before.size);
-    CowTable changes(closed, before.snapshot, before.size);
-    changes.finish(compareCaptures(
-        then.capture, now.capture, before.size, fresh,
-        [&](std::uint64_t unit, std::span<const std::uint64_t> words) { changes.write(unit, words); }));
 }
 
 /// Not kept open while the volume is held: the process would end only when it is let go.
@@ -141,11 +102,11 @@ std::vector<Device>::iterator find(std::vector<Device>& devices, std::uint32_t m
 
 } // namespace
 
-Driver::Driver() : table(store.load()) {
+Driver::Driver(Busy busy) : store(busy), table(store.load()) {
     if (!isLive(table)) {
         startSession();
     }
-    const Table tidied = tidyUp(table, Frozen::maybe);
+    const Table tidied = tidyUp(table, Frozen::maybe, backEnds());
     if (tidied != table) {
         store.write(tidied);
         table = tidied;
@@ -164,6 +125,7 @@ void Driver::startSession() {
         fresh.asleep.erase(fresh.asleep.begin(), fresh.asleep.end() - mostAsleep);
     }
     store.write(fresh);
+    noteStart(layout::starts);
     markLive(fresh);
     table = fresh;
 }
@@ -188,7 +150,7 @@ void Driver::replace(const Device& device) {
 
 /// What can't be taken away now is left to the next turn.
 void Driver::tidy() {
-    const Table tidied = tidyUp(table, Frozen::no);
+    const Table tidied = tidyUp(table, Frozen::no, backEnds());
     try {
         if (tidied != table) {
             commit(tidied);
@@ -206,6 +168,19 @@ void Driver::undoneOnFailure(const Work& work) {
         tidy();
         throw;
     }
+}
+
+IBackEnd& Driver::backEndOf(const Device& device) {
+    for (IBackEnd* backEnd : backEnds()) {
+        if (backEnd->owns(device)) {
+            return *backEnd;
+        }
+    }
+    fail(EOPNOTSUPP, "device " + std::to_string(device.minor));
+}
+
+std::vector<IBackEnd*> Driver::backEnds() {
+    return {&capture, &mapper};
 }
 
 const Device& Driver::require(std::uint32_t minor, Mode mode) const {
@@ -234,33 +209,18 @@ void Driver::requireUntracked(const Volume& volume) const {
     }
 }
 
-void Driver::begin(const Volume& volume, const Device& device, const PathOnVolume& cow) {
+void Driver::begin(const SnapshotPlan& plan, const Device& device) {
     Table next = table;
-    Unfinished unfinished{device.snapshot, cow.path(), {}, {}};
-    if (volume.servers.empty()) {
-        unfinished.mountPoint = cow.mountPoint;
+    Unfinished unfinished{device.snapshot, plan.cow.path(), {}, {}};
+    if (device.layers) {
+        unfinished.layers = device.layers->id;
+    } else if (plan.volume.servers.empty()) {
+        unfinished.mountPoint = plan.cow.mountPoint;
     } else {
-        unfinished.server = volume.servers.front();
+        unfinished.server = plan.volume.servers.front();
     }
     next.unfinished.push_back(unfinished);
     commit(next);
-}
-
-void Driver::takeSnapshot(const Volume& volume, const PathOnVolume& cow, std::uint64_t cowSize,
-                          Device& device) {
-    using std::chrono::milliseconds;
-    using std::chrono::steady_clock;
-    makeCowFile(cow.path(), device.snapshot, cowSize);
-    device.own = extentsOfOwnFiles(cow.mountPoint, volume.size);
-    Capture capture(layout::capture(device.snapshot), volume.path, volume.size);
-    const auto begin = steady_clock::now();
-    const std::unique_ptr<HoldGuard> held = holdStill(volume, cow.mountPoint);
-    capture.copy([&] { held->reportProgress(); });
-    held->release();
-    const auto lasted = std::chrono::duration_cast<milliseconds>(steady_clock::now() - begin);
-    logLine(Severity::info, volume.path + " was frozen for " + std::to_string(lasted.count()) + " ms while " +
-                                std::to_string(volume.size) + " bytes were captured");
-    capture.finish();
 }
 
 void Driver::setupSnapshot(std::uint32_t minor, const std::string& blockDevice, const std::string& cowPath,
@@ -268,18 +228,55 @@ void Driver::setupSnapshot(std::uint32_t minor, const std::string& blockDevice, 
     requireFree(minor);
     const Volume volume = findVolume(blockDevice);
     requireUntracked(volume);
-    const PathOnVolume cow = locate(volume, cowPath);
-    const std::uint64_t cowSize = cowBytes(cowMebibytes, volume);
-    requireRoom(volume, cow, cowSize);
-    Device device{minor, Mode::snapshot, blockDevice, cow.relative, makeUuid(), volume.size, cacheSize, {}};
+    const SnapshotPlan plan{volume, locate(volume, cowPath), cowBytes(cowMebibytes, volume)};
+    Device device{minor,      Mode::snapshot, blockDevice, plan.cow.relative,
+                  makeUuid(), volume.size,    cacheSize,   {}};
+    forgetAsleepLayers(volume);
+    if (!takeFirstByMapper(plan, device)) {
+        logLine(Severity::info, volume.path + " is captured whole: " + device.reason);
+        takeFirst(capture, plan, device);
+    }
+}
+
+/// Layers that nobody has asked for since the machine was started would be in the way of new ones.
+void Driver::forgetAsleepLayers(const Volume& volume) {
+    Table next = table;
+    std::erase_if(next.asleep, [&](const Device& device) { return device.layers && isOn(device, volume); });
+    if (next != table) {
+        commit(next);
+        tidy();
+    }
+}
+
+/// False, with the reason in the device, where it has to be captured.
+bool Driver::takeFirstByMapper(const SnapshotPlan& plan, Device& device) {
+    if (const auto reason = reasonAgainstLayers(plan.volume)) {
+        device.reason = *reason;
+        return false;
+    }
+    Device layered = device;
+    layered.layers = MapperBackEnd::newLayers(plan.volume);
+    try {
+        takeFirst(mapper, plan, layered);
+        return true;
+    } catch (const std::system_error& error) {
+        if (error.code().value() != EOPNOTSUPP) {
+            throw;
+        }
+        device.reason = error.what();
+        return false;
+    }
+}
+
+void Driver::takeFirst(IBackEnd& backEnd, const SnapshotPlan& plan, Device device) {
+    backEnd.requireRoom(plan, device);
     undoneOnFailure([&] {
-        begin(volume, device, cow);
-        takeSnapshot(volume, cow, cowSize, device);
-        showCapture(layout::capture(device.snapshot), volume.sectorSize, minor);
+        begin(plan, device);
+        backEnd.takeFirst(plan, device);
         Table next = table;
         next.devices.push_back(device);
         finish(next, device);
-        std::erase_if(next.asleep, [&](const Device& asleep) { return isOn(asleep, volume); });
+        std::erase_if(next.asleep, [&](const Device& asleep) { return isOn(asleep, plan.volume); });
         commit(next);
     });
     tidy();
@@ -289,23 +286,27 @@ void Driver::transitionSnapshot(std::uint32_t minor, const std::string& cowPath,
     const Device before = require(minor, Mode::tracking);
     const Volume volume = findVolume(before.blockDevice);
     requireSameSize(before, volume);
-    const PathOnVolume cow = locate(volume, cowPath);
-    if (cow.relative == before.cowFile) {
+    const SnapshotPlan plan{volume, locate(volume, cowPath), cowBytes(cowMebibytes, volume)};
+    if (plan.cow.relative == before.cowFile) {
         fail(EEXIST, cowPath + " is in use");
     }
-    const std::uint64_t cowSize = cowBytes(cowMebibytes, volume);
-    requireRoom(volume, cow, cowSize);
     const std::string closed = findCowFile(volume, before.cowFile);
+    if (before.layers) {
+        dm::releaseFile(closed); // which nothing is mapped to while there is no snapshot
+    }
     requireTable(before, closed);
     Device after = before;
     after.mode = Mode::snapshot;
-    after.cowFile = cow.relative;
+    after.cowFile = plan.cow.relative;
     after.snapshot = makeUuid();
+    if (after.layers && after.layers->error != 0) {
+        after.layers = MapperBackEnd::newLayers(volume); // and everything has changed
+    }
+    IBackEnd& backEnd = backEndOf(before);
+    backEnd.requireRoom(plan, after);
     undoneOnFailure([&] {
-        begin(volume, after, cow);
-        takeSnapshot(volume, cow, cowSize, after);
-        record(before, after, closed);
-        showCapture(layout::capture(after.snapshot), volume.sectorSize, minor);
+        begin(plan, after);
+        backEnd.takeNext(plan, before, closed, after);
         replace(after);
     });
     tidy();
@@ -314,6 +315,8 @@ void Driver::transitionSnapshot(std::uint32_t minor, const std::string& cowPath,
 void Driver::transitionIncremental(std::uint32_t minor) {
     Device device = require(minor, Mode::snapshot);
     requireUnused(minor);
+    IBackEnd& backEnd = backEndOf(device);
+    backEnd.noteEnd(device);
     device.mode = Mode::tracking;
     replace(device);
     tidy();
@@ -330,12 +333,13 @@ void Driver::reload(Mode mode, std::uint32_t minor, const std::string& blockDevi
         fail(ENOENT, "a capture that belongs to " + cowFile + " on " + volume.path);
     }
     requireSameSize(*found, volume);
-    const Device device{minor, mode, blockDevice, cowFile, snapshot, volume.size, cacheSize, found->own};
+    Device device = *found;
+    device.minor = minor;
+    device.blockDevice = blockDevice;
+    device.cowFile = cowFile;
+    device.cacheSize = cacheSize;
     undoneOnFailure([&] {
-        if (mode == Mode::snapshot) {
-            detachCapture(layout::capture(snapshot));
-            showCapture(layout::capture(snapshot), volume.sectorSize, minor);
-        }
+        backEndOf(device).reload(volume, device);
         Table next = table;
         next.devices.push_back(device);
         std::erase_if(next.asleep, [&](const Device& asleep) { return asleep.snapshot == snapshot; });
@@ -360,10 +364,26 @@ void Driver::destroy(std::uint32_t minor) {
         fail(ENOENT, "device " + std::to_string(minor));
     }
     requireUnused(minor);
+    backEndOf(*device).release(*device);
     std::ranges::copy(removalOfCowFile(*device), std::back_inserter(next.unfinished));
     next.devices.erase(device);
     commit(next);
     tidy();
+}
+
+void Driver::checkSnapshot(std::uint32_t minor) const {
+    const Device& device = require(minor, Mode::snapshot);
+    if (device.layers && device.layers->error != 0) {
+        fail(device.layers->error, "the snapshot of " + device.blockDevice);
+    }
+}
+
+std::uint64_t Driver::roomBeyondCowFile(const std::string& blockDevice) const {
+    const Volume volume = findVolume(blockDevice);
+    const bool isTracked =
+        std::ranges::any_of(table.devices, [&](const Device& device) { return isOn(device, volume); });
+    return isTracked || reasonAgainstLayers(volume) ? 0
+                                                    : eraFileSize(volume.size, eraBlockSectors(volume.size));
 }
 
 void Driver::forgetAsleep() {

@@ -1,11 +1,15 @@
 #pragma once
 
+#include "IBackEnd.h"
 #include "StateStore.h"
 #include "Table.h"
 #include "Volume.h"
+#include "capture/CaptureBackEnd.h"
+#include "mapper/MapperBackEnd.h"
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 namespace tolvubd {
 
@@ -14,7 +18,7 @@ namespace tolvubd {
 /// when it throws std::system_error.
 class Driver {
 public:
-    Driver();
+    explicit Driver(Busy busy = Busy::wait);
 
     void setupSnapshot(std::uint32_t minor, const std::string& blockDevice, const std::string& cowPath,
                        std::uint64_t cowMebibytes, std::uint64_t cacheSize);
@@ -25,6 +29,10 @@ public:
                 std::uint64_t cacheSize);
     void reconfigure(std::uint32_t minor, std::uint64_t cacheSize);
     void destroy(std::uint32_t minor);
+    /// Fails unless the device has shown one moment ever since its snapshot was taken.
+    void checkSnapshot(std::uint32_t minor) const;
+    /// Bytes that a first snapshot of a volume takes on it beyond the CoW file.
+    [[nodiscard]] std::uint64_t roomBeyondCowFile(const std::string& blockDevice) const;
     /// Forgets the devices that no reload has given back since the machine was started.
     void forgetAsleep();
 
@@ -39,11 +47,17 @@ private:
     [[nodiscard]] const Device& require(std::uint32_t minor, Mode mode) const;
     void requireFree(std::uint32_t minor) const;
     void requireUntracked(const Volume& volume) const;
-    void begin(const Volume& volume, const Device& device, const PathOnVolume& cow);
-    void takeSnapshot(const Volume& volume, const PathOnVolume& cow, std::uint64_t cowSize, Device& device);
+    [[nodiscard]] std::vector<IBackEnd*> backEnds();
+    IBackEnd& backEndOf(const Device& device);
+    bool takeFirstByMapper(const SnapshotPlan& plan, Device& device);
+    void forgetAsleepLayers(const Volume& volume);
+    void begin(const SnapshotPlan& plan, const Device& device);
+    void takeFirst(IBackEnd& backEnd, const SnapshotPlan& plan, Device device);
 
     StateStore store;
     Table table;
+    CaptureBackEnd capture;
+    MapperBackEnd mapper;
 };
 
 } // namespace tolvubd

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <span>
+#include <utility>
 #include <vector>
 
 namespace tolvubd {
@@ -20,11 +21,20 @@ class Fields {
 public:
     Fields(const os::FileDescriptor& image, std::uint64_t offset, std::size_t length)
         : bytes(length), isWhole(readAt(image, bytes, offset) == length) {}
+    /// What was read elsewhere.
+    Fields(std::vector<std::byte> bytes, bool isWhole) : bytes(std::move(bytes)), isWhole(isWhole) {}
 
     /// False when the image ends before them.
     explicit operator bool() const noexcept { return isWhole; }
 
     [[nodiscard]] std::size_t size() const { return bytes.size(); }
+    [[nodiscard]] std::span<const std::byte> all() const { return bytes; }
+    /// Both, one behind the other.
+    [[nodiscard]] Fields followedBy(const Fields& other) const {
+        std::vector<std::byte> joined = bytes;
+        joined.insert(joined.end(), other.bytes.begin(), other.bytes.end());
+        return {std::move(joined), isWhole && other.isWhole};
+    }
     void set(std::size_t offset, std::uint8_t value) { bytes.at(offset) = std::byte{value}; }
     [[nodiscard]] std::uint8_t byte(std::size_t offset) const {
         return std::to_integer<std::uint8_t>(bytes.at(offset));

@@ -14,6 +14,8 @@ public:
     /// Lets the volume go on; false when it was going on already. Nothing but system calls: a copy of the
     /// process calls it too, in which no lock of the program will ever be released.
     virtual bool end() noexcept = 0;
+    /// What the copy does first, before `begin`. Nothing but system calls.
+    virtual void enterCopy() noexcept {}
     [[nodiscard]] virtual int descriptor() const noexcept = 0;
 };
 

@@ -1,15 +1,12 @@
 #include "HoldGuard.h"
 
+#include "Companion.h"
 #include "Failure.h"
 
-#include <algorithm>
 #include <array>
 #include <csignal>
 #include <poll.h>
-#include <sys/prctl.h>
 #include <sys/socket.h>
-#include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 #include <utility>
 
@@ -20,19 +17,6 @@ namespace {
 constexpr int released = 0;
 constexpr int impatient = 1;
 constexpr int notHeld = 2;
-
-/// Keeps two descriptors only: no lock, no connection of the program is held open by the child.
-void closeOthers(int one, int other) {
-    const auto low = static_cast<unsigned>(std::min(one, other));
-    const auto high = static_cast<unsigned>(std::max(one, other));
-    if (low > 0) {
-        ::syscall(SYS_close_range, 0U, low - 1, 0U);
-    }
-    if (high > low + 1) {
-        ::syscall(SYS_close_range, low + 1, high - 1, 0U);
-    }
-    ::syscall(SYS_close_range, high + 1, ~0U, 0U);
-}
 
 bool waitUntilReadable(int link) {
     pollfd poll{link, POLLIN, 0};
@@ -59,34 +43,24 @@ bool sendSign(int link) {
     return ::send(link, &sign, sizeof sign, MSG_NOSIGNAL | MSG_DONTWAIT) >= 0 || errno == EAGAIN;
 }
 
-/// The life of the child. The program may have had threads when it was copied, whose locks nobody will ever
-/// release: so only system calls from here on. Closing a file may have to wait for the file system that is to
-/// be held, so it is told when that is over.
-[[noreturn]] void guard(Hold& hold, int link) {
-    ::prctl(PR_SET_NAME, "tolvubd-guard");
-    ::setsid(); // a signal to the program's process group isn't meant for the guard
-    closeOthers(hold.descriptor(), link);
-    sendSign(link);
-    const bool patient = waitForTheEnd(link);
-    const bool wasHeld = hold.end();
-    ::_exit(wasHeld ? (patient ? released : impatient) : notHeld);
+/// Lets go as soon as it is told to, or has lost its patience. Where nothing is held yet, because that takes
+/// so long to begin, there is nothing to let go, but soon there may be: then it waits on.
+int waitAndLetGo(Hold& hold, int link) {
+    while (!waitForTheEnd(link)) {
+        if (hold.end()) {
+            return impatient;
+        }
+    }
+    return hold.end() ? released : notHeld;
 }
 
-/// A copy of the process that nobody but its maker gets to see: its end sends no signal, and no other wait()
-/// of the program finds it. Signals meant for the program don't reach it.
-pid_t startGuard(Hold& hold, int link) {
-    sigset_t all{};
-    sigset_t before{};
-    ::sigfillset(&all);
-    ::pthread_sigmask(SIG_SETMASK, &all, &before);
-    const auto child = static_cast<pid_t>(::syscall(SYS_clone, 0UL, nullptr, nullptr, nullptr, 0UL));
-    if (child == 0) {
-        guard(hold, link);
-    }
-    const int error = errno;
-    ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    errno = error;
-    return child;
+/// The life of the child. Closing a file may have to wait for the file system that is to be held, so it is
+/// told when that is over.
+[[noreturn]] void guard(Hold& hold, int link) {
+    companion::settle("tolvubd-guard", hold.descriptor(), link);
+    hold.enterCopy();
+    sendSign(link);
+    ::_exit(waitAndLetGo(hold, link));
 }
 
 } // namespace
@@ -95,6 +69,7 @@ HoldGuard::HoldGuard(std::unique_ptr<Hold> hold) : hold(std::move(hold)) {
     startChild();
     try {
         this->hold->begin();
+        sendSign(link.get()); // however long that took, the patience begins now
     } catch (...) {
         killChild(); // what somebody else holds is not ours to let go
         throw;
@@ -107,7 +82,10 @@ void HoldGuard::startChild() {
     link = os::FileDescriptor(ends[0]);
     {
         const os::FileDescriptor childEnd(ends[1]);
-        child = checked(startGuard(*hold, childEnd.get()), "start the guard");
+        child = checked(companion::start(), "start the guard");
+        if (child == 0) {
+            guard(*hold, childEnd.get());
+        }
     }
     char ready = 0;
     if (!waitUntilReadable(link.get()) || ::recv(link.get(), &ready, sizeof ready, 0) != sizeof ready) {
@@ -142,13 +120,9 @@ void HoldGuard::killChild() noexcept {
 
 bool HoldGuard::endChild() noexcept {
     link.reset();
-    int status = 0;
-    pid_t ended = -1;
-    do {
-        ended = ::waitpid(child, &status, __WALL);
-    } while (ended < 0 && errno == EINTR);
+    const std::optional<int> status = companion::exitStatus(child);
     child = -1;
-    return ended > 0 && WIFEXITED(status) && WEXITSTATUS(status) == released;
+    return status == released;
 }
 
 } // namespace tolvubd

@@ -12,7 +12,8 @@ namespace tolvubd {
 ///
 /// A process that dies must not leave it held, so a child lets it go: it is told to through a socket, and it
 /// also does so when the other end closes because the process is gone, or hasn't reported progress for too
-/// long, be it because what it waits for is behind the volume that is held.
+/// long, be it because what it waits for is behind the volume that is held. A hold that takes so long to
+/// begin is waited for.
 class HoldGuard {
 public:
     /// Begins the hold, or throws what that throws.

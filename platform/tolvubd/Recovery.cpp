@@ -1,34 +1,22 @@
 #include "Recovery.h"
 
+#include "AtomicFile.h"
 #include "CowFile.h"
-#include "FileAccess.h"
+#include "Failure.h"
 #include "Layout.h"
-#include "SystemLog.h"
+#include "SnapshotNode.h"
+#include "Tidying.h"
 #include "capture/FrozenFileSystem.h"
-#include "capture/SnapshotNode.h"
 #include "capture/StoppedServer.h"
+#include "mapper/LayerStack.h"
+#include "mapper/OwnFiles.h"
 
 #include <algorithm>
-#include <exception>
-#include <filesystem>
 #include <set>
 
 namespace tolvubd {
 
 namespace {
-
-namespace fs = std::filesystem;
-
-template <class Work>
-bool tryTo(const std::string& what, const Work& work) {
-    try {
-        work();
-        return true;
-    } catch (const std::exception& error) {
-        logLine(Severity::warning, "can't " + what + ": " + error.what());
-        return false;
-    }
-}
 
 void letGo(const Unfinished& unfinished) {
     if (unfinished.server) {
@@ -39,40 +27,37 @@ void letGo(const Unfinished& unfinished) {
     }
 }
 
-/// What resists is kept, but not for ever.
-void takeBack(std::vector<Unfinished>& list, Frozen frozen) {
-    std::erase_if(list, [&](Unfinished& unfinished) {
+/// Somebody who died may have left a volume held; nobody else has it just now, as they take turns.
+void letGoOfAll(std::vector<Unfinished>& list, Frozen frozen) {
+    for (Unfinished& unfinished : list) {
         if (frozen == Frozen::maybe) {
             letGo(unfinished);
         }
         unfinished.mountPoint.clear();
         unfinished.server.reset();
-        return tryTo("remove " + unfinished.cowFile,
-                     [&] { removeCowFile(unfinished.cowFile, unfinished.snapshot); });
+    }
+}
+
+void removeFiles(const Unfinished& unfinished) {
+    if (unfinished.layers.empty()) {
+        removeCowFile(unfinished.cowFile, unfinished.snapshot);
+        return;
+    }
+    if (LayerStack(unfinished.layers).isPresent()) {
+        fail(EBUSY, "its layers are still there");
+    }
+    removeLockedCowFile(unfinished.cowFile, unfinished.snapshot);
+    removeLockedFile(directoryOf(unfinished.cowFile) + "/" + layout::eraFile);
+}
+
+/// What resists is kept, but not for ever.
+void takeBack(std::vector<Unfinished>& list) {
+    std::erase_if(list, [&](const Unfinished& unfinished) {
+        return tryTo("remove " + unfinished.cowFile, [&] { removeFiles(unfinished); });
     });
     if (list.size() == mostUnfinished) {
         list.erase(list.begin());
     }
-}
-
-std::set<std::string> capturesShown(const Table& table) {
-    std::set<std::string> shown;
-    for (const Device& device : table.devices) {
-        if (device.mode == Mode::snapshot) {
-            shown.insert(layout::capture(device.snapshot));
-        }
-    }
-    return shown;
-}
-
-std::set<std::string> capturesKept(const Table& table) {
-    std::set<std::string> kept;
-    for (const auto* devices : {&table.devices, &table.asleep}) {
-        for (const Device& device : *devices) {
-            kept.insert(layout::capture(device.snapshot));
-        }
-    }
-    return kept;
 }
 
 std::set<std::uint32_t> minorsShown(const Table& table) {
@@ -85,39 +70,18 @@ std::set<std::uint32_t> minorsShown(const Table& table) {
     return minors;
 }
 
-void tidyStore(const Table& table) {
-    const std::set<std::string> shown = capturesShown(table);
-    const std::set<std::string> kept = capturesKept(table);
-    for (const fs::directory_entry& entry : fs::directory_iterator(layout::store)) {
-        const std::string path = entry.path();
-        // A capture without a name couldn't be found again to be detached.
-        if (path.ends_with(layout::captureSuffix) && !shown.contains(path) &&
-            tryTo("detach " + path, [&] { detachCapture(path); }) && !kept.contains(path)) {
-            tryTo("remove " + path, [&] { removeFile(path); });
-        }
-    }
-}
-
-void dropWithoutCapture(std::vector<Device>& devices) {
-    std::erase_if(devices, [](const Device& device) {
-        std::error_code error;
-        const auto status = fs::status(layout::capture(device.snapshot), error);
-        if (status.type() != fs::file_type::not_found) {
-            return false;
-        }
-        logLine(Severity::error, "the capture of " + device.blockDevice + " is gone, and so is its device");
-        return true;
-    });
-}
-
 } // namespace
 
-Table tidyUp(Table table, Frozen frozen) {
-    takeBack(table.unfinished, frozen);
-    dropWithoutCapture(table.devices);
-    dropWithoutCapture(table.asleep);
+Table tidyUp(Table table, Frozen frozen, const std::vector<IBackEnd*>& backEnds) {
+    letGoOfAll(table.unfinished, frozen);
+    for (IBackEnd* backEnd : backEnds) {
+        backEnd->examine(table);
+    }
     tryTo("remove nodes", [&] { removeNodesExcept(minorsShown(table)); });
-    tryTo("tidy the store", [&] { tidyStore(table); });
+    for (IBackEnd* backEnd : backEnds) {
+        backEnd->tidy(table);
+    }
+    takeBack(table.unfinished);
     return table;
 }
 

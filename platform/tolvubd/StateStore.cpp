@@ -21,9 +21,9 @@ constexpr unsigned ownerOnly = 0600;
 constexpr std::size_t largestState = std::size_t{16} << 20;
 constexpr std::size_t sessionSize = 36;
 
-os::FileDescriptor takeLock() {
+os::FileDescriptor takeLock(Busy busy) {
     os::FileDescriptor lock = openFile(layout::lock, O_RDWR | O_CREAT, ownerOnly);
-    while (::flock(lock.get(), LOCK_EX) != 0) {
+    while (::flock(lock.get(), busy == Busy::wait ? LOCK_EX : LOCK_EX | LOCK_NB) != 0) {
         if (errno != EINTR) {
             failWithErrno("lock the driver");
         }
@@ -56,10 +56,10 @@ std::string readSession() {
 
 } // namespace
 
-StateStore::StateStore() {
+StateStore::StateStore(Busy busy) {
     makeDirectory(layout::store, 0700);
     makeDirectory(layout::runtime, 0755);
-    lock = takeLock();
+    lock = takeLock(busy);
 }
 
 Table StateStore::load() const {

@@ -5,10 +5,16 @@
 
 namespace tolvubd {
 
+/// What comes of a turn while somebody else has his.
+enum class Busy {
+    wait,
+    fail, ///< with EWOULDBLOCK
+};
+
 /// The table on disk. Whoever has the object has the driver for himself: other threads and processes wait.
 class StateStore {
 public:
-    StateStore();
+    explicit StateStore(Busy busy = Busy::wait);
 
     /// What was last written. A text that can't be read counts as an empty table: a device that is lost costs
     /// a full comparison, a wrong one costs data.

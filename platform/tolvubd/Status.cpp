@@ -2,6 +2,8 @@
 
 #include "AtomicFile.h"
 #include "Layout.h"
+#include "mapper/Forecast.h"
+#include "mapper/Targets.h"
 
 #include <nlohmann/json.hpp>
 
@@ -10,6 +12,8 @@
 namespace tolvubd {
 
 namespace {
+
+using nlohmann::ordered_json;
 
 constexpr unsigned readableByAll = 0644;
 
@@ -27,18 +31,28 @@ void show(const char* path, const std::string& text) {
     }
 }
 
-} // namespace
-
-std::string statusText(const Table& table) {
-    nlohmann::ordered_json devices = nlohmann::ordered_json::array();
-    for (const Device& device : table.devices) {
-        devices.push_back({{"minor", device.minor},
+/// Beyond what the driver shows: how much a snapshot can preserve, and how much it will have to.
+ordered_json fromDevice(const Device& device) {
+    ordered_json object = {{"minor", device.minor},
                            {"cow_file", device.cowFile},
                            {"block_device", device.blockDevice},
                            {"state", static_cast<std::uint32_t>(device.mode)},
-                           {"error", 0}});
+                           {"error", device.layers ? device.layers->error : 0}};
+    if (device.layers) {
+        object["snapshot_room"] = bytesIn(device.layers->cowStore);
+        object["snapshot_need"] = forecastNeed(*device.layers);
     }
-    const nlohmann::ordered_json document = {{"version", driverVersion}, {"devices", devices}};
+    return object;
+}
+
+} // namespace
+
+std::string statusText(const Table& table) {
+    ordered_json devices = ordered_json::array();
+    for (const Device& device : table.devices) {
+        devices.push_back(fromDevice(device));
+    }
+    const ordered_json document = {{"version", driverVersion}, {"devices", devices}};
     return document.dump(4) + "\n";
 }
 

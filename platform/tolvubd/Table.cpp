@@ -1,78 +1,33 @@
 #include "Table.h"
 
-#include "Failure.h"
-#include "Uuid.h"
-
-#include <nlohmann/json.hpp>
+#include "JsonFields.h"
 
 #include <algorithm>
 #include <bit>
 #include <limits>
 #include <set>
-#include <stdexcept>
 
 namespace tolvubd {
 
 namespace {
 
+using fields::absolutePath;
+using fields::dump;
+using fields::fromExtents;
+using fields::fromList;
+using fields::number;
+using fields::parse;
+using fields::require;
+using fields::toExtents;
+using fields::toList;
+using fields::uuid;
 using nlohmann::json;
 
 constexpr int format = 2;
+/// The table's own text has lists of numbers in an object of an object in a list in an object.
+constexpr int deepest = 5;
 constexpr std::uint64_t largestFile = std::numeric_limits<std::int64_t>::max();
 constexpr std::uint64_t any = std::numeric_limits<std::uint64_t>::max();
-
-void require(bool condition, const char* what) {
-    if (!condition) {
-        throw std::runtime_error(what);
-    }
-}
-
-std::uint64_t number(const json& object, const char* key, std::uint64_t highest) {
-    const json& value = object.at(key);
-    require(value.is_number_unsigned() && value.get<std::uint64_t>() <= highest, key);
-    return value.get<std::uint64_t>();
-}
-
-std::string uuid(const json& object, const char* key) {
-    auto text = object.at(key).get<std::string>();
-    require(isUuid(text), key);
-    return text;
-}
-
-std::string absolutePath(const json& object, const char* key) {
-    auto text = object.at(key).get<std::string>();
-    require(text.starts_with('/') && text.find('\0') == std::string::npos, key);
-    return text;
-}
-
-/// The table's own text has lists of numbers in an object of an object in a list in an object.
-bool requireShallow(int depth, json::parse_event_t /*event*/, json& /*parsed*/) {
-    constexpr int deepest = 5;
-    require(depth <= deepest, "too deep");
-    return true;
-}
-
-/// Offsets and lengths by turns.
-json fromExtents(const std::vector<Extent>& extents) {
-    json numbers = json::array();
-    for (const Extent& extent : extents) {
-        numbers.push_back(extent.offset);
-        numbers.push_back(extent.length);
-    }
-    return numbers;
-}
-
-std::vector<Extent> toExtents(const json& numbers) {
-    require(numbers.is_array() && numbers.size() % 2 == 0, "extents");
-    std::vector<Extent> extents;
-    for (std::size_t index = 0; index < numbers.size(); index += 2) {
-        require(numbers[index].is_number_unsigned() && numbers[index + 1].is_number_unsigned(), "an extent");
-        const Extent extent{numbers[index].get<std::uint64_t>(), numbers[index + 1].get<std::uint64_t>()};
-        require(extent.offset <= largestFile && extent.length <= largestFile, "an extent");
-        extents.push_back(extent);
-    }
-    return extents;
-}
 
 json fromLayers(const Layers& layers) {
     return {{"id", layers.id},
@@ -120,6 +75,9 @@ json fromDevice(const Device& device) {
     if (device.layers) {
         object["layers"] = fromLayers(*device.layers);
     }
+    if (!device.reason.empty()) {
+        object["reason"] = device.reason;
+    }
     return object;
 }
 
@@ -137,6 +95,7 @@ Device toDevice(const json& object) {
     if (object.contains("layers")) {
         device.layers = toLayers(object.at("layers"));
     }
+    device.reason = object.value("reason", "");
     return device;
 }
 
@@ -148,6 +107,9 @@ json fromUnfinished(const Unfinished& unfinished) {
     if (unfinished.server) {
         object["server"] = unfinished.server->number;
         object["server_started"] = unfinished.server->started;
+    }
+    if (!unfinished.layers.empty()) {
+        object["layers"] = unfinished.layers;
     }
     return object;
 }
@@ -162,22 +124,10 @@ Unfinished toUnfinished(const json& object) {
         unfinished.server = ProcessName{static_cast<pid_t>(number(object, "server", highestProcess)),
                                         number(object, "server_started", any)};
     }
+    if (object.contains("layers")) {
+        unfinished.layers = uuid(object, "layers");
+    }
     return unfinished;
-}
-
-template <class Item>
-json fromList(const std::vector<Item>& items, json (*convert)(const Item&)) {
-    json list = json::array();
-    std::ranges::transform(items, std::back_inserter(list), convert);
-    return list;
-}
-
-template <class Item>
-std::vector<Item> toList(const json& list, std::size_t most, Item (*convert)(const json&)) {
-    require(list.is_array() && list.size() <= most, "a list");
-    std::vector<Item> items;
-    std::ranges::transform(list, std::back_inserter(items), convert);
-    return items;
 }
 
 void requireDistinct(const std::vector<Device>& devices) {
@@ -186,14 +136,6 @@ void requireDistinct(const std::vector<Device>& devices) {
     for (const Device& device : devices) {
         require(minors.insert(device.minor).second, "a minor twice");
         require(snapshots.insert(device.snapshot).second, "a snapshot twice");
-    }
-}
-
-std::string dump(const json& document) {
-    try {
-        return document.dump(4) + "\n";
-    } catch (const json::exception&) { // a path may be any sequence of bytes, but JSON is UTF-8
-        fail(EILSEQ, "a path that isn't UTF-8");
     }
 }
 
@@ -209,7 +151,7 @@ std::string writeDevice(const Device& device) {
 }
 
 Device readDevice(const std::string& text) {
-    return toDevice(json::parse(text, requireShallow));
+    return toDevice(parse(text, deepest));
 }
 
 std::string writeTable(const Table& table) {
@@ -222,7 +164,7 @@ std::string writeTable(const Table& table) {
 }
 
 Table readTable(const std::string& text) {
-    const json document = json::parse(text, requireShallow);
+    const json document = parse(text, deepest);
     require(document.at("format") == format, "format");
     Table table;
     table.session = uuid(document, "session");

@@ -12,8 +12,8 @@ namespace tolvubd {
 
 enum class Mode : std::uint32_t { tracking = 2, snapshot = 3 };
 
-/// What there is of a device whose volume is tracked by device-mapper. Places are in bytes of the volume, as its
-/// own table has it, in the order of the file.
+/// What there is of a device whose volume is tracked by device-mapper. Places are in bytes of the volume, as
+/// its own table has it, in the order of the file.
 struct Layers {
     std::string id;                 ///< UUID of this tracking; part of the names of its device-mapper devices
     std::string volume;             ///< the volume's own device-mapper UUID
@@ -29,8 +29,8 @@ struct Layers {
     bool operator==(const Layers&) const = default;
 };
 
-/// One device of the driver. Where it has no layers it has a capture, which it shows (snapshot) or compares with
-/// (tracking).
+/// One device of the driver. Where it has no layers it has a capture, which it shows (snapshot) or compares
+/// with (tracking).
 struct Device {
     std::uint32_t minor = 0;
     Mode mode = Mode::snapshot;
@@ -41,6 +41,7 @@ struct Device {
     std::uint64_t cacheSize = 0;
     std::vector<Extent> own; ///< where the files lay in the capture that nobody copies
     std::optional<Layers> layers = std::nullopt;
+    std::string reason = {}; ///< why it isn't tracked by device-mapper, where it has no layers
 
     bool operator==(const Device&) const = default;
 };
@@ -52,6 +53,7 @@ struct Unfinished {
     std::string mountPoint; ///< of the volume that is frozen meanwhile; empty if none is
     /// The process that is stopped meanwhile, as it is the volume's file system.
     std::optional<ProcessName> server = std::nullopt;
+    std::string layers = {}; ///< UUID of the tracking that goes with it; empty if there is none
 
     bool operator==(const Unfinished&) const = default;
 };

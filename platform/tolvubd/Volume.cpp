@@ -123,6 +123,7 @@ Volume findVolume(const std::string& blockDevice) {
     if (volume.mountPoints.empty()) {
         fail(ENODEV, volume.path + " is not mounted");
     }
+    volume.fileSystem = fileSystemIn(mounts, volume.number);
     if (isServedIn(mounts, volume.number)) {
         volume.servers = findServers(volume.number);
         requireAnswering(volume.servers);
@@ -154,6 +155,11 @@ std::vector<std::string> mountPointsIn(const std::string& mountInfo, dev_t devic
     std::vector<std::string> found;
     std::ranges::transform(mountsOf(mountInfo, device), std::back_inserter(found), &Mount::mountPoint);
     return found;
+}
+
+std::string fileSystemIn(const std::string& mountInfo, dev_t device) {
+    const std::vector<Mount> mounts = mountsOf(mountInfo, device);
+    return mounts.empty() ? std::string() : mounts.front().fileSystem;
 }
 
 bool isServedIn(const std::string& mountInfo, dev_t device) {

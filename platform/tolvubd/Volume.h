@@ -16,6 +16,7 @@ struct Volume {
     std::uint64_t size = 0;
     std::uint32_t sectorSize = 0;
     std::vector<std::string> mountPoints; ///< as this process sees them, in the order of mounting
+    std::string fileSystem;               ///< the kernel's name of its type
     std::vector<ProcessName> servers;     ///< which are its file system; none where that is the kernel
 };
 
@@ -36,6 +37,8 @@ PathOnVolume locate(const Volume& volume, const std::string& path);
 
 /// The mount points of a device, from a text in the form of /proc/self/mountinfo.
 std::vector<std::string> mountPointsIn(const std::string& mountInfo, dev_t device);
+/// The type of the file system that is mounted from a device; empty if none is.
+std::string fileSystemIn(const std::string& mountInfo, dev_t device);
 /// Whether the file system of a device is a process.
 bool isServedIn(const std::string& mountInfo, dev_t device);
 

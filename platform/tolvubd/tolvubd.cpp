@@ -13,9 +13,11 @@
 #include <new>
 #include <string>
 #include <system_error>
+#include <unistd.h>
 
 namespace {
 
+using tolvubd::Busy;
 using tolvubd::Driver;
 using tolvubd::Mode;
 
@@ -27,10 +29,9 @@ int32_t failed(int error, const std::string& operation, const char* what) {
 
 /// No exception leaves the library: the caller may be written in any language.
 template <class Work>
-int32_t report(const char* operation, const Work& work) noexcept {
+int32_t guard(const char* operation, const Work& work) noexcept {
     try {
-        Driver driver;
-        work(driver);
+        work();
         return 0;
     } catch (const std::system_error& error) {
         return failed(error.code().value(), operation, error.what());
@@ -38,6 +39,27 @@ int32_t report(const char* operation, const Work& work) noexcept {
         return failed(ENOMEM, operation, error.what());
     } catch (const std::exception& error) {
         return failed(EIO, operation, error.what());
+    }
+}
+
+template <class Work>
+int32_t report(const char* operation, const Work& work) noexcept {
+    return guard(operation, [&] {
+        Driver driver;
+        work(driver);
+    });
+}
+
+/// A turn that does nothing leaves the status there. Who only wants to look doesn't wait for it, unless there
+/// is nothing to see yet.
+void showStatus() {
+    const bool isShown = ::access(tolvubd::layout::info, F_OK) == 0;
+    try {
+        const Driver turn(isShown ? Busy::fail : Busy::wait);
+    } catch (const std::system_error& error) {
+        if (error.code().value() != EWOULDBLOCK) {
+            throw;
+        }
     }
 }
 
@@ -91,7 +113,21 @@ int32_t tolvubd_destroy(uint32_t minor) {
 
 const struct tolvubd_status_files* tolvubd_get_status_files(void) {
     static const struct tolvubd_status_files files = {tolvubd::layout::info, tolvubd::layout::version};
-    report("start", [](Driver&) {}); // a turn that does nothing leaves the files there
+    guard("start", showStatus);
     return &files;
+}
+
+int32_t tolvubd_check_snapshot(uint32_t minor) {
+    return report("check_snapshot", [&](Driver& driver) { driver.checkSnapshot(minor); });
+}
+
+const char* const* tolvubd_get_own_files(void) {
+    static const char* const names[] = {tolvubd::layout::eraFile, nullptr};
+    return names;
+}
+
+int32_t tolvubd_get_room(const char* block_device, uint64_t* bytes) {
+    return report("get_room",
+                  [&](Driver& driver) { *bytes = driver.roomBeyondCowFile(text(block_device)); });
 }
 // NOLINTEND(readability-identifier-naming)

@@ -32,13 +32,24 @@ int32_t tolvubd_reconfigure(uint32_t minor, uint64_t cache_size);
 /* Forgets the device. */
 int32_t tolvubd_destroy(uint32_t minor);
 
-/* Only where no kernel driver shows /proc/tolvu-info and /sys/module/tolvubd/version: the files that take
- * their place. A program that wants to run with either looks this symbol up weakly. */
+/* What follows is only where no kernel driver shows /proc/tolvu-info and /sys/module/tolvubd/version. A
+ * program that wants to run with either driver looks these symbols up weakly. */
+
+/* The files that take the place of the kernel's. Each call looks at the devices and brings the files to what
+ * it finds, unless the driver is busy: then they stay as they are. */
 struct tolvubd_status_files {
     const char* info;
     const char* version;
 };
 const struct tolvubd_status_files* tolvubd_get_status_files(void);
+/* 0 if /dev/tolvu<minor> shows one moment and has done so all the time; else nothing that was read of it can
+ * be relied on. To be asked after the last read. */
+int32_t tolvubd_check_snapshot(uint32_t minor);
+/* The names of the files that the driver keeps at a volume's root beside its CoW files; ends with NULL. */
+const char* const* tolvubd_get_own_files(void);
+/* How much of a volume tolvubd_setup_snapshot or tolvubd_transition_snapshot would take now, in bytes, beside
+ * the CoW file. */
+int32_t tolvubd_get_room(const char* block_device, uint64_t* bytes);
 
 #ifdef __cplusplus
 }

@@ -2,6 +2,7 @@
 #include "StateStore.h"
 
 #include <charconv>
+#include <cstring>
 #include <exception>
 #include <iomanip>
 #include <iostream>
@@ -41,17 +42,28 @@ std::uint32_t minorFrom(const std::string& text) {
     return minor;
 }
 
+/// By what a device is tracked, and why.
+std::string trackedBy(const Device& device) {
+    if (!device.layers) {
+        return device.reason.empty() ? "capture" : "capture: " + device.reason;
+    }
+    if (device.layers->error != 0) {
+        return std::string("device-mapper, not to be trusted: ") + std::strerror(device.layers->error);
+    }
+    return "device-mapper: linear table";
+}
+
 void print(const Device& device, const std::string& state) {
     std::cout << std::right << std::setw(5) << device.minor << "  " << std::left << std::setw(10) << state
               << std::setw(20) << device.blockDevice << std::setw(12) << device.cowFile << device.snapshot
-              << "  " << device.size << '\n';
+              << "  " << std::setw(14) << device.size << trackedBy(device) << '\n';
 }
 
 void list() {
     const tolvubd::Table table = tolvubd::observeTable();
     const bool live = tolvubd::isLive(table);
-    std::cout
-        << "minor  state     device              CoW file    snapshot                              bytes\n";
+    std::cout << "minor  state     device              CoW file    snapshot                              "
+                 "bytes         tracked by\n";
     for (const Device& device : table.devices) {
         const bool tracking = device.mode == Mode::tracking;
         print(device, !live ? "asleep" : tracking ? "tracking" : "snapshot");

@@ -54,11 +54,11 @@ bool isValid(const DriverDeviceInfo& device) {
 } // namespace
 
 DriverController::DriverController(Logger& logger, std::unique_ptr<BaseController> controller)
-    : DriverController(logger, std::move(controller), DriverStatusFiles::ofRunningDriver()) {}
+    : DriverController(logger, std::move(controller), DriverStatusFiles::ofRunningDriver) {}
 
 DriverController::DriverController(Logger& logger, std::unique_ptr<BaseController> controller,
-                                   DriverStatusFiles statusFiles)
-    : logger(logger), controller(std::move(controller)), statusFiles(std::move(statusFiles)) {
+                                   FindDriverStatusFiles findStatusFiles)
+    : logger(logger), controller(std::move(controller)), findStatusFiles(std::move(findStatusFiles)) {
     logger.log(level::debug, "DriverController created");
 }
 
@@ -68,12 +68,13 @@ DriverController::~DriverController() {
 
 bool DriverController::Load() {
     logger.log(level::debug, "start Load");
+    const std::string path = findStatusFiles().info;
     try {
-        return parse(readDriverStatusFile(statusFiles.info).value_or(std::string()));
+        return parse(readDriverStatusFile(path).value_or(std::string()));
     } catch (const std::exception& error) {
         const int reason = errno;
         logger.log(level::error, "Unable to read tolvubd info from %s: exception: %s, errno: %d",
-                   statusFiles.info.c_str(), error.what(), reason);
+                   path.c_str(), error.what(), reason);
         return false;
     }
 }

@@ -30,7 +30,7 @@ class DriverController : public IDriverController {
 public:
     DriverController(Logger& logger, std::unique_ptr<BaseController> controller);
     DriverController(Logger& logger, std::unique_ptr<BaseController> controller,
-                     DriverStatusFiles statusFiles);
+                     FindDriverStatusFiles findStatusFiles);
     DriverController(const DriverController&) = delete;
     DriverController& operator=(const DriverController&) = delete;
     DriverController(DriverController&&) = delete;
@@ -88,7 +88,7 @@ private:
     std::unordered_map<std::string, DriverDeviceInfo> devicesByBlockDevice;
     /// By device path: the state in which startSnapshot found the volume. Outlives the tables.
     std::unordered_map<std::string, std::int32_t> startingStates;
-    DriverStatusFiles statusFiles;
+    FindDriverStatusFiles findStatusFiles;
 };
 
 } // namespace agent::info

@@ -18,16 +18,18 @@ constexpr const char* unusable = "Could not open driver version file. ";
 
 } // namespace
 
-DriverInfoProvider::DriverInfoProvider(DriverStatusFiles statusFiles) : statusFiles(std::move(statusFiles)) {}
+DriverInfoProvider::DriverInfoProvider(FindDriverStatusFiles findStatusFiles)
+    : findStatusFiles(std::move(findStatusFiles)) {}
 
 std::string DriverInfoProvider::getDriverVersion() const {
+    const std::string path = findStatusFiles().version;
     // The directory comes and goes with the driver: it is the module's own below /sys/module.
-    if (!file::exists(Path(statusFiles.version).parent())) {
+    if (!file::exists(Path(path).parent())) {
         throw std::runtime_error(std::string(unusable) + moduleName + " is not present on your system!");
     }
-    const std::optional<std::string> text = readDriverStatusFile(statusFiles.version);
+    const std::optional<std::string> text = readDriverStatusFile(path);
     if (!text) {
-        throw std::runtime_error("Could not open driver version file \"" + statusFiles.version +
+        throw std::runtime_error("Could not open driver version file \"" + path +
                                  "\". Error: " + PosixError::describe(errno));
     }
     std::string version = text->substr(0, text->find('\n'));
@@ -42,7 +44,7 @@ bool DriverInfoProvider::isRebootRequired() const {
 }
 
 std::string DriverInfoProvider::getDriverStatus() const {
-    const std::optional<std::string> status = readDriverStatusFile(statusFiles.info);
+    const std::optional<std::string> status = readDriverStatusFile(findStatusFiles().info);
     if (!status) {
         throw std::runtime_error("Failed to open driver status info file");
     }

@@ -8,7 +8,7 @@ namespace agent::info {
 /// Reads the files in which the snapshot driver shows its state. See IDriverInfoProvider.
 class DriverInfoProvider : public IDriverInfoProvider {
 public:
-    explicit DriverInfoProvider(DriverStatusFiles statusFiles = DriverStatusFiles::ofRunningDriver());
+    explicit DriverInfoProvider(FindDriverStatusFiles findStatusFiles = DriverStatusFiles::ofRunningDriver);
 
     [[nodiscard]] std::string getDriverVersion() const override;
     /// Never: the driver is loaded and replaced without a restart of the machine.
@@ -16,7 +16,7 @@ public:
     [[nodiscard]] std::string getDriverStatus() const override;
 
 private:
-    DriverStatusFiles statusFiles;
+    FindDriverStatusFiles findStatusFiles;
 };
 
 } // namespace agent::info

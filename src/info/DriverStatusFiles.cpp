@@ -21,19 +21,14 @@ namespace {
 
 constexpr std::size_t largestStatusFile = std::size_t{64} << 20U;
 
-DriverStatusFiles findStatusFiles() {
+} // namespace
+
+DriverStatusFiles DriverStatusFiles::ofRunningDriver() {
     if (tolvubd_get_status_files != nullptr) {
         const tolvubd_status_files* files = tolvubd_get_status_files();
         return {files->info, files->version};
     }
     return {"/proc/tolvu-info", "/sys/module/tolvubd/version"};
-}
-
-} // namespace
-
-const DriverStatusFiles& DriverStatusFiles::ofRunningDriver() {
-    static const DriverStatusFiles files = findStatusFiles();
-    return files;
 }
 
 std::optional<std::string> readDriverStatusFile(const std::string& path) {

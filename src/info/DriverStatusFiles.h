@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <optional>
 #include <string>
 
@@ -11,9 +12,12 @@ struct DriverStatusFiles {
     std::string version; ///< a line of text; its directory is there as long as the driver is
 
     /// The kernel's places, unless the linked control library stands in for the driver and names its own.
-    /// Asking such a library makes it show its state, so each process asks once.
-    static const DriverStatusFiles& ofRunningDriver();
+    /// Such a library looks at its devices and shows what it finds before it answers, so whoever is about to
+    /// read a file asks first.
+    static DriverStatusFiles ofRunningDriver();
 };
+
+using FindDriverStatusFiles = std::function<DriverStatusFiles()>;
 
 /// All of a status file, or nothing if it can't be opened. Throws PosixError if reading it fails, and
 /// std::runtime_error for more than any driver has to tell.

@@ -80,7 +80,7 @@ def copy_used(device, image, file_system, offset):
 
 
 def fill(root, file_system):
-    """Files, links, and the agent's own three; what was deleted leaves its traces in free blocks."""
+    """Files, links, the driver's and the agent's own; what was deleted leaves its traces in free blocks."""
     fill_as_user(root, file_system)
     for name in OWN_FILES:
         (root / name).write_bytes(random.Random(name).randbytes(MIB))

@@ -100,7 +100,8 @@ def test_snapshot_stands_still(lab_site):
             with pytest.raises(OSError, match="Read-only"):
                 (snapshot / "new").touch()
             assert facts[name]["excludedFiles"] == [str(snapshot / file)
-                                                    for file in (".tolvu", ".tolvu1", ".tolvu.inc")]
+                                                    for file in (".tolvu", ".tolvu1", ".tolvu.inc",
+                                                                 ".tolvu.era")]
             assert facts[name]["incrementalPreserved"] is False
             size = lab_site[name].volume.mebibytes * MIB
             assert facts[name]["volumeSize"] == size == len(read_device(facts[name]["snapshotPath"]))

@@ -2,6 +2,7 @@
 import concurrent.futures
 import contextlib
 import errno
+import fcntl
 import os
 import pathlib
 import random
@@ -125,6 +126,26 @@ def test_status_follows_the_device(volume):
     must("destroy", 3)
     assert info()["devices"] == []
     assert cow_files(volume) == [".tolvu"]
+
+
+def test_check_tells_a_snapshot_from_everything_else(volume):
+    check_refused(volume, errno.ENOENT, "check_snapshot", 0)
+    take_snapshot(volume)
+    must("check_snapshot", 0)
+    must("transition_incremental", 0)
+    check_refused(volume, errno.EINVAL, "check_snapshot", 0)
+
+
+def test_status_does_not_wait_for_a_busy_driver(volume):
+    """Who only looks gets what was last shown, and the truth as soon as the driver is free."""
+    take_snapshot(volume)
+    (STATUS / "info").write_text("stale")
+    with open(STORE / "lock", "rb") as lock:
+        fcntl.flock(lock, fcntl.LOCK_EX)
+        must("start")
+        assert (STATUS / "info").read_text() == "stale"
+    must("start")
+    assert states() == {0: SNAPSHOT}
 
 
 def test_cow_file_begins_whole_and_empty(volume):

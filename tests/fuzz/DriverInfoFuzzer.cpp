@@ -48,7 +48,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     static const agent::info::BackupableVolume volume = makeVolume();
     agent::info::Logger logger{agent::info::PrinterFunction()};
     const MemoryFile file(data, size);
-    agent::info::DriverController controller(logger, nullptr, {file.path(), file.path()});
+    const agent::info::DriverStatusFiles files{file.path(), file.path()};
+    agent::info::DriverController controller(logger, nullptr, [&] { return files; });
     static_cast<void>(controller.isDriverVersionSupported());
     std::string next;
     DriverDeviceInfo device;

@@ -8,6 +8,7 @@
 #include "info/DriverController.h"
 #include "info/ICowFileSize.h"
 #include "model/ModelDriver.h"
+#include "support/FakeDriverExtension.h"
 #include "support/RecordingLogger.h"
 
 #include <cstring>
@@ -72,7 +73,8 @@ public:
           control(log.logger, sizes,
                   std::make_unique<info::DriverController>(
                       log.logger, std::make_unique<ModelDriver>(world),
-                      info::DriverStatusFiles{world.statusFile(), world.statusFile()})) {
+                      [&] { return info::DriverStatusFiles{world.statusFile(), world.statusFile()}; }),
+                  std::make_shared<test::FakeDriverExtension>()) {
         for (std::size_t index = 0; index < order.volumes; ++index) {
             volumes.push_back(std::make_shared<RoomyVolume>(describe(index)));
             types.push_back(order.type);

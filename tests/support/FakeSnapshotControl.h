@@ -25,7 +25,7 @@ struct SnapshotScript {
 class FakeSnapshotControl : public core::backup::SnapshotSessionControl {
 public:
     FakeSnapshotControl(info::Logger& logger, SnapshotScript& script)
-        : SnapshotSessionControl(logger, unused(), nullptr), script(script) {
+        : SnapshotSessionControl(logger, unused(), nullptr, nullptr), script(script) {
         call(script.onMake);
         ++script.living;
     }

@@ -83,16 +83,24 @@ std::optional<Geometry> readGeometry(const os::FileDescriptor& image, std::uint6
     return isSound(geometry, size) ? std::optional(geometry) : std::nullopt;
 }
 
+Fields readDescriptor(const os::FileDescriptor& image, const Geometry& geometry, std::uint64_t group) {
+    const std::uint64_t table = (geometry.firstBlock + 1) * geometry.blockSize;
+    return {image, table + group * geometry.descriptorSize, geometry.descriptorSize};
+}
+
+bool wasUsed(const Geometry& geometry, const Fields& group) {
+    return !geometry.hasGroupFlags || (group.little(descriptor::flags) & neverUsed) == 0;
+}
+
 /// Marks what a group's bitmap says is in use. Of a group whose bitmap was never written nothing is marked:
 /// its structures come into use with the group.
 bool markGroup(const os::FileDescriptor& image, const Geometry& geometry, std::uint64_t group,
                std::vector<bool>& used) {
-    const std::uint64_t table = (geometry.firstBlock + 1) * geometry.blockSize;
-    const Fields fields(image, table + group * geometry.descriptorSize, geometry.descriptorSize);
+    const Fields fields = readDescriptor(image, geometry, group);
     if (!fields) {
         return false;
     }
-    if (geometry.hasGroupFlags && (fields.little(descriptor::flags) & neverUsed) != 0) {
+    if (!wasUsed(geometry, fields)) {
         return true;
     }
     const std::uint64_t block = fields.little(descriptor::bitmap) |
@@ -114,13 +122,37 @@ bool markGroup(const os::FileDescriptor& image, const Geometry& geometry, std::u
 
 } // namespace
 
+std::optional<std::vector<bool>> readExtGroups(const os::FileDescriptor& image, std::uint64_t size) {
+    const std::optional<Geometry> geometry = readGeometry(image, size);
+    if (!geometry) {
+        return std::nullopt;
+    }
+    std::vector<bool> used(geometry->groups());
+    for (std::uint64_t group = 0; group < used.size(); ++group) {
+        const Fields fields = readDescriptor(image, *geometry, group);
+        if (!fields) {
+            return std::nullopt;
+        }
+        used[group] = wasUsed(*geometry, fields);
+    }
+    return used;
+}
+
 std::optional<SpaceMap> readExtSpace(const os::FileDescriptor& image, std::uint64_t size) {
+    return readExtSpaceWithout(image, size, {});
+}
+
+std::optional<SpaceMap> readExtSpaceWithout(const os::FileDescriptor& image, std::uint64_t size,
+                                            const std::vector<bool>& leftOut) {
     const std::optional<Geometry> geometry = readGeometry(image, size);
     if (!geometry) {
         return std::nullopt;
     }
     SpaceMap map{geometry->blockSize, std::vector<bool>(geometry->blocks)};
     for (std::uint64_t group = 0; group < geometry->groups(); ++group) {
+        if (group < leftOut.size() && leftOut[group]) {
+            continue;
+        }
         if (!markGroup(image, *geometry, group, map.used)) {
             return std::nullopt;
         }

@@ -20,6 +20,11 @@ struct SpaceMap {
 std::optional<SpaceMap> readSpaceMap(const os::FileDescriptor& image, std::uint64_t size);
 
 std::optional<SpaceMap> readExtSpace(const os::FileDescriptor& image, std::uint64_t size);
+/// The same, with nothing marked in the block groups that are flagged.
+std::optional<SpaceMap> readExtSpaceWithout(const os::FileDescriptor& image, std::uint64_t size,
+                                            const std::vector<bool>& leftOut);
+/// One flag for each block group: whether anything in it was ever in use.
+std::optional<std::vector<bool>> readExtGroups(const os::FileDescriptor& image, std::uint64_t size);
 std::optional<SpaceMap> readXfsSpace(const os::FileDescriptor& image, std::uint64_t size);
 std::optional<SpaceMap> readNtfsSpace(const os::FileDescriptor& image, std::uint64_t size);
 

@@ -28,7 +28,7 @@ public:
     bool end() noexcept override;
     [[nodiscard]] int descriptor() const noexcept override { return server.descriptor(); }
 
-    /// Less than the guard's, which counts from the beginning.
+    /// Less than the guard's.
     static constexpr int patienceMilliseconds = 5'000;
 
 private:

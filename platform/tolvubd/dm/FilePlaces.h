@@ -11,12 +11,12 @@ namespace tolvubd::dm {
 inline constexpr std::size_t mostPieces = 256;
 
 /// Makes a file all of whose space is reserved, on disk, and which nobody can change, move or remove until
-/// releaseFile; a file of that name must not be there. Returns where it lies on its volume, in the order of the
-/// file and in whole 4096 bytes.
+/// releaseFile; a file of that name must not be there. Returns where it lies on its volume, in the order of
+/// the file and in whole 4096 bytes.
 ///
-/// Fails: ENOSPC; EOPNOTSUPP when the file system can't reserve it, can't lock it, doesn't tell where it lies,
-///        or has put it into more than `mostPieces` pieces, on another device, shared, encrypted or compressed.
-///        The file is gone then.
+/// Fails: ENOSPC; EOPNOTSUPP when the file system can't reserve it, can't lock it, doesn't tell where it
+///        lies, or has put it into more than `mostPieces` pieces, on another device, shared, encrypted or
+///        compressed. The file is gone then.
 std::vector<Extent> makeLockedFile(const std::string& path, std::uint64_t size);
 /// Where a file lies, and nothing in it that is elsewhere; fails as above.
 std::vector<Extent> placesOf(const std::string& path);

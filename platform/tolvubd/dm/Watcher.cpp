@@ -1,3 +1,136 @@
 #include "dm/Watcher.h"
 
-namespace tolvubd {} // namespace tolvubd
+#include "Companion.h"
+#include "Failure.h"
+#include "dm/ControlRequest.h"
+
+#include <algorithm>
+#include <array>
+#include <csignal>
+#include <linux/netlink.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace tolvubd::dm {
+
+namespace {
+
+constexpr int pauseMilliseconds = 1000;
+constexpr std::size_t room = 16384;
+constexpr std::uint32_t ofTheKernel = 1; ///< the group of those that hear the kernel's own events
+
+os::FileDescriptor openEvents() {
+    os::FileDescriptor events(checked(::socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_KOBJECT_UEVENT),
+                                      "listen to the kernel's events"));
+    sockaddr_nl address{};
+    address.nl_family = AF_NETLINK;
+    address.nl_groups = ofTheKernel;
+    const void* bytes = &address;
+    checked(::bind(events.get(), static_cast<const sockaddr*>(bytes), sizeof address),
+            "listen to the kernel's events");
+    return events;
+}
+
+/// All that the copy of the process needs. It listens from the beginning, so that no event is lost in
+/// between.
+class Watch {
+public:
+    Watch(const Device& volume, const Device& snapshot);
+
+    [[noreturn]] void live() noexcept;
+
+private:
+    [[nodiscard]] bool isAsBefore() noexcept;
+    [[nodiscard]] bool isWhole() const noexcept;
+    [[nodiscard]] bool putError() noexcept;
+    void waitForEvent() const noexcept;
+
+    os::FileDescriptor events;
+    os::FileDescriptor control;
+    ControlRequest table;  ///< of the volume
+    ControlRequest status; ///< of the snapshot
+    ControlRequest loadError;
+    ControlRequest resume;
+    std::vector<std::byte> before;
+};
+
+// No file system is frozen for the exchange: it would be a mount of the snapshot, which nobody writes to.
+Watch::Watch(const Device& volume, const Device& snapshot)
+    : events(openEvents()),
+      control(openControl()),
+      table(volume, DM_TABLE_STATUS, DM_STATUS_TABLE_FLAG | DM_NOFLUSH_FLAG, room),
+      status(snapshot, DM_TABLE_STATUS, DM_NOFLUSH_FLAG, room),
+      loadError(snapshot, DM_TABLE_LOAD, 0),
+      resume(snapshot, DM_DEV_SUSPEND, DM_SKIP_LOCKFS_FLAG) {
+    loadError.addTarget({0, sizeOf(liveTable(snapshot)), "error", ""});
+    resume.tellUdev(Visibility::hidden);
+    if (!table.send(control.get())) {
+        failWithErrno("read the table of the volume");
+    }
+    before.assign(table.answer().begin(), table.answer().end());
+    if (before.empty()) {
+        fail(E2BIG, "read the table of the volume");
+    }
+}
+
+bool Watch::isAsBefore() noexcept {
+    return table.send(control.get()) && std::ranges::equal(table.answer(), before);
+}
+
+/// A snapshot that can be read tells how much room it has used. Of any other, words tell what is wrong.
+bool Watch::isWhole() const noexcept {
+    const std::span<const std::byte> answer = status.answer();
+    if (answer.size() <= sizeof(dm_target_spec)) {
+        return false;
+    }
+    const auto first = static_cast<char>(answer[sizeof(dm_target_spec)]);
+    return first >= '0' && first <= '9';
+}
+
+bool Watch::putError() noexcept {
+    return loadError.send(control.get()) && resume.send(control.get());
+}
+
+/// An event only says that it's time to look: nothing is made of what stands in it.
+void Watch::waitForEvent() const noexcept {
+    pollfd poll{events.get(), POLLIN, 0};
+    if (::poll(&poll, 1, pauseMilliseconds) > 0) {
+        std::array<char, 64> text{};
+        ::recv(events.get(), text.data(), text.size(), MSG_DONTWAIT);
+    }
+}
+
+void Watch::live() noexcept {
+    companion::settle("tolvubd-watch", control.get(), events.get());
+    companion::letIn(SIGTERM);
+    while (true) {
+        const bool isThere = status.send(control.get());
+        if (!isThere && errno == ENXIO) {
+            ::_exit(0);
+        }
+        if ((!isThere || !isWhole() || !isAsBefore()) && putError()) {
+            ::_exit(1);
+        }
+        waitForEvent();
+    }
+}
+
+} // namespace
+
+void startWatcher(const Device& volume, const Device& snapshot) {
+    Watch watch(volume, snapshot);
+    const pid_t child = checked(companion::start(), "start the watcher");
+    if (child == 0) {
+        const pid_t watcher = companion::start();
+        if (watcher == 0) {
+            watch.live();
+        }
+        ::_exit(watcher < 0 ? errno : 0);
+    }
+    if (const int status = companion::exitStatus(child).value_or(ECHILD); status != 0) {
+        fail(status, "start the watcher");
+    }
+}
+
+} // namespace tolvubd::dm

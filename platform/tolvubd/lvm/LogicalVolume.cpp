@@ -1,3 +1,54 @@
 #include "lvm/LogicalVolume.h"
 
-namespace tolvubd {} // namespace tolvubd
+#include "Failure.h"
+#include "FileAccess.h"
+#include "lvm/VolumeSearch.h"
+
+#include <cerrno>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <utility>
+
+namespace tolvubd {
+namespace {
+
+/// The node that the kernel's own file system of devices has for a block device.
+std::string nodeOf(dev_t number) {
+    const std::string path =
+        "/sys/dev/block/" + std::to_string(major(number)) + ":" + std::to_string(minor(number)) + "/uevent";
+    const std::string key = "\nDEVNAME=";
+    const std::string text = "\n" + readToEnd(path);
+    const std::size_t name = text.find(key);
+    if (name == std::string::npos) {
+        fail(ENODEV, path);
+    }
+    const std::size_t begin = name + key.size();
+    return "/dev/" + text.substr(begin, text.find('\n', begin) - begin);
+}
+
+/// For direct I/O, as LVM's own writes pass the page cache by.
+lvm::OpenDevice openDevice(dev_t number) {
+    const std::string node = nodeOf(number);
+    os::FileDescriptor file = openFile(node, O_RDONLY | O_DIRECT | O_NONBLOCK);
+    struct stat status{};
+    checked(::fstat(file.get(), &status), "stat " + node);
+    if (!S_ISBLK(status.st_mode) || status.st_rdev != number) {
+        fail(ENODEV, node);
+    }
+    return {number, std::move(file)};
+}
+
+} // namespace
+
+std::optional<std::vector<VolumePiece>> readLogicalVolume(const std::string& uuid,
+                                                          const std::vector<dev_t>& devices) {
+    std::vector<lvm::OpenDevice> open;
+    open.reserve(devices.size());
+    for (const dev_t number : devices) {
+        open.push_back(openDevice(number));
+    }
+    return lvm::findLogicalVolume(uuid, open);
+}
+
+} // namespace tolvubd

@@ -32,8 +32,8 @@ struct BootRecord {
     bool operator==(const BootRecord&) const = default;
 };
 
-/// From and to layout::bootRecord. A file that isn't there is an empty record; one that isn't sound fails with
-/// EBADMSG.
+/// From and to layout::bootRecord. A file that isn't there is an empty record; one that isn't sound fails
+/// with EBADMSG.
 BootRecord readBootRecord(const std::string& path);
 /// Durably, and only if it differs from what is there.
 void writeBootRecord(const std::string& path, const BootRecord& record);

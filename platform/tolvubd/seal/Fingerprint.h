@@ -8,12 +8,12 @@
 
 namespace tolvubd {
 
-/// What a file system's own structures tell of whether somebody has written to it: compared across a restart of
-/// the machine, during which nobody was watching.
+/// What a file system's own structures tell of whether somebody has written to it: compared across a restart
+/// of the machine, during which nobody was watching.
 struct Fingerprint {
     std::string kind; ///< "ext" or "xfs"
-    /// What every mount for writing and every repair changes, and nothing else: of ext the UUID, the time of the
-    /// last mount, the count of mounts and the time of the last check; of XFS the UUID, which is less.
+    /// What every mount for writing and every repair changes, and nothing else: of ext the UUID, the time of
+    /// the last mount, the count of mounts and the time of the last check; of XFS the UUID, which is less.
     std::string mount;
     /// What changes with whatever is written: of ext also the time of the last write, the state, the counters
     /// of the superblock and where its journal begins; of XFS the head of its log.
@@ -23,8 +23,8 @@ struct Fingerprint {
     bool operator==(const Fingerprint&) const = default;
 };
 
-/// Reads it from a device or an image, past the page cache where that can be done. None when it is another file
-/// system, one without a journal, or not sound.
+/// Reads it from a device or an image, past the page cache where that can be done. None when it is another
+/// file system, one without a journal, or not sound.
 std::optional<Fingerprint> readFingerprint(const os::FileDescriptor& device, std::uint64_t size);
 
 } // namespace tolvubd

@@ -24,6 +24,8 @@ struct Seal {
     std::string start; ///< the kernel's boot_id at which it was written
     Device device;
     std::optional<Fingerprint> fingerprint;
+
+    bool operator==(const Seal&) const = default;
 };
 
 /// Bytes of `.tolvu.era` that are the seal's; the metadata of the era target begins behind them.

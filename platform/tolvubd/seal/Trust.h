@@ -10,10 +10,13 @@ namespace tolvubd {
 /// Why something may have been written to the volume, since the seal was, that its layers haven't seen; none
 /// when that can't be. To be asked before the volume is mounted, as the first mount changes the answer.
 ///
-/// A clean seal holds while the fingerprint is equal in all. An open one, as a crash leaves it, holds
+/// Each holds while the fingerprint is equal in all: nothing was written. An open one, as a crash leaves it,
+/// also holds
 /// - for ext, while the journal has yet to be replayed and mount time, mount count and last check are equal;
-/// - for XFS, while its log has yet to be replayed and `previousStart`, the last start of this machine that is
-///   on record before this one, is that of the seal: its log tells of no mount in between.
+/// - for XFS, while its log has yet to be replayed and `previousStart`, the last start of this machine that
+///   is on record before this one, is that of the seal. Its log doesn't tell of a mount in between by some
+///   other system that stopped without an unmount.
+///
 /// In any doubt there is a reason.
 std::optional<std::string> reasonForDoubt(const Seal& seal, const std::optional<Fingerprint>& now,
                                           const std::string& previousStart);

@@ -16,8 +16,12 @@ std::string baseName(const std::string& path) {
 
 } // namespace
 
-std::vector<std::string> below(const Path& root) {
-    return {root / firstCow, root / secondCow, root / info::volume_files::history};
+std::vector<std::string> below(const Path& root, const std::vector<std::string>& driversOwn) {
+    std::vector<std::string> files{root / firstCow, root / secondCow, root / info::volume_files::history};
+    for (const std::string& name : driversOwn) {
+        files.push_back(root / name);
+    }
+    return files;
 }
 
 std::string changeRecord(const Path& root, const info::DriverDeviceInfo& device) {

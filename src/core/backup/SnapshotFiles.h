@@ -10,8 +10,9 @@
 /// turns; the one that the driver doesn't name is of the time before the current snapshot or tracking.
 namespace agent::core::backup::snapshot_files {
 
-/// All of them, as they appear in the root of a volume that is mounted at `root`.
-std::vector<std::string> below(const Path& root);
+/// All of them, as they appear in the root of a volume that is mounted at `root`; `driversOwn` are the names
+/// of what the driver keeps there beside the CoW files.
+std::vector<std::string> below(const Path& root, const std::vector<std::string>& driversOwn);
 
 /// The CoW file with the record of what has changed since the last backup: while the device is tracked the
 /// current one, during a snapshot the other. `root` is where the volume is mounted.

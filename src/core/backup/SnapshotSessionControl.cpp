@@ -11,6 +11,7 @@
 #include "info/CowFile.h"
 #include "info/CowFormat.h"
 #include "info/DriverController.h"
+#include "info/DriverExtension.h"
 #include "info/HumanSize.h"
 #include "info/ICowFileSize.h"
 #include "info/TolvubdController.h"
@@ -75,8 +76,12 @@ std::uint64_t unchangedBlocks(std::uint64_t blocks, std::uint64_t changed) {
 
 class SnapshotSessionControl::Impl {
 public:
-    Impl(Logger& logger, info::ICowFileSize& cowFileSize, std::unique_ptr<info::IDriverController> driver)
-        : logger(logger), cowFileSize(cowFileSize), driver(std::move(driver)) {}
+    Impl(Logger& logger, info::ICowFileSize& cowFileSize, std::unique_ptr<info::IDriverController> driver,
+         std::shared_ptr<const info::IDriverExtension> extension)
+        : logger(logger),
+          cowFileSize(cowFileSize),
+          driver(std::move(driver)),
+          extension(std::move(extension)) {}
 
     VolumeSnapshotInfos startSnapshots(const Volumes& volumes, const IBackupAttributes& attributes);
     VolumeSnapshotInfos transitionToIncremental(const Volumes& volumes, bool success);
@@ -85,6 +90,7 @@ private:
     void validateDriver();
     void validateVolume(const BackupableVolume& volume, const IBackupAttributes& attributes);
     bool hasEnoughFreeSpace(const BackupableVolume& volume);
+    std::uint64_t driversRoom(const BackupableVolume& volume);
     bool hasSnapshotFiles(const BackupableVolume& volume);
     void checkIncrementalState(const Volumes& volumes, const IBackupAttributes& attributes,
                                IncrementalStates& states);
@@ -101,12 +107,15 @@ private:
     void endSnapshot(const BackupableVolume& volume, IncrementalStates& states);
     void removeOldCowFiles(const Volumes& volumes);
     [[nodiscard]] std::vector<std::string> getSnapshotFiles(const BackupableVolume& volume) const;
-    block::IncrementalBitmapInfo getIncrementalBitmapInfo(const BackupableVolume& volume);
+    DriverDeviceInfo deviceOf(const BackupableVolume& volume);
+    block::IncrementalBitmapInfo getIncrementalBitmapInfo(const BackupableVolume& volume,
+                                                          const DriverDeviceInfo& device);
     VolumeSnapshotInfos buildSnapshotInfo(const Volumes& volumes, IncrementalStates& states);
 
     Logger& logger;
     info::ICowFileSize& cowFileSize;
     std::unique_ptr<info::IDriverController> driver;
+    std::shared_ptr<const info::IDriverExtension> extension;
     std::once_flag validateOnce;
     /// By UUID, what the closed records of this session hold. A volume that isn't in here is one whose debt
     /// this session doesn't know: it never started the snapshot, or not from an intact record.
@@ -157,7 +166,8 @@ bool SnapshotSessionControl::Impl::hasEnoughFreeSpace(const BackupableVolume& vo
     const std::uint64_t cowMiB =
         cowFileSize.getCowFileSizeMiB(logger, volume.getUuid(), volume.getSize(), volume.getFileSystem());
     const std::uint64_t required = cowMiB * bytesPerMiB + info::cow::entrySize +
-                                   info::cow::entrySize * (volume.getSize() / info::cow::blockSize);
+                                   info::cow::entrySize * (volume.getSize() / info::cow::blockSize) +
+                                   driversRoom(volume);
     const std::uint64_t available = volume.getSpaceFree();
     if (available >= required) {
         return true;
@@ -168,11 +178,21 @@ bool SnapshotSessionControl::Impl::hasEnoughFreeSpace(const BackupableVolume& vo
     return false;
 }
 
+/// A driver that can't tell fails when it takes the room, at the latest.
+std::uint64_t SnapshotSessionControl::Impl::driversRoom(const BackupableVolume& volume) {
+    try {
+        return extension->getRoom(volume.getDevice());
+    } catch (const PosixError& failure) {
+        LogEntry(logger, warning) << failure.what();
+        return 0;
+    }
+}
+
 /// A change record without its history fails: nobody could tell whether an earlier backup is owed changes.
 bool SnapshotSessionControl::Impl::hasSnapshotFiles(const BackupableVolume& volume) {
     block::IncrementalBitmapInfo record;
     try {
-        record = getIncrementalBitmapInfo(volume);
+        record = getIncrementalBitmapInfo(volume, deviceOf(volume));
     } catch (const std::runtime_error&) {
         return true; // there is nothing to check
     }
@@ -400,11 +420,11 @@ void SnapshotSessionControl::Impl::removeOldCowFiles(const Volumes& volumes) {
 
 std::vector<std::string>
 SnapshotSessionControl::Impl::getSnapshotFiles(const BackupableVolume& volume) const {
-    return snapshot_files::below(mountRoot / volume.getUuid());
+    return snapshot_files::below(mountRoot / volume.getUuid(), extension->getOwnFiles());
 }
 
-block::IncrementalBitmapInfo
-SnapshotSessionControl::Impl::getIncrementalBitmapInfo(const BackupableVolume& volume) {
+/// Of a volume that can have a record of changes.
+DriverDeviceInfo SnapshotSessionControl::Impl::deviceOf(const BackupableVolume& volume) {
     if (volume.getMountPoints().empty()) {
         throw std::runtime_error("Unable to determine incremental bitmap file name.");
     }
@@ -412,6 +432,12 @@ SnapshotSessionControl::Impl::getIncrementalBitmapInfo(const BackupableVolume& v
     if (!driver->getDeviceInfo(volume, device)) {
         throw std::runtime_error("Unable to determine incremental bitmap file name. No device available.");
     }
+    return device;
+}
+
+block::IncrementalBitmapInfo
+SnapshotSessionControl::Impl::getIncrementalBitmapInfo(const BackupableVolume& volume,
+                                                       const DriverDeviceInfo& device) {
     const std::string name = snapshot_files::changeRecord(volume.getMountPoints().front(), device);
     const info::CowFile cowFile(logger, name);
     const std::uint64_t blocks = volume.getBlockCount();
@@ -431,9 +457,13 @@ VolumeSnapshotInfos SnapshotSessionControl::Impl::buildSnapshotInfo(const Volume
         VolumeSnapshotInfo info;
         driver->getSnapshotPath(*volume, info.snapshotPath);
         info.volumeSize = volume->getBlockSize() * volume->getBlockCount();
-        info.incrementalBitmap = getIncrementalBitmapInfo(*volume);
+        const DriverDeviceInfo device = deviceOf(*volume);
+        info.incrementalBitmap = getIncrementalBitmapInfo(*volume, device);
         info.incrementalPreserved = states[uuid];
         info.excludedFiles = getSnapshotFiles(*volume);
+        info.check = [extension = extension, minor = device.minor] {
+            return extension->checkSnapshot(minor);
+        };
         if (!result.emplace(uuid, std::move(info)).second) {
             fail(logger, "Could not add VolumeSnapshotInfo for volume UUID " + volume->getDisplayName(),
                  "Could not insert a VolumeSnapshotInfo object for volume UUID " + uuid +
@@ -446,11 +476,13 @@ VolumeSnapshotInfos SnapshotSessionControl::Impl::buildSnapshotInfo(const Volume
 SnapshotSessionControl::SnapshotSessionControl(Logger& logger, info::ICowFileSize& cowFileSize)
     : SnapshotSessionControl(
           logger, cowFileSize,
-          std::make_unique<info::DriverController>(logger, std::make_unique<info::TolvubdController>())) {}
+          std::make_unique<info::DriverController>(logger, std::make_unique<info::TolvubdController>()),
+          std::make_shared<info::DriverExtension>()) {}
 
 SnapshotSessionControl::SnapshotSessionControl(Logger& logger, info::ICowFileSize& cowFileSize,
-                                               std::unique_ptr<info::IDriverController> driver)
-    : impl(std::make_unique<Impl>(logger, cowFileSize, std::move(driver))) {}
+                                               std::unique_ptr<info::IDriverController> driver,
+                                               std::shared_ptr<const info::IDriverExtension> extension)
+    : impl(std::make_unique<Impl>(logger, cowFileSize, std::move(driver), std::move(extension))) {}
 
 SnapshotSessionControl::~SnapshotSessionControl() = default;
 

@@ -10,6 +10,7 @@ namespace agent::info {
 class BackupableVolume;
 class ICowFileSize;
 class IDriverController;
+class IDriverExtension;
 } // namespace agent::info
 
 namespace agent::core::backup {
@@ -31,7 +32,8 @@ public:
 
     SnapshotSessionControl(info::Logger& logger, info::ICowFileSize& cowFileSize);
     SnapshotSessionControl(info::Logger& logger, info::ICowFileSize& cowFileSize,
-                           std::unique_ptr<info::IDriverController> driver);
+                           std::unique_ptr<info::IDriverController> driver,
+                           std::shared_ptr<const info::IDriverExtension> extension);
     SnapshotSessionControl(const SnapshotSessionControl&) = delete;
     SnapshotSessionControl& operator=(const SnapshotSessionControl&) = delete;
     SnapshotSessionControl(SnapshotSessionControl&&) = delete;

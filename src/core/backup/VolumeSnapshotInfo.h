@@ -3,6 +3,7 @@
 #include "core/block/IncrementalBitmapInfo.h"
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -27,6 +28,9 @@ public:
     /// volume is tracked, so that the next backup can be incremental.
     bool incrementalPreserved = false;
     block::IncrementalBitmapInfo incrementalBitmap;
+    /// To be asked when all has been read: 0 if the snapshot has shown one moment until now, else a value of
+    /// `errno`. Without it, nobody can tell.
+    std::function<int()> check;
 };
 
 /// By the volumes' UUIDs.

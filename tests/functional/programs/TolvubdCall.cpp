@@ -44,6 +44,15 @@ int32_t call(const std::string& function, const std::vector<std::string>& a) {
     if (function == "destroy") {
         return tolvubd_destroy(minorOf(a.at(0)));
     }
+    if (function == "check_snapshot") {
+        return tolvubd_check_snapshot(minorOf(a.at(0)));
+    }
+    if (function == "get_room") {
+        uint64_t bytes = 0;
+        const int32_t result = tolvubd_get_room(a.at(0).c_str(), &bytes);
+        std::cout << bytes << '\n';
+        return result;
+    }
     if (function == "start") {
         std::cout << tolvubd_get_status_files()->info << '\n';
         return 0;

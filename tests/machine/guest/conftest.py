@@ -6,7 +6,7 @@ import sys
 import pytest
 
 ROOT = pathlib.Path(__file__).resolve().parents[3]
-sys.path.insert(0, str(ROOT))
+sys.path[:0] = [str(ROOT), str(ROOT / "tests" / "functional")]
 
 
 @pytest.fixture(scope="session")

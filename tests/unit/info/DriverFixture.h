@@ -84,7 +84,8 @@ protected:
     FakeDriver driver{recorder, mountPoint, statusFiles.info};
     FixedCowFileSize cowFileSize;
     info::BackupableVolume volume{volumeOf("ext4", {mountPoint, "/other"})};
-    info::DriverController controller{recorder.logger, std::make_unique<FakeController>(driver), statusFiles};
+    info::DriverController controller{recorder.logger, std::make_unique<FakeController>(driver),
+                                      [this] { return statusFiles; }};
 };
 
 } // namespace agent::test

@@ -1,5 +1,6 @@
 #include "info/DriverInfoProvider.h"
 
+#include "info/DriverExtension.h"
 #include "support/Messages.h"
 #include "support/TestDirectory.h"
 
@@ -25,7 +26,11 @@ protected:
     test::TestDirectory directory;
     const std::string info = directory / "driver/info";
     const std::string version = directory / "driver/version";
-    DriverInfoProvider provider{{info, version}};
+    int asked = 0;
+    DriverInfoProvider provider{[this] {
+        ++asked;
+        return DriverStatusFiles{info, version};
+    }};
 };
 
 TEST_F(DriverInfoProviderTest, WithoutADriver) {
@@ -60,10 +65,28 @@ TEST_F(DriverInfoProviderTest, StatusIsTheWholeFile) {
     EXPECT_FALSE(provider.isRebootRequired());
 }
 
+TEST_F(DriverInfoProviderTest, DriverIsAskedForItsFilesEachTime) {
+    dir::make(directory / "driver");
+    writeFile(info, "{}");
+    writeFile(version, "0.9.16");
+    static_cast<void>(provider.getDriverStatus());
+    static_cast<void>(provider.getDriverStatus());
+    EXPECT_EQ(asked, 2);
+    static_cast<void>(provider.getDriverVersion());
+    EXPECT_EQ(asked, 3);
+}
+
 /// No library that stands in for the driver is linked here.
 TEST_F(DriverInfoProviderTest, KernelsFilesUnlessALibraryNamesOthers) {
     EXPECT_EQ(DriverStatusFiles::ofRunningDriver().info, "/proc/tolvu-info");
     EXPECT_EQ(DriverStatusFiles::ofRunningDriver().version, "/sys/module/tolvubd/version");
+}
+
+TEST_F(DriverInfoProviderTest, KernelDriversLibraryHasNothingToAdd) {
+    const DriverExtension extension;
+    EXPECT_EQ(extension.checkSnapshot(0), 0);
+    EXPECT_TRUE(extension.getOwnFiles().empty());
+    EXPECT_EQ(extension.getRoom("/dev/sda1"), 0U);
 }
 
 } // namespace

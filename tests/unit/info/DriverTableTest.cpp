@@ -67,7 +67,7 @@ protected:
 TEST_F(DriverTableTest, SaysWhenItComesAndGoes) {
     recorder.clear();
     {
-        DriverController(recorder.logger, nullptr, statusFiles);
+        DriverController(recorder.logger, nullptr, [this] { return statusFiles; });
     }
     EXPECT_EQ(recorder.lines(), (Lines{{level::debug, "DriverController created"},
                                        {level::debug, "DriverController destroyed"}}));
@@ -236,11 +236,23 @@ TEST_F(DriverTableTest, ReadErrorIsNamed) {
 }
 
 TEST_F(DriverTableTest, EndlessFileIsRefused) {
-    DriverController endless(recorder.logger, nullptr, {"/dev/zero", statusFiles.version});
+    DriverController endless(recorder.logger, nullptr, [] { return DriverStatusFiles{"/dev/zero", ""}; });
     recorder.clear();
     EXPECT_FALSE(endless.Load());
     EXPECT_TRUE(recorder.hasPart(
         level::error, "Unable to read tolvubd info from /dev/zero: exception: \"/dev/zero\" is too large"));
+}
+
+/// A driver that looks at its devices when it is asked where it shows them.
+TEST_F(DriverTableTest, EachLoadAsksTheDriverForItsFiles) {
+    addDevice(2);
+    DriverController asking(recorder.logger, nullptr, [this] {
+        driver.add({1, 2, "/.tolvu", "/dev/fake2", 5});
+        return statusFiles;
+    });
+    DriverDeviceInfo found;
+    ASSERT_TRUE(asking.getDeviceByMinor(1, found));
+    EXPECT_EQ(found.error, 5);
 }
 
 TEST_F(DriverTableTest, PipeIsEmptyText) {

@@ -330,7 +330,8 @@ private:
 
 TEST_F(DriverTransitionsTest, DeviceThatVanishesInTheTransition) {
     addDevice(3);
-    DriverController other(recorder.logger, std::make_unique<VanishingController>(driver), statusFiles);
+    DriverController other(recorder.logger, std::make_unique<VanishingController>(driver),
+                           [this] { return statusFiles; });
     recorder.clear();
     EXPECT_FALSE(other.transitionToIncremental(volume));
     EXPECT_EQ(linesAbove(level::warning).back(),

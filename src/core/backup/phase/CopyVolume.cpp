@@ -1,5 +1,6 @@
 #include "core/backup/phase/CopyVolume.h"
 
+#include "common/PosixError.h"
 #include "core/backup/BackupType.h"
 #include "core/backup/PhaseRunner.h"
 #include "core/backup/VolumeChecksumGenerator.h"
@@ -162,11 +163,35 @@ void CopyVolume::copy(const VolumeSnapshotInfo& snapshot, std::uint32_t type) {
     copy.open(type == DIFFERENTIAL_MERGE);
     withdrawChecksum(type);
     try {
-        copy.transfer(type == INCREMENTAL);
+        transfer(copy, snapshot, type);
     } catch (...) {
         withdrawChecksum(type); // in case the database couldn't be told before
         throw;
     }
+}
+
+void CopyVolume::transfer(Copy& copy, const VolumeSnapshotInfo& snapshot, std::uint32_t type) {
+    try {
+        copy.transfer(type == INCREMENTAL);
+    } catch (...) {
+        isIntact(snapshot); // if not, that is why it couldn't be read
+        throw;
+    }
+    if (!isIntact(snapshot)) {
+        throw std::runtime_error("The snapshot has not lasted for its copy!");
+    }
+}
+
+bool CopyVolume::isIntact(const VolumeSnapshotInfo& snapshot) {
+    const int failure = snapshot.check ? snapshot.check() : 0;
+    if (failure == 0) {
+        return true;
+    }
+    info::LogEntry(logger, info::level::error)
+        << "The snapshot " << snapshot.snapshotPath << " of volume " << volume->getDisplayName()
+        << " has not lasted for its copy: " << PosixError::describe(failure);
+    status.setSnapshotError();
+    return false;
 }
 
 void CopyVolume::withdrawChecksum(std::uint32_t type) {

@@ -33,10 +33,16 @@ private:
     class Copy;
 
     void copy(const VolumeSnapshotInfo& snapshot, std::uint32_t type);
+    /// A snapshot that fails may show what programs write now, and no read needs to fail for that: it is
+    /// looked at when all has been read.
+    void transfer(Copy& copy, const VolumeSnapshotInfo& snapshot, std::uint32_t type);
     /// From here on the volume is known, but its image holds nothing that could be relied on: without a
     /// checksum the next backup compares every block. Only an incremental keeps the checksum, because what
     /// it lacks stands in the volume's history. A database that can't take that doesn't fail the copy.
     void withdrawChecksum(std::uint32_t type);
+    /// Whether what has been read of the snapshot can be relied on; if not, says so to the administrator and
+    /// to the appliance.
+    bool isIntact(const VolumeSnapshotInfo& snapshot);
     void registerImage();
 
     info::Logger& logger;

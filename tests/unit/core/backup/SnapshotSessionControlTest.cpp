@@ -117,6 +117,49 @@ TEST_F(SnapshotSessionControlTest, OneByteTooFewIsFull) {
                                    ") is full, not enough free space to perform a backup"));
 }
 
+TEST_F(SnapshotSessionControlTest, TheDriversOwnRoomIsNeededToo) {
+    const auto volume = makeVolume(one);
+    extension->room["/dev/disk1"] = 5'000'000;
+    volume->free = required(size) + 4'999'999;
+    EXPECT_EQ(startFailure({volume}), "Cannot backup a full volume");
+    EXPECT_TRUE(
+        log.has(error, "The required free space for volume " + one +
+                           " is 109878088 bytes (104.787 MiB), but only 109878087 bytes (104.787 MiB) "
+                           "is available"));
+    volume->free += 1;
+    start({volume}, FULL);
+    EXPECT_THAT(driver->calls, Contains("startSnapshot " + one));
+}
+
+TEST_F(SnapshotSessionControlTest, ADriverThatCannotTellItsRoomStartsAllTheSame) {
+    const auto volume = makeVolume(one);
+    extension->roomFailure = ENXIO;
+    start({volume}, FULL);
+    EXPECT_THAT(driver->calls, Contains("startSnapshot " + one));
+    EXPECT_TRUE(log.hasPart(warning, "no room known of /dev/disk1"));
+}
+
+TEST_F(SnapshotSessionControlTest, TheDriversOwnFilesAreNotCopied) {
+    const auto volume = makeVolume(one);
+    extension->ownFiles = {".tolvu.era", "second"};
+    const std::string root = mountRoot + "/" + one + "/";
+    EXPECT_THAT(start({volume}, FULL).at(one).excludedFiles,
+                ElementsAre(root + ".tolvu", root + ".tolvu1", root + ".tolvu.inc", root + ".tolvu.era",
+                            root + "second"));
+}
+
+TEST_F(SnapshotSessionControlTest, ASnapshotIsCheckedByTheMinorThatItHasHad) {
+    const auto first = makeVolume(one);
+    const auto second = makeVolume(two);
+    const VolumeSnapshotInfos infos = start({first, second}, FULL);
+    EXPECT_EQ(infos.at(one).check(), 0);
+    const std::int32_t minor = driver->devices.at(two).minor;
+    extension->failures[minor] = ENOSPC;
+    driver->devices.clear(); // nothing but the library has to know it at the end
+    EXPECT_EQ(infos.at(one).check(), 0);
+    EXPECT_EQ(infos.at(two).check(), ENOSPC);
+}
+
 TEST_F(SnapshotSessionControlTest, ARecordWithoutHistoryFailsAnIncremental) {
     const auto volume = makeVolume(one);
     track(one);
@@ -405,7 +448,7 @@ protected:
         track(one);
         test::FailingCall failing(call);
         control = std::make_unique<SnapshotSessionControl>(
-            log.logger, sizes, std::make_unique<test::FaultyDriverController>(fake, failing));
+            log.logger, sizes, std::make_unique<test::FaultyDriverController>(fake, failing), extension);
         attempt([&] { start({volume}, GetParam()); });
         attempt([&] { control->transitionToIncremental({volume}, false); });
         return failing.hasCome();

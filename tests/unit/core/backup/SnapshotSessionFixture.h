@@ -7,6 +7,7 @@
 #include "core/backup/SnapshotSessionControl.h"
 #include "info/ICowFileSize.h"
 #include "support/FakeDriverController.h"
+#include "support/FakeDriverExtension.h"
 #include "support/Messages.h"
 #include "support/RecordingLogger.h"
 #include "support/TestDirectory.h"
@@ -59,7 +60,7 @@ protected:
     SnapshotSessionFixture() {
         auto owned = std::make_unique<test::FakeDriverController>();
         driver = owned.get();
-        control = std::make_unique<SnapshotSessionControl>(log.logger, sizes, std::move(owned));
+        control = std::make_unique<SnapshotSessionControl>(log.logger, sizes, std::move(owned), extension);
     }
 
     ~SnapshotSessionFixture() override {
@@ -133,6 +134,7 @@ protected:
     test::RecordingLogger log;
     FixedSize sizes;
     test::FakeDriverController* driver = nullptr;
+    std::shared_ptr<test::FakeDriverExtension> extension = std::make_shared<test::FakeDriverExtension>();
     std::unique_ptr<SnapshotSessionControl> control;
 };
 

@@ -14,12 +14,16 @@ constexpr const char* session = "00112233-4455-6677-8899-aabbccddeeff";
 constexpr const char* snapshot = "11111111-2222-3333-4444-555555555555";
 constexpr const char* otherSnapshot = "66666666-7777-8888-9999-aaaaaaaaaaaa";
 
+Layers fullLayers() {
+    return {session, "LVM-x", {{4096, 8192}, {65536, 4096}}, {{1048576, 4096}}, 16, 7, "f0", {1, 2}, 5};
+}
+
 Table fullTable() {
     Table table;
     table.session = session;
     table.devices = {
         {255, Mode::snapshot, "/dev/sda1", "/.tolvu", snapshot, 4096, 300, {{0, 4096}, {12288, 8192}}},
-        {0, Mode::tracking, "/dev/disk/by-uuid/x", "/.tolvu1", otherSnapshot, 1, 0, {}}};
+        {0, Mode::tracking, "/dev/disk/by-uuid/x", "/.tolvu1", otherSnapshot, 1, 0, {}, fullLayers()}};
     table.asleep = {{0, Mode::tracking, "/dev/sdb1", "/.tolvu", snapshot, 4096, 0, {{4096, 1}}}};
     table.unfinished = {{snapshot, "/mnt/a b/.tolvu", "/mnt/a b", {}},
                         {otherSnapshot, "/.tolvu", {}, ProcessName{4711, ~std::uint64_t{0}}}};
@@ -133,7 +137,7 @@ TEST(Table, RefusesDeepAndForeignDocuments) {
         EXPECT_TRUE(isRefused(text)) << text;
     }
     EXPECT_TRUE(isRefused(std::string(1'000'000, '[')));
-    EXPECT_TRUE(isRefused(withReplaced("\"format\": 2", "\"format\": 2, \"x\": [[[[[]]]]]")));
+    EXPECT_TRUE(isRefused(withReplaced("\"format\": 2", "\"format\": 2, \"x\": [[[[[[]]]]]]")));
 }
 
 TEST(Table, CannotKeepAPathThatIsNotUtf8) {

@@ -393,6 +393,31 @@ TEST_F(BackupOfVolumes, FailedBackupLeavesTheOldChecksumAndTheNextOneMendsTheIma
     EXPECT_TRUE(source.holdsUsedBlocks(targets["a"]->image));
 }
 
+TEST_F(BackupOfVolumes, SnapshotThatHasNotLastedFailsTheBackupAndTheNextOneMendsTheImage) {
+    test::ExtVolume& source = add("a");
+    run();
+    for (const std::uint32_t type : {INCREMENTAL, DIFFERENTIAL_MERGE}) {
+        source.change({12, 500, 3000});
+        recordChanges("a", {12, 500, 3000});
+        request(type);
+        snapshots.started["a"].check = [] { return ESTALE; };
+        snapshots.ends.clear();
+        run();
+        EXPECT_TRUE(
+            log.has(error, "Exception caught during backup run: The snapshot has not lasted for its copy!"));
+        EXPECT_THAT(states(), ElementsAre(VOLUME_FAILED));
+        EXPECT_TRUE(status().snapshotError);
+        EXPECT_THAT(snapshots.ends, ElementsAre(false));
+
+        snapshots.started["a"].check = nullptr;
+        request(INCREMENTAL);
+        run();
+        EXPECT_EQ(status().volumes.front().backupType, DIFFERENTIAL_MERGE);
+        EXPECT_TRUE(backup->isFinished());
+        EXPECT_TRUE(source.holdsUsedBlocks(targets["a"]->image));
+    }
+}
+
 TEST_F(BackupOfVolumes, VolumeThatFailsTakesTheFinishedOnesWithIt) {
     add("a");
     add("b");

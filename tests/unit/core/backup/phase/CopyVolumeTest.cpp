@@ -19,6 +19,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <stdexcept>
 
 namespace agent::core::backup::phase {
@@ -442,6 +443,41 @@ TEST_F(CopyVolumeTest, TargetThatIsTooSmallIsAConnectionError) {
     EXPECT_EQ(messageOf<transport_connection_error>([&] { run(); }), "Failed to write the chunk!");
     EXPECT_TRUE(log.has(error, "Failed to write the chunk! (-1 bytes written out of 290816)"));
     EXPECT_EQ(volumeStatus().state, VOLUME_ACTIVE);
+}
+
+TEST_F(CopyVolumeTest, SnapshotIsCheckedOnceAllHasBeenRead) {
+    int checks = 0;
+    snapshot.check = [&] {
+        ++checks;
+        EXPECT_EQ(source.equalBlocks(target->image), source.used);
+        EXPECT_TRUE(log.has(level3, "Finished execution of the Modify Boot Sector phase."));
+        EXPECT_FALSE(log.hasPart(level3, "Backup session registering volume"));
+        return 0;
+    };
+    run();
+    EXPECT_EQ(checks, 1);
+    EXPECT_EQ(volumeStatus().state, VOLUME_FINISHED);
+    EXPECT_FALSE(status.hasSnapshotError());
+}
+
+TEST_F(CopyVolumeTest, SnapshotThatHasNotLastedFailsACopyWithoutAnError) {
+    snapshot.check = [] { return ESTALE; };
+    EXPECT_EQ(messageOf<std::runtime_error>([&] { run(); }), "The snapshot has not lasted for its copy!");
+    EXPECT_TRUE(log.has(error, "The snapshot " + snapshot.snapshotPath +
+                                   " of volume the-volume (/mnt) has not lasted for its copy: " +
+                                   PosixError::describe(ESTALE)));
+    EXPECT_TRUE(status.hasSnapshotError());
+    EXPECT_FALSE(log.hasPart(level3, "Backup session registering volume"));
+    EXPECT_EQ(database.storedChecksum(uuid), 0U);
+}
+
+/// A full store of preserved blocks shows as reads that fail; the log says what lies behind them.
+TEST_F(CopyVolumeTest, SnapshotThatHasNotLastedIsNamedWhenReadingFails) {
+    snapshot.check = [] { return ENOSPC; };
+    test::writeFile(source.snapshotPath, std::string(source.image.size(), 'x'));
+    EXPECT_EQ(messageOf<std::runtime_error>([&] { run(); }), "File system not recognized for the-volume");
+    EXPECT_TRUE(log.hasPart(error, " has not lasted for its copy: " + PosixError::describe(ENOSPC)));
+    EXPECT_TRUE(status.hasSnapshotError());
 }
 
 } // namespace

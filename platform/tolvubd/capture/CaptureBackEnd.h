@@ -1,0 +1,23 @@
+#pragma once
+
+#include "IBackEnd.h"
+
+namespace tolvubd {
+
+/// Snapshots that are sparse copies of whole volumes, shown by loop devices and compared with each other. The
+/// volume is frozen, or the process that is its file system is stopped, for as long as it takes to read it.
+class CaptureBackEnd : public IBackEnd {
+public:
+    [[nodiscard]] bool owns(const Device& device) const override { return !device.layers; }
+    void requireRoom(const SnapshotPlan& plan, const Device& device) const override;
+    void takeFirst(const SnapshotPlan& plan, Device& device) override;
+    void takeNext(const SnapshotPlan& plan, const Device& before, const std::string& closed,
+                  Device& after) override;
+    void noteEnd(Device& device) override;
+    void release(const Device& device) override;
+    void reload(const Volume& volume, Device& device) override;
+    void examine(Table& table) override;
+    void tidy(const Table& table) override;
+};
+
+} // namespace tolvubd

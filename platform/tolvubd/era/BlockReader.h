@@ -1,0 +1,49 @@
+#pragma once
+
+#include "era/Block.h"
+#include "os/AlignedBuffer.h"
+#include "os/FileDescriptor.h"
+
+#include <cstdint>
+#include <functional>
+#include <span>
+#include <vector>
+
+namespace tolvubd::era {
+
+/// A block that has to be read, and what whoever reads it knows it by.
+struct Wanted {
+    std::uint64_t place; ///< on the device, in blocks
+    std::uint64_t key;
+};
+
+/// Reads blocks of the metadata, each at most once.
+/// Owns:    a buffer for the largest read, and a bit for each block of the device; the descriptor must
+///          outlive it.
+/// Threads: one at a time.
+/// Fails:   std::system_error, with EBADMSG where a block isn't sound, lies outside the device or is asked
+///          for a second time. So no structure can be longer than the device, and every cycle ends.
+class BlockReader {
+public:
+    using Visit = std::function<void(std::uint64_t key, const Block& block)>;
+
+    BlockReader(const os::FileDescriptor& device, std::uint64_t size);
+
+    /// How many the device has.
+    [[nodiscard]] std::uint64_t blocks() const { return claimed.size(); }
+
+    /// Notes that something has to be read from there.
+    Wanted claim(std::uint64_t place, std::uint64_t key);
+
+    /// Shows what has been claimed, in the order in which it lies on the device; neighbours are read at once.
+    void read(std::vector<Wanted> wanted, const BlockKind& kind, const Visit& visit);
+
+private:
+    void readRun(std::span<const Wanted> run, const BlockKind& kind, const Visit& visit);
+
+    const os::FileDescriptor& device;
+    std::vector<bool> claimed;
+    os::AlignedBuffer buffer;
+};
+
+} // namespace tolvubd::era

@@ -1,0 +1,253 @@
+#include "mapper/MapperBackEnd.h"
+
+#include "Failure.h"
+#include "HiddenNode.h"
+#include "HoldGuard.h"
+#include "Layout.h"
+#include "SnapshotNode.h"
+#include "SystemLog.h"
+#include "Tidying.h"
+#include "Uuid.h"
+#include "dm/FilePlaces.h"
+#include "dm/SuspendedDevice.h"
+#include "dm/Watcher.h"
+#include "era/EraMetadata.h"
+#include "mapper/ChangeRecord.h"
+#include "mapper/Forecast.h"
+#include "mapper/FreshGroups.h"
+#include "mapper/LvmCheck.h"
+#include "mapper/OwnFiles.h"
+#include "mapper/Sealing.h"
+#include "mapper/Targets.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cstring>
+#include <fcntl.h>
+#include <memory>
+#include <set>
+#include <unistd.h>
+#include <utility>
+
+namespace tolvubd {
+
+namespace {
+
+constexpr std::uint64_t mebibyte = std::uint64_t{1} << 20;
+
+dm::Device volumeOf(const Layers& layers) {
+    if (auto device = dm::findByUuid(layers.volume)) {
+        return *device;
+    }
+    fail(ENXIO, "the device-mapper device of the volume");
+}
+
+/// What is written to the volume now would have to be written while it is suspended.
+void syncVolume(const std::string& mountPoint) {
+    const os::FileDescriptor root(::open(mountPoint.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    checked(root ? ::syncfs(root.get()) : -1, "sync " + mountPoint);
+}
+
+/// The moment of the snapshot: all that was written before is in it, nothing that comes after.
+void exchangeTables(const SnapshotPlan& plan, const LayerStack& stack, const dm::Device& volume) {
+    using std::chrono::microseconds;
+    using std::chrono::steady_clock;
+    syncVolume(plan.cow.mountPoint);
+    auto suspended = std::make_unique<dm::SuspendedDevice>(volume, dm::Visibility::shown, stack.inside(),
+                                                           dm::liveTable(stack.lower()));
+    dm::SuspendedDevice& held = *suspended;
+    const auto begin = steady_clock::now();
+    HoldGuard guard(std::move(suspended));
+    held.resumeInside();
+    guard.release();
+    const auto lasted = std::chrono::duration_cast<microseconds>(steady_clock::now() - begin);
+    logLine(Severity::info, plan.volume.path + " was frozen for " + std::to_string(lasted.count()) +
+                                " us to take a snapshot of " + std::to_string(plan.volume.size) + " bytes");
+}
+
+void logForecast(const SnapshotPlan& plan, const LayerStack& stack, const Layers& layers) {
+    const auto room = stack.room();
+    const std::uint64_t need = forecastNeed(layers);
+    if (!room || need == 0) {
+        return;
+    }
+    const std::string text = "a snapshot of " + plan.volume.path + " is expected to preserve " +
+                             std::to_string(need / mebibyte) + " MiB, and there is room for " +
+                             std::to_string(room->size / mebibyte) + " MiB";
+    logLine(need > room->size ? Severity::warning : Severity::info, text);
+}
+
+/// From the exchange of the tables to the node that shows the snapshot.
+void takeMoment(const SnapshotPlan& plan, LayerStack& stack, Device& device) {
+    Layers& layers = *device.layers;
+    const dm::Device volume = volumeOf(layers);
+    stack.createSnapshot(layers, LayerStack::Store::isNew);
+    exchangeTables(plan, stack, volume);
+    layers.firstEra = stack.era();
+    dm::startWatcher(volume, stack.snapshot());
+    logForecast(plan, stack, layers);
+}
+
+os::FileDescriptor openSnapshot(const LayerStack& stack) {
+    return HiddenNode(stack.snapshot().number).open(O_RDONLY);
+}
+
+void show(const LayerStack& stack, Device& device) {
+    device.layers->groups = groupsInUse(openSnapshot(stack), device.size);
+    showDevice(stack.snapshot().number, device.minor);
+}
+
+/// Nobody reads any more what may not be the moment of the snapshot.
+void putErrorUnder(const LayerStack& stack) {
+    const dm::Device snapshot = stack.snapshot();
+    const dm::Targets targets = dm::liveTable(snapshot);
+    if (targets.size() == 1 && targets[0].type != "error") {
+        dm::load(snapshot, {{0, targets[0].length, "error", ""}});
+        dm::resume(snapshot, dm::Visibility::hidden);
+    }
+}
+
+bool isBroken(const Device& device) {
+    return device.layers && device.layers->error != 0 && device.layers->error != ENOSPC;
+}
+
+void bringTo(const Device& device) {
+    LayerStack stack(device.layers->id);
+    if (device.mode == Mode::tracking) {
+        stack.endSnapshot();
+    } else if (device.layers->error != 0) {
+        putErrorUnder(stack);
+    }
+    if (!isBroken(device)) {
+        renewSeal(stack, device);
+    }
+}
+
+} // namespace
+
+Layers MapperBackEnd::newLayers(const Volume& volume) {
+    const auto device = dm::findByNumber(volume.number);
+    if (!device) {
+        fail(EOPNOTSUPP, volume.path + " isn't a device-mapper device");
+    }
+    Layers layers;
+    layers.id = makeUuid();
+    layers.volume = device->uuid;
+    layers.blockSectors = eraBlockSectors(volume.size);
+    return layers;
+}
+
+void MapperBackEnd::requireRoom(const SnapshotPlan& plan, const Device& device) const {
+    const bool isNew = device.layers->eraFile.empty();
+    const std::uint64_t era = isNew ? eraFileSize(plan.volume.size, device.layers->blockSectors) : 0;
+    if (freeSpace(plan.cow.mountPoint) < plan.cowSize + era) {
+        fail(ENOSPC, "the CoW file on " + plan.volume.path);
+    }
+}
+
+void MapperBackEnd::takeFirst(const SnapshotPlan& plan, Device& device) {
+    const dm::Device volume = volumeOf(*device.layers);
+    makeCowStore(plan, device);
+    makeEraFile(plan, device);
+    LayerStack stack(device.layers->id);
+    stack.createBelow(volume, *device.layers);
+    if (!isWhereLvmSays(device.layers->volume, stack.lower())) {
+        fail(EOPNOTSUPP, "LVM says that " + plan.volume.path + " lies elsewhere");
+    }
+    stack.formatEra(*device.layers);
+    stack.loadTop(volume, *device.layers);
+    takeMoment(plan, stack, device);
+    show(stack, device);
+}
+
+void MapperBackEnd::takeNext(const SnapshotPlan& plan, const Device& before, const std::string& closed,
+                             Device& after) {
+    if (before.layers->id != after.layers->id) { // what has changed isn't known
+        LayerStack(before.layers->id).takeApart();
+        takeFirst(plan, after);
+        writeRecord(closed, before.snapshot, changedUnits({}, after.layers->blockSectors, {}, after.size),
+                    after.size);
+        return;
+    }
+    makeCowStore(plan, after);
+    LayerStack stack(after.layers->id);
+    takeMoment(plan, stack, after);
+    const std::vector<Extent> fresh = freshGroups(openSnapshot(stack), after.size, before.layers->groups);
+    const std::vector<bool> written = stack.writtenSince(before.layers->firstEra);
+    if (const int error = stack.check(*after.layers, after.mode); error != 0) {
+        fail(error, plan.volume.path + " got another table");
+    }
+    writeRecord(closed, before.snapshot, changedUnits(written, after.layers->blockSectors, fresh, after.size),
+                after.size);
+    show(stack, after);
+}
+
+/// A store that was too small costs the backup that read from the snapshot, and nothing else.
+void MapperBackEnd::noteEnd(Device& device) {
+    Layers& layers = *device.layers;
+    if (isBroken(device)) {
+        fail(layers.error, "the snapshot of " + device.blockDevice);
+    }
+    if (const auto room = LayerStack(layers.id).room()) {
+        noteNeed(layers, layers.error == ENOSPC ? bytesIn(layers.cowStore) : room->used);
+    }
+    layers.error = 0;
+}
+
+void MapperBackEnd::release(const Device& device) {
+    LayerStack(device.layers->id).takeApart();
+}
+
+void MapperBackEnd::reload(const Volume& volume, Device& device) {
+    LayerStack stack(device.layers->id);
+    if (stack.check(*device.layers, device.mode) != 0 || !isSealed(stack, device)) {
+        fail(ENOENT, "the layers of " + volume.path + " were not put back before it was mounted");
+    }
+    if (device.mode == Mode::snapshot) {
+        dm::startWatcher(volumeOf(*device.layers), stack.snapshot());
+        showDevice(stack.snapshot().number, device.minor);
+    }
+}
+
+void MapperBackEnd::examine(Table& table) {
+    for (Device& device : table.devices) {
+        if (!owns(device) || isBroken(device)) {
+            continue;
+        }
+        const int error = LayerStack(device.layers->id).check(*device.layers, device.mode);
+        if (error != 0 && error != device.layers->error) {
+            device.layers->error = error;
+            logLine(Severity::error, device.blockDevice + ": the " +
+                                         (device.mode == Mode::snapshot ? "snapshot" : "tracking") +
+                                         " isn't to be trusted any more: " + std::strerror(error));
+        }
+    }
+}
+
+void MapperBackEnd::tidy(const Table& table) {
+    for (const Unfinished& unfinished : table.unfinished) {
+        if (!unfinished.layers.empty()) {
+            tryTo("let a volume go on", [&] { LayerStack(unfinished.layers).letGo(); });
+        }
+    }
+    std::set<std::string> known;
+    for (const Device& device : table.asleep) {
+        if (owns(device)) {
+            known.insert(device.layers->id);
+        }
+    }
+    for (const Device& device : table.devices) {
+        if (owns(device)) {
+            known.insert(device.layers->id);
+            tryTo("bring the layers of " + device.blockDevice + " to their state", [&] { bringTo(device); });
+        }
+    }
+    for (const std::string& id : LayerStack::present()) {
+        if (!known.contains(id)) {
+            tryTo("take the layers " + id + " apart", [&] { LayerStack(id).takeApart(); });
+        }
+    }
+    tryTo("note what is to be put back at the next start", [&] { noteForStart(table); });
+}
+
+} // namespace tolvubd

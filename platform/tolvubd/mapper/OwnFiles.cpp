@@ -1,0 +1,75 @@
+#include "mapper/OwnFiles.h"
+
+#include "CowFile.h"
+#include "Failure.h"
+#include "FileAccess.h"
+#include "Layout.h"
+#include "dm/FilePlaces.h"
+#include "era/EraMetadata.h"
+#include "mapper/Targets.h"
+#include "seal/Seal.h"
+
+#include <filesystem>
+#include <system_error>
+
+namespace tolvubd {
+
+namespace {
+
+constexpr std::uint64_t sector = 512;
+
+bool isCowFileOf(const std::string& path, const std::string& snapshot) {
+    try {
+        return snapshotOf(path) == snapshot;
+    } catch (const std::system_error&) {
+        return false;
+    }
+}
+
+} // namespace
+
+std::uint64_t storeOffset(std::uint64_t volumeSize) {
+    return cow::unitsOf(cow::tableEnd(volumeSize)) * cow::unitSize;
+}
+
+std::uint64_t eraFileSize(std::uint64_t volumeSize, std::uint32_t blockSectors) {
+    const std::uint64_t block = blockSectors * sector;
+    return sealSize + eraMetadataSize((volumeSize + block - 1) / block);
+}
+
+std::string eraFileOn(const PathOnVolume& cow) {
+    return PathOnVolume{cow.mountPoint, std::string("/") + layout::eraFile}.path();
+}
+
+void makeCowStore(const SnapshotPlan& plan, Device& device) {
+    const std::string path = plan.cow.path();
+    const std::uint64_t skip = storeOffset(plan.volume.size);
+    if (plan.cowSize <= skip) {
+        fail(EINVAL, "the CoW file has no room behind its table for " + plan.volume.path);
+    }
+    makeCowFile(path, device.snapshot, plan.cowSize);
+    dm::lockFile(path);
+    const std::uint64_t length = (plan.cowSize - skip) / cow::unitSize * cow::unitSize;
+    device.layers->cowStore = dm::partOf(dm::placesOf(path), skip, length);
+}
+
+void makeEraFile(const SnapshotPlan& plan, Device& device) {
+    const std::string path = eraFileOn(plan.cow);
+    removeLockedFile(path);
+    device.layers->eraFile =
+        dm::makeLockedFile(path, eraFileSize(plan.volume.size, device.layers->blockSectors));
+}
+
+void removeLockedCowFile(const std::string& path, const std::string& snapshot) {
+    if (isCowFileOf(path, snapshot)) {
+        dm::releaseFile(path);
+    }
+    removeCowFile(path, snapshot);
+}
+
+void removeLockedFile(const std::string& path) {
+    dm::releaseFile(path);
+    removeFile(path);
+}
+
+} // namespace tolvubd

@@ -1,0 +1,65 @@
+#include "mapper/Sealing.h"
+
+#include "Failure.h"
+#include "HiddenNode.h"
+#include "Layout.h"
+#include "mapper/LvmCheck.h"
+#include "seal/BootRecord.h"
+#include "seal/Fingerprint.h"
+#include "seal/Seal.h"
+
+#include <fcntl.h>
+#include <utility>
+
+namespace tolvubd {
+
+namespace {
+
+/// What the file system changes all the time doesn't count here, and is only of use when nobody has it
+/// mounted.
+bool isSame(const Seal& one, const Seal& other) {
+    const auto mountOf = [](const Seal& seal) { return seal.fingerprint ? seal.fingerprint->mount : ""; };
+    return one.end == other.end && one.start == other.start && one.device == other.device &&
+           mountOf(one) == mountOf(other);
+}
+
+} // namespace
+
+void renewSeal(const LayerStack& stack, const Device& device) {
+    const dm::Device lower = stack.lower();
+    const HiddenNode node(lower.number);
+    const os::FileDescriptor file = node.open(O_RDWR | O_DIRECT);
+    const Seal seal{Seal::End::open, thisStart(), device, readFingerprint(file, device.size)};
+    const auto present = readSeal(file, device.layers->eraFile, device.layers->id);
+    if (present && isSame(*present, seal)) {
+        return;
+    }
+    if (!isWhereLvmSays(device.layers->volume, lower)) {
+        fail(ESTALE, "where the seal was may be somebody else's now");
+    }
+    writeSeal(file, device.layers->eraFile, seal);
+}
+
+bool isSealed(const LayerStack& stack, const Device& device) {
+    const HiddenNode node(stack.lower().number);
+    const os::FileDescriptor file = node.open(O_RDONLY | O_DIRECT);
+    const auto seal = readSeal(file, device.layers->eraFile, device.layers->id);
+    return seal && seal->end == Seal::End::open && seal->start == thisStart() &&
+           seal->device.snapshot == device.snapshot && seal->device.layers == device.layers;
+}
+
+void noteForStart(const Table& table) {
+    BootRecord record = readBootRecord(layout::bootRecord);
+    record.volumes.clear();
+    for (const auto* devices : {&table.devices, &table.asleep}) {
+        for (const Device& device : *devices) {
+            if (device.layers) {
+                record.volumes.push_back(
+                    {device.layers->id, device.layers->volume, device.size, device.layers->eraFile});
+            }
+        }
+    }
+    writeBootRecord(layout::bootRecord, record);
+}
+
+} // namespace tolvubd

@@ -1,0 +1,79 @@
+#include "mapper/Support.h"
+
+#include "dm/Mapper.h"
+#include "mapper/KernelTargets.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <exception>
+#include <string_view>
+#include <sys/utsname.h>
+#include <utility>
+
+namespace tolvubd {
+
+namespace {
+
+using Reason = std::optional<std::string>;
+
+/// Older kernels have crashed with era targets.
+Reason reasonOfKernel() {
+    constexpr int oldest = 5;
+    constexpr int oldestOfThat = 12;
+    utsname name{};
+    int first = 0;
+    int second = 0;
+    if (::uname(&name) != 0 || std::sscanf(&name.release[0], "%d.%d", &first, &second) != 2 ||
+        std::pair(first, second) < std::pair(oldest, oldestOfThat)) {
+        return "the kernel is older than Linux 5.12";
+    }
+    for (const char* target : {"era", "snapshot", "snapshot-origin"}) {
+        if (!hasTarget(target)) {
+            return std::string("the kernel has no device-mapper target \"") + target + "\"";
+        }
+    }
+    return std::nullopt;
+}
+
+Reason reasonOfFileSystem(const std::string& type) {
+    constexpr std::array<std::string_view, 4> known = {"ext2", "ext3", "ext4", "xfs"};
+    if (std::ranges::find(known, type) == known.end()) {
+        return "a file system of type " + type + " was never tried on it";
+    }
+    return std::nullopt;
+}
+
+Reason reasonOfTable(const dm::Targets& targets) {
+    for (const dm::Target& target : targets) {
+        if (target.type != "linear") {
+            return "a device-mapper table with the target \"" + target.type + "\" was never tried";
+        }
+    }
+    return targets.empty() ? Reason("the device-mapper device has no table") : std::nullopt;
+}
+
+} // namespace
+
+std::optional<std::string> reasonAgainstLayers(const Volume& volume) {
+    try {
+        const auto device = dm::findByNumber(volume.number);
+        if (!device) {
+            return "it isn't a device-mapper device, such as a logical volume";
+        }
+        if (device->uuid.empty()) {
+            return "its device-mapper device has no UUID by which it could be found again";
+        }
+        if (auto reason = reasonOfFileSystem(volume.fileSystem)) {
+            return reason;
+        }
+        if (auto reason = reasonOfTable(dm::liveTable(*device))) {
+            return reason;
+        }
+        return reasonOfKernel();
+    } catch (const std::exception& error) {
+        return std::string("device-mapper doesn't answer: ") + error.what();
+    }
+}
+
+} // namespace tolvubd

@@ -1,0 +1,163 @@
+#include "seal/XfsLog.h"
+
+#include "seal/DirectDevice.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace tolvubd {
+
+namespace {
+
+constexpr std::uint64_t blockSize = 512;
+/// Twice what can be on its way to the disk at a time: so far back from the end it may have holes after a
+/// crash.
+constexpr std::uint64_t windowBlocks = std::uint64_t{8} << 10;
+constexpr std::uint64_t headerMagic = 0xFEEDBABE;
+
+namespace header {
+constexpr Field magic{0, 4};
+constexpr Field round{4, 4};
+constexpr Field version{8, 4};
+constexpr Field length{12, 4};
+constexpr Field numberRound{16, 4};
+constexpr Field numberBlock{20, 4};
+constexpr Field checksum{32, 4};
+constexpr Field operations{40, 4};
+constexpr Field bufferSize{320, 4};
+} // namespace header
+
+/// In the block behind the header, of the first operation.
+constexpr std::size_t flagsOfOperation = 9;
+constexpr std::uint64_t isUnmount = 0x20;
+
+constexpr Field within(std::uint64_t block, Field field) {
+    return {block * blockSize + field.offset, field.width};
+}
+
+/// The round in which a block was written; in a header it stands behind the magic number.
+std::uint64_t roundOf(const Fields& blocks, std::uint64_t block) {
+    const std::uint64_t first = blocks.big(within(block, header::magic));
+    return first == headerMagic ? blocks.big(within(block, header::round)) : first;
+}
+
+/// A run of blocks of the log that ends where the head is thought to be.
+class Window {
+public:
+    Window(Fields bytes, std::uint64_t begin, std::uint64_t beginRound, std::uint64_t logBlocks)
+        : bytes(std::move(bytes)), begin(begin), beginRound(beginRound), logBlocks(logBlocks) {}
+
+    /// How many of its blocks are of the rounds that they should be.
+    [[nodiscard]] std::uint64_t soundBlocks() const {
+        const std::uint64_t count = bytes.size() / blockSize;
+        std::uint64_t block = 0;
+        while (block < count && roundOf(bytes, block) == roundAt(block)) {
+            ++block;
+        }
+        return block;
+    }
+
+    /// The last record that is complete within the first `end` blocks, and the head behind all of them.
+    [[nodiscard]] std::optional<XfsLogHead> lastRecord(std::uint64_t end) const {
+        for (std::uint64_t block = end; block > 0; --block) {
+            if (isRecord(block - 1, end)) {
+                return XfsLogHead{roundAt(end), placeOf(end),
+                                  static_cast<std::uint32_t>(bytes.big(within(block - 1, header::checksum))),
+                                  isUnmountRecord(block - 1)};
+            }
+        }
+        return std::nullopt;
+    }
+
+private:
+    [[nodiscard]] std::uint64_t placeOf(std::uint64_t block) const { return (begin + block) % logBlocks; }
+    [[nodiscard]] std::uint64_t roundAt(std::uint64_t block) const {
+        return beginRound + (begin + block) / logBlocks;
+    }
+
+    [[nodiscard]] std::uint64_t headersOf(std::uint64_t block) const {
+        constexpr std::uint64_t ofOneHeader = 32768;
+        return std::max<std::uint64_t>(1, (bytes.big(within(block, header::bufferSize)) + ofOneHeader - 1) /
+                                              ofOneHeader);
+    }
+
+    [[nodiscard]] bool isRecord(std::uint64_t block, std::uint64_t end) const {
+        if (bytes.big(within(block, header::magic)) != headerMagic ||
+            bytes.big(within(block, header::version)) != 2 ||
+            bytes.big(within(block, header::numberRound)) != roundAt(block) ||
+            bytes.big(within(block, header::numberBlock)) != placeOf(block)) {
+            return false;
+        }
+        const std::uint64_t length = bytes.big(within(block, header::length));
+        return length > 0 && headersOf(block) + (length + blockSize - 1) / blockSize <= end - block;
+    }
+
+    [[nodiscard]] bool isUnmountRecord(std::uint64_t block) const {
+        return bytes.big(within(block, header::operations)) == 1 &&
+               (bytes.byte((block + headersOf(block)) * blockSize + flagsOfOperation) & isUnmount) != 0;
+    }
+
+    Fields bytes;
+    std::uint64_t begin;
+    std::uint64_t beginRound;
+    std::uint64_t logBlocks;
+};
+
+class Log {
+public:
+    Log(const os::FileDescriptor& device, const XfsLogPlace& place) : device(device), place(place) {}
+
+    [[nodiscard]] std::optional<XfsLogHead> head() const {
+        const std::uint64_t round = roundAt(0);
+        if (round == 0) {
+            return std::nullopt; // never written, or not to be read
+        }
+        const std::uint64_t end = endOfRound(round);
+        const bool hasOlder = roundAt(place.blocks - 1) != 0 && round > 1;
+        const std::uint64_t length = std::min(windowBlocks, hasOlder ? place.blocks : end);
+        const bool wraps = length > end;
+        const std::uint64_t begin = wraps ? end + place.blocks - length : end - length;
+        Fields bytes = read(begin, length);
+        if (!bytes) {
+            return std::nullopt;
+        }
+        const Window window(std::move(bytes), begin, wraps ? round - 1 : round, place.blocks);
+        return window.lastRecord(window.soundBlocks());
+    }
+
+private:
+    [[nodiscard]] std::uint64_t roundAt(std::uint64_t block) const {
+        const Fields bytes = readDirect(device, place.offset + block * blockSize, blockSize);
+        return bytes ? roundOf(bytes, 0) : 0;
+    }
+
+    /// The first block that isn't of this round, if those that are stand before all others.
+    [[nodiscard]] std::uint64_t endOfRound(std::uint64_t round) const {
+        std::uint64_t low = 0;
+        std::uint64_t high = place.blocks;
+        while (high - low > 1) {
+            const std::uint64_t middle = low + (high - low) / 2;
+            (roundAt(middle) == round ? low : high) = middle;
+        }
+        return high;
+    }
+
+    /// Blocks of the ring.
+    [[nodiscard]] Fields read(std::uint64_t begin, std::uint64_t count) const {
+        const std::uint64_t first = std::min(count, place.blocks - begin);
+        const Fields head = readDirect(device, place.offset + begin * blockSize, first * blockSize);
+        const Fields rest = readDirect(device, place.offset, (count - first) * blockSize);
+        return head.followedBy(rest);
+    }
+
+    const os::FileDescriptor& device;
+    const XfsLogPlace& place;
+};
+
+} // namespace
+
+std::optional<XfsLogHead> readXfsLogHead(const os::FileDescriptor& device, const XfsLogPlace& place) {
+    return place.blocks > 0 ? Log(device, place).head() : std::nullopt;
+}
+
+} // namespace tolvubd

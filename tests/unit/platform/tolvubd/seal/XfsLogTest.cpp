@@ -1,0 +1,86 @@
+#include "seal/XfsLog.h"
+
+#include "FileSystemImage.h"
+
+#include <gtest/gtest.h>
+
+#include <optional>
+#include <sstream>
+#include <string>
+
+namespace tolvubd {
+namespace {
+
+using test::FileSystemImage;
+
+/// What xfs_logprint says of the log: where its head is, and whether it is clean.
+struct Truth {
+    std::uint64_t head = 0;
+    bool isClean = false;
+};
+
+Truth truthOf(const FileSystemImage& image) {
+    std::istringstream words(
+        image.run("xfs_logprint -t $i 2>/dev/null | sed -n "
+                  "\"s/.*log tail: [0-9]* head: \\([0-9]*\\) state: <\\(.*\\)>/\\1 \\2/p\""));
+    Truth truth;
+    std::string state;
+    words >> truth.head >> state;
+    truth.isClean = state == "CLEAN";
+    return truth;
+}
+
+std::uint64_t numberFrom(const FileSystemImage& image, const std::string& command) {
+    return std::stoull(
+        image.run("xfs_db -r -c 'sb 0' -c '" + command + "' $i | sed 's/.*= *//; s/ .*//; s/(.*//'"));
+}
+
+XfsLogPlace placeOf(const FileSystemImage& image) {
+    const std::uint64_t block = numberFrom(image, "print logstart");
+    const std::uint64_t bits = numberFrom(image, "print agblklog");
+    const std::uint64_t groupBlocks = numberFrom(image, "print agblocks");
+    const std::uint64_t count = numberFrom(image, "print logblocks");
+    const std::uint64_t group = block >> bits;
+    return {(group * groupBlocks + block - (group << bits)) * 4096, count * 8};
+}
+
+void expectTheTruth(const FileSystemImage& image, const XfsLogPlace& place, const std::string& what) {
+    const Truth truth = truthOf(image);
+    const std::optional<XfsLogHead> head = readXfsLogHead(openFile(image.path(), O_RDONLY), place);
+    ASSERT_TRUE(head) << what;
+    EXPECT_EQ(head->block, truth.head) << what;
+    EXPECT_EQ(head->isUnmounted, truth.isClean) << what;
+}
+
+/// Less than its makers want to be used.
+constexpr const char* makeSmallLog = "mkfs.xfs --unsupported -q -l size=1500b";
+/// Some mebibytes of records.
+constexpr const char* churn = "for turn in 1 2 3 4 5; do mkdir $r/d; "
+                              "for n in $(seq 300); do for f in 1 2 3 4 5 6 7 8; do : > $r/d/$n.$f; done; "
+                              "done; rm -r $r/d; sync -f $r; done; ";
+
+TEST(XfsLog, EndsWhereItsOwnToolsSay) {
+    const FileSystemImage image("mkfs.xfs -q");
+    const XfsLogPlace place = placeOf(image);
+    expectTheTruth(image, place, "made");
+    image.run("m rw; echo 2 > $r/second; sync -f $r; echo 3 > $r/third; sync $r/third; stop");
+    expectTheTruth(image, place, "stopped");
+    image.run("m rw; u");
+    expectTheTruth(image, place, "replayed");
+}
+
+TEST(XfsLog, IsARing) {
+    const FileSystemImage image(makeSmallLog);
+    const XfsLogPlace place = placeOf(image);
+    std::uint64_t round = 1;
+    for (int turn = 0; turn < 6; ++turn) {
+        image.run(std::string("m rw; ") + churn +
+                  (turn % 2 == 0 ? "u" : "sync -f $r; : > $r/x; sync $r/x; stop"));
+        expectTheTruth(image, place, "turn " + std::to_string(turn));
+        round = readXfsLogHead(openFile(image.path(), O_RDONLY), place)->round;
+    }
+    EXPECT_GT(round, 2);
+}
+
+} // namespace
+} // namespace tolvubd
