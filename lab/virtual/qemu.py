@@ -1,4 +1,4 @@
-"""Machines of QEMU with Debian's own kernel: for what only that has, and for the time before the root is there.
+"""Machines of QEMU with Debian's own kernel, for what only that has and what is done before there is a root.
 
 /dev/kvm may be there and of no use, so the first machine finds out by booting with it, and the answer is kept
 with the image for as long as this host stays up.

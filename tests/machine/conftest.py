@@ -13,9 +13,18 @@ DISKS = (4 << 30, 4 << 30)
 MACHINES = pytest.StashKey()
 
 
+def pytest_addoption(parser):
+    parser.addoption("--guest", help="the suite of guest/ for test_guests.py to run, if not all")
+
+
 def pytest_configure(config):
     config.addinivalue_line("markers", "nightly: takes long; run by scripts/test machine only")
     config.stash[MACHINES] = []
+
+
+def pytest_ignore_collect(collection_path):
+    """What is to run in a machine isn't run here."""
+    return collection_path == ROOT / "tests" / "machine" / "guest" or None
 
 
 @pytest.hookimpl(hookwrapper=True)
