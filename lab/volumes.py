@@ -144,7 +144,7 @@ class Disk(Stay):
         # Or udev has the kernel read the partition table, which drops what it can't read.
         fcntl.flock(user, fcntl.LOCK_SH)
         run("losetup", "--detach", self.device) # with its last user, as it is in use
-        run("partx", "--add", self.device) # some kernels read no partition tables
+        run("partx", "--update", self.device) # some kernels read no partition tables
 
     def _await_detached(self, image):
         name = pathlib.Path(self.device).name

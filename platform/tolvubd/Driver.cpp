@@ -231,7 +231,41 @@ void Driver::setupSnapshot(std::uint32_t minor, const std::string& blockDevice, 
     const SnapshotPlan plan{volume, locate(volume, cowPath), cowBytes(cowMebibytes, volume)};
     Device device{minor,      Mode::snapshot, blockDevice, plan.cow.relative,
                   makeUuid(), volume.size,    cacheSize,   {}};
-    takeFirst(capture, plan, device);
+    forgetAsleepLayers(volume);
+    if (!takeFirstByMapper(plan, device)) {
+        logLine(Severity::info, volume.path + " is captured whole: " + device.reason);
+        takeFirst(capture, plan, device);
+    }
+}
+
+/// Layers that nobody has asked for since the machine was started would be in the way of new ones.
+void Driver::forgetAsleepLayers(const Volume& volume) {
+    Table next = table;
+    std::erase_if(next.asleep, [&](const Device& device) { return device.layers && isOn(device, volume); });
+    if (next != table) {
+        commit(next);
+        tidy();
+    }
+}
+
+/// False, with the reason in the device, where it has to be captured.
+bool Driver::takeFirstByMapper(const SnapshotPlan& plan, Device& device) {
+    if (const auto reason = reasonAgainstLayers(plan.volume)) {
+        device.reason = *reason;
+        return false;
+    }
+    Device layered = device;
+    layered.layers = MapperBackEnd::newLayers(plan.volume);
+    try {
+        takeFirst(mapper, plan, layered);
+        return true;
+    } catch (const std::system_error& error) {
+        if (error.code().value() != EOPNOTSUPP) {
+            throw;
+        }
+        device.reason = error.what();
+        return false;
+    }
 }
 
 void Driver::takeFirst(IBackEnd& backEnd, const SnapshotPlan& plan, Device device) {

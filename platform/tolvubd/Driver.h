@@ -49,6 +49,7 @@ private:
     void requireUntracked(const Volume& volume) const;
     [[nodiscard]] std::vector<IBackEnd*> backEnds();
     IBackEnd& backEndOf(const Device& device);
+    bool takeFirstByMapper(const SnapshotPlan& plan, Device& device);
     void forgetAsleepLayers(const Volume& volume);
     void begin(const SnapshotPlan& plan, const Device& device);
     void takeFirst(IBackEnd& backEnd, const SnapshotPlan& plan, Device device);

@@ -44,6 +44,17 @@ def ceph_chain():
     return functional_chain("tests on Ceph", *sorted((ROOT / "tests/functional/ceph").glob("test_*.py")))
 
 
+def machine_chain(is_nightly):
+    kinds = [[], ["--qemu"]] if is_nightly else [[]]
+    reports = BUILD / "machine" / "reports"
+    return [*(Step(f"image of machines{''.join(kind)}", ["lab/machine", "build", *kind], nice=NICE_BUILD)
+              for kind in kinds),
+            build("release", nice=NICE_BUILD),
+            Step("tests in machines", [PYTHON, "scripts/testlib/machine.py",
+                                       *(["--nightly"] if is_nightly else []), reports],
+                 reports=reports, nice=NICE_BUILD)]
+
+
 def lint_tests_chain():
     reports = BUILD / "lint-reports"
     return [Step("tests of the scripts", [PYTHON, "-m", "pytest", "-q", "-p", "no:cacheprovider",
@@ -66,7 +77,8 @@ def fuzz(name, seconds):
 
 
 def lanes_of(parts, seconds):
-    """What runs side by side: what mostly waits, what mostly computes, and what has time until the end."""
+    """What runs side by side: what mostly waits, what boots machines, what mostly computes, and what has time
+    until the end."""
     waiting = [functional_chain()] if "functional" in parts else []
     computing = [unit_chain("asan"), unit_chain("tsan")] if "unit" in parts else []
     patient = []
@@ -77,7 +89,8 @@ def lanes_of(parts, seconds):
         waiting.append(ceph_chain())
     if "fuzz" in parts:
         computing.append(fuzz_chain(seconds))
-    return [waiting, computing, patient]
+    booting = [machine_chain("machine" in parts)] if {"uml", "machine"} & set(parts) else []
+    return [waiting, booting, computing, patient]
 
 
 def main():

@@ -77,7 +77,8 @@ class Checkout:
                                     f"{MIRRORS.format(own=own_release())}END\n")
         write(programs / "apt-config", f"#!/bin/sh\ncat <<'END'\n{SETTINGS}END\n")
         self.environment = {**os.environ, "PATH": f"{programs}:{os.environ['PATH']}"}
-        write(self.root / "scripts/deps", "#!/bin/bash\n")
+        for program in ("scripts/deps", "lab/machine"):
+            write(self.root / program, "#!/bin/bash\n")
         write(self.root / "file", "the last commit\n")
         write(self.root / ".gitignore", "/build/\n")
         shutil.copy(ROOT / "scripts/test-in", self.root / "scripts")

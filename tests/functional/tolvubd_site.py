@@ -19,19 +19,26 @@ TABLE_OFFSET = 4096
 TRACKING, SNAPSHOT = 2, 3
 
 
-class Volume(Stay):
-    """A partition with a mounted file system. Its disk is a sparse file, gone with the volume."""
+@contextlib.contextmanager
+def partition(name, filesystem, sectors):
+    """The device of a new one with a file system. Its disk is a sparse file, gone with it."""
+    with volumes.Disk([volumes.Volume(name, filesystem, sectors / volumes.SECTORS)]) as disk:
+        made, = disk
+        yield made.device
 
-    def __init__(self, name, filesystem, sectors):
+
+class Volume(Stay):
+    """A mounted file system on a device that `place`, called as partition() is, provides."""
+
+    def __init__(self, name, filesystem, sectors, place=partition):
         super().__init__()
         self.filesystem = filesystem
         self.mount_point = pathlib.Path("/run/volumes", name)
-        self.size = sectors * 512
-        self._disk = volumes.Disk([volumes.Volume(name, filesystem, sectors / volumes.SECTORS)])
+        self._place = place(name, filesystem, sectors)
 
     def open(self, lasting):
-        partition, = lasting.enter_context(self._disk)
-        self.device = pathlib.Path(partition.device)
+        self.device = pathlib.Path(lasting.enter_context(self._place))
+        self.size = int(run("blockdev", "--getsize64", self.device))
         self.mount()
         lasting.callback(self.unmount)
 

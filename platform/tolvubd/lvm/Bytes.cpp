@@ -15,6 +15,9 @@ namespace {
 /// Suits direct I/O on sectors of any size.
 constexpr std::uint64_t alignment = 4096;
 
+/// Beyond it the kernel takes an offset for a negative one.
+constexpr std::uint64_t largestOffset = std::uint64_t{1} << 62U;
+
 constexpr std::array<std::uint32_t, 256> makeRemainders() {
     std::array<std::uint32_t, 256> remainders{};
     for (std::uint32_t byte = 0; byte < remainders.size(); ++byte) {
@@ -36,6 +39,9 @@ void failOn(const std::string& what) {
 }
 
 std::string readBytes(const os::FileDescriptor& file, std::uint64_t offset, std::size_t length) {
+    if (offset > largestOffset || length > largestOffset) {
+        failOn("no device is so large");
+    }
     const std::uint64_t skipped = offset % alignment;
     os::AlignedBuffer buffer((skipped + length + alignment - 1) / alignment * alignment, alignment);
     const std::size_t got = readAt(file, std::span(buffer.data(), buffer.size()), offset - skipped);

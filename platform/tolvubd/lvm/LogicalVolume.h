@@ -20,8 +20,8 @@ struct VolumePiece {
 };
 
 /// Where LVM's metadata says at this moment that a logical volume lies. Read from the physical volumes
-/// themselves (label, metadata area, text; as `pvck --dump headers` and `pvck --dump metadata` show them), not
-/// by LVM's tools, as it is asked often.
+/// themselves (label, metadata area, text; as `pvck --dump headers` and `pvck --dump metadata` show them),
+/// not by LVM's tools, as it is asked often.
 ///
 /// `uuid` is the volume's device-mapper UUID, "LVM-" and twice 32 letters; `devices` those on which it is
 /// known to lie. None where it lies otherwise than in linear pieces on these devices, such as after a pvmove

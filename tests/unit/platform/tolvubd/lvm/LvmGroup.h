@@ -65,7 +65,7 @@ private:
 };
 
 using Disks = std::vector<Disk>;
-/// Where each extent of a volume lies: by its place in the volume, its device and its place there; in sectors.
+/// Where each extent of a volume lies: its place in the volume, its device, its place there; in sectors.
 using Extents = std::map<std::uint64_t, std::pair<dev_t, std::uint64_t>>;
 
 /// Real physical volumes that LVM's own tools work on. No kernel takes part: nothing is ever active.

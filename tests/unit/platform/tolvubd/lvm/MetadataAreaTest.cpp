@@ -207,6 +207,13 @@ TEST_F(MetadataArea, IsBoundedWhateverItsHeaderSays) {
         bytes.replace(512 + 16, 4, little(lvm::checksum(bytes.substr(512 + 20, 492)), 4));
         EXPECT_EQ(image.errorOf(bytes), EBADMSG) << number;
     }
+    for (const std::uint64_t number :
+         {std::uint64_t{1}, std::uint64_t{4097}, highest >> 1U, highest - 511, highest}) {
+        std::string bytes = image.content();
+        bytes.replace(616, 8, little(number, 8)); // where the label says that the area is
+        bytes.replace(512 + 16, 4, little(lvm::checksum(bytes.substr(512 + 20, 492)), 4));
+        EXPECT_EQ(image.errorOf(bytes), EBADMSG) << number;
+    }
 }
 
 } // namespace

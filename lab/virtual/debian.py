@@ -1,0 +1,87 @@
+"""Makes the tree of a Debian system for a machine: packages, and little that isn't the distribution's."""
+import os
+import pathlib
+import shutil
+import subprocess
+
+INSIDE = pathlib.Path(__file__).with_name("inside")
+LIMIT_SECONDS = 600
+LEFT_OUT = ("/usr/share/doc/*", "/usr/share/man/*", "/usr/share/locale/*", "/usr/share/info/*",
+            "/usr/share/gnome/*", "/usr/share/icons/*")
+# Nothing works on the disks or asks for the network unless a test does.
+MASKED = """apt-daily.timer apt-daily-upgrade.timer dpkg-db-backup.timer e2scrub_all.timer
+            e2scrub_reap.service fstrim.timer tgt.service getty@tty1.service getty-static.service
+            serial-getty@ttyS0.service systemd-update-utmp.service""".split()
+
+
+class BuildError(Exception):
+    """An image could not be made."""
+
+
+def command(*words, **options):
+    """Runs a tool, and shows the end of what it has printed if it fails."""
+    done = subprocess.run([str(word) for word in words], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                          stderr=subprocess.STDOUT, text=True, errors="replace", check=False,
+                          timeout=LIMIT_SECONDS, **options)
+    if done.returncode != 0:
+        raise BuildError(f"{words[0]} failed:\n{done.stdout[-4000:]}")
+    return done.stdout
+
+
+def release():
+    """The code name of this machine's Debian, which is also that of the machines."""
+    lines = pathlib.Path("/etc/os-release").read_text(encoding="utf-8").splitlines()
+    return dict(line.split("=", 1) for line in lines if "=" in line)["VERSION_CODENAME"]
+
+
+def mirrors():
+    """The lines of apt's sources that this machine has for its own release."""
+    form = "$(RELEASE) deb $(REPO_URI) $(RELEASE) $(COMPONENT)"
+    text = command("apt-get", "indextargets", "--format", form, "Created-By: Packages", "Origin: Debian")
+    lines = {line.split(" ", 1)[1] for line in text.splitlines() if line.startswith(release())}
+    return "".join(f"{line}\n" for line in sorted(lines))
+
+
+def settings():
+    """How this machine's apt reaches its mirrors."""
+    kept = ("Acquire::http", "Acquire::Check-", "Acquire::ForceIPv", "Acquire::Retries")
+    return "".join(f"{line}\n" for line in command("apt-config", "dump").splitlines()
+                   if line.startswith(kept) and "Auto-Detect" not in line)
+
+
+def make_tree(tree, packages, before=()):
+    """Unpacks packages into the directory `tree`, which must not be there. `before` are mmdebstrap's hooks
+    that run before the packages that aren't essential."""
+    (tree.parent / "apt.conf").write_text(settings(), encoding="utf-8")
+    (tree.parent / "sources.list").write_text(mirrors(), encoding="utf-8")
+    command("mmdebstrap", "--mode=root", "--variant=minbase", "--format=directory", "--skip=check/empty",
+            f"--include={','.join(packages)}", f"--aptopt={tree.parent}/apt.conf",
+            '--aptopt=APT::Install-Recommends "false"', "--dpkgopt=force-unsafe-io",
+            *(f"--dpkgopt=path-exclude={path}" for path in LEFT_OUT),
+            *(f"--essential-hook={hook}" for hook in before),
+            release(), tree, tree.parent / "sources.list", env={**os.environ, "TMPDIR": str(tree.parent)})
+
+
+def configure(tree, root_device, public_key):
+    """Lets in whoever has the key, and starts what gives the machine its address and the checkout."""
+    ssh = tree / "root/.ssh"
+    ssh.mkdir(mode=0o700, exist_ok=True)
+    shutil.copy(public_key, ssh / "authorized_keys")
+    for name, text in {"etc/hostname": "machine\n", "etc/machine-id": "",
+                       "etc/hosts": "127.0.0.1 localhost machine\n",
+                       "etc/fstab": f"{root_device} / ext4 errors=remount-ro 0 0\n"}.items():
+        (tree / name).write_text(text, encoding="ascii")
+    for name, where in (("lab-machine", "usr/local/sbin"), ("lab-machine.service", "etc/systemd/system"),
+                        ("lab-machine.conf", "etc/ssh/sshd_config.d")):
+        shutil.copy(INSIDE / name, tree / where / name)
+    command("chroot", tree, "systemctl", "mask", *MASKED)
+    command("chroot", tree, "systemctl", "enable", "lab-machine.service")
+    command("chroot", tree, "systemctl", "set-default", "multi-user.target")
+
+
+def make_file_system(tree, image, size):
+    """Copies a tree into an ext4 file system in a sparse file. It has a journal, as a cut would break it."""
+    with open(image, "wb") as file:
+        file.truncate(size)
+    command("mke2fs", "-q", "-t", "ext4", "-L", "machine", "-E", "lazy_itable_init=1,nodiscard", "-d", tree,
+            image)

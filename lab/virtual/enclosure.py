@@ -1,0 +1,68 @@
+"""The namespaces of a machine, and the one process that they end with."""
+import contextlib
+import os
+import pathlib
+import select
+import signal
+import subprocess
+
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+ENCLOSE = pathlib.Path(__file__).with_name("enclose")
+
+
+def start_time(pid):
+    """Tells a process from a later one of the same number; None for one that has ended."""
+    with contextlib.suppress(FileNotFoundError, ProcessLookupError):
+        fields = pathlib.Path(f"/proc/{pid}/stat").read_text(encoding="utf-8", errors="replace")
+        fields = fields.rpartition(")")[2].split()
+        return None if fields[0] in "ZX" else int(fields[19])
+    return None
+
+
+class Enclosure:
+    """All that is in there ends when it is killed, and with whoever made it unless it is `lasting`."""
+
+    def __init__(self, pid, start, process=None):
+        self.pid = pid
+        self.start = start
+        self._process = process
+
+    @classmethod
+    def make(cls, command, directory, tap, lasting):
+        """Runs a command in there, in a directory, with its output in the file "console" of that."""
+        tie = [] if lasting else ["setpriv", "--pdeathsig", "KILL", "--"]
+        with open(directory / "console", "ab") as console:
+            process = subprocess.Popen(
+                [*tie, "unshare", "--mount", "--net", "--pid", "--fork", "--kill-child", "--mount-proc", "--",
+                 ENCLOSE, directory, ROOT, tap, *command],
+                stdin=subprocess.DEVNULL, stdout=console, stderr=console, start_new_session=lasting)
+        return cls(process.pid, start_time(process.pid), process)
+
+    def enter(self, *command):
+        """The command that runs another on its network, to be killed with all else in there."""
+        spaces = f"/proc/{self.pid}/ns"
+        return ["nsenter", f"--net={spaces}/net", f"--pid={spaces}/pid_for_children", "--", *command]
+
+    def is_running(self):
+        return self.start is not None and start_time(self.pid) == self.start
+
+    def kill(self):
+        """Ends all that is in there; `wait` tells when that is done."""
+        with contextlib.suppress(ProcessLookupError, FileNotFoundError):
+            if self.is_running():
+                path = pathlib.Path(f"/proc/{self.pid}/task/{self.pid}/children")
+                first = path.read_text(encoding="ascii").split()
+                os.kill(int(first[0]) if first else self.pid, signal.SIGKILL)
+
+    def wait(self, seconds):
+        """Whether it has ended by then. Its process ends last: from then on nobody writes to its files."""
+        with contextlib.suppress(ProcessLookupError):
+            descriptor = os.pidfd_open(self.pid)
+            try:
+                if self.is_running() and not select.select([descriptor], [], [], seconds)[0]:
+                    return False
+            finally:
+                os.close(descriptor)
+        if self._process:
+            self._process.wait()
+        return True

@@ -1,0 +1,27 @@
+"""The Debian packages of a machine, by what they are for."""
+import re
+import subprocess
+
+SYSTEM = "systemd-sysv udev dbus kmod iproute2 procps util-linux mount openssh-server".split()
+VOLUMES = """lvm2 dmsetup thin-provisioning-tools cryptsetup-bin udisks2 e2fsprogs xfsprogs dosfstools ntfs-3g
+             fdisk parted attr fio""".split()
+# What the agent's own tests, and the lab, run there.
+TESTS = """python3 python3-pytest python3-rich tgt nbdkit libnbd-bin gnutls-bin openssl ca-certificates curl
+           sqlite3 zstd strace nftables""".split()
+# Their libraries are those that the agent is linked to; the others come along with the tools.
+LIBRARIES_OF = """libdbus-1-dev libmicrohttpd-dev libcurl4-gnutls-dev libiscsi-dev libudisks2-dev libnbd-dev
+                  libsqlite3-dev libdevmapper-dev libmount-dev libzstd-dev libssl-dev""".split()
+# What a machine with Debian's own kernel needs besides. Its kernel is loaded by the host.
+STOCK_KERNEL = "linux-image-amd64 initramfs-tools zstd busybox-static".split()
+
+
+def libraries():
+    """The packages of the libraries, whose names tell their versions and differ between releases."""
+    depends = subprocess.run(["dpkg-query", "--show", "--showformat=${Depends}\n", *LIBRARIES_OF],
+                             capture_output=True, text=True, check=True).stdout
+    names = re.findall(r"(lib[^\s,]+) \(= ", depends)
+    return sorted(name for name in names if not name.endswith(("-dev", "-bin")))
+
+
+def packages():
+    return [*SYSTEM, *VOLUMES, *TESTS, *libraries()]

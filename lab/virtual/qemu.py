@@ -1,0 +1,89 @@
+"""Machines of QEMU with Debian's own kernel, for what only that has and what is done before there is a root.
+
+/dev/kvm may be there and of no use, so the first machine finds out by booting with it, and the answer is kept
+with the image for as long as this host stays up.
+"""
+import pathlib
+
+from lab.commands import run
+from lab.virtual import images
+from lab.virtual.enclosure import ROOT
+from lab.virtual.machine import Machine, MachineError
+
+HOST_BOOT = pathlib.Path("/proc/sys/kernel/random/boot_id")
+PROBE_SECONDS = 60
+
+
+class QemuMachine(Machine):
+    """Two processors, emulated unless KVM works. What it writes to its root goes to a file of its own."""
+
+    kind = "qemu"
+    boot_seconds = 400
+    address = "127.0.0.1"
+    port = 2222
+    probe_seconds = 15
+    accelerator = None
+
+    def __init__(self, memory=2048, append="", **options):
+        super().__init__(memory=memory, **options)
+        self.append = append # to the command line of the kernel
+
+    def device(self, number):
+        return f"/dev/vd{chr(ord('b') + number)}"
+
+    def prepare(self):
+        if self.accelerator is None:
+            self.accelerator = working_accelerator(self.image)
+        root = self.directory / "root.qcow2"
+        if not root.exists():
+            run("qemu-img", "create", "-q", "-f", "qcow2", "-F", "raw", "-b", self.image.root, root)
+
+    def command(self):
+        cpu = "host" if self.accelerator == "kvm" else "max"
+        return ["/usr/bin/qemu-system-x86_64", "-accel", self.accelerator, "-cpu", cpu, "-smp", 2,
+                "-m", self.memory, "-nodefaults", "-no-user-config", "-no-reboot", "-display", "none",
+                "-serial", "stdio", "-device", "virtio-rng-pci",
+                "-kernel", self.image.kernel, "-initrd", self.image.initrd, "-append", self._kernel_line(),
+                "-netdev", f"user,id=net,restrict=on,hostfwd=tcp:{self.address}:{self.port}-:22",
+                "-device", "virtio-net-pci,netdev=net,romfile=",
+                "-virtfs", f"local,path={ROOT},mount_tag=checkout,security_model=none,readonly=on",
+                *self._drive("root.qcow2", "qcow2", "root"),
+                *(word for number, disk in enumerate(self.disks)
+                  for word in self._drive(disk.path.name, "raw", f"disk{number}"))]
+
+    def _kernel_line(self):
+        return ("root=/dev/vda rw console=ttyS0 quiet net.ifnames=0 mitigations=off lab.link=eth0 "
+                f"lab.address=10.0.2.15/24 lab.checkout={ROOT} lab.share=9p {self.append}")
+
+    @staticmethod
+    def _drive(file, form, name):
+        """The host's page cache outlives a cut, so nothing has to be written through it."""
+        return ["-drive", f"file={file},if=none,id={name},format={form},cache=unsafe,discard=unmap",
+                "-device", f"virtio-blk-pci,drive={name},serial={name}"]
+
+
+class ProbingMachine(QemuMachine):
+    """Finds out whether KVM boots here."""
+
+    accelerator = "kvm"
+    boot_seconds = PROBE_SECONDS
+
+
+def working_accelerator(image):
+    """"kvm" if a machine boots with it, else "tcg"."""
+    if not pathlib.Path("/dev/kvm").exists():
+        return "tcg"
+    known = image.path / f"accelerator-{HOST_BOOT.read_text(encoding='ascii').strip()}"
+    with images.only_one("accelerator"):
+        if not known.exists():
+            known.write_text(probe(), encoding="ascii")
+    return known.read_text(encoding="ascii")
+
+
+def probe():
+    try:
+        with ProbingMachine() as machine:
+            machine.start()
+        return "kvm"
+    except MachineError:
+        return "tcg"

@@ -1,0 +1,44 @@
+#!/usr/bin/env python3
+"""usage: tests/fuzz/make_lvm_seeds.py DIRECTORY
+
+Makes the seeds of the corpus lvm_metadata: around each text of LVM's beside the unit tests of its reader, a label and
+an area, which the text fills to its end or goes beyond. The fuzz target puts the checksums in."""
+import pathlib
+import re
+import struct
+import sys
+
+TEXTS = pathlib.Path(__file__).resolve().parents[1] / "unit/platform/tolvubd/lvm"
+SECTOR = 512
+AREA = 4096
+DATA = 1 << 20
+MAGIC = b" LVM2 x[5A%r0N*>"
+
+
+def label(uuid, area_size):
+    places = struct.pack("<8Q", DATA, 0, 0, 0, AREA, area_size, 0, 0)
+    return (struct.pack("<8sQII8s32sQ", b"LABELONE", 1, 0, 32, b"LVM2 001", uuid, 64 << 20) + places).ljust(SECTOR, b"\0")
+
+
+def header(area_size, offset, size):
+    return struct.pack("<I16sIQQQQII", 0, MAGIC, 1, AREA, area_size, offset, size, 0, 0).ljust(SECTOR, b"\0")
+
+
+def seed(text, split):
+    """The text begins so many bytes before the end of its ring."""
+    volume = re.search(rb'pv0 \{\s*id = "([^"]*)"', text)[1].replace(b"-", b"")
+    size = len(text) + SECTOR
+    ring = text[split:] + text[:split] if split < len(text) else text
+    return label(volume, size) + header(size, size - split, len(text)) + ring
+
+
+def main():
+    directory = pathlib.Path(sys.argv[1])
+    for path in sorted(TEXTS.glob("*.vg")):
+        text = path.read_bytes() + b"\0"
+        (directory / path.stem).write_bytes(seed(text, len(text)))
+        (directory / f"{path.stem}-split").write_bytes(seed(text, 3))
+
+
+if __name__ == "__main__":
+    main()

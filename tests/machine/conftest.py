@@ -1,0 +1,68 @@
+"""Machines for tests that need a kernel, a start or a power cut of their own."""
+import pathlib
+import sys
+
+import pytest
+
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+sys.path.insert(0, str(ROOT))
+
+from lab.virtual.uml import UmlMachine  # noqa: E402
+
+DISKS = (4 << 30, 4 << 30)
+MACHINES = pytest.StashKey()
+
+
+def pytest_addoption(parser):
+    parser.addoption("--guest", help="the suite of guest/ for test_guests.py to run, if not all")
+
+
+def pytest_configure(config):
+    config.addinivalue_line("markers", "nightly: takes long; run by scripts/test machine only")
+    config.stash[MACHINES] = []
+
+
+def pytest_ignore_collect(collection_path):
+    """What is to run in a machine isn't run here."""
+    return collection_path == ROOT / "tests" / "machine" / "guest" or None
+
+
+@pytest.hookimpl(hookwrapper=True)
+def pytest_runtest_makereport(item):
+    """Shows the consoles of all machines that a failed test could use."""
+    report = (yield).get_result()
+    if report.failed:
+        for machine in item.config.stash[MACHINES]:
+            report.sections.append((f"console of {machine.directory.name}", machine.console()))
+
+
+@pytest.fixture(scope="module")
+def new_machine(request):
+    """new_machine(CLASS, DISKS, OPTIONS) is a machine with disks of so many bytes, which is on. It is gone
+    after the module's last test."""
+    known = request.config.stash[MACHINES]
+
+    def make(kind=UmlMachine, disks=DISKS, **options):
+        machine = kind(**options)
+        machine.__enter__()
+        request.addfinalizer(lambda: (known.remove(machine), machine.__exit__(None, None, None)))
+        known.append(machine)
+        for size in disks:
+            machine.disk(size)
+        return machine.start()
+
+    return make
+
+
+@pytest.fixture(scope="module")
+def machine(request, new_machine):
+    """A machine of user-mode Linux with two disks, or with disks of the sizes in the module's `DISKS`."""
+    return new_machine(disks=getattr(request.module, "DISKS", DISKS))
+
+
+@pytest.fixture
+def running_machine(machine):
+    """The module's machine, switched on again if a test has left it off."""
+    if not machine.is_on():
+        machine.start()
+    return machine

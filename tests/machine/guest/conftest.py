@@ -1,0 +1,15 @@
+"""What tests inside of a machine have: a whole Debian that is theirs, and disks."""
+import os
+import pathlib
+import sys
+
+import pytest
+
+ROOT = pathlib.Path(__file__).resolve().parents[3]
+sys.path[:0] = [str(ROOT), str(ROOT / "tests" / "functional")]
+
+
+@pytest.fixture(scope="session")
+def disks():
+    """The devices of the machine's disks, on which nothing is at first."""
+    return os.environ["MACHINE_DISKS"].split()

@@ -1,0 +1,200 @@
+"""Volumes on device-mapper with a device of the driver, while a program writes; and what has to be true of the
+driver's pictures and records of them, whatever has been done to the volume meanwhile."""
+import contextlib
+import errno
+import json
+import os
+import pathlib
+import subprocess
+import sys
+
+from lab import filesystems
+from lab.commands import run
+from lab.driver import forget_devices, info
+from lab.images import extents_on
+from lab.services import wait_until
+from lab.stay import Stay
+from tolvubd_site import Cow, SNAPSHOT, TRACKING, UNIT, Volume, call, cow_files, must, states, tolvuctl
+
+SECONDS = 60
+COW_MEBIBYTES = 24
+EVENT_SECONDS = 5 # within which a snapshot that isn't the moment any more must fail
+PIECE = 1 << 20
+SECTORS = 2048 # in a mebibyte
+BLOCKS = {name: ("-b", "4096") for name in ("ext2", "ext3", "ext4")} # small ones have blocks of 1 KiB else
+
+
+def logical_volumes(group, *options):
+    """Where Volume finds its device: in a group, made with these options. A mebibyte more than its file system,
+    so that a volume that somebody makes smaller still holds that."""
+    @contextlib.contextmanager
+    def place(name, filesystem, sectors):
+        device = group.create(name, -(-sectors // SECTORS) + 1, *options)
+        filesystems.make(filesystem, device, *BLOCKS.get(filesystem, ()))
+        yield device
+    return place
+
+
+class Unreadable(Exception):
+    """A device gave an error instead of what is on it."""
+
+
+def picture(device):
+    """All that is on a device, read past the page cache."""
+    done = subprocess.run(["dd", f"if={device}", f"bs={PIECE}", "iflag=direct", "status=none"],
+                          capture_output=True, check=False, timeout=SECONDS)
+    if done.returncode != 0:
+        raise Unreadable(done.stderr.decode())
+    return done.stdout
+
+
+def is_readable(device):
+    return subprocess.run(["dd", f"if={device}", "of=/dev/null", "bs=4096", "count=1", "iflag=direct"],
+                          capture_output=True, check=False, timeout=SECONDS).returncode == 0
+
+
+def differing(before, after):
+    """The numbers of the units in which two pictures differ."""
+    assert len(before) == len(after)
+    return {unit for piece in range(0, len(before), PIECE)
+            if before[piece:piece + PIECE] != after[piece:piece + PIECE]
+            for unit in range(piece // UNIT, min(piece + PIECE, len(before)) // UNIT)
+            if before[unit * UNIT:(unit + 1) * UNIT] != after[unit * UNIT:(unit + 1) * UNIT]}
+
+
+class Writer(Stay):
+    """A program that writes to a directory for as long as this lasts. None of its writes may fail, and what it
+    has written must be there in the end."""
+
+    def __init__(self, directory):
+        super().__init__()
+        self._command = [sys.executable, pathlib.Path(__file__).with_name("writer.py"), directory]
+        self._busy = pathlib.Path(directory, "busy")
+
+    def open(self, lasting):
+        self._process = subprocess.Popen(self._command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
+        lasting.callback(self._process.kill)
+        self.wait_for_writes()
+
+    def wait_for_writes(self):
+        """Until it has written since now."""
+        before = self._changed()
+        wait_until(lambda: self._changed() != before, SECONDS, "a write")
+
+    def _changed(self):
+        return os.stat(self._busy).st_mtime_ns if self._busy.exists() else None
+
+    def end(self):
+        said = json.loads(self._process.communicate(timeout=SECONDS)[0])
+        assert said["errors"] == []
+        return said
+
+
+class Protected(Stay):
+    """A volume that has a snapshot, and a program that writes to it. `first` is the picture of that moment."""
+
+    def __init__(self, volume, minor=0, cow_mebibytes=COW_MEBIBYTES):
+        super().__init__()
+        self.volume = volume
+        self.minor = minor
+        self.node = pathlib.Path(f"/dev/tolvu{minor}")
+        self._cow_mebibytes = cow_mebibytes
+        self._files = [volume.cow, volume.other_cow]
+
+    def open(self, lasting):
+        lasting.callback(forget_devices)
+        self.writer = lasting.enter_context(Writer(self.volume.mount_point))
+        self.start()
+
+    def start(self):
+        """A first snapshot."""
+        must("setup_snapshot", self.minor, self.volume.device, self.volume.cow, self._cow_mebibytes)
+        self._files = [self.volume.cow, self.volume.other_cow]
+        self.first = picture(self.node)
+        self._own = self.own_units()
+        self.writer.wait_for_writes()
+
+    def track(self):
+        must("transition_incremental", self.minor)
+        self.writer.wait_for_writes()
+
+    def error(self):
+        """What the driver says is wrong with the device, now that it has looked."""
+        must("start")
+        return next(device["error"] for device in info()["devices"] if device["minor"] == self.minor)
+
+    def own_units(self):
+        """Where the driver's own files lie, which nobody copies."""
+        return {unit for name in cow_files(self.volume)
+                for begin, length in extents_on(self.volume.device, self.volume.filesystem,
+                                                self.volume.mount_point, name)
+                for unit in range(begin // UNIT, -(-(begin + length) // UNIT))}
+
+    def outcome(self):
+        """What has come of the device, in words; fails where a picture or a record is wrong."""
+        if states().get(self.minor) != SNAPSHOT:
+            return self.next_record()
+        picture_is = self.look()
+        ended = call("transition_incremental", self.minor)
+        if not ended:
+            return f"{picture_is}; {self.full_comparison(ended)}"
+        self.writer.wait_for_writes()
+        return f"{picture_is}; {self.next_record()}"
+
+    def look(self):
+        """The snapshot shows the moment, or nothing."""
+        try:
+            now = picture(self.node)
+        except Unreadable:
+            now = None
+        error = self.error()
+        if now is not None and error == 0:
+            wrong = differing(self.first, now) - self._own
+            assert not wrong, f"{len(wrong)} units are not the moment's, and nothing says so"
+            return "snapshot right"
+        assert error != 0, "the snapshot can't be read, and nothing says why"
+        wait_until(lambda: not is_readable(self.node), EVENT_SECONDS, f"{self.node} unreadable")
+        return f"snapshot ended ({errno.errorcode[error]})"
+
+    def next_record(self):
+        """The next snapshot's record tells all that has changed since the last picture, or there is none."""
+        closed, current = self._files
+        done = call("transition_snapshot", self.minor, current, self._cow_mebibytes)
+        if not done:
+            return self.full_comparison(done)
+        now, error = picture(self.node), self.error()
+        assert error == 0, "a snapshot was taken of what isn't sound"
+        told = set(Cow(closed, self.volume).changed_units)
+        differ = differing(self.first, now) - self._own - self.own_units()
+        assert not differ - told, f"{len(differ - told)} of {len(differ)} changed units are missing"
+        assert len(differ) > 0
+        self.first, self._files = now, [current, closed]
+        self._own |= self.own_units()
+        return "set right"
+
+    def full_comparison(self, refused):
+        """A device that isn't trusted says so, and is made anew."""
+        assert refused.value == -1 and refused.error != 0
+        assert self.error() != 0, f"refused with {errno.errorcode[refused.error]}, but the status is healthy"
+        done = tolvuctl("destroy", self.minor)
+        assert done.returncode == 0, done.stderr
+        assert cow_files(self.volume) in ([], [".tolvu"])
+        self.start()
+        if self.volume.filesystem.startswith("ext"):
+            run("e2fsck", "-fn", self.node)
+        return f"full comparison ({errno.errorcode[refused.error]})"
+
+    def end(self):
+        """No program has noticed anything; the volume is as LVM has it, and sound."""
+        self.writer.end()
+        forget_devices()
+        assert layers() == []
+
+
+def layers():
+    """The names of the driver's devices."""
+    listed = run("dmsetup", "info", "-c", "--noheadings", "-o", "name,uuid")
+    return [line.split(":")[0] for line in listed.splitlines() if ":TOLVU-" in line]
+
+
+__all__ = ["Protected", "TRACKING", "SNAPSHOT", "Volume", "layers", "logical_volumes"]

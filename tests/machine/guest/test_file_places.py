@@ -1,0 +1,110 @@
+"""Where the driver's own files lie: in many pieces, or shared with other files."""
+import contextlib
+import ctypes
+import errno
+import os
+
+import pytest
+
+from dm_site import Protected, Volume, layers, logical_volumes
+from lab.commands import run
+from lab.images import extents_on
+from lab.lvm import VolumeGroup
+from tolvubd_site import call, cow_files, must, states
+
+MEBIBYTES = {"ext4": 192, "xfs": 448}
+KEEP_SIZE, PUNCH_HOLE = 1, 2
+SPARE = 4 << 20 # of free space that is left in one piece, for the file system itself
+
+
+@pytest.fixture(scope="module")
+def group():
+    with VolumeGroup() as made:
+        yield made
+
+
+@pytest.fixture
+def make_volume(group):
+    with contextlib.ExitStack() as stack:
+        stack.callback(run, "lvremove", "-ff", "-y", group.name)
+        yield lambda filesystem: stack.enter_context(
+            Volume("data", filesystem, MEBIBYTES[filesystem] * 2048, logical_volumes(group)))
+
+
+def scatter_free_space(volume, piece):
+    """Leaves free space in pieces of so many bytes only: every second one of a file that fills the volume."""
+    library = ctypes.CDLL(None, use_errno=True)
+    with open(volume.mount_point / "filling", "wb") as file:
+        space = os.fstatvfs(file.fileno())
+        size = (space.f_bavail * space.f_frsize - SPARE) // piece * piece
+        os.posix_fallocate(file.fileno(), 0, size)
+        os.fsync(file.fileno())
+        for at in range(0, size, 2 * piece):
+            done = library.fallocate(file.fileno(), KEEP_SIZE | PUNCH_HOLE, ctypes.c_long(at), ctypes.c_long(piece))
+            assert done == 0, os.strerror(ctypes.get_errno())
+        os.fsync(file.fileno())
+
+
+def pieces_of(volume, path):
+    return len(extents_on(volume.device, volume.filesystem, volume.mount_point, path.name))
+
+
+@pytest.mark.parametrize("filesystem", MEBIBYTES)
+def test_files_in_many_pieces(make_volume, filesystem):
+    volume = make_volume(filesystem)
+    scatter_free_space(volume, 128 << 10)
+    with Protected(volume, cow_mebibytes=12) as protected:
+        assert layers()
+        assert pieces_of(volume, volume.cow) > 64
+        assert protected.look() == "snapshot right"
+        protected.track()
+        assert protected.next_record() == "set right"
+        protected.end()
+
+
+@pytest.mark.parametrize("filesystem", MEBIBYTES)
+def test_files_in_too_many_pieces(make_volume, filesystem):
+    """Tracking goes on without the snapshot that would need one, until there is better room."""
+    volume = make_volume(filesystem)
+    with Protected(volume, cow_mebibytes=12) as protected:
+        protected.track()
+        scatter_free_space(volume, 16 << 10)
+        refused = call("transition_snapshot", 0, volume.other_cow, 12)
+        assert (refused.value, refused.error) == (-1, errno.EOPNOTSUPP)
+        assert ".tolvu1" not in cow_files(volume)
+        assert (states(), protected.error()) == ({0: 2}, 0)
+        (volume.mount_point / "filling").unlink()
+        assert protected.next_record() == "set right"
+        protected.end()
+
+
+def test_file_that_somebody_shares(make_volume):
+    """A copy on XFS shares its blocks with the file; the driver's own go on to lie where they lay."""
+    volume = make_volume("xfs")
+    with Protected(volume, cow_mebibytes=12) as protected:
+        for name in cow_files(volume):
+            run("cp", "--reflink=always", volume.mount_point / name, volume.mount_point / f"copy{name}")
+        assert protected.look() == "snapshot right"
+        must("transition_incremental", 0)
+        assert protected.next_record() == "set right"
+        protected.end()
+
+
+@pytest.mark.parametrize("filesystem, tool", {"ext4": "e4defrag", "xfs": "xfs_fsr"}.items())
+def test_files_are_not_moved(make_volume, filesystem, tool):
+    """Not by a tool that puts files into fewer pieces, nor are they changed or removed by root."""
+    volume = make_volume(filesystem)
+    scatter_free_space(volume, 128 << 10)
+    with Protected(volume, cow_mebibytes=12) as protected:
+        (volume.mount_point / "filling").unlink()
+        before = {name: extents_on(volume.device, filesystem, volume.mount_point, name)
+                  for name in cow_files(volume)}
+        for name in before:
+            for command in ((tool, "-v"), ("truncate", "-s", "0"), ("rm", "-f"), ("dd", "if=/dev/zero", "count=1")):
+                with contextlib.suppress(OSError):
+                    path = volume.mount_point / name
+                    run(*command, f"of={path}" if command[0] == "dd" else path)
+        assert before == {name: extents_on(volume.device, filesystem, volume.mount_point, name)
+                          for name in cow_files(volume)}
+        assert protected.look() == "snapshot right"
+        protected.end()
