@@ -25,8 +25,10 @@
 #include <chrono>
 #include <cstring>
 #include <fcntl.h>
+#include <linux/fs.h>
 #include <memory>
 #include <set>
+#include <sys/ioctl.h>
 #include <unistd.h>
 #include <utility>
 
@@ -99,7 +101,10 @@ os::FileDescriptor openSnapshot(const LayerStack& stack) {
 }
 
 void show(const LayerStack& stack, Device& device) {
-    device.layers->groups = groupsInUse(openSnapshot(stack), device.size);
+    const os::FileDescriptor snapshot = openSnapshot(stack);
+    device.layers->groups = groupsInUse(snapshot, device.size);
+    const int readOnly = 1;
+    checked(::ioctl(snapshot.get(), BLKROSET, &readOnly), "make the snapshot read-only");
     showDevice(stack.snapshot().number, device.minor);
 }
 
