@@ -141,7 +141,8 @@ class Protection:
 
     def request(self, *names, **changes):
         """The volumes of a request, of all volumes if none is named; `changes` apply to each."""
-        return [volume(**({"guid": self.partitions[name].uuid, "offset": self.offset, "scripts": self.scripts}
+        scripts = [*self.scripts, *changes.pop("scripts", ())]
+        return [volume(**({"guid": self.partitions[name].uuid, "offset": self.offset, "scripts": scripts}
                           | self.images[name].place() | changes))
                 for name in names or self.partitions]
 

@@ -37,15 +37,23 @@ def install():
 
 
 def keep():
-    """Whoever has the last file open keeps it: the new one takes its name."""
+    """Makes a new file for each snapshot: whoever has the last one open keeps it."""
     MOMENTS.mkdir(exist_ok=True)
     for device in driver.devices():
         if device["state"] == SNAPSHOT:
             path = MOMENTS / f"{device['minor']}.img"
             path.unlink(missing_ok=True)
-            run("dmsetup", "table", f"tolvu{device['minor']}") # or it isn't one of device-mapper's
-            run("cp", "--sparse=always", f"/dev/tolvu{device['minor']}", f"{path}.new")
-            os.replace(f"{path}.new", path)
+            node = pathlib.Path(f"/dev/tolvu{device['minor']}")
+            check_kind(node)
+            run("cp", "--sparse=always", node, path)
+
+
+def check_kind(node):
+    """Where the driver does otherwise than expected, no moment is kept, and the test fails."""
+    number = node.stat().st_rdev
+    table = run("dmsetup", "table", "--major", os.major(number), "--minor", os.minor(number))
+    if " snapshot " not in table:
+        sys.exit(f"{node} is no snapshot of device-mapper's")
 
 
 if __name__ == "__main__":

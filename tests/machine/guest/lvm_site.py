@@ -43,7 +43,7 @@ def private_etc():
 def check_functional(name):
     """Runs a file of the functional tests, which must pass."""
     done = subprocess.run(
-        [sys.executable, "-m", "pytest", "-q", "-p", "no:cacheprovider", ROOT / "tests" / "functional" / name],
+        [sys.executable, "-m", "pytest", "-q", "-p", "no:cacheprovider", ROOT / "tests/functional" / name],
         env={**os.environ, "BEKD_VOLUMES": "lvm"}, cwd=ROOT, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
         stderr=subprocess.STDOUT, text=True, check=False, timeout=SECONDS)
     assert done.returncode == 0, done.stdout
