@@ -1,4 +1,4 @@
-"""A machine with a tracked volume that may lose its power at any moment, and what has to be true afterwards."""
+"""A machine with a tracked volume that may lose its power at any moment, and what must be true afterwards."""
 import contextlib
 import json
 import pathlib
@@ -60,8 +60,8 @@ class Figures:
 
 
 class TrackedVolume(Stay):
-    """A logical volume on the machine's first disk, with a program that writes to it. Pictures of its snapshots
-    go to the second disk, where they can be read from here, whatever becomes of the machine."""
+    """A logical volume on the machine's first disk, with a program that writes to it. Pictures of its
+    snapshots go to the second disk, where they can be read from here, whatever becomes of the machine."""
 
     def __init__(self, machine, kind):
         super().__init__()
@@ -117,8 +117,8 @@ class TrackedVolume(Stay):
     # The program that writes.
 
     def start_writer(self):
-        self._writer = self.machine.begin("/usr/bin/python3", "-B", INSIDE / "busy.py", MOUNT, str(self._number),
-                                          text=True, stdin=subprocess.PIPE)
+        self._writer = self.machine.begin("/usr/bin/python3", "-B", INSIDE / "busy.py", MOUNT,
+                                          str(self._number), text=True, stdin=subprocess.PIPE)
         self._first_kept = self._last = int(self._writer.stdout.readline())
 
     def stop_writer(self):
@@ -155,8 +155,8 @@ class TrackedVolume(Stay):
         self.has_picture = True
 
     def copy_snapshot(self, slot):
-        self.machine.run(f"dd if=/dev/tolvu0 of={self.machine.disks[1].device} bs=1M iflag=direct oflag=direct "
-                         f"seek={slot * self.mebibytes} status=none conv=notrunc")
+        self.machine.run(f"dd if=/dev/tolvu0 of={self.machine.disks[1].device} bs=1M iflag=direct "
+                         f"oflag=direct seek={slot * self.mebibytes} status=none conv=notrunc")
 
     def differing(self, one, other):
         """The units in which two pictures differ."""
@@ -208,8 +208,8 @@ class TrackedVolume(Stay):
         return found[0]["state"] if found and found[0]["error"] == 0 else None
 
     def come_back(self):
-        """After a power cut: the volume is there, nothing that was brought to the disk is lost, and a device is
-        given back that can be trusted, or none."""
+        """After a power cut: the volume is there, nothing that was brought to the disk is lost, and a device
+        is given back that can be trusted, or none."""
         self.stop_writer()
         self.machine.start()
         begin = time.monotonic()

@@ -1,5 +1,6 @@
-"""The power is cut while a function of the driver stands before one of its steps, and programs write: the volume
-is there after the start, has lost nothing that was brought to the disk, and the next record is right."""
+"""The power is cut while a function of the driver stands before one of its steps, and programs write:
+the volume is there after the start, has lost nothing that was brought to the disk, and the next record is
+right."""
 import os
 import time
 

@@ -1,5 +1,6 @@
 """A tracked volume whose machine loses its power at random moments while programs write: the next backup gets
 all that has changed."""
+import os
 import random
 import time
 
@@ -8,8 +9,7 @@ import pytest
 from cut_site import TrackedVolume, install
 
 DISKS = (1 << 30, 1 << 30)
-CUTS = {"ext4": 1, "xfs": 1}
-MANY_CUTS = 50
+MANY_CUTS = int(os.environ.get("BEKD_CUTS", "50"))
 LONGEST_SECONDS = 4
 
 
@@ -40,16 +40,17 @@ def cut_many_times(machine, kind, count):
         for number in range(count):
             cut_at_random(volume, number, chosen)
         volume.figures.keep()
-        assert volume.figures.missed == 0
-        assert volume.figures.kept > 0
+        return volume.figures
 
 
-@pytest.mark.parametrize("kind", CUTS)
-def test_cuts_at_random_moments(running_machine, kind):
-    cut_many_times(running_machine, kind, CUTS[kind])
+def test_a_cut_while_there_is_a_snapshot(running_machine):
+    figures = cut_many_times(running_machine, "ext4", 1)
+    assert (figures.kept, figures.missed) == (1, 0)
 
 
 @pytest.mark.nightly
-@pytest.mark.parametrize("kind", CUTS)
+@pytest.mark.parametrize("kind", ("ext4", "xfs"))
 def test_many_cuts_at_random_moments(running_machine, kind):
-    cut_many_times(running_machine, kind, MANY_CUTS)
+    """Every one of them was the machine's first start since the last one, so the tracking has lasted."""
+    figures = cut_many_times(running_machine, kind, MANY_CUTS)
+    assert (figures.kept, figures.missed) == (MANY_CUTS, 0)

@@ -1,8 +1,8 @@
-"""A program that writes to a directory until its standard input ends, or the power goes: busy.py DIRECTORY FIRST.
+"""A program that writes to a directory until its input ends, or the power goes: busy.py DIRECTORY FIRST.
 
-It overwrites pieces of a file at random places, and brings them to the disk now and then; files come, are renamed
-and go. It prints the number of each file `kept-NUMBER` once that must outlive a power cut, from FIRST on; the
-last `KEPT` of them are there.
+It overwrites pieces of a file at random places, and brings them to the disk now and then; files come, are
+renamed and go. It prints the number of each file `kept-NUMBER` once that must outlive a power cut, from FIRST
+on; the last `KEPT` of them are there.
 """
 import os
 import pathlib

@@ -1,5 +1,5 @@
-"""A process that is killed at any step of a function of the driver leaves a volume that programs can write, and
-a next record that is right."""
+"""A process that is killed at any step of a function of the driver leaves a volume that programs can write,
+and a next record that is right."""
 import collections
 import os
 import pathlib
