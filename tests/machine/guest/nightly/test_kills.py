@@ -13,7 +13,7 @@ from snapshot_site import check_writable
 from tolvubd_site import call, must, states, tolvuctl
 
 TRACE = pathlib.Path("/tmp/tolvubd.trace")
-SECTORS = 192 * 2048
+SECTORS = 128 * 2048
 CALLS = "ioctl,pwrite64,fsync,rename,unlink,fallocate,mknodat,exit_group"
 # They change nothing.
 QUESTIONS = re.compile(r"DM_(VERSION|DEV_STATUS|TABLE_STATUS|TABLE_DEPS|LIST_\w+)|FS_IOC_FIEMAP|BLKGETSIZE")
