@@ -256,6 +256,7 @@ bool Driver::takeFirstByMapper(const SnapshotPlan& plan, Device& device) {
     }
     Device layered = device;
     layered.layers = MapperBackEnd::newLayers(plan.volume);
+    removeLeftOvers(plan.cow);
     try {
         takeFirst(mapper, plan, layered);
         return true;

@@ -109,6 +109,10 @@ class Protected(Stay):
     def start(self):
         """A first snapshot."""
         must("setup_snapshot", self.minor, self.volume.device, self.volume.cow, self._cow_mebibytes)
+        self.begin()
+
+    def begin(self):
+        """The first snapshot is there."""
         self._files = [self.volume.cow, self.volume.other_cow]
         self.first = picture(self.node)
         self._own = self.own_units()
@@ -159,10 +163,15 @@ class Protected(Stay):
 
     def next_record(self):
         """The next snapshot's record tells all that has changed since the last picture, or there is none."""
+        done = self.take_next()
+        return self.check_record() if done else self.full_comparison(done)
+
+    def take_next(self, wrapper=()):
+        return call("transition_snapshot", self.minor, self._files[1], self._cow_mebibytes, wrapper=wrapper)
+
+    def check_record(self):
+        """Another snapshot has been taken."""
         closed, current = self._files
-        done = call("transition_snapshot", self.minor, current, self._cow_mebibytes)
-        if not done:
-            return self.full_comparison(done)
         now, error = picture(self.node), self.error()
         assert error == 0, "a snapshot was taken of what isn't sound"
         told = set(Cow(closed, self.volume).changed_units)
