@@ -182,7 +182,7 @@ class Protected(Stay):
         assert self.error() != 0, f"refused with {errno.errorcode[refused.error]}, but the status is healthy"
         done = tolvuctl("destroy", self.minor)
         assert done.returncode == 0, done.stderr
-        assert cow_files(self.volume) in ([], [".tolvu"])
+        assert layers() == []
         self.start()
         if self.volume.filesystem.startswith("ext"):
             run("e2fsck", "-fn", self.node)
