@@ -291,10 +291,6 @@ void Driver::transitionSnapshot(std::uint32_t minor, const std::string& cowPath,
         fail(EEXIST, cowPath + " is in use");
     }
     const std::string closed = findCowFile(volume, before.cowFile);
-    if (before.layers) {
-        dm::releaseFile(closed); // which nothing is mapped to while there is no snapshot
-    }
-    requireTable(before, closed);
     Device after = before;
     after.mode = Mode::snapshot;
     after.cowFile = plan.cow.relative;
@@ -304,6 +300,10 @@ void Driver::transitionSnapshot(std::uint32_t minor, const std::string& cowPath,
     }
     IBackEnd& backEnd = backEndOf(before);
     backEnd.requireRoom(plan, after);
+    if (before.layers) {
+        dm::releaseFile(closed); // which nothing is mapped to while there is no snapshot
+    }
+    requireTable(before, closed);
     undoneOnFailure([&] {
         begin(plan, after);
         backEnd.takeNext(plan, before, closed, after);

@@ -69,6 +69,7 @@ struct Mount {
     std::string number; ///< of the device, as two numbers
     std::string mountPoint;
     std::string fileSystem;
+    std::string options; ///< of the file system, whatever those of the mount are
 };
 
 /// A line of /proc/self/mountinfo. Behind the mount point come options, as many as there are, and a dash.
@@ -82,7 +83,7 @@ std::optional<Mount> parseMount(const std::string& line) {
     mount.mountPoint = unescape(mount.mountPoint);
     while (fields >> word && word != "-") {
     }
-    fields >> mount.fileSystem;
+    fields >> mount.fileSystem >> word >> mount.options; // between them, its source
     return mount;
 }
 
@@ -165,6 +166,12 @@ std::string fileSystemIn(const std::string& mountInfo, dev_t device) {
 bool isServedIn(const std::string& mountInfo, dev_t device) {
     return std::ranges::any_of(mountsOf(mountInfo, device), [](const Mount& mount) {
         return mount.fileSystem == servedType || mount.fileSystem.starts_with(std::string(servedType) + ".");
+    });
+}
+
+bool isWritableIn(const std::string& mountInfo, dev_t device) {
+    return std::ranges::any_of(mountsOf(mountInfo, device), [](const Mount& mount) {
+        return mount.options != "ro" && !mount.options.starts_with("ro,");
     });
 }
 

@@ -41,6 +41,8 @@ std::vector<std::string> mountPointsIn(const std::string& mountInfo, dev_t devic
 std::string fileSystemIn(const std::string& mountInfo, dev_t device);
 /// Whether the file system of a device is a process.
 bool isServedIn(const std::string& mountInfo, dev_t device);
+/// Whether a file system of the device takes writes, by whatever mount.
+bool isWritableIn(const std::string& mountInfo, dev_t device);
 
 /// The bytes that an ordinary file can still get on the file system of `path`.
 std::uint64_t freeSpace(const std::string& path);

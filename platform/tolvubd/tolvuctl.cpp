@@ -1,11 +1,19 @@
 #include "Driver.h"
+#include "Layout.h"
 #include "StateStore.h"
+#include "boot/Adoption.h"
+#include "boot/Closing.h"
+#include "boot/Reinsertion.h"
+#include "seal/Starts.h"
 
+#include <algorithm>
+#include <cerrno>
 #include <charconv>
 #include <cstring>
 #include <exception>
 #include <iomanip>
 #include <iostream>
+#include <iterator>
 #include <span>
 #include <stdexcept>
 #include <string>
@@ -16,6 +24,7 @@ namespace {
 using tolvubd::Device;
 using tolvubd::Driver;
 using tolvubd::Mode;
+using tolvubd::Stage;
 using Arguments = std::vector<std::string>;
 
 constexpr const char* usage =
@@ -25,7 +34,18 @@ constexpr const char* usage =
     "                                                      COW is relative to the mount point\n"
     "       tolvuctl reload-snapshot DEVICE COW MINOR      show a snapshot again that was there before\n"
     "       tolvuctl cleanup                               forget the devices that no reload has given "
-    "back\n";
+    "back\n"
+    "       tolvuctl adopt PARTITION                       have the root file system's partition on a "
+    "device\n"
+    "                                                      that can be tracked, from the next start on\n"
+    "       tolvuctl adopt --undo                          have it as it was, from the next start on\n"
+    "While the machine starts and stops:\n"
+    "       tolvuctl early ROOT                            before the root file system is mounted; prints "
+    "the\n"
+    "                                                      device to mount instead, if there is another\n"
+    "       tolvuctl reinsert NODE|--all                   track a volume on, before it is mounted\n"
+    "       tolvuctl note-start                            remember that this start has been\n"
+    "       tolvuctl close                                 leave a note with what nobody writes any more\n";
 
 class UsageError : public std::runtime_error {
 public:
@@ -59,7 +79,19 @@ void print(const Device& device, const std::string& state) {
               << "  " << std::setw(14) << device.size << trackedBy(device) << '\n';
 }
 
+/// A turn looks at the devices, and notes what is wrong with them. Whoever has his just now does so himself.
+void look() {
+    try {
+        const Driver turn(tolvubd::Busy::fail);
+    } catch (const std::system_error& error) {
+        if (error.code().value() != EWOULDBLOCK) {
+            throw;
+        }
+    }
+}
+
 void list() {
+    look();
     const tolvubd::Table table = tolvubd::observeTable();
     const bool live = tolvubd::isLive(table);
     std::cout << "minor  state     device              CoW file    snapshot                              "
@@ -73,23 +105,61 @@ void list() {
     }
 }
 
-void run(const Arguments& arguments) {
-    const std::string command = arguments.empty() ? "" : arguments[0];
-    const std::size_t count = arguments.size();
-    if (command == "list" && count == 1) {
-        list();
-    } else if (command == "cleanup" && count == 1) {
-        Driver().forgetAsleep();
-    } else if (command == "destroy" && count == 2) {
-        const std::uint32_t minor = minorFrom(arguments[1]);
-        Driver().destroy(minor);
-    } else if ((command == "reload-incremental" || command == "reload-snapshot") && count == 4) {
-        const Mode mode = command == "reload-snapshot" ? Mode::snapshot : Mode::tracking;
-        const std::uint32_t minor = minorFrom(arguments[3]);
-        Driver().reload(mode, minor, arguments[1], arguments[2], 0);
+void reload(Mode mode, const Arguments& arguments) {
+    const std::uint32_t minor = minorFrom(arguments.at(2));
+    Driver().reload(mode, minor, arguments.at(0), arguments.at(1), 0);
+}
+
+void reinsert(const std::string& node) {
+    if (node == "--all") {
+        tolvubd::reinsertAll(Stage::afterRoot);
     } else {
+        tolvubd::reinsert(node, Stage::afterRoot);
+    }
+}
+
+void startEarly(const std::string& root) {
+    if (const auto node = tolvubd::putAdopted(root)) {
+        std::cout << *node << std::endl;
+    }
+    tolvubd::reinsertAll(Stage::beforeRoot);
+}
+
+void adopt(const std::string& partition) {
+    if (partition == "--undo") {
+        tolvubd::undoAdoption();
+    } else {
+        tolvubd::adopt(partition);
+    }
+}
+
+struct Command {
+    const char* name;
+    std::size_t arguments;
+    void (*run)(const Arguments& arguments);
+};
+
+constexpr Command commands[] = {
+    {"list", 0, [](const Arguments& /*none*/) { list(); }},
+    {"cleanup", 0, [](const Arguments& /*none*/) { Driver().forgetAsleep(); }},
+    {"destroy", 1, [](const Arguments& arguments) { Driver().destroy(minorFrom(arguments[0])); }},
+    {"reload-incremental", 3, [](const Arguments& arguments) { reload(Mode::tracking, arguments); }},
+    {"reload-snapshot", 3, [](const Arguments& arguments) { reload(Mode::snapshot, arguments); }},
+    {"adopt", 1, [](const Arguments& arguments) { adopt(arguments[0]); }},
+    {"early", 1, [](const Arguments& arguments) { startEarly(arguments[0]); }},
+    {"reinsert", 1, [](const Arguments& arguments) { reinsert(arguments[0]); }},
+    {"note-start", 0, [](const Arguments& /*none*/) { tolvubd::noteStart(tolvubd::layout::starts); }},
+    {"close", 0, [](const Arguments& /*none*/) { tolvubd::closeVolumes(); }},
+};
+
+void run(const Arguments& words) {
+    const auto* const command = std::ranges::find_if(commands, [&](const Command& one) {
+        return words.size() == one.arguments + 1 && words[0] == one.name;
+    });
+    if (command == std::end(commands)) {
         throw UsageError("unknown command");
     }
+    command->run({words.begin() + 1, words.end()});
 }
 
 } // namespace

@@ -1,0 +1,167 @@
+#include "boot/Reinsertion.h"
+
+#include "Failure.h"
+#include "HoldGuard.h"
+#include "Layout.h"
+#include "boot/BootLog.h"
+#include "boot/BootTurn.h"
+#include "boot/TrackedVolume.h"
+#include "dm/SuspendedDevice.h"
+#include "mapper/LayerStack.h"
+#include "seal/BootRecord.h"
+#include "seal/Starts.h"
+#include "seal/Trust.h"
+
+#include <algorithm>
+#include <exception>
+#include <memory>
+#include <optional>
+#include <sys/stat.h>
+#include <utility>
+#include <vector>
+
+namespace tolvubd {
+
+namespace {
+
+constexpr std::uint64_t sector = 512;
+
+bool isLinear(const dm::Targets& targets) {
+    return !targets.empty() &&
+           std::ranges::all_of(targets, [](const dm::Target& target) { return target.type == "linear"; });
+}
+
+bool isUnused(const dm::Device& device) {
+    return mountedAs(device) == Mounted::no && !isOpenBesides(device);
+}
+
+/// One volume that has no layers and that nobody uses.
+class Reinsertion {
+public:
+    Reinsertion(const BootRecord::Volume& record, const dm::Device& device, Stage stage)
+        : record(record), device(device), stage(stage), volume(record, device) {}
+
+    void run() const {
+        const std::optional<Seal> seal = volume.seal();
+        if (seal && seal->end == Seal::End::broken) {
+            return; // said when it was given up
+        }
+        const std::optional<Fingerprint> now = volume.fingerprint();
+        if (const auto reason = reasonAgainst(seal, now)) {
+            giveUp(seal, *reason);
+        } else {
+            insert(*seal, now);
+        }
+    }
+
+private:
+    [[nodiscard]] std::optional<std::string> reasonAgainst(const std::optional<Seal>& seal,
+                                                           const std::optional<Fingerprint>& now) const {
+        if (!seal) {
+            return "there is no seal where it was";
+        }
+        if (seal->device.layers->volume != record.volume || seal->device.layers->eraFile != record.eraFile ||
+            seal->device.size != record.size) {
+            return "its seal is that of another volume";
+        }
+        if (dm::sizeOf(dm::liveTable(device)) * sector != record.size) {
+            return "its size has changed";
+        }
+        return reasonForDoubt(*seal, now, previousStart(layout::starts));
+    }
+
+    void giveUp(const std::optional<Seal>& seal, const std::string& reason) const {
+        if (stage == Stage::beforeRoot) {
+            return;
+        }
+        report(Severity::warning, device.name + ": the next backup compares all of it: " + reason);
+        if (seal) {
+            write(volume, *seal, Seal::End::broken, seal->fingerprint);
+        }
+    }
+
+    /// Until the layers are in place and known to be sound, the seal says that they can't be trusted: the
+    /// volume might go on without them.
+    void insert(const Seal& seal, const std::optional<Fingerprint>& now) const {
+        write(volume, seal, Seal::End::broken, now);
+        LayerStack stack(record.id);
+        try {
+            build(stack, seal.device);
+            if (const int error = stack.check(*seal.device.layers, seal.device.mode); error != 0) {
+                fail(error, "the layers");
+            }
+            write(TrackedVolume(record, stack.lower()), seal, Seal::End::open, now);
+        } catch (...) {
+            stack.takeApart();
+            throw;
+        }
+        report(Severity::info, device.name + ": what changes on it goes on to be tracked");
+    }
+
+    void build(LayerStack& stack, const Device& sealed) const {
+        const bool hasSnapshot = sealed.mode == Mode::snapshot;
+        stack.createBelow(device, *sealed.layers);
+        if (hasSnapshot) {
+            stack.createSnapshot(*sealed.layers, LayerStack::Store::isKept);
+        }
+        stack.loadTop(device, *sealed.layers);
+        auto suspended = std::make_unique<dm::SuspendedDevice>(
+            device, dm::Visibility::shown, hasSnapshot ? stack.inside() : std::vector<dm::Device>{},
+            dm::liveTable(stack.lower()));
+        dm::SuspendedDevice& held = *suspended;
+        HoldGuard guard(std::move(suspended));
+        held.resumeInside();
+        guard.release();
+    }
+
+    /// `where` is what has LVM's own table: the volume at first, and later its lowest layer.
+    static void write(const TrackedVolume& where, Seal seal, Seal::End end,
+                      const std::optional<Fingerprint>& now) {
+        seal.end = end;
+        seal.start = thisStart();
+        seal.fingerprint = now;
+        where.write(seal);
+    }
+
+    const BootRecord::Volume& record;
+    const dm::Device& device;
+    Stage stage;
+    TrackedVolume volume;
+};
+
+void reinsertDevice(const BootRecord& boot, const dm::Device& device, Stage stage) noexcept {
+    try {
+        const auto record = std::ranges::find(boot.volumes, device.uuid, &BootRecord::Volume::volume);
+        if (record == boot.volumes.end()) {
+            return;
+        }
+        const BootTurn turn;
+        if (!dm::stateOf(device).isSuspended && isLinear(dm::liveTable(device)) && isUnused(device)) {
+            Reinsertion(*record, device, stage).run();
+        }
+    } catch (const std::exception& error) {
+        report(Severity::error, device.name + ": the next backup compares all of it: " + error.what());
+    }
+}
+
+} // namespace
+
+void reinsert(const std::string& node, Stage stage) {
+    struct stat status{};
+    checked(::stat(node.c_str(), &status), "look at " + node);
+    const BootRecord boot = readBootRecord(layout::bootRecord);
+    if (const auto device = dm::findByNumber(status.st_rdev); device && S_ISBLK(status.st_mode)) {
+        reinsertDevice(boot, *device, stage);
+    }
+}
+
+void reinsertAll(Stage stage) {
+    const BootRecord boot = readBootRecord(layout::bootRecord);
+    for (const BootRecord::Volume& volume : boot.volumes) {
+        if (const auto device = dm::findByUuid(volume.volume)) {
+            reinsertDevice(boot, *device, stage);
+        }
+    }
+}
+
+} // namespace tolvubd

@@ -1,0 +1,72 @@
+#include "boot/TrackedVolume.h"
+
+#include "Failure.h"
+#include "FileAccess.h"
+#include "Volume.h"
+#include "mapper/LvmCheck.h"
+#include "seal/DirectDevice.h"
+
+#include <chrono>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <thread>
+
+namespace tolvubd {
+
+namespace {
+
+/// By the node that the kernel makes, as there may be no other yet.
+os::FileDescriptor openMapped(const dm::Device& device) {
+    const std::string node = "/dev/dm-" + std::to_string(minor(device.number));
+    os::FileDescriptor file = openDirect(node, O_RDWR);
+    struct stat status{};
+    checked(::fstat(file.get(), &status), "look at " + node);
+    if (!S_ISBLK(status.st_mode) || status.st_rdev != device.number) {
+        fail(ENODEV, node);
+    }
+    return file;
+}
+
+} // namespace
+
+TrackedVolume::TrackedVolume(const BootRecord::Volume& record, const dm::Device& device)
+    : record(record), device(device), file(openMapped(device)) {}
+
+std::optional<Seal> TrackedVolume::seal() const {
+    return readSeal(file, record.eraFile, record.id);
+}
+
+std::optional<Fingerprint> TrackedVolume::fingerprint() const {
+    return readFingerprint(file, record.size);
+}
+
+void TrackedVolume::write(const Seal& seal) const {
+    if (!isWhereLvmSays(record.volume, device)) {
+        fail(ESTALE, "LVM says that " + record.volume + " lies elsewhere");
+    }
+    writeSeal(file, record.eraFile, seal);
+}
+
+Mounted mountedAs(const dm::Device& device) {
+    const std::string mounts = readToEnd("/proc/self/mountinfo");
+    if (mountPointsIn(mounts, device.number).empty()) {
+        return Mounted::no;
+    }
+    return isWritableIn(mounts, device.number) ? Mounted::forWriting : Mounted::readOnly;
+}
+
+bool isOpenBesides(const dm::Device& device) {
+    constexpr int looks = 10;
+    constexpr std::chrono::milliseconds pause{50};
+    const std::uint32_t expected = mountedAs(device) == Mounted::no ? 0 : 1;
+    for (int look = 0; look < looks; ++look) {
+        if (dm::stateOf(device).openCount <= expected) {
+            return false;
+        }
+        std::this_thread::sleep_for(pause);
+    }
+    return true;
+}
+
+} // namespace tolvubd
