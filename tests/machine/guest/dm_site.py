@@ -14,19 +14,19 @@ from lab.driver import forget_devices, info
 from lab.images import extents_on
 from lab.services import wait_until
 from lab.stay import Stay
-from tolvubd_site import Cow, SNAPSHOT, UNIT, call, cow_files, must, states, tolvuctl
+from tolvubd_site import Cow, LogicalVolumes, SNAPSHOT, UNIT, call, cow_files, layers, must, states, tolvuctl
 
 SECONDS = 60
 COW_MEBIBYTES = 12
 EVENT_SECONDS = 5 # within which a snapshot that isn't the moment any more must fail
 PIECE = 1 << 20
 SECTORS = 2048 # in a mebibyte
-BLOCKS = {name: ("-b", "4096") for name in ("ext2", "ext3", "ext4")} # small ones have blocks of 1 KiB else
+BLOCKS = LogicalVolumes.blocks
 
 
 def logical_volumes(group, *options, slack=0):
-    """Where Volume finds its device: in a group, made with these options, and with so many mebibytes more than
-    its file system needs."""
+    """Where Volume finds its device: in a group, made with these options, and with so many mebibytes more
+    than its file system needs."""
     @contextlib.contextmanager
     def place(name, filesystem, sectors):
         device = group.create(name, -(-sectors // SECTORS), *options)
@@ -193,10 +193,3 @@ class Protected(Stay):
         self.writer.end()
         forget_devices()
         assert layers() == []
-
-
-def layers():
-    """The names of the driver's devices."""
-    listed = run("dmsetup", "info", "-c", "--noheadings", "-o", "name,uuid")
-    return [line.split(":")[0] for line in listed.splitlines() if ":TOLVU-" in line]
-

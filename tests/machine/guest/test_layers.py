@@ -2,9 +2,9 @@
 small. The cases that tell most; the others are in nightly."""
 import pytest
 
-from dm_site import Protected, layers, logical_volumes
+from dm_site import Protected, logical_volumes
 from lab.driver import info
-from tolvubd_site import Volume, call, must
+from tolvubd_site import Volume, call, layers, must
 from verbs import VERBS, check_verb, remove_volumes
 
 SECTORS = 80 * 2048

@@ -5,9 +5,9 @@ import dataclasses
 import time
 from collections.abc import Callable
 
-from dm_site import Protected, layers, logical_volumes
+from dm_site import Protected, logical_volumes
 from lab.commands import run
-from tolvubd_site import Volume, call
+from tolvubd_site import Volume, call, layers
 
 MEBIBYTES = 64
 HELD_SECONDS = 0.5

@@ -6,10 +6,10 @@ import os
 
 import pytest
 
-from dm_site import Protected, layers, logical_volumes
+from dm_site import Protected, logical_volumes
 from lab.commands import run
 from lab.images import extents_on
-from tolvubd_site import Volume, call, cow_files, must, states
+from tolvubd_site import Volume, call, cow_files, layers, must, states
 
 MEBIBYTES = {"ext4": 192, "xfs": 448}
 KEEP_SIZE, PUNCH_HOLE = 1, 2

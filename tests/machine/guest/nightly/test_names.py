@@ -7,10 +7,10 @@ import time
 
 import pytest
 
-from dm_site import Protected, layers, logical_volumes
+from dm_site import Protected, logical_volumes
 from lab.commands import run
 from lab.lvm import VolumeGroup
-from tolvubd_site import Volume, must
+from tolvubd_site import Volume, layers, must
 
 SECTORS = 96 * 2048
 COW_MEBIBYTES = 8

@@ -8,10 +8,10 @@ from collections.abc import Callable
 
 import pytest
 
-from dm_site import BLOCKS, Protected, layers
+from dm_site import BLOCKS, Protected
 from lab import filesystems
 from lab.commands import run
-from tolvubd_site import Volume, call, tolvuctl
+from tolvubd_site import Volume, call, layers, tolvuctl
 
 MEBIBYTES = {"xfs": 320}
 USUAL_MEBIBYTES = 96
