@@ -122,16 +122,29 @@ bool isBroken(const Device& device) {
     return device.layers && device.layers->error != 0 && device.layers->error != ENOSPC;
 }
 
+/// What isn't trusted any more is out of the way of programs at once, and gone when nobody reads it any more.
+void abandon(const Device& device) {
+    LayerStack stack(device.layers->id);
+    if (device.mode == Mode::tracking) {
+        stack.takeApart();
+    } else if (stack.isPresent()) {
+        putErrorUnder(stack);
+        stack.giveBack();
+    }
+}
+
 void bringTo(const Device& device) {
+    if (isBroken(device)) {
+        abandon(device);
+        return;
+    }
     LayerStack stack(device.layers->id);
     if (device.mode == Mode::tracking) {
         stack.endSnapshot();
     } else if (device.layers->error != 0) {
         putErrorUnder(stack);
     }
-    if (!isBroken(device)) {
-        renewSeal(stack, device);
-    }
+    renewSeal(stack, device);
 }
 
 } // namespace
