@@ -82,7 +82,7 @@ VERBS = (
     Verb("lvextend", lvm("lvextend", "-L", "+8m", "{lv}")),
     Verb("lvextend -r", lvm("lvextend", "-r", "-L", "+8m", "{lv}"), telling="tracking"),
     Verb("lvreduce", lvm("lvreduce", "-f", "-y", "-L", "-1m", "{lv}"), may_fail=True),
-    Verb("lvrename", rename, telling="tracking"),
+    Verb("lvrename", rename),
     Verb("lvcreate -s", lvm("lvcreate", "-s", "-n", "old", "-L", "16m", "{lv}"), telling="snapshot"),
     Verb("lvconvert --type raid1", lvm("lvconvert", "-y", "--type", "raid1", "-m1", "{lv}")),
     Verb("lvconvert --type thin", convert_to_thin),
