@@ -7,9 +7,9 @@ from lab.driver import info
 from tolvubd_site import Volume, call, layers, must
 from verbs import VERBS, check_verb, remove_volumes
 
-SECTORS = 80 * 2048
-COW_MEBIBYTES = 4
-MORE_THAN_FITS = 12 << 20
+SECTORS = 128 * 2048
+COW_MEBIBYTES = 8
+MORE_THAN_FITS = 20 << 20
 
 
 @pytest.mark.parametrize("verb", [verb for verb in VERBS if verb.telling], ids=lambda verb: verb.name)
