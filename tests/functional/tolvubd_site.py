@@ -54,7 +54,7 @@ class LogicalVolumes:
     """Volumes that device-mapper tracks, in a machine's volume group."""
 
     smallest_sectors = 96 * 2048 # .tolvu.era needs room
-    # Small file systems have blocks of 1 KiB else, and the kernel fills their tables while snapshots are taken.
+    # Small ones have blocks of 1 KiB else, and the kernel fills their tables while snapshots are taken.
     blocks = {name: ("-b", "4096", "-E", "lazy_itable_init=0") for name in ("ext2", "ext3", "ext4")}
     layers_tracking, layers_showing = 3, 2
 
