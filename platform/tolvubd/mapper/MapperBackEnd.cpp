@@ -101,6 +101,9 @@ os::FileDescriptor openSnapshot(const LayerStack& stack) {
 }
 
 void show(const LayerStack& stack, Device& device) {
+    if (!stack.room()) {
+        fail(ENOSPC, "the store of the snapshot is full already");
+    }
     const os::FileDescriptor snapshot = openSnapshot(stack);
     device.layers->groups = groupsInUse(snapshot, device.size);
     const int readOnly = 1;
@@ -213,8 +216,10 @@ void MapperBackEnd::noteEnd(Device& device) {
     if (isBroken(device)) {
         fail(layers.error, "the snapshot of " + device.blockDevice);
     }
-    if (const auto room = LayerStack(layers.id).room()) {
-        noteNeed(layers, layers.error == ENOSPC ? bytesIn(layers.cowStore) : room->used);
+    if (layers.error == ENOSPC) {
+        noteNeed(layers, bytesIn(layers.cowStore));
+    } else if (const auto room = LayerStack(layers.id).room()) {
+        noteNeed(layers, room->used);
     }
     layers.error = 0;
 }

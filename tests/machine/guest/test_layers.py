@@ -3,6 +3,7 @@ small. The cases that tell most; the others are in nightly."""
 import pytest
 
 from dm_site import Protected, logical_volumes
+from lab import driver
 from tolvubd_site import Volume, call, layers, must
 from verbs import VERBS, check_verb, remove_volumes
 
@@ -29,6 +30,8 @@ def test_overflow_is_an_error_of_the_snapshot_alone(group, record_property):
                 must("transition_incremental", 0)
                 assert not call("transition_incremental", 0)
                 assert protected.error() == 0
+                device, = driver.devices()
+                assert device["snapshot_need"] > device["snapshot_room"]
                 assert protected.next_record() == "set right"
             protected.end()
     remove_volumes(group)
