@@ -76,21 +76,21 @@ private:
         }
         report(Severity::warning, device.name + ": the next backup compares all of it: " + reason);
         if (seal) {
-            write(*seal, Seal::End::broken, seal->fingerprint);
+            write(volume, *seal, Seal::End::broken, seal->fingerprint);
         }
     }
 
     /// Until the layers are in place and known to be sound, the seal says that they can't be trusted: the
     /// volume might go on without them.
     void insert(const Seal& seal, const std::optional<Fingerprint>& now) const {
-        write(seal, Seal::End::broken, now);
+        write(volume, seal, Seal::End::broken, now);
         LayerStack stack(record.id);
         try {
             build(stack, seal.device);
             if (const int error = stack.check(*seal.device.layers, seal.device.mode); error != 0) {
                 fail(error, "the layers");
             }
-            write(seal, Seal::End::open, now);
+            write(TrackedVolume(record, stack.lower()), seal, Seal::End::open, now);
         } catch (...) {
             stack.takeApart();
             throw;
@@ -114,11 +114,12 @@ private:
         guard.release();
     }
 
-    void write(Seal seal, Seal::End end, const std::optional<Fingerprint>& now) const {
+    static void write(const TrackedVolume& to, Seal seal, Seal::End end,
+                      const std::optional<Fingerprint>& now) {
         seal.end = end;
         seal.start = thisStart();
         seal.fingerprint = now;
-        volume.write(seal);
+        to.write(seal);
     }
 
     const BootRecord::Volume& record;
