@@ -9,9 +9,11 @@
 import dataclasses
 import pathlib
 
+from lab import moments
 from lab.appliance_client import volume
 from lab.driver import STORE, stored_state
 from lab.images import ImageError, compare_used, fsck, mounted, tree_hashes
+from lab.logical_disk import are_volumes_logical
 
 SECONDS = 300
 COW_MIB = 100
@@ -28,7 +30,9 @@ def size_of(partition):
 
 
 def capture_of(partition):
-    """Where the snapshot driver keeps what the volume held when its last snapshot was taken."""
+    """A file with what the volume held when its last snapshot was taken."""
+    if are_volumes_logical():
+        return moments.moment_of(partition)
     return next(STORE / f"{device['snapshot']}.img" for device in stored_state()["devices"]
                 if device["block_device"] == partition.device)
 
@@ -121,6 +125,7 @@ class Protection:
         self.partitions = {partition.name: partition for partition in partitions}
         self.images = {name: image or self._add_image(partition, options)
                        for name, partition in self.partitions.items()}
+        self.scripts = [moments.install()] if are_volumes_logical() else []
         self.set_cow_size(COW_MIB)
 
     def _add_image(self, partition, options):
@@ -136,7 +141,8 @@ class Protection:
 
     def request(self, *names, **changes):
         """The volumes of a request, of all volumes if none is named; `changes` apply to each."""
-        return [volume(**({"guid": self.partitions[name].uuid, "offset": self.offset}
+        scripts = [*self.scripts, *changes.pop("scripts", ())]
+        return [volume(**({"guid": self.partitions[name].uuid, "offset": self.offset, "scripts": scripts}
                           | self.images[name].place() | changes))
                 for name in names or self.partitions]
 

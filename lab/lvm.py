@@ -45,8 +45,8 @@ class VolumeGroup(Stay):
 
 
 def clear(disks):
-    """Takes all devices of device-mapper away, and what LVM finds on the disks. A device goes when nobody has it
-    open any more, such as udev."""
+    """Takes all devices of device-mapper away, and what LVM finds on the disks. A device goes when nobody has
+    it open any more, such as udev."""
     wait_until(no_devices, SECONDS, "device-mapper without devices")
     run("wipefs", "--quiet", "--all", "--force", *disks)
     run("pvscan", "--cache")

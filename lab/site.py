@@ -12,10 +12,11 @@ import signal
 import sys
 
 from lab.daemon import children, require_private_site
+from lab.logical_disk import are_volumes_logical, disk_of
 from lab.mounts import mounted
 from lab.services import LoginManager, SystemBus, UdevDaemon, Udisks
 from lab.stay import Stay
-from lab.volumes import Disk, Volume
+from lab.volumes import Volume
 
 MOUNTS = pathlib.Path("/mnt")
 TABLE = pathlib.Path("/run/lab/volumes")
@@ -44,14 +45,20 @@ class Site(Stay):
         super().__init__()
         self.bus = SystemBus()
         self.udisks = Udisks()
-        self.disk = Disk(volumes, token, directory)
+        self.disk = disk_of(volumes, token, directory)
 
     def open(self, lasting):
         require_private_site()
         # Nothing of the machine's is there, and nothing stays there.
         lasting.enter_context(mounted("tmpfs", MOUNTS, "mode=755", "tmpfs"))
-        for part in (self.bus, LoginManager(), UdevDaemon(), self.disk, self.udisks):
+        for part in self._parts():
             lasting.enter_context(part)
+
+    def _parts(self):
+        """Where volumes are logical, this is a machine of the lab's, with services of its own."""
+        if are_volumes_logical():
+            return [self.disk]
+        return [self.bus, LoginManager(), UdevDaemon(), self.disk, self.udisks]
 
     def table(self):
         """The volumes in lines, for people."""

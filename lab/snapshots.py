@@ -75,6 +75,10 @@ class Session:
     def start(self):
         return self.run("start")
 
+    def check(self):
+        """What the end of a copy finds of each snapshot: 0, or the number of an error."""
+        return self.run("check")
+
     def end(self, outcome):
         return self.run(f"end {outcome}")
 

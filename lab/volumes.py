@@ -114,7 +114,7 @@ class Disk(Stay):
         self._token = token
         self._directory = directory
         self._partitions = {}
-        self.device = None
+        self.device = None # of the disk as a whole, where there is one
 
     def __getitem__(self, name):
         return self._partitions[name]
@@ -123,14 +123,27 @@ class Disk(Stay):
         return iter(self._partitions.values())
 
     def open(self, lasting):
+        self.open_medium(lasting)
+        for number, volume in enumerate(self._volumes, 1):
+            partition = Partition(volume, self.device_of(lasting, number, volume))
+            partition.format()
+            self._partitions[volume.name] = partition
+        announce(*filter(None, [self.device]), *(partition.device for partition in self))
+        for partition in self:
+            self._take_into_use(lasting, partition)
+
+    def open_medium(self, lasting):
+        """Makes what the partitions lie on."""
         image = lasting.enter_context(tempfile.NamedTemporaryFile(
             prefix=f"{IMAGE_PREFIX}{self._token}-", dir=self._directory))
         self._attach(lasting, image.name)
-        for number, volume in enumerate(self._volumes, 1):
-            self._add_partition(lasting, number, volume)
-        announce(self.device, *(partition.device for partition in self))
-        for partition in self:
-            self._take_into_use(lasting, partition)
+
+    def device_of(self, lasting, number, _volume):
+        """The device of a volume; the first one's number is 1."""
+        device = f"{self.device}p{number}"
+        make_node(pathlib.Path(device).name)
+        lasting.callback(pathlib.Path(device).unlink, missing_ok=True)
+        return device
 
     def _attach(self, lasting, image):
         mebibytes = sum(math.ceil(volume.mebibytes) for volume in self._volumes)
@@ -149,13 +162,6 @@ class Disk(Stay):
     def _await_detached(self, image):
         name = pathlib.Path(self.device).name
         wait_until(lambda: backing_files().get(name) != image, SECONDS, f"{self.device} detached")
-
-    def _add_partition(self, lasting, number, volume):
-        partition = Partition(volume, f"{self.device}p{number}")
-        make_node(pathlib.Path(partition.device).name)
-        lasting.callback(pathlib.Path(partition.device).unlink, missing_ok=True)
-        partition.format()
-        self._partitions[volume.name] = partition
 
     def _take_into_use(self, lasting, partition):
         if partition.volume.fstab:

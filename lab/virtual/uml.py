@@ -18,5 +18,6 @@ class UmlMachine(Machine):
         disks = [f"ubd{number}={disk.path.name}" for number, disk in enumerate(self.disks, 1)]
         return ["/usr/bin/linux.uml", f"mem={self.memory}M", f"ubd0=root.cow,{self.image.root}", *disks,
                 "root=/dev/ubda", "rw", "con=null", "con0=null,fd:1", "ssl=null", "quiet",
-                "vec0:transport=tap,ifname=tap0", "umid=uml", "uml_dir=/dev/shm/", "noreboot", "selinux=0",
+                "vec0:transport=tap,ifname=tap0", "umid=uml", "uml_dir=/dev/shm/", "noreboot",
+                "selinux=0", "pty.legacy_count=0", # udev asks about each terminal at every start
                 "lab.link=vec0", f"lab.address={self.address}/24", f"lab.checkout={ROOT}", "lab.share=hostfs"]

@@ -9,6 +9,7 @@
 #include "SystemLog.h"
 #include "Uuid.h"
 #include "dm/FilePlaces.h"
+#include "dm/Mapper.h"
 #include "era/EraMetadata.h"
 #include "mapper/OwnFiles.h"
 #include "mapper/Support.h"
@@ -21,6 +22,7 @@
 #include <optional>
 #include <set>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 
 namespace tolvubd {
 
@@ -48,8 +50,14 @@ std::optional<dev_t> numberOf(const std::string& path) {
     return ::stat(path.c_str(), &status) == 0 ? std::optional(status.st_rdev) : std::nullopt;
 }
 
+/// Where the device's volume is now: one that device-mapper tracks may have got another name.
+std::string placeOf(const Device& device) {
+    const auto found = device.layers ? dm::findByUuid(device.layers->volume) : std::nullopt;
+    return found ? "/dev/dm-" + std::to_string(minor(found->number)) : device.blockDevice;
+}
+
 bool isOn(const Device& device, const Volume& volume) {
-    return numberOf(device.blockDevice) == volume.number;
+    return numberOf(placeOf(device)) == volume.number;
 }
 
 /// Where the device's CoW file is now. ENOENT when it can't be found.
@@ -72,8 +80,7 @@ std::string findCowFile(const Volume& volume, const std::string& cowFile) {
 /// broken, or somebody has been faster.
 std::vector<Unfinished> removalOfCowFile(const Device& device) {
     try {
-        Unfinished unfinished{
-            device.snapshot, findCowFile(findVolume(device.blockDevice), device.cowFile), {}};
+        Unfinished unfinished{device.snapshot, findCowFile(findVolume(placeOf(device)), device.cowFile), {}};
         unfinished.layers = device.layers ? device.layers->id : std::string();
         return {unfinished};
     } catch (const std::system_error& error) {
@@ -256,6 +263,7 @@ bool Driver::takeFirstByMapper(const SnapshotPlan& plan, Device& device) {
     }
     Device layered = device;
     layered.layers = MapperBackEnd::newLayers(plan.volume);
+    removeLeftOvers(plan.cow);
     try {
         takeFirst(mapper, plan, layered);
         return true;
@@ -284,17 +292,13 @@ void Driver::takeFirst(IBackEnd& backEnd, const SnapshotPlan& plan, Device devic
 
 void Driver::transitionSnapshot(std::uint32_t minor, const std::string& cowPath, std::uint64_t cowMebibytes) {
     const Device before = require(minor, Mode::tracking);
-    const Volume volume = findVolume(before.blockDevice);
+    const Volume volume = findVolume(placeOf(before));
     requireSameSize(before, volume);
     const SnapshotPlan plan{volume, locate(volume, cowPath), cowBytes(cowMebibytes, volume)};
     if (plan.cow.relative == before.cowFile) {
         fail(EEXIST, cowPath + " is in use");
     }
     const std::string closed = findCowFile(volume, before.cowFile);
-    if (before.layers) {
-        dm::releaseFile(closed); // which nothing is mapped to while there is no snapshot
-    }
-    requireTable(before, closed);
     Device after = before;
     after.mode = Mode::snapshot;
     after.cowFile = plan.cow.relative;
@@ -304,6 +308,10 @@ void Driver::transitionSnapshot(std::uint32_t minor, const std::string& cowPath,
     }
     IBackEnd& backEnd = backEndOf(before);
     backEnd.requireRoom(plan, after);
+    if (before.layers) {
+        dm::releaseFile(closed); // which nothing is mapped to while there is no snapshot
+    }
+    requireTable(before, closed);
     undoneOnFailure([&] {
         begin(plan, after);
         backEnd.takeNext(plan, before, closed, after);

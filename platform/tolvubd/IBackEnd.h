@@ -28,7 +28,7 @@ public:
     /// Whether a device is this back end's.
     [[nodiscard]] virtual bool owns(const Device& device) const = 0;
 
-    /// EDEADLK, ENOSPC: whether a snapshot can be taken at all, before anything has been changed.
+    /// EDEADLK, ENOSPC, EBUSY: whether a snapshot can be taken at all, before anything has been changed.
     virtual void requireRoom(const SnapshotPlan& plan, const Device& device) const = 0;
     /// Takes the first snapshot of a volume and shows it. Fills in what the device is to be known by.
     virtual void takeFirst(const SnapshotPlan& plan, Device& device) = 0;

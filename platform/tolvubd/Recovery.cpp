@@ -43,11 +43,14 @@ void removeFiles(const Unfinished& unfinished) {
         removeCowFile(unfinished.cowFile, unfinished.snapshot);
         return;
     }
-    if (LayerStack(unfinished.layers).isPresent()) {
-        fail(EBUSY, "its layers are still there");
+    const LayerStack stack(unfinished.layers);
+    if (stack.hasStore()) {
+        fail(EBUSY, "a snapshot still has its store in it");
     }
     removeLockedCowFile(unfinished.cowFile, unfinished.snapshot);
-    removeLockedFile(directoryOf(unfinished.cowFile) + "/" + layout::eraFile);
+    if (!stack.isPresent()) {
+        removeLockedFile(directoryOf(unfinished.cowFile) + "/" + layout::eraFile);
+    }
 }
 
 /// What resists is kept, but not for ever.

@@ -127,7 +127,6 @@ const char* const* tolvubd_get_own_files(void) {
 }
 
 int32_t tolvubd_get_room(const char* block_device, uint64_t* bytes) {
-    return report("get_room",
-                  [&](Driver& driver) { *bytes = driver.roomBeyondCowFile(text(block_device)); });
+    return report("get_room", [&](Driver& driver) { *bytes = driver.roomBeyondCowFile(text(block_device)); });
 }
 // NOLINTEND(readability-identifier-naming)

@@ -7,6 +7,7 @@
 #include "seal/Starts.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <charconv>
 #include <chrono>
 #include <cstring>
@@ -80,7 +81,19 @@ void print(const Device& device, const std::string& state) {
               << "  " << std::setw(14) << device.size << trackedBy(device) << '\n';
 }
 
+/// A turn looks at the devices, and notes what is wrong with them. Whoever has his just now does so himself.
+void look() {
+    try {
+        const Driver turn(tolvubd::Busy::fail);
+    } catch (const std::system_error& error) {
+        if (error.code().value() != EWOULDBLOCK) {
+            throw;
+        }
+    }
+}
+
 void list() {
+    look();
     const tolvubd::Table table = tolvubd::observeTable();
     const bool live = tolvubd::isLive(table);
     std::cout << "minor  state     device              CoW file    snapshot                              "

@@ -21,8 +21,8 @@ NICE_BUILD = 10
 NICE_LINT = 19
 
 
-def build(preset, *targets, nice=0):
-    return Step(f"build {preset}", ["scripts/build", preset, *targets], nice=nice,
+def build(preset, *targets, nice=0, name=""):
+    return Step(name or f"build {preset}", ["scripts/build", preset, *targets], nice=nice,
                 progress=BUILD / f"{preset}.log")
 
 
@@ -45,11 +45,11 @@ def ceph_chain():
 
 
 def machine_chain(is_nightly):
-    kinds = [[], ["--qemu"]] if is_nightly else [[]]
     reports = BUILD / "machine" / "reports"
-    return [*(Step(f"image of machines{''.join(kind)}", ["lab/machine", "build", *kind], nice=NICE_BUILD)
-              for kind in kinds),
-            build("release", nice=NICE_BUILD),
+    images = [Step("image of machines", ["lab/machine", "build"], nice=NICE_BUILD)]
+    if is_nightly:
+        images.append(Step("image of machines of QEMU", ["lab/machine", "build", "--qemu"], nice=NICE_BUILD))
+    return [*images, build("release", nice=NICE_BUILD, name="programs for machines"),
             Step("tests in machines", [PYTHON, "scripts/testlib/machine.py",
                                        *(["--nightly"] if is_nightly else []), reports],
                  reports=reports, nice=NICE_BUILD)]

@@ -10,7 +10,7 @@
 extern "C" {
 __attribute__((weak)) std::int32_t tolvubd_check_snapshot(std::uint32_t minor);
 __attribute__((weak)) const char* const* tolvubd_get_own_files();
-__attribute__((weak)) std::int32_t tolvubd_get_room(const char* block_device, std::uint64_t* bytes);
+__attribute__((weak)) std::int32_t tolvubd_get_room(const char* blockDevice, std::uint64_t* bytes);
 }
 // NOLINTEND(readability-redundant-declaration)
 

@@ -74,6 +74,7 @@ def service_identity(service_authority):
 
 def pytest_configure(config):
     config.addinivalue_line("markers", "bare_site: the agent has no certificates at first")
+    config.addinivalue_line("markers", "captures: of volumes that the driver captures")
 
 
 @pytest.fixture(autouse=True)

@@ -1,4 +1,5 @@
 """Snapshots of real file systems, taken and ended as a backup does, with the driver's stand-in."""
+import errno
 import itertools
 import os
 import pathlib
@@ -106,6 +107,7 @@ def test_snapshot_stands_still(lab_site):
             size = lab_site[name].volume.mebibytes * MIB
             assert facts[name]["volumeSize"] == size == len(read_device(facts[name]["snapshotPath"]))
         assert lab_site.states() == [3, 3]
+        assert session.check() == dict.fromkeys(BOTH, 0)
         assert MOUNT_ROOT.stat().st_mode & 0o777 == 0o700
         ended = session.end("success")
     for name in BOTH:
@@ -113,6 +115,17 @@ def test_snapshot_stands_still(lab_site):
         assert ended[name]["fileName"] == str(lab_site.mount_point(name) / ".tolvu")
         assert lab_site.own_files(name) == [".tolvu", ".tolvu.inc"]
         lab_site.check_writable(name)
+    lab_site.check_clean()
+
+
+def test_check_finds_a_snapshot_that_is_gone(lab_site):
+    """Somebody ends the snapshots behind the agent's back, as an administrator may."""
+    with lab_site.session(incremental=False) as session:
+        session.start()
+        lab_site.forget_snapshots()
+        assert session.check() == dict.fromkeys(BOTH, errno.ENOENT)
+        with pytest.raises(SessionError):
+            session.end("failure")
     lab_site.check_clean()
 
 

@@ -12,20 +12,24 @@ import uuid
 
 import pytest
 
-from change_records import differing_units, marked_since
+from change_records import Moment, differing_units, in_units, marked_units
 from lab import driver, filesystems
 from lab.commands import run
 from lab.driver import STATUS, STORE, forget_devices, info, nodes
 from lab.filesystems import kind_of
 from lab.images import fsck, tree_hashes
 from lab.loops import make_node
+from lab.lvm import VolumeGroup, spare_disks
 from lab.volumes import SECTORS
 from snapshot_site import keep
-from tolvubd_site import (Cow, SNAPSHOT, TRACKING, Volume, call, cow_files, expect_loops,
-                          loops, must, started_driver, states, stored, tolvuctl)
+from tolvubd_site import (Cow, SNAPSHOT, TRACKING, Volume, call, cow_files, LogicalVolumes,
+                          Partitions, expect_loops, layers, loops, must, started_driver, states, stored,
+                          tolvuctl, unlock)
 
 ROOT = pathlib.Path(__file__).parents[2]
 NODE = pathlib.Path("/dev/tolvu0")
+PLACES = ("partition", "logical volume") if spare_disks() else ("partition",)
+captures = pytest.mark.captures
 
 
 @pytest.fixture(autouse=True)
@@ -42,11 +46,32 @@ def small(filesystem):
     return kind_of(filesystem).mebibytes * SECTORS
 
 
+def pytest_generate_tests(metafunc):
+    """Each test of a volume on each place that this machine has, or on that which the test names."""
+    if "place" in metafunc.fixturenames:
+        only = metafunc.definition.get_closest_marker("captures")
+        metafunc.parametrize("place", PLACES[:1] if only else PLACES, indirect=True)
+
+
+@pytest.fixture(scope="module")
+def group():
+    """The machine's volume group."""
+    with VolumeGroup() as made:
+        yield made
+
+
 @pytest.fixture
-def make_volume(fresh_driver):
+def place(request):
+    """What Volume is made on."""
+    return Partitions() if request.param == "partition" else LogicalVolumes(request.getfixturevalue("group"))
+
+
+@pytest.fixture
+def make_volume(fresh_driver, place):
     with contextlib.ExitStack() as stack:
         def make(filesystem="ext4", sectors=None, name="volume"):
-            volume = stack.enter_context(Volume(name, filesystem, sectors or small(filesystem)))
+            sectors = max(sectors or small(filesystem), place.smallest_sectors)
+            volume = stack.enter_context(Volume(name, filesystem, sectors, place))
             stack.callback(forget_devices)
             return volume
         yield make
@@ -90,6 +115,12 @@ def write_tree(volume, seed):
         path.write_bytes(source.randbytes(source.randrange(200_000)))
 
 
+def shown():
+    """The devices, by what the driver tells of each of them; of some it tells more."""
+    fields = ("minor", "cow_file", "block_device", "state", "error")
+    return [{field: device[field] for field in fields} for device in info()["devices"]]
+
+
 def test_snapshot_shows_the_volume_as_it_was(any_volume, tmp_path):
     """Every file as it was, nothing of what came after, on a clean file system that nobody can change."""
     write_tree(any_volume, 1)
@@ -112,17 +143,17 @@ def test_status_follows_the_device(volume):
     assert (STATUS / "version").read_text(encoding="ascii") == "0.10.0\n"
     device = {"minor": 3, "cow_file": "/.tolvu", "block_device": str(volume.device), "error": 0}
     take_snapshot(volume, minor=3)
-    assert info()["devices"] == [{**device, "state": SNAPSHOT}]
+    assert shown() == [{**device, "state": SNAPSHOT}]
     assert nodes() == ["tolvu3"]
-    expect_loops(1)
+    volume.place.expect(shown=1, kept=1)
     must("transition_incremental", 3)
-    assert info()["devices"] == [{**device, "state": TRACKING}]
-    assert (nodes(), len(stored())) == ([], 1)
-    expect_loops(0)
+    assert shown() == [{**device, "state": TRACKING}]
+    assert nodes() == []
+    volume.place.expect(shown=0, kept=1)
     must("transition_snapshot", 3, volume.other_cow, 4)
-    assert info()["devices"] == [{**device, "cow_file": "/.tolvu1", "state": SNAPSHOT}]
-    assert (nodes(), len(stored())) == (["tolvu3"], 1)
-    expect_loops(1)
+    assert shown() == [{**device, "cow_file": "/.tolvu1", "state": SNAPSHOT}]
+    assert nodes() == ["tolvu3"]
+    volume.place.expect(shown=1, kept=1)
     must("destroy", 3)
     assert info()["devices"] == []
     assert cow_files(volume) == [".tolvu"]
@@ -157,7 +188,8 @@ def test_cow_file_begins_whole_and_empty(volume):
     assert cow.changed_units == []
     assert not any(cow.rest)
     assert volume.cow.stat().st_mode & 0o7777 == 0o600
-    assert [str(uuid.UUID(bytes=cow.snapshot)) + ".img"] == stored()
+    [device] = driver.stored_state()["devices"]
+    assert device["snapshot"] == str(uuid.UUID(bytes=cow.snapshot))
 
 
 @pytest.mark.parametrize("filesystem", filesystems.freezable())
@@ -178,11 +210,18 @@ def test_table_marks_what_has_changed(make_volume, filesystem, tmp_path):
         after = keep(NODE, tmp_path / str(number + 1))
         record = Cow(closed, volume)
         differing = set(differing_units(before, after))
-        assert set(record.changed_units) == marked_since(before, after, filesystem, closed.name)
+        check_record(volume, record, before, after, closed.name)
         assert record.changed == len(record.changed_units) >= len(differing) + 256 > 266
         assert not any(record.rest)
         assert Cow(current, volume).changed == 0
         before, closed, current = after, current, closed
+
+
+def check_record(volume, record, before, after, closed=".tolvu"):
+    """Of what has changed between two captures."""
+    then, now = Moment(before, volume.filesystem), Moment(after, volume.filesystem)
+    own = in_units(extent for extents in now.own.values() for extent in extents)
+    volume.place.check_record(set(record.changed_units), marked_units(then, now, closed), own)
 
 
 def test_table_covers_the_last_unit(make_volume):
@@ -200,7 +239,7 @@ def test_table_covers_the_last_unit(make_volume):
 def world(volume):
     state = (STORE / "state.json").read_bytes()
     files = {name: (volume.mount_point / name).lstat()[:2] for name in cow_files(volume)}
-    return info(), nodes(), loops(), stored(), files, state
+    return info(), nodes(), loops(), layers() if PLACES[1:] else [], stored(), files, state
 
 
 def check_refused(volume, error, function, *arguments):
@@ -216,7 +255,7 @@ SETUP_REFUSALS = {
     "no such device": (errno.ENOENT, lambda v: (0, "/dev/nothing", v.cow, 4)),
     "a plain file": (errno.ENOTBLK, lambda v: (0, "/etc/passwd", v.cow, 4)),
     "a character device": (errno.ENOTBLK, lambda v: (0, "/dev/null", v.cow, 4)),
-    "not mounted": (errno.ENODEV, lambda v: (0, str(v.device)[:-2], v.cow, 4)),
+    "not mounted": (errno.ENODEV, lambda v: (0, v.place.unmounted(v), v.cow, 4)),
     "a CoW file elsewhere": (errno.EXDEV, lambda v: (0, v.device, "/run/.tolvu", 4)),
     "a CoW file nowhere": (errno.ENOENT, lambda v: (0, v.device, v.mount_point / "none" / ".tolvu", 4)),
     "a relative CoW path": (errno.EINVAL, lambda v: (0, v.device, ".tolvu", 4)),
@@ -244,6 +283,7 @@ def test_setup_refuses_what_is_in_use(make_volume):
     check_refused(volume, errno.EBUSY, "setup_snapshot", 1, volume.device, volume.other_cow, 4)
 
 
+@captures
 def test_setup_refuses_the_volume_of_the_store(volume):
     """Its captures would wait for the frozen file system that they are written to."""
     (volume.mount_point / "store").mkdir()
@@ -278,6 +318,7 @@ def test_transitions_ask_for_the_right_state(volume):
     check_refused(volume, errno.EEXIST, "transition_snapshot", 0, volume.cow, 4)
     check_refused(volume, errno.ENOSPC, "transition_snapshot", 0, volume.other_cow, 64)
     check_refused(volume, errno.EXDEV, "transition_snapshot", 0, "/run/.tolvu1", 4)
+    unlock(volume.cow)
     volume.cow.unlink()
     check_refused(volume, errno.ENOENT, "transition_snapshot", 0, volume.other_cow, 4)
 
@@ -286,6 +327,7 @@ def test_transition_refuses_the_cow_file_of_another_snapshot(make_volume):
     volume, other = make_volume(), make_volume(name="other")
     track(volume)
     track(other, minor=1)
+    unlock(volume.cow)
     shutil.copy(other.cow, volume.cow)
     check_refused(volume, errno.EBADMSG, "transition_snapshot", 0, volume.other_cow, 4)
 
@@ -298,6 +340,7 @@ def test_mounted_snapshot_stays(volume):
     must("transition_incremental", 0)
 
 
+@captures
 def test_reader_of_a_snapshot_keeps_it_to_the_end(volume):
     """A device that is open when its snapshot ends can be read on, and goes when it is closed."""
     take_snapshot(volume)
@@ -329,15 +372,15 @@ def test_tracking_goes_on_after_a_restart(volume, tmp_path):
 
     by_uuid = pathlib.Path("/dev/disk/by-uuid", run("blkid", "-o", "value", "-s", "UUID", volume.device))
     by_uuid.parent.mkdir(parents=True, exist_ok=True)
+    by_uuid.unlink(missing_ok=True)
     by_uuid.symlink_to(volume.device)
     done = tolvuctl("reload-incremental", by_uuid, "/.tolvu", 5)
     assert (done.returncode, done.stderr) == (0, "")
-    assert info()["devices"] == [{"minor": 5, "cow_file": "/.tolvu", "block_device": str(by_uuid),
-                                  "state": TRACKING, "error": 0}]
+    assert shown() == [{"minor": 5, "cow_file": "/.tolvu", "block_device": str(by_uuid),
+                        "state": TRACKING, "error": 0}]
     must("transition_snapshot", 5, volume.other_cow, 4)
     after = keep("/dev/tolvu5", tmp_path / "after")
-    assert set(Cow(volume.cow, volume).changed_units) == marked_since(before, after, "ext4")
-    by_uuid.unlink()
+    check_record(volume, Cow(volume.cow, volume), before, after)
 
 
 def test_snapshot_comes_back_after_a_restart(volume):
@@ -362,6 +405,7 @@ def test_reload_refuses_what_does_not_fit(make_volume):
     check_refused(volume, errno.ENOENT, "reload_incremental", 0, volume.device, "/.tolvu1")
     check_refused(volume, errno.EBADMSG, "reload_incremental", 0, volume.device, "/lost+found")
     check_refused(volume, errno.EINVAL, "reload_incremental", 256, volume.device, "/.tolvu")
+    unlock(volume.cow)
     volume.cow.write_bytes(b"\0" * 4096)
     check_refused(volume, errno.EBADMSG, "reload_incremental", 0, volume.device, "/.tolvu")
 
@@ -371,7 +415,7 @@ def test_new_setup_ends_what_is_asleep(volume):
     track(volume)
     restart_machine()
     take_snapshot(volume)
-    assert len(stored()) == 1
+    volume.place.expect(shown=1, kept=1)
     assert "asleep" not in tolvuctl("list").stdout
 
 
@@ -379,9 +423,9 @@ def test_cleanup_forgets_what_is_asleep(volume):
     track(volume)
     restart_machine()
     must("start")
-    assert len(stored()) == 1
+    volume.place.expect(shown=0, kept=1)
     assert tolvuctl("cleanup").returncode == 0
-    assert stored() == []
+    volume.place.expect(shown=0, kept=0)
 
 
 def test_tolvuctl_speaks_to_operators(volume):
@@ -427,8 +471,8 @@ def test_callers_take_turns(make_volume):
 
     with concurrent.futures.ThreadPoolExecutor() as pool:
         list(pool.map(cycle, range(len(volumes))))
-    assert (states(), nodes(), stored()) == ({}, [], [])
-    expect_loops(0)
+    assert (states(), nodes()) == ({}, [])
+    volumes[0].place.expect(shown=0, kept=0)
 
 
 BROKEN_STATES = ["", "{", "null", "[]", "\xff\xfe", "[" * 100_000, "{\"format\": 2}",
@@ -441,10 +485,11 @@ def test_broken_state_loses_the_devices_only(volume):
         take_snapshot(volume)
         (STORE / "state.json").write_text(text, encoding="latin-1")
         must("start")
-        assert (info()["devices"], nodes(), stored()) == ([], [], []), text[:80]
-        expect_loops(0)
+        assert (info()["devices"], nodes()) == ([], []), text[:80]
+        volume.place.expect(shown=0, kept=0)
 
 
+@captures
 def test_device_without_its_capture_is_gone(volume):
     track(volume)
     [capture] = stored()
@@ -453,6 +498,7 @@ def test_device_without_its_capture_is_gone(volume):
     assert info()["devices"] == []
 
 
+@captures
 def test_snapshot_has_no_twin(volume):
     """udev, with the driver's rule, gives the snapshot none of the names of its volume."""
     rule = pathlib.Path("/run/udev/rules.d/59-tolvubd.rules")

@@ -5,7 +5,7 @@ import pathlib
 import struct
 import subprocess
 
-from lab import driver, volumes
+from lab import driver, filesystems, volumes
 from lab.commands import run
 from lab.daemon import program
 from lab.driver import STORE
@@ -17,27 +17,90 @@ from lab.stay import Stay
 UNIT = 4096
 TABLE_OFFSET = 4096
 TRACKING, SNAPSHOT = 2, 3
+KEPT = ("lock", "starts", "state.json") # what the store holds besides captures
 
 
-@contextlib.contextmanager
-def partition(name, filesystem, sectors):
-    """The device of a new one with a file system. Its disk is a sparse file, gone with it."""
-    with volumes.Disk([volumes.Volume(name, filesystem, sectors / volumes.SECTORS)]) as disk:
-        made, = disk
-        yield made.device
+class Partitions:
+    """Volumes that the driver captures. Each has a disk of its own, a sparse file that is gone with it."""
+
+    smallest_sectors = 0
+
+    @contextlib.contextmanager
+    def __call__(self, name, filesystem, sectors):
+        """The device of a new volume with a file system."""
+        with volumes.Disk([volumes.Volume(name, filesystem, sectors / volumes.SECTORS)]) as disk:
+            made, = disk
+            yield made.device
+
+    @staticmethod
+    def unmounted(volume):
+        """A block device on which nothing is mounted."""
+        return str(volume.device)[:-2]
+
+    @staticmethod
+    def expect(shown, kept):
+        """What the driver keeps is of so many snapshots that can be read, and so many devices in all."""
+        assert len(stored()) == kept
+        expect_loops(shown)
+
+    @staticmethod
+    def check_record(told, changed, own):
+        """The units that the driver tells of, and those that have changed: exactly these."""
+        assert told == changed
+        assert own
+
+
+class LogicalVolumes:
+    """Volumes that device-mapper tracks, in a machine's volume group."""
+
+    smallest_sectors = 96 * 2048 # .tolvu.era needs room
+    # Small ones have blocks of 1 KiB else, and the kernel fills their tables while snapshots are taken.
+    blocks = {name: ("-b", "4096", "-E", "lazy_itable_init=0") for name in ("ext2", "ext3", "ext4")}
+    layers_tracking, layers_showing = 3, 2
+
+    def __init__(self, group):
+        self._group = group
+
+    @contextlib.contextmanager
+    def __call__(self, name, filesystem, sectors):
+        device = self._group.create(name, -(-sectors // volumes.SECTORS))
+        try:
+            filesystems.make(filesystem, device, *self.blocks.get(filesystem, ()))
+            yield device
+        finally:
+            run("lvremove", "-ff", "-y", f"{self._group.name}/{name}")
+
+    def unmounted(self, _volume):
+        return str(self._group.spare)
+
+    def expect(self, shown, kept):
+        assert len(layers()) == self.layers_tracking * kept + self.layers_showing * shown
+        assert (stored(), loops()) == ([], [])
+
+    @staticmethod
+    def check_record(told, changed, own):
+        """At least these, but for the driver's own files, which are written below the layers."""
+        assert told >= changed - own
+
+
+def layers():
+    """The names of the driver's devices of device-mapper."""
+    listed = run("dmsetup", "info", "-c", "--noheadings", "-o", "name,uuid")
+    return [line.split(":")[0] for line in listed.splitlines() if ":TOLVU-" in line]
 
 
 class Volume(Stay):
-    """A mounted file system on a device that `place`, called as partition() is, provides."""
+    """A mounted file system on a device that its place provides."""
 
-    def __init__(self, name, filesystem, sectors, place=partition):
+    def __init__(self, name, filesystem, sectors, place=Partitions()):
         super().__init__()
         self.filesystem = filesystem
         self.mount_point = pathlib.Path("/run/volumes", name)
-        self._place = place(name, filesystem, sectors)
+        self.place = place
+        self._made = place(name, filesystem, sectors)
 
     def open(self, lasting):
-        self.device = pathlib.Path(lasting.enter_context(self._place))
+        self.device = pathlib.Path(lasting.enter_context(self._made))
         self.size = int(run("blockdev", "--getsize64", self.device))
         self.mount()
         lasting.callback(self.unmount)
@@ -63,6 +126,11 @@ class Volume(Stay):
             file.write(content)
             file.flush()
             os.fsync(file.fileno())
+
+
+def unlock(path):
+    """Lets a file be changed that nobody but the driver is to change."""
+    run("chattr", "-i", path)
 
 
 class Result:
@@ -110,7 +178,7 @@ def expect_loops(count, where=""):
 
 
 def stored():
-    return sorted(path.name for path in STORE.iterdir() if not path.name.startswith(("lock", "state.json")))
+    return sorted(path.name for path in STORE.iterdir() if not path.name.startswith(KEPT))
 
 
 def detach_captures():

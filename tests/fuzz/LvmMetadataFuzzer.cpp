@@ -18,9 +18,9 @@
 #include <unistd.h>
 #include <vector>
 
-/// Any bytes as a physical volume: refused, or each piece of a volume is sound. An input is the label's sector, the
-/// header of a metadata area and what is behind it in the area. Their checksums are made right, so that more than
-/// those is tried.
+/// Any bytes as a physical volume: refused, or each piece of a volume is sound. An input is the sector of the
+/// label, the header of a metadata area and what is behind it in the area. Their checksums are made right, so
+/// that more than those is tried.
 namespace {
 
 using tolvubd::lvm::checksum;

@@ -1,8 +1,9 @@
 #!/usr/bin/env python3
 """usage: tests/fuzz/make_lvm_seeds.py DIRECTORY
 
-Makes the seeds of the corpus lvm_metadata: around each text of LVM's beside the unit tests of its reader, a label and
-an area, which the text fills to its end or goes beyond. The fuzz target puts the checksums in."""
+Makes the seeds of the corpus lvm_metadata: a label and a metadata area around each text of LVM's that lies
+beside the unit tests. It fills the area, once from its begin and once over its end. The fuzz target puts the
+checksums in."""
 import pathlib
 import re
 import struct
@@ -17,7 +18,8 @@ MAGIC = b" LVM2 x[5A%r0N*>"
 
 def label(uuid, area_size):
     places = struct.pack("<8Q", DATA, 0, 0, 0, AREA, area_size, 0, 0)
-    return (struct.pack("<8sQII8s32sQ", b"LABELONE", 1, 0, 32, b"LVM2 001", uuid, 64 << 20) + places).ljust(SECTOR, b"\0")
+    head = struct.pack("<8sQII8s32sQ", b"LABELONE", 1, 0, 32, b"LVM2 001", uuid, 64 << 20)
+    return (head + places).ljust(SECTOR, b"\0")
 
 
 def header(area_size, offset, size):

@@ -11,6 +11,7 @@
 #include "support/FakeDriverExtension.h"
 #include "support/RecordingLogger.h"
 
+#include <cerrno>
 #include <cstring>
 #include <exception>
 #include <fcntl.h>
@@ -49,6 +50,24 @@ public:
     }
 };
 
+/// Tells of a snapshot what the driver knows of its device.
+class ModelExtension : public test::FakeDriverExtension {
+public:
+    explicit ModelExtension(const World& world) : world(world) {}
+
+    [[nodiscard]] int checkSnapshot(std::int32_t minor) const override {
+        for (const VolumeState& volume : world.state().volumes) {
+            if (volume.device.state == activeSnapshot && volume.device.minor == minor) {
+                return volume.device.error;
+            }
+        }
+        return ENOENT;
+    }
+
+private:
+    const World& world;
+};
+
 void stepOrFail(const char* what) {
     if (fails(Step::call)) {
         throw std::runtime_error(what);
@@ -74,7 +93,7 @@ public:
                   std::make_unique<info::DriverController>(
                       log.logger, std::make_unique<ModelDriver>(world),
                       [&] { return info::DriverStatusFiles{world.statusFile(), world.statusFile()}; }),
-                  std::make_shared<test::FakeDriverExtension>()) {
+                  std::make_shared<ModelExtension>(world)) {
         for (std::size_t index = 0; index < order.volumes; ++index) {
             volumes.push_back(std::make_shared<RoomyVolume>(describe(index)));
             types.push_back(order.type);
@@ -160,6 +179,9 @@ private:
             if (order.isHeldOpen) {
                 mounts.hold(index);
             }
+            if (order.isSnapshotLost) {
+                world.volume(index).device.error = ESTALE;
+            }
             // The volume goes on being used.
             world.volume(index).content.at(world.newStamp() % unitCount) = world.newStamp();
         }
@@ -174,11 +196,15 @@ private:
             volume.checksum = 0;
         }
         const std::vector<std::uint64_t> changed = changesIn(info);
+        const Units& shown = volume.device.error == 0 ? volume.device.baseline : volume.content;
         for (std::size_t unit = 0; unit < unitCount; ++unit) {
             if (types[index] != INCREMENTAL || changed.at(unit) != 0) {
                 stepOrFail("the target is gone");
-                volume.image.at(unit) = volume.device.baseline.at(unit);
+                volume.image.at(unit) = shown.at(unit);
             }
+        }
+        if (info.check() != 0) {
+            throw std::runtime_error("the snapshot has not lasted");
         }
     }
 

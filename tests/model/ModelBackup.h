@@ -21,6 +21,8 @@ struct BackupOrder {
     Fault fault;
     bool isHeldOpen = false;  ///< somebody opens a file in the mounted snapshot, and keeps it
     bool isMountLeft = false; ///< if the backup is killed, its snapshot stays mounted
+    /// The snapshots fail before the copy, and show from then on what programs write.
+    bool isSnapshotLost = false;
 };
 
 struct BackupResult {

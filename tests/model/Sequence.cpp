@@ -36,6 +36,7 @@ BackupOrder randomOrder(std::mt19937_64& source, std::uint32_t steps, std::size_
     order.fault = randomFault(source, steps * static_cast<std::uint32_t>(volumes));
     order.isHeldOpen = below(source, 8) == 0;
     order.isMountLeft = below(source, 2) == 0;
+    order.isSnapshotLost = below(source, 8) == 0;
     return order;
 }
 
@@ -66,7 +67,7 @@ std::string textOf(const BackupOrder& order) {
     const char* type = order.type == FULL ? "FULL" : order.type == INCREMENTAL ? "INCREMENTAL" : "MERGE";
     return std::string(type) + " of " + std::to_string(order.volumes) + ", " + textOf(order.fault.kind) +
            " " + std::to_string(order.fault.at) + (order.isHeldOpen ? ", file held open" : "") +
-           (order.isMountLeft ? ", mount left" : "");
+           (order.isMountLeft ? ", mount left" : "") + (order.isSnapshotLost ? ", snapshot lost" : "");
 }
 
 /// The machine during one sequence.

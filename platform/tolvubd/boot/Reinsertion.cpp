@@ -114,12 +114,13 @@ private:
         guard.release();
     }
 
-    static void write(const TrackedVolume& to, Seal seal, Seal::End end,
+    /// `where` is what has LVM's own table: the volume at first, and later its lowest layer.
+    static void write(const TrackedVolume& where, Seal seal, Seal::End end,
                       const std::optional<Fingerprint>& now) {
         seal.end = end;
         seal.start = thisStart();
         seal.fingerprint = now;
-        to.write(seal);
+        where.write(seal);
     }
 
     const BootRecord::Volume& record;

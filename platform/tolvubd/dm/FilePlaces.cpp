@@ -14,6 +14,7 @@
 #include <sys/stat.h>
 #include <sys/vfs.h>
 #include <unistd.h>
+#include <utility>
 
 namespace tolvubd::dm {
 
@@ -82,7 +83,7 @@ os::FileDescriptor openThere(const std::string& path) {
 /// Gathers the extents of a file, which the kernel tells in the order of the file.
 class Places {
 public:
-    explicit Places(const std::string& path) : path(path) {}
+    explicit Places(std::string path) : path(std::move(path)) {}
 
     void add(const fiemap_extent& extent);
     /// Where the file goes on behind what has been added.

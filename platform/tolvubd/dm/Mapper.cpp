@@ -55,7 +55,7 @@ public:
             fail(ENOMEM, what);
         }
     }
-    void tellUdev(Visibility visibility) {
+    void tellUdev(Visibility visibility) const {
         std::uint32_t cookie = 0;
         check(dm_task_set_cookie(get(), &cookie, udevFlags(visibility)));
     }
@@ -97,7 +97,7 @@ void choose(Task& task, const Device& device) {
 }
 
 Task taskOn(const Device& device, int type, const std::string& verb) {
-    return Task(type, verb + " the device " + device.name);
+    return {type, verb + " the device " + device.name};
 }
 
 void call(const Device& device, int type, const std::string& verb) {

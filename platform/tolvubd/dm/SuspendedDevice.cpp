@@ -23,6 +23,7 @@ SuspendedDevice::SuspendedDevice(const Device& device, Visibility visibility,
 
 void SuspendedDevice::begin() {
     memory.emplace();
+    since = std::chrono::steady_clock::now();
     const int error = isSuspended() ? EBUSY : trySuspend();
     if (error != 0) {
         memory.reset();

@@ -6,6 +6,7 @@
 #include "dm/Mapper.h"
 #include "os/FileDescriptor.h"
 
+#include <chrono>
 #include <optional>
 #include <vector>
 
@@ -29,6 +30,8 @@ public:
 
     void begin() override;
     void resumeInside();
+    /// When `begin` began to suspend the device.
+    [[nodiscard]] std::chrono::steady_clock::time_point heldSince() const noexcept { return since; }
     bool end() noexcept override;
     void enterCopy() noexcept override;
     [[nodiscard]] int descriptor() const noexcept override { return control.get(); }
@@ -45,6 +48,7 @@ private:
     bool hasOtherwise;
     std::vector<ControlRequest> inside;
     std::optional<MemoryLock> memory;
+    std::chrono::steady_clock::time_point since;
 };
 
 } // namespace tolvubd::dm

@@ -18,7 +18,7 @@ constexpr std::uint32_t mostBlockSectors = 128;
 constexpr std::uint64_t sectorSize = 512;
 constexpr std::uint64_t mostBlocks = std::uint64_t{1} << 26;
 constexpr std::uint64_t arrays = 3;
-constexpr std::uint64_t sets = 8;
+constexpr std::uint64_t sets = 16;
 constexpr std::uint64_t others = 16 * mebibyte;
 constexpr std::uint64_t valuesInHalfNode = 126;
 

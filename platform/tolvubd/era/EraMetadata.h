@@ -56,8 +56,8 @@ std::uint32_t eraBlockSectors(std::uint64_t volumeBytes);
 ///
 /// - The eras of all blocks three times: as a metadata snapshot holds them, as they were last committed, and
 ///   as the kernel is about to commit them.
-/// - Eight sets of what an era has written. A new one begins whenever the target is resumed or a snapshot of
-///   the metadata taken, and the kernel enters one into the array after the other, in seconds.
+/// - Sixteen sets of what an era has written. A new one begins whenever the target is resumed or a snapshot
+///   of the metadata taken, and the kernel enters one into the array after the other, in seconds.
 /// - The trees above both, with nodes half full, and 16 MiB for the kernel's own map of the metadata.
 std::uint64_t eraMetadataSize(std::uint64_t blocks);
 

@@ -30,7 +30,7 @@ using PhysicalDevices = std::map<std::string, dev_t>;
 /// Fails:   std::system_error, EBADMSG when the text isn't one of a volume group or contradicts itself.
 class VolumeGroup {
 public:
-    explicit VolumeGroup(std::string text);
+    explicit VolumeGroup(std::string content);
     VolumeGroup(VolumeGroup&&) = delete;
     VolumeGroup(const VolumeGroup&) = delete;
     VolumeGroup& operator=(VolumeGroup&&) = delete;

@@ -9,8 +9,8 @@ namespace tolvubd {
 namespace {
 
 constexpr std::uint64_t unitSectors = 8;
-/// Words of the table that are written at once: a MiB.
-constexpr std::size_t wordsAtOnce = std::size_t{1} << 17;
+/// Words of the table that are written at once: a block of the file system.
+constexpr std::size_t wordsAtOnce = 512;
 
 } // namespace
 
@@ -31,18 +31,21 @@ std::vector<bool> changedUnits(const std::vector<bool>& written, std::uint32_t b
     return changed;
 }
 
+/// A table is zeros when its file is made. To write zeros over it would fill the store of the snapshot that has
+/// just been taken.
 void writeRecord(const std::string& cowFile, const std::string& snapshot, const std::vector<bool>& changed,
                  std::uint64_t volumeSize) {
     CowTable table(cowFile, snapshot, volumeSize);
     std::vector<std::uint64_t> words;
     words.reserve(wordsAtOnce);
     std::uint64_t count = 0;
-    for (std::uint64_t unit = 0; unit < changed.size(); ++unit) {
-        words.push_back(changed[unit] ? 1 : 0);
-        count += changed[unit] ? 1 : 0;
-        if (words.size() == wordsAtOnce || unit + 1 == changed.size()) {
-            table.write(unit + 1 - words.size(), words);
-            words.clear();
+    for (std::uint64_t first = 0; first < changed.size(); first += wordsAtOnce) {
+        const std::uint64_t end = std::min<std::uint64_t>(first + wordsAtOnce, changed.size());
+        words.assign(changed.begin() + static_cast<std::ptrdiff_t>(first),
+                     changed.begin() + static_cast<std::ptrdiff_t>(end));
+        if (const auto marks = std::ranges::count(words, 1U); marks != 0) {
+            table.write(first, words);
+            count += static_cast<std::uint64_t>(marks);
         }
     }
     table.finish(count);

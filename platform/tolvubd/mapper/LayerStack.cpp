@@ -25,6 +25,7 @@ namespace {
 
 constexpr std::uint64_t sector = 512;
 constexpr std::size_t uuidLength = 36;
+constexpr int attemptsToRead = 3;
 
 /// Parts of what a device of ours is called.
 constexpr const char* lowerLayer = "lower";
@@ -113,6 +114,10 @@ bool LayerStack::isPresent() const {
     return !dm::findByPrefix(layout::mapperPrefix + id).empty();
 }
 
+bool LayerStack::hasStore() const {
+    return find(id, cowLayer).has_value();
+}
+
 void LayerStack::createBelow(const dm::Device& volume, const Layers& layers) {
     const dm::Device lower = makeLive(id, lowerLayer, dm::liveTable(volume));
     const std::uint64_t size = dm::sizeOf(dm::liveTable(lower));
@@ -164,7 +169,7 @@ void LayerStack::endSnapshot() {
     removeIfThere(id, cowLayer);
 }
 
-void LayerStack::takeApart() {
+void LayerStack::giveBack() {
     removeIfThere(id, formatLayer);
     if (const auto volume = top()) {
         dm::load(*volume, targetsOf(id, lowerLayer));
@@ -172,6 +177,10 @@ void LayerStack::takeApart() {
             std::make_unique<dm::SuspendedDevice>(*volume, dm::Visibility::shown, std::vector<dm::Device>{}));
         guard.release();
     }
+}
+
+void LayerStack::takeApart() {
+    giveBack();
     for (const dm::Device& holder : holders()) { // by a table that never came to life
         dm::clear(holder);
     }
@@ -205,6 +214,9 @@ int LayerStack::check(const Layers& layers, Mode mode) const {
     if (dm::liveTable(*volume) != eraTarget(id, layers) || !isWhereLvmSays(layers.volume, *lower)) {
         return ESTALE;
     }
+    if (isEraNearlyFull(dm::liveStatus(*volume))) {
+        return EOVERFLOW;
+    }
     if (mode == Mode::tracking) {
         return 0;
     }
@@ -233,7 +245,15 @@ std::vector<bool> LayerStack::writtenSince(std::uint32_t first) const {
     const HiddenNode node(meta.number);
     const os::FileDescriptor file = node.open(O_RDONLY | O_DIRECT);
     const std::uint64_t size = dm::sizeOf(dm::liveTable(meta)) * sector;
-    return EraMetadata(file, size, EraMetadata::View::snapshot).writtenSince(first);
+    for (int attempt = 1;; ++attempt) {
+        try {
+            return EraMetadata(file, size, EraMetadata::View::snapshot).writtenSince(first);
+        } catch (const std::system_error& error) { // the target may just have been writing its superblock
+            if (error.code().value() != EBADMSG || attempt == attemptsToRead) {
+                throw;
+            }
+        }
+    }
 }
 
 std::optional<StoreRoom> LayerStack::room() const {

@@ -34,6 +34,9 @@ public:
     /// Whether the kernel has any device of this tracking.
     [[nodiscard]] bool isPresent() const;
 
+    /// Whether the kernel has a device that lies in the CoW file.
+    [[nodiscard]] bool hasStore() const;
+
     /// Makes lower, with the volume's live table, and mid and meta on it. The volume itself isn't touched.
     void createBelow(const dm::Device& volume, const Layers& layers);
     /// Makes the metadata of a new era target. What stood there is lost.
@@ -51,13 +54,14 @@ public:
     void letGo() const;
     /// Goes back from a snapshot to tracking alone; nothing if there is no snapshot.
     void endSnapshot();
-    /// Gives the volume its own table back, if it has ours, and removes the devices. EBUSY when the snapshot
-    /// is in use.
+    /// Gives the volume its own table back, if it has ours: nothing is tracked from there on.
+    void giveBack();
+    /// Does so and removes the devices. EBUSY when the snapshot is in use.
     void takeApart();
 
     /// What is wrong, as an errno; 0 if nothing is. ENXIO: a device is missing. ESTALE: the volume has
     /// another table than ours, or LVM says that it lies elsewhere. ENOSPC: the snapshot's store was too
-    /// small.
+    /// small. EOVERFLOW: the metadata of the era target soon will be.
     [[nodiscard]] int check(const Layers& layers, Mode mode) const;
     /// The era in which the volume is now.
     [[nodiscard]] std::uint32_t era() const;

@@ -8,6 +8,7 @@
 #include "SystemLog.h"
 #include "Tidying.h"
 #include "Uuid.h"
+#include "capture/FrozenFileSystem.h"
 #include "dm/FilePlaces.h"
 #include "dm/SuspendedDevice.h"
 #include "dm/Watcher.h"
@@ -24,8 +25,10 @@
 #include <chrono>
 #include <cstring>
 #include <fcntl.h>
+#include <linux/fs.h>
 #include <memory>
 #include <set>
+#include <sys/ioctl.h>
 #include <unistd.h>
 #include <utility>
 
@@ -48,21 +51,26 @@ void syncVolume(const std::string& mountPoint) {
     checked(root ? ::syncfs(root.get()) : -1, "sync " + mountPoint);
 }
 
+/// To make a file on a file system that somebody else has frozen would wait for him.
+void requireNotFrozen(const std::string& mountPoint) {
+    syncVolume(mountPoint);
+    HoldGuard(std::make_unique<FrozenFileSystem>(mountPoint)).release();
+}
+
 /// The moment of the snapshot: all that was written before is in it, nothing that comes after.
 void exchangeTables(const SnapshotPlan& plan, const LayerStack& stack, const dm::Device& volume) {
-    using std::chrono::microseconds;
-    using std::chrono::steady_clock;
+    using std::chrono::milliseconds;
     syncVolume(plan.cow.mountPoint);
     auto suspended = std::make_unique<dm::SuspendedDevice>(volume, dm::Visibility::shown, stack.inside(),
                                                            dm::liveTable(stack.lower()));
     dm::SuspendedDevice& held = *suspended;
-    const auto begin = steady_clock::now();
     HoldGuard guard(std::move(suspended));
     held.resumeInside();
+    const auto since = held.heldSince();
     guard.release();
-    const auto lasted = std::chrono::duration_cast<microseconds>(steady_clock::now() - begin);
+    const auto lasted = std::chrono::ceil<milliseconds>(std::chrono::steady_clock::now() - since);
     logLine(Severity::info, plan.volume.path + " was frozen for " + std::to_string(lasted.count()) +
-                                " us to take a snapshot of " + std::to_string(plan.volume.size) + " bytes");
+                                " ms to take a snapshot of " + std::to_string(plan.volume.size) + " bytes");
 }
 
 void logForecast(const SnapshotPlan& plan, const LayerStack& stack, const Layers& layers) {
@@ -93,7 +101,13 @@ os::FileDescriptor openSnapshot(const LayerStack& stack) {
 }
 
 void show(const LayerStack& stack, Device& device) {
-    device.layers->groups = groupsInUse(openSnapshot(stack), device.size);
+    if (!stack.room()) {
+        fail(ENOSPC, "the store of the snapshot is full already");
+    }
+    const os::FileDescriptor snapshot = openSnapshot(stack);
+    device.layers->groups = groupsInUse(snapshot, device.size);
+    const int readOnly = 1;
+    checked(::ioctl(snapshot.get(), BLKROSET, &readOnly), "make the snapshot read-only");
     showDevice(stack.snapshot().number, device.minor);
 }
 
@@ -111,16 +125,29 @@ bool isBroken(const Device& device) {
     return device.layers && device.layers->error != 0 && device.layers->error != ENOSPC;
 }
 
+/// What isn't trusted any more is out of the way of programs at once, and gone when nobody reads it any more.
+void abandon(const Device& device) {
+    LayerStack stack(device.layers->id);
+    if (device.mode == Mode::tracking) {
+        stack.takeApart();
+    } else if (stack.isPresent()) {
+        putErrorUnder(stack);
+        stack.giveBack();
+    }
+}
+
 void bringTo(const Device& device) {
+    if (isBroken(device)) {
+        abandon(device);
+        return;
+    }
     LayerStack stack(device.layers->id);
     if (device.mode == Mode::tracking) {
         stack.endSnapshot();
     } else if (device.layers->error != 0) {
         putErrorUnder(stack);
     }
-    if (!isBroken(device)) {
-        renewSeal(stack, device);
-    }
+    renewSeal(stack, device);
 }
 
 } // namespace
@@ -138,6 +165,7 @@ Layers MapperBackEnd::newLayers(const Volume& volume) {
 }
 
 void MapperBackEnd::requireRoom(const SnapshotPlan& plan, const Device& device) const {
+    requireNotFrozen(plan.cow.mountPoint);
     const bool isNew = device.layers->eraFile.empty();
     const std::uint64_t era = isNew ? eraFileSize(plan.volume.size, device.layers->blockSectors) : 0;
     if (freeSpace(plan.cow.mountPoint) < plan.cowSize + era) {
@@ -188,8 +216,10 @@ void MapperBackEnd::noteEnd(Device& device) {
     if (isBroken(device)) {
         fail(layers.error, "the snapshot of " + device.blockDevice);
     }
-    if (const auto room = LayerStack(layers.id).room()) {
-        noteNeed(layers, layers.error == ENOSPC ? bytesIn(layers.cowStore) : room->used);
+    if (layers.error == ENOSPC) {
+        noteNeed(layers, bytesIn(layers.cowStore));
+    } else if (const auto room = LayerStack(layers.id).room()) {
+        noteNeed(layers, room->used);
     }
     layers.error = 0;
 }

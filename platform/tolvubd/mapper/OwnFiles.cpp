@@ -10,6 +10,7 @@
 #include "seal/Seal.h"
 
 #include <filesystem>
+#include <optional>
 #include <system_error>
 
 namespace tolvubd {
@@ -18,11 +19,12 @@ namespace {
 
 constexpr std::uint64_t sector = 512;
 
-bool isCowFileOf(const std::string& path, const std::string& snapshot) {
+/// The snapshot of a CoW file; none if it isn't there, or isn't one.
+std::optional<std::string> snapshotIn(const std::string& path) {
     try {
-        return snapshotOf(path) == snapshot;
+        return snapshotOf(path);
     } catch (const std::system_error&) {
-        return false;
+        return std::nullopt;
     }
 }
 
@@ -61,7 +63,7 @@ void makeEraFile(const SnapshotPlan& plan, Device& device) {
 }
 
 void removeLockedCowFile(const std::string& path, const std::string& snapshot) {
-    if (isCowFileOf(path, snapshot)) {
+    if (snapshotIn(path) == snapshot) {
         dm::releaseFile(path);
     }
     removeCowFile(path, snapshot);
@@ -70,6 +72,13 @@ void removeLockedCowFile(const std::string& path, const std::string& snapshot) {
 void removeLockedFile(const std::string& path) {
     dm::releaseFile(path);
     removeFile(path);
+}
+
+void removeLeftOvers(const PathOnVolume& cow) {
+    removeLockedFile(eraFileOn(cow));
+    if (snapshotIn(cow.path())) {
+        removeLockedFile(cow.path());
+    }
 }
 
 } // namespace tolvubd

@@ -64,6 +64,16 @@ std::uint32_t eraIn(const dm::Targets& status) {
     fail(EIO, "the era target");
 }
 
+bool isEraNearlyFull(const dm::Targets& status) {
+    constexpr std::size_t total = 2;
+    constexpr std::uint64_t most = 95; // of a hundred
+    if (status.size() != 1 || status[0].type != "era") {
+        return false;
+    }
+    const auto numbers = numbersIn(status[0].parameters);
+    return numbers.size() > total && numbers[1] > numbers[total] / 100 * most;
+}
+
 /// The status: sectors used of all, and those of its tables; or a word.
 std::optional<StoreRoom> roomIn(const dm::Targets& status) {
     if (status.size() != 1 || status[0].type != "snapshot") {

@@ -26,6 +26,8 @@ dm::Targets eraOn(const dm::Device& meta, const dm::Device& mid, const Layers& l
 
 /// The number of the era in an era target's status. EIO when it says that it has failed.
 std::uint32_t eraIn(const dm::Targets& status);
+/// Whether the metadata of an era target is nearly full. When it is, it fails the writes of programs.
+bool isEraNearlyFull(const dm::Targets& status);
 /// Bytes that a snapshot has used of its store, and that there are; none when it isn't valid any more.
 struct StoreRoom {
     std::uint64_t used = 0;

@@ -59,7 +59,15 @@ public:
 
     nlohmann::json run(const std::string& command) {
         if (command == "start") {
-            return describe(control.startSnapshots(volumes, BackupAttributes(types), snapshotAttributes));
+            started = control.startSnapshots(volumes, BackupAttributes(types), snapshotAttributes);
+            return describe(started);
+        }
+        if (command == "check") {
+            nlohmann::json result = nlohmann::json::object();
+            for (const auto& [uuid, info] : started) {
+                result[uuid] = info.check();
+            }
+            return result;
         }
         if (command == "end success" || command == "end failure") {
             return describe(control.transitionToIncremental(volumes, command == "end success"));
@@ -70,6 +78,7 @@ public:
 private:
     SnapshotSessionControl control;
     SnapshotSessionControl::Volumes volumes;
+    VolumeSnapshotInfos started;
     std::unordered_map<std::string, VolumeAttributes> types;
     agent::core::backup::SnapshotAttributes snapshotAttributes{0, {}, 0};
 };
@@ -91,9 +100,10 @@ void serve(agent::info::Logger& logger, const std::vector<std::string>& argument
 
 } // namespace
 
-/// Takes the snapshots of a backup and ends them, as the lines of standard input say: "start", "end success"
-/// or "end failure". Each argument is a volume's UUID; a plus before it makes its backup incremental. Prints
-/// "ready", then one line of JSON a command: what is known of the snapshots, or the text of the failure. The
+/// Takes the snapshots of a backup and ends them, as the lines of standard input say: "start", "check",
+/// "end success" or "end failure". Each argument is a volume's UUID; a plus before it makes its backup
+/// incremental. Prints "ready", then one line of JSON a command: what is known of the snapshots, or the text
+/// of the failure. "check" tells of each snapshot that was started the error that it has come to, or 0. The
 /// log goes to standard error, each line behind the number of its level.
 int main(int count, char** values) {
     agent::info::Logger logger([](const std::string& message, int level, agent::info::LogTime /*time*/) {

@@ -97,7 +97,9 @@ void hold(const Words& words) {
     for (std::size_t index = 1; index < words.size(); ++index) {
         inside.push_back(named(words[index]));
     }
-    auto owned = std::make_unique<dm::SuspendedDevice>(named(words.at(0)), dm::Visibility::shown, inside);
+    const dm::Device volume = named(words.at(0));
+    auto owned =
+        std::make_unique<dm::SuspendedDevice>(volume, dm::Visibility::shown, inside, dm::liveTable(volume));
     dm::SuspendedDevice& device = *owned;
     tolvubd::HoldGuard guard(std::move(owned));
     std::cout << "held" << std::endl;

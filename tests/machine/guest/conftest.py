@@ -7,9 +7,19 @@ import pytest
 
 ROOT = pathlib.Path(__file__).resolve().parents[3]
 sys.path[:0] = [str(ROOT), str(ROOT / "tests" / "functional")]
+pytest.register_assert_rewrite("dm_site", "verbs", "tolvubd_site")
+
+from lab.lvm import VolumeGroup  # noqa: E402
 
 
 @pytest.fixture(scope="session")
 def disks():
     """The devices of the machine's disks, on which nothing is at first."""
     return os.environ["MACHINE_DISKS"].split()
+
+
+@pytest.fixture(scope="module")
+def group():
+    """A volume group that is the module's own."""
+    with VolumeGroup() as made:
+        yield made

@@ -1,5 +1,5 @@
-"""Volumes on device-mapper with a device of the driver, while a program writes; and what has to be true of the
-driver's pictures and records of them, whatever has been done to the volume meanwhile."""
+"""Volumes on device-mapper with a device of the driver, while a program writes; and what has to be true of
+the driver's pictures and records of them, whatever has been done to the volume meanwhile."""
 import contextlib
 import errno
 import json
@@ -14,23 +14,25 @@ from lab.driver import forget_devices, info
 from lab.images import extents_on
 from lab.services import wait_until
 from lab.stay import Stay
-from tolvubd_site import Cow, SNAPSHOT, TRACKING, UNIT, Volume, call, cow_files, must, states, tolvuctl
+from tolvubd_site import Cow, LogicalVolumes, SNAPSHOT, UNIT, call, cow_files, layers, must, states, tolvuctl
 
 SECONDS = 60
-COW_MEBIBYTES = 24
+COW_MEBIBYTES = 12
 EVENT_SECONDS = 5 # within which a snapshot that isn't the moment any more must fail
 PIECE = 1 << 20
 SECTORS = 2048 # in a mebibyte
-BLOCKS = {name: ("-b", "4096") for name in ("ext2", "ext3", "ext4")} # small ones have blocks of 1 KiB else
+BLOCKS = LogicalVolumes.blocks
 
 
-def logical_volumes(group, *options):
-    """Where Volume finds its device: in a group, made with these options. A mebibyte more than its file system,
-    so that a volume that somebody makes smaller still holds that."""
+def logical_volumes(group, *options, slack=0):
+    """Where Volume finds its device: in a group, made with these options, and with so many mebibytes more
+    than its file system needs."""
     @contextlib.contextmanager
     def place(name, filesystem, sectors):
-        device = group.create(name, -(-sectors // SECTORS) + 1, *options)
+        device = group.create(name, -(-sectors // SECTORS), *options)
         filesystems.make(filesystem, device, *BLOCKS.get(filesystem, ()))
+        if slack:
+            run("lvextend", "-L", f"+{slack}m", f"{group.name}/{name}", *options)
         yield device
     return place
 
@@ -63,8 +65,8 @@ def differing(before, after):
 
 
 class Writer(Stay):
-    """A program that writes to a directory for as long as this lasts. None of its writes may fail, and what it
-    has written must be there in the end."""
+    """A program that writes to a directory for as long as this lasts. None of its writes may fail, and what
+    it has written must be there in the end."""
 
     def __init__(self, directory):
         super().__init__()
@@ -72,7 +74,8 @@ class Writer(Stay):
         self._busy = pathlib.Path(directory, "busy")
 
     def open(self, lasting):
-        self._process = subprocess.Popen(self._command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
+        self._process = subprocess.Popen(self._command, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                                         text=True)
         lasting.callback(self._process.kill)
         self.wait_for_writes()
 
@@ -91,7 +94,7 @@ class Writer(Stay):
 
 
 class Protected(Stay):
-    """A volume that has a snapshot, and a program that writes to it. `first` is the picture of that moment."""
+    """A volume that has a snapshot, and a program that writes to it. `first` is the snapshot's picture."""
 
     def __init__(self, volume, minor=0, cow_mebibytes=COW_MEBIBYTES):
         super().__init__()
@@ -109,6 +112,10 @@ class Protected(Stay):
     def start(self):
         """A first snapshot."""
         must("setup_snapshot", self.minor, self.volume.device, self.volume.cow, self._cow_mebibytes)
+        self.begin()
+
+    def begin(self):
+        """The first snapshot is there."""
         self._files = [self.volume.cow, self.volume.other_cow]
         self.first = picture(self.node)
         self._own = self.own_units()
@@ -147,8 +154,9 @@ class Protected(Stay):
             now = picture(self.node)
         except Unreadable:
             now = None
-        error = self.error()
-        if now is not None and error == 0:
+        sound, error = call("check_snapshot", self.minor), self.error()
+        assert bool(sound) == (error == 0)
+        if now is not None and sound:
             wrong = differing(self.first, now) - self._own
             assert not wrong, f"{len(wrong)} units are not the moment's, and nothing says so"
             return "snapshot right"
@@ -158,10 +166,15 @@ class Protected(Stay):
 
     def next_record(self):
         """The next snapshot's record tells all that has changed since the last picture, or there is none."""
+        done = self.take_next()
+        return self.check_record() if done else self.full_comparison(done)
+
+    def take_next(self, wrapper=()):
+        return call("transition_snapshot", self.minor, self._files[1], self._cow_mebibytes, wrapper=wrapper)
+
+    def check_record(self):
+        """Another snapshot has been taken."""
         closed, current = self._files
-        done = call("transition_snapshot", self.minor, current, self._cow_mebibytes)
-        if not done:
-            return self.full_comparison(done)
         now, error = picture(self.node), self.error()
         assert error == 0, "a snapshot was taken of what isn't sound"
         told = set(Cow(closed, self.volume).changed_units)
@@ -170,7 +183,7 @@ class Protected(Stay):
         assert len(differ) > 0
         self.first, self._files = now, [current, closed]
         self._own |= self.own_units()
-        return "set right"
+        return "set right" if len(told) < self.volume.size // UNIT else "everything told"
 
     def full_comparison(self, refused):
         """A device that isn't trusted says so, and is made anew."""
@@ -178,7 +191,7 @@ class Protected(Stay):
         assert self.error() != 0, f"refused with {errno.errorcode[refused.error]}, but the status is healthy"
         done = tolvuctl("destroy", self.minor)
         assert done.returncode == 0, done.stderr
-        assert cow_files(self.volume) in ([], [".tolvu"])
+        assert layers() == []
         self.start()
         if self.volume.filesystem.startswith("ext"):
             run("e2fsck", "-fn", self.node)
@@ -189,12 +202,3 @@ class Protected(Stay):
         self.writer.end()
         forget_devices()
         assert layers() == []
-
-
-def layers():
-    """The names of the driver's devices."""
-    listed = run("dmsetup", "info", "-c", "--noheadings", "-o", "name,uuid")
-    return [line.split(":")[0] for line in listed.splitlines() if ":TOLVU-" in line]
-
-
-__all__ = ["Protected", "TRACKING", "SNAPSHOT", "Volume", "layers", "logical_volumes"]

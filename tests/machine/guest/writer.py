@@ -1,7 +1,7 @@
 """A program that writes to a directory all the time, as a busy server does: writer.py DIRECTORY.
 
-It overwrites pieces of a file at random places and brings each to the disk; small files come and go. At the end
-of its standard input it reads back what it has written. It prints, as JSON, how often it has written, the
+It overwrites pieces of a file at random places and brings each to the disk; small files come and go. At the
+end of its standard input it reads back what it has written. It prints, as JSON, how often it has written, the
 longest time that took in seconds, and what went wrong.
 """
 import hashlib
@@ -14,7 +14,7 @@ import sys
 import time
 
 PIECE = 4096
-PIECES = 2048
+PIECES = 512
 PAUSE = 0.01
 SMALL_FILES = 8
 

@@ -41,6 +41,12 @@ TEST(Targets, TellTheRoomOfASnapshotThatIsValid) {
     EXPECT_FALSE(roomIn({{0, 8, "error", ""}}));
 }
 
+TEST(Targets, TellWhetherTheEraIsNearlyFull) {
+    EXPECT_FALSE(isEraNearlyFull({{0, 8, "era", "8 950/1000 17 -"}}));
+    EXPECT_TRUE(isEraNearlyFull({{0, 8, "era", "8 951/1000 17 -"}}));
+    EXPECT_FALSE(isEraNearlyFull({{0, 8, "linear", ""}}));
+}
+
 TEST(Forecast, IsHalfMoreThanTheLargestOfTheLastNeeds) {
     Layers layers;
     EXPECT_EQ(forecastNeed(layers), 0U);

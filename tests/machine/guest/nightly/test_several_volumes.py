@@ -3,8 +3,9 @@ import contextlib
 
 import pytest
 
-from dm_site import Protected, Volume, layers, logical_volumes
+from dm_site import Protected, logical_volumes
 from lab.lvm import VolumeGroup
+from tolvubd_site import Volume, layers
 
 SECTORS = 96 * 2048
 COW_MEBIBYTES = 12

@@ -1,5 +1,5 @@
-"""What a volume may lie on, and what may be on it: tracked by device-mapper, captured, or refused; and a round on
-each that isn't refused."""
+"""What a volume may lie on, and what may be on it: tracked by device-mapper, captured, or refused; and a
+round on each that isn't refused."""
 import contextlib
 import dataclasses
 import errno
@@ -8,21 +8,14 @@ from collections.abc import Callable
 
 import pytest
 
-from dm_site import BLOCKS, Protected, Volume, layers, logical_volumes
+from dm_site import BLOCKS, Protected
 from lab import filesystems
 from lab.commands import run
-from lab.lvm import VolumeGroup
-from tolvubd_site import call, tolvuctl
+from tolvubd_site import Volume, call, layers, tolvuctl
 
 MEBIBYTES = {"xfs": 320}
 USUAL_MEBIBYTES = 96
 PASSPHRASE = "a pass phrase"
-
-
-@pytest.fixture(scope="module")
-def group():
-    with VolumeGroup() as made:
-        yield made
 
 
 def made_of(*options):
@@ -49,8 +42,8 @@ def origin(group, name, mebibytes):
 
 
 def encrypted(device, name):
-    run("cryptsetup", "luksFormat", "--batch-mode", "--pbkdf", "pbkdf2", "--pbkdf-force-iterations", "1000", device,
-        input=PASSPHRASE)
+    run("cryptsetup", "luksFormat", "--batch-mode", "--pbkdf", "pbkdf2", "--pbkdf-force-iterations", "1000",
+        device, input=PASSPHRASE)
     run("cryptsetup", "open", device, name, input=PASSPHRASE)
     return f"/dev/mapper/{name}"
 
@@ -75,8 +68,8 @@ def linear_device(group, name, _mebibytes):
 
 @dataclasses.dataclass(frozen=True)
 class Kind:
-    """`make(group, name, mebibytes)` makes the device. `served_by` is "device-mapper" or "capture", or the errno
-    with which nobody serves it. `reason` is a word of what the operator is told."""
+    """`make(group, name, mebibytes)` makes the device. `served_by` is "device-mapper", "capture", or the
+    errno with which nobody serves it. `reason` is a word of what the operator is told."""
 
     name: str
     make: Callable

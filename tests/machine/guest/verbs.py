@@ -1,38 +1,29 @@
-"""What administrators do to a logical volume while it is tracked, or while its snapshot is read: whatever it is,
-the next record is complete and the snapshot shows its moment, or the driver says that it isn't so."""
+"""What administrators do to a logical volume while it is tracked, or while its snapshot is read: whatever
+it is, the next record is complete and the snapshot shows its moment, or the driver says that it isn't so."""
 import contextlib
 import dataclasses
-import subprocess
 import time
 from collections.abc import Callable
 
-import pytest
-
-from dm_site import Protected, SNAPSHOT, TRACKING, Volume, logical_volumes
+from dm_site import Protected, logical_volumes
 from lab.commands import run
-from lab.lvm import VolumeGroup
-from tolvubd_site import call
+from tolvubd_site import Volume, call, layers
 
-MEBIBYTES = 128
+MEBIBYTES = 64
 HELD_SECONDS = 0.5
-STATES = {"tracking": TRACKING, "snapshot": SNAPSHOT}
-
-
-@pytest.fixture(scope="module")
-def group():
-    with VolumeGroup() as made:
-        yield made
+STATES = ("tracking", "snapshot")
 
 
 @dataclasses.dataclass(frozen=True)
 class Verb:
-    """`act(volume, group)` is what somebody does; it returns the volume's new device, if that has another name
-    then. One that `may_fail` is refused by LVM or by the kernel."""
+    """`act(volume, group)` is what somebody does; it returns the volume's new device, if that has another
+    name then. One that `may_fail` is refused by LVM or by the kernel. `telling` is the state in which each
+    run tries it, not only the nightly one."""
 
     name: str
     act: Callable
     may_fail: bool = False
-    is_quick: bool = False
+    telling: str = ""
 
 
 def lvm(*words):
@@ -73,7 +64,7 @@ def freeze(volume, _group):
     """Somebody holds the file system, while the driver is asked for the next step."""
     run("fsfreeze", "--freeze", volume.mount_point)
     try:
-        assert not call("transition_snapshot", 0, volume.other_cow, 24)
+        assert not call("transition_snapshot", 0, volume.other_cow, 12)
     finally:
         run("fsfreeze", "--unfreeze", volume.mount_point)
 
@@ -87,15 +78,15 @@ def suspend(*options):
 
 
 VERBS = (
-    Verb("lvchange --refresh", lvm("lvchange", "--refresh", "{lv}"), is_quick=True),
+    Verb("lvchange --refresh", lvm("lvchange", "--refresh", "{lv}"), telling="snapshot"),
     Verb("lvextend", lvm("lvextend", "-L", "+8m", "{lv}")),
-    Verb("lvextend -r", lvm("lvextend", "-r", "-L", "+8m", "{lv}"), is_quick=True),
+    Verb("lvextend -r", lvm("lvextend", "-r", "-L", "+8m", "{lv}"), telling="tracking"),
     Verb("lvreduce", lvm("lvreduce", "-f", "-y", "-L", "-1m", "{lv}"), may_fail=True),
-    Verb("lvrename", rename, is_quick=True),
-    Verb("lvcreate -s", lvm("lvcreate", "-s", "-n", "old", "-L", "16m", "{lv}"), is_quick=True),
+    Verb("lvrename", rename),
+    Verb("lvcreate -s", lvm("lvcreate", "-s", "-n", "old", "-L", "16m", "{lv}"), telling="snapshot"),
     Verb("lvconvert --type raid1", lvm("lvconvert", "-y", "--type", "raid1", "-m1", "{lv}")),
     Verb("lvconvert --type thin", convert_to_thin),
-    Verb("pvmove", lvm("pvmove", "-i", "1", "{first}", "{last}"), is_quick=True),
+    Verb("pvmove", lvm("pvmove", "-i", "1", "{first}", "{last}"), telling="tracking"),
     Verb("pvmove --abort", lvm("pvmove", "--abort")),
     Verb("vgrename", rename_group),
     Verb("vgchange -ay", lvm("vgchange", "-ay", "{vg}")),
@@ -106,19 +97,37 @@ VERBS = (
     Verb("pvscan --cache -aay", lvm("pvscan", "--cache", "-aay")),
     Verb("udevadm trigger", lvm("udevadm", "trigger", "--settle", "--action=change", "{device}")),
     Verb("fstrim", lvm("fstrim", "{mount}"), may_fail=True),
-    Verb("fsfreeze", freeze, is_quick=True),
+    Verb("fsfreeze", freeze, telling="tracking"),
     Verb("dmsetup suspend", suspend()),
     Verb("dmsetup suspend --nolockfs", suspend("--nolockfs")),
     Verb("dmsetup suspend --noflush", suspend("--noflush", "--nolockfs")),
 )
 
 
-@pytest.fixture
-def volume(group):
+def check_verb(group, verb, state):
+    """What came of a verb in a state, in words."""
     with contextlib.ExitStack() as stack:
         stack.callback(remove_volumes, group)
-        yield stack.enter_context(Volume("data", "ext4", MEBIBYTES * 2048,
-                                         logical_volumes(group, group.physical[0])))
+        volume = stack.enter_context(Volume("data", "ext4", MEBIBYTES * 2048,
+                                            logical_volumes(group, group.physical[0], slack=1)))
+        protected = stack.enter_context(Protected(volume))
+        assert layers()
+        if state == "tracking":
+            protected.track()
+        done = act(verb, volume, group)
+        protected.writer.wait_for_writes()
+        outcome = protected.outcome()
+        protected.end()
+    return f"{verb.name} | {state} | {done} | {outcome}"
+
+
+def act(verb, volume, group):
+    try:
+        volume.device = verb.act(volume, group) or volume.device
+        return "done"
+    except OSError as error:
+        assert verb.may_fail, error
+        return "refused"
 
 
 def remove_volumes(group):
@@ -126,23 +135,3 @@ def remove_volumes(group):
         run("vgrename", group.name, "lab")
         group.name = "lab"
     run("lvremove", "-ff", "-y", group.name)
-
-
-@pytest.mark.parametrize("state", STATES)
-@pytest.mark.parametrize("verb", VERBS, ids=lambda verb: verb.name)
-def test_verb(group, volume, verb, state, record_property):
-    protected = Protected(volume)
-    with protected:
-        if STATES[state] == TRACKING:
-            protected.track()
-        try:
-            volume.device = verb.act(volume, group) or volume.device
-            done = "done"
-        except OSError as error:
-            assert verb.may_fail, error
-            done = "refused"
-        protected.writer.wait_for_writes()
-        outcome = protected.outcome()
-        record_property("verb", f"{verb.name} | {state} | {done} | {outcome}")
-        print(f"\n{verb.name} | {state} | {done} | {outcome}")
-        protected.end()

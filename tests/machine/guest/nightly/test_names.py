@@ -1,4 +1,4 @@
-"""What others see of a volume and its snapshot: udev, udisks2, and programs that open the volume by its names."""
+"""What others see of a volume and its snapshot: udev, udisks2, and programs that open it by its names."""
 import contextlib
 import json
 import pathlib
@@ -7,10 +7,10 @@ import time
 
 import pytest
 
-from dm_site import Protected, Volume, layers, logical_volumes
+from dm_site import Protected, logical_volumes
 from lab.commands import run
 from lab.lvm import VolumeGroup
-from tolvubd_site import must
+from tolvubd_site import Volume, layers, must
 
 SECTORS = 96 * 2048
 COW_MEBIBYTES = 8
@@ -51,7 +51,8 @@ def udisks_blocks():
     """The devices that udisks2 tells of: {device: UUID of what is on it}."""
     found = json.loads(run("busctl", "--json=short", "call", UDISKS, "/org/freedesktop/UDisks2",
                            "org.freedesktop.DBus.ObjectManager", "GetManagedObjects"))["data"][0]
-    blocks = [interfaces[f"{UDISKS}.Block"] for interfaces in found.values() if f"{UDISKS}.Block" in interfaces]
+    name = f"{UDISKS}.Block"
+    blocks = [interfaces[name] for interfaces in found.values() if name in interfaces]
     return {bytes(block["Device"]["data"][:-1]).decode(): block["IdUUID"]["data"] for block in blocks}
 
 

@@ -1,0 +1,61 @@
+"""What volumes held when their snapshots were taken, where the driver itself keeps no copy of that.
+
+A quiesce script copies each snapshot as soon as it is there, before the agent reads a block of it.
+"""
+import os
+import pathlib
+import shlex
+import sys
+
+ROOT = pathlib.Path(__file__).resolve().parents[1]
+sys.path.insert(0, str(ROOT))
+
+from lab import driver # noqa: E402
+from lab.commands import run # noqa: E402
+from lab.daemon import SCRIPTS # noqa: E402
+
+MOMENTS = pathlib.Path("/tmp/moments")
+SCRIPT = "keep-moments"
+SNAPSHOT = 3 # the state of a device that shows one
+SECONDS = 600
+
+
+def moment_of(partition):
+    """Where the volume is as it was at its last snapshot."""
+    return next(MOMENTS / f"{device['minor']}.img" for device in driver.devices()
+                if device["block_device"] == partition.device)
+
+
+def install():
+    """Makes the script; returns what a backup has to say of it."""
+    SCRIPTS.mkdir(parents=True, exist_ok=True)
+    path = SCRIPTS / SCRIPT
+    command = shlex.join([sys.executable, "-B", __file__])
+    path.write_text(f'#!/bin/sh\nexec {command} "$1"\n', encoding="utf-8")
+    path.chmod(0o700)
+    return SCRIPT, SECONDS
+
+
+def keep():
+    """Makes a new file for each snapshot: whoever has the last one open keeps it."""
+    MOMENTS.mkdir(exist_ok=True)
+    for device in driver.devices():
+        if device["state"] == SNAPSHOT:
+            path = MOMENTS / f"{device['minor']}.img"
+            path.unlink(missing_ok=True)
+            node = pathlib.Path(f"/dev/tolvu{device['minor']}")
+            check_kind(node)
+            run("cp", "--sparse=always", node, path)
+
+
+def check_kind(node):
+    """Where the driver does otherwise than expected, no moment is kept, and the test fails."""
+    number = node.stat().st_rdev
+    table = run("dmsetup", "table", "--major", os.major(number), "--minor", os.minor(number))
+    if " snapshot " not in table:
+        sys.exit(f"{node} is no snapshot of device-mapper's")
+
+
+if __name__ == "__main__":
+    if sys.argv[1:] == ["POST"]:
+        keep()

@@ -1,0 +1,14 @@
+"""The agent's own tests of backups, on logical volumes, whose snapshots are device-mapper's."""
+import pytest
+
+from lvm_site import check_functional, site_on
+
+
+@pytest.fixture(scope="module", autouse=True)
+def site(disks):
+    with site_on(*disks[:2]):
+        yield
+
+
+def test_backups_of_all_types_over_both_transports():
+    check_functional("test_backup.py")

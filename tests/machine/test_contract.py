@@ -1,0 +1,21 @@
+"""What the driver promises its callers, by the tests that hold for both ways to take snapshots: in a machine,
+where they have logical volumes too."""
+import pathlib
+import shlex
+
+import pytest
+
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+DISKS = (2 << 30,) * 3
+LIMIT_SECONDS = 1100
+
+
+@pytest.mark.nightly
+def test_contract(running_machine):
+    environment = {"MACHINE_DISKS": " ".join(disk.device for disk in running_machine.disks),
+                   "BEKD_BUILD": ROOT / "build" / "release", "PYTHONDONTWRITEBYTECODE": 1, "LANG": "C.UTF-8"}
+    words = ["env", f"--chdir={ROOT}", *(f"{name}={value}" for name, value in environment.items()),
+             "lab/namespace", "/usr/bin/python3", "-m", "pytest", "-q", "-p", "no:cacheprovider",
+             "tests/functional/test_tolvubd.py"]
+    done = running_machine.run(shlex.join(map(str, words)), check=False, timeout=LIMIT_SECONDS)
+    assert done.returncode == 0, done.stdout + done.stderr

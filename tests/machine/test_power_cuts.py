@@ -1,0 +1,56 @@
+"""A tracked volume whose machine loses its power at random moments while programs write: the next backup gets
+all that has changed."""
+import os
+import random
+import time
+
+import pytest
+
+from cut_site import TrackedVolume, install
+
+DISKS = (1 << 30, 1 << 30)
+MANY_CUTS = int(os.environ.get("BEKD_CUTS", "50"))
+LONGEST_SECONDS = 4
+
+
+@pytest.fixture(scope="module")
+def machine(new_machine):
+    made = new_machine(disks=DISKS)
+    install(made)
+    return made
+
+
+def cut_at_random(volume, number, chosen):
+    """Every second time while there is a snapshot; else while it is only tracked."""
+    volume.start_writer()
+    if number % 2:
+        volume.must("transition_incremental", 0)
+    time.sleep(chosen.random() * LONGEST_SECONDS)
+    volume.machine.cut()
+    volume.come_back()
+    volume.prove()
+    volume.stop_writer()
+
+
+def cut_many_times(machine, kind, count):
+    seed = time.time_ns()
+    print(f"seed {seed}")
+    chosen = random.Random(seed)
+    with TrackedVolume(machine, kind) as volume:
+        for number in range(count):
+            cut_at_random(volume, number, chosen)
+        volume.figures.keep()
+        return volume.figures
+
+
+def test_a_cut_while_there_is_a_snapshot(running_machine):
+    figures = cut_many_times(running_machine, "ext4", 1)
+    assert (figures.kept, figures.missed) == (1, 0)
+
+
+@pytest.mark.nightly
+@pytest.mark.parametrize("kind", ("ext4", "xfs"))
+def test_many_cuts_at_random_moments(running_machine, kind):
+    """Every one of them was the machine's first start since the last one, so the tracking has lasted."""
+    figures = cut_many_times(running_machine, kind, MANY_CUTS)
+    assert (figures.kept, figures.missed) == (MANY_CUTS, 0)
