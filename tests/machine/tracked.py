@@ -3,6 +3,8 @@
     tracked.py make DISK...        two logical volumes and a file system that is kept, all in /etc/fstab
     tracked.py begin NAME...       a snapshot of each, then tracking; remembers what it showed
     tracked.py write NAME...       writes to each
+    tracked.py snapshot NAME...    takes the next snapshot of each, and remembers what that shows
+    tracked.py compare NAME...     gives each back as a snapshot, and compares what it shows
     tracked.py finish NAME...      gives each back to the driver, writes, takes the next snapshot, and compares;
                                    prints {NAME: outcome}
 """
@@ -63,6 +65,18 @@ class Tracked:
         with open(self.mount_point / "in_place", "ab+") as file:
             file.write(os.urandom(100_000))
         os.sync()
+
+    def snapshot(self):
+        must("transition_snapshot", self.minor, self.mount_point / ".tolvu1", COW_MEBIBYTES)
+        run("dd", f"if=/dev/tolvu{self.minor}", f"of={self.picture}", "bs=1M", "iflag=direct", "conv=sparse")
+        self.note.write_text(json.dumps(sorted(self.own_units())), encoding="ascii")
+        self.write()
+
+    def compare(self):
+        must("reload_snapshot", self.minor, self.device, "/.tolvu1")
+        self.write()
+        differ = self.differing() - set(json.loads(self.note.read_text(encoding="ascii")))
+        return f"{len(differ)} units have changed" if differ else "the same"
 
     def finish(self):
         given = call("reload_incremental", self.minor, self.device, "/.tolvu")
