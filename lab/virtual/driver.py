@@ -14,7 +14,7 @@ INITRAMFS_PATH = "tolvubd-initramfs.path"
 
 def targets():
     """{file of the checkout: where it goes}"""
-    files = {program("tolvuctl"): pathlib.Path("/usr/sbin/tolvuctl"),
+    files = {program("tolvuctl"): pathlib.Path("/usr/bin/tolvuctl"),
              PLATFORM / "59-tolvubd.rules": pathlib.Path("/lib/udev/rules.d/59-tolvubd.rules"),
              PACKAGING / "systemd-shutdown/tolvubd": pathlib.Path("/lib/systemd/system-shutdown/tolvubd")}
     files |= {path: UNITS / path.name for path in (PACKAGING / "systemd").iterdir()}
