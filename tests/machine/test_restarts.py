@@ -1,5 +1,5 @@
-"""What becomes of tracking when the machine is restarted, in order and not, with and without somebody who writes to
-the volumes meanwhile."""
+"""What becomes of tracking when the machine is restarted, in order and not, with and without somebody who
+writes to the volumes meanwhile."""
 import json
 import pathlib
 
@@ -12,6 +12,8 @@ DISKS = (2 << 30, 2 << 30)
 NAMES = ("ext4", "xfs")
 ALL_TRACKED = dict.fromkeys(NAMES, "tracked")
 LOST = "full comparison (No such file or directory)"
+
+
 def tracked(machine, verb, *names):
     return json.loads(machine.run("/usr/bin/python3", TRACKED, verb, *(names or NAMES)).stdout)
 
@@ -49,7 +51,7 @@ def stop_and_start(machine, stop):
 
 
 def start_elsewhere(machine, stop):
-    """Starts it as a rescue system does that knows nothing of tracking: the volumes appear, and are mounted."""
+    """Starts it as a rescue system does that knows nothing of tracking: the volumes appear and are mounted."""
     machine.run("mv /etc/tolvubd/boot.json /etc/tolvubd/aside; sync")
     stop_and_start(machine, stop)
     assert "era" not in machine.run("dmsetup", "table").stdout

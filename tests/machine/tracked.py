@@ -5,7 +5,7 @@
     tracked.py write NAME...       writes to each
     tracked.py snapshot NAME...    takes the next snapshot of each, and remembers what that shows
     tracked.py compare NAME...     gives each back as a snapshot, and compares what it shows
-    tracked.py finish NAME...      gives each back to the driver, writes, takes the next snapshot, and compares;
+    tracked.py finish NAME...      gives each back to the driver, writes, takes the next snapshot, compares;
                                    prints {NAME: outcome}
 """
 import json
@@ -28,7 +28,7 @@ ROOT_VOLUME = "root"
 
 
 class Tracked:
-    """A volume by its name: "ext4" and "xfs" are logical volumes, "root" is what the machine has started from."""
+    """A volume by its name: "ext4" and "xfs" are logical volumes, "root" is what the machine started from."""
 
     def __init__(self, name):
         self.name = name
