@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
+#include <chrono>
 #include <cstring>
 #include <exception>
 #include <iomanip>
@@ -45,7 +46,8 @@ constexpr const char* usage =
     "                                                      device to mount instead, if there is another\n"
     "       tolvuctl reinsert NODE|--all                   track a volume on, before it is mounted\n"
     "       tolvuctl note-start                            remember that this start has been\n"
-    "       tolvuctl close                                 leave a note with what nobody writes any more\n";
+    "       tolvuctl close [--wait]                        seal what nobody writes any more, or won't in a "
+    "minute\n";
 
 class UsageError : public std::runtime_error {
 public:
@@ -133,6 +135,14 @@ void adopt(const std::string& partition) {
     }
 }
 
+void close(const std::string& option) {
+    constexpr std::chrono::seconds patience{60};
+    if (!option.empty() && option != "--wait") {
+        throw UsageError("unknown option: " + option);
+    }
+    tolvubd::closeVolumes(option.empty() ? std::chrono::seconds::zero() : patience);
+}
+
 struct Command {
     const char* name;
     std::size_t arguments;
@@ -149,7 +159,8 @@ constexpr Command commands[] = {
     {"early", 1, [](const Arguments& arguments) { startEarly(arguments[0]); }},
     {"reinsert", 1, [](const Arguments& arguments) { reinsert(arguments[0]); }},
     {"note-start", 0, [](const Arguments& /*none*/) { tolvubd::noteStart(tolvubd::layout::starts); }},
-    {"close", 0, [](const Arguments& /*none*/) { tolvubd::closeVolumes(); }},
+    {"close", 0, [](const Arguments& /*none*/) { close(""); }},
+    {"close", 1, [](const Arguments& arguments) { close(arguments[0]); }},
 };
 
 void run(const Arguments& words) {

@@ -63,6 +63,7 @@ def test_a_cut_loses_what_was_not_synced_and_keeps_what_was(running_machine, vol
     assert running_machine.run("cat", "/mnt/lost", check=False).returncode != 0
 
 
+@pytest.mark.nightly
 def test_a_cut_in_the_midst_of_writes_leaves_a_root_that_starts(running_machine):
     line = "while :; do dd if=/dev/urandom of=/root/noise bs=64k count=64 conv=fsync; done"
     with running_machine.begin(line) as writer:
@@ -82,6 +83,7 @@ def test_a_reboot_is_another_boot_and_keeps_what_is_on_disks(running_machine, vo
     assert running_machine.run("cat", "/mnt/kept").stdout == "kept\n"
 
 
+@pytest.mark.nightly
 def test_a_second_machine_is_another_one(running_machine, new_machine):
     second = new_machine(disks=())
     for machine, text in ((running_machine, "first"), (second, "second")):

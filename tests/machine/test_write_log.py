@@ -11,6 +11,7 @@ from lab.virtual.write_log import MAGIC, LogError, Replay, WriteLog, end_record,
 
 DISKS = (64 << 20, 1 << 30)
 STATES = 12
+pytestmark = pytest.mark.nightly
 
 
 @pytest.fixture(scope="module")

@@ -1,16 +1,20 @@
 #include "boot/Closing.h"
 
-#include "Failure.h"
 #include "FileAccess.h"
 #include "Layout.h"
+#include "Volume.h"
 #include "boot/BootLog.h"
 #include "boot/BootTurn.h"
 #include "boot/TrackedVolume.h"
 #include "mapper/LayerStack.h"
 #include "seal/BootRecord.h"
 
+#include <algorithm>
 #include <exception>
 #include <optional>
+#include <string>
+#include <thread>
+#include <vector>
 
 namespace tolvubd {
 
@@ -40,15 +44,45 @@ void closeVolume(const BootRecord::Volume& record) {
     report(Severity::info, top->name + " is closed, and tracked on after the next start");
 }
 
+void tryToClose(const BootRecord::Volume& record) noexcept {
+    try {
+        closeVolume(record);
+    } catch (const std::exception& error) {
+        report(Severity::warning, record.volume + " can't be closed: " + error.what());
+    }
+}
+
+bool isOfTheSystem(const std::vector<std::string>& mountPoints) {
+    return std::ranges::any_of(mountPoints,
+                               [](const std::string& path) { return path == "/" || path == "/usr"; });
+}
+
+/// Whether the volume is one that is still to be unmounted.
+bool isAwaited(const BootRecord::Volume& record) {
+    const auto device = dm::findByUuid(record.volume);
+    if (!device) {
+        return false;
+    }
+    const std::string mounts = readToEnd("/proc/self/mountinfo");
+    return isWritableIn(mounts, device->number) && !isOfTheSystem(mountPointsIn(mounts, device->number));
+}
+
 } // namespace
 
-void closeVolumes() {
-    for (const BootRecord::Volume& record : readBootRecord(layout::bootRecord).volumes) {
-        try {
-            closeVolume(record);
-        } catch (const std::exception& error) {
-            report(Severity::warning, record.volume + " can't be closed: " + error.what());
+void closeVolumes(std::chrono::seconds patience) {
+    constexpr std::chrono::milliseconds pause{100};
+    const auto deadline = std::chrono::steady_clock::now() + patience;
+    std::vector<BootRecord::Volume> open = readBootRecord(layout::bootRecord).volumes;
+    while (true) {
+        const bool isTime = std::chrono::steady_clock::now() >= deadline;
+        const auto ready = std::ranges::partition(
+            open, [&](const BootRecord::Volume& record) { return !isTime && isAwaited(record); });
+        std::ranges::for_each(ready, tryToClose);
+        open.erase(ready.begin(), ready.end());
+        if (open.empty()) {
+            return;
         }
+        std::this_thread::sleep_for(pause);
     }
 }
 

@@ -31,8 +31,8 @@ std::vector<bool> changedUnits(const std::vector<bool>& written, std::uint32_t b
     return changed;
 }
 
-/// A table is zeros when its file is made. To write zeros over it would fill the store of the snapshot that has
-/// just been taken.
+/// A table is zeros when its file is made. To write zeros over it would fill the store of the snapshot that
+/// has just been taken.
 void writeRecord(const std::string& cowFile, const std::string& snapshot, const std::vector<bool>& changed,
                  std::uint64_t volumeSize) {
     CowTable table(cowFile, snapshot, volumeSize);

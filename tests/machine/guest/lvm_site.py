@@ -40,10 +40,11 @@ def private_etc():
     run("umount", "/etc")
 
 
-def check_functional(name):
+def check_functional(name, *options):
     """Runs a file of the functional tests, which must pass."""
     done = subprocess.run(
-        [sys.executable, "-m", "pytest", "-q", "-p", "no:cacheprovider", ROOT / "tests/functional" / name],
+        [sys.executable, "-m", "pytest", "-q", "-p", "no:cacheprovider", *options,
+         ROOT / "tests/functional" / name],
         env={**os.environ, "BEKD_VOLUMES": "lvm"}, cwd=ROOT, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
         stderr=subprocess.STDOUT, text=True, check=False, timeout=SECONDS)
     assert done.returncode == 0, done.stdout

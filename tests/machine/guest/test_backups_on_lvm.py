@@ -10,5 +10,5 @@ def site(disks):
         yield
 
 
-def test_backups_of_all_types_over_both_transports():
-    check_functional("test_backup.py")
+def test_backups_of_all_types():
+    check_functional("test_backup.py", "-k", "iscsi")

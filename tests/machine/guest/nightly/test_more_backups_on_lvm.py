@@ -3,8 +3,8 @@ import pytest
 
 from lvm_site import check_functional, site_on
 
-FILES = """test_backup_incremental.py test_backup_debt.py test_backup_merge.py test_backup_moment.py
-           test_backup_owed.py test_backup_faults.py test_backup_kill.py""".split()
+FILES = """test_backup.py test_backup_incremental.py test_backup_debt.py test_backup_merge.py
+           test_backup_moment.py test_backup_owed.py test_backup_faults.py test_backup_kill.py""".split()
 
 
 @pytest.fixture(scope="module", autouse=True)

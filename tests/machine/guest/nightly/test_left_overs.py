@@ -1,11 +1,11 @@
 """What a tracking that was lost has left on its volume."""
 import pytest
 
-from dm_site import COW_MEBIBYTES, Volume, layers, logical_volumes
+from dm_site import COW_MEBIBYTES, logical_volumes
 from lab import driver
 from lab.commands import run
 from lab.lvm import VolumeGroup
-from tolvubd_site import SNAPSHOT, cow_files, must, states
+from tolvubd_site import SNAPSHOT, Volume, cow_files, layers, must, states
 
 SECTORS = 160 * 2048
 FREE_MEBIBYTES = 16
