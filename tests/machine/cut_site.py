@@ -30,7 +30,7 @@ UNITS = ("tolvubd-close.service", "tolvubd-start.service")
 def install(machine):
     """Puts the driver where a package of it would."""
     system = "/lib/systemd"
-    machine.run(f"install {BUILD}/tolvuctl /usr/sbin/ && install -m 644 {PARTS}/59-tolvubd.rules "
+    machine.run(f"install {BUILD}/tolvuctl /usr/bin/ && install -m 644 {PARTS}/59-tolvubd.rules "
                 f"/lib/udev/rules.d/ && cd {PARTS}/packaging && install systemd-shutdown/tolvubd "
                 f"{system}/system-shutdown/ && install -m 644 systemd/tolvubd-* {system}/system/ && "
                 f"systemctl -q enable {' '.join(UNITS)} && udevadm control --reload && sync")
