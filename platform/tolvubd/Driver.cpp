@@ -7,6 +7,7 @@
 #include "SnapshotNode.h"
 #include "Status.h"
 #include "SystemLog.h"
+#include "Tidying.h"
 #include "Uuid.h"
 #include "dm/FilePlaces.h"
 #include "dm/Mapper.h"
@@ -241,6 +242,7 @@ void Driver::setupSnapshot(std::uint32_t minor, const std::string& blockDevice, 
     forgetAsleepLayers(volume);
     if (!takeFirstByMapper(plan, device)) {
         logLine(Severity::info, volume.path + " is captured whole: " + device.reason);
+        tryTo("release what layers have left on " + volume.path, [&] { releaseLeftOvers(plan.cow); });
         takeFirst(capture, plan, device);
     }
 }

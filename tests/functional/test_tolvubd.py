@@ -314,6 +314,20 @@ def test_setup_replaces_a_cow_file_of_nobody(volume):
     assert volume.cow.stat().st_size == 8 << 20
 
 
+def test_setup_replaces_what_layers_have_left(volume):
+    """Their files are locked, also when the volume is to be captured this time."""
+    take_snapshot(volume)
+    shutil.copy(volume.cow, volume.mount_point / "kept")
+    must("destroy", 0)
+    (volume.mount_point / "kept").rename(volume.cow)
+    era = volume.mount_point / ".tolvu.era"
+    era.write_bytes(b"left")
+    run("chattr", "+i", volume.cow, era)
+    take_snapshot(volume, mebibytes=8)
+    assert volume.cow.stat().st_size == 8 << 20
+    assert not era.exists() or era.stat().st_size > len("left")
+
+
 def test_transitions_ask_for_the_right_state(volume):
     for refused in (("transition_snapshot", 0, volume.cow, 4), ("transition_incremental", 0), ("destroy", 0),
                     ("reconfigure", 0, 1)):

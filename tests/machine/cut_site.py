@@ -15,7 +15,7 @@ INSIDE = pathlib.Path(__file__).with_name("inside")
 FIGURES = BUILD / "cuts.txt"
 UNIT = 4096
 PIECE = 1 << 20
-MEBIBYTES = 160         # of the volume; XFS needs 300 of them
+MEBIBYTES = 208         # of the volume: a new CoW file is made beside two old ones; XFS needs 300 of them
 XFS_MEBIBYTES = 320
 COW_MEBIBYTES = 48
 KEPT = 16               # as in inside/busy.py
@@ -30,7 +30,7 @@ UNITS = ("tolvubd-close.service", "tolvubd-start.service")
 def install(machine):
     """Puts the driver where a package of it would."""
     system = "/lib/systemd"
-    machine.run(f"install {BUILD}/tolvuctl /usr/sbin/ && install -m 644 {PARTS}/59-tolvubd.rules "
+    machine.run(f"install {BUILD}/tolvuctl /usr/bin/ && install -m 644 {PARTS}/59-tolvubd.rules "
                 f"/lib/udev/rules.d/ && cd {PARTS}/packaging && install systemd-shutdown/tolvubd "
                 f"{system}/system-shutdown/ && install -m 644 systemd/tolvubd-* {system}/system/ && "
                 f"systemctl -q enable {' '.join(UNITS)} && udevadm control --reload && sync")

@@ -59,6 +59,12 @@ bool trySetLock(const os::FileDescriptor& file, bool locked) noexcept {
     return ::ioctl(file.get(), FS_IOC_SETFLAGS, &flags) == 0;
 }
 
+/// A file system without such locks has no locked files.
+bool isLocked(const os::FileDescriptor& file) {
+    int flags = 0;
+    return ::ioctl(file.get(), FS_IOC_GETFLAGS, &flags) == 0 && (flags & FS_IMMUTABLE_FL) != 0;
+}
+
 void setLock(const os::FileDescriptor& file, bool locked, const std::string& path) {
     if (!trySetLock(file, locked)) {
         fail(errno == ENOTTY ? EOPNOTSUPP : errno, "lock or release " + path);
@@ -181,8 +187,12 @@ void lockFile(const std::string& path) {
 }
 
 void releaseFile(const std::string& path) {
-    if (::access(path.c_str(), F_OK) == 0 || errno != ENOENT) {
-        setLock(openThere(path), false, path);
+    if (::access(path.c_str(), F_OK) != 0 && errno == ENOENT) {
+        return;
+    }
+    const os::FileDescriptor file = openThere(path);
+    if (isLocked(file)) {
+        setLock(file, false, path);
     }
 }
 

@@ -12,6 +12,7 @@
 #include <filesystem>
 #include <optional>
 #include <system_error>
+#include <unistd.h>
 
 namespace tolvubd {
 
@@ -70,6 +71,9 @@ void removeLockedCowFile(const std::string& path, const std::string& snapshot) {
 }
 
 void removeLockedFile(const std::string& path) {
+    if (::access(path.c_str(), F_OK) != 0 && errno == ENOENT) {
+        return; // even to remove nothing, one would wait for a volume that somebody has frozen
+    }
     dm::releaseFile(path);
     removeFile(path);
 }
@@ -78,6 +82,13 @@ void removeLeftOvers(const PathOnVolume& cow) {
     removeLockedFile(eraFileOn(cow));
     if (snapshotIn(cow.path())) {
         removeLockedFile(cow.path());
+    }
+}
+
+void releaseLeftOvers(const PathOnVolume& cow) {
+    removeLockedFile(eraFileOn(cow));
+    if (snapshotIn(cow.path())) {
+        dm::releaseFile(cow.path());
     }
 }
 

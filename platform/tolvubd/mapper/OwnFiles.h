@@ -25,5 +25,7 @@ void removeLockedFile(const std::string& path);
 /// Removes what a tracking that is no more has left on a volume without layers: they would be in the way of
 /// new ones, and so would be the room that they take.
 void removeLeftOvers(const PathOnVolume& cow);
+/// The same for a volume that will have no layers, whose new CoW file replaces the one that is there.
+void releaseLeftOvers(const PathOnVolume& cow);
 
 } // namespace tolvubd

@@ -7,14 +7,14 @@ import signal
 
 import pytest
 
-from dm_site import COW_MEBIBYTES, Protected, SNAPSHOT, TRACKING, Volume, logical_volumes
+from dm_site import COW_MEBIBYTES, Protected, logical_volumes
 from lab.lvm import VolumeGroup
 from snapshot_site import check_writable
-from tolvubd_site import call, must, states, tolvuctl
+from tolvubd_site import SNAPSHOT, TRACKING, Volume, call, must, states, tolvuctl
 
 TRACE = pathlib.Path("/tmp/tolvubd.trace")
 SECTORS = 128 * 2048
-CALLS = "ioctl,pwrite64,fsync,rename,unlink,fallocate,mknodat,exit_group"
+CALLS = ("ioctl", "pwrite64", "fsync", "rename", "unlink", "fallocate", "mknodat", "exit_group")
 # They change nothing.
 QUESTIONS = re.compile(r"DM_(VERSION|DEV_STATUS|TABLE_STATUS|TABLE_DEPS|LIST_\w+)|FS_IOC_FIEMAP|BLKGETSIZE")
 STEPS = 3 # of each function, spread over all
@@ -65,7 +65,7 @@ def bring_to(protected, state):
 def steps_of(operation, protected):
     """(name, number) of each call with which it changes something."""
     bring_to(protected, operation.before)
-    assert operation.run(protected, ["strace", "-o", TRACE, "-e", f"trace={CALLS}"])
+    assert operation.run(protected, ["strace", "-o", TRACE, "-e", f"trace={','.join(CALLS)}"])
     if operation.function == "transition_snapshot":
         protected.check_record()
     counts = collections.Counter()
