@@ -1,5 +1,5 @@
-"""What becomes of tracking when the machine is restarted, in order and not, with and without somebody who writes
-to the volumes meanwhile."""
+"""What becomes of tracking when the machine is restarted, in order and not, with and without somebody who
+writes to the volumes meanwhile."""
 import json
 import pathlib
 
@@ -105,7 +105,8 @@ def test_ends_when_a_volume_had_its_own_table_while_it_was_mounted(tracking, sto
 def test_no_layer_is_named_like_its_volume(tracking):
     stop_and_start(tracking, tracking.reboot)
     links = tracking.run("udevadm settle; find /dev/disk -type l -exec readlink -f {} +").stdout.split()
-    listed = tracking.run("dmsetup", "info", "-c", "--noheadings", "--separator", " ", "-o", "name,blkdevname")
+    listed = tracking.run("dmsetup", "info", "-c", "--noheadings", "--separator", " ",
+                          "-o", "name,blkdevname")
     layers = {f"/dev/{device}" for name, device in map(str.split, listed.stdout.splitlines())
               if name.startswith("tolvubd-")}
     assert layers and not layers & set(links)
