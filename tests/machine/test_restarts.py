@@ -43,9 +43,11 @@ def forget_all(machine):
 
 
 def stop_and_start(machine, stop):
+    """Returns when what belongs to its start is done."""
     stop()
     if not machine.is_on():
         machine.start()
+    machine.run("systemctl", "start", "tolvubd-start.service")
 
 
 def start_elsewhere(machine, stop):
@@ -57,13 +59,12 @@ def start_elsewhere(machine, stop):
 
 
 def test_goes_on_after_a_restart_in_order(tracking):
-    tracking.reboot()
+    stop_and_start(tracking, tracking.reboot)
     assert tracked(tracking, "finish") == ALL_TRACKED
 
 
 def test_goes_on_after_a_power_cut(tracking):
-    tracking.cut()
-    tracking.start()
+    stop_and_start(tracking, tracking.cut)
     assert tracked(tracking, "finish") == ALL_TRACKED
 
 
@@ -87,7 +88,7 @@ def test_a_snapshot_that_was_there_is_there_again(tracking):
 def test_ends_when_somebody_else_had_the_volumes_mounted(tracking, stop):
     start_elsewhere(tracking, getattr(tracking, stop))
     tracked(tracking, "write")
-    tracking.reboot()
+    stop_and_start(tracking, tracking.reboot)
     assert tracked(tracking, "finish") == dict.fromkeys(NAMES, LOST)
     tracked(tracking, "begin")
 

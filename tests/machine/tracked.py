@@ -111,9 +111,9 @@ def make(disk, kept):
     for name, options in (("ext4", "-b 4096"), ("xfs", "")):
         run("lvcreate", "-q", "-y", "-n", name, "-L", "400M", "vg")
         run(f"mkfs.{name}", "-q", *options.split(), f"/dev/vg/{name}")
-        lines.append(f"/dev/vg/{name} /volumes/{name} {name} nofail 0 2\n")
+        lines.append(f"/dev/vg/{name} /volumes/{name} {name} defaults 0 2\n")
     run("mkfs.ext4", "-q", kept)
-    lines.append(f"{kept} {KEPT} ext4 nofail 0 2\n")
+    lines.append(f"{kept} {KEPT} ext4 defaults 0 2\n")
     with open("/etc/fstab", "a", encoding="ascii") as table:
         table.writelines(lines)
     for directory in ("/volumes/ext4", "/volumes/xfs", KEPT):
