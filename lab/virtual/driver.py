@@ -1,5 +1,5 @@
-"""The snapshot driver in a machine as a package would install it, so that it has a part in how that starts and
-stops."""
+"""The snapshot driver in a machine as a package would install it, so that it has a part in how that starts
+and stops."""
 import pathlib
 
 from lab.daemon import program

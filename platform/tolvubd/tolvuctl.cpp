@@ -1,10 +1,8 @@
 #include "Driver.h"
-#include "Layout.h"
 #include "StateStore.h"
 #include "boot/Adoption.h"
 #include "boot/Closing.h"
 #include "boot/Reinsertion.h"
-#include "seal/Starts.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -45,7 +43,7 @@ constexpr const char* usage =
     "the\n"
     "                                                      device to mount instead, if there is another\n"
     "       tolvuctl reinsert NODE|--all                   track a volume on, before it is mounted\n"
-    "       tolvuctl note-start                            remember that this start has been\n"
+    "       tolvuctl started                               once all is mounted: remember that it was\n"
     "       tolvuctl close [--wait]                        seal what nobody writes any more, or won't in a "
     "minute\n";
 
@@ -158,7 +156,7 @@ constexpr Command commands[] = {
     {"adopt", 1, [](const Arguments& arguments) { adopt(arguments[0]); }},
     {"early", 1, [](const Arguments& arguments) { startEarly(arguments[0]); }},
     {"reinsert", 1, [](const Arguments& arguments) { reinsert(arguments[0]); }},
-    {"note-start", 0, [](const Arguments& /*none*/) { tolvubd::noteStart(tolvubd::layout::starts); }},
+    {"started", 0, [](const Arguments& /*none*/) { const Driver turn; }},
     {"close", 0, [](const Arguments& /*none*/) { close(""); }},
     {"close", 1, [](const Arguments& arguments) { close(arguments[0]); }},
 };

@@ -3,10 +3,11 @@
     tracked.py make DISK...        two logical volumes and a file system that is kept, all in /etc/fstab
     tracked.py begin NAME...       a snapshot of each, then tracking; remembers what it showed
     tracked.py write NAME...       writes to each
-    tracked.py snapshot NAME...    takes the next snapshot of each, and remembers what that shows
+    tracked.py snapshot NAME...    takes the next snapshot, and remembers what that shows
     tracked.py compare NAME...     gives each back as a snapshot, and compares what it shows
-    tracked.py finish NAME...      gives each back to the driver, writes, takes the next snapshot, and compares;
-                                   prints {NAME: outcome}
+    tracked.py finish NAME...      gives each back as tracked, writes, takes the next snapshot, and compares
+
+Prints {NAME: outcome}.
 """
 import json
 import os
@@ -28,7 +29,7 @@ ROOT_VOLUME = "root"
 
 
 class Tracked:
-    """A volume by its name: "ext4" and "xfs" are logical volumes, "root" is what the machine has started from."""
+    """A volume by its name: "ext4" and "xfs" are logical volumes, "root" is what the machine starts from."""
 
     def __init__(self, name):
         self.name = name

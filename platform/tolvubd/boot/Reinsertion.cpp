@@ -1,5 +1,6 @@
 #include "boot/Reinsertion.h"
 
+#include "Driver.h"
 #include "Failure.h"
 #include "HoldGuard.h"
 #include "Layout.h"
@@ -13,10 +14,14 @@
 #include "seal/Trust.h"
 
 #include <algorithm>
+#include <cerrno>
+#include <chrono>
 #include <exception>
 #include <memory>
 #include <optional>
 #include <sys/stat.h>
+#include <system_error>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -129,15 +134,46 @@ private:
     TrackedVolume volume;
 };
 
+/// False when it would be too late, as somebody uses the volume without its layers.
+bool isDealtWith(const BootRecord::Volume& record, const dm::Device& device, Stage stage) {
+    const BootTurn turn;
+    if (dm::stateOf(device).isSuspended || !isLinear(dm::liveTable(device))) {
+        return true;
+    }
+    if (!isUnused(device)) {
+        return false;
+    }
+    Reinsertion(record, device, stage).run();
+    return true;
+}
+
+/// Somebody has given a volume its own table back while it was in use: the driver has to hear of it at once,
+/// as the machine may stop before anybody calls it. While he has his turn he may be the one.
+void haveDriverLook() {
+    constexpr std::chrono::seconds patience{10};
+    constexpr std::chrono::milliseconds pause{100};
+    const auto deadline = std::chrono::steady_clock::now() + patience;
+    while (true) {
+        try {
+            const Driver turn(Busy::fail);
+            return;
+        } catch (const std::system_error& error) {
+            if (error.code().value() != EWOULDBLOCK || std::chrono::steady_clock::now() >= deadline) {
+                throw;
+            }
+        }
+        std::this_thread::sleep_for(pause);
+    }
+}
+
 void reinsertDevice(const BootRecord& boot, const dm::Device& device, Stage stage) noexcept {
     try {
         const auto record = std::ranges::find(boot.volumes, device.uuid, &BootRecord::Volume::volume);
         if (record == boot.volumes.end()) {
             return;
         }
-        const BootTurn turn;
-        if (!dm::stateOf(device).isSuspended && isLinear(dm::liveTable(device)) && isUnused(device)) {
-            Reinsertion(*record, device, stage).run();
+        if (!isDealtWith(*record, device, stage) && stage == Stage::afterRoot) {
+            haveDriverLook();
         }
     } catch (const std::exception& error) {
         report(Severity::error, device.name + ": the next backup compares all of it: " + error.what());

@@ -9,13 +9,14 @@ namespace tolvubd {
 /// logged.
 ///
 /// Whatever fails, a volume is left as LVM made it, and not suspended; the next backup of it then compares
-/// all of it. One that is in use is never touched. To be called as often as one likes.
+/// all of it. One that is in use is never touched, but the driver is made to look whether it should have
+/// layers. To be called as often as one likes.
 ///
 /// Threads: any, of any number of processes: they take turns.
 /// Fails:   never for a volume; std::system_error where the boot record can't be read.
 
-/// How early it is: before the root file system is there, too little is known to give a volume up, unless it
-/// is found unchanged it is left for later.
+/// How early it is. Before the root file system is there too little is known to give a volume up: one that
+/// isn't found unchanged is left for later.
 enum class Stage { beforeRoot, afterRoot };
 
 /// `node` is that of a volume; one that isn't tracked is fine.

@@ -121,6 +121,16 @@ void putErrorUnder(const LayerStack& stack) {
     }
 }
 
+void noteCheck(Device& device) {
+    const int error = LayerStack(device.layers->id).check(*device.layers, device.mode);
+    if (error != 0 && error != device.layers->error) {
+        device.layers->error = error;
+        logLine(Severity::error, device.blockDevice + ": the " +
+                                     (device.mode == Mode::snapshot ? "snapshot" : "tracking") +
+                                     " isn't to be trusted any more: " + std::strerror(error));
+    }
+}
+
 bool isBroken(const Device& device) {
     return device.layers && device.layers->error != 0 && device.layers->error != ENOSPC;
 }
@@ -148,6 +158,15 @@ void bringTo(const Device& device) {
         putErrorUnder(stack);
     }
     renewSeal(stack, device);
+}
+
+/// A device that was put back before its volume was mounted: by then its seal had another fingerprint.
+void renewAsleep(const Device& device) {
+    const LayerStack stack(device.layers->id);
+    if (device.layers->error == 0 && isSealed(stack, device) &&
+        stack.check(*device.layers, device.mode) == 0) {
+        renewSeal(stack, device);
+    }
 }
 
 } // namespace
@@ -241,15 +260,17 @@ void MapperBackEnd::reload(const Volume& volume, Device& device) {
 
 void MapperBackEnd::examine(Table& table) {
     for (Device& device : table.devices) {
-        if (!owns(device) || isBroken(device)) {
-            continue;
+        if (owns(device) && !isBroken(device)) {
+            noteCheck(device);
         }
-        const int error = LayerStack(device.layers->id).check(*device.layers, device.mode);
-        if (error != 0 && error != device.layers->error) {
-            device.layers->error = error;
-            logLine(Severity::error, device.blockDevice + ": the " +
-                                         (device.mode == Mode::snapshot ? "snapshot" : "tracking") +
-                                         " isn't to be trusted any more: " + std::strerror(error));
+    }
+    for (Device& device : table.asleep) { // those that were put back, and may have been bypassed since
+        if (owns(device) && !isBroken(device)) {
+            tryTo("look at " + device.blockDevice, [&] {
+                if (isSealed(LayerStack(device.layers->id), device)) {
+                    noteCheck(device);
+                }
+            });
         }
     }
 }
@@ -264,6 +285,7 @@ void MapperBackEnd::tidy(const Table& table) {
     for (const Device& device : table.asleep) {
         if (owns(device)) {
             known.insert(device.layers->id);
+            tryTo("seal " + device.blockDevice + " anew", [&] { renewAsleep(device); });
         }
     }
     for (const Device& device : table.devices) {

@@ -41,6 +41,9 @@ void renewSeal(const LayerStack& stack, const Device& device) {
 }
 
 bool isSealed(const LayerStack& stack, const Device& device) {
+    if (!stack.isPresent()) {
+        return false;
+    }
     const HiddenNode node(stack.lower().number);
     const os::FileDescriptor file = node.open(O_RDONLY | O_DIRECT);
     const auto seal = readSeal(file, device.layers->eraFile, device.layers->id);

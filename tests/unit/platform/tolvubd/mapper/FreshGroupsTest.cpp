@@ -25,7 +25,7 @@ protected:
     }
 
     void addFile(int mebibytes) const {
-        outputOf("head -c " + std::to_string(mebibytes) + "M /dev/zero > " + image + ".file");
+        outputOf("head -c " + std::to_string(mebibytes) + "M /dev/urandom > " + image + ".file");
         outputOf("debugfs -w -R 'write " + image + ".file f" + std::to_string(mebibytes) + "' " + image);
     }
     [[nodiscard]] os::FileDescriptor open() const { return openFile(image, O_RDONLY); }
