@@ -17,7 +17,7 @@ UNIT = 4096
 PIECE = 1 << 20
 MEBIBYTES = 208         # of the volume: a new CoW file is made beside two old ones; XFS needs 300 of them
 XFS_MEBIBYTES = 320
-COW_MEBIBYTES = 48
+COW_MEBIBYTES = 40
 KEPT = 16               # as in inside/busy.py
 WRITABLE_SECONDS = 12
 DEVICE = "/dev/lab/data"
@@ -108,7 +108,12 @@ class TrackedVolume(Stay):
 
     def must(self, function, *arguments):
         done = self.machine.run(*self.command(function, *arguments), check=False)
-        assert done.returncode == 0, f"{function}: {done.stdout}{done.stderr}"
+        assert done.returncode == 0, f"{function}: {done.stdout}{done.stderr}{self.facts()}"
+
+    def facts(self):
+        """What may tell why a call of the driver has failed."""
+        return self.machine.run(f"df -B1M {MOUNT}; ls -la {MOUNT}/.tolvu*; dmsetup status; "
+                                "journalctl -qb -n 40 -o cat | grep -v vector", check=False).stdout
 
     def mount(self):
         self.machine.run(f"for i in $(seq 100); do test -b {DEVICE} && break; sleep 0.1; done; "
