@@ -41,7 +41,8 @@ struct Device {
     std::uint64_t cacheSize = 0;
     std::vector<Extent> own; ///< where the files lay in the capture that nobody copies
     std::optional<Layers> layers = std::nullopt;
-    std::string reason = {}; ///< why it isn't tracked by device-mapper, where it has no layers
+    /// Why it isn't tracked by device-mapper, where it has no layers.
+    std::string reason = {}; // NOLINT(readability-redundant-member-init): or GCC warns of shorter lists
 
     bool operator==(const Device&) const = default;
 };
@@ -53,7 +54,8 @@ struct Unfinished {
     std::string mountPoint; ///< of the volume that is frozen meanwhile; empty if none is
     /// The process that is stopped meanwhile, as it is the volume's file system.
     std::optional<ProcessName> server = std::nullopt;
-    std::string layers = {}; ///< UUID of the tracking that goes with it; empty if there is none
+    /// UUID of the tracking that goes with it; empty if there is none.
+    std::string layers = {}; // NOLINT(readability-redundant-member-init): or GCC warns of shorter lists
 
     bool operator==(const Unfinished&) const = default;
 };
