@@ -541,4 +541,4 @@ def test_snapshot_has_no_twin(volume):
     assert name not in udev_says()
     rule.unlink()
     assert name in udev_says()
-    shutil.rmtree("/run/udev")
+    shutil.rmtree(rule.parent if os.path.ismount("/run/udev") else "/run/udev") # a machine's own udev goes on

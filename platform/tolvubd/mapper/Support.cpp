@@ -36,10 +36,12 @@ Reason reasonOfKernel() {
     return std::nullopt;
 }
 
+/// ext2 and ext3 can reserve room for a file only by writing it, and a journal of data may write that once
+/// more when the file has long been mapped.
 Reason reasonOfFileSystem(const std::string& type) {
-    constexpr std::array<std::string_view, 4> known = {"ext2", "ext3", "ext4", "xfs"};
+    constexpr std::array<std::string_view, 2> known = {"ext4", "xfs"};
     if (std::ranges::find(known, type) == known.end()) {
-        return "a file system of type " + type + " was never tried on it";
+        return "a file system of type " + type + " isn't one whose files can be mapped, ext4 or XFS";
     }
     return std::nullopt;
 }

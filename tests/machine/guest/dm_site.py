@@ -42,12 +42,15 @@ class Unreadable(Exception):
 
 
 def picture(device):
-    """All that is on a device, read past the page cache."""
-    done = subprocess.run(["dd", f"if={device}", f"bs={PIECE}", "iflag=direct", "status=none"],
-                          capture_output=True, check=False, timeout=SECONDS)
-    if done.returncode != 0:
-        raise Unreadable(done.stderr.decode())
-    return done.stdout
+    """What tells the units on a device from others, read past the page cache. The units themselves of two
+    moments don't fit in the memory of a machine."""
+    with subprocess.Popen(["dd", f"if={device}", f"bs={PIECE}", "iflag=direct", "status=none"],
+                          stdout=subprocess.PIPE, stderr=subprocess.PIPE) as reading:
+        units = [hash(piece[at:at + UNIT]) for piece in iter(lambda: reading.stdout.read(PIECE), b"")
+                 for at in range(0, len(piece), UNIT)]
+        if reading.wait(SECONDS) != 0:
+            raise Unreadable(reading.stderr.read().decode())
+    return units
 
 
 def is_readable(device):
@@ -58,10 +61,7 @@ def is_readable(device):
 def differing(before, after):
     """The numbers of the units in which two pictures differ."""
     assert len(before) == len(after)
-    return {unit for piece in range(0, len(before), PIECE)
-            if before[piece:piece + PIECE] != after[piece:piece + PIECE]
-            for unit in range(piece // UNIT, min(piece + PIECE, len(before)) // UNIT)
-            if before[unit * UNIT:(unit + 1) * UNIT] != after[unit * UNIT:(unit + 1) * UNIT]}
+    return {number for number, (old, new) in enumerate(zip(before, after)) if old != new}
 
 
 class Writer(Stay):

@@ -59,11 +59,17 @@ def encrypted_above(group, name, mebibytes):
     return encrypted(group.create(name, mebibytes), "above")
 
 
-def linear_device(group, name, _mebibytes):
+def linear_device(group, name, mebibytes):
     """As one that a partition was put on at the start."""
-    sectors = run("blockdev", "--getsz", group.spare)
-    run("dmsetup", "create", name, "--uuid", "ADOPTED-data", "--table", f"0 {sectors} linear {group.spare} 0")
+    run("dmsetup", "create", name, "--uuid", "ADOPTED-data", "--table",
+        f"0 {mebibytes * 2048} linear {group.spare} 0")
     return f"/dev/mapper/{name}"
+
+
+def partition(group, _name, mebibytes):
+    run("sfdisk", "--quiet", group.spare, input=f",{mebibytes}M\n")
+    run("udevadm", "settle")
+    return f"{group.spare}1"
 
 
 @dataclasses.dataclass(frozen=True)
@@ -84,15 +90,15 @@ KINDS = (
     Kind("two segments", two_segments),
     Kind("linear device", linear_device),
     Kind("PV on LUKS", on_encrypted),
-    Kind("ext2", made_of(), filesystem="ext2"),
-    Kind("ext3", made_of(), filesystem="ext3"),
     Kind("XFS", made_of(), filesystem="xfs"),
+    Kind("ext2", made_of(), "capture", "ext2", filesystem="ext2"),
+    Kind("ext3", made_of(), "capture", "ext3", filesystem="ext3"),
     Kind("striped", made_of("-i", "2"), "capture", "striped"),
     Kind("thin", thin, "capture", "thin"),
     Kind("raid1", made_of("--type", "raid1", "-m", "1"), "capture", "raid"),
     Kind("LVM snapshot's origin", origin, "capture", "snapshot-origin"),
     Kind("LUKS on LV", encrypted_above, "capture", "crypt"),
-    Kind("disk", lambda group, _name, _mebibytes: group.spare, "capture", "device-mapper"),
+    Kind("partition", partition, "capture", "device-mapper"),
     Kind("blocks of 1 KiB", made_of(), "capture", "", options=("-b", "1024")),
     Kind("vfat", made_of(), errno.EOPNOTSUPP, "vfat", filesystem="vfat"),
 )
