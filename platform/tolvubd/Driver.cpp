@@ -241,9 +241,9 @@ void Driver::setupSnapshot(std::uint32_t minor, const std::string& blockDevice, 
                   makeUuid(), volume.size,    cacheSize,   {}};
     forgetAsleepLayers(volume);
     if (!takeFirstByMapper(plan, device)) {
-        logLine(Severity::info, volume.path + " is captured whole: " + device.reason);
         tryTo("release what layers have left on " + volume.path, [&] { releaseLeftOvers(plan.cow); });
         takeFirst(capture, plan, device);
+        logLine(Severity::info, volume.path + " was captured whole: " + device.reason);
     }
 }
 
