@@ -29,6 +29,7 @@
 #include <memory>
 #include <set>
 #include <sys/ioctl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <utility>
 
@@ -94,6 +95,13 @@ void takeMoment(const SnapshotPlan& plan, LayerStack& stack, Device& device) {
     layers.firstEra = stack.era();
     dm::startWatcher(volume, stack.snapshot());
     logForecast(plan, stack, layers);
+}
+
+/// Bytes that a file has on its volume; 0 where there is none.
+std::uint64_t takenBy(const std::string& path) {
+    constexpr std::uint64_t unit = 512;
+    struct stat status{};
+    return ::lstat(path.c_str(), &status) == 0 ? static_cast<std::uint64_t>(status.st_blocks) * unit : 0;
 }
 
 os::FileDescriptor openSnapshot(const LayerStack& stack) {
@@ -187,7 +195,8 @@ void MapperBackEnd::requireRoom(const SnapshotPlan& plan, const Device& device) 
     requireNotFrozen(plan.cow.mountPoint);
     const bool isNew = device.layers->eraFile.empty();
     const std::uint64_t era = isNew ? eraFileSize(plan.volume.size, device.layers->blockSectors) : 0;
-    if (freeSpace(plan.cow.mountPoint) < plan.cowSize + era) {
+    const std::uint64_t given = isNew ? takenBy(eraFileOn(plan.cow)) : 0; // by the file that it replaces
+    if (freeSpace(plan.cow.mountPoint) + given < plan.cowSize + era) {
         fail(ENOSPC, "the CoW file on " + plan.volume.path);
     }
 }
