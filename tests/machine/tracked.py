@@ -23,7 +23,7 @@ from lab.images import extents_on  # noqa: E402
 from tolvubd_site import UNIT, Cow, call, must  # noqa: E402
 
 KEPT = pathlib.Path("/kept")
-COW_MEBIBYTES = 48
+COW_MEBIBYTES = {"ext4": 48, "xfs": 48, "root": 512} # an initramfs is made on the root as soon as it is tracked
 PIECE = 1 << 20
 ROOT_VOLUME = "root"
 
@@ -51,7 +51,7 @@ class Tracked:
                 for unit in range(begin // UNIT, -(-(begin + length) // UNIT))}
 
     def begin(self):
-        must("setup_snapshot", self.minor, self.device, self.mount_point / ".tolvu", COW_MEBIBYTES)
+        must("setup_snapshot", self.minor, self.device, self.mount_point / ".tolvu", COW_MEBIBYTES[self.name])
         run("dd", f"if=/dev/tolvu{self.minor}", f"of={self.picture}", "bs=1M", "iflag=direct", "conv=sparse")
         self.note.write_text(json.dumps(sorted(self.own_units())), encoding="ascii")
         must("transition_incremental", self.minor)
@@ -68,7 +68,7 @@ class Tracked:
         os.sync()
 
     def snapshot(self):
-        must("transition_snapshot", self.minor, self.mount_point / ".tolvu1", COW_MEBIBYTES)
+        must("transition_snapshot", self.minor, self.mount_point / ".tolvu1", COW_MEBIBYTES[self.name])
         run("dd", f"if=/dev/tolvu{self.minor}", f"of={self.picture}", "bs=1M", "iflag=direct", "conv=sparse")
         self.note.write_text(json.dumps(sorted(self.own_units())), encoding="ascii")
         self.write()
@@ -84,7 +84,7 @@ class Tracked:
         if not given:
             return f"full comparison ({os.strerror(given.error)})"
         self.write()
-        must("transition_snapshot", self.minor, self.mount_point / ".tolvu1", COW_MEBIBYTES)
+        must("transition_snapshot", self.minor, self.mount_point / ".tolvu1", COW_MEBIBYTES[self.name])
         told = set(Cow(self.mount_point / ".tolvu", self).changed_units)
         own = set(json.loads(self.note.read_text(encoding="ascii"))) | self.own_units()
         differ = self.differing() - own

@@ -49,6 +49,17 @@ TEST(Mounts, TellWhetherTheFileSystemIsAProcess) {
     }
 }
 
+TEST(Mounts, TellWhetherTheFileSystemTakesWrites) {
+    const std::string mounts = "22 1 8:1 / /a ro,relatime - ext4 /dev/sda1 rw,errors=remount-ro\n"
+                               "23 1 8:2 / /b rw shared:1 - ext4 /dev/sdb1 ro\n"
+                               "24 1 8:2 / /again rw shared:1 - ext4 /dev/sdb1 ro,relatime\n"
+                               "25 1 8:3 / /c rw shared:1 - ext4 /dev/sdc1\n";
+    EXPECT_TRUE(isWritableIn(mounts, makedev(8, 1)));
+    EXPECT_FALSE(isWritableIn(mounts, makedev(8, 2)));
+    EXPECT_TRUE(isWritableIn(mounts, makedev(8, 3)));
+    EXPECT_FALSE(isWritableIn(mounts, makedev(8, 4)));
+}
+
 TEST(Volume, IsABlockDevice) {
     EXPECT_EQ(test::errorOf([] { findVolume("/dev/null"); }), ENOTBLK);
     EXPECT_EQ(test::errorOf([] { findVolume("/etc"); }), ENOTBLK);
