@@ -1,5 +1,5 @@
-"""A root file system that is tracked, on a logical volume and on a partition that was adopted: the initramfs gives
-it its layers back before it is mounted."""
+"""A root file system that is tracked, on a logical volume and on a partition that was adopted: the
+initramfs gives it its layers back before it is mounted."""
 import json
 import pathlib
 
@@ -16,13 +16,15 @@ pytestmark = pytest.mark.nightly
 
 
 class RootedMachine(QemuMachine):
-    """One whose root can be elsewhere than on its first disk, which is /kept then. It is started by the initramfs
-    that its root holds, as a boot loader does it."""
+    """One whose root can be elsewhere than on its first disk, which is /kept then. It is started by the
+    initramfs that its root holds, as a boot loader does it."""
 
     def move_root(self, device, name):
         """Makes a copy of the root there; the next start is from that one, by this name."""
-        self.run(f"mkfs.ext4 -q -b 4096 {device} && mount {device} /mnt && cp -ax / /mnt && mkdir /mnt/kept && "
-                 f"echo '{name} / ext4 errors=remount-ro 0 1\n/dev/vda /kept ext4 defaults 0 0' >/mnt/etc/fstab && "
+        self.run(f"mkfs.ext4 -q -b 4096 {device} && mount {device} /mnt && cp -ax / /mnt && "
+                 "mkdir /mnt/kept && "
+                 f"echo '{name} / ext4 errors=remount-ro 0 1\n/dev/vda /kept ext4 defaults 0 0' "
+                 ">/mnt/etc/fstab && "
                  "umount /mnt", timeout=SLOW)
         self.append = f"root={name}"
 

@@ -23,7 +23,8 @@ from lab.images import extents_on  # noqa: E402
 from tolvubd_site import UNIT, Cow, call, must  # noqa: E402
 
 KEPT = pathlib.Path("/kept")
-COW_MEBIBYTES = {"ext4": 48, "xfs": 48, "root": 512} # an initramfs is made on the root as soon as it is tracked
+# An initramfs is made on the root as soon as it is tracked.
+COW_MEBIBYTES = {"ext4": 48, "xfs": 48, "root": 512}
 PIECE = 1 << 20
 ROOT_VOLUME = "root"
 
