@@ -306,6 +306,9 @@ void Driver::transitionSnapshot(std::uint32_t minor, const std::string& cowPath,
     after.cowFile = plan.cow.relative;
     after.snapshot = makeUuid();
     if (after.layers && after.layers->error != 0) {
+        if (const auto reason = reasonAgainstLayers(volume)) {
+            fail(EOPNOTSUPP, volume.path + " can't be tracked any more: " + *reason);
+        }
         after.layers = MapperBackEnd::newLayers(volume); // and everything has changed
     }
     IBackEnd& backEnd = backEndOf(before);

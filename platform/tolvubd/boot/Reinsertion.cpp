@@ -169,8 +169,8 @@ void haveDriverLook() {
 void reinsertDevice(const BootRecord& boot, const dm::Device& device, Stage stage) noexcept {
     try {
         const auto record = std::ranges::find(boot.volumes, device.uuid, &BootRecord::Volume::volume);
-        if (record == boot.volumes.end()) {
-            return;
+        if (record == boot.volumes.end() || !isLinear(dm::liveTable(device))) {
+            return; // its events are not to wait for whoever has his turn
         }
         if (!isDealtWith(*record, device, stage) && stage == Stage::afterRoot) {
             haveDriverLook();

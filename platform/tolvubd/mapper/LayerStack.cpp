@@ -10,9 +10,11 @@
 #include "mapper/HeldMetadata.h"
 #include "mapper/Holders.h"
 #include "mapper/LvmCheck.h"
+#include "mapper/LvmLock.h"
 #include "os/AlignedBuffer.h"
 #include "seal/Seal.h"
 
+#include <algorithm>
 #include <fcntl.h>
 #include <memory>
 #include <set>
@@ -119,7 +121,11 @@ bool LayerStack::hasStore() const {
 }
 
 void LayerStack::createBelow(const dm::Device& volume, const Layers& layers) {
-    const dm::Device lower = makeLive(id, lowerLayer, dm::liveTable(volume));
+    const dm::Targets own = dm::liveTable(volume);
+    if (!std::ranges::all_of(own, [](const dm::Target& target) { return target.type == "linear"; })) {
+        fail(EOPNOTSUPP, "a table that isn't linear can't be there twice");
+    }
+    const dm::Device lower = makeLive(id, lowerLayer, own);
     const std::uint64_t size = dm::sizeOf(dm::liveTable(lower));
     makeLive(id, metaLayer, piecesOn(lower, layers.eraFile, sealSize, eraSize(layers)));
     makeLive(id, midLayer, {{0, size, "linear", nameOf(lower) + " 0"}});
@@ -171,7 +177,11 @@ void LayerStack::endSnapshot() {
 
 void LayerStack::giveBack() {
     removeIfThere(id, formatLayer);
-    if (const auto volume = top()) {
+    if (!top()) {
+        return;
+    }
+    const LvmLock lock(*top());
+    if (const auto volume = top()) { // LVM may have been at it until now
         dm::load(*volume, targetsOf(id, lowerLayer));
         HoldGuard guard(
             std::make_unique<dm::SuspendedDevice>(*volume, dm::Visibility::shown, std::vector<dm::Device>{}));

@@ -17,6 +17,7 @@
 #include "mapper/Forecast.h"
 #include "mapper/FreshGroups.h"
 #include "mapper/LvmCheck.h"
+#include "mapper/LvmLock.h"
 #include "mapper/OwnFiles.h"
 #include "mapper/Sealing.h"
 #include "mapper/Targets.h"
@@ -108,15 +109,18 @@ os::FileDescriptor openSnapshot(const LayerStack& stack) {
     return HiddenNode(stack.snapshot().number).open(O_RDONLY);
 }
 
+void showReadOnly(const LayerStack& stack, std::uint32_t minor) {
+    const int readOnly = 1;
+    checked(::ioctl(openSnapshot(stack).get(), BLKROSET, &readOnly), "make the snapshot read-only");
+    showDevice(stack.snapshot().number, minor);
+}
+
 void show(const LayerStack& stack, Device& device) {
     if (!stack.room()) {
         fail(ENOSPC, "the store of the snapshot is full already");
     }
-    const os::FileDescriptor snapshot = openSnapshot(stack);
-    device.layers->groups = groupsInUse(snapshot, device.size);
-    const int readOnly = 1;
-    checked(::ioctl(snapshot.get(), BLKROSET, &readOnly), "make the snapshot read-only");
-    showDevice(stack.snapshot().number, device.minor);
+    device.layers->groups = groupsInUse(openSnapshot(stack), device.size);
+    showReadOnly(stack, device.minor);
 }
 
 /// Nobody reads any more what may not be the moment of the snapshot.
@@ -202,9 +206,10 @@ void MapperBackEnd::requireRoom(const SnapshotPlan& plan, const Device& device) 
 }
 
 void MapperBackEnd::takeFirst(const SnapshotPlan& plan, Device& device) {
-    const dm::Device volume = volumeOf(*device.layers);
     makeCowStore(plan, device);
     makeEraFile(plan, device);
+    const LvmLock lock(volumeOf(*device.layers)); // from here on, where the volume lies must not change
+    const dm::Device volume = volumeOf(*device.layers);
     LayerStack stack(device.layers->id);
     stack.createBelow(volume, *device.layers);
     if (!isWhereLvmSays(device.layers->volume, stack.lower())) {
@@ -263,7 +268,7 @@ void MapperBackEnd::reload(const Volume& volume, Device& device) {
     }
     if (device.mode == Mode::snapshot) {
         dm::startWatcher(volumeOf(*device.layers), stack.snapshot());
-        showDevice(stack.snapshot().number, device.minor);
+        showReadOnly(stack, device.minor);
     }
 }
 

@@ -1,5 +1,6 @@
 #include "mapper/Support.h"
 
+#include "CowFile.h"
 #include "dm/Mapper.h"
 #include "mapper/KernelTargets.h"
 
@@ -68,6 +69,9 @@ std::optional<std::string> reasonAgainstLayers(const Volume& volume) {
         }
         if (auto reason = reasonOfFileSystem(volume.fileSystem)) {
             return reason;
+        }
+        if (volume.size % cow::unitSize != 0) {
+            return "its size isn't a multiple of 4096 bytes";
         }
         if (auto reason = reasonOfTable(dm::liveTable(*device))) {
             return reason;

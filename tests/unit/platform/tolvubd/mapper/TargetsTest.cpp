@@ -1,6 +1,7 @@
 #include "mapper/Targets.h"
 
 #include "mapper/Forecast.h"
+#include "mapper/LvmLock.h"
 
 #include <gtest/gtest.h>
 
@@ -45,6 +46,14 @@ TEST(Targets, TellWhetherTheEraIsNearlyFull) {
     EXPECT_FALSE(isEraNearlyFull({{0, 8, "era", "8 950/1000 17 -"}}));
     EXPECT_TRUE(isEraNearlyFull({{0, 8, "era", "8 951/1000 17 -"}}));
     EXPECT_FALSE(isEraNearlyFull({{0, 8, "linear", ""}}));
+}
+
+TEST(LvmLock, FindsTheGroupInAName) {
+    EXPECT_EQ(groupOf("vg-lv"), "vg");
+    EXPECT_EQ(groupOf("my--group-my--volume"), "my-group");
+    EXPECT_EQ(groupOf("a----b-c"), "a--b");
+    EXPECT_EQ(groupOf("vg"), "vg");
+    EXPECT_EQ(groupOf("vg-"), "vg");
 }
 
 TEST(Forecast, IsHalfMoreThanTheLargestOfTheLastNeeds) {
