@@ -5,7 +5,12 @@ import shutil
 import subprocess
 
 INSIDE = pathlib.Path(__file__).with_name("inside")
-LIMIT_SECONDS = 600
+LIMIT_SECONDS = 500
+# A mirror may be slow to answer, or not there for a moment.
+ATTEMPTS = 3
+# What a tool has mounted and started goes with it, however it ends.
+ENCLOSED = ("unshare", "--mount", "--propagation", "private", "--pid", "--fork", "--kill-child",
+            "--mount-proc")
 LEFT_OUT = ("/usr/share/doc/*", "/usr/share/man/*", "/usr/share/locale/*", "/usr/share/info/*",
             "/usr/share/gnome/*", "/usr/share/icons/*")
 # Nothing works on the disks or asks for the network unless a test does.
@@ -20,9 +25,13 @@ class BuildError(Exception):
 
 def command(*words, **options):
     """Runs a tool, and shows the end of what it has printed if it fails."""
-    done = subprocess.run([str(word) for word in words], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-                          stderr=subprocess.STDOUT, text=True, errors="replace", check=False,
-                          timeout=LIMIT_SECONDS, **options)
+    try:
+        done = subprocess.run([str(word) for word in words], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                              stderr=subprocess.STDOUT, text=True, errors="replace", check=False,
+                              timeout=LIMIT_SECONDS, **options)
+    except subprocess.TimeoutExpired as error:
+        printed = (error.stdout or b"").decode(errors="replace")
+        raise BuildError(f"{words[0]}: not done after {LIMIT_SECONDS} s:\n{printed[-4000:]}") from error
     if done.returncode != 0:
         raise BuildError(f"{words[0]} failed:\n{done.stdout[-4000:]}")
     return done.stdout
@@ -54,12 +63,20 @@ def make_tree(tree, packages, before=()):
     that run before the packages that aren't essential."""
     (tree.parent / "apt.conf").write_text(settings(), encoding="utf-8")
     (tree.parent / "sources.list").write_text(mirrors(), encoding="utf-8")
-    command("mmdebstrap", "--mode=root", "--variant=minbase", "--format=directory", "--skip=check/empty",
-            f"--include={','.join(packages)}", f"--aptopt={tree.parent}/apt.conf",
-            '--aptopt=APT::Install-Recommends "false"', "--dpkgopt=force-unsafe-io",
-            *(f"--dpkgopt=path-exclude={path}" for path in LEFT_OUT),
-            *(f"--essential-hook={hook}" for hook in before),
-            release(), tree, tree.parent / "sources.list", env={**os.environ, "TMPDIR": str(tree.parent)})
+    words = (*ENCLOSED, "mmdebstrap", "--mode=root", "--variant=minbase", "--format=directory",
+             "--skip=check/empty", f"--include={','.join(packages)}", f"--aptopt={tree.parent}/apt.conf",
+             '--aptopt=APT::Install-Recommends "false"', "--dpkgopt=force-unsafe-io",
+             *(f"--dpkgopt=path-exclude={path}" for path in LEFT_OUT),
+             *(f"--essential-hook={hook}" for hook in before),
+             release(), tree, tree.parent / "sources.list")
+    for attempt in range(1, ATTEMPTS + 1):
+        try:
+            command(*words, env={**os.environ, "TMPDIR": str(tree.parent)})
+            return
+        except BuildError:
+            if attempt == ATTEMPTS:
+                raise
+            shutil.rmtree(tree, ignore_errors=True)
 
 
 def configure(tree, root_device, public_key):
