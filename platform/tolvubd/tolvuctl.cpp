@@ -8,7 +8,6 @@
 #include <cerrno>
 #include <charconv>
 #include <chrono>
-#include <cstring>
 #include <exception>
 #include <iomanip>
 #include <iostream>
@@ -16,6 +15,7 @@
 #include <span>
 #include <stdexcept>
 #include <string>
+#include <system_error>
 #include <vector>
 
 namespace {
@@ -68,7 +68,8 @@ std::string trackedBy(const Device& device) {
         return device.reason.empty() ? "capture" : "capture: " + device.reason;
     }
     if (device.layers->error != 0) {
-        return std::string("device-mapper, not to be trusted: ") + std::strerror(device.layers->error);
+        return std::string("device-mapper, not to be trusted: ") +
+               std::generic_category().message(device.layers->error);
     }
     return "device-mapper: linear table";
 }

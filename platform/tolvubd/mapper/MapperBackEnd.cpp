@@ -24,13 +24,13 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cstring>
 #include <fcntl.h>
 #include <linux/fs.h>
 #include <memory>
 #include <set>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
+#include <system_error>
 #include <unistd.h>
 #include <utility>
 
@@ -137,9 +137,9 @@ void noteCheck(Device& device) {
     const int error = LayerStack(device.layers->id).check(*device.layers, device.mode);
     if (error != 0 && error != device.layers->error) {
         device.layers->error = error;
-        logLine(Severity::error, device.blockDevice + ": the " +
-                                     (device.mode == Mode::snapshot ? "snapshot" : "tracking") +
-                                     " isn't to be trusted any more: " + std::strerror(error));
+        logLine(Severity::error,
+                device.blockDevice + ": the " + (device.mode == Mode::snapshot ? "snapshot" : "tracking") +
+                    " isn't to be trusted any more: " + std::generic_category().message(error));
     }
 }
 

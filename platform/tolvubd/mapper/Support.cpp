@@ -6,8 +6,8 @@
 
 #include <algorithm>
 #include <array>
-#include <cstdio>
 #include <exception>
+#include <sstream>
 #include <string_view>
 #include <sys/utsname.h>
 #include <utility>
@@ -20,13 +20,13 @@ using Reason = std::optional<std::string>;
 
 /// Older kernels have crashed with era targets.
 Reason reasonOfKernel() {
-    constexpr int oldest = 5;
-    constexpr int oldestOfThat = 12;
+    constexpr std::pair oldest(5, 12);
     utsname name{};
-    int first = 0;
-    int second = 0;
-    if (::uname(&name) != 0 || std::sscanf(&name.release[0], "%d.%d", &first, &second) != 2 ||
-        std::pair(first, second) < std::pair(oldest, oldestOfThat)) {
+    std::pair running(0, 0);
+    char dot = 0;
+    if (::uname(&name) != 0 ||
+        !(std::istringstream(&name.release[0]) >> running.first >> dot >> running.second) ||
+        running < oldest) {
         return "the kernel is older than Linux 5.12";
     }
     for (const char* target : {"era", "snapshot", "snapshot-origin"}) {
