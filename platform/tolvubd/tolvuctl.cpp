@@ -5,6 +5,7 @@
 #include "boot/Reinsertion.h"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <charconv>
 #include <chrono>
@@ -148,7 +149,7 @@ struct Command {
     void (*run)(const Arguments& arguments);
 };
 
-constexpr Command commands[] = {
+constexpr auto commands = std::to_array<Command>({
     {"list", 0, [](const Arguments& /*none*/) { list(); }},
     {"cleanup", 0, [](const Arguments& /*none*/) { Driver().forgetAsleep(); }},
     {"destroy", 1, [](const Arguments& arguments) { Driver().destroy(minorFrom(arguments[0])); }},
@@ -160,7 +161,7 @@ constexpr Command commands[] = {
     {"started", 0, [](const Arguments& /*none*/) { const Driver turn; }},
     {"close", 0, [](const Arguments& /*none*/) { close(""); }},
     {"close", 1, [](const Arguments& arguments) { close(arguments[0]); }},
-};
+});
 
 void run(const Arguments& words) {
     const auto* const command = std::ranges::find_if(commands, [&](const Command& one) {
