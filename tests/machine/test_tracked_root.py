@@ -21,7 +21,7 @@ class RootedMachine(QemuMachine):
 
     def move_root(self, device, name):
         """Makes a copy of the root there; the next start is from that one, by this name."""
-        self.run(f"mkfs.ext4 -q -b 4096 {device} && mount {device} /mnt && cp -ax / /mnt && "
+        self.run(f"mkfs.ext4 -q -b 4096 {device} && mount {device} /mnt && cp -ax /. /mnt/ && "
                  "mkdir /mnt/kept && "
                  f"echo '{name} / ext4 errors=remount-ro 0 1\n/dev/vda /kept ext4 defaults 0 0' "
                  ">/mnt/etc/fstab && "

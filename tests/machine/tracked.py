@@ -39,7 +39,7 @@ class Tracked:
         self.minor = ("ext4", "xfs", ROOT_VOLUME).index(name)
         self.device = pathlib.Path(run("findmnt", "--noheadings", "--output", "SOURCE", self.mount_point)
                                    if name == ROOT_VOLUME else f"/dev/vg/{name}")
-        self.picture = KEPT / name
+        self.picture = KEPT / f"{name}.picture"
         self.note = KEPT / f"{name}.json"
 
     @property
