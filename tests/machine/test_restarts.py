@@ -103,6 +103,7 @@ def test_ends_when_a_volume_had_its_own_table_while_it_was_mounted(tracking, sto
     assert tracked(tracking, "finish") == dict.fromkeys(NAMES, LOST)
 
 
+@pytest.mark.nightly
 def test_no_layer_is_named_like_its_volume(tracking):
     stop_and_start(tracking, tracking.reboot)
     links = tracking.run("udevadm settle; find /dev/disk -type l -exec readlink -f {} +").stdout.split()

@@ -11,6 +11,7 @@
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <thread>
+#include <utility>
 
 namespace tolvubd {
 
@@ -30,8 +31,8 @@ os::FileDescriptor openMapped(const dm::Device& device) {
 
 } // namespace
 
-TrackedVolume::TrackedVolume(const BootRecord::Volume& record, const dm::Device& device)
-    : record(record), device(device), file(openMapped(device)) {}
+TrackedVolume::TrackedVolume(BootRecord::Volume record, const dm::Device& device)
+    : record(std::move(record)), device(device), file(openMapped(device)) {}
 
 std::optional<Seal> TrackedVolume::seal() const {
     return readSeal(file, record.eraFile, record.id);

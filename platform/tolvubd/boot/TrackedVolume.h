@@ -19,7 +19,7 @@ namespace tolvubd {
 /// Fails:   std::system_error.
 class TrackedVolume {
 public:
-    TrackedVolume(const BootRecord::Volume& record, const dm::Device& device);
+    TrackedVolume(BootRecord::Volume record, const dm::Device& device);
 
     [[nodiscard]] std::optional<Seal> seal() const;
     [[nodiscard]] std::optional<Fingerprint> fingerprint() const;
