@@ -1,6 +1,7 @@
 #include "seal/DirectDevice.h"
 #include "seal/FileSystemFingerprints.h"
 
+#include <array>
 #include <span>
 #include <sstream>
 
@@ -30,15 +31,22 @@ struct NamedField {
 };
 
 /// A time has a byte more at another place, since 32 bits became too few.
-constexpr NamedField mountFields[] = {{"mounted", {0x2C, 4}},
-                                      {"mounted_high", {0x275, 1}},
-                                      {"mounts", {0x34, 2}},
-                                      {"checked", {0x40, 4}},
-                                      {"checked_high", {0x277, 1}}};
-constexpr NamedField contentFields[] = {
-    {"written", {0x30, 4}},    {"written_high", {0x274, 1}}, {"state", {0x3A, 2}},    {"features", {0x60, 4}},
-    {"free", {0x0C, 4}},       {"free_high", {0x158, 4}},    {"inodes", {0x10, 4}},   {"orphan", {0xE8, 4}},
-    {"kibibytes", {0x178, 8}}, {"errors", {0x194, 4}},       {"checksum", {0x3FC, 4}}};
+constexpr auto mountFields = std::to_array<NamedField>({{"mounted", {0x2C, 4}},
+                                                        {"mounted_high", {0x275, 1}},
+                                                        {"mounts", {0x34, 2}},
+                                                        {"checked", {0x40, 4}},
+                                                        {"checked_high", {0x277, 1}}});
+constexpr auto contentFields = std::to_array<NamedField>({{"written", {0x30, 4}},
+                                                          {"written_high", {0x274, 1}},
+                                                          {"state", {0x3A, 2}},
+                                                          {"features", {0x60, 4}},
+                                                          {"free", {0x0C, 4}},
+                                                          {"free_high", {0x158, 4}},
+                                                          {"inodes", {0x10, 4}},
+                                                          {"orphan", {0xE8, 4}},
+                                                          {"kibibytes", {0x178, 8}},
+                                                          {"errors", {0x194, 4}},
+                                                          {"checksum", {0x3FC, 4}}});
 
 constexpr std::uint64_t hasJournal = 0x4;
 constexpr std::uint64_t needsRecovery = 0x4;

@@ -41,7 +41,7 @@ struct Slot {
 constexpr std::array<const char*, 3> ends = {"open", "clean", "broken"};
 
 Seal::End endFrom(const json& name) {
-    const auto found = std::ranges::find(ends, name.get<std::string>());
+    const auto* const found = std::ranges::find(ends, name.get<std::string>());
     fields::require(found != ends.end(), "end");
     return static_cast<Seal::End>(found - ends.begin());
 }

@@ -41,7 +41,7 @@ TEST_F(Starts, AreForgottenInTime) {
     }
     agent::test::writeFile(path, text);
     noteStart(path);
-    EXPECT_EQ(agent::test::readFile(path), text.substr(13 * 37) + thisStart() + "\n");
+    EXPECT_EQ(agent::test::readFile(path), text.substr(481) + thisStart() + "\n");
 }
 
 TEST_F(Starts, AreNotKnownFromWhatIsNoRecordOfThem) {
