@@ -6,7 +6,8 @@
 #include <tolvubd.h>
 
 // The kernel driver's library has no such symbols; their addresses are then null.
-// NOLINTBEGIN(readability-redundant-declaration,readability-identifier-naming): the attribute is what these add
+// Each is declared again for its attribute, with the names of the C interface.
+// NOLINTBEGIN(readability-redundant-declaration,readability-identifier-naming)
 extern "C" {
 __attribute__((weak)) std::int32_t tolvubd_check_snapshot(std::uint32_t minor);
 __attribute__((weak)) const char* const* tolvubd_get_own_files();
