@@ -9,8 +9,9 @@
 #include "SystemLog.h"
 #include "Tidying.h"
 #include "Uuid.h"
+#include "Whereabouts.h"
+#include "capture/FrozenFileSystem.h"
 #include "dm/FilePlaces.h"
-#include "dm/Mapper.h"
 #include "era/EraMetadata.h"
 #include "mapper/OwnFiles.h"
 #include "mapper/Support.h"
@@ -20,10 +21,6 @@
 #include <exception>
 #include <iterator>
 #include <limits>
-#include <optional>
-#include <set>
-#include <sys/stat.h>
-#include <sys/sysmacros.h>
 
 namespace tolvubd {
 
@@ -43,53 +40,6 @@ std::uint64_t cowBytes(std::uint64_t mebibytes, const Volume& volume) {
 void requireSameSize(const Device& device, const Volume& volume) {
     if (device.size != volume.size) {
         fail(ESTALE, volume.path + " has another size now");
-    }
-}
-
-std::optional<dev_t> numberOf(const std::string& path) {
-    struct stat status{};
-    return ::stat(path.c_str(), &status) == 0 ? std::optional(status.st_rdev) : std::nullopt;
-}
-
-/// Where the device's volume is now: one that device-mapper tracks may have got another name.
-std::string placeOf(const Device& device) {
-    const auto found = device.layers ? dm::findByUuid(device.layers->volume) : std::nullopt;
-    return found ? "/dev/dm-" + std::to_string(minor(found->number)) : device.blockDevice;
-}
-
-bool isOn(const Device& device, const Volume& volume) {
-    return numberOf(placeOf(device)) == volume.number;
-}
-
-/// Where the device's CoW file is now. ENOENT when it can't be found.
-std::string findCowFile(const Volume& volume, const std::string& cowFile) {
-    for (const std::string& mountPoint : volume.mountPoints) {
-        struct stat status{};
-        std::string path = PathOnVolume{mountPoint, cowFile}.path();
-        if (::lstat(path.c_str(), &status) == 0) {
-            if (status.st_dev == volume.number) {
-                return path;
-            }
-        } else if (errno != ENOENT) {
-            failWithErrno("look at " + path);
-        }
-    }
-    fail(ENOENT, cowFile + " on " + volume.path);
-}
-
-/// What remains to be removed of a device that is destroyed: nothing, when the volume isn't mounted, is
-/// broken, or somebody has been faster.
-std::vector<Unfinished> removalOfCowFile(const Device& device) {
-    try {
-        Unfinished unfinished{device.snapshot, findCowFile(findVolume(placeOf(device)), device.cowFile), {}};
-        unfinished.layers = device.layers ? device.layers->id : std::string();
-        return {unfinished};
-    } catch (const std::system_error& error) {
-        const std::set<int> outOfReach = {ENODEV, ENOENT, ENXIO, ENOTBLK, EIO};
-        if (!outOfReach.contains(error.code().value())) {
-            throw;
-        }
-        return {};
     }
 }
 
@@ -239,6 +189,9 @@ void Driver::setupSnapshot(std::uint32_t minor, const std::string& blockDevice, 
     const SnapshotPlan plan{volume, locate(volume, cowPath), cowBytes(cowMebibytes, volume)};
     Device device{minor,      Mode::snapshot, blockDevice, plan.cow.relative,
                   makeUuid(), volume.size,    cacheSize,   {}};
+    if (hasLeftOvers(plan.cow)) {
+        requireNotFrozen(plan.cow.mountPoint);
+    }
     forgetAsleepLayers(volume);
     if (!takeFirstByMapper(plan, device)) {
         tryTo("release what layers have left on " + volume.path, [&] { releaseLeftOvers(plan.cow); });

@@ -48,6 +48,10 @@ void syncDirectory(const std::string& path) {
     syncFile(openFile(path, O_RDONLY | O_DIRECTORY), path);
 }
 
+void syncFileSystem(const std::string& mountPoint) {
+    checked(::syncfs(openFile(mountPoint, O_RDONLY | O_DIRECTORY).get()), "sync " + mountPoint);
+}
+
 void removeFile(const std::string& path) {
     if (::unlink(path.c_str()) != 0 && errno != ENOENT) {
         failWithErrno("remove " + path);

@@ -23,6 +23,8 @@ void writeAt(const os::FileDescriptor& file, std::span<const std::byte> from, st
 void syncFile(const os::FileDescriptor& file, const std::string& path);
 /// Makes the names in the directory durable.
 void syncDirectory(const std::string& path);
+/// Brings all that was written to a file system to its device.
+void syncFileSystem(const std::string& mountPoint);
 /// Removes a file; one that is not there is fine.
 void removeFile(const std::string& path);
 

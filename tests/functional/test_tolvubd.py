@@ -8,6 +8,7 @@ import pathlib
 import random
 import shutil
 import subprocess
+import threading
 import uuid
 
 import pytest
@@ -288,6 +289,36 @@ def test_setup_refuses_what_is_in_use(make_volume):
     take_snapshot(volume)
     check_refused(volume, errno.EBUSY, "setup_snapshot", 0, other.device, other.cow, 4)
     check_refused(volume, errno.EBUSY, "setup_snapshot", 1, volume.device, volume.other_cow, 4)
+
+
+@contextlib.contextmanager
+def frozen_by_somebody(volume, seconds=10):
+    """Not longer than that, so that who waits for it goes on some day."""
+    thaw = ("fsfreeze", "--unfreeze", volume.mount_point)
+    run("fsfreeze", "--freeze", volume.mount_point)
+    timer = threading.Timer(seconds, subprocess.run, (thaw,), {"check": False})
+    timer.start()
+    try:
+        yield
+    finally:
+        timer.cancel()
+        run(*thaw)
+
+
+@pytest.mark.parametrize("left_over", [None, ".tolvu.era", ".tolvu"])
+def test_setup_does_not_wait_for_who_has_frozen_the_volume(volume, left_over):
+    """Not even where files that nobody needs any more have to give way."""
+    if left_over == ".tolvu":
+        take_snapshot(volume)
+        driver.restart()
+    elif left_over:
+        volume.write(left_over, b"of a tracking that is no more")
+    before = cow_files(volume)
+    with frozen_by_somebody(volume):
+        result = call("setup_snapshot", 0, volume.device, volume.cow, 4)
+        assert errno.errorcode.get(result.error) == "EBUSY"
+        assert cow_files(volume) == before
+    take_snapshot(volume)
 
 
 @captures

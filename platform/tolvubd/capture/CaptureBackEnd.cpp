@@ -128,6 +128,9 @@ void CaptureBackEnd::requireRoom(const SnapshotPlan& plan, const Device& /*devic
     if (freeSpace(layout::store) < usedSpace(plan.cow.mountPoint)) {
         fail(ENOSPC, "the image store");
     }
+    if (plan.volume.servers.empty()) {
+        requireNotFrozen(plan.cow.mountPoint);
+    }
 }
 
 void CaptureBackEnd::takeFirst(const SnapshotPlan& plan, Device& device) {

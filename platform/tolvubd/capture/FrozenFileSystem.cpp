@@ -1,9 +1,11 @@
 #include "capture/FrozenFileSystem.h"
 
 #include "Failure.h"
+#include "HoldGuard.h"
 
 #include <fcntl.h>
 #include <linux/fs.h>
+#include <memory>
 #include <sys/ioctl.h>
 
 namespace tolvubd {
@@ -17,6 +19,11 @@ void FrozenFileSystem::begin() {
 
 bool FrozenFileSystem::end() noexcept {
     return ::ioctl(root.get(), FITHAW, 0) == 0;
+}
+
+void requireNotFrozen(const std::string& mountPoint) {
+    syncFileSystem(mountPoint);
+    HoldGuard(std::make_unique<FrozenFileSystem>(mountPoint)).release();
 }
 
 void thawIfFrozen(const std::string& mountPoint) noexcept {

@@ -21,6 +21,10 @@ private:
     os::FileDescriptor root;
 };
 
+/// EBUSY for a file system that somebody else has frozen: to make, change or remove a file on it would wait
+/// for him.
+void requireNotFrozen(const std::string& mountPoint);
+
 /// For a file system that may have been left frozen, and need not be.
 void thawIfFrozen(const std::string& mountPoint) noexcept;
 

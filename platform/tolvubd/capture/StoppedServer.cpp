@@ -71,8 +71,7 @@ Process onlyServer(const Volume& volume) {
 
 StoppedServer::StoppedServer(const Volume& volume, const std::string& mountPoint)
     : server(onlyServer(volume)), device(openFile(volume.path, O_RDONLY)), channels(channelsOf(server)) {
-    const os::FileDescriptor root = openFile(mountPoint, O_RDONLY | O_DIRECTORY);
-    checked(::syncfs(root.get()), "sync " + mountPoint);
+    syncFileSystem(mountPoint);
     syncFile(device, volume.path);
 }
 

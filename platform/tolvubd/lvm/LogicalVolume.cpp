@@ -41,6 +41,15 @@ lvm::OpenDevice openDevice(dev_t number) {
 
 } // namespace
 
+void append(std::vector<VolumePiece>& pieces, const VolumePiece& next) {
+    if (!pieces.empty() && pieces.back().device == next.device &&
+        pieces.back().offset + pieces.back().length == next.offset) {
+        pieces.back().length += next.length;
+    } else {
+        pieces.push_back(next);
+    }
+}
+
 std::optional<std::vector<VolumePiece>> readLogicalVolume(const std::string& uuid,
                                                           const std::vector<dev_t>& devices) {
     std::vector<lvm::OpenDevice> open;

@@ -19,6 +19,10 @@ struct VolumePiece {
     bool operator==(const VolumePiece&) const = default;
 };
 
+/// Adds what comes next of a volume, as one with what it goes on from: LVM's segments and the kernel's targets
+/// may be cut differently.
+void append(std::vector<VolumePiece>& pieces, const VolumePiece& next);
+
 /// Where LVM's metadata says at this moment that a logical volume lies. Read from the physical volumes
 /// themselves (label, metadata area, text; as `pvck --dump headers` and `pvck --dump metadata` show them),
 /// not by LVM's tools, as it is asked often.

@@ -123,15 +123,6 @@ std::optional<VolumePiece> pieceOf(const Segment& segment, const Section& group,
                        numberIn(*physical, "pe_start") + segment.offset * extent};
 }
 
-void append(std::vector<VolumePiece>& pieces, const VolumePiece& next) {
-    if (!pieces.empty() && pieces.back().device == next.device &&
-        pieces.back().offset + pieces.back().length == next.offset) {
-        pieces.back().length += next.length;
-    } else {
-        pieces.push_back(next);
-    }
-}
-
 } // namespace
 
 VolumeGroup::VolumeGroup(std::string content) : text(std::move(content)), whole(parseMetadata(text)) {

@@ -101,6 +101,13 @@ bool isOrigin(const dm::Targets& targets) {
 
 LayerStack::LayerStack(std::string id) : id(std::move(id)) {}
 
+dm::Device LayerStack::volumeOf(const Layers& layers) {
+    if (auto device = dm::findByUuid(layers.volume)) {
+        return *device;
+    }
+    fail(ENXIO, "the device-mapper device of the volume");
+}
+
 std::vector<std::string> LayerStack::present() {
     std::set<std::string> ids;
     const std::string prefix = layout::mapperPrefix;

@@ -28,6 +28,8 @@ class LayerStack {
 public:
     explicit LayerStack(std::string id);
 
+    /// The device of a volume that is tracked; ENXIO when it isn't there.
+    static dm::Device volumeOf(const Layers& layers);
     /// The trackings of which the kernel has devices.
     static std::vector<std::string> present();
 

@@ -30,16 +30,6 @@ std::optional<VolumePiece> pieceOf(const dm::Target& target) {
     return VolumePiece{target.start, target.length, makedev(majorNumber, minorNumber), offset};
 }
 
-/// LVM's segments and the kernel's targets may be cut differently.
-void append(std::vector<VolumePiece>& pieces, const VolumePiece& next) {
-    if (!pieces.empty() && pieces.back().device == next.device &&
-        pieces.back().offset + pieces.back().length == next.offset) {
-        pieces.back().length += next.length;
-    } else {
-        pieces.push_back(next);
-    }
-}
-
 std::optional<std::vector<VolumePiece>> piecesOf(const dm::Targets& targets) {
     std::vector<VolumePiece> pieces;
     for (const dm::Target& target : targets) {

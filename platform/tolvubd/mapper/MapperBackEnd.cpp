@@ -2,7 +2,6 @@
 
 #include "Failure.h"
 #include "HiddenNode.h"
-#include "HoldGuard.h"
 #include "Layout.h"
 #include "SnapshotNode.h"
 #include "SystemLog.h"
@@ -10,7 +9,6 @@
 #include "Uuid.h"
 #include "capture/FrozenFileSystem.h"
 #include "dm/FilePlaces.h"
-#include "dm/SuspendedDevice.h"
 #include "dm/Watcher.h"
 #include "era/EraMetadata.h"
 #include "mapper/ChangeRecord.h"
@@ -18,15 +16,14 @@
 #include "mapper/FreshGroups.h"
 #include "mapper/LvmCheck.h"
 #include "mapper/LvmLock.h"
+#include "mapper/Moment.h"
 #include "mapper/OwnFiles.h"
 #include "mapper/Sealing.h"
 #include "mapper/Targets.h"
 
 #include <algorithm>
-#include <chrono>
 #include <fcntl.h>
 #include <linux/fs.h>
-#include <memory>
 #include <set>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
@@ -37,66 +34,6 @@
 namespace tolvubd {
 
 namespace {
-
-constexpr std::uint64_t mebibyte = std::uint64_t{1} << 20;
-
-dm::Device volumeOf(const Layers& layers) {
-    if (auto device = dm::findByUuid(layers.volume)) {
-        return *device;
-    }
-    fail(ENXIO, "the device-mapper device of the volume");
-}
-
-/// What is written to the volume now would have to be written while it is suspended.
-void syncVolume(const std::string& mountPoint) {
-    const os::FileDescriptor root(::open(mountPoint.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    checked(root ? ::syncfs(root.get()) : -1, "sync " + mountPoint);
-}
-
-/// To make a file on a file system that somebody else has frozen would wait for him.
-void requireNotFrozen(const std::string& mountPoint) {
-    syncVolume(mountPoint);
-    HoldGuard(std::make_unique<FrozenFileSystem>(mountPoint)).release();
-}
-
-/// The moment of the snapshot: all that was written before is in it, nothing that comes after.
-void exchangeTables(const SnapshotPlan& plan, const LayerStack& stack, const dm::Device& volume) {
-    using std::chrono::milliseconds;
-    syncVolume(plan.cow.mountPoint);
-    auto suspended = std::make_unique<dm::SuspendedDevice>(volume, dm::Visibility::shown, stack.inside(),
-                                                           dm::liveTable(stack.lower()));
-    dm::SuspendedDevice& held = *suspended;
-    HoldGuard guard(std::move(suspended));
-    held.resumeInside();
-    const auto since = held.heldSince();
-    guard.release();
-    const auto lasted = std::chrono::ceil<milliseconds>(std::chrono::steady_clock::now() - since);
-    logLine(Severity::info, plan.volume.path + " was frozen for " + std::to_string(lasted.count()) +
-                                " ms to take a snapshot of " + std::to_string(plan.volume.size) + " bytes");
-}
-
-void logForecast(const SnapshotPlan& plan, const LayerStack& stack, const Layers& layers) {
-    const auto room = stack.room();
-    const std::uint64_t need = forecastNeed(layers);
-    if (!room || need == 0) {
-        return;
-    }
-    const std::string text = "a snapshot of " + plan.volume.path + " is expected to preserve " +
-                             std::to_string(need / mebibyte) + " MiB, and there is room for " +
-                             std::to_string(room->size / mebibyte) + " MiB";
-    logLine(need > room->size ? Severity::warning : Severity::info, text);
-}
-
-/// From the exchange of the tables to the node that shows the snapshot.
-void takeMoment(const SnapshotPlan& plan, LayerStack& stack, Device& device) {
-    Layers& layers = *device.layers;
-    const dm::Device volume = volumeOf(layers);
-    stack.createSnapshot(layers, LayerStack::Store::isNew);
-    exchangeTables(plan, stack, volume);
-    layers.firstEra = stack.era();
-    dm::startWatcher(volume, stack.snapshot());
-    logForecast(plan, stack, layers);
-}
 
 /// Bytes that a file has on its volume; 0 where there is none.
 std::uint64_t takenBy(const std::string& path) {
@@ -208,8 +145,9 @@ void MapperBackEnd::requireRoom(const SnapshotPlan& plan, const Device& device) 
 void MapperBackEnd::takeFirst(const SnapshotPlan& plan, Device& device) {
     makeCowStore(plan, device);
     makeEraFile(plan, device);
-    const LvmLock lock(volumeOf(*device.layers)); // from here on, where the volume lies must not change
-    const dm::Device volume = volumeOf(*device.layers);
+    const LvmLock lock(
+        LayerStack::volumeOf(*device.layers)); // from here on, where the volume lies must not change
+    const dm::Device volume = LayerStack::volumeOf(*device.layers);
     LayerStack stack(device.layers->id);
     stack.createBelow(volume, *device.layers);
     if (!isWhereLvmSays(device.layers->volume, stack.lower())) {
@@ -267,7 +205,7 @@ void MapperBackEnd::reload(const Volume& volume, Device& device) {
         fail(ENOENT, "the layers of " + volume.path + " were not put back before it was mounted");
     }
     if (device.mode == Mode::snapshot) {
-        dm::startWatcher(volumeOf(*device.layers), stack.snapshot());
+        dm::startWatcher(LayerStack::volumeOf(*device.layers), stack.snapshot());
         showReadOnly(stack, device.minor);
     }
 }

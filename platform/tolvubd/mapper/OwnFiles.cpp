@@ -29,6 +29,10 @@ std::optional<std::string> snapshotIn(const std::string& path) {
     }
 }
 
+bool isThere(const std::string& path) {
+    return ::access(path.c_str(), F_OK) == 0 || errno != ENOENT;
+}
+
 } // namespace
 
 std::uint64_t storeOffset(std::uint64_t volumeSize) {
@@ -71,11 +75,15 @@ void removeLockedCowFile(const std::string& path, const std::string& snapshot) {
 }
 
 void removeLockedFile(const std::string& path) {
-    if (::access(path.c_str(), F_OK) != 0 && errno == ENOENT) {
+    if (!isThere(path)) {
         return; // even to remove nothing, one would wait for a volume that somebody has frozen
     }
     dm::releaseFile(path);
     removeFile(path);
+}
+
+bool hasLeftOvers(const PathOnVolume& cow) {
+    return isThere(eraFileOn(cow)) || snapshotIn(cow.path());
 }
 
 void removeLeftOvers(const PathOnVolume& cow) {
