@@ -19,8 +19,8 @@ struct VolumePiece {
     bool operator==(const VolumePiece&) const = default;
 };
 
-/// Adds what comes next of a volume, as one with what it goes on from: LVM's segments and the kernel's targets
-/// may be cut differently.
+/// Adds what comes next of a volume, joined to the last piece where it goes on from that: LVM's segments and
+/// the kernel's targets may be cut differently.
 void append(std::vector<VolumePiece>& pieces, const VolumePiece& next);
 
 /// Where LVM's metadata says at this moment that a logical volume lies. Read from the physical volumes
