@@ -104,6 +104,16 @@ def test_ends_when_a_volume_had_its_own_table_while_it_was_mounted(tracking, sto
 
 
 @pytest.mark.nightly
+def test_ends_when_the_power_failed_before_anybody_saw_that(tracking):
+    """As if it failed within the milliseconds in which the driver hears of the other table."""
+    tracking.run("udevadm control --stop-exec-queue && "
+                 "lvchange --noudevsync --refresh vg/ext4 && lvchange --noudevsync --refresh vg/xfs")
+    tracked(tracking, "write")
+    stop_and_start(tracking, tracking.cut)
+    assert tracked(tracking, "finish") == dict.fromkeys(NAMES, LOST)
+
+
+@pytest.mark.nightly
 def test_no_layer_is_named_like_its_volume(tracking):
     stop_and_start(tracking, tracking.reboot)
     links = tracking.run("udevadm settle; find /dev/disk -type l -exec readlink -f {} +").stdout.split()

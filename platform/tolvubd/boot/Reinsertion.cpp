@@ -53,7 +53,7 @@ public:
         }
         const std::optional<Fingerprint> now = volume.fingerprint();
         if (const auto reason = reasonAgainst(seal, now)) {
-            giveUp(seal, *reason);
+            giveUp(*reason);
         } else {
             insert(*seal, now);
         }
@@ -72,16 +72,17 @@ private:
         if (dm::sizeOf(dm::liveTable(device)) * sector != record.size) {
             return "its size has changed";
         }
+        if (seal->end == Seal::End::open && volume.wasEraStopped()) {
+            return "it had lost its layers before the machine stopped"; // whoever took them, and just then
+        }
         return reasonForDoubt(*seal, now, previousStart(layout::starts));
     }
 
-    void giveUp(const std::optional<Seal>& seal, const std::string& reason) const {
-        if (stage == Stage::beforeRoot) {
-            return;
-        }
-        report(Severity::warning, device.name + ": the next backup compares all of it: " + reason);
-        if (seal) {
-            write(volume, *seal, Seal::End::broken, seal->fingerprint);
+    /// Nothing is written to it: where the seal was may be a file of somebody else's now. What is in doubt
+    /// stays so, as each mount takes the fingerprint further away from the seal's.
+    void giveUp(const std::string& reason) const {
+        if (stage == Stage::afterRoot) {
+            report(Severity::warning, device.name + ": the next backup compares all of it: " + reason);
         }
     }
 

@@ -3,11 +3,13 @@
 #include "Failure.h"
 #include "FileAccess.h"
 #include "Volume.h"
+#include "era/EraMetadata.h"
 #include "mapper/LvmCheck.h"
 #include "seal/DirectDevice.h"
 
 #include <chrono>
 #include <fcntl.h>
+#include <span>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <thread>
@@ -40,6 +42,14 @@ std::optional<Seal> TrackedVolume::seal() const {
 
 std::optional<Fingerprint> TrackedVolume::fingerprint() const {
     return readFingerprint(file, record.size);
+}
+
+bool TrackedVolume::wasEraStopped() const {
+    os::AlignedBuffer block(era::blockSize, era::blockSize);
+    if (!readPlaces(file, record.eraFile, sealSize, block)) {
+        fail(EBADMSG, "the volume ends before the era metadata");
+    }
+    return tolvubd::wasEraStopped(std::span<const std::byte, era::blockSize>(block.data(), era::blockSize));
 }
 
 void TrackedVolume::write(const Seal& seal) const {

@@ -99,6 +99,10 @@ std::vector<era::Writeset> EraMetadata::writesetsSince(era::BlockReader& reader,
     return sets;
 }
 
+bool wasEraStopped(std::span<const std::byte, era::blockSize> superblock) {
+    return era::superblockIn(era::Block(superblock), 0).current.root == 0;
+}
+
 std::uint32_t eraBlockSectors(std::uint64_t volumeBytes) {
     std::uint32_t sectors = leastBlockSectors;
     while (sectors < mostBlockSectors && divideUp(volumeBytes, sectors * sectorSize) > mostBlocks) {

@@ -3,7 +3,9 @@
 #include "era/Superblock.h"
 #include "os/FileDescriptor.h"
 
+#include <cstddef>
 #include <cstdint>
+#include <span>
 #include <vector>
 
 namespace tolvubd {
@@ -45,6 +47,11 @@ private:
     std::uint64_t size;
     era::Superblock superblock;
 };
+
+/// Whether the target was stopped in order, by its first block of metadata: each era ends with that, and while
+/// the target is in use there always is a current one. What stops with the machine has one too.
+/// EBADMSG for a block that isn't sound.
+bool wasEraStopped(std::span<const std::byte, era::blockSize> superblock);
 
 /// How large a block of a volume of so many bytes is to be for the era target, in sectors of 512 bytes: 8,
 /// which is 4 KiB, up to 256 GiB; above that as much more as keeps it to 2^26 blocks, whose metadata takes 1

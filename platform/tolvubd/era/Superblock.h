@@ -26,7 +26,8 @@ struct Superblock {
     std::uint64_t heldSnapshot = 0; ///< the place of its superblock; 0 if there is none
 };
 
-/// Throws EBADMSG for one that isn't sound, or of another version of the format.
+/// Throw EBADMSG for one that isn't sound, or of another version of the format.
 Superblock readSuperblock(BlockReader& reader, std::uint64_t place);
+Superblock superblockIn(const Block& block, std::uint64_t place);
 
 } // namespace tolvubd::era

@@ -119,6 +119,24 @@ TEST_F(EraMetadataOfKernel, HasNoSnapshotThatNobodyHolds) {
     EXPECT_EQ(errorOfReading(image("kernel-closed"), snapshot), EBADMSG);
 }
 
+bool wasStopped(const std::string& superblock) {
+    return wasEraStopped(std::as_bytes(std::span<const char, era::blockSize>(superblock)));
+}
+
+TEST_F(EraMetadataOfKernel, TellsThatTheTargetWasStoppedInOrder) {
+    EXPECT_FALSE(wasStopped(image("kernel-live").blockAt(0)));
+    EXPECT_TRUE(wasStopped(image("kernel-closed").blockAt(0)));
+}
+
+TEST_F(EraMetadataOfKernel, TellsNothingOfTheTargetWhenDamaged) {
+    const std::string sound = image("kernel-live").blockAt(0);
+    for (std::size_t offset = 0; offset < sound.size(); ++offset) {
+        std::string damaged = sound;
+        damaged[offset] = static_cast<char>(~damaged[offset]);
+        EXPECT_EQ(errorOf([&] { wasStopped(damaged); }), EBADMSG) << offset;
+    }
+}
+
 /// Small enough that all of it can be damaged: two blocks of eras, and two sets.
 class DamagedEraMetadata : public testing::Test {
 protected:
