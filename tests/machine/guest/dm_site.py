@@ -186,16 +186,20 @@ class Protected(Stay):
         return "set right" if len(told) < self.volume.size // UNIT else "everything told"
 
     def full_comparison(self, refused):
-        """A device that isn't trusted says so, and is made anew."""
+        """A device that isn't trusted says so, and is made anew: tracked again if its volume still can be."""
         assert refused.value == -1 and refused.error != 0
         assert self.error() != 0, f"refused with {errno.errorcode[refused.error]}, but the status is healthy"
         done = tolvuctl("destroy", self.minor)
         assert done.returncode == 0, done.stderr
         assert layers() == []
+        table = run("dmsetup", "table", self.volume.device).splitlines()
+        is_linear = all(" linear " in line for line in table)
         self.start()
+        assert bool(layers()) == is_linear, tolvuctl("list").stdout
         if self.volume.filesystem.startswith("ext"):
             run("e2fsck", "-fn", self.node)
-        return f"full comparison ({errno.errorcode[refused.error]})"
+        end = "tracked again" if is_linear else "then captured"
+        return f"full comparison ({errno.errorcode[refused.error]}), {end}"
 
     def end(self):
         """No program has noticed anything; the volume is as LVM has it, and sound."""

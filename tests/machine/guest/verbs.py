@@ -50,7 +50,7 @@ def restore_metadata(volume, group):
     """As after a mistake, from the file that LVM has kept."""
     run("vgcfgbackup", group.name)
     run("lvchange", "--addtag", "mistake", f"{group.name}/{volume.device.name}")
-    run("vgcfgrestore", group.name)
+    run("vgcfgrestore", "-y", group.name)
     run("vgchange", "--refresh", group.name)
 
 
