@@ -148,7 +148,8 @@ def test_kind(make_volume, kind, record_property):
         protected.track()
         outcome = protected.next_record()
         assert outcome == "set right"
-        record_property("verb", f"{kind.name} | | {kind.served_by} | {outcome}")
+        record_property("verb", f"{kind.name} | | {kind.served_by} | {outcome} | {protected.changed} | "
+                                f"{protected.untouched}")
         protected.end()
 
 
