@@ -40,6 +40,14 @@ void requireKnownFileSystem(const os::FileDescriptor& file, const std::string& p
     }
 }
 
+/// The blocks of such a file don't hold what it holds. Of an encrypted one ext4 says so nowhere else.
+void requirePlain(const os::FileDescriptor& file, const std::string& path) {
+    int flags = 0;
+    if (::ioctl(file.get(), FS_IOC_GETFLAGS, &flags) != 0 || (flags & (FS_ENCRYPT_FL | FS_COMPR_FL)) != 0) {
+        refuse(path, "may be encrypted or compressed");
+    }
+}
+
 /// XFS can keep the contents of a file on a device of their own.
 void requireMainDevice(const os::FileDescriptor& file, const std::string& path) {
     fsxattr attributes{};
@@ -142,6 +150,7 @@ bool addExtents(const os::FileDescriptor& file, Places& places, const std::strin
 std::vector<Extent> placesIn(const os::FileDescriptor& file, const std::string& path) {
     const std::uint64_t size = sizeOf(file, path);
     requireKnownFileSystem(file, path);
+    requirePlain(file, path);
     requireMainDevice(file, path);
     Places places(path);
     while (addExtents(file, places, path)) {

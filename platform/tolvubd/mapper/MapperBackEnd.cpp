@@ -70,6 +70,12 @@ void putErrorUnder(const LayerStack& stack) {
     }
 }
 
+void requireSound(const SnapshotPlan& plan, const LayerStack& stack, const Layers& layers, Mode mode) {
+    if (const int error = stack.check(layers, mode); error != 0) {
+        fail(error, plan.volume.path + " got another table");
+    }
+}
+
 void noteCheck(Device& device) {
     const int error = LayerStack(device.layers->id).check(*device.layers, device.mode);
     if (error != 0 && error != device.layers->error) {
@@ -170,12 +176,12 @@ void MapperBackEnd::takeNext(const SnapshotPlan& plan, const Device& before, con
     }
     makeCowStore(plan, after);
     LayerStack stack(after.layers->id);
+    // To reserve the file may have taken long, and where its store lies may be somebody else's by now.
+    requireSound(plan, stack, *after.layers, Mode::tracking);
     takeMoment(plan, stack, after);
     const std::vector<Extent> fresh = freshGroups(openSnapshot(stack), after.size, before.layers->groups);
     const std::vector<bool> written = stack.writtenSince(before.layers->firstEra);
-    if (const int error = stack.check(*after.layers, after.mode); error != 0) {
-        fail(error, plan.volume.path + " got another table");
-    }
+    requireSound(plan, stack, *after.layers, after.mode);
     writeRecord(closed, before.snapshot, changedUnits(written, after.layers->blockSectors, fresh, after.size),
                 after.size);
     show(stack, after);

@@ -94,7 +94,9 @@ class Writer(Stay):
 
 
 class Protected(Stay):
-    """A volume that has a snapshot, and a program that writes to it. `first` is the snapshot's picture."""
+    """A volume that has a snapshot, and a program that writes to it. `first` is the snapshot's picture;
+    `changed` counts the units that have changed according to pictures, `untouched` those that only a record
+    tells."""
 
     def __init__(self, volume, minor=0, cow_mebibytes=COW_MEBIBYTES):
         super().__init__()
@@ -103,6 +105,7 @@ class Protected(Stay):
         self.node = pathlib.Path(f"/dev/tolvu{minor}")
         self._cow_mebibytes = cow_mebibytes
         self._files = [volume.cow, volume.other_cow]
+        self.changed = self.untouched = 0
 
     def open(self, lasting):
         lasting.callback(forget_devices)
@@ -181,21 +184,27 @@ class Protected(Stay):
         differ = differing(self.first, now) - self._own - self.own_units()
         assert not differ - told, f"{len(differ - told)} of {len(differ)} changed units are missing"
         assert len(differ) > 0
+        self.changed += len(differ)
+        self.untouched += len(told - differ)
         self.first, self._files = now, [current, closed]
         self._own |= self.own_units()
         return "set right" if len(told) < self.volume.size // UNIT else "everything told"
 
     def full_comparison(self, refused):
-        """A device that isn't trusted says so, and is made anew."""
+        """A device that isn't trusted says so, and is made anew: tracked again if its volume still can be."""
         assert refused.value == -1 and refused.error != 0
         assert self.error() != 0, f"refused with {errno.errorcode[refused.error]}, but the status is healthy"
         done = tolvuctl("destroy", self.minor)
         assert done.returncode == 0, done.stderr
         assert layers() == []
+        table = run("dmsetup", "table", self.volume.device).splitlines()
+        is_linear = all(" linear " in line for line in table)
         self.start()
+        assert bool(layers()) == is_linear, tolvuctl("list").stdout
         if self.volume.filesystem.startswith("ext"):
             run("e2fsck", "-fn", self.node)
-        return f"full comparison ({errno.errorcode[refused.error]})"
+        end = "tracked again" if is_linear else "then captured"
+        return f"full comparison ({errno.errorcode[refused.error]}), {end}"
 
     def end(self):
         """No program has noticed anything; the volume is as LVM has it, and sound."""

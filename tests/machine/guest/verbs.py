@@ -50,7 +50,7 @@ def restore_metadata(volume, group):
     """As after a mistake, from the file that LVM has kept."""
     run("vgcfgbackup", group.name)
     run("lvchange", "--addtag", "mistake", f"{group.name}/{volume.device.name}")
-    run("vgcfgrestore", group.name)
+    run("vgcfgrestore", "-y", group.name)
     run("vgchange", "--refresh", group.name)
 
 
@@ -105,7 +105,8 @@ VERBS = (
 
 
 def check_verb(group, verb, state):
-    """What came of a verb in a state, in words."""
+    """What came of a verb in a state, in words; of how many units a record told that have changed, and that
+    have not."""
     with contextlib.ExitStack() as stack:
         stack.callback(remove_volumes, group)
         volume = stack.enter_context(Volume("data", "ext4", MEBIBYTES * 2048,
@@ -118,7 +119,7 @@ def check_verb(group, verb, state):
         protected.writer.wait_for_writes()
         outcome = protected.outcome()
         protected.end()
-    return f"{verb.name} | {state} | {done} | {outcome}"
+    return f"{verb.name} | {state} | {done} | {outcome} | {protected.changed} | {protected.untouched}"
 
 
 def act(verb, volume, group):

@@ -26,10 +26,12 @@ def make_volume(group):
 
 def scatter_free_space(volume, piece):
     """Leaves free space in pieces of so many bytes only: every second one of a file that fills the volume."""
+    if volume.filesystem == "xfs": # which holds back room of its own, in one piece, for when it is full
+        run("xfs_io", "-x", "-c", "resblks 0", volume.mount_point)
     library = ctypes.CDLL(None, use_errno=True)
     with open(volume.mount_point / "filling", "wb") as file:
         space = os.fstatvfs(file.fileno())
-        size = (space.f_bavail * space.f_frsize - SPARE) // piece * piece
+        size = (space.f_bfree * space.f_frsize - SPARE) // piece * piece
         os.posix_fallocate(file.fileno(), 0, size)
         os.fsync(file.fileno())
         for at in range(0, size, 2 * piece):
@@ -39,8 +41,8 @@ def scatter_free_space(volume, piece):
         os.fsync(file.fileno())
 
 
-def pieces_of(volume, path):
-    return len(extents_on(volume.device, volume.filesystem, volume.mount_point, path.name))
+def pieces_of(volume, name):
+    return len(extents_on(volume.device, volume.filesystem, volume.mount_point, name))
 
 
 @pytest.mark.parametrize("filesystem", MEBIBYTES)
@@ -49,7 +51,7 @@ def test_files_in_many_pieces(make_volume, filesystem):
     scatter_free_space(volume, 128 << 10)
     with Protected(volume, cow_mebibytes=12) as protected:
         assert layers()
-        assert pieces_of(volume, volume.cow) > 64
+        assert sum(pieces_of(volume, name) for name in cow_files(volume)) > 128
         assert protected.look() == "snapshot right"
         protected.track()
         assert protected.next_record() == "set right"

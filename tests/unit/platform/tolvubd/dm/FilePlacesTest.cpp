@@ -143,6 +143,17 @@ TEST(PlacesOfAFile, AreNotWithinItsInode) {
     EXPECT_EQ(errorOf([&] { placesOf(files.path("small")); }), EOPNOTSUPP);
 }
 
+/// By a key in the memory of the kernel, as a directory of a user's is.
+TEST(PlacesOfAFile, DoNotHoldWhatIsEncrypted) {
+    const LoopFileSystem files(std::string(ext4) + " -O encrypt");
+    const std::string folder = files.path("folder");
+    outputOf("mkdir " + folder);
+    const std::string key = "$(printf %064d 0 | xfs_io -c add_enckey " + folder + " | grep -o '[0-9a-f]*$')";
+    outputOf("xfs_io -c \"set_encpolicy " + key + "\" " + folder);
+    EXPECT_EQ(errorOf([&] { makeLockedFile(folder + "/.tolvu", unit); }), EOPNOTSUPP);
+    EXPECT_EQ(::access((folder + "/.tolvu").c_str(), F_OK), -1);
+}
+
 TEST(PlacesOfAFile, AreUnknownElsewhere) {
     const agent::test::TestDirectory directory; // on tmpfs
     EXPECT_EQ(errorOf([&] { makeLockedFile(directory / ".tolvu", unit); }), EOPNOTSUPP);
