@@ -11,7 +11,7 @@ import pathlib
 
 from lab import moments
 from lab.appliance_client import volume
-from lab.driver import STORE, stored_state
+from lab.driver import OWN_FILES, STORE, stored_state
 from lab.images import ImageError, compare_used, fsck, mounted, tree_hashes
 from lab.logical_disk import are_volumes_logical
 
@@ -125,6 +125,7 @@ class Protection:
         self.partitions = {partition.name: partition for partition in partitions}
         self.images = {name: image or self._add_image(partition, options)
                        for name, partition in self.partitions.items()}
+        self.left_out = OWN_FILES # of the comparison of blocks
         self.scripts = [moments.install()] if are_volumes_logical() else []
         self.set_cow_size(COW_MIB)
 
@@ -177,7 +178,7 @@ class Protection:
         file_system = partition.volume.file_system
         capture = capture_of(partition)
         fsck(image.path, file_system, self.offset)
-        compared = compare_used(capture, image.path, file_system, self.offset).check()
+        compared = compare_used(capture, image.path, file_system, self.offset, self.left_out).check()
         with mounted(capture, file_system) as then, mounted(image.path, file_system, self.offset) as now:
             files = tree_hashes(then)
             if files != tree_hashes(now):

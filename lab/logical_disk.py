@@ -11,6 +11,7 @@ from lab.commands import run
 from lab.volumes import Disk
 
 GROUP = "lab"
+LAYERS_MEBIBYTES = 18 # what the driver's layers take of a small volume, so that the rest has its size
 EXT = ("ext2", "ext3", "ext4")
 
 
@@ -29,7 +30,7 @@ class LogicalDisk(Disk):
 
     def device_of(self, lasting, number, volume):
         run("lvcreate", "--yes", "--wipesignatures", "y", "--name", volume.name,
-            "--size", f"{math.ceil(volume.mebibytes)}m", GROUP)
+            "--size", f"{math.ceil(volume.mebibytes) + LAYERS_MEBIBYTES}m", GROUP)
         lasting.callback(run, "lvremove", "--yes", f"{GROUP}/{volume.name}")
         return str(pathlib.Path("/dev", GROUP, volume.name).resolve())
 

@@ -40,7 +40,7 @@ def seeded():
 
 class FaultList:
     """The faults that a module has injected, and what became of the backups. They end up beside the
-    programs, in a file of this name."""
+    programs, in a file of this name, unless nobody may write there, as in a machine."""
 
     def __init__(self, name, what="faults injected"):
         self._path = BUILD / f"{name}.txt"
@@ -52,7 +52,8 @@ class FaultList:
 
     def write(self):
         text = "".join(self._lines) + f"{len(self._lines)} {self._what}\n"
-        self._path.write_text(text, encoding="utf-8")
+        if os.access(self._path.parent, os.W_OK):
+            self._path.write_text(text, encoding="utf-8")
         print(text)
 
 

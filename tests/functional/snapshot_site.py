@@ -17,15 +17,20 @@ from change_records import UNIT
 from lab import driver
 from lab.daemon import BASE, CONFIG, program
 from lab.driver import STATUS, STORE, nodes
+from lab.logical_disk import are_volumes_logical
 from lab.loops import images_on
+from lab.lvm import spare_disks
 from lab.services import wait_until
 from lab.site import Site
 from lab.snapshots import MOUNT_ROOT, Session, drop_snapshots, mounts
 from lab.stay import Stay
 from lab.volumes import Volume
+from tolvubd_site import LogicalVolumes, layers
 
 SECONDS = 60
 COW_MIB = 100
+# A machine of the lab has to itself what its host has left. Who lets a volume go late does so after ten.
+WRITABLE_SECONDS = 5 if spare_disks() else 1
 EXT4 = Volume("data", "ext4", mebibytes=256, mount_point="/mnt/Büro und Lager")
 XFS = Volume("files", "xfs", mebibytes=320, mount_point="/mnt/files")
 
@@ -50,13 +55,13 @@ def read_record(path, units):
 
 
 def check_writable(mount_point):
-    """A file can be written within the second that is promised. A file system that is frozen is thawed, so
+    """A file can be written within the time that is promised. A file system that is frozen is thawed, so
     that the tests can go on."""
     probe = mount_point / "probe"
     writer = subprocess.Popen(["dd", "if=/dev/urandom", f"of={probe}", "bs=4k", "count=1", "conv=fsync",
                                "status=none"])
     try:
-        assert writer.wait(1) == 0
+        assert writer.wait(WRITABLE_SECONDS) == 0
     except subprocess.TimeoutExpired:
         subprocess.run(["fsfreeze", "--unfreeze", mount_point], check=False)
         writer.wait(SECONDS)
@@ -119,8 +124,15 @@ class SnapshotSite(Stay):
         # udev may be looking at a device that is to go: it goes with the last who has it open.
         wait_until(lambda: images_on(STORE) == {}, SECONDS, "captures detached")
         assert not MOUNT_ROOT.exists() or list(MOUNT_ROOT.iterdir()) == []
-        assert len(list(STORE.glob("*.img"))) == len(self.states())
         assert set(self.states()) <= {2}
+        self._check_kept(len(self.states()))
+
+    @staticmethod
+    def _check_kept(devices):
+        """What the driver has of tracked devices: a capture of each, or layers."""
+        is_logical = are_volumes_logical()
+        assert len(list(STORE.glob("*.img"))) == (0 if is_logical else devices)
+        assert not is_logical or len(layers()) == LogicalVolumes.layers_tracking * devices
 
     def check_writable(self, name):
         check_writable(self.mount_point(name))

@@ -1,5 +1,6 @@
 """Backups of the real daemon to a real target under faults of the target and of the source: whatever is
 reported finished is right, and the next backup works."""
+import contextlib
 import os
 import subprocess
 
@@ -7,7 +8,9 @@ import pytest
 
 from fault_site import DATA, FIRST, RETRYING, SNAPSHOTS, fault_site, seeded
 from lab.backups import capture_of
+from lab.commands import run
 from lab.holds import Trace
+from lab.logical_disk import GROUP, are_volumes_logical
 from lab.targets import Target
 from lab.zephane import ZephaneServer
 
@@ -117,17 +120,42 @@ def test_read_error_of_the_source(one_volume, faults):
     site.assert_recovered()
 
 
+@contextlib.contextmanager
+def snapshot_cut_short(partition):
+    """Most of what the driver has kept for it is gone: the kernel itself refuses to read that."""
+    capture = capture_of(partition)
+    content = capture.read_bytes()
+    os.truncate(capture, 1 << 20)
+    yield
+    capture.write_bytes(content) # the damage was the test's, and not to the volume
+
+
+@contextlib.contextmanager
+def snapshot_bypassed(partition):
+    """LVM takes the driver's layers off the volume, which the driver may see only when all has been read."""
+    run("lvchange", "--refresh", f"{GROUP}/{partition.name}")
+    yield
+
+
 def test_snapshot_ends_too_early(one_volume, faults):
-    """The kernel itself refuses to read what isn't there any more."""
+    """What isn't there any more isn't in an image either."""
     site = one_volume
-    with site.in_copy(FIRST, full=True) as (backup, hold):
-        capture = capture_of(site.protection.partitions["data"])
-        content = capture.read_bytes()
-        os.truncate(capture, 1 << 20)
+    is_logical = are_volumes_logical()
+    end = snapshot_bypassed if is_logical else snapshot_cut_short
+    with site.in_copy(FIRST, full=True) as (backup, hold), end(site.protection.partitions["data"]):
         hold.release()
         backup.wait()
-        capture.write_bytes(content) # the damage was the test's, and not to the volume
     faults.note("snapshot cut short", site.judge(backup))
     assert backup.state == "failed", backup.log
-    assert "Failed to read the chunk at offset " in backup.log
+    assert (" has not lasted for its copy: " if is_logical else "Failed to read the chunk at ") in backup.log
+    if is_logical:
+        check_never_trusted_again(site)
     site.assert_recovered()
+
+
+def check_never_trusted_again(site):
+    """A device that has failed is taken away by the next backup, which fails for it; all is compared then."""
+    backup = site.protection.run()
+    assert backup.state == "failed", backup.log
+    assert "destroying and returning failure, current state 3" in backup.log
+    assert site.back_up().type("data") == "differential"

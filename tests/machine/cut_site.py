@@ -83,6 +83,7 @@ class TrackedVolume(Stay):
         self.machine.run(f"vgcreate -qy lab {disk} && lvcreate -qy -n data -L {self.mebibytes}m lab && "
                          f"mkfs.{self.kind} -q {options} {DEVICE}")
         lasting.callback(self.forget)
+        lasting.callback(self.figures.keep) # of what there was, also when it was broken off
         self.mount()
         self.set_up()
 

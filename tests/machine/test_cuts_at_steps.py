@@ -71,5 +71,4 @@ def test_cut_at_each_step(running_machine, function, kind):
         volume.figures.title = f"{kind}, {function}, {len(chosen)} of {len(steps)} steps"
         for step in chosen:
             cut_at(volume, function, step)
-        volume.figures.keep()
         assert volume.figures.missed == 0

@@ -39,7 +39,6 @@ def cut_many_times(machine, kind, count):
     with TrackedVolume(machine, kind) as volume:
         for number in range(count):
             cut_at_random(volume, number, chosen)
-        volume.figures.keep()
         return volume.figures
 
 

@@ -10,12 +10,20 @@ sys.path[:0] = [str(ROOT), str(ROOT / "tests" / "functional")]
 pytest.register_assert_rewrite("dm_site", "verbs", "tolvubd_site")
 
 from lab.lvm import VolumeGroup  # noqa: E402
+from lvm_site import site_on  # noqa: E402
 
 
 @pytest.fixture(scope="session")
 def disks():
     """The devices of the machine's disks, on which nothing is at first."""
     return os.environ["MACHINE_DISKS"].split()
+
+
+@pytest.fixture(scope="module")
+def agent_site(disks):
+    """What the agent's own tests find on a machine, with logical volumes."""
+    with site_on(*disks[:2]):
+        yield
 
 
 @pytest.fixture(scope="module")

@@ -1,13 +1,9 @@
 """The agent's own tests of backups, on logical volumes, whose snapshots are device-mapper's."""
 import pytest
 
-from lvm_site import check_functional, site_on
+from lvm_site import check_functional
 
-
-@pytest.fixture(scope="module", autouse=True)
-def site(disks):
-    with site_on(*disks[:2]):
-        yield
+pytestmark = pytest.mark.usefixtures("agent_site")
 
 
 def test_backups_of_all_types():
