@@ -176,9 +176,12 @@ void MapperBackEnd::takeNext(const SnapshotPlan& plan, const Device& before, con
     }
     makeCowStore(plan, after);
     LayerStack stack(after.layers->id);
-    // To reserve the file may have taken long, and where its store lies may be somebody else's by now.
-    requireSound(plan, stack, *after.layers, Mode::tracking);
-    takeMoment(plan, stack, after);
+    {
+        // To reserve the file may have taken long, and where its store lies may be somebody else's by now.
+        const LvmLock lock(LayerStack::volumeOf(*after.layers));
+        requireSound(plan, stack, *after.layers, Mode::tracking);
+        takeMoment(plan, stack, after);
+    }
     const std::vector<Extent> fresh = freshGroups(openSnapshot(stack), after.size, before.layers->groups);
     const std::vector<bool> written = stack.writtenSince(before.layers->firstEra);
     requireSound(plan, stack, *after.layers, after.mode);
