@@ -23,8 +23,8 @@ public:
 
     [[nodiscard]] std::optional<Seal> seal() const;
     [[nodiscard]] std::optional<Fingerprint> fingerprint() const;
-    /// Whether its era target was stopped in order: what came after that went past it. EBADMSG when that can't
-    /// be known.
+    /// Whether its era target was stopped in order: what came after that went past it. EBADMSG when that
+    /// can't be known.
     [[nodiscard]] bool wasEraStopped() const;
     /// Makes the seal say this. ESTALE, and nothing is written, where LVM says that the volume lies
     /// elsewhere: what was the seal may be somebody else's.

@@ -48,8 +48,8 @@ private:
     era::Superblock superblock;
 };
 
-/// Whether the target was stopped in order, by its first block of metadata: each era ends with that, and while
-/// the target is in use there always is a current one. What stops with the machine has one too.
+/// Whether the target was stopped in order, by its first block of metadata: each era ends with that, and
+/// while the target is in use there always is a current one. What stops with the machine has one too.
 /// EBADMSG for a block that isn't sound.
 bool wasEraStopped(std::span<const std::byte, era::blockSize> superblock);
 
