@@ -133,7 +133,7 @@ TEST_F(EraMetadataOfKernel, TellsNothingOfTheTargetWhenDamaged) {
     for (std::size_t offset = 0; offset < sound.size(); ++offset) {
         std::string damaged = sound;
         damaged[offset] = static_cast<char>(~damaged[offset]);
-        EXPECT_EQ(errorOf([&] { wasStopped(damaged); }), EBADMSG) << offset;
+        EXPECT_EQ(test::errorOf([&] { wasStopped(damaged); }), EBADMSG) << offset;
     }
 }
 
