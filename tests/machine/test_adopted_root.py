@@ -19,7 +19,10 @@ def test_root_on_a_partition_can_be_adopted_and_left_again(new_machine):
     machine.run("tolvuctl", "adopt", partition)
     machine.take_initramfs()
     machine.reboot()
-    assert machine.root()[1] == {"linear"}
+    device, kinds = machine.root()
+    assert kinds == {"linear"}
+    named = machine.run("readlink -f /dev/disk/by-uuid/$(findmnt -no UUID /)").stdout.strip()
+    assert named == machine.run("readlink", "-f", device).stdout.strip()
     root_site.expect_to_go_on(machine)
     machine.run("tolvuctl destroy 2 && tolvuctl adopt --undo", timeout=root_site.SLOW)
     machine.take_initramfs()
