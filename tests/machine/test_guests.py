@@ -7,7 +7,7 @@ import pytest
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 GUEST = pathlib.Path(__file__).with_name("guest")
-LIMIT_SECONDS = 1100
+LIMIT_SECONDS, NIGHTLY_SECONDS = 1100, 3600
 DISKS = (8 << 30,) * 4
 REPORT = "/root/report.xml"
 
@@ -17,8 +17,12 @@ def pytest_generate_tests(metafunc):
     chosen = metafunc.config.getoption("guest")
     paths = [pathlib.Path(chosen).resolve()] if chosen else sorted(GUEST.rglob("test_*.py"))
     metafunc.parametrize("path", [
-        pytest.param(path, id=path.stem, marks=[pytest.mark.nightly] if path.parent.name == "nightly" else [])
+        pytest.param(path, id=path.stem, marks=[pytest.mark.nightly] if is_nightly(path) else [])
         for path in paths])
+
+
+def is_nightly(path):
+    return path.parent.name == "nightly"
 
 
 def keep_report(machine, path):
@@ -34,6 +38,7 @@ def test_guest(path, new_machine):
     words = ["env", f"--chdir={ROOT}", *(f"{name}={value}" for name, value in environment.items()),
              "/usr/bin/python3", "-m", "pytest", "-q", "-p", "no:cacheprovider", f"--confcutdir={GUEST}",
              f"--junitxml={REPORT}", path]
-    done = machine.run(shlex.join(map(str, words)), check=False, timeout=LIMIT_SECONDS)
+    limit = NIGHTLY_SECONDS if is_nightly(path) else LIMIT_SECONDS
+    done = machine.run(shlex.join(map(str, words)), check=False, timeout=limit)
     keep_report(machine, path)
     assert done.returncode == 0, done.stdout + done.stderr
