@@ -12,7 +12,7 @@ import re
 
 from lab.appliance_client import DEVICE
 from lab.daemon import ROOT, Daemon, require_private_site
-from lab.driver import hide_driver, show_driver, show_status
+from lab.driver import show_driver, show_status
 from lab.https_client import Client
 from lab.machine import new_machine
 from lab.services import wait_until
@@ -82,6 +82,7 @@ class Examples:
         self.add("install", device, "GET", "/v2/install")
         show_status([DEVICE_OF_DRIVER])
         self.add("driver-status", device, "GET", "/v2/driver/status")
+        show_driver()
         self.add("config-set", device, "POST", "/config",
                  {"log.lifetimeHours": 72, "holepunch.enabled": True})
         self.add("config-refused", device, "POST", "/config", {"log.lifetimeHours": 0})
@@ -142,15 +143,11 @@ def with_examples(text, examples):
 
 def main():
     require_private_site()
-    show_driver()
-    try:
-        with new_machine() as authority, Site(VOLUMES) as site, Daemon() as daemon:
-            device, stranger = (Client(authority.certificate, authority.device(number))
-                                for number in (DEVICE, STRANGER))
-            daemon.wait_until_ready()
-            examples = Examples(device, stranger, site.disk).collect()
-    finally:
-        hide_driver()
+    with new_machine() as authority, Site(VOLUMES) as site, Daemon() as daemon:
+        device, stranger = (Client(authority.certificate, authority.device(number))
+                            for number in (DEVICE, STRANGER))
+        daemon.wait_until_ready()
+        examples = Examples(device, stranger, site.disk).collect()
     text = DOCUMENT.read_text(encoding="utf-8")
     DOCUMENT.write_text(with_examples(text, examples), encoding="utf-8")
 

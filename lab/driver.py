@@ -1,8 +1,8 @@
 """What the snapshot driver shows of itself, and how it is told to forget.
 
 Inside lab/namespace only: the agent is linked with the library that stands in for the driver, and looks for
-the driver's status below /run, which is private there. That library writes the files itself when the daemon
-starts; until it has, they can be written here, for machines on which no driver does anything.
+the driver's status below /run, which is private there. That library writes the files itself, anew at each
+look; a test that wants others takes it the lock by which its functions follow each other.
 """
 import json
 import pathlib
@@ -14,26 +14,36 @@ from lab.daemon import program
 STATUS = pathlib.Path("/run/tolvubd")
 INFO = STATUS / "info"
 STORE = pathlib.Path("/var/lib/tolvubd") # of what volumes held when their snapshots were taken
+LOCK = STORE / "lock"
 VERSION = "lab-1.0"
 OWN_FILES = (".tolvu", ".tolvu1", ".tolvu.inc", ".tolvu.era") # in the root of a volume
 
 
-def show_driver():
-    """Lets the agent find a driver. One that shows itself already is left alone."""
-    STATUS.mkdir(mode=0o755, exist_ok=True)
-    if not (STATUS / "version").exists():
-        (STATUS / "version").write_text(VERSION + "\n", encoding="ascii")
-        show_status([])
-
-
-def show_status(devices):
-    """Lets the driver, whichever there is, say this of its devices until its next change."""
-    INFO.write_text(json.dumps({"version": VERSION, "devices": devices}) + "\n", encoding="ascii")
+def end_session():
+    """What a restart of the machine leaves of the driver until it is asked for something."""
+    shutil.rmtree(STATUS, ignore_errors=True)
 
 
 def hide_driver():
-    """Takes the driver away, also from under a daemon that has found it."""
-    shutil.rmtree(STATUS, ignore_errors=True)
+    """Takes the driver away until show_driver(), also from under a daemon that has found it."""
+    end_session()
+    LOCK.unlink(missing_ok=True)
+    LOCK.mkdir(parents=True) # no file can be opened here, so that no function of the library gets its turn
+
+
+def show_driver():
+    """Lets the agent find the driver."""
+    if LOCK.is_dir():
+        LOCK.rmdir()
+    take_a_turn()
+
+
+def show_status(devices):
+    """Another driver in place of this one says this of its devices, until show_driver()."""
+    hide_driver()
+    STATUS.mkdir(mode=0o755)
+    (STATUS / "version").write_text(VERSION + "\n", encoding="ascii")
+    INFO.write_text(json.dumps({"version": VERSION, "devices": devices}) + "\n", encoding="ascii")
 
 
 def driver_version():
@@ -68,7 +78,7 @@ def take_a_turn():
 
 def restart():
     """As after a restart of the machine on which no reload script gives a device back."""
-    hide_driver()
+    end_session()
     take_a_turn()
 
 

@@ -58,8 +58,8 @@ std::string readSession() {
 
 StateStore::StateStore(Busy busy) {
     makeDirectory(layout::store, 0700);
-    makeDirectory(layout::runtime, 0755);
     lock = takeLock(busy);
+    makeDirectory(layout::runtime, 0755); // its being there says that there is a driver
 }
 
 Table StateStore::load() const {

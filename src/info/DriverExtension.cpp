@@ -6,13 +6,14 @@
 #include <tolvubd.h>
 
 // The kernel driver's library has no such symbols; their addresses are then null.
-// NOLINTBEGIN(readability-redundant-declaration): the attribute is what these add
+// Each is declared again for its attribute, with the names of the C interface.
+// NOLINTBEGIN(readability-redundant-declaration,readability-identifier-naming)
 extern "C" {
 __attribute__((weak)) std::int32_t tolvubd_check_snapshot(std::uint32_t minor);
 __attribute__((weak)) const char* const* tolvubd_get_own_files();
-__attribute__((weak)) std::int32_t tolvubd_get_room(const char* blockDevice, std::uint64_t* bytes);
+__attribute__((weak)) std::int32_t tolvubd_get_room(const char* block_device, std::uint64_t* bytes);
 }
-// NOLINTEND(readability-redundant-declaration)
+// NOLINTEND(readability-redundant-declaration,readability-identifier-naming)
 
 namespace agent::info {
 

@@ -144,10 +144,8 @@ def punching(appliance):
 
 @pytest.fixture
 def driver():
-    """A machine that looks as if the snapshot driver were loaded."""
+    """A machine on which the snapshot driver shows itself."""
     show_driver()
-    yield
-    hide_driver()
 
 
 @pytest.fixture(scope="module")
@@ -212,6 +210,8 @@ def protect(volumes, target, agent, appliance):
 def no_driver(agent):
     """The driver, if there was one, goes away while the agent runs."""
     hide_driver()
+    yield
+    show_driver()
 
 
 @pytest.fixture

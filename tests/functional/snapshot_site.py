@@ -142,7 +142,7 @@ class SnapshotSite(Stay):
         drop_snapshots()
         for path in STORE.iterdir():
             path.unlink()
-        driver.hide_driver()
+        driver.end_session()
         shutil.rmtree(MOUNT_ROOT, ignore_errors=True)
 
     @contextlib.contextmanager

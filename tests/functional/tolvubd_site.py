@@ -197,7 +197,7 @@ def detach_captures():
 @contextlib.contextmanager
 def started_driver():
     """A driver without devices; in the end, nothing may be left of it outside of the volumes."""
-    driver.hide_driver()
+    driver.end_session()
     must("start")
     try:
         yield

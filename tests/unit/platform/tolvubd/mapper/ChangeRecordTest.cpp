@@ -27,24 +27,24 @@ std::vector<std::size_t> numbersOf(const std::vector<bool>& flags) {
 }
 
 TEST(ChangedUnits, AreTheBlocksThatWereWritten) {
-    const std::vector<bool> changed = changedUnits({false, true, false}, 8, {}, 3 * 4096);
+    const std::vector<bool> changed = changedUnits({false, true, false}, 8, {}, 12288);
     EXPECT_EQ(numbersOf(changed), (std::vector<std::size_t>{1}));
 }
 
 TEST(ChangedUnits, AreAllUnitsOfALargerBlock) {
-    const std::vector<bool> changed = changedUnits({false, true}, 32, {}, 7 * 4096);
+    const std::vector<bool> changed = changedUnits({false, true}, 32, {}, 28672);
     EXPECT_EQ(numbersOf(changed), (std::vector<std::size_t>{4, 5, 6}));
 }
 
 TEST(ChangedUnits, AreThoseOfWhichNothingIsKnown) {
-    EXPECT_EQ(numbersOf(changedUnits({}, 8, {}, 2 * 4096 + 1)), (std::vector<std::size_t>{0, 1, 2}));
-    EXPECT_EQ(numbersOf(changedUnits({false}, 8, {}, 2 * 4096)), (std::vector<std::size_t>{1}));
+    EXPECT_EQ(numbersOf(changedUnits({}, 8, {}, 8193)), (std::vector<std::size_t>{0, 1, 2}));
+    EXPECT_EQ(numbersOf(changedUnits({false}, 8, {}, 8192)), (std::vector<std::size_t>{1}));
 }
 
 TEST(ChangedUnits, AreThoseThatCameIntoUseWithoutAWrite) {
     const std::vector<bool> nothing(8);
     const std::vector<bool> changed =
-        changedUnits(nothing, 8, {{4095, 2}, {5 * 4096, 4096}, {7 * 4096, 1 << 20}}, 8 * 4096);
+        changedUnits(nothing, 8, {{4095, 2}, {20480, 4096}, {28672, 1 << 20}}, 32768);
     EXPECT_EQ(numbersOf(changed), (std::vector<std::size_t>{0, 1, 5, 7}));
 }
 
