@@ -10,8 +10,12 @@ DISKS = (2 << 30,) * 3
 LIMIT_SECONDS = 3000
 
 
+# What is killed while it takes layers away may leave a device with an error, which only a capture can't.
+TESTS = {"test_tolvubd.py": "", "test_tolvubd_faults.py": "logical and transition_incremental"}
+
+
 @pytest.mark.nightly
-@pytest.mark.parametrize("name, chosen", (("test_tolvubd.py", ""), ("test_tolvubd_faults.py", "logical")))
+@pytest.mark.parametrize(("name", "chosen"), TESTS.items())
 def test_contract(running_machine, name, chosen):
     environment = {"MACHINE_DISKS": " ".join(disk.device for disk in running_machine.disks),
                    "BEKD_BUILD": ROOT / "build" / "release", "PYTHONDONTWRITEBYTECODE": 1, "LANG": "C.UTF-8"}
