@@ -8,9 +8,7 @@ import pytest
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 DISKS = (2 << 30,) * 3
 LIMIT_SECONDS = 3000
-
-
-# What is killed while it takes layers away may leave a device with an error, which only a capture can't.
+# What is killed while it takes layers away may leave a device with an error, as it never does with a capture.
 TESTS = {"test_tolvubd.py": "", "test_tolvubd_faults.py": "logical and transition_incremental"}
 
 
