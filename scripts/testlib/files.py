@@ -16,6 +16,7 @@ class Files:
     runs pytest, and each file's report goes to `reports`."""
 
     well = (0,) # pytest's statuses that are no failure
+    limit = LIMIT_SECONDS # for a file
 
     def __init__(self, folder, reports, before=(), environment=None):
         self.folder = folder
@@ -35,10 +36,10 @@ class Files:
         try:
             done = subprocess.run(command, cwd=ROOT, env={**os.environ, **self.environment}, text=True,
                                   stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
-                                  check=False, timeout=LIMIT_SECONDS)
+                                  check=False, timeout=self.limit)
         except subprocess.TimeoutExpired as error:
             output = (error.stdout or b"").decode(errors="replace")
-            return path, -1, time.monotonic() - begin, f"{output}\nnot done within {LIMIT_SECONDS} s"
+            return path, -1, time.monotonic() - begin, f"{output}\nnot done within {self.limit} s"
         return path, done.returncode, time.monotonic() - begin, done.stdout
 
     def run_all(self, paths, at_once):

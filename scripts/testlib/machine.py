@@ -17,6 +17,7 @@ sys.path.insert(0, str(Path(__file__).resolve().parents[1]))
 from testlib.files import ROOT, Files  # noqa: E402
 
 NO_TESTS = 5
+NIGHTLY_SECONDS = 7200 # for a file: a hundred power cuts take most of an hour
 FOLDER = ROOT / "tests" / "machine"
 GUESTS = FOLDER / "test_guests.py" # runs a suite of guest/ in a machine
 
@@ -29,6 +30,7 @@ class MachineFiles(Files):
     def __init__(self, reports, is_nightly):
         super().__init__(FOLDER, reports, environment={"BEKD_REPORTS": str(ROOT / reports)})
         self.is_nightly = is_nightly
+        self.limit = NIGHTLY_SECONDS if is_nightly else self.limit
 
     def arguments(self, path):
         chosen = [] if self.is_nightly else ["-m", "not nightly"]

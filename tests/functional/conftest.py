@@ -17,7 +17,8 @@ import pytest
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(ROOT))
-pytest.register_assert_rewrite("backup_site", "fault_site", "snapshot_site", "used_maps", "zephane_scene")
+pytest.register_assert_rewrite("backup_site", "fault_site", "snapshot_site", "tolvubd_site", "used_maps",
+                                 "zephane_scene")
 
 from backup_site import EXT4, XFS, empty, root_of  # noqa: E402
 from fault_site import DATA, FaultList, fault_site  # noqa: E402
@@ -27,11 +28,20 @@ from lab.backups import Protection  # noqa: E402
 from lab.daemon import CERTIFICATES, DATABASE, PID_FILE, Daemon, program, require_private_site  # noqa: E402
 from lab.driver import forget_devices, hide_driver, show_driver  # noqa: E402
 from lab.https_client import Client  # noqa: E402
+from lab.lvm import VolumeGroup  # noqa: E402
 from lab.machine import appliance_of  # noqa: E402
 from lab.site import Site  # noqa: E402
 from lab.system_log import SystemLog  # noqa: E402
 from lab.targets import Target  # noqa: E402
+from tolvubd_site import PLACES, LogicalVolumes, Partitions  # noqa: E402
 from zephane_scene import Scene  # noqa: E402
+
+
+def pytest_generate_tests(metafunc):
+    """Each test of a volume on each place that this machine has, or on that which the test names."""
+    if "place" in metafunc.fixturenames:
+        only = metafunc.definition.get_closest_marker("captures")
+        metafunc.parametrize("place", PLACES[:1] if only else PLACES, indirect=True)
 
 
 @pytest.fixture(scope="session", autouse=True)
@@ -136,6 +146,19 @@ def punching(appliance):
 def driver():
     """A machine on which the snapshot driver shows itself."""
     show_driver()
+
+
+@pytest.fixture(scope="module")
+def group():
+    """The machine's volume group."""
+    with VolumeGroup() as made:
+        yield made
+
+
+@pytest.fixture
+def place(request):
+    """What Volume of tolvubd_site is made on."""
+    return Partitions() if request.param == "partition" else LogicalVolumes(request.getfixturevalue("group"))
 
 
 @pytest.fixture(scope="module")

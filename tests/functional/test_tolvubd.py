@@ -20,16 +20,13 @@ from lab.driver import STATUS, STORE, forget_devices, info, nodes
 from lab.filesystems import kind_of
 from lab.images import fsck, tree_hashes
 from lab.loops import make_node
-from lab.lvm import VolumeGroup, spare_disks
 from lab.volumes import SECTORS
 from snapshot_site import keep
-from tolvubd_site import (Cow, SNAPSHOT, TRACKING, Volume, call, cow_files, LogicalVolumes,
-                          Partitions, expect_loops, layers, loops, must, started_driver, states, stored,
-                          tolvuctl, unlock)
+from tolvubd_site import (Cow, PLACES, SNAPSHOT, TRACKING, Volume, call, cow_files, expect_loops, layers,
+                          loops, must, started_driver, states, stored, tolvuctl, unlock)
 
 ROOT = pathlib.Path(__file__).parents[2]
 NODE = pathlib.Path("/dev/tolvu0")
-PLACES = ("partition", "logical volume") if spare_disks() else ("partition",)
 captures = pytest.mark.captures
 
 
@@ -45,26 +42,6 @@ def fresh_driver(site):
 def small(filesystem):
     """Sectors of a small volume."""
     return kind_of(filesystem).mebibytes * SECTORS
-
-
-def pytest_generate_tests(metafunc):
-    """Each test of a volume on each place that this machine has, or on that which the test names."""
-    if "place" in metafunc.fixturenames:
-        only = metafunc.definition.get_closest_marker("captures")
-        metafunc.parametrize("place", PLACES[:1] if only else PLACES, indirect=True)
-
-
-@pytest.fixture(scope="module")
-def group():
-    """The machine's volume group."""
-    with VolumeGroup() as made:
-        yield made
-
-
-@pytest.fixture
-def place(request):
-    """What Volume is made on."""
-    return Partitions() if request.param == "partition" else LogicalVolumes(request.getfixturevalue("group"))
 
 
 @pytest.fixture

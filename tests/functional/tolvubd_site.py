@@ -11,12 +11,14 @@ from lab.daemon import program
 from lab.driver import STORE
 from lab.filesystems import mounted
 from lab.loops import images_on
+from lab.lvm import spare_disks
 from lab.services import wait_until
 from lab.stay import Stay
 
 UNIT = 4096
 TABLE_OFFSET = 4096
 TRACKING, SNAPSHOT = 2, 3
+PLACES = ("partition", "logical volume") if spare_disks() else ("partition",) # of volumes, on this machine
 KEPT = ("lock", "starts", "state.json") # what the store holds besides captures
 
 
@@ -24,6 +26,7 @@ class Partitions:
     """Volumes that the driver captures. Each has a disk of its own, a sparse file that is gone with it."""
 
     smallest_sectors = 0
+    own_files = ()  # besides CoW files
     keeps_files_below = False
     frozen_text = "ms while {} bytes were captured" # how the log goes on, of so many bytes
 
@@ -40,10 +43,10 @@ class Partitions:
         return str(volume.device)[:-2]
 
     @staticmethod
-    def expect(shown, kept):
+    def expect(shown, kept, where=""):
         """What the driver keeps is of so many snapshots that can be read, and so many devices in all."""
-        assert len(stored()) == kept
-        expect_loops(shown)
+        assert len(stored()) == kept, where
+        expect_loops(shown, where)
 
     @staticmethod
     def check_record(told, changed, _below):
@@ -55,6 +58,7 @@ class LogicalVolumes:
     """Volumes that device-mapper tracks, in a machine's volume group."""
 
     smallest_sectors = 96 * 2048 # .tolvu.era needs room
+    own_files = (".tolvu.era",)
     # Small ones have blocks of 1 KiB else, and the kernel fills their tables while snapshots are taken.
     blocks = {name: ("-b", "4096", "-E", "lazy_itable_init=0") for name in ("ext2", "ext3", "ext4")}
     layers_tracking, layers_showing = 3, 2
@@ -76,9 +80,9 @@ class LogicalVolumes:
     def unmounted(self, _volume):
         return str(self._group.spare)
 
-    def expect(self, shown, kept):
-        assert len(layers()) == self.layers_tracking * kept + self.layers_showing * shown
-        assert (stored(), loops()) == ([], [])
+    def expect(self, shown, kept, where=""):
+        assert len(layers()) == self.layers_tracking * kept + self.layers_showing * shown, where
+        assert (stored(), loops()) == ([], []), where
 
     @staticmethod
     def check_record(told, changed, below):

@@ -10,7 +10,7 @@ from lab.logical_disk import GROUP
 
 ROOT = pathlib.Path(__file__).resolve().parents[3]
 RULES = (*ROOT.glob("platform/tolvubd/*.rules"), *ROOT.glob("lab/*.rules"))
-SECONDS = 1000
+SECONDS = 3000
 
 
 @contextlib.contextmanager
