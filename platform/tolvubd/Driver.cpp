@@ -324,16 +324,22 @@ void Driver::reconfigure(std::uint32_t minor, std::uint64_t cacheSize) {
 }
 
 void Driver::destroy(std::uint32_t minor) {
-    Table next = table;
-    const auto device = find(next.devices, minor);
-    if (device == next.devices.end()) {
+    const Table before = table;
+    const Device* device = findDevice(before, minor);
+    if (device == nullptr) {
         fail(ENOENT, "device " + std::to_string(minor));
     }
     requireUnused(minor);
-    backEndOf(*device).release(*device);
+    Table next = table;
     std::ranges::copy(removalOfCowFile(*device), std::back_inserter(next.unfinished));
-    next.devices.erase(device);
-    commit(next);
+    next.devices.erase(find(next.devices, minor));
+    commit(next); // first, as a device half taken away would be none that can be used
+    try {
+        backEndOf(*device).release(*device);
+    } catch (...) {
+        commit(before);
+        throw;
+    }
     tidy();
 }
 

@@ -8,8 +8,8 @@ import pytest
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 DISKS = (2 << 30,) * 3
 LIMIT_SECONDS = 3000
-# What is killed while it takes layers away may leave a device with an error, as it never does with a capture.
-TESTS = {"test_tolvubd.py": "", "test_tolvubd_faults.py": "logical and transition_incremental"}
+# The failures of single calls stay with captures: a look at LVM's metadata that fails may lead to one.
+TESTS = {"test_tolvubd.py": "", "test_tolvubd_faults.py": "logical and kill_at and not reload"}
 
 
 @pytest.mark.nightly
