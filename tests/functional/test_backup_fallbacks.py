@@ -121,11 +121,11 @@ def test_image_without_a_checksum_is_merged(protection, volume, database):
     check_incremental_works(protection)
 
 
-@pytest.mark.parametrize("place", [0, (10 << 20) - 1])
-def test_damaged_image_is_merged(protection, volume, database, place):
+@pytest.mark.parametrize("offset", [0, (10 << 20) - 1])
+def test_damaged_image_is_merged(protection, volume, database, offset):
     with open(protection.images[NAME].path, "r+b") as image:
-        byte = os.pread(image.fileno(), 1, place)[0]
-        os.pwrite(image.fileno(), bytes([byte ^ 1]), place)
+        byte = os.pread(image.fileno(), 1, offset)[0]
+        os.pwrite(image.fileno(), bytes([byte ^ 1]), offset)
     (cached,), = database("SELECT image_checksum FROM volumes")
     backup = protection.run()
     check(protection, backup, "differential")
