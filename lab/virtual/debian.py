@@ -3,6 +3,7 @@ import os
 import pathlib
 import shutil
 import subprocess
+import sys
 
 INSIDE = pathlib.Path(__file__).with_name("inside")
 LIMIT_SECONDS = 500
@@ -73,9 +74,10 @@ def make_tree(tree, packages, before=()):
         try:
             command(*words, env={**os.environ, "TMPDIR": str(tree.parent)})
             return
-        except BuildError:
+        except BuildError as error:
             if attempt == ATTEMPTS:
                 raise
+            print(f"{error}\ntrying again", file=sys.stderr, flush=True)
             shutil.rmtree(tree, ignore_errors=True)
 
 
