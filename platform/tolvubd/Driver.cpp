@@ -189,7 +189,7 @@ void Driver::setupSnapshot(std::uint32_t minor, const std::string& blockDevice, 
     const SnapshotPlan plan{volume, locate(volume, cowPath), cowBytes(cowMebibytes, volume)};
     Device device{minor,      Mode::snapshot, blockDevice, plan.cow.relative,
                   makeUuid(), volume.size,    cacheSize,   {}};
-    if (hasLeftOvers(plan.cow)) {
+    if (volume.servers.empty() && hasLeftOvers(plan.cow)) { // no other kind is frozen by the kernel
         requireNotFrozen(plan.cow.mountPoint);
     }
     forgetAsleepLayers(volume);

@@ -14,7 +14,7 @@ import pytest
 from change_records import differing_units, in_units
 from lab.commands import run
 from lab.daemon import program
-from lab.driver import STORE, forget_devices, nodes, stored_state
+from lab.driver import STORE, forget_devices, nodes, restart, stored_state
 from lab.filesystems import truth_of
 from lab.services import wait_until
 from served import SLOW, Load, Served, is_stopped, server_of, wait_until_stopped
@@ -257,6 +257,15 @@ def test_caller_that_its_own_file_system_waits_for_is_refused(volume, serve):
     serve("env", f"BEKD_BUILD={os.environ['BEKD_BUILD']}", program("TolvubdCall"), *snapshot_of(volume))
     answer = (volume.mount_point / "answer").read_text(encoding="ascii").split()
     assert answer == ["-1", str(errno.EDEADLK)]
+
+
+def test_setup_replaces_a_cow_file_of_nobody(volume):
+    """What the kernel can't freeze isn't asked whether somebody has frozen it."""
+    must("setup_snapshot", 0, volume.device, volume.cow, 4)
+    restart() # after which nobody gives the device back
+    assert (states(), cow_files(volume)) == ({}, [".tolvu"])
+    must("setup_snapshot", 0, volume.device, volume.cow, 4)
+    assert states() == {0: SNAPSHOT}
 
 
 def test_two_servers_are_not_held(volume, server):

@@ -151,8 +151,8 @@ void MapperBackEnd::requireRoom(const SnapshotPlan& plan, const Device& device) 
 void MapperBackEnd::takeFirst(const SnapshotPlan& plan, Device& device) {
     makeCowStore(plan, device);
     makeEraFile(plan, device);
-    const LvmLock lock(
-        LayerStack::volumeOf(*device.layers)); // from here on, where the volume lies must not change
+    // From here on, where the volume lies must not change.
+    const LvmLock lock(LayerStack::volumeOf(*device.layers));
     const dm::Device volume = LayerStack::volumeOf(*device.layers);
     LayerStack stack(device.layers->id);
     stack.createBelow(volume, *device.layers);
