@@ -17,7 +17,7 @@ from lab.daemon import program
 from lab.driver import STORE, forget_devices, nodes, restart, stored_state
 from lab.filesystems import truth_of
 from lab.services import wait_until
-from served import SLOW, Load, Served, is_stopped, server_of, wait_until_stopped
+from served import SLOW, Load, Served, is_stopped, server_of, state_of, wait_until_stopped
 from snapshot_site import check_writable
 from tolvubd_site import (Cow, SNAPSHOT, Volume, call, cow_files, must, started_driver, states, stored,
                           tolvuctl)
@@ -140,6 +140,16 @@ def caller_of(tracer):
     return wait_until(lambda: children_of(tracer.pid), 20, "the caller")[0]
 
 
+def wait_until_gone(process):
+    """Until then it may still have the driver's turn, which who only looks doesn't wait for."""
+    def is_gone():
+        try:
+            return state_of(process) == "Z"
+        except OSError:
+            return True
+    wait_until(is_gone, 20, f"the end of process {process}")
+
+
 def snapshot_of(volume):
     return "setup_snapshot", 0, volume.device, volume.cow, 1
 
@@ -148,9 +158,11 @@ def test_killed_caller_lets_the_volume_go_at_once(volume, server):
     """Long before the patience of the guard is over."""
     with delayed(60, *snapshot_of(volume)) as tracer:
         wait_until_stopped(server)
-        os.kill(caller_of(tracer), signal.SIGKILL)
+        caller = caller_of(tracer)
+        os.kill(caller, signal.SIGKILL)
         tracer.kill()
         wait_until(lambda: not is_stopped(server), 3, "the server going on")
+    wait_until_gone(caller)
     check_writable(volume.mount_point)
     must("start")
     assert (states(), nodes(), stored(), cow_files(volume)) == ({}, [], [], [])
@@ -176,6 +188,7 @@ def test_next_turn_lets_go_what_was_left_stopped(volume, server):
         for process in (*guards, caller):
             os.kill(process, signal.SIGKILL)
         tracer.kill()
+    wait_until_gone(caller)
     assert is_stopped(server)
     [unfinished] = stored_state()["unfinished"]
     assert unfinished["server"] == server
