@@ -4,7 +4,10 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
+#include <sys/socket.h>
 #include <utility>
 
 namespace agent::core::iscsi {
@@ -17,9 +20,25 @@ bool isForWantOfRoom(int status) {
     return status == SCSI_STATUS_BUSY || status == SCSI_STATUS_TASK_SET_FULL;
 }
 
-std::uint32_t pieceOf(std::uint32_t blockSize) {
-    return std::max(blockSize, Transfer::commandBytes / blockSize * blockSize);
+std::uint32_t wholeBlocks(std::uint32_t bytes, std::uint32_t blockSize) {
+    return std::max(blockSize, bytes / blockSize * blockSize);
 }
+
+/// Has what is sent fill whole packets, for as long as it lives: the library sends each header by itself, and
+/// after it as little as the target takes at once.
+class WholePackets {
+public:
+    explicit WholePackets(int socket) : socket(socket) { set(1); }
+    WholePackets(const WholePackets&) = delete;
+    WholePackets& operator=(const WholePackets&) = delete;
+    ~WholePackets() { set(0); }
+
+private:
+    /// Where that can't be, the packets are small.
+    void set(int value) const { ::setsockopt(socket, IPPROTO_TCP, TCP_CORK, &value, sizeof value); }
+
+    int socket;
+};
 
 } // namespace
 
@@ -29,6 +48,7 @@ Transfer::Transfer(const Unit& unit, CommandWindow& window, std::chrono::seconds
 bool Transfer::read(std::uint64_t lba, std::uint64_t asked, unsigned char* to, std::uint64_t length) {
     firstBlock = lba;
     total = asked;
+    commandBytes = wholeBlocks(readBytes, unit.blockSize);
     target = to;
     wanted = length;
     return run();
@@ -37,6 +57,7 @@ bool Transfer::read(std::uint64_t lba, std::uint64_t asked, unsigned char* to, s
 bool Transfer::write(std::uint64_t lba, const unsigned char* from, std::uint64_t length) {
     firstBlock = lba;
     total = length;
+    commandBytes = wholeBlocks(writeBytes, unit.blockSize);
     source = from;
     return run();
 }
@@ -78,8 +99,7 @@ Transfer::Command* Transfer::nextCommand() {
         command = find(State::idle);
         command->transfer = this;
         command->offset = begun;
-        command->bytes =
-            static_cast<std::uint32_t>(std::min<std::uint64_t>(pieceOf(unit.blockSize), total - begun));
+        command->bytes = static_cast<std::uint32_t>(std::min<std::uint64_t>(commandBytes, total - begun));
         begun += command->bytes;
     }
     return command;
@@ -123,6 +143,7 @@ bool Transfer::serve() {
     if (ready < 0 && errno != EINTR) {
         return false;
     }
+    const WholePackets packets(session.fd);
     return iscsi_service(unit.context, ready > 0 ? session.revents : 0) >= 0 && !hasFailed && !isOverdue();
 }
 

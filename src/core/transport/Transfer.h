@@ -17,7 +17,7 @@ struct Unit {
 };
 
 /// One read or write, cut into commands that are under way together. Of a large command a target fetches the
-/// data burst by burst, each after a round trip; one of no more than the first burst brings its data along.
+/// data burst by burst, each after a round trip.
 /// Owns:    its commands, of which none is left with the session in the end.
 /// Threads: the calling one, which does all of the work within the call.
 /// Fails:   by return value, with the first command that has failed: refused, answered with less data than
@@ -28,8 +28,10 @@ struct Unit {
 /// The target carries the commands out in any order.
 class Transfer {
 public:
-    /// The first burst of a target that asks for no other.
-    static constexpr std::uint32_t commandBytes = 64U << 10U;
+    /// The longest burst that the library agrees to, and what targets agree to that aren't told otherwise.
+    static constexpr std::uint32_t writeBytes = 256U << 10U;
+    /// More in one piece the library takes from the kernel and gives back with each command.
+    static constexpr std::uint32_t readBytes = 128U << 10U;
 
     Transfer(const Unit& unit, CommandWindow& window,
              std::chrono::seconds patience = std::chrono::minutes{1});
@@ -74,7 +76,8 @@ private:
     std::array<Command, CommandWindow::most> commands;
     std::uint32_t underWay = 0;
     std::uint64_t firstBlock = 0;
-    std::uint64_t total = 0;               ///< bytes to be asked for or written
+    std::uint64_t total = 0; ///< bytes to be asked for or written
+    std::uint32_t commandBytes = 0;
     std::uint64_t begun = 0;               ///< bytes that commands have been made of
     unsigned char* target = nullptr;       ///< of a read
     std::uint64_t wanted = 0;              ///< bytes of a read to be delivered

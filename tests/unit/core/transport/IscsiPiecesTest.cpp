@@ -24,7 +24,8 @@ using Outcome = FakeIscsi::Outcome;
 using enum FakeIscsi::Outcome;
 
 constexpr std::uint64_t kibibyte = 1024;
-constexpr std::uint64_t piece = 64 * kibibyte;
+constexpr std::uint64_t piece = 256 * kibibyte; ///< of a write
+constexpr std::uint64_t readPiece = 128 * kibibyte;
 constexpr std::uint64_t call = 4096 * kibibyte;
 constexpr std::uint64_t diskBytes = 3 * call;
 const std::string readCall = "iscsi_read16_task";
@@ -128,8 +129,8 @@ TEST_F(IscsiPiecesTest, ALargeWriteIsManyCommandsAtOnce) {
 
 TEST_F(IscsiPiecesTest, ALargeReadIsManyCommandsAtOnce) {
     connect();
-    read(piece, 10240 * kibibyte);
-    EXPECT_EQ(lengths(readCall), std::vector<std::uint64_t>(160, piece));
+    read(512, 10240 * kibibyte);
+    EXPECT_EQ(lengths(readCall), std::vector<std::uint64_t>(80, readPiece));
     EXPECT_EQ(iscsi.mostAtOnce, 64U) << "and no more";
     EXPECT_THAT(log.lines(), IsEmpty());
 }
@@ -138,18 +139,18 @@ TEST_F(IscsiPiecesTest, TheLastCommandHasWhatIsLeft) {
     connect();
     write(512, piece + 1536);
     EXPECT_EQ(lengths(writeCall), (std::vector<std::uint64_t>{piece, 1536}));
-    read(512, 2 * piece + 512);
-    EXPECT_EQ(lengths(readCall), (std::vector<std::uint64_t>{piece, piece, 512}));
+    read(512, 2 * readPiece + 512);
+    EXPECT_EQ(lengths(readCall), (std::vector<std::uint64_t>{readPiece, readPiece, 512}));
 }
 
 TEST_F(IscsiPiecesTest, AReadThatEndsWithinABlockIsDeliveredAsFarAsItGoes) {
     connect();
-    read(piece, piece + 100);
-    EXPECT_EQ(lengths(readCall), (std::vector<std::uint64_t>{piece, 512}));
+    read(512, readPiece + 100);
+    EXPECT_EQ(lengths(readCall), (std::vector<std::uint64_t>{readPiece, 512}));
     ASSERT_EQ(transport.seek(100, 0), 100);
-    Bytes received(piece);
-    EXPECT_EQ(transport.read(received.data(), received.size()), piece);
-    EXPECT_TRUE(received == onDisk(0, piece))
+    Bytes received(readPiece);
+    EXPECT_EQ(transport.read(received.data(), received.size()), readPiece);
+    EXPECT_TRUE(received == onDisk(0, readPiece))
         << "from the start of the block, and the last one is for nothing";
 }
 
@@ -157,7 +158,7 @@ TEST_F(IscsiPiecesTest, CommandsAreOfWholeBlocks) {
     for (const auto& [blockSize, expected] :
          std::vector<std::pair<std::uint32_t, std::vector<std::uint64_t>>>{
              {4096, {piece, piece, 4096}},
-             {1536, {64512, 64512, 6144}},
+             {1536, {261120, 261120, 6144}},
              {piece, {piece, piece, piece}},
              {1024 * kibibyte, {1024 * kibibyte}}}) {
         SCOPED_TRACE(blockSize);
@@ -186,7 +187,8 @@ TEST_F(IscsiPiecesTest, OneCommandThatFailsFailsAllOfThem) {
             SCOPED_TRACE(function + std::to_string(static_cast<int>(outcome)));
             transport.disconnect();
             connect();
-            std::vector<Outcome> outcomes(40, good); // half of them have been answered by then
+            const std::size_t all = call / (function == readCall ? readPiece : piece);
+            std::vector<Outcome> outcomes(all / 2 + 1, good); // half of them are answered by then
             outcomes.back() = outcome;
             iscsi.script(function, outcomes);
             if (function == readCall) {
@@ -195,8 +197,8 @@ TEST_F(IscsiPiecesTest, OneCommandThatFailsFailsAllOfThem) {
                 write(call, call);
             }
             EXPECT_EQ(countOf(loginCall), 1U);
-            const std::size_t sentInVain = outcome == failed ? 40 : 64;
-            EXPECT_EQ(countOf(function), sentInVain + 64) << "all of it again";
+            const std::size_t sentInVain = outcome == failed ? outcomes.size() : all;
+            EXPECT_EQ(countOf(function), sentInVain + all) << "all of it again";
             EXPECT_EQ(log.count(error, function == readCall ? "Failed during iscsi read command."
                                                             : "Failed during iscsi write command."),
                       1);
@@ -222,15 +224,15 @@ TEST_F(IscsiPiecesTest, ACommandThatFindsTheTargetBusyIsSentAgain) {
         iscsi.calls.clear();
         transport.disconnect();
         connect();
-        std::vector<Outcome> outcomes(30, good);
-        outcomes[3] = outcomes[17] = outcomes[29] = busy;
+        std::vector<Outcome> outcomes(16, good);
+        outcomes[3] = outcomes[7] = outcomes[15] = busy;
         iscsi.script(function, outcomes);
         if (function == readCall) {
             read(0, call);
         } else {
             write(0, call);
         }
-        EXPECT_EQ(countOf(function), 64U + 3U);
+        EXPECT_EQ(countOf(function), call / (function == readCall ? readPiece : piece) + 3);
         EXPECT_EQ(countOf(loginCall), 0U);
         EXPECT_THAT(log.lines(), IsEmpty());
     }
@@ -240,14 +242,14 @@ TEST_F(IscsiPiecesTest, AsManyAreUnderWayAsTheTargetHasRoomFor) {
     iscsi.slots = 10;
     connect();
     write(0, call);
-    EXPECT_EQ(iscsi.refusals, 54U) << "of the first 64";
+    EXPECT_EQ(iscsi.refusals, 6U) << "of the first 16";
     iscsi.refusals = 0;
     constexpr std::size_t later = 20;
     for (std::size_t number = 0; number < later; ++number) {
         write(number * piece, call);
         read(call, call);
     }
-    EXPECT_LE(iscsi.refusals, 2 * later * call / piece / 20)
+    EXPECT_LE(iscsi.refusals, 3 * later * call / piece / 20)
         << "one in twenty, where it was tried whether there is more room now";
     EXPECT_GE(iscsi.mostAtOnce, 10U);
     EXPECT_THAT(log.lines(), IsEmpty());
@@ -259,11 +261,11 @@ TEST_F(IscsiPiecesTest, RoomThatHasBecomeFreeIsFound) {
     write(0, call);
     iscsi.slots = 1024;
     iscsi.mostAtOnce = 0;
-    for (int number = 0; number < 64; ++number) {
+    for (int number = 0; number < 16; ++number) {
         write(0, 2 * piece);
     }
     write(0, call);
-    EXPECT_EQ(iscsi.mostAtOnce, 64U);
+    EXPECT_EQ(iscsi.mostAtOnce, call / piece);
 }
 
 TEST_F(IscsiPiecesTest, ACommandThatIsRefusedWhileItIsAloneHasFailed) {
@@ -310,7 +312,7 @@ TEST_F(IscsiPiecesTest, ACommandThatIsNotAnsweredEndsTheTransfer) {
     Bytes received(call);
     iscsi::Transfer transfer({context.get(), 3, 512}, window, std::chrono::seconds(1));
     EXPECT_FALSE(transfer.read(0, call, received.data(), call));
-    EXPECT_TRUE(std::equal(received.begin(), received.begin() + 19 * piece, iscsi.disk.begin()));
+    EXPECT_TRUE(std::equal(received.begin(), received.begin() + 19 * readPiece, iscsi.disk.begin()));
 }
 
 // --- comparing
@@ -320,7 +322,7 @@ TEST_F(IscsiPiecesTest, WhatEqualsTheImageIsReadInPiecesAndNotWritten) {
     ASSERT_EQ(transport.seek(call, 0), call);
     const Bytes same = onDisk(call, call);
     EXPECT_EQ(transport.write(same.data(), same.size()), call);
-    EXPECT_EQ(countOf(readCall), 64U);
+    EXPECT_EQ(countOf(readCall), call / readPiece);
     EXPECT_EQ(countOf(writeCall), 0U);
 }
 
@@ -331,18 +333,18 @@ TEST_F(IscsiPiecesTest, OneByteThatDiffersHasAllOfItWritten) {
     ASSERT_EQ(transport.seek(call, 0), call);
     EXPECT_EQ(transport.write(other.data(), other.size()), call);
     EXPECT_TRUE(onDisk(call, call) == other);
-    EXPECT_EQ(countOf(writeCall), 64U);
+    EXPECT_EQ(countOf(writeCall), call / piece);
 }
 
 TEST_F(IscsiPiecesTest, AComparisonOfWhichHalfIsAnsweredIsRepeatedWhole) {
     connect(true);
     const Bytes before = iscsi.disk;
     const Bytes same = onDisk(0, call);
-    std::vector<Outcome> outcomes(32, good);
+    std::vector<Outcome> outcomes(call / readPiece / 2, good);
     outcomes.back() = broken;
     iscsi.script(readCall, outcomes);
     EXPECT_EQ(transport.write(same.data(), same.size()), call);
-    EXPECT_EQ(countOf(readCall), 128U);
+    EXPECT_EQ(countOf(readCall), 2 * call / readPiece);
     EXPECT_EQ(countOf(writeCall), 0U);
     EXPECT_TRUE(iscsi.disk == before);
 }
