@@ -1,0 +1,52 @@
+"""Full backups to a target that is some way off, beside qemu's copy of the same snapshot on the same way, and
+what the number of commands in flight makes of it."""
+from bench.copy import files
+from bench.copy.bed import Bed
+from bench.copy.distance import ROUND_TRIPS, portal_of
+from bench.copy.floor import Window, beginning_of, copied_ranges, image_alone
+from bench.copy.report import GIBIBYTE, MEBIBYTE, numbers
+from bench.copy.tools import require_tools, run_qemu
+
+GIBIBYTES = 2
+BOUND = 0.9
+DEPTHS = (1, 4, 16, 32, 64)
+COMMAND_BYTES = 1 << 16
+MOVED = 128 * MEBIBYTE
+
+
+def race_round(bed, report, portal):
+    """Seconds of the copy phase and of the tool, which copies the whole device."""
+    backup = bed.backup(portal, full=True)
+    with bed.last_snapshot() as device:
+        peer = run_qemu(bed, device, "-m", "16", portal=portal)
+    report.line("", *numbers(backup.copy, peer.seconds, backup.copy / peer.seconds))
+    return backup.copy, peer.seconds
+
+
+def show_depths(bed, report, portal):
+    """For no bound: what to expect of more or fewer commands at once. Leaves noise in the image."""
+    with bed.last_snapshot() as device:
+        ranges = list(beginning_of(copied_ranges(device, bed.partition.volume.file_system), MOVED))
+    report.line(f"{MOVED // MEBIBYTE} MiB by {COMMAND_BYTES >> 10} KiB, in flight", *map(str, DEPTHS), "best")
+    for mode in ("write", "read"):
+        taken = [image_alone(bed, ranges, mode, Window(depth, COMMAND_BYTES), portal).seconds
+                 for depth in DEPTHS]
+        report.line(f"  {mode} s", *numbers(*taken), str(DEPTHS[taken.index(min(taken))]))
+
+
+def race_distance(bed, report, rounds, milliseconds):
+    report.title(f"FULL at a round trip of {milliseconds} ms")
+    report.line("", "copy s", "qemu-img s", "ratio")
+    with portal_of(bed.target.port, milliseconds) as portal:
+        copy, peer = map(min, zip(*(race_round(bed, report, portal) for _ in range(rounds))))
+        report.bound(f"FULL beside qemu-img convert, {milliseconds} ms", copy / peer, BOUND)
+        show_depths(bed, report, portal)
+
+
+def race(arguments, report):
+    require_tools()
+    with Bed(arguments.directory, GIBIBYTES, images="/tmp", poisoned=False) as bed:
+        files.fill(bed.roots[0], GIBIBYTES * GIBIBYTE // 3)
+        bed.backup(full=True) # each file gets its place
+        for milliseconds in ROUND_TRIPS:
+            race_distance(bed, report, arguments.rounds, milliseconds)
