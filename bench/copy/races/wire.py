@@ -1,5 +1,7 @@
 """Full backups to a target that is some way off, beside qemu's copy of the same snapshot on the same way, and
-what the number of commands in flight makes of it."""
+how many commands in flight would be best there."""
+import itertools
+
 from bench.copy import files
 from bench.copy.bed import Bed
 from bench.copy.distance import ROUND_TRIPS, portal_of
@@ -10,7 +12,7 @@ from bench.copy.tools import require_tools, run_qemu
 GIBIBYTES = 2
 BOUND = 0.9
 DEPTHS = (1, 4, 16, 32, 64)
-COMMAND_BYTES = 1 << 16
+COMMAND_BYTES = (1 << 16, 1 << 18)
 MOVED = 128 * MEBIBYTE
 
 
@@ -27,11 +29,10 @@ def show_depths(bed, report, portal):
     """For no bound: what to expect of more or fewer commands at once. Leaves noise in the image."""
     with bed.last_snapshot() as device:
         ranges = list(beginning_of(copied_ranges(device, bed.partition.volume.file_system), MOVED))
-    report.line(f"{MOVED // MEBIBYTE} MiB by {COMMAND_BYTES >> 10} KiB, in flight", *map(str, DEPTHS), "best")
-    for mode in ("write", "read"):
-        taken = [image_alone(bed, ranges, mode, Window(depth, COMMAND_BYTES), portal).seconds
-                 for depth in DEPTHS]
-        report.line(f"  {mode} s", *numbers(*taken), str(DEPTHS[taken.index(min(taken))]))
+    report.line(f"s of {MOVED // MEBIBYTE} MiB, commands in flight", *map(str, DEPTHS), "best")
+    for mode, size in itertools.product(("write", "read"), COMMAND_BYTES):
+        taken = [image_alone(bed, ranges, mode, Window(depth, size), portal).seconds for depth in DEPTHS]
+        report.line(f"  {mode}, {size >> 10} KiB", *numbers(*taken), str(DEPTHS[taken.index(min(taken))]))
 
 
 def race_distance(bed, report, rounds, milliseconds):
