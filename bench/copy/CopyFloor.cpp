@@ -1,4 +1,4 @@
-#include "bench/copy/CommandWindow.h"
+#include "bench/copy/CommandStream.h"
 #include "bench/copy/Disk.h"
 #include "bench/copy/Source.h"
 #include "common/AlignedBuffer.h"
@@ -75,15 +75,15 @@ Times readSource(Arguments arguments, const Chunks& chunks) {
     return {.local = Clock::now() - begin};
 }
 
-Times moveRemote(CommandWindow::Direction direction, Arguments arguments, const Chunks& chunks) {
-    CommandWindow window(diskOf(arguments), direction, std::stoul(arguments[3]), std::stoul(arguments[4]));
+Times moveRemote(CommandStream::Direction direction, Arguments arguments, const Chunks& chunks) {
+    CommandStream stream(diskOf(arguments), direction, std::stoul(arguments[3]), std::stoul(arguments[4]));
     const Clock::time_point begin = Clock::now();
     for (const Chunk& chunk : chunks) {
-        window.move(chunk.offset, chunk.length);
+        stream.move(chunk.offset, chunk.length);
     }
-    window.finish();
+    stream.finish();
     const Seconds taken = Clock::now() - begin;
-    window.logOut();
+    stream.logOut();
     return {.remote = taken};
 }
 
@@ -96,7 +96,7 @@ Times run(const std::string& mode, Arguments arguments, const Chunks& chunks) {
     }
     if ((mode == "write" || mode == "read") && arguments.size() == 5) {
         const bool isWrite = mode == "write";
-        return moveRemote(isWrite ? CommandWindow::Direction::write : CommandWindow::Direction::read,
+        return moveRemote(isWrite ? CommandStream::Direction::write : CommandStream::Direction::read,
                           arguments, chunks);
     }
     throw std::invalid_argument(usage);

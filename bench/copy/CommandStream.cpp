@@ -1,4 +1,4 @@
-#include "bench/copy/CommandWindow.h"
+#include "bench/copy/CommandStream.h"
 
 #include "core/transport/Libiscsi.h"
 
@@ -16,7 +16,7 @@ constexpr std::byte noise{0xA5};
 
 } // namespace
 
-CommandWindow::CommandWindow(Disk disk, Direction direction, std::size_t commandBytes, std::size_t depth)
+CommandStream::CommandStream(Disk disk, Direction direction, std::size_t commandBytes, std::size_t depth)
     : direction(direction),
       commandBytes(commandBytes),
       buffer(commandBytes * depth, alignment),
@@ -25,45 +25,45 @@ CommandWindow::CommandWindow(Disk disk, Direction direction, std::size_t command
     std::ranges::fill(bytes, noise);
     slots.reserve(depth);
     for (std::size_t number = 0; number < depth; ++number) {
-        slots.push_back({.window = this, .data = &bytes[number * commandBytes]});
+        slots.push_back({.stream = this, .data = &bytes[number * commandBytes]});
         free.push_back(&slots.back());
     }
 }
 
-void CommandWindow::move(std::uint64_t offset, std::uint64_t length) {
+void CommandStream::move(std::uint64_t offset, std::uint64_t length) {
     for (std::uint64_t done = 0; done < length; done += commandBytes) {
         send(offset + done, std::min<std::uint64_t>(commandBytes, length - done));
     }
 }
 
-void CommandWindow::finish() {
+void CommandStream::finish() {
     while (free.size() < slots.size()) {
         serve();
     }
 }
 
-void CommandWindow::send(std::uint64_t offset, std::size_t length) {
+void CommandStream::send(std::uint64_t offset, std::size_t length) {
     while (free.empty()) {
         serve();
     }
     Slot* const slot = free.back();
     free.pop_back();
     const auto begin = direction == Direction::write ? &Disk::beginWrite : &Disk::beginRead;
-    (disk.*begin)(offset, slot->data, length, &CommandWindow::answered, slot);
+    (disk.*begin)(offset, slot->data, length, &CommandStream::answered, slot);
 }
 
-void CommandWindow::serve() {
+void CommandStream::serve() {
     disk.serve();
     if (isRefused) {
         throw std::runtime_error("the target refuses a command");
     }
 }
 
-void CommandWindow::answered(iscsi_context* /*context*/, int status, void* task, void* place) {
+void CommandStream::answered(iscsi_context* /*context*/, int status, void* task, void* place) {
     const core::iscsi::Task done(static_cast<scsi_task*>(task));
     auto* const slot = static_cast<Slot*>(place);
-    slot->window->isRefused |= status != SCSI_STATUS_GOOD;
-    slot->window->free.push_back(slot);
+    slot->stream->isRefused |= status != SCSI_STATUS_GOOD;
+    slot->stream->free.push_back(slot);
 }
 
 } // namespace agent::bench

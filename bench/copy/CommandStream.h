@@ -13,17 +13,17 @@ namespace agent::bench {
 /// Owns:    the disk, and memory for all commands. What is written is noise of no use to anybody.
 /// Threads: one at a time.
 /// Fails:   by std::runtime_error, where a target refuses a command too.
-class CommandWindow {
+class CommandStream {
 public:
     enum class Direction { read, write };
 
     /// Up to `depth` commands of at most `commandBytes`.
-    CommandWindow(Disk disk, Direction direction, std::size_t commandBytes, std::size_t depth);
-    CommandWindow(const CommandWindow&) = delete;
-    CommandWindow& operator=(const CommandWindow&) = delete;
-    CommandWindow(CommandWindow&&) = delete;
-    CommandWindow& operator=(CommandWindow&&) = delete;
-    ~CommandWindow() = default;
+    CommandStream(Disk disk, Direction direction, std::size_t commandBytes, std::size_t depth);
+    CommandStream(const CommandStream&) = delete;
+    CommandStream& operator=(const CommandStream&) = delete;
+    CommandStream(CommandStream&&) = delete;
+    CommandStream& operator=(CommandStream&&) = delete;
+    ~CommandStream() = default;
 
     /// Sends the commands for these bytes. The last ones may not be answered yet when it returns.
     void move(std::uint64_t offset, std::uint64_t length);
@@ -33,7 +33,7 @@ public:
 
 private:
     struct Slot {
-        CommandWindow* window;
+        CommandStream* stream;
         std::byte* data;
     };
 
