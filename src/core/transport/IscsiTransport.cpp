@@ -239,17 +239,12 @@ std::int64_t IscsiTransport::tryRead(void* data, std::uint64_t length, bool& fai
         // Never more than was asked for, which it would be where the position is no block's start.
         length = std::min(length, blockSize * count);
     }
-    const iscsi::Task task = runCommand(lock, [&] {
-        return iscsi_read16_sync(context.get(), lun, lba, static_cast<std::uint32_t>(count * blockSize),
-                                 static_cast<int>(blockSize), 0, 0, 0, 0, 0);
+    const bool isDone = run(lock, [&](iscsi::Transfer& transfer) {
+        return transfer.read(lba, count * blockSize, static_cast<unsigned char*>(data), length);
     });
-    // A target may say that all is well and yet deliver less.
-    if (!iscsi::isGood(task) || task->datain.size < 0 ||
-        static_cast<std::uint64_t>(task->datain.size) < length) {
+    if (!isDone) {
         return failCommand("Failed during iscsi read command.", failed);
     }
-    // Of nothing there may be no address.
-    std::copy_n(task->datain.data, length, static_cast<unsigned char*>(data));
     position += static_cast<std::int64_t>(length);
     return static_cast<std::int64_t>(length);
 }
@@ -269,14 +264,10 @@ std::int64_t IscsiTransport::tryWrite(const void* data, std::uint64_t length, bo
         return -1;
     }
     length = std::min(length / blockSize, blockCount - lba) * blockSize;
-    // The library takes what it only reads as a pointer to what it could change.
-    // NOLINTNEXTLINE(cppcoreguidelines-pro-type-const-cast)
-    auto* const bytes = static_cast<unsigned char*>(const_cast<void*>(data));
-    const iscsi::Task task = runCommand(lock, [&] {
-        return iscsi_write16_sync(context.get(), lun, lba, bytes, static_cast<std::uint32_t>(length),
-                                  static_cast<int>(blockSize), 0, 0, 0, 0, 0);
+    const bool isDone = run(lock, [&](iscsi::Transfer& transfer) {
+        return transfer.write(lba, static_cast<const unsigned char*>(data), length);
     });
-    if (!iscsi::isGood(task)) {
+    if (!isDone) {
         return failCommand("Failed during iscsi write command.", failed);
     }
     position += static_cast<std::int64_t>(length);
@@ -301,14 +292,18 @@ bool IscsiTransport::isReady() const {
     return true;
 }
 
-iscsi::Task IscsiTransport::runCommand(Lock& lock, const std::function<scsi_task*()>& command) {
+bool IscsiTransport::run(Lock& lock, const std::function<bool(iscsi::Transfer& transfer)>& work) {
+    if (broken) {
+        return false;
+    }
     const BrokenPipeGuard guard;
     busy = true;
     lock.unlock();
-    iscsi::Task task(command());
+    iscsi::Transfer transfer({context.get(), lun, blockSize}, window);
+    const bool isDone = work(transfer);
     lock.lock();
     busy = false;
-    return task;
+    return isDone;
 }
 
 std::int64_t IscsiTransport::failCommand(const char* message, bool& failed) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "core/transport/IscsiLibrary.h"
+#include "core/transport/Transfer.h"
 #include "core/transport/Transport.h"
 
 #include <cstddef>
@@ -13,11 +14,12 @@ namespace agent::core {
 
 /// A remote image on a LUN of an iSCSI target, from a fixed byte offset of it on.
 /// Owns:    the session with the target; one for each object, made by `connect`.
-/// Threads: one at a time. A second one that comes while a command is under way gets EBUSY at once; no lock
+/// Threads: one at a time. A second one that comes while commands are under way gets EBUSY at once; no lock
 ///          is held while the network is waited for.
-/// Fails:   by return value, after a line in the log. A read or write that fails is tried again over a new
-///          session, five times at intervals of a second, so a target may be restarted meanwhile. Each
-///          command gives up after a minute. Broken pipes raise no signal.
+/// Fails:   by return value, after a line in the log. A read or write is many commands at once; with one that
+///          fails, all of it has failed. It is tried again over a new session, five times at intervals of a
+///          second, so a target may be restarted meanwhile. Each command gives up after a minute. Broken pipes
+///          raise no signal.
 ///
 /// Positions and lengths of reads and writes are meant to be whole blocks of the target. Writes insist on it;
 /// reads deliver from the start of the block.
@@ -65,8 +67,9 @@ private:
     [[nodiscard]] std::uint64_t firstByte() const;
     /// Whether a command can be sent now; `errno` tells why not.
     [[nodiscard]] bool isReady() const;
-    iscsi::Task runCommand(Lock& lock, const std::function<scsi_task*()>& command);
-    /// What becomes of a command that the target has not carried out: -1 with EIO.
+    /// False without anything sent over a session that has broken.
+    bool run(Lock& lock, const std::function<bool(iscsi::Transfer& transfer)>& work);
+    /// What becomes of a transfer that the target has not carried out: -1 with EIO.
     std::int64_t failCommand(const char* message, bool& failed);
     void flush();
     [[nodiscard]] std::uint64_t size() const { return blockSize * blockCount; }
@@ -83,7 +86,8 @@ private:
     std::uint64_t offset;
     std::uint32_t blockSize = 0; ///< bytes
     std::uint64_t blockCount = 0;
-    bool busy = false;   ///< a command is in flight
+    iscsi::CommandWindow window;
+    bool busy = false;   ///< commands are in flight
     bool broken = false; ///< the session can't be trusted: no orderly logout
     std::mutex mutex;    ///< guards the command path
     std::vector<std::byte> diffBuffer;
