@@ -14,10 +14,10 @@
 namespace agent::test {
 
 /// Takes the place of libiscsi in the program that holds it: those of its functions that the transport calls,
-/// and a disk in memory behind them. All calls but those that only ask, wait or free are noted in the order in
-/// which they come, sleeps too, with their arguments but for contexts and data. A command that isn't waited
-/// for is carried out when it is answered, of which each wait brings one. One object at a time; calls of
-/// several threads must not overlap.
+/// and a disk in memory behind them. All calls but those that only ask, wait or free are noted in the order
+/// in which they come, sleeps too, with their arguments but for contexts and data. A command that isn't
+/// waited for is carried out when it is answered, of which each wait brings one. One object at a time; calls
+/// of several threads must not overlap.
 class FakeIscsi {
 public:
     enum class Outcome {

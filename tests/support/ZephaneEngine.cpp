@@ -37,11 +37,13 @@ pid_t start(std::vector<std::string> arguments) {
 } // namespace
 
 ZephaneEngine::ZephaneEngine(const std::vector<std::string>& arguments) {
-    std::vector<std::string> all{"nbdkit", "-f", "--exit-with-parent", "-U", socket(), "--filter=log"};
+    const std::string ready = directory / "ready"; // the socket is there before anybody listens
+    std::vector<std::string> all{"nbdkit", "-f", "--exit-with-parent", "-U" + socket()};
+    all.insert(all.end(), {"-P" + ready, "--filter=log"});
     all.insert(all.end(), arguments.begin(), arguments.end());
     all.push_back("logfile=" + std::string(directory / "log"));
     process = start(std::move(all));
-    if (!agent::test::eventually([this] { return std::filesystem::is_socket(socket()); })) {
+    if (!agent::test::eventually([&] { return std::filesystem::exists(ready); })) {
         kill();
         throw std::runtime_error("nbdkit doesn't come up");
     }

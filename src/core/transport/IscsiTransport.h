@@ -18,8 +18,8 @@ namespace agent::core {
 ///          is held while the network is waited for.
 /// Fails:   by return value, after a line in the log. A read or write is many commands at once; with one that
 ///          fails, all of it has failed. It is tried again over a new session, five times at intervals of a
-///          second, so a target may be restarted meanwhile. Each command gives up after a minute. Broken pipes
-///          raise no signal.
+///          second, so a target may be restarted meanwhile. Each command gives up after a minute. Broken
+///          pipes raise no signal.
 ///
 /// Positions and lengths of reads and writes are meant to be whole blocks of the target. Writes insist on it;
 /// reads deliver from the start of the block.

@@ -79,8 +79,8 @@ TEST(NbdImage, HolesAreCutIntoRequestsAndReadAsZeros) {
     Bytes back(4096, 1);
     image.read(back, large - 4096);
     EXPECT_THAT(back, Each(0));
-    EXPECT_EQ(engine.requests().at(2), "Zero 0x0 0x2000000");
-    EXPECT_EQ(engine.requests().at(3), "Zero 0x2000000 0x800000");
+    EXPECT_THAT(engine.requests(), testing::IsSupersetOf({"Zero 0x0 0x2000000", "Zero 0x2000000 0x800000"}))
+        << "which the engine may begin in any order";
 }
 
 TEST(NbdImage, AHoleIsFreedOnTheEnginesDisk) {
