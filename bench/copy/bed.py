@@ -144,12 +144,17 @@ class Bed(Stay):
         """Lets nothing that came before be still on its way to the disk."""
         subprocess.run(["sync", "--file-system", self.place], check=True)
 
+    @property
+    def capture(self):
+        """The file with the bytes of the last snapshot, with holes for zeros: the driver has kept it, to
+        compare the next one with."""
+        [capture] = STORE.glob("*.img")
+        return capture
+
     @contextlib.contextmanager
     def last_snapshot(self):
-        """The device that shows the last snapshot again: the driver has kept its bytes, to compare the next
-        one with, and has shown them in the same way."""
-        [capture] = STORE.glob("*.img")
-        with attached(capture) as device:
+        """The device that shows the last snapshot again, in the way in which the driver has shown it."""
+        with attached(self.capture) as device:
             yield device
 
     def backup(self, way=None, chosen=slice(None), **options):
