@@ -9,7 +9,8 @@ void CommandWindow::shrink(std::uint32_t others) {
 }
 
 void CommandWindow::grow() {
-    commands = std::min(commands + 1, most);
+    constexpr std::uint32_t part = 8; // so that one refusal isn't felt for long, and few come of trying
+    commands = std::min(commands + commands / part + 1, most);
 }
 
 } // namespace agent::core::iscsi

@@ -6,7 +6,7 @@ namespace agent::core::iscsi {
 
 /// How many commands a target is given at a time. That is found out: as many as a large transfer has, until
 /// the target refuses one for want of room; then as many as it had, and with each transfer that it takes
-/// without a refusal one more, as the room may have been needed by others.
+/// without a refusal some more, as the room may have been needed by others.
 /// Threads: one at a time.
 class CommandWindow {
 public:

@@ -42,7 +42,7 @@ bool Transfer::write(std::uint64_t lba, const unsigned char* from, std::uint64_t
 }
 
 bool Transfer::run() {
-    while (underWay > 0 || begun < total || find(State::refused) != nullptr) {
+    while (underWay > 0 || hasMore()) {
         if (!sendWhatFits() || !serve()) {
             abandon();
             return false;
@@ -52,6 +52,10 @@ bool Transfer::run() {
         window.grow();
     }
     return true;
+}
+
+bool Transfer::hasMore() const {
+    return begun < total || std::ranges::find(commands, State::refused, &Command::state) != commands.end();
 }
 
 bool Transfer::sendWhatFits() {
@@ -87,13 +91,13 @@ Transfer::Command* Transfer::find(State state) {
 }
 
 bool Transfer::send(Command& command) {
-    command.isAlone = window.size() == 1;
+    command.state = State::sent;
+    command.isAlone = underWay == 0 && (window.size() == 1 || !hasMore());
     command.deadline = Clock::now() + patience;
     command.task = makeTask(command);
     if (!command.task) {
         return false;
     }
-    command.state = State::sent;
     ++underWay;
     return true;
 }

@@ -55,6 +55,7 @@ private:
     };
 
     bool run();
+    [[nodiscard]] bool hasMore() const;
     bool sendWhatFits();
     Command* nextCommand();
     Command* find(State state);
