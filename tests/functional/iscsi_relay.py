@@ -83,11 +83,14 @@ class Session:
 
     def _carry(self, source, handle):
         """One direction, until either end has gone."""
-        with contextlib.suppress(OSError, EOFError):
+        try:
             while True:
                 self._wait(source)
                 handle(wire.receive(source))
-        self.cut()
+        except (OSError, EOFError):
+            pass # it is over
+        finally:
+            self.cut()
 
     def _wait(self, source):
         """Tells the fault when nothing comes."""

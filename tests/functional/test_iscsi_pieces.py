@@ -60,7 +60,7 @@ class Call:
     """One call that transfers the whole image, by one of three ways."""
 
     def __init__(self, kind, transport, image, source, directory):
-        self._kind = kind
+        self.kind = kind
         self._transport = transport
         self._image = image
         self._source = source
@@ -73,7 +73,7 @@ class Call:
 
     def run(self):
         """Does it, and sees to it that all of it has arrived."""
-        if self._kind == "read":
+        if self.kind == "read":
             assert self._transport.read(SIZE, self._directory) == self._source.read_bytes()
         else:
             assert self._transport.write(self._source) == SIZE
@@ -90,7 +90,7 @@ def test_a_call_is_many_commands_in_flight_at_once(call, relay, transport):
     call.run()
     assert transport.complaints() == []
     assert [session.counts for session in relay.sessions] == [{call.command: PIECES}]
-    assert relay.sessions[0].most > 1
+    assert relay.sessions[0].most > 8
 
 
 def test_answers_in_another_order(call, relay, transport):
@@ -186,7 +186,7 @@ def test_a_session_that_breaks_with_half_of_the_commands_answered(call, relay, t
     check_repeated(call, relay, transport)
     assert relay.sessions[0].answered == PIECES // 2
     assert relay.fault.lost > 0
-    faults.note(f"{call.command} cut with {relay.fault.lost} of {PIECES} commands lost", "repeated")
+    faults.note(f"{relay.name}: {call.kind}, cut with {relay.fault.lost} of {PIECES} under way", "repeated")
 
 
 @pytest.mark.parametrize("target", [Target], indirect=True)
