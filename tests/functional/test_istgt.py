@@ -39,7 +39,7 @@ def test_killed_it_comes_back_with_all_it_was_given():
 def test_paused_it_lets_initiators_wait():
     with Istgt() as target:
         image = target.add_image("data", MIB)
-        with Initiator(target, image.lun, seconds=1) as initiator:
+        with Initiator(target, image.lun, seconds=4) as initiator: # a login takes one
             target.pause()
             with pytest.raises(InitiatorError):
                 initiator.write(0, b"w" * 512)
