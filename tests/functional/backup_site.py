@@ -11,6 +11,7 @@ import pytest
 
 import snapshot_site
 from change_records import Moment, common, extents_of_units, marked_units
+from iscsi_call import LONGEST_WRITE
 from lab import driver
 from lab.backups import capture_of
 from lab.daemon import SCRIPTS
@@ -19,7 +20,7 @@ from lab.targets import Target
 from lab.zephane import ZephaneServer
 
 LONGEST = 4 << 20 # nothing longer is read or sent at once
-LONGEST_COMMAND = {Target.interface: 64 << 10, ZephaneServer.interface: LONGEST}
+LONGEST_COMMAND = {Target.interface: LONGEST_WRITE, ZephaneServer.interface: LONGEST}
 OVER_BOTH = pytest.mark.parametrize("target", [Target, ZephaneServer], indirect=True,
                                     ids=["iscsi", "zephane"])
 EXT4 = dataclasses.replace(snapshot_site.EXT4, mebibytes=320)

@@ -11,6 +11,8 @@ from lab.services import wait_until
 SECONDS = 60
 ROUNDS = 5 # of trying again
 WARNING = 2
+LONGEST_WRITE = 256 << 10 # one command
+LONGEST_READ = 128 << 10 # likewise
 OVERWRITE = "165" # what is freed, so that it shows if it is used again
 WRITE_FAILED = "Failed during iscsi write command."
 READ_FAILED = "Failed during iscsi read command."

@@ -5,7 +5,8 @@ import math
 import pytest
 
 from fault_site import seeded
-from iscsi_call import READ_AGAIN, READ_FAILED, ROUNDS, WRITE_AGAIN, WRITE_FAILED, Transport
+from iscsi_call import (LONGEST_READ, LONGEST_WRITE, READ_AGAIN, READ_FAILED, ROUNDS, WRITE_AGAIN,
+                        WRITE_FAILED, Transport)
 from iscsi_faults import Cut, Fault, Refuse, Reorder, Shorten, Slots
 from iscsi_relay import Relay
 from iscsi_wire import BUSY, CHECK_CONDITION, TASK_SET_FULL
@@ -13,7 +14,6 @@ from lab.istgt import Istgt
 from lab.targets import Target
 
 SECTOR = 512
-PIECE = 64 << 10 # the longest command
 LONGEST = 4 << 20 # call
 SIZE = 6 << 20
 CALLS_OF_ONE = 10 # transport
@@ -120,7 +120,7 @@ class Run:
     def _make_one(self, calls, kind):
         call = self._chosen.choice([calls.read, calls.write, calls.compare])
         offset, length = calls.place()
-        commands = math.ceil(length / PIECE)
+        commands = math.ceil(length / (LONGEST_WRITE if call == calls.write else LONGEST_READ))
         fault = FAULTS[kind](self._chosen, commands)
         call(offset, length, fault)
         if fault.injected:

@@ -7,7 +7,8 @@ import time
 import pytest
 
 from contract import IMAGE_BYTES, assert_keeps_contract
-from iscsi_call import READ_AGAIN, READ_FAILED, ROUNDS, WRITE_AGAIN, WRITE_FAILED, Transport
+from iscsi_call import (LONGEST_READ, LONGEST_WRITE, READ_AGAIN, READ_FAILED, ROUNDS, WRITE_AGAIN,
+                        WRITE_FAILED, Transport)
 from iscsi_faults import SILENCE, Cut, Refuse, Reorder, Shorten, Slots
 from iscsi_relay import Relay
 from iscsi_wire import BUSY, CHECK_CONDITION, TASK_SET_FULL
@@ -17,8 +18,7 @@ from lab.targets import Target
 
 SECTOR = 512
 SIZE = 4 << 20 # of an image, and of the longest call
-PIECE = 64 << 10 # the longest command
-PIECES = SIZE // PIECE
+COMMANDS = {"write": SIZE // LONGEST_WRITE, "read": SIZE // LONGEST_READ} # of such a call
 EACH = range(1 << 30)
 COMMAND_SECONDS = 60
 TROUBLES = {"write": [WRITE_FAILED, WRITE_AGAIN], "read": [READ_FAILED, READ_AGAIN]}
@@ -66,6 +66,7 @@ class Call:
         self._source = source
         self._directory = directory
         self.command = "write" if kind == "write" else "read"
+        self.commands = COMMANDS[self.command]
         self.troubles = TROUBLES[self.command]
         if kind != "write":
             image.path.write_bytes(source.read_bytes())
@@ -86,38 +87,38 @@ def call(request, transport, image, source, tmp_path):
 
 
 def test_a_call_is_many_commands_in_flight_at_once(call, relay, transport):
-    relay.fault = Reorder(PIECES)
+    relay.fault = Reorder(call.commands)
     call.run()
     assert transport.complaints() == []
-    assert [session.counts for session in relay.sessions] == [{call.command: PIECES}]
+    assert [session.counts for session in relay.sessions] == [{call.command: call.commands}]
     assert relay.sessions[0].most > 8
 
 
 def test_answers_in_another_order(call, relay, transport):
-    relay.fault = Reorder(16)
+    relay.fault = Reorder(5)
     call.run()
     assert transport.complaints() == []
     assert relay.fault.largest > 1
-    assert relay.total(call.command) == PIECES
+    assert relay.total(call.command) == call.commands
 
 
 @NOT_NOW
 def test_commands_that_are_refused_for_now_are_sent_again(call, relay, transport, status):
     """Over the same session, and nothing is said of it."""
-    relay.fault = Refuse(status, range(1, PIECES, 3))
+    relay.fault = Refuse(status, range(1, call.commands, 3))
     call.run()
     assert transport.complaints() == []
-    assert relay.fault.injected == len(range(1, PIECES, 3))
-    assert [session.counts for session in relay.sessions] == [{call.command: PIECES + relay.fault.injected}]
+    assert relay.fault.injected == len(range(1, call.commands, 3))
+    assert [session.counts for session in relay.sessions] == [{call.command: call.commands + relay.fault.injected}]
 
 
 @pytest.mark.parametrize("target", [Target], indirect=True) # the other make gets data with the command
 @pytest.mark.parametrize("call", ["write"], indirect=True)
 def test_a_target_that_refuses_commands_before_it_has_their_data(call, relay, transport):
-    relay.fault = Refuse(TASK_SET_FULL, range(1, PIECES, 3), is_early=True)
+    relay.fault = Refuse(TASK_SET_FULL, range(1, call.commands, 3), is_early=True)
     call.run()
     assert transport.complaints() == []
-    assert relay.fault.injected == len(range(1, PIECES, 3))
+    assert relay.fault.injected == len(range(1, call.commands, 3))
 
 
 @NOT_NOW
@@ -141,7 +142,7 @@ def test_a_target_that_takes_nothing_fails_the_call(relay, transport, image, sou
 
 
 def test_the_number_in_flight_settles_at_what_a_target_takes(target, image, source):
-    slots, calls = 8, 8
+    slots, calls = 4, 8
     with LongWay(target.port, 0.002) as way, Relay(target, way.portal) as relay, \
             Transport(relay, image) as transport:
         assert transport.do("connect") == 0
@@ -165,35 +166,35 @@ def check_repeated(call, relay, transport):
     assert relay.fault.injected == 1
     assert transport.complaints() == call.troubles
     assert len(relay.sessions) == 2
-    assert relay.sessions[1].counts[call.command] == PIECES
+    assert relay.sessions[1].counts[call.command] == call.commands
 
 
-@pytest.mark.parametrize("number", [0, PIECES - 1])
+@pytest.mark.parametrize("number", [0, -1])
 def test_one_command_of_many_fails(call, relay, transport, number):
-    relay.fault = Refuse(CHECK_CONDITION, {number})
+    relay.fault = Refuse(CHECK_CONDITION, {number % call.commands})
     check_repeated(call, relay, transport)
 
 
 @pytest.mark.parametrize("call", ["read", "compare"], indirect=True)
 @pytest.mark.parametrize(("missing", "is_told"), [(SECTOR, True), (SECTOR, False), (1, False)])
 def test_a_command_that_delivers_less(call, relay, transport, missing, is_told):
-    relay.fault = Shorten({PIECES // 2}, missing, is_told)
+    relay.fault = Shorten({call.commands // 2}, missing, is_told)
     check_repeated(call, relay, transport)
 
 
 def test_a_session_that_breaks_with_half_of_the_commands_answered(call, relay, transport, faults):
-    relay.fault = Cut(PIECES // 2)
+    relay.fault = Cut(call.commands // 2)
     check_repeated(call, relay, transport)
-    assert relay.sessions[0].answered == PIECES // 2
+    assert relay.sessions[0].answered == call.commands // 2
     assert relay.fault.lost > 0
-    faults.note(f"{relay.name}: {call.kind}, cut with {relay.fault.lost} of {PIECES} under way", "repeated")
+    faults.note(f"{relay.name}: {call.kind}, cut with {relay.fault.lost} of {call.commands} under way", "repeated")
 
 
 @pytest.mark.parametrize("target", [Target], indirect=True)
 def test_a_command_that_is_never_answered(relay, transport, image, source):
     """It has its minute; then the call is repeated."""
     assert transport.do("connect") == 0
-    relay.fault = Refuse(SILENCE, {PIECES // 2})
+    relay.fault = Refuse(SILENCE, {COMMANDS["write"] // 2})
     begun = time.monotonic()
     transport.give("write", source, 0, SIZE)
     assert transport.has_answer(2 * COMMAND_SECONDS)
