@@ -109,7 +109,8 @@ def test_commands_that_are_refused_for_now_are_sent_again(call, relay, transport
     call.run()
     assert transport.complaints() == []
     assert relay.fault.injected == len(range(1, call.commands, 3))
-    assert [session.counts for session in relay.sessions] == [{call.command: call.commands + relay.fault.injected}]
+    assert len(relay.sessions) == 1
+    assert relay.total(call.command) == call.commands + relay.fault.injected
 
 
 @pytest.mark.parametrize("target", [Target], indirect=True) # the other make gets data with the command
@@ -187,7 +188,8 @@ def test_a_session_that_breaks_with_half_of_the_commands_answered(call, relay, t
     check_repeated(call, relay, transport)
     assert relay.sessions[0].answered == call.commands // 2
     assert relay.fault.lost > 0
-    faults.note(f"{relay.name}: {call.kind}, cut with {relay.fault.lost} of {call.commands} under way", "repeated")
+    faults.note(f"{relay.name}: {call.kind}, cut with {relay.fault.lost} of {call.commands} under way",
+                "repeated")
 
 
 @pytest.mark.parametrize("target", [Target], indirect=True)

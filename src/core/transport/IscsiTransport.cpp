@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstring>
 #include <limits>
+#include <span>
 #include <utility>
 
 namespace agent::core {
@@ -22,6 +23,8 @@ constexpr int relative = 1;
 constexpr std::uint32_t maxBlockSize = 1U << 20U;
 /// The library counts the bytes of a command in an `int`; of more, it would transfer the remainder only.
 constexpr std::uint64_t maxLength = std::numeric_limits<int>::max();
+
+constexpr const char* readAgain = "Read iscsi failed. Sleeping, reconnecting, and retrying.";
 
 bool fitsCommand(std::uint64_t length) {
     if (length > maxLength) {
@@ -41,8 +44,7 @@ IscsiTransport::IscsiTransport(info::Logger& logger, std::string targetName, std
       lun(lun),
       user(std::move(user)),
       password(std::move(password)),
-      offset(offset),
-      diffBuffer(1) {}
+      offset(offset) {}
 
 IscsiTransport::~IscsiTransport() {
     IscsiTransport::disconnect();
@@ -164,13 +166,12 @@ std::int64_t IscsiTransport::read(void* data, std::uint64_t length) {
     if (!fitsCommand(length)) {
         return -1;
     }
-    bool failed = false;
-    const std::int64_t result = tryRead(data, length, failed);
-    if (!failed) {
-        return result;
-    }
-    return retry("Read iscsi failed. Sleeping, reconnecting, and retrying.",
-                 [&](bool& failedAgain) { return tryRead(data, length, failedAgain); });
+    auto* const bytes = static_cast<unsigned char*>(data);
+    return attempt(readAgain, [&](bool& failed) {
+        return tryRead(length, failed, [&](std::uint64_t at, std::span<const unsigned char> piece) {
+            std::ranges::copy(piece, bytes + at);
+        });
+    });
 }
 
 std::int64_t IscsiTransport::write(const void* data, std::uint64_t length) {
@@ -189,23 +190,25 @@ std::int64_t IscsiTransport::write(const void* data, std::uint64_t length) {
             return -1;
         }
     }
-    bool failed = false;
-    const std::int64_t result = tryWrite(data, length, failed);
-    if (!failed) {
-        return result;
-    }
-    return retry("Write iscsi failed. Sleeping, reconnecting, and retrying.",
-                 [&](bool& failedAgain) { return tryWrite(data, length, failedAgain); });
+    return attempt("Write iscsi failed. Sleeping, reconnecting, and retrying.",
+                   [&](bool& failed) { return tryWrite(data, length, failed); });
 }
 
 bool IscsiTransport::isRemoteEqual(const void* data, std::uint64_t length) {
-    diffBuffer.resize(length);
-    if (read(diffBuffer.data(), length) != static_cast<std::int64_t>(length)) {
+    const auto* const bytes = static_cast<const unsigned char*>(data);
+    bool isEqual = true;
+    const std::int64_t compared = attempt(readAgain, [&](bool& failed) {
+        isEqual = true;
+        return tryRead(length, failed, [&](std::uint64_t at, std::span<const unsigned char> piece) {
+            isEqual = isEqual && std::memcmp(piece.data(), bytes + at, piece.size()) == 0;
+        });
+    });
+    if (compared != static_cast<std::int64_t>(length)) {
         logger.log(info::level::warning, "Failed to read a remote target block; the current block will be "
                                          "copied without diff");
         return false;
     }
-    return std::memcmp(diffBuffer.data(), data, length) == 0;
+    return isEqual;
 }
 
 // A comparison that could not read the whole block has left the position elsewhere. Not knowing what the
@@ -223,7 +226,8 @@ std::int64_t IscsiTransport::returnTo(std::int64_t start, std::uint64_t length) 
     return result;
 }
 
-std::int64_t IscsiTransport::tryRead(void* data, std::uint64_t length, bool& failed) {
+std::int64_t IscsiTransport::tryRead(std::uint64_t length, bool& failed,
+                                     const iscsi::Transfer::Deliver& deliver) {
     Lock lock(mutex);
     if (!isReady()) {
         return -1;
@@ -240,7 +244,7 @@ std::int64_t IscsiTransport::tryRead(void* data, std::uint64_t length, bool& fai
         length = std::min(length, blockSize * count);
     }
     const bool isDone = run(lock, [&](iscsi::Transfer& transfer) {
-        return transfer.read(lba, count * blockSize, static_cast<unsigned char*>(data), length);
+        return transfer.read(lba, count * blockSize, length, deliver);
     });
     if (!isDone) {
         return failCommand("Failed during iscsi read command.", failed);
@@ -312,6 +316,13 @@ std::int64_t IscsiTransport::failCommand(const char* message, bool& failed) {
     broken = true;
     failed = true;
     return -1;
+}
+
+std::int64_t IscsiTransport::attempt(const char* message,
+                                     const std::function<std::int64_t(bool& failed)>& operation) {
+    bool failed = false;
+    const std::int64_t result = operation(failed);
+    return failed ? retry(message, operation) : result;
 }
 
 std::int64_t IscsiTransport::retry(const char* message,

@@ -4,11 +4,9 @@
 #include "core/transport/Transfer.h"
 #include "core/transport/Transport.h"
 
-#include <cstddef>
 #include <functional>
 #include <mutex>
 #include <string>
-#include <vector>
 
 namespace agent::core {
 
@@ -55,12 +53,14 @@ private:
     /// Ends the context. Always false.
     bool giveUp(const std::string& message);
 
-    std::int64_t tryRead(void* data, std::uint64_t length, bool& failed);
+    std::int64_t tryRead(std::uint64_t length, bool& failed, const iscsi::Transfer::Deliver& deliver);
     std::int64_t tryWrite(const void* data, std::uint64_t length, bool& failed);
-    /// Repeats an operation that has failed, each time over a new session.
+    /// Does an operation, and repeats it if it has failed, each time over a new session.
+    std::int64_t attempt(const char* message, const std::function<std::int64_t(bool& failed)>& operation);
     std::int64_t retry(const char* message, const std::function<std::int64_t(bool& failed)>& operation);
     bool reconnect();
-    /// Whether the remote bytes at the position equal `data`; if so, the position is behind them now.
+    /// Whether the remote bytes at the position equal `data`; if so, the position is behind them now. They
+    /// are compared as they arrive, while others are still on the way.
     bool isRemoteEqual(const void* data, std::uint64_t length);
     std::int64_t returnTo(std::int64_t start, std::uint64_t length);
     /// Where the position is on the LUN; behind all LUNs if it can't be told.
@@ -90,7 +90,6 @@ private:
     bool busy = false;   ///< commands are in flight
     bool broken = false; ///< the session can't be trusted: no orderly logout
     std::mutex mutex;    ///< guards the command path
-    std::vector<std::byte> diffBuffer;
 };
 
 } // namespace agent::core

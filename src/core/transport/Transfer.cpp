@@ -45,11 +45,11 @@ private:
 Transfer::Transfer(const Unit& unit, CommandWindow& window, std::chrono::seconds patience)
     : unit(unit), window(window), patience(patience) {}
 
-bool Transfer::read(std::uint64_t lba, std::uint64_t asked, unsigned char* to, std::uint64_t length) {
+bool Transfer::read(std::uint64_t lba, std::uint64_t asked, std::uint64_t length, const Deliver& to) {
     firstBlock = lba;
     total = asked;
     commandBytes = wholeBlocks(readBytes, unit.blockSize);
-    target = to;
+    deliver = &to;
     wanted = length;
     return run();
 }
@@ -125,7 +125,7 @@ bool Transfer::send(Command& command) {
 Task Transfer::makeTask(Command& command) {
     const std::uint64_t lba = firstBlock + command.offset / unit.blockSize;
     const int blockSize = static_cast<int>(unit.blockSize);
-    if (source == nullptr) {
+    if (deliver != nullptr) {
         return Task(iscsi_read16_task(unit.context, unit.lun, lba, command.bytes, blockSize, 0, 0, 0, 0, 0,
                                       &Transfer::onAnswer, &command));
     }
@@ -175,14 +175,14 @@ void Transfer::take(Command& command, int status) {
         command.state = State::refused;
         window.shrink(underWay);
         wasRefused = true;
-    } else if (status != SCSI_STATUS_GOOD || !deliver(command, *task)) {
+    } else if (status != SCSI_STATUS_GOOD || !handOver(command, *task)) {
         hasFailed = true;
     }
 }
 
 /// False if a target says that all is well and yet has delivered less.
-bool Transfer::deliver(const Command& command, const scsi_task& task) {
-    if (source != nullptr || command.offset >= wanted) {
+bool Transfer::handOver(const Command& command, const scsi_task& task) {
+    if (deliver == nullptr || command.offset >= wanted) {
         return true; // a write, or the end of a block of which no more is wanted
     }
     const std::uint64_t length = std::min<std::uint64_t>(command.bytes, wanted - command.offset);
@@ -190,7 +190,7 @@ bool Transfer::deliver(const Command& command, const scsi_task& task) {
     if (data.size < 0 || static_cast<std::uint64_t>(data.size) < length) {
         return false;
     }
-    std::copy_n(data.data, length, target + command.offset);
+    (*deliver)(command.offset, {data.data, length});
     return true;
 }
 

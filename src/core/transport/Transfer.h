@@ -6,6 +6,8 @@
 #include <array>
 #include <chrono>
 #include <cstdint>
+#include <functional>
+#include <span>
 
 namespace agent::core::iscsi {
 
@@ -28,6 +30,10 @@ struct Unit {
 /// The target carries the commands out in any order.
 class Transfer {
 public:
+    /// Takes a piece of what is read, and where that stands in bytes from the first one on. What has been
+    /// delivered is worth nothing if the read fails after all.
+    using Deliver = std::function<void(std::uint64_t offset, std::span<const unsigned char> piece)>;
+
     /// The longest burst that the library agrees to, and what targets agree to that aren't told otherwise.
     static constexpr std::uint32_t writeBytes = 256U << 10U;
     /// More in one piece the library takes from the kernel and gives back with each command.
@@ -36,8 +42,9 @@ public:
     Transfer(const Unit& unit, CommandWindow& window,
              std::chrono::seconds patience = std::chrono::minutes{1});
 
-    /// Asks for `asked` bytes, whole blocks, from block `lba` on, and delivers the first `length` of them.
-    bool read(std::uint64_t lba, std::uint64_t asked, unsigned char* to, std::uint64_t length);
+    /// Asks for `asked` bytes, whole blocks, from block `lba` on, and delivers the first `length` of them: in
+    /// pieces, as they arrive and in any order.
+    bool read(std::uint64_t lba, std::uint64_t asked, std::uint64_t length, const Deliver& to);
     /// Writes `length` bytes, whole blocks.
     bool write(std::uint64_t lba, const unsigned char* from, std::uint64_t length);
 
@@ -68,7 +75,7 @@ private:
     void abandon();
     static void onAnswer(iscsi_context* context, int status, void* data, void* command);
     void take(Command& command, int status);
-    bool deliver(const Command& command, const scsi_task& task);
+    bool handOver(const Command& command, const scsi_task& task);
 
     Unit unit;
     CommandWindow& window;
@@ -79,7 +86,7 @@ private:
     std::uint64_t total = 0; ///< bytes to be asked for or written
     std::uint32_t commandBytes = 0;
     std::uint64_t begun = 0;               ///< bytes that commands have been made of
-    unsigned char* target = nullptr;       ///< of a read
+    const Deliver* deliver = nullptr;      ///< of a read
     std::uint64_t wanted = 0;              ///< bytes of a read to be delivered
     const unsigned char* source = nullptr; ///< of a write
     bool wasRefused = false;

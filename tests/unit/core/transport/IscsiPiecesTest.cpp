@@ -311,7 +311,9 @@ TEST_F(IscsiPiecesTest, ACommandThatIsNotAnsweredEndsTheTransfer) {
     iscsi.script(readCall, outcomes);
     Bytes received(call);
     iscsi::Transfer transfer({context.get(), 3, 512}, window, std::chrono::seconds(1));
-    EXPECT_FALSE(transfer.read(0, call, received.data(), call));
+    EXPECT_FALSE(transfer.read(0, call, call, [&](std::uint64_t at, std::span<const unsigned char> part) {
+        std::ranges::copy(part, received.begin() + static_cast<std::ptrdiff_t>(at));
+    }));
     EXPECT_TRUE(std::equal(received.begin(), received.begin() + 19 * readPiece, iscsi.disk.begin()));
 }
 
