@@ -106,8 +106,12 @@ Transfer::Command* Transfer::nextCommand() {
 }
 
 Transfer::Command* Transfer::find(State state) {
-    const auto found = std::ranges::find(commands, state, &Command::state);
-    return found == commands.end() ? nullptr : &*found;
+    for (Command& command : commands) {
+        if (command.state == state) {
+            return &command;
+        }
+    }
+    return nullptr;
 }
 
 bool Transfer::send(Command& command) {
