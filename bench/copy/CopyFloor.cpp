@@ -1,166 +1,129 @@
+#include "bench/copy/CommandStream.h"
+#include "bench/copy/Disk.h"
+#include "bench/copy/Source.h"
 #include "common/AlignedBuffer.h"
-#include "core/transport/IscsiLibrary.h"
-#include "core/transport/Libiscsi.h"
-#include "os/FileDescriptor.h"
 
-#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
-#include <fcntl.h>
 #include <iostream>
+#include <numeric>
+#include <span>
 #include <stdexcept>
 #include <string>
-#include <unistd.h>
+#include <vector>
 
-/// The least that a copy of a volume's used blocks to a target can take: direct reads of at most 4 MiB and,
-/// after each, one synchronous command to the target. Takes the ranges, `OFFSET LENGTH` in bytes, by line
-/// from standard input; "copy" writes what was read, "compare" reads the target instead. Prints what was
-/// moved and how long each side took.
+/// The least that a copy of a volume's used blocks to a target can take, and the least that each of its sides
+/// can take alone. The ranges, `OFFSET LENGTH` in bytes, come by line from standard input.
+///
+/// - copy, compare: direct reads of at most 4 MiB and, after each, one synchronous command to the target,
+///   which writes what was read, or reads the target instead;
+/// - source: the direct reads, by a number of threads;
+/// - write, read: commands of at most so many bytes to the target, a number of them in flight at once. What
+///   is written is noise.
+///
+/// Prints what was moved, and the seconds of each side without those of the login.
 namespace agent::bench {
 namespace {
 
-constexpr std::uint64_t chunkBytes = 0x400000; // as in a backup
+constexpr const char* usage = "usage: bench_copy_floor copy|compare DEVICE PORTAL TARGET LUN < RANGES\n"
+                              "       bench_copy_floor source DEVICE THREADS < RANGES\n"
+                              "       bench_copy_floor write|read PORTAL TARGET LUN BYTES COMMANDS < RANGES";
 constexpr std::size_t alignment = 4096;
-constexpr const char* initiatorName = "iqn.2026-01.example:floor";
 
 using Clock = std::chrono::steady_clock;
+using Seconds = std::chrono::duration<double>;
+using Arguments = std::span<const std::string>;
+using Chunks = std::vector<Chunk>;
 
-struct Totals {
-    std::uint64_t chunks = 0;
-    std::uint64_t bytes = 0;
-    std::chrono::duration<double> local{};
-    std::chrono::duration<double> remote{};
+struct Times {
+    Seconds local{};
+    Seconds remote{};
 };
 
-/// A disk of a target, as plainly as the library gives it.
-class Disk {
-public:
-    Disk(const std::string& portal, const std::string& target, int lun)
-        : context(iscsi_create_context(initiatorName)), lun(lun) {
-        if (!context || iscsi_set_targetname(context.get(), target.c_str()) != 0 ||
-            iscsi_set_session_type(context.get(), ISCSI_SESSION_NORMAL) != 0 ||
-            iscsi_full_connect_sync(context.get(), portal.c_str(), lun) != 0) {
-            fail("no session with " + portal);
-        }
-        const core::iscsi::Task task(iscsi_readcapacity16_sync(context.get(), lun));
-        const auto* const capacity =
-            core::iscsi::isGood(task)
-                ? static_cast<const scsi_readcapacity16*>(scsi_datain_unmarshall(task.get()))
-                : nullptr;
-        if (capacity == nullptr || capacity->block_length == 0) {
-            fail("the target doesn't tell its block size");
-        }
-        blockSize = capacity->block_length;
-    }
+Disk diskOf(Arguments place) {
+    return {place[0], place[1], std::stoi(place[2])};
+}
 
-    void write(std::uint64_t offset, AlignedBuffer& buffer, std::size_t length) {
-        // NOLINTNEXTLINE(cppcoreguidelines-pro-type-reinterpret-cast): the library wants other bytes
-        auto* const bytes = reinterpret_cast<unsigned char*>(buffer.data());
-        require(iscsi_write16_sync(context.get(), lun, offset / blockSize, bytes,
-                                   static_cast<std::uint32_t>(length), static_cast<int>(blockSize), 0, 0, 0,
-                                   0, 0));
-    }
-
-    void read(std::uint64_t offset, std::size_t length) {
-        require(iscsi_read16_sync(context.get(), lun, offset / blockSize, static_cast<std::uint32_t>(length),
-                                  static_cast<int>(blockSize), 0, 0, 0, 0, 0));
-    }
-
-    void logOut() { iscsi_logout_sync(context.get()); }
-
-private:
-    void require(scsi_task* done) {
-        if (!core::iscsi::isGood(core::iscsi::Task(done))) {
-            fail("the target refuses a command");
-        }
-    }
-
-    [[noreturn]] void fail(const std::string& what) {
-        throw std::runtime_error(what + (context ? std::string(": ") + iscsi_get_error(context.get()) : ""));
-    }
-
-    core::iscsi::Context context;
-    int lun;
-    std::uint32_t blockSize = 0;
-};
-
-class Floor {
-public:
-    Floor(const std::string& device, Disk& disk, bool isCopy)
-        : volume(::open(device.c_str(), O_RDONLY | O_DIRECT | O_CLOEXEC)),
-          disk(disk),
-          isCopy(isCopy),
-          buffer(chunkBytes, alignment) {
-        if (!volume) {
-            throw std::runtime_error(device + " can't be opened");
-        }
-    }
-
-    void move(std::uint64_t offset, std::uint64_t length) {
-        for (std::uint64_t done = 0; done < length; done += chunkBytes) {
-            moveChunk(offset + done, std::min(chunkBytes, length - done));
-        }
-    }
-
-    [[nodiscard]] const Totals& result() const { return totals; }
-
-private:
-    void moveChunk(std::uint64_t offset, std::size_t length) {
+Times moveInTurns(bool isCopy, Arguments arguments, const Chunks& chunks) {
+    const Source source(arguments[0]);
+    Disk disk = diskOf(arguments.subspan(1));
+    AlignedBuffer buffer(Chunk::largest, alignment);
+    Times times;
+    for (const Chunk& chunk : chunks) {
         const Clock::time_point begin = Clock::now();
-        if (::pread(volume.get(), buffer.data(), length, static_cast<off_t>(offset)) !=
-            static_cast<ssize_t>(length)) {
-            throw std::runtime_error("the volume can't be read at " + std::to_string(offset));
-        }
+        source.read(chunk, buffer.data());
         const Clock::time_point between = Clock::now();
         if (isCopy) {
-            disk.write(offset, buffer, length);
+            disk.write(chunk.offset, buffer.data(), chunk.length);
         } else {
-            disk.read(offset, length);
+            disk.read(chunk.offset, chunk.length);
         }
-        totals.local += between - begin;
-        totals.remote += Clock::now() - between;
-        totals.bytes += length;
-        ++totals.chunks;
-    }
-
-    os::FileDescriptor volume;
-    Disk& disk;
-    bool isCopy;
-    AlignedBuffer buffer;
-    Totals totals;
-};
-
-void run(const std::string& mode, const std::string& device, const std::string& portal,
-         const std::string& target, int lun) {
-    Disk disk(portal, target, lun);
-    Floor floor(device, disk, mode == "copy");
-    std::uint64_t offset = 0;
-    std::uint64_t length = 0;
-    while (std::cin >> offset >> length) {
-        floor.move(offset, length);
+        times.local += between - begin;
+        times.remote += Clock::now() - between;
     }
     disk.logOut();
-    const Totals& totals = floor.result();
-    std::printf(R"({"chunks": %lu, "bytes": %lu, "local": %.6f, "remote": %.6f})"
+    return times;
+}
+
+Times readSource(Arguments arguments, const Chunks& chunks) {
+    const Source source(arguments[0]);
+    const Clock::time_point begin = Clock::now();
+    source.readAll(chunks, std::stoul(arguments[1]));
+    return {.local = Clock::now() - begin};
+}
+
+Times moveRemote(CommandStream::Direction direction, Arguments arguments, const Chunks& chunks) {
+    CommandStream stream(diskOf(arguments), direction, std::stoul(arguments[3]), std::stoul(arguments[4]));
+    const Clock::time_point begin = Clock::now();
+    for (const Chunk& chunk : chunks) {
+        stream.move(chunk.offset, chunk.length);
+    }
+    stream.finish();
+    const Seconds taken = Clock::now() - begin;
+    stream.logOut();
+    return {.remote = taken};
+}
+
+Times run(const std::string& mode, Arguments arguments, const Chunks& chunks) {
+    if ((mode == "copy" || mode == "compare") && arguments.size() == 4) {
+        return moveInTurns(mode == "copy", arguments, chunks);
+    }
+    if (mode == "source" && arguments.size() == 2) {
+        return readSource(arguments, chunks);
+    }
+    if ((mode == "write" || mode == "read") && arguments.size() == 5) {
+        const bool isWrite = mode == "write";
+        return moveRemote(isWrite ? CommandStream::Direction::write : CommandStream::Direction::read,
+                          arguments, chunks);
+    }
+    throw std::invalid_argument(usage);
+}
+
+void measure(const std::vector<std::string>& arguments) {
+    if (arguments.empty()) {
+        throw std::invalid_argument(usage);
+    }
+    const Chunks chunks = chunksIn(std::cin);
+    const Times times = run(arguments.front(), Arguments(arguments).subspan(1), chunks);
+    const std::uint64_t bytes =
+        std::accumulate(chunks.begin(), chunks.end(), std::uint64_t{0},
+                        [](std::uint64_t sum, const Chunk& chunk) { return sum + chunk.length; });
+    std::printf(R"({"chunks": %zu, "bytes": %lu, "local": %.6f, "remote": %.6f})"
                 "\n",
-                totals.chunks, totals.bytes, totals.local.count(), totals.remote.count());
+                chunks.size(), bytes, times.local.count(), times.remote.count());
 }
 
 } // namespace
 } // namespace agent::bench
 
 int main(int argumentCount, char** arguments) {
-    if (argumentCount != 6) {
-        std::fprintf(stderr, "usage: bench_copy_floor copy|compare DEVICE PORTAL TARGET LUN < RANGES\n");
-        return EXIT_FAILURE;
-    }
     try {
-        agent::bench::run(arguments[1], arguments[2], arguments[3], arguments[4], std::atoi(arguments[5]));
+        agent::bench::measure({arguments + 1, arguments + argumentCount});
     } catch (const std::exception& error) {
-        std::fprintf(stderr, "bench_copy_floor: %s\n", error.what());
+        std::fprintf(stderr, "%s\n", error.what());
         return EXIT_FAILURE;
     }
     return EXIT_SUCCESS;

@@ -1,4 +1,4 @@
-"""What the races of whole backups run on: a volume, a target, and a daemon that copies one to the other."""
+"""What the races of whole backups run on: volumes, a target, and a daemon that copies them to it."""
 import contextlib
 import dataclasses
 import datetime
@@ -30,16 +30,24 @@ SECONDS = 3600
 POLL_SECONDS = 1
 SNAPSHOT_SECONDS = 0.1
 COPYING = "Beginning copying volume"
+BEGUN = "Backup run beginning"
 ENDED = "Backup run finished"
-LINE = re.compile(r"^(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3}) .*?"
-                  r"(Beginning|Finished) execution of the (.+) phase\.$", re.MULTILINE)
+STAMP = r"^(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3}) .*?"
+PHASE = re.compile(STAMP + r"(Beginning|Finished) execution of the (.+) phase\.$", re.MULTILINE)
+WHOLE = re.compile(STAMP + f"(?:{BEGUN}|{ENDED})", re.MULTILINE)
+
+
+def whole_in(log):
+    """Seconds of a backup, from its begin to its end."""
+    begin, end = map(datetime.datetime.fromisoformat, WHOLE.findall(log))
+    return (end - begin).total_seconds()
 
 
 def phases_in(log):
     """Seconds of each phase. One that ran several times, as for each volume, counts as a whole."""
     begun, taken = {}, {}
-    for stamp, word, name in LINE.findall(log):
-        when = datetime.datetime.strptime(stamp, "%Y-%m-%d %H:%M:%S.%f")
+    for stamp, word, name in PHASE.findall(log):
+        when = datetime.datetime.fromisoformat(stamp)
         if word == "Beginning":
             begun[name] = when
         else:
@@ -53,6 +61,7 @@ class Run:
     than the copy: the driver that stands in for the kernel's takes the snapshots within the daemon."""
 
     kind: str
+    whole: float
     phases: dict
     bytes: int
     written: int
@@ -69,23 +78,17 @@ class Run:
         """Seconds of all that is done for a volume once its snapshot is there."""
         return sum(seconds for name, seconds in self.phases.items() if name.startswith("Copy Volume"))
 
-    @property
-    def whole(self):
-        """Seconds of everything; phases within others aren't counted twice."""
-        inner = ("Open Volume I/O", "Create Chunk Range Provider", "Calculate Transfer Size",
-                 "Copy Chunk Ranges", "Modify Boot Sector", "Punch Holes")
-        return sum(seconds for name, seconds in self.phases.items() if name not in inner)
-
 
 class Bed(Stay):
-    """A volume, an image for it, and a paired daemon. Big files lie below `directory`, the image below
-    `images`, as a hole if it isn't `poisoned`."""
+    """Volumes, an image for each, and a paired daemon. Big files lie below `directory`, the images below
+    `images`, as holes if they aren't `poisoned`."""
 
-    def __init__(self, directory, gibibytes, *, file_system="ext4", images=None, poisoned=True):
+    def __init__(self, directory, gibibytes, *, file_system="ext4", images=None, poisoned=True, volumes=1):
         super().__init__()
+        self._names = [f"data{number}" for number in range(volumes)]
         self._file_system = file_system
         self._directory = directory
-        self._images = images
+        self._image_directory = images
         self.size = gibibytes << 30
         self._poisoned = poisoned
         self._pause = threading.Event()
@@ -95,25 +98,38 @@ class Bed(Stay):
             tempfile.TemporaryDirectory(prefix="copy-", dir=self._directory)))
         (self.place / "store").mkdir()
         lasting.enter_context(mounted(self.place / "store", STORE, "bind", "none"))
-        self._make_volume(lasting)
-        self.target = lasting.enter_context(Target(directory=self._images or self.place))
-        self.image = self.target.add_image("image", self.size, poisoned=self._poisoned)
+        self._make_volumes(lasting)
+        self.target = lasting.enter_context(Target(directory=self._image_directory or self.place))
+        self.images = [self.target.add_image(name, self.size, poisoned=self._poisoned)
+                       for name in self._names]
         lasting.callback(drop_snapshots) # also those of a backup that has been killed
         self._start_daemon(lasting)
 
     def use(self, target, image):
         """Backups go there from now on."""
-        self.target, self.image = target, image
+        self.target, self.images = target, [image]
 
-    def _make_volume(self, lasting):
-        mebibytes = self.size >> 20
-        data = Volume("data", self._file_system, mebibytes, mount_point="/mnt/data",
-                      options=kind_of(self._file_system).calm)
-        site = lasting.enter_context(Site([data], token=f"copy{os.getpid()}", directory=self.place))
+    @property
+    def partition(self):
+        """The only one, or the first."""
+        return self.partitions[0]
+
+    @property
+    def image(self):
+        """Its image."""
+        return self.images[0]
+
+    @property
+    def roots(self):
+        return [pathlib.Path(partition.volume.mount_point) for partition in self.partitions]
+
+    def _make_volumes(self, lasting):
+        volumes = [Volume(name, self._file_system, self.size >> 20, mount_point=f"/mnt/{name}",
+                          options=kind_of(self._file_system).calm) for name in self._names]
+        site = lasting.enter_context(Site(volumes, token=f"copy{os.getpid()}", directory=self.place))
         # The image is a disk: through a second page cache, its holes would be read a tenth as fast.
         run("losetup", "--direct-io=on", site.disk.device)
-        self.partition = site.disk["data"]
-        self.root = pathlib.Path(self.partition.volume.mount_point)
+        self.partitions = list(site.disk)
 
     def _start_daemon(self, lasting):
         authority = lasting.enter_context(new_machine(key_type="rsa"))
@@ -121,38 +137,47 @@ class Bed(Stay):
         self._appliance = lasting.enter_context(appliance_of(authority, seconds=SECONDS))
         assert self._appliance.pair(DEVICE).is_success
         table = (self.size // 4096 * 8 >> 20) + 1
-        key = f"volumes.{self.partition.uuid}.cowFileSizeMiB"
-        assert self._appliance.set_config({key: max(100, table)}).is_success
+        sizes = {f"volumes.{partition.uuid}.cowFileSizeMiB": max(100, table) for partition in self.partitions}
+        assert self._appliance.set_config(sizes).is_success
 
     def settle(self):
         """Lets nothing that came before be still on its way to the disk."""
         subprocess.run(["sync", "--file-system", self.place], check=True)
 
+    @property
+    def capture(self):
+        """The file with the bytes of the last snapshot, with holes for zeros: the driver has kept it, to
+        compare the next one with."""
+        [capture] = STORE.glob("*.img")
+        return capture
+
     @contextlib.contextmanager
     def last_snapshot(self):
-        """The device that shows the last snapshot again: the driver has kept its bytes, to compare the next
-        one with, and has shown them in the same way."""
-        [capture] = STORE.glob("*.img")
-        with attached(capture) as device:
+        """The device that shows the last snapshot again, in the way in which the driver has shown it."""
+        with attached(self.capture) as device:
             yield device
 
-    def backup(self, way=None, **options):
-        """Runs a backup to its end. `way` is a portal that leads to that of the target."""
+    def backup(self, way=None, chosen=slice(None), **options):
+        """Runs a backup of the chosen volumes to its end. `way` is a portal that leads to that of the
+        target."""
         self.settle()
-        shown, written = len(self.daemon.log), self.image.writes()
-        place = self.image.place() | ({"target": way} if way else {})
-        answer = self._appliance.backup([volume(self.partition.uuid, **place)],
-                                        interface=self.target.interface, **options)
+        shown, written = len(self.daemon.log), self.target.writes()
+        elsewhere = {"target": way} if way else {}
+        volumes = [volume(partition.uuid, **(image.place() | elsewhere))
+                   for partition, image in list(zip(self.partitions, self.images))[chosen]]
+        answer = self._appliance.backup(volumes, interface=self.target.interface, **options)
         assert answer.is_success, answer
         self._await_snapshot(answer.content, shown)
         own, other = self._own_cpu(), processor_seconds(self.target.pid)
         status = self._follow(answer.content)
-        [details] = status["details"]
-        # The volume is done before its snapshot has been ended.
+        details = status["details"]
+        # The volumes are done before their snapshots have been ended.
         self.daemon.wait_for(lambda: ENDED in self.daemon.log[shown:], "end of the backup", SECONDS)
         wait_until(lambda: not self.target.sessions(), SECONDS, "the engine of the image gone")
-        return Run(details["type"], phases_in(self.daemon.log[shown:]),
-                   details["transfer"]["bytesTransferred"], (self.image.writes() - written).bytes,
+        log = self.daemon.log[shown:]
+        return Run(details[0]["type"], whole_in(log), phases_in(log),
+                   sum(detail["transfer"]["bytesTransferred"] for detail in details),
+                   (self.target.writes() - written).bytes,
                    self._own_cpu() - own, processor_seconds(self.target.pid) - other)
 
     def _await_snapshot(self, identifier, shown):

@@ -1,5 +1,6 @@
-"""The floor under a copy: the same blocks moved, or read from both sides, by as little as will do."""
+"""The floor under a copy: the same blocks moved by as little as will do, both sides in turns or one alone."""
 import dataclasses
+import itertools
 import json
 
 from bench.copy.process import timed
@@ -7,6 +8,10 @@ from lab.commands import run
 from lab.daemon import program
 from lab.driver import OWN_FILES
 from lab.images import extents_of_files, without
+
+THREADS = (1, 2)
+COMMAND_BYTES = (1 << 16, 1 << 17, 1 << 18)
+DEPTHS = (16, 32, 64)
 
 
 @dataclasses.dataclass(frozen=True)
@@ -22,6 +27,17 @@ class Floor:
         return self.local + self.remote
 
 
+@dataclasses.dataclass(frozen=True)
+class Window:
+    """Commands that are in flight at once, and how long each is."""
+
+    depth: int
+    bytes: int
+
+    def __str__(self):
+        return f"{self.depth} x {self.bytes >> 10} KiB"
+
+
 def copied_ranges(device, file_system):
     """(offset, length) in bytes of what a full backup copies of the snapshot on `device`: every used block,
     but for those of the driver's and the agent's own files."""
@@ -31,10 +47,40 @@ def copied_ranges(device, file_system):
     return list(without(used, extents_of_files(device, file_system, OWN_FILES)))
 
 
-def run_floor(mode, device, ranges, bed):
-    """Moves the ranges; `mode` is "copy" or "compare"."""
+def beginning_of(ranges, size):
+    """The first `size` bytes of the ranges."""
+    for offset, length in ranges:
+        if size <= 0:
+            return
+        yield offset, min(length, size)
+        size -= length
+
+
+def run_floor(bed, ranges, mode, *arguments):
     bed.settle()
-    command = [program("bench_copy_floor"), mode, device, bed.target.portal, bed.target.name,
-               str(bed.image.lun)]
-    printed, _, cpu = timed(command, "".join(f"{offset} {length}\n" for offset, length in ranges))
+    printed, _, cpu = timed([program("bench_copy_floor"), mode, *map(str, arguments)],
+                            "".join(f"{offset} {length}\n" for offset, length in ranges))
     return Floor(**json.loads(printed), cpu=cpu)
+
+
+def in_turns(bed, ranges, mode, device):
+    """Moves the ranges; `mode` is "copy" or "compare"."""
+    return run_floor(bed, ranges, mode, device, bed.target.portal, bed.target.name, bed.image.lun)
+
+
+def source_alone(bed, ranges, device):
+    """Reads the volume, by as many threads as are faster."""
+    return min((run_floor(bed, ranges, "source", device, threads) for threads in THREADS),
+               key=lambda floor: floor.seconds)
+
+
+def image_alone(bed, ranges, mode, window, portal=None):
+    """Reads the image or writes noise to it; `mode` is "read" or "write"."""
+    return run_floor(bed, ranges, mode, portal or bed.target.portal, bed.target.name, bed.image.lun,
+                     window.bytes, window.depth)
+
+
+def best_window(bed, ranges, mode):
+    """What suits the target best."""
+    windows = itertools.starmap(Window, itertools.product(DEPTHS, COMMAND_BYTES))
+    return min(windows, key=lambda window: image_alone(bed, ranges, mode, window).seconds)

@@ -28,18 +28,16 @@ import tempfile
 
 from bench.copy import files
 from bench.copy.bed import Bed
+from bench.copy.distance import ROUND_TRIPS, portal_of
 from bench.copy.floor import copied_ranges
 from bench.copy.process import processor_seconds, timed
 from lab.daemon import ROOT, require_private_site
-from lab.delay import LongWay
 from lab.services import Service
 from lab.zephane import ZephaneServer
 
 MEBIBYTE = 1 << 20
 GIBIBYTES = 2
 USED = GIBIBYTES << 28
-ROUND_TRIPS = (0.0, 0.5, 5.0)
-LONG_WAY_PORT = 4000
 NBD_PORT = 10809
 COLUMNS = ("s", "MiB/s", "sent MiB", "agent CPU s", "server CPU s")
 
@@ -63,14 +61,9 @@ def line(name, *columns):
     print(f"  {name:44}" + "".join(f"{column:>14}" for column in columns), flush=True)
 
 
-@contextlib.contextmanager
-def portal_of(port, milliseconds):
-    """The portal to use, and how often what is sent passes the interface."""
-    if milliseconds == 0:
-        yield None, 1
-        return
-    with LongWay(port, milliseconds / 1000, listen=LONG_WAY_PORT) as way:
-        yield way.portal, 2
+def passes_of(milliseconds):
+    """How often what is sent passes the interface."""
+    return 2 if milliseconds else 1
 
 
 def sent_so_far():
@@ -88,8 +81,8 @@ def measured(passes, run):
 
 
 def back_up(bed, milliseconds, **kind):
-    with portal_of(bed.target.port, milliseconds) as (way, passes):
-        run, sent = measured(passes, lambda: bed.backup(way, **kind))
+    with portal_of(bed.target.port, milliseconds) as way:
+        run, sent = measured(passes_of(milliseconds), lambda: bed.backup(way, **kind))
     return Copy(run.bytes, run.copy, sent, run.own_cpu, run.target_cpu)
 
 
@@ -123,11 +116,10 @@ def used_blocks(bed):
 def nbdcopy(path, size, milliseconds, *options):
     with tempfile.NamedTemporaryFile() as image:
         image.truncate(pathlib.Path(path).stat().st_size)
-        with NbdServer(image.name) as server, portal_of(NBD_PORT, milliseconds) as (way, passes):
-            uri = f"nbd://{way or f'127.0.0.1:{NBD_PORT}'}"
+        with NbdServer(image.name) as server, portal_of(NBD_PORT, milliseconds) as way:
             before = processor_seconds(server.pid)
-            (_, seconds, cpu), sent = measured(passes, lambda: timed(
-                ["nbdcopy", "--destination-is-zero", *options, path, uri]))
+            (_, seconds, cpu), sent = measured(passes_of(milliseconds), lambda: timed(
+                ["nbdcopy", "--destination-is-zero", *options, path, f"nbd://{way}"]))
             return Copy(size, seconds, sent, cpu, processor_seconds(server.pid) - before)
 
 
@@ -171,7 +163,7 @@ def main():
     arguments.directory.mkdir(parents=True, exist_ok=True)
     with contextlib.ExitStack() as lasting:
         bed = lasting.enter_context(Bed(arguments.directory, GIBIBYTES, images="/tmp", poisoned=False))
-        files.fill(bed.root, USED, (files.NOISE, files.text()))
+        files.fill(bed.roots[0], USED, (files.NOISE, files.text()))
         servers = {"zephaneftp, compressed": zephaned(bed, lasting, 25568, True),
                    "zephaneftp": zephaned(bed, lasting, 25569, False), "iSCSI": bed.target}
         bed.backup(full=True) # each file gets its place

@@ -1,5 +1,6 @@
 #include "info/DriverFile.h"
 
+#include "os/SparseFile.h"
 #include "os/Transfer.h"
 
 #include <cerrno>
@@ -51,6 +52,14 @@ bool DriverFile::read(std::span<std::byte> buffer) {
 
 bool DriverFile::write(std::span<const std::byte> buffer) {
     return os::writeAll(descriptor.get(), buffer);
+}
+
+bool DriverFile::reserve(std::uint64_t position, std::uint64_t length) {
+    return ::fallocate(descriptor.get(), 0, static_cast<off_t>(position), static_cast<off_t>(length)) == 0;
+}
+
+bool DriverFile::isHole(std::uint64_t position, std::uint64_t length) {
+    return os::holeAt(descriptor.get(), position, length) == length;
 }
 
 bool DriverFile::sync() {

@@ -34,6 +34,10 @@ public:
     /// Fills all of `buffer`.
     [[nodiscard]] bool read(std::span<std::byte> buffer);
     [[nodiscard]] bool write(std::span<const std::byte> buffer);
+    /// Sets space aside, which reads as zeros where nothing was written. Not every file system can.
+    [[nodiscard]] bool reserve(std::uint64_t position, std::uint64_t length);
+    /// Whether there are zeros from a position on that take no reading to know. Moves the file's position.
+    [[nodiscard]] bool isHole(std::uint64_t position, std::uint64_t length);
     /// Returns when the content is on the disk.
     [[nodiscard]] bool sync();
 

@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstdio>
+#include <optional>
 #include <span>
 #include <utility>
 #include <vector>
@@ -36,11 +37,14 @@ public:
         return std::as_writable_bytes(std::span(entries)).first(length);
     }
     void clear() { std::fill(entries.begin(), entries.end(), 0); }
-    /// Words are only ORed, so the machine's byte order makes no difference.
-    void merge(const TablePiece& other, std::uint64_t length) {
+    /// False if that adds nothing. Words are only ORed, so the machine's byte order makes no difference.
+    bool merge(const TablePiece& other, std::uint64_t length) {
+        std::uint64_t added = 0;
         for (std::size_t index = 0; index < length / cow::entrySize; ++index) {
+            added |= other.entries[index] & ~entries[index];
             entries[index] |= other.entries[index];
         }
+        return added != 0;
     }
 
 private:
@@ -87,16 +91,25 @@ public:
 
     /// The next driver's record begins when this has returned: the history must not be lost with the power.
     bool run(bool zeroFill) {
-        if (!copy(cow::tableOffset)) {
-            return false;
-        }
-        piece.clear();
-        return forEachPiece(tableSize,
-                            [&](std::uint64_t length) { return zeroFill ? write(length) : copy(length); }) &&
+        return copy(cow::tableOffset) && (zeroFill ? writeZeros() : copyTable()) &&
                (history.sync() || failToWrite());
     }
 
 private:
+    /// Gigabytes for a volume of terabytes, at the end of nearly each backup: they are only written where the
+    /// file system can't set space aside. A full volume is such a case, too, and the writing tells it.
+    bool writeZeros() {
+        if (history.reserve(cow::tableOffset, tableSize)) {
+            return true;
+        }
+        piece.clear();
+        return forEachPiece(tableSize, [this](std::uint64_t length) { return write(length); });
+    }
+
+    bool copyTable() {
+        return forEachPiece(tableSize, [this](std::uint64_t length) { return copy(length); });
+    }
+
     bool copy(std::uint64_t length) {
         if (!source.read(piece.bytes(length))) {
             return fail(logger, "Unable to read from incremental file ", source);
@@ -144,17 +157,28 @@ public:
 
 private:
     bool merge(std::uint64_t position, std::uint64_t length) {
-        if (!history.read(owed.bytes(length))) {
+        if (isNothingOwed(position, length)) {
+            return true;
+        }
+        if (!history.seek(position) || !history.read(owed.bytes(length))) {
             return fail(logger, "Unable to read from incremental history file ", history);
         }
         if (!incremental.seek(position) || !incremental.read(changed.bytes(length))) {
             return fail(logger, "Unable to read from incremental file ", incremental);
         }
-        changed.merge(owed, length);
+        if (!changed.merge(owed, length)) {
+            return true;
+        }
         if (!incremental.seek(position) || !incremental.write(changed.bytes(length))) {
             return fail(logger, "Unable to write merge to incremental file ", incremental);
         }
         return true;
+    }
+
+    /// As it mostly is. A CoW file that ends too early must be found out all the same.
+    bool isNothingOwed(std::uint64_t position, std::uint64_t length) {
+        const std::optional<std::uint64_t> end = incremental.seekToEnd();
+        return end && *end >= position + length && history.isHole(position, length);
     }
 
     Logger& logger;

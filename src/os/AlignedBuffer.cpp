@@ -3,12 +3,24 @@
 #include <cstdint>
 #include <cstring>
 #include <new>
+#include <sys/mman.h>
 #include <unistd.h>
 #include <utility>
 
 namespace os {
 
 namespace {
+
+/// From this size on, the kernel is left to zero pages when they are first used: few of those that the map of
+/// the largest volume needs are used for a small one. Smaller memory is often used again, and still mapped.
+constexpr std::size_t lazyBytes = std::size_t{1024} * 1024;
+
+void fillWithZeros(std::byte* memory, std::size_t size, std::size_t pageBytes) {
+    const std::size_t pages = size < lazyBytes ? 0 : size - size % pageBytes;
+    const bool isLazy = pages != 0 && madvise(memory, pages, MADV_DONTNEED) == 0; // not if it is locked
+    const std::size_t left = isLazy ? pages : 0;
+    std::memset(memory + left, 0, size - left);
+}
 
 /// The zeroed bytes, null for none. More than the address space holds is refused before the allocator sees
 /// it: it would round such a size up to whole pages.
@@ -17,11 +29,13 @@ std::byte* allocate(std::size_t size) {
         return nullptr;
     }
     void* memory = nullptr;
-    if (size > PTRDIFF_MAX || posix_memalign(&memory, static_cast<std::size_t>(getpagesize()), size) != 0) {
+    const auto pageBytes = static_cast<std::size_t>(getpagesize());
+    if (size > PTRDIFF_MAX || posix_memalign(&memory, pageBytes, size) != 0) {
         throw std::bad_alloc();
     }
-    std::memset(memory, 0, size);
-    return static_cast<std::byte*>(memory);
+    auto* const bytes = static_cast<std::byte*>(memory);
+    fillWithZeros(bytes, size, pageBytes);
+    return bytes;
 }
 
 } // namespace

@@ -50,6 +50,11 @@ std::uint32_t afterSlice(std::uint32_t crc, const std::byte* bytes) {
 } // namespace
 
 std::uint32_t crc32c(std::span<const std::byte> bytes) noexcept {
+    const Crc32cWay byInstruction = crc32cByInstruction();
+    return byInstruction != nullptr ? byInstruction(bytes) : crc32cByTables(bytes);
+}
+
+std::uint32_t crc32cByTables(std::span<const std::byte> bytes) noexcept {
     std::uint32_t crc = 0xffffffff;
     for (; bytes.size() >= slice; bytes = bytes.subspan(slice)) {
         crc = afterSlice(crc, bytes.data());

@@ -11,6 +11,7 @@ import pytest
 
 import snapshot_site
 from change_records import Moment, common, extents_of_units, marked_units
+from iscsi_call import LONGEST_WRITE
 from lab import driver
 from lab.backups import capture_of
 from lab.daemon import SCRIPTS
@@ -18,7 +19,8 @@ from lab.logical_disk import are_volumes_logical
 from lab.targets import Target
 from lab.zephane import ZephaneServer
 
-LONGEST = 4 << 20 # nothing longer is sent with one command
+LONGEST = 4 << 20 # nothing longer is read or sent at once
+LONGEST_COMMAND = {Target.interface: LONGEST_WRITE, ZephaneServer.interface: LONGEST}
 OVER_BOTH = pytest.mark.parametrize("target", [Target, ZephaneServer], indirect=True,
                                     ids=["iscsi", "zephane"])
 EXT4 = dataclasses.replace(snapshot_site.EXT4, mebibytes=320)
@@ -112,16 +114,17 @@ def size_of_all(extents):
     return sum(length for _, length in extents)
 
 
-def commands_for(extents):
+def commands_for(extents, target):
     """How many commands it takes to send them."""
-    return sum(math.ceil(length / LONGEST) for _, length in extents)
+    return sum(math.ceil(length / LONGEST_COMMAND[target.interface]) for _, length in extents)
 
 
 class Sent:
     """What a backup has sent of a volume, and what it had to send. It is `exact` unless changes are known by
     what was written, which may be what was there before."""
 
-    def __init__(self, reported, writes, extents, exact):
+    def __init__(self, target, reported, writes, extents, exact):
+        self.target = target
         self.reported = reported
         self.writes = writes
         self.extents = extents
@@ -130,7 +133,7 @@ class Sent:
     def check(self):
         size = size_of_all(self.extents)
         if self.exact:
-            assert (self.reported, self.writes.commands) == (size, commands_for(self.extents))
+            assert (self.reported, self.writes.commands) == (size, commands_for(self.extents, self.target))
         assert self.reported == self.writes.bytes >= size
         return self
 
@@ -153,8 +156,8 @@ class Ledger:
         assert types == {expected}, backup.log
         protection.verify()
         exact = expected != "incremental" or not are_volumes_logical()
-        return {name: Sent(backup.bytes(name), protection.images[name].writes() - before[name],
-                           self._due(name, expected), exact)
+        return {name: Sent(protection.target, backup.bytes(name),
+                           protection.images[name].writes() - before[name], self._due(name, expected), exact)
                 for name in protection.partitions}
 
     def _due(self, name, kind):

@@ -17,8 +17,8 @@ import pytest
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(ROOT))
-pytest.register_assert_rewrite("backup_site", "fault_site", "snapshot_site", "tolvubd_site", "used_maps",
-                                 "zephane_scene")
+pytest.register_assert_rewrite("backup_site", "fault_site", "iscsi_call", "snapshot_site", "tolvubd_site",
+                                 "used_maps", "zephane_scene")
 
 from backup_site import EXT4, XFS, empty, root_of  # noqa: E402
 from fault_site import DATA, FaultList, fault_site  # noqa: E402

@@ -2,7 +2,7 @@
 import os
 import shutil
 
-from backup_site import LONGEST, OVER_BOTH, Ledger, fill, root_of, size_of_all, write_script
+from backup_site import LONGEST, OVER_BOTH, Ledger, commands_for, fill, root_of, size_of_all, write_script
 from change_records import copied_extents
 from lab.backups import capture_of
 from lab.driver import INFO
@@ -35,8 +35,8 @@ def chunks(extents):
 
 
 def differing(one, other, extents, unit):
-    """(offset, length) of what one command each has to mend: of every chunk, the units that differ, those
-    that touch each other together."""
+    """(offset, length) of what has to be mended: of every chunk, the units that differ, those that touch each
+    other together."""
     with open(one, "rb") as first, open(other, "rb") as second:
         return [run for at, length in chunks(extents)
                 for run in runs_of(at, os.pread(first.fileno(), length, at),
@@ -115,7 +115,7 @@ def test_merge_mends_exactly_what_differs(protect, volumes, target, tmp_path):
             capture = capture_of(volumes[name])
             written = differing(before[name], capture, sent.extents, UNITS[type(target)])
             assert sent.reported == size_of_all(sent.extents)
-            assert sent.writes == Writes(len(written), size_of_all(written))
+            assert sent.writes == Writes(commands_for(written, target), size_of_all(written))
             for at in damaged[name]:
                 assert any(begin <= at < begin + length for begin, length in written)
             assert len(written) < len(chunks(sent.extents)) / 2

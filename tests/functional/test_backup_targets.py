@@ -4,6 +4,7 @@ import dataclasses
 import pytest
 
 from backup_site import EXT4, XFS, check, check_chain, check_refused, fill_some
+from lab.istgt import Istgt
 from lab.poison import is_poison
 
 MIB = 1 << 20
@@ -52,6 +53,11 @@ def test_image_that_begins_inside_of_its_disk(protect, volumes):
 
 def test_target_with_large_sectors(protect, volumes):
     check_chain(protect("files", block_size=4096), volumes)
+
+
+@pytest.mark.parametrize("target", [Istgt], indirect=True)
+def test_target_of_another_make(protect, volumes):
+    check_chain(protect("data", "files"), volumes)
 
 
 def test_blocks_smaller_than_a_sector_of_the_target_are_refused(protect, volumes):

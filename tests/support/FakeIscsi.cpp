@@ -4,11 +4,12 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <deque>
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
 #include <utility>
-
-struct iscsi_context {
-    std::string error;
-};
 
 namespace agent::test {
 
@@ -22,6 +23,31 @@ struct Task : scsi_task {
     std::vector<unsigned char> data;
     scsi_readcapacity16 capacity{};
 };
+
+/// A command that isn't waited for.
+struct Command {
+    Task* task = nullptr;
+    Outcome outcome = Outcome::good;
+    std::uint64_t begin = 0;                ///< on the disk, in bytes
+    const unsigned char* written = nullptr; ///< of a write
+    std::uint32_t length = 0;
+    int busyStatus = SCSI_STATUS_BUSY;
+    iscsi_command_cb answered = nullptr;
+    void* answeredTo = nullptr;
+};
+
+} // namespace
+
+} // namespace agent::test
+
+struct iscsi_context {
+    std::string error;
+    std::deque<agent::test::Command> commands;
+};
+
+namespace agent::test {
+
+namespace {
 
 /// How functions that return a number do: 0, or negative.
 int finish(iscsi_context* context, const std::string& function, Outcome outcome) {
@@ -53,6 +79,64 @@ Task* answer(iscsi_context* context, const std::string& function, Outcome outcom
     return task;
 }
 
+void readFromDisk(Task& task, std::uint64_t begin) {
+    const FakeIscsi& fake = FakeIscsi::get();
+    if (begin < fake.disk.size()) {
+        const std::size_t count = std::min<std::uint64_t>(task.data.size(), fake.disk.size() - begin);
+        std::copy_n(fake.disk.begin() + static_cast<std::ptrdiff_t>(begin), count, task.data.begin());
+    }
+}
+
+void writeToDisk(const unsigned char* data, std::uint64_t begin, std::uint32_t length) {
+    FakeIscsi& fake = FakeIscsi::get();
+    if (begin < fake.disk.size()) {
+        std::copy_n(data, std::min<std::uint64_t>(length, fake.disk.size() - begin), &fake.disk[begin]);
+    }
+}
+
+/// Takes a command on. Null if it has failed by itself.
+scsi_task* accept(iscsi_context* context, const std::string& function, Command command) {
+    FakeIscsi& fake = FakeIscsi::get();
+    if (command.outcome == Outcome::good && context->commands.size() >= fake.slots) {
+        command.outcome = Outcome::busy;
+        command.busyStatus = SCSI_STATUS_TASK_SET_FULL;
+        ++fake.refusals;
+    }
+    command.task =
+        answer(context, function, command.outcome, command.written == nullptr ? command.length : 0);
+    if (command.task != nullptr) {
+        context->commands.push_back(command);
+        fake.mostAtOnce = std::max(fake.mostAtOnce, context->commands.size());
+    }
+    return command.task;
+}
+
+int statusOf(const Command& command) {
+    return command.outcome == Outcome::busy ? command.busyStatus : command.task->status;
+}
+
+void carryOut(iscsi_context* context, const Command& command) {
+    if (command.outcome == Outcome::good || command.outcome == Outcome::shorter) {
+        if (command.written == nullptr) {
+            readFromDisk(*command.task, command.begin);
+        } else {
+            writeToDisk(command.written, command.begin, command.length);
+        }
+    }
+    command.answered(context, statusOf(command), command.task, command.answeredTo);
+}
+
+Command takeNext(iscsi_context* context) {
+    const bool newestFirst = FakeIscsi::get().newestFirst;
+    const Command next = newestFirst ? context->commands.back() : context->commands.front();
+    if (newestFirst) {
+        context->commands.pop_back();
+    } else {
+        context->commands.pop_front();
+    }
+    return next;
+}
+
 } // namespace
 
 FakeIscsi::During::During(FakeIscsi& iscsi, Action action) : iscsi(iscsi) {
@@ -68,9 +152,14 @@ FakeIscsi::FakeIscsi() {
         std::abort();
     }
     current = this;
+    readable = os::FileDescriptor(eventfd(1, EFD_CLOEXEC));
+    if (dup3(readable.get(), fd, O_CLOEXEC) < 0) {
+        std::abort();
+    }
 }
 
 FakeIscsi::~FakeIscsi() {
+    ::close(fd);
     current = nullptr;
 }
 
@@ -108,6 +197,7 @@ iscsi_context* iscsi_create_context(const char* initiatorName) {
 int iscsi_destroy_context(iscsi_context* context) {
     FakeIscsi::get().call("iscsi_destroy_context");
     --FakeIscsi::get().contexts;
+    FakeIscsi::get().forgotten += static_cast<int>(context->commands.size());
     delete context;
     return 0;
 }
@@ -157,7 +247,30 @@ const char* iscsi_get_error(iscsi_context* context) {
 }
 
 int iscsi_get_fd(iscsi_context* /*context*/) {
-    return 7;
+    return FakeIscsi::fd;
+}
+
+int iscsi_which_events(iscsi_context* /*context*/) {
+    return POLLIN;
+}
+
+int iscsi_service(iscsi_context* context, int /*events*/) {
+    if (context->commands.empty() || context->commands.front().outcome == Outcome::silent) {
+        return 0;
+    }
+    const Command next = takeNext(context);
+    if (next.outcome == Outcome::broken) {
+        context->commands.push_front(next); // which only a cancel answers
+        return finish(context, __func__, next.outcome);
+    }
+    carryOut(context, next);
+    return 0;
+}
+
+void iscsi_scsi_cancel_all_tasks(iscsi_context* context) {
+    for (const Command& command : std::exchange(context->commands, {})) {
+        command.answered(context, SCSI_STATUS_CANCELLED, command.task, command.answeredTo);
+    }
 }
 
 int iscsi_full_connect_sync(iscsi_context* context, const char* portal, int lun) {
@@ -199,25 +312,37 @@ scsi_task* iscsi_read16_sync(iscsi_context* context, int lun, uint64_t lba, uint
     const Outcome outcome =
         fake.call(__func__, lun, lba, datalen, blocksize, rdprotect, dpo, fua, fuaNv, group);
     auto* const task = answer(context, __func__, outcome, datalen);
-    const std::uint64_t begin = lba * fake.blockSize;
-    if (task != nullptr && lba <= fake.lastBlock && begin < fake.disk.size()) {
-        const std::size_t count = std::min<std::uint64_t>(task->data.size(), fake.disk.size() - begin);
-        std::copy_n(&fake.disk[begin], count, task->data.begin());
+    if (task != nullptr) {
+        readFromDisk(*task, lba * fake.blockSize);
     }
     return task;
 }
 
-scsi_task* iscsi_write16_sync(iscsi_context* context, int lun, uint64_t lba, unsigned char* data,
-                              uint32_t datalen, int blocksize, int wrprotect, int dpo, int fua, int fuaNv,
-                              int group) {
+scsi_task* iscsi_read16_task(iscsi_context* context, int lun, uint64_t lba, uint32_t datalen, int blocksize,
+                             int rdprotect, int dpo, int fua, int fuaNv, int group, iscsi_command_cb answered,
+                             void* answeredTo) {
     FakeIscsi& fake = FakeIscsi::get();
-    const Outcome outcome =
-        fake.call(__func__, lun, lba, datalen, blocksize, wrprotect, dpo, fua, fuaNv, group);
-    const std::uint64_t begin = lba * fake.blockSize;
-    if (outcome == Outcome::good && begin < fake.disk.size()) {
-        std::copy_n(data, std::min<std::uint64_t>(datalen, fake.disk.size() - begin), &fake.disk[begin]);
-    }
-    return answer(context, __func__, outcome, 0);
+    Command command;
+    command.outcome = fake.call(__func__, lun, lba, datalen, blocksize, rdprotect, dpo, fua, fuaNv, group);
+    command.begin = lba * fake.blockSize;
+    command.length = datalen;
+    command.answered = answered;
+    command.answeredTo = answeredTo;
+    return accept(context, __func__, command);
+}
+
+scsi_task* iscsi_write16_task(iscsi_context* context, int lun, uint64_t lba, unsigned char* data,
+                              uint32_t datalen, int blocksize, int wrprotect, int dpo, int fua, int fuaNv,
+                              int group, iscsi_command_cb answered, void* answeredTo) {
+    FakeIscsi& fake = FakeIscsi::get();
+    Command command;
+    command.outcome = fake.call(__func__, lun, lba, datalen, blocksize, wrprotect, dpo, fua, fuaNv, group);
+    command.begin = lba * fake.blockSize;
+    command.length = datalen;
+    command.written = data;
+    command.answered = answered;
+    command.answeredTo = answeredTo;
+    return accept(context, __func__, command);
 }
 
 void scsi_free_scsi_task(scsi_task* task) {

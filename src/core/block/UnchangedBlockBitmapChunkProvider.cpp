@@ -3,7 +3,7 @@
 #include "common/PosixError.h"
 #include "info/CowFormat.h"
 #include "os/FileDescriptor.h"
-#include "os/Transfer.h"
+#include "os/SparseFile.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -52,8 +52,10 @@ public:
         const std::uint64_t left =
             bitmapInfo.bitmapEntries - std::min(startElement, bitmapInfo.bitmapEntries);
         const std::uint64_t request = std::min<std::uint64_t>(left, bufferBytes / wordBytes);
-        return wordsRead(request, os::readUpTo(file.get(), std::as_writable_bytes(
-                                                               std::span(buffer, request * wordBytes))));
+        return wordsRead(request,
+                         os::readBehindHoleAt(file.get(),
+                                              std::as_writable_bytes(std::span(buffer, request * wordBytes)),
+                                              position));
     }
 
 private:

@@ -117,6 +117,18 @@ void clearBits(std::uint8_t* map, std::uint64_t firstBit, std::uint64_t count) {
                [](unsigned byte, unsigned mask) { return static_cast<std::uint8_t>(byte & ~mask); });
 }
 
+void clearMap(std::uint8_t* map, std::size_t bytes) {
+    constexpr std::size_t pageBytes = 4096;
+    for (std::size_t offset = 0; offset < bytes; offset += pageBytes) {
+        std::uint8_t* const page = map + offset;
+        const std::size_t length = std::min(pageBytes, bytes - offset);
+        const bool isClear = *page == 0 && std::memcmp(page, page + 1, length - 1) == 0;
+        if (!isClear) {
+            std::memset(page, 0, length);
+        }
+    }
+}
+
 std::uint64_t countClearBits(const std::uint8_t* map, std::uint64_t bytes) {
     return std::accumulate(map, map + bytes, std::uint64_t{0}, [](std::uint64_t sum, std::uint8_t byte) {
         return sum + static_cast<std::uint64_t>(std::popcount(static_cast<std::uint8_t>(~byte)));

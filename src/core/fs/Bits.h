@@ -16,6 +16,10 @@ void setBits(std::uint8_t* map, std::uint64_t firstBit, std::uint64_t count);
 /// Sets `count` bits to 0.
 void clearBits(std::uint8_t* map, std::uint64_t firstBit, std::uint64_t count);
 
+/// Sets all bytes of a map to 0, and writes no page of zeros: the buffer for a map has 40 MiB, and what of it
+/// was never written takes no memory.
+void clearMap(std::uint8_t* map, std::size_t bytes);
+
 /// How many bits of so many bytes are 0.
 std::uint64_t countClearBits(const std::uint8_t* map, std::uint64_t bytes);
 

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstring>
 #include <limits>
+#include <span>
 #include <utility>
 
 namespace agent::core {
@@ -22,6 +23,8 @@ constexpr int relative = 1;
 constexpr std::uint32_t maxBlockSize = 1U << 20U;
 /// The library counts the bytes of a command in an `int`; of more, it would transfer the remainder only.
 constexpr std::uint64_t maxLength = std::numeric_limits<int>::max();
+
+constexpr const char* readAgain = "Read iscsi failed. Sleeping, reconnecting, and retrying.";
 
 bool fitsCommand(std::uint64_t length) {
     if (length > maxLength) {
@@ -41,8 +44,7 @@ IscsiTransport::IscsiTransport(info::Logger& logger, std::string targetName, std
       lun(lun),
       user(std::move(user)),
       password(std::move(password)),
-      offset(offset),
-      diffBuffer(1) {}
+      offset(offset) {}
 
 IscsiTransport::~IscsiTransport() {
     IscsiTransport::disconnect();
@@ -164,13 +166,12 @@ std::int64_t IscsiTransport::read(void* data, std::uint64_t length) {
     if (!fitsCommand(length)) {
         return -1;
     }
-    bool failed = false;
-    const std::int64_t result = tryRead(data, length, failed);
-    if (!failed) {
-        return result;
-    }
-    return retry("Read iscsi failed. Sleeping, reconnecting, and retrying.",
-                 [&](bool& failedAgain) { return tryRead(data, length, failedAgain); });
+    auto* const bytes = static_cast<unsigned char*>(data);
+    return attempt(readAgain, [&](bool& failed) {
+        return tryRead(length, failed, [&](std::uint64_t at, std::span<const unsigned char> piece) {
+            std::ranges::copy(piece, bytes + at);
+        });
+    });
 }
 
 std::int64_t IscsiTransport::write(const void* data, std::uint64_t length) {
@@ -189,23 +190,25 @@ std::int64_t IscsiTransport::write(const void* data, std::uint64_t length) {
             return -1;
         }
     }
-    bool failed = false;
-    const std::int64_t result = tryWrite(data, length, failed);
-    if (!failed) {
-        return result;
-    }
-    return retry("Write iscsi failed. Sleeping, reconnecting, and retrying.",
-                 [&](bool& failedAgain) { return tryWrite(data, length, failedAgain); });
+    return attempt("Write iscsi failed. Sleeping, reconnecting, and retrying.",
+                   [&](bool& failed) { return tryWrite(data, length, failed); });
 }
 
 bool IscsiTransport::isRemoteEqual(const void* data, std::uint64_t length) {
-    diffBuffer.resize(length);
-    if (read(diffBuffer.data(), length) != static_cast<std::int64_t>(length)) {
+    const auto* const bytes = static_cast<const unsigned char*>(data);
+    bool isEqual = true;
+    const std::int64_t compared = attempt(readAgain, [&](bool& failed) {
+        isEqual = true;
+        return tryRead(length, failed, [&](std::uint64_t at, std::span<const unsigned char> piece) {
+            isEqual = isEqual && std::memcmp(piece.data(), bytes + at, piece.size()) == 0;
+        });
+    });
+    if (compared != static_cast<std::int64_t>(length)) {
         logger.log(info::level::warning, "Failed to read a remote target block; the current block will be "
                                          "copied without diff");
         return false;
     }
-    return std::memcmp(diffBuffer.data(), data, length) == 0;
+    return isEqual;
 }
 
 // A comparison that could not read the whole block has left the position elsewhere. Not knowing what the
@@ -223,7 +226,8 @@ std::int64_t IscsiTransport::returnTo(std::int64_t start, std::uint64_t length) 
     return result;
 }
 
-std::int64_t IscsiTransport::tryRead(void* data, std::uint64_t length, bool& failed) {
+std::int64_t IscsiTransport::tryRead(std::uint64_t length, bool& failed,
+                                     const iscsi::Transfer::Deliver& deliver) {
     Lock lock(mutex);
     if (!isReady()) {
         return -1;
@@ -239,17 +243,12 @@ std::int64_t IscsiTransport::tryRead(void* data, std::uint64_t length, bool& fai
         // Never more than was asked for, which it would be where the position is no block's start.
         length = std::min(length, blockSize * count);
     }
-    const iscsi::Task task = runCommand(lock, [&] {
-        return iscsi_read16_sync(context.get(), lun, lba, static_cast<std::uint32_t>(count * blockSize),
-                                 static_cast<int>(blockSize), 0, 0, 0, 0, 0);
+    const bool isDone = run(lock, [&](iscsi::Transfer& transfer) {
+        return transfer.read(lba, count * blockSize, length, deliver);
     });
-    // A target may say that all is well and yet deliver less.
-    if (!iscsi::isGood(task) || task->datain.size < 0 ||
-        static_cast<std::uint64_t>(task->datain.size) < length) {
+    if (!isDone) {
         return failCommand("Failed during iscsi read command.", failed);
     }
-    // Of nothing there may be no address.
-    std::copy_n(task->datain.data, length, static_cast<unsigned char*>(data));
     position += static_cast<std::int64_t>(length);
     return static_cast<std::int64_t>(length);
 }
@@ -269,14 +268,10 @@ std::int64_t IscsiTransport::tryWrite(const void* data, std::uint64_t length, bo
         return -1;
     }
     length = std::min(length / blockSize, blockCount - lba) * blockSize;
-    // The library takes what it only reads as a pointer to what it could change.
-    // NOLINTNEXTLINE(cppcoreguidelines-pro-type-const-cast)
-    auto* const bytes = static_cast<unsigned char*>(const_cast<void*>(data));
-    const iscsi::Task task = runCommand(lock, [&] {
-        return iscsi_write16_sync(context.get(), lun, lba, bytes, static_cast<std::uint32_t>(length),
-                                  static_cast<int>(blockSize), 0, 0, 0, 0, 0);
+    const bool isDone = run(lock, [&](iscsi::Transfer& transfer) {
+        return transfer.write(lba, static_cast<const unsigned char*>(data), length);
     });
-    if (!iscsi::isGood(task)) {
+    if (!isDone) {
         return failCommand("Failed during iscsi write command.", failed);
     }
     position += static_cast<std::int64_t>(length);
@@ -301,14 +296,18 @@ bool IscsiTransport::isReady() const {
     return true;
 }
 
-iscsi::Task IscsiTransport::runCommand(Lock& lock, const std::function<scsi_task*()>& command) {
+bool IscsiTransport::run(Lock& lock, const std::function<bool(iscsi::Transfer& transfer)>& work) {
+    if (broken) {
+        return false;
+    }
     const BrokenPipeGuard guard;
     busy = true;
     lock.unlock();
-    iscsi::Task task(command());
+    iscsi::Transfer transfer({context.get(), lun, blockSize}, window);
+    const bool isDone = work(transfer);
     lock.lock();
     busy = false;
-    return task;
+    return isDone;
 }
 
 std::int64_t IscsiTransport::failCommand(const char* message, bool& failed) {
@@ -317,6 +316,13 @@ std::int64_t IscsiTransport::failCommand(const char* message, bool& failed) {
     broken = true;
     failed = true;
     return -1;
+}
+
+std::int64_t IscsiTransport::attempt(const char* message,
+                                     const std::function<std::int64_t(bool& failed)>& operation) {
+    bool failed = false;
+    const std::int64_t result = operation(failed);
+    return failed ? retry(message, operation) : result;
 }
 
 std::int64_t IscsiTransport::retry(const char* message,

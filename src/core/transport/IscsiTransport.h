@@ -1,23 +1,23 @@
 #pragma once
 
 #include "core/transport/IscsiLibrary.h"
+#include "core/transport/Transfer.h"
 #include "core/transport/Transport.h"
 
-#include <cstddef>
 #include <functional>
 #include <mutex>
 #include <string>
-#include <vector>
 
 namespace agent::core {
 
 /// A remote image on a LUN of an iSCSI target, from a fixed byte offset of it on.
 /// Owns:    the session with the target; one for each object, made by `connect`.
-/// Threads: one at a time. A second one that comes while a command is under way gets EBUSY at once; no lock
+/// Threads: one at a time. A second one that comes while commands are under way gets EBUSY at once; no lock
 ///          is held while the network is waited for.
-/// Fails:   by return value, after a line in the log. A read or write that fails is tried again over a new
-///          session, five times at intervals of a second, so a target may be restarted meanwhile. Each
-///          command gives up after a minute. Broken pipes raise no signal.
+/// Fails:   by return value, after a line in the log. A read or write is many commands at once; with one that
+///          fails, all of it has failed. It is tried again over a new session, five times at intervals of a
+///          second, so a target may be restarted meanwhile. Each command gives up after a minute. Broken
+///          pipes raise no signal.
 ///
 /// Positions and lengths of reads and writes are meant to be whole blocks of the target. Writes insist on it;
 /// reads deliver from the start of the block.
@@ -53,20 +53,23 @@ private:
     /// Ends the context. Always false.
     bool giveUp(const std::string& message);
 
-    std::int64_t tryRead(void* data, std::uint64_t length, bool& failed);
+    std::int64_t tryRead(std::uint64_t length, bool& failed, const iscsi::Transfer::Deliver& deliver);
     std::int64_t tryWrite(const void* data, std::uint64_t length, bool& failed);
-    /// Repeats an operation that has failed, each time over a new session.
+    /// Does an operation, and repeats it if it has failed, each time over a new session.
+    std::int64_t attempt(const char* message, const std::function<std::int64_t(bool& failed)>& operation);
     std::int64_t retry(const char* message, const std::function<std::int64_t(bool& failed)>& operation);
     bool reconnect();
-    /// Whether the remote bytes at the position equal `data`; if so, the position is behind them now.
+    /// Whether the remote bytes at the position equal `data`; if so, the position is behind them now. They
+    /// are compared as they arrive, while others are still on the way.
     bool isRemoteEqual(const void* data, std::uint64_t length);
     std::int64_t returnTo(std::int64_t start, std::uint64_t length);
     /// Where the position is on the LUN; behind all LUNs if it can't be told.
     [[nodiscard]] std::uint64_t firstByte() const;
     /// Whether a command can be sent now; `errno` tells why not.
     [[nodiscard]] bool isReady() const;
-    iscsi::Task runCommand(Lock& lock, const std::function<scsi_task*()>& command);
-    /// What becomes of a command that the target has not carried out: -1 with EIO.
+    /// False without anything sent over a session that has broken.
+    bool run(Lock& lock, const std::function<bool(iscsi::Transfer& transfer)>& work);
+    /// What becomes of a transfer that the target has not carried out: -1 with EIO.
     std::int64_t failCommand(const char* message, bool& failed);
     void flush();
     [[nodiscard]] std::uint64_t size() const { return blockSize * blockCount; }
@@ -83,10 +86,10 @@ private:
     std::uint64_t offset;
     std::uint32_t blockSize = 0; ///< bytes
     std::uint64_t blockCount = 0;
-    bool busy = false;   ///< a command is in flight
+    iscsi::CommandWindow window;
+    bool busy = false;   ///< commands are in flight
     bool broken = false; ///< the session can't be trusted: no orderly logout
     std::mutex mutex;    ///< guards the command path
-    std::vector<std::byte> diffBuffer;
 };
 
 } // namespace agent::core

@@ -1,5 +1,7 @@
 #include "info/log/Logger.h"
 
+#include "info/log/LogTurn.h"
+
 #include <cstdarg>
 #include <utility>
 
@@ -20,7 +22,8 @@ LogEntry Logger::log(int level, const char* format, ...) {
 }
 
 void Logger::print(const std::string& message, int level) const {
-    if (!printer) {
+    const LogTurn* const turn = LogTurn::ofThisThread();
+    if (!printer || (turn != nullptr && isEnabled(level) && !turn->await())) {
         return;
     }
     const std::lock_guard lock(*mutex);

@@ -65,7 +65,7 @@ public:
     }
     std::string lastWrite() override {
         return std::to_string(std::count_if(iscsi.calls.begin(), iscsi.calls.end(), [](const auto& call) {
-            return call.starts_with("iscsi_write16_sync");
+            return call.starts_with("iscsi_write16_task");
         }));
     }
     void breakDown() override {
@@ -77,8 +77,8 @@ private:
     static constexpr std::size_t moreThanAllTries = 100;
 
     void scriptCommands(const std::vector<test::FakeIscsi::Outcome>& next) {
-        iscsi.script("iscsi_read16_sync", next);
-        iscsi.script("iscsi_write16_sync", next);
+        iscsi.script("iscsi_read16_task", next);
+        iscsi.script("iscsi_write16_task", next);
     }
 
     std::uint64_t offset;

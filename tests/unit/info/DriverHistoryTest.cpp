@@ -5,6 +5,8 @@
 #include "unit/info/DriverFixture.h"
 
 #include <filesystem>
+#include <fstream>
+#include <functional>
 #include <sys/stat.h>
 
 namespace agent::info {
@@ -30,6 +32,14 @@ std::string contentOf(const std::vector<std::uint64_t>& table, std::uint64_t ver
     return CowImage{.version = version, .changedBlocks = 7, .table = table}.bytes();
 }
 
+/// By all reading system calls of this process.
+std::uint64_t bytesReadSoFar() {
+    std::string name;
+    std::uint64_t bytes = 0;
+    std::ifstream("/proc/self/io") >> name >> bytes;
+    return name == "rchar:" ? bytes : 0;
+}
+
 /// In the snapshot state, with /.tolvu1 as the current file: /.tolvu is closed and holds what has changed.
 class DriverHistoryTest : public test::DriverFixture {
 protected:
@@ -45,6 +55,17 @@ protected:
     }
 
     [[nodiscard]] Lines problems() const { return linesAbove(level::info); }
+
+    /// Whether `step` is true in a process of its own, where system calls may be denied.
+    static bool inChild(const std::function<bool()>& step) {
+        const pid_t child = ::fork();
+        if (child == 0) {
+            ::_exit(step() ? 0 : 1);
+        }
+        int status = -1;
+        ::waitpid(child, &status, 0);
+        return status == 0;
+    }
 
     static constexpr std::uint64_t twoEntries = 4097;
 
@@ -306,6 +327,73 @@ TEST_F(DriverHistoryTest, MergeThatEndsInTheSecondPiece) {
     EXPECT_TRUE(readFile(closed) == contentOf(merged));
 }
 
+/// Gigabytes of zeros are neither written, nor read, nor merged into gigabytes.
+TEST_F(DriverHistoryTest, OwingNothingCostsNothing) {
+    const std::uint64_t entries = pieceBytes / 8 * 2 + 2;
+    const std::vector<std::uint64_t> table(entries, 1);
+    writeFile(closed, contentOf(table));
+    writeFile(current, contentOf(table));
+    EXPECT_TRUE(make(true, entries * 4096));
+    EXPECT_TRUE(readFile(history) == contentOf(std::vector<std::uint64_t>(entries)));
+    EXPECT_GE(static_cast<std::uint64_t>(file::status(history).st_blocks) * 512, headerBytes + entries * 8);
+    EXPECT_TRUE(inChild([&] {
+        test::denySystemCall(SYS_write, EIO);
+        const std::uint64_t before = bytesReadSoFar();
+        return roll(entries * 4096) && bytesReadSoFar() - before < pieceBytes;
+    }));
+    EXPECT_TRUE(readFile(closed) == contentOf(table));
+}
+
+TEST_F(DriverHistoryTest, ZerosAreWrittenWhereNoSpaceCanBeSetAside) {
+    const std::uint64_t entries = pieceBytes / 8 + 2;
+    writeFile(current, contentOf(std::vector<std::uint64_t>(entries, 1)));
+    EXPECT_TRUE(inChild([&] {
+        test::denySystemCall(SYS_fallocate, EOPNOTSUPP);
+        return make(true, entries * 4096);
+    }));
+    EXPECT_TRUE(readFile(history) == contentOf(std::vector<std::uint64_t>(entries)));
+}
+
+TEST_F(DriverHistoryTest, MergeWritesNothingThatIsThere) {
+    writeFile(closed, contentOf({5, 2}));
+    writeFile(history, contentOf({4, 0}));
+    EXPECT_TRUE(inChild([&] {
+        test::denySystemCall(SYS_write, EIO);
+        return roll();
+    }));
+    EXPECT_EQ(readFile(closed), contentOf({5, 2}));
+}
+
+/// What is owed lies behind a piece of holes, and before another.
+TEST_F(DriverHistoryTest, MergesWhatLiesBetweenHoles) {
+    const std::uint64_t piece = pieceBytes / 8;
+    std::vector<std::uint64_t> table(3 * piece, 1);
+    writeFile(closed, contentOf(table));
+    writeFile(current, contentOf({}));
+    EXPECT_TRUE(make(true, table.size() * 4096));
+    const std::uint64_t owed = 6;
+    std::fstream(history, std::ios::in | std::ios::out | std::ios::binary)
+        .seekp(static_cast<std::streamoff>(headerBytes + (piece + 3) * 8))
+        .write(static_cast<const char*>(static_cast<const void*>(&owed)), sizeof owed);
+    EXPECT_TRUE(roll(table.size() * 4096));
+    table[piece + 3] = 7;
+    EXPECT_TRUE(readFile(closed) == contentOf(table));
+}
+
+TEST_F(DriverHistoryTest, ATableThatBreaksOffIsFoundOutThoughNothingIsOwed) {
+    writeFile(current, contentOf({1, 2}));
+    EXPECT_TRUE(make(true));
+    writeFile(closed, contentOf({1, 2}).substr(0, headerBytes + 15));
+    EXPECT_FALSE(roll());
+    EXPECT_EQ(problems(), (Lines{{level::error, "Unable to read from incremental file " + closed +
+                                                    ": No data available"}}));
+    std::filesystem::resize_file(history, headerBytes + 15);
+    writeFile(closed, contentOf({1, 2}));
+    EXPECT_FALSE(roll());
+    EXPECT_EQ(problems(), (Lines{{level::error, "Unable to read from incremental history file " + history +
+                                                    ": No data available"}}));
+}
+
 /// On a full volume the history is missed, and nothing else is harmed.
 TEST_F(DriverHistoryTest, FullVolume) {
     const test::TmpfsMount full(mountPoint, "size=96k");
@@ -345,15 +433,11 @@ TEST_F(DriverHistoryTest, SystemCallsThatFail) {
     writeFile(current, contentOf({1, 2}));
     writeFile(history, contentOf({4, 8}));
     const auto failsWith = [&](long call, bool merge, const std::string& text) {
-        const pid_t child = ::fork();
-        if (child == 0) {
+        return inChild([&] {
             test::denySystemCall(call, EIO);
             const bool done = merge ? roll() : make(false);
-            ::_exit(!done && problems() == Lines{{level::error, text + ": Input/output error"}} ? 0 : 1);
-        }
-        int status = -1;
-        ::waitpid(child, &status, 0);
-        return status == 0;
+            return !done && problems() == Lines{{level::error, text + ": Input/output error"}};
+        });
     };
     EXPECT_TRUE(failsWith(SYS_write, true, "Unable to write merge to incremental file " + closed));
     EXPECT_TRUE(failsWith(SYS_write, false, "Unable to write to incremental history file " + history));

@@ -115,7 +115,7 @@ TEST_F(BackupTest, ImageBeginsAtItsOffset) {
     const std::shared_ptr<core::ITransport> transport = stage.takeTransport("uuid-1");
     ASSERT_TRUE(transport->connect(false));
     EXPECT_EQ(transport->write(std::string(512, 'x').data(), 512), 512);
-    EXPECT_THAT(iscsi.calls, Contains("iscsi_write16_sync 3 8 512 512 0 0 0 0 0")); // 4096 bytes are 8 blocks
+    EXPECT_THAT(iscsi.calls, Contains("iscsi_write16_task 3 8 512 512 0 0 0 0 0")); // 4096 bytes are 8 blocks
 }
 
 TEST_F(BackupTest, VolumesMayBeTheValuesOfAnObject) {

@@ -3,11 +3,14 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstddef>
 #include <cstdint>
 #include <limits>
 #include <new>
+#include <sys/mman.h>
 #include <unistd.h>
 #include <utility>
+#include <vector>
 
 namespace os {
 namespace {
@@ -18,8 +21,14 @@ bool beginsAtAPage(const AlignedBuffer& buffer) {
     return reinterpret_cast<std::uintptr_t>(buffer.data()) % static_cast<std::uintptr_t>(getpagesize()) == 0;
 }
 
+std::ptrdiff_t pagesInMemory(AlignedBuffer& buffer) {
+    std::vector<unsigned char> pages(buffer.size() / static_cast<std::size_t>(getpagesize()));
+    EXPECT_EQ(mincore(buffer.data(), buffer.size(), pages.data()), 0);
+    return std::count_if(pages.begin(), pages.end(), [](unsigned char page) { return (page & 1U) != 0; });
+}
+
 TEST(AlignedBuffer, IsZeroedAndBeginsAtAPage) {
-    for (const std::size_t size : {1U, 511U, 512U, 4096U, 4097U, 1048576U}) {
+    for (const std::size_t size : {1U, 511U, 512U, 4096U, 4097U, 1048576U, 1048577U, 10485760U}) {
         for (int round = 0; round < 3; ++round) { // later rounds get memory that has been written
             AlignedBuffer buffer(size, 512);
             ASSERT_EQ(buffer.size(), size);
@@ -31,6 +40,13 @@ TEST(AlignedBuffer, IsZeroedAndBeginsAtAPage) {
             std::fill_n(buffer.data(), size, std::byte{0xa5});
         }
     }
+}
+
+TEST(AlignedBuffer, TakesMemoryForWhatIsUsedOfALargeOne) {
+    AlignedBuffer buffer(std::size_t{40} * 1024 * 1024, 512);
+    EXPECT_EQ(pagesInMemory(buffer), 0);
+    buffer.data()[buffer.size() / 2] = std::byte{1};
+    EXPECT_EQ(pagesInMemory(buffer), 1);
 }
 
 TEST(AlignedBuffer, KeepsTheAlignmentThatWasAskedFor) {

@@ -1,10 +1,12 @@
 #include "core/backup/phase/CopyChunkRanges.h"
 
 #include "common/Exceptions.h"
+#include "core/backup/phase/ReadAhead.h"
+#include "core/fs/LoggedBuffer.h"
 #include "info/HumanSize.h"
 
 #include <cstdio>
-#include <stdexcept>
+#include <exception>
 #include <utility>
 
 namespace agent::core::backup::phase {
@@ -25,48 +27,37 @@ CopyChunkRanges::CopyChunkRanges(info::Logger& logger, std::string uuid, IVolume
       cancel(cancel) {}
 
 void CopyChunkRanges::execute() {
+    AlignedBuffer second = fs::createLoggedBuffer(buffer.size(), buffer.alignment(), logger);
+    ChunkReader reading(logger, reader, *provider, blockSize);
+    ReadAhead chunks(reading, buffer, second);
     std::uint64_t total = 0;
-    for (block::BlockRangeIterator chunk = provider->begin(); chunk != provider->end(); ++chunk) {
+    for (Chunk chunk = chunks.next(); chunk.kind != Chunk::Kind::end; chunk = chunks.next()) {
         cancel.check();
-        if (chunk->empty()) {
+        if (chunk.kind == Chunk::Kind::empty) {
             continue;
         }
-        const auto offset = static_cast<std::int64_t>(chunk->start * blockSize);
-        const std::uint64_t length = readChunk(offset, chunk->length * blockSize);
-        if (length == 0) {
+        if (chunk.kind == Chunk::Kind::failed) {
+            std::rethrow_exception(chunk.failure);
+        }
+        if (chunk.length == 0) {
             break;
         }
-        writeChunk(offset, length);
-        total += length;
+        writeChunk(chunk);
+        total += chunk.length;
         status.setVolumeBytesTransferred(uuid, total);
     }
     logger.log(info::level::debug, "Total bytes copied is %lu (%s)", total,
                info::formatHumanSize(total).c_str());
 }
 
-std::uint64_t CopyChunkRanges::readChunk(std::int64_t offset, std::uint64_t length) {
-    if (length > buffer.size()) {
-        throw std::logic_error("A chunk to copy is larger than the buffer for it!");
-    }
-    if (reader.seek(offset, SEEK_SET) == -1) {
-        throw std::runtime_error("Failed to seek to the read offset!");
-    }
-    const std::int64_t bytesRead = reader.read(buffer.data(), length);
-    if (bytesRead == -1) {
-        logger.log(info::level::error, "Failed to read the chunk at offset %ld", offset);
-        throw std::runtime_error("Failed to read the chunk!");
-    }
-    return static_cast<std::uint64_t>(bytesRead);
-}
-
-void CopyChunkRanges::writeChunk(std::int64_t offset, std::uint64_t length) {
-    if (writer->seek(offset, SEEK_SET) == -1) {
+void CopyChunkRanges::writeChunk(const Chunk& chunk) {
+    if (writer->seek(chunk.offset, SEEK_SET) == -1) {
         throw exception::transport_connection_error("Failed to seek to the write offset!");
     }
-    const std::int64_t written = writer->write(buffer.data(), length);
-    if (written < static_cast<std::int64_t>(length)) {
+    const std::int64_t written = writer->write(chunk.bytes, chunk.length);
+    if (written < static_cast<std::int64_t>(chunk.length)) {
         logger.log(info::level::error, "Failed to write the chunk! (%ld bytes written out of %lu)", written,
-                   length);
+                   chunk.length);
         throw exception::transport_connection_error("Failed to write the chunk!");
     }
 }

@@ -2,6 +2,7 @@
 
 #include "common/AlignedBuffer.h"
 #include "core/backup/IBackupStatusHandler.h"
+#include "core/backup/phase/ChunkReader.h"
 #include "core/block/IBlockRangeProvider.h"
 #include "core/fs/IVolumeReader.h"
 #include "core/operation/ICancel.h"
@@ -15,13 +16,14 @@
 
 namespace agent::core::backup::phase {
 
-/// Copies the chosen blocks, each to where it stands on the volume, by one buffer that is filled and emptied
-/// in turns. A cancelled backup stops before the next chunk.
+/// Copies the chosen blocks, each to where it stands on the volume. While a chunk is written the next one is
+/// read, by a thread of its own for as long as the phase runs, which has the reader and the provider then. A
+/// cancelled backup stops before the next chunk is written.
 /// A volume that can't be read is std::runtime_error, a target that can't be written
 /// transport_connection_error. A device that ends early ends the copy.
 class CopyChunkRanges : public IPhase {
 public:
-    /// No chunk of `provider` is larger than the buffer.
+    /// No chunk of `provider` is larger than the buffer, beside which the phase has one of the same size.
     CopyChunkRanges(info::Logger& logger, std::string uuid, IVolumeReader& reader,
                     const std::shared_ptr<ITransport>& writer,
                     const std::unique_ptr<block::IBlockRangeProvider>& provider,
@@ -31,9 +33,7 @@ public:
     [[nodiscard]] std::string getName() const override;
 
 private:
-    /// Returns the bytes that have arrived; 0 at the end of the device.
-    std::uint64_t readChunk(std::int64_t offset, std::uint64_t length);
-    void writeChunk(std::int64_t offset, std::uint64_t length);
+    void writeChunk(const Chunk& chunk);
 
     info::Logger& logger;
     const std::string uuid;

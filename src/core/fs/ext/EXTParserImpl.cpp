@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cstring>
 
 namespace agent::core::fs {
 
@@ -53,7 +52,7 @@ std::int64_t EXTParserImpl::getBitmapChunk(std::uint64_t startBlock, std::uint8_
     if (const std::string reason = super.objection(); !reason.empty()) {
         return fail(reason);
     }
-    std::memset(buffer, 0, bufferBytes);
+    clearMap(buffer, bufferBytes);
     GroupBitmaps bitmaps;
     if (!readDescriptors(bitmaps)) {
         return fail("Can't read bgd table");

@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cstring>
 #include <string_view>
 
 namespace agent::core::fs {
@@ -59,7 +58,7 @@ std::int64_t FATParserImpl::getBitmapChunk(std::uint64_t startBlock, std::uint8_
     if (const char* const reason = boot.objection()) {
         return fail(reason);
     }
-    std::memset(buffer, 0, bufferBytes);
+    clearMap(buffer, bufferBytes);
     const std::uint64_t left = boot.blockCount() - std::min(startBlock, boot.blockCount());
     const std::uint64_t count = std::min<std::uint64_t>(bufferBytes * byteBits, left);
     if (const std::int64_t result = markUsed({buffer, startBlock, startBlock + count}); result != 0) {

@@ -8,7 +8,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cstring>
 #include <numeric>
 #include <stdexcept>
 #include <string>
@@ -133,7 +132,7 @@ std::int64_t NTFSParserImpl::readBitmap(const UsedMap& used) {
 /// Returns how many bytes of the buffer are filled. A start within the second run or a later one is refused:
 /// all of `skipBytes` is taken off the first run that is read, though part of it lies in the runs before.
 std::uint64_t NTFSParserImpl::readRuns(const std::vector<NTFSRun>& runs, const UsedMap& used) {
-    std::memset(used.buffer, 0, used.bytes);
+    clearMap(used.buffer, used.bytes);
     const std::uint64_t skipBytes = used.startBlock / byteBits;
     std::uint64_t passed = 0;
     std::uint64_t filled = 0;

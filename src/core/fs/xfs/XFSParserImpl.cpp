@@ -11,7 +11,6 @@
 #include <algorithm>
 #include <array>
 #include <bit>
-#include <cstring>
 #include <stdexcept>
 
 namespace agent::core::fs {
@@ -104,7 +103,7 @@ std::int64_t XFSParserImpl::getBitmapChunk(std::uint64_t startBlock, std::uint8_
     traces = logger.isEnabled(info::level::debug);
     logger.log(info::level::debug, "buf off = %lu, buffer_size = %lu", startBlock, bufferBytes);
     if (startBlock >= totalBlocks || startBlock % byteBits != 0) {
-        std::memset(buffer, 0, bufferBytes);
+        clearMap(buffer, bufferBytes);
         return startBlock >= totalBlocks ? 0 : -1;
     }
     XFSUsedMap map(buffer, bufferBytes, startBlock);

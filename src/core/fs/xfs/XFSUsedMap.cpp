@@ -3,7 +3,6 @@
 #include "core/fs/Bits.h"
 
 #include <algorithm>
-#include <cstring>
 
 namespace agent::core::fs {
 
@@ -15,7 +14,7 @@ constexpr std::uint64_t byteBits = 8;
 
 XFSUsedMap::XFSUsedMap(std::uint8_t* buffer, std::size_t bytes, std::uint64_t firstBlock)
     : buffer(buffer), bits(bytes * byteBits), first(firstBlock) {
-    std::memset(buffer, 0, bytes);
+    clearMap(buffer, bytes);
 }
 
 void XFSUsedMap::markFree(std::uint64_t block, std::uint64_t count) {

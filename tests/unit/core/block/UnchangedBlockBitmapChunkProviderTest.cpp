@@ -1,6 +1,7 @@
 #include "core/block/UnchangedBlockBitmapChunkProvider.h"
 
 #include "common/Directory.h"
+#include "support/DeniedSystemCall.h"
 #include "support/RecordingLogger.h"
 #include "support/TestDirectory.h"
 
@@ -11,6 +12,8 @@
 #include <filesystem>
 #include <limits>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 #include <vector>
 
 namespace agent::core::block {
@@ -55,6 +58,22 @@ TEST_F(UnchangedBlockBitmapChunkProviderTest, ReadsWhatFitsTheBuffer) {
     EXPECT_THAT(read, ElementsAre(4, 5));
     EXPECT_EQ(fetch(5, 3), 0);
     EXPECT_THAT(log.lines(), IsEmpty());
+}
+
+/// The map of a large volume has gigabytes of them.
+TEST_F(UnchangedBlockBitmapChunkProviderTest, HolesAreUnchangedWithoutBeingRead) {
+    test::writeFile(info.fileName, "");
+    info.bitmapEntries = 1U << 20U;
+    std::filesystem::resize_file(info.fileName, info.bitmapOffset + info.bitmapEntries * 8);
+    const pid_t child = ::fork();
+    if (child == 0) {
+        test::denySystemCall(SYS_read, EIO);
+        test::denySystemCall(SYS_pread64, EIO);
+        ::_exit(fetch(1000, 5000) == 5000 && read == Words(5000) ? 0 : 1);
+    }
+    int status = -1;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
 }
 
 TEST_F(UnchangedBlockBitmapChunkProviderTest, ALinkInThePlaceOfTheFileIsNotFollowed) {

@@ -1,12 +1,13 @@
 #include "core/checksum/BufferChecksumGeneratorFactory.h"
 #include "core/checksum/BufferChecksumGeneratorGCryptCRC32.h"
 #include "core/checksum/BufferChecksumGeneratorLibCRC32c.h"
+#include "support/CrcByDefinition.h"
 
 #include <gtest/gtest.h>
 
 #include <numeric>
 #include <random>
-#include <string>
+#include <span>
 #include <string_view>
 #include <thread>
 #include <vector>
@@ -16,19 +17,10 @@ namespace {
 
 using Bytes = std::vector<unsigned char>;
 
-/// What both sums are by definition, one bit at a time.
 std::uint32_t reference(std::uint32_t reflectedPolynomial, const unsigned char* bytes, std::size_t size) {
-    std::uint32_t crc = 0xffffffff;
-    for (std::size_t index = 0; index < size; ++index) {
-        crc ^= bytes[index];
-        for (int bit = 0; bit < 8; ++bit) {
-            crc = (crc & 1U) != 0 ? crc >> 1U ^ reflectedPolynomial : crc >> 1U;
-        }
-    }
-    return ~crc;
+    return test::crcByDefinition(reflectedPolynomial, std::as_bytes(std::span(bytes, size)));
 }
 
-constexpr std::uint32_t castagnoli = 0x82f63b78;
 constexpr std::uint32_t ieee = 0xedb88320;
 
 std::uint32_t sum(const IBufferChecksumGenerator& generator, const void* buffer, std::size_t size) {
@@ -103,7 +95,7 @@ TEST(BufferChecksumGenerators, AgreeWithTheDefinitionAtEveryLengthAndAlignment) 
     for (std::size_t start = 0; start < 17; ++start) {
         for (std::size_t length = 0; start + length <= bytes.size(); ++length) {
             const unsigned char* const first = bytes.data() + start;
-            ASSERT_EQ(sum(crc32c, first, length), reference(castagnoli, first, length))
+            ASSERT_EQ(sum(crc32c, first, length), reference(test::castagnoli, first, length))
                 << start << "+" << length;
             ASSERT_EQ(sum(crc32, first, length), reference(ieee, first, length)) << start << "+" << length;
         }
@@ -112,7 +104,7 @@ TEST(BufferChecksumGenerators, AgreeWithTheDefinitionAtEveryLengthAndAlignment) 
 
 TEST(BufferChecksumGenerators, AgreeWithTheDefinitionOnALongBuffer) {
     const Bytes bytes = randomBytes(3 * 1024 * 1024 + 5);
-    EXPECT_EQ(crc32c(bytes), reference(castagnoli, bytes.data(), bytes.size()));
+    EXPECT_EQ(crc32c(bytes), reference(test::castagnoli, bytes.data(), bytes.size()));
     EXPECT_EQ(sum(BufferChecksumGeneratorGCryptCRC32(), bytes.data(), bytes.size()),
               reference(ieee, bytes.data(), bytes.size()));
 }

@@ -1,11 +1,15 @@
 #include "core/fs/Bits.h"
 
 #include "core/fs/ByteOrder.h"
+#include "os/AlignedBuffer.h"
 
 #include <gtest/gtest.h>
 
+#include <cstddef>
 #include <cstdint>
+#include <fstream>
 #include <random>
+#include <string>
 #include <vector>
 
 namespace agent::core::fs {
@@ -36,6 +40,17 @@ void plainSet(Map& map, std::uint64_t first, std::uint64_t count) {
     for (std::uint64_t index = first; index < first + count; ++index) {
         map[index / 8] |= static_cast<std::uint8_t>(1U << (index % 8));
     }
+}
+
+/// Memory of this process that is neither a file's nor the page of zeros that all share.
+std::size_t ownKibibytes() {
+    std::ifstream status("/proc/self/status");
+    std::string word;
+    std::size_t kibibytes = 0;
+    while (status >> word && word != "RssAnon:") {
+    }
+    EXPECT_TRUE(status >> kibibytes);
+    return kibibytes;
 }
 
 class Random {
@@ -103,6 +118,29 @@ TEST(Bits, SettingAndClearingAreThoseOfOneBitAtATime) {
         setBits(changed.data(), first, count);
         ASSERT_EQ(changed, expected) << first << " " << count;
     }
+}
+
+TEST(Bits, ClearingAMapLeavesNoBit) {
+    Random random;
+    for (const std::size_t bytes : {0U, 1U, 2U, 4095U, 4096U, 4097U, 20000U}) {
+        Map map = random.map(bytes * 8);
+        clearMap(map.data(), map.size());
+        EXPECT_EQ(map, Map(bytes)) << bytes;
+    }
+    for (const std::size_t last : {0U, 1U, 4095U, 4096U, 9998U}) { // the only byte that is to be cleared
+        Map map(9999);
+        map[last] = 0x80;
+        clearMap(map.data(), map.size());
+        EXPECT_EQ(map, Map(9999)) << last;
+    }
+}
+
+TEST(Bits, ClearingAFreshBufferTakesNoMemory) {
+    constexpr std::size_t bytes = std::size_t{40} * 1024 * 1024;
+    os::AlignedBuffer buffer(bytes, 512);
+    const std::size_t before = ownKibibytes();
+    clearMap(static_cast<std::uint8_t*>(static_cast<void*>(buffer.data())), bytes);
+    EXPECT_LT(ownKibibytes(), before + bytes / 1024 / 4);
 }
 
 TEST(Bits, ClearBitsAreCounted) {

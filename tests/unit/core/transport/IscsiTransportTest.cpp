@@ -43,8 +43,9 @@ constexpr int absolute = 0;
 constexpr int relative = 1;
 
 const std::string targetName = "iqn.2026-01.example:images";
-const std::string readCall = "iscsi_read16_sync";
-const std::string writeCall = "iscsi_write16_sync";
+const std::string readCall = "iscsi_read16_task";
+const std::string writeCall = "iscsi_write16_task";
+const std::string flushCall = "iscsi_read16_sync";
 const std::string loginCall = "iscsi_full_connect_sync";
 const std::string capacityCall = "iscsi_readcapacity16_sync";
 const std::string destroyed = "iscsi_destroy_context";
@@ -59,7 +60,7 @@ const Line notCompared{warning,
                        "Failed to read a remote target block; the current block will be copied without diff"};
 const Line wrongPosition{error, "Invalid seek position in remote target"};
 const Lines connectedLines{{debug, "Iscsi connected:"},
-                           {debug, "FD = 7"},
+                           {debug, "FD = 700"},
                            {debug, "tBlock size: 512"},
                            {debug, "tBlock count: 16"},
                            {debug, "Iscsi successfully connected."}};
@@ -125,6 +126,7 @@ protected:
         transport.reset();
         EXPECT_EQ(iscsi.contexts, 0);
         EXPECT_EQ(iscsi.tasks, 0);
+        EXPECT_EQ(iscsi.forgotten, 0);
     }
 
     void make(std::uint64_t offset) {
@@ -944,9 +946,9 @@ TEST_F(IscsiTransportTest, TheDestructorDisconnects) {
 TEST_F(IscsiTransportTest, ATargetThatDoesNotFlushIsNotLoggedOutOf) {
     for (const Outcome outcome : {failed, refused}) {
         connect();
-        iscsi.script(readCall, {outcome});
+        iscsi.script(flushCall, {outcome});
         transport->disconnect();
-        EXPECT_THAT(iscsi.calls, ElementsAre(command(readCall, 0, 512), "iscsi_disconnect", destroyed));
+        EXPECT_THAT(iscsi.calls, ElementsAre(command(flushCall, 0, 512), "iscsi_disconnect", destroyed));
         EXPECT_THAT(log.lines(), IsEmpty());
     }
     connect(); // which makes the session one to be trusted
@@ -957,7 +959,7 @@ TEST_F(IscsiTransportTest, WithoutALoginThereIsNoLogout) {
     connect();
     iscsi.isLoggedIn = false;
     transport->disconnect();
-    EXPECT_THAT(iscsi.calls, ElementsAre(command(readCall, 0, 512), "iscsi_disconnect", destroyed));
+    EXPECT_THAT(iscsi.calls, ElementsAre(command(flushCall, 0, 512), "iscsi_disconnect", destroyed));
     EXPECT_THAT(log.lines(), IsEmpty());
 }
 

@@ -30,13 +30,19 @@ def require_tools():
         sys.exit(f"these Debian packages are needed, too: {' '.join(missing)}")
 
 
-def run_qemu(bed, device):
+def url_of(portal, target, image):
+    """What qemu calls a disk of a target."""
+    return f"iscsi://{portal}/{target.name}/{image.lun}"
+
+
+def run_qemu(bed, device, *options, portal=None):
     """The whole device to the same image: without knowledge of the file system, every byte is a used one."""
     bed.settle()
     written, other = bed.image.writes(), processor_seconds(bed.target.pid)
-    url = f"iscsi://{bed.target.portal}/{bed.target.name}/{bed.image.lun}"
-    _, seconds, cpu = timed(["qemu-img", "convert", "-n", "-W", "-f", "raw", "-O", "raw", device, url])
-    return Peer("qemu-img convert -n -W", seconds, (bed.image.writes() - written).bytes, cpu,
+    command = ["qemu-img", "convert", "-n", "-W", *options]
+    url = url_of(portal or bed.target.portal, bed.target, bed.image)
+    _, seconds, cpu = timed([*command, "-f", "raw", "-O", "raw", device, url])
+    return Peer(" ".join(command), seconds, (bed.image.writes() - written).bytes, cpu,
                 processor_seconds(bed.target.pid) - other)
 
 

@@ -1,0 +1,39 @@
+#pragma once
+
+#include "os/FileDescriptor.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <istream>
+#include <string>
+#include <vector>
+
+namespace agent::bench {
+
+/// A run of bytes on a volume, at most as long as what a backup reads at once.
+struct Chunk {
+    static constexpr std::size_t largest = 0x400000;
+
+    std::uint64_t offset;
+    std::size_t length;
+};
+
+/// Ranges by line, `OFFSET LENGTH` in bytes, in chunks.
+std::vector<Chunk> chunksIn(std::istream& lines);
+
+/// The volume, read past the page cache.
+/// Owns:    the open device.
+/// Threads: any.
+/// Fails:   by std::runtime_error.
+class Source {
+public:
+    explicit Source(const std::string& device);
+    void read(const Chunk& chunk, std::byte* data) const;
+    /// Reads all chunks, in any order, by this many threads at once.
+    void readAll(const std::vector<Chunk>& chunks, std::size_t threads) const;
+
+private:
+    os::FileDescriptor volume;
+};
+
+} // namespace agent::bench

@@ -1,0 +1,16 @@
+#include "core/transport/CommandWindow.h"
+
+#include <algorithm>
+
+namespace agent::core::iscsi {
+
+void CommandWindow::shrink(std::uint32_t others) {
+    commands = std::max(1U, std::min(commands, others));
+}
+
+void CommandWindow::grow() {
+    constexpr std::uint32_t part = 8; // so that one refusal isn't felt for long, and few come of trying
+    commands = std::min(commands + commands / part + 1, most);
+}
+
+} // namespace agent::core::iscsi
