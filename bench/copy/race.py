@@ -8,8 +8,8 @@ Races, all if none is given:
 - floor: a FULL copy beside direct reads and writes of the same blocks: one after the other, and the slower of
   both alone, with as many commands in flight as suit the target;
 - kinds: a DIFFERENTIAL_MERGE of an equal image beside the slower side's reads, and INCREMENTAL backups;
-- wire: a FULL copy beside the faster of qemu-img's, of the snapshot and of its sparse file, at round trips of
-  0, 0.5 and 5 ms, and how long commands take by how many are in flight;
+- wire: a FULL copy beside qemu-img's of the whole snapshot, at round trips of 0, 0.5 and 5 ms, and how long
+  commands take by how many are in flight;
 - call: write calls of the transport beside as many bytes by qemu-img bench, at the same round trips;
 - volumes: five volumes in one backup beside five backups;
 - peers: a FULL beside other tools, with the target's disk;
