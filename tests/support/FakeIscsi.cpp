@@ -322,27 +322,27 @@ scsi_task* iscsi_read16_task(iscsi_context* context, int lun, uint64_t lba, uint
                              int rdprotect, int dpo, int fua, int fuaNv, int group, iscsi_command_cb answered,
                              void* answeredTo) {
     FakeIscsi& fake = FakeIscsi::get();
-    Command command;
-    command.outcome = fake.call(__func__, lun, lba, datalen, blocksize, rdprotect, dpo, fua, fuaNv, group);
-    command.begin = lba * fake.blockSize;
-    command.length = datalen;
-    command.answered = answered;
-    command.answeredTo = answeredTo;
-    return accept(context, __func__, command);
+    return accept(
+        context, __func__,
+        {.outcome = fake.call(__func__, lun, lba, datalen, blocksize, rdprotect, dpo, fua, fuaNv, group),
+         .begin = lba * fake.blockSize,
+         .length = datalen,
+         .answered = answered,
+         .answeredTo = answeredTo});
 }
 
 scsi_task* iscsi_write16_task(iscsi_context* context, int lun, uint64_t lba, unsigned char* data,
                               uint32_t datalen, int blocksize, int wrprotect, int dpo, int fua, int fuaNv,
                               int group, iscsi_command_cb answered, void* answeredTo) {
     FakeIscsi& fake = FakeIscsi::get();
-    Command command;
-    command.outcome = fake.call(__func__, lun, lba, datalen, blocksize, wrprotect, dpo, fua, fuaNv, group);
-    command.begin = lba * fake.blockSize;
-    command.length = datalen;
-    command.written = data;
-    command.answered = answered;
-    command.answeredTo = answeredTo;
-    return accept(context, __func__, command);
+    return accept(
+        context, __func__,
+        {.outcome = fake.call(__func__, lun, lba, datalen, blocksize, wrprotect, dpo, fua, fuaNv, group),
+         .begin = lba * fake.blockSize,
+         .written = data,
+         .length = datalen,
+         .answered = answered,
+         .answeredTo = answeredTo});
 }
 
 void scsi_free_scsi_task(scsi_task* task) {
