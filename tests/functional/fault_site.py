@@ -133,14 +133,18 @@ class FaultSite:
 
     def rehearse(self, calls, **kind):
         """The calls that the thread of a backup makes, in order."""
+        return self._rehearse_all(calls, **kind)[0]
+
+    def _rehearse_all(self, calls, **kind):
+        """The same, and those of each other thread."""
         self.change()
         with Trace(self.daemon.pid, f"{calls},{CALL_OF_RUN}") as trace:
             backup = self.protection.run(**kind)
-            found = next(lines for lines in trace.lines().values()
-                         if any(line.startswith(CALL_OF_RUN) for line in lines))
+            threads = sorted(trace.lines().values(),
+                             key=lambda lines: not any(line.startswith(CALL_OF_RUN) for line in lines))
         assert backup.state == "finished", backup.log
         self.check_clean()
-        return found
+        return threads
 
     def boundaries(self, texts, **kind):
         """(text, number) of the lines with these texts that the thread of a backup logs."""
@@ -157,6 +161,13 @@ class FaultSite:
         begin, end = (at for at, line in enumerate(lines) if phase in line and str(log_file()) in line)
         matching = [at for at, line in enumerate(lines) if line.startswith(f"{call}(") and path in line]
         return [number for number, at in enumerate(matching, 1) if begin < at < end]
+
+    def packets_of_copy(self, call, **kind):
+        """The numbers of the calls by which a backup sends what it copies, which is done by a thread for each
+        volume: those numbers that no other thread comes to."""
+        counts = sorted(sum(line.startswith(f"{call}(") for line in lines)
+                        for lines in self._rehearse_all(call, **kind))
+        return list(range(counts[-2] + 1, counts[-1] + 1))
 
     @contextlib.contextmanager
     def in_copy(self, reads=None, **kind):

@@ -23,7 +23,7 @@ def points_of_copy(site, count, source):
     reads = [{"call": "read", "number": number, "paths": [SNAPSHOTS[0]]}
              for number in site.steps_of_copy("read", SNAPSHOTS[0], full=True)]
     packets = [{"call": "writev", "number": number, "behind": behind}
-               for number in site.steps_of_copy("writev", full=True) for behind in (False, True)]
+               for number in site.packets_of_copy("writev", full=True) for behind in (False, True)]
     return [source.choice(steps[:int(len(steps) * WINDOW)]) for steps in (reads, packets, packets)[:count]]
 
 

@@ -1,12 +1,12 @@
 #include "core/backup/phase/CopyChunkRanges.h"
 
 #include "common/Exceptions.h"
-#include "core/backup/phase/ReadAhead.h"
 #include "core/fs/LoggedBuffer.h"
 #include "info/HumanSize.h"
+#include "info/log/LogTurn.h"
 
 #include <cstdio>
-#include <exception>
+#include <stdexcept>
 #include <utility>
 
 namespace agent::core::backup::phase {
@@ -28,26 +28,58 @@ CopyChunkRanges::CopyChunkRanges(info::Logger& logger, std::string uuid, IVolume
 
 void CopyChunkRanges::execute() {
     AlignedBuffer second = fs::createLoggedBuffer(buffer.size(), buffer.alignment(), logger);
-    ChunkReader reading(logger, reader, *provider, blockSize);
-    ReadAhead chunks(reading, buffer, second);
     std::uint64_t total = 0;
-    for (Chunk chunk = chunks.next(); chunk.kind != Chunk::Kind::end; chunk = chunks.next()) {
-        cancel.check();
-        if (chunk.kind == Chunk::Kind::empty) {
-            continue;
-        }
-        if (chunk.kind == Chunk::Kind::failed) {
-            std::rethrow_exception(chunk.failure);
-        }
-        if (chunk.length == 0) {
-            break;
-        }
+    WriteBehind writing([&](const Chunk& chunk) {
         writeChunk(chunk);
         total += chunk.length;
         status.setVolumeBytesTransferred(uuid, total);
+    });
+    try {
+        copy(second, writing);
+    } catch (...) {
+        writing.settle(); // the chunk before is what has failed first
+        throw;
     }
+    writing.settle();
     logger.log(info::level::debug, "Total bytes copied is %lu (%s)", total,
                info::formatHumanSize(total).c_str());
+}
+
+/// Returns when nothing is left to be begun. Whatever is logged about a chunk comes behind the lines of the
+/// one before, and not at all if that has failed.
+void CopyChunkRanges::copy(AlignedBuffer& second, WriteBehind& writing) {
+    const info::LogTurn turn([&] { return writing.isWritten(); });
+    AlignedBuffer* free = &buffer;
+    for (block::BlockRangeIterator range = provider->begin(); range != provider->end(); ++range) {
+        cancel.check();
+        if (range->empty()) {
+            continue;
+        }
+        const Chunk chunk = readChunk(*range, *free);
+        if (chunk.length == 0) {
+            return;
+        }
+        writing.begin(chunk);
+        free = free == &buffer ? &second : &buffer;
+    }
+}
+
+/// Of length 0 at the end of the device.
+Chunk CopyChunkRanges::readChunk(const BlockRange& range, AlignedBuffer& into) {
+    const auto offset = static_cast<std::int64_t>(range.start * blockSize);
+    const std::uint64_t length = range.length * blockSize;
+    if (length > into.size()) {
+        throw std::logic_error("A chunk to copy is larger than the buffer for it!");
+    }
+    if (reader.seek(offset, SEEK_SET) == -1) {
+        throw std::runtime_error("Failed to seek to the read offset!");
+    }
+    const std::int64_t bytesRead = reader.read(into.data(), length);
+    if (bytesRead == -1) {
+        logger.log(info::level::error, "Failed to read the chunk at offset %ld", offset);
+        throw std::runtime_error("Failed to read the chunk!");
+    }
+    return {offset, into.data(), static_cast<std::uint64_t>(bytesRead)};
 }
 
 void CopyChunkRanges::writeChunk(const Chunk& chunk) {

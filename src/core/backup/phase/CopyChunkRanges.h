@@ -2,7 +2,7 @@
 
 #include "common/AlignedBuffer.h"
 #include "core/backup/IBackupStatusHandler.h"
-#include "core/backup/phase/ChunkReader.h"
+#include "core/backup/phase/WriteBehind.h"
 #include "core/block/IBlockRangeProvider.h"
 #include "core/fs/IVolumeReader.h"
 #include "core/operation/ICancel.h"
@@ -16,9 +16,9 @@
 
 namespace agent::core::backup::phase {
 
-/// Copies the chosen blocks, each to where it stands on the volume. While a chunk is written the next one is
-/// read, by a thread of its own for as long as the phase runs, which has the reader and the provider then. A
-/// cancelled backup stops before the next chunk is written.
+/// Copies the chosen blocks, each to where it stands on the volume. While a chunk is written, by a thread of
+/// its own that has the writer and the status for as long as the phase runs, the next one is read. A
+/// cancelled backup stops before the next chunk.
 /// A volume that can't be read is std::runtime_error, a target that can't be written
 /// transport_connection_error. A device that ends early ends the copy.
 class CopyChunkRanges : public IPhase {
@@ -33,6 +33,8 @@ public:
     [[nodiscard]] std::string getName() const override;
 
 private:
+    void copy(AlignedBuffer& second, WriteBehind& writing);
+    Chunk readChunk(const BlockRange& range, AlignedBuffer& into);
     void writeChunk(const Chunk& chunk);
 
     info::Logger& logger;

@@ -123,7 +123,7 @@ TEST_F(CopyChunkRangesTest, CancelIsSeenBeforeTheNextChunk) {
     cancel = test::CountedCancel(1);
     EXPECT_THROW(copy({{0, 1}, {3, 1}}), CancelableOperation::cancel_op);
     EXPECT_THAT(copied(), ElementsAre(0));
-    EXPECT_LE(source.requests.size(), 2U) << "no more than was read ahead by then";
+    EXPECT_EQ(source.requests.size(), 1U);
     EXPECT_THAT(log.lines(), IsEmpty());
 }
 

@@ -1,6 +1,4 @@
-#include "core/backup/phase/ReadAhead.h"
-
-#include "info/log/LogTurn.h"
+#include "core/backup/phase/WriteBehind.h"
 
 #include <csignal>
 #include <system_error>
@@ -32,10 +30,9 @@ private:
 
 } // namespace
 
-ReadAhead::ReadAhead(ChunkReader& chunks, AlignedBuffer& buffer, AlignedBuffer& second)
-    : chunks(chunks), buffers{&buffer, &second} {}
+WriteBehind::WriteBehind(Write write) : write(std::move(write)) {}
 
-ReadAhead::~ReadAhead() {
+WriteBehind::~WriteBehind() {
     {
         const std::lock_guard lock(mutex);
         isStopped = true;
@@ -46,24 +43,33 @@ ReadAhead::~ReadAhead() {
     }
 }
 
-Chunk ReadAhead::next() {
+void WriteBehind::begin(const Chunk& chunk) {
+    settle();
     if (!std::exchange(isStarted, true)) {
         start();
     }
     if (!thread.joinable()) {
-        return chunks.next(*buffers.front());
+        write(chunk);
+        return;
     }
-    std::unique_lock lock(mutex);
-    isAwaited = true;
+    const std::lock_guard lock(mutex);
+    underWay = chunk;
     changed.notify_all();
-    changed.wait(lock, [this] { return read.has_value(); });
-    isAwaited = false;
-    const Chunk chunk = *std::exchange(read, std::nullopt);
-    changed.notify_all();
-    return chunk;
 }
 
-void ReadAhead::start() {
+void WriteBehind::settle() {
+    if (!isWritten()) {
+        std::rethrow_exception(std::exchange(failure, nullptr));
+    }
+}
+
+bool WriteBehind::isWritten() {
+    std::unique_lock lock(mutex);
+    changed.wait(lock, [this] { return !underWay; });
+    return !failure;
+}
+
+void WriteBehind::start() {
     const SignalsOfOthers inherited;
     try {
         thread = std::thread([this] { work(); });
@@ -71,25 +77,30 @@ void ReadAhead::start() {
     }
 }
 
-void ReadAhead::work() {
-    const info::LogTurn turn([this] { return awaitTurn(); });
-    for (std::size_t number = 0; handOver(chunks.next(*buffers[number % buffers.size()])); ++number) {
+void WriteBehind::work() {
+    std::unique_lock lock(mutex);
+    while (true) {
+        changed.wait(lock, [this] { return underWay || isStopped; });
+        if (!underWay) {
+            return;
+        }
+        const Chunk chunk = *underWay;
+        lock.unlock();
+        const std::exception_ptr thrown = tryWrite(chunk);
+        lock.lock();
+        failure = thrown;
+        underWay.reset();
+        changed.notify_all();
     }
 }
 
-/// Returns when the buffer before is free again: true; false if nothing more is to be read.
-bool ReadAhead::handOver(const Chunk& chunk) {
-    std::unique_lock lock(mutex);
-    read = chunk;
-    changed.notify_all();
-    changed.wait(lock, [this] { return !read || isStopped; });
-    return !isStopped && !chunk.isLast();
-}
-
-bool ReadAhead::awaitTurn() {
-    std::unique_lock lock(mutex);
-    changed.wait(lock, [this] { return isAwaited || isStopped; });
-    return !isStopped;
+std::exception_ptr WriteBehind::tryWrite(const Chunk& chunk) const noexcept {
+    try {
+        write(chunk);
+        return nullptr;
+    } catch (...) { // a cancelled operation isn't a std::exception
+        return std::current_exception();
+    }
 }
 
 } // namespace agent::core::backup::phase
