@@ -42,7 +42,7 @@ public:
 private:
     void start();
     void work();
-    std::exception_ptr tryWrite(const Chunk& chunk) const noexcept;
+    [[nodiscard]] std::exception_ptr tryWrite(const Chunk& chunk) const noexcept;
 
     const Write write;
     std::mutex mutex; ///< guards what follows, up to the thread
