@@ -1,7 +1,7 @@
 """The commands of a page of the documents, run as they are printed.
 
-A block that is marked `sh` holds commands, and one marked `text` behind it lines that they print, in their order,
-where "..." stands for anything, and any number for a number.
+A block that is marked `sh` holds commands, and one marked `text` behind it lines that they print, in their
+order, where "..." stands for anything, and any number for a number.
 
     page = Page(ROOT / "docs" / "first-hour.md")
     run_blocks(page["Pairing"] + page["The first backup"], execute)
