@@ -11,6 +11,10 @@ namespace agent::info {
 LogEntry::LogEntry(Logger& logger, int level)
     : logger(&logger), level(std::clamp(level, level::critical, level::debug)) {}
 
+LogEntry::LogEntry(Logger& logger, int level, const Reason& reason) : LogEntry(logger, level) {
+    this->reason = &reason;
+}
+
 // A stream base can't be copied; the copy gets a fresh one.
 LogEntry::LogEntry(const LogEntry& other)
     : std::basic_ios<char>(), std::ostringstream(), logger(other.logger), level(other.level) {}
@@ -18,7 +22,7 @@ LogEntry::LogEntry(const LogEntry& other)
 LogEntry::~LogEntry() {
     try {
         if (good() && tellp() > 0) {
-            *this << '\n';
+            *this << (reason == nullptr ? std::string() : markOf(*reason)) << '\n';
             flush();
         }
     } catch (...) { // NOLINT(bugprone-empty-catch): a message that can't be printed must not end the agent

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "info/log/LogLevel.h"
+#include "info/log/Reason.h"
 
 #include <cstdarg>
 #include <sstream>
@@ -18,6 +19,8 @@ class LogEntry : public std::ostringstream {
 public:
     /// A level outside 0..4 is clamped into it.
     LogEntry(Logger& logger, int level);
+    /// The line ends in the mark of the reason.
+    LogEntry(Logger& logger, int level, const Reason& reason);
     /// The copy logs to the same logger at the same level and starts with no text.
     LogEntry(const LogEntry& other);
     LogEntry& operator=(const LogEntry&) = delete;
@@ -34,6 +37,7 @@ public:
 private:
     Logger* logger;
     int level;
+    const Reason* reason = nullptr;
 };
 
 } // namespace agent::info

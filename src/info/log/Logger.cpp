@@ -21,6 +21,17 @@ LogEntry Logger::log(int level, const char* format, ...) {
     return entry;
 }
 
+LogEntry Logger::log(int level, const Reason& reason, const char* format, ...) {
+    LogEntry entry(*this, level);
+    va_list arguments;
+    va_start(arguments, format);
+    entry.formatList(format, arguments);
+    va_end(arguments);
+    entry << markOf(reason) << '\n';
+    entry.flush();
+    return entry;
+}
+
 void Logger::print(const std::string& message, int level) const {
     const LogTurn* const turn = LogTurn::ofThisThread();
     if (!printer || (turn != nullptr && isEnabled(level) && !turn->await())) {

@@ -16,6 +16,7 @@ namespace agent::info {
 /// Either form is one statement:
 ///     LogEntry(logger, level::info) << "Driver version: " << version;
 ///     logger.log(level::info, "Driver version: %s", version.c_str());
+/// and either takes a reason behind the level.
 class Logger {
 public:
     /// `wanted` tells which levels anything at all comes of; without it that is every level.
@@ -23,6 +24,8 @@ public:
 
     /// Formats, ends the line and delivers it. Returns an empty entry of the same logger and level.
     [[gnu::format(printf, 3, 4)]] LogEntry log(int level, const char* format, ...);
+    /// The same, and the line ends in the mark of the reason.
+    [[gnu::format(printf, 4, 5)]] LogEntry log(int level, const Reason& reason, const char* format, ...);
 
     /// Delivers `message` as it stands, stamped with the time at which the mutex was obtained, so that the
     /// times of one logger's messages never run backwards in its file. Without a printer it does nothing.
