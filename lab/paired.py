@@ -1,4 +1,4 @@
-"""What a site needs beside its services before a backup can be ordered: certificates, a target, a paired agent.
+"""What a site needs beside its services for a backup: certificates, a target and a paired agent.
 
     with Site() as site, Paired(site) as paired:     # inside lab/namespace
         print(paired.description())
@@ -38,7 +38,9 @@ Next, a backup, and another one, which brings what has changed:
     lab/site shell lab/appliance backup --watch --target {portal} \\
         --name {target} --volume mount=/mnt/data
     lab/site shell lab/appliance logs --lines 20
-    lab/site shell sh -c 'mount -o ro,noload,loop {folder}/data /media && ls -la /media; umount /media'
+    lab/site shell mkdir /mnt/image
+    lab/site shell mount -o ro,noload,loop {folder}/data /mnt/image
+    lab/site shell ls -la /mnt/image
     lab/site down
 """
 

@@ -176,9 +176,10 @@ def test_paired(checkout):
 def test_paired_daemon_is_stopped_and_started_as_an_administrator_does(checkout):
     """The site's first process buries it, so that its number and its port are free."""
     checkout.up("--paired")
-    assert checkout.inside("sh", "-c", "kill $(cat /run/bekd.pid) && timeout 20 sh -c "
-                           "'while [ -e /proc/$(cat /run/bekd.pid) ]; do sleep 0.1; done' && $BEKD_BUILD/bekd "
-                           "&& timeout 20 sh -c 'until lab/appliance driver; do sleep 0.1; done' 2>/dev/null")
+    ended = "while [ -e /proc/$(cat /run/bekd.pid) ]; do sleep 0.1; done"
+    answers = "until lab/appliance driver; do sleep 0.1; done 2>/dev/null"
+    assert checkout.inside("sh", "-c", f"kill $(cat /run/bekd.pid) && timeout 20 sh -c '{ended}' && "
+                                       f"$BEKD_BUILD/bekd && timeout 20 sh -c '{answers}'")
 
 
 def show_snapshot(checkout):
@@ -211,6 +212,7 @@ def test_snapshot_of_another_site_is_left_alone(checkout, tmp_path_factory):
     record = checkout.record
     with Checkout(tmp_path_factory.mktemp("other")) as other:
         captures, _ = show_snapshot(other)
+        os.kill(other.pid_of("tgtd"), signal.SIGSTOP) # so that its backup goes on
         os.kill(record["pid"], signal.SIGKILL)
         path = checkout.directory / "build" / "site.json"
         path.write_text(json.dumps(record | {"captures": captures}), encoding="ascii")
@@ -230,13 +232,14 @@ def test_paired_over_a_site_that_is_not(checkout):
     checkout.up()
     status, _, errors = checkout.run("up", "--paired")
     assert (status, errors) == (1, "lab/site: the site is up without a paired agent; `lab/site down` makes "
-                                   "room for one that has it\n")
+                                   "room for another\n")
 
 
 def test_paired_site_that_cannot_come_up(checkout):
     """It says why, and leaves nothing of what was there already."""
     path = checkout.directory / "lab" / "targets.py"
-    path.write_text(path.read_text(encoding="utf-8").replace('"tgtd", "-f"', '"none", "-f"'), encoding="utf-8")
+    text = path.read_text(encoding="utf-8")
+    path.write_text(text.replace('"tgtd", "-f"', '"none", "-f"'), encoding="utf-8")
     status, _, errors = checkout.run("up", "--paired")
     assert status == 1
     assert errors.startswith("lab/site: the site did not come up:\n") and "none" in errors
