@@ -24,7 +24,7 @@ from lab.certservice import HOST, CertificateService, store_device, trust
 from lab.daemon import BASE, CERTIFICATES, ROOT, Daemon, require_private_site
 from lab.https_client import BASE_URL
 from lab.images import ImageError
-from lab.progress import shown_progress
+from lab.progress import megabytes, shown_progress
 from lab.services import ServiceError
 from lab.site import DATA, FILES, WINDOWS, Site
 from lab.snapshots import drop_snapshots
@@ -79,10 +79,6 @@ def show_table(rows, prefix=PREFIX, numbers=()):
         cells = (cell.rjust(width) if column in numbers else cell.ljust(width)
                  for column, (cell, width) in enumerate(zip(row, widths)))
         print(prefix + "  ".join(cells).rstrip(), flush=True)
-
-
-def megabytes(count):
-    return f"{count / 1e6:,.1f} MB"
 
 
 def run(*command):
