@@ -16,6 +16,7 @@
 #include "info/ICowFileSize.h"
 #include "info/TolvubdController.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <mutex>
 #include <stdexcept>
@@ -50,6 +51,18 @@ enum class ClosedRecord {
 };
 
 constexpr std::uint64_t bytesPerMiB = 1048576;
+/// No CoW file is smaller.
+constexpr std::uint64_t smallestCowMiB = 100;
+
+/// Of a volume, in bytes.
+struct Room {
+    std::uint64_t cowFile = 0;    ///< what is asked for, for changes
+    std::uint64_t table = 0;      ///< what each CoW file holds beside that
+    std::uint64_t driversOwn = 0; ///< of which there is one for all snapshots
+    std::uint64_t available = 0;
+
+    [[nodiscard]] std::uint64_t required() const { return cowFile + table + driversOwn; }
+};
 
 /// The log has the long text, the exception the short one.
 [[noreturn]] void fail(Logger& logger, const Reason& reason, const std::string& logged,
@@ -95,6 +108,7 @@ private:
     void validateVolume(const BackupableVolume& volume, const IBackupAttributes& attributes);
     bool hasEnoughFreeSpace(const BackupableVolume& volume);
     std::uint64_t driversRoom(const BackupableVolume& volume);
+    void warnOfSecondCowFile(const BackupableVolume& volume);
     bool hasSnapshotFiles(const BackupableVolume& volume);
     void checkIncrementalState(const Volumes& volumes, const IBackupAttributes& attributes,
                                IncrementalStates& states);
@@ -121,6 +135,7 @@ private:
     std::unique_ptr<info::IDriverController> driver;
     std::shared_ptr<const info::IDriverExtension> extension;
     std::once_flag validateOnce;
+    std::unordered_map<std::string, Room> rooms; // by UUID, as they were when the session was validated
     /// By UUID, what the closed records of this session hold. A volume that isn't in here is one whose debt
     /// this session doesn't know: it never started the snapshot, or not from an intact record.
     std::unordered_map<std::string, ClosedRecord> closedRecords;
@@ -170,10 +185,12 @@ void SnapshotSessionControl::Impl::validateVolume(const BackupableVolume& volume
 bool SnapshotSessionControl::Impl::hasEnoughFreeSpace(const BackupableVolume& volume) {
     const std::uint64_t cowMiB =
         cowFileSize.getCowFileSizeMiB(logger, volume.getUuid(), volume.getSize(), volume.getFileSystem());
-    const std::uint64_t required = cowMiB * bytesPerMiB + info::cow::entrySize +
-                                   info::cow::entrySize * (volume.getSize() / info::cow::blockSize) +
-                                   driversRoom(volume);
-    const std::uint64_t available = volume.getSpaceFree();
+    const Room room{cowMiB * bytesPerMiB,
+                    info::cow::entrySize + info::cow::entrySize * (volume.getSize() / info::cow::blockSize),
+                    driversRoom(volume), volume.getSpaceFree()};
+    rooms[volume.getUuid()] = room;
+    const std::uint64_t required = room.required();
+    const std::uint64_t available = room.available;
     if (available >= required) {
         return true;
     }
@@ -182,6 +199,25 @@ bool SnapshotSessionControl::Impl::hasEnoughFreeSpace(const BackupableVolume& vo
         << info::formatHumanSize(required) << "), but only " << available << " bytes ("
         << info::formatHumanSize(available) << ") is available";
     return false;
+}
+
+/// The first CoW file is still there when the second one is made, so a volume that has room enough for this
+/// backup may fail the next one. Better told now than then.
+void SnapshotSessionControl::Impl::warnOfSecondCowFile(const BackupableVolume& volume) {
+    const Room& room = rooms[volume.getUuid()];
+    const std::uint64_t left = room.available - std::min(room.available, room.required());
+    const std::uint64_t wanted = room.cowFile + room.table;
+    if (left >= wanted) {
+        return;
+    }
+    LogEntry line(logger, warning);
+    line << "The next backup of volume " << volume.getDisplayName() << " will need "
+         << info::formatHumanSize(wanted) << " for a second CoW file, and this one leaves "
+         << info::formatHumanSize(left) << ": free the rest";
+    const std::uint64_t mostMiB = (left - std::min(left, room.table)) / bytesPerMiB;
+    if (mostMiB >= smallestCowMiB) {
+        line << ", or set volumes." << volume.getUuid() << ".cowFileSizeMiB to " << mostMiB << " or less";
+    }
 }
 
 /// A driver that can't tell fails when it takes the room, at the latest.
@@ -236,6 +272,9 @@ void SnapshotSessionControl::Impl::checkIncrementalState(const Volumes& volumes,
 /// `hasChangeRecord` becomes false if the device is no longer what it was when the session was validated.
 void SnapshotSessionControl::Impl::startSnapshot(const BackupableVolume& volume, bool& hasChangeRecord) {
     const bool wasTracked = isTracked(volume);
+    if (!wasTracked) {
+        warnOfSecondCowFile(volume);
+    }
     hasChangeRecord = hasChangeRecord && wasTracked;
     if (!driver->startSnapshot(volume, cowFileSize)) {
         throw Reasoned<std::runtime_error>(reason("snapshot-failed"), "Failed to start snapshot!");
