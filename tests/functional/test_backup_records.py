@@ -1,4 +1,4 @@
-"""What the log tells programs of a run that has ended: a record of each volume, and the codes of its reasons."""
+"""What the log tells programs of runs that have ended: a record of each volume, and the codes of reasons."""
 import json
 import os
 import re
