@@ -2,9 +2,10 @@
 
 find_program(CCACHE ccache)
 if(CCACHE)
-  # It takes precompiled headers into account, if told that their time stamps don't matter.
-  set(CMAKE_CXX_COMPILER_LAUNCHER
-    ${CMAKE_COMMAND} -E env CCACHE_SLOPPINESS=pch_defines,time_macros ${CCACHE})
+  # It takes precompiled headers into account, if told that their time stamps don't matter. Trees in different places
+  # share what it keeps, the copies that packages are built from too: see below.
+  set(CMAKE_CXX_COMPILER_LAUNCHER ${CMAKE_COMMAND} -E env CCACHE_SLOPPINESS=pch_defines,time_macros
+    CCACHE_BASEDIR=${PROJECT_SOURCE_DIR} CCACHE_NOHASHDIR=1 ${CCACHE})
 endif()
 
 add_library(bekd_flags INTERFACE)
@@ -16,6 +17,25 @@ else()
   # Fuzzing and coverage only; what clang's own warnings find is for clang-tidy to say.
   target_compile_options(bekd_flags INTERFACE -Wno-sign-conversion -O1)
 endif()
+
+# Against overflows of the stack into another mapping, and jumps to where no call leads.
+include(CheckCXXCompilerFlag)
+foreach(flag IN ITEMS -fstack-clash-protection -fcf-protection -mbranch-protection=standard)
+  string(MAKE_C_IDENTIFIER "BEKD_HAS${flag}" hasFlag)
+  check_cxx_compiler_flag("-Werror ${flag}" ${hasFlag})
+  if(${hasFlag})
+    target_compile_options(bekd_flags INTERFACE ${flag})
+  endif()
+endforeach()
+
+# Objects tell the same of the places of their sources wherever the tree is, whether ccache has made the paths
+# relative or not: what is packaged is the same to the byte. The last one that fits counts.
+file(RELATIVE_PATH sourceFromBuild ${PROJECT_BINARY_DIR} ${PROJECT_SOURCE_DIR})
+string(REGEX REPLACE "/$" "" sourceFromBuild "${sourceFromBuild}")
+target_compile_options(bekd_flags INTERFACE
+  -ffile-prefix-map=${PROJECT_SOURCE_DIR}=. -ffile-prefix-map=${sourceFromBuild}=.
+  -ffile-prefix-map=${PROJECT_BINARY_DIR}=. -ffile-prefix-map=${PROJECT_BINARY_DIR}/=)
+
 if(BEKD_COVERAGE)
   target_compile_options(bekd_flags INTERFACE -fprofile-instr-generate -fcoverage-mapping)
   target_link_options(bekd_flags INTERFACE -fprofile-instr-generate)
