@@ -37,7 +37,7 @@ def run_in_turn(protection, *names):
 
 
 def check_not_recognised(backup, partition):
-    reason = f"File system not recognized for {partition.uuid}"
+    reason = f"File system not recognized for {partition.uuid} [failure:file-system-unsupported]"
     assert f"Exception caught during backup run: {reason}\n" in backup.log
     assert "Finished execution of the Close Backup Session phase." not in backup.log
 
