@@ -234,7 +234,9 @@ class HasReason {
 public:
     explicit HasReason(const Reason& reason) : reason(&reason) {}
     HasReason(const HasReason&) = default;
+    HasReason(HasReason&&) = default;
     HasReason& operator=(const HasReason&) = default;
+    HasReason& operator=(HasReason&&) = default;
     virtual ~HasReason() = default;
 
     const Reason* reason;
