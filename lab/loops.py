@@ -63,6 +63,11 @@ def backing_files():
 def images_on(directory):
     """What the attached loop devices show that lies on the file system of a directory: {device: path}, also
     files without a name. Other namespaces may have files of the same path."""
+    return images_of(os.stat(directory).st_dev)
+
+
+def images_of(file_system):
+    """The same by the number that stat() has for the file system, which may be another namespace's."""
     found = {}
     for path in pathlib.Path("/sys/block").glob("loop*/loop"):
         node = pathlib.Path("/dev", path.parent.name)
@@ -70,7 +75,7 @@ def images_on(directory):
             make_node(node.name)
             with open(node, "rb") as device:
                 status = fcntl.ioctl(device, LOOP_GET_STATUS64, bytes(LOOP_STATUS_SIZE))
-            if struct.unpack_from("<Q", status)[0] == os.stat(directory).st_dev:
+            if struct.unpack_from("<Q", status)[0] == file_system:
                 found[node] = status[LOOP_FILE_NAME:LOOP_FILE_NAME + 64].split(b"\0")[0].decode()
     return found
 

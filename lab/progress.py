@@ -8,13 +8,17 @@ import sys
 import time
 
 from rich.console import Console
-from rich.filesize import decimal
-from rich.progress import BarColumn, DownloadColumn, Progress, TextColumn, TimeElapsedColumn
+from rich.progress import BarColumn, Progress, ProgressColumn, TextColumn
+from rich.table import Column
+from rich.text import Text
 
 UNKNOWN_SIZE = (1 << 64) - 1
 LARGEST_SIZE = (1 << 63) - 1 # beyond, the estimate has gone below zero, as it may where little has changed
-PREPARING = "preparing"
+ACTIVE, FINISHED, PREPARING = "active", "finished", "preparing"
 LINE_SECONDS = 1
+# What fits on a terminal of 80 columns, beside terabytes. The first part of a UUID tells volumes apart.
+NAME_WIDTH, BAR_WIDTH = 12, 6
+TOTAL = "total"
 
 
 @contextlib.contextmanager
@@ -25,29 +29,84 @@ def shown_progress(stream=None, *, names=None, prefix=""):
     if not stream.isatty():
         yield Lines(stream, names or {}, prefix).show
         return
-    columns = (TextColumn("{task.description}"), BarColumn(bar_width=20), DownloadColumn(),
-               TimeElapsedColumn(), TextColumn("{task.fields[state]}"))
+    columns = (TextColumn("{task.description}", markup=False,
+                          table_column=Column(max_width=NAME_WIDTH, no_wrap=True, overflow="ellipsis")),
+               TextColumn("{task.fields[type]}", table_column=Column(no_wrap=True)),
+               BarColumn(bar_width=BAR_WIDTH), Sizes(), Speed(), Rest())
     with Progress(*columns, console=Console(file=stream)) as bars:
         yield Bars(bars, names or {}, prefix).show
+
+
+def megabytes(count):
+    """What people see of a number of bytes, here and in the demo, is always in the same unit."""
+    return f"{count / 1e6:,.1f} MB"
+
+
+def amount(count, size):
+    return megabytes(count) if size is None else f"{megabytes(count)} of {megabytes(size)}"
 
 
 def total_size(entry):
     """None where the agent can't tell. An estimate and what has come of it differ, so the end counts."""
     transfer = entry["transfer"]
-    if entry["status"] == "finished":
+    if entry["status"] == FINISHED:
         return transfer["bytesTransferred"]
     return transfer["totalSize"] if transfer["totalSize"] <= LARGEST_SIZE else None
 
 
+def is_preparing(entry):
+    """Until its size has been estimated a volume's type is open, too."""
+    return entry["status"] == ACTIVE and entry["transfer"]["totalSize"] == UNKNOWN_SIZE
+
+
 def state_of(entry):
-    """What a volume is about. Until its size has been estimated its type is open, too."""
-    if entry["status"] == "active" and entry["transfer"]["totalSize"] == UNKNOWN_SIZE:
-        return PREPARING
-    return f"{entry['type']} {entry['status']}"
+    """What a volume is about."""
+    return PREPARING if is_preparing(entry) else f"{entry['type']} {entry['status']}"
+
+
+def speed_of(task):
+    """Bytes a second, of late, or in all where there has been too little yet. None before there is any."""
+    seconds = task.finished_time or task.elapsed
+    return task.finished_speed or task.speed or (task.completed / seconds if seconds else None)
+
+
+class Figures(ProgressColumn):
+    """Numbers, which end below each other and stay in one line."""
+
+    def get_table_column(self):
+        return Column(justify="right", no_wrap=True)
+
+
+class Sizes(Figures):
+    """How much there is of it, and how much there will be; from a gigabyte on in whole megabytes."""
+
+    def render(self, task):
+        digits = 0 if max(task.completed, task.total or 0) >= 1e9 else 1
+        total = "" if task.total is None else f" of {task.total / 1e6:,.{digits}f}"
+        return Text(f"{task.completed / 1e6:,.{digits}f}{total} MB")
+
+
+class Speed(Figures):
+    def render(self, task):
+        speed = speed_of(task)
+        return Text(f"{speed / 1e6:,.1f} MB/s" if speed else "")
+
+
+class Rest(Figures):
+    """How long it will take, until there is something else to say."""
+
+    def render(self, task):
+        if task.fields["state"] != ACTIVE:
+            return Text(task.fields["state"])
+        speed = speed_of(task)
+        if not speed or task.total is None:
+            return Text("")
+        seconds = round(max(0, task.total - task.completed) / speed)
+        return Text(f"{seconds // 3600}:{seconds // 60 % 60:02}:{seconds % 60:02}")
 
 
 class Bars:
-    """One bar a volume."""
+    """One bar a volume, and one for several together."""
 
     def __init__(self, bars, names, prefix):
         self._bars = bars
@@ -56,13 +115,31 @@ class Bars:
         self._tasks = {}
 
     def show(self, status):
-        for entry in status["details"] or ():
-            volume, transfer = entry["volume"], entry["transfer"]
-            if volume not in self._tasks:
-                self._tasks[volume] = self._bars.add_task(self._prefix + self._names.get(volume, volume),
-                                                          total=None, state="")
-            self._bars.update(self._tasks[volume], completed=transfer["bytesTransferred"],
-                              total=total_size(entry), state=state_of(entry))
+        entries = status["details"] or ()
+        for entry in entries:
+            preparing = is_preparing(entry)
+            name = self._names.get(entry["volume"], short(entry["volume"]))
+            self._update(entry["volume"], name, "" if preparing else entry["type"],
+                         PREPARING if preparing else entry["status"], entry["transfer"]["bytesTransferred"],
+                         total_size(entry))
+        if len(entries) > 1:
+            sizes = [total_size(entry) for entry in entries]
+            self._update(TOTAL, TOTAL, "", PREPARING if all(map(is_preparing, entries)) else status["status"],
+                         sum(entry["transfer"]["bytesTransferred"] for entry in entries),
+                         None if None in sizes else sum(sizes))
+
+    def _update(self, key, name, kind, state, count, total):
+        if key not in self._tasks:
+            self._tasks[key] = self._bars.add_task(self._prefix + name, start=False, total=None, type="",
+                                                   state="")
+        if state != PREPARING: # its time begins with the copy
+            self._bars.start_task(self._tasks[key])
+        self._bars.update(self._tasks[key], completed=count, total=total, type=kind, state=state)
+
+
+def short(volume):
+    """The first part of a UUID; a name that is none stays as it is."""
+    return volume.split("-")[0] if volume.count("-") == 4 else volume
 
 
 class Lines:
@@ -79,8 +156,7 @@ class Lines:
             volume, state, size = entry["volume"], state_of(entry), total_size(entry)
             line = f"{self._names.get(volume, volume)} {state}"
             if state != PREPARING:
-                line += f", {decimal(entry['transfer']['bytesTransferred'])}"
-                line += "" if size is None else f" of {decimal(size)}"
+                line += f", {amount(entry['transfer']['bytesTransferred'], size)}"
             if self._is_due(volume, state, line):
                 self._shown[volume] = (state, line, time.monotonic())
                 print(self._prefix + line, file=self._stream, flush=True)

@@ -11,9 +11,10 @@ import pathlib
 import signal
 import sys
 
-from lab.daemon import children, require_private_site
+from lab.daemon import require_private_site
 from lab.logical_disk import are_volumes_logical, disk_of
 from lab.mounts import mounted
+from lab.paired import Paired
 from lab.services import LoginManager, SystemBus, UdevDaemon, Udisks
 from lab.stay import Stay
 from lab.volumes import Volume
@@ -22,10 +23,12 @@ MOUNTS = pathlib.Path("/mnt")
 TABLE = pathlib.Path("/run/lab/volumes")
 INSIDE = "inside" # its namespaces, with nothing in them yet
 READY = "ready"
+PAIRED = "paired"
+ROOMY = 3072 # mebibytes of a volume on which two CoW files of the default size fit, as a second backup needs
 
-DATA = Volume("data", "ext4", mount_point=f"{MOUNTS}/data")
-FILES = Volume("files", "xfs", mount_point=f"{MOUNTS}/Büro und Lager")
-WINDOWS = Volume("windows", "ntfs", mount_point=f"{MOUNTS}/windows")
+DATA = Volume("data", "ext4", ROOMY, f"{MOUNTS}/data")
+FILES = Volume("files", "xfs", ROOMY, f"{MOUNTS}/Büro und Lager")
+WINDOWS = Volume("windows", "ntfs", ROOMY, f"{MOUNTS}/windows")
 SWAP = Volume("swap", "swap", mebibytes=64)
 VOLUMES = (
     DATA,
@@ -69,26 +72,28 @@ class Site(Stay):
         return "".join("  ".join(map(str.ljust, row, widths)).rstrip() + "\n" for row in rows)
 
 
-def reap_orphans(own):
+def reap():
     """The first process of a namespace inherits those whose parents have ended."""
-    for pid in children() - own:
-        with contextlib.suppress(ChildProcessError):
-            os.waitpid(pid, os.WNOHANG)
+    with contextlib.suppress(ChildProcessError):
+        while os.waitpid(-1, os.WNOHANG)[0]:
+            pass
 
 
-def hold(token):
+def hold(token, *extras):
     """Keeps a site up, as the first process of its namespaces, until it is killed: there is one way to end,
     and the kernel does the work."""
     signal.signal(signal.SIGCHLD, lambda *_: None) # or the kernel drops it before it can be waited for
-    with Site(token=token) as site:
-        own = children()
+    with Site(token=token) as site, contextlib.ExitStack() as lasting:
+        text = site.table()
+        if PAIRED in extras:
+            text += lasting.enter_context(Paired(site)).description()
         TABLE.parent.mkdir(exist_ok=True)
-        TABLE.write_text(site.table(), encoding="utf-8")
+        TABLE.write_text(text, encoding="utf-8")
         signal.pthread_sigmask(signal.SIG_BLOCK, {signal.SIGCHLD})
         print(READY, flush=True)
         while True:
             signal.sigwait({signal.SIGCHLD})
-            reap_orphans(own)
+            reap()
 
 
 if __name__ == "__main__":
@@ -96,4 +101,4 @@ if __name__ == "__main__":
     print(INSIDE, flush=True)
     if sys.stdin.readline() != "go\n": # whoever starts a site notes first whom to end
         sys.exit("the starter has gone")
-    hold(sys.argv[1])
+    hold(*sys.argv[1:])

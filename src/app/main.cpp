@@ -77,7 +77,7 @@ bool takeLock(info::Logger& logger, std::unique_ptr<Flock>& lock) {
         return true;
     } catch (const std::runtime_error& error) {
         if (errno == EAGAIN) {
-            info::LogEntry(logger, info::level::critical)
+            info::LogEntry(logger, info::level::critical, info::reason("already-running"))
                 << "An instance of the TolvuBackupAgent is already running.";
         } else {
             logger.log(info::level::critical, "Could not lock PID file: %s", error.what());

@@ -73,8 +73,9 @@ bool DriverController::Load() {
         return parse(readDriverStatusFile(path).value_or(std::string()));
     } catch (const std::exception& error) {
         const int reason = errno;
-        logger.log(level::error, "Unable to read tolvubd info from %s: exception: %s, errno: %d",
-                   path.c_str(), error.what(), reason);
+        logger.log(level::error, info::reason("driver-unusable"),
+                   "Unable to read tolvubd info from %s: exception: %s, errno: %d", path.c_str(),
+                   error.what(), reason);
         return false;
     }
 }
@@ -93,8 +94,8 @@ bool DriverController::parse(const std::string& text) {
         }
         return true;
     } catch (const std::exception& error) {
-        logger.log(level::error, "Unable to parse tolvubd info from %s: exception: %s", text.c_str(),
-                   error.what());
+        logger.log(level::error, info::reason("driver-unusable"),
+                   "Unable to parse tolvubd info from %s: exception: %s", text.c_str(), error.what());
         return false;
     }
 }
@@ -178,12 +179,14 @@ bool DriverController::isDriverVersionSupported() {
     }
     logger.log(level::debug, "running tolvubd version: %s", driverVersion.c_str());
     if (driverVersion.size() < shortestDriverVersion) {
-        logger.log(level::error, "Invalid tolvubd version: %s", driverVersion.c_str());
+        logger.log(level::error, info::reason("driver-unusable"), "Invalid tolvubd version: %s",
+                   driverVersion.c_str());
         return false;
     }
     if (scanDriverVersion(driverVersion) < scanDriverVersion(minimumDriverVersion)) {
-        logger.log(level::error, "tolvubd version too old, minimum required: %s, running version: %s",
-                   minimumDriverVersion, driverVersion.c_str());
+        logger.log(level::error, info::reason("driver-unusable"),
+                   "tolvubd version too old, minimum required: %s, running version: %s", minimumDriverVersion,
+                   driverVersion.c_str());
         return false;
     }
     return true;

@@ -29,6 +29,14 @@ bool isReloadScriptExempt(const BackupableVolume& volume) {
     return volume.getFileSystem() == "ntfs" || volume.getFileSystem() == "exfat";
 }
 
+/// By what the driver has left in `errno`.
+const Reason& whyNoSnapshot(int error) {
+    if (error == ENOSPC) {
+        return reason("volume-full");
+    }
+    return error == EOPNOTSUPP ? reason("snapshot-unsupported") : reason("snapshot-failed");
+}
+
 /// A live snapshot has none: startSnapshot has removed it.
 bool mayHaveReloadScript(std::int32_t state) {
     return state == 0 || state == tracking || state == 4;
@@ -45,8 +53,8 @@ bool DriverController::startSnapshot(const BackupableVolume& volume, ICowFileSiz
     ::sync();
     logger.log(level::debug, "finished syncing...");
     if (volume.getMountPoints().empty()) {
-        logger.log(level::error, "Backupable volume for device %s doesn't have a mountpoint.",
-                   volume.getDevice().c_str());
+        logger.log(level::error, reason("volume-not-mounted"),
+                   "Backupable volume for device %s doesn't have a mountpoint.", volume.getDevice().c_str());
         return false;
     }
     DriverDeviceInfo device;
@@ -70,7 +78,7 @@ bool DriverController::startFirstSnapshot(const BackupableVolume& volume, std::u
     if (result == 0) {
         logger.log(level::debug, "setup_snapshot successful for device: %s minor: %d", device.c_str(), minor);
     } else {
-        logger.log(level::error,
+        logger.log(level::error, whyNoSnapshot(error),
                    "error from calling setup_snapshot for device: %s minor: %d error: %d errno: %d",
                    device.c_str(), minor, result, error);
     }
@@ -90,7 +98,7 @@ bool DriverController::startNextSnapshot(const BackupableVolume& volume, const D
                path.c_str(), device.minor);
     if (device.state != tracking) {
         logger.log(
-            level::error,
+            level::error, reason("snapshot-failed"),
             "Existing driver entry for device %s with minor %d is not incremental tracking, destroying "
             "and returning failure, current state %d",
             path.c_str(), device.minor, device.state);
@@ -116,7 +124,7 @@ std::int32_t DriverController::transitionToSnapshot(const BackupableVolume& volu
         logger.log(level::debug, "transition_snapshot successful for device: %s minor: %d", path.c_str(),
                    minor);
     } else {
-        logger.log(level::error,
+        logger.log(level::error, whyNoSnapshot(error),
                    "error from calling transition_snapshot for device: %s minor: %d error: %d errno: %d",
                    path.c_str(), minor, result, error);
         destroyExistingDevice(volume);
@@ -136,14 +144,14 @@ bool DriverController::checkSnapshot(const BackupableVolume& volume, std::int32_
     const std::string& path = volume.getDevice();
     DriverDeviceInfo device;
     if (!getDeviceByMinor(minor, device)) {
-        logger.log(level::error,
+        logger.log(level::error, reason("snapshot-failed"),
                    "Unable to find device by minor: %d after setup_snapshot/transition_snapshot: %s", minor,
                    path.c_str());
         return false;
     }
     if (result != 0) {
         logger.log(
-            level::error,
+            level::error, reason("snapshot-failed"),
             "error on driver device after setup_snapshot/transition_snapshot for device: %s, minor: %d, "
             "error: %d, device error %d",
             path.c_str(), minor, result, device.error);
@@ -151,7 +159,7 @@ bool DriverController::checkSnapshot(const BackupableVolume& volume, std::int32_
     }
     if (device.state != activeSnapshot) {
         logger.log(
-            level::error,
+            level::error, reason("snapshot-failed"),
             "driver device is not in active snapshot state after setup_snapshot/transition_snapshot for "
             "device: %s minor: %d, state: %d, device error %d",
             path.c_str(), minor, device.state, device.error);

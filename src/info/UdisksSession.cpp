@@ -1,6 +1,7 @@
 #include "info/UdisksSession.h"
 
 #include "common/TerminationSignals.h"
+#include "info/log/Reason.h"
 
 #include <stdexcept>
 
@@ -12,7 +13,8 @@ constexpr const char* noService =
     "Cannot get object manager from udisks client. The service is probably not running";
 
 [[noreturn]] void throwNoClient(const GErrorOwner& error) {
-    throw std::runtime_error(std::string("Cannot initialize udisks client: ") + error.message());
+    throw Reasoned<std::runtime_error>(reason("volumes-unknown"),
+                                       std::string("Cannot initialize udisks client: ") + error.message());
 }
 
 /// The connection that the whole process shares. GLib would end the process along with the bus.
@@ -44,12 +46,12 @@ GObjectOwner<UDisksClient> makeClient() {
 GDBusObjectManager* managerOf(UDisksClient* client) {
     GDBusObjectManager* manager = udisks_client_get_object_manager(client);
     if (manager == nullptr) {
-        throw std::runtime_error(noService);
+        throw Reasoned<std::runtime_error>(reason("volumes-unknown"), noService);
     }
     const GTextOwner owner(
         g_dbus_object_manager_client_get_name_owner(G_DBUS_OBJECT_MANAGER_CLIENT(manager)));
     if (!owner) {
-        throw std::runtime_error(noService);
+        throw Reasoned<std::runtime_error>(reason("volumes-unknown"), noService);
     }
     return manager;
 }

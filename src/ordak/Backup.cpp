@@ -12,6 +12,7 @@
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
+#include <limits>
 #include <optional>
 #include <stdexcept>
 #include <unordered_map>
@@ -32,12 +33,15 @@ constexpr std::uint32_t driverMethod = 0;
 constexpr std::uint32_t otherMethod = 1;
 
 /// What `convert` makes of the value under `key`. Everything that can be wrong with it is the caller's fault.
+/// The JSON library's texts are passed on as they are, all others name the key.
 template <typename Convert>
 auto readKey(const json& object, const char* key, Convert convert) {
     try {
         return convert(object.at(key));
-    } catch (const std::exception& error) {
+    } catch (const json::exception& error) {
         throw exception::bad_request(error.what());
+    } catch (const std::exception& error) {
+        throw exception::bad_request("'" + std::string(key) + "': " + error.what());
     }
 }
 
@@ -69,9 +73,13 @@ std::string readName(const json& object, const char* key) {
     return name;
 }
 
-template <typename Integer>
-Integer readNumber(const json& object, const char* key) {
-    return readKey(object, key, [](const json& value) { return requireWholeNumber<Integer>(value); });
+/// The JSON library's text where it is no number at all.
+std::uint64_t toNumber(const json& value, std::uint64_t largest) {
+    const std::optional<std::uint64_t> number = wholeNumber<std::uint64_t>(value);
+    if (value.is_number() && (!number || *number > largest)) {
+        throw std::out_of_range("number out of range: " + value.dump());
+    }
+    return requireWholeNumber<std::uint64_t>(value);
 }
 
 std::uint64_t readLun(const json& object, std::uint64_t largest) {
@@ -80,7 +88,7 @@ std::uint64_t readLun(const json& object, std::uint64_t largest) {
         if (lun && *lun < 0) {
             throw std::out_of_range("the logical unit number " + std::to_string(*lun) + " is negative");
         }
-        return requireWholeNumber(value, largest);
+        return toNumber(value, largest);
     });
 }
 
@@ -142,7 +150,9 @@ APIResponse Backup::operator()(const std::string& body) {
 Backup::Volume Backup::readVolume(const json& entry, std::uint64_t largestLun) {
     Volume volume;
     volume.guid = readName(entry, "guid");
-    volume.image.offset = readNumber<std::uint64_t>(entry, "offset");
+    volume.image.offset = readKey(entry, "offset", [](const json& value) {
+        return toNumber(value, std::numeric_limits<std::uint64_t>::max());
+    });
     volume.image.qualifiedName = readName(entry, "qualifiedName");
     volume.image.address = readName(entry, "target");
     volume.image.lun = readLun(entry, largestLun);

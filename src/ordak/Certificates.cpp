@@ -53,7 +53,7 @@ std::string missing(const Certificates& certificates) {
 }
 
 [[noreturn]] void fail(info::Logger& logger, const std::string& message) {
-    info::LogEntry(logger, info::level::error) << message;
+    info::LogEntry(logger, info::level::error, info::reason("certificate-unavailable")) << message;
     throw std::runtime_error(message);
 }
 
@@ -62,7 +62,7 @@ void change(info::Logger& logger, const char* name, const std::function<void(con
     try {
         action(certificatesDirectory() / name);
     } catch (const std::exception& error) {
-        info::LogEntry(logger, info::level::error) << error.what();
+        info::LogEntry(logger, info::level::error, info::reason("certificate-unavailable")) << error.what();
         throw std::runtime_error("could not open file " + std::string(name) + " for writing");
     }
 }

@@ -88,7 +88,7 @@ int HTTPInterpreter::interpret(int deviceId, std::string ip, std::string method,
         return 501;
     }
     if (!mayCall(call, deviceId, ip)) {
-        info::LogEntry(securityLogger, info::level::warning)
+        info::LogEntry(securityLogger, info::level::warning, info::reason("not-paired"))
             << "Unauthorized request from device " << deviceId << " for " << apiCallName(call);
         response = "Unauthorized";
         return 401;

@@ -177,7 +177,8 @@ void HTTPServer::Impl::start() {
     MHD_Daemon* const started = startDaemon();
     if (started == nullptr) {
         const int error = errno;
-        info::LogEntry(logger, info::level::critical) << "HTTP server failed to start with err: " << error;
+        info::LogEntry(logger, info::level::critical, info::reason("port-taken"))
+            << "HTTP server failed to start with err: " << error;
         throw std::runtime_error("HTTP server failed to start with err: " + std::to_string(error));
     }
     daemon = std::shared_ptr<MHD_Daemon>(started, MHD_stop_daemon);
@@ -270,7 +271,8 @@ MHD_Result HTTPServer::Impl::process(const Call& call, Request& request) {
     const Certificate local(Certificate::Kind::local, session);
     const Certificate peer(Certificate::Kind::peer, session);
     if (verifyClient(logger, local, peer) != 0) {
-        info::LogEntry(logger, info::level::error) << "Client certificate validation failed";
+        info::LogEntry(logger, info::level::error, info::reason("client-certificate"))
+            << "Client certificate validation failed";
         return MHD_NO;
     }
     return processChecked(call, request, peer.subject().number);

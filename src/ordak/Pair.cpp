@@ -18,11 +18,13 @@ Pair::Pair(info::Logger& logger, OrdakPairDelegate& delegate, FeatureManager& fe
 APIResponse Pair::operator()(const std::string& body, const APIExtendedData& request) {
     const std::int32_t id = readDeviceId(body);
     if (id < 1) {
-        logger.log(info::level::error, "Pair request from deviceID %d rejected (invalid device ID)", id);
+        logger.log(info::level::error, info::reason("pairing-refused"),
+                   "Pair request from deviceID %d rejected (invalid device ID)", id);
         throw exception::bad_request("");
     }
     if (id != request.deviceId) {
-        logger.log(info::level::error, "Pair request from deviceID %d rejected (device ID mismatch)", id);
+        logger.log(info::level::error, info::reason("pairing-refused"),
+                   "Pair request from deviceID %d rejected (device ID mismatch)", id);
         throw exception::bad_request("");
     }
     delegate.pair(id, request.ip);
@@ -34,7 +36,8 @@ std::int32_t Pair::readDeviceId(const std::string& body) {
     try {
         return requireWholeNumber<std::int32_t>(parseJson(body).at("deviceID"));
     } catch (const std::exception&) {
-        logger.log(info::level::error, "Pair request from deviceID %d rejected (invalid JSON)", 0);
+        logger.log(info::level::error, info::reason("pairing-refused"),
+                   "Pair request from deviceID %d rejected (invalid JSON)", 0);
         throw exception::bad_request("");
     }
 }

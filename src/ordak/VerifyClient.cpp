@@ -32,7 +32,8 @@ bool hasSameIssuer(info::Logger& logger, const Certificate& local, const Certifi
     info::LogEntry(logger, info::level::debug)
         << "Certificate issuer mismatch (ours='" << shownName(local.issuer().commonName) << "'; theirs='"
         << shownName(peer.issuer().commonName) << "'";
-    info::LogEntry(logger, info::level::error) << "Certificate issuer mismatch";
+    info::LogEntry(logger, info::level::error, info::reason("client-certificate"))
+        << "Certificate issuer mismatch";
     return false;
 }
 
@@ -53,7 +54,8 @@ bool isNamedLikeDevice(info::Logger& logger, const std::string& name) {
         info::LogEntry(logger, info::level::debug)
             << "Client Common Name '" << shownName(name) << "' does not match expected deviceID format";
     }
-    info::LogEntry(logger, info::level::error) << "Certificate invalid Common Name";
+    info::LogEntry(logger, info::level::error, info::reason("client-certificate"))
+        << "Certificate invalid Common Name";
     return false;
 }
 
@@ -61,7 +63,8 @@ std::optional<Certificate> loadAuthority(info::Logger& logger) {
     try {
         return Certificate(dir::base() / "certs/ca.crt");
     } catch (const std::exception&) {
-        info::LogEntry(logger, info::level::error) << "Internal error - failed to import trust file as cert";
+        info::LogEntry(logger, info::level::error, info::reason("client-certificate"))
+            << "Internal error - failed to import trust file as cert";
         return std::nullopt;
     }
 }
@@ -99,9 +102,11 @@ bool isVouchedFor(info::Logger& logger, const Certificate& authority, const Cert
         verdict.errors.emplace_back("Unspecified error(s)");
     }
     for (const std::string& error : verdict.errors) {
-        info::LogEntry(logger, info::level::error) << "Verification of device certificate failed: " << error;
+        info::LogEntry(logger, info::level::error, info::reason("client-certificate"))
+            << "Verification of device certificate failed: " << error;
     }
-    info::LogEntry(logger, info::level::error) << "Failed to verify client certificate";
+    info::LogEntry(logger, info::level::error, info::reason("client-certificate"))
+        << "Failed to verify client certificate";
     return false;
 }
 
@@ -157,7 +162,7 @@ int verifyClient(info::Logger& logger, const Certificate& local, const Certifica
         return refused;
     }
     if (!hasDeviceType(peer)) {
-        info::LogEntry(logger, info::level::error)
+        info::LogEntry(logger, info::level::error, info::reason("client-certificate"))
             << "Failed to find required metadata in client certificate";
         return refused;
     }

@@ -16,8 +16,8 @@ LONGEST_READ = 128 << 10 # likewise
 OVERWRITE = "165" # what is freed, so that it shows if it is used again
 WRITE_FAILED = "Failed during iscsi write command."
 READ_FAILED = "Failed during iscsi read command."
-WRITE_AGAIN = "Write iscsi failed. Sleeping, reconnecting, and retrying."
-READ_AGAIN = "Read iscsi failed. Sleeping, reconnecting, and retrying."
+WRITE_AGAIN = "Write iscsi failed. Sleeping, reconnecting, and retrying. [fallback:target-retried]"
+READ_AGAIN = "Read iscsi failed. Sleeping, reconnecting, and retrying. [fallback:target-retried]"
 
 
 class Transport:

@@ -50,7 +50,7 @@ def test_nothing_is_served_before_pairing(agent, connect_appliance, database):
     stranger = connect_appliance()
     for (method, url), name in PAIRED_ONLY.items():
         assert stranger.request(method, url) == (401, TEXT, "Unauthorized"), url
-        line = f"[WARNING:]  Unauthorized request from device {DEVICE} for {name}\n"
+        line = f"[WARNING:]  Unauthorized request from device {DEVICE} for {name} [failure:not-paired]\n"
         agent.wait_for_log(line)
     database("insert into device (id, ip, agentUUID) values (?, '127.0.0.1', '')", DEVICE)
     assert stranger.backups().status == 401
@@ -107,7 +107,8 @@ def test_changed_address(agent, appliance, site_authority, site_device, database
 def test_refused_pairing(agent, appliance, database, body, shown, reason):
     """The log alone says why, and the earlier pairing stays."""
     assert appliance.request("POST", "/pair", body) == (400, TEXT, "")
-    assert f"[ERROR:]    Pair request from deviceID {shown} rejected ({reason})\n" in agent.log
+    line = f"[ERROR:]    Pair request from deviceID {shown} rejected ({reason}) [failure:pairing-refused]\n"
+    assert line in agent.log
     assert "[WARNING:]  Bad API request for pair: \n" in agent.log
     assert database("select * from device") == [(DEVICE, "127.0.0.1", "")]
     assert appliance.backups().status == 200
@@ -170,8 +171,9 @@ def test_backup_of_a_volume_that_does_not_exist(driver, lab_site, agent, applian
     agent.wait_for_log("Backup run finished\n")
     for line in ("[INFO:]     Handling backup start call", f"[INFO:]     Driver version: {driver_version()}",
                  "[INFO:]     Backup transport interface: iSCSI",
-                 f"[ERROR:]    Volume {DISK} could not be found.",
-                 "[ERROR:]    Exception caught during backup run: Cannot backup non existing volume.",
+                 f"[ERROR:]    Volume {DISK} could not be found. [failure:volume-not-found]",
+                 "[ERROR:]    Exception caught during backup run: Cannot backup non existing volume. "
+                 "[failure:volume-not-found]",
                  f"[INFO:]     Backup {identifier} FAILED!"):
         assert line + "\n" in agent.log
     assert appliance.backups().content == {"active": [], "failed": [identifier], "finished": []}
@@ -196,7 +198,10 @@ REFUSED = {
     "volume that is none": ({"volumes": [7]}, 400, "cannot use at() with number"),
     "script without a name": ({"volumes": [disk(scriptsPrePost=[{"timeout": 9}])]}, 400,
                               "'scriptname' not found"),
-    "negative offset": ({"volumes": [disk(offset=-1)]}, 400, ""),
+    "negative offset": ({"volumes": [disk(offset=-1)]}, 400, "'offset': number out of range: -1"),
+    "null offset": ({"volumes": [disk(offset=None)]}, 400, "type must be number, but is null"),
+    "null flag": ({"volumes": [disk()], "forceCopyFull": None}, 500, "type must be boolean, but is null"),
+    "null interface": ({"volumes": [disk()], "interface": None}, 500, "type must be string, but is null"),
     "interface that is no text": ({"volumes": [disk()], "interface": 7}, 500, "type must be string"),
     "zephane target": ({"volumes": [disk(target="10.0.0.1:3260:1")], "interface": "zephaneftp"}, 500,
                        "Could not interpret target as address:host"),
@@ -422,7 +427,7 @@ def test_log_level(foreground, agent, appliance, database, severity, name):
 
     appliance.request("POST", "/pair", "{")
     numbers = {"max": 0, "debug": 1, "info": 2, "warning": 3, "error": 4, "critical": 5, "min": 6}
-    rejected = "Pair request from deviceID 0 rejected (invalid JSON)"
+    rejected = "Pair request from deviceID 0 rejected (invalid JSON) [failure:pairing-refused]"
     assert passes(LEVELS[4], rejected, agent) == (numbers[name] <= 4)
     assert passes(LEVELS[3], "Bad API request for pair: ", agent) == (numbers[name] <= 3)
     assert passes(LEVELS[1], "DATA: {", agent) == (numbers[name] <= 1)

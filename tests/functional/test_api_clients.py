@@ -18,9 +18,10 @@ from lab.usage import usage
 SECONDS = 60
 MIB = 1 << 20
 TRUST = CERTIFICATES / "ca.crt"
-REFUSED = "[ERROR:]    Client certificate validation failed"
-NO_TYPE = ["[ERROR:]    Failed to find required metadata in client certificate", REFUSED]
-NO_TRUST = ["[ERROR:]    Internal error - failed to import trust file as cert", REFUSED]
+MARK = " [failure:client-certificate]"
+REFUSED = "[ERROR:]    Client certificate validation failed" + MARK
+NO_TYPE = ["[ERROR:]    Failed to find required metadata in client certificate" + MARK, REFUSED]
+NO_TRUST = ["[ERROR:]    Internal error - failed to import trust file as cert" + MARK, REFUSED]
 POSTS = {"/pair": 400, "/backup": 500, "/logLevel": 400, "/config": 400, "/agentPairTicket": 501,
          "/command": 501, "/updsptcmdmod": 501, "/upgrade": 501}
 
@@ -72,11 +73,12 @@ def expected_of(what):
                "expired": "Cert expired", "not yet valid": "Cert invalid activation time"}
     reason = reasons.get(what)
     if reason == "mismatch":
-        return ["[ERROR:]    Certificate issuer mismatch", REFUSED]
+        return ["[ERROR:]    Certificate issuer mismatch" + MARK, REFUSED]
     if reason is not None:
-        return [unverified + reason, "[ERROR:]    Failed to verify client certificate", REFUSED]
+        return [unverified + reason + MARK, "[ERROR:]    Failed to verify client certificate" + MARK,
+                REFUSED]
     if what.startswith("Common Name"):
-        return ["[ERROR:]    Certificate invalid Common Name", REFUSED]
+        return ["[ERROR:]    Certificate invalid Common Name" + MARK, REFUSED]
     return NO_TYPE
 
 
@@ -109,11 +111,11 @@ def test_device_number_beyond_the_range(unharmed, agent, site_authority, databas
     huge = Client(site_authority.certificate, site_authority.device(2**32))
     assert huge.request("GET", "/v2/feature").status == 200
     assert huge.request("GET", "/backup").status == 401
-    assert "[WARNING:]  Unauthorized request from device -1 for backupList\n" in agent.log
+    assert "Unauthorized request from device -1 for backupList [failure:not-paired]\n" in agent.log
     for number, reason in ((-1, "-1 rejected (invalid device ID)"), (2**32, "0 rejected (invalid JSON)"),
                            (0, "0 rejected (invalid device ID)"), (1, "1 rejected (device ID mismatch)")):
         assert huge.request("POST", "/pair", b'{"deviceID": %d}' % number).status == 400
-        assert f"[ERROR:]    Pair request from deviceID {reason}\n" in agent.log
+        assert f"Pair request from deviceID {reason} [failure:pairing-refused]\n" in agent.log
     assert database("select id from device") == [(DEVICE,)]
 
 

@@ -2,27 +2,35 @@
 
 The agent's part is played by a server that notes requests and gives the answers it is told to.
 """
+import fcntl
 import http.server
 import io
 import json
+import os
 import pathlib
+import re
 import ssl
+import struct
 import subprocess
+import termios
 import threading
+import time
 
 import pytest
 
-from lab.appliance_client import Appliance, NoAnswer, Unreachable, volume
+from lab.appliance_client import Answer, Appliance, NoAnswer, Unreachable, volume
 from lab.certificates import Authority
 from lab.progress import shown_progress
+from lab.watch import LIMIT_SECONDS, RUN_BEGINS, Standstill, ending_of, reason_lines
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 SECONDS = 60
 DISK = "0f1e"
+MB = 1_000_000
 ACTIVE, FINISHED, FAILED = (
     {"elapsedTime": 1, "connection_error": False, "snapshot_error": state == "failed", "status": state,
      "details": [{"volume": DISK, "status": state, "type": "full",
-                  "transfer": {"bytesTransferred": done, "totalSize": 20}}]}
+                  "transfer": {"bytesTransferred": done * MB, "totalSize": 20 * MB}}]}
     for state, done in (("active", 5), ("finished", 20), ("failed", 5)))
 
 
@@ -184,7 +192,19 @@ def test_certificate_that_is_refused(agent, authority, command):
 
 def test_nobody_listens(command):
     status, _, error = command("host", port=1)
-    assert (status, error) == (2, "lab/appliance: 127.0.0.1 port 1: [Errno 111] Connection refused\n")
+    assert (status, error) == (
+        2, "lab/appliance: 127.0.0.1 port 1: [Errno 111] Connection refused\n"
+           "lab/appliance: no agent listens there. See whether bekd runs, and what its last log in "
+           "/etc/tolvu/bek/logs says; one in a site is reached from within: lab/site shell lab/appliance "
+           "...\n")
+
+
+def test_certificate_that_is_not_there(agent, authority, tmp_path):
+    done = subprocess.run([ROOT / "lab" / "appliance", "--port", str(agent.port), "--cert",
+                           tmp_path / "none.pem", "--ca", authority.certificate, "list"],
+                          capture_output=True, text=True, check=False, timeout=SECONDS)
+    assert (done.returncode, agent.requests) == (64, [])
+    assert done.stderr == f"lab/appliance: [Errno 2] No such file or directory: '{tmp_path}/none.pem'\n"
 
 
 def test_agent_of_another_authority(agent, device, tmp_path):
@@ -197,7 +217,9 @@ def test_agent_of_another_authority(agent, device, tmp_path):
 
 @pytest.mark.parametrize("arguments", [
     (), ("nonsense",), ("pair", "x"), ("loglevel", "loud"), ("config", "x"), ("backup", "--volume", "lun=1"),
-    ("backup", "--volume", "guid=1,a=2"), ("backup", "--volume", "guid=1"), ("backup", "--request", "/none"),
+    ("backup", "--volume", "guid=1,a=2"),
+    ("backup", "--volume", "guid=1,mount=/mnt,target=t,name=n"),
+    ("backup", "--volume", "guid=1"), ("backup", "--request", "/none"),
     ("backup", "--zephane", "--interface", "iscsi", "--volume", "guid=1,target=t,name=n"),
     ("backup", "--password", "p", "--password-file", "/dev/null", "--volume", "guid=1,target=t,name=n"),
     ("backup", "--volume", "guid=1,target=t,name=n,password-file=/none")])
@@ -221,6 +243,20 @@ def test_backup_of_two_volumes(agent, command):
          "scriptsPrePost": [{"scriptname": "stop"}, {"scriptname": "flush", "timeout": 30}]},
         {"guid": "2a2b", "offset": 4096, "lun": 7, "username": "u", "password": "p", **shared,
          "scriptsPrePost": []}]}
+
+
+def test_volume_by_its_mount_point(agent, command):
+    host = {"volumes": [{"guid": "0f1e", "mountpoints": ["/mnt/data", "/srv"]},
+                        {"guid": "2a2b", "mountpoints": ["<swap>"]}]}
+    agent.says(host, (201, "text/plain", "b-1"))
+    words = ("backup", "--target", "t", "--name", "n", "--volume")
+    assert command(*words, "mount=/srv,lun=3") == (0, "b-1\n", "")
+    assert [path for _, path, _ in agent.requests] == ["/host", "/backup"]
+    [sent] = json.loads(agent.requests[1][2])["volumes"]
+    assert (sent["guid"], sent["lun"], "mount" in sent) == ("0f1e", 3, False)
+    agent.says(host)
+    assert command(*words, "mount=/none") == (
+        64, "", "lab/appliance: the agent knows no volume mounted at /none; there is /mnt/data, /srv\n")
 
 
 def test_backup_over_the_second_transport(agent, command, tmp_path):
@@ -252,24 +288,99 @@ def test_watch_until_the_end(agent, command):
     status, output, error = command("backup", "--volume", "guid=0f1e", "--target", "t", "--name", "n",
                                     "--watch")
     assert (status, error) == (0, "")
-    assert output.splitlines() == ["b-1", f"{DISK} full active, 5 bytes of 20 bytes",
-                                   f"{DISK} full finished, 20 bytes of 20 bytes"]
+    assert output.splitlines() == ["b-1", f"{DISK} full active, 5.0 MB of 20.0 MB",
+                                   f"{DISK} full finished, 20.0 MB of 20.0 MB"]
     assert [path for _, path, _ in agent.requests] == ["/backup"] + 3 * ["/backup/b-1"]
     assert agent.connections == 1
 
 
 def test_watch_of_a_failed_backup(agent, command):
-    agent.says(FAILED)
+    """The first error of its own run tells why: none of an earlier backup, nor what comes of clearing up."""
+    agent.says(FAILED, log_of((4, "earlier"), (2, f"{RUN_BEGINS}b-0"), (4, "of another"),
+                              (2, f"{RUN_BEGINS}b-1"), (2, "harmless"), (4, "the reason [failure:why]"),
+                              (4, "Failed to run post backup!"), (2, f"{RUN_BEGINS}b-2"), (4, "later")))
     status, output, error = command("watch", "b-1")
-    assert (status, error) == (1, "lab/appliance: snapshot_error\n")
-    assert output == f"{DISK} full failed, 5 bytes of 20 bytes\n"
+    assert (status, error) == (1, "lab/appliance: snapshot_error\nlab/appliance: the reason [failure:why]\n")
+    assert output == f"{DISK} full failed, 5.0 MB of 20.0 MB\n"
+    assert agent.requests[-1] == ("GET", "/event?lines=10000&severity=2", "")
+
+
+def log_of(*lines):
+    """An answer to the call for the log, of pairs of a severity and a text."""
+    return {"log": [{"message": text, "severity": severity, "timestamp": number}
+                    for number, (severity, text) in enumerate(lines)], "error": []}
+
+
+def test_lines_of_several_files_are_put_in_order():
+    """Of two days; the agent gives the files in any order."""
+    class Agent:
+        @staticmethod
+        def logs(**_options):
+            log = log_of((2, f"{RUN_BEGINS}b-1"), (4, "first"), (4, "second"))
+            return Answer(200, "application/json", {"log": log["log"][2:] + log["log"][:2], "error": []})
+
+    assert reason_lines(Agent, "b-1") == ["first"]
+
+
+def test_watch_of_a_failed_backup_whose_log_says_nothing(agent, command):
+    """The log's threshold may be higher."""
+    agent.says(FAILED, log_of((4, "of nobody knows whom")))
+    assert command("watch", "b-1")[2] == (
+        "lab/appliance: snapshot_error\nlab/appliance: the agent's log doesn't say why: lab/appliance logs\n")
+
+
+@pytest.mark.parametrize("line", [
+    "Iscsi target connect or Login failed: Try: 1 Target name: iqn.2026-01.example:images Target portal: "
+    "10.0.0.1:3260 LUN: 1. Error: iscsi_service failed with : iscsi_service_reconnect_if_loggedin. Can not "
+    "reconnect right now.",
+    "Try: 1 Couldn't connect to zephane://10.0.0.1:3260/x/1 code: -111 message: cannot connect: Connection "
+    "refused"])
+def test_refused_port_of_a_target(agent, command, line):
+    agent.says(ACTIVE | {"connection_error": True}, log_of((2, f"{RUN_BEGINS}b-1"), (4, line)))
+    assert command("watch", "b-1")[2].splitlines() == [
+        "lab/appliance: connection_error", f"lab/appliance: {line}",
+        "lab/appliance: nobody listens at 10.0.0.1:3260, most likely: see whether the target is up there, "
+        "and compare address and port"]
 
 
 def test_watch_gives_up_on_an_active_backup_with_an_error(agent, command):
-    agent.says(ACTIVE, ACTIVE | {"connection_error": True})
+    agent.says(ACTIVE, ACTIVE | {"connection_error": True}, log_of((2, f"{RUN_BEGINS}b-1"), (4, "gone")))
     status, _, error = command("watch", "b-1")
-    assert (status, error) == (1, "lab/appliance: connection_error\n")
-    assert len(agent.requests) == 2
+    assert (status, error) == (1, "lab/appliance: connection_error\nlab/appliance: gone\n")
+    assert len(agent.requests) == 3
+
+
+def test_watch_ends_with_a_run_whose_status_stays_active(agent, command):
+    agent.says(*4 * [ACTIVE], log_of((2, f"{RUN_BEGINS}b-1"), (4, "Volume 0f1e is NOT mounted"),
+                                     (4, "Exception occurred during backup run: No device available.")))
+    status, _, error = command("watch", "b-1")
+    assert (status, error.splitlines()) == (1, [
+        'lab/appliance: the run has ended, whatever its status says: it stays "active" until the agent is '
+        'restarted', "lab/appliance: Volume 0f1e is NOT mounted"])
+
+
+def test_watch_goes_on_while_the_run_does(agent, command):
+    """Without a change for a while, as when a target is silent."""
+    agent.says(*4 * [ACTIVE], log_of((2, f"{RUN_BEGINS}b-1"), (4, "Try: 1")), FINISHED)
+    assert (command("watch", "b-1")[0], len(agent.requests)) == (0, 6)
+
+
+def test_watch_has_a_limit():
+    """Where the log can't tell. What was given up may go on."""
+    class Agent:
+        @staticmethod
+        def logs(**_options):
+            return Answer(200, "application/json", log_of())
+
+    assert ending_of(Agent, "b-1", ACTIVE, LIMIT_SECONDS - 1) is None
+    assert ending_of(Agent, "b-1", ACTIVE, LIMIT_SECONDS) == [
+        "nothing has changed for 15 minutes, and the log tells of no end; watched no longer: "
+        "lab/appliance cancel b-1 ends the backup"]
+    standstill = Standstill()
+    assert standstill.seconds(ACTIVE) < 0.01
+    time.sleep(0.01)
+    assert standstill.seconds(ACTIVE | {"elapsedTime": 9}) >= 0.01
+    assert standstill.seconds(status_of(ACTIVE, bytesTransferred=6)) < 0.01
 
 
 def test_watch_of_no_volumes(agent, command):
@@ -294,7 +405,7 @@ def lines_of(*statuses, **options):
 
 def test_watch_of_a_volume_whose_size_is_not_known(agent, command):
     agent.says(status_of(FAILED, totalSize=(1 << 64) - 1))
-    assert command("watch", "b-1")[1] == f"{DISK} full failed, 5 bytes\n"
+    assert command("watch", "b-1")[1] == f"{DISK} full failed, 5.0 MB\n"
 
 
 def test_type_is_not_shown_before_it_is_settled():
@@ -302,36 +413,86 @@ def test_type_is_not_shown_before_it_is_settled():
 
 
 def test_estimate_below_zero_is_not_shown():
-    assert lines_of(status_of(ACTIVE, totalSize=(1 << 64) - 4096)) == [f"{DISK} full active, 5 bytes"]
+    assert lines_of(status_of(ACTIVE, totalSize=(1 << 64) - 4096)) == [f"{DISK} full active, 5.0 MB"]
 
 
 def test_end_is_shown_as_all_that_there_was():
-    assert lines_of(status_of(FINISHED, totalSize=25)) == [f"{DISK} full finished, 20 bytes of 20 bytes"]
+    assert lines_of(status_of(FINISHED, totalSize=25 * MB)) == [f"{DISK} full finished, 20.0 MB of 20.0 MB"]
 
 
 def test_lines_are_few_while_only_bytes_go_by():
-    changes = [status_of(ACTIVE, bytesTransferred=count) for count in range(3)]
-    assert lines_of(*changes, FINISHED) == [f"{DISK} full active, 0 bytes of 20 bytes",
-                                            f"{DISK} full finished, 20 bytes of 20 bytes"]
+    changes = [status_of(ACTIVE, bytesTransferred=count * MB) for count in range(3)]
+    assert lines_of(*changes, FINISHED) == [f"{DISK} full active, 0.0 MB of 20.0 MB",
+                                            f"{DISK} full finished, 20.0 MB of 20.0 MB"]
 
 
 def test_volumes_by_name():
     [line] = lines_of(FAILED, names={DISK: "data"}, prefix="  | ")
-    assert line == "  | data full failed, 5 bytes of 20 bytes"
+    assert line == "  | data full failed, 5.0 MB of 20.0 MB"
+
+
+UUIDS = ("0f1e7a41-7a41-4a5e-9d0c-2f0b64b1a7de", "9a1fbd36-8c51-4a1e-9d0c-2f0e6f2f4b0e")
+
+
+def status_of_two(state, *sizes, kind="differential"):
+    """Of a backup of two volumes, with (transferred, total) of each."""
+    return ACTIVE | {"status": state, "details": [
+        {"volume": uuid, "status": state, "type": kind,
+         "transfer": {"bytesTransferred": done, "totalSize": total}}
+        for uuid, (done, total) in zip(UUIDS, sizes)]}
+
+
+def on_a_terminal(*statuses, columns=80, pause=0.3, **options):
+    """What a person sees in the end, by lines, on a terminal of so many columns and 24 lines."""
+    reader, writer = os.openpty()
+    fcntl.ioctl(writer, termios.TIOCSWINSZ, struct.pack("4H", 24, columns, 0, 0))
+    shown = b""
+    with open(writer, "w", encoding="utf-8") as terminal:
+        with shown_progress(terminal, **options) as progress:
+            for status in statuses:
+                progress(status)
+                time.sleep(pause)
+                shown += os.read(reader, 1 << 16)
+        shown += os.read(reader, 1 << 16)
+    os.close(reader)
+    text = re.sub(r"\x1b\[[0-9;?]*[a-zA-Z]", "", shown.decode().rsplit("\x1b[2K", 1)[-1])
+    return [line for line in text.replace("\r", "\n").split("\n") if line.strip()]
+
+
+@pytest.fixture(autouse=True)
+def terminal_of_a_person(monkeypatch):
+    monkeypatch.setenv("TERM", "xterm")
+    for name in ("COLUMNS", "LINES", "NO_COLOR"):
+        monkeypatch.delenv(name, raising=False)
 
 
 def test_bars_on_a_terminal():
-    class Terminal(io.StringIO):
-        def isatty(self):
-            return True
+    [line] = on_a_terminal(ACTIVE, FINISHED)
+    assert re.fullmatch(rf"{DISK} full \S+ 20.0 of 20.0 MB +[\d,.]+ MB/s finished", line), line
 
-    terminal = Terminal()
-    with shown_progress(terminal) as progress:
-        progress(ACTIVE)
-        progress(FINISHED)
-    assert DISK in terminal.getvalue()
-    assert "20/20 bytes" in terminal.getvalue()
-    assert "full finished" in terminal.getvalue()
+
+def test_bars_of_several_volumes_have_a_total():
+    lines = on_a_terminal(status_of_two("active", (0, 40 * MB), (0, 2 * MB)),
+                          status_of_two("active", (20 * MB, 40 * MB), (1 * MB, 2 * MB)))
+    assert [line.split()[0] for line in lines[-3:]] == ["0f1e7a41", "9a1fbd36", "total"]
+    assert all("MB/s" in line and "0:00:" in line for line in lines[-3:]), lines
+    assert "21.0 of 42.0 MB" in lines[-1]
+
+
+@pytest.mark.parametrize("state", ["active", "finished"])
+def test_bars_fit_a_terminal_of_80_columns(state):
+    """Terabytes at hundreds of megabytes a second, for most of a day, too."""
+    lines = on_a_terminal(*(status_of_two(state, (done, 9_999_999 * MB), (done, 9_999_999 * MB))
+                            for done in (1_234_000 * MB, 1_234_100 * MB, 1_234_200 * MB)),
+                          names={UUIDS[0]: "a name that is long"})
+    assert len(lines) >= 3 and max(map(len, lines)) <= 80
+    for line in lines[-3:]:
+        assert re.search(r"[\d,]+ of [\d,]+ MB ", line) and "MB/s" in line, line
+
+
+def test_bars_of_what_is_not_known_yet():
+    [line] = on_a_terminal(status_of(ACTIVE, bytesTransferred=0, totalSize=(1 << 64) - 1))
+    assert line.split()[0] == DISK and line.split()[-1] == "preparing"
 
 
 def test_cancel(agent, command):

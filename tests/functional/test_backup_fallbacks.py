@@ -55,7 +55,8 @@ def check_incremental_works(protection):
 def test_unknown_volume_is_copied_whole(protect, volume, kind):
     protection = protect()
     check(protection, protection.run(**kind), "full",
-          f"[INFO:]     No db entry found for volume {display_name(volume)}, forcing FULL")
+          f"[INFO:]     No db entry found for volume {display_name(volume)}, forcing FULL "
+          "[fallback:volume-unknown]")
     check_incremental_works(protection)
 
 
@@ -82,7 +83,7 @@ def test_unreadable_database_leads_to_a_merge(protection, volume, volume_site):
         os.kill(volume_site.udisks.pid, signal.SIGCONT)
     check(protection, backup.wait(), "differential",
           f"[INFO:]     Could not find cached checksum from database for volume {volume.uuid} falling back "
-          "to DIFFERENTIAL MERGE")
+          "to DIFFERENTIAL MERGE [fallback:database-unreadable]")
     check_incremental_works(protection)
 
 
@@ -102,7 +103,7 @@ def test_database_without_its_table_fails_the_backup_at_its_end(protection, volu
 
 def failing_back(volume, reason):
     return (f"[INFO:]     Could not find cached checksum from database for volume {volume.uuid} failing back "
-            f"to DIFFERENTIAL_MERGE: {reason}")
+            f"to DIFFERENTIAL_MERGE: {reason} [fallback:database-unreadable]")
 
 
 def test_image_without_a_checksum_is_merged(protection, volume, database):
@@ -117,7 +118,7 @@ def test_image_without_a_checksum_is_merged(protection, volume, database):
     database("UPDATE volumes SET image_checksum = '0'")
     check(protection, protection.run(), "differential",
           f"[INFO:]     Cached checksum for volume {volume.uuid} is zero indicating volume requires a "
-          "DIFFERENTIAL_MERGE")
+          "DIFFERENTIAL_MERGE [fallback:image-unfinished]")
     check_incremental_works(protection)
 
 
@@ -131,7 +132,8 @@ def test_damaged_image_is_merged(protection, volume, database, offset):
     check(protection, backup, "differential")
     assert f"The cached volume checksum '{int(cached):x}' didn't match with the remote volume checksum '" \
         in backup.log
-    assert f"' for volume: {volume.uuid}, failing back to DIFFERENTIAL_MERGE\n" in backup.log
+    assert (f"' for volume: {volume.uuid}, failing back to DIFFERENTIAL_MERGE [fallback:image-differs]\n"
+            in backup.log)
     check_incremental_works(protection)
 
 
@@ -144,8 +146,8 @@ def test_unreadable_image_fails_the_backup(protection, volume):
     backup = protection.run()
     assert backup.state == "failed", backup.log
     assert (backup.status["connection_error"], backup.status["snapshot_error"]) == (True, False)
-    assert ("Transport related error occurred during backup run: Failed to generate remote checksum\n"
-            in backup.log)
+    assert ("Transport related error occurred during backup run: Failed to generate remote checksum "
+            "[failure:image-unreadable]\n" in backup.log)
     assert "Start Snapshotting" not in backup.log
     assert device_of(volume)["state"] == 2
     os.truncate(image, size)
@@ -155,7 +157,7 @@ def test_unreadable_image_fails_the_backup(protection, volume):
 
 def downgraded(volume):
     return ("[ERROR:]    Failed to snapshot while preserving incremental tracking information for volume "
-            f"{volume.uuid}",
+            f"{volume.uuid} [fallback:everything-compared]",
             f"[INFO:]     Downgrading backup type to DIFFERENTIAL_MERGE for volume {volume.uuid}")
 
 
@@ -163,7 +165,7 @@ def test_untracked_volume_is_merged(protection, volume):
     forget_devices()
     check(protection, protection.run(), "differential",
           f"[INFO:]     Found no incremental mode snapshot for volume {volume.uuid}, falling back to diff "
-          "merge.", *downgraded(volume))
+          "merge. [fallback:not-tracked]", *downgraded(volume))
     check_incremental_works(protection)
 
 
@@ -171,6 +173,6 @@ def test_volume_left_in_snapshot_is_merged(protection, volume):
     """What a run that was killed leaves behind: nobody knows any more what has changed since."""
     must("transition_snapshot", device_of(volume)["minor"], root_of(volume) / ".tolvu1", 100)
     check(protection, protection.run(), "differential",
-          f"[WARNING:]  Device {volume.uuid} not in active incremental state, destroying snapshot",
-          *downgraded(volume))
+          f"[WARNING:]  Device {volume.uuid} not in active incremental state, destroying snapshot "
+          "[fallback:tracking-lost]", *downgraded(volume))
     check_incremental_works(protection)

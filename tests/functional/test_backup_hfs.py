@@ -120,5 +120,6 @@ def test_volume_with_its_header_as_usual_fails_and_is_named(protection):
     backup = protection.run(full=True)
     assert backup.state != "finished"
     assert (f"Volume {partition.uuid} (/mnt/{name}) can't be copied: its HFS+ header is at byte 1024, and "
-            "HFS+ is known by one at byte 0 only\n") in backup.log
-    assert f"File system not recognized for {partition.uuid}\n" in backup.log
+            "HFS+ is known by one at byte 0 only [failure:file-system-unsupported]\n") in backup.log
+    assert (f"File system not recognized for {partition.uuid} [failure:file-system-unsupported]\n"
+            in backup.log)

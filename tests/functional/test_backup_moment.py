@@ -53,8 +53,10 @@ def test_full_volume_fails_the_backup_and_is_tracked_on(protection, volumes):
     assert (backup.status["connection_error"], backup.status["snapshot_error"]) == (False, True)
     name = f"{volumes['data'].uuid} ({volumes['data'].volume.mount_point})"
     assert f"The required free space for volume {volumes['data'].uuid} is " in backup.log
-    assert f"Volume {name} is full, not enough free space to perform a backup\n" in backup.log
-    assert "Exception caught during backup run: Cannot backup a full volume\n" in backup.log
+    assert f"Volume {name} is full, not enough free space to perform a backup [failure:volume-full]\n" \
+        in backup.log
+    assert ("Exception caught during backup run: Cannot backup a full volume [failure:volume-full]\n"
+            in backup.log)
     assert {device_of(volumes[each])["state"] for each in ("data", "files")} == {2}
     balloon.unlink()
     for each in ("data", "files"):
@@ -99,8 +101,8 @@ def test_script_that_is_not_there_fails_the_backup_before_any_snapshot(protectio
     fill(root_of(volumes["data"]), "since")
     backup = protection.run(volumes=protection.request(scripts=["nobody"]))
     assert backup.state == "failed", backup.log
-    assert ('Quiesce script "/etc/tolvu/bek/pps/nobody" not found; it may have been moved or deleted\n'
-            in backup.log)
+    assert ('Quiesce script "/etc/tolvu/bek/pps/nobody" not found; it may have been moved or deleted '
+            "[failure:script-missing]\n" in backup.log)
     assert "Validating snapshot session" not in backup.log
     check(protection, protection.run(), "incremental")
 
@@ -112,8 +114,8 @@ def test_script_that_others_could_have_written_fails_the_backup(protection, volu
     path.chmod(0o777)
     backup = protection.run(volumes=protection.request(scripts=[script]))
     assert backup.state == "failed", backup.log
-    assert (f'Quiesce script "{path}" refused: others than root can write "{path}" (owner 0, mode 0777)\n'
-            in backup.log)
+    assert (f'Quiesce script "{path}" refused: others than root can write "{path}" (owner 0, mode 0777) '
+            "[failure:script-refused]\n" in backup.log)
     assert "PRE of open" not in backup.log
     assert "Validating snapshot session" not in backup.log
     check(protection, protection.run(), "incremental")
@@ -134,8 +136,9 @@ def test_unmounted_volume_fails_the_backup_before_anything_is_touched(protect, p
     script = script_for(volumes, "script")
     requests = [*protection.request(scripts=[script]), *third.request(scripts=[script])]
     backup = protection.start(volumes=requests).wait()
-    assert f"Volume {volumes['unmounted'].uuid} is NOT mounted\n" in backup.log
-    assert "Exception caught during backup run: Cannot backup an unmounted device!\n" in backup.log
+    assert f"Volume {volumes['unmounted'].uuid} is NOT mounted [failure:volume-not-mounted]\n" in backup.log
+    assert ("Exception caught during backup run: Cannot backup an unmounted device! "
+            "[failure:volume-not-mounted]\n" in backup.log)
     assert "Quiescing volumes..." not in backup.log
     for name in captures:
         assert not list(root_of(volumes[name]).glob("P* of *"))

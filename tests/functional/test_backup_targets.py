@@ -90,6 +90,7 @@ def test_wrong_password_and_none(protection, volumes, target):
             assert (f"Iscsi target connect or Login failed: Try: {attempt} Target name: {target.name} "
                     f"Target portal: {target.portal} LUN: {protection.images['files'].lun}. Error: ") in log
         assert "Iscsi target connect exceeded max retries. Aborting.\n" in log
+        assert "[failure:target-login]\n" in log
         assert "wrong password" not in log
     right = protection.request(username=USER, password=PASSWORD)
     check(protection, protection.run(volumes=right), "incremental")
@@ -98,7 +99,8 @@ def test_wrong_password_and_none(protection, volumes, target):
 def test_unknown_target(protection, volumes):
     log = check_refused(protection, name="iqn.2026-01.example:nobody")
     assert ("Transport related error occurred during backup run: Failed to open transport connection while "
-            "validating remote target\n") in log
+            "validating remote target [failure:target-unreachable]\n") in log
+    assert "[failure:target-login]\n" in log
     check(protection, protection.run(), "incremental")
 
 

@@ -37,7 +37,7 @@ def run_in_turn(protection, *names):
 
 
 def check_not_recognised(backup, partition):
-    reason = f"File system not recognized for {partition.uuid}"
+    reason = f"File system not recognized for {partition.uuid} [failure:file-system-unsupported]"
     assert f"Exception caught during backup run: {reason}\n" in backup.log
     assert "Finished execution of the Close Backup Session phase." not in backup.log
 
@@ -54,7 +54,8 @@ def test_volumes_after_it_are_not_begun(protection, volumes, name):
     before = protection.images[DATA].writes()
     backup, begun = run_in_turn(protection, name, DATA)
     assert begun == (name,)
-    assert f"[ERROR:]    {name.upper()} is not supported\n" in backup.log
+    assert (f"[ERROR:]    {name.upper()} is not supported [failure:file-system-unsupported]\n"
+            in backup.log)
     check_not_recognised(backup, volumes[name])
     assert protection.images[DATA].writes() == before
     check_next(protection, "full")

@@ -4,10 +4,13 @@ import fcntl
 import json
 import os
 import pathlib
+import re
+import socket
 import subprocess
 
 import pytest
 
+from lab.appliance_client import PORT
 from lab.daemon import BASE, PID_FILE, ROOT
 
 PROGRAMS = ROOT / "packaging" / "lib"
@@ -204,3 +207,10 @@ def test_a_machine_without_a_message_bus_is_told_what_is_missing():
     done = call("prepare-start")
     assert (done.returncode, done.stdout) == \
         (0, "There is no D-Bus here: no volume will be found. Install dbus\n")
+
+
+def test_whoever_has_the_port_is_named():
+    with socket.create_server(("127.0.0.1", PORT)):
+        done = call("prepare-start")
+    assert done.returncode == 1
+    assert re.fullmatch(rf'port {PORT} is taken: .*pid={os.getpid()},.*\n', done.stdout)

@@ -28,6 +28,7 @@ from lab.usage import usage
 PROGRAM = program("HttpsEcho")
 SECONDS = 60
 MIB = 1 << 20
+MARK = " [failure:client-certificate]"
 
 
 class EchoServer:
@@ -164,7 +165,7 @@ def test_body_in_three_chunks(client):
 
 def test_client_is_checked_for_each_chunk(site, server, client):
     """The trust file goes while a body is on its way: the rest of the body is refused."""
-    refusal = "1 Internal error - failed to import trust file as cert"
+    refusal = "1 Internal error - failed to import trust file as cert" + MARK
     trust = CERTIFICATES / "ca.crt"
     with client.connect() as connection:
         connection.send(b"POST /pair HTTP/1.1\r\nHost: agent\r\nContent-Length: 9\r\n\r\none")
@@ -175,7 +176,7 @@ def test_client_is_checked_for_each_chunk(site, server, client):
             assert connection.read_answer() is None
         finally:
             trust.with_suffix(".away").rename(trust)
-    server.wait_for("1 Client certificate validation failed")
+    server.wait_for("1 Client certificate validation failed" + MARK)
     check_serves(client)
 
 
@@ -233,9 +234,9 @@ def test_bad_certificates(site, server, client):
     for what, identity in site.authority.bad_devices(DEVICE).items():
         before = len(server.lines)
         assert Client(site.authority.certificate, identity).request("GET", "/basichost") is None, what
-        refused = "1 Client certificate validation failed"
+        refused = "1 Client certificate validation failed" + MARK
         wait_until(lambda: refused in server.lines[before:], SECONDS, f"refusal of {what}")
-        reason = reasons.get(what, "1 Certificate invalid Common Name")
+        reason = reasons.get(what, "1 Certificate invalid Common Name") + MARK
         assert reason in server.lines[before:], f"{what}: {server.lines[before:]}"
     check_serves(client)
 

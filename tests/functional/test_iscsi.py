@@ -55,8 +55,9 @@ def answers(transport, count):
     return [transport.take() for _ in range(count)]
 
 
-def connect_in_vain(transport):
-    """Returns what was complained of, having seen that each try came a second after the one before."""
+def connect_in_vain(transport, code):
+    """Returns what was complained of, having seen that each try came a second after the one before, and that
+    the last one has the code of what is wrong."""
     begun = time.monotonic()
     assert transport.do("connect") != 0
     assert ROUNDS <= time.monotonic() - begun < 3 * ROUNDS
@@ -65,6 +66,7 @@ def connect_in_vain(transport):
     tries = complaints[:-1]
     numbers = [text.removeprefix(LOGIN_FAILED).split()[0] for text in tries]
     assert numbers == ["1", "2", "3", "4", "5"]
+    assert [text.endswith(f" [failure:{code}]") for text in tries] == [False] * 4 + [True], tries
     return tries
 
 
@@ -135,28 +137,29 @@ def test_the_right_password_opens_the_target(target, image, source):
 def test_another_password_does_not(target, image, password):
     target.require_chap("agent", "correct horse")
     with Transport(target, image, user="agent" if password else "", password=password) as transport:
-        tries = connect_in_vain(transport)
+        tries = connect_in_vain(transport, "target-login")
         assert all("Error: " in text for text in tries)
         assert not any(password in text for text in tries if password), "passwords aren't for the log"
 
 
 def test_a_name_that_the_target_does_not_have(target, image):
     with Transport(target, image, name="iqn.2026-01.example:nothing") as transport:
-        tries = connect_in_vain(transport)
+        tries = connect_in_vain(transport, "target-login")
         assert all(f"Target name: iqn.2026-01.example:nothing Target portal: {target.portal} LUN: 1" in text
                    for text in tries)
 
 
 def test_a_unit_that_the_target_does_not_have(target, image):
     with Transport(target, image, lun=9) as transport:
-        assert all("LUN: 9" in text for text in connect_in_vain(transport))
+        assert all("LUN: 9" in text for text in connect_in_vain(transport, "target-image"))
 
 
 def test_a_portal_where_nobody_listens(target, image):
     with socket.create_server((ADDRESS, 0)) as server:
         portal = f"{ADDRESS}:{server.getsockname()[1]}"
     with Transport(target, image, portal=portal) as transport:
-        assert all(f"Target portal: {portal}" in text for text in connect_in_vain(transport))
+        tries = connect_in_vain(transport, "target-refused")
+        assert all(f"Target portal: {portal}" in text for text in tries)
         assert transport.do("read", 512, "/dev/null") == (-1, errno.ENOTCONN)
 
 
@@ -251,7 +254,8 @@ def test_a_target_that_stays_away_fails_the_comparison(target, image, source):
         result, _number = transport.write(source, 0, PIECE)
         assert result == -1
         assert transport.complaints()[-2:] == [
-            "Failed to read a remote target block; the current block will be copied without diff",
+            "Failed to read a remote target block; the current block will be copied without diff "
+            "[fallback:block-not-compared]",
             "Invalid seek position in remote target"]
 
 

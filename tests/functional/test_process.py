@@ -23,7 +23,8 @@ USAGE = ("bekd version: 2.1.23.0\n"
          "\tDisplay: Run bekd in foreground.\n"
          "\n")
 STOP_LINE = "Stopping services...\r\n"
-ALREADY_RUNNING = "[CRITICAL:] An instance of the TolvuBackupAgent is already running.\n"
+ALREADY_RUNNING = "[CRITICAL:] An instance of the TolvuBackupAgent is already running. "\
+    "[failure:already-running]\n"
 STOP = ["Agent daemon stopping", "HTTP server stopping", "HTTP server stopped", "Core engine stopping",
         "Core engine stopped", "Agent daemon stopped"]
 STOP_SIGNALS = [signal.SIGINT, signal.SIGQUIT, signal.SIGTERM, signal.SIGHUP]
@@ -227,9 +228,9 @@ def test_foreground_beside_a_background_agent(background, run_to_end, connect_ap
     assert second.errors == (f"Unhandled Exception reached the top of main: {failure}, "
                              "application will now exit\n")
     second.expect_errors("Unhandled Exception reached the top of main: .*")
-    assert messages(second.log)[1:] == ["Core engine started", failure, "Core engine stopped",
-                                        "HTTP server stopped"]
-    assert f"[CRITICAL:] {failure}\n" in second.log
+    assert messages(second.log)[1:] == ["Core engine started", f"{failure} [failure:port-taken]",
+                                        "Core engine stopped", "HTTP server stopped"]
+    assert f"[CRITICAL:] {failure} [failure:port-taken]\n" in second.log
     assert READY_LINE not in second.output
     assert first.is_running
     assert (PID_FILE.read_bytes(), PID_FILE.stat().st_ino, PID_FILE.stat().st_mtime_ns) == before

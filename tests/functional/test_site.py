@@ -4,111 +4,25 @@ Each test has a checkout of its own, as there is one site a checkout.
 """
 import json
 import os
-import pathlib
 import re
-import shutil
 import signal
 import subprocess
 import sys
 
 import pytest
 
-from lab import volumes
+from checkout import SECONDS, Checkout
+from lab.loops import images_of
 from lab.services import wait_until
 
-ROOT = pathlib.Path(__file__).resolve().parents[2]
-SECONDS = 60
 SERVICES = ("dbus-daemon", "systemd-logind", "systemd-udevd", "ntfs-3g", "udisksd")
 NOT_UP = (3, "the site is not up\n")
 
 
-class Checkout:
-    """The lab in a directory of its own."""
-
-    def __init__(self, directory):
-        self.directory = directory
-        shutil.copytree(ROOT / "lab", directory / "lab", ignore=shutil.ignore_patterns("__pycache__"))
-        self.tokens = set()
-
-    def run(self, *arguments):
-        """Exit status, standard output and standard error of lab/site."""
-        done = subprocess.run([self.directory / "lab" / "site", *arguments], capture_output=True, text=True,
-                              check=False, timeout=SECONDS)
-        return done.returncode, done.stdout, done.stderr
-
-    def site(self, *arguments):
-        """Exit status and standard output, where there is nothing to complain of."""
-        status, output, errors = self.run(*arguments)
-        assert errors == ""
-        return status, output
-
-    def up(self):
-        status, table = self.site("up")
-        assert status == 0
-        self.tokens.add(self.record["token"])
-        return table
-
-    @property
-    def record(self):
-        return json.loads((self.directory / "build" / "site.json").read_text(encoding="ascii"))
-
-    def inside(self, *command):
-        status, output = self.site("shell", *command)
-        assert status == 0
-        return output
-
-    @staticmethod
-    def parents():
-        """The parent of each process of the machine, by number."""
-        parents = {}
-        for path in pathlib.Path("/proc").glob("[0-9]*/stat"):
-            try:
-                parents[int(path.parent.name)] = int(path.read_text().rpartition(")")[2].split()[1])
-            except (FileNotFoundError, ProcessLookupError):
-                continue
-        return parents
-
-    def first_process(self):
-        """Of the site's namespaces."""
-        return next(pid for pid, parent in self.parents().items() if parent == self.record["pid"])
-
-    def processes(self):
-        """All that run for the site, by number: the recorded one and whatever comes from it."""
-        found = {self.record["pid"]}
-        parents = self.parents()
-        while True:
-            further = {pid for pid, parent in parents.items() if parent in found} - found
-            if not further:
-                return found
-            found |= further
-
-    def pid_of(self, name):
-        return next(pid for pid in self.processes()
-                    if pathlib.Path("/proc", str(pid), "comm").read_text().strip() == name[:15])
-
-    def assert_gone(self, processes):
-        """Not even after a while: what the kernel does by itself, it does at once or never."""
-        for token in self.tokens:
-            wait_until(lambda token=token: not volumes.loops_of(token), SECONDS, "the loop device gone")
-        self.assert_ended(processes)
-
-    @staticmethod
-    def assert_ended(processes):
-        wait_until(lambda: not any(map(is_running, processes)), SECONDS, "the processes gone")
-
-
-def is_running(pid):
-    try:
-        return pathlib.Path("/proc", str(pid), "stat").read_text().rpartition(")")[2].split()[0] != "Z"
-    except (FileNotFoundError, ProcessLookupError):
-        return False
-
-
 @pytest.fixture
 def checkout(tmp_path):
-    made = Checkout(tmp_path)
-    yield made
-    made.site("down")
+    with Checkout(tmp_path) as made:
+        yield made
 
 
 def test_up_and_down(checkout):
@@ -183,7 +97,7 @@ def test_goes_where_orphans_are_not_reaped(checkout):
     done = subprocess.run(
         ["unshare", "--pid", "--fork", "--mount-proc", sys.executable, "-c", program, "sh", "-ec",
          "lab/site up; lab/site down; lab/site up; exec lab/site down"],
-        cwd=checkout.directory, capture_output=True, text=True, check=False, timeout=2 * SECONDS)
+        cwd=checkout.directory, capture_output=True, text=True, check=False, timeout=SECONDS)
     assert (done.returncode, done.stderr) == (0, "")
     assert os.listdir(checkout.directory / "build") == []
 
@@ -218,14 +132,11 @@ def test_busy_site_goes_down(checkout):
 
 
 def test_two_sites_at_once(checkout, tmp_path_factory):
-    other = Checkout(tmp_path_factory.mktemp("other"))
-    try:
+    with Checkout(tmp_path_factory.mktemp("other")) as other:
         tables = [checkout.up(), other.up()]
         assert tables[0] != tables[1]
         assert checkout.site("down") == (0, "")
         assert other.site("status") == (0, tables[1])
-    finally:
-        other.site("down")
 
 
 def test_site_that_cannot_come_up(checkout):
@@ -239,7 +150,103 @@ def test_site_that_cannot_come_up(checkout):
     assert checkout.site("status") == NOT_UP
 
 
+def printed_commands(text):
+    """Those that are to be typed next: set in, and some in two lines."""
+    return re.findall(r"^    (lab/site shell (?:.*\\\n)*.*)$", text, re.MULTILINE)
+
+
+def test_paired(checkout):
+    """What is printed says what is there, and the commands in it work."""
+    text = checkout.up("--paired")
+    assert "paired with the appliance of number 4711" in text
+    assert checkout.site("status") == (0, text)
+    assert checkout.up("--paired") == text and checkout.up() == text
+    commands = printed_commands(text)
+    outputs = [checkout.shell(command) for command in commands]
+    assert len(outputs) == 4
+    assert " full finished, " in outputs[0] and " incremental finished, " in outputs[1]
+    assert "Backup run finished" in outputs[2]
+    assert "lost+found" in outputs[3] and ".tolvu" in outputs[3]
+    processes = checkout.processes()
+    assert checkout.site("down") == (0, "")
+    checkout.assert_gone(processes)
+    assert os.listdir(checkout.directory / "build") == []
+
+
+def test_paired_daemon_is_stopped_and_started_as_an_administrator_does(checkout):
+    """The site's first process buries it, so that its number and its port are free."""
+    checkout.up("--paired")
+    ended = "while [ -e /proc/$(cat /run/bekd.pid) ]; do sleep 0.1; done"
+    answers = "until lab/appliance driver; do sleep 0.1; done 2>/dev/null"
+    assert checkout.inside("sh", "-c", f"kill $(cat /run/bekd.pid) && timeout 20 sh -c '{ended}' && "
+                                       f"$BEKD_BUILD/bekd && timeout 20 sh -c '{answers}'")
+
+
+def show_snapshot(checkout):
+    """Brings a paired site up, with a backup whose snapshot is there. Returns the numbers of the file systems
+    that the site's captures and images lie on."""
+    text = checkout.up("--paired")
+    checkout.inside("dd", "if=/dev/urandom", "of=/mnt/data/file", "bs=1M", "count=500", "status=none")
+    stores = [int(checkout.inside("stat", "--format=%d", path)) for path in ("/var/lib/tolvubd", "/tmp")]
+    checkout.shell(printed_commands(text)[0].replace(" --watch", ""))
+    wait_until(lambda: images_of(stores[0]), SECONDS, "the snapshot")
+    return stores
+
+
+@pytest.mark.parametrize("whom", ["recorded", "first", "bekd", "tgtd"])
+def test_paired_site_that_is_killed_leaves_nothing(checkout, whom):
+    """In the middle of a backup, while its snapshot is mounted."""
+    stores = show_snapshot(checkout)
+    processes = checkout.processes()
+    first = {"recorded": checkout.record["pid"], "first": checkout.first_process()}
+    os.kill(first[whom] if whom in first else checkout.pid_of(whom), signal.SIGKILL)
+    assert checkout.site("down") == (0, "")
+    checkout.assert_gone(processes)
+    wait_until(lambda: not any(map(images_of, stores)), SECONDS, "its loop devices gone")
+    assert os.listdir(checkout.directory / "build") == []
+
+
+def test_snapshot_of_another_site_is_left_alone(checkout, tmp_path_factory):
+    """The kernel has given that one the number of the file system that was the first one's."""
+    checkout.up()
+    record = checkout.record
+    with Checkout(tmp_path_factory.mktemp("other")) as other:
+        captures, _ = show_snapshot(other)
+        os.kill(other.pid_of("tgtd"), signal.SIGSTOP) # so that its backup goes on
+        os.kill(record["pid"], signal.SIGKILL)
+        path = checkout.directory / "build" / "site.json"
+        path.write_text(json.dumps(record | {"captures": captures}), encoding="ascii")
+        before = images_of(captures)
+        assert checkout.site("down") == (0, "")
+        assert before and images_of(captures) == before
+
+
+def test_paired_agent_that_is_not_built(checkout):
+    done = subprocess.run([checkout.directory / "lab" / "site", "up", "--paired"], capture_output=True,
+                          text=True, check=False, timeout=SECONDS, env={**os.environ, "BEKD_BUILD": "/none"})
+    assert (done.returncode, done.stderr) == (
+        1, "lab/site: there is no /none/bekd; `scripts/build release` makes it\n")
+
+
+def test_paired_over_a_site_that_is_not(checkout):
+    checkout.up()
+    status, _, errors = checkout.run("up", "--paired")
+    assert (status, errors) == (1, "lab/site: the site is up without a paired agent; `lab/site down` makes "
+                                   "room for another\n")
+
+
+def test_paired_site_that_cannot_come_up(checkout):
+    """It says why, and leaves nothing of what was there already."""
+    path = checkout.directory / "lab" / "targets.py"
+    text = path.read_text(encoding="utf-8")
+    path.write_text(text.replace('"tgtd", "-f"', '"none", "-f"'), encoding="utf-8")
+    status, _, errors = checkout.run("up", "--paired")
+    assert status == 1
+    assert errors.startswith("lab/site: the site did not come up:\n") and "none" in errors
+    assert os.listdir(checkout.directory / "build") == []
+
+
 def test_command_line_that_makes_no_sense(checkout):
-    for arguments in ([], ["up", "now"], ["sideways"]):
+    for arguments in ([], ["up", "now"], ["up", "--paired", "now"], ["sideways"]):
         status, _, errors = checkout.run(*arguments)
         assert status == 64 and "lab/site up" in errors

@@ -186,7 +186,7 @@ def test_failed_first_backup_leaves_no_device(small_site):
         log = session.log
     assert driver.devices() == []
     assert (f"1 Failed to transition volume {small_site['data'].uuid} ({small_site.mount_point('data')}) "
-            "to incremental. This volume may diff-merge next backup.\n") in log
+            "to incremental. This volume may diff-merge next backup. [fallback:tracking-not-begun]\n") in log
     small_site.check_clean()
     small_site.run_session(incremental=False)
     assert small_site.states() == [2]
@@ -249,8 +249,10 @@ def test_full_volume(lab_site):
     assert text == "Cannot backup a full volume"
     uuid = lab_site["files"].uuid
     assert re.search(rf"^1 The required free space for volume {uuid} is \d+ bytes \(100\.6\d* MiB\), "
-                     rf"but only \d+ bytes \(\S+ MiB\) is available\n1 Volume {uuid} \({mount_point}\) "
-                     "is full, not enough free space to perform a backup$", log, re.MULTILINE)
+                     rf"but only \d+ bytes \(\S+ MiB\) is available \[failure:volume-full\]\n"
+                     rf"1 Volume {uuid} \({mount_point}\) "
+                     r"is full, not enough free space to perform a backup \[failure:volume-full\]$", log,
+                     re.MULTILINE)
     assert driver.devices() == []
     assert lab_site.own_files("data") == []
 

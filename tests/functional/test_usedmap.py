@@ -302,6 +302,36 @@ def test_xfs_features_that_are_not_known_are_refused(command, named, tmp_path):
     assert named in refused(image)
 
 
+@pytest.mark.parametrize("name", ["ext4 4K", "xfs 4K 4 groups"])
+def test_files_of_the_driver_are_left_out_where_the_volume_is_mounted(name, tmp_path):
+    """And counted where it isn't: nobody tells then which blocks they have."""
+    sample = SAMPLES[name]
+    image = make_sample(tmp_path / "image", sample)
+    sizes = {".tolvu": 5 << 20, ".tolvu1": 3 << 20, ".tolvu.inc": 1 << 20}
+    with mounted(image, sample.file_system, tmp_path / "mnt") as (device, directory):
+        age(directory, 50)
+        os.sync()
+        before = json.loads(run(TOOL, "--json", device))
+        assert before["driverFileBytes"] == 0
+        for file, size in sizes.items():
+            with open(directory / file, "wb") as cow:
+                os.posix_fallocate(cow.fileno(), 0, size)
+        (directory / "sub").mkdir()
+        (directory / "sub" / ".tolvu").write_bytes(bytes(1 << 20)) # not at the root: any file
+        with frozen(directory):
+            found = json.loads(run(TOOL, "--json", device))
+            summary = run(TOOL, "--summary", device)
+        assert found["driverFileBytes"] == sum(sizes.values())
+        assert f"left out    {sum(sizes.values())} bytes of the snapshot driver's own files\n" in summary
+    counted = json.loads(run(TOOL, "--json", image))
+    assert counted["driverFileBytes"] is None
+    assert "counted     the snapshot driver's own files, if there are any" in run(TOOL, "--summary", image)
+    used = {block for first, count in found["ranges"] for block in range(first, first + count)}
+    both = {block for first, count in counted["ranges"] for block in range(first, first + count)}
+    assert len(used) == found["usedBlocks"]
+    assert len(both - used) >= sum(sizes.values()) // found["blockSize"]
+
+
 def test_summary_and_lines_tell_the_same(tmp_path):
     image = make_image(tmp_path / "image", 64, "ext4", "-b", "1024")
     ranges = [tuple(map(int, line.split())) for line in run(TOOL, image).splitlines()]

@@ -16,4 +16,5 @@ def test_backup_fails_and_says_why(driver, agent, appliance):
     disk = volume(DISK, target="127.0.0.1:3260", name="iqn.2026-01.example:one", lun=1)
     identifier = appliance.backup([disk], full=True).content
     agent.wait_for_log(f"[INFO:]     Backup {identifier} FAILED!\n")
-    assert f"[ERROR:]    Exception caught during backup run: {NO_BUS}\n" in agent.log
+    assert (f"[ERROR:]    Exception caught during backup run: {NO_BUS} [failure:volumes-unknown]\n"
+            in agent.log)

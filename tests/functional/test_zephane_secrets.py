@@ -26,9 +26,10 @@ def check_lines(log, name, volume_id):
         assert (f"Try: {attempt} Couldn't connect to zephane://127.0.0.1:25568/{name}/{volume_id} code: -13 "
                 "message: ") in log
     assert log.count("Couldn't connect to zephane://") == TRIES
-    assert "ZephaneFTP target connect exceeded max retries. Aborting.\n" in log
+    assert "ZephaneFTP target connect exceeded max retries. Aborting. [failure:target-unreachable]\n" in log
+    assert log.count(" [failure:target-login]\n") == 1
     assert ("Transport related error occurred during backup run: Failed to open transport connection while "
-            "validating remote target\n") in log
+            "validating remote target [failure:target-unreachable]\n") in log
 
 
 def check_nobody_tells(protection, agent, *secrets):

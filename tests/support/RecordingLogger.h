@@ -9,7 +9,8 @@
 
 namespace agent::test {
 
-/// A logger that keeps what it is given. Lines are kept without their newline. Safe from any thread.
+/// A logger that keeps what it is given. Lines are kept without their newline, and without the mark of their
+/// reason, which is kept apart. Safe from any thread.
 class RecordingLogger {
 public:
     struct Line {
@@ -24,6 +25,18 @@ public:
     [[nodiscard]] std::vector<Line> lines() const {
         const std::lock_guard lock(mutex);
         return recorded;
+    }
+
+    /// The codes of all reasons of this kind that were told, in their order.
+    [[nodiscard]] std::vector<std::string> codes(info::Reason::Kind kind) const {
+        const std::lock_guard lock(mutex);
+        std::vector<std::string> found;
+        for (const info::Reason* const each : told) {
+            if (each->kind == kind) {
+                found.emplace_back(each->code);
+            }
+        }
+        return found;
     }
 
     /// What the lines of this level say.
@@ -55,17 +68,23 @@ public:
     void clear() {
         const std::lock_guard lock(mutex);
         recorded.clear();
+        told.clear();
     }
 
 private:
     void record(const std::string& message, int level) {
         const std::lock_guard lock(mutex);
-        recorded.push_back(
-            {level, message.ends_with('\n') ? message.substr(0, message.size() - 1) : message});
+        std::string text = message.ends_with('\n') ? message.substr(0, message.size() - 1) : message;
+        if (const info::Reason* const reason = info::reasonOf(text)) {
+            text.resize(text.size() - info::markOf(*reason).size());
+            told.push_back(reason);
+        }
+        recorded.push_back({level, text});
     }
 
     mutable std::mutex mutex;
-    std::vector<Line> recorded; // guarded by mutex
+    std::vector<Line> recorded;            // guarded by mutex
+    std::vector<const info::Reason*> told; // guarded by mutex
 };
 
 inline void PrintTo(const RecordingLogger::Line& line, std::ostream* out) {

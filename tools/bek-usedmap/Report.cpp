@@ -4,6 +4,7 @@
 
 #include <iomanip>
 #include <ostream>
+#include <string>
 
 namespace usedmap {
 
@@ -11,6 +12,13 @@ namespace {
 
 std::uint64_t usedBytes(const Report& report) {
     return report.used.usedBlocks * report.used.blockSize;
+}
+
+std::string driverFilesLine(const Report& report) {
+    constexpr const char* files = "the snapshot driver's own files";
+    return report.driverFileBytes
+               ? "left out    " + std::to_string(*report.driverFileBytes) + " bytes of " + files
+               : std::string("counted     ") + files + ", if there are any: mounted volumes alone tell";
 }
 
 } // namespace
@@ -27,6 +35,7 @@ void printSummary(std::ostream& out, const Report& report) {
         << "blocks      " << report.used.knownBlocks << " of " << report.used.blockSize << " bytes\n"
         << "used        " << report.used.usedBlocks << " blocks, " << usedBytes(report) << " bytes\n"
         << "ranges      " << report.used.ranges.size() << '\n'
+        << driverFilesLine(report) << '\n'
         << "seconds     " << std::fixed << std::setprecision(3) << report.seconds << '\n';
 }
 
@@ -38,7 +47,11 @@ void printJson(std::ostream& out, const Report& report, bool withRanges) {
                                     {"usedBlocks", report.used.usedBlocks},
                                     {"usedBytes", usedBytes(report)},
                                     {"rangeCount", report.used.ranges.size()},
+                                    {"driverFileBytes", nullptr},
                                     {"seconds", report.seconds}};
+    if (report.driverFileBytes) {
+        document["driverFileBytes"] = *report.driverFileBytes;
+    }
     if (withRanges) {
         auto& ranges = document["ranges"] = nlohmann::ordered_json::array();
         for (const agent::BlockRange& range : report.used.ranges) {

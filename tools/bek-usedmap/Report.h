@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <iosfwd>
+#include <optional>
 #include <string>
 
 namespace usedmap {
@@ -13,7 +14,8 @@ struct Report {
     std::string device;
     std::uint64_t deviceBytes = 0;
     double seconds = 0; ///< that the map took
-    UsedRanges used;
+    UsedRanges used;    ///< without the files of the snapshot driver, if those could be told
+    std::optional<std::uint64_t> driverFileBytes; ///< that were left out; nothing if they count as used
 };
 
 /// One range a line: first block, and number of blocks.

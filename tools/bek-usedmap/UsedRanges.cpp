@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <stdexcept>
+#include <utility>
 
 namespace usedmap {
 
@@ -58,6 +59,28 @@ UsedRanges findUsedRanges(agent::info::Logger& logger, agent::core::IVolumeDevic
         }
         used.knownBlocks += blocks;
     }
+}
+
+std::uint64_t leaveOut(UsedRanges& used, const std::vector<BlockRange>& excluded) {
+    const std::uint64_t before = used.usedBlocks;
+    const std::vector<BlockRange> all = std::exchange(used.ranges, {});
+    used.usedBlocks = 0;
+    auto next = excluded.begin();
+    for (const BlockRange& range : all) {
+        std::uint64_t position = range.start;
+        next =
+            std::find_if(next, excluded.end(), [&](const BlockRange& each) { return each.end() > position; });
+        for (auto each = next; each != excluded.end() && each->start < range.end(); ++each) {
+            if (each->start > position) {
+                append(used, {position, each->start - position});
+            }
+            position = std::max(position, std::min(each->end(), range.end()));
+        }
+        if (position < range.end()) {
+            append(used, {position, range.end() - position});
+        }
+    }
+    return before - used.usedBlocks;
 }
 
 } // namespace usedmap

@@ -22,4 +22,8 @@ struct UsedRanges {
 UsedRanges findUsedRanges(agent::info::Logger& logger, agent::core::IVolumeDevice& device,
                           std::uint32_t sectorSize, std::size_t bufferBytes);
 
+/// Takes blocks out of the used ones. `excluded` ascends, and may touch and overlap. Returns how many of them
+/// were used.
+std::uint64_t leaveOut(UsedRanges& used, const std::vector<agent::BlockRange>& excluded);
+
 } // namespace usedmap

@@ -1,3 +1,4 @@
+#include "DriverFiles.h"
 #include "FileRanges.h"
 #include "FileReport.h"
 #include "Report.h"
@@ -42,6 +43,10 @@ prints the ranges of blocks that a FULL backup would copy: one a line, first blo
 device is only read, past the page cache. The map is that of the disk: unmount the volume or freeze it
 (fsfreeze) first, or look at a snapshot. Where a backup would copy every block,
 bek-usedmap says why and fails.
+
+As in a backup, the snapshot driver's own files (.tolvu and others whose names begin so) are left out, if
+DEVICE is mounted somewhere. Of an unmounted device or an image nobody tells where they lie: they are counted
+as used, and --summary says so.
 
 With --file it prints where the content of one file lies instead, in the order of the file and without its
 holes: the file is in an image if these blocks are. Its path begins at the root of the volume; on NTFS "\" is
@@ -124,6 +129,9 @@ Report examine(const Options& options, agent::info::Logger& logger) {
     const auto begin = std::chrono::steady_clock::now();
     report.used =
         findUsedRanges(logger, device.reader, device.sectorSize, options.bufferMebibytes * mebibyte);
+    if (const auto own = findDriverFiles(logger, device.reader, report.used.blockSize)) {
+        report.driverFileBytes = leaveOut(report.used, *own) * report.used.blockSize;
+    }
     report.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
     return report;
 }

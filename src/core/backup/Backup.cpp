@@ -5,6 +5,7 @@
 #include "core/backup/BackupSession.h"
 #include "core/backup/PhaseRunner.h"
 #include "core/backup/RemoteTargetValidator.h"
+#include "core/backup/RunRecord.h"
 #include "core/backup/phase/CloseBackupSession.h"
 #include "core/backup/phase/CopyVolume.h"
 #include "core/backup/phase/OpenBackupSession.h"
@@ -105,16 +106,28 @@ void Backup::run(std::unique_ptr<BackupSession> session) {
         throw std::invalid_argument("Invalid session pointer given to backup run!");
     }
     const std::lock_guard lock(runMutex());
+    const RunRecord record(logger, id, *backupAttributes);
     info::CowFileSize cowFileSize(config);
     const std::unique_ptr<SnapshotSessionControl> control = makeSnapshotControl(cowFileSize);
     Volumes volumes;
     const Outcome outcome = runProtected(std::move(session), *control, volumes);
+    const auto writeRecord = [&] { record.write(nameOf(outcome), status, volumes); };
     try {
         runPostBackup(*control, volumes, outcome);
     } catch (...) {
-        info::LogEntry(logger, info::level::error) << "Failed to run post backup!";
+        info::LogEntry(logger, info::level::error, info::reason("clean-up-failed"))
+            << "Failed to run post backup!";
+        writeRecord();
         throw;
     }
+    writeRecord();
+}
+
+std::string Backup::nameOf(Outcome outcome) {
+    if (outcome == Outcome::cancelled) {
+        return "cancelled";
+    }
+    return outcome == Outcome::finished ? "success" : "failed";
 }
 
 std::unique_ptr<SnapshotSessionControl> Backup::makeSnapshotControl(info::ICowFileSize& cowFileSize) {
@@ -126,13 +139,15 @@ Backup::Outcome Backup::runProtected(std::unique_ptr<BackupSession> session, Sna
     try {
         return runCancelable(std::move(session), control, volumes);
     } catch (const exception::transport_connection_error& error) {
-        logger.log(info::level::error, "Transport related error occurred during backup run: %s",
-                   error.what());
+        logger.log(info::level::error, info::reasonOf(error, info::reason("target-lost")),
+                   "Transport related error occurred during backup run: %s", error.what());
         status.setConnectionError();
     } catch (const std::exception& error) {
-        logger.log(info::level::error, "Exception caught during backup run: %s", error.what());
+        logger.log(info::level::error, info::reasonOf(error, info::reason("backup-failed")),
+                   "Exception caught during backup run: %s", error.what());
     } catch (...) {
-        info::LogEntry(logger, info::level::error) << "Non-standard exception caught during backup run!";
+        info::LogEntry(logger, info::level::error, info::reason("backup-failed"))
+            << "Non-standard exception caught during backup run!";
     }
     return Outcome::failed;
 }
@@ -146,7 +161,8 @@ Backup::Outcome Backup::runCancelable(std::unique_ptr<BackupSession> session, Sn
     if (heartbeat) {
         heartbeat->reset(); // the time before the run is nobody's silence
         heartbeat->setCallback([this] {
-            info::LogEntry(logger, info::level::error) << "Backup cancelling due to lost ordak ping";
+            info::LogEntry(logger, info::level::error, info::reason("appliance-silent"))
+                << "Backup cancelling due to lost ordak ping";
             cancelableOperation->cancel();
         });
     }

@@ -51,6 +51,8 @@ private:
     enum class Outcome { failed = 1, cancelled = 2, finished = 3 };
     using Volumes = SnapshotSessionControl::Volumes;
 
+    static std::string nameOf(Outcome outcome);
+
     /// No exception leaves it. The session goes with it, and so the transports are closed before the
     /// snapshots are ended.
     Outcome runProtected(std::unique_ptr<BackupSession> session, SnapshotSessionControl& control,

@@ -66,8 +66,9 @@ void BackupSession::createVolumeWriter(const std::string& uuid, bool isDiffMerge
                                  "' was previously fulfilled. It cannot be requested more than once.");
     }
     if (!volume.transport->connect(isDiffMerge)) {
-        throw exception::transport_connection_error("Failed to open transport connection for volume UUID " +
-                                                    uuid);
+        throw info::Reasoned<exception::transport_connection_error>(
+            info::reason("target-unreachable"),
+            "Failed to open transport connection for volume UUID " + uuid);
     }
     out = volume.transport;
     logger.log(info::level::info, "Backup session created a volume writer for volume UUID %s", uuid.c_str());
@@ -83,7 +84,8 @@ void BackupSession::registerVolume(const std::string& uuid, const ChecksumFuncti
     Volume& volume = found->second;
     std::uint32_t checksum = 0;
     if (!checksumFunction(volume.transport, checksum)) {
-        throw std::runtime_error("Failed to generate checksum for volume: " + uuid);
+        throw info::Reasoned<std::runtime_error>(info::reason("image-unreadable"),
+                                                 "Failed to generate checksum for volume: " + uuid);
     }
     volume.checksum = checksum;
     info::LogEntry(logger, info::level::info)

@@ -29,8 +29,8 @@ void BackupThread::start(std::shared_ptr<IBackup> newBackup, std::unique_ptr<Bac
                                   run(running, std::move(given));
                               });
     } catch (const std::exception& error) {
-        logger.log(info::level::error, "Exception occurred while trying to spawn backup thread: %s",
-                   error.what());
+        logger.log(info::level::error, info::reason("backup-failed"),
+                   "Exception occurred while trying to spawn backup thread: %s", error.what());
         throw;
     }
     {
@@ -84,10 +84,12 @@ void BackupThread::run(const std::shared_ptr<IBackup>& running, std::unique_ptr<
         running->run(std::move(session));
         info::LogEntry(logger, info::level::info) << "Backup run finished";
     } catch (const std::exception& error) {
-        logger.log(info::level::error, "Exception occurred during backup run: %s", error.what());
+        logger.log(info::level::error, info::reasonOf(error, info::reason("backup-failed")),
+                   "Exception occurred during backup run: %s", error.what());
         keepFailure();
     } catch (...) {
-        info::LogEntry(logger, info::level::error) << "Unknown exception occurred during backup run";
+        info::LogEntry(logger, info::level::error, info::reason("backup-failed"))
+            << "Unknown exception occurred during backup run";
         keepFailure();
     }
 }

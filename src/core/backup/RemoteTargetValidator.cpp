@@ -35,7 +35,8 @@ void RemoteTargetValidator::validate(const std::string& uuid, IBackupAttributes&
                                      ITransport& transport, IVolumeChecksumGenerator& generator) {
     const Disconnection disconnection(transport);
     if (!transport.connect(false)) {
-        throw exception::transport_connection_error(
+        throw info::Reasoned<exception::transport_connection_error>(
+            info::reason("target-unreachable"),
             "Failed to open transport connection while validating remote target");
     }
     // What the remote image holds has no influence on the other types.
@@ -55,7 +56,8 @@ bool RemoteTargetValidator::isTheImageOfTheLastBackup(const std::string& uuid,
         << "Found cached volume checksum '" << std::hex << cached << "' for volume: " << uuid;
     std::uint32_t remote = 0;
     if (!generator.generate(type, remote)) {
-        throw exception::transport_connection_error("Failed to generate remote checksum");
+        throw info::Reasoned<exception::transport_connection_error>(info::reason("image-unreadable"),
+                                                                    "Failed to generate remote checksum");
     }
     if (remote == cached) {
         info::LogEntry(logger, info::level::debug)
@@ -63,7 +65,7 @@ bool RemoteTargetValidator::isTheImageOfTheLastBackup(const std::string& uuid,
             << "')";
         return true;
     }
-    info::LogEntry(logger, info::level::info)
+    info::LogEntry(logger, info::level::info, info::reason("image-differs"))
         << "The cached volume checksum '" << std::hex << cached
         << "' didn't match with the remote volume checksum '" << remote << "' for volume: " << uuid
         << ", failing back to DIFFERENTIAL_MERGE";
@@ -75,13 +77,13 @@ bool RemoteTargetValidator::findCachedChecksum(const std::string& uuid, std::uin
     try {
         dataProvider.getVolumeChecksum(uuid, checksum, type);
     } catch (const std::exception& error) {
-        info::LogEntry(logger, info::level::info)
+        info::LogEntry(logger, info::level::info, info::reason("database-unreadable"))
             << "Could not find cached checksum from database for volume " << uuid
             << " failing back to DIFFERENTIAL_MERGE: " << error.what();
         return false;
     }
     if (checksum == 0) {
-        info::LogEntry(logger, info::level::info)
+        info::LogEntry(logger, info::level::info, info::reason("image-unfinished"))
             << "Cached checksum for volume " << uuid
             << " is zero indicating volume requires a DIFFERENTIAL_MERGE";
         return false;

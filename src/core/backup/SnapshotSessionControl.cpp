@@ -16,6 +16,7 @@
 #include "info/ICowFileSize.h"
 #include "info/TolvubdController.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <mutex>
 #include <stdexcept>
@@ -32,6 +33,9 @@ using info::BackupableVolume;
 using info::DriverDeviceInfo;
 using info::LogEntry;
 using info::Logger;
+using info::reason;
+using info::Reason;
+using info::Reasoned;
 using info::driver_state::activeSnapshot;
 using info::driver_state::tracking;
 using info::level::debug;
@@ -47,11 +51,24 @@ enum class ClosedRecord {
 };
 
 constexpr std::uint64_t bytesPerMiB = 1048576;
+/// No CoW file is smaller.
+constexpr std::uint64_t smallestCowMiB = 100;
+
+/// Of a volume, in bytes.
+struct Room {
+    std::uint64_t cowFile = 0;    ///< what is asked for, for changes
+    std::uint64_t table = 0;      ///< what each CoW file holds beside that
+    std::uint64_t driversOwn = 0; ///< of which there is one for all snapshots
+    std::uint64_t available = 0;
+
+    [[nodiscard]] std::uint64_t required() const { return cowFile + table + driversOwn; }
+};
 
 /// The log has the long text, the exception the short one.
-[[noreturn]] void fail(Logger& logger, const std::string& logged, const std::string& thrown) {
-    LogEntry(logger, error) << logged;
-    throw std::runtime_error(thrown);
+[[noreturn]] void fail(Logger& logger, const Reason& reason, const std::string& logged,
+                       const std::string& thrown) {
+    LogEntry(logger, error, reason) << logged;
+    throw info::Reasoned<std::runtime_error>(reason, thrown);
 }
 
 /// Journals can't be replayed on a snapshot, and an XFS file system has its UUID mounted already.
@@ -91,6 +108,7 @@ private:
     void validateVolume(const BackupableVolume& volume, const IBackupAttributes& attributes);
     bool hasEnoughFreeSpace(const BackupableVolume& volume);
     std::uint64_t driversRoom(const BackupableVolume& volume);
+    void warnOfSecondCowFile(const BackupableVolume& volume);
     bool hasSnapshotFiles(const BackupableVolume& volume);
     void checkIncrementalState(const Volumes& volumes, const IBackupAttributes& attributes,
                                IncrementalStates& states);
@@ -117,6 +135,7 @@ private:
     std::unique_ptr<info::IDriverController> driver;
     std::shared_ptr<const info::IDriverExtension> extension;
     std::once_flag validateOnce;
+    std::unordered_map<std::string, Room> rooms; // by UUID, as they were when the session was validated
     /// By UUID, what the closed records of this session hold. A volume that isn't in here is one whose debt
     /// this session doesn't know: it never started the snapshot, or not from an intact record.
     std::unordered_map<std::string, ClosedRecord> closedRecords;
@@ -145,19 +164,20 @@ VolumeSnapshotInfos SnapshotSessionControl::Impl::startSnapshots(const Volumes& 
 
 void SnapshotSessionControl::Impl::validateDriver() {
     if (!driver->isDriverVersionSupported()) {
-        fail(logger, "Failed to validate driver!", "Failed to validate driver!");
+        fail(logger, reason("driver-unusable"), "Failed to validate driver!", "Failed to validate driver!");
     }
 }
 
 void SnapshotSessionControl::Impl::validateVolume(const BackupableVolume& volume,
                                                   const IBackupAttributes& attributes) {
     if (!hasEnoughFreeSpace(volume)) {
-        fail(logger,
+        fail(logger, reason("volume-full"),
              "Volume " + volume.getDisplayName() + " is full, not enough free space to perform a backup",
              "Cannot backup a full volume");
     }
     if (attributes.isIncremental(volume.getUuid()) && !hasSnapshotFiles(volume)) {
-        fail(logger, "Could not properly create snapshot files for volume " + volume.getDisplayName(),
+        fail(logger, reason("history-missing"),
+             "Could not properly create snapshot files for volume " + volume.getDisplayName(),
              "Cannot create snapshot files");
     }
 }
@@ -165,17 +185,39 @@ void SnapshotSessionControl::Impl::validateVolume(const BackupableVolume& volume
 bool SnapshotSessionControl::Impl::hasEnoughFreeSpace(const BackupableVolume& volume) {
     const std::uint64_t cowMiB =
         cowFileSize.getCowFileSizeMiB(logger, volume.getUuid(), volume.getSize(), volume.getFileSystem());
-    const std::uint64_t required = cowMiB * bytesPerMiB + info::cow::entrySize +
-                                   info::cow::entrySize * (volume.getSize() / info::cow::blockSize) +
-                                   driversRoom(volume);
-    const std::uint64_t available = volume.getSpaceFree();
+    const Room room{cowMiB * bytesPerMiB,
+                    info::cow::entrySize + info::cow::entrySize * (volume.getSize() / info::cow::blockSize),
+                    driversRoom(volume), volume.getSpaceFree()};
+    rooms[volume.getUuid()] = room;
+    const std::uint64_t required = room.required();
+    const std::uint64_t available = room.available;
     if (available >= required) {
         return true;
     }
-    LogEntry(logger, error) << "The required free space for volume " << volume.getUuid() << " is " << required
-                            << " bytes (" << info::formatHumanSize(required) << "), but only " << available
-                            << " bytes (" << info::formatHumanSize(available) << ") is available";
+    LogEntry(logger, error, reason("volume-full"))
+        << "The required free space for volume " << volume.getUuid() << " is " << required << " bytes ("
+        << info::formatHumanSize(required) << "), but only " << available << " bytes ("
+        << info::formatHumanSize(available) << ") is available";
     return false;
+}
+
+/// The first CoW file is still there when the second one is made, so a volume that has room enough for this
+/// backup may fail the next one. Better told now than then.
+void SnapshotSessionControl::Impl::warnOfSecondCowFile(const BackupableVolume& volume) {
+    const Room& room = rooms[volume.getUuid()];
+    const std::uint64_t left = room.available - std::min(room.available, room.required());
+    const std::uint64_t wanted = room.cowFile + room.table;
+    if (left >= wanted) {
+        return;
+    }
+    LogEntry line(logger, warning);
+    line << "The next backup of volume " << volume.getDisplayName() << " will need "
+         << info::formatHumanSize(wanted) << " for a second CoW file, and this one leaves "
+         << info::formatHumanSize(left) << ": free the rest";
+    const std::uint64_t mostMiB = (left - std::min(left, room.table)) / bytesPerMiB;
+    if (mostMiB >= smallestCowMiB) {
+        line << ", or set volumes." << volume.getUuid() << ".cowFileSizeMiB to " << mostMiB << " or less";
+    }
 }
 
 /// A driver that can't tell fails when it takes the room, at the latest.
@@ -210,16 +252,18 @@ void SnapshotSessionControl::Impl::checkIncrementalState(const Volumes& volumes,
         DriverDeviceInfo device;
         if (!driver->getDeviceInfo(*volume, device)) {
             states[uuid] = false;
-            LogEntry(logger, info::level::info) << "Found no incremental mode snapshot for volume " << uuid
-                                                << ", falling back to diff merge.";
+            LogEntry(logger, info::level::info, reason("not-tracked"))
+                << "Found no incremental mode snapshot for volume " << uuid
+                << ", falling back to diff merge.";
             continue;
         }
         states[uuid] = device.state == tracking && device.error == 0;
         if (!states[uuid]) {
-            LogEntry(logger, warning)
+            LogEntry(logger, warning, reason("tracking-lost"))
                 << "Device " << uuid << " not in active incremental state, destroying snapshot";
             if (!driver->destroyDevice(*volume)) {
-                throw std::runtime_error("Could not destroy snapshot for " + uuid);
+                throw Reasoned<std::runtime_error>(reason("snapshot-not-destroyed"),
+                                                   "Could not destroy snapshot for " + uuid);
             }
         }
     }
@@ -228,9 +272,12 @@ void SnapshotSessionControl::Impl::checkIncrementalState(const Volumes& volumes,
 /// `hasChangeRecord` becomes false if the device is no longer what it was when the session was validated.
 void SnapshotSessionControl::Impl::startSnapshot(const BackupableVolume& volume, bool& hasChangeRecord) {
     const bool wasTracked = isTracked(volume);
+    if (!wasTracked) {
+        warnOfSecondCowFile(volume);
+    }
     hasChangeRecord = hasChangeRecord && wasTracked;
     if (!driver->startSnapshot(volume, cowFileSize)) {
-        throw std::runtime_error("Failed to start snapshot!");
+        throw Reasoned<std::runtime_error>(reason("snapshot-failed"), "Failed to start snapshot!");
     }
     if (wasTracked) {
         closedRecords[volume.getUuid()] = ClosedRecord::sinceLastSnapshot;
@@ -248,7 +295,7 @@ void SnapshotSessionControl::Impl::startSnapshot(const BackupableVolume& volume,
 void SnapshotSessionControl::Impl::mergeHistory(const BackupableVolume& volume) {
     closedRecords.erase(volume.getUuid());
     if (!driver->rollForward(volume)) {
-        throw std::runtime_error("Failed to roll forward!");
+        throw Reasoned<std::runtime_error>(reason("history-broken"), "Failed to roll forward!");
     }
     closedRecords[volume.getUuid()] = ClosedRecord::allThatIsOwed;
 }
@@ -264,7 +311,8 @@ bool SnapshotSessionControl::Impl::mountSnapshot(const BackupableVolume& volume,
     const std::string device = snapshotPath + " (" + volume.getDevice() + ")";
     const int failure = tryToMount(volume, snapshotPath, target);
     if (failure != 0) {
-        LogEntry(logger, warning) << "Failed to mount device " << device << ", errno: " << failure;
+        LogEntry(logger, warning, reason("snapshot-not-mounted"))
+            << "Failed to mount device " << device << ", errno: " << failure;
         return false;
     }
     LogEntry(logger, info::level::info) << "Mounted " << device << " onto " << target.str();
@@ -373,20 +421,23 @@ void SnapshotSessionControl::Impl::abandon(const BackupableVolume& volume) {
         if (device.state != activeSnapshot) {
             return;
         }
-        LogEntry(logger, warning) << "What volume " << volume.getDisplayName()
-                                  << " owes to its image is not known, destroying its snapshot";
+        LogEntry(logger, warning, reason("debt-unknown"))
+            << "What volume " << volume.getDisplayName()
+            << " owes to its image is not known, destroying its snapshot";
         if (driver->destroyDevice(volume)) {
             return;
         }
-        LogEntry(logger, error) << "Could not destroy snapshot for " << volume.getUuid();
+        LogEntry(logger, error, reason("snapshot-not-destroyed"))
+            << "Could not destroy snapshot for " << volume.getUuid();
     }
     abandoned.insert(volume.getUuid());
 }
 
 void SnapshotSessionControl::Impl::endSnapshot(const BackupableVolume& volume, IncrementalStates& states) {
     if (abandoned.contains(volume.getUuid()) || !driver->transitionToIncremental(volume)) {
-        LogEntry(logger, error) << "Failed to transition volume " << volume.getDisplayName()
-                                << " to incremental. This volume may diff-merge next backup.";
+        LogEntry(logger, error, reason("tracking-not-begun"))
+            << "Failed to transition volume " << volume.getDisplayName()
+            << " to incremental. This volume may diff-merge next backup.";
     }
     DriverDeviceInfo device;
     if (!driver->getDeviceInfo(volume, device)) {
@@ -465,7 +516,8 @@ VolumeSnapshotInfos SnapshotSessionControl::Impl::buildSnapshotInfo(const Volume
             return extension->checkSnapshot(minor);
         };
         if (!result.emplace(uuid, std::move(info)).second) {
-            fail(logger, "Could not add VolumeSnapshotInfo for volume UUID " + volume->getDisplayName(),
+            fail(logger, reason("backup-failed"),
+                 "Could not add VolumeSnapshotInfo for volume UUID " + volume->getDisplayName(),
                  "Could not insert a VolumeSnapshotInfo object for volume UUID " + uuid +
                      " into the VolumeSnapshotInfo map.");
         }

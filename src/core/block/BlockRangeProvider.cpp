@@ -79,7 +79,7 @@ bool BlockRangeProvider::iterator::isStillActive(ActiveExcluder& active, BlockRa
             << "The " << active.excluder->name() << " has no more ranges to exclude after block "
             << current.start << ", it will no longer be used for this volume.";
     } catch (...) { // whatever it is: without this excluder the backup is larger, and as good
-        info::LogEntry(provider->logger, info::level::error)
+        info::LogEntry(provider->logger, info::level::error, info::reason("excluder-failed"))
             << "The " << active.excluder->name()
             << " threw an exception while attempting to get an exclusion range! It will no longer be used "
                "for "

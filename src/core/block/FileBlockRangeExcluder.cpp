@@ -28,7 +28,7 @@ FileBlockRangeExcluder::FileBlockRangeExcluder(info::Logger& logger, std::uint32
             ranges = getFileExtents(logger, blockSize, this->path, query);
         }
     } catch (const std::exception& error) {
-        logger.log(info::level::warning,
+        logger.log(info::level::warning, info::reason("driver-file-copied"),
                    "Failed to get extents of excluded file \"%s\", blocks will not be excluded. Error: %s",
                    this->path.c_str(), error.what());
     }

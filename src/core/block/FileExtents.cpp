@@ -111,7 +111,7 @@ private:
     /// `more`: whether the file has more extents than there were records for.
     void logCount(std::uint32_t expected, std::uint32_t count, bool more) {
         if (more) {
-            logger.log(warning,
+            logger.log(warning, info::reason("driver-file-copied"),
                        "FBRE Linux: identified more extents for file \"%s\" than we thought we should have "
                        "(expected %u, but got some amount more); some blocks may not be excluded properly",
                        path.c_str(), expected);

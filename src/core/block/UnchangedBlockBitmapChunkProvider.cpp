@@ -38,14 +38,14 @@ public:
         const os::FileDescriptor file(
             ::open(bitmapInfo.fileName.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW));
         if (!file) {
-            info::LogEntry(logger, info::level::error)
+            info::LogEntry(logger, info::level::error, info::reason("changes-unreadable"))
                 << "Open incremental bitmap file " << bitmapInfo.fileName
                 << " failed: " << PosixError::describe(errno);
             return -1;
         }
         const std::uint64_t position = positionOf(startElement);
         if (!seekTo(file.get(), position)) {
-            info::LogEntry(logger, info::level::error)
+            info::LogEntry(logger, info::level::error, info::reason("changes-unreadable"))
                 << "Could not seek to " << position << " in incremental bitmap.";
             return 0;
         }
@@ -69,7 +69,7 @@ private:
 
     [[nodiscard]] std::int64_t wordsRead(std::uint64_t request, const os::Transfer& reading) const {
         if (reading.error != 0 && reading.bytes == 0) {
-            info::LogEntry(logger, info::level::error)
+            info::LogEntry(logger, info::level::error, info::reason("changes-unreadable"))
                 << "Failed to read incremental bitmap: " << PosixError::describe(reading.error);
             return -1;
         }

@@ -12,7 +12,7 @@ std::int64_t FileSystemParser::getBitmapChunk(std::uint64_t startBlock, std::uin
                                               std::size_t bufferBytes) {
     const std::int64_t blocks = impl->getBitmapChunk(startBlock, buffer, bufferBytes);
     if (blocks < 0) {
-        info::LogEntry(logger, info::level::error) << failure << blocks;
+        info::LogEntry(logger, info::level::error, info::reason("used-blocks-unknown")) << failure << blocks;
     }
     return blocks;
 }

@@ -42,16 +42,18 @@ std::string locate(const std::string& script) {
 /// is looked at and another where it is run.
 void checkName(const std::string& script) {
     if (const std::size_t nul = script.find('\0'); nul != std::string::npos) {
-        throw std::runtime_error("Quiesce script \"" + script.substr(0, nul) +
-                                 "\" refused: its name goes on behind a NUL byte");
+        throw info::Reasoned<std::runtime_error>(info::reason("script-refused"),
+                                                 "Quiesce script \"" + script.substr(0, nul) +
+                                                     "\" refused: its name goes on behind a NUL byte");
     }
 }
 
 /// Scripts run as root, so whoever can change one is root.
 void checkWriters(const std::string& path) {
     if (const std::string open = findForeignWriter(path); !open.empty()) {
-        throw std::runtime_error("Quiesce script \"" + path + "\" refused: others than root can write " +
-                                 open);
+        throw info::Reasoned<std::runtime_error>(info::reason("script-refused"),
+                                                 "Quiesce script \"" + path +
+                                                     "\" refused: others than root can write " + open);
     }
 }
 
@@ -85,8 +87,9 @@ void Quiesce::runScript(const std::string& script, std::uint32_t timeoutSeconds,
     checkName(script);
     const std::string path = locate(script);
     if (!file::exists(path)) {
-        throw std::runtime_error("Quiesce script \"" + path +
-                                 "\" not found; it may have been moved or deleted");
+        throw info::Reasoned<std::runtime_error>(info::reason("script-missing"),
+                                                 "Quiesce script \"" + path +
+                                                     "\" not found; it may have been moved or deleted");
     }
     checkWriters(path);
     const std::string mode = isPre ? "PRE" : "POST";
@@ -110,8 +113,8 @@ std::unique_ptr<ICommandStream> Quiesce::start(const std::string& commandLine) {
     if (!stream) {
         const std::string message =
             "Failed to construct command execution stream, command \"" + commandLine + "\" failed";
-        logger.log(info::level::error, "%s", message.c_str());
-        throw std::logic_error(message);
+        logger.log(info::level::error, info::reason("script-not-started"), "%s", message.c_str());
+        throw info::Reasoned<std::logic_error>(info::reason("script-not-started"), message);
     }
     return stream;
 }

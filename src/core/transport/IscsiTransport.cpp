@@ -9,6 +9,7 @@
 #include <cstring>
 #include <limits>
 #include <span>
+#include <string_view>
 #include <utility>
 
 namespace agent::core {
@@ -32,6 +33,18 @@ bool fitsCommand(std::uint64_t length) {
         return false;
     }
     return true;
+}
+
+/// By the library's text, which is all that there is.
+const info::Reason& whyNoLogin(std::string_view error) {
+    const auto has = [error](std::string_view part) { return error.find(part) != std::string_view::npos; };
+    if (has("Connection refused")) {
+        return info::reason("target-refused");
+    }
+    if (has("LOGICAL_UNIT_NOT_SUPPORTED")) {
+        return info::reason("target-image");
+    }
+    return has("Failed to log in") ? info::reason("target-login") : info::reason("target-unreachable");
 }
 
 } // namespace
@@ -63,7 +76,7 @@ bool IscsiTransport::doConnect(bool withDiffMerge, bool retrying) {
         if (!prepareContext()) {
             return false;
         }
-        if (login(attempt)) {
+        if (login(attempt, retrying && attempt == tries)) {
             return readCapacity();
         }
         context.reset();
@@ -107,15 +120,16 @@ bool IscsiTransport::prepareContext() {
     return true;
 }
 
-bool IscsiTransport::login(int attempt) {
+bool IscsiTransport::login(int attempt, bool isLast) {
     if (iscsi_full_connect_sync(context.get(), portal.c_str(), lun) == 0) {
         fd = iscsi_get_fd(context.get());
         return true;
     }
-    logger.log(info::level::error,
-               "Iscsi target connect or Login failed: Try: %d Target name: %s Target portal: %s LUN: %d. "
-               "Error: %s",
-               attempt, targetName.c_str(), portal.c_str(), lun, iscsi::errorOf(context).c_str());
+    const std::string error = iscsi::errorOf(context);
+    info::LogEntry(logger, info::level::error, isLast ? &whyNoLogin(error) : nullptr)
+        .format("Iscsi target connect or Login failed: Try: %d Target name: %s Target portal: %s LUN: %d. "
+                "Error: %s",
+                attempt, targetName.c_str(), portal.c_str(), lun, error.c_str());
     return false;
 }
 
@@ -204,8 +218,9 @@ bool IscsiTransport::isRemoteEqual(const void* data, std::uint64_t length) {
         });
     });
     if (compared != static_cast<std::int64_t>(length)) {
-        logger.log(info::level::warning, "Failed to read a remote target block; the current block will be "
-                                         "copied without diff");
+        logger.log(info::level::warning, info::reason("block-not-compared"),
+                   "Failed to read a remote target block; the current block will be "
+                   "copied without diff");
         return false;
     }
     return isEqual;
@@ -328,7 +343,7 @@ std::int64_t IscsiTransport::attempt(const char* message,
 std::int64_t IscsiTransport::retry(const char* message,
                                    const std::function<std::int64_t(bool& failed)>& operation) {
     for (int round = 0; round < maxTries; ++round) {
-        info::LogEntry(logger, info::level::error) << message;
+        info::LogEntry(logger, info::level::error, info::reason("target-retried")) << message;
         sleepBeforeRetry();
         if (!reconnect()) {
             continue;

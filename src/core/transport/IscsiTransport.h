@@ -48,7 +48,7 @@ private:
 
     bool doConnect(bool withDiffMerge, bool retrying);
     bool prepareContext();
-    bool login(int attempt);
+    bool login(int attempt, bool isLast);
     bool readCapacity();
     /// Ends the context. Always false.
     bool giveUp(const std::string& message);

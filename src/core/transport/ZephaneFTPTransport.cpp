@@ -41,6 +41,25 @@ int errnoOf(int code) {
     return code == -EINVAL || code == -ENOSPC || code == -ENOTCONN ? -code : EIO;
 }
 
+/// By the code that the server, or the network on the way to it, has answered with.
+const info::Reason& whyNotOpened(int code) {
+    switch (code) {
+    case -EACCES:
+        return info::reason("target-login");
+    case -EBUSY:
+    case -EIO:
+        return info::reason("target-image");
+    case -ECONNREFUSED:
+        return info::reason("target-refused");
+    default:
+        return info::reason("target-unreachable");
+    }
+}
+
+const info::Reason& whyNotTransferred(int code) {
+    return code == -ENOSPC ? info::reason("image-too-small") : info::reason("target-lost");
+}
+
 } // namespace
 
 ZephaneFTPTransport::ZephaneFTPTransport(info::Logger& logger, std::string host, std::string path,
@@ -68,10 +87,11 @@ bool ZephaneFTPTransport::connect(bool diffMerge) {
         }
         report("Try: " + std::to_string(attempt) + " Couldn't connect to zephane://" + host + ":" +
                    std::to_string(port) + "/" + path + "/" + std::to_string(volumeId),
-               status);
+               status, attempt == maxTries ? &whyNotOpened(status.code) : nullptr);
         sleepBeforeRetry();
     }
-    info::LogEntry(logger, info::level::error) << "ZephaneFTP target connect exceeded max retries. Aborting.";
+    info::LogEntry(logger, info::level::error, info::reason("target-unreachable"))
+        << "ZephaneFTP target connect exceeded max retries. Aborting.";
     return false;
 }
 
@@ -125,7 +145,8 @@ std::int64_t ZephaneFTPTransport::readPiece(void* data, std::uint64_t length) {
     zephane::Status status;
     const std::int64_t count = client->read(data, length, status);
     if (status.code < 0) {
-        report("Couldn't read " + std::to_string(length) + " from zephane client.", status);
+        report("Couldn't read " + std::to_string(length) + " from zephane client.", status,
+               &whyNotTransferred(status.code));
     }
     position += count;
     return count;
@@ -138,7 +159,8 @@ std::int64_t ZephaneFTPTransport::writePiece(const void* data, std::uint64_t len
     zephane::Status status;
     const std::int64_t count = client->write(data, length, 0, status);
     if (status.code < 0) {
-        report("Couldn't write " + std::to_string(length) + " to zephane client.", status);
+        report("Couldn't write " + std::to_string(length) + " to zephane client.", status,
+               &whyNotTransferred(status.code));
     }
     position += count;
     return count;
@@ -180,8 +202,9 @@ std::int64_t ZephaneFTPTransport::remotePosition() const {
     return isTooFar ? std::numeric_limits<std::int64_t>::max() : sum;
 }
 
-void ZephaneFTPTransport::report(const std::string& failure, const zephane::Status& status) {
-    info::LogEntry(logger, info::level::error)
+void ZephaneFTPTransport::report(const std::string& failure, const zephane::Status& status,
+                                 const info::Reason* reason) {
+    info::LogEntry(logger, info::level::error, reason)
         << failure << " code: " << status.code
         << " message: " << printable(status.text); // may be the server's
     errno = errnoOf(status.code);

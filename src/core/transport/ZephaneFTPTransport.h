@@ -59,7 +59,8 @@ private:
     /// Where the position is in the image; behind all images if it can't be told.
     [[nodiscard]] std::int64_t remotePosition() const;
     /// Logs what the client hasn't done and what it says of that, and sets `errno`.
-    void report(const std::string& failure, const zephane::Status& status);
+    void report(const std::string& failure, const zephane::Status& status,
+                const info::Reason* reason = nullptr);
 
     std::string host;
     std::string path;

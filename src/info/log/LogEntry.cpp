@@ -11,8 +11,10 @@ namespace agent::info {
 LogEntry::LogEntry(Logger& logger, int level)
     : logger(&logger), level(std::clamp(level, level::critical, level::debug)) {}
 
-LogEntry::LogEntry(Logger& logger, int level, const Reason& reason) : LogEntry(logger, level) {
-    this->reason = &reason;
+LogEntry::LogEntry(Logger& logger, int level, const Reason& reason) : LogEntry(logger, level, &reason) {}
+
+LogEntry::LogEntry(Logger& logger, int level, const Reason* reason) : LogEntry(logger, level) {
+    this->reason = reason;
 }
 
 // A stream base can't be copied; the copy gets a fresh one.

@@ -21,6 +21,8 @@ public:
     LogEntry(Logger& logger, int level);
     /// The line ends in the mark of the reason.
     LogEntry(Logger& logger, int level, const Reason& reason);
+    /// The same; null if there is no reason to tell.
+    LogEntry(Logger& logger, int level, const Reason* reason);
     /// The copy logs to the same logger at the same level and starts with no text.
     LogEntry(const LogEntry& other);
     LogEntry& operator=(const LogEntry&) = delete;

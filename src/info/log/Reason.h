@@ -10,8 +10,8 @@
 
 namespace agent::info {
 
-/// Why more was sent than was asked for, or why something has failed: what a program can go by, where the text of
-/// the log is for people and laid down. A line that tells a reason ends in its mark, ` [fallback:CODE]` or
+/// Why more was sent than was asked for, or why something has failed: what a program can go by, where the
+/// text of the log is for people. A line that tells a reason ends in its mark, ` [fallback:CODE]` or
 /// ` [failure:CODE]`. Codes are never renamed: whoever watches the log has written them down.
 struct Reason {
     enum class Kind { fallback, failure };
@@ -27,8 +27,8 @@ struct Reason {
 inline constexpr std::array reasons = {
     // More is sent than was asked for.
     Reason{"volume-unknown", Reason::Kind::fallback,
-           "the agent's database doesn't know the volume: its first backup, a file system made anew, or a database "
-           "that has been replaced",
+           "the agent's database doesn't know the volume: its first backup, a file system made anew, or a "
+           "database that has been replaced",
            "nothing at a first backup; else see what became of agent.sqlite"},
     Reason{"database-unreadable", Reason::Kind::fallback,
            "the database couldn't tell what the last finished backup left",
@@ -38,8 +38,8 @@ inline constexpr std::array reasons = {
            "nothing; see why that one failed"},
     Reason{"image-differs", Reason::Kind::fallback,
            "the image isn't what the last finished backup left",
-           "nothing after a failed backup; else compare LUN and offset at once, as what is there is being written "
-           "over"},
+           "nothing after a failed backup; else compare LUN and offset at once, as what is there is being "
+           "written over"},
     Reason{"not-tracked", Reason::Kind::fallback,
            "the snapshot driver doesn't track the volume",
            "after a restart, have the reload scripts run in time; else nothing"},
@@ -68,8 +68,7 @@ inline constexpr std::array reasons = {
            "xfs_repair -n on the unmounted volume"},
     Reason{"fat-table", Reason::Kind::fallback,
            "the volume isn't FAT32 as all drivers know it",
-           "fsck.fat -n on the unmounted volume; nothing, if the time and the room that it takes are "
-           "there"},
+           "fsck.fat -n on the unmounted volume; nothing, if the time and the room that it takes are there"},
     Reason{"ntfs-bitmap", Reason::Kind::fallback,
            "the bitmap of an NTFS volume, or what leads there, is damaged or of a form that isn't read",
            "chkdsk /f in Windows; ntfsresize -i on the unmounted volume"},
@@ -91,8 +90,8 @@ inline constexpr std::array reasons = {
            "the file system doesn't say where the driver's own file lies, so that is copied, too",
            "nothing; the smallest volumes.UUID.cowFileSizeMiB costs least"},
     Reason{"snapshot-not-mounted", Reason::Kind::fallback,
-           "the snapshot can't be mounted, so the driver's own files can't be found in it and are "
-           "copied, too",
+           "the snapshot can't be mounted, so the driver's own files can't be found in it and are copied, "
+           "too",
            "mount the volume by hand with the options ro and norecovery, and see what the kernel says"},
     Reason{"target-retried", Reason::Kind::fallback,
            "the target was gone for a moment, and nothing is compared any more from here on",
@@ -133,8 +132,7 @@ inline constexpr std::array reasons = {
            "see that the driver's service runs, and its version"},
     Reason{"snapshot-failed", Reason::Kind::failure,
            "the driver couldn't take the snapshot",
-           "see the number in the line and what the driver says in the system's log; order the backup "
-           "again"},
+           "see the number in the line and what the driver says in the system's log; order the backup again"},
     Reason{"snapshot-unsupported", Reason::Kind::failure,
            "the driver takes no snapshots of this file system or device",
            "leave the volume out, or ask whoever the driver is from"},
@@ -143,8 +141,8 @@ inline constexpr std::array reasons = {
            "close what is open below /tmp/tolvuMountRoot and order the backup again"},
     Reason{"snapshot-lost", Reason::Kind::failure,
            "the snapshot hasn't lasted for its copy, so what was copied isn't of one moment",
-           "a larger CoW file for No space left on device; else leave the volume's devices alone during "
-           "a backup"},
+           "a larger CoW file for No space left on device; else leave the volume's devices alone during a "
+           "backup"},
     Reason{"script-missing", Reason::Kind::failure,
            "a quiesce script that the request names isn't there",
            "put it below /etc/tolvu/bek/pps, or take it out of the request"},
@@ -170,10 +168,9 @@ inline constexpr std::array reasons = {
     Reason{"target-lost", Reason::Kind::failure,
            "the target was gone for longer than it is waited for, or its storage fails",
            "look at the target and the network and order the backup again"},
-    Reason{"image-unwritable", Reason::Kind::failure,
-           "the image took less than was written: the target was gone, or the LUN ends before the volume "
-           "does",
-           "give the LUN the volume's size behind the offset; else look at the target"},
+    Reason{"image-too-small", Reason::Kind::failure,
+           "the image ends before the volume does, or its storage is full",
+           "give the LUN or the image the volume's size behind the offset; make room"},
     Reason{"image-unreadable", Reason::Kind::failure,
            "the image can't be summed up: it can't be read, or has less than 10 MiB behind the offset",
            "look at the target; compare LUN and offset"},
@@ -228,8 +225,8 @@ constexpr std::string_view kindName(Reason::Kind kind) {
 /// What the line of a reason ends in, with the blank before it.
 std::string markOf(const Reason& reason);
 
-/// The reason whose mark a message or a line ends in, with or without the newline; null if it has none that is
-/// known. A peer or a script may have put a mark into its own text: it is a hint, nothing to decide by.
+/// The reason whose mark a message or a line ends in, with or without the newline; null if it has none that
+/// is known. A peer or a script may have put a mark into its own text: it is a hint, nothing to decide by.
 const Reason* reasonOf(std::string_view text);
 
 /// What an exception carries whose text is logged by whoever catches it.
@@ -237,7 +234,9 @@ class HasReason {
 public:
     explicit HasReason(const Reason& reason) : reason(&reason) {}
     HasReason(const HasReason&) = default;
+    HasReason(HasReason&&) = default;
     HasReason& operator=(const HasReason&) = default;
+    HasReason& operator=(HasReason&&) = default;
     virtual ~HasReason() = default;
 
     const Reason* reason;

@@ -239,11 +239,12 @@ TEST_F(BackupTest, NumbersThatFitNoVolumeAreRefused) {
     }
     json entry = volume();
     entry["lun"] = -1.5;
-    EXPECT_EQ(refusalOf(request({entry})), "the logical unit number -1 is negative");
+    EXPECT_EQ(refusalOf(request({entry})), "'lun': the logical unit number -1 is negative");
     entry["lun"] = 2147483648;
-    EXPECT_EQ(refusalOf(request({entry})),
-              "[json.exception.out_of_range.406] number out of range: 2147483648");
+    EXPECT_EQ(refusalOf(request({entry})), "'lun': number out of range: 2147483648");
     entry["lun"] = 2147483647;
+    entry["offset"] = -1;
+    EXPECT_EQ(refusalOf(request({entry})), "'offset': number out of range: -1");
     entry["offset"] = UINT64_MAX;
     start(request({entry}));
     EXPECT_THAT(connectionOf("uuid-1"), Contains("iscsi_full_connect_sync 10.0.0.1 2147483647"));
@@ -387,11 +388,10 @@ TEST_F(ZephaneFTPTest, LogicalUnitMayHave64Bits) {
 
 TEST_F(ZephaneFTPTest, LogicalUnitIsNotNegativeAndNoLarger) {
     for (const auto& [lun, text] : std::vector<std::pair<json, std::string>>{
-             {-1, "the logical unit number -1 is negative"},
-             {-1.5, "the logical unit number -1 is negative"},
-             {-1e300, "[json.exception.out_of_range.406] number out of range: -1e+300"},
-             {18446744073709551616.0,
-              "[json.exception.out_of_range.406] number out of range: 1.8446744073709552e+19"}}) {
+             {-1, "'lun': the logical unit number -1 is negative"},
+             {-1.5, "'lun': the logical unit number -1 is negative"},
+             {-1e300, "'lun': number out of range: -1e+300"},
+             {18446744073709551616.0, "'lun': number out of range: 1.8446744073709552e+19"}}) {
         json body = to("host:21");
         body["volumes"][0]["lun"] = lun;
         EXPECT_EQ(refusalOf(body), text);

@@ -5,11 +5,21 @@
 #include "info/HumanSize.h"
 #include "info/log/LogTurn.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <stdexcept>
 #include <utility>
 
 namespace agent::core::backup::phase {
+
+namespace {
+
+/// A transport that has reached the end of the image writes less, or says so by `errno`.
+const info::Reason& whyNotWritten(std::int64_t written) {
+    return written >= 0 || errno == ENOSPC ? info::reason("image-too-small") : info::reason("target-lost");
+}
+
+} // namespace
 
 CopyChunkRanges::CopyChunkRanges(info::Logger& logger, std::string uuid, IVolumeReader& reader,
                                  const std::shared_ptr<ITransport>& writer,
@@ -72,25 +82,30 @@ Chunk CopyChunkRanges::readChunk(const BlockRange& range, AlignedBuffer& into) {
         throw std::logic_error("A chunk to copy is larger than the buffer for it!");
     }
     if (reader.seek(offset, SEEK_SET) == -1) {
-        throw std::runtime_error("Failed to seek to the read offset!");
+        throw info::Reasoned<std::runtime_error>(info::reason("volume-unreadable"),
+                                                 "Failed to seek to the read offset!");
     }
     const std::int64_t bytesRead = reader.read(into.data(), length);
     if (bytesRead == -1) {
-        logger.log(info::level::error, "Failed to read the chunk at offset %ld", offset);
-        throw std::runtime_error("Failed to read the chunk!");
+        logger.log(info::level::error, info::reason("volume-unreadable"),
+                   "Failed to read the chunk at offset %ld", offset);
+        throw info::Reasoned<std::runtime_error>(info::reason("volume-unreadable"),
+                                                 "Failed to read the chunk!");
     }
     return {offset, into.data(), static_cast<std::uint64_t>(bytesRead)};
 }
 
 void CopyChunkRanges::writeChunk(const Chunk& chunk) {
     if (writer->seek(chunk.offset, SEEK_SET) == -1) {
-        throw exception::transport_connection_error("Failed to seek to the write offset!");
+        throw info::Reasoned<exception::transport_connection_error>(info::reason("image-too-small"),
+                                                                    "Failed to seek to the write offset!");
     }
     const std::int64_t written = writer->write(chunk.bytes, chunk.length);
     if (written < static_cast<std::int64_t>(chunk.length)) {
-        logger.log(info::level::error, "Failed to write the chunk! (%ld bytes written out of %lu)", written,
-                   chunk.length);
-        throw exception::transport_connection_error("Failed to write the chunk!");
+        const info::Reason& reason = whyNotWritten(written);
+        logger.log(info::level::error, reason, "Failed to write the chunk! (%ld bytes written out of %lu)",
+                   written, chunk.length);
+        throw info::Reasoned<exception::transport_connection_error>(reason, "Failed to write the chunk!");
     }
 }
 

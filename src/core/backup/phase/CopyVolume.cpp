@@ -47,7 +47,8 @@ public:
         std::unique_ptr<fs::IBlockBitmapChunkProvider> usedBlocks = fileSystems.create();
         if (!usedBlocks) {
             sayWhatItMayBe();
-            throw std::runtime_error("File system not recognized for " + phase.uuid);
+            throw info::Reasoned<std::runtime_error>(info::reason("file-system-unsupported"),
+                                                     "File system not recognized for " + phase.uuid);
         }
         const bool isWhole = !hasBlocksOf(*usedBlocks);
         Phases phases =
@@ -83,7 +84,7 @@ private:
     void sayWhatItMayBe() {
         const std::string nearMiss = fileSystems.nearMiss();
         if (!nearMiss.empty()) {
-            info::LogEntry(phase.logger, info::level::error)
+            info::LogEntry(phase.logger, info::level::error, info::reason("file-system-unsupported"))
                 << "Volume " << phase.volume->getDisplayName() << " can't be copied: " << nearMiss;
         }
     }
@@ -95,7 +96,7 @@ private:
         if (found == 0 || blockSize == 0 || found == blockSize) {
             return true; // what isn't known is refused by those who need it
         }
-        info::LogEntry(phase.logger, info::level::error)
+        info::LogEntry(phase.logger, info::level::error, info::reason("block-size-differs"))
             << "The file system of volume " << phase.volume->getDisplayName() << " has blocks of " << found
             << " bytes, but its mount point says " << blockSize
             << ". What it says of used blocks doesn't fit the volume, so every block is copied.";
@@ -178,7 +179,8 @@ void CopyVolume::transfer(Copy& copy, const VolumeSnapshotInfo& snapshot, std::u
         throw;
     }
     if (!isIntact(snapshot)) {
-        throw std::runtime_error("The snapshot has not lasted for its copy!");
+        throw info::Reasoned<std::runtime_error>(info::reason("snapshot-lost"),
+                                                 "The snapshot has not lasted for its copy!");
     }
 }
 
@@ -187,7 +189,7 @@ bool CopyVolume::isIntact(const VolumeSnapshotInfo& snapshot) {
     if (failure == 0) {
         return true;
     }
-    info::LogEntry(logger, info::level::error)
+    info::LogEntry(logger, info::level::error, info::reason("snapshot-lost"))
         << "The snapshot " << snapshot.snapshotPath << " of volume " << volume->getDisplayName()
         << " has not lasted for its copy: " << PosixError::describe(failure);
     status.setSnapshotError();

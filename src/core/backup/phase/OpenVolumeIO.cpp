@@ -1,5 +1,7 @@
 #include "core/backup/phase/OpenVolumeIO.h"
 
+#include "info/log/Reason.h"
+
 #include <stdexcept>
 #include <utility>
 
@@ -11,7 +13,8 @@ OpenVolumeIO::OpenVolumeIO(BackupSession& session, std::string uuid, IVolumeDevi
 
 void OpenVolumeIO::execute() {
     if (!reader.open()) {
-        throw std::runtime_error("Failed to open volume for reading!");
+        throw info::Reasoned<std::runtime_error>(info::reason("volume-unreadable"),
+                                                 "Failed to open volume for reading!");
     }
     session.createVolumeWriter(uuid, isDiffMerge, writer);
 }

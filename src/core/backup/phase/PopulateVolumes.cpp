@@ -13,8 +13,10 @@ void PopulateVolumes::execute() {
     for (const std::string& uuid : uuids) {
         info::VolumeProvider::Volume volume = volumeProvider.getBackupableVolume(uuid);
         if (!volume) {
-            logger.log(info::level::error, "Volume %s could not be found.", uuid.c_str());
-            throw std::runtime_error("Cannot backup non existing volume.");
+            logger.log(info::level::error, info::reason("volume-not-found"), "Volume %s could not be found.",
+                       uuid.c_str());
+            throw info::Reasoned<std::runtime_error>(info::reason("volume-not-found"),
+                                                     "Cannot backup non existing volume.");
         }
         volumes.push_back(std::move(volume));
     }

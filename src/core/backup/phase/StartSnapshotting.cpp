@@ -28,7 +28,8 @@ void StartSnapshotting::execute() {
         takeSnapshots();
         runScripts(false);
     } catch (const std::exception& error) {
-        logger.log(info::level::error, "Exception caught trying to create snapshots: %s", error.what());
+        logger.log(info::level::error, info::reasonOf(error, info::reason("snapshot-failed")),
+                   "Exception caught trying to create snapshots: %s", error.what());
         status.setSnapshotError();
         runScripts(false);
         throw;
@@ -60,7 +61,7 @@ void StartSnapshotting::lowerUntracked(const info::BackupableVolume& volume) {
     if (!attributes.isIncremental(uuid) || snapshotInfo->getVolumeSnapshotInfo(uuid).incrementalPreserved) {
         return;
     }
-    logger.log(info::level::error,
+    logger.log(info::level::error, info::reason("everything-compared"),
                "Failed to snapshot while preserving incremental tracking information for volume %s",
                uuid.c_str());
     logger.log(info::level::info, "Downgrading backup type to DIFFERENTIAL_MERGE for volume %s",

@@ -24,14 +24,16 @@ void ValidateLocalTargets::execute() {
 
 void ValidateLocalTargets::requireUsable(const info::BackupableVolume& volume) {
     if (!volume.exists()) {
-        info::LogEntry(logger, info::level::error)
+        info::LogEntry(logger, info::level::error, info::reason("volume-inaccessible"))
             << "Volume " << volume.getDisplayName() << " is inaccessible!";
-        throw std::runtime_error("Cannot backup an inaccessible device!");
+        throw info::Reasoned<std::runtime_error>(info::reason("volume-inaccessible"),
+                                                 "Cannot backup an inaccessible device!");
     }
     if (!volume.isMounted()) {
-        info::LogEntry(logger, info::level::error)
+        info::LogEntry(logger, info::level::error, info::reason("volume-not-mounted"))
             << "Volume " << volume.getDisplayName() << " is NOT mounted";
-        throw std::runtime_error("Cannot backup an unmounted device!");
+        throw info::Reasoned<std::runtime_error>(info::reason("volume-not-mounted"),
+                                                 "Cannot backup an unmounted device!");
     }
 }
 
@@ -43,13 +45,13 @@ void ValidateLocalTargets::settleType(const info::BackupableVolume& volume) {
         }
     } catch (const std::exception& error) {
         info::LogEntry(logger, info::level::debug) << error.what();
-        info::LogEntry(logger, info::level::info)
+        info::LogEntry(logger, info::level::info, info::reason("database-unreadable"))
             << "Could not find cached checksum from database for volume " << uuid
             << " falling back to DIFFERENTIAL MERGE";
         attributes.setBackupType(uuid, DIFFERENTIAL_MERGE);
         return;
     }
-    info::LogEntry(logger, info::level::info)
+    info::LogEntry(logger, info::level::info, info::reason("volume-unknown"))
         << "No db entry found for volume " << volume.getDisplayName() << ", forcing FULL";
     attributes.setBackupType(uuid, FULL);
 }

@@ -190,7 +190,7 @@ void EXTParserImpl::markStructures(const UsedMap& used, const Stretch& stretch, 
 }
 
 std::int64_t EXTParserImpl::fail(const std::string& reason) {
-    logger.log(info::level::error, "%s", reason.c_str());
+    logger.log(info::level::error, info::reason("ext-bitmaps"), "%s", reason.c_str());
     return -1;
 }
 

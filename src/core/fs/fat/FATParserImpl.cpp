@@ -34,11 +34,11 @@ bool FATParserImpl::recognize() {
         return false;
     }
     if (hasText(sector, layout::narrowType, layout::fat12)) {
-        logger.log(info::level::error, "FAT12 is not supported");
+        logger.log(info::level::error, info::reason("file-system-unsupported"), "FAT12 is not supported");
         return false;
     }
     if (hasText(sector, layout::narrowType, layout::fat16)) {
-        logger.log(info::level::error, "FAT16 is not supported");
+        logger.log(info::level::error, info::reason("file-system-unsupported"), "FAT16 is not supported");
         return false;
     }
     if (!hasText(sector, layout::type, layout::fat32)) {
@@ -104,7 +104,7 @@ std::int64_t FATParserImpl::markClusters(FATWindow& fat, const Stretch& blocks, 
 }
 
 std::int64_t FATParserImpl::fail(const char* reason) {
-    info::LogEntry(logger, info::level::error) << reason;
+    info::LogEntry(logger, info::level::error, info::reason("fat-table")) << reason;
     return -1;
 }
 

@@ -39,7 +39,7 @@ bool HFSExtentsTree::readOverflowExtents(const HFSVolumeHeader& header, std::uin
         walk(header, {fileId, extents, countHFSBlocks(extents)});
         return true;
     } catch (const std::runtime_error& error) {
-        logger.log(info::level::error, "%s", error.what());
+        logger.log(info::level::error, info::reason("hfs-bitmap"), "%s", error.what());
         return false;
     }
 }

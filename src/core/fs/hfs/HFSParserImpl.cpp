@@ -85,7 +85,7 @@ bool HFSParserImpl::isBelievable() {
         reason = usual.placesTheSame(header) ? usual.objection() : "The HFS+ headers differ";
     }
     if (reason != nullptr) {
-        logger.log(info::level::error, "%s", reason);
+        logger.log(info::level::error, info::reason("hfs-bitmap"), "%s", reason);
     }
     return reason == nullptr;
 }
@@ -100,7 +100,8 @@ bool HFSParserImpl::findExtents(std::vector<HFSExtent>& extents) {
     logger.log(info::level::debug, "Bitmap extents overflow file needed.");
     HFSExtentsTree tree(logger, reader, sectorSize);
     if (!tree.readOverflowExtents(header, hfs_layout::record::allocationFile, extents)) {
-        logger.log(info::level::error, "Couldn't parse extent overflow file for bitmap extents.");
+        logger.log(info::level::error, info::reason("hfs-bitmap"),
+                   "Couldn't parse extent overflow file for bitmap extents.");
         return false;
     }
     return true;
@@ -177,7 +178,7 @@ bool HFSParserImpl::readHeader(std::uint64_t position, HFSVolumeHeader& read) {
 }
 
 std::int64_t HFSParserImpl::fail(const char* reason) {
-    logger.log(info::level::error, "%s", reason);
+    logger.log(info::level::error, info::reason("hfs-bitmap"), "%s", reason);
     return -1;
 }
 

@@ -64,7 +64,7 @@ std::int64_t NTFSParserImpl::getBitmapChunk(std::uint64_t startBlock, std::uint8
     try {
         return readBitmap({buffer, bufferBytes, startBlock});
     } catch (const NTFSObjection& objection) {
-        logger.log(info::level::error, "%s", objection.reason.c_str());
+        logger.log(info::level::error, info::reason("ntfs-bitmap"), "%s", objection.reason.c_str());
         return ntfs_error::refused;
     }
 }

@@ -1,6 +1,7 @@
 #include "core/fs/ntfs/NTFSRunList.h"
 
 #include "core/fs/ntfs/NTFSLayout.h"
+#include "info/log/Reason.h"
 
 #include <algorithm>
 #include <cstddef>
@@ -63,10 +64,10 @@ struct Element {
     /// That both numbers end with the attribute, or one byte behind it.
     void requireBounds() const {
         if (position + lengthBytes > attribute.size()) {
-            throw std::runtime_error("Invalid runlist");
+            throw info::Reasoned<std::runtime_error>(info::reason("file-system-broken"), "Invalid runlist");
         }
         if (last() > attribute.size()) {
-            throw std::runtime_error("Corrupt runlist");
+            throw info::Reasoned<std::runtime_error>(info::reason("file-system-broken"), "Corrupt runlist");
         }
     }
 
@@ -100,7 +101,8 @@ NTFSRunList decodeRunList(const NTFSAttribute& attribute) {
     const std::size_t limit = attribute.bytes.size();
     std::size_t position = attribute.runListOffset();
     if (position > limit) {
-        throw std::runtime_error("No run list can be found");
+        throw info::Reasoned<std::runtime_error>(info::reason("file-system-broken"),
+                                                 "No run list can be found");
     }
     NTFSRunList list;
     while (position < limit && attribute.bytes[position] != 0) {
@@ -124,7 +126,8 @@ NTFSRunList runsOf(const NTFSAttribute& attribute) {
         throw std::runtime_error("Attribute type is not DATA.");
     }
     if (attribute.isResident()) {
-        throw std::runtime_error("Attribute is resident. Can't find data-runs.");
+        throw info::Reasoned<std::runtime_error>(info::reason("file-system-broken"),
+                                                 "Attribute is resident. Can't find data-runs.");
     }
     return decodeRunList(attribute);
 }

@@ -112,7 +112,7 @@ std::int64_t XFSParserImpl::getBitmapChunk(std::uint64_t startBlock, std::uint8_
     } catch (const WalkFailed&) {
         return -1;
     } catch (const std::runtime_error& error) {
-        logger.log(info::level::error, "%s", error.what());
+        logger.log(info::level::error, info::reason("xfs-free-space"), "%s", error.what());
         return -1;
     }
     // In a chunk that isn't the first this reaches behind the volume's end, where nobody looks.

@@ -22,6 +22,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <future>
+#include <set>
 #include <stdexcept>
 #include <thread>
 #include <tuple>
@@ -45,6 +46,7 @@ using Lines = std::vector<Line>;
 
 constexpr int error = info::level::error;
 constexpr int level3 = info::level::info;
+constexpr auto failure = info::Reason::Kind::failure;
 
 /// The phases of a backup of two volumes, in order.
 constexpr int populateVolumes = 0;
@@ -352,6 +354,21 @@ protected:
         return status.connectionError;
     }
 
+    /// What the records of the volumes say of the run, if each is there once and behind all else.
+    [[nodiscard]] std::string recordedOutcome() const {
+        const Lines lines = log.lines();
+        std::set<std::string> outcomes;
+        for (std::size_t i = 0; i < uuids.size(); ++i) {
+            const std::string& text = lines.at(lines.size() - uuids.size() + i).text;
+            EXPECT_THAT(text, testing::StartsWith("Backup record: {"));
+            EXPECT_THAT(text, testing::HasSubstr("\"volume\":\"" + uuids[i] + "\""));
+            const std::string key = "\"outcome\":\"";
+            const std::size_t begin = std::min(text.find(key), text.size() - key.size()) + key.size();
+            outcomes.insert(text.substr(begin, text.find('"', begin) - begin));
+        }
+        return outcomes.size() == 1 ? *outcomes.begin() : "not the same for all";
+    }
+
     /// A run that has failed or was cancelled: how it is reported, and that all is ready for the next.
     void expectFailed(bool connectionError) {
         EXPECT_THAT(states(), ElementsAre(VOLUME_FAILED, VOLUME_FAILED));
@@ -475,6 +492,7 @@ TEST_F(BackupTest, RunsAllPhasesInOrder) {
     Lines expected = linesUntilSessionGone(phaseCount, false);
     appendConclusion(expected);
     EXPECT_THAT(linesOfRun(), ElementsAreArray(expected));
+    EXPECT_EQ(recordedOutcome(), "success");
     EXPECT_TRUE(backup->isFinished());
     EXPECT_FALSE(backup->isActive());
     EXPECT_FALSE(hasConnectionError());
@@ -501,6 +519,8 @@ TEST_F(BackupTest, CancelBeforeTheRunKeepsItFromBeginning) {
     appendFailed(expected);
     EXPECT_THAT(linesOfRun(), ElementsAreArray(expected));
     EXPECT_TRUE(backup->isCancelled());
+    EXPECT_EQ(recordedOutcome(), "cancelled");
+    EXPECT_THAT(log.codes(failure), testing::IsEmpty());
     expectFailed(false);
 }
 
@@ -581,6 +601,8 @@ TEST_P(CancelBetweenPhases, TheNextDoesNotBegin) {
     appendFailed(expected);
     EXPECT_THAT(linesOfRun(), ElementsAreArray(expected));
     EXPECT_TRUE(backup->isCancelled());
+    EXPECT_EQ(recordedOutcome(), "cancelled");
+    EXPECT_THAT(log.codes(failure), testing::IsEmpty());
     expectFailed(false);
 }
 
@@ -624,6 +646,8 @@ TEST_P(FailingPhase, EndsTheRun) {
     appendConclusion(expected);
     appendFailed(expected);
     EXPECT_THAT(linesOfRun(), ElementsAreArray(expected));
+    EXPECT_EQ(recordedOutcome(), kind.report.empty() ? "cancelled" : "failed");
+    EXPECT_EQ(log.codes(failure).empty(), kind.report.empty());
     expectFailed(kind.isConnectionError);
 }
 
@@ -710,6 +734,8 @@ TEST_P(FailureThatLeavesTheRun, SnapshotsOfAFailedBackupThatCannotBeEnded) {
     expectRunThrows();
     EXPECT_TRUE(log.has(error, "Exception caught during backup run: disk"));
     EXPECT_EQ(linesOfRun().back(), (Line{error, "Failed to run post backup!"}));
+    EXPECT_EQ(recordedOutcome(), "failed");
+    EXPECT_THAT(log.codes(failure), ElementsAre("backup-failed", "clean-up-failed"));
     EXPECT_FALSE(log.hasPart(level3, "FAILED"));
     EXPECT_TRUE(backup->isActive()) << "nobody has told what became of the volumes";
 }
@@ -747,6 +773,8 @@ TEST_F(WatchedBackup, SilenceAfterAPingCancelsItAtTheNextCheck) {
     appendFailed(expected);
     EXPECT_THAT(linesOfRun(), ElementsAreArray(expected));
     EXPECT_TRUE(backup->isCancelled());
+    EXPECT_EQ(recordedOutcome(), "cancelled");
+    EXPECT_THAT(log.codes(failure), ElementsAre("appliance-silent"));
     expectFailed(false);
 }
 

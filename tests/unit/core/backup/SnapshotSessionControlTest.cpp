@@ -115,6 +115,38 @@ TEST_F(SnapshotSessionControlTest, OneByteTooFewIsFull) {
                                    "is available"));
     EXPECT_TRUE(log.has(error, "Volume " + two + " (" + mountPoint(two) +
                                    ") is full, not enough free space to perform a backup"));
+    EXPECT_THAT(log.codes(info::Reason::Kind::failure), ElementsAre("volume-full", "volume-full"));
+}
+
+TEST_F(SnapshotSessionControlTest, RoomForOneCowFileOnlyIsToldAtTheFirstBackup) {
+    const auto volume = makeVolume(one);
+    sizes.mebibytes = 300;
+    const std::uint64_t wanted = required(size) + 200 * 1048576UL; // for each of the two
+    const std::string start = "The next backup of volume " + one + " (" + mountPoint(one) +
+                              ") will need 300.02 MiB for a second CoW file, and this one leaves ";
+    const auto warnings = [&](std::uint64_t free) {
+        volume->free = free;
+        log.clear();
+        driver->devices.clear();
+        this->start({volume}, FULL);
+        return log.texts(warning);
+    };
+    EXPECT_THAT(warnings(2 * wanted), testing::IsEmpty());
+    EXPECT_THAT(warnings(2 * wanted - 1), ElementsAre(start + "300.02 MiB: free the rest, or set volumes." +
+                                                      one + ".cowFileSizeMiB to 299 or less"));
+    const std::uint64_t smallest = required(size); // of 100 MiB
+    EXPECT_THAT(warnings(wanted + smallest),
+                ElementsAre(start + "100.02 MiB: free the rest, or set volumes." + one +
+                            ".cowFileSizeMiB to 100 or less"));
+    EXPECT_THAT(warnings(wanted + smallest - 1), ElementsAre(start + "100.02 MiB: free the rest"));
+    EXPECT_THAT(warnings(wanted), ElementsAre(start + "0 B: free the rest"));
+}
+
+TEST_F(SnapshotSessionControlTest, NothingIsToldOfAVolumeThatIsTracked) {
+    const auto volume = makeVolume(one);
+    track(one);
+    start({volume});
+    EXPECT_FALSE(log.hasPart(warning, "second CoW file"));
 }
 
 TEST_F(SnapshotSessionControlTest, TheDriversOwnRoomIsNeededToo) {
@@ -210,6 +242,7 @@ TEST_F(SnapshotSessionControlTest, ADeviceWithAnErrorIsDestroyedAndSetUpAnew) {
     }
     EXPECT_EQ(log.count(warning, "Device " + one + " not in active incremental state, destroying snapshot"),
               2);
+    EXPECT_THAT(log.codes(info::Reason::Kind::fallback), ElementsAre("tracking-lost", "tracking-lost"));
 }
 
 TEST_F(SnapshotSessionControlTest, ADeviceThatCannotBeDestroyed) {

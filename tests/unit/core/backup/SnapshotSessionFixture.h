@@ -46,9 +46,10 @@ public:
     std::uint64_t getCowFileSizeMiB(info::Logger& /*logger*/, const std::string& uuid, std::uint64_t size,
                                     const std::string& fileSystem) override {
         asked = uuid + " " + std::to_string(size) + " " + fileSystem;
-        return cowMiB;
+        return mebibytes;
     }
 
+    std::uint64_t mebibytes = cowMiB;
     std::string asked;
 };
 

@@ -1,0 +1,130 @@
+"""Following a backup by the appliance's calls until it has ended, and saying why it has failed.
+
+    outcome = watch(appliance, identifier, progress)     # progress takes each status
+    outcome.is_success, outcome.lines
+
+The status of a backup doesn't always come to an end when its run does, so the log is asked too.
+"""
+import dataclasses
+import re
+import threading
+import time
+
+POLL_SECONDS = 1
+QUIET_SECONDS = 3 # without a change, before the log is asked
+LIMIT_SECONDS = 900 # without a change; a target that is silent is waited for five minutes, twice
+LOG_SECONDS = 3 # for the line that tells why
+LOG_LINES = 10000 # the agent gives no more
+INFO, ERROR = 2, 4
+ACTIVE, FINISHED = "active", "finished"
+ERRORS = ("connection_error", "snapshot_error")
+RUN_BEGINS = "Generated new backup ID: "
+RUN_ENDS = ("Backup run finished", "Exception occurred during backup run: ",
+            "Unknown exception occurred during backup run")
+# What libiscsi says of a connection that is refused, and what the second transport does.
+REFUSED = re.compile(r"Target portal: (\S+) LUN.*(?:Can not reconnect right now|refused)"
+                     r"|connect to zephane://([^/ ]+)\S* code: -111\b")
+
+
+@dataclasses.dataclass(frozen=True)
+class Outcome:
+    """`lines` say what has gone wrong."""
+
+    is_success: bool
+    lines: tuple = ()
+
+
+class Refused(Exception):
+    """The agent has answered with an error."""
+
+    def __init__(self, answer):
+        super().__init__(answer)
+        self.answer = answer
+
+
+def content_of(answer):
+    if not answer.is_success:
+        raise Refused(answer)
+    return answer.content
+
+
+def run_log(appliance, identifier):
+    """The lines that the agent has logged since it named the backup. None if they can't be told from others,
+    as where its log doesn't keep lines of that level."""
+    lines = content_of(appliance.logs(lines=LOG_LINES, severity=INFO))["log"]
+    lines = sorted(lines, key=lambda line: line["timestamp"]) # the files come in any order
+    begins = [number for number, line in enumerate(lines) if line["message"].startswith(RUN_BEGINS)]
+    for number, end in zip(begins, [*begins[1:], len(lines)]):
+        if lines[number]["message"] == RUN_BEGINS + identifier:
+            return lines[number + 1:end]
+    return None
+
+
+def has_run_ended(lines):
+    return any(line["message"].startswith(RUN_ENDS) for line in lines or ())
+
+
+def first_error(lines):
+    """The text of the line that tells the reason; those behind it are about clearing up."""
+    return next((line["message"] for line in lines or () if line["severity"] >= ERROR), None)
+
+
+def reason_lines(appliance, identifier):
+    """Why a backup has failed, as far as the log says."""
+    deadline = time.monotonic() + LOG_SECONDS
+    while True:
+        error = first_error(run_log(appliance, identifier))
+        if error is not None or time.monotonic() >= deadline:
+            break
+        threading.Event().wait(POLL_SECONDS)
+    if error is None:
+        return ["the agent's log doesn't say why: lab/appliance logs"]
+    refused = REFUSED.search(error)
+    if refused is None:
+        return [error]
+    portal = refused[1] or refused[2]
+    return [error, f"nobody listens at {portal}, most likely: see whether the target is up there, and "
+                   "compare address and port"]
+
+
+class Standstill:
+    """For how long a status has been the same, but for the time that it tells itself."""
+
+    def __init__(self):
+        self._last = None
+        self._since = 0.0
+
+    def seconds(self, status):
+        told = {key: value for key, value in status.items() if key != "elapsedTime"}
+        if told != self._last:
+            self._last, self._since = told, time.monotonic()
+        return time.monotonic() - self._since
+
+
+def ending_of(appliance, identifier, status, quiet):
+    """Why there is nothing more to wait for, as lines; None if there is."""
+    failed = [error for error in ERRORS if status[error]]
+    if status["status"] != ACTIVE or failed: # a backup that never had a snapshot says "active" for ever
+        return failed
+    if quiet >= QUIET_SECONDS and has_run_ended(run_log(appliance, identifier)):
+        return ['the run has ended, whatever its status says: it stays "active" until the agent is restarted']
+    if quiet >= LIMIT_SECONDS:
+        return [f"nothing has changed for {LIMIT_SECONDS // 60} minutes, and the log tells of no end; "
+                f"watched no longer: lab/appliance cancel {identifier} ends the backup"]
+    return None
+
+
+def watch(appliance, identifier, progress):
+    """Asks until the backup has ended. Asking also keeps it alive: the agent gives a backup up when nobody
+    has asked for it for three minutes."""
+    standstill = Standstill()
+    while True:
+        status = content_of(appliance.status(identifier))
+        progress(status)
+        ending = ending_of(appliance, identifier, status, standstill.seconds(status))
+        if ending is not None:
+            break
+        threading.Event().wait(POLL_SECONDS)
+    if status["status"] == FINISHED:
+        return Outcome(True, tuple(ending))
+    return Outcome(False, (*ending, *reason_lines(appliance, identifier)))

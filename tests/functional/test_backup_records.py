@@ -1,0 +1,69 @@
+"""What the log tells programs of runs that have ended: a record of each volume, and the codes of reasons."""
+import json
+import os
+import re
+
+import pytest
+
+from backup_site import EXT4, XFS, fill, root_of, write_script
+
+VOLUMES = (EXT4, XFS)
+NAMES = tuple(volume.name for volume in VOLUMES)
+RECORD = re.compile(r"\[INFO:\]     Backup record: (\{.*\})\n")
+MARK = re.compile(r" \[(fallback|failure):([a-z-]+)\]\n")
+
+
+@pytest.fixture
+def protection(protect, volumes):
+    for name in NAMES:
+        fill(root_of(volumes[name]), name)
+    return protect(*NAMES)
+
+
+def check(protection, backup, outcome, asked, **types):
+    """Each volume has one record, of this backup and before the end of its run, which says so beside what the
+    status says."""
+    found = [json.loads(text) for text in RECORD.findall(backup.log.split("Backup run finished")[0])]
+    records = {record["volume"]: record for record in found}
+    assert len(found) == len(records) == len(NAMES), backup.log
+    for name, partition in protection.partitions.items():
+        record = records[partition.uuid]
+        assert 0 < record.pop("seconds") < 300
+        assert isinstance(record.pop("totalBytes"), int)
+        assert record == {"backup": backup.id, "volume": partition.uuid, "outcome": outcome, "asked": asked,
+                          "type": types.get(name, asked), "mountPoint": partition.volume.mount_point,
+                          "copiedBytes": backup.bytes(name)}
+
+
+def codes(backup):
+    return MARK.findall(backup.log)
+
+
+def test_records_and_codes_of_what_can_become_of_a_backup(protection):
+    backup = protection.run(full=True)
+    check(protection, backup, "success", "FULL")
+    assert set(codes(backup)) == {("fallback", "volume-unknown")}
+
+    with open(protection.images[NAMES[0]].path, "r+b") as image: # which is another one then
+        byte = os.pread(image.fileno(), 1, 4096)[0]
+        os.pwrite(image.fileno(), bytes([byte ^ 1]), 4096)
+    backup = protection.run()
+    check(protection, backup, "success", "INCREMENTAL", **{NAMES[0]: "DIFFERENTIAL MERGE"})
+    assert codes(backup) == [("fallback", "image-differs")]
+
+    backup = protection.run(volumes=protection.request(scripts=["nobody"]))
+    check(protection, backup, "failed", "INCREMENTAL")
+    assert backup.log.count('"totalBytes":-1,') == len(NAMES)
+    assert codes(backup)[0] == ("failure", "script-missing")
+
+    write_script("slow", "#!/bin/sh\nsleep 2\n")
+    backup = protection.start(volumes=protection.request(scripts=["slow"]))
+    backup.wait_for_log("Quiescing volumes...")
+    backup.cancel()
+    check(protection, backup.wait(), "cancelled", "INCREMENTAL")
+    assert not [code for kind, code in codes(backup) if kind == "failure"]
+
+    backup = protection.run()
+    check(protection, backup, "success", "INCREMENTAL")
+    assert codes(backup) == []
+    protection.verify()

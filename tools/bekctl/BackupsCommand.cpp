@@ -1,0 +1,81 @@
+#include "Commands.h"
+#include "Database.h"
+#include "LogFiles.h"
+#include "Places.h"
+#include "RecordTable.h"
+
+#include <exception>
+#include <ostream>
+
+namespace bekctl {
+
+namespace {
+
+/// Volumes that have been backed up once, whether or not the log still tells of it; none where the database
+/// can't be read.
+std::vector<std::string> knownVolumes() {
+    try {
+        return readDatabase(databasePath()).volumes;
+    } catch (const std::exception&) {
+        return {};
+    }
+}
+
+std::vector<std::string> withoutRecord(const BackupLog& log) {
+    std::vector<std::string> volumes = knownVolumes();
+    std::erase_if(volumes, [&](const std::string& uuid) { return log.lastRecords().contains(uuid); });
+    return volumes;
+}
+
+Json jsonOf(const LogFindings& found, const std::vector<std::string>& unknown) {
+    Json records = Json::array();
+    for (const auto& [uuid, record] : found.log->lastRecords()) {
+        records.push_back(jsonOf(record));
+    }
+    return {{"backups", records},
+            {"volumesWithoutRecord", unknown},
+            {"runningSince", momentOrNull(found.log->runningSince())},
+            {"cutOff", momentOrNull(found.log->cutOff())},
+            {"logSince", momentOrNull(found.since)},
+            {"logProblem", textOrNull(found.problem)}};
+}
+
+void print(const Output& output, const LogFindings& found, const std::vector<std::string>& unknown) {
+    std::ostream& out = output.out;
+    if (found.log->lastRecords().empty()) {
+        out << "The log tells of no backup. It "
+            << (found.since ? "begins on " + localText(*found.since).substr(0, 10) : "is empty")
+            << "; seven days are kept.\n";
+    } else {
+        Table table = recordTable();
+        for (const auto& [uuid, record] : found.log->lastRecords()) {
+            addRecord(table, record);
+        }
+        table.print(out, output.screen);
+    }
+    for (const std::string& uuid : unknown) {
+        out << "Volume " << plain(uuid)
+            << " was backed up, or begun to be; the log doesn't go back so far.\n";
+    }
+    if (const auto cutOff = found.log->cutOff()) {
+        out << "The backup that began at " << localText(*cutOff) << " was cut off by the end of the agent.\n";
+    }
+    if (!found.problem.empty()) {
+        out << output.screen.paint(Colour::red, "Not all of the log could be read: " + found.problem) << '\n';
+    }
+}
+
+} // namespace
+
+int showBackups(const Output& output) {
+    const LogFindings found = readLogs();
+    const std::vector<std::string> unknown = withoutRecord(*found.log);
+    if (output.isJson) {
+        printJson(output.out, jsonOf(found, unknown));
+    } else {
+        print(output, found, unknown);
+    }
+    return found.problem.empty() ? well : unusable;
+}
+
+} // namespace bekctl

@@ -1,0 +1,27 @@
+#pragma once
+
+#include "Screen.h"
+
+#include <iosfwd>
+#include <string>
+
+/// One function a command. Each looks, prints and returns the exit status; what keeps it from looking is
+/// thrown, as std::exception.
+namespace bekctl {
+
+enum ExitStatus { well = 0, unwell = 1, unusable = 2 };
+
+/// Where a command prints, and in which form.
+struct Output {
+    std::ostream& out;
+    Screen screen;
+    bool isJson = false;
+};
+
+int showStatus(const Output& output);
+int showVolumes(const Output& output);
+int showBackups(const Output& output);
+int showPairing(const Output& output);
+int showCertificates(const Output& output);
+
+} // namespace bekctl

@@ -1,0 +1,40 @@
+#pragma once
+
+#include "info/DriverDeviceInfo.h"
+#include "info/DriverStatusFiles.h"
+#include "info/IDriverController.h"
+#include "info/log/Logger.h"
+
+#include <memory>
+#include <optional>
+#include <string>
+
+namespace bekctl {
+
+enum class DriverKind { none, kernel, standIn };
+
+/// The snapshot driver, by the files in which it shows itself. Its library isn't asked: the stand-in's would
+/// take its turn for each question and bring its files up to date, and a backup would have to wait for that.
+class DriverFacts {
+public:
+    explicit DriverFacts(agent::info::Logger& logger);
+
+    [[nodiscard]] DriverKind kind() const { return foundKind; }
+    /// Empty if there is no driver, or if it doesn't tell.
+    [[nodiscard]] const std::string& version() const { return foundVersion; }
+    [[nodiscard]] bool isNewEnough() const;
+    /// Nothing if the driver has no device for the volume.
+    [[nodiscard]] std::optional<agent::info::DriverDeviceInfo>
+    deviceOf(const agent::info::BackupableVolume& volume) const;
+
+private:
+    agent::info::DriverStatusFiles files;
+    DriverKind foundKind = DriverKind::none;
+    std::unique_ptr<agent::info::IDriverController> controller;
+    std::string foundVersion;
+};
+
+/// "kernel module", "stand-in" or "none".
+std::string nameOf(DriverKind kind);
+
+} // namespace bekctl

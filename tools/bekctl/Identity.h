@@ -1,0 +1,36 @@
+#pragma once
+
+#include "CertificateFile.h"
+
+#include <ctime>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace bekctl {
+
+/// One of the two certificates in the agent's directory.
+struct IdentityPart {
+    std::string name; ///< "agent" or "authority"
+    std::string path;
+    std::optional<CertificateFile> certificate;
+    std::string problem; ///< why there is none
+};
+
+/// The agent's certificates and its key, each for itself and with the others.
+struct Identity {
+    IdentityPart agent;
+    IdentityPart authority;
+    std::optional<bool> hasOwnKey;    ///< the key belongs to the agent's certificate
+    std::string keyProblem;           ///< why that can't be told
+    std::optional<bool> isVouchedFor; ///< the authority has signed the agent's certificate
+
+    [[nodiscard]] bool isSound(std::time_t now) const;
+};
+
+Identity readIdentity();
+
+/// "valid", "not valid yet" or "has ended".
+std::string validityOf(const CertificateFile& certificate, std::time_t now);
+
+} // namespace bekctl

@@ -1,0 +1,15 @@
+#pragma once
+
+#include "BackupLog.h"
+#include "Json.h"
+#include "Table.h"
+
+namespace bekctl {
+
+/// How the last backups of volumes are shown, by every command that does.
+Table recordTable();
+/// One row, and a note with the reasons if there are any.
+void addRecord(Table& table, const BackupRecord& record);
+Json jsonOf(const BackupRecord& record);
+
+} // namespace bekctl

@@ -1,0 +1,38 @@
+#include "Settings.h"
+
+#include "Text.h"
+#include "app/AgentConfigOptions.h"
+#include "common/config/Config.h"
+#include "common/config/JSONConfigDataProvider.h"
+
+#include <exception>
+
+namespace bekctl {
+
+struct Settings::Stored {
+    Stored(agent::info::Logger& logger, const std::string& path)
+        : provider(path), config(logger, provider, agent::app::agentConfigOptions()) {}
+
+    agent::JSONConfigDataProvider provider;
+    agent::Config config;
+};
+
+Settings::Settings(const std::string& path)
+    : logger([this](const std::string& message, int /*level*/, agent::info::LogTime /*time*/) {
+          logged.push_back(plain(message.substr(0, message.find('\n'))));
+      }) {
+    try {
+        stored = std::make_unique<Stored>(logger, path);
+    } catch (const std::exception& error) {
+        unusable = plain(error.what());
+        stored = std::make_unique<Stored>(logger, ""); // a file of no name is an empty one
+    }
+}
+
+Settings::~Settings() = default;
+
+const agent::IConfig& Settings::config() const {
+    return stored->config;
+}
+
+} // namespace bekctl

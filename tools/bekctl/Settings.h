@@ -1,0 +1,34 @@
+#pragma once
+
+#include "common/config/IConfigData.h"
+#include "info/log/Logger.h"
+
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace bekctl {
+
+/// The agent's settings, as its next start will take them.
+class Settings {
+public:
+    explicit Settings(const std::string& path);
+    Settings(const Settings&) = delete;
+    Settings& operator=(const Settings&) = delete;
+    ~Settings();
+
+    /// Why the file can't be used; empty if it can. All settings have their defaults then.
+    [[nodiscard]] const std::string& problem() const { return unusable; }
+    /// What the agent would log of values that don't fit.
+    [[nodiscard]] const std::vector<std::string>& complaints() const { return logged; }
+    [[nodiscard]] const agent::IConfig& config() const;
+
+private:
+    struct Stored;
+    std::vector<std::string> logged;
+    agent::info::Logger logger;
+    std::string unusable;
+    std::unique_ptr<Stored> stored;
+};
+
+} // namespace bekctl

@@ -1,0 +1,117 @@
+#include "Commands.h"
+#include "Json.h"
+#include "Places.h"
+#include "Settings.h"
+#include "Silence.h"
+#include "Table.h"
+#include "VolumeFacts.h"
+
+#include <ostream>
+
+namespace bekctl {
+
+namespace {
+
+constexpr std::uint64_t bytesPerMiB = 1'048'576;
+
+Json jsonOf(const VolumeFacts& facts) {
+    const agent::info::BackupableVolume& volume = *facts.volume;
+    Json document{{"device", volume.getDevice()},
+                  {"uuid", volume.getUuid()},
+                  {"label", volume.getLabel()},
+                  {"mountPoints", volume.getMountPoints()},
+                  {"fileSystem", volume.getFileSystem()},
+                  {"sizeBytes", volume.getSize()},
+                  {"usedBytes", facts.usedBytes ? Json(*facts.usedBytes) : Json()},
+                  {"canBeBackedUp", facts.obstacle.empty()},
+                  {"obstacle", textOrNull(facts.obstacle)},
+                  {"driver", Json()},
+                  {"room", Json()}};
+    if (facts.device) {
+        document["driver"] = {{"state", facts.state()},
+                              {"minor", facts.device->minor},
+                              {"error", facts.device->error},
+                              {"cowFile", facts.device->cow_file}};
+    }
+    if (facts.room) {
+        document["room"] = {{"cowFileBytes", facts.room->cowMebibytes * bytesPerMiB},
+                            {"neededBytes", facts.room->needed},
+                            {"freeBytes", facts.room->free},
+                            {"enough", facts.room->free >= facts.room->needed}};
+    }
+    return document;
+}
+
+Cell stateOf(const VolumeFacts& facts) {
+    if (!facts.obstacle.empty()) {
+        return {"no", Colour::yellow};
+    }
+    const std::string state = facts.state();
+    if (state.empty()) {
+        return "untracked";
+    }
+    return {state, state.starts_with("error") ? Colour::red : Colour::green};
+}
+
+std::vector<std::string> notesOf(const VolumeFacts& facts) {
+    const std::string& uuid = facts.volume->getUuid();
+    std::vector<std::string> notes{uuid.empty() ? plain(facts.volume->getDevice())
+                                                : plain(facts.volume->getDevice() + ", UUID " + uuid)};
+    if (!facts.obstacle.empty()) {
+        notes.push_back("can't be backed up: " + facts.obstacle);
+    }
+    return notes;
+}
+
+void add(Table& table, const VolumeFacts& facts) {
+    const auto size = [](bool isKnown, std::uint64_t bytes) { return isKnown ? sizeText(bytes) : "-"; };
+    const Room room = facts.room.value_or(Room());
+    const bool isFull = room.free < room.needed;
+    table.add({facts.name(),
+               plain(facts.volume->getFileSystem()),
+               sizeText(facts.volume->getSize()),
+               size(facts.usedBytes.has_value(), facts.usedBytes.value_or(0)),
+               stateOf(facts),
+               size(facts.room.has_value(), room.needed),
+               {size(facts.room.has_value(), room.free), isFull ? Colour::red : Colour::none}},
+              notesOf(facts));
+}
+
+void print(const Output& output, const std::vector<VolumeFacts>& volumes) {
+    if (volumes.empty()) {
+        output.out << "udisks2 shows no volume of this machine.\n";
+        return;
+    }
+    Table table({{"VOLUME", false, true},
+                 {"TYPE"},
+                 {"SIZE", true},
+                 {"USED", true},
+                 {"BACKUP"},
+                 {"NEEDED", true},
+                 {"FREE", true}});
+    for (const VolumeFacts& facts : volumes) {
+        add(table, facts);
+    }
+    table.print(output.out, output.screen);
+}
+
+} // namespace
+
+int showVolumes(const Output& output) {
+    Silence silence;
+    const DriverFacts driver(silence.logger);
+    const Settings settings(configPath());
+    const std::vector<VolumeFacts> volumes = findVolumes(silence.logger, driver, settings.config());
+    if (output.isJson) {
+        Json list = Json::array();
+        for (const VolumeFacts& facts : volumes) {
+            list.push_back(jsonOf(facts));
+        }
+        printJson(output.out, {{"volumes", list}, {"settingsProblem", textOrNull(settings.problem())}});
+    } else {
+        print(output, volumes);
+    }
+    return well;
+}
+
+} // namespace bekctl
