@@ -75,9 +75,9 @@ def test_second_cow_file_that_will_not_fit_is_told_of_at_the_first_backup(protec
     protection.set_cow_size(155)
     backup = protection.run(full=True)
     assert backup.state == "finished", backup.log
-    told = re.search(r"\[WARNING:\]  The next backup of volume (\S+) \(.+\) will need \S+ MiB for a second CoW "
-                     r"file, and this one leaves \S+ MiB: free the rest, or set volumes\.(\S+)\.cowFileSizeMiB "
-                     r"to (\d+) or less\n", backup.log)
+    told = re.search(r"\[WARNING:\]  The next backup of volume (\S+) \(.+\) will need \S+ MiB for a second "
+                     r"CoW file, and this one leaves \S+ MiB: free the rest, or set "
+                     r"volumes\.(\S+)\.cowFileSizeMiB to (\d+) or less\n", backup.log)
     assert told and told[1] == told[2] == volumes[NAMES[0]].uuid, backup.log
     backup = protection.run()
     assert backup.state == "failed", backup.log
