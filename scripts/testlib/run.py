@@ -84,7 +84,8 @@ def lanes_of(parts, seconds):
     patient = []
     if "lint" in parts:
         computing.append(lint_tests_chain())
-        patient.append([Step("lint", ["scripts/lint", "--all"], nice=NICE_LINT)])
+        patient.append([Step("lint", ["scripts/lint", "--all"], nice=NICE_LINT, is_test=True,
+                             shown="^lint: ")])
     if "ceph" in parts:
         waiting.append(ceph_chain())
     if "fuzz" in parts:
@@ -97,7 +98,7 @@ def main():
     signal.signal(signal.SIGTERM, lambda *_: sys.exit(128 + signal.SIGTERM))
     seconds, *parts = sys.argv[1:]
     lanes = lanes_of(parts, seconds)
-    display = Display(sum(len(chain) for lane in lanes for chain in lane))
+    display = Display(sum(len(chain) for lane in lanes for chain in lane), what=", ".join(parts))
     logs = BUILD / "logs"
     logs.mkdir(parents=True, exist_ok=True)
     Lanes(ROOT, logs, display).run(lanes)
