@@ -47,6 +47,7 @@ class Installed:
         """One that is finished, whose images are those of its snapshots: what it has become."""
         outcome = self.inside("backup", kind)
         assert outcome["state"] == "finished", outcome["log"]
+        assert "Could not prevent system sleep" not in outcome["log"]
         assert outcome["blocks"] > 0 and outcome["files"] > 0
         self.ways = outcome["tracked"]
         return outcome["types"]

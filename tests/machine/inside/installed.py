@@ -15,6 +15,7 @@ import json
 import os
 import pathlib
 import random
+import re
 import shutil
 import sys
 import time
@@ -106,8 +107,8 @@ def device_of(partition):
 def tracked_by(partition):
     """In the words of the driver's tool."""
     minor = device_of(partition)["minor"]
-    return next(" ".join(line.split()[6:]) for line in run("tolvuctl", "list").splitlines()
-                if line.split()[0] == str(minor))
+    line = next(line for line in run("tolvuctl", "list").splitlines() if line.split()[0] == str(minor))
+    return re.search("(device-mapper|capture).*", line)[0]
 
 
 class Agent:
