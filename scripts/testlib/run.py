@@ -46,9 +46,10 @@ def package_chain():
     return [Step("packages, twice", ["scripts/package", "--again"], nice=NICE_BUILD, is_test=True,
                  progress=BUILD / "package.log"),
             image, build("release", nice=NICE_BUILD, name="programs for packages"),
-            Step("tests of packages", ["lab/namespace", "env", "BEKD_BUILD=build/release", PYTHON, "-m", "pytest", "-q",
-                                       "-p", "no:cacheprovider", f"--junitxml={reports}/package.xml",
-                                       "tests/package"], reports=reports)]
+            Step("tests of packages", ["lab/namespace", "env", "BEKD_BUILD=build/release", PYTHON, "-m",
+                                       "pytest", "-q", "-p", "no:cacheprovider",
+                                       f"--junitxml={reports}/package.xml", "tests/package"],
+                 reports=reports)]
 
 
 def ceph_chain():
