@@ -1,4 +1,5 @@
 """bekctl, which looks at an agent: what it shows of each state, and that the agent never notices."""
+import json
 import os
 import pathlib
 import pty
@@ -13,10 +14,11 @@ from backup_site import EXT4, XFS, fill_some
 from bekctl import UNUSABLE, UNWELL, run_bekctl, shown, told
 from lab.appliance_client import DEVICE
 from lab.commands import run
-from lab.daemon import CERTIFICATES, DATABASE, PID_FILE, program, stored_log
+from lab.daemon import CERTIFICATES, DATABASE, LOGS, PID_FILE, ROOT, program, stored_log
 from lab.volumes import Volume
 
-COMMANDS = ("status", "volumes", "backups", "pairing", "certificates")
+COMMANDS = ("status", "volumes", "backups", "pairing", "certificates", "check")
+PAGE = (ROOT / "tools" / "bekctl" / "README.md").read_text(encoding="utf-8")
 VOLUMES = (EXT4, XFS, Volume("spare", "ext4", mebibytes=64), Volume("swap", "swap", mebibytes=64))
 
 
@@ -256,3 +258,75 @@ def test_colours_are_for_terminals_only(volume_site):
 def test_lines_fit_a_terminal(volume_site):
     plain = on_terminal("volumes", "--no-color")
     assert max(map(len, plain.splitlines())) <= 80, plain
+
+
+def documented(title):
+    """The keys of an object, as the page has them."""
+    row = next(line for line in PAGE.splitlines() if line.startswith(f"| {title} |"))
+    return set(re.findall(r"`(\w+)`", re.sub(r"\([^)]*\)", "", row.split("|")[2])))
+
+
+def test_keys_are_those_of_the_page(protect, volumes):
+    assert protect("data").run(full=True).state == "finished"
+    status, found, backups = told("status"), told("volumes"), told("backups")
+    certificates, reasons = told("certificates"), told("reasons")
+    check = json.loads(run_bekctl("check", "--json").stdout)
+    volume = next(volume for volume in found["volumes"] if volume["driver"])
+    for title, document in (
+            ("`status`", status), ("`status` `agent`", status["agent"]),
+            ("`status` `agent` `port`", status["agent"]["port"]), ("`status` `pairing`", status["pairing"]),
+            ("`status` `driver`", status["driver"]), ("`volumes`", found), ("a volume", volume),
+            ("a volume's `driver`", volume["driver"]), ("a volume's `room`", volume["room"]),
+            ("`backups`", backups), ("a backup", backups["backups"][0]), ("`pairing`", told("pairing")),
+            ("`certificates`", certificates), ("a certificate", certificates["certificates"][0]),
+            ("`check`", check), ("a check", check["checks"][0]), ("`reasons`", reasons),
+            ("a reason", reasons["reasons"][0])):
+        assert set(document) == documented(title), title
+    names = set(re.findall(r"`([a-z0-9-]+)`", PAGE.partition("## Checks")[2].partition("`room` counts")[0]))
+    assert {entry["name"] for entry in check["checks"]} <= names
+
+
+def test_backups_and_their_reasons(protect, volumes):
+    """From what the agent has logged of them."""
+    nothing = told("backups")
+    assert (nothing["backups"], nothing["runningSince"]) == ([], None)
+    assert "The log tells of no backup." in shown("backups")
+    protection = protect("data", "files")
+    for kind, asked, became in (({}, "INCREMENTAL", "FULL"), ({"merge": True}, "DIFFERENTIAL MERGE",
+                                                              "DIFFERENTIAL MERGE"),
+                                ({}, "INCREMENTAL", "INCREMENTAL")):
+        backup = protection.run(**kind)
+        assert backup.state == "finished", backup.log
+        records = {record["volume"]: record for record in told("backups")["backups"]}
+        assert set(records) == {partition.uuid for partition in protection.partitions.values()}
+        for name, partition in protection.partitions.items():
+            record = records[partition.uuid]
+            assert (record["asked"], record["type"], record["outcome"]) == (asked, became, "success"), record
+            assert (record["backup"], record["copiedBytes"]) == (backup.id, backup.bytes(name))
+            codes = {reason["code"] for reason in record["reasons"]}
+            assert ("volume-unknown" in codes) == (asked != became), record
+    assert told("backups")["volumesWithoutRecord"] == []
+    for path in LOGS.glob("bek_*.log"):
+        path.unlink()
+    assert len(told("backups")["volumesWithoutRecord"]) == 2
+    assert "the log doesn't go back so far" in shown("backups")
+
+
+def test_backup_that_fails_and_one_that_runs(protect, volumes):
+    protection = protect("data")
+    with socket.create_server(("127.0.0.1", 0)) as server:
+        place = f"127.0.0.1:{server.getsockname()[1]}"
+    backup = protection.start(volumes=protection.request("data", target=place), full=True)
+    backup.wait_for_log("Try: 1")
+    assert told("status")["backupRunningSince"] is not None
+    assert backup.wait().state != "finished"
+    assert told("status")["backupRunningSince"] is None
+    record = told("backups")["backups"][0]
+    assert record["outcome"] == "failed"
+    assert {"target-refused", "target-unreachable"} & {reason["code"] for reason in record["reasons"]}
+
+
+def test_reasons_need_no_root():
+    done = run_bekctl("reasons", user=65534)
+    assert (done.returncode, done.stderr) == (0, "")
+    assert "volume-unknown (fallback)" in done.stdout

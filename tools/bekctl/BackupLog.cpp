@@ -13,6 +13,7 @@
 #include <cmath>
 #include <cstddef>
 #include <exception>
+#include <limits>
 #include <string_view>
 #include <utility>
 
@@ -26,7 +27,6 @@ constexpr std::size_t decorationBytes = 36; // date, time, level
 constexpr std::size_t levelPosition = 24;
 constexpr std::size_t longestRecord = 65'536;
 constexpr std::size_t longestReasonLine = 4096;
-constexpr std::size_t longestCode = 64;
 constexpr std::size_t mostReasonLines = 1000; // of a run
 constexpr std::size_t mostReasons = 32;       // of a volume
 constexpr std::size_t mostVolumes = 1000;
@@ -61,20 +61,17 @@ bool isOfInterest(std::string_view line) {
            text.ends_with(']') || line.substr(levelPosition).starts_with(errorTag);
 }
 
-bool isCode(std::string_view code) {
-    constexpr std::string_view letters = "abcdefghijklmnopqrstuvwxyz0123456789-";
-    return !code.empty() && code.size() <= longestCode &&
-           code.find_first_not_of(letters) == std::string_view::npos;
-}
-
 std::string textOf(const json& object, const char* key) {
     const auto found = object.find(key);
     return found != object.end() && found->is_string() ? plain(found->get<std::string>()) : "";
 }
 
-std::uint64_t numberOf(const json& object, const char* key) {
+/// An estimate may have fallen below zero, and is then a number that no volume has bytes of.
+std::optional<std::uint64_t> bytesOf(const json& object, const char* key) {
+    constexpr auto most = static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max());
     const auto found = object.find(key);
-    return found == object.end() ? 0 : agent::wholeNumber<std::uint64_t>(*found).value_or(0);
+    const auto bytes = found == object.end() ? std::nullopt : agent::wholeNumber<std::uint64_t>(*found);
+    return bytes && *bytes <= most ? bytes : std::nullopt;
 }
 
 double secondsOf(const json& object) {
@@ -102,21 +99,6 @@ bool isAddress(std::string_view text) {
 }
 
 } // namespace
-
-std::optional<Reason> reasonOf(const std::string& text) {
-    const std::size_t begin = text.rfind(" [");
-    if (begin == std::string::npos || !text.ends_with(']')) {
-        return std::nullopt;
-    }
-    const std::string_view inside = std::string_view(text).substr(begin + 2, text.size() - begin - 3);
-    const std::size_t colon = inside.find(':');
-    const std::string_view kind = inside.substr(0, colon);
-    if (colon == std::string_view::npos || (kind != "fallback" && kind != "failure") ||
-        !isCode(inside.substr(colon + 1))) {
-        return std::nullopt;
-    }
-    return Reason{std::string(kind), std::string(inside.substr(colon + 1))};
-}
 
 void BackupLog::add(const std::string& line) {
     if (!isOfInterest(line)) {
@@ -184,8 +166,8 @@ void BackupLog::addRecord(const std::string& text, std::time_t time) {
         record.asked = textOf(stored, "asked");
         record.type = textOf(stored, "type");
         record.outcome = textOf(stored, "outcome");
-        record.copiedBytes = numberOf(stored, "copiedBytes");
-        record.totalBytes = numberOf(stored, "totalBytes");
+        record.copiedBytes = bytesOf(stored, "copiedBytes");
+        record.totalBytes = bytesOf(stored, "totalBytes");
         record.seconds = secondsOf(stored);
         record.end = time;
         run.records.push_back(std::move(record));
@@ -194,9 +176,9 @@ void BackupLog::addRecord(const std::string& text, std::time_t time) {
 }
 
 void BackupLog::addReason(const std::string& text) {
-    std::optional<Reason> reason = reasonOf(text);
-    if (reason && run.reasons.size() < mostReasonLines) {
-        run.reasons.push_back({std::move(*reason), run.copying, text.substr(0, longestReasonLine)});
+    const agent::info::Reason* const reason = agent::info::reasonOf(std::string_view(text));
+    if (reason != nullptr && run.reasons.size() < mostReasonLines) {
+        run.reasons.push_back({reason, run.copying, text.substr(0, longestReasonLine)});
     }
 }
 

@@ -2,6 +2,7 @@
 
 #include "info/log/DateDecorator.h"
 #include "info/log/MultiDecorator.h"
+#include "info/log/Reason.h"
 #include "info/log/TagDecorator.h"
 
 #include <cstdint>
@@ -13,13 +14,6 @@
 
 namespace bekctl {
 
-/// Why a backup has failed, or copied more than was asked for.
-struct Reason {
-    std::string kind; ///< "fallback" or "failure"
-    std::string code;
-    bool operator==(const Reason&) const = default;
-};
-
 /// What the agent has noted of one volume at the end of a backup.
 struct BackupRecord {
     std::string backup;
@@ -28,11 +22,11 @@ struct BackupRecord {
     std::string asked; ///< the type that the appliance has asked for
     std::string type;  ///< the one that it became
     std::string outcome;
-    std::uint64_t copiedBytes = 0;
-    std::uint64_t totalBytes = 0;
+    std::optional<std::uint64_t> copiedBytes; ///< nothing if it didn't come so far
+    std::optional<std::uint64_t> totalBytes;  ///< the estimate; nothing if there is none that can be right
     double seconds = 0;
     std::time_t end = 0;
-    std::vector<Reason> reasons;
+    std::vector<const agent::info::Reason*> reasons; ///< of the table, each once
 };
 
 /// Makes out of the lines of the log, oldest first, what has become of the backups. A line may hold anything:
@@ -59,7 +53,7 @@ public:
 private:
     /// A line that has a reason, and the volume that was being copied, if any was.
     struct ReasonLine {
-        Reason reason;
+        const agent::info::Reason* reason = nullptr;
         std::string copying;
         std::string text;
     };
@@ -90,8 +84,5 @@ private:
     std::optional<std::time_t> lastCutOff;
     std::string target;
 };
-
-/// The reason at the end of a line, if there is one.
-std::optional<Reason> reasonOf(const std::string& text);
 
 } // namespace bekctl

@@ -23,5 +23,8 @@ int showVolumes(const Output& output);
 int showBackups(const Output& output);
 int showPairing(const Output& output);
 int showCertificates(const Output& output);
+/// `target` is HOST[:PORT], or empty for the one that the log has named last.
+int showCheck(const Output& output, const std::string& target);
+int showReasons(const Output& output);
 
 } // namespace bekctl

@@ -6,10 +6,14 @@ namespace bekctl {
 
 namespace {
 
-std::string namesOf(const std::vector<Reason>& reasons) {
+std::string nameOf(const agent::info::Reason& reason) {
+    return std::string(agent::info::kindName(reason.kind)) + ":" + std::string(reason.code);
+}
+
+std::string namesOf(const std::vector<const agent::info::Reason*>& reasons) {
     std::string names;
-    for (const Reason& reason : reasons) {
-        names += (names.empty() ? "" : ", ") + reason.kind + ":" + reason.code;
+    for (const agent::info::Reason* const reason : reasons) {
+        names += (names.empty() ? "" : ", ") + nameOf(*reason);
     }
     return names;
 }
@@ -23,6 +27,10 @@ std::vector<std::string> notesOf(const BackupRecord& record) {
         notes.push_back(namesOf(record.reasons));
     }
     return notes;
+}
+
+Json bytesOrNull(const std::optional<std::uint64_t>& bytes) {
+    return bytes ? Json(*bytes) : Json();
 }
 
 } // namespace
@@ -42,15 +50,22 @@ void addRecord(Table& table, const BackupRecord& record) {
                localText(record.end),
                record.type,
                {record.outcome, isGood ? Colour::green : Colour::red},
-               sizeText(record.copiedBytes),
+               record.copiedBytes ? sizeText(*record.copiedBytes) : "-",
                durationText(record.seconds)},
               notesOf(record));
 }
 
+Json jsonOf(const agent::info::Reason& reason) {
+    return {{"kind", agent::info::kindName(reason.kind)},
+            {"code", reason.code},
+            {"meaning", reason.meaning},
+            {"remedy", reason.remedy}};
+}
+
 Json jsonOf(const BackupRecord& record) {
     Json reasons = Json::array();
-    for (const Reason& reason : record.reasons) {
-        reasons.push_back({{"kind", reason.kind}, {"code", reason.code}});
+    for (const agent::info::Reason* const reason : record.reasons) {
+        reasons.push_back(jsonOf(*reason));
     }
     return {{"volume", record.volume},
             {"mountPoint", textOrNull(record.mountPoint)},
@@ -58,8 +73,8 @@ Json jsonOf(const BackupRecord& record) {
             {"asked", record.asked},
             {"type", record.type},
             {"outcome", record.outcome},
-            {"copiedBytes", record.copiedBytes},
-            {"totalBytes", record.totalBytes},
+            {"copiedBytes", bytesOrNull(record.copiedBytes)},
+            {"totalBytes", bytesOrNull(record.totalBytes)},
             {"seconds", record.seconds},
             {"end", utcText(record.end)},
             {"reasons", reasons}};

@@ -11,5 +11,6 @@ Table recordTable();
 /// One row, and a note with the reasons if there are any.
 void addRecord(Table& table, const BackupRecord& record);
 Json jsonOf(const BackupRecord& record);
+Json jsonOf(const agent::info::Reason& reason);
 
 } // namespace bekctl

@@ -12,8 +12,7 @@ namespace {
 
 constexpr std::size_t gap = 2;
 constexpr std::size_t narrowest = 8; // of a column that has lost its end
-constexpr const char* noteIndent = "    ";
-constexpr std::size_t noteIndentWidth = 4;
+constexpr std::size_t noteIndent = 4;
 
 bool isContinuation(char byte) {
     return (static_cast<unsigned char>(byte) & 0xC0U) == 0x80U;
@@ -66,6 +65,13 @@ std::vector<std::string> wrapped(const std::string& text, std::size_t columns) {
         }
     }
     return lines;
+}
+
+void printIndented(std::ostream& out, const std::string& text, std::size_t indent, std::size_t columns) {
+    const std::size_t room = columns > 2 * indent ? columns - indent : columns;
+    for (const std::string& line : wrapped(text, room)) {
+        out << std::string(indent, ' ') << line << '\n';
+    }
 }
 
 void Table::add(std::vector<Cell> cells, std::vector<std::string> notes) {
@@ -134,11 +140,7 @@ void Table::print(std::ostream& out, const Screen& screen) const {
     for (const Row& row : rows) {
         printRow(out, screen, row.cells, chosen);
         for (const std::string& note : row.notes) {
-            const std::size_t room =
-                screen.columns > 2 * noteIndentWidth ? screen.columns - noteIndentWidth : screen.columns;
-            for (const std::string& line : wrapped(note, room)) {
-                out << noteIndent << line << '\n';
-            }
+            printIndented(out, note, noteIndent, screen.columns);
         }
     }
 }

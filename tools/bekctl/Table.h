@@ -51,5 +51,7 @@ private:
 std::size_t widthOf(const std::string& text);
 /// `text` in lines of at most `columns`, broken at blanks; 0 is one line.
 std::vector<std::string> wrapped(const std::string& text, std::size_t columns);
+/// The text behind so many blanks, in as many lines as it takes.
+void printIndented(std::ostream& out, const std::string& text, std::size_t indent, std::size_t columns);
 
 } // namespace bekctl

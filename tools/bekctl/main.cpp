@@ -1,10 +1,12 @@
 // The command line: which command, in which form, and what becomes of what it throws.
 
 #include "Commands.h"
+#include "Target.h"
 #include "Text.h"
 #include "app/Version.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <array>
 #include <exception>
 #include <iostream>
@@ -25,22 +27,40 @@ Exit status: 0; 1 if something is not as it should be; 2 if the command is wrong
 struct Options {
     bool isJson = false;
     bool isPlain = false;
+    std::string target;
 };
 
 struct Command {
     const char* name;
     const char* description;
-    int (*run)(const Output&);
+    int (*run)(const Output&, const Options&);
+    bool needsRoot = true;
 };
+
+/// A command that has no options of its own.
+template <int (*show)(const Output&)>
+int plainly(const Output& output, const Options& /*options*/) {
+    return show(output);
+}
+
+int check(const Output& output, const Options& options) {
+    return showCheck(output, options.target);
+}
+
+constexpr const char* checkName = "check";
 
 constexpr std::array commands{
     Command{"status", "Whether the agent runs and answers, its pairing, its driver and the last backups",
-            &showStatus},
-    Command{"volumes", "The volumes as the agent sees them, and the room for their snapshots", &showVolumes},
-    Command{"backups", "The last backup of each volume, as far as the log goes back", &showBackups},
-    Command{"pairing", "The appliance that the agent is paired with", &showPairing},
+            &plainly<showStatus>},
+    Command{"volumes", "The volumes as the agent sees them, and the room for their snapshots",
+            &plainly<showVolumes>},
+    Command{"backups", "The last backup of each volume, as far as the log goes back", &plainly<showBackups>},
+    Command{"pairing", "The appliance that the agent is paired with", &plainly<showPairing>},
     Command{"certificates", "The agent's certificates, when they end, and whether they belong together",
-            &showCertificates},
+            &plainly<showCertificates>},
+    Command{checkName, "What would make the next backup fail, or copy more than it is asked to", &check},
+    Command{"reasons", "The codes that the log gives for fall-backs and failures", &plainly<showReasons>,
+            false},
 };
 
 void declareForm(CLI::App& app, Options& options) {
@@ -55,16 +75,26 @@ void declare(CLI::App& app, Options& options) {
     for (const Command& command : commands) {
         declareForm(*app.add_subcommand(command.name, command.description), options);
     }
+    app.get_subcommand(checkName)
+        ->add_option("--target", options.target,
+                     "See whether this target can be reached, and not the one that the log has named last; "
+                     "the port is 3260 unless given")
+        ->type_name("HOST[:PORT]")
+        ->check([](const std::string& text) {
+            return parseTarget(text) ? std::string() : "no host, or no port: " + plain(text);
+        });
 }
 
-int runCommand(const CLI::App& app, const Options& options) {
-    const Output output{std::cout, Screen::ofStandardOutput(!options.isPlain), options.isJson};
-    for (const Command& command : commands) {
-        if (app.got_subcommand(command.name)) {
-            return command.run(output);
-        }
-    }
-    return unusable;
+const Command& commandOf(const CLI::App& app) {
+    return *std::ranges::find_if(commands,
+                                 [&](const Command& command) { return app.got_subcommand(command.name); });
+}
+
+int runCommand(const Command& command, const Options& options) {
+    const int status =
+        command.run({std::cout, Screen::ofStandardOutput(!options.isPlain), options.isJson}, options);
+    std::cout.flush();
+    return std::cout ? status : unusable;
 }
 
 int run(int argc, char** argv) {
@@ -76,14 +106,13 @@ int run(int argc, char** argv) {
     } catch (const CLI::ParseError& error) {
         return app.exit(error) == 0 ? well : unusable;
     }
-    if (::geteuid() != 0) {
+    const Command& command = commandOf(app);
+    if (command.needsRoot && ::geteuid() != 0) {
         std::cerr << "bekctl: must be run as root\n";
         return unusable;
     }
     try {
-        const int status = runCommand(app, options);
-        std::cout.flush();
-        return std::cout ? status : unusable;
+        return runCommand(command, options);
     } catch (const std::exception& error) {
         std::cerr << "bekctl: " << plain(error.what()) << '\n';
         return unusable;

@@ -1,0 +1,164 @@
+#include "AgentChecks.h"
+#include "Commands.h"
+#include "Json.h"
+#include "LogFiles.h"
+#include "Places.h"
+#include "Silence.h"
+#include "SiteChecks.h"
+#include "Table.h"
+#include "VolumeChecks.h"
+
+#include <algorithm>
+#include <exception>
+#include <ostream>
+
+namespace bekctl {
+
+namespace {
+
+/// What the checks of several parts need.
+struct Scene {
+    AgentFacts agent = findAgent();
+    std::optional<Database> database;
+    std::string databaseProblem;
+    Settings settings{configPath()};
+    LogFindings logs = readLogs();
+
+    [[nodiscard]] bool isBackupRunning() const {
+        return agent.isRunning() && logs.log->runningSince().has_value();
+    }
+};
+
+void readInto(Scene& scene) {
+    try {
+        scene.database = readDatabase(databasePath());
+    } catch (const std::exception& error) {
+        scene.databaseProblem = plain(error.what());
+    }
+}
+
+Findings checkAllVolumes(const Scene& scene, const DriverFacts& driver, agent::info::Logger& logger) {
+    try {
+        return checkVolumes(findVolumes(logger, driver, scene.settings.config()),
+                            scene.database ? scene.database->volumes : std::vector<std::string>(),
+                            scene.isBackupRunning());
+    } catch (const std::exception& error) {
+        return {{"volume", Verdict::failure, "The volumes can't be found: " + plain(error.what()) + ".",
+                 "See that dbus and udisks2 run."}};
+    }
+}
+
+Findings checkLog(const LogFindings& logs) {
+    if (!logs.problem.empty()) {
+        return {{"log", Verdict::warning, "Not all of the log could be read: " + logs.problem + ".",
+                 "Look at the files in " + (agent::dir::base() / "logs").str() + "."}};
+    }
+    return {{"log", Verdict::well, "The log can be read."}};
+}
+
+Findings checkAll(const std::string& target) {
+    Silence silence;
+    Scene scene;
+    readInto(scene);
+    const DriverFacts driver(silence.logger);
+    Findings all;
+    const auto add = [&](Findings found) { std::ranges::move(found, std::back_inserter(all)); };
+    add(checkAgent(scene.agent));
+    add(checkDatabase(scene.database, scene.databaseProblem));
+    add(checkIdentity(readIdentity(), std::time(nullptr)));
+    add({checkClock(isClockSynchronised())});
+    add(checkSettings(scene.settings));
+    add({checkDisk(findDiskRoom(agent::dir::base()))});
+    add(checkLog(scene.logs));
+    add(checkServices());
+    add(checkDriver(driver));
+    add(checkAllVolumes(scene, driver, silence.logger));
+    add(checkScripts(scriptsPath()));
+    add({checkTarget(target, scene.logs.log->lastTarget())});
+    return all;
+}
+
+std::string nameOf(Verdict verdict) {
+    switch (verdict) {
+    case Verdict::well:
+        return "ok";
+    case Verdict::warning:
+        return "warning";
+    case Verdict::failure:
+        return "failure";
+    case Verdict::open:
+        break;
+    }
+    return "open";
+}
+
+Colour colourOf(Verdict verdict) {
+    switch (verdict) {
+    case Verdict::well:
+        return Colour::green;
+    case Verdict::warning:
+        return Colour::yellow;
+    case Verdict::failure:
+        return Colour::red;
+    case Verdict::open:
+        break;
+    }
+    return Colour::none;
+}
+
+std::ptrdiff_t count(const Findings& findings, Verdict verdict) {
+    return std::ranges::count(findings, verdict, &Finding::verdict);
+}
+
+Json jsonOf(const Findings& findings) {
+    Json checks = Json::array();
+    for (const Finding& finding : findings) {
+        checks.push_back({{"name", finding.name},
+                          {"verdict", nameOf(finding.verdict)},
+                          {"text", finding.text},
+                          {"remedy", textOrNull(finding.remedy)},
+                          {"volume", textOrNull(finding.volume)}});
+    }
+    return {{"checks", checks},
+            {"failures", count(findings, Verdict::failure)},
+            {"warnings", count(findings, Verdict::warning)}};
+}
+
+/// The verdict before the text, and the lines of that below each other.
+void print(const Output& output, const Finding& finding) {
+    constexpr std::size_t indent = 9;
+    const std::size_t columns = output.screen.columns;
+    const std::string verdict = nameOf(finding.verdict);
+    const std::string blanks(indent - verdict.size(), ' ');
+    const std::vector<std::string> lines =
+        wrapped(finding.text, columns > 2 * indent ? columns - indent : columns);
+    output.out << output.screen.paint(colourOf(finding.verdict), verdict) << blanks << lines.front() << '\n';
+    for (std::size_t index = 1; index < lines.size(); ++index) {
+        output.out << std::string(indent, ' ') << lines[index] << '\n';
+    }
+    if (!finding.remedy.empty()) {
+        printIndented(output.out, "-> " + finding.remedy, indent, columns);
+    }
+}
+
+void print(const Output& output, const Findings& findings) {
+    for (const Finding& finding : findings) {
+        print(output, finding);
+    }
+    output.out << count(findings, Verdict::failure) << " failures, " << count(findings, Verdict::warning)
+               << " warnings\n";
+}
+
+} // namespace
+
+int showCheck(const Output& output, const std::string& target) {
+    const Findings findings = checkAll(target);
+    if (output.isJson) {
+        printJson(output.out, jsonOf(findings));
+    } else {
+        print(output, findings);
+    }
+    return count(findings, Verdict::failure) > 0 ? unwell : well;
+}
+
+} // namespace bekctl
