@@ -163,10 +163,10 @@ def test_paired(checkout):
     assert checkout.up("--paired") == text and checkout.up() == text
     commands = printed_commands(text)
     outputs = [checkout.shell(command) for command in commands]
-    assert len(outputs) == 4
+    assert len(outputs) == 6
     assert " full finished, " in outputs[0] and " incremental finished, " in outputs[1]
     assert "Backup run finished" in outputs[2]
-    assert "lost+found" in outputs[3] and ".tolvu" in outputs[3]
+    assert "lost+found" in outputs[5] and ".tolvu" in outputs[5]
     processes = checkout.processes()
     assert checkout.site("down") == (0, "")
     checkout.assert_gone(processes)
