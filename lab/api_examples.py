@@ -7,6 +7,7 @@ Inside lab/namespace, this puts the answers of the daemon that BEKD_BUILD names 
 Values that differ from run to run are replaced by fixed ones, so that a document that is up to date comes out
 as it was. A test compares the two.
 """
+import dataclasses
 import json
 import re
 
@@ -42,7 +43,7 @@ VOLATILE = (
     (r'("device": "/dev/)loop\d+p(\d)', r"\g<1>sda\g<2>"),
 )
 # What the machine of the examples has; other volumes of the machine that runs them are left out.
-VOLUMES = (DATA, SWAP)
+VOLUMES = (dataclasses.replace(DATA, mebibytes=1024), SWAP)
 SHOWN_UUIDS = ("7c1f5b8e-9a52-4d3e-b1c6-0f2a4e6d8b90", "d9e0a3b7-6c14-4f85-92ab-5e7d1c3f8a06")
 PLACE = re.compile(r"(<!-- example: ([\w-]+) -->\n```http\n)(.*?)(```\n)", re.DOTALL)
 

@@ -20,6 +20,7 @@ COW_MIB = 100
 NODES = "/sys/class/block"
 SECTOR = 512
 LEAST = 10 << 20 # a smaller image has no checksum
+ROOMY = 5 << 29 # bytes of a volume on which two CoW files of the agent's own choice fit
 RUN_ENDS = ("Backup run finished", "Exception occurred during backup run: ",
             "Unknown exception occurred during backup run")
 
@@ -127,14 +128,17 @@ class Protection:
                        for name, partition in self.partitions.items()}
         self.left_out = OWN_FILES # of the comparison of blocks
         self.scripts = [moments.install()] if are_volumes_logical() else []
-        self.set_cow_size(COW_MIB)
+        small = [name for name, partition in self.partitions.items() if size_of(partition) < ROOMY]
+        if small:
+            self.set_cow_size(COW_MIB, *small)
 
     def _add_image(self, partition, options):
         size = self.offset + max(size_of(partition), LEAST)
         return self.target.add_image(partition.name, size, **options)
 
     def set_cow_size(self, mebibytes, *names):
-        """Of the next snapshots. A size of the agent's own choice takes half of a small volume."""
+        """Of the next snapshots. A size of the agent's own choice takes half of a small volume; then there is
+        no room for a second one, see tests/functional/test_backup_room.py."""
         options = {f"volumes.{self.partitions[name].uuid}.cowFileSizeMiB": mebibytes
                    for name in names or self.partitions}
         answer = self.appliance.set_config(options)

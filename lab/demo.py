@@ -18,7 +18,7 @@ import sys
 import textwrap
 
 from lab.appliance_client import DEVICE, Appliance, NoAnswer, Unreachable
-from lab.backups import COW_MIB, Protection
+from lab.backups import COW_MIB, Protection, size_of
 from lab.certificates import Authority, CertificateError
 from lab.certservice import HOST, CertificateService, store_device, trust
 from lab.daemon import BASE, CERTIFICATES, ROOT, Daemon, require_private_site
@@ -29,6 +29,7 @@ from lab.services import ServiceError
 from lab.site import DATA, FILES, WINDOWS, Site
 from lab.snapshots import drop_snapshots
 from lab.targets import Target
+from lab.volumes import Disk, Volume
 from lab.zephane import ZephaneServer
 
 WIDTH = 100
@@ -37,8 +38,9 @@ LAB = pathlib.Path("/run/lab")
 STRANGER = 815
 PREFIX = "  | "
 LOG_DATE = re.compile(r"^\d{4}-\d\d-\d\d (?=\d\d:)", re.MULTILINE)
-VOLUMES = (dataclasses.replace(DATA, mebibytes=512), dataclasses.replace(FILES, mebibytes=384),
-           dataclasses.replace(WINDOWS, mebibytes=384))
+VOLUMES = (DATA, FILES, WINDOWS)
+# A gigabyte of poison for each gigabyte of image, unless it lies where a file system can share it.
+IMAGES = Volume("images", "xfs", 16384, str(LAB / "images"))
 FILES = 80
 LARGEST = 1 << 20
 HEAD_MIB = 10 # what the checksum of an image is made of
@@ -138,12 +140,13 @@ def set_up_site(tour):
     tour.lasting.enter_context(CertificateService(authority))
     tour.site = tour.lasting.enter_context(Site(VOLUMES))
     tour.lasting.callback(drop_snapshots) # or they would hold the site, wherever a step has failed
-    tour.target = tour.lasting.enter_context(Target())
+    tour.lasting.enter_context(Disk([IMAGES], token="images"))
+    tour.target = tour.lasting.enter_context(Target(directory=IMAGES.mount_point))
     show(f"services: system bus, login manager, udev, udisks2, {HOST}")
     show(f"iSCSI target: tgtd at {tour.target.portal}, {tour.target.name}")
     for partition in tour.site.disk:
         written = fill(partition)
-        show(f"volume {partition.name}: {partition.volume.file_system} of {partition.volume.mebibytes} MiB "
+        show(f"volume {partition.name}: {partition.volume.file_system} of {megabytes(size_of(partition))} "
              f"at {partition.volume.mount_point}, with {FILES} files of {megabytes(written)} together")
 
 
@@ -206,11 +209,11 @@ def look_at_host(tour):
 
 
 def set_option(tour):
-    """Let snapshots take less room than they would, and read it back"""
-    options = [f"volumes.{partition.uuid}.cowFileSizeMiB" for partition in tour.site.disk]
-    appliance("config", *(f"{option}={COW_MIB}" for option in options))
+    """Let the CoW file of the NTFS volume, which has to be copied, be a small one, and read it back"""
+    option = f"volumes.{tour.site.disk['windows'].uuid}.cowFileSizeMiB"
+    appliance("config", f"{option}={COW_MIB}")
     stored = json.loads(appliance("config"))
-    check(stored == dict.fromkeys(options, COW_MIB), f"the settings are {stored}")
+    check(stored == {option: COW_MIB}, f"the settings are {stored}")
     show(json.dumps(stored, indent=4))
 
 
@@ -327,7 +330,7 @@ def seconds_of_copy(log, uuid):
 
 def back_up_elsewhere(tour):
     """FULL over the second transport, whose images have a secret each"""
-    server = tour.lasting.enter_context(ZephaneServer())
+    server = tour.lasting.enter_context(ZephaneServer(directory=IMAGES.mount_point))
     show(f"server: zephaned at {server.portal}, with an nbdkit for each image")
     tour.protection = Protection(tour.protection.appliance, tour.daemon, server, [tour.site.disk["data"]])
     back_up(tour, "full", {"data": "full"}, zephane_arguments)
@@ -370,8 +373,8 @@ def show_results(results, succeeded):
     if succeeded:
         print("\nAfter each backup every image was what its volume had been at the snapshot.\n"
               "DIFFERENTIAL_MERGE compares all that is in use, counted as copied, and writes what differs.\n"
-              f"Of the NTFS volume the snapshot driver's file of {COW_MIB} MiB is copied too: its file "
-              "system doesn't say where it lies.")
+              f"Of the NTFS volume the snapshot driver's file of {megabytes(COW_MIB << 20)} is copied "
+              "too: its file system doesn't say where it lies.")
 
 
 def main():

@@ -7,16 +7,20 @@ import threading
 import time
 
 ERASE_LINE = "\r\x1b[K"
+HEARTBEAT_SECONDS = 60 # where nobody looks on, between two lines that say what runs
 
 
 class Display:
-    """Keeps what the steps of all lanes print apart. Any thread may call."""
+    """Keeps what the steps of all lanes print apart. Any thread may call. `what` says what is run."""
 
-    def __init__(self, total, output=sys.stdout):
+    def __init__(self, total, output=sys.stdout, what="all", heartbeat=HEARTBEAT_SECONDS):
         self.total = total
+        self.what = what
+        self.heartbeat = heartbeat
         self.output = output
         self.is_watched = output.isatty()
         self.begin = time.monotonic()
+        self.last_line = self.begin
         self.running = []
         self.done = []
         self.lock = threading.Lock()
@@ -24,6 +28,8 @@ class Display:
     def started(self, step):
         with self.lock:
             self.running.append(step)
+            if not self.is_watched:
+                self._say(f"{step.name} begins")
 
     def ended(self, step, is_well):
         text = step.log.read_text(errors="replace")
@@ -36,26 +42,37 @@ class Display:
             self.running.remove(step)
             self.done.append(step)
             self._erase()
-            print("\n".join(lines), file=self.output, flush=True)
+            self._say("\n".join(lines))
 
     def refresh(self):
-        """Shows what runs at the moment, to a person."""
-        if not self.is_watched:
-            return
+        """Shows what runs at the moment: to a person in the last line, and now and then to all others."""
         with self.lock:
-            states = ", ".join(step.state() for step in self.running)
-            seconds = time.monotonic() - self.begin
-            line = f"{len(self.done)} of {self.total} steps, {seconds:.0f} s: {states}"
-            self._erase()
-            print(line[:shutil.get_terminal_size().columns - 1], end="", file=self.output, flush=True)
+            if self.is_watched:
+                self._erase()
+                print(self._state()[:shutil.get_terminal_size().columns - 1], end="", file=self.output,
+                      flush=True)
+            elif time.monotonic() >= self.last_line + self.heartbeat:
+                self._say(self._state())
 
     def finish(self):
-        """Prints the totals. Returns whether nothing has failed."""
+        """Prints what was run, and the totals. Returns whether nothing has failed."""
         self._erase()
         failed = sum(step.failed for step in self.done)
         passed = sum(step.passed for step in self.done)
-        print(f"{passed} passed, {failed} failed", file=self.output, flush=True)
+        self._say(f"{self.what}: {len(self.done)} of {self.total} steps in {self._seconds()} s\n"
+                  f"{passed} passed, {failed} failed")
         return failed == 0
+
+    def _state(self):
+        states = ", ".join(step.state() for step in self.running)
+        return f"{len(self.done)} of {self.total} steps, {self._seconds()} s: {states}"
+
+    def _seconds(self):
+        return round(time.monotonic() - self.begin)
+
+    def _say(self, text):
+        self.last_line = time.monotonic()
+        print(text, file=self.output, flush=True)
 
     def _erase(self):
         if self.is_watched:

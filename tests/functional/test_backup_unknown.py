@@ -54,7 +54,8 @@ def test_volumes_after_it_are_not_begun(protection, volumes, name):
     before = protection.images[DATA].writes()
     backup, begun = run_in_turn(protection, name, DATA)
     assert begun == (name,)
-    assert f"[ERROR:]    {name.upper()} is not supported\n" in backup.log
+    assert (f"[ERROR:]    {name.upper()} is not supported [failure:file-system-unsupported]\n"
+            in backup.log)
     check_not_recognised(backup, volumes[name])
     assert protection.images[DATA].writes() == before
     check_next(protection, "full")

@@ -8,6 +8,7 @@ import socket
 import subprocess
 
 from lab.appliance_client import DEVICE
+from lab.backups import size_of
 from lab.daemon import SCRIPTS
 from lab.driver import STATUS, hide_driver, show_driver
 from lab.services import wait_until
@@ -82,11 +83,11 @@ def test_volumes(appliance, lab_site):
         partition = lab_site.disk[name]
         status = os.statvfs(partition.volume.mount_point)
         assert shown[partition.uuid] == {
-            "guid": partition.uuid, "device": partition.device, "spaceTotal": 1 << 30,
+            "guid": partition.uuid, "device": partition.device, "spaceTotal": size_of(partition),
             "spaceFree": status.f_bfree * status.f_bsize, "filesystem": partition.volume.file_system,
             "serialNumber": 0, "label": name, "OSVolume": False, "sysVolume": False, "removable": False,
             "mounted": True, "readonly": False, "partScheme": "GPT", "volumeType": "", "sectorSize": 512,
-            "sectorsTotal": 1 << 21, "hiddenSectors": 0, "clusterSizeInBytes": 4096,
+            "sectorsTotal": size_of(partition) // 512, "hiddenSectors": 0, "clusterSizeInBytes": 4096,
             "mountpoints": [partition.volume.mount_point]}
     assert shown[lab_site.disk["archive"].uuid]["readonly"]
     assert not shown[lab_site.disk["spare"].uuid]["mounted"]
@@ -104,7 +105,7 @@ def test_full_volume(appliance, lab_site):
     before = volume_of(appliance, lab_site.disk["data"])
     filler = pathlib.Path("/mnt/data/filler")
     try:
-        subprocess.run(["fallocate", "--length", "2G", filler], check=False, capture_output=True)
+        subprocess.run(["fallocate", "--length", "4G", filler], check=False, capture_output=True)
         status = os.statvfs("/mnt/data")
         assert status.f_bavail == 0
         full = volume_of(appliance, lab_site.disk["data"])

@@ -43,9 +43,9 @@ class Terminal(io.StringIO):
 @pytest.fixture
 def run(tmp_path):
     """run(LANE...) returns whether all was well, and what was printed."""
-    def run_lanes(*lanes, output=None):
+    def run_lanes(*lanes, output=None, **options):
         output = output or io.StringIO()
-        display = Display(sum(len(chain) for lane in lanes for chain in lane), output)
+        display = Display(sum(len(chain) for lane in lanes for chain in lane), output, **options)
         Lanes(tmp_path, tmp_path, display).run(lanes)
         is_well = display.finish()
         return is_well, re.sub(r"\b\d+ s\b", "0 s", output.getvalue())
@@ -57,12 +57,14 @@ def shell(name, script, **options):
 
 
 def test_a_good_step_is_one_line(run):
-    assert run([[shell("one", "echo noise")]]) == (True, "one: 0 s\n0 passed, 0 failed\n")
+    assert run([[shell("one", "echo noise")]]) == (
+        True, "one begins\none: 0 s\nall: 1 of 1 steps in 0 s\n0 passed, 0 failed\n")
 
 
 def test_a_failing_step_shows_its_output_and_counts(run):
     assert run([[shell("one", "echo noise; exit 3")]]) == (
-        False, "noise\none: FAILED after 0 s\n    0 passed, 1 failed\n0 passed, 1 failed\n")
+        False, "one begins\nnoise\none: FAILED after 0 s\n    0 passed, 1 failed\nall: 1 of 1 steps in 0 s\n"
+               "0 passed, 1 failed\n")
 
 
 @pytest.mark.parametrize("more, status, passed, failed", [("", 0, 2, 0), (FAILED, 1, 2, 1), ("", 139, 2, 1)])
@@ -70,7 +72,8 @@ def test_reports_are_counted_and_a_crash_is_a_failure(run, tmp_path, more, statu
     script = f"mkdir reports && echo '{REPORT.format(more)}' >reports/a.xml; exit {status}"
     is_well, output = run([[shell("tests", script, reports=tmp_path / "reports")]])
     assert is_well == (failed == 0)
-    assert output.endswith(f"    {passed} passed, {failed} failed\n{passed} passed, {failed} failed\n")
+    assert output.endswith(f"    {passed} passed, {failed} failed\nall: 1 of 1 steps in 0 s\n"
+                           f"{passed} passed, {failed} failed\n")
 
 
 def test_reports_of_an_earlier_run_do_not_count(run, tmp_path):
@@ -105,7 +108,23 @@ def test_steps_are_as_nice_as_they_should_be(run):
 
 def test_what_is_to_be_shown_is_shown_of_a_good_step(run):
     step = shell("fuzz", "echo noise; echo units: 12", shown="units", is_test=True)
-    assert run([[step]])[1] == "units: 12\nfuzz: 0 s\n    1 passed, 0 failed\n1 passed, 0 failed\n"
+    assert run([[step]])[1] == ("fuzz begins\nunits: 12\nfuzz: 0 s\n    1 passed, 0 failed\n"
+                                "all: 1 of 1 steps in 0 s\n1 passed, 0 failed\n")
+
+
+def test_elsewhere_a_line_now_and_then_says_what_runs_and_how_far_it_is(run):
+    step = shell("build", f"echo '[3/70] one'; {AWAIT.format('go')}")
+    after = shell("go", "sleep 2; touch go")
+    output = run([[step]], [[after]], heartbeat=0.7)[1]
+    lines = re.findall(r"^0 of 2 steps, 0 s: .*build 0 s \(3/70\).*$", output, re.MULTILINE)
+    assert lines, output
+    assert "build begins\n" in output and "go begins\n" in output
+
+
+def test_the_end_says_what_was_run(run):
+    chain = [shell("build", "false"), shell("tests", "true")]
+    assert run([chain], what="unit, lint")[1].splitlines()[-2:] == [
+        "unit, lint: 1 of 2 steps in 0 s", "0 passed, 1 failed"]
 
 
 def test_a_person_sees_what_runs_and_how_far_it_is(run):
@@ -114,7 +133,8 @@ def test_a_person_sees_what_runs_and_how_far_it_is(run):
     output = run([[step]], [[after]], output=Terminal())[1]
     assert re.search(r"\r\x1b\[K0 of 2 steps, 0 s: [^\r]*build 0 s \(3/70\)", output)
     assert re.search(r"\r\x1b\[Kbuild: 0 s\n", output)
-    assert output.endswith("\r\x1b[K0 passed, 0 failed\n")
+    assert output.endswith("\r\x1b[Kall: 2 of 2 steps in 0 s\n0 passed, 0 failed\n")
+    assert "begins" not in output
 
 
 def test_a_run_that_is_ended_leaves_nothing_running(tmp_path):

@@ -43,17 +43,21 @@ int errnoOf(int code) {
 
 /// By the code that the server, or the network on the way to it, has answered with.
 const info::Reason& whyNotOpened(int code) {
-    switch (-code) {
-    case EACCES:
+    switch (code) {
+    case -EACCES:
         return info::reason("target-login");
-    case EBUSY:
-    case EIO:
+    case -EBUSY:
+    case -EIO:
         return info::reason("target-image");
-    case ECONNREFUSED:
+    case -ECONNREFUSED:
         return info::reason("target-refused");
     default:
         return info::reason("target-unreachable");
     }
+}
+
+const info::Reason& whyNotTransferred(int code) {
+    return code == -ENOSPC ? info::reason("image-too-small") : info::reason("target-lost");
 }
 
 } // namespace
@@ -142,7 +146,7 @@ std::int64_t ZephaneFTPTransport::readPiece(void* data, std::uint64_t length) {
     const std::int64_t count = client->read(data, length, status);
     if (status.code < 0) {
         report("Couldn't read " + std::to_string(length) + " from zephane client.", status,
-               &info::reason("target-lost"));
+               &whyNotTransferred(status.code));
     }
     position += count;
     return count;
@@ -156,7 +160,7 @@ std::int64_t ZephaneFTPTransport::writePiece(const void* data, std::uint64_t len
     const std::int64_t count = client->write(data, length, 0, status);
     if (status.code < 0) {
         report("Couldn't write " + std::to_string(length) + " to zephane client.", status,
-               &info::reason("target-lost"));
+               &whyNotTransferred(status.code));
     }
     position += count;
     return count;

@@ -169,8 +169,8 @@ inline constexpr std::array reasons = {
            "the target was gone for longer than it is waited for, or its storage fails",
            "look at the target and the network and order the backup again"},
     Reason{"image-too-small", Reason::Kind::failure,
-           "the image ends before the volume does",
-           "give the LUN or the image the volume's size behind the offset"},
+           "the image ends before the volume does, or its storage is full",
+           "give the LUN or the image the volume's size behind the offset; make room"},
     Reason{"image-unreadable", Reason::Kind::failure,
            "the image can't be summed up: it can't be read, or has less than 10 MiB behind the offset",
            "look at the target; compare LUN and offset"},
@@ -234,7 +234,9 @@ class HasReason {
 public:
     explicit HasReason(const Reason& reason) : reason(&reason) {}
     HasReason(const HasReason&) = default;
+    HasReason(HasReason&&) = default;
     HasReason& operator=(const HasReason&) = default;
+    HasReason& operator=(HasReason&&) = default;
     virtual ~HasReason() = default;
 
     const Reason* reason;

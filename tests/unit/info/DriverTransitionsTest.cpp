@@ -90,6 +90,16 @@ TEST_F(DriverTransitionsTest, VolumeWithoutAMountPoint) {
     EXPECT_TRUE(recorder.has(level::error, "Could not find starting state for volume: /dev/fake1"));
 }
 
+TEST_F(DriverTransitionsTest, CodeOfAFailedSetupIsTheDriversReason) {
+    for (const auto& [error, code] : {std::pair{EOPNOTSUPP, "snapshot-unsupported"},
+                                      std::pair{ENOSPC, "volume-full"}, std::pair{EIO, "snapshot-failed"}}) {
+        recorder.clear();
+        driver.outcomes["setup_snapshot"] = {.result = -1, .error = error, .times = 1};
+        EXPECT_FALSE(start());
+        EXPECT_EQ(recorder.codes(Reason::Kind::failure), (std::vector<std::string>{code, "snapshot-failed"}));
+    }
+}
+
 TEST_F(DriverTransitionsTest, FailedSetup) {
     for (const int reason : reasons) {
         driver.outcomes["setup_snapshot"] = {.result = -1, .error = reason, .times = 1};

@@ -168,6 +168,19 @@ TEST_F(ZephaneFTPTransportTest, RefusedConnectionIsTriedAgainByANewClientAfterAS
     }
 }
 
+TEST_F(ZephaneFTPTransportTest, LastTryHasTheCodeOfItsReason) {
+    for (const auto& [code, told] :
+         {std::pair{-EACCES, "target-login"}, std::pair{-EBUSY, "target-image"},
+          std::pair{-EIO, "target-image"}, std::pair{-ECONNREFUSED, "target-refused"},
+          std::pair{-ETIMEDOUT, "target-unreachable"},
+          std::pair{std::numeric_limits<int>::min(), "target-unreachable"}}) {
+        log.clear();
+        zephane.script("open", std::vector<Answer>(5, Answer{.code = code, .text = "?"}));
+        EXPECT_FALSE(transport->connect(false));
+        EXPECT_THAT(log.codes(info::Reason::Kind::failure), ElementsAre(told, "target-unreachable"));
+    }
+}
+
 TEST_F(ZephaneFTPTransportTest, AfterFiveRefusalsAndFiveSleepsThereAreNoMore) {
     refuse(6);
     EXPECT_FALSE(transport->connect(false));

@@ -36,7 +36,7 @@ std::string rowOf(const Reason& each) {
 
 /// The codes of all `reason("...")` below src/.
 std::set<std::string> usedCodes() {
-    static const std::regex use(R"(\breason\("([a-z-]+)"\))");
+    static const std::regex use(R"code(\breason\("([a-z-]+)"\))code");
     std::set<std::string> codes;
     for (const auto& entry : std::filesystem::recursive_directory_iterator(sources)) {
         if (entry.path().extension() == ".cpp") {

@@ -180,6 +180,7 @@ TEST_F(CopyChunkRangesTest, ChunkThatCannotBeWrittenIsAConnectionError) {
     EXPECT_EQ(transferred(), blockSize);
     EXPECT_THAT(log.lines(),
                 ElementsAre(Line{error, "Failed to write the chunk! (-1 bytes written out of 1024)"}));
+    EXPECT_THAT(log.codes(info::Reason::Kind::failure), ElementsAre("target-lost"));
 }
 
 TEST_F(CopyChunkRangesTest, ChunkOfWhichNothingIsWrittenIsAConnectionError) {
@@ -197,6 +198,7 @@ TEST_F(CopyChunkRangesTest, ShortWriteIsAConnectionError) {
     EXPECT_EQ(transferred(), 0U);
     EXPECT_THAT(log.lines(),
                 ElementsAre(Line{error, "Failed to write the chunk! (512 bytes written out of 1024)"}));
+    EXPECT_THAT(log.codes(info::Reason::Kind::failure), ElementsAre("image-too-small"));
 }
 
 TEST_F(CopyChunkRangesTest, ChunkLargerThanTheBufferIsRefused) {
