@@ -40,6 +40,17 @@ def functional_chain(name="functional tests", *files):
                  reports=BUILD / "release" / "reports")]
 
 
+def package_chain():
+    reports = BUILD / "package-reports"
+    image = Step("image of machines for packages", ["lab/machine", "build"], nice=NICE_BUILD)
+    return [Step("packages, twice", ["scripts/package", "--again"], nice=NICE_BUILD, is_test=True,
+                 progress=BUILD / "package.log"),
+            image, build("release", nice=NICE_BUILD, name="programs for packages"),
+            Step("tests of packages", ["lab/namespace", "env", "BEKD_BUILD=build/release", PYTHON, "-m", "pytest", "-q",
+                                       "-p", "no:cacheprovider", f"--junitxml={reports}/package.xml",
+                                       "tests/package"], reports=reports)]
+
+
 def ceph_chain():
     return functional_chain("tests on Ceph", *sorted((ROOT / "tests/functional/ceph").glob("test_*.py")))
 
@@ -50,6 +61,7 @@ def machine_chain(is_nightly):
     if is_nightly:
         images.append(Step("image of machines of QEMU", ["lab/machine", "build", "--qemu"], nice=NICE_BUILD))
     return [*images, build("release", nice=NICE_BUILD, name="programs for machines"),
+            Step("packages for machines", ["scripts/package"], nice=NICE_BUILD, progress=BUILD / "package.log"),
             Step("tests in machines", [PYTHON, "scripts/testlib/machine.py",
                                        *(["--nightly"] if is_nightly else []), reports],
                  reports=reports, nice=NICE_BUILD)]
@@ -82,6 +94,8 @@ def lanes_of(parts, seconds):
     waiting = [functional_chain()] if "functional" in parts else []
     computing = [unit_chain("asan"), unit_chain("tsan")] if "unit" in parts else []
     patient = []
+    if "package" in parts:
+        computing.append(package_chain())
     if "lint" in parts:
         computing.append(lint_tests_chain())
         patient.append([Step("lint", ["scripts/lint", "--all"], nice=NICE_LINT, is_test=True,

@@ -1,0 +1,138 @@
+"""What is in the packages, and that an installation by CMake is the same."""
+import pathlib
+import re
+import subprocess
+
+import pytest
+from package_file import output_of
+
+UNITS = r"(/usr)?/lib/systemd/system"
+LIBRARIES = r"/usr/lib/[^/]+-linux-gnu"
+# What a package may have, beside its documents.
+RULES = {
+    "bekd": (r"/usr/sbin/(bekd|bekctl)", r"/usr/bin/bek-usedmap", rf"{UNITS}/bekd[^/]*\.service",
+             r"/usr/lib/bekd/[^/]+"),
+    "libtolvubd0": (rf"{LIBRARIES}/libtolvubd\.so", r"/usr/bin/tolvuctl", rf"{UNITS}/tolvubd-[^/]+",
+                    r"(/usr)?/lib/udev/rules\.d/59-tolvubd\.rules",
+                    r"(/usr)?/lib/systemd/system-shutdown/tolvubd",
+                    r"/usr/share/initramfs-tools/(hooks|scripts/local-premount)/tolvubd"),
+    "libzephane0": (rf"{LIBRARIES}/libzephane(\+\+|ftp)\.so",),
+    "zephaned": (r"/usr/sbin/zephaned", rf"{UNITS}/zephaned\.service"),
+}
+NAMED = {"bekd": "bek[^/]*", "libtolvubd0": "tolvu[^/]*", "libzephane0": "-", "zephaned": "zephaned[^/]*"}
+DOCUMENTS = (r"/usr/share/doc/{package}/[^/]+", r"/usr/share/lintian/overrides/{package}",
+             r"/usr/share/man/man[58]/{named}\.[58]\.gz", r"/usr/share/bash-completion/completions/{named}",
+             r"/usr/share/zsh/vendor-completions/_{named}")
+# What there must be.
+REQUIRED = {
+    "bekd": ("/usr/sbin/bekd", "/usr/bin/bek-usedmap", "/usr/share/man/man8/bekd.8.gz",
+             "/systemd/system/bekd.service"),
+    "libtolvubd0": ("/usr/bin/tolvuctl", "/libtolvubd.so", "/udev/rules.d/59-tolvubd.rules",
+                    "/systemd/system/tolvubd-start.service", "/systemd/system/tolvubd-close.service",
+                    "/usr/share/initramfs-tools/hooks/tolvubd", "/usr/share/man/man8/tolvuctl.8.gz"),
+    "libzephane0": ("/libzephane++.so", "/libzephaneftp.so"),
+    "zephaned": ("/usr/sbin/zephaned", "/systemd/system/zephaned.service",
+                 "/usr/share/man/man8/zephaned.8.gz"),
+}
+RUNNABLE = re.compile(r"/s?bin/|/usr/lib/bekd/|/system-shutdown/|/initramfs-tools/")
+# Made by the packaging, not by CMake.
+DEBIAN_ONLY = re.compile("/usr/share/(doc|lintian)/")
+
+
+def is_elf(file):
+    return file.is_file() and not file.is_symlink() and file.read_bytes()[:4] == b"\x7fELF"
+
+
+@pytest.fixture(scope="module")
+def trees(packages, tmp_path_factory):
+    return {name: package.unpack(tmp_path_factory.mktemp(name)) for name, package in packages.items()}
+
+
+@pytest.fixture(scope="module")
+def by_cmake(build, tmp_path_factory):
+    """A build installed below a directory, by people who have no Debian."""
+    tree = tmp_path_factory.mktemp("cmake")
+    subprocess.run(["cmake", "--install", build, "--prefix", "/usr"], check=True, capture_output=True,
+                   env={"PATH": "/usr/bin:/bin", "DESTDIR": str(tree)})
+    return tree
+
+
+@pytest.mark.parametrize("name", RULES)
+def test_a_package_has_what_is_its_own_and_nothing_else(packages, name):
+    rules = [*RULES[name], *(rule.format(package=name, named=NAMED[name]) for rule in DOCUMENTS)]
+    paths = packages[name].files()
+    assert [path for path in paths if not any(re.fullmatch(rule, path) for rule in rules)] == []
+    for required in REQUIRED[name]:
+        assert any(path.endswith(required) for path in paths), required
+
+
+@pytest.mark.parametrize("name", RULES)
+def test_all_belongs_to_root_and_only_programs_can_be_run(packages, name):
+    for entry in packages[name].entries():
+        wanted = "-rwxr-xr-x" if RUNNABLE.search(entry.path) else "-rw-r--r--"
+        wanted = {"d": "drwxr-xr-x", "l": "lrwxrwxrwx"}.get(entry.mode[0], wanted)
+        assert (entry.mode, entry.owner) == (wanted, "root/root"), entry.path
+
+
+def test_programs_know_no_place_of_a_build_and_are_hardened(trees):
+    seen = 0
+    for tree in trees.values():
+        for file in filter(is_elf, tree.rglob("*")):
+            seen += 1
+            told = output_of("readelf", "--dynamic", "--notes", "--wide", "--file-header", file)
+            assert "RUNPATH" not in told and "RPATH" not in told, file
+            assert "BIND_NOW" in told or "Flags: NOW" in told, file
+            assert "PIE" in told or ".so" in file.name, file
+            assert "SHSTK" in told or "X86-64" not in told, file
+            assert b"/build/" not in file.read_bytes(), file
+    assert seen == 7 + any(trees["bekd"].rglob("bekctl"))
+
+
+def test_dependencies(packages):
+    assert packages["bekd"].depends() >= {
+        "libtolvubd0 | tolvubd-library", "libzephane0", "udisks2",
+        "default-dbus-system-bus | dbus-system-bus"}
+    version = packages["bekd"].field("Version")
+    for name in ("bekd", "zephaned"):
+        assert f"libzephane0 (= {version})" in packages[name].field("Depends")
+    for name in ("Provides", "Conflicts", "Replaces"):
+        assert packages["libtolvubd0"].field(name) == "tolvubd-library"
+    assert packages["zephaned"].field("Recommends") == "nbdkit"
+
+
+def test_each_needed_library_is_in_a_package_that_is_depended_on(packages, trees):
+    """Whoever has the name of a library in a program has its package among the dependencies."""
+    ours = {"libtolvubd.so": "libtolvubd0 | tolvubd-library", "libzephane++.so": "libzephane0",
+            "libzephaneftp.so": "libzephane0"}
+    others = {"libiscsi.so.7": "libiscsi", "libnbd.so.0": "libnbd0", "libcurl-gnutls.so.4": "libcurl3",
+              "libudisks2.so.0": "libudisks2-0", "libdevmapper.so.1.02.1": "libdevmapper1.02.1",
+              "libmicrohttpd.so.12": "libmicrohttpd12", "libdbus-1.so.3": "libdbus-1-3"}
+    for name, tree in trees.items():
+        depends = packages[name].depends() | {name}
+        for file in filter(is_elf, tree.rglob("*")):
+            needed = re.findall(r"NEEDED.*\[(.*)\]", output_of("readelf", "--dynamic", "--wide", file))
+            for library in needed:
+                if library in ours:
+                    assert ours[library] in depends or name == "libzephane0", (file, library)
+                elif library in others:
+                    assert any(one.startswith(others[library]) for one in depends), (file, library)
+
+
+def test_cmake_installs_what_the_packages_have(packages, trees, by_cmake):
+    packaged = {path: entry.mode for package in packages.values() for path, entry in package.files().items()
+                if not DEBIAN_ONLY.match(path)}
+    found = {f"/{file.relative_to(by_cmake)}": file for file in by_cmake.rglob("*") if not file.is_dir()}
+    assert sorted(found) == sorted(packaged)
+    whole = {f"/{file.relative_to(tree)}": file for tree in trees.values() for file in tree.rglob("*")}
+    for path, file in found.items():
+        assert ("x" in packaged[path]) == bool(file.stat().st_mode & 0o100), path
+        if is_elf(file):
+            assert "RUNPATH" not in output_of("readelf", "--dynamic", file), path
+        else:
+            assert file.read_bytes() == whole[path].read_bytes(), path
+
+
+def test_a_program_of_the_build_folder_still_runs_there(build):
+    assert output_of(build / "bekd", "--version").strip()
+    library = pathlib.Path(build, "platform/tolvubd").as_posix()
+    assert library in output_of("readelf", "--dynamic", build / "bekd")
