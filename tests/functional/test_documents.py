@@ -76,6 +76,6 @@ def test_that_something_is_looked_at():
 
 
 @pytest.mark.parametrize("shown, missing", [
-    (["a 1 ... b", "c"], None), (["c", "a 1 b"], "a 1 b"), (["d"], "d"), (["a", "c"], "a"), (["", "c"], None)])
+    (["a 1 ... b", "c"], None), (["c", "a 1 b"], "a 1 b"), (["d"], "d"), (["a", "c"], "a"), ([""], None)])
 def test_what_a_page_shows_is_looked_for_in_its_order(shown, missing):
     assert missing_line(shown, "a 22  xx b\nc\n") == missing
