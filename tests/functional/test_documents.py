@@ -1,9 +1,14 @@
 """What the documents name is there: files of the tree, programs, their commands and options."""
 import re
+import sys
 
 import pytest
 
 from lab.daemon import ROOT
+
+sys.path.insert(0, str(ROOT / "tests"))
+
+from pages import missing_line  # noqa: E402
 
 DOCUMENTS = sorted(path for pattern in ("*.md", "docs/**/*.md", "lab/*.md", "platform/*/*.md", "tests/*/*.md")
                    for path in ROOT.glob(pattern))
@@ -68,3 +73,9 @@ def test_that_something_is_looked_at():
     assert wrong_calls(pieces) == ["tolvuctl lisst", "zephaned --chek"]
     assert len(DOCUMENTS) > 15
     assert sum(len(paths_in(code_of(path))) for path in DOCUMENTS) > 100
+
+
+@pytest.mark.parametrize("shown, missing", [
+    (["a 1 ... b", "c"], None), (["c", "a 1 b"], "a 1 b"), (["d"], "d"), (["a", "c"], "a"), ([""], None)])
+def test_what_a_page_shows_is_looked_for_in_its_order(shown, missing):
+    assert missing_line(shown, "a 22  xx b\nc\n") == missing

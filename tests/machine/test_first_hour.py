@@ -5,7 +5,6 @@ fetched in there: what the packages depend on, and the target, are in the image.
 """
 import json
 import pathlib
-import subprocess
 import sys
 
 import pytest
@@ -13,10 +12,10 @@ import pytest
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 sys.path[:0] = [str(ROOT), str(ROOT / "tests")]
 
-from pages import Page, run_blocks, script_of  # noqa: E402
+from lab.virtual import installation  # noqa: E402
+from pages import Page, run_blocks  # noqa: E402
 
 DISKS = (9 << 30,)
-PACKAGES = ROOT / "build" / "packages"
 PAGE = Page(ROOT / "docs" / "first-hour.md")
 BY_HAND = Page(ROOT / "docs" / "provisioning.md")
 CERTIFICATES = ("An authority", "The agent's certificate", "A device's certificate",
@@ -24,24 +23,21 @@ CERTIFICATES = ("An authority", "The agent's certificate", "A device's certifica
 VOLUMES = {"/data", "/files"}
 RESTART = "systemctl reboot\n"
 SECONDS = 600
-BUILD_SECONDS = 1800
 
 pytestmark = pytest.mark.nightly
 
 
+@pytest.fixture(scope="module")
 def packages():
-    """Those of the checkout; they are built if there are none."""
-    if not list(PACKAGES.glob("bekd_*.deb")):
-        subprocess.run([ROOT / "scripts" / "package"], check=True, stdin=subprocess.DEVNULL,
-                       timeout=BUILD_SECONDS)
-    return PACKAGES
+    """Made before the machine is, which then sees them."""
+    return " ".join(map(str, installation.packages()))
 
 
 @pytest.fixture(scope="module")
-def server(machine):
+def server(packages, machine):
     """With the packages, and an empty disk of that name; the target's service isn't masked."""
     machine.run("mkdir /srv/packages && "
-                f"cp {packages()}/*.deb /srv/packages/ && "
+                f"cp {packages} /srv/packages/ && "
                 "systemctl unmask tgt && systemctl enable tgt && "
                 """echo 'KERNEL=="ubdb", SYMLINK+="sdb"' >/etc/udev/rules.d/50-empty-disk.rules && """
                 "udevadm control --reload && udevadm trigger --settle /dev/ubdb")
@@ -139,4 +135,3 @@ def test_all_of_the_page_was_run():
     assert PAGE.headings == ["Packages", "Certificates", "Pairing", "Volumes, and a place for their images",
                              "The first backup", "Looking at an image", "The next backup", "A restart",
                              "Upgrading, and getting rid of it"]
-    assert script_of(PAGE["Packages"])
