@@ -176,11 +176,16 @@ class Protection:
         in every block in use, and in every file. Raises ImageError if not; returns what was compared."""
         return sum((self._verify(name) for name in names or self.partitions), Proof())
 
+    @staticmethod
+    def moment_of(partition):
+        """A file with what the volume held when its last snapshot was taken."""
+        return capture_of(partition)
+
     def _verify(self, name):
         partition, image = self.partitions[name], self.images[name]
         self.target.fetch(image)
         file_system = partition.volume.file_system
-        capture = capture_of(partition)
+        capture = self.moment_of(partition)
         fsck(image.path, file_system, self.offset)
         compared = compare_used(capture, image.path, file_system, self.offset, self.left_out).check()
         with mounted(capture, file_system) as then, mounted(image.path, file_system, self.offset) as now:

@@ -77,8 +77,8 @@ std::string trackedBy(const Device& device) {
 
 void print(const Device& device, const std::string& state) {
     std::cout << std::right << std::setw(5) << device.minor << "  " << std::left << std::setw(10) << state
-              << std::setw(20) << device.blockDevice << std::setw(12) << device.cowFile << device.snapshot
-              << "  " << std::setw(14) << device.size << trackedBy(device) << '\n';
+              << std::setw(19) << device.blockDevice << ' ' << std::setw(11) << device.cowFile << ' '
+              << device.snapshot << "  " << std::setw(14) << device.size << trackedBy(device) << '\n';
 }
 
 /// A turn looks at the devices, and notes what is wrong with them. Whoever has his just now does so himself.

@@ -40,6 +40,7 @@ class Agent:
 
     def __init__(self, authority):
         self.answers = [(200, "text/plain", "")]
+        self.log = None # what the call for the log gets, whenever it comes
         self.requests = []
         self.connections = 0
         self.closes_after_answer = False
@@ -59,6 +60,11 @@ class Agent:
         self.answers = [answer if answer is None or isinstance(answer, tuple)
                         else (200, "application/json", json.dumps(answer, indent=4)) for answer in answers]
 
+    def answer_to(self, path):
+        if path.startswith("/event") and self.log is not None:
+            return 200, "application/json", json.dumps(self.log)
+        return self.answers.pop(0) if len(self.answers) > 1 else self.answers[0]
+
     def _handler(self):
         agent = self
 
@@ -72,7 +78,7 @@ class Agent:
             def respond(self):
                 body = self.rfile.read(int(self.headers.get("Content-Length", 0))).decode()
                 agent.requests.append((self.command, self.path, body))
-                answer = agent.answers.pop(0) if len(agent.answers) > 1 else agent.answers[0]
+                answer = agent.answer_to(self.path)
                 self.close_connection = answer is None or agent.closes_after_answer
                 if answer is None:
                     return
@@ -351,8 +357,9 @@ def test_watch_gives_up_on_an_active_backup_with_an_error(agent, command):
 
 
 def test_watch_ends_with_a_run_whose_status_stays_active(agent, command):
-    agent.says(*4 * [ACTIVE], log_of((2, f"{RUN_BEGINS}b-1"), (4, "Volume 0f1e is NOT mounted"),
-                                     (4, "Exception occurred during backup run: No device available.")))
+    agent.says(ACTIVE)
+    agent.log = log_of((2, f"{RUN_BEGINS}b-1"), (4, "Volume 0f1e is NOT mounted"),
+                       (4, "Exception occurred during backup run: No device available."))
     status, _, error = command("watch", "b-1")
     assert (status, error.splitlines()) == (1, [
         'lab/appliance: the run has ended, whatever its status says: it stays "active" until the agent is '
@@ -361,8 +368,10 @@ def test_watch_ends_with_a_run_whose_status_stays_active(agent, command):
 
 def test_watch_goes_on_while_the_run_does(agent, command):
     """Without a change for a while, as when a target is silent."""
-    agent.says(*4 * [ACTIVE], log_of((2, f"{RUN_BEGINS}b-1"), (4, "Try: 1")), FINISHED)
-    assert (command("watch", "b-1")[0], len(agent.requests)) == (0, 6)
+    agent.says(*5 * [ACTIVE], FINISHED)
+    agent.log = log_of((2, f"{RUN_BEGINS}b-1"), (4, "Try: 1"))
+    assert command("watch", "b-1")[0] == 0
+    assert "/event" in " ".join(path for _, path, _ in agent.requests)
 
 
 def test_watch_has_a_limit():
@@ -377,10 +386,11 @@ def test_watch_has_a_limit():
         "nothing has changed for 15 minutes, and the log tells of no end; watched no longer: "
         "lab/appliance cancel b-1 ends the backup"]
     standstill = Standstill()
-    assert standstill.seconds(ACTIVE) < 0.01
-    time.sleep(0.01)
-    assert standstill.seconds(ACTIVE | {"elapsedTime": 9}) >= 0.01
-    assert standstill.seconds(status_of(ACTIVE, bytesTransferred=6)) < 0.01
+    standstill.seconds(ACTIVE)
+    time.sleep(0.5)
+    quiet = standstill.seconds(ACTIVE | {"elapsedTime": 9})
+    assert quiet >= 0.5
+    assert standstill.seconds(status_of(ACTIVE, bytesTransferred=6)) < quiet
 
 
 def test_watch_of_no_volumes(agent, command):

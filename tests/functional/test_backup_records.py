@@ -67,3 +67,23 @@ def test_records_and_codes_of_what_can_become_of_a_backup(protection):
     check(protection, backup, "success", "INCREMENTAL")
     assert codes(backup) == []
     protection.verify()
+
+
+def test_second_cow_file_that_will_not_fit_is_told_of_at_the_first_backup(protect, volumes):
+    """It comes to pass if nobody sees to it, and what the line says helps."""
+    protection = protect(NAMES[0])
+    protection.set_cow_size(155)
+    backup = protection.run(full=True)
+    assert backup.state == "finished", backup.log
+    told = re.search(r"\[WARNING:\]  The next backup of volume (\S+) \(.+\) will need \S+ MiB for a second "
+                     r"CoW file, and this one leaves \S+ MiB: free the rest, or set "
+                     r"volumes\.(\S+)\.cowFileSizeMiB to (\d+) or less\n", backup.log)
+    assert told and told[1] == told[2] == volumes[NAMES[0]].uuid, backup.log
+    backup = protection.run()
+    assert backup.state == "failed", backup.log
+    assert ("failure", "volume-full") in codes(backup)
+    protection.set_cow_size(min(100, int(told[3])))
+    backup = protection.run()
+    assert backup.state == "finished", backup.log
+    assert "second CoW file" not in backup.log
+    protection.verify()

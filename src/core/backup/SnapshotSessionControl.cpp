@@ -206,7 +206,8 @@ bool SnapshotSessionControl::Impl::hasEnoughFreeSpace(const BackupableVolume& vo
 void SnapshotSessionControl::Impl::warnOfSecondCowFile(const BackupableVolume& volume) {
     const Room& room = rooms[volume.getUuid()];
     const std::uint64_t left = room.available - std::min(room.available, room.required());
-    const std::uint64_t wanted = room.cowFile + room.table;
+    const std::uint64_t tables = 2 * room.table; // the history of the first backup has one, too
+    const std::uint64_t wanted = room.cowFile + tables;
     if (left >= wanted) {
         return;
     }
@@ -214,7 +215,7 @@ void SnapshotSessionControl::Impl::warnOfSecondCowFile(const BackupableVolume& v
     line << "The next backup of volume " << volume.getDisplayName() << " will need "
          << info::formatHumanSize(wanted) << " for a second CoW file, and this one leaves "
          << info::formatHumanSize(left) << ": free the rest";
-    const std::uint64_t mostMiB = (left - std::min(left, room.table)) / bytesPerMiB;
+    const std::uint64_t mostMiB = (left - std::min(left, tables)) / bytesPerMiB;
     if (mostMiB >= smallestCowMiB) {
         line << ", or set volumes." << volume.getUuid() << ".cowFileSizeMiB to " << mostMiB << " or less";
     }

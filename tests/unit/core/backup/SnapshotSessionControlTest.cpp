@@ -121,9 +121,11 @@ TEST_F(SnapshotSessionControlTest, OneByteTooFewIsFull) {
 TEST_F(SnapshotSessionControlTest, RoomForOneCowFileOnlyIsToldAtTheFirstBackup) {
     const auto volume = makeVolume(one);
     sizes.mebibytes = 300;
-    const std::uint64_t wanted = required(size) + 200 * 1048576UL; // for each of the two
+    const std::uint64_t table = required(size) - cowMiB * 1048576;
+    const std::uint64_t first = required(size) + 200 * 1048576UL;
+    const std::uint64_t second = first + table; // with the history of the first backup
     const std::string start = "The next backup of volume " + one + " (" + mountPoint(one) +
-                              ") will need 300.02 MiB for a second CoW file, and this one leaves ";
+                              ") will need 300.039 MiB for a second CoW file, and this one leaves ";
     const auto warnings = [&](std::uint64_t free) {
         volume->free = free;
         log.clear();
@@ -131,15 +133,16 @@ TEST_F(SnapshotSessionControlTest, RoomForOneCowFileOnlyIsToldAtTheFirstBackup) 
         this->start({volume}, FULL);
         return log.texts(warning);
     };
-    EXPECT_THAT(warnings(2 * wanted), testing::IsEmpty());
-    EXPECT_THAT(warnings(2 * wanted - 1), ElementsAre(start + "300.02 MiB: free the rest, or set volumes." +
-                                                      one + ".cowFileSizeMiB to 299 or less"));
-    const std::uint64_t smallest = required(size); // of 100 MiB
-    EXPECT_THAT(warnings(wanted + smallest),
-                ElementsAre(start + "100.02 MiB: free the rest, or set volumes." + one +
+    EXPECT_THAT(warnings(first + second), testing::IsEmpty());
+    EXPECT_THAT(warnings(first + second - 1),
+                ElementsAre(start + "300.039 MiB: free the rest, or set volumes." + one +
+                            ".cowFileSizeMiB to 299 or less"));
+    const std::uint64_t smallest = required(size) + table; // of 100 MiB
+    EXPECT_THAT(warnings(first + smallest),
+                ElementsAre(start + "100.039 MiB: free the rest, or set volumes." + one +
                             ".cowFileSizeMiB to 100 or less"));
-    EXPECT_THAT(warnings(wanted + smallest - 1), ElementsAre(start + "100.02 MiB: free the rest"));
-    EXPECT_THAT(warnings(wanted), ElementsAre(start + "0 B: free the rest"));
+    EXPECT_THAT(warnings(first + smallest - 1), ElementsAre(start + "100.039 MiB: free the rest"));
+    EXPECT_THAT(warnings(first), ElementsAre(start + "0 B: free the rest"));
 }
 
 TEST_F(SnapshotSessionControlTest, NothingIsToldOfAVolumeThatIsTracked) {

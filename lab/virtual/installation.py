@@ -1,0 +1,62 @@
+"""The checkout's Debian packages, installed in a machine."""
+import pathlib
+import re
+import subprocess
+import tempfile
+
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+BUILT = ROOT / "build" / "packages"
+REPACKED = ROOT / "build" / "repacked"
+NAMES = ("libtolvubd0", "libzephane0", "bekd") # what a protected machine needs
+MADE_OF = ("CMakeLists.txt", "cmake", "debian", "packaging", "platform", "src", "tools")
+BUILD_SECONDS = 1800
+SECONDS = 900
+
+
+def packages():
+    """Those that bekd needs, of what the checkout holds now: they are built where they are older."""
+    if not are_new(found()):
+        subprocess.run([ROOT / "scripts" / "package"], check=True, stdin=subprocess.DEVNULL,
+                       timeout=BUILD_SECONDS)
+    return found()
+
+
+def found():
+    return [path for name in NAMES for path in BUILT.glob(f"{name}_*.deb")]
+
+
+def are_new(paths):
+    listed = subprocess.run(["git", "ls-files", "-z", *MADE_OF], cwd=ROOT, capture_output=True, text=True,
+                            check=True).stdout.rstrip("\0").split("\0")
+    sources = [ROOT / name for name in listed if (ROOT / name).exists()]
+    return len(paths) == len(NAMES) and \
+        min(path.stat().st_mtime for path in paths) > max(path.stat().st_mtime for path in sources)
+
+
+def install(machine, paths):
+    """As an administrator does who has got the files, which are seen inside as all of the checkout. Nothing
+    that they depend on may be missing."""
+    machine.run("dpkg", "--install", *paths, timeout=SECONDS)
+
+
+def repacked(paths, version):
+    """The same packages under another version. To be made while the machine is off, that it sees them."""
+    REPACKED.mkdir(exist_ok=True)
+    return [repack(path, version) for path in paths]
+
+
+def repack(path, version):
+    target = REPACKED / f"{path.name.split('_')[0]}_{version}.deb"
+    with tempfile.TemporaryDirectory() as directory:
+        tree = pathlib.Path(directory, "tree")
+        dpkg_deb("--raw-extract", path, tree)
+        control = tree / "DEBIAN" / "control"
+        text = control.read_text(encoding="utf-8")
+        control.write_text(text.replace(re.search("^Version: (.*)$", text, re.MULTILINE)[1], version),
+                           encoding="utf-8")
+        dpkg_deb("-Znone", "--root-owner-group", "--build", tree, target)
+    return target
+
+
+def dpkg_deb(*words):
+    subprocess.run(["dpkg-deb", *words], check=True, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL)

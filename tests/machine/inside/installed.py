@@ -1,0 +1,245 @@
+"""An installed bekd, an appliance and its images, all in a machine: run inside, by installed_site.py.
+
+    installed.py make DISK OTHER   a logical volume on one disk, a partition on the other, both in fstab, room
+                                   for what is kept, certificates, and a quiesce script
+    installed.py pair              as the appliance does; the agent must have a name for both volumes
+    installed.py host              what the agent answers when it is asked for its volumes
+    installed.py change SEED       writes files to both volumes, removes and changes others
+    installed.py backup KIND       a backup of both: full, merge or incremental. Compares the images with
+                                   what the snapshots showed; prints what came of it
+    installed.py begin KIND        begins one whose target stops in the middle, and prints "in the middle"
+
+Images, pictures of the snapshots and the appliance's certificate outlive a restart, in a place of their own.
+"""
+import json
+import os
+import pathlib
+import random
+import re
+import shutil
+import sys
+import time
+
+ROOT = pathlib.Path(__file__).resolve().parents[3]
+sys.path.insert(0, str(ROOT))
+
+from lab import driver  # noqa: E402
+from lab.appliance_client import DEVICE, Appliance, Unreachable  # noqa: E402
+from lab.backups import Protection  # noqa: E402
+from lab.certificates import Authority, install  # noqa: E402
+from lab.commands import run  # noqa: E402
+from lab.daemon import CERTIFICATES, SCRIPTS, stored_log  # noqa: E402
+from lab.logical_disk import in_whole_units  # noqa: E402
+from lab.services import wait_until  # noqa: E402
+from lab.targets import Target  # noqa: E402
+from lab.volumes import Partition, Volume  # noqa: E402
+
+KEPT = pathlib.Path("/kept")
+SCRIPT = "keep-moments"
+# Copies each snapshot as soon as it is there, before the agent reads a block of it.
+KEEP_MOMENTS = f"""#!/bin/sh
+[ "$1" = POST ] || exit 0
+for node in /dev/tolvu[0-9]*; do
+    dd if=$node of={KEPT}/moments/${{node#/dev/tolvu}}.img bs=1M iflag=direct conv=sparse status=none
+done
+"""
+READY_SECONDS = 300 # of a machine that is emulated, which has just been started
+SECONDS = 1200
+LOGICAL, PLAIN = "logical", "plain"
+VOLUMES = {LOGICAL: in_whole_units(Volume(LOGICAL, "ext4", 320, "/volumes/logical", fstab="defaults")),
+           PLAIN: Volume(PLAIN, "ext4", 290, "/volumes/plain", fstab="defaults")}
+
+
+def partition_of(name):
+    """A volume by the name that udisks has for its device."""
+    volume = VOLUMES[name]
+    source = run("findmnt", "--noheadings", "--output", "SOURCE", volume.mount_point).strip()
+    partition = Partition(volume, str(pathlib.Path(source).resolve()))
+    partition.uuid = run("blkid", "-s", "UUID", "-o", "value", source).strip()
+    return partition
+
+
+def make(disk, other):
+    run("vgcreate", "-q", "lab", disk)
+    run("lvcreate", "-q", "-y", "-n", LOGICAL, "-L", f"{VOLUMES[LOGICAL].mebibytes}M", "lab")
+    run("sfdisk", "-q", other, input=f"label: gpt\nsize={VOLUMES[PLAIN].mebibytes}M\n,\n")
+    run("udevadm", "settle")
+    parts = sorted(path for path in pathlib.Path("/dev").glob(f"{pathlib.Path(other).name}*")
+                   if str(path) != other)
+    lines = []
+    for name, device in ((LOGICAL, "/dev/lab/logical"), (PLAIN, parts[0])):
+        partition = Partition(VOLUMES[name], str(device))
+        partition.format()
+        lines.append(partition.fstab_line())
+    run("mkfs.ext4", "-q", parts[1])
+    lines.append(f"{parts[1]} {KEPT} ext4 defaults 0 2")
+    with open("/etc/fstab", "a", encoding="ascii") as table:
+        table.writelines(f"{line}\n" for line in lines)
+    for path in (KEPT, *(pathlib.Path(volume.mount_point) for volume in VOLUMES.values())):
+        path.mkdir(parents=True, exist_ok=True)
+    run("systemctl", "daemon-reload")
+    run("mount", "--all")
+    certify()
+    os.sync()
+
+
+def certify():
+    """What an administrator does by hand, and the script that he writes."""
+    (KEPT / "moments").mkdir()
+    authority = Authority(KEPT / "authority")
+    install(authority.agent(), authority, CERTIFICATES)
+    appliance = authority.device(DEVICE)
+    for name, path in (("ca.crt", authority.certificate), ("appliance.pem", appliance.certificate),
+                       ("appliance.key", appliance.key)):
+        shutil.copy(path, KEPT / name)
+    SCRIPTS.mkdir(parents=True, exist_ok=True)
+    script = SCRIPTS / SCRIPT
+    script.write_text(KEEP_MOMENTS, encoding="ascii")
+    script.chmod(0o700)
+
+
+def device_of(partition):
+    """What the driver says of a volume's device, which has another name when it has been given back."""
+    return next(device for device in driver.devices()
+                if pathlib.Path(device["block_device"]).resolve() == pathlib.Path(partition.device))
+
+
+def tracked_by(partition):
+    """In the words of the driver's tool."""
+    minor = device_of(partition)["minor"]
+    line = next(line for line in run("tolvuctl", "list").splitlines() if line.split()[0] == str(minor))
+    return re.search("(device-mapper|capture).*", line)[0]
+
+
+class Agent:
+    """The bekd that the service manager has started, in the place of a test's own."""
+
+    @property
+    def log(self):
+        return stored_log()
+
+    @staticmethod
+    def wait_for(condition, what, _seconds):
+        """With pauses, as the one processor is the agent's too."""
+        def after_a_pause():
+            time.sleep(0.3)
+            return condition()
+        return wait_until(after_a_pause, SECONDS, what)
+
+
+class KeptProtection(Protection):
+    """One whose images outlive the target."""
+
+    @staticmethod
+    def moment_of(partition):
+        return KEPT / "moments" / f"{device_of(partition)['minor']}.img"
+
+    def request(self, *names, **changes):
+        """One run of the script is enough for all volumes."""
+        volumes = super().request(*names, **changes)
+        volumes[0]["scriptsPrePost"] = [{"scriptname": SCRIPT, "timeout": SECONDS}]
+        return volumes
+
+    def _add_image(self, partition, options):
+        path = self.target.directory / partition.name
+        if not path.exists():
+            return super()._add_image(partition, options)
+        image = self.target.serve(path, block_size=512, thin=False)
+        self.target.images.append(image)
+        return image
+
+
+class KeptTarget(Target):
+    @staticmethod
+    def make_directory(lasting, prefix, parent):
+        if parent != KEPT:
+            return Target.make_directory(lasting, prefix, parent)
+        (KEPT / "images").mkdir(exist_ok=True)
+        return KEPT / "images"
+
+    def __init__(self):
+        super().__init__(directory=KEPT)
+
+
+def appliance():
+    """A client of the agent, which answers."""
+    client = Appliance(certificate=KEPT / "appliance.pem", key=KEPT / "appliance.key",
+                       authority=KEPT / "ca.crt", seconds=SECONDS)
+
+    def answers():
+        try:
+            return client.basic_host().is_success
+        except Unreachable:
+            return False
+
+    wait_until(answers, READY_SECONDS, "an agent that answers")
+    return client
+
+
+def pair():
+    with appliance() as client:
+        assert client.pair(DEVICE).is_success
+        told = json.dumps(client.host().content)
+    assert all(partition_of(name).uuid in told for name in VOLUMES), told
+
+
+def host():
+    with appliance() as client:
+        answer = client.host()
+    return {"status": answer.status, "text": str(answer.content)}
+
+
+def change(seed):
+    source = random.Random(seed)
+    for volume in VOLUMES.values():
+        root = pathlib.Path(volume.mount_point)
+        directory = root / f"written {seed}"
+        directory.mkdir()
+        for number in range(20):
+            (directory / str(number)).write_bytes(source.randbytes(source.randrange(200_000)))
+        for path in sorted(root.glob("written */*"))[::7]:
+            path.unlink()
+        with open(root / "in place", "ab+") as file:
+            file.write(source.randbytes(100_000))
+    os.sync()
+
+
+def protected(client, target):
+    return KeptProtection(client, Agent(), target, [partition_of(name) for name in VOLUMES])
+
+
+def backup(kind):
+    with KeptTarget() as target, appliance() as client:
+        protection = protected(client, target)
+        done = protection.run(full=kind == "full", merge=kind == "merge")
+        outcome = {"state": done.state, "log": done.log}
+        if done.state == "finished":
+            proof = protection.verify()
+            outcome |= {"types": {name: done.type(name) for name in VOLUMES},
+                        "bytes": {name: done.bytes(name) for name in VOLUMES},
+                        "tracked": {name: tracked_by(protection.partitions[name]) for name in VOLUMES},
+                        "blocks": proof.blocks, "files": proof.files}
+    os.sync()
+    return outcome
+
+
+def begin(kind):
+    with KeptTarget() as target, appliance() as client:
+        protection = protected(client, target)
+        started = protection.start(full=kind == "full", merge=kind == "merge")
+        started.wait_for_log("Beginning copying volume", SECONDS)
+        target.pause()
+        print("in the middle", flush=True)
+        time.sleep(SECONDS)
+
+
+def main():
+    verb, *arguments = sys.argv[1:]
+    verbs = {"make": make, "pair": pair, "host": host, "change": change, "backup": backup, "begin": begin}
+    outcome = verbs[verb](*arguments)
+    if outcome is not None:
+        print(json.dumps(outcome))
+
+
+if __name__ == "__main__":
+    main()

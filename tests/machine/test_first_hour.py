@@ -1,0 +1,142 @@
+"""docs/first-hour.md: its commands, as they are printed, in a machine that has a Debian and the packages.
+
+What the page has for an empty disk, /dev/sdb, is another name of the machine's second disk. Nothing can be
+fetched in there: what the packages depend on, and the target, are in the image.
+"""
+import json
+import pathlib
+import subprocess
+import sys
+
+import pytest
+
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+sys.path[:0] = [str(ROOT), str(ROOT / "tests")]
+
+from pages import Page, run_blocks, script_of  # noqa: E402
+
+DISKS = (9 << 30,)
+PACKAGES = ROOT / "build" / "packages"
+PAGE = Page(ROOT / "docs" / "first-hour.md")
+BY_HAND = Page(ROOT / "docs" / "provisioning.md")
+CERTIFICATES = ("An authority", "The agent's certificate", "A device's certificate",
+                "Whether they are right")
+VOLUMES = {"/data", "/files"}
+RESTART = "systemctl reboot\n"
+SECONDS = 600
+BUILD_SECONDS = 1800
+
+pytestmark = pytest.mark.nightly
+
+
+def packages():
+    """Those of the checkout; they are built if there are none."""
+    if not list(PACKAGES.glob("bekd_*.deb")):
+        subprocess.run([ROOT / "scripts" / "package"], check=True, stdin=subprocess.DEVNULL,
+                       timeout=BUILD_SECONDS)
+    return PACKAGES
+
+
+@pytest.fixture(scope="module")
+def server(machine):
+    """With the packages, and an empty disk of that name; the target's service isn't masked."""
+    machine.run("mkdir /srv/packages && "
+                f"cp {packages()}/*.deb /srv/packages/ && "
+                "systemctl unmask tgt && systemctl enable tgt && "
+                """echo 'KERNEL=="ubdb", SYMLINK+="sdb"' >/etc/udev/rules.d/50-empty-disk.rules && """
+                "udevadm control --reload && udevadm trigger --settle /dev/ubdb")
+    return machine
+
+
+@pytest.fixture(scope="module")
+def execute(server):
+    def run(script):
+        server.run("cat >/root/script", input=script)
+        done = server.run("bash /root/script 2>&1", check=False, timeout=SECONDS)
+        assert done.returncode == 0, f"status {done.returncode}\n{script}\n--- printed\n{done.stdout}"
+        return done.stdout
+    return run
+
+
+@pytest.fixture
+def backups(server):
+    """The type of the last backup of each mount point."""
+    def types():
+        shown = json.loads(server.run("bekctl", "backups", "--json").stdout)
+        return {one["mountPoint"]: one["type"] for one in shown["backups"]}
+    return types
+
+
+def run_page(title, execute):
+    return run_blocks(PAGE[title], execute)
+
+
+def test_install(execute, server):
+    """A service that has no certificate isn't started, and nothing is left that has failed."""
+    run_page("Packages", execute)
+    assert server.run("systemctl", "is-active", "bekd", check=False).stdout == "inactive\n"
+    assert server.run("systemctl", "list-units", "--failed", "--no-legend", "--plain").stdout == ""
+
+
+def wait_until_answering(server):
+    """What a reader does by reading on. Fails with what the tool says."""
+    server.run("for _ in $(seq 60); do ! bekctl status >/dev/null || break; sleep 0.5; done; bekctl status")
+
+
+def test_certificates(execute, server):
+    make, start, look = PAGE["Certificates"]
+    run_blocks([make], execute)
+    by_hand = [block for title in CERTIFICATES for block in BY_HAND[title]]
+    run_blocks(by_hand, lambda script: execute("cd /root/trial\n" + script))
+    run_blocks([start], execute)
+    wait_until_answering(server)
+    run_blocks([look], execute)
+
+
+def test_pairing(execute):
+    [printed] = run_page("Pairing", execute)
+    assert "device 4711" in printed
+
+
+def test_volumes(execute):
+    _made, shown = run_page("Volumes, and a place for their images", execute)
+    assert all(mount_point in shown for mount_point in VOLUMES)
+
+
+def test_first_backup(execute, backups):
+    run_page("The first backup", execute)
+    assert backups() == dict.fromkeys(VOLUMES, "FULL")
+    run_page("Looking at an image", execute)
+
+
+def test_next_backup(execute, backups):
+    run_page("The next backup", execute)
+    assert backups() == dict.fromkeys(VOLUMES, "INCREMENTAL")
+    run_page("Looking at an image", execute)
+
+
+def test_restart(execute, server, backups):
+    restart, look, backup = PAGE["A restart"]
+    assert restart.commands == RESTART
+    server.reboot()
+    wait_until_answering(server)
+    run_blocks([look], execute)
+    run_blocks([backup], execute)
+    assert backups() == dict.fromkeys(VOLUMES, "INCREMENTAL")
+    run_page("Looking at an image", execute)
+
+
+def test_upgrade_and_removal(execute, server):
+    run_page("Upgrading, and getting rid of it", execute)
+    left = server.run("ls", "-A", "/data", "/files").stdout
+    assert ".tolvu" not in left
+    assert server.run("test", "-e", "/etc/tolvu", check=False).returncode == 1
+    assert "era" not in server.run("dmsetup", "table").stdout
+
+
+def test_all_of_the_page_was_run():
+    """Each heading with commands has its test above."""
+    assert PAGE.headings == ["Packages", "Certificates", "Pairing", "Volumes, and a place for their images",
+                             "The first backup", "Looking at an image", "The next backup", "A restart",
+                             "Upgrading, and getting rid of it"]
+    assert script_of(PAGE["Packages"])
