@@ -46,9 +46,10 @@ def package_chain():
     return [Step("packages, twice", ["scripts/package", "--again"], nice=NICE_BUILD, is_test=True,
                  progress=BUILD / "package.log"),
             image, build("release", nice=NICE_BUILD, name="programs for packages"),
-            Step("tests of packages", ["lab/namespace", "env", "BEKD_BUILD=build/release", PYTHON, "-m", "pytest", "-q",
-                                       "-p", "no:cacheprovider", f"--junitxml={reports}/package.xml",
-                                       "tests/package"], reports=reports)]
+            Step("tests of packages", ["lab/namespace", "env", "BEKD_BUILD=build/release", PYTHON, "-m",
+                                       "pytest", "-q", "-p", "no:cacheprovider",
+                                       f"--junitxml={reports}/package.xml", "tests/package"],
+                 reports=reports)]
 
 
 def ceph_chain():
@@ -61,7 +62,8 @@ def machine_chain(is_nightly):
     if is_nightly:
         images.append(Step("image of machines of QEMU", ["lab/machine", "build", "--qemu"], nice=NICE_BUILD))
     return [*images, build("release", nice=NICE_BUILD, name="programs for machines"),
-            Step("packages for machines", ["scripts/package"], nice=NICE_BUILD, progress=BUILD / "package.log"),
+            Step("packages for machines", ["scripts/package"], nice=NICE_BUILD,
+                 progress=BUILD / "package.log"),
             Step("tests in machines", [PYTHON, "scripts/testlib/machine.py",
                                        *(["--nightly"] if is_nightly else []), reports],
                  reports=reports, nice=NICE_BUILD)]
