@@ -62,7 +62,8 @@ def machine_chain(is_nightly):
     if is_nightly:
         images.append(Step("image of machines of QEMU", ["lab/machine", "build", "--qemu"], nice=NICE_BUILD))
     return [*images, build("release", nice=NICE_BUILD, name="programs for machines"),
-            Step("packages for machines", ["scripts/package"], nice=NICE_BUILD, progress=BUILD / "package.log"),
+            Step("packages for machines", ["scripts/package"], nice=NICE_BUILD,
+                 progress=BUILD / "package.log"),
             Step("tests in machines", [PYTHON, "scripts/testlib/machine.py",
                                        *(["--nightly"] if is_nightly else []), reports],
                  reports=reports, nice=NICE_BUILD)]

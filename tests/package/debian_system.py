@@ -54,7 +54,8 @@ class DebianSystem(contextlib.ExitStack):
     def install(self, *packages):
         for package in packages:
             shutil.copy(package.path, self.root / "root")
-        return self.run("dpkg", "--install", *(f"/root/{package.path.name}" for package in packages))
+        return self.run("apt-get", "install", "--yes", "--option=APT::Sandbox::User=root",
+                        *(f"/root/{package.path.name}" for package in packages))
 
     def status(self, name):
         return self.run("dpkg-query", "--show", "--showformat=${db:Status-Status}", name, check=False)

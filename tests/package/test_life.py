@@ -30,7 +30,7 @@ def enabled(system, unit):
 def test_installed_all_is_there_and_what_can_be_started_is_enabled(installed, packages):
     for name in packages:
         assert installed.status(name) == "installed"
-    assert installed.run("bekd", "--version").strip()
+    assert "bekd version: 2.1.23.0" in installed.run("bekd", "--help", check=False)
     for program in ("/usr/sbin/bekd", "/usr/sbin/zephaned", "/usr/bin/tolvuctl", "/usr/bin/bek-usedmap"):
         assert "not found" not in installed.run("ldd", program)
     for unit in ("bekd.service", "bekd-reload.service", "tolvubd-start.service", "tolvubd-close.service",
@@ -41,6 +41,8 @@ def test_installed_all_is_there_and_what_can_be_started_is_enabled(installed, pa
 
 
 def test_units_are_well_formed(installed):
+    installed.write("/usr/sbin/update-initramfs", "#!/bin/sh\n")
+    installed.run("chmod", "755", "/usr/sbin/update-initramfs")
     units = installed.run("sh", "-c", "ls /lib/systemd/system/bekd* /lib/systemd/system/tolvubd* "
                           "/lib/systemd/system/zephaned*").split()
     for unit in units:
