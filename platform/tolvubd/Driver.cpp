@@ -192,7 +192,7 @@ void Driver::setupSnapshot(std::uint32_t minor, const std::string& blockDevice, 
     if (volume.servers.empty() && hasLeftOvers(plan.cow)) { // no other kind is frozen by the kernel
         requireNotFrozen(plan.cow.mountPoint);
     }
-    forgetAsleepLayers(volume);
+    forgetAsleepLayers(volume, plan.cow);
     if (!takeFirstByMapper(plan, device)) {
         tryTo("release what layers have left on " + volume.path, [&] { releaseLeftOvers(plan.cow); });
         takeFirst(capture, plan, device);
@@ -200,14 +200,35 @@ void Driver::setupSnapshot(std::uint32_t minor, const std::string& blockDevice, 
     }
 }
 
-/// Layers that nobody has asked for since the machine was started would be in the way of new ones.
-void Driver::forgetAsleepLayers(const Volume& volume) {
+/// Layers that nobody has asked for since the machine was started would be in the way of new ones, and so
+/// would be their CoW file, which isn't always the one that the new ones begin with.
+void Driver::forgetAsleepLayers(const Volume& volume, const PathOnVolume& cow) {
+    const std::vector<Device> before = table.asleep;
     Table next = table;
     std::erase_if(next.asleep, [&](const Device& device) { return device.layers && isOn(device, volume); });
-    if (next != table) {
-        commit(next);
-        tidy();
+    if (next == table) {
+        return;
     }
+    commit(next);
+    tidy();
+    for (const Device& device : before) {
+        if (device.layers && isOn(device, volume)) {
+            const std::string path = PathOnVolume{cow.mountPoint, device.cowFile}.path();
+            tryTo("remove " + path, [&] { removeLockedCowFile(path, device.snapshot); });
+        }
+    }
+}
+
+/// A CoW file of a tracking that was lost may still be locked where the next one is to be, and takes its
+/// room.
+void Driver::makeWayFor(const SnapshotPlan& plan) {
+    if (!isCowFile(plan.cow.path())) {
+        return;
+    }
+    if (plan.volume.servers.empty()) { // no other kind is frozen by the kernel
+        requireNotFrozen(plan.cow.mountPoint);
+    }
+    removeLockedFile(plan.cow.path());
 }
 
 /// False, with the reason in the device, where it has to be captured.
@@ -264,6 +285,7 @@ void Driver::transitionSnapshot(std::uint32_t minor, const std::string& cowPath,
         }
         after.layers = MapperBackEnd::newLayers(volume); // and everything has changed
     }
+    makeWayFor(plan);
     IBackEnd& backEnd = backEndOf(before);
     backEnd.requireRoom(plan, after);
     if (before.layers) {

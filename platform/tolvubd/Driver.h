@@ -50,7 +50,8 @@ private:
     [[nodiscard]] std::vector<IBackEnd*> backEnds();
     IBackEnd& backEndOf(const Device& device);
     bool takeFirstByMapper(const SnapshotPlan& plan, Device& device);
-    void forgetAsleepLayers(const Volume& volume);
+    void forgetAsleepLayers(const Volume& volume, const PathOnVolume& cow);
+    static void makeWayFor(const SnapshotPlan& plan);
     void begin(const SnapshotPlan& plan, const Device& device);
     void takeFirst(IBackEnd& backEnd, const SnapshotPlan& plan, Device device);
 

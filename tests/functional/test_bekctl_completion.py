@@ -8,7 +8,8 @@ from lab.daemon import ROOT, program
 
 COMPLETION = ROOT / "packaging" / "completion"
 PROGRAMS = ("bekctl", "bek-usedmap", "bekd", "tolvuctl", "zephaned")
-COMMANDS = {"bekctl": ("status", "volumes", "backups", "pairing", "certificates", "check", "reasons"),
+COMMANDS = {"bekctl": ("status", "volumes", "backups", "pairing", "certificates", "check", "log",
+                       "reasons"),
             "zephaned": ("add", "list", "remove")}
 
 

@@ -94,6 +94,18 @@ def test_ends_when_somebody_else_had_the_volumes_mounted(tracking, stop):
 
 
 @pytest.mark.nightly
+def test_a_lost_tracking_leaves_nothing_in_the_way_of_later_ones(tracking):
+    """Its CoW file is the second of the two names, and locked."""
+    tracked(tracking, "snapshot")
+    start_elsewhere(tracking, tracking.cut)
+    tracked(tracking, "write")
+    assert tracking.run("lsattr /volumes/*/.tolvu1").stdout.count("i---") == len(NAMES)
+    tracked(tracking, "begin")
+    assert tracking.run("ls -A /volumes/ext4").stdout.split().count(".tolvu1") == 0
+    tracked(tracking, "snapshot")
+
+
+@pytest.mark.nightly
 @pytest.mark.parametrize("stop", ["reboot", "cut"])
 def test_ends_when_a_volume_had_its_own_table_while_it_was_mounted(tracking, stop):
     stop_and_start(tracking, tracking.cut)

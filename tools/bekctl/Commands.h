@@ -2,8 +2,10 @@
 
 #include "Screen.h"
 
+#include <cstddef>
 #include <iosfwd>
 #include <string>
+#include <vector>
 
 /// One function a command. Each looks, prints and returns the exit status; what keeps it from looking is
 /// thrown, as std::exception.
@@ -26,5 +28,16 @@ int showCertificates(const Output& output);
 /// `target` is HOST[:PORT], or empty for the one that the log has named last.
 int showCheck(const Output& output, const std::string& target);
 int showReasons(const Output& output);
+
+struct LogOptions {
+    std::size_t lines = 20; ///< of those that are there already
+    std::string level = "debug";
+    bool follow = false;
+    bool toJournal = false; ///< in place of the output
+};
+
+/// The names of the levels, the most severe first.
+std::vector<std::string> logLevels();
+int showLog(const Output& output, const LogOptions& options);
 
 } // namespace bekctl

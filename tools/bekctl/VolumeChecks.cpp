@@ -119,7 +119,7 @@ std::uint64_t fittingCowMebibytes(const Room& room) {
     const auto without = [beside](std::uint64_t bytes) { return bytes > beside ? bytes - beside : 0; };
     const std::uint64_t forNext = without(room.free);
     const std::uint64_t forBoth = without(room.free + room.present) / 2;
-    const std::uint64_t most = std::min(forNext, forBoth) / 10 * 9 / bytesPerMiB; // a tenth stays for growth
+    const std::uint64_t most = std::min(forNext, forBoth) / 4 * 3 / bytesPerMiB; // the rest stays for growth
     return most < smallestCow ? 0 : std::min(most, room.cowMebibytes);
 }
 

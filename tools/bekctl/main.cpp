@@ -28,6 +28,7 @@ struct Options {
     bool isJson = false;
     bool isPlain = false;
     std::string target;
+    LogOptions log;
 };
 
 struct Command {
@@ -47,7 +48,12 @@ int check(const Output& output, const Options& options) {
     return showCheck(output, options.target);
 }
 
+int followLog(const Output& output, const Options& options) {
+    return showLog(output, options.log);
+}
+
 constexpr const char* checkName = "check";
+constexpr const char* logName = "log";
 
 constexpr std::array commands{
     Command{"status", "Whether the agent runs and answers, its pairing, its driver and the last backups",
@@ -59,6 +65,7 @@ constexpr std::array commands{
     Command{"certificates", "The agent's certificates, when they end, and whether they belong together",
             &plainly<showCertificates>},
     Command{checkName, "What would make the next backup fail, or copy more than it is asked to", &check},
+    Command{logName, "The agent's log, as it is and as it grows", &followLog},
     Command{"reasons", "The codes that the log gives for fall-backs and failures", &plainly<showReasons>,
             false},
 };
@@ -68,6 +75,27 @@ void declareForm(CLI::App& app, Options& options) {
     app.add_flag("--no-color", options.isPlain, "No colours on a terminal, as with NO_COLOR set");
 }
 
+void declareTarget(CLI::App& app, Options& options) {
+    app.add_option("--target", options.target,
+                   "See whether this target can be reached, and not the one that the log has named last; "
+                   "the port is 3260 unless given")
+        ->type_name("HOST[:PORT]")
+        ->check([](const std::string& text) {
+            return parseTarget(text) ? std::string() : "no host, or no port: " + plain(text);
+        });
+}
+
+void declareLog(CLI::App& app, LogOptions& options) {
+    app.add_option("-n,--lines", options.lines,
+                   "Begin with so many lines of those that are there; 20 by default")
+        ->type_name("NUMBER");
+    app.add_flag("-f,--follow", options.follow, "Go on as the log grows");
+    app.add_option("--level", options.level, "Show what is at least as severe as this; debug by default")
+        ->type_name("LEVEL")
+        ->check(CLI::IsMember(logLevels()));
+    app.add_flag("--journal", options.toJournal, "Send the lines to the journal, as those of bekd's unit");
+}
+
 void declare(CLI::App& app, Options& options) {
     app.name("bekctl");
     app.set_version_flag("--version", std::string("bekctl ") + agent::app::version, "Print the version");
@@ -75,14 +103,8 @@ void declare(CLI::App& app, Options& options) {
     for (const Command& command : commands) {
         declareForm(*app.add_subcommand(command.name, command.description), options);
     }
-    app.get_subcommand(checkName)
-        ->add_option("--target", options.target,
-                     "See whether this target can be reached, and not the one that the log has named last; "
-                     "the port is 3260 unless given")
-        ->type_name("HOST[:PORT]")
-        ->check([](const std::string& text) {
-            return parseTarget(text) ? std::string() : "no host, or no port: " + plain(text);
-        });
+    declareTarget(*app.get_subcommand(checkName), options);
+    declareLog(*app.get_subcommand(logName), options.log);
 }
 
 const Command& commandOf(const CLI::App& app) {

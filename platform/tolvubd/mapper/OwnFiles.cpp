@@ -82,20 +82,24 @@ void removeLockedFile(const std::string& path) {
     removeFile(path);
 }
 
+bool isCowFile(const std::string& path) {
+    return snapshotIn(path).has_value();
+}
+
 bool hasLeftOvers(const PathOnVolume& cow) {
-    return isThere(eraFileOn(cow)) || snapshotIn(cow.path());
+    return isThere(eraFileOn(cow)) || isCowFile(cow.path());
 }
 
 void removeLeftOvers(const PathOnVolume& cow) {
     removeLockedFile(eraFileOn(cow));
-    if (snapshotIn(cow.path())) {
+    if (isCowFile(cow.path())) {
         removeLockedFile(cow.path());
     }
 }
 
 void releaseLeftOvers(const PathOnVolume& cow) {
     removeLockedFile(eraFileOn(cow));
-    if (snapshotIn(cow.path())) {
+    if (isCowFile(cow.path())) {
         dm::releaseFile(cow.path());
     }
 }

@@ -22,6 +22,8 @@ void makeEraFile(const SnapshotPlan& plan, Device& device);
 void removeLockedCowFile(const std::string& path, const std::string& snapshot);
 /// Removes the file at `path`, locked or not.
 void removeLockedFile(const std::string& path);
+/// Whether a CoW file stands there, of whichever snapshot.
+bool isCowFile(const std::string& path);
 /// Whether a tracking that is no more has left files on a volume where a new CoW file is to be.
 bool hasLeftOvers(const PathOnVolume& cow);
 /// Removes what a tracking that is no more has left on a volume without layers: they would be in the way of

@@ -29,11 +29,10 @@ public:
         return line("Finished execution of the Copy Volume " + uuid + " phase.");
     }
     LogText& record(const std::string& uuid, const std::string& outcome = "success") {
-        return line(
-            R"(Backup record: {"asked":"INCREMENTAL","backup":"b","copiedBytes":1234,)"
+        return line(R"(Backup record: {"asked":"INCREMENTAL","backup":"b","copiedBytes":1234,)"
                     R"("mountPoint":"/mnt/data",)"
-            R"("outcome":")" +
-            outcome + R"(","seconds":12.5,"totalBytes":-1,"type":"FULL","volume":")" + uuid + "\"}");
+                    R"("outcome":")" +
+                    outcome + R"(","seconds":12.5,"totalBytes":-1,"type":"FULL","volume":")" + uuid + "\"}");
     }
     LogText& end() { return line("Backup run finished"); }
 
@@ -196,10 +195,9 @@ TEST(BackupLog, UnknownCodesAndNumbersAreLeftOut) {
     text.begin()
         .error("d [failure:no-such-code]")
         .error("e [failure:target-refused")
-        .line(
-            R"(Backup record: {"volume":"v","copiedBytes":1e300,"totalBytes":18446744073709551000,)"
+        .line(R"(Backup record: {"volume":"v","copiedBytes":1e300,"totalBytes":18446744073709551000,)"
               R"("seconds":"x",)"
-            R"("outcome":["a"],"type":"a\u001b[2Jb"})")
+              R"("outcome":["a"],"type":"a\u001b[2Jb"})")
         .end();
     const BackupRecord& record = text.log.lastRecords().at("v");
     EXPECT_TRUE(record.reasons.empty());

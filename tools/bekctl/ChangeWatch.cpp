@@ -1,0 +1,46 @@
+#include "ChangeWatch.h"
+
+#include <array>
+#include <chrono>
+#include <poll.h>
+#include <sys/inotify.h>
+#include <thread>
+#include <unistd.h>
+#include <utility>
+
+namespace bekctl {
+
+namespace {
+
+constexpr int longestMilliseconds = 60'000;
+constexpr std::size_t eventBytes = 4096;
+
+} // namespace
+
+ChangeWatch::ChangeWatch(std::string directory)
+    : directory(std::move(directory)), events(::inotify_init1(IN_CLOEXEC | IN_NONBLOCK)) {
+    isWatching();
+}
+
+void ChangeWatch::wait() {
+    if (!isWatching()) {
+        std::this_thread::sleep_for(std::chrono::seconds(1));
+        return;
+    }
+    ::pollfd asked{events.get(), POLLIN, 0};
+    if (::poll(&asked, 1, longestMilliseconds) > 0) {
+        // What has changed is seen when the files are read. One that goes away takes the watch with it.
+        alignas(::inotify_event) std::array<char, eventBytes> taken{};
+        while (::read(events.get(), taken.data(), taken.size()) > 0) {
+        }
+    }
+}
+
+/// The agent may make the directory later, and somebody may put another one in its place.
+bool ChangeWatch::isWatching() {
+    watch = ::inotify_add_watch(events.get(), directory.c_str(),
+                                IN_MODIFY | IN_CREATE | IN_MOVED_TO | IN_ONLYDIR);
+    return watch >= 0;
+}
+
+} // namespace bekctl

@@ -1,0 +1,156 @@
+#include "LogTail.h"
+
+#include "common/Directory.h"
+#include "common/File.h"
+#include "common/PosixError.h"
+#include "info/log/FilePrinter.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <exception>
+#include <fcntl.h>
+#include <unistd.h>
+#include <utility>
+
+namespace bekctl {
+
+namespace {
+
+constexpr std::size_t blockBytes = 65'536;
+
+bool isLog(const std::string& name) {
+    try {
+        agent::info::FilePrinter::parseLogFileDate(name);
+        return true;
+    } catch (const std::exception&) {
+        return false;
+    }
+}
+
+/// Up to `size` bytes at `offset`, fewer at the end of the file only.
+std::string readAt(int descriptor, std::size_t size, ::off_t offset) {
+    std::string data(size, '\0');
+    const ::ssize_t got = ::pread(descriptor, data.data(), data.size(), offset);
+    if (got < 0) {
+        throw agent::PosixError("reading the log failed", errno);
+    }
+    data.resize(static_cast<std::size_t>(got));
+    return data;
+}
+
+} // namespace
+
+void LogTail::goToLast(std::size_t lines) {
+    const std::vector<std::string> all = names();
+    for (auto each = all.rbegin(); each != all.rend(); ++each) {
+        open(*each);
+        lines -= goBack(lines);
+        if (lines == 0) {
+            return;
+        }
+    }
+}
+
+bool LogTail::next(std::string& line) {
+    while (!takeLine(line)) {
+        // Asked before the file is read to its end: the agent writes to a later one only when it is done here.
+        const std::string later = nameBehind();
+        if (fill()) {
+            continue;
+        }
+        if (later.empty()) {
+            return false;
+        }
+        open(later);
+    }
+    return true;
+}
+
+bool LogTail::takeLine(std::string& line) {
+    const std::size_t end = pending.find('\n');
+    if (end != std::string::npos) {
+        line = pending.substr(0, end);
+        pending.erase(0, end + 1);
+        return true;
+    }
+    if (pending.size() < longestLine) {
+        return false;
+    }
+    line = std::exchange(pending, {});
+    return true;
+}
+
+bool LogTail::fill() {
+    if (!file) {
+        return false;
+    }
+    std::string data(blockBytes, '\0');
+    const ::ssize_t got = ::read(file.get(), data.data(), data.size());
+    if (got < 0) {
+        throw agent::PosixError("reading the log failed", errno);
+    }
+    pending.append(data, 0, static_cast<std::size_t>(got));
+    return got > 0;
+}
+
+/// What the file before left without a newline is a line as well.
+void LogTail::open(const std::string& file) {
+    const std::string path = directory / file;
+    // A pipe of that name must not keep us waiting for ever.
+    this->file = os::FileDescriptor(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    if (!this->file && errno != ENOENT) {
+        throw agent::PosixError("open(\"" + path + "\") failed", errno);
+    }
+    name = file;
+    if (!pending.empty()) {
+        pending += '\n';
+    }
+}
+
+/// Puts the file's position before its last lines, and returns how many there are, `lines` at most.
+std::size_t LogTail::goBack(std::size_t lines) {
+    const ::off_t size = file ? std::max<::off_t>(::lseek(file.get(), 0, SEEK_END), 0) : 0;
+    std::size_t found = 0;
+    ::off_t position = size;
+    ::off_t begin = size; // of the last lines that have been found
+    while (position > 0 && found < lines) {
+        const auto bytes = std::min<::off_t>(position, blockBytes);
+        position -= bytes;
+        const std::string data = readAt(file.get(), static_cast<std::size_t>(bytes), position);
+        for (auto at = static_cast<::off_t>(data.size()); at > 0 && found < lines; --at) {
+            const bool isEndOfLine = data[static_cast<std::size_t>(at - 1)] == '\n';
+            if (isEndOfLine && position + at < size) {
+                begin = position + at;
+                ++found;
+            }
+        }
+    }
+    if (position == 0 && found < lines && size > 0) {
+        begin = 0; // no newline stands before the first line
+        ++found;
+    }
+    if (file) {
+        ::lseek(file.get(), begin, SEEK_SET);
+    }
+    return found;
+}
+
+/// By their days, the oldest first.
+std::vector<std::string> LogTail::names() const {
+    if (!agent::file::exists(directory)) {
+        return {};
+    }
+    std::vector<std::string> found = agent::dir::list(directory);
+    std::erase_if(found, [](const std::string& each) { return !isLog(each); });
+    std::ranges::sort(found);
+    return found;
+}
+
+/// The next day's file; empty if there is none.
+std::string LogTail::nameBehind() const {
+    const std::vector<std::string> all = names();
+    const auto found = std::ranges::upper_bound(all, name);
+    return found == all.end() ? "" : *found;
+}
+
+} // namespace bekctl
