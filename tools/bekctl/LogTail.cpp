@@ -53,7 +53,7 @@ void LogTail::goToLast(std::size_t lines) {
 
 bool LogTail::next(std::string& line) {
     while (!takeLine(line)) {
-        // Asked before the file is read to its end: the agent writes to a later one only when it is done here.
+        // Asked before the file is read to its end: the agent writes to a later one only when it is done.
         const std::string later = nameBehind();
         if (fill()) {
             continue;
