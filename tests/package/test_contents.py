@@ -11,7 +11,7 @@ LIBRARIES = r"/usr/lib/[^/]+-linux-gnu"
 # What a package may have, beside its documents.
 RULES = {
     "bekd": (r"/usr/sbin/(bekd|bekctl)", r"/usr/bin/bek-usedmap", rf"{UNITS}/bekd[^/]*\.service",
-             r"/usr/lib/bekd/[^/]+"),
+             r"/usr/lib/bekd/[^/]+", r"/var/log/bekd"),
     "libtolvubd0": (rf"{LIBRARIES}/libtolvubd\.so", r"/usr/bin/tolvuctl", rf"{UNITS}/tolvubd-[^/]+",
                     r"(/usr)?/lib/udev/rules\.d/59-tolvubd\.rules",
                     r"(/usr)?/lib/systemd/system-shutdown/tolvubd",
@@ -26,7 +26,8 @@ DOCUMENTS = (r"/usr/share/doc/{package}/[^/]+", r"/usr/share/lintian/overrides/{
 # What there must be.
 REQUIRED = {
     "bekd": ("/usr/sbin/bekd", "/usr/bin/bek-usedmap", "/usr/share/man/man8/bekd.8.gz",
-             "/systemd/system/bekd.service"),
+             "/systemd/system/bekd.service", "/systemd/system/bekd-journal.service", "/usr/sbin/bekctl",
+             "/var/log/bekd"),
     "libtolvubd0": ("/usr/bin/tolvuctl", "/libtolvubd.so", "/udev/rules.d/59-tolvubd.rules",
                     "/systemd/system/tolvubd-start.service", "/systemd/system/tolvubd-close.service",
                     "/usr/share/initramfs-tools/hooks/tolvubd", "/usr/share/man/man8/tolvuctl.8.gz"),
@@ -87,7 +88,7 @@ def test_programs_know_no_place_of_a_build_and_are_hardened(trees):
             # What calls and jumps may lead to is marked, as far as it is ours.
             assert file.read_bytes().count(ENDBR64) > 50 or "X86-64" not in told, file
             assert b"/build/" not in file.read_bytes(), file
-    assert seen == 7 + any(trees["bekd"].rglob("bekctl"))
+    assert seen == 8
 
 
 def test_dependencies(packages):

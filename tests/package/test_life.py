@@ -38,6 +38,7 @@ def test_installed_all_is_there_and_what_can_be_started_is_enabled(installed, pa
         assert enabled(installed, unit), unit
     assert not enabled(installed, "zephaned.service") # has no image yet
     assert installed.run("stat", "--format=%U %a", "/srv/images", "/etc/zephaned") == "zephaned 700\n" * 2
+    assert installed.run("stat", "--dereference", "--format=%G %a", "/var/log/bekd") == "adm 2750\n"
 
 
 def test_units_are_well_formed(installed):
