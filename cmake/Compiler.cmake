@@ -3,8 +3,10 @@
 find_program(CCACHE ccache)
 if(CCACHE)
   # It takes precompiled headers into account, if told that their time stamps don't matter. Trees in different places
-  # share what it keeps, the copies that packages are built from too: see below.
-  set(CMAKE_CXX_COMPILER_LAUNCHER ${CMAKE_COMMAND} -E env CCACHE_SLOPPINESS=pch_defines,time_macros
+  # share what it keeps, the copies that packages are built from too: see below. The language of messages counts as
+  # well, and the tools that make packages set it in a way of their own.
+  set(CMAKE_CXX_COMPILER_LAUNCHER ${CMAKE_COMMAND} -E env --unset=LC_ALL LANG=C.UTF-8
+    CCACHE_SLOPPINESS=pch_defines,time_macros
     CCACHE_BASEDIR=${PROJECT_SOURCE_DIR} CCACHE_NOHASHDIR=1 ${CCACHE})
 endif()
 

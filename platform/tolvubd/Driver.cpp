@@ -222,13 +222,10 @@ void Driver::forgetAsleepLayers(const Volume& volume, const PathOnVolume& cow) {
 /// A CoW file of a tracking that was lost may still be locked where the next one is to be, and takes its
 /// room.
 void Driver::makeWayFor(const SnapshotPlan& plan) {
-    if (!isCowFile(plan.cow.path())) {
-        return;
-    }
-    if (plan.volume.servers.empty()) { // no other kind is frozen by the kernel
+    if (isCowFile(plan.cow.path()) && dm::isLockedFile(plan.cow.path())) {
         requireNotFrozen(plan.cow.mountPoint);
+        removeLockedFile(plan.cow.path());
     }
-    removeLockedFile(plan.cow.path());
 }
 
 /// False, with the reason in the device, where it has to be captured.

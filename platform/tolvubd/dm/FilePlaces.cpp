@@ -195,6 +195,10 @@ void lockFile(const std::string& path) {
     syncFile(file, path);
 }
 
+bool isLockedFile(const std::string& path) {
+    return ::access(path.c_str(), F_OK) == 0 && isLocked(openThere(path));
+}
+
 void releaseFile(const std::string& path) {
     if (::access(path.c_str(), F_OK) != 0 && errno == ENOENT) {
         return;

@@ -22,6 +22,8 @@ std::vector<Extent> makeLockedFile(const std::string& path, std::uint64_t size);
 std::vector<Extent> placesOf(const std::string& path);
 /// Locks a file that is there, so that it can't be changed, moved or removed.
 void lockFile(const std::string& path);
+/// Whether there is a file that is locked.
+bool isLockedFile(const std::string& path);
 /// Lets the file be changed and removed again; one that isn't there is fine.
 void releaseFile(const std::string& path);
 /// The part of a file that begins at `skip` and has `length` bytes; EINVAL when it isn't all there.
