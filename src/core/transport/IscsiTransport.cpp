@@ -35,10 +35,11 @@ bool fitsCommand(std::uint64_t length) {
     return true;
 }
 
-/// By the library's text, which is all that there is.
+/// By the library's text, which is all that there is. It can't reconnect where the connection was refused, or broken
+/// off, before anybody was logged in.
 const info::Reason& whyNoLogin(std::string_view error) {
     const auto has = [error](std::string_view part) { return error.find(part) != std::string_view::npos; };
-    if (has("Connection refused")) {
+    if (has("Connection refused") || has("Can not reconnect right now")) {
         return info::reason("target-refused");
     }
     if (has("LOGICAL_UNIT_NOT_SUPPORTED")) {
