@@ -35,8 +35,8 @@ bool fitsCommand(std::uint64_t length) {
     return true;
 }
 
-/// By the library's text, which is all that there is. It can't reconnect where the connection was refused, or broken
-/// off, before anybody was logged in.
+/// By the library's text, which is all that there is. It can't reconnect where the connection was refused, or
+/// broken off, before anybody was logged in.
 const info::Reason& whyNoLogin(std::string_view error) {
     const auto has = [error](std::string_view part) { return error.find(part) != std::string_view::npos; };
     if (has("Connection refused") || has("Can not reconnect right now")) {
