@@ -5,6 +5,7 @@
 #include "core/backup/BackupType.h"
 #include "core/backup/RemoteTargetValidator.h"
 #include "core/backup/VolumeChecksumGenerator.h"
+#include "info/log/Reason.h"
 #include "support/FakeTransport.h"
 #include "support/TestDatabase.h"
 
@@ -26,13 +27,15 @@ using Line = test::RecordingLogger::Line;
 const std::string first = "11111111-1111-1111-1111-111111111111";
 const std::string second = "22222222-2222-2222-2222-222222222222";
 
-/// The text of an exception of exactly this type.
+/// The text of an exception of this type, which may carry a reason as well.
 template <typename Exception>
 std::string messageOf(const std::function<void()>& action) {
     try {
         action();
     } catch (const std::exception& error) {
-        EXPECT_EQ(typeid(error).name(), std::string(typeid(Exception).name()));
+        const std::string thrown = typeid(error).name();
+        EXPECT_THAT(thrown,
+                    testing::AnyOf(typeid(Exception).name(), typeid(info::Reasoned<Exception>).name()));
         return error.what();
     }
     return "nothing was thrown";
