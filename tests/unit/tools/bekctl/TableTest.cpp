@@ -37,8 +37,8 @@ TEST(Table, HasNoLineOfTitlesWithoutTitles) {
 TEST(Table, TakesFromTheColumnThatMayShrink) {
     Table table = makeTable();
     table.add({"/mnt/a/very/long/path/that/is/of/no/use", "1.0 MB", "ok"});
-    EXPECT_EQ(printed(table, {false, 26}), "NAME          SIZE  STATE\n"
-                                           "/mnt/a/ve…  1.0 MB  ok\n");
+    EXPECT_EQ(printed(table, {false, 26}), "NAME           SIZE  STATE\n"
+                                           "/mnt/a/ver…  1.0 MB  ok\n");
 }
 
 TEST(Table, CutsBetweenCharacters) {

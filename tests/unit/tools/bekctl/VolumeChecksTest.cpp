@@ -30,7 +30,7 @@ TEST(CheckRoom, FirstBackupOfAVolumeThatIsTooFull) {
     const Finding found = checkRoom(roomOf(2000, 1000, 900), "u", "/data");
     EXPECT_EQ(found.verdict, Verdict::failure);
     EXPECT_NE(found.text.find("the next backup needs 1.1 GB"), std::string::npos) << found.text;
-    EXPECT_NE(found.remedy.find("Set volumes.u.cowFileSizeMiB to 40"), std::string::npos) << found.remedy;
+    EXPECT_NE(found.remedy.find("Set volumes.u.cowFileSizeMiB to 336,"), std::string::npos) << found.remedy;
 }
 
 /// A gibibyte at least and half of the volume at most: two of them are all of a volume of 2 GiB.
@@ -38,7 +38,7 @@ TEST(CheckRoom, SecondBackupOfASmallVolumeByDefault) {
     const Finding found = checkRoom(roomOf(2048, 1024, 1900), "u", "/data");
     EXPECT_EQ(found.verdict, Verdict::failure);
     EXPECT_NE(found.text.find("the one after it fails"), std::string::npos) << found.text;
-    EXPECT_NE(found.remedy.find("cowFileSizeMiB to 85"), std::string::npos) << found.remedy;
+    EXPECT_NE(found.remedy.find("cowFileSizeMiB to 710,"), std::string::npos) << found.remedy;
 }
 
 TEST(CheckRoom, CowFileThatIsThereMakesWay) {
@@ -49,7 +49,7 @@ TEST(CheckRoom, CowFileThatIsThereMakesWay) {
 TEST(CheckRoom, WhereNoSizeFitsRoomIsWhatIsMissing) {
     const Finding found = checkRoom(roomOf(500, 250, 150), "u", "/data");
     EXPECT_EQ(found.verdict, Verdict::failure);
-    EXPECT_EQ(found.remedy, "Free 53.4 MB and set volumes.u.cowFileSizeMiB to 100.");
+    EXPECT_EQ(found.remedy, "Free 53.5 MB and set volumes.u.cowFileSizeMiB to 100.");
 }
 
 /// Whatever is recommended passes the same check.
