@@ -42,7 +42,7 @@ def failure(milliseconds=20000):
     assert done.returncode == 1
     assert done.stdout == ""
     lines = done.stderr.splitlines()
-    assert f"1 {lines[-1]}" in lines[:-1]
+    assert f"1 {lines[-1]} [failure:certificate-unavailable]" in lines[:-1]
     return lines[-1]
 
 
