@@ -36,6 +36,7 @@ public:
     BackupLog() = default;
     BackupLog(const BackupLog&) = delete;
     BackupLog& operator=(const BackupLog&) = delete;
+    ~BackupLog() = default;
 
     void add(const std::string& line);
 

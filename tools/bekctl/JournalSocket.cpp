@@ -43,8 +43,9 @@ JournalSocket::JournalSocket() : socket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOE
     ::sockaddr_un address{};
     address.sun_family = AF_UNIX;
     std::ranges::copy(journalPath, std::begin(address.sun_path));
-    if (!socket ||
-        ::connect(socket.get(), reinterpret_cast<const ::sockaddr*>(&address), sizeof address) != 0) {
+    // NOLINTNEXTLINE(*-reinterpret-cast): the socket API's way
+    const auto* const where = reinterpret_cast<const ::sockaddr*>(&address);
+    if (!socket || ::connect(socket.get(), where, sizeof address) != 0) {
         throw agent::PosixError("There is no journal at " + std::string(journalPath), errno);
     }
     ::setsockopt(socket.get(), SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);

@@ -45,7 +45,8 @@ void readFile(BackupLog& log, const std::string& path) {
 } // namespace
 
 LogFindings readLogs() {
-    LogFindings found{std::make_unique<BackupLog>(), std::nullopt, ""};
+    LogFindings found;
+    found.log = std::make_unique<BackupLog>();
     const agent::Path directory = FilePrinter::logDirectory();
     try {
         if (!agent::file::exists(directory)) {

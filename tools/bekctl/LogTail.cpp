@@ -129,8 +129,8 @@ std::size_t LogTail::goBack(std::size_t lines) {
         begin = 0; // no newline stands before the first line
         ++found;
     }
-    if (file) {
-        ::lseek(file.get(), begin, SEEK_SET);
+    if (file && ::lseek(file.get(), begin, SEEK_SET) < 0) {
+        throw agent::PosixError("lseek in the log failed", errno);
     }
     return found;
 }

@@ -8,6 +8,7 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <array>
+#include <cstdio>
 #include <exception>
 #include <iostream>
 #include <string>
@@ -32,9 +33,9 @@ struct Options {
 };
 
 struct Command {
-    const char* name;
-    const char* description;
-    int (*run)(const Output&, const Options&);
+    const char* name = nullptr;
+    const char* description = nullptr;
+    int (*run)(const Output&, const Options&) = nullptr;
     bool needsRoot = true;
 };
 
@@ -145,5 +146,10 @@ int run(int argc, char** argv) {
 } // namespace bekctl
 
 int main(int argc, char** argv) {
-    return bekctl::run(argc, argv);
+    try {
+        return bekctl::run(argc, argv);
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "bekctl: %s\n", error.what());
+        return bekctl::unusable;
+    }
 }
