@@ -145,8 +145,8 @@ void print(const Output& output, const Findings& findings) {
     for (const Finding& finding : findings) {
         print(output, finding);
     }
-    output.out << count(findings, Verdict::failure) << " failures, " << count(findings, Verdict::warning)
-               << " warnings\n";
+    output.out << "Failures: " << count(findings, Verdict::failure)
+               << ", warnings: " << count(findings, Verdict::warning) << "\n";
 }
 
 } // namespace
