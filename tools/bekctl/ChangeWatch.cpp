@@ -19,11 +19,11 @@ constexpr std::size_t eventBytes = 4096;
 
 ChangeWatch::ChangeWatch(std::string directory)
     : directory(std::move(directory)), events(::inotify_init1(IN_CLOEXEC | IN_NONBLOCK)) {
-    isWatching();
+    attach();
 }
 
 void ChangeWatch::wait() {
-    if (!isWatching()) {
+    if (!attach()) {
         std::this_thread::sleep_for(std::chrono::seconds(1));
         return;
     }
@@ -37,7 +37,7 @@ void ChangeWatch::wait() {
 }
 
 /// The agent may make the directory later, and somebody may put another one in its place.
-bool ChangeWatch::isWatching() {
+bool ChangeWatch::attach() {
     watch = ::inotify_add_watch(events.get(), directory.c_str(),
                                 IN_MODIFY | IN_CREATE | IN_MOVED_TO | IN_ONLYDIR);
     return watch >= 0;

@@ -18,7 +18,7 @@ public:
     void wait();
 
 private:
-    bool isWatching();
+    bool attach();
 
     std::string directory;
     os::FileDescriptor events;

@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <exception>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <utility>
 
@@ -36,6 +37,19 @@ std::string readAt(int descriptor, std::size_t size, ::off_t offset) {
     }
     data.resize(static_cast<std::size_t>(got));
     return data;
+}
+
+/// None if the file is gone, or is a pipe or the like, which would have us wait for ever.
+os::FileDescriptor openRegular(const std::string& path) {
+    os::FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    if (!file && errno != ENOENT) {
+        throw agent::PosixError("open(\"" + path + "\") failed", errno);
+    }
+    struct ::stat status = {};
+    if (file && (::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode))) {
+        return os::FileDescriptor();
+    }
+    return file;
 }
 
 } // namespace
@@ -95,12 +109,7 @@ bool LogTail::fill() {
 
 /// What the file before left without a newline is a line as well.
 void LogTail::open(const std::string& file) {
-    const std::string path = directory / file;
-    // A pipe of that name must not keep us waiting for ever.
-    this->file = os::FileDescriptor(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-    if (!this->file && errno != ENOENT) {
-        throw agent::PosixError("open(\"" + path + "\") failed", errno);
-    }
+    this->file = openRegular(directory / file);
     name = file;
     if (!pending.empty()) {
         pending += '\n';
@@ -109,7 +118,7 @@ void LogTail::open(const std::string& file) {
 
 /// Puts the file's position before its last lines, and returns how many there are, `lines` at most.
 std::size_t LogTail::goBack(std::size_t lines) {
-    const ::off_t size = file ? std::max<::off_t>(::lseek(file.get(), 0, SEEK_END), 0) : 0;
+    const ::off_t size = file ? ::lseek(file.get(), 0, SEEK_END) : 0;
     std::size_t found = 0;
     ::off_t position = size;
     ::off_t begin = size; // of the last lines that have been found

@@ -38,6 +38,7 @@ std::size_t totalOf(const std::vector<std::size_t>& widths) {
 
 std::vector<Cell> titlesOf(const std::vector<Column>& columns) {
     std::vector<Cell> titles;
+    titles.reserve(columns.size());
     for (const Column& column : columns) {
         titles.emplace_back(column.title, Colour::bold);
     }
