@@ -15,7 +15,6 @@ namespace tolvubd {
 
 namespace {
 
-constexpr unsigned ownerOnly = 0600;
 
 /// The header as it is on disk, little endian.
 struct Header {

@@ -10,6 +10,9 @@
 
 namespace tolvubd {
 
+/// Of files and nodes: what is on a volume isn't for everybody's eyes.
+inline constexpr mode_t ownerOnly = 0600;
+
 /// Opens close-on-exec, or throws.
 os::FileDescriptor openFile(const std::string& path, int flags, mode_t mode = 0);
 

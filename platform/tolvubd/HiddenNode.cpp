@@ -15,7 +15,6 @@ namespace tolvubd {
 
 namespace {
 
-constexpr unsigned ownerOnly = 0600;
 
 std::string hiddenPath(dev_t number) {
     return std::string(layout::devices) + "/" + layout::hiddenNodePrefix + "-" +

@@ -16,7 +16,6 @@ namespace tolvubd {
 
 namespace {
 
-constexpr unsigned ownerOnly = 0600;
 /// Some thousand devices with the longest paths there are.
 constexpr std::size_t largestState = std::size_t{16} << 20;
 constexpr std::size_t sessionSize = 36;

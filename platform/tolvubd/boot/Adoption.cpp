@@ -25,7 +25,6 @@ constexpr const char* linksByPartition = "/dev/disk/by-partuuid";
 constexpr const char* hook = "/usr/share/initramfs-tools/hooks/tolvubd";
 constexpr const char* adoptedName = "adopted-root";
 constexpr const char* adoptedPrefix = "ADOPTED-";
-constexpr std::uint64_t sector = 512;
 
 dev_t numberOf(const std::string& node) {
     struct stat status{};
@@ -64,7 +63,7 @@ dm::Device makeLinear(const BootRecord::Adopted& adopted, const std::string& par
     const std::uint64_t size = sizeOf(partition);
     const dm::Device device = dm::create(adopted.name, uuid);
     try {
-        dm::load(device, {{0, size / sector, "linear", below + " 0"}});
+        dm::load(device, {{0, size / dm::sector, "linear", below + " 0"}});
         dm::resume(device, dm::Visibility::shown);
     } catch (...) {
         dm::remove(device);

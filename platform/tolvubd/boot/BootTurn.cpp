@@ -13,7 +13,6 @@ namespace tolvubd {
 namespace {
 
 constexpr const char* lockPath = "/run/tolvubd.boot";
-constexpr unsigned ownerOnly = 0600;
 constexpr std::chrono::seconds patience{10};
 constexpr std::chrono::milliseconds pause{20};
 

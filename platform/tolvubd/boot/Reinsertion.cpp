@@ -29,7 +29,6 @@ namespace tolvubd {
 
 namespace {
 
-constexpr std::uint64_t sector = 512;
 
 bool isLinear(const dm::Targets& targets) {
     return !targets.empty() &&
@@ -69,7 +68,7 @@ private:
             seal->device.size != record.size) {
             return "its seal is that of another volume";
         }
-        if (dm::sizeOf(dm::liveTable(device)) * sector != record.size) {
+        if (dm::sizeOf(dm::liveTable(device)) * dm::sector != record.size) {
             return "its size has changed";
         }
         if (seal->end == Seal::End::open && volume.wasEraStopped()) {

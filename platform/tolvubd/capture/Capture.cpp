@@ -13,7 +13,6 @@ namespace tolvubd {
 
 namespace {
 
-constexpr unsigned ownerOnly = 0600;
 /// Large, because the file system stays frozen for as long as the reads take.
 constexpr std::size_t pieceSize = std::size_t{8} << 20;
 /// Of all devices, the largest unit that a direct read can ask for.

@@ -6,11 +6,13 @@
 #include <sys/types.h>
 #include <vector>
 
-/// The kernel's device-mapper, through its library. Sizes and places are in sectors of 512 bytes.
+/// The kernel's device-mapper, through its library. Sizes and places are in sectors.
 ///
 /// Threads: any, as the library keeps no state of its own here; callers take turns.
 /// Fails:   std::system_error with the kernel's errno: ENXIO for a device that isn't there.
 namespace tolvubd::dm {
+
+inline constexpr std::uint64_t sector = 512; ///< bytes, whatever the disk has
 
 struct Target {
     std::uint64_t start = 0;

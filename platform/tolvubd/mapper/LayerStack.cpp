@@ -25,7 +25,6 @@ namespace tolvubd {
 
 namespace {
 
-constexpr std::uint64_t sector = 512;
 constexpr std::size_t uuidLength = 36;
 constexpr int attemptsToRead = 3;
 
@@ -261,7 +260,7 @@ std::vector<bool> LayerStack::writtenSince(std::uint32_t first) const {
     const dm::Device meta = require(id, metaLayer);
     const HiddenNode node(meta.number);
     const os::FileDescriptor file = node.open(O_RDONLY | O_DIRECT);
-    const std::uint64_t size = dm::sizeOf(dm::liveTable(meta)) * sector;
+    const std::uint64_t size = dm::sizeOf(dm::liveTable(meta)) * dm::sector;
     for (int attempt = 1;; ++attempt) {
         try {
             return EraMetadata(file, size, EraMetadata::View::snapshot).writtenSince(first);

@@ -15,7 +15,6 @@ namespace tolvubd {
 namespace {
 
 constexpr const char* directory = "/run/lock/lvm";
-constexpr unsigned ownerOnly = 0600;
 
 /// LVM removes the file when nobody waits for it: then the lock of another one counts.
 bool isStillThere(const os::FileDescriptor& file, const std::string& path) {

@@ -18,7 +18,6 @@ namespace tolvubd {
 
 namespace {
 
-constexpr std::uint64_t sector = 512;
 
 /// The snapshot of a CoW file; none if it isn't there, or isn't one.
 std::optional<std::string> snapshotIn(const std::string& path) {
@@ -40,7 +39,7 @@ std::uint64_t storeOffset(std::uint64_t volumeSize) {
 }
 
 std::uint64_t eraFileSize(std::uint64_t volumeSize, std::uint32_t blockSectors) {
-    const std::uint64_t block = blockSectors * sector;
+    const std::uint64_t block = blockSectors * dm::sector;
     return sealSize + eraMetadataSize((volumeSize + block - 1) / block);
 }
 

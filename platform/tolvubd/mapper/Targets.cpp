@@ -11,7 +11,6 @@ namespace tolvubd {
 
 namespace {
 
-constexpr std::uint64_t sector = 512;
 
 std::vector<std::uint64_t> numbersIn(std::string text) {
     for (char& letter : text) {
@@ -41,8 +40,8 @@ dm::Targets piecesOn(const dm::Device& device, const std::vector<Extent>& places
     dm::Targets targets;
     std::uint64_t position = 0;
     for (const Extent& part : dm::partOf(places, skip, length)) {
-        targets.push_back({position / sector, part.length / sector, "linear",
-                           nameOf(device) + " " + std::to_string(part.offset / sector)});
+        targets.push_back({position / dm::sector, part.length / dm::sector, "linear",
+                           nameOf(device) + " " + std::to_string(part.offset / dm::sector)});
         position += part.length;
     }
     return targets;
@@ -80,7 +79,7 @@ std::optional<StoreRoom> roomIn(const dm::Targets& status) {
         return std::nullopt;
     }
     const auto numbers = numbersIn(status[0].parameters);
-    return numbers.size() >= 2 ? std::optional(StoreRoom{numbers[0] * sector, numbers[1] * sector})
+    return numbers.size() >= 2 ? std::optional(StoreRoom{numbers[0] * dm::sector, numbers[1] * dm::sector})
                                : std::nullopt;
 }
 

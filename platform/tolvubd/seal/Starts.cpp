@@ -47,7 +47,6 @@ void noteStart(const std::string& path) {
          ++index) {
         text += starts[index] + "\n";
     }
-    constexpr unsigned ownerOnly = 0600;
     replaceFile(path, text, ownerOnly);
 }
 
