@@ -141,6 +141,7 @@ def expect_to_go_on(installed):
     assert installed.backup() == all_of("incremental")
     assert installed.ways["logical"] == "device-mapper: linear table"
     assert installed.ways["plain"].startswith("capture: ")
+    assert "Backup run finished" in installed.journal("bekd"), "the agent's log is in the journal"
     said = installed.journal("bekd-reload").splitlines()
     for name in BOTH:
         assert any(line.endswith(f" (/volumes/{name}): tracked") for line in said), said
