@@ -15,7 +15,6 @@ namespace tolvubd {
 
 namespace {
 
-
 /// The header as it is on disk, little endian.
 struct Header {
     std::uint32_t magic = cow::magic;

@@ -15,7 +15,6 @@ namespace tolvubd {
 
 namespace {
 
-
 std::string hiddenPath(dev_t number) {
     return std::string(layout::devices) + "/" + layout::hiddenNodePrefix + "-" +
            std::to_string(major(number)) + "-" + std::to_string(minor(number));

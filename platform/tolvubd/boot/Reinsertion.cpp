@@ -29,7 +29,6 @@ namespace tolvubd {
 
 namespace {
 
-
 bool isLinear(const dm::Targets& targets) {
     return !targets.empty() &&
            std::ranges::all_of(targets, [](const dm::Target& target) { return target.type == "linear"; });

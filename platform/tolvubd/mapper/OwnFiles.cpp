@@ -18,7 +18,6 @@ namespace tolvubd {
 
 namespace {
 
-
 /// The snapshot of a CoW file; none if it isn't there, or isn't one.
 std::optional<std::string> snapshotIn(const std::string& path) {
     try {

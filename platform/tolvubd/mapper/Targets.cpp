@@ -11,7 +11,6 @@ namespace tolvubd {
 
 namespace {
 
-
 std::vector<std::uint64_t> numbersIn(std::string text) {
     for (char& letter : text) {
         letter = letter == '/' ? ' ' : letter;
