@@ -1,97 +1,159 @@
-"""The commands of a page of the documents, run as they are printed.
+"""The blocks of a page of the documents, run as they are printed.
 
 A block that is marked `sh` holds commands, and one marked `text` behind it lines that they print, in their
-order, where "..." stands for anything, and any number for a number.
+order, where "..." stands for anything, and any number, UUID or serial number for one of its kind. A block
+that is marked `python` is a whole program. A further word tells what they take: `sh machine`, `python ceph`.
+All other blocks of a page are for reading.
 
     page = Page(ROOT / "docs" / "first-hour.md")
-    run_blocks(page["Pairing"] + page["The first backup"], execute)
+    check_blocks(page["Pairing"] + page["The first backup"], execute)
 
-`execute` runs a script, and returns what it has printed; it raises if a command fails. Blocks that are run
-together share a shell. All other blocks of a page are for reading.
+`execute` runs a script, and returns its status and what it has printed; `shell_in` makes one. Blocks that are
+run together share a shell.
 """
 import pathlib
 import re
+import subprocess
 import typing
 
-MARK = "--- block"
-BLOCK = re.compile(r"^```(\w*)\n(.*?)^```$", re.MULTILINE | re.DOTALL)
-HEADING = re.compile(r"^#+ (.*)$", re.MULTILINE)
+ROOT = pathlib.Path(__file__).resolve().parents[1]
+SH, PYTHON, PRINTED = "sh", "python", "text"
+MACHINE, CEPH = f"{SH} machine", f"{PYTHON} ceph"
+PIECE = re.compile(r"^#+ (?P<heading>.*)$|^```(?P<kind>.*)\n(?P<text>(?:.*\n)*?)```$", re.MULTILINE)
+UUID = r"\b[0-9a-f]{8}(?:-[0-9a-f]{4}){3}-[0-9a-f]{12}\b"
+SERIAL_NUMBER = r"\b[0-9A-F]{16}\b"
+VARYING = re.compile(rf"({UUID})|({SERIAL_NUMBER})|(\d+)")
+COMMAND = "--- command\n"
+SECONDS = 600
 
 
 class Block(typing.NamedTuple):
-    """Commands, and lines that they print."""
+    """What stands behind its fence, what is in it, and the lines that it prints."""
 
-    commands: str
-    printed: list
+    kind: str
+    text: str
+    heading: str = ""
+    printed: tuple = ()
 
 
 class Page:
-    """The blocks of commands below each heading of a page."""
+    """The blocks of a page, in their order."""
 
     def __init__(self, path):
-        self._blocks = {}
-        heading = ""
-        for title, text in self._pieces(pathlib.Path(path).read_text(encoding="utf-8")):
-            heading = title
-            self._blocks.setdefault(heading, []).extend(_blocks_in(text))
+        text = pathlib.Path(path).read_text(encoding="utf-8")
+        self.blocks = []
+        heading, fences = "", 0
+        for piece in PIECE.finditer(text):
+            if piece["heading"] is not None:  # A comment of a command is none: it is part of a block.
+                heading = piece["heading"]
+            else:
+                fences += 2
+                self._add(Block(piece["kind"], piece["text"], heading))
+        if len(re.findall("^```", text, re.MULTILINE)) != fences:
+            raise ValueError(f"{path}: a block without an end")
 
-    @staticmethod
-    def _pieces(text):
-        """Headings and what stands below them; a comment of a command is no heading."""
-        plain = BLOCK.sub(lambda block: re.sub(r"[^\n]", " ", block[0]), text)
-        starts = [(match.start(), match[1]) for match in HEADING.finditer(plain)]
-        ends = [start for start, _ in starts[1:]] + [len(text)]
-        return [(title, text[start:end]) for (start, title), end in zip(starts, ends)]
+    def _add(self, block):
+        if block.kind != PRINTED:
+            self.blocks.append(block)
+            return
+        if not self.blocks or self.blocks[-1].kind.split()[:1] != [SH] or self.blocks[-1].printed:
+            raise ValueError(f"printed by no command: {block.text}")
+        self.blocks[-1] = self.blocks[-1]._replace(printed=tuple(block.text.splitlines()))
 
     def __getitem__(self, heading):
-        """Those below one heading; there are some, or the page has changed."""
-        blocks = self._blocks[heading]
-        assert blocks, f"no commands below {heading!r}"
-        return blocks
+        """The commands below one heading; there are some, or the page has changed."""
+        found = [block for block in self.of(SH) if block.heading == heading]
+        assert found, f"no commands below {heading!r}"
+        return found
 
     @property
     def headings(self):
         """Of all that has commands."""
-        return [heading for heading, blocks in self._blocks.items() if blocks]
+        return list(dict.fromkeys(block.heading for block in self.of(SH)))
+
+    def of(self, kind):
+        return [block for block in self.blocks if block.kind == kind]
 
 
-def _blocks_in(text):
-    blocks = []
-    for kind, content in BLOCK.findall(text):
-        if kind == "sh":
-            blocks.append(Block(content, []))
-        elif kind == "text":
-            blocks[-1].printed.extend(content.splitlines())
-    return blocks
-
-
-def _pattern(line):
-    """A line of the page as a regular expression."""
-    text = re.escape(line.strip()).replace(r"\.\.\.", ".*")
-    text = re.sub(r"\d+", lambda _: r"\d+", text)
-    return re.compile(re.sub(r"(?:\\ )+", lambda _: r"\s+", text))
+def _alike(line):
+    """What has to be the same in a line each time."""
+    return " ".join(VARYING.sub(lambda found: f"#{found.lastindex}", line).split())
 
 
 def missing_line(expected, printed):
     """The first expected line that isn't printed, behind the one before; None if all are."""
-    lines = iter(printed.splitlines())
-    for line in expected:
-        pattern = _pattern(line)
-        if line.strip() and not any(pattern.fullmatch(shown.strip()) for shown in lines):
+    lines = iter([_alike(line) for line in printed.splitlines()])
+    for line in filter(str.strip, expected):
+        pattern = re.compile(".*".join(map(re.escape, _alike(line).split("..."))))
+        if not any(map(pattern.fullmatch, lines)):
             return line
     return None
 
 
-def script_of(blocks):
-    """A script that ends with the first command that fails, and marks where each block begins."""
-    return "set -euo pipefail\n" + "".join(f"echo '{MARK}'\n{block.commands}" for block in blocks)
+def _is_whole(text):
+    """Whether a shell would read on; it warns of a document that ends with the script only."""
+    done = subprocess.run(["bash", "-n"], input=text, stderr=subprocess.PIPE, text=True, check=False)
+    return done.returncode == 0 and not done.stderr and not text.endswith("\\\n")
 
 
-def run_blocks(blocks, execute):
+def commands_in(text):
+    """One by one, each with all of its lines."""
+    commands, rest = [], ""
+    for line in text.splitlines(keepends=True):
+        rest += line
+        if _is_whole(rest):
+            commands.append(rest)
+            rest = ""
+    if rest:
+        raise ValueError(f"no command: {rest}")
+    return commands
+
+
+def script_of(commands):
+    """A script that marks where each begins, and ends with the first that fails: without the line behind it
+    a shell would go on after `false && true`."""
+    marked = [f"echo -n '{COMMAND}'\n{command}(exit $?)\n" for command in commands]
+    return "".join(["set -euo pipefail\n", *marked])
+
+
+def _outputs(commands, execute):
+    """What each has printed; the first that fails is told with what it has."""
+    status, printed = execute(script_of(commands))
+    start, *outputs = printed.split(COMMAND)
+    if status == 0 and len(outputs) == len(commands):
+        return outputs
+    command = commands[len(outputs) - 1] if outputs else ""
+    raise AssertionError(f"status {status} of\n{command}--- printed\n{[start, *outputs][-1]}")
+
+
+def check_blocks(blocks, execute):
     """Runs them all; what each has printed must be what its page says. Returns what was printed, by block."""
-    printed = execute(script_of(blocks)).split(f"{MARK}\n")[1:]
-    assert len(printed) == len(blocks)
+    commands = [commands_in(block.text) for block in blocks]
+    outputs = iter(_outputs(sum(commands, []), execute))
+    printed = ["".join(next(outputs) for _ in own) for own in commands]
     for block, text in zip(blocks, printed):
         line = missing_line(block.printed, text)
-        assert line is None, f"not printed: {line!r}\n--- by\n{block.commands}--- but\n{text}"
+        assert line is None, f"not printed: {line!r}\n--- by\n{block.text}--- but\n{text}"
     return printed
+
+
+def _run(command, directory, seconds=SECONDS, **options):
+    """Status, and what was printed on either stream."""
+    try:
+        done = subprocess.run(command, cwd=directory, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+                              check=False, timeout=seconds, **options)
+    except subprocess.TimeoutExpired as late:
+        return f"none after {seconds} s", (late.stdout or b"").decode(errors="replace")
+    return done.returncode, done.stdout.decode(errors="replace")
+
+
+def shell_in(directory, **options):
+    """Runs scripts there, where they have nothing to read."""
+    return lambda script: _run(["bash", "-c", script], directory, stdin=subprocess.DEVNULL, **options)
+
+
+def check_program(block, directory, **options):
+    """Runs it in a namespace of its own, which the lab in `directory` makes."""
+    status, printed = _run(["lab/namespace", "/usr/bin/python3", "-B", "-"], directory,
+                           input=block.text.encode(), **options)
+    assert status == 0, f"status {status} of\n{block.text}--- printed\n{printed}"

@@ -16,7 +16,7 @@ import tempfile
 import pytest
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
-sys.path.insert(0, str(ROOT))
+sys.path[:0] = [str(ROOT), str(ROOT / "tests")]
 pytest.register_assert_rewrite("backup_site", "fault_site", "iscsi_call", "snapshot_site", "tolvubd_site",
                                  "used_maps", "zephane_scene")
 

@@ -1,14 +1,9 @@
 """What the documents name is there: files of the tree, programs, their commands and options."""
 import re
-import sys
 
 import pytest
 
 from lab.daemon import ROOT
-
-sys.path.insert(0, str(ROOT / "tests"))
-
-from pages import missing_line  # noqa: E402
 
 DOCUMENTS = sorted(path for pattern in ("*.md", "docs/**/*.md", "lab/*.md", "platform/*/*.md", "tests/*/*.md")
                    for path in ROOT.glob(pattern))
@@ -19,7 +14,7 @@ PLACES = "scripts lab docs tests bench platform tools packaging src debian cmake
 FENCE = re.compile(r"^```.*?^```$", re.MULTILINE | re.DOTALL)
 CODE = re.compile(r"`([^`\n]+)`")
 PATH = re.compile(rf"(?<![\w/.<~-])((?:{'|'.join(PLACES)})/[\w./*{{}},-]*[\w*}}/])(?![\w….])")
-CALL = re.compile(r"(?:\$ )?(bekctl|tolvuctl|zephaned|bek-usedmap)((?: [\w.=/:-]+)*)")
+CALL = re.compile(r"(bekctl|tolvuctl|zephaned|bek-usedmap)((?: [\w.=/:-]+)*)")
 # Where these stand a user has put a word of his own.
 OWN_WORDS = re.compile(r"X|KIND|NAME|PRESET|COMMAND")
 
@@ -73,9 +68,3 @@ def test_that_something_is_looked_at():
     assert wrong_calls(pieces) == ["tolvuctl lisst", "zephaned --chek"]
     assert len(DOCUMENTS) > 15
     assert sum(len(paths_in(code_of(path))) for path in DOCUMENTS) > 100
-
-
-@pytest.mark.parametrize("shown, missing", [
-    (["a 1 ... b", "c"], None), (["c", "a 1 b"], "a 1 b"), (["d"], "d"), (["a", "c"], "a"), ([""], None)])
-def test_what_a_page_shows_is_looked_for_in_its_order(shown, missing):
-    assert missing_line(shown, "a 22  xx b\nc\n") == missing

@@ -1,18 +1,12 @@
 """docs/provisioning.md: how an agent and a device come by certificates without a service, as printed."""
 import stat
-import subprocess
-import sys
 
 import pytest
 
 from lab.daemon import CERTIFICATES, ROOT
-
-sys.path.insert(0, str(ROOT / "tests"))
-
-from pages import Page, run_blocks, script_of  # noqa: E402
+from pages import SH, Block, Page, check_blocks, shell_in
 
 PAGE = Page(ROOT / "docs" / "provisioning.md")
-SECONDS = 60
 WRONG_PIN = r"curl: \(90\) SSL: public key does not match pinned public key"
 NO_ANSWER = r"curl: \(52\) Empty reply from server|curl: \(56\)"
 FILES = ("An authority", "The agent's certificate", "A device's certificate", "Whether they are right")
@@ -24,13 +18,7 @@ pytestmark = pytest.mark.bare_site
 @pytest.fixture
 def execute(tmp_path):
     """Runs a script in one directory, which stands for those of all the machines of the page."""
-    def run(script):
-        done = subprocess.run(["bash", "-c", script], cwd=tmp_path, stdin=subprocess.DEVNULL,
-                              stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, check=False,
-                              timeout=SECONDS)
-        assert done.returncode == 0, done.stdout
-        return done.stdout
-    return run
+    return shell_in(tmp_path)
 
 
 def blocks(titles):
@@ -43,13 +31,13 @@ def test_no_other_commands():
 
 
 def test_from_nothing_to_a_paired_agent(execute, foreground, database, tmp_path):
-    run_blocks(blocks(FILES), execute)
+    check_blocks(blocks(FILES), execute)
     modes = {path.name: stat.S_IMODE(path.stat().st_mode) for path in CERTIFICATES.iterdir()}
     assert modes == {"server.key": 0o600, "server.pem": 0o644, "ca.crt": 0o644}
     assert stat.S_IMODE((tmp_path / "ca.key").stat().st_mode) == 0o600
 
     foreground()
-    run_blocks(blocks(CALLS), execute)
+    check_blocks(blocks(CALLS), execute)
     assert database("select id from device") == [(4711,)]
 
 
@@ -60,31 +48,32 @@ def test_from_nothing_to_a_paired_agent(execute, foreground, database, tmp_path)
 ])
 def test_what_the_page_says_of_a_wrong_device(execute, foreground, old, new, said):
     """Without any part of the commands the agent closes the connection, and its log says why."""
-    script = script_of(blocks(FILES[:3]))
-    assert old in script
-    execute(script.replace(old, new))
+    right = blocks(FILES[:3])
+    wrong = [block._replace(text=block.text.replace(old, new)) for block in right]
+    assert wrong != right
+    check_blocks(wrong, execute)
     daemon = foreground()
     with pytest.raises(AssertionError, match=NO_ANSWER):
-        run_blocks(PAGE["The first call"], execute)
+        check_blocks(PAGE["The first call"], execute)
     assert said in daemon.log
 
 
 def test_another_issuer(execute, foreground):
     """An authority of the same key with another name doesn't do."""
-    run_blocks(blocks(FILES[:3]), execute)
-    script = "".join(block.commands for block in PAGE["A device's certificate"])
-    execute("openssl req -x509 -new -key ca.key -days 3650 -subj '/CN=Another CA' -out ca.crt\n" + script)
+    check_blocks(blocks(FILES[:3]), execute)
+    other = "openssl req -x509 -new -key ca.key -days 3650 -subj '/CN=Another CA' -out ca.crt\n"
+    check_blocks([Block(SH, other), *PAGE["A device's certificate"]], execute)
     daemon = foreground()
-    execute("cp /etc/tolvu/bek/certs/ca.crt ca.crt")
+    check_blocks([Block(SH, "cp /etc/tolvu/bek/certs/ca.crt ca.crt\n")], execute)
     with pytest.raises(AssertionError, match=NO_ANSWER):
-        run_blocks(PAGE["The first call"], execute)
+        check_blocks(PAGE["The first call"], execute)
     assert "Certificate issuer mismatch" in daemon.log
 
 
 def test_a_pin_of_another_key(execute, foreground):
-    run_blocks(blocks(FILES[:3]), execute)
+    check_blocks(blocks(FILES[:3]), execute)
     foreground()
     pin, call = PAGE["Whether it is the right agent"]
-    other = pin.commands.replace("/etc/tolvu/bek/certs/server.pem", "device.pem")
+    other = pin._replace(text=pin.text.replace("/etc/tolvu/bek/certs/server.pem", "device.pem"))
     with pytest.raises(AssertionError, match=WRONG_PIN):
-        execute(f"set -e\n{other}{call.commands}")
+        check_blocks([other, call], execute)

@@ -1,19 +1,17 @@
 """The blocks of lab/README.md that take a machine, as printed."""
 import subprocess
 
-from lab import page
 from lab.virtual import images
-
-ROOT = page.PAGE.parents[1]
+from pages import MACHINE, ROOT, Page, check_blocks, shell_in
 
 
 def test_commands():
     by_hand = images.directory() / "by-hand-machine"
     assert not by_hand.exists(), "there is a machine of the page's name: `lab/machine down` first"
+    found = Page(ROOT / "lab" / "README.md").of(MACHINE)
+    assert found
     try:
-        for block in page.blocks(page.PAGE.read_text(encoding="utf-8")):
-            if block.kind == page.MACHINE:
-                assert page.failure_of_commands(block, ROOT) == ""
+        check_blocks(found, shell_in(ROOT))
         assert not by_hand.exists()
     finally:
         subprocess.run([ROOT / "lab" / "machine", "down"], check=True)
