@@ -47,7 +47,7 @@ os::FileDescriptor openRegular(const std::string& path) {
     }
     struct ::stat status = {};
     if (file && (::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode))) {
-        return os::FileDescriptor();
+        return {};
     }
     return file;
 }
