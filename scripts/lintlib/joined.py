@@ -7,22 +7,56 @@ which some checks say more than of included ones.
 
 import bisect
 import contextlib
+import dataclasses
 import itertools
 import json
 import os
+import re
 import tempfile
 from pathlib import Path
 
-MOST = 10
+MOST = 24
+# Constants, types and aliases. Functions of one name mostly differ in what they take.
+DEFINITION = re.compile(r"^((?:const|constexpr|using|struct|class|enum|namespace(?= \w+ =))\b"
+                        r"[\w:<>,*& ]*[ *&](\w+) ?[=({;].*)", re.MULTILINE)
+ALIAS = re.compile(r"using|namespace")
+
+
+@dataclasses.dataclass
+class Group:
+    """Sources, and what they define, by name."""
+
+    files: list = dataclasses.field(default_factory=list)
+    definitions: dict = dataclasses.field(default_factory=dict)
+
+    def takes(self, definitions):
+        return len(self.files) < MOST and all(self.definitions.get(name, definition) == definition
+                                              for name, definition in definitions.items())
+
+    def add(self, file, definitions):
+        self.files.append(file)
+        self.definitions.update(definitions)
 
 
 def alike(files, commands):
-    """The sources in groups of those that stand in one folder and are compiled with the same command."""
-    groups = {}
+    """The sources in groups of those that stand in one folder and are compiled with the same command. As far
+    as their lines tell, no two of a group define one name: they would only have to be taken apart again."""
+    places = {}
     for file in files:
         command = commands.get(file.path, file.path).replace(file.name, "")
-        groups.setdefault((os.path.dirname(file.path), command), []).append(file)
-    return [group[begin:begin + MOST] for group in groups.values() for begin in range(0, len(group), MOST)]
+        groups = places.setdefault((os.path.dirname(file.path), command), [])
+        definitions = definitions_in(file)
+        group = next((group for group in groups if group.takes(definitions)), None)
+        if group is None:
+            group = Group()
+            groups.append(group)
+        group.add(file, definitions)
+    return [group.files for groups in places.values() for group in groups]
+
+
+def definitions_in(file):
+    """By name: an alias may stand there twice if it means the same, anything else only once."""
+    return {name: line if ALIAS.match(line) else file.path for line, name in DEFINITION.findall(file.text)}
 
 
 @contextlib.contextmanager

@@ -12,7 +12,9 @@ import pytest
 ROOT = Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(ROOT / "scripts"))
 
+from lintlib.joined import alike  # noqa: E402
 from lintlib.rules import LAYERS  # noqa: E402
+from lintlib.tree import Tree  # noqa: E402
 
 LINT = ROOT / "scripts/lint"
 FORMAT = ROOT / "scripts/format"
@@ -384,6 +386,21 @@ def test_tidy_lets_names_of_two_sources_be_the_same(tidy):
     text = "namespace {\nconst int two = 2;\n} // namespace\n\nint %s() {\n    return two;\n}\n"
     tidy.write(src__A_cpp=text % "one", src__B_cpp=text % "other")
     assert tidy.findings() == []
+
+
+@pytest.mark.parametrize("one, other, are_together", [
+    ("const int two = 2;\n", "const int three = 3;\n", True),
+    ("const int two = 2;\n", "const int two = 2;\n", False),
+    ("struct Two {};\n", "const int Two = 2;\n", False),
+    ("    const int two = 2;\n", "const int two = 2;\n", True),
+    ("using Bytes = Text;\n", "using Bytes = Text;\n", True),
+    ("using Bytes = Text;\n", "using Bytes = Numbers;\n", False),
+    ("namespace layout = head;\n", "namespace layout = tail;\n", False),
+    ("namespace layout {\n", "namespace layout {\n", True),
+])
+def test_sources_are_together_but_for_those_that_define_one_name(tmp_path, one, other, are_together):
+    write_tree(tmp_path, {"src/A.cpp": one, "src/B.cpp": other})
+    assert [len(group) for group in alike(Tree(tmp_path).cpp, {})] == ([2] if are_together else [1, 1])
 
 
 def test_tidy_lets_laid_down_names_pass(tidy):
