@@ -1,6 +1,6 @@
 #pragma once
 
-#include "UsedRanges.h"
+#include "tools/usedmap/UsedRanges.h"
 
 #include <cstdint>
 #include <iosfwd>

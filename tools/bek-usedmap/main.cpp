@@ -1,12 +1,13 @@
-#include "DriverFiles.h"
 #include "FileRanges.h"
 #include "FileReport.h"
 #include "Report.h"
-#include "SectorSize.h"
-#include "UsedRanges.h"
 #include "core/backup/VolumeReader.h"
 #include "core/fs/FileSystemKinds.h"
 #include "info/log/Logger.h"
+#include "tools/common/StandardErrorLog.h"
+#include "tools/usedmap/DriverFiles.h"
+#include "tools/usedmap/SectorSize.h"
+#include "tools/usedmap/UsedRanges.h"
 
 #include <CLI/CLI.hpp>
 #include <chrono>
@@ -97,17 +98,6 @@ void declare(CLI::App& app, Options& options) {
         ->check(CLI::IsMember({512, 1024, 2048, 4096}));
 }
 
-agent::info::Logger standardError(bool verbose) {
-    const int threshold = verbose ? agent::info::level::debug : agent::info::level::error;
-    return agent::info::Logger(
-        [threshold](const std::string& message, int level, agent::info::LogTime /*time*/) {
-            if (level <= threshold) {
-                std::cerr << "bek-usedmap: " << message;
-            }
-        },
-        [threshold](int level) { return level <= threshold; });
-}
-
 /// Opened, with what reads of it have to be aligned to.
 struct Device {
     Device(const Options& options, agent::info::Logger& logger) : reader(logger, options.device) {
@@ -176,7 +166,7 @@ void printKinds() {
 }
 
 int run(const Options& options) {
-    agent::info::Logger logger = standardError(options.verbose);
+    agent::info::Logger logger = tools::standardErrorLog("bek-usedmap", options.verbose);
     try {
         if (!options.file) {
             print(options, examine(options, logger));

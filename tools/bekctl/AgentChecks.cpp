@@ -1,9 +1,11 @@
 #include "AgentChecks.h"
 
-#include "Text.h"
 #include "info/DriverVersion.h"
+#include "tools/common/Text.h"
 
 namespace bekctl {
+
+using tools::localText;
 
 namespace {
 

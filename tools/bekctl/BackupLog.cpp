@@ -1,9 +1,9 @@
 #include "BackupLog.h"
 
-#include "Text.h"
 #include "common/json/ParseJson.h"
 #include "common/json/WholeNumber.h"
 #include "info/log/LogLevel.h"
+#include "tools/common/Text.h"
 
 #include <nlohmann/json.hpp>
 
@@ -18,6 +18,8 @@
 #include <utility>
 
 namespace bekctl {
+
+using tools::plain;
 
 namespace {
 

@@ -9,6 +9,13 @@
 
 namespace bekctl {
 
+using tools::Colour;
+using tools::localText;
+using tools::momentOrNull;
+using tools::plain;
+using tools::printJson;
+using tools::textOrNull;
+
 namespace {
 
 /// Volumes that have been backed up once, whether or not the log still tells of it; none where the database

@@ -1,8 +1,8 @@
 #include "CertificateFile.h"
 
 #include "SmallFile.h"
-#include "Text.h"
 #include "common/PosixError.h"
+#include "tools/common/Text.h"
 
 #include <array>
 #include <cerrno>
@@ -11,6 +11,8 @@
 #include <stdexcept>
 
 namespace bekctl {
+
+using tools::plain;
 
 namespace {
 

@@ -1,11 +1,20 @@
 #include "Commands.h"
 #include "Identity.h"
-#include "Json.h"
-#include "Table.h"
+#include "tools/common/Json.h"
+#include "tools/common/Table.h"
 
 #include <ctime>
 
 namespace bekctl {
+
+using tools::Cell;
+using tools::Colour;
+using tools::Json;
+using tools::localText;
+using tools::printJson;
+using tools::Table;
+using tools::textOrNull;
+using tools::utcText;
 
 namespace {
 

@@ -1,18 +1,26 @@
 #include "AgentChecks.h"
 #include "Commands.h"
-#include "Json.h"
 #include "LogFiles.h"
 #include "Places.h"
 #include "Silence.h"
 #include "SiteChecks.h"
-#include "Table.h"
 #include "VolumeChecks.h"
+#include "tools/common/Json.h"
+#include "tools/common/Table.h"
 
 #include <algorithm>
 #include <exception>
 #include <ostream>
 
 namespace bekctl {
+
+using tools::Colour;
+using tools::Json;
+using tools::plain;
+using tools::printIndented;
+using tools::printJson;
+using tools::textOrNull;
+using tools::wrapped;
 
 namespace {
 

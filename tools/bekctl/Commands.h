@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Screen.h"
+#include "tools/common/Screen.h"
 
 #include <cstddef>
 #include <iosfwd>
@@ -10,6 +10,8 @@
 /// One function a command. Each looks, prints and returns the exit status; what keeps it from looking is
 /// thrown, as std::exception.
 namespace bekctl {
+
+using tools::Screen;
 
 enum ExitStatus { well = 0, unwell = 1, unusable = 2 };
 

@@ -1,14 +1,16 @@
 #include "DriverFacts.h"
 
-#include "Text.h"
 #include "info/BackupableVolume.h"
 #include "info/DriverController.h"
 #include "info/DriverInfoProvider.h"
+#include "tools/common/Text.h"
 
 #include <exception>
 #include <unistd.h>
 
 namespace bekctl {
+
+using tools::plain;
 
 namespace {
 

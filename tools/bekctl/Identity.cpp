@@ -1,12 +1,14 @@
 #include "Identity.h"
 
 #include "Places.h"
-#include "Text.h"
+#include "tools/common/Text.h"
 
 #include <exception>
 #include <utility>
 
 namespace bekctl {
+
+using tools::plain;
 
 namespace {
 

@@ -1,7 +1,6 @@
 #include "ChangeWatch.h"
 #include "Commands.h"
 #include "JournalSocket.h"
-#include "Json.h"
 #include "LogTail.h"
 #include "RecordTable.h"
 #include "common/PeerText.h"
@@ -11,6 +10,7 @@
 #include "info/log/MultiDecorator.h"
 #include "info/log/Reason.h"
 #include "info/log/TagDecorator.h"
+#include "tools/common/Json.h"
 
 #include <algorithm>
 #include <array>
@@ -23,6 +23,9 @@
 #include <stdexcept>
 
 namespace bekctl {
+
+using tools::Colour;
+using tools::momentOrNull;
 
 namespace {
 

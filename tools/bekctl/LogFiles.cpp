@@ -1,16 +1,18 @@
 #include "LogFiles.h"
 
-#include "Text.h"
 #include "common/Directory.h"
 #include "common/File.h"
 #include "info/log/FilePrinter.h"
 #include "ordak/LogFileReader.h"
+#include "tools/common/Text.h"
 
 #include <chrono>
 #include <exception>
 #include <map>
 
 namespace bekctl {
+
+using tools::plain;
 
 namespace {
 

@@ -1,11 +1,16 @@
 #include "Commands.h"
 #include "Database.h"
-#include "Json.h"
 #include "Places.h"
+#include "tools/common/Json.h"
 
 #include <ostream>
 
 namespace bekctl {
+
+using tools::Json;
+using tools::plain;
+using tools::printJson;
+using tools::textOrNull;
 
 namespace {
 

@@ -6,6 +6,10 @@
 
 namespace bekctl {
 
+using tools::Colour;
+using tools::printIndented;
+using tools::printJson;
+
 namespace {
 
 void print(const Output& output) {

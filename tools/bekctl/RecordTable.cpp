@@ -1,8 +1,15 @@
 #include "RecordTable.h"
 
-#include "Text.h"
+#include "tools/common/Text.h"
 
 namespace bekctl {
+
+using tools::Colour;
+using tools::durationText;
+using tools::localText;
+using tools::sizeText;
+using tools::textOrNull;
+using tools::utcText;
 
 namespace {
 

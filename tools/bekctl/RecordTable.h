@@ -1,10 +1,13 @@
 #pragma once
 
 #include "BackupLog.h"
-#include "Json.h"
-#include "Table.h"
+#include "tools/common/Json.h"
+#include "tools/common/Table.h"
 
 namespace bekctl {
+
+using tools::Json;
+using tools::Table;
 
 /// How the last backups of volumes are shown, by every command that does.
 Table recordTable();

@@ -1,13 +1,15 @@
 #include "Settings.h"
 
-#include "Text.h"
 #include "app/AgentConfigOptions.h"
 #include "common/config/Config.h"
 #include "common/config/JSONConfigDataProvider.h"
+#include "tools/common/Text.h"
 
 #include <exception>
 
 namespace bekctl {
+
+using tools::plain;
 
 struct Settings::Stored {
     Stored(agent::info::Logger& logger, const std::string& path)

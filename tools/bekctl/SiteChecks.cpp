@@ -3,11 +3,11 @@
 #include "SystemServices.h"
 #include "Target.h"
 #include "TcpConnection.h"
-#include "Text.h"
 #include "common/BaseDirectories.h"
 #include "common/Directory.h"
 #include "common/PosixError.h"
 #include "core/script/ForeignWriter.h"
+#include "tools/common/Text.h"
 
 #include <algorithm>
 #include <chrono>
@@ -19,6 +19,10 @@
 #include <vector>
 
 namespace bekctl {
+
+using tools::localText;
+using tools::plain;
+using tools::sizeText;
 
 namespace {
 

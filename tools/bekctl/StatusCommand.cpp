@@ -15,6 +15,15 @@
 
 namespace bekctl {
 
+using tools::Cell;
+using tools::Colour;
+using tools::localText;
+using tools::momentOrNull;
+using tools::plain;
+using tools::printJson;
+using tools::textOrNull;
+using tools::utcText;
+
 namespace {
 
 struct Status {

@@ -1,12 +1,14 @@
 #include "SystemServices.h"
 
-#include "Text.h"
+#include "tools/common/Text.h"
 
 #include <stdexcept>
 #include <string_view>
 #include <unistd.h>
 
 namespace bekctl {
+
+using tools::plain;
 
 using agent::info::GErrorOwner;
 using agent::info::GObjectOwner;

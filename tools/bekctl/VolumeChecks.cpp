@@ -1,14 +1,17 @@
 #include "VolumeChecks.h"
 
-#include "Text.h"
 #include "common/BaseDirectories.h"
 #include "info/DriverState.h"
 #include "info/VolumeFiles.h"
+#include "tools/common/Text.h"
 
 #include <algorithm>
 #include <unistd.h>
 
 namespace bekctl {
+
+using tools::plain;
+using tools::sizeText;
 
 namespace {
 

@@ -1,11 +1,11 @@
 #include "VolumeFacts.h"
 
-#include "Text.h"
 #include "core/backup/VolumeReader.h"
 #include "core/fs/UsedBlockBitmapChunkProviderFactory.h"
 #include "info/CowFileSize.h"
 #include "info/CowFormat.h"
 #include "info/DriverState.h"
+#include "tools/common/Text.h"
 
 #include <algorithm>
 #include <exception>
@@ -13,6 +13,8 @@
 #include <sys/statvfs.h>
 
 namespace bekctl {
+
+using tools::plain;
 
 namespace {
 

@@ -1,14 +1,23 @@
 #include "Commands.h"
-#include "Json.h"
 #include "Places.h"
 #include "Settings.h"
 #include "Silence.h"
-#include "Table.h"
 #include "VolumeFacts.h"
+#include "tools/common/Json.h"
+#include "tools/common/Table.h"
 
 #include <ostream>
 
 namespace bekctl {
+
+using tools::Cell;
+using tools::Colour;
+using tools::Json;
+using tools::plain;
+using tools::printJson;
+using tools::sizeText;
+using tools::Table;
+using tools::textOrNull;
 
 namespace {
 

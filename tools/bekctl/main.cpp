@@ -2,8 +2,8 @@
 
 #include "Commands.h"
 #include "Target.h"
-#include "Text.h"
 #include "app/Version.h"
+#include "tools/common/Text.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
@@ -15,6 +15,9 @@
 #include <unistd.h>
 
 namespace bekctl {
+
+using tools::plain;
+
 namespace {
 
 constexpr const char* description = R"(bekctl - look at the backup agent of this machine

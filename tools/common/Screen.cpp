@@ -5,7 +5,7 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
-namespace bekctl {
+namespace tools {
 
 namespace {
 
@@ -51,4 +51,4 @@ std::string Screen::paint(Colour colour, const std::string& text) const {
     return !isColoured || code.empty() ? text : "\x1b[" + std::string(code) + "m" + text + "\x1b[0m";
 }
 
-} // namespace bekctl
+} // namespace tools

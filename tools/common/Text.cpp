@@ -9,7 +9,7 @@
 #include <iomanip>
 #include <sstream>
 
-namespace bekctl {
+namespace tools {
 
 namespace {
 
@@ -72,4 +72,4 @@ std::string plain(const std::string& text) {
     return agent::printable(agent::shortened(text, longestText));
 }
 
-} // namespace bekctl
+} // namespace tools

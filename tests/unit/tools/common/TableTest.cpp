@@ -1,11 +1,11 @@
-#include "Table.h"
+#include "tools/common/Table.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <sstream>
 
-namespace bekctl {
+namespace tools {
 namespace {
 
 std::string printed(const Table& table, const Screen& screen = {}) {
@@ -74,4 +74,4 @@ TEST(Wrapped, KeepsAWordThatIsTooLong) {
 }
 
 } // namespace
-} // namespace bekctl
+} // namespace tools

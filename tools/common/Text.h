@@ -5,7 +5,7 @@
 #include <string>
 
 /// How numbers and moments are shown: to people in one way everywhere, to programs in another.
-namespace bekctl {
+namespace tools {
 
 /// Bytes in the decimal units of disks' makers: "812 bytes", "1.5 MB", "2.0 TB".
 std::string sizeText(std::uint64_t bytes);
@@ -18,4 +18,4 @@ std::string utcText(std::time_t moment);
 /// What somebody else has written, on one line, without control characters, and not too long.
 std::string plain(const std::string& text);
 
-} // namespace bekctl
+} // namespace tools

@@ -1,6 +1,5 @@
 #pragma once
 
-#include "Commands.h"
 #include "Text.h"
 
 #include <nlohmann/json.hpp>
@@ -9,7 +8,7 @@
 #include <optional>
 #include <ostream>
 
-namespace bekctl {
+namespace tools {
 
 using Json = nlohmann::ordered_json;
 
@@ -26,4 +25,4 @@ inline Json textOrNull(const std::string& text) {
     return text.empty() ? Json() : Json(text);
 }
 
-} // namespace bekctl
+} // namespace tools

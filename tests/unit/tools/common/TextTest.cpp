@@ -1,4 +1,4 @@
-#include "Text.h"
+#include "tools/common/Text.h"
 
 #include <gtest/gtest.h>
 
@@ -6,7 +6,7 @@
 #include <ctime>
 #include <limits>
 
-namespace bekctl {
+namespace tools {
 namespace {
 
 TEST(SizeText, IsDecimal) {
@@ -59,4 +59,4 @@ TEST(Plain, MovesNoCursor) {
 }
 
 } // namespace
-} // namespace bekctl
+} // namespace tools

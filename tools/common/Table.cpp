@@ -6,7 +6,7 @@
 #include <sstream>
 #include <utility>
 
-namespace bekctl {
+namespace tools {
 
 namespace {
 
@@ -146,4 +146,4 @@ void Table::print(std::ostream& out, const Screen& screen) const {
     }
 }
 
-} // namespace bekctl
+} // namespace tools

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-namespace bekctl {
+namespace tools {
 
 struct Cell {
     Cell(std::string text, Colour colour = Colour::none) : text(std::move(text)), colour(colour) {} // NOLINT
@@ -54,4 +54,4 @@ std::vector<std::string> wrapped(const std::string& text, std::size_t columns);
 /// The text behind so many blanks, in as many lines as it takes.
 void printIndented(std::ostream& out, const std::string& text, std::size_t indent, std::size_t columns);
 
-} // namespace bekctl
+} // namespace tools

@@ -3,7 +3,7 @@
 #include <cstddef>
 #include <string>
 
-namespace bekctl {
+namespace tools {
 
 enum class Colour { none, green, yellow, red, bold };
 
@@ -18,4 +18,4 @@ struct Screen {
     [[nodiscard]] std::string paint(Colour colour, const std::string& text) const;
 };
 
-} // namespace bekctl
+} // namespace tools
