@@ -40,6 +40,8 @@ public:
     bool connect(bool diffMerge) override;
     std::int64_t read(void* data, std::uint64_t length) override;
     void disconnect() override;
+    /// Bytes of the LUN, with those before the image; 0 before it was connected.
+    [[nodiscard]] std::uint64_t size() const { return blockSize * blockCount; }
     bool punchHole(std::uint64_t length) override;
     [[nodiscard]] bool supportsHolePunching() const override;
 
@@ -72,8 +74,6 @@ private:
     /// What becomes of a transfer that the target has not carried out: -1 with EIO.
     std::int64_t failCommand(const char* message, bool& failed);
     void flush();
-    [[nodiscard]] std::uint64_t size() const { return blockSize * blockCount; }
-
     bool diffMerge = false;
     std::string targetName;
     std::string portal;

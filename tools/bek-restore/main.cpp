@@ -1,0 +1,56 @@
+// The command line: which command, and what becomes of what it throws.
+
+#include "Commands.h"
+#include "Common.h"
+#include "app/Version.h"
+
+#include <cstdio>
+#include <exception>
+#include <iostream>
+
+namespace restore {
+namespace {
+
+constexpr const char* description = R"(bek-restore - bring back what the backup agent has put into an image
+
+Looks at the image of a volume, proves that it can be trusted, brings single files back from it, or
+the whole volume to a device. The image is only read, whatever is done. It needs neither the agent
+nor the appliance, and runs on any rescue system.
+
+Exit status: 0; 1 if it failed; 2 if the command is wrong; 3 if an image isn't as it should be.)";
+
+int run(int argc, char** argv) {
+    CLI::App app(description);
+    app.name(programName);
+    app.set_version_flag("--version", std::string(programName) + " " + agent::app::version,
+                         "Print the version");
+    app.require_subcommand(1);
+    Run chosen;
+    declareWrite(app, chosen);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? done : wrongCommand;
+    }
+    try {
+        return chosen();
+    } catch (const std::invalid_argument& error) {
+        std::cerr << programName << ": " << error.what() << '\n';
+        return wrongCommand;
+    } catch (const std::exception& error) {
+        std::cerr << programName << ": " << error.what() << '\n';
+        return failed;
+    }
+}
+
+} // namespace
+} // namespace restore
+
+int main(int argc, char** argv) {
+    try {
+        return restore::run(argc, argv);
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "%s: %s\n", restore::programName, error.what());
+        return restore::failed;
+    }
+}

@@ -1,0 +1,209 @@
+#include "Restorer.h"
+
+#include "os/Crc32c.h"
+
+#include <algorithm>
+#include <cstring>
+#include <stdexcept>
+#include <string>
+#include <utility>
+
+namespace restore {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr std::uint64_t headBytes = RestorePlan::headBytes;
+/// Shorter runs of zeros are written as they are: room in so small pieces is of no use to anybody.
+constexpr std::uint64_t leastZeros = 64UL << 10U;
+constexpr std::chrono::seconds keepEvery(5);
+
+bool isZero(std::span<const std::byte> bytes) {
+    return bytes.empty() || (bytes.front() == std::byte{0} &&
+                             std::memcmp(bytes.data(), bytes.data() + 1, bytes.size() - 1) == 0);
+}
+
+/// How many bytes of the beginning are alike: zeros in runs that are worth a hole, or anything else.
+std::pair<std::uint64_t, bool> stretchOf(std::span<const std::byte> bytes) {
+    const auto zeroPages = [&](std::uint64_t from) {
+        std::uint64_t end = from;
+        while (end < bytes.size() && isZero(bytes.subspan(end, std::min(pageBytes, bytes.size() - end)))) {
+            end += pageBytes;
+        }
+        return std::min<std::uint64_t>(end, bytes.size()) - from;
+    };
+    if (const std::uint64_t zeros = zeroPages(0); zeros >= leastZeros) {
+        return {zeros, true};
+    }
+    for (std::uint64_t at = 0; at < bytes.size();) {
+        const std::uint64_t zeros = zeroPages(at);
+        if (zeros >= leastZeros) {
+            return {at, false};
+        }
+        at += std::max(zeros, pageBytes);
+    }
+    return {bytes.size(), false};
+}
+
+} // namespace
+
+Restorer::Restorer(IImage& image, const RestorePlan& plan, TargetDevice& target, Progress progress)
+    : image(image),
+      plan(plan),
+      target(target),
+      progress(std::move(progress)),
+      marker{0, headBytes, plan.volumeBytes, plan.identity} {
+    for (Load& load : loads) {
+        load.buffer = os::AlignedBuffer(largestPiece, pageBytes);
+    }
+}
+
+Restorer::Result Restorer::copy(const std::optional<Marker>& from) {
+    target.extendTo(plan.volumeBytes);
+    if (from) {
+        marker = *from;
+    } else {
+        begin();
+    }
+    firstOfThisRun = marker.position;
+    lastKept = Clock::now();
+    Result result;
+    result.resumed = bytesBetween(plan.used, headBytes, firstOfThisRun);
+    WriteBehind behind([this](const Chunk& chunk) {
+        write(chunk.bytes == loads.front().buffer.data() ? loads.front() : loads.back());
+    });
+    std::uint64_t unused = firstOfThisRun;
+    forEachPiece(plan.used, firstOfThisRun, plan.volumeBytes, [&](const Piece& piece) {
+        copyPiece(piece, unused, behind);
+        unused = piece.whole.end();
+        result.copied += piece.used();
+        keepPositionNowAndThen(unused, behind);
+        progress(Phase::copying, result.resumed + result.copied, plan.usedBytes);
+    });
+    behind.settle();
+    discard(unused, plan.volumeBytes);
+    keepPosition(plan.volumeBytes);
+    result.zeros = zerosWritten;
+    return result;
+}
+
+/// From here on the device is no file system, until it is a whole one.
+void Restorer::begin() {
+    target.zero({0, headBytes});
+    keepPosition(headBytes);
+}
+
+void Restorer::copyPiece(const Piece& piece, std::uint64_t unused, WriteBehind& behind) {
+    Load& load = loads.at(next);
+    next = 1 - next;
+    checksums.push_back(os::crc32c(readPiece(load, piece)));
+    behind.begin({static_cast<std::int64_t>(piece.whole.begin), load.buffer.data(), piece.whole.length});
+    discard(unused, piece.whole.begin);
+}
+
+std::span<const std::byte> Restorer::readPiece(Load& load, const Piece& piece) {
+    load.piece = piece;
+    const std::span bytes(load.buffer.data(), piece.whole.length);
+    image.read(bytes, piece.whole.begin);
+    piece.clearGaps(bytes.data());
+    return bytes;
+}
+
+void Restorer::write(const Load& load) {
+    for (const ByteRange& part : load.piece.parts) {
+        writePart({load.buffer.data() + (part.begin - load.piece.whole.begin), part.length}, part.begin);
+    }
+}
+
+void Restorer::writePart(std::span<const std::byte> bytes, std::uint64_t offset) {
+    while (!bytes.empty()) {
+        const auto [length, isHole] = stretchOf(bytes);
+        if (isHole) {
+            target.zero({offset, length});
+            zerosWritten += length;
+        } else {
+            target.write(bytes.first(length), offset);
+        }
+        bytes = bytes.subspan(length);
+        offset += length;
+    }
+}
+
+void Restorer::discard(std::uint64_t begin, std::uint64_t end) {
+    if (begin < end) {
+        target.discard({begin, end - begin});
+    }
+}
+
+/// What is before the position must be on the disk when the marker is.
+void Restorer::keepPosition(std::uint64_t position) {
+    target.sync();
+    ++marker.sequence;
+    marker.position = position;
+    const auto page = marker.bytes();
+    std::ranges::copy(page, markerPage.data());
+    target.write({markerPage.data(), page.size()}, marker.place());
+    target.sync();
+    lastKept = Clock::now();
+}
+
+void Restorer::keepPositionNowAndThen(std::uint64_t position, WriteBehind& behind) {
+    if (Clock::now() - lastKept >= keepEvery) {
+        behind.settle();
+        keepPosition(position);
+    }
+}
+
+void Restorer::compare(Result& result) {
+    forEachPiece(plan.used, headBytes, firstOfThisRun,
+                 [&](const Piece& piece) { compareEarlier(piece, result); });
+    auto checksum = checksums.begin();
+    forEachPiece(plan.used, firstOfThisRun, plan.volumeBytes,
+                 [&](const Piece& piece) { settle(piece, holds(piece, *checksum++), result); });
+}
+
+/// The image may be another one by now, and a device may have lost what it had taken.
+void Restorer::compareEarlier(const Piece& piece, Result& result) {
+    const std::uint32_t checksum = os::crc32c(readPiece(loads.front(), piece));
+    bool isEqual = holds(piece, checksum);
+    if (!isEqual) {
+        write(loads.front());
+        target.sync();
+        result.mended += piece.used();
+        isEqual = holds(piece, checksum);
+    }
+    settle(piece, isEqual, result);
+}
+
+bool Restorer::holds(const Piece& piece, std::uint32_t checksum) {
+    const std::span bytes(loads.back().buffer.data(), piece.whole.length);
+    target.read(bytes, piece.whole.begin);
+    piece.clearGaps(bytes.data());
+    return os::crc32c(bytes) == checksum;
+}
+
+void Restorer::settle(const Piece& piece, bool isEqual, Result& result) {
+    if (!isEqual) {
+        throw std::runtime_error("what was written to " + target.path() + " behind byte " +
+                                 std::to_string(piece.whole.begin) +
+                                 " reads otherwise: the device is faulty");
+    }
+    result.compared += piece.used();
+    progress(Phase::comparing, result.compared, plan.usedBytes);
+}
+
+/// The page with the marker comes last of all: with it the volume is there, without it the marker still is.
+void Restorer::finish() {
+    const std::span head(loads.front().buffer.data(), headBytes);
+    image.read(head, 0);
+    const std::uint64_t last = marker.place();
+    const std::uint64_t other = Marker::pageBytes - last;
+    target.write(head.subspan(Marker::areaBytes), Marker::areaBytes);
+    target.write(head.subspan(other, Marker::pageBytes), other);
+    target.sync();
+    target.write(head.subspan(last, Marker::pageBytes), last);
+    target.sync();
+}
+
+} // namespace restore

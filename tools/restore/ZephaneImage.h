@@ -1,0 +1,38 @@
+#pragma once
+
+#include "IImage.h"
+#include "ImageAddress.h"
+
+#include <memory>
+#include <string>
+
+namespace zephane {
+class ZephaneFTPClient;
+} // namespace zephane
+
+namespace restore {
+
+/// An image behind a server of the file protocol, which is asked for reading only.
+class ZephaneImage : public IImage {
+public:
+    /// Connects. Throws std::runtime_error if the server can't be reached or refuses, or if what it has ends before
+    /// the image begins.
+    ZephaneImage(const ImageAddress& address, std::string secret);
+    ~ZephaneImage() override;
+
+    [[nodiscard]] std::uint64_t size() const override { return bytes; }
+    /// Tries again over new connections, as a server may be restarted meanwhile.
+    void read(std::span<std::byte> into, std::uint64_t offset) override;
+    [[nodiscard]] std::string name() const override { return address.text; }
+
+private:
+    void connect();
+    void tryRead(std::span<std::byte> into, std::uint64_t offset);
+
+    ImageAddress address;
+    std::string secret;
+    std::unique_ptr<zephane::ZephaneFTPClient> client; // none while there is no connection
+    std::uint64_t bytes = 0;
+};
+
+} // namespace restore
