@@ -13,7 +13,8 @@ enum ExitStatus {
     differs = 3, ///< it did what it was asked to, and found an image that isn't as it should be
 };
 
-/// What a command does once the whole command line is known. Returns an exit status, or throws std::exception.
+/// What a command does once the whole command line is known. Returns an exit status, or throws
+/// std::exception.
 using Run = std::function<int()>;
 
 /// Each declares a command, which leaves in `chosen` what it does if it is the one that was called.

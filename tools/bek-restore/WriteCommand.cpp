@@ -1,5 +1,6 @@
 #include "Commands.h"
 #include "Common.h"
+#include "Interruption.h"
 #include "tools/common/Progress.h"
 #include "tools/common/Text.h"
 #include "tools/restore/RestorePlan.h"
@@ -36,6 +37,7 @@ Written writeTo(TargetDevice& target, IImage& image, const RestorePlan& plan,
     tools::Progress progress = tools::Progress::ofStandardError();
     Restorer restorer(
         image, plan, target, [&](Restorer::Phase phase, std::uint64_t bytes, std::uint64_t all) {
+            Interruption::check();
             progress.show(phase == Restorer::Phase::copying ? "copying" : "comparing", bytes, all);
         });
     Written written{restorer.copy(from)};
@@ -107,6 +109,7 @@ void report(const WriteOptions& options, const RestorePlan& plan, const Written&
 }
 
 int write(const WriteOptions& options) {
+    const Interruption interruption;
     OpenedImage opened(options.image);
     TargetDevice target(options.device, !options.isDryRun);
     const RestorePlan plan = makePlan(opened.logger, *opened.image);

@@ -7,13 +7,13 @@
 
 namespace tools {
 
-/// What a long piece of work has done, in one line: "copying  37 %  1.2 GB of 3.4 GB  152.3 MB/s  12.0 s left".
-/// Without a rate while none can be told.
+/// What a long piece of work has done, in one line: "copying  37 %  1.2 GB of 3.4 GB  152.3 MB/s  12.0 s
+/// left". Without a rate while none can be told.
 std::string progressText(const std::string& what, std::uint64_t done, std::uint64_t all,
                          double bytesPerSecond);
 
-/// Shows on a terminal how far a long piece of work is: a line that is written anew a few times a second. Anywhere
-/// else it shows nothing.
+/// Shows on a terminal how far a long piece of work is: a line that is written anew a few times a second.
+/// Anywhere else it shows nothing.
 /// Threads: one at a time.
 class Progress {
 public:

@@ -71,7 +71,8 @@ void FileImage::read(std::span<std::byte> into, std::uint64_t offset) {
     }
 }
 
-/// Where an image begins or ends in the middle of one of the device's blocks. False if that has been done before.
+/// Where an image begins or ends in the middle of one of the device's blocks. False if that has been done
+/// before.
 bool FileImage::readThroughCache() {
     const int flags = ::fcntl(file.get(), F_GETFL);
     return flags >= 0 && (flags & O_DIRECT) != 0 && ::fcntl(file.get(), F_SETFL, flags & ~O_DIRECT) == 0;

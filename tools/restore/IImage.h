@@ -22,8 +22,8 @@ public:
 
     /// Bytes; a multiple of 512.
     [[nodiscard]] virtual std::uint64_t size() const = 0;
-    /// Fills all of `into` from `offset` on; what reaches behind the image is a failure. Offset, length and the
-    /// buffer's address are multiples of 4096 bytes, but for the length at the image's end.
+    /// Fills all of `into` from `offset` on; what reaches behind the image is a failure. Offset, length and
+    /// the buffer's address are multiples of 4096 bytes, but for the length at the image's end.
     virtual void read(std::span<std::byte> into, std::uint64_t offset) = 0;
     /// How people know it.
     [[nodiscard]] virtual std::string name() const = 0;

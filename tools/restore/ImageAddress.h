@@ -28,8 +28,8 @@ struct ImageAddress {
 ///     iscsi://[USER@]HOST[:PORT]/TARGET/LUN[?offset=N]
 ///     zephane://HOST[:PORT]/PATH/VOLUME-ID[?offset=N]
 ///     nbd://... and nbd+unix://..., which libnbd knows
-/// and takes anything else for the path of a file or a block device. Throws std::invalid_argument, which tells
-/// what is wrong with it. A password in the text is refused: everybody on the machine could read it.
+/// and takes anything else for the path of a file or a block device. Throws std::invalid_argument, which
+/// tells what is wrong with it. A password in the text is refused: everybody on the machine could read it.
 ImageAddress parseImageAddress(const std::string& text);
 
 } // namespace restore

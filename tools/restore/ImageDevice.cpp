@@ -13,13 +13,13 @@ namespace restore {
 
 namespace {
 
-constexpr std::size_t blockBytes = 4096;
+constexpr std::size_t windowAlignment = 4096;
 constexpr std::size_t windowSize = 256UL * 1024;
 
 } // namespace
 
 ImageDevice::ImageDevice(agent::info::Logger& logger, IImage& image)
-    : logger(logger), image(image), window(windowSize, blockBytes) {}
+    : logger(logger), image(image), window(windowSize, windowAlignment) {}
 
 std::int64_t ImageDevice::read(void* buffer, std::size_t length) {
     try {

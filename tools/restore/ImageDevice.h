@@ -7,8 +7,8 @@
 
 namespace restore {
 
-/// An image as the parsers of file systems want to read it: at any place, any length. What is read in small pieces
-/// is fetched in larger ones, as the image may be far away.
+/// An image as the parsers of file systems want to read it: at any place, any length. What is read in small
+/// pieces is fetched in larger ones, as the image may be far away.
 /// Owns:    nothing; image and logger must outlive it.
 /// Threads: one at a time.
 /// Fails:   by return value, after a line in the log.

@@ -8,8 +8,8 @@
 
 namespace restore {
 
-/// An image on a LUN, over the transport that the agent has written it by: with many reads under way at once, and
-/// tries over new sessions when a target goes away for some seconds.
+/// An image on a LUN, over the transport that the agent has written it by: with many reads under way at once,
+/// and tries over new sessions when a target goes away for some seconds.
 class IscsiImage : public IImage {
 public:
     /// Logs in. The logger, which has to outlive it, says what goes wrong. Throws std::runtime_error if that

@@ -8,8 +8,8 @@
 
 namespace restore {
 
-/// What stands at the beginning of a device while an image is being written to it, so that what is half done is
-/// never taken for a file system, and can be gone on with. Little-endian numbers, in a page of 4096 bytes:
+/// What stands at the beginning of a device while an image is being written to it, so that what is half done
+/// is never taken for a file system, and can be gone on with. Little-endian numbers, in a page of 4096 bytes:
 ///     0   8  "BEKREST1"
 ///     8   8  sequence number, one more each time
 ///     16  8  position: everything before it is on the disk

@@ -12,8 +12,8 @@ namespace restore {
 /// An image that an NBD server exports.
 class NbdImage : public IImage {
 public:
-    /// `uri` as libnbd knows them; `offset` is where the image begins, in bytes. Throws std::runtime_error if the
-    /// server can't be reached, or has no such export.
+    /// `uri` as libnbd knows them; `offset` is where the image begins, in bytes. Throws std::runtime_error if
+    /// the server can't be reached, or has no such export.
     NbdImage(std::string uri, std::uint64_t offset);
     ~NbdImage() override;
 

@@ -9,8 +9,8 @@
 
 namespace restore {
 
-/// What is read at once: some ranges that lie close together, with what is between them. Reading a little too much
-/// costs less than asking twice.
+/// What is read at once: some ranges that lie close together, with what is between them. Reading a little too
+/// much costs less than asking twice.
 struct Piece {
     ByteRange whole;
     std::vector<ByteRange>

@@ -29,13 +29,13 @@ struct RestorePlan {
     std::uint64_t usedBytes = 0;   ///< of all ranges
     bool isWhole = false;          ///< it isn't certain which blocks are in use, so all of them are taken
     std::string reason;            ///< why, for people; empty if not
-    /// Two images have the same one only if their maps of used blocks and their first MiB are the same: what was
-    /// begun with one may be gone on with with the other.
+    /// Two images have the same one only if their maps of used blocks and their first MiB are the same: what
+    /// was begun with one may be gone on with with the other.
     std::uint32_t identity = 0;
 };
 
-/// Reads the maps of the file system. Throws std::runtime_error if the image can't be read, or is smaller than the
-/// smallest volume.
+/// Reads the maps of the file system. Throws std::runtime_error if the image can't be read, or is smaller
+/// than the smallest volume.
 RestorePlan makePlan(agent::info::Logger& logger, IImage& image);
 
 } // namespace restore

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <exception>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -74,6 +75,20 @@ Restorer::Result Restorer::copy(const std::optional<Marker>& from) {
         write(chunk.bytes == loads.front().buffer.data() ? loads.front() : loads.back());
     });
     std::uint64_t unused = firstOfThisRun;
+    try {
+        copyPieces(unused, behind, result);
+    } catch (...) {
+        keepWhatIsThere(unused, behind);
+        throw;
+    }
+    behind.settle();
+    discard(unused, plan.volumeBytes);
+    keepPosition(plan.volumeBytes);
+    result.zeros = zerosWritten;
+    return result;
+}
+
+void Restorer::copyPieces(std::uint64_t& unused, WriteBehind& behind, Result& result) {
     forEachPiece(plan.used, firstOfThisRun, plan.volumeBytes, [&](const Piece& piece) {
         copyPiece(piece, unused, behind);
         unused = piece.whole.end();
@@ -81,11 +96,15 @@ Restorer::Result Restorer::copy(const std::optional<Marker>& from) {
         keepPositionNowAndThen(unused, behind);
         progress(Phase::copying, result.resumed + result.copied, plan.usedBytes);
     });
-    behind.settle();
-    discard(unused, plan.volumeBytes);
-    keepPosition(plan.volumeBytes);
-    result.zeros = zerosWritten;
-    return result;
+}
+
+/// Where the device is what has failed, what was kept last has to do.
+void Restorer::keepWhatIsThere(std::uint64_t position, WriteBehind& behind) noexcept {
+    try {
+        behind.settle();
+        keepPosition(position);
+    } catch (const std::exception&) { // the failure that has led here is the one to tell of
+    }
 }
 
 /// From here on the device is no file system, until it is a whole one.

@@ -18,8 +18,8 @@ namespace restore {
 
 /// Brings a volume from its image to a device.
 ///
-/// The first MiB comes last. Until then a marker stands there, so a device that holds half of a volume is no file
-/// system to anybody, and a later run goes on where this one has ended: by whatever it was ended.
+/// The first MiB comes last. Until then a marker stands there, so a device that holds half of a volume is no
+/// file system to anybody, and a later run goes on where this one has ended: by whatever it was ended.
 /// Owns:    a thread that writes while the caller's reads, and buffers of 8 MiB.
 /// Threads: one at a time.
 /// Fails:   std::runtime_error. What is on the disk by then is not copied again by the next run.
@@ -42,9 +42,9 @@ public:
 
     /// `from` is the marker of an interrupted run to go on from; it must fit the plan.
     Result copy(const std::optional<Marker>& from);
-    /// Reads back what was copied, before the first MiB tells anybody that it is there. What an earlier run has
-    /// brought is compared with the image, and copied once more where they differ. Throws std::runtime_error for the
-    /// first piece that isn't what was written.
+    /// Reads back what was copied, before the first MiB tells anybody that it is there. What an earlier run
+    /// has brought is compared with the image, and copied once more where they differ. Throws
+    /// std::runtime_error for the first piece that isn't what was written.
     void compare(Result& result);
     /// The volume is whole from here on.
     void finish();
@@ -60,6 +60,9 @@ private:
     };
 
     void begin();
+    /// `unused` is behind what has been begun to be written.
+    void copyPieces(std::uint64_t& unused, WriteBehind& behind, Result& result);
+    void keepWhatIsThere(std::uint64_t position, WriteBehind& behind) noexcept;
     /// `unused`: from there to the piece there is nothing in use.
     void copyPiece(const Piece& piece, std::uint64_t unused, WriteBehind& behind);
     std::span<const std::byte> readPiece(Load& load, const Piece& piece);

@@ -13,8 +13,8 @@ struct SecretSource {
 /// The name of the environment variable that is taken where no file is named.
 inline constexpr const char* secretVariable = "BEK_RESTORE_SECRET";
 
-/// From the file, else from the environment, else asked for on the terminal, without showing what is typed. `what`
-/// tells what it is for. Throws std::runtime_error if there is none, or if the file can't be read.
+/// From the file, else from the environment, else asked for on the terminal, without showing what is typed.
+/// `what` tells what it is for. Throws std::runtime_error if there is none, or if the file can't be read.
 std::string findSecret(const SecretSource& source, const std::string& what);
 
 } // namespace restore

@@ -15,8 +15,8 @@ struct TargetState {
     std::optional<Marker> interrupted; ///< of an earlier run with the same image, which can be gone on with
 };
 
-/// Looks whether the volume may be written there. Throws std::runtime_error, with what to do about it, if the device
-/// is too small, or if it isn't empty and may not be overwritten.
+/// Looks whether the volume may be written there. Throws std::runtime_error, with what to do about it, if the
+/// device is too small, or if it isn't empty and may not be overwritten.
 TargetState examineTarget(const TargetDevice& target, const RestorePlan& plan, bool mayOverwrite);
 
 } // namespace restore

@@ -12,8 +12,8 @@
 
 namespace restore {
 
-/// The block device, or the file, that an image is written to. Past the page cache where that can be had: what is
-/// read back comes from the disk.
+/// The block device, or the file, that an image is written to. Past the page cache where that can be had:
+/// what is read back comes from the disk.
 /// Owns:    the descriptor. A block device is opened so that nobody can mount it meanwhile.
 /// Threads: one may write while another reads.
 /// Fails:   std::runtime_error, which says what to do where somebody can do something. PosixError with ENOSPC
@@ -28,8 +28,8 @@ public:
     /// Bytes. Of a file, which grows, those that it may have.
     [[nodiscard]] std::uint64_t size() const { return bytes; }
     [[nodiscard]] bool isFile() const { return file; }
-    /// What is on it, in words: a file system, a table of partitions, a part of something; empty for nothing that
-    /// is known.
+    /// What is on it, in words: a file system, a table of partitions, a part of something; empty for nothing
+    /// that is known.
     [[nodiscard]] std::string content() const;
     /// What a restore that was interrupted has left.
     [[nodiscard]] std::optional<Marker> marker() const;

@@ -15,8 +15,8 @@ namespace restore {
 /// An image behind a server of the file protocol, which is asked for reading only.
 class ZephaneImage : public IImage {
 public:
-    /// Connects. Throws std::runtime_error if the server can't be reached or refuses, or if what it has ends before
-    /// the image begins.
+    /// Connects. Throws std::runtime_error if the server can't be reached or refuses, or if what it has ends
+    /// before the image begins.
     ZephaneImage(const ImageAddress& address, std::string secret);
     ~ZephaneImage() override;
 
