@@ -9,8 +9,11 @@
 #include "tools/restore/TargetDevice.h"
 
 #include <chrono>
+#include <filesystem>
 #include <memory>
 #include <sstream>
+#include <stdexcept>
+#include <system_error>
 
 namespace restore {
 
@@ -108,9 +111,17 @@ void report(const WriteOptions& options, const RestorePlan& plan, const Written&
     print(text.str());
 }
 
+bool isSameFile(const std::string& image, const std::string& device) {
+    std::error_code ignored; // what can't be looked at is told of when it is opened
+    return std::filesystem::equivalent(image, device, ignored);
+}
+
 int write(const WriteOptions& options) {
     const Interruption interruption;
     OpenedImage opened(options.image);
+    if (isSameFile(options.image.image, options.device)) {
+        throw std::invalid_argument("the image and " + options.device + " are one and the same");
+    }
     TargetDevice target(options.device, !options.isDryRun);
     const RestorePlan plan = makePlan(opened.logger, *opened.image);
     const TargetState state = examineTarget(target, plan, options.mayOverwrite || options.isDryRun);

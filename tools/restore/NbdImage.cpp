@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <deque>
+#include <exception>
 #include <libnbd.h>
 #include <stdexcept>
 #include <utility>
@@ -16,24 +17,33 @@ constexpr std::size_t requestBytes = 256UL * 1024;
 constexpr std::size_t mostUnderWay = 16;
 constexpr int patienceMilliseconds = 60'000;
 
-[[noreturn]] void fail(const std::string& what) {
+std::string lastError() {
     const char* const reason = ::nbd_get_error();
-    throw std::runtime_error(what + ": " + (reason == nullptr ? "unknown error" : reason));
+    return reason == nullptr ? "unknown error" : reason;
 }
 
-/// Until the command is done.
+/// Nobody knows any more whether a request will still be answered.
+class NoAnswer : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+/// Until the request is done. Throws std::runtime_error if it has failed.
 void await(nbd_handle* connection, std::int64_t cookie) {
     for (;;) {
         const int done = ::nbd_aio_command_completed(connection, static_cast<std::uint64_t>(cookie));
         if (done > 0) {
             return;
         }
-        const int polled = done < 0 ? -1 : ::nbd_poll(connection, patienceMilliseconds);
+        if (done < 0) {
+            throw std::runtime_error(lastError());
+        }
+        const int polled = ::nbd_poll(connection, patienceMilliseconds);
         if (polled < 0) {
-            fail("a request has failed");
+            throw NoAnswer(lastError());
         }
         if (polled == 0) {
-            throw std::runtime_error("no answer within a minute");
+            throw NoAnswer("no answer within a minute");
         }
     }
 }
@@ -53,45 +63,60 @@ NbdImage::~NbdImage() = default;
 std::uint64_t NbdImage::connect() {
     connection.reset(::nbd_create());
     if (!connection || ::nbd_connect_uri(connection.get(), uri.c_str()) != 0) {
-        fail("the image " + uri + " can't be reached");
+        throw std::runtime_error("the image " + uri + " can't be reached: " + lastError());
     }
     const std::int64_t all = ::nbd_get_size(connection.get());
     if (all < 0) {
-        fail("the size of " + uri + " can't be told");
+        throw std::runtime_error("the size of " + uri + " can't be told: " + lastError());
     }
     return static_cast<std::uint64_t>(all);
 }
 
 void NbdImage::read(std::span<std::byte> into, std::uint64_t offset) {
     readPatiently(uri, offset, [&] {
-        try {
-            tryRead(into, offset);
-        } catch (...) {
-            connection.reset(); // and with it whatever is still to be written to the buffer
-            throw;
+        if (connection && ::nbd_aio_is_ready(connection.get()) != 1) {
+            connection.reset();
         }
+        if (!connection) {
+            connect();
+        }
+        tryRead(into, offset);
     });
 }
 
+/// Whatever fails, nothing is under way any more when it ends, or there is no connection.
 void NbdImage::tryRead(std::span<std::byte> into, std::uint64_t offset) {
-    if (!connection) {
-        connect();
-    }
     std::deque<std::int64_t> underWay;
-    for (std::size_t position = 0; position < into.size(); position += requestBytes) {
-        if (underWay.size() == mostUnderWay) {
+    std::exception_ptr failure;
+    const auto settleFirst = [&] {
+        try {
             await(connection.get(), underWay.front());
-            underWay.pop_front();
+        } catch (const NoAnswer&) {
+            connection.reset();
+            throw;
+        } catch (const std::runtime_error&) {
+            failure = std::current_exception();
+        }
+        underWay.pop_front();
+    };
+    for (std::size_t position = 0; position < into.size() && !failure; position += requestBytes) {
+        if (underWay.size() == mostUnderWay) {
+            settleFirst();
         }
         const std::span piece = into.subspan(position, std::min(requestBytes, into.size() - position));
-        underWay.push_back(::nbd_aio_pread(connection.get(), piece.data(), piece.size(),
-                                           begin + offset + position, NBD_NULL_COMPLETION, 0));
-        if (underWay.back() < 0) {
-            fail("no request can be made");
+        const std::int64_t cookie = ::nbd_aio_pread(connection.get(), piece.data(), piece.size(),
+                                                    begin + offset + position, NBD_NULL_COMPLETION, 0);
+        if (cookie < 0) {
+            failure = std::make_exception_ptr(std::runtime_error(lastError()));
+            break;
         }
+        underWay.push_back(cookie);
     }
-    for (const std::int64_t cookie : underWay) {
-        await(connection.get(), cookie);
+    while (!underWay.empty()) {
+        settleFirst();
+    }
+    if (failure) {
+        std::rethrow_exception(failure);
     }
 }
 

@@ -17,7 +17,7 @@ namespace restore {
 namespace {
 
 constexpr std::uint32_t sectorBytes = 512;
-constexpr std::size_t mapBytes = 8UL << 20U;
+constexpr std::uint64_t usualMapBytes = 40UL << 20U;
 
 /// Ranges of blocks as whole pages, which two of them may share.
 std::vector<ByteRange> pagesOf(const usedmap::UsedRanges& map, std::uint64_t volumeBytes) {
@@ -38,9 +38,16 @@ std::vector<ByteRange> pagesOf(const usedmap::UsedRanges& map, std::uint64_t vol
     return pages;
 }
 
+/// The map of some file systems has to fit as a whole; of any it does where blocks have the usual 4096 bytes.
+std::uint64_t mapBytesFor(const IImage& image) {
+    constexpr std::uint64_t blocksInByte = 8;
+    const std::uint64_t all = image.size() / pageBytes / blocksInByte;
+    return std::max(usualMapBytes, (all / pageBytes + 1) * pageBytes);
+}
+
 void readMaps(agent::info::Logger& logger, IImage& image, RestorePlan& plan) {
     ImageDevice device(logger, image);
-    const usedmap::UsedRanges map = usedmap::findUsedRanges(logger, device, sectorBytes, mapBytes);
+    const usedmap::UsedRanges map = usedmap::findUsedRanges(logger, device, sectorBytes, mapBytesFor(image));
     plan.volumeBytes = std::min(map.knownBlocks * map.blockSize, image.size());
     plan.used = pagesOf(map, plan.volumeBytes);
 }

@@ -59,11 +59,11 @@ void print(const os::FileDescriptor& terminal, const std::string& text) {
 }
 
 std::string ask(const os::FileDescriptor& terminal, const std::string& what) {
-    print(terminal, what + ": ");
     std::array<char, longest> typed{};
     ::ssize_t count = 0;
     {
-        const Silence silence(terminal.get());
+        const Silence silence(terminal.get()); // before anybody is asked: what was typed earlier is dropped
+        print(terminal, what + ": ");
         count = ::read(terminal.get(), typed.data(), typed.size());
     }
     print(terminal, "\n");

@@ -1,0 +1,350 @@
+"""A volume that bek-restore writes back: whole, wherever its image is, however often it was interrupted."""
+import contextlib
+import hashlib
+import json
+import os
+import pty
+import random
+import re
+import resource
+import select
+import signal
+import subprocess
+import time
+
+import pytest
+
+from backup_site import EXT4, OVER_BOTH, XFS, check, fill_some, root_of
+from lab import filesystems, images
+from lab.commands import run
+from lab.filesystems import KINDS, kind_of
+from lab.loops import attached
+from lab.targets import Target
+from lab.volumes import probe
+from lab.volume_images import age, make_image, mounted
+from restore_site import (MIB, SECRET, address_of, begin, call, ended, manifest, populate, refusal, restore)
+
+VOLUMES = (EXT4, XFS)
+USER, PASSWORD = "agent", "twelve or more"
+SAMPLES = {"ext4": (180, "-b", "1024"), "ext3": (90,), "xfs": (320,), "ntfs": (180,), "vfat": (180,)}
+
+
+@contextlib.contextmanager
+def device_of(path, mebibytes, **options):
+    """An empty block device, in a file that is made for it."""
+    with open(path, "wb") as file:
+        file.truncate(mebibytes * MIB)
+    with attached(path, **options) as device:
+        yield device
+
+
+def blank(path, size):
+    """A file full of something else."""
+    path.write_bytes(random.Random(size).randbytes(MIB) * (size // MIB))
+    return path
+
+
+def check_volume(path, file_system, expected):
+    """The checker of the file system has nothing to say, and all files are there."""
+    images.fsck(path, file_system)
+    with images.mounted(path, file_system) as root:
+        assert manifest(root) == expected
+
+
+@OVER_BOTH
+@pytest.mark.parametrize("name", ["data", "files"])
+def test_volume_of_a_backup(protect, volumes, target, name, directory):
+    """Backed up in full, changed, backed up again; then to a new device, over the network."""
+    if isinstance(target, Target):
+        target.require_chap(USER, PASSWORD)
+    fill_some(volumes, [name], "a")
+    populate(root_of(volumes[name]))
+    protection = protect(name, offset=3 * MIB)
+    check(protection, protection.run(full=True), "full")
+    fill_some(volumes, [name], "b")
+    check(protection, protection.run(), "incremental")
+    expected = manifest(root_of(volumes[name]))
+    address, secret = address_of(protection.images[name])
+    with device_of(directory / "new", volumes[name].volume.mebibytes) as device:
+        told = json.loads(restore("write", f"{address}?offset={3 * MIB}", device, "--json", secret=secret))
+    assert told["usedBlocksKnown"] and told["comparedBytes"] == told["copiedBytes"]
+    assert told["copiedBytes"] <= told["usedBytes"] <= told["copiedBytes"] + MIB < told["volumeBytes"]
+    check_volume(directory / "new", volumes[name].volume.file_system, expected)
+
+
+def aged_image(path, file_system):
+    """(path, manifest): an image with a history."""
+    kind = kind_of(file_system)
+    mebibytes, *making = SAMPLES[file_system]
+    make_image(path, mebibytes, file_system, *making)
+    root = path.parent / f"mounted-{path.name}"
+    with mounted(path, file_system, root) as (_, tree):
+        age(tree, 150, is_plain=kind.is_plain)
+        if not kind.is_plain:
+            populate(tree)
+        subprocess.run(["sync"], check=True)
+    with images.mounted(path, file_system) as tree:
+        return path, manifest(tree)
+
+
+@pytest.fixture(scope="module")
+def ext4_image(tmp_path_factory):
+    return aged_image(tmp_path_factory.mktemp("image") / "ext4.img", "ext4")
+
+
+@pytest.mark.parametrize("file_system", SAMPLES)
+def test_volume_of_each_kind(file_system, directory):
+    image, expected = aged_image(directory / "image", file_system)
+    before = hashlib.sha256(image.read_bytes()).digest()
+    with device_of(directory / "new", 400) as device:
+        restore("write", image, device)
+    check_volume(directory / "new", file_system, expected)
+    assert hashlib.sha256(image.read_bytes()).digest() == before
+
+
+def test_hfs_volume(directory):
+    """Nothing here mounts it: each of its used blocks is there, by its own tool, and its map."""
+    hfs = next(kind for kind in KINDS if kind.name == "hfs")
+    sample = hfs.samples[0]
+    image = make_image(directory / "image", sample.mebibytes, sample.file_system, *sample.options)
+    target = blank(directory / "new", image.stat().st_size)
+    restore("write", image, target)
+    images.compare_used(image, target, sample.file_system, excluded=()).check()
+    assert run(*hfs.check, target) == run(*hfs.check, image)
+
+
+def test_kind_that_is_not_known(directory):
+    image = blank(directory / "image", 20 * MIB)
+    target = directory / "new"
+    target.touch()
+    told = json.loads(restore("write", image, target, "--json"))
+    assert not told["usedBlocksKnown"] and "no kind that is known" in told["reason"]
+    assert target.read_bytes() == image.read_bytes()
+
+
+def test_only_used_blocks_are_written(ext4_image, directory):
+    """What is unused on the device stays what it was, or is given back to it."""
+    image, _ = ext4_image
+    free = images.truth_of(image, "ext4")
+    poisoned = bytearray(image.read_bytes())
+    for begin_at, length in images.without([(0, len(poisoned))], free.used_extents()):
+        poisoned[begin_at:begin_at + length] = b"\xDB" * length
+    (directory / "image").write_bytes(poisoned)
+    target = directory / "new"
+    target.touch()
+    restore("write", directory / "image", target)
+    # Pages of 4 KiB that hold at least one block in use are written as they are.
+    assert target.read_bytes().count(b"\xDB" * 4096) == 0
+    assert os.stat(target).st_blocks * 512 < len(poisoned) / 2
+
+
+def test_interrupted_at_random_points(ext4_image, directory):
+    """By SIGKILL, as a power cut of the rescue system would, and by people. It goes on from there."""
+    image, expected = ext4_image
+    source = random.Random(4)
+    kills = 0
+    with device_of(directory / "new", 200) as device:
+        for attempt in range(40):
+            process = begin("write", image, device, "--json")
+            with contextlib.suppress(subprocess.TimeoutExpired):
+                process.wait(source.uniform(0, 0.05 + 0.02 * attempt))
+            if process.poll() is None:
+                kills += 1
+                process.send_signal(source.choice([signal.SIGKILL, signal.SIGTERM]))
+            done = ended(process)
+            if done.returncode == 0:
+                break
+            assert probe(device, "TYPE") == "", "half of a volume looks like one"
+    assert kills > 0 and done.returncode == 0, (kills, done.stderr)
+    check_volume(directory / "new", "ext4", expected)
+
+
+def test_target_goes_away_and_comes_back(ext4_image, directory):
+    image, expected = ext4_image
+    with Target() as target:
+        served = target.add_image("image", image.stat().st_size, poisoned=False)
+        served.path.write_bytes(image.read_bytes())
+        address, _ = address_of(served)
+        with device_of(directory / "new", 200) as device:
+            process = begin("write", address, device, "--json", "--verbose")
+            time.sleep(0.05)
+            target.kill()
+            time.sleep(1)
+            target.start()
+            done = ended(process)
+            if done.returncode != 0: # it was gone for too long, or before anything was begun
+                restore("write", address, device)
+    check_volume(directory / "new", "ext4", expected)
+
+
+def test_target_that_stays_away(ext4_image, directory):
+    image, _ = ext4_image
+    with Target() as target:
+        served = target.add_image("image", image.stat().st_size, poisoned=False)
+        served.path.write_bytes(image.read_bytes())
+        address, _ = address_of(served)
+        target.kill()
+        (directory / "new").touch()
+        assert "can't be reached" in refusal("write", address, directory / "new")
+    assert (directory / "new").stat().st_size == 0
+
+
+def test_device_that_is_full(ext4_image, directory, tmpfs):
+    """A file finds no room. With room, it goes on."""
+    image, expected = ext4_image
+    small = directory / "small"
+    tmpfs(small, "size=8m")
+    target = small / "new"
+    target.touch()
+    assert "No space left on device" in refusal("write", image, target)
+    run("mount", "-o", "remount,size=400m", small)
+    restore("write", image, target)
+    check_volume(target, "ext4", expected)
+
+
+def test_device_that_is_too_small(ext4_image, directory):
+    image, _ = ext4_image
+    with device_of(directory / "new", 100) as device:
+        said = refusal("write", image, device)
+    assert f"{device} has {100 * MIB} bytes, which are too few for a volume of {180 * MIB}" in said
+    assert not any((directory / "new").read_bytes())
+
+
+def test_device_that_is_mounted(ext4_image, directory):
+    image, expected = ext4_image
+    with device_of(directory / "new", 200) as device:
+        run("mkfs.ext4", "-q", device)
+        with filesystems.mounted("ext4", device, directory / "there"):
+            said = refusal("write", image, device, "--overwrite")
+        assert f"{device} is in use" in said and "Unmount or detach it" in said
+        restore("write", image, device, "--overwrite")
+    check_volume(directory / "new", "ext4", expected)
+
+
+@pytest.mark.parametrize("make, there", [
+    (("mkfs.xfs", "-q", "-f", "-L", "precious"), 'xfs with the label "precious"'),
+    (("mkswap",), "swap"),
+    (("sfdisk", "-q", "--label", "gpt"), "a table of partitions (gpt)"),
+])
+def test_device_that_is_not_empty(ext4_image, directory, make, there):
+    image, expected = ext4_image
+    with device_of(directory / "new", 400) as device:
+        run(*make, device, input=",,\n")
+        said = refusal("write", image, device)
+        assert f"there is {there}" in said and "--overwrite" in said
+        assert there in restore("write", image, device, "--dry-run")
+        restore("write", image, device, "--overwrite")
+    check_volume(directory / "new", "ext4", expected)
+
+
+def test_device_with_half_of_another_image(ext4_image, directory):
+    image, expected = ext4_image
+    other = make_image(directory / "other", 400, "xfs")
+    target = directory / "new"
+    target.touch()
+    with open(target, "r+b") as file:
+        process = begin("write", other, target)
+        while process.poll() is None and os.fstat(file.fileno()).st_size == 0:
+            time.sleep(0.001)
+        process.kill()
+        ended(process)
+    if b"BEKREST1" in target.read_bytes()[:8192]: # it was ended in time
+        assert "an interrupted run" in refusal("write", image, target)
+    restore("write", image, target, "--overwrite")
+    check_volume(target, "ext4", expected)
+
+
+def test_dry_run_writes_nothing(ext4_image, directory):
+    image, _ = ext4_image
+    with device_of(directory / "new", 200) as device:
+        told = json.loads(restore("write", image, device, "--dry-run", "--json"))
+        assert told["volumeBytes"] == 180 * MIB and told["content"] is None
+        assert restore("write", image, device, "--dry-run").startswith("Would write ")
+    assert os.stat(directory / "new").st_blocks == 0
+
+
+def test_what_can_not_be_meant(ext4_image, directory):
+    image, _ = ext4_image
+    assert "neither a block device nor a file" in refusal("write", image, directory)
+    assert "No such file or directory" in refusal("write", image, directory / "none")
+    assert "are one and the same" in refusal("write", image, image, status=2)
+    assert "No such file or directory" in refusal("write", directory / "none", image)
+    refusal("write", "iscsi://h/nothing", image, status=2)
+    assert "--password-file" in refusal("write", "iscsi://me:secret@h/iqn.a/1", image, status=2)
+
+
+@pytest.fixture
+def guarded(ext4_image):
+    """An image that a password is asked for, and the tree in it."""
+    with Target() as target:
+        target.require_chap(USER, PASSWORD)
+        served = target.add_image("image", ext4_image[0].stat().st_size, poisoned=False)
+        served.path.write_bytes(ext4_image[0].read_bytes())
+        yield address_of(served)[0]
+
+
+def test_password_in_a_file(guarded, directory):
+    (directory / "password").write_text(PASSWORD + "\nnot this\n")
+    (directory / "new").touch()
+    restore("write", guarded, directory / "new", "--dry-run", "--password-file", directory / "password")
+    assert "no secret can be read" in refusal("write", guarded, directory / "new",
+                                              "--password-file", directory / "none")
+
+
+def test_password_that_is_wrong(guarded, directory):
+    (directory / "new").touch()
+    assert "can't be reached" in refusal("write", guarded, directory / "new", secret="something else!")
+
+
+def test_password_that_nobody_gives(guarded, directory):
+    (directory / "new").touch()
+    said = refusal("write", guarded, directory / "new")
+    assert SECRET in said and "--password-file" in said
+
+
+def test_password_at_a_terminal(guarded, directory):
+    """It is asked for, and not shown; and how far it is, is."""
+    (directory / "new").touch()
+    child, terminal = pty.fork()
+    if child == 0:
+        os.execv(os.environ.get("BEKD_BUILD", "build/release") + "/bek-restore",
+                 ["bek-restore", "write", guarded, str(directory / "new")])
+    shown = b""
+    has_answered = False
+    with contextlib.suppress(OSError): # the terminal's end
+        while select.select([terminal], [], [], 60)[0]:
+            shown += os.read(terminal, 4096)
+            if not has_answered and b": " in shown:
+                os.write(terminal, PASSWORD.encode() + b"\n")
+                has_answered = True
+    assert os.waitpid(child, 0)[1] == 0, shown
+    assert PASSWORD.encode() not in shown
+    assert re.search(rb"copying  \d+ %  .* of ", shown) and b"Wrote " in shown
+
+
+def test_export_of_another_server(ext4_image, directory):
+    image, expected = ext4_image
+    (directory / "new").touch()
+    with subprocess.Popen(["nbdkit", "-f", "-U", directory / "socket", "--filter=error", "file", image,
+                           "error-pread-rate=5%"], stderr=subprocess.DEVNULL) as server:
+        try:
+            while not (directory / "socket").exists():
+                time.sleep(0.01)
+            done = call("write", f"nbd+unix:///?socket={directory}/socket", directory / "new")
+        finally:
+            server.terminate()
+    assert done.returncode == 0, done.stderr
+    check_volume(directory / "new", "ext4", expected)
+
+
+@pytest.mark.parametrize("file_system, making", [("ext4", ("-T", "largefile4")), ("xfs", ())])
+def test_two_tebibytes_in_bounded_memory(file_system, making, directory):
+    image = make_image(directory / "image", 2 << 20, file_system, *making)
+    (directory / "new").touch()
+    process = begin("write", image, directory / "new",
+                    preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_AS, (500 * MIB, 500 * MIB)))
+    done = ended(process)
+    assert done.returncode == 0, done.stderr
+    assert os.stat(directory / "new").st_size == 2 << 40
+    assert os.stat(directory / "new").st_blocks <= 1.1 * os.stat(image).st_blocks + 2048
+    images.fsck(directory / "new", file_system)
