@@ -12,7 +12,7 @@ pytest.register_assert_rewrite("debian_system")
 from debian_system import DebianSystem # noqa: E402
 from package_file import PackageFile # noqa: E402
 
-NAMES = ("bekd", "libtolvubd0", "libzephane0", "zephaned")
+NAMES = ("bekd", "libtolvubd0", "libzephane0", "zephaned", "bek-restore")
 
 
 @pytest.fixture(scope="session")

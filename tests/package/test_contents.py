@@ -18,8 +18,11 @@ RULES = {
                     r"/usr/share/initramfs-tools/(hooks|scripts/local-premount)/tolvubd"),
     "libzephane0": (rf"{LIBRARIES}/libzephane(\+\+|ftp)\.so",),
     "zephaned": (r"/usr/sbin/zephaned", rf"{UNITS}/zephaned\.service"),
+    "bek-restore": (r"/usr/sbin/bek-restore", r"/usr/lib/bek-restore/(bek-audit|nbdkit-bek-plugin\.so)",
+                    rf"{UNITS}/bek-audit@\.(service|timer)"),
 }
-NAMED = {"bekd": "bek[^/]*", "libtolvubd0": "tolvu[^/]*", "libzephane0": "-", "zephaned": "zephaned[^/]*"}
+NAMED = {"bekd": "bek(d|ctl|-usedmap)[^/]*", "libtolvubd0": "tolvu[^/]*", "libzephane0": "-", "zephaned": "zephaned[^/]*",
+         "bek-restore": "bek-restore"}
 DOCUMENTS = (r"/usr/share/doc/{package}/[^/]+", r"/usr/share/lintian/overrides/{package}",
              r"/usr/share/man/man[58]/{named}\.[58]\.gz", r"/usr/share/bash-completion/completions/{named}",
              r"/usr/share/zsh/vendor-completions/_{named}")
@@ -34,8 +37,11 @@ REQUIRED = {
     "libzephane0": ("/libzephane++.so", "/libzephaneftp.so"),
     "zephaned": ("/usr/sbin/zephaned", "/systemd/system/zephaned.service",
                  "/usr/share/man/man8/zephaned.8.gz"),
+    "bek-restore": ("/usr/sbin/bek-restore", "/usr/lib/bek-restore/nbdkit-bek-plugin.so",
+                    "/usr/lib/bek-restore/bek-audit", "/systemd/system/bek-audit@.timer",
+                    "/usr/share/man/man8/bek-restore.8.gz"),
 }
-RUNNABLE = re.compile(r"/s?bin/|/usr/lib/bekd/|/system-shutdown/|/initramfs-tools/")
+RUNNABLE = re.compile(r"/s?bin/|/usr/lib/bekd/|/usr/lib/bek-restore/bek-audit|/system-shutdown/|/initramfs-tools/")
 ENDBR64 = b"\xf3\x0f\x1e\xfa"
 # Made by the packaging, not by CMake.
 DEBIAN_ONLY = re.compile("/usr/share/(doc|lintian)/")
@@ -88,7 +94,7 @@ def test_programs_know_no_place_of_a_build_and_are_hardened(trees):
             # What calls and jumps may lead to is marked, as far as it is ours.
             assert file.read_bytes().count(ENDBR64) > 50 or "X86-64" not in told, file
             assert b"/build/" not in file.read_bytes(), file
-    assert seen == 8
+    assert seen == 11
 
 
 def test_dependencies(packages):
@@ -96,11 +102,14 @@ def test_dependencies(packages):
         "libtolvubd0 | tolvubd-library", "libzephane0", "udisks2",
         "default-dbus-system-bus | dbus-system-bus"}
     version = packages["bekd"].field("Version")
-    for name in ("bekd", "zephaned"):
+    for name in ("bekd", "zephaned", "bek-restore"):
         assert f"libzephane0 (= {version})" in packages[name].field("Depends")
     for name in ("Provides", "Conflicts", "Replaces"):
         assert packages["libtolvubd0"].field(name) == "tolvubd-library"
     assert packages["zephaned"].field("Recommends") == "nbdkit"
+    # A rescue system has no driver: only the audit calls its library.
+    assert not any("tolvu" in one for one in packages["bek-restore"].depends())
+    assert "libtolvubd0 | tolvubd-library" in packages["bek-restore"].field("Recommends")
 
 
 def test_each_needed_library_is_in_a_package_that_is_depended_on(packages, trees):

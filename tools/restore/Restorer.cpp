@@ -122,30 +122,36 @@ void Restorer::copyPiece(const Piece& piece, std::uint64_t unused, WriteBehind& 
 }
 
 std::span<const std::byte> Restorer::readPiece(Load& load, const Piece& piece) {
-    load.piece = piece;
     const std::span bytes(load.buffer.data(), piece.whole.length);
     image.read(bytes, piece.whole.begin);
     piece.clearGaps(bytes.data());
+    load.begin = piece.whole.begin;
+    load.stretches.clear();
+    for (const ByteRange& part : piece.parts) {
+        addStretches(load, part);
+    }
     return bytes;
 }
 
-void Restorer::write(const Load& load) {
-    for (const ByteRange& part : load.piece.parts) {
-        writePart({load.buffer.data() + (part.begin - load.piece.whole.begin), part.length}, part.begin);
+/// By the thread that reads, so that the other one can do nothing but write.
+void Restorer::addStretches(Load& load, ByteRange part) {
+    while (part.length > 0) {
+        const auto [length, isHole] =
+            stretchOf({load.buffer.data() + (part.begin - load.begin), part.length});
+        load.stretches.push_back({{part.begin, length}, isHole});
+        part = {part.begin + length, part.length - length};
     }
 }
 
-void Restorer::writePart(std::span<const std::byte> bytes, std::uint64_t offset) {
-    while (!bytes.empty()) {
-        const auto [length, isHole] = stretchOf(bytes);
-        if (isHole) {
-            target.zero({offset, length});
-            zerosWritten += length;
+void Restorer::write(const Load& load) {
+    for (const Stretch& stretch : load.stretches) {
+        if (stretch.isHole) {
+            target.zero(stretch.range);
+            zerosWritten += stretch.range.length;
         } else {
-            target.write(bytes.first(length), offset);
+            target.write({load.buffer.data() + (stretch.range.begin - load.begin), stretch.range.length},
+                         stretch.range.begin);
         }
-        bytes = bytes.subspan(length);
-        offset += length;
     }
 }
 

@@ -53,10 +53,16 @@ private:
     using Chunk = agent::core::backup::phase::Chunk;
     using WriteBehind = agent::core::backup::phase::WriteBehind;
 
+    struct Stretch {
+        ByteRange range;
+        bool isHole = false; ///< zeros, so many that they are worth one
+    };
+
     /// What was read, until it is written.
     struct Load {
         os::AlignedBuffer buffer;
-        Piece piece;
+        std::uint64_t begin = 0; ///< byte of the volume at which the buffer begins
+        std::vector<Stretch> stretches;
     };
 
     void begin();
@@ -67,7 +73,7 @@ private:
     void copyPiece(const Piece& piece, std::uint64_t unused, WriteBehind& behind);
     std::span<const std::byte> readPiece(Load& load, const Piece& piece);
     void write(const Load& load);
-    void writePart(std::span<const std::byte> bytes, std::uint64_t offset);
+    static void addStretches(Load& load, ByteRange part);
     void discard(std::uint64_t begin, std::uint64_t end);
     void compareEarlier(const Piece& piece, Result& result);
     /// Whether the device holds what has this checksum.
