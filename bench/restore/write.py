@@ -2,12 +2,12 @@
 
 usage: /usr/bin/python3 -m bench.restore.write [--images DIR] [--directory DIR] [--gibibytes N] [--rounds N]
 
-as root, in lab/namespace, with BEKD_BUILD naming a build folder. An ext4 volume is aged. Its image lies in a file of
-one directory, in memory unless it is named, as source and target of a restore don't share a disk; it is brought to a
-block device in a file of the other one, by turns:
+as root, in lab/namespace, with BEKD_BUILD naming a build folder. An ext4 volume is aged. Its image lies in a
+file of one directory, in memory unless that is named, as source and target of a restore don't share a disk. It
+is brought to a block device in a file of the other one, by turns:
     read       the used bytes are only read
     write      as many bytes are only written, past the cache
-    copy       bek-restore write --no-compare, which reads and writes at once; beside the slower one of these two
+    copy       bek-restore write --no-compare, which does both at once; beside the slower one of these two
     whole      bek-restore write, which reads back what it has written; beside copy and another read
     qemu-img   qemu-img convert, of all bytes that its image has
     partclone  partclone.restore, of the used blocks, from an image of its own
@@ -54,7 +54,8 @@ def racers(image, clone, device):
     places = list(pieces(image))
 
     def run(*command):
-        subprocess.run(list(map(str, command)), check=True, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        subprocess.run(list(map(str, command)), check=True, stdout=subprocess.DEVNULL,
+                       stderr=subprocess.DEVNULL)
 
     restore = (program("bek-restore"), "write", "--overwrite", image, device)
     return {
@@ -82,8 +83,8 @@ def race(images, directory, gibibytes, rounds):
         os.posix_fallocate(file.fileno(), 0, gibibytes << 30)
     clone = images / "clone"
     with attached(directory / "target", "--direct-io=on") as device, attached(image, "--read-only") as source:
-        subprocess.run(["partclone.ext4", "-c", "-F", "-s", source, "-o", clone, "-L", "/dev/null"], check=True,
-                       stderr=subprocess.DEVNULL)
+        subprocess.run(["partclone.ext4", "-c", "-F", "-s", source, "-o", clone, "-L", "/dev/null"],
+                       check=True, stderr=subprocess.DEVNULL)
         times = {name: [] for name in racers(image, clone, device)}
         for _ in range(rounds):
             for name, work in racers(image, clone, device).items():
@@ -101,11 +102,13 @@ def main():
     options = parser.parse_args()
     with tempfile.TemporaryDirectory(dir=options.images) as images, \
             tempfile.TemporaryDirectory(dir=options.directory) as directory:
-        used, least = race(pathlib.Path(images), pathlib.Path(directory), options.gibibytes, options.rounds)
+        used, least = race(pathlib.Path(images), pathlib.Path(directory), options.gibibytes,
+                           options.rounds)
     floor = max(least["read"], least["write"])
     print(f"{used / 1e6:,.0f} MB of {options.gibibytes} GiB are used")
     for name, taken in least.items():
-        print(f"{name:10} {taken:7.2f} s {used / taken / 1e6:9,.0f} MB/s {taken / floor:6.2f} x the slower side")
+        rate = used / taken / 1e6
+        print(f"{name:10} {taken:7.2f} s {rate:9,.0f} MB/s {taken / floor:6.2f} x the slower side")
 
 
 if __name__ == "__main__":

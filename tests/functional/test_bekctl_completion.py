@@ -7,9 +7,10 @@ import pytest
 from lab.daemon import ROOT, program
 
 COMPLETION = ROOT / "packaging" / "completion"
-PROGRAMS = ("bekctl", "bek-usedmap", "bekd", "tolvuctl", "zephaned")
+PROGRAMS = ("bekctl", "bek-restore", "bek-usedmap", "bekd", "tolvuctl", "zephaned")
 COMMANDS = {"bekctl": ("status", "volumes", "backups", "pairing", "certificates", "check", "log",
                        "reasons"),
+            "bek-restore": ("info", "check", "mount", "umount", "ls", "get", "write", "audit"),
             "zephaned": ("add", "list", "remove")}
 
 
@@ -64,13 +65,13 @@ def test_there_is_one_for_each_program_and_shell():
     assert {path.name for path in (COMPLETION / "zsh").iterdir()} == {f"_{name}" for name in PROGRAMS}
 
 
-@pytest.mark.parametrize("name", ["bekctl", "bek-usedmap", "bekd", "zephaned"])
+@pytest.mark.parametrize("name", ["bekctl", "bek-restore", "bek-usedmap", "bekd", "zephaned"])
 def test_bash_offers_the_options(name):
     offered = {word for word in offered_by_bash(name) if word.startswith("--")}
     assert offered == usage_of(name)
 
 
-@pytest.mark.parametrize("name", ["bekctl", "zephaned"])
+@pytest.mark.parametrize("name", ["bekctl", "bek-restore", "zephaned"])
 def test_bash_offers_commands_and_their_options(name):
     assert commands_of(name) == set(COMMANDS[name])
     assert {word for word in offered_by_bash(name) if not word.startswith("-")} == commands_of(name)

@@ -115,7 +115,7 @@ def test_tolvuctl():
     assert len(signatures) > 10
 
 
-@pytest.mark.parametrize("name", ["bek-usedmap", "bekctl", "zephaned"])
+@pytest.mark.parametrize("name", ["bek-restore", "bek-usedmap", "bekctl", "zephaned"])
 def test_program_with_a_help(name):
     """All options, those of its commands too, and all commands."""
     text = page(f"{name}.8")

@@ -21,8 +21,8 @@ RULES = {
     "bek-restore": (r"/usr/sbin/bek-restore", r"/usr/lib/bek-restore/(bek-audit|nbdkit-bek-plugin\.so)",
                     rf"{UNITS}/bek-audit@\.(service|timer)"),
 }
-NAMED = {"bekd": "bek(d|ctl|-usedmap)[^/]*", "libtolvubd0": "tolvu[^/]*", "libzephane0": "-", "zephaned": "zephaned[^/]*",
-         "bek-restore": "bek-restore"}
+NAMED = {"bekd": "bek(d|ctl|-usedmap)[^/]*", "libtolvubd0": "tolvu[^/]*", "libzephane0": "-",
+         "zephaned": "zephaned[^/]*", "bek-restore": "bek-restore"}
 DOCUMENTS = (r"/usr/share/doc/{package}/[^/]+", r"/usr/share/lintian/overrides/{package}",
              r"/usr/share/man/man[58]/{named}\.[58]\.gz", r"/usr/share/bash-completion/completions/{named}",
              r"/usr/share/zsh/vendor-completions/_{named}")
@@ -41,7 +41,7 @@ REQUIRED = {
                     "/usr/lib/bek-restore/bek-audit", "/systemd/system/bek-audit@.timer",
                     "/usr/share/man/man8/bek-restore.8.gz"),
 }
-RUNNABLE = re.compile(r"/s?bin/|/usr/lib/bekd/|/usr/lib/bek-restore/bek-audit|/system-shutdown/|/initramfs-tools/")
+RUNNABLE = re.compile(r"/s?bin/|/usr/lib/bekd/|/bek-audit$|/system-shutdown/|/initramfs-tools/")
 ENDBR64 = b"\xf3\x0f\x1e\xfa"
 # Made by the packaging, not by CMake.
 DEBIAN_ONLY = re.compile("/usr/share/(doc|lintian)/")
