@@ -8,8 +8,6 @@
 
 namespace restore {
 
-namespace {
-
 ImageAddress addressOf(const ImageOptions& options) {
     ImageAddress address = parseImageAddress(options.image);
     if (options.offset != 0) {
@@ -17,8 +15,6 @@ ImageAddress addressOf(const ImageOptions& options) {
     }
     return address;
 }
-
-} // namespace
 
 void declareImage(CLI::App& command, ImageOptions& options) {
     command

@@ -3,6 +3,7 @@
 #include "info/log/Logger.h"
 #include "tools/common/Json.h"
 #include "tools/restore/IImage.h"
+#include "tools/restore/ImageAddress.h"
 #include "tools/restore/Secret.h"
 
 #include <CLI/CLI.hpp>
@@ -24,6 +25,9 @@ struct ImageOptions {
 
 /// `image` is the command's first argument.
 void declareImage(CLI::App& command, ImageOptions& options);
+
+/// Where the options say that the image is.
+ImageAddress addressOf(const ImageOptions& options);
 
 /// A log on standard error, and the image that the options name. The log outlives the image.
 struct OpenedImage {

@@ -26,6 +26,8 @@ int run(int argc, char** argv) {
                          "Print the version");
     app.require_subcommand(1);
     Run chosen;
+    declareMount(app, chosen);
+    declareUmount(app, chosen);
     declareWrite(app, chosen);
     try {
         app.parse(argc, argv);

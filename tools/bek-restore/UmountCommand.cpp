@@ -1,0 +1,121 @@
+#include "Commands.h"
+#include "Common.h"
+#include "tools/restore/view/LoopDevice.h"
+#include "tools/restore/view/Program.h"
+#include "tools/restore/view/ViewDirectory.h"
+
+#include <chrono>
+#include <csignal>
+#include <filesystem>
+#include <memory>
+#include <stdexcept>
+#include <thread>
+
+namespace restore {
+
+namespace {
+
+namespace fs = std::filesystem;
+using std::chrono::seconds;
+
+constexpr seconds usualPatience(60); // what is in the way of a busy but living target
+constexpr seconds lastPatience(30);  // once the server is gone, and every read fails at once
+constexpr seconds goingPatience(10);
+constexpr std::chrono::milliseconds goingPause(20);
+
+/// The mount point itself may be dead, and isn't looked at.
+std::string pathOf(std::string directory) {
+    while (directory.size() > 1 && directory.ends_with('/')) {
+        directory.pop_back();
+    }
+    const fs::path absolute = fs::absolute(directory);
+    std::error_code error;
+    const fs::path parent = fs::canonical(absolute.parent_path(), error);
+    const fs::path name = absolute.filename();
+    return error || name == "." || name == ".." ? fs::weakly_canonical(absolute, error).string()
+                                                : (parent / name).string();
+}
+
+/// Views that are mounted there; the newest is not told from older ones, as those can only be below it.
+std::vector<view::MountedView> viewsAt(const std::string& directory) {
+    std::vector<view::MountedView> found = view::mountedViews();
+    std::erase_if(found, [&](const view::MountedView& each) { return each.state.mountPoint != directory; });
+    if (found.empty()) {
+        throw std::runtime_error("no image is mounted at " + directory + " by " + programName);
+    }
+    return found;
+}
+
+bool isInUse(const view::MountedView& view) {
+    return view::isLoopDevice(view.state.loop, view.place);
+}
+
+/// Drivers that are programs let the device go a moment after they have been told.
+bool awaitEndOfUse(const view::MountedView& view) {
+    const auto deadline = std::chrono::steady_clock::now() + goingPatience;
+    while (isInUse(view) && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(goingPause);
+    }
+    return !isInUse(view);
+}
+
+/// umount(8) waits for reads of an image that is out of reach. They end with the server.
+view::Outcome unmount(const view::MountedView& view) {
+    const view::Start start{.command = {"umount", "--", view.state.mountPoint}};
+    try {
+        return view::runProgram(start, usualPatience);
+    } catch (const view::ProgramMissing&) {
+        throw;
+    } catch (const std::runtime_error&) {
+        view::endView(view.place, view.state);
+        return view::runProgram(start, lastPatience);
+    }
+}
+
+void endMount(const view::MountedView& view) {
+    if (isInUse(view)) {
+        const view::Outcome outcome = unmount(view);
+        if (outcome.status != 0 && isInUse(view)) {
+            throw std::runtime_error(view.state.mountPoint +
+                                     " can't be unmounted: " + view::lastWords(outcome.output));
+        }
+    }
+    if (!awaitEndOfUse(view)) {
+        throw std::runtime_error(view.state.loop + ", which shows " + view.state.image +
+                                 ", is still in use; end what uses it and call this again");
+    }
+    view::endView(view.place, view.state);
+}
+
+int unmountImage(const std::string& directory, bool isJson) {
+    const std::string path = pathOf(directory);
+    for (const view::MountedView& view : viewsAt(path)) {
+        endMount(view);
+    }
+    view::clearRemains();
+    if (isJson) {
+        print(tools::Json{{"mountPoint", path}});
+    }
+    return done;
+}
+
+} // namespace
+
+void declareUmount(CLI::App& app, Run& chosen) {
+    struct Options {
+        std::string directory;
+        bool isJson = false;
+    };
+    auto options = std::make_shared<Options>();
+    CLI::App& command = *app.add_subcommand(
+        "umount",
+        "End what mount has begun, whatever has become of it: the image out of reach, the directory "
+        "unmounted by hand, processes killed");
+    command.add_option("DIR", options->directory, "What mount was given")->required();
+    command.add_flag("--json", options->isJson, "Print one JSON object");
+    command.callback([options, &chosen] {
+        chosen = [options] { return unmountImage(options->directory, options->isJson); };
+    });
+}
+
+} // namespace restore

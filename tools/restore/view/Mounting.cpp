@@ -1,0 +1,261 @@
+#include "Mounting.h"
+
+#include "common/PosixError.h"
+
+#include <algorithm>
+#include <array>
+#include <blkid/blkid.h>
+#include <cerrno>
+#include <chrono>
+#include <fcntl.h>
+#include <functional>
+#include <memory>
+#include <sched.h>
+#include <stdexcept>
+#include <string_view>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <thread>
+#include <unistd.h>
+
+namespace restore::view {
+
+namespace {
+
+using std::chrono::seconds;
+
+constexpr seconds mountPatience(300); // a journal far away is replayed meanwhile
+constexpr std::chrono::milliseconds mountedPause(10);
+/// Nobody gains rights on this machine by what is in an image.
+constexpr const char* harmless = "ro,nosuid,nodev";
+
+/// One way to mount a kind: by the kernel, or by a program that is a driver itself.
+struct Way {
+    const char* kind;     ///< libblkid's name
+    const char* type;     ///< the kernel's name of the kind, or the program
+    const char* options;  ///< beside those that keep it harmless
+    const char* noReplay; ///< what keeps the kernel from replaying a journal
+    bool isProgram;
+};
+
+/// The best way of each kind first.
+constexpr std::array ways{
+    Way{"ext4", "ext4", "", "noload", false},
+    Way{"ext3", "ext3", "", "noload", false},
+    Way{"ext2", "ext2", "", "", false},
+    Way{"xfs", "xfs", "nouuid", "norecovery", false},
+    Way{"vfat", "vfat", "utf8", "", false},
+    Way{"vfat", "fusefat", "", "", true},
+    Way{"ntfs", "ntfs-3g", "permissions,streams_interface=xattr", "norecover", true},
+    Way{"ntfs", "ntfs3", "", "", false},
+    Way{"hfsplus", "hfsplus", "", "", false},
+};
+
+struct Remedy {
+    std::string_view kind;
+    const char* text;
+};
+constexpr std::array remedies{
+    Remedy{"vfat", "boot a kernel that has vfat, or install fusefat"},
+    Remedy{"ntfs", "install ntfs-3g"},
+};
+
+std::string remedyFor(const std::string& kind) {
+    const auto* const found = std::ranges::find(remedies, kind, &Remedy::kind);
+    return found != remedies.end()
+               ? found->text
+               : "boot a kernel that has it, such as that of the package linux-image-amd64";
+}
+
+std::string joined(std::initializer_list<std::string> options) {
+    std::string all;
+    for (const std::string& option : options) {
+        all += (all.empty() || option.empty() ? "" : ",") + option;
+    }
+    return all;
+}
+
+/// Whether the words of mount(8) say that the kernel has no such file system, rather than what is wrong with
+/// it.
+bool isUnknown(const std::string& words) {
+    return words.find("unknown filesystem type") != std::string::npos ||
+           words.find("not supported by kernel") != std::string::npos;
+}
+
+void requireMounted(const Outcome& outcome, const std::string& what) {
+    if (outcome.status != 0) {
+        throw std::runtime_error(what + " can't be mounted: " + lastWords(outcome.output));
+    }
+}
+
+/// Takes the first way of a kind that this machine has: `take` returns false if it lacks it.
+void mountByAny(const std::string& kind, const std::function<bool(const Way&)>& take) {
+    bool isKnown = false;
+    for (const Way& way : ways) {
+        if (kind != way.kind) {
+            continue;
+        }
+        isKnown = true;
+        try {
+            if (take(way)) {
+                return;
+            }
+        } catch (const ProgramMissing&) { // NOLINT(bugprone-empty-catch): the next way
+        }
+    }
+    throw std::runtime_error(isKnown ? "nothing on this machine mounts " + kind + ": " + remedyFor(kind)
+                                     : "no way is known to mount " + kind);
+}
+
+/// False if the kernel doesn't know it.
+bool mountByKernel(const Way& way, const std::string& options, const std::string& device,
+                   const std::string& directory) {
+    const Outcome outcome = runProgram(
+        {.command = {"mount", "-i", "-t", way.type, "-o", options, device, directory}}, mountPatience);
+    if (outcome.status != 0 && isUnknown(outcome.output)) {
+        return false;
+    }
+    requireMounted(outcome, device);
+    return true;
+}
+
+bool isMountedAt(const std::string& path, dev_t before) {
+    struct ::stat now{};
+    return ::stat(path.c_str(), &now) == 0 && now.st_dev != before;
+}
+
+/// A driver that stays our child, so that it ends with us. It has mounted once another device is seen at
+/// `seenAt`.
+Program startDriver(Start start, const std::string& seenAt, int log) {
+    struct ::stat before{};
+    if (::stat(seenAt.c_str(), &before) != 0) {
+        throw agent::PosixError(seenAt + " can't be seen", errno);
+    }
+    start.endsWithUs = true;
+    start.isDetached = true;
+    start.output = log;
+    Program driver(start);
+    const auto deadline = std::chrono::steady_clock::now() + mountPatience;
+    while (!isMountedAt(seenAt, before.st_dev)) {
+        if (driver.status() || std::chrono::steady_clock::now() > deadline) {
+            throw std::runtime_error(start.command.front() +
+                                     " can't mount it; see what it says of the device");
+        }
+        std::this_thread::sleep_for(mountedPause);
+    }
+    return driver;
+}
+
+std::vector<std::string> foreground(const Way& way, const std::string& options, const std::string& device,
+                                    const std::string& directory) {
+    if (std::string_view(way.type) == "ntfs-3g") {
+        return {way.type, "-o", joined({options, "no_detach"}), device, directory};
+    }
+    return {way.type, "-f", "-o", options, device, directory};
+}
+
+} // namespace
+
+std::string findKind(const std::string& device) {
+    const std::unique_ptr<blkid_struct_probe, void (*)(blkid_probe)> probe(
+        ::blkid_new_probe_from_filename(device.c_str()), ::blkid_free_probe);
+    if (!probe) {
+        throw agent::PosixError(device + " can't be read", errno);
+    }
+    ::blkid_probe_set_superblocks_flags(probe.get(), BLKID_SUBLKS_TYPE);
+    const char* kind = nullptr;
+    if (::blkid_do_safeprobe(probe.get()) != 0 ||
+        ::blkid_probe_lookup_value(probe.get(), "TYPE", &kind, nullptr) != 0) {
+        throw std::runtime_error("no file system is found in it");
+    }
+    return kind;
+}
+
+void mountForAll(const ImageView& view, const std::string& kind, const std::string& directory) {
+    mountByAny(kind, [&](const Way& way) {
+        const std::string options = joined({harmless, way.options});
+        if (!way.isProgram) {
+            return mountByKernel(way, options, view.device(), directory);
+        }
+        requireMounted(
+            runProgram({.command = {way.type, "-o", options, view.device(), directory}}, mountPatience),
+            view.device());
+        return true;
+    });
+}
+
+void replayJournal(const std::string& kind, const std::string& device, const std::string& directory) {
+    for (const Way& way : ways) {
+        if (kind == way.kind && !way.isProgram &&
+            mountByKernel(way, joined({"rw,nosuid,nodev", way.options}), device, directory)) {
+            requireMounted(runProgram({{"umount", directory}}, mountPatience), device);
+            return;
+        }
+    }
+}
+
+void leaveMountsOfMachine() {
+    if (::unshare(CLONE_NEWNS) != 0 || ::mount(nullptr, "/", nullptr, MS_REC | MS_SLAVE, nullptr) != 0) {
+        throw agent::PosixError("no mounts of our own can be had", errno);
+    }
+}
+
+PrivateMount::PrivateMount(const ImageView& view, const std::string& kind) {
+    const std::string directory = view.directory().path("root");
+    const os::FileDescriptor log(
+        ::open(view.directory().path("log").c_str(), O_WRONLY | O_APPEND | O_CLOEXEC));
+    mountByAny(kind, [&](const Way& way) {
+        const std::string options = joined({harmless, way.options});
+        if (!way.isProgram) {
+            mounted = directory;
+            return mountByKernel(way, options, view.device(), directory);
+        }
+        // Where the server is: the kernel, which has to tell the program of its end, finds it there alive,
+        // and not already half gone with the last process of ours.
+        Start start;
+        start.command = foreground(way, options, view.file(), directory);
+        start.mountsOf = view.server();
+        const std::string seen = "/proc/" + std::to_string(view.server()) + "/root" + directory;
+        driver.emplace(startDriver(start, seen, log.get()));
+        mounted.clear();
+        openTop(seen);
+        return true;
+    });
+    if (!mounted.empty()) {
+        openTop(mounted);
+    }
+}
+
+PrivateMount::PrivateMount(const std::string& device, const std::string& kind, const std::string& directory) {
+    mountByAny(kind, [&](const Way& way) {
+        const std::string options = joined({harmless, way.options, way.noReplay});
+        mounted = directory;
+        if (!way.isProgram) {
+            return mountByKernel(way, options, device, directory);
+        }
+        Start start;
+        start.command = foreground(way, options, device, directory);
+        driver.emplace(startDriver(start, directory, -1));
+        return true;
+    });
+    openTop(directory);
+}
+
+PrivateMount::~PrivateMount() {
+    top.reset();
+    if (!mounted.empty() && ::umount2(mounted.c_str(), 0) != 0) {
+        ::umount2(mounted.c_str(), MNT_DETACH); // somebody looks on; it goes with him
+    }
+    if (driver) {
+        driver->wait(std::chrono::milliseconds(mounted.empty() ? 0 : 2000));
+    }
+}
+
+void PrivateMount::openTop(const std::string& path) {
+    top = os::FileDescriptor(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!top) {
+        throw agent::PosixError("the top of the file system can't be opened", errno);
+    }
+}
+
+} // namespace restore::view

@@ -1,0 +1,242 @@
+#include "Program.h"
+
+#include "common/PosixError.h"
+#include "tools/common/Text.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <fcntl.h>
+#include <poll.h>
+#include <sched.h>
+#include <stdexcept>
+#include <sys/mount.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+namespace restore::view {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using std::chrono::milliseconds;
+
+constexpr milliseconds pollPause(10);
+constexpr milliseconds endPatience(10'000);
+constexpr std::size_t mostOutput = 256UL * 1024;
+constexpr int statusOfSignal = 128;
+constexpr int cannotStart = 126;
+constexpr const char* systemPaths = "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin";
+
+/// Where a program lies, by the paths of the system: those of a user may lack the administrator's.
+std::string findProgram(const std::string& name) {
+    if (name.find('/') != std::string::npos) {
+        return name;
+    }
+    for (std::string rest = systemPaths; !rest.empty();) {
+        const std::size_t end = std::min(rest.find(':'), rest.size());
+        std::string path = rest.substr(0, end) + "/" + name;
+        if (::access(path.c_str(), X_OK) == 0) {
+            return path;
+        }
+        rest.erase(0, end + 1);
+    }
+    throw ProgramMissing("there is no program " + name + " on this machine");
+}
+
+/// All that exec needs, made before the fork: after it nothing may be allocated.
+struct Image {
+    explicit Image(const Start& start)
+        : path(findProgram(start.command.front())), words(start.command), settings(settingsOf(start)) {
+        for (std::string& word : words) {
+            arguments.push_back(word.data());
+        }
+        arguments.push_back(nullptr);
+        for (std::string& setting : settings) {
+            variables.push_back(setting.data());
+        }
+        variables.push_back(nullptr);
+        if (start.mountsOf) {
+            const std::string name = "/proc/" + std::to_string(*start.mountsOf) + "/ns/mnt";
+            mounts = os::FileDescriptor(::open(name.c_str(), O_RDONLY | O_CLOEXEC));
+        }
+    }
+
+    static std::vector<std::string> settingsOf(const Start& start) {
+        std::vector<std::string> all{"LC_ALL=C", std::string("PATH=") + systemPaths};
+        for (const char* name : {"TMPDIR", "HOME", "TERM"}) {
+            if (const char* value = std::getenv(name); value != nullptr) { // NOLINT(concurrency-mt-unsafe)
+                all.push_back(std::string(name) + "=" + value);
+            }
+        }
+        for (const auto& [name, value] : start.environment) {
+            all.push_back(name + "=" + value);
+        }
+        return all;
+    }
+
+    std::string path;
+    std::vector<std::string> words;
+    std::vector<std::string> settings;
+    std::vector<char*> arguments;
+    std::vector<char*> variables;
+    os::FileDescriptor mounts;
+};
+
+/// False if something that was asked for can't be had. In the child.
+bool settle(const Start& start, const Image& image, pid_t parent) {
+    if (start.endsWithUs && (::prctl(PR_SET_PDEATHSIG, SIGTERM) != 0 || ::getppid() != parent)) {
+        return false;
+    }
+    if (start.isDetached && ::setsid() < 0) {
+        return false;
+    }
+    if (start.mountsOf && ::setns(image.mounts.get(), CLONE_NEWNS) != 0) {
+        return false;
+    }
+    // What the machine unmounts goes from its view too, and nothing comes back.
+    return !start.hasOwnMounts ||
+           (::unshare(CLONE_NEWNS) == 0 && ::mount(nullptr, "/", nullptr, MS_REC | MS_SLAVE, nullptr) == 0);
+}
+
+bool connect(const Start& start) {
+    const int nobody = ::open("/dev/null", O_RDWR | O_CLOEXEC);
+    const int output = start.output >= 0 ? start.output : nobody;
+    return ::dup2(nobody, STDIN_FILENO) >= 0 && ::dup2(output, STDOUT_FILENO) >= 0 &&
+           ::dup2(output, STDERR_FILENO) >= 0 && (start.kept < 0 || ::fcntl(start.kept, F_SETFD, 0) == 0);
+}
+
+[[noreturn]] void become(const Start& start, const Image& image, pid_t parent) {
+    ::sigset_t none{};
+    ::sigemptyset(&none);
+    ::sigprocmask(SIG_SETMASK, &none, nullptr);
+    if (settle(start, image, parent) && connect(start)) {
+        ::execve(image.path.c_str(), image.arguments.data(), image.variables.data());
+    }
+    ::_exit(cannotStart);
+}
+
+int shellStatus(int status) {
+    return WIFEXITED(status) ? WEXITSTATUS(status) : statusOfSignal + WTERMSIG(status);
+}
+
+/// Keeps what fits of what comes out of a pipe. False at its end.
+bool drain(int pipe, std::string& output) {
+    std::array<char, 16384> part{};
+    const ::ssize_t count = ::read(pipe, part.data(), part.size());
+    if (count > 0) {
+        const std::size_t room = mostOutput - std::min(mostOutput, output.size());
+        output.append(part.data(), std::min(room, static_cast<std::size_t>(count)));
+    }
+    return count > 0 || (count < 0 && errno == EINTR);
+}
+
+int millisecondsLeft(std::optional<Clock::time_point> deadline) {
+    if (!deadline) {
+        return -1;
+    }
+    const auto left = std::chrono::duration_cast<milliseconds>(*deadline - Clock::now()).count();
+    return static_cast<int>(std::clamp<std::int64_t>(left, 0, 1'000'000'000));
+}
+
+} // namespace
+
+Program::Program(const Start& start) {
+    const Image image(start);
+    const pid_t parent = ::getpid();
+    id = ::fork();
+    if (id < 0) {
+        throw agent::PosixError(start.command.front() + " can't be started", errno);
+    }
+    if (id == 0) {
+        become(start, image, parent);
+    }
+}
+
+Program::Program(Program&& other) noexcept : id(std::exchange(other.id, -1)), ended(other.ended) {}
+
+Program::~Program() {
+    end();
+}
+
+std::optional<int> Program::status() {
+    int state = 0;
+    if (!ended && id > 0 && ::waitpid(id, &state, WNOHANG) == id) {
+        ended = shellStatus(state);
+    }
+    return ended;
+}
+
+std::optional<int> Program::wait(milliseconds limit) {
+    const auto deadline = Clock::now() + limit;
+    while (!status() && Clock::now() < deadline) {
+        std::this_thread::sleep_for(pollPause);
+    }
+    return ended;
+}
+
+void Program::end() {
+    if (id <= 0 || status()) {
+        return;
+    }
+    ::kill(id, SIGTERM);
+    if (!wait(endPatience)) {
+        kill();
+    }
+}
+
+void Program::kill() {
+    if (id > 0 && !status()) {
+        ::kill(id, SIGKILL);
+        wait(endPatience); // one that waits in the kernel for a dead disk ends when that lets it
+    }
+}
+
+Outcome runProgram(Start start, std::optional<milliseconds> limit) {
+    std::array<int, 2> ends{};
+    if (::pipe2(ends.data(), O_CLOEXEC) != 0) {
+        throw agent::PosixError("there is no pipe to be had", errno);
+    }
+    const os::FileDescriptor reading(ends[0]);
+    os::FileDescriptor writing(ends[1]);
+    start.output = writing.get();
+    Program program(start);
+    writing.reset();
+    const std::optional<Clock::time_point> deadline =
+        limit ? std::optional(Clock::now() + *limit) : std::nullopt;
+    Outcome outcome;
+    ::pollfd ready{reading.get(), POLLIN, 0};
+    while (true) {
+        const int count = ::poll(&ready, 1, millisecondsLeft(deadline));
+        if (count == 0) {
+            program.kill();
+            throw std::runtime_error(start.command.front() + " took longer than " +
+                                     tools::durationText(static_cast<double>(limit->count()) / 1000));
+        }
+        if (count > 0 && !drain(reading.get(), outcome.output)) {
+            break;
+        }
+    }
+    const std::optional<int> status = program.wait(endPatience);
+    outcome.status = status.value_or(statusOfSignal + SIGKILL);
+    return outcome;
+}
+
+std::string lastWords(const std::string& output) {
+    std::string last;
+    for (std::size_t begin = 0; begin < output.size();) {
+        const std::size_t end = std::min(output.find('\n', begin), output.size());
+        const std::string line = output.substr(begin, end - begin);
+        if (line.find_first_not_of(" \t\r") != std::string::npos) {
+            last = line;
+        }
+        begin = end + 1;
+    }
+    return tools::plain(last);
+}
+
+} // namespace restore::view
