@@ -18,6 +18,8 @@ enum ExitStatus {
 using Run = std::function<int()>;
 
 /// Each declares a command, which leaves in `chosen` what it does if it is the one that was called.
+void declareGet(CLI::App& app, Run& chosen);
+void declareLs(CLI::App& app, Run& chosen);
 void declareMount(CLI::App& app, Run& chosen);
 void declareUmount(CLI::App& app, Run& chosen);
 void declareWrite(CLI::App& app, Run& chosen);

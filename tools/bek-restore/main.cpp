@@ -26,6 +26,8 @@ int run(int argc, char** argv) {
                          "Print the version");
     app.require_subcommand(1);
     Run chosen;
+    declareLs(app, chosen);
+    declareGet(app, chosen);
     declareMount(app, chosen);
     declareUmount(app, chosen);
     declareWrite(app, chosen);
