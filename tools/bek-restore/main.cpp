@@ -26,6 +26,7 @@ int run(int argc, char** argv) {
                          "Print the version");
     app.require_subcommand(1);
     Run chosen;
+    declareInfo(app, chosen);
     declareLs(app, chosen);
     declareGet(app, chosen);
     declareMount(app, chosen);

@@ -135,6 +135,11 @@ bool ImageAddress::wantsSecret() const {
     return kind == Kind::zephane || (kind == Kind::iscsi && !user.empty());
 }
 
+std::string portalOf(const ImageAddress& address) {
+    const bool isVersion6 = address.host.find(':') != std::string::npos;
+    return (isVersion6 ? "[" + address.host + "]" : address.host) + ":" + std::to_string(address.port);
+}
+
 ImageAddress parseImageAddress(const std::string& text) {
     if (text.starts_with("iscsi://")) {
         return iscsiAddress(text);

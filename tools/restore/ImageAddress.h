@@ -24,6 +24,9 @@ struct ImageAddress {
     [[nodiscard]] bool wantsSecret() const;
 };
 
+/// HOST:PORT, with brackets around an IPv6 address.
+std::string portalOf(const ImageAddress& address);
+
 /// Takes apart
 ///     iscsi://[USER@]HOST[:PORT]/TARGET/LUN[?offset=N]
 ///     zephane://HOST[:PORT]/PATH/VOLUME-ID[?offset=N]

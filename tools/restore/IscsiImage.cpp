@@ -8,15 +8,6 @@
 
 namespace restore {
 
-namespace {
-
-std::string portalOf(const ImageAddress& address) {
-    const bool isVersion6 = address.host.find(':') != std::string::npos;
-    return (isVersion6 ? "[" + address.host + "]" : address.host) + ":" + std::to_string(address.port);
-}
-
-} // namespace
-
 IscsiImage::IscsiImage(agent::info::Logger& logger, const ImageAddress& address, std::string password)
     : label(address.text),
       transport(logger, address.target, portalOf(address), address.lun, address.offset, address.user,
