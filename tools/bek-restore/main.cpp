@@ -27,6 +27,7 @@ int run(int argc, char** argv) {
     app.require_subcommand(1);
     Run chosen;
     declareInfo(app, chosen);
+    declareCheck(app, chosen);
     declareLs(app, chosen);
     declareGet(app, chosen);
     declareMount(app, chosen);

@@ -8,12 +8,14 @@
 #include <sqlite3.h>
 
 #include <cerrno>
+#include <charconv>
 #include <chrono>
 #include <cstddef>
 #include <memory>
 #include <stdexcept>
 #include <string_view>
 #include <sys/stat.h>
+#include <system_error>
 #include <thread>
 
 namespace bekctl {
@@ -98,14 +100,61 @@ void requireSound(sqlite3* connection) {
     }
 }
 
-} // namespace
-
-Database parseDatabase(std::string bytes) {
+Connection openSound(std::string& bytes) {
     if (bytes.size() < headerBytes || !bytes.starts_with(std::string_view("SQLite format 3\0", 16))) {
         throw std::runtime_error("The file is no database");
     }
-    const Connection connection = openInMemory(bytes);
+    Connection connection = openInMemory(bytes);
     requireSound(connection.get());
+    return connection;
+}
+
+std::string settledCopy(const std::string& path) {
+    for (int attempt = 0; attempt < tries; ++attempt) {
+        if (attempt > 0) {
+            std::this_thread::sleep_for(pause);
+        }
+        if (isBeingWritten(path)) {
+            continue;
+        }
+        std::string bytes = read(path);
+        if (isSettled(path, bytes)) {
+            return bytes;
+        }
+    }
+    throw std::runtime_error(path + " is being written all the time, or a write was cut off: then the next "
+                                    "start of the agent puts it right");
+}
+
+/// Nothing for the 0 and the words that stand for none, and for what can't be read as a whole.
+std::optional<ImageChecksum> checksumOf(const std::string& value, const std::string& type) {
+    ImageChecksum found;
+    const char* const end = value.data() + value.size();
+    const auto [next, error] = std::from_chars(value.data(), end, found.value);
+    const bool isOld = type == "gcrypt32crc";
+    if (error != std::errc() || next != end || found.value == 0 || (!isOld && type != "libcrc32c")) {
+        return std::nullopt;
+    }
+    found.type = isOld ? agent::db::ChecksumType::gcrypt32crc : agent::db::ChecksumType::libcrc32c;
+    return found;
+}
+
+} // namespace
+
+std::optional<ImageChecksum> readImageChecksum(const std::string& path, const std::string& uuid) {
+    std::string bytes = settledCopy(path);
+    const Connection connection = openSound(bytes);
+    for (const Row& row :
+         query(connection.get(), "select volume_uuid, image_checksum, image_checksum_type from volumes;")) {
+        if (row.at(0).text == uuid) {
+            return checksumOf(row.at(1).text, row.at(2).text);
+        }
+    }
+    return std::nullopt;
+}
+
+Database parseDatabase(std::string bytes) {
+    const Connection connection = openSound(bytes);
     Database found;
     for (const Row& row : query(connection.get(), "select id, ip from device limit 1;")) {
         found.pairing = Pairing{row.at(0).asNumber(), row.at(1).text};
@@ -121,20 +170,7 @@ Database parseDatabase(std::string bytes) {
 }
 
 Database readDatabase(const std::string& path) {
-    for (int attempt = 0; attempt < tries; ++attempt) {
-        if (attempt > 0) {
-            std::this_thread::sleep_for(pause);
-        }
-        if (isBeingWritten(path)) {
-            continue;
-        }
-        std::string bytes = read(path);
-        if (isSettled(path, bytes)) {
-            return parseDatabase(std::move(bytes));
-        }
-    }
-    throw std::runtime_error(path + " is being written all the time, or a write was cut off: then the next "
-                                    "start of the agent puts it right");
+    return parseDatabase(settledCopy(path));
 }
 
 } // namespace bekctl

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "db/ChecksumType.h"
+
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -25,6 +27,15 @@ struct Database {
 /// while the agent wrote is thrown away and taken anew, for two seconds or so.
 /// Throws std::runtime_error with what is wrong.
 Database readDatabase(const std::string& path);
+
+/// What the agent has noted of the image that the last good backup of a volume has left.
+struct ImageChecksum {
+    std::uint32_t value = 0;
+    agent::db::ChecksumType type = agent::db::ChecksumType::libcrc32c;
+};
+
+/// The same for one volume, by its UUID; nothing if no checksum of it is known.
+std::optional<ImageChecksum> readImageChecksum(const std::string& path, const std::string& uuid);
 
 /// Looks at a copy of the file in memory; the bytes aren't changed. Throws std::runtime_error.
 Database parseDatabase(std::string bytes);

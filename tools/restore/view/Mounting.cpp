@@ -31,24 +31,23 @@ constexpr const char* harmless = "ro,nosuid,nodev";
 
 /// One way to mount a kind: by the kernel, or by a program that is a driver itself.
 struct Way {
-    const char* kind;     ///< libblkid's name
-    const char* type;     ///< the kernel's name of the kind, or the program
-    const char* options;  ///< beside those that keep it harmless
-    const char* noReplay; ///< what keeps the kernel from replaying a journal
+    const char* kind;    ///< libblkid's name
+    const char* type;    ///< the kernel's name of the kind, or the program
+    const char* options; ///< beside those that keep it harmless
     bool isProgram;
 };
 
 /// The best way of each kind first.
 constexpr std::array ways{
-    Way{"ext4", "ext4", "", "noload", false},
-    Way{"ext3", "ext3", "", "noload", false},
-    Way{"ext2", "ext2", "", "", false},
-    Way{"xfs", "xfs", "nouuid", "norecovery", false},
-    Way{"vfat", "vfat", "utf8", "", false},
-    Way{"vfat", "fusefat", "", "", true},
-    Way{"ntfs", "ntfs-3g", "permissions,streams_interface=xattr", "norecover", true},
-    Way{"ntfs", "ntfs3", "", "", false},
-    Way{"hfsplus", "hfsplus", "", "", false},
+    Way{"ext4", "ext4", "", false},
+    Way{"ext3", "ext3", "", false},
+    Way{"ext2", "ext2", "", false},
+    Way{"xfs", "xfs", "nouuid", false},
+    Way{"vfat", "vfat", "utf8", false},
+    Way{"vfat", "fusefat", "", true},
+    Way{"ntfs", "ntfs-3g", "permissions,streams_interface=xattr", true},
+    Way{"ntfs", "ntfs3", "", false},
+    Way{"hfsplus", "hfsplus", "", false},
 };
 
 struct Remedy {
@@ -103,8 +102,8 @@ void mountByAny(const std::string& kind, const std::function<bool(const Way&)>& 
         } catch (const ProgramMissing&) { // NOLINT(bugprone-empty-catch): the next way
         }
     }
-    throw std::runtime_error(isKnown ? "nothing on this machine mounts " + kind + ": " + remedyFor(kind)
-                                     : "no way is known to mount " + kind);
+    throw NoDriver(isKnown ? "nothing on this machine mounts " + kind + ": " + remedyFor(kind)
+                           : "no way is known to mount " + kind);
 }
 
 /// False if the kernel doesn't know it.
@@ -146,6 +145,31 @@ Program startDriver(Start start, const std::string& seenAt, int log) {
     return driver;
 }
 
+/// What libblkid finds on a device.
+class Probe {
+public:
+    explicit Probe(const std::string& device)
+        : probe(::blkid_new_probe_from_filename(device.c_str()), ::blkid_free_probe) {
+        if (!probe) {
+            throw agent::PosixError(device + " can't be read", errno);
+        }
+        ::blkid_probe_set_superblocks_flags(probe.get(), BLKID_SUBLKS_TYPE | BLKID_SUBLKS_UUID);
+        isFound = ::blkid_do_safeprobe(probe.get()) == 0;
+    }
+
+    /// Empty if there is none.
+    [[nodiscard]] std::string value(const char* name) const {
+        const char* text = nullptr;
+        const bool isThere =
+            isFound && ::blkid_probe_lookup_value(probe.get(), name, &text, nullptr) == 0 && text != nullptr;
+        return isThere ? text : "";
+    }
+
+private:
+    std::unique_ptr<blkid_struct_probe, void (*)(blkid_probe)> probe;
+    bool isFound = false;
+};
+
 std::vector<std::string> foreground(const Way& way, const std::string& options, const std::string& device,
                                     const std::string& directory) {
     if (std::string_view(way.type) == "ntfs-3g") {
@@ -157,18 +181,15 @@ std::vector<std::string> foreground(const Way& way, const std::string& options, 
 } // namespace
 
 std::string findKind(const std::string& device) {
-    const std::unique_ptr<blkid_struct_probe, void (*)(blkid_probe)> probe(
-        ::blkid_new_probe_from_filename(device.c_str()), ::blkid_free_probe);
-    if (!probe) {
-        throw agent::PosixError(device + " can't be read", errno);
-    }
-    ::blkid_probe_set_superblocks_flags(probe.get(), BLKID_SUBLKS_TYPE);
-    const char* kind = nullptr;
-    if (::blkid_do_safeprobe(probe.get()) != 0 ||
-        ::blkid_probe_lookup_value(probe.get(), "TYPE", &kind, nullptr) != 0) {
+    std::string kind = Probe(device).value("TYPE");
+    if (kind.empty()) {
         throw std::runtime_error("no file system is found in it");
     }
     return kind;
+}
+
+std::string uuidOf(const std::string& device) {
+    return Probe(device).value("UUID");
 }
 
 void mountForAll(const ImageView& view, const std::string& kind, const std::string& directory) {
@@ -185,13 +206,14 @@ void mountForAll(const ImageView& view, const std::string& kind, const std::stri
 }
 
 void replayJournal(const std::string& kind, const std::string& device, const std::string& directory) {
-    for (const Way& way : ways) {
-        if (kind == way.kind && !way.isProgram &&
-            mountByKernel(way, joined({"rw,nosuid,nodev", way.options}), device, directory)) {
-            requireMounted(runProgram({{"umount", directory}}, mountPatience), device);
-            return;
+    mountByAny(kind, [&](const Way& way) {
+        if (way.isProgram ||
+            !mountByKernel(way, joined({"rw,nosuid,nodev", way.options}), device, directory)) {
+            return false;
         }
-    }
+        requireMounted(runProgram({.command = {"umount", directory}}, mountPatience), device);
+        return true;
+    });
 }
 
 void leaveMountsOfMachine() {
@@ -226,28 +248,10 @@ PrivateMount::PrivateMount(const ImageView& view, const std::string& kind) {
     }
 }
 
-PrivateMount::PrivateMount(const std::string& device, const std::string& kind, const std::string& directory) {
-    mountByAny(kind, [&](const Way& way) {
-        const std::string options = joined({harmless, way.options, way.noReplay});
-        mounted = directory;
-        if (!way.isProgram) {
-            return mountByKernel(way, options, device, directory);
-        }
-        Start start;
-        start.command = foreground(way, options, device, directory);
-        driver.emplace(startDriver(start, directory, -1));
-        return true;
-    });
-    openTop(directory);
-}
-
 PrivateMount::~PrivateMount() {
     top.reset();
     if (!mounted.empty() && ::umount2(mounted.c_str(), 0) != 0) {
         ::umount2(mounted.c_str(), MNT_DETACH); // somebody looks on; it goes with him
-    }
-    if (driver) {
-        driver->wait(std::chrono::milliseconds(mounted.empty() ? 0 : 2000));
     }
 }
 

@@ -3,21 +3,28 @@
 #include "ImageView.h"
 
 #include <optional>
+#include <stdexcept>
 #include <string>
 
 namespace restore::view {
 
 /// What kind of file system is on a device, as libblkid names it. Throws std::runtime_error if it knows none.
 std::string findKind(const std::string& device);
+/// Its UUID, in the same way; empty if it has none.
+std::string uuidOf(const std::string& device);
+
+/// Nothing on this machine mounts such a file system; the text says what to install.
+class NoDriver : public std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
 
 /// Mounts the file system of a view for everybody, for reading only. Its journal is replayed on the way, in
 /// the overlay. Throws std::runtime_error, which says what is missing if this machine has no driver for that
 /// kind.
 void mountForAll(const ImageView& view, const std::string& kind, const std::string& directory);
 
-/// Mounts a device for everything that reads or writes and unmounts it again, so that its journal is replayed
-/// and its marks of a volume in use are gone. Nothing where only programs know the kind: they replay none. To
-/// be called by one who sees no more of the machine's mounts than `PrivateMount` leaves.
+/// Lets the kernel mount a device for writing, and unmounts it again: then its journal is replayed. Nobody
+/// else is to see `directory`. Throws std::runtime_error; NoDriver if the kernel doesn't know the kind.
 void replayJournal(const std::string& kind, const std::string& device, const std::string& directory);
 
 /// This process, and those that it starts from now on, have mounts of their own, which the kernel takes away
@@ -32,9 +39,6 @@ class PrivateMount {
 public:
     /// What a view shows. leaveMountsOfMachine() has been called.
     PrivateMount(const ImageView& view, const std::string& kind);
-    /// A block device or a file with a file system, for reading, and without a replay of its journal: it
-    /// isn't written at all.
-    PrivateMount(const std::string& device, const std::string& kind, const std::string& directory);
     PrivateMount(const PrivateMount&) = delete;
     PrivateMount& operator=(const PrivateMount&) = delete;
     PrivateMount(PrivateMount&&) = delete;

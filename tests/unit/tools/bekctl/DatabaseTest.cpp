@@ -47,6 +47,21 @@ TEST_F(DatabaseTest, TellsPairingVolumesAndIdentity) {
     EXPECT_EQ(found.agentUuid, uuid);
 }
 
+TEST_F(DatabaseTest, TellsTheChecksumOfAnImage) {
+    using agent::db::ChecksumType;
+    provider.setVolumeChecksum("new", 4294967295, ChecksumType::libcrc32c);
+    provider.setVolumeChecksum("old", 7, ChecksumType::gcrypt32crc);
+    provider.setVolumeChecksum("none", 0, ChecksumType::libcrc32c);
+    ASSERT_TRUE(readImageChecksum(path, "new"));
+    EXPECT_EQ(readImageChecksum(path, "new")->value, 4294967295);
+    EXPECT_EQ(readImageChecksum(path, "new")->type, ChecksumType::libcrc32c);
+    ASSERT_TRUE(readImageChecksum(path, "old"));
+    EXPECT_EQ(readImageChecksum(path, "old")->value, 7);
+    EXPECT_EQ(readImageChecksum(path, "old")->type, ChecksumType::gcrypt32crc);
+    EXPECT_FALSE(readImageChecksum(path, "none"));
+    EXPECT_FALSE(readImageChecksum(path, "unheard of"));
+}
+
 TEST_F(DatabaseTest, FileAndItsTimesStayAsTheyAre) {
     provider.setDevice(1, "", "");
     const std::string before = agent::test::readFile(path);

@@ -1,0 +1,113 @@
+#include "FileSystemCheck.h"
+
+#include "FatMarks.h"
+#include "tools/restore/view/Mounting.h"
+#include "tools/restore/view/Program.h"
+
+#include <algorithm>
+#include <array>
+#include <optional>
+#include <string_view>
+#include <vector>
+
+namespace restore::check {
+
+namespace {
+
+using Command = std::vector<std::string>;
+
+/// What a mount would do to a volume that was in use when its snapshot was taken, and no more. Where that
+/// fails, the check that follows says why.
+void calmExt(const std::string& device, const std::string& /*directory*/) {
+    view::runProgram({.command = {"e2fsck", "-p", "-E", "journal_only", device}}, std::nullopt);
+}
+
+void calmXfs(const std::string& device, const std::string& directory) {
+    view::replayJournal("xfs", device, directory);
+}
+
+void calmFat(const std::string& device, const std::string& /*directory*/) {
+    clearFatMarks(device);
+}
+
+void leaveAlone(const std::string& /*device*/, const std::string& /*directory*/) {}
+
+struct Checker {
+    std::string_view kind;
+    const char* program;
+    const char* package;
+    std::array<const char*, 3> options; ///< that keep it from writing; unused ones are null
+    void (*calm)(const std::string& device, const std::string& directory);
+};
+
+constexpr std::array checkers{
+    Checker{"ext2", "e2fsck", "e2fsprogs", {"-f", "-n"}, calmExt},
+    Checker{"ext3", "e2fsck", "e2fsprogs", {"-f", "-n"}, calmExt},
+    Checker{"ext4", "e2fsck", "e2fsprogs", {"-f", "-n"}, calmExt},
+    Checker{"xfs", "xfs_repair", "xfsprogs", {"-n"}, calmXfs},
+    Checker{"vfat", "fsck.fat", "dosfstools", {"-n"}, calmFat},
+    Checker{"ntfs", "ntfsresize", "ntfs-3g", {"--info", "--force", "--no-progress-bar"}, leaveAlone},
+    Checker{"hfsplus", "fsck.hfsplus", "hfsprogs", {"-f", "-n"}, leaveAlone},
+};
+
+Command commandOf(const Checker& checker, const std::string& device) {
+    Command command{checker.program};
+    for (const char* option : checker.options) {
+        if (option != nullptr) {
+            command.emplace_back(option);
+        }
+    }
+    command.push_back(device);
+    return command;
+}
+
+/// False, with a note, if the journal is damaged; without its replay a checker finds fault where there is
+/// none.
+bool calm(const Checker& checker, const std::string& device, const std::string& directory,
+          Findings& findings) {
+    try {
+        checker.calm(device, directory);
+        return true;
+    } catch (const view::ProgramMissing&) {
+        throw;
+    } catch (const view::NoDriver& error) {
+        findings.open.push_back(std::string("its journal wasn't replayed: ") + error.what());
+        return true;
+    } catch (const std::runtime_error& error) {
+        findings.damage.push_back(
+            {"journal", std::string("its journal can't be replayed: ") + error.what(), ""});
+        return false;
+    }
+}
+
+void runChecker(const Checker& checker, const std::string& device, Findings& findings) {
+    const view::Outcome outcome = view::runProgram({.command = commandOf(checker, device)}, std::nullopt);
+    if (outcome.status == 0) {
+        findings.proven.push_back(std::string(checker.program) + " finds nothing wrong");
+        return;
+    }
+    findings.damage.push_back({"checker",
+                               std::string(checker.program) + " finds the file system damaged (status " +
+                                   std::to_string(outcome.status) + "): " + view::lastWords(outcome.output),
+                               outcome.output});
+}
+
+} // namespace
+
+void checkFileSystem(const std::string& kind, const std::string& device, const std::string& directory,
+                     Findings& findings) {
+    const auto* const checker = std::ranges::find(checkers, kind, &Checker::kind);
+    if (checker == checkers.end()) {
+        findings.open.push_back("no checker is known for " + kind);
+        return;
+    }
+    try {
+        if (calm(*checker, device, directory, findings)) {
+            runChecker(*checker, device, findings);
+        }
+    } catch (const view::ProgramMissing&) {
+        findings.open.push_back(std::string(checker->program) + " isn't there; install " + checker->package);
+    }
+}
+
+} // namespace restore::check

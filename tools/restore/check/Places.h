@@ -1,0 +1,24 @@
+#pragma once
+
+#include "info/log/Logger.h"
+#include "tools/restore/RestorePlan.h"
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace restore::check {
+
+/// Whether a name in a volume's top is that of a file that the snapshot driver or the agent keeps there. No
+/// backup copies what is in them.
+bool isDriverFile(const std::string& name);
+
+/// Where the files of the driver and the agent lie on a volume whose top is open; ascending. Nothing where
+/// the file system doesn't tell.
+std::vector<ByteRange> placesOfDriverFiles(agent::info::Logger& logger, int root);
+
+/// The path of the file that a byte of the volume belongs to, by looking at all of them; empty if none is
+/// found, as for what the file system keeps for itself.
+std::string ownerOf(agent::info::Logger& logger, int root, std::uint64_t byte);
+
+} // namespace restore::check

@@ -1,0 +1,190 @@
+#include "TreeComparison.h"
+
+#include "Places.h"
+#include "common/PosixError.h"
+#include "os/FileDescriptor.h"
+#include "os/Transfer.h"
+#include "tools/restore/view/Entry.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstddef>
+#include <fcntl.h>
+#include <map>
+#include <span>
+#include <stdexcept>
+#include <sys/xattr.h>
+
+namespace restore::check {
+
+namespace {
+
+using view::Entry;
+
+constexpr std::size_t mostShown = 20;
+constexpr std::size_t readAtOnce = 1UL << 20U;
+constexpr std::size_t mostAttributeBytes = 65536; // the kernel's own limit for names and for values
+
+std::string linkTo(int directory, const std::string& name) {
+    return "/proc/self/fd/" + std::to_string(directory) + "/" + name;
+}
+
+std::map<std::string, std::string> attributesOf(int directory, const std::string& name) {
+    const std::string path = linkTo(directory, name);
+    std::string names(mostAttributeBytes, '\0');
+    const ::ssize_t length = ::llistxattr(path.c_str(), names.data(), names.size());
+    if (length < 0 && errno != ENOTSUP && errno != ENOSYS) {
+        throw agent::PosixError("its attributes can't be read", errno);
+    }
+    names.resize(static_cast<std::size_t>(std::max<::ssize_t>(length, 0)));
+    std::map<std::string, std::string> found;
+    std::string value(mostAttributeBytes, '\0');
+    for (std::size_t begin = 0; begin < names.size();) {
+        const std::string each = names.c_str() + begin;
+        const ::ssize_t bytes = ::lgetxattr(path.c_str(), each.c_str(), value.data(), value.size());
+        if (bytes < 0) {
+            throw agent::PosixError("its attribute " + each + " can't be read", errno);
+        }
+        found[each] = value.substr(0, static_cast<std::size_t>(bytes));
+        begin += each.size() + 1;
+    }
+    return found;
+}
+
+os::FileDescriptor openFile(int directory, const std::string& name, int flags) {
+    os::FileDescriptor file(::openat(directory, name.c_str(), flags | O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+    if (!file) {
+        throw agent::PosixError("it can't be opened", errno);
+    }
+    return file;
+}
+
+/// One walk over both trees.
+class TreeWalk {
+public:
+    void compareDirectories(int one, int other, const std::string& path) {
+        const auto mine = visible(one, path);
+        const auto theirs = visible(other, path);
+        auto next = theirs.begin();
+        for (const Entry& entry : mine) {
+            for (; next != theirs.end() && next->name < entry.name; ++next) {
+                note(path + next->name, "missing in the image");
+            }
+            if (next == theirs.end() || next->name != entry.name) {
+                note(path + entry.name, "only in the image");
+                continue;
+            }
+            compareEntries(one, other, path + entry.name, entry, *next++);
+        }
+        for (; next != theirs.end(); ++next) {
+            note(path + next->name, "missing in the image");
+        }
+    }
+
+    TreeDifferences found;
+
+private:
+    static std::vector<Entry> visible(int directory, const std::string& path) {
+        std::vector<Entry> entries = view::entriesOf(directory);
+        if (path.empty()) {
+            std::erase_if(entries, [](const Entry& entry) { return isDriverFile(entry.name); });
+        }
+        return entries;
+    }
+
+    void compareEntries(int one, int other, const std::string& path, const Entry& mine, const Entry& theirs) {
+        ++found.files;
+        try {
+            if (const std::string what = differenceOf(one, other, mine, theirs); !what.empty()) {
+                note(path, what);
+            }
+            if (S_ISDIR(mine.status.st_mode) && S_ISDIR(theirs.status.st_mode)) {
+                const os::FileDescriptor below = openFile(one, mine.name, O_DIRECTORY);
+                const os::FileDescriptor theirBelow = openFile(other, mine.name, O_DIRECTORY);
+                compareDirectories(below.get(), theirBelow.get(), path + "/");
+            }
+        } catch (const std::runtime_error& error) {
+            note(path, error.what());
+        }
+    }
+
+    std::string differenceOf(int one, int other, const Entry& mine, const Entry& theirs) {
+        const struct ::stat& a = mine.status;
+        const struct ::stat& b = theirs.status;
+        if ((a.st_mode & S_IFMT) != (b.st_mode & S_IFMT)) {
+            return "its kind differs";
+        }
+        if (a.st_mode != b.st_mode) {
+            return "its mode differs";
+        }
+        if (a.st_uid != b.st_uid || a.st_gid != b.st_gid) {
+            return "its owner differs";
+        }
+        if (a.st_mtim.tv_sec != b.st_mtim.tv_sec || a.st_mtim.tv_nsec != b.st_mtim.tv_nsec) {
+            return "its time differs";
+        }
+        if (mine.target != theirs.target) {
+            return "it leads elsewhere";
+        }
+        if (a.st_rdev != b.st_rdev) {
+            return "its device differs";
+        }
+        if (attributesOf(one, mine.name) != attributesOf(other, mine.name)) {
+            return "its extended attributes differ";
+        }
+        return S_ISREG(a.st_mode) ? differenceOfContent(one, other, mine, theirs) : "";
+    }
+
+    std::string differenceOfContent(int one, int other, const Entry& mine, const Entry& theirs) {
+        if (mine.status.st_size != theirs.status.st_size) {
+            return "its size differs";
+        }
+        const os::FileDescriptor file = openFile(one, mine.name, O_NONBLOCK);
+        const os::FileDescriptor theirFile = openFile(other, mine.name, O_NONBLOCK);
+        std::uint64_t at = 0;
+        while (true) {
+            const std::size_t count = read(file, buffer);
+            if (read(theirFile, theirBuffer) != count) {
+                return "its content ends elsewhere";
+            }
+            const auto first = std::mismatch(
+                buffer.begin(), buffer.begin() + static_cast<std::ptrdiff_t>(count), theirBuffer.begin());
+            const auto equal = static_cast<std::uint64_t>(first.first - buffer.begin());
+            if (equal < count) {
+                return "its content differs at byte " + std::to_string(at + equal);
+            }
+            if (count == 0) {
+                return "";
+            }
+            at += count;
+        }
+    }
+
+    static std::size_t read(const os::FileDescriptor& file, std::vector<std::byte>& into) {
+        const os::Transfer got = os::readUpTo(file.get(), into);
+        if (got.error != 0) {
+            throw agent::PosixError("it can't be read", got.error);
+        }
+        return got.bytes;
+    }
+
+    void note(const std::string& path, const std::string& what) {
+        ++found.differences;
+        if (found.first.size() < mostShown) {
+            found.first.push_back("/" + view::escaped(path) + ": " + what);
+        }
+    }
+
+    std::vector<std::byte> buffer = std::vector<std::byte>(readAtOnce);
+    std::vector<std::byte> theirBuffer = std::vector<std::byte>(readAtOnce);
+};
+
+} // namespace
+
+TreeDifferences compareTrees(int image, int snapshot) {
+    TreeWalk walk;
+    walk.compareDirectories(image, snapshot, "");
+    return walk.found;
+}
+
+} // namespace restore::check

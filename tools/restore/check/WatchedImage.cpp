@@ -1,0 +1,18 @@
+#include "WatchedImage.h"
+
+#include <exception>
+
+namespace restore::check {
+
+void WatchedImage::read(std::span<std::byte> into, std::uint64_t offset) {
+    try {
+        image.read(into, offset);
+    } catch (const std::exception& error) {
+        if (firstFailure.empty()) {
+            firstFailure = error.what();
+        }
+        throw;
+    }
+}
+
+} // namespace restore::check
