@@ -15,7 +15,7 @@ from lab.filesystems import kind_of
 from lab.services import wait_until
 from lab.targets import Target
 from lab.volume_images import mounted
-from restore_view_site import (DIFFERS, FAILED, MOUNTABLE, WRONG, fails, make_image, make_loop_nodes,
+from restore_view_site import (DIFFERS, FAILED, MOUNTABLE, SECONDS, WRONG, fails, make_image, make_loop_nodes,
                                require_nothing_left, restore, told)
 
 HEAD = 10 << 20
@@ -266,12 +266,17 @@ def test_an_image_cut_short(file_system, directory):
     assert "checker" in found or found.get("short") == "it ends before its volume does", found
 
 
-def test_over_iscsi(ext4):
+def test_over_iscsi_with_a_secret_that_can_be_read_once(ext4, directory):
     with Target() as target:
         served = target.add_image("data", ext4.stat().st_size, poisoned=False)
         served.path.write_bytes(ext4.read_bytes())
-        address = f"iscsi://{target.portal}/{target.name}/{served.lun}"
-        assert told("check", "--against", ext4, "--files", address)["trusted"]
+        target.require_chap("ada", "not for every eye")
+        address = f"iscsi://ada@{target.portal}/{target.name}/{served.lun}"
+        pipe = directory / "secret"
+        os.mkfifo(pipe)
+        writer = subprocess.Popen(["sh", "-c", f"echo 'not for every eye' > {pipe}"])
+        found = told("check", "--against", ext4, "--files", "--password-file", pipe, address)
+        assert found["trusted"] and writer.wait(SECONDS) == 0
         assert digest(served.path) == digest(ext4)
 
 

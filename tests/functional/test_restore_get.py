@@ -100,6 +100,29 @@ def test_each_kind(file_system, directory):
     assert {entry["path"] for entry in listed} == set(trees[0])
 
 
+def test_what_an_image_has_for_the_drivers_files_stays_there(directory):
+    def protected(root):
+        make_all_kinds(root)
+        (root / ".tolvu").write_bytes(bytes(1 << 20))
+        (root / ".tolvu.inc").write_bytes(bytes(1 << 20))
+        root.chmod(0o751)
+        os.chown(root, 12, 34)
+        run("setfattr", "-n", "user.top", "-v", "kept", root)
+        os.utime(root, ns=(MOMENT, MOMENT))
+
+    image = make_image(directory, "ext4", protected)
+    back = directory / "back"
+    back.mkdir()
+    (back / ".tolvu").write_text("of the volume in use")
+    restore("get", "--overwrite", image, "/", back)
+    assert (back / ".tolvu").read_text() == "of the volume in use"
+    assert not (back / ".tolvu.inc").exists() and (back / "owned").stat().st_uid == 1234
+    status = back.stat()
+    assert (stat.S_IMODE(status.st_mode), status.st_uid, status.st_gid, status.st_mtime_ns) == (
+        0o751, 12, 34, MOMENT)
+    assert attributes_of(back) == {"user.top": b"kept"}
+
+
 def test_single_files_of_any_name(whole, directory):
     for number, name in enumerate(ODD_NAMES):
         restore("get", whole[0], f"odd/{name}", directory / f"{number}")

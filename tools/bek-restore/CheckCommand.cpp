@@ -16,6 +16,7 @@
 #include "tools/restore/view/Mounting.h"
 
 #include <chrono>
+#include <cstdlib>
 #include <filesystem>
 #include <memory>
 #include <optional>
@@ -293,12 +294,22 @@ void printDocument(const std::string& image, const ImageCheck& check, double sec
     print(document);
 }
 
-int checkImage(const CheckOptions& options) {
+/// The image is opened twice, and the secret asked for once.
+void keepSecret(ImageOptions& image) {
+    if (addressOf(image).wantsSecret()) {
+        const std::string secret = findSecret(image.secret, "Secret of " + image.image);
+        ::setenv(secretVariable, secret.c_str(), 1); // NOLINT(concurrency-mt-unsafe): before any thread
+        image.secret.file.reset();
+    }
+}
+
+int checkImage(CheckOptions options) {
     if (options.comparesFiles && !options.snapshot) {
         throw std::invalid_argument("--files compares with the snapshot that --against names");
     }
     const auto begin = std::chrono::steady_clock::now();
     view::clearRemains();
+    keepSecret(options.image);
     ImageCheck check(options);
     check.run();
     if (options.image.isJson) {

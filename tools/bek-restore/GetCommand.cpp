@@ -1,5 +1,6 @@
 #include "Commands.h"
 #include "Common.h"
+#include "tools/restore/view/Attributes.h"
 #include "tools/restore/view/Entry.h"
 #include "tools/restore/view/PrivateView.h"
 
@@ -10,12 +11,15 @@
 #include <memory>
 #include <sstream>
 #include <stdexcept>
+#include <utility>
+#include <vector>
 
 namespace restore {
 
 namespace {
 
 namespace fs = std::filesystem;
+using view::Entry;
 
 struct GetOptions {
     ImageOptions image;
@@ -28,20 +32,46 @@ struct GetOptions {
 /// to it can lead to a file of this machine.
 struct Source {
     os::FileDescriptor directory;
-    std::string name; ///< "." for the directory itself
+    std::vector<std::string> names; ///< one, "." for the directory itself; or some of the volume's top
+    bool isPartOfTop = false;
 
     [[nodiscard]] std::string prefix() const {
         return "/proc/self/fd/" + std::to_string(directory.get()) + "/";
     }
 };
 
+bool areSame(const Entry& one, const Entry& other) {
+    return one.status.st_dev == other.status.st_dev && one.status.st_ino == other.status.st_ino;
+}
+
+/// All that is in the top but the files of the snapshot driver: what an image has in their place is of no use
+/// to anybody, and where it is brought to a volume in use, that has its own.
+Source topOf(os::FileDescriptor top) {
+    Source source{std::move(top), {}};
+    for (Entry& entry : view::entriesOf(source.directory.get())) {
+        if (view::isDriverFile(entry.name)) {
+            source.isPartOfTop = true;
+        } else {
+            source.names.push_back(std::move(entry.name));
+        }
+    }
+    if (!source.isPartOfTop) {
+        source.names = {"."};
+    }
+    return source;
+}
+
 Source findSource(const view::PrivateView& image, const std::string& path) {
     os::FileDescriptor found = image.open(path, O_PATH);
-    if (S_ISDIR(view::entryOf(found.get(), "").status.st_mode)) {
-        return {std::move(found), "."};
+    const Entry entry = view::entryOf(found.get(), "");
+    if (areSame(entry, view::entryOf(image.root(), ""))) {
+        return topOf(std::move(found));
+    }
+    if (S_ISDIR(entry.status.st_mode)) {
+        return {std::move(found), {"."}};
     }
     const std::size_t cut = path.rfind('/') + 1; // 0 if there is none
-    return {image.open(path.substr(0, cut), O_PATH | O_DIRECTORY), path.substr(cut)};
+    return {image.open(path.substr(0, cut), O_PATH | O_DIRECTORY), {path.substr(cut)}};
 }
 
 void requireFree(const GetOptions& options) {
@@ -54,20 +84,27 @@ void requireFree(const GetOptions& options) {
 /// All that a file has; what can't be kept is a failure, as with cp alone it needn't be.
 view::Start copyOf(const Source& source, const GetOptions& options) {
     view::Start start;
-    start.command = {"cp", "-dR", "--preserve=mode,ownership,timestamps,links,xattr", "--sparse=always",
-                     "--no-target-directory"};
+    start.command = {"cp", "-dR", "--preserve=mode,ownership,timestamps,links,xattr", "--sparse=always"};
+    start.command.emplace_back(source.isPartOfTop ? "--target-directory=" + options.destination
+                                                  : "--no-target-directory");
     if (options.mayOverwrite) {
         start.command.emplace_back("--remove-destination");
     }
-    start.command.insert(start.command.end(), {"--", source.prefix() + source.name, options.destination});
+    start.command.emplace_back("--");
+    for (const std::string& name : source.names) {
+        start.command.push_back(source.prefix() + name);
+    }
+    if (!source.isPartOfTop) {
+        start.command.push_back(options.destination);
+    }
     start.kept = source.directory.get();
-    start.endsWithUs = true;
     return start;
 }
 
 /// The words of cp, with the paths as they are in the image.
 void complain(const std::string& output, const Source& source, const std::string& path) {
-    const std::string top = source.name == "." ? path : path.substr(0, path.rfind('/') + 1);
+    const bool isWhole = source.isPartOfTop || source.names.front() == ".";
+    const std::string top = isWhole ? path : path.substr(0, path.rfind('/') + 1);
     std::istringstream lines(output);
     constexpr std::string_view itself = "cp: ";
     for (std::string line; std::getline(lines, line);) {
@@ -79,17 +116,28 @@ void complain(const std::string& output, const Source& source, const std::string
     }
 }
 
+void copy(const Source& source, const GetOptions& options) {
+    if (source.isPartOfTop) {
+        fs::create_directory(options.destination);
+    }
+    if (!source.names.empty()) {
+        const view::Outcome outcome = view::runProgram(copyOf(source, options), std::nullopt);
+        if (outcome.status != 0) {
+            complain(outcome.output, source, options.path);
+            throw std::runtime_error("not all of " + options.path + " could be brought to " +
+                                     options.destination);
+        }
+    }
+    if (source.isPartOfTop) {
+        view::giveAttributes(source.directory.get(), options.destination);
+    }
+}
+
 int get(const GetOptions& options) {
     requireFree(options);
     view::clearRemains();
     const view::PrivateView image(addressOf(options.image), options.image.secret);
-    const Source source = findSource(image, options.path);
-    const view::Outcome outcome = view::runProgram(copyOf(source, options), std::nullopt);
-    if (outcome.status != 0) {
-        complain(outcome.output, source, options.path);
-        throw std::runtime_error("not all of " + options.path + " could be brought to " +
-                                 options.destination);
-    }
+    copy(findSource(image, options.path), options);
     if (options.image.isJson) {
         print(tools::Json{
             {"image", options.image.image}, {"path", options.path}, {"destination", options.destination}});

@@ -1,7 +1,6 @@
 #include "Places.h"
 
 #include "core/block/FileExtents.h"
-#include "info/VolumeFiles.h"
 #include "os/FileDescriptor.h"
 #include "tools/restore/view/Entry.h"
 
@@ -52,14 +51,10 @@ std::string ownerBelow(agent::info::Logger& logger, int directory, std::uint64_t
 
 } // namespace
 
-bool isDriverFile(const std::string& name) {
-    return name.starts_with(agent::info::volume_files::firstCow);
-}
-
 std::vector<ByteRange> placesOfDriverFiles(agent::info::Logger& logger, int root) {
     std::vector<ByteRange> all;
     for (const view::Entry& entry : view::entriesOf(root)) {
-        if (isDriverFile(entry.name) && S_ISREG(entry.status.st_mode)) {
+        if (view::isDriverFile(entry.name) && S_ISREG(entry.status.st_mode)) {
             const std::vector<ByteRange> places = placesOf(logger, root, entry.name);
             all.insert(all.end(), places.begin(), places.end());
         }

@@ -9,10 +9,6 @@
 
 namespace restore::check {
 
-/// Whether a name in a volume's top is that of a file that the snapshot driver or the agent keeps there. No
-/// backup copies what is in them.
-bool isDriverFile(const std::string& name);
-
 /// Where the files of the driver and the agent lie on a volume whose top is open; ascending. Nothing where
 /// the file system doesn't tell.
 std::vector<ByteRange> placesOfDriverFiles(agent::info::Logger& logger, int root);

@@ -1,19 +1,17 @@
 #include "TreeComparison.h"
 
-#include "Places.h"
 #include "common/PosixError.h"
 #include "os/FileDescriptor.h"
 #include "os/Transfer.h"
+#include "tools/restore/view/Attributes.h"
 #include "tools/restore/view/Entry.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <cstddef>
 #include <fcntl.h>
-#include <map>
 #include <span>
 #include <stdexcept>
-#include <sys/xattr.h>
 
 namespace restore::check {
 
@@ -23,33 +21,6 @@ using view::Entry;
 
 constexpr std::size_t mostShown = 20;
 constexpr std::size_t readAtOnce = 1UL << 20U;
-constexpr std::size_t mostAttributeBytes = 65536; // the kernel's own limit for names and for values
-
-std::string linkTo(int directory, const std::string& name) {
-    return "/proc/self/fd/" + std::to_string(directory) + "/" + name;
-}
-
-std::map<std::string, std::string> attributesOf(int directory, const std::string& name) {
-    const std::string path = linkTo(directory, name);
-    std::string names(mostAttributeBytes, '\0');
-    const ::ssize_t length = ::llistxattr(path.c_str(), names.data(), names.size());
-    if (length < 0 && errno != ENOTSUP && errno != ENOSYS) {
-        throw agent::PosixError("its attributes can't be read", errno);
-    }
-    names.resize(static_cast<std::size_t>(std::max<::ssize_t>(length, 0)));
-    std::map<std::string, std::string> found;
-    std::string value(mostAttributeBytes, '\0');
-    for (std::size_t begin = 0; begin < names.size();) {
-        const std::string each = names.c_str() + begin;
-        const ::ssize_t bytes = ::lgetxattr(path.c_str(), each.c_str(), value.data(), value.size());
-        if (bytes < 0) {
-            throw agent::PosixError("its attribute " + each + " can't be read", errno);
-        }
-        found[each] = value.substr(0, static_cast<std::size_t>(bytes));
-        begin += each.size() + 1;
-    }
-    return found;
-}
 
 os::FileDescriptor openFile(int directory, const std::string& name, int flags) {
     os::FileDescriptor file(::openat(directory, name.c_str(), flags | O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
@@ -87,7 +58,7 @@ private:
     static std::vector<Entry> visible(int directory, const std::string& path) {
         std::vector<Entry> entries = view::entriesOf(directory);
         if (path.empty()) {
-            std::erase_if(entries, [](const Entry& entry) { return isDriverFile(entry.name); });
+            std::erase_if(entries, [](const Entry& entry) { return view::isDriverFile(entry.name); });
         }
         return entries;
     }
@@ -129,7 +100,7 @@ private:
         if (a.st_rdev != b.st_rdev) {
             return "its device differs";
         }
-        if (attributesOf(one, mine.name) != attributesOf(other, mine.name)) {
+        if (view::attributesOf(one, mine.name) != view::attributesOf(other, mine.name)) {
             return "its extended attributes differ";
         }
         return S_ISREG(a.st_mode) ? differenceOfContent(one, other, mine, theirs) : "";

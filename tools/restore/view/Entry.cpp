@@ -1,6 +1,7 @@
 #include "Entry.h"
 
 #include "common/PosixError.h"
+#include "info/VolumeFiles.h"
 #include "os/FileDescriptor.h"
 
 #include <algorithm>
@@ -93,6 +94,10 @@ Entry entryOf(int directory, const std::string& name) {
         entry.target = targetOf(directory, name);
     }
     return entry;
+}
+
+bool isDriverFile(const std::string& name) {
+    return name.starts_with(agent::info::volume_files::firstCow);
 }
 
 std::string modeText(mode_t mode) {

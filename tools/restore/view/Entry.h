@@ -19,6 +19,10 @@ std::vector<Entry> entriesOf(int directory);
 /// One of them. Throws std::runtime_error if there is none.
 Entry entryOf(int directory, const std::string& name);
 
+/// Whether a name in a volume's top is that of a file that the snapshot driver or the agent keeps there. No
+/// backup copies what is in them: in an image it is anything.
+bool isDriverFile(const std::string& name);
+
 /// "drwxr-xr-x".
 std::string modeText(mode_t mode);
 /// "file", "directory", "link", "fifo", "socket", "block device", "character device".

@@ -204,6 +204,7 @@ Outcome runProgram(Start start, std::optional<milliseconds> limit) {
     const os::FileDescriptor reading(ends[0]);
     os::FileDescriptor writing(ends[1]);
     start.output = writing.get();
+    start.endsWithUs = true;
     Program program(start);
     writing.reset();
     const std::optional<Clock::time_point> deadline =

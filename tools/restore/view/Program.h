@@ -65,7 +65,7 @@ struct Outcome {
 };
 
 /// Runs a program to its end, and kills it if it takes longer than `limit`, which is std::runtime_error then.
-/// `start.output` is ours to set.
+/// It ends with us, but for what it leaves in the background itself. `start.output` is ours to set.
 Outcome runProgram(Start start, std::optional<std::chrono::milliseconds> limit);
 
 /// The last line of what a program has printed that says something, without control characters.
