@@ -13,23 +13,23 @@ BUILD_SECONDS = 1800
 SECONDS = 900
 
 
-def packages():
-    """Those that bekd needs, of what the checkout holds now: they are built where they are older."""
-    if not are_new(found()):
+def packages(names=NAMES):
+    """Those of what the checkout holds now: they are built where they are older."""
+    if not are_new(found(names), names):
         subprocess.run([ROOT / "scripts" / "package"], check=True, stdin=subprocess.DEVNULL,
                        timeout=BUILD_SECONDS)
-    return found()
+    return found(names)
 
 
-def found():
-    return [path for name in NAMES for path in BUILT.glob(f"{name}_*.deb")]
+def found(names=NAMES):
+    return [path for name in names for path in BUILT.glob(f"{name}_*.deb")]
 
 
-def are_new(paths):
+def are_new(paths, names):
     listed = subprocess.run(["git", "ls-files", "-z", *MADE_OF], cwd=ROOT, capture_output=True, text=True,
                             check=True).stdout.rstrip("\0").split("\0")
     sources = [ROOT / name for name in listed if (ROOT / name).exists()]
-    return len(paths) == len(NAMES) and \
+    return len(paths) == len(names) and \
         min(path.stat().st_mtime for path in paths) > max(path.stat().st_mtime for path in sources)
 
 

@@ -3,16 +3,18 @@ import re
 import subprocess
 
 SYSTEM = "systemd-sysv udev dbus kmod iproute2 procps util-linux mount openssh-server".split()
-VOLUMES = """lvm2 dmsetup thin-provisioning-tools cryptsetup-bin udisks2 e2fsprogs xfsprogs dosfstools ntfs-3g
-             fdisk parted attr fio""".split()
+VOLUMES = """lvm2 dmsetup thin-provisioning-tools cryptsetup-bin udisks2 e2fsprogs xfsprogs dosfstools fusefat
+             ntfs-3g fdisk parted attr acl fio""".split()
 # What the agent's own tests, and the lab, run there.
 TESTS = """python3 python3-pytest python3-rich tgt nbdkit libnbd-bin gnutls-bin openssl ca-certificates curl
            sqlite3 zstd strace nftables""".split()
 # Their libraries are those that the agent is linked to; the others come along with the tools.
 LIBRARIES_OF = """libdbus-1-dev libmicrohttpd-dev libcurl4-gnutls-dev libiscsi-dev libudisks2-dev libnbd-dev
                   libsqlite3-dev libdevmapper-dev libmount-dev libzstd-dev libssl-dev""".split()
-# What a machine with Debian's own kernel needs besides. Its kernel is loaded by the host.
-STOCK_KERNEL = "linux-image-amd64 initramfs-tools zstd busybox-static".split()
+# What a machine with Debian's own kernel needs besides. Its kernel is loaded by the host, unless it has got a
+# boot loader onto a disk of its own.
+STOCK_KERNEL = """linux-image-amd64 initramfs-tools zstd busybox-static grub2-common grub-pc-bin
+                  grub-efi-amd64-bin efibootmgr""".split()
 
 
 def libraries():

@@ -43,23 +43,29 @@ class QemuMachine(Machine):
         return ["/usr/bin/qemu-system-x86_64", "-accel", self.accelerator, "-cpu", cpu, "-smp", 2,
                 "-m", self.memory, "-nodefaults", "-no-user-config", "-no-reboot", "-display", "none",
                 "-serial", "stdio", "-device", "virtio-rng-pci",
-                "-kernel", self.image.kernel, "-initrd", self.image.initrd, "-append", self._kernel_line(),
                 "-netdev", f"user,id=net,restrict=on,hostfwd=tcp:{self.address}:{self.port}-:22",
                 "-device", "virtio-net-pci,netdev=net,romfile=",
                 "-virtfs", f"local,path={ROOT},mount_tag=checkout,security_model=none,readonly=on",
-                *self._drive("root.qcow2", "qcow2", "root"),
+                *self.boot(),
                 *(word for number, disk in enumerate(self.disks)
-                  for word in self._drive(disk.path.name, "raw", f"disk{number}"))]
+                  for word in self.drive(disk.path.name, "raw", f"disk{number}"))]
 
-    def _kernel_line(self):
-        return ("root=/dev/vda rw console=ttyS0 quiet net.ifnames=0 mitigations=off lab.link=eth0 "
-                f"lab.address=10.0.2.15/24 lab.checkout={ROOT} lab.share=9p {self.append}")
+    def boot(self):
+        """What it starts from."""
+        return ["-kernel", self.image.kernel, "-initrd", self.image.initrd,
+                "-append", f"root=/dev/vda rw quiet {kernel_line()} {self.append}",
+                *self.drive("root.qcow2", "qcow2", "root")]
 
-    @staticmethod
-    def _drive(file, form, name):
+    def drive(self, file, form, name, device="virtio-blk-pci"):
         """The host's page cache outlives a cut, so nothing has to be written through it."""
         return ["-drive", f"file={file},if=none,id={name},format={form},cache=unsafe,discard=unmap",
-                "-device", f"virtio-blk-pci,drive={name},serial={name}"]
+                "-device", f"{device},drive={name},serial={name}"]
+
+
+def kernel_line():
+    """What every kernel of such a machine has to be told, whoever starts it."""
+    return ("console=ttyS0 net.ifnames=0 mitigations=off lab.link=eth0 lab.address=10.0.2.15/24 "
+            f"lab.checkout={ROOT} lab.share=9p")
 
 
 class ProbingMachine(QemuMachine):

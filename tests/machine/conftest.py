@@ -38,18 +38,18 @@ def pytest_runtest_makereport(item):
 
 @pytest.fixture(scope="module")
 def new_machine(request):
-    """new_machine(CLASS, DISKS, OPTIONS) is a machine with disks of so many bytes, which is on. It is gone
-    after the module's last test."""
+    """new_machine(CLASS, DISKS, OPTIONS) is a machine with disks of so many bytes, which is on unless it is
+    to be left off. It is gone after the module's last test."""
     known = request.config.stash[MACHINES]
 
-    def make(kind=UmlMachine, disks=DISKS, **options):
+    def make(kind=UmlMachine, disks=DISKS, is_on=True, **options):
         machine = kind(**options)
         machine.__enter__()
         request.addfinalizer(lambda: (known.remove(machine), machine.__exit__(None, None, None)))
         known.append(machine)
         for size in disks:
             machine.disk(size)
-        return machine.start()
+        return machine.start() if is_on else machine
 
     return make
 
