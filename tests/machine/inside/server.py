@@ -1,0 +1,413 @@
+"""A server that starts from its own disk, and the appliance with its images: run inside, by server_site.py.
+
+In the rescue system:
+    server.py make DISK KEPT SOURCE LINE PACKAGE...
+                                   a server on one disk, its packages too, and room for what the appliance
+                                   keeps on the other. SOURCE is a device with the system to make it of; "" is
+                                   the running one. LINE is what the kernel is told; with "" there is no boot
+                                   loader
+    server.py serve                the appliance's target, until it is killed
+    server.py compare              what has been restored against the manifests
+
+In the server:
+    server.py pair                 the agent is started, and takes the appliance
+    server.py change SEED          writes files to all volumes, removes and changes others
+    server.py backup KIND          a backup of all volumes: full, merge or incremental; prints what came of it
+    server.py prove KIND           the same, and each image is compared with what the snapshot showed; then a
+                                   manifest of that is made
+"""
+import contextlib
+import dataclasses
+import hashlib
+import json
+import os
+import pathlib
+import random
+import stat
+import sys
+import time
+
+ROOT = pathlib.Path(__file__).resolve().parents[3]
+sys.path.insert(0, str(ROOT))
+
+import installed  # noqa: E402
+from installed import KEPT, SECONDS, Agent, KeptProtection, KeptTarget  # noqa: E402
+from lab.commands import run  # noqa: E402
+from lab.driver import OWN_FILES  # noqa: E402
+from lab.images import compare_used, fsck, looked_into, mounted  # noqa: E402
+from lab.volumes import Partition, Volume  # noqa: E402
+
+BUILDING = pathlib.Path("/mnt")
+MANIFESTS = KEPT / "manifests"
+USER, PASSWORD = "server", "of the images 1"
+GROUP = "server"
+TABLE = """label: gpt
+size=1M, type=21686148-6449-6E6F-744E-656564454649
+size={esp}M, type=U
+size={boot}M
+type=V
+"""
+# The kernel's own driver can't be frozen, so that of the ESP is a process: see lab/fat.py.
+ESP_UNIT = """[Unit]
+RequiresMountsFor=/boot
+Before=bekd.service
+[Service]
+ExecStart=/bin/sh -c 'device=$(readlink -f /dev/disk/by-label/esp) && exec fusefat -f -o \\
+    blkdev,big_writes,atomic_o_trunc,rw+,fsname=$device $device /boot/efi'
+[Install]
+WantedBy=multi-user.target
+"""
+# Answers whoever asks for a file of the data volume.
+PAGE_UNIT = """[Unit]
+RequiresMountsFor=/data
+[Service]
+ExecStart=/usr/bin/python3 -m http.server --directory /data/www 80
+[Install]
+WantedBy=multi-user.target
+"""
+
+
+@dataclasses.dataclass(frozen=True)
+class Place:
+    """A volume, where it lies, and how it is mounted."""
+
+    volume: Volume
+    device: str # behind the name of the disk, or of the group
+    is_logical: bool = False
+
+
+def place(name, file_system, mebibytes, device, mount_point, *making, options="defaults"):
+    volume = Volume(name, file_system, mebibytes, mount_point, fstab=options, making=making)
+    return Place(volume, device, device.startswith("/"))
+
+
+# In the order of their numbers on the target. With room for two CoW files of the least size each.
+PLACES = {one.volume.name: one for one in (
+    place("root", "ext4", 2200, "/root", "/", "-b", "4096", options="errors=remount-ro"),
+    place("boot", "ext4", 460, "3", "/boot", "-b", "4096"),
+    place("data", "xfs", 640, "/data", "/data"),
+    place("esp", "vfat", 300, "2", "/boot/efi", options="umask=0077,noauto"),
+)}
+# A snapshot of it takes a process to be looked at, which not every kernel shows; its image is a copy there.
+ESP = "esp"
+PROTECTED = [name for name in PLACES if name != ESP or pathlib.Path("/proc/self/syscall").exists()]
+POISONED = (ESP, "data") # what an image was never told of must not look like zeros
+SWAP_MEBIBYTES = 64
+# Of the running system, to be quick: a third of it, that nothing of this needs.
+LEFT_OUT = " ".join(f"--exclude=./usr/{path}" for path in (
+    "lib/modules/*/kernel/net", "lib/modules/*/kernel/drivers/[n-z]*", "lib/modules/*/kernel/fs/[g-w]*",
+    "lib/x86_64-linux-gnu/perl", "lib/x86_64-linux-gnu/ceph", "share/perl", "lib/udev/hwdb*", "bin/fio"))
+
+
+def device_of(one, disk="/dev/sda"):
+    return f"/dev/{GROUP}{one.device}" if one.is_logical else f"{disk}{one.device}"
+
+
+# Making a server
+
+
+def make(disk, kept, source, line, *packages):
+    make_volumes(disk)
+    prepare_kept(kept)
+    with contextlib.ExitStack() as stack:
+        tree = stack.enter_context(Partition(Volume("source", "ext4"), source).mounted("/run/source", "ro")) \
+            if source else "/"
+        for name in ("root", "boot", ESP, "data"):
+            stack.enter_context(PARTITIONS[name].mounted(BUILDING / PLACES[name].volume.mount_point[1:]))
+        run("sh", "-c", f"tar -C {tree} {LEFT_OUT if tree == '/' else ''} --one-file-system -c . | "
+                        f"tar -C {BUILDING} -x")
+        for path in ("/dev", "/proc", "/sys", "/run", str(ROOT)):
+            (BUILDING / path[1:]).mkdir(parents=True, exist_ok=True)
+            run("mount", "--bind", path, BUILDING / path[1:])
+            stack.callback(run, "umount", BUILDING / path[1:])
+        configure(kept)
+        if line:
+            make_initramfs_small()
+        inside("dpkg", "--install", *packages)
+        add_services()
+        add_oddities()
+        if line:
+            make_boot_loader(disk, line)
+        else:
+            inside("systemctl", "enable", "console-getty")
+    run("vgchange", "--quiet", "--activate", "n", GROUP)
+    if ESP not in PROTECTED:
+        copy_esp()
+
+
+def copy_esp():
+    (KEPT / "images").mkdir()
+    run("cp", "--sparse=always", PARTITIONS[ESP].device, KEPT / "images" / ESP)
+    with mounted(KEPT / "images" / ESP, "vfat") as tree:
+        write_manifest(ESP, tree)
+
+
+PARTITIONS = {}
+
+
+def make_volumes(disk):
+    sizes = {name: one.volume.mebibytes for name, one in PLACES.items()}
+    run("sfdisk", "--quiet", disk, input=TABLE.format(**sizes))
+    run("udevadm", "settle")
+    run("vgcreate", "--quiet", GROUP, f"{disk}4")
+    for name in ("root", "data"):
+        run("lvcreate", "--quiet", "--yes", "--name", name, "--size", f"{sizes[name]}M", GROUP)
+    run("lvcreate", "--quiet", "--yes", "--name", "swap", "--size", f"{SWAP_MEBIBYTES}M", GROUP)
+    run("mkswap", f"/dev/{GROUP}/swap")
+    for name, one in PLACES.items():
+        PARTITIONS[name] = Partition(one.volume, device_of(one, disk))
+        PARTITIONS[name].format()
+    run("udevadm", "settle")
+
+
+def prepare_kept(kept):
+    run("mkfs.ext4", "-q", kept)
+    KEPT.mkdir(exist_ok=True)
+    run("mount", kept, KEPT)
+    MANIFESTS.mkdir()
+
+
+def configure(kept):
+    """Mount points and the like; whatever of the rescue system's mustn't be the server's."""
+    lines = []
+    for name, one in PLACES.items():
+        uuid, options = PARTITIONS[name].uuid, one.volume.fstab
+        where = f"{one.volume.mount_point} {one.volume.file_system}"
+        lines.append(f"UUID={uuid} {where} {options} 0 {1 if name == 'root' else 0}")
+    swap = run("blkid", "--match-tag", "UUID", "--output", "value", f"/dev/{GROUP}/swap")
+    lines += [f"UUID={swap} none swap sw 0 0", f"{kept} {KEPT} ext4 defaults 0 2"]
+    for path, text in {"etc/fstab": "".join(f"{line}\n" for line in lines), "etc/hostname": "db1\n",
+                       "etc/machine-id": ""}.items():
+        (BUILDING / path).write_text(text, encoding="ascii")
+    (BUILDING / KEPT.relative_to("/")).mkdir(exist_ok=True)
+    (BUILDING / "etc/systemd/system/serial-getty@ttyS0.service").unlink(missing_ok=True) # it was masked
+
+
+def make_initramfs_small():
+    """Made anew when packages come and when the root is tracked, it takes minutes if it has what this machine
+    doesn't need."""
+    initramfs = BUILDING / "etc/initramfs-tools"
+    (initramfs / "conf.d/machine").write_text("MODULES=list\nCOMPRESSLEVEL=1\n", encoding="ascii")
+    (initramfs / "modules").write_text("virtio_pci\nvirtio_scsi\nsd_mod\next4\ndm_mod\n", encoding="ascii")
+    for name in ("fuse", "keymap", "ntfs_3g", "thermal", "thin-provisioning-tools"):
+        (BUILDING / "usr/share/initramfs-tools/hooks" / name).chmod(0o644)
+
+
+def inside(*words):
+    run("env", "DEBIAN_FRONTEND=noninteractive", "chroot", BUILDING, *words)
+
+
+def add_services():
+    for name, unit in (("esp", ESP_UNIT), ("page", PAGE_UNIT)):
+        (BUILDING / f"etc/systemd/system/{name}.service").write_text(unit, encoding="ascii")
+        inside("systemctl", "enable", name)
+    (BUILDING / "data/www").mkdir()
+    (BUILDING / "data/www/index.html").write_text("the page of the server\n", encoding="ascii")
+
+
+def add_oddities():
+    """What a copy of files would lose: links, holes, owners, times, attributes, names that aren't plain."""
+    for top in ("srv", "data"):
+        directory = BUILDING / top / "odd Ünïcode\n"
+        directory.mkdir()
+        (directory / "one").write_bytes(b"linked")
+        os.link(directory / "one", directory / "another")
+        os.symlink("one", directory / "link")
+        with open(directory / "holes", "wb") as file:
+            file.seek(5 << 20)
+            file.write(b"behind a hole")
+            file.truncate(9 << 20)
+        os.mkfifo(directory / "pipe")
+        os.mknod(directory / "device", stat.S_IFCHR | 0o640, os.makedev(1, 5))
+        os.setxattr(directory / "one", "user.note", "of ours".encode())
+        run("setfacl", "-m", "u:www-data:r,g:backup:rw", directory / "one")
+        os.chown(directory / "holes", 1234, 4321)
+        os.chmod(directory / "link", 0o4751)
+        os.utime(directory / "holes", ns=(1, 981173106_123456789))
+
+
+def make_boot_loader(disk, line):
+    """Two of them: that of a BIOS, and that of a UEFI in the place where it looks for one unasked."""
+    (BUILDING / "etc/default/grub").write_text(
+        f'GRUB_TIMEOUT=0\nGRUB_TERMINAL=serial\nGRUB_CMDLINE_LINUX="{line}"\n', encoding="ascii")
+    named = "--modules=part_gpt" # it may not know the kind of disk on which it is installed here
+    inside("grub-install", "--target=i386-pc", named, disk)
+    inside("grub-install", "--target=x86_64-efi", named, "--efi-directory=/boot/efi", "--removable",
+           "--no-nvram")
+    inside("update-grub")
+
+
+# Backups
+
+
+def partition_of(name):
+    volume = PLACES[name].volume
+    source = run("findmnt", "--noheadings", "--output", "SOURCE", volume.mount_point).strip()
+    partition = Partition(volume, str(pathlib.Path(source).resolve()))
+    partition.uuid = run("blkid", "-s", "UUID", "-o", "value", source).strip()
+    return partition
+
+
+class ServersProtection(KeptProtection):
+    """A script copies the snapshots only where somebody is going to look at them."""
+
+    keeps_moments = True
+
+    def request(self, *names, **changes):
+        if self.keeps_moments:
+            return super().request(*names, **changes)
+        return super(KeptProtection, self).request(*names, **changes)
+
+    def _add_image(self, partition, options):
+        return super()._add_image(partition, options | {"poisoned": partition.name in POISONED})
+
+
+class AppliancesTarget(KeptTarget):
+    """One that asks who wants to see the images."""
+
+    def open(self, lasting):
+        super().open(lasting)
+        self.require_chap(USER, PASSWORD)
+
+
+def pair():
+    if not (KEPT / "moments").exists():
+        installed.certify()
+    run("systemctl", "restart", "bekd")
+    with installed.appliance() as client:
+        assert client.pair(installed.DEVICE).is_success
+        told = json.dumps(client.host().content)
+    assert all(partition_of(name).uuid in told for name in PROTECTED), told
+
+
+def change(seed):
+    """In the root's own directories there is enough going on."""
+    source = random.Random(seed)
+    for name in PROTECTED:
+        one = PLACES[name]
+        top = pathlib.Path(one.volume.mount_point) / ("srv" if name == "root" else "")
+        directory = top / f"written {seed}"
+        directory.mkdir()
+        for number in range(20):
+            (directory / str(number)).write_bytes(source.randbytes(source.randrange(100_000)))
+        for path in sorted(top.glob("written */*"))[::7]:
+            path.unlink()
+        (top / "in place").write_bytes(source.randbytes(100_000))
+    os.sync()
+
+
+def backup(kind):
+    with AppliancesTarget() as target, installed.appliance() as client:
+        return done_by(protected(client, target, keeps_moments=False), kind)
+
+
+def protected(client, target, *, keeps_moments):
+    protection = ServersProtection(client, Agent(), target, [partition_of(name) for name in PROTECTED])
+    protection.keeps_moments = keeps_moments
+    return protection
+
+
+def done_by(protection, kind):
+    done = protection.run(full=kind == "full", merge=kind == "merge")
+    outcome = {"state": done.state, "log": done.log}
+    if done.state == "finished":
+        outcome |= {"types": {name: done.type(name) for name in PROTECTED},
+                    "bytes": {name: done.bytes(name) for name in PROTECTED}}
+    os.sync()
+    return outcome
+
+
+def prove(kind):
+    with AppliancesTarget() as target, installed.appliance() as client:
+        protection = protected(client, target, keeps_moments=True)
+        outcome = done_by(protection, kind)
+        if outcome["state"] == "finished":
+            outcome["blocks"] = {name: proven(protection, name) for name in PROTECTED}
+    os.sync()
+    return outcome
+
+
+def proven(protection, name):
+    """How many blocks of an image are those of the snapshot. The root has files that are deleted and still
+    open; until a mount has done away with them, its checker finds fault with a bitmap."""
+    partition, image = protection.partitions[name], protection.images[name]
+    moment, file_system = protection.moment_of(partition), partition.volume.file_system
+    if name != "root":
+        fsck(image.path, file_system)
+    blocks = compare_used(moment, image.path, file_system).check().blocks
+    with mounted(moment, file_system) as tree:
+        write_manifest(name, tree)
+    return blocks
+
+
+def serve():
+    """In the place of the appliance, under the numbers that the backups have used."""
+    with AppliancesTarget() as target:
+        for name in PLACES:
+            target.images.append(target.serve(target.directory / name, block_size=512, thin=False))
+        print("ready", flush=True)
+        while True:
+            time.sleep(SECONDS)
+
+
+# Manifests
+
+
+def manifest_of(root):
+    """All that is known of each file, by its path. Access times aren't: looking at a file is an access."""
+    root = pathlib.Path(root)
+    own = {root / name for name in OWN_FILES}
+    paths = (path for path in [root, *root.rglob("*")] if path not in own)
+    return {os.fsencode(path.relative_to(root)).hex(): facts_of(path) for path in paths}
+
+
+def facts_of(path):
+    status = path.lstat()
+    content = ""
+    if stat.S_ISREG(status.st_mode):
+        with open(path, "rb") as file:
+            content = hashlib.file_digest(file, "sha256").hexdigest()
+    elif stat.S_ISLNK(status.st_mode):
+        content = os.fsencode(os.readlink(path)).hex()
+    attributes = {name: os.getxattr(path, name, follow_symlinks=False).hex()
+                  for name in attributes_of(path)}
+    size = [] if stat.S_ISDIR(status.st_mode) else [status.st_size, status.st_blocks]
+    return [status.st_mode, status.st_uid, status.st_gid, status.st_nlink, status.st_rdev, status.st_mtime_ns,
+            size, content, attributes]
+
+
+def attributes_of(path):
+    try:
+        return os.listxattr(path, follow_symlinks=False)
+    except OSError: # a file system without any
+        return []
+
+
+def write_manifest(name, tree):
+    (MANIFESTS / f"{name}.json").write_text(json.dumps(manifest_of(tree)), encoding="ascii")
+
+
+def compare():
+    """How many files of each volume are what they were; a list of those that aren't is an error."""
+    outcome = {}
+    for name, one in PLACES.items():
+        expected = json.loads((MANIFESTS / f"{name}.json").read_text(encoding="ascii"))
+        with looked_into(device_of(one), one.volume.file_system) as tree:
+            found = manifest_of(tree)
+        differ = [bytes.fromhex(path).decode(errors="replace") for path in expected.keys() | found.keys()
+                  if expected.get(path) != found.get(path)]
+        assert not differ, f"{name}: {differ[:20]}"
+        outcome[name] = len(found)
+    return outcome
+
+
+def main():
+    verb, *arguments = sys.argv[1:]
+    verbs = {one.__name__: one for one in (make, serve, compare, pair, change, backup, prove)}
+    outcome = verbs[verb](*arguments)
+    if outcome is not None:
+        print(json.dumps(outcome))
+
+
+if __name__ == "__main__":
+    main()

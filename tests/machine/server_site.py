@@ -1,0 +1,192 @@
+"""A server that is lost with its disk and comes back by docs/restore.md, on machines of several kinds: see
+test_dead_server*.py."""
+import json
+import pathlib
+import re
+import time
+
+import pytest
+
+from lab.services import wait_until
+from lab.virtual import installation
+from lab.virtual.server import replace
+from pages import ROOT, SH, Page, check_blocks
+
+INSIDE = pathlib.Path(__file__).with_name("inside") / "server.py"
+PAGE = Page(ROOT / "docs" / "restore.md")
+REPORT = ROOT / "build" / "release" / "dead-server.txt"
+DISK, KEPT = 5 << 30, 8 << 30
+SECONDS = 1800
+PROMPT = "db1 login:"
+APPLIANCE = "127.0.0.1 appliance.example.org\n"
+PACKAGES = ("bek-restore", "libzephane0")
+
+
+def blocks(title, *kinds):
+    """Those below a heading of the page that are marked as one of the kinds."""
+    found = [block for block in PAGE.blocks if block.heading == title and block.kind in kinds]
+    assert found, f"nothing of {kinds} below {title!r}"
+    return found
+
+
+class Server:
+    """The machine, and what is done inside of it by inside/server.py."""
+
+    def __init__(self, machine):
+        self.machine = machine
+        self.disk, self.kept = machine.disks
+        self._console = 0
+        self._target = None
+
+    def inside(self, *words):
+        done = self.machine.run("/usr/bin/python3", "-B", INSIDE, *map(str, words), timeout=SECONDS,
+                                check=False)
+        assert done.returncode == 0, f"{words}:\n{done.stdout}{done.stderr}"
+        return json.loads(done.stdout) if done.stdout else None
+
+    def make(self, source="", line=""):
+        """In a rescue system, which it is like but for its packages."""
+        self.machine.dress()
+        self.inside("make", self.disk.device, self.kept.device, source, line, *installation.packages())
+
+    def start(self, *, is_rescue=False):
+        """Starts it from its disk, or the rescue system."""
+        if self.machine.is_on():
+            self.machine.stop()
+        self.machine.is_rescue = is_rescue
+        console = self.machine.directory / "console"
+        self._console = console.stat().st_size if console.exists() else 0
+        self.machine.start()
+
+    def wait_for_prompt(self):
+        """On the console, since the last start."""
+        def is_there():
+            text = (self.machine.directory / "console").read_bytes()[self._console:]
+            return PROMPT in text.decode(errors="replace")
+        wait_until(is_there, SECONDS, "a prompt to log in at")
+
+    def lose_disk(self, size):
+        """All at once, as disks do."""
+        self.machine.cut()
+        replace(self.machine, self.disk, size)
+
+    def start_rescue(self):
+        """The rescue system, which the appliance can be reached from, and which has got the packages."""
+        self.start(is_rescue=True)
+        self.machine.dress()
+        packages = " ".join(map(str, installation.packages(PACKAGES)))
+        self.machine.run(f"mkdir -p /kept /srv/packages && mount {self.kept.device} /kept && "
+                         f"cp {packages} /srv/packages/ && cat >>/etc/hosts", input=APPLIANCE)
+        self._target = self.machine.begin("/usr/bin/python3", "-B", INSIDE, "serve", text=True)
+        assert self._target.stdout.readline() == "ready\n"
+
+    def execute(self, script):
+        self.machine.run("cat >/root/script", input=script)
+        done = self.machine.run("bash /root/script 2>&1", check=False, timeout=SECONDS)
+        return done.returncode, done.stdout
+
+    def follow(self, *of_the_page):
+        """Runs blocks of the page; what the terminal has been told stands before them."""
+        return check_blocks([where_the_images_are(), *of_the_page], self.execute)[1:]
+
+    def backup(self, kind, verb="backup"):
+        outcome = self.inside(verb, kind)
+        assert outcome["state"] == "finished", outcome["log"]
+        return outcome
+
+    def page(self):
+        """What its service answers."""
+        return self.machine.run("curl", "--silent", "--show-error", "--retry", "60", "--retry-delay", "1",
+                                "--retry-connrefused", "http://127.0.0.1/", timeout=SECONDS).stdout
+
+
+def where_the_images_are():
+    return next(block for block in blocks("A rescue system", SH) if "BEK_RESTORE_SECRET" in block.text)
+
+
+class Scenario:
+    """The tests of a machine of one kind, in their order: each goes on where the one before has ended."""
+
+    NEW_DISK = DISK
+    BOOT_LOADER = ()
+    LARGER = False
+
+    def make(self, new_machine):
+        """A Server that is off, made and ready to start from its disk."""
+        raise NotImplementedError
+
+    @pytest.fixture(scope="class")
+    def server(self, request, new_machine):
+        return request.cls().make(new_machine)
+
+    def test_the_server_is_protected(self, server):
+        server.start()
+        server.wait_for_prompt()
+        assert server.page() == "the page of the server\n"
+        server.inside("pair")
+        check_blocks(blocks("Before it happens", SH), server.execute)
+        server.inside("change", 1)
+        assert set(server.backup("full")["types"].values()) == {"full"}
+        server.machine.run("cp -a /root/layout /kept/")
+        server.machine.run("systemctl start tolvubd-initramfs.service 2>/dev/null || true", timeout=SECONDS)
+        server.inside("change", 2)
+        types = server.backup("incremental", "prove")["types"]
+        assert set(types.values()) == {"incremental"}, types
+
+    def test_the_server_comes_back(self, server):
+        server.lose_disk(self.NEW_DISK)
+        begin = time.monotonic()
+        server.start_rescue()
+        check_blocks(blocks("A rescue system", SH), server.execute)
+        server.machine.run("cp -a /kept/layout /root/")
+        self.make_volumes(server)
+        self.interrupt(server)
+        server.follow(*blocks("The volumes", SH))
+        spent = time.monotonic() - begin
+        same = server.inside("compare")
+        begin = time.monotonic() - spent
+        server.follow(*blocks("What the agent has left", SH),
+                      *blocks("The boot loader", SH, *self.BOOT_LOADER))
+        server.start()
+        server.wait_for_prompt()
+        report(f"{type(self).__name__}: {time.monotonic() - begin:.0f} s from a bare disk to a prompt to log "
+               f"in at; the same files: {same}")
+        assert all(same.values())
+
+    def make_volumes(self, server):
+        new_disk = blocks("The new disk", SH)
+        if self.LARGER:
+            new_disk[1:1] = blocks("Another size of disk", f"{SH} larger")
+            new_disk += blocks("Another size of disk", f"{SH} larger behind LVM")
+        server.follow(*new_disk)
+
+    def interrupt(self, server):
+        """What follows goes on where this has been ended."""
+        status, printed = server.execute(
+            f"{where_the_images_are().text}\n"
+            'timeout --signal=KILL 3 bek-restore write "$images/1" /dev/server/root')
+        assert status == 137, printed
+
+    def test_its_service_answers(self, server):
+        assert server.page() == "the page of the server\n"
+        failed = server.machine.run("systemctl", "list-units", "--failed", "--no-legend", "--plain").stdout
+        assert failed == ""
+        assert server.machine.run("swapon", "--noheadings", "--show=NAME").stdout.strip()
+
+    def test_its_backups_go_on(self, server):
+        server.inside("change", 3)
+        first = blocks("The first start", f"{SH} server")
+        check_blocks(first[:1], server.execute)
+        types = server.backup("incremental", "prove")["types"]
+        assert set(types.values()) == {"differential"}, types
+        [reasons] = check_blocks(first[1:], server.execute)
+        assert len(re.findall("DIFFERENTIAL MERGE", reasons)) >= len(types), reasons
+        server.inside("change", 4)
+        assert set(server.backup("incremental")["types"].values()) == {"incremental"}
+
+
+def report(line):
+    """To be seen in the output of the test, and afterwards."""
+    print(line)
+    with open(REPORT, "a", encoding="ascii") as file:
+        file.write(f"{line}\n")

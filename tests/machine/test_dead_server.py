@@ -1,0 +1,11 @@
+"""docs/restore.md: a server that has lost its disk comes back, on a machine of user-mode Linux. That has
+neither firmware nor boot loader; all else is as the page says."""
+from lab.virtual.server import UmlServer
+from server_site import DISK, KEPT, Scenario, Server
+
+
+class TestDeadServer(Scenario):
+    def make(self, new_machine):
+        server = Server(new_machine(UmlServer, disks=(DISK, KEPT)))
+        server.make()
+        return server

@@ -1,0 +1,45 @@
+"""docs/restore.md: a server that has lost its disk comes back from a boot loader on, by a BIOS and by a UEFI,
+on Debian's own kernel and on a larger disk."""
+import pytest
+
+from lab.virtual import images
+from lab.virtual.qemu import kernel_line
+from lab.virtual.server import QemuServer, UmlServer
+from pages import SH
+from server_site import DISK, KEPT, Scenario, Server, blocks
+
+pytestmark = pytest.mark.nightly
+
+
+class TestDeadServerWithItsBootLoader(Scenario):
+    NEW_DISK = DISK + (1 << 30)
+    BOOT_LOADER = (f"{SH} bios",)
+    LARGER = True
+
+    def make(self, new_machine):
+        """On user-mode Linux, which takes a tenth of the time; then the disks move."""
+        made = Server(new_machine(UmlServer, disks=(DISK, KEPT), source=images.get(QemuServer.kind).root))
+        made.make(source="/dev/ubdd", line=kernel_line())
+        made.machine.stop()
+        machine = new_machine(QemuServer, disks=(DISK, KEPT), is_on=False)
+        for old, new in zip(made.machine.disks, machine.disks):
+            old.path.rename(new.path)
+        return Server(machine)
+
+    def test_an_uefi_finds_its_boot_loader(self, server):
+        server.machine.is_uefi = True
+        server.start()
+        server.wait_for_prompt()
+        assert server.machine.run("test", "-d", "/sys/firmware/efi", check=False).returncode == 0
+        assert server.page() == "the page of the server\n"
+
+    def test_an_esp_without_an_image_is_made_anew(self, server):
+        """By the rescue system, which the UEFI has started too."""
+        server.start_rescue()
+        server.machine.run("cp -a /kept/layout /root/ && vgchange --quiet --activate y server && "
+                           "wipefs --quiet --all /dev/sda2")
+        server.follow(*blocks("No image of the ESP", SH + " esp"))
+        server.follow(*blocks("The boot loader", f"{SH} uefi"))
+        server.start()
+        server.wait_for_prompt()
+        assert "Boot0000* debian" in server.machine.run("efibootmgr").stdout
