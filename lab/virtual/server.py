@@ -7,7 +7,7 @@
         server.stop(); server.is_rescue = False; server.start()
         server.cut(); server.replace(disk)         # another one in its place, with nothing on it
 
-Inside, the disks are /dev/sda and so on in either system.
+Inside, the first disk is /dev/sda in either system.
 """
 import pathlib
 import shutil
@@ -37,14 +37,15 @@ class QemuServer(QemuMachine):
     is_uefi = False
 
     def device(self, number):
-        return f"/dev/sd{chr(ord('a') + number)}"
+        """The first is the only one of its kind, as the kernel gives names in no order."""
+        return f"/dev/disk/by-id/virtio-disk{number}" if number else "/dev/sda"
 
     def boot(self):
         return [*self._firmware(), "-device", "virtio-scsi-pci", *(super().boot() if self.is_rescue else [])]
 
     def drive(self, file, form, name, device="virtio-blk-pci"):
-        if name.startswith("disk"):
-            device = "scsi-hd" if self.is_rescue else f"scsi-hd,bootindex={name.removeprefix('disk')}"
+        if name == "disk0":
+            device = "scsi-hd" if self.is_rescue else "scsi-hd,bootindex=0"
         return super().drive(file, form, name, device)
 
     def _firmware(self):

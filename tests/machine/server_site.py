@@ -75,7 +75,7 @@ class Server:
         self.start(is_rescue=True)
         self.machine.dress()
         packages = " ".join(map(str, installation.packages(PACKAGES)))
-        self.machine.run(f"mkdir -p /kept /srv/packages && mount {self.kept.device} /kept && "
+        self.machine.run(f"mkdir -p /kept /srv/packages && mount LABEL=kept /kept && "
                          f"cp {packages} /srv/packages/ && cat >>/etc/hosts", input=APPLIANCE)
         self._target = self.machine.begin("/usr/bin/python3", "-B", INSIDE, "serve", text=True)
         assert self._target.stdout.readline() == "ready\n"
@@ -138,7 +138,9 @@ class Scenario:
         begin = time.monotonic()
         server.start_rescue()
         check_blocks(blocks("A rescue system", SH), server.execute)
-        server.machine.run("cp -a /kept/layout /root/")
+        server.follow(*blocks("Without the saved layout", f"{SH} get"))
+        server.machine.run("cd /root && diff -r /kept/layout layout && diff layout/fstab found/fstab && "
+                           "grep 'id = ' layout/server.lvm >a && grep 'id = ' found/server.lvm | diff a -")
         self.make_volumes(server)
         self.interrupt(server)
         server.follow(*blocks("The volumes", SH))

@@ -120,7 +120,7 @@ def make(disk, kept, source, line, *packages):
             (BUILDING / path[1:]).mkdir(parents=True, exist_ok=True)
             run("mount", "--bind", path, BUILDING / path[1:])
             stack.callback(run, "umount", BUILDING / path[1:])
-        configure(kept)
+        configure()
         if line:
             make_initramfs_small()
         inside("dpkg", "--install", *packages)
@@ -161,13 +161,13 @@ def make_volumes(disk):
 
 
 def prepare_kept(kept):
-    run("mkfs.ext4", "-q", kept)
+    run("mkfs.ext4", "-q", "-L", "kept", kept)
     KEPT.mkdir(exist_ok=True)
     run("mount", kept, KEPT)
     MANIFESTS.mkdir()
 
 
-def configure(kept):
+def configure():
     """Mount points and the like; whatever of the rescue system's mustn't be the server's."""
     lines = []
     for name, one in PLACES.items():
@@ -175,7 +175,7 @@ def configure(kept):
         where = f"{one.volume.mount_point} {one.volume.file_system}"
         lines.append(f"UUID={uuid} {where} {options} 0 {1 if name == 'root' else 0}")
     swap = run("blkid", "--match-tag", "UUID", "--output", "value", f"/dev/{GROUP}/swap")
-    lines += [f"UUID={swap} none swap sw 0 0", f"{kept} {KEPT} ext4 defaults 0 2"]
+    lines += [f"UUID={swap} none swap sw 0 0", f"LABEL=kept {KEPT} ext4 defaults 0 2"]
     for path, text in {"etc/fstab": "".join(f"{line}\n" for line in lines), "etc/hostname": "db1\n",
                        "etc/machine-id": ""}.items():
         (BUILDING / path).write_text(text, encoding="ascii")
