@@ -3,8 +3,8 @@
 usage: /usr/bin/python3 -m bench.restore.write [--images DIR] [--directory DIR] [--gibibytes N] [--rounds N]
 
 as root, in lab/namespace, with BEKD_BUILD naming a build folder. An ext4 volume is aged. Its image lies in a
-file of one directory, in memory unless that is named, as source and target of a restore don't share a disk. It
-is brought to a block device in a file of the other one, by turns:
+file of one directory, in memory unless it is named: source and target of a restore don't share a disk. It is
+brought to a block device in a file of the other one, by turns:
     read       the used bytes are only read
     write      as many bytes are only written, past the cache
     copy       bek-restore write --no-compare, which does both at once; beside the slower one of these two

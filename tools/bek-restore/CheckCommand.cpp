@@ -16,7 +16,6 @@
 #include "tools/restore/view/Mounting.h"
 
 #include <chrono>
-#include <cstdlib>
 #include <filesystem>
 #include <memory>
 #include <optional>
@@ -292,15 +291,6 @@ void printDocument(const std::string& image, const ImageCheck& check, double sec
     document["comparedFiles"] = check.findings.comparedFiles;
     document["seconds"] = seconds;
     print(document);
-}
-
-/// The image is opened twice, and the secret asked for once.
-void keepSecret(ImageOptions& image) {
-    if (addressOf(image).wantsSecret()) {
-        const std::string secret = findSecret(image.secret, "Secret of " + image.image);
-        ::setenv(secretVariable, secret.c_str(), 1); // NOLINT(concurrency-mt-unsafe): before any thread
-        image.secret.file.reset();
-    }
 }
 
 int checkImage(CheckOptions options) {

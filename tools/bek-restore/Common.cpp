@@ -3,6 +3,7 @@
 #include "tools/common/StandardErrorLog.h"
 #include "tools/restore/OpenImage.h"
 
+#include <cstdlib>
 #include <iostream>
 #include <stdexcept>
 
@@ -32,6 +33,14 @@ void declareImage(CLI::App& command, ImageOptions& options) {
         ->type_name("FILE");
     command.add_flag("--json", options.isJson, "Print one JSON object");
     command.add_flag("--verbose", options.isVerbose, "Tell on standard error what is done");
+}
+
+void keepSecret(ImageOptions& options) {
+    if (addressOf(options).wantsSecret()) {
+        const std::string secret = findSecret(options.secret, "Secret of " + options.image);
+        ::setenv(secretVariable, secret.c_str(), 1); // NOLINT(concurrency-mt-unsafe): before any thread
+        options.secret.file.reset();
+    }
 }
 
 OpenedImage::OpenedImage(const ImageOptions& options)

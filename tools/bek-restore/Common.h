@@ -29,6 +29,9 @@ void declareImage(CLI::App& command, ImageOptions& options);
 /// Where the options say that the image is.
 ImageAddress addressOf(const ImageOptions& options);
 
+/// For commands that open the image several times: whoever is asked for its secret is asked once.
+void keepSecret(ImageOptions& options);
+
 /// A log on standard error, and the image that the options name. The log outlives the image.
 struct OpenedImage {
     explicit OpenedImage(const ImageOptions& options);

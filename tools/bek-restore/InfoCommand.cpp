@@ -169,7 +169,8 @@ void printPlaces(const char* title, const std::vector<std::pair<std::string, vie
     print(text.str());
 }
 
-int showImage(const ImageOptions& options) {
+int showImage(ImageOptions options) {
+    keepSecret(options);
     ImageInfo info = inspect(options);
     addPlan(options, info);
     if (options.isJson) {
@@ -200,11 +201,14 @@ ImageInfo inspectUnit(ImageOptions options, int unit) {
     }
 }
 
-int showTarget(const ImageOptions& options) {
-    const ImageAddress address = parseImageAddress(options.image + "/0");
-    const std::string password =
-        address.wantsSecret() ? findSecret(options.secret, "Secret of " + options.image) : "";
-    Json document{{"target", options.image}, {"units", Json::array()}};
+int showTarget(const ImageOptions& target) {
+    ImageOptions options = target;
+    options.image += "/0";
+    keepSecret(options);
+    const ImageAddress address = addressOf(options);
+    const std::string password = address.wantsSecret() ? findSecret(options.secret, "") : "";
+    options.image = target.image;
+    Json document{{"target", target.image}, {"units", Json::array()}};
     std::vector<std::pair<std::string, view::Found>> places;
     for (const int unit : findUnits(address, password)) {
         ImageInfo info = inspectUnit(options, unit);
