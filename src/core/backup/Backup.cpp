@@ -108,12 +108,11 @@ void Backup::run(std::unique_ptr<BackupSession> session) {
     const std::lock_guard lock(runMutex());
     const RunRecord record(logger, id, *backupAttributes);
     info::CowFileSize cowFileSize(config);
-    const std::unique_ptr<SnapshotSessionControl> control = makeSnapshotControl(cowFileSize);
-    Volumes volumes;
-    const Outcome outcome = runProtected(std::move(session), *control, volumes);
-    const auto writeRecord = [&] { record.write(nameOf(outcome), status, volumes); };
+    Snapshots snapshots{makeSnapshotControl(cowFileSize), {}, SnapshotTurn()};
+    const Outcome outcome = runProtected(std::move(session), snapshots);
+    const auto writeRecord = [&] { record.write(nameOf(outcome), status, snapshots.volumes); };
     try {
-        runPostBackup(*control, volumes, outcome);
+        runPostBackup(snapshots, outcome);
     } catch (...) {
         info::LogEntry(logger, info::level::error, info::reason("clean-up-failed"))
             << "Failed to run post backup!";
@@ -134,10 +133,9 @@ std::unique_ptr<SnapshotSessionControl> Backup::makeSnapshotControl(info::ICowFi
     return std::make_unique<SnapshotSessionControl>(logger, cowFileSize);
 }
 
-Backup::Outcome Backup::runProtected(std::unique_ptr<BackupSession> session, SnapshotSessionControl& control,
-                                     Volumes& volumes) {
+Backup::Outcome Backup::runProtected(std::unique_ptr<BackupSession> session, Snapshots& snapshots) {
     try {
-        return runCancelable(std::move(session), control, volumes);
+        return runCancelable(std::move(session), snapshots);
     } catch (const exception::transport_connection_error& error) {
         logger.log(info::level::error, info::reasonOf(error, info::reason("target-lost")),
                    "Transport related error occurred during backup run: %s", error.what());
@@ -152,8 +150,7 @@ Backup::Outcome Backup::runProtected(std::unique_ptr<BackupSession> session, Sna
     return Outcome::failed;
 }
 
-Backup::Outcome Backup::runCancelable(std::unique_ptr<BackupSession> session, SnapshotSessionControl& control,
-                                      Volumes& volumes) {
+Backup::Outcome Backup::runCancelable(std::unique_ptr<BackupSession> session, Snapshots& snapshots) {
     cancelableOperation->reset();
     if (cancelAsked) { // while this backup waited for its turn: it must not begin
         cancelableOperation->cancel();
@@ -166,8 +163,10 @@ Backup::Outcome Backup::runCancelable(std::unique_ptr<BackupSession> session, Sn
             cancelableOperation->cancel();
         });
     }
-    const bool completed =
-        cancelableOperation->run([&](ICancel& cancel) { runBackup(*session, control, volumes, cancel); });
+    const bool completed = cancelableOperation->run([&](ICancel& cancel) {
+        snapshots.turn.wait(logger, cancel);
+        runBackup(*session, *snapshots.control, snapshots.volumes, cancel);
+    });
     if (heartbeat) {
         heartbeat->setCallback({});
     }
@@ -199,22 +198,31 @@ void Backup::runBackup(BackupSession& session, SnapshotSessionControl& control, 
     info::LogEntry(logger, info::level::info) << "Finished running backup phases...";
 }
 
-void Backup::runPostBackup(SnapshotSessionControl& control, const Volumes& volumes, Outcome outcome) {
+void Backup::runPostBackup(Snapshots& snapshots, Outcome outcome) {
     const bool success = outcome == Outcome::finished;
-    std::shared_ptr<ISnapshotInfo> snapshotInfo; // what has become of the snapshots
-    Phases conclude;
-    conclude.push_back(
-        std::make_unique<phase::TransitionToIncremental>(control, snapshotInfo, volumes, success));
-    conclude.push_back(
-        std::make_unique<phase::PostBackupRecord>(logger, dataProvider, volumes, success, snapshotInfo));
-    NeverCancel never;
-    PhaseRunner(logger, conclude).run(never);
+    if (snapshots.turn.take() == SnapshotTurn::State::others) {
+        info::LogEntry(logger, info::level::info)
+            << "The snapshots there are belong to another program, none to this backup.";
+    } else {
+        conclude(*snapshots.control, snapshots.volumes, success);
+    }
     if (success) {
         return;
     }
     logger.log(info::level::info, "Backup %s FAILED!", id.c_str());
     info::LogEntry(logger, info::level::info) << "Backup failed, setting all volumes to failed.";
     status.setAllVolumesFailed();
+}
+
+void Backup::conclude(SnapshotSessionControl& control, const Volumes& volumes, bool success) {
+    std::shared_ptr<ISnapshotInfo> snapshotInfo; // what has become of the snapshots
+    Phases phases;
+    phases.push_back(
+        std::make_unique<phase::TransitionToIncremental>(control, snapshotInfo, volumes, success));
+    phases.push_back(
+        std::make_unique<phase::PostBackupRecord>(logger, dataProvider, volumes, success, snapshotInfo));
+    NeverCancel never;
+    PhaseRunner(logger, phases).run(never);
 }
 
 } // namespace agent::core::backup

@@ -6,6 +6,7 @@
 #include "core/backup/IBackupAttributes.h"
 #include "core/backup/ISnapshotAttributes.h"
 #include "core/backup/SnapshotSessionControl.h"
+#include "core/backup/SnapshotTurn.h"
 #include "core/operation/ICancelableOperation.h"
 #include "core/operation/IHeartbeat.h"
 #include "core/script/IQuiesce.h"
@@ -20,7 +21,8 @@ namespace agent::core::backup {
 
 /// See IBackup. One run at a time in the process: a run waits, without limit, for the one before it to end,
 /// so that a new backup never meets the snapshots of a cancelled one. A backup that is cancelled while it
-/// waits ends as failed when its turn comes, and begins nothing.
+/// waits ends as failed when its turn comes, and begins nothing. Another process that has snapshots is waited
+/// for within limits, see SnapshotTurn.
 ///
 /// Logger, volume provider, quiesce scripts, data provider and configuration must outlive it.
 class Backup : public IBackup {
@@ -50,18 +52,23 @@ protected:
 private:
     enum class Outcome { failed = 1, cancelled = 2, finished = 3 };
     using Volumes = SnapshotSessionControl::Volumes;
+    /// Of one run.
+    struct Snapshots {
+        std::unique_ptr<SnapshotSessionControl> control;
+        Volumes volumes;
+        SnapshotTurn turn;
+    };
 
     static std::string nameOf(Outcome outcome);
 
     /// No exception leaves it. The session goes with it, and so the transports are closed before the
     /// snapshots are ended.
-    Outcome runProtected(std::unique_ptr<BackupSession> session, SnapshotSessionControl& control,
-                         Volumes& volumes);
-    Outcome runCancelable(std::unique_ptr<BackupSession> session, SnapshotSessionControl& control,
-                          Volumes& volumes);
+    Outcome runProtected(std::unique_ptr<BackupSession> session, Snapshots& snapshots);
+    Outcome runCancelable(std::unique_ptr<BackupSession> session, Snapshots& snapshots);
     void runBackup(BackupSession& session, SnapshotSessionControl& control, Volumes& volumes,
                    ICancel& cancel);
-    void runPostBackup(SnapshotSessionControl& control, const Volumes& volumes, Outcome outcome);
+    void runPostBackup(Snapshots& snapshots, Outcome outcome);
+    void conclude(SnapshotSessionControl& control, const Volumes& volumes, bool success);
 
     info::Logger& logger;
     const info::VolumeProvider& volumeProvider;

@@ -22,6 +22,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <future>
+#include <optional>
 #include <set>
 #include <stdexcept>
 #include <thread>
@@ -550,6 +551,30 @@ TEST_F(BackupTest, CancelBeforeTheFirstPhaseKeepsItFromBeginning) {
     appendFailed(expected);
     EXPECT_THAT(linesOfRun(), ElementsAreArray(expected));
     expectFailed(false);
+}
+
+TEST_F(BackupTest, SnapshotsOfAnotherProgramAreWaitedFor) {
+    std::optional<SnapshotTurn> other{std::in_place};
+    ASSERT_EQ(other->take(), SnapshotTurn::State::mine);
+    const auto running = std::async(std::launch::async, [this] { run(); });
+    EXPECT_TRUE(test::eventually([&] { return log.hasPart(level3, "Waiting for another program"); }));
+    EXPECT_FALSE(log.hasPart(level3, "Beginning execution"));
+    other.reset();
+    running.wait();
+    EXPECT_EQ(recordedOutcome(), "success");
+    EXPECT_EQ(std::make_unique<SnapshotTurn>()->take(), SnapshotTurn::State::mine); // it was given back
+}
+
+TEST_F(BackupTest, SnapshotsOfAnotherProgramAreLeftAloneByACancelledBackup) {
+    SnapshotTurn other;
+    ASSERT_EQ(other.take(), SnapshotTurn::State::mine);
+    const auto running = std::async(std::launch::async, [this] { run(); });
+    EXPECT_TRUE(test::eventually([&] { return log.hasPart(level3, "Waiting for another program"); }));
+    backup->cancel();
+    running.wait();
+    EXPECT_THAT(stage.snapshots.ends, testing::IsEmpty());
+    EXPECT_EQ(recordedOutcome(), "cancelled");
+    EXPECT_THAT(states(), ElementsAre(VOLUME_FAILED, VOLUME_FAILED));
 }
 
 TEST_F(BackupTest, CancelDuringTheConclusionHasNoEffect) {
