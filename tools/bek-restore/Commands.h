@@ -20,6 +20,7 @@ using Run = std::function<int()>;
 /// Each declares a command, which leaves in `chosen` what it does if it is the one that was called.
 void declareInfo(CLI::App& app, Run& chosen);
 void declareCheck(CLI::App& app, Run& chosen);
+void declareAudit(CLI::App& app, Run& chosen);
 void declareGet(CLI::App& app, Run& chosen);
 void declareLs(CLI::App& app, Run& chosen);
 void declareMount(CLI::App& app, Run& chosen);

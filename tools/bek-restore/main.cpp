@@ -33,6 +33,7 @@ int run(int argc, char** argv) {
     declareMount(app, chosen);
     declareUmount(app, chosen);
     declareWrite(app, chosen);
+    declareAudit(app, chosen);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {

@@ -1,0 +1,118 @@
+#include "Comparison.h"
+
+#include "os/AlignedBuffer.h"
+#include "tools/restore/Pieces.h"
+
+#include <algorithm>
+#include <cstring>
+#include <exception>
+#include <future>
+#include <mutex>
+
+namespace audit {
+
+namespace {
+
+using restore::ByteRange;
+using restore::pageBytes;
+using restore::Piece;
+
+std::vector<Piece> piecesOf(const std::vector<std::uint64_t>& pages) {
+    std::vector<ByteRange> ranges;
+    for (const std::uint64_t page : pages) {
+        if (!ranges.empty() && ranges.back().end() == page * pageBytes) {
+            ranges.back().length += pageBytes;
+        } else {
+            ranges.push_back({page * pageBytes, pageBytes});
+        }
+    }
+    std::vector<Piece> pieces;
+    restore::forEachPiece(ranges, 0, ~std::uint64_t{0}, [&](const Piece& piece) { pieces.push_back(piece); });
+    return pieces;
+}
+
+/// The work of all lanes, each of which takes the next piece when it is done with one.
+class Work {
+public:
+    Work(std::vector<Piece> pieces, const Interrupt& interrupt,
+         const std::function<void(std::uint64_t done)>& progress)
+        : pieces(std::move(pieces)), interrupt(interrupt), progress(progress) {}
+
+    void run(const Lane& lane) {
+        os::AlignedBuffer one(restore::largestPiece, pageBytes);
+        os::AlignedBuffer other(restore::largestPiece, pageBytes);
+        try {
+            while (const Piece* const piece = next()) {
+                interrupt.check();
+                lane.snapshot->read({one.data(), piece->whole.length}, piece->whole.begin);
+                lane.image->read({other.data(), piece->whole.length}, piece->whole.begin);
+                note(*piece, one.data(), other.data());
+            }
+        } catch (...) {
+            const std::lock_guard lock(mutex);
+            position = pieces.size(); // the others need not go on
+            throw;
+        }
+    }
+
+    std::vector<std::uint64_t> differing() {
+        std::ranges::sort(found);
+        return std::move(found);
+    }
+
+private:
+    const Piece* next() {
+        const std::lock_guard lock(mutex);
+        return position < pieces.size() ? &pieces[position++] : nullptr;
+    }
+
+    void note(const Piece& piece, const std::byte* one, const std::byte* other) {
+        std::vector<std::uint64_t> different;
+        for (const ByteRange& part : piece.parts) {
+            for (std::uint64_t at = part.begin; at < part.end(); at += pageBytes) {
+                const std::uint64_t into = at - piece.whole.begin;
+                if (std::memcmp(one + into, other + into, pageBytes) != 0) {
+                    different.push_back(at / pageBytes);
+                }
+            }
+        }
+        const std::lock_guard lock(mutex);
+        found.insert(found.end(), different.begin(), different.end());
+        done += piece.used() / pageBytes;
+        progress(done);
+    }
+
+    const std::vector<Piece> pieces;
+    const Interrupt& interrupt;
+    const std::function<void(std::uint64_t done)>& progress;
+    std::mutex mutex;
+    std::size_t position = 0;         // the piece that is next; guarded by the mutex, as is what follows
+    std::uint64_t done = 0;           // pages
+    std::vector<std::uint64_t> found; // pages
+};
+
+} // namespace
+
+std::vector<std::uint64_t> findDiffering(const std::vector<Lane>& lanes,
+                                         const std::vector<std::uint64_t>& pages, const Interrupt& interrupt,
+                                         const std::function<void(std::uint64_t done)>& progress) {
+    Work work(piecesOf(pages), interrupt, progress);
+    std::vector<std::future<void>> running;
+    for (const Lane& lane : lanes) {
+        running.push_back(std::async(std::launch::async, [&work, &lane] { work.run(lane); }));
+    }
+    std::exception_ptr failure;
+    for (std::future<void>& each : running) {
+        try {
+            each.get();
+        } catch (...) {
+            failure = failure ? failure : std::current_exception();
+        }
+    }
+    if (failure) {
+        std::rethrow_exception(failure);
+    }
+    return work.differing();
+}
+
+} // namespace audit
