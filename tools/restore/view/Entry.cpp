@@ -10,7 +10,7 @@
 #include <cstdio>
 #include <dirent.h>
 #include <fcntl.h>
-#include <limits.h>
+#include <linux/limits.h>
 #include <memory>
 #include <string_view>
 #include <unistd.h>

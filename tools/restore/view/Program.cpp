@@ -106,14 +106,14 @@ bool settle(const Start& start, const Image& image, pid_t parent) {
 bool connect(const Start& start) {
     const int nobody = ::open("/dev/null", O_RDWR | O_CLOEXEC);
     const int output = start.output >= 0 ? start.output : nobody;
-    return ::dup2(nobody, STDIN_FILENO) >= 0 && ::dup2(output, STDOUT_FILENO) >= 0 &&
+    return nobody >= 0 && ::dup2(nobody, STDIN_FILENO) >= 0 && ::dup2(output, STDOUT_FILENO) >= 0 &&
            ::dup2(output, STDERR_FILENO) >= 0 && (start.kept < 0 || ::fcntl(start.kept, F_SETFD, 0) == 0);
 }
 
 [[noreturn]] void become(const Start& start, const Image& image, pid_t parent) {
     ::sigset_t none{};
     ::sigemptyset(&none);
-    ::sigprocmask(SIG_SETMASK, &none, nullptr);
+    ::pthread_sigmask(SIG_SETMASK, &none, nullptr);
     if (settle(start, image, parent) && connect(start)) {
         ::execve(image.path.c_str(), image.arguments.data(), image.variables.data());
     }
@@ -145,16 +145,19 @@ int millisecondsLeft(std::optional<Clock::time_point> deadline) {
 
 } // namespace
 
-Program::Program(const Start& start) {
+Program::Program(const Start& start) : id(Program::start(start)) {}
+
+pid_t Program::start(const Start& start) {
     const Image image(start);
     const pid_t parent = ::getpid();
-    id = ::fork();
-    if (id < 0) {
+    const pid_t child = ::fork();
+    if (child < 0) {
         throw agent::PosixError(start.command.front() + " can't be started", errno);
     }
-    if (id == 0) {
+    if (child == 0) {
         become(start, image, parent);
     }
+    return child;
 }
 
 Program::Program(Program&& other) noexcept : id(std::exchange(other.id, -1)), ended(other.ended) {}

@@ -16,6 +16,8 @@ namespace restore::view {
 
 /// What is to be started, and how. Nothing is read from standard input.
 struct Start {
+    // GCC wants each member that may be left out to have a value.
+    // NOLINTBEGIN(readability-redundant-member-init)
     std::vector<std::string> command;                               ///< found on the system's own paths
     std::vector<std::pair<std::string, std::string>> environment{}; ///< what it gets beside ours
     int output = -1;           ///< takes standard output and standard error; nobody does if there is none
@@ -24,6 +26,7 @@ struct Start {
     bool isDetached = false;   ///< not reached by what is typed at our terminal
     bool hasOwnMounts = false; ///< what it mounts is seen by nobody else
     std::optional<pid_t> mountsOf{}; ///< it sees, and adds to, the mounts of this process
+    // NOLINTEND(readability-redundant-member-init)
 };
 
 /// A program that runs beside ours.
@@ -51,7 +54,9 @@ public:
     void release() { id = -1; }
 
 private:
-    pid_t id = -1;
+    static pid_t start(const Start& start);
+
+    pid_t id;
     std::optional<int> ended;
 };
 
