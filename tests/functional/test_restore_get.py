@@ -10,8 +10,10 @@ import pytest
 from backup_site import digest, fill
 from lab.commands import run
 from lab.daemon import program
+from lab.filesystems import kind_of
 from lab.images import tree_hashes
 from lab.targets import Target
+from lab.volume_images import mounted
 from restore_view_site import (FAILED, MOUNTABLE, SECONDS, WRONG, fails, make_image, make_loop_nodes,
                                require_nothing_left, restore, servers, told)
 
@@ -186,6 +188,17 @@ def test_a_damaged_file_is_named_and_the_others_come(directory):
     errors = restore("get", image, "/", directory / "back", status=FAILED).stderr
     assert listed[0] in errors
     assert all((directory / "back" / path).is_file() for path in listed[1:])
+
+
+def test_why_a_volume_cannot_be_mounted_is_told_by_its_driver(directory):
+    image = make_image(directory, "ntfs", lambda root: None)
+    with mounted(image, "ntfs", directory / "looked") as (device, root):
+        found = kind_of("ntfs").structures(device, root)
+    table = next(offset for offset, text in found.items() if "FILE magic" in text)
+    with open(image, "r+b") as file:
+        file.seek(table + 6 * 1024) # the record of the map of clusters
+        file.write(bytes(1024))
+    assert "ntfs-3g can't mount it: " in fails("ls", image)
 
 
 def test_a_listing(whole):

@@ -97,6 +97,7 @@ os::FileDescriptor openDirectory(int parent, const std::string& name) {
 }
 
 /// False if a directory below couldn't be read, which has been said.
+// NOLINTNEXTLINE(misc-no-recursion): as deep as descriptors of directories can be had
 bool listBelow(Listing& listing, int directory, const std::string& prefix, bool isDeep) {
     bool isWhole = true;
     for (const Entry& entry : view::entriesOf(directory)) {

@@ -83,16 +83,16 @@ void forgetFreeClusters(int device, const Sector& boot) {
 
 } // namespace
 
-void clearFatMarks(const std::string& path) {
-    const os::FileDescriptor device(::open(path.c_str(), O_RDWR | O_CLOEXEC));
-    if (!device) {
-        throw agent::PosixError(path + " can't be opened", errno);
+void clearFatMarks(const std::string& device) {
+    const os::FileDescriptor file(::open(device.c_str(), O_RDWR | O_CLOEXEC));
+    if (!file) {
+        throw agent::PosixError(device + " can't be opened", errno);
     }
-    const Sector boot = readSector(device.get(), 0);
+    const Sector boot = readSector(file.get(), 0);
     const std::byte state = boot.at(stateAt) & ~inUse;
-    write(device.get(), {&state, 1}, stateAt);
-    clearInTables(device.get(), boot);
-    forgetFreeClusters(device.get(), boot);
+    write(file.get(), {&state, 1}, stateAt);
+    clearInTables(file.get(), boot);
+    forgetFreeClusters(file.get(), boot);
 }
 
 } // namespace restore::check

@@ -29,6 +29,7 @@ std::vector<ByteRange> placesOf(agent::info::Logger& logger, int directory, cons
     return places;
 }
 
+// NOLINTNEXTLINE(misc-no-recursion): bounded by `deepest`
 std::string ownerBelow(agent::info::Logger& logger, int directory, std::uint64_t byte, int depth) {
     for (const view::Entry& entry : view::entriesOf(directory)) {
         if (S_ISREG(entry.status.st_mode)) {

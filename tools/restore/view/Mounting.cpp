@@ -8,7 +8,9 @@
 #include <cerrno>
 #include <chrono>
 #include <fcntl.h>
+#include <fstream>
 #include <functional>
+#include <iterator>
 #include <memory>
 #include <sched.h>
 #include <stdexcept>
@@ -123,22 +125,27 @@ bool isMountedAt(const std::string& path, dev_t before) {
     return ::stat(path.c_str(), &now) == 0 && now.st_dev != before;
 }
 
+std::string lastWordsIn(const std::string& path) {
+    std::ifstream file(path);
+    return lastWords({std::istreambuf_iterator<char>(file), {}});
+}
+
 /// A driver that stays our child, so that it ends with us. It has mounted once another device is seen at
-/// `seenAt`.
-Program startDriver(Start start, const std::string& seenAt, int log) {
+/// `seenAt`. What it says goes to the log.
+Program startDriver(Start start, const std::string& seenAt, const std::string& log) {
     struct ::stat before{};
     if (::stat(seenAt.c_str(), &before) != 0) {
         throw agent::PosixError(seenAt + " can't be seen", errno);
     }
+    const os::FileDescriptor output(::open(log.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC));
     start.endsWithUs = true;
     start.isDetached = true;
-    start.output = log;
+    start.output = output.get();
     Program driver(start);
     const auto deadline = std::chrono::steady_clock::now() + mountPatience;
     while (!isMountedAt(seenAt, before.st_dev)) {
         if (driver.status() || std::chrono::steady_clock::now() > deadline) {
-            throw std::runtime_error(start.command.front() +
-                                     " can't mount it; see what it says of the device");
+            throw std::runtime_error(start.command.front() + " can't mount it: " + lastWordsIn(log));
         }
         std::this_thread::sleep_for(mountedPause);
     }
@@ -224,8 +231,6 @@ void leaveMountsOfMachine() {
 
 PrivateMount::PrivateMount(const ImageView& view, const std::string& kind) {
     const std::string directory = view.directory().path("root");
-    const os::FileDescriptor log(
-        ::open(view.directory().path("log").c_str(), O_WRONLY | O_APPEND | O_CLOEXEC));
     mountByAny(kind, [&](const Way& way) {
         const std::string options = joined({harmless, way.options});
         if (!way.isProgram) {
@@ -238,7 +243,7 @@ PrivateMount::PrivateMount(const ImageView& view, const std::string& kind) {
         start.command = foreground(way, options, view.file(), directory);
         start.mountsOf = view.server();
         const std::string seen = "/proc/" + std::to_string(view.server()) + "/root" + directory;
-        driver.emplace(startDriver(start, seen, log.get()));
+        driver.emplace(startDriver(start, seen, view.directory().path("log")));
         mounted.clear();
         openTop(seen);
         return true;
