@@ -47,7 +47,7 @@ public:
         isEmpty = false;
     }
 
-    void end() { print(std::string(options.image.isJson ? "\n]}\n" : "")); }
+    void end() const { print(std::string(options.image.isJson ? "\n]}\n" : "")); }
 
 private:
     static std::string text(const tools::Json& document) {
