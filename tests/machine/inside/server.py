@@ -131,7 +131,7 @@ def make(disk, kept, source, line, *packages):
         else:
             inside("systemctl", "enable", "console-getty")
     run("vgchange", "--quiet", "--activate", "n", GROUP)
-    if ESP not in PROTECTED:
+    if not line and ESP not in PROTECTED:
         copy_esp()
 
 
