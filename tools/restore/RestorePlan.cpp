@@ -19,23 +19,37 @@ namespace {
 constexpr std::uint32_t sectorBytes = 512;
 constexpr std::uint64_t usualMapBytes = 40UL << 20U;
 
-/// Ranges of blocks as whole pages, which two of them may share.
-std::vector<ByteRange> pagesOf(const usedmap::UsedRanges& map, std::uint64_t volumeBytes) {
-    std::vector<ByteRange> pages;
+std::uint64_t roundUp(std::uint64_t bytes) {
+    return (bytes + pageBytes - 1) / pageBytes * pageBytes;
+}
+
+void addUnlessEmpty(std::vector<ByteRange>& ranges, std::uint64_t begin, std::uint64_t end) {
+    if (begin < end) {
+        ranges.push_back({begin, end - begin});
+    }
+}
+
+/// Ranges of blocks as whole pages, which two of them may share, and the margins.
+void addPages(const usedmap::UsedRanges& map, RestorePlan& plan) {
+    std::uint64_t filled = 0; // behind the last block in use
     for (const agent::BlockRange& range : map.ranges) {
-        const std::uint64_t begin = range.start * map.blockSize / pageBytes * pageBytes;
-        const std::uint64_t end =
-            std::min((range.end() * map.blockSize + pageBytes - 1) / pageBytes * pageBytes, volumeBytes);
+        const std::uint64_t begin = std::min(range.start * map.blockSize, plan.volumeBytes);
+        const std::uint64_t end = std::min(range.end() * map.blockSize, plan.volumeBytes);
         if (begin >= end) {
             continue;
         }
-        if (!pages.empty() && pages.back().end() >= begin) {
-            pages.back().length = end - pages.back().begin;
+        const std::uint64_t pageBegin = begin / pageBytes * pageBytes;
+        const std::uint64_t pageEnd = std::min(roundUp(end), plan.volumeBytes);
+        addUnlessEmpty(plan.margins, filled, std::min(roundUp(filled), begin));
+        addUnlessEmpty(plan.margins, std::max(pageBegin, roundUp(filled)), begin);
+        filled = end;
+        if (!plan.used.empty() && plan.used.back().end() >= pageBegin) {
+            plan.used.back().length = pageEnd - plan.used.back().begin;
         } else {
-            pages.push_back({begin, end - begin});
+            plan.used.push_back({pageBegin, pageEnd - pageBegin});
         }
     }
-    return pages;
+    addUnlessEmpty(plan.margins, filled, std::min(roundUp(filled), plan.volumeBytes));
 }
 
 /// The map of some file systems has to fit as a whole; of any it does where blocks have the usual 4096 bytes.
@@ -49,7 +63,7 @@ void readMaps(agent::info::Logger& logger, IImage& image, RestorePlan& plan) {
     ImageDevice device(logger, image);
     const usedmap::UsedRanges map = usedmap::findUsedRanges(logger, device, sectorBytes, mapBytesFor(image));
     plan.volumeBytes = std::min(map.knownBlocks * map.blockSize, image.size());
-    plan.used = pagesOf(map, plan.volumeBytes);
+    addPages(map, plan);
 }
 
 std::uint32_t identityOf(const RestorePlan& plan, IImage& image) {
@@ -70,6 +84,7 @@ RestorePlan makePlan(agent::info::Logger& logger, IImage& image) {
         plan.isWhole = true;
         plan.reason = error.what();
         plan.volumeBytes = image.size();
+        plan.margins.clear();
         plan.used = {{0, plan.volumeBytes}};
     }
     for (const ByteRange& range : plan.used) {

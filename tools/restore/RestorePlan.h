@@ -26,9 +26,11 @@ struct RestorePlan {
 
     std::uint64_t volumeBytes = 0; ///< of the file system; of the image where that doesn't tell
     std::vector<ByteRange> used;   ///< ascending, none touches the next
-    std::uint64_t usedBytes = 0;   ///< of all ranges
-    bool isWhole = false;          ///< it isn't certain which blocks are in use, so all of them are taken
-    std::string reason;            ///< why, for people; empty if not
+    /// What of these pages is in no block in use, where blocks are smaller than pages; ascending. It is anything.
+    std::vector<ByteRange> margins;
+    std::uint64_t usedBytes = 0; ///< of all ranges of `used`
+    bool isWhole = false;        ///< it isn't certain which blocks are in use, so all of them are taken
+    std::string reason;          ///< why, for people; empty if not
     /// Two images have the same one only if their maps of used blocks and their first MiB are the same: what
     /// was begun with one may be gone on with with the other.
     std::uint32_t identity = 0;

@@ -77,6 +77,7 @@ Comparison compareBlocks(IImage& image, IImage& snapshot, const RestorePlan& pla
             if (!result.unreadable.empty()) {
                 return result;
             }
+            pieces.leaveOut(at, plan.margins);
             pieces.leaveOut(at, leftOut);
             if (const std::size_t equal = pieces.equalBytes(); equal < count) {
                 result.difference = at + equal;
