@@ -21,9 +21,10 @@ from lab.appliance_client import DEVICE, Appliance, NoAnswer, Unreachable
 from lab.backups import COW_MIB, Protection, size_of
 from lab.certificates import Authority, CertificateError
 from lab.certservice import HOST, CertificateService, store_device, trust
-from lab.daemon import BASE, CERTIFICATES, ROOT, Daemon, require_private_site
+from lab.daemon import BASE, CERTIFICATES, ROOT, Daemon, program, require_private_site
 from lab.https_client import BASE_URL
-from lab.images import ImageError
+from lab.image_server import address_of
+from lab.images import ImageError, entry_of, fsck, looked_into, tree_hashes
 from lab.progress import megabytes, shown_progress
 from lab.services import ServiceError
 from lab.site import DATA, FILES, WINDOWS, Site
@@ -128,6 +129,7 @@ class Tour:
         self.site = None
         self.target = None
         self.protection = None
+        self.first = None # protection, with images on the iSCSI target
         self.results = []
 
 
@@ -332,8 +334,48 @@ def back_up_elsewhere(tour):
     """FULL over the second transport, whose images have a secret each"""
     server = tour.lasting.enter_context(ZephaneServer(directory=IMAGES.mount_point))
     show(f"server: zephaned at {server.portal}, with an nbdkit for each image")
+    tour.first = tour.protection
     tour.protection = Protection(tour.protection.appliance, tour.daemon, server, [tour.site.disk["data"]])
     back_up(tour, "full", {"data": "full"}, zephane_arguments)
+
+
+def restore(secret, *words):
+    """Runs bek-restore, with the secret of the image in its environment."""
+    show_command(["bek-restore", *words])
+    done = subprocess.run([program("bek-restore"), *words], stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+                          text=True, check=False, timeout=SECONDS,
+                          env=os.environ | {"BEK_RESTORE_SECRET": secret})
+    show(done.stdout)
+    check(done.returncode == 0, f"exit status {done.returncode}")
+
+
+def bring_back_file(tour):
+    """Bring a deleted file back from its image, without the agent"""
+    address, secret = address_of(tour.protection.images["data"])
+    lost = pathlib.Path(tour.site.disk["data"].volume.mount_point, "renamed")
+    before = entry_of(lost)
+    lost.unlink()
+    show(f"{lost} is gone")
+    restore(secret, "ls", "-l", address, "/renamed")
+    restore(secret, "get", address, "/renamed", str(lost))
+    check(entry_of(lost) == before, "it isn't the file that it was")
+    show(f"{lost} is back: content, owner, mode and time are what they were")
+
+
+def bring_back_volume(tour):
+    """Write an image to a fresh partition, and compare every file"""
+    partition = tour.site.disk["files"]
+    address, secret = address_of(tour.first.images["files"])
+    volume = Volume("fresh", mebibytes=partition.volume.mebibytes)
+    fresh = tour.lasting.enter_context(Disk([volume], token="fresh", directory=IMAGES.mount_point))["fresh"]
+    restore(secret, "check", address)
+    restore(secret, "write", address, fresh.device)
+    fsck(fresh.device, "xfs")
+    with looked_into(fresh.device, "xfs") as root:
+        found, expected = tree_hashes(root), tree_hashes(partition.volume.mount_point)
+    check(found == expected, "some files aren't what they were")
+    show(f"{fresh.device}: the checker finds no error, and all {len(found)} files are those of "
+         f"{partition.volume.mount_point}")
 
 
 def stop_daemon(tour):
@@ -347,7 +389,7 @@ def stop_daemon(tour):
 
 
 STEPS = [set_up_site, start_daemon, pair, refuse_strangers, look_at_host, set_option, back_up_all,
-         back_up_changes, repair_image, back_up_elsewhere, stop_daemon]
+         back_up_changes, repair_image, back_up_elsewhere, stop_daemon, bring_back_file, bring_back_volume]
 FAILURES = (StepFailed, AssertionError, CertificateError, NoAnswer, OSError, ServiceError, Unreachable,
             ValueError, subprocess.SubprocessError)
 

@@ -141,3 +141,13 @@ class ImageServer(Service):
         """Brings back the same images under the same names; ends a server that is up first."""
         self.kill()
         return self.start()
+
+
+def address_of(image):
+    """(address, secret) of an image, as bek-restore takes them."""
+    place = image.place()
+    secret = place["password"]
+    if "username" not in place:
+        return f"zephane://{place['target']}/{place['name']}/{place['lun']}", secret
+    user = f"{place['username']}@" if place["username"] else ""
+    return f"iscsi://{user}{place['target']}/{place['name']}/{place['lun']}", secret

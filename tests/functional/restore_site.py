@@ -49,16 +49,6 @@ def refusal(*arguments, status=1, **options):
     return done.stderr
 
 
-def address_of(image):
-    """(address, secret) of an image of one of the lab's targets."""
-    place = image.place()
-    secret = place["password"]
-    if "username" not in place:
-        return f"zephane://{place['target']}/{place['name']}/{place['lun']}", secret
-    user = f"{place['username']}@" if place["username"] else ""
-    return f"iscsi://{user}{place['target']}/{place['name']}/{place['lun']}", secret
-
-
 def access_list():
     """User 1234 may read, beside the owner: as the kernel has it."""
     entries = ((1, 6, -1), (2, 4, 1234), (4, 4, -1), (16, 4, -1), (32, 0, -1))

@@ -5,9 +5,10 @@ import time
 import pytest
 
 from lab.commands import run
+from lab.image_server import address_of
 from lab.targets import Target
 from lab.volume_images import make_image, mounted
-from restore_site import MIB, address_of, refusal, restore
+from restore_site import MIB, refusal, restore
 
 UUID = "0b1c2d3e-4f50-6172-8394-a5b6c7d8e9f0"
 MAKING = {

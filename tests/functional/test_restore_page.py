@@ -10,8 +10,9 @@ from backup_site import EXT4, check
 from lab import images
 from lab.backups import capture_of
 from lab.daemon import program
+from lab.image_server import address_of
 from pages import ROOT, SH, Page, check_blocks
-from restore_site import SECRET, address_of
+from restore_site import SECRET
 
 PAGE = Page(ROOT / "docs" / "restore.md")
 VOLUMES = (EXT4,)

@@ -18,11 +18,12 @@ from backup_site import EXT4, OVER_BOTH, XFS, check, fill_some, root_of
 from lab import filesystems, images
 from lab.commands import run
 from lab.filesystems import KINDS, kind_of
+from lab.image_server import address_of
 from lab.loops import attached
 from lab.targets import Target
 from lab.volumes import probe
 from lab.volume_images import age, make_image, mounted
-from restore_site import (MIB, SECRET, address_of, begin, call, ended, manifest, populate, refusal, restore)
+from restore_site import (MIB, SECRET, begin, call, ended, manifest, populate, refusal, restore)
 
 VOLUMES = (EXT4, XFS)
 USER, PASSWORD = "agent", "twelve or more"

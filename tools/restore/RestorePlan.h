@@ -26,7 +26,8 @@ struct RestorePlan {
 
     std::uint64_t volumeBytes = 0; ///< of the file system; of the image where that doesn't tell
     std::vector<ByteRange> used;   ///< ascending, none touches the next
-    /// What of these pages is in no block in use, where blocks are smaller than pages; ascending. It is anything.
+    /// What of these pages is in no block in use, where blocks are smaller than pages; ascending. It is
+    /// anything.
     std::vector<ByteRange> margins;
     std::uint64_t usedBytes = 0; ///< of all ranges of `used`
     bool isWhole = false;        ///< it isn't certain which blocks are in use, so all of them are taken
