@@ -1,7 +1,11 @@
 """docs/restore.md: a server that has lost its disk comes back, on a machine of user-mode Linux. That has
 neither firmware nor boot loader; all else is as the page says."""
+import pytest
+
 from lab.virtual.server import UmlServer
 from server_site import DISK, KEPT, Scenario, Server
+
+pytestmark = pytest.mark.nightly # it takes four minutes
 
 
 class TestDeadServer(Scenario):
