@@ -158,7 +158,7 @@ def test_what_was_unmounted_by_hand_is_ended_by_the_next_start(ext4, directory):
     assert not servers()
 
 
-@pytest.mark.parametrize("milliseconds", (5, 20, 40, 80))
+@pytest.mark.parametrize("milliseconds", (2, 5, 10, 20, 30, 40, 60, 80, 120))
 def test_killed_at_any_time_it_leaves_nothing_that_stays(milliseconds, ext4, directory):
     view = directory / "view"
     view.mkdir()

@@ -5,10 +5,9 @@
 #include "Report.h"
 #include "app/Version.h"
 #include "info/log/LogLevel.h"
+#include "tools/common/Command.h"
 
 #include <CLI/CLI.hpp>
-#include <cstdio>
-#include <exception>
 #include <iostream>
 #include <random>
 #include <stdexcept>
@@ -27,8 +26,6 @@ INCREMENTAL still sends all that has changed. While a backup runs it does nothin
 meanwhile waits for it.
 
 Exit status: 0; 1 if it failed; 2 if the command is wrong; 3 if the image lacks what it should have.)";
-
-enum ExitStatus { done = 0, failed = 1, wrongCommand = 2, isWrong = 3 };
 
 constexpr std::uint64_t usualSample = 10000;
 constexpr std::uint64_t largestSample = 4000000;
@@ -102,7 +99,7 @@ int runAudit(const Options& options) {
         if (!std::cout.flush()) {
             throw std::runtime_error("standard output can't be written");
         }
-        return result.isClean() ? done : isWrong;
+        return result.isClean() ? tools::done : tools::differs;
     } catch (...) {
         log.printErrors();
         throw;
@@ -121,27 +118,14 @@ int runCommand(int argc, char** argv) {
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? done : wrongCommand;
+        return app.exit(error) == 0 ? tools::done : tools::wrongCommand;
     }
-    try {
-        return runAudit(options);
-    } catch (const std::invalid_argument& error) {
-        std::cerr << programName << ": " << error.what() << '\n';
-        return wrongCommand;
-    } catch (const std::exception& error) {
-        std::cerr << programName << ": " << error.what() << '\n';
-        return failed;
-    }
+    return runAudit(options);
 }
 
 } // namespace
 } // namespace audit
 
 int main(int argc, char** argv) {
-    try {
-        return audit::runCommand(argc, argv);
-    } catch (const std::exception& error) {
-        std::fprintf(stderr, "%s: %s\n", audit::programName, error.what());
-        return audit::failed;
-    }
+    return tools::statusOf(audit::programName, [&] { return audit::runCommand(argc, argv); });
 }

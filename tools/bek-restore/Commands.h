@@ -1,21 +1,17 @@
 #pragma once
 
+#include "tools/common/Command.h"
+
 #include <CLI/CLI.hpp>
-#include <functional>
 
 /// One source a command: what can be said to it, and what it does.
 namespace restore {
 
-enum ExitStatus {
-    done = 0,
-    failed = 1, ///< a text on standard error says why
-    wrongCommand = 2,
-    differs = 3, ///< it did what it was asked to, and found an image that isn't as it should be
-};
-
-/// What a command does once the whole command line is known. Returns an exit status, or throws
-/// std::exception.
-using Run = std::function<int()>;
+using tools::differs;
+using tools::done;
+using tools::failed;
+using tools::Run;
+using tools::wrongCommand;
 
 /// Each declares a command, which leaves in `chosen` what it does if it is the one that was called.
 void declareInfo(CLI::App& app, Run& chosen);

@@ -4,10 +4,6 @@
 #include "Common.h"
 #include "app/Version.h"
 
-#include <cstdio>
-#include <exception>
-#include <iostream>
-
 namespace restore {
 namespace {
 
@@ -39,25 +35,12 @@ int run(int argc, char** argv) {
     } catch (const CLI::ParseError& error) {
         return app.exit(error) == 0 ? done : wrongCommand;
     }
-    try {
-        return chosen();
-    } catch (const std::invalid_argument& error) {
-        std::cerr << programName << ": " << error.what() << '\n';
-        return wrongCommand;
-    } catch (const std::exception& error) {
-        std::cerr << programName << ": " << error.what() << '\n';
-        return failed;
-    }
+    return chosen();
 }
 
 } // namespace
 } // namespace restore
 
 int main(int argc, char** argv) {
-    try {
-        return restore::run(argc, argv);
-    } catch (const std::exception& error) {
-        std::fprintf(stderr, "%s: %s\n", restore::programName, error.what());
-        return restore::failed;
-    }
+    return tools::statusOf(restore::programName, [&] { return restore::run(argc, argv); });
 }

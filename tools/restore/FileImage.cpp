@@ -1,5 +1,6 @@
 #include "FileImage.h"
 
+#include "DirectAccess.h"
 #include "Reading.h"
 #include "common/PosixError.h"
 
@@ -57,7 +58,7 @@ void FileImage::read(std::span<std::byte> into, std::uint64_t offset) {
     while (!into.empty()) {
         const ::ssize_t got =
             ::pread(file.get(), into.data(), into.size(), static_cast<::off_t>(begin + offset));
-        if (got < 0 && (errno == EINTR || (errno == EINVAL && readThroughCache()))) {
+        if (got < 0 && (errno == EINTR || (errno == EINVAL && endDirectAccess(file)))) {
             continue;
         }
         if (got < 0) {
@@ -69,13 +70,6 @@ void FileImage::read(std::span<std::byte> into, std::uint64_t offset) {
         into = into.subspan(static_cast<std::size_t>(got));
         offset += static_cast<std::uint64_t>(got);
     }
-}
-
-/// Where an image begins or ends in the middle of one of the device's blocks. False if that has been done
-/// before.
-bool FileImage::readThroughCache() {
-    const int flags = ::fcntl(file.get(), F_GETFL);
-    return flags >= 0 && (flags & O_DIRECT) != 0 && ::fcntl(file.get(), F_SETFL, flags & ~O_DIRECT) == 0;
 }
 
 } // namespace restore

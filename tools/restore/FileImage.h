@@ -20,8 +20,6 @@ public:
     [[nodiscard]] std::string name() const override { return path; }
 
 private:
-    bool readThroughCache();
-
     std::string path;
     std::uint64_t begin;
     os::FileDescriptor file;

@@ -1,5 +1,6 @@
 #include "TargetDevice.h"
 
+#include "DirectAccess.h"
 #include "common/PosixError.h"
 #include "os/AlignedBuffer.h"
 
@@ -51,6 +52,11 @@ os::FileDescriptor openExclusively(const std::string& path, bool isFile, bool ma
         throw agent::PosixError(path + " can't be opened for writing", errno);
     }
     return device;
+}
+
+/// After a call that has failed: whether the next one may do better.
+bool canGoOn(const os::FileDescriptor& device) {
+    return errno == EINTR || (errno == EINVAL && endDirectAccess(device));
 }
 
 std::uint64_t sizeOfDevice(const os::FileDescriptor& device, const std::string& path) {
@@ -135,7 +141,7 @@ std::optional<Marker> TargetDevice::marker() const {
 void TargetDevice::read(std::span<std::byte> into, std::uint64_t offset) const {
     while (!into.empty()) {
         const ::ssize_t got = ::pread(device.get(), into.data(), into.size(), static_cast<::off_t>(offset));
-        if (got <= 0 && !(got < 0 && errno == EINTR)) {
+        if (got <= 0 && !(got < 0 && canGoOn(device))) {
             throw agent::PosixError("reading " + name + " at byte " + std::to_string(offset) + " failed",
                                     got == 0 ? EIO : errno);
         }
@@ -148,7 +154,7 @@ void TargetDevice::read(std::span<std::byte> into, std::uint64_t offset) const {
 void TargetDevice::write(std::span<const std::byte> from, std::uint64_t offset) {
     while (!from.empty()) {
         const ::ssize_t put = ::pwrite(device.get(), from.data(), from.size(), static_cast<::off_t>(offset));
-        if (put <= 0 && !(put < 0 && errno == EINTR)) {
+        if (put <= 0 && !(put < 0 && canGoOn(device))) {
             throw agent::PosixError("writing " + name + " at byte " + std::to_string(offset) + " failed",
                                     put == 0 ? ENOSPC : errno);
         }

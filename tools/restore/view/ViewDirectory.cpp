@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
@@ -30,7 +31,7 @@ using nlohmann::json;
 
 constexpr const char* base = "/run/bek-restore";
 constexpr int endMilliseconds = 10'000;
-constexpr std::array<const char*, 3> files{"state", "log", "ready"};
+constexpr std::array<const char*, 4> files{"state", "state.new", "log", "ready"};
 constexpr std::array<const char*, 2> directories{"view", "root"};
 
 /// One at a time makes a place or clears those of the dead: a new one isn't taken for a dead one's before it
@@ -113,6 +114,32 @@ std::vector<std::string> places() {
     return found;
 }
 
+bool holdsOpen(const fs::path& process, const std::string& place) {
+    std::error_code error;
+    for (const fs::directory_entry& descriptor : fs::directory_iterator(process / "fd", error)) {
+        std::error_code gone;
+        if (fs::read_symlink(descriptor.path(), gone) == place) {
+            return true;
+        }
+    }
+    return false;
+}
+
+/// Whoever serves a view holds its place open, also one whose number nobody has come to write down.
+void endHolders(const std::string& place) {
+    std::error_code error;
+    for (const fs::directory_entry& process : fs::directory_iterator("/proc", error)) {
+        const std::string name = process.path().filename().string();
+        if (name.find_first_not_of("0123456789") != std::string::npos || !holdsOpen(process.path(), place)) {
+            continue;
+        }
+        const std::optional<ProcessId> holder = ProcessId::of(static_cast<pid_t>(std::stol(name)));
+        if (holder && *holder != ProcessId::self()) {
+            endProcess(*holder);
+        }
+    }
+}
+
 void clearIfLeft(const std::string& place) {
     if (const os::FileDescriptor held = openLocked(place)) {
         removePlace(place);
@@ -120,7 +147,7 @@ void clearIfLeft(const std::string& place) {
     }
     const std::optional<ViewState> state = readState(place);
     if (state && !state->owner.isAlive() && !isLoopDevice(state->loop, place)) {
-        endProcess(state->server);
+        endHolders(place);
         removePlace(place);
     }
 }
@@ -166,6 +193,10 @@ ViewDirectory::ViewDirectory() {
             throw agent::PosixError(place + " can't be used", reason);
         }
     }
+    // While nobody else looks: from here on it is known whose it is, whenever that is killed.
+    ViewState begun;
+    begun.owner = ProcessId::self();
+    write(begun);
 }
 
 ViewDirectory::~ViewDirectory() {
@@ -184,9 +215,9 @@ void ViewDirectory::write(const ViewState& state) const {
                         {"loop", state.loop},
                         {"image", state.image},
                         {"mountPoint", state.mountPoint}};
-    std::ofstream file(path("state"), std::ios::trunc);
+    std::ofstream file(path("state.new"), std::ios::trunc);
     file << document.dump(2, ' ', false, json::error_handler_t::replace) << '\n';
-    if (!file.flush()) {
+    if (!file.flush() || ::rename(path("state.new").c_str(), path("state").c_str()) != 0) {
         throw std::runtime_error(path("state") + " can't be written");
     }
 }

@@ -33,7 +33,7 @@ struct ViewState {
 /// A place of its own for each view of an image, below /run/bek-restore:
 ///     view/    where nbdfuse shows the image, in its own mount namespace only
 ///     root/    where the file system is mounted, in a mount namespace only
-///     state    a ViewState, as JSON
+///     state    a ViewState, as JSON; there from the beginning, and replaced as a whole
 ///     log      what the server has printed
 ///     ready    the server's process number, once it serves
 /// Each process that serves the view holds a lock on it, so a view without a lock is a dead one's.
