@@ -114,23 +114,33 @@ std::vector<std::string> places() {
     return found;
 }
 
-bool holdsOpen(const fs::path& process, const std::string& place) {
+bool isSame(const struct ::stat& one, const struct ::stat& other) {
+    return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
+}
+
+/// By what it is, as its name looks different in the mounts of each server.
+bool holdsOpen(const fs::path& process, const struct ::stat& place) {
     std::error_code error;
     for (const fs::directory_entry& descriptor : fs::directory_iterator(process / "fd", error)) {
-        std::error_code gone;
-        if (fs::read_symlink(descriptor.path(), gone) == place) {
+        struct ::stat status{};
+        if (::stat(descriptor.path().c_str(), &status) == 0 && isSame(status, place)) {
             return true;
         }
     }
     return false;
 }
 
-/// Whoever serves a view holds its place open, also one whose number nobody has come to write down.
+/// Whoever serves a view holds its place open, also one whose number nobody has come to write down, or who
+/// hasn't noticed that its parent is gone.
 void endHolders(const std::string& place) {
+    struct ::stat status{};
+    if (::stat(place.c_str(), &status) != 0) {
+        return;
+    }
     std::error_code error;
     for (const fs::directory_entry& process : fs::directory_iterator("/proc", error)) {
         const std::string name = process.path().filename().string();
-        if (name.find_first_not_of("0123456789") != std::string::npos || !holdsOpen(process.path(), place)) {
+        if (name.find_first_not_of("0123456789") != std::string::npos || !holdsOpen(process.path(), status)) {
             continue;
         }
         const std::optional<ProcessId> holder = ProcessId::of(static_cast<pid_t>(std::stol(name)));
@@ -201,6 +211,7 @@ ViewDirectory::ViewDirectory() {
 
 ViewDirectory::~ViewDirectory() {
     if (!isKept) {
+        endHolders(place);
         removePlace(place);
     }
 }
@@ -235,6 +246,7 @@ std::vector<MountedView> mountedViews() {
 void endView(const std::string& place, const ViewState& state) {
     const os::FileDescriptor all = lockBase();
     endProcess(state.server);
+    endHolders(place);
     removePlace(place);
 }
 
