@@ -327,7 +327,7 @@ def test_export_of_another_server(ext4_image, directory):
     image, expected = ext4_image
     (directory / "new").touch()
     with subprocess.Popen(["nbdkit", "-f", "-U", directory / "socket", "--filter=error", "file", image,
-                           "error-pread-rate=5%"], stderr=subprocess.DEVNULL) as server:
+                           "error-pread-rate=0.5%"], stderr=subprocess.DEVNULL) as server:
         try:
             while not (directory / "socket").exists():
                 time.sleep(0.01)
