@@ -8,10 +8,10 @@ from lab.volumes import Volume
 from restore_site import restore
 
 VOLUMES = (Volume("windows", "ntfs", mebibytes=300, mount_point="/mnt/windows"),
-           Volume("STICK", "vfat", mebibytes=300, mount_point="/mnt/stick", making=("-s", "2")))
+           Volume("NO NAME", "vfat", mebibytes=300, mount_point="/mnt/stick", making=("-s", "2")))
 
 
-@pytest.mark.parametrize("name", ["windows", "STICK"])
+@pytest.mark.parametrize("name", ["windows", "NO NAME"])
 def test_volume_of_a_backup(protect, volumes, name, directory):
     """In full, changed, and once more; then to a new file, and each file is what it was."""
     fill_some(volumes, [name], "a")

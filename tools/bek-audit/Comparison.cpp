@@ -98,6 +98,7 @@ std::vector<std::uint64_t> findDiffering(const std::vector<Lane>& lanes,
                                          const std::function<void(std::uint64_t done)>& progress) {
     Work work(piecesOf(pages), interrupt, progress);
     std::vector<std::future<void>> running;
+    running.reserve(lanes.size());
     for (const Lane& lane : lanes) {
         running.push_back(std::async(std::launch::async, [&work, &lane] { work.run(lane); }));
     }

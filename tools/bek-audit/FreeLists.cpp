@@ -75,6 +75,7 @@ std::vector<std::uint32_t> FreeLists::read(std::uint32_t group) {
     const std::size_t first = bigEndian<std::uint32_t>(info, agf::flFirst);
     const std::size_t count = std::min<std::size_t>(bigEndian<std::uint32_t>(info, agf::flCount), entries);
     std::vector<std::uint32_t> blocks;
+    blocks.reserve(count);
     for (std::size_t index = 0; index < count; ++index) {
         blocks.push_back(
             bigEndian<std::uint32_t>(ring, before + (first + index) % entries * sizeof(std::uint32_t)));

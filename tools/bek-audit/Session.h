@@ -24,7 +24,7 @@ class Session {
 public:
     using Volume = std::shared_ptr<agent::info::BackupableVolume>;
 
-    Session(agent::info::Logger& logger, Volume volume);
+    Session(agent::info::Logger& logger, Volume given);
     Session(const Session&) = delete;
     Session& operator=(const Session&) = delete;
     ~Session();

@@ -43,6 +43,7 @@ void Strata::walk(const Visit& visit) const {
         unchanged.emplace(*layers.unchanged);
     }
     std::vector<Cursor> files;
+    files.reserve(layers.files.size());
     for (const Layer& file : layers.files) {
         files.emplace_back(*file);
     }

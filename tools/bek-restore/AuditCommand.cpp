@@ -26,6 +26,7 @@ int audit(std::vector<std::string> arguments) {
     const std::string program = auditProgram();
     arguments.insert(arguments.begin(), program);
     std::vector<char*> words;
+    words.reserve(arguments.size() + 1);
     for (std::string& argument : arguments) {
         words.push_back(argument.data());
     }

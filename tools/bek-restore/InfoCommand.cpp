@@ -181,6 +181,7 @@ int showImage(ImageOptions options) {
         printImage(options, info);
     } else {
         std::vector<std::pair<std::string, view::Found>> places;
+        places.reserve(info.partitions.size());
         for (const view::Found& each : info.partitions) {
             places.emplace_back(std::to_string(each.offset), each);
         }

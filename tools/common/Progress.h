@@ -28,8 +28,8 @@ public:
     /// On standard error, if that is a terminal.
     static Progress ofStandardError();
 
-    /// `what` names the work; with another name another work begins.
-    void show(const std::string& what, std::uint64_t done, std::uint64_t all,
+    /// With another name another work begins.
+    void show(const std::string& name, std::uint64_t done, std::uint64_t all,
               Clock::time_point now = Clock::now());
 
 private:

@@ -50,9 +50,10 @@ std::uint64_t sizeOf(const os::FileDescriptor& file, const std::string& path) {
 } // namespace
 
 FileImage::FileImage(std::string path, std::uint64_t offset)
-    : path(std::move(path)), begin(offset), file(openForReading(this->path)) {
-    bytes = bytesBehind(this->path, sizeOf(file, this->path), begin) / sectorBytes * sectorBytes;
-}
+    : path(std::move(path)),
+      begin(offset),
+      file(openForReading(this->path)),
+      bytes(bytesBehind(this->path, sizeOf(file, this->path), begin) / sectorBytes * sectorBytes) {}
 
 void FileImage::read(std::span<std::byte> into, std::uint64_t offset) {
     while (!into.empty()) {

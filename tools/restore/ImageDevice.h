@@ -24,8 +24,8 @@ public:
     [[nodiscard]] std::uint64_t getSize() const override { return image.size(); }
 
 private:
-    /// The bytes of the window that holds `position`, from there on; empty at the image's end.
-    std::span<const std::byte> windowAt(std::uint64_t position);
+    /// The bytes of the window that holds `place`, from there on; empty at the image's end.
+    std::span<const std::byte> windowAt(std::uint64_t place);
 
     agent::info::Logger& logger;
     IImage& image;

@@ -15,6 +15,10 @@ public:
     /// Logs in. The logger, which has to outlive it, says what goes wrong. Throws std::runtime_error if that
     /// can't be done, or if the LUN ends before the image begins.
     IscsiImage(agent::info::Logger& logger, const ImageAddress& address, std::string password);
+    IscsiImage(const IscsiImage&) = delete;
+    IscsiImage& operator=(const IscsiImage&) = delete;
+    IscsiImage(IscsiImage&&) = delete;
+    IscsiImage& operator=(IscsiImage&&) = delete;
     ~IscsiImage() override;
 
     [[nodiscard]] std::uint64_t size() const override { return bytes; }

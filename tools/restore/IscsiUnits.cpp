@@ -58,6 +58,7 @@ std::vector<int> findUnits(const ImageAddress& address, const std::string& passw
         giveUp(address, context);
     }
     std::vector<int> units;
+    units.reserve(list->num);
     for (std::uint32_t index = 0; index < list->num; ++index) {
         units.push_back(
             list->luns[index]); // NOLINT(cppcoreguidelines-pro-bounds-*): as long as the task says

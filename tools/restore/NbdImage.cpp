@@ -54,9 +54,8 @@ void NbdImage::Close::operator()(nbd_handle* connection) const noexcept {
     ::nbd_close(connection);
 }
 
-NbdImage::NbdImage(std::string uri, std::uint64_t offset) : uri(std::move(uri)), begin(offset) {
-    bytes = bytesBehind(this->uri, connect(), begin);
-}
+NbdImage::NbdImage(std::string uri, std::uint64_t offset)
+    : uri(std::move(uri)), begin(offset), bytes(bytesBehind(this->uri, connect(), begin)) {}
 
 NbdImage::~NbdImage() = default;
 

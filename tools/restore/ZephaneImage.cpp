@@ -27,14 +27,13 @@ std::unique_ptr<zephane::SocketImpl> makeSocket() {
 } // namespace
 
 ZephaneImage::ZephaneImage(const ImageAddress& address, std::string secret)
-    : address(address), secret(std::move(secret)) {
-    connect();
-    bytes = bytesBehind(address.text, client->size(), address.offset);
-}
+    : address(address),
+      secret(std::move(secret)),
+      bytes(bytesBehind(address.text, connect(), address.offset)) {}
 
 ZephaneImage::~ZephaneImage() = default;
 
-void ZephaneImage::connect() {
+std::uint64_t ZephaneImage::connect() {
     auto candidate = std::make_unique<zephane::ZephaneFTPClient>(
         makeSocket(), address.host, address.port, address.path, address.volumeId, compressFlag, secret);
     const zephane::Status status = candidate->open();
@@ -42,6 +41,7 @@ void ZephaneImage::connect() {
         throw std::runtime_error("the image " + address.text + " can't be reached: " + status.text);
     }
     client = std::move(candidate);
+    return client->size();
 }
 
 void ZephaneImage::read(std::span<std::byte> into, std::uint64_t offset) {

@@ -26,7 +26,8 @@ public:
     [[nodiscard]] std::string name() const override { return address.text; }
 
 private:
-    void connect();
+    /// Returns the bytes of what the server has.
+    std::uint64_t connect();
     void tryRead(std::span<std::byte> into, std::uint64_t offset);
 
     ImageAddress address;
