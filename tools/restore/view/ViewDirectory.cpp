@@ -210,9 +210,15 @@ ViewDirectory::ViewDirectory() {
 }
 
 ViewDirectory::~ViewDirectory() {
-    if (!isKept) {
+    if (isKept) {
+        return;
+    }
+    try {
+        // Another bek-restore that looks for remains has the place open for a moment, and isn't meant.
+        const os::FileDescriptor all = lockBase();
         endHolders(place);
         removePlace(place);
+    } catch (const std::exception&) { // without the lock nobody is ended; the next start clears what is left
     }
 }
 
