@@ -24,6 +24,7 @@ class Step:
     progress: Path = None   # the file in which the command says "N/M", if not its output
     shown: str = ""         # a pattern of lines of the output that are shown also if all is well
     seconds: int = field(default=0, init=False)
+    computed: int = field(default=0, init=False) # seconds of all processors together
     passed: int = field(default=0, init=False)
     failed: int = field(default=0, init=False)
 
@@ -41,8 +42,10 @@ class Step:
 
     def wait(self):
         """Waits for the end of the command. Returns whether it was well."""
-        status = self.process.wait()
+        _, status, usage = os.wait4(self.process.pid, 0)
+        self.process.returncode = status = os.waitstatus_to_exitcode(status)
         self.seconds = int(time.monotonic() - self.begin)
+        self.computed = int(usage.ru_utime + usage.ru_stime)
         self._count(status)
         return status == 0
 

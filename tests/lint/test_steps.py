@@ -58,13 +58,13 @@ def shell(name, script, **options):
 
 def test_a_good_step_is_one_line(run):
     assert run([[shell("one", "echo noise")]]) == (
-        True, "one begins\none: 0 s\nall: 1 of 1 steps in 0 s\n0 passed, 0 failed\n")
+        True, "one begins\none: 0 s, 0 s of the processors\nall: 1 of 1 steps in 0 s\n0 passed, 0 failed\n")
 
 
 def test_a_failing_step_shows_its_output_and_counts(run):
     assert run([[shell("one", "echo noise; exit 3")]]) == (
-        False, "one begins\nnoise\none: FAILED after 0 s\n    0 passed, 1 failed\nall: 1 of 1 steps in 0 s\n"
-               "0 passed, 1 failed\n")
+        False, "one begins\nnoise\none: FAILED after 0 s, 0 s of the processors\n    0 passed, 1 failed\n"
+               "all: 1 of 1 steps in 0 s\n0 passed, 1 failed\n")
 
 
 @pytest.mark.parametrize("more, status, passed, failed", [("", 0, 2, 0), (FAILED, 1, 2, 1), ("", 139, 2, 1)])
@@ -95,6 +95,14 @@ def test_a_failed_test_keeps_no_other_from_running(run, tmp_path):
     assert (is_well, output.splitlines()[-1]) == (False, "1 passed, 1 failed")
 
 
+def test_what_a_step_computes_is_counted_with_its_children(tmp_path):
+    step = shell("one", "sh -c 'while [ $(cut -d. -f1 /proc/uptime) -lt $1 ]; do :; done' - "
+                        "$(($(cut -d. -f1 /proc/uptime) + 4)); sleep 1")
+    step.start(tmp_path, tmp_path / "log")
+    assert step.wait()
+    assert 1 <= step.computed < step.seconds
+
+
 def test_lanes_run_side_by_side(run):
     lanes = [[[shell("one", f"touch one; {AWAIT.format('two')}")]],
              [[shell("two", f"{AWAIT.format('one')} && touch two")]]]
@@ -108,8 +116,8 @@ def test_steps_are_as_nice_as_they_should_be(run):
 
 def test_what_is_to_be_shown_is_shown_of_a_good_step(run):
     step = shell("fuzz", "echo noise; echo units: 12", shown="units", is_test=True)
-    assert run([[step]])[1] == ("fuzz begins\nunits: 12\nfuzz: 0 s\n    1 passed, 0 failed\n"
-                                "all: 1 of 1 steps in 0 s\n1 passed, 0 failed\n")
+    assert run([[step]])[1] == ("fuzz begins\nunits: 12\nfuzz: 0 s, 0 s of the processors\n"
+                                "    1 passed, 0 failed\nall: 1 of 1 steps in 0 s\n1 passed, 0 failed\n")
 
 
 def test_elsewhere_a_line_now_and_then_says_what_runs_and_how_far_it_is(run):
@@ -132,7 +140,7 @@ def test_a_person_sees_what_runs_and_how_far_it_is(run):
     after = shell("go", "sleep 1; touch go")
     output = run([[step]], [[after]], output=Terminal())[1]
     assert re.search(r"\r\x1b\[K0 of 2 steps, 0 s: [^\r]*build 0 s \(3/70\)", output)
-    assert re.search(r"\r\x1b\[Kbuild: 0 s\n", output)
+    assert re.search(r"\r\x1b\[Kbuild: 0 s, 0 s of the processors\n", output)
     assert output.endswith("\r\x1b[Kall: 2 of 2 steps in 0 s\n0 passed, 0 failed\n")
     assert "begins" not in output
 
