@@ -1,5 +1,9 @@
 """Files of an image, listed and brought back with all that belongs to them."""
+import contextlib
 import os
+import pty
+import re
+import select
 import signal
 import stat
 import subprocess
@@ -225,6 +229,27 @@ def test_over_iscsi(whole, directory):
         address = f"iscsi://{target.portal}/{target.name}/{served.lun}"
         restore("get", address, "owned", directory / "owned")
     assert (directory / "owned").read_text() == "owned"
+
+
+def test_a_terminal_sees_how_far_it_is(directory):
+    """And that what is said next begins a line of its own."""
+    def fill_half(root):
+        (root / "full").write_bytes(os.urandom(8 << 20))
+        os.link(root / "full", root / "again")
+        with open(root / "sparse", "wb") as file:
+            file.truncate(1 << 30)
+
+    image = make_image(directory, "ext4", fill_half)
+    child, terminal = pty.fork()
+    if child == 0:
+        os.execv(program("bek-restore"), ["bek-restore", "get", image, "/", str(directory / "back")])
+    shown = b""
+    with contextlib.suppress(OSError): # the terminal's end
+        while select.select([terminal], [], [], SECONDS)[0]:
+            shown += os.read(terminal, 4096)
+    assert os.waitpid(child, 0)[1] == 0, shown
+    assert re.search(rb"copying  \d+ %  .* of 8\.4 MB", shown), shown
+    assert shown.endswith(b"\r\x1b[K")
 
 
 @pytest.mark.parametrize("number", (signal.SIGKILL, signal.SIGTERM, signal.SIGINT))

@@ -20,6 +20,22 @@ SECONDS = 1800
 PROMPT = "db1 login:"
 APPLIANCE = "127.0.0.1 appliance.example.org\n"
 PACKAGES = ("bek-restore", "libzephane0")
+# The timer of one comes at once.
+AUDITS = """set -e
+mkdir -p /etc/tolvu/bek/audit /etc/systemd/system/bek-audit@data.timer.d
+echo 'VOLUME=/
+IMAGE=/kept/images/root' >/etc/tolvu/bek/audit/root.conf
+echo 'VOLUME=/data
+IMAGE=/kept/images/data' >/etc/tolvu/bek/audit/data.conf
+echo '[Timer]
+OnCalendar=
+OnActiveSec=1
+RandomizedDelaySec=0' >/etc/systemd/system/bek-audit@data.timer.d/soon.conf
+systemctl daemon-reload
+systemctl enable --now bek-audit@root.timer
+systemctl start bek-audit@root
+systemctl start bek-audit@data.timer
+"""
 
 
 def blocks(title, *kinds):
@@ -64,6 +80,13 @@ class Server:
             text = (self.machine.directory / "console").read_bytes()[self._console:]
             return PROMPT in text.decode(errors="replace")
         wait_until(is_there, SECONDS, "a prompt to log in at")
+
+    def wait_for_line(self, unit, text):
+        """In what a unit has told the journal."""
+        def is_there():
+            told = self.machine.run("journalctl", f"--unit={unit}", "--output=cat", check=False).stdout
+            return text in told
+        wait_until(is_there, SECONDS, f"{text!r} from {unit}")
 
     def lose_disk(self, size):
         """All at once, as disks do."""
@@ -184,6 +207,18 @@ class Scenario:
         [reasons] = check_blocks(first[1:], server.execute)
         assert len(re.findall("DIFFERENTIAL MERGE", reasons)) >= len(types), reasons
         server.inside("change", 4)
+        assert set(server.backup("incremental")["types"].values()) == {"incremental"}
+
+    def test_its_images_are_audited(self, server):
+        """Those of its logical volumes, one by hand and one by its timer; and the backups go on as before."""
+        installation.install(server.machine, installation.packages(PACKAGES))
+        server.machine.run(AUDITS, timeout=SECONDS)
+        for name in ("root", "data"):
+            server.wait_for_line(f"bek-audit@{name}", "Nothing is wrong in the sample.")
+        told = server.machine.run("journalctl", "--unit=bek-audit@*", "--output=cat").stdout
+        assert len(re.findall("^unchanged +[1-9][0-9]* of .*, 0 differ;", told, re.MULTILINE)) == 2, told
+        assert server.machine.run("systemctl", "is-active", "bek-audit@root.timer").stdout == "active\n"
+        server.inside("change", 5)
         assert set(server.backup("incremental")["types"].values()) == {"incremental"}
 
 

@@ -1,5 +1,6 @@
 #include "Commands.h"
 #include "Common.h"
+#include "CopyProgress.h"
 #include "tools/restore/view/Attributes.h"
 #include "tools/restore/view/Entry.h"
 #include "tools/restore/view/PrivateView.h"
@@ -37,6 +38,15 @@ struct Source {
 
     [[nodiscard]] std::string prefix() const {
         return "/proc/self/fd/" + std::to_string(directory.get()) + "/";
+    }
+
+    [[nodiscard]] std::vector<std::string> paths() const {
+        std::vector<std::string> all;
+        all.reserve(names.size());
+        for (const std::string& name : names) {
+            all.push_back(prefix() + name);
+        }
+        return all;
     }
 };
 
@@ -91,14 +101,19 @@ view::Start copyOf(const Source& source, const GetOptions& options) {
         start.command.emplace_back("--remove-destination");
     }
     start.command.emplace_back("--");
-    for (const std::string& name : source.names) {
-        start.command.push_back(source.prefix() + name);
-    }
+    const std::vector<std::string> paths = source.paths();
+    start.command.insert(start.command.end(), paths.begin(), paths.end());
     if (!source.isPartOfTop) {
         start.command.push_back(options.destination);
     }
     start.kept = source.directory.get();
     return start;
+}
+
+view::Outcome runCopy(const Source& source, const GetOptions& options) {
+    CopyProgress progress(source.paths());
+    return view::runProgram(copyOf(source, options), std::nullopt,
+                            [&progress](pid_t program) { progress.show(program); });
 }
 
 /// The words of cp, with the paths as they are in the image.
@@ -121,7 +136,7 @@ void copy(const Source& source, const GetOptions& options) {
         fs::create_directory(options.destination);
     }
     if (!source.names.empty()) {
-        const view::Outcome outcome = view::runProgram(copyOf(source, options), std::nullopt);
+        const view::Outcome outcome = runCopy(source, options);
         if (outcome.status != 0) {
             complain(outcome.output, source, options.path);
             throw std::runtime_error("not all of " + options.path + " could be brought to " +

@@ -28,6 +28,7 @@ public:
     /// On standard error, if that is a terminal.
     static Progress ofStandardError();
 
+    [[nodiscard]] bool isShown() const { return columns != 0; }
     /// With another name another work begins.
     void show(const std::string& name, std::uint64_t done, std::uint64_t all,
               Clock::time_point now = Clock::now());

@@ -26,6 +26,7 @@ using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
 constexpr milliseconds pollPause(10);
+constexpr milliseconds watchPause(200);
 constexpr milliseconds endPatience(10'000);
 constexpr std::size_t mostOutput = 256UL * 1024;
 constexpr int statusOfSignal = 128;
@@ -135,12 +136,10 @@ bool drain(int pipe, std::string& output) {
     return count > 0 || (count < 0 && errno == EINTR);
 }
 
-int millisecondsLeft(std::optional<Clock::time_point> deadline) {
-    if (!deadline) {
-        return -1;
-    }
-    const auto left = std::chrono::duration_cast<milliseconds>(*deadline - Clock::now()).count();
-    return static_cast<int>(std::clamp<std::int64_t>(left, 0, 1'000'000'000));
+/// How long to wait for what a program prints.
+int nextPause(Clock::time_point deadline) {
+    const auto left = std::chrono::duration_cast<milliseconds>(deadline - Clock::now());
+    return static_cast<int>(std::clamp(left, milliseconds(0), watchPause).count());
 }
 
 } // namespace
@@ -199,7 +198,7 @@ void Program::kill() {
     }
 }
 
-Outcome runProgram(Start start, std::optional<milliseconds> limit) {
+Outcome runProgram(Start start, std::optional<milliseconds> limit, const std::function<void(pid_t)>& watch) {
     std::array<int, 2> ends{};
     if (::pipe2(ends.data(), O_CLOEXEC) != 0) {
         throw agent::PosixError("there is no pipe to be had", errno);
@@ -210,13 +209,15 @@ Outcome runProgram(Start start, std::optional<milliseconds> limit) {
     start.endsWithUs = true;
     Program program(start);
     writing.reset();
-    const std::optional<Clock::time_point> deadline =
-        limit ? std::optional(Clock::now() + *limit) : std::nullopt;
+    const Clock::time_point deadline = limit ? Clock::now() + *limit : Clock::time_point::max();
     Outcome outcome;
     ::pollfd ready{reading.get(), POLLIN, 0};
     while (true) {
-        const int count = ::poll(&ready, 1, millisecondsLeft(deadline));
-        if (count == 0) {
+        if (watch) {
+            watch(program.pid());
+        }
+        const int count = ::poll(&ready, 1, nextPause(deadline));
+        if (count == 0 && Clock::now() >= deadline) {
             program.kill();
             throw std::runtime_error(start.command.front() + " took longer than " +
                                      tools::durationText(static_cast<double>(limit->count()) / 1000));

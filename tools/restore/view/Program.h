@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -70,8 +71,10 @@ struct Outcome {
 };
 
 /// Runs a program to its end, and kills it if it takes longer than `limit`, which is std::runtime_error then.
-/// It ends with us, but for what it leaves in the background itself. `start.output` is ours to set.
-Outcome runProgram(Start start, std::optional<std::chrono::milliseconds> limit);
+/// It ends with us, but for what it leaves in the background itself. `start.output` is ours to set. `watch`
+/// is called a few times a second while it runs.
+Outcome runProgram(Start start, std::optional<std::chrono::milliseconds> limit,
+                   const std::function<void(pid_t)>& watch = {});
 
 /// The last line of what a program has printed that says something, without control characters.
 std::string lastWords(const std::string& output);
