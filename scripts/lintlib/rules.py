@@ -11,6 +11,7 @@ import tokenize
 
 from lintlib import clang
 from lintlib.tree import Finding, block_from, line_of
+from looklib import includes
 
 # The layers below src/, lowest first: a folder includes itself and what stands above it in this list. A file
 # belongs to the deepest listed folder that contains it.
@@ -131,6 +132,13 @@ def pictured_layers(lines):
     below = itertools.dropwhile(lambda row: not row[1].startswith("```"), section)
     block = itertools.takewhile(lambda row: not row[1].startswith("```"), itertools.islice(below, 1, None))
     return [(number, name[1]) for number, line in block if (name := re.match(r" (\w\S*)", line))]
+
+
+def check_includes(tree):
+    """The picture of the includes shows those that there are."""
+    shown = next((file.text for file in tree.files if file.path == includes.PICTURE), "")
+    if includes.told(includes.edges_of(tree)) not in shown:
+        yield Finding(includes.PICTURE, 1, "includes", "run scripts/look --picture")
 
 
 def check_wrapped(tree):
@@ -401,6 +409,7 @@ RULES = {
     "format": check_format,
     "layers": check_layers,
     "picture": check_picture,
+    "includes": check_includes,
     "wrapped": check_wrapped,
     "guards": check_guards,
     "labels": check_labels,

@@ -15,6 +15,7 @@ sys.path.insert(0, str(ROOT / "scripts"))
 from lintlib.joined import alike  # noqa: E402
 from lintlib.rules import LAYERS  # noqa: E402
 from lintlib.tree import Tree  # noqa: E402
+from looklib.includes import edges_of, told  # noqa: E402
 
 LINT = ROOT / "scripts/lint"
 FORMAT = ROOT / "scripts/format"
@@ -67,6 +68,7 @@ BROKEN = [
     ("picture", "docs/architecture.md", PICTURE.replace("  |\n", " top\n"), 7),
     ("picture", "docs/architecture.md", PICTURE.replace("```\n\n", " new\n```\n\n"), 7 + len(LAYERS)),
     ("picture", "docs/architecture.md", "# A\n", 1),
+    ("includes", "docs/includes.svg", told([("src/info", "src/common")]), 1),
     ("wrapped", "src/common/Disk.cpp", "// A disk.\n#include <iscsi/iscsi.h>\n", 2),
     ("wrapped", "tests/unit/Disk.cpp", "#include <iscsi/scsi-lowlevel.h>\n", 1),
     ("guards", "src/common/Bare.h", "\nint bare();\n", 2),
@@ -166,6 +168,11 @@ def write_tree(root, files):
             (root / path).chmod(0o755)
 
 
+def picture_includes(root):
+    """As they are in a tree, so that no other rule's case breaks that rule too."""
+    (root / "docs/includes.svg").write_text(told(edges_of(Tree(root))) + "<svg/>\n")
+
+
 def lint(root, *arguments):
     done = subprocess.run([LINT, "--root", root, *arguments], capture_output=True, text=True, timeout=300)
     assert done.stderr == ""
@@ -175,6 +182,7 @@ def lint(root, *arguments):
 
 def make_clean(root):
     write_tree(root, CLEAN)
+    picture_includes(root)
     shutil.copy(ROOT / ".clang-format", root)
     return root
 
@@ -193,6 +201,8 @@ def found(tmp_path_factory):
         root = make_clean(tmp_path_factory.mktemp("broken"))
         together = {case[1]: case for case in waiting}
         write_tree(root, {path: case[2] for path, case in together.items()})
+        if "docs/includes.svg" not in together:
+            picture_includes(root)
         status, findings = lint(root, "--fast")
         assert status == 1
         assert {path for path, *_ in findings} <= set(together)
@@ -219,6 +229,7 @@ def test_a_broken_rule_is_found(found, case):
 
 def test_what_breaks_no_rule_passes(tree):
     write_tree(tree, dict(HARMLESS))
+    picture_includes(tree)
     assert lint(tree, "--fast") == (0, [])
 
 

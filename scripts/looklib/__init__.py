@@ -1,0 +1,1 @@
+"""What scripts/look measures, and how it shows it."""
