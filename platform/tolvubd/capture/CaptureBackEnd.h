@@ -5,7 +5,7 @@
 namespace tolvubd {
 
 /// Snapshots that are sparse copies of whole volumes, shown by loop devices and compared with each other. The
-/// volume is frozen, or the process that is its file system is stopped, for as long as it takes to read it.
+/// volume is frozen, or its FUSE server is stopped, for as long as it takes to read the volume.
 class CaptureBackEnd : public IBackEnd {
 public:
     [[nodiscard]] bool owns(const Device& device) const override { return !device.layers; }

@@ -12,10 +12,11 @@
 namespace tolvubd::lvm {
 namespace {
 
-/// Suits direct I/O on sectors of any size.
+/// The alignment of direct I/O that suits every sector size.
 constexpr std::uint64_t alignment = 4096;
 
-/// Beyond it the kernel takes an offset for a negative one.
+/// With a larger offset, the arithmetic below might overflow, or the kernel would take the offset as
+/// negative.
 constexpr std::uint64_t largestOffset = std::uint64_t{1} << 62U;
 
 constexpr std::array<std::uint32_t, 256> makeRemainders() {
