@@ -9,7 +9,7 @@ struct evp_md_st; // NOLINT(readability-identifier-naming): the name of the libr
 
 namespace zephane::wire {
 
-/// Makes SHA-256 digests. std::runtime_error if OpenSSL can't.
+/// Computes SHA-256 digests. Throws std::runtime_error if OpenSSL fails.
 /// Threads: any number.
 class Sha256 {
 public:

@@ -6,7 +6,7 @@
 
 namespace zephane {
 
-/// Counts what passes. See ByteStream; the stream behind it has to stay.
+/// Counts the bytes read and written. The stream behind it must outlive it. See ByteStream.
 class CountingStream : public ByteStream {
 public:
     explicit CountingStream(ByteStream& stream) : stream(stream) {}
