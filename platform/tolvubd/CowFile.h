@@ -33,6 +33,9 @@ constexpr std::uint64_t tableEnd(std::uint64_t volumeSize) {
 void makeCowFile(const std::string& path, const std::string& snapshot, std::uint64_t size);
 
 /// Writes the table and the count of changed units of a CoW file.
+/// Owns:    a descriptor of the file.
+/// Threads: one at a time.
+/// Fails:   std::system_error.
 class CowTable {
 public:
     /// Fails with ENOENT when there is no such file, ELOOP when it is a symbolic link, EBADMSG when it isn't

@@ -46,7 +46,7 @@ public:
     /// Reloads a device from before the machine was restarted. Throws ENOENT when none of its state can be
     /// trusted.
     virtual void reload(const Volume& volume, Device& device) = 0;
-    /// Checks all devices. Removes those from the table of which nothing is left, and records the errors of
+    /// Checks all devices. Removes devices of which nothing is left from the table, and records the errors of
     /// the others.
     virtual void examine(Table& table) = 0;
     /// Brings the machine to what the table says. Failures are logged, and tried again the next time.

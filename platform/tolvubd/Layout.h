@@ -6,8 +6,8 @@
 /// The paths and names that the driver uses. They are fixed, as for a kernel driver.
 namespace tolvubd::layout {
 
-/// Survives a restart of the machine: the captures and the state. All of it lies on one file system, so that
-/// one can't be snapshotted.
+/// Survives a restart of the machine: the captures and the state. All of it lies on one file system, and that
+/// one can't be captured.
 inline constexpr const char* store = "/var/lib/tolvubd";
 inline constexpr const char* lock = "/var/lib/tolvubd/lock";
 inline constexpr const char* state = "/var/lib/tolvubd/state.json";

@@ -43,8 +43,8 @@ std::uint64_t toNumber(const std::string& text) {
     return std::stoull(text, nullptr, 0);
 }
 
-/// Whether a path refers to the device. Uses only what the kernel has cached, because a file system that is
-/// asked may be held. False when the path is gone by now.
+/// Whether a path refers to the device. Uses only what the kernel has cached, because a request to a file
+/// system that is held would block. False when the path is gone by now.
 bool isDevice(const std::string& path, mode_t type, dev_t device) {
     struct statx status{};
     return ::statx(AT_FDCWD, path.c_str(), AT_STATX_DONT_SYNC | AT_NO_AUTOMOUNT, STATX_TYPE, &status) == 0 &&

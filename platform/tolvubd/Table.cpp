@@ -41,7 +41,7 @@ json fromLayers(const Layers& layers) {
             {"error", layers.error}};
 }
 
-/// A block is a power of two of units of 4096 bytes.
+/// The number of 4096-byte units in a block must be a power of two.
 bool isBlockSize(std::uint64_t sectors) {
     return sectors >= 8 && std::has_single_bit(sectors);
 }

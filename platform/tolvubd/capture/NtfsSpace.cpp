@@ -152,7 +152,7 @@ std::optional<std::vector<Run>> readRuns(const Fields& fields, std::size_t from,
                                          std::uint64_t clusters) {
     constexpr unsigned half = 4;
     constexpr std::uint8_t lowHalf = 0xF;
-    constexpr std::size_t widest = 7; // more than clusters have
+    constexpr std::size_t widest = 7; // in bytes; cluster numbers are shorter
     std::vector<Run> runs;
     std::int64_t cluster = 0;
     for (std::size_t at = from; at < end && fields.byte(at) != 0;) {

@@ -17,6 +17,11 @@ namespace tolvubd {
 /// all its threads wait for the kernel's next request; if there are several, the first may wait for the
 /// others instead. A server with any other thread never counts as idle, so its volume can't be held. While
 /// the server is stopped, all requests to the mount block: statvfs(), sync(), closing a file.
+///
+/// Owns:    descriptors of the server's /proc directory and of the device. Not the stop, which only `end`
+///          undoes.
+/// Threads: one at a time; `end` also in a forked copy of the process.
+/// Fails:   std::system_error; the server is then as it was before.
 class StoppedServer : public Hold {
 public:
     /// Writes all dirty data of the mount to the device, which may take long. Throws EOPNOTSUPP unless the

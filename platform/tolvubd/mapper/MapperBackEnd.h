@@ -11,6 +11,10 @@ namespace tolvubd {
 /// The state of a device is in three places: the caller's table, the kernel, and the seal in `.tolvu.era`,
 /// which counts after a restart of the machine. The table is written first. If the kernel's devices differ
 /// from it, `tidy` corrects them and rewrites the seals.
+///
+/// Owns:    nothing in memory; device-mapper devices stay until `release` or `tidy` removes them.
+/// Threads: one at a time; the caller holds the driver's lock.
+/// Fails:   std::system_error; EOPNOTSUPP when the volume can't have layers, and must be captured.
 class MapperBackEnd : public IBackEnd {
 public:
     /// The layers of a new device of this back end.

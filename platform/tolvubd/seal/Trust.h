@@ -17,7 +17,7 @@ namespace tolvubd {
 ///   machine on record before this one. The log doesn't show whether another system has mounted the volume in
 ///   between and stopped without an unmount.
 ///
-/// In any doubt there is a reason.
+/// When in doubt, this returns a reason.
 std::optional<std::string> reasonForDoubt(const Seal& seal, const std::optional<Fingerprint>& now,
                                           const std::string& previousStart);
 

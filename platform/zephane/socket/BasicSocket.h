@@ -6,7 +6,10 @@
 
 namespace zephane {
 
-/// A transport, and the filters for the stream that goes through it. See SocketImpl.
+/// A transport, and the filters for the stream that goes through it.
+/// Owns:    the transport and the filters.
+/// Threads: one at a time.
+/// Fails:   only the constructor.
 class BasicSocket : public SocketImpl {
 public:
     /// Throws std::invalid_argument without a transport.

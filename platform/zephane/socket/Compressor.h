@@ -10,7 +10,10 @@ struct ZSTD_CCtx_s; // NOLINT(readability-identifier-naming): the name of the li
 namespace zephane {
 
 /// Compresses into a zstd stream of level 1, which is flushed at the end of each piece, so that no data is
-/// held back. See Filter.
+/// held back.
+/// Owns:    the zstd context and an output buffer.
+/// Threads: one at a time.
+/// Fails:   std::bad_alloc and std::runtime_error, for an error of the library.
 class Compressor : public Filter {
 public:
     Compressor();

@@ -10,7 +10,10 @@ struct ZSTD_DCtx_s; // NOLINT(readability-identifier-naming): the name of the li
 namespace zephane {
 
 /// Decompresses a zstd stream. Refuses a window larger than wire::windowLog allows, and formats older than
-/// RFC 8878. Returns the data in pieces of bounded size, however well it was compressed. See Filter.
+/// RFC 8878. Returns the data in pieces of bounded size, however well it was compressed.
+/// Owns:    the zstd context and an output buffer.
+/// Threads: one at a time.
+/// Fails:   wire::ProtocolError for an invalid stream; the constructor std::bad_alloc and std::runtime_error.
 class Decompressor : public Filter {
 public:
     Decompressor();

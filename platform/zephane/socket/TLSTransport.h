@@ -9,7 +9,11 @@
 
 namespace zephane {
 
-/// The TLS layer of a client's connection. See Transport.
+/// The TLS layer of a client's connection.
+/// Owns:    the connection, from the look-up of the host's name on.
+/// Threads: one at a time, that of the executor on which `connect` runs.
+/// Fails:   asio::system_error, asio::error::timed_out when connecting takes too long; std::logic_error for
+///          calls before `connect`.
 class TLSTransport : public Transport {
 public:
     /// `certificate` and `authority` must be empty, or std::invalid_argument is thrown: no server of ours

@@ -15,7 +15,10 @@ namespace zephane {
 asio::ssl::context clientContext();
 asio::ssl::context serverContext();
 
-/// TLS 1.3 over a connected socket. See ByteStream.
+/// TLS 1.3 over a connected socket.
+/// Owns:    the socket; the destructor closes it.
+/// Threads: one at a time, that of the socket's executor.
+/// Fails:   asio::system_error; the connection can't be used any more then.
 class TlsStream : public ByteStream {
 public:
     /// Sets TCP_NODELAY, keepalive, and a TCP_USER_TIMEOUT of wire::answerTime. `context` must outlive the

@@ -7,7 +7,10 @@
 
 namespace zephane {
 
-/// A byte stream that connects to a server. See ByteStream.
+/// A byte stream that connects to a server.
+/// Owns:    the connection; the destructor ends it.
+/// Threads: one at a time, that of the executor on which `connect` runs.
+/// Fails:   asio::system_error; the transport can't be used any more then.
 class Transport : public ByteStream {
 public:
     /// Connects; to be called once, before anything else. Gives up after a time limit, by default

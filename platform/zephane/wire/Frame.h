@@ -23,8 +23,8 @@ constexpr std::size_t frameHeadBytes = 4; ///< a byte for the kind, three for th
 /// The head of a frame, to be sent before its payload. Throws std::invalid_argument for an invalid frame.
 std::array<std::uint8_t, frameHeadBytes> frameHead(FrameKind kind, std::size_t payloadBytes);
 
-/// Reads frames from a stream that arrives in pieces of any size. Buffers the payload of one digest request
-/// or answer at most.
+/// Reads frames from a stream that arrives in pieces of any size.
+/// Owns:    a buffer for the payload of at most one digest request or answer.
 /// Threads: one at a time.
 /// Fails:   ProtocolError for a frame of an unknown kind, or with a length that is invalid for its kind.
 class FrameReader {

@@ -6,7 +6,10 @@
 
 namespace zephane {
 
-/// Counts the bytes read and written. The stream behind it must outlive it. See ByteStream.
+/// Counts the bytes read from and written to another stream.
+/// Owns:    nothing; the other stream must outlive it.
+/// Threads: one at a time, as for the other stream.
+/// Fails:   with the exceptions of the other stream.
 class CountingStream : public ByteStream {
 public:
     explicit CountingStream(ByteStream& stream) : stream(stream) {}
