@@ -20,7 +20,6 @@ void takeBackFile(const std::string& path);
 /// Reads a file of at most `limit` bytes; a longer one fails with EFBIG.
 std::string readFile(const std::string& path, std::size_t limit);
 
-/// The parent directory of a path.
 std::string directoryOf(const std::string& path);
 
 } // namespace tolvubd

@@ -57,7 +57,7 @@ bool isOfTheSystem(const std::vector<std::string>& mountPoints) {
                                [](const std::string& path) { return path == "/" || path == "/usr"; });
 }
 
-/// Whether the volume has yet to be unmounted.
+/// Whether the volume is still mounted writable, but is going to be unmounted.
 bool isAwaited(const BootRecord::Volume& record) {
     const auto device = dm::findByUuid(record.volume);
     if (!device) {

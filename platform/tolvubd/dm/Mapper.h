@@ -8,7 +8,7 @@
 
 /// The kernel's device-mapper, through its library. Sizes and offsets are in sectors of 512 bytes.
 ///
-/// Threads: one at a time, as the library's settings and its descriptor are global; any thread.
+/// Threads: any, but only one at a time.
 /// Fails:   std::system_error with the kernel's errno: ENXIO for a device that doesn't exist.
 namespace tolvubd::dm {
 

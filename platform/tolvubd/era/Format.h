@@ -5,7 +5,7 @@
 
 /// Offsets and constants of the era target's metadata, as the kernel defines them
 /// (drivers/md/dm-era-target.c, drivers/md/persistent-data). All numbers are little endian. Offsets and sizes
-/// are in bytes.
+/// are in bytes. The comment after an offset begins with the width of the number in bits.
 namespace tolvubd::era {
 
 inline constexpr std::size_t blockSize = 4096;
@@ -23,7 +23,7 @@ inline constexpr std::uint64_t place = 0;
 inline constexpr std::uint64_t magic = 2'126'579'579;
 inline constexpr std::uint32_t version = 1;
 inline constexpr std::size_t magicOffset = 32;            // 64 bits
-inline constexpr std::size_t versionOffset = 40;          // 32 bits, and so on
+inline constexpr std::size_t versionOffset = 40;          // 32
 inline constexpr std::size_t dataBlockSizeOffset = 172;   // 32, in sectors
 inline constexpr std::size_t blocksOffset = 180;          // 32, of the volume
 inline constexpr std::size_t currentEraOffset = 184;      // 32

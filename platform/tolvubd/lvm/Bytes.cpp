@@ -15,8 +15,7 @@ namespace {
 /// The alignment of direct I/O that suits every sector size.
 constexpr std::uint64_t alignment = 4096;
 
-/// With a larger offset, the arithmetic below might overflow, or the kernel would take the offset as
-/// negative.
+/// The limit of an offset and of a length: the kernel takes an offset as negative from 2^63 on.
 constexpr std::uint64_t largestOffset = std::uint64_t{1} << 62U;
 
 constexpr std::array<std::uint32_t, 256> makeRemainders() {

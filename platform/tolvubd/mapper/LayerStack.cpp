@@ -219,7 +219,7 @@ void LayerStack::letGo() const {
     }
 }
 
-/// The checks go from the worst error to the mildest: without sound tracking, the snapshot doesn't matter.
+/// Checks the tracking first: if the volume has lost its layers, its snapshot isn't consistent either.
 int LayerStack::check(const Layers& layers, Mode mode) const {
     const auto volume = dm::findByUuid(layers.volume);
     const auto lower = find(id, lowerLayer);

@@ -6,7 +6,6 @@
 
 namespace zephane {
 
-/// Why a call has failed.
 struct Failure {
     int error = 0; ///< errno
     std::string text;

@@ -41,7 +41,7 @@ public:
     virtual Status open();
     /// Sets the position; `whence` must be 0: from the start of the image, in bytes. Returns the new
     /// position, or -1 with `errno` and the position unchanged: EINVAL beyond the image's end, ENOTCONN
-    /// before `open`, EIO after the connection has broken. Sends nothing.
+    /// without an open connection, EIO after it has broken. Sends nothing.
     virtual std::int64_t seek(std::int64_t position, int whence);
     /// Returns the number of bytes read, and advances the position by it. With code 0 it is less than
     /// `length` only at the end of the image; with a negative code it is what was read before the failure.

@@ -41,7 +41,7 @@ std::vector<Digest> digestsOf(std::span<const std::uint8_t> data);
 Bytes encode(const DigestRequest& request);
 Bytes encode(const DigestAnswer& answer);
 /// Throw ProtocolError for an invalid payload: a length of 0 or beyond digestRange, a range that ends beyond
-/// 64 bits, more digests than a range can have, or a code of 0 without digests.
+/// 64 bits, more digests than a range can have, digests with another code than 0, or none with 0.
 DigestRequest decodeDigestRequest(std::span<const std::uint8_t> payload);
 DigestAnswer decodeDigestAnswer(std::span<const std::uint8_t> payload);
 

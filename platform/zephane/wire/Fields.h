@@ -12,7 +12,6 @@
 
 namespace zephane::wire {
 
-/// The bytes of a text.
 std::span<const std::uint8_t> bytesOf(const std::string& text);
 
 /// Encodes a structure field by field, big endian.

@@ -22,7 +22,7 @@ public:
     /// Takes the server's hello and returns the proof to send.
     Bytes answer(std::span<const std::uint8_t> serverHello);
     /// Takes the server's verdict. Throws ProtocolError if it grants access without a valid proof of the
-    /// server.
+    /// server, or grants more than the client asked for.
     Verdict finish(std::span<const std::uint8_t> verdict);
 
 private:

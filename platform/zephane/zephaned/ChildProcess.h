@@ -8,7 +8,6 @@
 
 namespace zephane {
 
-/// How a process has ended.
 struct ProcessEnd {
     int signal = 0; ///< the signal that ended it, 0 if none did
     int status = 0; ///< its exit status, if no signal ended it

@@ -31,7 +31,7 @@ struct ImageConfig {
 
 /// A TCP address.
 struct Address {
-    std::string host; ///< an IPv4 or IPv6 address, in digits
+    std::string host; ///< a numeric IPv4 or IPv6 address
     std::uint16_t port = 0;
 
     bool operator==(const Address&) const = default;

@@ -5,7 +5,7 @@
 namespace zephane {
 
 /// An engine that serves one image by NBD.
-/// Owns:    for BackEnd the engine's process and its socket.
+/// Owns:    the engine's process and its socket.
 /// Threads: any.
 /// Fails:   never.
 class IBackEnd {

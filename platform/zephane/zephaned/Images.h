@@ -62,7 +62,7 @@ private:
         std::shared_ptr<IBackEnd> backEnd;
         std::weak_ptr<IBackEnd> ending; // the previous one; exists as long as its process
         std::size_t uses = 0;
-        wire::ClientId client{}; // the client that uses this side
+        wire::ClientId client{}; // the client that writes, if any
 
         [[nodiscard]] bool isEnding() const;
     };

@@ -13,7 +13,6 @@ namespace {
 
 constexpr int usageError = 2;
 
-/// The arguments of the command line.
 struct Options {
     std::string config = "/etc/zephaned/zephaned.json";
     bool isCheck = false;
