@@ -17,6 +17,9 @@ struct Field {
 };
 
 /// Bytes of an image, and access to the numbers in them.
+/// Owns:    the bytes.
+/// Threads: any, as long as no thread calls `set`.
+/// Fails:   the constructor that reads throws std::system_error; access beyond the bytes std::out_of_range.
 class Fields {
 public:
     Fields(const os::FileDescriptor& image, std::uint64_t offset, std::size_t length)

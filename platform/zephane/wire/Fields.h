@@ -37,8 +37,10 @@ private:
     std::vector<std::uint8_t> written;
 };
 
-/// Decodes a structure field by field, big endian. The bytes must outlive the reader.
-/// Fails: ProtocolError when the bytes end before the field does.
+/// Decodes a structure field by field, big endian.
+/// Owns:    nothing; the bytes must outlive the reader.
+/// Threads: one at a time.
+/// Fails:   ProtocolError when the bytes end before the field does.
 class FieldReader {
 public:
     explicit FieldReader(std::span<const std::uint8_t> bytes) : rest(bytes) {}

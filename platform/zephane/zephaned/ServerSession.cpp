@@ -115,7 +115,7 @@ void ServerSession::finish() {
     close(use && use->backEnd().hasEnded() ? "the image's engine has ended" : endOfClient);
     handshakeLimit.cancel();
     if (!isDigesting) {
-        digested.reset(); // so that the engine needn't wait for this connection to end
+        digested.reset(); // the engine waits for this connection when it ends
     }
     use.reset();
     services.sessions.remove(number);

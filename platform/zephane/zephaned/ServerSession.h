@@ -34,7 +34,8 @@ struct SessionServices {
 /// One connection of a client: the handshake, and then its NBD connection, relayed to the image's engine.
 /// Owns:    the connection and the use of the image; a session keeps itself alive until both have ended.
 /// Threads: any for `start` and `stop`; all other work is done on the socket's strand.
-/// Fails:   never for the caller: a failure ends the connection and is logged.
+/// Fails:   the constructor throws asio::system_error if the client has gone already; any later failure ends
+///          the connection and is logged.
 class ServerSession : public std::enable_shared_from_this<ServerSession> {
 public:
     /// `socket` has just been accepted, and its executor is a strand. `services` must outlive the session.
