@@ -39,7 +39,7 @@ struct Device {
     std::string snapshot;    ///< UUID of the snapshot; also in the CoW file's header
     std::uint64_t size = 0;  ///< of the block device, in bytes
     std::uint64_t cacheSize = 0;
-    std::vector<Extent> own; ///< where the files that nobody copies lay in the capture
+    std::vector<Extent> own; ///< where the files that no backup copies lay in the capture
     std::optional<Layers> layers = std::nullopt;
     /// Why device-mapper doesn't track the volume, if there are no layers.
     std::string reason = {}; // NOLINT(readability-redundant-member-init): or GCC warns of shorter lists

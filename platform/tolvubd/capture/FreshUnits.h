@@ -8,7 +8,7 @@
 
 namespace tolvubd {
 
-/// A capture, and where the files that nobody copies lie in it.
+/// A capture, and where the files that no backup copies lie in it.
 struct Moment {
     std::string capture;
     std::vector<Extent> own;

@@ -28,7 +28,7 @@ public:
     ControlRequest& addTarget(const Target& target);
 
     bool send(int control) noexcept;
-    /// Of the last answer. An answer that didn't fit into the buffer counts as empty.
+    /// The flags and the data of the last answer. Data that didn't fit into the buffer counts as empty.
     [[nodiscard]] std::uint32_t flags() const noexcept { return header(answered).flags; }
     [[nodiscard]] std::span<const std::byte> answer() const noexcept;
 

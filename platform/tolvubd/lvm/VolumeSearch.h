@@ -16,8 +16,8 @@ struct OpenDevice {
     os::FileDescriptor file;
 };
 
-/// Does the work of readLogicalVolume, on devices that are open. Of the texts in all areas the newest counts.
-/// As in LVM, an area that isn't sound is ignored if another one is sound.
+/// Does the work of readLogicalVolume, on devices that are open. The newest text in all areas counts. As in
+/// LVM, an area that isn't sound is ignored if another one is sound.
 std::optional<std::vector<VolumePiece>> findLogicalVolume(const std::string& uuid,
                                                           const std::vector<OpenDevice>& devices);
 
