@@ -20,7 +20,7 @@ os::FileDescriptor writeFile(const std::string& path, const std::string& text, u
     return file;
 }
 
-/// False when there aren't two.
+/// Returns false when one of the two doesn't exist.
 bool exchange(const std::string& one, const std::string& other) {
     if (::renameat2(AT_FDCWD, one.c_str(), AT_FDCWD, other.c_str(), RENAME_EXCHANGE) == 0) {
         return true;

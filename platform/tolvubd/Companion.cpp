@@ -53,7 +53,7 @@ void settle(const char* name, int one, int other) noexcept {
     ::prctl(PR_SET_NAME, name);
     ::setsid();
     closeOthers(one, other);
-    [[maybe_unused]] const int moved = ::chdir("/"); // to its own root, which is there
+    [[maybe_unused]] const int moved = ::chdir("/"); // the copy's own root directory, which always exists
 }
 
 void letIn(int signal) noexcept {

@@ -43,12 +43,13 @@ void requireSameSize(const Device& device, const Volume& volume) {
     }
 }
 
-/// Not kept open while the volume is held: the process would end only when it is let go.
+/// Checks the file and closes it at once. If it stayed open while the volume is held, a process that is
+/// killed could end only after the release.
 void requireTable(const Device& device, const std::string& cowFile) {
     static_cast<void>(CowTable(cowFile, device.snapshot, device.size));
 }
 
-/// What was begun for the device is there now.
+/// Removes the device's entries from `unfinished`: what they announced exists now.
 void finish(Table& table, const Device& device) {
     std::erase_if(table.unfinished,
                   [&](const Unfinished& unfinished) { return unfinished.snapshot == device.snapshot; });
@@ -72,7 +73,8 @@ Driver::Driver(Busy busy) : store(busy), table(store.load()) {
     publish(table);
 }
 
-/// The machine has been restarted, and with it the driver: its devices are gone, their captures are not.
+/// For the first use after the machine was restarted: the devices are gone, but their captures and layers can
+/// be reloaded.
 void Driver::startSession() {
     Table fresh;
     fresh.session = makeUuid();
@@ -106,7 +108,7 @@ void Driver::replace(const Device& device) {
     commit(next);
 }
 
-/// What can't be taken away now is left to the next turn.
+/// What can't be removed now is left to the next session.
 void Driver::tidy() {
     const Table tidied = tidyUp(table, Frozen::no, backEnds());
     try {
@@ -189,7 +191,7 @@ void Driver::setupSnapshot(std::uint32_t minor, const std::string& blockDevice, 
     const SnapshotPlan plan{volume, locate(volume, cowPath), cowBytes(cowMebibytes, volume)};
     Device device{minor,      Mode::snapshot, blockDevice, plan.cow.relative,
                   makeUuid(), volume.size,    cacheSize,   {}};
-    if (volume.servers.empty() && hasLeftOvers(plan.cow)) { // no other kind is frozen by the kernel
+    if (volume.servers.empty() && hasLeftOvers(plan.cow)) { // the kernel never freezes a FUSE file system
         requireNotFrozen(plan.cow.mountPoint);
     }
     forgetAsleepLayers(volume, plan.cow);
@@ -200,8 +202,8 @@ void Driver::setupSnapshot(std::uint32_t minor, const std::string& blockDevice, 
     }
 }
 
-/// Layers that nobody has asked for since the machine was started would be in the way of new ones, and so
-/// would be their CoW file, which isn't always the one that the new ones begin with.
+/// Layers that haven't been reloaded since the machine was restarted would block new ones. So would their CoW
+/// file, which needn't have the name of the new one.
 void Driver::forgetAsleepLayers(const Volume& volume, const PathOnVolume& cow) {
     const std::vector<Device> before = table.asleep;
     Table next = table;
@@ -219,8 +221,8 @@ void Driver::forgetAsleepLayers(const Volume& volume, const PathOnVolume& cow) {
     }
 }
 
-/// A CoW file of a tracking that was lost may still be locked where the next one is to be, and takes its
-/// room.
+/// The CoW file of a tracking that was lost may still be locked at the path of the new one, and uses its
+/// space.
 void Driver::makeWayFor(const SnapshotPlan& plan) {
     if (isCowFile(plan.cow.path()) && dm::isLockedFile(plan.cow.path())) {
         requireNotFrozen(plan.cow.mountPoint);
@@ -228,7 +230,7 @@ void Driver::makeWayFor(const SnapshotPlan& plan) {
     }
 }
 
-/// False, with the reason in the device, where it has to be captured.
+/// Returns false, with the reason in `device`, if the volume must be captured instead.
 bool Driver::takeFirstByMapper(const SnapshotPlan& plan, Device& device) {
     if (const auto reason = reasonAgainstLayers(plan.volume)) {
         device.reason = *reason;
@@ -280,13 +282,13 @@ void Driver::transitionSnapshot(std::uint32_t minor, const std::string& cowPath,
         if (const auto reason = reasonAgainstLayers(volume)) {
             fail(EOPNOTSUPP, volume.path + " can't be tracked any more: " + *reason);
         }
-        after.layers = MapperBackEnd::newLayers(volume); // and everything has changed
+        after.layers = MapperBackEnd::newLayers(volume); // and everything counts as changed
     }
     makeWayFor(plan);
     IBackEnd& backEnd = backEndOf(before);
     backEnd.requireRoom(plan, after);
     if (before.layers) {
-        dm::releaseFile(closed); // which nothing is mapped to while there is no snapshot
+        dm::releaseFile(closed); // no device is mapped to it while there is no snapshot
     }
     requireTable(before, closed);
     undoneOnFailure([&] {
@@ -352,7 +354,7 @@ void Driver::destroy(std::uint32_t minor) {
     Table next = table;
     std::ranges::copy(removalOfCowFile(*device), std::back_inserter(next.unfinished));
     next.devices.erase(find(next.devices, minor));
-    commit(next); // first, as a device half taken away would be none that can be used
+    commit(next); // first, because a half-removed device can't be used
     try {
         backEndOf(*device).release(*device);
     } catch (...) {

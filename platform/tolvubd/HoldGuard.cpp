@@ -27,7 +27,7 @@ bool waitUntilReadable(int link) {
     return ready > 0;
 }
 
-/// Waits until the other end says that it is over, by closing; each byte is a sign of life.
+/// Waits until the other end closes the socket; each byte that arrives restarts the timeout.
 bool waitForTheEnd(int link) {
     std::array<char, 64> signs{};
     while (waitUntilReadable(link)) {
@@ -43,8 +43,8 @@ bool sendSign(int link) {
     return ::send(link, &sign, sizeof sign, MSG_NOSIGNAL | MSG_DONTWAIT) >= 0 || errno == EAGAIN;
 }
 
-/// Lets go as soon as it is told to, or has lost its patience. Where nothing is held yet, because that takes
-/// so long to begin, there is nothing to let go, but soon there may be: then it waits on.
+/// Releases the volume when told to, or after the timeout. If the hold hasn't begun by then, it still may, so
+/// the guard goes on waiting.
 int waitAndLetGo(Hold& hold, int link) {
     while (!waitForTheEnd(link)) {
         if (hold.end()) {
@@ -54,8 +54,8 @@ int waitAndLetGo(Hold& hold, int link) {
     return hold.end() ? released : notHeld;
 }
 
-/// The life of the child. Closing a file may have to wait for the file system that is to be held, so it is
-/// told when that is over.
+/// The main function of the guard process. Closing descriptors may have to wait for the file system that is
+/// to be held, so the guard reports when it has done that.
 [[noreturn]] void guard(Hold& hold, int link) {
     companion::settle("tolvubd-guard", hold.descriptor(), link);
     hold.enterCopy();
@@ -69,9 +69,9 @@ HoldGuard::HoldGuard(std::unique_ptr<Hold> hold) : hold(std::move(hold)) {
     startChild();
     try {
         this->hold->begin();
-        sendSign(link.get()); // however long that took, the patience begins now
+        sendSign(link.get()); // the timeout starts here, however long begin() took
     } catch (...) {
-        killChild(); // what somebody else holds is not ours to let go
+        killChild(); // killed, so that it doesn't release a volume that another process holds
         throw;
     }
 }
@@ -108,7 +108,7 @@ void HoldGuard::reportProgress() {
 
 void HoldGuard::release() {
     if (!endChild()) {
-        hold->end(); // had the child been killed, it would still be held
+        hold->end(); // if the guard was killed, the volume is still held
         fail(ETIMEDOUT, "hold the volume");
     }
 }

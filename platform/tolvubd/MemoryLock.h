@@ -2,12 +2,11 @@
 
 namespace tolvubd {
 
-/// Keeps the process going while a volume is held that its own files, or the swap space, may lie on: all of
-/// its memory stays in RAM, and where the kernel has to find memory for it, it doesn't write anything out for
-/// that.
+/// Keeps the process running while a volume is held that may hold the process's own files or the swap space:
+/// all its memory stays in RAM, and to allocate memory for it, the kernel doesn't write other pages out.
 ///
 /// Owns:    the lock on the process's memory.
-/// Threads: the one that made it also lets go of it; it is the one for which the kernel writes nothing out.
+/// Threads: the thread that constructs it must destroy it; PR_SET_IO_FLUSHER applies to that thread only.
 /// Fails:   std::system_error when the memory can't be locked.
 class MemoryLock {
 public:
@@ -16,7 +15,8 @@ public:
     MemoryLock& operator=(const MemoryLock&) = delete;
     ~MemoryLock();
 
-    /// The same to the end of a copy of the process. System calls only; false when it can't be locked.
+    /// The same for the rest of a forked copy's life. Only makes system calls; returns false when the memory
+    /// can't be locked.
     static bool forLife() noexcept;
 
 private:

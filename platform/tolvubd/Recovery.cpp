@@ -27,7 +27,8 @@ void letGo(const Unfinished& unfinished) {
     }
 }
 
-/// Somebody who died may have left a volume held; nobody else has it just now, as they take turns.
+/// A process that died may have left its volume held. No other process holds it now, because the caller has
+/// the driver's lock.
 void letGoOfAll(std::vector<Unfinished>& list, Frozen frozen) {
     for (Unfinished& unfinished : list) {
         if (frozen == Frozen::maybe) {
@@ -53,7 +54,7 @@ void removeFiles(const Unfinished& unfinished) {
     }
 }
 
-/// What resists is kept, but not for ever.
+/// An entry whose files can't be removed stays in the list, but a full list loses its oldest entry.
 void takeBack(std::vector<Unfinished>& list) {
     std::erase_if(list, [&](const Unfinished& unfinished) {
         return tryTo("remove " + unfinished.cowFile, [&] { removeFiles(unfinished); });

@@ -7,13 +7,13 @@
 
 namespace tolvubd {
 
-/// Whether a volume may still be held by who has left the table unfinished.
+/// Whether the last session may have left a volume held.
 enum class Frozen { no, maybe };
 
-/// Brings the machine to what the table says: takes away what an operation has left that didn't end, whether
-/// it failed or its process died. What resists is logged and tried again by the next operation.
+/// Brings the machine to what the table says: removes what a failed or interrupted operation has left. What
+/// can't be removed is logged, and the next session tries again.
 ///
-/// Returns the table without what is done, and without devices of which nothing is left.
+/// Returns the table without finished entries, and without devices of which nothing is left.
 Table tidyUp(Table table, Frozen frozen, const std::vector<IBackEnd*>& backEnds);
 
 } // namespace tolvubd

@@ -24,7 +24,7 @@ using fields::uuid;
 using nlohmann::json;
 
 constexpr int format = 2;
-/// The table's own text has lists of numbers in an object of an object in a list in an object.
+/// How deep the table's text is nested: document, list of devices, device, layers, list of numbers.
 constexpr int deepest = 5;
 constexpr std::uint64_t largestFile = std::numeric_limits<std::int64_t>::max();
 constexpr std::uint64_t any = std::numeric_limits<std::uint64_t>::max();
@@ -41,7 +41,7 @@ json fromLayers(const Layers& layers) {
             {"error", layers.error}};
 }
 
-/// A block has a power of two of 4096-byte units.
+/// The number of 4096-byte units in a block must be a power of two.
 bool isBlockSize(std::uint64_t sectors) {
     return sectors >= 8 && std::has_single_bit(sectors);
 }

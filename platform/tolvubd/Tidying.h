@@ -7,7 +7,7 @@
 
 namespace tolvubd {
 
-/// For work that must not keep the rest from being done: what fails is logged, and false.
+/// Runs work whose failure must not stop the rest: on an exception, logs it and returns false.
 template <class Work>
 bool tryTo(const std::string& what, const Work& work) {
     try {

@@ -8,14 +8,15 @@
 
 namespace tolvubd {
 
-/// Where the device's volume is now: one that device-mapper tracks may have got another name.
+/// The current path of the device's volume. Finds a tracked volume by its device-mapper UUID, because it may
+/// have been renamed.
 std::string placeOf(const Device& device);
 bool isOn(const Device& device, const Volume& volume);
 
-/// Where the device's CoW file is now. ENOENT when it can't be found.
+/// The current path of a CoW file on the volume. Throws ENOENT when it isn't there.
 std::string findCowFile(const Volume& volume, const std::string& cowFile);
-/// What remains to be removed of a device that is destroyed: nothing, when the volume isn't mounted, is
-/// broken, or somebody has been faster.
+/// The entries that have the CoW file of a destroyed device removed. Empty when the volume isn't mounted or
+/// is broken, or the file is gone already.
 std::vector<Unfinished> removalOfCowFile(const Device& device);
 
 } // namespace tolvubd

@@ -63,7 +63,7 @@ std::uint32_t minorFrom(const std::string& text) {
     return minor;
 }
 
-/// By what a device is tracked, and why.
+/// What tracks the device, and why.
 std::string trackedBy(const Device& device) {
     if (!device.layers) {
         return device.reason.empty() ? "capture" : "capture: " + device.reason;
@@ -81,7 +81,7 @@ void print(const Device& device, const std::string& state) {
               << device.snapshot << "  " << std::setw(14) << device.size << trackedBy(device) << '\n';
 }
 
-/// A turn looks at the devices, and notes what is wrong with them. Whoever has his just now does so himself.
+/// A session checks the devices and records their errors. If another session is running, it does so itself.
 void look() {
     try {
         const Driver turn(tolvubd::Busy::fail);

@@ -4,11 +4,12 @@
 
 namespace tolvubd {
 
-/// A turn at the layers while the machine starts or stops, when the driver's own lock isn't there: several
-/// volumes appear at the same time.
+/// An exclusive lock on the layers while the machine starts or stops, when the driver's own lock file may not
+/// be there. It is needed because several volumes can appear at the same time.
 ///
-/// Owns:  the lock.
-/// Fails: std::system_error, with EBUSY when somebody else has had it for ten seconds.
+/// Owns:    the lock.
+/// Threads: one at a time; objects of other processes wait.
+/// Fails:   std::system_error, with EBUSY when another process has held the lock for ten seconds.
 class BootTurn {
 public:
     BootTurn();

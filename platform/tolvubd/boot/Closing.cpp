@@ -20,7 +20,7 @@ namespace tolvubd {
 
 namespace {
 
-/// Closes a volume whose layers are sound; any other is none that could be trusted later.
+/// Seals a volume whose layers are sound. Skips any other volume: it can't be trusted after the start anyway.
 void closeVolume(const BootRecord::Volume& record) {
     const BootTurn turn;
     const LayerStack stack(record.id);
@@ -57,7 +57,7 @@ bool isOfTheSystem(const std::vector<std::string>& mountPoints) {
                                [](const std::string& path) { return path == "/" || path == "/usr"; });
 }
 
-/// Whether the volume is one that is still to be unmounted.
+/// Whether the volume is still mounted writable, but is going to be unmounted.
 bool isAwaited(const BootRecord::Volume& record) {
     const auto device = dm::findByUuid(record.volume);
     if (!device) {

@@ -38,7 +38,7 @@ bool isUnused(const dm::Device& device) {
     return mountedAs(device) == Mounted::no && !isOpenBesides(device);
 }
 
-/// One volume that has no layers and that nobody uses.
+/// Puts back the layers of one volume that has none and isn't in use.
 class Reinsertion {
 public:
     Reinsertion(const BootRecord::Volume& record, const dm::Device& device, Stage stage)
@@ -47,7 +47,7 @@ public:
     void run() const {
         const std::optional<Seal> seal = volume.seal();
         if (seal && seal->end == Seal::End::broken) {
-            return; // said when it was given up
+            return; // logged when it was given up
         }
         const std::optional<Fingerprint> now = volume.fingerprint();
         if (const auto reason = reasonAgainst(seal, now)) {
@@ -71,21 +71,21 @@ private:
             return "its size has changed";
         }
         if (seal->end == Seal::End::open && volume.wasEraStopped()) {
-            return "it had lost its layers before the machine stopped"; // whoever took them, and just then
+            return "it had lost its layers before the machine stopped"; // however shortly before
         }
         return reasonForDoubt(*seal, now, previousStart(layout::starts));
     }
 
-    /// Nothing is written to it: where the seal was may be a file of somebody else's now. What is in doubt
-    /// stays so, as each mount takes the fingerprint further away from the seal's.
+    /// Only logs, and leaves the seal alone: its blocks may belong to another file by now. The volume stays
+    /// in doubt, because every mount takes its fingerprint further away from the seal's.
     void giveUp(const std::string& reason) const {
         if (stage == Stage::afterRoot) {
             report(Severity::warning, device.name + ": the next backup compares all of it: " + reason);
         }
     }
 
-    /// Until the layers are in place and known to be sound, the seal says that they can't be trusted: the
-    /// volume might go on without them.
+    /// Marks the seal as broken until the layers are in place and have been checked: if that fails, the
+    /// volume may be written without them.
     void insert(const Seal& seal, const std::optional<Fingerprint>& now) const {
         write(volume, seal, Seal::End::broken, now);
         LayerStack stack(record.id);
@@ -118,7 +118,7 @@ private:
         guard.release();
     }
 
-    /// `where` is what has LVM's own table: the volume at first, and later its lowest layer.
+    /// `where` has LVM's own table: it is the volume at first, and later its lowest layer.
     static void write(const TrackedVolume& where, Seal seal, Seal::End end,
                       const std::optional<Fingerprint>& now) {
         seal.end = end;
@@ -133,7 +133,7 @@ private:
     TrackedVolume volume;
 };
 
-/// False when it would be too late, as somebody uses the volume without its layers.
+/// Returns false when it is too late, because the volume is in use without its layers.
 bool isDealtWith(const BootRecord::Volume& record, const dm::Device& device, Stage stage) {
     const BootTurn turn;
     if (dm::stateOf(device).isSuspended || !isLinear(dm::liveTable(device))) {
@@ -146,8 +146,9 @@ bool isDealtWith(const BootRecord::Volume& record, const dm::Device& device, Sta
     return true;
 }
 
-/// Somebody has given a volume its own table back while it was in use: the driver has to hear of it at once,
-/// as the machine may stop before anybody calls it. While he has his turn he may be the one.
+/// A volume in use has been given its own table back. The driver must notice that at once, because the
+/// machine may stop before the next call of the driver. Waits while another session holds the lock: it may be
+/// the one that has given the table back.
 void haveDriverLook() {
     constexpr std::chrono::seconds patience{10};
     constexpr std::chrono::milliseconds pause{100};
@@ -169,7 +170,7 @@ void reinsertDevice(const BootRecord& boot, const dm::Device& device, Stage stag
     try {
         const auto record = std::ranges::find(boot.volumes, device.uuid, &BootRecord::Volume::volume);
         if (record == boot.volumes.end() || !isLinear(dm::liveTable(device))) {
-            return; // its events are not to wait for whoever has his turn
+            return; // the events of an untracked device must not wait for the lock
         }
         if (!isDealtWith(*record, device, stage) && stage == Stage::afterRoot) {
             haveDriverLook();

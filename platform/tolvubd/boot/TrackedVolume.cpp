@@ -19,7 +19,7 @@ namespace tolvubd {
 
 namespace {
 
-/// By the node that the kernel makes, as there may be no other yet.
+/// Opens the kernel's own node, because udev may not have made another one yet.
 os::FileDescriptor openMapped(const dm::Device& device) {
     const std::string node = "/dev/dm-" + std::to_string(minor(device.number));
     os::FileDescriptor file = openDirect(node, O_RDWR);

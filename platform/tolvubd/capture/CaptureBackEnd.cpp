@@ -27,7 +27,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-/// The file system is frozen; if it is a process that can't do that, the process is stopped.
+/// Freezes the file system. If that isn't supported, stops its FUSE server.
 std::unique_ptr<HoldGuard> holdStill(const Volume& volume, const std::string& mountPoint) {
     try {
         return std::make_unique<HoldGuard>(std::make_unique<FrozenFileSystem>(mountPoint));
@@ -56,7 +56,7 @@ void captureVolume(const SnapshotPlan& plan, Device& device) {
     capture.finish();
 }
 
-/// Writes what has changed from one capture to the next into the CoW file that was current between.
+/// Writes what has changed between the two captures into the CoW file that was current in between.
 void record(const Device& before, const Device& after, const std::string& closed) {
     const Moment then{layout::capture(before.snapshot), before.own};
     const Moment now{layout::capture(after.snapshot), after.own};
@@ -93,7 +93,7 @@ void tidyStore(const Table& table) {
     const std::set<std::string> kept = capturesKept(table);
     for (const fs::directory_entry& entry : fs::directory_iterator(layout::store)) {
         const std::string path = entry.path();
-        // A capture without a name couldn't be found again to be detached.
+        // The capture is detached before it is removed: the loop device is found by the name of its file.
         if (path.ends_with(layout::captureSuffix) && !shown.contains(path) &&
             tryTo("detach " + path, [&] { detachCapture(path); }) && !kept.contains(path)) {
             tryTo("remove " + path, [&] { removeFile(path); });
@@ -115,7 +115,7 @@ void dropWithoutCapture(std::vector<Device>& devices) {
 
 } // namespace
 
-/// Nothing that the capture needs may be on the file system that is frozen meanwhile.
+/// Nothing that the capture needs may lie on the file system that is frozen during the capture.
 void CaptureBackEnd::requireRoom(const SnapshotPlan& plan, const Device& /*device*/) const {
     struct stat status{};
     checked(::stat(layout::store, &status), "look at the image store");
@@ -145,10 +145,10 @@ void CaptureBackEnd::takeNext(const SnapshotPlan& plan, const Device& before, co
     showCapture(layout::capture(after.snapshot), plan.volume.sectorSize, after.minor);
 }
 
-/// A capture is a file of its own, which nobody else writes.
+/// Nothing to note: a capture is a file of its own that nothing else writes.
 void CaptureBackEnd::noteEnd(Device& /*device*/) {}
 
-/// Captures that no device has are removed by `tidy`.
+/// Nothing to do: `tidy` removes captures that no device has.
 void CaptureBackEnd::release(const Device& /*device*/) {}
 
 void CaptureBackEnd::reload(const Volume& volume, Device& device) {

@@ -12,7 +12,7 @@ namespace tolvubd {
 
 namespace {
 
-/// Sets the flags of all pieces that an extent touches.
+/// Sets the flag of each piece that one of the extents touches.
 void set(std::vector<bool>& flags, const std::vector<Extent>& extents, std::uint64_t pieceSize, bool value) {
     for (const Extent& extent : extents) {
         const std::uint64_t end =

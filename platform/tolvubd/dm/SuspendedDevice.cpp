@@ -53,7 +53,7 @@ void SuspendedDevice::enterCopy() noexcept {
     MemoryLock::forLife();
 }
 
-/// A signal for the program is no reason to give up.
+/// EINTR: a signal for the program is no reason to give up.
 int SuspendedDevice::trySuspend() noexcept {
     int error = 0;
     do {

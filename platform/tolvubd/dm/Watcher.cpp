@@ -18,7 +18,7 @@ namespace {
 
 constexpr int pauseMilliseconds = 1000;
 constexpr std::size_t room = 16384;
-constexpr std::uint32_t ofTheKernel = 1; ///< the group of those that hear the kernel's own events
+constexpr std::uint32_t ofTheKernel = 1; ///< the netlink group of the kernel's own events
 
 os::FileDescriptor openEvents() {
     os::FileDescriptor events(checked(::socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_KOBJECT_UEVENT),
@@ -32,7 +32,7 @@ os::FileDescriptor openEvents() {
     return events;
 }
 
-/// All that the copy of the process needs. It listens from the beginning, so that no event is lost in
+/// Everything that the forked process needs. The socket is opened in the parent, so that no event is lost in
 /// between.
 class Watch {
 public:
@@ -55,7 +55,8 @@ private:
     std::vector<std::byte> before;
 };
 
-// No file system is frozen for the exchange: it would be a mount of the snapshot, which nobody writes to.
+// Doesn't freeze a file system when the table is exchanged: that could only be a mount of the snapshot, which
+// nothing writes to.
 Watch::Watch(const Device& volume, const Device& snapshot)
     : events(openEvents()),
       control(openControl()),
@@ -78,7 +79,7 @@ bool Watch::isAsBefore() noexcept {
     return table.send(control.get()) && std::ranges::equal(table.answer(), before);
 }
 
-/// A snapshot that can be read tells how much room it has used. Of any other, words tell what is wrong.
+/// The status of a valid snapshot begins with the number of sectors used; that of any other is a word.
 bool Watch::isWhole() const noexcept {
     const std::span<const std::byte> answer = status.answer();
     if (answer.size() <= sizeof(dm_target_spec)) {
@@ -92,7 +93,7 @@ bool Watch::putError() noexcept {
     return loadError.send(control.get()) && resume.send(control.get());
 }
 
-/// An event only says that it's time to look: nothing is made of what stands in it.
+/// Any event means that it's time to check; its content is ignored.
 void Watch::waitForEvent() const noexcept {
     pollfd poll{events.get(), POLLIN, 0};
     if (::poll(&poll, 1, pauseMilliseconds) > 0) {

@@ -28,7 +28,7 @@ namespace {
 constexpr std::size_t uuidLength = 36;
 constexpr int attemptsToRead = 3;
 
-/// Parts of what a device of ours is called.
+/// The layers' names, which are part of their devices' names and UUIDs.
 constexpr const char* lowerLayer = "lower";
 constexpr const char* metaLayer = "meta";
 constexpr const char* midLayer = "mid";
@@ -51,7 +51,7 @@ dm::Device require(const std::string& id, const char* layer) {
     fail(ENXIO, std::string("the layer ") + layer);
 }
 
-/// Makes a device, or takes the one that is there.
+/// Finds the device of a layer, or creates it.
 dm::Device obtain(const std::string& id, const char* layer) {
     if (auto device = find(id, layer)) {
         return *device;
@@ -66,7 +66,7 @@ dm::Device makeLive(const std::string& id, const char* layer, const dm::Targets&
     return device;
 }
 
-/// Makes a device begin with zeros, which is how its target knows that it is new.
+/// Writes zeros to the beginning of a device, from which the target knows that the device is new.
 void clearBeginning(const dm::Device& device, std::size_t bytes) {
     const HiddenNode node(device.number);
     const os::AlignedBuffer zeros(bytes, bytes);
@@ -173,7 +173,7 @@ void LayerStack::endSnapshot() {
     const dm::Targets linear = {{0, dm::sizeOf(dm::liveTable(lower)), "linear", nameOf(lower) + " 0"}};
     if (dm::liveTable(mid) != linear) {
         dm::load(mid, linear);
-        dm::resume(mid, dm::Visibility::hidden); // waits for what is under way, and holds up what comes
+        dm::resume(mid, dm::Visibility::hidden); // waits for I/O in flight, and holds up new I/O meanwhile
     } else {
         dm::clear(mid);
     }
@@ -187,7 +187,7 @@ void LayerStack::giveBack() {
         return;
     }
     const LvmLock lock(*top());
-    if (const auto volume = top()) { // LVM may have been at it until now
+    if (const auto volume = top()) { // LVM may have exchanged the table before the lock was taken
         dm::load(*volume, targetsOf(id, lowerLayer));
         HoldGuard guard(
             std::make_unique<dm::SuspendedDevice>(*volume, dm::Visibility::shown, std::vector<dm::Device>{}));
@@ -197,7 +197,7 @@ void LayerStack::giveBack() {
 
 void LayerStack::takeApart() {
     giveBack();
-    for (const dm::Device& holder : holders()) { // by a table that never came to life
+    for (const dm::Device& holder : holders()) { // those with a table that is loaded, but never became live
         dm::clear(holder);
     }
     for (const char* layer : {snapshotLayer, midLayer, cowLayer, metaLayer, lowerLayer}) {
@@ -205,7 +205,7 @@ void LayerStack::takeApart() {
     }
 }
 
-/// The volume, also where it has its table of ours only loaded.
+/// The volume, even if our table is only loaded for it and not live.
 std::vector<dm::Device> LayerStack::holders() const {
     const auto meta = find(id, metaLayer);
     return meta ? holdersOf(*meta) : std::vector<dm::Device>{};
@@ -219,6 +219,7 @@ void LayerStack::letGo() const {
     }
 }
 
+/// Checks the tracking first: if the volume has lost its layers, its snapshot isn't consistent either.
 int LayerStack::check(const Layers& layers, Mode mode) const {
     const auto volume = dm::findByUuid(layers.volume);
     const auto lower = find(id, lowerLayer);
@@ -264,7 +265,7 @@ std::vector<bool> LayerStack::writtenSince(std::uint32_t first) const {
     for (int attempt = 1;; ++attempt) {
         try {
             return EraMetadata(file, size, EraMetadata::View::snapshot).writtenSince(first);
-        } catch (const std::system_error& error) { // the target may just have been writing its superblock
+        } catch (const std::system_error& error) { // the target may have been writing its superblock
             if (error.code().value() != EBADMSG || attempt == attemptsToRead) {
                 throw;
             }

@@ -35,7 +35,7 @@ namespace tolvubd {
 
 namespace {
 
-/// Bytes that a file has on its volume; 0 where there is none.
+/// The bytes that a file uses on its volume; 0 if there is no file.
 std::uint64_t takenBy(const std::string& path) {
     constexpr std::uint64_t unit = 512;
     struct stat status{};
@@ -60,7 +60,7 @@ void show(const LayerStack& stack, Device& device) {
     showReadOnly(stack, device.minor);
 }
 
-/// Nobody reads any more what may not be the moment of the snapshot.
+/// Makes all reads of a snapshot fail that may be inconsistent.
 void putErrorUnder(const LayerStack& stack) {
     const dm::Device snapshot = stack.snapshot();
     const dm::Targets targets = dm::liveTable(snapshot);
@@ -90,7 +90,8 @@ bool isBroken(const Device& device) {
     return device.layers && device.layers->error != 0 && device.layers->error != ENOSPC;
 }
 
-/// What isn't trusted any more is out of the way of programs at once, and gone when nobody reads it any more.
+/// Gives the volume its own table back, so that programs don't depend on broken layers. While there is a
+/// snapshot, its device stays with the target "error" until the snapshot ends.
 void abandon(const Device& device) {
     LayerStack stack(device.layers->id);
     if (device.mode == Mode::tracking) {
@@ -115,7 +116,8 @@ void bringTo(const Device& device) {
     renewSeal(stack, device);
 }
 
-/// A device that was put back before its volume was mounted: by then its seal had another fingerprint.
+/// Renews the seal of a device whose layers were put back before its volume was mounted: the mount has
+/// changed the fingerprint.
 void renewAsleep(const Device& device) {
     const LayerStack stack(device.layers->id);
     if (device.layers->error == 0 && isSealed(stack, device) &&
@@ -142,7 +144,7 @@ void MapperBackEnd::requireRoom(const SnapshotPlan& plan, const Device& device) 
     requireNotFrozen(plan.cow.mountPoint);
     const bool isNew = device.layers->eraFile.empty();
     const std::uint64_t era = isNew ? eraFileSize(plan.volume.size, device.layers->blockSectors) : 0;
-    const std::uint64_t given = isNew ? takenBy(eraFileOn(plan.cow)) : 0; // by the file that it replaces
+    const std::uint64_t given = isNew ? takenBy(eraFileOn(plan.cow)) : 0; // used by the file that is replaced
     if (freeSpace(plan.cow.mountPoint) + given < plan.cowSize + era) {
         fail(ENOSPC, "the CoW file on " + plan.volume.path);
     }
@@ -151,7 +153,7 @@ void MapperBackEnd::requireRoom(const SnapshotPlan& plan, const Device& device) 
 void MapperBackEnd::takeFirst(const SnapshotPlan& plan, Device& device) {
     makeCowStore(plan, device);
     makeEraFile(plan, device);
-    // From here on, where the volume lies must not change.
+    // From here on, the volume must not be moved.
     const LvmLock lock(LayerStack::volumeOf(*device.layers));
     const dm::Device volume = LayerStack::volumeOf(*device.layers);
     LayerStack stack(device.layers->id);
@@ -167,7 +169,7 @@ void MapperBackEnd::takeFirst(const SnapshotPlan& plan, Device& device) {
 
 void MapperBackEnd::takeNext(const SnapshotPlan& plan, const Device& before, const std::string& closed,
                              Device& after) {
-    if (before.layers->id != after.layers->id) { // what has changed isn't known
+    if (before.layers->id != after.layers->id) { // the layers are new, so everything counts as changed
         LayerStack(before.layers->id).takeApart();
         takeFirst(plan, after);
         writeRecord(closed, before.snapshot, changedUnits({}, after.layers->blockSectors, {}, after.size),
@@ -177,7 +179,8 @@ void MapperBackEnd::takeNext(const SnapshotPlan& plan, const Device& before, con
     makeCowStore(plan, after);
     LayerStack stack(after.layers->id);
     {
-        // To reserve the file may have taken long, and where its store lies may be somebody else's by now.
+        // Reserving the file may have taken long. The volume may have been moved since, and the store's
+        // blocks may belong to another volume.
         const LvmLock lock(LayerStack::volumeOf(*after.layers));
         requireSound(plan, stack, *after.layers, Mode::tracking);
         takeMoment(plan, stack, after);
@@ -190,7 +193,7 @@ void MapperBackEnd::takeNext(const SnapshotPlan& plan, const Device& before, con
     show(stack, after);
 }
 
-/// A store that was too small costs the backup that read from the snapshot, and nothing else.
+/// If the store was too small, only the backup that read from the snapshot fails; tracking goes on.
 void MapperBackEnd::noteEnd(Device& device) {
     Layers& layers = *device.layers;
     if (isBroken(device)) {
@@ -225,7 +228,7 @@ void MapperBackEnd::examine(Table& table) {
             noteCheck(device);
         }
     }
-    for (Device& device : table.asleep) { // those that were put back, and may have been bypassed since
+    for (Device& device : table.asleep) { // layers that were put back may have been bypassed since
         if (owns(device) && !isBroken(device)) {
             tryTo("look at " + device.blockDevice, [&] {
                 if (isSealed(LayerStack(device.layers->id), device)) {
@@ -236,6 +239,7 @@ void MapperBackEnd::examine(Table& table) {
     }
 }
 
+/// Each step is tried on its own, so that a broken volume doesn't keep the others from being tidied.
 void MapperBackEnd::tidy(const Table& table) {
     for (const Unfinished& unfinished : table.unfinished) {
         if (!unfinished.layers.empty()) {

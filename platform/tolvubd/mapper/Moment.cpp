@@ -17,10 +17,10 @@ namespace {
 
 constexpr std::uint64_t mebibyte = std::uint64_t{1} << 20;
 
-/// The moment of the snapshot: all that was written before is in it, nothing that comes after.
+/// Suspends the volume, makes the new tables live, and resumes it: that is the moment of the snapshot.
 void exchangeTables(const SnapshotPlan& plan, const LayerStack& stack, const dm::Device& volume) {
     using std::chrono::milliseconds;
-    syncFileSystem(plan.cow.mountPoint); // what is left would have to be written while it is suspended
+    syncFileSystem(plan.cow.mountPoint); // so that little is left to write while the volume is suspended
     auto suspended = std::make_unique<dm::SuspendedDevice>(volume, dm::Visibility::shown, stack.inside(),
                                                            dm::liveTable(stack.lower()));
     dm::SuspendedDevice& held = *suspended;

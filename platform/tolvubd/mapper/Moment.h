@@ -5,10 +5,10 @@
 
 namespace tolvubd {
 
-/// Takes the snapshot of a volume: all that was written before is in it, nothing that comes after. Notes the
-/// era that begins with it, and has the devices watched.
+/// Takes the snapshot of a volume: it contains all earlier writes and no later ones. Records the era that
+/// begins with it, and starts the watcher.
 ///
-/// Fails: the volume goes on then, and its table is the one that it had, or the new one.
+/// Fails: std::system_error. The volume is resumed then, with its previous table or with the new one.
 void takeMoment(const SnapshotPlan& plan, LayerStack& stack, Device& device);
 
 } // namespace tolvubd

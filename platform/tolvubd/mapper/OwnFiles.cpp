@@ -18,7 +18,7 @@ namespace tolvubd {
 
 namespace {
 
-/// The snapshot of a CoW file; none if it isn't there, or isn't one.
+/// The snapshot UUID of a CoW file; none if there is no CoW file at `path`.
 std::optional<std::string> snapshotIn(const std::string& path) {
     try {
         return snapshotOf(path);
@@ -74,7 +74,7 @@ void removeLockedCowFile(const std::string& path, const std::string& snapshot) {
 
 void removeLockedFile(const std::string& path) {
     if (!isThere(path)) {
-        return; // even to remove nothing, one would wait for a volume that somebody has frozen
+        return; // removing would wait while the volume is frozen, even if there is no file
     }
     dm::releaseFile(path);
     removeFile(path);

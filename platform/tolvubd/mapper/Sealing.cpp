@@ -15,8 +15,8 @@ namespace tolvubd {
 
 namespace {
 
-/// What the file system changes all the time doesn't count here, and is only of use when nobody has it
-/// mounted.
+/// Whether two seals are the same, except for the fingerprints' `content`: a mounted file system changes that
+/// all the time, and it is only used for volumes that aren't mounted.
 bool isSame(const Seal& one, const Seal& other) {
     const auto mountOf = [](const Seal& seal) { return seal.fingerprint ? seal.fingerprint->mount : ""; };
     return one.end == other.end && one.start == other.start && one.device == other.device &&

@@ -21,8 +21,7 @@ constexpr std::size_t slots = 2;
 constexpr std::size_t slotSize = sealSize / slots;
 constexpr std::uint64_t magic = 0x314C414553564C54; // "TLVSEAL1"
 
-/// A slot: four numbers, little endian, and the text. The checksum is of all that stands behind it in the
-/// slot.
+/// A slot: four little-endian numbers, and the text. The checksum covers everything in the slot after itself.
 namespace slot {
 constexpr Field magic{0, 8};
 constexpr Field checksum{8, 8};
@@ -68,7 +67,7 @@ std::string textOf(const Seal& seal) {
     return object.dump();
 }
 
-/// None for what isn't the text of a seal.
+/// None if the text isn't that of a seal.
 std::optional<Seal> sealFrom(const std::string& text) {
     constexpr int deepest = 5;
     try {

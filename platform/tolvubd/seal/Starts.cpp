@@ -16,7 +16,7 @@ namespace {
 constexpr std::size_t mostStarts = 8;
 constexpr std::size_t largestRecord = std::size_t{4} << 10;
 
-/// None are known when the record isn't there, or isn't one.
+/// Empty when the file doesn't exist or isn't valid.
 std::vector<std::string> readStarts(const std::string& path) {
     std::vector<std::string> starts;
     try {

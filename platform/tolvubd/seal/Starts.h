@@ -4,14 +4,14 @@
 
 namespace tolvubd {
 
-/// Which starts of the machine are on record, in a file of one line each, oldest first.
+/// The record of the machine's starts: a file with a boot_id per line, oldest first.
 ///
-/// Threads: callers take turns.
+/// Threads: one at a time; callers hold the driver's lock when they write.
 /// Fails:   std::system_error.
 
-/// Notes this start, durably, unless it is noted already.
+/// Adds this start to the record, durably, unless it is the last entry already.
 void noteStart(const std::string& path);
-/// The last one on record that isn't this one; empty when none is, or the record can't be read.
+/// The last start on record before this one; empty when there is none, or the record can't be read.
 std::string previousStart(const std::string& path);
 
 } // namespace tolvubd

@@ -4,7 +4,7 @@ namespace tolvubd {
 
 namespace {
 
-/// What was left open tells less: only that the file system is still as the machine left it when it stopped.
+/// For an open seal, which shows less: the file system must still be as the machine left it when it stopped.
 std::optional<std::string> reasonAfterCrash(const Seal& seal, const Fingerprint& now,
                                             const std::string& previousStart) {
     if (now.isClean) {

@@ -10,8 +10,8 @@ namespace tolvubd {
 namespace {
 
 constexpr std::uint64_t blockSize = 512;
-/// Twice what can be on its way to the disk at a time: so far back from the end it may have holes after a
-/// crash.
+/// Twice what can be in flight to the disk at a time: after a crash, that last part of the log may have
+/// holes.
 constexpr std::uint64_t windowBlocks = std::uint64_t{8} << 10;
 constexpr std::uint64_t headerMagic = 0xFEEDBABE;
 
@@ -27,7 +27,7 @@ constexpr Field operations{40, 4};
 constexpr Field bufferSize{320, 4};
 } // namespace header
 
-/// In the block behind the header, of the first operation.
+/// In the block after the header: the flags of the first operation.
 constexpr std::size_t flagsOfOperation = 9;
 constexpr std::uint64_t isUnmount = 0x20;
 
@@ -35,19 +35,19 @@ constexpr Field within(std::uint64_t block, Field field) {
     return {block * blockSize + field.offset, field.width};
 }
 
-/// The round in which a block was written; in a header it stands behind the magic number.
+/// The round in which a block was written. In a record header it follows the magic number.
 std::uint64_t roundOf(const Fields& blocks, std::uint64_t block) {
     const std::uint64_t first = blocks.big(within(block, header::magic));
     return first == headerMagic ? blocks.big(within(block, header::round)) : first;
 }
 
-/// A run of blocks of the log that ends where the head is thought to be.
+/// A run of blocks of the log that ends where the head is expected.
 class Window {
 public:
     Window(Fields bytes, std::uint64_t begin, std::uint64_t beginRound, std::uint64_t logBlocks)
         : bytes(std::move(bytes)), begin(begin), beginRound(beginRound), logBlocks(logBlocks) {}
 
-    /// How many of its blocks are of the rounds that they should be.
+    /// How many blocks, from the window's start on, are of the expected round.
     [[nodiscard]] std::uint64_t soundBlocks() const {
         const std::uint64_t count = bytes.size() / blockSize;
         std::uint64_t block = 0;
@@ -57,7 +57,8 @@ public:
         return block;
     }
 
-    /// The last record that is complete within the first `end` blocks, and the head behind all of them.
+    /// Finds the last record that is complete within the first `end` blocks. The head is the end of those
+    /// blocks.
     [[nodiscard]] std::optional<XfsLogHead> lastRecord(std::uint64_t end) const {
         for (std::uint64_t block = end; block > 0; --block) {
             if (isRecord(block - 1, end)) {
@@ -110,7 +111,7 @@ public:
     [[nodiscard]] std::optional<XfsLogHead> head() const {
         const std::uint64_t round = roundAt(0);
         if (round == 0) {
-            return std::nullopt; // never written, or not to be read
+            return std::nullopt; // never written, or unreadable
         }
         const std::uint64_t end = endOfRound(round);
         const bool hasOlder = roundAt(place.blocks - 1) != 0 && round > 1;
@@ -131,7 +132,8 @@ private:
         return bytes ? roundOf(bytes, 0) : 0;
     }
 
-    /// The first block that isn't of this round, if those that are stand before all others.
+    /// Finds the first block that isn't of this round, by a binary search: the blocks of the round come
+    /// first.
     [[nodiscard]] std::uint64_t endOfRound(std::uint64_t round) const {
         std::uint64_t low = 0;
         std::uint64_t high = place.blocks;
@@ -142,7 +144,7 @@ private:
         return high;
     }
 
-    /// Blocks of the ring.
+    /// Reads blocks of the ring, which may wrap around.
     [[nodiscard]] Fields read(std::uint64_t begin, std::uint64_t count) const {
         const std::uint64_t first = std::min(count, place.blocks - begin);
         const Fields head = readDirect(device, place.offset + begin * blockSize, first * blockSize);

@@ -11,8 +11,8 @@ namespace zephane {
 
 namespace {
 
-/// What is written before a flush in between, so that no flush keeps a slow disk busy for longer than an
-/// answer may take; bytes.
+/// The amount of data, in bytes, after which a flush is sent, so that no flush takes a slow disk longer than
+/// the time limit for an answer.
 constexpr std::uint64_t flushEvery = 512 * wire::mebibyte;
 
 Status statusOf(const Failure& failure) {
@@ -113,7 +113,7 @@ Status ZephaneFTPClient::Connection::close() {
     return status.code != 0 ? status : flushed;
 }
 
-/// All is stored by now, so what fails here has no meaning.
+/// All data is flushed by now, so a failure here doesn't matter.
 void ZephaneFTPClient::Connection::sayGoodBye() {
     attempt([this] { image->end(); });
     broken.reset();
@@ -140,7 +140,8 @@ Status ZephaneFTPClient::Connection::attempt(const std::function<void()>& work) 
     }
 }
 
-/// Ends the connection. What had ended it before says more than what a call saw of it.
+/// Ends the connection. The failure that had ended it before says more than what the call saw, so it is
+/// added.
 Status ZephaneFTPClient::Connection::explain(const Failure& failure) {
     image.reset();
     const std::optional<Failure> reason = session ? session->end() : std::nullopt;
@@ -155,7 +156,7 @@ void ZephaneFTPClient::Connection::readAll(std::span<std::uint8_t> data) {
         return;
     }
     image->settle();
-    flush(); // what is read back is to be what is stored
+    flush(); // what is read must be what is stored
     data = data.first(std::min<std::uint64_t>(data.size(), imageSize - position));
     while (!data.empty()) {
         const auto part = data.first(std::min(data.size(), wire::requestBytes));
@@ -184,7 +185,7 @@ void ZephaneFTPClient::Connection::writeAll(std::span<const std::uint8_t> data) 
 void ZephaneFTPClient::Connection::writePart(std::span<const std::uint8_t> part) {
     const std::uint64_t begin = position;
     for (const Run& run : runsToWrite(part)) {
-        position = begin + run.offset; // up to here the image has what it should have
+        position = begin + run.offset; // the image is right up to here
         unflushed.add(position, run.length);
         image->write(part.subspan(run.offset, run.length), position);
     }
@@ -203,8 +204,8 @@ void ZephaneFTPClient::Connection::punch(std::uint64_t length) {
     position += length;
 }
 
-/// Once a flush has failed nothing that came before it can be relied on, even if another one worked: a kernel
-/// forgets what it could not write.
+/// After a failed flush, earlier writes can't be relied on even if a later flush succeeds: a kernel discards
+/// data that it couldn't write back.
 void ZephaneFTPClient::Connection::flush() {
     if (lost) {
         throw CallError(lost->error, lost->text);
@@ -236,7 +237,7 @@ std::vector<Run> ZephaneFTPClient::Connection::runsToWrite(std::span<const std::
 
 std::vector<Run> ZephaneFTPClient::Connection::runsByDigests(std::span<const std::uint8_t> part) {
     if (unflushed.overlaps(position, part.size())) {
-        flush(); // the server reads over another connection
+        flush(); // the server reads the image over another connection
     }
     std::vector<wire::Digest> local;
     const auto remote = session->digests({position, static_cast<std::uint32_t>(part.size())},

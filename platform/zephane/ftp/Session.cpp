@@ -26,7 +26,8 @@ namespace {
 
 using Local = asio::local::stream_protocol::socket;
 
-/// Signals are for the threads of the program, so none is let into one that is started in its scope.
+/// Blocks all signals, so that a thread started in this scope inherits the mask: the program's own threads
+/// handle signals.
 class SignalsBlocked {
 public:
     SignalsBlocked() {
@@ -44,7 +45,7 @@ private:
 
 } // namespace
 
-/// What the thread does, and what it tells.
+/// The state of the connection's thread, and what it shares with the caller.
 class Session::Conversation {
 public:
     Conversation(std::unique_ptr<SocketImpl> socket, SessionPeer peer, std::chrono::milliseconds patience)
@@ -72,19 +73,19 @@ private:
     void finish(const std::exception_ptr& exception);
     void stop();
 
-    // The sockets of what follows belong to it.
+    // Declared first, because the sockets in the members below use it.
     asio::io_context io{1};
     std::unique_ptr<SocketImpl> socket;
     const SessionPeer peer;
     const std::chrono::milliseconds patience;
 
-    // Of the thread, once it has been started.
+    // Only the thread uses these, once it has been started.
     std::optional<Relay> relay;
     const char* step = "cannot connect";
     bool isStopping = false;
     bool isAsked = false;
 
-    // Under the mutex.
+    // Guarded by the mutex.
     mutable std::mutex mutex;
     std::condition_variable changed;
     std::optional<std::uint64_t> granted;
@@ -166,11 +167,12 @@ void Session::Conversation::announce(std::uint64_t flags) {
 void Session::Conversation::finish(const std::exception_ptr& exception) {
     const std::lock_guard lock(mutex);
     isEnded = true;
-    // A relay that is stopped from outside has no failure; what comes before it is just broken off.
+    // If the relay was stopped from outside, it reports no failure. An error before the relay's start was
+    // then caused by the stop itself.
     if (exception && (relay || !isStopping)) {
         failure = failureOf(exception);
         failure->text = step + (": " + failure->text);
-    } else if (!isStopping && relay && relay->hasRemoteEnded()) { // not the client, by its end of the sockets
+    } else if (!isStopping && relay && relay->hasRemoteEnded()) { // not the client
         failure = Failure{ECONNRESET, "the server has ended the connection"};
     }
     changed.notify_all();
@@ -266,7 +268,7 @@ std::vector<wire::Digest> Session::digests(const wire::DigestRequest& request,
     try {
         answer = conversation->ask(request, meanwhile);
     } catch (...) {
-        conversation->end(); // an answer that comes later would be taken for the next one
+        conversation->end(); // a late answer would be taken for that of the next request
         throw;
     }
     if (answer.code != 0) {

@@ -6,7 +6,7 @@
 
 namespace zephane {
 
-/// What has been written since the last flush: the range that covers all of it, and how much it was.
+/// What has been written since the last flush: a range that covers all of it, and the number of bytes.
 class Unflushed {
 public:
     void add(std::uint64_t offset, std::uint64_t length) {

@@ -18,7 +18,8 @@ std::span<const std::uint8_t> FilterChain::next() {
     if (filters.empty()) {
         return nextUnfiltered();
     }
-    // The last one that has something left; what it has goes through those behind it, which had nothing.
+    // Asks the last filter first. If a filter returns something, feeds it to the one after it, which had
+    // nothing left.
     std::size_t place = filters.size() - 1;
     for (;;) {
         const auto piece = filters[place]->next();

@@ -30,7 +30,7 @@ asio::awaitable<void> Relay::run() {
     }
 }
 
-/// The first part that ends takes the others with it; what they fail with then says nothing.
+/// The first part that ends stops the others; their failures are only a consequence, so they are ignored.
 asio::awaitable<void> Relay::guard(asio::awaitable<void> part) {
     try {
         co_await std::move(part);
@@ -139,7 +139,7 @@ asio::awaitable<void> Relay::sendWaiting() {
 
 asio::awaitable<void> Relay::waitUntil(bool (Relay::*condition)() const) {
     while (!isStopped && !(this->*condition)()) {
-        asio::error_code changeOfState; // the timer never ends otherwise
+        asio::error_code changeOfState; // the timer ends only when it is cancelled
         co_await changed.async_wait(asio::redirect_error(asio::use_awaitable, changeOfState));
     }
     if (isStopped) {
@@ -147,7 +147,7 @@ asio::awaitable<void> Relay::waitUntil(bool (Relay::*condition)() const) {
     }
 }
 
-/// A limit is never nearer than `patience` when it is set, so looking once in that time misses none.
+/// A deadline is `patience` away when it is set, so checking once in that time misses none.
 asio::awaitable<void> Relay::watch() {
     while (!isStopped) {
         const auto now = Clock::now();

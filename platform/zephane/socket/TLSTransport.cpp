@@ -23,11 +23,11 @@ using Endpoints = std::vector<tcp::endpoint>;
 
 } // namespace
 
-/// What there is of a connection, from the look-up of the name on.
+/// The parts of a connection, from the look-up of the host's name on.
 class TLSTransport::Link {
 public:
     asio::awaitable<void> establish(const std::string& host, unsigned short port);
-    /// std::logic_error before it is established.
+    /// Throws std::logic_error before the connection is established.
     TlsStream& established();
     void close() noexcept;
 
@@ -58,8 +58,9 @@ asio::awaitable<void> TLSTransport::Link::establish(const std::string& host, uns
     co_await stream->handshake(asio::ssl::stream_base::client);
 }
 
-/// asio alone would leave the descriptor open in the programs that are started meanwhile. Closing it drops
-/// what is still to be sent: a write that was given up must not arrive when the next connection has written.
+/// Opens the socket with SOCK_CLOEXEC, which asio doesn't set, so that programs started meanwhile don't
+/// inherit it. With a linger time of 0, closing discards unsent data: a write that was given up must not
+/// reach the server after the next connection has written.
 asio::awaitable<asio::error_code> TLSTransport::Link::attempt(const tcp::endpoint& endpoint) {
     if (isClosed) {
         co_return asio::error::operation_aborted;

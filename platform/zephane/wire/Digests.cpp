@@ -18,7 +18,7 @@ bool canBe(const DigestRequest& request) {
            request.offset <= std::numeric_limits<std::uint64_t>::max() - request.length;
 }
 
-/// Digests come with a 0, and with nothing else.
+/// An answer has digests if its code is 0, and only then.
 bool canBe(const DigestAnswer& answer) {
     return answer.digests.empty() == (answer.code != 0) && answer.digests.size() <= digestsIn(digestRange);
 }

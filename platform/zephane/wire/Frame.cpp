@@ -23,7 +23,7 @@ bool canBe(std::uint8_t kind, std::size_t payloadBytes) {
     case FrameKind::digestAnswer:
         return payloadBytes >= digestCodeBytes && payloadBytes <= digestAnswerBytes;
     }
-    return false; // a kind of nobody's
+    return false; // an unknown kind
 }
 
 std::string describe(std::uint8_t kind, std::size_t payloadBytes) {

@@ -19,9 +19,10 @@ namespace zephane {
 namespace {
 
 constexpr std::chrono::seconds stopTime{5};
-/// For what a process has printed before its end; what it has started itself may keep the pipe open.
+/// For the output from before the process's end. The process's own children may keep the pipe open, so this
+/// is limited.
 constexpr std::chrono::seconds drainTime{1};
-/// Between two looks at a process that has ended, but can't be reaped yet.
+/// The pause between checks whether a process that has ended can be reaped.
 constexpr std::chrono::milliseconds traceTime{100};
 constexpr std::size_t longestLine = 1000;
 
@@ -100,14 +101,15 @@ void BackEnd::send(int signal) {
     process.send(signal);
 }
 
-/// It may have been asked when it was about to end anyway: its sessions see that first, and leave it.
+/// Whether the process ended because it was asked to. That a signal was sent isn't enough: if an engine
+/// crashes, its sessions may notice that first, and have it stopped.
 bool BackEnd::wasAsked(const ProcessEnd& how) const {
     return sent != 0 && (how.signal == 0 ? how.status == 0 : how.signal == sent);
 }
 
 asio::awaitable<void> BackEnd::watch() {
     co_await end.async_wait(asio::posix::descriptor_base::wait_read, asio::use_awaitable);
-    while (!process.hasEnded()) { // whoever traces it keeps what is left of it for a moment
+    while (!process.hasEnded()) { // a tracer may keep it from being reaped for a moment
         asio::steady_timer timer(strand, traceTime);
         co_await timer.async_wait(asio::use_awaitable);
     }

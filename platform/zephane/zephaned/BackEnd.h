@@ -16,18 +16,19 @@
 
 namespace zephane {
 
-/// One nbdkit, behind a Unix socket. What it says goes to the log, under the name of the image.
-/// Owns:    the process, its socket, and itself until the process has ended.
-/// Threads: any; but see ChildProcess for the one that starts it.
+/// One nbdkit process that serves an image on a Unix socket. Its output goes to the log, with the image's
+/// name.
+/// Owns:    the process and its socket; a back end keeps itself alive until the process has ended.
+/// Threads: any; but the thread that calls `start` must outlive the process (see ChildProcess).
 /// Fails:   `start` throws std::system_error. A process that ends by itself is logged.
 ///
-/// To stop, it is asked (SIGTERM), and killed if it is still there after five seconds.
+/// `stop` sends SIGTERM, and SIGKILL if the process is still there after five seconds.
 class BackEnd : public IBackEnd, public std::enable_shared_from_this<BackEnd> {
 public:
     struct Command {
         std::string program;                ///< the path of nbdkit
-        std::vector<std::string> arguments; ///< of the plugin and its filters
-        std::string socket;                 ///< a path where nothing is yet
+        std::vector<std::string> arguments; ///< for the plugin and its filters
+        std::string socket;                 ///< a path that doesn't exist yet
     };
 
     static std::shared_ptr<BackEnd> start(const asio::any_io_executor& executor, const Command& command,
@@ -41,7 +42,7 @@ private:
     struct Pipe;
 
 public:
-    /// For `start`.
+    /// For `start`, through std::make_shared.
     BackEnd(const asio::any_io_executor& executor, const Command& command, std::string image, const Log& log,
             Pipe pipe);
 
@@ -54,18 +55,18 @@ private:
     [[nodiscard]] bool wasAsked(const ProcessEnd& how) const;
     void say(const std::string& line);
 
-    // What isn't const belongs to the strand.
+    // Only the strand uses the members that aren't const.
     const asio::strand<asio::any_io_executor> strand;
     const std::string socketPath;
     const std::string image;
     const Log& log;
     const ChildProcess process;
-    asio::posix::stream_descriptor end;    // the process's, for waiting
-    asio::posix::stream_descriptor output; // what it prints
+    asio::posix::stream_descriptor end;    // a pidfd of the process, to wait for its end
+    asio::posix::stream_descriptor output; // the process's output
     asio::steady_timer killing;
     asio::steady_timer draining;
     LineLimit limit;
-    int sent = 0; ///< the last signal that was to end it
+    int sent = 0; ///< the last signal sent to end the process
 };
 
 } // namespace zephane

@@ -4,18 +4,18 @@
 
 namespace zephane {
 
-/// What serves one image by NBD.
-/// Owns:    see the classes that implement it.
+/// An engine that serves one image by NBD.
+/// Owns:    the engine's process and its socket.
 /// Threads: any.
 /// Fails:   never.
 class IBackEnd {
 public:
     virtual ~IBackEnd() = default;
-    /// The path of the Unix socket where it takes connections, some time after it was made.
+    /// The path of the Unix socket where the engine accepts connections, shortly after its start.
     [[nodiscard]] virtual const std::string& socket() const = 0;
-    /// From then on nothing of it writes to the image any more.
+    /// Whether the engine has ended: from then on it doesn't write to the image any more.
     [[nodiscard]] virtual bool hasEnded() const = 0;
-    /// Asks it to end, and doesn't wait.
+    /// Asks the engine to end, without waiting for that.
     virtual void stop() = 0;
 };
 

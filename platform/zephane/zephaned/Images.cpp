@@ -38,7 +38,7 @@ void Images::configure(const std::vector<ImageConfig>& configs) {
         image->config = config;
         image->key.emplace(config.secret);
     }
-    // What has been used of late stays: its name may come back while its back end is still ending.
+    // Keeps an image whose back end is still ending, because its name may be configured again.
     std::erase_if(all, [](const auto& entry) {
         const Image& image = *entry.second;
         return !image.config && image.writing.uses + image.reading.uses == 0 && !image.writing.isEnding() &&

@@ -12,11 +12,11 @@
 
 namespace zephane {
 
-/// The images that are served, and who uses them. All writers of an image are connections of one client and
-/// share one back end; all readers share another, which can't write.
+/// The images that are served, and their users. All writers of an image are connections of one client and
+/// share a back end. All readers share another back end, which can't write.
 /// Owns:    the back ends, each from its first use to its last.
 /// Threads: any.
-/// Fails:   `open` throws Refusal, and what starting a back end throws.
+/// Fails:   `open` throws Refusal, and passes on what starting a back end throws.
 class Images {
     struct Image;
     struct Side;
@@ -24,7 +24,7 @@ class Images {
 public:
     using Start = std::function<std::shared_ptr<IBackEnd>(const ImageConfig& image, bool isWritable)>;
 
-    /// That an image is used; ends with the object, which must not outlive the Images.
+    /// The right to use an image, until the destructor gives it up. A Use must not outlive the Images.
     class Use {
     public:
         Use(Images& images, std::shared_ptr<Image> image, Side& side);
@@ -45,29 +45,30 @@ public:
 
     explicit Images(Start start) : start(std::move(start)) {}
 
-    /// From now on these are served. Uses under way go on: they have to be ended by who has them.
+    /// Replaces the list of images to serve. Sessions that use a removed image go on until the caller ends
+    /// them.
     void configure(const std::vector<ImageConfig>& configs);
     [[nodiscard]] bool isServed(const wire::ImageName& name) const;
     [[nodiscard]] std::optional<wire::ProofKey> findKey(const wire::ImageName& name) const;
-    /// Nothing while the back end of those before is still ending: two must never write to one image. To be
-    /// tried again soon then. Refusal with EACCES if it isn't served, EBUSY if another client is writing to
-    /// it.
+    /// Returns none while the previous back end is still ending, because two must never write to one image:
+    /// call again soon. Throws Refusal with EACCES if the image isn't served, EBUSY if another client is
+    /// writing to it.
     [[nodiscard]] std::optional<Use> open(const wire::ImageName& name, const wire::ClientId& client,
                                           bool isWritable);
 
 private:
-    /// Those who write to an image, or those who read.
+    /// The writers of an image, or its readers.
     struct Side {
         std::shared_ptr<IBackEnd> backEnd;
-        std::weak_ptr<IBackEnd> ending; // the one before; it stays as long as its process
+        std::weak_ptr<IBackEnd> ending; // the previous one; exists as long as its process
         std::size_t uses = 0;
-        wire::ClientId client{}; // who writes, if anybody does
+        wire::ClientId client{}; // the client that writes, if any
 
         [[nodiscard]] bool isEnding() const;
     };
 
     struct Image {
-        std::optional<ImageConfig> config; // nothing: not served any more, but used
+        std::optional<ImageConfig> config; // none if the image isn't served any more, but was in use
         std::optional<wire::ProofKey> key;
         Side writing;
         Side reading;
@@ -77,7 +78,7 @@ private:
 
     const Start start;
     mutable std::mutex mutex;
-    std::map<wire::ImageName, std::shared_ptr<Image>> all; // guarded by mutex, and what is in it
+    std::map<wire::ImageName, std::shared_ptr<Image>> all; // guarded by mutex, including the images
 };
 
 } // namespace zephane

@@ -6,8 +6,7 @@
 
 namespace zephane {
 
-/// Keeps those who can have lines written from filling the log: ten lines a minute, and how many were left
-/// out.
+/// Keeps repeated messages from filling the log: allows ten lines a minute, and counts the others.
 /// Owns:    nothing.
 /// Threads: any.
 /// Fails:   never.
@@ -20,15 +19,15 @@ public:
 
     struct Verdict {
         bool isAllowed = false;
-        std::size_t leftOut = 0; ///< since the last line that was allowed
+        std::size_t leftOut = 0; ///< lines since the last one that was allowed
     };
 
     Verdict ask(Clock::time_point now = Clock::now());
 
 private:
     std::mutex mutex;
-    Clock::time_point begin;  // of the span; guarded by mutex
-    std::size_t written = 0;  // in it; guarded by mutex
+    Clock::time_point begin;  // start of the span; guarded by mutex
+    std::size_t written = 0;  // lines in the span; guarded by mutex
     std::size_t withheld = 0; // guarded by mutex
 };
 

@@ -6,7 +6,7 @@
 
 namespace zephane {
 
-/// Why a client doesn't get what it asks for, as it is told.
+/// Why a client doesn't get what it asks for. The client is told the code and the text.
 class Refusal : public std::runtime_error {
 public:
     /// `code` is a negative errno.

@@ -22,13 +22,13 @@ namespace {
 
 using asio::ip::tcp;
 
-/// Waiting for engines is all that they do, so there are many.
+/// The workers only wait for engines, so there are many of them.
 constexpr std::size_t workerThreads = 32;
 constexpr unsigned leastThreads = 2;
 constexpr unsigned mostThreads = 8;
-/// After an accept that has failed, mostly for want of descriptors.
+/// The pause after a failed accept, which mostly means that there are no file descriptors left.
 constexpr std::chrono::milliseconds acceptPause{100};
-/// Something that hangs in the kernel must not keep the server from ending.
+/// An alarm ends the server after this time, even if an engine hangs in the kernel.
 constexpr unsigned endSeconds = 30;
 
 } // namespace
@@ -82,7 +82,7 @@ void Server::run() {
     asio::co_spawn(control, waitForReloads(), asio::detached);
     asio::co_spawn(control, waitForEnd(), asio::detached);
     log.info("ready");
-    // The engines end with the thread that has started them, so all of these stay to the end.
+    // An engine ends with the thread that has started it, so all threads run until the end.
     std::vector<std::jthread> threads;
     for (unsigned more = std::clamp(std::thread::hardware_concurrency(), leastThreads, mostThreads); more > 1;
          --more) {
@@ -113,7 +113,7 @@ asio::awaitable<void> Server::accept(tcp::acceptor& acceptor) {
 void Server::begin(tcp::socket socket) {
     try {
         std::make_shared<ServerSession>(std::move(socket), services)->start();
-    } catch (const std::exception& error) { // it has gone already
+    } catch (const std::exception& error) { // the client has disconnected already
         if (services.refusals.ask().isAllowed) {
             log.warning(std::string("refused a client: ") + error.what());
         }

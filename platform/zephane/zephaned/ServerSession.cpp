@@ -21,10 +21,11 @@ namespace zephane {
 
 namespace {
 
-/// From the hello to the refusal of who can't prove that it may use an image: it tells nothing, and slows
-/// guessing.
+/// The time from the hello to the refusal of a client that can't prove itself. It is fixed, so that it
+/// reveals nothing, and it slows down guessing.
 constexpr std::chrono::seconds refusalTime{1};
-/// From the accepted connection to the engine's size; the rest of the handshake's time is for the verdict.
+/// The time limit from the accepted connection until the engine's size is known; the rest of the handshake's
+/// time is left for the verdict.
 constexpr std::chrono::seconds engineTime = wire::handshakeTime - std::chrono::seconds{2};
 
 constexpr const char* endOfClient = "the client has closed the connection";
@@ -101,7 +102,7 @@ asio::awaitable<void> ServerSession::run() {
     try {
         co_await converse();
     } catch (const asio::system_error& error) {
-        // A client that has no more to say needn't say so in TLS.
+        // A client may close the connection without TLS's close_notify.
         const bool isEnd = error.code() == asio::ssl::error::stream_truncated;
         close(isEnd ? endOfClient : error.code().message());
     } catch (const std::exception& error) {
@@ -114,7 +115,7 @@ void ServerSession::finish() {
     close(use && use->backEnd().hasEnded() ? "the image's engine has ended" : endOfClient);
     handshakeLimit.cancel();
     if (!isDigesting) {
-        digested.reset(); // so that the engine has nothing left to wait for
+        digested.reset(); // the engine waits for this connection when it ends
     }
     use.reset();
     services.sessions.remove(number);
@@ -201,7 +202,7 @@ asio::awaitable<void> ServerSession::waitForUse(const wire::ClientHello& asked) 
     throw asio::system_error(asio::error::operation_aborted);
 }
 
-/// By an NBD connection of the server's own: what the client does with its own isn't looked into.
+/// Uses an NBD connection of the server's own; the client's NBD connection is relayed unseen.
 asio::awaitable<void> ServerSession::lookAtImage() {
     const auto left =
         std::chrono::duration_cast<std::chrono::milliseconds>(accepted + engineTime - Clock::now());
@@ -293,7 +294,7 @@ void ServerSession::sayEnd() {
                       " sent: " + end);
 }
 
-/// Strangers must not fill the log.
+/// Limits the lines, so that unknown clients can't fill the log.
 void ServerSession::sayRefusal() {
     const LineLimit::Verdict verdict = services.refusals.ask();
     if (verdict.leftOut > 0) {
