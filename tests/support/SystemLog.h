@@ -12,7 +12,7 @@
 
 namespace agent::test {
 
-/// A system log daemon of a test's own: listens at /dev/log, which is private in the tests' namespace.
+/// A test's own syslog daemon. It listens at /dev/log, which is private in the tests' mount namespace.
 class SystemLog {
 public:
     SystemLog() : socket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)) {
@@ -28,7 +28,7 @@ public:
     SystemLog& operator=(const SystemLog&) = delete;
     ~SystemLog() { ::unlink(path); }
 
-    /// The next message as it came in, "<priority>date ident[pid]: text"; empty if there is none.
+    /// The next message as received, "<priority>date ident[pid]: text"; empty if there is none.
     std::string next() {
         std::array<char, 8192> buffer{};
         const ssize_t length = ::recv(socket.get(), buffer.data(), buffer.size(), 0);

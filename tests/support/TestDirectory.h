@@ -11,7 +11,7 @@
 
 namespace agent::test {
 
-/// An empty directory of a test's own, removed with all that it holds.
+/// An empty directory for a test. The destructor removes it with its contents.
 class TestDirectory {
 public:
     TestDirectory() : location(dir::testing() / UUIDGenerator().generate()) { dir::make(location); }

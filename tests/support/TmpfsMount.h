@@ -9,7 +9,7 @@
 
 namespace agent::test {
 
-/// A file system in memory, mounted on a directory while the object lives.
+/// A tmpfs that is mounted on a directory while the object lives.
 class TmpfsMount {
 public:
     TmpfsMount(std::string path, const std::string& options) : path(std::move(path)) {
