@@ -86,7 +86,7 @@ protected:
         return json::parse(response.text);
     }
 
-    /// The answer when each value of the system fails.
+    /// Makes every system query fail.
     void failAll() {
         const std::runtime_error failure("why");
         ON_CALL(systemInfo, getOSVersion).WillByDefault(Throw(failure));

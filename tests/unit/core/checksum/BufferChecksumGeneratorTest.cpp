@@ -50,7 +50,7 @@ Bytes randomBytes(std::size_t count) {
 
 constexpr std::string_view check = "123456789";
 
-/// The vectors of RFC 3720, appendix B.4, and the usual check value.
+/// The test vectors of RFC 3720, appendix B.4, and the usual check value.
 TEST(CRC32c, KnownValues) {
     EXPECT_EQ(sum(BufferChecksumGeneratorLibCRC32c(), check.data(), check.size()), 0xe3069283U);
     EXPECT_EQ(crc32c(Bytes(32, 0x00)), 0x8a9136aaU);
@@ -132,7 +132,7 @@ TEST(BufferChecksumGeneratorFactory, MakesTheGeneratorOfTheType) {
     EXPECT_EQ(sumOfType(-1), 0xe3069283U);
 }
 
-/// The first use of the library sets it up, from whichever thread it comes.
+/// The first use of the library initializes it, on whichever thread that happens.
 TEST(BufferChecksumGenerators, AreSafeFromAnyThread) {
     const BufferChecksumGeneratorFactory factory;
     std::vector<std::thread> threads;
