@@ -313,7 +313,7 @@ TEST_F(DriverTableTest, ElementsThatAreNoDevices) {
     EXPECT_TRUE(deviceFailsToParse(json(4), "[json.exception.type_error.304]"));
 }
 
-/// The maps keep their contents even though only the device list is invalid.
+/// If the table has no device list, the maps stay as they were.
 TEST_F(DriverTableTest, FailedLoadKeepsTheTable) {
     addDevice(2);
     ASSERT_TRUE(controller.isDriverVersionSupported());

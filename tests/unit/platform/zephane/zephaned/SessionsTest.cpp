@@ -20,7 +20,7 @@ protected:
 
     const wire::ImageName image{"host1/data", 7};
     const wire::ImageName other{"host2/data", 7};
-    std::vector<std::string> stopped; ///< why, of each that was added
+    std::vector<std::string> stopped; ///< for each session that was stopped: why
     Sessions sessions{most};
 };
 
