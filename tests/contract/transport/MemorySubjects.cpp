@@ -9,15 +9,15 @@
 
 #include <algorithm>
 
-/// The transports that need no far side: the fakes of the unit tests, and those to an iSCSI target and to a
-/// server of the file protocol in memory.
+/// The transports that need no server: the fakes of the unit tests, and the transports to an iSCSI target and
+/// to a server of the file protocol in memory.
 namespace agent::contract {
 
 namespace {
 
 using Bytes = TransportSubject::Bytes;
 
-/// Fake transports with one image between them.
+/// Fake transports that share one image.
 class FakeSubject : public BreakableSubject {
 public:
     explicit FakeSubject(bool holePunching) : holePunching(holePunching) {}
@@ -38,7 +38,7 @@ private:
     bool holePunching;
 };
 
-/// The decorator that fails on command, and is not commanded to.
+/// The decorator that injects failures, without any failure.
 class FaultySubject : public FakeSubject {
 public:
     using FakeSubject::FakeSubject;
