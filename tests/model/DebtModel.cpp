@@ -34,6 +34,8 @@ void show(World& world, std::uint32_t number, const Events& events) {
               << describe(fewer) << std::endl;
 }
 
+/// Runs `count` sequences and prints a summary. Each sequence has a random source of its own, so that a wrong
+/// one can be repeated alone by its number.
 int playAll(std::uint32_t count, std::uint32_t seed) {
     World world;
     const std::uint32_t steps = stepsOfABackup(world);

@@ -89,6 +89,7 @@ TEST(OutOfMemory, AnyAllocationOfARead) {
     EXPECT_LT(number, 10000);
 }
 
+/// The same for a write: it must be done completely or not at all.
 TEST(OutOfMemory, AnyAllocationOfAWrite) {
     const test::TestDirectory directory;
     test::RecordingLogger recorder;

@@ -179,6 +179,7 @@ TEST_F(DriverTransitionsTest, DeviceThatAReloadScriptHasGivenBack) {
     EXPECT_EQ(driver.calls(), std::vector<std::string>{"transition_snapshot 4 " + a + " 2048"});
 }
 
+/// If the next snapshot fails, the device can't be relied on to track changes, so it is destroyed.
 TEST_F(DriverTransitionsTest, FailedNextSnapshotEndsTheTracking) {
     for (const int reason : reasons) {
         addDevice(2);

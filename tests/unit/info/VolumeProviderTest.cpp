@@ -87,6 +87,7 @@ protected:
     test::TestDirectory directory;
 };
 
+/// The daemon describes the device; statvfs() of the first mount point supplies the block size.
 TEST_F(VolumeProviderTest, MountedVolumeIsDescribedByTheDaemonAndItsFileSystem) {
     const test::TmpfsMount mount(directory / "mount", "");
     const auto volume = onlyVolumeOf(fileSystem(

@@ -24,6 +24,7 @@ struct Row {
     bool isOpen = false; // needs no paired device
 };
 
+/// The expected routes, written out independently of the code.
 const std::vector<Row>& routeTable() {
     static const std::vector<Row> rows = {
         {0, "basichost", "GET", "/basichost", true},
@@ -196,6 +197,7 @@ TEST_F(HTTPInterpreterTest, PollingIsNotLogged) {
     EXPECT_EQ(security.lines(), (Lines{{2, "Unauthorized request from device 4711 for backupStatus"}}));
 }
 
+/// Only calls that name a backup get URL data: what follows the route's prefix.
 TEST_F(HTTPInterpreterTest, HandlerGetsTheRequest) {
     std::optional<std::pair<std::string, APIExtendedData>> given;
     const HTTPInterpreter::Handler handler = [&](const std::string& body, const APIExtendedData& extended) {

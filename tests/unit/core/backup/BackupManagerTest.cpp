@@ -104,6 +104,7 @@ TEST_F(BackupManagerTest, ListIsNotWrittenOverAnother) {
     EXPECT_NO_THROW(manager.ping("twice")); // the mutex has been released
 }
 
+/// The manager may remove any of the finished backups, so the test finds out which one it was.
 TEST_F(BackupManagerTest, SixthBackupMakesOneThatHasEndedGo) {
     for (int i = 1; i <= 5; ++i) {
         add("ended-" + std::to_string(i), false, i % 2 == 0);

@@ -143,6 +143,7 @@ void expectWholeValues(const VolumeBackupStatus& volume, std::uint64_t& lastByte
     EXPECT_LE(volume.backupType, DIFFERENTIAL_MERGE);
 }
 
+/// The backup's thread writes the status while HTTP threads read it, without waiting for one another.
 TEST(BackupStatusHandlerThreads, ReadersSeeWholeValuesWhileTheBackupWrites) {
     test::RecordingLogger log;
     BackupStatusHandler status(log.logger, {"first", "second"});

@@ -24,6 +24,8 @@ protected:
     }
 };
 
+/// The header of the CoW file, which the driver makes, is read for the bitmap of changes. Without the file
+/// the start fails.
 TEST_F(SnapshotSessionControlTest, FirstSnapshotOfAVolume) {
     const auto volume = makeVolume(one);
     file::remove(mountPoint(one) + "/.tolvu");

@@ -115,6 +115,8 @@ INSTANTIATE_TEST_SUITE_P(Kernel, FileSystemsTest,
                          testing::Values("mkfs.ext4 -q -b 4096", "mkfs.ext2 -q -b 4096",
                                          "mkfs.xfs -q -b size=4096"));
 
+/// Excluding a wrong block would leave data out of the image, so the contents of each excluded block are
+/// checked.
 TEST_P(FileSystemsTest, FragmentedFileIsExcludedWhereItLies) {
     writeInTurns(fileSystem, 60);
     const std::string path = fileSystem.path("second");

@@ -208,6 +208,7 @@ TEST_F(IscsiTransportTest, WithoutAContextNothingElseIsTried) {
     EXPECT_THAT(log.lines(), ElementsAre(Line{error, "Failed to create iscsi context."}));
 }
 
+/// If an option can't be set, a retry can't help. The context must not leak.
 TEST_F(IscsiTransportTest, AnOptionThatCanNotBeSetEndsTheConnectAtOnce) {
     const std::vector<std::pair<std::string, std::string>> options{
         {"iscsi_set_targetname", "Failed to set iscsi target name."},
@@ -552,6 +553,7 @@ TEST_F(IscsiTransportTest, ASecondThreadIsTurnedAwayWhileACommandIsUnderWay) {
 
 // --- rounds of retries
 
+/// Up to five retries, each over a new session, may still lead to success.
 TEST_F(IscsiTransportTest, AReadThatFailsIsRepeatedOverANewSession) {
     for (std::size_t failures = 1; failures <= 5; ++failures) {
         SCOPED_TRACE(failures);
@@ -590,6 +592,7 @@ TEST_F(IscsiTransportTest, AReadIsGivenUpAfterFiveRounds) {
     expectNoFarewell();
 }
 
+/// The same for writes.
 TEST_F(IscsiTransportTest, AWriteThatFailsIsRepeatedOverANewSession) {
     for (std::size_t failures = 1; failures <= 5; ++failures) {
         SCOPED_TRACE(failures);
@@ -981,6 +984,8 @@ void countBrokenPipe(int /*signal*/) {
     brokenPipes = brokenPipes + 1;
 }
 
+/// A broken connection may raise SIGPIPE in any call of the library. It must not reach the agent, where it
+/// would end the process or cancel the backup.
 TEST_F(IscsiTransportTest, NoBrokenPipeOfTheLibraryGetsOut) {
     brokenPipes = 0;
     struct sigaction counting{};

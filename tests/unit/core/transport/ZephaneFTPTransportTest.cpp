@@ -425,6 +425,7 @@ TEST_F(ZephaneFTPTransportTest, CodesAreToldByErrnoAsFarAsTheInterfaceHasThem) {
     }
 }
 
+/// After a failed or wrong seek, reading or writing would use the wrong place of the image.
 TEST_F(ZephaneFTPTransportTest, ClientThatIsNotAtThePlaceIsLeftAlone) {
     connect(4096);
     for (const auto& [answer, told] : std::vector<std::pair<Answer, int>>{

@@ -393,6 +393,8 @@ TEST_F(BackupOfVolumes, FailedBackupLeavesTheOldChecksumAndTheNextOneMendsTheIma
     EXPECT_TRUE(source.holdsUsedBlocks(targets["a"]->image));
 }
 
+/// If a snapshot fails while it is copied, the image may be wrong, so the next backup has to compare all of
+/// it.
 TEST_F(BackupOfVolumes, SnapshotThatHasNotLastedFailsTheBackupAndTheNextOneMendsTheImage) {
     test::ExtVolume& source = add("a");
     run();
@@ -620,6 +622,7 @@ private:
     }
 };
 
+/// The driver's own files are left out, since a restored volume doesn't need them.
 TEST_F(BackupOfVolumes, RealFileSystemIsCopiedWithoutFreeBlocksAndWithoutTheDriversFiles) {
     const std::string text(300'000, 't');
     const MadeFileSystem fileSystem({{"file", text}, {".tolvu", text}, {".tolvu1", text}});

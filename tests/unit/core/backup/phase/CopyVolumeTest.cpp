@@ -127,6 +127,7 @@ TEST_F(CopyVolumeTest, EveryUsedBlockIsCopiedAndNoOther) {
     EXPECT_FALSE(target->diffMerge);
 }
 
+/// The log must show each step of the copy, in order.
 TEST_F(CopyVolumeTest, SaysWhatItDoesInOrder) {
     run();
     const auto phaseLines = [](const std::string& name) {

@@ -391,6 +391,8 @@ TEST_F(EXTParserTest, BitmapOutsideOfTheFileSystemFails) {
     EXPECT_EQ(parse(), 100'000);
 }
 
+// These numbers would lead to divisions by zero, shifts by too many bits, or a bitmap that isn't where it is
+// read.
 TEST_F(EXTParserTest, ImpossibleSuperBlocksAreRefused) {
     make({});
     setSuperBlock(24, 7);
@@ -469,6 +471,8 @@ std::string hexOf(std::uint32_t number) {
     return text.str();
 }
 
+// An unknown feature may change what the bitmaps mean. Its name tells the administrator why the volume is
+// copied whole.
 TEST_F(EXTParserTest, FeaturesThatAreNotKnownAreRefusedByName) {
     const auto refusedFor = [this](std::uint64_t offset, std::uint32_t features, const std::string& names) {
         make({});
@@ -596,6 +600,7 @@ std::int64_t plainMap(ExtImage& image, std::uint64_t startBlock, std::vector<std
     return result;
 }
 
+// Small images with random geometry. Some bitmaps are moved, and some groups are uninitialized.
 std::unique_ptr<ExtImage> randomImage(std::mt19937& random) {
     const auto logBlockSize = static_cast<std::uint32_t>(random() % 3);
     const auto perGroup = 256 + static_cast<std::uint32_t>(random() % 1000);

@@ -410,6 +410,8 @@ TEST_F(NTFSFileInPieces, SizesAreBounded) {
     EXPECT_EQ(error("a"), "NTFS: A file is larger than a file can be.");
 }
 
+// The index of a large, fragmented directory outgrows one record: its root and each part of its allocation
+// are in records of their own.
 TEST_F(NTFSFileInPieces, IndexOfADirectoryMayBeInSeveralRecordsToo) {
     image->setRecord(otherFile, {NtfsDirectoryImage::dataOf({{2000, 1}})});
     Content entries;

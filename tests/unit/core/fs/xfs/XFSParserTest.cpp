@@ -119,6 +119,7 @@ TEST_F(XFSParserTest, RootThatIsALeafIsMarkedAtOnce) {
     }
 }
 
+// Every structure that is read is logged with its address and fields, so that a wrong map can be traced.
 TEST_F(XFSParserTest, LogsTheWalkOfAGroup) {
     make({.agCount = 1, .totalBlocks = 1000});
     image->setFreeList(0, 2, 2, 1);
@@ -678,6 +679,7 @@ void growTree(XfsImage& image, std::uint32_t group, std::mt19937& random) {
     image.setRoot(group, level.front());
 }
 
+// Random trees and free lists, checked against the reference implementation.
 TEST_F(XFSParserTest, MapIsThatOfOneBlockAtATime) {
     std::mt19937 random(11);
     for (int round = 0; round < 300; ++round) {

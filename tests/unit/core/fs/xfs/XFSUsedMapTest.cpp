@@ -32,6 +32,7 @@ Map plainMap(std::size_t bytes, std::uint64_t firstBlock, std::uint64_t usedEnd,
     return map;
 }
 
+/// Free runs may come in any order; ascending order, the usual one, takes another path through the code.
 TEST(XFSUsedMapTest, IsTheSameInWhateverOrderFreeBlocksCome) {
     std::mt19937_64 random(1);
     for (int round = 0; round < 30'000; ++round) {

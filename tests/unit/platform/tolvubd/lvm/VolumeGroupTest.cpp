@@ -34,6 +34,8 @@ dev_t readNumber(std::istream& from) {
     return makedev(major, minor);
 }
 
+/// Reads the script's output: physical volumes ("pv"), then each logical volume ("lv") followed by its
+/// device-mapper segments.
 Truth readTruth(const std::string& path) {
     Truth truth;
     std::istringstream lines(agent::test::readFile(path));
@@ -148,6 +150,7 @@ TEST_F(VolumeGroupText, HasNoPiecesOfWhatIsNotLinear) {
     }
 }
 
+/// A wrong location of an extent would make the driver read other volumes' data.
 TEST_F(VolumeGroupText, IsRefusedWhereItContradictsItself) {
     const std::vector<std::pair<std::string, std::string>> changes = {
         {"Text Format Volume Group", "Backup"},
