@@ -26,7 +26,7 @@ void require(bool holds) {
     }
 }
 
-/// Takes numbers from the front of the input; zeros when it is used up.
+/// Takes numbers off the front of the input; zeros when it is used up.
 class Input {
 public:
     Input(const std::uint8_t* data, std::size_t size) : data(data), left(size) {}

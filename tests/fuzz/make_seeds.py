@@ -25,7 +25,7 @@ FILES = {"lone": (4096, 0), "blocks": (4096, 40), "small_clusters": (512, 60), "
 
 
 def encode(image, regions, sector_exponent=0, buffer_units=255):
-    """The header, and a record for each run of lines in the regions that aren't all zeros."""
+    """The header, and a record for each run of lines of the regions that are not all zeros."""
     encoded = bytearray(struct.pack("<BBHI", sector_exponent, buffer_units, 0, image.stat().st_size // 1024))
     with open(image, "rb") as file:
         for offset, length in regions:

@@ -47,7 +47,7 @@ private:
     World& world;
 };
 
-/// A CoW file: a header, and one word for each unit of the volume.
+/// A CoW file: a header, and a word for each unit of the volume.
 constexpr std::uint32_t cowHeaderSize = 4096;
 constexpr std::uint32_t cowFileSize = cowHeaderSize + 8 * unitCount;
 

@@ -105,8 +105,8 @@ public:
     }
 
     core::backup::BackupManager manager;
-    std::shared_ptr<core::backup::IBackupAttributes> backupAttributes;     ///< of the last backup
-    std::shared_ptr<core::backup::ISnapshotAttributes> snapshotAttributes; ///< of the last backup
+    std::shared_ptr<core::backup::IBackupAttributes> backupAttributes;     ///< Of the last backup.
+    std::shared_ptr<core::backup::ISnapshotAttributes> snapshotAttributes; ///< Of the last backup.
     int backupsMade = 0;
     core::Engine engine; // last, so that its threads end before the other members are destroyed
 };

@@ -15,7 +15,7 @@ public:
         std::uint32_t logBlockSize = 2; ///< 0: blocks of 1 KiB, 2: of 4 KiB
         std::uint32_t blocksPerGroup = 32768;
         std::uint32_t blockCount = 100'000;
-        std::uint16_t descriptorSize = 0; ///< 0: without the 64-bit feature
+        std::uint16_t descriptorSize = 0; ///< 0 without the 64-bit feature
     };
 
     static constexpr std::uint64_t superBlock = 1024;

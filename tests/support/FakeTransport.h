@@ -99,7 +99,7 @@ public:
 
     [[nodiscard]] bool supportsHolePunching() const override { return holePunching; }
 
-    using Extent = std::pair<std::int64_t, std::size_t>; ///< position and length, in bytes
+    using Extent = std::pair<std::int64_t, std::size_t>; ///< Position and length, in bytes.
 
 private:
     std::shared_ptr<FarSide> side;
@@ -111,7 +111,7 @@ public:
     bool holePunching = false;
     std::uint64_t longestWrite = UINT64_MAX; ///< the most bytes that one call writes
     bool connected = false;
-    bool diffMerge = false; ///< as the last connect() asked for
+    bool diffMerge = false; ///< As the last connect asked for.
     std::int64_t position = 0;
     int connects = 0;
     int disconnects = 0;

@@ -28,7 +28,7 @@ public:
     SystemLog& operator=(const SystemLog&) = delete;
     ~SystemLog() { ::unlink(path); }
 
-    /// The next message as received, "<priority>date ident[pid]: text"; empty if there is none.
+    /// The next message as it came in, "<priority>date ident[pid]: text"; empty if there is none.
     std::string next() {
         std::array<char, 8192> buffer{};
         const ssize_t length = ::recv(socket.get(), buffer.data(), buffer.size(), 0);

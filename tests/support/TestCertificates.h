@@ -80,13 +80,13 @@ struct CertificateWish {
         std::string data;
     };
 
-    std::string commonName = "4711"; ///< any bytes; empty: none
+    std::string commonName = "4711"; ///< Any bytes; empty: none.
     std::string organization = {};
     std::string organizationalUnit = {};
     std::time_t activation = std::time(nullptr) - 3600;
     std::time_t expiration = std::time(nullptr) + 3600;
     bool isAuthority = false;
-    std::vector<Extension> extensions = {}; ///< in this order, before any others
+    std::vector<Extension> extensions = {}; ///< In this order, before any others.
 };
 
 inline constexpr const char* deviceTypeOid = "2.16.840.1.113730.1.13";
@@ -193,7 +193,7 @@ private:
 class TestSession {
 public:
     struct End {
-        std::string key; ///< PEM; empty: no certificate
+        std::string key; ///< PEM; empty: no certificate.
         std::string certificate;
     };
 

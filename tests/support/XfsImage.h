@@ -20,7 +20,7 @@ public:
         bool crc = true;
         std::uint32_t sectorSize = 512; ///< of the file system; the device's sectors may be smaller
     };
-    using Record = std::pair<std::uint32_t, std::uint32_t>; ///< first block in the group, and count
+    using Record = std::pair<std::uint32_t, std::uint32_t>; ///< first block of the group, and count
     using Records = std::vector<Record>;
     using Children = std::vector<std::uint32_t>;
 

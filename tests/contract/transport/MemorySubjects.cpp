@@ -9,8 +9,8 @@
 
 #include <algorithm>
 
-/// The transports that need no server: the fakes of the unit tests, and the transports to an iSCSI target and
-/// to a server of the file protocol in memory.
+/// The transports that need no far side: the fakes of the unit tests, and those to an iSCSI target and to a
+/// server of the file protocol in memory.
 namespace agent::contract {
 
 namespace {

@@ -48,7 +48,7 @@ public:
     std::string askedFor;
 };
 
-/// Keeps backups running, cancelled or not, until it is opened.
+/// Keeps backups running, whether cancelled or not, until it is opened.
 class Gate {
 public:
     void open() {
@@ -245,7 +245,7 @@ TEST_F(EngineTest, NewRequestCancelsTheRunningBackupAndDoesNotWaitForIt) {
 
 TEST_F(EngineTest, BackupThatCancelledItselfIsWaitedFor) {
     request();
-    manager.cancelBackup("backup-1"); // as its heartbeat would do
+    manager.cancelBackup("backup-1"); // as its heartbeat would
     std::future<std::string> next = std::async(std::launch::async, [&] { return request(); });
     while (!record.hasPart(4, "Failed to cancel a backup: Backup with ID backup-1 is already canceled")) {
         std::this_thread::sleep_for(1ms);

@@ -27,7 +27,7 @@ namespace {
 
 using Lines = std::vector<test::RecordingLogger::Line>;
 
-/// A TCP socket of the test, either connected to the server's port or bound to it.
+/// A TCP socket of the test's own, connected to the server's port or bound to it.
 class Socket {
 public:
     [[nodiscard]] bool connects() const {

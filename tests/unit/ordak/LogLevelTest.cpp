@@ -21,7 +21,7 @@ class LogLevelTest : public testing::Test {
 protected:
     LogLevelTest() { filter.load(record.logger, database.provider); }
 
-    /// The level name that is stored after a request.
+    /// The name that is stored after a request.
     std::string storedBy(const std::string& body) {
         const APIResponse response = handler(body);
         EXPECT_EQ(response.status, 200);

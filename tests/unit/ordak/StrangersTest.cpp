@@ -11,7 +11,7 @@
 namespace agent::ordak {
 namespace {
 
-/// A connection of which the test holds both ends.
+/// A connection of which the test has both ends.
 class Connection {
 public:
     Connection() {

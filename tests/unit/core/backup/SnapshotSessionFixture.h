@@ -78,7 +78,7 @@ protected:
 
     [[nodiscard]] std::string mountPoint(const std::string& uuid) const { return directory / uuid; }
 
-    /// A volume with an empty CoW file, as the driver creates it for the first snapshot.
+    /// A volume with an empty CoW file, as a driver makes it for the first snapshot.
     std::shared_ptr<TestVolume> makeVolume(const std::string& uuid, const std::string& fileSystem = "ext4") {
         dir::make(mountPoint(uuid));
         writeCowFile(uuid, ".tolvu", 0);

@@ -71,7 +71,7 @@ TEST(ScaleDown, AgreesWithAskingEveryBlock) {
     }
 }
 
-/// Random numbers of every magnitude, so that sums and products overflow often.
+/// Numbers of every magnitude, so that sums and products overflow often.
 class AnyNumber {
 public:
     std::uint64_t operator()() { return random() >> random() % 64; }

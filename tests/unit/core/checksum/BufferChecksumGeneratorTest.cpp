@@ -50,7 +50,7 @@ Bytes randomBytes(std::size_t count) {
 
 constexpr std::string_view check = "123456789";
 
-/// The test vectors of RFC 3720, appendix B.4, and the usual check value.
+/// The vectors of RFC 3720, appendix B.4, and the usual check value.
 TEST(CRC32c, KnownValues) {
     EXPECT_EQ(sum(BufferChecksumGeneratorLibCRC32c(), check.data(), check.size()), 0xe3069283U);
     EXPECT_EQ(crc32c(Bytes(32, 0x00)), 0x8a9136aaU);

@@ -141,7 +141,7 @@ TEST_F(FSUtilTest, OneReadIsOfFourMebibytesAtMost) {
     EXPECT_EQ(bytesRead, 9 * mebibyte);
 }
 
-// Each read is as long as requested, so the next one starts after the gap that a short read has left.
+// Each read stores its data where its part of the range belongs, even if an earlier read was short.
 TEST_F(FSUtilTest, ShortReadLeavesItsRestAsItWas) {
     volume.size = 10 * mebibyte;
     volume.longest = 100;

@@ -367,7 +367,7 @@ public:
     struct Play {
         std::vector<std::string> chunks;
         int failure = 0;   ///< errno of the PosixError after the last chunk, if not 0
-        bool late = false; ///< times out after the last chunk
+        bool late = false; ///< time out after the last chunk
         std::vector<std::int64_t> asked;
         bool destroyed = false;
     };
@@ -445,7 +445,7 @@ class PlayedScripts : public testing::Test {
 protected:
     void run(std::uint32_t timeoutSeconds = 20) { quiesce.runScript("/bin/true", timeoutSeconds, true); }
 
-    /// Runs a script that can't be started; returns the message of the logic_error.
+    /// Runs a script that can't be started; returns the text of the logic_error.
     std::string failure() {
         try {
             run();

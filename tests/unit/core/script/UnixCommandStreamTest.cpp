@@ -54,7 +54,7 @@ std::string outputOf(const std::string& command, const std::string& directory = 
 /// Message and code of a PosixError.
 using Failure = std::pair<std::string, int>;
 
-/// The PosixError that `operation` must throw.
+/// The PosixError that `operation` throws.
 Failure posixError(const std::function<void()>& operation) {
     try {
         operation();

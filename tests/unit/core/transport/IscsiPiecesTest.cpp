@@ -96,7 +96,7 @@ protected:
             iscsi.calls, [&](const std::string& line) { return line.starts_with(function + " "); }));
     }
 
-    /// The lengths of the recorded commands of a function, in bytes.
+    /// The lengths of the commands of a function, in bytes.
     [[nodiscard]] std::vector<std::uint64_t> lengths(const std::string& function) const {
         std::vector<std::uint64_t> all;
         for (const std::string& line : iscsi.calls) {

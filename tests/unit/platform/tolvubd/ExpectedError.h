@@ -6,7 +6,7 @@
 
 namespace tolvubd::test {
 
-/// The errno that a caller of the library would get; 0 if the call succeeds.
+/// The errno that a caller of the library would see; 0 if the work succeeds.
 template <class Work>
 int errorOf(const Work& work) {
     try {

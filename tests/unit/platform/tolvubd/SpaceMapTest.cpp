@@ -231,7 +231,7 @@ TEST(SpaceMap, FollowsTheRunsOfNtfs) {
     EXPECT_EQ(map->used, except(4200, {1, 3, 4096, 4199}));
 }
 
-// Sizes of clusters and records are negated powers of two if they are negative.
+// A negative size of clusters or records is the negated exponent of a power of two.
 TEST(SpaceMap, UnderstandsTheSizesOfNtfs) {
     for (const std::uint64_t inClusters : {0xF6, 2}) {
         TestVolume volume = ntfsVolume();

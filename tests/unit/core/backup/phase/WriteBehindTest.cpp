@@ -167,7 +167,7 @@ public:
 
     int calls = 0;
     int failing = 0;
-    bool sawNext = false; ///< whether the next chunk was read before this one was written
+    bool sawNext = false; ///< the next chunk was read before this one was written
     std::chrono::milliseconds patience{50};
 
 private:
@@ -202,7 +202,7 @@ TEST(OverlappingCopyTest, TheNextChunkIsReadWhileOneIsWritten) {
                        [](int level) { return level <= info; });
     OverlappingCopy copy(quiet, debug);
     copy.target->patience = std::chrono::seconds(30);
-    std::thread lastWrite([&] { // which has no next chunk to wait for
+    std::thread lastWrite([&] { // has no next chunk to wait for
         eventually([&] { return copy.volume.reads == 3; });
         ++copy.volume.reads;
     });

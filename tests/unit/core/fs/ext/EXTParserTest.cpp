@@ -372,7 +372,7 @@ TEST_F(EXTParserTest, UnreadableBitmapFails) {
     EXPECT_EQ(parse(), -1);
     EXPECT_EQ(record.lines()[1], (test::RecordingLogger::Line{info::level::error, "Can't read bitmap"}));
     EXPECT_TRUE(record.has(info::level::error, logicalError));
-    EXPECT_EQ(parse(98'304), 1696); // the last group alone is readable
+    EXPECT_EQ(parse(98'304), 1696); // reading only the last group works
 }
 
 TEST_F(EXTParserTest, BitmapOutsideOfTheFileSystemFails) {
@@ -553,7 +553,7 @@ TEST_F(EXTParserTest, HighHalfOfABitmapsBlockIsNotUsed) {
     image->volume.writeLittle(image->descriptor(0) + 32, 1, 4);
     EXPECT_EQ(parse(), 100'000);
     EXPECT_EQ(used(), (Blocks{50}));
-    setSuperBlock(336, 1); // the device is now large enough for such a block number
+    setSuperBlock(336, 1); // the file system now has that many blocks
     EXPECT_EQ(parse(), -1);
     EXPECT_TRUE(record.has(info::level::error, "Can't read bitmap"));
 }

@@ -602,7 +602,7 @@ TEST_F(NTFSParserTest, ChunksOfSeveralRunsGoOnInTheFirstOneAlone) {
     EXPECT_EQ(parse(32'776), -1);
 }
 
-// With the buffer size of a backup, this happens from 335,544,320 clusters on.
+// With the buffer size of a backup, volumes of more than 335,544,320 clusters need a second chunk.
 TEST_F(NTFSParserTest, SecondChunkOfALargeVolume) {
     constexpr std::uint64_t bits = 335'544'320;
     constexpr std::size_t bytes = bits / 8;

@@ -258,7 +258,7 @@ TEST_F(XFSParserTest, FreeListWhoseCountDisagreesMarksNothing) {
 
 class XFSTree : public XFSParserTest {
 protected:
-    /// A tree of three levels: a root, two nodes below it, and five leaves with one record each.
+    /// A tree of three levels: a root, two nodes below it, and five leaves of one record each.
     void makeTree(bool crc = true) {
         make({.crc = crc});
         image->setRoot(0, 10);
@@ -299,7 +299,7 @@ TEST_F(XFSTree, EveryNodeIsReadOnce) {
             EXPECT_TRUE(nodes.insert(request.offset).second) << request.offset;
         }
     }
-    EXPECT_EQ(nodes.size(), 9U); // eight of this group, one of the other group
+    EXPECT_EQ(nodes.size(), 9U); // eight of this group, one of the other
 }
 
 TEST_F(XFSTree, SiblingsOfTheRootDontCount) {
@@ -654,7 +654,7 @@ private:
 
 /// Writes a tree of one to three levels with random free extents.
 void growTree(XfsImage& image, std::uint32_t group, std::mt19937& random) {
-    std::uint32_t next = 4; // the block for the next node
+    std::uint32_t next = 4; // block for the next node
     std::vector<std::uint32_t> level;
     const std::uint32_t leaves = 1 + static_cast<std::uint32_t>(random() % 12);
     for (std::uint32_t i = 0; i < leaves; ++i) {

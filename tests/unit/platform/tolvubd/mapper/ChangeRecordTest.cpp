@@ -48,7 +48,7 @@ TEST(ChangedUnits, AreThoseThatCameIntoUseWithoutAWrite) {
     EXPECT_EQ(numbersOf(changed), (std::vector<std::size_t>{0, 1, 5, 7}));
 }
 
-/// More words than are written at once, and not a multiple of that number.
+/// More words than are written at once, and not a multiple of that.
 TEST(WriteRecord, WritesAWordForEachUnitAndTheCount) {
     const agent::test::TestDirectory directory;
     const std::string path = std::string(directory.path()) + "/.tolvu";

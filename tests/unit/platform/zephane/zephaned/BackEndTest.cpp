@@ -107,7 +107,7 @@ TEST_F(BackEndTest, HasNothingOfOursButItsOutput) {
     const int leaked = ::open("/dev/null", O_RDONLY); // NOLINT(android-cloexec-open): as a library would
     const auto backEnd = start({}, script("ls /proc/self/fd | tr '\\n' ' '; echo; env; echo done\n"));
     EXPECT_TRUE(says("done"));
-    EXPECT_TRUE(says("image: 0 1 2 3 \n")); // and the directory that is being listed
+    EXPECT_TRUE(says("image: 0 1 2 3 \n")); // and the directory that is listed
     EXPECT_EQ(logged().find("hidden"), std::string::npos);
     ::close(leaked);
 }
