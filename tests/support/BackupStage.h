@@ -36,6 +36,9 @@ private:
 
 /// Everything around a backup except its targets: volumes, scripts, snapshots, the database. Outlives the
 /// backups that it makes.
+/// Owns:    the database, the log and the fakes; the backups belong to the caller.
+/// Threads: one.
+/// Fails:   the constructor throws std::runtime_error if the database can't be made.
 class BackupStage {
 public:
     using Attributes = std::shared_ptr<core::backup::IBackupAttributes>;

@@ -58,6 +58,9 @@ private:
 
 /// A real engine with its backup manager and threads. Its backups do nothing; their attributes and their
 /// session are kept for the test.
+/// Owns:    the engine with its threads, the manager and the last session.
+/// Threads: one.
+/// Fails:   `takeTransport` throws for a volume that the backup doesn't have. Call it once after each backup.
 class EngineStage {
     class NoScripts : public core::script::IQuiesce {
     public:

@@ -14,6 +14,9 @@ namespace agent::test {
 
 /// A driver that keeps its devices in a map and records what it is asked to do. An operation whose name is in
 /// `failing` fails and has no effect.
+/// Owns:    its devices and records.
+/// Threads: one.
+/// Fails:   a call that `failing` contains returns false.
 class FakeDriverController : public info::IDriverController {
 public:
     bool isDriverVersionSupported() override { return note("isDriverVersionSupported"); }

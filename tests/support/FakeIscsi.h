@@ -16,8 +16,10 @@ namespace agent::test {
 /// Replaces libiscsi in the test program: implements the functions that the transport calls, on top of a disk
 /// in memory. Calls are recorded in order, sleeps too, with their arguments except contexts and data; calls
 /// that only query, wait or free are not recorded. An asynchronous command is carried out when it is
-/// answered; each wait answers one. Only one object may exist at a time, and calls of several threads must
-/// not overlap.
+/// answered; each wait answers one.
+/// Owns:    the disk, and file descriptor 700 while it exists. Only one object may exist at a time.
+/// Threads: any, but calls of several threads must not overlap.
+/// Fails:   as scripted. A second object, or no free descriptor, aborts the program.
 class FakeIscsi {
 public:
     enum class Outcome {

@@ -12,7 +12,10 @@
 namespace agent::test {
 
 /// A transport to a remote image in memory that refuses what a real target would refuse. Its public members
-/// record what happened to it. Single-threaded.
+/// record what happened to it.
+/// Owns:    a share of the far side.
+/// Threads: one.
+/// Fails:   like a real transport: -1 or false, with `errno`.
 class FakeTransport : public core::ITransport {
 public:
     using Image = std::vector<std::uint8_t>;

@@ -40,6 +40,9 @@ inline std::string udisksPath(const std::string& name) {
 }
 
 /// Exports objects on the bus as a udisks2 daemon does, using the daemon's own library.
+/// Owns:    a thread with a main loop and a connection to the bus; the destructor ends both.
+/// Threads: one constructs and destroys it; the objects are served in its own thread.
+/// Fails:   errors of the bus aren't handled, so the message bus must be running.
 class FakeUdisks {
 public:
     explicit FakeUdisks(std::vector<UdisksObject> objects, bool named = true)

@@ -15,7 +15,10 @@ namespace agent::test {
 /// Replaces the file protocol's client library in the test program: implements the classes that the transport
 /// uses, on top of an image in memory. Calls are recorded in order, sleeps too, with their arguments except
 /// data; calls that only query are not recorded. Clients are numbered from 1; the records of their opening
-/// and destruction contain the number. Only one object may exist at a time, in one thread.
+/// and destruction contain the number.
+/// Owns:    the image and the records. Only one object may exist at a time.
+/// Threads: one.
+/// Fails:   as scripted. A second object aborts the program.
 class FakeZephane {
 public:
     /// A scripted result that replaces the usual result of a call.

@@ -26,6 +26,9 @@ inline std::string outputOf(const std::string& command) {
 
 /// A real kernel file system on an image file in memory, mounted while the object lives. The loop device is
 /// detached with the unmount, at the latest when the test's mount namespace ends.
+/// Owns:    the image, the mount and its loop device.
+/// Threads: one.
+/// Fails:   the constructor throws std::runtime_error if a command fails. A failed unmount is ignored.
 class LoopFileSystem {
 public:
     /// `make` is the command that makes the file system; the path of the image is appended to it.

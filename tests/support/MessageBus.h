@@ -23,6 +23,9 @@ public:
 };
 
 /// A real message bus that allows every client everything and activates no services.
+/// Owns:    the dbus-daemon process and its configuration; the destructor kills the process.
+/// Threads: one.
+/// Fails:   the constructor throws std::runtime_error if the daemon doesn't listen within 20 seconds.
 class MessageBus {
 public:
     MessageBus() : daemon(command(directory / "bus.conf"), "", true) {

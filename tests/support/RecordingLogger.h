@@ -10,7 +10,10 @@
 namespace agent::test {
 
 /// A logger that records its lines. Lines are stored without the newline and without the mark of their
-/// reason; reasons are stored separately. Thread-safe.
+/// reason; reasons are stored separately.
+/// Owns:    the recorded lines; must outlive everything that logs to it.
+/// Threads: safe from any.
+/// Fails:   never.
 class RecordingLogger {
 public:
     struct Line {

@@ -63,6 +63,9 @@ std::string publicKeyOf(Handle* handle, int (*getter)(Handle*, unsigned, unsigne
 }
 
 /// A certificate authority in memory. Its key is small, so that it is generated quickly.
+/// Owns:    its key and certificate.
+/// Threads: one.
+/// Fails:   by std::runtime_error with the message of GnuTLS.
 class TestAuthority {
 public:
     TestAuthority() {

@@ -25,6 +25,9 @@ inline void requireGnuTls(int result) {
 }
 
 /// A private key for tests: elliptic curve, 256 bits.
+/// Owns:    the GnuTLS key.
+/// Threads: one.
+/// Fails:   by std::runtime_error with the message of GnuTLS.
 class TestKey {
 public:
     TestKey() {
@@ -104,6 +107,9 @@ inline CertificateWish deviceWish(const std::string& commonName = "4711") {
 }
 
 /// A certificate (PEM) for the public half of `key`. Self-signed if there is no issuer.
+/// Owns:    the GnuTLS certificate.
+/// Threads: one.
+/// Fails:   by std::runtime_error with the message of GnuTLS.
 class TestCertificate {
 public:
     TestCertificate(const TestKey& key, const CertificateWish& wish, const TestCertificate* issuer = nullptr,
@@ -190,6 +196,9 @@ private:
 };
 
 /// An established TLS session between two peers in this process, each with or without a certificate.
+/// Owns:    both GnuTLS sessions and their credentials.
+/// Threads: one.
+/// Fails:   the constructor throws std::runtime_error if the handshake fails.
 class TestSession {
 public:
     struct End {

@@ -12,6 +12,9 @@
 namespace agent::test {
 
 /// A real database with its tables, in a directory of its own.
+/// Owns:    the directory with the database file.
+/// Threads: the provider is safe from any; the rest is for one.
+/// Fails:   by std::runtime_error.
 class TestDatabase {
     TestDirectory directory;
     UUIDGenerator uuids;

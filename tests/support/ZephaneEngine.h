@@ -9,6 +9,9 @@
 namespace zephane::test {
 
 /// A test's own nbdkit on a Unix socket, which logs its requests. The destructor kills it.
+/// Owns:    the nbdkit process, its socket and its log.
+/// Threads: one.
+/// Fails:   the constructor throws std::runtime_error if nbdkit doesn't start.
 class ZephaneEngine {
 public:
     /// Takes the arguments for the plugin and filters. Throws std::runtime_error if nbdkit doesn't start.

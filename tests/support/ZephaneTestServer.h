@@ -25,6 +25,9 @@ struct ServerConduct {
 
 /// A server for the image "image" 7, in front of an NBD server, for clients in the same process.
 /// Owns:    a thread; destroying the object ends all connections.
+/// Threads: safe from any.
+/// Fails:   the constructor throws std::system_error if there is no free port. An error in a connection ends
+///          that connection.
 class ZephaneTestServer {
 public:
     explicit ZephaneTestServer(std::string engineSocket, ServerConduct conduct = {});
@@ -51,6 +54,9 @@ struct NetworkFault {
 
 /// A proxy between clients and a server that injects a fault.
 /// Owns:    a thread; destroying the object ends all connections.
+/// Threads: safe from any.
+/// Fails:   the constructor throws std::system_error if there is no free port. An error in a connection ends
+///          that connection.
 class ZephaneTestNetwork {
 public:
     ZephaneTestNetwork(std::uint16_t serverPort, NetworkFault fault);

@@ -7,8 +7,10 @@
 
 namespace agent::test {
 
-/// While an object exists, passes every SQLite connection that any code opens to a function. Only one object
-/// may exist at a time.
+/// While an object exists, passes every SQLite connection that any code opens to a function.
+/// Owns:    the registration with SQLite; only one object may exist at a time.
+/// Threads: connections may be opened in any thread; the function is called there.
+/// Fails:   never.
 class ConnectionHook {
 public:
     explicit ConnectionHook(std::function<void(sqlite3*)> seen) {

@@ -10,6 +10,9 @@
 namespace agent::test {
 
 /// The test's own connection to a database, independent of the code under test.
+/// Owns:    the connection.
+/// Threads: one.
+/// Fails:   by std::runtime_error with the message of SQLite.
 class RawDatabase {
 public:
     explicit RawDatabase(const std::string& path) {

@@ -25,7 +25,10 @@ inline std::string withoutDashes(std::string uuid) {
     return uuid;
 }
 
-/// A loop device for a sparse file. It is detached when the object is destroyed or the process ends.
+/// A loop device for a sparse file. The kernel detaches it when the object is destroyed or the process ends.
+/// Owns:    the loop device; the image file stays.
+/// Threads: one.
+/// Fails:   the constructor throws std::runtime_error if no loop device can be had.
 class Disk {
 public:
     Disk(std::string file, std::uint64_t bytes) : image(std::move(file)) {
