@@ -14,7 +14,7 @@ namespace agent::test {
 /// A transport to a remote image in memory that refuses what a real target would refuse. Its public members
 /// record what happened to it.
 /// Owns:    a share of the far side.
-/// Threads: one.
+/// Threads: one at a time.
 /// Fails:   like a real transport: -1 or false, with `errno`.
 class FakeTransport : public core::ITransport {
 public:

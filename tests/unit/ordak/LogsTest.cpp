@@ -212,7 +212,7 @@ TEST_F(LogsTest, ContinuationOfNothingIsAProblem) {
     EXPECT_EQ(query({{"lines", "1"}}).at("error").size(), 1U);
 }
 
-/// Parses lines as usual but fails on one of them.
+/// Returns each line unchanged, except that the line "bad" makes it throw.
 class StumblingDecorator : public info::IDecorator {
 public:
     std::string decorate(const std::string& message, int /*level*/, LogTime /*time*/) override {
