@@ -328,7 +328,7 @@ TEST_F(DriverHistoryTest, MergeThatEndsInTheSecondPiece) {
     EXPECT_TRUE(readFile(closed) == contentOf(merged));
 }
 
-/// Gigabytes of zeros must not be written or read, and merging must not fill holes with them.
+/// Gigabytes of zeros must be allocated without being written, and merged without being read or written.
 TEST_F(DriverHistoryTest, OwingNothingCostsNothing) {
     const std::uint64_t entries = pieceBytes / 8 * 2 + 2;
     const std::vector<std::uint64_t> table(entries, 1);

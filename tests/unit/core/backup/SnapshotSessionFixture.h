@@ -109,7 +109,7 @@ protected:
         test::writeFile(mountPoint(uuid) + "/" + name, header + std::string(20480, '\0'));
     }
 
-    /// Adds a tracked device with its bitmap of changes.
+    /// Adds a device, by default a tracked one, whose bitmap of changes is in `cowFile`.
     void track(const std::string& uuid, const std::string& cowFile = "/.tolvu", std::int32_t state = 2,
                std::int32_t deviceError = 0) {
         driver->devices[uuid] = {7, state, cowFile, "/dev/whatever", deviceError};

@@ -70,7 +70,7 @@ protected:
         return {begin, begin + static_cast<std::ptrdiff_t>(length)};
     }
 
-    /// Writes `length` bytes at the offset. Whatever the result is, no other bytes may change.
+    /// Writes random bytes at the offset. Expects them on the disk, and expects that no other bytes change.
     void write(std::uint64_t offset, std::uint64_t length) {
         static const Bytes source = randomBytes(2 * call, 1);
         const auto begin = source.begin() + static_cast<std::ptrdiff_t>(++writes * 512);

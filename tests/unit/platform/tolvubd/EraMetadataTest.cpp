@@ -35,8 +35,8 @@ std::string writeset(std::uint32_t era, std::uint64_t bits, const std::vector<st
     return text + "</writeset>\n";
 }
 
-/// XML in which each block was written in an era of its own. The last eras are still writesets, not in the
-/// array.
+/// XML in which the blocks were written in the eras 0 to 5 in turns. The eras 6 and 7 are still writesets,
+/// not in the array.
 std::string severalEras(std::uint64_t blocks) {
     std::string array;
     for (std::uint64_t block = 0; block < blocks; ++block) {

@@ -25,7 +25,7 @@ using Line = test::RecordingLogger::Line;
 
 constexpr int level3 = info::level::info;
 
-/// A real database whose queries fail for one volume.
+/// A real database that fails when it is asked whether it has one certain volume.
 class DoubtfulDatabase : public db::DataProvider {
 public:
     using DataProvider::DataProvider;
