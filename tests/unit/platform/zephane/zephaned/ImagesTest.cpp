@@ -11,7 +11,7 @@
 namespace zephane {
 namespace {
 
-/// One that ends when it is told to.
+/// A back end that ends when the test says so.
 class FakeBackEnd : public IBackEnd {
 public:
     [[nodiscard]] const std::string& socket() const override { return path; }
