@@ -12,8 +12,8 @@ namespace agent::db {
 /// Owns:    the connection.
 /// Threads: only the thread that created it may use it.
 /// Fails:   the constructor throws SQLiteError or library_error if it can't open the file. The functions
-///          return 0 or an empty string for a value that is missing, unreadable or out of range; the first
-///          two are logged.
+///          return 0 or an empty string for a value that is missing, unreadable or out of range. They log
+///          missing and unreadable values.
 class LegacyDatabase {
 public:
     LegacyDatabase(info::Logger& logger, const std::string& path);
