@@ -28,7 +28,7 @@ struct FreeText {
 };
 using GTextOwner = std::unique_ptr<gchar, FreeText>;
 
-/// What a call of GLib has to say about its failure.
+/// Owns the error that a failed GLib call has returned, if any.
 class GErrorOwner {
 public:
     GErrorOwner() = default;
