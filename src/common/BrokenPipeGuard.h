@@ -5,8 +5,7 @@
 namespace agent {
 
 /// Blocks SIGPIPE in the calling thread; the destructor discards a SIGPIPE that a write has raised meanwhile.
-/// Otherwise a broken pipe would end the process, or cancel a running backup, because somebody closed a
-/// terminal.
+/// Otherwise closing a terminal could end the process or cancel a running backup.
 /// Owns:    the thread's previous signal mask, which the destructor restores.
 /// Threads: the thread that creates it must also destroy it.
 /// Fails:   never.

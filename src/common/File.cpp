@@ -152,7 +152,7 @@ void sync(const std::string& path) {
 void replace(const std::string& path, std::string_view content, mode_t mode) {
     const std::string temporary = path + ".new";
     const std::string message = "Unable to write \"" + temporary + "\"";
-    // A file that an earlier crash left would keep its permissions.
+    // Removes a file that an earlier crash has left, because its permissions may differ from `mode`.
     ::unlink(temporary.c_str());
     const os::FileDescriptor descriptor(
         ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode));

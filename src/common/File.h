@@ -36,8 +36,7 @@ void sync(const std::string& path);
 
 /// Replaces the file at `path` atomically with one that contains `content`: at any moment, even after a power
 /// failure, either the old file or the new one is complete. Writes and syncs a temporary file in the same
-/// directory, renames it, and syncs the directory. On failure removes the temporary file and keeps the old
-/// one.
+/// directory, renames it, and syncs the directory. On failure removes the temporary file.
 void replace(const std::string& path, std::string_view content, mode_t mode);
 
 } // namespace agent::file

@@ -11,8 +11,7 @@ namespace agent {
 /// Owns:    the open, locked file; the destructor closes it and removes the path.
 /// Threads: one thread only.
 /// Fails:   the constructor and writePid throw std::runtime_error and leave `errno` as the failed call has
-///          set it: EAGAIN if another process has locked the file. A failed constructor doesn't remove the
-///          file.
+///          set it: EAGAIN if another process holds the lock. A failed constructor removes nothing.
 class Flock {
 public:
     explicit Flock(std::string path);

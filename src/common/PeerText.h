@@ -4,15 +4,14 @@
 #include <string>
 #include <string_view>
 
-/// Prepares texts that a peer has sent for the log, for a terminal, or for an answer to the peer.
+/// Makes texts from a peer safe to show in the log, on a terminal, or in an answer to the peer.
 namespace agent {
 
 /// How many bytes of a peer's text are shown: plenty for people to read, but too few to fill a disk.
 inline constexpr std::size_t longestPeerText = 16UL * 1024;
 
 /// Returns `text` with every control character escaped, as \n, \t, \r or \x1b: on a terminal it can't move
-/// the cursor, and in a log it stays one line. Escapes the control characters of UTF-8 and of single-byte
-/// encodings.
+/// the cursor, and in a log it stays one line. This includes the control characters of single-byte encodings.
 std::string printable(std::string_view text);
 
 /// If `text` is longer than `most` bytes, returns its beginning, cut between characters, followed by its

@@ -142,8 +142,8 @@ void DataMigrator::migrateVolume(LegacyDatabase& legacy, const info::BackupableV
     if (checksum != 0) {
         dataProvider.setVolumeChecksum(volume.getUuid(), checksum, legacyChecksumType());
     }
-    // The new history says that no blocks are missing from earlier backups of a volume that is tracked
-    // already. Without a history the volume would count as damaged.
+    // If the driver tracks the volume already, no blocks are missing from earlier backups, so the history
+    // starts empty. Without a history the volume would count as damaged.
     const std::unique_ptr<info::IDriverController> driver = makeDriver();
     if (!driver->hasIncrementalHistory(volume)) {
         driver->makeHistory(volume, true);

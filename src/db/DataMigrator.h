@@ -27,8 +27,7 @@ class LegacyDatabase;
 /// Owns:    nothing; logger, data provider and volume provider must outlive it.
 /// Threads: only the thread that starts the agent calls it.
 /// Fails:   `migrate` logs the reason and returns false if a store or the list of volumes is unavailable, or
-///          if the file can't be renamed. Values that were stored before stay, and the next start does the
-///          rest.
+///          if the file can't be renamed. Values stored before that stay; the next start does the rest.
 ///
 /// So it may run again after the agent has already made backups. Existing values are newer and stay: the
 /// pairing, a volume's row in the database, a volume's history, the size of a CoW file. Above all, it must

@@ -23,8 +23,7 @@ class QueryRunner;
 class DataProvider : public IDataProviderExtended {
 public:
     /// Creates `directory` with its parents; the first operation, validateProvider, creates the file. Only
-    /// root can open the file: each operation also corrects the permissions that an earlier version may have
-    /// left.
+    /// root can open the file: each operation also corrects permissions that are too wide.
     DataProvider(info::Logger& logger, UUIDGenerator& uuidGenerator, const std::string& directory);
     DataProvider(const DataProvider&) = delete;
     DataProvider& operator=(const DataProvider&) = delete;
@@ -52,7 +51,7 @@ public:
 private:
     using Rows = std::vector<std::vector<qparam>>;
 
-    /// Opens a connection, and makes sure that only root can open the file, and so lock it. The mutex must be
+    /// Makes sure that only root can open, and so lock, the file, and opens a connection. The mutex must be
     /// held.
     QueryRunner open();
     /// Runs one statement on a new connection, under the mutex.

@@ -15,7 +15,7 @@ constexpr mode_t ownerOnly = S_IRUSR | S_IWUSR;
 constexpr mode_t permissions = 07777;
 constexpr std::array companions = {"", "-journal", "-wal", "-shm"};
 
-/// Uses the path, not a descriptor: closing a descriptor would release every lock that the process has on the
+/// Uses the path, not a descriptor: closing a descriptor would release all of the process's locks on the
 /// file.
 void narrow(const std::string& path) {
     struct ::stat found{};

@@ -14,8 +14,7 @@ namespace agent::db {
 /// Owns:    the connection; the destructor closes it. The logger must outlive it.
 /// Threads: only the thread that created it may use it; it has no locks.
 /// Fails:   the constructor throws SQLiteError, or library_error if memory is exhausted; the operations throw
-///          std::runtime_error. If another process has locked the database, they fail at once, without a
-///          retry.
+///          std::runtime_error. If another process has locked the database, they fail at once.
 class QueryRunner {
 public:
     /// Opens the file for reading and writing, and creates it if it is missing.

@@ -4,8 +4,7 @@
 
 namespace agent::info {
 
-/// The functions of the driver's control library, under the library's own names. Each blocks until the driver
-/// has finished.
+/// The functions of the driver's control library, under the library's own names. Each waits for the driver.
 /// Owns:    nothing.
 /// Threads: one thread at a time.
 /// Fails:   each function returns a result other than 0 and sets `errno`.

@@ -30,8 +30,7 @@ public:
     [[nodiscard]] std::uint64_t getChangedBlocks() const;
     /// Where the table of changed blocks begins.
     [[nodiscard]] std::uint64_t getBitmapOffset() const;
-    /// The number of bytes from the beginning of the table to the end of the file; 0 if the file ends
-    /// earlier.
+    /// The bytes from the beginning of the table to the end of the file; 0 if the file ends earlier.
     [[nodiscard]] std::uint64_t getBitmapLength() const;
     [[nodiscard]] std::uint64_t getBitmapEntries() const;
     /// How many bytes of the volume one entry stands for.

@@ -11,8 +11,7 @@
 namespace agent::info {
 
 /// One of the files that the driver and the agent keep in the root directory of a volume. Any user may be
-/// able to create files there (a volume mounted on /tmp), so opening never follows a symbolic link or blocks
-/// on a pipe.
+/// able to create files there (a volume mounted on /tmp), so opening follows no link and blocks on no pipe.
 /// Owns:    the open file.
 /// Threads: one thread at a time.
 /// Fails:   the functions return false, or no length, and set `errno`: to ENODATA if the file ends too early.

@@ -143,8 +143,7 @@ public:
           changed(tableSize) {}
 
     bool run() {
-        // Each of the two messages names the other one's file. They stay, because readers of the log know
-        // them.
+        // Each of the two messages names the other one's file. Readers of the log know them that way.
         if (!history.seek(cow::tableOffset)) {
             return fail(logger, "Cannot seek past header in incremental file: ");
         }

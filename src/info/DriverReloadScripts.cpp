@@ -24,8 +24,7 @@ std::string scriptPath(std::int32_t minor) {
     return (dir::base() / name).str();
 }
 
-/// Root's shell runs the script, so a name from a volume or from the driver must be one plain word to a
-/// shell.
+/// Root's shell runs the script, so a name from a volume or from the driver must be one plain word.
 bool isPlainWord(std::string_view text) {
     constexpr std::string_view plain = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789._/-";
     return !text.empty() && text.find_first_not_of(plain) == std::string_view::npos;

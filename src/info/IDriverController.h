@@ -9,8 +9,7 @@ class ICowFileSize;
 struct DriverDeviceInfo;
 
 /// Controls the snapshot driver: its devices, and the incremental history, a file that the agent keeps next
-/// to the driver's CoW files. The history marks blocks that earlier backups should have transferred but
-/// didn't.
+/// to the driver's CoW files. It marks the blocks that earlier backups should have transferred but didn't.
 /// Owns:    the connection to the driver. The driver's devices and files outlive this object.
 /// Threads: one thread at a time; every call blocks until the driver has finished.
 /// Fails:   every bool result: false means failure, with the reason logged; outputs are then unchanged.
@@ -25,8 +24,7 @@ public:
 
     /// Whether the running driver is new enough for this agent.
     virtual bool isDriverVersionSupported() = 0;
-    /// Takes a snapshot of the volume. Either the driver tracks the volume already, or it has no device for
-    /// it.
+    /// Takes a snapshot of the volume. The driver must track the volume, or have no device for it.
     virtual bool startSnapshot(const BackupableVolume& volume, ICowFileSize& cowFileSize) = 0;
     /// Call this after a failed backup. Destroys the device unless the driver tracked the volume before
     /// startSnapshot.

@@ -10,6 +10,9 @@ namespace agent::info {
 
 /// The thread's GLib main context while a short-lived client is in use. It receives the client's events and
 /// discards them at the end. In the default context of the process, where no loop runs, they would pile up.
+/// Owns:    the context, and the thread's use of it.
+/// Threads: the thread that creates it must also destroy it.
+/// Fails:   never.
 class PrivateMainContext {
 public:
     PrivateMainContext();

@@ -15,8 +15,7 @@ class VolumeProviderImpl;
 /// Finds the volumes of this machine: everything with a file system or swap space. Each call queries the
 /// udisks2 daemon.
 /// Owns:    nothing that lasts beyond a call; the logger must outlive it.
-/// Threads: any thread may call it, several at once. A call waits for the daemon and opens every volume's
-///          device.
+/// Threads: any thread may call it, several at once. A call blocks on the daemon and opens every device.
 /// Fails:   the functions throw std::runtime_error if the daemon isn't available, and leave out a volume that
 ///          can't be described.
 class VolumeProvider {

@@ -33,8 +33,7 @@ constexpr std::uint32_t driverMethod = 0;
 constexpr std::uint32_t otherMethod = 1;
 
 /// Returns the result of `convert` for the value under `key`. All errors become bad_request, because the
-/// client has sent a wrong value. The JSON library's error texts stay unchanged; all others get the key in
-/// front.
+/// client has sent a wrong value. The JSON library's error texts stay unchanged; the others name the key.
 template <typename Convert>
 auto readKey(const json& object, const char* key, Convert convert) {
     try {

@@ -21,8 +21,7 @@ namespace agent::ordak {
 /// Fails:   throws exception::bad_request for an incomplete volume or script, for a text with a NUL or more
 ///          than 4096 bytes, and for a name with a control character; std::invalid_argument for Zephane v1
 ///          and for a volume that occurs twice; the JSON library's errors for other mistakes in the document;
-///          and what the engine throws. Then no backup has been started, and the transports are destroyed
-///          again.
+///          and what the engine throws. No backup has been started then.
 class Backup {
 public:
     /// Announces the feature "zephane".

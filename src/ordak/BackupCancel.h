@@ -6,8 +6,7 @@
 
 namespace agent::ordak {
 
-/// DELETE /backup/<id>: cancels a backup. If the engine refuses with bad_request, the response contains the
-/// reason.
+/// DELETE /backup/<id>: cancels a backup. If the engine throws bad_request, the response has the reason.
 /// Threads: any thread may call it.
 class BackupCancel {
 public:

@@ -58,8 +58,7 @@ std::string missing(const Certificates& certificates) {
     throw std::runtime_error(message);
 }
 
-/// Calls `action`, which changes one of the files. If it fails, logs the reason and throws the caller's
-/// error.
+/// Calls `action`, which changes one of the files. On failure logs the reason and throws std::runtime_error.
 void change(info::Logger& logger, const char* name, const std::function<void(const Path&)>& action) {
     try {
         action(certificatesDirectory() / name);

@@ -11,7 +11,7 @@ struct DistinguishedName {
     std::string commonName;
     std::string organization;
     std::string organizationalUnit;
-    std::int32_t number = -1; ///< The Common Name as a decimal integer; -1 if it isn't one or is too large.
+    std::int32_t number = -1; ///< The Common Name as a decimal integer; -1 if it isn't one or doesn't fit.
 };
 
 /// Parses a name in the form that GnuTLS writes (RFC 4514): pieces "KEY=value", separated by "," or "+". A

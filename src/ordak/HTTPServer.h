@@ -14,8 +14,7 @@ namespace agent::ordak {
 /// of VerifyClient.h accept. It passes each complete request to one function and doesn't interpret URLs.
 ///
 /// Each request has arguments and a body of its own. All requests of a connection come from one sender, whose
-/// certificate is checked for each piece, so that no client can add to another client's request or disturb
-/// it.
+/// certificate is checked for each piece, so no client can change another client's request.
 ///
 /// Limits: all request bodies together may have 128 MiB. If a device that isn't paired sends a body of more
 /// than 16 KiB, the body is dropped, and the request is handled with an empty one. The library limits method,
@@ -27,10 +26,8 @@ namespace agent::ordak {
 ///
 /// Owns:    the library's daemon and its threads, and copies of the TLS material.
 /// Threads: one thread calls `start` and `stop`. The request function runs on one thread for each connection,
-///          and `stop` waits for those threads. The termination signals are blocked on all of the library's
-///          threads.
-/// Fails:   `start` throws std::runtime_error. A request that can't be served is logged, and its connection
-///          is closed.
+///          and `stop` waits for those threads. All library threads block the termination signals.
+/// Fails:   `start` throws std::runtime_error. A request that can't be served is logged and disconnected.
 class HTTPServer : public IService {
 public:
     using Arguments = std::unordered_map<std::string, std::string>;

@@ -8,8 +8,7 @@ namespace agent::ordak {
 /// Owns:    nothing that outlives a call.
 /// Threads: one thread at a time; a call blocks until the answer has arrived or the request has timed out.
 /// Fails:   `put` throws if the service can't be reached, if its certificate can't be trusted, or if the
-///          answer doesn't arrive in time or is too large. The caller checks the HTTP status of a complete
-///          answer.
+///          answer doesn't arrive in time or is too large. The caller checks the HTTP status.
 class ICertificateService {
 public:
     struct Answer {

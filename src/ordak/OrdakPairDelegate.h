@@ -12,8 +12,7 @@ namespace agent::ordak {
 /// Owns:    the cached copy; the store must outlive it.
 /// Threads: any thread may call it. It holds its mutex while it writes to the store, so that a request of the
 ///          old device can't overwrite the pairing with the new one. The store must not call this object.
-/// Fails:   the functions throw what the store throws. If the pairing can't be read, the next call tries
-///          again.
+/// Fails:   the functions throw what the store throws. If reading fails, the next call reads again.
 class OrdakPairDelegate {
 public:
     explicit OrdakPairDelegate(db::IDataProvider& dataProvider) : dataProvider(dataProvider) {}

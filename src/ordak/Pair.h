@@ -12,7 +12,8 @@ namespace agent::ordak {
 /// of the right authority may take the agent over; the body only has to repeat the ID from the certificate.
 /// Threads: any thread may call it.
 /// Fails:   throws exception::bad_request without a text if the request is refused; only the log has the
-///          reason. Also throws what the store throws. In both cases the earlier pairing stays.
+///          reason. Also throws what the store throws. In both cases the earlier pairing stays in effect, but
+///          a store that fails may have lost its record of it.
 class Pair {
 public:
     /// Announces the feature "secure_pairing".

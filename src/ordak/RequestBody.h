@@ -9,8 +9,7 @@ namespace agent::ordak {
 /// Collects the body of one incoming request.
 ///
 /// The limit for the paired device is generous. A device that isn't paired only needs to send a few bytes, so
-/// a longer body from it is received but dropped completely: part of a text may have another meaning than the
-/// whole.
+/// a longer body from it is received but dropped completely: half a text may have another meaning.
 /// Owns:    the bytes, and their share of `kept`, the sum over all requests. The destructor releases both.
 /// Threads: one thread at a time for each body; any number of bodies may share `kept`.
 /// Fails:   `append` returns false if a limit is exceeded; it throws std::bad_alloc.

@@ -11,8 +11,7 @@ namespace os {
 /// descriptor's file offset.
 std::uint64_t holeAt(int descriptor, std::uint64_t offset, std::uint64_t length) noexcept;
 
-/// Like readUpToAt, but fills in the zeros of a hole at `offset` without reading it. Moves the descriptor's
-/// file offset.
+/// Like readUpToAt, but doesn't read a hole at `offset`. Moves the descriptor's file offset.
 Transfer readBehindHoleAt(int descriptor, std::span<std::byte> into, std::uint64_t offset) noexcept;
 
 } // namespace os

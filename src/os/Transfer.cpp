@@ -27,8 +27,7 @@ Transfer transfer(Bytes bytes, const Step& step) noexcept {
     return done;
 }
 
-/// Whether everything was written. If not, sets `errno`: to EIO if the system call wrote nothing and reported
-/// no error.
+/// Whether everything was written. If not, sets `errno`: to EIO if the system call neither wrote nor failed.
 bool isWhole(const Transfer& written, std::size_t size) noexcept {
     if (written.bytes == size) {
         return true;

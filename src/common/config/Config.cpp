@@ -15,8 +15,7 @@ namespace {
 
 using nlohmann::json;
 
-/// std::regex recurses with the length of its input. Longer keys are invalid, so that nobody can use up the
-/// stack.
+/// std::regex recurses with the length of its input. Longer keys are invalid: they could use up the stack.
 constexpr std::size_t longestKey = 1024;
 
 /// How a pair is shown in messages.

@@ -17,8 +17,7 @@ struct ConfigOption {
     std::uint64_t maximum = 0;  ///< Inclusive; for unsigned long only.
 };
 
-/// The keys that may be set: those in the table, and those of which the whole text matches one of the
-/// patterns.
+/// The keys that may be set: those in the table, and those that one of the patterns matches completely.
 struct ConfigOptions {
     std::vector<std::regex> patterns;
     std::unordered_map<std::string, ConfigOption> table;

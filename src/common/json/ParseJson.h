@@ -7,8 +7,7 @@
 
 namespace agent {
 
-/// parseJson refuses deeper documents: the code that walks through a document, even its destructor, may
-/// recurse.
+/// parseJson refuses deeper documents: code that visits a document, even its destructor, may recurse.
 inline constexpr int deepestJsonNesting = 128;
 /// parseJson refuses documents with more values: a short text such as "[[],[],..." needs twenty times its
 /// size once it is parsed.

@@ -14,8 +14,7 @@ namespace agent::info {
 /// Owns:    nothing between two messages: it opens and closes the file for each message, so the file may be
 ///          moved or deleted while the agent runs.
 /// Threads: any thread may call it; each message is one append.
-/// Fails:   `print` writes one line to standard error and returns false; part of the message may be in the
-///          file.
+/// Fails:   `print` writes a line to standard error and returns false; the file may have part of the message.
 class FilePrinter {
 public:
     /// How long a log file is kept, counted from the midnight at which its day begins.

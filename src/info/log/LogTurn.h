@@ -5,8 +5,7 @@
 namespace agent::info {
 
 /// While the object exists, each line that the calling thread logs waits for the thread's turn. So if one
-/// thread works ahead of another, its lines still appear in the right place. Lines of a disabled level don't
-/// wait.
+/// thread works ahead of another, its lines still appear in the right place. Disabled levels don't wait.
 /// Owns:    the function that waits.
 /// Threads: the thread that creates it must also destroy it. Each thread may have one such object at a time.
 /// Fails:   if the turn never comes, the line is dropped.

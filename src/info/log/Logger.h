@@ -8,10 +8,8 @@
 
 namespace agent::info {
 
-/// The interface that every component uses for logging. It passes each finished message to a tree of
-/// printers.
-/// Owns:    the printer function; the printers that it refers to must outlive every use. Copies share one
-///          mutex.
+/// Every component logs through this class. It passes each finished message to a tree of printers.
+/// Owns:    the printer function; its printers must outlive every use. Copies share one mutex.
 /// Threads: any thread may log; the printer tree runs under the mutex, one message at a time.
 /// Fails:   `print` passes on what the printer throws; a LogEntry's destructor swallows it.
 ///
@@ -36,8 +34,7 @@ public:
     [[nodiscard]] bool hasPrinter() const noexcept { return static_cast<bool>(printer); }
 
     /// Whether a message of this level reaches any output. A loop that logs in every iteration can check this
-    /// once instead of formatting messages in vain. This is only a hint: the printers decide about each
-    /// message.
+    /// once instead of formatting messages in vain. The printers still decide about each message.
     [[nodiscard]] bool isEnabled(int level) const;
 
 private:

@@ -11,8 +11,8 @@
 namespace agent::info {
 
 /// Why a backup sends more than was requested, or why something has failed. The code is for programs; the
-/// text of the log is for people. A log line with a reason ends with its mark, ` [fallback:CODE]` or `
-/// [failure:CODE]`. Codes are never renamed, because programs that monitor the log depend on them.
+/// text of the log is for people. A log line with a reason ends with the reason's mark: ` [fallback:CODE]`
+/// or ` [failure:CODE]`. Codes are never renamed, because programs that monitor the log depend on them.
 struct Reason {
     enum class Kind { fallback, failure };
 

@@ -17,8 +17,7 @@ std::string levelName(int level);
 /// the store keeps it under "log_level".
 /// Owns:    the threshold; the store must outlive it.
 /// Threads: any thread may call `pass` and `threshold`, even while another thread calls `setLevel`. The
-///          threshold is one atomic integer, so each message is compared with either the old or the new
-///          value.
+///          threshold is one atomic integer, so each message sees the old or the new value.
 /// Fails:   `setLevel` throws what the store throws; the new threshold applies nevertheless.
 class StoredLevelFilter {
 public:
