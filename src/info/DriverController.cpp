@@ -149,7 +149,7 @@ bool DriverController::getDeviceInfo(const BackupableVolume& volume, DriverDevic
     if (!Load()) {
         return false;
     }
-    // A device that a reload script has given back is known by the volume's UUID.
+    // A reload script names the device by the volume's UUID, and the driver reports it under that path.
     for (const std::string& name : {volume.getDevice(), "/dev/disk/by-uuid/" + volume.getUuid()}) {
         const auto device = devicesByBlockDevice.find(name);
         if (device != devicesByBlockDevice.end()) {

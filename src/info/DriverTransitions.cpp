@@ -17,19 +17,19 @@ using driver_state::activeSnapshot;
 using driver_state::noDevice;
 using driver_state::tracking;
 
-/// The driver's own choice.
+/// 0 lets the driver choose.
 constexpr std::uint64_t cacheSize = 0;
 
 std::uint32_t asLibraryMinor(std::int32_t minor) {
     return static_cast<std::uint32_t>(minor);
 }
 
-/// Tracking of these is not given back to the driver after a restart.
+/// Volumes with these file systems get no reload script, so tracking ends at a restart.
 bool isReloadScriptExempt(const BackupableVolume& volume) {
     return volume.getFileSystem() == "ntfs" || volume.getFileSystem() == "exfat";
 }
 
-/// By what the driver has left in `errno`.
+/// `error` is the value of `errno` after the driver's call.
 const Reason& whyNoSnapshot(int error) {
     if (error == ENOSPC) {
         return reason("volume-full");
@@ -37,7 +37,7 @@ const Reason& whyNoSnapshot(int error) {
     return error == EOPNOTSUPP ? reason("snapshot-unsupported") : reason("snapshot-failed");
 }
 
-/// A live snapshot has none: startSnapshot has removed it.
+/// A device with an active snapshot has no script: startSnapshot has deleted it.
 bool mayHaveReloadScript(std::int32_t state) {
     return state == 0 || state == tracking || state == 4;
 }
@@ -107,7 +107,7 @@ bool DriverController::startNextSnapshot(const BackupableVolume& volume, const D
     }
     const std::int32_t result = transitionToSnapshot(
         volume, device.minor, Path(volume.getMountPoints().front()) / cowFile, cowSizeMiB);
-    // From here on a restart must not take the device for a tracked one.
+    // From here on, a restart must not resume tracking of the device.
     tryDeleteReloadScript([&] { deleteReloadScript(volume); });
     return checkSnapshot(volume, device.minor, result);
 }
@@ -199,7 +199,7 @@ bool DriverController::transitionToIncremental(const BackupableVolume& volume) {
                path.c_str(), minor, result, error);
     reportFailedTransition(volume, minor);
     if (!isReloadScriptExempt(volume)) {
-        // It was written for a tracked device, and this isn't one.
+        // The script is for a tracked device, but tracking has failed.
         tryDeleteReloadScript([&] { deleteReloadScript(minor); });
     }
     return false;
@@ -258,7 +258,7 @@ bool DriverController::destroyDevice(const BackupableVolume& volume) {
         return false;
     }
     if (mayHaveReloadScript(device.state)) {
-        // The driver no longer tells the device's minor.
+        // The driver no longer reports the device, so the script is found by the minor from above.
         tryDeleteReloadScript([&] { deleteReloadScript(minor); });
     }
     return true;

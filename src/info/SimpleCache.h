@@ -8,10 +8,10 @@
 
 namespace agent::info {
 
-/// Keeps one value for a while, and has it made anew by the first who asks after that.
+/// Caches one value for a given time. The first call of `get` after that time refreshes it.
 /// Owns:    the value.
-/// Threads: safe from any; who asks while the value is being made waits for it.
-/// Fails:   with what the making of the value throws; the next who asks tries again.
+/// Threads: any thread may call it; callers wait while one of them refreshes the value.
+/// Fails:   `get` throws what `refresh` throws; the next call of `get` tries again.
 template <typename T>
 class SimpleCache {
 public:

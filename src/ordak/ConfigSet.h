@@ -8,8 +8,8 @@
 namespace agent::ordak {
 
 /// POST /config: sets the options of a JSON object, all or none of them.
-/// Threads: safe from any.
-/// Fails:   exception::bad_request for a body that is no JSON or holds a pair that can't be set.
+/// Threads: any thread may call it.
+/// Fails:   throws exception::bad_request if the body isn't JSON or contains a pair that can't be set.
 class ConfigSet {
 public:
     explicit ConfigSet(IConfigData& config) : config(config) {}

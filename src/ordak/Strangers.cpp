@@ -14,7 +14,7 @@ void Strangers::enter(int socket) noexcept {
     const Clock::time_point now = Clock::now();
     while (!present.empty() && (present.size() >= most || now - present.front().since > longest)) {
         ::shutdown(present.front().socket,
-                   SHUT_RDWR); // its thread sees the end, and has the library close it
+                   SHUT_RDWR); // the connection's thread sees the end, and the library closes the socket
         present.erase(present.begin());
     }
     present.push_back({socket, now});
