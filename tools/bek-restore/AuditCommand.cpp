@@ -21,7 +21,7 @@ std::string auditProgram() {
     return std::filesystem::exists(beside) ? beside.string() : installed;
 }
 
-/// Returns only if execv fails, by an exception.
+/// Replaces this process; throws if execv fails.
 int audit(std::vector<std::string> arguments) {
     const std::string program = auditProgram();
     arguments.insert(arguments.begin(), program);

@@ -21,7 +21,7 @@ enum class Port {
 struct AgentFacts {
     std::optional<Process> process;  ///< the agent
     std::optional<Process> listener; ///< the process that listens on the agent's port
-    bool isForeground = false;       ///< only a background agent locks the PID file
+    bool isForeground = false;       ///< no lock on the PID file, which only a background agent takes
     Port port = Port::closed;
     std::string problem; ///< why the port doesn't answer
 

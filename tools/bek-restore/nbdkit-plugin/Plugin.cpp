@@ -27,7 +27,7 @@ struct Served {
     std::string text;
     std::optional<std::uint64_t> offset;
     std::unique_ptr<IImage> image;
-    std::unique_ptr<ImageDevice> device; ///< reads at any place, and keeps what is around it
+    std::unique_ptr<ImageDevice> device; ///< reads at any offset, and buffers the bytes around it
 };
 
 /// A global object, as nbdkit passes no context to its callbacks before there is a connection.
