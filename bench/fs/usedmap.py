@@ -37,7 +37,7 @@ HOLES = 30_000
 LAZY = ("-E", "lazy_itable_init=1,lazy_journal_init=1,nodiscard", "-b", "4096")
 PARTCLONE = ("--domain", "--offset_domain=0", "--force", "--logfile", "/dev/null", "--overwrite", "/dev/null",
              "--source")
-# By file system: programs that find its used blocks; the image becomes their last argument.
+# For each file system: programs that find its used blocks; the image becomes their last argument.
 PEERS = {
     "ntfs": (("ntfsresize", "--info", "--force", "--no-progress-bar"), ("partclone.ntfs", *PARTCLONE),
              ("ntfscluster", "--quiet", "--force", "--cluster", f"0-{(1 << 32) - 1}")),

@@ -38,7 +38,7 @@ ROUNDS = 3
 QUIET_SECONDS = 5
 SETTLE_SECONDS = 0.2 # enough for the longest waiting write to end
 
-# By job: fio's options, and the bytes of one write.
+# For each job: fio's options, and the bytes of one write.
 JOBS = {
     "4 KiB at random, 16 at a time":
         ("--bs=4k --rw=randwrite --iodepth=16 --ioengine=libaio --direct=1 --size=48M", 4096),

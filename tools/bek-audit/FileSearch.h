@@ -13,7 +13,7 @@ namespace audit {
 /// The file or directory that a page of a volume belongs to.
 struct Owner {
     std::string path;      ///< below the root of the file system
-    bool isWritten = true; ///< false for unwritten preallocated space, or behind the file's end
+    bool isWritten = true; ///< false for unwritten preallocated space, or beyond the file's end
 };
 
 struct FoundOwners {

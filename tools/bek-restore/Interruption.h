@@ -2,7 +2,7 @@
 
 namespace restore {
 
-/// Lets SIGINT, SIGTERM or SIGHUP end a long operation in order; a second signal ends the program at once.
+/// Lets SIGINT, SIGTERM or SIGHUP end a long operation cleanly; a second signal ends the program at once.
 /// Owns:    the handlers of these signals; the destructor restores the defaults.
 /// Threads: construct it before any thread starts; `check` from any thread.
 /// Fails:   `check` throws std::runtime_error.

@@ -82,7 +82,7 @@ double secondsOf(const json& object) {
     return std::isfinite(seconds) && seconds > 0 ? seconds : 0;
 }
 
-/// The text between `head` and the first character of `ends` behind it; empty if `head` isn't found.
+/// The text between `head` and the first character of `ends` after it; empty if `head` isn't found.
 std::string_view between(std::string_view text, std::string_view head, std::string_view ends) {
     const std::size_t begin = text.find(head);
     if (begin == std::string_view::npos) {

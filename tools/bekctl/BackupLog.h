@@ -31,6 +31,9 @@ struct BackupRecord {
 
 /// Derives from the lines of the log, oldest first, how backups ended. A line may hold anything, so what is
 /// kept of each line is bounded.
+/// Owns:    all that it has kept.
+/// Threads: one at a time.
+/// Fails:   never: a line that can't be parsed is skipped.
 class BackupLog {
 public:
     BackupLog() = default;

@@ -15,6 +15,9 @@ enum class DriverKind { none, kernel, standIn };
 
 /// The snapshot driver, according to its status files. Its library isn't called: for each call, the
 /// stand-in's library would take its lock and update its files, and a backup would have to wait.
+/// Owns:    the controller that reads the status files; the logger must outlive it.
+/// Threads: one at a time.
+/// Fails:   never: what can't be read counts as missing.
 class DriverFacts {
 public:
     explicit DriverFacts(agent::info::Logger& logger);

@@ -136,7 +136,7 @@ std::size_t LogTail::goBack(std::size_t lines) {
         }
     }
     if (position == 0 && found < lines && size > 0) {
-        begin = 0; // no newline stands before the first line
+        begin = 0; // the first line has no newline before it
         ++found;
     }
     if (file && ::lseek(file.get(), begin, SEEK_SET) < 0) {

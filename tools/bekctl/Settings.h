@@ -10,6 +10,9 @@
 namespace bekctl {
 
 /// The agent's settings, as its next start will read them.
+/// Owns:    what it has read of the file.
+/// Threads: one at a time.
+/// Fails:   never: problem() says why the file can't be used.
 class Settings {
 public:
     explicit Settings(const std::string& path);

@@ -18,7 +18,7 @@ class IConfig;
 
 namespace bekctl {
 
-/// The space on a volume for the driver's and the agent's own files, in bytes.
+/// The space on a volume for the driver's and the agent's own files, in bytes unless a name says otherwise.
 struct Room {
     std::uint64_t cowMebibytes = 0; ///< of the CoW file of the next snapshot
     std::uint64_t needed = 0;       ///< by the next backup, for its CoW file and a change table beside it

@@ -16,7 +16,7 @@ enum ExitStatus {
 /// any other std::exception for a failure.
 using Run = std::function<int()>;
 
-/// Calls `run`, and prints its exception behind the program's name. Never throws.
+/// Calls `run`, and prints its exception after the program's name. Never throws.
 int statusOf(const char* program, const Run& run) noexcept;
 
 } // namespace tools

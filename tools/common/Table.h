@@ -51,7 +51,7 @@ private:
 std::size_t widthOf(const std::string& text);
 /// Breaks `text` at blanks into lines of at most `columns`; 0 stands for one line.
 std::vector<std::string> wrapped(const std::string& text, std::size_t columns);
-/// Prints the text behind `indent` blanks, in as many lines as it takes.
+/// Prints the text indented by `indent` blanks, in as many lines as it takes.
 void printIndented(std::ostream& out, const std::string& text, std::size_t indent, std::size_t columns);
 
 } // namespace tools

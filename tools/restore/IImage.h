@@ -22,7 +22,7 @@ public:
 
     /// In bytes; a multiple of 512.
     [[nodiscard]] virtual std::uint64_t size() const = 0;
-    /// Fills all of `into` with the bytes from `offset` on; throws if they end behind the image. Offset,
+    /// Fills all of `into` with the bytes from `offset` on; throws if they extend beyond the image. Offset,
     /// length and the buffer's address are multiples of 4096 bytes, except for the length at the image's end.
     virtual void read(std::span<std::byte> into, std::uint64_t offset) = 0;
     /// The name that people are shown.

@@ -24,7 +24,7 @@ void append(UsedRanges& used, BlockRange range) {
     }
 }
 
-/// A map may go on behind the last block, but a backup doesn't. If the block size is 0, there is no map.
+/// A map may extend beyond the last block, but a backup doesn't. If the block size is 0, there is no map.
 std::uint64_t blocksOf(const agent::core::IVolumeDevice& device, std::uint32_t blockSize) {
     return blockSize == 0 ? 0 : (device.getSize() + blockSize - 1) / blockSize;
 }

@@ -25,7 +25,7 @@ def own_seconds(portal, target, image):
 
 
 def qemu_seconds(portal, target, image):
-    """By qemu's own clock, which starts after the login, like ours."""
+    """The seconds by qemu's own clock, which starts after the login, like ours."""
     printed, _, _ = timed(["qemu-img", "bench", "-w", "-t", "none", "-f", "raw", "-d", str(COMMANDS), "-s",
                            str(COMMAND_BYTES), "-c", str(CALLS * COMMANDS), url_of(portal, target, image)])
     return float(re.search(r"Run completed in ([\d.]+) seconds", printed)[1])

@@ -8,7 +8,7 @@
 namespace restore::check {
 
 /// Whether an image ends before the volume in it does, according to the map of used blocks. Always false for
-/// NTFS: its map goes on behind the volume, and its checker looks for the last sector itself. Throws
+/// NTFS: its map extends beyond the volume, and its checker looks for the last sector itself. Throws
 /// std::runtime_error if the map can't be read.
 bool isCutShort(agent::info::Logger& logger, IImage& image, const std::string& kind);
 

@@ -238,8 +238,9 @@ PrivateMount::PrivateMount(const ImageView& view, const std::string& kind) {
             mounted = directory;
             return mountByKernel(way, options, view.device(), directory);
         }
-        // In the server's mount namespace: when a mount ends, the kernel has to tell the driver. There the
-        // driver is still alive then, but in our namespace it would be ending with our last process.
+        // Mounts in the server's mount namespace. When the mount ends, the kernel has to notify the
+        // driver. In that namespace the driver is still alive then; in ours it would be ending with our last
+        // process.
         Start start;
         start.command = foreground(way, options, view.file(), directory);
         start.mountsOf = view.server();

@@ -7,10 +7,13 @@
 
 namespace restore::view {
 
-/// The files of an image, visible to this process only and gone with it.
+/// The files of an image, visible to this process only and gone with it. The constructor moves the process to
+/// a mount namespace of its own.
+/// Owns:    the view of the image, and its mount.
+/// Threads: one at a time. The main thread constructs it, as that thread has to outlive it.
+/// Fails:   throws std::runtime_error.
 class PrivateView {
 public:
-    /// Throws std::runtime_error.
     PrivateView(const ImageAddress& address, const SecretSource& secret);
 
     /// Opens a path of the volume, without following a symbolic link at its end; `flags` may be O_PATH and
