@@ -31,7 +31,7 @@ std::vector<Piece> piecesOf(const std::vector<std::uint64_t>& pages) {
     return pieces;
 }
 
-/// The work of all lanes, each of which takes the next piece when it is done with one.
+/// The work that all lanes share. Each lane takes the next piece when it has finished one.
 class Work {
 public:
     Work(std::vector<Piece> pieces, const Interrupt& interrupt,
@@ -50,7 +50,7 @@ public:
             }
         } catch (...) {
             const std::lock_guard lock(mutex);
-            position = pieces.size(); // the others need not go on
+            position = pieces.size(); // the other lanes can stop
             throw;
         }
     }
@@ -86,7 +86,7 @@ private:
     const Interrupt& interrupt;
     const std::function<void(std::uint64_t done)>& progress;
     std::mutex mutex;
-    std::size_t position = 0;         // the piece that is next; guarded by the mutex, as is what follows
+    std::size_t position = 0;         // index of the next piece; the mutex guards this and the members below
     std::uint64_t done = 0;           // pages
     std::vector<std::uint64_t> found; // pages
 };
