@@ -74,7 +74,7 @@ bool BackupThread::isRunning() {
 }
 
 void BackupThread::run(const std::shared_ptr<IBackup>& running, std::unique_ptr<BackupSession> session) {
-    std::optional<BackupSignalHandlers> handlers; // outside the try block: stays in force until keepFailure
+    std::optional<BackupSignalHandlers> handlers; // outside the try block: still in force during keepFailure
     try {
         if (!running) {
             throw std::invalid_argument("Invalid backup pointer given to backup thread!");
