@@ -20,7 +20,7 @@ public:
     [[nodiscard]] virtual bool isActive() const = 0;
     /// True if every volume is finished, and if there are no volumes.
     [[nodiscard]] virtual bool isFinished() const = 0;
-    /// Whole seconds since the backup was made.
+    /// Whole seconds since the backup was created.
     [[nodiscard]] virtual double getElapsedSeconds() const = 0;
     virtual void setConnectionError() = 0;
     [[nodiscard]] virtual bool hasConnectionError() const = 0;

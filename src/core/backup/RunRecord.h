@@ -15,7 +15,7 @@ namespace agent::core::backup {
 
 /// Logs the result of a run for programs that read the log. At the end of the run, each volume gets one line,
 ///     Backup record: {"asked":"INCREMENTAL","backup":ID,...}
-/// of one JSON object:
+/// with one JSON object:
 ///     backup, volume          their UUIDs
 ///     mountPoint              the first one; empty if the volume wasn't found, or isn't mounted
 ///     asked, type             FULL, DIFFERENTIAL MERGE or INCREMENTAL: the requested and the actual type

@@ -26,7 +26,7 @@ private:
 };
 
 struct CloseConnection {
-    // A private connection has to be closed before its last reference goes.
+    // A private connection must be closed before its last reference is released.
     void operator()(::DBusConnection* connection) const noexcept {
         dbus_connection_close(connection);
         dbus_connection_unref(connection);

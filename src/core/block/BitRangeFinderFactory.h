@@ -6,7 +6,7 @@
 
 namespace agent {
 
-/// Makes range finders.
+/// Creates range finders.
 /// Owns:    nothing.
 /// Threads: safe from any.
 /// Fails:   with std::runtime_error for an unknown type.

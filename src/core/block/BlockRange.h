@@ -14,7 +14,7 @@ struct BlockRange {
     /// The first block past the range; wraps around on overflow.
     [[nodiscard]] constexpr std::uint64_t end() const noexcept { return start + length; }
 
-    /// By start, then by length.
+    /// Orders by start, then by length.
     // NOLINTNEXTLINE(modernize-use-nullptr): it is the comparison with 0 that this stands for
     constexpr auto operator<=>(const BlockRange&) const noexcept = default;
 };

@@ -6,7 +6,7 @@
 
 namespace agent::core::block {
 
-/// Another provider with a fixed size, for an excluder that shall not count in the estimate.
+/// Another provider with a fixed size, for an excluder that must not count in the estimate.
 /// Owns:    the other provider.
 /// Threads: one at a time.
 /// Fails:   passes the other provider's exceptions on; the constructor throws std::invalid_argument if that

@@ -24,7 +24,7 @@ struct FileSystemKind {
     const char* name = nullptr;         ///< the name of its folder
     const char* volumes = nullptr;      ///< a description of its volumes, for people
     const char* announcement = nullptr; ///< the debug line after a volume is recognised
-    MakeParser makeParser = nullptr;    ///< creates a parser that has read nothing yet and needs the reader
+    MakeParser makeParser = nullptr;    ///< creates a parser, nothing read yet; the reader must outlive it
     /// Explains, for people, why a volume isn't recognised though it looks like this kind; empty if it
     /// doesn't. Null if this kind has no such volumes.
     FindNearMiss findNearMiss = nullptr;

@@ -8,8 +8,8 @@ namespace agent::core::script {
 /// to, the file itself, a directory on its path, or a directory on the path of a link's target. A directory
 /// that everybody may write to counts even if it is sticky.
 ///
-/// Returns which of these others can write to, with its owner and mode; empty if there is none, or if the
-/// file doesn't exist.
+/// Returns the first of these paths that others can write to, with its owner and mode. Returns an empty text
+/// if there is none, or if the file doesn't exist.
 std::string findForeignWriter(const std::string& path);
 
 } // namespace agent::core::script

@@ -38,8 +38,8 @@ public:
     /// that can't compare writes everything. May be called again, also after a failure. Sets the position to
     /// 0.
     virtual bool connect(bool diffMerge) = 0;
-    /// Returns the number of bytes read, which is smaller than `length` at the image's end and 0 past it, and
-    /// moves the position past them. After -1 the position is unchanged.
+    /// Returns the number of bytes read, and moves the position past them. The number is smaller than
+    /// `length` where the image ends, and 0 at its end. After -1 the position is unchanged.
     virtual std::int64_t read(void* data, std::uint64_t length) = 0;
     /// When this returns, the target has everything that was written. Does nothing without a connection.
     virtual void disconnect() = 0;

@@ -13,7 +13,7 @@ namespace agent::core {
 /// A remote image on a LUN of an iSCSI target, starting at a fixed byte offset.
 /// Owns:    the session with the target, which `connect` creates; one per object.
 /// Threads: one at a time. A second thread gets EBUSY at once while commands are in flight; no lock is held
-///          while a thread waits for the network.
+///          while a read or write waits for the network.
 /// Fails:   by return value, after a log line. A read or write consists of many concurrent commands; if one
 ///          fails, the whole operation fails. It is then retried over a new session, five times with a second
 ///          in between, so a target may be restarted meanwhile. Each command times out after a minute. Broken

@@ -12,7 +12,7 @@ inline constexpr std::size_t size = 1024;
 inline constexpr std::uint16_t magicValue = 0xEF53;
 
 inline constexpr std::size_t blockCount = 4;            ///< u32, low half
-inline constexpr std::size_t firstDataBlock = 20;       ///< u32, the block that holds this super block
+inline constexpr std::size_t firstDataBlock = 20;       ///< u32, the block that holds this superblock
 inline constexpr std::size_t logBlockSize = 24;         ///< u32
 inline constexpr std::size_t blocksPerGroup = 32;       ///< u32
 inline constexpr std::size_t inodesPerGroup = 40;       ///< u32
