@@ -76,8 +76,8 @@ std::string Engine::createBackup(std::unique_ptr<backup::BackupSession> session,
     const std::shared_ptr<backup::IBackup> backup =
         backupFactory(std::move(backupAttributes), std::move(snapshotAttributes));
     backupManager.addBackup(backup);
-    // Without the slot's lock: starting may wait for a backup that has cancelled itself and is still ending.
-    // The thread object stays alive meanwhile, since only another request could remove it.
+    // slotMutex isn't held here: `start` may wait for a backup that has cancelled itself and is still ending.
+    // The thread object stays alive meanwhile, because only another request could remove it.
     currentThread().start(backup, std::move(session));
     return backup->getId();
 }
@@ -135,12 +135,13 @@ void Engine::makeRoom() {
     }
 }
 
-/// The slot's lock must be held. Destroys the threads that have ended, and keeps the order of the others.
+/// Destroys the threads that have ended. The caller holds slotMutex.
 void Engine::reapCancelledThreads() {
     std::erase_if(cancellingThreads, [](const auto& thread) { return !thread->isRunning(); });
 }
 
-/// The slot's lock must be held. A cancelled backup makes way in the running slot and ends on its own time.
+/// Cancels the backup. If it is the running one, its thread moves to the cancelled threads, where it may take
+/// its time to end, and a new thread takes the slot. The caller holds slotMutex.
 void Engine::cancelInSlot(const std::string& backupId) {
     backupManager.cancelBackup(backupId);
     if (backupThread->getBackupId() != backupId) {

@@ -15,10 +15,11 @@ namespace agent::core {
 
 /// See IEngine.
 ///
-/// Two locks, taken in this order and before the manager's: `requestMutex` lets one request in at a time, for
-/// as long as it takes to build its backup, and is given up on after five seconds; `slotMutex` guards the
-/// threads for the few instructions that look at or move them, so that a cancel never waits for a request.
-/// `stop` and `waitForBackup` wait for a thread with neither lock held.
+/// There are two locks, taken in this order and before the backup manager's mutex. A request holds
+/// `requestMutex` while it builds its backup; another request waits five seconds for it and is then refused.
+/// `slotMutex` guards the backup threads and is only held for the few instructions that look at or move them,
+/// so that a cancel never waits for a request. `stop` and `waitForBackup` hold neither lock while they wait
+/// for a thread.
 class Engine : public IEngine {
 public:
     using ThreadFactory = std::function<std::unique_ptr<backup::IBackupThread>()>;
@@ -57,8 +58,8 @@ private:
 
     std::timed_mutex requestMutex; // one createBackup at a time
     std::mutex slotMutex;
-    // The running slot, never null; guarded by slotMutex. Declared before the cancelled ones, so that those
-    // are waited for first when the engine goes.
+    // The slot of the running backup, never null; guarded by slotMutex. Declared before the cancelled
+    // threads, so that the destructor waits for those first.
     std::unique_ptr<backup::IBackupThread> backupThread;
     std::vector<std::unique_ptr<backup::IBackupThread>> cancellingThreads; // guarded by slotMutex
 };

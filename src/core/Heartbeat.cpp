@@ -17,7 +17,7 @@ void Heartbeat::reset() {
 void Heartbeat::setCallback(std::function<void()> newCallback) {
     const std::lock_guard lock(mutex);
     callback.swap(newCallback);
-    newCallback = nullptr; // what the old one holds goes while no check can be inside it
+    newCallback = nullptr; // destroys the old callback under the mutex, while no `check` can be running it
 }
 
 void Heartbeat::check() {

@@ -7,8 +7,8 @@
 
 namespace agent::core {
 
-/// See IHeartbeat. There is no timer thread: silence is noticed when somebody calls `check`, which the thread
-/// of the backup does at each of its cancellation points.
+/// See IHeartbeat. There is no timer thread: the backup's thread calls `check` at each of its cancellation
+/// points, and only then are missing pings noticed.
 class Heartbeat : public IHeartbeat {
 public:
     explicit Heartbeat(std::chrono::nanoseconds timeout);
@@ -17,8 +17,8 @@ public:
     void reset() override;
     void setCallback(std::function<void()> newCallback) override;
 
-    /// Calls back, once per arming, if the last ping lies the time-out or longer ago. The callback runs under
-    /// the mutex and must not call this object. An empty callback is a std::bad_function_call.
+    /// Calls back, once per arming, if the last ping is at least the time-out ago. The callback runs under
+    /// the mutex and must not call this object. Throws std::bad_function_call if the callback is empty.
     void check();
 
 private:

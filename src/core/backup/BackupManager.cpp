@@ -93,8 +93,8 @@ void BackupManager::insert(std::shared_ptr<IBackup> backup) {
     }
 }
 
-/// Forgets one backup that has ended, if there are many. One with an active volume is never forgotten, so the
-/// map can outgrow the threshold.
+/// Forgets one backup that has ended, if the map has reached the threshold. A backup with an active volume is
+/// never forgotten, so the map can outgrow the threshold.
 void BackupManager::purge() {
     const std::lock_guard lock(mutex);
     if (backups.size() < purgeThreshold) {

@@ -7,8 +7,8 @@
 
 namespace agent::core::backup {
 
-/// See IBackupManager. Keeps the backups of the recent past, so that the appliance can ask how they went:
-/// from the sixth on, each new one makes one that has ended go.
+/// See IBackupManager. Keeps recent backups after their end, so that the appliance can ask for their status:
+/// from the sixth backup on, each new one evicts one that has ended.
 class BackupManager : public IBackupManager {
 public:
     explicit BackupManager(info::Logger& logger);
@@ -21,7 +21,7 @@ public:
     void cancelAllBackups() override;
 
 private:
-    /// A share of the backup, so that it can't vanish while the caller works on it without the mutex.
+    /// Returns a shared_ptr, so that the backup can't vanish while the caller uses it without the mutex.
     [[nodiscard]] std::shared_ptr<IBackup> find(const std::string& backupId);
     void insert(std::shared_ptr<IBackup> backup);
     void purge();

@@ -22,12 +22,12 @@ namespace {
 constexpr std::array caughtSignals = {SIGFPE,  SIGSEGV, SIGILL,  SIGABRT,   SIGBUS,
                                       SIGPIPE, SIGSYS,  SIGALRM, SIGSTKFLT, SIGIO};
 
-/// Dispositions are per process, and so is this; it can't belong to any one run.
+/// Signal dispositions belong to the process, so this state can't belong to a single run.
 struct ProcessSignals {
     std::mutex mutex;                             // held while installing and restoring, never in a handler
-    std::atomic<BackupSignalHandlers*> current;   // whose backup a signal cancels
-    std::atomic<int> handling = 0;                // handlers at work, which may be using `current`
-    std::map<int, struct sigaction> savedActions; // guarded by mutex; what was in force before any run
+    std::atomic<BackupSignalHandlers*> current;   // a signal cancels the backup of this object
+    std::atomic<int> handling = 0;                // running handlers, which may be using `current`
+    std::map<int, struct sigaction> savedActions; // guarded by mutex; the actions before the first run
 
     static ProcessSignals& instance() {
         // Never destroyed: a handler may still run while the process exits.
@@ -37,7 +37,8 @@ struct ProcessSignals {
     }
 };
 
-/// The part of a handler that the interrupted code must not notice, and the end of a run must wait for.
+/// Counts a handler while it runs, so that the end of a run can wait for it, and restores the interrupted
+/// code's `errno`.
 class Handling {
 public:
     Handling() { ++ProcessSignals::instance().handling; }
@@ -62,7 +63,7 @@ extern "C" void onBackupSignal(int signal) {
     current->handle(signal);
 }
 
-/// What the first of overlapping runs has found is what will have to come back.
+/// Saves the previous action for the first of overlapping runs only: that is the action to restore.
 void install(ProcessSignals& signals, bool isFirst, int signal, void (*handler)(int), int flags) {
     struct sigaction action{};
     action.sa_handler = handler;
@@ -118,7 +119,7 @@ BackupSignalHandlers::~BackupSignalHandlers() {
         ::sigaction(SIGCHLD, &signals.savedActions[SIGCHLD], nullptr);
         signals.current = nullptr;
     }
-    // Any thread may have taken the signal, and still be logging it and about to cancel this backup.
+    // A handler on any thread may still be logging its signal, and cancels this backup after that.
     while (signals.handling > 0) {
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }

@@ -37,7 +37,8 @@ void BackupThread::start(std::shared_ptr<IBackup> newBackup, std::unique_ptr<Bac
         const std::lock_guard lock(mutex);
         std::swap(result, launched);
     }
-    // An earlier run that has cancelled itself but not yet ended is waited for here, where its future goes.
+    // `launched` now holds the future of the earlier run. Its destructor waits for that run, in case it has
+    // cancelled itself but not ended yet.
 }
 
 std::exception_ptr BackupThread::wait() {
@@ -73,7 +74,7 @@ bool BackupThread::isRunning() {
 }
 
 void BackupThread::run(const std::shared_ptr<IBackup>& running, std::unique_ptr<BackupSession> session) {
-    std::optional<BackupSignalHandlers> handlers; // in force until the failure has been written down, too
+    std::optional<BackupSignalHandlers> handlers; // outside the try block: still in force during keepFailure
     try {
         if (!running) {
             throw std::invalid_argument("Invalid backup pointer given to backup thread!");

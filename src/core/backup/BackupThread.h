@@ -8,8 +8,8 @@
 
 namespace agent::core::backup {
 
-/// See IBackupThread. The termination signals are blocked on the thread, so that a shutdown, which waits for
-/// it, never runs on it.
+/// See IBackupThread. The termination signals are blocked on the thread: a shutdown waits for this thread, so
+/// it must never run on it.
 class BackupThread : public IBackupThread {
 public:
     explicit BackupThread(info::Logger& logger);
@@ -26,8 +26,9 @@ private:
     info::Logger& logger;
     mutable std::mutex mutex;
     std::exception_ptr failure;      // guarded by mutex
-    std::shared_ptr<IBackup> backup; // guarded by mutex; the thread itself works on a share of its own
-    // Guarded by mutex, and waited for without it. The last copy joins the thread, so this is declared last.
+    std::shared_ptr<IBackup> backup; // guarded by mutex; the thread itself holds its own shared_ptr
+    // Guarded by mutex, but waited for without it. Destroying the last copy joins the thread, so this is
+    // declared last.
     std::shared_future<void> result;
 };
 

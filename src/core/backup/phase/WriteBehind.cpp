@@ -8,8 +8,8 @@ namespace agent::core::backup::phase {
 
 namespace {
 
-/// Leaves the signals of the process to the threads that have them now. What a thread does wrong itself can't
-/// be left to others.
+/// Blocks signals for a thread that is started while the object exists, so that the process's other threads
+/// keep handling them. The signals of a thread's own faults stay unblocked.
 class SignalsOfOthers {
 public:
     SignalsOfOthers() {

@@ -45,8 +45,8 @@ XFSParserImpl::XFSBTreeNode XFSNodeReader::read(std::uint32_t agBlock) {
     return node;
 }
 
-/// The whole block in one read. If that fails, the parts that are needed are read one by one: what is bad may
-/// be the unused rest.
+/// Reads the whole block at once. If that fails, `holds` reads only the needed parts: the unreadable part may
+/// be unused.
 void XFSNodeReader::fetch(std::uint32_t agBlock) {
     address = group.blockSize * (agBlock + std::uint64_t{group.agBlocks} * group.number);
     if (traces) {
