@@ -116,6 +116,9 @@ BROKEN = [
     ("resources", "src/common/Close.cpp", "void gone(int it) {\n    ::close(it);\n}\n", 2),
     ("resources", "src/common/Goto.cpp", "void loop() {\nagain:\n    goto again;\n}\n", 3),
     ("resources", "src/common/Mute.cpp", "void gone(int* it) {\n    delete it; // NOLINT(resources)\n}\n", 2),
+    ("logging", "src/common/Said.cpp",
+     'void say() {\n    logger.log(level::info, reason("said"),\n               "all "\n'
+     '               "of it");\n}\n', 2),
     ("shell", "lab/broken.sh", "if true; then\n", 2),
     ("shell", "lab/unquoted.sh", "rm -f $1\n", 1),
     ("executables", "scripts/plain", "#!/bin/sh\ntrue\n", 1),
@@ -151,6 +154,7 @@ HARMLESS = [
     ("tests/test_helper.py", "from thing import wait_until_up\n\n\ndef test_it():\n    wait_until_up()\n"),
     ("scripts/prose.py", "# A value: what it is (see above);\n# return value\n# for example:\nA = 1\n"),
     ("scripts/address.py", f'A = "https://example.org/{LONG_TEXT}{LONG_TEXT}"\n'),
+    ("src/common/Saying.cpp", 'void say() {\n    logger.log(level::info, "%d", 1);\n}\n'),
     ("docs/code.md", "```\n[a](b.md)\n```\nand `[c](d.md)`\n"),
 ]
 

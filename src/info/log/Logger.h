@@ -13,9 +13,9 @@ namespace agent::info {
 /// Threads: any thread may log; the printer tree runs under the mutex, one message at a time.
 /// Fails:   `print` passes on what the printer throws; a LogEntry's destructor swallows it.
 ///
-/// There are two ways to log a message:
-///     LogEntry(logger, level::info) << "Driver version: " << version;
+/// A message with printf directives goes through `log`, any other message through a LogEntry:
 ///     logger.log(level::info, "Driver version: %s", version.c_str());
+///     LogEntry(logger, level::info) << "DriverController created";
 /// Both accept a reason after the level.
 class Logger {
 public:
