@@ -10,7 +10,7 @@ Strangers::Strangers(std::size_t most, Clock::duration longest) : most(most), lo
 }
 
 void Strangers::enter(int socket) noexcept {
-    const std::lock_guard lock(mutex);
+    const os::Lock lock(mutex);
     const Clock::time_point now = Clock::now();
     while (!present.empty() && (present.size() >= most || now - present.front().since > longest)) {
         ::shutdown(present.front().socket,
@@ -21,7 +21,7 @@ void Strangers::enter(int socket) noexcept {
 }
 
 bool Strangers::leave(int socket) noexcept {
-    const std::lock_guard lock(mutex);
+    const os::Lock lock(mutex);
     const auto found = std::ranges::find(present, socket, &Stranger::socket);
     if (found == present.end()) {
         return false;

@@ -350,6 +350,10 @@ def test_tidy_refuses_functions_of_more_than_sixty_lines(tidy):
     ("clang-diagnostic-error", 1, "int broken() { return missing; }\n"),
     ("bugprone-unused-return-value", 4,
      "#include <unistd.h>\n\nvoid skip(int file, char* byte) {\n    read(file, byte, 1);\n}\n"),
+    ("clang-diagnostic-thread-safety-analysis", 9,
+     "struct __attribute__((capability(\"mutex\"))) Mutex {};\n\nstruct Count {\n    Mutex mutex;\n"
+     "    int value __attribute__((guarded_by(mutex))) = 0;\n};\n\nint valueOf(const Count& count) {\n"
+     "    return count.value;\n}\n"),
     ("cppcoreguidelines-avoid-non-const-global-variables", 1, "int counter = 0;\n"),
     ("cppcoreguidelines-pro-type-reinterpret-cast", 2,
      "int read(const char* text) {\n    return *reinterpret_cast<const int*>(text);\n}\n"),

@@ -2,9 +2,9 @@
 
 #include "info/log/LogEntry.h"
 #include "info/log/PrinterFunction.h"
+#include "os/Mutex.h"
 
 #include <memory>
-#include <mutex>
 
 namespace agent::info {
 
@@ -40,7 +40,7 @@ public:
 private:
     PrinterFunction printer;
     LevelFunction wanted;
-    std::shared_ptr<std::mutex> mutex; // serialises the printer tree; shared by all copies of this logger
+    std::shared_ptr<os::Mutex> mutex; // serialises the printer tree; shared by all copies of this logger
 };
 
 } // namespace agent::info

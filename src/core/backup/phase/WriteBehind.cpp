@@ -34,7 +34,7 @@ WriteBehind::WriteBehind(Write write) : write(std::move(write)) {}
 
 WriteBehind::~WriteBehind() {
     {
-        const std::lock_guard lock(mutex);
+        const os::Lock lock(mutex);
         isStopped = true;
     }
     changed.notify_all();
@@ -52,20 +52,23 @@ void WriteBehind::begin(const Chunk& chunk) {
         write(chunk);
         return;
     }
-    const std::lock_guard lock(mutex);
+    const os::Lock lock(mutex);
     underWay = chunk;
     changed.notify_all();
 }
 
 void WriteBehind::settle() {
     if (!isWritten()) {
+        const os::Lock lock(mutex);
         std::rethrow_exception(std::exchange(failure, nullptr));
     }
 }
 
 bool WriteBehind::isWritten() {
-    std::unique_lock lock(mutex);
-    changed.wait(lock, [this] { return !underWay; });
+    os::Lock lock(mutex);
+    while (underWay) {
+        lock.wait(changed);
+    }
     return !failure;
 }
 
@@ -78,9 +81,11 @@ void WriteBehind::start() {
 }
 
 void WriteBehind::work() {
-    std::unique_lock lock(mutex);
+    os::Lock lock(mutex);
     while (true) {
-        changed.wait(lock, [this] { return underWay || isStopped; });
+        while (!underWay && !isStopped) {
+            lock.wait(changed);
+        }
         if (!underWay) {
             return;
         }
