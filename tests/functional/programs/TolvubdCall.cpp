@@ -1,5 +1,5 @@
-// Calls one function of the snapshot driver's library and prints what came of it: TolvubdCall FUNCTION
-// ARGUMENT...; the exit status is 0 only if the library has returned 0.
+// Calls one function of the snapshot driver's library and prints the result: TolvubdCall FUNCTION ARGUMENT...
+// The exit status is 0 only if the library has returned 0.
 
 #include "tolvubd.h"
 
@@ -69,7 +69,7 @@ int main(int argc, char** argv) {
         const int error = errno;
         std::cout << result << ' ' << (result == 0 ? 0 : error) << '\n';
         return result == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
-    } catch (const std::exception& error) { // not enough arguments, or none of the functions
+    } catch (const std::exception& error) { // not enough arguments, or an unknown function
         std::cerr << "TolvubdCall: " << error.what() << '\n';
         return 2;
     }
