@@ -36,14 +36,14 @@ from lab.volumes import Partition, Volume  # noqa: E402
 
 KEPT = pathlib.Path("/kept")
 SCRIPT = "keep-moments"
-# Copies each snapshot as soon as it is there, before the agent reads a block of it.
+# Copies each snapshot as soon as it exists, before the agent reads a block of it.
 KEEP_MOMENTS = f"""#!/bin/sh
 [ "$1" = POST ] || exit 0
 for node in /dev/tolvu[0-9]*; do
     dd if=$node of={KEPT}/moments/${{node#/dev/tolvu}}.img bs=1M iflag=direct conv=sparse status=none
 done
 """
-READY_SECONDS = 300 # of a machine that is emulated, which has just been started
+READY_SECONDS = 300 # an emulated machine that has just been started is slow
 SECONDS = 1200
 LOGICAL, PLAIN = "logical", "plain"
 # With room for three CoW files: a power cut in the middle of a backup leaves two of them.
@@ -52,7 +52,7 @@ VOLUMES = {LOGICAL: in_whole_units(Volume(LOGICAL, "ext4", 440, "/volumes/logica
 
 
 def partition_of(name):
-    """A volume by the name that udisks has for its device."""
+    """A volume, with the device name that udisks uses."""
     volume = VOLUMES[name]
     source = run("findmnt", "--noheadings", "--output", "SOURCE", volume.mount_point).strip()
     partition = Partition(volume, str(pathlib.Path(source).resolve()))
@@ -85,7 +85,7 @@ def make(disk, other):
 
 
 def certify():
-    """What an administrator does by hand, and the script that he writes."""
+    """Does by script what an administrator does by hand: certificates, and a quiesce script."""
     (KEPT / "moments").mkdir()
     authority = Authority(KEPT / "authority")
     install(authority.agent(), authority, CERTIFICATES)
@@ -100,20 +100,20 @@ def certify():
 
 
 def device_of(partition):
-    """What the driver says of a volume's device, which has another name when it has been given back."""
+    """The driver's status of a volume's device. Its device name may have changed since it was given back."""
     return next(device for device in driver.devices()
                 if pathlib.Path(device["block_device"]).resolve() == pathlib.Path(partition.device))
 
 
 def tracked_by(partition):
-    """In the words of the driver's tool."""
+    """How the volume is tracked, in the words of the driver's tool."""
     minor = device_of(partition)["minor"]
     line = next(line for line in run("tolvuctl", "list").splitlines() if line.split()[0] == str(minor))
     return re.search("(device-mapper|capture).*", line)[0]
 
 
 class Agent:
-    """The bekd that the service manager has started, in the place of a test's own."""
+    """The bekd that the service manager has started, with the interface of Daemon that tests use."""
 
     @property
     def log(self):
@@ -121,7 +121,7 @@ class Agent:
 
     @staticmethod
     def wait_for(condition, what, _seconds):
-        """With pauses, as the one processor is the agent's too."""
+        """Waits with pauses, because the agent needs the only processor too."""
         def after_a_pause():
             time.sleep(0.3)
             return condition()
@@ -129,14 +129,14 @@ class Agent:
 
 
 class KeptProtection(Protection):
-    """One whose images outlive the target."""
+    """A Protection whose images outlive the target."""
 
     @staticmethod
     def moment_of(partition):
         return KEPT / "moments" / f"{device_of(partition)['minor']}.img"
 
     def request(self, *names, **changes):
-        """One run of the script is enough for all volumes."""
+        """The volumes of a request; only the first names the script, as one run of it is enough for all."""
         volumes = super().request(*names, **changes)
         volumes[0]["scriptsPrePost"] = [{"scriptname": SCRIPT, "timeout": SECONDS}]
         return volumes
@@ -163,7 +163,7 @@ class KeptTarget(Target):
 
 
 def appliance():
-    """A client of the agent, which answers."""
+    """A client of the agent, returned once the agent answers."""
     client = Appliance(certificate=KEPT / "appliance.pem", key=KEPT / "appliance.key",
                        authority=KEPT / "ca.crt", seconds=SECONDS)
 

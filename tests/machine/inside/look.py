@@ -1,4 +1,4 @@
-"""Looks at a volume after whatever has been done to it, and prints what it finds as JSON.
+"""Examines a volume after a test has changed or damaged it, and prints the result as JSON.
 
     look.py files DIRECTORY FIRST LAST    which of the files of busy.py aren't as they were
     look.py own DEVICE KIND DIRECTORY     the places of the driver's own files: [offset, length] each
@@ -22,7 +22,7 @@ from lab.images import extents_on  # noqa: E402
 from tolvubd_site import must  # noqa: E402
 
 TRACE = pathlib.Path("/tmp/tolvubd.trace")
-# They change nothing.
+# Calls that change nothing.
 QUESTIONS = re.compile(r"DM_(VERSION|DEV_STATUS|TABLE_STATUS|TABLE_DEPS|LIST_\w+)|FS_IOC_FIEMAP|BLKGETSIZE")
 
 
