@@ -1,4 +1,4 @@
-"""The used clusters that the agent finds on FAT32 of rare forms, and what it refuses."""
+"""The used clusters that the agent finds on unusual FAT32 volumes, and volumes that it refuses."""
 import os
 import subprocess
 
@@ -11,7 +11,7 @@ from lab.images import tree_hashes
 from lab.volume_images import age, make_image, mounted
 from used_maps import TOOL, Comparison, check_rebuilt, refused
 
-BAD = range(3000, 3400, 2) # blocks of 1 KiB, as mkfs.fat counts them
+BAD = range(3000, 3400, 2) # blocks of 1 KiB, the unit of mkfs.fat
 
 
 def make(directory, *options, mebibytes=90):
@@ -25,7 +25,7 @@ def use(image):
 
 
 def test_bad_clusters_are_free(directory):
-    """blkls calls them used."""
+    """blkls reports them as used."""
     listed = directory / "bad"
     listed.write_text("".join(f"{block}\n" for block in BAD), encoding="ascii")
     image = make(directory, "-s", "2", "-l", listed)
