@@ -37,7 +37,7 @@ def test_bad_clusters_are_free(directory):
 
 
 def test_volume_of_few_clusters_is_read(directory):
-    """Some tools take it for FAT16."""
+    """Some tools mistake it for FAT16."""
     image = make(directory, "-s", "8")
     tree = use(image)
     assert Geometry.of(image).clusters < 65525
@@ -73,7 +73,7 @@ def test_narrow_entries_are_of_no_known_kind(size, directory):
 
 
 def test_left_over_of_a_volume_made_anew(directory):
-    """The boot sector goes with the file system whose it is: the tools that make another one clear it."""
+    """The boot sector is never stale: a tool that makes another file system clears it."""
     for file_system in ("ext4", "xfs"):
         image = make(directory, "-s", "2", mebibytes=300)
         filesystems.make(file_system, image)

@@ -1,5 +1,5 @@
-"""A tracked volume whose machine loses its power at random moments while programs write: the next backup gets
-all that has changed."""
+"""A tracked volume whose machine loses power at random moments while programs write: the next backup gets all
+changes."""
 import os
 import random
 import time
@@ -21,7 +21,8 @@ def machine(new_machine):
 
 
 def cut_at_random(volume, number, chosen):
-    """Every second time while there is a snapshot; else while it is only tracked."""
+    """Cuts the power: every second time while there is a snapshot, otherwise while the volume is only
+    tracked."""
     volume.start_writer()
     if number % 2:
         volume.must("transition_incremental", 0)
