@@ -5,7 +5,7 @@ authority.
     trust(authority)                                 # only in lab/namespace
     with CertificateService(authority) as service:
         ...
-                service.requests                             # the requests, as the agent sent them
+        service.requests                             # the requests, as the agent sent them
 
 By hand, in a shell that lab/namespace runs; SIGTERM or SIGINT ends it:
 

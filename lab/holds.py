@@ -5,8 +5,8 @@ a test needs. The other threads go on.
         ...                  # a rehearsal
         calls = trace.lines()
     with Hold(pid, "read", 5, paths=["/dev/tolvu0"]) as hold:
-                ...                  # a thread of the program starts reading
-                hold.wait()          # it is about to read for the fifth time
+        ...                  # a thread of the program starts reading
+        hold.wait()          # it is about to read for the fifth time
         hold.release()
 
 Calls are counted for each thread, from the moment when strace watches it.

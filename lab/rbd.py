@@ -4,7 +4,7 @@
         image = server.add_image("data", 1 << 30)
         ...                  # a backup
         server.fetch(image)
-                image.path           # a copy of what the cluster held then
+        image.path           # a copy of what the cluster held then
 
 The engine that zephaned starts for an image is a client of the image's NBD server, which runs as long as this
 server does. Requests to the NBD server aren't logged.

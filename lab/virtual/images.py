@@ -1,7 +1,7 @@
 """Images of machines: made once from packages, stored below build/machine, shared by all runs.
 
     image = images.get("uml")            # or "qemu"; makes it if it isn't there
-        image.root, image.key                # a file that is never written to, and the key to log in with
+    image.root, image.key                # a file that is never written to, and the key to log in with
 
 The name of an image has a digest of all that it is made from, except the date: its list of packages and the
 programs that make it. One process makes it, others wait. BEKD_MACHINE_IMAGES names another directory, to

@@ -2,10 +2,10 @@
 
     with QemuServer() as server:                   # or UmlServer
         disk, other = server.disk(8 << 30), server.disk(4 << 30)
-                server.start()                             # the rescue system: the usual image of machines
-                ...                                        # install the server's system on the first disk
+        server.start()                             # the rescue system: the usual image of machines
+        ...                                        # install the server's system on the first disk
         server.stop(); server.is_rescue = False; server.start()
-                server.cut(); server.replace(disk)         # an empty disk in its place
+        server.cut(); server.replace(disk)         # an empty disk in its place
 
 Inside, the first disk is /dev/sda in either system.
 """

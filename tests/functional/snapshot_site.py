@@ -29,7 +29,8 @@ from tolvubd_site import LogicalVolumes, layers
 
 SECONDS = 60
 COW_MIB = 100
-# A machine of the lab has to itself what its host has left. Who lets a volume go late does so after ten.
+# A lab machine gets only the computing time that its host can spare, so its limit is longer. A volume that is
+# frozen for too long is released after ten seconds, which both limits detect.
 WRITABLE_SECONDS = 5 if spare_disks() else 1
 EXT4 = Volume("data", "ext4", mebibytes=256, mount_point="/mnt/Büro und Lager")
 XFS = Volume("files", "xfs", mebibytes=320, mount_point="/mnt/files")

@@ -188,7 +188,7 @@ def test_endless_url(unharmed, client, url):
 # Bodies.
 
 def answers_of(client, body):
-    """The status of each POST with this body."""
+    """The status of the answer to a POST with this body, by URL."""
     answers = {url: client.request("POST", url, body) for url in POSTS}
     assert all(answer.content_type == "text/plain" for answer in answers.values())
     return {url: answer.status for url, answer in answers.items()}

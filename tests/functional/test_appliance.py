@@ -66,6 +66,7 @@ class Agent:
         return self.answers.pop(0) if len(self.answers) > 1 else self.answers[0]
 
     def _handler(self):
+        """A handler class that refers to this Agent, as http.server passes handlers no other arguments."""
         agent = self
 
         class Handler(http.server.BaseHTTPRequestHandler):

@@ -48,7 +48,7 @@ def truncate_a_file(root):
 
 
 def overwrite_a_third(root):
-    """Of the large file, in place: every tenth 64 KiB begins with three that are new."""
+    """Overwrites the first three of every ten 64 KiB of the large file, in place."""
     source = random.Random(30)
     path = root / "large"
     with open(path, "r+b") as file:

@@ -99,6 +99,7 @@ def test_merge_with_an_equal_image_writes_nothing(protect, volumes, target):
 
 @OVER_BOTH
 def test_merge_mends_exactly_what_differs(protect, volumes, target, tmp_path):
+    """Single bytes of the image are flipped: a merge writes the units that differ, and no others."""
     fill_all(volumes)
     protection = protect()
     with Ledger(protection) as ledger:

@@ -164,6 +164,7 @@ def test_driver(volume_site, agent):
 
 
 def test_all_is_well_and_what_then_goes_wrong(protect, volumes):
+    """Where the check reports a failure, the next backup fails for the same reason."""
     protection = protect("data")
     fill_some(volumes, protection.partitions, "a")
     assert protection.run(full=True).state == "finished"

@@ -38,7 +38,7 @@ def show(*devices, indent=4):
 
 
 def script(minor, lines="", uuid=UUIDS[0], mode=0o700):
-    """A reload script whose driver does what `lines` say; its last line isn't reached."""
+    """Writes a reload script that runs `lines` and exits, before its call of the driver's tool."""
     path = BASE / f"reload_{minor}"
     path.write_text(f"#!/bin/sh\n{lines}\nexit 0\n"
                     f"/usr/bin/tolvuctl reload-incremental /dev/disk/by-uuid/{uuid} /.tolvu {minor}\n",

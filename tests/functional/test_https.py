@@ -215,6 +215,7 @@ def test_stranger_adds_nothing_to_a_body(site, server, client):
 
 
 def test_bad_certificates(site, server, client):
+    """A refused client gets no answer, so only the log can tell an administrator the reason."""
     mismatch = "1 Certificate issuer mismatch"
     unverified = "1 Verification of device certificate failed: "
     no_type = "1 Failed to find required metadata in client certificate"

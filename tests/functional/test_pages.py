@@ -1,4 +1,4 @@
-"""How the documents are run as they are printed: what doesn't hold of a page is found, and told."""
+"""How documents are run as they are printed: a page that is wrong is found and reported."""
 import pytest
 
 from pages import (CEPH, MACHINE, PYTHON, ROOT, SH, Block, Page, check_blocks, check_program, commands_in,

@@ -101,7 +101,7 @@ def check_next_backup(site):
 
 
 def test_images_that_are_right(volumes, protect):
-    """All blocks are looked at that a backup leaves out, and none is wrong, whatever has changed since."""
+    """The audit compares all blocks that a backup leaves out, and finds none wrong after any changes."""
     protection = protect()
     fill_some(volumes, protection.partitions, "a")
     assert protection.run(full=True).state == "finished"

@@ -204,7 +204,7 @@ def test_the_head_that_the_agent_has_noted(copy, directory):
     database = directory / "agent.sqlite"
     make_database(database, copy, zlib.crc32(copy.read_bytes()[:HEAD]))
     held = sqlite3.connect(database, isolation_level=None)
-    held.execute("begin immediate") # nobody waits for the agent's locks, nor it for others
+    held.execute("begin immediate") # bek-restore must not wait for locks
     found = told("check", "--database", database, copy)
     held.close()
     assert found["trusted"] and "its head is what the last backup has left" in found["proven"]

@@ -269,7 +269,7 @@ def free_bytes(path):
 
 
 def test_volume_without_mount_point(site):
-    """It has no room that anybody could use."""
+    """The volume counts as full."""
     with SnapshotSite((EXT4,)) as lab_site:
         subprocess.run(["umount", lab_site.mount_point("data")], check=True)
         text, log = fail_session(lab_site)

@@ -94,7 +94,7 @@ def write_tree(volume, seed):
 
 
 def shown():
-    """The devices, by what the driver tells of each of them; of some it tells more."""
+    """The devices in the driver's status, with the fields that each of them has."""
     fields = ("minor", "cow_file", "block_device", "state", "error")
     return [{field: device[field] for field in fields} for device in info()["devices"]]
 

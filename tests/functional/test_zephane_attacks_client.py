@@ -87,7 +87,7 @@ def hang_up(*_):
 
 
 def served(serve):
-    """As a server does it."""
+    """Wraps `serve`: when it falls silent, the wrapper waits until the client disconnects."""
     @functools.wraps(serve)
     def run(connection):
         try:

@@ -38,7 +38,7 @@ def end_sending(attacker):
 
 
 def elsewhere(content):
-    """An image, but for what the attacks write to."""
+    """The content of an image without the range that the attacks write to."""
     return content[:PLACE] + content[PLACE + LENGTH:]
 
 

@@ -51,6 +51,6 @@ def test_a_cut_while_there_is_a_snapshot(running_machine):
 @pytest.mark.nightly
 @pytest.mark.parametrize("kind", ("ext4", "xfs"))
 def test_many_cuts_at_random_moments(running_machine, kind):
-    """Every one of them was the machine's first start since the last one, so the tracking has lasted."""
+    """Tracking survives every cut, each of which is followed by one start of the machine."""
     figures = cut_many_times(running_machine, kind, MANY_CUTS)
     assert (figures.kept, figures.missed) == (MANY_CUTS, 0)

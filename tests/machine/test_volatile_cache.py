@@ -143,6 +143,7 @@ def moments(log, chance):
 
 @pytest.mark.parametrize("kind", ("ext4", "xfs"))
 def test_what_a_cut_leaves_of_a_cache(machine, kind, tmp_path):
+    """One recorded run gives many cuts. Only a cut during a call of the driver may cost the tracking."""
     seed = time.time_ns()
     print(f"seed {seed}")
     chance = random.Random(seed)

@@ -1,10 +1,10 @@
 """Volumes that are tracked across restarts of a machine: run inside, by test_restarts.py.
 
-    tracked.py make DISK...        two logical volumes and a file system that is kept, all in /etc/fstab
-    tracked.py begin NAME...       a snapshot of each, then tracking; remembers what it showed
-    tracked.py write NAME...       writes to each
-    tracked.py snapshot NAME...    takes the next snapshot, and remembers what that shows
-    tracked.py compare NAME...     gives each back as a snapshot, and compares what it shows
+    tracked.py make DISK...        makes two logical volumes and a file system for copies, all in /etc/fstab
+    tracked.py begin NAME...       takes a snapshot of each volume, copies it, and continues with tracking
+    tracked.py write NAME...       writes to each volume
+    tracked.py snapshot NAME...    takes the next snapshot of each, and copies it
+    tracked.py compare NAME...     gives each back as a snapshot, and compares it with the copy
     tracked.py finish NAME...      gives each back as tracked, writes, takes the next snapshot, and compares
 
 Prints {NAME: outcome}.

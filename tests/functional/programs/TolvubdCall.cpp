@@ -22,6 +22,7 @@ std::uint32_t minorOf(const std::string& text) {
     return static_cast<std::uint32_t>(std::stoul(text));
 }
 
+// Functions are named as in C, without the prefix; arguments are in the order of C, without the cache sizes.
 int32_t call(const std::string& function, const std::vector<std::string>& a) {
     if (function == "setup_snapshot") {
         return tolvubd_setup_snapshot(minorOf(a.at(0)), a.at(1).c_str(), a.at(2).c_str(), number(a.at(3)), 0);

@@ -1,15 +1,16 @@
 """An installed bekd, an appliance and its images, all in a machine: run inside, by installed_site.py.
 
-    installed.py make DISK OTHER   a logical volume on one disk, a partition on the other, both in fstab, room
-                                   for what is kept, certificates, and a quiesce script
-    installed.py pair              as the appliance does; the agent must have a name for both volumes
-    installed.py host              what the agent answers when it is asked for its volumes
+    installed.py make DISK OTHER   makes a logical volume on one disk and a partition on the other, both in
+                                   /etc/fstab, a file system for files to keep, certificates, a quiesce script
+    installed.py pair              pairs the agent with the appliance; the agent must know both volumes
+    installed.py host              prints the agent's answer to a request for its volumes
     installed.py change SEED       writes files to both volumes, removes and changes others
-    installed.py backup KIND       a backup of both: full, merge or incremental. Compares the images with
-                                   what the snapshots showed; prints what came of it
-    installed.py begin KIND        begins one whose target stops in the middle, and prints "in the middle"
+    installed.py backup KIND       backs up both volumes: full, merge or incremental. Compares the images with
+                                   the snapshots; prints the outcome
+    installed.py begin KIND        starts a backup whose target stops in the middle; prints "in the middle"
 
-Images, pictures of the snapshots and the appliance's certificate outlive a restart, in a place of their own.
+Images, copies of the snapshots and the appliance's certificate are on a file system of their own, and survive
+a restart.
 """
 import json
 import os
@@ -61,6 +62,7 @@ def partition_of(name):
 
 
 def make(disk, other):
+    """Makes the volumes: a logical one and a plain partition, as the driver tracks them in different ways."""
     run("vgcreate", "-q", "lab", disk)
     run("lvcreate", "-q", "-y", "-n", LOGICAL, "-L", f"{VOLUMES[LOGICAL].mebibytes}M", "lab")
     run("sfdisk", "-q", other, input=f"label: gpt\nsize={VOLUMES[PLAIN].mebibytes}M\n,\n")

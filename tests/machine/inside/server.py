@@ -2,19 +2,19 @@
 
 In the rescue system:
     server.py make DISK KEPT SOURCE LINE PACKAGE...
-                                   a server on one disk, its packages too, and room for what the appliance
-                                   keeps on the other. SOURCE is a device with the system to make it of; "" is
-                                   the running one. LINE is what the kernel is told; with "" there is no boot
-                                   loader
-    server.py serve                the appliance's target, until it is killed
-    server.py compare              what has been restored against the manifests
+                                   makes a server on one disk, including its packages, and a file system for
+                                   the appliance's files on the other. SOURCE is a device with the system to
+                                   copy; "" means the running one. LINE is the kernel's command line; if it is
+                                   "", there is no boot loader
+    server.py serve                runs the appliance's target until it is killed
+    server.py compare              compares the restored volumes with the manifests
 
 In the server:
-    server.py pair                 the agent is started, and takes the appliance
+    server.py pair                 starts the agent, and pairs it with the appliance
     server.py change SEED          writes files to all volumes, removes and changes others
-    server.py backup KIND          a backup of all volumes: full, merge or incremental; prints what came of it
-    server.py prove KIND           the same, and each image is compared with what the snapshot showed; then a
-                                   manifest of that is made
+    server.py backup KIND          backs up all volumes: full, merge or incremental; prints the outcome
+    server.py prove KIND           the same; then compares each image with its snapshot, and makes a manifest
+                                   of the snapshot
 """
 import contextlib
 import dataclasses
@@ -107,6 +107,7 @@ def device_of(one, disk="/dev/sda"):
 
 
 def make(disk, kept, source, line, *packages):
+    """Makes a server: a copy of a running or stored system on new volumes, with the packages installed."""
     make_volumes(disk)
     prepare_kept(kept)
     with contextlib.ExitStack() as stack:

@@ -25,8 +25,8 @@ def make_volume(group):
 
 
 def scatter_free_space(volume, piece):
-    """Leaves free space in pieces of so many bytes only: every second one of a file that fills the volume."""
-    if volume.filesystem == "xfs": # which holds back room of its own, in one piece, for when it is full
+    """Leaves free space only in pieces of `piece` bytes: punches them into a file that fills the volume."""
+    if volume.filesystem == "xfs": # XFS reserves contiguous room
         run("xfs_io", "-x", "-c", "resblks 0", volume.mount_point)
     library = ctypes.CDLL(None, use_errno=True)
     with open(volume.mount_point / "filling", "wb") as file:

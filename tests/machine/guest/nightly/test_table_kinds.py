@@ -20,7 +20,7 @@ PASSPHRASE = "a pass phrase"
 
 
 def made_of(*options):
-    """A logical volume that is made with these options."""
+    """Returns a function that makes a logical volume with these options."""
     return lambda group, name, mebibytes: group.create(name, mebibytes, *options)
 
 
@@ -61,7 +61,7 @@ def encrypted_above(group, name, mebibytes):
 
 
 def linear_device(group, name, mebibytes):
-    """As one that a partition was put on at the start."""
+    """A linear device, as for a partition that was adopted at boot."""
     run("dmsetup", "create", name, "--uuid", "ADOPTED-data", "--table",
         f"0 {mebibytes * 2048} linear {group.spare} 0")
     return f"/dev/mapper/{name}"
