@@ -17,7 +17,6 @@ numbers are little-endian. The first block has the magic number, the version, th
 each) and the block size (4 bytes). Then each entry has a block with the first sector, the number of sectors,
 flags and the length of the text (8 bytes each), and the text if it is a mark. The data follows, except for a
 discard. A sector is as large as a block.
-doesn't have. Sectors are blocks.
 """
 import dataclasses
 import os

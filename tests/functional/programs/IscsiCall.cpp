@@ -81,9 +81,9 @@ void serve(IscsiTransport& transport) {
 ///     connect | compare | disconnect         `compare` connects too; writes then compare first
 ///     seek OFFSET WHENCE
 ///     read LENGTH FILE                       writes the data to FILE
-///     write FILE OFFSET LENGTH               writes this part of FILE and is answered by one line of JSON:
-/// the return value of the call, and `errno` if that is -1. The log goes to standard error; each line begins
-/// with its level as a number.
+///     write FILE OFFSET LENGTH               writes this part of FILE
+/// and is answered by one line of JSON: the return value of the call, and `errno` if that is -1. The log goes
+/// to standard error; each line begins with its level as a number.
 int main(int count, char** values) {
     agent::info::Logger logger([](const std::string& message, int level, agent::info::LogTime /*time*/) {
         std::cerr << level << " " << message << std::flush;
