@@ -42,6 +42,11 @@ SHARED_WITH_PLATFORM = LAYERS[0]
 # The document that shows the layers, highest first.
 PICTURE = "docs/architecture.md"
 
+# A class at the left margin, which others use. Attributes may stand before its name.
+CLASS = re.compile(r"^class (?:\w+\((?:[^()]|\([^()]*\))*\) )?(?P<name>\w+)(?: final)?"
+                   r"(?: : (?P<bases>[^{;]*))? \{", re.MULTILINE)
+DOCUMENTED_BY_ITS_BASE = re.compile(r"\bI[A-Z]\w*|[Ee]rror|[Ee]xception|invalid_argument")
+
 # Libraries whose own headers can't be included directly, and the header to include instead.
 WRAPPED = {"iscsi/": "core/transport/Libiscsi.h"}
 
@@ -159,24 +164,34 @@ def check_guards(tree):
 
 
 def check_labels(tree):
-    """The doc comment of an interface says what it owns, which threads may call it and how it fails."""
+    """The doc comment of an interface, and of every class that isn't nested, says what it owns, which threads
+    may call it and how it fails.
+
+    A class that implements an interface needs no such lines of its own, and an exception none at all.
+    """
     for file in tree.cpp:
-        if not file.is_header:
-            continue
-        for match in re.finditer(r"\b(?:class|struct)\s+(I[A-Z]\w*)[^;{()]*(?=\{)", file.code):
-            if not re.search(r"\)[^;{}()]*=\s*0\s*;", block_from(file.code, match.end()) or ""):
-                continue
-            line = line_of(file.text, match.start())
+        for line, name in documented_classes(file) if file.is_header else []:
             comment = comment_above(file.lines, line)
             missing = [label for label in ("Owns:", "Threads:", "Fails:") if label not in comment]
             if missing:
-                yield file.finding(line, "labels", f"the comment of {match[1]} lacks {', '.join(missing)}")
+                yield file.finding(line, "labels", f"the comment of {name} lacks {', '.join(missing)}")
+
+
+def documented_classes(file):
+    """(line, name) of each class whose comment has to have all labels."""
+    for match in re.finditer(r"\b(?:class|struct)\s+(I[A-Z]\w*)[^;{()]*(?=\{)", file.code):
+        if re.search(r"\)[^;{}()]*=\s*0\s*;", block_from(file.code, match.end()) or ""):
+            yield line_of(file.text, match.start()), match[1]
+    if file.is_below("src", "platform", "tools"):
+        for match in CLASS.finditer(file.code):
+            if not DOCUMENTED_BY_ITS_BASE.search(match["bases"] or ""):
+                yield line_of(file.text, match.start()), match["name"]
 
 
 def comment_above(lines, line):
     """The doc comment that ends above a line; lines of a template head may be in between."""
     index = line - 2
-    while index >= 0 and re.match(r"\s*(template\b|requires\b|\[\[)", lines[index]):
+    while index >= 0 and re.match(r"\s*(template\b|requires\b|\[\[|// NOLINT)", lines[index]):
         index -= 1
     end = index
     while index >= 0 and re.match(r"\s*(///|/\*\*|\*)", lines[index]):

@@ -6,6 +6,9 @@ namespace agent {
 
 /// A path as text. Joining puts exactly one "/" between two parts, whatever slashes they end or begin with.
 /// The empty path means the root, so joining a part to it makes the part absolute.
+/// Owns:    its text.
+/// Threads: as for any value: many readers, or one writer.
+/// Fails:   only with std::bad_alloc.
 class Path {
 public:
     Path() = default;

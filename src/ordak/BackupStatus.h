@@ -7,6 +7,7 @@
 namespace agent::ordak {
 
 /// GET /backup/<id>: the status of a backup. Each request also tells the backup that the appliance is alive.
+/// Owns:    nothing; the constructor's arguments must outlive it.
 /// Threads: any thread may call it.
 /// Fails:   throws exception::bad_request for an unknown backup.
 class BackupStatus {

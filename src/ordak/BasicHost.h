@@ -7,6 +7,7 @@
 namespace agent::ordak {
 
 /// GET /basichost: the properties of the machine that a device may know before it is paired.
+/// Owns:    nothing; the constructor's arguments must outlive it.
 /// Threads: any thread may call it.
 /// Fails:   never; the response contains "[ERROR]" for a property that isn't available.
 class BasicHost {

@@ -7,6 +7,7 @@
 namespace agent::ordak {
 
 /// POST /config: sets the options of a JSON object, all or none of them.
+/// Owns:    nothing; the constructor's arguments must outlive it.
 /// Threads: any thread may call it.
 /// Fails:   throws exception::bad_request if the body isn't JSON or contains a pair that can't be set.
 class ConfigSet {

@@ -6,6 +6,7 @@
 namespace agent::ordak {
 
 /// GET /v2/driver/status: the snapshot driver's own description of its state.
+/// Owns:    nothing; the constructor's arguments must outlive it.
 /// Threads: any thread may call it.
 /// Fails:   never; if the driver isn't loaded or its status can't be read, the response says "Not Available".
 class DriverStatus {

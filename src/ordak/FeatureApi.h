@@ -7,6 +7,7 @@
 namespace agent::ordak {
 
 /// GET /v2/feature: the features of this agent.
+/// Owns:    nothing; the constructor's arguments must outlive it.
 /// Threads: any thread may call it.
 /// Fails:   throws std::out_of_range for an unknown feature, and the JSON library's errors if the body isn't
 ///          an array of strings.

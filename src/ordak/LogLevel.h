@@ -8,6 +8,7 @@ namespace agent::ordak {
 
 /// POST /logLevel: sets the threshold of the log. The appliance counts the other way round: its "severity"
 /// is 0 for everything and 6 for nothing.
+/// Owns:    nothing; the constructor's arguments must outlive it.
 /// Threads: any thread may call it.
 /// Fails:   throws exception::bad_request for a body without a number, and what the filter's store throws.
 class LogLevel {

@@ -15,6 +15,7 @@ class LogEntries;
 ///
 /// Files are read in the order of the directory. An argument without a value counts as missing. A negative
 /// number of lines means 0, and a number above the maximum of 10000 means the maximum.
+/// Owns:    nothing; the constructor's arguments must outlive it.
 /// Threads: any thread may call it; the files may grow meanwhile.
 /// Fails:   throws std::invalid_argument or std::out_of_range for an invalid number. The response lists files
 ///          and lines that can't be read.

@@ -24,6 +24,9 @@ struct Column {
 };
 
 /// Rows of cells, in columns with two blanks between them.
+/// Owns:    its rows.
+/// Threads: one at a time.
+/// Fails:   never; a failed write leaves the stream's state as such.
 class Table {
 public:
     explicit Table(std::vector<Column> columns) : columns(std::move(columns)) {}

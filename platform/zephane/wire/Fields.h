@@ -15,6 +15,9 @@ namespace zephane::wire {
 std::span<const std::uint8_t> bytesOf(const std::string& text);
 
 /// Encodes a structure field by field, big endian.
+/// Owns:    the bytes written so far.
+/// Threads: one at a time.
+/// Fails:   `text` and `code` throw std::invalid_argument for a value that the format can't express.
 class FieldWriter {
 public:
     template <std::unsigned_integral Number>

@@ -8,10 +8,12 @@
 
 /// The handshake, without a network: complete messages in, complete messages out. Each object is for one
 /// connection.
-/// Threads: one at a time.
-/// Fails:   ProtocolError for an invalid message; the connection must then be closed.
 namespace zephane::wire {
 
+/// The client's side: `hello` and `answer` give what to send, `finish` takes the verdict.
+/// Owns:    the key and the transcript of the connection.
+/// Threads: one at a time.
+/// Fails:   ProtocolError for an invalid message; the connection must then be closed.
 class ClientHandshake {
 public:
     /// `hello` needs no nonce. Throws std::invalid_argument for an empty secret and for an invalid path or
@@ -33,6 +35,10 @@ private:
     Bytes transcript;
 };
 
+/// The server's side: `answer`, `check`, and then `grant` or `refuse`, in this order.
+/// Owns:    the key and the transcript of the connection.
+/// Threads: one at a time.
+/// Fails:   ProtocolError for an invalid message; the connection must then be closed.
 class ServerHandshake {
 public:
     /// Returns the key of an image, if there is such an image. Keys must be computed beforehand: otherwise

@@ -11,6 +11,9 @@
 namespace agent::core::backup {
 
 /// What the later phases of a backup need to know about one volume's snapshot.
+/// Owns:    its values; `check` needs the snapshot control that has made it.
+/// Threads: the thread of the backup.
+/// Fails:   never.
 class VolumeSnapshotInfo {
 public:
     VolumeSnapshotInfo() = default;

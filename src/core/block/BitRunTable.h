@@ -20,6 +20,9 @@ struct BitRuns {
 };
 
 /// The runs of every byte value, computed at compile time.
+/// Owns:    the table.
+/// Threads: any; it is constant.
+/// Fails:   never.
 class BitRunTable {
 public:
     constexpr BitRunTable() noexcept {
@@ -62,6 +65,10 @@ inline constexpr BitRunTable bitRunTable;
     return (word >> 4U & 0x0f0f0f0f0f0f0f0f) | (word & 0x0f0f0f0f0f0f0f0f) << 4U;
 }
 
+/// The bit-reversal of every byte value, computed at compile time.
+/// Owns:    the table.
+/// Threads: any; it is constant.
+/// Fails:   never.
 class BitReversalTable {
 public:
     constexpr BitReversalTable() noexcept {

@@ -34,6 +34,9 @@ public:
 };
 
 /// Adapts an ordinary iterator to iterator_base.
+/// Owns:    the iterator; its container must outlive it.
+/// Threads: one at a time.
+/// Fails:   throws what the iterator throws; `equals` throws std::bad_cast for another type.
 template <typename Iterator, typename Value>
 class iterator_base_t final : public iterator_base<Value> {
 public:
@@ -52,7 +55,11 @@ private:
     Iterator iterator;
 };
 
-/// An iterator that owns an iterator_base. If it has none, every use except copying throws std::bad_alloc.
+/// A forward iterator over values that an iterator_base computes.
+/// Owns:    the iterator_base; a copy has a clone of it.
+/// Threads: one at a time.
+/// Fails:   throws what the iterator_base throws. Without one, every use except copying throws
+///          std::bad_alloc.
 template <typename Value>
 class iterator_handle {
 public:

@@ -10,6 +10,9 @@ namespace agent::core::fs {
 
 /// Reads any range of bytes from a device that is open for direct I/O, which accepts aligned ranges only. A
 /// range past the device's end succeeds with fewer bytes, as `bytesRead` says.
+/// Owns:    nothing.
+/// Threads: one at a time for each reader, whose position the functions move.
+/// Fails:   by return value; a failed read is logged, except by `readFully`.
 class FSUtil {
 public:
     /// Returns 0, or -1 if the device can't be read. `alignment` is the device's sector size, 0 if it isn't

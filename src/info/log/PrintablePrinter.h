@@ -10,7 +10,10 @@ namespace agent::info {
 
 /// Passes each message on as printable text: what a peer, a script or a disk has put into it can neither
 /// control a terminal nor fill the disk. A message may have several lines, but none that looks like another
-/// message: the newline before a line that `decorator` can parse is escaped. The decorator must outlive it.
+/// message: the newline before a line that `decorator` can parse is escaped.
+/// Owns:    the printer function; the decorator must outlive it.
+/// Threads: the logger calls `print` under its mutex.
+/// Fails:   `print` throws what the printer throws.
 class PrintablePrinter {
 public:
     /// In bytes. GET /event returns no more than this of a line, either.

@@ -231,6 +231,9 @@ std::string markOf(const Reason& reason);
 const Reason* reasonOf(std::string_view text);
 
 /// Base class of exceptions that carry a reason for the code that catches and logs them.
+/// Owns:    nothing; reasons are constants.
+/// Threads: as for any value: many readers, or one writer.
+/// Fails:   never.
 class HasReason {
 public:
     explicit HasReason(const Reason& reason) : reason(&reason) {}

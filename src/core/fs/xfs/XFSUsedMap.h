@@ -8,6 +8,9 @@ namespace agent::core::fs {
 /// The caller's buffer as a map of used blocks, built from the free blocks. An intact volume lists its free
 /// blocks in ascending order. In that order, the bits between them are written only once, and free bits
 /// aren't written at all. Any other order gives the same map.
+/// Owns:    nothing; the buffer must outlive it.
+/// Threads: one at a time.
+/// Fails:   never.
 class XFSUsedMap {
 public:
     /// Clears the buffer. Its first bit stands for `firstBlock`, a multiple of 8.
