@@ -97,7 +97,7 @@ def test_a_failed_test_keeps_no_other_from_running(run, tmp_path):
 
 def test_what_a_step_computes_is_counted_with_its_children(tmp_path):
     busy = "import time\nwhile time.process_time() < 1.1: pass"
-    step = shell("one", f"python3 -c '{busy}'; true")
+    step = shell("one", f"/usr/bin/python3 -c '{busy}'; true")
     step.start(tmp_path, tmp_path / "log")
     assert step.wait()
     assert step.computed >= 1
