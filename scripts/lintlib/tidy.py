@@ -8,10 +8,8 @@ Only a clean verdict is remembered.
 Most of the time goes into the headers, so sources that are compiled alike are first looked at together. All
 that counts then is that nothing is found: otherwise the sources with findings, some of which may come from
 names that two sources use, are looked at apart from the others, down to single sources, whose findings are
-those reported. The checks in ALONE always see a source by itself.
-
-The analyzer follows the calls of tests less far than those of other sources: it takes most of the time, and
-tests are run under sanitizers.
+those reported. The checks in ALONE see a source by itself, unless the analyzer is off for it: the others are
+not worth another look at all of its headers.
 """
 
 import concurrent.futures
@@ -31,7 +29,6 @@ CACHE = "build/.tidy-cache"
 # What these say of a source would depend on the sources beside it: the analyzer looks into what a function
 # calls, and passes that over later; and what a source declares in vain may be used by another.
 ALONE = re.compile(r"clang-analyzer-.*|misc-new-delete-overloads|misc-unused-(alias|using)-decls")
-SHALLOW = [f"--extra-arg={word}" for word in ("-Xclang", "-analyzer-config", "-Xclang", "mode=shallow")]
 FINDING = re.compile(r"^(.+?):(\d+):\d+: (?:fatal )?(?:error|warning): (.*)$", re.MULTILINE)
 
 
@@ -86,6 +83,8 @@ class Checker:
         if len(files) == 1:
             return self._check_alone(files[0])
         alone = [check for check in self._enabled(files[0]) if ALONE.fullmatch(check)]
+        if not any(check.startswith("clang-analyzer-") for check in alone):
+            alone = []
         refused = self._refused_together(files, alone)
         if not refused:
             return set().union(*(self._check_alone(file, alone) for file in files))
@@ -128,8 +127,7 @@ class Checker:
         return findings
 
     def _run(self, file, *options):
-        depth = SHALLOW if file.is_below("tests") else []
-        command = [clang.TIDY, "--quiet", "-p", os.path.dirname(COMMANDS), *depth, *options, file.path]
+        command = [clang.TIDY, "--quiet", "-p", os.path.dirname(COMMANDS), *options, file.path]
         return subprocess.run(command, cwd=self.tree.root, capture_output=True, text=True, check=False)
 
     def _enabled(self, file):
@@ -161,7 +159,7 @@ class Checker:
                     yield candidate
 
     def _digest(self, file):
-        parts = [self.common, *SHALLOW, self.commands.get(file.path, self.all_commands)]
+        parts = [self.common, self.commands.get(file.path, self.all_commands)]
         for path in sorted(self.closure(file)):
             parts += [path, self.files[path].text]
         return hashlib.sha256("\0".join(parts).encode()).hexdigest()
