@@ -8,8 +8,7 @@ Only a clean verdict is remembered.
 Most of the time goes into the headers, so sources that are compiled alike are first looked at together. All
 that counts then is that nothing is found: otherwise the sources with findings, some of which may come from
 names that two sources use, are looked at apart from the others, down to single sources, whose findings are
-those reported. The checks in ALONE see a source by itself, unless the analyzer is off for it: the others are
-not worth another look at all of its headers.
+those reported. The checks in ALONE always see a source by itself.
 """
 
 import concurrent.futures
@@ -83,8 +82,6 @@ class Checker:
         if len(files) == 1:
             return self._check_alone(files[0])
         alone = [check for check in self._enabled(files[0]) if ALONE.fullmatch(check)]
-        if not any(check.startswith("clang-analyzer-") for check in alone):
-            alone = []
         refused = self._refused_together(files, alone)
         if not refused:
             return set().union(*(self._check_alone(file, alone) for file in files))

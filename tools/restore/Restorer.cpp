@@ -218,16 +218,17 @@ void Restorer::settle(const Piece& piece, bool isEqual, Result& result) {
     progress(Phase::comparing, result.compared, plan.usedBytes);
 }
 
-/// The page with the marker comes last of all: with it the volume is there, without it the marker still is.
+/// The first page comes last of all, and the marker stands in it until then: it has the super block of every
+/// kind of file system, by which a volume is taken for whole.
 void Restorer::finish() {
+    if (marker.place() != 0) {
+        keepPosition(marker.position);
+    }
     const std::span head(loads.front().buffer.data(), headBytes);
     image.read(head, 0);
-    const std::uint64_t last = marker.place();
-    const std::uint64_t other = Marker::pageBytes - last;
-    target.write(head.subspan(Marker::areaBytes), Marker::areaBytes);
-    target.write(head.subspan(other, Marker::pageBytes), other);
+    target.write(head.subspan(Marker::pageBytes), Marker::pageBytes);
     target.sync();
-    target.write(head.subspan(last, Marker::pageBytes), last);
+    target.write(head.first(Marker::pageBytes), 0);
     target.sync();
 }
 
