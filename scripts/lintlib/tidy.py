@@ -9,9 +9,6 @@ Most of the time goes into the headers, so sources with the same compile command
 If nothing is found, all of them are clean. Otherwise the sources with findings, some of which may come from
 names that two sources use, are checked apart from the others, down to single sources; only the findings of
 single sources are reported. The checks in ALONE always see a source by itself.
-
-The analyzer follows calls less far in tests than in other sources: it takes most of the time, and tests are
-run under sanitizers.
 """
 
 import concurrent.futures
@@ -32,7 +29,6 @@ CACHE = "build/.tidy-cache"
 # a function, and skips the called functions later; and a declaration that one source doesn't use may be used
 # by another.
 ALONE = re.compile(r"clang-analyzer-.*|misc-new-delete-overloads|misc-unused-(alias|using)-decls")
-SHALLOW = [f"--extra-arg={word}" for word in ("-Xclang", "-analyzer-config", "-Xclang", "mode=shallow")]
 FINDING = re.compile(r"^(.+?):(\d+):\d+: (?:fatal )?(?:error|warning): (.*)$", re.MULTILINE)
 
 
@@ -130,8 +126,7 @@ class Checker:
         return findings
 
     def _run(self, file, *options):
-        depth = SHALLOW if file.is_below("tests") else []
-        command = [clang.TIDY, "--quiet", "-p", os.path.dirname(COMMANDS), *depth, *options, file.path]
+        command = [clang.TIDY, "--quiet", "-p", os.path.dirname(COMMANDS), *options, file.path]
         return subprocess.run(command, cwd=self.tree.root, capture_output=True, text=True, check=False)
 
     def _enabled(self, file):
@@ -163,7 +158,7 @@ class Checker:
                     yield candidate
 
     def _digest(self, file):
-        parts = [self.common, *SHALLOW, self.commands.get(file.path, self.all_commands)]
+        parts = [self.common, self.commands.get(file.path, self.all_commands)]
         for path in sorted(self.closure(file)):
             parts += [path, self.files[path].text]
         return hashlib.sha256("\0".join(parts).encode()).hexdigest()

@@ -11,9 +11,11 @@
 #include "info/TolvubdController.h"
 #include "tools/common/Text.h"
 
+#include <chrono>
 #include <filesystem>
 #include <stdexcept>
 #include <sys/stat.h>
+#include <thread>
 #include <unordered_map>
 #include <utility>
 
@@ -28,6 +30,20 @@ using agent::info::DriverDeviceInfo;
 constexpr std::uint64_t bytesPerMiB = 1048576;
 /// Reserve for the file system's own metadata about the files.
 constexpr std::uint64_t spare = 16 * bytesPerMiB;
+
+/// How much is free on the volume, or at least `needed`. XFS frees the blocks of a removed file in the
+/// background, so those of the CoW file of an audit that has just ended may still be missing.
+std::uint64_t freeSpace(const agent::info::BackupableVolume& volume, std::uint64_t needed) {
+    constexpr std::chrono::seconds patience(3);
+    constexpr std::chrono::milliseconds pause(100);
+    const auto deadline = std::chrono::steady_clock::now() + patience;
+    std::uint64_t free = volume.getSpaceFree();
+    while (free < needed && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(pause);
+        free = volume.getSpaceFree();
+    }
+    return free;
+}
 
 } // namespace
 
@@ -104,7 +120,7 @@ void Session::requireRoom() {
         cowFileSize.getCowFileSizeMiB(logger, volume->getUuid(), volume->getSize(), volume->getFileSystem()) *
         bytesPerMiB;
     const std::uint64_t needed = cow + 3 * agent::info::cow::tableSize(volume->getSize()) + spare;
-    const std::uint64_t free = volume->getSpaceFree();
+    const std::uint64_t free = freeSpace(*volume, needed);
     if (free < needed) {
         throw std::runtime_error("the snapshot needs " + tools::sizeText(needed) + " on " +
                                  volume->getDisplayName() + ", and " + tools::sizeText(free) + " are free");

@@ -45,6 +45,9 @@ CopyProgress::CopyProgress(const std::vector<std::string>& paths) {
     for (const std::string& path : paths) {
         sum.add(path);
         std::error_code failure;
+        if (!fs::is_directory(fs::symlink_status(path, failure))) { // a link may lead out of the image
+            continue;
+        }
         fs::recursive_directory_iterator entry(path, failure);
         for (; !failure && entry != fs::recursive_directory_iterator(); entry.increment(failure)) {
             sum.add(entry->path());

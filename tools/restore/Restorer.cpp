@@ -219,17 +219,17 @@ void Restorer::settle(const Piece& piece, bool isEqual, Result& result) {
     progress(Phase::comparing, result.compared, plan.usedBytes);
 }
 
-/// The page with the newest marker is written last: with it the volume is complete, without it the marker is
-/// still there.
+/// The first page is written last, and the marker stays in it until then: the page holds the superblock of
+/// every kind of file system, which makes a volume look whole.
 void Restorer::finish() {
+    if (marker.place() != 0) {
+        keepPosition(marker.position);
+    }
     const std::span head(loads.front().buffer.data(), headBytes);
     image.read(head, 0);
-    const std::uint64_t last = marker.place();
-    const std::uint64_t other = Marker::pageBytes - last;
-    target.write(head.subspan(Marker::areaBytes), Marker::areaBytes);
-    target.write(head.subspan(other, Marker::pageBytes), other);
+    target.write(head.subspan(Marker::pageBytes), Marker::pageBytes);
     target.sync();
-    target.write(head.subspan(last, Marker::pageBytes), last);
+    target.write(head.first(Marker::pageBytes), 0);
     target.sync();
 }
 

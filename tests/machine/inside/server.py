@@ -122,6 +122,7 @@ def make(disk, kept, source, line, *packages):
             run("mount", "--bind", path, BUILDING / path[1:])
             stack.callback(run, "umount", BUILDING / path[1:])
         configure()
+        inside("vgcfgbackup", "--quiet", GROUP) # as LVM does at each change of a group
         if line:
             make_initramfs_small()
         inside("dpkg", "--install", *packages)

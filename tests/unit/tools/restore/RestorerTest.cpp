@@ -32,6 +32,9 @@ public:
             std::ranges::fill(into.subspan(at, pageBytes), valueOf(offset + at));
         }
         reads.push_back({offset, into.size()});
+        if (offset == 0 && beforeHead) {
+            beforeHead();
+        }
     }
     [[nodiscard]] std::string name() const override { return "numbers"; }
 
@@ -45,6 +48,7 @@ public:
     std::uint64_t failsFrom = volumeBytes;
     std::uint64_t salt = 1;
     std::vector<ByteRange> reads;
+    std::function<void()> beforeHead; ///< is called when the first page has been read, and not written yet
 };
 
 class RestorerTest : public testing::Test {
@@ -142,6 +146,19 @@ TEST_F(RestorerTest, GoesOnWhereItWasInterrupted) {
     EXPECT_EQ(result.resumed, 9 * mebibyte + 3 * pageBytes);
     EXPECT_EQ(result.copied, 3 * mebibyte);
     EXPECT_EQ(result.mended, 0U);
+    expectRestored();
+}
+
+TEST_F(RestorerTest, KeepsTheMarkerInTheFirstPageUntilTheEnd) {
+    std::vector<std::uint64_t> places;
+    image.beforeHead = [&] { places.push_back(marker()->place()); };
+    restore();
+    image.failsFrom = 21 * mebibyte;
+    std::ofstream(path, std::ios::in) << std::string(mebibyte, '\xEE');
+    EXPECT_THROW(restore(), std::runtime_error);
+    image.failsFrom = volumeBytes;
+    restore(marker()); // one marker more than in one go
+    EXPECT_EQ(places, (std::vector<std::uint64_t>{0, 0}));
     expectRestored();
 }
 
