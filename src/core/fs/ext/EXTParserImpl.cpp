@@ -49,7 +49,7 @@ std::int64_t EXTParserImpl::getBitmapChunk(std::uint64_t startBlock, std::uint8_
     if (buffer == nullptr) {
         return fail("Invalid bitmap buffer");
     }
-    if (const std::string reason = super.objection(); !reason.empty()) {
+    if (const std::string reason = super.whyUnusable(); !reason.empty()) {
         return fail(reason);
     }
     clearMap(buffer, bufferBytes);
@@ -92,7 +92,7 @@ EXTParserImpl::GroupBitmap EXTParserImpl::decode(Bytes bytes) const {
 
 /// A bitmap can't be the boot block or the superblock, and can't lie outside the file system.
 bool EXTParserImpl::isPlausible(const GroupBitmap& bitmap) const {
-    return bitmap.block > super.firstDataBlock && !bitmap.isOutOfReach &&
+    return bitmap.block > super.firstDataBlock && !bitmap.exceeds32Bits &&
            (bitmap.block < super.blockCount || super.blockCountHigh != 0);
 }
 

@@ -93,8 +93,8 @@ std::uint32_t FATWindow::front() const {
     return number & entry::mask;
 }
 
-void FATWindow::copyUse(std::uint8_t* target, std::uint64_t targetBit, std::uint64_t count,
-                        bool isStraddling) {
+void FATWindow::copyUsedBits(std::uint8_t* target, std::uint64_t targetBit, std::uint64_t count,
+                             bool isStraddling) {
     if (isStraddling) {
         for (std::size_t i = 0; i < used.size(); ++i) {
             const std::uint64_t next = i + 1 < used.size() ? used[i + 1] : 0;

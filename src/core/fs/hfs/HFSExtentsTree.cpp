@@ -59,7 +59,7 @@ void HFSExtentsTree::open(const HFSVolumeHeader& header) {
     base = fork.extents[0].startBlock * blockSize;
     waiting = {};
     require(!fork.overflows(), "Extent overflow file cannot contain an overflow of itself");
-    if (const char* const reason = header.objectionTo(fork.extents)) {
+    if (const char* const reason = header.whyUnusable(fork.extents)) {
         throw std::runtime_error(reason);
     }
 }

@@ -38,7 +38,7 @@ bool NTFSBootSector::isNTFS() const {
 /// Refuses a volume whose sectors differ from the device's, so that it doesn't matter by which of them
 /// positions in the master file table are calculated. A wrong position could yield another record, or the
 /// remains of an old one.
-std::string NTFSBootSector::objection(std::uint32_t deviceSector) const {
+std::string NTFSBootSector::whyUnusable(std::uint32_t deviceSector) const {
     if (const char* reason = impossibleGeometry()) {
         return reason;
     }

@@ -22,9 +22,9 @@ std::vector<std::uint8_t> copyOf(Bytes bytes) {
     return {bytes.begin(), bytes.end()};
 }
 
-void requireList(bool holds, const char* objection) {
+void requireList(bool holds, const char* reason) {
     if (!holds) {
-        throw NTFSObjection{objection};
+        throw NTFSError{reason};
     }
 }
 
@@ -64,7 +64,7 @@ std::optional<NTFSDataRuns> NTFSFileRecord::runs(std::uint32_t type) const {
         append(*whole, covered, found);
     }
     if (whole) {
-        whole->isWhole = covered >= allocated;
+        whole->isComplete = covered >= allocated;
     }
     return whole;
 }
@@ -103,8 +103,8 @@ std::vector<std::uint8_t> NTFSFileRecord::listOf(const NTFSAttribute& attribute)
     if (attribute.isResident()) {
         return copyOf(attribute.value());
     }
-    NTFSDataRuns found = volume.files.judgedRuns(attribute, decodeRunList(attribute));
-    requireList(found.packing == nullptr && found.writtenBytes <= largestList,
+    NTFSDataRuns found = volume.files.checkedRuns(attribute, decodeRunList(attribute));
+    requireList(found.whyNotPlain == nullptr && found.writtenBytes <= largestList,
                 "NTFS: An attribute list is too large, or isn't plain.");
     std::vector<std::uint8_t> list(found.writtenBytes);
     requireList(NTFSRunReader(volume, std::move(found.runs)).read(0, list),
@@ -124,12 +124,12 @@ NTFSAttribute NTFSFileRecord::attributeOf(const Part& part, std::uint32_t type, 
             return found;
         }
     }
-    throw NTFSObjection{"NTFS: An attribute isn't where the list of its file has it."};
+    throw NTFSError{"NTFS: An attribute isn't where the list of its file has it."};
 }
 
 void NTFSFileRecord::append(NTFSDataRuns& whole, std::uint64_t& covered, const NTFSAttribute& part) const {
     requireList(part.lowestVcn() == covered, "NTFS: The parts of a file don't follow each other.");
-    const NTFSDataRuns found = volume.files.judgedRuns(part, decodeRunList(part));
+    const NTFSDataRuns found = volume.files.checkedRuns(part, decodeRunList(part));
     for (const NTFSRun& run : found.runs) {
         requireList(!__builtin_add_overflow(covered, static_cast<std::uint64_t>(run.length), &covered),
                     "NTFS: A file is larger than a file can be.");

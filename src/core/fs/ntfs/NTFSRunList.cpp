@@ -78,7 +78,7 @@ struct Element {
     std::size_t offsetBytes;
 };
 
-/// Appends the run of `element`. Returns an objection if the list can't be decoded further, or null.
+/// Appends the run of `element`. Returns the reason if the list can't be decoded further, or null.
 const char* append(NTFSRunList& list, const Element& element) {
     if (element.last() == element.attribute.size()) {
         return runsIntoTheEnd;
@@ -91,7 +91,7 @@ const char* append(NTFSRunList& list, const Element& element) {
     }
     list.runs.push_back({*lcn, *length, !element.hasPlace()});
     if (*length <= 0) {
-        list.objection = runWithoutLength;
+        list.whyUnusable = runWithoutLength;
     }
     return nullptr;
 }
@@ -111,11 +111,11 @@ NTFSRunList decodeRunList(const NTFSAttribute& attribute) {
     while (position < limit && attribute.bytes[position] != 0) {
         const Element element(attribute.bytes, position);
         if (!element.hasLength()) {
-            list.objection = runWithoutLength;
+            list.whyUnusable = runWithoutLength;
         } else {
             element.requireBounds();
             if (const char* reason = append(list, element)) {
-                list.objection = reason;
+                list.whyUnusable = reason;
                 return list;
             }
         }

@@ -127,7 +127,7 @@ std::int64_t XFSParserImpl::getBitmapChunk(std::uint64_t startBlock, std::uint8_
 
 /// Why the superblock isn't plausible, or why the B-trees can't be read; empty if all is well. A volume that
 /// is refused here is copied completely. B-trees that are read wrongly would leave out used blocks.
-std::string XFSParserImpl::objection() const {
+std::string XFSParserImpl::whyUnusable() const {
     if (!hasCrc() && (version & super_block::versionMask) != super_block::versionPlain) {
         return "XFS: Unknown version of the format.";
     }
@@ -156,7 +156,7 @@ const char* XFSParserImpl::impossibleGeometry() const {
 }
 
 void XFSParserImpl::markFreeBlocks(XFSUsedMap& map) {
-    if (const std::string reason = objection(); !reason.empty()) {
+    if (const std::string reason = whyUnusable(); !reason.empty()) {
         throw std::runtime_error(reason);
     }
     const std::uint64_t firstGroup = map.firstBlock() / agBlocks;
