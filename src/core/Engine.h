@@ -45,7 +45,7 @@ public:
 private:
     [[nodiscard]] std::unique_ptr<backup::IBackupThread> makeThread() const;
     [[nodiscard]] backup::IBackupThread& currentThread();
-    void makeRoom();
+    void freeBackupSlot();
     void reapCancelledThreads();
     void cancelInSlot(const std::string& backupId);
 

@@ -53,7 +53,7 @@ std::optional<Ranges> findDriverFiles(agent::info::Logger& logger, const agent::
         return std::nullopt;
     }
     Ranges ranges;
-    for (const std::string& path : agent::core::backup::snapshot_files::below(
+    for (const std::string& path : agent::core::backup::snapshot_files::pathsUnder(
              agent::Path(mountPoint), agent::info::DriverExtension().getOwnFiles())) {
         struct stat file{};
         if (::lstat(path.c_str(), &file) != 0) {

@@ -13,9 +13,9 @@ namespace agent::core::backup {
 
 namespace {
 
-constexpr std::chrono::milliseconds betweenLooks{100};
+constexpr std::chrono::milliseconds pollInterval{100};
 /// Anybody who can open the file can hold its lock.
-constexpr mode_t forRootAlone = 0600;
+constexpr mode_t lockFileMode = 0600;
 
 } // namespace
 
@@ -25,7 +25,7 @@ SnapshotTurn::State SnapshotTurn::take() {
     }
     if (!file) {
         file =
-            os::FileDescriptor(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, forRootAlone));
+            os::FileDescriptor(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, lockFileMode));
     }
     if (file && ::flock(file.get(), LOCK_EX | LOCK_NB) == 0) {
         state = State::mine;
@@ -53,7 +53,7 @@ void SnapshotTurn::wait(info::Logger& logger, ICancel& cancel, std::chrono::mill
             throw info::Reasoned<std::runtime_error>(info::reason("snapshot-failed"),
                                                      "Another program doesn't end its snapshots!");
         }
-        std::this_thread::sleep_for(betweenLooks);
+        std::this_thread::sleep_for(pollInterval);
     }
 }
 

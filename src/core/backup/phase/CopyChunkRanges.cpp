@@ -47,10 +47,10 @@ void CopyChunkRanges::execute() {
     try {
         copy(second, writing);
     } catch (...) {
-        writing.settle(); // throws if the write of the previous chunk failed, because that happened first
+        writing.waitOrThrow(); // a failed write of the previous chunk happened first, so that is thrown
         throw;
     }
-    writing.settle();
+    writing.waitOrThrow();
     logger.log(info::level::debug, "Total bytes copied is %lu (%s)", total,
                info::formatHumanSize(total).c_str());
 }
@@ -58,7 +58,7 @@ void CopyChunkRanges::execute() {
 /// Returns when the last write has begun. Log lines about reading a chunk wait until the previous chunk has
 /// been written, and are dropped if that write failed.
 void CopyChunkRanges::copy(AlignedBuffer& second, WriteBehind& writing) {
-    const info::LogTurn turn([&] { return writing.isWritten(); });
+    const info::LogTurn turn([&] { return writing.waitUntilWritten(); });
     AlignedBuffer* free = &buffer;
     for (block::BlockRangeIterator range = provider->begin(); range != provider->end(); ++range) {
         cancel.check();
