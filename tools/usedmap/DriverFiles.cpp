@@ -54,7 +54,7 @@ std::optional<Ranges> findDriverFiles(agent::info::Logger& logger, const agent::
     }
     Ranges ranges;
     for (const std::string& path : agent::core::backup::snapshot_files::pathsUnder(
-             agent::Path(mountPoint), agent::info::DriverExtension().getOwnFiles())) {
+             agent::Path(mountPoint), agent::info::DriverExtension().getDriverFiles())) {
         struct stat file{};
         if (::lstat(path.c_str(), &file) != 0) {
             continue;

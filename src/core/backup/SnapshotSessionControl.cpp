@@ -35,7 +35,7 @@ using info::LogEntry;
 using info::Logger;
 using info::reason;
 using info::Reason;
-using info::Reasoned;
+using info::WithReason;
 using info::driver_state::activeSnapshot;
 using info::driver_state::tracking;
 using info::level::debug;
@@ -68,7 +68,7 @@ struct SnapshotSpace {
 [[noreturn]] void fail(Logger& logger, const Reason& reason, const std::string& logged,
                        const std::string& thrown) {
     LogEntry(logger, error, reason) << logged;
-    throw info::Reasoned<std::runtime_error>(reason, thrown);
+    throw info::WithReason<std::runtime_error>(reason, thrown);
 }
 
 /// A journal can't be replayed on a read-only snapshot, and XFS refuses to mount a UUID that is already
@@ -229,7 +229,7 @@ void SnapshotSessionControl::Impl::warnOfSecondCowFile(const BackupableVolume& v
 /// Returns 0 if the driver can't tell: with too little space, taking the snapshot fails later.
 std::uint64_t SnapshotSessionControl::Impl::driverSpace(const BackupableVolume& volume) {
     try {
-        return extension->getRoom(volume.getDevice());
+        return extension->getSnapshotSpace(volume.getDevice());
     } catch (const PosixError& failure) {
         LogEntry(logger, warning) << failure.what();
         return 0;
@@ -268,8 +268,8 @@ void SnapshotSessionControl::Impl::checkIncrementalState(const Volumes& volumes,
             LogEntry(logger, warning, reason("tracking-lost"))
                 << "Device " << uuid << " not in active incremental state, destroying snapshot";
             if (!driver->destroyDevice(*volume)) {
-                throw Reasoned<std::runtime_error>(reason("snapshot-not-destroyed"),
-                                                   "Could not destroy snapshot for " + uuid);
+                throw WithReason<std::runtime_error>(reason("snapshot-not-destroyed"),
+                                                     "Could not destroy snapshot for " + uuid);
             }
         }
     }
@@ -283,7 +283,7 @@ void SnapshotSessionControl::Impl::startSnapshot(const BackupableVolume& volume,
     }
     hasChangeRecord = hasChangeRecord && wasTracked;
     if (!driver->startSnapshot(volume, cowFileSize)) {
-        throw Reasoned<std::runtime_error>(reason("snapshot-failed"), "Failed to start snapshot!");
+        throw WithReason<std::runtime_error>(reason("snapshot-failed"), "Failed to start snapshot!");
     }
     if (wasTracked) {
         closedRecords[volume.getUuid()] = ClosedRecord::sinceLastSnapshot;
@@ -302,7 +302,7 @@ void SnapshotSessionControl::Impl::startSnapshot(const BackupableVolume& volume,
 void SnapshotSessionControl::Impl::mergeHistory(const BackupableVolume& volume) {
     closedRecords.erase(volume.getUuid());
     if (!driver->rollForward(volume)) {
-        throw Reasoned<std::runtime_error>(reason("history-broken"), "Failed to roll forward!");
+        throw WithReason<std::runtime_error>(reason("history-broken"), "Failed to roll forward!");
     }
     closedRecords[volume.getUuid()] = ClosedRecord::allUnsentChanges;
 }
@@ -479,7 +479,7 @@ void SnapshotSessionControl::Impl::removeOldCowFiles(const Volumes& volumes) {
 
 std::vector<std::string>
 SnapshotSessionControl::Impl::getSnapshotFiles(const BackupableVolume& volume) const {
-    return snapshot_files::pathsUnder(mountRoot / volume.getUuid(), extension->getOwnFiles());
+    return snapshot_files::pathsUnder(mountRoot / volume.getUuid(), extension->getDriverFiles());
 }
 
 /// Throws std::runtime_error if the volume can't have a change record: it isn't mounted, or has no device.

@@ -50,8 +50,8 @@ void SnapshotTurn::wait(info::Logger& logger, ICancel& cancel, std::chrono::mill
     while (take() == State::others) {
         cancel.check();
         if (std::chrono::steady_clock::now() >= end) {
-            throw info::Reasoned<std::runtime_error>(info::reason("snapshot-failed"),
-                                                     "Another program doesn't end its snapshots!");
+            throw info::WithReason<std::runtime_error>(info::reason("snapshot-failed"),
+                                                       "Another program doesn't end its snapshots!");
         }
         std::this_thread::sleep_for(pollInterval);
     }

@@ -47,8 +47,8 @@ public:
         std::unique_ptr<fs::IBlockBitmapChunkProvider> usedBlocks = fileSystems.create();
         if (!usedBlocks) {
             logNearMiss();
-            throw info::Reasoned<std::runtime_error>(info::reason("file-system-unsupported"),
-                                                     "File system not recognized for " + phase.uuid);
+            throw info::WithReason<std::runtime_error>(info::reason("file-system-unsupported"),
+                                                       "File system not recognized for " + phase.uuid);
         }
         const bool copiesEveryBlock = !hasVolumeBlockSize(*usedBlocks);
         Phases phases =
@@ -180,8 +180,8 @@ void CopyVolume::transfer(Copy& copy, const VolumeSnapshotInfo& snapshot, std::u
         throw;
     }
     if (!checkSnapshot(snapshot)) {
-        throw info::Reasoned<std::runtime_error>(info::reason("snapshot-lost"),
-                                                 "The snapshot has not lasted for its copy!");
+        throw info::WithReason<std::runtime_error>(info::reason("snapshot-lost"),
+                                                   "The snapshot has not lasted for its copy!");
     }
 }
 

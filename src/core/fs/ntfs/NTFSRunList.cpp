@@ -65,10 +65,10 @@ struct Element {
     /// refuses that.
     void requireBounds() const {
         if (position + lengthBytes > attribute.size()) {
-            throw info::Reasoned<std::runtime_error>(info::reason("file-system-broken"), "Invalid runlist");
+            throw info::WithReason<std::runtime_error>(info::reason("file-system-broken"), "Invalid runlist");
         }
         if (last() > attribute.size()) {
-            throw info::Reasoned<std::runtime_error>(info::reason("file-system-broken"), "Corrupt runlist");
+            throw info::WithReason<std::runtime_error>(info::reason("file-system-broken"), "Corrupt runlist");
         }
     }
 
@@ -104,8 +104,8 @@ NTFSRunList decodeRunList(const NTFSAttribute& attribute) {
     const std::size_t limit = attribute.bytes.size();
     std::size_t position = attribute.runListOffset();
     if (position > limit) {
-        throw info::Reasoned<std::runtime_error>(info::reason("file-system-broken"),
-                                                 "No run list can be found");
+        throw info::WithReason<std::runtime_error>(info::reason("file-system-broken"),
+                                                   "No run list can be found");
     }
     NTFSRunList list;
     while (position < limit && attribute.bytes[position] != 0) {
@@ -129,8 +129,8 @@ NTFSRunList runsOf(const NTFSAttribute& attribute) {
         throw std::runtime_error("Attribute type is not DATA.");
     }
     if (attribute.isResident()) {
-        throw info::Reasoned<std::runtime_error>(info::reason("file-system-broken"),
-                                                 "Attribute is resident. Can't find data-runs.");
+        throw info::WithReason<std::runtime_error>(info::reason("file-system-broken"),
+                                                   "Attribute is resident. Can't find data-runs.");
     }
     return decodeRunList(attribute);
 }

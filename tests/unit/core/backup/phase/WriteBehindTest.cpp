@@ -2,7 +2,7 @@
 
 #include "core/backup/BackupStatusHandler.h"
 #include "core/backup/phase/CopyChunkRanges.h"
-#include "info/log/LogTurn.h"
+#include "info/log/LogGate.h"
 #include "support/CountedCancel.h"
 #include "support/FakeTransport.h"
 #include "support/FixedRanges.h"

@@ -11,12 +11,12 @@ namespace agent::info {
 /// Passes each message on as printable text: what a peer, a script or a disk has put into it can neither
 /// control a terminal nor fill the disk. A message may have several lines, but none that looks like another
 /// message: the newline before a line that `decorator` can parse is escaped. The decorator must outlive it.
-class PrintablePrinter {
+class EscapingPrinter {
 public:
     /// In bytes. GET /event returns no more than this of a line, either.
     static constexpr std::size_t longestMessage = 1024UL * 1024;
 
-    PrintablePrinter(IDecorator& decorator, PrinterFunction printer);
+    EscapingPrinter(IDecorator& decorator, PrinterFunction printer);
     void print(const std::string& message, int level, LogTime time);
 
 private:
