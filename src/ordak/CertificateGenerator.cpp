@@ -124,7 +124,7 @@ std::string keyId(Handle* handle, int (*getter)(Handle*, unsigned, unsigned char
     return {digest.data(), digest.data() + size};
 }
 
-bool belongTogether(gnutls_x509_crt_t certificate, gnutls_x509_privkey_t key) {
+bool keyMatches(gnutls_x509_crt_t certificate, gnutls_x509_privkey_t key) {
     return keyId(certificate, &gnutls_x509_crt_get_key_id, "gnutls_x509_crt_get_key_id failed") ==
            keyId(key, &gnutls_x509_privkey_get_key_id, "gnutls_x509_privkey_get_key_id failed");
 }
@@ -231,7 +231,7 @@ std::string CertificateGenerator::issueCert() {
                                        {"action", action},
                                        {"key", serviceKey},
                                        {"certificateRequest", requestPem}});
-    if (!belongTogether(importCertificate(action, pem).get(), key.get())) {
+    if (!keyMatches(importCertificate(action, pem).get(), key.get())) {
         throw exception::bad_response(callName(action) + " certificate can't be used: it is for another key");
     }
     return pem;

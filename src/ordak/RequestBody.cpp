@@ -16,7 +16,7 @@ bool RequestBody::append(const std::string& piece, bool isPaired) {
     if (dropped) {
         return true;
     }
-    if (!reserve(piece.size())) {
+    if (!accountFor(piece.size())) {
         return false;
     }
     bytes += piece;
@@ -28,7 +28,7 @@ std::string RequestBody::take() {
     return std::exchange(bytes, {});
 }
 
-bool RequestBody::reserve(std::size_t count) {
+bool RequestBody::accountFor(std::size_t count) {
     if (kept.fetch_add(count) + count <= mostBytes) {
         return true;
     }

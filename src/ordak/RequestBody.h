@@ -33,7 +33,7 @@ public:
     std::string take();
 
 private:
-    bool reserve(std::size_t count);
+    bool accountFor(std::size_t count);
     void drop() noexcept;
 
     std::atomic<std::size_t>& kept;

@@ -20,7 +20,7 @@ constexpr int parseErrorId = 101; // the JSON library's number for a syntax erro
 
 /// A SAX handler that checks the limits without storing anything. The library's own callback for checking a
 /// document while building it takes quadratic time for long arrays.
-class Limits : public nlohmann::json_sax<json> {
+class LimitChecker : public nlohmann::json_sax<json> {
 public:
     bool null() override { return count(); }
     bool boolean(bool /*value*/) override { return count(); }
@@ -72,8 +72,8 @@ private:
 } // namespace
 
 json parseJson(std::string_view text) {
-    Limits limits;
-    json::sax_parse(text.begin(), text.end(), &limits);
+    LimitChecker checker;
+    json::sax_parse(text.begin(), text.end(), &checker);
     return json::parse(text.begin(), text.end());
 }
 
