@@ -102,11 +102,11 @@ std::string printable(std::string_view text) {
     return shown;
 }
 
-std::string shortened(std::string_view text, std::size_t most) {
-    if (text.size() <= most) {
+std::string shortened(std::string_view text, std::size_t maxBytes) {
+    if (text.size() <= maxBytes) {
         return std::string(text);
     }
-    std::size_t end = most;
+    std::size_t end = maxBytes;
     while (end > 0 && isContinuation(byteAt(text, end))) {
         --end;
     }

@@ -24,14 +24,14 @@ namespace {
 using Access = DriverFile::Access;
 
 /// A part of a table in memory. The tables of large volumes take hundreds of megabytes, so that no more than
-/// `largest` bytes of a table are in memory at a time.
+/// `maxBytes` bytes of a table are in memory at a time.
 class TablePiece {
 public:
-    static constexpr std::uint64_t largest = std::uint64_t{8} << 20U;
+    static constexpr std::uint64_t maxBytes = std::uint64_t{8} << 20U;
 
     /// Has room for any piece of a table of this size, and for the header.
     explicit TablePiece(std::uint64_t tableSize)
-        : entries(std::clamp(tableSize, cow::tableOffset, largest) / cow::entrySize) {}
+        : entries(std::clamp(tableSize, cow::tableOffset, maxBytes) / cow::entrySize) {}
 
     std::span<std::byte> bytes(std::uint64_t length) {
         return std::as_writable_bytes(std::span(entries)).first(length);
@@ -71,7 +71,7 @@ bool failWithoutErrno(Logger& logger, const std::string& what) {
 template <typename Step>
 bool forEachPiece(std::uint64_t tableSize, const Step& step) {
     for (std::uint64_t left = tableSize; left > 0;) {
-        const std::uint64_t length = std::min(left, TablePiece::largest);
+        const std::uint64_t length = std::min(left, TablePiece::maxBytes);
         if (!step(length)) {
             return false;
         }

@@ -312,10 +312,10 @@ bool HTTPServer::Impl::keepChunk(const std::string& chunk, Request& request, boo
     const bool isKept = request.data.append(chunk, isFromPairedDevice);
     if (!isKept) {
         info::LogEntry(logger, info::level::warning)
-            << "Request body is longer than " << RequestBody::mostBytes << " bytes";
+            << "Request body is longer than " << RequestBody::maxBytes << " bytes";
     } else if (request.data.isDropped() && !wasDropped) {
         info::LogEntry(logger, info::level::warning)
-            << "Request body of a device that isn't paired is longer than " << RequestBody::mostUnpairedBytes
+            << "Request body of a device that isn't paired is longer than " << RequestBody::maxUnpairedBytes
             << " bytes, and is dropped";
     }
     return isKept;

@@ -5,11 +5,11 @@
 namespace agent::ordak {
 
 bool RequestBody::append(const std::string& piece, bool isPaired) {
-    if (piece.size() > mostBytes - received) {
+    if (piece.size() > maxBytes - received) {
         return false;
     }
     received += piece.size();
-    if (!isPaired && received > mostUnpairedBytes) {
+    if (!isPaired && received > maxUnpairedBytes) {
         drop();
         dropped = true;
     }
@@ -29,7 +29,7 @@ std::string RequestBody::take() {
 }
 
 bool RequestBody::accountFor(std::size_t count) {
-    if (kept.fetch_add(count) + count <= mostBytes) {
+    if (kept.fetch_add(count) + count <= maxBytes) {
         return true;
     }
     kept -= count;

@@ -14,15 +14,15 @@ namespace {
 
 constexpr std::string_view deviceTypeOid = "2.16.840.1.113730.1.13";
 constexpr std::string_view deviceType = "type:device";
-constexpr unsigned mostExtensions = 100;
+constexpr unsigned maxExtensions = 100;
 constexpr std::size_t usualExtensionBytes = 100;
-constexpr std::size_t mostExtensionBytes = 999;
+constexpr std::size_t maxExtensionBytes = 999;
 constexpr unsigned char ia5StringTag = 22;
 
 /// Makes a name from a certificate that isn't verified yet printable, and short enough for a log line.
 std::string nameForLog(const std::string& name) {
-    constexpr std::size_t longest = 256;
-    return printable(shortened(name, longest));
+    constexpr std::size_t maxBytes = 256;
+    return printable(shortened(name, maxBytes));
 }
 
 bool hasSameIssuer(info::Logger& logger, const Certificate& local, const Certificate& peer) {
@@ -113,7 +113,7 @@ bool isSignedByAuthority(info::Logger& logger, const Certificate& authority, con
 /// The indices of the extensions that may contain the device type.
 std::vector<unsigned> typeExtensions(gnutls_x509_crt_t certificate) {
     std::vector<unsigned> found;
-    for (unsigned index = 0; index < mostExtensions; ++index) {
+    for (unsigned index = 0; index < maxExtensions; ++index) {
         std::array<char, 128> oid{}; // a longer OID isn't the one that is searched for
         std::size_t size = oid.size();
         unsigned isCritical = 0;
@@ -134,7 +134,7 @@ std::vector<unsigned char> extensionData(gnutls_x509_crt_t certificate, unsigned
     std::vector<unsigned char> data(usualExtensionBytes);
     std::size_t size = data.size();
     int result = gnutls_x509_crt_get_extension_data(certificate, index, data.data(), &size);
-    if (result == GNUTLS_E_SHORT_MEMORY_BUFFER && size <= mostExtensionBytes) {
+    if (result == GNUTLS_E_SHORT_MEMORY_BUFFER && size <= maxExtensionBytes) {
         data.resize(size);
         result = gnutls_x509_crt_get_extension_data(certificate, index, data.data(), &size);
     }

@@ -52,7 +52,7 @@ enum class ClosedRecord {
 
 constexpr std::uint64_t bytesPerMiB = 1048576;
 /// The minimum size of a CoW file.
-constexpr std::uint64_t smallestCowMiB = 100;
+constexpr std::uint64_t minCowMiB = 100;
 
 /// The space that a snapshot needs and has on a volume, in bytes.
 struct SnapshotSpace {
@@ -221,7 +221,7 @@ void SnapshotSessionControl::Impl::warnOfSecondCowFile(const BackupableVolume& v
          << info::formatHumanSize(needed) << " for a second CoW file, and this one leaves "
          << info::formatHumanSize(left) << ": free the rest";
     const std::uint64_t maxMiB = (left - std::min(left, tables)) / bytesPerMiB;
-    if (maxMiB >= smallestCowMiB) {
+    if (maxMiB >= minCowMiB) {
         line << ", or set volumes." << volume.getUuid() << ".cowFileSizeMiB to " << maxMiB << " or less";
     }
 }

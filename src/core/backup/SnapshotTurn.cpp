@@ -35,7 +35,7 @@ SnapshotTurn::State SnapshotTurn::take() {
     return state;
 }
 
-void SnapshotTurn::wait(info::Logger& logger, ICancel& cancel, std::chrono::milliseconds longest) {
+void SnapshotTurn::wait(info::Logger& logger, ICancel& cancel, std::chrono::milliseconds timeout) {
     if (take() == State::unguarded) {
         const int failure = errno;
         info::LogEntry(logger, info::level::warning)
@@ -46,7 +46,7 @@ void SnapshotTurn::wait(info::Logger& logger, ICancel& cancel, std::chrono::mill
         return;
     }
     info::LogEntry(logger, info::level::info) << "Waiting for another program to end its snapshots...";
-    const auto end = std::chrono::steady_clock::now() + longest;
+    const auto end = std::chrono::steady_clock::now() + timeout;
     while (take() == State::others) {
         cancel.check();
         if (std::chrono::steady_clock::now() >= end) {

@@ -21,7 +21,7 @@ using info::level::debug;
 using info::level::warning;
 
 /// The records of so many extents take 56 MiB. A file with more extents is copied, which only costs time.
-constexpr std::uint32_t mostExtents = std::uint32_t{1} << 20U;
+constexpr std::uint32_t maxExtents = std::uint32_t{1} << 20U;
 
 /// An extent with one of these flags isn't excluded. UNKNOWN and DELALLOC mean that its block number isn't
 /// valid (yet). SHARED (by a reflink) and NOT_ALIGNED (in a block with other data) mean that other files use
@@ -75,7 +75,7 @@ private:
         }
         const std::uint32_t count = request.header().fm_mapped_extents;
         logger.log(debug, "FIEMAP IoCtl of file \"%s\" reports %u (pre-merged) extents", path.c_str(), count);
-        if (count > mostExtents) {
+        if (count > maxExtents) {
             throw std::runtime_error("the file lies in too many pieces");
         }
         return count;

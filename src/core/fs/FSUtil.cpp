@@ -12,7 +12,7 @@ namespace agent::core::fs {
 
 namespace {
 
-constexpr std::size_t longestRead = 0x400000;
+constexpr std::size_t maxReadBytes = 0x400000;
 constexpr std::size_t pageSize = 4096;
 
 /// If the device's sector size isn't known, reads are aligned to pages, which works for every device.
@@ -98,7 +98,7 @@ std::int64_t FSUtil::readAvailable(info::Logger& logger, IVolumeReader& reader, 
 int FSUtil::readFully(IVolumeReader& reader, void* buffer, std::size_t length, std::size_t& bytesRead) {
     auto* position = static_cast<std::byte*>(buffer);
     while (length > 0) {
-        const std::size_t part = std::min(length, longestRead);
+        const std::size_t part = std::min(length, maxReadBytes);
         const std::int64_t count = reader.read(position, part);
         if (count < 0) {
             return -1;

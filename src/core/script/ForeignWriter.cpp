@@ -15,7 +15,7 @@ namespace fs = std::filesystem;
 
 constexpr mode_t permissions = 07777;
 /// The kernel's limit.
-constexpr int mostLinks = 40;
+constexpr int maxLinks = 40;
 
 std::string describe(const fs::path& place, const struct ::stat& found) {
     std::array<char, 8> mode{};
@@ -46,7 +46,7 @@ public:
                 return {};
             }
             if (S_ISLNK(found.st_mode)) {
-                if (++links > mostLinks) {
+                if (++links > maxLinks) {
                     return "\"" + next.string() + "\" (too many links)";
                 }
                 const fs::path target = readLink(next);

@@ -80,7 +80,7 @@ private:
     Unit unit;
     CommandWindow& window;
     const std::chrono::seconds commandTimeout;
-    std::array<Command, CommandWindow::most> commands;
+    std::array<Command, CommandWindow::maxCommands> commands;
     std::uint32_t inFlight = 0;
     std::uint64_t firstBlock = 0;
     std::uint64_t total = 0; ///< how many bytes to request or write

@@ -15,7 +15,7 @@ void EscapingPrinter::print(const std::string& message, int level, LogTime time)
     std::string_view text = message;
     const bool hasEnd = text.ends_with('\n');
     text.remove_suffix(hasEnd ? 1 : 0);
-    printer(printableLines(shortened(text, longestMessage)) + (hasEnd ? "\n" : ""), level, time);
+    printer(printableLines(shortened(text, maxMessageBytes)) + (hasEnd ? "\n" : ""), level, time);
 }
 
 bool EscapingPrinter::passesForMessage(std::string_view line) const {

@@ -14,7 +14,7 @@ namespace agent::info {
 class EscapingPrinter {
 public:
     /// In bytes. GET /event returns no more than this of a line, either.
-    static constexpr std::size_t longestMessage = 1024UL * 1024;
+    static constexpr std::size_t maxMessageBytes = 1024UL * 1024;
 
     EscapingPrinter(IDecorator& decorator, PrinterFunction printer);
     void print(const std::string& message, int level, LogTime time);

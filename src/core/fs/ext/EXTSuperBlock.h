@@ -23,7 +23,7 @@ struct EXTSuperBlock {
     [[nodiscard]] bool hasIncompat(std::uint32_t feature) const { return (incompatFeatures & feature) != 0; }
     [[nodiscard]] bool hasRoCompat(std::uint32_t feature) const { return (roCompatFeatures & feature) != 0; }
     /// If false, no method that depends on the block size may be called.
-    [[nodiscard]] bool hasPossibleBlockSize() const { return logBlockSize <= largestLogBlockSize; }
+    [[nodiscard]] bool hasPossibleBlockSize() const { return logBlockSize <= maxLogBlockSize; }
     [[nodiscard]] std::uint64_t blockSize() const { return std::uint64_t{1024} << logBlockSize; }
     [[nodiscard]] std::uint64_t groupBitmapBytes() const { return ((blocksPerGroup - 1) >> 3U) + 1; }
     [[nodiscard]] std::uint64_t groupCount() const;
@@ -58,7 +58,7 @@ struct EXTSuperBlock {
     std::array<std::uint32_t, 2> backupGroups{};
 
 private:
-    static constexpr std::uint32_t largestLogBlockSize = 6; // blocks of 64 KiB
+    static constexpr std::uint32_t maxLogBlockSize = 6; // blocks of 64 KiB
 
     [[nodiscard]] const char* impossibleGeometry() const;
     [[nodiscard]] bool descriptorsLieInOnePlace() const;

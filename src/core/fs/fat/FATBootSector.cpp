@@ -11,8 +11,8 @@ namespace {
 namespace layout = fat_layout::boot_sector;
 namespace entry = fat_layout::entry;
 
-constexpr std::uint16_t smallestSector = 512;
-constexpr std::uint16_t largestSector = 4096;
+constexpr std::uint16_t minSectorSize = 512;
+constexpr std::uint16_t maxSectorSize = 4096;
 
 } // namespace
 
@@ -77,7 +77,7 @@ const char* FATBootSector::impossibleGeometry() const {
 }
 
 bool FATBootSector::hasPossibleClusters() const {
-    return bytesPerSector >= smallestSector && bytesPerSector <= largestSector &&
+    return bytesPerSector >= minSectorSize && bytesPerSector <= maxSectorSize &&
            std::has_single_bit(bytesPerSector) && std::has_single_bit(sectorsPerCluster);
 }
 

@@ -14,8 +14,8 @@ namespace {
 namespace layout = hfs_layout::volume_header;
 
 constexpr std::uint64_t byteBits = 8;
-constexpr std::uint64_t longestRead = 1024UL * 1024; // bytes of the bitmap
-constexpr std::uint32_t pageSize = 4096;             // the alignment if the device's sector size isn't known
+constexpr std::uint64_t maxReadBytes = 1024UL * 1024; // bytes of the bitmap
+constexpr std::uint32_t pageSize = 4096;              // the alignment if the device's sector size isn't known
 
 /// Whether all bits from `first` to before `end` are set. Bit 0 of a byte is its most significant bit.
 bool areSet(const std::uint8_t* map, std::uint64_t first, std::uint64_t end) {
@@ -147,8 +147,8 @@ std::int64_t HFSParserImpl::copyMap(Extents extents, const UsedMap& used) {
 /// Reads in pieces, which limits the memory for the temporary buffer.
 bool HFSParserImpl::read(std::uint64_t diskOffset, std::uint8_t* buffer, std::uint64_t length) {
     const std::uint32_t alignment = std::max(header.blockSize, sectorSize == 0 ? pageSize : sectorSize);
-    for (std::uint64_t done = 0; done < length; done += longestRead) {
-        const std::uint64_t piece = std::min(length - done, longestRead);
+    for (std::uint64_t done = 0; done < length; done += maxReadBytes) {
+        const std::uint64_t piece = std::min(length - done, maxReadBytes);
         if (!FSUtil::readExactly(logger, reader, alignment, diskOffset + done, buffer + done, piece)) {
             return false;
         }

@@ -11,8 +11,8 @@ namespace {
 namespace layout = hfs_layout::volume_header;
 
 constexpr std::uint64_t byteBits = 8;
-constexpr std::uint32_t smallestBlock = 512;
-constexpr std::uint32_t largestBlock =
+constexpr std::uint32_t minBlockSize = 512;
+constexpr std::uint32_t maxBlockSize =
     1024U * 1024U; // the size of one read, because each read is of whole blocks
 
 bool overlap(std::vector<HFSExtent> extents) {
@@ -41,7 +41,7 @@ bool HFSVolumeHeader::hasSignature() const {
 }
 
 bool HFSVolumeHeader::hasPossibleBlockSize() const {
-    return std::has_single_bit(blockSize) && blockSize >= smallestBlock && blockSize <= largestBlock;
+    return std::has_single_bit(blockSize) && blockSize >= minBlockSize && blockSize <= maxBlockSize;
 }
 
 bool HFSVolumeHeader::hasKnownVersion() const {

@@ -15,8 +15,8 @@ namespace {
 namespace attribute = ntfs_layout::attribute;
 namespace list_entry = ntfs_layout::list_entry;
 
-constexpr std::uint64_t largestList = 256UL * 1024; // the format's limit, in bytes
-constexpr std::size_t mostRuns = 1024UL * 1024;
+constexpr std::uint64_t maxListBytes = 256UL * 1024; // the format's limit, in bytes
+constexpr std::size_t maxRuns = 1024UL * 1024;
 
 std::vector<std::uint8_t> copyOf(Bytes bytes) {
     return {bytes.begin(), bytes.end()};
@@ -104,7 +104,7 @@ std::vector<std::uint8_t> NTFSFileRecord::listOf(const NTFSAttribute& attribute)
         return copyOf(attribute.value());
     }
     NTFSDataRuns found = volume.files.checkedRuns(attribute, decodeRunList(attribute));
-    requireList(found.whyNotPlain == nullptr && found.writtenBytes <= largestList,
+    requireList(found.whyNotPlain == nullptr && found.writtenBytes <= maxListBytes,
                 "NTFS: An attribute list is too large, or isn't plain.");
     std::vector<std::uint8_t> list(found.writtenBytes);
     requireList(NTFSRunReader(volume, std::move(found.runs)).read(0, list),
@@ -135,7 +135,7 @@ void NTFSFileRecord::append(NTFSDataRuns& whole, std::uint64_t& covered, const N
                     "NTFS: A file is larger than a file can be.");
     }
     whole.runs.insert(whole.runs.end(), found.runs.begin(), found.runs.end());
-    requireList(whole.runs.size() <= mostRuns, "NTFS: A file has too many runs of clusters.");
+    requireList(whole.runs.size() <= maxRuns, "NTFS: A file has too many runs of clusters.");
 }
 
 } // namespace agent::core::fs

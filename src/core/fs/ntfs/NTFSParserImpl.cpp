@@ -19,7 +19,7 @@ namespace {
 namespace layout = ntfs_layout::boot_sector;
 
 constexpr std::uint64_t byteBits = 8;
-constexpr std::uint64_t longestRead = 4UL * 1024 * 1024; // limits the temporary buffer of unaligned reads
+constexpr std::uint64_t maxReadBytes = 4UL * 1024 * 1024; // limits the temporary buffer of unaligned reads
 
 std::uint64_t clustersOf(const std::vector<NTFSRun>& runs) {
     return std::accumulate(
@@ -167,8 +167,8 @@ std::uint64_t NTFSParserImpl::readRuns(const std::vector<NTFSRun>& runs, const U
 }
 
 void NTFSParserImpl::readRun(std::uint64_t offset, std::uint8_t* target, std::uint64_t bytes) {
-    for (std::uint64_t done = 0; done < bytes; done += longestRead) {
-        const std::uint64_t part = std::min(bytes - done, longestRead);
+    for (std::uint64_t done = 0; done < bytes; done += maxReadBytes) {
+        const std::uint64_t part = std::min(bytes - done, maxReadBytes);
         if (!FSUtil::readExactly(logger, reader, sectorSize, offset + done, target + done, part)) {
             throw NTFSError{"NTFS: Can't read the bitmap."};
         }

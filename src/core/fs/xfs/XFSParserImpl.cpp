@@ -23,10 +23,10 @@ namespace agfl = xfs_layout::agfl;
 namespace node = xfs_layout::node;
 
 constexpr std::uint64_t byteBits = 8;
-constexpr std::uint32_t smallestBlock = 512;
-constexpr std::uint32_t smallestSector = 512;
-constexpr std::uint32_t largestBlock = 65536;
-constexpr std::uint64_t largestVolume = std::uint64_t{1} << 62U; // bytes, so that sums stay below 2^63
+constexpr std::uint32_t minBlockSize = 512;
+constexpr std::uint32_t minSectorSize = 512;
+constexpr std::uint32_t maxBlockSize = 65536;
+constexpr std::uint64_t maxVolumeBytes = std::uint64_t{1} << 62U; // bytes, so that sums stay below 2^63
 
 /// Ends the walk with the result -1, after the failure has been logged.
 struct WalkFailed {};
@@ -142,17 +142,17 @@ std::string XFSParserImpl::whyUnusable() const {
 }
 
 const char* XFSParserImpl::impossibleGeometry() const {
-    if (!std::has_single_bit(blockSize) || blockSize < smallestBlock || blockSize > largestBlock) {
+    if (!std::has_single_bit(blockSize) || blockSize < minBlockSize || blockSize > maxBlockSize) {
         return "XFS: Impossible block size.";
     }
-    if (!std::has_single_bit(headSectorSize) || headSectorSize < smallestSector ||
+    if (!std::has_single_bit(headSectorSize) || headSectorSize < minSectorSize ||
         headSectorSize > blockSize) {
         return "XFS: Impossible sector size.";
     }
     if (agBlocks == 0 || totalBlocks > std::uint64_t{agBlocks} * agCount) {
         return "XFS: Impossible allocation groups.";
     }
-    return totalBlocks > largestVolume / blockSize ? "XFS: Impossible number of blocks." : nullptr;
+    return totalBlocks > maxVolumeBytes / blockSize ? "XFS: Impossible number of blocks." : nullptr;
 }
 
 void XFSParserImpl::markFreeBlocks(XFSUsedMap& map) {
