@@ -332,6 +332,15 @@ def is_call(before):
     return not before.endswith(("*", "&", ".", "->", ">", "~")) and not re.search(r"\w$", before)
 
 
+def check_logging(tree):
+    """`Logger::log` is for printf directives; a message without any is written to a LogEntry."""
+    call = re.compile(r"\.log\(\s*(?:\w+::)*level::\w+,\s*(?:(?:\w+::)*reason\([^)]*\),\s*)?"
+                      r'(?:"(?:\\.|[^"\\%])*"\s*)+\)')
+    for file in tree.cpp:
+        for match in call.finditer(file.without_comments) if file.is_below("src", "tools") else []:
+            yield file.finding(line_of(file.text, match.start()), "logging", "no directive: use a LogEntry")
+
+
 def check_shell(tree):
     """Shell scripts parse, and shellcheck finds nothing."""
     correct = []
@@ -416,6 +425,7 @@ RULES = {
     "whitespace": check_whitespace,
     "assertions": check_assertions,
     "resources": check_resources,
+    "logging": check_logging,
     "shell": check_shell,
     "executables": check_executables,
     "python": check_python,

@@ -48,7 +48,7 @@ void Engine::stop() {
     currentThread().wait();
     std::vector<std::unique_ptr<backup::IBackupThread>> remaining;
     {
-        const std::lock_guard lock(slotMutex);
+        const os::Lock lock(slotMutex);
         reapCancelledThreads();
         remaining.swap(cancellingThreads);
     }
@@ -83,12 +83,12 @@ std::string Engine::createBackup(std::unique_ptr<backup::BackupSession> session,
 }
 
 void Engine::cancelBackup(const std::string& backupId) {
-    const std::lock_guard lock(slotMutex);
+    const os::Lock lock(slotMutex);
     cancelInSlot(backupId);
 }
 
 bool Engine::isBackupRunning() {
-    const std::lock_guard lock(slotMutex);
+    const os::Lock lock(slotMutex);
     return backupThread->isRunning();
 }
 
@@ -113,13 +113,13 @@ std::unique_ptr<backup::IBackupThread> Engine::makeThread() const {
 }
 
 backup::IBackupThread& Engine::currentThread() {
-    const std::lock_guard lock(slotMutex);
+    const os::Lock lock(slotMutex);
     return *backupThread;
 }
 
 /// Frees the running slot for a new backup, or refuses the request.
 void Engine::freeBackupSlot() {
-    const std::lock_guard lock(slotMutex);
+    const os::Lock lock(slotMutex);
     reapCancelledThreads();
     if (cancellingThreads.size() >= tooManyCancellingThreads) {
         throw exception::bad_request("Too many backup requests while waiting for cancelling backup");

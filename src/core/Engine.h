@@ -7,6 +7,7 @@
 #include "core/script/IQuiesce.h"
 #include "info/IDriverInfoProvider.h"
 #include "info/log/Logger.h"
+#include "os/Mutex.h"
 
 #include <functional>
 #include <mutex>
@@ -46,8 +47,8 @@ private:
     [[nodiscard]] std::unique_ptr<backup::IBackupThread> makeThread() const;
     [[nodiscard]] backup::IBackupThread& currentThread();
     void freeBackupSlot();
-    void reapCancelledThreads();
-    void cancelInSlot(const std::string& backupId);
+    void reapCancelledThreads() REQUIRES(slotMutex);
+    void cancelInSlot(const std::string& backupId) REQUIRES(slotMutex);
 
     info::Logger& logger;
     const IDriverInfoProvider& driverInfo;
@@ -57,11 +58,11 @@ private:
     const BackupFactory backupFactory;
 
     std::timed_mutex requestMutex; // one createBackup at a time
-    std::mutex slotMutex;
-    // The slot of the running backup, never null; guarded by slotMutex. Declared before the cancelled
-    // threads, so that the destructor waits for those first.
-    std::unique_ptr<backup::IBackupThread> backupThread;
-    std::vector<std::unique_ptr<backup::IBackupThread>> cancellingThreads; // guarded by slotMutex
+    os::Mutex slotMutex;
+    // The slot of the running backup, never null. Declared before the cancelled threads, so that the
+    // destructor waits for those first.
+    std::unique_ptr<backup::IBackupThread> backupThread GUARDED_BY(slotMutex);
+    std::vector<std::unique_ptr<backup::IBackupThread>> cancellingThreads GUARDED_BY(slotMutex);
 };
 
 } // namespace agent::core

@@ -1,9 +1,9 @@
 #pragma once
 
 #include "core/operation/IHeartbeat.h"
+#include "os/Mutex.h"
 
 #include <chrono>
-#include <mutex>
 
 namespace agent::core {
 
@@ -25,9 +25,9 @@ private:
     using Clock = std::chrono::steady_clock;
 
     const std::chrono::nanoseconds timeout;
-    std::mutex mutex;
-    Clock::time_point lastPing;     // guarded by mutex; zero: not armed
-    std::function<void()> callback; // guarded by mutex
+    os::Mutex mutex;
+    Clock::time_point lastPing GUARDED_BY(mutex); // zero: not armed
+    std::function<void()> callback GUARDED_BY(mutex);
 };
 
 } // namespace agent::core

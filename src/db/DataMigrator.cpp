@@ -67,12 +67,13 @@ bool DataMigrator::migrate(Config& config) {
         return true;
     }
     if (!migrateData(path, config)) {
-        logger.log(info::level::error, "Failed to migrate the legacy database data!");
+        info::LogEntry(logger, info::level::error) << "Failed to migrate the legacy database data!";
         return false;
     }
     if (!renameMigrated(path)) {
-        logger.log(info::level::error, "Failed to rename the legacy database file! Delete this file to "
-                                       "prevent unnecessary data migration!");
+        info::LogEntry(logger, info::level::error)
+            << "Failed to rename the legacy database file! Delete this file to "
+               "prevent unnecessary data migration!";
         return false;
     }
     return true;
@@ -99,7 +100,7 @@ bool DataMigrator::migrateData(const std::string& path, Config& config) {
 void DataMigrator::migrateDevice(LegacyDatabase& legacy) {
     const std::int32_t id = legacy.selectDeviceId();
     if (id == 0) {
-        logger.log(info::level::info, "There was no device ID to migrate in the legacy DB.");
+        info::LogEntry(logger, info::level::info) << "There was no device ID to migrate in the legacy DB.";
         return;
     }
     std::int32_t present = 0;

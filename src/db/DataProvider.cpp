@@ -103,7 +103,7 @@ std::string DataProvider::getConfigValue(const std::string& key) {
 }
 
 void DataProvider::setConfigValue(const std::string& key, const std::string& value) {
-    const std::lock_guard lock(mutex);
+    const os::Lock lock(mutex);
     try {
         QueryRunner runner = open();
         runner.RunUpdate("delete from config where key = ?;", {qparam(key)});
@@ -114,7 +114,7 @@ void DataProvider::setConfigValue(const std::string& key, const std::string& val
 }
 
 void DataProvider::setVolumeChecksum(const std::string& uuid, std::uint32_t checksum, ChecksumType type) {
-    const std::lock_guard lock(mutex);
+    const os::Lock lock(mutex);
     QueryRunner runner = open();
     const std::string value = std::to_string(checksum);
     runner.RunUpdate("INSERT OR IGNORE INTO volumes ( volume_uuid ) VALUES ( ? );", {qparam(uuid)});
@@ -126,7 +126,7 @@ void DataProvider::setVolumeChecksum(const std::string& uuid, std::uint32_t chec
 
 void DataProvider::validateProvider() {
     info::LogEntry(logger, info::level::debug) << "Starting validateProvider.";
-    const std::lock_guard lock(mutex);
+    const os::Lock lock(mutex);
     QueryRunner runner = open();
     runner.RunUpdate("BEGIN TRANSACTION;", {});
     // Commits even if one of the calls below throws, which keeps the steps that have succeeded.
@@ -149,7 +149,7 @@ bool DataProvider::getDevice(std::int32_t& id, std::string& ip, std::string& age
 }
 
 void DataProvider::setDevice(std::int32_t id, const std::string& ip, const std::string& agentUUID) {
-    const std::lock_guard lock(mutex);
+    const os::Lock lock(mutex);
     try {
         QueryRunner runner = open();
         runner.RunUpdate("delete from device;", {});
@@ -215,7 +215,7 @@ bool DataProvider::getVolumeJournalChangeId(const std::string& uuid, ChangeConte
 void DataProvider::setVolumeJournalChangeId(const std::string& uuid, ChangeContext context,
                                             std::uint64_t journalId, std::uint64_t changeId) {
     const JournalContext& chosen = select(context);
-    const std::lock_guard lock(mutex);
+    const os::Lock lock(mutex);
     QueryRunner runner = open();
     runner.RunUpdate(insertJournalRow, {qparam(uuid)});
     runner.RunUpdate(std::string("UPDATE change_journal SET ") + chosen.journalColumn + " = ?, " +
@@ -227,7 +227,7 @@ void DataProvider::setVolumeJournalChangeId(const std::string& uuid, ChangeConte
 }
 
 void DataProvider::setVolumeIncrementalSizeBlocks(const std::string& uuid, std::uint64_t blocks) {
-    const std::lock_guard lock(mutex);
+    const os::Lock lock(mutex);
     QueryRunner runner = open();
     runner.RunUpdate(insertJournalRow, {qparam(uuid)});
     runner.RunUpdate("UPDATE change_journal SET incremental_size_blocks= ? WHERE volume_uuid = ?;",
@@ -277,7 +277,7 @@ QueryRunner DataProvider::open() {
 }
 
 DataProvider::Rows DataProvider::query(const std::string& sql, const std::vector<qparam>& params) {
-    const std::lock_guard lock(mutex);
+    const os::Lock lock(mutex);
     QueryRunner runner = open();
     Rows rows;
     runner.RunQuery(sql, params, rows);
@@ -305,7 +305,7 @@ std::string DataProvider::storedAgentUUID() {
 /// Stores `value` unless the key has a value. There may be one although the last attempt to read it failed,
 /// for example because another process had locked the database. Returns the value that is stored now.
 std::string DataProvider::storeIfMissing(const std::string& key, const std::string& value) {
-    const std::lock_guard lock(mutex);
+    const os::Lock lock(mutex);
     Rows rows;
     try {
         QueryRunner runner = open();

@@ -5,9 +5,9 @@
 #include "db/IDataProviderExtended.h"
 #include "db/qparam.h"
 #include "info/log/Logger.h"
+#include "os/Mutex.h"
 
 #include <exception>
-#include <mutex>
 
 namespace agent::db {
 
@@ -51,9 +51,8 @@ public:
 private:
     using Rows = std::vector<std::vector<qparam>>;
 
-    /// Makes sure that only root can open, and so lock, the file, and opens a connection. The mutex must be
-    /// held.
-    QueryRunner open();
+    /// Makes sure that only root can open, and so lock, the file, and opens a connection.
+    QueryRunner open() REQUIRES(mutex);
     /// Runs one statement on a new connection, under the mutex.
     Rows query(const std::string& sql, const std::vector<qparam>& params);
     Rows queryChecksum(const std::string& uuid);
@@ -64,7 +63,7 @@ private:
     std::string newAgentUUID();
 
     info::Logger& logger;
-    std::mutex mutex; // serialises the use of the file at databasePath
+    os::Mutex mutex; // serialises the use of the file at databasePath
     Path databasePath;
     UUIDGenerator& uuidGenerator;
 };

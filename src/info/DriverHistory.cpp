@@ -287,7 +287,7 @@ bool DriverController::rollForward(const BackupableVolume& volume) {
              .run()) {
         return false;
     }
-    logger.log(level::debug, "Successfully merged incremental history");
+    LogEntry(logger, level::debug) << "Successfully merged incremental history";
     return true;
 }
 

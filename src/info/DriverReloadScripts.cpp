@@ -77,7 +77,7 @@ void DriverController::tryWriteReloadScript(const BackupableVolume& volume, std:
         logger.log(level::warning, "Exception occurred writing out incremental reload scripts: %s",
                    error.what());
     } catch (...) {
-        logger.log(level::warning, "Unexpected error occurred writing incremental reload scripts");
+        LogEntry(logger, level::warning) << "Unexpected error occurred writing incremental reload scripts";
     }
 }
 
@@ -99,14 +99,14 @@ void DriverController::deleteReloadScript(std::int32_t minor) {
 }
 
 void DriverController::tryDeleteReloadScript(const std::function<void()>& deletion) {
-    logger.log(level::debug, "deleting incremental reload script");
+    LogEntry(logger, level::debug) << "deleting incremental reload script";
     try {
         deletion();
     } catch (const std::exception& error) {
         logger.log(level::warning, "Failed to remove incremental reload script: %s", error.what());
     } catch (...) {
-        logger.log(level::error,
-                   "Unexpected error occurred while trying to delete incremental reload script");
+        LogEntry(logger, level::error)
+            << "Unexpected error occurred while trying to delete incremental reload script";
     }
 }
 

@@ -49,9 +49,9 @@ bool DriverController::startSnapshot(const BackupableVolume& volume, ICowFileSiz
                volume.getDeviceName().c_str());
     const std::uint64_t cowSizeMiB =
         cowFileSize.getCowFileSizeMiB(logger, volume.getUuid(), volume.getSize(), volume.getFileSystem());
-    logger.log(level::debug, "syncing...");
+    LogEntry(logger, level::debug) << "syncing...";
     ::sync();
-    logger.log(level::debug, "finished syncing...");
+    LogEntry(logger, level::debug) << "finished syncing...";
     if (volume.getMountPoints().empty()) {
         logger.log(level::error, reason("volume-not-mounted"),
                    "Backupable volume for device %s doesn't have a mountpoint.", volume.getDevice().c_str());
@@ -134,8 +134,8 @@ std::int32_t DriverController::transitionToSnapshot(const BackupableVolume& volu
 
 void DriverController::destroyExistingDevice(const BackupableVolume& volume) {
     if (!destroyDevice(volume)) {
-        logger.log(level::error,
-                   "Attempting to destroy existing driver entry, unable to destroy existing device.");
+        LogEntry(logger, level::error)
+            << "Attempting to destroy existing driver entry, unable to destroy existing device.";
     }
 }
 
@@ -234,10 +234,10 @@ bool DriverController::revertOnFailure(const BackupableVolume& volume) {
     const std::int32_t startingState = found->second;
     startingStates.erase(found);
     if (startingState == tracking) {
-        logger.log(level::debug, "Had a previous incremental, not destroying device");
+        LogEntry(logger, level::debug) << "Had a previous incremental, not destroying device";
         return true;
     }
-    logger.log(level::debug, "Did not have a previous incremental, destroying");
+    LogEntry(logger, level::debug) << "Did not have a previous incremental, destroying";
     return destroyDevice(volume);
 }
 

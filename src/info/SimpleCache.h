@@ -1,8 +1,9 @@
 #pragma once
 
+#include "os/Mutex.h"
+
 #include <chrono>
 #include <functional>
-#include <mutex>
 #include <optional>
 #include <utility>
 
@@ -22,7 +23,7 @@ public:
         : lifetime(lifetime), refresh(std::move(refresh)), now(std::move(now)) {}
 
     [[nodiscard]] T get() {
-        const std::lock_guard lock(mutex);
+        const os::Lock lock(mutex);
         if (!expiry || now() >= *expiry) {
             value = refresh();
             expiry = now() + lifetime;
@@ -34,9 +35,9 @@ private:
     const Clock::duration lifetime;
     const std::function<T()> refresh;
     const std::function<Clock::time_point()> now;
-    std::mutex mutex;
-    std::optional<Clock::time_point> expiry; // guarded by mutex
-    T value{};                               // guarded by mutex
+    os::Mutex mutex;
+    std::optional<Clock::time_point> expiry GUARDED_BY(mutex);
+    T value GUARDED_BY(mutex){};
 };
 
 } // namespace agent::info

@@ -2,8 +2,7 @@
 
 #include "common/config/IConfigData.h"
 #include "ordak/APIResponse.h"
-
-#include <mutex>
+#include "os/Mutex.h"
 
 namespace agent::ordak {
 
@@ -17,7 +16,7 @@ public:
 
 private:
     IConfigData& config;
-    std::mutex mutex; // one change at a time, as the configuration requires
+    os::Mutex mutex; // one change at a time, as the configuration requires
 };
 
 } // namespace agent::ordak

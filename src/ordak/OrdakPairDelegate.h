@@ -1,9 +1,9 @@
 #pragma once
 
 #include "db/IDataProvider.h"
+#include "os/Mutex.h"
 
 #include <cstdint>
-#include <mutex>
 #include <string>
 
 namespace agent::ordak {
@@ -28,14 +28,14 @@ public:
     void pair(int id, const std::string& address);
 
 private:
-    /// Like getDeviceId, but the mutex must be held.
-    std::int32_t load();
+    /// Like getDeviceId.
+    std::int32_t load() REQUIRES(mutex);
 
     db::IDataProvider& dataProvider;
-    std::mutex mutex;
-    std::int32_t deviceId = 0; // guarded by mutex; 0 until loaded, -1 if there is no pairing
-    std::string ip;            // guarded by mutex; where the device last called from
-    std::string agentUUID;     // guarded by mutex; stored with the pairing, but not used here
+    os::Mutex mutex;
+    std::int32_t deviceId GUARDED_BY(mutex) = 0; // 0 until loaded, -1 if there is no pairing
+    std::string ip GUARDED_BY(mutex);            // where the device last called from
+    std::string agentUUID GUARDED_BY(mutex);     // stored with the pairing, but not used here
 };
 
 } // namespace agent::ordak

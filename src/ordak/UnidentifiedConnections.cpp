@@ -11,7 +11,7 @@ UnidentifiedConnections::UnidentifiedConnections(std::size_t maxCount, Clock::du
 }
 
 void UnidentifiedConnections::add(int socket) noexcept {
-    const std::lock_guard lock(mutex);
+    const os::Lock lock(mutex);
     const Clock::time_point now = Clock::now();
     while (!connections.empty() &&
            (connections.size() >= maxCount || now - connections.front().since > maxAge)) {
@@ -23,7 +23,7 @@ void UnidentifiedConnections::add(int socket) noexcept {
 }
 
 bool UnidentifiedConnections::remove(int socket) noexcept {
-    const std::lock_guard lock(mutex);
+    const os::Lock lock(mutex);
     const auto found = std::ranges::find(connections, socket, &Connection::socket);
     if (found == connections.end()) {
         return false;

@@ -1,8 +1,9 @@
 #pragma once
 
+#include "os/Mutex.h"
+
 #include <chrono>
 #include <cstddef>
-#include <mutex>
 #include <vector>
 
 namespace agent::ordak {
@@ -33,8 +34,8 @@ private:
 
     const std::size_t maxCount;
     const Clock::duration maxAge;
-    std::mutex mutex;
-    std::vector<Connection> connections; // guarded by mutex; the oldest first
+    os::Mutex mutex;
+    std::vector<Connection> connections GUARDED_BY(mutex); // the oldest first
 };
 
 } // namespace agent::ordak

@@ -88,7 +88,7 @@ void JSONConfigDataProvider::set(const json& pairs) {
     if (pairs.empty()) {
         return;
     }
-    const std::lock_guard lock(mutex);
+    const os::Lock lock(mutex);
     json changed = document;
     for (const auto& [key, value] : pairs.items()) {
         changed[key] = value;
@@ -100,13 +100,13 @@ void JSONConfigDataProvider::set(const json& pairs) {
 }
 
 json JSONConfigDataProvider::dump() const {
-    const std::lock_guard lock(mutex);
+    const os::Lock lock(mutex);
     return document;
 }
 
 template <typename Value>
 Value JSONConfigDataProvider::read(const std::string& key, const Value& fallback) const {
-    const std::lock_guard lock(mutex);
+    const os::Lock lock(mutex);
     if (!document.is_object()) {
         return fallback;
     }

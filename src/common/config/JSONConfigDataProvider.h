@@ -2,10 +2,9 @@
 
 #include "common/Path.h"
 #include "common/config/IConfigDataProvider.h"
+#include "os/Mutex.h"
 
 #include <nlohmann/json.hpp>
-
-#include <mutex>
 
 namespace agent {
 
@@ -38,8 +37,8 @@ private:
     void write(const std::string& key, const Value& value);
 
     Path path;
-    mutable std::mutex mutex;
-    nlohmann::json document; // guarded by mutex
+    mutable os::Mutex mutex;
+    nlohmann::json document GUARDED_BY(mutex);
 };
 
 } // namespace agent

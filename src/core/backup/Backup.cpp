@@ -17,9 +17,9 @@
 #include "core/backup/phase/ValidateRemoteTargets.h"
 #include "core/operation/NeverCancel.h"
 #include "info/CowFileSize.h"
+#include "os/Mutex.h"
 
 #include <algorithm>
-#include <mutex>
 #include <stdexcept>
 #include <utility>
 
@@ -29,8 +29,8 @@ namespace {
 
 /// Held during each whole run. The mutex belongs to the process, because all backups share the machine's
 /// volumes and its one snapshot driver, whichever engine's thread they run on.
-std::mutex& runMutex() {
-    static std::mutex mutex;
+os::Mutex& runMutex() {
+    static os::Mutex mutex;
     return mutex;
 }
 
@@ -105,7 +105,7 @@ void Backup::run(std::unique_ptr<BackupSession> session) {
     if (!session) {
         throw std::invalid_argument("Invalid session pointer given to backup run!");
     }
-    const std::lock_guard lock(runMutex());
+    const os::Lock lock(runMutex());
     const RunResultLog resultLog(logger, id, *backupAttributes);
     info::CowFileSize cowFileSize(config);
     Snapshots snapshots{makeSnapshotControl(cowFileSize), {}, SnapshotTurn()};

@@ -2,8 +2,7 @@
 
 #include "core/backup/IBackupManager.h"
 #include "info/log/Logger.h"
-
-#include <mutex>
+#include "os/Mutex.h"
 
 namespace agent::core::backup {
 
@@ -27,8 +26,8 @@ private:
     void purge();
 
     info::Logger& logger;
-    std::mutex mutex;
-    std::unordered_map<std::string, std::shared_ptr<IBackup>> backups; // guarded by mutex
+    os::Mutex mutex;
+    std::unordered_map<std::string, std::shared_ptr<IBackup>> backups GUARDED_BY(mutex);
 };
 
 } // namespace agent::core::backup

@@ -1,5 +1,7 @@
 #include "core/backup/BackupSignalHandlers.h"
 
+#include "os/Mutex.h"
+
 #include <array>
 #include <atomic>
 #include <cerrno>
@@ -11,7 +13,6 @@
 #include <iostream>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <sstream>
 #include <thread>
 
@@ -24,10 +25,23 @@ constexpr std::array caughtSignals = {SIGFPE,  SIGSEGV, SIGILL,  SIGABRT,   SIGB
 
 /// Signal dispositions belong to the process, so this state can't belong to a single run.
 struct ProcessSignals {
-    std::mutex mutex;                             // held while installing and restoring, never in a handler
-    std::atomic<BackupSignalHandlers*> current;   // a signal cancels the backup of this object
-    std::atomic<int> handling = 0;                // running handlers, which may be using `current`
-    std::map<int, struct sigaction> savedActions; // guarded by mutex; the actions before the first run
+    os::Mutex mutex;                            // held while installing and restoring, never in a handler
+    std::atomic<BackupSignalHandlers*> current; // a signal cancels the backup of this object
+    std::atomic<int> handling = 0;              // running handlers, which may be using `current`
+    std::map<int, struct sigaction> savedActions GUARDED_BY(mutex); // the actions before the first run
+
+    /// Saves the previous action for the first of overlapping runs only: that is the action to restore.
+    void install(bool isFirst, int signal, void (*handler)(int), int flags) REQUIRES(mutex) {
+        struct sigaction action{};
+        action.sa_handler = handler;
+        action.sa_flags = flags;
+        sigemptyset(&action.sa_mask);
+        struct sigaction previous{};
+        ::sigaction(signal, &action, &previous);
+        if (isFirst) {
+            savedActions[signal] = previous;
+        }
+    }
 
     static ProcessSignals& instance() {
         // Never destroyed: a handler may still run while the process exits.
@@ -63,19 +77,6 @@ extern "C" void onBackupSignal(int signal) {
     current->handle(signal);
 }
 
-/// Saves the previous action for the first of overlapping runs only: that is the action to restore.
-void install(ProcessSignals& signals, bool isFirst, int signal, void (*handler)(int), int flags) {
-    struct sigaction action{};
-    action.sa_handler = handler;
-    action.sa_flags = flags;
-    sigemptyset(&action.sa_mask);
-    struct sigaction previous{};
-    ::sigaction(signal, &action, &previous);
-    if (isFirst) {
-        signals.savedActions[signal] = previous;
-    }
-}
-
 std::string callingThread() {
     std::ostringstream text;
     text << std::this_thread::get_id();
@@ -101,18 +102,18 @@ bool isFault(int signal) {
 BackupSignalHandlers::BackupSignalHandlers(info::Logger& logger, IBackup& backup)
     : logger(logger), backup(backup) {
     ProcessSignals& signals = ProcessSignals::instance();
-    const std::lock_guard lock(signals.mutex);
+    const os::Lock lock(signals.mutex);
     const bool isFirst = signals.current.exchange(this) == nullptr; // before any signal can come in
     for (const int signal : caughtSignals) {
-        install(signals, isFirst, signal, &onBackupSignal, static_cast<int>(SA_RESETHAND | SA_NODEFER));
+        signals.install(isFirst, signal, &onBackupSignal, static_cast<int>(SA_RESETHAND | SA_NODEFER));
     }
-    install(signals, isFirst, SIGCHLD, SIG_IGN, 0);
+    signals.install(isFirst, SIGCHLD, SIG_IGN, 0);
 }
 
 BackupSignalHandlers::~BackupSignalHandlers() {
     ProcessSignals& signals = ProcessSignals::instance();
     {
-        const std::lock_guard lock(signals.mutex);
+        const os::Lock lock(signals.mutex);
         for (const int signal : caughtSignals) {
             ::sigaction(signal, &signals.savedActions[signal], nullptr);
         }

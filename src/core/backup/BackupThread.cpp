@@ -17,7 +17,7 @@ BackupThread::BackupThread(info::Logger& logger) : logger(logger) {}
 
 void BackupThread::start(std::shared_ptr<IBackup> newBackup, std::unique_ptr<BackupSession> session) {
     {
-        const std::lock_guard lock(mutex);
+        const os::Lock lock(mutex);
         failure = nullptr;
         backup = newBackup;
     }
@@ -34,7 +34,7 @@ void BackupThread::start(std::shared_ptr<IBackup> newBackup, std::unique_ptr<Bac
         throw;
     }
     {
-        const std::lock_guard lock(mutex);
+        const os::Lock lock(mutex);
         std::swap(result, launched);
     }
     // `launched` now holds the future of the earlier run. Its destructor waits for that run, in case it has
@@ -44,25 +44,25 @@ void BackupThread::start(std::shared_ptr<IBackup> newBackup, std::unique_ptr<Bac
 std::exception_ptr BackupThread::wait() {
     std::shared_future<void> awaited;
     {
-        const std::lock_guard lock(mutex);
+        const os::Lock lock(mutex);
         awaited = result;
     }
     if (awaited.valid()) {
         awaited.wait();
     }
-    const std::lock_guard lock(mutex);
+    const os::Lock lock(mutex);
     result = {};
     backup = nullptr;
     return failure;
 }
 
 std::string BackupThread::getBackupId() const {
-    const std::lock_guard lock(mutex);
+    const os::Lock lock(mutex);
     return backup ? backup->getId() : "";
 }
 
 bool BackupThread::isRunning() {
-    const std::lock_guard lock(mutex);
+    const os::Lock lock(mutex);
     if (!result.valid()) {
         return false;
     }
@@ -96,7 +96,7 @@ void BackupThread::run(const std::shared_ptr<IBackup>& running, std::unique_ptr<
 }
 
 void BackupThread::keepFailure() {
-    const std::lock_guard lock(mutex);
+    const os::Lock lock(mutex);
     failure = std::current_exception();
 }
 

@@ -2,9 +2,9 @@
 
 #include "core/backup/IBackupThread.h"
 #include "info/log/Logger.h"
+#include "os/Mutex.h"
 
 #include <future>
-#include <mutex>
 
 namespace agent::core::backup {
 
@@ -24,12 +24,12 @@ private:
     void keepFailure();
 
     info::Logger& logger;
-    mutable std::mutex mutex;
-    std::exception_ptr failure;      // guarded by mutex
-    std::shared_ptr<IBackup> backup; // guarded by mutex; the thread itself holds its own shared_ptr
-    // Guarded by mutex, but waited for without it. Destroying the last copy joins the thread, so this is
-    // declared last.
-    std::shared_future<void> result;
+    mutable os::Mutex mutex;
+    std::exception_ptr failure GUARDED_BY(mutex);
+    std::shared_ptr<IBackup> backup GUARDED_BY(mutex); // the thread itself holds its own shared_ptr
+    // A copy is waited for without the mutex. Destroying the last copy joins the thread, so this is declared
+    // last.
+    std::shared_future<void> result GUARDED_BY(mutex);
 };
 
 } // namespace agent::core::backup

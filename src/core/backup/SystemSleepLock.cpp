@@ -94,17 +94,17 @@ SystemSleepLock::SystemSleepLock(info::Logger& logger) : logger(logger) {
     if (error.isSet()) {
         logger.log(info::level::warning, "Could not prevent system sleep: %s", error.message());
     } else {
-        logger.log(info::level::debug, "Preventing system sleep");
+        info::LogEntry(logger, info::level::debug) << "Preventing system sleep";
     }
 }
 
 SystemSleepLock::~SystemSleepLock() {
     if (!inhibitFd) {
-        logger.log(info::level::warning, "Could not allow sleep");
+        info::LogEntry(logger, info::level::warning) << "Could not allow sleep";
         return;
     }
     inhibitFd.reset();
-    logger.log(info::level::debug, "Allowing system sleep");
+    info::LogEntry(logger, info::level::debug) << "Allowing system sleep";
 }
 
 } // namespace agent::core::backup

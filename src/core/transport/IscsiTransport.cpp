@@ -154,11 +154,11 @@ bool IscsiTransport::readCapacity() {
     blockSize = capacity->block_length;
     blockCount = capacity->returned_lba + 1;
     position = 0;
-    logger.log(info::level::debug, "Iscsi connected:");
+    info::LogEntry(logger, info::level::debug) << "Iscsi connected:";
     logger.log(info::level::debug, "FD = %d", fd);
     logger.log(info::level::debug, "tBlock size: %u", blockSize);
     logger.log(info::level::debug, "tBlock count: %lu", blockCount);
-    logger.log(info::level::debug, "Iscsi successfully connected.");
+    info::LogEntry(logger, info::level::debug) << "Iscsi successfully connected.";
     return true;
 }
 
@@ -223,9 +223,9 @@ bool IscsiTransport::isRemoteEqual(const void* data, std::uint64_t length) {
         });
     });
     if (compared != static_cast<std::int64_t>(length)) {
-        logger.log(info::level::warning, info::reason("block-not-compared"),
-                   "Failed to read a remote target block; the current block will be "
-                   "copied without diff");
+        info::LogEntry(logger, info::level::warning, info::reason("block-not-compared"))
+            << "Failed to read a remote target block; the current block will be "
+               "copied without diff";
         return false;
     }
     return isEqual;
@@ -235,7 +235,7 @@ bool IscsiTransport::isRemoteEqual(const void* data, std::uint64_t length) {
 // target isn't known then, so the write fails, although the log says that the block will be copied.
 std::int64_t IscsiTransport::seekBack(std::int64_t start, std::uint64_t length) {
     if (position - static_cast<std::int64_t>(length) != start) {
-        logger.log(info::level::error, "Invalid seek position in remote target");
+        info::LogEntry(logger, info::level::error) << "Invalid seek position in remote target";
         return -1;
     }
     const std::int64_t result = seek(start, absolute);

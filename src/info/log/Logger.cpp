@@ -10,7 +10,7 @@ namespace agent::info {
 Logger::Logger(PrinterFunction printer, LevelFunction isLevelEnabled)
     : printer(std::move(printer)),
       isLevelEnabled(std::move(isLevelEnabled)),
-      mutex(std::make_shared<std::mutex>()) {}
+      mutex(std::make_shared<os::Mutex>()) {}
 
 LogEntry Logger::log(int level, const char* format, ...) {
     LogEntry entry(*this, level);
@@ -39,7 +39,7 @@ void Logger::print(const std::string& message, int level) const {
     if (!printer || (gate != nullptr && isEnabled(level) && !gate->waitForTurn())) {
         return;
     }
-    const std::lock_guard lock(*mutex);
+    const os::Lock lock(*mutex);
     printer(message, level, std::chrono::system_clock::now());
 }
 

@@ -2,9 +2,9 @@
 
 #include "info/log/LogEntry.h"
 #include "info/log/PrinterFunction.h"
+#include "os/Mutex.h"
 
 #include <memory>
-#include <mutex>
 
 namespace agent::info {
 
@@ -13,9 +13,9 @@ namespace agent::info {
 /// Threads: any thread may log; the printer tree runs under the mutex, one message at a time.
 /// Fails:   `print` passes on what the printer throws; a LogEntry's destructor swallows it.
 ///
-/// There are two ways to log a message:
-///     LogEntry(logger, level::info) << "Driver version: " << version;
+/// A message with printf directives goes through `log`, any other message through a LogEntry:
 ///     logger.log(level::info, "Driver version: %s", version.c_str());
+///     LogEntry(logger, level::info) << "DriverController created";
 /// Both accept a reason after the level.
 class Logger {
 public:
@@ -40,7 +40,7 @@ public:
 private:
     PrinterFunction printer;
     LevelFunction isLevelEnabled;
-    std::shared_ptr<std::mutex> mutex; // serialises the printer tree; shared by all copies of this logger
+    std::shared_ptr<os::Mutex> mutex; // serialises the printer tree; shared by all copies of this logger
 };
 
 } // namespace agent::info

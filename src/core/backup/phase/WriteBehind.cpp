@@ -34,7 +34,7 @@ WriteBehind::WriteBehind(Write write) : write(std::move(write)) {}
 
 WriteBehind::~WriteBehind() {
     {
-        const std::lock_guard lock(mutex);
+        const os::Lock lock(mutex);
         isStopped = true;
     }
     changed.notify_all();
@@ -52,20 +52,23 @@ void WriteBehind::begin(const Chunk& chunk) {
         write(chunk);
         return;
     }
-    const std::lock_guard lock(mutex);
+    const os::Lock lock(mutex);
     pending = chunk;
     changed.notify_all();
 }
 
 void WriteBehind::waitOrThrow() {
     if (!waitUntilWritten()) {
+        const os::Lock lock(mutex);
         std::rethrow_exception(std::exchange(failure, nullptr));
     }
 }
 
 bool WriteBehind::waitUntilWritten() {
-    std::unique_lock lock(mutex);
-    changed.wait(lock, [this] { return !pending; });
+    os::Lock lock(mutex);
+    while (pending) {
+        lock.wait(changed);
+    }
     return !failure;
 }
 
@@ -78,9 +81,11 @@ void WriteBehind::start() {
 }
 
 void WriteBehind::work() {
-    std::unique_lock lock(mutex);
+    os::Lock lock(mutex);
     while (true) {
-        changed.wait(lock, [this] { return pending || isStopped; });
+        while (!pending && !isStopped) {
+            lock.wait(changed);
+        }
         if (!pending) {
             return;
         }

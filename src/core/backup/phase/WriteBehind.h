@@ -1,11 +1,12 @@
 #pragma once
 
+#include "os/Mutex.h"
+
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <exception>
 #include <functional>
-#include <mutex>
 #include <optional>
 #include <thread>
 
@@ -47,11 +48,11 @@ private:
     [[nodiscard]] std::exception_ptr tryWrite(const Chunk& chunk) const noexcept;
 
     const Write write;
-    std::mutex mutex; ///< guards pending, failure and isStopped
+    os::Mutex mutex;
     std::condition_variable changed;
-    std::optional<Chunk> pending;
-    std::exception_ptr failure;
-    bool isStopped = false;
+    std::optional<Chunk> pending GUARDED_BY(mutex);
+    std::exception_ptr failure GUARDED_BY(mutex);
+    bool isStopped GUARDED_BY(mutex) = false;
     bool isStarted = false;
     std::thread thread;
 };

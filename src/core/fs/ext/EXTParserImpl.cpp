@@ -26,7 +26,7 @@ EXTParserImpl::EXTParserImpl(info::Logger& logger, IVolumeReader& reader, std::u
 bool EXTParserImpl::recognize() {
     std::array<std::uint8_t, super_block::size> block{};
     if (!FSUtil::readExactly(logger, reader, sectorSize, super_block::position, block.data(), block.size())) {
-        logger.log(info::level::error, "Could not read EXT super block.");
+        info::LogEntry(logger, info::level::error) << "Could not read EXT super block.";
         return false;
     }
     if (littleEndian<std::uint16_t>(block, super_block::magic) != super_block::magicValue) {

@@ -30,15 +30,17 @@ FATParserImpl::FATParserImpl(info::Logger& logger, IVolumeReader& reader, std::u
 bool FATParserImpl::recognize() {
     std::array<std::uint8_t, layout::size> sector{};
     if (!FSUtil::readExactly(logger, reader, sectorSize, 0, sector.data(), sector.size())) {
-        logger.log(info::level::error, "Can't read fat boot sector");
+        info::LogEntry(logger, info::level::error) << "Can't read fat boot sector";
         return false;
     }
     if (hasText(sector, layout::narrowType, layout::fat12)) {
-        logger.log(info::level::error, info::reason("file-system-unsupported"), "FAT12 is not supported");
+        info::LogEntry(logger, info::level::error, info::reason("file-system-unsupported"))
+            << "FAT12 is not supported";
         return false;
     }
     if (hasText(sector, layout::narrowType, layout::fat16)) {
-        logger.log(info::level::error, info::reason("file-system-unsupported"), "FAT16 is not supported");
+        info::LogEntry(logger, info::level::error, info::reason("file-system-unsupported"))
+            << "FAT16 is not supported";
         return false;
     }
     if (!hasText(sector, layout::type, layout::fat32)) {

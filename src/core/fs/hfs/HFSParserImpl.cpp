@@ -38,7 +38,7 @@ HFSParserImpl::HFSParserImpl(info::Logger& logger, IVolumeReader& reader, std::u
 
 bool HFSParserImpl::recognize() {
     if (!readHeader(layout::position, header)) {
-        logger.log(info::level::error, "Error reading HFS+ superblock.");
+        info::LogEntry(logger, info::level::error) << "Error reading HFS+ superblock.";
         return false;
     }
     return header.hasSignature();
@@ -97,11 +97,11 @@ bool HFSParserImpl::findExtents(std::vector<HFSExtent>& extents) {
     if (!fork.overflows()) {
         return true;
     }
-    logger.log(info::level::debug, "Bitmap extents overflow file needed.");
+    info::LogEntry(logger, info::level::debug) << "Bitmap extents overflow file needed.";
     HFSExtentsTree tree(logger, reader, sectorSize);
     if (!tree.readOverflowExtents(header, hfs_layout::record::allocationFile, extents)) {
-        logger.log(info::level::error, info::reason("hfs-bitmap"),
-                   "Couldn't parse extent overflow file for bitmap extents.");
+        info::LogEntry(logger, info::level::error, info::reason("hfs-bitmap"))
+            << "Couldn't parse extent overflow file for bitmap extents.";
         return false;
     }
     return true;

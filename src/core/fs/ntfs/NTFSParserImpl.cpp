@@ -37,7 +37,7 @@ bool NTFSParserImpl::recognize() {
     files.reset();
     std::array<std::uint8_t, layout::size> sector{};
     if (!FSUtil::readExactly(logger, reader, sectorSize, 0, sector.data(), sector.size())) {
-        logger.log(info::level::error, "Can't read ntfs boot sector");
+        info::LogEntry(logger, info::level::error) << "Can't read ntfs boot sector";
         return false;
     }
     const NTFSBootSector found = NTFSBootSector::decode(sector);

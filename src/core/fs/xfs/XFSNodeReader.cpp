@@ -100,13 +100,13 @@ void XFSNodeReader::readChildren(XFSParserImpl::XFSBTreeNode& node) {
 }
 
 void XFSNodeReader::trace(const XFSParserImpl::XFSBTreeNode& node) {
-    logger.log(info::level::debug, "---BTN HERE---");
+    info::LogEntry(logger, info::level::debug) << "---BTN HERE---";
     logger.log(info::level::debug, "magic 0x%x", node.magic);
     logger.log(info::level::debug, "level %u", unsigned{node.level});
     logger.log(info::level::debug, "num_recs %u", unsigned{node.numRecs});
     logger.log(info::level::debug, "left_sib %u", node.leftSib);
     logger.log(info::level::debug, "right_sib %u", node.rightSib);
-    logger.log(info::level::debug, "---BTN END---");
+    info::LogEntry(logger, info::level::debug) << "---BTN END---";
 }
 
 } // namespace agent::core::fs

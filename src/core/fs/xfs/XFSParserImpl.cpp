@@ -64,7 +64,7 @@ XFSParserImpl::XFSParserImpl(info::Logger& logger, IVolumeReader& reader, std::u
 bool XFSParserImpl::recognize() {
     std::array<std::uint8_t, super_block::size> block{};
     if (!FSUtil::readExactly(logger, reader, sectorSize, 0, block.data(), block.size())) {
-        logger.log(info::level::error, "Can't read super block.");
+        info::LogEntry(logger, info::level::error) << "Can't read super block.";
         return false;
     }
     magic = bigEndian<std::uint32_t>(block, super_block::magic);
@@ -171,7 +171,7 @@ void XFSParserImpl::markFreeBlocks(XFSUsedMap& map) {
 void XFSParserImpl::markGroup(XFSUsedMap& map, std::uint32_t group) {
     const FreeSpaceInfo info = readFreeSpaceInfo(group);
     markFreeList(map, group, info);
-    logger.log(info::level::debug, "Reading the root b+ node.");
+    info::LogEntry(logger, info::level::debug) << "Reading the root b+ node.";
     markTree(map, group, info.root);
 }
 
@@ -188,7 +188,7 @@ std::uint64_t XFSParserImpl::headAddress(std::uint32_t group, std::uint64_t sect
 }
 
 XFSParserImpl::FreeSpaceInfo XFSParserImpl::readFreeSpaceInfo(std::uint32_t group) {
-    logger.log(info::level::debug, "Reading the free space info.");
+    info::LogEntry(logger, info::level::debug) << "Reading the free space info.";
     const std::uint64_t address = headAddress(group, agf::sector);
     logger.log(info::level::debug, "fsi addr = %lu", address);
     std::array<std::uint8_t, agf::size> bytes{};
@@ -210,7 +210,7 @@ XFSParserImpl::FreeSpaceInfo XFSParserImpl::readFreeSpaceInfo(std::uint32_t grou
 }
 
 std::vector<std::uint32_t> XFSParserImpl::readFreeList(std::uint32_t group) {
-    logger.log(info::level::debug, "Reading the allocation group free list.");
+    info::LogEntry(logger, info::level::debug) << "Reading the allocation group free list.";
     logger.log(info::level::debug, "agfl addr = %lu, len = %lu",
                std::uint64_t{group} * agBlocks + agfl::sector * headSectorSize, agfl::size);
     std::vector<std::uint8_t> bytes(hasCrc() ? agfl::crcSize : agfl::size);
@@ -231,7 +231,7 @@ std::vector<std::uint32_t> XFSParserImpl::readFreeList(std::uint32_t group) {
 /// than are read; their blocks stay used.
 void XFSParserImpl::markFreeList(XFSUsedMap& map, std::uint32_t group, const FreeSpaceInfo& info) {
     const std::vector<std::uint32_t> blocks = readFreeList(group);
-    logger.log(info::level::debug, "Marking free list");
+    info::LogEntry(logger, info::level::debug) << "Marking free list";
     const std::uint64_t listed = std::uint64_t{info.listLast} + 1;
     if (info.listFirst >= listed || listed - info.listFirst != info.listCount) {
         return;
