@@ -40,12 +40,12 @@ std::atomic_flag stopping; // NOLINT(cppcoreguidelines-avoid-non-const-global-va
 /// blocked, on the thread that runs the shutdown, or it arrives on a thread that some library has created:
 /// then the handler returns at once.
 extern "C" void onTerminationSignal(int /*signal*/) noexcept {
-    const TerminationSignalsBlocked oneStopIsEnough;
+    const TerminationSignalsBlocked signalsBlocked;
     if (stopping.test_and_set()) {
         return;
     }
     {
-        const BrokenPipeGuard terminalMayBeGone;
+        const BrokenPipeGuard sigpipeBlocked;
         std::puts("Stopping services...\r");
         std::fflush(stdout);
     }
@@ -89,19 +89,19 @@ bool takeLock(info::Logger& logger, std::unique_ptr<Flock>& lock) {
 
 /// Makes the agent known to the signal handler. The destructor only runs if the start has failed. It blocks
 /// the termination signals for good, so that none interrupts main while it reports the failure.
-class ReachableBySignal {
+class SignalTarget {
 public:
-    explicit ReachableBySignal(IService& agent) { runningAgent = &agent; }
-    ReachableBySignal(const ReachableBySignal&) = delete;
-    ReachableBySignal& operator=(const ReachableBySignal&) = delete;
-    ~ReachableBySignal() {
+    explicit SignalTarget(IService& agent) { runningAgent = &agent; }
+    SignalTarget(const SignalTarget&) = delete;
+    SignalTarget& operator=(const SignalTarget&) = delete;
+    ~SignalTarget() {
         blockTerminationSignals();
         runningAgent = nullptr;
     }
 };
 
 [[noreturn]] void serve(ordak::TolvuBackupAgent& agent) {
-    const ReachableBySignal reachable(agent);
+    const SignalTarget target(agent);
     agent.start();
     for (;;) {
         ::pause();

@@ -21,7 +21,7 @@ bool hasRoom() noexcept {
 } // namespace
 
 void writeStandardError(std::string_view text) noexcept {
-    const BrokenPipeGuard readerMayBeGone;
+    const BrokenPipeGuard sigpipeBlocked;
     if (hasRoom()) {
         const std::string_view whole = text.substr(0, wholeWrite);
         // No retry: there is no other place to report text that standard error doesn't accept.

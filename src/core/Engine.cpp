@@ -12,7 +12,7 @@ namespace agent::core {
 
 namespace {
 
-constexpr std::chrono::seconds requestPatience(5);
+constexpr std::chrono::seconds requestTimeout(5);
 constexpr std::size_t tooManyCancellingThreads = 6;
 
 } // namespace
@@ -62,14 +62,14 @@ void Engine::stop() {
 std::string Engine::createBackup(std::unique_ptr<backup::BackupSession> session,
                                  std::shared_ptr<backup::IBackupAttributes> backupAttributes,
                                  std::shared_ptr<backup::ISnapshotAttributes> snapshotAttributes) {
-    const std::unique_lock request(requestMutex, requestPatience);
+    const std::unique_lock request(requestMutex, requestTimeout);
     if (!request) {
         throw exception::bad_request("Core engine can't do a backup right now, one is already being started");
     }
     if (!session) {
         throw std::invalid_argument("Cannot start a backup with null backup session object.");
     }
-    makeRoom();
+    freeBackupSlot();
     info::LogEntry(logger, info::level::info) << "Core engine was asked to create a backup";
     info::LogEntry(logger, info::level::info) << "Driver version: " << driverInfo.getDriverVersion();
     info::LogEntry(logger, info::level::info) << "Validating backup information...";
@@ -118,7 +118,7 @@ backup::IBackupThread& Engine::currentThread() {
 }
 
 /// Frees the running slot for a new backup, or refuses the request.
-void Engine::makeRoom() {
+void Engine::freeBackupSlot() {
     const os::Lock lock(slotMutex);
     reapCancelledThreads();
     if (cancellingThreads.size() >= tooManyCancellingThreads) {

@@ -46,7 +46,7 @@ public:
 private:
     [[nodiscard]] std::unique_ptr<backup::IBackupThread> makeThread() const;
     [[nodiscard]] backup::IBackupThread& currentThread();
-    void makeRoom();
+    void freeBackupSlot();
     void reapCancelledThreads() REQUIRES(slotMutex);
     void cancelInSlot(const std::string& backupId) REQUIRES(slotMutex);
 

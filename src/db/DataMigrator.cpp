@@ -24,15 +24,15 @@ namespace {
 
 constexpr double bytesPerMiB = 1048576;
 /// Larger than any volume, and small enough for a defined conversion from double to an integer.
-constexpr double mostMiB = 1ULL << 44;
+constexpr double maxMiB = 1ULL << 44;
 constexpr unsigned long standardPercent = 10;
 
 /// The CoW file size that the earlier version would have used for a volume. An absurdly large setting gives
 /// an absurdly large size; CowFileSize later limits it to what the volume can hold.
-std::uint64_t cowMiB(std::uint64_t volumeBytes, unsigned long percent, unsigned long long mostMegs) {
+std::uint64_t cowMiB(std::uint64_t volumeBytes, unsigned long percent, unsigned long long maxMegs) {
     const double bytes = static_cast<double>(volumeBytes) * static_cast<double>(percent) / 100.0;
-    const auto mib = static_cast<std::uint64_t>(std::min(bytes / bytesPerMiB, mostMiB));
-    return mostMegs == 0 ? mib : std::min<std::uint64_t>(mib, mostMegs);
+    const auto mib = static_cast<std::uint64_t>(std::min(bytes / bytesPerMiB, maxMiB));
+    return maxMegs == 0 ? mib : std::min<std::uint64_t>(mib, maxMegs);
 }
 
 /// Leaves out volumes without a UUID: every record is stored by UUID.
@@ -155,12 +155,12 @@ void DataMigrator::migrateVolume(LegacyDatabase& legacy, const info::BackupableV
 /// each volume, so this computes the sizes, except for volumes that have one already.
 void DataMigrator::migrateCowSizes(LegacyDatabase& legacy, Config& config) {
     const std::string percentText = legacy.selectConfigValue("cow_percent");
-    const std::string mostMegsText = legacy.selectConfigValue("max_cow_megs");
+    const std::string maxMegsText = legacy.selectConfigValue("max_cow_megs");
     unsigned long percent = 0;
-    unsigned long long mostMegs = 0;
+    unsigned long long maxMegs = 0;
     try {
         percent = std::stoul(percentText);
-        mostMegs = std::stoull(mostMegsText);
+        maxMegs = std::stoull(maxMegsText);
     } catch (const std::exception& failure) {
         logger.log(info::level::debug,
                    "Failed to get cow file size related entries from legacy DB. Error: %s", failure.what());
@@ -174,7 +174,7 @@ void DataMigrator::migrateCowSizes(LegacyDatabase& legacy, Config& config) {
     for (const auto& volume : namedVolumes(volumeProvider)) {
         const std::string key = "volumes." + volume->getUuid() + ".cowFileSizeMiB";
         if (!present.contains(key)) {
-            sizes[key] = cowMiB(volume->getSize(), percent, mostMegs);
+            sizes[key] = cowMiB(volume->getSize(), percent, maxMegs);
         }
     }
     config.set(sizes);

@@ -45,12 +45,12 @@ const JournalContext& select(ChangeContext context) {
 }
 
 // SQLite only has signed integers. Values of the upper half of the range are stored as negative numbers, and
-// asUnsigned restores them.
+// columnToUnsigned restores them.
 qparam unsignedParam(std::uint64_t value) {
     return qparam(static_cast<std::int64_t>(value));
 }
 
-std::uint64_t asUnsigned(const qparam& column) {
+std::uint64_t columnToUnsigned(const qparam& column) {
     return static_cast<std::uint64_t>(column.asNumber());
 }
 
@@ -207,8 +207,8 @@ bool DataProvider::getVolumeJournalChangeId(const std::string& uuid, ChangeConte
     if (row.size() < 2) {
         throw std::runtime_error(std::string(chosen.getPrefix) + "Encountered unexpected response.");
     }
-    journalId = asUnsigned(row[0]);
-    changeId = asUnsigned(row[1]);
+    journalId = columnToUnsigned(row[0]);
+    changeId = columnToUnsigned(row[1]);
     return true;
 }
 
@@ -248,7 +248,7 @@ bool DataProvider::getVolumeIncrementalSizeBlocks(const std::string& uuid, std::
     if (rows.front().empty()) {
         throw std::runtime_error("getVolumeIncrementalSizeBlocks() Encountered unexpected response.");
     }
-    blocks = asUnsigned(rows.front().front());
+    blocks = columnToUnsigned(rows.front().front());
     return true;
 }
 
@@ -272,7 +272,7 @@ std::string DataProvider::getAgentUUID() {
 }
 
 QueryRunner DataProvider::open() {
-    keepPrivate(databasePath);
+    restrictToOwner(databasePath);
     return {logger, databasePath};
 }
 

@@ -9,6 +9,6 @@ namespace agent::db {
 ///
 /// Call it while this process has no connection to the file. It reports no errors; opening the database
 /// afterwards does.
-void keepPrivate(const std::string& path) noexcept;
+void restrictToOwner(const std::string& path) noexcept;
 
 } // namespace agent::db

@@ -47,7 +47,7 @@ std::int64_t getUserVersion(info::Logger& logger, QueryRunner& runner) {
 }
 
 // No agent has ever written a version below 0; such a file is treated like version 0.
-void addWhatIsMissing(QueryRunner& runner, std::int64_t version) {
+void addMissingTablesAndColumns(QueryRunner& runner, std::int64_t version) {
     if (version < 1) {
         runner.RunUpdate("ALTER TABLE device ADD COLUMN ip TEXT DEFAULT \"\";", {});
         runner.RunUpdate("ALTER TABLE device ADD COLUMN agentUUID TEXT DEFAULT \"\";", {});
@@ -60,9 +60,9 @@ void addWhatIsMissing(QueryRunner& runner, std::int64_t version) {
     }
 }
 
-void stepUp(info::Logger& logger, QueryRunner& runner, std::int64_t version) {
+void applyUpgrades(info::Logger& logger, QueryRunner& runner, std::int64_t version) {
     try {
-        addWhatIsMissing(runner, version);
+        addMissingTablesAndColumns(runner, version);
     } catch (const std::exception& problem) {
         info::LogEntry(logger, info::level::error) << problem.what();
         throw std::runtime_error("upgradeSchema failed!");
@@ -85,7 +85,7 @@ void upgradeSchema(info::Logger& logger, QueryRunner& runner) {
             << "This is a database newer than what this agent is prepared for,"
             << " continue at your own risk";
     } else {
-        stepUp(logger, runner, version);
+        applyUpgrades(logger, runner, version);
         version = newestVersion;
     }
     runner.RunUpdate("PRAGMA user_version = " + std::to_string(version) + ";", {});

@@ -10,8 +10,8 @@ namespace {
 // SQLite takes lengths as int. A longer text also exceeds SQLite's own limits, so SQLite refuses the clamped
 // length instead of storing only part of the text.
 int lengthOf(const std::string& text) {
-    constexpr std::size_t longest = std::numeric_limits<int>::max();
-    return static_cast<int>(std::min(text.size(), longest));
+    constexpr std::size_t maxBytes = std::numeric_limits<int>::max();
+    return static_cast<int>(std::min(text.size(), maxBytes));
 }
 
 int bindOne(sqlite3_stmt* statement, int position, const qparam& param) {

@@ -15,23 +15,23 @@ namespace agent::info {
 namespace {
 
 constexpr std::uint64_t bytesPerMiB = 1'048'576;
-constexpr std::uint64_t smallestDefault = 1024;
-constexpr std::uint64_t largestDefault = 10240;
-constexpr std::uint64_t smallest = 100;
+constexpr std::uint64_t minDefaultMiB = 1024;
+constexpr std::uint64_t maxDefaultMiB = 10240;
+constexpr std::uint64_t minMiB = 100;
 /// A file on FAT can't reach 4 GiB.
-constexpr std::uint64_t largestOnFat = 4095;
+constexpr std::uint64_t maxOnFatMiB = 4095;
 
 std::uint64_t toMiB(std::uint64_t bytes) {
     return (bytes + bytesPerMiB - 1) / bytesPerMiB;
 }
 
 std::uint64_t defaultSizeMiB(std::uint64_t volumeSizeBytes) {
-    return std::clamp(toMiB(volumeSizeBytes / 10), smallestDefault, largestDefault);
+    return std::clamp(toMiB(volumeSizeBytes / 10), minDefaultMiB, maxDefaultMiB);
 }
 
 /// The CoW file must leave room for the volume's own data.
 std::uint64_t withinVolume(std::uint64_t size, std::uint64_t volumeSizeBytes) {
-    return std::max(std::min(size, toMiB(volumeSizeBytes / 2)), smallest);
+    return std::max(std::min(size, toMiB(volumeSizeBytes / 2)), minMiB);
 }
 
 std::string keyOf(const std::string& uuid) {
@@ -50,7 +50,7 @@ std::uint64_t CowFileSize::getCowFileSizeMiB(Logger& logger, const std::string& 
         LogEntry(logger, level::warning)
             << "Invalid cow file size (" << size << ") Clamping to (" << clamped << ")";
     }
-    return fileSystem == "vfat" ? std::min(clamped, largestOnFat) : clamped;
+    return fileSystem == "vfat" ? std::min(clamped, maxOnFatMiB) : clamped;
 }
 
 std::uint64_t CowFileSize::getWantedSizeMiB(Logger& logger, const std::string& uuid,

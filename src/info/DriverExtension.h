@@ -10,8 +10,8 @@ namespace agent::info {
 class DriverExtension : public IDriverExtension {
 public:
     [[nodiscard]] int checkSnapshot(std::int32_t minor) const override;
-    [[nodiscard]] std::vector<std::string> getOwnFiles() const override;
-    [[nodiscard]] std::uint64_t getRoom(const std::string& blockDevice) const override;
+    [[nodiscard]] std::vector<std::string> getDriverFiles() const override;
+    [[nodiscard]] std::uint64_t getSnapshotSpace(const std::string& blockDevice) const override;
 };
 
 } // namespace agent::info

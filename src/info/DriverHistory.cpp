@@ -24,14 +24,14 @@ namespace {
 using Access = DriverFile::Access;
 
 /// A part of a table in memory. The tables of large volumes take hundreds of megabytes, so that no more than
-/// `largest` bytes of a table are in memory at a time.
+/// `maxBytes` bytes of a table are in memory at a time.
 class TablePiece {
 public:
-    static constexpr std::uint64_t largest = std::uint64_t{8} << 20U;
+    static constexpr std::uint64_t maxBytes = std::uint64_t{8} << 20U;
 
     /// Has room for any piece of a table of this size, and for the header.
     explicit TablePiece(std::uint64_t tableSize)
-        : entries(std::clamp(tableSize, cow::tableOffset, largest) / cow::entrySize) {}
+        : entries(std::clamp(tableSize, cow::tableOffset, maxBytes) / cow::entrySize) {}
 
     std::span<std::byte> bytes(std::uint64_t length) {
         return std::as_writable_bytes(std::span(entries)).first(length);
@@ -62,7 +62,7 @@ bool fail(Logger& logger, const std::string& what, const DriverFile& file) {
     return fail(logger, what + file.path() + ": ");
 }
 
-bool failWithout(Logger& logger, const std::string& what) {
+bool failWithoutErrno(Logger& logger, const std::string& what) {
     LogEntry(logger, level::error) << what;
     return false;
 }
@@ -71,7 +71,7 @@ bool failWithout(Logger& logger, const std::string& what) {
 template <typename Step>
 bool forEachPiece(std::uint64_t tableSize, const Step& step) {
     for (std::uint64_t left = tableSize; left > 0;) {
-        const std::uint64_t length = std::min(left, TablePiece::largest);
+        const std::uint64_t length = std::min(left, TablePiece::maxBytes);
         if (!step(length)) {
             return false;
         }
@@ -139,7 +139,7 @@ public:
           history(std::move(history)),
           incremental(std::move(incremental)),
           tableSize(tableSize),
-          owed(tableSize),
+          unsent(tableSize),
           changed(tableSize) {}
 
     bool run() {
@@ -160,16 +160,16 @@ public:
 
 private:
     bool merge(std::uint64_t position, std::uint64_t length) {
-        if (isNothingOwed(position, length)) {
+        if (hasNothingUnsent(position, length)) {
             return true;
         }
-        if (!history.seek(position) || !history.read(owed.bytes(length))) {
+        if (!history.seek(position) || !history.read(unsent.bytes(length))) {
             return fail(logger, "Unable to read from incremental history file ", history);
         }
         if (!incremental.seek(position) || !incremental.read(changed.bytes(length))) {
             return fail(logger, "Unable to read from incremental file ", incremental);
         }
-        if (!changed.merge(owed, length)) {
+        if (!changed.merge(unsent, length)) {
             return true;
         }
         if (!incremental.seek(position) || !incremental.write(changed.bytes(length))) {
@@ -180,7 +180,7 @@ private:
 
     /// Usually true, which saves reading both files. A CoW file that ends too early must still be detected,
     /// hence the check of its size.
-    bool isNothingOwed(std::uint64_t position, std::uint64_t length) {
+    bool hasNothingUnsent(std::uint64_t position, std::uint64_t length) {
         const std::optional<std::uint64_t> end = incremental.seekToEnd();
         return end && *end >= position + length && history.isHole(position, length);
     }
@@ -189,7 +189,7 @@ private:
     DriverFile history;
     DriverFile incremental;
     std::uint64_t tableSize;
-    TablePiece owed;
+    TablePiece unsent;
     TablePiece changed;
 };
 
@@ -205,7 +205,7 @@ std::string withoutCowFile(const DriverDeviceInfo& device) {
 
 bool DriverController::calculateCowFile(const DriverDeviceInfo& device, std::string& out) {
     if (device.cow_file.empty()) {
-        return failWithout(logger, "calculate cow file got an empty cow file string.");
+        return failWithoutErrno(logger, "calculate cow file got an empty cow file string.");
     }
     out = device.cow_file;
     if (out.back() == '1') {
@@ -238,15 +238,15 @@ void DriverController::removeIncrementalHistory(const BackupableVolume& volume) 
 bool DriverController::makeHistory(const BackupableVolume& volume, bool zeroFill) {
     const std::string historyPath = getIncrementalHistoryPath(volume);
     if (historyPath.empty()) {
-        return failWithout(logger, withoutMountPoint(volume));
+        return failWithoutErrno(logger, withoutMountPoint(volume));
     }
     DriverDeviceInfo device;
     if (!getDeviceInfo(volume, device)) {
-        return failWithout(logger, "Cannot create incremental history, device does not exist");
+        return failWithoutErrno(logger, "Cannot create incremental history, device does not exist");
     }
     std::string name = device.cow_file;
     if ((!zeroFill && !calculateCowFile(device, name)) || name.empty()) {
-        return failWithout(logger, withoutCowFile(device));
+        return failWithoutErrno(logger, withoutCowFile(device));
     }
     DriverFile source(Path(volume.getMountPoints().front()) / name, Access::read);
     if (!source) {
@@ -265,15 +265,15 @@ bool DriverController::makeHistory(const BackupableVolume& volume, bool zeroFill
 bool DriverController::rollForward(const BackupableVolume& volume) {
     const std::string historyPath = getIncrementalHistoryPath(volume);
     if (historyPath.empty()) {
-        return failWithout(logger, withoutMountPoint(volume));
+        return failWithoutErrno(logger, withoutMountPoint(volume));
     }
     DriverDeviceInfo device;
     if (!getDeviceInfo(volume, device)) {
-        return failWithout(logger, "Cannot roll forward, device does not exist");
+        return failWithoutErrno(logger, "Cannot roll forward, device does not exist");
     }
     std::string name;
     if (!calculateCowFile(device, name)) {
-        return failWithout(logger, withoutCowFile(device));
+        return failWithoutErrno(logger, withoutCowFile(device));
     }
     DriverFile history(historyPath, Access::read);
     if (!history) {

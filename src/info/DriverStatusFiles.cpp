@@ -19,7 +19,7 @@ namespace agent::info {
 
 namespace {
 
-constexpr std::size_t largestStatusFile = std::size_t{64} << 20U;
+constexpr std::size_t maxStatusFileBytes = std::size_t{64} << 20U;
 
 } // namespace
 
@@ -49,7 +49,7 @@ std::optional<std::string> readDriverStatusFile(const std::string& path) {
         } else if (errno != EINTR) {
             throw PosixError("read of \"" + path + "\" failed", errno);
         }
-        if (content.size() > largestStatusFile) {
+        if (content.size() > maxStatusFileBytes) {
             throw std::runtime_error("\"" + path + "\" is too large");
         }
     }

@@ -9,7 +9,8 @@ namespace agent::info {
 /// Queries that the driver's control library may offer in addition to its seven functions.
 /// Owns:    nothing.
 /// Threads: any thread may call it.
-/// Fails:   `checkSnapshot` returns an error code, `getRoom` throws PosixError, `getOwnFiles` doesn't fail.
+/// Fails:   `checkSnapshot` returns an error code, `getSnapshotSpace` throws PosixError, `getDriverFiles`
+///          doesn't fail.
 class IDriverExtension {
 public:
     IDriverExtension() = default;
@@ -23,10 +24,10 @@ public:
     /// returns an `errno` value: then nothing that was read from the device can be relied on.
     [[nodiscard]] virtual int checkSnapshot(std::int32_t minor) const = 0;
     /// The names of the files, other than CoW files, that the driver keeps in the root directory of a volume.
-    [[nodiscard]] virtual std::vector<std::string> getOwnFiles() const = 0;
+    [[nodiscard]] virtual std::vector<std::string> getDriverFiles() const = 0;
     /// How many bytes of the volume's free space the driver will use for a snapshot in addition to the CoW
     /// file. Throws PosixError if the driver can't say.
-    [[nodiscard]] virtual std::uint64_t getRoom(const std::string& blockDevice) const = 0;
+    [[nodiscard]] virtual std::uint64_t getSnapshotSpace(const std::string& blockDevice) const = 0;
 };
 
 } // namespace agent::info

@@ -16,12 +16,12 @@ namespace agent::info {
 namespace {
 
 constexpr const char* smbiosDirectory = "/sys/class/dmi/id/";
-constexpr std::size_t longestFile = 65536;
+constexpr std::size_t maxFileBytes = 65536;
 
 /// Returns the first 64 KiB of a file, or nothing if it can't be read. The files here are smaller than that.
 std::optional<std::string> readFile(const std::string& path) {
     std::ifstream file(path);
-    std::string content(longestFile, '\0');
+    std::string content(maxFileBytes, '\0');
     file.read(content.data(), static_cast<std::streamsize>(content.size()));
     if (!file.is_open() || file.bad()) {
         return std::nullopt;

@@ -13,8 +13,8 @@ constexpr const char* noService =
     "Cannot get object manager from udisks client. The service is probably not running";
 
 [[noreturn]] void throwNoClient(const GErrorOwner& error) {
-    throw Reasoned<std::runtime_error>(reason("volumes-unknown"),
-                                       std::string("Cannot initialize udisks client: ") + error.message());
+    throw WithReason<std::runtime_error>(reason("volumes-unknown"),
+                                         std::string("Cannot initialize udisks client: ") + error.message());
 }
 
 /// Returns the connection to the system bus, which the whole process shares. By default, GLib would end the
@@ -23,7 +23,7 @@ constexpr const char* noService =
 /// GLib creates the bus's thread here and never ends it. The thread inherits the blocked termination signals:
 /// the signal handler, which stops the agent, must never run on it.
 GObjectOwner<GDBusConnection> connectToSystemBus() {
-    const TerminationSignalsBlocked inherited;
+    const TerminationSignalsBlocked signalsBlocked;
     GErrorOwner error;
     GObjectOwner<GDBusConnection> connection(g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, error.out()));
     if (!connection) {
@@ -34,7 +34,7 @@ GObjectOwner<GDBusConnection> connectToSystemBus() {
 }
 
 GObjectOwner<UDisksClient> makeClient() {
-    const TerminationSignalsBlocked inherited; // by threads that GLib may create to call the service
+    const TerminationSignalsBlocked signalsBlocked; // by threads that GLib may create to call the service
     GErrorOwner error;
     GObjectOwner<UDisksClient> client(udisks_client_new_sync(nullptr, error.out()));
     if (!client) {
@@ -48,12 +48,12 @@ GObjectOwner<UDisksClient> makeClient() {
 GDBusObjectManager* managerOf(UDisksClient* client) {
     GDBusObjectManager* manager = udisks_client_get_object_manager(client);
     if (manager == nullptr) {
-        throw Reasoned<std::runtime_error>(reason("volumes-unknown"), noService);
+        throw WithReason<std::runtime_error>(reason("volumes-unknown"), noService);
     }
     const GTextOwner owner(
         g_dbus_object_manager_client_get_name_owner(G_DBUS_OBJECT_MANAGER_CLIENT(manager)));
     if (!owner) {
-        throw Reasoned<std::runtime_error>(reason("volumes-unknown"), noService);
+        throw WithReason<std::runtime_error>(reason("volumes-unknown"), noService);
     }
     return manager;
 }

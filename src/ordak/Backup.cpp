@@ -28,7 +28,7 @@ using nlohmann::json;
 using Attributes = std::unordered_map<std::string, VolumeAttributes>;
 
 constexpr std::uint32_t defaultTimeout = 60;
-constexpr std::size_t longestName = 4096; // bytes; as long as a path can be
+constexpr std::size_t maxNameBytes = 4096; // bytes; as long as a path can be
 constexpr std::uint32_t driverMethod = 0;
 constexpr std::uint32_t otherMethod = 1;
 
@@ -51,9 +51,9 @@ std::string requireText(std::string text, const std::string& key) {
     if (text.find('\0') != std::string::npos) {
         throw exception::bad_request("the text of '" + key + "' holds a NUL character");
     }
-    if (text.size() > longestName) {
+    if (text.size() > maxNameBytes) {
         throw exception::bad_request("the text of '" + key + "' is longer than " +
-                                     std::to_string(longestName) + " bytes");
+                                     std::to_string(maxNameBytes) + " bytes");
     }
     return text;
 }
@@ -140,7 +140,7 @@ APIResponse Backup::operator()(const std::string& body) {
     auto session = std::make_unique<core::backup::BackupSession>(logger);
     Attributes attributes;
     for (const json& entry : request.at("volumes")) {
-        Volume volume = readVolume(entry, kind.largestLun);
+        Volume volume = readVolume(entry, kind.maxLun);
         insert(attributes, volume.guid, {volume.image.offset, type, std::move(volume.scripts)});
         session->addTransport(volume.guid, makeTransport(interface, kind, volume.image));
     }
@@ -150,7 +150,7 @@ APIResponse Backup::operator()(const std::string& body) {
     return {APIResponse::ContentType::plainText, std::move(id), 201};
 }
 
-Backup::Volume Backup::readVolume(const json& entry, std::uint64_t largestLun) {
+Backup::Volume Backup::readVolume(const json& entry, std::uint64_t maxLun) {
     Volume volume;
     volume.guid = readName(entry, "guid");
     volume.image.offset = readKey(entry, "offset", [](const json& value) {
@@ -158,7 +158,7 @@ Backup::Volume Backup::readVolume(const json& entry, std::uint64_t largestLun) {
     });
     volume.image.qualifiedName = readName(entry, "qualifiedName");
     volume.image.address = readName(entry, "target");
-    volume.image.lun = readLun(entry, largestLun);
+    volume.image.lun = readLun(entry, maxLun);
     volume.image.username = readText(entry, "username");
     volume.image.password = readText(entry, "password");
     const auto scripts =

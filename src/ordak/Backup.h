@@ -35,7 +35,7 @@ private:
         std::vector<core::backup::VolumeScript> scripts;
     };
 
-    [[nodiscard]] Volume readVolume(const nlohmann::json& entry, std::uint64_t largestLun);
+    [[nodiscard]] Volume readVolume(const nlohmann::json& entry, std::uint64_t maxLun);
     [[nodiscard]] core::backup::VolumeScript readScript(const nlohmann::json& script);
     [[nodiscard]] std::uint32_t readTimeout(const nlohmann::json& script, const std::string& name);
     [[nodiscard]] std::shared_ptr<core::ITransport> makeTransport(const std::string& interface,

@@ -11,17 +11,17 @@
 namespace agent::ordak {
 namespace {
 
-constexpr std::size_t largestFile = 20'000;
+constexpr std::size_t maxFileBytes = 20'000;
 
 /// Far longer than any name in a certificate that a TLS handshake can transmit in practice.
-constexpr std::size_t longestDistinguishedName = 65'536;
+constexpr std::size_t maxDistinguishedNameBytes = 65'536;
 
 using NameGetter = int (*)(gnutls_x509_crt_t, char*, std::size_t*);
 
 DistinguishedName readName(gnutls_x509_crt_t crt, NameGetter getter) {
     std::size_t size = 0;
     getter(crt, nullptr, &size);
-    if (size == 0 || size > longestDistinguishedName) {
+    if (size == 0 || size > maxDistinguishedNameBytes) {
         return {};
     }
     std::string text(size, '\0');
@@ -55,8 +55,8 @@ std::string readCertificateFile(const std::string& path) {
     if (!file) {
         throw std::invalid_argument("Failed to import file as certificate (failed to open file)");
     }
-    std::string content = readAtMost(file.get(), largestFile + 1);
-    if (content.size() > largestFile) {
+    std::string content = readAtMost(file.get(), maxFileBytes + 1);
+    if (content.size() > maxFileBytes) {
         throw std::invalid_argument("Failed to import file as certificate (file too large)");
     }
     return content;

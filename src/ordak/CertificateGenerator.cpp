@@ -25,7 +25,7 @@ using X509Certificate = std::shared_ptr<gnutls_x509_crt_int>;
 constexpr unsigned keyBits = 2048;
 
 /// The device API doesn't read larger certificate files.
-constexpr std::size_t longestCertificate = 20000;
+constexpr std::size_t maxCertificateBytes = 20000;
 
 void check(int code, const char* message) {
     if (code < 0) {
@@ -97,9 +97,9 @@ std::string callName(const std::string& action) {
 /// including those that treat it as a C string.
 X509Certificate importCertificate(const std::string& action, const std::string& pem) {
     const std::string unusable = callName(action) + " certificate can't be used: ";
-    if (pem.size() > longestCertificate) {
+    if (pem.size() > maxCertificateBytes) {
         throw exception::bad_response(unusable + "it has " + std::to_string(pem.size()) + " bytes, at most " +
-                                      std::to_string(longestCertificate) + " are expected");
+                                      std::to_string(maxCertificateBytes) + " are expected");
     }
     if (pem.find('\0') != std::string::npos) {
         throw exception::bad_response(unusable + "it holds a NUL");
@@ -124,7 +124,7 @@ std::string keyId(Handle* handle, int (*getter)(Handle*, unsigned, unsigned char
     return {digest.data(), digest.data() + size};
 }
 
-bool belongTogether(gnutls_x509_crt_t certificate, gnutls_x509_privkey_t key) {
+bool keyMatches(gnutls_x509_crt_t certificate, gnutls_x509_privkey_t key) {
     return keyId(certificate, &gnutls_x509_crt_get_key_id, "gnutls_x509_crt_get_key_id failed") ==
            keyId(key, &gnutls_x509_privkey_get_key_id, "gnutls_x509_privkey_get_key_id failed");
 }
@@ -231,7 +231,7 @@ std::string CertificateGenerator::issueCert() {
                                        {"action", action},
                                        {"key", serviceKey},
                                        {"certificateRequest", requestPem}});
-    if (!belongTogether(importCertificate(action, pem).get(), key.get())) {
+    if (!keyMatches(importCertificate(action, pem).get(), key.get())) {
         throw exception::bad_response(callName(action) + " certificate can't be used: it is for another key");
     }
     return pem;

@@ -30,7 +30,7 @@ Certificates readAll() {
 
 /// If others than the owner can use the key, restricts its permissions and warns the administrator: somebody
 /// may have read the key before.
-void closeKey(info::Logger& logger) {
+void restrictKeyPermissions(info::Logger& logger) {
     const std::string path = certificatesDirectory() / keyName;
     constexpr mode_t others = S_IRWXG | S_IRWXO;
     struct ::stat found{};
@@ -59,7 +59,7 @@ std::string missing(const Certificates& certificates) {
 }
 
 /// Calls `action`, which changes one of the files. On failure logs the reason and throws std::runtime_error.
-void change(info::Logger& logger, const char* name, const std::function<void(const Path&)>& action) {
+void changeOrThrow(info::Logger& logger, const char* name, const std::function<void(const Path&)>& action) {
     try {
         action(certificatesDirectory() / name);
     } catch (const std::exception& error) {
@@ -69,7 +69,7 @@ void change(info::Logger& logger, const char* name, const std::function<void(con
 }
 
 void write(info::Logger& logger, const char* name, const std::string& content, mode_t mode) {
-    change(logger, name, [&](const Path& path) { file::replace(path, content, mode); });
+    changeOrThrow(logger, name, [&](const Path& path) { file::replace(path, content, mode); });
 }
 
 } // namespace
@@ -79,7 +79,7 @@ Path certificatesDirectory() {
 }
 
 void loadOrCreate(Certificates& certificates, info::Logger& logger, const std::function<void()>& generate) {
-    closeKey(logger);
+    restrictKeyPermissions(logger);
     certificates = readAll();
     const std::string missingAtFirst = missing(certificates);
     if (missingAtFirst.empty()) {
@@ -99,7 +99,7 @@ void loadOrCreate(Certificates& certificates, info::Logger& logger, const std::f
 
 void storeCertificates(const Certificates& certificates, info::Logger& logger) {
     dir::make(certificatesDirectory());
-    change(logger, caName, [](const Path& path) {
+    changeOrThrow(logger, caName, [](const Path& path) {
         if (file::exists(path)) {
             file::remove(path);
         }

@@ -30,7 +30,7 @@ bool isOpenToAll(APICall call) {
 }
 
 /// Makes a text from a request printable, and short enough for a log line.
-std::string shown(const std::string& text) {
+std::string forLog(const std::string& text) {
     return printable(shortened(text));
 }
 
@@ -71,9 +71,9 @@ int HTTPInterpreter::interpret(int deviceId, std::string ip, std::string method,
         info::LogEntry(logger, info::level::debug) << "Handling request";
         info::LogEntry(logger, info::level::debug) << "Request from device id: " << deviceId;
         info::LogEntry(logger, info::level::debug) << "IPV4: " << ip;
-        info::LogEntry(logger, info::level::debug) << "METHOD: " << shown(method);
-        info::LogEntry(logger, info::level::debug) << "URL: " << shown(url);
-        info::LogEntry(logger, info::level::debug) << "DATA: " << shown(data);
+        info::LogEntry(logger, info::level::debug) << "METHOD: " << forLog(method);
+        info::LogEntry(logger, info::level::debug) << "URL: " << forLog(url);
+        info::LogEntry(logger, info::level::debug) << "DATA: " << forLog(data);
     }
     contentType = plainText;
     if (call == APICall::invalid) {

@@ -19,8 +19,8 @@ namespace agent::ordak {
 /// Limits: all request bodies together may have 128 MiB. If a device that isn't paired sends a body of more
 /// than 16 KiB, the body is dropped, and the request is handled with an empty one. The library limits method,
 /// URL and headers to 32 KiB. A connection is closed after 120 seconds of silence. Until a request on a
-/// connection has come from the paired device, the connection is a stranger's: it is closed after 10 seconds,
-/// and at most 256 strangers are connected; a further one displaces the oldest. So idle or slow strangers
+/// connection has come from the paired device, the connection is unidentified: it is closed after 10
+/// seconds, and at most 256 of these are open; a further one displaces the oldest. So idle or slow clients
 /// can't use up the descriptors or the memory that a backup needs. The library accepts about a thousand
 /// connections (FD_SETSIZE less four), each with a thread and a descriptor.
 ///

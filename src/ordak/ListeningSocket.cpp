@@ -37,7 +37,7 @@ ListeningSocket::ListeningSocket(std::uint16_t port)
     identity = socket ? identityOf(socket.get()) : 0;
 }
 
-void ListeningSocket::takeBack() noexcept {
+void ListeningSocket::closeIfStillOpen() noexcept {
     const int error = errno;
     if (identityOf(socket.get()) != identity) {
         (void)socket.release();

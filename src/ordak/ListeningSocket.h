@@ -23,7 +23,7 @@ public:
     void handOver() noexcept { (void)socket.release(); }
     /// Call this if the library has failed. Closes the socket unless the library has closed it: then another
     /// file may have the descriptor's number by now, and stays open. Preserves `errno`.
-    void takeBack() noexcept;
+    void closeIfStillOpen() noexcept;
 
 private:
     os::FileDescriptor socket;

@@ -22,8 +22,8 @@ public:
     };
 
     /// In bytes. Text of continuation lines beyond this is dropped.
-    static constexpr std::size_t longestMessage = 1024UL * 1024;
-    static constexpr std::size_t largestList = 16 * longestMessage;
+    static constexpr std::size_t maxMessageBytes = 1024UL * 1024;
+    static constexpr std::size_t maxListBytes = 16 * maxMessageBytes;
 
     explicit LogEntries(std::size_t limit) : limit(limit) {}
 

@@ -16,7 +16,7 @@ namespace agent::ordak {
 class LogFileReader {
 public:
     /// In bytes. The rest of a longer line is dropped.
-    static constexpr std::size_t longestLine = 1024UL * 1024;
+    static constexpr std::size_t maxLineBytes = 1024UL * 1024;
 
     explicit LogFileReader(const std::string& path);
 

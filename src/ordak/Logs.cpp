@@ -47,7 +47,7 @@ namespace {
 using info::LogTime;
 
 constexpr long defaultLines = 1000;
-constexpr long mostLines = 10000;
+constexpr long maxLines = 10000;
 
 std::int64_t secondsOf(LogTime time) {
     return std::chrono::duration_cast<std::chrono::seconds>(time.time_since_epoch()).count();
@@ -115,11 +115,11 @@ std::size_t Logs::readLimit(const std::string& lines) {
     if (end == lines.c_str()) {
         throw std::invalid_argument("The lines parameter is no number: " + lines);
     }
-    if (number > mostLines) {
+    if (number > maxLines) {
         info::LogEntry(logger, info::level::warning)
-            << "Ignoring lines parameter value which exceeds maximum of " << mostLines;
+            << "Ignoring lines parameter value which exceeds maximum of " << maxLines;
     }
-    return static_cast<std::size_t>(std::clamp(number, 0L, mostLines));
+    return static_cast<std::size_t>(std::clamp(number, 0L, maxLines));
 }
 
 void Logs::readDirectory(const Query& query, LogEntries& entries) {

@@ -16,16 +16,16 @@ namespace agent::ordak {
 class RequestBody {
 public:
     /// In bytes, for one body and for all bodies in memory together: more than any appliance sends.
-    static constexpr std::size_t mostBytes = std::size_t{128} * 1024 * 1024;
+    static constexpr std::size_t maxBytes = std::size_t{128} * 1024 * 1024;
     /// In bytes, for a body from a device that isn't paired.
-    static constexpr std::size_t mostUnpairedBytes = std::size_t{16} * 1024;
+    static constexpr std::size_t maxUnpairedBytes = std::size_t{16} * 1024;
 
     explicit RequestBody(std::atomic<std::size_t>& kept) : kept(kept) {}
     RequestBody(const RequestBody&) = delete;
     RequestBody& operator=(const RequestBody&) = delete;
     ~RequestBody() { drop(); }
 
-    /// Adds a piece. Returns false if this body, or all bodies in memory together, would exceed mostBytes.
+    /// Adds a piece. Returns false if this body, or all bodies in memory together, would exceed maxBytes.
     [[nodiscard]] bool append(const std::string& piece, bool isPaired);
     /// Whether the body was dropped because it is too long for an unpaired device. It then stays empty.
     [[nodiscard]] bool isDropped() const noexcept { return dropped; }
@@ -33,7 +33,7 @@ public:
     std::string take();
 
 private:
-    bool reserve(std::size_t count);
+    bool accountFor(std::size_t count);
     void drop() noexcept;
 
     std::atomic<std::size_t>& kept;

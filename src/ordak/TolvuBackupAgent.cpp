@@ -10,38 +10,38 @@
 namespace agent::ordak {
 
 /// One function for each running service, which stops it, in the order in which the services were started.
-class TolvuBackupAgent::StopGuards {
+class TolvuBackupAgent::RunningServices {
 public:
-    StopGuards() = default;
-    StopGuards(const StopGuards&) = delete;
-    StopGuards& operator=(const StopGuards&) = delete;
+    RunningServices() = default;
+    RunningServices(const RunningServices&) = delete;
+    RunningServices& operator=(const RunningServices&) = delete;
 
     /// If the start has failed, stops the services that have been started, oldest first. Swallows exceptions,
     /// because the caller must get the exception that has made the start fail.
-    ~StopGuards() {
-        for (; !guards.empty(); guards.pop_front()) {
+    ~RunningServices() {
+        for (; !stopFunctions.empty(); stopFunctions.pop_front()) {
             try {
-                guards.front()();
+                stopFunctions.front()();
             } catch (...) { // NOLINT(bugprone-empty-catch)
             }
         }
     }
 
     void add(IService& service) {
-        guards.emplace_back([&service] { service.stop(); });
+        stopFunctions.emplace_back([&service] { service.stop(); });
     }
 
-    /// Stops the newest service first. A guard that throws isn't called again.
+    /// Stops the newest service first. A function that throws isn't called again.
     void stopAll() {
-        while (!guards.empty()) {
-            const std::function<void()> stop = std::move(guards.back());
-            guards.pop_back();
+        while (!stopFunctions.empty()) {
+            const std::function<void()> stop = std::move(stopFunctions.back());
+            stopFunctions.pop_back();
             stop();
         }
     }
 
 private:
-    std::deque<std::function<void()>> guards;
+    std::deque<std::function<void()>> stopFunctions;
 };
 
 TolvuBackupAgent::TolvuBackupAgent(info::Logger& logger, db::IDataMigrator& migrator, Config& config,
@@ -62,14 +62,14 @@ void TolvuBackupAgent::start() {
     if (!migrator.migrate(config)) {
         info::LogEntry(logger, info::level::error) << "Failed to migrate legacy database!";
     }
-    auto started = std::make_unique<StopGuards>();
+    auto started = std::make_unique<RunningServices>();
     for (IService* service : services) {
         service->start();
         started->add(*service);
     }
     // As soon as `running` is set, a signal handler can stop the agent. It must not run while this thread
     // logs the last line: it logs, too, and would wait for the mutex of the logger that this thread holds.
-    const TerminationSignalsBlocked lastLineFirst;
+    const TerminationSignalsBlocked signalsBlocked;
     running = std::move(started);
     info::LogEntry(logger, info::level::info) << "Agent daemon started";
 }

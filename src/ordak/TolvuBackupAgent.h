@@ -28,13 +28,13 @@ public:
     void stop() override;
 
 private:
-    class StopGuards;
+    class RunningServices;
 
     info::Logger& logger;
     db::IDataMigrator& migrator;
     Config& config;
     std::vector<IService*> services;
-    std::unique_ptr<StopGuards> running; // null while the agent is not started
+    std::unique_ptr<RunningServices> running; // null while the agent is not started
 };
 
 } // namespace agent::ordak

@@ -50,7 +50,7 @@ std::uint32_t afterSlice(std::uint32_t crc, const std::byte* bytes) {
 } // namespace
 
 std::uint32_t crc32c(std::span<const std::byte> bytes) noexcept {
-    const Crc32cWay byInstruction = crc32cByInstruction();
+    const Crc32cFunction byInstruction = crc32cByInstruction();
     return byInstruction != nullptr ? byInstruction(bytes) : crc32cByTables(bytes);
 }
 

@@ -14,13 +14,13 @@ namespace os {
 std::uint32_t crc32c(std::span<const std::byte> bytes) noexcept;
 
 /// An implementation of crc32c; all of them return the same checksum.
-using Crc32cWay = std::uint32_t (*)(std::span<const std::byte>) noexcept;
+using Crc32cFunction = std::uint32_t (*)(std::span<const std::byte>) noexcept;
 
 /// Processes eight bytes at a time with eight tables of 256 words ("slicing by 8"), computed at compile time.
 std::uint32_t crc32cByTables(std::span<const std::byte> bytes) noexcept;
 
 /// Returns the implementation that processes eight bytes at a time with the SSE 4.2 instruction `crc32`, or
 /// null if this processor doesn't have it.
-Crc32cWay crc32cByInstruction() noexcept;
+Crc32cFunction crc32cByInstruction() noexcept;
 
 } // namespace os

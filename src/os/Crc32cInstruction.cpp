@@ -27,7 +27,7 @@ __attribute__((target("sse4.2"))) std::uint32_t sumByInstruction(std::span<const
 
 } // namespace
 
-Crc32cWay crc32cByInstruction() noexcept {
+Crc32cFunction crc32cByInstruction() noexcept {
     return __builtin_cpu_supports("sse4.2") ? sumByInstruction : nullptr;
 }
 
@@ -35,7 +35,7 @@ Crc32cWay crc32cByInstruction() noexcept {
 
 #else
 
-os::Crc32cWay os::crc32cByInstruction() noexcept {
+os::Crc32cFunction os::crc32cByInstruction() noexcept {
     return nullptr;
 }
 

@@ -15,9 +15,9 @@ public:
         return failure == failures.end() ? 0 : failure->second;
     }
 
-    [[nodiscard]] std::vector<std::string> getOwnFiles() const override { return ownFiles; }
+    [[nodiscard]] std::vector<std::string> getDriverFiles() const override { return ownFiles; }
 
-    [[nodiscard]] std::uint64_t getRoom(const std::string& blockDevice) const override {
+    [[nodiscard]] std::uint64_t getSnapshotSpace(const std::string& blockDevice) const override {
         if (roomFailure != 0) {
             throw PosixError("no room known of " + blockDevice, roomFailure);
         }

@@ -78,7 +78,7 @@ private:
     void record(const std::string& message, int level) {
         const std::lock_guard lock(mutex);
         std::string text = message.ends_with('\n') ? message.substr(0, message.size() - 1) : message;
-        if (const info::Reason* const reason = info::reasonOf(text)) {
+        if (const info::Reason* const reason = info::findReason(text)) {
             text.resize(text.size() - info::markOf(*reason).size());
             told.push_back(reason);
         }

@@ -178,7 +178,7 @@ void BackupLog::addRecord(const std::string& text, std::time_t time) {
 }
 
 void BackupLog::addReason(const std::string& text) {
-    const agent::info::Reason* const reason = agent::info::reasonOf(std::string_view(text));
+    const agent::info::Reason* const reason = agent::info::findReason(std::string_view(text));
     if (reason != nullptr && run.reasons.size() < mostReasonLines) {
         run.reasons.push_back({reason, run.copying, text.substr(0, longestReasonLine)});
     }

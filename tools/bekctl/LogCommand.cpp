@@ -78,7 +78,7 @@ void printLine(const Output& output, const LogLine& line) {
 
 /// One object per line, so that a program can parse them while the log grows.
 void printObject(const Output& output, const LogLine& line) {
-    const agent::info::Reason* const reason = agent::info::reasonOf(line.text);
+    const agent::info::Reason* const reason = agent::info::findReason(line.text);
     const Json object{{"time", momentOrNull(line.time)},
                       {"level", levelNames.at(static_cast<std::size_t>(line.level))},
                       {"text", line.text},

@@ -53,8 +53,8 @@ std::optional<Ranges> findDriverFiles(agent::info::Logger& logger, const agent::
         return std::nullopt;
     }
     Ranges ranges;
-    for (const std::string& path : agent::core::backup::snapshot_files::below(
-             agent::Path(mountPoint), agent::info::DriverExtension().getOwnFiles())) {
+    for (const std::string& path : agent::core::backup::snapshot_files::pathsUnder(
+             agent::Path(mountPoint), agent::info::DriverExtension().getDriverFiles())) {
         struct stat file{};
         if (::lstat(path.c_str(), &file) != 0) {
             continue;

@@ -15,14 +15,14 @@ namespace {
 
 using nlohmann::json;
 
-constexpr std::size_t largestFile = 1024UL * 1024;
+constexpr std::size_t maxFileBytes = 1024UL * 1024;
 /// Only root may read the file: it may contain settings that not every user of the machine should see.
 constexpr mode_t fileMode = 0600;
 
 /// Parses settings, both when the file is read and to check a text before it is written.
 json parseDocument(const std::string& text) {
-    if (text.size() > largestFile) {
-        throw std::runtime_error("larger than " + std::to_string(largestFile) + " bytes");
+    if (text.size() > maxFileBytes) {
+        throw std::runtime_error("larger than " + std::to_string(maxFileBytes) + " bytes");
     }
     return parseJson(text);
 }
@@ -32,7 +32,7 @@ json readDocument(const Path& path) {
     if (!file) {
         return json::object();
     }
-    std::string text(largestFile + 1, '\0');
+    std::string text(maxFileBytes + 1, '\0');
     file.read(text.data(), static_cast<std::streamsize>(text.size()));
     text.resize(static_cast<std::size_t>(file.gcount()));
     try {

@@ -15,9 +15,9 @@ template <typename Integer>
 std::optional<Integer> wholeNumber(const nlohmann::json& value);
 
 /// Like `wholeNumber`, but throws the JSON library's type or range error instead of returning nothing, and
-/// the range error for a number above `largest`.
+/// the range error for a number above `maxValue`.
 template <typename Integer>
 Integer requireWholeNumber(const nlohmann::json& value,
-                           Integer largest = std::numeric_limits<Integer>::max());
+                           Integer maxValue = std::numeric_limits<Integer>::max());
 
 } // namespace agent

@@ -5,7 +5,7 @@
 #include "core/backup/BackupSession.h"
 #include "core/backup/PhaseRunner.h"
 #include "core/backup/RemoteTargetValidator.h"
-#include "core/backup/RunRecord.h"
+#include "core/backup/RunResultLog.h"
 #include "core/backup/phase/CloseBackupSession.h"
 #include "core/backup/phase/CopyVolume.h"
 #include "core/backup/phase/OpenBackupSession.h"
@@ -106,11 +106,11 @@ void Backup::run(std::unique_ptr<BackupSession> session) {
         throw std::invalid_argument("Invalid session pointer given to backup run!");
     }
     const os::Lock lock(runMutex());
-    const RunRecord record(logger, id, *backupAttributes);
+    const RunResultLog resultLog(logger, id, *backupAttributes);
     info::CowFileSize cowFileSize(config);
     Snapshots snapshots{makeSnapshotControl(cowFileSize), {}, SnapshotTurn()};
     const Outcome outcome = runProtected(std::move(session), snapshots);
-    const auto writeRecord = [&] { record.write(nameOf(outcome), status, snapshots.volumes); };
+    const auto writeRecord = [&] { resultLog.write(nameOf(outcome), status, snapshots.volumes); };
     try {
         runPostBackup(snapshots, outcome);
     } catch (...) {
@@ -204,7 +204,7 @@ void Backup::runPostBackup(Snapshots& snapshots, Outcome outcome) {
         info::LogEntry(logger, info::level::info)
             << "The snapshots there are belong to another program, none to this backup.";
     } else {
-        conclude(*snapshots.control, snapshots.volumes, success);
+        endSnapshots(*snapshots.control, snapshots.volumes, success);
     }
     if (success) {
         return;
@@ -214,7 +214,7 @@ void Backup::runPostBackup(Snapshots& snapshots, Outcome outcome) {
     status.setAllVolumesFailed();
 }
 
-void Backup::conclude(SnapshotSessionControl& control, const Volumes& volumes, bool success) {
+void Backup::endSnapshots(SnapshotSessionControl& control, const Volumes& volumes, bool success) {
     std::shared_ptr<ISnapshotInfo> snapshotInfo; // the state after the snapshots have ended
     Phases phases;
     phases.push_back(

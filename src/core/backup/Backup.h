@@ -69,7 +69,7 @@ private:
     void runBackup(BackupSession& session, SnapshotSessionControl& control, Volumes& volumes,
                    ICancel& cancel);
     void runPostBackup(Snapshots& snapshots, Outcome outcome);
-    void conclude(SnapshotSessionControl& control, const Volumes& volumes, bool success);
+    void endSnapshots(SnapshotSessionControl& control, const Volumes& volumes, bool success);
 
     info::Logger& logger;
     const info::VolumeProvider& volumeProvider;

@@ -23,7 +23,7 @@ void BackupThread::start(std::shared_ptr<IBackup> newBackup, std::unique_ptr<Bac
     }
     std::shared_future<void> launched;
     try {
-        const TerminationSignalsBlocked inherited;
+        const TerminationSignalsBlocked signalsBlocked;
         launched = std::async(std::launch::async,
                               [this, running = std::move(newBackup), given = std::move(session)]() mutable {
                                   run(running, std::move(given));

@@ -35,7 +35,7 @@ void RemoteTargetValidator::validate(const std::string& uuid, IBackupAttributes&
                                      ITransport& transport, IVolumeChecksumGenerator& generator) {
     const Disconnection disconnection(transport);
     if (!transport.connect(false)) {
-        throw info::Reasoned<exception::transport_connection_error>(
+        throw info::WithReason<exception::transport_connection_error>(
             info::reason("target-unreachable"),
             "Failed to open transport connection while validating remote target");
     }
@@ -56,8 +56,8 @@ bool RemoteTargetValidator::isTheImageOfTheLastBackup(const std::string& uuid,
         << "Found cached volume checksum '" << std::hex << cached << "' for volume: " << uuid;
     std::uint32_t remote = 0;
     if (!generator.generate(type, remote)) {
-        throw info::Reasoned<exception::transport_connection_error>(info::reason("image-unreadable"),
-                                                                    "Failed to generate remote checksum");
+        throw info::WithReason<exception::transport_connection_error>(info::reason("image-unreadable"),
+                                                                      "Failed to generate remote checksum");
     }
     if (remote == cached) {
         info::LogEntry(logger, info::level::debug)

@@ -11,16 +11,16 @@
 /// tracking began.
 namespace agent::core::backup::snapshot_files {
 
-/// The paths of all these files on a volume that is mounted at `root`. `driversOwn` are the names of the
+/// The paths of all these files on a volume that is mounted at `root`. `driverFiles` are the names of the
 /// files that the driver keeps there beside the CoW files.
-std::vector<std::string> below(const Path& root, const std::vector<std::string>& driversOwn);
+std::vector<std::string> pathsUnder(const Path& root, const std::vector<std::string>& driverFiles);
 
 /// The CoW file that records the changes since the last backup: the current CoW file while the device is
 /// tracked, the other one during a snapshot. `root` is the volume's mount point.
 std::string changeRecord(const Path& root, const info::DriverDeviceInfo& device);
 
 /// The CoW file that the device no longer uses.
-std::string old(const Path& root, const info::DriverDeviceInfo& device);
+std::string oldCowFile(const Path& root, const info::DriverDeviceInfo& device);
 
 /// Whether two paths name the two CoW files, in either order.
 bool areBothCowFiles(const std::string& one, const std::string& other);

@@ -35,7 +35,7 @@ using info::LogEntry;
 using info::Logger;
 using info::reason;
 using info::Reason;
-using info::Reasoned;
+using info::WithReason;
 using info::driver_state::activeSnapshot;
 using info::driver_state::tracking;
 using info::level::debug;
@@ -47,28 +47,28 @@ using IncrementalStates = std::unordered_map<std::string, bool>;
 /// Which changes are in the change record that the driver closed when it took the snapshot.
 enum class ClosedRecord {
     sinceLastSnapshot, ///< without older changes that failed backups haven't sent
-    allThatIsOwed,     ///< all changes that the image lacks
+    allUnsentChanges,  ///< all changes that the image lacks
 };
 
 constexpr std::uint64_t bytesPerMiB = 1048576;
 /// The minimum size of a CoW file.
-constexpr std::uint64_t smallestCowMiB = 100;
+constexpr std::uint64_t minCowMiB = 100;
 
 /// The space that a snapshot needs and has on a volume, in bytes.
-struct Room {
-    std::uint64_t cowFile = 0;    ///< the configured size of a CoW file, for the copied blocks
-    std::uint64_t table = 0;      ///< the block table, which each CoW file has in addition
-    std::uint64_t driversOwn = 0; ///< the driver's other files, which all snapshots share
+struct SnapshotSpace {
+    std::uint64_t cowFile = 0;     ///< the configured size of a CoW file, for the copied blocks
+    std::uint64_t table = 0;       ///< the block table, which each CoW file has in addition
+    std::uint64_t driverFiles = 0; ///< the driver's other files, which all snapshots share
     std::uint64_t available = 0;
 
-    [[nodiscard]] std::uint64_t required() const { return cowFile + table + driversOwn; }
+    [[nodiscard]] std::uint64_t required() const { return cowFile + table + driverFiles; }
 };
 
 /// Logs `logged` and throws `thrown`.
 [[noreturn]] void fail(Logger& logger, const Reason& reason, const std::string& logged,
                        const std::string& thrown) {
     LogEntry(logger, error, reason) << logged;
-    throw info::Reasoned<std::runtime_error>(reason, thrown);
+    throw info::WithReason<std::runtime_error>(reason, thrown);
 }
 
 /// A journal can't be replayed on a read-only snapshot, and XFS refuses to mount a UUID that is already
@@ -108,7 +108,7 @@ private:
     void validateDriver();
     void validateVolume(const BackupableVolume& volume, const IBackupAttributes& attributes);
     bool hasEnoughFreeSpace(const BackupableVolume& volume);
-    std::uint64_t driversRoom(const BackupableVolume& volume);
+    std::uint64_t driverSpace(const BackupableVolume& volume);
     void warnOfSecondCowFile(const BackupableVolume& volume);
     bool hasSnapshotFiles(const BackupableVolume& volume);
     void checkIncrementalState(const Volumes& volumes, const IBackupAttributes& attributes,
@@ -120,9 +120,9 @@ private:
     int tryToMount(const BackupableVolume& volume, const std::string& snapshotPath, const Path& target);
     void unmountAll();
     void unmount(const std::string& path);
-    void keepDebtOrAbandon(const BackupableVolume& volume);
-    bool keepDebt(const BackupableVolume& volume);
-    void abandon(const BackupableVolume& volume);
+    void saveChangesOrDestroySnapshot(const BackupableVolume& volume);
+    bool saveUnsentChanges(const BackupableVolume& volume);
+    void destroyUntrustedSnapshot(const BackupableVolume& volume);
     void endSnapshot(const BackupableVolume& volume, IncrementalStates& states);
     void removeOldCowFiles(const Volumes& volumes);
     [[nodiscard]] std::vector<std::string> getSnapshotFiles(const BackupableVolume& volume) const;
@@ -136,13 +136,14 @@ private:
     std::unique_ptr<info::IDriverController> driver;
     std::shared_ptr<const info::IDriverExtension> extension;
     std::once_flag validateOnce;
-    std::unordered_map<std::string, Room> rooms; // by UUID, measured when the session was validated
+    std::unordered_map<std::string, SnapshotSpace>
+        spaceByVolume; // by UUID, measured when the session was validated
     /// What the closed change records of this session contain, by UUID. If a volume isn't in the map, this
     /// session doesn't know its debt: it didn't start the volume's snapshot, or the change record wasn't
     /// intact.
     std::unordered_map<std::string, ClosedRecord> closedRecords;
     /// The UUIDs of volumes whose snapshots could be neither trusted nor destroyed.
-    std::unordered_set<std::string> abandoned;
+    std::unordered_set<std::string> untrustedSnapshots;
     const Path mountRoot = "/tmp/tolvuMountRoot";
 };
 
@@ -187,12 +188,13 @@ void SnapshotSessionControl::Impl::validateVolume(const BackupableVolume& volume
 bool SnapshotSessionControl::Impl::hasEnoughFreeSpace(const BackupableVolume& volume) {
     const std::uint64_t cowMiB =
         cowFileSize.getCowFileSizeMiB(logger, volume.getUuid(), volume.getSize(), volume.getFileSystem());
-    const Room room{cowMiB * bytesPerMiB,
-                    info::cow::entrySize + info::cow::entrySize * (volume.getSize() / info::cow::blockSize),
-                    driversRoom(volume), volume.getSpaceFree()};
-    rooms[volume.getUuid()] = room;
-    const std::uint64_t required = room.required();
-    const std::uint64_t available = room.available;
+    const SnapshotSpace space{cowMiB * bytesPerMiB,
+                              info::cow::entrySize +
+                                  info::cow::entrySize * (volume.getSize() / info::cow::blockSize),
+                              driverSpace(volume), volume.getSpaceFree()};
+    spaceByVolume[volume.getUuid()] = space;
+    const std::uint64_t required = space.required();
+    const std::uint64_t available = space.available;
     if (available >= required) {
         return true;
     }
@@ -207,27 +209,27 @@ bool SnapshotSessionControl::Impl::hasEnoughFreeSpace(const BackupableVolume& vo
 /// space for this backup may have too little for the next one. The warning gives the administrator time to
 /// react.
 void SnapshotSessionControl::Impl::warnOfSecondCowFile(const BackupableVolume& volume) {
-    const Room& room = rooms[volume.getUuid()];
-    const std::uint64_t left = room.available - std::min(room.available, room.required());
-    const std::uint64_t tables = 2 * room.table; // the first backup's history file has a table, too
-    const std::uint64_t wanted = room.cowFile + tables;
-    if (left >= wanted) {
+    const SnapshotSpace& space = spaceByVolume[volume.getUuid()];
+    const std::uint64_t left = space.available - std::min(space.available, space.required());
+    const std::uint64_t tables = 2 * space.table; // the first backup's history file has a table, too
+    const std::uint64_t needed = space.cowFile + tables;
+    if (left >= needed) {
         return;
     }
     LogEntry line(logger, warning);
     line << "The next backup of volume " << volume.getDisplayName() << " will need "
-         << info::formatHumanSize(wanted) << " for a second CoW file, and this one leaves "
+         << info::formatHumanSize(needed) << " for a second CoW file, and this one leaves "
          << info::formatHumanSize(left) << ": free the rest";
-    const std::uint64_t mostMiB = (left - std::min(left, tables)) / bytesPerMiB;
-    if (mostMiB >= smallestCowMiB) {
-        line << ", or set volumes." << volume.getUuid() << ".cowFileSizeMiB to " << mostMiB << " or less";
+    const std::uint64_t maxMiB = (left - std::min(left, tables)) / bytesPerMiB;
+    if (maxMiB >= minCowMiB) {
+        line << ", or set volumes." << volume.getUuid() << ".cowFileSizeMiB to " << maxMiB << " or less";
     }
 }
 
 /// Returns 0 if the driver can't tell: with too little space, taking the snapshot fails later.
-std::uint64_t SnapshotSessionControl::Impl::driversRoom(const BackupableVolume& volume) {
+std::uint64_t SnapshotSessionControl::Impl::driverSpace(const BackupableVolume& volume) {
     try {
-        return extension->getRoom(volume.getDevice());
+        return extension->getSnapshotSpace(volume.getDevice());
     } catch (const PosixError& failure) {
         LogEntry(logger, warning) << failure.what();
         return 0;
@@ -266,8 +268,8 @@ void SnapshotSessionControl::Impl::checkIncrementalState(const Volumes& volumes,
             LogEntry(logger, warning, reason("tracking-lost"))
                 << "Device " << uuid << " not in active incremental state, destroying snapshot";
             if (!driver->destroyDevice(*volume)) {
-                throw Reasoned<std::runtime_error>(reason("snapshot-not-destroyed"),
-                                                   "Could not destroy snapshot for " + uuid);
+                throw WithReason<std::runtime_error>(reason("snapshot-not-destroyed"),
+                                                     "Could not destroy snapshot for " + uuid);
             }
         }
     }
@@ -281,7 +283,7 @@ void SnapshotSessionControl::Impl::startSnapshot(const BackupableVolume& volume,
     }
     hasChangeRecord = hasChangeRecord && wasTracked;
     if (!driver->startSnapshot(volume, cowFileSize)) {
-        throw Reasoned<std::runtime_error>(reason("snapshot-failed"), "Failed to start snapshot!");
+        throw WithReason<std::runtime_error>(reason("snapshot-failed"), "Failed to start snapshot!");
     }
     if (wasTracked) {
         closedRecords[volume.getUuid()] = ClosedRecord::sinceLastSnapshot;
@@ -300,9 +302,9 @@ void SnapshotSessionControl::Impl::startSnapshot(const BackupableVolume& volume,
 void SnapshotSessionControl::Impl::mergeHistory(const BackupableVolume& volume) {
     closedRecords.erase(volume.getUuid());
     if (!driver->rollForward(volume)) {
-        throw Reasoned<std::runtime_error>(reason("history-broken"), "Failed to roll forward!");
+        throw WithReason<std::runtime_error>(reason("history-broken"), "Failed to roll forward!");
     }
-    closedRecords[volume.getUuid()] = ClosedRecord::allThatIsOwed;
+    closedRecords[volume.getUuid()] = ClosedRecord::allUnsentChanges;
 }
 
 bool SnapshotSessionControl::Impl::isTracked(const BackupableVolume& volume) {
@@ -379,12 +381,12 @@ void SnapshotSessionControl::Impl::unmount(const std::string& path) {
 VolumeSnapshotInfos SnapshotSessionControl::Impl::transitionToIncremental(const Volumes& volumes,
                                                                           bool success) {
     unmountAll();
-    abandoned.clear();
+    untrustedSnapshots.clear();
     for (const auto& volume : volumes) {
         if (success) {
             driver->makeHistory(*volume, true);
         } else {
-            keepDebtOrAbandon(*volume);
+            saveChangesOrDestroySnapshot(*volume);
         }
     }
     IncrementalStates states;
@@ -396,32 +398,32 @@ VolumeSnapshotInfos SnapshotSessionControl::Impl::transitionToIncremental(const 
     return result;
 }
 
-void SnapshotSessionControl::Impl::keepDebtOrAbandon(const BackupableVolume& volume) {
-    const bool isKept = keepDebt(volume);
+void SnapshotSessionControl::Impl::saveChangesOrDestroySnapshot(const BackupableVolume& volume) {
+    const bool isSaved = saveUnsentChanges(volume);
     const bool isReverted = driver->revertOnFailure(volume);
     if (!isReverted) {
         LogEntry(logger, error) << "Failed to revert device " << volume.getDevice();
     }
-    if (!isKept || !isReverted) {
-        abandon(volume);
+    if (!isSaved || !isReverted) {
+        destroyUntrustedSnapshot(volume);
     }
 }
 
 /// Saves all changes that the image lacks as the volume's history, with which the next backup begins. If this
 /// session has no change record, there is nothing to save: the existing history is either still correct or
 /// useless.
-bool SnapshotSessionControl::Impl::keepDebt(const BackupableVolume& volume) {
+bool SnapshotSessionControl::Impl::saveUnsentChanges(const BackupableVolume& volume) {
     const auto record = closedRecords.find(volume.getUuid());
     if (record == closedRecords.end()) {
         return false;
     }
-    const bool isWhole = record->second == ClosedRecord::allThatIsOwed || driver->rollForward(volume);
-    return isWhole && driver->makeHistory(volume, false);
+    const bool isComplete = record->second == ClosedRecord::allUnsentChanges || driver->rollForward(volume);
+    return isComplete && driver->makeHistory(volume, false);
 }
 
 /// If the debt of a snapshot isn't known, the next changes must not be tracked from it. Without a device the
 /// next backup compares all blocks. A volume that is only tracked has lost no changes and stays tracked.
-void SnapshotSessionControl::Impl::abandon(const BackupableVolume& volume) {
+void SnapshotSessionControl::Impl::destroyUntrustedSnapshot(const BackupableVolume& volume) {
     DriverDeviceInfo device;
     if (driver->getDeviceInfo(volume, device)) {
         if (device.state != activeSnapshot) {
@@ -436,11 +438,11 @@ void SnapshotSessionControl::Impl::abandon(const BackupableVolume& volume) {
         LogEntry(logger, error, reason("snapshot-not-destroyed"))
             << "Could not destroy snapshot for " << volume.getUuid();
     }
-    abandoned.insert(volume.getUuid());
+    untrustedSnapshots.insert(volume.getUuid());
 }
 
 void SnapshotSessionControl::Impl::endSnapshot(const BackupableVolume& volume, IncrementalStates& states) {
-    if (abandoned.contains(volume.getUuid()) || !driver->transitionToIncremental(volume)) {
+    if (untrustedSnapshots.contains(volume.getUuid()) || !driver->transitionToIncremental(volume)) {
         LogEntry(logger, error, reason("tracking-not-begun"))
             << "Failed to transition volume " << volume.getDisplayName()
             << " to incremental. This volume may diff-merge next backup.";
@@ -464,10 +466,10 @@ void SnapshotSessionControl::Impl::removeOldCowFiles(const Volumes& volumes) {
         if (volume->getMountPoints().empty()) {
             continue;
         }
-        const std::string old = snapshot_files::old(volume->getMountPoints().front(), device);
+        const std::string oldFile = snapshot_files::oldCowFile(volume->getMountPoints().front(), device);
         try {
-            if (file::exists(old)) {
-                file::remove(old);
+            if (file::exists(oldFile)) {
+                file::remove(oldFile);
             }
         } catch (const std::exception& failure) {
             LogEntry(logger, info::level::info) << failure.what();
@@ -477,7 +479,7 @@ void SnapshotSessionControl::Impl::removeOldCowFiles(const Volumes& volumes) {
 
 std::vector<std::string>
 SnapshotSessionControl::Impl::getSnapshotFiles(const BackupableVolume& volume) const {
-    return snapshot_files::below(mountRoot / volume.getUuid(), extension->getOwnFiles());
+    return snapshot_files::pathsUnder(mountRoot / volume.getUuid(), extension->getDriverFiles());
 }
 
 /// Throws std::runtime_error if the volume can't have a change record: it isn't mounted, or has no device.

@@ -13,9 +13,9 @@ namespace agent::core::backup {
 
 namespace {
 
-constexpr std::chrono::milliseconds betweenLooks{100};
+constexpr std::chrono::milliseconds pollInterval{100};
 /// Anybody who can open the file can hold its lock.
-constexpr mode_t forRootAlone = 0600;
+constexpr mode_t lockFileMode = 0600;
 
 } // namespace
 
@@ -25,7 +25,7 @@ SnapshotTurn::State SnapshotTurn::take() {
     }
     if (!file) {
         file =
-            os::FileDescriptor(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, forRootAlone));
+            os::FileDescriptor(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, lockFileMode));
     }
     if (file && ::flock(file.get(), LOCK_EX | LOCK_NB) == 0) {
         state = State::mine;
@@ -35,7 +35,7 @@ SnapshotTurn::State SnapshotTurn::take() {
     return state;
 }
 
-void SnapshotTurn::wait(info::Logger& logger, ICancel& cancel, std::chrono::milliseconds longest) {
+void SnapshotTurn::wait(info::Logger& logger, ICancel& cancel, std::chrono::milliseconds timeout) {
     if (take() == State::unguarded) {
         const int failure = errno;
         info::LogEntry(logger, info::level::warning)
@@ -46,14 +46,14 @@ void SnapshotTurn::wait(info::Logger& logger, ICancel& cancel, std::chrono::mill
         return;
     }
     info::LogEntry(logger, info::level::info) << "Waiting for another program to end its snapshots...";
-    const auto end = std::chrono::steady_clock::now() + longest;
+    const auto end = std::chrono::steady_clock::now() + timeout;
     while (take() == State::others) {
         cancel.check();
         if (std::chrono::steady_clock::now() >= end) {
-            throw info::Reasoned<std::runtime_error>(info::reason("snapshot-failed"),
-                                                     "Another program doesn't end its snapshots!");
+            throw info::WithReason<std::runtime_error>(info::reason("snapshot-failed"),
+                                                       "Another program doesn't end its snapshots!");
         }
-        std::this_thread::sleep_for(betweenLooks);
+        std::this_thread::sleep_for(pollInterval);
     }
 }
 

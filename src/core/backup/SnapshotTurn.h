@@ -24,15 +24,15 @@ public:
 
     static constexpr const char* usualPath = "/run/bekd-snapshots.lock";
     /// Other programs that take snapshots end them much sooner than this.
-    static constexpr std::chrono::seconds longestWait{900};
+    static constexpr std::chrono::seconds maxWait{900};
 
     explicit SnapshotTurn(std::string path = usualPath) : path(std::move(path)) {}
 
     /// Takes the lock if it is free; returns at once.
     State take();
     /// Takes the lock, and waits while another process holds it. Throws what `cancel` throws, and
-    /// std::runtime_error after `longest`.
-    void wait(info::Logger& logger, ICancel& cancel, std::chrono::milliseconds longest = longestWait);
+    /// std::runtime_error after `timeout`.
+    void wait(info::Logger& logger, ICancel& cancel, std::chrono::milliseconds timeout = maxWait);
 
 private:
     std::string path;

@@ -95,7 +95,7 @@ bool BlockRangeProvider::iterator::findNext(ActiveExcluder& active, BlockRange& 
     }
     for (; active.next != active.end; ++active.next) {
         const BlockRange& range = *active.next;
-        if (excludesMore(range)) {
+        if (endsPastPosition(range)) {
             nearest = std::min(nearest, range);
             return true;
         }
@@ -104,7 +104,7 @@ bool BlockRangeProvider::iterator::findNext(ActiveExcluder& active, BlockRange& 
 }
 
 /// A range whose end wraps around is invalid and excludes nothing, so that no block is left out wrongly.
-bool BlockRangeProvider::iterator::excludesMore(const BlockRange& range) const {
+bool BlockRangeProvider::iterator::endsPastPosition(const BlockRange& range) const {
     return range.end() > position && range.end() >= range.start;
 }
 

@@ -59,7 +59,7 @@ private:
     BlockRange nearestExclusion();
     bool findNext(ActiveExcluder& active, BlockRange& nearest) const;
     bool isStillActive(ActiveExcluder& active, BlockRange& nearest) const;
-    [[nodiscard]] bool excludesMore(const BlockRange& range) const;
+    [[nodiscard]] bool endsPastPosition(const BlockRange& range) const;
 
     std::vector<ActiveExcluder> activeExcluders;
     BlockRange current;

@@ -24,7 +24,7 @@ BlockRangeIterator ChunkedBitmapBlockRangeExcluder::end() const {
 }
 
 /// Whether an element lies past the volume's end. False if the volume's size isn't known.
-bool ChunkedBitmapBlockRangeExcluder::isBehindVolume(std::uint64_t element) const {
+bool ChunkedBitmapBlockRangeExcluder::isPastVolume(std::uint64_t element) const {
     const std::uint64_t blocks = volume->getBlockCount();
     return blocks != 0 && toBlockRange({}, element).start >= blocks;
 }
@@ -86,7 +86,7 @@ void ChunkedBitmapBlockRangeExcluder::iterator::prepareBuffer() {
 /// too.
 bool ChunkedBitmapBlockRangeExcluder::iterator::isUsable(std::int64_t fetched) const {
     return fetched > 0 && static_cast<std::uint64_t>(fetched) <= chunk.capacity() &&
-           !provider->isBehindVolume(nextElement);
+           !provider->isPastVolume(nextElement);
 }
 
 } // namespace agent::core::block

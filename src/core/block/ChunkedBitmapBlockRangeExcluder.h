@@ -42,7 +42,7 @@ protected:
     [[nodiscard]] const info::BackupableVolume& getVolume() const noexcept { return *volume; }
 
 private:
-    [[nodiscard]] bool isBehindVolume(std::uint64_t element) const;
+    [[nodiscard]] bool isPastVolume(std::uint64_t element) const;
 
     info::Logger& logger;
     std::shared_ptr<const info::BackupableVolume> volume;

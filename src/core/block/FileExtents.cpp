@@ -21,12 +21,12 @@ using info::level::debug;
 using info::level::warning;
 
 /// The records of so many extents take 56 MiB. A file with more extents is copied, which only costs time.
-constexpr std::uint32_t mostExtents = std::uint32_t{1} << 20U;
+constexpr std::uint32_t maxExtents = std::uint32_t{1} << 20U;
 
 /// An extent with one of these flags isn't excluded. UNKNOWN and DELALLOC mean that its block number isn't
 /// valid (yet). SHARED (by a reflink) and NOT_ALIGNED (in a block with other data) mean that other files use
 /// its blocks, too.
-constexpr std::uint32_t notTheFilesAlone =
+constexpr std::uint32_t sharedOrUnknownFlags =
     FIEMAP_EXTENT_UNKNOWN | FIEMAP_EXTENT_DELALLOC | FIEMAP_EXTENT_SHARED | FIEMAP_EXTENT_NOT_ALIGNED;
 
 /// Reads the extents of one file.
@@ -75,7 +75,7 @@ private:
         }
         const std::uint32_t count = request.header().fm_mapped_extents;
         logger.log(debug, "FIEMAP IoCtl of file \"%s\" reports %u (pre-merged) extents", path.c_str(), count);
-        if (count > mostExtents) {
+        if (count > maxExtents) {
             throw std::runtime_error("the file lies in too many pieces");
         }
         return count;
@@ -100,7 +100,7 @@ private:
     }
 
     void exclude(const fiemap_extent& extent, std::vector<BlockRange>& ranges) {
-        if ((extent.fe_flags & notTheFilesAlone) != 0) {
+        if ((extent.fe_flags & sharedOrUnknownFlags) != 0) {
             return;
         }
         const BlockRange range{extent.fe_physical / blockSize, extent.fe_length / blockSize};

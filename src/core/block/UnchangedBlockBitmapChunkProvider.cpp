@@ -51,10 +51,10 @@ public:
         const std::uint64_t left =
             bitmapInfo.bitmapEntries - std::min(startElement, bitmapInfo.bitmapEntries);
         const std::uint64_t request = std::min<std::uint64_t>(left, bufferBytes / wordBytes);
-        return wordsRead(request,
-                         os::readBehindHoleAt(file.get(),
-                                              std::as_writable_bytes(std::span(buffer, request * wordBytes)),
-                                              position));
+        return wordsRead(
+            request,
+            os::readSkippingHoleAt(file.get(), std::as_writable_bytes(std::span(buffer, request * wordBytes)),
+                                   position));
     }
 
 private:

@@ -12,11 +12,11 @@ namespace agent::core::fs {
 
 namespace {
 
-constexpr std::size_t longestRead = 0x400000;
+constexpr std::size_t maxReadBytes = 0x400000;
 constexpr std::size_t pageSize = 4096;
 
 /// If the device's sector size isn't known, reads are aligned to pages, which works for every device.
-std::size_t known(std::size_t alignment) {
+std::size_t alignmentOrPage(std::size_t alignment) {
     return alignment == 0 ? pageSize : alignment;
 }
 
@@ -48,7 +48,7 @@ int readRange(info::Logger& logger, IVolumeReader& reader, const AlignedRange& r
 }
 
 /// Whether the device can read directly into the buffer.
-bool suits(const AlignedRange& range, std::size_t alignment, std::size_t length, void* buffer) {
+bool canReadDirectly(const AlignedRange& range, std::size_t alignment, std::size_t length, void* buffer) {
     void* aligned = buffer;
     std::size_t space = length;
     return range.skip == 0 && range.length == length && std::has_single_bit(alignment) &&
@@ -59,7 +59,7 @@ bool suits(const AlignedRange& range, std::size_t alignment, std::size_t length,
 
 int FSUtil::readChunk(info::Logger& logger, IVolumeReader& reader, std::size_t alignment,
                       std::uint64_t offset, void* buffer, std::size_t length, std::size_t& bytesRead) {
-    alignment = known(alignment);
+    alignment = alignmentOrPage(alignment);
     const AlignedRange range(alignment, offset, length);
     bytesRead = 0;
     AlignedBuffer aligned = createLoggedBuffer(range.length, alignment, logger);
@@ -79,10 +79,10 @@ bool FSUtil::readExactly(info::Logger& logger, IVolumeReader& reader, std::size_
 
 std::int64_t FSUtil::readAvailable(info::Logger& logger, IVolumeReader& reader, std::size_t alignment,
                                    std::uint64_t offset, void* buffer, std::size_t length) {
-    alignment = known(alignment);
+    alignment = alignmentOrPage(alignment);
     const AlignedRange range(alignment, offset, length);
     std::size_t arrived = 0;
-    if (suits(range, alignment, length, buffer)) {
+    if (canReadDirectly(range, alignment, length, buffer)) {
         const bool isRead = readRange(logger, reader, range, buffer, arrived) == 0;
         return isRead ? static_cast<std::int64_t>(arrived) : -1;
     }
@@ -98,14 +98,14 @@ std::int64_t FSUtil::readAvailable(info::Logger& logger, IVolumeReader& reader, 
 int FSUtil::readFully(IVolumeReader& reader, void* buffer, std::size_t length, std::size_t& bytesRead) {
     auto* position = static_cast<std::byte*>(buffer);
     while (length > 0) {
-        const std::size_t wanted = std::min(length, longestRead);
-        const std::int64_t count = reader.read(position, wanted);
+        const std::size_t part = std::min(length, maxReadBytes);
+        const std::int64_t count = reader.read(position, part);
         if (count < 0) {
             return -1;
         }
         bytesRead += static_cast<std::size_t>(count);
-        position += wanted;
-        length -= wanted;
+        position += part;
+        length -= part;
     }
     return 0;
 }

@@ -12,7 +12,7 @@ namespace agent::core::fs {
 struct Feature {
     std::uint32_t bit;
     std::string_view name;
-    bool leavesTheMapAlone; ///< whether the map of used blocks means the same with this feature
+    bool keepsMapValid; ///< whether the map of used blocks means the same with this feature
 };
 
 /// A word of feature bits in a superblock.
@@ -24,6 +24,6 @@ struct FeatureWord {
 
 /// The features that are set and change the map or are unknown: the kind of each and its name or number,
 /// separated by commas. Empty if there are none.
-std::string strangeFeatures(std::initializer_list<FeatureWord> words);
+std::string unsupportedFeatures(std::initializer_list<FeatureWord> words);
 
 } // namespace agent::core::fs

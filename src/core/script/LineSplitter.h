@@ -11,13 +11,13 @@ namespace agent::core::script {
 /// part of the line.
 /// Owns:    the line that is still incomplete.
 /// Threads: one at a time.
-/// Fails:   never; a line is truncated at `longestLine`, because a script may print without any newline.
+/// Fails:   never; a line is truncated at `maxLineBytes`, because a script may print without any newline.
 class LineSplitter {
 public:
     using LineFunction = std::function<void(const std::string& line)>;
 
     /// In bytes. The rest of a longer line is dropped.
-    static constexpr std::size_t longestLine = std::size_t{64} * 1024;
+    static constexpr std::size_t maxLineBytes = std::size_t{64} * 1024;
 
     /// Calls `lineEnded` with each line that `piece` completes, without its newline.
     void add(std::string_view piece, const LineFunction& lineEnded);

@@ -42,18 +42,18 @@ std::string locate(const std::string& script) {
 /// checks as one file and run as another.
 void checkName(const std::string& script) {
     if (const std::size_t nul = script.find('\0'); nul != std::string::npos) {
-        throw info::Reasoned<std::runtime_error>(info::reason("script-refused"),
-                                                 "Quiesce script \"" + script.substr(0, nul) +
-                                                     "\" refused: its name goes on behind a NUL byte");
+        throw info::WithReason<std::runtime_error>(info::reason("script-refused"),
+                                                   "Quiesce script \"" + script.substr(0, nul) +
+                                                       "\" refused: its name goes on behind a NUL byte");
     }
 }
 
 /// Scripts run as root, so anybody who can change a script gets root's rights.
 void checkWriters(const std::string& path) {
     if (const std::string open = findForeignWriter(path); !open.empty()) {
-        throw info::Reasoned<std::runtime_error>(info::reason("script-refused"),
-                                                 "Quiesce script \"" + path +
-                                                     "\" refused: others than root can write " + open);
+        throw info::WithReason<std::runtime_error>(info::reason("script-refused"),
+                                                   "Quiesce script \"" + path +
+                                                       "\" refused: others than root can write " + open);
     }
 }
 
@@ -87,9 +87,9 @@ void Quiesce::runScript(const std::string& script, std::uint32_t timeoutSeconds,
     checkName(script);
     const std::string path = locate(script);
     if (!file::exists(path)) {
-        throw info::Reasoned<std::runtime_error>(info::reason("script-missing"),
-                                                 "Quiesce script \"" + path +
-                                                     "\" not found; it may have been moved or deleted");
+        throw info::WithReason<std::runtime_error>(info::reason("script-missing"),
+                                                   "Quiesce script \"" + path +
+                                                       "\" not found; it may have been moved or deleted");
     }
     checkWriters(path);
     const std::string mode = isPre ? "PRE" : "POST";
@@ -114,7 +114,7 @@ std::unique_ptr<ICommandStream> Quiesce::start(const std::string& commandLine) {
         const std::string message =
             "Failed to construct command execution stream, command \"" + commandLine + "\" failed";
         logger.log(info::level::error, info::reason("script-not-started"), "%s", message.c_str());
-        throw info::Reasoned<std::logic_error>(info::reason("script-not-started"), message);
+        throw info::WithReason<std::logic_error>(info::reason("script-not-started"), message);
     }
     return stream;
 }

@@ -27,7 +27,7 @@ using std::chrono::steady_clock;
 constexpr std::size_t readStep = 256;
 /// Limits one call of readAvailable, so that a child that prints without pause can't exhaust the memory or
 /// outlast the caller's time-out.
-constexpr std::size_t largestRead = std::size_t{1024} * 1024;
+constexpr std::size_t maxReadBytes = std::size_t{1024} * 1024;
 constexpr int nanosecondsPerMicrosecond = 1'000;
 
 /// The action of SIGCHLD before it was set to the default.
@@ -258,7 +258,7 @@ bool UnixCommandStream::readChar(char* byte) {
 
 /// Whether to read another step after a full one. Without an earlier `waitForOutput`, the next read may block
 /// without a time-out. If the poll fails, reading ends, and the next call reports the error.
-bool UnixCommandStream::mayReadOn() const noexcept {
+bool UnixCommandStream::canReadMore() const noexcept {
     if (!timeLeft) {
         return true;
     }
@@ -280,7 +280,8 @@ bool UnixCommandStream::readAvailable(std::string& out) {
                 return !out.empty();
             }
             out.append(step.data(), static_cast<std::size_t>(count));
-            if (static_cast<std::size_t>(count) < step.size() || out.size() >= largestRead || !mayReadOn()) {
+            if (static_cast<std::size_t>(count) < step.size() || out.size() >= maxReadBytes ||
+                !canReadMore()) {
                 return true;
             }
         }

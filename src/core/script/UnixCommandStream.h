@@ -47,7 +47,7 @@ private:
     };
 
     [[nodiscard]] bool isChild() const noexcept;
-    [[nodiscard]] bool mayReadOn() const noexcept;
+    [[nodiscard]] bool canReadMore() const noexcept;
 
     const bool killOnDestroy;
     os::FileDescriptor readFd;

@@ -13,7 +13,7 @@ namespace agent::core::iscsi {
 /// Fails:   never.
 class CommandWindow {
 public:
-    static constexpr std::uint32_t most = 64;
+    static constexpr std::uint32_t maxCommands = 64;
 
     [[nodiscard]] std::uint32_t size() const { return commands; }
     /// To be called when the target has refused a command while it had `others` other commands.
@@ -22,7 +22,7 @@ public:
     void grow();
 
 private:
-    std::uint32_t commands = most;
+    std::uint32_t commands = maxCommands;
 };
 
 } // namespace agent::core::iscsi

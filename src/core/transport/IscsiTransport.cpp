@@ -86,8 +86,8 @@ bool IscsiTransport::doConnect(bool withDiffMerge, bool retrying) {
             sleepBeforeRetry();
         }
     }
-    return giveUp(retrying ? "Iscsi target connect exceeded max retries. Aborting."
-                           : "Iscsi target connect failed. Aborting.");
+    return failConnect(retrying ? "Iscsi target connect exceeded max retries. Aborting."
+                                : "Iscsi target connect failed. Aborting.");
 }
 
 /// Creates the context and sets its options. The library must not reconnect by itself: `doConnect` and
@@ -95,31 +95,31 @@ bool IscsiTransport::doConnect(bool withDiffMerge, bool retrying) {
 bool IscsiTransport::prepareContext() {
     context.reset(iscsi_create_context(targetName.c_str()));
     if (!context) {
-        return giveUp("Failed to create iscsi context.");
+        return failConnect("Failed to create iscsi context.");
     }
     iscsi_set_tcp_user_timeout(context.get(), tcpUserTimeoutMilliseconds);
     iscsi_set_noautoreconnect(context.get(), 1);
     iscsi_set_reconnect_max_retries(context.get(), 0);
     if (iscsi_set_targetname(context.get(), targetName.c_str()) != 0) {
-        return giveUp("Failed to set iscsi target name.");
+        return failConnect("Failed to set iscsi target name.");
     }
     if (iscsi_set_session_type(context.get(), ISCSI_SESSION_NORMAL) != 0) {
-        return giveUp("Failed to set iscsi session type.");
+        return failConnect("Failed to set iscsi session type.");
     }
     if (iscsi_set_header_digest(context.get(), ISCSI_HEADER_DIGEST_NONE_CRC32C) != 0) {
-        return giveUp("Failed to set iscsi header digest.");
+        return failConnect("Failed to set iscsi header digest.");
     }
     if (iscsi_set_initiator_username_pwd(context.get(), user.c_str(), password.c_str()) != 0) {
-        return giveUp("Failed to set iscsi initiator username and password.");
+        return failConnect("Failed to set iscsi initiator username and password.");
     }
     if (iscsi_set_immediate_data(context.get(), ISCSI_IMMEDIATE_DATA_YES) != 0) {
-        return giveUp("Failed to set iscsi 'IMMEDIATE DATA' option. " + iscsi::errorOf(context));
+        return failConnect("Failed to set iscsi 'IMMEDIATE DATA' option. " + iscsi::errorOf(context));
     }
     if (iscsi_set_initial_r2t(context.get(), ISCSI_INITIAL_R2T_NO) != 0) {
-        return giveUp("Failed to set iscsi 'INITIAL R2T' option. " + iscsi::errorOf(context));
+        return failConnect("Failed to set iscsi 'INITIAL R2T' option. " + iscsi::errorOf(context));
     }
     if (iscsi_set_timeout(context.get(), commandTimeoutSeconds) != 0) {
-        return giveUp("Failed to set iscsi timeout.");
+        return failConnect("Failed to set iscsi timeout.");
     }
     return true;
 }
@@ -140,15 +140,16 @@ bool IscsiTransport::login(int attempt, bool isLast) {
 bool IscsiTransport::readCapacity() {
     const iscsi::Task task(iscsi_readcapacity16_sync(context.get(), lun));
     if (!iscsi::isGood(task)) {
-        return giveUp("Failed during iscsi read capacity command.");
+        return failConnect("Failed during iscsi read capacity command.");
     }
     // The task owns this structure.
     const auto* const capacity = static_cast<const scsi_readcapacity16*>(scsi_datain_unmarshall(task.get()));
     if (capacity == nullptr) {
-        return giveUp("Failed to unmarshall read capacity data.");
+        return failConnect("Failed to unmarshall read capacity data.");
     }
     if (capacity->block_length == 0 || capacity->block_length > maxBlockSize) {
-        return giveUp("Iscsi target has blocks of " + std::to_string(capacity->block_length) + " bytes.");
+        return failConnect("Iscsi target has blocks of " + std::to_string(capacity->block_length) +
+                           " bytes.");
     }
     blockSize = capacity->block_length;
     blockCount = capacity->returned_lba + 1;
@@ -161,7 +162,7 @@ bool IscsiTransport::readCapacity() {
     return true;
 }
 
-bool IscsiTransport::giveUp(const std::string& message) {
+bool IscsiTransport::failConnect(const std::string& message) {
     info::LogEntry(logger, info::level::error) << message;
     context.reset();
     return false;
@@ -204,7 +205,7 @@ std::int64_t IscsiTransport::write(const void* data, std::uint64_t length) {
                        length);
             return static_cast<std::int64_t>(length);
         }
-        if (returnTo(start, length) < 0) {
+        if (seekBack(start, length) < 0) {
             return -1;
         }
     }
@@ -232,7 +233,7 @@ bool IscsiTransport::isRemoteEqual(const void* data, std::uint64_t length) {
 
 // If the comparison couldn't read the whole block, it hasn't moved the position past it. The content of the
 // target isn't known then, so the write fails, although the log says that the block will be copied.
-std::int64_t IscsiTransport::returnTo(std::int64_t start, std::uint64_t length) {
+std::int64_t IscsiTransport::seekBack(std::int64_t start, std::uint64_t length) {
     if (position - static_cast<std::int64_t>(length) != start) {
         info::LogEntry(logger, info::level::error) << "Invalid seek position in remote target";
         return -1;

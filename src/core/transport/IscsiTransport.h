@@ -53,7 +53,7 @@ private:
     bool login(int attempt, bool isLast);
     bool readCapacity();
     /// Logs `message` and destroys the context. Always returns false.
-    bool giveUp(const std::string& message);
+    bool failConnect(const std::string& message);
 
     std::int64_t tryRead(std::uint64_t length, bool& failed, const iscsi::Transfer::Deliver& deliver);
     std::int64_t tryWrite(const void* data, std::uint64_t length, bool& failed);
@@ -64,7 +64,7 @@ private:
     /// Whether the remote bytes at the position equal `data`. Moves the position past them if they could all
     /// be read. Compares the bytes as they arrive, while others are still on the way.
     bool isRemoteEqual(const void* data, std::uint64_t length);
-    std::int64_t returnTo(std::int64_t start, std::uint64_t length);
+    std::int64_t seekBack(std::int64_t start, std::uint64_t length);
     /// The position on the LUN, in bytes; past the end of every LUN on overflow.
     [[nodiscard]] std::uint64_t firstByte() const;
     /// Whether a command can be sent now; if not, `errno` says why.

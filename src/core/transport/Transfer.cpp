@@ -16,7 +16,7 @@ namespace {
 
 constexpr int pollMilliseconds = 1000; ///< the interval of the checks for overdue commands
 
-bool isForWantOfRoom(int status) {
+bool isBusyOrFull(int status) {
     return status == SCSI_STATUS_BUSY || status == SCSI_STATUS_TASK_SET_FULL;
 }
 
@@ -26,12 +26,12 @@ std::uint32_t wholeBlocks(std::uint32_t bytes, std::uint32_t blockSize) {
 
 /// While it exists, TCP_CORK makes the socket send whole packets only. The library sends each header on its
 /// own, followed by as little data as the target accepts at once.
-class WholePackets {
+class CorkedSocket {
 public:
-    explicit WholePackets(int socket) : socket(socket) { set(1); }
-    WholePackets(const WholePackets&) = delete;
-    WholePackets& operator=(const WholePackets&) = delete;
-    ~WholePackets() { set(0); }
+    explicit CorkedSocket(int socket) : socket(socket) { set(1); }
+    CorkedSocket(const CorkedSocket&) = delete;
+    CorkedSocket& operator=(const CorkedSocket&) = delete;
+    ~CorkedSocket() { set(0); }
 
 private:
     /// If setsockopt fails, packets are merely smaller.
@@ -42,15 +42,15 @@ private:
 
 } // namespace
 
-Transfer::Transfer(const Unit& unit, CommandWindow& window, std::chrono::seconds patience)
-    : unit(unit), window(window), patience(patience) {}
+Transfer::Transfer(const Unit& unit, CommandWindow& window, std::chrono::seconds commandTimeout)
+    : unit(unit), window(window), commandTimeout(commandTimeout) {}
 
 bool Transfer::read(std::uint64_t lba, std::uint64_t asked, std::uint64_t length, const Deliver& to) {
     firstBlock = lba;
     total = asked;
     commandBytes = wholeBlocks(readBytes, unit.blockSize);
     deliver = &to;
-    wanted = length;
+    bytesToDeliver = length;
     return run();
 }
 
@@ -63,9 +63,9 @@ bool Transfer::write(std::uint64_t lba, const unsigned char* from, std::uint64_t
 }
 
 bool Transfer::run() {
-    while (underWay > 0 || hasMore()) {
-        if (!sendWhatFits() || !serve()) {
-            abandon();
+    while (inFlight > 0 || hasMore()) {
+        if (!sendWhatFits() || !pollOnce()) {
+            cancelCommands();
             return false;
         }
     }
@@ -80,7 +80,7 @@ bool Transfer::hasMore() const {
 }
 
 bool Transfer::sendWhatFits() {
-    while (underWay < window.size()) {
+    while (inFlight < window.size()) {
         Command* const command = nextCommand();
         if (command == nullptr) {
             return true;
@@ -117,13 +117,13 @@ Transfer::Command* Transfer::find(State state) {
 
 bool Transfer::send(Command& command) {
     command.state = State::sent;
-    command.isAlone = underWay == 0 && (window.size() == 1 || !hasMore());
-    command.deadline = Clock::now() + patience;
+    command.isAlone = inFlight == 0 && (window.size() == 1 || !hasMore());
+    command.deadline = Clock::now() + commandTimeout;
     command.task = makeTask(command);
     if (!command.task) {
         return false;
     }
-    ++underWay;
+    ++inFlight;
     return true;
 }
 
@@ -142,13 +142,13 @@ Task Transfer::makeTask(Command& command) {
 }
 
 /// Waits until the session's socket is ready, and lets the library process it.
-bool Transfer::serve() {
+bool Transfer::pollOnce() {
     pollfd session{iscsi_get_fd(unit.context), static_cast<short>(iscsi_which_events(unit.context)), 0};
     const int ready = ::poll(&session, 1, pollMilliseconds);
     if (ready < 0 && errno != EINTR) {
         return false;
     }
-    const WholePackets packets(session.fd);
+    const CorkedSocket corked(session.fd);
     return iscsi_service(unit.context, ready > 0 ? session.revents : 0) >= 0 && !hasFailed && !isOverdue();
 }
 
@@ -161,7 +161,7 @@ bool Transfer::isOverdue() const {
 }
 
 /// Cancels all commands, because the memory that they refer to won't exist any more when answers arrive.
-void Transfer::abandon() {
+void Transfer::cancelCommands() {
     hasFailed = true;
     iscsi_scsi_cancel_all_tasks(unit.context);
 }
@@ -169,16 +169,16 @@ void Transfer::abandon() {
 /// Called by the library, during one of its calls above.
 void Transfer::onAnswer(iscsi_context* /*context*/, int status, void* /*data*/, void* command) {
     auto& answered = *static_cast<Command*>(command);
-    answered.transfer->take(answered, status);
+    answered.transfer->onCommandDone(answered, status);
 }
 
-void Transfer::take(Command& command, int status) {
+void Transfer::onCommandDone(Command& command, int status) {
     const Task task = std::move(command.task);
-    --underWay;
+    --inFlight;
     command.state = State::idle;
-    if (isForWantOfRoom(status) && !command.isAlone) {
+    if (isBusyOrFull(status) && !command.isAlone) {
         command.state = State::refused;
-        window.shrink(underWay);
+        window.shrink(inFlight);
         wasRefused = true;
     } else if (status != SCSI_STATUS_GOOD || !handOver(command, *task)) {
         hasFailed = true;
@@ -187,10 +187,10 @@ void Transfer::take(Command& command, int status) {
 
 /// Delivers the data of a read. False if the target reports success but has sent less data than requested.
 bool Transfer::handOver(const Command& command, const scsi_task& task) {
-    if (deliver == nullptr || command.offset >= wanted) {
-        return true; // a write, or the part of the last block past the wanted bytes
+    if (deliver == nullptr || command.offset >= bytesToDeliver) {
+        return true; // a write, or the part of the last block past the bytes to deliver
     }
-    const std::uint64_t length = std::min<std::uint64_t>(command.bytes, wanted - command.offset);
+    const std::uint64_t length = std::min<std::uint64_t>(command.bytes, bytesToDeliver - command.offset);
     const scsi_data& data = task.datain;
     if (data.size < 0 || static_cast<std::uint64_t>(data.size) < length) {
         return false;

@@ -40,7 +40,7 @@ public:
     static constexpr std::uint32_t readBytes = 128U << 10U;
 
     Transfer(const Unit& unit, CommandWindow& window,
-             std::chrono::seconds patience = std::chrono::minutes{1});
+             std::chrono::seconds commandTimeout = std::chrono::minutes{1});
 
     /// Reads `asked` bytes, which are whole blocks, from block `lba` on, and delivers the first `length`
     /// bytes in pieces, as they arrive and in any order.
@@ -70,24 +70,24 @@ private:
     Command* find(State state);
     bool send(Command& command);
     Task makeTask(Command& command);
-    bool serve();
+    bool pollOnce();
     [[nodiscard]] bool isOverdue() const;
-    void abandon();
+    void cancelCommands();
     static void onAnswer(iscsi_context* context, int status, void* data, void* command);
-    void take(Command& command, int status);
+    void onCommandDone(Command& command, int status);
     bool handOver(const Command& command, const scsi_task& task);
 
     Unit unit;
     CommandWindow& window;
-    const std::chrono::seconds patience;
-    std::array<Command, CommandWindow::most> commands;
-    std::uint32_t underWay = 0;
+    const std::chrono::seconds commandTimeout;
+    std::array<Command, CommandWindow::maxCommands> commands;
+    std::uint32_t inFlight = 0;
     std::uint64_t firstBlock = 0;
     std::uint64_t total = 0; ///< how many bytes to request or write
     std::uint32_t commandBytes = 0;
     std::uint64_t begun = 0;               ///< how many bytes have been assigned to commands
     const Deliver* deliver = nullptr;      ///< null for a write
-    std::uint64_t wanted = 0;              ///< how many bytes of a read to deliver
+    std::uint64_t bytesToDeliver = 0;      ///< how many bytes of a read to deliver
     const unsigned char* source = nullptr; ///< null for a read
     bool wasRefused = false;
     bool hasFailed = false;

@@ -18,7 +18,7 @@ namespace agent::core {
 
 namespace {
 
-constexpr std::uint64_t largestPiece = std::uint64_t{4} << 20U;
+constexpr std::uint64_t maxPieceBytes = std::uint64_t{4} << 20U;
 constexpr int fromTheStart = 0;
 constexpr int fromThePosition = 1;
 constexpr unsigned long compareFlag = 1;
@@ -128,7 +128,7 @@ std::int64_t ZephaneFTPTransport::write(const void* data, std::uint64_t length) 
 std::int64_t ZephaneFTPTransport::forEachPiece(std::uint64_t length, const PieceOperation& operation) {
     std::uint64_t done = 0;
     while (done < length) {
-        const std::uint64_t size = std::min(length - done, largestPiece);
+        const std::uint64_t size = std::min(length - done, maxPieceBytes);
         const std::int64_t count = operation(done, size);
         if (count != static_cast<std::int64_t>(size)) {
             return static_cast<std::int64_t>(done) + count;

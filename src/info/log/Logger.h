@@ -19,8 +19,8 @@ namespace agent::info {
 /// Both accept a reason after the level.
 class Logger {
 public:
-    /// `wanted` tells which levels reach any output. Without it, every level does.
-    explicit Logger(PrinterFunction printer, LevelFunction wanted = {});
+    /// `isLevelEnabled` tells which levels reach any output. Without it, every level does.
+    explicit Logger(PrinterFunction printer, LevelFunction isLevelEnabled = {});
 
     /// Formats a line and delivers it. Returns an empty entry with the same logger and level.
     [[gnu::format(printf, 3, 4)]] LogEntry log(int level, const char* format, ...);
@@ -39,7 +39,7 @@ public:
 
 private:
     PrinterFunction printer;
-    LevelFunction wanted;
+    LevelFunction isLevelEnabled;
     std::shared_ptr<os::Mutex> mutex; // serialises the printer tree; shared by all copies of this logger
 };
 

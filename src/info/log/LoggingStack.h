@@ -2,13 +2,13 @@
 
 #include "info/log/DateDecorator.h"
 #include "info/log/DecoratedPrinter.h"
+#include "info/log/EscapingPrinter.h"
 #include "info/log/FailsafePrinter.h"
 #include "info/log/FilePrinter.h"
 #include "info/log/FilteredPrinter.h"
 #include "info/log/Logger.h"
 #include "info/log/MultiDecorator.h"
 #include "info/log/MultiPrinter.h"
-#include "info/log/PrintablePrinter.h"
 #include "info/log/ScreenPrinter.h"
 #include "info/log/StoredLevelFilter.h"
 #include "info/log/SystemPrinter.h"
@@ -52,7 +52,7 @@ private:
     ScreenPrinter screenPrinter;
     MultiPrinter multiPrinter;
     DecoratedPrinter decoratedPrinter;
-    PrintablePrinter printablePrinter;
+    EscapingPrinter escapingPrinter;
 
 public:
     Logger logger;
@@ -61,7 +61,7 @@ private:
     FilteredPrinter securityFilteredPrinter;
     MultiPrinter securityMultiPrinter;
     DecoratedPrinter securityDecoratedPrinter;
-    PrintablePrinter securityPrintablePrinter;
+    EscapingPrinter securityEscapingPrinter;
 
 public:
     Logger securityLogger;

@@ -228,7 +228,7 @@ std::string markOf(const Reason& reason);
 /// The reason whose mark is at the end of a message or a line, with or without a newline; null if there is no
 /// known mark. A peer or a script may have put a mark into its own text, so the result is only a hint: base
 /// no decision on it.
-const Reason* reasonOf(std::string_view text);
+const Reason* findReason(std::string_view text);
 
 /// Base class of exceptions that carry a reason for the code that catches and logs them.
 /// Owns:    nothing; reasons are constants.
@@ -248,10 +248,10 @@ public:
 
 /// An exception of type `Error` that carries a reason.
 template <typename Error>
-class Reasoned : public Error, public HasReason {
+class WithReason : public Error, public HasReason {
 public:
     template <typename... Arguments>
-    explicit Reasoned(const Reason& reason, Arguments&&... arguments)
+    explicit WithReason(const Reason& reason, Arguments&&... arguments)
         : Error(std::forward<Arguments>(arguments)...), HasReason(reason) {}
 };
 

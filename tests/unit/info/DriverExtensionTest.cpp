@@ -83,14 +83,14 @@ TEST_F(DriverExtensionTest, SnapshotIsWhatTheLibrarySays) {
 }
 
 TEST_F(DriverExtensionTest, OwnFilesUpToTheEndOfTheList) {
-    EXPECT_THAT(extension.getOwnFiles(), testing::ElementsAre(".one", ".two"));
+    EXPECT_THAT(extension.getDriverFiles(), testing::ElementsAre(".one", ".two"));
 }
 
 TEST_F(DriverExtensionTest, RoomOrAnError) {
-    EXPECT_EQ(extension.getRoom("/dev/sda1"), 77U);
+    EXPECT_EQ(extension.getSnapshotSpace("/dev/sda1"), 77U);
     EXPECT_EQ(asked, "room /dev/sda1");
     fail(ENXIO);
-    EXPECT_THROW(static_cast<void>(extension.getRoom("/dev/sda1")), PosixError);
+    EXPECT_THROW(static_cast<void>(extension.getSnapshotSpace("/dev/sda1")), PosixError);
 }
 
 } // namespace

@@ -85,8 +85,8 @@ TEST_F(DriverInfoProviderTest, KernelsFilesUnlessALibraryNamesOthers) {
 TEST_F(DriverInfoProviderTest, KernelDriversLibraryHasNothingToAdd) {
     const DriverExtension extension;
     EXPECT_EQ(extension.checkSnapshot(0), 0);
-    EXPECT_TRUE(extension.getOwnFiles().empty());
-    EXPECT_EQ(extension.getRoom("/dev/sda1"), 0U);
+    EXPECT_TRUE(extension.getDriverFiles().empty());
+    EXPECT_EQ(extension.getSnapshotSpace("/dev/sda1"), 0U);
 }
 
 } // namespace

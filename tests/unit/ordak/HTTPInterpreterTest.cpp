@@ -258,7 +258,7 @@ TEST_F(HTTPInterpreterTest, ExceptionsAreAnswers) {
 /// A request body may be part of an error message. Neither the log nor the response may contain all of it.
 TEST_F(HTTPInterpreterTest, LongTextsAreCut) {
     const std::string endless(1'000'000, 'x');
-    const std::string cut = std::string(longestPeerText, 'x') + "... (1000000 bytes)";
+    const std::string cut = std::string(maxPeerTextBytes, 'x') + "... (1000000 bytes)";
     interpreter.setCallback(
         APICall::backup, [](const std::string& body) -> APIResponse { throw exception::bad_request(body); });
     interpreter.setCallback(APICall::configSet,

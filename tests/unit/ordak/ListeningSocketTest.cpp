@@ -70,7 +70,7 @@ TEST(ListeningSocketTest, TakenBackItIsClosed) {
     const std::size_t before = test::openDescriptors();
     ListeningSocket socket(port);
     errno = EMFILE;
-    socket.takeBack();
+    socket.closeIfStillOpen();
     EXPECT_EQ(errno, EMFILE);
     EXPECT_EQ(test::openDescriptors(), before);
 }
@@ -85,7 +85,7 @@ TEST(ListeningSocketTest, DescriptorOfAnotherIsLeftAlone) {
                                                 : ::open("/dev/null", O_RDONLY | O_CLOEXEC));
         ASSERT_EQ(::dup3(other.get(), number, O_CLOEXEC), number);
         const os::FileDescriptor reused(number);
-        socket.takeBack();
+        socket.closeIfStillOpen();
         EXPECT_TRUE(isOpen(number));
     }
 }

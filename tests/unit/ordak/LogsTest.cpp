@@ -264,9 +264,9 @@ TEST_F(LogsTest, HugeLinesAreCut) {
     writeToday(line("first") + huge + "\n" + huge + "\n" + line(huge) + line("last"));
     const std::vector<std::string> found = messages();
     ASSERT_EQ(found.size(), 3U);
-    EXPECT_EQ(found[0].size(), LogEntries::longestMessage);
-    EXPECT_LE(found[1].size(), LogFileReader::longestLine);
-    EXPECT_GT(found[1].size(), LogFileReader::longestLine - 100);
+    EXPECT_EQ(found[0].size(), LogEntries::maxMessageBytes);
+    EXPECT_LE(found[1].size(), LogFileReader::maxLineBytes);
+    EXPECT_GT(found[1].size(), LogFileReader::maxLineBytes - 100);
     EXPECT_EQ(found[2], "last");
 }
 
@@ -307,7 +307,7 @@ TEST_F(LogsTest, SurvivesHostileArguments) {
 
 TEST(LogEntriesTest, OldestEntriesMakeWayForBytes) {
     LogEntries entries(10'000);
-    const std::string big(LogEntries::longestMessage, 'x');
+    const std::string big(LogEntries::maxMessageBytes, 'x');
     for (int i = 0; i < 40; ++i) {
         entries.addLine({big, i, 0});
         entries.addError(big);
@@ -320,7 +320,7 @@ TEST(LogEntriesTest, OldestEntriesMakeWayForBytes) {
 
 TEST(LogEntriesTest, ContinuationsCountToo) {
     LogEntries entries(10'000);
-    const std::string big(LogEntries::longestMessage, 'x');
+    const std::string big(LogEntries::maxMessageBytes, 'x');
     for (int i = 0; i < 40; ++i) {
         entries.addLine({"", i, 0});
         EXPECT_TRUE(entries.continueLine(big));

@@ -3,7 +3,7 @@
 #include "common/Exceptions.h"
 #include "core/fs/LoggedBuffer.h"
 #include "info/HumanSize.h"
-#include "info/log/LogTurn.h"
+#include "info/log/LogGate.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -47,10 +47,10 @@ void CopyChunkRanges::execute() {
     try {
         copy(second, writing);
     } catch (...) {
-        writing.settle(); // throws if the write of the previous chunk failed, because that happened first
+        writing.waitOrThrow(); // a failed write of the previous chunk happened first, so that is thrown
         throw;
     }
-    writing.settle();
+    writing.waitOrThrow();
     logger.log(info::level::debug, "Total bytes copied is %lu (%s)", total,
                info::formatHumanSize(total).c_str());
 }
@@ -58,7 +58,7 @@ void CopyChunkRanges::execute() {
 /// Returns when the last write has begun. Log lines about reading a chunk wait until the previous chunk has
 /// been written, and are dropped if that write failed.
 void CopyChunkRanges::copy(AlignedBuffer& second, WriteBehind& writing) {
-    const info::LogTurn turn([&] { return writing.isWritten(); });
+    const info::LogGate gate([&] { return writing.waitUntilWritten(); });
     AlignedBuffer* free = &buffer;
     for (block::BlockRangeIterator range = provider->begin(); range != provider->end(); ++range) {
         cancel.check();
@@ -82,30 +82,30 @@ Chunk CopyChunkRanges::readChunk(const BlockRange& range, AlignedBuffer& into) {
         throw std::logic_error("A chunk to copy is larger than the buffer for it!");
     }
     if (reader.seek(offset, SEEK_SET) == -1) {
-        throw info::Reasoned<std::runtime_error>(info::reason("volume-unreadable"),
-                                                 "Failed to seek to the read offset!");
+        throw info::WithReason<std::runtime_error>(info::reason("volume-unreadable"),
+                                                   "Failed to seek to the read offset!");
     }
     const std::int64_t bytesRead = reader.read(into.data(), length);
     if (bytesRead == -1) {
         logger.log(info::level::error, info::reason("volume-unreadable"),
                    "Failed to read the chunk at offset %ld", offset);
-        throw info::Reasoned<std::runtime_error>(info::reason("volume-unreadable"),
-                                                 "Failed to read the chunk!");
+        throw info::WithReason<std::runtime_error>(info::reason("volume-unreadable"),
+                                                   "Failed to read the chunk!");
     }
     return {offset, into.data(), static_cast<std::uint64_t>(bytesRead)};
 }
 
 void CopyChunkRanges::writeChunk(const Chunk& chunk) {
     if (writer->seek(chunk.offset, SEEK_SET) == -1) {
-        throw info::Reasoned<exception::transport_connection_error>(info::reason("image-too-small"),
-                                                                    "Failed to seek to the write offset!");
+        throw info::WithReason<exception::transport_connection_error>(info::reason("image-too-small"),
+                                                                      "Failed to seek to the write offset!");
     }
     const std::int64_t written = writer->write(chunk.bytes, chunk.length);
     if (written < static_cast<std::int64_t>(chunk.length)) {
         const info::Reason& reason = whyNotWritten(written);
         logger.log(info::level::error, reason, "Failed to write the chunk! (%ld bytes written out of %lu)",
                    written, chunk.length);
-        throw info::Reasoned<exception::transport_connection_error>(reason, "Failed to write the chunk!");
+        throw info::WithReason<exception::transport_connection_error>(reason, "Failed to write the chunk!");
     }
 }
 

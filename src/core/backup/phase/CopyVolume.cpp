@@ -46,19 +46,19 @@ public:
     void transfer(bool isIncremental) {
         std::unique_ptr<fs::IBlockBitmapChunkProvider> usedBlocks = fileSystems.create();
         if (!usedBlocks) {
-            sayWhatItMayBe();
-            throw info::Reasoned<std::runtime_error>(info::reason("file-system-unsupported"),
-                                                     "File system not recognized for " + phase.uuid);
+            logNearMiss();
+            throw info::WithReason<std::runtime_error>(info::reason("file-system-unsupported"),
+                                                       "File system not recognized for " + phase.uuid);
         }
-        const bool isWhole = !hasBlocksOf(*usedBlocks);
+        const bool copiesEveryBlock = !hasVolumeBlockSize(*usedBlocks);
         Phases phases =
-            list(std::make_unique<CreateChunkRangeProvider>(source(isIncremental, isWhole), provider, ranges,
-                                                            fileSystems, maxBlocksPerChunk),
+            list(std::make_unique<CreateChunkRangeProvider>(source(isIncremental, copiesEveryBlock), provider,
+                                                            ranges, fileSystems, maxBlocksPerChunk),
                  std::make_unique<CalculateTransferSize>(phase.logger, phase.uuid, phase.volume->getSize(),
                                                          blockSize, phase.status, provider),
                  std::make_unique<CopyChunkRanges>(phase.logger, phase.uuid, reader, writer, provider,
                                                    blockSize, buffer, phase.status, phase.cancel));
-        if (!isWhole && canPunchHoles()) {
+        if (!copiesEveryBlock && canPunchHoles()) {
             phases.push_back(
                 std::make_unique<PunchHoles>(phase.session.getTransport(phase.uuid),
                                              ranges.createUnusedExcluder(std::move(usedBlocks), false),
@@ -81,7 +81,7 @@ private:
     void run(const Phases& phases) { PhaseRunner(phase.logger, phases).run(phase.cancel); }
 
     /// Logs which file system a volume may have if no parser recognises it.
-    void sayWhatItMayBe() {
+    void logNearMiss() {
         const std::string nearMiss = fileSystems.nearMiss();
         if (!nearMiss.empty()) {
             info::LogEntry(phase.logger, info::level::error, info::reason("file-system-unsupported"))
@@ -92,7 +92,7 @@ private:
     /// Whether the map has the volume's block size, which comes from the volume's mount point. The two differ
     /// if another file system is mounted over that mount point, or if the kernel reports smaller blocks than
     /// the file system has.
-    [[nodiscard]] bool hasBlocksOf(const fs::IBlockBitmapChunkProvider& map) const {
+    [[nodiscard]] bool hasVolumeBlockSize(const fs::IBlockBitmapChunkProvider& map) const {
         const std::uint32_t found = map.getBlockSize();
         if (found == 0 || blockSize == 0 || found == blockSize) {
             return true; // code that needs the block size refuses an unknown one
@@ -104,11 +104,11 @@ private:
         return false;
     }
 
-    [[nodiscard]] CreateChunkRangeProvider::Source source(bool isIncremental, bool isWhole) const {
+    [[nodiscard]] CreateChunkRangeProvider::Source source(bool isIncremental, bool copiesEveryBlock) const {
         // Rounded up to the last byte: the file system may use a tail that is no whole block of this size.
-        const std::uint64_t blocks =
-            isWhole ? (phase.volume->getSize() + blockSize - 1) / blockSize : phase.volume->getBlockCount();
-        return {snapshot.incrementalBitmap, snapshot.excludedFiles, blocks, isIncremental, isWhole};
+        const std::uint64_t blocks = copiesEveryBlock ? (phase.volume->getSize() + blockSize - 1) / blockSize
+                                                      : phase.volume->getBlockCount();
+        return {snapshot.incrementalBitmap, snapshot.excludedFiles, blocks, isIncremental, copiesEveryBlock};
     }
 
     [[nodiscard]] bool canPunchHoles() const {
@@ -176,16 +176,16 @@ void CopyVolume::transfer(Copy& copy, const VolumeSnapshotInfo& snapshot, std::u
     try {
         copy.transfer(type == INCREMENTAL);
     } catch (...) {
-        isIntact(snapshot); // called for its log line: a broken snapshot explains the failure
+        checkSnapshot(snapshot); // called for its log line: a broken snapshot explains the failure
         throw;
     }
-    if (!isIntact(snapshot)) {
-        throw info::Reasoned<std::runtime_error>(info::reason("snapshot-lost"),
-                                                 "The snapshot has not lasted for its copy!");
+    if (!checkSnapshot(snapshot)) {
+        throw info::WithReason<std::runtime_error>(info::reason("snapshot-lost"),
+                                                   "The snapshot has not lasted for its copy!");
     }
 }
 
-bool CopyVolume::isIntact(const VolumeSnapshotInfo& snapshot) {
+bool CopyVolume::checkSnapshot(const VolumeSnapshotInfo& snapshot) {
     const int failure = snapshot.check ? snapshot.check() : 0;
     if (failure == 0) {
         return true;

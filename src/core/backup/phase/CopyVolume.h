@@ -43,7 +43,7 @@ private:
     void withdrawChecksum(std::uint32_t type);
     /// Whether the data read from the snapshot can be relied on. If not, logs an error for the administrator
     /// and sets the status for the appliance.
-    bool isIntact(const VolumeSnapshotInfo& snapshot);
+    bool checkSnapshot(const VolumeSnapshotInfo& snapshot);
     void registerImage();
 
     info::Logger& logger;

@@ -25,7 +25,7 @@ public:
         std::vector<std::string> excludedFiles;
         std::uint64_t totalBlocks = 0;
         bool isIncremental = false;
-        bool isWhole = false; ///< copy every block, because the block size can't be trusted
+        bool copiesEveryBlock = false; ///< copy every block, because the block size can't be trusted
     };
 
     /// Fills `provider`.

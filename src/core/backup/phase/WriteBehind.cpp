@@ -10,9 +10,9 @@ namespace {
 
 /// Blocks signals for a thread that is started while the object exists, so that the process's other threads
 /// keep handling them. The signals of a thread's own faults stay unblocked.
-class SignalsOfOthers {
+class NonFaultSignalsBlocked {
 public:
-    SignalsOfOthers() {
+    NonFaultSignalsBlocked() {
         sigset_t others;
         sigfillset(&others);
         for (const int own : {SIGILL, SIGABRT, SIGBUS, SIGFPE, SIGSEGV, SIGSYS}) {
@@ -20,9 +20,9 @@ public:
         }
         pthread_sigmask(SIG_BLOCK, &others, &previous);
     }
-    SignalsOfOthers(const SignalsOfOthers&) = delete;
-    SignalsOfOthers& operator=(const SignalsOfOthers&) = delete;
-    ~SignalsOfOthers() { pthread_sigmask(SIG_SETMASK, &previous, nullptr); }
+    NonFaultSignalsBlocked(const NonFaultSignalsBlocked&) = delete;
+    NonFaultSignalsBlocked& operator=(const NonFaultSignalsBlocked&) = delete;
+    ~NonFaultSignalsBlocked() { pthread_sigmask(SIG_SETMASK, &previous, nullptr); }
 
 private:
     sigset_t previous{};
@@ -44,7 +44,7 @@ WriteBehind::~WriteBehind() {
 }
 
 void WriteBehind::begin(const Chunk& chunk) {
-    settle();
+    waitOrThrow();
     if (!std::exchange(isStarted, true)) {
         start();
     }
@@ -53,27 +53,27 @@ void WriteBehind::begin(const Chunk& chunk) {
         return;
     }
     const os::Lock lock(mutex);
-    underWay = chunk;
+    pending = chunk;
     changed.notify_all();
 }
 
-void WriteBehind::settle() {
-    if (!isWritten()) {
+void WriteBehind::waitOrThrow() {
+    if (!waitUntilWritten()) {
         const os::Lock lock(mutex);
         std::rethrow_exception(std::exchange(failure, nullptr));
     }
 }
 
-bool WriteBehind::isWritten() {
+bool WriteBehind::waitUntilWritten() {
     os::Lock lock(mutex);
-    while (underWay) {
+    while (pending) {
         lock.wait(changed);
     }
     return !failure;
 }
 
 void WriteBehind::start() {
-    const SignalsOfOthers inherited;
+    const NonFaultSignalsBlocked signalsBlocked;
     try {
         thread = std::thread([this] { work(); });
     } catch (const std::system_error&) { // NOLINT(bugprone-empty-catch): slower without, but no worse
@@ -83,18 +83,18 @@ void WriteBehind::start() {
 void WriteBehind::work() {
     os::Lock lock(mutex);
     while (true) {
-        while (!underWay && !isStopped) {
+        while (!pending && !isStopped) {
             lock.wait(changed);
         }
-        if (!underWay) {
+        if (!pending) {
             return;
         }
-        const Chunk chunk = *underWay;
+        const Chunk chunk = *pending;
         lock.unlock();
         const std::exception_ptr thrown = tryWrite(chunk);
         lock.lock();
         failure = thrown;
-        underWay.reset();
+        pending.reset();
         changed.notify_all();
     }
 }

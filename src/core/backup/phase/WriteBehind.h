@@ -21,9 +21,9 @@ struct Chunk {
 
 /// Writes a chunk of a volume while the caller reads the next one. Only one write is in progress at a time.
 /// Owns:    a thread. If the thread can't be created, `begin` writes each chunk itself.
-/// Threads: one caller. After `begin`, the object's thread uses whatever `write` refers to, until `settle`
-///          returns.
-/// Fails:   the next `begin` or `settle` throws what writing a chunk threw.
+/// Threads: one caller. After `begin`, the object's thread uses whatever `write` refers to, until
+///          `waitOrThrow` returns.
+/// Fails:   the next `begin` or `waitOrThrow` throws what writing a chunk threw.
 class WriteBehind {
 public:
     using Write = std::function<void(const Chunk& chunk)>;
@@ -34,13 +34,13 @@ public:
     /// Waits for the write in progress. A failure that hasn't been thrown by then is lost.
     ~WriteBehind();
 
-    /// Waits for the previous write like `settle`, then starts to write `chunk`, whose bytes must stay valid
-    /// until the next `begin` or `settle`.
+    /// Waits for the previous write like `waitOrThrow`, then starts to write `chunk`, whose bytes must stay
+    /// valid until the next `begin` or `waitOrThrow`.
     void begin(const Chunk& chunk);
     /// Waits until no write is in progress, and throws if the last one failed.
-    void settle();
+    void waitOrThrow();
     /// Waits until no write is in progress. False if the last one failed; doesn't throw.
-    bool isWritten();
+    bool waitUntilWritten();
 
 private:
     void start();
@@ -50,7 +50,7 @@ private:
     const Write write;
     os::Mutex mutex;
     std::condition_variable changed;
-    std::optional<Chunk> underWay GUARDED_BY(mutex);
+    std::optional<Chunk> pending GUARDED_BY(mutex);
     std::exception_ptr failure GUARDED_BY(mutex);
     bool isStopped GUARDED_BY(mutex) = false;
     bool isStarted = false;

@@ -16,7 +16,7 @@ namespace super_block = ext_layout::super_block;
 namespace descriptor = ext_layout::descriptor;
 
 constexpr std::uint64_t byteBits = 8;
-constexpr std::uint64_t longestRead = 1024UL * 1024; // bytes of descriptors, or of adjacent bitmaps
+constexpr std::uint64_t maxReadBytes = 1024UL * 1024; // bytes of descriptors, or of adjacent bitmaps
 
 } // namespace
 
@@ -49,7 +49,7 @@ std::int64_t EXTParserImpl::getBitmapChunk(std::uint64_t startBlock, std::uint8_
     if (buffer == nullptr) {
         return fail("Invalid bitmap buffer");
     }
-    if (const std::string reason = super.objection(); !reason.empty()) {
+    if (const std::string reason = super.whyUnusable(); !reason.empty()) {
         return fail(reason);
     }
     clearMap(buffer, bufferBytes);
@@ -66,9 +66,10 @@ bool EXTParserImpl::readDescriptors(GroupBitmaps& bitmaps) {
     const std::uint64_t position = (super.firstDataBlock + std::uint64_t{1}) * super.blockSize();
     const std::uint64_t stride = super.stride();
     const std::uint64_t length = stride * super.groupCount();
-    std::vector<std::uint8_t> piece(std::min(length, longestRead)); // whole descriptors: both are powers of 2
+    std::vector<std::uint8_t> piece(
+        std::min(length, maxReadBytes)); // whole descriptors: both are powers of 2
     for (std::uint64_t done = 0; done < length; done += piece.size()) {
-        piece.resize(std::min(length - done, longestRead));
+        piece.resize(std::min(length - done, maxReadBytes));
         if (!FSUtil::readExactly(logger, reader, sectorSize, position + done, piece.data(), piece.size())) {
             return false;
         }
@@ -92,7 +93,7 @@ EXTParserImpl::GroupBitmap EXTParserImpl::decode(Bytes bytes) const {
 
 /// A bitmap can't be the boot block or the superblock, and can't lie outside the file system.
 bool EXTParserImpl::isPlausible(const GroupBitmap& bitmap) const {
-    return bitmap.block > super.firstDataBlock && !bitmap.isOutOfReach &&
+    return bitmap.block > super.firstDataBlock && !bitmap.exceeds32Bits &&
            (bitmap.block < super.blockCount || super.blockCountHigh != 0);
 }
 
@@ -129,8 +130,8 @@ std::int64_t EXTParserImpl::copyGroups(const GroupBitmaps& bitmaps, const UsedMa
 /// most bitmaps are adjacent.
 const std::uint8_t* EXTParserImpl::bitmapOf(const GroupBitmaps& bitmaps, std::uint64_t group) {
     if (maps.empty()) {
-        maps =
-            createLoggedBuffer(std::min(longestRead, bitmaps.size() * super.blockSize()), sectorSize, logger);
+        maps = createLoggedBuffer(std::min(maxReadBytes, bitmaps.size() * super.blockSize()), sectorSize,
+                                  logger);
     }
     if (group >= endRead) {
         firstRead = group;
@@ -157,10 +158,11 @@ EXTParserImpl::Stretch EXTParserImpl::stretchOf(std::uint64_t group, std::uint64
 /// How many groups, starting with `group`, have their bitmaps in adjacent blocks, as far as one read can
 /// take.
 std::uint64_t EXTParserImpl::neighbours(const GroupBitmaps& bitmaps, std::uint64_t group) const {
-    const std::uint64_t most =
-        std::min<std::uint64_t>(bitmaps.size() - group, longestRead / super.blockSize());
+    const std::uint64_t maxGroups =
+        std::min<std::uint64_t>(bitmaps.size() - group, maxReadBytes / super.blockSize());
     std::uint64_t count = 1;
-    while (count < most && !bitmaps[group + count].uninitialized && isPlausible(bitmaps[group + count]) &&
+    while (count < maxGroups && !bitmaps[group + count].uninitialized &&
+           isPlausible(bitmaps[group + count]) &&
            bitmaps[group + count].block == bitmaps[group].block + count) {
         ++count;
     }

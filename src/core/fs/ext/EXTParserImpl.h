@@ -32,7 +32,7 @@ private:
         std::uint32_t inodeBitmap; ///< a block number, like inodeTable
         std::uint32_t inodeTable;
         bool uninitialized;
-        bool isOutOfReach; ///< the bitmap's block number has more than 32 bits
+        bool exceeds32Bits; ///< the bitmap's block number has more than 32 bits
     };
     using GroupBitmaps = std::vector<GroupBitmap>;
 

@@ -47,7 +47,7 @@ EXTSuperBlock EXTSuperBlock::decode(Bytes bytes) {
 
 /// A volume that is refused here is copied completely. A map that is read wrongly would leave out used
 /// blocks.
-std::string EXTSuperBlock::objection() const {
+std::string EXTSuperBlock::whyUnusable() const {
     if (hasRoCompat(layout::featureBigAlloc)) {
         return "EXT bitmaps of clusters are not supported";
     }

@@ -12,18 +12,18 @@ namespace agent::core::fs {
 /// The fields that are read from the superblock of ext2, ext3 and ext4, and the values derived from them.
 /// Owns:    copies of the fields.
 /// Threads: a plain value; const calls are safe from any thread.
-/// Fails:   never. The derived values are only reliable if `objection` returns an empty string.
+/// Fails:   never. The derived values are only reliable if `whyUnusable` returns an empty string.
 struct EXTSuperBlock {
     /// Decodes the bytes of a superblock, whose magic number the caller has checked.
     static EXTSuperBlock decode(Bytes bytes);
 
     /// Why the superblock isn't plausible, or why its bitmaps can't be read; empty if all is well.
-    [[nodiscard]] std::string objection() const;
+    [[nodiscard]] std::string whyUnusable() const;
 
     [[nodiscard]] bool hasIncompat(std::uint32_t feature) const { return (incompatFeatures & feature) != 0; }
     [[nodiscard]] bool hasRoCompat(std::uint32_t feature) const { return (roCompatFeatures & feature) != 0; }
     /// If false, no method that depends on the block size may be called.
-    [[nodiscard]] bool hasPossibleBlockSize() const { return logBlockSize <= largestLogBlockSize; }
+    [[nodiscard]] bool hasPossibleBlockSize() const { return logBlockSize <= maxLogBlockSize; }
     [[nodiscard]] std::uint64_t blockSize() const { return std::uint64_t{1024} << logBlockSize; }
     [[nodiscard]] std::uint64_t groupBitmapBytes() const { return ((blocksPerGroup - 1) >> 3U) + 1; }
     [[nodiscard]] std::uint64_t groupCount() const;
@@ -58,7 +58,7 @@ struct EXTSuperBlock {
     std::array<std::uint32_t, 2> backupGroups{};
 
 private:
-    static constexpr std::uint32_t largestLogBlockSize = 6; // blocks of 64 KiB
+    static constexpr std::uint32_t maxLogBlockSize = 6; // blocks of 64 KiB
 
     [[nodiscard]] const char* impossibleGeometry() const;
     [[nodiscard]] bool descriptorsLieInOnePlace() const;

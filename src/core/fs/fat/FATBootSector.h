@@ -11,14 +11,14 @@ namespace agent::core::fs {
 /// after the FATs.
 /// Owns:    copies of the fields.
 /// Threads: a plain value; const calls are safe from any thread.
-/// Fails:   never. The derived values may only be used if `objection` returns null.
+/// Fails:   never. The derived values may only be used if `whyUnusable` returns null.
 struct FATBootSector {
     /// Decodes the bytes of a boot sector, whose type the caller has checked.
     static FATBootSector decode(Bytes bytes);
 
     /// Why the boot sector isn't plausible, or why the first FAT doesn't say what is used; null if all is
     /// well.
-    [[nodiscard]] const char* objection() const;
+    [[nodiscard]] const char* whyUnusable() const;
 
     /// If false, no method that depends on the cluster size may be called.
     [[nodiscard]] bool hasPossibleClusters() const;
@@ -51,7 +51,7 @@ struct FATBootSector {
     std::uint16_t version = 0;
 
 private:
-    [[nodiscard]] const char* strangeFormat() const;
+    [[nodiscard]] const char* unsupportedFormat() const;
     [[nodiscard]] const char* impossibleGeometry() const;
     [[nodiscard]] std::uint64_t volumeBytes() const;
     [[nodiscard]] std::uint64_t fatBytes() const { return std::uint64_t{sectorsPerFat} * bytesPerSector; }

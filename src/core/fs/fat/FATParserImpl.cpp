@@ -57,7 +57,7 @@ std::uint32_t FATParserImpl::getBlockSize() const {
 
 std::int64_t FATParserImpl::getBitmapChunk(std::uint64_t startBlock, std::uint8_t* buffer,
                                            std::size_t bufferBytes) {
-    if (const char* const reason = boot.objection()) {
+    if (const char* const reason = boot.whyUnusable()) {
         return fail(reason);
     }
     clearMap(buffer, bufferBytes);
@@ -100,7 +100,7 @@ std::int64_t FATParserImpl::markClusters(FATWindow& fat, const Stretch& blocks, 
             return entries;
         }
         const std::uint64_t count = static_cast<std::uint64_t>(entries) - more;
-        fat.copyUse(blocks.buffer, block - blocks.begin, count, !boot.isAligned());
+        fat.copyUsedBits(blocks.buffer, block - blocks.begin, count, !boot.isAligned());
         block += count;
     }
     return 0;

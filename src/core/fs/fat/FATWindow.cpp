@@ -15,8 +15,8 @@ namespace {
 
 namespace entry = fat_layout::entry;
 
-constexpr std::uint64_t longestRead = 1024UL * 1024;
-constexpr std::uint64_t mostEntries = longestRead / entry::size;
+constexpr std::uint64_t maxReadBytes = 1024UL * 1024;
+constexpr std::uint64_t maxEntries = maxReadBytes / entry::size;
 constexpr std::uint64_t boundary = 4096 / entry::size; // so many entries are whole sectors on every device
 constexpr std::uint64_t wordBits = 64;
 
@@ -70,10 +70,10 @@ FATWindow::FATWindow(info::Logger& logger, IVolumeReader& reader, std::uint32_t 
 std::int64_t FATWindow::read(std::uint64_t first, std::uint64_t count) {
     const std::uint64_t begin = first / boundary * boundary;
     skipped = first - begin;
-    const std::uint64_t wanted = std::min(skipped + count, mostEntries);
+    const std::uint64_t wanted = std::min(skipped + count, maxEntries);
     const std::size_t length = wanted * entry::size;
     if (entries.empty()) {
-        entries = createLoggedBuffer(longestRead, sectorSize, logger);
+        entries = createLoggedBuffer(maxReadBytes, sectorSize, logger);
     }
     const std::int64_t arrived = FSUtil::readAvailable(
         logger, reader, sectorSize, fatOffset + begin * entry::size, entries.data(), length);
@@ -93,8 +93,8 @@ std::uint32_t FATWindow::front() const {
     return number & entry::mask;
 }
 
-void FATWindow::copyUse(std::uint8_t* target, std::uint64_t targetBit, std::uint64_t count,
-                        bool isStraddling) {
+void FATWindow::copyUsedBits(std::uint8_t* target, std::uint64_t targetBit, std::uint64_t count,
+                             bool isStraddling) {
     if (isStraddling) {
         for (std::size_t i = 0; i < used.size(); ++i) {
             const std::uint64_t next = i + 1 < used.size() ? used[i + 1] : 0;

@@ -32,7 +32,7 @@ public:
     /// Sets the bits of the used ones among the first `count` blocks, from `targetBit` on; all of these bits
     /// must be 0. A block is used if its entry's cluster is used. If `isStraddling`, it is also used if the
     /// next entry's cluster is.
-    void copyUse(std::uint8_t* target, std::uint64_t targetBit, std::uint64_t count, bool isStraddling);
+    void copyUsedBits(std::uint8_t* target, std::uint64_t targetBit, std::uint64_t count, bool isStraddling);
 
 private:
     void decode(std::uint64_t count);

@@ -16,10 +16,10 @@ namespace tree_header = hfs_layout::tree_header;
 namespace layout = hfs_layout::node;
 namespace record_layout = hfs_layout::record;
 
-constexpr std::uint64_t smallestNode = 512;
-constexpr std::uint64_t largestNode = 32768;
-constexpr std::uint64_t mostNodes = std::uint64_t{1} << 22U;   // 16 GiB of nodes of the usual size
-constexpr std::uint64_t mostExtents = std::uint64_t{1} << 20U; // the number of blocks of the largest bitmap
+constexpr std::uint64_t minNodeSize = 512;
+constexpr std::uint64_t maxNodeSize = 32768;
+constexpr std::uint64_t maxNodes = std::uint64_t{1} << 22U;   // 16 GiB of nodes of the usual size
+constexpr std::uint64_t maxExtents = std::uint64_t{1} << 20U; // the number of blocks of the largest bitmap
 
 void require(bool condition, const std::string& message) {
     if (!condition) {
@@ -59,7 +59,7 @@ void HFSExtentsTree::open(const HFSVolumeHeader& header) {
     base = fork.extents[0].startBlock * blockSize;
     waiting = {};
     require(!fork.overflows(), "Extent overflow file cannot contain an overflow of itself");
-    if (const char* const reason = header.objectionTo(fork.extents)) {
+    if (const char* const reason = header.whyUnusable(fork.extents)) {
         throw std::runtime_error(reason);
     }
 }
@@ -71,10 +71,10 @@ void HFSExtentsTree::readHeaderRecord() {
             "Could not read B-Tree header");
     rootNode = bigEndian<std::uint32_t>(record, tree_header::rootNode);
     nodeSize = bigEndian<std::uint16_t>(record, tree_header::nodeSize);
-    require(std::has_single_bit(nodeSize) && nodeSize >= smallestNode && nodeSize <= largestNode,
+    require(std::has_single_bit(nodeSize) && nodeSize >= minNodeSize && nodeSize <= maxNodeSize,
             "The node size of the HFS+ extents file is impossible");
     const std::uint64_t nodes = (countHFSBlocks(fork.extents) * blockSize + nodeSize - 1) / nodeSize;
-    require(nodes <= mostNodes, "The HFS+ extents file is too large");
+    require(nodes <= maxNodes, "The HFS+ extents file is too large");
     isRead.assign(nodes, false);
     bytes.resize(nodeSize);
 }
@@ -137,7 +137,7 @@ void HFSExtentsTree::appendExtents(const HFSBTreeNode& leaf, Search& search) {
         }
         require(found->forkType == record_layout::dataFork && found->startBlock == search.blocks,
                 "Overflow extents of the HFS+ bitmap are missing or out of order");
-        require(search.extents.size() < mostExtents, "The HFS+ bitmap has too many extents");
+        require(search.extents.size() < maxExtents, "The HFS+ bitmap has too many extents");
         search.extents.insert(search.extents.end(), found->extents.begin(), found->extents.end());
         search.blocks += countHFSBlocks(found->extents);
     }

@@ -22,7 +22,7 @@ public:
     HFSExtentsTree(info::Logger& logger, IVolumeReader& reader, std::uint32_t sectorSize);
 
     /// Appends the extents of the file's data fork in the tree to `extents`, which holds those of the file's
-    /// fork. `header` must have no `objection`.
+    /// fork. `header` must be usable.
     bool readOverflowExtents(const HFSVolumeHeader& header, std::uint32_t fileId,
                              std::vector<HFSExtent>& extents);
 

@@ -14,8 +14,8 @@ namespace {
 namespace layout = hfs_layout::volume_header;
 
 constexpr std::uint64_t byteBits = 8;
-constexpr std::uint64_t longestRead = 1024UL * 1024; // bytes of the bitmap
-constexpr std::uint32_t pageSize = 4096;             // the alignment if the device's sector size isn't known
+constexpr std::uint64_t maxReadBytes = 1024UL * 1024; // bytes of the bitmap
+constexpr std::uint32_t pageSize = 4096;              // the alignment if the device's sector size isn't known
 
 /// Whether all bits from `first` to before `end` are set. Bit 0 of a byte is its most significant bit.
 bool areSet(const std::uint8_t* map, std::uint64_t first, std::uint64_t end) {
@@ -67,7 +67,7 @@ std::int64_t HFSParserImpl::getBitmapChunk(std::uint64_t startBlock, std::uint8_
         return 0;
     }
     extents.erase(end, extents.end());
-    if (const char* const reason = objectionTo(extents)) {
+    if (const char* const reason = whyUnusable(extents)) {
         return fail(reason);
     }
     return copyMap(extents, {buffer, bufferBytes, startBlock});
@@ -77,12 +77,12 @@ std::int64_t HFSParserImpl::getBitmapChunk(std::uint64_t startBlock, std::uint8_
 /// only trusted while both headers agree.
 bool HFSParserImpl::isBelievable() {
     HFSVolumeHeader usual;
-    const char* reason = header.objection();
+    const char* reason = header.whyUnusable();
     if (reason == nullptr && !readHeader(layout::usualPosition, usual)) {
         reason = "The usual place of the HFS+ header can't be read";
     }
     if (reason == nullptr && usual.hasSignature()) {
-        reason = usual.placesTheSame(header) ? usual.objection() : "The HFS+ headers differ";
+        reason = usual.hasSameLayout(header) ? usual.whyUnusable() : "The HFS+ headers differ";
     }
     if (reason != nullptr) {
         logger.log(info::level::error, info::reason("hfs-bitmap"), "%s", reason);
@@ -108,7 +108,7 @@ bool HFSParserImpl::findExtents(std::vector<HFSExtent>& extents) {
 }
 
 /// Why the extents can't be the whole bitmap; null if they can.
-const char* HFSParserImpl::objectionTo(Extents extents) const {
+const char* HFSParserImpl::whyUnusable(Extents extents) const {
     const HFSFork& fork = header.allocation;
     const std::uint64_t blocks = countHFSBlocks(extents);
     if (blocks != fork.totalBlocks) {
@@ -117,7 +117,7 @@ const char* HFSParserImpl::objectionTo(Extents extents) const {
     if (fork.logicalSize < header.bitmapBytes() || blocks * header.blockSize < header.bitmapBytes()) {
         return "The HFS+ bitmap is too small for the volume";
     }
-    return header.objectionTo(extents);
+    return header.whyUnusable(extents);
 }
 
 std::int64_t HFSParserImpl::copyMap(Extents extents, const UsedMap& used) {
@@ -140,15 +140,15 @@ std::int64_t HFSParserImpl::copyMap(Extents extents, const UsedMap& used) {
         begin = end;
     }
     const std::uint64_t blocks = std::min(done * byteBits, header.totalBlocks - used.startBlock);
-    return coversItself(extents, used, blocks) ? static_cast<std::int64_t>(blocks)
-                                               : fail("The HFS+ bitmap has its own blocks as free");
+    return marksOwnBlocksUsed(extents, used, blocks) ? static_cast<std::int64_t>(blocks)
+                                                     : fail("The HFS+ bitmap has its own blocks as free");
 }
 
 /// Reads in pieces, which limits the memory for the temporary buffer.
 bool HFSParserImpl::read(std::uint64_t diskOffset, std::uint8_t* buffer, std::uint64_t length) {
     const std::uint32_t alignment = std::max(header.blockSize, sectorSize == 0 ? pageSize : sectorSize);
-    for (std::uint64_t done = 0; done < length; done += longestRead) {
-        const std::uint64_t piece = std::min(length - done, longestRead);
+    for (std::uint64_t done = 0; done < length; done += maxReadBytes) {
+        const std::uint64_t piece = std::min(length - done, maxReadBytes);
         if (!FSUtil::readExactly(logger, reader, alignment, diskOffset + done, buffer + done, piece)) {
             return false;
         }
@@ -158,7 +158,7 @@ bool HFSParserImpl::read(std::uint64_t diskOffset, std::uint8_t* buffer, std::ui
 
 /// Whether the map marks the blocks of the header, of the bitmap itself and of the extents B-tree as used, as
 /// far as it covers them. If not, the data isn't a bitmap.
-bool HFSParserImpl::coversItself(Extents extents, const UsedMap& used, std::uint64_t blocks) const {
+bool HFSParserImpl::marksOwnBlocksUsed(Extents extents, const UsedMap& used, std::uint64_t blocks) const {
     const auto isUsed = [&](const HFSExtent& extent) {
         const std::uint64_t first = std::max<std::uint64_t>(extent.startBlock, used.startBlock);
         const std::uint64_t end = std::min(extent.endBlock(), used.startBlock + blocks);

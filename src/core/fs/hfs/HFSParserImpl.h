@@ -36,10 +36,10 @@ private:
 
     bool isBelievable();
     bool findExtents(std::vector<HFSExtent>& extents);
-    [[nodiscard]] const char* objectionTo(Extents extents) const;
+    [[nodiscard]] const char* whyUnusable(Extents extents) const;
     std::int64_t copyMap(Extents extents, const UsedMap& used);
     bool read(std::uint64_t diskOffset, std::uint8_t* buffer, std::uint64_t length);
-    [[nodiscard]] bool coversItself(Extents extents, const UsedMap& used, std::uint64_t blocks) const;
+    [[nodiscard]] bool marksOwnBlocksUsed(Extents extents, const UsedMap& used, std::uint64_t blocks) const;
     bool readHeader(std::uint64_t position, HFSVolumeHeader& read);
     std::int64_t fail(const char* reason);
 

@@ -10,7 +10,7 @@ namespace agent::core::fs {
 /// The fields that are read from the header of an HFS+ volume, and the values derived from them.
 /// Owns:    copies of the fields.
 /// Threads: a plain value; const calls are safe from any thread.
-/// Fails:   never. The derived values are only reliable if `objection` returns null.
+/// Fails:   never. The derived values are only reliable if `whyUnusable` returns null.
 struct HFSVolumeHeader {
     /// Decodes the bytes of a header, which may be invalid.
     static HFSVolumeHeader decode(Bytes bytes);
@@ -21,11 +21,11 @@ struct HFSVolumeHeader {
     [[nodiscard]] bool hasPossibleBlockSize() const;
     [[nodiscard]] bool hasKnownVersion() const;
     /// Why the header can't be trusted; null if it can.
-    [[nodiscard]] const char* objection() const;
+    [[nodiscard]] const char* whyUnusable() const;
     /// Why the extents can't be those of a file of the file system itself; null if they can.
-    [[nodiscard]] const char* objectionTo(std::span<const HFSExtent> extents) const;
+    [[nodiscard]] const char* whyUnusable(std::span<const HFSExtent> extents) const;
     /// Whether another header has the same sizes, and the bitmap and the extents B-tree at the same places.
-    [[nodiscard]] bool placesTheSame(const HFSVolumeHeader& other) const;
+    [[nodiscard]] bool hasSameLayout(const HFSVolumeHeader& other) const;
     /// The size of a bitmap with one bit for each block, in bytes.
     [[nodiscard]] std::uint64_t bitmapBytes() const;
 

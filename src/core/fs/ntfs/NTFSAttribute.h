@@ -9,7 +9,7 @@ namespace agent::core::fs {
 /// An attribute of a file record.
 /// Owns:    nothing; the record must outlive it.
 /// Threads: a plain value; const calls are safe from any thread.
-/// Fails:   NTFSObjection if a part of the attribute lies outside it.
+/// Fails:   NTFSError if a part of the attribute lies outside it.
 class NTFSAttribute {
 public:
     /// `bytes` is the whole attribute, at least the smallest header.
@@ -22,9 +22,9 @@ public:
     /// The offset of a non-resident attribute's run list in `bytes`, which may lie outside.
     [[nodiscard]] std::size_t runListOffset() const;
     /// Why the runs of a non-resident attribute aren't a file's content from its start; null if they are.
-    [[nodiscard]] const char* objection() const;
+    [[nodiscard]] const char* whyUnusable() const;
     /// Why the clusters don't hold the plain content; null if they do.
-    [[nodiscard]] const char* packing() const;
+    [[nodiscard]] const char* whyNotPlain() const;
     [[nodiscard]] std::uint8_t nameLength() const;
     /// The file's cluster at which these runs begin; 0 for a resident attribute.
     [[nodiscard]] std::uint64_t lowestVcn() const;

@@ -11,7 +11,7 @@ namespace layout = ntfs_layout::attribute;
 
 void require(bool isInside) {
     if (!isInside) {
-        throw NTFSObjection{"NTFS: An attribute isn't within its file record."};
+        throw NTFSError{"NTFS: An attribute isn't within its file record."};
     }
 }
 

@@ -13,7 +13,7 @@ namespace agent::core::fs {
 /// Walks over the attributes of a file record, from the first one on.
 /// Owns:    nothing; the record must outlive it.
 /// Threads: one at a time.
-/// Fails:   NTFSObjection if an attribute isn't within its record.
+/// Fails:   NTFSError if an attribute isn't within its record.
 class NTFSAttributeCursor {
 public:
     NTFSAttributeCursor(info::Logger& logger, const NTFSRecord& record);

@@ -10,14 +10,14 @@ namespace agent::core::fs {
 /// The fields that are read from the boot sector of NTFS, and the values derived from them.
 /// Owns:    copies of the fields.
 /// Threads: a plain value; const calls are safe from any thread.
-/// Fails:   never. The derived values are only reliable if `objection` returns an empty string.
+/// Fails:   never. The derived values are only reliable if `whyUnusable` returns an empty string.
 struct NTFSBootSector {
     static NTFSBootSector decode(Bytes bytes);
 
     [[nodiscard]] bool isNTFS() const;
     /// Why the volume can't be read on a device with sectors of `deviceSector` bytes; empty if it can. Pass 0
     /// if the device's sector size isn't known.
-    [[nodiscard]] std::string objection(std::uint32_t deviceSector) const;
+    [[nodiscard]] std::string whyUnusable(std::uint32_t deviceSector) const;
 
     /// If false, no method that depends on the cluster size may be called.
     [[nodiscard]] bool hasPossibleClusters() const;

@@ -16,7 +16,7 @@ namespace attribute = ntfs_layout::attribute;
 namespace index_root = ntfs_layout::index_root;
 namespace index_node = ntfs_layout::index_node;
 
-constexpr std::uint64_t smallestBlock = 512;
+constexpr std::uint64_t minBlockSize = 512;
 
 } // namespace
 
@@ -26,7 +26,7 @@ NTFSDirectory::NTFSDirectory(const NTFSVolume& volume, std::uint64_t inode, cons
         sought.fail("Could not read MFT record for ");
     }
     indexRoot = findIndexRoot();
-    if (blockSize() < smallestBlock || !std::has_single_bit(blockSize())) {
+    if (blockSize() < minBlockSize || !std::has_single_bit(blockSize())) {
         throw std::runtime_error("Invalid index block size");
     }
 }

@@ -17,7 +17,7 @@ namespace agent::core::fs {
 /// the tree is searched in the whole tree.
 /// Owns:    the record of the directory; the name, and everything the volume refers to, must outlive it.
 /// Threads: one at a time, on a thread that has an NTFSNameLocale; moves the reader's position.
-/// Fails:   std::runtime_error; NTFSObjection if an attribute isn't plausible.
+/// Fails:   std::runtime_error; NTFSError if an attribute isn't plausible.
 class NTFSDirectory {
 public:
     /// `inode` is the number of the directory's record.

@@ -21,7 +21,7 @@ inline constexpr std::int64_t recordOfAnother = -331;
 
 /// Thrown and caught within the parser, which then provides no map: with wrong data, used clusters could be
 /// taken for free ones.
-struct NTFSObjection {
+struct NTFSError {
     std::string reason; ///< the text for the log
 };
 

@@ -11,7 +11,7 @@ namespace agent::core::fs {
 /// Finds files by their paths, from the root directory on.
 /// Owns:    nothing; everything the volume refers to must outlive it.
 /// Threads: one at a time; moves the reader's position.
-/// Fails:   std::runtime_error; NTFSObjection if an attribute isn't plausible.
+/// Fails:   std::runtime_error; NTFSError if an attribute isn't plausible.
 class NTFSFileFinder {
 public:
     explicit NTFSFileFinder(const NTFSVolume& volume) : volume(volume) {}

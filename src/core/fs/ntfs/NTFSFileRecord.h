@@ -14,7 +14,7 @@ namespace agent::core::fs {
 /// The attributes of a file, in its own record and in the records that its attribute list names.
 /// Owns:    the file's own record; everything the volume refers to must outlive it.
 /// Threads: one at a time; moves the reader's position.
-/// Fails:   NTFSObjection if the list names a missing attribute, or if runs aren't plausible;
+/// Fails:   NTFSError if the list names a missing attribute, or if runs aren't plausible;
 ///          std::runtime_error if a run list is broken.
 class NTFSFileRecord {
 public:

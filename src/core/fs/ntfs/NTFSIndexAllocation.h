@@ -18,8 +18,8 @@ namespace agent::core::fs {
 /// Fails:   std::runtime_error if a block can't be read, isn't valid, or has been read before.
 class NTFSIndexAllocation {
 public:
-    static constexpr std::uint64_t largestBlock = 64UL * 1024;
-    static constexpr std::uint64_t largestSize = 1024UL * 1024 * 1024;
+    static constexpr std::uint64_t maxBlockSize = 64UL * 1024;
+    static constexpr std::uint64_t maxIndexBytes = 1024UL * 1024 * 1024;
 
     /// `blockSize` is a power of two, at least 512. Throws if it, or the whole index, is too large.
     NTFSIndexAllocation(NTFSRunReader content, std::uint64_t blockSize, std::uint64_t clusterBytes,

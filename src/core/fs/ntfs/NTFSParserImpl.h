@@ -40,7 +40,7 @@ private:
     std::int64_t readBitmap(const UsedMap& used);
     std::uint64_t readRuns(const std::vector<NTFSRun>& runs, const UsedMap& used);
     void readRun(std::uint64_t offset, std::uint8_t* target, std::uint64_t bytes);
-    void useWhatIsBehindTheEnd(const UsedMap& used, std::uint64_t filled) const;
+    void markPastEndUsed(const UsedMap& used, std::uint64_t filled) const;
     void requireOwnClustersUsed(const std::vector<NTFSRun>& runs, const UsedMap& used,
                                 std::uint64_t filled) const;
 
@@ -48,7 +48,7 @@ private:
     IVolumeReader& reader;
     std::uint32_t sectorSize; // of the device
     NTFSBootSector boot;
-    std::optional<NTFSMasterFileTable> files; // empty if there is an objection to the boot sector
+    std::optional<NTFSMasterFileTable> files; // empty if the boot sector is unusable
 };
 
 } // namespace agent::core::fs

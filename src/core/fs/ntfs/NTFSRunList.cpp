@@ -65,10 +65,10 @@ struct Element {
     /// refuses that.
     void requireBounds() const {
         if (position + lengthBytes > attribute.size()) {
-            throw info::Reasoned<std::runtime_error>(info::reason("file-system-broken"), "Invalid runlist");
+            throw info::WithReason<std::runtime_error>(info::reason("file-system-broken"), "Invalid runlist");
         }
         if (last() > attribute.size()) {
-            throw info::Reasoned<std::runtime_error>(info::reason("file-system-broken"), "Corrupt runlist");
+            throw info::WithReason<std::runtime_error>(info::reason("file-system-broken"), "Corrupt runlist");
         }
     }
 
@@ -78,7 +78,7 @@ struct Element {
     std::size_t offsetBytes;
 };
 
-/// Appends the run of `element`. Returns an objection if the list can't be decoded further, or null.
+/// Appends the run of `element`. Returns the reason if the list can't be decoded further, or null.
 const char* append(NTFSRunList& list, const Element& element) {
     if (element.last() == element.attribute.size()) {
         return runsIntoTheEnd;
@@ -91,7 +91,7 @@ const char* append(NTFSRunList& list, const Element& element) {
     }
     list.runs.push_back({*lcn, *length, !element.hasPlace()});
     if (*length <= 0) {
-        list.objection = runWithoutLength;
+        list.whyUnusable = runWithoutLength;
     }
     return nullptr;
 }
@@ -104,18 +104,18 @@ NTFSRunList decodeRunList(const NTFSAttribute& attribute) {
     const std::size_t limit = attribute.bytes.size();
     std::size_t position = attribute.runListOffset();
     if (position > limit) {
-        throw info::Reasoned<std::runtime_error>(info::reason("file-system-broken"),
-                                                 "No run list can be found");
+        throw info::WithReason<std::runtime_error>(info::reason("file-system-broken"),
+                                                   "No run list can be found");
     }
     NTFSRunList list;
     while (position < limit && attribute.bytes[position] != 0) {
         const Element element(attribute.bytes, position);
         if (!element.hasLength()) {
-            list.objection = runWithoutLength;
+            list.whyUnusable = runWithoutLength;
         } else {
             element.requireBounds();
             if (const char* reason = append(list, element)) {
-                list.objection = reason;
+                list.whyUnusable = reason;
                 return list;
             }
         }
@@ -129,8 +129,8 @@ NTFSRunList runsOf(const NTFSAttribute& attribute) {
         throw std::runtime_error("Attribute type is not DATA.");
     }
     if (attribute.isResident()) {
-        throw info::Reasoned<std::runtime_error>(info::reason("file-system-broken"),
-                                                 "Attribute is resident. Can't find data-runs.");
+        throw info::WithReason<std::runtime_error>(info::reason("file-system-broken"),
+                                                   "Attribute is resident. Can't find data-runs.");
     }
     return decodeRunList(attribute);
 }

@@ -19,7 +19,7 @@ struct NTFSRun {
 /// Where the content of a file is, from its start to its end.
 struct NTFSRunList {
     std::vector<NTFSRun> runs;
-    const char* objection = nullptr; ///< why `runs` is incomplete or not plausible; null if all is well
+    const char* whyUnusable = nullptr; ///< why `runs` is incomplete or not plausible; null if all is well
 };
 
 /// Decodes the run list of a non-resident attribute. Throws std::runtime_error if there is none, or if it

@@ -32,9 +32,9 @@ constexpr std::array moreFeatures{
 
 std::string strangeXFSFeatures(const XFSFeatureWords& words) {
     if (!words.hasCrc) {
-        return strangeFeatures({{words.features2, moreFeatures, "features2"}});
+        return unsupportedFeatures({{words.features2, moreFeatures, "features2"}});
     }
-    return strangeFeatures(
+    return unsupportedFeatures(
         {{words.incompat, incompatFeatures, "incompat"}, {words.roCompat, roCompatFeatures, "ro_compat"}});
 }
 

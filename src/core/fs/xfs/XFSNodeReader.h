@@ -26,7 +26,7 @@ public:
 
 private:
     void fetch(std::uint32_t agBlock);
-    bool holds(std::size_t offset, std::size_t length);
+    bool ensureRead(std::size_t offset, std::size_t length);
     void readHeader(XFSParserImpl::XFSBTreeNode& node);
     void readRecords(XFSParserImpl::XFSBTreeNode& node);
     void readChildren(XFSParserImpl::XFSBTreeNode& node);
@@ -41,7 +41,7 @@ private:
 
     std::vector<std::uint8_t> block;
     std::uint64_t address = 0;
-    bool isWhole = false; // whether the whole block could be read
+    bool isBlockRead = false; // whether the whole block could be read
     std::size_t headerSize = 0;
 };
 

@@ -23,10 +23,10 @@ namespace agfl = xfs_layout::agfl;
 namespace node = xfs_layout::node;
 
 constexpr std::uint64_t byteBits = 8;
-constexpr std::uint32_t smallestBlock = 512;
-constexpr std::uint32_t smallestSector = 512;
-constexpr std::uint32_t largestBlock = 65536;
-constexpr std::uint64_t largestVolume = std::uint64_t{1} << 62U; // bytes, so that sums stay below 2^63
+constexpr std::uint32_t minBlockSize = 512;
+constexpr std::uint32_t minSectorSize = 512;
+constexpr std::uint32_t maxBlockSize = 65536;
+constexpr std::uint64_t maxVolumeBytes = std::uint64_t{1} << 62U; // bytes, so that sums stay below 2^63
 
 /// Ends the walk with the result -1, after the failure has been logged.
 struct WalkFailed {};
@@ -127,7 +127,7 @@ std::int64_t XFSParserImpl::getBitmapChunk(std::uint64_t startBlock, std::uint8_
 
 /// Why the superblock isn't plausible, or why the B-trees can't be read; empty if all is well. A volume that
 /// is refused here is copied completely. B-trees that are read wrongly would leave out used blocks.
-std::string XFSParserImpl::objection() const {
+std::string XFSParserImpl::whyUnusable() const {
     if (!hasCrc() && (version & super_block::versionMask) != super_block::versionPlain) {
         return "XFS: Unknown version of the format.";
     }
@@ -142,21 +142,21 @@ std::string XFSParserImpl::objection() const {
 }
 
 const char* XFSParserImpl::impossibleGeometry() const {
-    if (!std::has_single_bit(blockSize) || blockSize < smallestBlock || blockSize > largestBlock) {
+    if (!std::has_single_bit(blockSize) || blockSize < minBlockSize || blockSize > maxBlockSize) {
         return "XFS: Impossible block size.";
     }
-    if (!std::has_single_bit(headSectorSize) || headSectorSize < smallestSector ||
+    if (!std::has_single_bit(headSectorSize) || headSectorSize < minSectorSize ||
         headSectorSize > blockSize) {
         return "XFS: Impossible sector size.";
     }
     if (agBlocks == 0 || totalBlocks > std::uint64_t{agBlocks} * agCount) {
         return "XFS: Impossible allocation groups.";
     }
-    return totalBlocks > largestVolume / blockSize ? "XFS: Impossible number of blocks." : nullptr;
+    return totalBlocks > maxVolumeBytes / blockSize ? "XFS: Impossible number of blocks." : nullptr;
 }
 
 void XFSParserImpl::markFreeBlocks(XFSUsedMap& map) {
-    if (const std::string reason = objection(); !reason.empty()) {
+    if (const std::string reason = whyUnusable(); !reason.empty()) {
         throw std::runtime_error(reason);
     }
     const std::uint64_t firstGroup = map.firstBlock() / agBlocks;

@@ -45,7 +45,7 @@ private:
     };
 
     void decodeFormat(Bytes block);
-    [[nodiscard]] std::string objection() const;
+    [[nodiscard]] std::string whyUnusable() const;
     [[nodiscard]] const char* impossibleGeometry() const;
     [[nodiscard]] bool hasCrc() const;
     /// The byte position of one of the sectors at the start of a group.

@@ -69,15 +69,15 @@ TEST(ParseJson, TakesTimeInProportionToTheText) {
 
 TEST(ParseJson, BoundsTheNumberOfValues) {
     std::string many = "[";
-    for (std::size_t i = 0; i < mostJsonValues - 2; ++i) {
+    for (std::size_t i = 0; i < maxJsonValues - 2; ++i) {
         many += "1,";
     }
-    EXPECT_EQ(parseJson(many + "1]").size(), mostJsonValues - 1); // the array itself counts, too
+    EXPECT_EQ(parseJson(many + "1]").size(), maxJsonValues - 1); // the array itself counts, too
     EXPECT_EQ(messageOf<json::parse_error>([&] { (void)parseJson(many + "1,1]"); }),
               "[json.exception.parse_error.101] parse error: more than 1000000 values");
     EXPECT_EQ(messageOf<json::parse_error>([&] {
                   std::string empty = "[";
-                  for (std::size_t i = 0; i < mostJsonValues; ++i) {
+                  for (std::size_t i = 0; i < maxJsonValues; ++i) {
                       empty += "[],";
                   }
                   (void)parseJson(empty + "[]]");

@@ -35,7 +35,7 @@ std::string messageOf(const std::function<void()>& action) {
     } catch (const std::exception& error) {
         const std::string thrown = typeid(error).name();
         EXPECT_THAT(thrown,
-                    testing::AnyOf(typeid(Exception).name(), typeid(info::Reasoned<Exception>).name()));
+                    testing::AnyOf(typeid(Exception).name(), typeid(info::WithReason<Exception>).name()));
         return error.what();
     }
     return "nothing was thrown";

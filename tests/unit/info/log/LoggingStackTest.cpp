@@ -136,7 +136,7 @@ TEST_F(LoggingStackTest, EndlessMessageIsCut) {
     const std::string shown =
         screen([&] { LogEntry(stack.logger, level::info) << std::string(5'000'000, 'x'); });
     EXPECT_THAT(shown, testing::EndsWith("xxx... (5000000 bytes)\n"));
-    EXPECT_LT(shown.size(), PrintablePrinter::longestMessage + 100);
+    EXPECT_LT(shown.size(), EscapingPrinter::maxMessageBytes + 100);
     EXPECT_EQ(todaysLog(), shown);
 }
 

@@ -2,7 +2,7 @@
 
 #include "core/backup/BackupStatusHandler.h"
 #include "core/backup/phase/CopyChunkRanges.h"
-#include "info/log/LogTurn.h"
+#include "info/log/LogGate.h"
 #include "support/CountedCancel.h"
 #include "support/FakeTransport.h"
 #include "support/FixedRanges.h"
@@ -66,7 +66,7 @@ TEST_F(WriteBehindTest, AChunkIsWrittenWhileTheCallerGoesOn) {
     writing.begin(chunkAt(7));
     EXPECT_TRUE(eventually([&] { return gate.come == 1; }));
     gate.let = 1;
-    writing.settle();
+    writing.waitOrThrow();
     EXPECT_EQ(gate.passed, Offsets{7});
 }
 
@@ -74,7 +74,7 @@ TEST_F(WriteBehindTest, ChunksAreWrittenOneAfterTheOther) {
     for (const std::int64_t offset : {3, 1, 2}) {
         writing.begin(chunkAt(offset));
     }
-    EXPECT_TRUE(writing.isWritten());
+    EXPECT_TRUE(writing.waitUntilWritten());
     EXPECT_EQ(gate.passed, (Offsets{3, 1, 2}));
 }
 
@@ -82,17 +82,17 @@ TEST_F(WriteBehindTest, AFailureEndsWithTheNextCallAndIsThrownOnce) {
     gate.failing = 1;
     writing.begin(chunkAt(1));
     EXPECT_EQ(messageOf<std::runtime_error>([&] { writing.begin(chunkAt(2)); }), "can't be written");
-    writing.settle();
+    writing.waitOrThrow();
     EXPECT_EQ(gate.passed, Offsets{1}) << "and nothing was begun";
 }
 
 TEST_F(WriteBehindTest, WhoOnlyAsksLeavesTheFailureToTheNext) {
     gate.failing = 1;
     writing.begin(chunkAt(1));
-    EXPECT_FALSE(writing.isWritten());
-    EXPECT_FALSE(writing.isWritten());
-    EXPECT_THROW(writing.settle(), std::runtime_error);
-    EXPECT_TRUE(writing.isWritten());
+    EXPECT_FALSE(writing.waitUntilWritten());
+    EXPECT_FALSE(writing.waitUntilWritten());
+    EXPECT_THROW(writing.waitOrThrow(), std::runtime_error);
+    EXPECT_TRUE(writing.waitUntilWritten());
 }
 
 TEST_F(WriteBehindTest, TheEndWaitsForWhatIsUnderWay) {
@@ -110,15 +110,15 @@ TEST_F(WriteBehindTest, WithoutAThreadTheCallerWrites) {
     writing.begin(chunkAt(1));
     EXPECT_EQ(gate.passed, Offsets{1});
     EXPECT_THROW(writing.begin(chunkAt(2)), std::runtime_error);
-    writing.settle();
-    EXPECT_TRUE(writing.isWritten());
+    writing.waitOrThrow();
+    EXPECT_TRUE(writing.waitUntilWritten());
 }
 
 TEST_F(WriteBehindTest, SignalsOfTheProcessAreLeftToOthers) {
     sigset_t of{};
     WriteBehind signalled([&](const Chunk&) { pthread_sigmask(SIG_SETMASK, nullptr, &of); });
     signalled.begin(chunkAt(1));
-    signalled.settle();
+    signalled.waitOrThrow();
     EXPECT_EQ(sigismember(&of, SIGALRM), 1);
     EXPECT_EQ(sigismember(&of, SIGSEGV), 0);
     pthread_sigmask(SIG_SETMASK, nullptr, &of);

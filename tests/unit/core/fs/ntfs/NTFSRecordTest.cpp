@@ -169,7 +169,7 @@ TEST_F(NTFSRecordTest, AttributesMustBeWithinTheRecord) {
         image.volume.writeLittle(place + offset, value, width);
         ASSERT_EQ(read(), 0);
         NTFSAttributeCursor cursor(log.logger, record);
-        EXPECT_THROW(cursor.findAttribute(0x80), NTFSObjection) << offset << " " << value;
+        EXPECT_THROW(cursor.findAttribute(0x80), NTFSError) << offset << " " << value;
     };
     const std::uint64_t attribute = 56;
     for (const std::uint64_t length : {0U, 1U, 23U, 969U, 0x7FFFFFFFU, 0xFFFFFFFFU}) {

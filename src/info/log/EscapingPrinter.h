@@ -14,12 +14,12 @@ namespace agent::info {
 /// Owns:    the printer function; the decorator must outlive it.
 /// Threads: the logger calls `print` under its mutex.
 /// Fails:   `print` throws what the printer throws.
-class PrintablePrinter {
+class EscapingPrinter {
 public:
     /// In bytes. GET /event returns no more than this of a line, either.
-    static constexpr std::size_t longestMessage = 1024UL * 1024;
+    static constexpr std::size_t maxMessageBytes = 1024UL * 1024;
 
-    PrintablePrinter(IDecorator& decorator, PrinterFunction printer);
+    EscapingPrinter(IDecorator& decorator, PrinterFunction printer);
     void print(const std::string& message, int level, LogTime time);
 
 private:

@@ -1,17 +1,17 @@
-#include "info/log/LogTurn.h"
+#include "info/log/LogGate.h"
 
 #include <utility>
 
 namespace agent::info {
 
 // NOLINTNEXTLINE(cppcoreguidelines-avoid-non-const-global-variables)
-thread_local const LogTurn* LogTurn::current = nullptr;
+thread_local const LogGate* LogGate::current = nullptr;
 
-LogTurn::LogTurn(Wait wait) : wait(std::move(wait)) {
+LogGate::LogGate(Wait wait) : wait(std::move(wait)) {
     current = this;
 }
 
-LogTurn::~LogTurn() {
+LogGate::~LogGate() {
     current = nullptr;
 }
 

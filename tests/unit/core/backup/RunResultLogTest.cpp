@@ -1,4 +1,4 @@
-#include "core/backup/RunRecord.h"
+#include "core/backup/RunResultLog.h"
 
 #include "core/backup/BackupAttributes.h"
 #include "core/backup/BackupStatusHandler.h"
@@ -26,7 +26,7 @@ info::VolumeProvider::Volume volumeAt(const std::string& uuid, std::vector<std::
     return std::make_shared<info::BackupableVolume>(description);
 }
 
-class RunRecordTest : public testing::Test {
+class RunResultLogTest : public testing::Test {
 protected:
     /// The records that were written, without the time.
     [[nodiscard]] std::vector<json> written() const {
@@ -45,14 +45,14 @@ protected:
     test::RecordingLogger log;
     BackupAttributes attributes{{{"one", {0, INCREMENTAL, {}}}, {"two", {0, FULL, {}}}}};
     BackupStatusHandler status{log.logger, {"two", "one"}};
-    RunRecord record{log.logger, "the-backup", attributes};
+    RunResultLog resultLog{log.logger, "the-backup", attributes};
 };
 
-TEST_F(RunRecordTest, EachVolumeHasALine) {
+TEST_F(RunResultLogTest, EachVolumeHasALine) {
     attributes.setBackupType("one", DIFFERENTIAL_MERGE);
     status.setVolumeBytesTransferred("one", 5'000'000'000);
     status.setVolumeTotalSize("one", 6'000'000'000);
-    record.write("success", status, {volumeAt("one", {"/mnt/one", "/mnt/also"}), volumeAt("two", {"/"})});
+    resultLog.write("success", status, {volumeAt("one", {"/mnt/one", "/mnt/also"}), volumeAt("two", {"/"})});
     EXPECT_THAT(written(), testing::ElementsAre(json{{"backup", "the-backup"},
                                                      {"volume", "two"},
                                                      {"mountPoint", "/"},
@@ -71,8 +71,8 @@ TEST_F(RunRecordTest, EachVolumeHasALine) {
                                                      {"totalBytes", 6'000'000'000}}));
 }
 
-TEST_F(RunRecordTest, VolumesThatWereNotFoundHaveNoMountPoint) {
-    record.write("failed", status, {volumeAt("one", {})});
+TEST_F(RunResultLogTest, VolumesThatWereNotFoundHaveNoMountPoint) {
+    resultLog.write("failed", status, {volumeAt("one", {})});
     for (const json& each : written()) {
         EXPECT_EQ(each.at("mountPoint"), "");
         EXPECT_EQ(each.at("outcome"), "failed");
@@ -80,8 +80,8 @@ TEST_F(RunRecordTest, VolumesThatWereNotFoundHaveNoMountPoint) {
     EXPECT_EQ(written().size(), 2U);
 }
 
-TEST_F(RunRecordTest, NameThatIsNoTextMakesNoBadLine) {
-    record.write("cancelled", status, {volumeAt("two", {"/mnt/\xff\n\"x"})});
+TEST_F(RunResultLogTest, NameThatIsNoTextMakesNoBadLine) {
+    resultLog.write("cancelled", status, {volumeAt("two", {"/mnt/\xff\n\"x"})});
     EXPECT_EQ(written().at(0).at("mountPoint"), "/mnt/\xEF\xBF\xBD\n\"x");
 }
 

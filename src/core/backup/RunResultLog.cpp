@@ -1,4 +1,4 @@
-#include "core/backup/RunRecord.h"
+#include "core/backup/RunResultLog.h"
 
 #include "core/backup/BackupType.h"
 #include "info/BackupableVolume.h"
@@ -12,7 +12,7 @@ namespace agent::core::backup {
 
 namespace {
 
-std::string mountPointOf(const std::string& uuid, const RunRecord::Volumes& volumes) {
+std::string mountPointOf(const std::string& uuid, const RunResultLog::Volumes& volumes) {
     const auto found =
         std::ranges::find_if(volumes, [&](const auto& volume) { return volume->getUuid() == uuid; });
     return found == volumes.end() || (*found)->getMountPoints().empty() ? ""
@@ -21,15 +21,15 @@ std::string mountPointOf(const std::string& uuid, const RunRecord::Volumes& volu
 
 } // namespace
 
-RunRecord::RunRecord(info::Logger& logger, std::string backup, const IBackupAttributes& attributes)
+RunResultLog::RunResultLog(info::Logger& logger, std::string backup, const IBackupAttributes& attributes)
     : logger(logger), backup(std::move(backup)), attributes(attributes) {
     for (const std::string& uuid : attributes.getVolumeUUIDs()) {
-        asked.emplace(uuid, attributes.getBackupType(uuid));
+        requestedTypes.emplace(uuid, attributes.getBackupType(uuid));
     }
 }
 
-void RunRecord::write(const std::string& outcome, const IBackupStatusHandler& status,
-                      const Volumes& volumes) const {
+void RunResultLog::write(const std::string& outcome, const IBackupStatusHandler& status,
+                         const Volumes& volumes) const {
     for (const VolumeBackupStatus& volume : status.getVolumeStatuses()) {
         info::LogEntry(logger, info::level::info)
             << "Backup record: " << lineOf(volume, mountPointOf(volume.uuid, volumes), outcome);
@@ -37,13 +37,13 @@ void RunRecord::write(const std::string& outcome, const IBackupStatusHandler& st
 }
 
 /// Mount points may contain any bytes, but JSON only UTF-8, so invalid bytes are replaced.
-std::string RunRecord::lineOf(const VolumeBackupStatus& volume, const std::string& mountPoint,
-                              const std::string& outcome) const {
+std::string RunResultLog::lineOf(const VolumeBackupStatus& volume, const std::string& mountPoint,
+                                 const std::string& outcome) const {
     const nlohmann::json record = {
         {"backup", backup},
         {"volume", volume.uuid},
         {"mountPoint", mountPoint},
-        {"asked", backupTypeText(asked.at(volume.uuid))},
+        {"asked", backupTypeText(requestedTypes.at(volume.uuid))},
         {"type", backupTypeText(attributes.getBackupType(volume.uuid))},
         {"outcome", outcome},
         {"copiedBytes", volume.bytesTransferred},
@@ -53,7 +53,7 @@ std::string RunRecord::lineOf(const VolumeBackupStatus& volume, const std::strin
     return record.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
 }
 
-double RunRecord::seconds() const {
+double RunResultLog::seconds() const {
     const auto elapsed = std::chrono::steady_clock::now() - begin;
     constexpr double perSecond = 1000;
     return static_cast<double>(std::chrono::duration_cast<std::chrono::milliseconds>(elapsed).count()) /

@@ -8,12 +8,12 @@
 
 namespace agent::ordak {
 
-/// Returns the result of `ask`. If `ask` throws, logs the reason and returns "[ERROR]", so that one
+/// Returns the result of `query`. If `query` throws, logs the reason and returns "[ERROR]", so that one
 /// unavailable property doesn't fail the whole response.
-template <typename Ask>
-nlohmann::json hostFact(info::Logger& logger, const Ask& ask) {
+template <typename Query>
+nlohmann::json propertyOrError(info::Logger& logger, const Query& query) {
     try {
-        return ask();
+        return query();
     } catch (const std::exception& error) {
         info::LogEntry(logger, info::level::error) << error.what();
         return "[ERROR]";

@@ -1,4 +1,4 @@
-#include "ordak/Strangers.h"
+#include "ordak/UnidentifiedConnections.h"
 
 #include "os/FileDescriptor.h"
 
@@ -32,41 +32,41 @@ private:
     os::FileDescriptor theirs;
 };
 
-TEST(StrangersTest, OldestMakesRoom) {
+TEST(UnidentifiedConnectionsTest, OldestMakesRoom) {
     std::array<Connection, 4> connections;
-    Strangers strangers(2, std::chrono::hours(1));
-    strangers.enter(connections[0].socket());
-    strangers.enter(connections[1].socket());
+    UnidentifiedConnections unidentified(2, std::chrono::hours(1));
+    unidentified.add(connections[0].socket());
+    unidentified.add(connections[1].socket());
     EXPECT_TRUE(connections[0].isOpen());
-    strangers.enter(connections[2].socket());
+    unidentified.add(connections[2].socket());
     EXPECT_FALSE(connections[0].isOpen());
     EXPECT_TRUE(connections[1].isOpen());
-    strangers.enter(connections[3].socket());
+    unidentified.add(connections[3].socket());
     EXPECT_FALSE(connections[1].isOpen());
     EXPECT_TRUE(connections[2].isOpen());
     EXPECT_TRUE(connections[3].isOpen());
 }
 
-TEST(StrangersTest, WhoHasLeftIsSafe) {
+TEST(UnidentifiedConnectionsTest, WhoHasLeftIsSafe) {
     std::array<Connection, 4> connections;
-    Strangers strangers(2, std::chrono::hours(1));
-    strangers.enter(connections[0].socket());
-    EXPECT_TRUE(strangers.leave(connections[0].socket()));
-    EXPECT_FALSE(strangers.leave(connections[0].socket()));
+    UnidentifiedConnections unidentified(2, std::chrono::hours(1));
+    unidentified.add(connections[0].socket());
+    EXPECT_TRUE(unidentified.remove(connections[0].socket()));
+    EXPECT_FALSE(unidentified.remove(connections[0].socket()));
     for (std::size_t index = 1; index < connections.size(); ++index) {
-        strangers.enter(connections.at(index).socket());
+        unidentified.add(connections.at(index).socket());
     }
     EXPECT_TRUE(connections[0].isOpen());
     EXPECT_FALSE(connections[1].isOpen());
-    EXPECT_FALSE(strangers.leave(connections[1].socket())); // it had already been closed
+    EXPECT_FALSE(unidentified.remove(connections[1].socket())); // it had already been closed
 }
 
-TEST(StrangersTest, WhoHasBeenHereForTooLongGoesWhenTheNextOneComes) {
+TEST(UnidentifiedConnectionsTest, WhoHasBeenHereForTooLongGoesWhenTheNextOneComes) {
     std::array<Connection, 2> connections;
-    Strangers strangers(2, std::chrono::seconds(-1)); // any time is too long
-    strangers.enter(connections[0].socket());
+    UnidentifiedConnections unidentified(2, std::chrono::seconds(-1)); // any time is too long
+    unidentified.add(connections[0].socket());
     EXPECT_TRUE(connections[0].isOpen());
-    strangers.enter(connections[1].socket());
+    unidentified.add(connections[1].socket());
     EXPECT_FALSE(connections[0].isOpen());
     EXPECT_TRUE(connections[1].isOpen());
 }

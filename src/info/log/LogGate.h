@@ -9,24 +9,24 @@ namespace agent::info {
 /// Owns:    the function that waits.
 /// Threads: the thread that creates it must also destroy it. Each thread may have one such object at a time.
 /// Fails:   if the turn never comes, the line is dropped.
-class LogTurn {
+class LogGate {
 public:
     /// Blocks until it is the thread's turn and returns true. Returns false if its turn will never come.
     using Wait = std::function<bool()>;
 
-    explicit LogTurn(Wait wait);
-    LogTurn(const LogTurn&) = delete;
-    LogTurn& operator=(const LogTurn&) = delete;
-    ~LogTurn();
+    explicit LogGate(Wait wait);
+    LogGate(const LogGate&) = delete;
+    LogGate& operator=(const LogGate&) = delete;
+    ~LogGate();
 
     /// The object of the calling thread; null if its lines needn't wait.
-    static const LogTurn* ofThisThread() { return current; }
+    static const LogGate* ofThisThread() { return current; }
 
     /// Waits for the turn. Returns whether to log the line.
-    [[nodiscard]] bool await() const { return wait(); }
+    [[nodiscard]] bool waitForTurn() const { return wait(); }
 
 private:
-    static thread_local const LogTurn* current; // NOLINT(cppcoreguidelines-avoid-non-const-global-variables)
+    static thread_local const LogGate* current; // NOLINT(cppcoreguidelines-avoid-non-const-global-variables)
 
     Wait wait;
 };

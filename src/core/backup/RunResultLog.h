@@ -25,12 +25,12 @@ namespace agent::core::backup {
 /// Owns:    the requested types and the start time; logger and attributes must outlive it.
 /// Threads: the thread of the run.
 /// Fails:   only with std::bad_alloc.
-class RunRecord {
+class RunResultLog {
 public:
     using Volumes = std::vector<info::VolumeProvider::Volume>;
 
     /// To be constructed when the run begins: notes the time and the requested types.
-    RunRecord(info::Logger& logger, std::string backup, const IBackupAttributes& attributes);
+    RunResultLog(info::Logger& logger, std::string backup, const IBackupAttributes& attributes);
 
     /// Logs the lines, at the end of the run. `volumes` are the volumes that were found.
     void write(const std::string& outcome, const IBackupStatusHandler& status, const Volumes& volumes) const;
@@ -43,7 +43,7 @@ private:
     info::Logger& logger;
     const std::string backup;
     const IBackupAttributes& attributes;
-    std::map<std::string, std::uint32_t> asked; // by UUID
+    std::map<std::string, std::uint32_t> requestedTypes; // by UUID
     const std::chrono::steady_clock::time_point begin = std::chrono::steady_clock::now();
 };
 

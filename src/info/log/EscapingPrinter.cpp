@@ -1,4 +1,4 @@
-#include "info/log/PrintablePrinter.h"
+#include "info/log/EscapingPrinter.h"
 
 #include "common/PeerText.h"
 
@@ -8,17 +8,17 @@
 
 namespace agent::info {
 
-PrintablePrinter::PrintablePrinter(IDecorator& decorator, PrinterFunction printer)
+EscapingPrinter::EscapingPrinter(IDecorator& decorator, PrinterFunction printer)
     : decorator(&decorator), printer(std::move(printer)) {}
 
-void PrintablePrinter::print(const std::string& message, int level, LogTime time) {
+void EscapingPrinter::print(const std::string& message, int level, LogTime time) {
     std::string_view text = message;
     const bool hasEnd = text.ends_with('\n');
     text.remove_suffix(hasEnd ? 1 : 0);
-    printer(printableLines(shortened(text, longestMessage)) + (hasEnd ? "\n" : ""), level, time);
+    printer(printableLines(shortened(text, maxMessageBytes)) + (hasEnd ? "\n" : ""), level, time);
 }
 
-bool PrintablePrinter::passesForMessage(std::string_view line) const {
+bool EscapingPrinter::passesForMessage(std::string_view line) const {
     try {
         int level = 0;
         LogTime time;
@@ -29,7 +29,7 @@ bool PrintablePrinter::passesForMessage(std::string_view line) const {
     }
 }
 
-std::string PrintablePrinter::printableLines(std::string_view text) const {
+std::string EscapingPrinter::printableLines(std::string_view text) const {
     std::string shown;
     for (bool isFirst = true;; isFirst = false) {
         const std::size_t length = std::min(text.find('\n'), text.size());
