@@ -7,7 +7,7 @@
 #include "SnapshotNode.h"
 #include "Status.h"
 #include "SystemLog.h"
-#include "Tidying.h"
+#include "TryTo.h"
 #include "Uuid.h"
 #include "Whereabouts.h"
 #include "capture/FrozenFileSystem.h"
@@ -65,10 +65,10 @@ Driver::Driver(Busy busy) : store(busy), table(store.load()) {
     if (!isLive(table)) {
         startSession();
     }
-    const Table tidied = tidyUp(table, Frozen::maybe, backEnds());
-    if (tidied != table) {
-        store.write(tidied);
-        table = tidied;
+    const Table reconciled = reconcileMachine(table, Held::maybe, backEnds());
+    if (reconciled != table) {
+        store.write(reconciled);
+        table = reconciled;
     }
     publish(table);
 }
@@ -95,7 +95,7 @@ void Driver::commit(const Table& next) {
     try {
         publish(next);
     } catch (...) {
-        store.takeBack();
+        store.restorePrevious();
         throw;
     }
     table = next;
@@ -109,11 +109,11 @@ void Driver::replace(const Device& device) {
 }
 
 /// What can't be removed now is left to the next session.
-void Driver::tidy() {
-    const Table tidied = tidyUp(table, Frozen::no, backEnds());
+void Driver::reconcile() {
+    const Table reconciled = reconcileMachine(table, Held::no, backEnds());
     try {
-        if (tidied != table) {
-            commit(tidied);
+        if (reconciled != table) {
+            commit(reconciled);
         }
     } catch (const std::exception& error) {
         logLine(Severity::warning, std::string("can't write the state: ") + error.what());
@@ -121,11 +121,11 @@ void Driver::tidy() {
 }
 
 template <class Work>
-void Driver::undoneOnFailure(const Work& work) {
+void Driver::reconcileOnFailure(const Work& work) {
     try {
         work();
     } catch (...) {
-        tidy();
+        reconcile();
         throw;
     }
 }
@@ -198,7 +198,7 @@ void Driver::setupSnapshot(std::uint32_t minor, const std::string& blockDevice, 
     if (!takeFirstByMapper(plan, device)) {
         tryTo("release what layers have left on " + volume.path, [&] { releaseLeftOvers(plan.cow); });
         takeFirst(capture, plan, device);
-        logLine(Severity::info, volume.path + " was captured whole: " + device.reason);
+        logLine(Severity::info, volume.path + " was captured whole: " + device.whyCaptured);
     }
 }
 
@@ -212,7 +212,7 @@ void Driver::forgetAsleepLayers(const Volume& volume, const PathOnVolume& cow) {
         return;
     }
     commit(next);
-    tidy();
+    reconcile();
     for (const Device& device : before) {
         if (device.layers && isOn(device, volume)) {
             const std::string path = PathOnVolume{cow.mountPoint, device.cowFile}.path();
@@ -233,7 +233,7 @@ void Driver::makeWayFor(const SnapshotPlan& plan) {
 /// Returns false, with the reason in `device`, if the volume must be captured instead.
 bool Driver::takeFirstByMapper(const SnapshotPlan& plan, Device& device) {
     if (const auto reason = reasonAgainstLayers(plan.volume)) {
-        device.reason = *reason;
+        device.whyCaptured = *reason;
         return false;
     }
     Device layered = device;
@@ -246,14 +246,14 @@ bool Driver::takeFirstByMapper(const SnapshotPlan& plan, Device& device) {
         if (error.code().value() != EOPNOTSUPP) {
             throw;
         }
-        device.reason = error.what();
+        device.whyCaptured = error.what();
         return false;
     }
 }
 
 void Driver::takeFirst(IBackEnd& backEnd, const SnapshotPlan& plan, Device device) {
     backEnd.requireRoom(plan, device);
-    undoneOnFailure([&] {
+    reconcileOnFailure([&] {
         begin(plan, device);
         backEnd.takeFirst(plan, device);
         Table next = table;
@@ -262,7 +262,7 @@ void Driver::takeFirst(IBackEnd& backEnd, const SnapshotPlan& plan, Device devic
         std::erase_if(next.asleep, [&](const Device& asleep) { return isOn(asleep, plan.volume); });
         commit(next);
     });
-    tidy();
+    reconcile();
 }
 
 void Driver::transitionSnapshot(std::uint32_t minor, const std::string& cowPath, std::uint64_t cowMebibytes) {
@@ -291,12 +291,12 @@ void Driver::transitionSnapshot(std::uint32_t minor, const std::string& cowPath,
         dm::releaseFile(closed); // no device is mapped to it while there is no snapshot
     }
     requireTable(before, closed);
-    undoneOnFailure([&] {
+    reconcileOnFailure([&] {
         begin(plan, after);
         backEnd.takeNext(plan, before, closed, after);
         replace(after);
     });
-    tidy();
+    reconcile();
 }
 
 void Driver::transitionIncremental(std::uint32_t minor) {
@@ -306,7 +306,7 @@ void Driver::transitionIncremental(std::uint32_t minor) {
     backEnd.noteEnd(device);
     device.mode = Mode::tracking;
     replace(device);
-    tidy();
+    reconcile();
 }
 
 void Driver::reload(Mode mode, std::uint32_t minor, const std::string& blockDevice,
@@ -325,7 +325,7 @@ void Driver::reload(Mode mode, std::uint32_t minor, const std::string& blockDevi
     device.blockDevice = blockDevice;
     device.cowFile = cowFile;
     device.cacheSize = cacheSize;
-    undoneOnFailure([&] {
+    reconcileOnFailure([&] {
         backEndOf(device).reload(volume, device);
         Table next = table;
         next.devices.push_back(device);
@@ -361,7 +361,7 @@ void Driver::destroy(std::uint32_t minor) {
         commit(before);
         throw;
     }
-    tidy();
+    reconcile();
 }
 
 void Driver::checkSnapshot(std::uint32_t minor) const {
@@ -383,7 +383,7 @@ void Driver::forgetAsleep() {
     Table next = table;
     next.asleep.clear();
     commit(next);
-    tidy();
+    reconcile();
 }
 
 } // namespace tolvubd

@@ -45,9 +45,9 @@ private:
     void startSession();
     void commit(const Table& next);
     void replace(const Device& device);
-    void tidy();
+    void reconcile();
     template <class Work>
-    void undoneOnFailure(const Work& work);
+    void reconcileOnFailure(const Work& work);
 
     [[nodiscard]] const Device& require(std::uint32_t minor, Mode mode) const;
     void requireFree(std::uint32_t minor) const;

@@ -66,7 +66,7 @@ std::uint32_t minorFrom(const std::string& text) {
 /// What tracks the device, and why.
 std::string trackedBy(const Device& device) {
     if (!device.layers) {
-        return device.reason.empty() ? "capture" : "capture: " + device.reason;
+        return device.whyCaptured.empty() ? "capture" : "capture: " + device.whyCaptured;
     }
     if (device.layers->error != 0) {
         return std::string("device-mapper, not to be trusted: ") +

@@ -211,7 +211,7 @@ std::vector<dm::Device> LayerStack::holders() const {
     return meta ? holdersOf(*meta) : std::vector<dm::Device>{};
 }
 
-void LayerStack::letGo() const {
+void LayerStack::resumeIfSuspended() const {
     for (const dm::Device& holder : holders()) {
         if (dm::stateOf(holder).isSuspended) {
             dm::resume(holder, dm::Visibility::shown);

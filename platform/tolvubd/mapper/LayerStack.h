@@ -54,7 +54,7 @@ public:
     [[nodiscard]] std::vector<dm::Device> inside() const;
 
     /// Resumes a volume that a dead process has left suspended.
-    void letGo() const;
+    void resumeIfSuspended() const;
     /// Goes back from a snapshot to tracking alone; does nothing if there is no snapshot.
     void endSnapshot();
     /// Gives the volume its own table back, if it has ours. This ends the tracking.

@@ -5,7 +5,7 @@
 #include "Layout.h"
 #include "SnapshotNode.h"
 #include "SystemLog.h"
-#include "Tidying.h"
+#include "TryTo.h"
 #include "Uuid.h"
 #include "capture/FrozenFileSystem.h"
 #include "dm/FilePlaces.h"
@@ -16,9 +16,9 @@
 #include "mapper/FreshGroups.h"
 #include "mapper/LvmCheck.h"
 #include "mapper/LvmLock.h"
-#include "mapper/Moment.h"
 #include "mapper/OwnFiles.h"
 #include "mapper/Sealing.h"
+#include "mapper/SnapshotTaking.h"
 #include "mapper/Targets.h"
 
 #include <algorithm>
@@ -56,7 +56,7 @@ void show(const LayerStack& stack, Device& device) {
     if (!stack.room()) {
         fail(ENOSPC, "the store of the snapshot is full already");
     }
-    device.layers->groups = groupsInUse(openSnapshot(stack), device.size);
+    device.layers->usedGroups = groupsInUse(openSnapshot(stack), device.size);
     showReadOnly(stack, device.minor);
 }
 
@@ -163,7 +163,7 @@ void MapperBackEnd::takeFirst(const SnapshotPlan& plan, Device& device) {
     }
     stack.formatEra(*device.layers);
     stack.loadTop(volume, *device.layers);
-    takeMoment(plan, stack, device);
+    takeSnapshot(plan, stack, device);
     show(stack, device);
 }
 
@@ -183,10 +183,10 @@ void MapperBackEnd::takeNext(const SnapshotPlan& plan, const Device& before, con
         // blocks may belong to another volume.
         const LvmLock lock(LayerStack::volumeOf(*after.layers));
         requireSound(plan, stack, *after.layers, Mode::tracking);
-        takeMoment(plan, stack, after);
+        takeSnapshot(plan, stack, after);
     }
-    const std::vector<Extent> fresh = freshGroups(openSnapshot(stack), after.size, before.layers->groups);
-    const std::vector<bool> written = stack.writtenSince(before.layers->firstEra);
+    const std::vector<Extent> fresh = freshGroups(openSnapshot(stack), after.size, before.layers->usedGroups);
+    const std::vector<bool> written = stack.writtenSince(before.layers->snapshotEra);
     requireSound(plan, stack, *after.layers, after.mode);
     writeRecord(closed, before.snapshot, changedUnits(written, after.layers->blockSectors, fresh, after.size),
                 after.size);
@@ -200,9 +200,9 @@ void MapperBackEnd::noteEnd(Device& device) {
         fail(layers.error, "the snapshot of " + device.blockDevice);
     }
     if (layers.error == ENOSPC) {
-        noteNeed(layers, bytesIn(layers.cowStore));
+        recordPreserved(layers, bytesIn(layers.cowStore));
     } else if (const auto room = LayerStack(layers.id).room()) {
-        noteNeed(layers, room->used);
+        recordPreserved(layers, room->used);
     }
     layers.error = 0;
 }
@@ -239,11 +239,11 @@ void MapperBackEnd::examine(Table& table) {
     }
 }
 
-/// Each step is tried on its own, so that a broken volume doesn't keep the others from being tidied.
-void MapperBackEnd::tidy(const Table& table) {
+/// Each step is tried on its own, so that a broken volume doesn't keep the others from being reconciled.
+void MapperBackEnd::reconcile(const Table& table) {
     for (const Unfinished& unfinished : table.unfinished) {
         if (!unfinished.layers.empty()) {
-            tryTo("let a volume go on", [&] { LayerStack(unfinished.layers).letGo(); });
+            tryTo("let a volume go on", [&] { LayerStack(unfinished.layers).resumeIfSuspended(); });
         }
     }
     std::set<std::string> known;

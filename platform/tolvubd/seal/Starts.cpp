@@ -47,7 +47,7 @@ void noteStart(const std::string& path) {
          ++index) {
         text += starts[index] + "\n";
     }
-    replaceFile(path, text, ownerOnly);
+    replaceFileDurably(path, text, ownerOnly);
 }
 
 std::string previousStart(const std::string& path) {

@@ -1,4 +1,4 @@
-#include "mapper/Moment.h"
+#include "mapper/SnapshotTaking.h"
 
 #include "FileAccess.h"
 #include "HoldGuard.h"
@@ -47,12 +47,12 @@ void logForecast(const SnapshotPlan& plan, const LayerStack& stack, const Layers
 
 } // namespace
 
-void takeMoment(const SnapshotPlan& plan, LayerStack& stack, Device& device) {
+void takeSnapshot(const SnapshotPlan& plan, LayerStack& stack, Device& device) {
     Layers& layers = *device.layers;
     const dm::Device volume = LayerStack::volumeOf(layers);
     stack.createSnapshot(layers, LayerStack::Store::isNew);
     exchangeTables(plan, stack, volume);
-    layers.firstEra = stack.era();
+    layers.snapshotEra = stack.era();
     dm::startWatcher(volume, stack.snapshot());
     logForecast(plan, stack, layers);
 }
