@@ -1,6 +1,7 @@
 #include "Driver.h"
 
 #include "CowFile.h"
+#include "DeviceLocation.h"
 #include "Failure.h"
 #include "Layout.h"
 #include "Recovery.h"
@@ -9,13 +10,12 @@
 #include "SystemLog.h"
 #include "TryTo.h"
 #include "Uuid.h"
-#include "Whereabouts.h"
 #include "capture/FrozenFileSystem.h"
 #include "dm/FilePlaces.h"
 #include "era/EraMetadata.h"
 #include "mapper/OwnFiles.h"
 #include "mapper/Support.h"
-#include "seal/Starts.h"
+#include "seal/BootHistory.h"
 
 #include <algorithm>
 #include <exception>
@@ -50,7 +50,7 @@ void requireTable(const Device& device, const std::string& cowFile) {
 }
 
 /// Removes the device's entries from `unfinished`: what they announced exists now.
-void finish(Table& table, const Device& device) {
+void clearUnfinished(Table& table, const Device& device) {
     std::erase_if(table.unfinished,
                   [&](const Unfinished& unfinished) { return unfinished.snapshot == device.snapshot; });
 }
@@ -85,7 +85,7 @@ void Driver::startSession() {
         fresh.asleep.erase(fresh.asleep.begin(), fresh.asleep.end() - mostAsleep);
     }
     store.write(fresh);
-    noteStart(layout::starts);
+    recordBoot(layout::bootHistory);
     markLive(fresh);
     table = fresh;
 }
@@ -104,7 +104,7 @@ void Driver::commit(const Table& next) {
 void Driver::replace(const Device& device) {
     Table next = table;
     *find(next.devices, device.minor) = device;
-    finish(next, device);
+    clearUnfinished(next, device);
     commit(next);
 }
 
@@ -164,12 +164,12 @@ void Driver::requireFree(std::uint32_t minor) const {
 }
 
 void Driver::requireUntracked(const Volume& volume) const {
-    if (std::ranges::any_of(table.devices, [&](const Device& device) { return isOn(device, volume); })) {
+    if (std::ranges::any_of(table.devices, [&](const Device& device) { return belongsTo(device, volume); })) {
         fail(EBUSY, volume.path + " has a device already");
     }
 }
 
-void Driver::begin(const SnapshotPlan& plan, const Device& device) {
+void Driver::recordUnfinished(const SnapshotPlan& plan, const Device& device) {
     Table next = table;
     Unfinished unfinished{device.snapshot, plan.cow.path(), {}, {}};
     if (device.layers) {
@@ -191,12 +191,12 @@ void Driver::setupSnapshot(std::uint32_t minor, const std::string& blockDevice, 
     const SnapshotPlan plan{volume, locate(volume, cowPath), cowBytes(cowMebibytes, volume)};
     Device device{minor,      Mode::snapshot, blockDevice, plan.cow.relative,
                   makeUuid(), volume.size,    cacheSize,   {}};
-    if (volume.servers.empty() && hasLeftOvers(plan.cow)) { // the kernel never freezes a FUSE file system
+    if (volume.servers.empty() && hasStaleFiles(plan.cow)) { // the kernel never freezes a FUSE file system
         requireNotFrozen(plan.cow.mountPoint);
     }
     forgetAsleepLayers(volume, plan.cow);
     if (!takeFirstByMapper(plan, device)) {
-        tryTo("release what layers have left on " + volume.path, [&] { releaseLeftOvers(plan.cow); });
+        tryTo("release what layers have left on " + volume.path, [&] { unlockStaleFiles(plan.cow); });
         takeFirst(capture, plan, device);
         logLine(Severity::info, volume.path + " was captured whole: " + device.whyCaptured);
     }
@@ -207,14 +207,15 @@ void Driver::setupSnapshot(std::uint32_t minor, const std::string& blockDevice, 
 void Driver::forgetAsleepLayers(const Volume& volume, const PathOnVolume& cow) {
     const std::vector<Device> before = table.asleep;
     Table next = table;
-    std::erase_if(next.asleep, [&](const Device& device) { return device.layers && isOn(device, volume); });
+    std::erase_if(next.asleep,
+                  [&](const Device& device) { return device.layers && belongsTo(device, volume); });
     if (next == table) {
         return;
     }
     commit(next);
     reconcile();
     for (const Device& device : before) {
-        if (device.layers && isOn(device, volume)) {
+        if (device.layers && belongsTo(device, volume)) {
             const std::string path = PathOnVolume{cow.mountPoint, device.cowFile}.path();
             tryTo("remove " + path, [&] { removeLockedCowFile(path, device.snapshot); });
         }
@@ -223,7 +224,7 @@ void Driver::forgetAsleepLayers(const Volume& volume, const PathOnVolume& cow) {
 
 /// The CoW file of a tracking that was lost may still be locked at the path of the new one, and uses its
 /// space.
-void Driver::makeWayFor(const SnapshotPlan& plan) {
+void Driver::removeLockedPredecessor(const SnapshotPlan& plan) {
     if (isCowFile(plan.cow.path()) && dm::isLockedFile(plan.cow.path())) {
         requireNotFrozen(plan.cow.mountPoint);
         removeLockedFile(plan.cow.path());
@@ -232,13 +233,13 @@ void Driver::makeWayFor(const SnapshotPlan& plan) {
 
 /// Returns false, with the reason in `device`, if the volume must be captured instead.
 bool Driver::takeFirstByMapper(const SnapshotPlan& plan, Device& device) {
-    if (const auto reason = reasonAgainstLayers(plan.volume)) {
+    if (const auto reason = unsupportedReason(plan.volume)) {
         device.whyCaptured = *reason;
         return false;
     }
     Device layered = device;
     layered.layers = MapperBackEnd::newLayers(plan.volume);
-    removeLeftOvers(plan.cow);
+    removeStaleFiles(plan.cow);
     try {
         takeFirst(mapper, plan, layered);
         return true;
@@ -254,12 +255,12 @@ bool Driver::takeFirstByMapper(const SnapshotPlan& plan, Device& device) {
 void Driver::takeFirst(IBackEnd& backEnd, const SnapshotPlan& plan, Device device) {
     backEnd.requireRoom(plan, device);
     reconcileOnFailure([&] {
-        begin(plan, device);
+        recordUnfinished(plan, device);
         backEnd.takeFirst(plan, device);
         Table next = table;
         next.devices.push_back(device);
-        finish(next, device);
-        std::erase_if(next.asleep, [&](const Device& asleep) { return isOn(asleep, plan.volume); });
+        clearUnfinished(next, device);
+        std::erase_if(next.asleep, [&](const Device& asleep) { return belongsTo(asleep, plan.volume); });
         commit(next);
     });
     reconcile();
@@ -267,7 +268,7 @@ void Driver::takeFirst(IBackEnd& backEnd, const SnapshotPlan& plan, Device devic
 
 void Driver::transitionSnapshot(std::uint32_t minor, const std::string& cowPath, std::uint64_t cowMebibytes) {
     const Device before = require(minor, Mode::tracking);
-    const Volume volume = findVolume(placeOf(before));
+    const Volume volume = findVolume(devicePathOf(before));
     requireSameSize(before, volume);
     const SnapshotPlan plan{volume, locate(volume, cowPath), cowBytes(cowMebibytes, volume)};
     if (plan.cow.relative == before.cowFile) {
@@ -279,20 +280,20 @@ void Driver::transitionSnapshot(std::uint32_t minor, const std::string& cowPath,
     after.cowFile = plan.cow.relative;
     after.snapshot = makeUuid();
     if (after.layers && after.layers->error != 0) {
-        if (const auto reason = reasonAgainstLayers(volume)) {
+        if (const auto reason = unsupportedReason(volume)) {
             fail(EOPNOTSUPP, volume.path + " can't be tracked any more: " + *reason);
         }
         after.layers = MapperBackEnd::newLayers(volume); // and everything counts as changed
     }
-    makeWayFor(plan);
+    removeLockedPredecessor(plan);
     IBackEnd& backEnd = backEndOf(before);
     backEnd.requireRoom(plan, after);
     if (before.layers) {
-        dm::releaseFile(closed); // no device is mapped to it while there is no snapshot
+        dm::unlockFile(closed); // no device is mapped to it while there is no snapshot
     }
     requireTable(before, closed);
     reconcileOnFailure([&] {
-        begin(plan, after);
+        recordUnfinished(plan, after);
         backEnd.takeNext(plan, before, closed, after);
         replace(after);
     });
@@ -374,9 +375,9 @@ void Driver::checkSnapshot(std::uint32_t minor) const {
 std::uint64_t Driver::roomBeyondCowFile(const std::string& blockDevice) const {
     const Volume volume = findVolume(blockDevice);
     const bool isTracked =
-        std::ranges::any_of(table.devices, [&](const Device& device) { return isOn(device, volume); });
-    return isTracked || reasonAgainstLayers(volume) ? 0
-                                                    : eraFileSize(volume.size, eraBlockSectors(volume.size));
+        std::ranges::any_of(table.devices, [&](const Device& device) { return belongsTo(device, volume); });
+    return isTracked || unsupportedReason(volume) ? 0
+                                                  : eraFileSize(volume.size, eraBlockSectors(volume.size));
 }
 
 void Driver::forgetAsleep() {

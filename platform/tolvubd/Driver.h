@@ -56,8 +56,8 @@ private:
     IBackEnd& backEndOf(const Device& device);
     bool takeFirstByMapper(const SnapshotPlan& plan, Device& device);
     void forgetAsleepLayers(const Volume& volume, const PathOnVolume& cow);
-    static void makeWayFor(const SnapshotPlan& plan);
-    void begin(const SnapshotPlan& plan, const Device& device);
+    static void removeLockedPredecessor(const SnapshotPlan& plan);
+    void recordUnfinished(const SnapshotPlan& plan, const Device& device);
     void takeFirst(IBackEnd& backEnd, const SnapshotPlan& plan, Device device);
 
     StateStore store;

@@ -24,8 +24,8 @@ namespace {
 void closeVolume(const BootRecord::Volume& record) {
     const BootLock lock;
     const LayerStack stack(record.id);
-    const std::optional<dm::Device> top = stack.top();
-    if (!top || mountedAs(*top) == Mounted::forWriting || hasOtherUsers(*top)) {
+    const std::optional<dm::Device> eraDevice = stack.eraDevice();
+    if (!eraDevice || mountedAs(*eraDevice) == Mounted::forWriting || hasOtherUsers(*eraDevice)) {
         return;
     }
     const TrackedVolume volume(record, stack.lower());
@@ -38,10 +38,10 @@ void closeVolume(const BootRecord::Volume& record) {
         return;
     }
     seal->end = Seal::End::clean;
-    seal->start = thisStart();
+    seal->bootId = currentBootId();
     seal->fingerprint = now;
     volume.write(*seal);
-    report(Severity::info, top->name + " is closed, and tracked on after the next start");
+    report(Severity::info, eraDevice->name + " is closed, and tracked on after the next start");
 }
 
 void tryToClose(const BootRecord::Volume& record) noexcept {

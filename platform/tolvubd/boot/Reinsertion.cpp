@@ -9,8 +9,8 @@
 #include "boot/TrackedVolume.h"
 #include "dm/SuspendedDevice.h"
 #include "mapper/LayerStack.h"
+#include "seal/BootHistory.h"
 #include "seal/BootRecord.h"
-#include "seal/Starts.h"
 #include "seal/Trust.h"
 
 #include <algorithm>
@@ -73,7 +73,7 @@ private:
         if (seal->end == Seal::End::open && volume.wasEraShutDown()) {
             return "it had lost its layers before the machine stopped"; // however shortly before
         }
-        return reasonForDoubt(*seal, now, previousStart(layout::starts));
+        return reasonForDoubt(*seal, now, previousBootId(layout::bootHistory));
     }
 
     /// Only logs, and leaves the seal alone: its blocks may belong to another file by now. The volume stays
@@ -96,7 +96,7 @@ private:
             }
             write(TrackedVolume(record, stack.lower()), seal, Seal::End::open, now);
         } catch (...) {
-            stack.takeApart();
+            stack.removeLayers();
             throw;
         }
         report(Severity::info, device.name + ": what changes on it goes on to be tracked");
@@ -108,13 +108,13 @@ private:
         if (hasSnapshot) {
             stack.createSnapshot(*sealed.layers, LayerStack::Store::isKept);
         }
-        stack.loadTop(device, *sealed.layers);
+        stack.loadEraTarget(device, *sealed.layers);
         auto suspended = std::make_unique<dm::SuspendedDevice>(
-            device, dm::Visibility::shown, hasSnapshot ? stack.inside() : std::vector<dm::Device>{},
+            device, dm::Visibility::shown, hasSnapshot ? stack.innerDevices() : std::vector<dm::Device>{},
             dm::liveTable(stack.lower()));
         dm::SuspendedDevice& held = *suspended;
         HoldGuard guard(std::move(suspended));
-        held.resumeInside();
+        held.resumeInnerDevices();
         guard.release();
     }
 
@@ -122,7 +122,7 @@ private:
     static void write(const TrackedVolume& where, Seal seal, Seal::End end,
                       const std::optional<Fingerprint>& now) {
         seal.end = end;
-        seal.start = thisStart();
+        seal.bootId = currentBootId();
         seal.fingerprint = now;
         where.write(seal);
     }

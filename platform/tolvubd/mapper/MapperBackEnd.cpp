@@ -61,7 +61,7 @@ void show(const LayerStack& stack, Device& device) {
 }
 
 /// Makes all reads of a snapshot fail that may be inconsistent.
-void putErrorUnder(const LayerStack& stack) {
+void failSnapshotReads(const LayerStack& stack) {
     const dm::Device snapshot = stack.snapshot();
     const dm::Targets targets = dm::liveTable(snapshot);
     if (targets.size() == 1 && targets[0].type != "error") {
@@ -92,26 +92,26 @@ bool isBroken(const Device& device) {
 
 /// Gives the volume its own table back, so that programs don't depend on broken layers. While there is a
 /// snapshot, its device stays with the target "error" until the snapshot ends.
-void abandon(const Device& device) {
+void detachBrokenLayers(const Device& device) {
     LayerStack stack(device.layers->id);
     if (device.mode == Mode::tracking) {
-        stack.takeApart();
+        stack.removeLayers();
     } else if (stack.isPresent()) {
-        putErrorUnder(stack);
-        stack.giveBack();
+        failSnapshotReads(stack);
+        stack.restoreOwnTable();
     }
 }
 
-void bringTo(const Device& device) {
+void reconcileDevice(const Device& device) {
     if (isBroken(device)) {
-        abandon(device);
+        detachBrokenLayers(device);
         return;
     }
     LayerStack stack(device.layers->id);
     if (device.mode == Mode::tracking) {
         stack.endSnapshot();
     } else if (device.layers->error != 0) {
-        putErrorUnder(stack);
+        failSnapshotReads(stack);
     }
     renewSeal(stack, device);
 }
@@ -162,7 +162,7 @@ void MapperBackEnd::takeFirst(const SnapshotPlan& plan, Device& device) {
         fail(EOPNOTSUPP, "LVM says that " + plan.volume.path + " lies elsewhere");
     }
     stack.formatEra(*device.layers);
-    stack.loadTop(volume, *device.layers);
+    stack.loadEraTarget(volume, *device.layers);
     takeSnapshot(plan, stack, device);
     show(stack, device);
 }
@@ -170,7 +170,7 @@ void MapperBackEnd::takeFirst(const SnapshotPlan& plan, Device& device) {
 void MapperBackEnd::takeNext(const SnapshotPlan& plan, const Device& before, const std::string& closed,
                              Device& after) {
     if (before.layers->id != after.layers->id) { // the layers are new, so everything counts as changed
-        LayerStack(before.layers->id).takeApart();
+        LayerStack(before.layers->id).removeLayers();
         takeFirst(plan, after);
         writeRecord(closed, before.snapshot, changedUnits({}, after.layers->blockSectors, {}, after.size),
                     after.size);
@@ -208,7 +208,7 @@ void MapperBackEnd::noteEnd(Device& device) {
 }
 
 void MapperBackEnd::release(const Device& device) {
-    LayerStack(device.layers->id).takeApart();
+    LayerStack(device.layers->id).removeLayers();
 }
 
 void MapperBackEnd::reload(const Volume& volume, Device& device) {
@@ -256,15 +256,16 @@ void MapperBackEnd::reconcile(const Table& table) {
     for (const Device& device : table.devices) {
         if (owns(device)) {
             known.insert(device.layers->id);
-            tryTo("bring the layers of " + device.blockDevice + " to their state", [&] { bringTo(device); });
+            tryTo("bring the layers of " + device.blockDevice + " to their state",
+                  [&] { reconcileDevice(device); });
         }
     }
     for (const std::string& id : LayerStack::present()) {
         if (!known.contains(id)) {
-            tryTo("take the layers " + id + " apart", [&] { LayerStack(id).takeApart(); });
+            tryTo("take the layers " + id + " apart", [&] { LayerStack(id).removeLayers(); });
         }
     }
-    tryTo("note what is to be put back at the next start", [&] { noteForStart(table); });
+    tryTo("note what is to be put back at the next start", [&] { updateBootRecord(table); });
 }
 
 } // namespace tolvubd

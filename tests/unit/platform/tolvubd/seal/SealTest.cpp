@@ -130,8 +130,8 @@ TEST(Seal, IsTheOneBeforeWhereTheNewestWasCutOff) {
 }
 
 TEST(Start, HasANameOfItsOwn) {
-    EXPECT_TRUE(isUuid(thisStart()));
-    EXPECT_EQ(thisStart(), thisStart());
+    EXPECT_TRUE(isUuid(currentBootId()));
+    EXPECT_EQ(currentBootId(), currentBootId());
 }
 
 } // namespace
