@@ -6,17 +6,17 @@
 
 namespace zephane {
 
-void Sessions::setMost(std::size_t sessions) {
+void Sessions::setLimit(std::size_t sessions) {
     const std::lock_guard lock(mutex);
-    most = sessions;
+    limit = sessions;
 }
 
 Sessions::Number Sessions::add(Stop stop) {
     std::unique_lock lock(mutex);
     const Number number = ++last;
-    if (!end.empty()) {
+    if (!endReason.empty()) {
         lock.unlock();
-        stop(end);
+        stop(endReason);
         return number;
     }
     Stop oldest;
@@ -37,8 +37,8 @@ bool Sessions::prove(Number number, const wire::ImageName& image) {
     const auto found = pending.find(number);
     const auto ofTheImage =
         std::ranges::count_if(proven, [&](const auto& entry) { return entry.second.image == image; });
-    if (found == pending.end() || proven.size() >= most ||
-        std::cmp_greater_equal(ofTheImage, mostOfOneImage)) {
+    if (found == pending.end() || proven.size() >= limit ||
+        std::cmp_greater_equal(ofTheImage, mostPerImage)) {
         return false;
     }
     proven.emplace(number, Session{image, std::move(found->second)});
@@ -54,21 +54,21 @@ void Sessions::remove(Number number) {
 
 void Sessions::stopAll(const std::string& why) {
     std::unique_lock lock(mutex);
-    end = why;
+    endReason = why;
     const std::map<Number, Stop> others = std::exchange(pending, {});
     lock.unlock();
     for (const auto& [number, stop] : others) {
         stop(why);
     }
-    stopThose([](const wire::ImageName&) { return true; }, why);
+    stopMatching([](const wire::ImageName&) { return true; }, why);
 }
 
-void Sessions::stopThose(const std::function<bool(const wire::ImageName& image)>& isMeant,
-                         const std::string& why) {
+void Sessions::stopMatching(const std::function<bool(const wire::ImageName& image)>& matches,
+                            const std::string& why) {
     std::vector<Stop> stops;
     std::unique_lock lock(mutex);
     for (const auto& [number, session] : proven) {
-        if (isMeant(session.image)) {
+        if (matches(session.image)) {
             stops.push_back(session.stop);
         }
     }

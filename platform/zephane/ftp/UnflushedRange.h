@@ -7,14 +7,14 @@
 namespace zephane {
 
 /// What has been written since the last flush: a range that covers all of it, and the number of bytes.
-class Unflushed {
+class UnflushedRange {
 public:
     void add(std::uint64_t offset, std::uint64_t length) {
         begin = std::min(begin, offset);
         end = std::max(end, offset + length);
         written += length;
     }
-    void clear() { *this = Unflushed(); }
+    void clear() { *this = UnflushedRange(); }
 
     [[nodiscard]] bool isEmpty() const { return end == 0; }
     [[nodiscard]] bool overlaps(std::uint64_t offset, std::uint64_t length) const {
