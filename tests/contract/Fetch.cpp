@@ -8,7 +8,7 @@ namespace agent::contract {
 
 namespace {
 
-constexpr std::ptrdiff_t moat = 64; // bytes around the buffer that nobody may write to
+constexpr std::ptrdiff_t moat = 64; // guard bytes around the buffer, which must not be written to
 constexpr std::uint8_t untouched = 0xa5;
 
 std::uint8_t reversed(std::uint8_t byte) {
@@ -71,7 +71,7 @@ std::uint64_t Fetch::elementsLeft() const {
     return map.size - std::min(startBlock, map.size);
 }
 
-/// Bytes are compared at once where the map has them at the same bits.
+/// Compares whole bytes if the bits are at the same positions in both.
 bool Fetch::equalsTheMap(std::uint64_t elements) const {
     const std::uint64_t bits = elements * map.elementBits;
     const std::uint64_t first = startBlock * map.elementBits;
@@ -90,7 +90,7 @@ bool Fetch::equalsTheMap(std::uint64_t elements) const {
     return true;
 }
 
-/// Up to the last element that is told of.
+/// Whether all bits from `element` up to the last one reported are set.
 bool Fetch::isUsedFrom(std::uint64_t element) const {
     for (std::uint64_t bit = element * map.elementBits;
          bit < static_cast<std::uint64_t>(count) * map.elementBits; ++bit) {

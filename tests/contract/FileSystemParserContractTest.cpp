@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-/// What holds for the parser of each kind of file system, on each of the real images.
+/// Tests that every parser must pass on each of the real images of its file system.
 namespace agent::contract {
 namespace {
 
@@ -33,7 +33,7 @@ protected:
     ImageTest& operator=(const ImageTest&) = delete;
     ~ImageTest() override { image.volume.size = size; }
 
-    /// More than any map of the volume needs.
+    /// Buffer bytes that are enough for any map of the volume.
     [[nodiscard]] std::size_t enough() const { return size / 512 / 8 + 1; }
 
     RealImage& image = imageOf(GetParam());
@@ -79,12 +79,12 @@ protected:
         return {parser, image.used, 0, image.used.bytes.size()};
     }
 
-    /// Whether a parser, asked once more, fails or has the map of the image.
+    /// Whether a parser, called once more, fails or provides the image's map.
     [[nodiscard]] testing::AssertionResult isHonest(IFileSystemParser& parser) const {
         return parser.recognize() ? wholeMap(parser).isHonest() : testing::AssertionSuccess();
     }
 
-    /// Each place on the device where something ends that is read.
+    /// The ends of all reads, as offsets on the device.
     std::vector<std::uint64_t> endsOfReads() {
         EXPECT_TRUE(isHonest(*parserOf(image, image.volume)));
         std::vector<std::uint64_t> ends;

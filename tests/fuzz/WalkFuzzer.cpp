@@ -12,8 +12,8 @@
 #include <memory>
 #include <vector>
 
-/// Bytes as bitmap, word map, and excluders with any numbers: what is found, merged and cut must be what one
-/// gets by asking every block.
+/// The input gives bitmaps, word maps, and excluders with arbitrary numbers. Finding, merging and cutting
+/// ranges must give the same result as checking every block.
 namespace agent::test {
 namespace {
 
@@ -39,7 +39,7 @@ public:
         return *data++;
     }
 
-    /// Small, or of any size.
+    /// Mostly small, sometimes of any size.
     std::uint64_t number() {
         std::uint64_t number = byte();
         for (int more = number == 0xff ? 8 : 0; more > 0; --more) {

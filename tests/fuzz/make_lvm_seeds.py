@@ -1,9 +1,9 @@
 #!/usr/bin/env python3
 """usage: tests/fuzz/make_lvm_seeds.py DIRECTORY
 
-Makes the seeds of the corpus lvm_metadata: a label and a metadata area around each text of LVM's that lies
-beside the unit tests. It fills the area, once from its begin and once over its end. The fuzz target puts the
-checksums in."""
+Makes the seeds of the corpus lvm_metadata: a label and a metadata area around each of LVM's metadata texts
+beside the unit tests. There are two seeds of each: one in which the text begins at the area's start, one in
+which it wraps around the area's end. The fuzz target corrects the checksums."""
 import pathlib
 import re
 import struct
@@ -27,7 +27,7 @@ def header(area_size, offset, size):
 
 
 def seed(text, split):
-    """The text begins so many bytes before the end of its ring."""
+    """A seed whose text begins `split` bytes before the end of the circular area."""
     volume = re.search(rb'pv0 \{\s*id = "([^"]*)"', text)[1].replace(b"-", b"")
     size = len(text) + SECTOR
     ring = text[split:] + text[:split] if split < len(text) else text

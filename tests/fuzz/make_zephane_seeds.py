@@ -2,7 +2,8 @@
 """usage: tests/fuzz/make_zephane_seeds.py DIRECTORY
 
 Makes the seeds of the corpora zephane_server and zephane_client, in a folder each: what one end of a
-connection sends from its hello on, after the byte that ZephanePeer.h explains. Needs the program zstd."""
+connection sends from its hello on, after the mode byte that ZephanePeer.h describes. Needs the program
+zstd."""
 import hashlib
 import pathlib
 import struct
@@ -39,7 +40,7 @@ def compressed(data):
 
 
 def old_format(version):
-    """A stream whose header asks for a window of 64 or 128 MiB, in a format that zstd has had before."""
+    """A stream in one of zstd's legacy formats, whose header asks for a window of 64 or 128 MiB."""
     windows = {5: b"\x0f\0", 6: b"\x0f\0", 7: b"\0\x88"}
     return bytes([0x20 + version, 0xB5, 0x2F, 0xFD]) + windows[version] + bytes(58)
 

@@ -1,5 +1,5 @@
-// DebtModel [SEQUENCES [SEED]]: plays random sequences of what can happen to a protected machine, and says
-// which of them have made a finished backup wrong. Status 1 if any has.
+// DebtModel [SEQUENCES [SEED]]: runs random sequences of events that can happen to a protected machine, and
+// reports those after which a finished backup was wrong. The exit status is 1 if there are any.
 
 #include "model/ModelDriver.h"
 #include "model/Sequence.h"
@@ -20,7 +20,7 @@ std::uint32_t numberFrom(const char* text) {
     return static_cast<std::uint32_t>(std::strtoul(text, nullptr, 10));
 }
 
-/// How many steps a backup of one volume has that nothing disturbs.
+/// How many steps an undisturbed backup of one volume has.
 std::uint32_t stepsOfABackup(World& world) {
     HeldMounts mounts;
     world.reset();
@@ -34,6 +34,8 @@ void show(World& world, std::uint32_t number, const Events& events) {
               << describe(fewer) << std::endl;
 }
 
+/// Runs `count` sequences and prints a summary. Each sequence has a random source of its own, so that a wrong
+/// one can be repeated alone by its number.
 int playAll(std::uint32_t count, std::uint32_t seed) {
     World world;
     const std::uint32_t steps = stepsOfABackup(world);

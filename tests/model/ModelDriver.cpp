@@ -63,7 +63,7 @@ bool isSnapshotMounted(std::size_t index) {
            inner.st_dev != outer.st_dev;
 }
 
-/// `work` returns 0 or an error.
+/// Runs `work`, which returns 0 or an error, with a fault step before and after it.
 std::int32_t ModelDriver::call(const std::function<int()>& work) {
     if (fails(Step::call)) {
         errno = EIO;
@@ -143,7 +143,8 @@ std::int32_t ModelDriver::transition_snapshot(std::uint32_t minor, const char* c
     });
 }
 
-/// A driver that has met an error has lost count.
+/// Writes the bitmap of changed units. After a driver error it is empty, since changes were no longer
+/// tracked.
 void ModelDriver::closeRecord(std::size_t index, const Device& device) {
     std::array<std::uint64_t, unitCount> table{};
     for (std::size_t unit = 0; unit < unitCount && device.error == 0; ++unit) {
@@ -205,7 +206,7 @@ std::int32_t ModelDriver::reload_incremental(std::uint32_t minor, const char* bl
     });
 }
 
-// The agent has no use for these.
+// The agent doesn't use these functions.
 std::int32_t ModelDriver::reload_snapshot(std::uint32_t /*minor*/, const char* /*blockDevice*/,
                                           const char* /*cowFile*/, std::uint64_t /*cacheSize*/) {
     return call([] { return ENOSYS; });

@@ -70,7 +70,7 @@ std::string textOf(const BackupOrder& order) {
            (order.isMountLeft ? ", mount left" : "") + (order.isSnapshotLost ? ", snapshot lost" : "");
 }
 
-/// The machine during one sequence.
+/// The machine during one sequence of events.
 class Play {
 public:
     explicit Play(World& world) : world(world), driver(world) {
@@ -78,6 +78,8 @@ public:
         driver.publish();
     }
 
+    // Only a backup is the agent's doing. All other events change the driver's state, files, images or mounts
+    // behind its back.
     void happen(const Event& event) {
         VolumeState& volume = world.volume(event.volume);
         switch (event.kind) {
@@ -120,8 +122,9 @@ public:
         }
     }
 
-    /// Two backups may fail for what was left. A history that is missing wants another type, and two of them
-    /// if a CoW file is missing as well.
+    /// Runs backups without faults, of which the last must succeed. Two may fail because of what the events
+    /// left. A missing history requires another backup type, and two backups of it if a CoW file is missing
+    /// as well.
     void recover() {
         mounts.release();
         Outcome last = Outcome::failed;
@@ -161,7 +164,7 @@ private:
         }
     }
 
-    /// What was mounted is not any more, and who looked into it is gone.
+    /// A restart removes all mounts and ends the processes that used them.
     void restart() {
         mounts.clear();
         driver.restart();

@@ -16,7 +16,7 @@
 
 namespace agent::test {
 
-/// A backup whose snapshots are the test's.
+/// A backup with a scripted snapshot control in place of the driver's.
 class StagedBackup : public core::backup::Backup {
 public:
     template <typename... Arguments>
@@ -34,8 +34,11 @@ private:
     info::Logger& logger;
 };
 
-/// What a backup meets outside of itself: volumes, scripts, snapshots, the database. Outlives the backups
-/// that it makes, and is no part of what happens between them and their targets.
+/// Everything around a backup except its targets: volumes, scripts, snapshots, the database. Outlives the
+/// backups that it makes.
+/// Owns:    the database, the log and the fakes; the backups belong to the caller.
+/// Threads: one.
+/// Fails:   the constructor throws std::runtime_error if the database can't be made.
 class BackupStage {
 public:
     using Attributes = std::shared_ptr<core::backup::IBackupAttributes>;
@@ -52,7 +55,7 @@ public:
 
     RecordingLogger log;
     TestDatabase database;
-    FaultyDataProvider store{database.provider}; ///< what backups are given of it
+    FaultyDataProvider store{database.provider}; ///< the data provider that backups get
     StagedVolumes volumes{log.logger};
     RecordingQuiesce quiesce;
     HolePunchOption config;

@@ -16,7 +16,7 @@
 
 namespace agent::test {
 
-/// A driver that tells what it is given; nothing given is a driver that can't be read.
+/// A driver that returns what the test sets. An empty status stands for a driver that can't be read.
 class FixedDriverInfo : public IDriverInfoProvider {
 public:
     [[nodiscard]] std::string getDriverVersion() const override { return "4.2.0"; }
@@ -56,8 +56,11 @@ private:
     std::string id;
 };
 
-/// A real engine with its register and threads; what its backups would do is left out, and what they were to
-/// do is kept.
+/// A real engine with its backup manager and threads. Its backups do nothing; their attributes and their
+/// session are kept for the test.
+/// Owns:    the engine with its threads, the manager and the last session.
+/// Threads: one.
+/// Fails:   `takeTransport` throws for a volume that the backup doesn't have. Call it once after each backup.
 class EngineStage {
     class NoScripts : public core::script::IQuiesce {
     public:
@@ -65,7 +68,7 @@ class EngineStage {
         void runScript(const std::string& /*script*/, std::uint32_t /*timeout*/, bool /*isPre*/) override {}
     };
 
-    /// A backup whose session outlives it.
+    /// A backup that hands its session to the stage, so that the session outlives it.
     class KeptBackup : public FixedBackup {
     public:
         KeptBackup(std::string id, EngineStage& stage) : FixedBackup(std::move(id)), stage(stage) {}
@@ -95,7 +98,8 @@ public:
                   return std::make_unique<KeptBackup>("backup-" + std::to_string(++backupsMade), *this);
               }) {}
 
-    /// The transport that the last backup was given for a volume, not connected. Waits for its run to end.
+    /// The transport, not yet connected, that the last backup got for a volume. Waits until the backup has
+    /// run.
     std::shared_ptr<core::ITransport> takeTransport(const std::string& uuid) {
         engine.waitForBackup();
         const std::lock_guard lock(mutex);
@@ -107,7 +111,7 @@ public:
     std::shared_ptr<core::backup::IBackupAttributes> backupAttributes;     ///< Of the last backup.
     std::shared_ptr<core::backup::ISnapshotAttributes> snapshotAttributes; ///< Of the last backup.
     int backupsMade = 0;
-    core::Engine engine; // last, so that its threads have ended before anything else goes
+    core::Engine engine; // last, so that its threads end before the other members are destroyed
 };
 
 } // namespace agent::test

@@ -24,12 +24,12 @@ struct Task : scsi_task {
     scsi_readcapacity16 capacity{};
 };
 
-/// A command that isn't waited for.
+/// An asynchronous command.
 struct Command {
     Task* task = nullptr;
     Outcome outcome = Outcome::good;
-    std::uint64_t begin = 0;                ///< on the disk, in bytes
-    const unsigned char* written = nullptr; ///< of a write
+    std::uint64_t begin = 0;                ///< offset on the disk, in bytes
+    const unsigned char* written = nullptr; ///< the data of a write; null for a read
     std::uint32_t length = 0;
     int busyStatus = SCSI_STATUS_BUSY;
     iscsi_command_cb answered = nullptr;
@@ -49,7 +49,7 @@ namespace agent::test {
 
 namespace {
 
-/// How functions that return a number do: 0, or negative.
+/// The result of a function that returns a number: 0, or negative on failure.
 int finish(iscsi_context* context, const std::string& function, Outcome outcome) {
     if (outcome == Outcome::good) {
         return 0;
@@ -63,7 +63,7 @@ int perform(iscsi_context* context, const std::string& function, const Arguments
     return finish(context, function, FakeIscsi::get().call(function, arguments...));
 }
 
-/// The answer to a command, with so many bytes from the target.
+/// Makes the task that answers a command, with `bytes` bytes from the target.
 Task* answer(iscsi_context* context, const std::string& function, Outcome outcome, std::size_t bytes) {
     if (finish(context, function, outcome) != 0 && outcome == Outcome::failed) {
         return nullptr;
@@ -94,7 +94,7 @@ void writeToDisk(const unsigned char* data, std::uint64_t begin, std::uint32_t l
     }
 }
 
-/// Takes a command on. Null if it has failed by itself.
+/// Queues a command. Null if the function itself fails.
 scsi_task* accept(iscsi_context* context, const std::string& function, Command command) {
     FakeIscsi& fake = FakeIscsi::get();
     if (command.outcome == Outcome::good && context->commands.size() >= fake.slots) {
@@ -260,7 +260,7 @@ int iscsi_service(iscsi_context* context, int /*events*/) {
     }
     const Command next = takeNext(context);
     if (next.outcome == Outcome::broken) {
-        context->commands.push_front(next); // which only a cancel answers
+        context->commands.push_front(next); // only cancelling the tasks answers it
         return finish(context, __func__, next.outcome);
     }
     carryOut(context, next);

@@ -11,17 +11,20 @@
 
 namespace agent::test {
 
-/// A transport to a remote image in memory, which refuses what a real target would refuse. What happened to
-/// it is public; it belongs to one thread.
+/// A transport to a remote image in memory that refuses what a real target would refuse. Its public members
+/// record what happened to it.
+/// Owns:    a share of the far side.
+/// Threads: one at a time.
+/// Fails:   like a real transport: -1 or false, with `errno`.
 class FakeTransport : public core::ITransport {
 public:
     using Image = std::vector<std::uint8_t>;
 
-    /// What is on the other end, for several transports to share.
+    /// The remote image; several transports can share it.
     struct FarSide {
         Image image;
-        bool isBroken = false; ///< Set to let every command fail.
-        int changes = 0;       ///< Counts what has really been written and punched.
+        bool isBroken = false; ///< if set, every command fails
+        int changes = 0;       ///< how many writes and punched holes really changed the image
     };
 
     explicit FakeTransport(std::size_t imageBytes = 0) : FakeTransport(Image(imageBytes)) {}
@@ -29,7 +32,7 @@ public:
         : FakeTransport(std::make_shared<FarSide>(FarSide{.image = std::move(image)})) {}
     explicit FakeTransport(std::shared_ptr<FarSide> farSide) : side(std::move(farSide)), image(side->image) {}
 
-    /// As on the wire: within the image or just behind it.
+    /// As in the protocol, the offset must be within the image or at its end.
     std::int64_t seek(std::int64_t offset, int whence) override {
         const std::int64_t from = whence == 1 ? position : 0;
         if (whence < 0 || whence > 1 || offset < -from || offset > size() - from) {
@@ -105,11 +108,11 @@ private:
     std::shared_ptr<FarSide> side;
 
 public:
-    Image& image;                   ///< The far side's.
-    std::uint64_t blockBytes = 512; ///< of the target; 1 if it takes any bytes, as a file does
-    bool refusing = false;          ///< Set to refuse connections.
+    Image& image;                   ///< the far side's image
+    std::uint64_t blockBytes = 512; ///< the target's block size; 1 if it takes any length, as a file does
+    bool refusing = false;          ///< if set, connections are refused
     bool holePunching = false;
-    std::uint64_t longestWrite = UINT64_MAX; ///< that one call takes
+    std::uint64_t longestWrite = UINT64_MAX; ///< the most bytes that one call writes
     bool connected = false;
     bool diffMerge = false; ///< As the last connect asked for.
     std::int64_t position = 0;
@@ -117,7 +120,7 @@ public:
     int disconnects = 0;
     int reads = 0;
     int writes = 0;
-    std::vector<Extent> written; ///< What has really been changed; in diff-merge mode equal data is not.
+    std::vector<Extent> written; ///< what really changed; in diff-merge mode equal data is not written
     std::vector<Extent> holes;
 
 private:

@@ -8,12 +8,12 @@
 
 namespace agent::test {
 
-/// Another store of which one call fails, by default as a full disk would, before it has any effect.
+/// Wraps a data provider. One call fails, as with a full disk, before it has any effect.
 class FaultyDataProvider : public db::IDataProviderExtended {
 public:
     explicit FaultyDataProvider(db::IDataProviderExtended& inner) : inner(inner) {}
 
-    /// Counts anew from here on.
+    /// Starts counting calls anew.
     void failAt(int call) { failing = FailingCall(call); }
 
     std::string getConfigValue(const std::string& key) override { return reached().getConfigValue(key); }

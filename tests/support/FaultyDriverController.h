@@ -8,8 +8,8 @@
 
 namespace agent::test {
 
-/// Another driver of which one call fails, before it has any effect. Asking for an incremental history and
-/// removing it can't fail.
+/// Wraps a driver controller. One call fails before it has any effect. Querying and removing an incremental
+/// history can't fail.
 class FaultyDriverController : public info::IDriverController {
 public:
     FaultyDriverController(info::IDriverController& inner, FailingCall& failing)

@@ -5,7 +5,7 @@
 
 namespace agent::test {
 
-/// Another volume of which one call fails, before it has any effect.
+/// Wraps a volume reader. One call fails before it has any effect.
 class FaultyVolume : public core::IVolumeReader {
 public:
     FaultyVolume(core::IVolumeReader& inner, int failingCall) : inner(inner), failing(failingCall) {}
@@ -17,7 +17,7 @@ public:
         return failing.isNow() ? -1 : inner.seek(offset, whence);
     }
 
-    /// True once the call that was to fail has come.
+    /// True once the failing call has happened.
     [[nodiscard]] bool hasFailed() const { return failing.hasCome(); }
 
 private:

@@ -8,17 +8,18 @@
 
 namespace agent {
 
-/// How GoogleTest shows a range.
+/// How GoogleTest prints a range.
 inline void PrintTo(const BlockRange& range, std::ostream* out) {
     *out << range.start << "+" << range.length;
 }
 
 } // namespace agent
 
-/// What finding, merging and cutting ranges mean, one block at a time: slow, and plain enough to be trusted.
+/// Reference implementations of finding, merging and cutting ranges: one block at a time, slow, but simple
+/// enough to trust.
 namespace agent::test {
 
-/// The runs of true in `count` answers.
+/// The runs of blocks below `count` for which the predicate is true.
 template <typename Predicate>
 std::vector<BlockRange> plainRuns(std::uint64_t count, Predicate wanted) {
     std::vector<BlockRange> runs;
@@ -40,14 +41,14 @@ inline bool plainBit(const std::uint8_t* bitmap, std::uint64_t index, bool msbFi
     return (bitmap[index / 8] >> shift & 1U) != 0;
 }
 
-/// The runs of bits of one value in a bitmap.
+/// The runs of bits that have the target value.
 inline std::vector<BlockRange> plainBitRanges(const std::uint8_t* bitmap, std::uint64_t bits,
                                               bool targetValue, bool msbFirst) {
     return plainRuns(bits, [&](std::uint64_t bit) { return plainBit(bitmap, bit, msbFirst) == targetValue; });
 }
 
-/// What is left of `totalBlocks` blocks. A range whose end has wrapped excludes nothing; an empty one only
-/// ends a range and starts the next one.
+/// The ranges of `totalBlocks` blocks that remain after the exclusions. An exclusion whose end overflows
+/// excludes nothing. An empty exclusion only splits a range at its start.
 inline std::vector<BlockRange> plainIncluded(const std::vector<BlockRange>& exclusions,
                                              std::uint64_t totalBlocks) {
     std::vector<bool> excluded(totalBlocks);
@@ -74,7 +75,7 @@ inline std::vector<BlockRange> plainIncluded(const std::vector<BlockRange>& excl
     return included;
 }
 
-/// Each range from its start on in pieces of at most `most` blocks.
+/// Splits each range, from its start, into chunks of at most `most` blocks.
 inline std::vector<BlockRange> plainChunks(const std::vector<BlockRange>& ranges, std::uint64_t most) {
     std::vector<BlockRange> chunks;
     for (const BlockRange& range : ranges) {

@@ -4,7 +4,7 @@
 
 namespace agent::test {
 
-/// A call that stays until it is let go, once.
+/// A function object whose call blocks until another thread calls leave(). It can be called once.
 class Stay {
 public:
     void operator()() {

@@ -24,7 +24,10 @@ inline void requireGnuTls(int result) {
     }
 }
 
-/// A private key of the test's own: 256 bits, elliptic curve.
+/// A private key for tests: elliptic curve, 256 bits.
+/// Owns:    the GnuTLS key.
+/// Threads: one.
+/// Fails:   by std::runtime_error with the message of GnuTLS.
 class TestKey {
 public:
     TestKey() {
@@ -45,7 +48,7 @@ public:
         return {reinterpret_cast<const char*>(text.data), text.size};
     }
 
-    /// What certificates call this key by.
+    /// The key ID as certificates store it.
     [[nodiscard]] std::string id() const {
         std::array<unsigned char, 64> bytes{};
         std::size_t size = bytes.size();
@@ -53,7 +56,7 @@ public:
         return {bytes.begin(), bytes.begin() + size};
     }
 
-    /// A signature with SHA-256.
+    /// Signs data with SHA-256.
     [[nodiscard]] std::string sign(const std::string& data) const {
         gnutls_privkey_t signer = nullptr;
         requireGnuTls(gnutls_privkey_init(&signer));
@@ -73,7 +76,7 @@ private:
     gnutls_x509_privkey_t key = nullptr;
 };
 
-/// What a certificate of the test's own is to say.
+/// The contents of a test certificate.
 struct CertificateWish {
     struct Extension {
         std::string oid;
@@ -95,7 +98,7 @@ inline std::string deviceTypeData(const std::string& text = "type:device", char 
     return std::string{tag, static_cast<char>(text.size())} + text;
 }
 
-/// An appliance that is as it should be.
+/// The contents of a valid appliance certificate.
 inline CertificateWish deviceWish(const std::string& commonName = "4711") {
     CertificateWish wish;
     wish.commonName = commonName;
@@ -103,7 +106,10 @@ inline CertificateWish deviceWish(const std::string& commonName = "4711") {
     return wish;
 }
 
-/// A certificate (PEM) for the public half of `key`, which goes by its wish. Without an issuer, self-signed.
+/// A certificate (PEM) for the public half of `key`. Self-signed if there is no issuer.
+/// Owns:    the GnuTLS certificate.
+/// Threads: one.
+/// Fails:   by std::runtime_error with the message of GnuTLS.
 class TestCertificate {
 public:
     TestCertificate(const TestKey& key, const CertificateWish& wish, const TestCertificate* issuer = nullptr,
@@ -151,7 +157,7 @@ private:
         requireGnuTls(gnutls_x509_crt_set_subject_key_id(crt, id.data(), id.size()));
     }
 
-    /// Names the key that vouches for this certificate, as every authority does.
+    /// Sets the ID of the issuer's key, as every certificate authority does.
     void setAuthorityKey(const TestKey& issuerKey) const {
         const std::string id = issuerKey.id();
         requireGnuTls(gnutls_x509_crt_set_authority_key_id(crt, id.data(), id.size()));
@@ -167,7 +173,7 @@ private:
     gnutls_x509_crt_t crt = nullptr;
 };
 
-/// An authority with its key.
+/// A certificate authority with its key.
 class DeviceAuthority {
 public:
     explicit DeviceAuthority(const std::string& name = "Device-Agent CA") : own(key, wishOf(name)) {}
@@ -189,7 +195,10 @@ private:
     TestCertificate own;
 };
 
-/// A TLS session between two ends in this process, each with a certificate or without, that has been agreed.
+/// An established TLS session between two peers in this process, each with or without a certificate.
+/// Owns:    both GnuTLS sessions and their credentials.
+/// Threads: one.
+/// Fails:   the constructor throws std::runtime_error if the handshake fails.
 class TestSession {
 public:
     struct End {
@@ -213,7 +222,7 @@ public:
     [[nodiscard]] gnutls_session_t clientSession() const { return client.session; }
 
 private:
-    /// One end: what the other has sent to it lies in its inbox.
+    /// One peer. Its inbox holds what the other peer has sent.
     struct Peer {
         Peer() = default;
         Peer(const Peer&) = delete;
@@ -233,7 +242,7 @@ private:
                 requireGnuTls(gnutls_certificate_set_x509_key_mem(credentials, &certificate, &key,
                                                                   GNUTLS_X509_FMT_PEM));
             }
-            // No list of authorities has been made known: a client sends what it has all the same.
+            // The server announces no list of authorities, so the client sends the certificate that it has.
             requireGnuTls(gnutls_credentials_set(session, GNUTLS_CRD_CERTIFICATE, credentials));
             requireGnuTls(gnutls_priority_set_direct(session, "NORMAL:-VERS-ALL:+VERS-TLS1.2", nullptr));
             gnutls_transport_set_ptr(session, this);

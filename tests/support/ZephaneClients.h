@@ -16,8 +16,7 @@
 
 namespace zephane::test {
 
-/// What a client is made of, where a test doesn't say otherwise: image "image" 7 on this machine, to be
-/// written to.
+/// Parameters of a client. By default it opens the image "image" 7 on this machine for writing.
 struct ClientChoice {
     std::uint16_t port = 0;
     std::uint64_t flags = wire::writableFlag;
@@ -37,7 +36,7 @@ inline ZephaneFTPClient makeClient(const ClientChoice& choice) {
             choice.flags,      choice.secret, choice.patience};
 }
 
-/// Bytes that can't be compressed, the same for the same seed.
+/// Bytes that can't be compressed; the same seed gives the same bytes.
 inline std::vector<std::uint8_t> noise(std::size_t length, unsigned seed) {
     std::mt19937 generator(seed);
     std::vector<std::uint8_t> bytes(length);

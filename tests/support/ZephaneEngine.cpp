@@ -37,7 +37,7 @@ pid_t start(std::vector<std::string> arguments) {
 } // namespace
 
 ZephaneEngine::ZephaneEngine(const std::vector<std::string>& arguments) {
-    const std::string ready = directory / "ready"; // the socket is there before anybody listens
+    const std::string ready = directory / "ready"; // the socket exists before nbdkit listens on it
     std::vector<std::string> all{"nbdkit", "-f", "--exit-with-parent", "-U" + socket()};
     all.insert(all.end(), {"-P" + ready, "--filter=log"});
     all.insert(all.end(), arguments.begin(), arguments.end());

@@ -8,19 +8,22 @@
 
 namespace zephane::test {
 
-/// An nbdkit of a test's own on a Unix socket, which notes what it is asked for. Ends with the object.
+/// A test's own nbdkit on a Unix socket, which logs its requests. The destructor kills it.
+/// Owns:    the nbdkit process, its socket and its log.
+/// Threads: one.
+/// Fails:   the constructor throws std::runtime_error if nbdkit doesn't start.
 class ZephaneEngine {
 public:
-    /// Those of the plugin and of filters; std::runtime_error if it doesn't come up.
+    /// Takes the arguments for the plugin and filters. Throws std::runtime_error if nbdkit doesn't start.
     explicit ZephaneEngine(const std::vector<std::string>& arguments);
     ZephaneEngine(const ZephaneEngine&) = delete;
     ZephaneEngine& operator=(const ZephaneEngine&) = delete;
     ~ZephaneEngine();
 
     [[nodiscard]] std::string socket() const { return directory / "socket"; }
-    /// What has been asked for so far, in order: "Write 0x0 0x10000", "Zero 0x0 0x10000", "Read …", "Flush".
+    /// The requests so far, in order: "Write 0x0 0x10000", "Zero 0x0 0x10000", "Read …", "Flush".
     [[nodiscard]] std::vector<std::string> requests() const;
-    /// At once, as a crash would.
+    /// Kills the process at once, as a crash would.
     void kill();
 
 private:

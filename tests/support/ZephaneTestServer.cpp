@@ -56,7 +56,7 @@ public:
     }
 
 private:
-    /// One connection, as long as its coroutine.
+    /// One connection; lives as long as its coroutine.
     struct Session {
         Session(tcp::socket socket, asio::ssl::context& context) : stream(std::move(socket), context) {}
 
@@ -87,7 +87,7 @@ private:
         co_await session->relay->run();
     }
 
-    /// The flags; throws after a refusal, which ends the session.
+    /// Returns the granted flags. After a refusal it throws, which ends the session.
     asio::awaitable<std::uint64_t> admit(TlsStream& stream, wire::ServerHandshake& handshake) {
         const wire::Bytes hello = co_await readMessage(stream);
         const wire::Bytes reply = handshake.answer(hello, [this](const wire::ImageName& image) {
@@ -143,7 +143,7 @@ private:
     const ServerConduct conduct;
     std::atomic<std::size_t> asked{0};
     std::mutex mutex;
-    wire::ClientId client{}; ///< under the mutex
+    wire::ClientId client{}; ///< guarded by mutex
     asio::ssl::context context = serverContext();
     asio::io_context io{1};
     tcp::acceptor acceptor;
@@ -202,6 +202,8 @@ private:
         }
     }
 
+    // Copies one direction of a connection. At the fault it either closes both sockets or keeps them open and
+    // copies no more.
     asio::awaitable<void> carry(std::shared_ptr<Link> link, bool isToClient) {
         tcp::socket& from = isToClient ? link->server : link->client;
         tcp::socket& to = isToClient ? link->client : link->server;
@@ -230,7 +232,7 @@ private:
     const NetworkFault fault;
     std::atomic<bool> failed{false};
     asio::io_context io{1};
-    std::vector<std::shared_ptr<Link>> held; ///< in silence
+    std::vector<std::shared_ptr<Link>> held; ///< connections kept open after a silent fault
     tcp::acceptor acceptor;
     std::thread thread;
 };

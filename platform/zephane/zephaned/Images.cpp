@@ -28,7 +28,7 @@ bool Images::AccessGroup::isEnding() const {
 }
 
 void Images::configure(const std::vector<ImageConfig>& configs) {
-    const std::lock_guard lock(mutex);
+    const os::Lock lock(mutex);
     for (auto& [name, image] : all) {
         image->config.reset();
         image->key.reset();
@@ -50,20 +50,20 @@ void Images::configure(const std::vector<ImageConfig>& configs) {
 }
 
 bool Images::isServed(const wire::ImageName& name) const {
-    const std::lock_guard lock(mutex);
+    const os::Lock lock(mutex);
     const auto found = all.find(name);
     return found != all.end() && found->second->config;
 }
 
 std::optional<wire::ProofKey> Images::findKey(const wire::ImageName& name) const {
-    const std::lock_guard lock(mutex);
+    const os::Lock lock(mutex);
     const auto found = all.find(name);
     return found == all.end() ? std::nullopt : found->second->key;
 }
 
 std::optional<Images::Lease> Images::open(const wire::ImageName& name, const wire::ClientId& client,
                                           bool isWritable) {
-    const std::lock_guard lock(mutex);
+    const os::Lock lock(mutex);
     const auto found = all.find(name);
     if (found == all.end() || !found->second->config) {
         throw Refusal(-EACCES, "the image isn't served any more");
@@ -85,7 +85,7 @@ std::optional<Images::Lease> Images::open(const wire::ImageName& name, const wir
 }
 
 void Images::release(AccessGroup& group) {
-    const std::lock_guard lock(mutex);
+    const os::Lock lock(mutex);
     --group.leases;
     if (group.leases == 0) {
         group.ending = group.engine;

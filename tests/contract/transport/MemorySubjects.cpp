@@ -17,7 +17,7 @@ namespace {
 
 using Bytes = TransportSubject::Bytes;
 
-/// Fake transports with one image between them.
+/// Fake transports that share one image.
 class FakeSubject : public BreakableSubject {
 public:
     explicit FakeSubject(bool holePunching) : holePunching(holePunching) {}
@@ -38,7 +38,7 @@ private:
     bool holePunching;
 };
 
-/// The decorator that fails on command, and is not commanded to.
+/// The decorator that injects failures, without any failure.
 class FaultySubject : public FakeSubject {
 public:
     using FakeSubject::FakeSubject;

@@ -67,7 +67,8 @@ private:
     bool opened = false;
 };
 
-/// A backup that runs until the gate opens; a cancel alone doesn't end it, as a slow disk wouldn't either.
+/// A backup that runs until the gate opens. Cancelling alone doesn't end it, as with a backup that waits for
+/// a slow disk.
 class StubbornBackup : public backup::IBackup {
 public:
     StubbornBackup(std::string id, Gate& gate) : id(std::move(id)), gate(gate) {}
@@ -205,7 +206,7 @@ TEST_F(EngineTest, BackupWhoseThreadCannotBeMadeStaysKnown) {
     }
     EXPECT_TRUE(record.hasPart(1, "Exception occurred while trying to spawn backup thread: "));
     EXPECT_FALSE(engine->isBackupRunning());
-    EXPECT_EQ(states(), (std::map<std::string, std::uint32_t>{{"backup-1", 0}})); // active, as it was made
+    EXPECT_EQ(states(), (std::map<std::string, std::uint32_t>{{"backup-1", 0}})); // active, as it was created
     EXPECT_EQ(request(), "backup-2");
     EXPECT_TRUE(waitUntilIdle());
     EXPECT_EQ(states().at("backup-2"), 3U);
@@ -228,7 +229,7 @@ TEST_F(EngineTest, NullSessionIsRefused) {
     EXPECT_EQ(messageOf<std::invalid_argument>([&] { engine->createBackup(nullptr, nullptr, nullptr); }),
               "Cannot start a backup with null backup session object.");
     EXPECT_TRUE(states().empty());
-    EXPECT_NO_THROW(request()); // the refusal has let go of everything
+    EXPECT_NO_THROW(request()); // the refused request has released everything
 }
 
 TEST_F(EngineTest, NewRequestCancelsTheRunningBackupAndDoesNotWaitForIt) {
@@ -285,7 +286,7 @@ TEST_F(EngineTest, SlotIsKeptWhenNoThreadCanBeMade) {
 
 TEST_F(EngineTest, SeventhRequestIsRefusedWhileSixAreWindingDown) {
     for (int i = 1; i <= 7; ++i) {
-        request(); // the seventh finds five winding down and makes it six
+        request(); // the seventh finds five winding down; with its own there are six
     }
     EXPECT_EQ(messageOf<exception::bad_request>([&] { request(); }),
               "Too many backup requests while waiting for cancelling backup");
@@ -347,7 +348,7 @@ TEST_F(EngineTest, CancelDoesNotWaitForARequest) {
     whileMaking = std::ref(making);
     std::future<std::string> next = std::async(std::launch::async, [&] { return request(); });
     making.waitUntilEntered();
-    EXPECT_THROW(engine->cancelBackup(running), exception::bad_request); // cancelled by the request itself
+    EXPECT_THROW(engine->cancelBackup(running), exception::bad_request); // the new request has cancelled it
     EXPECT_FALSE(engine->isBackupRunning());
     making.leave();
     EXPECT_EQ(next.get(), "backup-2");
@@ -399,7 +400,7 @@ TEST_F(EngineTest, RequestsCancelsAndQuestionsMayMeet) {
             for (const auto& [id, state] : states()) {
                 try {
                     engine->cancelBackup(id);
-                } catch (const exception::bad_request&) { // ended or cancelled before
+                } catch (const exception::bad_request&) { // already ended or cancelled
                 }
             }
         }
@@ -409,7 +410,7 @@ TEST_F(EngineTest, RequestsCancelsAndQuestionsMayMeet) {
         try {
             request();
             ++accepted;
-        } catch (const exception::bad_request&) { // too many are winding down
+        } catch (const exception::bad_request&) { // too many backups are winding down
         }
     }
     done = true;

@@ -35,7 +35,7 @@ const std::string tables =
     "create table history (id integer primary key, device text, volume text, result text, "
     "image_chksum integer);";
 
-/// The volumes that a test has named.
+/// A volume provider with the volumes that the test sets.
 class FixedVolumes : public info::VolumeProvider {
 public:
     using VolumeProvider::getBackupableVolumes;
@@ -68,7 +68,7 @@ private:
     std::vector<std::shared_ptr<info::BackupableVolume>> volumes;
 };
 
-/// A driver that goes while what it was asked to do is kept.
+/// A driver whose record of calls outlives it.
 class NotingDriver : public test::FakeDriverController {
 public:
     NotingDriver(std::vector<std::string>& notes, bool withHistory) : notes(notes) {
@@ -103,7 +103,7 @@ protected:
         EXPECT_EQ(test::readFile(renamed), content);
     }
 
-    /// The stores are as if there had been no legacy database.
+    /// Expects that nothing was migrated, as if there had been no legacy database.
     void expectNothingStored() {
         EXPECT_EQ(stored("select id from device;"), std::nullopt);
         EXPECT_EQ(stored("select value from config where key = 'agentUUID';"), std::nullopt);
@@ -145,6 +145,8 @@ TEST_F(DataMigratorTest, NothingToMigrate) {
     expectNothingStored();
 }
 
+/// On Linux only the `device` column of the history names a volume, so the second volume's row doesn't count.
+/// Failed backups and rows without a checksum don't count either; the last of the others wins.
 TEST_F(DataMigratorTest, EverythingThatMatters) {
     volumes.add(one, 100 * gib);
     volumes.add(two, 10 * gib);
@@ -430,7 +432,7 @@ TEST_F(DataMigratorTest, WhatExistsAlreadyStaysWhenItRunsAgain) {
     EXPECT_FALSE(migrate());
     EXPECT_THAT(driverCalls, ElementsAre("makeEmptyHistory " + one, "makeEmptyHistory " + two));
 
-    // The agent is paired anew, one volume is backed up, another backup only begun, and a size is set.
+    // The agent is paired again, one volume is backed up, another backup only begins, and a size is set.
     driverCalls.clear();
     provider.setDevice(4712, "10.0.0.1", "of-the-appliance");
     provider.setVolumeChecksum(one, 201, ChecksumType::gcrypt32crc);
@@ -442,7 +444,7 @@ TEST_F(DataMigratorTest, WhatExistsAlreadyStaysWhenItRunsAgain) {
     EXPECT_EQ(provider.getConfigValue("agentUUID"), "the-uuid");
     EXPECT_EQ(checksumOf(one), 201U);
     EXPECT_EQ(checksumOf(two), 0U);
-    EXPECT_THAT(driverCalls, IsEmpty()); // what is owed by now is nobody's to forget
+    EXPECT_THAT(driverCalls, IsEmpty()); // blocks owed since then must not be forgotten
     EXPECT_EQ(sizeOf(one), 700);
     EXPECT_EQ(sizeOf(two), 500);
     EXPECT_TRUE(recorder.has(
@@ -477,7 +479,7 @@ TEST_F(DataMigratorTest, AnEarlierMigratedFileIsReplaced) {
     expectMigrated();
 }
 
-/// What an agent on the other system would do.
+/// The migrator as it behaves on an operating system other than Linux.
 class OtherSystemMigrator : public DataMigrator {
 public:
     using DataMigrator::DataMigrator;

@@ -23,7 +23,7 @@ namespace {
 constexpr int runs = 300;
 constexpr int creations = 40;
 
-/// The writer, killed at the latest with the object.
+/// The writer process. The destructor kills it if it still runs.
 class Writer {
 public:
     Writer(const std::string& directory, std::uint64_t first) {
@@ -68,7 +68,8 @@ public:
         return WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL;
     }
 
-    /// The last write that has been reported, `before` if none was. Reads to the end: only after `kill`.
+    /// The number of the last reported write, or `before` if there is none. Reads until the pipe ends, so
+    /// call it only after kill().
     [[nodiscard]] std::uint64_t lastReport(std::uint64_t before) const {
         std::uint64_t number = before;
         while (::read(reports.get(), &number, sizeof number) == sizeof number) {
@@ -81,7 +82,7 @@ private:
     pid_t pid = -1;
 };
 
-/// What the file must hold, by slot, and how often it didn't.
+/// What each slot of the file must hold, and how often it didn't.
 class Ledger {
 public:
     void returned(std::uint64_t number) {
@@ -89,8 +90,8 @@ public:
         ++writes;
     }
 
-    /// Compares every slot with the file and goes on from what is there. The write `inFlight` may have been
-    /// done or not; if it deletes first, it may also have left nothing.
+    /// Compares every slot with the file, and then takes the file's contents as expected. The write
+    /// `inFlight` may or may not have happened. If it deletes first, it may also have left the slot empty.
     void compare(RawDatabase& file, std::uint64_t inFlight) {
         for (std::uint64_t slot = 0; slot < stream::slotCount; ++slot) {
             if (stream::slotOf(slot) == slot) {
@@ -128,8 +129,7 @@ class KilledWriterTest : public DataProviderFixture {
 protected:
     KilledWriterTest() { provider.validateProvider(); }
 
-    /// One life of the writer, from its start or its first write to its death. Most deaths come while it
-    /// writes, some while it starts.
+    /// Starts the writer, lets it write, kills it. Most kills happen during writes, some during the start.
     void runOnce() {
         Writer writer(directory.path(), next);
         if (random() % 10 != 0) {

@@ -25,7 +25,7 @@ std::int32_t answer(const std::string& question) {
 
 } // namespace
 
-// A library that stands in for the driver.
+// The functions of a library that replaces the kernel driver.
 // NOLINTBEGIN(readability-identifier-naming)
 const tolvubd_status_files* tolvubd_get_status_files() {
     static const tolvubd_status_files files{"/run/info", "/run/version"};
@@ -73,7 +73,7 @@ TEST_F(DriverExtensionTest, StatusFilesAreTheLibrarysAndAskedForEachTime) {
 }
 
 TEST_F(DriverExtensionTest, SnapshotIsWhatTheLibrarySays) {
-    failure = EIO; // says nothing where the call works
+    failure = EIO; // errno is ignored if the call succeeds
     EXPECT_EQ(extension.checkSnapshot(7), 0);
     EXPECT_EQ(asked, "check 7");
     fail(ESTALE);

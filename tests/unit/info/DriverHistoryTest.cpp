@@ -19,7 +19,7 @@ using test::writeFile;
 constexpr std::uint64_t pieceBytes = std::uint64_t{8} << 20U;
 constexpr std::uint64_t headerBytes = 4096;
 
-/// Different for each entry and each seed, with few bits set.
+/// A table with few bits set that differs for each entry and each seed.
 std::vector<std::uint64_t> pattern(std::size_t entries, std::uint64_t seed) {
     std::vector<std::uint64_t> table(entries);
     for (std::size_t index = 0; index < entries; ++index) {
@@ -32,7 +32,7 @@ std::string contentOf(const std::vector<std::uint64_t>& table, std::uint64_t ver
     return CowImage{.version = version, .changedBlocks = 7, .table = table}.bytes();
 }
 
-/// By all reading system calls of this process.
+/// The bytes that this process has read, with any system call.
 std::uint64_t bytesReadSoFar() {
     std::string name;
     std::uint64_t bytes = 0;
@@ -40,7 +40,8 @@ std::uint64_t bytesReadSoFar() {
     return name == "rchar:" ? bytes : 0;
 }
 
-/// In the snapshot state, with /.tolvu1 as the current file: /.tolvu is closed and holds what has changed.
+/// The device is in the snapshot state, with /.tolvu1 as its current CoW file. /.tolvu is closed and holds
+/// the changed blocks.
 class DriverHistoryTest : public test::DriverFixture {
 protected:
     DriverHistoryTest() { addDevice(3, "/.tolvu1"); }
@@ -56,7 +57,7 @@ protected:
 
     [[nodiscard]] Lines problems() const { return linesAbove(level::info); }
 
-    /// Whether `step` is true in a process of its own, where system calls may be denied.
+    /// Runs `step` in a child process, where system calls may be denied. Returns what it returns.
     static bool inChild(const std::function<bool()>& step) {
         const pid_t child = ::fork();
         if (child == 0) {
@@ -98,7 +99,7 @@ TEST_F(DriverHistoryTest, IsBelowTheFirstMountPoint) {
 
 TEST_F(DriverHistoryTest, PresenceAndRemoval) {
     EXPECT_FALSE(controller.hasIncrementalHistory(volume));
-    controller.removeIncrementalHistory(volume); // nothing to be said about it
+    controller.removeIncrementalHistory(volume); // not an error if there is no history
     writeFile(history, "x");
     EXPECT_TRUE(controller.hasIncrementalHistory(volume));
     controller.removeIncrementalHistory(volume);
@@ -114,9 +115,9 @@ TEST_F(DriverHistoryTest, NothingIsOwedAfterSuccess) {
     writeFile(current, contentOf({1, 2, 3, 4}, 5));
     writeFile(history, std::string(20'000, 'x'));
     EXPECT_TRUE(make(true));
-    EXPECT_EQ(readFile(history), contentOf({0, 0}, 5)); // a volume of 4097 bytes has a table of 16
+    EXPECT_EQ(readFile(history), contentOf({0, 0}, 5)); // the table of a volume of 4097 bytes has 16 bytes
     EXPECT_EQ(problems(), Lines());
-    EXPECT_EQ(file::status(history).st_mode & 07777, 0644U); // it was there
+    EXPECT_EQ(file::status(history).st_mode & 07777, 0644U); // the mode of the existing file stays
 }
 
 TEST_F(DriverHistoryTest, EverythingIsOwedAfterFailure) {
@@ -137,7 +138,7 @@ TEST_F(DriverHistoryTest, TableSizes) {
     }
 }
 
-/// Tables that end around the borders of the pieces in which they are copied.
+/// Tables whose sizes are around the size of the pieces in which they are copied.
 TEST_F(DriverHistoryTest, CopiesAndMergesInPieces) {
     for (const std::int64_t beyond : {-8, 0, 8, 4096}) {
         const std::uint64_t tableBytes = pieceBytes + static_cast<std::uint64_t>(beyond);
@@ -155,7 +156,7 @@ TEST_F(DriverHistoryTest, CopiesAndMergesInPieces) {
             changed[index] |= owed[index];
         }
         EXPECT_TRUE(readFile(closed) == contentOf(changed, 9))
-            << beyond; // and what lies behind `end` as it was
+            << beyond; // the bytes after the table stay unchanged
 
         ASSERT_TRUE(make(true, size));
         EXPECT_TRUE(readFile(history) == contentOf(std::vector<std::uint64_t>(tableBytes / 8))) << beyond;
@@ -179,7 +180,7 @@ TEST_F(DriverHistoryTest, WhatIsOwedPilesUpOverFailedBackups) {
     ASSERT_TRUE(make(false)); // the first backup has failed
     writeFile(closed, contentOf({2, 0}));
     ASSERT_TRUE(roll());
-    ASSERT_TRUE(make(false)); // and so has the second
+    ASSERT_TRUE(make(false)); // the second has failed, too
     EXPECT_EQ(readFile(history), contentOf({3, 0}));
 }
 
@@ -214,7 +215,7 @@ TEST_F(DriverHistoryTest, FilesThatCannotBeOpened) {
                         "Cannot make history, cannot open incremental file: No such file or directory"};
     EXPECT_EQ(problems(), Lines{noSource});
     writeFile(current, contentOf({1, 2}));
-    EXPECT_FALSE(make(false)); // the closed one is needed
+    EXPECT_FALSE(make(false)); // the closed file is needed
     EXPECT_EQ(problems(), Lines{noSource});
     EXPECT_FALSE(file::exists(history));
     std::filesystem::create_directory(history);
@@ -234,7 +235,7 @@ TEST_F(DriverHistoryTest, FilesThatCannotBeOpenedForTheMerge) {
                                                     closed + ": No such file or directory"}}));
 }
 
-/// Whoever may write to the root of a volume must not make root write elsewhere, or wait for ever.
+/// A user who may write to the root of a volume must not be able to make the agent write elsewhere or block.
 TEST_F(DriverHistoryTest, LinksAreNotFollowed) {
     writeFile(current, contentOf({1, 2}));
     writeFile(mountPoint + "/victim", "untouched");
@@ -259,7 +260,7 @@ TEST_F(DriverHistoryTest, PipesDoNotBlock) {
               (Lines{{level::error, "Cannot make history, cannot open incremental history file: No "
                                     "such device or address"}}));
     EXPECT_FALSE(roll());
-    EXPECT_EQ(problems(), // of the history; the texts name each other's file
+    EXPECT_EQ(problems(), // of the history: the two messages are swapped
               (Lines{{level::error, "Cannot seek past header in incremental file: Illegal seek"}}));
     std::filesystem::remove(history);
     writeFile(history, contentOf({1, 2}));
@@ -283,7 +284,7 @@ TEST_F(DriverHistoryTest, DirectoryInPlaceOfASource) {
                                                     closed + ": Is a directory"}}));
 }
 
-/// A history is never called complete with less in it than the source should have had.
+/// A history must never be reported as complete if it has less than the source should have had.
 TEST_F(DriverHistoryTest, EveryTruncationOfTheSource) {
     const std::string whole = contentOf({1, 2});
     for (std::size_t length = 0; length <= whole.size(); length += length < 4080 ? 510 : 1) {
@@ -292,11 +293,11 @@ TEST_F(DriverHistoryTest, EveryTruncationOfTheSource) {
         const bool complete = length == whole.size();
         EXPECT_EQ(make(false), complete) << length;
         EXPECT_EQ(problems().empty(), complete) << length;
-        EXPECT_EQ(make(true), length >= headerBytes) << length; // only the header comes from the file
+        EXPECT_EQ(make(true), length >= headerBytes) << length; // only the header comes from the source
     }
 }
 
-/// A merge that ends early has added blocks and never taken any away.
+/// A merge that is cut short may have added blocks but never removed any.
 TEST_F(DriverHistoryTest, EveryTruncationForTheMerge) {
     const std::string owed = contentOf({4, 8});
     const std::string changed = contentOf({1, 2});
@@ -327,7 +328,7 @@ TEST_F(DriverHistoryTest, MergeThatEndsInTheSecondPiece) {
     EXPECT_TRUE(readFile(closed) == contentOf(merged));
 }
 
-/// Gigabytes of zeros are neither written, nor read, nor merged into gigabytes.
+/// Gigabytes of zeros must be allocated without being written, and merged without being read or written.
 TEST_F(DriverHistoryTest, OwingNothingCostsNothing) {
     const std::uint64_t entries = pieceBytes / 8 * 2 + 2;
     const std::vector<std::uint64_t> table(entries, 1);
@@ -364,7 +365,7 @@ TEST_F(DriverHistoryTest, MergeWritesNothingThatIsThere) {
     EXPECT_EQ(readFile(closed), contentOf({5, 2}));
 }
 
-/// What is owed lies behind a piece of holes, and before another.
+/// The owed blocks are between two pieces that are holes.
 TEST_F(DriverHistoryTest, MergesWhatLiesBetweenHoles) {
     const std::uint64_t piece = pieceBytes / 8;
     std::vector<std::uint64_t> table(3 * piece, 1);
@@ -394,7 +395,7 @@ TEST_F(DriverHistoryTest, ATableThatBreaksOffIsFoundOutThoughNothingIsOwed) {
                                                     ": No data available"}}));
 }
 
-/// On a full volume the history is missed, and nothing else is harmed.
+/// If the volume is full, the history is missing, but nothing else is damaged.
 TEST_F(DriverHistoryTest, FullVolume) {
     const test::TmpfsMount full(mountPoint, "size=96k");
     const std::vector<std::uint64_t> table(3072, 1); // 28 KiB with the header
@@ -441,7 +442,7 @@ TEST_F(DriverHistoryTest, SystemCallsThatFail) {
     };
     EXPECT_TRUE(failsWith(SYS_write, true, "Unable to write merge to incremental file " + closed));
     EXPECT_TRUE(failsWith(SYS_write, false, "Unable to write to incremental history file " + history));
-    // Data that has never reached the disk is no history.
+    // If its data hasn't reached the disk, the history is unusable.
     EXPECT_TRUE(failsWith(SYS_fsync, false, "Unable to write to incremental history file " + history));
 }
 

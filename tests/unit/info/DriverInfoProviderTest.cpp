@@ -76,7 +76,7 @@ TEST_F(DriverInfoProviderTest, DriverIsAskedForItsFilesEachTime) {
     EXPECT_EQ(asked, 3);
 }
 
-/// No library that stands in for the driver is linked here.
+/// This program isn't linked with a library that replaces the kernel driver.
 TEST_F(DriverInfoProviderTest, KernelsFilesUnlessALibraryNamesOthers) {
     EXPECT_EQ(DriverStatusFiles::ofRunningDriver().info, "/proc/tolvu-info");
     EXPECT_EQ(DriverStatusFiles::ofRunningDriver().version, "/sys/module/tolvubd/version");

@@ -9,7 +9,7 @@ namespace {
 
 using test::FakeDriver;
 
-/// Lines that stand in the log whenever the table is looked at are left out (see DriverFixture::lines).
+/// Lines that are logged whenever the table is read are left out (see DriverFixture::lines).
 class DriverTransitionsTest : public test::DriverFixture {
 protected:
     bool start() {
@@ -34,7 +34,7 @@ protected:
 
     void hideTable() { test::writeFile(statusFiles.info, ""); }
 
-    /// What each failing call of the library may give as its reason, and no reason at all.
+    /// The errno values that a failing library call may leave. 0: it sets none.
     static constexpr std::array<int, 9> reasons{0, EPERM, ENOENT, EIO, EBUSY, ENODEV, EINVAL, ENOSPC, EINTR};
 
     const std::string a = mountPoint + "/.tolvu";
@@ -84,9 +84,9 @@ TEST_F(DriverTransitionsTest, VolumeWithoutAMountPoint) {
     recorder.clear();
     EXPECT_FALSE(controller.startSnapshot(unmounted, cowFileSize));
     EXPECT_EQ(
-        recorder.lines(), // the table isn't even looked at
+        recorder.lines(), // the table isn't even read
         prefixed({{level::error, "Backupable volume for device /dev/fake1 doesn't have a mountpoint."}}));
-    EXPECT_FALSE(controller.revertOnFailure(volume)); // nor has a starting state been kept
+    EXPECT_FALSE(controller.revertOnFailure(volume)); // no starting state was recorded either
     EXPECT_TRUE(recorder.has(level::error, "Could not find starting state for volume: /dev/fake1"));
 }
 
@@ -115,7 +115,7 @@ TEST_F(DriverTransitionsTest, FailedSetup) {
                  "Unable to find device by minor: 0 after setup_snapshot/transition_snapshot: /dev/fake1"}}));
         EXPECT_EQ(driver.calls().size(), 1U);
     }
-    EXPECT_TRUE(start()); // nothing has stayed behind
+    EXPECT_TRUE(start()); // nothing was left behind
 }
 
 TEST_F(DriverTransitionsTest, FailedSetupThatLeavesADevice) {
@@ -143,7 +143,7 @@ TEST_F(DriverTransitionsTest, SetupThatDoesNotEndInASnapshot) {
 
 TEST_F(DriverTransitionsTest, SetupWithoutATableAfterwards) {
     hideTable();
-    EXPECT_FALSE(start()); // no minor can be chosen
+    EXPECT_FALSE(start()); // no minor number can be chosen
     EXPECT_TRUE(driver.calls().empty());
     EXPECT_EQ(lines().back().text.substr(0, 43), "Unable to parse tolvubd info from : excepti");
 }
@@ -179,6 +179,7 @@ TEST_F(DriverTransitionsTest, DeviceThatAReloadScriptHasGivenBack) {
     EXPECT_EQ(driver.calls(), std::vector<std::string>{"transition_snapshot 4 " + a + " 2048"});
 }
 
+/// If the next snapshot fails, the device can't be relied on to track changes, so it is destroyed.
 TEST_F(DriverTransitionsTest, FailedNextSnapshotEndsTheTracking) {
     for (const int reason : reasons) {
         addDevice(2);
@@ -238,7 +239,7 @@ TEST_F(DriverTransitionsTest, NextSnapshotThatDoesNotEndInASnapshot) {
               "device: /dev/fake1 minor: 0, state: 2, device error 0"}));
 }
 
-/// A left-over of a run that has crashed costs one backup; the next one starts clean.
+/// A device left over from a crashed run costs one backup; the next one starts afresh.
 TEST_F(DriverTransitionsTest, DeviceThatIsNotTrackedIsDestroyed) {
     for (const std::int32_t state : {0, 1, 3, 4, 5}) {
         addDevice(state);
@@ -324,7 +325,7 @@ TEST_F(DriverTransitionsTest, FailedTransitionToTracking) {
     EXPECT_TRUE(controller.transitionToIncremental(volume));
 }
 
-/// A driver that loses the device while it fails.
+/// A driver whose device disappears while a call fails.
 class VanishingController : public test::FakeController {
 public:
     explicit VanishingController(FakeDriver& driver) : FakeController(driver), driver(driver) {}
@@ -408,7 +409,7 @@ TEST_F(DriverTransitionsTest, NewStartReplacesTheStartingState) {
     ASSERT_TRUE(start());
     ASSERT_TRUE(controller.transitionToIncremental(volume));
     ASSERT_TRUE(start());
-    EXPECT_TRUE(controller.revertOnFailure(volume)); // now it was tracked before
+    EXPECT_TRUE(controller.revertOnFailure(volume)); // the device was tracked at the last start
     EXPECT_EQ(stateNow(), 3);
 }
 
@@ -443,7 +444,7 @@ TEST_F(DriverTransitionsTest, FailedDestroyKeepsDeviceAndScript) {
     EXPECT_FALSE(file::exists(script(0)));
 }
 
-/// Whichever call fails, for good or just once, nothing of the agent's is left and the next start works.
+/// Whichever call fails, once or always, nothing of the agent's may be left and the next start must work.
 TEST_F(DriverTransitionsTest, EveryCallFailing) {
     for (const char* call : {"setup_snapshot", "transition_snapshot", "transition_incremental", "destroy"}) {
         for (const bool moves : {false, true}) {

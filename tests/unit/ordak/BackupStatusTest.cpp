@@ -126,7 +126,7 @@ TEST_F(BackupCallsTest, ListOfNothingHasItsKeys) {
     EXPECT_EQ(response.text, none.dump(4));
 }
 
-/// A register that tells states of its own.
+/// A backup manager that reports fixed states.
 class States : public core::backup::BackupManager {
 public:
     using BackupManager::BackupManager;

@@ -50,7 +50,7 @@ protected:
         return messageOf<Exception>([&] { start(body); });
     }
 
-    /// The timeout that one script is given for a value of "timeout".
+    /// The timeout that a script gets for a value of "timeout".
     std::uint32_t timeoutOf(const json& value) {
         json entry = volume();
         entry["scriptsPrePost"] = json::array({{{"scriptname", "a"}, {"timeout", value}}});
@@ -65,7 +65,7 @@ protected:
         return stage.backupAttributes->getBackupType("uuid-1");
     }
 
-    /// What the transport of the last backup's volume asks of the iSCSI library when it connects.
+    /// The calls to the iSCSI library when the transport of the last backup's volume connects.
     std::vector<std::string> connectionOf(const std::string& uuid) {
         const std::shared_ptr<core::ITransport> transport = stage.takeTransport(uuid);
         iscsi.calls.clear();
@@ -115,7 +115,7 @@ TEST_F(BackupTest, ImageBeginsAtItsOffset) {
     const std::shared_ptr<core::ITransport> transport = stage.takeTransport("uuid-1");
     ASSERT_TRUE(transport->connect(false));
     EXPECT_EQ(transport->write(std::string(512, 'x').data(), 512), 512);
-    EXPECT_THAT(iscsi.calls, Contains("iscsi_write16_task 3 8 512 512 0 0 0 0 0")); // 4096 bytes are 8 blocks
+    EXPECT_THAT(iscsi.calls, Contains("iscsi_write16_task 3 8 512 512 0 0 0 0 0")); // offset 4096 is LBA 8
 }
 
 TEST_F(BackupTest, VolumesMayBeTheValuesOfAnObject) {
@@ -264,7 +264,7 @@ TEST_F(BackupTest, ScriptsNeedANameAndMustBeObjects) {
               "[json.exception.type_error.302] type must be array, but is string");
 }
 
-/// A path, a script's name or a C library's string would end at the NUL, and be another's.
+/// As a path, a script name or a C string, the text would end at the NUL and name something else.
 TEST_F(BackupTest, TextsWithANulAreRefused) {
     for (const char* key : {"guid", "qualifiedName", "target", "username", "password"}) {
         json entry = volume();
@@ -284,7 +284,7 @@ TEST_F(BackupTest, TextsWithANulAreRefused) {
     EXPECT_FALSE(hasMadeTransports());
 }
 
-/// They would stand in the log.
+/// These names appear in the log.
 TEST_F(BackupTest, NamesWithControlCharactersAreRefused) {
     for (const char* key : {"guid", "qualifiedName", "target"}) {
         for (const char* name : {"a\nb", "\x1b[2J", "a\x7f"}) {
@@ -349,7 +349,7 @@ protected:
         return body;
     }
 
-    /// What the transport of the last backup's volume makes its client of, but for the filters.
+    /// The arguments, except the filters, of the client that the transport of the last backup's volume makes.
     std::string clientOf(const std::string& uuid) {
         const std::shared_ptr<core::ITransport> transport = stage.takeTransport(uuid);
         zephane.calls.clear();
@@ -471,7 +471,7 @@ TEST_F(BackupTest, SurvivesHostileBodies) {
     RefusingEngine refusing;
     Backup handler(record.logger, refusing, features);
     test::survive(body.dump(), [&](const std::string& mutated) { handler(mutated); });
-    EXPECT_GT(refusing.refused, 0); // some of the bodies were still requests
+    EXPECT_GT(refusing.refused, 0); // the rest were still valid requests
 }
 
 } // namespace

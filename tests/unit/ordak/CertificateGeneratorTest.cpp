@@ -35,7 +35,7 @@ using testing::StartsWith;
 
 constexpr const char* ownKey = "the agent's word";
 
-/// Signs with an authority of its own, unless it has been told what to answer.
+/// Signs requests with an authority of its own, unless the test sets the answer.
 class Service : public ICertificateService {
 public:
     Answer put(const std::string& action, const std::string& text) override {
@@ -59,7 +59,7 @@ public:
     std::vector<json> requests;
 };
 
-/// Where the agent's files lie is private to the program that runs the tests.
+/// The agent's directory of certificates is private to the test program.
 class CertificateGeneratorTest : public testing::Test {
 protected:
     CertificateGeneratorTest() { clear(); }
@@ -73,7 +73,7 @@ protected:
 
     void generate() { CertificateGenerator(record.logger, "backup-01", ownKey, service).generate(); }
 
-    /// What leaves the generator when the service answers a request like this.
+    /// The message of the generator's exception when the service answers such a request like this.
     std::string refusal(const std::string& action, const ICertificateService::Answer& answer) {
         service.answers[action] = answer;
         return messageOf<bad_response>([&] { generate(); });
@@ -259,7 +259,7 @@ TEST_F(CertificateGeneratorTest, CertificateForAnotherKeyIsNotStored) {
 }
 
 TEST_F(CertificateGeneratorTest, AuthorityThatHasNotIssuedTheCertificateIsNotStored) {
-    const test::TestAuthority another; // of the same name
+    const test::TestAuthority another; // with the same name
     const std::string reason =
         "curl request retrieveCaCert certificate can't be used: it is not the issuer of the agent's";
     EXPECT_EQ(refusal("retrieveCaCert", Service::success(another.pem())), reason);

@@ -120,7 +120,7 @@ TEST_F(CertificateTest, HostileCommonNames) {
     }
     EXPECT_EQ(load({.commonName = ""}).subject().commonName, "");
     const Certificate withZero = load({.commonName = std::string("1\0", 2)});
-    EXPECT_EQ(withZero.subject().commonName, "#0c023100"); // which is how GnuTLS writes it
+    EXPECT_EQ(withZero.subject().commonName, "#0c023100"); // GnuTLS's notation
     EXPECT_EQ(withZero.subject().number, -1);
 }
 
@@ -163,7 +163,7 @@ std::string pemOf(const std::string& der) {
     return {reinterpret_cast<const char*>(text.data), text.size};
 }
 
-/// Loads what may be broken: it gives a certificate, or the exception for a broken one.
+/// Loads a file that may be damaged. It must yield a certificate or throw the exception for a damaged one.
 bool loadsOrRefuses(const std::string& path) {
     try {
         const Certificate certificate(path);

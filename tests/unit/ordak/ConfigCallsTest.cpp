@@ -106,7 +106,7 @@ TEST(DriverStatusTest, DriverThatCannotBeRead) {
     EXPECT_EQ(json::parse(DriverStatus(driver)().text), (json{{"driverStatus", "Not Available"}}));
 }
 
-/// A part of the real table of options.
+/// An excerpt of the real table of options.
 ConfigOptions someOptions() {
     return {{},
             {{"holepunch.enabled", {"false", &typeid(bool)}},

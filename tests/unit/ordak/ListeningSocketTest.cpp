@@ -65,7 +65,7 @@ TEST(ListeningSocketTest, HandedOverItIsTheLibrarys) {
     const os::FileDescriptor library(descriptor);
 }
 
-/// A library that has failed, and has not closed the socket.
+/// As when the library has failed without closing the socket.
 TEST(ListeningSocketTest, TakenBackItIsClosed) {
     const std::size_t before = test::openDescriptors();
     ListeningSocket socket(port);
@@ -75,7 +75,8 @@ TEST(ListeningSocketTest, TakenBackItIsClosed) {
     EXPECT_EQ(test::openDescriptors(), before);
 }
 
-/// A library that has closed it; another thread has a file of that number by now, or a socket.
+/// As when the library has closed the socket, and another thread has since got a file or socket with the same
+/// descriptor.
 TEST(ListeningSocketTest, DescriptorOfAnotherIsLeftAlone) {
     for (const bool isSocket : {false, true}) {
         ListeningSocket socket(port);

@@ -29,7 +29,7 @@ using namespace std::chrono_literals;
 
 using Args = std::unordered_map<std::string, std::string>;
 
-/// The real stack on its real directory, which is private to the test.
+/// The real logging stack in the real log directory, which is private to the test.
 class LogsTest : public testing::Test {
 protected:
     LogsTest() { dir::make(FilePrinter::logDirectory()); }
@@ -212,7 +212,7 @@ TEST_F(LogsTest, ContinuationOfNothingIsAProblem) {
     EXPECT_EQ(query({{"lines", "1"}}).at("error").size(), 1U);
 }
 
-/// Takes lines apart, but for one that it stumbles over.
+/// Returns each line unchanged, except that the line "bad" makes it throw.
 class StumblingDecorator : public info::IDecorator {
 public:
     std::string decorate(const std::string& message, int /*level*/, LogTime /*time*/) override {

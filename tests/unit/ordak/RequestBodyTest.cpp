@@ -30,12 +30,12 @@ TEST_F(RequestBodyTest, UnpairedDeviceHasLittleToSay) {
     EXPECT_TRUE(body.isDropped());
     EXPECT_EQ(kept, 0U);
     EXPECT_TRUE(body.append("the end", false));
-    EXPECT_TRUE(body.append("the end", true)); // half a body is none, whoever its sender is by now
+    EXPECT_TRUE(body.append("the end", true)); // half a body is worthless, even if the peer is paired by now
     EXPECT_EQ(kept, 0U);
     EXPECT_EQ(body.take(), "");
 }
 
-/// Another device has taken the agent over meanwhile.
+/// Meanwhile the agent has been paired with another device.
 TEST_F(RequestBodyTest, WhatAPairedDeviceHasSentGoesWithItsPairing) {
     EXPECT_TRUE(body.append(std::string(mebibyte, 'x'), true));
     EXPECT_EQ(kept, mebibyte);

@@ -24,7 +24,7 @@ public:
     [[nodiscard]] int socket() const { return ours.get(); }
     [[nodiscard]] bool isOpen() const {
         char byte = 0;
-        return ::recv(theirs.get(), &byte, 1, 0) < 0; // there is nothing to read, but no end either
+        return ::recv(theirs.get(), &byte, 1, 0) < 0; // neither data nor an end of file
     }
 
 private:
@@ -58,12 +58,12 @@ TEST(StrangersTest, WhoHasLeftIsSafe) {
     }
     EXPECT_TRUE(connections[0].isOpen());
     EXPECT_FALSE(connections[1].isOpen());
-    EXPECT_FALSE(strangers.leave(connections[1].socket())); // it was made to
+    EXPECT_FALSE(strangers.leave(connections[1].socket())); // it had already been closed
 }
 
 TEST(StrangersTest, WhoHasBeenHereForTooLongGoesWhenTheNextOneComes) {
     std::array<Connection, 2> connections;
-    Strangers strangers(2, std::chrono::seconds(-1)); // whoever is here at all has been for too long
+    Strangers strangers(2, std::chrono::seconds(-1)); // any time is too long
     strangers.enter(connections[0].socket());
     EXPECT_TRUE(connections[0].isOpen());
     strangers.enter(connections[1].socket());

@@ -41,7 +41,7 @@ protected:
     }
     int verify(const CertificateWish& wish) { return verify(load(authority.issue(key, wish).pem())); }
 
-    /// Refused, with exactly these lines.
+    /// Expects that the certificate is refused with exactly these log lines.
     void expectRefused(const CertificateWish& wish, const Lines& lines) {
         EXPECT_EQ(verify(wish), 1);
         EXPECT_EQ(record.lines(), lines);
@@ -178,7 +178,7 @@ TEST_F(VerifyClientTest, DeviceType) {
     elsewhere.extensions = {{"2.16.840.1.113730.1.14", deviceTypeData()},
                             {"2.16.840.1.113730.1.13.1", deviceTypeData()}};
     expectRefused(elsewhere, noType);
-    // What follows the text is not looked at, up to the most that is read.
+    // Bytes after the text are ignored, up to the maximum that is read.
     EXPECT_EQ(verify(withType(deviceTypeData() + "x")), 0);
     EXPECT_EQ(verify(withType(deviceTypeData() + std::string(999 - 13, 'x'))), 0);
     expectRefused(withType(deviceTypeData() + std::string(1000 - 13, 'x')), noType);

@@ -17,7 +17,7 @@ struct Way {
     Crc32cWay sum;
 };
 
-/// All that this machine's processor knows. The tables are among them on every machine.
+/// All implementations that this machine's processor supports. The table-driven one works on every machine.
 std::vector<Way> ways() {
     std::vector<Way> known{{"chosen", crc32c}, {"by tables", crc32cByTables}};
     if (const Crc32cWay byInstruction = crc32cByInstruction()) {

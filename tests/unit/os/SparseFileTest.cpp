@@ -16,7 +16,7 @@
 namespace os {
 namespace {
 
-constexpr std::uint64_t block = 65536; ///< more than any file system's unit
+constexpr std::uint64_t block = 65536; ///< larger than any file system's allocation unit
 
 class SparseFileTest : public ::testing::Test {
 protected:
@@ -25,7 +25,8 @@ protected:
     }
     void grow(std::uint64_t size) const { ASSERT_EQ(::ftruncate(file.get(), static_cast<off_t>(size)), 0); }
 
-    /// What both ways of reading make of the same dirty room, and how far they come.
+    /// Reads into a buffer of non-zero bytes in one of two ways; returns the error and the bytes that were
+    /// read.
     [[nodiscard]] std::string read(std::uint64_t offset, std::size_t length, bool plain) const {
         std::string room(length, '?');
         const std::span<std::byte> into = std::as_writable_bytes(std::span(room));
@@ -44,7 +45,7 @@ TEST_F(SparseFileTest, WhatWasNeverWrittenIsAHole) {
     EXPECT_EQ(holeAt(file.get(), 0, 9 * block), 2 * block);
     EXPECT_EQ(holeAt(file.get(), 512, block), block);
     EXPECT_EQ(holeAt(file.get(), 2 * block, block), 0U);
-    EXPECT_EQ(holeAt(file.get(), 3 * block + 1, 9 * block), block - 1); // no further than the file
+    EXPECT_EQ(holeAt(file.get(), 3 * block + 1, 9 * block), block - 1); // no further than the end of the file
     EXPECT_EQ(holeAt(file.get(), 0, 0), 0U);
 }
 

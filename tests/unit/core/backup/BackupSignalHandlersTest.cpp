@@ -61,7 +61,7 @@ bool isCaught(int signal) {
     return test::disposition(signal).sa_handler != SIG_DFL && test::disposition(signal).sa_handler != SIG_IGN;
 }
 
-/// The handler and the flags of each signal that a run changes. What tells them apart between two moments.
+/// The handler and flags of each signal that a run changes, to compare two moments.
 std::map<int, std::pair<sighandler_t, int>> dispositions() {
     std::map<int, std::pair<sighandler_t, int>> all;
     for (const int signal : changed) {
@@ -73,7 +73,7 @@ std::map<int, std::pair<sighandler_t, int>> dispositions() {
 
 class BackupSignals : public testing::Test {
 protected:
-    /// Nothing is caught at first: the sanitizers have handlers of their own.
+    /// Starts with the default dispositions, since the sanitizers install handlers of their own.
     BackupSignals() {
         for (const int signal : caught) {
             standard.push_back(std::make_unique<test::ScopedDisposition>(signal, SIG_DFL));
@@ -88,7 +88,7 @@ protected:
         return backup;
     }
 
-    /// Sends the signal to the thread of a run, and waits there for the cancel that it causes.
+    /// Sends the signal to the thread that runs the backup, and waits there for the cancel that it causes.
     std::shared_ptr<FakeBackup> runAndSend(int signal) {
         std::shared_ptr<FakeBackup> backup;
         backup = std::make_shared<FakeBackup>("backup", [&, signal] {
@@ -96,7 +96,7 @@ protected:
             sendTo(threadId(), signal);
             EXPECT_TRUE(test::eventually([&] { return backup->isCancelled(); }));
         });
-        BackupThread(log.logger).start(backup, nullptr); // ends here, with the run
+        BackupThread(log.logger).start(backup, nullptr); // destroyed here, after the run
         EXPECT_EQ(backup->cancels, 1);
         return backup;
     }
@@ -151,7 +151,7 @@ TEST_F(BackupSignals, TakenByAnyThreadOfTheProcess) {
     stay.leave();
 }
 
-/// The signals that mean a fault of the program.
+/// Signals that mean a program fault.
 class FaultSignals : public BackupSignals, public testing::WithParamInterface<int> {};
 
 TEST_P(FaultSignals, AreLoggedWithABacktraceAndCancel) {
@@ -180,7 +180,7 @@ TEST_F(BackupSignals, SegmentationFaultHasItsText) {
     EXPECT_TRUE(log.has(1, "Backup thread - Segmentation fault (11)"));
 }
 
-/// The signals that mean no fault, and are no broken pipe either.
+/// Signals that mean neither a program fault nor a broken pipe.
 class OtherSignals : public BackupSignals, public testing::WithParamInterface<int> {};
 
 TEST_P(OtherSignals, AreLoggedAndCancel) {
@@ -262,7 +262,7 @@ TEST_F(BackupSignals, DispositionsComeBackAfterAFailureAndAfterASignal) {
     EXPECT_EQ(dispositions(), before);
 }
 
-/// Which lines of a run come with the handlers in force.
+/// Checks for each log line of a run whether the handlers are installed when it is logged.
 TEST_F(BackupSignals, AreInForceFromTheBeginningToTheFailureLine) {
     std::map<std::string, bool> inForce;
     info::Logger logger([&](const std::string& message, int, info::LogTime) {
@@ -278,7 +278,7 @@ TEST_F(BackupSignals, AreInForceFromTheBeginningToTheFailureLine) {
     EXPECT_EQ(inForce, expected);
 }
 
-/// Two runs at once, as when a cancelled backup winds down behind a new one.
+/// Two runs at once, as when a cancelled backup winds down while a new one starts.
 class OverlappedRuns : public BackupSignals {
 protected:
     OverlappedRuns() {
@@ -343,7 +343,7 @@ TEST_F(BackupSignals, HandlerOfNobodyOnlySaysSo) {
     struct ::sigaction handler{};
     const auto backup = run([&] { handler = test::disposition(SIGALRM); });
     log.clear();
-    ::sigaction(SIGALRM, &handler, nullptr); // as if the signal had met the end of the run
+    ::sigaction(SIGALRM, &handler, nullptr); // as if the signal arrived while the run ends
     testing::internal::CaptureStdout();
     ::raise(SIGALRM);
     EXPECT_EQ(testing::internal::GetCapturedStdout(),
@@ -373,7 +373,7 @@ TEST_F(BackupSignals, EndOfTheRunWaitsForAHandlerOnAnotherThread) {
     hit.get();
 }
 
-/// What ends the process, in a child that logs to its standard error.
+/// Signals that end the process, tested in a child process that logs to standard error.
 class BackupSignalsDeathTest : public testing::Test {
 protected:
     BackupSignalsDeathTest() { GTEST_FLAG_SET(death_test_style, "threadsafe"); }

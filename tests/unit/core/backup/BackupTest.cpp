@@ -61,11 +61,11 @@ constexpr int closeSession = 7;
 constexpr int phaseCount = 8;
 const std::vector<std::string> concluding = {"Transition To Incremental", "Post backup record"};
 
-/// What a phase can throw, and how the run reports it.
+/// An exception that a phase can throw, and how the run reports it.
 struct Kind {
     std::string name;
     std::function<void()> raise;
-    std::string report; ///< Empty for a cancel, which is no error.
+    std::string report; ///< empty for a cancel, which is not an error
     bool isConnectionError = false;
 };
 
@@ -90,14 +90,14 @@ const std::vector<Kind> kinds = {
     {"number", [] { throw 7; }, "Non-standard exception caught during backup run!"}, // NOLINT(misc-throw*)
 };
 
-/// Called where it isn't empty.
+/// Calls a function unless it is empty.
 void call(const std::function<void()>& function) {
     if (function) {
         function();
     }
 }
 
-/// A target that tells of a connection and a write before it is done, and when it goes.
+/// A target that calls the test before each connect and write. `closed` tells whether it was destroyed.
 class WatchedTransport : public test::FakeTransport {
 public:
     explicit WatchedTransport(bool& closed)
@@ -124,7 +124,7 @@ private:
     bool& closed;
 };
 
-/// A volume that tells of two questions that a backup asks of it: the one in front, the other at its end.
+/// A volume that calls the test when a backup asks whether it is mounted (early) or the OS volume (late).
 class WatchedVolume : public info::BackupableVolume {
 public:
     using BackupableVolume::BackupableVolume;
@@ -142,7 +142,7 @@ public:
     std::function<void()> onSystemAsked;
 };
 
-/// An ext volume of a few blocks, with a file in the place of its snapshot's device.
+/// An ext volume of a few blocks, with a file in place of its snapshot's device.
 class TinyVolume {
     test::TestDirectory directory;
 
@@ -173,7 +173,7 @@ public:
     std::shared_ptr<WatchedVolume> volume;
 };
 
-/// An operation that tells of each check before it looks.
+/// An operation that calls the test before each check.
 class WatchedOperation : public CancelableOperation {
 public:
     WatchedOperation(const std::function<void()>& onCheck, std::function<void()> poll)
@@ -203,7 +203,7 @@ private:
     const std::function<void()>& onCheck;
 };
 
-/// An operation that notes what is done with it.
+/// An operation that records the calls of its functions.
 class NotingOperation : public CancelableOperation {
 public:
     explicit NotingOperation(std::vector<std::string>& calls) : calls(calls) {}
@@ -224,8 +224,8 @@ private:
     std::vector<std::string>& calls;
 };
 
-/// Backups of two volumes by the real phases. What they meet outside is the test's: what happens there makes
-/// each of the phases fail, or meets a cancel.
+/// Backups of two volumes with the real phases. The test controls everything around them, so that it can make
+/// each phase fail or cancel the backup during it.
 class BackupTest : public testing::Test {
 protected:
     BackupTest() {
@@ -241,7 +241,7 @@ protected:
         log.clear();
     }
 
-    /// Where something can happen within a phase. None is known for the opening of the session.
+    /// The function that is called during a phase. There is none for opening the session.
     std::function<void()>& action(int phase) {
         switch (phase) {
         case populateVolumes:
@@ -261,7 +261,7 @@ protected:
         }
     }
 
-    /// Wired as the composition of the agent does it.
+    /// Wired up as the agent does it.
     std::unique_ptr<Backup> makeBackup(std::unique_ptr<Heartbeat> heartbeat = nullptr,
                                        const std::string& id = "the-backup") {
         std::function<void()> poll;
@@ -272,7 +272,7 @@ protected:
                           std::move(heartbeat), id);
     }
 
-    /// The one session of these volumes: it has the last shares of the targets when it runs.
+    /// A session with these volumes. When it runs, it holds the last references to the targets.
     std::unique_ptr<BackupSession> makeSession() {
         auto session = std::make_unique<BackupSession>(log.logger);
         for (std::size_t i = 0; i < uuids.size(); ++i) {
@@ -292,15 +292,15 @@ protected:
             .at(static_cast<std::size_t>(phase));
     }
 
-    /// What the run itself has logged, without what its phases have to say.
+    /// The lines that the run itself logged, without those of its phases.
     [[nodiscard]] Lines linesOfRun() const {
         Lines lines = log.lines();
         std::erase_if(lines, [this](const Line& line) { return !isOfRun(line.text); });
         return lines;
     }
 
-    /// The lines of a run up to where it leaves the phases: `finished` of them came to their end, and one
-    /// more has begun if `interrupted`. Then the session goes.
+    /// The lines of a run until it leaves the phases: `finished` phases ended, and one more began if
+    /// `interrupted`. Then the session is destroyed.
     [[nodiscard]] Lines linesUntilSessionGone(int finished, bool interrupted) const {
         Lines lines{{level3, "Beginning running backup phases..."}};
         for (int phase = 0; phase < finished; ++phase) {
@@ -355,7 +355,7 @@ protected:
         return status.connectionError;
     }
 
-    /// What the records of the volumes say of the run, if each is there once and behind all else.
+    /// The outcome in the volumes' records, if there is exactly one record per volume, after all other lines.
     [[nodiscard]] std::string recordedOutcome() const {
         const Lines lines = log.lines();
         std::set<std::string> outcomes;
@@ -370,7 +370,7 @@ protected:
         return outcomes.size() == 1 ? *outcomes.begin() : "not the same for all";
     }
 
-    /// A run that has failed or was cancelled: how it is reported, and that all is ready for the next.
+    /// Checks that a failed or cancelled run is reported as such, and that the next run can start.
     void expectFailed(bool connectionError) {
         EXPECT_THAT(states(), ElementsAre(VOLUME_FAILED, VOLUME_FAILED));
         EXPECT_EQ(hasConnectionError(), connectionError);
@@ -380,7 +380,7 @@ protected:
         EXPECT_TRUE(anotherCanRun());
     }
 
-    /// On another thread, since a mutex that was left locked would be locked by this one.
+    /// Runs another backup on another thread, since this thread could relock a mutex that it had left locked.
     AssertionResult anotherCanRun() {
         test::BackupStage otherStage; // without volumes, so that its run ends at once
         const auto other = otherStage.make(attributes, std::make_unique<CancelableOperation>());
@@ -388,7 +388,7 @@ protected:
             std::launch::async, [&] { other->run(std::make_unique<BackupSession>(otherStage.log.logger)); });
         if (run.wait_for(30s) != std::future_status::ready) {
             std::cerr << "the run mutex was never released" << std::endl;
-            std::abort(); // the other run can't be taken back
+            std::abort(); // the other thread can't be stopped
         }
         run.get();
         return otherStage.log.has(level3, "Beginning running backup phases...")
@@ -396,7 +396,7 @@ protected:
                    : AssertionFailure() << "the other backup did not run";
     }
 
-    /// Does this at the first check behind a line of these words.
+    /// Runs `action` at the first check after a line with this text.
     void behind(const std::string& words, std::function<void()> action) {
         onCheck = [this, words, action = std::move(action)] {
             if (log.lines().back().text == words) {
@@ -485,7 +485,7 @@ TEST_F(BackupTest, IsActiveAndNotCancelledBeforeItsRun) {
     EXPECT_FALSE(backup->isFinished());
     EXPECT_FALSE(backup->isCancelled());
     EXPECT_THAT(states(), ElementsAre(VOLUME_ACTIVE, VOLUME_ACTIVE));
-    EXPECT_NO_THROW(backup->ping()); // nobody has to watch it
+    EXPECT_NO_THROW(backup->ping()); // it needs no heartbeat
 }
 
 TEST_F(BackupTest, RunsAllPhasesInOrder) {
@@ -562,7 +562,7 @@ TEST_F(BackupTest, SnapshotsOfAnotherProgramAreWaitedFor) {
     other.reset();
     running.wait();
     EXPECT_EQ(recordedOutcome(), "success");
-    EXPECT_EQ(std::make_unique<SnapshotTurn>()->take(), SnapshotTurn::State::mine); // it was given back
+    EXPECT_EQ(std::make_unique<SnapshotTurn>()->take(), SnapshotTurn::State::mine); // the turn was given back
 }
 
 TEST_F(BackupTest, SnapshotsOfAnotherProgramAreLeftAloneByACancelledBackup) {
@@ -614,7 +614,7 @@ TEST_F(BackupTest, CancelFromAnotherThreadStopsAWorkingPhase) {
     expectFailed(false);
 }
 
-/// A cancel between each phase and the next, whose check sees it.
+/// Cancels between each phase and the next; the check before the next phase notices.
 class CancelBetweenPhases : public BackupTest, public testing::WithParamInterface<int> {};
 
 TEST_P(CancelBetweenPhases, TheNextDoesNotBegin) {
@@ -641,7 +641,7 @@ TEST_F(BackupTest, CancelDuringTheLastPhaseComesTooLate) {
     EXPECT_THAT(stage.snapshots.ends, ElementsAre(true));
 }
 
-/// A cancel that a phase sees by a check of its own.
+/// Cancels during a phase that checks by itself.
 class CancelDuringCopies : public BackupTest, public testing::WithParamInterface<int> {};
 
 TEST_P(CancelDuringCopies, ThePhaseDoesNotEnd) {
@@ -657,7 +657,7 @@ TEST_P(CancelDuringCopies, ThePhaseDoesNotEnd) {
 
 INSTANTIATE_TEST_SUITE_P(Each, CancelDuringCopies, Values(copyFirst, copySecond));
 
-/// Every kind of exception from every phase in which something can happen.
+/// Every kind of exception, thrown in every phase in which the test can throw.
 class FailingPhase : public BackupTest, public testing::WithParamInterface<std::tuple<int, Kind>> {};
 
 TEST_P(FailingPhase, EndsTheRun) {
@@ -694,10 +694,11 @@ TEST_F(BackupTest, SessionThatIsOpenAlreadyFailsTheRun) {
     expectFailed(false);
 }
 
-/// What the run doesn't answer for: what can't be made before it, and what fails behind it.
+/// Failures outside the run's own handling: in what is constructed before the phases, and in what runs after
+/// them.
 class FailureThatLeavesTheRun : public BackupTest, public testing::WithParamInterface<Kind> {
 protected:
-    /// What leaves the run is exactly what was thrown.
+    /// Expects that the run throws exactly what was thrown inside it.
     void expectRunThrows() {
         bool threw = false;
         try {
@@ -778,7 +779,7 @@ TEST_P(FailureThatLeavesTheRun, RecordThatCannotBeMade) {
 INSTANTIATE_TEST_SUITE_P(Each, FailureThatLeavesTheRun, testing::ValuesIn(kinds),
                          [](const auto& test) { return test.param.name; });
 
-/// With a real watchdog, to which a moment of silence is too long.
+/// With a real watchdog with a very short timeout.
 class WatchedBackup : public BackupTest {
 protected:
     void watch(std::chrono::nanoseconds timeout) {
@@ -839,7 +840,7 @@ TEST_F(WatchedBackup, TimeBeforeTheRunDoesNotCount) {
     EXPECT_EQ(log.count(error, lost), 0);
 }
 
-/// A heartbeat that tells what was done with it.
+/// A heartbeat that logs how it is used.
 class RecordedHeartbeat : public IHeartbeat {
 public:
     explicit RecordedHeartbeat(info::Logger& logger) : logger(logger) {}
@@ -874,10 +875,11 @@ TEST_F(WatchedBackup, WatchdogIsResetBeforeAndLetGoAfterTheRun) {
                     Line{level3, "Finished execution of the Transition To Incremental phase."}));
 }
 
-/// Two backups with one log: the next has no volumes, and so it ends in its first phase.
+/// Two backups with one log. The second has no volumes, so it ends in its first phase.
 class TwoBackups : public BackupTest {
 protected:
-    /// Runs the first, which comes to `place` and is held there. Then runs the next, which has to wait.
+    /// Runs the first backup until it reaches `place` and holds it there. Then runs the second, which has to
+    /// wait.
     void runBoth(std::function<void()>& place,
                  const std::function<void(std::future<void>& second)>& meanwhile) {
         std::promise<void> working;

@@ -57,7 +57,7 @@ protected:
         return backup;
     }
 
-    /// Runs a backup to its end. Returns the failure.
+    /// Runs a backup to its end. Returns its exception.
     std::exception_ptr run(std::function<void()> body) {
         start("backup", std::move(body));
         return thread->wait();
@@ -81,7 +81,7 @@ TEST_F(BackupThreadTest, RunsTheBackupWithItsSession) {
     EXPECT_EQ(thread->getBackupId(), "backup");
     stay.leave();
     EXPECT_TRUE(test::eventually([&] { return !thread->isRunning(); }));
-    EXPECT_EQ(thread->getBackupId(), "backup"); // until the end is waited for
+    EXPECT_EQ(thread->getBackupId(), "backup"); // until wait() has been called
     EXPECT_EQ(thread->wait(), nullptr);
     EXPECT_EQ(thread->getBackupId(), "");
     EXPECT_FALSE(thread->isRunning());
@@ -92,7 +92,7 @@ TEST_F(BackupThreadTest, RunsTheBackupWithItsSession) {
 TEST_F(BackupThreadTest, TheQuestionWhetherItRunsReapsOneThatHasEnded) {
     const auto backup = start("backup");
     EXPECT_TRUE(test::eventually([&] { return !thread->isRunning(); }));
-    EXPECT_EQ(backup.use_count(), 2); // ours, and the one that tells the ID; the run's own has gone
+    EXPECT_EQ(backup.use_count(), 2); // the test's and getBackupId()'s; the run's is gone
     EXPECT_FALSE(thread->isRunning());
     EXPECT_EQ(thread->getBackupId(), "backup");
     EXPECT_EQ(thread->wait(), nullptr);
@@ -127,7 +127,7 @@ TEST_F(BackupThreadTest, RunsOnAThreadOfItsOwn) {
     EXPECT_NE(id, std::this_thread::get_id());
 }
 
-/// There is no message bus for the tests: the lock against sleep is the first to fail, and nothing else does.
+/// The tests have no message bus, so the sleep lock fails first, and nothing else does.
 TEST_F(BackupThreadTest, LogsTheRunAndGoesOnWithoutTheSleepLock) {
     EXPECT_EQ(run([&] { log.logger.log(3, "working"); }), nullptr);
     const auto lines = log.lines();
@@ -217,7 +217,7 @@ TEST_F(BackupThreadTest, WaitReturnsWhenTheRunHasEnded) {
     stay.waitUntilEntered();
     std::future<std::exception_ptr> waiting = std::async(std::launch::async, [&] { return thread->wait(); });
     EXPECT_EQ(waiting.wait_for(50ms), std::future_status::timeout);
-    EXPECT_EQ(thread->getBackupId(), "backup"); // asked meanwhile
+    EXPECT_EQ(thread->getBackupId(), "backup"); // answered while another thread waits
     EXPECT_TRUE(thread->isRunning());
     stay.leave();
     waiting.get();
@@ -230,7 +230,7 @@ TEST_F(BackupThreadTest, StartBehindARunThatWindsDownWaitsForIt) {
     start("first", std::ref(first));
     first.waitUntilEntered();
     std::future<void> starting = std::async(std::launch::async, [&] { start("second", std::ref(second)); });
-    second.waitUntilEntered(); // the new run has begun, and the old one still goes on
+    second.waitUntilEntered(); // the new run has begun while the old one still runs
     EXPECT_EQ(starting.wait_for(50ms), std::future_status::timeout);
     EXPECT_EQ(thread->getBackupId(), "second");
     first.leave();

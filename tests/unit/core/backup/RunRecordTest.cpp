@@ -28,7 +28,7 @@ info::VolumeProvider::Volume volumeAt(const std::string& uuid, std::vector<std::
 
 class RunRecordTest : public testing::Test {
 protected:
-    /// The objects that have been written, without the time.
+    /// The records that were written, without the time.
     [[nodiscard]] std::vector<json> written() const {
         std::vector<json> records;
         const std::string head = "Backup record: ";

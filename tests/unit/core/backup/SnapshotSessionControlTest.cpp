@@ -18,12 +18,14 @@ constexpr const char* noDevice = "Unable to determine incremental bitmap file na
 
 class SnapshotSessionControlTest : public SnapshotSessionFixture {
 protected:
-    /// The message of a failed end that finds a volume without a device.
+    /// The message of the failure to end the session of volumes of which one has no device.
     std::string endFailure(const SnapshotSessionControl::Volumes& volumes) {
         return messageOf<std::runtime_error>([&] { control->transitionToIncremental(volumes, false); });
     }
 };
 
+/// The header of the CoW file, which the driver makes, is read for the bitmap of changes. Without the file
+/// the start fails.
 TEST_F(SnapshotSessionControlTest, FirstSnapshotOfAVolume) {
     const auto volume = makeVolume(one);
     file::remove(mountPoint(one) + "/.tolvu");
@@ -139,7 +141,7 @@ TEST_F(SnapshotSessionControlTest, RoomForOneCowFileOnlyIsToldAtTheFirstBackup) 
     EXPECT_THAT(warnings(first + second - 1),
                 ElementsAre(start + "300.039 MiB: free the rest, or set volumes." + one +
                             ".cowFileSizeMiB to 299 or less"));
-    const std::uint64_t smallest = required(size) + table; // of 100 MiB
+    const std::uint64_t smallest = required(size) + table; // for CoW files of 100 MiB
     EXPECT_THAT(warnings(first + smallest),
                 ElementsAre(start + "100.039 MiB: free the rest, or set volumes." + one +
                             ".cowFileSizeMiB to 100 or less"));
@@ -192,7 +194,7 @@ TEST_F(SnapshotSessionControlTest, ASnapshotIsCheckedByTheMinorThatItHasHad) {
     EXPECT_EQ(infos.at(one).check(), 0);
     const std::int32_t minor = driver->devices.at(two).minor;
     extension->failures[minor] = ENOSPC;
-    driver->devices.clear(); // nothing but the library has to know it at the end
+    driver->devices.clear(); // the check uses the library only, not the driver's device
     EXPECT_EQ(infos.at(one).check(), 0);
     EXPECT_EQ(infos.at(two).check(), ENOSPC);
 }
@@ -301,7 +303,7 @@ TEST_F(SnapshotSessionControlTest, AVolumeWithoutMountPoint) {
 TEST_F(SnapshotSessionControlTest, TheRecordFollowsStateAndName) {
     const auto volume = makeVolume(one);
     const auto record = [&](std::int32_t state, const std::string& cowFile) {
-        // An end that the driver refuses looks at the device as it is.
+        // While the driver refuses to end the snapshot, the control examines the device as it is.
         driver->failing = {"transitionToIncremental"};
         track(one, cowFile, state);
         writeCowFile(one, ".tolvu", 0);
@@ -356,7 +358,8 @@ TEST_F(SnapshotSessionControlTest, AnOldFileThatCannotBeRemoved) {
     EXPECT_TRUE(log.hasPart(info::level::info, "std::remove(\"" + mountPoint(one) + "/.tolvu1\") failed"));
 }
 
-/// The snapshots of a crashed backup show what no image has: the next changes may not be counted from them.
+/// The snapshots of a crashed backup show data that no image has, so the next changes must not be counted
+/// from them.
 TEST_F(SnapshotSessionControlTest, SnapshotsThatTheSessionHasNotStartedAreDestroyedAtAFailedEnd) {
     const auto first = makeVolume(one);
     const auto second = makeVolume(two);
@@ -386,7 +389,7 @@ TEST_F(SnapshotSessionControlTest, ASnapshotThatResistsIsNoBaselineEither) {
     EXPECT_TRUE(log.has(error, "Could not destroy snapshot for " + one));
 }
 
-/// The session has failed before it came to the volume: what has been recorded so far is still right.
+/// The session failed before it reached the volume, so the changes recorded so far are still correct.
 TEST_F(SnapshotSessionControlTest, ATrackedVolumeThatWasNotSnapshottedKeepsItsDeviceAndItsHistory) {
     const auto volume = makeVolume(one);
     track(one);
@@ -418,7 +421,7 @@ TEST_F(SnapshotSessionControlTest, AMergeThatBrokeOffCostsTheDevice) {
     EXPECT_THAT(driver->calls, Not(Contains("makeHistory " + one)));
 }
 
-/// It has lost count, so nobody knows what the image lacks.
+/// The driver has lost track, so what the image lacks is unknown.
 TEST_F(SnapshotSessionControlTest, ADriverErrorBeforeAFailedBackupOfAnotherTypeCostsTheDevice) {
     const auto volume = makeVolume(one);
     track(one, "/.tolvu", 2, 5);
@@ -480,7 +483,7 @@ TEST_F(SnapshotSessionControlTest, ADeviceThatIsGoneAtTheEnd) {
 class EveryFailingDriverCall : public SnapshotSessionFixture,
                                public testing::WithParamInterface<std::uint32_t> {
 protected:
-    /// A session of a tracked volume. False if the call that was to fail has not come.
+    /// A session of a tracked volume. False if the failing call wasn't reached.
     bool run(int call) {
         volume = makeVolume(one);
         driver->calls.clear();
@@ -527,7 +530,7 @@ TEST_P(EveryFailingDriverCall, TracksOnlyWhatIsStillOwed) {
             EXPECT_TRUE(hasDone("makeHistory"));
         }
     }
-    EXPECT_TRUE(isTracked()); // where nothing has failed
+    EXPECT_TRUE(isTracked()); // after the run in which no call failed
     EXPECT_TRUE(hasDone("rollForward"));
     EXPECT_TRUE(hasDone("makeHistory"));
     EXPECT_GT(tracked, 0);

@@ -29,7 +29,7 @@ struct Flags {
 constexpr std::array<Flags, 4> everyFlags = {{{false, false}, {false, true}, {true, false}, {true, true}}};
 
 Ranges find(Flags flags, const Bytes& bitmap, std::uint64_t bits) {
-    // A copy that ends with the last valid bit, so that the sanitizer sees every byte read behind it.
+    // A copy that ends with the last valid bit, so that AddressSanitizer reports reads past it.
     const Bytes exact(bitmap.begin(), bitmap.begin() + static_cast<std::ptrdiff_t>((bits + 7) / 8));
     return BitRangeFinder(flags.targetValue, flags.msbFirst).findRanges(exact.data(), bits);
 }
@@ -76,7 +76,8 @@ TEST(BitRangeFinder, RunsGoOnAcrossBytesWordsAndStrides) {
     }
 }
 
-/// Every length, so that whole words, the bytes behind them and the partial byte meet in every way.
+/// Every length, so that whole words, the bytes after them and the last partial byte occur in every
+/// combination.
 TEST(BitRangeFinder, AgreesWithEveryBitAtEveryLength) {
     std::mt19937_64 random(20260302);
     for (std::uint64_t bits = 1; bits <= 1300; ++bits) {
@@ -88,7 +89,7 @@ TEST(BitRangeFinder, AgreesWithEveryBitAtEveryLength) {
     }
 }
 
-/// A bitmap of runs whose longest is 1 to 2048 bits.
+/// A random bitmap of runs of up to `longest` bits, which is itself random, 1 to 2048.
 Bytes bitmapOfRuns(std::mt19937_64& random, std::uint64_t bits) {
     Bytes bitmap((bits + 7) / 8);
     const std::uint64_t longest = std::uint64_t{1} << random() % 12;

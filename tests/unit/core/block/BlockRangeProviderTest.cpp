@@ -197,7 +197,8 @@ TEST_F(BlockRangeProviderTest, CopiesAdvanceOnTheirOwn) {
     EXPECT_FALSE(other.end() == provider.end());
 }
 
-/// Ascending, with every kind of touching and overlapping, some of them empty or behind the volume.
+/// Random exclusions in ascending order that touch and overlap in every way. Some are empty or lie past the
+/// end of the volume.
 Ranges randomExclusions(std::mt19937_64& random, std::uint64_t totalBlocks) {
     Ranges ranges(random() % 12);
     for (BlockRange& range : ranges) {

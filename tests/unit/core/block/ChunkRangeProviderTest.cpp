@@ -115,7 +115,7 @@ TEST_F(ChunkRangeProviderTest, AgreesWithCountingBlocks) {
     }
 }
 
-/// The lines of a loop over millions of ranges aren't even put together where nobody reads them.
+/// A loop over millions of ranges must not even format log lines that the level suppresses.
 TEST(ChunkRangeProviderQuiet, LinesThatNobodyReadsAreNotMade) {
     std::vector<std::string> lines;
     info::Logger quiet([&](const std::string& text, int, info::LogTime) { lines.push_back(text); },

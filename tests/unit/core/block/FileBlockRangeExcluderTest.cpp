@@ -32,14 +32,14 @@ using Ranges = std::vector<BlockRange>;
 
 constexpr std::uint32_t blockSize = 4096;
 
-/// A block that no file system writes of itself.
+/// A block of data that no file system writes by itself.
 std::string block(const std::string& name, std::uint64_t number) {
     std::string text = "content of " + name + ", block " + std::to_string(number) + ".";
     text.resize(blockSize, '~');
     return text;
 }
 
-/// Two files that grow block by block in turns, so that neither can lie in one piece.
+/// Grows two files in turns, one block at a time, so that neither can be contiguous.
 void writeInTurns(const LoopFileSystem& fileSystem, std::uint64_t blocks) {
     const os::FileDescriptor first(
         ::open(fileSystem.path("first").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
@@ -56,7 +56,7 @@ void writeInTurns(const LoopFileSystem& fileSystem, std::uint64_t blocks) {
     ::sync();
 }
 
-/// Where filefrag says that a file lies.
+/// The extents of a file as filefrag reports them.
 Ranges filefrag(const std::string& path) {
     const std::string output = outputOf("filefrag -v -b4096 " + path);
     const std::regex extent(R"(\n +\d+: +\d+\.\. +\d+: +(\d+)\.\. +\d+: +(\d+):)");
@@ -83,7 +83,7 @@ protected:
         return allOf(FileBlockRangeExcluder(log.logger, size, path, query));
     }
 
-    /// The one warning there is.
+    /// The text of the single warning.
     [[nodiscard]] std::string warning() const {
         std::string text;
         for (const test::RecordingLogger::Line& line : log.lines()) {
@@ -105,7 +105,7 @@ std::string notExcluded(const std::string& path, const std::string& why) {
            "\", blocks will not be excluded. Error: " + why;
 }
 
-/// The kernel's own file systems.
+/// File systems of the kernel.
 class FileSystemsTest : public FileBlockRangeExcluderTest, public testing::WithParamInterface<const char*> {
 protected:
     LoopFileSystem fileSystem{GetParam()};
@@ -115,6 +115,8 @@ INSTANTIATE_TEST_SUITE_P(Kernel, FileSystemsTest,
                          testing::Values("mkfs.ext4 -q -b 4096", "mkfs.ext2 -q -b 4096",
                                          "mkfs.xfs -q -b size=4096"));
 
+/// Excluding a wrong block would leave data out of the image, so the contents of each excluded block are
+/// checked.
 TEST_P(FileSystemsTest, FragmentedFileIsExcludedWhereItLies) {
     writeInTurns(fileSystem, 60);
     const std::string path = fileSystem.path("second");
@@ -150,7 +152,7 @@ TEST_P(FileSystemsTest, HolesAreNotExcluded) {
     outputOf("sync");
     const Ranges ranges = excluded(path);
     EXPECT_EQ(ranges, filefrag(path));
-    EXPECT_LT(blocksOf(ranges), 100U); // XFS reserves some behind the end
+    EXPECT_LT(blocksOf(ranges), 100U); // XFS preallocates some past the end
 }
 
 TEST_P(FileSystemsTest, EmptyFileHasNoExtents) {
@@ -162,7 +164,7 @@ TEST_P(FileSystemsTest, EmptyFileHasNoExtents) {
                                                 path + "\")"));
 }
 
-/// What has no place on the disk yet is reported at block 0, which is somebody else's.
+/// FIEMAP reports delayed allocations at block 0, which doesn't belong to the file.
 TEST_P(FileSystemsTest, WhatIsStillInMemoryIsNotExcluded) {
     const std::string path = fileSystem.path("fresh");
     test::writeFile(path, block("fresh", 0));
@@ -172,7 +174,7 @@ TEST_P(FileSystemsTest, WhatIsStillInMemoryIsNotExcluded) {
     EXPECT_EQ(warning(), "");
 }
 
-/// Asks the kernel, and lets something happen between the two questions.
+/// Asks the kernel, and runs a command between the two FIEMAP calls.
 ExtentQuery interrupted(const std::string& command) {
     return [command, asked = 0](int descriptor, fiemap& request) mutable {
         if (asked++ == 1) {
@@ -224,7 +226,7 @@ TEST_F(ExtentsTest, BlocksThatAreOnlyReservedBelongToTheFile) {
     }
 }
 
-// A copy of the file, made by whoever can read it, lives in the same blocks.
+// A reflink copy of the file, which any user who can read the file can make, uses the same blocks.
 TEST_F(ExtentsTest, BlocksThatAReflinkSharesAreNotExcluded) {
     const LoopFileSystem fileSystem("mkfs.xfs -q -b size=4096 -m reflink=1");
     const std::string path = fileSystem.path("file");
@@ -233,7 +235,7 @@ TEST_F(ExtentsTest, BlocksThatAReflinkSharesAreNotExcluded) {
     outputOf("cp --reflink=always " + path + " " + fileSystem.path("copy"));
     outputOf("head -c 8192 /dev/urandom | dd of=" + path + " bs=4096 seek=3 conv=notrunc,fsync status=none");
     const Ranges ranges = excluded(path);
-    EXPECT_EQ(blocksOf(ranges), 2U); // those that were written since are the file's own again
+    EXPECT_EQ(blocksOf(ranges), 2U); // blocks written since then belong to the file alone again
     EXPECT_THAT(outputOf("filefrag -v " + path), HasSubstr("shared"));
     EXPECT_EQ(warning(), "");
 }
@@ -281,7 +283,7 @@ TEST_F(FileBlockRangeExcluderTest, UnknownBlockSizeExcludesNothing) {
 }
 
 TEST_F(FileBlockRangeExcluderTest, FileSystemThatCannotTellExcludesNothing) {
-    const std::string path = directory / "file"; // in memory
+    const std::string path = directory / "file"; // on tmpfs
     test::writeFile(path, "x");
     EXPECT_THAT(excluded(path), IsEmpty());
     EXPECT_THAT(warning(),
@@ -305,7 +307,7 @@ TEST_F(FileBlockRangeExcluderTest, WhatIsNoFileExcludesNothing) {
                 HasSubstr("Failed to open handle to file \"" + link + "\", error: Too many levels"));
 }
 
-/// A query with answers of its own: what the kernel never says, or can't be made to.
+/// A query with scripted answers: those that the kernel never gives, or can't be made to give.
 ExtentQuery answering(std::uint32_t first, std::uint32_t second,
                       const std::vector<fiemap_extent>& extents = {}) {
     return [=, asked = 0](int, fiemap& request) mutable {

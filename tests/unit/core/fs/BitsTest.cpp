@@ -42,7 +42,7 @@ void plainSet(Map& map, std::uint64_t first, std::uint64_t count) {
     }
 }
 
-/// Memory of this process that is neither a file's nor the page of zeros that all share.
+/// The private anonymous memory of this process. The kernel's shared page of zeros doesn't count.
 std::size_t ownKibibytes() {
     std::ifstream status("/proc/self/status");
     std::string word;
@@ -69,7 +69,7 @@ private:
     std::mt19937_64 generator{20240501};
 };
 
-// Buffers end with the last bit that may be touched, so that the address sanitizer sees any byte too many.
+// Buffers end with the last bit that may be accessed, so that AddressSanitizer reports any byte beyond.
 TEST(Bits, CopyIsThatOfOneBitAtATime) {
     Random random;
     for (int round = 0; round < 200'000; ++round) {
@@ -127,7 +127,7 @@ TEST(Bits, ClearingAMapLeavesNoBit) {
         clearMap(map.data(), map.size());
         EXPECT_EQ(map, Map(bytes)) << bytes;
     }
-    for (const std::size_t last : {0U, 1U, 4095U, 4096U, 9998U}) { // the only byte that is to be cleared
+    for (const std::size_t last : {0U, 1U, 4095U, 4096U, 9998U}) { // the only byte that needs clearing
         Map map(9999);
         map[last] = 0x80;
         clearMap(map.data(), map.size());

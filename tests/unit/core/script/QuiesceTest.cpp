@@ -43,7 +43,7 @@ Path scriptDirectory() {
     return dir::base() / "pps";
 }
 
-/// Puts an executable shell script into the agent's directory of scripts.
+/// Installs an executable shell script in the agent's script directory.
 std::string install(const std::string& name, const std::string& text) {
     const std::string path = scriptDirectory() / name;
     test::writeFile(path, "#!/bin/sh\n" + text);
@@ -68,8 +68,8 @@ protected:
         EXPECT_EQ(test::openDescriptors(), descriptors);
     }
 
-    /// Runs a script; returns what it had logged of its output. Fails the test unless begin and end are
-    /// logged around it.
+    /// Runs a script; returns the lines of its output that were logged. Fails the test unless the start and
+    /// end are logged around them.
     std::vector<std::string> run(const std::string& script, std::uint32_t timeoutSeconds, bool isPre = true) {
         log.clear();
         quiesce.runScript(script, timeoutSeconds, isPre);
@@ -96,7 +96,7 @@ protected:
         return output;
     }
 
-    /// The text with which a script is refused; nothing of it has run.
+    /// The message with which a script is refused. Checks that the script didn't run.
     std::string refusal(const std::string& script) {
         log.clear();
         std::string text = "nothing thrown";
@@ -181,7 +181,7 @@ TEST_F(RealScripts, ScriptThatOthersCouldHaveWrittenIsRefused) {
     ASSERT_EQ(::chmod(path.c_str(), 0755), 0);
     ASSERT_EQ(::chown(path.c_str(), nobody, nobody), 0);
     EXPECT_EQ(refusal("script"), openTo(path, path, nobody, 0755));
-    ASSERT_EQ(::chown(path.c_str(), 0, nobody), 0); // a group that can't write decides nothing
+    ASSERT_EQ(::chown(path.c_str(), 0, nobody), 0); // a group without write permission doesn't matter
     EXPECT_THAT(run("script", 20), ElementsAre("ran"));
 }
 
@@ -252,7 +252,7 @@ TEST_F(RealScripts, WhatTheShellCannotRunIsNoError) {
     EXPECT_EQ(::symlink("nothing", dangling.c_str()), 0);
     const std::string directory = scriptDirectory() / "directory";
     dir::make(directory);
-    // Each shell has words of its own for it, and some say it twice.
+    // Shells word the error differently, and some print it twice.
     EXPECT_THAT(run("plain", 20), Contains(HasSubstr(plain)));
     EXPECT_THAT(run("dangling", 20), Contains(HasSubstr(dangling)));
     EXPECT_THAT(run("directory", 20), Contains(HasSubstr(directory)));
@@ -279,7 +279,7 @@ TEST_F(RealScripts, NulByteEndsWhatIsLoggedOfItsLine) {
     EXPECT_THAT(run("script", 20), ElementsAre("a", "c"));
 }
 
-/// The process that a script has noted its identifier of is no more, not even as a zombie.
+/// Whether the process whose PID a script wrote to a file is gone, zombies included.
 bool isGone(const std::string& pidPath) {
     const std::string pid = test::readFile(pidPath);
     return !pid.empty() && ::kill(std::stoi(pid), 0) == -1 && errno == ESRCH;
@@ -361,7 +361,7 @@ TEST_F(RealScripts, IgnoredSigchldStaysIgnored) {
 
 // Another kind of stream
 
-/// Plays back what it is given: each chunk answers one `readAvailable`; then the output is at its end.
+/// Plays back scripted output: each readAvailable() returns one chunk; then the output ends.
 class PlayedStream : public ICommandStream {
 public:
     struct Play {
@@ -408,7 +408,7 @@ private:
     std::size_t next = 0;
 };
 
-/// Hands out a played stream, or throws or hands out nothing.
+/// Returns a played stream, throws, or returns null.
 class PlayedUtility : public ICommandUtility {
 public:
     std::unique_ptr<ICommandStream> createCommandStream(const std::string& command,
@@ -428,7 +428,7 @@ public:
     bool none = false;
 };
 
-/// A log on a disk so slow that the first line of output takes longer than the script may.
+/// A log on a disk so slow that the first line of output takes longer than the script's timeout.
 class SlowLog {
 public:
     int outputs = 0;

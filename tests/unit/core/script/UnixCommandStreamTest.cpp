@@ -51,7 +51,7 @@ std::string outputOf(const std::string& command, const std::string& directory = 
     return readAll(stream);
 }
 
-/// The text and the code of a PosixError.
+/// Message and code of a PosixError.
 using Failure = std::pair<std::string, int>;
 
 /// The PosixError that `operation` throws.
@@ -80,7 +80,7 @@ void awaitNoChildren() {
     }
 }
 
-/// Runs `operation` with a signal handler that interrupts calls every few milliseconds.
+/// Runs `operation` while a signal interrupts its system calls every few milliseconds.
 void underInterruption(const std::function<void()>& operation) {
     const test::ScopedDisposition handler(SIGALRM, [](int /*signal*/) {});
     const ::itimerval often{{0, 5000}, {0, 5000}};
@@ -90,7 +90,8 @@ void underInterruption(const std::function<void()>& operation) {
     ::setitimer(ITIMER_REAL, &never, nullptr);
 }
 
-/// Every test leaves the process as it was: no child, no descriptor, the same disposition of SIGCHLD.
+/// Every test leaves the process unchanged: no children, no open descriptors, the same disposition of
+/// SIGCHLD.
 class CommandStream : public testing::Test {
 protected:
     void TearDown() override {
@@ -298,7 +299,7 @@ TEST_F(CommandStream, EndlessOutputComesInBoundedParts) {
     EXPECT_TRUE(stream.readAvailable(out));
 }
 
-// Its end
+// Its destruction
 
 TEST_F(CommandStream, DestroyingARunningStreamKillsAndReaps) {
     const auto begin = steady_clock::now();
@@ -361,7 +362,7 @@ TEST_F(CommandStream, ChildHasNoSignalBlockedOrIgnored) {
 
 TEST_F(CommandStream, ChildGetsNoDescriptorOfAnotherStream) {
     const auto list = [] { return outputOf("ls /proc/$$/fd; :"); };
-    const std::string before = list(); // what the tests themselves were started with
+    const std::string before = list(); // what the tests themselves inherited
     const UnixCommandStream other("exec sleep 20", "", true);
     EXPECT_THAT(before, StartsWith("0\n1\n"));
     EXPECT_EQ(list(), before);
@@ -487,14 +488,14 @@ TEST_F(CommandStream, WorksBehindManyOpenDescriptors) {
         std::string out;
         EXPECT_TRUE(stream.readAvailable(out));
         EXPECT_EQ(out, "text\n");
-        EXPECT_TRUE(stream.waitForOutput(remaining)); // the end can be read, too
+        EXPECT_TRUE(stream.waitForOutput(remaining)); // reading the end counts as output
         EXPECT_FALSE(stream.readAvailable(out));
         EXPECT_GT(remaining, 0);
     }
     ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &former), 0);
 }
 
-/// Runs `operation` in a process of its own, and prints the error that it throws.
+/// Runs `operation` in a child process and prints the message of its exception.
 [[noreturn]] void reportAndExit(const std::function<void()>& operation) {
     std::cerr << posixError(operation).first << std::endl;
     ::_exit(0);
@@ -526,7 +527,8 @@ TEST_F(CommandStreamDeathTest, DispositionThatCannotBePutBackIsAFailure) {
     ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
     EXPECT_EXIT(reportAndExit([&] {
                     UnixCommandStream stream("exec cat " + fifo, "", true);
-                    // Lets the command print once the read is under way and the way back is barred.
+                    // Lets the command print only once the read is in progress and restoring the disposition
+                    // is bound to fail.
                     std::thread bar([&] {
                         while ((test::disposition(SIGCHLD).sa_flags & SA_RESTART) == 0) {
                             std::this_thread::yield();

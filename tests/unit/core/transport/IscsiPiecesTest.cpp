@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-/// Reads and writes of more than one command.
+/// Reads and writes that take more than one command.
 namespace agent::core {
 namespace {
 
@@ -24,7 +24,7 @@ using Outcome = FakeIscsi::Outcome;
 using enum FakeIscsi::Outcome;
 
 constexpr std::uint64_t kibibyte = 1024;
-constexpr std::uint64_t piece = 256 * kibibyte; ///< of a write
+constexpr std::uint64_t piece = 256 * kibibyte; ///< the most that one write command carries
 constexpr std::uint64_t readPiece = 128 * kibibyte;
 constexpr std::uint64_t call = 4096 * kibibyte;
 constexpr std::uint64_t diskBytes = 3 * call;
@@ -70,7 +70,7 @@ protected:
         return {begin, begin + static_cast<std::ptrdiff_t>(length)};
     }
 
-    /// Writes from the offset on; whatever comes of that, nothing else may be touched.
+    /// Writes random bytes at the offset. Expects them on the disk, and expects that no other bytes change.
     void write(std::uint64_t offset, std::uint64_t length) {
         static const Bytes source = randomBytes(2 * call, 1);
         const auto begin = source.begin() + static_cast<std::ptrdiff_t>(++writes * 512);
@@ -188,7 +188,7 @@ TEST_F(IscsiPiecesTest, OneCommandThatFailsFailsAllOfThem) {
             transport.disconnect();
             connect();
             const std::size_t all = call / (function == readCall ? readPiece : piece);
-            std::vector<Outcome> outcomes(all / 2 + 1, good); // half of them are answered by then
+            std::vector<Outcome> outcomes(all / 2 + 1, good); // half of the commands are answered by then
             outcomes.back() = outcome;
             iscsi.script(function, outcomes);
             if (function == readCall) {
@@ -217,7 +217,7 @@ TEST_F(IscsiPiecesTest, TheEndOfTheImageIsOneOfTheTransferNotOfACommand) {
     EXPECT_EQ(transport.read(data.data(), data.size()), 0);
 }
 
-// --- a target without room
+// --- a target that is busy
 
 TEST_F(IscsiPiecesTest, ACommandThatFindsTheTargetBusyIsSentAgain) {
     for (const std::string& function : {readCall, writeCall}) {
@@ -288,7 +288,7 @@ TEST_F(IscsiPiecesTest, ATargetThatStaysBusyFails) {
     EXPECT_LE(countOf(readCall), 64U * 64U);
 }
 
-// --- what a failure leaves
+// --- after a failure
 
 TEST_F(IscsiPiecesTest, ASessionThatHasBrokenIsNotUsedAgain) {
     connect();

@@ -80,7 +80,7 @@ const Calls capacity{capacityCall + " 3", "scsi_datain_unmarshall"};
 const Calls farewell{"iscsi_read16_sync 3 0 512 512 0 0 0 0 0", "iscsi_logout_sync", "iscsi_disconnect",
                      destroyed};
 
-/// Joins elements and lists of them.
+/// Concatenates vectors.
 template <typename Element>
 std::vector<Element> join(const std::vector<std::vector<Element>>& parts) {
     std::vector<Element> all;
@@ -90,7 +90,7 @@ std::vector<Element> join(const std::vector<std::vector<Element>>& parts) {
     return all;
 }
 
-/// A command of LUN 3 as it is to be called.
+/// The recorded form of a command for LUN 3.
 std::string command(const std::string& function, std::uint64_t block, std::uint64_t bytes,
                     std::uint32_t blockSize = blockBytes) {
     return function + " 3 " + std::to_string(block) + " " + std::to_string(bytes) + " " +
@@ -101,7 +101,7 @@ Calls session() {
     return join<std::string>({preparation, {login}, capacity});
 }
 
-/// What comes of a command that has failed: its session is dropped without a word, and a new one is made.
+/// The calls after a failed command: the session is dropped without a logout, and a new one is made.
 Calls anotherSession() {
     return join<std::string>({{slept, destroyed}, session()});
 }
@@ -133,7 +133,7 @@ protected:
         transport.emplace(log.logger, targetName, "127.0.0.1:3260", 3, offset, "user", "secret");
     }
 
-    /// Connects; what comes of that is not kept.
+    /// Connects, and forgets the recorded calls and lines.
     void connect(bool diffMerge = false) {
         ASSERT_TRUE(transport->connect(diffMerge));
         forget();
@@ -146,7 +146,7 @@ protected:
 
     [[nodiscard]] std::int64_t position() { return transport->seek(0, relative); }
 
-    /// Reads so many bytes into memory that holds not one more, and keeps them.
+    /// Reads into a buffer of exactly `length` bytes, and keeps them.
     std::int64_t read(std::uint64_t length) {
         received.assign(length, 0);
         received.shrink_to_fit();
@@ -164,7 +164,7 @@ protected:
         return {begin, begin + static_cast<std::ptrdiff_t>(length)};
     }
 
-    /// Ends the session without a word, so that the next test sees what led to that.
+    /// Ends the session and expects no logout, which shows that the session was regarded as broken.
     void expectNoFarewell() {
         forget();
         transport->disconnect();
@@ -186,7 +186,7 @@ protected:
     Bytes received;
 };
 
-/// Any bytes that the disk doesn't have.
+/// Bytes that differ from the disk's.
 Bytes newBytes(std::size_t length) {
     return Bytes(length, 0xFE);
 }
@@ -208,6 +208,7 @@ TEST_F(IscsiTransportTest, WithoutAContextNothingElseIsTried) {
     EXPECT_THAT(log.lines(), ElementsAre(Line{error, "Failed to create iscsi context."}));
 }
 
+/// If an option can't be set, a retry can't help. The context must not leak.
 TEST_F(IscsiTransportTest, AnOptionThatCanNotBeSetEndsTheConnectAtOnce) {
     const std::vector<std::pair<std::string, std::string>> options{
         {"iscsi_set_targetname", "Failed to set iscsi target name."},
@@ -552,6 +553,7 @@ TEST_F(IscsiTransportTest, ASecondThreadIsTurnedAwayWhileACommandIsUnderWay) {
 
 // --- rounds of retries
 
+/// Up to five retries, each over a new session, may still lead to success.
 TEST_F(IscsiTransportTest, AReadThatFailsIsRepeatedOverANewSession) {
     for (std::size_t failures = 1; failures <= 5; ++failures) {
         SCOPED_TRACE(failures);
@@ -590,6 +592,7 @@ TEST_F(IscsiTransportTest, AReadIsGivenUpAfterFiveRounds) {
     expectNoFarewell();
 }
 
+/// The same for writes.
 TEST_F(IscsiTransportTest, AWriteThatFailsIsRepeatedOverANewSession) {
     for (std::size_t failures = 1; failures <= 5; ++failures) {
         SCOPED_TRACE(failures);
@@ -761,7 +764,7 @@ TEST_F(IscsiTransportTest, NoCommandIsSentForMoreThanItCanCarry) {
         connect(diffMerge);
         for (const std::uint64_t length :
              {std::uint64_t{1} << 31U, std::uint64_t{1} << 32U, std::uint64_t{1} << 63U}) {
-            Bytes data(blockBytes); // not to be looked at
+            Bytes data(blockBytes); // must not be read
             errno = 0;
             EXPECT_EQ(transport->write(data.data(), length), -1);
             EXPECT_EQ(errno, EINVAL);
@@ -775,7 +778,7 @@ TEST_F(IscsiTransportTest, NoCommandIsSentForMoreThanItCanCarry) {
 }
 
 TEST_F(IscsiTransportTest, AWriteIsNotCutByTheBytesOfAnImpossibleSize) {
-    iscsi.lastBlock = (std::uint64_t{1} << 55U) - 1; // times 512: more than 64 bits hold
+    iscsi.lastBlock = (std::uint64_t{1} << 55U) - 1; // times 512 exceeds 64 bits
     connect();
     EXPECT_EQ(write(newBytes(1024)), 1024);
     EXPECT_EQ(onDisk(0, 1024), newBytes(1024));
@@ -886,7 +889,7 @@ TEST_F(IscsiTransportTest, AComparedBlockThatCanNotBeWrittenIsAnsweredAsAnyOther
 }
 
 TEST_F(IscsiTransportTest, AComparedBlockBehindAnImpossibleSizeIsNotWritten) {
-    iscsi.lastBlock = std::uint64_t{1} << 55U; // times 512: 512
+    iscsi.lastBlock = std::uint64_t{1} << 55U; // times 512 wraps to 512
     connect(true);
     EXPECT_EQ(transport->seek(blockBytes, absolute), blockBytes);
     EXPECT_EQ(read(blockBytes), blockBytes) << "which goes beyond";
@@ -951,7 +954,7 @@ TEST_F(IscsiTransportTest, ATargetThatDoesNotFlushIsNotLoggedOutOf) {
         EXPECT_THAT(iscsi.calls, ElementsAre(command(flushCall, 0, 512), "iscsi_disconnect", destroyed));
         EXPECT_THAT(log.lines(), IsEmpty());
     }
-    connect(); // which makes the session one to be trusted
+    connect(); // the new session is trusted again
     expectFarewell();
 }
 
@@ -981,6 +984,8 @@ void countBrokenPipe(int /*signal*/) {
     brokenPipes = brokenPipes + 1;
 }
 
+/// A broken connection may raise SIGPIPE in any call of the library. It must not reach the agent, where it
+/// would end the process or cancel the backup.
 TEST_F(IscsiTransportTest, NoBrokenPipeOfTheLibraryGetsOut) {
     brokenPipes = 0;
     struct sigaction counting{};

@@ -38,7 +38,7 @@ constexpr int relative = 1;
 const std::string slept = "nanosleep 1 0";
 const std::string address = "zephane://server:25568/host1/data/18446744073709551615";
 
-/// What a client is made of, up to the client itself, with these flags.
+/// The recorded construction of a client with these flags and of its parts.
 Calls making(int flags) {
     return {"TLSTransport '' ''", "BasicSocket TLSTransport", "Decompressor", "Compressor",
             "ZephaneFTPClient server 25568 host1/data 18446744073709551615 " + std::to_string(flags) +
@@ -77,7 +77,7 @@ protected:
                           "the secret");
     }
 
-    /// Connects; what comes of that is not kept.
+    /// Connects, and forgets the recorded calls and lines.
     void connect(std::uint64_t offset = 0) {
         make(offset);
         ASSERT_TRUE(transport->connect(false));
@@ -96,7 +96,7 @@ protected:
 
     [[nodiscard]] std::int64_t position() { return transport->seek(0, relative); }
 
-    /// Reads so many bytes into memory that holds not one more, and keeps them.
+    /// Reads into a buffer of exactly `length` bytes, and keeps them.
     std::int64_t read(std::size_t length) {
         received.assign(length, 0);
         received.shrink_to_fit();
@@ -425,6 +425,7 @@ TEST_F(ZephaneFTPTransportTest, CodesAreToldByErrnoAsFarAsTheInterfaceHasThem) {
     }
 }
 
+/// After a failed or wrong seek, reading or writing would use the wrong place of the image.
 TEST_F(ZephaneFTPTransportTest, ClientThatIsNotAtThePlaceIsLeftAlone) {
     connect(4096);
     for (const auto& [answer, told] : std::vector<std::pair<Answer, int>>{
@@ -468,7 +469,7 @@ TEST_F(ZephaneFTPTransportTest, PositionsBehindTheImageAreForTheClientToRefuse) 
     EXPECT_THAT(zephane.calls, ElementsAreArray(Calls(3, "seek 10485761 0")));
 }
 
-/// What is added to the offset must not begin at 0 again.
+/// Adding to the offset must not wrap around to 0.
 TEST_F(ZephaneFTPTransportTest, OffsetsThatLeadNowhereReachNoImage) {
     for (const auto& [offset, at] : std::vector<std::pair<std::uint64_t, std::int64_t>>{
              {largestId, 0}, {largestId - 4095, 8192}, {1ULL << 63U, 0}, {1, farthest}, {farthest, 4096}}) {
@@ -519,7 +520,7 @@ TEST_F(ZephaneFTPTransportTest, HolesAreSupportedConnectedOrNot) {
     EXPECT_TRUE(transport->supportsHolePunching());
 }
 
-// --- without a connection, and its end
+// --- disconnected, and disconnecting
 
 TEST_F(ZephaneFTPTransportTest, WithoutAConnectionNothingIsDoneOrLogged) {
     EXPECT_EQ(read(1), -1);
@@ -550,7 +551,7 @@ TEST_F(ZephaneFTPTransportTest, DestructorDisconnectsAndFreesTheClient) {
     EXPECT_THAT(zephane.calls, ElementsAre("close", "gone 1"));
     connect();
     transport->disconnect();
-    transport.reset(); // the second close finds it closed, which is no failure
+    transport.reset(); // the second close finds the connection closed, which is not a failure
     EXPECT_THAT(zephane.calls, ElementsAre("close", "close", "gone 2"));
     EXPECT_THAT(log.lines(), IsEmpty());
 }

@@ -15,7 +15,7 @@
 namespace tolvubd {
 namespace {
 
-/// In a machine of its own (lab/namespace), so that the fixed paths are free.
+/// Runs in a mount namespace of its own (lab/namespace), so that it can use the fixed paths.
 class StateStoreTest : public ::testing::Test {
 protected:
     StateStoreTest() { clear(); }

@@ -12,7 +12,7 @@ namespace {
 constexpr std::uint64_t page = 4096;
 constexpr std::uint64_t volumeBytes = 64UL << 20U;
 
-/// Each page holds its number, but for those that are wrong. Fails at one of them.
+/// Each page ends with its number, except the wrong ones. Reading page `failAt` fails.
 class Pages : public restore::IImage {
 public:
     explicit Pages(std::vector<std::uint64_t> wrong, std::uint64_t failAt = volumeBytes)
@@ -59,7 +59,7 @@ TEST_P(ComparisonTest, FindsEachPageThatDiffers) {
     for (std::uint64_t number = 0; number < volumeBytes / page; number += 3) {
         pages.push_back(number);
     }
-    const std::vector<std::uint64_t> wrong{0, 1, 3, 6000, 16383}; // page 1 isn't asked for
+    const std::vector<std::uint64_t> wrong{0, 1, 3, 6000, 16383}; // page 1 isn't in the sample
     EXPECT_EQ(findDiffering(lanesOf(GetParam(), wrong), pages, interrupt, progress),
               (std::vector<std::uint64_t>{0, 3, 6000, 16383}));
     EXPECT_EQ(done, pages.size());

@@ -32,14 +32,14 @@ TEST(CheckScripts, EachOfADirectory) {
     const agent::test::TestDirectory directory;
     agent::test::writeFile(directory / "script", "#!/bin/sh\n");
     const Findings found = checkScripts(directory.path());
-    ASSERT_EQ(found.size(), 1U); // everybody may write to the directory above it
+    ASSERT_EQ(found.size(), 1U); // everybody may write to its parent directory
     EXPECT_EQ(found.front().verdict, Verdict::failure);
     EXPECT_NE(found.front().text.find("others than root can write"), std::string::npos);
 }
 
 TEST(CheckTarget, TheOneThatIsGivenComesFirst) {
     EXPECT_EQ(checkTarget("", "").verdict, Verdict::open);
-    const Finding found = checkTarget("127.0.0.1:1", "127.0.0.2:2"); // where nobody listens
+    const Finding found = checkTarget("127.0.0.1:1", "127.0.0.2:2"); // nothing listens there
     EXPECT_EQ(found.verdict, Verdict::failure);
     EXPECT_NE(found.text.find("127.0.0.1 port 1 can't be reached: "), std::string::npos) << found.text;
     EXPECT_NE(checkTarget("", "127.0.0.2:2").text.find("127.0.0.2 port 2"), std::string::npos);

@@ -9,7 +9,7 @@ namespace {
 
 constexpr std::uint64_t mebibyte = 1'048'576;
 
-/// As of a volume of this size, with this much for the notes beside the CoW file.
+/// The space on a volume of this size, in MiB. The driver needs some more beside the CoW file for its bitmap.
 Room roomOf(std::uint64_t volumeMebibytes, std::uint64_t cowMebibytes, std::uint64_t freeMebibytes,
             std::uint64_t presentMebibytes = 0) {
     Room room;
@@ -33,7 +33,7 @@ TEST(CheckRoom, FirstBackupOfAVolumeThatIsTooFull) {
     EXPECT_NE(found.remedy.find("Set volumes.u.cowFileSizeMiB to 336,"), std::string::npos) << found.remedy;
 }
 
-/// A gibibyte at least and half of the volume at most: two of them are all of a volume of 2 GiB.
+/// The default is at least 1 GiB and at most half of the volume, so two CoW files fill a volume of 2 GiB.
 TEST(CheckRoom, SecondBackupOfASmallVolumeByDefault) {
     const Finding found = checkRoom(roomOf(2048, 1024, 1900), "u", "/data");
     EXPECT_EQ(found.verdict, Verdict::failure);
@@ -52,7 +52,7 @@ TEST(CheckRoom, WhereNoSizeFitsRoomIsWhatIsMissing) {
     EXPECT_EQ(found.remedy, "Free 53.5 MB and set volumes.u.cowFileSizeMiB to 100.");
 }
 
-/// Whatever is recommended passes the same check.
+/// Every recommended size must pass the same check.
 TEST(FittingCow, IsOneThatPasses) {
     for (std::uint64_t volume = 300; volume < 20'000; volume += 171) {
         for (std::uint64_t free = 0; free <= volume; free += volume / 13) {
@@ -68,7 +68,7 @@ TEST(FittingCow, IsOneThatPasses) {
     }
 }
 
-/// A volume that is mounted, of which nothing is asked that isn't in its description.
+/// A mounted volume of which only the description is examined.
 VolumeFacts factsOf(const std::string& uuid, const std::string& obstacle = "") {
     agent::info::VolumeDescription description;
     description.device = "/dev/null";

@@ -20,7 +20,7 @@ namespace {
 constexpr std::uint64_t mebibyte = 1UL << 20U;
 constexpr std::uint64_t volumeBytes = 24 * mebibyte;
 
-/// Each page is filled with its number.
+/// An image in which each page is filled with its number.
 class NumberedImage : public IImage {
 public:
     [[nodiscard]] std::uint64_t size() const override { return volumeBytes; }
@@ -35,7 +35,7 @@ public:
     }
     [[nodiscard]] std::string name() const override { return "numbers"; }
 
-    /// A page in eight is empty, and so is a stretch that is worth a hole.
+    /// Every eighth page is zero, and so is a range that is large enough for a hole.
     [[nodiscard]] std::byte valueOf(std::uint64_t offset) const {
         const std::uint64_t page = offset / pageBytes;
         const bool isEmpty = page % 8 == 5 || (offset >= 6 * mebibyte && offset < 7 * mebibyte);
@@ -81,7 +81,7 @@ protected:
         return bytes;
     }
 
-    /// Every used page is the image's; what isn't used isn't the image's.
+    /// Expects that every used page equals the image's. An unused page equals it only if that is zero.
     void expectRestored() {
         const std::string bytes = content();
         ASSERT_EQ(bytes.size(), volumeBytes);

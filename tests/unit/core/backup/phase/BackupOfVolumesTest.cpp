@@ -36,7 +36,7 @@ using Image = test::FakeTransport::Image;
 constexpr int level3 = info::level::info;
 constexpr std::uint8_t poison = 0xA5;
 
-/// A target whose connection ends with the object, and which tells of each write before it is done.
+/// A target that reports its destruction in `closed`, and calls the test before each write.
 class WatchedTransport : public test::FakeTransport {
 public:
     using FakeTransport::FakeTransport;
@@ -59,15 +59,15 @@ public:
     bool* closed = nullptr;
 };
 
-/// Backups of real volumes into targets in memory. Only the snapshots are made up: each volume's file takes
-/// the place of its snapshot.
+/// Backups of real volumes to targets in memory. Only the snapshots are fake: a file stands for each volume's
+/// snapshot.
 class BackupOfVolumes : public testing::Test {
 protected:
     BackupOfVolumes() {
         stage.volumes.find = [this](const std::string& uuid) { return sources.at(uuid)->volume(); };
     }
 
-    /// A volume of the machine and the target that is its own, filled with poison.
+    /// Adds a volume and a target of its own, filled with a poison value.
     test::ExtVolume& add(const std::string& uuid) {
         sources.emplace(uuid, std::make_unique<test::ExtVolume>(uuid));
         test::ExtVolume& source = *sources.at(uuid);
@@ -85,7 +85,7 @@ protected:
         }
     }
 
-    /// Prepares a backup of all volumes as they are now described.
+    /// Prepares a backup of all volumes as currently described.
     void makeBackup() {
         attributes = std::make_shared<BackupAttributes>(volumeAttributes);
         backup = stage.make(attributes, std::make_unique<CancelableOperation>(), nullptr, "backup");
@@ -101,7 +101,7 @@ protected:
         backup->run(std::move(session));
     }
 
-    /// The record of what has changed on a volume since the last backup.
+    /// Writes the bitmap of the blocks that have changed since the last backup.
     void recordChanges(const std::string& uuid, const std::vector<std::uint32_t>& blocks) {
         test::CowImage cow;
         cow.table.resize(test::ExtVolume::blockCount);
@@ -114,7 +114,7 @@ protected:
                                                      cow.table.size() - blocks.size()};
     }
 
-    /// The names of the phases that began, without those within the copy of a volume.
+    /// The names of the phases that began, without those inside the copy of a volume.
     std::vector<std::string> phases() {
         const std::string beginning = "Beginning execution of the ";
         const std::string end = " phase.";
@@ -162,7 +162,7 @@ protected:
     test::SnapshotScript& snapshots = stage.snapshots;
     std::map<std::string, std::unique_ptr<test::ExtVolume>> sources;
     std::map<std::string, std::shared_ptr<WatchedTransport>> targets;
-    /// What stands between a target and the backup.
+    /// Wraps the target for the backup.
     std::function<std::shared_ptr<ITransport>(const std::shared_ptr<ITransport>&)> connect =
         [](const auto& target) { return target; };
     std::unordered_map<std::string, VolumeAttributes> volumeAttributes;
@@ -242,7 +242,7 @@ TEST_F(BackupOfVolumes, IncrementalBackupCopiesTheBlocksThatAreMarkedAndNoOthers
     test::ExtVolume& source = add("a");
     run();
     const std::uint32_t before = database.storedChecksum("a");
-    source.change({12, 500, 501, 3070, 2000}); // the last of them is not used
+    source.change({12, 500, 501, 3070, 2000}); // the last of these blocks isn't used
     recordChanges("a", {12, 500, 501, 2000, 3070});
     targets["a"]->written.clear();
     request(INCREMENTAL);
@@ -335,7 +335,7 @@ TEST_F(BackupOfVolumes, FailedSnapshotLetsGoOfVolumesAndTargets) {
     makeBackup();
     bool closed = false;
     targets["a"]->closed = &closed;
-    targets.clear(); // the session has the last share
+    targets.clear(); // the session holds the last reference
     backup->run(std::move(session));
     EXPECT_TRUE(closed);
     EXPECT_THAT(stage.quiesce.runs, ElementsAre("stop 1 pre", "stop 1 post"));
@@ -357,7 +357,7 @@ TEST_F(BackupOfVolumes, CancelDuringTheCopyVouchesForNothing) {
         }
     };
     backup->run(std::move(session));
-    EXPECT_EQ(targets["a"]->written.size(), 2U); // the chunk that was under way, and none after it
+    EXPECT_EQ(targets["a"]->written.size(), 2U); // the chunk in progress and none after it
     EXPECT_THAT(phases(), ElementsAre("Populate Volumes", "Open Backup Session", "Validate Local Targets",
                                       "Validate Remote Targets", "Start Snapshotting", "Copy Volume a",
                                       "Transition To Incremental", "Post backup record"));
@@ -386,13 +386,15 @@ TEST_F(BackupOfVolumes, FailedBackupLeavesTheOldChecksumAndTheNextOneMendsTheIma
     EXPECT_FALSE(source.holdsUsedBlocks(targets["a"]->image));
 
     connect = [](const auto& target) { return target; };
-    recordChanges("a", {}); // even if the record were lost
+    recordChanges("a", {}); // even if the bitmap were lost
     run();
     EXPECT_EQ(status().volumes.front().backupType, DIFFERENTIAL_MERGE);
     EXPECT_TRUE(backup->isFinished());
     EXPECT_TRUE(source.holdsUsedBlocks(targets["a"]->image));
 }
 
+/// If a snapshot fails while it is copied, the image may be wrong, so the next backup has to compare all of
+/// it.
 TEST_F(BackupOfVolumes, SnapshotThatHasNotLastedFailsTheBackupAndTheNextOneMendsTheImage) {
     test::ExtVolume& source = add("a");
     run();
@@ -431,8 +433,8 @@ TEST_F(BackupOfVolumes, VolumeThatFailsTakesTheFinishedOnesWithIt) {
     EXPECT_EQ(database.storedChecksum(order[1]), 0U);
 }
 
-/// Each call to the target fails in turn, in a backup of each type; reads and writes by -1, or by 0. A full
-/// backup punches holes, too.
+/// Each call to the target fails in turn, in a backup of each type. Reads and writes fail with -1 or with 0.
+/// A full backup also punches holes.
 class EveryFailingCall : public BackupOfVolumes,
                          public testing::WithParamInterface<std::tuple<std::uint32_t, std::int64_t>> {
 protected:
@@ -443,7 +445,7 @@ protected:
         request(type);
     }
 
-    /// A backup onto the image of the last one. False if the call that was to fail has not come.
+    /// A backup onto the image of the last one. False if the failing call wasn't reached.
     bool runFailing(int call) {
         targets["a"] = std::make_shared<WatchedTransport>(last);
         targets["a"]->holePunching = true;
@@ -457,7 +459,9 @@ protected:
         return faulty->hasFailed();
     }
 
-    /// Once something may have been written, an image that isn't owed a record has to be compared.
+    /// Once the backup may have written something, the stored checksum must be withdrawn, so that the next
+    /// backup compares the image. An incremental backup keeps it, since the next backup also copies what this
+    /// one should have copied.
     void expectNothingVouchedFor() {
         EXPECT_THAT(states(), ElementsAre(VOLUME_FAILED));
         const bool isUntouched = targets["a"]->image == last;
@@ -495,10 +499,10 @@ TEST_P(EveryFailingCall, BackupIsFinishedOnlyWithTheWholeImage) {
             expectNothingVouchedFor();
         }
     }
-    EXPECT_TRUE(backup->isFinished()); // the run without a failure
+    EXPECT_TRUE(backup->isFinished()); // the run in which no call failed
     expectWholeImage();
     EXPECT_EQ(database.storedChecksum("a"), checksumOf("a"));
-    // The seek and the punch of each hole: what isn't punched costs only space.
+    // The seek and the punch of each hole: a failed punch only costs space.
     EXPECT_EQ(finishedAllTheSame, type == FULL ? 2 * 4 : 0);
 }
 
@@ -507,11 +511,11 @@ INSTANTIATE_TEST_SUITE_P(Types, EveryFailingCall,
                                                           std::uint32_t{DIFFERENTIAL_MERGE}),
                                           testing::Values(-1, 0)));
 
-/// Each call to the database fails in turn, in a backup of each type. What is called finished is whole, and
-/// what has failed is mended by the next incremental backup, whatever it becomes.
+/// Each call to the database fails in turn, in a backup of each type. A finished backup has a whole image,
+/// and the next incremental backup repairs a failed one, whatever type it becomes.
 class EveryFailingDatabaseCall : public BackupOfVolumes, public testing::WithParamInterface<std::uint32_t> {
 protected:
-    /// A backup of what has changed since an image was left whole. False if the call has not come.
+    /// A backup of the changes since the last whole image. False if the failing call wasn't reached.
     bool runFailing(int call) {
         targets["a"] = std::make_shared<WatchedTransport>(Image(source.image));
         database.provider.setVolumeChecksum("a", checksumOf("a"), db::ChecksumType::libcrc32c);
@@ -546,15 +550,16 @@ TEST_P(EveryFailingDatabaseCall, LeavesNoWrongImage) {
         }
         expectWholeImage();
     }
-    EXPECT_GT(failed, 0); // the new checksum can't be stored
-    expectWholeImage();   // of the run without a failure
+    EXPECT_GT(failed, 0); // storing the new checksum fails
+    expectWholeImage();   // from the run in which no call failed
 }
 
 INSTANTIATE_TEST_SUITE_P(Types, EveryFailingDatabaseCall,
                          testing::Values(std::uint32_t{FULL}, std::uint32_t{INCREMENTAL},
                                          std::uint32_t{DIFFERENTIAL_MERGE}));
 
-/// An ext4 of the system's own tools, mounted read-only as a snapshot is. The truth about it is theirs.
+/// An ext4 made by the system's e2fsprogs and mounted read-only, as a snapshot is. Those tools also say which
+/// blocks are used.
 class MadeFileSystem {
     test::TestDirectory directory;
 
@@ -604,7 +609,7 @@ public:
     std::string image;
 
 private:
-    /// Takes lists such as "3-7, 9" out of the used blocks.
+    /// Clears the blocks of lists such as "3-7, 9" in `used`.
     static void clear(std::vector<bool>& used, const std::string& line) {
         const std::regex range("([0-9]+)(?:-([0-9]+))?");
         for (std::sregex_iterator found(line.begin(), line.end(), range), end; found != end; ++found) {
@@ -617,6 +622,7 @@ private:
     }
 };
 
+/// The driver's own files are left out, since a restored volume doesn't need them.
 TEST_F(BackupOfVolumes, RealFileSystemIsCopiedWithoutFreeBlocksAndWithoutTheDriversFiles) {
     const std::string text(300'000, 't');
     const MadeFileSystem fileSystem({{"file", text}, {".tolvu", text}, {".tolvu1", text}});

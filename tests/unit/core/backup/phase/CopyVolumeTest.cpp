@@ -59,7 +59,7 @@ protected:
         phase.execute();
     }
 
-    /// The lines of level 3; the parsers and ranges have much to say below it.
+    /// The lines of level 3. Parsers and ranges log a lot below it.
     std::vector<std::string> infoLines() {
         std::vector<std::string> texts;
         for (const test::RecordingLogger::Line& line : log.lines()) {
@@ -81,7 +81,7 @@ protected:
         return names;
     }
 
-    /// A record of changes, of `blocks` and no others.
+    /// Writes a bitmap of changes with exactly `blocks` set.
     void recordChanges(const std::vector<std::uint32_t>& blocks) {
         test::CowImage cow;
         cow.table.resize(test::ExtVolume::blockCount);
@@ -127,6 +127,7 @@ TEST_F(CopyVolumeTest, EveryUsedBlockIsCopiedAndNoOther) {
     EXPECT_FALSE(target->diffMerge);
 }
 
+/// The log must show each step of the copy, in order.
 TEST_F(CopyVolumeTest, SaysWhatItDoesInOrder) {
     run();
     const auto phaseLines = [](const std::string& name) {
@@ -201,8 +202,8 @@ TEST_F(CopyVolumeTest, NewVolumeIsAddedToTheDatabase) {
     EXPECT_TRUE(log.has(debug, "Adding db entry of volume the-volume (/mnt)"));
 }
 
-/// A copy of everything is made because the image is in doubt, or to a new one. If it ends half-way, the head
-/// of the image may be the one that the old checksum vouches for while the rest isn't.
+/// A full copy is made because the image is in doubt, or of a new image. If it fails half-way, the start of
+/// the image may match the old checksum while the rest is wrong.
 TEST_F(CopyVolumeTest, FullCopyWithdrawsTheChecksumBeforeItBegins) {
     database.provider.setVolumeChecksum(uuid, 7, db::ChecksumType::libcrc32c);
     run(FULL);
@@ -272,7 +273,7 @@ TEST_F(CopyVolumeTest, UnknownFileSystemFails) {
     test::writeFile(source.snapshotPath, std::string(source.image.size(), 'x'));
     EXPECT_EQ(messageOf<std::runtime_error>([&] { run(); }), "File system not recognized for the-volume");
     EXPECT_THAT(phases(), ElementsAre("Open Volume I/O phase."));
-    EXPECT_THAT(database.provider.getVolumeUUIDs(), ElementsAre(uuid)); // it is known from the opening on
+    EXPECT_THAT(database.provider.getVolumeUUIDs(), ElementsAre(uuid)); // known since the volume was opened
     expectUntouchedTarget();
 }
 
@@ -288,9 +289,9 @@ TEST_F(CopyVolumeTest, BlocksOfNothingAreRefused) {
     expectUntouchedTarget();
 }
 
-// Something else is mounted over the volume, and its blocks are taken for the volume's, or the kernel shows
-// others than the file system has. They would be at the wrong places, and the last of them may be no whole
-// one.
+// Either something else is mounted over the volume and its blocks are taken for the volume's, or the kernel
+// reports another block size than the file system has. Blocks would be copied to the wrong places, and the
+// last one might be incomplete.
 class OtherBlockSizeTest : public CopyVolumeTest, public testing::WithParamInterface<std::uint32_t> {};
 
 INSTANTIATE_TEST_SUITE_P(Sizes, OtherBlockSizeTest, testing::Values(512U, 1024U, 8192U, 131'072U, 0x280000U));
@@ -384,7 +385,7 @@ TEST_F(CopyVolumeTest, HolesOfAnIncrementalBackupAreAllUnusedBlocks) {
     EXPECT_EQ(source.equalBlocks(target->image), source.used);
 }
 
-/// The bitmap of NTFS is read in whole clusters, so it goes on behind the volume.
+/// NTFS's bitmap covers whole clusters, so it extends past the volume.
 TEST_F(CopyVolumeTest, HolesOfAVolumeLeaveItsNeighbourInTheImageAlone) {
     test::NtfsImage ntfs({.clusterCount = 4000});
     const std::size_t size = ntfs.volume.size;
@@ -405,7 +406,7 @@ TEST_F(CopyVolumeTest, HolesOfAVolumeLeaveItsNeighbourInTheImageAlone) {
 }
 
 TEST_F(CopyVolumeTest, BootSectorIsChangedAfterTheBlocksAreCopied) {
-    source.description.fileSystem = "NTFS"; // as the volume is described; its blocks are found all the same
+    source.description.fileSystem = "NTFS"; // only the description says NTFS
     run();
     EXPECT_EQ(target->image[24], 63);
     EXPECT_EQ(target->image[25], 0);
@@ -421,7 +422,7 @@ TEST_F(CopyVolumeTest, BootSectorWithLargeSectorsIsCopiedAsItIs) {
 }
 
 TEST_F(CopyVolumeTest, CancelEndsTheCopyBetweenItsChunks) {
-    cancel = test::CountedCancel(4 + 2); // before each of the phases up to the copy, and of two chunks
+    cancel = test::CountedCancel(4 + 2); // one check before each phase up to the copy, then two chunks
     EXPECT_THROW(run(), CancelableOperation::cancel_op);
     EXPECT_EQ(target->written.size(), 2U);
     EXPECT_EQ(volumeStatus().state, VOLUME_ACTIVE);
@@ -471,7 +472,7 @@ TEST_F(CopyVolumeTest, SnapshotThatHasNotLastedFailsACopyWithoutAnError) {
     EXPECT_EQ(database.storedChecksum(uuid), 0U);
 }
 
-/// A full store of preserved blocks shows as reads that fail; the log says what lies behind them.
+/// When the store of preserved blocks is full, reads fail; the log states the actual cause.
 TEST_F(CopyVolumeTest, SnapshotThatHasNotLastedIsNamedWhenReadingFails) {
     snapshot.check = [] { return ENOSPC; };
     test::writeFile(source.snapshotPath, std::string(source.image.size(), 'x'));

@@ -25,7 +25,7 @@ using Line = test::RecordingLogger::Line;
 
 constexpr int level3 = info::level::info;
 
-/// A real database that can't tell anything about some volume.
+/// A real database that fails when it is asked whether it has one certain volume.
 class DoubtfulDatabase : public db::DataProvider {
 public:
     using DataProvider::DataProvider;
@@ -111,7 +111,7 @@ TEST_F(ValidateLocalTargetsTest, VolumeThatTheDatabaseFailsForIsComparedAndTheOt
     database.doubtful = "a";
     phase.execute();
     EXPECT_EQ(attributes.getBackupType("a"), DIFFERENTIAL_MERGE);
-    EXPECT_EQ(attributes.getBackupType("b"), DIFFERENTIAL_MERGE); // as asked for
+    EXPECT_EQ(attributes.getBackupType("b"), DIFFERENTIAL_MERGE); // as requested
     EXPECT_EQ(attributes.getBackupType("c"), FULL);
     EXPECT_THAT(log.lines(),
                 ElementsAre(Line{debug, "database is locked"},
@@ -135,7 +135,7 @@ TEST_F(ValidateLocalTargetsTest, NoVolumesAreAnError) {
 TEST_F(ValidateLocalTargetsTest, VolumeWhoseDeviceIsGoneIsRefused) {
     info::VolumeDescription gone = mounted("a");
     gone.device = directory / "gone";
-    gone.mounted = false; // which is not asked any more
+    gone.mounted = false; // no longer checked then
     add(gone);
     EXPECT_EQ(failure(), "Cannot backup an inaccessible device!");
     EXPECT_THAT(log.lines(), ElementsAre(Line{error, "Volume a (/mnt/a) is inaccessible!"}));

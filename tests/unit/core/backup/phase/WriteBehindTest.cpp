@@ -37,7 +37,7 @@ Chunk chunkAt(std::int64_t offset) {
     return {offset, nullptr, 1};
 }
 
-/// Takes chunks, each when it is let.
+/// Takes chunks, each when the test lets it.
 class Gate {
 public:
     void pass(const Chunk& chunk) {
@@ -52,7 +52,7 @@ public:
     std::atomic<int> come = 0;
     std::atomic<int> let = 1000;
     std::int64_t failing = -1;
-    Offsets passed; ///< to be looked at when all is settled
+    Offsets passed; ///< read it only when nothing is being written
 };
 
 class WriteBehindTest : public testing::Test {
@@ -125,11 +125,11 @@ TEST_F(WriteBehindTest, SignalsOfTheProcessAreLeftToOthers) {
     EXPECT_EQ(sigismember(&of, SIGALRM), 0);
 }
 
-// --- a copy that reads meanwhile
+// --- a copy that reads while it writes
 
 constexpr std::uint32_t blockSize = 512;
 
-/// Counts its reads, and logs each at a level.
+/// Counts its reads and logs each at the given level.
 class LoggedVolume : public test::MemoryVolume {
 public:
     LoggedVolume(info::Logger& logger, int level)
@@ -148,7 +148,7 @@ private:
     int level;
 };
 
-/// Waits in each write for the read of the next chunk, for at most as long as `patience`.
+/// Each write waits until the next chunk has been read, but at most for `patience`.
 class WaitingTransport : public test::FakeTransport {
 public:
     WaitingTransport(info::Logger& logger, LoggedVolume& volume)

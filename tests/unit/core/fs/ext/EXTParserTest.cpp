@@ -30,7 +30,7 @@ class EXTParserTest : public testing::Test {
 protected:
     void make(Geometry geometry) { image = std::make_unique<ExtImage>(geometry); }
 
-    /// What the parser says of the image from `startBlock` on. Recognises the volume anew.
+    /// The parser's result for the image from `startBlock` on. Each call uses a new parser.
     std::int64_t parse(std::uint64_t startBlock = 0, std::size_t bytes = 65536) {
         EXTParser parser(record.logger, image->volume, 512);
         EXPECT_TRUE(parser.recognize());
@@ -39,7 +39,7 @@ protected:
         return parser.getBitmapChunk(startBlock, buffer.data(), buffer.size());
     }
 
-    /// The blocks that are set in the buffer, counted from `startBlock`.
+    /// The blocks whose bits are set in the buffer. The first bit is that of `startBlock`.
     [[nodiscard]] Blocks used(std::uint64_t startBlock = 0) const {
         Blocks blocks;
         for (std::uint64_t bit = 0; bit < buffer.size() * 8; ++bit) {
@@ -101,7 +101,7 @@ TEST_F(EXTParserTest, BlocksOf4KiBHaveTheTableAtTheSecondBlock) {
     EXPECT_EQ(image->volume.requests.front().offset, 4096U);
 }
 
-// Block 0 is before the first group: no bitmap tells of it, and a boot loader may live there.
+// Block 0 is before the first group: no bitmap covers it, and it may contain a boot loader.
 TEST_F(EXTParserTest, BlocksOf1KiBHaveTheTableAtByte2048AndABootBlock) {
     make({.logBlockSize = 0, .blocksPerGroup = 8192, .blockCount = 20'000});
     image->use(1);
@@ -118,7 +118,7 @@ TEST_F(EXTParserTest, BlocksOf1KiBHaveTheTableAtByte2048AndABootBlock) {
 TEST_F(EXTParserTest, ShortLastGroupEndsWithTheVolume) {
     make({.blockCount = 32768 + 5});
     std::ranges::for_each(std::vector{32768U, 32772U}, [this](std::uint32_t block) { image->use(block); });
-    image->volume.at(image->blockSize * 3 + 0) |= 0xe0; // padding behind the volume's end
+    image->volume.at(image->blockSize * 3 + 0) |= 0xe0; // padding after the volume's end
     EXPECT_EQ(parse(), 32773);
     EXPECT_EQ(used(), (Blocks{32768, 32772}));
     EXPECT_EQ(parse(32770), 3);
@@ -130,7 +130,7 @@ TEST_F(EXTParserTest, NothingIsLeftAtTheEnd) {
     EXPECT_EQ(parse(100'000), 0);
     EXPECT_EQ(used(), Blocks{});
     EXPECT_TRUE(record.lines().empty());
-    make({.blockCount = 65536}); // ends with a whole group
+    make({.blockCount = 65536}); // the last group is complete
     EXPECT_EQ(parse(65536), 0);
 }
 
@@ -155,7 +155,7 @@ TEST_F(EXTParserTest, NullBufferFails) {
 
 TEST_F(EXTParserTest, BufferThatIsTooSmallFailsTheCall) {
     make({});
-    EXPECT_EQ(parse(0, 12'500), 100'000); // exactly enough
+    EXPECT_EQ(parse(0, 12'500), 100'000); // exactly large enough
     EXPECT_EQ(parse(0, 12'499), -1);
     EXPECT_EQ(record.lines(), (Lines{{info::level::error, logicalError}}));
     EXPECT_EQ(parse(8, 12'499), 99'992);
@@ -163,7 +163,7 @@ TEST_F(EXTParserTest, BufferThatIsTooSmallFailsTheCall) {
     EXPECT_EQ(parse(100'000, 0), 0);
 }
 
-// Of the four groups of 32768 blocks, the second and the fourth have a super block and descriptors, too.
+// Of the four groups of 32768 blocks, the second and the fourth also have a superblock and descriptors.
 TEST_F(EXTParserTest, UninitializedGroupHasItsStructuresAndNothingElse) {
     make({});
     for (const std::uint32_t block : {0U, 40'000U, 70'000U}) {
@@ -176,14 +176,14 @@ TEST_F(EXTParserTest, UninitializedGroupHasItsStructuresAndNothingElse) {
     image->setUninitialized(3);
     EXPECT_EQ(parse(), 100'000);
     EXPECT_EQ(used(), (Blocks{0, 32768, 32769, 98'304, 98'305}));
-    image->setUninitialized(0); // its bitmap is the third block
+    image->setUninitialized(0); // its bitmap is in the third block
     EXPECT_EQ(parse(), 100'000);
     EXPECT_EQ(used(), (Blocks{0, 1, 2, 32768, 32769, 98'304, 98'305}));
     EXPECT_EQ(parse(32769), 67'231);
     EXPECT_EQ(used(32769), (Blocks{32769, 98'304, 98'305}));
 }
 
-// The bitmap is read where nothing says that flags mean something.
+// Unless a feature says that the flags are valid, the bitmap is read.
 TEST_F(EXTParserTest, FlagOfAGroupCountsWithChecksumsOnly) {
     for (const std::uint32_t features : {0x1U, 0x10U, 0x400U, 0x410U}) {
         make({});
@@ -193,25 +193,27 @@ TEST_F(EXTParserTest, FlagOfAGroupCountsWithChecksumsOnly) {
         EXPECT_EQ(parse(), 100'000);
         EXPECT_EQ(used(), (features == 1 ? Blocks{70'000} : Blocks{65'536, 65'537})) << features;
         if (features != 1) {
-            setSuperBlock(100, features | 1U); // super blocks in some groups only: not in this one
+            setSuperBlock(100, features | 1U); // superblocks in some groups only, not in this one
             EXPECT_EQ(parse(), 100'000);
             EXPECT_EQ(used(), Blocks{});
         }
     }
 }
 
-/// The groups of 256 blocks of 1 KiB with a super block, if no bitmap was ever written.
+/// No group has an initialized bitmap, so only the groups with a superblock have used blocks. Groups have 256
+/// blocks of 1 KiB.
 class EXTBackupsTest : public EXTParserTest {
 protected:
     void SetUp() override {
         make({.logBlockSize = 0, .blocksPerGroup = 256, .blockCount = 1 + 256 * 60});
         for (std::uint32_t group = 0; group < image->groups; ++group) {
             image->setUninitialized(group);
-            image->placeBitmap(group, 40'000); // nowhere near
+            image->placeBitmap(group, 40'000); // far outside of the group
         }
     }
 
-    /// Groups whose first blocks are used; checks that they are as many as expected.
+    /// The groups whose first block is used. Expects that each starts with `blocks` used blocks and has no
+    /// others.
     Blocks groupsWithHeads(std::uint64_t blocks) {
         EXPECT_EQ(parse(), 1 + 256 * 60);
         Blocks groups;
@@ -232,7 +234,7 @@ protected:
 };
 
 TEST_F(EXTBackupsTest, StandInPowersOfThreeFiveAndSeven) {
-    EXPECT_EQ(groupsWithHeads(3), sparse); // of 60 descriptors, 32 fit in a block
+    EXPECT_EQ(groupsWithHeads(3), sparse); // 32 of the 60 descriptors fit in one block
 }
 
 TEST_F(EXTBackupsTest, StandInEachGroupWithoutTheFeature) {
@@ -254,7 +256,7 @@ TEST_F(EXTBackupsTest, HaveRoomForMoreDescriptorsBehindThem) {
     setSuperBlock(206, 100, 2);
     EXPECT_EQ(groupsWithHeads(103), sparse);
     setSuperBlock(206, 65535, 2);
-    EXPECT_EQ(groupsWithHeads(256), sparse); // a group has no more
+    EXPECT_EQ(groupsWithHeads(256), sparse); // limited to the blocks of a group
 }
 
 TEST_F(EXTBackupsTest, HaveDescriptorsUpToTheFirstMetaGroup) {
@@ -263,7 +265,7 @@ TEST_F(EXTBackupsTest, HaveDescriptorsUpToTheFirstMetaGroup) {
     EXPECT_EQ(groupsWithHeads(3), sparse);
 }
 
-// One block of descriptors, with copies in the second and the last group that it describes.
+// A meta group has one block of descriptors, with copies in its second and its last group.
 TEST_F(EXTBackupsTest, OfAMetaGroupStandInThreeGroups) {
     setSuperBlock(96, 0x10);
     setSuperBlock(4, 1 + 256UL * 32);
@@ -286,7 +288,7 @@ TEST_F(EXTParserTest, InodesOfAnUninitializedGroupAreUsedWhereTheyLieInIt) {
         EXPECT_EQ(used(), (Blocks{65'540, 65'550, 65'560, 65'561, 65'562}));
         EXPECT_EQ(parse(65'550), 34'450);
         EXPECT_EQ(used(65'550), (Blocks{65'550, 65'560, 65'561, 65'562}));
-        image->placeInodes(2, 5, 98'303, 3); // with flexible groups they may lie anywhere
+        image->placeInodes(2, 5, 98'303, 3); // with flexible block groups they may be in any group
         EXPECT_EQ(parse(), 100'000);
         EXPECT_EQ(used(), (Blocks{65'540, 98'303}));
         image->placeInodes(2, 98'304, 65'530, 7);
@@ -297,7 +299,7 @@ TEST_F(EXTParserTest, InodesOfAnUninitializedGroupAreUsedWhereTheyLieInIt) {
         image->placeBitmap(2, 3);
         EXPECT_EQ(parse(), 100'000);
         EXPECT_EQ(used().size(), 32'768U);
-        setSuperBlock(76, 0); // the first revision has inodes of 128 bytes
+        setSuperBlock(76, 0); // inodes of the first revision have 128 bytes
         setSuperBlock(40, 33);
         EXPECT_EQ(parse(), 100'000);
         EXPECT_EQ(used(), Blocks{});
@@ -324,7 +326,7 @@ TEST_F(EXTParserTest, DescriptorsAreAsLargeAsThe64BitFeatureSays) {
         EXPECT_EQ(used(), (Blocks{1, 33'000, 99'998})) << size;
     }
     make({});
-    setSuperBlock(254, 64, 2); // counts with the feature only
+    setSuperBlock(254, 64, 2); // valid only with the 64-bit feature
     image->use(33'000);
     EXPECT_EQ(parse(), 100'000);
     EXPECT_EQ(used(), (Blocks{33'000}));
@@ -333,7 +335,7 @@ TEST_F(EXTParserTest, DescriptorsAreAsLargeAsThe64BitFeatureSays) {
 TEST_F(EXTParserTest, BitmapsSideBySideAreReadAtOnce) {
     make({});
     EXPECT_EQ(parse(), 100'000);
-    EXPECT_EQ(image->volume.requests.size(), 2U); // the table, and all four bitmaps
+    EXPECT_EQ(image->volume.requests.size(), 2U); // the descriptor table, and all four bitmaps
     image->setUninitialized(1);
     EXPECT_EQ(parse(), 100'000);
     EXPECT_EQ(image->volume.requests.size(), 3U);
@@ -366,11 +368,11 @@ TEST_F(EXTParserTest, UnreadableTableFails) {
 
 TEST_F(EXTParserTest, UnreadableBitmapFails) {
     make({});
-    image->volume.failReads(std::uint64_t{4096} * 4, std::uint64_t{4096} * 4 + 1); // of the third group
+    image->volume.failReads(std::uint64_t{4096} * 4, std::uint64_t{4096} * 4 + 1); // the third group's bitmap
     EXPECT_EQ(parse(), -1);
     EXPECT_EQ(record.lines()[1], (test::RecordingLogger::Line{info::level::error, "Can't read bitmap"}));
     EXPECT_TRUE(record.has(info::level::error, logicalError));
-    EXPECT_EQ(parse(98'304), 1696); // the last group alone is well
+    EXPECT_EQ(parse(98'304), 1696); // reading only the last group works
 }
 
 TEST_F(EXTParserTest, BitmapOutsideOfTheFileSystemFails) {
@@ -383,12 +385,14 @@ TEST_F(EXTParserTest, BitmapOutsideOfTheFileSystemFails) {
     }
     make({});
     image->placeBitmap(2, 90'000);
-    image->volume.size = 90'000UL * 4096 + 4095; // a device that is smaller than its file system
+    image->volume.size = 90'000UL * 4096 + 4095; // the device is smaller than its file system
     EXPECT_EQ(parse(), -1);
     image->volume.size += 1;
     EXPECT_EQ(parse(), 100'000);
 }
 
+// These numbers would lead to divisions by zero, shifts by too many bits, or a bitmap that isn't where it is
+// read.
 TEST_F(EXTParserTest, ImpossibleSuperBlocksAreRefused) {
     make({});
     setSuperBlock(24, 7);
@@ -439,7 +443,7 @@ TEST_F(EXTParserTest, TellsTheSizeOfItsBlocks) {
     }
 }
 
-// Blocks that are in use by the journal may still be free by the bitmaps.
+// The bitmaps may show blocks as free that the unreplayed journal uses.
 TEST_F(EXTParserTest, JournalThatNeedsRecoveryIsRefused) {
     make({});
     setSuperBlock(96, 0x4);
@@ -451,11 +455,11 @@ TEST_F(EXTParserTest, JournalThatNeedsRecoveryIsRefused) {
 TEST_F(EXTParserTest, FeaturesThatLeaveTheBitmapsAloneAreRead) {
     for (unsigned bit = 0; bit < 32; ++bit) {
         make({});
-        setSuperBlock(92, 1U << bit); // any of those that a writer may ignore
+        setSuperBlock(92, 1U << bit); // a compatible feature, which even a writer may ignore
         EXPECT_EQ(parse(), 100'000) << bit;
     }
     make({.descriptorSize = 64});
-    setSuperBlock(96, 0x3e7d2); // all others have tests of their own
+    setSuperBlock(96, 0x3e7d2); // all others have their own tests
     setSuperBlock(100, 0x1b57f);
     EXPECT_EQ(parse(), 100'000);
     EXPECT_TRUE(record.lines().empty());
@@ -467,6 +471,8 @@ std::string hexOf(std::uint32_t number) {
     return text.str();
 }
 
+// An unknown feature may change what the bitmaps mean. Its name tells the administrator why the volume is
+// copied whole.
 TEST_F(EXTParserTest, FeaturesThatAreNotKnownAreRefusedByName) {
     const auto refusedFor = [this](std::uint64_t offset, std::uint32_t features, const std::string& names) {
         make({});
@@ -509,14 +515,15 @@ TEST_F(EXTParserTest, EmptyFileSystemHasNoBlocks) {
     EXPECT_EQ(parse(), 0);
 }
 
-// A bit stands for a cluster there. Read as blocks, most of what is used would be left out.
+// With this feature a bit stands for a cluster of blocks. Read as bits of blocks, most used blocks would be
+// missed.
 TEST_F(EXTParserTest, BitmapsOfClustersAreRefused) {
     make({});
     setSuperBlock(100, 0x200);
     expectRefused("EXT bitmaps of clusters are not supported");
 }
 
-// What stands behind the first block of descriptors is not descriptors there.
+// With meta groups, what follows the first block of descriptors isn't descriptors.
 TEST_F(EXTParserTest, DescriptorsInMetaGroupsAreRefused) {
     make({.logBlockSize = 0, .blocksPerGroup = 8192, .blockCount = 8192 * 33});
     EXPECT_EQ(parse(), 8192 * 33);
@@ -524,7 +531,7 @@ TEST_F(EXTParserTest, DescriptorsInMetaGroupsAreRefused) {
     expectRefused("EXT descriptors in meta groups are not supported");
     setSuperBlock(260, 1);
     expectRefused("EXT descriptors in meta groups are not supported");
-    setSuperBlock(260, 2); // a table of two blocks that stands where it always does
+    setSuperBlock(260, 2); // the table of two blocks is still in its usual place
     EXPECT_EQ(parse(), 8192 * 33);
     setSuperBlock(260, 0);
     setSuperBlock(4, 8192UL * 32); // a table of one block
@@ -539,19 +546,20 @@ TEST_F(EXTParserTest, HighHalfOfTheCountIsNotRead) {
     EXPECT_EQ(used(), (Blocks{50}));
 }
 
-// As the block number would be of another block, whose bits mean nothing.
+// Otherwise the bitmap would be read from another block, whose bits mean nothing.
 TEST_F(EXTParserTest, HighHalfOfABitmapsBlockIsNotUsed) {
     make({.descriptorSize = 64});
     image->use(50);
     image->volume.writeLittle(image->descriptor(0) + 32, 1, 4);
     EXPECT_EQ(parse(), 100'000);
     EXPECT_EQ(used(), (Blocks{50}));
-    setSuperBlock(336, 1); // now it can be meant
+    setSuperBlock(336, 1); // the file system now has that many blocks
     EXPECT_EQ(parse(), -1);
     EXPECT_TRUE(record.has(info::level::error, "Can't read bitmap"));
 }
 
-/// Whether a block, counted from its group's first one, is a structure of a group without a bitmap.
+/// Whether a block, counted from the start of its group, belongs to the structures of a group without a
+/// bitmap.
 bool isStructure(ExtImage& image, std::uint64_t group, std::uint64_t bit, std::uint64_t map) {
     const Blocks withBackups{0, 1, 3, 5, 7, 9, 25, 27};
     const std::uint64_t tableBlocks =
@@ -560,7 +568,7 @@ bool isStructure(ExtImage& image, std::uint64_t group, std::uint64_t bit, std::u
            image.firstDataBlock + image.geometry.blocksPerGroup * group + bit == map;
 }
 
-/// The map one bit at a time, straight from the structures.
+/// Reference implementation: computes the bitmap one bit at a time, straight from the structures.
 std::int64_t plainMap(ExtImage& image, std::uint64_t startBlock, std::vector<std::uint8_t>& buffer) {
     const std::uint64_t perGroup = image.geometry.blocksPerGroup;
     const std::uint64_t first = image.firstDataBlock;
@@ -592,6 +600,7 @@ std::int64_t plainMap(ExtImage& image, std::uint64_t startBlock, std::vector<std
     return result;
 }
 
+// Small images with random geometry. Some bitmaps are moved, and some groups are uninitialized.
 std::unique_ptr<ExtImage> randomImage(std::mt19937& random) {
     const auto logBlockSize = static_cast<std::uint32_t>(random() % 3);
     const auto perGroup = 256 + static_cast<std::uint32_t>(random() % 1000);

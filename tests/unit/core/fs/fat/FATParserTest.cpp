@@ -29,7 +29,7 @@ class FATParserTest : public testing::Test {
 protected:
     void make(Geometry geometry) { image = std::make_unique<FatImage>(geometry); }
 
-    /// What the parser says of the image from `startBlock` on. Recognises the volume anew.
+    /// The parser's result for the image from `startBlock` on. Each call uses a new parser.
     std::int64_t parse(std::uint64_t startBlock = 0, std::size_t bytes = 4096) {
         FATParser parser(record.logger, image->volume, 512);
         EXPECT_TRUE(parser.recognize());
@@ -38,7 +38,7 @@ protected:
         return parser.getBitmapChunk(startBlock, buffer.data(), buffer.size());
     }
 
-    /// The blocks that are set in the buffer, counted from `startBlock`.
+    /// The blocks whose bits are set in the buffer. The first bit is that of `startBlock`.
     [[nodiscard]] Blocks used(std::uint64_t startBlock = 0) const {
         Blocks blocks;
         for (std::uint64_t bit = 0; bit < buffer.size() * 8; ++bit) {
@@ -49,7 +49,7 @@ protected:
         return blocks;
     }
 
-    /// Those in front of a block, and some others.
+    /// All blocks before `end`, and `others`.
     static Blocks before(std::uint64_t end, Blocks others) {
         for (std::uint64_t block = 0; block < end; ++block) {
             others.insert(block);
@@ -65,7 +65,7 @@ protected:
         EXPECT_TRUE(image->volume.requests.empty()) << "something was read";
     }
 
-    /// Of a good volume, with another number in its boot sector.
+    /// Expects that a valid volume with one changed number in its boot sector is refused.
     void expectRefusedWith(std::uint64_t offset, std::uint64_t value, unsigned width,
                            const std::string& reason) {
         make({});
@@ -102,7 +102,7 @@ TEST_F(FATParserTest, NarrowEntriesAreRefusedByName) {
     }
 }
 
-// A volume of another kind may have such letters in the code of its boot loader.
+// On a volume of another file system, boot loader code may contain these letters.
 TEST_F(FATParserTest, OtherKindsAreTriedAfterAVolumeThatCallsItselfFAT16) {
     make({});
     image->writeType(54, "FAT16");
@@ -128,7 +128,7 @@ TEST_F(FATParserTest, UnreadableBootSectorIsNotRecognised) {
     EXPECT_TRUE(parser.recognize());
 }
 
-// 72 sectors of 512 bytes, of which clusters have two.
+// 72 sectors of 512 bytes; a cluster has two sectors.
 TEST_F(FATParserTest, ReservedSectorsAndFATsAreUsed) {
     make({});
     EXPECT_EQ(parse(), 2000);
@@ -165,7 +165,7 @@ TEST_F(FATParserTest, TopFourBitsOfAnEntryMeanNothing) {
     EXPECT_EQ(used(), before(36, {36 + 100}));
 }
 
-// The data begins in the middle of block 36.
+// The data area begins in the middle of block 36.
 TEST_F(FATParserTest, StraddlingBlockIsUsedIfEitherClusterIs) {
     make({.reservedSectors = 33});
     image->setEntry(100, FatImage::endOfChain); // in blocks 134 and 135
@@ -288,13 +288,13 @@ TEST_F(FATParserTest, FATsThatDontFitOnTheVolumeAreRefused) {
     expectRefusedWith(32, 73, 4, "The FATs don't fit on the volume");
     expectRefusedWith(36, 0xFFFFFFFF, 4, "The FATs don't fit on the volume");
     image->volume.writeLittle(36, 20, 4);
-    image->volume.writeLittle(32, 74, 4); // one cluster
+    image->volume.writeLittle(32, 74, 4); // a single cluster
     EXPECT_EQ(parse(), 37);
 }
 
 TEST_F(FATParserTest, FATThatIsTooShortIsRefused) {
     make({.sectorsPerFat = 16, .totalSectors = 64 + 2 * 2046});
-    ASSERT_EQ(image->clusters, 2046U); // with the two that stand for none, 16 sectors
+    ASSERT_EQ(image->clusters, 2046U); // with the two reserved entries, 16 sectors
     EXPECT_GT(parse(), 0);
     image->volume.writeLittle(32, 64 + 2 * 2047, 4);
     expectRefused("The FAT is too short for all clusters");
@@ -304,17 +304,17 @@ TEST_F(FATParserTest, FATThatIsTooShortIsRefused) {
 TEST_F(FATParserTest, MoreClustersThanNumbersAreRefused) {
     make({.bytesPerSector = 512, .sectorsPerCluster = 1, .sectorsPerFat = 1U << 21U});
     image->volume.writeLittle(32, 32 + (2U << 21U) + 0x0FFFFFF5U, 4);
-    EXPECT_GT(parse(), 0); // the last cluster has the number in front of that of bad ones
+    EXPECT_GT(parse(), 0); // the last cluster's number is just below the value for bad clusters
     image->volume.writeLittle(32, 32 + (2U << 21U) + 0x0FFFFFF6U, 4);
     expectRefused("The FAT clusters are too many for their numbers");
 }
 
-// Such a volume has FAT16 with a few letters changed: read as words, its entries say nothing.
+// Such a volume is FAT16 with a few letters changed; its entries make no sense as 32-bit words.
 TEST_F(FATParserTest, NarrowEntriesUnderTheNameOfFAT32AreRefused) {
     expectRefusedWith(22, 20, 2, "The FAT has entries of 12 or 16 bits, though it is called FAT32");
 }
 
-// Drivers look for clusters behind it, which moves them all.
+// File system drivers look for the clusters after this directory, which shifts them all.
 TEST_F(FATParserTest, RootDirectoryInFrontOfTheClustersIsRefused) {
     expectRefusedWith(17, 512, 2, "A FAT32 root directory in front of the clusters is not supported");
 }
@@ -328,14 +328,14 @@ TEST_F(FATParserTest, FirstFATHasToBeTheOneInUse) {
     for (const std::uint64_t fat : {1U, 2U, 15U}) {
         expectRefusedWith(40, 0x80 | fat, 2, "The first FAT is not the one in use, so it may be out of date");
     }
-    for (const std::uint64_t flags : {0x80U, 0x01U, 0xFF70U}) { // it alone; all of them; bits of no meaning
+    for (const std::uint64_t flags : {0x80U, 0x01U, 0xFF70U}) { // FAT 0 only; all; undefined bits
         make({});
         image->volume.writeLittle(40, flags, 2);
         EXPECT_EQ(parse(), 2000) << flags;
     }
 }
 
-// A boot sector outlives what it belongs to, where another file system begins behind it.
+// A boot sector may outlive its file system if another one begins after it.
 TEST_F(FATParserTest, FATThatDoesntBeginAsOneIsRefused) {
     const std::string reason = "The FAT doesn't begin as one does, so the boot sector may be a left-over";
     for (const std::uint32_t entry : {0U, 0xFFFFFFFFU >> 8U, 0x0FFFFEF8U, 0x07FFFFF8U}) {
@@ -354,7 +354,7 @@ TEST_F(FATParserTest, FATThatDoesntBeginAsOneIsRefused) {
     }
 }
 
-/// 2 TiB of clusters of 32 KiB, the FATs of which have 256 MiB each.
+/// 2 TiB of clusters of 32 KiB; each FAT has 256 MiB.
 Geometry largeGeometry(std::uint16_t reservedSectors) {
     return {.sectorsPerCluster = 64,
             .reservedSectors = reservedSectors,
@@ -365,7 +365,7 @@ Geometry largeGeometry(std::uint16_t reservedSectors) {
 TEST_F(FATParserTest, LargestVolumeIsReadInPieces) {
     for (const std::uint16_t reserved : std::vector<std::uint16_t>{64, 65}) {
         make(largeGeometry(reserved));
-        const std::uint64_t first = (1U << 20U) / 64 + 1; // block of the data
+        const std::uint64_t first = (1U << 20U) / 64 + 1; // the first block of the data area
         const std::uint64_t more = reserved - 64U;
         for (const std::uint64_t cluster : {0UL, 262'141UL, 262'142UL, 262'143UL, image->clusters - 1}) {
             image->setEntry(cluster + 2, FatImage::endOfChain);
@@ -384,7 +384,7 @@ TEST_F(FATParserTest, LargestVolumeIsReadInPieces) {
     }
 }
 
-/// Whether any byte of a block is metadata, or of a cluster that is in use.
+/// Whether any byte of a block is metadata or belongs to a used cluster.
 bool isUsed(FatImage& image, const std::vector<std::uint32_t>& entries, std::uint64_t block) {
     const std::uint64_t end = std::min((block + 1) * image.clusterBytes, image.bytes);
     for (std::uint64_t byte = block * image.clusterBytes; byte < end; byte += image.geometry.bytesPerSector) {
@@ -434,8 +434,8 @@ std::vector<std::uint32_t> fillFAT(FatImage& image, std::mt19937& random) {
     return entries;
 }
 
-/// The map that has no free block too few, and none too many. Only of a last block in which no cluster ends
-/// may it say either: where the FAT is full, what stands behind it is taken for its entry.
+/// Compares the bitmap with a reference. If no cluster ends in the last block, that block may be reported
+/// either way: when the FAT is full, the parser takes the bytes after it for the block's entry.
 class FATMapTest : public FATParserTest {
 protected:
     void makeRandom() {

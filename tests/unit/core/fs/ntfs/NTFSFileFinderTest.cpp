@@ -29,7 +29,7 @@ constexpr std::uint64_t file = 30;
 constexpr std::uint64_t otherFile = 31;
 constexpr std::uint32_t blockSize = 4096;
 
-/// What a call has to say when it fails; empty if it doesn't.
+/// The message of the exception that `call` throws; empty if it throws none.
 std::string errorOf(const std::function<void()>& call) {
     try {
         call();
@@ -68,13 +68,13 @@ protected:
         return findNTFSFile(record.logger, image->volume, image->geometry.bytesPerSector, path);
     }
 
-    /// A root with one block, behind all of the root's own names.
+    /// Adds an index block to the root directory, as the child of its end entry.
     void setRootBlock(const Content& block) {
         image->setDirectory(root, {{u"b", otherFile, 0}}, 0, {{3000, 1}});
         image->volume.write(3000UL * image->clusterBytes, block);
     }
 
-    /// The root is a directory with this node in its record.
+    /// Makes the root a directory with this node in its index root.
     void setRootNode(const Content& node, std::uint32_t size = blockSize) {
         image->setRecord(root, {NtfsDirectoryImage::indexRootOf(node, size)});
     }
@@ -136,7 +136,7 @@ TEST_F(NTFSFileFinderTest, PathIsUtf8) {
     EXPECT_EQ(error("\xc4rger"), "A part of the path is not UTF-8: \xc4rger");
 }
 
-// The daemon has no language, and what other threads have is their own.
+// The daemon sets no locale, and other threads have their own.
 TEST_F(NTFSFileFinderTest, LanguageOfTheThreadStaysAsItWas) {
     image->setDirectory(root, {{u"a", file}});
     ASSERT_STREQ(std::setlocale(LC_CTYPE, nullptr), "C");
@@ -147,7 +147,7 @@ TEST_F(NTFSFileFinderTest, LanguageOfTheThreadStaysAsItWas) {
     EXPECT_EQ(::uselocale(nullptr), before);
 }
 
-// Only the nodes on the way are read.
+// Only the nodes on the path to the name are read.
 TEST_F(NTFSFileFinderTest, TreeIsDescended) {
     image->setDirectory(root, {{u"h", otherFile, 0}, {u"p", otherFile, 1}}, 2, {{3000, 4}});
     image->setBlock(3000, 0, NtfsDirectoryImage::nodeOf({{u"c", otherFile}}));
@@ -165,7 +165,8 @@ TEST_F(NTFSFileFinderTest, TreeIsDescended) {
     }
 }
 
-// By the volume, which compares capitals, "_" comes behind letters; by the C library it comes before them.
+// The volume compares names in upper case, where "_" sorts after letters. In the C library it sorts before
+// lower case.
 TEST_F(NTFSFileFinderTest, NamesInTheOrderOfTheVolumeAreFound) {
     image->setDirectory(root, {{u"ab", otherFile}, {u"a_b", file}});
     EXPECT_EQ(find("a_b"), runs);
@@ -176,7 +177,7 @@ TEST_F(NTFSFileFinderTest, NamesInTheOrderOfTheVolumeAreFound) {
     EXPECT_EQ(error("a_c"), "Could not find entry for file a_c");
 }
 
-// Where a block is smaller than a cluster, a VCN counts units of 512 bytes.
+// If an index block is smaller than a cluster, VCNs count units of 512 bytes.
 TEST_F(NTFSFileFinderTest, BlocksSmallerThanAClusterAreCountedInSmallUnits) {
     make({.sectorsPerCluster = 128, .clusterCount = 4000});
     image->setDirectory(root, {{u"b", otherFile, 16}}, 128, {{50, 1}, {70, 1}});
@@ -285,7 +286,7 @@ protected:
         setParts(10, 7);
     }
 
-    /// Two parts, the first of which tells how many clusters both have.
+    /// Stores the data attribute in two parts. The first one states how many clusters both have.
     void setParts(std::uint64_t allocated, std::uint64_t secondVcn) {
         image->setRecord(firstPart, {dataOf({{1000, 7}}, 0, allocated)}, file);
         image->setRecord(secondPart, {dataOf({{900, 3}}, secondVcn, 0)}, file);
@@ -298,7 +299,7 @@ protected:
         return data;
     }
 
-    /// The entries of a list for both parts.
+    /// The attribute list's entries for both parts.
     static Content list(std::uint64_t secondVcn) {
         Content bytes(64);
         for (const std::size_t entry : {0UL, 32UL}) {
@@ -354,7 +355,7 @@ TEST_F(NTFSFileInPieces, OtherAttributesOfARecordArePassedOver) {
                      file);
     EXPECT_EQ(find("a"), runs);
     Content value = list(7);
-    value.insert(value.end(), value.begin() + 32, value.end()); // an entry of data with a name
+    value.insert(value.end(), value.begin() + 32, value.end()); // an entry for a named data attribute
     value[64 + 6] = 1;
     setList(value);
     EXPECT_EQ(find("a"), runs);
@@ -371,7 +372,7 @@ TEST_F(NTFSFileInPieces, AllThatIsAllocatedMustBeTold) {
     setParts(11, 7);
     EXPECT_EQ(find("a"), runs);
     EXPECT_EQ(errorOf([this] { blocksOf("a"); }), "not all clusters of the file are told of");
-    image->setRecord(file, {dataOf({{1000, 7}}, 0, 8)}); // and there is no list
+    image->setRecord(file, {dataOf({{1000, 7}}, 0, 8)}); // and without an attribute list
     EXPECT_EQ(errorOf([this] { blocksOf("a"); }), "not all clusters of the file are told of");
 }
 
@@ -409,6 +410,8 @@ TEST_F(NTFSFileInPieces, SizesAreBounded) {
     EXPECT_EQ(error("a"), "NTFS: A file is larger than a file can be.");
 }
 
+// The index of a large, fragmented directory outgrows one record: its root and each part of its allocation
+// are in records of their own.
 TEST_F(NTFSFileInPieces, IndexOfADirectoryMayBeInSeveralRecordsToo) {
     image->setRecord(otherFile, {NtfsDirectoryImage::dataOf({{2000, 1}})});
     Content entries;
@@ -451,7 +454,7 @@ TEST_F(NTFSFileFinderTest, WhatIsNoDirectoryHasNoIndexOfNames) {
     Content index = NtfsDirectoryImage::indexRootOf(NtfsDirectoryImage::nodeOf({{u"x", file}}));
     image->setRecord(directory, {index});
     EXPECT_EQ(find("sub\\x"), runs);
-    index[24] = 0x31; // an index of something else
+    index[24] = 0x31; // not an index of file names
     image->setRecord(directory, {index});
     EXPECT_EQ(error("sub\\x"), text);
     Content clusters = NtfsDirectoryImage::dataOf({{3000, 1}});
@@ -486,20 +489,20 @@ TEST_F(NTFSFileFinderTest, EntriesLieWithinTheirNode) {
     setRootNode(good);
     ASSERT_EQ(find("x"), runs);
     const auto size = static_cast<std::uint16_t>(good.size());
-    expect(0, 0); // the first entry is in the head
+    expect(0, 0); // the first entry is inside the header
     expect(0, 15);
-    expect(0, size); // it is behind the end
+    expect(0, size); // the first entry is past the end
     expect(0, 0xFFFF);
-    expect(4, 15);       // less is used than the head has
-    expect(4, size + 1); // more than there is
-    expect(4, 16);       // nothing but the head
-    expect(4, 40);       // the first entry goes on behind it
+    expect(4, 15);       // less used than the header's size
+    expect(4, size + 1); // more used than there is
+    expect(4, 16);       // only the header
+    expect(4, 40);       // the first entry extends past the end
     expect(6, 0x8000);
-    expect(16 + 8, 15); // an entry that is shorter than its head
+    expect(16 + 8, 15); // an entry shorter than its header
     expect(16 + 8, 81); // without room for a name
     expect(16 + 8, 0xFFFF);
-    expect(16 + 16 + 64, 255); // a name that is longer than its entry
-    expect(16 + 12, 1);        // a child where the name is
+    expect(16 + 16 + 64, 255); // a name longer than its entry
+    expect(16 + 12, 1);        // a child VCN that overlaps the name
 }
 
 TEST_F(NTFSFileFinderTest, NodeHasALastEntry) {
@@ -508,7 +511,7 @@ TEST_F(NTFSFileFinderTest, NodeHasALastEntry) {
     setRootNode(node);
     EXPECT_EQ(error("b"), "Index entry out of bounds in inode for file b");
     node = NtfsDirectoryImage::nodeOf({{u"a", file}});
-    node[16 + 88 + 12] = 3; // with a child, for which there is no room
+    node[16 + 88 + 12] = 3; // flagged as having a child, without room for its VCN
     setRootNode(node);
     EXPECT_EQ(error("b"), "Index entry out of bounds in inode for file b");
 }
@@ -546,7 +549,7 @@ TEST_F(NTFSFileFinderTest, BlockMustBeTheOneThatIsMeant) {
     setRootBlock(good);
     ASSERT_EQ(find("x"), runs);
     for (const std::size_t offset : {0UL, 3UL, 4UL, 6UL, 16UL, 23UL, 40UL, 510UL, 4094UL}) {
-        Content bad = good; // magic, update sequence, VCN, ends of sectors
+        Content bad = good; // in the magic number, update sequence, VCN and ends of sectors
         bad[offset] ^= 1U;
         setRootBlock(bad);
         EXPECT_EQ(error("x"), "Unable to read INDEX ENTRY") << offset;
@@ -563,7 +566,7 @@ TEST_F(NTFSFileFinderTest, BlockMustBeInTheAllocation) {
         EXPECT_EQ(error("x"), "Unable to read INDEX ENTRY") << vcn;
     }
     make({.sectorsPerCluster = 1});
-    image->setDirectory(root, {}, 4, {{3000, 16}}); // in the middle of a block
+    image->setDirectory(root, {}, 4, {{3000, 16}}); // in the middle of an index block
     image->setBlock(3004, 4, NtfsDirectoryImage::nodeOf({{u"x", file}}));
     EXPECT_EQ(error("x"), "Unable to read INDEX ENTRY");
 }
@@ -575,7 +578,7 @@ TEST_F(NTFSFileFinderTest, AllocationIsOnTheVolume) {
     allocation[0] = 0xA0;
     image->setRecord(root, {NtfsDirectoryImage::indexRootOf(NtfsDirectoryImage::nodeOf({}, 1)), allocation});
     image->setBlock(3000, 1, NtfsDirectoryImage::nodeOf({{u"x", file}}));
-    EXPECT_EQ(error("x"), "Unable to read INDEX ENTRY"); // it has a hole
+    EXPECT_EQ(error("x"), "Unable to read INDEX ENTRY"); // the file has a hole
 }
 
 TEST_F(NTFSFileFinderTest, BlockIsReadOnceAtMost) {
@@ -598,7 +601,7 @@ TEST_F(NTFSFileFinderTest, SizesOfAnIndexAreBounded) {
     EXPECT_EQ(error("x"), text);
 
     Content block = NtfsDirectoryImage::blockOf(0, NtfsDirectoryImage::nodeOf({{u"x", file}}));
-    block[24 + 4] = 0xE9; // more than the 4072 bytes behind the head of the block
+    block[24 + 4] = 0xE9; // more than the 4072 bytes after the block's header
     block[24 + 5] = 0x0F;
     setRootBlock(block);
     EXPECT_EQ(error("x"), text);

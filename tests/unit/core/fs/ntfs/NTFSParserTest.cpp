@@ -44,7 +44,7 @@ protected:
         return parser.getBitmapChunk(startBlock, buffer.data(), buffer.size());
     }
 
-    /// The first so many clusters of the buffer that are used, counted from `startBlock`.
+    /// Those of the buffer's first `clusters` clusters that are used. The first bit is that of `startBlock`.
     [[nodiscard]] Clusters used(std::uint64_t clusters, std::uint64_t startBlock = 0) const {
         Clusters found;
         for (std::uint64_t bit = 0; bit < clusters; ++bit) {
@@ -108,7 +108,7 @@ protected:
         }
     }
 
-    /// The bitmap's record has an attribute list, which names a record 20 with the data.
+    /// Gives the bitmap's record an attribute list whose data attribute is in record 20.
     void setListed(const std::vector<NtfsImage::ListEntry>& entries) {
         image->setRecord(NtfsImage::bitmapRecord, {NtfsImage::attributeListOf(entries)});
         image->setRecord(20, {NtfsImage::dataOf(image->bitmap)}, NtfsImage::bitmapRecord);
@@ -166,7 +166,7 @@ TEST_F(NTFSParserTest, MapIsThatOfTheBitmap) {
     }
     EXPECT_EQ(parse(), clusterBits);
     Clusters expected{0, 500, 501, 9999};
-    expected.merge(run(4, 17)); // 16 of the table, 1 of the bitmap
+    expected.merge(run(4, 17)); // 16 of the MFT, 1 of the bitmap
     EXPECT_EQ(used(10'000), expected);
 }
 
@@ -178,7 +178,8 @@ TEST_F(NTFSParserTest, TellsWhatItReads) {
                                                       "Searching for attribute 128"}));
 }
 
-// A bitmap has whole clusters, and the boot sector's backup is behind the last one that is counted.
+// The bitmap covers whole bytes of clusters, and the backup boot sector is after the last cluster that
+// counts.
 TEST_F(NTFSParserTest, WhatIsBehindTheLastClusterIsUsed) {
     for (const std::uint64_t clusters : {9'999U, 10'000U, 10'007U, 32'767U, 32'768U}) {
         make({.clusterCount = clusters});
@@ -277,7 +278,7 @@ TEST_F(NTFSParserTest, ClustersOfThreeSectorsAreCountedTwice) {
     expectFailure(-186, "Sanity check failed. ClusterCount: 80000 Alt ClusterCount: 26666");
 }
 
-// What larger ones have there is the negated logarithm of their sectors.
+// For larger clusters the field holds the negated logarithm of the number of sectors.
 TEST_F(NTFSParserTest, ClustersOfMoreThan128SectorsAreRefused) {
     for (unsigned sectors = 0xF1; sectors <= 0xFF; ++sectors) {
         make({});
@@ -314,9 +315,9 @@ TEST_F(NTFSParserTest, DamagedRecordOfTheBitmapGivesNoRuns) {
     };
     damage(record6);
     EXPECT_TRUE(hasDebug("MFT record 6 is invalid."));
-    damage(record6 + 44);   // its number
-    damage(record6 + 510);  // the end of a sector
-    damage(record6 + 1022); // of another
+    damage(record6 + 44);   // the record's number
+    damage(record6 + 510);  // the end of its first sector
+    damage(record6 + 1022); // the end of its second sector
     make({});
     image->volume.failReads(record6, record6 + 1);
     expectTooSmall("Unable to read inode 6");
@@ -339,7 +340,7 @@ TEST_F(NTFSParserTest, WithoutTheOwnRecordOfTheTableThereAreNoRuns) {
     expectTooSmall("Unable to read inode 6");
     image->setRecord(0, {NtfsImage::dataOf(Runs{})});
     expectTooSmall("Unable to read inode 6");
-    image->setRecord(0, {NtfsImage::dataOf({{4, 1}})}); // 4 records
+    image->setRecord(0, {NtfsImage::dataOf({{4, 1}})}); // only 4 records
     expectTooSmall("Unable to read inode 6");
 }
 
@@ -353,7 +354,7 @@ TEST_F(NTFSParserTest, TableMayBeInPieces) {
 
 TEST_F(NTFSParserTest, RecordInTwoPiecesIsRefused) {
     make({.sectorsPerCluster = 1});
-    image->setTable({{4, 13}, {900, 20}}); // record 6 is in the clusters 12 and 13 of the table
+    image->setTable({{4, 13}, {900, 20}}); // record 6 is in clusters 12 and 13 of the MFT
     expectRefusal("NTFS: A file record is in two pieces.");
 }
 
@@ -436,7 +437,7 @@ TEST_F(NTFSParserTest, RecordsThatAttributeListsNameMayBeAnywhere) {
     }
 }
 
-// The runs of the first part alone are taken.
+// Only the runs of the first part are used.
 TEST_F(NTFSParserTest, DataInSeveralPartsIsTooSmall) {
     make({.clusterCount = 60'000});
     setListed({{NtfsImage::data, 20}, {NtfsImage::data, 21}});
@@ -461,7 +462,7 @@ TEST_F(NTFSParserTest, BrokenEntriesOfAnAttributeListAreRefused) {
     }
     setListed({{0x10, 6, 65}, {NtfsImage::data, 20}});
     expectRefusal("NTFS: An entry of an attribute list isn't within it.");
-    setListed({{0x10, 6, 48}, {NtfsImage::data, 20}}); // 16 bytes are left
+    setListed({{0x10, 6, 48}, {NtfsImage::data, 20}}); // only 16 bytes are left
     expectRefusal("NTFS: An entry of an attribute list is cut short.");
     Content list = NtfsImage::attributeListOf({{NtfsImage::data, 20}});
     for (const std::size_t field : {16U, 17U, 20U}) { // the length of the value, and its offset
@@ -515,7 +516,7 @@ TEST_F(NTFSParserTest, BitmapMustHaveBeenWrittenUpToTheLastCluster) {
     expectRefusal(reason);
     image->setRecord(6, {NtfsImage::dataOf(image->bitmap, {.initialized = 1249})});
     expectRefusal(reason);
-    make({.clusterCount = 10'001}); // one more, in a byte of its own
+    make({.clusterCount = 10'001}); // one more cluster, whose bit is in another byte
     image->setRecord(6, {NtfsImage::dataOf(image->bitmap, {.size = 1250})});
     expectRefusal(reason);
 }
@@ -543,7 +544,7 @@ TEST_F(NTFSParserTest, RunsWithoutAPlaceAreRefused) {
     expectRefusal("NTFS: A run of clusters has no place on the volume.");
 }
 
-// An old bitmap, or a disk that has lost its content: all would be taken as free.
+// A stale bitmap, or a disk that has lost its contents: everything would be taken as free.
 TEST_F(NTFSParserTest, MapThatCallsItsOwnStructuresFreeIsRefused) {
     for (const std::uint64_t cluster : {0U, 4U, 20U}) {
         make({});
@@ -552,10 +553,10 @@ TEST_F(NTFSParserTest, MapThatCallsItsOwnStructuresFreeIsRefused) {
                       " as free, which has structures of the file system.");
     }
     make({});
-    image->free(5); // isn't looked at
+    image->free(5); // not checked
     EXPECT_EQ(parse(), clusterBits);
     image->free(0);
-    EXPECT_EQ(parse(16), clusterBits - 16); // 0 isn't in the map, 20 is
+    EXPECT_EQ(parse(16), clusterBits - 16); // cluster 0 isn't covered, cluster 20 is
     image->free(20);
     EXPECT_EQ(parse(16), -1);
     EXPECT_EQ(parse(24), clusterBits - 24);
@@ -585,12 +586,12 @@ TEST_F(NTFSParserTest, ChunksOfOneRunGoOnAnywhere) {
     }
 }
 
-// All that was skipped is taken off the first run that is read, also what lies in runs before it.
+// Everything that was skipped is subtracted from the first run that is read, even if it was in earlier runs.
 TEST_F(NTFSParserTest, ChunksOfSeveralRunsGoOnInTheFirstOneAlone) {
     make({.clusterCount = 60'000});
     image->setBitmap({{5000, 1}, {300, 1}});
     image->use(40'000);
-    for (const std::uint64_t start : {32'760U, 32'768U}) { // the last byte of the first run, and its end
+    for (const std::uint64_t start : {32'760U, 32'768U}) { // in and after the last byte of the first run
         EXPECT_EQ(parse(start), 2 * clusterBits - start);
         EXPECT_EQ(used(60'000 - start, start), Clusters{40'000});
     }
@@ -601,7 +602,7 @@ TEST_F(NTFSParserTest, ChunksOfSeveralRunsGoOnInTheFirstOneAlone) {
     EXPECT_EQ(parse(32'776), -1);
 }
 
-// With the buffer of a backup, that is what comes of more than 335,544,320 clusters.
+// With the buffer size of a backup, volumes of more than 335,544,320 clusters need a second chunk.
 TEST_F(NTFSParserTest, SecondChunkOfALargeVolume) {
     constexpr std::uint64_t bits = 335'544'320;
     constexpr std::size_t bytes = bits / 8;
@@ -687,7 +688,7 @@ TEST_F(NTFSParserTest, BlockIsACluster) {
 
 TEST_F(NTFSParserTest, LargeBitmapIsReadInFewReadsStraightIntoTheBuffer) {
     constexpr std::size_t mebibyte = 1024UL * 1024;
-    make({.clusterCount = 64 * mebibyte}); // a bitmap of 8 MiB
+    make({.clusterCount = 64 * mebibyte}); // has a bitmap of 8 MiB
     NTFSParser parser(record.logger, image->volume, 512);
     ASSERT_TRUE(parser.recognize());
     image->volume.requests.clear();
@@ -702,7 +703,7 @@ TEST_F(NTFSParserTest, LargeBitmapIsReadInFewReadsStraightIntoTheBuffer) {
                   {22'528, 1024}, {bitmap, 4 * mebibyte}, {bitmap + 4 * mebibyte, 4 * mebibyte}}));
 }
 
-// It is asked again after a failure of the device.
+// After a device error the parser may be asked again.
 TEST_F(NTFSParserTest, FailureIsNotTheEnd) {
     make({});
     NTFSParser parser(record.logger, image->volume, 512);

@@ -123,7 +123,8 @@ TEST_F(NTFSRunListTest, NumbersThatAreCutShort) {
     expectError({0xFF, 1}, "Invalid runlist");
 }
 
-// The limit itself is still taken as within the list, but what stands there is another attribute's.
+// A number may end exactly at the end of the attribute. One that goes on would include bytes of the next
+// attribute.
 TEST_F(NTFSRunListTest, NumberThatEndsBehindTheAttributeIsRefused) {
     const std::string reason = "NTFS: A run list goes on behind its end.";
     expectObjection({0x11, 1}, {}, reason);

@@ -38,7 +38,8 @@ protected:
         return parser.getBitmapChunk(startBlock, buffer.data(), buffer.size());
     }
 
-    /// The first `blocks` of the buffer that are clear, counted from `startBlock`.
+    /// Those of the buffer's first `blocks` blocks whose bits are clear. The first bit is that of
+    /// `startBlock`.
     [[nodiscard]] Blocks free(std::uint64_t blocks, std::uint64_t startBlock = 0) const {
         Blocks found;
         for (std::uint64_t bit = 0; bit < blocks; ++bit) {
@@ -118,6 +119,7 @@ TEST_F(XFSParserTest, RootThatIsALeafIsMarkedAtOnce) {
     }
 }
 
+// Every structure that is read is logged with its address and fields, so that a wrong map can be traced.
 TEST_F(XFSParserTest, LogsTheWalkOfAGroup) {
     make({.agCount = 1, .totalBlocks = 1000});
     image->setFreeList(0, 2, 2, 1);
@@ -155,7 +157,7 @@ TEST_F(XFSParserTest, LogsTheWalkOfAGroup) {
                                                "count = 6"}));
 }
 
-// Per record there may be millions of lines.
+// There may be millions of records with a line each.
 TEST_F(XFSParserTest, LinesOfRecordsAreNotMadeForNobody) {
     make({});
     image->setLeaf(0, 4, {{10, 5}});
@@ -206,7 +208,7 @@ TEST_F(XFSParserTest, LastGroupMayBeShorter) {
     expectFailure("XFS: Free blocks outside of their allocation group.");
 }
 
-// With sectors of 4096 bytes the list on disk is longer than what is read of it.
+// With sectors of 4096 bytes, the free list on disk is longer than the part that is read.
 TEST_F(XFSParserTest, FreeListEndsWithWhatIsRead) {
     make({.sectorSize = 4096});
     for (std::uint32_t index = 0; index < 200; ++index) {
@@ -223,8 +225,8 @@ TEST_F(XFSParserTest, FreeListEndsWithWhatIsRead) {
     EXPECT_EQ(free(2000), Blocks{});
 }
 
-// Entries that were taken for use, and now belong to files or to the tree, stay in the array. An empty list
-// has indices, too, and there were kernels to which the array had an entry less.
+// The array keeps entries that were taken for files or for the tree. An empty list has valid indexes, too,
+// and some kernels use an array with one entry fewer.
 TEST_F(XFSParserTest, FreeListWhoseCountDisagreesMarksNothing) {
     make({});
     for (std::uint32_t index = 0; index < 119; ++index) {
@@ -383,7 +385,7 @@ TEST_F(XFSTree, UnreadableNodesFail) {
     expectFailure("XFS: Can't read records in btree node.");
 }
 
-// The records of a full leaf reach into sectors of their own, and so do the children.
+// The records of a large leaf extend past its first sector, and child pointers are stored past it, too.
 TEST_F(XFSTree, UnreadablePartsOfNodesFail) {
     makeTree();
     image->setLeaf(0, 22, XfsImage::Records(200, {300, 1}), 23);
@@ -400,7 +402,7 @@ TEST_F(XFSTree, UnreadableRestOfANodeDoesNoHarm) {
     EXPECT_EQ(parse(), 2000);
     EXPECT_EQ(free(2000), freeInTree());
     makeTree();
-    image->volume.size = node(25) + 512; // the second group is gone as well
+    image->volume.size = node(25) + 512; // this cuts off the second group as well
     expectFailure("Can't read fsi block.");
 }
 
@@ -468,7 +470,7 @@ TEST_F(XFSParserTest, BufferLargerThanTheVolumeStaysClearBehindIt) {
     EXPECT_TRUE(std::all_of(buffer.begin() + 250, buffer.end(), [](auto byte) { return byte == 0; }));
 }
 
-// The inversion goes by the volume's size and not by what is left of it.
+// The inversion is limited by the volume's size, not by the number of blocks that remain.
 TEST_F(XFSParserTest, LaterChunkIsInvertedBehindTheVolume) {
     make({});
     EXPECT_EQ(parse(1992, 300), 8);
@@ -499,7 +501,7 @@ TEST_F(XFSParserTest, ImpossibleSuperBlocksFail) {
     expectFailure("XFS: Impossible number of blocks.");
 }
 
-// Most disks have logical sectors of 512 bytes and physical ones of 4096, which the file system goes by.
+// Most disks have logical sectors of 512 bytes and physical sectors of 4096, which the file system uses.
 TEST_F(XFSParserTest, SectorsAreThoseOfTheSuperBlock) {
     for (const std::uint32_t sectorSize : {512U, 1024U, 2048U, 4096U}) {
         make({.sectorSize = sectorSize});
@@ -542,7 +544,7 @@ TEST_F(XFSParserTest, OtherVersionsFail) {
 
 TEST_F(XFSParserTest, FeaturesThatLeaveFreeSpaceAloneAreRead) {
     make({});
-    image->volume.writeBig(200, 0xFFFFFFFF, 4); // these words are of the other format, or may be ignored
+    image->volume.writeBig(200, 0xFFFFFFFF, 4); // words that belong to the other format or may be ignored
     image->volume.writeBig(208, 0xFFFFFFFF, 4);
     image->volume.writeBig(220, 0xFFFFFFFF, 4);
     image->volume.writeBig(216, 0x1ef, 4);
@@ -554,7 +556,7 @@ TEST_F(XFSParserTest, FeaturesThatLeaveFreeSpaceAloneAreRead) {
     image->volume.writeBig(212, 0xFFFFFFFF, 4);
     image->volume.writeBig(216, 0xFFFFFFFF, 4);
     EXPECT_EQ(parse(), 2000);
-    image->volume.writeBig(100, 0x34a4, 2); // has no more features
+    image->volume.writeBig(100, 0x34a4, 2); // without further feature words
     image->volume.writeBig(200, 0xFFFFFFFF, 4);
     EXPECT_EQ(parse(), 2000);
 }
@@ -580,7 +582,8 @@ TEST_F(XFSParserTest, FeaturesThatAreNotKnownFailByName) {
     expectFailure("XFS: Free space can't be read with these features: incompat zoned, ro_compat 0x20");
 }
 
-/// The map block by block, straight from the structures, with the levels loaded as queues of nodes.
+/// Reference implementation: computes the bitmap one block at a time, straight from the structures, level by
+/// level.
 class PlainMap {
 public:
     PlainMap(XfsImage& image, std::uint64_t startBlock, std::size_t bytes)
@@ -649,7 +652,7 @@ private:
     std::vector<std::uint8_t> buffer;
 };
 
-/// A tree of one to three levels over random free extents.
+/// Writes a tree of one to three levels with random free extents.
 void growTree(XfsImage& image, std::uint32_t group, std::mt19937& random) {
     std::uint32_t next = 4; // block for the next node
     std::vector<std::uint32_t> level;
@@ -676,6 +679,7 @@ void growTree(XfsImage& image, std::uint32_t group, std::mt19937& random) {
     image.setRoot(group, level.front());
 }
 
+// Random trees and free lists, checked against the reference implementation.
 TEST_F(XFSParserTest, MapIsThatOfOneBlockAtATime) {
     std::mt19937 random(11);
     for (int round = 0; round < 300; ++round) {

@@ -17,7 +17,8 @@ struct Extent {
     std::uint64_t count;
 };
 
-/// One block at a time: all used up to `usedEnd`, then all free runs taken out.
+/// Reference implementation, one block at a time: marks all blocks before `usedEnd` as used, then clears the
+/// free runs.
 Map plainMap(std::size_t bytes, std::uint64_t firstBlock, std::uint64_t usedEnd,
              const std::vector<Extent>& runs) {
     Map map(bytes, 0);
@@ -31,6 +32,7 @@ Map plainMap(std::size_t bytes, std::uint64_t firstBlock, std::uint64_t usedEnd,
     return map;
 }
 
+/// Free runs may come in any order; ascending order, the usual one, takes another path through the code.
 TEST(XFSUsedMapTest, IsTheSameInWhateverOrderFreeBlocksCome) {
     std::mt19937_64 random(1);
     for (int round = 0; round < 30'000; ++round) {

@@ -19,11 +19,11 @@ namespace {
 
 using Pieces = std::vector<VolumePiece>;
 
-/// What the kernel had, as the script beside this writes it.
+/// What the kernel reported, as the script beside this file writes it.
 struct Truth {
     PhysicalDevices devices;
     std::map<std::string, std::optional<Pieces>>
-        volumes; ///< none where not all is linear on physical volumes
+        volumes; ///< std::nullopt unless all segments are linear on physical volumes
 };
 
 dev_t readNumber(std::istream& from) {
@@ -34,6 +34,8 @@ dev_t readNumber(std::istream& from) {
     return makedev(major, minor);
 }
 
+/// Reads the script's output: physical volumes ("pv"), then each logical volume ("lv") followed by its
+/// device-mapper segments.
 Truth readTruth(const std::string& path) {
     Truth truth;
     std::istringstream lines(agent::test::readFile(path));
@@ -83,7 +85,7 @@ TEST_P(KernelTruth, IsWhatTheTextSays) {
 
 INSTANTIATE_TEST_SUITE_P(Pairs, KernelTruth, testing::Values("kinds", "moving", "moved"));
 
-/// A text in which one piece can be replaced by another.
+/// A metadata text in which parts can be replaced.
 class VolumeGroupText : public testing::Test {
 protected:
     static constexpr const char* text =
@@ -122,7 +124,7 @@ protected:
 };
 
 TEST_F(VolumeGroupText, IsReadInTheOrderOfTheVolume) {
-    EXPECT_EQ(piecesIn(text), (Pieces{{0, 120, 5, 260}})); // both segments are one piece
+    EXPECT_EQ(piecesIn(text), (Pieces{{0, 120, 5, 260}})); // both segments are contiguous
     EXPECT_EQ(piecesIn(with("\"pv0\", 30", "\"pv1\", 30")), (Pieces{{0, 80, 5, 260}, {80, 40, 6, 440}}));
     EXPECT_EQ(piecesIn(with("\"pv0\", 30", "\"pv0\", 31")), (Pieces{{0, 80, 5, 260}, {80, 40, 5, 348}}));
     const VolumeGroup group(text);
@@ -148,6 +150,7 @@ TEST_F(VolumeGroupText, HasNoPiecesOfWhatIsNotLinear) {
     }
 }
 
+/// A wrong location of an extent would make the driver read other volumes' data.
 TEST_F(VolumeGroupText, IsRefusedWhereItContradictsItself) {
     const std::vector<std::pair<std::string, std::string>> changes = {
         {"Text Format Volume Group", "Backup"},

@@ -64,7 +64,7 @@ TEST(Forecast, IsHalfMoreThanTheLargestOfTheLastNeeds) {
         recordPreserved(layers, 100 + count);
     }
     EXPECT_EQ(layers.preservedBytes.size(), forecastSnapshots);
-    EXPECT_EQ(forecastNeed(layers), 160U); // the 1000 is forgotten
+    EXPECT_EQ(forecastNeed(layers), 160U); // the 1000 has been dropped
 }
 
 } // namespace

@@ -99,7 +99,7 @@ TEST(Seal, IsNotWrittenWhereItHasNoRoom) {
     EXPECT_EQ(test::errorOf([&] { writeSeal(device.file, inOnePiece, large); }), EFBIG);
 }
 
-/// Whatever happens to the newest one, the one before it comes back or none does, and never something else.
+/// If the newest seal is damaged, the previous one or none must be read, but never anything else.
 TEST(Seal, IsTheOneBeforeWhereABitOfItHasChanged) {
     const MemoryDevice device;
     writeSeal(device.file, inOnePiece, makeSeal());

@@ -10,7 +10,7 @@ namespace tolvubd::test {
 inline constexpr const char* trackingId = "0f0c9f2e-57a5-4a0b-8a1c-000000000001";
 inline constexpr const char* bootId = "1f0c9f2e-57a5-4a0b-8a1c-000000000002";
 
-/// A seal with all that one can have.
+/// A seal in which all optional parts are present.
 inline Seal makeSeal() {
     Device device{
         7, Mode::tracking, "/dev/vg/data", "/.tolvu", "2f0c9f2e-57a5-4a0b-8a1c-000000000003", 1U << 30U, 0,

@@ -13,7 +13,7 @@ namespace {
 
 using test::FileSystemImage;
 
-/// What xfs_logprint says of the log: where its head is, and whether it is clean.
+/// What xfs_logprint reports about the log: the position of its head, and whether it is clean.
 struct Truth {
     std::uint64_t head = 0;
     bool isClean = false;
@@ -52,9 +52,9 @@ void expectTheTruth(const FileSystemImage& image, const XfsLogPlace& place, cons
     EXPECT_EQ(head->isUnmounted, truth.isClean) << what;
 }
 
-/// Less than its makers want to be used.
+/// Smaller than mkfs.xfs supports officially.
 constexpr const char* makeSmallLog = "mkfs.xfs --unsupported -q -l size=1500b";
-/// Some mebibytes of records.
+/// Writes several mebibytes of log records.
 constexpr const char* churn = "for turn in 1 2 3 4 5; do mkdir $r/d; "
                               "for n in $(seq 300); do for f in 1 2 3 4 5 6 7 8; do : > $r/d/$n.$f; done; "
                               "done; rm -r $r/d; sync -f $r; done; ";

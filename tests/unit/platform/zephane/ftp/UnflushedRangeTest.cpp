@@ -10,7 +10,7 @@ TEST(UnflushedRange, CoversAllThatWasAdded) {
     unflushed.add(100, 10);
     unflushed.add(50, 10);
     EXPECT_TRUE(unflushed.overlaps(50, 1));
-    EXPECT_TRUE(unflushed.overlaps(70, 1)); // between the two
+    EXPECT_TRUE(unflushed.overlaps(70, 1)); // between the two ranges
     EXPECT_TRUE(unflushed.overlaps(109, 1));
     EXPECT_FALSE(unflushed.overlaps(110, 10));
     EXPECT_FALSE(unflushed.overlaps(40, 10));

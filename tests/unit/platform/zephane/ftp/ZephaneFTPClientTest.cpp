@@ -50,7 +50,7 @@ std::ptrdiff_t threads() {
     return std::distance(begin(tasks), end(tasks));
 }
 
-/// With an empty image of 64 MiB.
+/// The image has 64 MiB of zeros.
 class ZephaneFTPClientTest : public testing::Test {
 protected:
     ZephaneEngine engine{{"memory", "64M"}};
@@ -126,7 +126,7 @@ TEST_F(ZephaneFTPClientTest, HolesReadAsZeros) {
     writeAt(client, 0, data);
     ASSERT_EQ(client.seek(unit, 0), unit);
     ASSERT_EQ(client.punchHole(unit).code, 0);
-    writeAt(client, 3 * unit, data); // behind the hole the position is where it should be
+    writeAt(client, 3 * unit, data); // written after the hole, which has moved the position
     EXPECT_TRUE(readAt(client, unit, unit) == Bytes(unit));
     EXPECT_TRUE(readAt(client, 0, unit) == Bytes(data.begin(), data.begin() + unit));
     EXPECT_TRUE(readAt(client, 3 * unit, 3 * unit) == data);
@@ -319,7 +319,7 @@ TEST_F(ZephaneFTPClientTest, WritesOnlyWhatDiffersByItsDigest) {
     writeAt(client, 0, data);
     writeAt(client, 0, data);
     EXPECT_EQ(server.digestRequests(), 3);
-    // The server reads over a connection of its own, so it is told to store before it is asked.
+    // The server reads over a connection of its own, so the client flushes before it asks for digests.
     EXPECT_THAT(engine.requests(),
                 ElementsAre("Read 0x0 0x6000a", "Write 0x0 0x6000a", "Flush", "Read 0x0 0x6000a",
                             "Write 0x20000 0x20000", "Write 0x60000 0xa", "Flush", "Read 0x0 0x6000a"));
@@ -341,7 +341,7 @@ TEST_F(ZephaneFTPClientTest, WritesOnlyWhatDiffersFromWhatItReads) {
 TEST_F(ZephaneFTPClientTest, ComparesLongWritesInPieces) {
     ZephaneFTPClient client = makeClient({.port = server.port(), .flags = compare});
     ASSERT_EQ(client.open().code, 0);
-    writeAt(client, 0, Bytes(2 * wire::digestRange + 1)); // as the image is
+    writeAt(client, 0, Bytes(2 * wire::digestRange + 1)); // equal to the image
     EXPECT_EQ(server.digestRequests(), 3);
     EXPECT_EQ(client.close().code, 0);
     EXPECT_THAT(engine.requests(), testing::Each(testing::StartsWith("Read")));

@@ -29,7 +29,7 @@ using Bytes = std::vector<std::uint8_t>;
 using namespace std::chrono_literals;
 
 constexpr std::uint64_t compare = wire::compareFlag | wire::writableFlag;
-/// Enough for a machine that is busy, and little for a test.
+/// Long enough for a busy machine, and short for a test.
 constexpr ClientPatience impatience{500ms, 500ms};
 
 Status write(ZephaneFTPClient& client, const Bytes& data) {
@@ -45,7 +45,7 @@ Status read(ZephaneFTPClient& client, Bytes& data) {
     return status;
 }
 
-/// Every call tells the failure that ended the client.
+/// Every later call returns the failure that ended the client.
 void expectBroken(ZephaneFTPClient& client, const Status& failure) {
     EXPECT_LT(failure.code, 0);
     Bytes byte(1);
@@ -58,7 +58,7 @@ void expectBroken(ZephaneFTPClient& client, const Status& failure) {
     EXPECT_EQ(errno, EIO);
 }
 
-/// An image of 1 MiB whose engine fails while a file is there.
+/// An image of 1 MiB whose NBD server fails requests while a file exists.
 class FailingEngine {
 public:
     explicit FailingEngine(const std::vector<std::string>& errors) : engine(arguments(errors)) {}
@@ -91,7 +91,7 @@ TEST(ZephaneFTPFault, AWriteThatFailsIsToldAndNoMore) {
     EXPECT_EQ(status.code, -ENOSPC);
     EXPECT_THAT(status.text, HasSubstr("cannot write 4096 bytes at 0"));
     engine.work();
-    EXPECT_EQ(write(client, data).code, 0); // to the same place
+    EXPECT_EQ(write(client, data).code, 0); // the same range as before
     EXPECT_EQ(client.close().code, 0);
     Bytes stored(4096);
     NbdImage(engine.socket()).read(stored, 0);
@@ -180,7 +180,7 @@ TEST(ZephaneFTPFault, ADigestThatFailsIsNeverTakenForEqual) {
     ZephaneFTPClient client = makeClient({.port = server.port(), .flags = compare});
     ASSERT_EQ(client.open().code, 0);
     EXPECT_EQ(write(client, Bytes(4096)).code, -EIO);
-    EXPECT_EQ(write(client, Bytes(4096)).code, -EIO); // the connection still works
+    EXPECT_EQ(write(client, Bytes(4096)).code, -EIO); // the connection is still usable
     EXPECT_EQ(server.digestRequests(), 2);
     EXPECT_EQ(client.close().code, 0);
 }
@@ -235,7 +235,7 @@ TEST(ZephaneFTPFault, NobodyThereFailsAtOnce) {
     EXPECT_THAT(status.text, HasSubstr("cannot connect"));
 }
 
-/// Which call has failed first, of a small backup.
+/// The name of the first call that fails in a small backup.
 std::string backUp(ZephaneFTPClient& client, const Bytes& data) {
     if (client.open().code != 0) {
         return "open";
@@ -257,14 +257,15 @@ std::string backUp(ZephaneFTPClient& client, const Bytes& data) {
     return client.close().code != 0 ? "close" : "nothing";
 }
 
-/// Where faults come: the first ones within the handshakes, the last ones behind all that is sent.
+/// Byte counts after which the fault occurs: the first ones are within the handshakes, the last ones are
+/// after all data.
 using Places = std::vector<std::size_t>;
 const Places everywhere{0,    100,  250,  400,  550,   700,   850,   1000,   1150,
                         1300, 1500, 2000, 9000, 40000, 66000, 70000, 1000000};
-/// Fewer, as each takes its time.
+/// Fewer of them, since each one takes time.
 const Places atAFew{0, 250, 550, 850, 1150, 1500, 40000};
 
-/// What has failed, of backups whose network fails in all those places.
+/// Runs a backup for each of these faults. Returns the names of the calls that failed.
 std::set<std::string> backUpOver(const Places& places, NetworkFault fault, ClientPatience patience) {
     const ZephaneEngine engine{{"memory", "1M"}};
     const ZephaneTestServer server{engine.socket()};

@@ -31,7 +31,7 @@ using namespace std::chrono_literals;
 constexpr std::uint64_t large = 40 * wire::mebibyte;
 constexpr NbdPatience impatience{300ms, 300ms};
 
-/// The errno of what a call fails with, 0 if it doesn't.
+/// The errno with which `call` fails, or 0.
 int errorOf(const std::function<void()>& call) {
     try {
         call();
@@ -158,7 +158,7 @@ TEST(NbdImage, SixteenHolesAreUnderWayAtOnce) {
     for (int count = 0; count < 16; ++count) {
         image.queueHole(0, 4096);
     }
-    // All are there before the first is done; the next one waits for that.
+    // All requests are sent before the first one completes. The next call waits for that one.
     EXPECT_TRUE(agent::test::eventually([&] { return engine.requests().size() == 16; }));
     const auto begin = std::chrono::steady_clock::now();
     image.queueHole(0, 4096);

@@ -93,7 +93,7 @@ TEST(Compression, FlippedBitsAreRefusedOrComeOutBounded) {
             ++refused;
         }
     }
-    EXPECT_GT(refused, 32); // at the least those of the mark that a stream begins with
+    EXPECT_GT(refused, 32); // at least those in the magic number at the start of the stream
 }
 
 TEST(Compression, NonsenseIsRefused) {
@@ -130,7 +130,7 @@ std::size_t residentKilobytes() {
     return static_cast<std::size_t>(usage.ru_maxrss);
 }
 
-/// 1 GiB of zeros in about 32 KiB.
+/// 1 GiB of zeros, compressed to about 32 KiB.
 Bytes bomb() {
     Compressor compressor;
     const Bytes zeros(64 * wire::mebibyte);

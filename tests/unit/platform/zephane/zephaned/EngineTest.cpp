@@ -37,7 +37,7 @@ protected:
         return Engine::start(context.get_executor(), {program, std::move(arguments), path("socket")}, "image",
                              log);
     }
-    /// Waits until it takes connections; the code of the refusal otherwise.
+    /// Waits until the engine accepts connections. Returns 0, or the code with which it refuses.
     int connect(const Engine& engine, std::chrono::milliseconds patience = std::chrono::seconds{20}) {
         const auto deadline = std::chrono::steady_clock::now() + patience;
         return asio::co_spawn(context, codeOfConnecting(engine, deadline), asio::use_future).get();
@@ -47,7 +47,7 @@ protected:
     bool says(const std::string& text) {
         return eventually([&] { return logged().find(text) != std::string::npos; });
     }
-    /// A program that takes the place of nbdkit.
+    /// A program that is run in place of nbdkit.
     [[nodiscard]] std::string script(const std::string& text) const {
         agent::test::writeFile(path("script"), "#!/bin/sh\n" + text);
         ::chmod(path("script").c_str(), 0700);

@@ -11,7 +11,7 @@
 namespace zephane {
 namespace {
 
-/// One that ends when it is told to.
+/// An engine that ends when the test says so.
 class FakeEngine : public IEngine {
 public:
     [[nodiscard]] const std::string& socket() const override { return path; }

@@ -20,7 +20,7 @@ protected:
 
     const wire::ImageName image{"host1/data", 7};
     const wire::ImageName other{"host2/data", 7};
-    std::vector<std::string> stopped; ///< why, of each that was added
+    std::vector<std::string> stopped; ///< for each session, why it was stopped; "": it wasn't
     Sessions sessions{most};
 };
 
