@@ -45,9 +45,9 @@ private:
     void startSession();
     void commit(const Table& next);
     void replace(const Device& device);
-    void tidy();
+    void reconcile();
     template <class Work>
-    void undoneOnFailure(const Work& work);
+    void reconcileOnFailure(const Work& work);
 
     [[nodiscard]] const Device& require(std::uint32_t minor, Mode mode) const;
     void requireFree(std::uint32_t minor) const;
@@ -56,8 +56,8 @@ private:
     IBackEnd& backEndOf(const Device& device);
     bool takeFirstByMapper(const SnapshotPlan& plan, Device& device);
     void forgetAsleepLayers(const Volume& volume, const PathOnVolume& cow);
-    static void makeWayFor(const SnapshotPlan& plan);
-    void begin(const SnapshotPlan& plan, const Device& device);
+    static void removeLockedPredecessor(const SnapshotPlan& plan);
+    void recordUnfinished(const SnapshotPlan& plan, const Device& device);
     void takeFirst(IBackEnd& backEnd, const SnapshotPlan& plan, Device device);
 
     StateStore store;

@@ -69,7 +69,7 @@ void append(std::vector<Extent>& extents, const Extent& next) {
 
 /// The block number on the volume of a block of a file; 0 for a hole, and if the file system doesn't report
 /// it.
-std::uint64_t placeOf(const os::FileDescriptor& file, std::uint64_t block) {
+std::uint64_t blockNumberOf(const os::FileDescriptor& file, std::uint64_t block) {
     int number = static_cast<int>(block);
     return ::ioctl(file.get(), FIBMAP, &number) == 0 ? static_cast<unsigned>(number) : 0;
 }
@@ -98,7 +98,7 @@ std::optional<std::vector<Extent>> blocksOf(const os::FileDescriptor& file, cons
     const std::optional<std::uint64_t> count = countBlocks(status, blockSize);
     std::vector<Extent> found;
     for (std::uint64_t block = 0; block < count.value_or(0); ++block) {
-        if (const std::uint64_t place = placeOf(file, block); place != 0) {
+        if (const std::uint64_t place = blockNumberOf(file, block); place != 0) {
             append(found, {place * blockSize, blockSize});
         } else if (static_cast<std::uint64_t>(status.st_size) >= blockSize) {
             return std::nullopt;

@@ -16,7 +16,7 @@ public:
     /// released.
     virtual bool end() noexcept = 0;
     /// Called first in the forked guard process, before `begin`. May only make system calls.
-    virtual void enterCopy() noexcept {}
+    virtual void enterChild() noexcept {}
     [[nodiscard]] virtual int descriptor() const noexcept = 0;
 };
 

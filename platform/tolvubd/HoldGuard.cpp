@@ -28,25 +28,25 @@ bool waitUntilReadable(int link) {
 }
 
 /// Waits until the other end closes the socket; each byte that arrives restarts the timeout.
-bool waitForTheEnd(int link) {
-    std::array<char, 64> signs{};
+bool waitForClose(int link) {
+    std::array<char, 64> heartbeats{};
     while (waitUntilReadable(link)) {
-        if (::read(link, signs.data(), signs.size()) == 0) {
+        if (::read(link, heartbeats.data(), heartbeats.size()) == 0) {
             return true;
         }
     }
     return false;
 }
 
-bool sendSign(int link) {
-    const char sign = 0;
-    return ::send(link, &sign, sizeof sign, MSG_NOSIGNAL | MSG_DONTWAIT) >= 0 || errno == EAGAIN;
+bool sendHeartbeat(int link) {
+    const char heartbeat = 0;
+    return ::send(link, &heartbeat, sizeof heartbeat, MSG_NOSIGNAL | MSG_DONTWAIT) >= 0 || errno == EAGAIN;
 }
 
 /// Releases the volume when told to, or after the timeout. If the hold hasn't begun by then, it still may, so
 /// the guard goes on waiting.
-int waitAndLetGo(Hold& hold, int link) {
-    while (!waitForTheEnd(link)) {
+int waitAndRelease(Hold& hold, int link) {
+    while (!waitForClose(link)) {
         if (hold.end()) {
             return impatient;
         }
@@ -57,10 +57,10 @@ int waitAndLetGo(Hold& hold, int link) {
 /// The main function of the guard process. Closing descriptors may have to wait for the file system that is
 /// to be held, so the guard reports when it has done that.
 [[noreturn]] void guard(Hold& hold, int link) {
-    companion::settle("tolvubd-guard", hold.descriptor(), link);
-    hold.enterCopy();
-    sendSign(link);
-    ::_exit(waitAndLetGo(hold, link));
+    companion::prepareChild("tolvubd-guard", hold.descriptor(), link);
+    hold.enterChild();
+    sendHeartbeat(link);
+    ::_exit(waitAndRelease(hold, link));
 }
 
 } // namespace
@@ -69,7 +69,7 @@ HoldGuard::HoldGuard(std::unique_ptr<Hold> hold) : hold(std::move(hold)) {
     startChild();
     try {
         this->hold->begin();
-        sendSign(link.get()); // the timeout starts here, however long begin() took
+        sendHeartbeat(link.get()); // the timeout starts here, however long begin() took
     } catch (...) {
         killChild(); // killed, so that it doesn't release a volume that another process holds
         throw;
@@ -82,7 +82,7 @@ void HoldGuard::startChild() {
     link = os::FileDescriptor(ends[0]);
     {
         const os::FileDescriptor childEnd(ends[1]);
-        child = checked(companion::start(), "start the guard");
+        child = checked(companion::forkHidden(), "start the guard");
         if (child == 0) {
             guard(*hold, childEnd.get());
         }
@@ -101,7 +101,7 @@ HoldGuard::~HoldGuard() {
 }
 
 void HoldGuard::reportProgress() {
-    if (!sendSign(link.get())) {
+    if (!sendHeartbeat(link.get())) {
         fail(ETIMEDOUT, "hold the volume");
     }
 }

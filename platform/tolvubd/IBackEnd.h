@@ -18,9 +18,9 @@ struct SnapshotPlan {
 /// A way to take snapshots and to find out what has changed between two of them.
 ///
 /// Owns:    only the devices and files it creates on the machine. The caller owns the table of devices; it
-///          writes the table before and after each call, and calls `tidy` after any failure.
+///          writes the table before and after each call, and calls `reconcile` after any failure.
 /// Threads: one at a time; the caller holds the driver's lock.
-/// Fails:   std::system_error; `tidy` then brings the machine back to what the table says.
+/// Fails:   std::system_error; `reconcile` then brings the machine back to what the table says.
 class IBackEnd {
 public:
     virtual ~IBackEnd() = default;
@@ -50,7 +50,7 @@ public:
     /// the others.
     virtual void examine(Table& table) = 0;
     /// Brings the machine to what the table says. Failures are logged, and tried again the next time.
-    virtual void tidy(const Table& table) = 0;
+    virtual void reconcile(const Table& table) = 0;
 };
 
 } // namespace tolvubd

@@ -16,7 +16,7 @@ inline constexpr const char* captureSuffix = ".img";
 /// What must be known before any file system is mounted; the initramfs has a copy.
 inline constexpr const char* bootRecord = "/etc/tolvubd/boot.json";
 /// The kernel's boot IDs of the last starts of the machine, oldest first.
-inline constexpr const char* starts = "/var/lib/tolvubd/starts";
+inline constexpr const char* bootHistory = "/var/lib/tolvubd/starts";
 /// Lies beside the CoW files of a volume that device-mapper tracks.
 inline constexpr const char* eraFile = ".tolvu.era";
 /// The prefix of the UUIDs of all our device-mapper devices.

@@ -28,7 +28,7 @@ MemoryLock::~MemoryLock() {
     ::munlockall();
 }
 
-bool MemoryLock::forLife() noexcept {
+bool MemoryLock::lockPermanently() noexcept {
     setFlusher(true);
     return ::mlockall(MCL_CURRENT) == 0;
 }

@@ -15,9 +15,9 @@ public:
     MemoryLock& operator=(const MemoryLock&) = delete;
     ~MemoryLock();
 
-    /// The same for the rest of a forked copy's life. Only makes system calls; returns false when the memory
+    /// The same for the rest of a forked child's life. Only makes system calls; returns false when the memory
     /// can't be locked.
-    static bool forLife() noexcept;
+    static bool lockPermanently() noexcept;
 
 private:
     bool wasFlusher;

@@ -5,7 +5,7 @@
 #include "Failure.h"
 #include "Layout.h"
 #include "SnapshotNode.h"
-#include "Tidying.h"
+#include "TryTo.h"
 #include "capture/FrozenFileSystem.h"
 #include "capture/StoppedServer.h"
 #include "mapper/LayerStack.h"
@@ -18,7 +18,7 @@ namespace tolvubd {
 
 namespace {
 
-void letGo(const Unfinished& unfinished) {
+void releaseHold(const Unfinished& unfinished) {
     if (unfinished.server) {
         continueIfStopped(*unfinished.server);
     }
@@ -29,10 +29,10 @@ void letGo(const Unfinished& unfinished) {
 
 /// A process that died may have left its volume held. No other process holds it now, because the caller has
 /// the driver's lock.
-void letGoOfAll(std::vector<Unfinished>& list, Frozen frozen) {
+void releaseHolds(std::vector<Unfinished>& list, Held held) {
     for (Unfinished& unfinished : list) {
-        if (frozen == Frozen::maybe) {
-            letGo(unfinished);
+        if (held == Held::maybe) {
+            releaseHold(unfinished);
         }
         unfinished.mountPoint.clear();
         unfinished.server.reset();
@@ -55,7 +55,7 @@ void removeFiles(const Unfinished& unfinished) {
 }
 
 /// An entry whose files can't be removed stays in the list, but a full list loses its oldest entry.
-void takeBack(std::vector<Unfinished>& list) {
+void removeUnfinishedFiles(std::vector<Unfinished>& list) {
     std::erase_if(list, [&](const Unfinished& unfinished) {
         return tryTo("remove " + unfinished.cowFile, [&] { removeFiles(unfinished); });
     });
@@ -76,16 +76,16 @@ std::set<std::uint32_t> minorsShown(const Table& table) {
 
 } // namespace
 
-Table tidyUp(Table table, Frozen frozen, const std::vector<IBackEnd*>& backEnds) {
-    letGoOfAll(table.unfinished, frozen);
+Table reconcileMachine(Table table, Held held, const std::vector<IBackEnd*>& backEnds) {
+    releaseHolds(table.unfinished, held);
     for (IBackEnd* backEnd : backEnds) {
         backEnd->examine(table);
     }
     tryTo("remove nodes", [&] { removeNodesExcept(minorsShown(table)); });
     for (IBackEnd* backEnd : backEnds) {
-        backEnd->tidy(table);
+        backEnd->reconcile(table);
     }
-    takeBack(table.unfinished);
+    removeUnfinishedFiles(table.unfinished);
     return table;
 }
 

@@ -66,11 +66,11 @@ Table StateStore::load() const {
 }
 
 void StateStore::write(const Table& table) const {
-    replaceFile(layout::state, writeTable(table), ownerOnly);
+    replaceFileDurably(layout::state, writeTable(table), ownerOnly);
 }
 
-void StateStore::takeBack() const {
-    takeBackFile(layout::state);
+void StateStore::restorePrevious() const {
+    restorePreviousFile(layout::state);
 }
 
 Table observeTable() {
@@ -92,7 +92,7 @@ bool isLive(const Table& table) {
 }
 
 void markLive(const Table& table) {
-    showFile(layout::session, table.session, ownerOnly);
+    replaceFileWithoutSync(layout::session, table.session, ownerOnly);
 }
 
 } // namespace tolvubd

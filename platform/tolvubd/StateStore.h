@@ -26,7 +26,7 @@ public:
     /// When this throws, the previous table stays.
     void write(const Table& table) const;
     /// Restores the table that the last write has replaced.
-    void takeBack() const;
+    void restorePrevious() const;
 
 private:
     os::FileDescriptor lock;

@@ -27,7 +27,7 @@ bool shows(const char* path, const std::string& text) {
 
 void show(const char* path, const std::string& text) {
     if (!shows(path, text)) {
-        showFile(path, text, readableByAll);
+        replaceFileWithoutSync(path, text, readableByAll);
     }
 }
 

@@ -20,9 +20,10 @@ struct Layers {
     std::vector<Extent> eraFile;    ///< `.tolvu.era`: the seal, followed by the era target's metadata
     std::vector<Extent> cowStore;   ///< the part of the CoW file that holds preserved blocks
     std::uint32_t blockSectors = 0; ///< block size of the era target, in sectors
-    std::uint32_t firstEra = 0;     ///< blocks written in it or later have changed since the last snapshot
-    std::string groups; ///< which ext block groups were in use at the last snapshot, in hexadecimal
-    std::vector<std::uint64_t> needs; ///< bytes that each of the last snapshots preserved, newest last
+    std::uint32_t snapshotEra = 0;  ///< blocks written in it or later have changed since the last snapshot
+    std::string usedGroups; ///< which ext block groups were in use at the last snapshot, in hexadecimal
+    std::vector<std::uint64_t>
+        preservedBytes; ///< bytes that each of the last snapshots preserved, newest last
     int error =
         0; ///< errno of the check that failed; unless it is 0, nothing of the device is trusted any more
 
@@ -39,10 +40,10 @@ struct Device {
     std::string snapshot;    ///< UUID of the snapshot; also in the CoW file's header
     std::uint64_t size = 0;  ///< of the block device, in bytes
     std::uint64_t cacheSize = 0;
-    std::vector<Extent> own; ///< where the files that no backup copies lay in the capture
+    std::vector<Extent> ownFileExtents; ///< where the files that no backup copies lay in the capture
     std::optional<Layers> layers = std::nullopt;
     /// Why device-mapper doesn't track the volume, if there are no layers.
-    std::string reason = {}; // NOLINT(readability-redundant-member-init): or GCC warns of shorter lists
+    std::string whyCaptured = {}; // NOLINT(readability-redundant-member-init): or GCC warns of shorter lists
 
     bool operator==(const Device&) const = default;
 };

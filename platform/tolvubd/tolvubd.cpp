@@ -55,7 +55,7 @@ int32_t report(const char* operation, const Work& work) noexcept {
 void showStatus() {
     const bool isShown = ::access(tolvubd::layout::info, F_OK) == 0;
     try {
-        const Driver turn(isShown ? Busy::fail : Busy::wait);
+        const Driver session(isShown ? Busy::fail : Busy::wait);
     } catch (const std::system_error& error) {
         if (error.code().value() != EWOULDBLOCK) {
             throw;

@@ -20,6 +20,6 @@ void undoAdoption();
 
 /// Called before the root file system is mounted. If `root` was adopted, creates the linear device on it and
 /// returns the node to mount instead. None if it wasn't adopted, or if that fails.
-std::optional<std::string> putAdopted(const std::string& root) noexcept;
+std::optional<std::string> createAdoptedDevice(const std::string& root) noexcept;
 
 } // namespace tolvubd

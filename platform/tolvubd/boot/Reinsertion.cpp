@@ -4,13 +4,13 @@
 #include "Failure.h"
 #include "HoldGuard.h"
 #include "Layout.h"
+#include "boot/BootLock.h"
 #include "boot/BootLog.h"
-#include "boot/BootTurn.h"
 #include "boot/TrackedVolume.h"
 #include "dm/SuspendedDevice.h"
 #include "mapper/LayerStack.h"
+#include "seal/BootHistory.h"
 #include "seal/BootRecord.h"
-#include "seal/Starts.h"
 #include "seal/Trust.h"
 
 #include <algorithm>
@@ -35,7 +35,7 @@ bool isLinear(const dm::Targets& targets) {
 }
 
 bool isUnused(const dm::Device& device) {
-    return mountedAs(device) == Mounted::no && !isOpenBesides(device);
+    return mountedAs(device) == Mounted::no && !hasOtherUsers(device);
 }
 
 /// Puts back the layers of one volume that has none and isn't in use.
@@ -70,10 +70,10 @@ private:
         if (dm::sizeOf(dm::liveTable(device)) * dm::sector != record.size) {
             return "its size has changed";
         }
-        if (seal->end == Seal::End::open && volume.wasEraStopped()) {
+        if (seal->end == Seal::End::open && volume.wasEraShutDown()) {
             return "it had lost its layers before the machine stopped"; // however shortly before
         }
-        return reasonForDoubt(*seal, now, previousStart(layout::starts));
+        return reasonForDoubt(*seal, now, previousBootId(layout::bootHistory));
     }
 
     /// Only logs, and leaves the seal alone: its blocks may belong to another file by now. The volume stays
@@ -96,7 +96,7 @@ private:
             }
             write(TrackedVolume(record, stack.lower()), seal, Seal::End::open, now);
         } catch (...) {
-            stack.takeApart();
+            stack.removeLayers();
             throw;
         }
         report(Severity::info, device.name + ": what changes on it goes on to be tracked");
@@ -108,13 +108,13 @@ private:
         if (hasSnapshot) {
             stack.createSnapshot(*sealed.layers, LayerStack::Store::isKept);
         }
-        stack.loadTop(device, *sealed.layers);
+        stack.loadEraTarget(device, *sealed.layers);
         auto suspended = std::make_unique<dm::SuspendedDevice>(
-            device, dm::Visibility::shown, hasSnapshot ? stack.inside() : std::vector<dm::Device>{},
+            device, dm::Visibility::shown, hasSnapshot ? stack.innerDevices() : std::vector<dm::Device>{},
             dm::liveTable(stack.lower()));
         dm::SuspendedDevice& held = *suspended;
         HoldGuard guard(std::move(suspended));
-        held.resumeInside();
+        held.resumeInnerDevices();
         guard.release();
     }
 
@@ -122,7 +122,7 @@ private:
     static void write(const TrackedVolume& where, Seal seal, Seal::End end,
                       const std::optional<Fingerprint>& now) {
         seal.end = end;
-        seal.start = thisStart();
+        seal.bootId = currentBootId();
         seal.fingerprint = now;
         where.write(seal);
     }
@@ -134,8 +134,8 @@ private:
 };
 
 /// Returns false when it is too late, because the volume is in use without its layers.
-bool isDealtWith(const BootRecord::Volume& record, const dm::Device& device, Stage stage) {
-    const BootTurn turn;
+bool tryReinsert(const BootRecord::Volume& record, const dm::Device& device, Stage stage) {
+    const BootLock lock;
     if (dm::stateOf(device).isSuspended || !isLinear(dm::liveTable(device))) {
         return true;
     }
@@ -149,13 +149,13 @@ bool isDealtWith(const BootRecord::Volume& record, const dm::Device& device, Sta
 /// A volume in use has been given its own table back. The driver must notice that at once, because the
 /// machine may stop before the next call of the driver. Waits while another session holds the lock: it may be
 /// the one that has given the table back.
-void haveDriverLook() {
+void runDriverCheck() {
     constexpr std::chrono::seconds patience{10};
     constexpr std::chrono::milliseconds pause{100};
     const auto deadline = std::chrono::steady_clock::now() + patience;
     while (true) {
         try {
-            const Driver turn(Busy::fail);
+            const Driver session(Busy::fail);
             return;
         } catch (const std::system_error& error) {
             if (error.code().value() != EWOULDBLOCK || std::chrono::steady_clock::now() >= deadline) {
@@ -172,8 +172,8 @@ void reinsertDevice(const BootRecord& boot, const dm::Device& device, Stage stag
         if (record == boot.volumes.end() || !isLinear(dm::liveTable(device))) {
             return; // the events of an untracked device must not wait for the lock
         }
-        if (!isDealtWith(*record, device, stage) && stage == Stage::afterRoot) {
-            haveDriverLook();
+        if (!tryReinsert(*record, device, stage) && stage == Stage::afterRoot) {
+            runDriverCheck();
         }
     } catch (const std::exception& error) {
         report(Severity::error, device.name + ": the next backup compares all of it: " + error.what());

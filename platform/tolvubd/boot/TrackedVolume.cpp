@@ -44,12 +44,12 @@ std::optional<Fingerprint> TrackedVolume::fingerprint() const {
     return readFingerprint(file, record.size);
 }
 
-bool TrackedVolume::wasEraStopped() const {
+bool TrackedVolume::wasEraShutDown() const {
     os::AlignedBuffer block(era::blockSize, era::blockSize);
     if (!readPlaces(file, record.eraFile, sealSize, block)) {
         fail(EBADMSG, "the volume ends before the era metadata");
     }
-    return tolvubd::wasEraStopped(std::span<const std::byte, era::blockSize>(block.data(), era::blockSize));
+    return tolvubd::wasEraShutDown(std::span<const std::byte, era::blockSize>(block.data(), era::blockSize));
 }
 
 void TrackedVolume::write(const Seal& seal) const {
@@ -67,11 +67,11 @@ Mounted mountedAs(const dm::Device& device) {
     return isWritableIn(mounts, device.number) ? Mounted::forWriting : Mounted::readOnly;
 }
 
-bool isOpenBesides(const dm::Device& device) {
-    constexpr int looks = 10;
+bool hasOtherUsers(const dm::Device& device) {
+    constexpr int attempts = 10;
     constexpr std::chrono::milliseconds pause{50};
     const std::uint32_t expected = mountedAs(device) == Mounted::no ? 0 : 1;
-    for (int look = 0; look < looks; ++look) {
+    for (int attempt = 0; attempt < attempts; ++attempt) {
         if (dm::stateOf(device).openCount <= expected) {
             return false;
         }

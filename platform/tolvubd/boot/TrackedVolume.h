@@ -25,7 +25,7 @@ public:
     [[nodiscard]] std::optional<Fingerprint> fingerprint() const;
     /// Whether the era target was shut down in order: later writes then bypassed it. Throws EBADMSG when that
     /// can't be determined.
-    [[nodiscard]] bool wasEraStopped() const;
+    [[nodiscard]] bool wasEraShutDown() const;
     /// Writes the seal. If LVM says that the volume lies elsewhere, throws ESTALE and writes nothing, because
     /// the seal's blocks may belong to other data by now.
     void write(const Seal& seal) const;
@@ -40,6 +40,6 @@ enum class Mounted { no, readOnly, forWriting };
 Mounted mountedAs(const dm::Device& device);
 /// Whether anything has a device open besides the file system that may be mounted from it. Looks several
 /// times, because a program that has just made the device, or probes its content, has it open for a moment.
-bool isOpenBesides(const dm::Device& device);
+bool hasOtherUsers(const dm::Device& device);
 
 } // namespace tolvubd

@@ -6,7 +6,7 @@
 #include "HoldGuard.h"
 #include "Layout.h"
 #include "SystemLog.h"
-#include "Tidying.h"
+#include "TryTo.h"
 #include "capture/Capture.h"
 #include "capture/CaptureNode.h"
 #include "capture/Compare.h"
@@ -44,7 +44,7 @@ void captureVolume(const SnapshotPlan& plan, Device& device) {
     using std::chrono::steady_clock;
     const Volume& volume = plan.volume;
     makeCowFile(plan.cow.path(), device.snapshot, plan.cowSize);
-    device.own = extentsOfOwnFiles(plan.cow.mountPoint, volume.size);
+    device.ownFileExtents = extentsOfOwnFiles(plan.cow.mountPoint, volume.size);
     Capture capture(layout::capture(device.snapshot), volume.path, volume.size);
     const auto begin = steady_clock::now();
     const std::unique_ptr<HoldGuard> held = holdStill(volume, plan.cow.mountPoint);
@@ -58,13 +58,13 @@ void captureVolume(const SnapshotPlan& plan, Device& device) {
 
 /// Writes what has changed between the two captures into the CoW file that was current in between.
 void record(const Device& before, const Device& after, const std::string& closed) {
-    const Moment then{layout::capture(before.snapshot), before.own};
-    const Moment now{layout::capture(after.snapshot), after.own};
+    const CaptureInfo then{layout::capture(before.snapshot), before.ownFileExtents};
+    const CaptureInfo now{layout::capture(after.snapshot), after.ownFileExtents};
     const std::vector<Extent> table = extentsOf(closed).value_or(std::vector<Extent>{});
     const std::vector<bool> fresh = findFreshUnits(then, now, table, before.size);
     CowTable changes(closed, before.snapshot, before.size);
     changes.finish(compareCaptures(
-        then.capture, now.capture, before.size, fresh,
+        then.path, now.path, before.size, fresh,
         [&](std::uint64_t unit, std::span<const std::uint64_t> words) { changes.write(unit, words); }));
 }
 
@@ -148,7 +148,7 @@ void CaptureBackEnd::takeNext(const SnapshotPlan& plan, const Device& before, co
 /// Nothing to note: a capture is a file of its own that nothing else writes.
 void CaptureBackEnd::noteEnd(Device& /*device*/) {}
 
-/// Nothing to do: `tidy` removes captures that no device has.
+/// Nothing to do: `reconcile` removes captures that no device has.
 void CaptureBackEnd::release(const Device& /*device*/) {}
 
 void CaptureBackEnd::reload(const Volume& volume, Device& device) {
@@ -163,7 +163,7 @@ void CaptureBackEnd::examine(Table& table) {
     dropWithoutCapture(table.asleep);
 }
 
-void CaptureBackEnd::tidy(const Table& table) {
+void CaptureBackEnd::reconcile(const Table& table) {
     tryTo("tidy the store", [&] { tidyStore(table); });
 }
 

@@ -8,10 +8,10 @@
 
 namespace tolvubd {
 
-/// A capture, and where the files that no backup copies lie in it.
-struct Moment {
-    std::string capture;
-    std::vector<Extent> own;
+/// The path of a capture, and where the files that no backup copies lie in it.
+struct CaptureInfo {
+    std::string path;
+    std::vector<Extent> ownFileExtents;
 };
 
 /// Finds the units of a volume that count as changed even if their content is the same, one flag each: those
@@ -21,7 +21,7 @@ struct Moment {
 ///
 /// The blocks of the own files count as well, as those files were written in between; only those of `closed`
 /// don't. All units count if it isn't known which blocks are in use.
-std::vector<bool> findFreshUnits(const Moment& before, const Moment& after, const std::vector<Extent>& closed,
-                                 std::uint64_t size);
+std::vector<bool> findFreshUnits(const CaptureInfo& before, const CaptureInfo& after,
+                                 const std::vector<Extent>& closed, std::uint64_t size);
 
 } // namespace tolvubd

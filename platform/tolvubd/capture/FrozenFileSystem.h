@@ -9,7 +9,7 @@ namespace tolvubd {
 
 /// Holds a volume: the kernel freezes its file system.
 /// Owns:    a descriptor of the mount point. Not the freeze, which only `end` undoes.
-/// Threads: one at a time; `end` also in a forked copy of the process.
+/// Threads: one at a time; `end` also in a forked child process.
 /// Fails:   std::system_error; `begin` with EBUSY when the file system is frozen already.
 class FrozenFileSystem : public Hold {
 public:

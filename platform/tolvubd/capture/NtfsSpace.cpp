@@ -28,7 +28,7 @@ constexpr Field recordSize{64, 1}; ///< in clusters; if negative, the exponent o
 
 namespace record {
 constexpr Field magic{0, 4};
-constexpr Field updates{4, 2}; ///< offset of the original last bytes of the pieces
+constexpr Field updateSequence{4, 2}; ///< offset of the original last bytes of the pieces
 constexpr Field updateCount{6, 2};
 constexpr Field attributes{20, 2};
 constexpr Field flags{22, 2};
@@ -37,10 +37,10 @@ constexpr std::uint64_t inUse = 1;
 } // namespace record
 
 namespace attribute {
-constexpr std::size_t outerSize = 64; ///< size of a non-resident attribute's header
+constexpr std::size_t nonResidentHeaderSize = 64; ///< size of a non-resident attribute's header
 constexpr Field type{0, 4};
 constexpr Field length{4, 4};
-constexpr Field isOutside{8, 1};
+constexpr Field isNonResident{8, 1};
 constexpr Field nameLength{9, 1};
 constexpr Field flags{12, 2}; ///< compressed, encrypted, sparse
 constexpr Field firstCluster{16, 8};
@@ -72,7 +72,7 @@ struct Content {
 
 /// Decodes a one-byte number: a count of `unit` if positive, the exponent of a power of two if negative.
 /// Returns 0 if that is too large.
-std::uint64_t orPowerOfTwo(std::uint64_t number, std::uint64_t unit) {
+std::uint64_t decodeSizeCode(std::uint64_t number, std::uint64_t unit) {
     constexpr std::uint64_t mostPositive = 128;
     constexpr std::uint64_t modulus = 256;
     constexpr std::uint64_t highestPower = 21;
@@ -97,10 +97,10 @@ std::optional<Geometry> readGeometry(const os::FileDescriptor& image, std::uint6
         return std::nullopt;
     }
     const std::uint64_t sectorSize = fields.little(boot::sectorSize);
-    const std::uint64_t clusterSectors = orPowerOfTwo(fields.little(boot::clusterSectors), 1);
+    const std::uint64_t clusterSectors = decodeSizeCode(fields.little(boot::clusterSectors), 1);
     Geometry geometry;
     geometry.clusterSize = sectorSize * clusterSectors;
-    geometry.recordSize = orPowerOfTwo(fields.little(boot::recordSize), geometry.clusterSize);
+    geometry.recordSize = decodeSizeCode(fields.little(boot::recordSize), geometry.clusterSize);
     geometry.recordsCluster = fields.little(boot::recordsCluster);
     if (!isPowerWithin(sectorSize, bootSectorSize, largestSector) ||
         !isPowerWithin(geometry.clusterSize, sectorSize, largestCluster) ||
@@ -116,20 +116,20 @@ std::optional<Geometry> readGeometry(const os::FileDescriptor& image, std::uint6
 /// Restores the last two bytes of each piece. On disk an update number replaces them, which shows whether the
 /// whole record was written.
 bool repair(Fields& fields) {
-    const std::size_t updates = fields.little(record::updates);
+    const std::size_t updateSequence = fields.little(record::updateSequence);
     const std::size_t pieces = fields.size() / pieceSize;
     const std::size_t width = 2;
     if (fields.little(record::updateCount) != pieces + 1 ||
-        updates + (pieces + 1) * width > pieceSize - width) {
+        updateSequence + (pieces + 1) * width > pieceSize - width) {
         return false;
     }
     for (std::size_t piece = 1; piece <= pieces; ++piece) {
         const std::size_t end = piece * pieceSize - width;
-        if (fields.little({end, width}) != fields.little({updates, width})) {
+        if (fields.little({end, width}) != fields.little({updateSequence, width})) {
             return false;
         }
-        fields.set(end, fields.byte(updates + piece * width));
-        fields.set(end + 1, fields.byte(updates + piece * width + 1));
+        fields.set(end, fields.byte(updateSequence + piece * width));
+        fields.set(end + 1, fields.byte(updateSequence + piece * width + 1));
     }
     return true;
 }
@@ -157,13 +157,14 @@ std::optional<std::vector<Run>> readRuns(const Fields& fields, std::size_t from,
     std::int64_t cluster = 0;
     for (std::size_t at = from; at < end && fields.byte(at) != 0;) {
         const std::size_t countWidth = fields.byte(at) & lowHalf;
-        const std::size_t wayWidth = fields.byte(at) >> half;
-        const std::size_t next = at + 1 + countWidth + wayWidth;
-        if (countWidth == 0 || countWidth > widest || wayWidth == 0 || wayWidth > widest || next > end) {
+        const std::size_t distanceWidth = fields.byte(at) >> half;
+        const std::size_t next = at + 1 + countWidth + distanceWidth;
+        if (countWidth == 0 || countWidth > widest || distanceWidth == 0 || distanceWidth > widest ||
+            next > end) {
             return std::nullopt;
         }
         const std::uint64_t count = fields.little({at + 1, countWidth});
-        cluster += signedLittle(fields, {at + 1 + countWidth, wayWidth});
+        cluster += signedLittle(fields, {at + 1 + countWidth, distanceWidth});
         if (cluster < 0 || static_cast<std::uint64_t>(cluster) > clusters ||
             count > clusters - static_cast<std::uint64_t>(cluster)) {
             return std::nullopt;
@@ -177,8 +178,8 @@ std::optional<std::vector<Run>> readRuns(const Fields& fields, std::size_t from,
 std::optional<Content> readContent(const Fields& fields, std::size_t at, std::size_t length,
                                    std::uint64_t clusters) {
     const auto value = [&](Field field) { return fields.little({at + field.offset, field.width}); };
-    const std::uint64_t runs = length < attribute::outerSize ? length : value(attribute::runs);
-    if (runs >= length || value(attribute::isOutside) != 1 || value(attribute::flags) != 0 ||
+    const std::uint64_t runs = length < attribute::nonResidentHeaderSize ? length : value(attribute::runs);
+    if (runs >= length || value(attribute::isNonResident) != 1 || value(attribute::flags) != 0 ||
         value(attribute::firstCluster) != 0) {
         return std::nullopt;
     }

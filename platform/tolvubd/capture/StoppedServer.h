@@ -20,7 +20,7 @@ namespace tolvubd {
 ///
 /// Owns:    descriptors of the server's /proc directory and of the device. Not the stop, which only `end`
 ///          undoes.
-/// Threads: one at a time; `end` also in a forked copy of the process.
+/// Threads: one at a time; `end` also in a forked child process.
 /// Fails:   std::system_error; the server is then as it was before.
 class StoppedServer : public Hold {
 public:

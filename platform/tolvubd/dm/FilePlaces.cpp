@@ -200,7 +200,7 @@ bool isLockedFile(const std::string& path) {
     return ::access(path.c_str(), F_OK) == 0 && isLocked(openThere(path));
 }
 
-void releaseFile(const std::string& path) {
+void unlockFile(const std::string& path) {
     if (::access(path.c_str(), F_OK) != 0 && errno == ENOENT) {
         return;
     }

@@ -11,7 +11,7 @@ namespace tolvubd::dm {
 inline constexpr std::size_t mostPieces = 256;
 
 /// Creates a file whose space is all reserved on disk, and which can't be changed, moved or removed until
-/// releaseFile. Returns where it lies on its volume, in the order of the file; all numbers are multiples of
+/// unlockFile. Returns where it lies on its volume, in the order of the file; all numbers are multiples of
 /// 4096 bytes.
 ///
 /// Fails: EEXIST when the path exists; ENOSPC; EOPNOTSUPP when the file system can't reserve the space, can't
@@ -25,7 +25,7 @@ void lockFile(const std::string& path);
 /// Whether the file exists and is locked.
 bool isLockedFile(const std::string& path);
 /// Unlocks the file, so that it can be changed and removed; does nothing when it doesn't exist.
-void releaseFile(const std::string& path);
+void unlockFile(const std::string& path);
 /// The part of a file that begins at `skip` and has `length` bytes. Throws EINVAL when the file ends before.
 std::vector<Extent> partOf(const std::vector<Extent>& places, std::uint64_t skip, std::uint64_t length);
 

@@ -18,23 +18,23 @@ namespace tolvubd::dm {
 /// beforehand.
 ///
 /// Owns:    a descriptor of /dev/mapper/control; the lock on the process's memory, from `begin` on.
-/// Threads: one at a time, and the same one from `begin` on; `end` also in a forked copy of the process.
+/// Threads: one at a time, and the same one from `begin` on; `end` also in a forked child process.
 /// Fails:   as Hold does. EBUSY when another program has frozen the file system or suspended the device.
 class SuspendedDevice : public Hold {
 public:
-    /// resumeInside resumes the devices `inside`, in this order, which makes their loaded tables live. `end`
+    /// resumeInnerDevices resumes `innerDevices`, in this order, which makes their loaded tables live. `end`
     /// resumes the device itself, with the table that was loaded for it. If that table can't work, for
-    /// example because the era metadata is full, `end` loads `otherwise` instead, so that the volume doesn't
-    /// stay held.
-    SuspendedDevice(const Device& device, Visibility visibility, const std::vector<Device>& inside,
-                    const Targets& otherwise = {});
+    /// example because the era metadata is full, `end` loads `fallbackTable` instead, so that the volume
+    /// doesn't stay held.
+    SuspendedDevice(const Device& device, Visibility visibility, const std::vector<Device>& innerDevices,
+                    const Targets& fallbackTable = {});
 
     void begin() override;
-    void resumeInside();
+    void resumeInnerDevices();
     /// When `begin` started to suspend the device.
     [[nodiscard]] std::chrono::steady_clock::time_point heldSince() const noexcept { return since; }
     bool end() noexcept override;
-    void enterCopy() noexcept override;
+    void enterChild() noexcept override;
     [[nodiscard]] int descriptor() const noexcept override { return control.get(); }
 
 private:
@@ -42,12 +42,12 @@ private:
     [[nodiscard]] bool isSuspended() noexcept;
 
     os::FileDescriptor control;
-    ControlRequest ask;
+    ControlRequest queryStatus;
     ControlRequest suspend;
     ControlRequest resume;
-    ControlRequest loadOtherwise;
-    bool hasOtherwise;
-    std::vector<ControlRequest> inside;
+    ControlRequest loadFallback;
+    bool hasFallback;
+    std::vector<ControlRequest> innerDevices;
     std::optional<MemoryLock> memory;
     std::chrono::steady_clock::time_point since;
 };

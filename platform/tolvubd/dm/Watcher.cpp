@@ -38,11 +38,11 @@ class Watch {
 public:
     Watch(const Device& volume, const Device& snapshot);
 
-    [[noreturn]] void live() noexcept;
+    [[noreturn]] void run() noexcept;
 
 private:
-    [[nodiscard]] bool isAsBefore() noexcept;
-    [[nodiscard]] bool isWhole() const noexcept;
+    [[nodiscard]] bool isTableUnchanged() noexcept;
+    [[nodiscard]] bool isSnapshotValid() const noexcept;
     [[nodiscard]] bool putError() noexcept;
     void waitForEvent() const noexcept;
 
@@ -52,7 +52,7 @@ private:
     ControlRequest status; ///< of the snapshot
     ControlRequest loadError;
     ControlRequest resume;
-    std::vector<std::byte> before;
+    std::vector<std::byte> originalTable;
 };
 
 // Doesn't freeze a file system when the table is exchanged: that could only be a mount of the snapshot, which
@@ -69,23 +69,23 @@ Watch::Watch(const Device& volume, const Device& snapshot)
     if (!table.send(control.get())) {
         failWithErrno("read the table of the volume");
     }
-    before.assign(table.answer().begin(), table.answer().end());
-    if (before.empty()) {
+    originalTable.assign(table.responseData().begin(), table.responseData().end());
+    if (originalTable.empty()) {
         fail(E2BIG, "read the table of the volume");
     }
 }
 
-bool Watch::isAsBefore() noexcept {
-    return table.send(control.get()) && std::ranges::equal(table.answer(), before);
+bool Watch::isTableUnchanged() noexcept {
+    return table.send(control.get()) && std::ranges::equal(table.responseData(), originalTable);
 }
 
 /// The status of a valid snapshot begins with the number of sectors used; that of any other is a word.
-bool Watch::isWhole() const noexcept {
-    const std::span<const std::byte> answer = status.answer();
-    if (answer.size() <= sizeof(dm_target_spec)) {
+bool Watch::isSnapshotValid() const noexcept {
+    const std::span<const std::byte> response = status.responseData();
+    if (response.size() <= sizeof(dm_target_spec)) {
         return false;
     }
-    const auto first = static_cast<char>(answer[sizeof(dm_target_spec)]);
+    const auto first = static_cast<char>(response[sizeof(dm_target_spec)]);
     return first >= '0' && first <= '9';
 }
 
@@ -102,15 +102,15 @@ void Watch::waitForEvent() const noexcept {
     }
 }
 
-void Watch::live() noexcept {
-    companion::settle("tolvubd-watch", control.get(), events.get());
-    companion::letIn(SIGTERM);
+void Watch::run() noexcept {
+    companion::prepareChild("tolvubd-watch", control.get(), events.get());
+    companion::unblockSignal(SIGTERM);
     while (true) {
         const bool isThere = status.send(control.get());
         if (!isThere && errno == ENXIO) {
             ::_exit(0);
         }
-        if ((!isThere || !isWhole() || !isAsBefore()) && putError()) {
+        if ((!isThere || !isSnapshotValid() || !isTableUnchanged()) && putError()) {
             ::_exit(1);
         }
         waitForEvent();
@@ -121,11 +121,11 @@ void Watch::live() noexcept {
 
 void startWatcher(const Device& volume, const Device& snapshot) {
     Watch watch(volume, snapshot);
-    const pid_t child = checked(companion::start(), "start the watcher");
+    const pid_t child = checked(companion::forkHidden(), "start the watcher");
     if (child == 0) {
-        const pid_t watcher = companion::start();
+        const pid_t watcher = companion::forkHidden();
         if (watcher == 0) {
-            watch.live();
+            watch.run();
         }
         ::_exit(watcher < 0 ? errno : 0);
     }

@@ -99,7 +99,7 @@ std::vector<era::Writeset> EraMetadata::writesetsSince(era::BlockReader& reader,
     return sets;
 }
 
-bool wasEraStopped(std::span<const std::byte, era::blockSize> superblock) {
+bool wasEraShutDown(std::span<const std::byte, era::blockSize> superblock) {
     return era::superblockIn(era::Block(superblock), 0).current.root == 0;
 }
 

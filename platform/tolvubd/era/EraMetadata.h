@@ -52,7 +52,7 @@ private:
 /// Whether the target was shut down in order, according to its superblock: that ends the current era, so
 /// there is no current writeset any more. A target in use always has one, and so has a target that was
 /// running when the power failed. Throws EBADMSG for a block that isn't sound.
-bool wasEraStopped(std::span<const std::byte, era::blockSize> superblock);
+bool wasEraShutDown(std::span<const std::byte, era::blockSize> superblock);
 
 /// The era target's block size for a volume of this size, in sectors of 512 bytes. It is 8 (4 KiB) up to 256
 /// GiB, and doubles above that to keep the number of blocks within 2^26, whose metadata takes 1 GiB. It is

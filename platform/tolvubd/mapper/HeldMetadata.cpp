@@ -1,6 +1,6 @@
 #include "mapper/HeldMetadata.h"
 
-#include "Tidying.h"
+#include "TryTo.h"
 
 namespace tolvubd {
 

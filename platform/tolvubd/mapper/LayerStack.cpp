@@ -159,11 +159,11 @@ void LayerStack::createSnapshot(const Layers& layers, Store store) {
     dm::load(require(id, midLayer), {{0, size, "snapshot-origin", nameOf(lower)}});
 }
 
-void LayerStack::loadTop(const dm::Device& volume, const Layers& layers) {
+void LayerStack::loadEraTarget(const dm::Device& volume, const Layers& layers) {
     dm::load(volume, eraTarget(id, layers));
 }
 
-std::vector<dm::Device> LayerStack::inside() const {
+std::vector<dm::Device> LayerStack::innerDevices() const {
     return {require(id, snapshotLayer), require(id, midLayer)};
 }
 
@@ -181,13 +181,13 @@ void LayerStack::endSnapshot() {
     removeIfThere(id, cowLayer);
 }
 
-void LayerStack::giveBack() {
+void LayerStack::restoreOwnTable() {
     removeIfThere(id, formatLayer);
-    if (!top()) {
+    if (!eraDevice()) {
         return;
     }
-    const LvmLock lock(*top());
-    if (const auto volume = top()) { // LVM may have exchanged the table before the lock was taken
+    const LvmLock lock(*eraDevice());
+    if (const auto volume = eraDevice()) { // LVM may have exchanged the table before the lock was taken
         dm::load(*volume, targetsOf(id, lowerLayer));
         HoldGuard guard(
             std::make_unique<dm::SuspendedDevice>(*volume, dm::Visibility::shown, std::vector<dm::Device>{}));
@@ -195,8 +195,8 @@ void LayerStack::giveBack() {
     }
 }
 
-void LayerStack::takeApart() {
-    giveBack();
+void LayerStack::removeLayers() {
+    restoreOwnTable();
     for (const dm::Device& holder : holders()) { // those with a table that is loaded, but never became live
         dm::clear(holder);
     }
@@ -211,7 +211,7 @@ std::vector<dm::Device> LayerStack::holders() const {
     return meta ? holdersOf(*meta) : std::vector<dm::Device>{};
 }
 
-void LayerStack::letGo() const {
+void LayerStack::resumeIfSuspended() const {
     for (const dm::Device& holder : holders()) {
         if (dm::stateOf(holder).isSuspended) {
             dm::resume(holder, dm::Visibility::shown);
@@ -245,7 +245,7 @@ int LayerStack::check(const Layers& layers, Mode mode) const {
 }
 
 std::uint32_t LayerStack::era() const {
-    const auto volume = top();
+    const auto volume = eraDevice();
     if (!volume) {
         fail(ESTALE, "the volume has no era target");
     }
@@ -253,7 +253,7 @@ std::uint32_t LayerStack::era() const {
 }
 
 std::vector<bool> LayerStack::writtenSince(std::uint32_t first) const {
-    const auto volume = top();
+    const auto volume = eraDevice();
     if (!volume) {
         fail(ESTALE, "the volume has no era target");
     }
@@ -286,7 +286,7 @@ dm::Device LayerStack::lower() const {
     return require(id, lowerLayer);
 }
 
-std::optional<dm::Device> LayerStack::top() const {
+std::optional<dm::Device> LayerStack::eraDevice() const {
     const auto meta = find(id, metaLayer);
     if (!meta) {
         return std::nullopt;

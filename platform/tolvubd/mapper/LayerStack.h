@@ -21,10 +21,10 @@ namespace tolvubd {
 ///
 /// All state is in the kernel, where the devices are found by the UUID of the tracking.
 ///
-/// Owns:    nothing: the devices stay until takeApart.
+/// Owns:    nothing: the devices stay until removeLayers.
 /// Threads: one at a time for a volume.
 /// Fails:   std::system_error with the kernel's errno. Devices created before the failure stay until
-///          takeApart.
+///          removeLayers.
 class LayerStack {
 public:
     explicit LayerStack(std::string id);
@@ -49,18 +49,18 @@ public:
     enum class Store { isNew, isKept };
     void createSnapshot(const Layers& layers, Store store);
     /// Loads the era target as the volume's new table, which becomes live when the volume is resumed.
-    void loadTop(const dm::Device& volume, const Layers& layers);
+    void loadEraTarget(const dm::Device& volume, const Layers& layers);
     /// The devices to be resumed while the volume is suspended, in this order.
-    [[nodiscard]] std::vector<dm::Device> inside() const;
+    [[nodiscard]] std::vector<dm::Device> innerDevices() const;
 
     /// Resumes a volume that a dead process has left suspended.
-    void letGo() const;
+    void resumeIfSuspended() const;
     /// Goes back from a snapshot to tracking alone; does nothing if there is no snapshot.
     void endSnapshot();
     /// Gives the volume its own table back, if it has ours. This ends the tracking.
-    void giveBack();
-    /// Calls giveBack and removes the devices. Throws EBUSY when the snapshot is in use.
-    void takeApart();
+    void restoreOwnTable();
+    /// Calls restoreOwnTable and removes the devices. Throws EBUSY when the snapshot is in use.
+    void removeLayers();
 
     /// Checks the layers; returns 0 or an errno. ENXIO: a device is missing. ESTALE: the volume has another
     /// table than ours, or LVM says that it lies elsewhere. ENOSPC: the snapshot's store has overflowed.
@@ -76,7 +76,7 @@ public:
     [[nodiscard]] dm::Device snapshot() const;
     [[nodiscard]] dm::Device lower() const;
     /// The device that has the era target of this tracking as its table; none if there isn't one.
-    [[nodiscard]] std::optional<dm::Device> top() const;
+    [[nodiscard]] std::optional<dm::Device> eraDevice() const;
 
 private:
     [[nodiscard]] std::vector<dm::Device> holders() const;

@@ -5,7 +5,7 @@
 #include "Layout.h"
 #include "SnapshotNode.h"
 #include "SystemLog.h"
-#include "Tidying.h"
+#include "TryTo.h"
 #include "Uuid.h"
 #include "capture/FrozenFileSystem.h"
 #include "dm/FilePlaces.h"
@@ -16,9 +16,9 @@
 #include "mapper/FreshGroups.h"
 #include "mapper/LvmCheck.h"
 #include "mapper/LvmLock.h"
-#include "mapper/Moment.h"
 #include "mapper/OwnFiles.h"
 #include "mapper/Sealing.h"
+#include "mapper/SnapshotTaking.h"
 #include "mapper/Targets.h"
 
 #include <algorithm>
@@ -56,12 +56,12 @@ void show(const LayerStack& stack, Device& device) {
     if (!stack.room()) {
         fail(ENOSPC, "the store of the snapshot is full already");
     }
-    device.layers->groups = groupsInUse(openSnapshot(stack), device.size);
+    device.layers->usedGroups = groupsInUse(openSnapshot(stack), device.size);
     showReadOnly(stack, device.minor);
 }
 
 /// Makes all reads of a snapshot fail that may be inconsistent.
-void putErrorUnder(const LayerStack& stack) {
+void failSnapshotReads(const LayerStack& stack) {
     const dm::Device snapshot = stack.snapshot();
     const dm::Targets targets = dm::liveTable(snapshot);
     if (targets.size() == 1 && targets[0].type != "error") {
@@ -92,26 +92,26 @@ bool isBroken(const Device& device) {
 
 /// Gives the volume its own table back, so that programs don't depend on broken layers. While there is a
 /// snapshot, its device stays with the target "error" until the snapshot ends.
-void abandon(const Device& device) {
+void detachBrokenLayers(const Device& device) {
     LayerStack stack(device.layers->id);
     if (device.mode == Mode::tracking) {
-        stack.takeApart();
+        stack.removeLayers();
     } else if (stack.isPresent()) {
-        putErrorUnder(stack);
-        stack.giveBack();
+        failSnapshotReads(stack);
+        stack.restoreOwnTable();
     }
 }
 
-void bringTo(const Device& device) {
+void reconcileDevice(const Device& device) {
     if (isBroken(device)) {
-        abandon(device);
+        detachBrokenLayers(device);
         return;
     }
     LayerStack stack(device.layers->id);
     if (device.mode == Mode::tracking) {
         stack.endSnapshot();
     } else if (device.layers->error != 0) {
-        putErrorUnder(stack);
+        failSnapshotReads(stack);
     }
     renewSeal(stack, device);
 }
@@ -162,15 +162,15 @@ void MapperBackEnd::takeFirst(const SnapshotPlan& plan, Device& device) {
         fail(EOPNOTSUPP, "LVM says that " + plan.volume.path + " lies elsewhere");
     }
     stack.formatEra(*device.layers);
-    stack.loadTop(volume, *device.layers);
-    takeMoment(plan, stack, device);
+    stack.loadEraTarget(volume, *device.layers);
+    takeSnapshot(plan, stack, device);
     show(stack, device);
 }
 
 void MapperBackEnd::takeNext(const SnapshotPlan& plan, const Device& before, const std::string& closed,
                              Device& after) {
     if (before.layers->id != after.layers->id) { // the layers are new, so everything counts as changed
-        LayerStack(before.layers->id).takeApart();
+        LayerStack(before.layers->id).removeLayers();
         takeFirst(plan, after);
         writeRecord(closed, before.snapshot, changedUnits({}, after.layers->blockSectors, {}, after.size),
                     after.size);
@@ -183,10 +183,10 @@ void MapperBackEnd::takeNext(const SnapshotPlan& plan, const Device& before, con
         // blocks may belong to another volume.
         const LvmLock lock(LayerStack::volumeOf(*after.layers));
         requireSound(plan, stack, *after.layers, Mode::tracking);
-        takeMoment(plan, stack, after);
+        takeSnapshot(plan, stack, after);
     }
-    const std::vector<Extent> fresh = freshGroups(openSnapshot(stack), after.size, before.layers->groups);
-    const std::vector<bool> written = stack.writtenSince(before.layers->firstEra);
+    const std::vector<Extent> fresh = freshGroups(openSnapshot(stack), after.size, before.layers->usedGroups);
+    const std::vector<bool> written = stack.writtenSince(before.layers->snapshotEra);
     requireSound(plan, stack, *after.layers, after.mode);
     writeRecord(closed, before.snapshot, changedUnits(written, after.layers->blockSectors, fresh, after.size),
                 after.size);
@@ -200,15 +200,15 @@ void MapperBackEnd::noteEnd(Device& device) {
         fail(layers.error, "the snapshot of " + device.blockDevice);
     }
     if (layers.error == ENOSPC) {
-        noteNeed(layers, bytesIn(layers.cowStore));
+        recordPreserved(layers, bytesIn(layers.cowStore));
     } else if (const auto room = LayerStack(layers.id).room()) {
-        noteNeed(layers, room->used);
+        recordPreserved(layers, room->used);
     }
     layers.error = 0;
 }
 
 void MapperBackEnd::release(const Device& device) {
-    LayerStack(device.layers->id).takeApart();
+    LayerStack(device.layers->id).removeLayers();
 }
 
 void MapperBackEnd::reload(const Volume& volume, Device& device) {
@@ -239,11 +239,11 @@ void MapperBackEnd::examine(Table& table) {
     }
 }
 
-/// Each step is tried on its own, so that a broken volume doesn't keep the others from being tidied.
-void MapperBackEnd::tidy(const Table& table) {
+/// Each step is tried on its own, so that a broken volume doesn't keep the others from being reconciled.
+void MapperBackEnd::reconcile(const Table& table) {
     for (const Unfinished& unfinished : table.unfinished) {
         if (!unfinished.layers.empty()) {
-            tryTo("let a volume go on", [&] { LayerStack(unfinished.layers).letGo(); });
+            tryTo("let a volume go on", [&] { LayerStack(unfinished.layers).resumeIfSuspended(); });
         }
     }
     std::set<std::string> known;
@@ -256,15 +256,16 @@ void MapperBackEnd::tidy(const Table& table) {
     for (const Device& device : table.devices) {
         if (owns(device)) {
             known.insert(device.layers->id);
-            tryTo("bring the layers of " + device.blockDevice + " to their state", [&] { bringTo(device); });
+            tryTo("bring the layers of " + device.blockDevice + " to their state",
+                  [&] { reconcileDevice(device); });
         }
     }
     for (const std::string& id : LayerStack::present()) {
         if (!known.contains(id)) {
-            tryTo("take the layers " + id + " apart", [&] { LayerStack(id).takeApart(); });
+            tryTo("take the layers " + id + " apart", [&] { LayerStack(id).removeLayers(); });
         }
     }
-    tryTo("note what is to be put back at the next start", [&] { noteForStart(table); });
+    tryTo("note what is to be put back at the next start", [&] { updateBootRecord(table); });
 }
 
 } // namespace tolvubd

@@ -10,9 +10,9 @@ namespace tolvubd {
 ///
 /// The state of a device is in three places: the caller's table, the kernel, and the seal in `.tolvu.era`,
 /// which counts after a restart of the machine. The table is written first. If the kernel's devices differ
-/// from it, `tidy` corrects them and rewrites the seals.
+/// from it, `reconcile` corrects them and rewrites the seals.
 ///
-/// Owns:    nothing in memory; device-mapper devices stay until `release` or `tidy` removes them.
+/// Owns:    nothing in memory; device-mapper devices stay until `release` or `reconcile` removes them.
 /// Threads: one at a time; the caller holds the driver's lock.
 /// Fails:   std::system_error; EOPNOTSUPP when the volume can't have layers, and must be captured.
 class MapperBackEnd : public IBackEnd {
@@ -29,7 +29,7 @@ public:
     void release(const Device& device) override;
     void reload(const Volume& volume, Device& device) override;
     void examine(Table& table) override;
-    void tidy(const Table& table) override;
+    void reconcile(const Table& table) override;
 };
 
 } // namespace tolvubd

@@ -28,12 +28,12 @@ void removeLockedFile(const std::string& path);
 bool isCowFile(const std::string& path);
 /// Whether an ended tracking has left files on the volume: `.tolvu.era`, or a CoW file at the path of the new
 /// one.
-bool hasLeftOvers(const PathOnVolume& cow);
+bool hasStaleFiles(const PathOnVolume& cow);
 /// Removes what an ended tracking has left on a volume without layers: those files, and the space that they
 /// use, would be in the way of new ones.
-void removeLeftOvers(const PathOnVolume& cow);
+void removeStaleFiles(const PathOnVolume& cow);
 /// The same for a volume that gets no layers. Keeps the CoW file, but unlocks it, because the new one
 /// replaces it.
-void releaseLeftOvers(const PathOnVolume& cow);
+void unlockStaleFiles(const PathOnVolume& cow);
 
 } // namespace tolvubd

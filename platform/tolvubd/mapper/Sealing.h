@@ -10,6 +10,6 @@ void renewSeal(const LayerStack& stack, const Device& device);
 /// Whether the seal was written since this start of the machine, for this state of the device.
 bool isSealed(const LayerStack& stack, const Device& device);
 /// Updates the boot record to the devices of the table.
-void noteForStart(const Table& table);
+void updateBootRecord(const Table& table);
 
 } // namespace tolvubd

@@ -59,7 +59,7 @@ Reason reasonOfTable(const dm::Targets& targets) {
 } // namespace
 
 // The cheap checks come first; the check of the kernel may load modules.
-std::optional<std::string> reasonAgainstLayers(const Volume& volume) {
+std::optional<std::string> unsupportedReason(const Volume& volume) {
     try {
         const auto device = dm::findByNumber(volume.number);
         if (!device) {

@@ -108,7 +108,7 @@ void writeBootRecord(const std::string& path, const BootRecord& record) {
     }
     makeDirectory(directoryOf(path));
     constexpr unsigned ownerWrites = 0644;
-    replaceFile(path, text, ownerWrites);
+    replaceFileDurably(path, text, ownerWrites);
 }
 
 } // namespace tolvubd

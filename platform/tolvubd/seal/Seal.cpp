@@ -59,7 +59,7 @@ json fromFingerprint(const Fingerprint& fingerprint) {
 
 std::string textOf(const Seal& seal) {
     json object = {{"end", ends.at(static_cast<std::size_t>(seal.end))},
-                   {"start", seal.start},
+                   {"start", seal.bootId},
                    {"device", json::parse(writeDevice(seal.device))}};
     if (seal.fingerprint) {
         object["fingerprint"] = fromFingerprint(*seal.fingerprint);
@@ -147,7 +147,7 @@ std::optional<Seal> readSeal(const os::FileDescriptor& device, const std::vector
     return seal && seal->device.layers && seal->device.layers->id == id ? seal : std::nullopt;
 }
 
-std::string thisStart() {
+std::string currentBootId() {
     std::string name = readToEnd("/proc/sys/kernel/random/boot_id");
     while (name.ends_with('\n')) {
         name.pop_back();

@@ -21,7 +21,7 @@ struct Seal {
     };
 
     End end = End::open;
-    std::string start; ///< the kernel's boot_id when the seal was written
+    std::string bootId; ///< the kernel's boot_id when the seal was written
     Device device;
     std::optional<Fingerprint> fingerprint;
 
@@ -40,6 +40,6 @@ std::optional<Seal> readSeal(const os::FileDescriptor& device, const std::vector
                              const std::string& id);
 
 /// The kernel's boot_id of this start of the machine.
-std::string thisStart();
+std::string currentBootId();
 
 } // namespace tolvubd

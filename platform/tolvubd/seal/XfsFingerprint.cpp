@@ -104,7 +104,7 @@ std::optional<Fingerprint> readXfsFingerprint(const os::FileDescriptor& device, 
     }
     const std::string uuid = uuidAt(super, super_block::uuid);
     std::ostringstream content;
-    content << uuid << " log " << head->round << ':' << head->block << " record " << head->checksum
+    content << uuid << " log " << head->cycle << ':' << head->block << " record " << head->checksum
             << " groups " << *groups;
     return Fingerprint{"xfs", uuid, content.str(), head->isUnmounted};
 }

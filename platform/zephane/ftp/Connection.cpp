@@ -43,7 +43,7 @@ Status ZephaneFTPClient::Connection::open() {
         connect();
         return {};
     } catch (...) {
-        return explain(failureOf(std::current_exception()));
+        return endWithStatus(failureOf(std::current_exception()));
     }
 }
 
@@ -60,8 +60,8 @@ void ZephaneFTPClient::Connection::connect() {
 }
 
 std::int64_t ZephaneFTPClient::Connection::seek(std::int64_t to, int whence) {
-    if (broken || !image) {
-        errno = broken ? EIO : ENOTCONN;
+    if (endStatus || !image) {
+        errno = endStatus ? EIO : ENOTCONN;
         return -1;
     }
     if (whence != 0 || to < 0 || static_cast<std::uint64_t>(to) > imageSize) {
@@ -74,14 +74,14 @@ std::int64_t ZephaneFTPClient::Connection::seek(std::int64_t to, int whence) {
 
 std::int64_t ZephaneFTPClient::Connection::read(void* data, std::size_t length, Status& status) {
     const std::uint64_t begin = position;
-    status = attempt([&] { readAll({static_cast<std::uint8_t*>(data), length}); });
+    status = runGuarded([&] { readAll({static_cast<std::uint8_t*>(data), length}); });
     return static_cast<std::int64_t>(position - begin);
 }
 
 std::int64_t ZephaneFTPClient::Connection::write(const void* data, std::size_t length, int options,
                                                  Status& status) {
     const std::uint64_t begin = position;
-    status = attempt([&] {
+    status = runGuarded([&] {
         requireWritable();
         if (options != 0) {
             throw CallError(EINVAL, "there are no options of writing");
@@ -92,38 +92,39 @@ std::int64_t ZephaneFTPClient::Connection::write(const void* data, std::size_t l
 }
 
 Status ZephaneFTPClient::Connection::punchHole(std::uint64_t length) {
-    return attempt([&] {
+    return runGuarded([&] {
         requireWritable();
-        punch(length);
+        queueHole(length);
     });
 }
 
 Status ZephaneFTPClient::Connection::close() {
-    if (broken) {
-        return *broken;
+    if (endStatus) {
+        return *endStatus;
     }
     if (!image) {
-        return lost ? statusOf(*lost) : Status{Status::alreadyClosed, "there is nothing to close"};
+        return flushFailure ? statusOf(*flushFailure)
+                            : Status{Status::alreadyClosed, "there is nothing to close"};
     }
-    Status status = attempt([this] { image->settle(); });
-    const Status flushed = attempt([this] { flush(); });
-    if (!broken) {
-        sayGoodBye();
+    Status status = runGuarded([this] { image->awaitHoles(); });
+    const Status flushed = runGuarded([this] { flush(); });
+    if (!endStatus) {
+        disconnect();
     }
     return status.code != 0 ? status : flushed;
 }
 
 /// All data is flushed by now, so a failure here doesn't matter.
-void ZephaneFTPClient::Connection::sayGoodBye() {
-    attempt([this] { image->end(); });
-    broken.reset();
+void ZephaneFTPClient::Connection::disconnect() {
+    runGuarded([this] { image->end(); });
+    endStatus.reset();
     image.reset();
     session->end();
 }
 
-Status ZephaneFTPClient::Connection::attempt(const std::function<void()>& work) {
-    if (broken) {
-        return *broken;
+Status ZephaneFTPClient::Connection::runGuarded(const std::function<void()>& work) {
+    if (endStatus) {
+        return *endStatus;
     }
     if (!image) {
         return {-ENOTCONN, "the client isn't connected"};
@@ -134,15 +135,15 @@ Status ZephaneFTPClient::Connection::attempt(const std::function<void()>& work) 
     } catch (...) {
         const Failure failure = failureOf(std::current_exception());
         if (!image->isAlive() || session->hasEnded()) {
-            broken = explain(failure);
+            endStatus = endWithStatus(failure);
         }
-        return broken.value_or(statusOf(failure));
+        return endStatus.value_or(statusOf(failure));
     }
 }
 
 /// Ends the connection. The failure that had ended it before says more than what the call saw, so it is
 /// added.
-Status ZephaneFTPClient::Connection::explain(const Failure& failure) {
+Status ZephaneFTPClient::Connection::endWithStatus(const Failure& failure) {
     image.reset();
     const std::optional<Failure> reason = session ? session->end() : std::nullopt;
     if (!reason || reason->text == failure.text) {
@@ -155,7 +156,7 @@ void ZephaneFTPClient::Connection::readAll(std::span<std::uint8_t> data) {
     if (data.empty()) {
         return;
     }
-    image->settle();
+    image->awaitHoles();
     flush(); // what is read must be what is stored
     data = data.first(std::min<std::uint64_t>(data.size(), imageSize - position));
     while (!data.empty()) {
@@ -170,7 +171,7 @@ void ZephaneFTPClient::Connection::writeAll(std::span<const std::uint8_t> data) 
     if (data.empty()) {
         return;
     }
-    image->settle();
+    image->awaitHoles();
     if (position == imageSize) {
         throw CallError(ENOSPC, "the image ends here");
     }
@@ -195,20 +196,20 @@ void ZephaneFTPClient::Connection::writePart(std::span<const std::uint8_t> part)
     }
 }
 
-void ZephaneFTPClient::Connection::punch(std::uint64_t length) {
+void ZephaneFTPClient::Connection::queueHole(std::uint64_t length) {
     if (length > imageSize - position) {
         throw CallError(EINVAL, "the hole would end behind the image");
     }
     unflushed.add(position, length);
-    image->punch(position, length);
+    image->queueHole(position, length);
     position += length;
 }
 
 /// After a failed flush, earlier writes can't be relied on even if a later flush succeeds: a kernel discards
 /// data that it couldn't write back.
 void ZephaneFTPClient::Connection::flush() {
-    if (lost) {
-        throw CallError(lost->error, lost->text);
+    if (flushFailure) {
+        throw CallError(flushFailure->error, flushFailure->text);
     }
     if (unflushed.isEmpty()) {
         return;
@@ -216,7 +217,7 @@ void ZephaneFTPClient::Connection::flush() {
     try {
         image->flush();
     } catch (...) {
-        lost = failureOf(std::current_exception());
+        flushFailure = failureOf(std::current_exception());
         throw;
     }
     unflushed.clear();

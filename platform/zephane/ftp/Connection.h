@@ -3,7 +3,7 @@
 #include "zephane/ftp/DifferingRuns.h"
 #include "zephane/ftp/Failure.h"
 #include "zephane/ftp/Session.h"
-#include "zephane/ftp/Unflushed.h"
+#include "zephane/ftp/UnflushedRange.h"
 #include "zephane/ftp/ZephaneFTPClient.h"
 #include "zephane/nbd/NbdImage.h"
 
@@ -35,14 +35,14 @@ public:
 
 private:
     void connect();
-    Status attempt(const std::function<void()>& work);
-    Status explain(const Failure& failure);
-    void sayGoodBye();
+    Status runGuarded(const std::function<void()>& work);
+    Status endWithStatus(const Failure& failure);
+    void disconnect();
 
     void readAll(std::span<std::uint8_t> data);
     void writeAll(std::span<const std::uint8_t> data);
     void writePart(std::span<const std::uint8_t> part);
-    void punch(std::uint64_t length);
+    void queueHole(std::uint64_t length);
     void flush();
     void requireWritable() const;
 
@@ -62,9 +62,9 @@ private:
         image; ///< while the connection works; declared after the session, to be destroyed first
     std::uint64_t imageSize = 0; ///< bytes
     std::uint64_t position = 0;  ///< bytes, at most imageSize
-    Unflushed unflushed;
-    std::optional<Failure> lost;  ///< why data written before may not be on stable storage
-    std::optional<Status> broken; ///< why the connection has ended
+    UnflushedRange unflushed;
+    std::optional<Failure> flushFailure; ///< why data written before may not be on stable storage
+    std::optional<Status> endStatus;     ///< why the connection has ended
 };
 
 } // namespace zephane

@@ -68,7 +68,7 @@ private:
     Filters filtersFor(std::uint64_t flags);
     Local makeLocal();
     void send(const wire::Bytes& request);
-    void take(wire::FrameKind kind, std::span<const std::uint8_t> payload);
+    void handleFrame(wire::FrameKind kind, std::span<const std::uint8_t> payload);
     void announce(std::uint64_t flags);
     void finish(const std::exception_ptr& exception);
     void stop();
@@ -122,7 +122,7 @@ asio::awaitable<void> Session::Conversation::converse() {
     }
     relay.emplace(
         transport, filtersFor(verdict.granted), makeLocal(),
-        [this](auto kind, auto payload) { take(kind, payload); }, patience);
+        [this](auto kind, auto payload) { handleFrame(kind, payload); }, patience);
     step = "the connection broke";
     announce(verdict.granted);
     co_await relay->run();
@@ -215,7 +215,7 @@ void Session::Conversation::send(const wire::Bytes& request) {
     relay->send(wire::FrameKind::digestRequest, request);
 }
 
-void Session::Conversation::take(wire::FrameKind kind, std::span<const std::uint8_t> payload) {
+void Session::Conversation::handleFrame(wire::FrameKind kind, std::span<const std::uint8_t> payload) {
     if (kind != wire::FrameKind::digestAnswer || !std::exchange(isAsked, false)) {
         throw wire::ProtocolError("the server sends a frame that nobody has asked for");
     }

@@ -58,8 +58,8 @@ public:
     nbd_handle* use();
     /// Waits until the server has answered the request with this cookie.
     void await(std::int64_t cookie, const Request& request);
-    void punch(const Request& request);
-    void settle();
+    void queueHole(const Request& request);
+    void awaitHoles();
     void end();
     void checkRange(const Request& request) const;
     void checkSize(const Request& request) const;
@@ -163,12 +163,12 @@ void NbdImage::Connection::await(std::int64_t cookie, const Request& request) {
     }
 }
 
-void NbdImage::Connection::punch(const Request& request) {
+void NbdImage::Connection::queueHole(const Request& request) {
     if (holes.size() == holesAtOnce) {
         awaitOldestHole();
     }
     if (!isAlive()) {
-        settle();
+        awaitHoles();
     }
     const std::int64_t cookie = nbd_aio_zero(use(), request.length, request.offset, NBD_NULL_COMPLETION, 0);
     if (cookie < 0) {
@@ -192,7 +192,7 @@ void NbdImage::Connection::awaitOldestHole() {
     }
 }
 
-void NbdImage::Connection::settle() {
+void NbdImage::Connection::awaitHoles() {
     while (!holes.empty()) {
         awaitOldestHole();
     }
@@ -282,18 +282,18 @@ void NbdImage::write(std::span<const std::uint8_t> data, std::uint64_t offset) {
     }
 }
 
-void NbdImage::punch(std::uint64_t offset, std::uint64_t length) {
+void NbdImage::queueHole(std::uint64_t offset, std::uint64_t length) {
     connection->checkRange({"make a hole of", offset, length});
     connection->checkWritable({"make a hole of", offset, length});
     for (std::uint64_t done = 0; done < length;) {
         const std::uint64_t part = std::min<std::uint64_t>(length - done, wire::requestBytes);
-        connection->punch({"make a hole of", offset + done, part});
+        connection->queueHole({"make a hole of", offset + done, part});
         done += part;
     }
 }
 
-void NbdImage::settle() {
-    connection->settle();
+void NbdImage::awaitHoles() {
+    connection->awaitHoles();
 }
 
 void NbdImage::flush() {

@@ -54,15 +54,15 @@ public:
     void read(std::span<std::uint8_t> data, std::uint64_t offset);
     void write(std::span<const std::uint8_t> data, std::uint64_t offset);
     /// Makes a hole that reads as zeros. `length` may be any size; it is cut into requests. Doesn't wait for
-    /// the answers: up to sixteen requests may be in flight, and one more waits for the oldest. Call `settle`
-    /// before any other request that overlaps the hole.
-    void punch(std::uint64_t offset, std::uint64_t length);
+    /// the answers: up to sixteen requests may be in flight, and one more waits for the oldest. Call
+    /// `awaitHoles` before any other request that overlaps the hole.
+    void queueHole(std::uint64_t offset, std::uint64_t length);
     /// Waits for all holes. Throws the first error since the last call, once.
-    void settle();
+    void awaitHoles();
     /// When this returns, all data written is on stable storage. If the server doesn't support flush
     /// requests, it has no cache to flush, and nothing is sent.
     void flush();
-    /// Disconnects in order. Call `settle` first.
+    /// Disconnects in order. Call `awaitHoles` first.
     void end();
 
 private:

@@ -24,7 +24,8 @@ Relay::Relay(ByteStream& remote, Filters filters, asio::local::stream_protocol::
 
 asio::awaitable<void> Relay::run() {
     using asio::experimental::awaitable_operators::operator&&;
-    co_await (guard(carryOut()) && guard(carryIn()) && guard(sendWaiting()) && guard(watch()));
+    co_await (guard(localToRemote()) && guard(remoteToLocal()) && guard(sendPendingFrames()) &&
+              guard(watch()));
     if (failure) {
         std::rethrow_exception(failure);
     }
@@ -55,7 +56,7 @@ void Relay::stop() noexcept {
     changed.cancel();
 }
 
-asio::awaitable<void> Relay::carryOut() {
+asio::awaitable<void> Relay::localToRemote() {
     std::vector<std::uint8_t> frame(wire::frameHeadBytes + wire::frameBytes);
     const auto payload = asio::buffer(frame) + wire::frameHeadBytes;
     for (;;) {
@@ -73,7 +74,7 @@ asio::awaitable<void> Relay::carryOut() {
     }
 }
 
-asio::awaitable<void> Relay::carryIn() {
+asio::awaitable<void> Relay::remoteToLocal() {
     std::vector<std::uint8_t> buffer(wire::frameBytes);
     for (;;) {
         const std::size_t count = co_await remote.readSome(asio::buffer(buffer));
@@ -83,12 +84,12 @@ asio::awaitable<void> Relay::carryIn() {
         }
         reading.feed(std::span(buffer).first(count));
         for (auto piece = reading.next(); !piece.empty(); piece = reading.next()) {
-            co_await handOut(piece);
+            co_await dispatch(piece);
         }
     }
 }
 
-asio::awaitable<void> Relay::handOut(std::span<const std::uint8_t> bytes) {
+asio::awaitable<void> Relay::dispatch(std::span<const std::uint8_t> bytes) {
     while (const auto piece = frames.next(bytes)) {
         if (piece->kind == wire::FrameKind::nbd) {
             co_await writeLocal(piece->payload);
@@ -118,21 +119,21 @@ asio::awaitable<void> Relay::writeRemote(std::span<const std::uint8_t> frame) {
 }
 
 void Relay::send(wire::FrameKind kind, std::span<const std::uint8_t> payload) {
-    if (waiting) {
+    if (pendingFrame) {
         throw wire::ProtocolError("more is asked for than is taken");
     }
     std::vector<std::uint8_t> frame(wire::frameHeadBytes + payload.size());
     const auto body = std::ranges::copy(wire::frameHead(kind, payload.size()), frame.begin()).out;
     std::ranges::copy(payload, body);
-    waiting = std::move(frame);
+    pendingFrame = std::move(frame);
     changed.cancel();
 }
 
-asio::awaitable<void> Relay::sendWaiting() {
+asio::awaitable<void> Relay::sendPendingFrames() {
     for (;;) {
-        co_await waitUntil(&Relay::hasWaiting);
-        const std::vector<std::uint8_t> frame = std::move(*waiting);
-        waiting.reset();
+        co_await waitUntil(&Relay::hasPendingFrame);
+        const std::vector<std::uint8_t> frame = std::move(*pendingFrame);
+        pendingFrame.reset();
         co_await writeRemote(frame);
     }
 }

@@ -49,16 +49,16 @@ private:
     using Clock = std::chrono::steady_clock;
 
     asio::awaitable<void> guard(asio::awaitable<void> part);
-    asio::awaitable<void> carryOut();
-    asio::awaitable<void> carryIn();
-    asio::awaitable<void> sendWaiting();
+    asio::awaitable<void> localToRemote();
+    asio::awaitable<void> remoteToLocal();
+    asio::awaitable<void> sendPendingFrames();
     asio::awaitable<void> watch();
-    asio::awaitable<void> handOut(std::span<const std::uint8_t> bytes);
+    asio::awaitable<void> dispatch(std::span<const std::uint8_t> bytes);
     asio::awaitable<void> writeLocal(std::span<const std::uint8_t> bytes);
     asio::awaitable<void> writeRemote(std::span<const std::uint8_t> frame);
     asio::awaitable<void> waitUntil(bool (Relay::*condition)() const);
     [[nodiscard]] bool isFree() const { return !isSending; }
-    [[nodiscard]] bool hasWaiting() const { return waiting.has_value(); }
+    [[nodiscard]] bool hasPendingFrame() const { return pendingFrame.has_value(); }
 
     ByteStream& remote;
     FilterChain reading;
@@ -67,9 +67,9 @@ private:
     Handler handler;
     const std::chrono::milliseconds patience;
     wire::FrameReader frames;
-    std::optional<std::vector<std::uint8_t>> waiting; ///< the next frame of another kind, with its head
-    bool isSending = false;                           ///< its setter may write to `remote`
-    asio::steady_timer changed;                       ///< never expires: cancelled to wake all waiters
+    std::optional<std::vector<std::uint8_t>> pendingFrame; ///< the next frame of another kind, with its head
+    bool isSending = false;                                ///< its setter may write to `remote`
+    asio::steady_timer changed;                            ///< never expires: cancelled to wake all waiters
     asio::steady_timer watchdog;
     Clock::time_point remoteLimit = Clock::time_point::max(); ///< deadline of the current write, if any
     Clock::time_point localLimit = Clock::time_point::max();

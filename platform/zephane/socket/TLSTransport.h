@@ -33,10 +33,10 @@ public:
     void close() noexcept override;
 
 private:
-    class Link;
+    class Connection;
 
     std::chrono::milliseconds patience;
-    std::shared_ptr<Link> link; ///< shared with the timer that ends `connect`
+    std::shared_ptr<Connection> connection; ///< shared with the timer that ends `connect`
 };
 
 } // namespace zephane

@@ -49,7 +49,7 @@ void setOption(int socket, int level, int name, int value) {
 }
 
 /// Has the kernel detect a peer that has vanished, even when nothing is being sent.
-void expectLife(int socket) {
+void enableKeepalive(int socket) {
     constexpr int idleSeconds = 20;
     constexpr int probeSeconds = 10;
     const auto patience = std::chrono::milliseconds(wire::answerTime).count();
@@ -75,7 +75,7 @@ TlsStream::TlsStream(asio::ip::tcp::socket socket, asio::ssl::context& context)
     : stream(std::move(socket), context) {
     stream.lowest_layer().set_option(asio::ip::tcp::no_delay(true));
     closeOnExec(stream.lowest_layer().native_handle());
-    expectLife(stream.lowest_layer().native_handle());
+    enableKeepalive(stream.lowest_layer().native_handle());
 }
 
 asio::awaitable<void> TlsStream::handshake(asio::ssl::stream_base::handshake_type side) {

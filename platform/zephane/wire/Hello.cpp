@@ -17,7 +17,7 @@ constexpr std::array<std::uint8_t, 8> mark{'Z', 'E', 'P', 'H', 'A', 'N', 'E', 1}
 constexpr std::size_t lengthBytes = 2;
 constexpr std::uint64_t allFlags = compareFlag | compressionFlag | writableFlag;
 
-bool canBe(const ClientHello& hello) {
+bool isValid(const ClientHello& hello) {
     return (hello.flags & ~allFlags) == 0 && !hello.image.path.empty() &&
            hello.image.path.size() <= longestPath && isPlainText(hello.image.path);
 }
@@ -50,7 +50,7 @@ void readMark(FieldReader& reader) {
 } // namespace
 
 Bytes encode(const ClientHello& hello) {
-    if (!canBe(hello)) {
+    if (!isValid(hello)) {
         throw std::invalid_argument("a path or flags that can't be");
     }
     FieldWriter body;
@@ -109,7 +109,7 @@ ClientHello decodeClientHello(std::span<const std::uint8_t> message) {
     hello.nonce = body.array<std::tuple_size_v<Nonce>>();
     hello.image.path = body.text();
     body.end();
-    if (!canBe(hello)) {
+    if (!isValid(hello)) {
         throw ProtocolError("a hello has a path or flags that can't be");
     }
     return hello;

@@ -17,7 +17,7 @@ namespace zephane {
 namespace {
 
 constexpr unsigned firstOther = STDERR_FILENO + 1;
-constexpr int exitOfNothing = 127; // as a shell does if there is no program
+constexpr int exitNotFound = 127; // as a shell does if there is no program
 
 std::vector<char*> pointersTo(std::vector<std::string>& words) {
     std::vector<char*> pointers;
@@ -42,7 +42,7 @@ std::vector<char*> pointersTo(std::vector<std::string>& words) {
         ::signal(SIGPIPE, SIG_DFL);
         ::execve(program, arguments, environment);
     }
-    ::_exit(exitOfNothing);
+    ::_exit(exitNotFound);
 }
 
 [[noreturn]] void fail(const std::string& what) {

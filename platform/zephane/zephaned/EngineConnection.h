@@ -1,6 +1,6 @@
 #pragma once
 
-#include "zephane/zephaned/IBackEnd.h"
+#include "zephane/zephaned/IEngine.h"
 
 #include <asio/awaitable.hpp>
 #include <asio/local/stream_protocol.hpp>
@@ -8,10 +8,10 @@
 
 namespace zephane {
 
-/// Connects to a back end as soon as it accepts connections, on the executor of the coroutine. Throws Refusal
-/// with EIO if the back end ends first, or accepts none before `deadline`.
+/// Connects to an engine as soon as it accepts connections, on the executor of the coroutine. Throws Refusal
+/// with EIO if the engine ends first, or accepts none before `deadline`.
 asio::awaitable<asio::local::stream_protocol::socket>
-connectTo(const IBackEnd& backEnd, std::chrono::steady_clock::time_point deadline);
+connectTo(const IEngine& engine, std::chrono::steady_clock::time_point deadline);
 
 /// A short pause before the next attempt.
 asio::awaitable<void> pauseShortly();

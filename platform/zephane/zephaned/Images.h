@@ -2,7 +2,7 @@
 
 #include "os/Mutex.h"
 #include "zephane/zephaned/Config.h"
-#include "zephane/zephaned/IBackEnd.h"
+#include "zephane/zephaned/IEngine.h"
 
 #include <functional>
 #include <map>
@@ -13,34 +13,34 @@
 namespace zephane {
 
 /// The images that are served, and their users. All writers of an image are connections of one client and
-/// share a back end. All readers share another back end, which can't write.
-/// Owns:    the back ends, each from its first use to its last.
+/// share an engine. All readers share another engine, which can't write.
+/// Owns:    the engines, each from its first lease to its last.
 /// Threads: any.
-/// Fails:   `open` throws Refusal, and passes on what starting a back end throws.
+/// Fails:   `open` throws Refusal, and passes on what starting an engine throws.
 class Images {
     struct Image;
-    struct Side;
+    struct AccessGroup;
 
 public:
-    using Start = std::function<std::shared_ptr<IBackEnd>(const ImageConfig& image, bool isWritable)>;
+    using Start = std::function<std::shared_ptr<IEngine>(const ImageConfig& image, bool isWritable)>;
 
-    /// The right to use an image, until the destructor gives it up. A Use must not outlive the Images.
-    class Use {
+    /// The right to use an image, until the destructor gives it up. A Lease must not outlive the Images.
+    class Lease {
     public:
-        Use(Images& images, std::shared_ptr<Image> image, Side& side);
-        Use(Use&& other) noexcept;
-        Use& operator=(Use&& other) = delete;
-        Use(const Use&) = delete;
-        Use& operator=(const Use&) = delete;
-        ~Use();
+        Lease(Images& images, std::shared_ptr<Image> image, AccessGroup& group);
+        Lease(Lease&& other) noexcept;
+        Lease& operator=(Lease&& other) = delete;
+        Lease(const Lease&) = delete;
+        Lease& operator=(const Lease&) = delete;
+        ~Lease();
 
-        [[nodiscard]] IBackEnd& backEnd() const { return *used; }
+        [[nodiscard]] IEngine& engine() const { return *leasedEngine; }
 
     private:
         Images& images;
         std::shared_ptr<Image> image;
-        Side& side;
-        std::shared_ptr<IBackEnd> used;
+        AccessGroup& group;
+        std::shared_ptr<IEngine> leasedEngine;
     };
 
     explicit Images(Start start) : start(std::move(start)) {}
@@ -50,18 +50,18 @@ public:
     void configure(const std::vector<ImageConfig>& configs);
     [[nodiscard]] bool isServed(const wire::ImageName& name) const;
     [[nodiscard]] std::optional<wire::ProofKey> findKey(const wire::ImageName& name) const;
-    /// Returns none while the previous back end is still ending, because two must never write to one image:
+    /// Returns none while the previous engine is still ending, because two must never write to one image:
     /// call again soon. Throws Refusal with EACCES if the image isn't served, EBUSY if another client is
     /// writing to it.
-    [[nodiscard]] std::optional<Use> open(const wire::ImageName& name, const wire::ClientId& client,
-                                          bool isWritable);
+    [[nodiscard]] std::optional<Lease> open(const wire::ImageName& name, const wire::ClientId& client,
+                                            bool isWritable);
 
 private:
     /// The writers of an image, or its readers.
-    struct Side {
-        std::shared_ptr<IBackEnd> backEnd;
-        std::weak_ptr<IBackEnd> ending; // the previous one; exists as long as its process
-        std::size_t uses = 0;
+    struct AccessGroup {
+        std::shared_ptr<IEngine> engine;
+        std::weak_ptr<IEngine> ending; // the previous one; exists as long as its process
+        std::size_t leases = 0;
         wire::ClientId client{}; // the client that writes, if any
 
         [[nodiscard]] bool isEnding() const;
@@ -70,11 +70,11 @@ private:
     struct Image {
         std::optional<ImageConfig> config; // none if the image isn't served any more, but was in use
         std::optional<wire::ProofKey> key;
-        Side writing;
-        Side reading;
+        AccessGroup writing;
+        AccessGroup reading;
     };
 
-    void release(Side& side);
+    void release(AccessGroup& group);
 
     const Start start;
     mutable os::Mutex mutex;

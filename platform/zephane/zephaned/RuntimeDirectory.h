@@ -8,7 +8,7 @@
 
 namespace zephane {
 
-/// The directory of the back ends' sockets, closed to other users.
+/// The directory of the engines' sockets, closed to other users.
 /// Owns:    a lock on the directory, which keeps another server out. The directory itself stays.
 /// Threads: any.
 /// Fails:   the constructor throws ConfigError; nothing else fails.

@@ -1,7 +1,7 @@
 #include "zephane/zephaned/Server.h"
 
-#include "zephane/zephaned/BackEnd.h"
 #include "zephane/zephaned/BackEndSource.h"
+#include "zephane/zephaned/Engine.h"
 #include "zephane/zephaned/Names.h"
 #include "zephane/zephaned/Program.h"
 
@@ -35,7 +35,7 @@ constexpr unsigned endSeconds = 30;
 
 Server::Server(ConfigFile configFile, const Config& config, const Log& log)
     : file(std::move(configFile)),
-      begun(config),
+      startConfig(config),
       log(log),
       nbdkit(findProgram("nbdkit")),
       sockets(config.runtimeDirectory),
@@ -44,9 +44,9 @@ Server::Server(ConfigFile configFile, const Config& config, const Log& log)
       hangups(control, SIGHUP),
       ends(control, SIGTERM, SIGINT),
       images([this](const ImageConfig& image, bool isWritable) {
-          return BackEnd::start(context.get_executor(),
-                                {nbdkit, engineArguments(image.backEnd, isWritable), sockets.newSocket()},
-                                describe(image.name), this->log);
+          return Engine::start(context.get_executor(),
+                               {nbdkit, engineArguments(image.backEnd, isWritable), sockets.newSocket()},
+                               describe(image.name), this->log);
       }),
       sessions(config.maxSessions),
       workers(workerThreads),
@@ -135,7 +135,7 @@ asio::awaitable<void> Server::waitForEnd() {
 void Server::reload() {
     try {
         const Config config = file.load();
-        if (config.listen != begun.listen || config.runtimeDirectory != begun.runtimeDirectory) {
+        if (config.listen != startConfig.listen || config.runtimeDirectory != startConfig.runtimeDirectory) {
             log.warning("listen and runtimeDirectory stay as they were until zephaned is started again");
         }
         apply(config);
@@ -152,10 +152,10 @@ void Server::apply(const Config& config) {
         }
     }
     services.compression = config.compression;
-    sessions.setMost(config.maxSessions);
+    sessions.setLimit(config.maxSessions);
     images.configure(config.images);
-    sessions.stopThose([this](const wire::ImageName& image) { return !images.isServed(image); },
-                       "the image isn't served any more");
+    sessions.stopMatching([this](const wire::ImageName& image) { return !images.isServed(image); },
+                          "the image isn't served any more");
     log.info(std::to_string(config.images.size()) + " images");
 }
 

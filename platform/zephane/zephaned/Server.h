@@ -40,7 +40,7 @@ private:
     void stop();
 
     const ConfigFile file;
-    const Config begun; ///< the configuration at the start
+    const Config startConfig; ///< the configuration at the start
     const Log& log;
     const std::string nbdkit;
     RuntimeDirectory sockets;

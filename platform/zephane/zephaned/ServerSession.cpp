@@ -78,8 +78,8 @@ void ServerSession::stop(const std::string& why) {
 }
 
 void ServerSession::close(const std::string& why) {
-    if (end.empty()) {
-        end = why;
+    if (endReason.empty()) {
+        endReason = why;
     }
     if (relay) {
         relay->stop();
@@ -112,12 +112,12 @@ asio::awaitable<void> ServerSession::run() {
 }
 
 void ServerSession::finish() {
-    close(use && use->backEnd().hasEnded() ? "the image's engine has ended" : endOfClient);
+    close(lease && lease->engine().hasEnded() ? "the image's engine has ended" : endOfClient);
     handshakeLimit.cancel();
     if (!isDigesting) {
-        digested.reset(); // the engine waits for this connection when it ends
+        digestImage.reset(); // the engine waits for this connection when it ends
     }
-    use.reset();
+    lease.reset();
     services.sessions.remove(number);
     if (isProven) {
         sayEnd();
@@ -153,7 +153,7 @@ asio::awaitable<void> ServerSession::admit() {
     granted = grantable(asked);
     const wire::Bytes verdict = handshake.grant(granted);
     co_await remote.write(asio::buffer(verdict));
-    if (!end.empty()) {
+    if (!endReason.empty()) {
         throw asio::system_error(asio::error::operation_aborted);
     }
     serve(std::move(local));
@@ -175,23 +175,23 @@ asio::awaitable<void> ServerSession::prove(wire::ServerHandshake& handshake) {
 }
 
 asio::awaitable<ServerSession::Local> ServerSession::openImage(const wire::ClientHello& asked) {
-    co_await waitForUse(asked);
-    Local local = co_await connectTo(use->backEnd(), accepted + engineTime);
-    co_await lookAtImage();
+    co_await waitForLease(asked);
+    Local local = co_await connectTo(lease->engine(), accepted + engineTime);
+    co_await openDigestImage();
     const bool isWritable = (asked.flags & wire::writableFlag) != 0;
-    if (isWritable && (digested->isReadOnly() || digested->size() == 0)) {
+    if (isWritable && (digestImage->isReadOnly() || digestImage->size() == 0)) {
         services.log.error(image + ": the engine can't write, or its image is empty");
         throw Refusal(-EIO, "the image can't be written to; the server's log says why");
     }
     co_return local;
 }
 
-asio::awaitable<void> ServerSession::waitForUse(const wire::ClientHello& asked) {
+asio::awaitable<void> ServerSession::waitForLease(const wire::ClientHello& asked) {
     const bool isWritable = (asked.flags & wire::writableFlag) != 0;
-    while (end.empty()) {
+    while (endReason.empty()) {
         auto opened = services.images.open(asked.image, asked.client, isWritable);
         if (opened) {
-            use.emplace(std::move(*opened));
+            lease.emplace(std::move(*opened));
             co_return;
         }
         if (Clock::now() >= accepted + engineTime) {
@@ -203,16 +203,16 @@ asio::awaitable<void> ServerSession::waitForUse(const wire::ClientHello& asked) 
 }
 
 /// Uses an NBD connection of the server's own; the client's NBD connection is relayed unseen.
-asio::awaitable<void> ServerSession::lookAtImage() {
+asio::awaitable<void> ServerSession::openDigestImage() {
     const auto left =
         std::chrono::duration_cast<std::chrono::milliseconds>(accepted + engineTime - Clock::now());
     const NbdPatience patience{.connecting = std::max(left, std::chrono::milliseconds{1})};
-    const auto connect = [path = use->backEnd().socket(),
+    const auto connect = [path = lease->engine().socket(),
                           patience]() -> asio::awaitable<std::unique_ptr<NbdImage>> {
         co_return std::make_unique<NbdImage>(path, patience);
     };
     try {
-        digested = co_await asio::co_spawn(services.workers, connect, asio::use_awaitable);
+        digestImage = co_await asio::co_spawn(services.workers, connect, asio::use_awaitable);
     } catch (const NbdError& error) {
         services.log.error(image + ": the engine shows no image: " + error.what());
         throw Refusal(-EIO, "the image's engine doesn't come up; the server's log says why");
@@ -224,7 +224,7 @@ std::uint64_t ServerSession::grantable(const wire::ClientHello& asked) const {
     if (services.compression) {
         flags |= wire::compressionFlag;
     }
-    if (digested->isSharedByConnections()) {
+    if (digestImage->isSharedByConnections()) {
         flags |= wire::compareFlag;
     }
     return asked.flags & flags;
@@ -244,22 +244,22 @@ asio::awaitable<void> ServerSession::waitUntil(Clock::time_point time) {
 void ServerSession::serve(Local local) {
     isAdmitted = true;
     if ((granted & wire::compareFlag) == 0) {
-        digested.reset();
+        digestImage.reset();
     }
     const bool isCompressed = (granted & wire::compressionFlag) != 0;
     relay.emplace(
         remote, isCompressed ? compression() : Filters(), std::move(local),
-        [this](wire::FrameKind kind, std::span<const std::uint8_t> payload) { take(kind, payload); });
+        [this](wire::FrameKind kind, std::span<const std::uint8_t> payload) { handleFrame(kind, payload); });
 }
 
-void ServerSession::take(wire::FrameKind kind, std::span<const std::uint8_t> payload) {
-    if (kind != wire::FrameKind::digestRequest || !digested || isDigesting) {
+void ServerSession::handleFrame(wire::FrameKind kind, std::span<const std::uint8_t> payload) {
+    if (kind != wire::FrameKind::digestRequest || !digestImage || isDigesting) {
         throw wire::ProtocolError("the client sends what it may not send now");
     }
     const wire::DigestRequest range = wire::decodeDigestRequest(payload);
     isDigesting = true;
     asio::post(services.workers, [self = shared_from_this(), range] {
-        const wire::DigestAnswer digests = digest(*self->digested, range);
+        const wire::DigestAnswer digests = digest(*self->digestImage, range);
         asio::post(self->strand, [self, digests] { self->answer(digests); });
     });
 }
@@ -267,7 +267,7 @@ void ServerSession::take(wire::FrameKind kind, std::span<const std::uint8_t> pay
 void ServerSession::answer(const wire::DigestAnswer& digests) {
     isDigesting = false;
     try {
-        if (end.empty()) {
+        if (endReason.empty()) {
             relay->send(wire::FrameKind::digestAnswer, wire::encode(digests));
         }
     } catch (const wire::ProtocolError& error) {
@@ -285,13 +285,13 @@ void ServerSession::sayBeginning() {
 void ServerSession::sayEnd() {
     const std::string who = "session " + std::to_string(number) + ": ";
     if (!isAdmitted) {
-        services.log.warning(who + image + " for " + peer + " refused: " + end);
+        services.log.warning(who + image + " for " + peer + " refused: " + endReason);
         return;
     }
     const auto time = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - accepted);
     services.log.info(who + "ended after " + std::to_string(time.count()) + " ms, " +
                       std::to_string(remote.read()) + " bytes received, " + std::to_string(remote.written()) +
-                      " sent: " + end);
+                      " sent: " + endReason);
 }
 
 /// Limits the lines, so that unknown clients can't fill the log.
@@ -301,7 +301,7 @@ void ServerSession::sayRefusal() {
         services.log.warning(std::to_string(verdict.leftOut) + " more connections were refused");
     }
     if (verdict.isAllowed) {
-        services.log.warning("refused " + peer + (image.empty() ? "" : " for " + image) + ": " + end);
+        services.log.warning("refused " + peer + (image.empty() ? "" : " for " + image) + ": " + endReason);
     }
 }
 

@@ -32,7 +32,7 @@ struct SessionServices {
 };
 
 /// One connection of a client: the handshake, and then its NBD connection, relayed to the image's engine.
-/// Owns:    the connection and the use of the image; a session keeps itself alive until both have ended.
+/// Owns:    the connection and the lease of the image; a session keeps itself alive until both have ended.
 /// Threads: any for `start` and `stop`; all other work is done on the socket's strand.
 /// Fails:   the constructor throws asio::system_error if the client has gone already; any later failure ends
 ///          the connection and is logged.
@@ -53,13 +53,13 @@ private:
     asio::awaitable<void> admit();
     asio::awaitable<void> prove(wire::ServerHandshake& handshake);
     asio::awaitable<Local> openImage(const wire::ClientHello& asked);
-    asio::awaitable<void> waitForUse(const wire::ClientHello& asked);
-    asio::awaitable<void> lookAtImage();
+    asio::awaitable<void> waitForLease(const wire::ClientHello& asked);
+    asio::awaitable<void> openDigestImage();
     asio::awaitable<void> refuse(const Refusal& refusal);
     asio::awaitable<void> waitUntil(Clock::time_point time);
     [[nodiscard]] std::uint64_t grantable(const wire::ClientHello& asked) const;
     void serve(Local local);
-    void take(wire::FrameKind kind, std::span<const std::uint8_t> payload);
+    void handleFrame(wire::FrameKind kind, std::span<const std::uint8_t> payload);
     void answer(const wire::DigestAnswer& digests);
     void limitHandshake();
     void close(const std::string& why);
@@ -80,10 +80,10 @@ private:
     std::string image;       ///< the name of the image asked for
     bool isProven = false;   ///< the client holds the image's secret
     bool isAdmitted = false; ///< the client has been granted the image
-    std::string end;         ///< why the connection has ended; empty while it hasn't
+    std::string endReason;   ///< why the connection has ended; empty while it hasn't
     std::uint64_t granted = 0;
-    std::optional<Images::Use> use;
-    std::unique_ptr<NbdImage> digested; ///< only a worker uses it while isDigesting
+    std::optional<Images::Lease> lease;
+    std::unique_ptr<NbdImage> digestImage; ///< only a worker uses it while isDigesting
     bool isDigesting = false;
     std::optional<Relay> relay;
 };

@@ -6,16 +6,16 @@
 
 namespace zephane {
 
-void Sessions::setMost(std::size_t sessions) {
+void Sessions::setLimit(std::size_t sessions) {
     const os::Lock lock(mutex);
-    most = sessions;
+    limit = sessions;
 }
 
 Sessions::Number Sessions::add(Stop stop) {
     os::Lock lock(mutex);
     const Number number = ++last;
-    if (!end.empty()) {
-        const std::string why = end;
+    if (!endReason.empty()) {
+        const std::string why = endReason;
         lock.unlock();
         stop(why);
         return number;
@@ -38,8 +38,8 @@ bool Sessions::prove(Number number, const wire::ImageName& image) {
     const auto found = pending.find(number);
     const auto ofTheImage =
         std::ranges::count_if(proven, [&](const auto& entry) { return entry.second.image == image; });
-    if (found == pending.end() || proven.size() >= most ||
-        std::cmp_greater_equal(ofTheImage, mostOfOneImage)) {
+    if (found == pending.end() || proven.size() >= limit ||
+        std::cmp_greater_equal(ofTheImage, mostPerImage)) {
         return false;
     }
     proven.emplace(number, Session{image, std::move(found->second)});
@@ -55,21 +55,21 @@ void Sessions::remove(Number number) {
 
 void Sessions::stopAll(const std::string& why) {
     os::Lock lock(mutex);
-    end = why;
+    endReason = why;
     const std::map<Number, Stop> others = std::exchange(pending, {});
     lock.unlock();
     for (const auto& [number, stop] : others) {
         stop(why);
     }
-    stopThose([](const wire::ImageName&) { return true; }, why);
+    stopMatching([](const wire::ImageName&) { return true; }, why);
 }
 
-void Sessions::stopThose(const std::function<bool(const wire::ImageName& image)>& isMeant,
-                         const std::string& why) {
+void Sessions::stopMatching(const std::function<bool(const wire::ImageName& image)>& matches,
+                            const std::string& why) {
     std::vector<Stop> stops;
     os::Lock lock(mutex);
     for (const auto& [number, session] : proven) {
-        if (isMeant(session.image)) {
+        if (matches(session.image)) {
             stops.push_back(session.stop);
         }
     }

@@ -25,11 +25,11 @@ public:
     /// The most pending connections. One more ends the oldest, so that silent clients don't keep others out.
     static constexpr std::size_t mostPending = 256;
     /// The most sessions of one image, so that the holder of one secret doesn't keep the others out.
-    static constexpr std::size_t mostOfOneImage = 16;
+    static constexpr std::size_t mostPerImage = 16;
 
-    explicit Sessions(std::size_t most) : most(most) {}
+    explicit Sessions(std::size_t limit) : limit(limit) {}
 
-    void setMost(std::size_t sessions);
+    void setLimit(std::size_t sessions);
     /// Adds a pending connection.
     Number add(Stop stop);
     /// Makes the connection a session, because its client has proven itself for the image. Returns false if
@@ -40,7 +40,8 @@ public:
 
     /// Stops all connections, and also those that are added from now on.
     void stopAll(const std::string& why);
-    void stopThose(const std::function<bool(const wire::ImageName& image)>& isMeant, const std::string& why);
+    void stopMatching(const std::function<bool(const wire::ImageName& image)>& matches,
+                      const std::string& why);
 
 private:
     struct Session {
@@ -49,8 +50,8 @@ private:
     };
 
     mutable os::Mutex mutex;
-    std::size_t most GUARDED_BY(mutex);
-    std::string end GUARDED_BY(mutex); // why all are stopped; empty if they aren't
+    std::size_t limit GUARDED_BY(mutex);
+    std::string endReason GUARDED_BY(mutex); // why all are stopped; empty if they aren't
     Number last GUARDED_BY(mutex) = 0;
     std::map<Number, Stop> pending GUARDED_BY(mutex); // the oldest first
     std::map<Number, Session> proven GUARDED_BY(mutex);

@@ -93,19 +93,19 @@ dm::Visibility visibility(const std::string& word) {
 }
 
 void hold(const Words& words) {
-    std::vector<dm::Device> inside;
+    std::vector<dm::Device> innerDevices;
     for (std::size_t index = 1; index < words.size(); ++index) {
-        inside.push_back(named(words[index]));
+        innerDevices.push_back(named(words[index]));
     }
     const dm::Device volume = named(words.at(0));
-    auto owned =
-        std::make_unique<dm::SuspendedDevice>(volume, dm::Visibility::shown, inside, dm::liveTable(volume));
+    auto owned = std::make_unique<dm::SuspendedDevice>(volume, dm::Visibility::shown, innerDevices,
+                                                       dm::liveTable(volume));
     dm::SuspendedDevice& device = *owned;
     tolvubd::HoldGuard guard(std::move(owned));
     std::cout << "held" << std::endl;
     std::string line;
     std::getline(std::cin, line);
-    device.resumeInside();
+    device.resumeInnerDevices();
     guard.release();
     std::cout << "released" << std::endl;
 }

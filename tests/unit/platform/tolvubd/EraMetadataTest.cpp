@@ -121,7 +121,7 @@ TEST_F(EraMetadataOfKernel, HasNoSnapshotThatNobodyHolds) {
 }
 
 bool wasStopped(const std::string& superblock) {
-    return wasEraStopped(std::as_bytes(std::span<const char, era::blockSize>(superblock)));
+    return wasEraShutDown(std::as_bytes(std::span<const char, era::blockSize>(superblock)));
 }
 
 TEST_F(EraMetadataOfKernel, TellsThatTheTargetWasStoppedInOrder) {

@@ -53,7 +53,7 @@ TEST_F(StateStoreTest, KeepsWhatWasWrittenLast) {
     }
     EXPECT_EQ(StateStore().load(), two);
     EXPECT_EQ(observeTable(), two);
-    StateStore().takeBack();
+    StateStore().restorePrevious();
     EXPECT_EQ(observeTable(), one);
 }
 

@@ -69,16 +69,16 @@ TEST_P(FilePlaces, NobodyChangesALockedFileUntilItIsReleased) {
     EXPECT_EQ(::unlink(path.c_str()), -1);
     EXPECT_EQ(errno, EPERM);
     EXPECT_EQ(::rename(path.c_str(), files.path("elsewhere").c_str()), -1);
-    releaseFile(path);
+    unlockFile(path);
     EXPECT_EQ(::unlink(path.c_str()), 0);
-    releaseFile(path); // the file no longer exists
+    unlockFile(path); // the file no longer exists
 }
 
 TEST_P(FilePlaces, AFileThatIsThereIsLocked) {
     agent::test::writeFile(path, std::string(unit, 'a'));
     lockFile(path);
     EXPECT_EQ(::unlink(path.c_str()), -1);
-    releaseFile(path);
+    unlockFile(path);
 }
 
 TEST_P(FilePlaces, NoFileIsReplaced) {

@@ -46,7 +46,7 @@ void expectToSee(const FileSystemImage& image, const Seal& seal, const std::vect
     image.run("keep");
     for (const auto& [commands, isSeen] : table) {
         image.run(std::string("back; ") + commands);
-        const std::optional<std::string> reason = reasonForDoubt(seal, image.fingerprint(), test::start);
+        const std::optional<std::string> reason = reasonForDoubt(seal, image.fingerprint(), test::bootId);
         EXPECT_EQ(reason.has_value(), isSeen) << commands << ": " << reason.value_or("");
     }
 }

@@ -72,14 +72,14 @@ TEST(XfsLog, EndsWhereItsOwnToolsSay) {
 TEST(XfsLog, IsARing) {
     const FileSystemImage image(makeSmallLog);
     const XfsLogPlace place = placeOf(image);
-    std::uint64_t round = 1;
+    std::uint64_t cycle = 1;
     for (int turn = 0; turn < 6; ++turn) {
         image.run(std::string("m rw; ") + churn +
                   (turn % 2 == 0 ? "u" : "sync -f $r; : > $r/x; sync $r/x; stop"));
         expectTheTruth(image, place, "turn " + std::to_string(turn));
-        round = readXfsLogHead(openFile(image.path(), O_RDONLY), place)->round;
+        cycle = readXfsLogHead(openFile(image.path(), O_RDONLY), place)->cycle;
     }
-    EXPECT_GT(round, 2);
+    EXPECT_GT(cycle, 2);
 }
 
 } // namespace

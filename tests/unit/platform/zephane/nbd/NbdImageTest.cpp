@@ -74,8 +74,8 @@ TEST(NbdImage, HolesAreCutIntoRequestsAndReadAsZeros) {
     NbdImage image(engine.socket());
     image.write(Bytes(4096, 1), 0);
     image.write(Bytes(4096, 1), large - 4096);
-    image.punch(0, large);
-    image.settle();
+    image.queueHole(0, large);
+    image.awaitHoles();
     Bytes back(4096, 1);
     image.read(back, large - 4096);
     EXPECT_THAT(back, Each(0));
@@ -90,8 +90,8 @@ TEST(NbdImage, AHoleIsFreedOnTheEnginesDisk) {
     const ZephaneEngine engine{{"file", file}};
     NbdImage image(engine.socket());
     image.flush();
-    image.punch(0, wire::mebibyte);
-    image.settle();
+    image.queueHole(0, wire::mebibyte);
+    image.awaitHoles();
     image.flush();
     struct stat status{};
     ASSERT_EQ(::stat(file.c_str(), &status), 0);
@@ -107,11 +107,11 @@ TEST(NbdImage, RangesAreCheckedBeforeAnythingIsSent) {
     for (const std::uint64_t offset : {large, large + 1, ~std::uint64_t{0}}) {
         EXPECT_EQ(errorOf([&] { image.read(one, offset); }), EINVAL);
         EXPECT_EQ(errorOf([&] { image.write(one, offset); }), EINVAL);
-        EXPECT_EQ(errorOf([&] { image.punch(offset, 1); }), EINVAL);
+        EXPECT_EQ(errorOf([&] { image.queueHole(offset, 1); }), EINVAL);
     }
     EXPECT_EQ(errorOf([&] { image.read(data, 0); }), EINVAL);
     EXPECT_EQ(errorOf([&] { image.write(data, 0); }), EINVAL);
-    EXPECT_EQ(errorOf([&] { image.punch(1, ~std::uint64_t{0}); }), EINVAL);
+    EXPECT_EQ(errorOf([&] { image.queueHole(1, ~std::uint64_t{0}); }), EINVAL);
     EXPECT_THAT(engine.requests(), SizeIs(0));
     image.end();
 }
@@ -120,7 +120,7 @@ TEST(NbdImage, WritesNothingToAReadOnlyImage) {
     const ZephaneEngine engine{{"-r", "memory", "1M"}};
     NbdImage image(engine.socket());
     EXPECT_EQ(errorOf([&] { image.write(Bytes(1), 0); }), EROFS);
-    EXPECT_EQ(errorOf([&] { image.punch(0, 1); }), EROFS);
+    EXPECT_EQ(errorOf([&] { image.queueHole(0, 1); }), EROFS);
     image.end();
 }
 
@@ -145,10 +145,10 @@ TEST(NbdImage, AHoleThatFailsIsToldOnce) {
     const ZephaneEngine engine{{"--filter=error", "memory", "1M", "error-zero=EIO", "error-zero-rate=100%"}};
     NbdImage image(engine.socket());
     for (int count = 0; count < 40; ++count) {
-        image.punch(0, 4096);
+        image.queueHole(0, 4096);
     }
-    EXPECT_EQ(errorOf([&] { image.settle(); }), EIO);
-    EXPECT_EQ(errorOf([&] { image.settle(); }), 0);
+    EXPECT_EQ(errorOf([&] { image.awaitHoles(); }), EIO);
+    EXPECT_EQ(errorOf([&] { image.awaitHoles(); }), 0);
     image.end();
 }
 
@@ -156,14 +156,14 @@ TEST(NbdImage, SixteenHolesAreUnderWayAtOnce) {
     const ZephaneEngine engine{{"--filter=delay", "memory", "1M", "delay-zero=1"}};
     NbdImage image(engine.socket());
     for (int count = 0; count < 16; ++count) {
-        image.punch(0, 4096);
+        image.queueHole(0, 4096);
     }
     // All requests are sent before the first one completes. The next call waits for that one.
     EXPECT_TRUE(agent::test::eventually([&] { return engine.requests().size() == 16; }));
     const auto begin = std::chrono::steady_clock::now();
-    image.punch(0, 4096);
+    image.queueHole(0, 4096);
     EXPECT_GT(std::chrono::steady_clock::now() - begin, 100ms);
-    image.settle();
+    image.awaitHoles();
     EXPECT_THAT(engine.requests(), SizeIs(17));
 }
 
@@ -175,7 +175,7 @@ TEST(NbdImage, ALateAnswerEndsTheConnection) {
     EXPECT_FALSE(image.isAlive());
     EXPECT_EQ(errorOf([&] { image.read(data, 0); }), ENOTCONN);
     EXPECT_EQ(errorOf([&] { image.write(data, 0); }), ENOTCONN);
-    EXPECT_EQ(errorOf([&] { image.punch(0, 1); }), ENOTCONN);
+    EXPECT_EQ(errorOf([&] { image.queueHole(0, 1); }), ENOTCONN);
     EXPECT_EQ(errorOf([&] { image.flush(); }), ENOTCONN);
     EXPECT_EQ(errorOf([&] { image.end(); }), ENOTCONN);
 }
@@ -184,10 +184,10 @@ TEST(NbdImage, HolesThatAreNotAnsweredEndTheConnectionOnce) {
     const ZephaneEngine engine{{"--filter=delay", "memory", "1M", "delay-zero=30"}};
     NbdImage image(engine.socket(), {60s, 300ms});
     for (int count = 0; count < 5; ++count) {
-        image.punch(0, 4096);
+        image.queueHole(0, 4096);
     }
     const auto begin = std::chrono::steady_clock::now();
-    EXPECT_EQ(errorOf([&] { image.settle(); }), ETIMEDOUT);
+    EXPECT_EQ(errorOf([&] { image.awaitHoles(); }), ETIMEDOUT);
     EXPECT_LT(std::chrono::steady_clock::now() - begin, 5 * 300ms);
     EXPECT_FALSE(image.isAlive());
 }

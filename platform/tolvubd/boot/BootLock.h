@@ -10,9 +10,9 @@ namespace tolvubd {
 /// Owns:    the lock.
 /// Threads: one at a time; objects of other processes wait.
 /// Fails:   std::system_error, with EBUSY when another process has held the lock for ten seconds.
-class BootTurn {
+class BootLock {
 public:
-    BootTurn();
+    BootLock();
 
 private:
     os::FileDescriptor lock;

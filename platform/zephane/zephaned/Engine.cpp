@@ -1,4 +1,4 @@
-#include "zephane/zephaned/BackEnd.h"
+#include "zephane/zephaned/Engine.h"
 
 #include <algorithm>
 #include <array>
@@ -23,10 +23,10 @@ constexpr std::chrono::seconds stopTime{5};
 /// is limited.
 constexpr std::chrono::seconds drainTime{1};
 /// The pause between checks whether a process that has ended can be reaped.
-constexpr std::chrono::milliseconds traceTime{100};
+constexpr std::chrono::milliseconds reapRetryPause{100};
 constexpr std::size_t longestLine = 1000;
 
-std::vector<std::string> nbdkitArguments(const BackEnd::Command& command) {
+std::vector<std::string> nbdkitArguments(const Engine::Command& command) {
     std::vector<std::string> arguments{"--foreground", "--exit-with-parent", "--unix=" + command.socket};
     arguments.insert(arguments.end(), command.arguments.begin(), command.arguments.end());
     return arguments;
@@ -41,7 +41,7 @@ int checked(int result, const char* what) {
 
 } // namespace
 
-struct BackEnd::Pipe {
+struct Engine::Pipe {
     Pipe() {
         std::array<int, 2> ends{};
         checked(::pipe2(ends.data(), O_CLOEXEC), "make a pipe");
@@ -53,15 +53,15 @@ struct BackEnd::Pipe {
     os::FileDescriptor writing;
 };
 
-std::shared_ptr<BackEnd> BackEnd::start(const asio::any_io_executor& executor, const Command& command,
-                                        std::string image, const Log& log) {
-    auto started = std::make_shared<BackEnd>(executor, command, std::move(image), log, Pipe());
+std::shared_ptr<Engine> Engine::start(const asio::any_io_executor& executor, const Command& command,
+                                      std::string image, const Log& log) {
+    auto started = std::make_shared<Engine>(executor, command, std::move(image), log, Pipe());
     started->run();
     return started;
 }
 
-BackEnd::BackEnd(const asio::any_io_executor& executor, const Command& command, std::string image,
-                 const Log& log, Pipe pipe)
+Engine::Engine(const asio::any_io_executor& executor, const Command& command, std::string image,
+               const Log& log, Pipe pipe)
     : strand(asio::make_strand(executor)),
       socketPath(command.socket),
       image(std::move(image)),
@@ -69,26 +69,26 @@ BackEnd::BackEnd(const asio::any_io_executor& executor, const Command& command, 
       process(command.program, nbdkitArguments(command), pipe.writing),
       end(strand, checked(::fcntl(process.descriptor(), F_DUPFD_CLOEXEC, 0), "keep a process")),
       output(strand, pipe.reading.release()),
-      killing(strand),
-      draining(strand) {}
+      killTimer(strand),
+      drainTimer(strand) {}
 
-void BackEnd::run() {
+void Engine::run() {
     const auto self = shared_from_this();
     asio::co_spawn(strand, [self] { return self->watch(); }, asio::detached);
     asio::co_spawn(strand, [self] { return self->readOutput(); }, asio::detached);
 }
 
-void BackEnd::stop() {
+void Engine::stop() {
     asio::post(strand, [self = shared_from_this()] { self->terminate(); });
 }
 
-void BackEnd::terminate() {
+void Engine::terminate() {
     if (sent != 0 || process.hasEnded()) {
         return;
     }
     send(SIGTERM);
-    killing.expires_after(stopTime);
-    killing.async_wait([self = shared_from_this()](const asio::error_code& error) {
+    killTimer.expires_after(stopTime);
+    killTimer.async_wait([self = shared_from_this()](const asio::error_code& error) {
         if (!error) {
             self->log.warning(self->image + ": nbdkit doesn't end and is killed");
             self->send(SIGKILL);
@@ -96,21 +96,21 @@ void BackEnd::terminate() {
     });
 }
 
-void BackEnd::send(int signal) {
+void Engine::send(int signal) {
     sent = signal;
     process.send(signal);
 }
 
 /// Whether the process ended because it was asked to. That a signal was sent isn't enough: if an engine
 /// crashes, its sessions may notice that first, and have it stopped.
-bool BackEnd::wasAsked(const ProcessEnd& how) const {
+bool Engine::wasAsked(const ProcessEnd& how) const {
     return sent != 0 && (how.signal == 0 ? how.status == 0 : how.signal == sent);
 }
 
-asio::awaitable<void> BackEnd::watch() {
+asio::awaitable<void> Engine::watch() {
     co_await end.async_wait(asio::posix::descriptor_base::wait_read, asio::use_awaitable);
     while (!process.hasEnded()) { // a tracer may keep it from being reaped for a moment
-        asio::steady_timer timer(strand, traceTime);
+        asio::steady_timer timer(strand, reapRetryPause);
         co_await timer.async_wait(asio::use_awaitable);
     }
     const ProcessEnd how = process.reap();
@@ -118,16 +118,16 @@ asio::awaitable<void> BackEnd::watch() {
     if (!wasAsked(how)) {
         log.error(image + ": nbdkit has ended by itself, with " + how.inWords());
     }
-    killing.cancel();
+    killTimer.cancel();
     if (output.is_open()) {
         asio::error_code atOnce;
-        draining.expires_after(drainTime);
-        co_await draining.async_wait(asio::redirect_error(asio::use_awaitable, atOnce));
+        drainTimer.expires_after(drainTime);
+        co_await drainTimer.async_wait(asio::redirect_error(asio::use_awaitable, atOnce));
         output.close();
     }
 }
 
-asio::awaitable<void> BackEnd::readOutput() {
+asio::awaitable<void> Engine::readOutput() {
     std::array<char, 4096> piece{};
     std::string line;
     asio::error_code error;
@@ -144,10 +144,10 @@ asio::awaitable<void> BackEnd::readOutput() {
         }
     }
     output.close();
-    draining.cancel();
+    drainTimer.cancel();
 }
 
-void BackEnd::say(const std::string& line) {
+void Engine::say(const std::string& line) {
     const LineLimit::Verdict verdict = limit.ask();
     if (verdict.leftOut > 0) {
         log.warning(image + ": " + std::to_string(verdict.leftOut) + " lines of nbdkit were left out");

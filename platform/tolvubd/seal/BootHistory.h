@@ -10,8 +10,9 @@ namespace tolvubd {
 /// Fails:   std::system_error.
 
 /// Adds this start to the record, durably, unless it is the last entry already.
-void noteStart(const std::string& path);
-/// The last start on record before this one; empty when there is none, or the record can't be read.
-std::string previousStart(const std::string& path);
+void recordBoot(const std::string& path);
+/// The boot ID of the last start on record before this one; empty when there is none, or the record can't be
+/// read.
+std::string previousBootId(const std::string& path);
 
 } // namespace tolvubd

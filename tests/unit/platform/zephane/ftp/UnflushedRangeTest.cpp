@@ -1,12 +1,12 @@
-#include "zephane/ftp/Unflushed.h"
+#include "zephane/ftp/UnflushedRange.h"
 
 #include <gtest/gtest.h>
 
 namespace zephane {
 namespace {
 
-TEST(Unflushed, CoversAllThatWasAdded) {
-    Unflushed unflushed;
+TEST(UnflushedRange, CoversAllThatWasAdded) {
+    UnflushedRange unflushed;
     unflushed.add(100, 10);
     unflushed.add(50, 10);
     EXPECT_TRUE(unflushed.overlaps(50, 1));
@@ -17,8 +17,8 @@ TEST(Unflushed, CoversAllThatWasAdded) {
     EXPECT_EQ(unflushed.bytes(), 20);
 }
 
-TEST(Unflushed, IsEmptyAfterAFlush) {
-    Unflushed unflushed;
+TEST(UnflushedRange, IsEmptyAfterAFlush) {
+    UnflushedRange unflushed;
     EXPECT_TRUE(unflushed.isEmpty());
     unflushed.add(0, 1);
     EXPECT_FALSE(unflushed.isEmpty());

@@ -10,14 +10,14 @@ namespace zephane {
 /// Owns:    its values.
 /// Threads: as for any value: many readers, or one writer.
 /// Fails:   never.
-class Unflushed {
+class UnflushedRange {
 public:
     void add(std::uint64_t offset, std::uint64_t length) {
         begin = std::min(begin, offset);
         end = std::max(end, offset + length);
         written += length;
     }
-    void clear() { *this = Unflushed(); }
+    void clear() { *this = UnflushedRange(); }
 
     [[nodiscard]] bool isEmpty() const { return end == 0; }
     [[nodiscard]] bool overlaps(std::uint64_t offset, std::uint64_t length) const {

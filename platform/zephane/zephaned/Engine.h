@@ -1,7 +1,7 @@
 #pragma once
 
 #include "zephane/zephaned/ChildProcess.h"
-#include "zephane/zephaned/IBackEnd.h"
+#include "zephane/zephaned/IEngine.h"
 #include "zephane/zephaned/LineLimit.h"
 #include "zephane/zephaned/Log.h"
 
@@ -18,12 +18,12 @@ namespace zephane {
 
 /// One nbdkit process that serves an image on a Unix socket. Its output goes to the log, with the image's
 /// name.
-/// Owns:    the process and its socket; a back end keeps itself alive until the process has ended.
+/// Owns:    the process and its socket; an engine keeps itself alive until the process has ended.
 /// Threads: any; but the thread that calls `start` must outlive the process (see ChildProcess).
 /// Fails:   `start` throws std::system_error. A process that ends by itself is logged.
 ///
 /// `stop` sends SIGTERM, and SIGKILL if the process is still there after five seconds.
-class BackEnd : public IBackEnd, public std::enable_shared_from_this<BackEnd> {
+class Engine : public IEngine, public std::enable_shared_from_this<Engine> {
 public:
     struct Command {
         std::string program;                ///< the path of nbdkit
@@ -31,8 +31,8 @@ public:
         std::string socket;                 ///< a path that doesn't exist yet
     };
 
-    static std::shared_ptr<BackEnd> start(const asio::any_io_executor& executor, const Command& command,
-                                          std::string image, const Log& log);
+    static std::shared_ptr<Engine> start(const asio::any_io_executor& executor, const Command& command,
+                                         std::string image, const Log& log);
 
     [[nodiscard]] const std::string& socket() const override { return socketPath; }
     [[nodiscard]] bool hasEnded() const override { return process.hasEnded(); }
@@ -43,8 +43,8 @@ private:
 
 public:
     /// For `start`, through std::make_shared.
-    BackEnd(const asio::any_io_executor& executor, const Command& command, std::string image, const Log& log,
-            Pipe pipe);
+    Engine(const asio::any_io_executor& executor, const Command& command, std::string image, const Log& log,
+           Pipe pipe);
 
 private:
     void run();
@@ -63,8 +63,8 @@ private:
     const ChildProcess process;
     asio::posix::stream_descriptor end;    // a pidfd of the process, to wait for its end
     asio::posix::stream_descriptor output; // the process's output
-    asio::steady_timer killing;
-    asio::steady_timer draining;
+    asio::steady_timer killTimer;
+    asio::steady_timer drainTimer;
     LineLimit limit;
     int sent = 0; ///< the last signal sent to end the process
 };

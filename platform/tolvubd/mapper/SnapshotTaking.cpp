@@ -1,4 +1,4 @@
-#include "mapper/Moment.h"
+#include "mapper/SnapshotTaking.h"
 
 #include "FileAccess.h"
 #include "HoldGuard.h"
@@ -21,11 +21,11 @@ constexpr std::uint64_t mebibyte = std::uint64_t{1} << 20;
 void exchangeTables(const SnapshotPlan& plan, const LayerStack& stack, const dm::Device& volume) {
     using std::chrono::milliseconds;
     syncFileSystem(plan.cow.mountPoint); // so that little is left to write while the volume is suspended
-    auto suspended = std::make_unique<dm::SuspendedDevice>(volume, dm::Visibility::shown, stack.inside(),
-                                                           dm::liveTable(stack.lower()));
+    auto suspended = std::make_unique<dm::SuspendedDevice>(
+        volume, dm::Visibility::shown, stack.innerDevices(), dm::liveTable(stack.lower()));
     dm::SuspendedDevice& held = *suspended;
     HoldGuard guard(std::move(suspended));
-    held.resumeInside();
+    held.resumeInnerDevices();
     const auto since = held.heldSince();
     guard.release();
     const auto lasted = std::chrono::ceil<milliseconds>(std::chrono::steady_clock::now() - since);
@@ -47,12 +47,12 @@ void logForecast(const SnapshotPlan& plan, const LayerStack& stack, const Layers
 
 } // namespace
 
-void takeMoment(const SnapshotPlan& plan, LayerStack& stack, Device& device) {
+void takeSnapshot(const SnapshotPlan& plan, LayerStack& stack, Device& device) {
     Layers& layers = *device.layers;
     const dm::Device volume = LayerStack::volumeOf(layers);
     stack.createSnapshot(layers, LayerStack::Store::isNew);
     exchangeTables(plan, stack, volume);
-    layers.firstEra = stack.era();
+    layers.snapshotEra = stack.era();
     dm::startWatcher(volume, stack.snapshot());
     logForecast(plan, stack, layers);
 }

@@ -9,6 +9,6 @@ namespace tolvubd {
 /// begins with it, and starts the watcher.
 ///
 /// Fails: std::system_error. The volume is resumed then, with its previous table or with the new one.
-void takeMoment(const SnapshotPlan& plan, LayerStack& stack, Device& device);
+void takeSnapshot(const SnapshotPlan& plan, LayerStack& stack, Device& device);
 
 } // namespace tolvubd

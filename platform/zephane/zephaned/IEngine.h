@@ -8,9 +8,9 @@ namespace zephane {
 /// Owns:    the engine's process and its socket.
 /// Threads: any.
 /// Fails:   never.
-class IBackEnd {
+class IEngine {
 public:
-    virtual ~IBackEnd() = default;
+    virtual ~IEngine() = default;
     /// The path of the Unix socket where the engine accepts connections, shortly after its start.
     [[nodiscard]] virtual const std::string& socket() const = 0;
     /// Whether the engine has ended: from then on it doesn't write to the image any more.

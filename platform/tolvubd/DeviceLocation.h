@@ -10,8 +10,8 @@ namespace tolvubd {
 
 /// The current path of the device's volume. Finds a tracked volume by its device-mapper UUID, because it may
 /// have been renamed.
-std::string placeOf(const Device& device);
-bool isOn(const Device& device, const Volume& volume);
+std::string devicePathOf(const Device& device);
+bool belongsTo(const Device& device, const Volume& volume);
 
 /// The current path of a CoW file on the volume. Throws ENOENT when it isn't there.
 std::string findCowFile(const Volume& volume, const std::string& cowFile);

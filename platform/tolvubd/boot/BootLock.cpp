@@ -1,4 +1,4 @@
-#include "boot/BootTurn.h"
+#include "boot/BootLock.h"
 
 #include "Failure.h"
 #include "FileAccess.h"
@@ -18,7 +18,7 @@ constexpr std::chrono::milliseconds pause{20};
 
 } // namespace
 
-BootTurn::BootTurn() : lock(openFile(lockPath, O_RDWR | O_CREAT | O_NOFOLLOW, ownerOnly)) {
+BootLock::BootLock() : lock(openFile(lockPath, O_RDWR | O_CREAT | O_NOFOLLOW, ownerOnly)) {
     const auto deadline = std::chrono::steady_clock::now() + patience;
     while (::flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
         if (errno != EWOULDBLOCK && errno != EINTR) {

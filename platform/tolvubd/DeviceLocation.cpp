@@ -1,4 +1,4 @@
-#include "Whereabouts.h"
+#include "DeviceLocation.h"
 
 #include "Failure.h"
 #include "dm/Mapper.h"
@@ -21,13 +21,13 @@ std::optional<dev_t> numberOf(const std::string& path) {
 
 } // namespace
 
-std::string placeOf(const Device& device) {
+std::string devicePathOf(const Device& device) {
     const auto found = device.layers ? dm::findByUuid(device.layers->volume) : std::nullopt;
     return found ? "/dev/dm-" + std::to_string(minor(found->number)) : device.blockDevice;
 }
 
-bool isOn(const Device& device, const Volume& volume) {
-    return numberOf(placeOf(device)) == volume.number;
+bool belongsTo(const Device& device, const Volume& volume) {
+    return numberOf(devicePathOf(device)) == volume.number;
 }
 
 std::string findCowFile(const Volume& volume, const std::string& cowFile) {
@@ -47,7 +47,8 @@ std::string findCowFile(const Volume& volume, const std::string& cowFile) {
 
 std::vector<Unfinished> removalOfCowFile(const Device& device) {
     try {
-        Unfinished unfinished{device.snapshot, findCowFile(findVolume(placeOf(device)), device.cowFile), {}};
+        Unfinished unfinished{
+            device.snapshot, findCowFile(findVolume(devicePathOf(device)), device.cowFile), {}};
         unfinished.layers = device.layers ? device.layers->id : std::string();
         return {unfinished};
     } catch (const std::system_error& error) {
