@@ -21,7 +21,7 @@ public:
     using Image = std::vector<std::uint8_t>;
 
     /// The remote image; several transports can share it.
-    struct FarSide {
+    struct RemoteImage {
         Image image;
         bool isBroken = false; ///< if set, every command fails
         int changes = 0;       ///< how many writes and punched holes really changed the image
@@ -29,8 +29,9 @@ public:
 
     explicit FakeTransport(std::size_t imageBytes = 0) : FakeTransport(Image(imageBytes)) {}
     explicit FakeTransport(Image image)
-        : FakeTransport(std::make_shared<FarSide>(FarSide{.image = std::move(image)})) {}
-    explicit FakeTransport(std::shared_ptr<FarSide> farSide) : side(std::move(farSide)), image(side->image) {}
+        : FakeTransport(std::make_shared<RemoteImage>(RemoteImage{.image = std::move(image)})) {}
+    explicit FakeTransport(std::shared_ptr<RemoteImage> remoteImage)
+        : remote(std::move(remoteImage)), image(remote->image) {}
 
     /// As in the protocol, the offset must be within the image or at its end.
     std::int64_t seek(std::int64_t offset, int whence) override {
@@ -57,7 +58,7 @@ public:
         if (!diffMerge || !std::equal(source, source + count, image.begin() + position)) {
             std::copy_n(source, count, image.begin() + position);
             written.emplace_back(position, count);
-            ++side->changes;
+            ++remote->changes;
         }
         return moveBy(count);
     }
@@ -95,7 +96,7 @@ public:
         }
         std::fill_n(image.begin() + position, count, std::uint8_t{0});
         holes.emplace_back(position, count);
-        ++side->changes;
+        ++remote->changes;
         moveBy(count);
         return true;
     }
@@ -105,7 +106,7 @@ public:
     using Extent = std::pair<std::int64_t, std::size_t>; ///< Position and length, in bytes.
 
 private:
-    std::shared_ptr<FarSide> side;
+    std::shared_ptr<RemoteImage> remote;
 
 public:
     Image& image;                   ///< the far side's image
@@ -128,7 +129,7 @@ private:
 
     [[nodiscard]] bool isReady() const {
         errno = connected ? EIO : ENOTCONN;
-        return connected && !side->isBroken;
+        return connected && !remote->isBroken;
     }
 
     [[nodiscard]] bool isAligned(std::uint64_t length) const {

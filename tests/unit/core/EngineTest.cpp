@@ -4,10 +4,10 @@
 #include "core/backup/BackupManager.h"
 #include "core/backup/BackupSession.h"
 #include "core/backup/BackupThread.h"
+#include "support/BlockingCall.h"
 #include "support/Messages.h"
 #include "support/NoMoreThreads.h"
 #include "support/RecordingLogger.h"
-#include "support/Stay.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -317,20 +317,20 @@ TEST_F(EngineTest, EndedCancelledThreadsMakeRoomAgain) {
 }
 
 TEST_F(EngineTest, SecondRequestWaitsForTheFirst) {
-    test::Stay making;
+    test::BlockingCall making;
     whileMaking = std::ref(making);
     std::future<std::string> first = std::async(std::launch::async, [&] { return request(); });
     making.waitUntilEntered();
     whileMaking = nullptr;
     std::future<std::string> second = std::async(std::launch::async, [&] { return request(); });
     EXPECT_EQ(second.wait_for(50ms), std::future_status::timeout);
-    making.leave();
+    making.release();
     EXPECT_EQ(first.get(), "backup-1");
     EXPECT_EQ(second.get(), "backup-2");
 }
 
 TEST_F(EngineTest, SecondRequestGivesUpAfterFiveSeconds) {
-    test::Stay making;
+    test::BlockingCall making;
     whileMaking = std::ref(making);
     std::future<std::string> first = std::async(std::launch::async, [&] { return request(); });
     making.waitUntilEntered();
@@ -338,19 +338,19 @@ TEST_F(EngineTest, SecondRequestGivesUpAfterFiveSeconds) {
     EXPECT_EQ(messageOf<exception::bad_request>([&] { request(); }),
               "Core engine can't do a backup right now, one is already being started");
     EXPECT_GE(std::chrono::steady_clock::now() - begun, 5s);
-    making.leave();
+    making.release();
     EXPECT_EQ(first.get(), "backup-1");
 }
 
 TEST_F(EngineTest, CancelDoesNotWaitForARequest) {
     const std::string running = request();
-    test::Stay making;
+    test::BlockingCall making;
     whileMaking = std::ref(making);
     std::future<std::string> next = std::async(std::launch::async, [&] { return request(); });
     making.waitUntilEntered();
     EXPECT_THROW(engine->cancelBackup(running), exception::bad_request); // the new request has cancelled it
     EXPECT_FALSE(engine->isBackupRunning());
-    making.leave();
+    making.release();
     EXPECT_EQ(next.get(), "backup-2");
 }
 

@@ -70,8 +70,8 @@ protected:
 
     static constexpr std::uint64_t twoEntries = 4097;
 
-    const std::string current = mountPoint + "/.tolvu1";
-    const std::string closed = mountPoint + "/.tolvu";
+    const std::string currentCowFile = mountPoint + "/.tolvu1";
+    const std::string closedCowFile = mountPoint + "/.tolvu";
     const std::string history = mountPoint + "/.tolvu.inc";
 };
 
@@ -112,7 +112,7 @@ TEST_F(DriverHistoryTest, PresenceAndRemoval) {
 }
 
 TEST_F(DriverHistoryTest, NothingIsOwedAfterSuccess) {
-    writeFile(current, contentOf({1, 2, 3, 4}, 5));
+    writeFile(currentCowFile, contentOf({1, 2, 3, 4}, 5));
     writeFile(history, std::string(20'000, 'x'));
     EXPECT_TRUE(make(true));
     EXPECT_EQ(readFile(history), contentOf({0, 0}, 5)); // the table of a volume of 4097 bytes has 16 bytes
@@ -121,20 +121,20 @@ TEST_F(DriverHistoryTest, NothingIsOwedAfterSuccess) {
 }
 
 TEST_F(DriverHistoryTest, EverythingIsOwedAfterFailure) {
-    writeFile(current, contentOf({9, 9, 9}));
-    writeFile(closed, contentOf({1, 2, 3, 4}, 6));
+    writeFile(currentCowFile, contentOf({9, 9, 9}));
+    writeFile(closedCowFile, contentOf({1, 2, 3, 4}, 6));
     EXPECT_TRUE(make(false));
     EXPECT_EQ(readFile(history), contentOf({1, 2}, 6));
     EXPECT_EQ(file::status(history).st_mode & 07777, 0600U);
 }
 
 TEST_F(DriverHistoryTest, TableSizes) {
-    writeFile(closed, contentOf(pattern(8, 1)));
+    writeFile(closedCowFile, contentOf(pattern(8, 1)));
     const std::vector<std::pair<std::uint64_t, std::uint64_t>> sizes = {
         {0, 0}, {1, 8}, {4095, 8}, {4096, 8}, {4097, 16}, {8192, 16}, {8193, 24}};
     for (const auto& [size, bytes] : sizes) {
         EXPECT_TRUE(make(false, size));
-        EXPECT_EQ(readFile(history), readFile(closed).substr(0, headerBytes + bytes)) << size;
+        EXPECT_EQ(readFile(history), readFile(closedCowFile).substr(0, headerBytes + bytes)) << size;
     }
 }
 
@@ -144,41 +144,41 @@ TEST_F(DriverHistoryTest, CopiesAndMergesInPieces) {
         const std::uint64_t tableBytes = pieceBytes + static_cast<std::uint64_t>(beyond);
         const std::uint64_t size = tableBytes / 8 * 4096;
         const std::vector<std::uint64_t> owed = pattern(tableBytes / 8 + 5, 3);
-        writeFile(closed, contentOf(owed));
-        writeFile(current, contentOf(owed));
+        writeFile(closedCowFile, contentOf(owed));
+        writeFile(currentCowFile, contentOf(owed));
         ASSERT_TRUE(make(false, size));
         EXPECT_TRUE(readFile(history) == contentOf(owed).substr(0, headerBytes + tableBytes)) << beyond;
 
         std::vector<std::uint64_t> changed = pattern(tableBytes / 8 + 5, 11);
-        writeFile(closed, contentOf(changed, 9));
+        writeFile(closedCowFile, contentOf(changed, 9));
         ASSERT_TRUE(roll(size));
         for (std::size_t index = 0; index < tableBytes / 8; ++index) {
             changed[index] |= owed[index];
         }
-        EXPECT_TRUE(readFile(closed) == contentOf(changed, 9))
+        EXPECT_TRUE(readFile(closedCowFile) == contentOf(changed, 9))
             << beyond; // the bytes after the table stay unchanged
 
         ASSERT_TRUE(make(true, size));
         EXPECT_TRUE(readFile(history) == contentOf(std::vector<std::uint64_t>(tableBytes / 8))) << beyond;
         ASSERT_TRUE(roll(size));
-        EXPECT_TRUE(readFile(closed) == contentOf(changed, 9)) << beyond;
+        EXPECT_TRUE(readFile(closedCowFile) == contentOf(changed, 9)) << beyond;
     }
 }
 
 TEST_F(DriverHistoryTest, MergeSaysThatItHasWorked) {
-    writeFile(closed, contentOf({1, 0}));
+    writeFile(closedCowFile, contentOf({1, 0}));
     writeFile(history, contentOf({4, 8}, 99));
     EXPECT_TRUE(roll());
-    EXPECT_EQ(readFile(closed), contentOf({5, 8}));
+    EXPECT_EQ(readFile(closedCowFile), contentOf({5, 8}));
     EXPECT_EQ(readFile(history), contentOf({4, 8}, 99));
     EXPECT_EQ(lines().back(), (Line{level::debug, "Successfully merged incremental history"}));
 }
 
 TEST_F(DriverHistoryTest, WhatIsOwedPilesUpOverFailedBackups) {
-    writeFile(current, contentOf({0, 0}));
-    writeFile(closed, contentOf({1, 0}));
+    writeFile(currentCowFile, contentOf({0, 0}));
+    writeFile(closedCowFile, contentOf({1, 0}));
     ASSERT_TRUE(make(false)); // the first backup has failed
-    writeFile(closed, contentOf({2, 0}));
+    writeFile(closedCowFile, contentOf({2, 0}));
     ASSERT_TRUE(roll());
     ASSERT_TRUE(make(false)); // the second has failed, too
     EXPECT_EQ(readFile(history), contentOf({3, 0}));
@@ -214,7 +214,7 @@ TEST_F(DriverHistoryTest, FilesThatCannotBeOpened) {
     const Line noSource{level::error,
                         "Cannot make history, cannot open incremental file: No such file or directory"};
     EXPECT_EQ(problems(), Lines{noSource});
-    writeFile(current, contentOf({1, 2}));
+    writeFile(currentCowFile, contentOf({1, 2}));
     EXPECT_FALSE(make(false)); // the closed file is needed
     EXPECT_EQ(problems(), Lines{noSource});
     EXPECT_FALSE(file::exists(history));
@@ -232,12 +232,12 @@ TEST_F(DriverHistoryTest, FilesThatCannotBeOpenedForTheMerge) {
     writeFile(history, contentOf({1, 2}));
     EXPECT_FALSE(roll());
     EXPECT_EQ(problems(), (Lines{{level::error, "Cannot roll forward, cannot open incremental file " +
-                                                    closed + ": No such file or directory"}}));
+                                                    closedCowFile + ": No such file or directory"}}));
 }
 
 /// A user who may write to the root of a volume must not be able to make the agent write elsewhere or block.
 TEST_F(DriverHistoryTest, LinksAreNotFollowed) {
-    writeFile(current, contentOf({1, 2}));
+    writeFile(currentCowFile, contentOf({1, 2}));
     writeFile(mountPoint + "/victim", "untouched");
     ASSERT_EQ(::symlink("victim", history.c_str()), 0);
     EXPECT_FALSE(make(true));
@@ -246,15 +246,15 @@ TEST_F(DriverHistoryTest, LinksAreNotFollowed) {
     EXPECT_EQ(readFile(mountPoint + "/victim"), "untouched");
     std::filesystem::remove(history);
     writeFile(history, contentOf({1, 2}));
-    ASSERT_EQ(::symlink("victim", closed.c_str()), 0);
+    ASSERT_EQ(::symlink("victim", closedCowFile.c_str()), 0);
     EXPECT_FALSE(roll());
     EXPECT_EQ(readFile(mountPoint + "/victim"), "untouched");
 }
 
 TEST_F(DriverHistoryTest, PipesDoNotBlock) {
-    ASSERT_EQ(::mkfifo(current.c_str(), 0600), 0);
+    ASSERT_EQ(::mkfifo(currentCowFile.c_str(), 0600), 0);
     ASSERT_EQ(::mkfifo(history.c_str(), 0600), 0);
-    ASSERT_EQ(::mkfifo(closed.c_str(), 0600), 0);
+    ASSERT_EQ(::mkfifo(closedCowFile.c_str(), 0600), 0);
     EXPECT_FALSE(make(true));
     EXPECT_EQ(problems(),
               (Lines{{level::error, "Cannot make history, cannot open incremental history file: No "
@@ -269,27 +269,27 @@ TEST_F(DriverHistoryTest, PipesDoNotBlock) {
               (Lines{{level::error, "Cannot seek past header in incremental history file: Illegal seek"}}));
     std::filesystem::remove(history);
     EXPECT_FALSE(make(true));
-    EXPECT_EQ(problems(), (Lines{{level::error, "Unable to read from incremental file " + current +
+    EXPECT_EQ(problems(), (Lines{{level::error, "Unable to read from incremental file " + currentCowFile +
                                                     ": No data available"}}));
 }
 
 TEST_F(DriverHistoryTest, DirectoryInPlaceOfASource) {
-    std::filesystem::create_directory(closed);
+    std::filesystem::create_directory(closedCowFile);
     EXPECT_FALSE(make(false));
-    EXPECT_EQ(problems(),
-              (Lines{{level::error, "Unable to read from incremental file " + closed + ": Is a directory"}}));
+    EXPECT_EQ(problems(), (Lines{{level::error, "Unable to read from incremental file " + closedCowFile +
+                                                    ": Is a directory"}}));
     writeFile(history, contentOf({1, 2}));
     EXPECT_FALSE(roll());
     EXPECT_EQ(problems(), (Lines{{level::error, "Cannot roll forward, cannot open incremental file " +
-                                                    closed + ": Is a directory"}}));
+                                                    closedCowFile + ": Is a directory"}}));
 }
 
 /// A history must never be reported as complete if it has less than the source should have had.
 TEST_F(DriverHistoryTest, EveryTruncationOfTheSource) {
     const std::string whole = contentOf({1, 2});
     for (std::size_t length = 0; length <= whole.size(); length += length < 4080 ? 510 : 1) {
-        writeFile(closed, whole.substr(0, length));
-        writeFile(current, whole.substr(0, length));
+        writeFile(closedCowFile, whole.substr(0, length));
+        writeFile(currentCowFile, whole.substr(0, length));
         const bool complete = length == whole.size();
         EXPECT_EQ(make(false), complete) << length;
         EXPECT_EQ(problems().empty(), complete) << length;
@@ -302,38 +302,38 @@ TEST_F(DriverHistoryTest, EveryTruncationForTheMerge) {
     const std::string owed = contentOf({4, 8});
     const std::string changed = contentOf({1, 2});
     for (std::size_t length = 0; length < owed.size(); length += length < 4080 ? 510 : 1) {
-        writeFile(closed, changed);
+        writeFile(closedCowFile, changed);
         writeFile(history, owed.substr(0, length));
         EXPECT_FALSE(roll()) << length;
         EXPECT_EQ(problems(), (Lines{{level::error, "Unable to read from incremental history file " +
                                                         history + ": No data available"}}));
-        EXPECT_EQ(readFile(closed), changed);
-        writeFile(closed, changed.substr(0, length));
+        EXPECT_EQ(readFile(closedCowFile), changed);
+        writeFile(closedCowFile, changed.substr(0, length));
         writeFile(history, owed);
         EXPECT_FALSE(roll()) << length;
-        EXPECT_EQ(problems(), (Lines{{level::error, "Unable to read from incremental file " + closed +
+        EXPECT_EQ(problems(), (Lines{{level::error, "Unable to read from incremental file " + closedCowFile +
                                                         ": No data available"}}));
-        EXPECT_EQ(readFile(closed), changed.substr(0, length)); // it doesn't grow
+        EXPECT_EQ(readFile(closedCowFile), changed.substr(0, length)); // it doesn't grow
     }
 }
 
 TEST_F(DriverHistoryTest, MergeThatEndsInTheSecondPiece) {
     const std::uint64_t entries = pieceBytes / 8 + 2;
     const std::vector<std::uint64_t> owed(entries, 4);
-    writeFile(closed, contentOf(std::vector<std::uint64_t>(entries, 1)));
+    writeFile(closedCowFile, contentOf(std::vector<std::uint64_t>(entries, 1)));
     writeFile(history, contentOf(owed).substr(0, headerBytes + pieceBytes + 8));
     EXPECT_FALSE(roll(entries * 4096));
     std::vector<std::uint64_t> merged(entries, 5);
     merged[entries - 2] = merged[entries - 1] = 1;
-    EXPECT_TRUE(readFile(closed) == contentOf(merged));
+    EXPECT_TRUE(readFile(closedCowFile) == contentOf(merged));
 }
 
 /// Gigabytes of zeros must be allocated without being written, and merged without being read or written.
 TEST_F(DriverHistoryTest, OwingNothingCostsNothing) {
     const std::uint64_t entries = pieceBytes / 8 * 2 + 2;
     const std::vector<std::uint64_t> table(entries, 1);
-    writeFile(closed, contentOf(table));
-    writeFile(current, contentOf(table));
+    writeFile(closedCowFile, contentOf(table));
+    writeFile(currentCowFile, contentOf(table));
     EXPECT_TRUE(make(true, entries * 4096));
     EXPECT_TRUE(readFile(history) == contentOf(std::vector<std::uint64_t>(entries)));
     EXPECT_GE(static_cast<std::uint64_t>(file::status(history).st_blocks) * 512, headerBytes + entries * 8);
@@ -342,12 +342,12 @@ TEST_F(DriverHistoryTest, OwingNothingCostsNothing) {
         const std::uint64_t before = bytesReadSoFar();
         return roll(entries * 4096) && bytesReadSoFar() - before < pieceBytes;
     }));
-    EXPECT_TRUE(readFile(closed) == contentOf(table));
+    EXPECT_TRUE(readFile(closedCowFile) == contentOf(table));
 }
 
 TEST_F(DriverHistoryTest, ZerosAreWrittenWhereNoSpaceCanBeSetAside) {
     const std::uint64_t entries = pieceBytes / 8 + 2;
-    writeFile(current, contentOf(std::vector<std::uint64_t>(entries, 1)));
+    writeFile(currentCowFile, contentOf(std::vector<std::uint64_t>(entries, 1)));
     EXPECT_TRUE(inChild([&] {
         test::denySystemCall(SYS_fallocate, EOPNOTSUPP);
         return make(true, entries * 4096);
@@ -356,21 +356,21 @@ TEST_F(DriverHistoryTest, ZerosAreWrittenWhereNoSpaceCanBeSetAside) {
 }
 
 TEST_F(DriverHistoryTest, MergeWritesNothingThatIsThere) {
-    writeFile(closed, contentOf({5, 2}));
+    writeFile(closedCowFile, contentOf({5, 2}));
     writeFile(history, contentOf({4, 0}));
     EXPECT_TRUE(inChild([&] {
         test::denySystemCall(SYS_write, EIO);
         return roll();
     }));
-    EXPECT_EQ(readFile(closed), contentOf({5, 2}));
+    EXPECT_EQ(readFile(closedCowFile), contentOf({5, 2}));
 }
 
 /// The owed blocks are between two pieces that are holes.
 TEST_F(DriverHistoryTest, MergesWhatLiesBetweenHoles) {
     const std::uint64_t piece = pieceBytes / 8;
     std::vector<std::uint64_t> table(3 * piece, 1);
-    writeFile(closed, contentOf(table));
-    writeFile(current, contentOf({}));
+    writeFile(closedCowFile, contentOf(table));
+    writeFile(currentCowFile, contentOf({}));
     EXPECT_TRUE(make(true, table.size() * 4096));
     const std::uint64_t owed = 6;
     std::fstream(history, std::ios::in | std::ios::out | std::ios::binary)
@@ -378,18 +378,18 @@ TEST_F(DriverHistoryTest, MergesWhatLiesBetweenHoles) {
         .write(static_cast<const char*>(static_cast<const void*>(&owed)), sizeof owed);
     EXPECT_TRUE(roll(table.size() * 4096));
     table[piece + 3] = 7;
-    EXPECT_TRUE(readFile(closed) == contentOf(table));
+    EXPECT_TRUE(readFile(closedCowFile) == contentOf(table));
 }
 
 TEST_F(DriverHistoryTest, ATableThatBreaksOffIsFoundOutThoughNothingIsOwed) {
-    writeFile(current, contentOf({1, 2}));
+    writeFile(currentCowFile, contentOf({1, 2}));
     EXPECT_TRUE(make(true));
-    writeFile(closed, contentOf({1, 2}).substr(0, headerBytes + 15));
+    writeFile(closedCowFile, contentOf({1, 2}).substr(0, headerBytes + 15));
     EXPECT_FALSE(roll());
-    EXPECT_EQ(problems(), (Lines{{level::error, "Unable to read from incremental file " + closed +
+    EXPECT_EQ(problems(), (Lines{{level::error, "Unable to read from incremental file " + closedCowFile +
                                                     ": No data available"}}));
     std::filesystem::resize_file(history, headerBytes + 15);
-    writeFile(closed, contentOf({1, 2}));
+    writeFile(closedCowFile, contentOf({1, 2}));
     EXPECT_FALSE(roll());
     EXPECT_EQ(problems(), (Lines{{level::error, "Unable to read from incremental history file " + history +
                                                     ": No data available"}}));
@@ -400,15 +400,15 @@ TEST_F(DriverHistoryTest, FullVolume) {
     const test::TmpfsMount full(mountPoint, "size=96k");
     const std::vector<std::uint64_t> table(3072, 1); // 28 KiB with the header
     const std::uint64_t size = table.size() * 4096;
-    writeFile(closed, contentOf(table));
-    writeFile(current, contentOf(table));
+    writeFile(closedCowFile, contentOf(table));
+    writeFile(currentCowFile, contentOf(table));
     writeFile(mountPoint + "/ballast", std::string(20UL * 1024, 'x'));
     for (const bool zeroFill : {false, true}) {
         EXPECT_FALSE(make(zeroFill, size));
         EXPECT_EQ(problems(), (Lines{{level::error, "Unable to write to incremental history file " + history +
                                                         ": No space left on device"}}));
-        EXPECT_TRUE(readFile(closed) == contentOf(table));
-        EXPECT_TRUE(readFile(current) == contentOf(table));
+        EXPECT_TRUE(readFile(closedCowFile) == contentOf(table));
+        EXPECT_TRUE(readFile(currentCowFile) == contentOf(table));
     }
     std::filesystem::remove(mountPoint + "/ballast");
     EXPECT_TRUE(make(false, size));
@@ -417,21 +417,21 @@ TEST_F(DriverHistoryTest, FullVolume) {
 
 TEST_F(DriverHistoryTest, VolumeThatHasBecomeReadOnly) {
     test::TmpfsMount mount(mountPoint, "size=64k");
-    writeFile(closed, contentOf({1, 2}));
+    writeFile(closedCowFile, contentOf({1, 2}));
     writeFile(history, contentOf({4, 8}));
     mount.makeReadOnly();
     EXPECT_FALSE(make(false));
     EXPECT_EQ(problems().back().text,
               "Cannot make history, cannot open incremental history file: Read-only file system");
     EXPECT_FALSE(roll());
-    EXPECT_EQ(problems().back().text,
-              "Cannot roll forward, cannot open incremental file " + closed + ": Read-only file system");
+    EXPECT_EQ(problems().back().text, "Cannot roll forward, cannot open incremental file " + closedCowFile +
+                                          ": Read-only file system");
     EXPECT_EQ(readFile(history), contentOf({4, 8}));
 }
 
 TEST_F(DriverHistoryTest, SystemCallsThatFail) {
-    writeFile(closed, contentOf({1, 2}));
-    writeFile(current, contentOf({1, 2}));
+    writeFile(closedCowFile, contentOf({1, 2}));
+    writeFile(currentCowFile, contentOf({1, 2}));
     writeFile(history, contentOf({4, 8}));
     const auto failsWith = [&](long call, bool merge, const std::string& text) {
         return inChild([&] {
@@ -440,7 +440,7 @@ TEST_F(DriverHistoryTest, SystemCallsThatFail) {
             return !done && problems() == Lines{{level::error, text + ": Input/output error"}};
         });
     };
-    EXPECT_TRUE(failsWith(SYS_write, true, "Unable to write merge to incremental file " + closed));
+    EXPECT_TRUE(failsWith(SYS_write, true, "Unable to write merge to incremental file " + closedCowFile));
     EXPECT_TRUE(failsWith(SYS_write, false, "Unable to write to incremental history file " + history));
     // If its data hasn't reached the disk, the history is unusable.
     EXPECT_TRUE(failsWith(SYS_fsync, false, "Unable to write to incremental history file " + history));

@@ -1,10 +1,10 @@
 #include "core/backup/BackupSignalHandlers.h"
 
 #include "core/backup/BackupThread.h"
+#include "support/BlockingCall.h"
 #include "support/FakeBackup.h"
 #include "support/ProcessState.h"
 #include "support/RecordingLogger.h"
-#include "support/Stay.h"
 #include "support/Waiting.h"
 
 #include <gmock/gmock.h>
@@ -140,15 +140,15 @@ TEST_F(BackupSignals, BrokenPipeOfAWriteIsAnErrorOfTheWriteToo) {
 }
 
 TEST_F(BackupSignals, TakenByAnyThreadOfTheProcess) {
-    test::Stay stay;
-    const auto backup = std::make_shared<FakeBackup>("backup", std::ref(stay));
+    test::BlockingCall call;
+    const auto backup = std::make_shared<FakeBackup>("backup", std::ref(call));
     BackupThread thread(log.logger);
     thread.start(backup, nullptr);
-    stay.waitUntilEntered();
+    call.waitUntilEntered();
     sendTo(threadId(), SIGPIPE);
     EXPECT_TRUE(test::eventually([&] { return backup->isCancelled(); }));
     EXPECT_TRUE(log.has(1, "Broken pipe during backup. TID: " + nameOfThisThread()));
-    stay.leave();
+    call.release();
 }
 
 /// Signals that mean a program fault.
@@ -283,16 +283,16 @@ class OverlappedRuns : public BackupSignals {
 protected:
     OverlappedRuns() {
         first.start(firstBackup, nullptr);
-        firstStay.waitUntilEntered();
+        firstCall.waitUntilEntered();
         second.start(secondBackup, nullptr);
-        secondStay.waitUntilEntered();
+        secondCall.waitUntilEntered();
     }
 
     const std::map<int, std::pair<sighandler_t, int>> before = dispositions();
-    test::Stay firstStay;
-    test::Stay secondStay;
-    std::shared_ptr<FakeBackup> firstBackup = std::make_shared<FakeBackup>("first", std::ref(firstStay));
-    std::shared_ptr<FakeBackup> secondBackup = std::make_shared<FakeBackup>("second", std::ref(secondStay));
+    test::BlockingCall firstCall;
+    test::BlockingCall secondCall;
+    std::shared_ptr<FakeBackup> firstBackup = std::make_shared<FakeBackup>("first", std::ref(firstCall));
+    std::shared_ptr<FakeBackup> secondBackup = std::make_shared<FakeBackup>("second", std::ref(secondCall));
     BackupThread first{log.logger};
     BackupThread second{log.logger};
 };
@@ -301,40 +301,40 @@ TEST_F(OverlappedRuns, LaterOneOwnsTheSignals) {
     ::raise(SIGPIPE);
     EXPECT_TRUE(test::eventually([&] { return secondBackup->isCancelled(); }));
     EXPECT_FALSE(firstBackup->isCancelled());
-    firstStay.leave();
-    secondStay.leave();
+    firstCall.release();
+    secondCall.release();
 }
 
 TEST_F(OverlappedRuns, DispositionsComeBackWhenTheFirstEndsFirst) {
-    firstStay.leave();
+    firstCall.release();
     first.wait();
     EXPECT_EQ(dispositions(), before);
-    secondStay.leave();
+    secondCall.release();
     second.wait();
     EXPECT_EQ(dispositions(), before);
 }
 
 TEST_F(OverlappedRuns, DispositionsComeBackWhenTheSecondEndsFirst) {
-    secondStay.leave();
+    secondCall.release();
     second.wait();
     EXPECT_EQ(dispositions(), before);
-    firstStay.leave();
+    firstCall.release();
     first.wait();
     EXPECT_EQ(dispositions(), before);
 }
 
 TEST_F(OverlappedRuns, DispositionsComeBackWhenAThirdStartsBetween) {
-    test::Stay thirdStay;
-    const auto thirdBackup = std::make_shared<FakeBackup>("third", std::ref(thirdStay));
+    test::BlockingCall thirdCall;
+    const auto thirdBackup = std::make_shared<FakeBackup>("third", std::ref(thirdCall));
     BackupThread third(log.logger);
-    firstStay.leave();
+    firstCall.release();
     first.wait();
     third.start(thirdBackup, nullptr);
-    thirdStay.waitUntilEntered();
+    thirdCall.waitUntilEntered();
     EXPECT_TRUE(isCaught(SIGPIPE));
-    secondStay.leave();
+    secondCall.release();
     second.wait();
-    thirdStay.leave();
+    thirdCall.release();
     third.wait();
     EXPECT_EQ(dispositions(), before);
 }

@@ -7,7 +7,7 @@
 #include "core/backup/BackupType.h"
 #include "core/backup/VolumeChecksumGenerator.h"
 #include "core/operation/CancelableOperation.h"
-#include "support/BackupStage.h"
+#include "support/BackupHarness.h"
 #include "support/ExtImage.h"
 #include "support/FakeTransport.h"
 #include "support/Messages.h"
@@ -151,7 +151,7 @@ public:
         constexpr std::uint32_t blockCount = 32;
         test::ExtImage ext({.blockCount = blockCount});
         for (std::uint32_t block = 0; block < blockCount / 2; ++block) {
-            ext.use(block);
+            ext.setUsed(block);
         }
         std::string bytes(ext.volume.size, '\0');
         ext.volume.read(bytes.data(), bytes.size());
@@ -229,15 +229,15 @@ private:
 class BackupTest : public testing::Test {
 protected:
     BackupTest() {
-        stage.volumes.find = [this](const std::string& uuid) {
+        harness.volumes.find = [this](const std::string& uuid) {
             call(onFind);
             const auto found = volumes.find(uuid);
             return found == volumes.end() ? nullptr : found->second.volume;
         };
         for (const auto& [uuid, volume] : volumes) {
-            stage.snapshots.started[uuid].snapshotPath = volume.snapshotPath;
+            harness.snapshots.started[uuid].snapshotPath = volume.snapshotPath;
         }
-        stage.snapshots.onEnd = [this] { closedBeforeConclusion = closed[0] && closed[1]; };
+        harness.snapshots.onEnd = [this] { closedBeforeConclusion = closed[0] && closed[1]; };
         log.clear();
     }
 
@@ -251,13 +251,13 @@ protected:
         case validateRemote:
             return targets[0]->onConnect;
         case startSnapshotting:
-            return stage.quiesce.onRun;
+            return harness.quiesce.onRun;
         case copyFirst:
             return targets[0]->onWrite;
         case copySecond:
             return targets[1]->onWrite;
         default:
-            return stage.store.onVouch;
+            return harness.store.onStoreChecksum;
         }
     }
 
@@ -268,8 +268,8 @@ protected:
         if (heartbeat) {
             poll = [watched = heartbeat.get()] { watched->check(); };
         }
-        return stage.make(attributes, std::make_unique<WatchedOperation>(onCheck, std::move(poll)),
-                          std::move(heartbeat), id);
+        return harness.make(attributes, std::make_unique<WatchedOperation>(onCheck, std::move(poll)),
+                            std::move(heartbeat), id);
     }
 
     /// A session with these volumes. When it runs, it holds the last references to the targets.
@@ -374,30 +374,31 @@ protected:
     void expectFailed(bool connectionError) {
         EXPECT_THAT(states(), ElementsAre(VOLUME_FAILED, VOLUME_FAILED));
         EXPECT_EQ(hasConnectionError(), connectionError);
-        EXPECT_THAT(stage.snapshots.ends, ElementsAre(false));
+        EXPECT_THAT(harness.snapshots.transitionResults, ElementsAre(false));
         EXPECT_TRUE(closedBeforeConclusion);
-        EXPECT_EQ(stage.snapshots.living, 0);
+        EXPECT_EQ(harness.snapshots.liveControls, 0);
         EXPECT_TRUE(anotherCanRun());
     }
 
     /// Runs another backup on another thread, since this thread could relock a mutex that it had left locked.
     AssertionResult anotherCanRun() {
-        test::BackupStage otherStage; // without volumes, so that its run ends at once
-        const auto other = otherStage.make(attributes, std::make_unique<CancelableOperation>());
-        std::future<void> run = std::async(
-            std::launch::async, [&] { other->run(std::make_unique<BackupSession>(otherStage.log.logger)); });
+        test::BackupHarness otherHarness; // without volumes, so that its run ends at once
+        const auto other = otherHarness.make(attributes, std::make_unique<CancelableOperation>());
+        std::future<void> run = std::async(std::launch::async, [&] {
+            other->run(std::make_unique<BackupSession>(otherHarness.log.logger));
+        });
         if (run.wait_for(30s) != std::future_status::ready) {
             std::cerr << "the run mutex was never released" << std::endl;
             std::abort(); // the other thread can't be stopped
         }
         run.get();
-        return otherStage.log.has(level3, "Beginning running backup phases...")
+        return otherHarness.log.has(level3, "Beginning running backup phases...")
                    ? AssertionSuccess()
                    : AssertionFailure() << "the other backup did not run";
     }
 
     /// Runs `action` at the first check after a line with this text.
-    void behind(const std::string& words, std::function<void()> action) {
+    void afterLine(const std::string& words, std::function<void()> action) {
         onCheck = [this, words, action = std::move(action)] {
             if (log.lines().back().text == words) {
                 action();
@@ -413,8 +414,8 @@ protected:
         made.try_emplace("second", "second");
         return made;
     }();
-    test::BackupStage stage;
-    test::RecordingLogger& log = stage.log;
+    test::BackupHarness harness;
+    test::RecordingLogger& log = harness.log;
     std::shared_ptr<IBackupAttributes> attributes =
         std::make_shared<BackupAttributes>(std::unordered_map<std::string, VolumeAttributes>{
             {"first", {0, INCREMENTAL, {{"stop", 1}}}}, {"second", {0, INCREMENTAL, {}}}});
@@ -455,8 +456,8 @@ TEST_F(BackupTest, NeedsAnOperationAndVolumes) {
             volumes[uuid] = {};
         }
         return messageOf<std::invalid_argument>([&] {
-            stage.make(std::make_shared<BackupAttributes>(volumes),
-                       withOperation ? std::make_unique<CancelableOperation>() : nullptr, nullptr, "");
+            harness.make(std::make_shared<BackupAttributes>(volumes),
+                         withOperation ? std::make_unique<CancelableOperation>() : nullptr, nullptr, "");
         });
     };
     EXPECT_EQ(construct({"first"}, false), "Empty CancelableOperation supplied.");
@@ -497,9 +498,9 @@ TEST_F(BackupTest, RunsAllPhasesInOrder) {
     EXPECT_TRUE(backup->isFinished());
     EXPECT_FALSE(backup->isActive());
     EXPECT_FALSE(hasConnectionError());
-    EXPECT_THAT(stage.snapshots.ends, ElementsAre(true));
+    EXPECT_THAT(harness.snapshots.transitionResults, ElementsAre(true));
     EXPECT_TRUE(closedBeforeConclusion);
-    EXPECT_EQ(stage.snapshots.living, 0);
+    EXPECT_EQ(harness.snapshots.liveControls, 0);
     EXPECT_TRUE(anotherCanRun());
 }
 
@@ -528,7 +529,7 @@ TEST_F(BackupTest, CancelBeforeTheRunKeepsItFromBeginning) {
 TEST_F(BackupTest, CancelOfAnOperationThatNobodyAskedForIsLost) {
     auto used = std::make_unique<CancelableOperation>();
     used->cancel();
-    backup = stage.make(attributes, std::move(used));
+    backup = harness.make(attributes, std::move(used));
     run();
     EXPECT_TRUE(log.has(level3, "Finished running backup phases..."));
     EXPECT_FALSE(backup->isCancelled());
@@ -536,14 +537,14 @@ TEST_F(BackupTest, CancelOfAnOperationThatNobodyAskedForIsLost) {
 
 TEST_F(BackupTest, CancelBeforeTheRunComesBehindTheReset) {
     std::vector<std::string> calls;
-    backup = stage.make(attributes, std::make_unique<NotingOperation>(calls));
+    backup = harness.make(attributes, std::make_unique<NotingOperation>(calls));
     backup->cancel();
     run();
     EXPECT_THAT(calls, ElementsAre("cancel", "reset", "cancel", "run"));
 }
 
 TEST_F(BackupTest, CancelBeforeTheFirstPhaseKeepsItFromBeginning) {
-    behind("Beginning running backup phases...", [this] { backup->cancel(); });
+    afterLine("Beginning running backup phases...", [this] { backup->cancel(); });
     run();
     Lines expected = linesUntilSessionGone(0, false);
     expected.insert(expected.begin() + 1, {level3, "Asking backup the-backup to cancel..."});
@@ -572,19 +573,19 @@ TEST_F(BackupTest, SnapshotsOfAnotherProgramAreLeftAloneByACancelledBackup) {
     EXPECT_TRUE(test::eventually([&] { return log.hasPart(level3, "Waiting for another program"); }));
     backup->cancel();
     running.wait();
-    EXPECT_THAT(stage.snapshots.ends, testing::IsEmpty());
+    EXPECT_THAT(harness.snapshots.transitionResults, testing::IsEmpty());
     EXPECT_EQ(recordedOutcome(), "cancelled");
     EXPECT_THAT(states(), ElementsAre(VOLUME_FAILED, VOLUME_FAILED));
 }
 
 TEST_F(BackupTest, CancelDuringTheConclusionHasNoEffect) {
-    stage.snapshots.onEnd = [this] { backup->cancel(); };
+    harness.snapshots.onEnd = [this] { backup->cancel(); };
     volumes.at(uuids[0]).volume->onSystemAsked = [this] { backup->cancel(); };
     run();
     EXPECT_TRUE(log.has(level3, "Finished execution of the Post backup record phase."));
     EXPECT_FALSE(log.hasPart(level3, "FAILED"));
     EXPECT_TRUE(backup->isFinished());
-    EXPECT_THAT(stage.snapshots.ends, ElementsAre(true));
+    EXPECT_THAT(harness.snapshots.transitionResults, ElementsAre(true));
 }
 
 TEST_F(BackupTest, FinishedVolumesFailWithTheBackup) {
@@ -618,7 +619,7 @@ TEST_F(BackupTest, CancelFromAnotherThreadStopsAWorkingPhase) {
 class CancelBetweenPhases : public BackupTest, public testing::WithParamInterface<int> {};
 
 TEST_P(CancelBetweenPhases, TheNextDoesNotBegin) {
-    behind("Finished execution of the " + nameOf(GetParam()) + " phase.", [this] { backup->cancel(); });
+    afterLine("Finished execution of the " + nameOf(GetParam()) + " phase.", [this] { backup->cancel(); });
     run();
     Lines expected = linesUntilSessionGone(GetParam() + 1, false);
     expected.insert(expected.end() - 2, {level3, "Asking backup the-backup to cancel..."});
@@ -638,7 +639,7 @@ TEST_F(BackupTest, CancelDuringTheLastPhaseComesTooLate) {
     run();
     EXPECT_TRUE(backup->isFinished());
     EXPECT_TRUE(backup->isCancelled());
-    EXPECT_THAT(stage.snapshots.ends, ElementsAre(true));
+    EXPECT_THAT(harness.snapshots.transitionResults, ElementsAre(true));
 }
 
 /// Cancels during a phase that checks by itself.
@@ -709,7 +710,7 @@ protected:
         }
         EXPECT_TRUE(threw);
         EXPECT_TRUE(closed[0] && closed[1]);
-        EXPECT_EQ(stage.snapshots.living, 0);
+        EXPECT_EQ(harness.snapshots.liveControls, 0);
         EXPECT_TRUE(anotherCanRun());
     }
 
@@ -737,7 +738,7 @@ private:
 };
 
 TEST_P(FailureThatLeavesTheRun, NoControlOfSnapshots) {
-    stage.snapshots.onMake = GetParam().raise;
+    harness.snapshots.onMake = GetParam().raise;
     expectRunThrows();
     Lines expected;
     appendSessionGone(expected);
@@ -745,7 +746,7 @@ TEST_P(FailureThatLeavesTheRun, NoControlOfSnapshots) {
 }
 
 TEST_P(FailureThatLeavesTheRun, SnapshotsThatCannotBeEnded) {
-    stage.snapshots.onEnd = GetParam().raise;
+    harness.snapshots.onEnd = GetParam().raise;
     expectRunThrows();
     Lines expected = linesUntilSessionGone(phaseCount, false);
     expected.push_back({level3, "Beginning execution of the Transition To Incremental phase."});
@@ -756,7 +757,7 @@ TEST_P(FailureThatLeavesTheRun, SnapshotsThatCannotBeEnded) {
 
 TEST_P(FailureThatLeavesTheRun, SnapshotsOfAFailedBackupThatCannotBeEnded) {
     action(validateRemote) = [] { throw std::runtime_error("disk"); };
-    stage.snapshots.onEnd = GetParam().raise;
+    harness.snapshots.onEnd = GetParam().raise;
     expectRunThrows();
     EXPECT_TRUE(log.has(error, "Exception caught during backup run: disk"));
     EXPECT_EQ(linesOfRun().back(), (Line{error, "Failed to run post backup!"}));
@@ -855,8 +856,8 @@ private:
 };
 
 TEST_F(WatchedBackup, WatchdogIsResetBeforeAndLetGoAfterTheRun) {
-    backup = stage.make(attributes, std::make_unique<CancelableOperation>(),
-                        std::make_unique<RecordedHeartbeat>(log.logger));
+    backup = harness.make(attributes, std::make_unique<CancelableOperation>(),
+                          std::make_unique<RecordedHeartbeat>(log.logger));
     action(validateLocal) = [this] { backup->ping(); };
     run();
     Lines heartbeat;
@@ -901,7 +902,7 @@ protected:
     std::shared_ptr<IBackupAttributes> nextAttributes = std::make_shared<BackupAttributes>(
         std::unordered_map<std::string, VolumeAttributes>{{"another", {0, INCREMENTAL, {}}}});
     std::unique_ptr<Backup> next =
-        stage.make(nextAttributes, std::make_unique<CancelableOperation>(), nullptr, "the-next");
+        harness.make(nextAttributes, std::make_unique<CancelableOperation>(), nullptr, "the-next");
 };
 
 TEST_F(TwoBackups, SecondWaitsUntilTheRunOfTheFirstIsOver) {
@@ -925,7 +926,7 @@ TEST_F(TwoBackups, CancelWhileItWaitsForItsTurnHolds) {
     EXPECT_TRUE(next->isCancelled());
     EXPECT_FALSE(next->isActive());
     EXPECT_FALSE(next->isFinished());
-    EXPECT_THAT(stage.snapshots.ends, ElementsAre(true, false));
+    EXPECT_THAT(harness.snapshots.transitionResults, ElementsAre(true, false));
     EXPECT_EQ(log.count(level3, "Beginning execution of the Populate Volumes phase."), 1);
     EXPECT_TRUE(log.has(level3, "Backup the-next FAILED!"));
 }

@@ -494,7 +494,7 @@ protected:
             log.logger, sizes, std::make_unique<test::FaultyDriverController>(fake, failing), extension);
         attempt([&] { start({volume}, GetParam()); });
         attempt([&] { control->transitionToIncremental({volume}, false); });
-        return failing.hasCome();
+        return failing.hasHappened();
     }
 
     [[nodiscard]] bool isTracked() const {

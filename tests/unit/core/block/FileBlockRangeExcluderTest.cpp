@@ -3,8 +3,8 @@
 #include "support/FixedRanges.h"
 #include "support/LoopFileSystem.h"
 #include "support/Messages.h"
-#include "support/PlainRanges.h"
 #include "support/RecordingLogger.h"
+#include "support/ReferenceRanges.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -126,7 +126,7 @@ protected:
         transport.reset();
         EXPECT_EQ(iscsi.contexts, 0);
         EXPECT_EQ(iscsi.tasks, 0);
-        EXPECT_EQ(iscsi.forgotten, 0);
+        EXPECT_EQ(iscsi.lostCommands, 0);
     }
 
     void make(std::uint64_t offset) {
@@ -530,7 +530,7 @@ TEST_F(IscsiTransportTest, WithoutAConnectionNothingIsReadOrWritten) {
 TEST_F(IscsiTransportTest, ASecondThreadIsTurnedAwayWhileACommandIsUnderWay) {
     connect();
     bool isFirst = true;
-    const FakeIscsi::During during(iscsi, [&](const std::string& /*function*/) {
+    const FakeIscsi::ActionInCalls during(iscsi, [&](const std::string& /*function*/) {
         if (!std::exchange(isFirst, false)) {
             return;
         }
@@ -993,7 +993,7 @@ TEST_F(IscsiTransportTest, NoBrokenPipeOfTheLibraryGetsOut) {
     counting.sa_handler = countBrokenPipe;
     sigaction(SIGPIPE, &counting, &previous);
     Calls raisedIn;
-    const FakeIscsi::During during(iscsi, [&](const std::string& function) {
+    const FakeIscsi::ActionInCalls during(iscsi, [&](const std::string& function) {
         if (function != "nanosleep") {
             raisedIn.push_back(function);
             EXPECT_EQ(std::raise(SIGPIPE), 0);

@@ -4,7 +4,7 @@
 #include "core/backup/BackupType.h"
 #include "core/backup/VolumeChecksumGenerator.h"
 #include "core/operation/CancelableOperation.h"
-#include "support/BackupStage.h"
+#include "support/BackupHarness.h"
 #include "support/ExtVolume.h"
 #include "support/FakeTransport.h"
 #include "support/FaultyTransport.h"
@@ -64,7 +64,7 @@ public:
 class BackupOfVolumes : public testing::Test {
 protected:
     BackupOfVolumes() {
-        stage.volumes.find = [this](const std::string& uuid) { return sources.at(uuid)->volume(); };
+        harness.volumes.find = [this](const std::string& uuid) { return sources.at(uuid)->volume(); };
     }
 
     /// Adds a volume and a target of its own, filled with a poison value.
@@ -88,7 +88,7 @@ protected:
     /// Prepares a backup of all volumes as currently described.
     void makeBackup() {
         attributes = std::make_shared<BackupAttributes>(volumeAttributes);
-        backup = stage.make(attributes, std::make_unique<CancelableOperation>(), nullptr, "backup");
+        backup = harness.make(attributes, std::make_unique<CancelableOperation>(), nullptr, "backup");
         session = std::make_unique<BackupSession>(log.logger);
         for (const auto& [uuid, target] : targets) {
             session->addTransport(uuid, connect(target));
@@ -156,10 +156,10 @@ protected:
     }
 
     test::TestDirectory directory;
-    test::BackupStage stage;
-    test::TestDatabase& database = stage.database;
-    test::RecordingLogger& log = stage.log;
-    test::SnapshotScript& snapshots = stage.snapshots;
+    test::BackupHarness harness;
+    test::TestDatabase& database = harness.database;
+    test::RecordingLogger& log = harness.log;
+    test::SnapshotScript& snapshots = harness.snapshots;
     std::map<std::string, std::unique_ptr<test::ExtVolume>> sources;
     std::map<std::string, std::shared_ptr<WatchedTransport>> targets;
     /// Wraps the target for the backup.
@@ -182,7 +182,7 @@ TEST_F(BackupOfVolumes, FullBackupWritesEveryUsedBlockAndNoOther) {
     EXPECT_FALSE(status().connectionError);
     EXPECT_FALSE(status().snapshotError);
     EXPECT_EQ(database.storedChecksum("a"), checksumOf("a"));
-    EXPECT_THAT(snapshots.ends, ElementsAre(true));
+    EXPECT_THAT(snapshots.transitionResults, ElementsAre(true));
 }
 
 TEST_F(BackupOfVolumes, PhasesComeInOrder) {
@@ -285,12 +285,12 @@ TEST_F(BackupOfVolumes, IncrementalBackupWithoutARecordOfChangesComparesEverythi
 
 TEST_F(BackupOfVolumes, VolumeThatIsNotThereFailsTheBackupBeforeTheSessionOpens) {
     add("a");
-    stage.volumes.find = [](const std::string&) { return nullptr; };
+    harness.volumes.find = [](const std::string&) { return nullptr; };
     run();
     EXPECT_TRUE(log.has(error, "Exception caught during backup run: Cannot backup non existing volume."));
     EXPECT_THAT(phases(), ElementsAre("Populate Volumes", "Transition To Incremental", "Post backup record"));
     EXPECT_THAT(states(), ElementsAre(VOLUME_FAILED));
-    EXPECT_THAT(snapshots.ends, ElementsAre(false));
+    EXPECT_THAT(snapshots.transitionResults, ElementsAre(false));
 }
 
 TEST_F(BackupOfVolumes, LostTargetIsToldApart) {
@@ -321,7 +321,7 @@ TEST_F(BackupOfVolumes, LastVolumeThatIsNotMountedKeepsTheOthersFromBeingTouched
     EXPECT_TRUE(log.has(error, "Volume " + last + " (/mnt) is NOT mounted"));
     EXPECT_TRUE(log.has(error, "Exception caught during backup run: Cannot backup an unmounted device!"));
     EXPECT_FALSE(isSnapshotTaken);
-    EXPECT_THAT(stage.quiesce.runs, IsEmpty());
+    EXPECT_THAT(harness.quiesce.runs, IsEmpty());
     EXPECT_THAT(states(), Each(VOLUME_FAILED));
     for (const auto& [uuid, target] : targets) {
         EXPECT_EQ(target->connects, 0) << uuid;
@@ -338,11 +338,11 @@ TEST_F(BackupOfVolumes, FailedSnapshotLetsGoOfVolumesAndTargets) {
     targets.clear(); // the session holds the last reference
     backup->run(std::move(session));
     EXPECT_TRUE(closed);
-    EXPECT_THAT(stage.quiesce.runs, ElementsAre("stop 1 pre", "stop 1 post"));
+    EXPECT_THAT(harness.quiesce.runs, ElementsAre("stop 1 pre", "stop 1 post"));
     EXPECT_TRUE(status().snapshotError);
     EXPECT_FALSE(status().connectionError);
     EXPECT_THAT(states(), ElementsAre(VOLUME_FAILED));
-    EXPECT_THAT(snapshots.ends, ElementsAre(false));
+    EXPECT_THAT(snapshots.transitionResults, ElementsAre(false));
     EXPECT_TRUE(log.has(error, "Exception caught during backup run: no room for the CoW file"));
     EXPECT_THAT(database.provider.getVolumeUUIDs(), IsEmpty());
 }
@@ -361,7 +361,7 @@ TEST_F(BackupOfVolumes, CancelDuringTheCopyVouchesForNothing) {
     EXPECT_THAT(phases(), ElementsAre("Populate Volumes", "Open Backup Session", "Validate Local Targets",
                                       "Validate Remote Targets", "Start Snapshotting", "Copy Volume a",
                                       "Transition To Incremental", "Post backup record"));
-    EXPECT_THAT(snapshots.ends, ElementsAre(false));
+    EXPECT_THAT(snapshots.transitionResults, ElementsAre(false));
     EXPECT_THAT(states(), ElementsAre(VOLUME_FAILED));
     EXPECT_EQ(database.storedChecksum("a"), 0U);
     EXPECT_FALSE(log.hasPart(error, ""));
@@ -403,13 +403,13 @@ TEST_F(BackupOfVolumes, SnapshotThatHasNotLastedFailsTheBackupAndTheNextOneMends
         recordChanges("a", {12, 500, 3000});
         request(type);
         snapshots.started["a"].check = [] { return ESTALE; };
-        snapshots.ends.clear();
+        snapshots.transitionResults.clear();
         run();
         EXPECT_TRUE(
             log.has(error, "Exception caught during backup run: The snapshot has not lasted for its copy!"));
         EXPECT_THAT(states(), ElementsAre(VOLUME_FAILED));
         EXPECT_TRUE(status().snapshotError);
-        EXPECT_THAT(snapshots.ends, ElementsAre(false));
+        EXPECT_THAT(snapshots.transitionResults, ElementsAre(false));
 
         snapshots.started["a"].check = nullptr;
         request(INCREMENTAL);
@@ -441,7 +441,7 @@ protected:
     EveryFailingCall() {
         source.change({12, 500, 1400, 3000});
         recordChanges("a", {12, 500, 1400, 3000});
-        stage.config.enabled = type == FULL;
+        harness.config.enabled = type == FULL;
         request(type);
     }
 
@@ -522,11 +522,11 @@ protected:
         source.change({12, 500, 1400, 3000});
         recordChanges("a", {12, 500, 1400, 3000});
         request(GetParam());
-        stage.store.failAt(call);
+        harness.store.failAt(call);
         run();
-        const bool hasCome = stage.store.hasFailed();
-        stage.store.failAt(0);
-        return hasCome;
+        const bool hasFailed = harness.store.hasFailed();
+        harness.store.failAt(0);
+        return hasFailed;
     }
 
     void expectWholeImage() {
@@ -639,7 +639,7 @@ TEST_F(BackupOfVolumes, RealFileSystemIsCopiedWithoutFreeBlocksAndWithoutTheDriv
     description.mountPoints = {fileSystem.root};
     description.blockCount = MadeFileSystem::blockCount;
     description.size = MadeFileSystem::blockCount * MadeFileSystem::blockSize;
-    stage.volumes.find = [&](const std::string&) {
+    harness.volumes.find = [&](const std::string&) {
         return std::make_shared<info::BackupableVolume>(description);
     };
     snapshots.started["a"].snapshotPath = fileSystem.image;

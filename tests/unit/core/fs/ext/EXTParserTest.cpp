@@ -92,10 +92,10 @@ TEST_F(EXTParserTest, UnreadableSuperBlockIsNotRecognised) {
 
 TEST_F(EXTParserTest, BlocksOf4KiBHaveTheTableAtTheSecondBlock) {
     make({.logBlockSize = 2});
-    image->use(0);
-    image->use(32767);
-    image->use(32768);
-    image->use(99'999);
+    image->setUsed(0);
+    image->setUsed(32767);
+    image->setUsed(32768);
+    image->setUsed(99'999);
     EXPECT_EQ(parse(), 100'000);
     EXPECT_EQ(used(), (Blocks{0, 32767, 32768, 99'999}));
     EXPECT_EQ(image->volume.requests.front().offset, 4096U);
@@ -104,10 +104,10 @@ TEST_F(EXTParserTest, BlocksOf4KiBHaveTheTableAtTheSecondBlock) {
 // Block 0 is before the first group: no bitmap covers it, and it may contain a boot loader.
 TEST_F(EXTParserTest, BlocksOf1KiBHaveTheTableAtByte2048AndABootBlock) {
     make({.logBlockSize = 0, .blocksPerGroup = 8192, .blockCount = 20'000});
-    image->use(1);
-    image->use(8192);
-    image->use(8193);
-    image->use(19'999);
+    image->setUsed(1);
+    image->setUsed(8192);
+    image->setUsed(8193);
+    image->setUsed(19'999);
     EXPECT_EQ(parse(), 20'000);
     EXPECT_EQ(used(), (Blocks{0, 1, 8192, 8193, 19'999}));
     EXPECT_EQ(parse(1), 19'999);
@@ -117,7 +117,8 @@ TEST_F(EXTParserTest, BlocksOf1KiBHaveTheTableAtByte2048AndABootBlock) {
 
 TEST_F(EXTParserTest, ShortLastGroupEndsWithTheVolume) {
     make({.blockCount = 32768 + 5});
-    std::ranges::for_each(std::vector{32768U, 32772U}, [this](std::uint32_t block) { image->use(block); });
+    std::ranges::for_each(std::vector{32768U, 32772U},
+                          [this](std::uint32_t block) { image->setUsed(block); });
     image->volume.at(image->blockSize * 3 + 0) |= 0xe0; // padding after the volume's end
     EXPECT_EQ(parse(), 32773);
     EXPECT_EQ(used(), (Blocks{32768, 32772}));
@@ -167,7 +168,7 @@ TEST_F(EXTParserTest, BufferThatIsTooSmallFailsTheCall) {
 TEST_F(EXTParserTest, UninitializedGroupHasItsStructuresAndNothingElse) {
     make({});
     for (const std::uint32_t block : {0U, 40'000U, 70'000U}) {
-        image->use(block);
+        image->setUsed(block);
     }
     image->setUninitialized(1);
     EXPECT_EQ(parse(), 100'000);
@@ -188,7 +189,7 @@ TEST_F(EXTParserTest, FlagOfAGroupCountsWithChecksumsOnly) {
     for (const std::uint32_t features : {0x1U, 0x10U, 0x400U, 0x410U}) {
         make({});
         setSuperBlock(100, features);
-        image->use(70'000);
+        image->setUsed(70'000);
         image->setUninitialized(2);
         EXPECT_EQ(parse(), 100'000);
         EXPECT_EQ(used(), (features == 1 ? Blocks{70'000} : Blocks{65'536, 65'537})) << features;
@@ -320,14 +321,14 @@ TEST_F(EXTParserTest, DescriptorsAreAsLargeAsThe64BitFeatureSays) {
     for (const std::uint16_t size : std::vector<std::uint16_t>{32, 64, 128, 1024}) {
         make({.descriptorSize = size});
         for (const std::uint32_t block : {1U, 33'000U, 99'998U}) {
-            image->use(block);
+            image->setUsed(block);
         }
         EXPECT_EQ(parse(), 100'000);
         EXPECT_EQ(used(), (Blocks{1, 33'000, 99'998})) << size;
     }
     make({});
     setSuperBlock(254, 64, 2); // valid only with the 64-bit feature
-    image->use(33'000);
+    image->setUsed(33'000);
     EXPECT_EQ(parse(), 100'000);
     EXPECT_EQ(used(), (Blocks{33'000}));
 }
@@ -348,7 +349,7 @@ TEST_F(EXTParserTest, ScatteredBitmapsAreFound) {
     image->placeBitmap(2, 99'999);
     image->placeBitmap(3, 7);
     for (const std::uint32_t block : {5U, 33'000U, 66'000U, 99'000U}) {
-        image->use(block);
+        image->setUsed(block);
     }
     EXPECT_EQ(parse(), 100'000);
     EXPECT_EQ(used(), (Blocks{5, 33'000, 66'000, 99'000}));
@@ -541,7 +542,7 @@ TEST_F(EXTParserTest, DescriptorsInMetaGroupsAreRefused) {
 TEST_F(EXTParserTest, HighHalfOfTheCountIsNotRead) {
     make({.descriptorSize = 64});
     setSuperBlock(336, 1);
-    image->use(50);
+    image->setUsed(50);
     EXPECT_EQ(parse(), 100'000);
     EXPECT_EQ(used(), (Blocks{50}));
 }
@@ -549,7 +550,7 @@ TEST_F(EXTParserTest, HighHalfOfTheCountIsNotRead) {
 // Otherwise the bitmap would be read from another block, whose bits mean nothing.
 TEST_F(EXTParserTest, HighHalfOfABitmapsBlockIsNotUsed) {
     make({.descriptorSize = 64});
-    image->use(50);
+    image->setUsed(50);
     image->volume.writeLittle(image->descriptor(0) + 32, 1, 4);
     EXPECT_EQ(parse(), 100'000);
     EXPECT_EQ(used(), (Blocks{50}));
@@ -569,7 +570,7 @@ bool isStructure(ExtImage& image, std::uint64_t group, std::uint64_t bit, std::u
 }
 
 /// Reference implementation: computes the bitmap one bit at a time, straight from the structures.
-std::int64_t plainMap(ExtImage& image, std::uint64_t startBlock, std::vector<std::uint8_t>& buffer) {
+std::int64_t referenceMap(ExtImage& image, std::uint64_t startBlock, std::vector<std::uint8_t>& buffer) {
     const std::uint64_t perGroup = image.geometry.blocksPerGroup;
     const std::uint64_t first = image.firstDataBlock;
     std::uint64_t group = startBlock == 0 ? 0 : (startBlock - first) / perGroup;
@@ -620,7 +621,7 @@ std::unique_ptr<ExtImage> randomImage(std::mt19937& random) {
     }
     for (auto block = image.firstDataBlock; block < image.geometry.blockCount; ++block) {
         if (random() % 2 == 0) {
-            image.use(block);
+            image.setUsed(block);
         }
     }
     return made;
@@ -633,7 +634,7 @@ TEST_F(EXTParserTest, MapIsThatOfOneBitAtATime) {
         const std::uint64_t start = random() % 3 == 0 ? 0 : random() % image->geometry.blockCount;
         const std::size_t bytes = 100 + random() % 1000;
         std::vector<std::uint8_t> expected(bytes);
-        const std::int64_t result = plainMap(*image, start, expected);
+        const std::int64_t result = referenceMap(*image, start, expected);
         ASSERT_EQ(parse(start, bytes), result);
         if (result >= 0) {
             ASSERT_EQ(buffer, expected);

@@ -162,7 +162,7 @@ TEST_F(NTFSParserTest, OwnRecordOfTheTableIsReadWithTheBootSectorAndNotJudged) {
 TEST_F(NTFSParserTest, MapIsThatOfTheBitmap) {
     make({});
     for (const std::uint64_t cluster : {500U, 501U, 9999U}) {
-        image->use(cluster);
+        image->setUsed(cluster);
     }
     EXPECT_EQ(parse(), clusterBits);
     Clusters expected{0, 500, 501, 9999};
@@ -196,9 +196,9 @@ TEST_F(NTFSParserTest, WhatIsBehindTheLastClusterIsUsed) {
 TEST_F(NTFSParserTest, BitmapInPiecesIsReadAcrossThemInOneCall) {
     make({.clusterCount = 60'000});
     image->setBitmap({{5000, 1}, {300, 1}});
-    image->use(32'767);
-    image->use(32'768);
-    image->use(50'000);
+    image->setUsed(32'767);
+    image->setUsed(32'768);
+    image->setUsed(50'000);
     EXPECT_EQ(parse(), 2 * clusterBits);
     Clusters expected{0, 300, 5000, 32'767, 32'768, 50'000};
     expected.merge(run(4, 16));
@@ -221,7 +221,7 @@ TEST_F(NTFSParserTest, FortyPiecesInAnyOrder) {
     }
     for (int i = 0; i < 1000; ++i) {
         const std::uint64_t cluster = random() % image->geometry.clusterCount;
-        image->use(cluster);
+        image->setUsed(cluster);
         expected.insert(cluster);
     }
     EXPECT_EQ(parse(0, 20'480), 163'840);
@@ -564,7 +564,7 @@ TEST_F(NTFSParserTest, MapThatCallsItsOwnStructuresFreeIsRefused) {
 
 TEST_F(NTFSParserTest, SmallBufferIsFilled) {
     make({});
-    image->use(100);
+    image->setUsed(100);
     EXPECT_EQ(parse(0, 16), 128);
     EXPECT_TRUE(used(128).contains(100));
     EXPECT_EQ(parse(96, 1), 8);
@@ -576,7 +576,7 @@ TEST_F(NTFSParserTest, ChunksOfOneRunGoOnAnywhere) {
     make({.clusterCount = 60'000});
     std::mt19937 random(3);
     for (int i = 0; i < 5000; ++i) {
-        image->use(random() % 60'000);
+        image->setUsed(random() % 60'000);
     }
     EXPECT_EQ(parse(), 2 * clusterBits);
     const Clusters whole = used(60'000);
@@ -590,7 +590,7 @@ TEST_F(NTFSParserTest, ChunksOfOneRunGoOnAnywhere) {
 TEST_F(NTFSParserTest, ChunksOfSeveralRunsGoOnInTheFirstOneAlone) {
     make({.clusterCount = 60'000});
     image->setBitmap({{5000, 1}, {300, 1}});
-    image->use(40'000);
+    image->setUsed(40'000);
     for (const std::uint64_t start : {32'760U, 32'768U}) { // in and after the last byte of the first run
         EXPECT_EQ(parse(start), 2 * clusterBits - start);
         EXPECT_EQ(used(60'000 - start, start), Clusters{40'000});
@@ -607,11 +607,11 @@ TEST_F(NTFSParserTest, SecondChunkOfALargeVolume) {
     constexpr std::uint64_t bits = 335'544'320;
     constexpr std::size_t bytes = bits / 8;
     make({.clusterCount = bits + 65'536});
-    image->use(bits + 13);
+    image->setUsed(bits + 13);
     EXPECT_EQ(parse(bits, bytes), 65'536);
     EXPECT_EQ(used(65'536, bits), Clusters{bits + 13});
     image->setBitmap({{5000, 10'000}, {300, 242}});
-    image->use(bits - 1);
+    image->setUsed(bits - 1);
     EXPECT_EQ(parse(0, bytes), bits);
     EXPECT_EQ(buffer[bytes - 1], 0x80);
     EXPECT_EQ(parse(bits, bytes), -1);
