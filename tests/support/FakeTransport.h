@@ -13,7 +13,7 @@ namespace agent::test {
 
 /// A transport to a remote image in memory that refuses what a real target would refuse. Its public members
 /// record what happened to it.
-/// Owns:    a share of the far side.
+/// Owns:    a share of the remote image.
 /// Threads: one at a time.
 /// Fails:   like a real transport: -1 or false, with `errno`.
 class FakeTransport : public core::ITransport {
@@ -109,7 +109,7 @@ private:
     std::shared_ptr<RemoteImage> remote;
 
 public:
-    Image& image;                   ///< the far side's image
+    Image& image;                   ///< the bytes of the remote image
     std::uint64_t blockBytes = 512; ///< the target's block size; 1 if it takes any length, as a file does
     bool refusing = false;          ///< if set, connections are refused
     bool holePunching = false;
