@@ -17,7 +17,7 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
   target_compile_options(bekd_flags INTERFACE -Werror -Wshadow=local)
 else()
   # clang builds only fuzz targets and coverage; clang-tidy reports clang's own warnings.
-  target_compile_options(bekd_flags INTERFACE -Wno-sign-conversion -O1)
+  target_compile_options(bekd_flags INTERFACE -Wno-sign-conversion -Wthread-safety -Werror=thread-safety -O1)
 endif()
 
 # Protection from stack overflows into another mapping, and from hijacked calls and returns.

@@ -1,15 +1,15 @@
-"""Holds a thread of a running program before, or behind, a system call of its own: exactly there, for as long
-as it is wanted. The other threads go on.
+"""Stops a thread of a running program just before, or just after, one of its own system calls, for as long as
+a test needs. The other threads go on.
 
     with Trace(pid, "read", paths=["/dev/tolvu0"]) as trace:
         ...                  # a rehearsal
         calls = trace.lines()
     with Hold(pid, "read", 5, paths=["/dev/tolvu0"]) as hold:
-        ...                  # a thread of the program begins, and reads
+        ...                  # a thread of the program starts reading
         hold.wait()          # it is about to read for the fifth time
         hold.release()
 
-Calls are counted for each thread, from the moment on at which it is watched.
+Calls are counted for each thread, from the moment when strace watches it.
 """
 import collections
 import pathlib
@@ -21,7 +21,7 @@ from lab.services import wait_until
 SECONDS = 60
 END_SECONDS = 20
 FOREVER = 600_000_000 # microseconds
-# What puts a file system into its place: the releases of libmount use the one or the other.
+# The system calls that attach a mount: some releases of libmount use the one, some the other.
 MOUNT_CALLS = "mount,move_mount"
 
 
@@ -34,7 +34,7 @@ def is_traced(task):
 
 
 class Trace:
-    """strace on a running program and the threads and processes that it is going to start."""
+    """strace, attached to a running program and to the threads and processes that it starts."""
 
     def __init__(self, pid, calls, *options, paths=()):
         self._output = tempfile.NamedTemporaryFile(prefix="trace-")
@@ -45,8 +45,7 @@ class Trace:
         wait_until(lambda: all(map(is_traced, tasks(pid))), SECONDS, "strace attached")
 
     def lines(self):
-        """What has been called so far, in order, by the number of the thread. The last call of a thread may
-        not have returned."""
+        """The calls so far, in order, by thread ID. The last call of a thread may not have returned."""
         found = collections.defaultdict(list)
         for line in pathlib.Path(self._output.name).read_text(errors="replace").splitlines():
             thread, _, call = line.partition(" ")
@@ -55,8 +54,8 @@ class Trace:
         return found
 
     def end(self):
-        """Lets all threads go where they are. strace has to do that itself: a signal on its way to the
-        program would be lost with it."""
+        """Detaches strace, so that all threads go on. strace is terminated, not killed: if it were killed, a
+        signal on its way to the program would be lost."""
         self._tracer.terminate()
         try:
             self._tracer.wait(END_SECONDS)
@@ -65,7 +64,7 @@ class Trace:
             raise
 
     def give_up(self):
-        """For a program that has been killed: it is not gone as long as it is watched."""
+        """Kills strace, for a program that has been killed: the program isn't gone while it is traced."""
         self._tracer.kill()
         self._tracer.wait()
 
@@ -78,8 +77,8 @@ class Trace:
 
 
 class Hold(Trace):
-    """The first thread that makes its call of this number is held before it; with `behind`, once it is
-    done."""
+    """Holds the first thread that makes its call of this number: before the call, or after it if `behind` is
+    true."""
 
     def __init__(self, pid, call, number, *, paths=(), behind=False):
         delay = "delay_exit" if behind else "delay_enter"

@@ -1,4 +1,4 @@
-"""An agent's machine that is new but for its certificates, and appliances that its agent trusts.
+"""An agent's machine that is new except for its certificates, and appliances that its agent trusts.
 
     with new_machine() as authority, Daemon() as daemon, appliance_of(authority) as appliance:
         appliance.pair(DEVICE)
@@ -16,8 +16,8 @@ from lab.daemon import BASE, CERTIFICATES
 
 @contextlib.contextmanager
 def new_machine(**keys):
-    """Removes every trace of the agent, and gives it certificates; yields their authority. `keys` are the
-    types of keys, as the authority takes them."""
+    """Removes every trace of the agent, and installs certificates for it; yields their authority. `keys` are
+    the key types, as Authority takes them."""
     shutil.rmtree(BASE, ignore_errors=True)
     with tempfile.TemporaryDirectory() as directory:
         authority = Authority(directory, **keys)
@@ -26,7 +26,7 @@ def new_machine(**keys):
 
 
 def appliance_of(authority, identity=None, **options):
-    """The client of an appliance, of the one with the usual number if no identity is given."""
+    """A client of an appliance; without an identity, of the one with the usual device ID."""
     identity = identity or authority.device(DEVICE)
     return Appliance(certificate=identity.certificate, key=identity.key, authority=authority.certificate,
                      **options)

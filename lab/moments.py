@@ -1,6 +1,6 @@
-"""What volumes held when their snapshots were taken, where the driver itself keeps no copy of that.
+"""Copies of what volumes held when their snapshots were taken, for a driver that keeps no such copies itself.
 
-A quiesce script copies each snapshot as soon as it is there, before the agent reads a block of it.
+A quiesce script copies each snapshot as soon as it exists, before the agent reads a block of it.
 """
 import contextlib
 import os
@@ -18,18 +18,18 @@ from lab.daemon import SCRIPTS # noqa: E402
 
 MOMENTS = pathlib.Path("/tmp/moments")
 SCRIPT = "keep-moments"
-SNAPSHOT = 3 # the state of a device that shows one
+SNAPSHOT = 3 # the state of a device that shows a snapshot
 SECONDS = 600
 
 
 def moment_of(partition):
-    """Where the volume is as it was at its last snapshot."""
+    """The file with the content of the volume at its last snapshot."""
     return next(MOMENTS / f"{device['minor']}.img" for device in driver.devices()
                 if device["block_device"] == partition.device)
 
 
 def install():
-    """Makes the script; returns what a backup has to say of it."""
+    """Writes the script; returns its name and timeout, for the backup request."""
     SCRIPTS.mkdir(parents=True, exist_ok=True)
     path = SCRIPTS / SCRIPT
     command = shlex.join([sys.executable, "-B", __file__])
@@ -39,7 +39,7 @@ def install():
 
 
 def keep():
-    """Makes a new file for each snapshot: whoever has the last one open keeps it."""
+    """Copies each snapshot to a new file. A reader that has the previous file open can still read it."""
     MOMENTS.mkdir(exist_ok=True)
     for device in driver.devices():
         if device["state"] == SNAPSHOT:
@@ -53,9 +53,9 @@ def keep():
 
 @contextlib.contextmanager
 def own_node(number):
-    """Another name of a device: what a test does to reads of the driver's own is meant for the agent."""
+    """Another node for a device: a test that disturbs reads from the driver's own node aims at the agent."""
     path = MOMENTS / "node"
-    path.unlink(missing_ok=True) # of a copy that was killed
+    path.unlink(missing_ok=True) # left by a copy that was killed
     os.mknod(path, stat.S_IFBLK | 0o600, number)
     try:
         yield path
@@ -64,7 +64,7 @@ def own_node(number):
 
 
 def check_kind(number):
-    """Where the driver does otherwise than expected, no moment is kept, and the test fails."""
+    """Exits if the snapshot isn't device-mapper's: then no copy is made, and the test fails."""
     table = run("dmsetup", "table", "--major", os.major(number), "--minor", os.minor(number))
     if " snapshot " not in table:
         sys.exit("the snapshot is none of device-mapper's")

@@ -1,4 +1,4 @@
-"""Things that are there for as long as a context lasts, and are made of others that go with them.
+"""Objects that last as long as a context, made of parts that end with them.
 
     class Shop(Stay):
         def open(self, lasting):
@@ -8,13 +8,14 @@ import contextlib
 
 
 class Stay:
-    """What `open` has put into the stack is undone at the end, newest first; at once if `open` fails."""
+    """A context manager. At its end, whatever `open` put on the stack is undone, newest first; or at once if
+    `open` fails."""
 
     def __init__(self):
         self._lasting = contextlib.ExitStack()
 
     def open(self, lasting):
-        """Makes everything; `lasting` is the stack for what has to be undone."""
+        """Makes everything; puts on `lasting` what must be undone."""
         raise NotImplementedError
 
     def __enter__(self):

@@ -1,5 +1,5 @@
-"""Who mustn't get in the appliance's way: crowds of idle connections, requests that never end, bodies that
-are too long; and what the agent spends on them.
+"""Clients that mustn't block the appliance: crowds of idle connections, requests that never end, bodies that
+are too long; and the resources that the agent uses for them.
 
     with crowd(("127.0.0.1", 25567), 4000):
         appliance.backups()
@@ -16,18 +16,18 @@ MIB = 1 << 20
 
 
 def descriptor_limits(pid):
-    """The soft and the hard limit."""
+    """The soft and the hard limit of open files."""
     limits = pathlib.Path(f"/proc/{pid}/limits").read_text(encoding="ascii")
     [line] = [line for line in limits.splitlines() if line.startswith("Max open files")]
     return tuple(int(number) for number in line.split()[3:5])
 
 
 class PeakMemory:
-    """By how much the memory of a process has grown at most since this was made, in KiB."""
+    """The maximum growth of a process's memory since this object was made, in KiB."""
 
     def __init__(self, pid):
         self._pid = pid
-        pathlib.Path(f"/proc/{pid}/clear_refs").write_text("5", encoding="ascii") # the peak begins anew
+        pathlib.Path(f"/proc/{pid}/clear_refs").write_text("5", encoding="ascii") # resets the peak
         self._before = status_number(pid, "VmRSS")
 
     @property
@@ -37,7 +37,7 @@ class PeakMemory:
 
 @contextlib.contextmanager
 def crowd(address, count):
-    """That many connections on which nothing is ever said."""
+    """Opens this many connections, and sends nothing on them."""
     soft, hard = resource.getrlimit(resource.RLIMIT_NOFILE)
     resource.setrlimit(resource.RLIMIT_NOFILE, (hard, hard))
     with contextlib.ExitStack() as stack:
@@ -51,7 +51,7 @@ def send_head(connection, url, count):
 
 @contextlib.contextmanager
 def held_head(client, url="/pair", body_bytes=100, body=b""):
-    """A request of which the head has come, and of the body no more than this."""
+    """A request whose head has been sent, and only this much of its body."""
     with client.connect() as connection:
         send_head(connection, url, body_bytes)
         connection.send(body)
@@ -59,7 +59,7 @@ def held_head(client, url="/pair", body_bytes=100, body=b""):
 
 
 def send_body(client, url, count):
-    """POSTs this many bytes, as fast as they are taken. Returns the answer."""
+    """POSTs this many bytes, as fast as the agent reads them. Returns the answer."""
     piece = b"x" * MIB
     with client.connect() as connection:
         connection.socket.settimeout(10 * SECONDS)

@@ -1,9 +1,9 @@
-"""What the description of the host costs by the number of volumes; to be run on a release build:
+"""Measures the description of the host, by the number of volumes. Run it on a release build:
 
     BEKD_BUILD=build/release lab/namespace /usr/bin/python3 -m bench.api.api_host
 
-The peer, asked in turns with the daemon, is `busctl` that has udisks2 send all of its objects once: no less
-can tell which volumes there are. It opens no devices and has no TLS, but is a new process each time.
+The peer, which takes turns with the daemon, is `busctl`, to which udisks2 sends all of its objects once: the
+least that shows which volumes there are. It opens no devices and uses no TLS, but is a new process each time.
 """
 import contextlib
 import statistics
@@ -34,7 +34,7 @@ def seconds_of(action):
 
 
 def race(*actions):
-    """The medians of the actions, which take turns."""
+    """The median seconds of each action; the actions take turns."""
     rounds = [[seconds_of(action) for action in actions] for _ in range(WARM_UP + ROUNDS)]
     return [statistics.median(taken) for taken in zip(*rounds[WARM_UP:])]
 

@@ -1,10 +1,10 @@
-"""What others cost the agent and its appliance: memory, descriptors, answers and time. To be run on a release
-build:
+"""Measures what strangers cost the agent and its appliance: memory, descriptors, answers and time. Run it on
+a release build:
 
     BEKD_BUILD=build/release lab/namespace /usr/bin/python3 -m bench.api.api_strangers
 
-Each figure stands beside the bound that it must keep, or, where there is none, beside what the machine itself
-needs for as much work.
+Each figure is printed with the bound that it must keep or, if there is none, with what the machine itself
+needs for the same work.
 """
 import contextlib
 import json
@@ -27,10 +27,10 @@ IDLE = 4000
 
 
 def answered(client, count):
-    """How many of so many POSTs the agent has carried out."""
+    """How many of `count` POSTs the agent has carried out."""
     good = 0
     for number in range(count):
-        with contextlib.suppress(OSError): # no connection, or none within a minute
+        with contextlib.suppress(OSError): # no connection, or not within a minute
             answer = client.request("POST", "/config", b'{"log.lifetimeHours": %d}' % (number + 1))
             good += answer is not None and answer.status == 200
     return good
@@ -72,7 +72,7 @@ def show_crowd(daemon, client):
 
 
 def floor_of_config(content):
-    """One write of that file, synced and renamed, as it takes at least."""
+    """The seconds to write that file once, synced and renamed: the least that it can take."""
     begin = time.monotonic()
     path = CONFIG.with_suffix(".floor")
     with open(path, "wb") as file:

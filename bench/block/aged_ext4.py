@@ -24,7 +24,8 @@ ROUNDS = 4
 
 
 def grow(root, files, chance):
-    """Creates files until the file system is as full as it gets; their blocks are reserved, not written."""
+    """Creates files until the file system is as full as FULLEST says; their blocks are reserved, not
+    written."""
     while os.statvfs(root).f_bavail > (1 - FULLEST) * BLOCKS:
         path = root / str(chance.randrange(100)) / str(len(files))
         path.parent.mkdir(exist_ok=True)

@@ -1,4 +1,4 @@
-"""What the races of whole backups run on: volumes, a target, and a daemon that copies them to it."""
+"""What the races of whole backups need: volumes, a target, and a daemon that copies them to it."""
 import contextlib
 import dataclasses
 import datetime
@@ -38,13 +38,13 @@ WHOLE = re.compile(STAMP + f"(?:{BEGUN}|{ENDED})", re.MULTILINE)
 
 
 def whole_in(log):
-    """Seconds of a backup, from its begin to its end."""
+    """The seconds of a backup, from its beginning to its end."""
     begin, end = map(datetime.datetime.fromisoformat, WHOLE.findall(log))
     return (end - begin).total_seconds()
 
 
 def phases_in(log):
-    """Seconds of each phase. One that ran several times, as for each volume, counts as a whole."""
+    """The seconds of each phase. If a phase ran several times, as for each volume, they are added up."""
     begun, taken = {}, {}
     for stamp, word, name in PHASE.findall(log):
         when = datetime.datetime.fromisoformat(stamp)
@@ -57,8 +57,8 @@ def phases_in(log):
 
 @dataclasses.dataclass(frozen=True)
 class Run:
-    """One backup, as seen from outside. Processor seconds are of the daemon and of the target, and of no more
-    than the copy: the driver that stands in for the kernel's takes the snapshots within the daemon."""
+    """One backup, seen from outside. Processor seconds are those of the daemon and of the target during the
+    copy only: the stand-in driver takes its snapshots within the daemon."""
 
     kind: str
     whole: float
@@ -70,18 +70,18 @@ class Run:
 
     @property
     def copy(self):
-        """Seconds of the phase that moves the blocks."""
+        """The seconds of the phase that copies the blocks."""
         return self.phases["Copy Chunk Ranges"]
 
     @property
     def volume(self):
-        """Seconds of all that is done for a volume once its snapshot is there."""
+        """The seconds of all that is done for the volumes after their snapshots were taken."""
         return sum(seconds for name, seconds in self.phases.items() if name.startswith("Copy Volume"))
 
 
 class Bed(Stay):
-    """Volumes, an image for each, and a paired daemon. Big files lie below `directory`, the images below
-    `images`, as holes if they aren't `poisoned`."""
+    """Volumes, an image for each, and a paired daemon. Big files are stored below `directory`, and the images
+    below `images`; the images are sparse unless they are `poisoned`."""
 
     def __init__(self, directory, gibibytes, *, file_system="ext4", images=None, poisoned=True, volumes=1):
         super().__init__()
@@ -106,17 +106,17 @@ class Bed(Stay):
         self._start_daemon(lasting)
 
     def use(self, target, image):
-        """Backups go there from now on."""
+        """Sends later backups to this target and image."""
         self.target, self.images = target, [image]
 
     @property
     def partition(self):
-        """The only one, or the first."""
+        """The only partition, or the first one."""
         return self.partitions[0]
 
     @property
     def image(self):
-        """Its image."""
+        """The image of that partition."""
         return self.images[0]
 
     @property
@@ -127,7 +127,8 @@ class Bed(Stay):
         volumes = [Volume(name, self._file_system, self.size >> 20, mount_point=f"/mnt/{name}",
                           options=kind_of(self._file_system).calm) for name in self._names]
         site = lasting.enter_context(Site(volumes, token=f"copy{os.getpid()}", directory=self.place))
-        # The image is a disk: through a second page cache, its holes would be read a tenth as fast.
+        # The image stands for a disk: through a second page cache, its holes would be read at a tenth of the
+        # speed.
         run("losetup", "--direct-io=on", site.disk.device)
         self.partitions = list(site.disk)
 
@@ -141,25 +142,24 @@ class Bed(Stay):
         assert self._appliance.set_config(sizes).is_success
 
     def settle(self):
-        """Lets nothing that came before be still on its way to the disk."""
+        """Waits until all earlier writes are on the disk."""
         subprocess.run(["sync", "--file-system", self.place], check=True)
 
     @property
     def capture(self):
-        """The file with the bytes of the last snapshot, with holes for zeros: the driver has kept it, to
-        compare the next one with."""
+        """The file with the content of the last snapshot, sparse where it is zero: the driver has kept it, to
+        compare the next snapshot with it."""
         [capture] = STORE.glob("*.img")
         return capture
 
     @contextlib.contextmanager
     def last_snapshot(self):
-        """The device that shows the last snapshot again, in the way in which the driver has shown it."""
+        """A device that shows the last snapshot again, in the same way as the driver did."""
         with attached(self.capture) as device:
             yield device
 
     def backup(self, way=None, chosen=slice(None), **options):
-        """Runs a backup of the chosen volumes to its end. `way` is a portal that leads to that of the
-        target."""
+        """Runs a backup of the chosen volumes to its end. `way` is a portal that leads to the target's."""
         self.settle()
         shown, written = len(self.daemon.log), self.target.writes()
         elsewhere = {"target": way} if way else {}
@@ -171,7 +171,7 @@ class Bed(Stay):
         own, other = self._own_cpu(), processor_seconds(self.target.pid)
         status = self._follow(answer.content)
         details = status["details"]
-        # The volumes are done before their snapshots have been ended.
+        # The status shows the volumes as done before their snapshots have ended.
         self.daemon.wait_for(lambda: ENDED in self.daemon.log[shown:], "end of the backup", SECONDS)
         wait_until(lambda: not self.target.sessions(), SECONDS, "the engine of the image gone")
         log = self.daemon.log[shown:]
@@ -188,7 +188,7 @@ class Bed(Stay):
         return self._appliance.status(identifier).content
 
     def _follow(self, identifier):
-        """Asks as often as appliances do: to answer takes the daemon's time."""
+        """Polls as often as appliances do, because each answer takes the daemon's time."""
         while (status := self._status(identifier))["status"] == "active":
             self._pause.wait(POLL_SECONDS)
         if status["status"] != "finished":
@@ -199,5 +199,5 @@ class Bed(Stay):
         return processor_seconds(self.daemon.pid)
 
     def peak_mebibytes(self):
-        """The most memory that the daemon has had since its start."""
+        """The daemon's peak memory since its start."""
         return status_number(self.daemon.pid, "VmHWM") / 1024

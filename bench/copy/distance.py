@@ -1,4 +1,4 @@
-"""How far away servers are in the races: at once, as in one room, and as in another town."""
+"""The distances to servers in the races: none, as in one room, and as in another town."""
 import contextlib
 
 from lab.delay import LongWay
@@ -10,7 +10,7 @@ PORT = 4000
 
 @contextlib.contextmanager
 def portal_of(port, milliseconds):
-    """Where a server on this port of the machine is reached from so far away."""
+    """The address at which a server on this port of the machine is reached with this round trip."""
     if milliseconds == 0:
         yield f"{ADDRESS}:{port}"
         return

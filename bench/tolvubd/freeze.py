@@ -3,7 +3,7 @@
 
 usage: BEKD_BUILD=build/release lab/namespace bench/tolvubd/freeze.py [MEBIBYTES [ROUNDS]]
 
-Prints a line for each: the best of the rounds, each round with both in turn, and the driver's largest memory.
+Prints the best time of each, over rounds in which both take turns, and the driver's peak memory.
 """
 import os
 import pathlib
@@ -38,7 +38,7 @@ def read_with_dd(volume):
 
 
 def freeze(volume):
-    """Seconds, and the KiB of memory that the process had at most."""
+    """The seconds of the freeze, and the process's peak memory in KiB."""
     drop_caches()
     with SystemLog() as log:
         command = [program("TolvubdCall"), "setup_snapshot", "0", volume.device, volume.cow, "100"]

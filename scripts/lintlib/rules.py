@@ -13,8 +13,8 @@ from lintlib import clang
 from lintlib.tree import Finding, block_from, line_of
 from looklib import includes
 
-# The layers below src/, lowest first: a folder includes itself and what stands above it in this list. A file
-# belongs to the deepest listed folder that contains it.
+# The layers below src/, lowest first. A folder includes only itself and the folders above it in this list. A
+# file belongs to the deepest listed folder that contains it.
 LAYERS = [
     "os",
     "common",
@@ -36,26 +36,26 @@ LAYERS = [
     "app",
 ]
 
-# The one layer that the snapshot driver's stand-in includes too. All others are the agent's alone.
+# The one layer that the snapshot driver's stand-in includes too. All others belong to the agent alone.
 SHARED_WITH_PLATFORM = LAYERS[0]
 
-# Shows them to people, highest first.
+# The document that shows the layers, highest first.
 PICTURE = "docs/architecture.md"
 
-# Libraries whose own headers can't be included as they are, and the header that can be in their place.
+# Libraries whose own headers can't be included directly, and the header to include instead.
 WRAPPED = {"iscsi/": "core/transport/Libiscsi.h"}
 
-# The one place that closes plain descriptors.
+# The only file that closes plain descriptors.
 DESCRIPTOR_OWNER = "src/os/FileDescriptor.cpp"
 
 LONGEST_LINE = 110
 
-# What is fed to parsers, byte for byte.
+# Inputs of parsers, kept byte for byte.
 CORPORA = "tests/fuzz/corpus"
 
 
 def check_format(tree):
-    """C++ stands as the pinned clang-format would write it."""
+    """C++ is formatted as the pinned clang-format formats it."""
     if not tree.cpp:
         return
     done = subprocess.run([clang.FORMAT, "--dry-run", "--Werror", *(file.path for file in tree.cpp)],
@@ -76,9 +76,8 @@ def layer_of(path):
 
 
 def check_layers(tree):
-    """A folder of src/ includes itself and lower layers only; nothing but the agent includes the agent, but
-    for what the platform shares with it.
-    """
+    """A folder of src/ includes only itself and lower layers; nothing else includes the agent, except for the
+    layer that the platform shares with it."""
     for file in tree.cpp:
         if file.is_below("src"):
             yield from upward_includes(tree, file)
@@ -102,7 +101,7 @@ def upward_includes(tree, file):
 
 
 def is_below_src(tree, path):
-    """Whether a header is there, or is made from a template by the build."""
+    """Whether the header exists, or the build makes it from a template."""
     return tree.exists(f"src/{path}") or tree.exists(f"src/{path}.in")
 
 
@@ -116,7 +115,7 @@ def agent_includes(tree, file):
 
 
 def check_picture(tree):
-    """The picture of the layers, the first block below `## Layers`, shows those that there are."""
+    """The picture of the layers, the first block below `## Layers`, shows the layers that exist."""
     rows = [row for file in tree.files if file.path == PICTURE for row in pictured_layers(file.lines)]
     missing = [(1, "nothing")] * max(0, len(LAYERS) - len(rows))
     layers = itertools.chain(reversed(LAYERS), itertools.repeat("nothing"))
@@ -142,7 +141,7 @@ def check_includes(tree):
 
 
 def check_wrapped(tree):
-    """A library that has a header of ours around its own is included by that."""
+    """A library that has a wrapper header of ours is included only by that."""
     for file in tree.cpp:
         for line, _, path in file.includes:
             for folder, wrapper in WRAPPED.items():
@@ -175,7 +174,7 @@ def check_labels(tree):
 
 
 def comment_above(lines, line):
-    """The doc comment that ends above a line; lines of a template head may stand between."""
+    """The doc comment that ends above a line; lines of a template head may be in between."""
     index = line - 2
     while index >= 0 and re.match(r"\s*(template\b|requires\b|\[\[)", lines[index]):
         index -= 1
@@ -228,7 +227,7 @@ def commented_out_python(file):
     try:
         tokens = list(tokenize.generate_tokens(io.StringIO(file.text).readline))
     except (SyntaxError, tokenize.TokenError):
-        return # for the python rule to report
+        return # the python rule reports it
     for token in tokens:
         if token.type == tokenize.COMMENT and is_python_statement(token.string.lstrip("#").strip()):
             yield file.finding(token.start[0], "leftovers", "code that is commented out")
@@ -242,7 +241,7 @@ def is_python_statement(text):
     if len(body) != 1:
         return False
     statement = body[0]
-    if isinstance(statement, (ast.Expr, ast.Return, ast.Raise)): # single words of prose are such, too
+    if isinstance(statement, (ast.Expr, ast.Return, ast.Raise)): # single words of prose are expressions, too
         return isinstance(getattr(statement, "value", getattr(statement, "exc", None)), ast.Call)
     return isinstance(statement, (ast.Assign, ast.AugAssign, ast.ImportFrom, ast.If, ast.For, ast.While,
                                   ast.With, ast.FunctionDef, ast.ClassDef))
@@ -258,7 +257,7 @@ def skipped_python(file):
 def walk_python(file):
     try:
         return list(ast.walk(ast.parse(file.text)))
-    except (SyntaxError, ValueError): # for the python rule to report
+    except (SyntaxError, ValueError): # the python rule reports it
         return []
 
 
@@ -300,9 +299,9 @@ def is_python_assertion(node):
 
 
 def check_resources(tree):
-    """Memory and descriptors of the agent have owners: nothing is made or freed by hand.
+    """Memory and descriptors of the agent have owners: nothing is allocated or freed by hand.
 
-    Where an owner has to, the line says why: `// NOLINT(resources): reason`.
+    Where an owner has to do so, the line says why: `// NOLINT(resources): reason`.
     """
     for file in tree.cpp:
         if not file.is_below("src"):
@@ -327,10 +326,19 @@ def naked_resources(file):
 
 
 def is_call(before):
-    """Whether a name after this text is called, not declared and no member of an object."""
+    """Whether a name after this text is called, and is neither declared nor a member of an object."""
     if before.endswith(("&&", "||")) or re.search(r"\b(return|else|do)$", before):
         return True
     return not before.endswith(("*", "&", ".", "->", ">", "~")) and not re.search(r"\w$", before)
+
+
+def check_logging(tree):
+    """`Logger::log` is for printf directives; a message without any is written to a LogEntry."""
+    call = re.compile(r"\.log\(\s*(?:\w+::)*level::\w+,\s*(?:(?:\w+::)*reason\([^)]*\),\s*)?"
+                      r'(?:"(?:\\.|[^"\\%])*"\s*)+\)')
+    for file in tree.cpp:
+        for match in call.finditer(file.without_comments) if file.is_below("src", "tools") else []:
+            yield file.finding(line_of(file.text, match.start()), "logging", "no directive: use a LogEntry")
 
 
 def check_shell(tree):
@@ -371,7 +379,7 @@ def check_python(tree):
 
 
 def check_words(tree):
-    """Nothing speaks of a place on the machine of whoever wrote it."""
+    """No file mentions a path on its author's machine."""
     for file in tree.files:
         yield from matching_lines(file, file.lines, "words",
                                   [(r"(?<![\w.])/(home|work)/", "a path of one developer's machine")])
@@ -417,6 +425,7 @@ RULES = {
     "whitespace": check_whitespace,
     "assertions": check_assertions,
     "resources": check_resources,
+    "logging": check_logging,
     "shell": check_shell,
     "executables": check_executables,
     "python": check_python,

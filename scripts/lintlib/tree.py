@@ -1,4 +1,4 @@
-"""The files of a tree, and views of their text that the rules look at."""
+"""The files of a tree, and the views of their text that the rules check."""
 
 import functools
 import os
@@ -8,7 +8,7 @@ from pathlib import Path
 from typing import NamedTuple
 
 UNLISTED_FOLDERS = {".git", "build", "__pycache__", ".pytest_cache", ".cache"}
-# Bytes that no person writes, some of which look like text.
+# Inputs that no person writes; some of them look like text.
 FUZZ_INPUTS = "tests/fuzz/corpus"
 
 
@@ -65,7 +65,7 @@ class SourceFile:
 
     @functools.cached_property
     def code(self):
-        """C++ text with comments and literals blanked out: every offset is where it was."""
+        """C++ text with comments and literals replaced by blanks: every offset stays the same."""
         return blank(self.text, comments=True, literals=True)
 
     @functools.cached_property
@@ -129,7 +129,7 @@ class Tree:
         return [file for file in self.files if file.is_python]
 
     def changed(self):
-        """Paths that differ from the last commit; in a plain directory, all."""
+        """The paths that differ from the last commit; all paths in a plain directory."""
         if not self.is_repository:
             return {file.path for file in self.files}
         return {*self._git("diff", "--name-only", "HEAD"), *self._git("ls-files", "-o", "--exclude-standard")}

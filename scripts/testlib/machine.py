@@ -2,9 +2,9 @@
 
     machine.py [--nightly] [--remember] REPORTS [FILE...]
 
-Without --nightly, leaves out what takes long and what takes QEMU. The reports go to REPORTS. Prints a line
-for each file that ends, and what it has printed if it fails. The files that take longest begin, as told by
-tests/machine/durations.txt, which --remember writes anew.
+Without --nightly, leaves out tests that take long or need QEMU. The reports go to REPORTS. Prints a line for
+each file that ends, and its output if it fails. The files that take longest start first, according to
+tests/machine/durations.txt, which --remember rewrites.
 """
 
 import argparse

@@ -18,7 +18,8 @@ bool isContinuation(unsigned char byte) {
     return (byte & 0xc0U) == 0x80U;
 }
 
-/// The form of a UTF-8 character: how its first byte looks, and the first code point that needs it.
+/// One of UTF-8's encodings: mask and value of its first byte's fixed bits, its length in bytes, and the
+/// lowest code point that needs this length.
 struct Form {
     unsigned char mask;
     unsigned char lead;
@@ -34,12 +35,12 @@ bool isCharacter(char32_t code) {
     return code <= highest && (code < 0xd800 || code > 0xdfff);
 }
 
-/// The two ranges of control characters. Terminals obey the second one, too.
+/// Whether `code` is in one of the two ranges of control characters. Terminals obey the second range, too.
 bool isControl(char32_t code) {
     return code < 0x20 || (code >= deleteCharacter && code < 0xa0);
 }
 
-/// The code point of a character; nothing for bytes that are no UTF-8.
+/// The code point of a UTF-8 character, or nothing if `bytes` is not valid UTF-8.
 std::optional<char32_t> decoded(const Form& form, std::string_view bytes) {
     char32_t code = byteAt(bytes, 0) & static_cast<unsigned char>(~form.mask);
     for (std::size_t index = 1; index < bytes.size(); ++index) {
@@ -56,8 +57,8 @@ struct Character {
     bool isControl;
 };
 
-/// The character at the beginning of a text. A byte that is no UTF-8 counts as one, with the meaning that it
-/// has for a terminal of single bytes.
+/// The first character of `text`. A byte that isn't valid UTF-8 counts as one character, and as a control
+/// character if a terminal with a single-byte encoding would take it for one.
 Character firstOf(std::string_view text) {
     const unsigned char first = byteAt(text, 0);
     const auto* const form = std::find_if(forms.begin(), forms.end(), [first](const Form& candidate) {

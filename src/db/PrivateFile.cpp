@@ -15,7 +15,8 @@ constexpr mode_t ownerOnly = S_IRUSR | S_IWUSR;
 constexpr mode_t permissions = 07777;
 constexpr std::array companions = {"", "-journal", "-wal", "-shm"};
 
-/// By name and not by a descriptor: closing one would drop every lock that the process has on the file.
+/// Uses the path, not a descriptor: closing a descriptor would release all of the process's locks on the
+/// file.
 void narrow(const std::string& path) {
     struct ::stat found{};
     const bool isFile = ::stat(path.c_str(), &found) == 0 && S_ISREG(found.st_mode);

@@ -46,7 +46,7 @@ std::int64_t getUserVersion(info::Logger& logger, QueryRunner& runner) {
     }
 }
 
-// No agent has ever written a version below 0; such a file is taken for one that has had no upgrade.
+// No agent has ever written a version below 0; such a file is treated like version 0.
 void addWhatIsMissing(QueryRunner& runner, std::int64_t version) {
     if (version < 1) {
         runner.RunUpdate("ALTER TABLE device ADD COLUMN ip TEXT DEFAULT \"\";", {});

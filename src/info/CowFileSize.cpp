@@ -29,7 +29,7 @@ std::uint64_t defaultSizeMiB(std::uint64_t volumeSizeBytes) {
     return std::clamp(toMiB(volumeSizeBytes / 10), smallestDefault, largestDefault);
 }
 
-/// The file must leave room for the volume's own data.
+/// The CoW file must leave room for the volume's own data.
 std::uint64_t withinVolume(std::uint64_t size, std::uint64_t volumeSizeBytes) {
     return std::max(std::min(size, toMiB(volumeSizeBytes / 2)), smallest);
 }
@@ -68,7 +68,7 @@ std::uint64_t CowFileSize::getWantedSizeMiB(Logger& logger, const std::string& u
 std::uint64_t CowFileSize::getCustomSizeMiB(const std::string& uuid) const {
     const auto* const document = dynamic_cast<const IConfigData*>(&config);
     const nlohmann::json stored = document == nullptr ? nlohmann::json::object() : document->dump();
-    const auto value = stored.find(keyOf(uuid)); // the end for what is no object
+    const auto value = stored.find(keyOf(uuid)); // end() if `stored` is not an object
     const std::optional<std::uint64_t> size =
         value != stored.end() ? wholeNumber<std::uint64_t>(*value) : std::nullopt;
     if (size.value_or(0) == 0) {

@@ -5,8 +5,8 @@
 #include <cerrno>
 #include <tolvubd.h>
 
-// The kernel driver's library has no such symbols; their addresses are then null.
-// Each is declared again for its attribute, with the names of the C interface.
+// The kernel driver's library doesn't define these symbols; their addresses are then null.
+// They are declared again to add the attribute, and keep the names of the C interface.
 // NOLINTBEGIN(readability-redundant-declaration,readability-identifier-naming)
 extern "C" {
 __attribute__((weak)) std::int32_t tolvubd_check_snapshot(std::uint32_t minor);

@@ -4,9 +4,9 @@
 
 namespace agent::info {
 
-/// Asks the linked control library, if it is one that stands in for the kernel's driver. The kernel driver's
-/// own library has nothing to add: its snapshots fail only by reads that fail, and it has no further files.
-/// See IDriverExtension.
+/// Calls the linked control library if that library emulates the kernel driver. The kernel driver's own
+/// library doesn't have these functions: if one of its snapshots fails, reading from it fails, and it keeps
+/// no other files. See IDriverExtension.
 class DriverExtension : public IDriverExtension {
 public:
     [[nodiscard]] int checkSnapshot(std::int32_t minor) const override;

@@ -11,7 +11,7 @@
 #include <tolvubd.h>
 #include <unistd.h>
 
-// The kernel driver's library has no such symbol; its address is then null.
+// The kernel driver's library doesn't define this symbol; its address is then null.
 // NOLINTNEXTLINE(readability-redundant-declaration): the attribute is what this adds
 extern "C" __attribute__((weak)) const tolvubd_status_files* tolvubd_get_status_files();
 
@@ -36,7 +36,7 @@ std::optional<std::string> readDriverStatusFile(const std::string& path) {
     if (!file) {
         return std::nullopt;
     }
-    // Files of /proc have no size, so there is nothing to ask for before reading.
+    // Files in /proc have no size, so the buffer can't be allocated in advance.
     std::string content;
     std::array<char, 65536> buffer{};
     for (;;) {

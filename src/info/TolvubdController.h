@@ -4,7 +4,8 @@
 
 namespace agent::info {
 
-/// Hands every call on to libtolvubd. The one class that needs the library; see BaseController.
+/// Forwards every call to libtolvubd. No other class calls these functions of the library; see
+/// BaseController.
 class TolvubdController : public BaseController {
 public:
     std::int32_t setup_snapshot(std::uint32_t minor, const char* blockDevice, const char* cowFile,

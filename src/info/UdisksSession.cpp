@@ -17,10 +17,11 @@ constexpr const char* noService =
                                        std::string("Cannot initialize udisks client: ") + error.message());
 }
 
-/// The connection that the whole process shares. GLib would end the process along with the bus.
+/// Returns the connection to the system bus, which the whole process shares. By default, GLib would end the
+/// process when the bus closes the connection.
 ///
-/// GLib makes the bus's thread here and keeps it for good. It inherits the signals that are blocked, and must
-/// never be the one on which the agent is stopped.
+/// GLib creates the bus's thread here and never ends it. The thread inherits the blocked termination signals:
+/// the signal handler, which stops the agent, must never run on it.
 GObjectOwner<GDBusConnection> connectToSystemBus() {
     const TerminationSignalsBlocked inherited;
     GErrorOwner error;
@@ -33,7 +34,7 @@ GObjectOwner<GDBusConnection> connectToSystemBus() {
 }
 
 GObjectOwner<UDisksClient> makeClient() {
-    const TerminationSignalsBlocked inherited; // by threads that GLib may make for what it asks the service
+    const TerminationSignalsBlocked inherited; // by threads that GLib may create to call the service
     GErrorOwner error;
     GObjectOwner<UDisksClient> client(udisks_client_new_sync(nullptr, error.out()));
     if (!client) {
@@ -42,7 +43,8 @@ GObjectOwner<UDisksClient> makeClient() {
     return client;
 }
 
-/// The client has an object manager also where nobody has the daemon's name, one that knows no objects.
+/// Even without a running daemon the client has an object manager, one without objects. So this also checks
+/// that the daemon's name has an owner on the bus.
 GDBusObjectManager* managerOf(UDisksClient* client) {
     GDBusObjectManager* manager = udisks_client_get_object_manager(client);
     if (manager == nullptr) {
@@ -63,7 +65,7 @@ PrivateMainContext::PrivateMainContext() : context(g_main_context_new()) {
 }
 
 PrivateMainContext::~PrivateMainContext() {
-    while (g_main_context_iteration(context, FALSE) != FALSE) { // releases what the client has left to it
+    while (g_main_context_iteration(context, FALSE) != FALSE) { // releases what the client has left in it
     }
     g_main_context_pop_thread_default(context);
     g_main_context_unref(context);

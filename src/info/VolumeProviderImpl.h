@@ -2,10 +2,10 @@
 
 namespace agent::info {
 
-/// What a VolumeProvider needs of GLib for as long as it lives.
+/// Prepares GLib for a VolumeProvider.
 class VolumeProviderImpl {
 public:
-    /// To be made while the process has one thread.
+    /// Create it while the process has only one thread.
     VolumeProviderImpl();
     VolumeProviderImpl(const VolumeProviderImpl&) = delete;
     VolumeProviderImpl& operator=(const VolumeProviderImpl&) = delete;

@@ -6,8 +6,8 @@
 
 namespace agent::ordak {
 
-/// DELETE /backup/<id>: asks a backup to end. A refusal is an answer, not a failure.
-/// Threads: safe from any.
+/// DELETE /backup/<id>: cancels a backup. If the engine throws bad_request, the response has the reason.
+/// Threads: any thread may call it.
 class BackupCancel {
 public:
     explicit BackupCancel(core::IEngine& engine) : engine(engine) {}

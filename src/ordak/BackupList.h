@@ -6,8 +6,8 @@
 
 namespace agent::ordak {
 
-/// GET /backup: the IDs of all backups that are remembered, by their state.
-/// Threads: safe from any.
+/// GET /backup: the IDs of all backups that the manager knows, grouped by their state.
+/// Threads: any thread may call it.
 class BackupList {
 public:
     BackupList(core::backup::IBackupManager& backups, info::Logger& logger);

@@ -21,14 +21,15 @@ std::string read(const char* name) {
     std::ifstream file((certificatesDirectory() / name).str(), std::ios::binary);
     std::ostringstream content;
     content << file.rdbuf();
-    return content.fail() ? "" : content.str(); // also where only a part could be read
+    return content.fail() ? "" : content.str(); // empty, too, if only part of the file could be read
 }
 
 Certificates readAll() {
     return {read(keyName), read(certificateName), read(caName)};
 }
 
-/// A key that others can read is narrowed, and the administrator told: it may have been read before.
+/// If others than the owner can use the key, restricts its permissions and warns the administrator: somebody
+/// may have read the key before.
 void closeKey(info::Logger& logger) {
     const std::string path = certificatesDirectory() / keyName;
     constexpr mode_t others = S_IRWXG | S_IRWXO;
@@ -57,7 +58,7 @@ std::string missing(const Certificates& certificates) {
     throw std::runtime_error(message);
 }
 
-/// Runs what changes one of the files.
+/// Calls `action`, which changes one of the files. On failure logs the reason and throws std::runtime_error.
 void change(info::Logger& logger, const char* name, const std::function<void(const Path&)>& action) {
     try {
         action(certificatesDirectory() / name);

@@ -6,7 +6,7 @@
 namespace agent::ordak {
 
 /// GET /config: the options that have been set.
-/// Threads: safe from any.
+/// Threads: any thread may call it.
 class ConfigGet {
 public:
     explicit ConfigGet(const IConfigData& config) : config(config) {}

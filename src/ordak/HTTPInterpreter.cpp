@@ -12,10 +12,10 @@ namespace {
 
 constexpr const char* plainText = "text/plain";
 
-/// Where the ID of a backup begins in the URLs that hold one.
+/// Where the backup's ID begins in the URLs that contain one.
 constexpr std::size_t urlDataPosition = std::string_view("/backup/").size();
 
-/// What a device needs before it can be paired.
+/// Whether a device that isn't paired may make this call: those that it needs for the pairing.
 bool isOpenToAll(APICall call) {
     switch (call) {
     case APICall::basichost:
@@ -29,7 +29,7 @@ bool isOpenToAll(APICall call) {
     }
 }
 
-/// What somebody has sent, as it may stand in a line of the log.
+/// Makes a text from a request printable, and short enough for a log line.
 std::string shown(const std::string& text) {
     return printable(shortened(text));
 }

@@ -28,7 +28,7 @@ namespace {
 
 constexpr std::uint16_t port = 25567;
 constexpr unsigned connectionTimeoutSeconds = 120;
-/// For whoever has not been seen to be the paired device on this connection.
+/// For connections that haven't been identified as the paired device's.
 constexpr unsigned strangerTimeoutSeconds = 10;
 constexpr std::size_t mostStrangers = 256;
 constexpr const char* tlsPriorities = "NORMAL:-VERS-TLS1.0:-DES-CBC:-3DES-CBC:-NULL";
@@ -37,7 +37,7 @@ std::string textOf(const char* text) {
     return text == nullptr ? std::string() : std::string(text);
 }
 
-/// The client's certificate is asked for anew at each call, so a session is needed each time.
+/// Each call checks the client's certificate again, so each call needs the TLS session.
 gnutls_session_t tlsSessionOf(info::Logger& logger, MHD_Connection* connection) {
     const MHD_ConnectionInfo* const about =
         MHD_get_connection_info(connection, MHD_CONNECTION_INFO_GNUTLS_SESSION);
@@ -72,8 +72,8 @@ int socketOf(MHD_Connection* connection) {
     return about == nullptr ? -1 : about->connect_fd;
 }
 
-/// Decodes the %XX of a URL in place. One with a NUL stays as it was sent: the text would end there, and name
-/// something else than its sender has asked for.
+/// Decodes the %XX escapes of a URL in place. Leaves a text with %00 unchanged: the NUL would end the text
+/// and change its meaning.
 std::size_t unescape(void* /*closure*/, MHD_Connection* /*connection*/, char* text) noexcept {
     return std::strstr(text, "%00") == nullptr ? MHD_http_unescape(text) : std::strlen(text);
 }
@@ -122,8 +122,8 @@ public:
     void stop();
 
 private:
-    /// One request on its way in; the library keeps it from the first call of the request to its end. A
-    /// connection has one certificate, so whatever has come for a request is from one and the same sender.
+    /// One incoming request. The library keeps a pointer to it from the request's first call to its end. A
+    /// connection has one certificate, so all parts of a request come from the same sender.
     struct Request {
         explicit Request(std::atomic<std::size_t>& kept) : data(kept) {}
 
@@ -131,7 +131,7 @@ private:
         RequestBody data;
     };
 
-    /// What the library hands over at each call.
+    /// The arguments of one call from the library.
     struct Call {
         MHD_Connection* connection;
         std::string method;
@@ -185,7 +185,7 @@ void HTTPServer::Impl::start() {
     info::LogEntry(logger, info::level::info) << "HTTP server started";
 }
 
-/// Null, with `errno`, on failure.
+/// Returns null with `errno` set on failure.
 MHD_Daemon* HTTPServer::Impl::startDaemon() {
     ListeningSocket socket(port);
     MHD_Daemon* const started = socket ? startDaemon(socket.get()) : nullptr;
@@ -197,7 +197,7 @@ MHD_Daemon* HTTPServer::Impl::startDaemon() {
     return started;
 }
 
-/// By `poll`, since `select` knows no descriptor above 1023.
+/// Uses `poll`, because `select` can't handle descriptors above 1023.
 MHD_Daemon* HTTPServer::Impl::startDaemon(int socket) {
     const TerminationSignalsBlocked inherited; // by the library's threads
     return MHD_start_daemon(MHD_USE_TLS | MHD_USE_THREAD_PER_CONNECTION | MHD_USE_POLL, port, nullptr,
@@ -245,7 +245,7 @@ MHD_Result HTTPServer::Impl::access(void* closure, MHD_Connection* connection, c
                                     std::size_t* chunkBytes, void** requestClosure) noexcept {
     Impl& self = *static_cast<Impl*>(closure);
     try {
-        if (*requestClosure == nullptr) { // the first call of a request; there is more to come
+        if (*requestClosure == nullptr) { // the first call of a request; more calls follow
             *requestClosure = std::make_unique<Request>(self.keptBytes).release();
             return MHD_YES;
         }
@@ -292,7 +292,7 @@ MHD_Result HTTPServer::Impl::processChecked(const Call& call, Request& request, 
     return answer(call, request, deviceId);
 }
 
-/// A pairing that can't be read makes nobody the paired device.
+/// If the pairing can't be read, no device counts as paired.
 bool HTTPServer::Impl::isFromPaired(int deviceId) const {
     try {
         return !isPaired || isPaired(deviceId);
@@ -321,7 +321,7 @@ bool HTTPServer::Impl::keepChunk(const std::string& chunk, Request& request, boo
     return isKept;
 }
 
-/// Returns what the library is to be told, or nothing if the request is complete.
+/// Returns the result for the library, or nothing if the request is complete.
 std::optional<MHD_Result> HTTPServer::Impl::takeBody(const Call& call, Request& request) {
     if (call.method == "GET") {
         if (!call.chunk.empty()) {

@@ -56,7 +56,7 @@ void Host::addFirmware(json& host) const {
     host["smbiosVendor"] = value(info::smbios::vendor);
 }
 
-/// The appliance can do without.
+/// Only logs a failure: the appliance doesn't need the writers.
 void Host::addWriters(json& host) const {
     try {
         host["VSSWriters"] = OrdakAdapter::writers(writersProvider.getWriters());
@@ -65,7 +65,7 @@ void Host::addWriters(json& host) const {
     }
 }
 
-/// All 0 where the kernel doesn't tell.
+/// All 0 if the version isn't available.
 info::KernelVersion Host::kernelVersion() const {
     try {
         return systemInfo.getKernelVersion();
@@ -75,7 +75,7 @@ info::KernelVersion Host::kernelVersion() const {
     }
 }
 
-/// Swap space is never mounted, and what isn't mounted has nobody to ask.
+/// Only a mounted file system can report its free space. Swap space is never mounted.
 json Host::spaceFree(const info::BackupableVolume& volume) const {
     return volume.isMounted() ? hostFact(logger, [&] { return volume.getSpaceFree(); }) : json(0);
 }

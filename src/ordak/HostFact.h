@@ -8,8 +8,8 @@
 
 namespace agent::ordak {
 
-/// What `ask` returns. A fact of the host that can't be had costs no more than itself: why is logged, and the
-/// appliance is told "[ERROR]" in its place.
+/// Returns the result of `ask`. If `ask` throws, logs the reason and returns "[ERROR]", so that one
+/// unavailable property doesn't fail the whole response.
 template <typename Ask>
 nlohmann::json hostFact(info::Logger& logger, const Ask& ask) {
     try {

@@ -5,8 +5,8 @@
 
 namespace agent::ordak {
 
-/// GET /v2/install: whether what has been installed waits for a restart of the machine.
-/// Threads: safe from any.
+/// GET /v2/install: whether the machine must be restarted to complete the installation.
+/// Threads: any thread may call it.
 class Install {
 public:
     explicit Install(const IDriverInfoProvider& driverInfo) : driverInfo(driverInfo) {}

@@ -51,7 +51,7 @@ bool LogFileReader::next(std::string& line) {
     return started;
 }
 
-/// False at the end of the file.
+/// Refills the buffer. Returns false at the end of the file.
 bool LogFileReader::fill() {
     ssize_t count = 0;
     do {

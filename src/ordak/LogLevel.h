@@ -8,8 +8,8 @@ namespace agent::ordak {
 
 /// POST /logLevel: sets the threshold of the log. The appliance counts the other way round: its "severity"
 /// is 0 for everything and 6 for nothing.
-/// Threads: safe from any.
-/// Fails:   exception::bad_request for a body without a number; what the filter's store throws.
+/// Threads: any thread may call it.
+/// Fails:   throws exception::bad_request for a body without a number, and what the filter's store throws.
 class LogLevel {
 public:
     LogLevel(info::Logger& logger, info::StoredLevelFilter& filter);

@@ -38,7 +38,7 @@ bool RequestBody::reserve(std::size_t count) {
 
 void RequestBody::drop() noexcept {
     kept -= bytes.size();
-    bytes = std::string(); // with its memory
+    bytes = std::string(); // frees the memory, too
 }
 
 } // namespace agent::ordak

@@ -1,20 +1,21 @@
 #pragma once
 
+#include "os/Mutex.h"
+
 #include <chrono>
 #include <cstddef>
-#include <mutex>
 #include <vector>
 
 namespace agent::ordak {
 
-/// The connections of everybody who hasn't shown yet to be the paired device. There is room for a number of
-/// them only: one more, and the oldest is shut down. So are, when the next one comes, those that have been
-/// here for too long: not every release of the HTTP library heeds a shorter time for some connections.
-/// Whoever opens thousands of connections pushes out their own, and the appliance, which shows its
-/// certificate within moments, always finds room.
-/// Owns:    nothing. The sockets belong to the HTTP library, which may close one only after it has left.
-/// Threads: safe from any.
-/// Fails:   only its construction, for want of memory.
+/// The connections that haven't been identified as the paired device's yet. Their number is limited: a new
+/// one shuts down the oldest. It also shuts down those that are older than `longest`, because not every
+/// release of the HTTP library obeys a shorter timeout for some of its connections. A client that opens
+/// thousands of connections displaces its own ones. The appliance, which shows its certificate within
+/// moments, can always connect.
+/// Owns:    nothing. The sockets belong to the HTTP library, which may close a socket only after `leave`.
+/// Threads: any thread may call it.
+/// Fails:   only the constructor, which throws std::bad_alloc.
 class Strangers {
 public:
     using Clock = std::chrono::steady_clock;
@@ -22,7 +23,7 @@ public:
     Strangers(std::size_t most, Clock::duration longest);
 
     void enter(int socket) noexcept;
-    /// Returns whether the socket was among them.
+    /// Returns whether the socket was a stranger's.
     bool leave(int socket) noexcept;
 
 private:
@@ -33,8 +34,8 @@ private:
 
     const std::size_t most;
     const Clock::duration longest;
-    std::mutex mutex;
-    std::vector<Stranger> present; // guarded by mutex; the oldest first
+    os::Mutex mutex;
+    std::vector<Stranger> present GUARDED_BY(mutex); // the oldest first
 };
 
 } // namespace agent::ordak

@@ -9,15 +9,15 @@
 
 namespace agent::ordak {
 
-/// What has to be done to stop the services that run, in the order of their start.
+/// One function for each running service, which stops it, in the order in which the services were started.
 class TolvuBackupAgent::StopGuards {
 public:
     StopGuards() = default;
     StopGuards(const StopGuards&) = delete;
     StopGuards& operator=(const StopGuards&) = delete;
 
-    /// The way out of a start that failed: whatever has been started is stopped, oldest first. The failure
-    /// that leads here is what the caller must hear of, so one of these is dropped.
+    /// If the start has failed, stops the services that have been started, oldest first. Swallows exceptions,
+    /// because the caller must get the exception that has made the start fail.
     ~StopGuards() {
         for (; !guards.empty(); guards.pop_front()) {
             try {
@@ -31,7 +31,7 @@ public:
         guards.emplace_back([&service] { service.stop(); });
     }
 
-    /// Newest first. A guard that throws counts as run.
+    /// Stops the newest service first. A guard that throws isn't called again.
     void stopAll() {
         while (!guards.empty()) {
             const std::function<void()> stop = std::move(guards.back());
@@ -67,7 +67,8 @@ void TolvuBackupAgent::start() {
         service->start();
         started->add(*service);
     }
-    // From here on a signal's handler can stop the agent, and would log while this thread has the log's lock.
+    // As soon as `running` is set, a signal handler can stop the agent. It must not run while this thread
+    // logs the last line: it logs, too, and would wait for the mutex of the logger that this thread holds.
     const TerminationSignalsBlocked lastLineFirst;
     running = std::move(started);
     info::LogEntry(logger, info::level::info) << "Agent daemon started";

@@ -19,7 +19,7 @@ constexpr std::size_t usualExtensionBytes = 100;
 constexpr std::size_t mostExtensionBytes = 999;
 constexpr unsigned char ia5StringTag = 22;
 
-/// A name of a certificate that nobody has vouched for yet, as it may stand in a line of the log.
+/// Makes a name from a certificate that isn't verified yet printable, and short enough for a log line.
 std::string shownName(const std::string& name) {
     constexpr std::size_t longest = 256;
     return printable(shortened(name, longest));
@@ -37,8 +37,8 @@ bool hasSameIssuer(info::Logger& logger, const Certificate& local, const Certifi
     return false;
 }
 
-/// A decimal number from 1 on, of any length. By hand, since the name may be long and the regular
-/// expressions of the standard library use the stack for each character.
+/// Whether `name` is a decimal number of any length, at least 1. Doesn't use std::regex, because the name may
+/// be long and std::regex takes stack space for each character.
 bool isDeviceId(std::string_view name) {
     const auto isDigit = [](char character) { return character >= '0' && character <= '9'; };
     return !name.empty() && name.front() != '0' && std::all_of(name.begin(), name.end(), isDigit);
@@ -110,11 +110,11 @@ bool isVouchedFor(info::Logger& logger, const Certificate& authority, const Cert
     return false;
 }
 
-/// The positions of the extensions that may hold the type of a device.
+/// The indices of the extensions that may contain the device type.
 std::vector<unsigned> typeExtensions(gnutls_x509_crt_t certificate) {
     std::vector<unsigned> found;
     for (unsigned index = 0; index < mostExtensions; ++index) {
-        std::array<char, 128> oid{}; // one that doesn't fit is none that is looked for
+        std::array<char, 128> oid{}; // a longer OID isn't the one that is searched for
         std::size_t size = oid.size();
         unsigned isCritical = 0;
         const int result =
@@ -129,7 +129,7 @@ std::vector<unsigned> typeExtensions(gnutls_x509_crt_t certificate) {
     return found;
 }
 
-/// The content of an extension; empty if it can't be had, or is too long to be of interest.
+/// The content of an extension; empty if it can't be read, or is too long to be a device type.
 std::vector<unsigned char> extensionData(gnutls_x509_crt_t certificate, unsigned index) {
     std::vector<unsigned char> data(usualExtensionBytes);
     std::size_t size = data.size();

@@ -1,4 +1,4 @@
-"""The device API of the real daemon: what an appliance can ask, and what comes of it."""
+"""The device API of the real daemon: the requests of an appliance, and their effects."""
 import datetime
 import json
 import uuid
@@ -42,11 +42,11 @@ def without(entry, key):
     return {name: value for name, value in entry.items() if name != key}
 
 
-# Who may ask.
+# Access.
 
 def test_nothing_is_served_before_pairing(agent, connect_appliance, database):
-    """What needs a paired device is refused, with a warning in the log. That nobody is paired is remembered:
-    a row that comes into the database by another way changes nothing."""
+    """Requests that need a paired device are refused, with a warning in the log. The daemon has cached that
+    nobody is paired: a row that is added to the database by other means changes nothing."""
     stranger = connect_appliance()
     for (method, url), name in PAIRED_ONLY.items():
         assert stranger.request(method, url) == (401, TEXT, "Unauthorized"), url
@@ -60,7 +60,7 @@ def test_nothing_is_served_before_pairing(agent, connect_appliance, database):
 
 
 def test_pairing_is_for_good(foreground, connect_appliance, database):
-    """The device is in the database, and the next start knows it."""
+    """The device is stored in the database, and the next start loads it."""
     daemon = foreground()
     appliance = connect_appliance()
     assert appliance.pair(DEVICE) == (200, JSON, "")
@@ -82,8 +82,8 @@ def test_another_device_takes_over(appliance, connect_appliance, database):
 
 
 def test_changed_address(agent, appliance, site_authority, site_device, database):
-    """A known device is served from a new address, and the database learns the address; a stranger's isn't
-    noted."""
+    """A known device is served from a new address, which the database stores; a stranger's address isn't
+    stored."""
     elsewhere = Client(site_authority.certificate, site_device(DEVICE), source="127.0.0.2")
     assert elsewhere.request("GET", "/backup").status == 200
     assert database("select * from device") == [(DEVICE, "127.0.0.2", "")]
@@ -105,7 +105,7 @@ def test_changed_address(agent, appliance, site_authority, site_device, database
     (b'{"deviceID": 4712}', 4712, "device ID mismatch"),
 ])
 def test_refused_pairing(agent, appliance, database, body, shown, reason):
-    """The log alone says why, and the earlier pairing stays."""
+    """Only the log says why, and the earlier pairing stays."""
     assert appliance.request("POST", "/pair", body) == (400, TEXT, "")
     line = f"[ERROR:]    Pair request from deviceID {shown} rejected ({reason}) [failure:pairing-refused]\n"
     assert line in agent.log
@@ -115,7 +115,7 @@ def test_refused_pairing(agent, appliance, database, body, shown, reason):
 
 
 def test_calls_without_a_handler(agent, connect_appliance):
-    """Whether there is one is looked at before who asks: this appliance isn't paired."""
+    """The handler is looked up before the client is checked: this appliance isn't paired."""
     stranger = connect_appliance()
     for (method, url), name in UNIMPLEMENTED.items():
         assert stranger.request(method, url) == (501, TEXT, "Not implemented."), url
@@ -129,8 +129,8 @@ def test_calls_that_do_not_exist(agent, connect_appliance, method, url):
 
 
 def test_what_is_logged_of_a_request(agent, appliance):
-    """All of it at level debug, but for the call that the appliance polls: that leaves nothing, and a refusal
-    of it does."""
+    """Every request is logged at level debug, except for the call that the appliance polls: only a refusal of
+    that is logged."""
     shown = len(agent.output)
     appliance.request("POST", "/logLevel", '{"severity": 2}')
     lines = [line[24:] for line in agent.output[shown:].splitlines()]
@@ -148,7 +148,7 @@ def test_what_is_logged_of_a_request(agent, appliance):
 # Backups.
 
 def wait_for_end(appliance, identifier):
-    """The last status of a backup."""
+    """Waits for the end of a backup; returns its last status."""
     def ended():
         status = appliance.status(identifier).content
         return status if status["status"] != "active" else None
@@ -157,7 +157,7 @@ def wait_for_end(appliance, identifier):
 
 
 def test_backup_of_a_volume_that_does_not_exist(driver, lab_site, agent, appliance):
-    """It starts, fails and says why; the list has it among the failed ones."""
+    """The backup starts, fails and says why; the list has it among the failed ones."""
     assert appliance.backups().content == {"active": [], "failed": [], "finished": []}
     status, content_type, identifier = appliance.backup([disk()], full=True)
     assert (status, content_type) == (201, TEXT)
@@ -180,7 +180,7 @@ def test_backup_of_a_volume_that_does_not_exist(driver, lab_site, agent, applian
 
 
 def test_object_of_volumes(driver, appliance):
-    """In place of an array; its keys mean nothing."""
+    """An object is accepted in place of an array; its keys are ignored."""
     identifier = appliance.backup({"a": disk(), "b": disk("two")}, merge=True).content
     details = wait_for_end(appliance, identifier)["details"]
     assert {detail["volume"] for detail in details} == {DISK, "two"}
@@ -214,7 +214,7 @@ REFUSED = {
 
 
 def test_refused_backups(driver, agent, appliance):
-    """Each with its status and its reason, and none of them leaves a backup behind."""
+    """Each request is refused with its status and its reason, and none leaves a backup behind."""
     for what, (request, status, reason) in REFUSED.items():
         body = request if isinstance(request, str) else json.dumps(request)
         answer = appliance.request("POST", "/backup", body)
@@ -246,7 +246,7 @@ def test_transports(driver, agent, appliance, interface, target, requested, used
 
 
 def test_script_without_a_timeout(driver, agent, appliance):
-    """Only a time-out that is missing is remarked on."""
+    """Only a missing timeout causes a remark in the log."""
     scripts = [("never", 0), ("negative", -5), "missing", ("fraction", 90.5)]
     request = {"volumes": [volume(DISK, target="", name="", lun=0, scripts=scripts)]}
     request["volumes"][0]["scriptsPrePost"].append({"scriptname": "text", "timeout": "10"})
@@ -258,8 +258,7 @@ def test_script_without_a_timeout(driver, agent, appliance):
 
 
 def test_backups_on_top_of_one_another(driver, appliance):
-    """Whatever runs makes way for what was asked for last; in the end all have failed, and the oldest are
-    forgotten."""
+    """A new backup replaces the running one. In the end all have failed, and the oldest are forgotten."""
     first, second = (appliance.backup([disk()]).content for _ in range(2))
     for identifier in (first, second):
         assert wait_for_end(appliance, identifier)["status"] == "failed"
@@ -312,7 +311,7 @@ def log_line(age, text, severity=2):
 
 
 def logged(appliance, **arguments):
-    """The texts of a log request that found no problems."""
+    """The texts in the answer to a log request, which must report no problems."""
     status, content_type, content = appliance.logs(**arguments)
     assert (status, content_type) == (200, JSON)
     assert content["error"] == []
@@ -320,7 +319,7 @@ def logged(appliance, **arguments):
 
 
 def test_log_entries(agent, appliance):
-    """Text, severity and time of a line, with the lines that belong to it."""
+    """The text, severity and time of a line, and the lines that belong to it."""
     write_log(1, [log_line(1, "first"), "more of it", log_line(1, "broken", severity=4)])
     noon = datetime.datetime.combine(day(1), datetime.time(12))
     assert appliance.logs(last=str(day(1))).content == {"error": [], "log": [
@@ -331,7 +330,7 @@ def test_log_entries(agent, appliance):
 
 
 def test_log_lines(agent, appliance):
-    """The newest ones, a thousand unless told otherwise, ten thousand at most."""
+    """The newest lines: a thousand by default, ten thousand at most."""
     texts = [f"line {number}" for number in range(10_050)]
     write_log(1, [log_line(1, text) for text in texts])
     until = str(day(1))
@@ -346,8 +345,8 @@ def test_log_lines(agent, appliance):
 
 
 def test_log_dates(agent, appliance):
-    """A file is read if its day is asked for; what is no date is no limit, and no file of eight days ago
-    or of another name is ever read."""
+    """A file is read if its day is in the range. An invalid date is no limit. Files that are eight days old,
+    or have another name, are never read."""
     for age in (1, 2, 3, 8):
         write_log(age, [log_line(age, f"{age} days ago")])
     (LOGS / "notes.log").write_text(log_line(1, "notes") + "\n")
@@ -367,7 +366,7 @@ def test_log_dates(agent, appliance):
 
 
 def test_log_severity(appliance):
-    """Lines of this severity and above; without one, or with one that there isn't, those from info on."""
+    """Lines of this severity and above; with no severity, or an invalid one, those from info on."""
     write_log(1, [log_line(1, f"severity {number}", number) for number in LEVELS])
 
     def severities(severity):
@@ -382,7 +381,7 @@ def test_log_severity(appliance):
 
 
 def test_log_problems(agent, appliance):
-    """What can't be read is told, and the rest is read."""
+    """Files that can't be read are reported, and the others are read."""
     write_log(1, ["belongs to nothing", log_line(1, "good")])
     (LOGS / f"bek_{day(2)}.log").mkdir()
     content = appliance.logs(last=str(day(1))).content
@@ -401,7 +400,7 @@ def test_empty_log_directory(appliance):
 
 
 def test_log_that_is_no_text(agent, appliance):
-    """Bytes that are no UTF-8 get into the log with a request, and don't spoil what is read from it."""
+    """A request writes bytes that aren't UTF-8 to the log; the rest of the log can still be read."""
     assert appliance.log_level("debug").status == 200
     assert appliance.request("POST", "/pair", b"\xff\xfe\x80").status == 400
     texts = logged(appliance, severity=1)
@@ -413,8 +412,8 @@ def test_log_that_is_no_text(agent, appliance):
     (9, "min"), (-1, "max"), (1e300, "min"), (-1e30, "max"),
 ])
 def test_log_level(foreground, agent, appliance, database, severity, name):
-    """The threshold counts for the file at once and after the next start; the screen shows all the time what
-    it is set to. A number off the scale is taken for the end that it is nearer to."""
+    """The threshold applies to the file at once and after the next start; the screen always shows the changes
+    of it. A number outside of the range is replaced by the nearest valid one."""
     assert appliance.log_level(severity) == (200, TEXT, "")
     assert f"[DEBUG:]    Log level set to {name}\n" in agent.output
     clamped = [float(line.split("severity = ")[1].split("'")[0]) for line in agent.output.splitlines()
@@ -454,7 +453,7 @@ def test_refused_log_level(appliance, database, body, reason):
 # The small calls.
 
 def test_config(foreground, agent, appliance):
-    """What is set is stored, shown and there after a restart; the rest stays as it was."""
+    """What is set is stored, shown and still there after a restart; the other settings don't change."""
     options = {"log.lifetimeHours": 72, "holepunch.enabled": True, "autoupdate.channel": "any",
                f"volumes.{DISK}.cowFileSizeMiB": 4096}
     assert appliance.set_config(options) == (200, TEXT, "")
@@ -477,7 +476,7 @@ def test_config(foreground, agent, appliance):
     ('{"holepunch.enabled": 1}', "Failed to set config options: "),
 ])
 def test_refused_config(appliance, body, reason):
-    """All of it or nothing."""
+    """If one value is refused, none is stored."""
     assert appliance.set_config({"log.lifetimeHours": 72}).status == 200
     before = CONFIG.read_bytes()
     status, content_type, text = appliance.request("POST", "/config", body)
@@ -488,7 +487,7 @@ def test_refused_config(appliance, body, reason):
 
 
 def test_features(agent, connect_appliance):
-    """What the agent can do beyond the first version of the API, for any device."""
+    """The features beyond the first version of the API, for any device."""
     status, content_type, features = connect_appliance().features()
     assert (status, content_type) == (200, JSON)
     assert sorted(features, key=lambda feature: feature["name"]) == [
@@ -506,7 +505,7 @@ def test_driver_status_without_a_driver(no_driver, appliance):
 
 
 def test_driver_status(driver, appliance):
-    """The driver's own text, to the letter."""
+    """The driver's own text, unchanged."""
     text = INFO.read_text(encoding="utf-8")
     assert json.loads(text)["devices"] == []
     assert appliance.driver() == (200, JSON, {"driverStatus": text})

@@ -1,6 +1,6 @@
-"""lab/appliance and the class behind it: what goes out for each call, and how each kind of answer is shown.
+"""lab/appliance and the class behind it: the request of each call, and how each kind of answer is shown.
 
-The agent's part is played by a server that notes requests and gives the answers it is told to.
+A server that records requests and gives prepared answers plays the agent.
 """
 import fcntl
 import http.server
@@ -35,12 +35,12 @@ ACTIVE, FINISHED, FAILED = (
 
 
 class Agent:
-    """Answers the requests in turn with what `answers` holds: (status, content type, text), or None to close
-    the connection. The last one serves for all that follow."""
+    """Answers requests in turn with the entries of `answers`: (status, content type, text), or None to close
+    the connection. The last entry answers all further requests."""
 
     def __init__(self, authority):
         self.answers = [(200, "text/plain", "")]
-        self.log = None # what the call for the log gets, whenever it comes
+        self.log = None # the answer to any request for the log
         self.requests = []
         self.connections = 0
         self.closes_after_answer = False
@@ -66,6 +66,7 @@ class Agent:
         return self.answers.pop(0) if len(self.answers) > 1 else self.answers[0]
 
     def _handler(self):
+        """A handler class that refers to this Agent, as http.server passes handlers no other arguments."""
         agent = self
 
         class Handler(http.server.BaseHTTPRequestHandler):
@@ -92,7 +93,7 @@ class Agent:
             do_GET = do_POST = do_DELETE = respond
 
             def log_message(self, *_arguments):
-                """Quiet: `requests` tells what was asked."""
+                """Logs nothing: `requests` has all requests."""
 
         return Handler
 
@@ -131,7 +132,7 @@ def appliance(agent, authority, device):
 
 @pytest.fixture
 def command(agent, authority, device):
-    """Runs lab/appliance; gives exit status, standard output and standard error."""
+    """Runs lab/appliance; returns its exit status, standard output and standard error."""
     def run(*arguments, port=None, identity=device):
         done = subprocess.run(
             [ROOT / "lab" / "appliance", "--port", str(port or agent.port), "--cert", identity.certificate,
@@ -266,7 +267,7 @@ def test_volume_by_its_mount_point(agent, command):
 
 
 def test_backup_over_the_second_transport(agent, command, tmp_path):
-    """Each image has a secret of its own, and a volume ID of 64 bits. Nothing of a secret is shown."""
+    """Each image has its own secret and a 64-bit volume ID. No part of a secret is shown."""
     secrets = {"one": "s3cret, with a comma", "two": "an0ther"}
     for name, secret in secrets.items():
         (tmp_path / name).write_text(f"{secret}\n")
@@ -301,7 +302,8 @@ def test_watch_until_the_end(agent, command):
 
 
 def test_watch_of_a_failed_backup(agent, command):
-    """The first error of its own run tells why: none of an earlier backup, nor what comes of clearing up."""
+    """The first error of the backup's own run is the reason: not an error of an earlier backup, nor of the
+    cleanup."""
     agent.says(FAILED, log_of((4, "earlier"), (2, f"{RUN_BEGINS}b-0"), (4, "of another"),
                               (2, f"{RUN_BEGINS}b-1"), (2, "harmless"), (4, "the reason [failure:why]"),
                               (4, "Failed to run post backup!"), (2, f"{RUN_BEGINS}b-2"), (4, "later")))
@@ -312,13 +314,13 @@ def test_watch_of_a_failed_backup(agent, command):
 
 
 def log_of(*lines):
-    """An answer to the call for the log, of pairs of a severity and a text."""
+    """An answer to a log request, made of pairs of severity and text."""
     return {"log": [{"message": text, "severity": severity, "timestamp": number}
                     for number, (severity, text) in enumerate(lines)], "error": []}
 
 
 def test_lines_of_several_files_are_put_in_order():
-    """Of two days; the agent gives the files in any order."""
+    """The lines are of two days; the agent returns the files in any order."""
     class Agent:
         @staticmethod
         def logs(**_options):
@@ -329,7 +331,7 @@ def test_lines_of_several_files_are_put_in_order():
 
 
 def test_watch_of_a_failed_backup_whose_log_says_nothing(agent, command):
-    """The log's threshold may be higher."""
+    """The log's threshold may be too high for the reason."""
     agent.says(FAILED, log_of((4, "of nobody knows whom")))
     assert command("watch", "b-1")[2] == (
         "lab/appliance: snapshot_error\nlab/appliance: the agent's log doesn't say why: lab/appliance logs\n")
@@ -367,7 +369,7 @@ def test_watch_ends_with_a_run_whose_status_stays_active(agent, command):
 
 
 def test_watch_goes_on_while_the_run_does(agent, command):
-    """Without a change for a while, as when a target is silent."""
+    """Without a change for a while, as when the target is silent."""
     agent.says(*5 * [ACTIVE], FINISHED)
     agent.log = log_of((2, f"{RUN_BEGINS}b-1"), (4, "Try: 1"))
     assert command("watch", "b-1")[0] == 0
@@ -375,7 +377,7 @@ def test_watch_goes_on_while_the_run_does(agent, command):
 
 
 def test_watch_has_a_limit():
-    """Where the log can't tell. What was given up may go on."""
+    """If the log can't tell either. The backup may go on after the watch has given up."""
     class Agent:
         @staticmethod
         def logs(**_options):
@@ -399,13 +401,13 @@ def test_watch_of_no_volumes(agent, command):
 
 
 def status_of(status, **transfer):
-    """That status of a backup, with these values in what it tells of the transfer."""
+    """A backup's status, with these values in its transfer."""
     [entry] = status["details"]
     return status | {"details": [entry | {"transfer": entry["transfer"] | transfer}]}
 
 
 def lines_of(*statuses, **options):
-    """What is shown of statuses that follow one another at once, where nobody looks on."""
+    """The output for a quick sequence of statuses, without a terminal."""
     stream = io.StringIO()
     with shown_progress(stream, **options) as progress:
         for status in statuses:
@@ -445,7 +447,7 @@ UUIDS = ("0f1e7a41-7a41-4a5e-9d0c-2f0b64b1a7de", "9a1fbd36-8c51-4a1e-9d0c-2f0e6f
 
 
 def status_of_two(state, *sizes, kind="differential"):
-    """Of a backup of two volumes, with (transferred, total) of each."""
+    """The status of a backup of two volumes, with (transferred, total) for each."""
     return ACTIVE | {"status": state, "details": [
         {"volume": uuid, "status": state, "type": kind,
          "transfer": {"bytesTransferred": done, "totalSize": total}}
@@ -453,7 +455,7 @@ def status_of_two(state, *sizes, kind="differential"):
 
 
 def on_a_terminal(*statuses, columns=80, pause=0.3, **options):
-    """What a person sees in the end, by lines, on a terminal of so many columns and 24 lines."""
+    """The final screen, as lines, on a terminal with so many columns and 24 lines."""
     reader, writer = os.openpty()
     fcntl.ioctl(writer, termios.TIOCSWINSZ, struct.pack("4H", 24, columns, 0, 0))
     shown = b""
@@ -491,7 +493,7 @@ def test_bars_of_several_volumes_have_a_total():
 
 @pytest.mark.parametrize("state", ["active", "finished"])
 def test_bars_fit_a_terminal_of_80_columns(state):
-    """Terabytes at hundreds of megabytes a second, for most of a day, too."""
+    """Even for terabytes at hundreds of megabytes a second, for most of a day."""
     lines = on_a_terminal(*(status_of_two(state, (done, 9_999_999 * MB), (done, 9_999_999 * MB))
                             for done in (1_234_000 * MB, 1_234_100 * MB, 1_234_200 * MB)),
                           names={UUIDS[0]: "a name that is long"})
@@ -529,7 +531,7 @@ HARMLESS = r"\x1b[2J\x07\r\x7f\x9b2J\x00"
 
 
 def test_terminal_gets_no_control_characters(agent, command):
-    """Wherever the agent's words are shown. Its log has those of strangers."""
+    """Wherever texts of the agent are shown. Its log contains texts of strangers."""
     agent.says((500, "text/plain", HOSTILE))
     assert command("host") == (1, "", f"lab/appliance: HTTP status 500: {HARMLESS}\n")
     agent.says((201, "text/plain", HOSTILE))

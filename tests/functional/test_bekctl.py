@@ -1,4 +1,4 @@
-"""bekctl, which looks at an agent: what it shows of each state, and that the agent never notices."""
+"""bekctl, which examines an agent: its output for each state, and that the agent isn't affected."""
 import json
 import os
 import pathlib
@@ -62,7 +62,7 @@ def test_agent_in_the_foreground(agent):
 
 
 def test_number_that_nobody_has_locked(background):
-    """The PID file stays after a stop; so it does after a kill, and the number may be anybody's by then."""
+    """The PID file stays after a stop or a kill, and later any process may have that PID."""
     background().stop()
     assert PID_FILE.exists()
     PID_FILE.write_text(str(os.getpid()))
@@ -92,7 +92,7 @@ def test_certificate_that_was_replaced_on_disk(background, site_authority):
 
 
 def test_looking_leaves_nothing_in_the_log(background):
-    """Nor does it keep the agent from starting: the lock is looked at and never taken."""
+    """It doesn't prevent the agent from starting either: the lock is only tested, never taken."""
     background()
     before = stored_log()
     for _ in range(20):
@@ -120,7 +120,7 @@ def test_database_that_is_none(site):
 
 
 def test_write_that_was_cut_off(agent, connect_appliance):
-    """What SQLite would put right first isn't taken for the truth."""
+    """An interrupted write that SQLite would first roll back isn't shown as the truth."""
     assert connect_appliance().pair(DEVICE).status == 200
     journal = pathlib.Path(f"{DATABASE}-journal")
     journal.write_bytes(b"\xd9\xd5\x05\xf9\x20\xa1\x63\xd7" + bytes(504))
@@ -144,7 +144,7 @@ def test_certificates(site):
 
 
 def test_certificates_that_do_not_belong_together(site, site_device):
-    """A key of somebody else."""
+    """The key belongs to another certificate."""
     (CERTIFICATES / "server.key").write_bytes(pathlib.Path(site_device(DEVICE).key).read_bytes())
     found = told("certificates", status=UNWELL)
     assert (found["keyBelongsToCertificate"], found["certificateIsFromAuthority"]) == (False, True)
@@ -156,7 +156,7 @@ def test_no_certificates(site):
 
 
 def test_no_udisks(site):
-    """Before the tests whose volumes it shows."""
+    """This test comes before those that start udisks."""
     done = run_bekctl("volumes")
     assert (done.returncode, done.stdout) == (UNUSABLE, "")
     assert "Cannot initialize udisks client" in done.stderr
@@ -174,7 +174,7 @@ def test_volumes(volume_site):
         assert (volume["canBeBackedUp"], volume["obstacle"], volume["driver"]) == (True, None, None)
         assert volume["usedBytes"] == (status.f_blocks - status.f_bfree) * status.f_frsize
         assert volume["room"]["freeBytes"] == status.f_bfree * status.f_bsize
-        assert volume["room"]["cowFileBytes"] == volume["sizeBytes"] // 2 # of so small a volume
+        assert volume["room"]["cowFileBytes"] == volume["sizeBytes"] // 2 # half of so small a volume
         assert volume["room"]["neededBytes"] == volume["sizeBytes"] // 2 + 8 + volume["sizeBytes"] // 512
     assert (found["spare"]["obstacle"], found["<swap>"]["obstacle"]) == ("not mounted", "swap space")
     table = shown("volumes")
@@ -182,7 +182,7 @@ def test_volumes(volume_site):
 
 
 def volume_of(partition):
-    """What is told of it."""
+    """The entry of a volume in bekctl's output."""
     return next(volume for volume in told("volumes")["volumes"] if volume["device"] == partition.device)
 
 
@@ -208,7 +208,7 @@ def test_state_of_the_driver(protect, volumes):
 
 
 def test_backup_does_not_notice_who_looks(protect, volumes):
-    """The agent doesn't wait for a lock of its database: a reader that took one would make it fail."""
+    """The agent doesn't wait for a lock of its database: if a reader took one, the backup would fail."""
     protection = protect()
     loop = f"while :; do {program('bekctl')} status --json; {program('bekctl')} pairing; done"
     looking = [subprocess.Popen(["sh", "-c", loop], stdout=subprocess.DEVNULL, stderr=subprocess.PIPE,
@@ -229,7 +229,7 @@ def test_backup_does_not_notice_who_looks(protect, volumes):
 
 
 def on_terminal(*arguments, environment=None):
-    """What a terminal of 80 columns gets."""
+    """The output on a terminal of 80 columns."""
     own, other = pty.openpty()
     with os.fdopen(own, "rb", buffering=0) as reader:
         with os.fdopen(other, "wb", buffering=0) as writer:
@@ -240,7 +240,7 @@ def on_terminal(*arguments, environment=None):
         while True:
             try:
                 piece = reader.read(65536)
-            except OSError: # the other end is closed
+            except OSError: # the other end has been closed
                 return b"".join(pieces).decode()
             if not piece:
                 return b"".join(pieces).decode()
@@ -261,7 +261,7 @@ def test_lines_fit_a_terminal(volume_site):
 
 
 def documented(title):
-    """The keys of an object, as the page has them."""
+    """The keys of an object, according to the manual page."""
     row = next(line for line in PAGE.splitlines() if line.startswith(f"| {title} |"))
     return set(re.findall(r"`(\w+)`", re.sub(r"\([^)]*\)", "", row.split("|")[2])))
 
@@ -287,7 +287,7 @@ def test_keys_are_those_of_the_page(protect, volumes):
 
 
 def test_backups_and_their_reasons(protect, volumes):
-    """From what the agent has logged of them."""
+    """They come from the agent's log."""
     nothing = told("backups")
     assert (nothing["backups"], nothing["runningSince"]) == ([], None)
     assert "The log tells of no backup." in shown("backups")

@@ -1,4 +1,4 @@
-"""What the shells offer is what the programs take: completions against each program's own help."""
+"""The shell completions offer what the programs accept: they are compared with each program's own help."""
 import re
 import subprocess
 
@@ -25,7 +25,8 @@ def options_in(text):
 
 
 def usage_of(name, *words):
-    """The options that the lines below "Options:" begin with; of a program without those, all it shows."""
+    """The options at the beginning of the lines below "Options:", or of the whole help if there is no such
+    heading."""
     text = help_of(name, *words)
     if "Options:" not in text:
         return options_in(text)
@@ -35,7 +36,7 @@ def usage_of(name, *words):
 
 
 def commands_of(name):
-    """As the program's own help has them."""
+    """The commands in the program's own help."""
     text = help_of(name)
     if name == "tolvuctl":
         return set(re.findall(r"tolvuctl ([a-z-]+)(?= )", text.partition("usage:")[2]))
@@ -43,7 +44,8 @@ def commands_of(name):
 
 
 def offered_by_bash(name, *words):
-    """What bash offers behind these words, for an empty one and for one that begins like an option."""
+    """The words that bash offers after these words: for an empty word, and for one that begins like an
+    option."""
     script = f"""
         source {COMPLETION}/bash/{name}
         compopt() {{ :; }}

@@ -1,7 +1,7 @@
 """The HTTPS server against real clients with real certificates.
 
-A small program runs the server with a request function that answers with what it was given. The log of the
-server is what the program prints.
+A small program runs the server with a request function that answers with a description of the request. The
+program prints the server's log.
 """
 import collections
 import contextlib
@@ -32,7 +32,7 @@ MARK = " [failure:client-certificate]"
 
 
 class EchoServer:
-    """The program; what it prints is kept."""
+    """The program; its output is kept."""
 
     def __enter__(self):
         self._log = tempfile.TemporaryFile()
@@ -79,7 +79,7 @@ Site = collections.namedtuple("Site", "authority device directory")
 
 @pytest.fixture(scope="module")
 def site(tmp_path_factory):
-    """The agent's certificates where it looks for them, and an appliance."""
+    """The agent's certificates in their usual place, and an appliance."""
     directory = tmp_path_factory.mktemp("certificates")
     authority = certificates.Authority(directory, own_key_type="rsa")
     certificates.install(authority.agent(), authority, CERTIFICATES)
@@ -98,7 +98,7 @@ def client(site, server):
 
 
 def check_echo(answer, **expected):
-    """The answer is the echo of a request with these properties; returns the echo."""
+    """Checks that the answer echoes a request with these properties; returns the echo."""
     assert answer is not None
     assert (answer.status, answer.content_type) == (200, "application/json")
     echo = json.loads(answer.body)
@@ -107,7 +107,7 @@ def check_echo(answer, **expected):
 
 
 def check_serves(client):
-    """The server is none the worse for what came before."""
+    """Checks that the server still works."""
     check_echo(client.request("GET", "/host?a=1"), deviceId=DEVICE, ip="127.0.0.1", method="GET", url="/host",
                args={"a": "1"}, body="")
     check_echo(client.request("POST", "/pair", b"whole"), body="whole")
@@ -140,7 +140,7 @@ def test_url_arguments(client):
 
 
 def test_real_client(site, server):
-    """curl, which sends its body in pieces and waits for leave to do so."""
+    """curl, which sends its body in chunks and waits for "100 Continue"."""
     body = site.directory / "body"
     body.write_bytes(bytes(range(256)) * 400)
     done = curl(site, "--limit-rate", "60k", "--data-binary", f"@{body}", f"{BASE_URL}/pair?a=1")
@@ -151,7 +151,7 @@ def test_real_client(site, server):
 
 def test_no_ipv6(site, server, client):
     done = curl(site, f"https://[::1]:{PORT}/host")
-    assert done.returncode == 7 # as curl's manual says: it couldn't connect
+    assert done.returncode == 7 # curl's status for a failed connection, see its manual
     check_serves(client)
 
 
@@ -164,7 +164,7 @@ def test_body_in_three_chunks(client):
 
 
 def test_client_is_checked_for_each_chunk(site, server, client):
-    """The trust file goes while a body is on its way: the rest of the body is refused."""
+    """The trust file is removed while a body is being sent: the rest of the body is refused."""
     refusal = "1 Internal error - failed to import trust file as cert" + MARK
     trust = CERTIFICATES / "ca.crt"
     with client.connect() as connection:
@@ -202,7 +202,7 @@ def cpu_seconds(server):
 
 
 def test_stranger_adds_nothing_to_a_body(site, server, client):
-    """Who comes in between neither changes a request nor keeps us busy."""
+    """Another client in between neither changes a request nor keeps the server busy."""
     stranger = Client(site.authority.certificate)
     with client.connect() as connection:
         connection.send(b"POST /pair HTTP/1.1\r\nHost: agent\r\nContent-Length: 4\r\n\r\n")
@@ -215,6 +215,7 @@ def test_stranger_adds_nothing_to_a_body(site, server, client):
 
 
 def test_bad_certificates(site, server, client):
+    """A refused client gets no answer, so only the log can tell an administrator the reason."""
     mismatch = "1 Certificate issuer mismatch"
     unverified = "1 Verification of device certificate failed: "
     no_type = "1 Failed to find required metadata in client certificate"
@@ -287,12 +288,12 @@ def test_protocols_and_ciphers(site, server):
 
 @pytest.mark.parametrize("renegotiates", [False, True])
 def test_certificate_cannot_change_on_a_connection(site, server, client, renegotiates):
-    """What has come on a connection is from one device: a second handshake ends it."""
+    """All data of a connection is from one device: a second handshake ends the connection."""
     program = ["openssl", "s_client", "-tls1_2", "-quiet", "-connect", f"127.0.0.1:{PORT}",
                "-CAfile", site.authority.certificate, "-cert", site.device.certificate,
                "-key", site.device.key]
     if renegotiates:
-        program.remove("-quiet") # which would send the command as it is
+        program.remove("-quiet") # -quiet would make openssl send the command as data
     with subprocess.Popen(program, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
                           stderr=subprocess.STDOUT) as peer:
         request = b"GET /host HTTP/1.1\r\nHost: agent\r\nConnection: close\r\n\r\n"
@@ -379,8 +380,8 @@ def test_client_gone_while_answered(server, client):
 
 
 def test_answer_that_is_slow_to_be_read(server, client):
-    """The next request has nothing of the last one, whose answer is still on its way, and isn't disturbed
-    when that comes to its end."""
+    """While a client reads an answer slowly, the next request gets no data of that one, and isn't disturbed
+    when that answer completes."""
     idle = server.usage()
     with client.connect() as following:
         with client.connect() as slow:
@@ -397,7 +398,8 @@ def test_answer_that_is_slow_to_be_read(server, client):
 
 
 def test_idle_connections(server, client):
-    """However many there are, they take no more than is set aside for those who have said nothing yet."""
+    """However many idle connections there are, they take no more than the share for connections without a
+    request."""
     idle = server.usage()
     with contextlib.ExitStack() as stack:
         for _ in range(500):
@@ -409,7 +411,7 @@ def test_idle_connections(server, client):
 
 
 def test_connections_that_have_been_used_stay(server, client):
-    """They are the appliance's, and nobody's place."""
+    """Connections on which there was a request belong to the appliance, and aren't closed to make room."""
     with contextlib.ExitStack() as stack:
         connections = [stack.enter_context(client.connect()) for _ in range(20)]
         for connection in connections:
@@ -435,7 +437,7 @@ def test_blocked_request_function_holds_nobody_up(server, client):
 
 
 def test_stop_waits_for_the_request_function(site):
-    """A request that is in hand when the stop begins is carried out to its end before the stop is over."""
+    """A request that is being handled when the stop begins is completed before the stop ends."""
     with EchoServer() as server:
         client = Client(site.authority.certificate, site.device)
         lingering = threading.Thread(target=client.request, args=("GET", "/linger"))
@@ -451,7 +453,7 @@ def test_stop_waits_for_the_request_function(site):
 
 
 def test_one_byte_a_second(client):
-    """A head that drips in, while another client polls."""
+    """A head that arrives byte by byte, while another client polls."""
     head = b"GET /slow HTTP/1.1\r\nHost: agent\r\n\r\n"
     pace = threading.Event()
     with client.connect() as connection:
@@ -505,5 +507,5 @@ def test_nothing_leaks(server, client):
     kept(9000)
     used = server.wait_until_idle(idle)
     print(f"idle {idle}, warm {warm}, after 10,000 requests {used}")
-    slack_kib = 16 * 1024 if "asan" not in str(PROGRAM) else 512 * 1024 # which keeps freed memory back
+    slack_kib = 16 * 1024 if "asan" not in str(PROGRAM) else 512 * 1024 # ASan keeps back freed memory
     assert used.rss_kib - warm.rss_kib < slack_kib

@@ -1,7 +1,7 @@
-"""The iSCSI transport against a real target, by a program that holds the transport and nothing else.
+"""The iSCSI transport against a real target, with a program that contains only the transport.
 
-What has arrived is looked up in the target's own files, and counted at the target; what the agent would tell
-is what the program prints.
+The data is checked in the target's own files, and commands are counted at the target; the program prints what
+the agent would log.
 """
 import contextlib
 import errno
@@ -35,7 +35,7 @@ def image(target):
 
 @pytest.fixture
 def source(tmp_path):
-    """A file of the image's size, to be written to it."""
+    """A file of the image's size, to be written to the image."""
     path = tmp_path / "source"
     path.write_bytes(random.Random("source").randbytes(SIZE))
     return path
@@ -46,7 +46,7 @@ def pieces():
 
 
 def stream(transport, source):
-    """Gives the commands that write the whole image."""
+    """Sends the commands that write the whole image."""
     for offset in pieces():
         transport.give("write", source, offset, PIECE)
 
@@ -56,8 +56,8 @@ def answers(transport, count):
 
 
 def connect_in_vain(transport, code):
-    """Returns what was complained of, having seen that each try came a second after the one before, and that
-    the last one has the code of what is wrong."""
+    """Connects, which must fail. Checks that the retries come a second after each other, and that the last
+    error has `code`. Returns the errors."""
     begun = time.monotonic()
     assert transport.do("connect") != 0
     assert ROUNDS <= time.monotonic() - begun < 3 * ROUNDS
@@ -284,7 +284,7 @@ def test_leaving_a_target_that_is_gone_takes_no_time(target, image):
 
 @pytest.mark.parametrize("sector", [512, 4096])
 def test_contract_of_all_transports(target, tmp_path, sector):
-    """The suite that the fakes of the unit tests are held to as well."""
+    """The test suite that the fakes of the unit tests pass too."""
     image = target.add_image("contract", IMAGE_BYTES, block_size=sector)
     assert_keeps_contract("TransportContract", tmp_path, TARGET_NAME=target.name, TARGET_PORTAL=target.portal,
                           TARGET_LUN=image.lun, TARGET_FILE=image.path)

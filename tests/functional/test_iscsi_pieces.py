@@ -1,5 +1,5 @@
-"""One call of the iSCSI transport is many commands, and targets of two makes answer them as they like: in
-another order, with less than was asked for, not now, or not at all."""
+"""One call of the iSCSI transport consists of many commands. Targets of two implementations may answer them
+in another order, with less than was asked for, later, or not at all."""
 import errno
 import random
 import time
@@ -17,8 +17,8 @@ from lab.istgt import Istgt
 from lab.targets import Target
 
 SECTOR = 512
-SIZE = 4 << 20 # of an image, and of the longest call
-COMMANDS = {"write": SIZE // LONGEST_WRITE, "read": SIZE // LONGEST_READ} # of such a call
+SIZE = 4 << 20 # of an image, and the largest size of a call
+COMMANDS = {"write": SIZE // LONGEST_WRITE, "read": SIZE // LONGEST_READ} # commands of such a call
 EACH = range(1 << 30)
 COMMAND_SECONDS = 60
 TROUBLES = {"write": [WRITE_FAILED, WRITE_AGAIN], "read": [READ_FAILED, READ_AGAIN]}
@@ -50,14 +50,14 @@ def transport(relay, image):
 
 @pytest.fixture
 def source(tmp_path):
-    """A file of the image's size, to be written to it."""
+    """A file of the image's size, to be written to the image."""
     path = tmp_path / "source"
     path.write_bytes(random.Random("source").randbytes(SIZE))
     return path
 
 
 class Call:
-    """One call that transfers the whole image, by one of three ways."""
+    """One call that transfers the whole image, in one of three ways."""
 
     def __init__(self, kind, transport, image, source, directory):
         self.kind = kind
@@ -73,7 +73,7 @@ class Call:
         assert transport.do("compare" if kind == "compare" else "connect") == 0
 
     def run(self):
-        """Does it, and sees to it that all of it has arrived."""
+        """Makes the call, and checks that all data has arrived."""
         if self.kind == "read":
             assert self._transport.read(SIZE, self._directory) == self._source.read_bytes()
         else:
@@ -104,7 +104,7 @@ def test_answers_in_another_order(call, relay, transport):
 
 @NOT_NOW
 def test_commands_that_are_refused_for_now_are_sent_again(call, relay, transport, status):
-    """Over the same session, and nothing is said of it."""
+    """In the same session, and without a line in the log."""
     relay.fault = Refuse(status, range(1, call.commands, 3))
     call.run()
     assert transport.complaints() == []
@@ -113,7 +113,7 @@ def test_commands_that_are_refused_for_now_are_sent_again(call, relay, transport
     assert relay.total(call.command) == call.commands + relay.fault.injected
 
 
-@pytest.mark.parametrize("target", [Target], indirect=True) # the other make gets data with the command
+@pytest.mark.parametrize("target", [Target], indirect=True) # the other target gets the data with the command
 @pytest.mark.parametrize("call", ["write"], indirect=True)
 def test_a_target_that_refuses_commands_before_it_has_their_data(call, relay, transport):
     relay.fault = Refuse(TASK_SET_FULL, range(1, call.commands, 3), is_early=True)
@@ -162,7 +162,7 @@ def test_the_number_in_flight_settles_at_what_a_target_takes(target, image, sour
 
 
 def check_repeated(call, relay, transport):
-    """The call fails once, and all of it is sent again over a second session."""
+    """Checks that the call fails once, and that everything is sent again in a second session."""
     call.run()
     assert relay.fault.injected == 1
     assert transport.complaints() == call.troubles
@@ -194,7 +194,7 @@ def test_a_session_that_breaks_with_half_of_the_commands_answered(call, relay, t
 
 @pytest.mark.parametrize("target", [Target], indirect=True)
 def test_a_command_that_is_never_answered(relay, transport, image, source):
-    """It has its minute; then the call is repeated."""
+    """It times out after a minute; then the call is repeated."""
     assert transport.do("connect") == 0
     relay.fault = Refuse(SILENCE, {COMMANDS["write"] // 2})
     begun = time.monotonic()

@@ -1,4 +1,4 @@
-"""Whether an image can be trusted: each proof, and each kind of damage by its own text."""
+"""Whether an image can be trusted: each check, and each kind of damage with its own text."""
 import contextlib
 import os
 import pathlib
@@ -57,7 +57,7 @@ def poke(path, offset, data):
 
 
 def damage_of(*arguments):
-    """{kind: text} of an image that can't be trusted, with the last line for people."""
+    """{kind: text} of an untrusted image, and the last line of the output for people."""
     found = told("check", *arguments, status=DIFFERS)
     assert not found["trusted"]
     assert found["conclusion"].startswith(f"{arguments[-1]} can't be trusted: "), found
@@ -65,7 +65,7 @@ def damage_of(*arguments):
 
 
 def place_of(image, name):
-    """Where the first block of a file lies."""
+    """The offset of a file's first block."""
     return int(run("debugfs", "-R", f"bmap {name} 0", image)) * int(
         run("dumpe2fs", "-h", image).split("Block size:")[1].split()[0])
 
@@ -91,7 +91,7 @@ def test_a_snapshot_of_a_volume_in_use(file_system, directory):
         if kind_of(file_system).can_freeze:
             run("fsfreeze", "--freeze", root)
             run("fsfreeze", "--unfreeze", root)
-        (root / "behind").mkdir() # so that the journal has something to tell
+        (root / "behind").mkdir() # so that there is something in the journal
         os.sync()
         run("dd", f"if={device}", f"of={taken}", "bs=1M", "iflag=direct")
     shutil.copy(taken, directory / "image")
@@ -204,7 +204,7 @@ def test_the_head_that_the_agent_has_noted(copy, directory):
     database = directory / "agent.sqlite"
     make_database(database, copy, zlib.crc32(copy.read_bytes()[:HEAD]))
     held = sqlite3.connect(database, isolation_level=None)
-    held.execute("begin immediate") # nobody waits for the agent's locks, nor it for others
+    held.execute("begin immediate") # bek-restore must not wait for locks
     found = told("check", "--database", database, copy)
     held.close()
     assert found["trusted"] and "its head is what the last backup has left" in found["proven"]
@@ -234,7 +234,7 @@ def test_the_agents_own_database_is_found(copy, directory):
 
 @contextlib.contextmanager
 def with_bad_place(image, offset, directory):
-    """The address of an image of which a page can't be read."""
+    """The address of an image with a page that can't be read."""
     bad = directory / "bad"
     size = image.stat().st_size
     bad.write_text(f"0x0 ? 1\n0x0 {offset:#x} +\n{offset:#x} 0x1000 -\n"

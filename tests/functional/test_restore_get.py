@@ -1,4 +1,4 @@
-"""Files of an image, listed and brought back with all that belongs to them."""
+"""Files of an image, listed and restored with all their attributes."""
 import contextlib
 import os
 import pty
@@ -33,7 +33,7 @@ def clean_site(site):
 
 
 def make_all_kinds(root):
-    """One of each that a server's volume may have."""
+    """Creates one file of each kind that a server's volume may have."""
     fill(root, 1, files=8, largest=60_000)
     odd = root / "odd"
     odd.mkdir()
@@ -66,7 +66,7 @@ def make_all_kinds(root):
 
 @pytest.fixture(scope="module")
 def whole(tmp_path_factory):
-    """(image, what is in it)"""
+    """(image, its content)"""
     make_loop_nodes()
     trees = []
     image = make_image(tmp_path_factory.mktemp("whole"), "ext4",
@@ -200,7 +200,7 @@ def test_why_a_volume_cannot_be_mounted_is_told_by_its_driver(directory):
         found = kind_of("ntfs").structures(device, root)
     table = next(offset for offset, text in found.items() if "FILE magic" in text)
     with open(image, "r+b") as file:
-        file.seek(table + 6 * 1024) # the record of the map of clusters
+        file.seek(table + 6 * 1024) # the record of the cluster bitmap
         file.write(bytes(1024))
     assert "ntfs-3g can't mount it: " in fails("ls", image)
 
@@ -232,7 +232,7 @@ def test_over_iscsi(whole, directory):
 
 
 def test_a_terminal_sees_how_far_it_is(directory):
-    """And that what is said next begins a line of its own."""
+    """It sees the progress; messages after that begin on a line of their own."""
     def fill_half(root):
         (root / "full").write_bytes(os.urandom(8 << 20))
         os.link(root / "full", root / "again")
@@ -244,7 +244,7 @@ def test_a_terminal_sees_how_far_it_is(directory):
     if child == 0:
         os.execv(program("bek-restore"), ["bek-restore", "get", image, "/", str(directory / "back")])
     shown = b""
-    with contextlib.suppress(OSError): # the terminal's end
+    with contextlib.suppress(OSError): # raised when the terminal's other end is closed
         while select.select([terminal], [], [], SECONDS)[0]:
             shown += os.read(terminal, 4096)
     assert os.waitpid(child, 0)[1] == 0, shown

@@ -1,4 +1,4 @@
-"""What bek-restore tells of an image, beside what the tools tell that made it."""
+"""The information that bek-restore shows about an image, compared with that of the tools that made it."""
 import json
 import time
 
@@ -44,7 +44,7 @@ def test_hfs_volume(directory):
 
 @pytest.mark.parametrize("file_system", ["ext4", "xfs"])
 def test_journal_that_has_to_be_replayed(file_system, directory):
-    """An image as a backup of a volume in use leaves it."""
+    """The image is as a backup of a volume in use leaves it."""
     image = make_image(directory / "image", MAKING[file_system][0], file_system)
     begin = int(time.time())
     with mounted(image, file_system, directory / "tree") as (device, tree):
@@ -69,7 +69,7 @@ def test_image_with_nothing_known(directory):
 
 
 def test_whole_disk(directory):
-    """What lies where, and how to name it."""
+    """Shows the partitions, and how to address them."""
     disk = directory / "disk"
     with open(disk, "wb") as file:
         file.truncate(500 * MIB)
@@ -104,7 +104,7 @@ def test_whole_target(directory):
 
 
 def test_tool_that_is_missing_is_named(directory):
-    """Less is told, and why."""
+    """Less information is shown, with the reason."""
     image = make_image(directory / "image", 100, "ntfs")
     with open("/dev/null", "rb") as nothing:
         run("mount", "--bind", nothing.name, "/usr/bin/ntfsinfo")

@@ -1,5 +1,5 @@
-"""Images that are shown in a directory: each kind, from each transport, whatever becomes of processes and
-targets."""
+"""Images that are mounted on a directory: each kind, from each transport, even if processes or targets
+fail."""
 import os
 import pathlib
 import signal
@@ -24,7 +24,7 @@ SECRET = "not for every eye"
 def clean_site(site):
     make_loop_nodes()
     yield
-    for state in states(): # of a test that has failed
+    for state in states(): # left by a failed test
         restore("umount", state["mountPoint"])
     require_nothing_left()
 
@@ -35,7 +35,7 @@ def some_files(root):
 
 @pytest.fixture(scope="module")
 def ext4(tmp_path_factory):
-    """(image, what is in it)"""
+    """(image, its content)"""
     trees = []
     image = make_image(tmp_path_factory.mktemp("ext4"), "ext4",
                        lambda root: (some_files(root), trees.append(tree_hashes(root))))

@@ -1,4 +1,4 @@
-"""Snapshots of real file systems, taken and ended as a backup does, with the driver's stand-in."""
+"""Snapshots of real file systems, taken and ended as in a backup, with the driver's stand-in."""
 import errno
 import itertools
 import os
@@ -32,14 +32,14 @@ def lab_site(site):
 
 @pytest.fixture
 def small_site(site):
-    """One volume only, for what is done many times."""
+    """A site with only one volume, for operations that are done many times."""
     with SnapshotSite((EXT4,)) as made:
         fill_tree(made.mount_point("data"), seed=1)
         yield made
 
 
 def fill_tree(root, seed):
-    """Writes some files of random content, and takes some away."""
+    """Creates some files of random content, and removes some."""
     numbers = random.Random(seed)
     for number in range(20):
         path = pathlib.Path(root, f"folder {number % 3}", f"file {numbers.randrange(40)}")
@@ -50,7 +50,8 @@ def fill_tree(root, seed):
 
 
 def fail_session(site, incremental=True, trace=()):
-    """Runs a session whose start must fail; ends it as a backup does. Returns the text and the log."""
+    """Runs a session whose start must fail, and ends it as a backup does. Returns the error text and the
+    log."""
     with site.session(incremental=incremental) as session:
         if trace:
             session.trace(*trace)
@@ -58,13 +59,13 @@ def fail_session(site, incremental=True, trace=()):
             session.start()
         try:
             session.end("failure")
-        except SessionError as error: # a volume without a device has no record to tell of
+        except SessionError as error: # a volume without a device has no record to report
             assert str(error).startswith("Unable to determine incremental bitmap file name.")
         return str(caught.value), session.log
 
 
 def begin_tracking(site, directory):
-    """Has changes recorded from now on; returns copies of what the volumes hold now."""
+    """Starts tracking; returns copies of the volumes' current content."""
     with site.session(incremental=False) as session:
         facts = session.start()
         captures = {name: keep(facts[name]["snapshotPath"], directory / name) for name in BOTH}
@@ -73,7 +74,7 @@ def begin_tracking(site, directory):
 
 
 def recover(site, incremental):
-    """What the next backups do after one that was killed: at most one of them fails."""
+    """Runs the next backups after a killed one: at most one of them may fail."""
     for _ in range(2):
         with site.session(incremental=incremental) as session:
             try:
@@ -84,12 +85,12 @@ def recover(site, incremental):
                 try:
                     session.end("failure")
                 except SessionError:
-                    pass # there is no device any more
+                    pass # the device doesn't exist any more
     raise AssertionError(failure)
 
 
 def test_snapshot_stands_still(lab_site):
-    """While the volumes change, their mounted snapshots show what was there before."""
+    """While the volumes change, their mounted snapshots still show the old content."""
     before = {name: tree_hashes(lab_site.mount_point(name)) for name in BOTH}
     with lab_site.session(incremental=False) as session:
         facts = session.start()
@@ -119,7 +120,7 @@ def test_snapshot_stands_still(lab_site):
 
 
 def test_check_finds_a_snapshot_that_is_gone(lab_site):
-    """Somebody ends the snapshots behind the agent's back, as an administrator may."""
+    """The snapshots are ended without the agent's knowledge, as an administrator may do."""
     with lab_site.session(incremental=False) as session:
         session.start()
         lab_site.forget_snapshots()
@@ -130,8 +131,8 @@ def test_check_finds_a_snapshot_that_is_gone(lab_site):
 
 
 def test_record_marks_exactly_what_has_changed(lab_site, tmp_path):
-    """The closed CoW file of an incremental marks the units in which the two captures differ, and those that
-    have come into use, no other."""
+    """The CoW file that an incremental backup closes marks exactly the units in which the two captures
+    differ, and those that have come into use."""
     captures = begin_tracking(lab_site, tmp_path)
     for name in BOTH:
         fill_tree(lab_site.mount_point(name), seed=3)
@@ -154,8 +155,8 @@ def test_record_marks_exactly_what_has_changed(lab_site, tmp_path):
 
 
 def test_failed_backup_is_made_good_by_the_next(small_site, tmp_path):
-    """What a failed session has not delivered comes back in the next one, and once that has succeeded, no
-    more."""
+    """The next session reports again what a failed session hasn't delivered; after that one has succeeded, no
+    later one does."""
     captures, marked, counts = [], [], []
     for outcome in ("success", "failure", "failure", "success", "success"):
         with small_site.session(incremental=bool(captures)) as session:
@@ -178,7 +179,7 @@ def test_failed_backup_is_made_good_by_the_next(small_site, tmp_path):
 
 
 def test_failed_first_backup_leaves_no_device(small_site):
-    """A volume that wasn't tracked before a failed backup isn't after it."""
+    """A volume that wasn't tracked before a failed backup isn't tracked after it."""
     with small_site.session(incremental=False) as session:
         session.start()
         with pytest.raises(SessionError, match="No device available"):
@@ -193,7 +194,7 @@ def test_failed_first_backup_leaves_no_device(small_site):
 
 
 def test_tracking_outlives_a_restart(lab_site, tmp_path):
-    """After a restart of the machine the reload scripts give tracking back, and the next session knows what
+    """After a restart of the machine the reload scripts restore tracking, and the next session reports what
     has changed meanwhile."""
     captures = begin_tracking(lab_site, tmp_path)
     scripts = sorted(BASE.glob("reload_*"))
@@ -218,7 +219,7 @@ def test_tracking_outlives_a_restart(lab_site, tmp_path):
 
 
 def test_restart_without_reload(small_site):
-    """A device that nothing has given back is set up anew, and the backup isn't incremental."""
+    """A device that wasn't given back is set up anew, and the backup isn't incremental."""
     small_site.run_session(incremental=False)
     driver.restart()
     started, ended = small_site.run_session()
@@ -228,7 +229,7 @@ def test_restart_without_reload(small_site):
 
 
 def test_no_uuid_twin(lab_site):
-    """A snapshot carries its volume's UUID, but neither udev nor udisks takes it for the volume."""
+    """A snapshot has its volume's UUID, but neither udev nor udisks mistakes it for the volume."""
     with lab_site.session(incremental=False) as session:
         session.start()
         subprocess.run(["udevadm", "trigger", "--settle", "--subsystem-match=block"], check=True)
@@ -241,7 +242,8 @@ def test_no_uuid_twin(lab_site):
 
 
 def test_full_volume(lab_site):
-    """A volume without room for its CoW file stops the session before any snapshot, of the others too."""
+    """If a volume has no room for its CoW file, the session fails before any snapshot is taken, of other
+    volumes too."""
     mount_point = lab_site.mount_point("files")
     with open(mount_point / "ballast", "wb") as file:
         os.posix_fallocate(file.fileno(), 0, free_bytes(mount_point) - COW_MIB * MIB)
@@ -258,7 +260,8 @@ def test_full_volume(lab_site):
 
 
 def free_bytes(path):
-    """With all that earlier tests have deleted, which XFS gives back some time later, or to be frozen."""
+    """The free bytes, including the space of deleted files: XFS frees that some time later, or when it is
+    frozen."""
     for change in ("--freeze", "--unfreeze"):
         subprocess.run(["fsfreeze", change, path], check=True)
     status = os.statvfs(path)
@@ -266,7 +269,7 @@ def free_bytes(path):
 
 
 def test_volume_without_mount_point(site):
-    """It has no room that anybody could use."""
+    """The volume counts as full."""
     with SnapshotSite((EXT4,)) as lab_site:
         subprocess.run(["umount", lab_site.mount_point("data")], check=True)
         text, log = fail_session(lab_site)
@@ -276,7 +279,7 @@ def test_volume_without_mount_point(site):
 
 
 def test_read_only_volume(small_site):
-    """No CoW file can be made on it. Once it can be written again, so can snapshots."""
+    """No CoW file can be made on it. When it is writable again, snapshots work."""
     mount_point = small_site.mount_point("data")
     subprocess.run(["mount", "-o", "remount,ro", mount_point], check=True)
     text, log = fail_session(small_site, incremental=False)
@@ -289,7 +292,7 @@ def test_read_only_volume(small_site):
 
 
 def test_no_room_for_the_capture(small_site):
-    """The driver says so; the volume is as it was."""
+    """The driver reports it; the volume isn't changed."""
     subprocess.run(["mount", "-o", "remount,size=1m", STORE], check=True)
     text, log = fail_session(small_site, incremental=False)
     subprocess.run(["mount", "-o", "remount,size=1g", STORE], check=True)
@@ -301,7 +304,7 @@ def test_no_room_for_the_capture(small_site):
 
 
 def test_no_room_for_the_cow_file(small_site):
-    """The room that was there when it was looked for is gone when the driver wants it."""
+    """The free room was sufficient when it was checked, but is gone when the driver needs it."""
     text, log = fail_session(small_site, incremental=False,
                              trace=("-e", "trace=fallocate", "-e", "inject=fallocate:error=ENOSPC"))
     assert text == "Failed to start snapshot!"
@@ -312,8 +315,8 @@ def test_no_room_for_the_cow_file(small_site):
 
 
 def test_no_room_for_the_history(small_site):
-    """The session ends all the same, and the volume is tracked. A later one that is to roll forward a history
-    which breaks off fails once, and nobody relies on what was recorded until then."""
+    """The session ends nevertheless, and the volume is tracked. A later session that has to merge a truncated
+    history fails once, and what was recorded until then isn't used."""
     mount_point = small_site.mount_point("data")
     with small_site.session(incremental=False) as session:
         session.start()
@@ -334,7 +337,8 @@ def test_no_room_for_the_history(small_site):
 
 
 def test_record_without_history(small_site):
-    """An incremental can't be told from one that is owed changes; a backup of another type mends it."""
+    """Such a backup might be owed changes, so it can't be incremental; a backup of another type repairs
+    it."""
     small_site.run_session(incremental=False)
     (small_site.mount_point("data") / ".tolvu.inc").unlink()
     text, _ = fail_session(small_site)
@@ -346,7 +350,7 @@ def test_record_without_history(small_site):
 
 
 def test_place_of_the_mounts_is_somebody_elses(small_site):
-    """A link that a user has made there is moved aside, and leads no mount anywhere."""
+    """A symbolic link at that path, made by a user, is moved away, and no mount follows it."""
     target = pathlib.Path("/mnt/target")
     target.mkdir()
     MOUNT_ROOT.symlink_to(target)
@@ -359,7 +363,7 @@ def test_place_of_the_mounts_is_somebody_elses(small_site):
 
 
 def test_snapshot_in_use_costs_one_session(small_site):
-    """Somebody who looks into a mounted snapshot keeps it; when he has gone, the next session recovers."""
+    """A process that uses a mounted snapshot keeps it busy; after it has ended, the next session recovers."""
     with small_site.session(incremental=False) as session:
         session.start()
         with open(MOUNT_ROOT / small_site["data"].uuid / ".tolvu", "rb"):
@@ -375,14 +379,14 @@ def test_snapshot_in_use_costs_one_session(small_site):
 SYSTEM_CALLS = ("ioctl", "rename", "mount", "fsconfig", "move_mount", "umount2", "mknodat", "unlink",
                 "unlinkat", "fallocate", "fsync", "fdatasync", "ftruncate", "mkdir", "chmod", "rmdir", "sync",
                 "pwrite64", "flock")
-MOST_KILLS = 5 # of one kind of call
+MOST_KILLS = 5 # for each kind of call
 
 
 TRACE = f"trace=?{',?'.join(SYSTEM_CALLS)}"
 
 
 def count_calls(site, path, incremental):
-    """How often each of the system calls is made in a session."""
+    """The number of calls that a session makes of each system call."""
     with site.session(incremental=incremental) as session:
         session.trace("-e", TRACE, output=path)
         session.start()
@@ -392,7 +396,7 @@ def count_calls(site, path, incremental):
 
 
 def moments(total):
-    """Some of the numbers from 1 to `total`, the first and the last among them."""
+    """Some of the numbers from 1 to `total`, including the first and the last."""
     if total <= MOST_KILLS:
         return list(range(1, total + 1))
     return sorted({1 + number * (total - 1) // (MOST_KILLS - 1) for number in range(MOST_KILLS)})
@@ -400,8 +404,8 @@ def moments(total):
 
 @pytest.mark.parametrize("is_first", [True, False])
 def test_killed_at_each_step(small_site, tmp_path, is_first):
-    """kill -9 before any of the important system calls of a session: the volume can be written within a
-    second, the next sessions work, at most one of them failing, and nothing is left behind."""
+    """kill -9 before any of the important system calls of a session: the volume is writable again within a
+    second, at most one of the next sessions fails, and nothing is left behind."""
     if not is_first:
         small_site.run_session(incremental=False)
     counts = count_calls(small_site, tmp_path / "calls", incremental=not is_first)
@@ -420,7 +424,7 @@ def test_killed_at_each_step(small_site, tmp_path, is_first):
 
 
 def kill_session(site, injection, incremental):
-    """Runs a session in which a system call kills."""
+    """Runs a session that is killed at a system call."""
     with site.session(incremental=incremental) as session:
         session.trace("-e", TRACE, "-e", injection)
         for command in ("start", "end success"):
@@ -428,4 +432,4 @@ def kill_session(site, injection, incremental):
                 if session.run(command) is None:
                     break
             except SessionError:
-                break # what was killed was the driver's helper: an ordinary failure
+                break # the driver's helper was killed: an ordinary failure

@@ -1,4 +1,4 @@
-"""The stand-in snapshot driver on real volumes: what it promises its callers."""
+"""The stand-in snapshot driver on real volumes: its promises to its callers."""
 import concurrent.futures
 import contextlib
 import errno
@@ -32,7 +32,7 @@ captures = pytest.mark.captures
 
 @pytest.fixture(autouse=True)
 def fresh_driver(site):
-    """A driver without devices; afterwards nothing may be left of it outside of the volume."""
+    """A driver without devices; after the test nothing of it may be left outside the volume."""
     with started_driver():
         yield
         forget_devices()
@@ -40,7 +40,7 @@ def fresh_driver(site):
 
 
 def small(filesystem):
-    """Sectors of a small volume."""
+    """The size of a small volume in sectors."""
     return kind_of(filesystem).mebibytes * SECTORS
 
 
@@ -75,7 +75,7 @@ def track(volume, minor=0):
 
 
 def restart_machine():
-    """What a restart does to the driver: what is in memory is gone, what is on disk is not."""
+    """Simulates a restart of the machine: the driver's state in memory is lost, that on the disk is kept."""
     shutil.rmtree(STATUS)
     for node in nodes():
         pathlib.Path("/dev", node).unlink()
@@ -94,13 +94,14 @@ def write_tree(volume, seed):
 
 
 def shown():
-    """The devices, by what the driver tells of each of them; of some it tells more."""
+    """The devices in the driver's status, with the fields that each of them has."""
     fields = ("minor", "cow_file", "block_device", "state", "error")
     return [{field: device[field] for field in fields} for device in info()["devices"]]
 
 
 def test_snapshot_shows_the_volume_as_it_was(any_volume, tmp_path):
-    """Every file as it was, nothing of what came after, on a clean file system that nobody can change."""
+    """Every file is as it was, nothing later is visible, the file system is clean, and the snapshot is
+    read-only."""
     write_tree(any_volume, 1)
     before = tree_hashes(any_volume.mount_point)
     take_snapshot(any_volume)
@@ -146,7 +147,8 @@ def test_check_tells_a_snapshot_from_everything_else(volume):
 
 
 def test_status_does_not_wait_for_a_busy_driver(volume):
-    """Who only looks gets what was last shown, and the truth as soon as the driver is free."""
+    """A reader of the status gets the last one that was written, and the current one as soon as the driver is
+    free."""
     take_snapshot(volume)
     (STATUS / "info").write_text("stale")
     with open(STORE / "lock", "rb") as lock:
@@ -172,8 +174,8 @@ def test_cow_file_begins_whole_and_empty(volume):
 
 @pytest.mark.parametrize("filesystem", filesystems.freezable())
 def test_table_marks_what_has_changed(make_volume, filesystem, tmp_path):
-    """Compared with a comparison of our own, on a size that ends within a unit, over several rounds. What has
-    come into use counts, whatever it holds."""
+    """Compared with the test's own comparison, on a size that isn't a multiple of a unit, over several
+    rounds. A unit that comes into use counts as changed, whatever its content."""
     volume = make_volume(filesystem, small(filesystem) + 3)
     write_tree(volume, 1)
     take_snapshot(volume)
@@ -195,7 +197,8 @@ def test_table_marks_what_has_changed(make_volume, filesystem, tmp_path):
 
 
 def check_record(volume, record, before, after, closed=".tolvu"):
-    """Of what has changed between two captures. Returns the units that the volume's programs have changed."""
+    """Checks the record of the changes between two captures. Returns the units that the volume's programs
+    have changed."""
     then, now = Moment(before, volume.filesystem), Moment(after, volume.filesystem)
     below = written_below(volume, now)
     volume.place.check_record(set(record.changed_units), marked_units(then, now, closed), below)
@@ -203,14 +206,14 @@ def check_record(volume, record, before, after, closed=".tolvu"):
 
 
 def written_below(volume, moment):
-    """The units that the driver may write to while the snapshot is there, of its own files."""
+    """The units of the driver's own files, which it may write while the snapshot exists."""
     own = in_units(extent for extents in moment.own.values() for extent in extents)
     assert own
     return own if volume.place.keeps_files_below else set()
 
 
 def test_table_covers_the_last_unit(make_volume):
-    """The device's last bytes, fewer than a unit, are compared too."""
+    """The last bytes of the device, fewer than a unit, are compared too."""
     volume = make_volume(sectors=small("ext4") + 3)
     track(volume)
     with open(volume.device, "r+b") as device:
@@ -270,7 +273,7 @@ def test_setup_refuses_what_is_in_use(make_volume):
 
 @contextlib.contextmanager
 def frozen_by_somebody(volume, seconds=10):
-    """Not longer than that, so that who waits for it goes on some day."""
+    """Freezes the volume, for a limited time, so that processes that wait for it don't hang for ever."""
     thaw = ("fsfreeze", "--unfreeze", volume.mount_point)
     run("fsfreeze", "--freeze", volume.mount_point)
     timer = threading.Timer(seconds, subprocess.run, (thaw,), {"check": False})
@@ -284,7 +287,7 @@ def frozen_by_somebody(volume, seconds=10):
 
 @pytest.mark.parametrize("left_over", [None, ".tolvu.era", ".tolvu"])
 def test_setup_does_not_wait_for_who_has_frozen_the_volume(volume, left_over):
-    """Not even where files that nobody needs any more have to give way."""
+    """Not even if old files have to be removed first."""
     if left_over == ".tolvu":
         take_snapshot(volume)
         driver.restart()
@@ -300,7 +303,7 @@ def test_setup_does_not_wait_for_who_has_frozen_the_volume(volume, left_over):
 
 @captures
 def test_setup_refuses_the_volume_of_the_store(volume):
-    """Its captures would wait for the frozen file system that they are written to."""
+    """Writes to the captures would wait for the frozen file system that holds them."""
     (volume.mount_point / "store").mkdir()
     run("mount", "--bind", volume.mount_point / "store", STORE)
     try:
@@ -323,7 +326,7 @@ def test_setup_replaces_a_cow_file_of_nobody(volume):
 
 
 def test_setup_replaces_what_layers_have_left(volume):
-    """Their files are locked, also when the volume is to be captured this time."""
+    """Those files are locked, even if the volume is captured this time."""
     take_snapshot(volume)
     shutil.copy(volume.cow, volume.mount_point / "kept")
     must("destroy", 0)
@@ -371,7 +374,7 @@ def test_mounted_snapshot_stays(volume):
 
 @captures
 def test_reader_of_a_snapshot_keeps_it_to_the_end(volume):
-    """A device that is open when its snapshot ends can be read on, and goes when it is closed."""
+    """If a device is open when its snapshot ends, it can still be read, and goes when it is closed."""
     take_snapshot(volume)
     with open(NODE, "rb") as reader:
         must("destroy", 0)
@@ -388,7 +391,7 @@ def test_reconfigure_keeps_the_cache_size(volume):
 
 
 def test_tracking_goes_on_after_a_restart(volume, tmp_path):
-    """By the volume's UUID, as the agent's scripts name it, under another minor; no change gets lost."""
+    """The volume is named by its UUID, as in the agent's scripts, with another minor; no change gets lost."""
     write_tree(volume, 1)
     take_snapshot(volume)
     before = keep(NODE, tmp_path / "before")
@@ -442,7 +445,7 @@ def test_reload_refuses_what_does_not_fit(make_volume):
 
 
 def test_new_setup_ends_what_is_asleep(volume):
-    """Of the same volume: nobody could give it back any more."""
+    """A sleeping device of the same volume ends: nobody could give it back any more."""
     track(volume)
     restart_machine()
     take_snapshot(volume)
@@ -488,7 +491,7 @@ def test_log_tells_how_long_the_volume_stood_still(volume, system_log):
 
 
 def test_callers_take_turns(make_volume):
-    """Processes that work on volumes of their own at the same time don't disturb each other."""
+    """Processes that work on different volumes at the same time don't disturb each other."""
     volumes = [make_volume(name=f"volume{number}", sectors=16 * 2048) for number in range(3)]
 
     def cycle(minor):
@@ -511,7 +514,7 @@ BROKEN_STATES = ["", "{", "null", "[]", "\xff\xfe", "[" * 100_000, "{\"format\":
 
 
 def test_broken_state_loses_the_devices_only(volume):
-    """The driver starts anew, and what it doesn't know any more is gone from the machine."""
+    """The driver starts without devices, and removes from the machine what it doesn't know any more."""
     for text in BROKEN_STATES:
         take_snapshot(volume)
         (STORE / "state.json").write_text(text, encoding="latin-1")
@@ -531,11 +534,11 @@ def test_device_without_its_capture_is_gone(volume):
 
 @captures
 def test_snapshot_has_no_twin(volume):
-    """udev, with the driver's rule, gives the snapshot none of the names of its volume."""
+    """With the driver's rule, udev gives the snapshot none of the links of its volume."""
     rule = pathlib.Path("/run/udev/rules.d/59-tolvubd.rules")
     rule.parent.mkdir(parents=True, exist_ok=True)
     shutil.copy(ROOT / "platform/tolvubd" / rule.name, rule)
-    if os.path.ismount("/run/udev"): # a machine's own udev looks for new rules only each few seconds
+    if os.path.ismount("/run/udev"): # a machine's own udev checks for new rules only every few seconds
         run("udevadm", "control", "--reload")
     take_snapshot(volume)
     number = NODE.stat().st_rdev

@@ -1,7 +1,7 @@
-"""Attacks on the server of the second transport by those it has let in: holders of one image's secret.
+"""Attacks on the server of the second transport by admitted clients: holders of one image's secret.
 
-They may do with that image what they like, within its size. Nothing else may change, and the server has to go
-on. What became of the attacks is told beside the programs, in attacks-zephane-stream.txt.
+They may do anything with that image, within its size. Nothing else may change, and the server must continue.
+The outcomes are written to attacks-zephane-stream.txt beside the programs.
 """
 import concurrent.futures
 import contextlib
@@ -26,27 +26,28 @@ SESSIONS = 300
 
 
 def write_request(data, offset=PLACE):
-    """As its frame goes over an uncompressed stream."""
+    """A write request in a frame, for an uncompressed stream."""
     head = struct.pack(">IHH8sQI", nbd.REQUEST, 0, nbd.WRITE, b"attacker", offset, len(data))
     return wire.frames(wire.NBD, head + data)
 
 
 def end_sending(attacker):
-    """The client's half is over; waits for the server's."""
+    """Shuts down the client's side; waits for the server's."""
     attacker.connection.socket.shutdown(socket.SHUT_WR)
     assert attacker.is_ended(ENDED_SECONDS)
 
 
 def elsewhere(content):
-    """An image, but for what the attacks write to."""
+    """The content of an image without the range that the attacks write to."""
     return content[:PLACE] + content[PLACE + LENGTH:]
 
 
-# Streams that are broken on their way.
+# Streams that are damaged on their way.
 
 @pytest.mark.parametrize("flags, heads", [(PLAIN, 4), (COMPRESSED, 7)], ids=["plain", "compressed"])
 def test_flipped_heads_change_nothing_else(scene, attacks, flags, heads):
-    """Each bit of the heads of a block and of a frame, behind a write that has been acknowledged."""
+    """Each bit of the headers of a zstd block and of a frame is flipped, after a write that has been
+    acknowledged."""
     tries = 0
     for byte in range(heads):
         for bit in range(8):
@@ -68,7 +69,7 @@ def test_flipped_heads_change_nothing_else(scene, attacks, flags, heads):
 
 
 def test_flipped_beginnings_of_a_stream_change_nothing(scene, attacks):
-    """Each bit of the first bytes of a compressed stream, up to the first of NBD."""
+    """Each bit of the first bytes of a compressed stream is flipped, up to the beginning of NBD."""
     tries = 0
     for byte in range(13):
         for bit in range(8):
@@ -103,7 +104,7 @@ def test_writes_that_are_cut_short_are_not_done(scene, attacks, flags):
 # zstd.
 
 def odd_streams():
-    """What no Compressor makes."""
+    """Streams that no Compressor makes."""
     good = zstd.stream_head()
     frame = wire.frames(wire.NBD, struct.pack(">I", 3))
     for window in (24, 27, 30, 31):
@@ -133,7 +134,7 @@ def test_streams_that_are_not_ours_end_the_session(scene, attacks):
 
 
 def test_bomb_of_writes_takes_no_memory(scene, attacks):
-    """A gibibyte of zeros in 40 KB, which is what the image is written over with, many times."""
+    """A GiB of zeros, compressed to 40 KB, overwrites the image many times."""
     head = struct.pack(">IHH8sQI", nbd.REQUEST, 0, nbd.WRITE, b"attacker", 0, SIZE)
     piece = zstd.plain(wire.frame(wire.NBD, b"", wire.FRAME_LIMIT)) + zstd.repeated(0, wire.FRAME_LIMIT)
     bomb = zstd.plain(wire.frames(wire.NBD, head)) + piece * (SIZE // wire.FRAME_LIMIT)
@@ -152,7 +153,7 @@ def test_bomb_of_writes_takes_no_memory(scene, attacks):
 
 
 def test_blocks_of_nothing_keep_nobody_out(scene, attacks):
-    """They cost the server time and give it nothing to do; others go on meanwhile."""
+    """They cost the server time without any data; other clients continue meanwhile."""
     nothing = zstd.block_head(zstd.RAW, 0) * 100_000
     with scene.owner_at_stream(flags=COMPRESSED) as attacker:
         attacker.connection.send(zstd.stream_head())
@@ -169,7 +170,7 @@ def test_blocks_of_nothing_keep_nobody_out(scene, attacks):
 # Frames.
 
 def odd_frames():
-    """(name, bytes) of what no client sends."""
+    """(name, bytes) of frames that no client sends."""
     for kind in (wire.DIGEST_ANSWER, 3, 4, 127, 128, 255):
         yield f"of kind {kind}", wire.frame(kind, b"0123456789ab")
     for length in (0, wire.FRAME_LIMIT + 1, 0xFFFFFF):
@@ -227,7 +228,7 @@ def test_two_digest_requests_at_once_end_the_session(scene, attacks):
 # NBD.
 
 def size_of_export(scene, ask):
-    """What a client gets to see that asks for an export in some way: a size, or None."""
+    """The size that a client gets when it asks for an export with `ask`, or None."""
     with scene.owner_at_stream(flags=PLAIN) as attacker:
         image = nbd.NbdClient(attacker.stream).greet()
         with contextlib.suppress(NbdRefusal, ConnectionError):
@@ -312,7 +313,7 @@ def test_who_may_only_read_changes_nothing(scene, attacks, flags):
     scene.check_standing()
 
 
-# Several at once.
+# Several clients at once.
 
 def code_of(attacker):
     with attacker:
@@ -327,7 +328,7 @@ def test_one_writer_at_a_time(scene, attacks):
         assert code_of(scene.attacker(scene.other)) == 0
         image.write(PLACE, scene.content()[PLACE:PLACE + LENGTH])
     with scene.owner():
-        pass # the one before has gone without a word
+        pass # the previous one has closed without a TLS notification
     scene.check_standing()
     attacks.note("a second writer", f"refused, {wire.BUSY}")
 
@@ -343,7 +344,7 @@ def test_only_who_holds_the_secret_learns_of_a_writer(scene, attacks):
 
 
 def test_sessions_of_one_image_keep_nobody_out_of_another(scene, attacks):
-    """More of them than the server has in all."""
+    """There are more sessions than the server allows in all."""
     with contextlib.ExitStack() as many:
         codes = [many.enter_context(scene.attacker(flags=0)).shake_hands().code for _ in range(SESSIONS)]
         assert codes[0] == 0

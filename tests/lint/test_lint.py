@@ -1,4 +1,5 @@
-"""Each rule of scripts/lint is on: a small tree that breaks it alone is refused, with file and line."""
+"""Each rule of scripts/lint is active: a small tree that breaks only that rule is refused, with file and
+line."""
 
 import json
 import re
@@ -90,7 +91,7 @@ BROKEN = [
     ("leftovers", "src/common/Assign.cpp", "// const int count = 1;\n", 1),
     ("leftovers", "src/common/Branch.cpp", "// if (count > 1) {\n", 1),
     ("leftovers", "src/common/Return.cpp", "// return count;\n", 1),
-    # What the rule has to refuse: contents of the trees that it is tried on, no tests of this one.
+    # What the rule has to refuse: contents of the trees that it is tried on, not tests of this file.
     ("leftovers", "tests/unit/Off.cpp",
      "TEST(Thing, DISABLED_Off) {\n    EXPECT_TRUE(a());\n}\n", 1), # bait for the lint, never run
     ("leftovers", "tests/unit/Skip.cpp",
@@ -116,6 +117,9 @@ BROKEN = [
     ("resources", "src/common/Close.cpp", "void gone(int it) {\n    ::close(it);\n}\n", 2),
     ("resources", "src/common/Goto.cpp", "void loop() {\nagain:\n    goto again;\n}\n", 3),
     ("resources", "src/common/Mute.cpp", "void gone(int* it) {\n    delete it; // NOLINT(resources)\n}\n", 2),
+    ("logging", "src/common/Said.cpp",
+     'void say() {\n    logger.log(level::info, reason("said"),\n               "all "\n'
+     '               "of it");\n}\n', 2),
     ("shell", "lab/broken.sh", "if true; then\n", 2),
     ("shell", "lab/unquoted.sh", "rm -f $1\n", 1),
     ("executables", "scripts/plain", "#!/bin/sh\ntrue\n", 1),
@@ -132,7 +136,7 @@ BROKEN = [
     ("markdown", "docs/images.md", "![three](../src/common/Thing.h) ![four](four.png)\n", 1),
 ]
 
-# What stands close to a rule and doesn't break it.
+# Texts that almost break a rule.
 HARMLESS = [
     ("src/os/FileDescriptor.cpp", "void gone(int it) {\n    ::close(it);\n}\n"),
     ("src/common/Owner.cpp", "void gone(int* it) {\n    delete it; // NOLINT(resources): C made it\n}\n"),
@@ -151,6 +155,7 @@ HARMLESS = [
     ("tests/test_helper.py", "from thing import wait_until_up\n\n\ndef test_it():\n    wait_until_up()\n"),
     ("scripts/prose.py", "# A value: what it is (see above);\n# return value\n# for example:\nA = 1\n"),
     ("scripts/address.py", f'A = "https://example.org/{LONG_TEXT}{LONG_TEXT}"\n'),
+    ("src/common/Saying.cpp", 'void say() {\n    logger.log(level::info, "%d", 1);\n}\n'),
     ("docs/code.md", "```\n[a](b.md)\n```\nand `[c](d.md)`\n"),
 ]
 
@@ -194,7 +199,7 @@ def tree(tmp_path):
 
 @pytest.fixture(scope="module")
 def found(tmp_path_factory):
-    """What is found in the file of each of BROKEN. They share trees as far as their names allow."""
+    """The findings in the file of each entry of BROKEN. They share trees as far as their file names allow."""
     found_in = {}
     waiting = BROKEN
     while waiting:
@@ -267,7 +272,7 @@ def test_format_lists_and_mends_what_differs(tree):
 
 @pytest.mark.parametrize("rule, tool", [("format", "clang-format-19"), ("shell", "shellcheck")])
 def test_a_tool_that_is_missing_passes_nothing(tree, rule, tool):
-    """Least of all is another release of it taken in its place."""
+    """Another release of the tool isn't accepted either."""
     programs = tree / "programs"
     programs.mkdir()
     for name in ("git", "bash", "python3"):
@@ -346,6 +351,10 @@ def test_tidy_refuses_functions_of_more_than_sixty_lines(tidy):
     ("clang-diagnostic-error", 1, "int broken() { return missing; }\n"),
     ("bugprone-unused-return-value", 4,
      "#include <unistd.h>\n\nvoid skip(int file, char* byte) {\n    read(file, byte, 1);\n}\n"),
+    ("clang-diagnostic-thread-safety-analysis", 9,
+     "struct __attribute__((capability(\"mutex\"))) Mutex {};\n\nstruct Count {\n    Mutex mutex;\n"
+     "    int value __attribute__((guarded_by(mutex))) = 0;\n};\n\nint valueOf(const Count& count) {\n"
+     "    return count.value;\n}\n"),
     ("cppcoreguidelines-avoid-non-const-global-variables", 1, "int counter = 0;\n"),
     ("cppcoreguidelines-pro-type-reinterpret-cast", 2,
      "int read(const char* text) {\n    return *reinterpret_cast<const int*>(text);\n}\n"),
@@ -365,7 +374,7 @@ def test_tidy_refuses_functions_of_more_than_sixty_lines(tidy):
      "int zero() {\n    const int* nothing = nullptr;\n    return *nothing;\n}\n"),
 ])
 def test_tidy_check_is_on(tidy, check, line, text):
-    """Beside other sources, too, which clang-tidy is shown together with it."""
+    """Even if clang-tidy checks other sources in the same run."""
     tidy.write(src__A_cpp="int one() {\n    return 1;\n}\n", src__B_cpp=text,
                src__C_cpp="int three() {\n    return 3;\n}\n")
     findings = tidy.findings()
@@ -491,4 +500,4 @@ def test_tidy_checks_what_has_changed_and_with_all_everything(tidy):
     assert tidy.findings() == [("src/B.h", 3, "readability-identifier-naming")]
     assert {path for path, _, _ in tidy.findings("--all")} == {"src/A.cpp", "src/B.h"}
     tidy.write(src__B_h="#pragma once\n", src__D_h="#pragma once\n")
-    assert tidy.findings() == [("src/C.cpp", 3, "clang-diagnostic-error")] # D.cpp is well
+    assert tidy.findings() == [("src/C.cpp", 3, "clang-diagnostic-error")] # D.cpp has no findings

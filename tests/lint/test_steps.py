@@ -1,4 +1,4 @@
-"""How scripts/test runs its steps side by side, counts tests and says how far it is."""
+"""How scripts/test runs its steps in parallel, counts tests and shows its progress."""
 
 import io
 import os
@@ -42,7 +42,7 @@ class Terminal(io.StringIO):
 
 @pytest.fixture
 def run(tmp_path):
-    """run(LANE...) returns whether all was well, and what was printed."""
+    """run(LANE...) returns whether all steps succeeded, and the output."""
     def run_lanes(*lanes, output=None, **options):
         output = output or io.StringIO()
         display = Display(sum(len(chain) for lane in lanes for chain in lane), output, **options)
@@ -160,7 +160,8 @@ def test_a_run_that_is_ended_leaves_nothing_running(tmp_path):
 
 
 def is_running(number, deadline):
-    """Whether a process stays until the deadline; the machine's first process may take a while to reap it."""
+    """Whether a process still runs at the deadline; the machine's first process may take a while to reap
+    it."""
     while time.monotonic() < deadline:
         try:
             os.kill(number, 0)

@@ -1,4 +1,5 @@
-"""A machine with a tracked volume that may lose its power at any moment, and what must be true afterwards."""
+"""A machine with a tracked volume that may lose power at any moment, and checks of what must be true
+afterwards."""
 import contextlib
 import json
 import pathlib
@@ -15,7 +16,7 @@ INSIDE = pathlib.Path(__file__).with_name("inside")
 FIGURES = BUILD / "cuts.txt"
 UNIT = 4096
 PIECE = 1 << 20
-MEBIBYTES = 208         # of the volume: a new CoW file is made beside two old ones; XFS needs 300 of them
+MEBIBYTES = 208         # of the volume: a new CoW file must fit beside two old ones; XFS needs 300 MiB
 XFS_MEBIBYTES = 320
 COW_MEBIBYTES = 40
 KEPT = 16               # as in inside/busy.py
@@ -28,7 +29,7 @@ UNITS = ("tolvubd-close.service", "tolvubd-start.service")
 
 
 def install(machine):
-    """Puts the driver where a package of it would."""
+    """Installs the driver where a package would put it."""
     system = "/lib/systemd"
     machine.run(f"install {BUILD}/tolvuctl /usr/bin/ && install -m 644 {PARTS}/59-tolvubd.rules "
                 f"/lib/udev/rules.d/ && cd {PARTS}/packaging && install systemd-shutdown/tolvubd "
@@ -37,7 +38,7 @@ def install(machine):
 
 
 class Figures:
-    """What came of many cuts."""
+    """The totals of many power cuts."""
 
     def __init__(self, title):
         self.title = title
@@ -60,8 +61,8 @@ class Figures:
 
 
 class TrackedVolume(Stay):
-    """A logical volume on the machine's first disk, with a program that writes to it. Pictures of its
-    snapshots go to the second disk, where they can be read from here, whatever becomes of the machine."""
+    """A logical volume on the machine's first disk, with a program that writes to it. Copies ("pictures") of
+    its snapshots go to the second disk, where the host can read them even if the machine fails."""
 
     def __init__(self, machine, kind):
         super().__init__()
@@ -83,7 +84,7 @@ class TrackedVolume(Stay):
         self.machine.run(f"vgcreate -qy lab {disk} && lvcreate -qy -n data -L {self.mebibytes}m lab && "
                          f"mkfs.{self.kind} -q {options} {DEVICE}")
         lasting.callback(self.forget)
-        lasting.callback(self.figures.keep) # of what there was, also when it was broken off
+        lasting.callback(self.figures.keep) # kept even if the test was broken off
         self.mount()
         self.set_up()
 
@@ -100,7 +101,7 @@ class TrackedVolume(Stay):
                                            "/usr/bin/python3", INSIDE / "look.py", *words).stdout)
 
     def call(self, function, *arguments):
-        """Whether it succeeded."""
+        """Calls a function of the driver; returns whether it succeeded."""
         return self.machine.run(*self.command(function, *arguments), check=False).returncode == 0
 
     @staticmethod
@@ -112,7 +113,7 @@ class TrackedVolume(Stay):
         assert done.returncode == 0, f"{function}: {done.stdout}{done.stderr}{self.facts()}"
 
     def facts(self):
-        """What may tell why a call of the driver has failed."""
+        """Facts that may explain why a call of the driver has failed."""
         return self.machine.run(f"df -B1M {MOUNT}; ls -la {MOUNT}/.tolvu*; dmsetup status; "
                                 "journalctl -qb -n 40 -o cat | grep -v vector", check=False).stdout
 
@@ -120,7 +121,7 @@ class TrackedVolume(Stay):
         self.machine.run(f"for i in $(seq 100); do test -b {DEVICE} && break; sleep 0.1; done; "
                          f"udevadm settle; timeout 60 mount {DEVICE} {MOUNT}")
 
-    # The program that writes.
+    # The writing program.
 
     def start_writer(self):
         self._writer = self.machine.begin("/usr/bin/python3", "-B", INSIDE / "busy.py", MOUNT,
@@ -128,7 +129,8 @@ class TrackedVolume(Stay):
         self._first_kept = self._last = int(self._writer.stdout.readline())
 
     def stop_writer(self):
-        """What it has printed, it has done. It ends here, or has ended with the machine."""
+        """Ends the program, unless it has ended with the machine, and notes what it printed: whatever it
+        printed, it had done."""
         if self._writer is None:
             return
         said = self._writer.communicate(timeout=30)[0].split()
@@ -138,15 +140,15 @@ class TrackedVolume(Stay):
         self._writer = None
 
     def check_files(self):
-        """None of those that had been brought to the disk is lost. The program may have been about to remove
-        the first of them."""
+        """Checks that no file that had reached the disk is lost. The program may have been about to remove
+        the oldest files."""
         first = max(self._first_kept, self._last - KEPT + 3)
         assert self.look("files", MOUNT, first, self._last) == []
 
     # Pictures and records.
 
     def set_up(self):
-        """A first snapshot, and its picture."""
+        """Takes the first snapshot, and a picture of it."""
         self.must("setup_snapshot", 0, DEVICE, f"{MOUNT}/{NAMES[0]}", COW_MEBIBYTES)
         self.begin()
 
@@ -179,7 +181,7 @@ class TrackedVolume(Stay):
         return found
 
     def own_units(self):
-        """Where the driver's own files lie, which nobody copies."""
+        """The units of the driver's own files, which no backup copies."""
         return {unit for begin, length in self.look("own", DEVICE, self.kind, MOUNT)
                 for unit in range(begin // UNIT, -(-(begin + length) // UNIT))}
 
@@ -191,7 +193,7 @@ class TrackedVolume(Stay):
         return {unit for unit, word in enumerate(words) if word}
 
     def check_record(self):
-        """The next snapshot's record tells all that has changed since the last picture."""
+        """Checks that the next snapshot's record has all units that have changed since the last picture."""
         self.must("transition_snapshot", 0, f"{MOUNT}/{self.files[1]}", COW_MEBIBYTES)
         self.compare_record()
 
@@ -209,13 +211,14 @@ class TrackedVolume(Stay):
     # Rounds.
 
     def state(self):
-        """Of the device; none if there is none. An error is none either."""
+        """The state of the device; None if there is none, or if it has an error."""
         found = [device for device in self.look("devices") if device["minor"] == 0]
         return found[0]["state"] if found and found[0]["error"] == 0 else None
 
     def come_back(self):
-        """After a power cut: the volume is there, nothing that was brought to the disk is lost, and a device
-        is given back that can be trusted, or none."""
+        """Starts the machine after a power cut, and checks that the volume is there, that no data that had
+        reached the disk is lost, and that the driver gives back either a device that can be trusted or
+        none."""
         self.stop_writer()
         self.machine.start()
         begin = time.monotonic()
@@ -236,11 +239,11 @@ class TrackedVolume(Stay):
         is_snapshot = self.state() == SNAPSHOT
         if is_snapshot and not self.has_picture:
             self.begin()
-        elif is_snapshot and name == self.files[1]: # the call had done its work when the power went
+        elif is_snapshot and name == self.files[1]: # the call had completed when the power was cut
             self.compare_record()
 
     def given_back(self):
-        """The CoW file of the device that the driver has given back; none if it has none."""
+        """The CoW file of the device that the driver has given back, or None."""
         for name in self.files:
             for function in ("reload_incremental", "reload_snapshot"):
                 if self.call(function, 0, DEVICE, f"/{name}"):
@@ -252,12 +255,12 @@ class TrackedVolume(Stay):
         self.has_picture = False
 
     def start_anew(self):
-        """As the agent does that has to compare everything."""
+        """Tracks the volume anew, as the agent does when it has to compare everything."""
         self.destroy()
         self.set_up()
 
     def prove(self):
-        """The next record is right, whatever has been before, while the program writes."""
+        """Checks that the next record is right, whatever happened before, while the program writes."""
         self.start_writer()
         if self.state() == SNAPSHOT:
             self.check_snapshot()
@@ -266,7 +269,7 @@ class TrackedVolume(Stay):
         self.check_record()
 
     def check_snapshot(self):
-        """It still shows its moment."""
+        """Checks that the snapshot still shows its moment."""
         self.copy_snapshot(2)
         wrong = self.differing(self._slot, 2) - self._own - self.own_units()
         assert not wrong, f"{len(wrong)} units of the snapshot aren't those of its moment"
@@ -274,7 +277,7 @@ class TrackedVolume(Stay):
 
 @contextlib.contextmanager
 def stopped_at(volume, step, function, *arguments):
-    """A call of the driver that stands still before one of its steps."""
+    """A call of the driver that is held before one of its steps."""
     name, number = step
     process = volume.machine.begin("strace", "-f", "-o", "/dev/null", "-e", f"trace={name}",
                                    "-e", f"inject={name}:delay_enter=60000000:when={number}",

@@ -1,5 +1,5 @@
-"""docs/restore.md: a server that has lost its disk comes back, on a machine of user-mode Linux. That has
-neither firmware nor boot loader; all else is as the page says."""
+"""docs/restore.md: a server that has lost its disk is restored, on a machine of user-mode Linux. That has
+neither firmware nor boot loader; everything else is as on the page."""
 import pytest
 
 from lab.virtual.server import UmlServer

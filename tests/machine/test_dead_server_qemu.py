@@ -1,5 +1,5 @@
-"""docs/restore.md: a server that has lost its disk comes back from a boot loader on, by a BIOS and by a UEFI,
-on Debian's own kernel and on a larger disk."""
+"""docs/restore.md: a server that has lost its disk is restored, including its boot loader, with BIOS and with
+UEFI, with Debian's own kernel and on a larger disk."""
 import pytest
 
 from lab.virtual import images
@@ -17,7 +17,7 @@ class TestDeadServerWithItsBootLoader(Scenario):
     LARGER = True
 
     def make(self, new_machine):
-        """On user-mode Linux, which takes a tenth of the time; then the disks move."""
+        """Made on user-mode Linux, which takes a tenth of the time; then the disks are moved."""
         made = Server(new_machine(UmlServer, disks=(DISK, KEPT), source=images.get(QemuServer.kind).root))
         made.make(source="/dev/ubdd", line=kernel_line())
         made.machine.stop()
@@ -34,7 +34,7 @@ class TestDeadServerWithItsBootLoader(Scenario):
         assert server.page() == "the page of the server\n"
 
     def test_an_esp_without_an_image_is_made_anew(self, server):
-        """By the rescue system, which the UEFI has started too."""
+        """Made by the rescue system, which UEFI has booted too."""
         server.start_rescue()
         server.machine.run("cp -a /kept/layout /root/ && vgchange --quiet --activate y server && "
                            "wipefs --quiet --all /dev/sda2")

@@ -1,5 +1,5 @@
-"""A tracked volume whose machine loses its power at random moments while programs write: the next backup gets
-all that has changed."""
+"""A tracked volume whose machine loses power at random moments while programs write: the next backup gets all
+changes."""
 import os
 import random
 import time
@@ -21,7 +21,8 @@ def machine(new_machine):
 
 
 def cut_at_random(volume, number, chosen):
-    """Every second time while there is a snapshot; else while it is only tracked."""
+    """Cuts the power: every second time while there is a snapshot, otherwise while the volume is only
+    tracked."""
     volume.start_writer()
     if number % 2:
         volume.must("transition_incremental", 0)
@@ -50,6 +51,6 @@ def test_a_cut_while_there_is_a_snapshot(running_machine):
 @pytest.mark.nightly
 @pytest.mark.parametrize("kind", ("ext4", "xfs"))
 def test_many_cuts_at_random_moments(running_machine, kind):
-    """Every one of them was the machine's first start since the last one, so the tracking has lasted."""
+    """Tracking survives every cut, each of which is followed by one start of the machine."""
     figures = cut_many_times(running_machine, kind, MANY_CUTS)
     assert (figures.kept, figures.missed) == (MANY_CUTS, 0)

@@ -30,7 +30,7 @@ using restore::pageBytes;
 using Clock = std::chrono::steady_clock;
 using Kind = restore::ImageAddress::Kind;
 
-/// A backup waits for so long, and longer, before it gives up.
+/// Limit for one audit. A backup waits longer than this for an audit to end before it gives up.
 constexpr std::chrono::seconds longestSession{600};
 
 std::string canonical(const std::string& path) {
@@ -54,7 +54,7 @@ std::shared_ptr<BackupableVolume> findVolume(agent::info::Logger& logger, const 
     return found.front();
 }
 
-/// Connections that can be had without asking anybody for the secret twice.
+/// The number of connections that can be opened without asking for the secret more than once.
 std::size_t laneCount(const restore::ImageAddress& address, const restore::SecretSource& secret) {
     constexpr std::size_t local = 8;
     constexpr std::size_t remote = 4;
@@ -63,7 +63,7 @@ std::size_t laneCount(const restore::ImageAddress& address, const restore::Secre
     }
     const bool isAsked =
         address.wantsSecret() && !secret.file && std::getenv(restore::secretVariable) == nullptr;
-    return address.kind == Kind::zephane || isAsked ? 1 : remote; // zephaned has but a few sessions an image
+    return address.kind == Kind::zephane || isAsked ? 1 : remote; // zephaned allows few sessions per image
 }
 
 std::vector<Lane> openLanes(agent::info::Logger& logger, const Request& request) {
@@ -120,6 +120,8 @@ public:
     }
 
 private:
+    /// Builds the same layers as a backup of this snapshot. Throws if a backup couldn't leave out unused
+    /// blocks.
     Strata strataOf(const Session& session, agent::core::backup::VolumeReader& reader) {
         const agent::core::block::BlockRangeProviderFactory factory(logger, volume);
         auto map =
@@ -162,8 +164,8 @@ private:
         return places;
     }
 
-    /// What is in use to the kernel and unused to the agent would be missing in the image. Where the kernel
-    /// doesn't tell of free space, the files are asked.
+    /// A block that the kernel counts as used and the agent as unused would be missing in the image. If the
+    /// kernel doesn't report free space, the extents of the files decide.
     void lookAtUnused(const Session& session, agent::core::backup::VolumeReader& reader,
                       const std::vector<std::uint64_t>& pages, Result& result) {
         const auto begin = Clock::now();
@@ -206,8 +208,8 @@ private:
         return pages.empty() || root.empty() ? owners : findOwners(root, pages, interrupt);
     }
 
-    /// What has not changed since the last backup has to be in the image as it is. Space that was set aside
-    /// for a file and never written comes into use without a write: its content is nobody's.
+    /// A block that has not changed since the last backup must be equal in the image. Unwritten extents are
+    /// excepted: preallocation makes their blocks used without a write, so their content doesn't matter.
     void compareUnchanged(const Session& session, const std::vector<std::uint64_t>& pages, Result& result) {
         const auto begin = Clock::now();
         Findings& findings = result.findings.at(indexOf(Stratum::unchanged));
@@ -241,7 +243,7 @@ private:
         progress.show(what, done * pageBytes, all * pageBytes);
     }
 
-    /// A snapshot that somebody has open can't be ended.
+    /// A snapshot can't be ended while a descriptor of it is open.
     void closeSnapshot() {
         for (Lane& lane : lanes) {
             lane.snapshot.reset();
@@ -266,7 +268,7 @@ double Findings::bound(double confidence) const {
     return upperBound(bad, sampled, confidence);
 }
 
-/// The doubt is shared out among the strata, so that their bounds hold together.
+/// Each stratum gets an equal part of the error probability, so that all bounds hold together.
 double Result::bound(double confidence) const {
     const auto isKnown = [](const Findings& each) { return each.notLookedAt.empty() && each.population > 0; };
     const auto count = static_cast<double>(std::ranges::count_if(findings, isKnown));

@@ -6,13 +6,13 @@ namespace audit {
 
 namespace {
 
-/// Away from 0, by which is divided.
+/// Keeps a divisor away from 0.
 double kept(double value) {
     constexpr double smallest = 1e-300;
     return std::abs(value) < smallest ? smallest : value;
 }
 
-/// By the method of Lentz; it converges fast below the mean.
+/// Evaluates the fraction by Lentz's method, which converges fast below the mean.
 double continuedFraction(double a, double b, double x) {
     constexpr int mostTerms = 100000;
     constexpr double accuracy = 1e-15;

@@ -1,13 +1,13 @@
 #include "Comparison.h"
 
 #include "os/AlignedBuffer.h"
+#include "os/Mutex.h"
 #include "tools/restore/Pieces.h"
 
 #include <algorithm>
 #include <cstring>
 #include <exception>
 #include <future>
-#include <mutex>
 
 namespace audit {
 
@@ -31,7 +31,7 @@ std::vector<Piece> piecesOf(const std::vector<std::uint64_t>& pages) {
     return pieces;
 }
 
-/// The work of all lanes, each of which takes the next piece when it is done with one.
+/// The work that all lanes share. Each lane takes the next piece when it has finished one.
 class Work {
 public:
     Work(std::vector<Piece> pieces, const Interrupt& interrupt,
@@ -49,20 +49,21 @@ public:
                 note(*piece, one.data(), other.data());
             }
         } catch (...) {
-            const std::lock_guard lock(mutex);
-            position = pieces.size(); // the others need not go on
+            const os::Lock lock(mutex);
+            position = pieces.size(); // the other lanes can stop
             throw;
         }
     }
 
     std::vector<std::uint64_t> differing() {
+        const os::Lock lock(mutex);
         std::ranges::sort(found);
         return std::move(found);
     }
 
 private:
     const Piece* next() {
-        const std::lock_guard lock(mutex);
+        const os::Lock lock(mutex);
         return position < pieces.size() ? &pieces[position++] : nullptr;
     }
 
@@ -76,7 +77,7 @@ private:
                 }
             }
         }
-        const std::lock_guard lock(mutex);
+        const os::Lock lock(mutex);
         found.insert(found.end(), different.begin(), different.end());
         done += piece.used() / pageBytes;
         progress(done);
@@ -85,10 +86,10 @@ private:
     const std::vector<Piece> pieces;
     const Interrupt& interrupt;
     const std::function<void(std::uint64_t done)>& progress;
-    std::mutex mutex;
-    std::size_t position = 0;         // the piece that is next; guarded by the mutex, as is what follows
-    std::uint64_t done = 0;           // pages
-    std::vector<std::uint64_t> found; // pages
+    os::Mutex mutex;
+    std::size_t position GUARDED_BY(mutex) = 0;         // index of the next piece
+    std::uint64_t done GUARDED_BY(mutex) = 0;           // pages
+    std::vector<std::uint64_t> found GUARDED_BY(mutex); // pages
 };
 
 } // namespace

@@ -20,10 +20,10 @@ namespace fs = std::filesystem;
 using restore::pageBytes;
 
 constexpr std::uint32_t extentsAtOnce = 512;
-/// Of these the kernel doesn't know a place.
+/// Flags of extents without a known physical location.
 constexpr std::uint32_t nowhere = FIEMAP_EXTENT_UNKNOWN | FIEMAP_EXTENT_DELALLOC;
 
-/// A stretch of a file, in bytes.
+/// A part of a file that is contiguous on the volume, in bytes.
 struct Stretch {
     std::uint64_t inFile = 0;
     std::uint64_t onVolume = 0;
@@ -44,7 +44,7 @@ public:
             found.isComplete = false;
             return;
         }
-        if (S_ISDIR(status.st_mode)) { // few file systems tell
+        if (S_ISDIR(status.st_mode)) { // few file systems support FIEMAP for directories
             size = ~std::uint64_t{0};
             askExtents(file.get(), shown);
             return;
@@ -58,7 +58,7 @@ public:
     FoundOwners found;
 
 private:
-    /// False if the file system doesn't tell.
+    /// Returns false if the file system doesn't support FIEMAP.
     bool askExtents(int file, const std::string& shown) {
         for (std::uint64_t next = 0;;) {
             os::ExtentRequest request(extentsAtOnce);
@@ -84,8 +84,7 @@ private:
         }
     }
 
-    /// Block by block, as file systems do it that are older than extents. Blocks have numbers of 32 bits
-    /// there.
+    /// Asks for each block by FIBMAP, for file systems older than extents. Their block numbers have 32 bits.
     bool askBlocks(int file, const std::string& shown) {
         int blockSize = 0;
         if (::ioctl(file, FIGETBSZ, &blockSize) != 0 || blockSize <= 0) {
@@ -112,7 +111,7 @@ private:
             const std::uint64_t into = *page * pageBytes - std::min(*page * pageBytes, stretch.onVolume);
             const bool isWritten = stretch.isWritten && stretch.inFile + into < size;
             Owner& owner = found.byPage.try_emplace(*page, Owner{shown, false}).first->second;
-            if (isWritten && !owner.isWritten) { // it counts if it is so for one of those that share the page
+            if (isWritten && !owner.isWritten) { // of files that share a page, one that has written it wins
                 owner = {shown, true};
             }
         }
@@ -120,7 +119,7 @@ private:
 
     const std::vector<std::uint64_t>& pages;
     const Interrupt& interrupt;
-    std::uint64_t size = 0; // of the file that is looked at
+    std::uint64_t size = 0; // of the file being examined
 };
 
 } // namespace

@@ -17,10 +17,10 @@ using agent::core::fs::bigEndian;
 constexpr std::uint64_t largestSector = 32768;
 constexpr std::size_t alignment = 4096;
 
-/// Empty if that can't be read.
+/// Returns an empty vector if the bytes can't be read.
 std::vector<std::uint8_t> readAt(agent::core::IVolumeReader& reader, std::uint64_t offset,
                                  std::uint64_t bytes) {
-    // Direct reads want whole pages.
+    // Direct I/O needs offsets and lengths of whole pages.
     const std::uint64_t begin = offset / alignment * alignment;
     const std::uint64_t length = (offset + bytes - begin + alignment - 1) / alignment * alignment;
     os::AlignedBuffer buffer(length, alignment);
@@ -60,7 +60,7 @@ bool FreeLists::hasBlockAt(std::uint64_t offset) {
     return std::ranges::find(list, block % groupBlocks) != list.end();
 }
 
-/// The list is a ring.
+/// The free list on disk is a ring buffer.
 std::vector<std::uint32_t> FreeLists::read(std::uint32_t group) {
     namespace agf = layout::agf;
     namespace agfl = layout::agfl;

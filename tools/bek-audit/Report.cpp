@@ -11,7 +11,7 @@ namespace audit {
 
 namespace {
 
-constexpr std::size_t mostShown = 20; // wrong blocks in a text
+constexpr std::size_t mostShown = 20; // wrong blocks in the text report
 constexpr double hundred = 100;
 
 std::string nameOf(Stratum stratum) {
@@ -32,6 +32,7 @@ double rateOf(const Findings& findings) {
     return findings.seconds > 0 ? std::round(static_cast<double>(findings.sampled) / findings.seconds) : 0;
 }
 
+/// Lists at most `mostShown` of the wrong blocks; the JSON document has all of them.
 void print(std::ostream& out, Stratum stratum, const Findings& findings, double confidence) {
     out << std::left << std::setw(11) << nameOf(stratum);
     if (!findings.notLookedAt.empty()) {
@@ -58,6 +59,7 @@ void print(std::ostream& out, Stratum stratum, const Findings& findings, double 
     }
 }
 
+/// A stratum that wasn't checked has no member but the reason.
 tools::Json jsonOf(const Findings& findings, double confidence) {
     tools::Json document;
     document["notLookedAt"] = tools::textOrNull(findings.notLookedAt);

@@ -26,7 +26,7 @@ namespace driver_state = agent::info::driver_state;
 using agent::info::DriverDeviceInfo;
 
 constexpr std::uint64_t bytesPerMiB = 1048576;
-/// For what the file system itself needs for the files.
+/// Reserve for the file system's own metadata about the files.
 constexpr std::uint64_t spare = 16 * bytesPerMiB;
 
 } // namespace
@@ -66,7 +66,8 @@ void Session::takeTurn() {
     }
 }
 
-/// What a backup would set right itself, by comparing everything, isn't touched.
+/// Reads the driver's state. The audit doesn't touch a state that the next backup repairs by comparing
+/// everything.
 void Session::examine() {
     DriverDeviceInfo device;
     if (!driver.getDeviceInfo(*volume, device)) {
@@ -85,7 +86,7 @@ void Session::examine() {
     wasTracked = true;
 }
 
-/// Without it an INCREMENTAL fails too, and a merge that breaks off would end the tracking.
+/// Without the history file an INCREMENTAL fails too, and a merge that breaks off would end the tracking.
 void Session::requireHistory() const {
     const std::string path = driver.getIncrementalHistoryPath(*volume);
     std::error_code failure;
@@ -96,8 +97,8 @@ void Session::requireHistory() const {
     }
 }
 
-/// Of the CoW file, of its table, and of what is noted as owed at the end. Without room in the middle the
-/// tracking would end.
+/// There must be room for the CoW file, its table, and the blocks that are recorded as owed at the end. If
+/// the space ran out during the session, the tracking would end.
 void Session::requireRoom() {
     const std::uint64_t cow =
         cowFileSize.getCowFileSizeMiB(logger, volume->getUuid(), volume->getSize(), volume->getFileSystem()) *
@@ -155,7 +156,7 @@ void Session::stop() {
     try {
         control.transitionToIncremental({volume}, false);
     } catch (const std::exception& failure) {
-        // A volume without a device has nothing that could be described.
+        // If the volume wasn't tracked, it has no driver device any more, and describing it fails.
         logger.log(wasTracked ? agent::info::level::error : agent::info::level::debug, "%s", failure.what());
     }
 }

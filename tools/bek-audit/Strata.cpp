@@ -11,12 +11,13 @@ using agent::core::block::BlockRangeIterator;
 using agent::core::block::IBlockRangeProvider;
 using restore::pageBytes;
 
-/// A walk along one layer.
+/// Walks along one layer.
 class Cursor {
 public:
     explicit Cursor(const IBlockRangeProvider& layer) : position(layer.begin()), end(layer.end()) {}
 
-    /// Whether the layer has this block; `next` comes no later than where that ends to be so.
+    /// Whether the layer has this block. Lowers `next` to the block at which the answer changes, if that is
+    /// nearer.
     bool covers(std::uint64_t block, std::uint64_t& next) {
         while (!(position == end) && (position->end() <= block || position->empty())) {
             ++position;
@@ -36,6 +37,8 @@ private:
 
 } // namespace
 
+/// Walks all layers side by side. Counts only pages that lie completely in one stratum, and skips the
+/// snapshot driver's own files.
 void Strata::walk(const Visit& visit) const {
     Cursor unused(*layers.unused);
     std::optional<Cursor> unchanged;

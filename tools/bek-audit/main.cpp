@@ -1,4 +1,4 @@
-// The command line of an audit, which `bek-restore audit` becomes: a program of its own, as it alone needs
+// The command line of an audit. `bek-restore audit` executes this separate program, as only an audit needs
 // the snapshot driver's library.
 
 #include "Audit.h"
@@ -62,8 +62,7 @@ void declare(CLI::App& app, Options& options) {
     app.add_flag("--verbose", options.isVerbose, "Tell on standard error what is done");
 }
 
-/// What the agent's code says on the way only matters where the audit fails, unless somebody wants to see it
-/// all.
+/// Without --verbose only errors are kept, and they are printed only if the audit fails.
 class Log {
 public:
     explicit Log(bool isVerbose)

@@ -34,10 +34,10 @@ struct CheckOptions {
     ImageOptions image;
     std::optional<std::string> snapshot;
     bool comparesFiles = false;
-    std::optional<std::string> database; ///< the agent's own, if there is one
+    std::optional<std::string> database; ///< the agent's database; its usual path if not given
 };
 
-/// The snapshot: by itself, and as what the kernel sees of it through an overlay of its own.
+/// The snapshot to compare with: its blocks, and a mount of it through an overlay.
 struct Snapshot {
     explicit Snapshot(const std::string& path)
         : blocks(path, 0), view(addressOfFile(path), {}, Lifetime::ours) {}
@@ -52,7 +52,7 @@ struct Snapshot {
     FileImage blocks;
     view::ImageView view;
     std::optional<view::PrivateMount> mount;
-    std::string unmounted; ///< why it isn't, if so
+    std::string unmounted; ///< why it couldn't be mounted; empty if it is mounted
 };
 
 /// One check of one image, step by step.
@@ -98,7 +98,7 @@ private:
         }
     }
 
-    /// What can't be read of the image is damage.
+    /// A part of the image that can't be read counts as damage.
     bool readMaps() {
         check::WatchedImage watched(*opened.image);
         try {
@@ -113,8 +113,9 @@ private:
         return plan.has_value();
     }
 
-    /// A backup copies every block of a volume whose map it can't read, as where only the journal has the
-    /// newest map; so that alone is no damage, if the map is there once the journal has been replayed.
+    /// A backup copies every block of a volume whose map it can't read, for example because only the journal
+    /// has the newest map. So an unreadable map is damage only if it is still unreadable after the journal
+    /// has been replayed.
     void judgeMaps() {
         std::string reason = plan->reason;
         if (plan->isWhole) {
@@ -136,7 +137,7 @@ private:
     void checkHead() {
         const std::string usual = (agent::dir::base() / "agent.sqlite").str();
         if (!options.database && !std::filesystem::exists(usual)) {
-            return; // a rescue system has none
+            return; // a rescue system has no database
         }
         try {
             const std::string uuid = view::uuidOf(view.device());
@@ -231,7 +232,7 @@ private:
 
 enum class Verdict { trusted, damaged, unknown };
 
-/// A map that can be read proves nothing of what it tells.
+/// A readable map alone proves nothing: the blocks it names may be wrong.
 Verdict verdictOf(const Findings& findings) {
     constexpr std::size_t map = 1;
     return !findings.damage.empty()       ? Verdict::damaged

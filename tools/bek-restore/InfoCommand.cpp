@@ -20,14 +20,14 @@ using tools::Json;
 using tools::sizeText;
 using tools::textOrNull;
 
-/// All that is told of one image.
+/// All that is shown of one image.
 struct ImageInfo {
     std::uint64_t bytes = 0;
     view::Found whole;
     std::vector<view::Found> partitions;
     view::FileSystemFacts facts;
-    std::optional<RestorePlan> plan; ///< of a file system only
-    std::string failure;             ///< why nothing else is told; empty if it is
+    std::optional<RestorePlan> plan; ///< only for a file system
+    std::string failure;             ///< why nothing else is known; empty if the image was inspected
 };
 
 std::string textOf(view::Order order) {
@@ -63,7 +63,7 @@ ImageInfo inspect(const ImageOptions& options) {
     {
         OpenedImage opened(options);
         info.bytes = opened.image->size();
-    } // a target may let one in at a time
+    } // closed first: a target may allow only one session
     const view::ImageView view(addressOf(options), options.secret, view::ImageView::Lifetime::ours);
     info.whole = view::findWhole(view.device());
     info.partitions = view::findPartitions(view.device());
@@ -190,7 +190,7 @@ int showImage(ImageOptions options) {
     return done;
 }
 
-/// What can't be read is told of in its row: a target has units that are no disks.
+/// If a unit can't be read, its row says so: targets have LUNs that are no disks.
 ImageInfo inspectUnit(ImageOptions options, int unit) {
     options.image += "/" + std::to_string(unit);
     try {
@@ -202,6 +202,7 @@ ImageInfo inspectUnit(ImageOptions options, int unit) {
     }
 }
 
+/// Asks for the secret only once, by the address of LUN 0, for all LUNs of the target.
 int showTarget(const ImageOptions& target) {
     ImageOptions options = target;
     options.image += "/0";

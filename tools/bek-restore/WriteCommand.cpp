@@ -112,7 +112,7 @@ void report(const WriteOptions& options, const RestorePlan& plan, const Written&
 }
 
 bool isSameFile(const std::string& image, const std::string& device) {
-    std::error_code ignored; // what can't be looked at is told of when it is opened
+    std::error_code ignored; // a path that can't be examined fails when it is opened
     return std::filesystem::equivalent(image, device, ignored);
 }
 

@@ -1,4 +1,4 @@
-// The command line: which command, and what becomes of what it throws.
+// The command line: selects the command, and turns exceptions into an exit status.
 
 #include "Commands.h"
 #include "Common.h"

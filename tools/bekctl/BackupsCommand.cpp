@@ -18,8 +18,8 @@ using tools::textOrNull;
 
 namespace {
 
-/// Volumes that have been backed up once, whether or not the log still tells of it; none where the database
-/// can't be read.
+/// The volumes that were ever backed up, even if the log no longer shows it; empty if the database can't be
+/// read.
 std::vector<std::string> knownVolumes() {
     try {
         return readDatabase(databasePath()).volumes;
@@ -47,6 +47,7 @@ Json jsonOf(const LogFindings& found, const std::vector<std::string>& unknown) {
             {"logProblem", textOrNull(found.problem)}};
 }
 
+/// Also names the volumes whose last backup is older than the log, so that none seems forgotten.
 void print(const Output& output, const LogFindings& found, const std::vector<std::string>& unknown) {
     std::ostream& out = output.out;
     if (found.log->lastRecords().empty()) {

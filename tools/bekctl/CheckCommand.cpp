@@ -24,7 +24,7 @@ using tools::wrapped;
 
 namespace {
 
-/// What the checks of several parts need.
+/// What several checks need.
 struct Scene {
     AgentFacts agent = findAgent();
     std::optional<Database> database;
@@ -132,7 +132,7 @@ Json jsonOf(const Findings& findings) {
             {"warnings", count(findings, Verdict::warning)}};
 }
 
-/// The verdict before the text, and the lines of that below each other.
+/// Prints the verdict before the text, and aligns the lines of the text.
 void print(const Output& output, const Finding& finding) {
     constexpr std::size_t indent = 9;
     const std::size_t columns = output.screen.columns;

@@ -33,7 +33,7 @@ struct CloseConnection {
 };
 using Connection = std::unique_ptr<sqlite3, CloseConnection>;
 
-/// SQLite keeps here what a transaction has begun to overwrite; an empty one means nothing.
+/// This journal holds what a running transaction overwrites; an empty one means nothing.
 bool isBeingWritten(const std::string& path) {
     struct ::stat journal{};
     return ::stat((path + "-journal").c_str(), &journal) == 0 && journal.st_size > 0;
@@ -47,7 +47,8 @@ std::string read(const std::string& path) {
     return std::move(*bytes);
 }
 
-/// Each transaction counts in the header, so one that came and went during the copy shows.
+/// Each transaction changes a counter in the header, so the comparison also finds one that began and ended
+/// during the copy.
 bool isSettled(const std::string& path, const std::string& bytes) {
     const std::optional<std::string> now = readFile(path, largestDatabase);
     return !isBeingWritten(path) && now && *now == bytes;
@@ -126,7 +127,7 @@ std::string settledCopy(const std::string& path) {
                                     "start of the agent puts it right");
 }
 
-/// Nothing for the 0 and the words that stand for none, and for what can't be read as a whole.
+/// Returns nothing for the values that stand for no checksum, and for values that can't be parsed as a whole.
 std::optional<ImageChecksum> checksumOf(const std::string& value, const std::string& type) {
     ImageChecksum found;
     const char* const end = value.data() + value.size();

@@ -2,7 +2,7 @@
 
 #include "common/BaseDirectories.h"
 
-/// The agent's files.
+/// Paths of the agent's files.
 namespace bekctl {
 
 inline agent::Path databasePath() {

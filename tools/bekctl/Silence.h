@@ -4,7 +4,7 @@
 
 namespace bekctl {
 
-/// For the agent's classes, which log: what matters of it is in what they return, or throw.
+/// A logger that prints nothing, for the agent's classes: bekctl needs only what they return or throw.
 struct Silence {
     agent::info::Logger logger{agent::info::PrinterFunction()};
 };

@@ -100,7 +100,7 @@ Findings checkServices() {
 }
 
 bool isClockSynchronised() {
-    timex state{}; // without modes it only asks
+    timex state{}; // with modes 0 the call changes nothing
     return ::adjtimex(&state) != TIME_ERROR && (static_cast<unsigned>(state.status) & STA_UNSYNC) == 0;
 }
 

@@ -6,20 +6,20 @@
 #include <optional>
 #include <string>
 
-/// What of the machine around the agent would make a backup fail.
+/// Checks of the machine around the agent: what would make a backup fail.
 namespace bekctl {
 
-/// The message bus and the services on it that the agent asks.
+/// Checks the message bus and the services on it that the agent calls.
 Findings checkServices();
 
-/// What the kernel tells of the clock.
+/// `isSynchronised` is the kernel's answer, from isClockSynchronised().
 Finding checkClock(bool isSynchronised);
 bool isClockSynchronised();
 
-/// The quiesce scripts in a directory, each of which a backup may be told to run.
+/// Checks the quiesce scripts in a directory; a backup may be told to run any of them.
 Findings checkScripts(const std::string& directory);
 
-/// Room for the log and the database.
+/// The free space for the log and the database.
 struct DiskRoom {
     std::uint64_t free = 0;
     bool isReadOnly = false;
@@ -27,7 +27,8 @@ struct DiskRoom {
 Finding checkDisk(const std::optional<DiskRoom>& room);
 std::optional<DiskRoom> findDiskRoom(const std::string& directory);
 
-/// `given` is what the administrator has named, `logged` what the log has named last; either may be empty.
+/// `given` is the target that the administrator has named, `logged` the last one in the log; either may be
+/// empty.
 Finding checkTarget(const std::string& given, const std::string& logged);
 
 } // namespace bekctl

@@ -45,7 +45,7 @@ std::optional<Unit> findUnit() {
     try {
         return SystemServices().unit("bekd.service");
     } catch (const std::exception&) {
-        return std::nullopt; // no bus, so no systemd that could be asked
+        return std::nullopt; // without a bus, systemd can't be asked
     }
 }
 

@@ -31,14 +31,14 @@ struct Method {
     const char* name;
 };
 
-/// Nothing if the call fails. Nobody is started for it.
+/// Returns null if the call fails. Starts no service for it.
 GVariantOwner call(GDBusConnection* connection, const Method& method, GVariant* parameters) {
     return GVariantOwner(g_dbus_connection_call_sync(
         connection, method.service, method.path, method.interface, method.name, parameters, nullptr,
         G_DBUS_CALL_FLAGS_NO_AUTO_START, patienceMilliseconds, nullptr, nullptr));
 }
 
-/// A text or the path of an object.
+/// `value` is a string or an object path.
 std::string textOf(GVariant* value) {
     const gchar* const text = g_variant_get_string(value, nullptr);
     return text == nullptr ? "" : plain(text);

@@ -29,7 +29,7 @@ Addresses resolve(const std::string& host, unsigned short port) {
     return Addresses(found);
 }
 
-/// 0, or a value of `errno`.
+/// Returns 0, or a value of `errno`.
 int waitForConnection(int socket, std::chrono::milliseconds patience) {
     pollfd waiting{socket, POLLOUT, 0};
     const int ready = ::poll(&waiting, 1, static_cast<int>(patience.count()));

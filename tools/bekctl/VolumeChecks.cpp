@@ -22,7 +22,8 @@ bool isThere(const std::string& path) {
     return ::access(path.c_str(), F_OK) == 0;
 }
 
-/// Of what takes no reload script the driver loses track with each restart, and nothing can be done.
+/// NTFS and exFAT have no reload script: the driver loses track of them with each restart, and nothing can be
+/// done.
 bool needsReloadScript(const VolumeFacts& facts) {
     const std::string& kind = facts.volume->getFileSystem();
     return kind != "ntfs" && kind != "exfat";
@@ -86,7 +87,7 @@ void checkUsable(Findings& found, const VolumeFacts& facts, bool wasBackedUp, bo
     if (facts.isTracked() && needsReloadScript(facts)) {
         add(checkReloadScript(facts));
     }
-    if (!isBackupRunning) { // which has taken its room
+    if (!isBackupRunning) { // a running backup has taken its space already
         add(checkRoom(*facts.room, uuid, facts.name()));
     }
 }
@@ -122,7 +123,7 @@ std::uint64_t fittingCowMebibytes(const Room& room) {
     const auto without = [beside](std::uint64_t bytes) { return bytes > beside ? bytes - beside : 0; };
     const std::uint64_t forNext = without(room.free);
     const std::uint64_t forBoth = without(room.free + room.present) / 2;
-    const std::uint64_t most = std::min(forNext, forBoth) / 4 * 3 / bytesPerMiB; // the rest stays for growth
+    const std::uint64_t most = std::min(forNext, forBoth) / 4 * 3 / bytesPerMiB; // a quarter stays for growth
     return most < smallestCow ? 0 : std::min(most, room.cowMebibytes);
 }
 

@@ -23,10 +23,10 @@ using agent::info::DriverDeviceInfo;
 using agent::info::Logger;
 
 constexpr std::uint64_t bytesPerMiB = 1'048'576;
-constexpr std::uint64_t bytesPerBlock = 512; // of stat
+constexpr std::uint64_t bytesPerBlock = 512; // unit of st_blocks
 constexpr const char* swapMountPoint = "<swap>";
 
-/// By its own structures, as a backup would find out.
+/// Reads the file system's own structures, as a backup does.
 bool isFileSystemKnown(Logger& logger, const BackupableVolume& volume) {
     agent::core::backup::VolumeReader reader(logger, volume.getDevice());
     if (volume.getSectorSize() == 0 || !reader.open()) {
@@ -69,7 +69,7 @@ std::uint64_t sizeOnDisk(const std::string& path) {
                : 0;
 }
 
-/// The rule by which a backup decides whether the volume is full.
+/// Follows the rule by which a backup decides whether the volume is full.
 Room findRoom(Logger& logger, const BackupableVolume& volume, const std::optional<DriverDeviceInfo>& device,
               const agent::IConfig& config) {
     Room room;

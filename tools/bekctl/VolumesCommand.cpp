@@ -23,6 +23,7 @@ namespace {
 
 constexpr std::uint64_t bytesPerMiB = 1'048'576;
 
+/// Members that don't apply are null, so that all volumes have the same ones.
 Json jsonOf(const VolumeFacts& facts) {
     const agent::info::BackupableVolume& volume = *facts.volume;
     Json document{{"device", volume.getDevice()},

@@ -1,4 +1,4 @@
-// The command line: which command, in which form, and what becomes of what it throws.
+// The command line: selects the command and the form of its output, and turns exceptions into an exit status.
 
 #include "Commands.h"
 #include "Target.h"
@@ -42,7 +42,7 @@ struct Command {
     bool needsRoot = true;
 };
 
-/// A command that has no options of its own.
+/// Adapts a command that has no options of its own.
 template <int (*show)(const Output&)>
 int plainly(const Output& output, const Options& /*options*/) {
     return show(output);

@@ -4,8 +4,8 @@
 
 namespace restore {
 
-/// From here on reads and writes go through the page cache: where an image or a volume begins or ends in the
-/// middle of one of the device's blocks. False if they did so before.
+/// Switches the descriptor from direct I/O to the page cache, for an image or a volume that begins or ends in
+/// the middle of a device's block. Returns false if it didn't use direct I/O.
 bool endDirectAccess(const os::FileDescriptor& file);
 
 } // namespace restore

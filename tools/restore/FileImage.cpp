@@ -19,9 +19,9 @@ namespace {
 
 constexpr std::uint64_t sectorBytes = 512;
 
-/// Some file systems, those in memory among them, know no reads past the cache.
+/// Some file systems, such as those in memory, don't support direct I/O.
 os::FileDescriptor openForReading(const std::string& path) {
-    constexpr int usual = O_RDONLY | O_CLOEXEC | O_NONBLOCK; // a pipe of that name is refused, not waited for
+    constexpr int usual = O_RDONLY | O_CLOEXEC | O_NONBLOCK; // doesn't block if the path is a pipe
     os::FileDescriptor file(::open(path.c_str(), usual | O_DIRECT));
     if (!file && errno == EINVAL) {
         file = os::FileDescriptor(::open(path.c_str(), usual));

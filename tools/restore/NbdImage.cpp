@@ -22,13 +22,13 @@ std::string lastError() {
     return reason == nullptr ? "unknown error" : reason;
 }
 
-/// Nobody knows any more whether a request will still be answered.
+/// Thrown if it is unknown whether the request will still be answered.
 class NoAnswer : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;
 };
 
-/// Until the request is done. Throws std::runtime_error if it has failed.
+/// Waits until the request is done. Throws std::runtime_error if it has failed.
 void await(nbd_handle* connection, std::int64_t cookie) {
     for (;;) {
         const int done = ::nbd_aio_command_completed(connection, static_cast<std::uint64_t>(cookie));
@@ -83,7 +83,7 @@ void NbdImage::read(std::span<std::byte> into, std::uint64_t offset) {
     });
 }
 
-/// Whatever fails, nothing is under way any more when it ends, or there is no connection.
+/// Even after a failure no request is in flight when this ends, unless the connection is gone.
 void NbdImage::tryRead(std::span<std::byte> into, std::uint64_t offset) {
     std::deque<std::int64_t> underWay;
     std::exception_ptr failure;

@@ -29,9 +29,9 @@ void addUnlessEmpty(std::vector<ByteRange>& ranges, std::uint64_t begin, std::ui
     }
 }
 
-/// Ranges of blocks as whole pages, which two of them may share, and the margins.
+/// Widens ranges of blocks to whole pages, which two ranges may share, and notes the margins.
 void addPages(const usedmap::UsedRanges& map, RestorePlan& plan) {
-    std::uint64_t filled = 0; // behind the last block in use
+    std::uint64_t filled = 0; // end of the last used block
     for (const agent::BlockRange& range : map.ranges) {
         const std::uint64_t begin = std::min(range.start * map.blockSize, plan.volumeBytes);
         const std::uint64_t end = std::min(range.end() * map.blockSize, plan.volumeBytes);
@@ -52,7 +52,8 @@ void addPages(const usedmap::UsedRanges& map, RestorePlan& plan) {
     addUnlessEmpty(plan.margins, filled, std::min(roundUp(filled), plan.volumeBytes));
 }
 
-/// The map of some file systems has to fit as a whole; of any it does where blocks have the usual 4096 bytes.
+/// The map of some file systems must fit into the buffer as a whole; with blocks of the usual 4096 bytes, any
+/// map does.
 std::uint64_t mapBytesFor(const IImage& image) {
     constexpr std::uint64_t blocksInByte = 8;
     const std::uint64_t all = image.size() / pageBytes / blocksInByte;

@@ -16,7 +16,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr std::uint64_t headBytes = RestorePlan::headBytes;
-/// Shorter runs of zeros are written as they are: room in so small pieces is of no use to anybody.
+/// Shorter runs of zeros are written like data: holes so small are of no use.
 constexpr std::uint64_t leastZeros = 64UL << 10U;
 constexpr std::chrono::seconds keepEvery(5);
 
@@ -25,7 +25,7 @@ bool isZero(std::span<const std::byte> bytes) {
                              std::memcmp(bytes.data(), bytes.data() + 1, bytes.size() - 1) == 0);
 }
 
-/// How many bytes of the beginning are alike: zeros in runs that are worth a hole, or anything else.
+/// The length of the first stretch of `bytes`, and whether it is a hole: a run of zeros that is worth one.
 std::pair<std::uint64_t, bool> stretchOf(std::span<const std::byte> bytes) {
     const auto zeroPages = [&](std::uint64_t from) {
         std::uint64_t end = from;
@@ -60,6 +60,7 @@ Restorer::Restorer(IImage& image, const RestorePlan& plan, TargetDevice& target,
     }
 }
 
+/// If the copy fails, the position reached is written to the marker, so that the next run resumes there.
 Restorer::Result Restorer::copy(const std::optional<Marker>& from) {
     target.extendTo(plan.volumeBytes);
     if (from) {
@@ -98,16 +99,16 @@ void Restorer::copyPieces(std::uint64_t& unused, WriteBehind& behind, Result& re
     });
 }
 
-/// Where the device is what has failed, what was kept last has to do.
+/// If it is the device that has failed, the marker that was written last has to do.
 void Restorer::keepWhatIsThere(std::uint64_t position, WriteBehind& behind) noexcept {
     try {
         behind.settle();
         keepPosition(position);
-    } catch (const std::exception&) { // the failure that has led here is the one to tell of
+    } catch (const std::exception&) { // the caller reports the first failure
     }
 }
 
-/// From here on the device is no file system, until it is a whole one.
+/// From here on the device holds no file system, until the restore is complete.
 void Restorer::begin() {
     target.zero({0, headBytes});
     keepPosition(headBytes);
@@ -133,7 +134,7 @@ std::span<const std::byte> Restorer::readPiece(Load& load, const Piece& piece) {
     return bytes;
 }
 
-/// By the thread that reads, so that the other one can do nothing but write.
+/// Runs in the reading thread, so that the other one does nothing but write.
 void Restorer::addStretches(Load& load, ByteRange part) {
     while (part.length > 0) {
         const auto [length, isHole] =
@@ -161,7 +162,7 @@ void Restorer::discard(std::uint64_t begin, std::uint64_t end) {
     }
 }
 
-/// What is before the position must be on the disk when the marker is.
+/// All data before `position` must be on the disk before the marker is.
 void Restorer::keepPosition(std::uint64_t position) {
     target.sync();
     ++marker.sequence;
@@ -188,7 +189,7 @@ void Restorer::compare(Result& result) {
                  [&](const Piece& piece) { settle(piece, holds(piece, *checksum++), result); });
 }
 
-/// The image may be another one by now, and a device may have lost what it had taken.
+/// The image may have changed since the earlier run, and the device may have lost data.
 void Restorer::compareEarlier(const Piece& piece, Result& result) {
     const std::uint32_t checksum = os::crc32c(readPiece(loads.front(), piece));
     bool isEqual = holds(piece, checksum);
@@ -218,7 +219,8 @@ void Restorer::settle(const Piece& piece, bool isEqual, Result& result) {
     progress(Phase::comparing, result.compared, plan.usedBytes);
 }
 
-/// The page with the marker comes last of all: with it the volume is there, without it the marker still is.
+/// The page with the newest marker is written last: with it the volume is complete, without it the marker is
+/// still there.
 void Restorer::finish() {
     const std::span head(loads.front().buffer.data(), headBytes);
     image.read(head, 0);

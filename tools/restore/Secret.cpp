@@ -28,7 +28,7 @@ std::string readFirstLine(const std::string& path) {
     return line;
 }
 
-/// Keeps what is typed off the screen.
+/// Turns off the terminal's echo.
 class Silence {
 public:
     explicit Silence(int terminal) : terminal(terminal) {
@@ -62,7 +62,7 @@ std::string ask(const os::FileDescriptor& terminal, const std::string& what) {
     std::array<char, longest> typed{};
     ::ssize_t count = 0;
     {
-        const Silence silence(terminal.get()); // before anybody is asked: what was typed earlier is dropped
+        const Silence silence(terminal.get()); // before the prompt, as it drops what was typed earlier
         print(terminal, what + ": ");
         count = ::read(terminal.get(), typed.data(), typed.size());
     }

@@ -24,7 +24,7 @@ void append(UsedRanges& used, BlockRange range) {
     }
 }
 
-/// A map may go on behind the last block, but a backup doesn't. Where blocks have no size there is no map.
+/// A map may extend beyond the last block, but a backup doesn't. If the block size is 0, there is no map.
 std::uint64_t blocksOf(const agent::core::IVolumeDevice& device, std::uint32_t blockSize) {
     return blockSize == 0 ? 0 : (device.getSize() + blockSize - 1) / blockSize;
 }
@@ -50,7 +50,7 @@ UsedRanges findUsedRanges(agent::info::Logger& logger, agent::core::IVolumeDevic
             throw std::runtime_error("the map of used blocks can't be read; a backup would copy every block");
         }
         const auto blocks =
-            std::min(static_cast<std::uint64_t>(told), blocksOfDevice - used.knownBlocks); // none at the end
+            std::min(static_cast<std::uint64_t>(told), blocksOfDevice - used.knownBlocks); // 0 at the end
         if (blocks == 0) {
             return used;
         }

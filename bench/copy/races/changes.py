@@ -1,4 +1,4 @@
-"""Incremental backups after some of the volume was changed."""
+"""Incremental backups after a part of the volume has changed."""
 from bench.copy import files
 from bench.copy.report import GIBIBYTE, MEBIBYTE, numbers
 

@@ -1,4 +1,4 @@
-"""Copies beside the floor under them. The images are in memory, which leaves the target's disk out."""
+"""Copies against the floor under them. The images are in memory, which leaves the target's disk out."""
 import dataclasses
 
 from bench.copy import files
@@ -36,14 +36,14 @@ class Best:
 
 
 def race_round(bed, report, turns, alone, window, **options):
-    """One backup, and its blocks moved by as little as will do. Processor seconds don't depend on what else
-    the machine does."""
+    """One backup, and its blocks moved by minimal code. Processor seconds don't depend on the machine's other
+    work."""
     backup = bed.backup(**options)
     with bed.last_snapshot() as device:
         ranges = copied_ranges(device, bed.partition.volume.file_system)
         image = image_alone(bed, ranges, alone, window)
         source = source_alone(bed, ranges, device)
-        floor = in_turns(bed, ranges, turns, device) # the last, as it leaves the image equal
+        floor = in_turns(bed, ranges, turns, device) # last, as it makes the image equal
     assert floor.bytes == backup.bytes, (floor, backup)
     best = Best(backup.copy, floor.seconds, source.seconds, image.seconds)
     report.line(f"{floor.bytes / MEBIBYTE:.0f} MiB",
@@ -53,8 +53,8 @@ def race_round(bed, report, turns, alone, window, **options):
 
 
 def race_sides(bed, report, turns, alone, rounds, **options):
-    """Backups, and both sides of them in turns and alone. What else the machine does comes and goes, so each
-    is its best."""
+    """Backups, and both sides of them in turns and alone. The best of each counts, as the machine's other
+    work comes and goes."""
     with bed.last_snapshot() as device:
         ranges = copied_ranges(device, bed.partition.volume.file_system)
         window = best_window(bed, list(beginning_of(ranges, TRIED)), alone)
@@ -75,13 +75,13 @@ def race_full(bed, report, rounds):
 
 def race_merge(bed, report, rounds):
     report.title("DIFFERENTIAL_MERGE, equal image: the copy phase beside reads of both sides")
-    bed.backup(full=True) # whatever was written to the image
+    bed.backup(full=True) # makes the image equal, whatever was written to it
     best = race_sides(bed, report, "compare", "read", rounds, merge=True)
     report.bound("DIFFERENTIAL_MERGE beside the slower side alone", best.to_slower, SLOWER_BOUND)
 
 
 def race(arguments, report):
-    """The races `floor` and `kinds`, whichever are wanted, on the same volume."""
+    """The races `floor` and `kinds`, as far as they are wanted, on the same volume."""
     with Bed(arguments.directory, arguments.gibibytes, images="/tmp", poisoned=False) as bed:
         used = arguments.gibibytes * GIBIBYTE // 3
         files.fill(bed.roots[0], used)

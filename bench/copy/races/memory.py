@@ -1,5 +1,5 @@
-"""The daemon's memory for a volume of 2 TiB, next to nothing of it used. It is an XFS: an ext4 of more than
-1.25 TiB is copied whole."""
+"""The daemon's memory for a volume of 2 TiB, of which almost nothing is used. It is an XFS, as an ext4 of
+more than 1.25 TiB is copied whole."""
 from bench.copy import files
 from bench.copy.bed import Bed
 from bench.copy.report import GIBIBYTE, MEBIBYTE

@@ -1,4 +1,4 @@
-"""A full backup, and what an administrator would use instead."""
+"""A full backup, against what an administrator would use instead."""
 from bench.copy import files
 from bench.copy.bed import Bed
 from bench.copy.report import GIBIBYTE, MEBIBYTE, numbers

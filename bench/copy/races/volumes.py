@@ -1,4 +1,4 @@
-"""Several volumes in one backup beside as many backups of one volume each."""
+"""Several volumes in one backup, against as many backups of one volume each."""
 from bench.copy import files
 from bench.copy.bed import Bed
 from bench.copy.report import GIBIBYTE, numbers
@@ -8,7 +8,7 @@ BOUND = 1.0
 
 
 def race_round(bed, report):
-    """Seconds of both, from the begin of a run to its end."""
+    """The seconds of both, from the beginning of a run to its end."""
     together = bed.backup(full=True)
     apart = [bed.backup(chosen=slice(number, number + 1), full=True) for number in range(VOLUMES)]
     assert together.bytes == sum(run.bytes for run in apart), (together, apart)

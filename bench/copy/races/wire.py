@@ -1,5 +1,5 @@
-"""Full backups to a target that is some way off, beside qemu's copy of the same snapshot on the same way, and
-how many commands in flight would be best there."""
+"""Full backups to a distant target, against qemu's copy of the same snapshot over the same distance, and how
+many commands in flight would be best there."""
 import itertools
 
 from bench.copy import files
@@ -17,8 +17,8 @@ MOVED = 128 * MEBIBYTE
 
 
 def race_round(bed, report, portal):
-    """Seconds of the copy phase and of the tool, which copies the whole snapshot. For comparison it is given
-    the file behind the device as well, which tells it where the holes are."""
+    """The seconds of the copy phase and of the tool, which copies the whole snapshot. For comparison the tool
+    also copies the file behind the device, which tells it where the holes are."""
     backup = bed.backup(portal, full=True)
     with bed.last_snapshot() as device:
         peer, of_file = (run_qemu(bed, source, "-m", "16", portal=portal).seconds
@@ -28,7 +28,8 @@ def race_round(bed, report, portal):
 
 
 def show_depths(bed, report, portal):
-    """For no bound: what to expect of more or fewer commands at once. Leaves noise in the image."""
+    """Shows, without a bound, what to expect of more or fewer commands in flight. Leaves noise in the
+    image."""
     with bed.last_snapshot() as device:
         ranges = list(beginning_of(copied_ranges(device, bed.partition.volume.file_system), MOVED))
     report.line(f"s of {MOVED // MEBIBYTE} MiB, commands in flight", *map(str, DEPTHS), "best")

@@ -1,6 +1,7 @@
 #include "zephane/ftp/Session.h"
 
 #include "os/FileDescriptor.h"
+#include "os/Mutex.h"
 #include "zephane/socket/Message.h"
 #include "zephane/socket/Relay.h"
 #include "zephane/socket/Transport.h"
@@ -14,7 +15,6 @@
 #include <cerrno>
 #include <condition_variable>
 #include <csignal>
-#include <mutex>
 #include <pthread.h>
 #include <sys/socket.h>
 #include <thread>
@@ -85,13 +85,12 @@ private:
     bool isStopping = false;
     bool isAsked = false;
 
-    // Guarded by the mutex.
-    mutable std::mutex mutex;
+    mutable os::Mutex mutex;
     std::condition_variable changed;
-    std::optional<std::uint64_t> granted;
-    std::optional<wire::DigestAnswer> answer;
-    std::optional<Failure> failure;
-    bool isEnded = false;
+    std::optional<std::uint64_t> granted GUARDED_BY(mutex);
+    std::optional<wire::DigestAnswer> answer GUARDED_BY(mutex);
+    std::optional<Failure> failure GUARDED_BY(mutex);
+    bool isEnded GUARDED_BY(mutex) = false;
 
     os::FileDescriptor clientEnd; ///< written before `granted`, read after it
     std::thread thread;
@@ -159,13 +158,13 @@ Local Session::Conversation::makeLocal() {
 }
 
 void Session::Conversation::announce(std::uint64_t flags) {
-    const std::lock_guard lock(mutex);
+    const os::Lock lock(mutex);
     granted = flags;
     changed.notify_all();
 }
 
 void Session::Conversation::finish(const std::exception_ptr& exception) {
-    const std::lock_guard lock(mutex);
+    const os::Lock lock(mutex);
     isEnded = true;
     // If the relay was stopped from outside, it reports no failure. An error before the relay's start was
     // then caused by the stop itself.
@@ -179,9 +178,11 @@ void Session::Conversation::finish(const std::exception_ptr& exception) {
 }
 
 std::uint64_t Session::Conversation::awaitGrant(Clock::time_point until) {
-    std::unique_lock lock(mutex);
-    if (!changed.wait_until(lock, until, [this] { return granted || isEnded; })) {
-        throw CallError(ETIMEDOUT, "the server doesn't answer");
+    os::Lock lock(mutex);
+    while (!granted && !isEnded) {
+        if (!lock.waitUntil(changed, until) && !granted && !isEnded) {
+            throw CallError(ETIMEDOUT, "the server doesn't answer");
+        }
     }
     if (!granted) {
         throw CallError(failure->error, failure->text);
@@ -191,14 +192,17 @@ std::uint64_t Session::Conversation::awaitGrant(Clock::time_point until) {
 
 wire::DigestAnswer Session::Conversation::ask(const wire::DigestRequest& request,
                                               const std::function<void()>& meanwhile) {
-    std::unique_lock lock(mutex);
+    os::Lock lock(mutex);
     answer.reset();
     lock.unlock();
     asio::post(io, [this, message = wire::encode(request)] { send(message); });
     meanwhile();
     lock.lock();
-    if (!changed.wait_for(lock, patience, [this] { return answer || isEnded; })) {
-        throw CallError(ETIMEDOUT, "the server doesn't tell what the image holds");
+    const Clock::time_point until = Clock::now() + patience;
+    while (!answer && !isEnded) {
+        if (!lock.waitUntil(changed, until) && !answer && !isEnded) {
+            throw CallError(ETIMEDOUT, "the server doesn't tell what the image holds");
+        }
     }
     if (!answer) {
         throw CallError(ENOTCONN, "the connection ended before the server told what the image holds");
@@ -216,13 +220,13 @@ void Session::Conversation::take(wire::FrameKind kind, std::span<const std::uint
         throw wire::ProtocolError("the server sends a frame that nobody has asked for");
     }
     wire::DigestAnswer decoded = wire::decodeDigestAnswer(payload);
-    const std::lock_guard lock(mutex);
+    const os::Lock lock(mutex);
     answer = std::move(decoded);
     changed.notify_all();
 }
 
 bool Session::Conversation::hasEnded() const {
-    const std::lock_guard lock(mutex);
+    const os::Lock lock(mutex);
     return isEnded;
 }
 
@@ -240,6 +244,7 @@ std::optional<Failure> Session::Conversation::end() {
         asio::post(io, [this] { stop(); });
         thread.join();
     }
+    const os::Lock lock(mutex);
     return failure;
 }
 

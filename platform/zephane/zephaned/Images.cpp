@@ -25,7 +25,7 @@ bool Images::Side::isEnding() const {
 }
 
 void Images::configure(const std::vector<ImageConfig>& configs) {
-    const std::lock_guard lock(mutex);
+    const os::Lock lock(mutex);
     for (auto& [name, image] : all) {
         image->config.reset();
         image->key.reset();
@@ -47,20 +47,20 @@ void Images::configure(const std::vector<ImageConfig>& configs) {
 }
 
 bool Images::isServed(const wire::ImageName& name) const {
-    const std::lock_guard lock(mutex);
+    const os::Lock lock(mutex);
     const auto found = all.find(name);
     return found != all.end() && found->second->config;
 }
 
 std::optional<wire::ProofKey> Images::findKey(const wire::ImageName& name) const {
-    const std::lock_guard lock(mutex);
+    const os::Lock lock(mutex);
     const auto found = all.find(name);
     return found == all.end() ? std::nullopt : found->second->key;
 }
 
 std::optional<Images::Use> Images::open(const wire::ImageName& name, const wire::ClientId& client,
                                         bool isWritable) {
-    const std::lock_guard lock(mutex);
+    const os::Lock lock(mutex);
     const auto found = all.find(name);
     if (found == all.end() || !found->second->config) {
         throw Refusal(-EACCES, "the image isn't served any more");
@@ -82,7 +82,7 @@ std::optional<Images::Use> Images::open(const wire::ImageName& name, const wire:
 }
 
 void Images::release(Side& side) {
-    const std::lock_guard lock(mutex);
+    const os::Lock lock(mutex);
     --side.uses;
     if (side.uses == 0) {
         side.ending = side.backEnd;

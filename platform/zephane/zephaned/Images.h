@@ -1,12 +1,12 @@
 #pragma once
 
+#include "os/Mutex.h"
 #include "zephane/zephaned/Config.h"
 #include "zephane/zephaned/IBackEnd.h"
 
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <vector>
 
@@ -77,8 +77,8 @@ private:
     void release(Side& side);
 
     const Start start;
-    mutable std::mutex mutex;
-    std::map<wire::ImageName, std::shared_ptr<Image>> all; // guarded by mutex, including the images
+    mutable os::Mutex mutex;
+    std::map<wire::ImageName, std::shared_ptr<Image>> all GUARDED_BY(mutex); // the images, too
 };
 
 } // namespace zephane

@@ -1,8 +1,9 @@
 #pragma once
 
+#include "os/Mutex.h"
+
 #include <chrono>
 #include <cstddef>
-#include <mutex>
 
 namespace zephane {
 
@@ -25,10 +26,10 @@ public:
     Verdict ask(Clock::time_point now = Clock::now());
 
 private:
-    std::mutex mutex;
-    Clock::time_point begin;  // start of the span; guarded by mutex
-    std::size_t written = 0;  // lines in the span; guarded by mutex
-    std::size_t withheld = 0; // guarded by mutex
+    os::Mutex mutex;
+    Clock::time_point begin GUARDED_BY(mutex); // start of the span
+    std::size_t written GUARDED_BY(mutex) = 0; // lines in the span
+    std::size_t withheld GUARDED_BY(mutex) = 0;
 };
 
 } // namespace zephane

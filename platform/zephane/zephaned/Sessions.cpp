@@ -7,16 +7,17 @@
 namespace zephane {
 
 void Sessions::setMost(std::size_t sessions) {
-    const std::lock_guard lock(mutex);
+    const os::Lock lock(mutex);
     most = sessions;
 }
 
 Sessions::Number Sessions::add(Stop stop) {
-    std::unique_lock lock(mutex);
+    os::Lock lock(mutex);
     const Number number = ++last;
     if (!end.empty()) {
+        const std::string why = end;
         lock.unlock();
-        stop(end);
+        stop(why);
         return number;
     }
     Stop oldest;
@@ -33,7 +34,7 @@ Sessions::Number Sessions::add(Stop stop) {
 }
 
 bool Sessions::prove(Number number, const wire::ImageName& image) {
-    const std::lock_guard lock(mutex);
+    const os::Lock lock(mutex);
     const auto found = pending.find(number);
     const auto ofTheImage =
         std::ranges::count_if(proven, [&](const auto& entry) { return entry.second.image == image; });
@@ -47,13 +48,13 @@ bool Sessions::prove(Number number, const wire::ImageName& image) {
 }
 
 void Sessions::remove(Number number) {
-    const std::lock_guard lock(mutex);
+    const os::Lock lock(mutex);
     pending.erase(number);
     proven.erase(number);
 }
 
 void Sessions::stopAll(const std::string& why) {
-    std::unique_lock lock(mutex);
+    os::Lock lock(mutex);
     end = why;
     const std::map<Number, Stop> others = std::exchange(pending, {});
     lock.unlock();
@@ -66,7 +67,7 @@ void Sessions::stopAll(const std::string& why) {
 void Sessions::stopThose(const std::function<bool(const wire::ImageName& image)>& isMeant,
                          const std::string& why) {
     std::vector<Stop> stops;
-    std::unique_lock lock(mutex);
+    os::Lock lock(mutex);
     for (const auto& [number, session] : proven) {
         if (isMeant(session.image)) {
             stops.push_back(session.stop);

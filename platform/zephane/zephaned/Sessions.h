@@ -1,12 +1,12 @@
 #pragma once
 
+#include "os/Mutex.h"
 #include "zephane/wire/Hello.h"
 
 #include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <map>
-#include <mutex>
 #include <string>
 
 namespace zephane {
@@ -48,12 +48,12 @@ private:
         Stop stop;
     };
 
-    mutable std::mutex mutex;
-    std::size_t most;                 // guarded by mutex
-    std::string end;                  // why all are stopped; empty if they aren't; guarded by mutex
-    Number last = 0;                  // guarded by mutex
-    std::map<Number, Stop> pending;   // guarded by mutex; the oldest first
-    std::map<Number, Session> proven; // guarded by mutex
+    mutable os::Mutex mutex;
+    std::size_t most GUARDED_BY(mutex);
+    std::string end GUARDED_BY(mutex); // why all are stopped; empty if they aren't
+    Number last GUARDED_BY(mutex) = 0;
+    std::map<Number, Stop> pending GUARDED_BY(mutex); // the oldest first
+    std::map<Number, Session> proven GUARDED_BY(mutex);
 };
 
 } // namespace zephane

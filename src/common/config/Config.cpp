@@ -15,13 +15,12 @@ namespace {
 
 using nlohmann::json;
 
-/// std::regex recurses with the length of its input; a key that could be somebody's attempt to use up the
-/// stack is no key.
+/// std::regex recurses with the length of its input. Longer keys are invalid: they could use up the stack.
 constexpr std::size_t longestKey = 1024;
 
 /// How a pair is shown in messages.
 std::string pairText(const std::string& key, const json& value) {
-    constexpr std::size_t longest = 1024; // of either
+    constexpr std::size_t longest = 1024; // bytes of the key, and of the value
     const std::string text = value.dump(-1, ' ', false, json::error_handler_t::replace);
     return "{\"" + printable(shortened(key, longest)) + "\" : " + shortened(text, longest) + "}";
 }

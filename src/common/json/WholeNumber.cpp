@@ -13,7 +13,7 @@ namespace {
 
 using nlohmann::json;
 
-// The library's numbers for an unexpected type and for a number that is out of range.
+// The JSON library's numbers for two of its errors: an unexpected type, and a number that is out of range.
 constexpr int typeErrorId = 302;
 constexpr int rangeErrorId = 406;
 

@@ -17,9 +17,9 @@
 #include "core/backup/phase/ValidateRemoteTargets.h"
 #include "core/operation/NeverCancel.h"
 #include "info/CowFileSize.h"
+#include "os/Mutex.h"
 
 #include <algorithm>
-#include <mutex>
 #include <stdexcept>
 #include <utility>
 
@@ -27,10 +27,10 @@ namespace agent::core::backup {
 
 namespace {
 
-/// Held for the whole of a run. Backups share the machine's volumes and its one snapshot driver, and belong
-/// to different engines' threads, so this is the process's and not any object's.
-std::mutex& runMutex() {
-    static std::mutex mutex;
+/// Held during each whole run. The mutex belongs to the process, because all backups share the machine's
+/// volumes and its one snapshot driver, whichever engine's thread they run on.
+os::Mutex& runMutex() {
+    static os::Mutex mutex;
     return mutex;
 }
 
@@ -93,7 +93,7 @@ bool Backup::isFinished() const {
 
 void Backup::cancel() {
     logger.log(info::level::info, "Asking backup %s to cancel...", id.c_str());
-    cancelAsked = true; // before the operation's own flag, which the run may be resetting right now
+    cancelAsked = true; // before the operation's own flag, which `run` may be resetting at this moment
     cancelableOperation->cancel();
 }
 
@@ -105,7 +105,7 @@ void Backup::run(std::unique_ptr<BackupSession> session) {
     if (!session) {
         throw std::invalid_argument("Invalid session pointer given to backup run!");
     }
-    const std::lock_guard lock(runMutex());
+    const os::Lock lock(runMutex());
     const RunRecord record(logger, id, *backupAttributes);
     info::CowFileSize cowFileSize(config);
     Snapshots snapshots{makeSnapshotControl(cowFileSize), {}, SnapshotTurn()};
@@ -152,11 +152,11 @@ Backup::Outcome Backup::runProtected(std::unique_ptr<BackupSession> session, Sna
 
 Backup::Outcome Backup::runCancelable(std::unique_ptr<BackupSession> session, Snapshots& snapshots) {
     cancelableOperation->reset();
-    if (cancelAsked) { // while this backup waited for its turn: it must not begin
+    if (cancelAsked) { // cancelled while this backup waited for runMutex: it must not begin
         cancelableOperation->cancel();
     }
     if (heartbeat) {
-        heartbeat->reset(); // the time before the run is nobody's silence
+        heartbeat->reset(); // missing pings don't count while the backup waits for its run
         heartbeat->setCallback([this] {
             info::LogEntry(logger, info::level::error, info::reason("appliance-silent"))
                 << "Backup cancelling due to lost ordak ping";
@@ -189,7 +189,7 @@ void Backup::runBackup(BackupSession& session, SnapshotSessionControl& control, 
         logger, control, snapshotInfo, volumes, *backupAttributes, *snapshotAttributes, quiesce, status));
     info::LogEntry(logger, info::level::info) << "Beginning running backup phases...";
     PhaseRunner(logger, populate).run(cancel);
-    for (const auto& volume : volumes) { // known only now
+    for (const auto& volume : volumes) { // filled by the `populate` phase
         transfer.push_back(std::make_unique<phase::CopyVolume>(
             logger, session, snapshotInfo, volume, *backupAttributes, status, dataProvider, cancel, config));
     }
@@ -215,7 +215,7 @@ void Backup::runPostBackup(Snapshots& snapshots, Outcome outcome) {
 }
 
 void Backup::conclude(SnapshotSessionControl& control, const Volumes& volumes, bool success) {
-    std::shared_ptr<ISnapshotInfo> snapshotInfo; // what has become of the snapshots
+    std::shared_ptr<ISnapshotInfo> snapshotInfo; // the state after the snapshots have ended
     Phases phases;
     phases.push_back(
         std::make_unique<phase::TransitionToIncremental>(control, snapshotInfo, volumes, success));

@@ -15,7 +15,7 @@ BackupSession::BackupSession(info::Logger& logger) : logger(logger) {
     info::LogEntry(logger, info::level::debug) << "Backup session created";
 }
 
-// The stream form of logging is used here because it lets nothing escape.
+// Logs through LogEntry, because a LogEntry lets no exception escape.
 BackupSession::~BackupSession() {
     opened = false;
     info::LogEntry(logger, info::level::info) << "Closing backup session, finalizing remote targets...";

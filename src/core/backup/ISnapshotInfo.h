@@ -6,9 +6,9 @@
 
 namespace agent::core::backup {
 
-/// What is known of the snapshots of a backup.
-/// Owns:    the records.
-/// Threads: never changes; safe from any.
+/// What is known about the snapshots of a backup.
+/// Owns:    one record for each volume.
+/// Threads: immutable; safe from any.
 /// Fails:   std::invalid_argument for a volume without a snapshot.
 class ISnapshotInfo {
 public:

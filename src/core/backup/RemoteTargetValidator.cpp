@@ -14,7 +14,7 @@ namespace agent::core::backup {
 
 namespace {
 
-/// Disconnects a transport at the end of a scope. One that has never been connected takes that as nothing.
+/// Disconnects a transport at the end of a scope. That does nothing if the transport was never connected.
 class Disconnection {
 public:
     explicit Disconnection(ITransport& transport) : transport(transport) {}
@@ -39,7 +39,7 @@ void RemoteTargetValidator::validate(const std::string& uuid, IBackupAttributes&
             info::reason("target-unreachable"),
             "Failed to open transport connection while validating remote target");
     }
-    // What the remote image holds has no influence on the other types.
+    // The other types don't depend on the content of the remote image.
     if (attributes.getBackupType(uuid) == INCREMENTAL && !isTheImageOfTheLastBackup(uuid, generator)) {
         attributes.setBackupType(uuid, DIFFERENTIAL_MERGE);
     }

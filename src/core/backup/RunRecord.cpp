@@ -36,7 +36,7 @@ void RunRecord::write(const std::string& outcome, const IBackupStatusHandler& st
     }
 }
 
-/// Mount points may have any bytes in their names, and JSON none but UTF-8.
+/// Mount points may contain any bytes, but JSON only UTF-8, so invalid bytes are replaced.
 std::string RunRecord::lineOf(const VolumeBackupStatus& volume, const std::string& mountPoint,
                               const std::string& outcome) const {
     const nlohmann::json record = {

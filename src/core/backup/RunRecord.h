@@ -13,26 +13,26 @@
 
 namespace agent::core::backup {
 
-/// What a run has come to, for programs that read the log: at its end one line a volume,
+/// Logs the result of a run for programs that read the log. At the end of the run, each volume gets one line,
 ///     Backup record: {"asked":"INCREMENTAL","backup":ID,...}
-/// of one JSON object:
+/// with one JSON object:
 ///     backup, volume          their UUIDs
 ///     mountPoint              the first one; empty if the volume wasn't found, or isn't mounted
-///     asked, type             FULL, DIFFERENTIAL MERGE or INCREMENTAL: what was asked for, what became of it
-///     outcome                 success, failed or cancelled: that of the whole run
-///     copiedBytes, totalBytes what was copied, and the estimate before; -1 until that is known
+///     asked, type             FULL, DIFFERENTIAL MERGE or INCREMENTAL: the requested and the actual type
+///     outcome                 success, failed or cancelled, of the whole run
+///     copiedBytes, totalBytes the bytes copied, and the estimate before the copy; -1 until that is known
 ///     seconds                 how long the whole run took, to the millisecond
-/// Owns:    nothing but what it has noted; the others must outlive it.
-/// Threads: that of the run.
-/// Fails:   never, but for want of memory.
+/// Owns:    the requested types and the start time; logger and attributes must outlive it.
+/// Threads: the thread of the run.
+/// Fails:   only with std::bad_alloc.
 class RunRecord {
 public:
     using Volumes = std::vector<info::VolumeProvider::Volume>;
 
-    /// The run begins.
+    /// To be constructed when the run begins: notes the time and the requested types.
     RunRecord(info::Logger& logger, std::string backup, const IBackupAttributes& attributes);
 
-    /// The run has ended. `volumes` are those that were found.
+    /// Logs the lines, at the end of the run. `volumes` are the volumes that were found.
     void write(const std::string& outcome, const IBackupStatusHandler& status, const Volumes& volumes) const;
 
 private:

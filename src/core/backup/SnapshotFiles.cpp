@@ -28,7 +28,8 @@ std::string changeRecord(const Path& root, const info::DriverDeviceInfo& device)
     const bool isInSnapshot = device.state == info::driver_state::activeSnapshot;
     const bool isSecondCurrent = device.cow_file.ends_with(secondCow);
     const Path second = root / secondCow;
-    // A first snapshot has no file beside the current one, and what was tracked may have lost its own.
+    // The second file may not exist: a first snapshot has only one CoW file, and the file of a tracked device
+    // may have been deleted.
     const bool isSecond = isInSnapshot != isSecondCurrent && file::exists(second);
     return isSecond ? second.str() : (root / firstCow).str();
 }

@@ -44,34 +44,35 @@ using info::level::warning;
 
 using IncrementalStates = std::unordered_map<std::string, bool>;
 
-/// What the record of changes holds that the driver has closed with a snapshot.
+/// Which changes are in the change record that the driver closed when it took the snapshot.
 enum class ClosedRecord {
-    sinceLastSnapshot, ///< without what failed backups before that owe
-    allThatIsOwed,
+    sinceLastSnapshot, ///< without older changes that failed backups haven't sent
+    allThatIsOwed,     ///< all changes that the image lacks
 };
 
 constexpr std::uint64_t bytesPerMiB = 1048576;
-/// No CoW file is smaller.
+/// The minimum size of a CoW file.
 constexpr std::uint64_t smallestCowMiB = 100;
 
-/// Of a volume, in bytes.
+/// The space that a snapshot needs and has on a volume, in bytes.
 struct Room {
-    std::uint64_t cowFile = 0;    ///< what is asked for, for changes
-    std::uint64_t table = 0;      ///< what each CoW file holds beside that
-    std::uint64_t driversOwn = 0; ///< of which there is one for all snapshots
+    std::uint64_t cowFile = 0;    ///< the configured size of a CoW file, for the copied blocks
+    std::uint64_t table = 0;      ///< the block table, which each CoW file has in addition
+    std::uint64_t driversOwn = 0; ///< the driver's other files, which all snapshots share
     std::uint64_t available = 0;
 
     [[nodiscard]] std::uint64_t required() const { return cowFile + table + driversOwn; }
 };
 
-/// The log has the long text, the exception the short one.
+/// Logs `logged` and throws `thrown`.
 [[noreturn]] void fail(Logger& logger, const Reason& reason, const std::string& logged,
                        const std::string& thrown) {
     LogEntry(logger, error, reason) << logged;
     throw info::Reasoned<std::runtime_error>(reason, thrown);
 }
 
-/// Journals can't be replayed on a snapshot, and an XFS file system has its UUID mounted already.
+/// A journal can't be replayed on a read-only snapshot, and XFS refuses to mount a UUID that is already
+/// mounted.
 std::string mountOptions(const std::string& fileSystem) {
     if (fileSystem == "xfs") {
         return "nouuid,norecovery";
@@ -79,12 +80,12 @@ std::string mountOptions(const std::string& fileSystem) {
     return fileSystem == "ext3" || fileSystem == "ext4" ? "norecovery" : "";
 }
 
-/// Some file systems have whatever they like for a UUID: it may not lead out of the directory.
+/// The UUID of some file systems can be any text; as a directory name it must not lead out of the mount root.
 bool isEntryName(const std::string& name) {
     return !name.empty() && name != "." && name != ".." && name.find('/') == std::string::npos;
 }
 
-/// The driver's count is taken from a file on the volume.
+/// `changed` is read from a CoW file on the volume, so it may be wrong and exceed `blocks`.
 std::uint64_t unchangedBlocks(std::uint64_t blocks, std::uint64_t changed) {
     return changed < blocks ? blocks - changed : 0;
 }
@@ -135,11 +136,12 @@ private:
     std::unique_ptr<info::IDriverController> driver;
     std::shared_ptr<const info::IDriverExtension> extension;
     std::once_flag validateOnce;
-    std::unordered_map<std::string, Room> rooms; // by UUID, as they were when the session was validated
-    /// By UUID, what the closed records of this session hold. A volume that isn't in here is one whose debt
-    /// this session doesn't know: it never started the snapshot, or not from an intact record.
+    std::unordered_map<std::string, Room> rooms; // by UUID, measured when the session was validated
+    /// What the closed change records of this session contain, by UUID. If a volume isn't in the map, this
+    /// session doesn't know its debt: it didn't start the volume's snapshot, or the change record wasn't
+    /// intact.
     std::unordered_map<std::string, ClosedRecord> closedRecords;
-    /// By UUID, the volumes whose snapshots could neither be trusted nor be destroyed.
+    /// The UUIDs of volumes whose snapshots could be neither trusted nor destroyed.
     std::unordered_set<std::string> abandoned;
     const Path mountRoot = "/tmp/tolvuMountRoot";
 };
@@ -201,12 +203,13 @@ bool SnapshotSessionControl::Impl::hasEnoughFreeSpace(const BackupableVolume& vo
     return false;
 }
 
-/// The first CoW file is still there when the second one is made, so a volume that has room enough for this
-/// backup may fail the next one. Better told now than then.
+/// The next backup creates a second CoW file while the first one still exists, so a volume that has enough
+/// space for this backup may have too little for the next one. The warning gives the administrator time to
+/// react.
 void SnapshotSessionControl::Impl::warnOfSecondCowFile(const BackupableVolume& volume) {
     const Room& room = rooms[volume.getUuid()];
     const std::uint64_t left = room.available - std::min(room.available, room.required());
-    const std::uint64_t tables = 2 * room.table; // the history of the first backup has one, too
+    const std::uint64_t tables = 2 * room.table; // the first backup's history file has a table, too
     const std::uint64_t wanted = room.cowFile + tables;
     if (left >= wanted) {
         return;
@@ -221,7 +224,7 @@ void SnapshotSessionControl::Impl::warnOfSecondCowFile(const BackupableVolume& v
     }
 }
 
-/// A driver that can't tell fails when it takes the room, at the latest.
+/// Returns 0 if the driver can't tell: with too little space, taking the snapshot fails later.
 std::uint64_t SnapshotSessionControl::Impl::driversRoom(const BackupableVolume& volume) {
     try {
         return extension->getRoom(volume.getDevice());
@@ -231,7 +234,7 @@ std::uint64_t SnapshotSessionControl::Impl::driversRoom(const BackupableVolume& 
     }
 }
 
-/// A change record without its history fails: nobody could tell whether an earlier backup is owed changes.
+/// False for a change record without a history: changes that earlier, failed backups didn't send may be lost.
 bool SnapshotSessionControl::Impl::hasSnapshotFiles(const BackupableVolume& volume) {
     block::IncrementalBitmapInfo record;
     try {
@@ -270,7 +273,7 @@ void SnapshotSessionControl::Impl::checkIncrementalState(const Volumes& volumes,
     }
 }
 
-/// `hasChangeRecord` becomes false if the device is no longer what it was when the session was validated.
+/// Sets `hasChangeRecord` to false if the device has stopped being tracked since the session was validated.
 void SnapshotSessionControl::Impl::startSnapshot(const BackupableVolume& volume, bool& hasChangeRecord) {
     const bool wasTracked = isTracked(volume);
     if (!wasTracked) {
@@ -292,7 +295,8 @@ void SnapshotSessionControl::Impl::startSnapshot(const BackupableVolume& volume,
     }
 }
 
-/// A merge that breaks off leaves a record that nobody can rely on.
+/// An interrupted merge leaves an unreliable change record, so its entry in `closedRecords` is removed
+/// meanwhile.
 void SnapshotSessionControl::Impl::mergeHistory(const BackupableVolume& volume) {
     closedRecords.erase(volume.getUuid());
     if (!driver->rollForward(volume)) {
@@ -320,7 +324,7 @@ bool SnapshotSessionControl::Impl::mountSnapshot(const BackupableVolume& volume,
     return true;
 }
 
-/// Returns 0 or the value of `errno`.
+/// Returns 0 or an errno value.
 int SnapshotSessionControl::Impl::tryToMount(const BackupableVolume& volume, const std::string& snapshotPath,
                                              const Path& target) {
     if (!isEntryName(volume.getUuid())) {
@@ -352,7 +356,7 @@ void SnapshotSessionControl::Impl::unmountAll() {
         for (const std::string& name : dir::list(mountRoot)) {
             const std::string path = mountRoot / name;
             unmount(path);
-            ::rmdir(path.c_str()); // removes an empty directory only, and nothing that is mounted
+            ::rmdir(path.c_str()); // fails harmlessly if the directory isn't empty or is still a mount point
         }
     } catch (const PosixError& failure) {
         LogEntry(logger, warning) << failure.what();
@@ -403,8 +407,9 @@ void SnapshotSessionControl::Impl::keepDebtOrAbandon(const BackupableVolume& vol
     }
 }
 
-/// Saves all that the volume owes to its image as the history, which the next backup begins with. Without a
-/// record of this session there is nothing to save: the history is either still right or of no use.
+/// Saves all changes that the image lacks as the volume's history, with which the next backup begins. If this
+/// session has no change record, there is nothing to save: the existing history is either still correct or
+/// useless.
 bool SnapshotSessionControl::Impl::keepDebt(const BackupableVolume& volume) {
     const auto record = closedRecords.find(volume.getUuid());
     if (record == closedRecords.end()) {
@@ -414,8 +419,8 @@ bool SnapshotSessionControl::Impl::keepDebt(const BackupableVolume& volume) {
     return isWhole && driver->makeHistory(volume, false);
 }
 
-/// A snapshot whose debt isn't known must not become what the next changes are counted from. Without a device
-/// the next backup compares everything. A volume that is merely tracked has lost nothing and stays so.
+/// If the debt of a snapshot isn't known, the next changes must not be tracked from it. Without a device the
+/// next backup compares all blocks. A volume that is only tracked has lost no changes and stays tracked.
 void SnapshotSessionControl::Impl::abandon(const BackupableVolume& volume) {
     DriverDeviceInfo device;
     if (driver->getDeviceInfo(volume, device)) {
@@ -475,7 +480,7 @@ SnapshotSessionControl::Impl::getSnapshotFiles(const BackupableVolume& volume) c
     return snapshot_files::below(mountRoot / volume.getUuid(), extension->getOwnFiles());
 }
 
-/// Of a volume that can have a record of changes.
+/// Throws std::runtime_error if the volume can't have a change record: it isn't mounted, or has no device.
 DriverDeviceInfo SnapshotSessionControl::Impl::deviceOf(const BackupableVolume& volume) {
     if (volume.getMountPoints().empty()) {
         throw std::runtime_error("Unable to determine incremental bitmap file name.");

@@ -14,7 +14,7 @@ namespace agent::core::backup {
 namespace {
 
 constexpr std::chrono::milliseconds betweenLooks{100};
-/// Whoever can open the file can hold its lock.
+/// Anybody who can open the file can hold its lock.
 constexpr mode_t forRootAlone = 0600;
 
 } // namespace

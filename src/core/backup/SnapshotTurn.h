@@ -9,27 +9,29 @@
 
 namespace agent::core::backup {
 
-/// Whose turn it is to take snapshots and to end them: a machine has one driver and one place to mount them,
-/// and what one program begins another one would take for a leftover and destroy. The turn is a lock on a
-/// file, which the kernel takes back from a process however that ends.
-/// Owns:    the open file, and with it the turn, until it goes.
+/// A lock between processes, held while snapshots are taken, used and ended. A machine has one driver and one
+/// directory to mount snapshots in, and without the lock a program would take another program's snapshots for
+/// leftovers and destroy them. It is a flock(2) on a file, which the kernel releases however the process
+/// ends.
+/// Owns:    the open file, and with it the lock, until the object is destroyed.
 /// Threads: one at a time.
 /// Fails:   `wait` throws; nothing else does.
 class SnapshotTurn {
 public:
-    /// A file that can't be locked is no reason for a backup to fail: it goes on `unguarded`.
+    /// `mine` and `others` say which process holds the lock. If the file can't be locked at all, the backup
+    /// goes on `unguarded` rather than fail.
     enum class State { none, mine, others, unguarded };
 
     static constexpr const char* usualPath = "/run/bekd-snapshots.lock";
-    /// Whoever else takes snapshots has ended them long before that.
+    /// Other programs that take snapshots end them much sooner than this.
     static constexpr std::chrono::seconds longestWait{900};
 
     explicit SnapshotTurn(std::string path = usualPath) : path(std::move(path)) {}
 
-    /// Takes the turn if nobody has it; returns at once.
+    /// Takes the lock if it is free; returns at once.
     State take();
-    /// Takes the turn, and waits for it while another process has it. Throws what `cancel` throws, and
-    /// std::runtime_error when `longest` is over.
+    /// Takes the lock, and waits while another process holds it. Throws what `cancel` throws, and
+    /// std::runtime_error after `longest`.
     void wait(info::Logger& logger, ICancel& cancel, std::chrono::milliseconds longest = longestWait);
 
 private:

@@ -19,7 +19,7 @@ struct BitRuns {
     std::array<Run, 4> runs{};
 };
 
-/// The runs of every byte value, made by the compiler.
+/// The runs of every byte value, computed at compile time.
 class BitRunTable {
 public:
     constexpr BitRunTable() noexcept {
@@ -55,7 +55,7 @@ private:
 
 inline constexpr BitRunTable bitRunTable;
 
-/// Turns the bits of each byte of a word around, the least significant bit into the most significant one.
+/// Reverses the order of the bits in each byte of a word.
 [[nodiscard]] constexpr std::uint64_t reverseBitsOfBytes(std::uint64_t word) noexcept {
     word = (word >> 1U & 0x5555555555555555) | (word & 0x5555555555555555) << 1U;
     word = (word >> 2U & 0x3333333333333333) | (word & 0x3333333333333333) << 2U;

@@ -20,16 +20,16 @@ namespace {
 using info::level::debug;
 using info::level::warning;
 
-/// Their records take 56 MiB. A file in more pieces than that is copied, which costs no more than time.
+/// The records of so many extents take 56 MiB. A file with more extents is copied, which only costs time.
 constexpr std::uint32_t mostExtents = std::uint32_t{1} << 20U;
 
-/// Where the kernel doesn't know yet, or won't tell, the number is none of the file's blocks; and where
-/// others have a share in the blocks, by a reflink or as neighbours in one block, they lose nothing by this
-/// file.
+/// An extent with one of these flags isn't excluded. UNKNOWN and DELALLOC mean that its block number isn't
+/// valid (yet). SHARED (by a reflink) and NOT_ALIGNED (in a block with other data) mean that other files use
+/// its blocks, too.
 constexpr std::uint32_t notTheFilesAlone =
     FIEMAP_EXTENT_UNKNOWN | FIEMAP_EXTENT_DELALLOC | FIEMAP_EXTENT_SHARED | FIEMAP_EXTENT_NOT_ALIGNED;
 
-/// One look at where a file lies.
+/// Reads the extents of one file.
 class ExtentWalk {
 public:
     ExtentWalk(info::Logger& logger, std::uint32_t blockSize, const std::string& path,
@@ -48,7 +48,7 @@ public:
 
 private:
     void open() {
-        // Neither a pipe nor a link to somewhere else is the file that is meant.
+        // The path must be the file itself: a pipe must not block the open, and a link must not be followed.
         file = os::FileDescriptor(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW));
         if (!file) {
             fail("Failed to open handle to file \"" + path + "\", error: ");

@@ -15,12 +15,12 @@ namespace {
 constexpr std::size_t longestRead = 0x400000;
 constexpr std::size_t pageSize = 4096;
 
-/// A device that couldn't be asked for its sectors is read in pages: that suits every device.
+/// If the device's sector size isn't known, reads are aligned to pages, which works for every device.
 std::size_t known(std::size_t alignment) {
     return alignment == 0 ? pageSize : alignment;
 }
 
-/// The aligned range around the one that is asked for; `alignment` isn't 0.
+/// The aligned range around the requested one; `alignment` isn't 0.
 struct AlignedRange {
     AlignedRange(std::size_t alignment, std::uint64_t offset, std::size_t length)
         : first(offset / alignment * alignment),
@@ -28,11 +28,11 @@ struct AlignedRange {
           length(((skip + length - 1) / alignment + 1) * alignment) {}
 
     std::uint64_t first;
-    std::size_t skip; ///< from `first` to what is asked for
+    std::size_t skip; ///< bytes from `first` to the requested range
     std::size_t length;
 };
 
-/// Fills `buffer` with the range, as far as the device goes. Returns 0, or -1.
+/// Fills `buffer` with the range, up to the device's end. Returns 0, or -1.
 int readRange(info::Logger& logger, IVolumeReader& reader, const AlignedRange& range, void* buffer,
               std::size_t& arrived) {
     const auto first = static_cast<std::int64_t>(range.first);
@@ -47,7 +47,7 @@ int readRange(info::Logger& logger, IVolumeReader& reader, const AlignedRange& r
     return 0;
 }
 
-/// Whether the device can deliver straight into the buffer.
+/// Whether the device can read directly into the buffer.
 bool suits(const AlignedRange& range, std::size_t alignment, std::size_t length, void* buffer) {
     void* aligned = buffer;
     std::size_t space = length;

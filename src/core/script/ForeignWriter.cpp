@@ -14,7 +14,7 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr mode_t permissions = 07777;
-/// As many as the kernel follows.
+/// The kernel's limit.
 constexpr int mostLinks = 40;
 
 std::string describe(const fs::path& place, const struct ::stat& found) {
@@ -24,10 +24,11 @@ std::string describe(const fs::path& place, const struct ::stat& found) {
            ")";
 }
 
-/// One way through the directories, step by step, as the kernel goes it.
+/// Resolves a path component by component, like the kernel.
 class Way {
 public:
-    /// Goes from `place`, which has been looked at, along `rest`.
+    /// Resolves `rest` from `place`, which has been checked. Returns what others can write to, or an empty
+    /// text.
     std::string follow(fs::path place, fs::path rest) {
         while (!rest.empty()) {
             const fs::path step = *rest.begin();

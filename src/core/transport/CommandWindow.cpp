@@ -9,7 +9,7 @@ void CommandWindow::shrink(std::uint32_t others) {
 }
 
 void CommandWindow::grow() {
-    constexpr std::uint32_t part = 8; // so that one refusal isn't felt for long, and few come of trying
+    constexpr std::uint32_t part = 8; // recovers soon after a refusal, but causes few new ones
     commands = std::min(commands + commands / part + 1, most);
 }
 

@@ -14,7 +14,7 @@ namespace agent::core::iscsi {
 
 namespace {
 
-constexpr int pollMilliseconds = 1000; ///< between looks at what is overdue
+constexpr int pollMilliseconds = 1000; ///< the interval of the checks for overdue commands
 
 bool isForWantOfRoom(int status) {
     return status == SCSI_STATUS_BUSY || status == SCSI_STATUS_TASK_SET_FULL;
@@ -24,8 +24,8 @@ std::uint32_t wholeBlocks(std::uint32_t bytes, std::uint32_t blockSize) {
     return std::max(blockSize, bytes / blockSize * blockSize);
 }
 
-/// Has what is sent fill whole packets, for as long as it lives: the library sends each header by itself, and
-/// after it as little as the target takes at once.
+/// While it exists, TCP_CORK makes the socket send whole packets only. The library sends each header on its
+/// own, followed by as little data as the target accepts at once.
 class WholePackets {
 public:
     explicit WholePackets(int socket) : socket(socket) { set(1); }
@@ -34,7 +34,7 @@ public:
     ~WholePackets() { set(0); }
 
 private:
-    /// Where that can't be, the packets are small.
+    /// If setsockopt fails, packets are merely smaller.
     void set(int value) const { ::setsockopt(socket, IPPROTO_TCP, TCP_CORK, &value, sizeof value); }
 
     int socket;
@@ -92,7 +92,8 @@ bool Transfer::sendWhatFits() {
     return true;
 }
 
-/// What was refused goes first. There is an idle command for each that the window has room for.
+/// The next command to send, or null. Refused commands come first. There is always an idle command while the
+/// window has space.
 Transfer::Command* Transfer::nextCommand() {
     Command* command = find(State::refused);
     if (command == nullptr && begun < total) {
@@ -133,14 +134,14 @@ Task Transfer::makeTask(Command& command) {
         return Task(iscsi_read16_task(unit.context, unit.lun, lba, command.bytes, blockSize, 0, 0, 0, 0, 0,
                                       &Transfer::onAnswer, &command));
     }
-    // The library takes what it only reads as a pointer to what it could change.
+    // The library only reads these bytes, but its parameter isn't const.
     // NOLINTNEXTLINE(cppcoreguidelines-pro-type-const-cast)
     auto* const bytes = const_cast<unsigned char*>(source + command.offset);
     return Task(iscsi_write16_task(unit.context, unit.lun, lba, bytes, command.bytes, blockSize, 0, 0, 0, 0,
                                    0, &Transfer::onAnswer, &command));
 }
 
-/// Waits until the session can go on, and lets it.
+/// Waits until the session's socket is ready, and lets the library process it.
 bool Transfer::serve() {
     pollfd session{iscsi_get_fd(unit.context), static_cast<short>(iscsi_which_events(unit.context)), 0};
     const int ready = ::poll(&session, 1, pollMilliseconds);
@@ -151,7 +152,7 @@ bool Transfer::serve() {
     return iscsi_service(unit.context, ready > 0 ? session.revents : 0) >= 0 && !hasFailed && !isOverdue();
 }
 
-/// Whether the oldest command has waited for too long. One that is sent again begins anew.
+/// Whether a command has waited for too long. The time of a command that is sent again starts anew.
 bool Transfer::isOverdue() const {
     const Clock::time_point now = Clock::now();
     return std::ranges::any_of(commands, [&](const Command& command) {
@@ -159,13 +160,13 @@ bool Transfer::isOverdue() const {
     });
 }
 
-/// Takes the commands back, as what they refer to won't be there any more when an answer comes.
+/// Cancels all commands, because the memory that they refer to won't exist any more when answers arrive.
 void Transfer::abandon() {
     hasFailed = true;
     iscsi_scsi_cancel_all_tasks(unit.context);
 }
 
-/// Called by the library, from within one of the calls above.
+/// Called by the library, during one of its calls above.
 void Transfer::onAnswer(iscsi_context* /*context*/, int status, void* /*data*/, void* command) {
     auto& answered = *static_cast<Command*>(command);
     answered.transfer->take(answered, status);
@@ -184,10 +185,10 @@ void Transfer::take(Command& command, int status) {
     }
 }
 
-/// False if a target says that all is well and yet has delivered less.
+/// Delivers the data of a read. False if the target reports success but has sent less data than requested.
 bool Transfer::handOver(const Command& command, const scsi_task& task) {
     if (deliver == nullptr || command.offset >= wanted) {
-        return true; // a write, or the end of a block of which no more is wanted
+        return true; // a write, or the part of the last block past the wanted bytes
     }
     const std::uint64_t length = std::min<std::uint64_t>(command.bytes, wanted - command.offset);
     const scsi_data& data = task.datain;

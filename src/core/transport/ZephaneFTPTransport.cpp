@@ -36,12 +36,12 @@ std::unique_ptr<zephane::SocketImpl> makeSocket() {
     }
 }
 
-/// What the interface has for a code of the client.
+/// The errno value of ITransport's contract for a code of the client.
 int errnoOf(int code) {
     return code == -EINVAL || code == -ENOSPC || code == -ENOTCONN ? -code : EIO;
 }
 
-/// By the code that the server, or the network on the way to it, has answered with.
+/// The reason for a failed open, from the error code of the server or of the network.
 const info::Reason& whyNotOpened(int code) {
     switch (code) {
     case -EACCES:
@@ -206,7 +206,7 @@ void ZephaneFTPTransport::report(const std::string& failure, const zephane::Stat
                                  const info::Reason* reason) {
     info::LogEntry(logger, info::level::error, reason)
         << failure << " code: " << status.code
-        << " message: " << printable(status.text); // may be the server's
+        << " message: " << printable(status.text); // may come from the server
     errno = errnoOf(status.code);
 }
 

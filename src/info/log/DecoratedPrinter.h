@@ -5,7 +5,7 @@
 
 namespace agent::info {
 
-/// Decorates each message and hands it on. The decorator must outlive it.
+/// Decorates each message and passes it on to another printer. The decorator must outlive this object.
 class DecoratedPrinter {
 public:
     DecoratedPrinter(IDecorator& decorator, PrinterFunction printer);

@@ -4,7 +4,8 @@
 
 namespace agent::info {
 
-/// Prints only what its filter lets pass. An empty filter is a std::bad_function_call at the first message.
+/// Prints only the messages that its filter accepts. An empty filter throws std::bad_function_call at the
+/// first message.
 class FilteredPrinter {
 public:
     FilteredPrinter(FilterFunction filter, PrinterFunction printer);

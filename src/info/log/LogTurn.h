@@ -4,15 +4,14 @@
 
 namespace agent::info {
 
-/// Has what the calling thread logs wait for its turn, for as long as the object lives: where a thread works
-/// ahead of another one, its lines still come where they belong. Lines of a level that nobody gets don't
-/// wait.
+/// While the object exists, each line that the calling thread logs waits for the thread's turn. So if one
+/// thread works ahead of another, its lines still appear in the right place. Disabled levels don't wait.
 /// Owns:    the function that waits.
-/// Threads: that of the constructor, which the destructor must run on too. At most one on each.
-/// Fails:   a turn that never comes drops the line.
+/// Threads: the thread that creates it must also destroy it. Each thread may have one such object at a time.
+/// Fails:   if the turn never comes, the line is dropped.
 class LogTurn {
 public:
-    /// Returns when it is the thread's turn: true; false if that won't be any more.
+    /// Blocks until it is the thread's turn and returns true. Returns false if its turn will never come.
     using Wait = std::function<bool()>;
 
     explicit LogTurn(Wait wait);
@@ -20,10 +19,10 @@ public:
     LogTurn& operator=(const LogTurn&) = delete;
     ~LogTurn();
 
-    /// What the calling thread has to wait for. Null if it hasn't.
+    /// The object of the calling thread; null if its lines needn't wait.
     static const LogTurn* ofThisThread() { return current; }
 
-    /// Whether the line is to be logged.
+    /// Waits for the turn. Returns whether to log the line.
     [[nodiscard]] bool await() const { return wait(); }
 
 private:

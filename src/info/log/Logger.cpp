@@ -8,7 +8,7 @@
 namespace agent::info {
 
 Logger::Logger(PrinterFunction printer, LevelFunction wanted)
-    : printer(std::move(printer)), wanted(std::move(wanted)), mutex(std::make_shared<std::mutex>()) {}
+    : printer(std::move(printer)), wanted(std::move(wanted)), mutex(std::make_shared<os::Mutex>()) {}
 
 LogEntry Logger::log(int level, const char* format, ...) {
     LogEntry entry(*this, level);
@@ -37,7 +37,7 @@ void Logger::print(const std::string& message, int level) const {
     if (!printer || (turn != nullptr && isEnabled(level) && !turn->await())) {
         return;
     }
-    const std::lock_guard lock(*mutex);
+    const os::Lock lock(*mutex);
     printer(message, level, std::chrono::system_clock::now());
 }
 

@@ -4,7 +4,7 @@ namespace agent::info {
 
 namespace {
 
-/// A function object that calls `print` on a printer that outlives it.
+/// Returns a function object that calls `print` of `printer`, which must outlive it.
 template <typename Printer>
 auto printing(Printer& printer) {
     return [&printer](const std::string& message, int level, LogTime time) {

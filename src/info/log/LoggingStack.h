@@ -16,7 +16,7 @@
 
 namespace agent::info {
 
-/// The whole logging of the process, joined once at start.
+/// All loggers, printers and decorators of the process, connected once at the start.
 ///
 ///   logger ---------> printable -> date+tag -+-> screen
 ///                                            +-> level filter --> file, or the system log where the file
@@ -25,8 +25,8 @@ namespace agent::info {
 ///                                            +-> system log
 ///                                            +-> level filter --> file
 ///
-/// Owns:    every printer and decorator; they refer to each other, so the object never moves.
-/// Threads: both loggers from any thread; they have a mutex each and may append to one file at once.
+/// Owns:    every printer and decorator; they refer to each other, so the object can't be moved.
+/// Threads: any thread may use both loggers. Each has its own mutex, and both may append to one file at once.
 /// Fails:   never; a sink that fails is reported on standard error.
 class LoggingStack {
 public:
@@ -66,7 +66,7 @@ private:
 public:
     Logger securityLogger;
 
-    /// Takes lines apart again that either logger has written.
+    /// Parses lines that either logger has written.
     IDecorator& decorator() noexcept { return multiDecorator; }
 };
 

@@ -6,7 +6,7 @@
 
 namespace agent::info {
 
-/// Prints each message through all of its printers, in order; empty ones are passed over.
+/// Prints each message through all of its printers, in order, and skips empty ones.
 class MultiPrinter {
 public:
     explicit MultiPrinter(std::vector<PrinterFunction> printers);

@@ -8,12 +8,12 @@
 
 namespace agent::info {
 
-/// Hands each message on as printable text: whatever a peer, a script or a disk has put into it can neither
-/// drive a terminal nor fill the disk. A message may have several lines, but none of them passes for another
-/// message: a newline before what `decorator` could take apart is written out. The decorator must outlive it.
+/// Passes each message on as printable text: what a peer, a script or a disk has put into it can neither
+/// control a terminal nor fill the disk. A message may have several lines, but none that looks like another
+/// message: the newline before a line that `decorator` can parse is escaped. The decorator must outlive it.
 class PrintablePrinter {
 public:
-    /// In bytes; what GET /event gives back of a line, too.
+    /// In bytes. GET /event returns no more than this of a line, either.
     static constexpr std::size_t longestMessage = 1024UL * 1024;
 
     PrintablePrinter(IDecorator& decorator, PrinterFunction printer);

@@ -1,5 +1,5 @@
-"""Volumes on device-mapper with a device of the driver, while a program writes; and what has to be true of
-the driver's pictures and records of them, whatever has been done to the volume meanwhile."""
+"""Volumes on device-mapper with a device of the driver, while a program writes; and checks of the snapshots
+and records that must hold whatever happens to the volume meanwhile."""
 import contextlib
 import errno
 import json
@@ -18,15 +18,15 @@ from tolvubd_site import Cow, LogicalVolumes, SNAPSHOT, UNIT, call, cow_files, l
 
 SECONDS = 60
 COW_MEBIBYTES = 12
-EVENT_SECONDS = 5 # within which a snapshot that isn't the moment any more must fail
+EVENT_SECONDS = 5 # within which a snapshot that isn't valid any more must fail
 PIECE = 1 << 20
-SECTORS = 2048 # in a mebibyte
+SECTORS = 2048 # per MiB
 BLOCKS = LogicalVolumes.blocks
 
 
 def logical_volumes(group, *options, slack=0):
-    """Where Volume finds its device: in a group, made with these options, and with so many mebibytes more
-    than its file system needs."""
+    """Returns the place for a Volume in a volume group: the device is made with these options, and with
+    `slack` MiB more than the file system needs."""
     @contextlib.contextmanager
     def place(name, filesystem, sectors):
         device = group.create(name, -(-sectors // SECTORS), *options)
@@ -38,12 +38,12 @@ def logical_volumes(group, *options, slack=0):
 
 
 class Unreadable(Exception):
-    """A device gave an error instead of what is on it."""
+    """A device returned an error instead of its data."""
 
 
 def picture(device):
-    """What tells the units on a device from others, read past the page cache. The units themselves of two
-    moments don't fit in the memory of a machine."""
+    """A hash of each unit on a device, read past the page cache. The units of two moments themselves don't
+    fit in a machine's memory."""
     with subprocess.Popen(["dd", f"if={device}", f"bs={PIECE}", "iflag=direct", "status=none"],
                           stdout=subprocess.PIPE, stderr=subprocess.PIPE) as reading:
         units = [hash(piece[at:at + UNIT]) for piece in iter(lambda: reading.stdout.read(PIECE), b"")
@@ -65,8 +65,8 @@ def differing(before, after):
 
 
 class Writer(Stay):
-    """A program that writes to a directory for as long as this lasts. None of its writes may fail, and what
-    it has written must be there in the end."""
+    """A program that writes to a directory during the context. None of its writes may fail, and what it has
+    written must be there in the end."""
 
     def __init__(self, directory):
         super().__init__()
@@ -80,7 +80,7 @@ class Writer(Stay):
         self.wait_for_writes()
 
     def wait_for_writes(self):
-        """Until it has written since now."""
+        """Waits until the program has written again."""
         before = self._changed()
         wait_until(lambda: self._changed() != before, SECONDS, "a write")
 
@@ -94,9 +94,9 @@ class Writer(Stay):
 
 
 class Protected(Stay):
-    """A volume that has a snapshot, and a program that writes to it. `first` is the snapshot's picture;
-    `changed` counts the units that have changed according to pictures, `untouched` those that only a record
-    tells."""
+    """A volume that has a snapshot, and a program that writes to it. `first` is the snapshot's picture.
+    `changed` counts the units that have changed according to the pictures, `untouched` those that only a
+    record names."""
 
     def __init__(self, volume, minor=0, cow_mebibytes=COW_MEBIBYTES):
         super().__init__()
@@ -113,12 +113,12 @@ class Protected(Stay):
         self.start()
 
     def start(self):
-        """A first snapshot."""
+        """Takes the first snapshot."""
         must("setup_snapshot", self.minor, self.volume.device, self.volume.cow, self._cow_mebibytes)
         self.begin()
 
     def begin(self):
-        """The first snapshot is there."""
+        """Continues after the first snapshot has been taken."""
         self._files = [self.volume.cow, self.volume.other_cow]
         self.first = picture(self.node)
         self._own = self.own_units()
@@ -129,19 +129,19 @@ class Protected(Stay):
         self.writer.wait_for_writes()
 
     def error(self):
-        """What the driver says is wrong with the device, now that it has looked."""
+        """The device's error in the driver's status, after the driver has checked it."""
         must("start")
         return next(device["error"] for device in info()["devices"] if device["minor"] == self.minor)
 
     def own_units(self):
-        """Where the driver's own files lie, which nobody copies."""
+        """The units of the driver's own files, which no backup copies."""
         return {unit for name in cow_files(self.volume)
                 for begin, length in extents_on(self.volume.device, self.volume.filesystem,
                                                 self.volume.mount_point, name)
                 for unit in range(begin // UNIT, -(-(begin + length) // UNIT))}
 
     def outcome(self):
-        """What has come of the device, in words; fails where a picture or a record is wrong."""
+        """The outcome for the device, in words; fails if a picture or a record is wrong."""
         if states().get(self.minor) != SNAPSHOT:
             return self.next_record()
         picture_is = self.look()
@@ -152,7 +152,7 @@ class Protected(Stay):
         return f"{picture_is}; {self.next_record()}"
 
     def look(self):
-        """The snapshot shows the moment, or nothing."""
+        """Checks that the snapshot shows its moment, or nothing."""
         try:
             now = picture(self.node)
         except Unreadable:
@@ -168,7 +168,8 @@ class Protected(Stay):
         return f"snapshot ended ({errno.errorcode[error]})"
 
     def next_record(self):
-        """The next snapshot's record tells all that has changed since the last picture, or there is none."""
+        """Checks that the next snapshot's record has all units that have changed since the last picture,
+        unless the snapshot is refused."""
         done = self.take_next()
         return self.check_record() if done else self.full_comparison(done)
 
@@ -176,7 +177,7 @@ class Protected(Stay):
         return call("transition_snapshot", self.minor, self._files[1], self._cow_mebibytes, wrapper=wrapper)
 
     def check_record(self):
-        """Another snapshot has been taken."""
+        """Checks the record after another snapshot has been taken."""
         closed, current = self._files
         now, error = picture(self.node), self.error()
         assert error == 0, "a snapshot was taken of what isn't sound"
@@ -191,7 +192,8 @@ class Protected(Stay):
         return "set right" if len(told) < self.volume.size // UNIT else "everything told"
 
     def full_comparison(self, refused):
-        """A device that isn't trusted says so, and is made anew: tracked again if its volume still can be."""
+        """Checks that a device that isn't trusted reports it; makes it anew, and tracks it again if the
+        volume still allows that."""
         assert refused.value == -1 and refused.error != 0
         assert self.error() != 0, f"refused with {errno.errorcode[refused.error]}, but the status is healthy"
         done = tolvuctl("destroy", self.minor)
@@ -207,7 +209,7 @@ class Protected(Stay):
         return f"full comparison ({errno.errorcode[refused.error]}), {end}"
 
     def end(self):
-        """No program has noticed anything; the volume is as LVM has it, and sound."""
+        """Checks that the writing program saw no error, and that the volume is as LVM has it, and sound."""
         self.writer.end()
         forget_devices()
         assert layers() == []

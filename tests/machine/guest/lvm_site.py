@@ -1,4 +1,4 @@
-"""A machine on which the agent's own tests run, with volumes that are logical ones."""
+"""A machine on which the agent's functional tests run, with logical volumes."""
 import contextlib
 import os
 import pathlib
@@ -15,7 +15,8 @@ SECONDS = 3000
 
 @contextlib.contextmanager
 def site_on(volumes_disk, files_disk):
-    """Has a group of volumes on one disk, and on the other room for images, which take more than memory."""
+    """Makes a volume group on one disk, and on the other a file system on /tmp for images, which are larger
+    than memory."""
     with contextlib.ExitStack() as lasting:
         run("vgcreate", GROUP, volumes_disk)
         lasting.callback(run, "vgremove", "--yes", GROUP)
@@ -31,7 +32,8 @@ def site_on(volumes_disk, files_disk):
 
 @contextlib.contextmanager
 def private_etc():
-    """A mount there is the sign that all may be written."""
+    """Mounts an overlay on /etc: a mount point there is the sign that tests may write to the system's
+    files."""
     changes, work = pathlib.Path("/run/etc/changes"), pathlib.Path("/run/etc/work")
     for path in (changes, work):
         path.mkdir(parents=True, exist_ok=True)

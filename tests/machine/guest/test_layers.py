@@ -1,5 +1,5 @@
-"""Volumes tracked by device-mapper, while programs write: what is done to them, and a store that is too
-small. The cases that tell most; the others are in nightly."""
+"""Volumes tracked by device-mapper, while programs write: administrators' actions, and a store that is too
+small. The most important cases; the others are in nightly."""
 import pytest
 
 from dm_site import Protected, logical_volumes
@@ -18,7 +18,7 @@ def test_telling_verb(group, verb, record_property):
 
 
 def test_overflow_is_an_error_of_the_snapshot_alone(group, record_property):
-    """Programs don't notice, the snapshot can't be read, the status says why, and tracking goes on; and so
+    """Programs aren't affected, the snapshot can't be read, the status says why, and tracking continues; also
     the next time."""
     with Volume("data", "ext4", SECTORS, logical_volumes(group)) as volume:
         volume.write("large", b"0" * MORE_THAN_FITS)

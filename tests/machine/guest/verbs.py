@@ -1,5 +1,6 @@
-"""What administrators do to a logical volume while it is tracked, or while its snapshot is read: whatever
-it is, the next record is complete and the snapshot shows its moment, or the driver says that it isn't so."""
+"""What administrators do to a logical volume while it is tracked, or while its snapshot is read. Whatever it
+is, the next record must be complete and the snapshot must show its moment, or the driver must report an
+error."""
 import contextlib
 import dataclasses
 import time
@@ -16,9 +17,9 @@ STATES = ("tracking", "snapshot")
 
 @dataclasses.dataclass(frozen=True)
 class Verb:
-    """`act(volume, group)` is what somebody does; it returns the volume's new device, if that has another
-    name then. One that `may_fail` is refused by LVM or by the kernel. `telling` is the state in which each
-    run tries it, not only the nightly one."""
+    """`act(volume, group)` performs the action; it returns the volume's new device if that has another name
+    then. If it `may_fail`, LVM or the kernel may refuse it. `telling` is the state in which every run tries
+    it, not only the nightly one."""
 
     name: str
     act: Callable
@@ -27,7 +28,7 @@ class Verb:
 
 
 def lvm(*words):
-    """A command of which the volume is the last word, or stands where {lv} does."""
+    """An LVM command; the words may contain {lv} and other names."""
     def act(volume, group):
         names = {"lv": f"{group.name}/{volume.device.name}", "vg": group.name, "mount": volume.mount_point,
                  "device": volume.device, "first": group.physical[0], "last": group.physical[-1]}
@@ -47,7 +48,7 @@ def rename_group(volume, group):
 
 
 def restore_metadata(volume, group):
-    """As after a mistake, from the file that LVM has kept."""
+    """Restores the metadata from LVM's backup file, as after a mistake."""
     run("vgcfgbackup", group.name)
     run("lvchange", "--addtag", "mistake", f"{group.name}/{volume.device.name}")
     run("vgcfgrestore", "-y", group.name)
@@ -61,7 +62,7 @@ def convert_to_thin(volume, group):
 
 
 def freeze(volume, _group):
-    """Somebody holds the file system, while the driver is asked for the next step."""
+    """Freezes the file system while the driver is asked for the next step."""
     run("fsfreeze", "--freeze", volume.mount_point)
     try:
         assert not call("transition_snapshot", 0, volume.other_cow, 12)
@@ -105,8 +106,8 @@ VERBS = (
 
 
 def check_verb(group, verb, state):
-    """What came of a verb in a state, in words; of how many units a record told that have changed, and that
-    have not."""
+    """The outcome of an action in a state, in words; and how many units the record names that have changed,
+    and how many that haven't."""
     with contextlib.ExitStack() as stack:
         stack.callback(remove_volumes, group)
         volume = stack.enter_context(Volume("data", "ext4", MEBIBYTES * 2048,

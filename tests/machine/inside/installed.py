@@ -1,15 +1,16 @@
 """An installed bekd, an appliance and its images, all in a machine: run inside, by installed_site.py.
 
-    installed.py make DISK OTHER   a logical volume on one disk, a partition on the other, both in fstab, room
-                                   for what is kept, certificates, and a quiesce script
-    installed.py pair              as the appliance does; the agent must have a name for both volumes
-    installed.py host              what the agent answers when it is asked for its volumes
+    installed.py make DISK OTHER   makes a logical volume on one disk and a partition on the other, both in
+                                   /etc/fstab, a file system for files to keep, certificates, a quiesce script
+    installed.py pair              pairs the agent with the appliance; the agent must know both volumes
+    installed.py host              prints the agent's answer to a request for its volumes
     installed.py change SEED       writes files to both volumes, removes and changes others
-    installed.py backup KIND       a backup of both: full, merge or incremental. Compares the images with
-                                   what the snapshots showed; prints what came of it
-    installed.py begin KIND        begins one whose target stops in the middle, and prints "in the middle"
+    installed.py backup KIND       backs up both volumes: full, merge or incremental. Compares the images with
+                                   the snapshots; prints the outcome
+    installed.py begin KIND        starts a backup whose target stops in the middle; prints "in the middle"
 
-Images, pictures of the snapshots and the appliance's certificate outlive a restart, in a place of their own.
+Images, copies of the snapshots and the appliance's certificate are on a file system of their own, and survive
+a restart.
 """
 import json
 import os
@@ -36,14 +37,14 @@ from lab.volumes import Partition, Volume  # noqa: E402
 
 KEPT = pathlib.Path("/kept")
 SCRIPT = "keep-moments"
-# Copies each snapshot as soon as it is there, before the agent reads a block of it.
+# Copies each snapshot as soon as it exists, before the agent reads a block of it.
 KEEP_MOMENTS = f"""#!/bin/sh
 [ "$1" = POST ] || exit 0
 for node in /dev/tolvu[0-9]*; do
     dd if=$node of={KEPT}/moments/${{node#/dev/tolvu}}.img bs=1M iflag=direct conv=sparse status=none
 done
 """
-READY_SECONDS = 300 # of a machine that is emulated, which has just been started
+READY_SECONDS = 300 # an emulated machine that has just been started is slow
 SECONDS = 1200
 LOGICAL, PLAIN = "logical", "plain"
 # With room for three CoW files: a power cut in the middle of a backup leaves two of them.
@@ -52,7 +53,7 @@ VOLUMES = {LOGICAL: in_whole_units(Volume(LOGICAL, "ext4", 440, "/volumes/logica
 
 
 def partition_of(name):
-    """A volume by the name that udisks has for its device."""
+    """A volume, with the device name that udisks uses."""
     volume = VOLUMES[name]
     source = run("findmnt", "--noheadings", "--output", "SOURCE", volume.mount_point).strip()
     partition = Partition(volume, str(pathlib.Path(source).resolve()))
@@ -61,6 +62,7 @@ def partition_of(name):
 
 
 def make(disk, other):
+    """Makes the volumes: a logical one and a plain partition, as the driver tracks them in different ways."""
     run("vgcreate", "-q", "lab", disk)
     run("lvcreate", "-q", "-y", "-n", LOGICAL, "-L", f"{VOLUMES[LOGICAL].mebibytes}M", "lab")
     run("sfdisk", "-q", other, input=f"label: gpt\nsize={VOLUMES[PLAIN].mebibytes}M\n,\n")
@@ -85,7 +87,7 @@ def make(disk, other):
 
 
 def certify():
-    """What an administrator does by hand, and the script that he writes."""
+    """Does by script what an administrator does by hand: certificates, and a quiesce script."""
     (KEPT / "moments").mkdir()
     authority = Authority(KEPT / "authority")
     install(authority.agent(), authority, CERTIFICATES)
@@ -100,20 +102,20 @@ def certify():
 
 
 def device_of(partition):
-    """What the driver says of a volume's device, which has another name when it has been given back."""
+    """The driver's status of a volume's device. Its device name may have changed since it was given back."""
     return next(device for device in driver.devices()
                 if pathlib.Path(device["block_device"]).resolve() == pathlib.Path(partition.device))
 
 
 def tracked_by(partition):
-    """In the words of the driver's tool."""
+    """How the volume is tracked, in the words of the driver's tool."""
     minor = device_of(partition)["minor"]
     line = next(line for line in run("tolvuctl", "list").splitlines() if line.split()[0] == str(minor))
     return re.search("(device-mapper|capture).*", line)[0]
 
 
 class Agent:
-    """The bekd that the service manager has started, in the place of a test's own."""
+    """The bekd that the service manager has started, with the interface of Daemon that tests use."""
 
     @property
     def log(self):
@@ -121,7 +123,7 @@ class Agent:
 
     @staticmethod
     def wait_for(condition, what, _seconds):
-        """With pauses, as the one processor is the agent's too."""
+        """Waits with pauses, because the agent needs the only processor too."""
         def after_a_pause():
             time.sleep(0.3)
             return condition()
@@ -129,14 +131,14 @@ class Agent:
 
 
 class KeptProtection(Protection):
-    """One whose images outlive the target."""
+    """A Protection whose images outlive the target."""
 
     @staticmethod
     def moment_of(partition):
         return KEPT / "moments" / f"{device_of(partition)['minor']}.img"
 
     def request(self, *names, **changes):
-        """One run of the script is enough for all volumes."""
+        """The volumes of a request; only the first names the script, as one run of it is enough for all."""
         volumes = super().request(*names, **changes)
         volumes[0]["scriptsPrePost"] = [{"scriptname": SCRIPT, "timeout": SECONDS}]
         return volumes
@@ -163,7 +165,7 @@ class KeptTarget(Target):
 
 
 def appliance():
-    """A client of the agent, which answers."""
+    """A client of the agent, returned once the agent answers."""
     client = Appliance(certificate=KEPT / "appliance.pem", key=KEPT / "appliance.key",
                        authority=KEPT / "ca.crt", seconds=SECONDS)
 

@@ -2,19 +2,19 @@
 
 In the rescue system:
     server.py make DISK KEPT SOURCE LINE PACKAGE...
-                                   a server on one disk, its packages too, and room for what the appliance
-                                   keeps on the other. SOURCE is a device with the system to make it of; "" is
-                                   the running one. LINE is what the kernel is told; with "" there is no boot
-                                   loader
-    server.py serve                the appliance's target, until it is killed
-    server.py compare              what has been restored against the manifests
+                                   makes a server on one disk, including its packages, and a file system for
+                                   the appliance's files on the other. SOURCE is a device with the system to
+                                   copy; "" means the running one. LINE is the kernel's command line; if it is
+                                   "", there is no boot loader
+    server.py serve                runs the appliance's target until it is killed
+    server.py compare              compares the restored volumes with the manifests
 
 In the server:
-    server.py pair                 the agent is started, and takes the appliance
+    server.py pair                 starts the agent, and pairs it with the appliance
     server.py change SEED          writes files to all volumes, removes and changes others
-    server.py backup KIND          a backup of all volumes: full, merge or incremental; prints what came of it
-    server.py prove KIND           the same, and each image is compared with what the snapshot showed; then a
-                                   manifest of that is made
+    server.py backup KIND          backs up all volumes: full, merge or incremental; prints the outcome
+    server.py prove KIND           the same; then compares each image with its snapshot, and makes a manifest
+                                   of the snapshot
 """
 import contextlib
 import dataclasses
@@ -47,7 +47,7 @@ size={esp}M, type=U
 size={boot}M
 type=V
 """
-# The kernel's own driver can't be frozen, so that of the ESP is a process: see lab/fat.py.
+# The kernel's FAT driver can't be frozen, so the ESP is mounted with a FUSE driver: see lab/fat.py.
 ESP_UNIT = """[Unit]
 RequiresMountsFor=/boot
 Before=bekd.service
@@ -57,7 +57,7 @@ ExecStart=/bin/sh -c 'device=$(readlink -f /dev/disk/by-label/esp) && exec fusef
 [Install]
 WantedBy=multi-user.target
 """
-# Answers whoever asks for a file of the data volume.
+# Serves the files of the data volume.
 PAGE_UNIT = """[Unit]
 RequiresMountsFor=/data
 [Service]
@@ -69,10 +69,10 @@ WantedBy=multi-user.target
 
 @dataclasses.dataclass(frozen=True)
 class Place:
-    """A volume, where it lies, and how it is mounted."""
+    """A volume, its place, and its mount."""
 
     volume: Volume
-    device: str # behind the name of the disk, or of the group
+    device: str # after the name of the disk, or of the group
     is_logical: bool = False
 
 
@@ -81,7 +81,7 @@ def place(name, file_system, mebibytes, device, mount_point, *making, options="d
     return Place(volume, device, device.startswith("/"))
 
 
-# In the order of their numbers on the target. With room for two CoW files of the least size each.
+# In the order of their LUNs on the target. With room for two CoW files of the smallest size each.
 PLACES = {one.volume.name: one for one in (
     place("root", "ext4", 2200, "/root", "/", "-b", "4096", options="errors=remount-ro"),
     place("boot", "ext4", 460, "3", "/boot", "-b", "4096"),
@@ -91,9 +91,9 @@ PLACES = {one.volume.name: one for one in (
 # A snapshot of it takes a process to be looked at, which not every kernel shows; its image is a copy there.
 ESP = "esp"
 PROTECTED = [name for name in PLACES if name != ESP or pathlib.Path("/proc/self/syscall").exists()]
-POISONED = (ESP, "data") # what an image was never told of must not look like zeros
+POISONED = (ESP, "data") # in these images, parts that were never written must not look like zeros
 SWAP_MEBIBYTES = 64
-# Of the running system, to be quick: a third of it, that nothing of this needs.
+# Left out of the copy of the running system, to save time: a third of it, which no test needs.
 LEFT_OUT = " ".join(f"--exclude=./usr/{path}" for path in (
     "lib/modules/*/kernel/net", "lib/modules/*/kernel/drivers/[n-z]*", "lib/modules/*/kernel/fs/[g-w]*",
     "lib/x86_64-linux-gnu/perl", "lib/x86_64-linux-gnu/ceph", "share/perl", "lib/udev/hwdb*", "bin/fio"))
@@ -107,6 +107,7 @@ def device_of(one, disk="/dev/sda"):
 
 
 def make(disk, kept, source, line, *packages):
+    """Makes a server: a copy of a running or stored system on new volumes, with the packages installed."""
     make_volumes(disk)
     prepare_kept(kept)
     with contextlib.ExitStack() as stack:
@@ -168,7 +169,7 @@ def prepare_kept(kept):
 
 
 def configure():
-    """Mount points and the like; whatever of the rescue system's mustn't be the server's."""
+    """Configures mount points and the like, and removes what only the rescue system needs."""
     lines = []
     for name, one in PLACES.items():
         uuid, options = PARTITIONS[name].uuid, one.volume.fstab
@@ -184,8 +185,8 @@ def configure():
 
 
 def make_initramfs_small():
-    """Made anew when packages come and when the root is tracked, it takes minutes if it has what this machine
-    doesn't need."""
+    """Keeps the initramfs small. It is rebuilt when packages are installed and when the root is tracked,
+    which takes minutes if it has what this machine doesn't need."""
     initramfs = BUILDING / "etc/initramfs-tools"
     (initramfs / "conf.d/machine").write_text("MODULES=list\nCOMPRESSLEVEL=1\n", encoding="ascii")
     (initramfs / "modules").write_text("virtio_pci\nvirtio_scsi\nsd_mod\next4\ndm_mod\n", encoding="ascii")
@@ -206,7 +207,8 @@ def add_services():
 
 
 def add_oddities():
-    """What a copy of files would lose: links, holes, owners, times, attributes, names that aren't plain."""
+    """Creates what a plain copy of files would lose: links, holes, owners, times, attributes, unusual
+    names."""
     for top in ("srv", "data"):
         directory = BUILDING / top / "odd Ünïcode\n"
         directory.mkdir()
@@ -227,7 +229,7 @@ def add_oddities():
 
 
 def make_boot_loader(disk, line):
-    """Two of them: that of a BIOS, and that of a UEFI in the place where it looks for one unasked."""
+    """Installs two boot loaders: one for BIOS, and one for UEFI at the path where it looks by default."""
     (BUILDING / "etc/default/grub").write_text(
         f'GRUB_TIMEOUT=0\nGRUB_TERMINAL=serial\nGRUB_CMDLINE_LINUX="{line}"\n', encoding="ascii")
     named = "--modules=part_gpt" # it may not know the kind of disk on which it is installed here
@@ -249,7 +251,7 @@ def partition_of(name):
 
 
 class ServersProtection(KeptProtection):
-    """A script copies the snapshots only where somebody is going to look at them."""
+    """Runs the script that copies the snapshots only if the copies are going to be compared."""
 
     keeps_moments = True
 
@@ -263,7 +265,7 @@ class ServersProtection(KeptProtection):
 
 
 class AppliancesTarget(KeptTarget):
-    """One that asks who wants to see the images."""
+    """A target that requires authentication to access the images."""
 
     def open(self, lasting):
         super().open(lasting)
@@ -281,7 +283,7 @@ def pair():
 
 
 def change(seed):
-    """In the root's own directories there is enough going on."""
+    """Changes files on all volumes. The system itself changes enough in the root's own directories."""
     source = random.Random(seed)
     for name in PROTECTED:
         one = PLACES[name]
@@ -328,8 +330,9 @@ def prove(kind):
 
 
 def proven(protection, name):
-    """How many blocks of an image are those of the snapshot. The root has files that are deleted and still
-    open; until a mount has done away with them, its checker finds fault with a bitmap."""
+    """Checks an image against the snapshot; returns the number of equal blocks. The root isn't checked by
+    fsck: it has files that are deleted and still open, and until a mount has cleaned them up, e2fsck reports
+    errors in a bitmap."""
     partition, image = protection.partitions[name], protection.images[name]
     moment, file_system = protection.moment_of(partition), partition.volume.file_system
     if name != "root":
@@ -341,7 +344,7 @@ def proven(protection, name):
 
 
 def serve():
-    """In the place of the appliance, under the numbers that the backups have used."""
+    """Serves the images like the appliance, under the LUNs that the backups have used."""
     with AppliancesTarget() as target:
         for name in PLACES:
             target.images.append(target.serve(target.directory / name, block_size=512, thin=False))
@@ -354,7 +357,7 @@ def serve():
 
 
 def manifest_of(root):
-    """All that is known of each file, by its path. Access times aren't: looking at a file is an access."""
+    """All properties of each file, by its path. Access times are left out, as reading a file changes them."""
     root = pathlib.Path(root)
     own = {root / name for name in OWN_FILES}
     paths = (path for path in [root, *root.rglob("*")] if path not in own)
@@ -379,7 +382,7 @@ def facts_of(path):
 def attributes_of(path):
     try:
         return os.listxattr(path, follow_symlinks=False)
-    except OSError: # a file system without any
+    except OSError: # a file system without extended attributes
         return []
 
 
@@ -388,7 +391,8 @@ def write_manifest(name, tree):
 
 
 def compare():
-    """How many files of each volume are what they were; a list of those that aren't is an error."""
+    """How many files of each volume are unchanged; raises an error with a list of the others if there are
+    any."""
     outcome = {}
     for name, one in PLACES.items():
         expected = json.loads((MANIFESTS / f"{name}.json").read_text(encoding="ascii"))

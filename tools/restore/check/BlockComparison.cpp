@@ -14,7 +14,7 @@ namespace {
 
 constexpr std::size_t comparedAtOnce = 4UL << 20U;
 
-/// Makes what nobody compares the same on both sides.
+/// Zeroes what isn't compared, so that it is equal on both sides.
 void blank(std::span<std::byte> piece, std::uint64_t begin, const std::vector<ByteRange>& leftOut) {
     const auto first = std::ranges::upper_bound(leftOut, begin, {}, &ByteRange::end);
     const std::uint64_t end = begin + piece.size();
@@ -24,12 +24,13 @@ void blank(std::span<std::byte> piece, std::uint64_t begin, const std::vector<By
     }
 }
 
-/// Two pieces of the same place, one of each side.
+/// One piece of the volume, from the image and from the snapshot.
 class Pieces {
 public:
     Pieces(IImage& image, IImage& snapshot) : image(image), snapshot(snapshot) {}
 
-    /// Throws std::runtime_error, whose text is in `result` too if it is the image that can't be read.
+    /// If the image can't be read, stores the reason in `result`. Throws std::runtime_error if the snapshot
+    /// can't be read.
     void read(std::uint64_t at, std::size_t count, Comparison& result) {
         size = count;
         try {
@@ -46,7 +47,7 @@ public:
         blank({theirs.data(), size}, at, ranges);
     }
 
-    /// How many bytes are equal before the first one that isn't.
+    /// The number of equal bytes before the first difference.
     [[nodiscard]] std::size_t equalBytes() const {
         if (std::memcmp(mine.data(), theirs.data(), size) == 0) {
             return size;

@@ -24,7 +24,7 @@ constexpr std::size_t sectorsOfFatAt = 36;
 constexpr std::size_t infoSectorAt = 48;
 constexpr std::size_t stateAt = 65;
 constexpr std::byte inUse{1};
-constexpr std::size_t markInFatAt = 7; // the highest byte of its second entry, which is of no cluster
+constexpr std::size_t markInFatAt = 7; // highest byte of the table's entry 1, which belongs to no cluster
 constexpr std::byte cleanMark{8};
 constexpr unsigned mostFats = 2;
 constexpr std::size_t infoSignatureAt = 484;
@@ -60,7 +60,7 @@ std::uint64_t number32(const Sector& sector, std::size_t place) {
     return number16(sector, place) | number16(sector, place + 2) << wordBits;
 }
 
-/// Each copy of the table has the mark, and they have to be the same.
+/// Each copy of the table has the mark, and the copies have to stay equal.
 void clearInTables(int device, const Sector& boot) {
     const std::uint64_t sectorBytes = number16(boot, sectorSizeAt);
     const unsigned count = std::min(std::to_integer<unsigned>(boot.at(fatsAt)), mostFats);

@@ -16,8 +16,8 @@ namespace {
 
 using Command = std::vector<std::string>;
 
-/// What a mount would do to a volume that was in use when its snapshot was taken, and no more. Where that
-/// fails, the check that follows says why.
+/// Does what a mount would do to a volume that was in use when its snapshot was taken, and no more. If it
+/// fails, the checker that follows says why.
 void calmExt(const std::string& device, const std::string& /*directory*/) {
     view::runProgram({.command = {"e2fsck", "-p", "-E", "journal_only", device}}, std::nullopt);
 }
@@ -36,7 +36,7 @@ struct Checker {
     std::string_view kind;
     const char* program;
     const char* package;
-    std::array<const char*, 3> options; ///< that keep it from writing; unused ones are null
+    std::array<const char*, 3> options; ///< keep it from writing; unused ones are null
     void (*calm)(const std::string& device, const std::string& directory);
 };
 
@@ -61,8 +61,8 @@ Command commandOf(const Checker& checker, const std::string& device) {
     return command;
 }
 
-/// False, with a note, if the journal is damaged; without its replay a checker finds fault where there is
-/// none.
+/// Returns false, and notes the damage, if the journal can't be replayed: without the replay, a checker
+/// reports errors that are none.
 bool calm(const Checker& checker, const std::string& device, const std::string& directory,
           Findings& findings) {
     try {

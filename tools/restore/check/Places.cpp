@@ -13,9 +13,9 @@ namespace restore::check {
 namespace {
 
 constexpr std::uint32_t unit = 512; // no file system has smaller blocks
-constexpr int deepest = 200;        // directories below each other that are looked into
+constexpr int deepest = 200;        // levels of directories that are searched
 
-/// Nothing for what has no blocks of its own, or doesn't tell of them.
+/// Returns nothing for a file without blocks of its own, or if the file system doesn't tell.
 std::vector<ByteRange> placesOf(agent::info::Logger& logger, int directory, const std::string& name) {
     std::vector<ByteRange> places;
     try {
@@ -68,7 +68,7 @@ std::string ownerOf(agent::info::Logger& logger, int root, std::uint64_t byte) {
     try {
         return ownerBelow(logger, root, byte, 0);
     } catch (const std::runtime_error&) {
-        return ""; // a directory of a damaged image can't be read
+        return ""; // a directory can't be read
     }
 }
 

@@ -9,12 +9,12 @@
 
 namespace restore::check {
 
-/// Where the files of the driver and the agent lie on a volume whose top is open; ascending. Nothing where
-/// the file system doesn't tell.
+/// The places of the driver's and the agent's files on a volume, ascending. `root` is the open root
+/// directory. Returns nothing if the file system doesn't tell.
 std::vector<ByteRange> placesOfDriverFiles(agent::info::Logger& logger, int root);
 
-/// The path of the file that a byte of the volume belongs to, by looking at all of them; empty if none is
-/// found, as for what the file system keeps for itself.
+/// The path of the file that a byte of the volume belongs to, found by a search of all files; empty if there
+/// is none, for example for the file system's own metadata.
 std::string ownerOf(agent::info::Logger& logger, int root, std::uint64_t byte);
 
 } // namespace restore::check

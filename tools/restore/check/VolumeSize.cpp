@@ -13,7 +13,7 @@ namespace {
 constexpr std::uint32_t sizeSectorBytes = 512;
 constexpr std::size_t sizeMapBytes = 8UL << 20U;
 
-/// Says of itself that it never ends, so that the map is told as far as it goes.
+/// Reports an endless size, so that the map isn't cut off at the end of the image.
 class EndlessDevice : public ImageDevice {
 public:
     using ImageDevice::ImageDevice;

@@ -6,17 +6,17 @@
 
 namespace restore::check {
 
-/// Another image, of which is kept why it couldn't be read, whatever becomes of the failure: who reads the
-/// maps of a file system tells only that they can't be read.
+/// Wraps another image and keeps the reason of the first failed read: the code that reads the maps of a file
+/// system reports only that they can't be read.
 class WatchedImage : public IImage {
 public:
-    /// The image must outlive this.
+    /// `image` must outlive this object.
     explicit WatchedImage(IImage& image) : image(image) {}
 
     [[nodiscard]] std::uint64_t size() const override { return image.size(); }
     void read(std::span<std::byte> into, std::uint64_t offset) override;
     [[nodiscard]] std::string name() const override { return image.name(); }
-    /// Empty if all could be read.
+    /// The reason of the first failed read; empty if there was none.
     [[nodiscard]] const std::string& failure() const { return firstFailure; }
 
 private:

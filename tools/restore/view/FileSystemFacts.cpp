@@ -19,11 +19,11 @@ namespace restore::view {
 namespace {
 
 constexpr std::chrono::seconds toolPatience(120);
-constexpr std::uint64_t partitionUnit = 512; // of libblkid, whatever the device has
+constexpr std::uint64_t partitionUnit = 512; // of libblkid, whatever the device's sectors are
 
 using BlockProbe = std::unique_ptr<blkid_struct_probe, void (*)(blkid_probe)>;
 
-/// Of a part of the device; all that is from `offset` on if `bytes` is 0.
+/// A probe of a part of the device; of everything from `offset` on if `bytes` is 0.
 BlockProbe probeOf(const os::FileDescriptor& device, std::uint64_t offset, std::uint64_t bytes) {
     BlockProbe probe(::blkid_new_probe(), ::blkid_free_probe);
     if (!probe || ::blkid_probe_set_device(probe.get(), device.get(), static_cast<blkid_loff_t>(offset),
@@ -75,7 +75,7 @@ std::vector<std::string> wordsIn(const std::string& text, char separator) {
     return words;
 }
 
-/// What stands behind `name` and a colon at the beginning of a line, without blanks around it.
+/// The rest of the first line that begins with `name` and a colon or an equals sign, without leading blanks.
 std::string fieldOf(const std::string& output, const std::string& name) {
     const std::regex line("(?:^|\n)\\s*" + name + "\\s*[:=] *([^\n]*)");
     std::smatch found;
@@ -86,7 +86,7 @@ bool has(const std::string& text, std::string_view part) {
     return text.find(part) != std::string::npos;
 }
 
-/// As ctime(3) writes them, of UTC.
+/// Parses a time as ctime(3) writes it, in UTC.
 std::optional<std::time_t> momentIn(const std::string& text) {
     std::tm broken{};
     return ::strptime(text.c_str(), "%a %b %d %H:%M:%S %Y", &broken) == nullptr
@@ -94,7 +94,7 @@ std::optional<std::time_t> momentIn(const std::string& text) {
                : std::optional(::timegm(&broken));
 }
 
-/// What a tool prints; empty, and a note, if there is no such tool or it fails.
+/// Returns the output of a tool. If the tool is missing or fails, returns an empty text and sets the note.
 std::string printedBy(std::vector<std::string> command, FileSystemFacts& facts) {
     const std::string name = command.front();
     try {
@@ -126,7 +126,7 @@ FileSystemFacts extFacts(const std::string& device) {
     return facts;
 }
 
-/// XFS keeps no times of itself.
+/// XFS doesn't store these times.
 FileSystemFacts xfsFacts(const std::string& device) {
     FileSystemFacts facts;
     const std::string version = printedBy({"xfs_db", "-r", "-c", "version", device}, facts);
@@ -169,7 +169,7 @@ std::uint32_t bigEndianAt(const std::array<unsigned char, 512>& header, std::siz
            std::uint32_t{header.at(at + 2)} << 8U | header.at(at + 3);
 }
 
-/// There is no tool of it on usual systems. These are fields of the volume header, at byte 1024.
+/// Usual systems have no tool for HFS+, so this reads the volume header, at byte 1024.
 FileSystemFacts hfsFacts(const std::string& device) {
     constexpr ::off_t headerAt = 1024;
     constexpr std::size_t attributesAt = 4;

@@ -19,17 +19,17 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr std::chrono::milliseconds readyPause(10);
-constexpr std::chrono::seconds readyPatience(180); // what the transports try to reach a target may take
+constexpr std::chrono::seconds readyPatience(180); // transports may try for that long to reach a target
 constexpr const char* pluginFile = "nbdkit-bek-plugin.so";
 
-/// Beside this program where it was built, else where the package has it.
+/// Prefers the plugin beside this program, as in a build folder, to the installed one.
 std::string pluginPath() {
     std::error_code error;
     const fs::path beside = fs::read_symlink("/proc/self/exe", error).parent_path() / pluginFile;
     return fs::exists(beside, error) ? beside.string() : std::string("/usr/lib/bek-restore/") + pluginFile;
 }
 
-/// The server works in another place.
+/// An absolute path, as the server has another working directory.
 std::string textOf(const ImageAddress& address) {
     return address.kind == ImageAddress::Kind::file ? fs::absolute(address.path).string() : address.text;
 }
@@ -66,6 +66,7 @@ void ImageView::leave() {
     served->release();
 }
 
+/// Starts nbdfuse, with nbdkit as its child. nbdkit's filter `cow` keeps all writes out of the image.
 void ImageView::serve(const SecretSource& secret, Lifetime lifetime) {
     Start start;
     start.command = {"nbdfuse",
@@ -111,7 +112,7 @@ void ImageView::awaitServer() {
     }
 }
 
-/// What nbdkit says comes first; nbdfuse only sees it go.
+/// nbdkit's error comes first and says the reason; nbdfuse only reports that nbdkit has ended.
 std::string ImageView::wordsOfServer() const {
     std::ifstream log(place.path("log"));
     const std::string text{std::istreambuf_iterator<char>(log), {}};

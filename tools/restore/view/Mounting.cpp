@@ -26,20 +26,20 @@ namespace {
 
 using std::chrono::seconds;
 
-constexpr seconds mountPatience(300); // a journal far away is replayed meanwhile
+constexpr seconds mountPatience(300); // enough to replay the journal of a remote image
 constexpr std::chrono::milliseconds mountedPause(10);
-/// Nobody gains rights on this machine by what is in an image.
+/// Keeps the content of an image from granting rights on this machine.
 constexpr const char* harmless = "ro,nosuid,nodev";
 
-/// One way to mount a kind: by the kernel, or by a program that is a driver itself.
+/// One way to mount a kind of file system: by the kernel, or by a driver that is a program.
 struct Way {
     const char* kind;    ///< libblkid's name
     const char* type;    ///< the kernel's name of the kind, or the program
-    const char* options; ///< beside those that keep it harmless
+    const char* options; ///< in addition to `harmless`
     bool isProgram;
 };
 
-/// The best way of each kind first.
+/// The best way of each kind comes first.
 constexpr std::array ways{
     Way{"ext4", "ext4", "", false},
     Way{"ext3", "ext3", "", false},
@@ -76,8 +76,8 @@ std::string joined(std::initializer_list<std::string> options) {
     return all;
 }
 
-/// Whether the words of mount(8) say that the kernel has no such file system, rather than what is wrong with
-/// it.
+/// Whether the output of mount(8) says that the kernel doesn't support the file system, rather than what is
+/// wrong with it.
 bool isUnknown(const std::string& words) {
     return words.find("unknown filesystem type") != std::string::npos ||
            words.find("not supported by kernel") != std::string::npos;
@@ -89,7 +89,8 @@ void requireMounted(const Outcome& outcome, const std::string& what) {
     }
 }
 
-/// Takes the first way of a kind that this machine has: `take` returns false if it lacks it.
+/// Uses the first way to mount this kind that the machine has; `take` returns false if it lacks a way. Throws
+/// NoDriver if it lacks all of them.
 void mountByAny(const std::string& kind, const std::function<bool(const Way&)>& take) {
     bool isKnown = false;
     for (const Way& way : ways) {
@@ -108,7 +109,7 @@ void mountByAny(const std::string& kind, const std::function<bool(const Way&)>& 
                            : "no way is known to mount " + kind);
 }
 
-/// False if the kernel doesn't know it.
+/// Returns false if the kernel doesn't support the file system.
 bool mountByKernel(const Way& way, const std::string& options, const std::string& device,
                    const std::string& directory) {
     const Outcome outcome = runProgram(
@@ -130,8 +131,8 @@ std::string lastWordsIn(const std::string& path) {
     return lastWords({std::istreambuf_iterator<char>(file), {}});
 }
 
-/// A driver that stays our child, so that it ends with us. It has mounted once another device is seen at
-/// `seenAt`. What it says goes to the log.
+/// Starts a driver in the foreground, as a child that ends with this process. It has mounted the file system
+/// when `seenAt` is on another device. Its output goes to the log.
 Program startDriver(Start start, const std::string& seenAt, const std::string& log) {
     struct ::stat before{};
     if (::stat(seenAt.c_str(), &before) != 0) {
@@ -164,7 +165,7 @@ public:
         isFound = ::blkid_do_safeprobe(probe.get()) == 0;
     }
 
-    /// Empty if there is none.
+    /// Empty if there is no such value.
     [[nodiscard]] std::string value(const char* name) const {
         const char* text = nullptr;
         const bool isThere =
@@ -237,8 +238,9 @@ PrivateMount::PrivateMount(const ImageView& view, const std::string& kind) {
             mounted = directory;
             return mountByKernel(way, options, view.device(), directory);
         }
-        // Where the server is: the kernel, which has to tell the program of its end, finds it there alive,
-        // and not already half gone with the last process of ours.
+        // Mounts in the server's mount namespace. When the mount ends, the kernel has to notify the
+        // driver. In that namespace the driver is still alive then; in ours it would be ending with our last
+        // process.
         Start start;
         start.command = foreground(way, options, view.file(), directory);
         start.mountsOf = view.server();
@@ -256,7 +258,7 @@ PrivateMount::PrivateMount(const ImageView& view, const std::string& kind) {
 PrivateMount::~PrivateMount() {
     top.reset();
     if (!mounted.empty() && ::umount2(mounted.c_str(), 0) != 0) {
-        ::umount2(mounted.c_str(), MNT_DETACH); // somebody looks on; it goes with him
+        ::umount2(mounted.c_str(), MNT_DETACH); // still in use: unmounted when its last user ends
     }
 }
 

@@ -33,7 +33,7 @@ constexpr int statusOfSignal = 128;
 constexpr int cannotStart = 126;
 constexpr const char* systemPaths = "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin";
 
-/// Where a program lies, by the paths of the system: those of a user may lack the administrator's.
+/// Looks in the system's own directories: a user's PATH may lack those of the administrator.
 std::string findProgram(const std::string& name) {
     if (name.find('/') != std::string::npos) {
         return name;
@@ -49,7 +49,7 @@ std::string findProgram(const std::string& name) {
     throw ProgramMissing("there is no program " + name + " on this machine");
 }
 
-/// All that exec needs, made before the fork: after it nothing may be allocated.
+/// Everything that execve needs, prepared before the fork: after it, nothing may be allocated.
 struct Image {
     explicit Image(const Start& start)
         : path(findProgram(start.command.front())), words(start.command), settings(settingsOf(start)) {
@@ -88,7 +88,7 @@ struct Image {
     os::FileDescriptor mounts;
 };
 
-/// False if something that was asked for can't be had. In the child.
+/// Runs in the child. Returns false if a requested setting fails.
 bool settle(const Start& start, const Image& image, pid_t parent) {
     if (start.endsWithUs && (::prctl(PR_SET_PDEATHSIG, SIGTERM) != 0 || ::getppid() != parent)) {
         return false;
@@ -99,7 +99,7 @@ bool settle(const Start& start, const Image& image, pid_t parent) {
     if (start.mountsOf && ::setns(image.mounts.get(), CLONE_NEWNS) != 0) {
         return false;
     }
-    // What the machine unmounts goes from its view too, and nothing comes back.
+    // An unmount on the machine also takes effect in this namespace, but nothing goes the other way.
     return !start.hasOwnMounts ||
            (::unshare(CLONE_NEWNS) == 0 && ::mount(nullptr, "/", nullptr, MS_REC | MS_SLAVE, nullptr) == 0);
 }
@@ -125,7 +125,7 @@ int shellStatus(int status) {
     return WIFEXITED(status) ? WEXITSTATUS(status) : statusOfSignal + WTERMSIG(status);
 }
 
-/// Keeps what fits of what comes out of a pipe. False at its end.
+/// Keeps what fits of the pipe's data. Returns false at the end of the pipe.
 bool drain(int pipe, std::string& output) {
     std::array<char, 16384> part{};
     const ::ssize_t count = ::read(pipe, part.data(), part.size());
@@ -136,7 +136,7 @@ bool drain(int pipe, std::string& output) {
     return count > 0 || (count < 0 && errno == EINTR);
 }
 
-/// How long to wait for what a program prints.
+/// The timeout of the next poll: until the deadline, but at most `watchPause`.
 int nextPause(Clock::time_point deadline) {
     const auto left = std::chrono::duration_cast<milliseconds>(deadline - Clock::now());
     return static_cast<int>(std::clamp(left, milliseconds(0), watchPause).count());
@@ -194,10 +194,11 @@ void Program::end() {
 void Program::kill() {
     if (id > 0 && !status()) {
         ::kill(id, SIGKILL);
-        wait(endPatience); // one that waits in the kernel for a dead disk ends when that lets it
+        wait(endPatience); // a process that waits in the kernel for a dead disk ends only when that returns
     }
 }
 
+/// Reads the pipe to its end even if no more output is kept, so that the program never blocks on a full pipe.
 Outcome runProgram(Start start, std::optional<milliseconds> limit, const std::function<void(pid_t)>& watch) {
     std::array<int, 2> ends{};
     if (::pipe2(ends.data(), O_CLOEXEC) != 0) {

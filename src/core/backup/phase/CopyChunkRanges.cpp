@@ -14,7 +14,7 @@ namespace agent::core::backup::phase {
 
 namespace {
 
-/// A transport that has reached the end of the image writes less, or says so by `errno`.
+/// At the end of the image a transport writes less than requested, or sets `errno` to ENOSPC.
 const info::Reason& whyNotWritten(std::int64_t written) {
     return written >= 0 || errno == ENOSPC ? info::reason("image-too-small") : info::reason("target-lost");
 }
@@ -47,7 +47,7 @@ void CopyChunkRanges::execute() {
     try {
         copy(second, writing);
     } catch (...) {
-        writing.settle(); // the chunk before is what has failed first
+        writing.settle(); // throws if the write of the previous chunk failed, because that happened first
         throw;
     }
     writing.settle();
@@ -55,8 +55,8 @@ void CopyChunkRanges::execute() {
                info::formatHumanSize(total).c_str());
 }
 
-/// Returns when nothing is left to be begun. Whatever is logged about a chunk comes behind the lines of the
-/// one before, and not at all if that has failed.
+/// Returns when the last write has begun. Log lines about reading a chunk wait until the previous chunk has
+/// been written, and are dropped if that write failed.
 void CopyChunkRanges::copy(AlignedBuffer& second, WriteBehind& writing) {
     const info::LogTurn turn([&] { return writing.isWritten(); });
     AlignedBuffer* free = &buffer;
@@ -74,7 +74,7 @@ void CopyChunkRanges::copy(AlignedBuffer& second, WriteBehind& writing) {
     }
 }
 
-/// Of length 0 at the end of the device.
+/// Returns a chunk of length 0 at the end of the device.
 Chunk CopyChunkRanges::readChunk(const BlockRange& range, AlignedBuffer& into) {
     const auto offset = static_cast<std::int64_t>(range.start * blockSize);
     const std::uint64_t length = range.length * blockSize;

@@ -8,8 +8,8 @@ namespace agent::core::backup::phase {
 
 namespace {
 
-/// Leaves the signals of the process to the threads that have them now. What a thread does wrong itself can't
-/// be left to others.
+/// Blocks signals for a thread that is started while the object exists, so that the process's other threads
+/// keep handling them. The signals of a thread's own faults stay unblocked.
 class SignalsOfOthers {
 public:
     SignalsOfOthers() {
@@ -34,7 +34,7 @@ WriteBehind::WriteBehind(Write write) : write(std::move(write)) {}
 
 WriteBehind::~WriteBehind() {
     {
-        const std::lock_guard lock(mutex);
+        const os::Lock lock(mutex);
         isStopped = true;
     }
     changed.notify_all();
@@ -52,20 +52,23 @@ void WriteBehind::begin(const Chunk& chunk) {
         write(chunk);
         return;
     }
-    const std::lock_guard lock(mutex);
+    const os::Lock lock(mutex);
     underWay = chunk;
     changed.notify_all();
 }
 
 void WriteBehind::settle() {
     if (!isWritten()) {
+        const os::Lock lock(mutex);
         std::rethrow_exception(std::exchange(failure, nullptr));
     }
 }
 
 bool WriteBehind::isWritten() {
-    std::unique_lock lock(mutex);
-    changed.wait(lock, [this] { return !underWay; });
+    os::Lock lock(mutex);
+    while (underWay) {
+        lock.wait(changed);
+    }
     return !failure;
 }
 
@@ -78,9 +81,11 @@ void WriteBehind::start() {
 }
 
 void WriteBehind::work() {
-    std::unique_lock lock(mutex);
+    os::Lock lock(mutex);
     while (true) {
-        changed.wait(lock, [this] { return underWay || isStopped; });
+        while (!underWay && !isStopped) {
+            lock.wait(changed);
+        }
         if (!underWay) {
             return;
         }

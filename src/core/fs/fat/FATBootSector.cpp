@@ -34,13 +34,14 @@ FATBootSector FATBootSector::decode(Bytes bytes) {
     return boot;
 }
 
-/// What is refused here is copied whole, whereas a map that is read wrongly would leave live blocks out.
+/// A volume that is refused here is copied completely. A map that is read wrongly would leave out used
+/// blocks.
 const char* FATBootSector::objection() const {
     const char* const reason = strangeFormat();
     return reason != nullptr ? reason : impossibleGeometry();
 }
 
-/// What drivers read in another way than as FAT32 with its first FAT in use.
+/// Why drivers don't read the volume as FAT32 with the first FAT in use; null if they do.
 const char* FATBootSector::strangeFormat() const {
     if (sectorsPerFat16 != 0) {
         return "The FAT has entries of 12 or 16 bits, though it is called FAT32";

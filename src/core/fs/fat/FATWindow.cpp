@@ -17,12 +17,12 @@ namespace entry = fat_layout::entry;
 
 constexpr std::uint64_t longestRead = 1024UL * 1024;
 constexpr std::uint64_t mostEntries = longestRead / entry::size;
-constexpr std::uint64_t boundary = 4096 / entry::size; // entries that every device has in whole sectors
+constexpr std::uint64_t boundary = 4096 / entry::size; // so many entries are whole sectors on every device
 constexpr std::uint64_t wordBits = 64;
 
 using Numbers = std::array<std::uint32_t, wordBits / 2>;
 
-/// Each bit by itself: the compiler tests several numbers at once that way.
+/// One number for each bit: with this table the compiler can vectorise the tests in useOf.
 constexpr Numbers singleBits = [] {
     Numbers bits{};
     for (std::size_t i = 0; i < bits.size(); ++i) {
@@ -33,11 +33,11 @@ constexpr Numbers singleBits = [] {
 
 Numbers load(const std::byte* entries) {
     Numbers numbers{};
-    std::memcpy(numbers.data(), entries, sizeof numbers); // little-endian, as is every machine of the agent
+    std::memcpy(numbers.data(), entries, sizeof numbers); // the agent only runs on little-endian machines
     return numbers;
 }
 
-/// Most clusters of a large volume are free, and follow each other.
+/// A fast check, because long runs of free clusters are common on a large volume.
 bool areZeros(const Numbers& numbers) {
     std::uint32_t all = 0;
     for (const std::uint32_t number : numbers) {

@@ -12,7 +12,8 @@
 
 namespace agent::core::fs {
 
-/// What HFSParser does. docs/formats/hfs.md tells what is read, and what comes of it for a backup.
+/// The implementation of HFSParser. docs/formats/hfs.md describes what it reads, and what follows for a
+/// backup.
 class HFSParserImpl : public IFileSystemParser {
 public:
     HFSParserImpl(info::Logger& logger, IVolumeReader& reader, std::uint32_t sectorSize);

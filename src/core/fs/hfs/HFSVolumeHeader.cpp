@@ -13,7 +13,7 @@ namespace layout = hfs_layout::volume_header;
 constexpr std::uint64_t byteBits = 8;
 constexpr std::uint32_t smallestBlock = 512;
 constexpr std::uint32_t largestBlock =
-    1024U * 1024U; // what is read in one go, as each read is of whole blocks
+    1024U * 1024U; // the size of one read, because each read is of whole blocks
 
 bool overlap(std::vector<HFSExtent> extents) {
     std::ranges::sort(extents, {}, &HFSExtent::startBlock);
@@ -48,7 +48,8 @@ bool HFSVolumeHeader::hasKnownVersion() const {
     return version == layout::versionPlus || version == layout::versionExtended;
 }
 
-/// What is refused is copied whole, whereas a map that is read wrongly would leave live blocks out.
+/// A volume that is refused here is copied completely. A map that is read wrongly would leave out used
+/// blocks.
 const char* HFSVolumeHeader::objection() const {
     if (!hasKnownVersion()) {
         return "The version of HFS+ is unknown";
@@ -66,7 +67,7 @@ const char* HFSVolumeHeader::objection() const {
 }
 
 const char* HFSVolumeHeader::objectionTo(std::span<const HFSExtent> extents) const {
-    // The first block has the header.
+    // The first block contains the header.
     const auto isImpossible = [this](const HFSExtent& extent) {
         return !extent.isEmpty() &&
                (extent.startBlock == 0 || extent.blockCount == 0 || extent.endBlock() > totalBlocks);

@@ -13,9 +13,9 @@ namespace file_record = ntfs_layout::file_record;
 
 constexpr std::uint16_t smallestSector = 256;
 constexpr std::uint16_t largestSector = 4096;
-constexpr int largestLogRecord = 16; // 64 KiB, as far as the offsets within a record reach
+constexpr int largestLogRecord = 16; // 64 KiB, because offsets within a record have 16 bits
 constexpr std::uint64_t largestRecord = std::uint64_t{1} << largestLogRecord;
-constexpr std::uint64_t largestVolume = std::uint64_t{1} << 60U; // bytes, whose bits can still be counted
+constexpr std::uint64_t largestVolume = std::uint64_t{1} << 60U; // bytes; 8 times that fits in 64 bits
 
 } // namespace
 
@@ -35,8 +35,9 @@ bool NTFSBootSector::isNTFS() const {
     return oemId == layout::oemIdValue;
 }
 
-/// Places in the master file table are reckoned by the device's sectors. Where the volume has others, another
-/// record, or what is left of an old one, could be read in place of the right one.
+/// Refuses a volume whose sectors differ from the device's, so that it doesn't matter by which of them
+/// positions in the master file table are calculated. A wrong position could yield another record, or the
+/// remains of an old one.
 std::string NTFSBootSector::objection(std::uint32_t deviceSector) const {
     if (const char* reason = impossibleGeometry()) {
         return reason;

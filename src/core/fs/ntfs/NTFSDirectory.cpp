@@ -42,7 +42,7 @@ std::uint64_t NTFSDirectory::find() const {
     return *outcome.record;
 }
 
-/// A file has none, and neither has an index of something else than names.
+/// Throws if there is no index root of names: the record is that of a file, or its index isn't one of names.
 std::vector<std::uint8_t> NTFSDirectory::findIndexRoot() const {
     std::optional<std::vector<std::uint8_t>> value = record.value(attribute::typeIndexRoot);
     if (!value || value->size() < index_root::size + index_node::size ||
@@ -71,7 +71,7 @@ NTFSIndexAllocation NTFSDirectory::blocks() const {
     return {NTFSRunReader(volume, std::move(found->runs)), blockSize(), volume.clusterBytes, sought};
 }
 
-/// Ends, as no block is read twice.
+/// Follows the tree from its root to the place of the name. Terminates, because no block is read twice.
 NTFSDirectory::Outcome NTFSDirectory::descend() const {
     const NTFSIndexEntry place = placeIn(root());
     if (isSought(place)) {
@@ -98,7 +98,7 @@ NTFSDirectory::Outcome NTFSDirectory::descend() const {
     }
 }
 
-/// Ends, as no block is read twice.
+/// Searches the whole tree. Terminates, because no block is read twice.
 std::optional<std::uint64_t> NTFSDirectory::search() const {
     std::vector<std::uint64_t> children;
     std::optional<std::uint64_t> found = searchNode(root(), children);
@@ -121,7 +121,7 @@ bool NTFSDirectory::isSought(const NTFSIndexEntry& entry) const {
     return !entry.isLast() && sought.compare(entry.name()) == 0;
 }
 
-/// The first entry that the name doesn't come behind.
+/// The first entry whose name isn't less than the sought name.
 NTFSIndexEntry NTFSDirectory::placeIn(const NTFSIndexNode& node) const {
     NTFSIndexEntry entry = node.first();
     while (!entry.isLast() && sought.compare(entry.name()) > 0) {
@@ -130,7 +130,7 @@ NTFSIndexEntry NTFSDirectory::placeIn(const NTFSIndexNode& node) const {
     return entry;
 }
 
-/// Adds the children to those that are left to look into.
+/// Searches one node, and adds the node's children to `children`, the nodes still to search.
 std::optional<std::uint64_t> NTFSDirectory::searchNode(const NTFSIndexNode& node,
                                                        std::vector<std::uint64_t>& children) const {
     for (NTFSIndexEntry entry = node.first();; entry = node.after(entry)) {

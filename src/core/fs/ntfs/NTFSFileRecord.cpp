@@ -15,7 +15,7 @@ namespace {
 namespace attribute = ntfs_layout::attribute;
 namespace list_entry = ntfs_layout::list_entry;
 
-constexpr std::uint64_t largestList = 256UL * 1024; // as the format has it
+constexpr std::uint64_t largestList = 256UL * 1024; // the format's limit, in bytes
 constexpr std::size_t mostRuns = 1024UL * 1024;
 
 std::vector<std::uint8_t> copyOf(Bytes bytes) {
@@ -69,7 +69,8 @@ std::optional<NTFSDataRuns> NTFSFileRecord::runs(std::uint32_t type) const {
     return whole;
 }
 
-/// In the order of the file: so it is in a list. Ends, as each entry has a length.
+/// The parts of the first attribute of this type, in file order, in which a list has them. Terminates,
+/// because each entry of the list has a length greater than 0.
 std::vector<NTFSFileRecord::Part> NTFSFileRecord::partsOf(std::uint32_t type) const {
     NTFSAttributeCursor cursor(volume.logger, own);
     if (!cursor.findAttribute(attribute::typeAttributeList)) {
@@ -111,7 +112,7 @@ std::vector<std::uint8_t> NTFSFileRecord::listOf(const NTFSAttribute& attribute)
     return list;
 }
 
-/// In the file's own record, or in another one, which then is in the buffer.
+/// Finds a part in the file's own record, or in another record, which it then reads into `buffer`.
 NTFSAttribute NTFSFileRecord::attributeOf(const Part& part, std::uint32_t type, NTFSRecord& buffer) const {
     const bool isOwn = part.record == number;
     requireList(isOwn || (volume.files.readInode(part.record, buffer) == 0 && buffer.baseRecord() == number),

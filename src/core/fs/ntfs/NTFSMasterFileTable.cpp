@@ -53,15 +53,15 @@ NTFSDataRuns NTFSMasterFileTable::getDataRuns(std::uint64_t inode) {
     return searchAttributeList(inode, cursor.attribute());
 }
 
-/// The runs of the table are those of its first part. A record behind them isn't there. One that goes on in
-/// another run would be read with a wrong end.
+/// Uses only the runs in the table's own record; a record past them counts as unreadable. A record that spans
+/// two runs is refused, because its end would be read from the wrong place.
 std::int64_t NTFSMasterFileTable::readInode(std::uint64_t inode, NTFSRecord& buffer) {
     if (mftRecord0Result != 0) {
         return mftRecord0Result;
     }
     const std::uint64_t recordSize = boot.mftRecordSize();
     const unsigned clusterShift = shiftOf(boot.clusterBytes());
-    const std::uint64_t byteOffset = inode << shiftOf(recordSize); // of 48 bits and of 16
+    const std::uint64_t byteOffset = inode << shiftOf(recordSize); // at most 48 + 16 bits
     const auto [run, firstVcn] = placeOf(byteOffset >> clusterShift, tableRuns().runs);
     const std::uint64_t offsetInRun = byteOffset - (firstVcn << clusterShift);
     const std::uint64_t runBytes = static_cast<std::uint64_t>(run.length) << clusterShift;
@@ -69,19 +69,19 @@ std::int64_t NTFSMasterFileTable::readInode(std::uint64_t inode, NTFSRecord& buf
         return ntfs_error::recordUnreadable;
     }
     require(runBytes - offsetInRun >= recordSize, "NTFS: A file record is in two pieces.");
-    // The device has sectors as the volume has them, or nobody knows which.
+    // NTFSBootSector::objection has refused a device whose sectors are known to differ from the volume's.
     const std::uint64_t diskOffset = (static_cast<std::uint64_t>(run.lcn) << clusterShift) + offsetInRun;
     return records.readMftRecord(inode, diskOffset, buffer);
 }
 
-/// None if its record tells of none.
+/// The runs of the table itself; none if its record has no data.
 NTFSDataRuns NTFSMasterFileTable::tableRuns() {
     NTFSDataRuns table = dataOf(mftRecord0).value_or(NTFSDataRuns{});
     require(table.packing == nullptr, table.packing);
     return table;
 }
 
-/// Of no clusters where no run has it.
+/// The run that contains the table's cluster `vcn`; a run without clusters if there is none.
 NTFSMasterFileTable::Place NTFSMasterFileTable::placeOf(std::uint64_t vcn, const std::vector<NTFSRun>& runs) {
     std::uint64_t firstVcn = 0;
     for (const NTFSRun& run : runs) {
@@ -94,7 +94,7 @@ NTFSMasterFileTable::Place NTFSMasterFileTable::placeOf(std::uint64_t vcn, const
     return {};
 }
 
-/// Of the data in a record; nothing if it has none.
+/// The runs of the data in a record; nullopt if it has no data.
 std::optional<NTFSDataRuns> NTFSMasterFileTable::dataOf(const NTFSRecord& record) {
     NTFSAttributeCursor cursor(logger, record);
     if (!cursor.findAttribute(attribute::typeData)) {
@@ -106,7 +106,7 @@ std::optional<NTFSDataRuns> NTFSMasterFileTable::dataOf(const NTFSRecord& record
     return judgedRuns(data, std::move(list));
 }
 
-/// Ends, as each entry has a length.
+/// Terminates, because each entry has a length greater than 0.
 NTFSDataRuns NTFSMasterFileTable::searchAttributeList(std::uint64_t inode, const NTFSAttribute& list) {
     info::LogEntry(logger, info::level::debug) << "Searching for $DATA in ATTRIBUTE LIST";
     if (!list.isResident()) {
@@ -143,7 +143,7 @@ NTFSDataRuns NTFSMasterFileTable::searchAttributeList(std::uint64_t inode, const
     return {};
 }
 
-/// Of a record that an attribute list names; nothing if the search has to go on.
+/// The runs of a record that an attribute list names; nullopt if the search must go on.
 std::optional<NTFSDataRuns> NTFSMasterFileTable::dataOfPart(std::uint64_t record, std::uint64_t inode) {
     info::LogEntry(logger, info::level::debug)
         << "Found $DATA in inode " << record << " for base inode " << inode;
@@ -165,7 +165,7 @@ std::optional<NTFSDataRuns> NTFSMasterFileTable::dataOfPart(std::uint64_t record
     return found;
 }
 
-/// The first cluster is the boot sector's, and no other file's.
+/// A run must not include cluster 0, which holds the boot sector.
 NTFSDataRuns NTFSMasterFileTable::judgedRuns(const NTFSAttribute& attribute, NTFSRunList list) const {
     require(list.objection == nullptr, list.objection);
     const auto clusters = static_cast<std::int64_t>(boot.clusterCount());

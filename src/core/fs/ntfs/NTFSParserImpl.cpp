@@ -19,7 +19,7 @@ namespace {
 namespace layout = ntfs_layout::boot_sector;
 
 constexpr std::uint64_t byteBits = 8;
-constexpr std::uint64_t longestRead = 4UL * 1024 * 1024; // what is copied into place takes no more memory
+constexpr std::uint64_t longestRead = 4UL * 1024 * 1024; // limits the temporary buffer of unaligned reads
 
 std::uint64_t clustersOf(const std::vector<NTFSRun>& runs) {
     return std::accumulate(
@@ -37,7 +37,7 @@ bool NTFSParserImpl::recognize() {
     files.reset();
     std::array<std::uint8_t, layout::size> sector{};
     if (!FSUtil::readExactly(logger, reader, sectorSize, 0, sector.data(), sector.size())) {
-        logger.log(info::level::error, "Can't read ntfs boot sector");
+        info::LogEntry(logger, info::level::error) << "Can't read ntfs boot sector";
         return false;
     }
     const NTFSBootSector found = NTFSBootSector::decode(sector);
@@ -51,7 +51,7 @@ bool NTFSParserImpl::recognize() {
     return true;
 }
 
-/// 0 if the boot sector can't be believed: then there is no map to go by, either.
+/// 0 if the boot sector's cluster size is impossible; then there is no map, either.
 std::uint32_t NTFSParserImpl::getBlockSize() const {
     return boot.hasPossibleClusters() ? static_cast<std::uint32_t>(boot.clusterBytes()) : 0;
 }
@@ -80,7 +80,7 @@ NTFSDataRuns NTFSParserImpl::findFileRuns(const std::string& path) {
     }
 }
 
-/// Nothing if the bitmap has to be asked.
+/// The result if it is known without the bitmap; nullopt if the bitmap must be read.
 std::optional<std::int64_t> NTFSParserImpl::resultWithoutBitmap(std::uint64_t startBlock) {
     info::LogEntry line(logger, info::level::debug);
     if (boot.sectorsPerCluster == 0) {
@@ -104,6 +104,8 @@ std::optional<std::int64_t> NTFSParserImpl::resultWithoutBitmap(std::uint64_t st
     return std::nullopt;
 }
 
+/// Reads the bitmap, after checking that it is plain, large enough and completely written. Everything past
+/// the last cluster becomes used, and clusters that must be used are checked.
 std::int64_t NTFSParserImpl::readBitmap(const UsedMap& used) {
     if (!files) {
         throw NTFSObjection{boot.objection(sectorSize)};
@@ -129,8 +131,9 @@ std::int64_t NTFSParserImpl::readBitmap(const UsedMap& used) {
     return static_cast<std::int64_t>(filled * byteBits);
 }
 
-/// Returns how many bytes of the buffer are filled. A start within the second run or a later one is refused:
-/// all of `skipBytes` is taken off the first run that is read, though part of it lies in the runs before.
+/// Returns how many bytes of the buffer are filled. A start in the second or a later run is refused, because
+/// all of `skipBytes` is subtracted from the first run that is read, although a part of them lies in the
+/// earlier runs.
 std::uint64_t NTFSParserImpl::readRuns(const std::vector<NTFSRun>& runs, const UsedMap& used) {
     clearMap(used.buffer, used.bytes);
     const std::uint64_t skipBytes = used.startBlock / byteBits;
@@ -172,7 +175,7 @@ void NTFSParserImpl::readRun(std::uint64_t offset, std::uint8_t* target, std::ui
     }
 }
 
-/// The backup of the boot sector lies behind the last cluster that is counted.
+/// The backup of the boot sector lies past the last cluster of the bitmap, so the bits there are set.
 void NTFSParserImpl::useWhatIsBehindTheEnd(const UsedMap& used, std::uint64_t filled) const {
     const std::uint64_t counted = boot.clusterCount() - used.startBlock;
     if (filled * byteBits > counted) {
@@ -180,12 +183,12 @@ void NTFSParserImpl::useWhatIsBehindTheEnd(const UsedMap& used, std::uint64_t fi
     }
 }
 
-/// What the bitmap has been found by must be in use. Where the bitmap doesn't say so, it is an old one, or
-/// isn't one at all: a disk that has lost its content reads as zeros, and all would be free.
+/// The clusters of the structures that led to the bitmap must be used. If the bitmap says otherwise, it is
+/// outdated or no bitmap: a disk that has lost its content reads as zeros, and all clusters would be free.
 void NTFSParserImpl::requireOwnClustersUsed(const std::vector<NTFSRun>& runs, const UsedMap& used,
                                             std::uint64_t filled) const {
     const auto require = [&used, filled](std::uint64_t cluster) {
-        const std::uint64_t bit = cluster - used.startBlock; // of one before the start, it is a large number
+        const std::uint64_t bit = cluster - used.startBlock; // wraps to a large number before startBlock
         if (bit < filled * byteBits && (used.buffer[bit / byteBits] >> bit % byteBits & 1U) == 0) {
             throw NTFSObjection{"NTFS: The bitmap takes cluster " + std::to_string(cluster) +
                                 " as free, which has structures of the file system."};

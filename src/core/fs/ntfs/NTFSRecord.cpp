@@ -51,7 +51,7 @@ std::size_t NTFSRecord::firstAttribute() const {
     return half(layout::firstAttribute);
 }
 
-/// All of it, that of the last sector included, within the record.
+/// Whether the update sequence has an entry for each sector and lies within the record.
 bool NTFSRecord::hasUpdateSequence() const {
     const std::size_t offset = half(layout::updateSequenceOffset);
     const std::size_t count = half(layout::updateSequenceCount);

@@ -45,8 +45,8 @@ XFSParserImpl::XFSBTreeNode XFSNodeReader::read(std::uint32_t agBlock) {
     return node;
 }
 
-/// The whole block in one read. If that fails, the parts that are needed are read one by one: what is bad may
-/// be the unused rest.
+/// Reads the whole block at once. If that fails, `holds` reads only the needed parts: the unreadable part may
+/// be unused.
 void XFSNodeReader::fetch(std::uint32_t agBlock) {
     address = group.blockSize * (agBlock + std::uint64_t{group.agBlocks} * group.number);
     if (traces) {
@@ -100,13 +100,13 @@ void XFSNodeReader::readChildren(XFSParserImpl::XFSBTreeNode& node) {
 }
 
 void XFSNodeReader::trace(const XFSParserImpl::XFSBTreeNode& node) {
-    logger.log(info::level::debug, "---BTN HERE---");
+    info::LogEntry(logger, info::level::debug) << "---BTN HERE---";
     logger.log(info::level::debug, "magic 0x%x", node.magic);
     logger.log(info::level::debug, "level %u", unsigned{node.level});
     logger.log(info::level::debug, "num_recs %u", unsigned{node.numRecs});
     logger.log(info::level::debug, "left_sib %u", node.leftSib);
     logger.log(info::level::debug, "right_sib %u", node.rightSib);
-    logger.log(info::level::debug, "---BTN END---");
+    info::LogEntry(logger, info::level::debug) << "---BTN END---";
 }
 
 } // namespace agent::core::fs

@@ -1,4 +1,4 @@
-"""Every verb of verbs.py in both states, but for those of test_layers.py."""
+"""All actions of verbs.py in both states, except those that test_layers.py covers."""
 import pytest
 
 from verbs import STATES, VERBS, check_verb
