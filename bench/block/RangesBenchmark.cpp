@@ -2,7 +2,7 @@
 #include "core/block/BitRangeFinder.h"
 #include "core/block/BlockRangeProviderFactory.h"
 #include "support/FixedRanges.h"
-#include "support/PlainRanges.h"
+#include "support/ReferenceRanges.h"
 
 #include <benchmark/benchmark.h>
 
@@ -81,7 +81,7 @@ void searchClear(benchmark::State& state, const Bytes& bitmap, bool msbFirst) {
 
 void searchPlainly(benchmark::State& state, const Bytes& bitmap) {
     search(state, bitmap, [&](const std::uint8_t* bits, std::uint64_t count) {
-        return test::plainBitRanges(bits, count, false, false);
+        return test::referenceBitRanges(bits, count, false, false);
     });
 }
 

@@ -8,7 +8,7 @@
 #include "core/backup/BackupThread.h"
 #include "core/backup/SnapshotAttributes.h"
 #include "core/operation/CancelableOperation.h"
-#include "support/BackupStage.h"
+#include "support/BackupHarness.h"
 
 #include <benchmark/benchmark.h>
 

@@ -20,7 +20,7 @@ public:
 
     /// Whether the call returned at least one element of the map, or failed, or returned nothing at its end.
     /// Elements past the end of the map must be reported as used.
-    [[nodiscard]] testing::AssertionResult isHonest() const;
+    [[nodiscard]] testing::AssertionResult isValid() const;
     /// Whether the call returned the whole rest of the map from its start.
     [[nodiscard]] testing::AssertionResult isTheRest() const;
 

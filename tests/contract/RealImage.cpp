@@ -117,20 +117,20 @@ void RealImage::readLine(const std::string& line) {
     } else if (word == "sector-size") {
         text >> sectorSize;
     } else if (word == "from-the-begin") {
-        isReadFromTheBegin = true;
+        mustStartAtFirstBlock = true;
     } else if (word == "blocks") {
         text >> count;
         used = ElementMap(count);
     } else if (word == "used" || word == "kept") {
         text >> first >> count;
-        use(first, count);
+        setUsed(first, count);
     } else {
         require(word.starts_with('#'), "a word that nobody knows");
     }
     require(!text.fail(), "a number is missing");
 }
 
-void RealImage::use(std::uint64_t first, std::uint64_t count) {
+void RealImage::setUsed(std::uint64_t first, std::uint64_t count) {
     require(count > 0 && first < used.size && count <= used.size - first, "no blocks of the volume");
     for (std::uint64_t block = first; block < first + count; ++block) {
         require(!used.bit(block), "a block is named twice");

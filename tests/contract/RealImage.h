@@ -27,15 +27,15 @@ struct RealImage {
     test::MemoryVolume volume;
     Verdict verdict = Verdict::readable;
     std::uint32_t blockSize = 0;
-    std::uint32_t sectorSize = 0;    ///< required of the device, unless it is unknown; 0: any
-    bool isReadFromTheBegin = false; ///< reading the map from another block may be refused
-    ElementMap used;                 ///< which blocks are used, as a parser must report it
+    std::uint32_t sectorSize = 0;       ///< required of the device, unless it is unknown; 0: any
+    bool mustStartAtFirstBlock = false; ///< reading the map from another block may be refused
+    ElementMap used;                    ///< which blocks are used, as a parser must report it
 
 private:
     void load(const std::string& path);
     void readTruth(const std::string& path);
     void readLine(const std::string& line);
-    void use(std::uint64_t first, std::uint64_t count);
+    void setUsed(std::uint64_t first, std::uint64_t count);
 };
 
 } // namespace agent::contract

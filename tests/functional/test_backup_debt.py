@@ -210,8 +210,8 @@ def test_reload_scripts_survive_a_power_cut_and_do_not_come_back(one_volume, tmp
 
 def test_random_sequences_of_faults():
     """Runs the agent's session with a simulated driver and simulated volumes: see tests/model. To run other
-    sequences: DebtModel SEQUENCES SEED."""
-    done = subprocess.run([program("DebtModel"), str(SEQUENCES), "1"], capture_output=True, text=True,
+    sequences: RandomSequences SEQUENCES SEED."""
+    done = subprocess.run([program("RandomSequences"), str(SEQUENCES), "1"], capture_output=True, text=True,
                           check=False, timeout=10 * SECONDS)
     print(done.stdout, done.stderr)
     assert done.returncode == 0, done.stdout + done.stderr

@@ -2,7 +2,7 @@
 #include "core/block/BlockRangeProviderFactory.h"
 #include "core/block/U64RangeFinder.h"
 #include "support/FixedRanges.h"
-#include "support/PlainRanges.h"
+#include "support/ReferenceRanges.h"
 
 #include <algorithm>
 #include <cstddef>
@@ -56,14 +56,14 @@ private:
 };
 
 void checkBits(const Bytes& bitmap, std::uint64_t bits, bool targetValue, bool msbFirst) {
-    const Ranges expected = plainBitRanges(bitmap.data(), bits, targetValue, msbFirst);
+    const Ranges expected = referenceBitRanges(bitmap.data(), bits, targetValue, msbFirst);
     const BitRangeFinder finder(targetValue, msbFirst);
     require(finder.findRanges(bitmap.data(), bits) == expected);
 }
 
 void checkWords(const Bytes& map, bool targetValue) {
     const std::uint64_t count = map.size() / sizeof(std::uint64_t);
-    const Ranges expected = plainRuns(count, [&](std::uint64_t index) {
+    const Ranges expected = referenceRuns(count, [&](std::uint64_t index) {
         std::uint64_t word = 0;
         std::memcpy(&word, map.data() + index * sizeof(word), sizeof(word));
         return (word != 0) == targetValue;
@@ -105,10 +105,10 @@ void checkWalk(Input input) {
         excluders.push_back(std::make_unique<FixedRanges>(ranges));
     }
     auto included = factory.createIncludedProvider(std::move(excluders), totalBlocks);
-    const Ranges expected = plainIncluded(all, totalBlocks);
+    const Ranges expected = referenceIncluded(all, totalBlocks);
     require(allOf(*included) == expected);
     require(allOf(*factory.createChunkProvider(std::move(included), maxBlocksPerChunk)) ==
-            plainChunks(expected, maxBlocksPerChunk));
+            referenceChunks(expected, maxBlocksPerChunk));
 }
 
 } // namespace

@@ -35,11 +35,11 @@ std::uint32_t disarm() {
     return stepsDone;
 }
 
-Undisturbed::Undisturbed() : wasArmed(isArmed) {
+FaultsSuspended::FaultsSuspended() : wasArmed(isArmed) {
     isArmed = false;
 }
 
-Undisturbed::~Undisturbed() {
+FaultsSuspended::~FaultsSuspended() {
     isArmed = wasArmed;
 }
 

@@ -25,12 +25,12 @@ std::uint32_t disarm();
 bool fails(Step step);
 
 /// While an object exists, nothing fails and no steps are counted: for what the agent doesn't do itself.
-class Undisturbed {
+class FaultsSuspended {
 public:
-    Undisturbed();
-    Undisturbed(const Undisturbed&) = delete;
-    Undisturbed& operator=(const Undisturbed&) = delete;
-    ~Undisturbed();
+    FaultsSuspended();
+    FaultsSuspended(const FaultsSuspended&) = delete;
+    FaultsSuspended& operator=(const FaultsSuspended&) = delete;
+    ~FaultsSuspended();
 
 private:
     bool wasArmed;

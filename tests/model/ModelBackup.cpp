@@ -175,7 +175,7 @@ private:
             if (types[index] == INCREMENTAL && !infos.at(World::uuidOf(index)).incrementalPreserved) {
                 types[index] = DIFFERENTIAL_MERGE;
             }
-            const Undisturbed others;
+            const FaultsSuspended others;
             if (order.isHeldOpen) {
                 mounts.hold(index);
             }
@@ -209,7 +209,7 @@ private:
     }
 
     static std::vector<std::uint64_t> changesIn(const core::backup::VolumeSnapshotInfo& info) {
-        const Undisturbed copy;
+        const FaultsSuspended copy;
         const std::string bytes = test::readFile(info.incrementalBitmap.fileName);
         std::vector<std::uint64_t> words(unitCount, 1);
         const std::uint64_t offset = info.incrementalBitmap.bitmapOffset;

@@ -70,7 +70,7 @@ std::int32_t ModelDriver::call(const std::function<int()>& work) {
         return -1;
     }
     const int error = [&] {
-        const Undisturbed driver;
+        const FaultsSuspended driver;
         const int result = work();
         publish();
         return result;
@@ -85,7 +85,7 @@ std::int32_t ModelDriver::call(const std::function<int()>& work) {
 std::optional<std::size_t> ModelDriver::find(std::uint32_t minor) const {
     for (std::size_t index = 0; index < volumeCount; ++index) {
         const Device& device = world.volume(index).device;
-        if (device.state != noDevice && !device.isAsleep &&
+        if (device.state != noDevice && !device.isDormant &&
             device.minor == static_cast<std::int32_t>(minor)) {
             return index;
         }
@@ -105,7 +105,7 @@ std::int32_t ModelDriver::setup_snapshot(std::uint32_t minor, const char* blockD
                 continue;
             }
             Device& device = world.volume(index).device;
-            if (find(minor) || (device.state != noDevice && !device.isAsleep)) {
+            if (find(minor) || (device.state != noDevice && !device.isDormant)) {
                 return EBUSY;
             }
             device = Device();
@@ -192,12 +192,12 @@ std::int32_t ModelDriver::reload_incremental(std::uint32_t minor, const char* bl
             if (blockDevice != "/dev/disk/by-uuid/" + World::uuidOf(index)) {
                 continue;
             }
-            const bool fits = device.isAsleep && device.state == tracking &&
+            const bool fits = device.isDormant && device.state == tracking &&
                               snapshotIn(world.mountPointOf(index) + cowFile) == device.snapshot;
             if (!fits || find(minor)) {
                 return ENOENT;
             }
-            device.isAsleep = false;
+            device.isDormant = false;
             device.isByUuid = true;
             device.minor = static_cast<std::int32_t>(minor);
             return 0;
@@ -218,7 +218,7 @@ std::int32_t ModelDriver::reconfigure(std::uint32_t /*minor*/, std::uint64_t /*c
 
 void ModelDriver::restart() {
     for (VolumeState& volume : world.state().volumes) {
-        volume.device.isAsleep = volume.device.state != noDevice;
+        volume.device.isDormant = volume.device.state != noDevice;
     }
     publish();
 }
@@ -245,7 +245,7 @@ void ModelDriver::publish() {
     nlohmann::json devices = nlohmann::json::array();
     for (std::size_t index = 0; index < volumeCount; ++index) {
         const Device& device = world.volume(index).device;
-        if (device.state != noDevice && !device.isAsleep) {
+        if (device.state != noDevice && !device.isDormant) {
             devices.push_back({{"minor", device.minor},
                                {"state", device.state},
                                {"cow_file", cowName(device.isSecondCow)},

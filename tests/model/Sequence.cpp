@@ -46,7 +46,7 @@ Event::Kind randomKind(std::mt19937_64& source) {
                                   backup,          backup,        change,          change,
                                   change,          restart,       restart,         restartReloaded,
                                   restartReloaded, removeHistory, truncateHistory, removeCowFiles,
-                                  replaceImage,    loseCount,     destroyDevice,   releaseMounts};
+                                  replaceImage,    driverError,   destroyDevice,   releaseMounts};
     return kinds.at(below(source, kinds.size()));
 }
 
@@ -71,16 +71,16 @@ std::string textOf(const BackupOrder& order) {
 }
 
 /// The machine during one sequence of events.
-class Play {
+class SequenceRun {
 public:
-    explicit Play(World& world) : world(world), driver(world) {
+    explicit SequenceRun(World& world) : world(world), driver(world) {
         world.reset();
         driver.publish();
     }
 
     // Only a backup is the agent's doing. All other events change the driver's state, files, images or mounts
     // behind its back.
-    void happen(const Event& event) {
+    void apply(const Event& event) {
         VolumeState& volume = world.volume(event.volume);
         switch (event.kind) {
         case Event::Kind::backup:
@@ -108,8 +108,8 @@ public:
         case Event::Kind::replaceImage:
             volume.image.fill(world.newStamp());
             break;
-        case Event::Kind::loseCount:
-            loseCount(volume.device);
+        case Event::Kind::driverError:
+            failDriver(volume.device);
             break;
         case Event::Kind::destroyDevice:
             if (volume.device.state == tracking) {
@@ -182,7 +182,7 @@ private:
         }
     }
 
-    void loseCount(Device& device) {
+    void failDriver(Device& device) {
         if (device.state != noDevice) {
             device.error = 5;
             driver.publish();
@@ -214,9 +214,9 @@ Events randomEvents(std::mt19937_64& source, std::uint32_t steps) {
 }
 
 Verdict play(World& world, const Events& events) {
-    Play machine(world);
+    SequenceRun machine(world);
     for (const Event& event : events) {
-        machine.happen(event);
+        machine.apply(event);
     }
     if (!machine.isWrong()) {
         machine.recover();

@@ -20,7 +20,7 @@ struct Event {
         truncateHistory,
         removeCowFiles,
         replaceImage,  ///< replaces the image by one that holds nothing of the volume
-        loseCount,     ///< the driver has an error and stops tracking
+        driverError,   ///< the driver has an error and stops tracking
         destroyDevice, ///< by the administrator
         releaseMounts, ///< the process that held a file open has ended
     };

@@ -27,8 +27,8 @@ struct Device {
     std::int32_t state = noDevice;
     std::int32_t minor = 0;
     std::int32_t error = 0;
-    bool isAsleep = false; ///< the machine was restarted, and the device not yet reloaded
-    bool isByUuid = false; ///< the device was reloaded by the volume's UUID
+    bool isDormant = false; ///< the machine was restarted, and the device not yet reloaded
+    bool isByUuid = false;  ///< the device was reloaded by the volume's UUID
     bool isSecondCow = false;
     std::uint32_t snapshot = 0; ///< stored in the header of its CoW file
     Units baseline{};           ///< the volume's content at the last snapshot

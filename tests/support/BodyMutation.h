@@ -155,8 +155,9 @@ inline int countAnswered(const std::function<void(const std::string& body)>& han
 
 /// Gives a handler `count` variants of a valid body, and some bodies that no mutation produces. Returns how
 /// many bodies it answered.
-inline int survive(const std::string& valid, const std::function<void(const std::string& body)>& handler,
-                   int count = 3000) {
+inline int countAnswersToMutations(const std::string& valid,
+                                   const std::function<void(const std::string& body)>& handler,
+                                   int count = 3000) {
     std::vector<std::string> bodies = {"",
                                        " ",
                                        "null",

@@ -66,7 +66,7 @@ public:
     void setUninitialized(std::uint32_t group) { volume.writeLittle(descriptor(group) + 18, 2, 2); }
 
     /// Marks a block as used in the bitmap of its group.
-    void use(std::uint32_t block) {
+    void setUsed(std::uint32_t block) {
         const std::uint32_t group = (block - firstDataBlock) / geometry.blocksPerGroup;
         const std::uint32_t bit = (block - firstDataBlock) % geometry.blocksPerGroup;
         volume.at(bitmapBlocks[group] * blockSize + bit / 8) |= static_cast<std::uint8_t>(1U << (bit % 8));

@@ -38,7 +38,7 @@ public:
         ExtImage ext({.blockCount = blockCount});
         for (const auto& [first, last] : {std::pair{0U, 2U}, {10U, 19U}, {100U, 1400U}, {3000U, 3070U}}) {
             for (std::uint32_t block = first; block <= last; ++block) {
-                ext.use(block);
+                ext.setUsed(block);
                 used[block] = true;
             }
         }

@@ -9,10 +9,10 @@ public:
     explicit FailingCall(int number) : number(number) {}
 
     /// To be called once for each operation. True if this operation is to fail.
-    bool isNow() { return ++calls == number; }
+    bool nextCallFails() { return ++calls == number; }
 
     /// True once the failing call has happened.
-    [[nodiscard]] bool hasCome() const { return number > 0 && calls >= number; }
+    [[nodiscard]] bool hasHappened() const { return number > 0 && calls >= number; }
 
 private:
     int number;

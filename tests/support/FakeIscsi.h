@@ -37,12 +37,12 @@ public:
 
     /// Runs an action inside each recorded call for as long as this object lives. What the action refers to
     /// must outlive it.
-    class During {
+    class ActionInCalls {
     public:
-        During(FakeIscsi& iscsi, Action action);
-        During(const During&) = delete;
-        During& operator=(const During&) = delete;
-        ~During();
+        ActionInCalls(FakeIscsi& iscsi, Action action);
+        ActionInCalls(const ActionInCalls&) = delete;
+        ActionInCalls& operator=(const ActionInCalls&) = delete;
+        ~ActionInCalls();
 
     private:
         FakeIscsi& iscsi;
@@ -70,18 +70,18 @@ public:
 
     std::vector<unsigned char> disk; ///< the target has zeros beyond its end
     std::uint32_t blockSize = 512;
-    std::uint64_t lastBlock = 0; ///< what the target reports, whatever the size of `disk` is
-    std::size_t slots = 1024;    ///< with more commands queued, the target answers TASK SET FULL
-    bool newestFirst = false;    ///< the order in which commands are answered
+    std::uint64_t lastBlock = 0;   ///< what the target reports, whatever the size of `disk` is
+    std::size_t queueDepth = 1024; ///< with more commands queued, the target answers TASK SET FULL
+    bool newestFirst = false;      ///< the order in which commands are answered
 
     static constexpr int fd = 700; ///< always readable
-    std::size_t mostAtOnce = 0;    ///< the largest number of commands in flight
+    std::size_t mostInFlight = 0;  ///< the largest number of commands in flight
     std::size_t refusals = 0;      ///< commands that found the queue full
     std::vector<std::string> calls;
     FakeSleep sleep{[this](const timespec& time) { call("nanosleep", time.tv_sec, time.tv_nsec); }};
-    int contexts = 0;  ///< how many exist
-    int tasks = 0;     ///< how many exist
-    int forgotten = 0; ///< commands in flight when their context was destroyed
+    int contexts = 0;     ///< how many exist
+    int tasks = 0;        ///< how many exist
+    int lostCommands = 0; ///< commands in flight when their context was destroyed
     bool isLoggedIn = false;
 
 private:

@@ -24,7 +24,7 @@ public:
 
 private:
     Note note;
-    FakeSleep* older;
+    FakeSleep* previous;
 };
 
 } // namespace agent::test

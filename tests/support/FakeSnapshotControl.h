@@ -17,8 +17,8 @@ struct SnapshotScript {
     std::function<void()> onMake;              ///< may throw
     std::function<void()> onStart;             ///< may throw
     std::function<void()> onEnd;               ///< may throw
-    std::vector<bool> ends;                    ///< the `success` of each transition
-    int living = 0;                            ///< how many controls exist
+    std::vector<bool> transitionResults;       ///< the `success` of each transition
+    int liveControls = 0;                      ///< how many controls exist
 };
 
 /// A snapshot control without a driver.
@@ -27,13 +27,13 @@ public:
     FakeSnapshotControl(info::Logger& logger, SnapshotScript& script)
         : SnapshotSessionControl(logger, unused(), nullptr, nullptr), script(script) {
         call(script.onMake);
-        ++script.living;
+        ++script.liveControls;
     }
     FakeSnapshotControl(const FakeSnapshotControl&) = delete;
     FakeSnapshotControl& operator=(const FakeSnapshotControl&) = delete;
     FakeSnapshotControl(FakeSnapshotControl&&) = delete;
     FakeSnapshotControl& operator=(FakeSnapshotControl&&) = delete;
-    ~FakeSnapshotControl() override { --script.living; }
+    ~FakeSnapshotControl() override { --script.liveControls; }
 
     core::backup::VolumeSnapshotInfos
     startSnapshots(const Volumes& /*volumes*/, const core::backup::IBackupAttributes& /*attributes*/,
@@ -44,7 +44,7 @@ public:
 
     core::backup::VolumeSnapshotInfos transitionToIncremental(const Volumes& /*volumes*/,
                                                               bool success) override {
-        script.ends.push_back(success);
+        script.transitionResults.push_back(success);
         call(script.onEnd);
         return script.ended;
     }

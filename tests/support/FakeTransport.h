@@ -13,7 +13,7 @@ namespace agent::test {
 
 /// A transport to a remote image in memory that refuses what a real target would refuse. Its public members
 /// record what happened to it.
-/// Owns:    a share of the far side.
+/// Owns:    a share of the remote image.
 /// Threads: one at a time.
 /// Fails:   like a real transport: -1 or false, with `errno`.
 class FakeTransport : public core::ITransport {
@@ -21,7 +21,7 @@ public:
     using Image = std::vector<std::uint8_t>;
 
     /// The remote image; several transports can share it.
-    struct FarSide {
+    struct RemoteImage {
         Image image;
         bool isBroken = false; ///< if set, every command fails
         int changes = 0;       ///< how many writes and punched holes really changed the image
@@ -29,8 +29,9 @@ public:
 
     explicit FakeTransport(std::size_t imageBytes = 0) : FakeTransport(Image(imageBytes)) {}
     explicit FakeTransport(Image image)
-        : FakeTransport(std::make_shared<FarSide>(FarSide{.image = std::move(image)})) {}
-    explicit FakeTransport(std::shared_ptr<FarSide> farSide) : side(std::move(farSide)), image(side->image) {}
+        : FakeTransport(std::make_shared<RemoteImage>(RemoteImage{.image = std::move(image)})) {}
+    explicit FakeTransport(std::shared_ptr<RemoteImage> remoteImage)
+        : remote(std::move(remoteImage)), image(remote->image) {}
 
     /// As in the protocol, the offset must be within the image or at its end.
     std::int64_t seek(std::int64_t offset, int whence) override {
@@ -57,7 +58,7 @@ public:
         if (!diffMerge || !std::equal(source, source + count, image.begin() + position)) {
             std::copy_n(source, count, image.begin() + position);
             written.emplace_back(position, count);
-            ++side->changes;
+            ++remote->changes;
         }
         return moveBy(count);
     }
@@ -95,7 +96,7 @@ public:
         }
         std::fill_n(image.begin() + position, count, std::uint8_t{0});
         holes.emplace_back(position, count);
-        ++side->changes;
+        ++remote->changes;
         moveBy(count);
         return true;
     }
@@ -105,10 +106,10 @@ public:
     using Extent = std::pair<std::int64_t, std::size_t>; ///< Position and length, in bytes.
 
 private:
-    std::shared_ptr<FarSide> side;
+    std::shared_ptr<RemoteImage> remote;
 
 public:
-    Image& image;                   ///< the far side's image
+    Image& image;                   ///< the bytes of the remote image
     std::uint64_t blockBytes = 512; ///< the target's block size; 1 if it takes any length, as a file does
     bool refusing = false;          ///< if set, connections are refused
     bool holePunching = false;
@@ -128,7 +129,7 @@ private:
 
     [[nodiscard]] bool isReady() const {
         errno = connected ? EIO : ENOTCONN;
-        return connected && !side->isBroken;
+        return connected && !remote->isBroken;
     }
 
     [[nodiscard]] bool isAligned(std::uint64_t length) const {

@@ -31,11 +31,11 @@ public:
     [[nodiscard]] bool supportsHolePunching() const override { return inner->supportsHolePunching(); }
 
     /// True once the failing call has happened.
-    [[nodiscard]] bool hasFailed() const { return failing.hasCome(); }
+    [[nodiscard]] bool hasFailed() const { return failing.hasHappened(); }
 
 private:
     bool fails() {
-        if (!failing.isNow()) {
+        if (!failing.nextCallFails()) {
             return false;
         }
         errno = EIO;

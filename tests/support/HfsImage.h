@@ -39,11 +39,11 @@ public:
         setFork(extentsFork, geometry.tree, std::uint64_t{geometry.blockSize} * blocksOf(geometry.tree));
         setRoot(1);
         volume.writeBig(tree() + 14 + 18, geometry.nodeSize, 2);
-        use(0);
+        setUsed(0);
         for (const Extents& extents : {geometry.bitmap, geometry.tree}) {
             for (const auto& [first, count] : extents) {
                 for (std::uint32_t block = first; block < first + count; ++block) {
-                    use(block);
+                    setUsed(block);
                 }
             }
         }
@@ -72,7 +72,7 @@ public:
     }
 
     /// Sets or clears the bit of a block.
-    void use(std::uint32_t block, bool isUsed = true) {
+    void setUsed(std::uint32_t block, bool isUsed = true) {
         const auto mask = static_cast<std::uint8_t>(0x80U >> (block % 8));
         std::uint8_t& byte = volume.at(placeOfBit(block));
         byte = static_cast<std::uint8_t>(isUsed ? byte | mask : byte & ~mask);

@@ -90,7 +90,7 @@ public:
         put(block, 16, vcn, 8);
         block.insert(block.end(), node.begin(), node.end());
         block.resize(blockSize);
-        tear(block, sequence);
+        applyUpdateSequence(block, sequence);
         return block;
     }
 

@@ -81,17 +81,17 @@ public:
     }
 
     void useAll() {
-        use(0);
+        setUsed(0);
         for (const Runs& runs : {table, bitmap}) {
             for (const auto& [first, count] : runs) {
                 for (std::int64_t cluster = first; cluster < first + count; ++cluster) {
-                    use(static_cast<std::uint64_t>(cluster));
+                    setUsed(static_cast<std::uint64_t>(cluster));
                 }
             }
         }
     }
 
-    void use(std::uint64_t cluster) { byteOf(cluster) |= static_cast<std::uint8_t>(1U << (cluster % 8)); }
+    void setUsed(std::uint64_t cluster) { byteOf(cluster) |= static_cast<std::uint8_t>(1U << (cluster % 8)); }
     void free(std::uint64_t cluster) { byteOf(cluster) &= static_cast<std::uint8_t>(~(1U << (cluster % 8))); }
 
     /// Writes a record with these attributes. Newer NTFS versions store the record's number in it
@@ -117,7 +117,7 @@ public:
         if (position + 4 <= record.size()) {
             put(record, position, end, 4);
         }
-        tear(record, sequence);
+        applyUpdateSequence(record, sequence);
         volume.write(placeOf(number), record);
     }
 
@@ -202,7 +202,7 @@ public:
 
     /// Applies the update sequence: saves the last two bytes of each sector in the array and replaces them by
     /// the update sequence number.
-    static void tear(Content& record, std::size_t sequence) {
+    static void applyUpdateSequence(Content& record, std::size_t sequence) {
         constexpr std::uint16_t update = 0x1234;
         put(record, sequence, update, 2);
         for (std::size_t sector = 1; sector * 512 <= record.size(); ++sector) {

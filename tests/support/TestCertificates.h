@@ -77,7 +77,7 @@ private:
 };
 
 /// The contents of a test certificate.
-struct CertificateWish {
+struct CertificateContents {
     struct Extension {
         std::string oid;
         std::string data;
@@ -99,11 +99,11 @@ inline std::string deviceTypeData(const std::string& text = "type:device", char 
 }
 
 /// The contents of a valid appliance certificate.
-inline CertificateWish deviceWish(const std::string& commonName = "4711") {
-    CertificateWish wish;
-    wish.commonName = commonName;
-    wish.extensions = {{deviceTypeOid, deviceTypeData()}};
-    return wish;
+inline CertificateContents deviceContents(const std::string& commonName = "4711") {
+    CertificateContents contents;
+    contents.commonName = commonName;
+    contents.extensions = {{deviceTypeOid, deviceTypeData()}};
+    return contents;
 }
 
 /// A certificate (PEM) for the public half of `key`. Self-signed if there is no issuer.
@@ -112,22 +112,22 @@ inline CertificateWish deviceWish(const std::string& commonName = "4711") {
 /// Fails:   by std::runtime_error with the message of GnuTLS.
 class TestCertificate {
 public:
-    TestCertificate(const TestKey& key, const CertificateWish& wish, const TestCertificate* issuer = nullptr,
-                    const TestKey* issuerKey = nullptr) {
+    TestCertificate(const TestKey& key, const CertificateContents& contents,
+                    const TestCertificate* issuer = nullptr, const TestKey* issuerKey = nullptr) {
         requireGnuTls(gnutls_x509_crt_init(&crt));
         requireGnuTls(gnutls_x509_crt_set_version(crt, 3));
         requireGnuTls(gnutls_x509_crt_set_serial(crt, "\x05", 1));
         requireGnuTls(gnutls_x509_crt_set_key(crt, key.get()));
-        requireGnuTls(gnutls_x509_crt_set_activation_time(crt, wish.activation));
-        requireGnuTls(gnutls_x509_crt_set_expiration_time(crt, wish.expiration));
-        setName(GNUTLS_OID_X520_ORGANIZATION_NAME, wish.organization);
-        setName(GNUTLS_OID_X520_ORGANIZATIONAL_UNIT_NAME, wish.organizationalUnit);
-        setName(GNUTLS_OID_X520_COMMON_NAME, wish.commonName);
-        for (const CertificateWish::Extension& extension : wish.extensions) {
+        requireGnuTls(gnutls_x509_crt_set_activation_time(crt, contents.activation));
+        requireGnuTls(gnutls_x509_crt_set_expiration_time(crt, contents.expiration));
+        setName(GNUTLS_OID_X520_ORGANIZATION_NAME, contents.organization);
+        setName(GNUTLS_OID_X520_ORGANIZATIONAL_UNIT_NAME, contents.organizationalUnit);
+        setName(GNUTLS_OID_X520_COMMON_NAME, contents.commonName);
+        for (const CertificateContents::Extension& extension : contents.extensions) {
             requireGnuTls(gnutls_x509_crt_set_extension_by_oid(
                 crt, extension.oid.c_str(), extension.data.data(), extension.data.size(), 0));
         }
-        if (wish.isAuthority) {
+        if (contents.isAuthority) {
             requireGnuTls(gnutls_x509_crt_set_basic_constraints(crt, 1, -1));
             setSubjectKey(key);
             requireGnuTls(gnutls_x509_crt_set_key_usage(crt, GNUTLS_KEY_KEY_CERT_SIGN));
@@ -176,19 +176,20 @@ private:
 /// A certificate authority with its key.
 class DeviceAuthority {
 public:
-    explicit DeviceAuthority(const std::string& name = "Device-Agent CA") : own(key, wishOf(name)) {}
+    explicit DeviceAuthority(const std::string& name = "Device-Agent CA") : own(key, contentsOf(name)) {}
 
     [[nodiscard]] std::string pem() const { return own.pem(); }
-    [[nodiscard]] TestCertificate issue(const TestKey& subjectKey, const CertificateWish& wish) const {
-        return {subjectKey, wish, &own, &key};
+    [[nodiscard]] TestCertificate issue(const TestKey& subjectKey,
+                                        const CertificateContents& contents) const {
+        return {subjectKey, contents, &own, &key};
     }
 
 private:
-    static CertificateWish wishOf(const std::string& name) {
-        CertificateWish wish;
-        wish.commonName = name;
-        wish.isAuthority = true;
-        return wish;
+    static CertificateContents contentsOf(const std::string& name) {
+        CertificateContents contents;
+        contents.commonName = name;
+        contents.isAuthority = true;
+        return contents;
     }
 
     TestKey key;

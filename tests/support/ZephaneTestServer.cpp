@@ -36,8 +36,8 @@ tcp::endpoint anyPort() {
 
 class ZephaneTestServer::Impl {
 public:
-    Impl(std::string engineSocket, ServerConduct conduct)
-        : engine(std::move(engineSocket)), conduct(std::move(conduct)), acceptor(io, anyPort()) {
+    Impl(std::string engineSocket, ServerBehavior behavior)
+        : engine(std::move(engineSocket)), behavior(std::move(behavior)), acceptor(io, anyPort()) {
         asio::co_spawn(io, accept(), asio::detached);
         thread = std::thread([this] { io.run(); });
     }
@@ -81,7 +81,7 @@ private:
         session->relay =
             std::make_unique<Relay>(session->stream, filtersFor(granted), std::move(local),
                                     [this, &used](auto, auto payload) { answer(used, payload); });
-        if (conduct.sendsUnasked) {
+        if (behavior.sendsUnrequestedAnswer) {
             session->relay->send(wire::FrameKind::digestAnswer, wire::encode(wire::DigestAnswer{-EIO, {}}));
         }
         co_await session->relay->run();
@@ -92,14 +92,14 @@ private:
         const wire::Bytes hello = co_await readMessage(stream);
         const wire::Bytes reply = handshake.answer(hello, [this](const wire::ImageName& image) {
             const bool exists = image == wire::ImageName{"image", 7};
-            return exists ? std::optional(wire::ProofKey(conduct.secret)) : std::nullopt;
+            return exists ? std::optional(wire::ProofKey(behavior.secret)) : std::nullopt;
         });
         co_await stream.write(asio::buffer(reply));
         const wire::Bytes proof = co_await readMessage(stream);
         const bool isProven = handshake.check(proof);
         note(handshake.asked());
-        const std::uint64_t granted = handshake.asked().flags & conduct.grants;
-        const int refusal = isProven ? conduct.refusal : -EACCES;
+        const std::uint64_t granted = handshake.asked().flags & behavior.grants;
+        const int refusal = isProven ? behavior.refusal : -EACCES;
         const wire::Bytes verdict =
             refusal == 0 ? handshake.grant(granted) : wire::ServerHandshake::refuse(refusal, "not for you");
         co_await stream.write(asio::buffer(verdict));
@@ -124,23 +124,23 @@ private:
     void answer(Session& session, std::span<const std::uint8_t> payload) {
         ++asked;
         const wire::DigestRequest request = wire::decodeDigestRequest(payload);
-        if (!conduct.answersDigests) {
+        if (!behavior.answersDigests) {
             return;
         }
-        wire::DigestAnswer reply{conduct.digestCode, {}};
+        wire::DigestAnswer reply{behavior.digestCode, {}};
         if (reply.code == 0) {
             std::vector<std::uint8_t> data(request.length);
             NbdImage(engine).read(data, request.offset);
             reply.digests = wire::digestsOf(data);
         }
-        if (conduct.losesDigest) {
+        if (behavior.dropsLastDigest) {
             reply.digests.pop_back();
         }
         session.relay->send(wire::FrameKind::digestAnswer, wire::encode(reply));
     }
 
     const std::string engine;
-    const ServerConduct conduct;
+    const ServerBehavior behavior;
     std::atomic<std::size_t> asked{0};
     std::mutex mutex;
     wire::ClientId client{}; ///< guarded by mutex
@@ -150,8 +150,8 @@ private:
     std::thread thread;
 };
 
-ZephaneTestServer::ZephaneTestServer(std::string engineSocket, ServerConduct conduct)
-    : impl(std::make_unique<Impl>(std::move(engineSocket), std::move(conduct))) {}
+ZephaneTestServer::ZephaneTestServer(std::string engineSocket, ServerBehavior behavior)
+    : impl(std::make_unique<Impl>(std::move(engineSocket), std::move(behavior))) {}
 
 ZephaneTestServer::~ZephaneTestServer() = default;
 

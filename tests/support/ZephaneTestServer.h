@@ -11,16 +11,16 @@
 namespace zephane::test {
 
 /// How the server behaves; the defaults are those of a correct server.
-struct ServerConduct {
+struct ServerBehavior {
     std::string secret = "a secret";
     std::uint64_t grants = wire::compareFlag | wire::compressionFlag | wire::writableFlag;
     /// The error code that is sent in place of a grant, unless it is 0.
     std::int32_t refusal = 0;
     /// The error code that digest requests are answered with, unless it is 0.
     std::int32_t digestCode = 0;
-    bool losesDigest = false;   ///< answers with one digest too few
-    bool answersDigests = true; ///< if false, digest requests get no answer
-    bool sendsUnasked = false;  ///< first sends a digest answer that wasn't requested
+    bool dropsLastDigest = false;        ///< answers with one digest too few
+    bool answersDigests = true;          ///< if false, digest requests get no answer
+    bool sendsUnrequestedAnswer = false; ///< first sends a digest answer that wasn't requested
 };
 
 /// A server for the image "image" 7, in front of an NBD server, for clients in the same process.
@@ -30,7 +30,7 @@ struct ServerConduct {
 ///          that connection.
 class ZephaneTestServer {
 public:
-    explicit ZephaneTestServer(std::string engineSocket, ServerConduct conduct = {});
+    explicit ZephaneTestServer(std::string engineSocket, ServerBehavior behavior = {});
     ZephaneTestServer(const ZephaneTestServer&) = delete;
     ZephaneTestServer& operator=(const ZephaneTestServer&) = delete;
     ~ZephaneTestServer();

@@ -43,9 +43,9 @@ public:
 /// Fails:   by exception, which fails the test.
 class BreakableSubject : public TransportSubject {
 public:
-    /// From now on every command fails, until `heal` is called. Connecting still works.
-    virtual void breakDown() = 0;
-    virtual void heal() = 0;
+    /// From now on every command fails, until `stopFailing` is called. Connecting still works.
+    virtual void startFailing() = 0;
+    virtual void stopFailing() = 0;
     /// Whether a broken connection still reports the failure after it has been closed.
     [[nodiscard]] virtual bool staysBroken() const { return false; }
 };

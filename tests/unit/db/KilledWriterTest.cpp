@@ -102,7 +102,7 @@ public:
 
     int writes = 0;
     int losses = 0;
-    int cutPairs = 0;
+    int interruptedReplacements = 0;
 
 private:
     void compareSlot(std::uint64_t slot, const std::optional<std::string>& found, std::uint64_t inFlight) {
@@ -113,9 +113,9 @@ private:
             return;
         }
         const bool touched = stream::slotOf(inFlight) == slot;
-        const bool cut = touched && stream::deletesFirst(slot) && !found;
-        cutPairs += cut ? 1 : 0;
-        losses += cut || (touched && found == stream::expectedText(inFlight)) ? 0 : 1;
+        const bool interrupted = touched && stream::deletesFirst(slot) && !found;
+        interruptedReplacements += interrupted ? 1 : 0;
+        losses += interrupted || (touched && found == stream::expectedText(inFlight)) ? 0 : 1;
         contents.erase(slot);
         if (!stream::isUnwritten(found)) {
             contents[slot] = *found;
@@ -160,12 +160,13 @@ TEST_F(KilledWriterTest, LosesNothingThatWasReturned) {
         ASSERT_FALSE(HasFatalFailure()) << "run " << run;
     }
     std::cout << "kill runs: " << runs << ", returned writes: " << ledger.writes
-              << ", kills within a transaction: " << hotJournals << ", pairs cut short: " << ledger.cutPairs
-              << ", losses: " << ledger.losses << std::endl;
+              << ", kills within a transaction: " << hotJournals
+              << ", pairs cut short: " << ledger.interruptedReplacements << ", losses: " << ledger.losses
+              << std::endl;
     RecordProperty("kill_runs", runs);
     RecordProperty("returned_writes", ledger.writes);
     RecordProperty("kills_within_a_transaction", hotJournals);
-    RecordProperty("pairs_cut_short", ledger.cutPairs);
+    RecordProperty("pairs_cut_short", ledger.interruptedReplacements);
     RecordProperty("losses", ledger.losses);
     EXPECT_EQ(ledger.losses, 0);
     EXPECT_GT(ledger.writes, runs);
@@ -233,7 +234,7 @@ TEST_F(LedgerTest, FindsADoubledRow) {
 
 TEST_F(LedgerTest, AllowsWhatTheWriteInFlightMayLeave) {
     EXPECT_EQ(lossesAfter("delete from device;", 62), 0);
-    EXPECT_EQ(ledger.cutPairs, 1);
+    EXPECT_EQ(ledger.interruptedReplacements, 1);
 }
 
 } // namespace

@@ -16,7 +16,7 @@
 namespace agent::ordak {
 namespace {
 
-using test::CertificateWish;
+using test::CertificateContents;
 using test::messageOf;
 using test::TestCertificate;
 using test::TestSession;
@@ -90,8 +90,8 @@ protected:
         test::writeFile(file, content);
         return file;
     }
-    Certificate load(const CertificateWish& wish) {
-        return Certificate(fileOf(authority.issue(key, wish).pem()));
+    Certificate load(const CertificateContents& contents) {
+        return Certificate(fileOf(authority.issue(key, contents).pem()));
     }
 
     test::TestDirectory directory;
@@ -174,7 +174,7 @@ bool loadsOrRefuses(const std::string& path) {
 }
 
 TEST_F(CertificateTest, BrokenFilesDoNoHarm) {
-    const TestCertificate made = authority.issue(key, test::deviceWish());
+    const TestCertificate made = authority.issue(key, test::deviceContents());
     const std::string der = made.der();
     for (std::size_t at = 0; at < der.size(); ++at) {
         EXPECT_TRUE(loadsOrRefuses(fileOf(pemOf(der.substr(0, at))))) << "cut at " << at;
@@ -196,7 +196,7 @@ TEST_F(CertificateTest, BrokenFilesDoNoHarm) {
 TEST_F(CertificateTest, SessionHasBothCertificates) {
     const test::TestKey deviceKey;
     const TestSession session({key.pem(), authority.issue(key, {.commonName = "agent"}).pem()},
-                              {deviceKey.pem(), authority.issue(deviceKey, test::deviceWish()).pem()});
+                              {deviceKey.pem(), authority.issue(deviceKey, test::deviceContents()).pem()});
     const Certificate local(Certificate::Kind::local, session.serverSession());
     const Certificate peer(Certificate::Kind::peer, session.serverSession());
     EXPECT_EQ(local.subject().commonName, "agent");

@@ -213,7 +213,7 @@ TEST_F(LogsTest, ContinuationOfNothingIsAProblem) {
 }
 
 /// Returns each line unchanged, except that the line "bad" makes it throw.
-class StumblingDecorator : public info::IDecorator {
+class ThrowingDecorator : public info::IDecorator {
 public:
     std::string decorate(const std::string& message, int /*level*/, LogTime /*time*/) override {
         return message;
@@ -229,7 +229,7 @@ public:
 
 TEST_F(LogsTest, OtherFailuresAreProblems) {
     writeToday("one\nbad\ntwo\n");
-    StumblingDecorator decorator;
+    ThrowingDecorator decorator;
     const json answer = json::parse(Logs(record.logger, decorator)("", {}).text);
     EXPECT_EQ(answer.at("log").size(), 2U);
     EXPECT_THAT(answer.at("error"), ElementsAre(dateOf(daysAgo(0)) + " line 2: stumbled"));

@@ -3,7 +3,7 @@
 #include "core/block/BitRangeFinderFactory.h"
 #include "core/block/U64RangeFinder.h"
 #include "support/Messages.h"
-#include "support/PlainRanges.h"
+#include "support/ReferenceRanges.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -35,7 +35,7 @@ Ranges find(Flags flags, const Bytes& bitmap, std::uint64_t bits) {
 }
 
 Ranges plain(Flags flags, const Bytes& bitmap, std::uint64_t bits) {
-    return test::plainBitRanges(bitmap.data(), bits, flags.targetValue, flags.msbFirst);
+    return test::referenceBitRanges(bitmap.data(), bits, flags.targetValue, flags.msbFirst);
 }
 
 TEST(BitRangeFinder, RefusesNoBitmap) {
@@ -125,7 +125,7 @@ TEST(BitRangeFinder, BitmapNeedsNoAlignment) {
         const std::uint64_t bits = 4096 - shift * 8;
         const BitRangeFinder finder(true, false);
         ASSERT_EQ(finder.findRanges(bitmap.data() + shift, bits),
-                  test::plainBitRanges(bitmap.data() + shift, bits, true, false));
+                  test::referenceBitRanges(bitmap.data() + shift, bits, true, false));
     }
 }
 
@@ -156,8 +156,8 @@ TEST(U64RangeFinder, AgreesWithEveryWordAtAnyAddress) {
         }
         std::memcpy(first, words.data(), count * 8);
         for (const bool target : {false, true}) {
-            const Ranges expected =
-                test::plainRuns(count, [&](std::uint64_t index) { return (words[index] != 0) == target; });
+            const Ranges expected = test::referenceRuns(
+                count, [&](std::uint64_t index) { return (words[index] != 0) == target; });
             ASSERT_EQ(U64RangeFinder(target).findRanges(first, count), expected) << count;
         }
     }

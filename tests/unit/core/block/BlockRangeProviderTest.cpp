@@ -3,9 +3,9 @@
 #include "core/block/SizedBlockRangeProvider.h"
 #include "support/FixedRanges.h"
 #include "support/Messages.h"
-#include "support/PlainRanges.h"
 #include "support/RangeCopies.h"
 #include "support/RecordingLogger.h"
+#include "support/ReferenceRanges.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -219,7 +219,7 @@ TEST_F(BlockRangeProviderTest, AgreesWithAskingEveryBlock) {
             ranges = randomExclusions(random, totalBlocks);
             all.insert(all.end(), ranges.begin(), ranges.end());
         }
-        ASSERT_EQ(included(exclusions, totalBlocks), test::plainIncluded(all, totalBlocks)) << round;
+        ASSERT_EQ(included(exclusions, totalBlocks), test::referenceIncluded(all, totalBlocks)) << round;
         log.clear();
     }
 }

@@ -2,9 +2,9 @@
 
 #include "support/FixedRanges.h"
 #include "support/Messages.h"
-#include "support/PlainRanges.h"
 #include "support/RangeCopies.h"
 #include "support/RecordingLogger.h"
+#include "support/ReferenceRanges.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -110,7 +110,7 @@ TEST_F(ChunkRangeProviderTest, AgreesWithCountingBlocks) {
             next = ranges.back().end() + random() % 10;
         }
         const std::uint64_t most = 1 + random() % 30;
-        ASSERT_EQ(allOf(cut(ranges, most)), test::plainChunks(ranges, most)) << round;
+        ASSERT_EQ(allOf(cut(ranges, most)), test::referenceChunks(ranges, most)) << round;
         log.clear();
     }
 }

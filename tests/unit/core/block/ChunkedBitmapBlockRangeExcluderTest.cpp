@@ -4,9 +4,9 @@
 #include "core/block/UnusedBlockRangeExcluder.h"
 #include "support/FixedRanges.h"
 #include "support/Messages.h"
-#include "support/PlainRanges.h"
 #include "support/RangeCopies.h"
 #include "support/RecordingLogger.h"
+#include "support/ReferenceRanges.h"
 #include "support/TestDirectory.h"
 
 #include <gmock/gmock.h>

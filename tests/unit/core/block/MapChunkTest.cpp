@@ -2,7 +2,7 @@
 
 #include "core/block/BitRangeFinder.h"
 #include "core/block/U64RangeFinder.h"
-#include "support/PlainRanges.h"
+#include "support/ReferenceRanges.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -51,7 +51,7 @@ protected:
         transport.disconnect();
         EXPECT_EQ(iscsi.contexts, 0);
         EXPECT_EQ(iscsi.tasks, 0);
-        EXPECT_EQ(iscsi.forgotten, 0);
+        EXPECT_EQ(iscsi.lostCommands, 0);
     }
 
     void setBlocks(std::uint32_t size) {
@@ -123,7 +123,7 @@ TEST_F(IscsiPiecesTest, ALargeWriteIsManyCommandsAtOnce) {
     connect();
     write(call, call);
     EXPECT_EQ(lengths(writeCall), std::vector<std::uint64_t>(call / piece, piece));
-    EXPECT_EQ(iscsi.mostAtOnce, call / piece);
+    EXPECT_EQ(iscsi.mostInFlight, call / piece);
     EXPECT_THAT(log.lines(), IsEmpty());
 }
 
@@ -131,7 +131,7 @@ TEST_F(IscsiPiecesTest, ALargeReadIsManyCommandsAtOnce) {
     connect();
     read(512, 10240 * kibibyte);
     EXPECT_EQ(lengths(readCall), std::vector<std::uint64_t>(80, readPiece));
-    EXPECT_EQ(iscsi.mostAtOnce, 64U) << "and no more";
+    EXPECT_EQ(iscsi.mostInFlight, 64U) << "and no more";
     EXPECT_THAT(log.lines(), IsEmpty());
 }
 
@@ -239,7 +239,7 @@ TEST_F(IscsiPiecesTest, ACommandThatFindsTheTargetBusyIsSentAgain) {
 }
 
 TEST_F(IscsiPiecesTest, AsManyAreUnderWayAsTheTargetHasRoomFor) {
-    iscsi.slots = 10;
+    iscsi.queueDepth = 10;
     connect();
     write(0, call);
     EXPECT_EQ(iscsi.refusals, 6U) << "of the first 16";
@@ -251,21 +251,21 @@ TEST_F(IscsiPiecesTest, AsManyAreUnderWayAsTheTargetHasRoomFor) {
     }
     EXPECT_LE(iscsi.refusals, 3 * later * call / piece / 20)
         << "one in twenty, where it was tried whether there is more room now";
-    EXPECT_GE(iscsi.mostAtOnce, 10U);
+    EXPECT_GE(iscsi.mostInFlight, 10U);
     EXPECT_THAT(log.lines(), IsEmpty());
 }
 
 TEST_F(IscsiPiecesTest, RoomThatHasBecomeFreeIsFound) {
-    iscsi.slots = 1;
+    iscsi.queueDepth = 1;
     connect();
     write(0, call);
-    iscsi.slots = 1024;
-    iscsi.mostAtOnce = 0;
+    iscsi.queueDepth = 1024;
+    iscsi.mostInFlight = 0;
     for (int number = 0; number < 16; ++number) {
         write(0, 2 * piece);
     }
     write(0, call);
-    EXPECT_EQ(iscsi.mostAtOnce, call / piece);
+    EXPECT_EQ(iscsi.mostInFlight, call / piece);
 }
 
 TEST_F(IscsiPiecesTest, ACommandThatIsRefusedWhileItIsAloneHasFailed) {

@@ -49,7 +49,7 @@ public:
     }
 
     /// The same result as computed by era_invalidate, which ignores the writeset of the current era.
-    [[nodiscard]] std::vector<bool> truth(std::uint32_t first, EraMetadata::View view) const {
+    [[nodiscard]] std::vector<bool> writtenSinceByTool(std::uint32_t first, EraMetadata::View view) const {
         const std::string snapshot = view == EraMetadata::View::snapshot ? "--metadata-snapshot " : "";
         const std::string text = agent::test::outputOf("era_invalidate " + snapshot + "--written-since " +
                                                        std::to_string(first) + " " + path);

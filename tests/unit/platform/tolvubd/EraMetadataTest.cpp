@@ -62,7 +62,7 @@ TEST(EraMetadata, HasTheSizesOfTheVolume) {
 TEST(EraMetadata, AgreesWithTheToolsInEveryEra) {
     const EraImage image(5000, 8, severalEras(5000));
     for (std::uint32_t first = 0; first < 10; ++first) {
-        EXPECT_EQ(image.writtenSince(first, current), image.truth(first, current)) << first;
+        EXPECT_EQ(image.writtenSince(first, current), image.writtenSinceByTool(first, current)) << first;
     }
     EXPECT_EQ(count(image.writtenSince(6, current)), 3);
     EXPECT_EQ(count(image.writtenSince(7, current)), 2);
@@ -77,7 +77,7 @@ TEST_P(EraMetadataOfSize, AgreesWithTheTools) {
     const EraImage image(blocks, 5, content, static_cast<int>(blocks / 128 + 256));
     for (std::uint32_t first = 1; first < 5; ++first) {
         const std::vector<bool> written = image.writtenSince(first, current);
-        EXPECT_EQ(written, image.truth(first, current)) << first;
+        EXPECT_EQ(written, image.writtenSinceByTool(first, current)) << first;
         EXPECT_EQ(written[blocks - 1], first <= 3);
         EXPECT_EQ(written.size(), blocks);
     }
@@ -99,7 +99,7 @@ protected:
 TEST_F(EraMetadataOfKernel, HasWhatTheSnapshotHolds) {
     const EraImage live = image("kernel-live");
     for (const std::uint32_t first : {1U, 4U, 5U, 6U}) {
-        EXPECT_EQ(live.writtenSince(first, snapshot), live.truth(first, snapshot)) << first;
+        EXPECT_EQ(live.writtenSince(first, snapshot), live.writtenSinceByTool(first, snapshot)) << first;
     }
     EXPECT_EQ(count(live.writtenSince(5, snapshot)), 65) << "those of the era that isn't in the array";
     EXPECT_EQ(count(live.writtenSince(6, snapshot)), 0);
@@ -109,9 +109,9 @@ TEST_F(EraMetadataOfKernel, HasWhatTheCurrentEraHasWritten) {
     const EraImage live = image("kernel-live");
     const EraImage closed = image("kernel-closed");
     for (const std::uint32_t first : {1U, 5U, 6U, 7U}) {
-        const std::vector<bool> truth = closed.truth(first, current);
-        EXPECT_EQ(closed.writtenSince(first, current), truth) << first;
-        EXPECT_EQ(live.writtenSince(first, current), truth) << first;
+        const std::vector<bool> byTool = closed.writtenSinceByTool(first, current);
+        EXPECT_EQ(closed.writtenSince(first, current), byTool) << first;
+        EXPECT_EQ(live.writtenSince(first, current), byTool) << first;
     }
     EXPECT_EQ(count(closed.writtenSince(6, current)), 9);
 }

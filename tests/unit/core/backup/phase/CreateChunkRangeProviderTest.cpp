@@ -3,8 +3,8 @@
 #include "support/FixedBitmap.h"
 #include "support/FixedRanges.h"
 #include "support/Messages.h"
-#include "support/PlainRanges.h"
 #include "support/RecordingLogger.h"
+#include "support/ReferenceRanges.h"
 #include "support/TestDirectory.h"
 
 #include <gmock/gmock.h>

@@ -41,16 +41,16 @@ Chunk chunkAt(std::int64_t offset) {
 class Gate {
 public:
     void pass(const Chunk& chunk) {
-        ++come;
-        eventually([&] { return come <= let; });
+        ++arrived;
+        eventually([&] { return arrived <= allowed; });
         passed.push_back(chunk.offset);
         if (chunk.offset == failing) {
             throw std::runtime_error("can't be written");
         }
     }
 
-    std::atomic<int> come = 0;
-    std::atomic<int> let = 1000;
+    std::atomic<int> arrived = 0;
+    std::atomic<int> allowed = 1000;
     std::int64_t failing = -1;
     Offsets passed; ///< read it only when nothing is being written
 };
@@ -62,10 +62,10 @@ protected:
 };
 
 TEST_F(WriteBehindTest, AChunkIsWrittenWhileTheCallerGoesOn) {
-    gate.let = 0;
+    gate.allowed = 0;
     writing.begin(chunkAt(7));
-    EXPECT_TRUE(eventually([&] { return gate.come == 1; }));
-    gate.let = 1;
+    EXPECT_TRUE(eventually([&] { return gate.arrived == 1; }));
+    gate.allowed = 1;
     writing.waitOrThrow();
     EXPECT_EQ(gate.passed, Offsets{7});
 }

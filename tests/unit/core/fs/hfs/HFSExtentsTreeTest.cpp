@@ -53,7 +53,7 @@ protected:
     }
 
     void expectRead() {
-        image->use(image->geometry.totalBlocks - 1);
+        image->setUsed(image->geometry.totalBlocks - 1);
         EXPECT_EQ(parse(), image->geometry.totalBlocks);
         EXPECT_EQ(buffer.at((image->geometry.totalBlocks - 1) / 8), 1);
         EXPECT_EQ(record.lines(), (Lines{{info::level::debug, "Bitmap extents overflow file needed."}}));

@@ -90,8 +90,8 @@ TEST_F(HFSParserTest, UnreadableHeaderIsNotRecognised) {
 }
 
 TEST_F(HFSParserTest, MapIsThatOfTheDisk) {
-    image->use(999);
-    image->use(9);
+    image->setUsed(999);
+    image->setUsed(9);
     EXPECT_EQ(parse(), 1000);
     EXPECT_EQ(used(1000), (Blocks{0, 5, 9, 100, 101, 102, 103, 104, 105, 106, 107, 999}));
     EXPECT_TRUE(record.lines().empty());
@@ -151,7 +151,7 @@ TEST_F(HFSParserTest, BufferWithoutRoomGetsNothing) {
 TEST_F(HFSParserTest, PiecesAreThoseOfTheWhole) {
     make({.blockSize = 512, .totalBlocks = 20000, .bitmap = {{50, 1}, {60, 2}, {40, 1}, {700, 1}}});
     for (std::uint32_t block = 3000; block < 20000; block += 7) {
-        image->use(block);
+        image->setUsed(block);
     }
     ASSERT_EQ(parse(), 20000);
     const std::vector<std::uint8_t> whole = buffer;
@@ -204,7 +204,7 @@ TEST_F(HFSParserTest, ReadsAsDeviceAndBlocksDemand) {
 
 TEST_F(HFSParserTest, LargeBitmapIsReadInPieces) {
     make({.blockSize = 512, .totalBlocks = 40'000'000, .bitmap = {{201, 9766}}});
-    image->use(39'999'999);
+    image->setUsed(39'999'999);
     EXPECT_EQ(parse(0, 5'000'000), 40'000'000);
     EXPECT_EQ(buffer.at(4'999'999), 1);
     EXPECT_TRUE(std::ranges::all_of(image->volume.requests,
@@ -253,12 +253,12 @@ TEST_F(HFSParserTest, ExtentsThatCannotBeTheBitmapAreRefused) {
 TEST_F(HFSParserTest, BitmapThatIsNoneIsRefused) {
     const std::string reason = "The HFS+ bitmap has its own blocks as free";
     for (const std::uint32_t block : {0U, 5U, 100U, 107U}) {
-        image->use(block, false);
+        image->setUsed(block, false);
         expectRefused(reason);
-        image->use(block);
+        image->setUsed(block);
     }
     EXPECT_EQ(parse(), 1000);
-    image->use(104, false);
+    image->setUsed(104, false);
     EXPECT_EQ(parse(0, 13), 104); // the requested chunk ends before it
     EXPECT_EQ(parse(104, 13), -1);
     EXPECT_EQ(parse(112, 13), 104);

@@ -19,8 +19,8 @@ struct Extent {
 
 /// Reference implementation, one block at a time: marks all blocks before `usedEnd` as used, then clears the
 /// free runs.
-Map plainMap(std::size_t bytes, std::uint64_t firstBlock, std::uint64_t usedEnd,
-             const std::vector<Extent>& runs) {
+Map referenceMap(std::size_t bytes, std::uint64_t firstBlock, std::uint64_t usedEnd,
+                 const std::vector<Extent>& runs) {
     Map map(bytes, 0);
     for (std::uint64_t block = firstBlock; block < usedEnd; ++block) {
         const bool isFree = std::any_of(runs.begin(), runs.end(), [block](const Extent& run) {
@@ -55,7 +55,7 @@ TEST(XFSUsedMapTest, IsTheSameInWhateverOrderFreeBlocksCome) {
             map.markFree(run.block, run.count);
         }
         map.finish(usedBytes);
-        ASSERT_EQ(made, plainMap(bytes, firstBlock, usedEnd, runs)) << round;
+        ASSERT_EQ(made, referenceMap(bytes, firstBlock, usedEnd, runs)) << round;
     }
 }
 

@@ -20,7 +20,7 @@ namespace {
 using Pieces = std::vector<VolumePiece>;
 
 /// What the kernel reported, as the script beside this file writes it.
-struct Truth {
+struct KernelReport {
     PhysicalDevices devices;
     std::map<std::string, std::optional<Pieces>>
         volumes; ///< std::nullopt unless all segments are linear on physical volumes
@@ -36,8 +36,8 @@ dev_t readNumber(std::istream& from) {
 
 /// Reads the script's output: physical volumes ("pv"), then each logical volume ("lv") followed by its
 /// device-mapper segments.
-Truth readTruth(const std::string& path) {
-    Truth truth;
+KernelReport readKernelReport(const std::string& path) {
+    KernelReport report;
     std::istringstream lines(agent::test::readFile(path));
     std::optional<Pieces>* volume = nullptr;
     for (std::string line; std::getline(lines, line);) {
@@ -46,9 +46,9 @@ Truth readTruth(const std::string& path) {
         std::string second;
         words >> first >> second;
         if (first == "pv") {
-            truth.devices[second] = readNumber(words);
+            report.devices[second] = readNumber(words);
         } else if (first == "lv") {
-            volume = &truth.volumes.emplace(second.substr(36), Pieces()).first->second;
+            volume = &report.volumes.emplace(second.substr(36), Pieces()).first->second;
         } else if (*volume) {
             VolumePiece piece{std::stoull(first), std::stoull(second)};
             std::string type;
@@ -56,7 +56,7 @@ Truth readTruth(const std::string& path) {
             piece.device = readNumber(words);
             words >> piece.offset;
             const bool isKnown = std::ranges::any_of(
-                truth.devices, [&](const auto& device) { return device.second == piece.device; });
+                report.devices, [&](const auto& device) { return device.second == piece.device; });
             if (type == "linear" && isKnown) {
                 (*volume)->push_back(piece);
             } else {
@@ -64,19 +64,19 @@ Truth readTruth(const std::string& path) {
             }
         }
     }
-    return truth;
+    return report;
 }
 
 class KernelTruth : public testing::TestWithParam<const char*> {};
 
 TEST_P(KernelTruth, IsWhatTheTextSays) {
     const std::string path = std::string(LVM_PAIRS) + "/" + GetParam();
-    const Truth truth = readTruth(path + ".tables");
+    const KernelReport report = readKernelReport(path + ".tables");
     const VolumeGroup group(agent::test::readFile(path + ".vg"));
     bool hasLinear = false;
     bool hasOther = false;
-    for (const auto& [uuid, pieces] : truth.volumes) {
-        EXPECT_EQ(group.piecesOf(uuid, truth.devices), pieces) << uuid;
+    for (const auto& [uuid, pieces] : report.volumes) {
+        EXPECT_EQ(group.piecesOf(uuid, report.devices), pieces) << uuid;
         hasLinear = hasLinear || pieces;
         hasOther = hasOther || !pieces;
     }

@@ -18,7 +18,7 @@ namespace {
 using test::FileSystemImage;
 
 /// Shell commands, and whether the file system shows that they have written to it.
-struct Meanwhile {
+struct UntrackedChange {
     const char* commands;
     bool isSeen;
 };
@@ -42,7 +42,7 @@ Seal openSeal(const FileSystemImage& image) {
     return seal;
 }
 
-void expectToSee(const FileSystemImage& image, const Seal& seal, const std::vector<Meanwhile>& table) {
+void expectToSee(const FileSystemImage& image, const Seal& seal, const std::vector<UntrackedChange>& table) {
     image.run("keep");
     for (const auto& [commands, isSeen] : table) {
         image.run(std::string("back; ") + commands);

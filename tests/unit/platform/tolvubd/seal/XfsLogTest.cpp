@@ -14,20 +14,20 @@ namespace {
 using test::FileSystemImage;
 
 /// What xfs_logprint reports about the log: the position of its head, and whether it is clean.
-struct Truth {
+struct LogReport {
     std::uint64_t head = 0;
     bool isClean = false;
 };
 
-Truth truthOf(const FileSystemImage& image) {
+LogReport reportOf(const FileSystemImage& image) {
     std::istringstream words(
         image.run("xfs_logprint -t $i 2>/dev/null | sed -n "
                   "\"s/.*log tail: [0-9]* head: \\([0-9]*\\) state: <\\(.*\\)>/\\1 \\2/p\""));
-    Truth truth;
+    LogReport report;
     std::string state;
-    words >> truth.head >> state;
-    truth.isClean = state == "CLEAN";
-    return truth;
+    words >> report.head >> state;
+    report.isClean = state == "CLEAN";
+    return report;
 }
 
 std::uint64_t numberFrom(const FileSystemImage& image, const std::string& command) {
@@ -45,11 +45,11 @@ XfsLogPlace placeOf(const FileSystemImage& image) {
 }
 
 void expectTheTruth(const FileSystemImage& image, const XfsLogPlace& place, const std::string& what) {
-    const Truth truth = truthOf(image);
+    const LogReport report = reportOf(image);
     const std::optional<XfsLogHead> head = readXfsLogHead(openFile(image.path(), O_RDONLY), place);
     ASSERT_TRUE(head) << what;
-    EXPECT_EQ(head->block, truth.head) << what;
-    EXPECT_EQ(head->isUnmounted, truth.isClean) << what;
+    EXPECT_EQ(head->block, report.head) << what;
+    EXPECT_EQ(head->isUnmounted, report.isClean) << what;
 }
 
 /// Smaller than mkfs.xfs supports officially.

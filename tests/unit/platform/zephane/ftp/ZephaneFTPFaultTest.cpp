@@ -1,6 +1,6 @@
+#include "support/NbdkitProcess.h"
 #include "support/TestDirectory.h"
 #include "support/ZephaneClients.h"
-#include "support/ZephaneEngine.h"
 #include "support/ZephaneTestServer.h"
 #include "zephane/nbd/NbdImage.h"
 
@@ -18,9 +18,9 @@ namespace zephane {
 namespace {
 
 using test::makeClient;
+using test::NbdkitProcess;
 using test::NetworkFault;
-using test::noise;
-using test::ZephaneEngine;
+using test::randomBytes;
 using test::ZephaneTestNetwork;
 using test::ZephaneTestServer;
 using testing::HasSubstr;
@@ -77,7 +77,7 @@ private:
 
     agent::test::TestDirectory directory;
     agent::Path switchFile = directory / "fails";
-    ZephaneEngine engine;
+    NbdkitProcess engine;
 };
 
 TEST(ZephaneFTPFault, AWriteThatFailsIsToldAndNoMore) {
@@ -131,7 +131,7 @@ TEST(ZephaneFTPFault, AHoleThatFailsIsToldOnceByWhatComesNext) {
 }
 
 TEST(ZephaneFTPFault, WhatCouldNotBeStoredStaysUnstored) {
-    const ZephaneEngine engine{{"eval", "get_size=echo 1048576", "pread=head -c $3 /dev/zero",
+    const NbdkitProcess engine{{"eval", "get_size=echo 1048576", "pread=head -c $3 /dev/zero",
                                 "pwrite=cat >/dev/null", "flush=echo EIO a disk has gone >&2; exit 1"}};
     const ZephaneTestServer server{engine.socket()};
     ZephaneFTPClient client = makeClient({.port = server.port()});
@@ -145,7 +145,7 @@ TEST(ZephaneFTPFault, WhatCouldNotBeStoredStaysUnstored) {
 }
 
 TEST(ZephaneFTPFault, AnEngineThatDiesEndsTheClient) {
-    ZephaneEngine engine{{"memory", "1M"}};
+    NbdkitProcess engine{{"memory", "1M"}};
     const ZephaneTestServer server{engine.socket()};
     ZephaneFTPClient client = makeClient({.port = server.port()});
     ASSERT_EQ(client.open().code, 0);
@@ -155,7 +155,7 @@ TEST(ZephaneFTPFault, AnEngineThatDiesEndsTheClient) {
 }
 
 TEST(ZephaneFTPFault, AnEngineThatDiesBeforeItHasStoredFailsClosing) {
-    ZephaneEngine engine{{"memory", "1M"}};
+    NbdkitProcess engine{{"memory", "1M"}};
     const ZephaneTestServer server{engine.socket()};
     ZephaneFTPClient client = makeClient({.port = server.port()});
     ASSERT_EQ(client.open().code, 0);
@@ -165,7 +165,7 @@ TEST(ZephaneFTPFault, AnEngineThatDiesBeforeItHasStoredFailsClosing) {
 }
 
 TEST(ZephaneFTPFault, ASlowEngineEndsTheClientInTime) {
-    const ZephaneEngine engine{{"--filter=delay", "memory", "1M", "wdelay=30"}};
+    const NbdkitProcess engine{{"--filter=delay", "memory", "1M", "wdelay=30"}};
     const ZephaneTestServer server{engine.socket()};
     ZephaneFTPClient client = makeClient({.port = server.port(), .patience = {20s, 300ms}});
     ASSERT_EQ(client.open().code, 0);
@@ -175,7 +175,7 @@ TEST(ZephaneFTPFault, ASlowEngineEndsTheClientInTime) {
 }
 
 TEST(ZephaneFTPFault, ADigestThatFailsIsNeverTakenForEqual) {
-    const ZephaneEngine engine{{"memory", "1M"}};
+    const NbdkitProcess engine{{"memory", "1M"}};
     const ZephaneTestServer server{engine.socket(), {.digestCode = -EIO}};
     ZephaneFTPClient client = makeClient({.port = server.port(), .flags = compare});
     ASSERT_EQ(client.open().code, 0);
@@ -195,8 +195,8 @@ TEST(ZephaneFTPFault, AComparisonThatCannotReadIsNeverTakenForEqual) {
 }
 
 TEST(ZephaneFTPFault, DigestsOfAnotherRangeEndTheClient) {
-    const ZephaneEngine engine{{"memory", "1M"}};
-    const ZephaneTestServer server{engine.socket(), {.losesDigest = true}};
+    const NbdkitProcess engine{{"memory", "1M"}};
+    const ZephaneTestServer server{engine.socket(), {.dropsLastDigest = true}};
     ZephaneFTPClient client = makeClient({.port = server.port(), .flags = compare});
     ASSERT_EQ(client.open().code, 0);
     const Status status = write(client, Bytes(3 * wire::digestUnit));
@@ -205,7 +205,7 @@ TEST(ZephaneFTPFault, DigestsOfAnotherRangeEndTheClient) {
 }
 
 TEST(ZephaneFTPFault, AServerThatKeepsItsDigestsEndsTheClientInTime) {
-    const ZephaneEngine engine{{"memory", "1M"}};
+    const NbdkitProcess engine{{"memory", "1M"}};
     const ZephaneTestServer server{engine.socket(), {.answersDigests = false}};
     ZephaneFTPClient client = makeClient({.port = server.port(), .flags = compare, .patience = {20s, 300ms}});
     ASSERT_EQ(client.open().code, 0);
@@ -215,8 +215,8 @@ TEST(ZephaneFTPFault, AServerThatKeepsItsDigestsEndsTheClientInTime) {
 }
 
 TEST(ZephaneFTPFault, AnAnswerThatNobodyAskedForEndsTheClient) {
-    const ZephaneEngine engine{{"memory", "1M"}};
-    const ZephaneTestServer server{engine.socket(), {.sendsUnasked = true}};
+    const NbdkitProcess engine{{"memory", "1M"}};
+    const ZephaneTestServer server{engine.socket(), {.sendsUnrequestedAnswer = true}};
     ZephaneFTPClient client = makeClient({.port = server.port(), .flags = compare});
     const Status opened = client.open();
     const Status status = opened.code == 0 ? write(client, Bytes(4096)) : opened;
@@ -267,14 +267,14 @@ const Places atAFew{0, 250, 550, 850, 1150, 1500, 40000};
 
 /// Runs a backup for each of these faults. Returns the names of the calls that failed.
 std::set<std::string> backUpOver(const Places& places, NetworkFault fault, ClientPatience patience) {
-    const ZephaneEngine engine{{"memory", "1M"}};
+    const NbdkitProcess engine{{"memory", "1M"}};
     const ZephaneTestServer server{engine.socket()};
     std::set<std::string> failed;
     unsigned seed = 0;
     for (const std::size_t place : places) {
         fault.afterBytes = place;
         const ZephaneTestNetwork network{server.port(), fault};
-        const Bytes data = noise(wire::digestUnit, ++seed);
+        const Bytes data = randomBytes(wire::digestUnit, ++seed);
         const auto begin = std::chrono::steady_clock::now();
         {
             ZephaneFTPClient client = makeClient({.port = network.port(), .patience = patience});

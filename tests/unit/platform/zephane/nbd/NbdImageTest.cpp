@@ -1,9 +1,9 @@
 #include "zephane/nbd/NbdImage.h"
 
 #include "os/FileDescriptor.h"
+#include "support/NbdkitProcess.h"
 #include "support/TestDirectory.h"
 #include "support/Waiting.h"
-#include "support/ZephaneEngine.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -19,7 +19,7 @@
 namespace zephane {
 namespace {
 
-using test::ZephaneEngine;
+using test::NbdkitProcess;
 using testing::Each;
 using testing::ElementsAre;
 using testing::HasSubstr;
@@ -42,13 +42,13 @@ int errorOf(const std::function<void()>& call) {
 }
 
 TEST(NbdImage, TellsWhatTheImageIs) {
-    const ZephaneEngine engine{{"memory", "40M"}};
+    const NbdkitProcess engine{{"memory", "40M"}};
     const NbdImage image(engine.socket());
     EXPECT_EQ(image.size(), large);
     EXPECT_FALSE(image.isReadOnly());
     EXPECT_TRUE(image.isSharedByConnections());
     EXPECT_TRUE(image.isAlive());
-    const ZephaneEngine other{{"-r", "--filter=multi-conn", "memory", "512", "multi-conn-mode=disable"}};
+    const NbdkitProcess other{{"-r", "--filter=multi-conn", "memory", "512", "multi-conn-mode=disable"}};
     const NbdImage readOnly(other.socket());
     EXPECT_EQ(readOnly.size(), 512);
     EXPECT_TRUE(readOnly.isReadOnly());
@@ -56,7 +56,7 @@ TEST(NbdImage, TellsWhatTheImageIs) {
 }
 
 TEST(NbdImage, ReadsBackWhatItHasWritten) {
-    const ZephaneEngine engine{{"memory", "40M"}};
+    const NbdkitProcess engine{{"memory", "40M"}};
     NbdImage image(engine.socket());
     const Bytes data(wire::requestBytes, 0x5A);
     image.write(data, 3);
@@ -70,7 +70,7 @@ TEST(NbdImage, ReadsBackWhatItHasWritten) {
 }
 
 TEST(NbdImage, HolesAreCutIntoRequestsAndReadAsZeros) {
-    const ZephaneEngine engine{{"memory", "40M"}};
+    const NbdkitProcess engine{{"memory", "40M"}};
     NbdImage image(engine.socket());
     image.write(Bytes(4096, 1), 0);
     image.write(Bytes(4096, 1), large - 4096);
@@ -87,7 +87,7 @@ TEST(NbdImage, AHoleIsFreedOnTheEnginesDisk) {
     const agent::test::TestDirectory directory;
     const std::string file = directory / "image";
     agent::test::writeFile(file, std::string(wire::mebibyte, 'x'));
-    const ZephaneEngine engine{{"file", file}};
+    const NbdkitProcess engine{{"file", file}};
     NbdImage image(engine.socket());
     image.flush();
     image.queueHole(0, wire::mebibyte);
@@ -100,7 +100,7 @@ TEST(NbdImage, AHoleIsFreedOnTheEnginesDisk) {
 }
 
 TEST(NbdImage, RangesAreCheckedBeforeAnythingIsSent) {
-    const ZephaneEngine engine{{"memory", "40M"}};
+    const NbdkitProcess engine{{"memory", "40M"}};
     NbdImage image(engine.socket());
     Bytes data(wire::requestBytes + 1);
     const std::span<std::uint8_t> one = std::span(data).first(1);
@@ -117,7 +117,7 @@ TEST(NbdImage, RangesAreCheckedBeforeAnythingIsSent) {
 }
 
 TEST(NbdImage, WritesNothingToAReadOnlyImage) {
-    const ZephaneEngine engine{{"-r", "memory", "1M"}};
+    const NbdkitProcess engine{{"-r", "memory", "1M"}};
     NbdImage image(engine.socket());
     EXPECT_EQ(errorOf([&] { image.write(Bytes(1), 0); }), EROFS);
     EXPECT_EQ(errorOf([&] { image.queueHole(0, 1); }), EROFS);
@@ -125,7 +125,7 @@ TEST(NbdImage, WritesNothingToAReadOnlyImage) {
 }
 
 TEST(NbdImage, AnErrorOfTheEngineLeavesTheConnection) {
-    const ZephaneEngine engine{
+    const NbdkitProcess engine{
         {"--filter=error", "memory", "1M", "error-pwrite=ENOSPC", "error-pwrite-rate=100%"}};
     NbdImage image(engine.socket());
     try {
@@ -142,7 +142,7 @@ TEST(NbdImage, AnErrorOfTheEngineLeavesTheConnection) {
 }
 
 TEST(NbdImage, AHoleThatFailsIsToldOnce) {
-    const ZephaneEngine engine{{"--filter=error", "memory", "1M", "error-zero=EIO", "error-zero-rate=100%"}};
+    const NbdkitProcess engine{{"--filter=error", "memory", "1M", "error-zero=EIO", "error-zero-rate=100%"}};
     NbdImage image(engine.socket());
     for (int count = 0; count < 40; ++count) {
         image.queueHole(0, 4096);
@@ -153,7 +153,7 @@ TEST(NbdImage, AHoleThatFailsIsToldOnce) {
 }
 
 TEST(NbdImage, SixteenHolesAreUnderWayAtOnce) {
-    const ZephaneEngine engine{{"--filter=delay", "memory", "1M", "delay-zero=1"}};
+    const NbdkitProcess engine{{"--filter=delay", "memory", "1M", "delay-zero=1"}};
     NbdImage image(engine.socket());
     for (int count = 0; count < 16; ++count) {
         image.queueHole(0, 4096);
@@ -168,7 +168,7 @@ TEST(NbdImage, SixteenHolesAreUnderWayAtOnce) {
 }
 
 TEST(NbdImage, ALateAnswerEndsTheConnection) {
-    const ZephaneEngine engine{{"--filter=delay", "memory", "1M", "rdelay=30"}};
+    const NbdkitProcess engine{{"--filter=delay", "memory", "1M", "rdelay=30"}};
     NbdImage image(engine.socket(), {60s, 300ms});
     Bytes data(512);
     EXPECT_EQ(errorOf([&] { image.read(data, 0); }), ETIMEDOUT);
@@ -181,7 +181,7 @@ TEST(NbdImage, ALateAnswerEndsTheConnection) {
 }
 
 TEST(NbdImage, HolesThatAreNotAnsweredEndTheConnectionOnce) {
-    const ZephaneEngine engine{{"--filter=delay", "memory", "1M", "delay-zero=30"}};
+    const NbdkitProcess engine{{"--filter=delay", "memory", "1M", "delay-zero=30"}};
     NbdImage image(engine.socket(), {60s, 300ms});
     for (int count = 0; count < 5; ++count) {
         image.queueHole(0, 4096);
@@ -193,7 +193,7 @@ TEST(NbdImage, HolesThatAreNotAnsweredEndTheConnectionOnce) {
 }
 
 TEST(NbdImage, AnEngineThatDiesEndsTheConnection) {
-    ZephaneEngine engine{{"memory", "1M"}};
+    NbdkitProcess engine{{"memory", "1M"}};
     NbdImage image(engine.socket());
     engine.kill();
     Bytes data(512);
@@ -233,7 +233,7 @@ TEST(NbdImage, AServerThatHangsUpIsNotWaitedFor) {
 }
 
 TEST(NbdImage, AnEngineWithoutAFlushHasNothingToStoreLater) {
-    const ZephaneEngine engine{
+    const NbdkitProcess engine{
         {"eval", "get_size=echo 1048576", "pread=head -c $3 /dev/zero", "pwrite=cat >/dev/null"}};
     NbdImage image(engine.socket());
     image.write(Bytes(512), 0);
@@ -242,7 +242,7 @@ TEST(NbdImage, AnEngineWithoutAFlushHasNothingToStoreLater) {
 }
 
 TEST(NbdImage, CanBeMoved) {
-    const ZephaneEngine engine{{"memory", "1M"}};
+    const NbdkitProcess engine{{"memory", "1M"}};
     NbdImage first(engine.socket());
     NbdImage second(std::move(first));
     first = std::move(second);

@@ -21,7 +21,7 @@ namespace agent::test {
 
 /// The runs of blocks below `count` for which the predicate is true.
 template <typename Predicate>
-std::vector<BlockRange> plainRuns(std::uint64_t count, Predicate wanted) {
+std::vector<BlockRange> referenceRuns(std::uint64_t count, Predicate wanted) {
     std::vector<BlockRange> runs;
     for (std::uint64_t block = 0; block < count; ++block) {
         if (!wanted(block)) {
@@ -36,21 +36,22 @@ std::vector<BlockRange> plainRuns(std::uint64_t count, Predicate wanted) {
     return runs;
 }
 
-inline bool plainBit(const std::uint8_t* bitmap, std::uint64_t index, bool msbFirst) {
+inline bool referenceBit(const std::uint8_t* bitmap, std::uint64_t index, bool msbFirst) {
     const std::uint64_t shift = msbFirst ? 7 - index % 8 : index % 8;
     return (bitmap[index / 8] >> shift & 1U) != 0;
 }
 
 /// The runs of bits that have the target value.
-inline std::vector<BlockRange> plainBitRanges(const std::uint8_t* bitmap, std::uint64_t bits,
-                                              bool targetValue, bool msbFirst) {
-    return plainRuns(bits, [&](std::uint64_t bit) { return plainBit(bitmap, bit, msbFirst) == targetValue; });
+inline std::vector<BlockRange> referenceBitRanges(const std::uint8_t* bitmap, std::uint64_t bits,
+                                                  bool targetValue, bool msbFirst) {
+    return referenceRuns(
+        bits, [&](std::uint64_t bit) { return referenceBit(bitmap, bit, msbFirst) == targetValue; });
 }
 
 /// The ranges of `totalBlocks` blocks that remain after the exclusions. An exclusion whose end overflows
 /// excludes nothing. An empty exclusion only splits a range at its start.
-inline std::vector<BlockRange> plainIncluded(const std::vector<BlockRange>& exclusions,
-                                             std::uint64_t totalBlocks) {
+inline std::vector<BlockRange> referenceIncluded(const std::vector<BlockRange>& exclusions,
+                                                 std::uint64_t totalBlocks) {
     std::vector<bool> excluded(totalBlocks);
     std::vector<bool> divided(totalBlocks);
     for (const BlockRange& range : exclusions) {
@@ -76,7 +77,7 @@ inline std::vector<BlockRange> plainIncluded(const std::vector<BlockRange>& excl
 }
 
 /// Splits each range, from its start, into chunks of at most `most` blocks.
-inline std::vector<BlockRange> plainChunks(const std::vector<BlockRange>& ranges, std::uint64_t most) {
+inline std::vector<BlockRange> referenceChunks(const std::vector<BlockRange>& ranges, std::uint64_t most) {
     std::vector<BlockRange> chunks;
     for (const BlockRange& range : ranges) {
         for (std::uint64_t block = 0; block < range.length; ++block) {

@@ -12,13 +12,13 @@ namespace zephane::test {
 /// Owns:    the nbdkit process, its socket and its log.
 /// Threads: one.
 /// Fails:   the constructor throws std::runtime_error if nbdkit doesn't start.
-class ZephaneEngine {
+class NbdkitProcess {
 public:
     /// Takes the arguments for the plugin and filters. Throws std::runtime_error if nbdkit doesn't start.
-    explicit ZephaneEngine(const std::vector<std::string>& arguments);
-    ZephaneEngine(const ZephaneEngine&) = delete;
-    ZephaneEngine& operator=(const ZephaneEngine&) = delete;
-    ~ZephaneEngine();
+    explicit NbdkitProcess(const std::vector<std::string>& arguments);
+    NbdkitProcess(const NbdkitProcess&) = delete;
+    NbdkitProcess& operator=(const NbdkitProcess&) = delete;
+    ~NbdkitProcess();
 
     [[nodiscard]] std::string socket() const { return directory / "socket"; }
     /// The requests so far, in order: "Write 0x0 0x10000", "Zero 0x0 0x10000", "Read …", "Flush".

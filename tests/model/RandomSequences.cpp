@@ -1,5 +1,5 @@
-// DebtModel [SEQUENCES [SEED]]: runs random sequences of events that can happen to a protected machine, and
-// reports those after which a finished backup was wrong. The exit status is 1 if there are any.
+// RandomSequences [SEQUENCES [SEED]]: runs random sequences of events that can happen to a protected machine,
+// and reports those after which a finished backup was wrong. The exit status is 1 if there are any.
 
 #include "model/ModelDriver.h"
 #include "model/Sequence.h"
@@ -66,7 +66,7 @@ int main(int argc, char** argv) {
     try {
         return playAll(argc > 1 ? numberFrom(argv[1]) : usualCount, argc > 2 ? numberFrom(argv[2]) : 1);
     } catch (const std::exception& error) {
-        std::cerr << "DebtModel: " << error.what() << "\n";
+        std::cerr << "RandomSequences: " << error.what() << "\n";
         return 2;
     }
 }

@@ -1,4 +1,4 @@
-#include "support/ZephaneEngine.h"
+#include "support/NbdkitProcess.h"
 
 #include "support/Waiting.h"
 
@@ -36,7 +36,7 @@ pid_t start(std::vector<std::string> arguments) {
 
 } // namespace
 
-ZephaneEngine::ZephaneEngine(const std::vector<std::string>& arguments) {
+NbdkitProcess::NbdkitProcess(const std::vector<std::string>& arguments) {
     const std::string ready = directory / "ready"; // the socket exists before nbdkit listens on it
     std::vector<std::string> all{"nbdkit", "-f", "--exit-with-parent", "-U" + socket()};
     all.insert(all.end(), {"-P" + ready, "--filter=log"});
@@ -49,11 +49,11 @@ ZephaneEngine::ZephaneEngine(const std::vector<std::string>& arguments) {
     }
 }
 
-ZephaneEngine::~ZephaneEngine() {
+NbdkitProcess::~NbdkitProcess() {
     kill();
 }
 
-void ZephaneEngine::kill() {
+void NbdkitProcess::kill() {
     if (process > 0) {
         ::kill(process, SIGKILL);
         ::waitpid(process, nullptr, 0);
@@ -61,7 +61,7 @@ void ZephaneEngine::kill() {
     }
 }
 
-std::vector<std::string> ZephaneEngine::requests() const {
+std::vector<std::string> NbdkitProcess::requests() const {
     static const std::regex request(
         R"(.*connection=\d+ (Read|Write|Zero|Flush) id=\d+(?: offset=(\w+) count=(\w+))?.* \.\.\.)");
     std::istringstream log(agent::test::readFile(directory / "log"));

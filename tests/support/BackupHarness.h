@@ -39,7 +39,7 @@ private:
 /// Owns:    the database, the log and the fakes; the backups belong to the caller.
 /// Threads: one.
 /// Fails:   the constructor throws std::runtime_error if the database can't be made.
-class BackupStage {
+class BackupHarness {
 public:
     using Attributes = std::shared_ptr<core::backup::IBackupAttributes>;
 

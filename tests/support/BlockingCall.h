@@ -4,19 +4,19 @@
 
 namespace agent::test {
 
-/// A function object whose call blocks until another thread calls leave(). It can be called once.
-class Stay {
+/// A function object whose call blocks until another thread calls release(). It can be called once.
+class BlockingCall {
 public:
     void operator()() {
         entered.set_value();
-        left.get_future().wait();
+        released.get_future().wait();
     }
     void waitUntilEntered() { entered.get_future().wait(); }
-    void leave() { left.set_value(); }
+    void release() { released.set_value(); }
 
 private:
     std::promise<void> entered;
-    std::promise<void> left;
+    std::promise<void> released;
 };
 
 } // namespace agent::test

@@ -61,24 +61,24 @@ private:
 /// Owns:    the engine with its threads, the manager and the last session.
 /// Threads: one.
 /// Fails:   `takeTransport` throws for a volume that the backup doesn't have. Call it once after each backup.
-class EngineStage {
+class EngineHarness {
     class NoScripts : public core::script::IQuiesce {
     public:
         std::set<std::string> getScripts(const std::string& /*directory*/) override { return {}; }
         void runScript(const std::string& /*script*/, std::uint32_t /*timeout*/, bool /*isPre*/) override {}
     };
 
-    /// A backup that hands its session to the stage, so that the session outlives it.
+    /// A backup that hands its session to the harness, so that the session outlives it.
     class KeptBackup : public FixedBackup {
     public:
-        KeptBackup(std::string id, EngineStage& stage) : FixedBackup(std::move(id)), stage(stage) {}
+        KeptBackup(std::string id, EngineHarness& harness) : FixedBackup(std::move(id)), harness(harness) {}
         void run(std::unique_ptr<core::backup::BackupSession> session) override {
-            const std::lock_guard lock(stage.mutex);
-            stage.session = std::move(session);
+            const std::lock_guard lock(harness.mutex);
+            harness.session = std::move(session);
         }
 
     private:
-        EngineStage& stage;
+        EngineHarness& harness;
     };
 
     NoScripts quiesce;
@@ -87,7 +87,7 @@ class EngineStage {
     std::unique_ptr<core::backup::BackupSession> session; // guarded by mutex
 
 public:
-    explicit EngineStage(info::Logger& logger)
+    explicit EngineHarness(info::Logger& logger)
         : manager(logger),
           engine(
               logger, driverInfo, quiesce, manager,
