@@ -5,8 +5,8 @@
 #include "core/backup/IBackup.h"
 #include "core/backup/IBackupAttributes.h"
 #include "core/backup/ISnapshotAttributes.h"
+#include "core/backup/SnapshotLock.h"
 #include "core/backup/SnapshotSessionControl.h"
-#include "core/backup/SnapshotTurn.h"
 #include "core/operation/ICancelableOperation.h"
 #include "core/operation/IHeartbeat.h"
 #include "core/script/IQuiesce.h"
@@ -22,7 +22,7 @@ namespace agent::core::backup {
 /// See IBackup. One run at a time in the process: a run waits, without limit, for the one before it to end,
 /// so that a new backup never meets the snapshots of a cancelled one. A backup that is cancelled while it
 /// waits ends as failed when its turn comes, and begins nothing. Another process that has snapshots is waited
-/// for within limits, see SnapshotTurn.
+/// for within limits, see SnapshotLock.
 ///
 /// Logger, volume provider, quiesce scripts, data provider and configuration must outlive it.
 class Backup : public IBackup {
@@ -56,7 +56,7 @@ private:
     struct Snapshots {
         std::unique_ptr<SnapshotSessionControl> control;
         Volumes volumes;
-        SnapshotTurn turn;
+        SnapshotLock lock;
     };
 
     static std::string nameOf(Outcome outcome);
