@@ -35,7 +35,7 @@ void declareImage(CLI::App& command, ImageOptions& options) {
     command.add_flag("--verbose", options.isVerbose, "Tell on standard error what is done");
 }
 
-void keepSecret(ImageOptions& options) {
+void askSecretOnce(ImageOptions& options) {
     if (addressOf(options).wantsSecret()) {
         const std::string secret = findSecret(options.secret, "Secret of " + options.image);
         ::setenv(secretVariable, secret.c_str(), 1); // NOLINT(concurrency-mt-unsafe): before any thread
