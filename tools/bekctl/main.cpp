@@ -3,6 +3,7 @@
 #include "Commands.h"
 #include "Target.h"
 #include "app/Version.h"
+#include "tools/common/CommandLine.h"
 #include "tools/common/Text.h"
 
 #include <CLI/CLI.hpp>
@@ -93,7 +94,8 @@ void declareTarget(CLI::App& app, Options& options) {
 void declareLog(CLI::App& app, LogOptions& options) {
     app.add_option("-n,--lines", options.lines,
                    "Begin with so many lines of those that are there; 20 by default")
-        ->type_name("NUMBER");
+        ->type_name("NUMBER")
+        ->check(tools::refuseNegative);
     app.add_flag("-f,--follow", options.follow, "Go on as the log grows");
     app.add_option("--level", options.level, "Show what is at least as severe as this; debug by default")
         ->type_name("LEVEL")
@@ -103,6 +105,7 @@ void declareLog(CLI::App& app, LogOptions& options) {
 
 void declare(CLI::App& app, Options& options) {
     app.name("bekctl");
+    app.failure_message(&tools::failureText);
     app.set_version_flag("--version", std::string("bekctl ") + agent::app::version, "Print the version");
     app.require_subcommand(1);
     for (const Command& command : commands) {
