@@ -16,6 +16,7 @@ sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1]))
 
 from lab.hfs_tree import BIG_KEYS, BINARY, VARIABLE_INDEX_KEYS, Tree  # noqa: E402
 
+BLOCK_SIZES = [512 << shift for shift in range(8)]
 USUAL_HEADER = 1024
 HEADER_SIZE = 512
 IN_A_FORK = 8 # extents
@@ -60,7 +61,8 @@ class Space:
         return -(-length // self.block_size)
 
     def use(self, first, count):
-        assert first + count <= self.blocks, "the volume is too small"
+        if first + count > self.blocks:
+            raise ValueError("the volume is too small")
         for block in range(first, first + count):
             assert not self._bits[block // 8] & 0x80 >> block % 8
             self._bits[block // 8] |= 0x80 >> block % 8
@@ -274,7 +276,8 @@ def journal_header(length):
 
 def parsed(arguments):
     parser = argparse.ArgumentParser(description=__doc__)
-    parser.add_argument("--block-size", type=int, default=4096)
+    parser.add_argument("--block-size", type=int, default=4096, choices=BLOCK_SIZES,
+                        metavar="BYTES", help="a power of two from 512 to 65536; 4096 if not given")
     parser.add_argument("--files", type=int, default=0, help="how many, in four directories")
     parser.add_argument("--hollow", action="store_true", help="what files hold isn't written")
     parser.add_argument("--fragments", type=int, default=1, help="of the bitmap, with free blocks between")
@@ -293,8 +296,14 @@ def parsed(arguments):
 
 def main(arguments):
     options = parsed(arguments)
-    with open(options.image, "r+b") as image:
-        Maker(image, options).make()
+    try:
+        with open(options.image, "r+b") as image:
+            Maker(image, options).make()
+    except OSError as error:
+        sys.exit(f"lab/hfs_maker.py: {options.image}: {error.strerror}; it must be a device, or a file of "
+                 "the volume's size, as truncate --size makes it")
+    except (ValueError, struct.error) as error:
+        sys.exit(f"lab/hfs_maker.py: {options.image}: {error}")
 
 
 if __name__ == "__main__":

@@ -11,6 +11,7 @@ import subprocess
 import time
 
 from lab.appliance_client import DEVICE
+from lab.arguments import parser_of
 from lab.daemon import Daemon, require_private_site
 from lab.machine import appliance_of, new_machine
 from lab.site import Site
@@ -49,6 +50,7 @@ def race_host(appliance, count):
 
 
 def main():
+    parser_of(__doc__).parse_args()
     require_private_site()
     with contextlib.ExitStack() as lasting:
         authority = lasting.enter_context(new_machine(key_type="rsa"))

@@ -22,6 +22,7 @@ import threading
 import time
 
 from lab.appliance_client import DEVICE, PORT, Appliance, volume
+from lab.arguments import parser_of
 from lab.certificates import Authority, install
 from lab.daemon import BASE, CERTIFICATES, Daemon, program, require_private_site
 from lab.driver import hide_driver, show_driver
@@ -242,6 +243,7 @@ def print_usage(before, after_kept, after_all):
 
 
 def main():
+    parser_of(__doc__).parse_args()
     require_private_site()
     shutil.rmtree(BASE, ignore_errors=True)
     with contextlib.ExitStack() as lasting:

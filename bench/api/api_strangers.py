@@ -13,6 +13,7 @@ import resource
 import time
 
 from lab.appliance_client import DEVICE
+from lab.arguments import parser_of
 from lab.daemon import CONFIG, Daemon, require_private_site
 from lab.https_client import Client
 from lab.machine import new_machine
@@ -95,6 +96,7 @@ def show_config(client):
 
 
 def main():
+    parser_of(__doc__).parse_args()
     require_private_site()
     hard = resource.getrlimit(resource.RLIMIT_NOFILE)[1]
     with contextlib.ExitStack() as lasting:

@@ -56,31 +56,32 @@ def beginning_of(ranges, size):
         size -= length
 
 
-def run_floor(bed, ranges, mode, *arguments):
-    bed.settle()
+def run_floor(testbed, ranges, mode, *arguments):
+    testbed.settle()
     printed, _, cpu = timed([program("bench_copy_floor"), mode, *map(str, arguments)],
                             "".join(f"{offset} {length}\n" for offset, length in ranges))
     return Floor(**json.loads(printed), cpu=cpu)
 
 
-def in_turns(bed, ranges, mode, device):
+def in_turns(testbed, ranges, mode, device):
     """Copies or compares the ranges; `mode` is "copy" or "compare"."""
-    return run_floor(bed, ranges, mode, device, bed.target.portal, bed.target.name, bed.image.lun)
+    return run_floor(testbed, ranges, mode, device, testbed.target.portal, testbed.target.name,
+                     testbed.image.lun)
 
 
-def source_alone(bed, ranges, device):
+def source_alone(testbed, ranges, device):
     """Reads the volume, by the number of threads that is fastest."""
-    return min((run_floor(bed, ranges, "source", device, threads) for threads in THREADS),
+    return min((run_floor(testbed, ranges, "source", device, threads) for threads in THREADS),
                key=lambda floor: floor.seconds)
 
 
-def image_alone(bed, ranges, mode, window, portal=None):
+def image_alone(testbed, ranges, mode, window, portal=None):
     """Reads the image or writes noise to it; `mode` is "read" or "write"."""
-    return run_floor(bed, ranges, mode, portal or bed.target.portal, bed.target.name, bed.image.lun,
-                     window.bytes, window.depth)
+    return run_floor(testbed, ranges, mode, portal or testbed.target.portal, testbed.target.name,
+                     testbed.image.lun, window.bytes, window.depth)
 
 
-def best_window(bed, ranges, mode):
+def best_window(testbed, ranges, mode):
     """The window that is fastest with the target."""
     windows = itertools.starmap(Window, itertools.product(DEPTHS, COMMAND_BYTES))
-    return min(windows, key=lambda window: image_alone(bed, ranges, mode, window).seconds)
+    return min(windows, key=lambda window: image_alone(testbed, ranges, mode, window).seconds)

@@ -34,6 +34,7 @@ import sys
 
 from bench.copy.races import call, copies, memory, peers, volumes, wire
 from bench.copy.report import Report
+from lab.arguments import positive
 from lab.daemon import ROOT, require_private_site
 
 RACES = {"floor": copies, "kinds": copies, "wire": wire, "call": call, "volumes": volumes, "peers": peers,
@@ -43,9 +44,9 @@ RACES = {"floor": copies, "kinds": copies, "wire": wire, "call": call, "volumes"
 def parse_arguments():
     parser = argparse.ArgumentParser(description=__doc__,
                                      formatter_class=argparse.RawDescriptionHelpFormatter)
-    parser.add_argument("--gibibytes", type=int, default=20,
+    parser.add_argument("--gibibytes", type=positive, default=20,
                         help="of the volume for floor, kinds and peers; default: %(default)s")
-    parser.add_argument("--rounds", type=int, default=3, help="default: %(default)s")
+    parser.add_argument("--rounds", type=positive, default=3, help="default: %(default)s")
     parser.add_argument("--directory", type=pathlib.Path, default=ROOT / "build/bench")
     parser.add_argument("races", nargs="*", choices=[*RACES, []], metavar="RACE", help=", ".join(RACES))
     arguments = parser.parse_args()

@@ -119,12 +119,12 @@ def measure(name, directory):
 
 
 def main(words):
-    (ROOT / "build/bench").mkdir(parents=True, exist_ok=True)
     chosen = [name for name in VOLUMES if all(word in name for word in words)]
+    if not chosen:
+        sys.exit(f"no volume has all of these words: {' '.join(words)}")
+    (ROOT / "build/bench").mkdir(parents=True, exist_ok=True)
     with tempfile.TemporaryDirectory(dir=ROOT / "build/bench") as directory:
         results = [measure(name, pathlib.Path(directory)) for name in chosen]
-    if not results:
-        sys.exit(f"no volume has all of these words: {' '.join(words)}")
     if not all(results):
         sys.exit(f"a bound is broken: {SLOWEST} times the plain reads, {LARGEST} MiB")
 

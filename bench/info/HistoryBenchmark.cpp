@@ -69,7 +69,7 @@ void copy(const std::string& from, const std::string& to, bool sync) {
     require(!sync || ::fsync(destination.get()) == 0, "fsync");
 }
 
-void forget(const std::string& path) {
+void dropCached(const std::string& path) {
     if (file::exists(path)) {
         const os::FileDescriptor kept = open(path, O_RDWR);
         require(::fsync(kept.get()) == 0 && ::posix_fadvise(kept.get(), 0, 0, POSIX_FADV_DONTNEED) == 0,
@@ -97,9 +97,9 @@ public:
     void copyUnsynced() const { copy(closed, other, false); }
 
     /// Drops all files from the page cache before a step starts.
-    void coolDown() const {
+    void dropCaches() const {
         for (const std::string& path : {closed, history, other}) {
-            forget(path);
+            dropCached(path);
         }
     }
 
@@ -137,7 +137,7 @@ private:
 
 void run(benchmark::State& state, Stage& stage, const std::function<void()>& step) {
     for (auto iteration : state) {
-        stage.coolDown();
+        stage.dropCaches();
         const auto start = std::chrono::steady_clock::now();
         step();
         state.SetIterationTime(

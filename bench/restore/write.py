@@ -21,6 +21,7 @@ import subprocess
 import tempfile
 import time
 
+from lab.arguments import existing_directory, positive
 from lab.daemon import program
 from lab.images import truth_of
 from lab.loops import attached
@@ -95,10 +96,10 @@ def race(images, directory, gibibytes, rounds):
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    parser.add_argument("--images", default="/dev/shm")
-    parser.add_argument("--directory", default="/var/tmp")
-    parser.add_argument("--gibibytes", type=int, default=2)
-    parser.add_argument("--rounds", type=int, default=3)
+    parser.add_argument("--images", type=existing_directory, default="/dev/shm")
+    parser.add_argument("--directory", type=existing_directory, default="/var/tmp")
+    parser.add_argument("--gibibytes", type=positive, default=2)
+    parser.add_argument("--rounds", type=positive, default=3)
     options = parser.parse_args()
     with tempfile.TemporaryDirectory(dir=options.images) as images, \
             tempfile.TemporaryDirectory(dir=options.directory) as directory:

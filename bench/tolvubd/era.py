@@ -19,6 +19,7 @@ import time
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(ROOT))
 
+from lab.arguments import parser_of, positive  # noqa: E402
 from lab.daemon import program  # noqa: E402
 
 MEBIBYTE = 1 << 20
@@ -83,8 +84,13 @@ def measure(image, used, rounds):
 
 
 def main():
-    gibibytes = int(sys.argv[1]) if len(sys.argv) > 1 else 50
-    rounds = int(sys.argv[2]) if len(sys.argv) > 2 else 3
+    parser = parser_of(__doc__)
+    parser.add_argument("gibibytes", type=positive, nargs="?", default=50, metavar="GIBIBYTES")
+    parser.add_argument("rounds", type=positive, nargs="?", default=3, metavar="ROUNDS")
+    arguments = parser.parse_args()
+    gibibytes, rounds = arguments.gibibytes, arguments.rounds
+    if not program("EraRead").exists():
+        sys.exit(f"era.py: there is no {program('EraRead')}; scripts/build release builds it")
     blocks = gibibytes << 18
     with tempfile.TemporaryDirectory(dir=ROOT / "build") as directory:
         image = pathlib.Path(directory) / "image"

@@ -27,6 +27,10 @@ import threading
 import time
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
+sys.path.insert(0, str(ROOT))
+
+from lab.arguments import block_device, parser_of, positive  # noqa: E402
+
 PROGRAM = pathlib.Path(os.environ.get("BEKD_BUILD", ROOT / "build/release")).resolve() / "TolvubdCall"
 MOUNT_POINT = pathlib.Path("/mnt/tracking")
 GROUP = "tracking"
@@ -261,13 +265,14 @@ def show_waits(disk, sizes):
 
 
 def main():
-    if len(sys.argv) < 2:
-        sys.exit(__doc__)
-    sizes = [int(word) for word in sys.argv[2:]] or SIZES
-    disk = Disk(sys.argv[1])
+    parser = parser_of(__doc__)
+    parser.add_argument("disk", type=block_device, metavar="DISK")
+    parser.add_argument("sizes", type=positive, nargs="*", default=SIZES, metavar="GIBIBYTES")
+    arguments = parser.parse_args()
+    disk = Disk(arguments.disk)
     try:
         show_costs(disk)
-        show_waits(disk, sizes)
+        show_waits(disk, arguments.sizes)
     finally:
         disk.remove()
 

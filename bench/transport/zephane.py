@@ -27,10 +27,10 @@ import subprocess
 import tempfile
 
 from bench.copy import files
-from bench.copy.bed import Bed
 from bench.copy.distance import ROUND_TRIPS, portal_of
 from bench.copy.floor import copied_ranges
 from bench.copy.process import processor_seconds, timed
+from bench.copy.testbed import Testbed
 from lab.daemon import ROOT, require_private_site
 from lab.services import Service
 from lab.zephane import ZephaneServer
@@ -80,9 +80,9 @@ def measured(passes, run):
     return value, (sent_so_far() - before) // passes
 
 
-def back_up(bed, milliseconds, **kind):
-    with portal_of(bed.target.port, milliseconds) as way:
-        run, sent = measured(passes_of(milliseconds), lambda: bed.backup(way, **kind))
+def back_up(testbed, milliseconds, **kind):
+    with portal_of(testbed.target.port, milliseconds) as way:
+        run, sent = measured(passes_of(milliseconds), lambda: testbed.backup(way, **kind))
     return Copy(run.bytes, run.copy, sent, run.own_cpu, run.target_cpu)
 
 
@@ -100,11 +100,12 @@ class NbdServer(Service):
 
 
 @contextlib.contextmanager
-def used_blocks(bed):
+def used_blocks(testbed):
     """A sparse file with what a full backup copies, and the size of that."""
-    with bed.last_snapshot() as device, tempfile.NamedTemporaryFile() as file, open(device, "rb") as source:
-        ranges = copied_ranges(device, bed.partition.volume.file_system)
-        file.truncate(bed.size)
+    with (testbed.last_snapshot() as device, tempfile.NamedTemporaryFile() as file,
+          open(device, "rb") as source):
+        ranges = copied_ranges(device, testbed.partition.volume.file_system)
+        file.truncate(testbed.size)
         for offset, length in ranges:
             source.seek(offset)
             file.seek(offset)
@@ -128,23 +129,23 @@ def best(rounds, run):
     return min((run() for _ in range(rounds)), key=lambda copy: copy.seconds)
 
 
-def race(bed, servers, rounds, milliseconds):
+def race(testbed, servers, rounds, milliseconds):
     print(f"\nround trip {milliseconds} ms", flush=True)
     line("", *COLUMNS)
     for name, server in servers.items():
-        bed.use(server, server.images[0])
+        testbed.use(server, server.images[0])
         for kind, options in (("FULL", {"full": True}), ("DIFFERENTIAL_MERGE", {"merge": True})):
-            copy = best(rounds, functools.partial(back_up, bed, milliseconds, **options))
+            copy = best(rounds, functools.partial(back_up, testbed, milliseconds, **options))
             line(f"{name}, {kind}", *copy.columns())
-    with used_blocks(bed) as (path, size):
+    with used_blocks(testbed) as (path, size):
         for name, options in (("nbdcopy", ()), ("nbdcopy, one request at a time", ("--synchronous",))):
             line(name, *best(rounds, lambda: nbdcopy(path, size, milliseconds, *options)).columns())
 
 
-def zephaned(bed, lasting, port, compression):
-    """A server with an image of the bed's size."""
+def zephaned(testbed, lasting, port, compression):
+    """A server with an image of the testbed's size."""
     server = lasting.enter_context(ZephaneServer(port, compression=compression))
-    server.add_image("image", bed.size, poisoned=False, backend=str(server.directory / "image"))
+    server.add_image("image", testbed.size, poisoned=False, backend=str(server.directory / "image"))
     return server
 
 
@@ -162,13 +163,14 @@ def main():
     require_private_site()
     arguments.directory.mkdir(parents=True, exist_ok=True)
     with contextlib.ExitStack() as lasting:
-        bed = lasting.enter_context(Bed(arguments.directory, GIBIBYTES, images="/tmp", poisoned=False))
-        files.fill(bed.roots[0], USED, (files.NOISE, files.text()))
-        servers = {"zephaneftp, compressed": zephaned(bed, lasting, 25568, True),
-                   "zephaneftp": zephaned(bed, lasting, 25569, False), "iSCSI": bed.target}
-        bed.backup(full=True) # each file gets its place
+        testbed = lasting.enter_context(Testbed(arguments.directory, GIBIBYTES, images="/tmp",
+                                                poisoned=False))
+        files.fill(testbed.roots[0], USED, (files.NOISE, files.text()))
+        servers = {"zephaneftp, compressed": zephaned(testbed, lasting, 25568, True),
+                   "zephaneftp": zephaned(testbed, lasting, 25569, False), "iSCSI": testbed.target}
+        testbed.backup(full=True) # each file gets its place
         for milliseconds in arguments.round_trips or ROUND_TRIPS:
-            race(bed, servers, arguments.rounds, milliseconds)
+            race(testbed, servers, arguments.rounds, milliseconds)
 
 
 if __name__ == "__main__":

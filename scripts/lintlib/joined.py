@@ -39,7 +39,7 @@ class Group:
         self.definitions.update(definitions)
 
 
-def alike(files, commands):
+def groups_of_sources(files, commands):
     """Groups the sources that are in one folder and have the same compile command. As far as their lines
     tell, no two sources of a group define the same name: such a group would have to be split again."""
     places = {}

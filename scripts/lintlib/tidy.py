@@ -42,7 +42,8 @@ def check_tidy(tree, paths=None):
     checker = Checker(tree)
     if paths is not None:
         sources = touched(sources, checker, paths)
-    groups = joined.alike([file for file in sources if not checker.remembers(file)], checker.commands)
+    new = [file for file in sources if not checker.remembers(file)]
+    groups = joined.groups_of_sources(new, checker.commands)
     with concurrent.futures.ThreadPoolExecutor(len(os.sched_getaffinity(0))) as pool:
         return sorted(set().union(*pool.map(checker.check, groups)))
 

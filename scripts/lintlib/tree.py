@@ -1,5 +1,6 @@
 """The files of a tree, and the views of their text that the rules check."""
 
+import argparse
 import functools
 import os
 import re
@@ -20,6 +21,13 @@ class Finding(NamedTuple):
 
     def __str__(self):
         return f"{self.path}:{self.line}: {self.rule}: {self.message}"
+
+
+def existing_directory(text):
+    """The type of an argument that names the directory of a tree."""
+    if not Path(text).is_dir():
+        raise argparse.ArgumentTypeError(f"there is no directory {text}")
+    return Path(text)
 
 
 class SourceFile:

@@ -36,7 +36,7 @@ class Display:
         lines = [line for line in text.splitlines()
                  if not is_well or (step.shown and re.search(step.shown, line))]
         lines.append(f"{step.name}: {'' if is_well else 'FAILED after '}{step.seconds} s, "
-                     f"{step.computed} s of the processors")
+                     f"{step.cpu_seconds} s of the processors")
         if step.passed or step.failed:
             lines.append(f"    {step.passed} passed, {step.failed} failed")
         with self.lock:

@@ -12,16 +12,16 @@ LIMIT_SECONDS = 1200
 
 
 class Files:
-    """The files of one folder, whose durations.txt says how long each of them takes. `before` is the command
+    """The files of one folder, whose durations.txt says how long each of them takes. `wrapper` is the command
     that runs pytest; each file's report goes to `reports`."""
 
-    well = (0,) # pytest's exit statuses that are no failure
+    success_statuses = (0,) # of pytest
     limit = LIMIT_SECONDS # per file
 
-    def __init__(self, folder, reports, before=(), environment=None):
+    def __init__(self, folder, reports, wrapper=(), environment=None):
         self.folder = folder
         self.reports = ROOT / reports
-        self.before = before
+        self.wrapper = wrapper
         self.environment = environment or {}
 
     def arguments(self, path):
@@ -31,7 +31,7 @@ class Files:
     def run(self, path):
         """Returns the file, its exit status, its seconds and its output."""
         begin = time.monotonic()
-        command = [*self.before, *PYTEST, f"--junitxml={self.reports / path.stem}.xml",
+        command = [*self.wrapper, *PYTEST, f"--junitxml={self.reports / path.stem}.xml",
                    *self.arguments(path)]
         try:
             done = subprocess.run(command, cwd=ROOT, env={**os.environ, **self.environment}, text=True,
@@ -48,14 +48,14 @@ class Files:
         results = []
         for path, status, seconds, output in self._run_some_at_once(paths, at_once):
             results.append((path, status, seconds, output))
-            if status not in self.well:
+            if status not in self.success_statuses:
                 print(f"--- {path.relative_to(ROOT)}: status {status}\n{output}")
             print(f"{len(results)}/{len(paths)} {path.name}: {seconds:.1f} s", flush=True)
         return results
 
     def status(self, results):
         """The exit status for what run_all() has returned."""
-        return 0 if all(status in self.well for _, status, _, _ in results) else 1
+        return 0 if all(status in self.success_statuses for _, status, _, _ in results) else 1
 
     def remember(self, results):
         """Stores how long each file took, for the order of later runs."""

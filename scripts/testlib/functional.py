@@ -30,7 +30,7 @@ def parse_arguments():
 def main():
     arguments = parse_arguments()
     files = Files(ROOT / "tests" / "functional", arguments.build / "reports",
-                  before=[ROOT / "lab" / "namespace"], environment={"BEKD_BUILD": str(arguments.build)})
+                  wrapper=[ROOT / "lab" / "namespace"], environment={"BEKD_BUILD": str(arguments.build)})
     paths = [path.resolve() for path in arguments.files] or sorted(files.folder.glob("test_*.py"))
     results = files.run_all(paths, len(os.sched_getaffinity(0)) + MORE_AT_ONCE)
     if arguments.remember:

@@ -25,7 +25,7 @@ GUESTS = FOLDER / "test_guests.py" # runs a suite of guest/ in a machine
 class MachineFiles(Files):
     """Tests that drive a machine, and suites that run in one."""
 
-    well = (0, NO_TESTS)
+    success_statuses = (0, NO_TESTS)
 
     def __init__(self, reports, is_nightly):
         super().__init__(FOLDER, reports, environment={"BEKD_REPORTS": str(ROOT / reports)})

@@ -95,19 +95,19 @@ def lanes_of(parts, seconds):
     compute, and steps that have time until the end."""
     waiting = [functional_chain()] if "functional" in parts else []
     computing = [unit_chain("asan"), unit_chain("tsan")] if "unit" in parts else []
-    patient = []
+    low_priority = []
     if "package" in parts:
         computing.append(package_chain())
     if "lint" in parts:
         computing.append(lint_tests_chain())
-        patient.append([Step("lint", ["scripts/lint", "--all"], nice=NICE_LINT, is_test=True,
+        low_priority.append([Step("lint", ["scripts/lint", "--all"], nice=NICE_LINT, is_test=True,
                              shown="^lint: ")])
     if "ceph" in parts:
         waiting.append(ceph_chain())
     if "fuzz" in parts:
         computing.append(fuzz_chain(seconds))
     booting = [machine_chain("machine" in parts)] if {"uml", "machine"} & set(parts) else []
-    return [waiting, booting, computing, patient]
+    return [waiting, booting, computing, low_priority]
 
 
 def main():

@@ -24,7 +24,7 @@ class Step:
     progress: Path = None   # the file in which the command says "N/M", if not its output
     shown: str = ""         # a pattern of lines of the output that are shown also if all is well
     seconds: int = field(default=0, init=False)
-    computed: int = field(default=0, init=False) # processor seconds
+    cpu_seconds: int = field(default=0, init=False)
     passed: int = field(default=0, init=False)
     failed: int = field(default=0, init=False)
 
@@ -46,7 +46,7 @@ class Step:
         _, status, usage = os.wait4(self.process.pid, 0)
         self.process.returncode = status = os.waitstatus_to_exitcode(status)
         self.seconds = int(time.monotonic() - self.begin)
-        self.computed = int(usage.ru_utime + usage.ru_stime)
+        self.cpu_seconds = int(usage.ru_utime + usage.ru_stime)
         self._count(status)
         return status == 0
 

@@ -211,7 +211,8 @@ def test_certificate_that_is_not_there(agent, authority, tmp_path):
                            tmp_path / "none.pem", "--ca", authority.certificate, "list"],
                           capture_output=True, text=True, check=False, timeout=SECONDS)
     assert (done.returncode, agent.requests) == (64, [])
-    assert done.stderr == f"lab/appliance: [Errno 2] No such file or directory: '{tmp_path}/none.pem'\n"
+    assert done.stderr == (f"lab/appliance: --cert: {tmp_path}/none.pem can't be read (No such file or "
+                           "directory); lab/site up --paired makes the files that are used by default\n")
 
 
 def test_agent_of_another_authority(agent, device, tmp_path):

@@ -38,6 +38,8 @@ def test_whoever_is_not_root_is_told():
 def test_wrong_commands():
     for arguments in (), ("nonsense",), ("status", "--nonsense"), ("status", "volumes"):
         assert run_bekctl(*arguments).returncode == UNUSABLE, arguments
+    assert run_bekctl("nonsense").stderr.startswith("there is no command nonsense\n")
+    assert run_bekctl("log", "--lines", "-1").stderr.startswith("--lines: is negative: -1\n")
 
 
 def test_no_agent():

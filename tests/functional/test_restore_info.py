@@ -35,6 +35,11 @@ def test_file_system_of_each_kind(file_system, directory):
     assert label in restore("info", image)
 
 
+def test_wrong_commands(directory):
+    assert refusal("nonsense", status=2).startswith("there is no command nonsense\n")
+    assert refusal("info", directory, "--offset", "-1", status=2).startswith("--offset: is negative: -1\n")
+
+
 def test_hfs_volume(directory):
     image = make_image(directory / "image", 40, "hfsplus")
     told = info(image)

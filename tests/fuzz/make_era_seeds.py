@@ -8,6 +8,10 @@ import subprocess
 import sys
 import tempfile
 
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2]))
+
+from lab.arguments import parser_of, text_of  # noqa: E402
+
 UNIT = 64
 BLOCK = 4096
 DEVICE = 64 * BLOCK
@@ -88,7 +92,9 @@ def write_now(data):
 
 
 def main():
-    directory = pathlib.Path(sys.argv[1])
+    parser = parser_of(__doc__)
+    parser.add_argument("directory", type=pathlib.Path, metavar="DIRECTORY")
+    directory = parser.parse_args().directory
     directory.mkdir(parents=True, exist_ok=True)
     with tempfile.TemporaryDirectory() as work:
         image = pathlib.Path(work) / "image"
@@ -103,4 +109,7 @@ def main():
 
 
 if __name__ == "__main__":
-    main()
+    try:
+        main()
+    except (OSError, subprocess.CalledProcessError) as error:
+        sys.exit(f"make_era_seeds.py: {text_of(error)}")

@@ -9,6 +9,10 @@ import re
 import struct
 import sys
 
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2]))
+
+from lab.arguments import existing_directory, parser_of, text_of  # noqa: E402
+
 TEXTS = pathlib.Path(__file__).resolve().parents[1] / "unit/platform/tolvubd/lvm"
 SECTOR = 512
 AREA = 4096
@@ -35,7 +39,9 @@ def seed(text, split):
 
 
 def main():
-    directory = pathlib.Path(sys.argv[1])
+    parser = parser_of(__doc__)
+    parser.add_argument("directory", type=existing_directory, metavar="DIRECTORY")
+    directory = parser.parse_args().directory
     for path in sorted(TEXTS.glob("*.vg")):
         text = path.read_bytes() + b"\0"
         (directory / path.stem).write_bytes(seed(text, len(text)))
@@ -43,4 +49,7 @@ def main():
 
 
 if __name__ == "__main__":
-    main()
+    try:
+        main()
+    except OSError as error:
+        sys.exit(f"make_lvm_seeds.py: {text_of(error)}")

@@ -11,6 +11,7 @@ import tempfile
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2]))
 
+from lab.arguments import parser_of, text_of  # noqa: E402
 from lab.filesystems import KINDS  # noqa: E402
 from lab.ntfs_volume import ATTRIBUTE_LIST, MFT, NtfsVolume  # noqa: E402
 from lab.volume_images import age, make_image, mounted, riddle  # noqa: E402
@@ -90,9 +91,9 @@ def main(target):
 
 
 if __name__ == "__main__":
-    if len(sys.argv) != 2:
-        sys.exit(__doc__)
+    parser = parser_of(__doc__)
+    parser.add_argument("directory", type=pathlib.Path, metavar="DIRECTORY")
     try:
-        main(pathlib.Path(sys.argv[1]))
+        main(parser.parse_args().directory)
     except OSError as error:
-        sys.exit(str(error))
+        sys.exit(f"make_seeds.py: {text_of(error)}")

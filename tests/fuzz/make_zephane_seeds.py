@@ -10,6 +10,10 @@ import struct
 import subprocess
 import sys
 
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2]))
+
+from lab.arguments import parser_of, text_of  # noqa: E402
+
 HOLDS_SECRET, COMPRESSES = 1, 2
 BYTE_BY_BYTE, BY_HUNDREDS = 0x40, 0xC0
 NBD, REQUEST, ANSWER = 0, 1, 2
@@ -86,9 +90,9 @@ def main(target):
 
 
 if __name__ == "__main__":
-    if len(sys.argv) != 2:
-        sys.exit(__doc__)
+    parser = parser_of(__doc__)
+    parser.add_argument("directory", type=pathlib.Path, metavar="DIRECTORY")
     try:
-        main(pathlib.Path(sys.argv[1]))
+        main(parser.parse_args().directory)
     except (OSError, subprocess.CalledProcessError) as error:
-        sys.exit(str(error))
+        sys.exit(f"make_zephane_seeds.py: {text_of(error)}")

@@ -13,7 +13,7 @@ import pytest
 ROOT = Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(ROOT / "scripts"))
 
-from lintlib.joined import alike  # noqa: E402
+from lintlib.joined import groups_of_sources  # noqa: E402
 from lintlib.rules import LAYERS  # noqa: E402
 from lintlib.tree import Tree  # noqa: E402
 from looklib.includes import edges_of, told  # noqa: E402
@@ -427,7 +427,8 @@ def test_tidy_lets_names_of_two_sources_be_the_same(tidy):
 ])
 def test_sources_are_together_but_for_those_that_define_one_name(tmp_path, one, other, are_together):
     write_tree(tmp_path, {"src/A.cpp": one, "src/B.cpp": other})
-    assert [len(group) for group in alike(Tree(tmp_path).cpp, {})] == ([2] if are_together else [1, 1])
+    groups = groups_of_sources(Tree(tmp_path).cpp, {})
+    assert [len(group) for group in groups] == ([2] if are_together else [1, 1])
 
 
 def test_tidy_lets_laid_down_names_pass(tidy):

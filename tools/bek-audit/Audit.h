@@ -25,19 +25,19 @@ struct Request {
 };
 
 /// A block that backups wrongly leave out.
-struct Wrong {
+struct WrongBlock {
     std::uint64_t offset = 0; ///< of its first byte on the volume
     std::string file;         ///< owner's path, from the volume's root; empty if none is known
 };
 
 /// The result for one stratum. A block has 4096 bytes.
 struct Findings {
-    std::string notLookedAt;      ///< why the stratum wasn't checked; empty if it was
+    std::string skipReason;       ///< why the stratum wasn't checked; empty if it was
     std::uint64_t population = 0; ///< blocks
     std::uint64_t sampled = 0;
-    std::uint64_t setAside = 0;  ///< sampled blocks that differ, but were never written
-    std::uint64_t undecided = 0; ///< sampled blocks that neither the kernel nor the files could classify
-    std::vector<Wrong> wrong;    ///< sampled blocks, ascending
+    std::uint64_t neverWritten = 0; ///< sampled blocks that differ, but were never written
+    std::uint64_t undecided = 0;    ///< sampled blocks that neither the kernel nor the files could classify
+    std::vector<WrongBlock> wrong;  ///< sampled blocks, ascending
     double seconds = 0;
 
     /// Upper bound of the share of wrong blocks. Undecided blocks count as wrong.

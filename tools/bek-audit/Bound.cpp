@@ -7,7 +7,7 @@ namespace audit {
 namespace {
 
 /// Keeps a divisor away from 0.
-double kept(double value) {
+double awayFromZero(double value) {
     constexpr double smallest = 1e-300;
     return std::abs(value) < smallest ? smallest : value;
 }
@@ -17,11 +17,11 @@ double continuedFraction(double a, double b, double x) {
     constexpr int mostTerms = 100000;
     constexpr double accuracy = 1e-15;
     double c = 1;
-    double d = 1 / kept(1 - (a + b) * x / (a + 1));
+    double d = 1 / awayFromZero(1 - (a + b) * x / (a + 1));
     double value = d;
     const auto step = [&](double factor) {
-        d = 1 / kept(1 + factor * d);
-        c = kept(1 + factor / c);
+        d = 1 / awayFromZero(1 + factor * d);
+        c = awayFromZero(1 + factor / c);
         value *= c * d;
         return std::abs(c * d - 1) < accuracy;
     };

@@ -31,26 +31,26 @@ std::vector<Piece> piecesOf(const std::vector<std::uint64_t>& pages) {
     return pieces;
 }
 
-/// The work that all lanes share. Each lane takes the next piece when it has finished one.
+/// The work that all threads share. Each thread takes the next piece when it has finished one.
 class Work {
 public:
     Work(std::vector<Piece> pieces, const Interrupt& interrupt,
          const std::function<void(std::uint64_t done)>& progress)
         : pieces(std::move(pieces)), interrupt(interrupt), progress(progress) {}
 
-    void run(const Lane& lane) {
+    void run(const ReaderPair& pair) {
         os::AlignedBuffer one(restore::largestPiece, pageBytes);
         os::AlignedBuffer other(restore::largestPiece, pageBytes);
         try {
             while (const Piece* const piece = next()) {
                 interrupt.check();
-                lane.snapshot->read({one.data(), piece->whole.length}, piece->whole.begin);
-                lane.image->read({other.data(), piece->whole.length}, piece->whole.begin);
+                pair.snapshot->read({one.data(), piece->whole.length}, piece->whole.begin);
+                pair.image->read({other.data(), piece->whole.length}, piece->whole.begin);
                 note(*piece, one.data(), other.data());
             }
         } catch (...) {
             const os::Lock lock(mutex);
-            position = pieces.size(); // the other lanes can stop
+            position = pieces.size(); // the other threads can stop
             throw;
         }
     }
@@ -94,14 +94,14 @@ private:
 
 } // namespace
 
-std::vector<std::uint64_t> findDiffering(const std::vector<Lane>& lanes,
+std::vector<std::uint64_t> findDiffering(const std::vector<ReaderPair>& readers,
                                          const std::vector<std::uint64_t>& pages, const Interrupt& interrupt,
                                          const std::function<void(std::uint64_t done)>& progress) {
     Work work(piecesOf(pages), interrupt, progress);
     std::vector<std::future<void>> running;
-    running.reserve(lanes.size());
-    for (const Lane& lane : lanes) {
-        running.push_back(std::async(std::launch::async, [&work, &lane] { work.run(lane); }));
+    running.reserve(readers.size());
+    for (const ReaderPair& pair : readers) {
+        running.push_back(std::async(std::launch::async, [&work, &pair] { work.run(pair); }));
     }
     std::exception_ptr failure;
     for (std::future<void>& each : running) {

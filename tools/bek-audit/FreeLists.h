@@ -26,8 +26,8 @@ private:
     std::uint32_t blockSize = 0; // 0 if the volume isn't XFS
     std::uint64_t groupBlocks = 0;
     std::uint64_t sectorSize = 0;
-    bool hasHeader = false;
-    std::optional<std::uint32_t> known; // the group that `list` belongs to
+    bool hasCrcHeader = false;
+    std::optional<std::uint32_t> cachedGroup; // the group whose free list `list` is
     std::vector<std::uint32_t> list;
 };
 

@@ -22,7 +22,7 @@ public:
     std::optional<bool> isInUse(std::uint64_t offset);
 
 private:
-    std::optional<bool> ask(std::uint64_t offset);
+    std::optional<bool> query(std::uint64_t offset);
 
     os::FileDescriptor directory;
     std::uint32_t device = 0; // in the kernel's encoding

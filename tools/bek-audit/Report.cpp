@@ -35,8 +35,8 @@ double rateOf(const Findings& findings) {
 /// Lists at most `mostShown` of the wrong blocks; the JSON document has all of them.
 void print(std::ostream& out, Stratum stratum, const Findings& findings, double confidence) {
     out << std::left << std::setw(11) << nameOf(stratum);
-    if (!findings.notLookedAt.empty()) {
-        out << "not looked at: " << findings.notLookedAt << '\n';
+    if (!findings.skipReason.empty()) {
+        out << "not looked at: " << findings.skipReason << '\n';
         return;
     }
     out << findings.sampled << " of " << findings.population << " blocks in "
@@ -45,12 +45,12 @@ void print(std::ostream& out, Stratum stratum, const Findings& findings, double 
     if (findings.undecided > 0) {
         out << ", " << findings.undecided << " nobody tells of";
     }
-    if (findings.setAside > 0) {
-        out << ", " << findings.setAside << " set aside and never written";
+    if (findings.neverWritten > 0) {
+        out << ", " << findings.neverWritten << " set aside and never written";
     }
     out << "; " << atMost(findings.bound(confidence), confidence) << '\n';
     for (std::size_t index = 0; index < findings.wrong.size() && index < mostShown; ++index) {
-        const Wrong& wrong = findings.wrong[index];
+        const WrongBlock& wrong = findings.wrong[index];
         out << "           byte " << wrong.offset
             << (wrong.file.empty() ? "" : ", of " + tools::plain(wrong.file)) << '\n';
     }
@@ -62,21 +62,21 @@ void print(std::ostream& out, Stratum stratum, const Findings& findings, double 
 /// A stratum that wasn't checked has no member but the reason.
 tools::Json jsonOf(const Findings& findings, double confidence) {
     tools::Json document;
-    document["notLookedAt"] = tools::textOrNull(findings.notLookedAt);
-    if (!findings.notLookedAt.empty()) {
+    document["notLookedAt"] = tools::textOrNull(findings.skipReason);
+    if (!findings.skipReason.empty()) {
         return document;
     }
     document["blocks"] = findings.population;
     document["sampled"] = findings.sampled;
     document["compared"] = findings.sampled - findings.undecided;
-    document["neverWritten"] = findings.setAside;
+    document["neverWritten"] = findings.neverWritten;
     document["undecided"] = findings.undecided;
     document["wrong"] = findings.wrong.size();
     document["upperBound"] = findings.bound(confidence);
     document["seconds"] = findings.seconds;
     document["blocksPerSecond"] = rateOf(findings);
     document["wrongBlocks"] = tools::Json::array();
-    for (const Wrong& wrong : findings.wrong) {
+    for (const WrongBlock& wrong : findings.wrong) {
         tools::Json block;
         block["offset"] = wrong.offset;
         block["file"] = tools::textOrNull(wrong.file);

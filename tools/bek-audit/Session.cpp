@@ -55,9 +55,9 @@ Session::Session(agent::info::Logger& logger, Volume given)
       cowFileSize(config),
       driver(logger, std::make_unique<agent::info::TolvubdController>()),
       control(logger, cowFileSize) {
-    takeTurn();
+    lockSnapshots();
     examine();
-    requireRoom();
+    requireSpace();
     try {
         start();
     } catch (...) {
@@ -70,13 +70,13 @@ Session::~Session() {
     stop();
 }
 
-void Session::takeTurn() {
-    const backup::SnapshotTurn::State state = turn.take();
-    if (state == backup::SnapshotTurn::State::others) {
+void Session::lockSnapshots() {
+    const backup::SnapshotLock::State state = lock.tryAcquire();
+    if (state == backup::SnapshotLock::State::others) {
         throw std::runtime_error("a backup is running, or another audit: try again when it has ended");
     }
-    if (state != backup::SnapshotTurn::State::mine) {
-        throw agent::PosixError(std::string(backup::SnapshotTurn::usualPath) +
+    if (state != backup::SnapshotLock::State::mine) {
+        throw agent::PosixError(std::string(backup::SnapshotLock::usualPath) +
                                     " can't be locked, and a backup could begin meanwhile",
                                 errno);
     }
@@ -115,7 +115,7 @@ void Session::requireHistory() const {
 
 /// There must be room for the CoW file, its table, and the blocks that are recorded as owed at the end. If
 /// the space ran out during the session, the tracking would end.
-void Session::requireRoom() {
+void Session::requireSpace() {
     const std::uint64_t cow =
         cowFileSize.getCowFileSizeMiB(logger, volume->getUuid(), volume->getSize(), volume->getFileSystem()) *
         bytesPerMiB;

@@ -2,8 +2,8 @@
 
 #include "common/config/Config.h"
 #include "common/config/JSONConfigDataProvider.h"
+#include "core/backup/SnapshotLock.h"
 #include "core/backup/SnapshotSessionControl.h"
-#include "core/backup/SnapshotTurn.h"
 #include "info/BackupableVolume.h"
 #include "info/CowFileSize.h"
 #include "info/DriverController.h"
@@ -42,10 +42,10 @@ public:
     void end();
 
 private:
-    void takeTurn();
+    void lockSnapshots();
     void examine();
     void requireHistory() const;
-    void requireRoom();
+    void requireSpace();
     void start();
     void stop();
 
@@ -56,7 +56,7 @@ private:
     agent::info::CowFileSize cowFileSize;
     agent::info::DriverController driver;
     agent::core::backup::SnapshotSessionControl control;
-    agent::core::backup::SnapshotTurn turn;
+    agent::core::backup::SnapshotLock lock;
     agent::core::backup::VolumeSnapshotInfo info;
     bool wasTracked = false;
     std::string untracked;

@@ -52,16 +52,16 @@ void Strata::walk(const Visit& visit) const {
     }
     for (std::uint64_t block = 0, next = 0; block < blocks; block = next) {
         next = blocks;
-        bool isOwn = false;
+        bool isDriverFile = false;
         for (Cursor& file : files) {
-            isOwn = file.covers(block, next) || isOwn;
+            isDriverFile = file.covers(block, next) || isDriverFile;
         }
         const bool isUnused = unused.covers(block, next);
         const bool isUnchanged = unchanged && unchanged->covers(block, next);
         const std::uint64_t first = (block * blockSize + pageBytes - 1) / pageBytes;
-        const std::uint64_t behind = next * blockSize / pageBytes;
-        if (!isOwn && (isUnused || isUnchanged) && first < behind) {
-            visit(isUnused ? Stratum::unused : Stratum::unchanged, first, behind - first);
+        const std::uint64_t end = next * blockSize / pageBytes;
+        if (!isDriverFile && (isUnused || isUnchanged) && first < end) {
+            visit(isUnused ? Stratum::unused : Stratum::unchanged, first, end - first);
         }
     }
 }

@@ -6,6 +6,7 @@
 #include "app/Version.h"
 #include "info/log/LogLevel.h"
 #include "tools/common/Command.h"
+#include "tools/common/CommandLine.h"
 
 #include <CLI/CLI.hpp>
 #include <iostream>
@@ -44,7 +45,8 @@ void declare(CLI::App& app, Options& options) {
     app.add_option("VOLUME", request.volume, "Where the volume is mounted, or its device")->required();
     app.add_option("IMAGE", request.image, "Its image, as for all commands of bek-restore")->required();
     app.add_option("--offset", request.offset, "The image begins at this byte of its file, device or export")
-        ->type_name("BYTES");
+        ->type_name("BYTES")
+        ->check(tools::refuseNegative);
     app.add_option("--sample", request.sample,
                    "So many blocks of 4096 bytes that are unused, and so many that have not changed")
         ->type_name("N")

@@ -30,7 +30,7 @@ void declareImage(CLI::App& command, ImageOptions& options);
 ImageAddress addressOf(const ImageOptions& options);
 
 /// For commands that open the image several times: asks for the secret only once.
-void keepSecret(ImageOptions& options);
+void askSecretOnce(ImageOptions& options);
 
 /// A log on standard error, and the image that the options name. The log outlives the image.
 struct OpenedImage {

@@ -107,7 +107,7 @@ view::Start copyOf(const Source& source, const GetOptions& options) {
     if (!source.isPartOfTop) {
         start.command.push_back(options.destination);
     }
-    start.kept = source.directory.get();
+    start.inheritedDescriptor = source.directory.get();
     return start;
 }
 
@@ -145,13 +145,13 @@ void copy(const Source& source, const GetOptions& options) {
         }
     }
     if (source.isPartOfTop) {
-        view::giveAttributes(source.directory.get(), options.destination);
+        view::copyAttributes(source.directory.get(), options.destination);
     }
 }
 
 int get(const GetOptions& options) {
     requireFree(options);
-    view::clearRemains();
+    view::removeStaleViews();
     const view::PrivateView image(addressOf(options.image), options.image.secret);
     copy(findSource(image, options.path), options);
     if (options.image.isJson) {

@@ -100,7 +100,7 @@ os::FileDescriptor openDirectory(int parent, const std::string& name) {
 /// Returns false if a directory below couldn't be read, which has been reported then.
 // NOLINTNEXTLINE(misc-no-recursion): as deep as descriptors of directories can be had
 bool listBelow(Listing& listing, int directory, const std::string& prefix, bool isDeep) {
-    bool isWhole = true;
+    bool isComplete = true;
     for (const Entry& entry : view::entriesOf(directory)) {
         const std::string path = prefix + entry.name;
         listing.add(path, entry);
@@ -109,30 +109,30 @@ bool listBelow(Listing& listing, int directory, const std::string& prefix, bool 
         }
         try {
             const os::FileDescriptor below = openDirectory(directory, entry.name);
-            isWhole = listBelow(listing, below.get(), path + "/", isDeep) && isWhole;
+            isComplete = listBelow(listing, below.get(), path + "/", isDeep) && isComplete;
         } catch (const std::runtime_error& error) {
             std::cerr << programName << ": " << view::escaped(path) << ": " << error.what() << '\n';
-            isWhole = false;
+            isComplete = false;
         }
     }
-    return isWhole;
+    return isComplete;
 }
 
 int list(const LsOptions& options) {
-    view::clearRemains();
+    view::removeStaleViews();
     const view::PrivateView image(addressOf(options.image), options.image.secret);
     const os::FileDescriptor place = image.open(options.path, O_PATH);
     const Entry entry = view::entryOf(place.get(), "");
     Listing listing(options);
     listing.begin();
-    bool isWhole = true;
+    bool isComplete = true;
     if (S_ISDIR(entry.status.st_mode)) {
-        isWhole = listBelow(listing, place.get(), "", options.isDeep);
+        isComplete = listBelow(listing, place.get(), "", options.isDeep);
     } else {
         listing.add(options.path, entry);
     }
     listing.end();
-    return isWhole ? done : failed;
+    return isComplete ? done : failed;
 }
 
 } // namespace

@@ -18,10 +18,10 @@ namespace {
 namespace fs = std::filesystem;
 using std::chrono::seconds;
 
-constexpr seconds usualPatience(60); // for umount(8), while the target is busy but alive
-constexpr seconds lastPatience(30);  // after the server was ended, when every read fails at once
-constexpr seconds goingPatience(10);
-constexpr std::chrono::milliseconds goingPause(20);
+constexpr seconds umountTimeout(60);              // for umount(8), while the target is busy but alive
+constexpr seconds umountTimeoutWithoutServer(30); // after the server was ended, when every read fails at once
+constexpr seconds releaseTimeout(10);             // for the release of the loop device
+constexpr std::chrono::milliseconds releasePoll(20);
 
 /// Resolves only the parent directory where possible: to touch a dead mount point could hang.
 std::string pathOf(std::string directory) {
@@ -52,9 +52,9 @@ bool isInUse(const view::MountedView& view) {
 
 /// File system drivers in user space release the device a moment after they were told to.
 bool awaitEndOfUse(const view::MountedView& view) {
-    const auto deadline = std::chrono::steady_clock::now() + goingPatience;
+    const auto deadline = std::chrono::steady_clock::now() + releaseTimeout;
     while (isInUse(view) && std::chrono::steady_clock::now() < deadline) {
-        std::this_thread::sleep_for(goingPause);
+        std::this_thread::sleep_for(releasePoll);
     }
     return !isInUse(view);
 }
@@ -64,12 +64,12 @@ bool awaitEndOfUse(const view::MountedView& view) {
 view::Outcome unmount(const view::MountedView& view) {
     const view::Start start{.command = {"umount", "--", view.state.mountPoint}};
     try {
-        return view::runProgram(start, usualPatience);
+        return view::runProgram(start, umountTimeout);
     } catch (const view::ProgramMissing&) {
         throw;
     } catch (const std::runtime_error&) {
         view::endView(view.place, view.state);
-        return view::runProgram(start, lastPatience);
+        return view::runProgram(start, umountTimeoutWithoutServer);
     }
 }
 
@@ -78,7 +78,7 @@ void endMount(const view::MountedView& view) {
         const view::Outcome outcome = unmount(view);
         if (outcome.status != 0 && isInUse(view)) {
             throw std::runtime_error(view.state.mountPoint +
-                                     " can't be unmounted: " + view::lastWords(outcome.output));
+                                     " can't be unmounted: " + view::lastOutputLine(outcome.output));
         }
     }
     if (!awaitEndOfUse(view)) {
@@ -93,7 +93,7 @@ int unmountImage(const std::string& directory, bool isJson) {
     for (const view::MountedView& view : viewsAt(path)) {
         endMount(view);
     }
-    view::clearRemains();
+    view::removeStaleViews();
     if (isJson) {
         print(tools::Json{{"mountPoint", path}});
     }

@@ -3,6 +3,7 @@
 #include "Commands.h"
 #include "Common.h"
 #include "app/Version.h"
+#include "tools/common/CommandLine.h"
 
 namespace restore {
 namespace {
@@ -18,6 +19,7 @@ Exit status: 0; 1 if it failed; 2 if the command is wrong; 3 if an image isn't a
 int run(int argc, char** argv) {
     CLI::App app(description);
     app.name(programName);
+    app.failure_message(&tools::failureText);
     app.set_version_flag("--version", std::string(programName) + " " + agent::app::version,
                          "Print the version");
     app.require_subcommand(1);

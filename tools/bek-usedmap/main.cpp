@@ -120,7 +120,7 @@ Report examine(const Options& options, agent::info::Logger& logger) {
     report.used =
         findUsedRanges(logger, device.reader, device.sectorSize, options.bufferMebibytes * mebibyte);
     if (const auto own = findDriverFiles(logger, device.reader, report.used.blockSize)) {
-        report.driverFileBytes = leaveOut(report.used, *own) * report.used.blockSize;
+        report.driverFileBytes = exclude(report.used, *own) * report.used.blockSize;
     }
     report.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
     return report;

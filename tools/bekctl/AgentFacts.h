@@ -10,10 +10,10 @@ namespace bekctl {
 inline constexpr unsigned short agentPort = 25567;
 
 enum class Port {
-    closed,   ///< nothing listens
-    foreign,  ///< another program listens
-    silent,   ///< the agent listens but doesn't answer
-    stranger, ///< another certificate is shown than the one on disk
+    closed,           ///< nothing listens
+    otherProgram,     ///< another program listens
+    silent,           ///< the agent listens but doesn't answer
+    wrongCertificate, ///< another certificate is shown than the one on disk
     answers,
 };
 

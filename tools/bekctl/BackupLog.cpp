@@ -44,8 +44,8 @@ constexpr std::string_view phaseEnds = "Finished execution of the ";
 constexpr std::string_view copyPhase = "Copy Volume ";
 constexpr std::string_view phaseTail = " phase.";
 /// Phases that never run during the copy of a volume.
-constexpr std::array<std::string_view, 2> phasesBehindCopies = {"Close Backup Session",
-                                                                "Transition To Incremental"};
+constexpr std::array<std::string_view, 2> phasesAfterCopies = {"Close Backup Session",
+                                                               "Transition To Incremental"};
 constexpr std::string_view errorTag = "[ERROR:]";
 
 bool endsRun(std::string_view text) {
@@ -123,7 +123,7 @@ void BackupLog::addMessage(const std::string& text, int level, std::time_t time)
     } else if (text == runBegins) {
         begin(time);
     } else if (text.starts_with(agentStarted)) {
-        giveUpRuns();
+        dropUnfinishedRuns();
     } else if (text.starts_with(phaseBegins) || text.starts_with(phaseEnds)) {
         addPhase(text);
     } else {
@@ -147,7 +147,7 @@ void BackupLog::addPhase(const std::string& text) {
     name.remove_suffix(phaseTail.size());
     if (name.starts_with(copyPhase)) {
         run.copying = isBegin ? plain(std::string(name.substr(copyPhase.size()))) : "";
-    } else if (std::ranges::find(phasesBehindCopies, name) != phasesBehindCopies.end()) {
+    } else if (std::ranges::find(phasesAfterCopies, name) != phasesAfterCopies.end()) {
         run.copying.clear();
     }
 }
@@ -165,7 +165,7 @@ void BackupLog::addRecord(const std::string& text, std::time_t time) {
         }
         record.backup = textOf(stored, "backup");
         record.mountPoint = textOf(stored, "mountPoint");
-        record.asked = textOf(stored, "asked");
+        record.requestedType = textOf(stored, "asked");
         record.type = textOf(stored, "type");
         record.outcome = textOf(stored, "outcome");
         record.copiedBytes = bytesOf(stored, "copiedBytes");
@@ -222,18 +222,18 @@ void BackupLog::closeRun() {
         }
     }
     run = Run();
-    lastCutOff.reset();
+    lastInterrupted.reset();
 }
 
 /// A backup that was running when the agent was restarted never logs its end.
-void BackupLog::giveUpRuns() {
+void BackupLog::dropUnfinishedRuns() {
     if (openRuns == 0) {
         return;
     }
     const std::time_t begun = run.begin;
     closeRun();
     openRuns = 0;
-    lastCutOff = begun;
+    lastInterrupted = begun;
 }
 
 /// A line that names no volume of the run and was logged during no copy is about all volumes.

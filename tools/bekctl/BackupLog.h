@@ -19,8 +19,8 @@ struct BackupRecord {
     std::string backup;
     std::string volume;
     std::string mountPoint;
-    std::string asked; ///< the type that the appliance requested
-    std::string type;  ///< the type that was made
+    std::string requestedType; ///< the type that the appliance requested
+    std::string type;          ///< the type that was made
     std::string outcome;
     std::optional<std::uint64_t> copiedBytes; ///< not set if the backup ended before that
     std::optional<std::uint64_t> totalBytes;  ///< the estimate; not set if it is missing or impossible
@@ -51,7 +51,7 @@ public:
     [[nodiscard]] const std::string& copying() const { return run.copying; }
     /// When the last backup began that was cut off by the end of the agent; not set if a later backup has
     /// ended.
-    [[nodiscard]] std::optional<std::time_t> cutOff() const { return lastCutOff; }
+    [[nodiscard]] std::optional<std::time_t> beginOfInterrupted() const { return lastInterrupted; }
     /// "host:port" of the last target that a line has named; empty if none has.
     [[nodiscard]] const std::string& lastTarget() const { return target; }
 
@@ -77,7 +77,7 @@ private:
     void begin(std::time_t time);
     void end(std::time_t time);
     void closeRun();
-    void giveUpRuns();
+    void dropUnfinishedRuns();
     [[nodiscard]] bool isAbout(const ReasonLine& line, const BackupRecord& record) const;
 
     agent::info::DateDecorator dates;
@@ -86,7 +86,7 @@ private:
     std::map<std::string, BackupRecord> records;
     Run run;
     int openRuns = 0; ///< a cancelled backup may still be ending when the next one waits for its turn
-    std::optional<std::time_t> lastCutOff;
+    std::optional<std::time_t> lastInterrupted;
     std::string target;
 };
 

@@ -1,7 +1,7 @@
+#include "AgentPaths.h"
 #include "Commands.h"
 #include "Database.h"
 #include "LogFiles.h"
-#include "Places.h"
 #include "RecordTable.h"
 
 #include <exception>
@@ -42,7 +42,7 @@ Json jsonOf(const LogFindings& found, const std::vector<std::string>& unknown) {
     return {{"backups", records},
             {"volumesWithoutRecord", unknown},
             {"runningSince", momentOrNull(found.log->runningSince())},
-            {"cutOff", momentOrNull(found.log->cutOff())},
+            {"cutOff", momentOrNull(found.log->beginOfInterrupted())},
             {"logSince", momentOrNull(found.since)},
             {"logProblem", textOrNull(found.problem)}};
 }
@@ -65,8 +65,9 @@ void print(const Output& output, const LogFindings& found, const std::vector<std
         out << "Volume " << plain(uuid)
             << " was backed up, or begun to be; the log doesn't go back so far.\n";
     }
-    if (const auto cutOff = found.log->cutOff()) {
-        out << "The backup that began at " << localText(*cutOff) << " was cut off by the end of the agent.\n";
+    if (const auto beginOfInterrupted = found.log->beginOfInterrupted()) {
+        out << "The backup that began at " << localText(*beginOfInterrupted)
+            << " was cut off by the end of the agent.\n";
     }
     if (!found.problem.empty()) {
         out << output.screen.paint(Colour::red, "Not all of the log could be read: " + found.problem) << '\n';
@@ -83,7 +84,7 @@ int showBackups(const Output& output) {
     } else {
         print(output, found, unknown);
     }
-    return found.problem.empty() ? well : unusable;
+    return found.problem.empty() ? exitOk : exitError;
 }
 
 } // namespace bekctl

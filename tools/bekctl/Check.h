@@ -6,7 +6,7 @@
 namespace bekctl {
 
 enum class Verdict {
-    well,
+    ok,
     warning, ///< the next backup copies more than it is asked to, or something will fail later
     failure, ///< the next backup fails
     open,    ///< couldn't be checked, or there is nothing to check
@@ -15,7 +15,7 @@ enum class Verdict {
 /// The result of one check.
 struct Finding {
     std::string name; ///< stable, for programs
-    Verdict verdict = Verdict::well;
+    Verdict verdict = Verdict::ok;
     std::string text;
     // NOLINTBEGIN(readability-redundant-member-init): without it each finding would have to name them
     std::string remedy{}; ///< what to do; empty if there is nothing to do

@@ -13,7 +13,7 @@ namespace bekctl {
 
 using tools::Screen;
 
-enum ExitStatus { well = 0, unwell = 1, unusable = 2 };
+enum ExitStatus { exitOk = 0, exitProblem = 1, exitError = 2 };
 
 /// Where a command prints, and in which form.
 struct Output {

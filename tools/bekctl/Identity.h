@@ -21,9 +21,9 @@ struct IdentityPart {
 struct Identity {
     IdentityPart agent;
     IdentityPart authority;
-    std::optional<bool> hasOwnKey;    ///< the key belongs to the agent's certificate
-    std::string keyProblem;           ///< why that can't be checked
-    std::optional<bool> isVouchedFor; ///< the authority has signed the agent's certificate
+    std::optional<bool> keyMatches;          ///< the key belongs to the agent's certificate
+    std::string keyProblem;                  ///< why that can't be checked
+    std::optional<bool> isSignedByAuthority; ///< the authority has signed the agent's certificate
 
     [[nodiscard]] bool isSound(std::time_t now) const;
 };

@@ -132,7 +132,7 @@ int showLog(const Output& output, const LogOptions& options) {
         }
         watch.wait();
     }
-    return well;
+    return exitOk;
 }
 
 } // namespace bekctl

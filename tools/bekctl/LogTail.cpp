@@ -69,7 +69,7 @@ bool LogTail::next(std::string& line) {
     while (!takeLine(line)) {
         // Looked up before this file is read to its end: the agent has finished with it once a later one
         // exists.
-        const std::string later = nameBehind();
+        const std::string later = nextFileName();
         if (fill()) {
             continue;
         }
@@ -157,7 +157,7 @@ std::vector<std::string> LogTail::names() const {
 }
 
 /// The next day's file; empty if there is none.
-std::string LogTail::nameBehind() const {
+std::string LogTail::nextFileName() const {
     const std::vector<std::string> all = names();
     const auto found = std::ranges::upper_bound(all, name);
     return found == all.end() ? "" : *found;

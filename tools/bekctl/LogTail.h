@@ -32,7 +32,7 @@ private:
     void open(const std::string& file);
     std::size_t goBack(std::size_t lines);
     [[nodiscard]] std::vector<std::string> names() const;
-    [[nodiscard]] std::string nameBehind() const;
+    [[nodiscard]] std::string nextFileName() const;
 
     agent::Path directory;
     std::string name; // of the open file; empty before the first one

@@ -26,7 +26,7 @@ Settings::Settings(const std::string& path)
     try {
         stored = std::make_unique<Stored>(logger, path);
     } catch (const std::exception& error) {
-        unusable = plain(error.what());
+        readError = plain(error.what());
         stored = std::make_unique<Stored>(logger, ""); // without a file, all settings have their defaults
     }
 }

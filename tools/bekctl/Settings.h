@@ -21,7 +21,7 @@ public:
     ~Settings();
 
     /// Why the file can't be used; empty if it can. If it can't, all settings have their defaults.
-    [[nodiscard]] const std::string& problem() const { return unusable; }
+    [[nodiscard]] const std::string& problem() const { return readError; }
     /// What the agent would log about values that don't fit.
     [[nodiscard]] const std::vector<std::string>& complaints() const { return logged; }
     [[nodiscard]] const agent::IConfig& config() const;
@@ -30,7 +30,7 @@ private:
     struct Stored;
     std::vector<std::string> logged;
     agent::info::Logger logger;
-    std::string unusable;
+    std::string readError;
     std::unique_ptr<Stored> stored;
 };
 

@@ -16,7 +16,7 @@ using agent::info::GVariantOwner;
 
 namespace {
 
-constexpr int patienceMilliseconds = 3000;
+constexpr int callTimeoutMilliseconds = 3000;
 constexpr const char* busName = "org.freedesktop.DBus";
 constexpr const char* busPath = "/org/freedesktop/DBus";
 constexpr const char* managerName = "org.freedesktop.systemd1";
@@ -35,7 +35,7 @@ struct Method {
 GVariantOwner call(GDBusConnection* connection, const Method& method, GVariant* parameters) {
     return GVariantOwner(g_dbus_connection_call_sync(
         connection, method.service, method.path, method.interface, method.name, parameters, nullptr,
-        G_DBUS_CALL_FLAGS_NO_AUTO_START, patienceMilliseconds, nullptr, nullptr));
+        G_DBUS_CALL_FLAGS_NO_AUTO_START, callTimeoutMilliseconds, nullptr, nullptr));
 }
 
 /// `value` is a string or an object path.

@@ -14,11 +14,11 @@ namespace bekctl {
 Findings checkVolumes(const std::vector<VolumeFacts>& volumes, const std::vector<std::string>& known,
                       bool isBackupRunning);
 
-/// Checks whether there is room for the CoW files of the next two backups: while a tracked volume is backed
+/// Checks whether there is space for the CoW files of the next two backups: while a tracked volume is backed
 /// up, it has two of them.
-Finding checkRoom(const Room& room, const std::string& uuid, const std::string& name);
+Finding checkSnapshotSpace(const SnapshotSpace& space, const std::string& uuid, const std::string& name);
 
-/// The size in MiB that leaves room for two CoW files; 0 if even the smallest doesn't fit twice.
-std::uint64_t fittingCowMebibytes(const Room& room);
+/// The size in MiB that leaves space for two CoW files; 0 if even the smallest doesn't fit twice.
+std::uint64_t fittingCowMebibytes(const SnapshotSpace& space);
 
 } // namespace bekctl

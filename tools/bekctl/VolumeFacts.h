@@ -19,11 +19,11 @@ class IConfig;
 namespace bekctl {
 
 /// The space on a volume for the driver's and the agent's own files, in bytes unless a name says otherwise.
-struct Room {
+struct SnapshotSpace {
     std::uint64_t cowMebibytes = 0; ///< of the CoW file of the next snapshot
     std::uint64_t needed = 0;       ///< by the next backup, for its CoW file and a change table beside it
     std::uint64_t free = 0;
-    std::uint64_t present = 0; ///< taken by the current CoW file
+    std::uint64_t currentCowBytes = 0; ///< taken by the current CoW file
 };
 
 /// A volume as the agent sees it.
@@ -32,7 +32,7 @@ struct VolumeFacts {
     std::string obstacle; ///< why the agent can't back it up; empty if it can
     std::optional<std::uint64_t> usedBytes;
     std::optional<agent::info::DriverDeviceInfo> device; ///< the driver's device, if any
-    std::optional<Room> room;                            ///< only of a volume that can be backed up
+    std::optional<SnapshotSpace> space;                  ///< only of a volume that can be backed up
 
     [[nodiscard]] bool isTracked() const;
     /// "tracked", "snapshot", "error 28", ...; empty if the driver has no device for it.

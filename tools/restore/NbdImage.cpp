@@ -15,7 +15,7 @@ namespace {
 
 constexpr std::size_t requestBytes = 256UL * 1024;
 constexpr std::size_t mostUnderWay = 16;
-constexpr int patienceMilliseconds = 60'000;
+constexpr int pollTimeoutMilliseconds = 60'000;
 
 std::string lastError() {
     const char* const reason = ::nbd_get_error();
@@ -38,7 +38,7 @@ void await(nbd_handle* connection, std::int64_t cookie) {
         if (done < 0) {
             throw std::runtime_error(lastError());
         }
-        const int polled = ::nbd_poll(connection, patienceMilliseconds);
+        const int polled = ::nbd_poll(connection, pollTimeoutMilliseconds);
         if (polled < 0) {
             throw NoAnswer(lastError());
         }
@@ -55,7 +55,7 @@ void NbdImage::Close::operator()(nbd_handle* connection) const noexcept {
 }
 
 NbdImage::NbdImage(std::string uri, std::uint64_t offset)
-    : uri(std::move(uri)), begin(offset), bytes(bytesBehind(this->uri, connect(), begin)) {}
+    : uri(std::move(uri)), begin(offset), bytes(bytesAfter(this->uri, connect(), begin)) {}
 
 NbdImage::~NbdImage() = default;
 
@@ -72,7 +72,7 @@ std::uint64_t NbdImage::connect() {
 }
 
 void NbdImage::read(std::span<std::byte> into, std::uint64_t offset) {
-    readPatiently(uri, offset, [&] {
+    readWithRetries(uri, offset, [&] {
         if (connection && ::nbd_aio_is_ready(connection.get()) != 1) {
             connection.reset();
         }

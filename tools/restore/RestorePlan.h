@@ -28,9 +28,9 @@ struct RestorePlan {
     std::vector<ByteRange> used;   ///< ascending whole pages, cut at the volume's end; none touches the next
     /// The parts of these pages that are in no used block, if blocks are smaller than pages; ascending. Their
     /// content is arbitrary.
-    std::vector<ByteRange> margins;
+    std::vector<ByteRange> unusedPageParts;
     std::uint64_t usedBytes = 0; ///< sum of all ranges of `used`
-    bool isWhole = false;        ///< the used blocks aren't known, so all blocks are taken
+    bool takesAllBlocks = false; ///< the used blocks aren't known, so all blocks are taken
     std::string reason;          ///< why the used blocks aren't known; empty if they are
     /// Two images have the same identity only if their maps of used blocks and their first MiB are equal.
     /// Then a restore that was begun with one of them can be resumed with the other.

@@ -33,9 +33,9 @@ public:
         std::uint64_t copied = 0; ///< bytes that came from the image in this run
         std::uint64_t zeros =
             0; ///< bytes of them that were zeros, which take no space if the device supports holes
-        std::uint64_t resumed = 0;  ///< bytes that an earlier run had written
-        std::uint64_t compared = 0; ///< bytes that were read back
-        std::uint64_t mended = 0;   ///< bytes of an earlier run that differed from the image
+        std::uint64_t resumed = 0;   ///< bytes that an earlier run had written
+        std::uint64_t compared = 0;  ///< bytes that were read back
+        std::uint64_t rewritten = 0; ///< bytes of an earlier run that differed from the image
     };
 
     Restorer(IImage& image, const RestorePlan& plan, TargetDevice& target, Progress progress);
@@ -59,41 +59,41 @@ private:
     };
 
     /// A piece that was read and is to be written.
-    struct Load {
-        os::AlignedBuffer buffer;
-        std::uint64_t begin = 0; ///< byte of the volume at which the buffer begins
+    struct PieceBuffer {
+        os::AlignedBuffer memory;
+        std::uint64_t begin = 0; ///< byte of the volume that the memory begins with
         std::vector<Stretch> stretches;
     };
 
     void begin();
-    /// `unused` is the end of what has been handed to the writing thread.
-    void copyPieces(std::uint64_t& unused, WriteBehind& behind, Result& result);
-    void keepWhatIsThere(std::uint64_t position, WriteBehind& behind) noexcept;
-    /// Nothing between `unused` and the piece is in use.
-    void copyPiece(const Piece& piece, std::uint64_t unused, WriteBehind& behind);
-    std::span<const std::byte> readPiece(Load& load, const Piece& piece);
-    void write(const Load& load);
-    static void addStretches(Load& load, ByteRange part);
+    /// `copiedUntil` is the end of what has been handed to the writing thread.
+    void copyPieces(std::uint64_t& copiedUntil, WriteBehind& behind, Result& result);
+    void writeMarkerAfterFailure(std::uint64_t position, WriteBehind& behind) noexcept;
+    /// Nothing between `copiedUntil` and the piece is in use.
+    void copyPiece(const Piece& piece, std::uint64_t copiedUntil, WriteBehind& behind);
+    std::span<const std::byte> readPiece(PieceBuffer& pieceBuffer, const Piece& piece);
+    void write(const PieceBuffer& pieceBuffer);
+    static void addStretches(PieceBuffer& pieceBuffer, ByteRange part);
     void discard(std::uint64_t begin, std::uint64_t end);
     void compareEarlier(const Piece& piece, Result& result);
     /// Whether the piece on the device has this checksum.
-    bool holds(const Piece& piece, std::uint32_t checksum);
-    void settle(const Piece& piece, bool isEqual, Result& result);
-    void keepPosition(std::uint64_t position);
-    void keepPositionNowAndThen(std::uint64_t position, WriteBehind& behind);
+    bool matches(const Piece& piece, std::uint32_t checksum);
+    void requireEqual(const Piece& piece, bool isEqual, Result& result);
+    void writeMarker(std::uint64_t position);
+    void writeMarkerIfDue(std::uint64_t position, WriteBehind& behind);
 
     IImage& image;
     const RestorePlan& plan;
     TargetDevice& target;
     Progress progress;
     Marker marker;
-    std::array<Load, 2> loads;
+    std::array<PieceBuffer, 2> pieceBuffers;
     os::AlignedBuffer markerPage{Marker::pageBytes, Marker::pageBytes};
-    std::size_t next = 0;                 // index into `loads`
+    std::size_t next = 0;                 // index into `pieceBuffers`
     std::vector<std::uint32_t> checksums; // of the pieces of this run, in order
     std::uint64_t firstOfThisRun = 0;     // byte of the volume
     std::uint64_t zerosWritten = 0;       // by the writing thread; read only after it has settled
-    std::chrono::steady_clock::time_point lastKept;
+    std::chrono::steady_clock::time_point lastMarkerTime;
 };
 
 } // namespace restore

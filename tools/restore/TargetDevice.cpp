@@ -1,6 +1,6 @@
 #include "TargetDevice.h"
 
-#include "DirectAccess.h"
+#include "DirectIo.h"
 #include "common/PosixError.h"
 #include "os/AlignedBuffer.h"
 
@@ -56,7 +56,7 @@ os::FileDescriptor openExclusively(const std::string& path, bool isFile, bool ma
 
 /// After a failed call: whether it makes sense to try again.
 bool canGoOn(const os::FileDescriptor& device) {
-    return errno == EINTR || (errno == EINVAL && endDirectAccess(device));
+    return errno == EINTR || (errno == EINVAL && disableDirectIo(device));
 }
 
 std::uint64_t sizeOfDevice(const os::FileDescriptor& device, const std::string& path) {

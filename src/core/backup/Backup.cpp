@@ -108,7 +108,7 @@ void Backup::run(std::unique_ptr<BackupSession> session) {
     const os::Lock lock(runMutex());
     const RunResultLog resultLog(logger, id, *backupAttributes);
     info::CowFileSize cowFileSize(config);
-    Snapshots snapshots{makeSnapshotControl(cowFileSize), {}, SnapshotTurn()};
+    Snapshots snapshots{makeSnapshotControl(cowFileSize), {}, SnapshotLock()};
     const Outcome outcome = runProtected(std::move(session), snapshots);
     const auto writeRecord = [&] { resultLog.write(nameOf(outcome), status, snapshots.volumes); };
     try {
@@ -164,7 +164,7 @@ Backup::Outcome Backup::runCancelable(std::unique_ptr<BackupSession> session, Sn
         });
     }
     const bool completed = cancelableOperation->run([&](ICancel& cancel) {
-        snapshots.turn.wait(logger, cancel);
+        snapshots.lock.acquire(logger, cancel);
         runBackup(*session, *snapshots.control, snapshots.volumes, cancel);
     });
     if (heartbeat) {
@@ -200,7 +200,7 @@ void Backup::runBackup(BackupSession& session, SnapshotSessionControl& control, 
 
 void Backup::runPostBackup(Snapshots& snapshots, Outcome outcome) {
     const bool success = outcome == Outcome::finished;
-    if (snapshots.turn.take() == SnapshotTurn::State::others) {
+    if (snapshots.lock.tryAcquire() == SnapshotLock::State::others) {
         info::LogEntry(logger, info::level::info)
             << "The snapshots there are belong to another program, none to this backup.";
     } else {

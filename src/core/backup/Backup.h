@@ -5,8 +5,8 @@
 #include "core/backup/IBackup.h"
 #include "core/backup/IBackupAttributes.h"
 #include "core/backup/ISnapshotAttributes.h"
+#include "core/backup/SnapshotLock.h"
 #include "core/backup/SnapshotSessionControl.h"
-#include "core/backup/SnapshotTurn.h"
 #include "core/operation/ICancelableOperation.h"
 #include "core/operation/IHeartbeat.h"
 #include "core/script/IQuiesce.h"
@@ -22,7 +22,7 @@ namespace agent::core::backup {
 /// See IBackup. The process runs one backup at a time: a run waits, without a timeout, for the run before it
 /// to end, so that a new backup never finds the snapshots of a cancelled one. A backup that is cancelled
 /// while it waits starts nothing and then ends as failed. If another process has snapshots, the run waits for
-/// that process with a timeout; see SnapshotTurn.
+/// that process with a timeout; see SnapshotLock.
 ///
 /// Logger, volume provider, quiesce scripts, data provider and configuration must outlive the object.
 class Backup : public IBackup {
@@ -57,7 +57,7 @@ private:
     struct Snapshots {
         std::unique_ptr<SnapshotSessionControl> control;
         Volumes volumes;
-        SnapshotTurn turn;
+        SnapshotLock lock;
     };
 
     static std::string nameOf(Outcome outcome);

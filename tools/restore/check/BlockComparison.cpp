@@ -15,10 +15,10 @@ namespace {
 constexpr std::size_t comparedAtOnce = 4UL << 20U;
 
 /// Zeroes what isn't compared, so that it is equal on both sides.
-void blank(std::span<std::byte> piece, std::uint64_t begin, const std::vector<ByteRange>& leftOut) {
-    const auto first = std::ranges::upper_bound(leftOut, begin, {}, &ByteRange::end);
+void blank(std::span<std::byte> piece, std::uint64_t begin, const std::vector<ByteRange>& excluded) {
+    const auto first = std::ranges::upper_bound(excluded, begin, {}, &ByteRange::end);
     const std::uint64_t end = begin + piece.size();
-    for (auto range = first; range != leftOut.end() && range->begin < end; ++range) {
+    for (auto range = first; range != excluded.end() && range->begin < end; ++range) {
         const std::uint64_t from = std::max(range->begin, begin);
         std::ranges::fill(piece.subspan(from - begin, std::min(range->end(), end) - from), std::byte{});
     }
@@ -42,7 +42,7 @@ public:
         snapshot.read({theirs.data(), count}, at);
     }
 
-    void leaveOut(std::uint64_t at, const std::vector<ByteRange>& ranges) {
+    void exclude(std::uint64_t at, const std::vector<ByteRange>& ranges) {
         blank({mine.data(), size}, at, ranges);
         blank({theirs.data(), size}, at, ranges);
     }
@@ -68,7 +68,7 @@ private:
 } // namespace
 
 Comparison compareBlocks(IImage& image, IImage& snapshot, const RestorePlan& plan,
-                         const std::vector<ByteRange>& leftOut, const CompareProgress& progress) {
+                         const std::vector<ByteRange>& excluded, const CompareProgress& progress) {
     Pieces pieces(image, snapshot);
     Comparison result;
     for (const ByteRange& range : plan.used) {
@@ -78,8 +78,8 @@ Comparison compareBlocks(IImage& image, IImage& snapshot, const RestorePlan& pla
             if (!result.unreadable.empty()) {
                 return result;
             }
-            pieces.leaveOut(at, plan.margins);
-            pieces.leaveOut(at, leftOut);
+            pieces.exclude(at, plan.unusedPageParts);
+            pieces.exclude(at, excluded);
             if (const std::size_t equal = pieces.equalBytes(); equal < count) {
                 result.difference = at + equal;
                 return result;

@@ -22,9 +22,9 @@ struct Comparison {
     std::string unreadable;                  ///< why the image couldn't be read, which ends it too
 };
 
-/// Compares the used blocks, except for the ranges in `leftOut`, which ascend. Throws std::runtime_error if
+/// Compares the used blocks, except for the ranges in `excluded`, which ascend. Throws std::runtime_error if
 /// the snapshot can't be read.
 Comparison compareBlocks(IImage& image, IImage& snapshot, const RestorePlan& plan,
-                         const std::vector<ByteRange>& leftOut, const CompareProgress& progress);
+                         const std::vector<ByteRange>& excluded, const CompareProgress& progress);
 
 } // namespace restore::check

@@ -15,8 +15,8 @@ struct Damage {
 
 /// What a check has found out so far.
 struct Findings {
-    std::vector<std::string> proven; ///< what was checked and is as it should be
-    std::vector<std::string> open;   ///< what couldn't be checked, and why
+    std::vector<std::string> proven;    ///< what was checked and is as it should be
+    std::vector<std::string> notProven; ///< what couldn't be checked, and why
     std::vector<Damage> damage;
     std::uint64_t comparedBytes = 0;
     std::uint64_t comparedFiles = 0;

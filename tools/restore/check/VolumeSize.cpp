@@ -25,14 +25,14 @@ public:
 
 } // namespace
 
-bool isCutShort(agent::info::Logger& logger, IImage& image, const std::string& kind) {
+bool isTruncated(agent::info::Logger& logger, IImage& image, const std::string& kind) {
     if (kind == "ntfs") {
         return false;
     }
     EndlessDevice device(logger, image);
     const usedmap::UsedRanges map = usedmap::findUsedRanges(logger, device, sizeSectorBytes, sizeMapBytes);
     const std::uint64_t there = (image.size() + map.blockSize - 1) / map.blockSize;
-    return map.knownBlocks > there;
+    return map.mappedBlocks > there;
 }
 
 } // namespace restore::check

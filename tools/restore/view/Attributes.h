@@ -11,6 +11,6 @@ std::map<std::string, std::string> attributesOf(int directory, const std::string
 
 /// Copies owner, mode, times and extended attributes of the open directory `from` to the directory `to`.
 /// Throws std::runtime_error.
-void giveAttributes(int from, const std::string& to);
+void copyAttributes(int from, const std::string& to);
 
 } // namespace restore::view

@@ -9,7 +9,7 @@
 namespace restore::view {
 
 /// What libblkid finds at one place of a device. A text is empty if there is none.
-struct Found {
+struct ProbeResult {
     std::uint64_t offset = 0; ///< bytes
     std::uint64_t bytes = 0;
     std::string kind; ///< as blkid names it: a file system, or a part of something else
@@ -18,22 +18,22 @@ struct Found {
 };
 
 /// The state in which the file system was left.
-enum class Order { unknown, clean, needsReplay, dirty };
+enum class CleanState { unknown, clean, needsReplay, dirty };
 
 /// What a file system's own tools say about it.
 struct FileSystemFacts {
     std::vector<std::string> features;
     std::optional<std::time_t> mounted; ///< last time
     std::optional<std::time_t> written;
-    Order order = Order::unknown;
+    CleanState cleanState = CleanState::unknown;
     std::string note; ///< why some facts are missing; empty if none are
 };
 
 /// What begins at the device's first byte. Throws std::runtime_error if the device can't be read.
-Found findWhole(const std::string& device);
+ProbeResult findWhole(const std::string& device);
 /// The entries of the partition table; nothing if there is none. Throws std::runtime_error if it can't be
 /// read.
-std::vector<Found> findPartitions(const std::string& device);
+std::vector<ProbeResult> findPartitions(const std::string& device);
 /// The facts about a file system that fills the device. If a tool is missing or fails, the note says so.
 FileSystemFacts factsOf(const std::string& device, const std::string& kind);
 

@@ -29,7 +29,7 @@ void replayJournal(const std::string& kind, const std::string& device, const std
 
 /// Moves this process, and those that it starts from now on, to a mount namespace of their own. The kernel
 /// removes its mounts with the last of these processes.
-void leaveMountsOfMachine();
+void enterPrivateMountNamespace();
 
 /// A file system that is mounted for this process only.
 /// Owns:    the mount, and the driver's process that some kinds need.
@@ -37,7 +37,7 @@ void leaveMountsOfMachine();
 /// Fails:   throws std::runtime_error.
 class PrivateMount {
 public:
-    /// Mounts what a view shows. Call leaveMountsOfMachine() first.
+    /// Mounts what a view shows. Call enterPrivateMountNamespace() first.
     PrivateMount(const ImageView& view, const std::string& kind);
     PrivateMount(const PrivateMount&) = delete;
     PrivateMount& operator=(const PrivateMount&) = delete;
@@ -51,7 +51,7 @@ public:
 private:
     void openTop(const std::string& path);
 
-    std::string mounted; // in our mount namespace, by the kernel; empty if a program mounts it elsewhere
+    std::string kernelMountPoint; // in our mount namespace; empty if a program mounts it elsewhere
     std::optional<Program> driver;
     os::FileDescriptor top;
 };

@@ -21,18 +21,18 @@ struct Start {
     // NOLINTBEGIN(readability-redundant-member-init)
     std::vector<std::string> command;                               ///< found on the system's own paths
     std::vector<std::pair<std::string, std::string>> environment{}; ///< variables beside the usual ones
-    int output = -1;                 ///< receives standard output and standard error; -1 discards them
-    int kept = -1;                   ///< a descriptor that the program inherits; -1 for none
-    bool endsWithUs = false;         ///< even if this process is killed
-    bool isDetached = false;         ///< the keys of our terminal don't reach it
-    bool hasOwnMounts = false;       ///< runs in a mount namespace of its own
-    std::optional<pid_t> mountsOf{}; ///< runs in the mount namespace of this process
+    int output = -1;                   ///< receives standard output and standard error; -1 discards them
+    int inheritedDescriptor = -1;      ///< a descriptor that the program inherits; -1 for none
+    bool endsWithParent = false;       ///< even if this process is killed
+    bool isDetached = false;           ///< the keys of our terminal don't reach it
+    bool hasOwnMountNamespace = false; ///< runs in a mount namespace of its own
+    std::optional<pid_t> mountNamespaceOf{}; ///< runs in the mount namespace of the process with this ID
     // NOLINTEND(readability-redundant-member-init)
 };
 
 /// A program that runs as a child process.
 /// Owns:    the process: the destructor tells it to end, and kills it after ten seconds.
-/// Threads: one at a time. If `endsWithUs`, the thread that starts the program must outlive it.
+/// Threads: one at a time. If `endsWithParent`, the thread that starts the program must outlive it.
 /// Fails:   throws std::runtime_error; ProgramMissing if there is no such program.
 class Program {
 public:
@@ -77,6 +77,6 @@ Outcome runProgram(Start start, std::optional<std::chrono::milliseconds> limit,
                    const std::function<void(pid_t)>& watch = {});
 
 /// The last line of a program's output that isn't blank, without control characters.
-std::string lastWords(const std::string& output);
+std::string lastOutputLine(const std::string& output);
 
 } // namespace restore::view

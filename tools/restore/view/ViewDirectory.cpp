@@ -132,7 +132,7 @@ bool holdsOpen(const fs::path& process, const struct ::stat& place) {
 
 /// Ends all processes that serve a view. Each of them holds the place open, even one whose process ID was
 /// never recorded, or one that hasn't noticed its parent's end.
-void endHolders(const std::string& place) {
+void endServers(const std::string& place) {
     struct ::stat status{};
     if (::stat(place.c_str(), &status) != 0) {
         return;
@@ -143,21 +143,21 @@ void endHolders(const std::string& place) {
         if (name.find_first_not_of("0123456789") != std::string::npos || !holdsOpen(process.path(), status)) {
             continue;
         }
-        const std::optional<ProcessId> holder = ProcessId::of(static_cast<pid_t>(std::stol(name)));
-        if (holder && *holder != ProcessId::self()) {
-            endProcess(*holder);
+        const std::optional<ProcessId> server = ProcessId::of(static_cast<pid_t>(std::stol(name)));
+        if (server && *server != ProcessId::self()) {
+            endProcess(*server);
         }
     }
 }
 
-void clearIfLeft(const std::string& place) {
+void removeIfStale(const std::string& place) {
     if (const os::FileDescriptor held = openLocked(place)) {
         removePlace(place);
         return;
     }
     const std::optional<ViewState> state = readState(place);
     if (state && !state->owner.isAlive() && !isLoopDevice(state->loop, place)) {
-        endHolders(place);
+        endServers(place);
         removePlace(place);
     }
 }
@@ -217,7 +217,7 @@ ViewDirectory::~ViewDirectory() {
         // Another bek-restore that looks for remains opens the place for a moment; the lock keeps it from
         // being ended.
         const os::FileDescriptor all = lockBase();
-        endHolders(place);
+        endServers(place);
         removePlace(place);
     } catch (const std::exception&) { // nothing is ended without the lock; the next start clears what is left
     }
@@ -253,14 +253,14 @@ std::vector<MountedView> mountedViews() {
 void endView(const std::string& place, const ViewState& state) {
     const os::FileDescriptor all = lockBase();
     endProcess(state.server);
-    endHolders(place);
+    endServers(place);
     removePlace(place);
 }
 
-void clearRemains() {
+void removeStaleViews() {
     const os::FileDescriptor all = lockBase();
     for (const std::string& place : places()) {
-        clearIfLeft(place);
+        removeIfStale(place);
     }
 }
 

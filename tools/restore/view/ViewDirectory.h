@@ -74,6 +74,6 @@ void endView(const std::string& place, const ViewState& state);
 
 /// Removes what killed processes have left behind, and ends servers whose file system was unmounted by other
 /// means.
-void clearRemains();
+void removeStaleViews();
 
 } // namespace restore::view

@@ -75,8 +75,8 @@ TEST_F(BackupTest, CancelBeforeTheFirstPhaseKeepsItFromBeginning) {
 }
 
 TEST_F(BackupTest, SnapshotsOfAnotherProgramAreLeftAloneByACancelledBackup) {
-    SnapshotTurn other;
-    ASSERT_EQ(other.take(), SnapshotTurn::State::mine);
+    SnapshotLock other;
+    ASSERT_EQ(other.tryAcquire(), SnapshotLock::State::mine);
     const auto running = std::async(std::launch::async, [this] { run(); });
     EXPECT_TRUE(test::eventually([&] { return log.hasPart(level3, "Waiting for another program"); }));
     backup->cancel();

@@ -74,15 +74,16 @@ TEST_F(BackupTest, NullSessionIsRefused) {
 }
 
 TEST_F(BackupTest, SnapshotsOfAnotherProgramAreWaitedFor) {
-    std::optional<SnapshotTurn> other{std::in_place};
-    ASSERT_EQ(other->take(), SnapshotTurn::State::mine);
+    std::optional<SnapshotLock> other{std::in_place};
+    ASSERT_EQ(other->tryAcquire(), SnapshotLock::State::mine);
     const auto running = std::async(std::launch::async, [this] { run(); });
     EXPECT_TRUE(test::eventually([&] { return log.hasPart(level3, "Waiting for another program"); }));
     EXPECT_FALSE(log.hasPart(level3, "Beginning execution"));
     other.reset();
     running.wait();
     EXPECT_EQ(recordedOutcome(), "success");
-    EXPECT_EQ(std::make_unique<SnapshotTurn>()->take(), SnapshotTurn::State::mine); // the turn was given back
+    EXPECT_EQ(std::make_unique<SnapshotLock>()->tryAcquire(),
+              SnapshotLock::State::mine); // the lock was released
 }
 
 TEST_F(BackupTest, SessionThatIsOpenAlreadyFailsTheRun) {

@@ -55,7 +55,7 @@ TEST(BackupLog, TakesARecordAsItStands) {
     text.begin().record(one).end();
     ASSERT_EQ(text.log.lastRecords().size(), 1U);
     const BackupRecord& record = text.log.lastRecords().at(one);
-    EXPECT_EQ(record.asked, "INCREMENTAL");
+    EXPECT_EQ(record.requestedType, "INCREMENTAL");
     EXPECT_EQ(record.type, "FULL");
     EXPECT_EQ(record.outcome, "success");
     EXPECT_EQ(record.mountPoint, "/mnt/data");
@@ -157,9 +157,9 @@ TEST(BackupLog, BackupThatTheAgentsEndCutOff) {
     LogText text;
     text.begin().copy(one).line("Agent daemon started");
     EXPECT_EQ(text.log.runningSince(), std::nullopt);
-    EXPECT_NE(text.log.cutOff(), std::nullopt);
+    EXPECT_NE(text.log.beginOfInterrupted(), std::nullopt);
     text.begin().record(one).end();
-    EXPECT_EQ(text.log.cutOff(), std::nullopt);
+    EXPECT_EQ(text.log.beginOfInterrupted(), std::nullopt);
 }
 
 TEST(BackupLog, KnowsTheTargetThatWasNamedLast) {

@@ -145,7 +145,7 @@ TEST_F(RestorerTest, GoesOnWhereItWasInterrupted) {
     const Restorer::Result result = restore(found);
     EXPECT_EQ(result.resumed, 9 * mebibyte + 3 * pageBytes);
     EXPECT_EQ(result.copied, 3 * mebibyte);
-    EXPECT_EQ(result.mended, 0U);
+    EXPECT_EQ(result.rewritten, 0U);
     expectRestored();
 }
 
@@ -179,7 +179,7 @@ TEST_F(RestorerTest, MendsWhatAnEarlierRunHasBroughtOfAnotherState) {
     afterCopy = nullptr;
     image.salt = 2;
     const Restorer::Result result = restore(marker());
-    EXPECT_GT(result.mended, 0U);
+    EXPECT_GT(result.rewritten, 0U);
     expectRestored();
 }
 

@@ -1,10 +1,10 @@
-#include "WatchedImage.h"
+#include "FailureRecordingImage.h"
 
 #include <exception>
 
 namespace restore::check {
 
-void WatchedImage::read(std::span<std::byte> into, std::uint64_t offset) {
+void FailureRecordingImage::read(std::span<std::byte> into, std::uint64_t offset) {
     try {
         image.read(into, offset);
     } catch (const std::exception& error) {

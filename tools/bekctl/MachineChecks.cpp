@@ -1,4 +1,4 @@
-#include "SiteChecks.h"
+#include "MachineChecks.h"
 
 #include "SystemServices.h"
 #include "Target.h"
@@ -27,14 +27,14 @@ using tools::sizeText;
 namespace {
 
 constexpr std::uint64_t megabyte = 1'000'000;
-constexpr std::uint64_t leastRoom = 16 * megabyte;
-constexpr std::uint64_t plentyOfRoom = 200 * megabyte;
+constexpr std::uint64_t leastSpace = 16 * megabyte;
+constexpr std::uint64_t plentyOfSpace = 200 * megabyte;
 constexpr std::size_t mostScripts = 200;
-constexpr std::chrono::seconds patience(5);
+constexpr std::chrono::seconds connectTimeout(5);
 
 Finding checkLoginManager(const SystemServices& services) {
     if (services.isReachable("org.freedesktop.login1")) {
-        return {"login-manager", Verdict::well, "The login manager keeps the machine awake during backups."};
+        return {"login-manager", Verdict::ok, "The login manager keeps the machine awake during backups."};
     }
     return {"login-manager", Verdict::warning,
             "There is no login manager, so nothing keeps the machine awake during a backup.",
@@ -43,7 +43,7 @@ Finding checkLoginManager(const SystemServices& services) {
 
 Finding checkUdisks(const SystemServices& services) {
     if (services.isReachable("org.freedesktop.UDisks2")) {
-        return {"udisks2", Verdict::well, "udisks2 can be asked for the volumes."};
+        return {"udisks2", Verdict::ok, "udisks2 can be asked for the volumes."};
     }
     return {"udisks2", Verdict::failure, "udisks2 isn't there, so the agent finds no volume.",
             "Install udisks2 and start it."};
@@ -63,7 +63,7 @@ Finding checkScript(const std::string& path) {
         return {"script", Verdict::warning, plain(path) + " can't be run: there is a blank in its name.",
                 "Rename it."};
     }
-    return {"script", Verdict::well, plain(path) + " can be run."};
+    return {"script", Verdict::ok, plain(path) + " can be run."};
 }
 
 bool isDirectory(const std::string& path) {
@@ -88,7 +88,7 @@ std::vector<std::string> scriptsIn(const std::string& directory) {
 Findings checkServices() {
     try {
         const SystemServices services;
-        return {{"bus", Verdict::well, "The system's message bus is there."},
+        return {{"bus", Verdict::ok, "The system's message bus is there."},
                 checkUdisks(services),
                 checkLoginManager(services)};
     } catch (const std::exception& error) {
@@ -106,7 +106,7 @@ bool isClockSynchronised() {
 
 Finding checkClock(bool isSynchronised) {
     if (isSynchronised) {
-        return {"clock", Verdict::well, "The clock is synchronised."};
+        return {"clock", Verdict::ok, "The clock is synchronised."};
     }
     return {"clock", Verdict::warning,
             "The kernel doesn't take the clock for synchronised: it is " + localText(::time(nullptr)) + ".",
@@ -128,32 +128,32 @@ Findings checkScripts(const std::string& directory) {
     return found;
 }
 
-std::optional<DiskRoom> findDiskRoom(const std::string& directory) {
+std::optional<DiskSpace> findDiskSpace(const std::string& directory) {
     struct ::statvfs status{};
     if (::statvfs(directory.c_str(), &status) != 0) {
         return std::nullopt;
     }
-    return DiskRoom{static_cast<std::uint64_t>(status.f_bavail) * status.f_frsize,
-                    (status.f_flag & ST_RDONLY) != 0};
+    return DiskSpace{static_cast<std::uint64_t>(status.f_bavail) * status.f_frsize,
+                     (status.f_flag & ST_RDONLY) != 0};
 }
 
-Finding checkDisk(const std::optional<DiskRoom>& room) {
+Finding checkDisk(const std::optional<DiskSpace>& space) {
     const std::string place = agent::dir::base();
-    if (!room) {
+    if (!space) {
         return {"disk", Verdict::failure, place + " isn't there.", "Start the agent once: it makes it."};
     }
-    if (room->isReadOnly) {
+    if (space->isReadOnly) {
         return {"disk", Verdict::failure, place + " is on a file system that is mounted read-only.",
                 "Mount it so that it can be written to: database and log are there."};
     }
-    const std::string text = sizeText(room->free) + " are free for database and log.";
-    if (room->free < leastRoom) {
+    const std::string text = sizeText(space->free) + " are free for database and log.";
+    if (space->free < leastSpace) {
         return {"disk", Verdict::failure, "Only " + text, "Free some room where " + place + " is."};
     }
-    if (room->free < plentyOfRoom) {
+    if (space->free < plentyOfSpace) {
         return {"disk", Verdict::warning, "Only " + text, "Free some room where " + place + " is."};
     }
-    return {"disk", Verdict::well, text};
+    return {"disk", Verdict::ok, text};
 }
 
 Finding checkTarget(const std::string& given, const std::string& logged) {
@@ -164,8 +164,8 @@ Finding checkTarget(const std::string& given, const std::string& logged) {
     }
     const std::string name = target->host + " port " + std::to_string(target->port);
     try {
-        static_cast<void>(connectTo(target->host, target->port, patience));
-        return {"target", Verdict::well, "The target " + name + " can be reached."};
+        static_cast<void>(connectTo(target->host, target->port, connectTimeout));
+        return {"target", Verdict::ok, "The target " + name + " can be reached."};
     } catch (const std::exception& error) {
         return {"target", Verdict::failure,
                 "The target " + name + " can't be reached: " + plain(error.what()) + ".",

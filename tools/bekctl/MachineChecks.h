@@ -20,12 +20,12 @@ bool isClockSynchronised();
 Findings checkScripts(const std::string& directory);
 
 /// The free space for the log and the database.
-struct DiskRoom {
+struct DiskSpace {
     std::uint64_t free = 0;
     bool isReadOnly = false;
 };
-Finding checkDisk(const std::optional<DiskRoom>& room);
-std::optional<DiskRoom> findDiskRoom(const std::string& directory);
+Finding checkDisk(const std::optional<DiskSpace>& space);
+std::optional<DiskSpace> findDiskSpace(const std::string& directory);
 
 /// `given` is the target that the administrator has named, `logged` the last one in the log; either may be
 /// empty.

@@ -5,7 +5,7 @@
 namespace bekctl {
 
 /// A logger that prints nothing, for the agent's classes: bekctl needs only what they return or throw.
-struct Silence {
+struct SilentLogger {
     agent::info::Logger logger{agent::info::PrinterFunction()};
 };
 

@@ -15,8 +15,8 @@ namespace agent::core::backup {
 /// ends.
 /// Owns:    the open file, and with it the lock, until the object is destroyed.
 /// Threads: one at a time.
-/// Fails:   `wait` throws; nothing else does.
-class SnapshotTurn {
+/// Fails:   `acquire` throws; nothing else does.
+class SnapshotLock {
 public:
     /// `mine` and `others` say which process holds the lock. If the file can't be locked at all, the backup
     /// goes on `unguarded` rather than fail.
@@ -26,13 +26,13 @@ public:
     /// Other programs that take snapshots end them much sooner than this.
     static constexpr std::chrono::seconds maxWait{900};
 
-    explicit SnapshotTurn(std::string path = usualPath) : path(std::move(path)) {}
+    explicit SnapshotLock(std::string path = usualPath) : path(std::move(path)) {}
 
     /// Takes the lock if it is free; returns at once.
-    State take();
+    State tryAcquire();
     /// Takes the lock, and waits while another process holds it. Throws what `cancel` throws, and
     /// std::runtime_error after `timeout`.
-    void wait(info::Logger& logger, ICancel& cancel, std::chrono::milliseconds timeout = maxWait);
+    void acquire(info::Logger& logger, ICancel& cancel, std::chrono::milliseconds timeout = maxWait);
 
 private:
     std::string path;

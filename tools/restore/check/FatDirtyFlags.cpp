@@ -1,4 +1,4 @@
-#include "FatMarks.h"
+#include "FatDirtyFlags.h"
 
 #include "common/PosixError.h"
 #include "os/FileDescriptor.h"
@@ -24,8 +24,9 @@ constexpr std::size_t sectorsOfFatAt = 36;
 constexpr std::size_t infoSectorAt = 48;
 constexpr std::size_t stateAt = 65;
 constexpr std::byte inUse{1};
-constexpr std::size_t markInFatAt = 7; // highest byte of the table's entry 1, which belongs to no cluster
-constexpr std::byte cleanMark{8};
+/// The highest byte of the table's entry 1, which belongs to no cluster.
+constexpr std::size_t dirtyFlagInFatAt = 7;
+constexpr std::byte cleanFlag{8};
 constexpr unsigned mostFats = 2;
 constexpr std::size_t infoSignatureAt = 484;
 constexpr std::array infoSignature{std::byte{0x72}, std::byte{0x72}, std::byte{0x41}, std::byte{0x61}};
@@ -60,19 +61,19 @@ std::uint64_t number32(const Sector& sector, std::size_t place) {
     return number16(sector, place) | number16(sector, place + 2) << wordBits;
 }
 
-/// Each copy of the table has the mark, and the copies have to stay equal.
+/// Each copy of the table has the flag, and the copies have to stay equal.
 void clearInTables(int device, const Sector& boot) {
     const std::uint64_t sectorBytes = number16(boot, sectorSizeAt);
     const unsigned count = std::min(std::to_integer<unsigned>(boot.at(fatsAt)), mostFats);
     for (unsigned table = 0; table < count; ++table) {
         const std::uint64_t sector =
             number16(boot, reservedSectorsAt) + table * number32(boot, sectorsOfFatAt);
-        const std::byte mark = readSector(device, sector * sectorBytes).at(markInFatAt) | cleanMark;
-        write(device, {&mark, 1}, sector * sectorBytes + markInFatAt);
+        const std::byte flag = readSector(device, sector * sectorBytes).at(dirtyFlagInFatAt) | cleanFlag;
+        write(device, {&flag, 1}, sector * sectorBytes + dirtyFlagInFatAt);
     }
 }
 
-void forgetFreeClusters(int device, const Sector& boot) {
+void invalidateFreeClusterCount(int device, const Sector& boot) {
     const std::uint64_t place = number16(boot, infoSectorAt) * number16(boot, sectorSizeAt);
     const Sector info = readSector(device, place);
     const auto signature = std::span(info).subspan(infoSignatureAt, infoSignature.size());
@@ -83,7 +84,7 @@ void forgetFreeClusters(int device, const Sector& boot) {
 
 } // namespace
 
-void clearFatMarks(const std::string& device) {
+void clearFatDirtyFlags(const std::string& device) {
     const os::FileDescriptor file(::open(device.c_str(), O_RDWR | O_CLOEXEC));
     if (!file) {
         throw agent::PosixError(device + " can't be opened", errno);
@@ -92,7 +93,7 @@ void clearFatMarks(const std::string& device) {
     const std::byte state = boot.at(stateAt) & ~inUse;
     write(file.get(), {&state, 1}, stateAt);
     clearInTables(file.get(), boot);
-    forgetFreeClusters(file.get(), boot);
+    invalidateFreeClusterCount(file.get(), boot);
 }
 
 } // namespace restore::check

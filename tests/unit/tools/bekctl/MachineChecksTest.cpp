@@ -1,4 +1,4 @@
-#include "SiteChecks.h"
+#include "MachineChecks.h"
 
 #include "support/TestDirectory.h"
 
@@ -10,21 +10,21 @@ namespace bekctl {
 namespace {
 
 TEST(CheckClock, OneThatIsNotSynchronisedIsAWarning) {
-    EXPECT_EQ(checkClock(true).verdict, Verdict::well);
+    EXPECT_EQ(checkClock(true).verdict, Verdict::ok);
     EXPECT_EQ(checkClock(false).verdict, Verdict::warning);
 }
 
 TEST(CheckDisk, RoomForTheLog) {
     EXPECT_EQ(checkDisk(std::nullopt).verdict, Verdict::failure);
-    EXPECT_EQ(checkDisk(DiskRoom{1'000'000'000, true}).verdict, Verdict::failure);
-    EXPECT_EQ(checkDisk(DiskRoom{15'999'999, false}).verdict, Verdict::failure);
-    EXPECT_EQ(checkDisk(DiskRoom{16'000'000, false}).verdict, Verdict::warning);
-    EXPECT_EQ(checkDisk(DiskRoom{200'000'000, false}).verdict, Verdict::well);
+    EXPECT_EQ(checkDisk(DiskSpace{1'000'000'000, true}).verdict, Verdict::failure);
+    EXPECT_EQ(checkDisk(DiskSpace{15'999'999, false}).verdict, Verdict::failure);
+    EXPECT_EQ(checkDisk(DiskSpace{16'000'000, false}).verdict, Verdict::warning);
+    EXPECT_EQ(checkDisk(DiskSpace{200'000'000, false}).verdict, Verdict::ok);
 }
 
-TEST(FindDiskRoom, AsksTheFileSystem) {
-    EXPECT_FALSE(findDiskRoom("/no/such/directory"));
-    EXPECT_TRUE(findDiskRoom("/proc")->free == 0);
+TEST(FindDiskSpace, AsksTheFileSystem) {
+    EXPECT_FALSE(findDiskSpace("/no/such/directory"));
+    EXPECT_TRUE(findDiskSpace("/proc")->free == 0);
 }
 
 TEST(CheckScripts, EachOfADirectory) {

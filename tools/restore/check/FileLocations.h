@@ -9,9 +9,9 @@
 
 namespace restore::check {
 
-/// The places of the driver's and the agent's files on a volume, ascending. `root` is the open root
+/// The locations of the driver's and the agent's files on a volume, ascending. `root` is the open root
 /// directory. Returns nothing if the file system doesn't tell.
-std::vector<ByteRange> placesOfDriverFiles(agent::info::Logger& logger, int root);
+std::vector<ByteRange> locationsOfDriverFiles(agent::info::Logger& logger, int root);
 
 /// The path of the file that a byte of the volume belongs to, found by a search of all files; empty if there
 /// is none, for example for the file system's own metadata.

@@ -79,7 +79,7 @@ class Run:
         return sum(seconds for name, seconds in self.phases.items() if name.startswith("Copy Volume"))
 
 
-class Bed(Stay):
+class Testbed(Stay):
     """Volumes, an image for each, and a paired daemon. Big files are stored below `directory`, and the images
     below `images`; the images are sparse unless they are `poisoned`."""
 
@@ -158,11 +158,11 @@ class Bed(Stay):
         with attached(self.capture) as device:
             yield device
 
-    def backup(self, way=None, chosen=slice(None), **options):
-        """Runs a backup of the chosen volumes to its end. `way` is a portal that leads to the target's."""
+    def backup(self, portal=None, chosen=slice(None), **options):
+        """Runs a backup of the chosen volumes to its end. `portal` is one that leads to the target's."""
         self.settle()
         shown, written = len(self.daemon.log), self.target.writes()
-        elsewhere = {"target": way} if way else {}
+        elsewhere = {"target": portal} if portal else {}
         volumes = [volume(partition.uuid, **(image.place() | elsewhere))
                    for partition, image in list(zip(self.partitions, self.images))[chosen]]
         answer = self._appliance.backup(volumes, interface=self.target.interface, **options)

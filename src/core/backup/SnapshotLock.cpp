@@ -1,4 +1,4 @@
-#include "core/backup/SnapshotTurn.h"
+#include "core/backup/SnapshotLock.h"
 
 #include "common/PosixError.h"
 #include "info/log/Reason.h"
@@ -19,7 +19,7 @@ constexpr mode_t lockFileMode = 0600;
 
 } // namespace
 
-SnapshotTurn::State SnapshotTurn::take() {
+SnapshotLock::State SnapshotLock::tryAcquire() {
     if (state == State::mine) {
         return state;
     }
@@ -35,8 +35,8 @@ SnapshotTurn::State SnapshotTurn::take() {
     return state;
 }
 
-void SnapshotTurn::wait(info::Logger& logger, ICancel& cancel, std::chrono::milliseconds timeout) {
-    if (take() == State::unguarded) {
+void SnapshotLock::acquire(info::Logger& logger, ICancel& cancel, std::chrono::milliseconds timeout) {
+    if (tryAcquire() == State::unguarded) {
         const int failure = errno;
         info::LogEntry(logger, info::level::warning)
             << "Could not lock " << path
@@ -47,7 +47,7 @@ void SnapshotTurn::wait(info::Logger& logger, ICancel& cancel, std::chrono::mill
     }
     info::LogEntry(logger, info::level::info) << "Waiting for another program to end its snapshots...";
     const auto end = std::chrono::steady_clock::now() + timeout;
-    while (take() == State::others) {
+    while (tryAcquire() == State::others) {
         cancel.check();
         if (std::chrono::steady_clock::now() >= end) {
             throw info::WithReason<std::runtime_error>(info::reason("snapshot-failed"),

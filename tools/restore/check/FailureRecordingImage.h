@@ -8,10 +8,10 @@ namespace restore::check {
 
 /// Wraps another image and keeps the reason of the first failed read: the code that reads the maps of a file
 /// system reports only that they can't be read.
-class WatchedImage : public IImage {
+class FailureRecordingImage : public IImage {
 public:
     /// `image` must outlive this object.
-    explicit WatchedImage(IImage& image) : image(image) {}
+    explicit FailureRecordingImage(IImage& image) : image(image) {}
 
     [[nodiscard]] std::uint64_t size() const override { return image.size(); }
     void read(std::span<std::byte> into, std::uint64_t offset) override;
