@@ -123,10 +123,10 @@ class Result:
 class Tour:
     """The state that the steps share."""
 
-    def __init__(self, lasting):
-        self.lasting = lasting # undone when the tour is over
+    def __init__(self, stack):
+        self.stack = stack # undone when the tour is over
         self.daemon = Daemon(foreground=False)
-        self.lasting.callback(self.daemon.discard)
+        self.stack.callback(self.daemon.discard)
         self.site = None
         self.target = None
         self.protection = None
@@ -140,11 +140,11 @@ def set_up_site(tour):
     for number, name in ((DEVICE, "device"), (STRANGER, "stranger")):
         store_device(authority, number, LAB, name)
     trust(authority)
-    tour.lasting.enter_context(CertificateService(authority))
-    tour.site = tour.lasting.enter_context(Site(VOLUMES))
-    tour.lasting.callback(drop_snapshots) # otherwise they would keep the site busy after a failed step
-    tour.lasting.enter_context(Disk([IMAGES], token="images"))
-    tour.target = tour.lasting.enter_context(Target(directory=IMAGES.mount_point))
+    tour.stack.enter_context(CertificateService(authority))
+    tour.site = tour.stack.enter_context(Site(VOLUMES))
+    tour.stack.callback(drop_snapshots) # otherwise they would keep the site busy after a failed step
+    tour.stack.enter_context(Disk([IMAGES], token="images"))
+    tour.target = tour.stack.enter_context(Target(directory=IMAGES.mount_point))
     show(f"services: system bus, login manager, udev, udisks2, {HOST}")
     show(f"iSCSI target: tgtd at {tour.target.portal}, {tour.target.name}")
     for partition in tour.site.disk:
@@ -222,8 +222,8 @@ def set_option(tour):
 
 def back_up_all(tour):
     """FULL: copy all that is in use, into images that are no file systems yet"""
-    client = tour.lasting.enter_context(Appliance(certificate=LAB / "device.pem", key=LAB / "device.key",
-                                                  authority=CERTIFICATES / "ca.crt"))
+    client = tour.stack.enter_context(Appliance(certificate=LAB / "device.pem", key=LAB / "device.key",
+                                                authority=CERTIFICATES / "ca.crt"))
     tour.protection = Protection(client, tour.daemon, tour.target, tour.site.disk)
     back_up(tour, "full", dict.fromkeys(tour.protection.partitions, "full"))
 
@@ -334,7 +334,7 @@ def seconds_of_copy(log, uuid):
 
 def back_up_elsewhere(tour):
     """FULL over the second transport, whose images have a secret each"""
-    server = tour.lasting.enter_context(ZephaneServer(directory=IMAGES.mount_point))
+    server = tour.stack.enter_context(ZephaneServer(directory=IMAGES.mount_point))
     show(f"server: zephaned at {server.portal}, with an nbdkit for each image")
     tour.first = tour.protection
     tour.protection = Protection(tour.protection.appliance, tour.daemon, server, [tour.site.disk["data"]])
@@ -369,7 +369,7 @@ def bring_back_volume(tour):
     partition = tour.site.disk["files"]
     address, secret = address_of(tour.first.images["files"])
     volume = Volume("fresh", mebibytes=partition.volume.mebibytes)
-    fresh = tour.lasting.enter_context(Disk([volume], token="fresh", directory=IMAGES.mount_point))["fresh"]
+    fresh = tour.stack.enter_context(Disk([volume], token="fresh", directory=IMAGES.mount_point))["fresh"]
     restore(secret, "check", address)
     restore(secret, "write", address, fresh.device)
     fsck(fresh.device, "xfs")
@@ -427,8 +427,8 @@ def main():
     for directory in (LAB, BASE):
         shutil.rmtree(directory, ignore_errors=True)
     print("bekd on a site of its own: $ is what one would type, | what comes of it")
-    with contextlib.ExitStack() as lasting:
-        tour = Tour(lasting)
+    with contextlib.ExitStack() as stack:
+        tour = Tour(stack)
         succeeded = run_steps(tour)
     show_results(tour.results, succeeded)
     return 0 if succeeded else 1

@@ -61,13 +61,13 @@ class ImageServer(Service):
     def portal(self):
         return f"{ADDRESS}:{self.port}"
 
-    def open(self, lasting):
-        self.directory = self.make_directory(lasting, "images-", self._parent)
+    def open(self, stack):
+        self.directory = self.make_directory(stack, "images-", self._parent)
 
     @staticmethod
-    def make_directory(lasting, prefix, parent):
+    def make_directory(stack, prefix, parent):
         """Makes a temporary directory that is removed with the server."""
-        return pathlib.Path(lasting.enter_context(tempfile.TemporaryDirectory(prefix=prefix, dir=parent)))
+        return pathlib.Path(stack.enter_context(tempfile.TemporaryDirectory(prefix=prefix, dir=parent)))
 
     def add_image(self, name, size, *, poisoned=True, **options):
         """Adds an image of `size` bytes. Its file is full of poison, and lasts until the server ends. If
@@ -94,7 +94,7 @@ class ImageServer(Service):
         """The number of sessions that are being served."""
         raise NotImplementedError
 
-    def settle_accounts(self):
+    def save_write_counters(self):
         """Saves the counters of the images that would be lost when the server process is killed."""
 
     def writes(self):
@@ -133,7 +133,7 @@ class ImageServer(Service):
         if self._process is None:
             return
         if self._halt():
-            self.settle_accounts()
+            self.save_write_counters()
         self._process.kill()
         self._process.wait(SECONDS)
         self._process = None

@@ -94,10 +94,10 @@ class Istgt(ImageServer):
     def command(self):
         return ("istgt", "-D", "-c", str(self._configuration))
 
-    def open(self, lasting):
-        super().open(lasting)
-        self._run = self.make_directory(lasting, "istgt-", "/run")
-        lasting.callback(self.kill)
+    def open(self, stack):
+        super().open(stack)
+        self._run = self.make_directory(stack, "istgt-", "/run")
+        stack.callback(self.kill)
         self.start()
 
     def prepare(self):

@@ -122,10 +122,10 @@ class ZephaneServer(ImageServer):
     def command(self):
         return (str(program("zephaned")), "--config", str(self.configuration))
 
-    def open(self, lasting):
-        super().open(lasting)
-        self._run = self.make_directory(lasting, "zephaned-", "/run")
-        lasting.callback(self.stop)
+    def open(self, stack):
+        super().open(stack)
+        self._run = self.make_directory(stack, "zephaned-", "/run")
+        stack.callback(self.stop)
         self.start()
 
     def prepare(self):

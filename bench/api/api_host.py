@@ -50,10 +50,10 @@ def race_host(appliance, count):
 
 def main():
     require_private_site()
-    with contextlib.ExitStack() as lasting:
-        authority = lasting.enter_context(new_machine(key_type="rsa"))
-        lasting.enter_context(Daemon(foreground=False)).wait_until_ready()
-        appliance = lasting.enter_context(appliance_of(authority))
+    with contextlib.ExitStack() as stack:
+        authority = stack.enter_context(new_machine(key_type="rsa"))
+        stack.enter_context(Daemon(foreground=False)).wait_until_ready()
+        appliance = stack.enter_context(appliance_of(authority))
         assert appliance.pair(DEVICE).status == 200
         print(f"{'volumes':>8} {'GET /host ms':>12} {'busctl ms':>12} {'ratio':>12}", flush=True)
         for count in COUNTS:

@@ -97,12 +97,12 @@ def show_config(client):
 def main():
     require_private_site()
     hard = resource.getrlimit(resource.RLIMIT_NOFILE)[1]
-    with contextlib.ExitStack() as lasting:
-        authority = lasting.enter_context(new_machine(own_key_type="rsa"))
+    with contextlib.ExitStack() as stack:
+        authority = stack.enter_context(new_machine(own_key_type="rsa"))
         client, other, stranger = (Client(authority.certificate, identity) for identity in
                                    (authority.device(DEVICE), authority.device(OTHER), None))
         daemon = Daemon(preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_NOFILE, (1024, hard)))
-        lasting.callback(daemon.discard)
+        stack.callback(daemon.discard)
         daemon.start().wait_until_ready()
         client.request("POST", "/pair", b'{"deviceID": %d}' % DEVICE)
         show_config(client)

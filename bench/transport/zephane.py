@@ -141,9 +141,9 @@ def race(bed, servers, rounds, milliseconds):
             line(name, *best(rounds, lambda: nbdcopy(path, size, milliseconds, *options)).columns())
 
 
-def zephaned(bed, lasting, port, compression):
+def zephaned(bed, stack, port, compression):
     """A server with an image of the bed's size."""
-    server = lasting.enter_context(ZephaneServer(port, compression=compression))
+    server = stack.enter_context(ZephaneServer(port, compression=compression))
     server.add_image("image", bed.size, poisoned=False, backend=str(server.directory / "image"))
     return server
 
@@ -161,11 +161,11 @@ def main():
     arguments = parse_arguments()
     require_private_site()
     arguments.directory.mkdir(parents=True, exist_ok=True)
-    with contextlib.ExitStack() as lasting:
-        bed = lasting.enter_context(Bed(arguments.directory, GIBIBYTES, images="/tmp", poisoned=False))
+    with contextlib.ExitStack() as stack:
+        bed = stack.enter_context(Bed(arguments.directory, GIBIBYTES, images="/tmp", poisoned=False))
         files.fill(bed.roots[0], USED, (files.NOISE, files.text()))
-        servers = {"zephaneftp, compressed": zephaned(bed, lasting, 25568, True),
-                   "zephaneftp": zephaned(bed, lasting, 25569, False), "iSCSI": bed.target}
+        servers = {"zephaneftp, compressed": zephaned(bed, stack, 25568, True),
+                   "zephaneftp": zephaned(bed, stack, 25569, False), "iSCSI": bed.target}
         bed.backup(full=True) # each file gets its place
         for milliseconds in arguments.round_trips or ROUND_TRIPS:
             race(bed, servers, arguments.rounds, milliseconds)

@@ -20,10 +20,10 @@ from lab.driver import STATUS, STORE, nodes
 from lab.logical_disk import are_volumes_logical
 from lab.loops import images_on
 from lab.lvm import spare_disks
+from lab.resources import Resource
 from lab.services import wait_until
 from lab.site import Site
 from lab.snapshots import MOUNT_ROOT, Session, drop_snapshots, mounts
-from lab.stay import Stay
 from lab.volumes import Volume
 from tolvubd_site import LogicalVolumes, layers
 
@@ -71,18 +71,18 @@ def check_writable(mount_point):
     probe.unlink()
 
 
-class SnapshotSite(Stay):
+class SnapshotSite(Resource):
     """Volumes with small CoW files. At the end, everything that the driver keeps is removed."""
 
     def __init__(self, volumes=(EXT4, XFS)):
         super().__init__()
         self._site = Site(volumes)
 
-    def open(self, lasting):
-        lasting.enter_context(self._site)
+    def open(self, stack):
+        stack.enter_context(self._site)
         BASE.mkdir(parents=True, exist_ok=True)
         self.set_cow_size(COW_MIB)
-        lasting.callback(self.forget_snapshots)
+        stack.callback(self.forget_snapshots)
 
     def __getitem__(self, name):
         return self._site.disk[name]

@@ -21,7 +21,7 @@ import pytest
 from lab.appliance_client import Answer, Appliance, NoAnswer, Unreachable, volume
 from lab.certificates import Authority
 from lab.progress import shown_progress
-from lab.watch import LIMIT_SECONDS, RUN_BEGINS, Standstill, ending_of, reason_lines
+from lab.watch import LIMIT_SECONDS, RUN_BEGINS, UnchangedTimer, ending_of, reason_lines
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 SECONDS = 60
@@ -387,12 +387,12 @@ def test_watch_has_a_limit():
     assert ending_of(Agent, "b-1", ACTIVE, LIMIT_SECONDS) == [
         "nothing has changed for 15 minutes, and the log tells of no end; watched no longer: "
         "lab/appliance cancel b-1 ends the backup"]
-    standstill = Standstill()
-    standstill.seconds(ACTIVE)
+    unchanged = UnchangedTimer()
+    unchanged.seconds(ACTIVE)
     time.sleep(0.5)
-    quiet = standstill.seconds(ACTIVE | {"elapsedTime": 9})
+    quiet = unchanged.seconds(ACTIVE | {"elapsedTime": 9})
     assert quiet >= 0.5
-    assert standstill.seconds(status_of(ACTIVE, bytesTransferred=6)) < quiet
+    assert unchanged.seconds(status_of(ACTIVE, bytesTransferred=6)) < quiet
 
 
 def test_watch_of_no_volumes(agent, command):

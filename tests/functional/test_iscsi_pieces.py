@@ -12,7 +12,7 @@ from iscsi_call import (LONGEST_READ, LONGEST_WRITE, READ_AGAIN, READ_FAILED, RO
 from iscsi_faults import SILENCE, Cut, Refuse, Reorder, Shorten, Slots
 from iscsi_relay import Relay
 from iscsi_wire import BUSY, CHECK_CONDITION, TASK_SET_FULL
-from lab.delay import LongWay
+from lab.delay import DelayProxy
 from lab.istgt import Istgt
 from lab.targets import Target
 
@@ -144,7 +144,7 @@ def test_a_target_that_takes_nothing_fails_the_call(relay, transport, image, sou
 
 def test_the_number_in_flight_settles_at_what_a_target_takes(target, image, source):
     slots, calls = 4, 8
-    with LongWay(target.port, 0.002) as way, Relay(target, way.portal) as relay, \
+    with DelayProxy(target.port, 0.002) as proxy, Relay(target, proxy.portal) as relay, \
             Transport(relay, image) as transport:
         assert transport.do("connect") == 0
         relay.fault = Slots(slots)

@@ -12,8 +12,8 @@ from lab.driver import STORE
 from lab.filesystems import mounted
 from lab.loops import images_on
 from lab.lvm import spare_disks
+from lab.resources import Resource
 from lab.services import wait_until
-from lab.stay import Stay
 
 UNIT = 4096
 TABLE_OFFSET = 4096
@@ -99,7 +99,7 @@ def layers():
     return [line.split(":")[0] for line in listed.splitlines() if ":TOLVU-" in line]
 
 
-class Volume(Stay):
+class Volume(Resource):
     """A mounted file system on a device that `place` provides."""
 
     def __init__(self, name, filesystem, sectors, place=Partitions()):
@@ -109,11 +109,11 @@ class Volume(Stay):
         self.place = place
         self._made = place(name, filesystem, sectors)
 
-    def open(self, lasting):
-        self.device = pathlib.Path(lasting.enter_context(self._made))
+    def open(self, stack):
+        self.device = pathlib.Path(stack.enter_context(self._made))
         self.size = int(run("blockdev", "--getsize64", self.device))
         self.mount()
-        lasting.callback(self.unmount)
+        stack.callback(self.unmount)
 
     @property
     def cow(self):

@@ -5,8 +5,8 @@ import hashlib
 import socket
 
 import zephane_wire as wire
+from lab.resources import Resource
 from lab.services import wait_until
-from lab.stay import Stay
 from lab.usage import status_number
 from lab.zephane import ZephaneServer
 from zephane_nbd import NbdClient
@@ -23,11 +23,11 @@ def digest(path):
     return hashlib.sha256(path.read_bytes()).hexdigest()
 
 
-class Scene(Stay):
+class Scene(Resource):
     """Two images of one server, `image` and `other`. The scene always knows what the files must hold."""
 
-    def open(self, lasting):
-        self.server = lasting.enter_context(ZephaneServer())
+    def open(self, stack):
+        self.server = stack.enter_context(ZephaneServer())
         self.image, self.other = (self._add(*sizes) for sizes in (("data", SIZE), ("other", OTHER_SIZE)))
         self._known = {}
         self.note_content()

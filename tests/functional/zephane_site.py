@@ -66,13 +66,13 @@ class FragileServer(ZephaneServer):
         super().__init__(**options)
         self._rate = rate
 
-    def open(self, lasting):
-        self._switches = self.make_directory(lasting, "switches-", "/run")
+    def open(self, stack):
+        self._switches = self.make_directory(stack, "switches-", "/run")
         self.options = ["--filter=error", "error=EIO",
                         *(word for call in FAILING_CALLS
                           for word in (f"error-{call}-rate={self._rate}",
                                        f"error-{call}-file={self._switch(call)}"))]
-        super().open(lasting)
+        super().open(stack)
 
     def _switch(self, call):
         return pathlib.Path(self._switches, call)

@@ -7,7 +7,7 @@ import struct
 import subprocess
 import time
 
-from lab.stay import Stay
+from lab.resources import Resource
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 BUILD = ROOT / "build" / "release"
@@ -60,7 +60,7 @@ class Figures:
             file.write(line + "\n")
 
 
-class TrackedVolume(Stay):
+class TrackedVolume(Resource):
     """A logical volume on the machine's first disk, with a program that writes to it. Copies ("pictures") of
     its snapshots go to the second disk, where the host can read them even if the machine fails."""
 
@@ -78,13 +78,13 @@ class TrackedVolume(Stay):
         self._writer = None
         self._own = set()
 
-    def open(self, lasting):
+    def open(self, stack):
         disk = self.machine.disks[0].device
         options = "-b 4096" if self.kind.startswith("ext") else ""
         self.machine.run(f"vgcreate -qy lab {disk} && lvcreate -qy -n data -L {self.mebibytes}m lab && "
                          f"mkfs.{self.kind} -q {options} {DEVICE}")
-        lasting.callback(self.forget)
-        lasting.callback(self.figures.keep) # kept even if the test was broken off
+        stack.callback(self.forget)
+        stack.callback(self.figures.keep) # kept even if the test was broken off
         self.mount()
         self.set_up()
 

@@ -35,9 +35,9 @@ class RecordedVolume(TrackedVolume):
         self._remembered = None
         self._done = []
 
-    def open(self, lasting):
+    def open(self, stack):
         self._empty_disks()
-        lasting.callback(self._end)
+        stack.callback(self._end)
         # LVM must see the physical volume only once: on the recording device, not on the disk below it.
         self.machine.run(f"echo 'devices {{ global_filter = [ \"r|^{self.disk.device}$|\" ] }}' "
                          f"> {LVM_SETTINGS}")

@@ -154,9 +154,9 @@ class KeptProtection(Protection):
 
 class KeptTarget(Target):
     @staticmethod
-    def make_directory(lasting, prefix, parent):
+    def make_directory(stack, prefix, parent):
         if parent != KEPT:
-            return Target.make_directory(lasting, prefix, parent)
+            return Target.make_directory(stack, prefix, parent)
         (KEPT / "images").mkdir(exist_ok=True)
         return KEPT / "images"
 

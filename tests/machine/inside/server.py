@@ -267,8 +267,8 @@ class ServersProtection(KeptProtection):
 class AppliancesTarget(KeptTarget):
     """A target that requires authentication to access the images."""
 
-    def open(self, lasting):
-        super().open(lasting)
+    def open(self, stack):
+        super().open(stack)
         self.require_chap(USER, PASSWORD)
 
 
