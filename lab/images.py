@@ -43,7 +43,7 @@ def mounted_somewhere(device, file_system, options):
 
 def looked_into(device, file_system):
     """Mounts the volume of a device without replaying a journal: its content must be right as it is."""
-    return mounted_somewhere(device, file_system, kind_of(file_system).look)
+    return mounted_somewhere(device, file_system, kind_of(file_system).read_only_options)
 
 
 @contextlib.contextmanager
@@ -72,7 +72,7 @@ def replayed(image, file_system, offset=0):
         run("cp", "--reflink=auto", image, copy.name)
         with attached(copy.name, "--offset", str(offset)) as device:
             try:
-                with mounted_somewhere(device, file_system, kind_of(file_system).write):
+                with mounted_somewhere(device, file_system, kind_of(file_system).writable_options):
                     pass
             except OSError as error:
                 raise ImageError(f"{image}: {error}") from error

@@ -125,7 +125,7 @@ class Bed(Resource):
 
     def _make_volumes(self, stack):
         volumes = [Volume(name, self._file_system, self.size >> 20, mount_point=f"/mnt/{name}",
-                          options=kind_of(self._file_system).calm) for name in self._names]
+                          options=kind_of(self._file_system).quiet_options) for name in self._names]
         site = stack.enter_context(Site(volumes, token=f"copy{os.getpid()}", directory=self.place))
         # The image stands for a disk: through a second page cache, its holes would be read at a tenth of the
         # speed.

@@ -82,7 +82,7 @@ def restart_machine():
 
 
 def mounted(node, filesystem):
-    return filesystems.mounted(filesystem, node, "/run/snapshot", kind_of(filesystem).look)
+    return filesystems.mounted(filesystem, node, "/run/snapshot", kind_of(filesystem).read_only_options)
 
 
 def write_tree(volume, seed):
