@@ -126,7 +126,7 @@ class Protection:
         self.partitions = {partition.name: partition for partition in partitions}
         self.images = {name: image or self._add_image(partition, options)
                        for name, partition in self.partitions.items()}
-        self.left_out = OWN_FILES # names of files that the comparison of blocks leaves out
+        self.excluded_files = OWN_FILES # names of files that the comparison of blocks leaves out
         self.scripts = [moments.install()] if are_volumes_logical() else []
         small = [name for name, partition in self.partitions.items() if size_of(partition) < ROOMY]
         if small:
@@ -148,7 +148,7 @@ class Protection:
         """The volumes of a backup request: those that are named, or all. `changes` apply to each volume."""
         scripts = [*self.scripts, *changes.pop("scripts", ())]
         return [volume(**({"guid": self.partitions[name].uuid, "offset": self.offset, "scripts": scripts}
-                          | self.images[name].place() | changes))
+                          | self.images[name].request_keys() | changes))
                 for name in names or self.partitions]
 
     def start(self, *names, volumes=None, **kind):
@@ -188,7 +188,7 @@ class Protection:
         file_system = partition.volume.file_system
         capture = self.moment_of(partition)
         fsck(image.path, file_system, self.offset)
-        compared = compare_used(capture, image.path, file_system, self.offset, self.left_out).check()
+        compared = compare_used(capture, image.path, file_system, self.offset, self.excluded_files).check()
         with mounted(capture, file_system) as then, mounted(image.path, file_system, self.offset) as now:
             files = tree_hashes(then)
             if files != tree_hashes(now):

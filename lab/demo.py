@@ -24,7 +24,7 @@ from lab.certservice import HOST, CertificateService, store_device, trust
 from lab.daemon import BASE, CERTIFICATES, ROOT, Daemon, program, require_private_site
 from lab.https_client import BASE_URL
 from lab.image_server import address_of
-from lab.images import ImageError, entry_of, fsck, looked_into, tree_hashes
+from lab.images import ImageError, entry_of, fsck, mounted_unreplayed, tree_hashes
 from lab.progress import megabytes, shown_progress
 from lab.services import ServiceError
 from lab.site import DATA, FILES, WINDOWS, Site
@@ -373,7 +373,7 @@ def bring_back_volume(tour):
     restore(secret, "check", address)
     restore(secret, "write", address, fresh.device)
     fsck(fresh.device, "xfs")
-    with looked_into(fresh.device, "xfs") as root:
+    with mounted_unreplayed(fresh.device, "xfs") as root:
         found, expected = tree_hashes(root), tree_hashes(partition.volume.mount_point)
     check(found == expected, "some files aren't what they were")
     show(f"{fresh.device}: the checker finds no error, and all {len(found)} files are those of "

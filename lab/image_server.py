@@ -3,7 +3,7 @@ fail.
 
     with SomeServer() as server:
         image = server.add_image("data", 1 << 30)
-        image.path, image.place()
+        image.path, image.request_keys()
         before = image.writes()
         ...
         (image.writes() - before).commands
@@ -46,7 +46,7 @@ def is_stopped(thread):
 
 class ImageServer(Service):
     """One process that serves the images below `directory`; on XFS the poison costs no room. An image has a
-    `path` and `writes()`; `place()` returns the keys that name it in a backup request."""
+    `path` and `writes()`; `request_keys()` returns the keys that name it in a backup request."""
 
     interface = None # the name of the transport in a backup request
 
@@ -147,9 +147,9 @@ class ImageServer(Service):
 
 def address_of(image):
     """(address, secret) of an image, in the form that bek-restore takes."""
-    place = image.place()
-    secret = place["password"]
-    if "username" not in place:
-        return f"zephane://{place['target']}/{place['name']}/{place['lun']}", secret
-    user = f"{place['username']}@" if place["username"] else ""
-    return f"iscsi://{user}{place['target']}/{place['name']}/{place['lun']}", secret
+    keys = image.request_keys()
+    secret = keys["password"]
+    if "username" not in keys:
+        return f"zephane://{keys['target']}/{keys['name']}/{keys['lun']}", secret
+    user = f"{keys['username']}@" if keys["username"] else ""
+    return f"iscsi://{user}{keys['target']}/{keys['name']}/{keys['lun']}", secret

@@ -71,7 +71,7 @@ class Image:
         self.lun = lun
         self.path = path
 
-    def place(self):
+    def request_keys(self):
         """The keys that name the image in a backup request."""
         return {"target": self._target.portal, "name": self._target.name, "lun": self.lun}
 

@@ -33,7 +33,7 @@ class Image:
         self.threads = set()
         self._earlier = Writes()
 
-    def place(self):
+    def request_keys(self):
         """The keys that name the image in a backup request."""
         user, password = self._target.account
         return {"target": self._target.portal, "name": self._target.name, "lun": self.lun, "username": user,

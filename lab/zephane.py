@@ -42,7 +42,7 @@ class Image:
         self.secret = secrets.token_urlsafe(32)
         self.backend = backend
 
-    def place(self):
+    def request_keys(self):
         """The keys that name the image in a backup request."""
         return {"target": self._server.portal, "name": self.name, "lun": self.lun, "password": self.secret}
 

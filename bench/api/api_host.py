@@ -10,9 +10,9 @@ import statistics
 import subprocess
 import time
 
+from lab.agent_state import appliance_of, clean_agent_state
 from lab.appliance_client import DEVICE
 from lab.daemon import Daemon, require_private_site
-from lab.machine import appliance_of, new_machine
 from lab.site import Site
 from lab.volumes import Volume
 
@@ -51,7 +51,7 @@ def race_host(appliance, count):
 def main():
     require_private_site()
     with contextlib.ExitStack() as stack:
-        authority = stack.enter_context(new_machine(key_type="rsa"))
+        authority = stack.enter_context(clean_agent_state(key_type="rsa"))
         stack.enter_context(Daemon(foreground=False)).wait_until_ready()
         appliance = stack.enter_context(appliance_of(authority))
         assert appliance.pair(DEVICE).status == 200

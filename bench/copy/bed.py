@@ -10,13 +10,13 @@ import tempfile
 import threading
 
 from bench.copy.process import processor_seconds
+from lab.agent_state import appliance_of, clean_agent_state
 from lab.appliance_client import DEVICE, volume
 from lab.commands import run
 from lab.daemon import Daemon
 from lab.driver import STORE
 from lab.filesystems import kind_of
 from lab.loops import attached
-from lab.machine import appliance_of, new_machine
 from lab.mounts import mounted
 from lab.resources import Resource
 from lab.services import wait_until
@@ -133,7 +133,7 @@ class Bed(Resource):
         self.partitions = list(site.disk)
 
     def _start_daemon(self, stack):
-        authority = stack.enter_context(new_machine(key_type="rsa"))
+        authority = stack.enter_context(clean_agent_state(key_type="rsa"))
         self.daemon = stack.enter_context(Daemon(foreground=False)).wait_until_ready()
         self._appliance = stack.enter_context(appliance_of(authority, seconds=SECONDS))
         assert self._appliance.pair(DEVICE).is_success
@@ -163,7 +163,7 @@ class Bed(Resource):
         self.settle()
         shown, written = len(self.daemon.log), self.target.writes()
         elsewhere = {"target": way} if way else {}
-        volumes = [volume(partition.uuid, **(image.place() | elsewhere))
+        volumes = [volume(partition.uuid, **(image.request_keys() | elsewhere))
                    for partition, image in list(zip(self.partitions, self.images))[chosen]]
         answer = self._appliance.backup(volumes, interface=self.target.interface, **options)
         assert answer.is_success, answer

@@ -23,13 +23,13 @@ pytest.register_assert_rewrite("backup_site", "fault_site", "iscsi_call", "snaps
 from backup_site import EXT4, XFS, empty, root_of  # noqa: E402
 from fault_site import DATA, FaultList, fault_site  # noqa: E402
 from lab import certificates, certservice  # noqa: E402
+from lab.agent_state import appliance_of  # noqa: E402
 from lab.appliance_client import DEVICE  # noqa: E402
 from lab.backups import Protection  # noqa: E402
 from lab.daemon import CERTIFICATES, DATABASE, PID_FILE, Daemon, program, require_private_site  # noqa: E402
 from lab.driver import forget_devices, hide_driver, show_driver  # noqa: E402
 from lab.https_client import Client  # noqa: E402
 from lab.lvm import VolumeGroup  # noqa: E402
-from lab.machine import appliance_of  # noqa: E402
 from lab.site import Site  # noqa: E402
 from lab.system_log import SystemLog  # noqa: E402
 from lab.targets import Target  # noqa: E402

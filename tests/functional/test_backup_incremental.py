@@ -106,7 +106,7 @@ def test_what_comes_into_use_is_brought_whatever_it_holds(protect, volumes):
             with open(root / "reserved", "wb") as file:
                 os.posix_fallocate(file.fileno(), 0, 3 * MIB)
         if are_volumes_logical(): # blocks never written aren't sent, and read as zeros
-            ledger.protection.left_out += ("reserved",)
+            ledger.protection.excluded_files += ("reserved",)
         ledger.run("incremental")
         for root in roots:
             write_zeros(root)

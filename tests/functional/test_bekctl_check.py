@@ -169,7 +169,7 @@ def test_all_is_well_and_what_then_goes_wrong(protect, volumes):
     fill_some(volumes, protection.partitions, "a")
     assert protection.run(full=True).state == "finished"
     uuid = volumes["data"].uuid
-    report = Report("--target", protection.images["data"].place()["target"])
+    report = Report("--target", protection.images["data"].request_keys()["target"])
     assert report.failed() == set(), shown("check", status=UNWELL)
     for name in "volume", "tracking", "history", "reload-script", "room":
         assert report.verdict(name, uuid) == "ok", name

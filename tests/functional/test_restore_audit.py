@@ -11,10 +11,10 @@ from backup_site import EXT4, XFS, fill_some, root_of
 from fault_site import seeded
 from lab import driver
 from lab.daemon import program
-from lab.holds import Hold
 from lab.images import extents_of
 from lab.services import wait_until
 from lab.snapshots import MOUNT_ROOT, mounts
+from lab.syscalls import Hold
 from lab.volumes import Volume
 
 SECONDS = 60

@@ -13,9 +13,9 @@ from change_records import UNIT, differing_units, marked_since
 from lab import driver
 from lab.daemon import BASE, program
 from lab.driver import STORE
-from lab.holds import MOUNT_CALLS
 from lab.images import tree_hashes
 from lab.snapshots import MOUNT_ROOT, SessionError
+from lab.syscalls import MOUNT_CALLS
 from snapshot_site import COW_MIB, EXT4, SnapshotSite, keep, read_device, read_record
 
 MIB = 1 << 20

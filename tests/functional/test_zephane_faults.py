@@ -2,7 +2,7 @@
 works."""
 import pytest
 
-from lab.holds import Trace
+from lab.syscalls import Trace
 from zephane_site import FAILING_CALLS, KINDS, FragileServer
 
 SERVER = FragileServer

@@ -34,7 +34,7 @@ import installed  # noqa: E402
 from installed import KEPT, SECONDS, Agent, KeptProtection, KeptTarget  # noqa: E402
 from lab.commands import run  # noqa: E402
 from lab.driver import OWN_FILES  # noqa: E402
-from lab.images import compare_used, fsck, looked_into, mounted  # noqa: E402
+from lab.images import compare_used, fsck, mounted, mounted_unreplayed  # noqa: E402
 from lab.volumes import Partition, Volume  # noqa: E402
 
 BUILDING = pathlib.Path("/mnt")
@@ -396,7 +396,7 @@ def compare():
     outcome = {}
     for name, one in PLACES.items():
         expected = json.loads((MANIFESTS / f"{name}.json").read_text(encoding="ascii"))
-        with looked_into(device_of(one), one.volume.file_system) as tree:
+        with mounted_unreplayed(device_of(one), one.volume.file_system) as tree:
             found = manifest_of(tree)
         differ = [bytes.fromhex(path).decode(errors="replace") for path in expected.keys() | found.keys()
                   if expected.get(path) != found.get(path)]
