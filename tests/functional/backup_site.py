@@ -124,9 +124,9 @@ class Sent:
     """What a backup has sent of a volume, and what it had to send. `exact` is false if the driver tracks
     writes: a write may not have changed the data."""
 
-    def __init__(self, target, reported, writes, extents, exact):
+    def __init__(self, target, reported_bytes, writes, extents, exact):
         self.target = target
-        self.reported = reported
+        self.reported_bytes = reported_bytes
         self.writes = writes
         self.extents = extents
         self.exact = exact
@@ -134,8 +134,9 @@ class Sent:
     def check(self):
         size = size_of_all(self.extents)
         if self.exact:
-            assert (self.reported, self.writes.commands) == (size, commands_for(self.extents, self.target))
-        assert self.reported == self.writes.bytes >= size
+            commands = commands_for(self.extents, self.target)
+            assert (self.reported_bytes, self.writes.commands) == (size, commands)
+        assert self.reported_bytes == self.writes.bytes >= size
         return self
 
 
@@ -158,10 +159,11 @@ class Ledger:
         protection.verify()
         exact = expected != "incremental" or not are_volumes_logical()
         return {name: Sent(protection.target, backup.bytes(name),
-                           protection.images[name].writes() - before[name], self._due(name, expected), exact)
+                           protection.images[name].writes() - before[name],
+                           self._expected_extents(name, expected), exact)
                 for name in protection.partitions}
 
-    def _due(self, name, kind):
+    def _expected_extents(self, name, kind):
         """The extents worth copying; for an incremental backup, only those that have changed."""
         partition = self.protection.partitions[name]
         path = capture_of(partition)

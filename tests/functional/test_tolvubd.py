@@ -93,7 +93,7 @@ def write_tree(volume, seed):
         path.write_bytes(source.randbytes(source.randrange(200_000)))
 
 
-def shown():
+def driver_devices():
     """The devices in the driver's status, with the fields that each of them has."""
     fields = ("minor", "cow_file", "block_device", "state", "error")
     return [{field: device[field] for field in fields} for device in info()["devices"]]
@@ -122,15 +122,15 @@ def test_status_follows_the_device(volume):
     assert (STATUS / "version").read_text(encoding="ascii") == "0.10.0\n"
     device = {"minor": 3, "cow_file": "/.tolvu", "block_device": str(volume.device), "error": 0}
     take_snapshot(volume, minor=3)
-    assert shown() == [{**device, "state": SNAPSHOT}]
+    assert driver_devices() == [{**device, "state": SNAPSHOT}]
     assert nodes() == ["tolvu3"]
     volume.place.expect(shown=1, kept=1)
     must("transition_incremental", 3)
-    assert shown() == [{**device, "state": TRACKING}]
+    assert driver_devices() == [{**device, "state": TRACKING}]
     assert nodes() == []
     volume.place.expect(shown=0, kept=1)
     must("transition_snapshot", 3, volume.other_cow, 4)
-    assert shown() == [{**device, "cow_file": "/.tolvu1", "state": SNAPSHOT}]
+    assert driver_devices() == [{**device, "cow_file": "/.tolvu1", "state": SNAPSHOT}]
     assert nodes() == ["tolvu3"]
     volume.place.expect(shown=1, kept=1)
     must("destroy", 3)
@@ -408,8 +408,8 @@ def test_tracking_goes_on_after_a_restart(volume, tmp_path):
     by_uuid.symlink_to(volume.device)
     done = tolvuctl("reload-incremental", by_uuid, "/.tolvu", 5)
     assert (done.returncode, done.stderr) == (0, "")
-    assert shown() == [{"minor": 5, "cow_file": "/.tolvu", "block_device": str(by_uuid),
-                        "state": TRACKING, "error": 0}]
+    assert driver_devices() == [{"minor": 5, "cow_file": "/.tolvu", "block_device": str(by_uuid),
+                                 "state": TRACKING, "error": 0}]
     must("transition_snapshot", 5, volume.other_cow, 4)
     after = keep("/dev/tolvu5", tmp_path / "after")
     check_record(volume, Cow(volume.cow, volume), before, after)

@@ -258,7 +258,8 @@ def steps_of_opening():
     yield ("for the verdict", lambda act: for_verdict(lambda _, connection: act(connection) or b""),
            VERDICT_HEAD + bytes(wire.PROOF))
     yield "for NBD's greeting", behind_handshake, nbd.GREETING + b"\0\3"
-    yield "for NBD's options", lambda act: with_nbd(haggle=lambda server: act(server.stream)), bytes(20)
+    yield ("for NBD's options", lambda act: with_nbd(negotiate_options=lambda server: act(server.stream)),
+           bytes(20))
 
 
 def attacks_on_opening():
@@ -426,7 +427,7 @@ def test_relayed_connection_carries_nothing(context, attacks):
                 run = run_client(host.port, scene.image)
             assert run.codes[OPEN] == code and max(run.codes) < 0, run
             attacks.note(f"TLS relayed, {name}", f"open fails with {run.codes[OPEN]}")
-        scene.check_standing()
+        scene.check_unharmed()
         good = run_client(scene.port, scene.image)
         assert good.codes == [0, 0, 0, 0], good
         assert scene.content()[:MIB] == b"w" * MIB

@@ -65,7 +65,7 @@ class Scene(Resource):
         return None
 
     @contextlib.contextmanager
-    def owner_at_stream(self, image=None, **options):
+    def admitted_client(self, image=None, **options):
         """A well-behaved client, admitted as soon as the previous writer has gone."""
         with wait_until(lambda: self._admitted(image, options), ENTER_SECONDS, "a writer let in") as attacker:
             yield attacker
@@ -73,10 +73,10 @@ class Scene(Resource):
     @contextlib.contextmanager
     def owner(self, image=None, **options):
         """The same, connected up to the image: (attacker, NBD)."""
-        with self.owner_at_stream(image, **options) as attacker:
+        with self.admitted_client(image, **options) as attacker:
             yield attacker, NbdClient(attacker.stream).greet().go()
 
-    def check_standing(self):
+    def check_unharmed(self):
         """Checks that the server runs, admits the owner of each image and uses bounded memory, and that its
         images are unchanged."""
         self.server.check_running()

@@ -144,14 +144,14 @@ class Protected(Resource):
         """The outcome for the device, in words; fails if a picture or a record is wrong."""
         if states().get(self.minor) != SNAPSHOT:
             return self.next_record()
-        picture_is = self.look()
+        picture_is = self.check_snapshot()
         ended = call("transition_incremental", self.minor)
         if not ended:
             return f"{picture_is}; {self.full_comparison(ended)}"
         self.writer.wait_for_writes()
         return f"{picture_is}; {self.next_record()}"
 
-    def look(self):
+    def check_snapshot(self):
         """Checks that the snapshot shows its moment, or nothing."""
         try:
             now = picture(self.node)
@@ -181,15 +181,15 @@ class Protected(Resource):
         closed, current = self._files
         now, error = picture(self.node), self.error()
         assert error == 0, "a snapshot was taken of what isn't sound"
-        told = set(Cow(closed, self.volume).changed_units)
+        recorded = set(Cow(closed, self.volume).changed_units)
         differ = differing(self.first, now) - self._own - self.own_units()
-        assert not differ - told, f"{len(differ - told)} of {len(differ)} changed units are missing"
+        assert not differ - recorded, f"{len(differ - recorded)} of {len(differ)} changed units are missing"
         assert len(differ) > 0
         self.changed += len(differ)
-        self.untouched += len(told - differ)
+        self.untouched += len(recorded - differ)
         self.first, self._files = now, [current, closed]
         self._own |= self.own_units()
-        return "set right" if len(told) < self.volume.size // UNIT else "everything told"
+        return "set right" if len(recorded) < self.volume.size // UNIT else "everything told"
 
     def full_comparison(self, refused):
         """Checks that a device that isn't trusted reports it; makes it anew, and tracks it again if the

@@ -1,7 +1,7 @@
 """A server that starts from its own disk, and the appliance with its images: run inside, by server_site.py.
 
 In the rescue system:
-    server.py make DISK KEPT SOURCE LINE PACKAGE...
+    server.py make DISK PERSISTENT_DISK SOURCE LINE PACKAGE...
                                    makes a server on one disk, including its packages, and a file system for
                                    the appliance's files on the other. SOURCE is a device with the system to
                                    copy; "" means the running one. LINE is the kernel's command line; if it is
@@ -13,7 +13,7 @@ In the server:
     server.py pair                 starts the agent, and pairs it with the appliance
     server.py change SEED          writes files to all volumes, removes and changes others
     server.py backup KIND          backs up all volumes: full, merge or incremental; prints the outcome
-    server.py prove KIND           the same; then compares each image with its snapshot, and makes a manifest
+    server.py verify KIND          the same; then compares each image with its snapshot, and makes a manifest
                                    of the snapshot
 """
 import contextlib
@@ -31,14 +31,14 @@ ROOT = pathlib.Path(__file__).resolve().parents[3]
 sys.path.insert(0, str(ROOT))
 
 import installed  # noqa: E402
-from installed import KEPT, SECONDS, Agent, KeptProtection, KeptTarget  # noqa: E402
+from installed import PERSISTENT, SECONDS, Agent, PersistentProtection, PersistentTarget  # noqa: E402
 from lab.commands import run  # noqa: E402
 from lab.driver import OWN_FILES  # noqa: E402
 from lab.images import compare_used, fsck, mounted, mounted_unreplayed  # noqa: E402
 from lab.volumes import Partition, Volume  # noqa: E402
 
 BUILDING = pathlib.Path("/mnt")
-MANIFESTS = KEPT / "manifests"
+MANIFESTS = PERSISTENT / "manifests"
 USER, PASSWORD = "server", "of the images 1"
 GROUP = "server"
 TABLE = """label: gpt
@@ -106,10 +106,10 @@ def device_of(one, disk="/dev/sda"):
 # Making a server
 
 
-def make(disk, kept, source, line, *packages):
+def make(disk, persistent_disk, source, line, *packages):
     """Makes a server: a copy of a running or stored system on new volumes, with the packages installed."""
     make_volumes(disk)
-    prepare_kept(kept)
+    prepare_persistent_disk(persistent_disk)
     with contextlib.ExitStack() as stack:
         tree = stack.enter_context(Partition(Volume("source", "ext4"), source).mounted("/run/source", "ro")) \
             if source else "/"
@@ -137,9 +137,9 @@ def make(disk, kept, source, line, *packages):
 
 
 def copy_esp():
-    (KEPT / "images").mkdir()
-    run("cp", "--sparse=always", PARTITIONS[ESP].device, KEPT / "images" / ESP)
-    with mounted(KEPT / "images" / ESP, "vfat") as tree:
+    (PERSISTENT / "images").mkdir()
+    run("cp", "--sparse=always", PARTITIONS[ESP].device, PERSISTENT / "images" / ESP)
+    with mounted(PERSISTENT / "images" / ESP, "vfat") as tree:
         write_manifest(ESP, tree)
 
 
@@ -161,10 +161,10 @@ def make_volumes(disk):
     run("udevadm", "settle")
 
 
-def prepare_kept(kept):
-    run("mkfs.ext4", "-q", "-L", "kept", kept)
-    KEPT.mkdir(exist_ok=True)
-    run("mount", kept, KEPT)
+def prepare_persistent_disk(disk):
+    run("mkfs.ext4", "-q", "-L", "kept", disk)
+    PERSISTENT.mkdir(exist_ok=True)
+    run("mount", disk, PERSISTENT)
     MANIFESTS.mkdir()
 
 
@@ -176,11 +176,11 @@ def configure():
         where = f"{one.volume.mount_point} {one.volume.file_system}"
         lines.append(f"UUID={uuid} {where} {options} 0 {1 if name == 'root' else 0}")
     swap = run("blkid", "--match-tag", "UUID", "--output", "value", f"/dev/{GROUP}/swap")
-    lines += [f"UUID={swap} none swap sw 0 0", f"LABEL=kept {KEPT} ext4 defaults 0 2"]
+    lines += [f"UUID={swap} none swap sw 0 0", f"LABEL=kept {PERSISTENT} ext4 defaults 0 2"]
     for path, text in {"etc/fstab": "".join(f"{line}\n" for line in lines), "etc/hostname": "db1\n",
                        "etc/machine-id": ""}.items():
         (BUILDING / path).write_text(text, encoding="ascii")
-    (BUILDING / KEPT.relative_to("/")).mkdir(exist_ok=True)
+    (BUILDING / PERSISTENT.relative_to("/")).mkdir(exist_ok=True)
     (BUILDING / "etc/systemd/system/serial-getty@ttyS0.service").unlink(missing_ok=True) # it was masked
 
 
@@ -250,7 +250,7 @@ def partition_of(name):
     return partition
 
 
-class ServersProtection(KeptProtection):
+class ServersProtection(PersistentProtection):
     """Runs the script that copies the snapshots only if the copies are going to be compared."""
 
     keeps_moments = True
@@ -258,13 +258,13 @@ class ServersProtection(KeptProtection):
     def request(self, *names, **changes):
         if self.keeps_moments:
             return super().request(*names, **changes)
-        return super(KeptProtection, self).request(*names, **changes)
+        return super(PersistentProtection, self).request(*names, **changes)
 
     def _add_image(self, partition, options):
         return super()._add_image(partition, options | {"poisoned": partition.name in POISONED})
 
 
-class AppliancesTarget(KeptTarget):
+class AppliancesTarget(PersistentTarget):
     """A target that requires authentication to access the images."""
 
     def open(self, stack):
@@ -273,7 +273,7 @@ class AppliancesTarget(KeptTarget):
 
 
 def pair():
-    if not (KEPT / "moments").exists():
+    if not (PERSISTENT / "moments").exists():
         installed.certify()
     run("systemctl", "restart", "bekd")
     with installed.appliance() as client:
@@ -319,17 +319,17 @@ def done_by(protection, kind):
     return outcome
 
 
-def prove(kind):
+def verify(kind):
     with AppliancesTarget() as target, installed.appliance() as client:
         protection = protected(client, target, keeps_moments=True)
         outcome = done_by(protection, kind)
         if outcome["state"] == "finished":
-            outcome["blocks"] = {name: proven(protection, name) for name in PROTECTED}
+            outcome["blocks"] = {name: verified_blocks(protection, name) for name in PROTECTED}
     os.sync()
     return outcome
 
 
-def proven(protection, name):
+def verified_blocks(protection, name):
     """Checks an image against the snapshot; returns the number of equal blocks. The root isn't checked by
     fsck: it has files that are deleted and still open, and until a mount has cleaned them up, e2fsck reports
     errors in a bitmap."""
@@ -407,7 +407,7 @@ def compare():
 
 def main():
     verb, *arguments = sys.argv[1:]
-    verbs = {one.__name__: one for one in (make, serve, compare, pair, change, backup, prove)}
+    verbs = {one.__name__: one for one in (make, serve, compare, pair, change, backup, verify)}
     outcome = verbs[verb](*arguments)
     if outcome is not None:
         print(json.dumps(outcome))
