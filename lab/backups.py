@@ -9,7 +9,7 @@
 import dataclasses
 import pathlib
 
-from lab import moments
+from lab import snapshot_copies
 from lab.appliance_client import volume
 from lab.driver import OWN_FILES, STORE, stored_state
 from lab.images import ImageError, compare_used, fsck, mounted, tree_hashes
@@ -33,7 +33,7 @@ def size_of(partition):
 def capture_of(partition):
     """A file with the content of the volume at its last snapshot."""
     if are_volumes_logical():
-        return moments.moment_of(partition)
+        return snapshot_copies.snapshot_copy_of(partition)
     return next(STORE / f"{device['snapshot']}.img" for device in stored_state()["devices"]
                 if device["block_device"] == partition.device)
 
@@ -127,7 +127,7 @@ class Protection:
         self.images = {name: image or self._add_image(partition, options)
                        for name, partition in self.partitions.items()}
         self.excluded_files = OWN_FILES # names of files that the comparison of blocks leaves out
-        self.scripts = [moments.install()] if are_volumes_logical() else []
+        self.scripts = [snapshot_copies.install()] if are_volumes_logical() else []
         small = [name for name, partition in self.partitions.items() if size_of(partition) < ROOMY]
         if small:
             self.set_cow_size(COW_MIB, *small)
@@ -178,7 +178,7 @@ class Protection:
         return sum((self._verify(name) for name in names or self.partitions), Proof())
 
     @staticmethod
-    def moment_of(partition):
+    def capture_of(partition):
         """A file with the content of the volume at its last snapshot."""
         return capture_of(partition)
 
@@ -186,7 +186,7 @@ class Protection:
         partition, image = self.partitions[name], self.images[name]
         self.target.fetch(image)
         file_system = partition.volume.file_system
-        capture = self.moment_of(partition)
+        capture = self.capture_of(partition)
         fsck(image.path, file_system, self.offset)
         compared = compare_used(capture, image.path, file_system, self.offset, self.excluded_files).check()
         with mounted(capture, file_system) as then, mounted(image.path, file_system, self.offset) as now:

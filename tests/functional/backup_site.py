@@ -10,7 +10,7 @@ import shutil
 import pytest
 
 import snapshot_site
-from change_records import Moment, common, extents_of_units, marked_units
+from change_records import CaptureExtents, common, extents_of_units, marked_units
 from iscsi_call import LONGEST_WRITE
 from lab import driver
 from lab.backups import capture_of
@@ -146,7 +146,7 @@ class Ledger:
 
     def __init__(self, protection):
         self.protection = protection
-        self._moments = {}
+        self._captures = {}
 
     def run(self, expected, **kind):
         """Runs a backup; `expected` is the type that it must become."""
@@ -167,22 +167,22 @@ class Ledger:
         """The extents worth copying; for an incremental backup, only those that have changed."""
         partition = self.protection.partitions[name]
         path = capture_of(partition)
-        now = Moment(path, partition.volume.file_system)
+        now = CaptureExtents(path, partition.volume.file_system)
         file = open(path, "rb")
         now.capture = f"/proc/self/fd/{file.fileno()}" # its name is removed by the next backup
-        earlier, self._moments[name] = self._moments.get(name), (now, file)
+        earlier, self._captures[name] = self._captures.get(name), (now, file)
         if not earlier:
             return now.copied
-        moment, earlier_file = earlier
+        before, earlier_file = earlier
         with earlier_file:
             if kind != "incremental":
                 return now.copied
-            units = marked_units(moment, now, closed_file(partition))
+            units = marked_units(before, now, closed_file(partition))
         return common(now.copied, extents_of_units(units))
 
     def __enter__(self):
         return self
 
     def __exit__(self, *_exception):
-        for _, file in self._moments.values():
+        for _, file in self._captures.values():
             file.close()

@@ -11,7 +11,7 @@ UNIT = 4096 # changes are recorded in units of so many bytes
 PIECE = 4 << 20
 
 
-class Moment:
+class CaptureExtents:
     """The file system in a capture: the extents (offset, length) in use, those of them that the driver
     doesn't know to be in use, and those of each of the driver's and the agent's own files."""
 
@@ -47,11 +47,11 @@ def used_extents(capture, kind):
 
 def marked_since(before, after, file_system, closed=".tolvu"):
     """The numbers of the units that count as changed between two captures."""
-    return marked_units(Moment(before, file_system), Moment(after, file_system), closed)
+    return marked_units(CaptureExtents(before, file_system), CaptureExtents(after, file_system), closed)
 
 
 def copied_extents(capture, file_system):
-    return Moment(capture, file_system).copied
+    return CaptureExtents(capture, file_system).copied
 
 
 def common(extents, others):

@@ -13,7 +13,7 @@ import uuid
 
 import pytest
 
-from change_records import Moment, differing_units, in_units, marked_units
+from change_records import CaptureExtents, differing_units, in_units, marked_units
 from lab import driver, filesystems
 from lab.commands import run
 from lab.driver import STATUS, STORE, forget_devices, info, nodes
@@ -199,7 +199,7 @@ def test_table_marks_what_has_changed(make_volume, filesystem, tmp_path):
 def check_record(volume, record, before, after, closed=".tolvu"):
     """Checks the record of the changes between two captures. Returns the units that the volume's programs
     have changed."""
-    then, now = Moment(before, volume.filesystem), Moment(after, volume.filesystem)
+    then, now = CaptureExtents(before, volume.filesystem), CaptureExtents(after, volume.filesystem)
     below = written_below(volume, now)
     volume.place.check_record(set(record.changed_units), marked_units(then, now, closed), below)
     return set(differing_units(before, after)) - below
@@ -424,7 +424,7 @@ def test_snapshot_comes_back_after_a_restart(volume, tmp_path):
     must("reload_snapshot", 0, volume.device, "/.tolvu")
     assert states() == {0: SNAPSHOT}
     after = keep(NODE, tmp_path / "after")
-    below = written_below(volume, Moment(after, volume.filesystem))
+    below = written_below(volume, CaptureExtents(after, volume.filesystem))
     assert not set(differing_units(before, after)) - below
 
 

@@ -36,12 +36,12 @@ from lab.targets import Target  # noqa: E402
 from lab.volumes import Partition, Volume  # noqa: E402
 
 PERSISTENT = pathlib.Path("/kept")
-SCRIPT = "keep-moments"
+SCRIPT = "copy-snapshots"
 # Copies each snapshot as soon as it exists, before the agent reads a block of it.
-KEEP_MOMENTS = f"""#!/bin/sh
+COPY_SNAPSHOTS = f"""#!/bin/sh
 [ "$1" = POST ] || exit 0
 for node in /dev/tolvu[0-9]*; do
-    dd if=$node of={PERSISTENT}/moments/${{node#/dev/tolvu}}.img bs=1M iflag=direct conv=sparse status=none
+    dd if=$node of={PERSISTENT}/snapshots/${{node#/dev/tolvu}}.img bs=1M iflag=direct conv=sparse status=none
 done
 """
 READY_SECONDS = 300 # an emulated machine that has just been started is slow
@@ -88,7 +88,7 @@ def make(disk, other):
 
 def certify():
     """Does by script what an administrator does by hand: certificates, and a quiesce script."""
-    (PERSISTENT / "moments").mkdir()
+    (PERSISTENT / "snapshots").mkdir()
     authority = Authority(PERSISTENT / "authority")
     install(authority.agent(), authority, CERTIFICATES)
     appliance = authority.device(DEVICE)
@@ -97,7 +97,7 @@ def certify():
         shutil.copy(path, PERSISTENT / name)
     SCRIPTS.mkdir(parents=True, exist_ok=True)
     script = SCRIPTS / SCRIPT
-    script.write_text(KEEP_MOMENTS, encoding="ascii")
+    script.write_text(COPY_SNAPSHOTS, encoding="ascii")
     script.chmod(0o700)
 
 
@@ -134,8 +134,8 @@ class PersistentProtection(Protection):
     """A Protection whose images outlive the target."""
 
     @staticmethod
-    def moment_of(partition):
-        return PERSISTENT / "moments" / f"{device_of(partition)['minor']}.img"
+    def capture_of(partition):
+        return PERSISTENT / "snapshots" / f"{device_of(partition)['minor']}.img"
 
     def request(self, *names, **changes):
         """The volumes of a request; only the first names the script, as one run of it is enough for all."""

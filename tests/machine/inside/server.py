@@ -253,10 +253,10 @@ def partition_of(name):
 class ServersProtection(PersistentProtection):
     """Runs the script that copies the snapshots only if the copies are going to be compared."""
 
-    keeps_moments = True
+    copies_snapshots = True
 
     def request(self, *names, **changes):
-        if self.keeps_moments:
+        if self.copies_snapshots:
             return super().request(*names, **changes)
         return super(PersistentProtection, self).request(*names, **changes)
 
@@ -273,7 +273,7 @@ class AppliancesTarget(PersistentTarget):
 
 
 def pair():
-    if not (PERSISTENT / "moments").exists():
+    if not (PERSISTENT / "snapshots").exists():
         installed.certify()
     run("systemctl", "restart", "bekd")
     with installed.appliance() as client:
@@ -300,12 +300,12 @@ def change(seed):
 
 def backup(kind):
     with AppliancesTarget() as target, installed.appliance() as client:
-        return done_by(protected(client, target, keeps_moments=False), kind)
+        return done_by(protected(client, target, copies_snapshots=False), kind)
 
 
-def protected(client, target, *, keeps_moments):
+def protected(client, target, *, copies_snapshots):
     protection = ServersProtection(client, Agent(), target, [partition_of(name) for name in PROTECTED])
-    protection.keeps_moments = keeps_moments
+    protection.copies_snapshots = copies_snapshots
     return protection
 
 
@@ -321,7 +321,7 @@ def done_by(protection, kind):
 
 def verify(kind):
     with AppliancesTarget() as target, installed.appliance() as client:
-        protection = protected(client, target, keeps_moments=True)
+        protection = protected(client, target, copies_snapshots=True)
         outcome = done_by(protection, kind)
         if outcome["state"] == "finished":
             outcome["blocks"] = {name: verified_blocks(protection, name) for name in PROTECTED}
@@ -334,11 +334,11 @@ def verified_blocks(protection, name):
     fsck: it has files that are deleted and still open, and until a mount has cleaned them up, e2fsck reports
     errors in a bitmap."""
     partition, image = protection.partitions[name], protection.images[name]
-    moment, file_system = protection.moment_of(partition), partition.volume.file_system
+    capture, file_system = protection.capture_of(partition), partition.volume.file_system
     if name != "root":
         fsck(image.path, file_system)
-    blocks = compare_used(moment, image.path, file_system).check().blocks
-    with mounted(moment, file_system) as tree:
+    blocks = compare_used(capture, image.path, file_system).check().blocks
+    with mounted(capture, file_system) as tree:
         write_manifest(name, tree)
     return blocks
 
