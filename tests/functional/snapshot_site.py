@@ -8,6 +8,7 @@
 import contextlib
 import json
 import pathlib
+import random
 import shutil
 import struct
 import subprocess
@@ -23,7 +24,7 @@ from lab.lvm import spare_disks
 from lab.resources import Resource
 from lab.services import wait_until
 from lab.site import Site
-from lab.snapshots import MOUNT_ROOT, Session, drop_snapshots, mounts
+from lab.snapshots import MOUNT_ROOT, Session, SessionError, drop_snapshots, mounts
 from lab.volumes import Volume
 from tolvubd_site import LogicalVolumes, layers
 
@@ -45,6 +46,17 @@ def keep(snapshot, path):
     mounted."""
     subprocess.run(["cp", "--sparse=always", snapshot, path], check=True)
     return path
+
+
+def fill_tree(root, seed):
+    """Creates some files of random content, and removes some."""
+    numbers = random.Random(seed)
+    for number in range(20):
+        path = pathlib.Path(root, f"folder {number % 3}", f"file {numbers.randrange(40)}")
+        path.parent.mkdir(exist_ok=True)
+        path.write_bytes(numbers.randbytes(numbers.randrange(200_000)))
+    for path in sorted(pathlib.Path(root).glob("*/file *"))[::7]:
+        path.unlink()
 
 
 def read_record(path, units):
@@ -161,3 +173,19 @@ class SnapshotSite(Resource):
                 yield
             finally:
                 subprocess.run(["umount", "--lazy", "/usr/bin"], check=True) # it runs from there itself
+
+
+def recover(site, incremental):
+    """Runs the next backups after a killed one: at most one of them may fail."""
+    for _ in range(2):
+        with site.session(incremental=incremental) as session:
+            try:
+                session.start()
+                return session.end("success")
+            except SessionError as error:
+                failure = f"{error}\n{session.log}"
+                try:
+                    session.end("failure")
+                except SessionError:
+                    pass # the device doesn't exist any more
+    raise AssertionError(failure)
