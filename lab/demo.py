@@ -11,17 +11,16 @@ import os
 import pathlib
 import random
 import re
-import shlex
 import shutil
 import subprocess
 import sys
-import textwrap
 
 from lab.appliance_client import DEVICE, Appliance, NoAnswer, Unreachable
 from lab.backups import COW_MIB, Protection, size_of
 from lab.certificates import Authority, CertificateError
 from lab.certservice import HOST, CertificateService, store_device, trust
-from lab.daemon import BASE, CERTIFICATES, ROOT, Daemon, program, require_private_site
+from lab.daemon import BASE, CERTIFICATES, Daemon, program, require_private_site
+from lab.demo_output import PREFIX, SECONDS, StepFailed, appliance, check, run, show, show_command, show_table
 from lab.https_client import BASE_URL
 from lab.image_server import address_of
 from lab.images import ImageError, entry_of, fsck, mounted_unreplayed, tree_hashes
@@ -33,11 +32,8 @@ from lab.targets import Target
 from lab.volumes import Disk, Volume
 from lab.zephane import ZephaneServer
 
-WIDTH = 100
-SECONDS = 60
 LAB = pathlib.Path("/run/lab")
 STRANGER = 815
-PREFIX = "  | "
 LOG_DATE = re.compile(r"^\d{4}-\d\d-\d\d (?=\d\d:)", re.MULTILINE)
 VOLUMES = (DATA, FILES, WINDOWS)
 # The images are poisoned, which costs their full size unless their file system can share blocks, as XFS can.
@@ -46,59 +42,6 @@ FILES = 80
 LARGEST = 1 << 20
 HEAD_MIB = 10 # the checksum of an image covers this much of it
 TYPES = {"full": "FULL", "differential": "DIFFERENTIAL_MERGE", "incremental": "INCREMENTAL"}
-
-
-class StepFailed(Exception):
-    """A step didn't show what it should; the text says what it showed instead."""
-
-
-def check(condition, text):
-    if not condition:
-        raise StepFailed(text)
-
-
-def show(text):
-    for line in str(text).splitlines():
-        for piece in textwrap.wrap(line, WIDTH - len(PREFIX), subsequent_indent=" " * 8,
-                                   break_on_hyphens=False):
-            print(PREFIX + piece, flush=True)
-
-
-def show_command(words):
-    """Prints a command as one would type it. A long command is broken between options, and each option keeps
-    its value."""
-    line = "  $"
-    for part in re.findall(r"-\S+ [^-]\S*|\S+", shlex.join(map(str, words))):
-        if len(line) + len(part) > WIDTH - 3:
-            print(line + " \\")
-            line = "       "
-        line += " " + part
-    print(line, flush=True)
-
-
-def show_table(rows, prefix=PREFIX, numbers=()):
-    """Prints rows of texts as a table; the columns in `numbers` are right-aligned."""
-    widths = [max(map(len, column)) for column in zip(*rows)]
-    for row in rows:
-        cells = (cell.rjust(width) if column in numbers else cell.ljust(width)
-                 for column, (cell, width) in enumerate(zip(row, widths)))
-        print(prefix + "  ".join(cells).rstrip(), flush=True)
-
-
-def run(*command):
-    """Shows a command and runs it; returns its output, of both streams, and its exit status."""
-    show_command(command)
-    done = subprocess.run([ROOT / command[0] if "/" in command[0] else command[0], *command[1:]],
-                          stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, check=False,
-                          timeout=SECONDS)
-    return done.stdout, done.returncode
-
-
-def appliance(*arguments, status=0):
-    """Runs lab/appliance; returns what it printed."""
-    text, found = run("lab/appliance", *arguments)
-    check(found == status, f"exit status {found}, not {status}: {text}")
-    return text
 
 
 @dataclasses.dataclass(frozen=True)
