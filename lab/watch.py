@@ -95,9 +95,9 @@ class UnchangedTimer:
         self._since = 0.0
 
     def seconds(self, status):
-        told = {key: value for key, value in status.items() if key != "elapsedTime"}
-        if told != self._last:
-            self._last, self._since = told, time.monotonic()
+        relevant = {key: value for key, value in status.items() if key != "elapsedTime"}
+        if relevant != self._last:
+            self._last, self._since = relevant, time.monotonic()
         return time.monotonic() - self._since
 
 

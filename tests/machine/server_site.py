@@ -85,8 +85,8 @@ class Server:
     def wait_for_line(self, unit, text):
         """Waits for a text in what a unit has written to the journal."""
         def is_there():
-            told = self.machine.run("journalctl", f"--unit={unit}", "--output=cat", check=False).stdout
-            return text in told
+            journal = self.machine.run("journalctl", f"--unit={unit}", "--output=cat", check=False).stdout
+            return text in journal
         wait_until(is_there, SECONDS, f"{text!r} from {unit}")
 
     def lose_disk(self, size):
@@ -217,8 +217,9 @@ class Scenario:
         server.machine.run(AUDITS, timeout=SECONDS)
         for name in ("root", "data"):
             server.wait_for_line(f"bek-audit@{name}", "Nothing is wrong in the sample.")
-        told = server.machine.run("journalctl", "--unit=bek-audit@*", "--output=cat").stdout
-        assert len(re.findall("^unchanged +[1-9][0-9]* of .*, 0 differ;", told, re.MULTILINE)) == 2, told
+        journal = server.machine.run("journalctl", "--unit=bek-audit@*", "--output=cat").stdout
+        clean = re.findall("^unchanged +[1-9][0-9]* of .*, 0 differ;", journal, re.MULTILINE)
+        assert len(clean) == 2, journal
         assert server.machine.run("systemctl", "is-active", "bek-audit@root.timer").stdout == "active\n"
         server.inside("change", 5)
         assert set(server.backup("incremental")["types"].values()) == {"incremental"}

@@ -182,8 +182,8 @@ def appliance():
 def pair():
     with appliance() as client:
         assert client.pair(DEVICE).is_success
-        told = json.dumps(client.host().content)
-    assert all(partition_of(name).uuid in told for name in VOLUMES), told
+        host_text = json.dumps(client.host().content)
+    assert all(partition_of(name).uuid in host_text for name in VOLUMES), host_text
 
 
 def host():

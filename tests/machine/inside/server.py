@@ -92,7 +92,7 @@ PROTECTED = [name for name in PLACES if name != ESP or pathlib.Path("/proc/self/
 POISONED = (ESP, "data") # in these images, parts that were never written must not look like zeros
 SWAP_MEBIBYTES = 64
 # Left out of the copy of the running system, to save time: a third of it, which no test needs.
-LEFT_OUT = " ".join(f"--exclude=./usr/{path}" for path in (
+EXCLUDE_OPTIONS = " ".join(f"--exclude=./usr/{path}" for path in (
     "lib/modules/*/kernel/net", "lib/modules/*/kernel/drivers/[n-z]*", "lib/modules/*/kernel/fs/[g-w]*",
     "lib/x86_64-linux-gnu/perl", "lib/x86_64-linux-gnu/ceph", "share/perl", "lib/udev/hwdb*", "bin/fio"))
 
@@ -113,7 +113,7 @@ def make(disk, persistent_disk, source, line, *packages):
             if source else "/"
         for name in ("root", "boot", ESP, "data"):
             stack.enter_context(PARTITIONS[name].mounted(BUILDING / PLACES[name].volume.mount_point[1:]))
-        run("sh", "-c", f"tar -C {tree} {LEFT_OUT if tree == '/' else ''} --one-file-system -c . | "
+        run("sh", "-c", f"tar -C {tree} {EXCLUDE_OPTIONS if tree == '/' else ''} --one-file-system -c . | "
                         f"tar -C {BUILDING} -x")
         for path in ("/dev", "/proc", "/sys", "/run", str(ROOT)):
             (BUILDING / path[1:]).mkdir(parents=True, exist_ok=True)
@@ -276,8 +276,8 @@ def pair():
     run("systemctl", "restart", "bekd")
     with installed.appliance() as client:
         assert client.pair(installed.DEVICE).is_success
-        told = json.dumps(client.host().content)
-    assert all(partition_of(name).uuid in told for name in PROTECTED), told
+        host_text = json.dumps(client.host().content)
+    assert all(partition_of(name).uuid in host_text for name in PROTECTED), host_text
 
 
 def change(seed):
