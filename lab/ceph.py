@@ -61,7 +61,7 @@ mon_osd_min_down_reporters = 1
 """
 
 
-class Mortal(Service):
+class KillableService(Service):
     """A process that can be killed in the middle of its work."""
 
     def kill(self):
@@ -79,12 +79,12 @@ class Mortal(Service):
                                f"it printed:\n{self.output}")
 
 
-class Member(Mortal):
+class Member(KillableService):
     """A daemon of the cluster. It is ready when its admin socket answers; the other daemons may not know it
     by then. `stop` kills it, because its files are removed with the cluster anyway."""
 
     kind = None
-    stop = Mortal.kill
+    stop = KillableService.kill
 
     def __init__(self, cluster, number):
         super().__init__()
@@ -210,7 +210,7 @@ class CephCluster(Resource):
             yield
 
 
-class RbdExport(Mortal):
+class RbdExport(KillableService):
     """An NBD server for an image of a cluster, for any number of connections. Discarded blocks free their
     room, and a confirmed write is stored in the cluster. If the server is killed, the image stays locked for
     half a minute."""

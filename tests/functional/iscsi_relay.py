@@ -140,7 +140,7 @@ class Session:
             if command and unit.kind in (wire.DATA_IN, wire.RESPONSE):
                 self._collect(command, unit)
             else:
-                self._hand_on(unit)
+                self._forward(unit)
 
     def _collect(self, command, unit):
         command.answer.append(unit)
@@ -152,9 +152,9 @@ class Session:
             self.under_way.pop(command.tag, None)
             self.answered += command.has_ended
             for unit in command.answer:
-                self._hand_on(unit)
+                self._forward(unit)
 
-    def _hand_on(self, unit):
+    def _forward(self, unit):
         if unit.has_status:
             unit.set_number(wire.STATUS_NUMBER, self._status)
             self._status += 1

@@ -41,7 +41,7 @@ def read_device(path):
     return pathlib.Path(path).read_bytes()
 
 
-def keep(snapshot, path):
+def copy_snapshot(snapshot, path):
     """Copies a snapshot. In the copy, the extents of files can be found whether or not the snapshot is
     mounted."""
     subprocess.run(["cp", "--sparse=always", snapshot, path], check=True)

@@ -14,7 +14,8 @@ from lab.daemon import BASE, program
 from lab.driver import STORE
 from lab.images import tree_hashes
 from lab.snapshots import MOUNT_ROOT, SessionError
-from snapshot_site import COW_MIB, EXT4, SnapshotSite, fill_tree, keep, read_device, read_record, recover
+from snapshot_site import (COW_MIB, EXT4, SnapshotSite, copy_snapshot, fill_tree, read_device, read_record,
+                           recover)
 
 MIB = 1 << 20
 BOTH = ("data", "files")
@@ -55,7 +56,7 @@ def begin_tracking(site, directory):
     """Starts tracking; returns copies of the volumes' current content."""
     with site.session(incremental=False) as session:
         facts = session.start()
-        captures = {name: keep(facts[name]["snapshotPath"], directory / name) for name in BOTH}
+        captures = {name: copy_snapshot(facts[name]["snapshotPath"], directory / name) for name in BOTH}
         session.end("success")
     return captures
 
@@ -113,7 +114,7 @@ def test_record_marks_exactly_what_has_changed(lab_site, tmp_path):
             assert facts[name]["incrementalPreserved"] is True
             assert facts[name]["fileName"] == str(lab_site.mount_point(name) / ".tolvu")
             assert facts[name]["bitmapOffset"] == UNIT
-            after = keep(facts[name]["snapshotPath"], tmp_path / f"{name} after")
+            after = copy_snapshot(facts[name]["snapshotPath"], tmp_path / f"{name} after")
             marked, count = read_record(facts[name]["fileName"], after.stat().st_size // UNIT)
             assert marked == marked_since(captures[name], after, lab_site[name].volume.file_system)
             assert count == len(marked) > len(set(differing_units(captures[name], after))) > 100
@@ -132,7 +133,7 @@ def test_failed_backup_is_made_good_by_the_next(small_site, tmp_path):
     for outcome in ("success", "failure", "failure", "success", "success"):
         with small_site.session(incremental=bool(captures)) as session:
             facts = session.start()["data"]
-            captures.append(keep(facts["snapshotPath"], tmp_path / f"capture {len(captures)}"))
+            captures.append(copy_snapshot(facts["snapshotPath"], tmp_path / f"capture {len(captures)}"))
             marks, count = read_record(facts["fileName"], captures[0].stat().st_size // UNIT)
             marked.append(marks)
             counts.append(count)
@@ -182,7 +183,7 @@ def test_tracking_outlives_a_restart(lab_site, tmp_path):
         facts = session.start()
         for name in BOTH:
             assert facts[name]["incrementalPreserved"] is True
-            after = keep(facts[name]["snapshotPath"], tmp_path / f"{name} after")
+            after = copy_snapshot(facts[name]["snapshotPath"], tmp_path / f"{name} after")
             marked, _ = read_record(facts[name]["fileName"], after.stat().st_size // UNIT)
             assert marked == marked_since(captures[name], after, lab_site[name].volume.file_system)
         session.end("success")

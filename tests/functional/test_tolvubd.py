@@ -16,7 +16,7 @@ from lab.driver import STATUS, STORE, info, nodes
 from lab.filesystems import kind_of
 from lab.images import fsck, tree_hashes
 from lab.loops import make_node
-from snapshot_site import keep
+from snapshot_site import copy_snapshot
 from tolvubd_checks import (NODE, check_record, check_refused, driver_devices, small, take_snapshot, track,
                             write_tree)
 from tolvubd_site import SNAPSHOT, TRACKING, Cow, call, cow_files, expect_loops, must, states, tolvuctl
@@ -51,7 +51,7 @@ def test_snapshot_shows_the_volume_as_it_was(any_volume, tmp_path):
     with mounted(NODE, any_volume.filesystem) as target:
         assert tree_hashes(target) == before
         assert (target / ".tolvu").stat().st_size == 4 << 20
-    fsck(keep(NODE, tmp_path / "copy"), any_volume.filesystem)
+    fsck(copy_snapshot(NODE, tmp_path / "copy"), any_volume.filesystem)
     assert run("blockdev", "--getro", NODE) == "1"
     assert run("blockdev", "--getss", NODE) == run("blockdev", "--getss", any_volume.device)
     assert int(run("blockdev", "--getsize64", NODE)) == any_volume.size
@@ -111,7 +111,7 @@ def test_table_marks_what_has_changed(make_volume, filesystem, tmp_path):
     volume = make_volume(filesystem, small(filesystem) + 3)
     write_tree(volume, 1)
     take_snapshot(volume)
-    before = keep(NODE, tmp_path / "0")
+    before = copy_snapshot(NODE, tmp_path / "0")
     closed, current = volume.cow, volume.other_cow
     for number in range(2):
         must("transition_incremental", 0)
@@ -119,7 +119,7 @@ def test_table_marks_what_has_changed(make_volume, filesystem, tmp_path):
         (volume.mount_point / "d1" / "f1").unlink()
         volume.write(f"zeros {number}", bytes(1 << 20))
         must("transition_snapshot", 0, current, 4)
-        after = keep(NODE, tmp_path / str(number + 1))
+        after = copy_snapshot(NODE, tmp_path / str(number + 1))
         record = Cow(closed, volume)
         differing = check_record(volume, record, before, after, closed.name)
         assert record.changed == len(record.changed_units) >= len(differing) + 256 > 266

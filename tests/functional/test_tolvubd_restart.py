@@ -7,7 +7,7 @@ import pytest
 from change_records import CaptureExtents, differing_units
 from lab.commands import run
 from lab.driver import STORE, info, nodes
-from snapshot_site import keep
+from snapshot_site import copy_snapshot
 from tolvubd_checks import (NODE, check_record, check_refused, driver_devices, restart_machine, take_snapshot,
                             track, write_tree, written_below)
 from tolvubd_site import SNAPSHOT, TRACKING, Cow, must, states, stored, tolvuctl, unlock
@@ -24,7 +24,7 @@ def test_tracking_goes_on_after_a_restart(volume, tmp_path):
     """The volume is named by its UUID, as in the agent's scripts, with another minor; no change gets lost."""
     write_tree(volume, 1)
     take_snapshot(volume)
-    before = keep(NODE, tmp_path / "before")
+    before = copy_snapshot(NODE, tmp_path / "before")
     must("transition_incremental", 0)
     write_tree(volume, 2)
     restart_machine()
@@ -41,19 +41,19 @@ def test_tracking_goes_on_after_a_restart(volume, tmp_path):
     assert driver_devices() == [{"minor": 5, "cow_file": "/.tolvu", "block_device": str(by_uuid),
                                  "state": TRACKING, "error": 0}]
     must("transition_snapshot", 5, volume.other_cow, 4)
-    after = keep("/dev/tolvu5", tmp_path / "after")
+    after = copy_snapshot("/dev/tolvu5", tmp_path / "after")
     check_record(volume, Cow(volume.cow, volume), before, after)
 
 
 def test_snapshot_comes_back_after_a_restart(volume, tmp_path):
     write_tree(volume, 1)
     take_snapshot(volume)
-    before = keep(NODE, tmp_path / "before")
+    before = copy_snapshot(NODE, tmp_path / "before")
     restart_machine()
     write_tree(volume, 2)
     must("reload_snapshot", 0, volume.device, "/.tolvu")
     assert states() == {0: SNAPSHOT}
-    after = keep(NODE, tmp_path / "after")
+    after = copy_snapshot(NODE, tmp_path / "after")
     below = written_below(volume, CaptureExtents(after, volume.filesystem))
     assert not set(differing_units(before, after)) - below
 

@@ -64,15 +64,15 @@ def written_below(volume, capture):
     return own if volume.place.keeps_files_below else set()
 
 
-def world(volume):
+def whole_state(volume):
     state = (STORE / "state.json").read_bytes()
     files = {name: (volume.mount_point / name).lstat()[:2] for name in cow_files(volume)}
     return info(), nodes(), loops(), layers() if PLACES[1:] else [], stored(), files, state
 
 
 def check_refused(volume, error, function, *arguments):
-    before = world(volume)
+    before = whole_state(volume)
     result = call(function, *arguments)
     assert (result.value, errno.errorcode.get(result.error)) == (-1, errno.errorcode[error])
-    assert world(volume) == before
+    assert whole_state(volume) == before
     volume.write("alive", b"not frozen")

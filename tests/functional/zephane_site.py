@@ -59,7 +59,7 @@ def free_extents(partition):
     return [(first * truth.block_size, count * truth.block_size) for first, count in truth.free_ranges]
 
 
-class FragileServer(ZephaneServer):
+class FailingServer(ZephaneServer):
     """A server whose engines fail chosen calls with a storage error, at this rate."""
 
     def __init__(self, rate="100%", **options):
@@ -82,7 +82,7 @@ class FragileServer(ZephaneServer):
         for call in calls:
             self._switch(call).touch()
 
-    def mend(self):
+    def stop_failing(self):
         for call in FAILING_CALLS:
             self._switch(call).unlink(missing_ok=True)
 

@@ -104,7 +104,7 @@ class RecordedVolume(TrackedVolume):
 
     def leave(self, replay, chance, done):
         """Makes the disk hold what a cut may leave at a moment when the steps in `done` were complete."""
-        replay.copy_with_some(self.disk.path, chance)
+        replay.copy_with_some_writes(self.disk.path, chance)
         copy, self._slot, self._own = self._remembered
         run("cp", "--sparse=always", copy, self.pictures.path)
         self.files = list(NAMES)
