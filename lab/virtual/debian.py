@@ -12,8 +12,8 @@ ATTEMPTS = 3
 # The namespaces end with the tool, so its mounts and processes go too, however it ends.
 ENCLOSED = ("unshare", "--mount", "--propagation", "private", "--pid", "--fork", "--kill-child",
             "--mount-proc")
-EXCLUDED_PATHS = ("/usr/share/doc/*", "/usr/share/man/*", "/usr/share/locale/*", "/usr/share/info/*",
-                  "/usr/share/gnome/*", "/usr/share/icons/*")
+LEFT_OUT = ("/usr/share/doc/*", "/usr/share/man/*", "/usr/share/locale/*", "/usr/share/info/*",
+            "/usr/share/gnome/*", "/usr/share/icons/*")
 # Masked, so that nothing uses the disks or the network unless a test does.
 MASKED = """apt-daily.timer apt-daily-upgrade.timer dpkg-db-backup.timer e2scrub_all.timer
             e2scrub_reap.service fstrim.timer tgt.service getty@tty1.service getty-static.service
@@ -67,7 +67,7 @@ def make_tree(tree, packages, before=()):
     words = (*ENCLOSED, "mmdebstrap", "--mode=root", "--variant=minbase", "--format=directory",
              "--skip=check/empty", f"--include={','.join(packages)}", f"--aptopt={tree.parent}/apt.conf",
              '--aptopt=APT::Install-Recommends "false"', "--dpkgopt=force-unsafe-io",
-             *(f"--dpkgopt=path-exclude={path}" for path in EXCLUDED_PATHS),
+             *(f"--dpkgopt=path-exclude={path}" for path in LEFT_OUT),
              *(f"--essential-hook={hook}" for hook in before),
              release(), tree, tree.parent / "sources.list")
     for attempt in range(1, ATTEMPTS + 1):

@@ -45,7 +45,7 @@ def get(kind):
     """The image of a kind; makes it if it doesn't exist."""
     path = directory() / f"{kind}-{digest(kind)}"
     if not (path / "complete").exists():
-        with lock_of(kind):
+        with only_one(kind):
             if not (path / "complete").exists():
                 remove_old()
                 build(kind, path)
@@ -69,7 +69,7 @@ def contents(kind):
 
 
 @contextlib.contextmanager
-def lock_of(kind):
+def only_one(kind):
     directory().mkdir(parents=True, exist_ok=True)
     with open(directory() / f"{kind}.lock", "wb") as lock:
         fcntl.flock(lock, fcntl.LOCK_EX)

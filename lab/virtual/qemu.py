@@ -82,7 +82,7 @@ def working_accelerator(image):
     if not pathlib.Path("/dev/kvm").exists():
         return "tcg"
     known = image.path / f"accelerator-{HOST_BOOT.read_text(encoding='ascii').strip()}"
-    with images.lock_of("accelerator"):
+    with images.only_one("accelerator"):
         if not known.exists():
             known.write_text(probe(), encoding="ascii")
     return known.read_text(encoding="ascii")
