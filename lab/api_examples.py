@@ -12,11 +12,11 @@ import dataclasses
 import json
 import re
 
+from lab.agent_state import clean_agent_state
 from lab.appliance_client import DEVICE
 from lab.daemon import ROOT, Daemon, require_private_site
 from lab.driver import show_driver, show_status
 from lab.https_client import Client
-from lab.machine import new_machine
 from lab.services import wait_until
 from lab.site import DATA, SWAP, Site
 
@@ -148,7 +148,7 @@ def with_examples(text, examples):
 
 def main():
     require_private_site()
-    with new_machine() as authority, Site(VOLUMES) as site, Daemon() as daemon:
+    with clean_agent_state() as authority, Site(VOLUMES) as site, Daemon() as daemon:
         device, stranger = (Client(authority.certificate, authority.device(number))
                             for number in (DEVICE, STRANGER))
         daemon.wait_until_ready()

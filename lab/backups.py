@@ -9,7 +9,7 @@
 import dataclasses
 import pathlib
 
-from lab import moments
+from lab import snapshot_copies
 from lab.appliance_client import volume
 from lab.driver import OWN_FILES, STORE, stored_state
 from lab.images import ImageError, compare_used, fsck, mounted, tree_hashes
@@ -33,7 +33,7 @@ def size_of(partition):
 def capture_of(partition):
     """A file with the content of the volume at its last snapshot."""
     if are_volumes_logical():
-        return moments.moment_of(partition)
+        return snapshot_copies.snapshot_copy_of(partition)
     return next(STORE / f"{device['snapshot']}.img" for device in stored_state()["devices"]
                 if device["block_device"] == partition.device)
 
@@ -126,8 +126,8 @@ class Protection:
         self.partitions = {partition.name: partition for partition in partitions}
         self.images = {name: image or self._add_image(partition, options)
                        for name, partition in self.partitions.items()}
-        self.left_out = OWN_FILES # names of files that the comparison of blocks leaves out
-        self.scripts = [moments.install()] if are_volumes_logical() else []
+        self.excluded_files = OWN_FILES # names of files that the comparison of blocks leaves out
+        self.scripts = [snapshot_copies.install()] if are_volumes_logical() else []
         small = [name for name, partition in self.partitions.items() if size_of(partition) < ROOMY]
         if small:
             self.set_cow_size(COW_MIB, *small)
@@ -148,7 +148,7 @@ class Protection:
         """The volumes of a backup request: those that are named, or all. `changes` apply to each volume."""
         scripts = [*self.scripts, *changes.pop("scripts", ())]
         return [volume(**({"guid": self.partitions[name].uuid, "offset": self.offset, "scripts": scripts}
-                          | self.images[name].place() | changes))
+                          | self.images[name].request_keys() | changes))
                 for name in names or self.partitions]
 
     def start(self, *names, volumes=None, **kind):
@@ -178,7 +178,7 @@ class Protection:
         return sum((self._verify(name) for name in names or self.partitions), Proof())
 
     @staticmethod
-    def moment_of(partition):
+    def capture_of(partition):
         """A file with the content of the volume at its last snapshot."""
         return capture_of(partition)
 
@@ -186,9 +186,9 @@ class Protection:
         partition, image = self.partitions[name], self.images[name]
         self.target.fetch(image)
         file_system = partition.volume.file_system
-        capture = self.moment_of(partition)
+        capture = self.capture_of(partition)
         fsck(image.path, file_system, self.offset)
-        compared = compare_used(capture, image.path, file_system, self.offset, self.left_out).check()
+        compared = compare_used(capture, image.path, file_system, self.offset, self.excluded_files).check()
         with mounted(capture, file_system) as then, mounted(image.path, file_system, self.offset) as now:
             files = tree_hashes(then)
             if files != tree_hashes(now):

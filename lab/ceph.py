@@ -21,8 +21,8 @@ import tempfile
 import uuid
 
 from lab.commands import run
+from lab.resources import Resource
 from lab.services import Service, ServiceError, wait_until
-from lab.stay import Stay
 
 SECONDS = 60
 ADDRESS = "127.0.0.1"
@@ -61,7 +61,7 @@ mon_osd_min_down_reporters = 1
 """
 
 
-class Mortal(Service):
+class KillableService(Service):
     """A process that can be killed in the middle of its work."""
 
     def kill(self):
@@ -79,12 +79,12 @@ class Mortal(Service):
                                f"it printed:\n{self.output}")
 
 
-class Member(Mortal):
+class Member(KillableService):
     """A daemon of the cluster. It is ready when its admin socket answers; the other daemons may not know it
     by then. `stop` kills it, because its files are removed with the cluster anyway."""
 
     kind = None
-    stop = Mortal.kill
+    stop = KillableService.kill
 
     def __init__(self, cluster, number):
         super().__init__()
@@ -137,7 +137,7 @@ class Osd(Member):
         return counters["bluestore"]["bluestore_allocated"]
 
 
-class CephCluster(Stay):
+class CephCluster(Resource):
     """One monitor, and OSDs that each store all objects."""
 
     def __init__(self, osds=3):
@@ -151,20 +151,20 @@ class CephCluster(Stay):
     def configuration(self):
         return self.directory / "ceph.conf"
 
-    def open(self, lasting):
-        self.directory = pathlib.Path(lasting.enter_context(
+    def open(self, stack):
+        self.directory = pathlib.Path(stack.enter_context(
             tempfile.TemporaryDirectory(prefix="ceph-", dir="/run")))
         self.configuration.write_text(CONFIGURATION.format(
             fsid=self.fsid, monitor=MONITOR, address=ADDRESS, directory=self.directory, osd_bytes=OSD_BYTES,
             size=self._count, min_size=self._count // 2 + 1), encoding="ascii")
         monitor = Monitor(self, "a")
         monitor.make()
-        lasting.enter_context(monitor)
+        stack.enter_context(monitor)
         self.osds = [Osd(self, number) for number in range(self._count)]
         with concurrent.futures.ThreadPoolExecutor(self._count) as pool:
             list(pool.map(Osd.make, self.osds))
         for osd in self.osds:
-            lasting.enter_context(osd)
+            stack.enter_context(osd)
         self._await_up(*self.osds)
         self.ceph("osd", "pool", "create", POOL, GROUPS)
 
@@ -210,7 +210,7 @@ class CephCluster(Stay):
             yield
 
 
-class RbdExport(Mortal):
+class RbdExport(KillableService):
     """An NBD server for an image of a cluster, for any number of connections. Discarded blocks free their
     room, and a confirmed write is stored in the cluster. If the server is killed, the image stays locked for
     half a minute."""

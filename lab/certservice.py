@@ -24,7 +24,7 @@ import ssl
 import threading
 
 from lab.certificates import Authority, CertificateError
-from lab.stay import Stay
+from lab.resources import Resource
 
 HOST = "certificates.tolvu.example"
 PATH = "/certApi.php"
@@ -142,7 +142,7 @@ class Server(http.server.ThreadingHTTPServer):
         """Prints nothing: the client sees the error itself."""
 
 
-class CertificateService(Stay):
+class CertificateService(Resource):
     """The service, in a thread of this process."""
 
     def __init__(self, authority, *, identity=None, fault=None, host=HOST, address="127.0.0.1", port=PORT,
@@ -206,9 +206,9 @@ class CertificateService(Stay):
         self._thread.join(STOP_SECONDS)
         self._server.server_close()
 
-    def open(self, lasting):
+    def open(self, stack):
         self.start()
-        lasting.callback(self.stop)
+        stack.callback(self.stop)
 
 
 def store_device(authority, number, directory, name="device"):

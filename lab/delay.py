@@ -1,7 +1,7 @@
 """A delaying proxy in front of a server on this machine: adds half a round trip in each direction.
 
-    with LongWay(3260, round_trip=0.005) as way:
-        way.portal
+    with DelayProxy(3260, round_trip=0.005) as proxy:
+        proxy.portal
 
 It is a process of its own, with two threads for each direction of a connection. It carries more than 1 GB/s,
 and its threads add up to 0.3 ms to a round trip. Data in transit is limited to 16 MiB in each direction. The
@@ -24,7 +24,7 @@ PIECES = 64
 READY = "listening"
 
 
-class LongWay(Service):
+class DelayProxy(Service):
     """Listens on one port, and forwards to another. `round_trip` is in seconds."""
 
     def __init__(self, port, round_trip, listen=None):
@@ -41,7 +41,7 @@ class LongWay(Service):
         return READY in self.output
 
 
-class Lane:
+class DelayLine:
     """One direction of a connection. Its buffers are reused: a buffer is free again only when its data has
     been sent, so reading stops when all of them are full."""
 
@@ -92,7 +92,7 @@ def carry(near, port, delay):
     with contextlib.suppress(OSError), near, socket.create_connection((ADDRESS, port)) as far:
         for end in (near, far):
             end.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
-        for thread in Lane(near, far, delay).start() + Lane(far, near, delay).start():
+        for thread in DelayLine(near, far, delay).start() + DelayLine(far, near, delay).start():
             thread.join()
 
 

@@ -11,20 +11,19 @@ import os
 import pathlib
 import random
 import re
-import shlex
 import shutil
 import subprocess
 import sys
-import textwrap
 
 from lab.appliance_client import DEVICE, Appliance, NoAnswer, Unreachable
 from lab.backups import COW_MIB, Protection, size_of
 from lab.certificates import Authority, CertificateError
 from lab.certservice import HOST, CertificateService, store_device, trust
-from lab.daemon import BASE, CERTIFICATES, ROOT, Daemon, program, require_private_site
+from lab.daemon import BASE, CERTIFICATES, Daemon, program, require_private_site
+from lab.demo_output import PREFIX, SECONDS, StepFailed, appliance, check, run, show, show_command, show_table
 from lab.https_client import BASE_URL
 from lab.image_server import address_of
-from lab.images import ImageError, entry_of, fsck, looked_into, tree_hashes
+from lab.images import ImageError, entry_of, fsck, mounted_unreplayed, tree_hashes
 from lab.progress import megabytes, shown_progress
 from lab.services import ServiceError
 from lab.site import DATA, FILES, WINDOWS, Site
@@ -33,11 +32,8 @@ from lab.targets import Target
 from lab.volumes import Disk, Volume
 from lab.zephane import ZephaneServer
 
-WIDTH = 100
-SECONDS = 60
 LAB = pathlib.Path("/run/lab")
 STRANGER = 815
-PREFIX = "  | "
 LOG_DATE = re.compile(r"^\d{4}-\d\d-\d\d (?=\d\d:)", re.MULTILINE)
 VOLUMES = (DATA, FILES, WINDOWS)
 # The images are poisoned, which costs their full size unless their file system can share blocks, as XFS can.
@@ -46,59 +42,6 @@ FILES = 80
 LARGEST = 1 << 20
 HEAD_MIB = 10 # the checksum of an image covers this much of it
 TYPES = {"full": "FULL", "differential": "DIFFERENTIAL_MERGE", "incremental": "INCREMENTAL"}
-
-
-class StepFailed(Exception):
-    """A step didn't show what it should; the text says what it showed instead."""
-
-
-def check(condition, text):
-    if not condition:
-        raise StepFailed(text)
-
-
-def show(text):
-    for line in str(text).splitlines():
-        for piece in textwrap.wrap(line, WIDTH - len(PREFIX), subsequent_indent=" " * 8,
-                                   break_on_hyphens=False):
-            print(PREFIX + piece, flush=True)
-
-
-def show_command(words):
-    """Prints a command as one would type it. A long command is broken between options, and each option keeps
-    its value."""
-    line = "  $"
-    for part in re.findall(r"-\S+ [^-]\S*|\S+", shlex.join(map(str, words))):
-        if len(line) + len(part) > WIDTH - 3:
-            print(line + " \\")
-            line = "       "
-        line += " " + part
-    print(line, flush=True)
-
-
-def show_table(rows, prefix=PREFIX, numbers=()):
-    """Prints rows of texts as a table; the columns in `numbers` are right-aligned."""
-    widths = [max(map(len, column)) for column in zip(*rows)]
-    for row in rows:
-        cells = (cell.rjust(width) if column in numbers else cell.ljust(width)
-                 for column, (cell, width) in enumerate(zip(row, widths)))
-        print(prefix + "  ".join(cells).rstrip(), flush=True)
-
-
-def run(*command):
-    """Shows a command and runs it; returns its output, of both streams, and its exit status."""
-    show_command(command)
-    done = subprocess.run([ROOT / command[0] if "/" in command[0] else command[0], *command[1:]],
-                          stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, check=False,
-                          timeout=SECONDS)
-    return done.stdout, done.returncode
-
-
-def appliance(*arguments, status=0):
-    """Runs lab/appliance; returns what it printed."""
-    text, found = run("lab/appliance", *arguments)
-    check(found == status, f"exit status {found}, not {status}: {text}")
-    return text
 
 
 @dataclasses.dataclass(frozen=True)
@@ -123,10 +66,10 @@ class Result:
 class Tour:
     """The state that the steps share."""
 
-    def __init__(self, lasting):
-        self.lasting = lasting # undone when the tour is over
+    def __init__(self, stack):
+        self.stack = stack # undone when the tour is over
         self.daemon = Daemon(foreground=False)
-        self.lasting.callback(self.daemon.discard)
+        self.stack.callback(self.daemon.discard)
         self.site = None
         self.target = None
         self.protection = None
@@ -140,11 +83,11 @@ def set_up_site(tour):
     for number, name in ((DEVICE, "device"), (STRANGER, "stranger")):
         store_device(authority, number, LAB, name)
     trust(authority)
-    tour.lasting.enter_context(CertificateService(authority))
-    tour.site = tour.lasting.enter_context(Site(VOLUMES))
-    tour.lasting.callback(drop_snapshots) # otherwise they would keep the site busy after a failed step
-    tour.lasting.enter_context(Disk([IMAGES], token="images"))
-    tour.target = tour.lasting.enter_context(Target(directory=IMAGES.mount_point))
+    tour.stack.enter_context(CertificateService(authority))
+    tour.site = tour.stack.enter_context(Site(VOLUMES))
+    tour.stack.callback(drop_snapshots) # otherwise they would keep the site busy after a failed step
+    tour.stack.enter_context(Disk([IMAGES], token="images"))
+    tour.target = tour.stack.enter_context(Target(directory=IMAGES.mount_point))
     show(f"services: system bus, login manager, udev, udisks2, {HOST}")
     show(f"iSCSI target: tgtd at {tour.target.portal}, {tour.target.name}")
     for partition in tour.site.disk:
@@ -222,8 +165,8 @@ def set_option(tour):
 
 def back_up_all(tour):
     """FULL: copy all that is in use, into images that are no file systems yet"""
-    client = tour.lasting.enter_context(Appliance(certificate=LAB / "device.pem", key=LAB / "device.key",
-                                                  authority=CERTIFICATES / "ca.crt"))
+    client = tour.stack.enter_context(Appliance(certificate=LAB / "device.pem", key=LAB / "device.key",
+                                                authority=CERTIFICATES / "ca.crt"))
     tour.protection = Protection(client, tour.daemon, tour.target, tour.site.disk)
     back_up(tour, "full", dict.fromkeys(tour.protection.partitions, "full"))
 
@@ -334,7 +277,7 @@ def seconds_of_copy(log, uuid):
 
 def back_up_elsewhere(tour):
     """FULL over the second transport, whose images have a secret each"""
-    server = tour.lasting.enter_context(ZephaneServer(directory=IMAGES.mount_point))
+    server = tour.stack.enter_context(ZephaneServer(directory=IMAGES.mount_point))
     show(f"server: zephaned at {server.portal}, with an nbdkit for each image")
     tour.first = tour.protection
     tour.protection = Protection(tour.protection.appliance, tour.daemon, server, [tour.site.disk["data"]])
@@ -369,11 +312,11 @@ def bring_back_volume(tour):
     partition = tour.site.disk["files"]
     address, secret = address_of(tour.first.images["files"])
     volume = Volume("fresh", mebibytes=partition.volume.mebibytes)
-    fresh = tour.lasting.enter_context(Disk([volume], token="fresh", directory=IMAGES.mount_point))["fresh"]
+    fresh = tour.stack.enter_context(Disk([volume], token="fresh", directory=IMAGES.mount_point))["fresh"]
     restore(secret, "check", address)
     restore(secret, "write", address, fresh.device)
     fsck(fresh.device, "xfs")
-    with looked_into(fresh.device, "xfs") as root:
+    with mounted_unreplayed(fresh.device, "xfs") as root:
         found, expected = tree_hashes(root), tree_hashes(partition.volume.mount_point)
     check(found == expected, "some files aren't what they were")
     show(f"{fresh.device}: the checker finds no error, and all {len(found)} files are those of "
@@ -427,8 +370,8 @@ def main():
     for directory in (LAB, BASE):
         shutil.rmtree(directory, ignore_errors=True)
     print("bekd on a site of its own: $ is what one would type, | what comes of it")
-    with contextlib.ExitStack() as lasting:
-        tour = Tour(lasting)
+    with contextlib.ExitStack() as stack:
+        tour = Tour(stack)
         succeeded = run_steps(tour)
     show_results(tour.results, succeeded)
     return 0 if succeeded else 1

@@ -36,7 +36,7 @@ def show_driver():
     """Makes the driver visible to the agent again."""
     if LOCK.is_dir():
         LOCK.rmdir()
-    take_a_turn()
+    refresh_status()
 
 
 def show_status(devices):
@@ -72,7 +72,7 @@ def nodes():
     return sorted(path.name for path in pathlib.Path("/dev").iterdir() if "tolvu" in path.name)
 
 
-def take_a_turn():
+def refresh_status():
     """Makes the driver write its status anew."""
     run(program("tolvuctl"), "cleanup")
 
@@ -80,7 +80,7 @@ def take_a_turn():
 def restart():
     """Simulates a restart of the machine after which no reload script gives a device back to the driver."""
     end_session()
-    take_a_turn()
+    refresh_status()
 
 
 def forget_devices():

@@ -25,7 +25,7 @@ def truth(volume):
     return Truth(number(text, "Block count"), number(text, "Block size"), free)
 
 
-def sleeping(volume):
+def unknown_to_driver(volume):
     """The extents of the structures in block groups that were never used, and of what lies before the first
     group."""
     text = run("dumpe2fs", volume)
@@ -41,7 +41,7 @@ def sleeping(volume):
     return sorted(found)
 
 
-def doubtful(_volume):
+def may_be_reported_used(_volume):
     return set()
 
 
@@ -77,14 +77,14 @@ KIND = Kind(
     mebibytes=64,
     mount=mounts.mounted,
     can_freeze=True,
-    look="ro,noload",
-    write="rw",
-    calm="noinit_itable", # on a new volume the kernel initializes inode tables when it is idle
+    read_only_options="ro,noload",
+    writable_options="rw",
+    quiet_options="noinit_itable", # on a new volume the kernel initializes inode tables when it is idle
     check=("e2fsck", "-fn"),
     needs_replay=False,
     truth=truth,
-    sleeping=sleeping,
-    doubtful=doubtful,
+    unknown_to_driver=unknown_to_driver,
+    may_be_reported_used=may_be_reported_used,
     structures=structures,
     usual=USUAL,
     samples=(

@@ -86,11 +86,11 @@ def truth_by(oracle, volume):
     return Truth(geometry.blocks, geometry.cluster, free)
 
 
-def sleeping(_volume):
+def unknown_to_driver(_volume):
     return []
 
 
-def doubtful(volume):
+def may_be_reported_used(volume):
     """The last block, if the FAT has no entry for the cluster that would begin in it."""
     geometry = Geometry.of(volume)
     entries = geometry.fat_size // ENTRY
@@ -128,14 +128,14 @@ KIND = Kind(
     mebibytes=90, # with fewer clusters than 65,525 some tools take it for FAT16
     mount=mounted,
     can_freeze=False, # FIFREEZE doesn't work on FUSE file systems
-    look="ro",
-    write="rw+",
-    calm="rw+",
+    read_only_options="ro",
+    writable_options="rw+",
+    quiet_options="rw+",
     check=("fsck.fat", "-n"),
     needs_replay=True, # a mounted volume is marked dirty until it is unmounted
     truth=truth,
-    sleeping=sleeping,
-    doubtful=doubtful,
+    unknown_to_driver=unknown_to_driver,
+    may_be_reported_used=may_be_reported_used,
     structures=structures,
     usual=USUAL,
     samples=(

@@ -67,11 +67,11 @@ def truth(volume):
     return found
 
 
-def sleeping(_volume):
+def unknown_to_driver(_volume):
     return []
 
 
-def doubtful(_volume):
+def may_be_reported_used(_volume):
     return set()
 
 
@@ -99,14 +99,14 @@ KIND = Kind(
     mebibytes=32,
     mount=None,
     can_freeze=False,
-    look=None,
-    write=None,
-    calm=None,
+    read_only_options=None,
+    writable_options=None,
+    quiet_options=None,
     check=("fsstat", "-f", "hfs"),
     needs_replay=False,
     truth=truth,
-    sleeping=sleeping,
-    doubtful=doubtful,
+    unknown_to_driver=unknown_to_driver,
+    may_be_reported_used=may_be_reported_used,
     structures=None,
     usual=None,
     samples=(

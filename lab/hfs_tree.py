@@ -28,7 +28,7 @@ class Tree:
         self._attributes = attributes
         self._compare = compare
         self._stale = stale
-        self._most = most_for(len(records), depth)
+        self._most = max_records_per_node(len(records), depth)
         self._made = [b""]
         self._levels = []
 
@@ -82,7 +82,7 @@ class Tree:
         return self._node(HEADER, [header, bytes(USER_RECORD), bytes(bitmap)])
 
 
-def most_for(records, depth):
+def max_records_per_node(records, depth):
     """The maximum number of records per node that gives a tree of `depth` levels."""
     if depth is None:
         return NODE_SIZE

@@ -3,7 +3,7 @@ fail.
 
     with SomeServer() as server:
         image = server.add_image("data", 1 << 30)
-        image.path, image.place()
+        image.path, image.request_keys()
         before = image.writes()
         ...
         (image.writes() - before).commands
@@ -46,7 +46,7 @@ def is_stopped(thread):
 
 class ImageServer(Service):
     """One process that serves the images below `directory`; on XFS the poison costs no room. An image has a
-    `path` and `writes()`; `place()` returns the keys that name it in a backup request."""
+    `path` and `writes()`; `request_keys()` returns the keys that name it in a backup request."""
 
     interface = None # the name of the transport in a backup request
 
@@ -61,13 +61,13 @@ class ImageServer(Service):
     def portal(self):
         return f"{ADDRESS}:{self.port}"
 
-    def open(self, lasting):
-        self.directory = self.make_directory(lasting, "images-", self._parent)
+    def open(self, stack):
+        self.directory = self.make_directory(stack, "images-", self._parent)
 
     @staticmethod
-    def make_directory(lasting, prefix, parent):
+    def make_directory(stack, prefix, parent):
         """Makes a temporary directory that is removed with the server."""
-        return pathlib.Path(lasting.enter_context(tempfile.TemporaryDirectory(prefix=prefix, dir=parent)))
+        return pathlib.Path(stack.enter_context(tempfile.TemporaryDirectory(prefix=prefix, dir=parent)))
 
     def add_image(self, name, size, *, poisoned=True, **options):
         """Adds an image of `size` bytes. Its file is full of poison, and lasts until the server ends. If
@@ -94,7 +94,7 @@ class ImageServer(Service):
         """The number of sessions that are being served."""
         raise NotImplementedError
 
-    def settle_accounts(self):
+    def save_write_counters(self):
         """Saves the counters of the images that would be lost when the server process is killed."""
 
     def writes(self):
@@ -133,7 +133,7 @@ class ImageServer(Service):
         if self._process is None:
             return
         if self._halt():
-            self.settle_accounts()
+            self.save_write_counters()
         self._process.kill()
         self._process.wait(SECONDS)
         self._process = None
@@ -147,9 +147,9 @@ class ImageServer(Service):
 
 def address_of(image):
     """(address, secret) of an image, in the form that bek-restore takes."""
-    place = image.place()
-    secret = place["password"]
-    if "username" not in place:
-        return f"zephane://{place['target']}/{place['name']}/{place['lun']}", secret
-    user = f"{place['username']}@" if place["username"] else ""
-    return f"iscsi://{user}{place['target']}/{place['name']}/{place['lun']}", secret
+    keys = image.request_keys()
+    secret = keys["password"]
+    if "username" not in keys:
+        return f"zephane://{keys['target']}/{keys['name']}/{keys['lun']}", secret
+    user = f"{keys['username']}@" if keys["username"] else ""
+    return f"iscsi://{user}{keys['target']}/{keys['name']}/{keys['lun']}", secret

@@ -41,19 +41,19 @@ def mounted_somewhere(device, file_system, options):
         yield tree
 
 
-def looked_into(device, file_system):
+def mounted_unreplayed(device, file_system):
     """Mounts the volume of a device without replaying a journal: its content must be right as it is."""
-    return mounted_somewhere(device, file_system, kind_of(file_system).look)
+    return mounted_somewhere(device, file_system, kind_of(file_system).read_only_options)
 
 
 @contextlib.contextmanager
 def mounted(image, file_system, offset=0):
     """Mounts the volume in the image, as it is; yields the root directory."""
-    with shown(image, offset) as device, looked_into(device, file_system) as root:
+    with read_only_device(image, offset) as device, mounted_unreplayed(device, file_system) as root:
         yield root
 
 
-def shown(image, offset):
+def read_only_device(image, offset):
     """A read-only loop device for the image."""
     return attached(image, "--read-only", "--offset", str(offset))
 
@@ -61,7 +61,8 @@ def shown(image, offset):
 def fsck(image, file_system, offset=0):
     """Checks the image with the file system's own tool; raises ImageError with the tool's output."""
     kind = kind_of(file_system)
-    with replayed(image, file_system, offset) if kind.needs_replay else shown(image, offset) as device:
+    with (replayed(image, file_system, offset) if kind.needs_replay
+          else read_only_device(image, offset)) as device:
         check(*kind.check, device)
 
 
@@ -72,7 +73,7 @@ def replayed(image, file_system, offset=0):
         run("cp", "--reflink=auto", image, copy.name)
         with attached(copy.name, "--offset", str(offset)) as device:
             try:
-                with mounted_somewhere(device, file_system, kind_of(file_system).write):
+                with mounted_somewhere(device, file_system, kind_of(file_system).writable_options):
                     pass
             except OSError as error:
                 raise ImageError(f"{image}: {error}") from error
@@ -153,10 +154,10 @@ def compare_used(volume, image, file_system, offset=0, excluded=OWN_FILES):
     """Compares every block that is used according to the file system of the volume, or of its snapshot. Skips
     the blocks of the files in `excluded`, which are paths from the root."""
     truth = truth_of(volume, file_system)
-    left_out = extents_of_files(volume, file_system, excluded) if excluded else []
+    excluded_extents = extents_of_files(volume, file_system, excluded) if excluded else []
     comparison = Comparison(truth.block_size)
     with open(volume, "rb", buffering=0) as source, open(image, "rb", buffering=0) as target:
-        for at, length in pieces(without(truth.used_extents(), left_out)):
+        for at, length in pieces(without(truth.used_extents(), excluded_extents)):
             expected = os.pread(source.fileno(), length, at)
             if len(expected) != length:
                 raise OSError(f"{volume} ends at {at + len(expected)}, within a used block")
@@ -164,9 +165,9 @@ def compare_used(volume, image, file_system, offset=0, excluded=OWN_FILES):
     return comparison
 
 
-def without(extents, left_out):
-    """The extents, in order, without the parts that are in `left_out`."""
-    holes = sorted(left_out)
+def without(extents, excluded):
+    """The extents, in order, without the parts that are in `excluded`."""
+    holes = sorted(excluded)
     for begin, length in extents:
         end = begin + length
         while holes and sum(holes[0]) <= begin:
@@ -208,7 +209,7 @@ def tree_of(volume, file_system):
     if found.returncode == 0:
         return contextlib.nullcontext(pathlib.Path(unescape(found.stdout.strip())))
     if pathlib.Path(volume).is_block_device():
-        return looked_into(volume, file_system)
+        return mounted_unreplayed(volume, file_system)
     return mounted(volume, file_system)
 
 

@@ -71,7 +71,7 @@ class Image:
         self.lun = lun
         self.path = path
 
-    def place(self):
+    def request_keys(self):
         """The keys that name the image in a backup request."""
         return {"target": self._target.portal, "name": self._target.name, "lun": self.lun}
 
@@ -94,10 +94,10 @@ class Istgt(ImageServer):
     def command(self):
         return ("istgt", "-D", "-c", str(self._configuration))
 
-    def open(self, lasting):
-        super().open(lasting)
-        self._run = self.make_directory(lasting, "istgt-", "/run")
-        lasting.callback(self.kill)
+    def open(self, stack):
+        super().open(stack)
+        self._run = self.make_directory(stack, "istgt-", "/run")
+        stack.callback(self.kill)
         self.start()
 
     def prepare(self):

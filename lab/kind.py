@@ -50,31 +50,37 @@ class Seed:
 class Kind(Format):
     """The file systems whose used blocks one parser of the agent reads.
 
-    name          the name of the parser, which is that of its folder
-    mebibytes     the size of a small volume
-    can_freeze    whether a mounted volume can be frozen
-    look          mount options that show a copy as it is: nothing is written, no journal is replayed
-    write         mount options that make a copy writable while its volume is mounted too
-    calm          mount options with which the kernel writes nothing in the background
-    check         the command that checks a device without changing it
-    needs_replay  whether that command reports errors if the journal of a frozen volume wasn't replayed
-    truth         truth(volume) is the Truth of a device or an image, by the file system's own tool
-    sleeping      sleeping(volume) is the part of it that the snapshot driver doesn't know to be in use: a
-                  list of (offset, length) in bytes
-    doubtful      doubtful(volume) is the numbers of the free blocks that the agent may report as used
-    structures    structures(device, root) is where some structures lie that a mounted volume can't do
-                  without: {offset: a pattern of the error that appears when the structure is missing}
-    usual         the samples for images like those of backups
-    samples       Samples
-    regions       regions(image) is all that the parser may read of an image: (offset, length) in bytes
-    seeds         Seeds
-    is_plain      whether files have only an ASCII name and content: no owners, links or holes; they are never
-                  truncated
-    extents       extents(device, root, name) is where a file of a mounted volume lies: (offset, length) in
-                  bytes. None if the kernel can report that
-    goes_on       whether a map may extend beyond the last block of the file system, to the end of a piece
-    tells_extents whether the extents of a file can be queried; if not, a backup also copies the files that
-                  nobody needs, those of the driver and the agent
+    name                     the name of the parser, which is that of its folder
+    mebibytes                the size of a small volume
+    can_freeze               whether a mounted volume can be frozen
+    read_only_options        mount options that show a copy as it is: nothing is written, no journal is
+                             replayed
+    writable_options         mount options that make a copy writable while its volume is mounted too
+    quiet_options            mount options with which the kernel writes nothing in the background
+    check                    the command that checks a device without changing it
+    needs_replay             whether that command reports errors if the journal of a frozen volume wasn't
+                             replayed
+    truth                    truth(volume) is the Truth of a device or an image, by the file system's own tool
+    unknown_to_driver        unknown_to_driver(volume) is the part of it that the snapshot driver doesn't know
+                             to be in use: a list of (offset, length) in bytes
+    may_be_reported_used     may_be_reported_used(volume) is the numbers of the free blocks that the agent may
+                             report as used
+    structures               structures(device, root) is where some structures lie that a mounted volume can't
+                             do without: {offset: a pattern of the error that appears when the structure is
+                             missing}
+    usual                    the samples for images like those of backups
+    samples                  Samples
+    regions                  regions(image) is all that the parser may read of an image: (offset, length) in
+                             bytes
+    seeds                    Seeds
+    is_plain                 whether files have only an ASCII name and content: no owners, links or holes;
+                             they are never truncated
+    extents                  extents(device, root, name) is where a file of a mounted volume lies: (offset,
+                             length) in bytes. None if the kernel can report that
+    map_exceeds_file_system  whether a map may extend beyond the last block of the file system, to the end of
+                             a piece
+    has_file_extents         whether the extents of a file can be queried; if not, a backup also copies the
+                             files that nobody needs, those of the driver and the agent
 
     The members in ONLY_MOUNTED are None if no file system of the kind can be mounted.
     """
@@ -82,14 +88,14 @@ class Kind(Format):
     name: str
     mebibytes: int
     can_freeze: bool
-    look: str | None
-    write: str | None
-    calm: str | None
+    read_only_options: str | None
+    writable_options: str | None
+    quiet_options: str | None
     check: tuple
     needs_replay: bool
     truth: Callable
-    sleeping: Callable
-    doubtful: Callable
+    unknown_to_driver: Callable
+    may_be_reported_used: Callable
     structures: Callable | None
     usual: tuple | None
     samples: tuple
@@ -97,8 +103,8 @@ class Kind(Format):
     seeds: tuple
     is_plain: bool = False
     extents: Callable | None = None
-    goes_on: bool = False
-    tells_extents: bool = True
+    map_exceeds_file_system: bool = False
+    has_file_extents: bool = True
 
 
-ONLY_MOUNTED = ("look", "write", "calm", "structures", "usual")
+ONLY_MOUNTED = ("read_only_options", "writable_options", "quiet_options", "structures", "usual")

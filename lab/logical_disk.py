@@ -27,13 +27,13 @@ class LogicalDisk(Disk):
     def __init__(self, volumes, *arguments):
         super().__init__([in_whole_units(volume) for volume in volumes], *arguments)
 
-    def open_medium(self, lasting):
+    def open_medium(self, stack):
         """Does nothing: the volume group belongs to the machine."""
 
-    def device_of(self, lasting, number, volume):
+    def device_of(self, stack, number, volume):
         run("lvcreate", "--yes", "--wipesignatures", "y", "--name", volume.name,
             "--size", f"{math.ceil(volume.mebibytes) + LAYERS_MEBIBYTES}m", GROUP)
-        lasting.callback(run, "lvremove", "--yes", f"{GROUP}/{volume.name}")
+        stack.callback(run, "lvremove", "--yes", f"{GROUP}/{volume.name}")
         return str(pathlib.Path("/dev", GROUP, volume.name).resolve())
 
 

@@ -10,8 +10,8 @@ import pathlib
 import subprocess
 
 from lab.commands import run
+from lab.resources import Resource
 from lab.services import wait_until
-from lab.stay import Stay
 
 SECONDS = 60
 EXTENT = 1 << 20
@@ -22,7 +22,7 @@ def spare_disks():
     return [pathlib.Path(disk) for disk in os.environ.get("MACHINE_DISKS", "").split()]
 
 
-class VolumeGroup(Stay):
+class VolumeGroup(Resource):
     """A volume group of all spare disks but the last. That one is `spare`, for data that must be outside of
     the group."""
 
@@ -31,9 +31,9 @@ class VolumeGroup(Stay):
         self.name = name
         *self.physical, self.spare = spare_disks()
 
-    def open(self, lasting):
+    def open(self, stack):
         clear([*self.physical, self.spare])
-        lasting.callback(clear, [*self.physical, self.spare])
+        stack.callback(clear, [*self.physical, self.spare])
         run("vgcreate", "--quiet", "-y", "--physicalextentsize", f"{EXTENT}b", self.name, *self.physical)
 
     def create(self, name, mebibytes, *options):

@@ -57,11 +57,11 @@ def number(text, name):
     return int(re.search(rf"^\s*{name}: (\d+)", text, re.MULTILINE)[1])
 
 
-def sleeping(_volume):
+def unknown_to_driver(_volume):
     return []
 
 
-def doubtful(_volume):
+def may_be_reported_used(_volume):
     return set()
 
 
@@ -102,14 +102,14 @@ KIND = Kind(
     mebibytes=64,
     mount=mounted,
     can_freeze=False, # FIFREEZE is not for file systems in user space
-    look="ro",
-    write="rw",
-    calm="noatime",
+    read_only_options="ro",
+    writable_options="rw",
+    quiet_options="noatime",
     check=("ntfsresize", "--info", "--force", "--no-progress-bar"),
     needs_replay=False,
     truth=truth,
-    sleeping=sleeping,
-    doubtful=doubtful,
+    unknown_to_driver=unknown_to_driver,
+    may_be_reported_used=may_be_reported_used,
     structures=structures,
     usual=USUAL,
     samples=(
@@ -134,6 +134,6 @@ KIND = Kind(
                     functools.partial(scatter, number=MFT, count=9))),
         Seed("ntfs_listed", "ntfs", 20, steps=(functools.partial(list_attributes, number=BITMAP),)),
     ),
-    goes_on=True, # the map has whole clusters
-    tells_extents=False,
+    map_exceeds_file_system=True, # the map has whole clusters
+    has_file_extents=False,
 )

@@ -14,8 +14,8 @@ from lab.appliance_client import DEVICE, Appliance
 from lab.backups import size_of
 from lab.certservice import HOST
 from lab.daemon import BASE, CERTIFICATES, ROOT, Daemon, program
+from lab.resources import Resource
 from lab.services import Service
-from lab.stay import Stay
 from lab.targets import Target
 
 LAB = pathlib.Path("/run/lab")
@@ -64,7 +64,7 @@ def make_loop_nodes():
             os.mknod(node, 0o600 | stat.S_IFBLK, os.makedev(LOOP_MAJOR, number << shift))
 
 
-class Paired(Stay):
+class Paired(Resource):
     """Certificates, target and agent. Each mounted volume has an image, which is sparse at first: zeros are
     the clearest for people, and cost no memory."""
 
@@ -74,16 +74,16 @@ class Paired(Stay):
         self.target = Target()
         self.daemon = Daemon(foreground=False)
 
-    def open(self, lasting):
+    def open(self, stack):
         make_loop_nodes()
-        lasting.enter_context(CertificateProgram())
-        lasting.enter_context(self.target)
+        stack.enter_context(CertificateProgram())
+        stack.enter_context(self.target)
         for partition in self._site.disk:
             if partition.volume.mount_point:
                 self.target.add_image(partition.name, size_of(partition), poisoned=False)
         IMAGES.symlink_to(self.target.directory)
-        lasting.callback(IMAGES.unlink)
-        lasting.enter_context(self.daemon).wait_until_ready()
+        stack.callback(IMAGES.unlink)
+        stack.enter_context(self.daemon).wait_until_ready()
         self._pair()
 
     @staticmethod

@@ -33,7 +33,7 @@ def shown_progress(stream=None, *, names=None, prefix=""):
     columns = (TextColumn("{task.description}", markup=False,
                           table_column=Column(max_width=NAME_WIDTH, no_wrap=True, overflow="ellipsis")),
                TextColumn("{task.fields[type]}", table_column=Column(no_wrap=True)),
-               BarColumn(bar_width=BAR_WIDTH), Sizes(), Speed(), Rest())
+               BarColumn(bar_width=BAR_WIDTH), Sizes(), Speed(), TimeLeft())
     with Progress(*columns, console=Console(file=stream)) as bars:
         yield Bars(bars, names or {}, prefix).show
 
@@ -73,14 +73,14 @@ def speed_of(task):
     return task.finished_speed or task.speed or (task.completed / seconds if seconds else None)
 
 
-class Figures(ProgressColumn):
+class NumberColumn(ProgressColumn):
     """A column of numbers: right-aligned, and in one line."""
 
     def get_table_column(self):
         return Column(justify="right", no_wrap=True)
 
 
-class Sizes(Figures):
+class Sizes(NumberColumn):
     """The bytes transferred and the total, in whole megabytes from 1 GB on."""
 
     def render(self, task):
@@ -89,13 +89,13 @@ class Sizes(Figures):
         return Text(f"{task.completed / 1e6:,.{digits}f}{total} MB")
 
 
-class Speed(Figures):
+class Speed(NumberColumn):
     def render(self, task):
         speed = speed_of(task)
         return Text(f"{speed / 1e6:,.1f} MB/s" if speed else "")
 
 
-class Rest(Figures):
+class TimeLeft(NumberColumn):
     """The time left while the backup is active, else its state."""
 
     def render(self, task):

@@ -25,9 +25,9 @@ class RbdServer(ZephaneServer):
         self._cluster = cluster
         self._made = None
 
-    def open(self, lasting):
-        self._made = lasting.enter_context(contextlib.ExitStack())
-        super().open(lasting)
+    def open(self, stack):
+        self._made = stack.enter_context(contextlib.ExitStack())
+        super().open(stack)
 
     def serve(self, path):
         self._cluster.create_image(path.name, path.stat().st_size)

@@ -16,7 +16,7 @@ import subprocess
 import tempfile
 import time
 
-from lab.stay import Stay
+from lab.resources import Resource
 
 READY_SECONDS = 20
 STOP_SECONDS = 10
@@ -39,7 +39,7 @@ def wait_until(condition, seconds, what):
         time.sleep(0.02)
 
 
-class Service(Stay):
+class Service(Resource):
     """One process that the lab starts. Subclasses define the command, and when it is ready."""
 
     command = ()
@@ -104,9 +104,9 @@ class Service(Stay):
         finally:
             self._log.close()
 
-    def open(self, lasting):
+    def open(self, stack):
         self.start()
-        lasting.callback(self.stop)
+        stack.callback(self.stop)
 
 
 def has_owner(name):

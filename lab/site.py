@@ -15,8 +15,8 @@ from lab.daemon import require_private_site
 from lab.logical_disk import are_volumes_logical, disk_of
 from lab.mounts import mounted
 from lab.paired import Paired
+from lab.resources import Resource
 from lab.services import LoginManager, SystemBus, UdevDaemon, Udisks
-from lab.stay import Stay
 from lab.volumes import Volume
 
 MOUNTS = pathlib.Path("/mnt")
@@ -40,7 +40,7 @@ VOLUMES = (
 )
 
 
-class Site(Stay):
+class Site(Resource):
     """System bus, login manager, udev, udisks and one disk. `token` is part of names that the whole machine
     can see; the disk's image is in `directory`."""
 
@@ -50,12 +50,12 @@ class Site(Stay):
         self.udisks = Udisks()
         self.disk = disk_of(volumes, token, directory)
 
-    def open(self, lasting):
+    def open(self, stack):
         require_private_site()
         # The tmpfs hides what the machine has there, and takes all changes.
-        lasting.enter_context(mounted("tmpfs", MOUNTS, "mode=755", "tmpfs"))
+        stack.enter_context(mounted("tmpfs", MOUNTS, "mode=755", "tmpfs"))
         for part in self._parts():
-            lasting.enter_context(part)
+            stack.enter_context(part)
 
     def _parts(self):
         """The parts of the site. If volumes are logical, this runs in a machine of the lab, which has its own
@@ -84,10 +84,10 @@ def hold(token, *extras):
     """Keeps a site up, as the first process of its namespaces, until it is killed. That is the only way to
     end it, and the kernel cleans up."""
     signal.signal(signal.SIGCHLD, lambda *_: None) # or the kernel discards SIGCHLD, and sigwait misses it
-    with Site(token=token) as site, contextlib.ExitStack() as lasting:
+    with Site(token=token) as site, contextlib.ExitStack() as stack:
         text = site.table()
         if PAIRED in extras:
-            text += lasting.enter_context(Paired(site)).description()
+            text += stack.enter_context(Paired(site)).description()
         TABLE.parent.mkdir(exist_ok=True)
         TABLE.write_text(text, encoding="utf-8")
         signal.pthread_sigmask(signal.SIG_BLOCK, {signal.SIGCHLD})

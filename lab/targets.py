@@ -33,7 +33,7 @@ class Image:
         self.threads = set()
         self._earlier = Writes()
 
-    def place(self):
+    def request_keys(self):
         """The keys that name the image in a backup request."""
         user, password = self._target.account
         return {"target": self._target.portal, "name": self._target.name, "lun": self.lun, "username": user,
@@ -47,7 +47,7 @@ class Image:
         are lost when the initiator logs out."""
         return sum((writes_of(thread) for thread in self._target.threads(self)), self._earlier)
 
-    def settle_accounts(self):
+    def save_write_counters(self):
         """Saves the counters, because the threads are about to end."""
         self._earlier = self.writes()
         self.threads = set()
@@ -77,10 +77,10 @@ class Target(ImageServer):
     def command(self):
         return ("env", f"TGT_IPC_SOCKET={self._control}", "tgtd", "-f", "--iscsi", f"portal={self.portal}")
 
-    def open(self, lasting):
-        super().open(lasting)
-        self._control = self.make_directory(lasting, "tgtd-", "/run") / "control"
-        lasting.callback(self.kill)
+    def open(self, stack):
+        super().open(stack)
+        self._control = self.make_directory(stack, "tgtd-", "/run") / "control"
+        stack.callback(self.kill)
         self.start()
 
     def prepare(self):
@@ -147,8 +147,8 @@ class Target(ImageServer):
         self.check_running()
         return image.threads
 
-    def settle_accounts(self):
+    def save_write_counters(self):
         for image in self.images:
-            image.settle_accounts()
+            image.save_write_counters()
 
     stop = ImageServer.kill # tgtd doesn't end by a signal while it has targets

@@ -65,7 +65,7 @@ def fill(directory):
     os.sync()
 
 
-def riddle(file, block_size, holes):
+def fragment_free_space(file, block_size, holes):
     """Frees every other block of a new file, so that each becomes a free extent of its own."""
     with open(file, "wb") as stream:
         os.posix_fallocate(stream.fileno(), 0, 2 * holes * block_size)
@@ -76,7 +76,7 @@ def riddle(file, block_size, holes):
     os.sync()
 
 
-def riddle_with_files(directory, size, holes):
+def fragment_with_files(directory, size, holes):
     """Does the same if no holes can be punched: deletes every other one of new files."""
     directory.mkdir()
     for number in range(2 * holes):

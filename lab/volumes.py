@@ -21,8 +21,8 @@ import tempfile
 from lab import filesystems
 from lab.commands import run
 from lab.loops import attach, backing_files, kept_open, make_node
+from lab.resources import Resource
 from lab.services import wait_until
-from lab.stay import Stay
 
 SECONDS = 60
 SECTORS = 2048 # in a mebibyte
@@ -103,7 +103,7 @@ class Partition:
         return f"UUID={self.uuid} {where} {self.volume.file_system} {self.volume.fstab} 0 0"
 
 
-class Disk(Stay):
+class Disk(Resource):
     """A disk with one partition for each volume. `token` is part of the image's name, which every namespace
     of the machine can see, and tells whose disk it is."""
 
@@ -122,38 +122,38 @@ class Disk(Stay):
     def __iter__(self):
         return iter(self._partitions.values())
 
-    def open(self, lasting):
-        self.open_medium(lasting)
+    def open(self, stack):
+        self.open_medium(stack)
         for number, volume in enumerate(self._volumes, 1):
-            partition = Partition(volume, self.device_of(lasting, number, volume))
+            partition = Partition(volume, self.device_of(stack, number, volume))
             partition.format()
             self._partitions[volume.name] = partition
         announce(*filter(None, [self.device]), *(partition.device for partition in self))
         for partition in self:
-            self._take_into_use(lasting, partition)
+            self._take_into_use(stack, partition)
 
-    def open_medium(self, lasting):
+    def open_medium(self, stack):
         """Makes the disk that the partitions are on."""
-        image = lasting.enter_context(tempfile.NamedTemporaryFile(
+        image = stack.enter_context(tempfile.NamedTemporaryFile(
             prefix=f"{IMAGE_PREFIX}{self._token}-", dir=self._directory))
-        self._attach(lasting, image.name)
+        self._attach(stack, image.name)
 
-    def device_of(self, lasting, number, _volume):
+    def device_of(self, stack, number, _volume):
         """The device of a volume; the first volume is number 1."""
         device = f"{self.device}p{number}"
         make_node(pathlib.Path(device).name)
-        lasting.callback(pathlib.Path(device).unlink, missing_ok=True)
+        stack.callback(pathlib.Path(device).unlink, missing_ok=True)
         return device
 
-    def _attach(self, lasting, image):
+    def _attach(self, stack, image):
         mebibytes = sum(math.ceil(volume.mebibytes) for volume in self._volumes)
         os.truncate(image, (mebibytes + TABLE_MEBIBYTES) << 20)
         run("sfdisk", "--quiet", image,
             input="\n".join([f"label: {self._scheme}",
                              *(f"size={int(volume.mebibytes * SECTORS)}" for volume in self._volumes)]))
         self.device = attach(image, "--partscan")
-        lasting.callback(self._await_detached, image)
-        user = lasting.enter_context(kept_open(self.device))
+        stack.callback(self._await_detached, image)
+        user = stack.enter_context(kept_open(self.device))
         # Without the lock, udev makes the kernel read the partition table again, which drops partitions it
         # can't read.
         fcntl.flock(user, fcntl.LOCK_SH)
@@ -164,11 +164,11 @@ class Disk(Stay):
         name = pathlib.Path(self.device).name
         wait_until(lambda: backing_files().get(name) != image, SECONDS, f"{self.device} detached")
 
-    def _take_into_use(self, lasting, partition):
+    def _take_into_use(self, stack, partition):
         if partition.volume.fstab:
-            lasting.enter_context(fstab_line(partition.fstab_line()))
+            stack.enter_context(fstab_line(partition.fstab_line()))
         if partition.volume.mount_point:
-            lasting.enter_context(
+            stack.enter_context(
                 partition.mounted(partition.volume.mount_point, partition.volume.options))
 
     def __exit__(self, *exception):

@@ -87,7 +87,7 @@ def reason_lines(appliance, identifier):
                    "compare address and port"]
 
 
-class Standstill:
+class UnchangedTimer:
     """Measures how long a status has been the same, apart from its elapsed time."""
 
     def __init__(self):
@@ -95,9 +95,9 @@ class Standstill:
         self._since = 0.0
 
     def seconds(self, status):
-        told = {key: value for key, value in status.items() if key != "elapsedTime"}
-        if told != self._last:
-            self._last, self._since = told, time.monotonic()
+        relevant = {key: value for key, value in status.items() if key != "elapsedTime"}
+        if relevant != self._last:
+            self._last, self._since = relevant, time.monotonic()
         return time.monotonic() - self._since
 
 
@@ -117,11 +117,11 @@ def ending_of(appliance, identifier, status, quiet):
 def watch(appliance, identifier, progress):
     """Polls the status until the backup has ended. The polling also keeps the backup alive: the agent gives a
     backup up if nobody has asked for its status for three minutes."""
-    standstill = Standstill()
+    unchanged = UnchangedTimer()
     while True:
         status = content_of(appliance.status(identifier))
         progress(status)
-        ending = ending_of(appliance, identifier, status, standstill.seconds(status))
+        ending = ending_of(appliance, identifier, status, unchanged.seconds(status))
         if ending is not None:
             break
         threading.Event().wait(POLL_SECONDS)

@@ -24,11 +24,11 @@ def truth(volume):
     return Truth(blocks, block_size, free)
 
 
-def sleeping(_volume):
+def unknown_to_driver(_volume):
     return []
 
 
-def doubtful(volume):
+def may_be_reported_used(volume):
     """The blocks that the sectors of the free lists name beyond the part that the agent reads."""
     ag_blocks = number(volume, "sb 0", "agblocks")
     return {group * ag_blocks + int(block) for group in range(number(volume, "sb 0", "agcount"))
@@ -92,14 +92,14 @@ KIND = Kind(
     mebibytes=SMALLEST,
     mount=mounts.mounted,
     can_freeze=True,
-    look="ro,nouuid,norecovery",
-    write="rw,nouuid",
-    calm="defaults",
+    read_only_options="ro,nouuid,norecovery",
+    writable_options="rw,nouuid",
+    quiet_options="defaults",
     check=("xfs_repair", "-n"),
     needs_replay=True, # a freeze leaves superblock counters only in the journal
     truth=truth,
-    sleeping=sleeping,
-    doubtful=doubtful,
+    unknown_to_driver=unknown_to_driver,
+    may_be_reported_used=may_be_reported_used,
     structures=structures,
     usual=USUAL,
     samples=(

@@ -42,7 +42,7 @@ class Image:
         self.secret = secrets.token_urlsafe(32)
         self.backend = backend
 
-    def place(self):
+    def request_keys(self):
         """The keys that name the image in a backup request."""
         return {"target": self._server.portal, "name": self.name, "lun": self.lun, "password": self.secret}
 
@@ -122,10 +122,10 @@ class ZephaneServer(ImageServer):
     def command(self):
         return (str(program("zephaned")), "--config", str(self.configuration))
 
-    def open(self, lasting):
-        super().open(lasting)
-        self._run = self.make_directory(lasting, "zephaned-", "/run")
-        lasting.callback(self.stop)
+    def open(self, stack):
+        super().open(stack)
+        self._run = self.make_directory(stack, "zephaned-", "/run")
+        stack.callback(self.stop)
         self.start()
 
     def prepare(self):

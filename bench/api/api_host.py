@@ -10,10 +10,10 @@ import statistics
 import subprocess
 import time
 
+from lab.agent_state import appliance_of, clean_agent_state
 from lab.appliance_client import DEVICE
 from lab.arguments import parser_of
 from lab.daemon import Daemon, require_private_site
-from lab.machine import appliance_of, new_machine
 from lab.site import Site
 from lab.volumes import Volume
 
@@ -52,10 +52,10 @@ def race_host(appliance, count):
 def main():
     parser_of(__doc__).parse_args()
     require_private_site()
-    with contextlib.ExitStack() as lasting:
-        authority = lasting.enter_context(new_machine(key_type="rsa"))
-        lasting.enter_context(Daemon(foreground=False)).wait_until_ready()
-        appliance = lasting.enter_context(appliance_of(authority))
+    with contextlib.ExitStack() as stack:
+        authority = stack.enter_context(clean_agent_state(key_type="rsa"))
+        stack.enter_context(Daemon(foreground=False)).wait_until_ready()
+        appliance = stack.enter_context(appliance_of(authority))
         assert appliance.pair(DEVICE).status == 200
         print(f"{'volumes':>8} {'GET /host ms':>12} {'busctl ms':>12} {'ratio':>12}", flush=True)
         for count in COUNTS:

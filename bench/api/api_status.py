@@ -216,10 +216,10 @@ def race_status(daemon, context, server_context, agent, device, authority):
     request = request_for(ended_backup(device, authority))
     polled = Client(context, PORT, request)
     body = polled.ask_freshly()
-    with contextlib.ExitStack() as lasting:
-        lasting.enter_context(KeptPeer(server_context, body))
-        lasting.enter_context(FreshPeer(agent, authority))
-        kept = [lasting.enter_context(contextlib.closing(Client(context, port, request).connect()))
+    with contextlib.ExitStack() as stack:
+        stack.enter_context(KeptPeer(server_context, body))
+        stack.enter_context(FreshPeer(agent, authority))
+        kept = [stack.enter_context(contextlib.closing(Client(context, port, request).connect()))
                 for port in (PORT, KEPT_PEER_PORT)]
         time_each(kept[0].ask, WARM_UP)
         before = usage(daemon.pid)
@@ -246,10 +246,10 @@ def main():
     parser_of(__doc__).parse_args()
     require_private_site()
     shutil.rmtree(BASE, ignore_errors=True)
-    with contextlib.ExitStack() as lasting:
-        lasting.callback(hide_driver)
+    with contextlib.ExitStack() as stack:
+        stack.callback(hide_driver)
         show_driver()
-        authority = Authority(lasting.enter_context(tempfile.TemporaryDirectory()), key_type="rsa")
+        authority = Authority(stack.enter_context(tempfile.TemporaryDirectory()), key_type="rsa")
         agent, device = authority.agent(), authority.device(DEVICE)
         install(agent, authority, CERTIFICATES)
         context = ssl.create_default_context(cafile=authority.certificate)
@@ -258,7 +258,7 @@ def main():
         server_context.load_cert_chain(agent.certificate, agent.key)
         server_context.verify_mode = ssl.CERT_REQUIRED
         print_starts(context)
-        daemon = lasting.enter_context(Daemon(foreground=False))
+        daemon = stack.enter_context(Daemon(foreground=False))
         daemon.wait_until_ready()
         race_status(daemon, context, server_context, agent, device, authority)
 

@@ -12,12 +12,12 @@ import os
 import resource
 import time
 
+from lab.agent_state import clean_agent_state
 from lab.appliance_client import DEVICE
 from lab.arguments import parser_of
 from lab.daemon import CONFIG, Daemon, require_private_site
 from lab.https_client import Client
-from lab.machine import new_machine
-from lab.strangers import MIB, PeakMemory, crowd, descriptor_limits, held_head, send_body
+from lab.load_clients import MIB, PeakMemory, descriptor_limits, idle_connections, send_body, stalled_request
 from lab.usage import descriptors
 
 OTHER = DEVICE + 1
@@ -44,7 +44,7 @@ def show(what, figure, bound=""):
 def show_heads(client, stranger):
     good = 0
     for _ in range(POSTS):
-        with held_head(stranger):
+        with stalled_request(stranger):
             good += answered(client, 1)
     show("appliance's POSTs answered while a stranger holds a head open", f"{good} of {POSTS}", f"of {POSTS}")
 
@@ -64,7 +64,7 @@ def show_broken_text(daemon, client):
 
 
 def show_crowd(daemon, client):
-    with crowd(client.address, IDLE):
+    with idle_connections(client.address, IDLE):
         good = answered(client, FEW_POSTS)
         used, (soft, _) = descriptors(daemon.pid), descriptor_limits(daemon.pid)
     show(f"descriptors with {IDLE} idle connections", used, f"{soft} allowed")
@@ -99,12 +99,12 @@ def main():
     parser_of(__doc__).parse_args()
     require_private_site()
     hard = resource.getrlimit(resource.RLIMIT_NOFILE)[1]
-    with contextlib.ExitStack() as lasting:
-        authority = lasting.enter_context(new_machine(own_key_type="rsa"))
+    with contextlib.ExitStack() as stack:
+        authority = stack.enter_context(clean_agent_state(own_key_type="rsa"))
         client, other, stranger = (Client(authority.certificate, identity) for identity in
                                    (authority.device(DEVICE), authority.device(OTHER), None))
         daemon = Daemon(preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_NOFILE, (1024, hard)))
-        lasting.callback(daemon.discard)
+        stack.callback(daemon.discard)
         daemon.start().wait_until_ready()
         client.request("POST", "/pair", b'{"deviceID": %d}' % DEVICE)
         show_config(client)

@@ -1,7 +1,7 @@
 """The distances to servers in the races: none, as in one room, and as in another town."""
 import contextlib
 
-from lab.delay import LongWay
+from lab.delay import DelayProxy
 from lab.image_server import ADDRESS
 
 ROUND_TRIPS = (0.0, 0.5, 5.0) # milliseconds
@@ -14,5 +14,5 @@ def portal_of(port, milliseconds):
     if milliseconds == 0:
         yield f"{ADDRESS}:{port}"
         return
-    with LongWay(port, milliseconds / 1000, listen=PORT) as way:
-        yield way.portal
+    with DelayProxy(port, milliseconds / 1000, listen=PORT) as proxy:
+        yield proxy.portal

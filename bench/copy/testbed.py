@@ -10,18 +10,18 @@ import tempfile
 import threading
 
 from bench.copy.process import processor_seconds
+from lab.agent_state import appliance_of, clean_agent_state
 from lab.appliance_client import DEVICE, volume
 from lab.commands import run
 from lab.daemon import Daemon
 from lab.driver import STORE
 from lab.filesystems import kind_of
 from lab.loops import attached
-from lab.machine import appliance_of, new_machine
 from lab.mounts import mounted
+from lab.resources import Resource
 from lab.services import wait_until
 from lab.site import Site
 from lab.snapshots import drop_snapshots
-from lab.stay import Stay
 from lab.targets import Target
 from lab.usage import status_number
 from lab.volumes import Volume
@@ -79,7 +79,7 @@ class Run:
         return sum(seconds for name, seconds in self.phases.items() if name.startswith("Copy Volume"))
 
 
-class Testbed(Stay):
+class Testbed(Resource):
     """Volumes, an image for each, and a paired daemon. Big files are stored below `directory`, and the images
     below `images`; the images are sparse unless they are `poisoned`."""
 
@@ -93,17 +93,17 @@ class Testbed(Stay):
         self._poisoned = poisoned
         self._pause = threading.Event()
 
-    def open(self, lasting):
-        self.place = pathlib.Path(lasting.enter_context(
+    def open(self, stack):
+        self.place = pathlib.Path(stack.enter_context(
             tempfile.TemporaryDirectory(prefix="copy-", dir=self._directory)))
         (self.place / "store").mkdir()
-        lasting.enter_context(mounted(self.place / "store", STORE, "bind", "none"))
-        self._make_volumes(lasting)
-        self.target = lasting.enter_context(Target(directory=self._image_directory or self.place))
+        stack.enter_context(mounted(self.place / "store", STORE, "bind", "none"))
+        self._make_volumes(stack)
+        self.target = stack.enter_context(Target(directory=self._image_directory or self.place))
         self.images = [self.target.add_image(name, self.size, poisoned=self._poisoned)
                        for name in self._names]
-        lasting.callback(drop_snapshots) # also those of a backup that has been killed
-        self._start_daemon(lasting)
+        stack.callback(drop_snapshots) # also those of a backup that has been killed
+        self._start_daemon(stack)
 
     def use(self, target, image):
         """Sends later backups to this target and image."""
@@ -123,19 +123,19 @@ class Testbed(Stay):
     def roots(self):
         return [pathlib.Path(partition.volume.mount_point) for partition in self.partitions]
 
-    def _make_volumes(self, lasting):
+    def _make_volumes(self, stack):
         volumes = [Volume(name, self._file_system, self.size >> 20, mount_point=f"/mnt/{name}",
-                          options=kind_of(self._file_system).calm) for name in self._names]
-        site = lasting.enter_context(Site(volumes, token=f"copy{os.getpid()}", directory=self.place))
+                          options=kind_of(self._file_system).quiet_options) for name in self._names]
+        site = stack.enter_context(Site(volumes, token=f"copy{os.getpid()}", directory=self.place))
         # The image stands for a disk: through a second page cache, its holes would be read at a tenth of the
         # speed.
         run("losetup", "--direct-io=on", site.disk.device)
         self.partitions = list(site.disk)
 
-    def _start_daemon(self, lasting):
-        authority = lasting.enter_context(new_machine(key_type="rsa"))
-        self.daemon = lasting.enter_context(Daemon(foreground=False)).wait_until_ready()
-        self._appliance = lasting.enter_context(appliance_of(authority, seconds=SECONDS))
+    def _start_daemon(self, stack):
+        authority = stack.enter_context(clean_agent_state(key_type="rsa"))
+        self.daemon = stack.enter_context(Daemon(foreground=False)).wait_until_ready()
+        self._appliance = stack.enter_context(appliance_of(authority, seconds=SECONDS))
         assert self._appliance.pair(DEVICE).is_success
         table = (self.size // 4096 * 8 >> 20) + 1
         sizes = {f"volumes.{partition.uuid}.cowFileSizeMiB": max(100, table) for partition in self.partitions}
@@ -163,7 +163,7 @@ class Testbed(Stay):
         self.settle()
         shown, written = len(self.daemon.log), self.target.writes()
         elsewhere = {"target": portal} if portal else {}
-        volumes = [volume(partition.uuid, **(image.place() | elsewhere))
+        volumes = [volume(partition.uuid, **(image.request_keys() | elsewhere))
                    for partition, image in list(zip(self.partitions, self.images))[chosen]]
         answer = self._appliance.backup(volumes, interface=self.target.interface, **options)
         assert answer.is_success, answer

@@ -24,7 +24,7 @@ ROOT = pathlib.Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(ROOT))
 
 from lab.daemon import program  # noqa: E402
-from lab.volume_images import age, make_image, mounted, riddle, riddle_with_files  # noqa: E402
+from lab.volume_images import age, fragment_free_space, fragment_with_files, make_image, mounted  # noqa: E402
 
 BENCH = program("bench_fs")
 TEBIBYTE = 1024 * 1024  # in MiB
@@ -48,12 +48,12 @@ PEERS = {
 
 def wear(directory):
     age(directory, 3000, largest=200_000)
-    riddle(directory / "riddled", 4096, HOLES)
+    fragment_free_space(directory / "riddled", 4096, HOLES)
 
 
 def wear_with_files(directory):
     age(directory, 3000, largest=200_000)
-    riddle_with_files(directory / "riddled", 4096, HOLES)
+    fragment_with_files(directory / "riddled", 4096, HOLES)
 
 
 @dataclasses.dataclass

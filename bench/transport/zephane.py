@@ -142,9 +142,9 @@ def race(testbed, servers, rounds, milliseconds):
             line(name, *best(rounds, lambda: nbdcopy(path, size, milliseconds, *options)).columns())
 
 
-def zephaned(testbed, lasting, port, compression):
+def zephaned(testbed, stack, port, compression):
     """A server with an image of the testbed's size."""
-    server = lasting.enter_context(ZephaneServer(port, compression=compression))
+    server = stack.enter_context(ZephaneServer(port, compression=compression))
     server.add_image("image", testbed.size, poisoned=False, backend=str(server.directory / "image"))
     return server
 
@@ -162,12 +162,12 @@ def main():
     arguments = parse_arguments()
     require_private_site()
     arguments.directory.mkdir(parents=True, exist_ok=True)
-    with contextlib.ExitStack() as lasting:
-        testbed = lasting.enter_context(Testbed(arguments.directory, GIBIBYTES, images="/tmp",
+    with contextlib.ExitStack() as stack:
+        testbed = stack.enter_context(Testbed(arguments.directory, GIBIBYTES, images="/tmp",
                                                 poisoned=False))
         files.fill(testbed.roots[0], USED, (files.NOISE, files.text()))
-        servers = {"zephaneftp, compressed": zephaned(testbed, lasting, 25568, True),
-                   "zephaneftp": zephaned(testbed, lasting, 25569, False), "iSCSI": testbed.target}
+        servers = {"zephaneftp, compressed": zephaned(testbed, stack, 25568, True),
+                   "zephaneftp": zephaned(testbed, stack, 25569, False), "iSCSI": testbed.target}
         testbed.backup(full=True) # each file gets its place
         for milliseconds in arguments.round_trips or ROUND_TRIPS:
             race(testbed, servers, arguments.rounds, milliseconds)

@@ -22,7 +22,7 @@ def start_time(pid):
 
 class Enclosure:
     """All processes inside end when `kill` is called, and when the process that made it ends, unless it is
-    `lasting`."""
+    `detached`."""
 
     def __init__(self, pid, start, process=None):
         self.pid = pid
@@ -30,14 +30,14 @@ class Enclosure:
         self._process = process
 
     @classmethod
-    def make(cls, command, directory, tap, lasting):
+    def make(cls, command, directory, tap, detached):
         """Runs a command inside, in `directory`; its output goes to the file "console" there."""
-        tie = [] if lasting else ["setpriv", "--pdeathsig", "KILL", "--"]
+        tie = [] if detached else ["setpriv", "--pdeathsig", "KILL", "--"]
         with open(directory / "console", "ab") as console:
             process = subprocess.Popen(
                 [*tie, "unshare", "--mount", "--net", "--pid", "--fork", "--kill-child", "--mount-proc", "--",
                  ENCLOSE, directory, ROOT, tap, *command],
-                stdin=subprocess.DEVNULL, stdout=console, stderr=console, start_new_session=lasting)
+                stdin=subprocess.DEVNULL, stdout=console, stderr=console, start_new_session=detached)
         return cls(process.pid, start_time(process.pid), process)
 
     def enter(self, *command):

@@ -15,7 +15,7 @@ SECONDS = 900
 
 def packages(names=NAMES):
     """The packages of the checkout's current state; builds them if they are older."""
-    if not are_new(found(names), names):
+    if not are_newer_than_sources(found(names), names):
         subprocess.run([ROOT / "scripts" / "package"], check=True, stdin=subprocess.DEVNULL,
                        timeout=BUILD_SECONDS)
     return found(names)
@@ -25,7 +25,7 @@ def found(names=NAMES):
     return [path for name in names for path in BUILT.glob(f"{name}_*.deb")]
 
 
-def are_new(paths, names):
+def are_newer_than_sources(paths, names):
     listed = subprocess.run(["git", "ls-files", "-z", *MADE_OF], cwd=ROOT, capture_output=True, text=True,
                             check=True).stdout.rstrip("\0").split("\0")
     sources = [ROOT / name for name in listed if (ROOT / name).exists()]

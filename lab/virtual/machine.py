@@ -17,7 +17,7 @@ import subprocess
 import tempfile
 import time
 
-from lab.stay import Stay
+from lab.resources import Resource
 from lab.virtual import images
 from lab.virtual.enclosure import Enclosure
 
@@ -47,11 +47,11 @@ def ssh_options(connecting):
     return [word for name, value in options.items() for word in ("-o", f"{name}={value}")]
 
 
-class Machine(Stay):
+class Machine(Resource):
     """The common part of the kinds of machines.
 
     Owns: a directory with its disks, and an Enclosure, which ends with this process unless the machine is
-    `lasting`.
+    `detached`.
     Threads: one thread at a time; only `run` and `begin` may be called by several threads at once.
     Fails: with MachineError, which has the end of the console's output if that helps.
     """
@@ -63,10 +63,10 @@ class Machine(Stay):
     port = 22
     probe_seconds = 2   # for an answer of a machine that may still be booting
 
-    def __init__(self, memory=1024, lasting=False, directory=None):
+    def __init__(self, memory=1024, detached=False, directory=None):
         super().__init__()
         self.memory = memory
-        self.lasting = lasting
+        self.detached = detached
         self.directory = directory and pathlib.Path(directory)
         self.disks = []
         self.enclosure = None
@@ -82,12 +82,12 @@ class Machine(Stay):
     def prepare(self):
         """Makes the files in the directory that `command` needs."""
 
-    def open(self, lasting):
+    def open(self, stack):
         images.directory().mkdir(parents=True, exist_ok=True)
-        self.directory = pathlib.Path(lasting.enter_context(tempfile.TemporaryDirectory(
+        self.directory = pathlib.Path(stack.enter_context(tempfile.TemporaryDirectory(
             prefix="run-", dir=images.directory())))
         self.take_over()
-        lasting.callback(self.cut)
+        stack.callback(self.cut)
 
     def take_over(self, disks=0, enclosure=None):
         """Takes over a machine from its directory: with so many disks, and the enclosure if the machine is
@@ -118,7 +118,7 @@ class Machine(Stay):
         if self.is_on():
             raise MachineError("the machine is on already")
         command = [str(word) for word in self.command()]
-        self.enclosure = Enclosure.make(command, self.directory, self.tap, self.lasting)
+        self.enclosure = Enclosure.make(command, self.directory, self.tap, self.detached)
         deadline = time.monotonic() + self.boot_seconds
         while not self.boot_id():
             if not self.is_on():

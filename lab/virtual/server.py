@@ -60,7 +60,7 @@ class QemuServer(QemuMachine):
         return ["-drive", f"if=pflash,format=raw,readonly=on,file={FIRMWARE / 'OVMF_CODE_4M.fd'}",
                 "-drive", f"if=pflash,format=raw,file={variables.name}"]
 
-    def dress(self):
+    def prepare_rescue(self):
         """Prepares the rescue system. Nothing to do: the names of the disks are right already."""
 
 
@@ -79,7 +79,7 @@ class UmlServer(UmlMachine):
         start = [] if self.is_rescue else ["init=/usr/local/sbin/start-from-disk"]
         return [*super().command(), *source, *start]
 
-    def dress(self):
+    def prepare_rescue(self):
         """Prepares the rescue system, which the server's system is a copy of: adds names for the disks, and
         the script."""
         rules = "".join(f'KERNEL=="ubd{chr(ord("b") + number)}*", SYMLINK+="sd{chr(ord("a") + number)}%n"\n'

@@ -6,7 +6,7 @@
     with WriteLog(log_disk.path) as log:
         replay = Replay(log, "disk.img")            # the disk as it was when the record began, empty here
         replay.advance(log.position_of("synced"))
-        replay.copy_with_some("state.img", random.Random(1))
+        replay.copy_with_some_writes("state.img", random.Random(1))
 
 The device-mapper target log-writes makes the record. It logs writes in the order in which they became
 durable: writes that a flush makes durable come before that flush. So after a power cut, the disk holds all
@@ -144,7 +144,7 @@ class Replay:
                 self._log.apply(entry, disk)
         self.position = position
 
-    def copy_with_some(self, path, random):
+    def copy_with_some_writes(self, path, random):
         """Makes a copy with a random part of the writes up to the next flush: what a cache may have written
         at a power cut."""
         run("cp", "--sparse=always", self.path, path)

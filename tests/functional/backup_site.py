@@ -10,7 +10,7 @@ import shutil
 import pytest
 
 import snapshot_site
-from change_records import Moment, common, extents_of_units, marked_units
+from change_records import CaptureExtents, common, extents_of_units, marked_units
 from iscsi_call import LONGEST_WRITE
 from lab import driver
 from lab.backups import capture_of
@@ -124,9 +124,9 @@ class Sent:
     """What a backup has sent of a volume, and what it had to send. `exact` is false if the driver tracks
     writes: a write may not have changed the data."""
 
-    def __init__(self, target, reported, writes, extents, exact):
+    def __init__(self, target, reported_bytes, writes, extents, exact):
         self.target = target
-        self.reported = reported
+        self.reported_bytes = reported_bytes
         self.writes = writes
         self.extents = extents
         self.exact = exact
@@ -134,8 +134,9 @@ class Sent:
     def check(self):
         size = size_of_all(self.extents)
         if self.exact:
-            assert (self.reported, self.writes.commands) == (size, commands_for(self.extents, self.target))
-        assert self.reported == self.writes.bytes >= size
+            commands = commands_for(self.extents, self.target)
+            assert (self.reported_bytes, self.writes.commands) == (size, commands)
+        assert self.reported_bytes == self.writes.bytes >= size
         return self
 
 
@@ -145,7 +146,7 @@ class Ledger:
 
     def __init__(self, protection):
         self.protection = protection
-        self._moments = {}
+        self._captures = {}
 
     def run(self, expected, **kind):
         """Runs a backup; `expected` is the type that it must become."""
@@ -158,29 +159,30 @@ class Ledger:
         protection.verify()
         exact = expected != "incremental" or not are_volumes_logical()
         return {name: Sent(protection.target, backup.bytes(name),
-                           protection.images[name].writes() - before[name], self._due(name, expected), exact)
+                           protection.images[name].writes() - before[name],
+                           self._expected_extents(name, expected), exact)
                 for name in protection.partitions}
 
-    def _due(self, name, kind):
+    def _expected_extents(self, name, kind):
         """The extents worth copying; for an incremental backup, only those that have changed."""
         partition = self.protection.partitions[name]
         path = capture_of(partition)
-        now = Moment(path, partition.volume.file_system)
+        now = CaptureExtents(path, partition.volume.file_system)
         file = open(path, "rb")
         now.capture = f"/proc/self/fd/{file.fileno()}" # its name is removed by the next backup
-        earlier, self._moments[name] = self._moments.get(name), (now, file)
+        earlier, self._captures[name] = self._captures.get(name), (now, file)
         if not earlier:
             return now.copied
-        moment, earlier_file = earlier
+        before, earlier_file = earlier
         with earlier_file:
             if kind != "incremental":
                 return now.copied
-            units = marked_units(moment, now, closed_file(partition))
+            units = marked_units(before, now, closed_file(partition))
         return common(now.copied, extents_of_units(units))
 
     def __enter__(self):
         return self
 
     def __exit__(self, *_exception):
-        for _, file in self._moments.values():
+        for _, file in self._captures.values():
             file.close()

@@ -14,13 +14,13 @@ def run_bekctl(*arguments, **options):
                           text=True, check=False, timeout=SECONDS, **options)
 
 
-def shown(*arguments, status=WELL):
+def output_of(*arguments, status=WELL):
     """The output of a call for people."""
     done = run_bekctl(*arguments)
     assert (done.returncode, done.stderr) == (status, ""), done
     return done.stdout
 
 
-def told(*arguments, status=WELL):
+def json_of(*arguments, status=WELL):
     """The output of a call for programs, parsed from JSON."""
-    return json.loads(shown(*arguments, "--json", status=status))
+    return json.loads(output_of(*arguments, "--json", status=status))

@@ -11,16 +11,16 @@ UNIT = 4096 # changes are recorded in units of so many bytes
 PIECE = 4 << 20
 
 
-class Moment:
+class CaptureExtents:
     """The file system in a capture: the extents (offset, length) in use, those of them that the driver
     doesn't know to be in use, and those of each of the driver's and the agent's own files."""
 
     def __init__(self, capture, file_system):
         self.capture = capture
         kind = kind_of(file_system)
-        self._tells_extents = kind.tells_extents
+        self._has_file_extents = kind.has_file_extents
         self.used = used_extents(capture, kind)
-        self.sleeping = kind.sleeping(capture)
+        self.unknown_to_driver = kind.unknown_to_driver(capture)
         with tree_of(str(capture), file_system) as root:
             self.own = {name: extents_on(capture, file_system, root, name) for name in OWN_FILES
                         if (root / name).exists()}
@@ -33,25 +33,25 @@ class Moment:
     @property
     def copied(self):
         """The extents that a backup copies."""
-        return self.needed if self._tells_extents else self.used
+        return self.needed if self._has_file_extents else self.used
 
 
 def used_extents(capture, kind):
     """The extents in use. If the map of this kind of file system extends beyond its last block, they include
     the rest of the volume."""
     truth = kind.truth(capture)
-    if kind.goes_on:
+    if kind.map_exceeds_file_system:
         truth.blocks = os.stat(capture).st_size // truth.block_size
     return truth.used_extents()
 
 
 def marked_since(before, after, file_system, closed=".tolvu"):
     """The numbers of the units that count as changed between two captures."""
-    return marked_units(Moment(before, file_system), Moment(after, file_system), closed)
+    return marked_units(CaptureExtents(before, file_system), CaptureExtents(after, file_system), closed)
 
 
 def copied_extents(capture, file_system):
-    return Moment(capture, file_system).copied
+    return CaptureExtents(capture, file_system).copied
 
 
 def common(extents, others):
@@ -102,7 +102,7 @@ def marked_units(before, after, closed):
     that are newly in use, as no image has them, whatever their content; and the files of the driver and the
     agent, except the CoW file that the snapshot `closed`."""
     others = chain.from_iterable(extents for name, extents in after.own.items() if name != closed)
-    used = without(after.used, [*after.own[closed], *after.sleeping])
-    known = list(without(before.needed, before.sleeping))
+    used = without(after.used, [*after.own[closed], *after.unknown_to_driver])
+    known = list(without(before.needed, before.unknown_to_driver))
     return (in_units(others) - in_units(after.own[closed]) | in_units(without(used, known))
             | set(differing_units(before.capture, after.capture)))

@@ -17,23 +17,25 @@ import pytest
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 sys.path[:0] = [str(ROOT), str(ROOT / "tests")]
-pytest.register_assert_rewrite("backup_site", "fault_site", "iscsi_call", "snapshot_site", "tolvubd_site",
-                                 "used_maps", "zephane_scene")
+pytest.register_assert_rewrite("backup_site", "fault_site", "https_site", "iscsi_call", "snapshot_site",
+                                 "tolvubd_checks", "tolvubd_site", "used_maps", "zephane_scene")
 
 from backup_site import EXT4, XFS, empty, root_of  # noqa: E402
 from fault_site import DATA, FaultList, fault_site  # noqa: E402
 from lab import certificates, certservice  # noqa: E402
+from lab.agent_state import appliance_of  # noqa: E402
 from lab.appliance_client import DEVICE  # noqa: E402
 from lab.backups import Protection  # noqa: E402
 from lab.daemon import CERTIFICATES, DATABASE, PID_FILE, Daemon, program, require_private_site  # noqa: E402
 from lab.driver import forget_devices, hide_driver, show_driver  # noqa: E402
 from lab.https_client import Client  # noqa: E402
 from lab.lvm import VolumeGroup  # noqa: E402
-from lab.machine import appliance_of  # noqa: E402
 from lab.site import Site  # noqa: E402
 from lab.system_log import SystemLog  # noqa: E402
 from lab.targets import Target  # noqa: E402
-from tolvubd_site import PLACES, LogicalVolumes, Partitions  # noqa: E402
+from tolvubd_checks import small  # noqa: E402
+from tolvubd_site import (PLACES, LogicalVolumes, Partitions, Volume, started_driver,  # noqa: E402
+                          tolvuctl)
 from zephane_scene import Scene  # noqa: E402
 
 
@@ -161,6 +163,27 @@ def group():
 def place(request):
     """The place where Volume of tolvubd_site makes its device."""
     return Partitions() if request.param == "partition" else LogicalVolumes(request.getfixturevalue("group"))
+
+
+@pytest.fixture
+def fresh_driver(site):
+    """A driver without devices; after the test nothing of it may be left outside the volume."""
+    with started_driver():
+        yield
+        forget_devices()
+        assert tolvuctl("cleanup").returncode == 0
+
+
+@pytest.fixture
+def make_volume(fresh_driver, place):
+    """make_volume(FILE SYSTEM, SECTORS, NAME) makes and mounts a small volume for the driver."""
+    with contextlib.ExitStack() as stack:
+        def make(filesystem="ext4", sectors=None, name="volume"):
+            sectors = max(sectors or small(filesystem), place.smallest_sectors)
+            volume = stack.enter_context(Volume(name, filesystem, sectors, place))
+            stack.callback(forget_devices)
+            return volume
+        yield make
 
 
 @pytest.fixture(scope="module")

@@ -10,8 +10,8 @@ import shutil
 from backup_site import EXT4, fill
 from lab.backups import Protection
 from lab.daemon import LOGS, program
-from lab.holds import Hold, Trace
 from lab.services import wait_until
+from lab.syscalls import Hold, Trace
 from lab.targets import Target
 from snapshot_site import SnapshotSite
 

@@ -89,8 +89,8 @@ class Transport:
         content = os.pread(self._errors.fileno(), os.fstat(self._errors.fileno()).st_size, 0).decode()
         return [(int(line[0]), line[2:]) for line in content.splitlines()]
 
-    def complaints(self):
+    def logged_warnings(self):
         return [text for level, text in self.log() if level <= WARNING]
 
-    def await_complaint(self, text, times=1):
-        wait_until(lambda: self.complaints().count(text) >= times, SECONDS, f"{times} times: {text}")
+    def wait_for_warning(self, text, times=1):
+        wait_until(lambda: self.logged_warnings().count(text) >= times, SECONDS, f"{times} times: {text}")

@@ -16,7 +16,7 @@ import threading
 import iscsi_wire as wire
 from iscsi_faults import SILENCE, Fault
 from lab.image_server import ADDRESS
-from lab.stay import Stay
+from lab.resources import Resource
 
 SECONDS = 20
 IDLE = 0.05 # seconds
@@ -140,7 +140,7 @@ class Session:
             if command and unit.kind in (wire.DATA_IN, wire.RESPONSE):
                 self._collect(command, unit)
             else:
-                self._hand_on(unit)
+                self._forward(unit)
 
     def _collect(self, command, unit):
         command.answer.append(unit)
@@ -152,9 +152,9 @@ class Session:
             self.under_way.pop(command.tag, None)
             self.answered += command.has_ended
             for unit in command.answer:
-                self._hand_on(unit)
+                self._forward(unit)
 
-    def _hand_on(self, unit):
+    def _forward(self, unit):
         if unit.has_status:
             unit.set_number(wire.STATUS_NUMBER, self._status)
             self._status += 1
@@ -163,7 +163,7 @@ class Session:
         self._near.sendall(unit.encode())
 
 
-class Relay(Stay):
+class Relay(Resource):
     """Listens on a port of its own, in front of a target, or of a portal that leads to it."""
 
     def __init__(self, target, portal=None):
@@ -178,13 +178,13 @@ class Relay(Stay):
     def portal(self):
         return f"{ADDRESS}:{self._listener.getsockname()[1]}"
 
-    def open(self, lasting):
-        self._listener = lasting.enter_context(socket.create_server((ADDRESS, 0)))
+    def open(self, stack):
+        self._listener = stack.enter_context(socket.create_server((ADDRESS, 0)))
         acceptor = threading.Thread(target=self._accept, daemon=True)
         acceptor.start()
-        lasting.callback(self._end_sessions)
-        lasting.callback(acceptor.join, SECONDS)
-        lasting.callback(self._listener.shutdown, socket.SHUT_RDWR)
+        stack.callback(self._end_sessions)
+        stack.callback(acceptor.join, SECONDS)
+        stack.callback(self._listener.shutdown, socket.SHUT_RDWR)
 
     def _accept(self):
         with contextlib.suppress(OSError):

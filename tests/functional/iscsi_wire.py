@@ -57,13 +57,13 @@ class Unit:
 
 def receive(connection):
     """The next unit; raises EOFError at the end of the connection. A unit is never larger than 16 MiB."""
-    header = exactly(connection, HEADER)
-    more = exactly(connection, 4 * header[4])
+    header = receive_exactly(connection, HEADER)
+    more = receive_exactly(connection, 4 * header[4])
     length = int.from_bytes(header[5:8], "big")
-    return Unit(header, more, exactly(connection, length + -length % 4)[:length])
+    return Unit(header, more, receive_exactly(connection, length + -length % 4)[:length])
 
 
-def exactly(connection, length):
+def receive_exactly(connection, length):
     data = connection.recv(length, socket.MSG_WAITALL) if length else b""
     if len(data) < length:
         raise EOFError

@@ -36,7 +36,7 @@ def restore(*arguments, secret=None, status=DONE, **options):
     return done
 
 
-def told(*arguments, **options):
+def json_of(*arguments, **options):
     """The output of a call for programs, parsed from JSON."""
     return json.loads(restore(*arguments, "--json", **options).stdout)
 

@@ -8,6 +8,7 @@
 import contextlib
 import json
 import pathlib
+import random
 import shutil
 import struct
 import subprocess
@@ -20,10 +21,10 @@ from lab.driver import STATUS, STORE, nodes
 from lab.logical_disk import are_volumes_logical
 from lab.loops import images_on
 from lab.lvm import spare_disks
+from lab.resources import Resource
 from lab.services import wait_until
 from lab.site import Site
-from lab.snapshots import MOUNT_ROOT, Session, drop_snapshots, mounts
-from lab.stay import Stay
+from lab.snapshots import MOUNT_ROOT, Session, SessionError, drop_snapshots, mounts
 from lab.volumes import Volume
 from tolvubd_site import LogicalVolumes, layers
 
@@ -40,11 +41,22 @@ def read_device(path):
     return pathlib.Path(path).read_bytes()
 
 
-def keep(snapshot, path):
+def copy_snapshot(snapshot, path):
     """Copies a snapshot. In the copy, the extents of files can be found whether or not the snapshot is
     mounted."""
     subprocess.run(["cp", "--sparse=always", snapshot, path], check=True)
     return path
+
+
+def fill_tree(root, seed):
+    """Creates some files of random content, and removes some."""
+    numbers = random.Random(seed)
+    for number in range(20):
+        path = pathlib.Path(root, f"folder {number % 3}", f"file {numbers.randrange(40)}")
+        path.parent.mkdir(exist_ok=True)
+        path.write_bytes(numbers.randbytes(numbers.randrange(200_000)))
+    for path in sorted(pathlib.Path(root).glob("*/file *"))[::7]:
+        path.unlink()
 
 
 def read_record(path, units):
@@ -71,18 +83,18 @@ def check_writable(mount_point):
     probe.unlink()
 
 
-class SnapshotSite(Stay):
+class SnapshotSite(Resource):
     """Volumes with small CoW files. At the end, everything that the driver keeps is removed."""
 
     def __init__(self, volumes=(EXT4, XFS)):
         super().__init__()
         self._site = Site(volumes)
 
-    def open(self, lasting):
-        lasting.enter_context(self._site)
+    def open(self, stack):
+        stack.enter_context(self._site)
         BASE.mkdir(parents=True, exist_ok=True)
         self.set_cow_size(COW_MIB)
-        lasting.callback(self.forget_snapshots)
+        stack.callback(self.forget_snapshots)
 
     def __getitem__(self, name):
         return self._site.disk[name]
@@ -161,3 +173,19 @@ class SnapshotSite(Stay):
                 yield
             finally:
                 subprocess.run(["umount", "--lazy", "/usr/bin"], check=True) # it runs from there itself
+
+
+def recover(site, incremental):
+    """Runs the next backups after a killed one: at most one of them may fail."""
+    for _ in range(2):
+        with site.session(incremental=incremental) as session:
+            try:
+                session.start()
+                return session.end("success")
+            except SessionError as error:
+                failure = f"{error}\n{session.log}"
+                try:
+                    session.end("failure")
+                except SessionError:
+                    pass # the device doesn't exist any more
+    raise AssertionError(failure)

@@ -12,8 +12,8 @@ import pytest
 from lab.appliance_client import DEVICE
 from lab.daemon import CONFIG
 from lab.https_client import Client
+from lab.load_clients import MIB, PeakMemory, descriptor_limits, idle_connections, send_body, stalled_request
 from lab.services import wait_until
-from lab.strangers import MIB, PeakMemory, crowd, descriptor_limits, held_head, send_body
 from lab.usage import descriptors
 
 SECONDS = 60
@@ -56,10 +56,10 @@ def test_body_left_behind_is_nobody_elses(client, other, database):
     assert client.request("POST", "/logLevel", b'{"severity": 2}').status == 200
     before = level(database)
     for _ in range(5):
-        with held_head(other, "/logLevel", body=b'{"severity": 0}'):
+        with stalled_request(other, "/logLevel", body=b'{"severity": 0}'):
             assert client.request("POST", "/logLevel", b'{"severity": 2}').status == 200
             assert level(database) == before
-        with held_head(other, "/config", body=b'{"holepunch.enabled": true}'):
+        with stalled_request(other, "/config", body=b'{"holepunch.enabled": true}'):
             assert client.request("POST", "/config", b'{"log.lifetimeHours": 72}').status == 200
             assert json.loads(client.request("GET", "/config").body) == {"log.lifetimeHours": 72}
 
@@ -67,7 +67,7 @@ def test_body_left_behind_is_nobody_elses(client, other, database):
 def test_overlapping_requests_of_the_appliance_itself(client):
     """Each keeps its own body."""
     begin, end = b'{"autoupdate.', b'channel": "beta"}'
-    with held_head(client, "/config", len(begin + end), begin) as slow:
+    with stalled_request(client, "/config", len(begin + end), begin) as slow:
         assert answers_to(client) == 20
         slow.send(end)
         assert slow.read_answer().status == 200
@@ -79,7 +79,7 @@ def test_held_heads_cost_no_answer(request, client, who):
     """A client that has sent only the head of a POST blocks nobody."""
     with contextlib.ExitStack() as stack:
         for _ in range(10):
-            stack.enter_context(held_head(request.getfixturevalue(who)))
+            stack.enter_context(stalled_request(request.getfixturevalue(who)))
             assert answers_to(client, 5) == 5
 
 
@@ -120,7 +120,7 @@ def test_four_thousand_idle_connections(foreground, site_authority, site_device)
     assert client.request("POST", "/pair", b'{"deviceID": %d}' % DEVICE).status == 200
     with client.connect() as kept:
         assert kept.request("GET", "/backup").status == 200
-        with crowd(client.address, 4000):
+        with idle_connections(client.address, 4000):
             assert answers_to(client) == 20
             assert kept.request("GET", "/backup").status == 200
             daemon.wait_for_log('Setting agent configuration option {"log.lifetimeHours" : 20}')
@@ -161,7 +161,7 @@ def test_idle_strangers_are_closed_early(client, stranger, other):
     with client.connect() as kept:
         assert kept.request("GET", "/backup").status == 200
         with socket.create_connection(client.address, SECONDS) as silent, stranger.connect() as unknown, \
-                other.connect() as quiet, held_head(stranger) as held:
+                other.connect() as quiet, stalled_request(stranger) as held:
             assert is_closed(silent, client)
             for connection in (unknown, quiet, held):
                 connection.socket.settimeout(SECONDS)

@@ -2,109 +2,19 @@
 
 A server that records requests and gives prepared answers plays the agent.
 """
-import fcntl
-import http.server
-import io
 import json
-import os
 import pathlib
-import re
-import ssl
-import struct
 import subprocess
-import termios
-import threading
 import time
 
 import pytest
 
+from appliance_site import ACTIVE, DISK, FAILED, FINISHED, SECONDS, Agent, status_of
 from lab.appliance_client import Answer, Appliance, NoAnswer, Unreachable, volume
 from lab.certificates import Authority
-from lab.progress import shown_progress
-from lab.watch import LIMIT_SECONDS, RUN_BEGINS, Standstill, ending_of, reason_lines
+from lab.watch import LIMIT_SECONDS, RUN_BEGINS, UnchangedTimer, ending_of, reason_lines
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
-SECONDS = 60
-DISK = "0f1e"
-MB = 1_000_000
-ACTIVE, FINISHED, FAILED = (
-    {"elapsedTime": 1, "connection_error": False, "snapshot_error": state == "failed", "status": state,
-     "details": [{"volume": DISK, "status": state, "type": "full",
-                  "transfer": {"bytesTransferred": done * MB, "totalSize": 20 * MB}}]}
-    for state, done in (("active", 5), ("finished", 20), ("failed", 5)))
-
-
-class Agent:
-    """Answers requests in turn with the entries of `answers`: (status, content type, text), or None to close
-    the connection. The last entry answers all further requests."""
-
-    def __init__(self, authority):
-        self.answers = [(200, "text/plain", "")]
-        self.log = None # the answer to any request for the log
-        self.requests = []
-        self.connections = 0
-        self.closes_after_answer = False
-        identity = authority.agent()
-        context = ssl.create_default_context(ssl.Purpose.CLIENT_AUTH, cafile=authority.certificate)
-        context.load_cert_chain(identity.certificate, identity.key)
-        context.verify_mode = ssl.CERT_REQUIRED
-        self._server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), self._handler())
-        self._server.socket = context.wrap_socket(self._server.socket, server_side=True)
-        self._thread = threading.Thread(target=self._server.serve_forever, kwargs={"poll_interval": 0.02})
-
-    @property
-    def port(self):
-        return self._server.server_address[1]
-
-    def says(self, *answers):
-        self.answers = [answer if answer is None or isinstance(answer, tuple)
-                        else (200, "application/json", json.dumps(answer, indent=4)) for answer in answers]
-
-    def answer_to(self, path):
-        if path.startswith("/event") and self.log is not None:
-            return 200, "application/json", json.dumps(self.log)
-        return self.answers.pop(0) if len(self.answers) > 1 else self.answers[0]
-
-    def _handler(self):
-        """A handler class that refers to this Agent, as http.server passes handlers no other arguments."""
-        agent = self
-
-        class Handler(http.server.BaseHTTPRequestHandler):
-            protocol_version = "HTTP/1.1"
-
-            def setup(self):
-                super().setup()
-                agent.connections += 1
-
-            def respond(self):
-                body = self.rfile.read(int(self.headers.get("Content-Length", 0))).decode()
-                agent.requests.append((self.command, self.path, body))
-                answer = agent.answer_to(self.path)
-                self.close_connection = answer is None or agent.closes_after_answer
-                if answer is None:
-                    return
-                status, content_type, text = answer
-                self.send_response(status)
-                self.send_header("Content-Type", content_type)
-                self.send_header("Content-Length", str(len(text.encode())))
-                self.end_headers()
-                self.wfile.write(text.encode())
-
-            do_GET = do_POST = do_DELETE = respond
-
-            def log_message(self, *_arguments):
-                """Logs nothing: `requests` has all requests."""
-
-        return Handler
-
-    def __enter__(self):
-        self._thread.start()
-        return self
-
-    def __exit__(self, *_exception):
-        self._server.shutdown()
-        self._thread.join(SECONDS)
-        self._server.server_close()
 
 
 @pytest.fixture(scope="module")
@@ -388,12 +298,12 @@ def test_watch_has_a_limit():
     assert ending_of(Agent, "b-1", ACTIVE, LIMIT_SECONDS) == [
         "nothing has changed for 15 minutes, and the log tells of no end; watched no longer: "
         "lab/appliance cancel b-1 ends the backup"]
-    standstill = Standstill()
-    standstill.seconds(ACTIVE)
+    unchanged = UnchangedTimer()
+    unchanged.seconds(ACTIVE)
     time.sleep(0.5)
-    quiet = standstill.seconds(ACTIVE | {"elapsedTime": 9})
+    quiet = unchanged.seconds(ACTIVE | {"elapsedTime": 9})
     assert quiet >= 0.5
-    assert standstill.seconds(status_of(ACTIVE, bytesTransferred=6)) < quiet
+    assert unchanged.seconds(status_of(ACTIVE, bytesTransferred=6)) < quiet
 
 
 def test_watch_of_no_volumes(agent, command):
@@ -401,111 +311,9 @@ def test_watch_of_no_volumes(agent, command):
     assert command("watch", "b-1") == (0, "", "")
 
 
-def status_of(status, **transfer):
-    """A backup's status, with these values in its transfer."""
-    [entry] = status["details"]
-    return status | {"details": [entry | {"transfer": entry["transfer"] | transfer}]}
-
-
-def lines_of(*statuses, **options):
-    """The output for a quick sequence of statuses, without a terminal."""
-    stream = io.StringIO()
-    with shown_progress(stream, **options) as progress:
-        for status in statuses:
-            progress(status)
-    return stream.getvalue().splitlines()
-
-
 def test_watch_of_a_volume_whose_size_is_not_known(agent, command):
     agent.says(status_of(FAILED, totalSize=(1 << 64) - 1))
     assert command("watch", "b-1")[1] == f"{DISK} full failed, 5.0 MB\n"
-
-
-def test_type_is_not_shown_before_it_is_settled():
-    assert lines_of(status_of(ACTIVE, totalSize=(1 << 64) - 1)) == [f"{DISK} preparing"]
-
-
-def test_estimate_below_zero_is_not_shown():
-    assert lines_of(status_of(ACTIVE, totalSize=(1 << 64) - 4096)) == [f"{DISK} full active, 5.0 MB"]
-
-
-def test_end_is_shown_as_all_that_there_was():
-    assert lines_of(status_of(FINISHED, totalSize=25 * MB)) == [f"{DISK} full finished, 20.0 MB of 20.0 MB"]
-
-
-def test_lines_are_few_while_only_bytes_go_by():
-    changes = [status_of(ACTIVE, bytesTransferred=count * MB) for count in range(3)]
-    assert lines_of(*changes, FINISHED) == [f"{DISK} full active, 0.0 MB of 20.0 MB",
-                                            f"{DISK} full finished, 20.0 MB of 20.0 MB"]
-
-
-def test_volumes_by_name():
-    [line] = lines_of(FAILED, names={DISK: "data"}, prefix="  | ")
-    assert line == "  | data full failed, 5.0 MB of 20.0 MB"
-
-
-UUIDS = ("0f1e7a41-7a41-4a5e-9d0c-2f0b64b1a7de", "9a1fbd36-8c51-4a1e-9d0c-2f0e6f2f4b0e")
-
-
-def status_of_two(state, *sizes, kind="differential"):
-    """The status of a backup of two volumes, with (transferred, total) for each."""
-    return ACTIVE | {"status": state, "details": [
-        {"volume": uuid, "status": state, "type": kind,
-         "transfer": {"bytesTransferred": done, "totalSize": total}}
-        for uuid, (done, total) in zip(UUIDS, sizes)]}
-
-
-def on_a_terminal(*statuses, columns=80, pause=0.3, **options):
-    """The final screen, as lines, on a terminal with so many columns and 24 lines."""
-    reader, writer = os.openpty()
-    fcntl.ioctl(writer, termios.TIOCSWINSZ, struct.pack("4H", 24, columns, 0, 0))
-    shown = b""
-    with open(writer, "w", encoding="utf-8") as terminal:
-        with shown_progress(terminal, **options) as progress:
-            for status in statuses:
-                progress(status)
-                time.sleep(pause)
-                shown += os.read(reader, 1 << 16)
-        shown += os.read(reader, 1 << 16)
-    os.close(reader)
-    text = re.sub(r"\x1b\[[0-9;?]*[a-zA-Z]", "", shown.decode().rsplit("\x1b[2K", 1)[-1])
-    return [line for line in text.replace("\r", "\n").split("\n") if line.strip()]
-
-
-@pytest.fixture(autouse=True)
-def terminal_of_a_person(monkeypatch):
-    monkeypatch.setenv("TERM", "xterm")
-    for name in ("COLUMNS", "LINES", "NO_COLOR"):
-        monkeypatch.delenv(name, raising=False)
-
-
-def test_bars_on_a_terminal():
-    [line] = on_a_terminal(ACTIVE, FINISHED)
-    assert re.fullmatch(rf"{DISK} full \S+ 20.0 of 20.0 MB +[\d,.]+ MB/s finished", line), line
-
-
-def test_bars_of_several_volumes_have_a_total():
-    lines = on_a_terminal(status_of_two("active", (0, 40 * MB), (0, 2 * MB)),
-                          status_of_two("active", (20 * MB, 40 * MB), (1 * MB, 2 * MB)))
-    assert [line.split()[0] for line in lines[-3:]] == ["0f1e7a41", "9a1fbd36", "total"]
-    assert all("MB/s" in line and "0:00:" in line for line in lines[-3:]), lines
-    assert "21.0 of 42.0 MB" in lines[-1]
-
-
-@pytest.mark.parametrize("state", ["active", "finished"])
-def test_bars_fit_a_terminal_of_80_columns(state):
-    """Even for terabytes at hundreds of megabytes a second, for most of a day."""
-    lines = on_a_terminal(*(status_of_two(state, (done, 9_999_999 * MB), (done, 9_999_999 * MB))
-                            for done in (1_234_000 * MB, 1_234_100 * MB, 1_234_200 * MB)),
-                          names={UUIDS[0]: "a name that is long"})
-    assert len(lines) >= 3 and max(map(len, lines)) <= 80
-    for line in lines[-3:]:
-        assert re.search(r"[\d,]+ of [\d,]+ MB ", line) and "MB/s" in line, line
-
-
-def test_bars_of_what_is_not_known_yet():
-    [line] = on_a_terminal(status_of(ACTIVE, bytesTransferred=0, totalSize=(1 << 64) - 1))
-    assert line.split()[0] == DISK and line.split()[-1] == "preparing"
 
 
 def test_cancel(agent, command):

@@ -9,8 +9,8 @@ import pytest
 
 from backup_site import write_script
 from fault_site import DATA, LITTLE, MORE, SNAPSHOTS, fault_site
-from lab.holds import MOUNT_CALLS
 from lab.services import wait_until
+from lab.syscalls import MOUNT_CALLS
 
 MOST_WINDING_DOWN = 6
 SECONDS = 60

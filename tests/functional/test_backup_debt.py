@@ -171,7 +171,7 @@ def test_driver_that_tells_nothing_at_the_end(owing):
     backup = fail_after_snapshots(site, "blinder")
     assert "Unable to read tolvubd info" in backup.log
     INFO.rmdir()
-    driver.take_a_turn()
+    driver.refresh_status()
     assert site.site.states() == [3]
     run_failing(site)
     site.assert_recovered()

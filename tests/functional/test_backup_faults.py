@@ -9,8 +9,8 @@ import pytest
 from fault_site import DATA, FIRST, RETRYING, SNAPSHOTS, fault_site, seeded
 from lab.backups import capture_of
 from lab.commands import run
-from lab.holds import Trace
 from lab.logical_disk import GROUP, are_volumes_logical
+from lab.syscalls import Trace
 from lab.targets import Target
 from lab.zephane import ZephaneServer
 

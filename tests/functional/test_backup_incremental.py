@@ -65,7 +65,7 @@ def test_each_change_is_brought_and_nothing_else(protect, volumes):
         (root / "other").write_bytes(random.Random(2).randbytes(5 * MIB))
     with Ledger(protect()) as ledger:
         for name, sent in ledger.run("full", full=True).items():
-            assert sent.check().reported > 25 * MIB, name
+            assert sent.check().reported_bytes > 25 * MIB, name
         # Each change, with the least and the most bytes that it changes, besides the file system's own
         # writes.
         for change, least, most in ((change_nothing, 0, 0),
@@ -78,7 +78,7 @@ def test_each_change_is_brought_and_nothing_else(protect, volumes):
                 change(root)
             for name, sent in ledger.run("incremental").items():
                 sent.check()
-                assert least <= sent.reported <= most + METADATA, (change.__name__, name)
+                assert least <= sent.reported_bytes <= most + METADATA, (change.__name__, name)
 
 
 def write_zeros(root):
@@ -106,20 +106,20 @@ def test_what_comes_into_use_is_brought_whatever_it_holds(protect, volumes):
             with open(root / "reserved", "wb") as file:
                 os.posix_fallocate(file.fileno(), 0, 3 * MIB)
         if are_volumes_logical(): # blocks never written aren't sent, and read as zeros
-            ledger.protection.left_out += ("reserved",)
+            ledger.protection.excluded_files += ("reserved",)
         ledger.run("incremental")
         for root in roots:
             write_zeros(root)
         for sent in ledger.run("incremental").values():
-            assert sent.check().reported > 20 * MIB
+            assert sent.check().reported_bytes > 20 * MIB
         for root in roots:
             (root / "zeros").unlink()
         for sent in ledger.run("incremental").values():
-            assert sent.check().reported < METADATA
+            assert sent.check().reported_bytes < METADATA
         for root in roots:
             write_zeros(root)
         for sent in ledger.run("incremental").values():
-            assert sent.check().reported > 20 * MIB
+            assert sent.check().reported_bytes > 20 * MIB
 
 
 class Changer:
@@ -207,4 +207,4 @@ def test_long_chain_of_random_changes(protect, volumes):
             for changer in changers:
                 changer.run(15)
             for name, sent in ledger.run("incremental").items():
-                assert sent.check().reported < volumes[name].volume.mebibytes * MIB / 4
+                assert sent.check().reported_bytes < volumes[name].volume.mebibytes * MIB / 4

@@ -115,7 +115,7 @@ def test_merge_mends_exactly_what_differs(protect, volumes, target, tmp_path):
         for name, sent in ledger.run("differential", merge=True).items():
             capture = capture_of(volumes[name])
             written = differing(before[name], capture, sent.extents, UNITS[type(target)])
-            assert sent.reported == size_of_all(sent.extents)
+            assert sent.reported_bytes == size_of_all(sent.extents)
             assert sent.writes == Writes(commands_for(written, target), size_of_all(written))
             for at in damaged[name]:
                 assert any(begin <= at < begin + length for begin, length in written)

@@ -9,7 +9,7 @@ import time
 import pytest
 
 from backup_site import EXT4, XFS, device_of, fill_some
-from bekctl import UNUSABLE, UNWELL, WELL, run_bekctl, shown, told
+from bekctl import UNUSABLE, UNWELL, WELL, json_of, output_of, run_bekctl
 from lab import certificates
 from lab.appliance_client import DEVICE
 from lab.commands import run
@@ -169,8 +169,8 @@ def test_all_is_well_and_what_then_goes_wrong(protect, volumes):
     fill_some(volumes, protection.partitions, "a")
     assert protection.run(full=True).state == "finished"
     uuid = volumes["data"].uuid
-    report = Report("--target", protection.images["data"].place()["target"])
-    assert report.failed() == set(), shown("check", status=UNWELL)
+    report = Report("--target", protection.images["data"].request_keys()["target"])
+    assert report.failed() == set(), output_of("check", status=UNWELL)
     for name in "volume", "tracking", "history", "reload-script", "room":
         assert report.verdict(name, uuid) == "ok", name
 
@@ -231,7 +231,7 @@ def test_volume_that_is_not_mounted_any_more(protect, volumes):
 def wait_until_unmounted(partition):
     """Waits until udisks2 has noticed, which takes a moment."""
     deadline = time.monotonic() + 20
-    while any(volume["mountPoints"] for volume in told("volumes")["volumes"]
+    while any(volume["mountPoints"] for volume in json_of("volumes")["volumes"]
               if volume["uuid"] == partition.uuid):
         assert time.monotonic() < deadline
         time.sleep(0.1)

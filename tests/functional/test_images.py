@@ -73,10 +73,10 @@ def big_in(file_system):
 
 
 def copy_used(device, image, file_system, offset):
-    left_out = images.extents_of_files(device, file_system, OWN_FILES)
+    excluded_extents = images.extents_of_files(device, file_system, OWN_FILES)
     with open(device, "rb", buffering=0) as source, open(image, "r+b", buffering=0) as target:
         used = truth_of(device, file_system).used_extents()
-        for at, length in images.pieces(images.without(used, left_out)):
+        for at, length in images.pieces(images.without(used, excluded_extents)):
             os.pwrite(target.fileno(), os.pread(source.fileno(), length, at), offset + at)
 
 

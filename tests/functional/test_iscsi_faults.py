@@ -117,7 +117,7 @@ class Run:
             calls = Calls(relay, transport, self._content, self._directory, self._chosen)
             for kind in kinds:
                 self._make_one(calls, kind)
-                assert set(transport.complaints()) <= KNOWN, transport.log()
+                assert set(transport.logged_warnings()) <= KNOWN, transport.log()
         assert self._image.path.read_bytes() == self._content
 
     def _make_one(self, calls, kind):

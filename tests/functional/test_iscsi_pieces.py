@@ -12,7 +12,7 @@ from iscsi_call import (LONGEST_READ, LONGEST_WRITE, READ_AGAIN, READ_FAILED, RO
 from iscsi_faults import SILENCE, Cut, Refuse, Reorder, Shorten, Slots
 from iscsi_relay import Relay
 from iscsi_wire import BUSY, CHECK_CONDITION, TASK_SET_FULL
-from lab.delay import LongWay
+from lab.delay import DelayProxy
 from lab.istgt import Istgt
 from lab.targets import Target
 
@@ -89,7 +89,7 @@ def call(request, transport, image, source, tmp_path):
 def test_a_call_is_many_commands_in_flight_at_once(call, relay, transport):
     relay.fault = Reorder(call.commands)
     call.run()
-    assert transport.complaints() == []
+    assert transport.logged_warnings() == []
     assert [session.counts for session in relay.sessions] == [{call.command: call.commands}]
     assert relay.sessions[0].most > 8
 
@@ -97,7 +97,7 @@ def test_a_call_is_many_commands_in_flight_at_once(call, relay, transport):
 def test_answers_in_another_order(call, relay, transport):
     relay.fault = Reorder(5)
     call.run()
-    assert transport.complaints() == []
+    assert transport.logged_warnings() == []
     assert relay.fault.largest > 1
     assert relay.total(call.command) == call.commands
 
@@ -107,7 +107,7 @@ def test_commands_that_are_refused_for_now_are_sent_again(call, relay, transport
     """In the same session, and without a line in the log."""
     relay.fault = Refuse(status, range(1, call.commands, 3))
     call.run()
-    assert transport.complaints() == []
+    assert transport.logged_warnings() == []
     assert relay.fault.injected == len(range(1, call.commands, 3))
     assert len(relay.sessions) == 1
     assert relay.total(call.command) == call.commands + relay.fault.injected
@@ -118,7 +118,7 @@ def test_commands_that_are_refused_for_now_are_sent_again(call, relay, transport
 def test_a_target_that_refuses_commands_before_it_has_their_data(call, relay, transport):
     relay.fault = Refuse(TASK_SET_FULL, range(1, call.commands, 3), is_early=True)
     call.run()
-    assert transport.complaints() == []
+    assert transport.logged_warnings() == []
     assert relay.fault.injected == len(range(1, call.commands, 3))
 
 
@@ -127,7 +127,7 @@ def test_a_command_that_is_refused_while_it_is_alone_fails(relay, transport, ima
     assert transport.do("connect") == 0
     relay.fault = Refuse(status, {0})
     assert transport.write(source, 0, SECTOR) == SECTOR
-    assert transport.complaints() == [WRITE_FAILED, WRITE_AGAIN]
+    assert transport.logged_warnings() == [WRITE_FAILED, WRITE_AGAIN]
     assert [session.counts["write"] for session in relay.sessions] == [1, 1]
     assert image.path.read_bytes()[:SECTOR] == source.read_bytes()[:SECTOR]
 
@@ -137,14 +137,14 @@ def test_a_target_that_takes_nothing_fails_the_call(relay, transport, image, sou
     before = image.path.read_bytes()
     relay.fault = Refuse(BUSY, EACH)
     assert transport.write(source) == (-1, errno.EIO)
-    assert transport.complaints() == ROUNDS * [WRITE_FAILED, WRITE_AGAIN] + [WRITE_FAILED]
+    assert transport.logged_warnings() == ROUNDS * [WRITE_FAILED, WRITE_AGAIN] + [WRITE_FAILED]
     assert len(relay.sessions) == 1 + ROUNDS
     assert image.path.read_bytes() == before
 
 
 def test_the_number_in_flight_settles_at_what_a_target_takes(target, image, source):
     slots, calls = 4, 8
-    with LongWay(target.port, 0.002) as way, Relay(target, way.portal) as relay, \
+    with DelayProxy(target.port, 0.002) as proxy, Relay(target, proxy.portal) as relay, \
             Transport(relay, image) as transport:
         assert transport.do("connect") == 0
         relay.fault = Slots(slots)
@@ -156,7 +156,7 @@ def test_the_number_in_flight_settles_at_what_a_target_takes(target, image, sour
             assert transport.write(source) == SIZE
             assert slots <= relay.sessions[0].most < 2 * slots
         assert relay.fault.injected - learnt < learnt
-        assert transport.complaints() == []
+        assert transport.logged_warnings() == []
         assert len(relay.sessions) == 1
     assert image.path.read_bytes() == source.read_bytes()
 
@@ -165,7 +165,7 @@ def check_repeated(call, relay, transport):
     """Checks that the call fails once, and that everything is sent again in a second session."""
     call.run()
     assert relay.fault.injected == 1
-    assert transport.complaints() == call.troubles
+    assert transport.logged_warnings() == call.troubles
     assert len(relay.sessions) == 2
     assert relay.sessions[1].counts[call.command] == call.commands
 
@@ -202,7 +202,7 @@ def test_a_command_that_is_never_answered(relay, transport, image, source):
     assert transport.has_answer(2 * COMMAND_SECONDS)
     assert time.monotonic() - begun >= COMMAND_SECONDS - 1
     assert transport.take() == SIZE
-    assert transport.complaints() == [WRITE_FAILED, WRITE_AGAIN]
+    assert transport.logged_warnings() == [WRITE_FAILED, WRITE_AGAIN]
     assert image.path.read_bytes() == source.read_bytes()
 
 

@@ -98,8 +98,8 @@ def test_pieces_have_to_be_told_of(scratch):
 
 
 def test_row_that_leaves_something_open_is_named():
-    row = dataclasses.replace(xfs.KIND, truth=None, check=(), look="", needs_replay=None)
-    assert missing_in(row) == ["xfs: look", "xfs: check", "xfs: needs_replay", "xfs: truth"]
+    row = dataclasses.replace(xfs.KIND, truth=None, check=(), read_only_options="", needs_replay=None)
+    assert missing_in(row) == ["xfs: read_only_options", "xfs: check", "xfs: needs_replay", "xfs: truth"]
 
 
 def test_only_what_is_never_mounted_lacks_what_a_mount_needs():

@@ -11,10 +11,10 @@ from backup_site import EXT4, XFS, fill_some, root_of
 from fault_site import seeded
 from lab import driver
 from lab.daemon import program
-from lab.holds import Hold
 from lab.images import extents_of
 from lab.services import wait_until
 from lab.snapshots import MOUNT_ROOT, mounts
+from lab.syscalls import Hold
 from lab.volumes import Volume
 
 SECONDS = 60
@@ -110,13 +110,13 @@ def test_images_that_are_right(volumes, protect):
         root = root_of(partition)
         with open(root / "set aside", "wb") as file: # comes into use without a write
             os.posix_fallocate(file.fileno(), 0, 8 << 20)
-        told = audit(root, protection.images[name].path)
+        report = audit(root, protection.images[name].path)
         for stratum in ("unused", "unchanged"):
-            found = told[stratum]
-            assert found["sampled"] == found["blocks"] > 1000, told
-            assert (found["wrong"], found["undecided"], found["upperBound"]) == (0, 0, 0), told
+            found = report[stratum]
+            assert found["sampled"] == found["blocks"] > 1000, report
+            assert (found["wrong"], found["undecided"], found["upperBound"]) == (0, 0, 0), report
             assert found["blocksPerSecond"] > 0
-        assert told["clean"] and told["upperBound"] == 0
+        assert report["clean"] and report["upperBound"] == 0
     backup = protection.run()
     assert backup.state == "finished", backup.log
     assert {backup.type(name) for name in protection.partitions} == {"incremental"}, backup.log
@@ -132,11 +132,11 @@ def test_block_that_a_backup_has_missed(volumes, protect):
         victim = max((path for path in root.rglob("file *")), key=lambda path: path.stat().st_size)
         offset = pages_of(victim)[1]
         spoil(image, offset)
-        told = audit(root, image.path, status=WRONG)
-        assert told["unchanged"]["wrongBlocks"] == [{"offset": offset,
-                                                     "file": f"/{victim.relative_to(root)}"}]
-        assert (told["unchanged"]["wrong"], told["unused"]["wrong"], told["clean"]) == (1, 0, False)
-        assert told["unchanged"]["upperBound"] == pytest.approx(1 / told["unchanged"]["blocks"])
+        report = audit(root, image.path, status=WRONG)
+        assert report["unchanged"]["wrongBlocks"] == [{"offset": offset,
+                                                       "file": f"/{victim.relative_to(root)}"}]
+        assert (report["unchanged"]["wrong"], report["unused"]["wrong"], report["clean"]) == (1, 0, False)
+        assert report["unchanged"]["upperBound"] == pytest.approx(1 / report["unchanged"]["blocks"])
         shown = run_audit(partition.device, image.path, "--sample", ALL)
         assert shown.returncode == WRONG
         assert f"byte {offset}, of /{victim.relative_to(root)}\n" in shown.stdout, shown
@@ -252,9 +252,9 @@ def test_is_refused_while_a_backup_runs(one_volume):
 def test_volume_that_is_not_tracked(one_volume):
     site = one_volume
     driver.forget_devices()
-    told = audit(site.site.mount_point("data"), image_of(site))
-    assert "compares everything" in told["unchanged"]["notLookedAt"]
-    assert told["unused"]["sampled"] > 1000 and told["unused"]["wrong"] == 0
+    report = audit(site.site.mount_point("data"), image_of(site))
+    assert "compares everything" in report["unchanged"]["notLookedAt"]
+    assert report["unused"]["sampled"] > 1000 and report["unused"]["wrong"] == 0
     assert (driver.devices(), mounts()) == ([], [])
     assert not MOUNT_ROOT.exists() or list(MOUNT_ROOT.iterdir()) == []
     site.change()
@@ -297,8 +297,8 @@ def test_over_iscsi(one_volume):
     image = site.protection.images["data"]
     host = site.target.portal
     address = f"iscsi://{host}/{site.target.name}/{image.lun}"
-    told = audit(site.site.mount_point("data"), address)
-    assert told["clean"] and told["unchanged"]["sampled"] > 1000
+    report = audit(site.site.mount_point("data"), address)
+    assert report["clean"] and report["unchanged"]["sampled"] > 1000
 
 
 def test_command_line():

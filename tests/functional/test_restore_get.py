@@ -18,8 +18,8 @@ from lab.filesystems import kind_of
 from lab.images import tree_hashes
 from lab.targets import Target
 from lab.volume_images import mounted
-from restore_view_site import (FAILED, MOUNTABLE, SECONDS, WRONG, fails, make_image, make_loop_nodes,
-                               require_nothing_left, restore, servers, told)
+from restore_view_site import (FAILED, MOUNTABLE, SECONDS, WRONG, fails, json_of, make_image,
+                               make_loop_nodes, require_nothing_left, restore, servers)
 
 MOMENT = 1_600_000_000_123_456_789
 ODD_NAMES = ("a\nb", "-rf", "*?[x]", "sp ace ", "\u00fcml\u00e4ut", "back\\slash", "quo'te\"s", "bell\a")
@@ -102,7 +102,7 @@ def test_each_kind(file_system, directory):
                        lambda root: (fill(root, 2, files=8, largest=60_000), trees.append(tree_hashes(root))))
     restore("get", image, "/", directory / "back")
     assert tree_hashes(directory / "back") == trees[0]
-    listed = told("ls", "-R", image)["entries"]
+    listed = json_of("ls", "-R", image)["entries"]
     assert {entry["path"] for entry in listed} == set(trees[0])
 
 
@@ -150,7 +150,7 @@ def test_links_of_the_image_never_lead_to_this_machine(whole, directory):
     for name in ("away", "up"):
         restore("get", image, name, directory / name)
         assert os.path.islink(directory / name)
-    assert [entry["path"] for entry in told("ls", image, "out/")["entries"]] == ["hostname"]
+    assert [entry["path"] for entry in json_of("ls", image, "out/")["entries"]] == ["hostname"]
 
 
 def test_what_is_there_is_kept_unless_told(whole, directory):
@@ -185,7 +185,7 @@ def test_what_cannot_be_brought_is_named(whole, directory, tmpfs):
 
 def test_a_damaged_file_is_named_and_the_others_come(directory):
     image = make_image(directory, "ext4", lambda root: fill(root, 3, files=8, largest=60_000))
-    listed = [entry["path"] for entry in told("ls", "-R", image)["entries"] if entry["type"] == "file"]
+    listed = [entry["path"] for entry in json_of("ls", "-R", image)["entries"] if entry["type"] == "file"]
     inode = run("debugfs", "-R", f'stat "{listed[0]}"', image).split()[1]
     run("debugfs", "-w", "-R", f"set_inode_field <{inode}> block[0] 0xffff", image)
     run("debugfs", "-w", "-R", f"set_inode_field <{inode}> checksum 0x12345678", image)
@@ -210,7 +210,7 @@ def test_a_listing(whole):
     assert restore("ls", image, "/odd").stdout.splitlines() == [
         "*?[x]", "-rf", "a\\nb", "back\\\\slash", "bell\\007", "quo'te\"s", "second name", "sp ace ",
         "\u00fcml\u00e4ut"]
-    listed = {entry["path"]: entry for entry in told("ls", "-R", image)["entries"]}
+    listed = {entry["path"]: entry for entry in json_of("ls", "-R", image)["entries"]}
     assert set(listed) == set(expected)
     owned = listed["owned"]
     assert (owned["mode"], owned["owner"], owned["group"]) == ("-rwsr-x--x", 1234, 4321)
@@ -218,7 +218,7 @@ def test_a_listing(whole):
     assert (owned["modified"], owned["modifiedNanoseconds"]) == ("2020-09-13T12:26:40Z", 123_456_789)
     assert (listed["away"]["type"], listed["away"]["target"]) == ("link", "/etc/hostname")
     assert restore("ls", "-l", image, "up").stdout.endswith(" up -> ../../../../../../etc/hostname\n")
-    assert told("ls", image, "sparse")["entries"][0]["allocated"] < 1 << 20
+    assert json_of("ls", image, "sparse")["entries"][0]["allocated"] < 1 << 20
     assert "can't be opened in the image" in fails("ls", image, "no")
 
 

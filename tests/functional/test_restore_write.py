@@ -68,9 +68,9 @@ def test_volume_of_a_backup(protect, volumes, target, name, directory):
     expected = manifest(root_of(volumes[name]))
     address, secret = address_of(protection.images[name])
     with device_of(directory / "new", volumes[name].volume.mebibytes) as device:
-        told = json.loads(restore("write", f"{address}?offset={3 * MIB}", device, "--json", secret=secret))
-    assert told["usedBlocksKnown"] and told["comparedBytes"] == told["copiedBytes"]
-    assert told["copiedBytes"] <= told["usedBytes"] <= told["copiedBytes"] + MIB < told["volumeBytes"]
+        report = json.loads(restore("write", f"{address}?offset={3 * MIB}", device, "--json", secret=secret))
+    assert report["usedBlocksKnown"] and report["comparedBytes"] == report["copiedBytes"]
+    assert report["copiedBytes"] <= report["usedBytes"] <= report["copiedBytes"] + MIB < report["volumeBytes"]
     check_volume(directory / "new", volumes[name].volume.file_system, expected)
 
 
@@ -119,8 +119,8 @@ def test_kind_that_is_not_known(directory):
     image = blank(directory / "image", 20 * MIB)
     target = directory / "new"
     target.touch()
-    told = json.loads(restore("write", image, target, "--json"))
-    assert not told["usedBlocksKnown"] and "no kind that is known" in told["reason"]
+    report = json.loads(restore("write", image, target, "--json"))
+    assert not report["usedBlocksKnown"] and "no kind that is known" in report["reason"]
     assert target.read_bytes() == image.read_bytes()
 
 
@@ -259,8 +259,8 @@ def test_device_with_half_of_another_image(ext4_image, directory):
 def test_dry_run_writes_nothing(ext4_image, directory):
     image, _ = ext4_image
     with device_of(directory / "new", 200) as device:
-        told = json.loads(restore("write", image, device, "--dry-run", "--json"))
-        assert told["volumeBytes"] == 180 * MIB and told["content"] is None
+        report = json.loads(restore("write", image, device, "--dry-run", "--json"))
+        assert report["volumeBytes"] == 180 * MIB and report["content"] is None
         assert restore("write", image, device, "--dry-run").startswith("Would write ")
     assert os.stat(directory / "new").st_blocks == 0
 

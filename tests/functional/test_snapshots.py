@@ -3,7 +3,6 @@ import errno
 import itertools
 import os
 import pathlib
-import random
 import re
 import subprocess
 
@@ -13,10 +12,10 @@ from change_records import UNIT, differing_units, marked_since
 from lab import driver
 from lab.daemon import BASE, program
 from lab.driver import STORE
-from lab.holds import MOUNT_CALLS
 from lab.images import tree_hashes
 from lab.snapshots import MOUNT_ROOT, SessionError
-from snapshot_site import COW_MIB, EXT4, SnapshotSite, keep, read_device, read_record
+from snapshot_site import (COW_MIB, EXT4, SnapshotSite, copy_snapshot, fill_tree, read_device, read_record,
+                           recover)
 
 MIB = 1 << 20
 BOTH = ("data", "files")
@@ -38,17 +37,6 @@ def small_site(site):
         yield made
 
 
-def fill_tree(root, seed):
-    """Creates some files of random content, and removes some."""
-    numbers = random.Random(seed)
-    for number in range(20):
-        path = pathlib.Path(root, f"folder {number % 3}", f"file {numbers.randrange(40)}")
-        path.parent.mkdir(exist_ok=True)
-        path.write_bytes(numbers.randbytes(numbers.randrange(200_000)))
-    for path in sorted(pathlib.Path(root).glob("*/file *"))[::7]:
-        path.unlink()
-
-
 def fail_session(site, incremental=True, trace=()):
     """Runs a session whose start must fail, and ends it as a backup does. Returns the error text and the
     log."""
@@ -68,25 +56,9 @@ def begin_tracking(site, directory):
     """Starts tracking; returns copies of the volumes' current content."""
     with site.session(incremental=False) as session:
         facts = session.start()
-        captures = {name: keep(facts[name]["snapshotPath"], directory / name) for name in BOTH}
+        captures = {name: copy_snapshot(facts[name]["snapshotPath"], directory / name) for name in BOTH}
         session.end("success")
     return captures
-
-
-def recover(site, incremental):
-    """Runs the next backups after a killed one: at most one of them may fail."""
-    for _ in range(2):
-        with site.session(incremental=incremental) as session:
-            try:
-                session.start()
-                return session.end("success")
-            except SessionError as error:
-                failure = f"{error}\n{session.log}"
-                try:
-                    session.end("failure")
-                except SessionError:
-                    pass # the device doesn't exist any more
-    raise AssertionError(failure)
 
 
 def test_snapshot_stands_still(lab_site):
@@ -142,7 +114,7 @@ def test_record_marks_exactly_what_has_changed(lab_site, tmp_path):
             assert facts[name]["incrementalPreserved"] is True
             assert facts[name]["fileName"] == str(lab_site.mount_point(name) / ".tolvu")
             assert facts[name]["bitmapOffset"] == UNIT
-            after = keep(facts[name]["snapshotPath"], tmp_path / f"{name} after")
+            after = copy_snapshot(facts[name]["snapshotPath"], tmp_path / f"{name} after")
             marked, count = read_record(facts[name]["fileName"], after.stat().st_size // UNIT)
             assert marked == marked_since(captures[name], after, lab_site[name].volume.file_system)
             assert count == len(marked) > len(set(differing_units(captures[name], after))) > 100
@@ -161,7 +133,7 @@ def test_failed_backup_is_made_good_by_the_next(small_site, tmp_path):
     for outcome in ("success", "failure", "failure", "success", "success"):
         with small_site.session(incremental=bool(captures)) as session:
             facts = session.start()["data"]
-            captures.append(keep(facts["snapshotPath"], tmp_path / f"capture {len(captures)}"))
+            captures.append(copy_snapshot(facts["snapshotPath"], tmp_path / f"capture {len(captures)}"))
             marks, count = read_record(facts["fileName"], captures[0].stat().st_size // UNIT)
             marked.append(marks)
             counts.append(count)
@@ -211,7 +183,7 @@ def test_tracking_outlives_a_restart(lab_site, tmp_path):
         facts = session.start()
         for name in BOTH:
             assert facts[name]["incrementalPreserved"] is True
-            after = keep(facts[name]["snapshotPath"], tmp_path / f"{name} after")
+            after = copy_snapshot(facts[name]["snapshotPath"], tmp_path / f"{name} after")
             marked, _ = read_record(facts[name]["fileName"], after.stat().st_size // UNIT)
             assert marked == marked_since(captures[name], after, lab_site[name].volume.file_system)
         session.end("success")
@@ -374,62 +346,3 @@ def test_snapshot_in_use_costs_one_session(small_site):
     recover(small_site, incremental=True)
     small_site.check_clean()
     small_site.check_writable("data")
-
-
-SYSTEM_CALLS = ("ioctl", "rename", "mount", "fsconfig", "move_mount", "umount2", "mknodat", "unlink",
-                "unlinkat", "fallocate", "fsync", "fdatasync", "ftruncate", "mkdir", "chmod", "rmdir", "sync",
-                "pwrite64", "flock")
-MOST_KILLS = 5 # for each kind of call
-
-
-TRACE = f"trace=?{',?'.join(SYSTEM_CALLS)}"
-
-
-def count_calls(site, path, incremental):
-    """The number of calls that a session makes of each system call."""
-    with site.session(incremental=incremental) as session:
-        session.trace("-e", TRACE, output=path)
-        session.start()
-        session.end("success")
-    names = re.findall(r"^\d+ +(\w+)\(", path.read_text(), re.MULTILINE)
-    return {name: names.count(name) for name in SYSTEM_CALLS if name in names}
-
-
-def moments(total):
-    """Some of the numbers from 1 to `total`, including the first and the last."""
-    if total <= MOST_KILLS:
-        return list(range(1, total + 1))
-    return sorted({1 + number * (total - 1) // (MOST_KILLS - 1) for number in range(MOST_KILLS)})
-
-
-@pytest.mark.parametrize("is_first", [True, False])
-def test_killed_at_each_step(small_site, tmp_path, is_first):
-    """kill -9 before any of the important system calls of a session: the volume is writable again within a
-    second, at most one of the next sessions fails, and nothing is left behind."""
-    if not is_first:
-        small_site.run_session(incremental=False)
-    counts = count_calls(small_site, tmp_path / "calls", incremental=not is_first)
-    assert {"ioctl", "rename", "umount2"} <= set(counts)
-    assert set(MOUNT_CALLS.split(",")) & set(counts)
-    for name, total in counts.items():
-        for number in moments(total):
-            if is_first:
-                small_site.forget_snapshots()
-            kill_session(small_site, f"inject={name}:signal=KILL:when={number}", incremental=not is_first)
-            small_site.check_writable("data")
-            ended = recover(small_site, incremental=not is_first)
-            assert ended["data"]["incrementalPreserved"] is True, (name, number)
-            small_site.check_clean()
-            assert small_site.own_files("data") in ([".tolvu", ".tolvu.inc"], [".tolvu.inc", ".tolvu1"])
-
-
-def kill_session(site, injection, incremental):
-    """Runs a session that is killed at a system call."""
-    with site.session(incremental=incremental) as session:
-        session.trace("-e", TRACE, "-e", injection)
-        for command in ("start", "end success"):
-            try:
-                if session.run(command) is None:
-                    break
-            except SessionError:
-                break # the driver's helper was killed: an ordinary failure

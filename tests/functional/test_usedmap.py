@@ -13,7 +13,7 @@ from lab import filesystems, xfs
 from lab.commands import run
 from lab.filesystems import kind_of
 from lab.images import tree_hashes
-from lab.volume_images import age, fill, frozen, make_image, mounted, riddle
+from lab.volume_images import age, fill, fragment_free_space, frozen, make_image, mounted
 from used_maps import BUILD, TOOL, Comparison, refused
 
 
@@ -240,7 +240,7 @@ def test_ext_is_repaired_by_what_the_map_leaves(tmp_path):
 def test_xfs_tree_of_three_levels(tmp_path, matrix):
     image = make_image(tmp_path / "image", 320, "xfs", "-b", "size=1024", "-d", "agcount=4")
     with mounted(image, "xfs", tmp_path / "mnt") as (device, directory):
-        riddle(directory / "riddled", 1024, 30_000)
+        fragment_free_space(directory / "riddled", 1024, 30_000)
         with frozen(directory):
             assert not unexplained(device, "xfs", matrix, "xfs 1K, free in single blocks, frozen")
     assert max(xfs.number(image, f"agf {group}", "bnolevel") for group in range(4)) >= 3

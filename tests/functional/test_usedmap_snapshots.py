@@ -39,13 +39,13 @@ def in_use(lab_site):
 @pytest.fixture
 def snapshots(site):
     """snapshots(VOLUMES) maps each volume's name to the volume and the device of its snapshot."""
-    with contextlib.ExitStack() as lasting:
+    with contextlib.ExitStack() as stack:
         def take(volumes):
-            lab_site = lasting.enter_context(SnapshotSite(volumes))
-            lasting.enter_context(in_use(lab_site))
-            session = lasting.enter_context(lab_site.session(incremental=False))
+            lab_site = stack.enter_context(SnapshotSite(volumes))
+            stack.enter_context(in_use(lab_site))
+            session = stack.enter_context(lab_site.session(incremental=False))
             facts = session.start()
-            lasting.callback(session.end, "success")
+            stack.callback(session.end, "success")
             return {name: (lab_site[name], facts[name]["snapshotPath"]) for name in lab_site.names}
         yield take
 

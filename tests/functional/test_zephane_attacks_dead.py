@@ -76,7 +76,7 @@ def test_killed_writer_is_gone_at_once(scene, attacks):
     with scene.owner():
         assert scene.content()[:LENGTH] == b"w" * LENGTH
     scene.note_content()
-    scene.check_standing()
+    scene.check_unharmed()
     attacks.note("a writer killed", "the next one let in at once, what was acknowledged is there")
 
 
@@ -85,4 +85,4 @@ def test_dead_writers_are_found(scene, attacks):
         jobs = {job.__name__: pool.submit(job, scene) for job in (firewall_writer, stop_reading)}
     for name, job in jobs.items():
         attacks.note(f"a writer that is dead: {name}", f"ended after {job.result():.0f} s")
-    scene.check_standing()
+    scene.check_unharmed()

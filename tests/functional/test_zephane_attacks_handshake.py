@@ -54,7 +54,7 @@ def check_all(scene, attacks, name, attempt, variants):
     with concurrent.futures.ThreadPoolExecutor(AT_ONCE) as pool:
         outcomes = list(pool.map(attempt, variants))
     assert outcomes and set(outcomes) <= {"closed", REFUSED}, (name, set(outcomes))
-    scene.check_standing()
+    scene.check_unharmed()
     counted = ", ".join(f"{outcomes.count(kind)} {kind}" for kind in sorted(set(outcomes)))
     attacks.note(f"{name}, {len(outcomes)} tries", counted)
 
@@ -206,7 +206,7 @@ def test_odd_hellos_open_nothing(scene, attacks):
 def test_tls_1_2_is_refused(scene, attacks):
     with pytest.raises(ConnectionError):
         TlsConnection.to(scene.port, context=TlsContext(version=TLS_1_2))
-    scene.check_standing()
+    scene.check_unharmed()
     attacks.note("TLS 1.2", "refused")
 
 
@@ -218,7 +218,7 @@ def test_plain_text_is_refused(scene, attacks):
             while piece := plain.recv(4096):
                 received += piece
     assert wire.MAGIC not in received
-    scene.check_standing()
+    scene.check_unharmed()
     attacks.note("no TLS at all", "refused")
 
 
@@ -303,7 +303,7 @@ def test_slow_handshakes_are_ended(scene, attacks):
     for name, job in jobs.items():
         assert HANDSHAKE_SECONDS - 1 < job.result() < HANDSHAKE_SECONDS + MARGIN_SECONDS, name
         attacks.note(f"{name}, and no more", f"closed after {job.result():.1f} s")
-    scene.check_standing()
+    scene.check_unharmed()
 
 
 @contextlib.contextmanager
@@ -322,8 +322,8 @@ def test_thousands_who_say_nothing_keep_nobody_out(scene, attacks, limit):
         with contextlib.ExitStack() as strangers:
             for _ in range(STRANGERS):
                 strangers.enter_context(scene.connect())
-            seconds = timed(scene.check_standing)
+            seconds = timed(scene.check_unharmed)
     assert seconds < ENTER_SECONDS + HANDSHAKE_SECONDS
-    scene.check_standing()
+    scene.check_unharmed()
     attacks.note(f"{STRANGERS} connections that say nothing, {limit} descriptors",
                  f"owners served in {seconds:.1f} s, peak of memory {scene.peak_memory() >> 10} MiB")

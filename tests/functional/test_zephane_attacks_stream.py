@@ -63,7 +63,7 @@ def test_flipped_heads_change_nothing_else(scene, attacks, flags, heads):
             assert elsewhere(scene.content()) == elsewhere(before)
             tries += 1
     scene.note_content()
-    scene.check_standing()
+    scene.check_unharmed()
     attacks.note(f"a bit of the heads of a block or frame flipped, {tries} tries",
                  "session ended, nothing changed")
 
@@ -73,13 +73,13 @@ def test_flipped_beginnings_of_a_stream_change_nothing(scene, attacks):
     tries = 0
     for byte in range(13):
         for bit in range(8):
-            with scene.owner_at_stream(flags=COMPRESSED) as attacker:
+            with scene.admitted_client(flags=COMPRESSED) as attacker:
                 sent = attacker.stream.encoded(wire.frames(wire.NBD, struct.pack(">I", 3)))
                 with contextlib.suppress(ConnectionError):
                     attacker.connection.send(flipped(sent, byte, bit))
                 end_sending(attacker)
             tries += 1
-    scene.check_standing()
+    scene.check_unharmed()
     attacks.note(f"a bit of the first bytes of a stream flipped, {tries} tries",
                  "session ended, nothing changed")
 
@@ -97,7 +97,7 @@ def test_writes_that_are_cut_short_are_not_done(scene, attacks, flags):
             attacker.connection.send(attacker.stream.encoded(write_request(b"\xaa" * LENGTH))[:size])
             end_sending(attacker)
         assert scene.content()[PLACE:PLACE + LENGTH] == kept, size
-    scene.check_standing()
+    scene.check_unharmed()
     attacks.note(f"a write cut short, {len(sizes)} tries", "session ended, nothing written")
 
 
@@ -125,12 +125,12 @@ def odd_streams():
 
 def test_streams_that_are_not_ours_end_the_session(scene, attacks):
     for name, sent in odd_streams():
-        with scene.owner_at_stream(flags=COMPRESSED) as attacker:
+        with scene.admitted_client(flags=COMPRESSED) as attacker:
             with contextlib.suppress(ConnectionError):
                 attacker.connection.send(sent)
             assert attacker.is_ended(ENDED_SECONDS), name
         attacks.note(f"zstd: {name}", "session ended")
-    scene.check_standing()
+    scene.check_unharmed()
 
 
 def test_bomb_of_writes_takes_no_memory(scene, attacks):
@@ -147,7 +147,7 @@ def test_bomb_of_writes_takes_no_memory(scene, attacks):
         image.flush()
     assert scene.content() == bytes(SIZE)
     scene.note_content()
-    scene.check_standing()
+    scene.check_unharmed()
     attacks.note(f"a write of {SIZE >> 20} MiB in {len(bomb)} bytes, {1024 * MIB // SIZE} times",
                  f"written in {seconds:.1f} s, peak of memory {scene.peak_memory() >> 10} MiB")
 
@@ -155,7 +155,7 @@ def test_bomb_of_writes_takes_no_memory(scene, attacks):
 def test_blocks_of_nothing_keep_nobody_out(scene, attacks):
     """They cost the server time without any data; other clients continue meanwhile."""
     nothing = zstd.block_head(zstd.RAW, 0) * 100_000
-    with scene.owner_at_stream(flags=COMPRESSED) as attacker:
+    with scene.admitted_client(flags=COMPRESSED) as attacker:
         attacker.connection.send(zstd.stream_head())
         with concurrent.futures.ThreadPoolExecutor(1) as pool:
             sending = pool.submit(lambda: [attacker.connection.send(nothing) for _ in range(20)])
@@ -163,7 +163,7 @@ def test_blocks_of_nothing_keep_nobody_out(scene, attacks):
                 assert other.size == OTHER_SIZE
             sending.result()
         end_sending(attacker)
-    scene.check_standing()
+    scene.check_unharmed()
     attacks.note("2,000,000 blocks of nothing", "session goes on, and so do others")
 
 
@@ -194,7 +194,7 @@ def test_odd_frames_end_the_session(scene, attacks, flags, odd):
                 attacker.stream.send_raw(sent)
             assert attacker.is_ended(ENDED_SECONDS), name
         attacks.note(f"frame: {odd.__name__}, {name}", "session ended")
-    scene.check_standing()
+    scene.check_unharmed()
 
 
 def ask_for_digests(attacker, offset, length):
@@ -212,7 +212,7 @@ def test_digests_of_what_is_not_there(scene, attacks, offset, length):
         assert code < 0 and not digests
         assert ask_for_digests(attacker, SIZE - MIB, MIB) == (0, wire.digests_of(scene.content()[-MIB:]))
         image.write(PLACE, scene.content()[PLACE:PLACE + LENGTH])
-    scene.check_standing()
+    scene.check_unharmed()
     attacks.note(f"digests of {offset}+{length}, beyond the end", f"refused, {code}")
 
 
@@ -221,7 +221,7 @@ def test_two_digest_requests_at_once_end_the_session(scene, attacks):
         with contextlib.suppress(ConnectionError):
             attacker.stream.send_raw(wire.digest_request(0, wire.DIGEST_LIMIT) * 200)
         assert attacker.is_ended(ENDED_SECONDS)
-    scene.check_standing()
+    scene.check_unharmed()
     attacks.note("200 digest requests at once", "session ended")
 
 
@@ -229,7 +229,7 @@ def test_two_digest_requests_at_once_end_the_session(scene, attacks):
 
 def size_of_export(scene, ask):
     """The size that a client gets when it asks for an export with `ask`, or None."""
-    with scene.owner_at_stream(flags=PLAIN) as attacker:
+    with scene.admitted_client(flags=PLAIN) as attacker:
         image = nbd.NbdClient(attacker.stream).greet()
         with contextlib.suppress(NbdRefusal, ConnectionError):
             ask(image)
@@ -248,28 +248,28 @@ def test_other_exports_are_refused_or_the_same_image(scene, attacks):
         assert sizes <= {None, SIZE}
         attacks.note(f"NBD: export by another name, {way}, {len(names)} tries", f"sizes {sizes}")
     assert size_of_export(scene, lambda image: image.go(b"")) == SIZE
-    scene.check_standing()
+    scene.check_unharmed()
 
 
 def test_list_of_exports_names_no_other_image(scene, attacks):
-    with scene.owner_at_stream() as attacker:
+    with scene.admitted_client() as attacker:
         listed = nbd.NbdClient(attacker.stream).greet().option(nbd.LIST)
     assert listed and not any(scene.other.path.encode() in data for _, data in listed)
     attacks.note("NBD: list of exports", f"{listed}")
 
 
 def test_endless_haggling_is_ended(scene, attacks):
-    with scene.owner_at_stream(flags=PLAIN) as attacker:
+    with scene.admitted_client(flags=PLAIN) as attacker:
         image = nbd.NbdClient(attacker.stream).greet()
         with pytest.raises(ConnectionError):
             for _ in range(10_000):
                 with contextlib.suppress(NbdRefusal):
                     image.option(99, bytes(4096))
-    with scene.owner_at_stream(flags=PLAIN) as attacker:
+    with scene.admitted_client(flags=PLAIN) as attacker:
         nbd.NbdClient(attacker.stream).greet()
         attacker.stream.send(b"IHAVEOPT" + struct.pack(">II", nbd.GO, 2**32 - 1))
         assert attacker.is_ended(ENDED_SECONDS)
-    scene.check_standing()
+    scene.check_unharmed()
     attacks.note("NBD: 10,000 options, and one of 4 GiB", "session ended")
 
 
@@ -286,7 +286,7 @@ def test_requests_beyond_the_end_are_refused(scene, attacks, kind, offset, lengt
     with scene.owner(flags=PLAIN) as (_, image):
         with pytest.raises((NbdRefusal, ConnectionError)) as refusal:
             image.call(kind, offset, length, bytes(length) if kind == nbd.WRITE else b"")
-    scene.check_standing()
+    scene.check_unharmed()
     attacks.note(f"NBD: request {kind} of {offset}+{length}, {SIZE} is the end", str(refusal.value))
 
 
@@ -297,7 +297,7 @@ def test_garbage_instead_of_nbd_ends_the_session(scene, attacks):
                 attacker.stream.send(sent)
                 attacker.connection.socket.shutdown(socket.SHUT_WR)
             assert attacker.is_ended(ENDED_SECONDS)
-    scene.check_standing()
+    scene.check_unharmed()
     attacks.note("NBD: noise, 3 tries", "session ended")
 
 
@@ -310,7 +310,7 @@ def test_who_may_only_read_changes_nothing(scene, attacks, flags):
         with scene.owner(flags=flags) as (_, image), pytest.raises((NbdRefusal, ConnectionError)) as refusal:
             image.call(kind, PLACE, LENGTH, data)
         attacks.note(f"NBD: request {kind} of one who may only read, flags {flags}", str(refusal.value))
-    scene.check_standing()
+    scene.check_unharmed()
 
 
 # Several clients at once.
@@ -324,12 +324,12 @@ def test_one_writer_at_a_time(scene, attacks):
     with scene.owner() as (writer, image):
         assert code_of(scene.attacker()) == wire.BUSY
         assert code_of(scene.attacker(flags=0)) == 0
-        assert code_of(scene.attacker(mine=writer.mine)) == 0
+        assert code_of(scene.attacker(client_id=writer.client_id)) == 0
         assert code_of(scene.attacker(scene.other)) == 0
         image.write(PLACE, scene.content()[PLACE:PLACE + LENGTH])
     with scene.owner():
         pass # the previous one has closed without a TLS notification
-    scene.check_standing()
+    scene.check_unharmed()
     attacks.note("a second writer", f"refused, {wire.BUSY}")
 
 
@@ -350,5 +350,5 @@ def test_sessions_of_one_image_keep_nobody_out_of_another(scene, attacks):
         assert codes[0] == 0
         with scene.owner(scene.other) as (_, image):
             assert image.size == OTHER_SIZE
-    scene.check_standing()
+    scene.check_unharmed()
     attacks.note(f"{SESSIONS} sessions of one image at once", f"{codes.count(0)} served, other images too")

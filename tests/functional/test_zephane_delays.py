@@ -6,7 +6,7 @@ import pytest
 
 from fault_site import DATA, LITTLE, fault_site
 from lab.zephane import ZephaneServer
-from zephane_site import FAILING_CALLS, KINDS, FragileServer
+from zephane_site import FAILING_CALLS, KINDS, FailingServer
 
 SERVER = ZephaneServer
 pytestmark = pytest.mark.usefixtures("punching") # otherwise no request zeroes blocks
@@ -15,12 +15,12 @@ SECONDS_AWAY = 2
 
 def test_storage_fails_now_and_then(agent, appliance, faults):
     """Some of the backups succeed and some fail."""
-    with fault_site(appliance, agent, (DATA,), FragileServer, rate="1%") as site:
+    with fault_site(appliance, agent, (DATA,), FailingServer, rate="1%") as site:
         for number in range(6):
             site.target.fail(*FAILING_CALLS)
             site.change()
             backup = site.protection.run(**KINDS[number % len(KINDS)])
-            site.target.mend()
+            site.target.stop_failing()
             faults.note(f"EIO of one call in a hundred, {KINDS[number % len(KINDS)]}", site.judge(backup))
             site.check_clean()
         site.assert_recovered()

@@ -2,10 +2,10 @@
 works."""
 import pytest
 
-from lab.holds import Trace
-from zephane_site import FAILING_CALLS, KINDS, FragileServer
+from lab.syscalls import Trace
+from zephane_site import FAILING_CALLS, KINDS, FailingServer
 
-SERVER = FragileServer
+SERVER = FailingServer
 pytestmark = pytest.mark.usefixtures("punching") # otherwise no request zeroes blocks
 
 
@@ -15,7 +15,7 @@ def run_broken(site, faults, fault, *calls, **kind):
         site.target.fail(*calls)
         hold.release()
         backup.wait()
-    site.target.mend()
+    site.target.stop_failing()
     faults.note(f"{fault}, {kind}", site.judge(backup))
     return backup
 
@@ -34,7 +34,7 @@ def test_storage_fails_from_the_beginning(one_volume, faults):
     site = one_volume
     site.target.fail("pread")
     backup = site.protection.run()
-    site.target.mend()
+    site.target.stop_failing()
     faults.note("EIO of each pread from the beginning", site.judge(backup))
     assert backup.state == "failed", backup.log
     assert "Failed to generate remote checksum" in backup.log

@@ -12,14 +12,14 @@ from lab.driver import STORE
 from lab.filesystems import mounted
 from lab.loops import images_on
 from lab.lvm import spare_disks
+from lab.resources import Resource
 from lab.services import wait_until
-from lab.stay import Stay
 
 UNIT = 4096
 TABLE_OFFSET = 4096
 TRACKING, SNAPSHOT = 2, 3
 PLACES = ("partition", "logical volume") if spare_disks() else ("partition",) # for volumes, on this machine
-KEPT = ("lock", "starts", "state.json") # what the store holds besides captures
+STORE_FILES = ("lock", "starts", "state.json") # what the store holds besides captures
 
 
 class Partitions:
@@ -50,9 +50,9 @@ class Partitions:
         expect_loops(shown, where)
 
     @staticmethod
-    def check_record(told, changed, _below):
+    def check_record(recorded, changed, _below):
         """Checks that the driver reports exactly the units that have changed."""
-        assert told == changed
+        assert recorded == changed
 
 
 class LogicalVolumes:
@@ -87,10 +87,10 @@ class LogicalVolumes:
         assert (stored(), loops()) == ([], []), where
 
     @staticmethod
-    def check_record(told, changed, below):
+    def check_record(recorded, changed, below):
         """Checks that the driver reports at least the changed units, except for its own files, which are
         written below the layers."""
-        assert told >= changed - below
+        assert recorded >= changed - below
 
 
 def layers():
@@ -99,7 +99,7 @@ def layers():
     return [line.split(":")[0] for line in listed.splitlines() if ":TOLVU-" in line]
 
 
-class Volume(Stay):
+class Volume(Resource):
     """A mounted file system on a device that `place` provides."""
 
     def __init__(self, name, filesystem, sectors, place=Partitions()):
@@ -109,11 +109,11 @@ class Volume(Stay):
         self.place = place
         self._made = place(name, filesystem, sectors)
 
-    def open(self, lasting):
-        self.device = pathlib.Path(lasting.enter_context(self._made))
+    def open(self, stack):
+        self.device = pathlib.Path(stack.enter_context(self._made))
         self.size = int(run("blockdev", "--getsize64", self.device))
         self.mount()
-        lasting.callback(self.unmount)
+        stack.callback(self.unmount)
 
     @property
     def cow(self):
@@ -189,7 +189,7 @@ def expect_loops(count, where=""):
 
 
 def stored():
-    return sorted(path.name for path in STORE.iterdir() if not path.name.startswith(KEPT))
+    return sorted(path.name for path in STORE.iterdir() if not path.name.startswith(STORE_FILES))
 
 
 def detach_captures():

@@ -29,22 +29,23 @@ class Comparison:
         self.truth = truth = truth or self._kind.truth(volume)
         found = json.loads(run(TOOL, "--json", *options, volume))
         assert found["blockSize"] == truth.block_size
-        assert found["blocks"] == truth.blocks or self._kind.goes_on and found["blocks"] > truth.blocks
+        assert found["blocks"] == truth.blocks or (self._kind.map_exceeds_file_system
+                                                   and found["blocks"] > truth.blocks)
         assert (found["blocks"] - 1) * truth.block_size < found["deviceBytes"]
         self.ranges = [(first, min(count, truth.blocks - first)) for first, count in found["ranges"]
                        if first < truth.blocks]
         self.used = {block for first, count in self.ranges for block in range(first, first + count)}
         truly_used = set(range(truth.blocks)) - truth.free
-        left_out = (found["driverFileBytes"] or 0) // truth.block_size
-        self.lost = truly_used - self.used    # a backup would leave these out
-        if len(self.lost) == left_out:        # as it does with the snapshot driver's files
+        driver_file_blocks = (found["driverFileBytes"] or 0) // truth.block_size
+        self.lost = truly_used - self.used         # a backup would leave these out
+        if len(self.lost) == driver_file_blocks:   # as it does with the snapshot driver's files
             self.lost = set()
-        self.kept = self.used & truth.free    # a backup would copy these needlessly
+        self.kept = self.used & truth.free         # a backup would copy these needlessly
 
     @property
     def unexplained(self):
         """The blocks that differ, except for free ones that the agent may report as used."""
-        return self.lost | (self.kept - self._kind.doubtful(self._volume))
+        return self.lost | (self.kept - self._kind.may_be_reported_used(self._volume))
 
     def note(self, matrix, name):
         matrix.append((name, self.truth.blocks, len(self.used), len(self.lost), len(self.kept)))

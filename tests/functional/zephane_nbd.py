@@ -105,7 +105,7 @@ class NbdServer:
 
     def run(self):
         self.greet()
-        self.haggle()
+        self.negotiate_options()
         while self.serve(*self.receive_request()):
             pass
 
@@ -113,7 +113,7 @@ class NbdServer:
         self.stream.send(GREETING + struct.pack(">H", FIXED_NEWSTYLE | NO_ZEROES))
         self.stream.receive(4)
 
-    def haggle(self):
+    def negotiate_options(self):
         """Answers options until one opens the image."""
         while True:
             _, option, length = struct.unpack(">8sII", self.stream.receive(16))

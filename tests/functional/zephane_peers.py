@@ -89,19 +89,19 @@ class FrameStream:
 
 
 class Attacker:
-    """A client. `mine` is its client ID."""
+    """A client. Its client ID is random unless one is given."""
 
-    def __init__(self, port, image, flags=wire.WRITABLE, *, mine=None, context=CLIENT, seconds=SECONDS):
+    def __init__(self, port, image, flags=wire.WRITABLE, *, client_id=None, context=CLIENT, seconds=SECONDS):
         self.image = image
         self.flags = flags
-        self.mine = mine or os.urandom(16)
+        self.client_id = client_id or os.urandom(16)
         self.connection = TlsConnection.to(port, context=context, seconds=seconds)
         self.transcript = b""
         self.stream = None
 
     def send_hello(self, hello=None):
         """Sends the client's hello, and receives the server's."""
-        hello = hello or wire.client_hello(self.image.path, self.image.volume_id, self.flags, self.mine)
+        hello = hello or wire.client_hello(self.image.path, self.image.volume_id, self.flags, self.client_id)
         self.connection.send(hello)
         self.transcript = hello + wire.receive_message(self.connection)
         return hello

@@ -5,8 +5,8 @@ import hashlib
 import socket
 
 import zephane_wire as wire
+from lab.resources import Resource
 from lab.services import wait_until
-from lab.stay import Stay
 from lab.usage import status_number
 from lab.zephane import ZephaneServer
 from zephane_nbd import NbdClient
@@ -23,11 +23,11 @@ def digest(path):
     return hashlib.sha256(path.read_bytes()).hexdigest()
 
 
-class Scene(Stay):
+class Scene(Resource):
     """Two images of one server, `image` and `other`. The scene always knows what the files must hold."""
 
-    def open(self, lasting):
-        self.server = lasting.enter_context(ZephaneServer())
+    def open(self, stack):
+        self.server = stack.enter_context(ZephaneServer())
         self.image, self.other = (self._add(*sizes) for sizes in (("data", SIZE), ("other", OTHER_SIZE)))
         self._known = {}
         self.note_content()
@@ -65,7 +65,7 @@ class Scene(Stay):
         return None
 
     @contextlib.contextmanager
-    def owner_at_stream(self, image=None, **options):
+    def admitted_client(self, image=None, **options):
         """A well-behaved client, admitted as soon as the previous writer has gone."""
         with wait_until(lambda: self._admitted(image, options), ENTER_SECONDS, "a writer let in") as attacker:
             yield attacker
@@ -73,10 +73,10 @@ class Scene(Stay):
     @contextlib.contextmanager
     def owner(self, image=None, **options):
         """The same, connected up to the image: (attacker, NBD)."""
-        with self.owner_at_stream(image, **options) as attacker:
+        with self.admitted_client(image, **options) as attacker:
             yield attacker, NbdClient(attacker.stream).greet().go()
 
-    def check_standing(self):
+    def check_unharmed(self):
         """Checks that the server runs, admits the owner of each image and uses bounded memory, and that its
         images are unchanged."""
         self.server.check_running()

@@ -59,20 +59,20 @@ def free_extents(partition):
     return [(first * truth.block_size, count * truth.block_size) for first, count in truth.free_ranges]
 
 
-class FragileServer(ZephaneServer):
+class FailingServer(ZephaneServer):
     """A server whose engines fail chosen calls with a storage error, at this rate."""
 
     def __init__(self, rate="100%", **options):
         super().__init__(**options)
         self._rate = rate
 
-    def open(self, lasting):
-        self._switches = self.make_directory(lasting, "switches-", "/run")
+    def open(self, stack):
+        self._switches = self.make_directory(stack, "switches-", "/run")
         self.options = ["--filter=error", "error=EIO",
                         *(word for call in FAILING_CALLS
                           for word in (f"error-{call}-rate={self._rate}",
                                        f"error-{call}-file={self._switch(call)}"))]
-        super().open(lasting)
+        super().open(stack)
 
     def _switch(self, call):
         return pathlib.Path(self._switches, call)
@@ -82,7 +82,7 @@ class FragileServer(ZephaneServer):
         for call in calls:
             self._switch(call).touch()
 
-    def mend(self):
+    def stop_failing(self):
         for call in FAILING_CALLS:
             self._switch(call).unlink(missing_ok=True)
 

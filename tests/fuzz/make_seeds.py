@@ -14,7 +14,7 @@ sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2]))
 from lab.arguments import parser_of, text_of  # noqa: E402
 from lab.filesystems import KINDS  # noqa: E402
 from lab.ntfs_volume import ATTRIBUTE_LIST, MFT, NtfsVolume  # noqa: E402
-from lab.volume_images import age, make_image, mounted, riddle  # noqa: E402
+from lab.volume_images import age, fragment_free_space, make_image, mounted  # noqa: E402
 
 UNIT = 64
 HOLE = 1024
@@ -45,7 +45,7 @@ def make_seed(kind, seed, work):
     if seed.is_mounted:
         with mounted(image, seed.file_system, work / "mnt") as (_, directory):
             if seed.holes:
-                riddle(directory / "riddled", HOLE, seed.holes)
+                fragment_free_space(directory / "riddled", HOLE, seed.holes)
             age(directory, 30, largest=100_000, is_plain=kind.is_plain)
     for step in seed.steps:
         step(image)

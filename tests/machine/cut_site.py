@@ -7,19 +7,19 @@ import struct
 import subprocess
 import time
 
-from lab.stay import Stay
+from lab.resources import Resource
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 BUILD = ROOT / "build" / "release"
 PARTS = ROOT / "platform" / "tolvubd"
 INSIDE = pathlib.Path(__file__).with_name("inside")
-FIGURES = BUILD / "cuts.txt"
+TOTALS_FILE = BUILD / "cuts.txt"
 UNIT = 4096
 PIECE = 1 << 20
 MEBIBYTES = 208         # of the volume: a new CoW file must fit beside two old ones; XFS needs 300 MiB
 XFS_MEBIBYTES = 320
 COW_MEBIBYTES = 40
-KEPT = 16               # as in inside/busy.py
+EXISTING_FILES = 16     # as in inside/busy.py
 WRITABLE_SECONDS = 12
 DEVICE = "/dev/lab/data"
 MOUNT = "/mnt"
@@ -37,7 +37,7 @@ def install(machine):
                 f"systemctl -q enable {' '.join(UNITS)} && udevadm control --reload && sync")
 
 
-class Figures:
+class CutTotals:
     """The totals of many power cuts."""
 
     def __init__(self, title):
@@ -45,22 +45,22 @@ class Figures:
         self.rounds = self.kept = self.given_up = 0
         self.differing = self.reported = self.missed = self.equal = 0
 
-    def add(self, differing, told):
+    def add(self, differing, recorded):
         self.differing += len(differing)
-        self.reported += len(told)
-        self.missed += len(differing - told)
-        self.equal += len(told - differing)
+        self.reported += len(recorded)
+        self.missed += len(differing - recorded)
+        self.equal += len(recorded - differing)
 
-    def keep(self):
+    def save(self):
         line = (f"{self.title}: {self.rounds} cuts, {self.kept} kept, {self.given_up} given up; units: "
                 f"{self.differing} differ, {self.reported} reported, {self.missed} missed, "
                 f"{self.equal} reported but equal")
         print(line)
-        with open(FIGURES, "a", encoding="utf-8") as file:
+        with open(TOTALS_FILE, "a", encoding="utf-8") as file:
             file.write(line + "\n")
 
 
-class TrackedVolume(Stay):
+class TrackedVolume(Resource):
     """A logical volume on the machine's first disk, with a program that writes to it. Copies ("pictures") of
     its snapshots go to the second disk, where the host can read them even if the machine fails."""
 
@@ -68,23 +68,23 @@ class TrackedVolume(Stay):
         super().__init__()
         self.machine = machine
         self.kind = kind
-        self.figures = Figures(kind)
+        self.totals = CutTotals(kind)
         self.mebibytes = XFS_MEBIBYTES if kind == "xfs" else MEBIBYTES
         self.size = self.mebibytes << 20
         self.files = list(NAMES)
         self._slot = 0
-        self._last = self._number = self._first_kept = 0
+        self._last = self._number = self._first_file = 0
         self.has_picture = False
         self._writer = None
         self._own = set()
 
-    def open(self, lasting):
+    def open(self, stack):
         disk = self.machine.disks[0].device
         options = "-b 4096" if self.kind.startswith("ext") else ""
         self.machine.run(f"vgcreate -qy lab {disk} && lvcreate -qy -n data -L {self.mebibytes}m lab && "
                          f"mkfs.{self.kind} -q {options} {DEVICE}")
-        lasting.callback(self.forget)
-        lasting.callback(self.figures.keep) # kept even if the test was broken off
+        stack.callback(self.forget)
+        stack.callback(self.totals.save) # saved even if the test was broken off
         self.mount()
         self.set_up()
 
@@ -126,7 +126,7 @@ class TrackedVolume(Stay):
     def start_writer(self):
         self._writer = self.machine.begin("/usr/bin/python3", "-B", INSIDE / "busy.py", MOUNT,
                                           str(self._number), text=True, stdin=subprocess.PIPE)
-        self._first_kept = self._last = int(self._writer.stdout.readline())
+        self._first_file = self._last = int(self._writer.stdout.readline())
 
     def stop_writer(self):
         """Ends the program, unless it has ended with the machine, and notes what it printed: whatever it
@@ -142,7 +142,7 @@ class TrackedVolume(Stay):
     def check_files(self):
         """Checks that no file that had reached the disk is lost. The program may have been about to remove
         the oldest files."""
-        first = max(self._first_kept, self._last - KEPT + 3)
+        first = max(self._first_file, self._last - EXISTING_FILES + 3)
         assert self.look("files", MOUNT, first, self._last) == []
 
     # Pictures and records.
@@ -185,7 +185,7 @@ class TrackedVolume(Stay):
         return {unit for begin, length in self.look("own", DEVICE, self.kind, MOUNT)
                 for unit in range(begin // UNIT, -(-(begin + length) // UNIT))}
 
-    def told(self, name):
+    def recorded_units(self, name):
         """The units that the record in a CoW file names."""
         count = self.size // UNIT
         data = self.machine.run("head", "-c", UNIT + 8 * count, f"{MOUNT}/{name}", text=False).stdout
@@ -202,9 +202,10 @@ class TrackedVolume(Stay):
         self.take_picture()
         own = self.own_units()
         differing = self.differing(0, 1) - self._own - own
-        told = self.told(closed)
-        self.figures.add(differing, told - self._own - own)
-        assert not differing - told, f"{len(differing - told)} of {len(differing)} changed units are missing"
+        recorded = self.recorded_units(closed)
+        self.totals.add(differing, recorded - self._own - own)
+        missing = differing - recorded
+        assert not missing, f"{len(missing)} of {len(differing)} changed units are missing"
         self.files = [current, closed]
         self._own |= own
 
@@ -226,16 +227,16 @@ class TrackedVolume(Stay):
         self.machine.run(f"date > {MOUNT}/alive && sync -f {MOUNT}/alive", timeout=WRITABLE_SECONDS)
         assert time.monotonic() - begin < 30
         self.check_files()
-        self.figures.rounds += 1
+        self.totals.rounds += 1
         self.go_on()
 
     def go_on(self):
         name = self.given_back()
         if name is None:
-            self.figures.given_up += 1
+            self.totals.given_up += 1
             self.start_anew()
             return
-        self.figures.kept += 1
+        self.totals.kept += 1
         is_snapshot = self.state() == SNAPSHOT
         if is_snapshot and not self.has_picture:
             self.begin()
@@ -259,7 +260,7 @@ class TrackedVolume(Stay):
         self.destroy()
         self.set_up()
 
-    def prove(self):
+    def verify_next_record(self):
         """Checks that the next record is right, whatever happened before, while the program writes."""
         self.start_writer()
         if self.state() == SNAPSHOT:

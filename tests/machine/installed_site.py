@@ -126,8 +126,8 @@ class Scenario:
         machine.run("dpkg --force-depends --remove udisks2 && systemctl restart bekd",
                     timeout=SECONDS)
         assert "There is no udisks2 here" in installed.journal("bekd")
-        told = installed.inside("host")
-        assert told["status"] == 500 and "udisks client" in told["text"], told
+        answer = installed.inside("host")
+        assert answer["status"] == 500 and "udisks client" in answer["text"], answer
         machine.run("systemctl mask --now dbus.socket dbus.service && "
                     "rm /run/dbus/system_bus_socket && systemctl restart bekd",
                     timeout=SECONDS)

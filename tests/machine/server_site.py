@@ -15,7 +15,7 @@ from pages import ROOT, SH, Page, check_blocks
 INSIDE = pathlib.Path(__file__).with_name("inside") / "server.py"
 PAGE = Page(ROOT / "docs" / "restore.md")
 REPORT = ROOT / "build" / "release" / "dead-server.txt"
-DISK, KEPT = 5 << 30, 8 << 30
+DISK, PERSISTENT_DISK = 5 << 30, 8 << 30
 SECONDS = 1800
 PROMPT = "db1 login:"
 APPLIANCE = "127.0.0.1 appliance.example.org\n"
@@ -50,7 +50,7 @@ class Server:
 
     def __init__(self, machine):
         self.machine = machine
-        self.disk, self.kept = machine.disks
+        self.disk, self.persistent_disk = machine.disks
         self._console = 0
         self._target = None
 
@@ -62,8 +62,9 @@ class Server:
 
     def make(self, source="", line=""):
         """Makes the server from a rescue system. The server is a copy of that, except for its packages."""
-        self.machine.dress()
-        self.inside("make", self.disk.device, self.kept.device, source, line, *installation.packages())
+        self.machine.prepare_rescue()
+        self.inside("make", self.disk.device, self.persistent_disk.device, source, line,
+                    *installation.packages())
 
     def start(self, *, is_rescue=False):
         """Starts the server from its disk, or the rescue system."""
@@ -84,8 +85,8 @@ class Server:
     def wait_for_line(self, unit, text):
         """Waits for a text in what a unit has written to the journal."""
         def is_there():
-            told = self.machine.run("journalctl", f"--unit={unit}", "--output=cat", check=False).stdout
-            return text in told
+            journal = self.machine.run("journalctl", f"--unit={unit}", "--output=cat", check=False).stdout
+            return text in journal
         wait_until(is_there, SECONDS, f"{text!r} from {unit}")
 
     def lose_disk(self, size):
@@ -96,7 +97,7 @@ class Server:
     def start_rescue(self):
         """Starts the rescue system, from which the appliance can be reached, and which has the packages."""
         self.start(is_rescue=True)
-        self.machine.dress()
+        self.machine.prepare_rescue()
         packages = " ".join(map(str, installation.packages(PACKAGES)))
         self.machine.run(f"mkdir -p /kept /srv/packages && mount LABEL=kept /kept && "
                          f"cp {packages} /srv/packages/ && cat >>/etc/hosts", input=APPLIANCE)
@@ -153,7 +154,7 @@ class Scenario:
         server.machine.run("cp -a /root/layout /kept/")
         server.machine.run("systemctl start tolvubd-initramfs.service 2>/dev/null || true", timeout=SECONDS)
         server.inside("change", 2)
-        types = server.backup("incremental", "prove")["types"]
+        types = server.backup("incremental", "verify")["types"]
         assert set(types.values()) == {"incremental"}, types
 
     def test_the_server_comes_back(self, server):
@@ -202,7 +203,7 @@ class Scenario:
         server.inside("change", 3)
         first = blocks("The first start", f"{SH} server")
         check_blocks(first[:1], server.execute)
-        types = server.backup("incremental", "prove")["types"]
+        types = server.backup("incremental", "verify")["types"]
         assert set(types.values()) == {"differential"}, types
         [reasons] = check_blocks(first[1:], server.execute)
         assert len(re.findall("DIFFERENTIAL MERGE", reasons)) >= len(types), reasons
@@ -216,8 +217,9 @@ class Scenario:
         server.machine.run(AUDITS, timeout=SECONDS)
         for name in ("root", "data"):
             server.wait_for_line(f"bek-audit@{name}", "Nothing is wrong in the sample.")
-        told = server.machine.run("journalctl", "--unit=bek-audit@*", "--output=cat").stdout
-        assert len(re.findall("^unchanged +[1-9][0-9]* of .*, 0 differ;", told, re.MULTILINE)) == 2, told
+        journal = server.machine.run("journalctl", "--unit=bek-audit@*", "--output=cat").stdout
+        clean = re.findall("^unchanged +[1-9][0-9]* of .*, 0 differ;", journal, re.MULTILINE)
+        assert len(clean) == 2, journal
         assert server.machine.run("systemctl", "is-active", "bek-audit@root.timer").stdout == "active\n"
         server.inside("change", 5)
         assert set(server.backup("incremental")["types"].values()) == {"incremental"}

@@ -10,7 +10,8 @@ DISKS = (2 << 30,) * 3
 LIMIT_SECONDS = 3000
 # Failures of single calls are tested only with captures: if LVM's metadata can't be read, a volume may be
 # captured.
-TESTS = {"test_tolvubd.py": "", "test_tolvubd_faults.py": "logical and kill_at and not reload"}
+TESTS = {"test_tolvubd.py": "", "test_tolvubd_refusals.py": "", "test_tolvubd_restart.py": "",
+         "test_tolvubd_faults.py": "logical and kill_at and not reload"}
 
 
 @pytest.mark.nightly

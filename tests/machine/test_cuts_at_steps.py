@@ -57,7 +57,7 @@ def cut_at(volume, function, step):
         time.sleep(STANDING_SECONDS)
         volume.machine.cut()
     volume.come_back()
-    volume.prove()
+    volume.verify_next_record()
     volume.stop_writer()
 
 
@@ -67,7 +67,7 @@ def test_cut_at_each_step(running_machine, function, kind):
     with TrackedVolume(running_machine, kind) as volume:
         steps = steps_of(volume, function)
         chosen = steps[::max(1, len(steps) // STEPS)]
-        volume.figures.title = f"{kind}, {function}, {len(chosen)} of {len(steps)} steps"
+        volume.totals.title = f"{kind}, {function}, {len(chosen)} of {len(steps)} steps"
         for step in chosen:
             cut_at(volume, function, step)
-        assert volume.figures.missed == 0
+        assert volume.totals.missed == 0

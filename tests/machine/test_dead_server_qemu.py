@@ -8,7 +8,7 @@ from lab.virtual import images
 from lab.virtual.qemu import kernel_line
 from lab.virtual.server import QemuServer, UmlServer
 from pages import SH
-from server_site import DISK, KEPT, Scenario, Server, blocks
+from server_site import DISK, PERSISTENT_DISK, Scenario, Server, blocks
 
 pytestmark = pytest.mark.nightly
 
@@ -20,10 +20,11 @@ class TestDeadServerWithItsBootLoader(Scenario):
 
     def make(self, new_machine):
         """Made on user-mode Linux, which takes a tenth of the time; then the disks are moved."""
-        made = Server(new_machine(UmlServer, disks=(DISK, KEPT), source=images.get(QemuServer.kind).root))
+        made = Server(new_machine(UmlServer, disks=(DISK, PERSISTENT_DISK),
+                                  source=images.get(QemuServer.kind).root))
         made.make(source="/dev/ubdd", line=kernel_line())
         made.machine.stop()
-        machine = new_machine(QemuServer, disks=(DISK, KEPT), is_on=False)
+        machine = new_machine(QemuServer, disks=(DISK, PERSISTENT_DISK), is_on=False)
         for old, new in zip(made.machine.disks, machine.disks):
             old.path.rename(new.path)
         return Server(machine)

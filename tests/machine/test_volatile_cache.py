@@ -18,7 +18,7 @@ pytestmark = pytest.mark.nightly
 DISKS = (512 << 20, 2 << 30, 4 << 30) # for the volume, for pictures, for the record
 CUTS = 2 # between each step and the next
 LVM_SETTINGS = "/etc/lvm/lvmlocal.conf"
-KEPT = "/dev/lab/kept"
+PERSISTENT_DEVICE = "/dev/lab/kept"
 OF_THE_DRIVER = {"state": "/var/lib/tolvubd", "boot": "/etc/tolvubd"}
 WRITING_SECONDS = 1
 STEPS = ("mounted", "set-up", "to-track", "tracked", "to-change", "changed", "ended")
@@ -35,9 +35,9 @@ class RecordedVolume(TrackedVolume):
         self._remembered = None
         self._done = []
 
-    def open(self, lasting):
+    def open(self, stack):
         self._empty_disks()
-        lasting.callback(self._end)
+        stack.callback(self._end)
         # LVM must see the physical volume only once: on the recording device, not on the disk below it.
         self.machine.run(f"echo 'devices {{ global_filter = [ \"r|^{self.disk.device}$|\" ] }}' "
                          f"> {LVM_SETTINGS}")
@@ -46,7 +46,7 @@ class RecordedVolume(TrackedVolume):
         self.machine.run(f"vgcreate -qy --setautoactivation n lab {device} && "
                          "lvcreate -qy -n kept -L 32m lab && "
                          f"lvcreate -qy -n data -L {self.mebibytes}m lab && "
-                         f"mkfs.ext4 -q {KEPT} && mkfs.{self.kind} -q {options} {DEVICE}")
+                         f"mkfs.ext4 -q {PERSISTENT_DEVICE} && mkfs.{self.kind} -q {options} {DEVICE}")
         self.mount()
 
     def _empty_disks(self):
@@ -69,7 +69,7 @@ class RecordedVolume(TrackedVolume):
         """Mounts the driver's store first, as if both were on a root file system."""
         binds = (f"mkdir -p /kept/{name} {place} && mount --bind /kept/{name} {place}"
                  for name, place in OF_THE_DRIVER.items())
-        self.machine.run(f"lvchange -qay lab/kept && mkdir -p /kept && mount {KEPT} /kept && "
+        self.machine.run(f"lvchange -qay lab/kept && mkdir -p /kept && mount {PERSISTENT_DEVICE} /kept && "
                          f"{' && '.join(binds)} && lvchange -qay lab/data")
         super().mount()
         self.machine.run("tolvuctl", "started")
@@ -104,7 +104,7 @@ class RecordedVolume(TrackedVolume):
 
     def leave(self, replay, chance, done):
         """Makes the disk hold what a cut may leave at a moment when the steps in `done` were complete."""
-        replay.copy_with_some(self.disk.path, chance)
+        replay.copy_with_some_writes(self.disk.path, chance)
         copy, self._slot, self._own = self._remembered
         run("cp", "--sparse=always", copy, self.pictures.path)
         self.files = list(NAMES)
@@ -117,7 +117,7 @@ class RecordedVolume(TrackedVolume):
         self.machine.start()
         self.mount()
         self.check_files()
-        self.figures.rounds += 1
+        self.totals.rounds += 1
         self.go_on()
 
     def check_files(self):
@@ -158,12 +158,12 @@ def test_what_a_cut_leaves_of_a_cache(machine, kind, tmp_path):
         for done, position in moments(log, chance):
             replay.advance(position)
             volume.leave(replay, chance, done)
-            given_up = volume.figures.given_up
+            given_up = volume.totals.given_up
             volume.start()
-            assert done[-1] in CALLING or volume.figures.given_up == given_up, f"not kept after {done[-1]}"
-            volume.prove()
+            assert done[-1] in CALLING or volume.totals.given_up == given_up, f"not kept after {done[-1]}"
+            volume.verify_next_record()
             volume.stop_writer()
             machine.cut()
-    volume.figures.title = f"{kind}, volatile cache"
-    volume.figures.keep()
-    assert volume.figures.missed == 0
+    volume.totals.title = f"{kind}, volatile cache"
+    volume.totals.save()
+    assert volume.totals.missed == 0

@@ -58,7 +58,7 @@ def test_what_was_synced_is_in_each_state_that_a_cut_can_leave(log, replay, tmp_
     later = [position for position in log.durable_positions() if position >= synced["first"]]
     for position in sorted(chance.sample(later, STATES)):
         replay.advance(position)
-        replay.copy_with_some(state, chance)
+        replay.copy_with_some_writes(state, chance)
         files = files_of(state)
         assert files["first"] == "first"
         assert position < synced["second"] or files["second"] == "second"
@@ -75,7 +75,7 @@ def test_states_of_one_moment_differ(log, replay, tmp_path):
     replay.advance(max(gaps, key=lambda gap: gap[1] - gap[0])[0])
     states = []
     for seed in (1, 2):
-        replay.copy_with_some(tmp_path / "state.img", random.Random(seed))
+        replay.copy_with_some_writes(tmp_path / "state.img", random.Random(seed))
         states.append((tmp_path / "state.img").read_bytes())
     assert states[0] != states[1]
 

@@ -22,7 +22,7 @@ from lab.commands import run  # noqa: E402
 from lab.images import extents_on  # noqa: E402
 from tolvubd_site import UNIT, Cow, call, must  # noqa: E402
 
-KEPT = pathlib.Path("/kept")
+PERSISTENT = pathlib.Path("/kept")
 # The CoW file of the root is large, because an initramfs is built on the root as soon as it is tracked.
 COW_MEBIBYTES = {"ext4": 48, "xfs": 48, "root": 512}
 PIECE = 1 << 20
@@ -40,8 +40,8 @@ class Tracked:
         self.minor = ("ext4", "xfs", ROOT_VOLUME).index(name)
         self.device = pathlib.Path(run("findmnt", "--noheadings", "--output", "SOURCE", self.mount_point)
                                    if name == ROOT_VOLUME else f"/dev/vg/{name}")
-        self.picture = KEPT / f"{name}.picture"
-        self.note = KEPT / f"{name}.json"
+        self.picture = PERSISTENT / f"{name}.picture"
+        self.note = PERSISTENT / f"{name}.json"
 
     @property
     def size(self):
@@ -87,12 +87,13 @@ class Tracked:
             return f"full comparison ({os.strerror(given.error)})"
         self.write()
         must("transition_snapshot", self.minor, self.mount_point / ".tolvu1", COW_MEBIBYTES[self.name])
-        told = set(Cow(self.mount_point / ".tolvu", self).changed_units)
+        recorded = set(Cow(self.mount_point / ".tolvu", self).changed_units)
         own = set(json.loads(self.note.read_text(encoding="ascii"))) | self.own_units()
         differ = self.differing() - own
-        if differ - told:
-            return f"{len(differ - told)} of {len(differ)} changed units are missing"
-        return "tracked" if differ and len(told) < self.size // UNIT else "nothing can be seen of tracking"
+        if differ - recorded:
+            return f"{len(differ - recorded)} of {len(differ)} changed units are missing"
+        is_tracked = differ and len(recorded) < self.size // UNIT
+        return "tracked" if is_tracked else "nothing can be seen of tracking"
 
     def differing(self):
         """The units in which the new snapshot differs from the first one."""
@@ -106,7 +107,7 @@ class Tracked:
         return found
 
 
-def make(disk, kept):
+def make(disk, persistent_disk):
     """Makes the file systems on `disk` to be tracked; the copies of their snapshots are kept on the other
     disk."""
     run("vgcreate", "-q", "vg", disk)
@@ -115,11 +116,11 @@ def make(disk, kept):
         run("lvcreate", "-q", "-y", "-n", name, "-L", "400M", "vg")
         run(f"mkfs.{name}", "-q", *options.split(), f"/dev/vg/{name}")
         lines.append(f"/dev/vg/{name} /volumes/{name} {name} defaults 0 2\n")
-    run("mkfs.ext4", "-q", kept)
-    lines.append(f"{kept} {KEPT} ext4 defaults 0 2\n")
+    run("mkfs.ext4", "-q", persistent_disk)
+    lines.append(f"{persistent_disk} {PERSISTENT} ext4 defaults 0 2\n")
     with open("/etc/fstab", "a", encoding="ascii") as table:
         table.writelines(lines)
-    for directory in ("/volumes/ext4", "/volumes/xfs", KEPT):
+    for directory in ("/volumes/ext4", "/volumes/xfs", PERSISTENT):
         pathlib.Path(directory).mkdir(parents=True, exist_ok=True)
     run("systemctl", "daemon-reload")
     subprocess.run(["mount", "--all"], check=True)

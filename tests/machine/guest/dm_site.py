@@ -12,8 +12,8 @@ from lab import filesystems
 from lab.commands import run
 from lab.driver import forget_devices, info
 from lab.images import extents_on
+from lab.resources import Resource
 from lab.services import wait_until
-from lab.stay import Stay
 from tolvubd_site import Cow, LogicalVolumes, SNAPSHOT, UNIT, call, cow_files, layers, must, states, tolvuctl
 
 SECONDS = 60
@@ -64,7 +64,7 @@ def differing(before, after):
     return {number for number, (old, new) in enumerate(zip(before, after)) if old != new}
 
 
-class Writer(Stay):
+class Writer(Resource):
     """A program that writes to a directory during the context. None of its writes may fail, and what it has
     written must be there in the end."""
 
@@ -73,10 +73,10 @@ class Writer(Stay):
         self._command = [sys.executable, pathlib.Path(__file__).with_name("writer.py"), directory]
         self._busy = pathlib.Path(directory, "busy")
 
-    def open(self, lasting):
+    def open(self, stack):
         self._process = subprocess.Popen(self._command, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
                                          text=True)
-        lasting.callback(self._process.kill)
+        stack.callback(self._process.kill)
         self.wait_for_writes()
 
     def wait_for_writes(self):
@@ -93,7 +93,7 @@ class Writer(Stay):
         return said
 
 
-class Protected(Stay):
+class Protected(Resource):
     """A volume that has a snapshot, and a program that writes to it. `first` is the snapshot's picture.
     `changed` counts the units that have changed according to the pictures, `untouched` those that only a
     record names."""
@@ -107,9 +107,9 @@ class Protected(Stay):
         self._files = [volume.cow, volume.other_cow]
         self.changed = self.untouched = 0
 
-    def open(self, lasting):
-        lasting.callback(forget_devices)
-        self.writer = lasting.enter_context(Writer(self.volume.mount_point))
+    def open(self, stack):
+        stack.callback(forget_devices)
+        self.writer = stack.enter_context(Writer(self.volume.mount_point))
         self.start()
 
     def start(self):
@@ -144,14 +144,14 @@ class Protected(Stay):
         """The outcome for the device, in words; fails if a picture or a record is wrong."""
         if states().get(self.minor) != SNAPSHOT:
             return self.next_record()
-        picture_is = self.look()
+        picture_is = self.check_snapshot()
         ended = call("transition_incremental", self.minor)
         if not ended:
             return f"{picture_is}; {self.full_comparison(ended)}"
         self.writer.wait_for_writes()
         return f"{picture_is}; {self.next_record()}"
 
-    def look(self):
+    def check_snapshot(self):
         """Checks that the snapshot shows its moment, or nothing."""
         try:
             now = picture(self.node)
@@ -181,15 +181,15 @@ class Protected(Stay):
         closed, current = self._files
         now, error = picture(self.node), self.error()
         assert error == 0, "a snapshot was taken of what isn't sound"
-        told = set(Cow(closed, self.volume).changed_units)
+        recorded = set(Cow(closed, self.volume).changed_units)
         differ = differing(self.first, now) - self._own - self.own_units()
-        assert not differ - told, f"{len(differ - told)} of {len(differ)} changed units are missing"
+        assert not differ - recorded, f"{len(differ - recorded)} of {len(differ)} changed units are missing"
         assert len(differ) > 0
         self.changed += len(differ)
-        self.untouched += len(told - differ)
+        self.untouched += len(recorded - differ)
         self.first, self._files = now, [current, closed]
         self._own |= self.own_units()
-        return "set right" if len(told) < self.volume.size // UNIT else "everything told"
+        return "set right" if len(recorded) < self.volume.size // UNIT else "everything told"
 
     def full_comparison(self, refused):
         """Checks that a device that isn't trusted reports it; makes it anew, and tracks it again if the

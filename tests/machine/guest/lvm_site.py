@@ -17,13 +17,13 @@ SECONDS = 3000
 def site_on(volumes_disk, files_disk):
     """Makes a volume group on one disk, and on the other a file system on /tmp for images, which are larger
     than memory."""
-    with contextlib.ExitStack() as lasting:
+    with contextlib.ExitStack() as stack:
         run("vgcreate", GROUP, volumes_disk)
-        lasting.callback(run, "vgremove", "--yes", GROUP)
+        stack.callback(run, "vgremove", "--yes", GROUP)
         run("mkfs.xfs", "-q", files_disk)
         run("mount", files_disk, "/tmp")
-        lasting.callback(run, "umount", "/tmp")
-        lasting.enter_context(private_etc())
+        stack.callback(run, "umount", "/tmp")
+        stack.enter_context(private_etc())
         for rule in RULES:
             pathlib.Path("/etc/udev/rules.d", rule.name).write_bytes(rule.read_bytes())
         run("udevadm", "control", "--reload")

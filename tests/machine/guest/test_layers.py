@@ -12,9 +12,9 @@ COW_MEBIBYTES = 8
 MORE_THAN_FITS = 20 << 20
 
 
-@pytest.mark.parametrize("verb", [verb for verb in VERBS if verb.telling], ids=lambda verb: verb.name)
+@pytest.mark.parametrize("verb", [verb for verb in VERBS if verb.every_run_state], ids=lambda verb: verb.name)
 def test_telling_verb(group, verb, record_property):
-    record_property("verb", check_verb(group, verb, verb.telling))
+    record_property("verb", check_verb(group, verb, verb.every_run_state))
 
 
 def test_overflow_is_an_error_of_the_snapshot_alone(group, record_property):
@@ -26,7 +26,7 @@ def test_overflow_is_an_error_of_the_snapshot_alone(group, record_property):
             assert layers()
             for digit in (b"1", b"2"):
                 volume.write("large", digit * MORE_THAN_FITS)
-                assert protected.look() == "snapshot ended (ENOSPC)"
+                assert protected.check_snapshot() == "snapshot ended (ENOSPC)"
                 must("transition_incremental", 0)
                 assert not call("transition_incremental", 0)
                 assert protected.error() == 0

@@ -18,13 +18,13 @@ STATES = ("tracking", "snapshot")
 @dataclasses.dataclass(frozen=True)
 class Verb:
     """`act(volume, group)` performs the action; it returns the volume's new device if that has another name
-    then. If it `may_fail`, LVM or the kernel may refuse it. `telling` is the state in which every run tries
-    it, not only the nightly one."""
+    then. If it `may_fail`, LVM or the kernel may refuse it. `every_run_state` is the state in which every run
+    tries it, not only the nightly one."""
 
     name: str
     act: Callable
     may_fail: bool = False
-    telling: str = ""
+    every_run_state: str = ""
 
 
 def lvm(*words):
@@ -79,15 +79,15 @@ def suspend(*options):
 
 
 VERBS = (
-    Verb("lvchange --refresh", lvm("lvchange", "--refresh", "{lv}"), telling="snapshot"),
+    Verb("lvchange --refresh", lvm("lvchange", "--refresh", "{lv}"), every_run_state="snapshot"),
     Verb("lvextend", lvm("lvextend", "-L", "+8m", "{lv}")),
-    Verb("lvextend -r", lvm("lvextend", "-r", "-L", "+8m", "{lv}"), telling="tracking"),
+    Verb("lvextend -r", lvm("lvextend", "-r", "-L", "+8m", "{lv}"), every_run_state="tracking"),
     Verb("lvreduce", lvm("lvreduce", "-f", "-y", "-L", "-1m", "{lv}"), may_fail=True),
     Verb("lvrename", rename),
-    Verb("lvcreate -s", lvm("lvcreate", "-s", "-n", "old", "-L", "16m", "{lv}"), telling="snapshot"),
+    Verb("lvcreate -s", lvm("lvcreate", "-s", "-n", "old", "-L", "16m", "{lv}"), every_run_state="snapshot"),
     Verb("lvconvert --type raid1", lvm("lvconvert", "-y", "--type", "raid1", "-m1", "{lv}")),
     Verb("lvconvert --type thin", convert_to_thin),
-    Verb("pvmove", lvm("pvmove", "-i", "1", "{first}", "{last}"), telling="tracking"),
+    Verb("pvmove", lvm("pvmove", "-i", "1", "{first}", "{last}"), every_run_state="tracking"),
     Verb("pvmove --abort", lvm("pvmove", "--abort")),
     Verb("vgrename", rename_group),
     Verb("vgchange -ay", lvm("vgchange", "-ay", "{vg}")),
@@ -98,7 +98,7 @@ VERBS = (
     Verb("pvscan --cache -aay", lvm("pvscan", "--cache", "-aay")),
     Verb("udevadm trigger", lvm("udevadm", "trigger", "--settle", "--action=change", "{device}")),
     Verb("fstrim", lvm("fstrim", "{mount}"), may_fail=True),
-    Verb("fsfreeze", freeze, telling="tracking"),
+    Verb("fsfreeze", freeze, every_run_state="tracking"),
     Verb("dmsetup suspend", suspend()),
     Verb("dmsetup suspend --nolockfs", suspend("--nolockfs")),
     Verb("dmsetup suspend --noflush", suspend("--noflush", "--nolockfs")),

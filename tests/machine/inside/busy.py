@@ -2,7 +2,7 @@
 
 It overwrites pieces of a file at random places, and syncs now and then; it creates, renames and deletes
 files. It prints the number of each file `kept-NUMBER`, from FIRST on, as soon as the file must survive a
-power cut; the last `KEPT` of them exist.
+power cut; the last `EXISTING_FILES` of them exist.
 """
 import os
 import pathlib
@@ -12,7 +12,7 @@ import sys
 
 PIECE = 4096
 PIECES = 2048
-KEPT = 16
+EXISTING_FILES = 16
 PAUSE = 0.02
 
 
@@ -44,7 +44,7 @@ class Busy:
             os.fsync(file.fileno())
         made.rename(self._directory / f"kept-{number}")
         os.fsync(self._folder)
-        (self._directory / f"kept-{number - KEPT}").unlink(missing_ok=True)
+        (self._directory / f"kept-{number - EXISTING_FILES}").unlink(missing_ok=True)
 
 
 def main():

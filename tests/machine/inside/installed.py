@@ -35,13 +35,13 @@ from lab.services import wait_until  # noqa: E402
 from lab.targets import Target  # noqa: E402
 from lab.volumes import Partition, Volume  # noqa: E402
 
-KEPT = pathlib.Path("/kept")
-SCRIPT = "keep-moments"
+PERSISTENT = pathlib.Path("/kept")
+SCRIPT = "copy-snapshots"
 # Copies each snapshot as soon as it exists, before the agent reads a block of it.
-KEEP_MOMENTS = f"""#!/bin/sh
+COPY_SNAPSHOTS = f"""#!/bin/sh
 [ "$1" = POST ] || exit 0
 for node in /dev/tolvu[0-9]*; do
-    dd if=$node of={KEPT}/moments/${{node#/dev/tolvu}}.img bs=1M iflag=direct conv=sparse status=none
+    dd if=$node of={PERSISTENT}/snapshots/${{node#/dev/tolvu}}.img bs=1M iflag=direct conv=sparse status=none
 done
 """
 READY_SECONDS = 300 # an emulated machine that has just been started is slow
@@ -75,10 +75,10 @@ def make(disk, other):
         partition.format()
         lines.append(partition.fstab_line())
     run("mkfs.ext4", "-q", parts[1])
-    lines.append(f"{parts[1]} {KEPT} ext4 defaults 0 2")
+    lines.append(f"{parts[1]} {PERSISTENT} ext4 defaults 0 2")
     with open("/etc/fstab", "a", encoding="ascii") as table:
         table.writelines(f"{line}\n" for line in lines)
-    for path in (KEPT, *(pathlib.Path(volume.mount_point) for volume in VOLUMES.values())):
+    for path in (PERSISTENT, *(pathlib.Path(volume.mount_point) for volume in VOLUMES.values())):
         path.mkdir(parents=True, exist_ok=True)
     run("systemctl", "daemon-reload")
     run("mount", "--all")
@@ -88,16 +88,16 @@ def make(disk, other):
 
 def certify():
     """Does by script what an administrator does by hand: certificates, and a quiesce script."""
-    (KEPT / "moments").mkdir()
-    authority = Authority(KEPT / "authority")
+    (PERSISTENT / "snapshots").mkdir()
+    authority = Authority(PERSISTENT / "authority")
     install(authority.agent(), authority, CERTIFICATES)
     appliance = authority.device(DEVICE)
     for name, path in (("ca.crt", authority.certificate), ("appliance.pem", appliance.certificate),
                        ("appliance.key", appliance.key)):
-        shutil.copy(path, KEPT / name)
+        shutil.copy(path, PERSISTENT / name)
     SCRIPTS.mkdir(parents=True, exist_ok=True)
     script = SCRIPTS / SCRIPT
-    script.write_text(KEEP_MOMENTS, encoding="ascii")
+    script.write_text(COPY_SNAPSHOTS, encoding="ascii")
     script.chmod(0o700)
 
 
@@ -130,12 +130,12 @@ class Agent:
         return wait_until(after_a_pause, SECONDS, what)
 
 
-class KeptProtection(Protection):
+class PersistentProtection(Protection):
     """A Protection whose images outlive the target."""
 
     @staticmethod
-    def moment_of(partition):
-        return KEPT / "moments" / f"{device_of(partition)['minor']}.img"
+    def capture_of(partition):
+        return PERSISTENT / "snapshots" / f"{device_of(partition)['minor']}.img"
 
     def request(self, *names, **changes):
         """The volumes of a request; only the first names the script, as one run of it is enough for all."""
@@ -152,22 +152,22 @@ class KeptProtection(Protection):
         return image
 
 
-class KeptTarget(Target):
+class PersistentTarget(Target):
     @staticmethod
-    def make_directory(lasting, prefix, parent):
-        if parent != KEPT:
-            return Target.make_directory(lasting, prefix, parent)
-        (KEPT / "images").mkdir(exist_ok=True)
-        return KEPT / "images"
+    def make_directory(stack, prefix, parent):
+        if parent != PERSISTENT:
+            return Target.make_directory(stack, prefix, parent)
+        (PERSISTENT / "images").mkdir(exist_ok=True)
+        return PERSISTENT / "images"
 
     def __init__(self):
-        super().__init__(directory=KEPT)
+        super().__init__(directory=PERSISTENT)
 
 
 def appliance():
     """A client of the agent, returned once the agent answers."""
-    client = Appliance(certificate=KEPT / "appliance.pem", key=KEPT / "appliance.key",
-                       authority=KEPT / "ca.crt", seconds=SECONDS)
+    client = Appliance(certificate=PERSISTENT / "appliance.pem", key=PERSISTENT / "appliance.key",
+                       authority=PERSISTENT / "ca.crt", seconds=SECONDS)
 
     def answers():
         try:
@@ -182,8 +182,8 @@ def appliance():
 def pair():
     with appliance() as client:
         assert client.pair(DEVICE).is_success
-        told = json.dumps(client.host().content)
-    assert all(partition_of(name).uuid in told for name in VOLUMES), told
+        host_text = json.dumps(client.host().content)
+    assert all(partition_of(name).uuid in host_text for name in VOLUMES), host_text
 
 
 def host():
@@ -208,11 +208,11 @@ def change(seed):
 
 
 def protected(client, target):
-    return KeptProtection(client, Agent(), target, [partition_of(name) for name in VOLUMES])
+    return PersistentProtection(client, Agent(), target, [partition_of(name) for name in VOLUMES])
 
 
 def backup(kind):
-    with KeptTarget() as target, appliance() as client:
+    with PersistentTarget() as target, appliance() as client:
         protection = protected(client, target)
         done = protection.run(full=kind == "full", merge=kind == "merge")
         outcome = {"state": done.state, "log": done.log}
@@ -227,7 +227,7 @@ def backup(kind):
 
 
 def begin(kind):
-    with KeptTarget() as target, appliance() as client:
+    with PersistentTarget() as target, appliance() as client:
         protection = protected(client, target)
         started = protection.start(full=kind == "full", merge=kind == "merge")
         started.wait_for_log("Beginning copying volume", SECONDS)

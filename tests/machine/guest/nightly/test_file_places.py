@@ -52,7 +52,7 @@ def test_files_in_many_pieces(make_volume, filesystem):
     with Protected(volume, cow_mebibytes=12) as protected:
         assert layers()
         assert sum(pieces_of(volume, name) for name in cow_files(volume)) > 128
-        assert protected.look() == "snapshot right"
+        assert protected.check_snapshot() == "snapshot right"
         protected.track()
         assert protected.next_record() == "set right"
         protected.end()
@@ -80,7 +80,7 @@ def test_file_that_somebody_shares(make_volume):
     with Protected(volume, cow_mebibytes=12) as protected:
         for name in cow_files(volume):
             run("cp", "--reflink=always", volume.mount_point / name, volume.mount_point / f"copy{name}")
-        assert protected.look() == "snapshot right"
+        assert protected.check_snapshot() == "snapshot right"
         must("transition_incremental", 0)
         assert protected.next_record() == "set right"
         protected.end()
@@ -101,5 +101,5 @@ def test_files_are_not_moved(make_volume, filesystem, tool):
                     run(*command, volume.mount_point / name)
         assert before == {name: extents_on(volume.device, filesystem, volume.mount_point, name)
                           for name in cow_files(volume)}
-        assert protected.look() == "snapshot right"
+        assert protected.check_snapshot() == "snapshot right"
         protected.end()

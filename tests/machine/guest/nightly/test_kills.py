@@ -79,7 +79,7 @@ def steps_of(operation, protected):
     return found
 
 
-def prove(operation, protected, where):
+def check_after_kill(operation, protected, where):
     """Checks that the device is in the state before or after the operation, and that its picture and next
     record are right. A device that was being destroyed may also be untrusted."""
     check_writable(protected.volume.mount_point)
@@ -109,5 +109,5 @@ def test_kill_at_each_step(volume, name):
             done = operation.run(protected, ["strace", "-o", TRACE, "-e", f"trace={call_name}", "-e",
                                              f"inject={call_name}:signal=KILL:when={number}"])
             assert done.signal == signal.SIGKILL, where
-            prove(operation, protected, where)
+            check_after_kill(operation, protected, where)
         protected.end()

@@ -1,7 +1,7 @@
 """Clients that mustn't block the appliance: crowds of idle connections, requests that never end, bodies that
 are too long; and the resources that the agent uses for them.
 
-    with crowd(("127.0.0.1", 25567), 4000):
+    with idle_connections(("127.0.0.1", 25567), 4000):
         appliance.backups()
 """
 import contextlib
@@ -36,7 +36,7 @@ class PeakMemory:
 
 
 @contextlib.contextmanager
-def crowd(address, count):
+def idle_connections(address, count):
     """Opens this many connections, and sends nothing on them."""
     soft, hard = resource.getrlimit(resource.RLIMIT_NOFILE)
     resource.setrlimit(resource.RLIMIT_NOFILE, (hard, hard))
@@ -50,7 +50,7 @@ def send_head(connection, url, count):
 
 
 @contextlib.contextmanager
-def held_head(client, url="/pair", body_bytes=100, body=b""):
+def stalled_request(client, url="/pair", body_bytes=100, body=b""):
     """A request whose head has been sent, and only this much of its body."""
     with client.connect() as connection:
         send_head(connection, url, body_bytes)

@@ -16,15 +16,15 @@ from lab import driver # noqa: E402
 from lab.commands import run # noqa: E402
 from lab.daemon import SCRIPTS # noqa: E402
 
-MOMENTS = pathlib.Path("/tmp/moments")
-SCRIPT = "keep-moments"
+COPIES = pathlib.Path("/tmp/snapshot-copies")
+SCRIPT = "copy-snapshots"
 SNAPSHOT = 3 # the state of a device that shows a snapshot
 SECONDS = 600
 
 
-def moment_of(partition):
+def snapshot_copy_of(partition):
     """The file with the content of the volume at its last snapshot."""
-    return next(MOMENTS / f"{device['minor']}.img" for device in driver.devices()
+    return next(COPIES / f"{device['minor']}.img" for device in driver.devices()
                 if device["block_device"] == partition.device)
 
 
@@ -38,12 +38,12 @@ def install():
     return SCRIPT, SECONDS
 
 
-def keep():
+def copy_snapshots():
     """Copies each snapshot to a new file. A reader that has the previous file open can still read it."""
-    MOMENTS.mkdir(exist_ok=True)
+    COPIES.mkdir(exist_ok=True)
     for device in driver.devices():
         if device["state"] == SNAPSHOT:
-            path = MOMENTS / f"{device['minor']}.img"
+            path = COPIES / f"{device['minor']}.img"
             path.unlink(missing_ok=True)
             number = os.stat(f"/dev/tolvu{device['minor']}").st_rdev
             check_kind(number)
@@ -54,7 +54,7 @@ def keep():
 @contextlib.contextmanager
 def own_node(number):
     """Another node for a device: a test that disturbs reads from the driver's own node aims at the agent."""
-    path = MOMENTS / "node"
+    path = COPIES / "node"
     path.unlink(missing_ok=True) # left by a copy that was killed
     os.mknod(path, stat.S_IFBLK | 0o600, number)
     try:
@@ -72,4 +72,4 @@ def check_kind(number):
 
 if __name__ == "__main__":
     if sys.argv[1:] == ["POST"]:
-        keep()
+        copy_snapshots()

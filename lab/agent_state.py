@@ -1,6 +1,6 @@
 """An agent's machine that is new except for its certificates, and appliances that its agent trusts.
 
-    with new_machine() as authority, Daemon() as daemon, appliance_of(authority) as appliance:
+    with clean_agent_state() as authority, Daemon() as daemon, appliance_of(authority) as appliance:
         appliance.pair(DEVICE)
 
 Inside lab/namespace only.
@@ -15,7 +15,7 @@ from lab.daemon import BASE, CERTIFICATES
 
 
 @contextlib.contextmanager
-def new_machine(**keys):
+def clean_agent_state(**keys):
     """Removes every trace of the agent, and installs certificates for it; yields their authority. `keys` are
     the key types, as Authority takes them."""
     shutil.rmtree(BASE, ignore_errors=True)
