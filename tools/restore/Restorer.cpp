@@ -82,7 +82,7 @@ Restorer::Result Restorer::copy(const std::optional<Marker>& from) {
         writeMarkerAfterFailure(copiedUntil, behind);
         throw;
     }
-    behind.settle();
+    behind.waitOrThrow();
     discard(copiedUntil, plan.volumeBytes);
     writeMarker(plan.volumeBytes);
     result.zeros = zerosWritten;
@@ -102,7 +102,7 @@ void Restorer::copyPieces(std::uint64_t& copiedUntil, WriteBehind& behind, Resul
 /// If it is the device that has failed, the marker that was written last has to do.
 void Restorer::writeMarkerAfterFailure(std::uint64_t position, WriteBehind& behind) noexcept {
     try {
-        behind.settle();
+        behind.waitOrThrow();
         writeMarker(position);
     } catch (const std::exception&) { // the caller reports the first failure
     }
@@ -178,7 +178,7 @@ void Restorer::writeMarker(std::uint64_t position) {
 
 void Restorer::writeMarkerIfDue(std::uint64_t position, WriteBehind& behind) {
     if (Clock::now() - lastMarkerTime >= markerInterval) {
-        behind.settle();
+        behind.waitOrThrow();
         writeMarker(position);
     }
 }
