@@ -8,7 +8,8 @@ class IConfig;
 
 namespace agent::info {
 
-/// By default, a tenth of the volume within bounds. The configuration may set another size for each volume.
+/// The default size is a tenth of the volume, within bounds. The configuration may set another size for each
+/// volume.
 /// Owns:    nothing; the configuration must outlive it.
 /// Threads: any thread may call it.
 /// Fails:   never; a default replaces an unusable setting.

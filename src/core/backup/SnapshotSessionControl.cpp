@@ -226,7 +226,7 @@ void SnapshotSessionControl::Impl::warnOfSecondCowFile(const BackupableVolume& v
     }
 }
 
-/// Returns 0 if the driver can't tell: with too little space, taking the snapshot fails later.
+/// Returns 0 if the driver can't determine it. If there is too little space, taking the snapshot fails later.
 std::uint64_t SnapshotSessionControl::Impl::driverSpace(const BackupableVolume& volume) {
     try {
         return extension->getSnapshotSpace(volume.getDevice());

@@ -40,8 +40,7 @@ public:
     SnapshotSessionControl& operator=(SnapshotSessionControl&&) = delete;
     virtual ~SnapshotSessionControl();
 
-    /// Checks every volume before it takes the first snapshot. A snapshot that can't be mounted is no
-    /// failure.
+    /// Checks every volume before it takes the first snapshot. Doesn't fail if a snapshot can't be mounted.
     virtual VolumeSnapshotInfos startSnapshots(const Volumes& volumes, const IBackupAttributes& attributes,
                                                const ISnapshotAttributes& snapshotAttributes);
     /// `success` says whether the backup has sent the changes to the images. If not, the next backup has to

@@ -156,8 +156,8 @@ bool HFSParserImpl::read(std::uint64_t diskOffset, std::uint8_t* buffer, std::ui
     return true;
 }
 
-/// Whether the map marks the blocks of the header, of the bitmap itself and of the extents B-tree as used, as
-/// far as it covers them. If not, the data isn't a bitmap.
+/// Whether the map marks as used all blocks of the header, of the bitmap itself and of the extents B-tree
+/// that it covers. If not, the data isn't a bitmap.
 bool HFSParserImpl::marksOwnBlocksUsed(Extents extents, const UsedMap& used, std::uint64_t blocks) const {
     const auto isUsed = [&](const HFSExtent& extent) {
         const std::uint64_t first = std::max<std::uint64_t>(extent.startBlock, used.startBlock);
