@@ -30,7 +30,7 @@ public:
 
     /// Must be called more often than `patienceMilliseconds`; throws ETIMEDOUT if the guard has given up.
     void reportProgress();
-    /// Releases the volume. Throws ETIMEDOUT if it was released before: then what was read meanwhile is
+    /// Releases the volume. Throws ETIMEDOUT if it was released before: then the data read meanwhile is
     /// worthless.
     void release();
 

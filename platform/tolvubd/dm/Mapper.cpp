@@ -18,7 +18,7 @@ constexpr std::chrono::seconds removalPatience{10};
 constexpr std::chrono::milliseconds removalPause{50};
 constexpr const char* controlNode = "/dev/mapper/control";
 
-/// Discards the library's messages: the exceptions say all that is needed.
+/// Discards the library's messages, because the exceptions contain all necessary information.
 void keepQuiet(int /*level*/, const char* /*file*/, int /*line*/, int /*errorOrClass*/,
                const char* /*format*/, ...) {}
 
@@ -35,7 +35,7 @@ class Task {
 public:
     Task(int type, const std::string& what) : what(what) {
         prepareLibrary();
-        // Without the control node, the library would create it, and more.
+        // If the control node is missing, the library would create it, and other nodes too.
         if (::access(controlNode, F_OK) == 0) {
             task.reset(dm_task_create(type));
         }

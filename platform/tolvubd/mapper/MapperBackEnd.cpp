@@ -60,7 +60,7 @@ void show(const LayerStack& stack, Device& device) {
     showReadOnly(stack, device.minor);
 }
 
-/// Makes all reads of a snapshot fail that may be inconsistent.
+/// Makes all reads of a snapshot fail, because the data may be inconsistent.
 void failSnapshotReads(const LayerStack& stack) {
     const dm::Device snapshot = stack.snapshot();
     const dm::Targets targets = dm::liveTable(snapshot);

@@ -78,7 +78,7 @@ private:
 
     const Start start;
     mutable os::Mutex mutex;
-    std::map<wire::ImageName, std::shared_ptr<Image>> all GUARDED_BY(mutex); // the images, too
+    std::map<wire::ImageName, std::shared_ptr<Image>> all GUARDED_BY(mutex); // and so are the images in it
 };
 
 } // namespace zephane
