@@ -24,7 +24,7 @@ struct Layers {
     std::string usedGroups; ///< which ext block groups were in use at the last snapshot, in hexadecimal
     std::vector<std::uint64_t>
         preservedBytes; ///< bytes that each of the last snapshots preserved, newest last
-    int error = 0;      ///< errno of the check that failed; if not 0, the device is never trusted again
+    int error = 0;      ///< errno of the check that failed; ENOSPC breaks the snapshot, others the tracking
 
     bool operator==(const Layers&) const = default;
 };
