@@ -31,7 +31,8 @@ class LegacyDatabase;
 ///
 /// A migration that failed therefore runs again, perhaps after the agent has made backups. Values that exist
 /// are newer and stay: the pairing, a volume's row in the database, a volume's history, the size of a CoW
-/// file. Above all, the migration must not replace a history that lists missing blocks with an empty one.
+/// file. Only the agent's UUID always comes from the old database. Above all, the migration must not replace
+/// a history that lists missing blocks with an empty one.
 class DataMigrator : public IDataMigrator {
 public:
     using DriverFactory = std::function<std::unique_ptr<info::IDriverController>()>;
