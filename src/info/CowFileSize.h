@@ -2,11 +2,16 @@
 
 #include "info/ICowFileSize.h"
 
+#include <cstdint>
+
 namespace agent {
 class IConfig;
 }
 
 namespace agent::info {
+
+/// The smallest size of a CoW file.
+inline constexpr std::uint64_t minCowFileMiB = 100;
 
 /// The default size is a tenth of the volume, within bounds. The configuration may set another size for each
 /// volume.
