@@ -55,7 +55,7 @@ void addMissingTablesAndColumns(QueryRunner& runner, std::int64_t version) {
     if (version < 2) {
         runner.RunUpdate("ALTER TABLE volumes ADD COLUMN image_checksum_type TEXT DEFAULT \"unknown\";", {});
     }
-    if (version < newestVersion) {
+    if (version < 3) {
         runner.RunUpdate(createChangeJournal, {});
     }
 }

@@ -17,7 +17,6 @@ namespace {
 constexpr std::uint64_t bytesPerMiB = 1'048'576;
 constexpr std::uint64_t minDefaultMiB = 1024;
 constexpr std::uint64_t maxDefaultMiB = 10240;
-constexpr std::uint64_t minMiB = 100;
 /// A file on FAT can't reach 4 GiB.
 constexpr std::uint64_t maxOnFatMiB = 4095;
 
@@ -31,7 +30,7 @@ std::uint64_t defaultSizeMiB(std::uint64_t volumeSizeBytes) {
 
 /// The CoW file must leave room for the volume's own data.
 std::uint64_t withinVolume(std::uint64_t size, std::uint64_t volumeSizeBytes) {
-    return std::max(std::min(size, toMiB(volumeSizeBytes / 2)), minMiB);
+    return std::max(std::min(size, toMiB(volumeSizeBytes / 2)), minCowFileMiB);
 }
 
 std::string keyOf(const std::string& uuid) {

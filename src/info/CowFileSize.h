@@ -2,11 +2,15 @@
 
 #include "info/ICowFileSize.h"
 
+#include <cstdint>
+
 namespace agent {
 class IConfig;
 }
 
 namespace agent::info {
+
+inline constexpr std::uint64_t minCowFileMiB = 100;
 
 /// By default, a tenth of the volume within bounds. The configuration may set another size for each volume.
 /// Owns:    nothing; the configuration must outlive it.

@@ -41,7 +41,7 @@ public:
                   std::string& contentType, std::string& response) const;
 
 private:
-    static constexpr std::size_t callCount = 21;
+    static constexpr auto callCount = static_cast<std::size_t>(APICall::invalid);
 
     [[nodiscard]] bool mayCall(APICall call, int deviceId, const std::string& ip) const;
     int runHandler(APICall call, const std::string& data, const std::function<APIExtendedData()>& extended,

@@ -1,6 +1,7 @@
 #include "VolumeChecks.h"
 
 #include "common/BaseDirectories.h"
+#include "info/CowFileSize.h"
 #include "info/DriverState.h"
 #include "info/VolumeFiles.h"
 #include "tools/common/Text.h"
@@ -10,13 +11,13 @@
 
 namespace bekctl {
 
+using agent::info::minCowFileMiB;
 using tools::plain;
 using tools::sizeText;
 
 namespace {
 
 constexpr std::uint64_t bytesPerMiB = 1'048'576;
-constexpr std::uint64_t smallestCow = 100; // MiB
 
 bool isThere(const std::string& path) {
     return ::access(path.c_str(), F_OK) == 0;
@@ -108,9 +109,9 @@ std::string settingText(const SnapshotSpace& space, const std::string& uuid) {
     if (fitting == 0) {
         const std::uint64_t beside = space.needed - space.cowMebibytes * bytesPerMiB;
         const std::uint64_t wanted =
-            2 * smallestCow * bytesPerMiB + beside - std::min(space.currentCowBytes, space.free);
+            2 * minCowFileMiB * bytesPerMiB + beside - std::min(space.currentCowBytes, space.free);
         return "Free " + sizeText(wanted > space.free ? wanted - space.free : space.needed - space.free) +
-               " and set " + key + " to " + std::to_string(smallestCow) + ".";
+               " and set " + key + " to " + std::to_string(minCowFileMiB) + ".";
     }
     return "Set " + key + " to " + std::to_string(fitting) +
            ", through the appliance or in config.json while the agent is stopped, or free room.";
@@ -124,7 +125,7 @@ std::uint64_t fittingCowMebibytes(const SnapshotSpace& space) {
     const std::uint64_t forNext = without(space.free);
     const std::uint64_t forBoth = without(space.free + space.currentCowBytes) / 2;
     const std::uint64_t most = std::min(forNext, forBoth) / 4 * 3 / bytesPerMiB; // a quarter stays for growth
-    return most < smallestCow ? 0 : std::min(most, space.cowMebibytes);
+    return most < minCowFileMiB ? 0 : std::min(most, space.cowMebibytes);
 }
 
 Finding checkSnapshotSpace(const SnapshotSpace& space, const std::string& uuid, const std::string& name) {
