@@ -63,11 +63,11 @@ class Kind(Format):
     truth                    truth(volume) is the Truth of a device or an image, by the file system's own tool
     unknown_to_driver        unknown_to_driver(volume) is the part of it that the snapshot driver doesn't know
                              to be in use: a list of (offset, length) in bytes
-    may_be_reported_used     may_be_reported_used(volume) is the numbers of the free blocks that the agent may
-                             report as used
-    structures               structures(device, root) is where some structures lie that a mounted volume can't
-                             do without: {offset: a pattern of the error that appears when the structure is
-                             missing}
+    may_be_reported_used     may_be_reported_used(volume) is the set of the numbers of the free blocks that
+                             the agent may report as used
+    structures               structures(device, root) has the offsets of some structures that a mounted volume
+                             can't do without: {offset: a pattern of the error that appears when the structure
+                             is missing}
     usual                    the samples for images like those of backups
     samples                  Samples
     regions                  regions(image) is all that the parser may read of an image: (offset, length) in
@@ -75,12 +75,12 @@ class Kind(Format):
     seeds                    Seeds
     is_plain                 whether files have only an ASCII name and content: no owners, links or holes;
                              they are never truncated
-    extents                  extents(device, root, name) is where a file of a mounted volume lies: (offset,
-                             length) in bytes. None if the kernel can report that
+    extents                  extents(device, root, name) is the list of the extents of a file of a mounted
+                             volume: (offset, length) in bytes. None if the kernel can report them
     map_exceeds_file_system  whether a map may extend beyond the last block of the file system, to the end of
                              a piece
     has_file_extents         whether the extents of a file can be queried; if not, a backup also copies the
-                             files that nobody needs, those of the driver and the agent
+                             files that no restore needs, those of the driver and the agent
 
     The members in ONLY_MOUNTED are None if no file system of the kind can be mounted.
     """

@@ -46,8 +46,8 @@ class VolumeGroup(Resource):
 
 
 def clear(disks):
-    """Removes all device-mapper devices, and what LVM finds on the disks. A device is only gone when nobody,
-    such as udev, has it open any more."""
+    """Removes all device-mapper devices, and everything that LVM finds on the disks. A device only goes away
+    when no process, such as udev, has it open any more."""
     wait_until(no_devices, SECONDS, "device-mapper without devices")
     run("wipefs", "--quiet", "--all", "--force", *disks)
     run("pvscan", "--cache")

@@ -1,5 +1,5 @@
-"""NTFS volumes whose own structures are where the usual tools don't put them: in many runs, or behind an
-attribute list. The volumes stay consistent, so ntfsresize reports no error.
+"""NTFS volumes whose own structures are where the usual tools don't put them: in many runs, or in records
+that an attribute list names. The volumes stay consistent, so ntfsresize reports no error.
 
     scatter(image, BITMAP, 40)
     list_attributes(image, BITMAP)

@@ -13,7 +13,7 @@ from rich.table import Column
 from rich.text import Text
 
 UNKNOWN_SIZE = (1 << 64) - 1
-LARGEST_SIZE = (1 << 63) - 1 # beyond, the estimate has fallen below zero, as it can if little has changed
+LARGEST_SIZE = (1 << 63) - 1 # above this, the estimate has fallen below zero, as it can if little has changed
 ACTIVE, FINISHED, PREPARING = "active", "finished", "preparing"
 LINE_SECONDS = 1
 # These widths fit on a terminal of 80 columns, even with terabytes. The first part of a UUID identifies a

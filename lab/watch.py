@@ -70,7 +70,7 @@ def first_error(lines):
 
 
 def reason_lines(appliance, identifier):
-    """The reason why a backup failed, as far as the log tells, as lines."""
+    """The reason why a backup failed, according to the log, as lines."""
     deadline = time.monotonic() + LOG_SECONDS
     while True:
         error = first_error(run_log(appliance, identifier))

@@ -18,8 +18,8 @@
 #include <vector>
 
 /// Measures the map of a volume's used blocks, compared with the least that it needs: reading the same bytes
-/// in the same order, and clearing the buffer at each call. Both use direct I/O, in turns. What is read right
-/// into the map by one is read to the same place by the other, as the memory makes a difference. Prints one
+/// in the same order, and clearing the buffer at each call. Both use direct I/O, in turns. If the parser
+/// reads directly into the map, its peer reads into the same memory, as that makes a difference. Prints one
 /// line per volume, with the peak memory for the map.
 namespace agent::bench {
 namespace {

@@ -7,7 +7,7 @@ GiB; if there are WORDs, only the volumes that have all of them in their names. 
 programs take to find the used blocks of the same volume, and what part of that the map takes. No volume is in
 the page cache.
 
-The images are made below build/bench, which takes about 2 GiB, and removed again. The last line tells if a
+The images are made below build/bench, which takes about 2 GiB, and removed again. The last line says if any
 bound is broken: 1.25 times as long as the reads, or 80 MiB at the peak."""
 import dataclasses
 import os

@@ -51,8 +51,8 @@ def memory_of(process):
 
 
 def timed(command, output):
-    """The seconds, and the process's peak memory in MiB, as far as it could be seen. None of the measured
-    programs reads through the page cache."""
+    """The seconds, and the highest sample of the process's peak memory in MiB. None of the measured programs
+    reads through the page cache."""
     memory = 0
     with open(output, "wb") as file:
         begin = time.monotonic()

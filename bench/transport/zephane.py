@@ -168,7 +168,7 @@ def main():
         files.fill(testbed.roots[0], USED, (files.NOISE, files.text()))
         servers = {"zephaneftp, compressed": zephaned(testbed, stack, 25568, True),
                    "zephaneftp": zephaned(testbed, stack, 25569, False), "iSCSI": testbed.target}
-        testbed.backup(full=True) # each file gets its place
+        testbed.backup(full=True) # allocates the blocks of each file
         for milliseconds in arguments.round_trips or ROUND_TRIPS:
             race(testbed, servers, arguments.rounds, milliseconds)
 

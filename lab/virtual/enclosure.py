@@ -58,8 +58,8 @@ class Enclosure:
                 os.kill(int(first[0]) if first else self.pid, signal.SIGKILL)
 
     def wait(self, seconds):
-        """Waits; returns whether the enclosure has ended in time. Its process ends last, so nobody writes to
-        its files any more."""
+        """Waits; returns whether the enclosure has ended in time. Its process ends last, so its files don't
+        change any more."""
         with contextlib.suppress(ProcessLookupError):
             descriptor = os.pidfd_open(self.pid)
             try:

@@ -1,6 +1,6 @@
 """The release of clang's tools whose verdict counts; Debian 12 and Debian 13 both have it.
 
-Releases differ in the layout of some lines and in what they find. With whatever release is installed, code
+Releases differ in the layout of some lines and in their findings. If any installed release were used, code
 that is clean on one machine would be refused on another.
 """
 

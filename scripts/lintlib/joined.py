@@ -40,8 +40,8 @@ class Group:
 
 
 def groups_of_sources(files, commands):
-    """Groups the sources that are in one folder and have the same compile command. As far as their lines
-    tell, no two sources of a group define the same name: such a group would have to be split again."""
+    """Groups the sources that are in one folder and have the same compile command. Judging by their lines,
+    no two sources of a group define the same name: such a group would have to be split again."""
     places = {}
     for file in files:
         command = commands.get(file.path, file.path).replace(file.name, "")

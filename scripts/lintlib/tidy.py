@@ -96,7 +96,7 @@ class Checker:
         return memory.exists() and memory.read_text() == self._digest(file)
 
     def _refused_together(self, files, without):
-        """The sources in which something is found; if it can't be told which, the first half of them."""
+        """The sources in which something is found; if that isn't certain, the first half of them."""
         with joined.overlay(files) as overlay:
             done = self._run(files[0], f"--vfsoverlay={overlay}", "--checks=" + ",-".join(["", *without]))
         if done.returncode == 0 and not FINDING.search(done.stdout):

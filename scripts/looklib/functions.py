@@ -1,4 +1,4 @@
-"""The functions of C++ and Python sources and their lengths, as universal-ctags tells them."""
+"""The functions of C++ and Python sources and their lengths, as universal-ctags reports them."""
 
 import subprocess
 from typing import NamedTuple

@@ -64,7 +64,7 @@ def reached_from(folder, edges):
 
 def picture(edges):
     """The SVG of a graph, which begins with its edges as a comment: versions of Graphviz draw differently,
-    and the comment alone tells whether a picture is true."""
+    and the comment alone shows whether a picture is up to date."""
     done = subprocess.run(["dot", "-Tsvg"], input=dot(needed(edges)), capture_output=True, text=True,
                           check=True)
     drawn = "".join(f"{line.rstrip()}\n" for line in done.stdout.splitlines())

@@ -54,7 +54,7 @@ std::shared_ptr<BackupableVolume> findVolume(agent::info::Logger& logger, const 
     return found.front();
 }
 
-/// The number of connections that can be opened without asking for the secret more than once.
+/// How many connections to open to the image. Only one if each would ask the administrator for the secret.
 std::size_t readerCount(const restore::ImageAddress& address, const restore::SecretSource& secret) {
     constexpr std::size_t local = 8;
     constexpr std::size_t remote = 4;

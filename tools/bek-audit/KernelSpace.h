@@ -12,7 +12,7 @@ namespace audit {
 /// agent's parsers. For ascending offsets, most answers come from the cached last record.
 /// Owns:    a descriptor of the mounted file system.
 /// Threads: one at a time.
-/// Fails:   `isInUse` returns std::nullopt if the kernel can't tell.
+/// Fails:   `isInUse` returns std::nullopt if the kernel doesn't say.
 class KernelSpace {
 public:
     /// `root` is the root of a mounted file system. ext4 and XFS support the ioctl; others don't.

@@ -29,7 +29,7 @@ struct GetOptions {
     bool mayOverwrite = false;
 };
 
-/// What cp is told to copy. The paths begin at an open descriptor of a directory in the image, so that no
+/// The files that cp copies. Their paths begin at an open descriptor of a directory in the image, so that no
 /// symbolic link on the way can lead to a file of this machine.
 struct Source {
     os::FileDescriptor directory;

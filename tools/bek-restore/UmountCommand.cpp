@@ -50,7 +50,7 @@ bool isInUse(const view::MountedView& view) {
     return view::isLoopDevice(view.state.loop, view.place);
 }
 
-/// File system drivers in user space release the device a moment after they were told to.
+/// A FUSE driver releases the device a moment after the unmount.
 bool awaitEndOfUse(const view::MountedView& view) {
     const auto deadline = std::chrono::steady_clock::now() + releaseTimeout;
     while (isInUse(view) && std::chrono::steady_clock::now() < deadline) {

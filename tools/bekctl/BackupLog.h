@@ -29,8 +29,8 @@ struct BackupRecord {
     std::vector<const agent::info::Reason*> reasons; ///< pointers into the table, each once
 };
 
-/// Derives from the lines of the log, oldest first, how backups ended. A line may hold anything, so what is
-/// kept of each line is bounded.
+/// Finds out from the lines of the log, oldest first, how backups ended. A line may hold anything, so only a
+/// bounded part of each line is kept.
 /// Owns:    all that it has kept.
 /// Threads: one at a time.
 /// Fails:   never: a line that can't be parsed is skipped.
@@ -45,12 +45,11 @@ public:
 
     /// The last record of each volume, by UUID.
     [[nodiscard]] const std::map<std::string, BackupRecord>& lastRecords() const { return records; }
-    /// When the backup began that is still running, if there is one.
+    /// When the running backup began; not set if none is running.
     [[nodiscard]] std::optional<std::time_t> runningSince() const;
     /// The volume being copied; empty if none is.
     [[nodiscard]] const std::string& copying() const { return run.copying; }
-    /// When the last backup began that was cut off by the end of the agent; not set if a later backup has
-    /// ended.
+    /// When the last backup that the agent's end cut off began; not set if a later backup has ended.
     [[nodiscard]] std::optional<std::time_t> beginOfInterrupted() const { return lastInterrupted; }
     /// "host:port" of the last target that a line has named; empty if none has.
     [[nodiscard]] const std::string& lastTarget() const { return target; }

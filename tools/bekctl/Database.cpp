@@ -33,7 +33,8 @@ struct CloseConnection {
 };
 using Connection = std::unique_ptr<sqlite3, CloseConnection>;
 
-/// This journal holds what a running transaction overwrites; an empty one means nothing.
+/// A running transaction keeps the pages that it overwrites in this journal. Without a transaction, the
+/// journal is missing or empty.
 bool isBeingWritten(const std::string& path) {
     struct ::stat journal{};
     return ::stat((path + "-journal").c_str(), &journal) == 0 && journal.st_size > 0;

@@ -9,8 +9,8 @@
 /// Checks of the volumes: what would make a backup fail, or copy more than it is asked to.
 namespace bekctl {
 
-/// Checks the volumes that have been backed up (`known`, by their UUIDs); if there are none, all that can be.
-/// If `isBackupRunning`, an active snapshot is in order.
+/// Checks the volumes that have been backed up (`known`, by their UUIDs); if there are none, all that can be
+/// backed up. If `isBackupRunning`, an active snapshot is in order.
 Findings checkVolumes(const std::vector<VolumeFacts>& volumes, const std::vector<std::string>& known,
                       bool isBackupRunning);
 

@@ -26,7 +26,7 @@ struct Column {
 /// Rows of cells, in columns with two blanks between them.
 /// Owns:    its rows.
 /// Threads: one at a time.
-/// Fails:   never; a failed write leaves the stream's state as such.
+/// Fails:   never; a failed write only sets the stream's error state.
 class Table {
 public:
     explicit Table(std::vector<Column> columns) : columns(std::move(columns)) {}

@@ -18,7 +18,8 @@ public:
 
     std::int64_t read(void* buffer, std::size_t length) override;
     std::int64_t seek(std::int64_t offset, int whence) override;
-    /// There is no descriptor: no file system of this machine knows where the files of an image lie.
+    /// There is no descriptor, because no file system of this machine can report the extents of an image's
+    /// files.
     [[nodiscard]] std::int32_t getFd() const override { return -1; }
     bool open() override { return true; }
     [[nodiscard]] std::uint64_t getSize() const override { return image.size(); }

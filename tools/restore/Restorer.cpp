@@ -99,7 +99,7 @@ void Restorer::copyPieces(std::uint64_t& copiedUntil, WriteBehind& behind, Resul
     });
 }
 
-/// If it is the device that has failed, the marker that was written last has to do.
+/// If the device itself has failed, the marker that was written last stays in effect.
 void Restorer::writeMarkerAfterFailure(std::uint64_t position, WriteBehind& behind) noexcept {
     try {
         behind.waitOrThrow();

@@ -38,7 +38,7 @@ public:
     void write(std::span<const std::byte> from, std::uint64_t offset);
     /// Makes the range read as zeros, without taking space or writing if the device supports that.
     void zero(const ByteRange& range);
-    /// Gives up a range that nobody needs. It may read as anything afterwards.
+    /// Discards a range whose content isn't needed. Its content is undefined afterwards.
     void discard(const ByteRange& range);
     /// Extends a shorter file to this size.
     void extendTo(std::uint64_t size);

@@ -81,11 +81,11 @@ def race_merge(testbed, report, rounds):
 
 
 def race(arguments, report):
-    """The races `floor` and `kinds`, as far as they are wanted, on the same volume."""
+    """Runs those of the races `floor` and `kinds` that were requested, on the same volume."""
     with Testbed(arguments.directory, arguments.gibibytes, images="/tmp", poisoned=False) as testbed:
         used = arguments.gibibytes * GIBIBYTE // 3
         files.fill(testbed.roots[0], used)
-        testbed.backup(full=True) # each file gets its place
+        testbed.backup(full=True) # allocates the blocks of each file
         if "floor" in arguments.races:
             race_full(testbed, report, arguments.rounds)
         if "kinds" in arguments.races:

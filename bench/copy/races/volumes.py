@@ -23,6 +23,6 @@ def race(arguments, report):
     with Testbed(arguments.directory, 1, images="/tmp", poisoned=False, volumes=VOLUMES) as testbed:
         for root in testbed.roots:
             files.fill(root, GIBIBYTE // 3)
-        testbed.backup(full=True) # each file gets its place
+        testbed.backup(full=True) # allocates the blocks of each file
         together, apart = map(min, zip(*(race_round(testbed, report) for _ in range(arguments.rounds))))
         report.bound(f"{VOLUMES} volumes in one backup beside {VOLUMES} backups", together / apart, BOUND)

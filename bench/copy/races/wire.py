@@ -18,7 +18,7 @@ MOVED = 128 * MEBIBYTE
 
 def race_round(testbed, report, portal):
     """The seconds of the copy phase and of the tool, which copies the whole snapshot. For comparison the tool
-    also copies the file behind the device, which tells it where the holes are."""
+    also copies the file behind the device, in which it can find the holes."""
     backup = testbed.backup(portal, full=True)
     with testbed.last_snapshot() as device:
         peer, of_file = (run_qemu(testbed, source, "-m", "16", portal=portal).seconds
@@ -51,6 +51,6 @@ def race(arguments, report):
     require_tools()
     with Testbed(arguments.directory, GIBIBYTES, images="/tmp", poisoned=False) as testbed:
         files.fill(testbed.roots[0], GIBIBYTES * GIBIBYTE // 3)
-        testbed.backup(full=True) # each file gets its place
+        testbed.backup(full=True) # allocates the blocks of each file
         for milliseconds in ROUND_TRIPS:
             race_distance(testbed, report, arguments.rounds, milliseconds)

@@ -15,7 +15,7 @@ namespace {
 constexpr std::uint32_t unit = 512; // no file system has smaller blocks
 constexpr int deepest = 200;        // levels of directories that are searched
 
-/// Returns nothing for a file without blocks of its own, or if the file system doesn't tell.
+/// Returns nothing for a file without blocks of its own, or if the file system doesn't report extents.
 std::vector<ByteRange> locationsOf(agent::info::Logger& logger, int directory, const std::string& name) {
     std::vector<ByteRange> locations;
     try {

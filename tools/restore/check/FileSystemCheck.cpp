@@ -62,7 +62,7 @@ Command commandOf(const Checker& checker, const std::string& device) {
 }
 
 /// Returns false, and notes the damage, if the journal can't be replayed: without the replay, a checker
-/// reports errors that are none.
+/// reports errors in an intact file system.
 bool prepareForCheck(const Checker& checker, const std::string& device, const std::string& directory,
                      Findings& findings) {
     try {

@@ -175,7 +175,7 @@ std::optional<ProcessId> ProcessId::of(pid_t pid) {
     std::istringstream fields(text.substr(name + 1));
     std::string field;
     fields >> field;
-    if (field == "Z" || field == "X") { // it has ended, but nobody has waited for it
+    if (field == "Z" || field == "X") { // a zombie: it has ended, but its parent hasn't reaped it
         return std::nullopt;
     }
     for (int number = 1; number < fieldsBefore; ++number) {
