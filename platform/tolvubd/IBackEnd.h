@@ -39,7 +39,7 @@ public:
     virtual void takeNext(const SnapshotPlan& plan, const Device& before, const std::string& closed,
                           Device& after) = 0;
     /// Updates `device` for the end of its snapshot; the caller writes it to the table. Throws the error that
-    /// broke the snapshot, unless tracking can go on in spite of it.
+    /// broke the snapshot, unless tracking can go on despite it.
     virtual void noteEnd(Device& device) = 0;
     /// Removes everything of the device from the machine, except its files on the volume.
     virtual void release(const Device& device) = 0;

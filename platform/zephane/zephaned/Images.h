@@ -68,7 +68,7 @@ private:
     };
 
     struct Image {
-        std::optional<ImageConfig> config; // none if the image isn't served any more, but was in use
+        std::optional<ImageConfig> config; // none if no longer served; kept until its engines have ended
         std::optional<wire::ProofKey> key;
         AccessGroup writing;
         AccessGroup reading;

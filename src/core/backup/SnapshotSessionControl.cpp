@@ -138,9 +138,8 @@ private:
     std::once_flag validateOnce;
     std::unordered_map<std::string, SnapshotSpace>
         spaceByVolume; // by UUID, measured when the session was validated
-    /// What the closed change records of this session contain, by UUID. If a volume isn't in the map, this
-    /// session doesn't know its debt: it didn't start the volume's snapshot, or the change record wasn't
-    /// intact.
+    /// The kinds of this session's closed change records, by UUID. If a volume isn't in the map, this session
+    /// doesn't know its debt: it didn't start the volume's snapshot, or the change record wasn't intact.
     std::unordered_map<std::string, ClosedRecord> closedRecords;
     /// The UUIDs of volumes whose snapshots could be neither trusted nor destroyed.
     std::unordered_set<std::string> untrustedSnapshots;
