@@ -28,7 +28,7 @@ namespace {
 namespace fs = std::filesystem;
 
 /// Freezes the file system. If that isn't supported, stops its FUSE server.
-std::unique_ptr<HoldGuard> holdStill(const Volume& volume, const std::string& mountPoint) {
+std::unique_ptr<HoldGuard> holdVolume(const Volume& volume, const std::string& mountPoint) {
     try {
         return std::make_unique<HoldGuard>(std::make_unique<FrozenFileSystem>(mountPoint));
     } catch (const std::system_error& error) {
@@ -47,7 +47,7 @@ void captureVolume(const SnapshotPlan& plan, Device& device) {
     device.ownFileExtents = extentsOfOwnFiles(plan.cow.mountPoint, volume.size);
     Capture capture(layout::capture(device.snapshot), volume.path, volume.size);
     const auto begin = steady_clock::now();
-    const std::unique_ptr<HoldGuard> held = holdStill(volume, plan.cow.mountPoint);
+    const std::unique_ptr<HoldGuard> held = holdVolume(volume, plan.cow.mountPoint);
     capture.copy([&] { held->reportProgress(); });
     held->release();
     const auto lasted = std::chrono::duration_cast<milliseconds>(steady_clock::now() - begin);

@@ -19,12 +19,12 @@ constexpr std::chrono::milliseconds removalPause{50};
 constexpr const char* controlNode = "/dev/mapper/control";
 
 /// Discards the library's messages, because the exceptions contain all necessary information.
-void keepQuiet(int /*level*/, const char* /*file*/, int /*line*/, int /*errorOrClass*/,
-               const char* /*format*/, ...) {}
+void discardMessage(int /*level*/, const char* /*file*/, int /*line*/, int /*errorOrClass*/,
+                    const char* /*format*/, ...) {}
 
 /// Doesn't wait for udev, because the caller may be run by udev. Uses the names as the kernel has them.
 void prepareLibrary() {
-    dm_log_with_errno_init(keepQuiet);
+    dm_log_with_errno_init(discardMessage);
     dm_udev_set_sync_support(0);
     dm_set_name_mangling_mode(DM_STRING_MANGLING_NONE);
 }

@@ -9,6 +9,7 @@
 #include "core/backup/SnapshotFiles.h"
 #include "info/BackupableVolume.h"
 #include "info/CowFile.h"
+#include "info/CowFileSize.h"
 #include "info/CowFormat.h"
 #include "info/DriverController.h"
 #include "info/DriverExtension.h"
@@ -51,8 +52,6 @@ enum class ClosedRecord {
 };
 
 constexpr std::uint64_t bytesPerMiB = 1048576;
-/// The minimum size of a CoW file.
-constexpr std::uint64_t minCowMiB = 100;
 
 /// The space that a snapshot needs and has on a volume, in bytes.
 struct SnapshotSpace {
@@ -220,7 +219,7 @@ void SnapshotSessionControl::Impl::warnOfSecondCowFile(const BackupableVolume& v
          << info::formatHumanSize(needed) << " for a second CoW file, and this one leaves "
          << info::formatHumanSize(left) << ": free the rest";
     const std::uint64_t maxMiB = (left - std::min(left, tables)) / bytesPerMiB;
-    if (maxMiB >= minCowMiB) {
+    if (maxMiB >= info::minCowFileMiB) {
         line << ", or set volumes." << volume.getUuid() << ".cowFileSizeMiB to " << maxMiB << " or less";
     }
 }

@@ -58,7 +58,7 @@ std::int64_t HFSParserImpl::getBitmapChunk(std::uint64_t startBlock, std::uint8_
         return fail("startBlock must be divisible by 8");
     }
     std::vector<HFSExtent> extents;
-    if (!isBelievable() || !findExtents(extents)) {
+    if (!isHeaderTrustworthy() || !findExtents(extents)) {
         return -1;
     }
     // An empty extent ends the list. A list without an empty extent counts as empty.
@@ -75,7 +75,7 @@ std::int64_t HFSParserImpl::getBitmapChunk(std::uint64_t startBlock, std::uint8_
 
 /// File systems keep their header at byte 1024, so a header at byte 0 is a copy, which may be outdated. It is
 /// only trusted while both headers agree.
-bool HFSParserImpl::isBelievable() {
+bool HFSParserImpl::isHeaderTrustworthy() {
     HFSVolumeHeader usual;
     const char* reason = header.whyUnusable();
     if (reason == nullptr && !readHeader(layout::usualPosition, usual)) {
