@@ -15,8 +15,8 @@ bool belongsTo(const Device& device, const Volume& volume);
 
 /// The current path of a CoW file on the volume. Throws ENOENT when it isn't there.
 std::string findCowFile(const Volume& volume, const std::string& cowFile);
-/// The entries that have the CoW file of a destroyed device removed. Empty when the volume isn't mounted or
-/// is broken, or the file is gone already.
+/// The entries for Table::unfinished that make a session remove the CoW file of a destroyed device. Empty
+/// when the volume isn't mounted or is broken, or the file is gone already.
 std::vector<Unfinished> removalOfCowFile(const Device& device);
 
 } // namespace tolvubd

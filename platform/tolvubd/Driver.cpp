@@ -49,7 +49,7 @@ void requireTable(const Device& device, const std::string& cowFile) {
     static_cast<void>(CowTable(cowFile, device.snapshot, device.size));
 }
 
-/// Removes the device's entries from `unfinished`: what they announced exists now.
+/// Removes the device's entries from `unfinished`, because the files that they announced exist now.
 void clearUnfinished(Table& table, const Device& device) {
     std::erase_if(table.unfinished,
                   [&](const Unfinished& unfinished) { return unfinished.snapshot == device.snapshot; });
@@ -108,7 +108,7 @@ void Driver::replace(const Device& device) {
     commit(next);
 }
 
-/// What can't be removed now is left to the next session.
+/// Leftovers that can't be removed now are left to the next session.
 void Driver::reconcile() {
     const Table reconciled = reconcileMachine(table, Held::no, backEnds());
     try {

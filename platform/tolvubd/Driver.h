@@ -20,7 +20,8 @@ namespace tolvubd {
 /// Owns:    the driver's lock and the table of devices.
 /// Threads: one at a time; objects of other threads and processes wait for the lock, or fail with EWOULDBLOCK
 ///          (see Busy).
-/// Fails:   std::system_error; the operation has then changed nothing.
+/// Fails:   std::system_error; no live device has changed then, but leftovers of an earlier tracking of the
+///          volume may have been removed.
 class Driver {
 public:
     explicit Driver(Busy busy = Busy::wait);

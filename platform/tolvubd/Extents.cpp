@@ -83,9 +83,9 @@ std::optional<std::uint64_t> countBlocks(const struct stat& status, std::uint64_
     return blocks <= std::numeric_limits<int>::max() ? std::optional(blocks) : std::nullopt;
 }
 
-/// Asks for block by block (FIBMAP), which some file systems support that don't support FIEMAP. A file
-/// smaller than a block may be stored within its inode and have no block. In a larger file, a block without a
-/// place means that the location isn't known.
+/// Queries each block on its own with FIBMAP, which some file systems without FIEMAP support. A file smaller
+/// than a block may be stored within its inode and have no block. In a larger file, a block without a place
+/// means that the location isn't known.
 std::optional<std::vector<Extent>> blocksOf(const os::FileDescriptor& file, const std::string& path) {
     syncFile(file, path);
     struct stat status{};

@@ -16,13 +16,13 @@ struct Extent {
     bool operator==(const Extent&) const = default;
 };
 
-/// Where a file lies on its volume; its dirty pages are written first. None when the file system doesn't
+/// The extents of a file on its volume; its dirty pages are written first. None when the file system doesn't
 /// report the location of the whole file.
 std::optional<std::vector<Extent>> extentsOf(const std::string& path);
 
-/// Where the driver's files, and those that its callers keep beside them, lie: all files in the root
-/// directory with the prefix ".tolvu". No caller copies them from a snapshot. The whole volume if the
-/// location of one of them isn't known.
+/// The extents of all files in the root directory whose names begin with ".tolvu": the driver's own files,
+/// and those that its callers keep beside them. No caller copies these files from a snapshot. Returns the
+/// whole volume if the location of one of them isn't known.
 std::vector<Extent> extentsOfOwnFiles(const std::string& mountPoint, std::uint64_t volumeSize);
 
 } // namespace tolvubd

@@ -43,8 +43,8 @@ bool sendHeartbeat(int link) {
     return ::send(link, &heartbeat, sizeof heartbeat, MSG_NOSIGNAL | MSG_DONTWAIT) >= 0 || errno == EAGAIN;
 }
 
-/// Releases the volume when told to, or after the timeout. If the hold hasn't begun by then, it still may, so
-/// the guard goes on waiting.
+/// Releases the volume when the socket closes, or after the timeout. If the hold hasn't begun by then, it may
+/// still begin, so the guard goes on waiting.
 int waitAndRelease(Hold& hold, int link) {
     while (!waitForClose(link)) {
         if (hold.end()) {

@@ -10,10 +10,10 @@ namespace tolvubd {
 
 /// Holds a volume: nothing is written to its device until it is released.
 ///
-/// The volume must not stay held when this process dies, so a forked guard process releases it: when told to
-/// through a socket, when the socket closes because this process is gone, and when no progress was reported
-/// for too long, perhaps because this process waits for the held volume itself. If the hold takes longer than
-/// that to begin, the guard waits for it.
+/// The volume must not stay held when this process dies, so a forked guard process releases it: when the
+/// socket between the two closes, because of `release` or because this process is gone, and when no progress
+/// was reported for too long, perhaps because this process waits for the held volume itself. If the hold
+/// takes longer than that to begin, the guard waits for it.
 ///
 /// Owns:    the hold, the socket and the guard process.
 /// Threads: one at a time.
@@ -30,7 +30,7 @@ public:
 
     /// Must be called more often than `patienceMilliseconds`; throws ETIMEDOUT if the guard has given up.
     void reportProgress();
-    /// Releases the volume. Throws ETIMEDOUT if it was released before: then what was read meanwhile is
+    /// Releases the volume. Throws ETIMEDOUT if it was released before: then the data read meanwhile is
     /// worthless.
     void release();
 

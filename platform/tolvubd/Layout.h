@@ -6,23 +6,24 @@
 /// The paths and names that the driver uses. They are fixed, as for a kernel driver.
 namespace tolvubd::layout {
 
-/// Survives a restart of the machine: the captures and the state. All of it lies on one file system, and that
-/// one can't be captured.
+/// The captures and the state, which survive a restart of the machine. All of them are on one file system,
+/// which can't be captured.
 inline constexpr const char* store = "/var/lib/tolvubd";
 inline constexpr const char* lock = "/var/lib/tolvubd/lock";
 inline constexpr const char* state = "/var/lib/tolvubd/state.json";
 inline constexpr const char* captureSuffix = ".img";
 
-/// What must be known before any file system is mounted; the initramfs has a copy.
+/// The boot record: the information that is needed before any file system is mounted. The initramfs has a
+/// copy.
 inline constexpr const char* bootRecord = "/etc/tolvubd/boot.json";
 /// The kernel's boot IDs of the last starts of the machine, oldest first.
 inline constexpr const char* bootHistory = "/var/lib/tolvubd/starts";
-/// Lies beside the CoW files of a volume that device-mapper tracks.
+/// A file beside the CoW files of a volume that device-mapper tracks.
 inline constexpr const char* eraFile = ".tolvu.era";
 /// The prefix of the UUIDs of all our device-mapper devices.
 inline constexpr const char* mapperPrefix = "TOLVU-";
 
-/// Gone after a restart of the machine.
+/// The files in this directory don't survive a restart of the machine.
 inline constexpr const char* runtime = "/run/tolvubd";
 inline constexpr const char* info = "/run/tolvubd/info";
 inline constexpr const char* version = "/run/tolvubd/version";

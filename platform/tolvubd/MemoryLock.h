@@ -2,8 +2,9 @@
 
 namespace tolvubd {
 
-/// Keeps the process running while a volume is held that may hold the process's own files or the swap space:
-/// all its memory stays in RAM, and to allocate memory for it, the kernel doesn't write other pages out.
+/// Keeps the process running while a volume is held, even if the process's own files or the swap space are on
+/// that volume: all memory of the process stays in RAM, and the kernel doesn't write out other pages in order
+/// to allocate memory for it.
 ///
 /// Owns:    the lock on the process's memory.
 /// Threads: the thread that constructs it must destroy it; PR_SET_IO_FLUSHER applies to that thread only.

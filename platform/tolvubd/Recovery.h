@@ -10,10 +10,10 @@ namespace tolvubd {
 /// Whether the last session may have left a volume held.
 enum class Held { no, maybe };
 
-/// Brings the machine to what the table says: removes what a failed or interrupted operation has left. What
-/// can't be removed is logged, and the next session tries again.
+/// Makes the machine match the table: removes the leftovers of failed and interrupted operations. Logs the
+/// leftovers that can't be removed; the next session tries again.
 ///
-/// Returns the table without finished entries, and without devices of which nothing is left.
+/// Returns the table without finished entries, and without devices whose captures are gone.
 Table reconcileMachine(Table table, Held held, const std::vector<IBackEnd*>& backEnds);
 
 } // namespace tolvubd

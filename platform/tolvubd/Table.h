@@ -24,8 +24,7 @@ struct Layers {
     std::string usedGroups; ///< which ext block groups were in use at the last snapshot, in hexadecimal
     std::vector<std::uint64_t>
         preservedBytes; ///< bytes that each of the last snapshots preserved, newest last
-    int error =
-        0; ///< errno of the check that failed; unless it is 0, nothing of the device is trusted any more
+    int error = 0;      ///< errno of the check that failed; ENOSPC breaks the snapshot, others the tracking
 
     bool operator==(const Layers&) const = default;
 };
@@ -40,7 +39,7 @@ struct Device {
     std::string snapshot;    ///< UUID of the snapshot; also in the CoW file's header
     std::uint64_t size = 0;  ///< of the block device, in bytes
     std::uint64_t cacheSize = 0;
-    std::vector<Extent> ownFileExtents; ///< where the files that no backup copies lay in the capture
+    std::vector<Extent> ownFileExtents; ///< extents, in the capture, of the files that no backup copies
     std::optional<Layers> layers = std::nullopt;
     /// Why device-mapper doesn't track the volume, if there are no layers.
     std::string whyCaptured = {}; // NOLINT(readability-redundant-member-init): or GCC warns of shorter lists
@@ -48,8 +47,8 @@ struct Device {
     bool operator==(const Device&) const = default;
 };
 
-/// What an operation has begun to create, or has yet to remove. A session that finds an entry removes those
-/// things.
+/// The unfinished work of an operation: the things that it has begun to create or has yet to remove, and the
+/// volume that it holds. A session that finds an entry cleans up after the operation.
 struct Unfinished {
     std::string snapshot;
     std::string cowFile;    ///< absolute

@@ -42,7 +42,7 @@ std::vector<std::string> mountPointsIn(const std::string& mountInfo, dev_t devic
 std::string fileSystemIn(const std::string& mountInfo, dev_t device);
 /// Whether the file system of a device is served by a FUSE process.
 bool isServedIn(const std::string& mountInfo, dev_t device);
-/// Whether a file system of the device is writable, even if this or that mount of it is read-only.
+/// Whether a file system of the device is writable, even if some of its mounts are read-only.
 bool isWritableIn(const std::string& mountInfo, dev_t device);
 
 /// The free bytes on the file system of `path`, without those reserved for root.

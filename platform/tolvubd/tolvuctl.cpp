@@ -63,7 +63,7 @@ std::uint32_t minorFrom(const std::string& text) {
     return minor;
 }
 
-/// What tracks the device, and why.
+/// How the device is tracked, with the reason if it is captured or can't be trusted.
 std::string trackedBy(const Device& device) {
     if (!device.layers) {
         return device.whyCaptured.empty() ? "capture" : "capture: " + device.whyCaptured;
@@ -81,7 +81,8 @@ void print(const Device& device, const std::string& state) {
               << device.snapshot << "  " << std::setw(14) << device.size << trackedBy(device) << '\n';
 }
 
-/// A session checks the devices and records their errors. If another session is running, it does so itself.
+/// A session checks the devices and records their errors. If another session is running, that session does
+/// so.
 void checkDevices() {
     try {
         const Driver session(tolvubd::Busy::fail);

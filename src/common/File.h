@@ -31,7 +31,7 @@ struct ::stat linkStatus(const std::string& path);
 struct ::stat64 status64(const std::string& path);
 
 /// Calls fsync, so that the content of a file or the names in a directory survive a power failure. Ignores
-/// errors, because not every file system can do so.
+/// errors, because not every file system supports it.
 void sync(const std::string& path);
 
 /// Replaces the file at `path` atomically with one that contains `content`: at any moment, even after a power

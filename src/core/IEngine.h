@@ -18,7 +18,8 @@ class ISnapshotAttributes;
 /// Owns:    the threads of the running backup and of cancelled backups that have not ended yet.
 /// Threads: safe from any, except that no request may overlap `start`, `stop` or `waitForBackup`.
 /// Fails:   exception::bad_request for a request that can't be served now and for a cancel of an unknown ID;
-///          a failure of a backup itself shows in its status only.
+///          `createBackup` also throws std::runtime_error if the driver isn't loaded. A failure of a backup
+///          itself shows in its status only.
 class IEngine : public IService {
 public:
     /// Starts a backup and returns its ID at once. Cancels a running backup first, but doesn't wait for its

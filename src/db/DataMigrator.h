@@ -29,9 +29,10 @@ class LegacyDatabase;
 /// Fails:   `migrate` logs the reason and returns false if a store or the list of volumes is unavailable, or
 ///          if the file can't be renamed. Values stored before that stay; the next start does the rest.
 ///
-/// So it may run again after the agent has already made backups. Existing values are newer and stay: the
-/// pairing, a volume's row in the database, a volume's history, the size of a CoW file. Above all, it must
-/// not replace a history that lists missing blocks by an empty one.
+/// A migration that failed therefore runs again, perhaps after the agent has made backups. Values that exist
+/// are newer and stay: the pairing, a volume's row in the database, a volume's history, the size of a CoW
+/// file. Only the agent's UUID always comes from the old database. Above all, the migration must not replace
+/// a history that lists missing blocks with an empty one.
 class DataMigrator : public IDataMigrator {
 public:
     using DriverFactory = std::function<std::unique_ptr<info::IDriverController>()>;

@@ -49,7 +49,7 @@ public:
     [[nodiscard]] virtual const std::string& getFileSystem() const;
     [[nodiscard]] virtual const std::string& getPartScheme() const;
     [[nodiscard]] virtual const std::string& getVolumeType() const;
-    /// For messages: the UUID, with the first mount point behind it if there is one.
+    /// For messages: the UUID, followed by the first mount point if there is one.
     [[nodiscard]] virtual std::string getDisplayName() const;
     [[nodiscard]] virtual const std::vector<std::string>& getMountPoints() const;
     /// Whether the device node still exists.

@@ -10,9 +10,11 @@ class IConfig;
 
 namespace agent::info {
 
+/// The smallest size of a CoW file.
 inline constexpr std::uint64_t minCowFileMiB = 100;
 
-/// By default, a tenth of the volume within bounds. The configuration may set another size for each volume.
+/// The default size is a tenth of the volume, within bounds. The configuration may set another size for each
+/// volume.
 /// Owns:    nothing; the configuration must outlive it.
 /// Threads: any thread may call it.
 /// Fails:   never; a default replaces an unusable setting.

@@ -35,9 +35,9 @@ public:
     /// Fills all of `buffer`.
     [[nodiscard]] bool read(std::span<std::byte> buffer);
     [[nodiscard]] bool write(std::span<const std::byte> buffer);
-    /// Reserves space, which reads as zeros until it is written. Not every file system can do so.
+    /// Reserves space, which reads as zeros until it is written. Not every file system supports this.
     [[nodiscard]] bool reserve(std::uint64_t position, std::uint64_t length);
-    /// Whether the range lies in a hole, and so is known to be zeros. Moves the file offset.
+    /// Whether the whole range is in a hole, and so is known to be zeros. Moves the file offset.
     [[nodiscard]] bool isHole(std::uint64_t position, std::uint64_t length);
     /// Returns when the content is on the disk.
     [[nodiscard]] bool sync();

@@ -23,8 +23,8 @@ namespace {
 
 using Access = DriverFile::Access;
 
-/// A part of a table in memory. The tables of large volumes take hundreds of megabytes, so that no more than
-/// `maxBytes` bytes of a table are in memory at a time.
+/// A part of a table in memory. The tables of large volumes take hundreds of megabytes, so at most `maxBytes`
+/// bytes of a table are in memory at a time.
 class TablePiece {
 public:
     static constexpr std::uint64_t maxBytes = std::uint64_t{8} << 20U;

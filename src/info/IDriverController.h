@@ -12,7 +12,8 @@ struct DriverDeviceInfo;
 /// to the driver's CoW files. It marks the blocks that earlier backups should have transferred but didn't.
 /// Owns:    the connection to the driver. The driver's devices and files outlive this object.
 /// Threads: one thread at a time; every call blocks until the driver has finished.
-/// Fails:   every bool result: false means failure, with the reason logged; outputs are then unchanged.
+/// Fails:   a false result means failure, with the reason logged and the outputs unchanged. Only the result
+///          of `hasIncrementalHistory` doesn't report failures.
 class IDriverController {
 public:
     IDriverController() = default;

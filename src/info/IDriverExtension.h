@@ -26,7 +26,7 @@ public:
     /// The names of the files, other than CoW files, that the driver keeps in the root directory of a volume.
     [[nodiscard]] virtual std::vector<std::string> getDriverFiles() const = 0;
     /// How many bytes of the volume's free space the driver will use for a snapshot in addition to the CoW
-    /// file. Throws PosixError if the driver can't say.
+    /// file. Throws PosixError if the driver can't determine it.
     [[nodiscard]] virtual std::uint64_t getSnapshotSpace(const std::string& blockDevice) const = 0;
 };
 

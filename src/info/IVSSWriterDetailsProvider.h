@@ -10,7 +10,7 @@ struct VSSWriterDetails {
     std::string name;
 };
 
-/// Lists the applications that take part in snapshots by themselves.
+/// Lists the applications that take part in snapshots on their own, without scripts.
 /// Owns:    nothing.
 /// Threads: any thread may call it.
 /// Fails:   `getWriters` throws a std::exception if the applications can't be listed.

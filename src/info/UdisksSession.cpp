@@ -43,8 +43,8 @@ GObjectOwner<UDisksClient> makeClient() {
     return client;
 }
 
-/// Even without a running daemon the client has an object manager, one without objects. So this also checks
-/// that the daemon's name has an owner on the bus.
+/// Even if the daemon isn't running, the client has an object manager, which is then empty. So this also
+/// checks that the daemon's name has an owner on the bus.
 GDBusObjectManager* managerOf(UDisksClient* client) {
     GDBusObjectManager* manager = udisks_client_get_object_manager(client);
     if (manager == nullptr) {

@@ -29,7 +29,7 @@ public:
     virtual ~VolumeProvider();
 
     [[nodiscard]] virtual std::vector<Volume> getBackupableVolumes() const;
-    /// Those for which `filter` is true.
+    /// The volumes for which `filter` returns true.
     [[nodiscard]] virtual std::vector<Volume> getBackupableVolumes(const Filter& filter) const;
     /// The first volume of this UUID; null if there is none.
     [[nodiscard]] virtual Volume getBackupableVolume(const std::string& uuid) const;

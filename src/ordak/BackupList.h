@@ -9,7 +9,7 @@ namespace agent::ordak {
 /// GET /backup: the IDs of all backups that the manager knows, grouped by their state.
 /// Owns:    nothing; the constructor's arguments must outlive it.
 /// Threads: any thread may call it.
-/// Fails:   throws what the manager throws.
+/// Fails:   never, unless memory runs out.
 class BackupList {
 public:
     BackupList(core::backup::IBackupManager& backups, info::Logger& logger);

@@ -23,7 +23,6 @@ public:
     ~CurlLibrary() { curl_global_cleanup(); }
 };
 
-/// A list of request headers.
 class Headers {
 public:
     void add(const char* header) {

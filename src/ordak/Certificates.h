@@ -12,7 +12,7 @@ namespace agent::ordak {
 struct Certificates {
     std::string key;         ///< "server.key": the private key.
     std::string certificate; ///< "server.pem": the agent's own certificate, for that key.
-    std::string ca;          ///< "ca.crt": the authority that issues this certificate and the devices' ones.
+    std::string ca;          ///< "ca.crt": the authority that issues this certificate and the devices'.
 };
 
 /// "certs" below the base directory.

@@ -8,7 +8,7 @@ namespace agent::ordak {
 /// GET /config: the options that have been set.
 /// Owns:    nothing; the constructor's arguments must outlive it.
 /// Threads: any thread may call it.
-/// Fails:   throws what the configuration throws.
+/// Fails:   never, unless memory runs out.
 class ConfigGet {
 public:
     explicit ConfigGet(const IConfigData& config) : config(config) {}

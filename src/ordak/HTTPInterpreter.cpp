@@ -67,7 +67,7 @@ int HTTPInterpreter::interpret(int deviceId, std::string ip, std::string method,
                                std::string data, // NOLINT(performance-unnecessary-value-param)
                                std::string& contentType, std::string& response) const {
     const APICall call = classifyAPICall(method, url);
-    if (call != APICall::backupStatus) { // which the appliance polls
+    if (call != APICall::backupStatus) { // the appliance polls this call
         info::LogEntry(logger, info::level::debug) << "Handling request";
         info::LogEntry(logger, info::level::debug) << "Request from device id: " << deviceId;
         info::LogEntry(logger, info::level::debug) << "IPV4: " << ip;

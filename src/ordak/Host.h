@@ -17,8 +17,8 @@ namespace agent::ordak {
 /// GET /host: the machine, its volumes and its quiesce scripts.
 /// Owns:    nothing; the constructor's reference arguments must outlive it.
 /// Threads: any thread may call it.
-/// Fails:   throws what the search for volumes throws. Other errors are logged and don't fail the request:
-///          most properties are "[ERROR]" then.
+/// Fails:   throws std::runtime_error if the volumes can't be listed. Other errors are logged and don't fail
+///          the request: most properties are "[ERROR]" then.
 class Host {
 public:
     Host(info::Logger& logger, const info::SystemInfoProvider& systemInfo,

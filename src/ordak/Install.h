@@ -8,7 +8,7 @@ namespace agent::ordak {
 /// GET /v2/install: whether the machine must be restarted to complete the installation.
 /// Owns:    nothing; the constructor's arguments must outlive it.
 /// Threads: any thread may call it.
-/// Fails:   throws what the driver's description throws.
+/// Fails:   throws std::runtime_error if the driver's state can't be read.
 class Install {
 public:
     explicit Install(const IDriverInfoProvider& driverInfo) : driverInfo(driverInfo) {}

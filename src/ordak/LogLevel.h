@@ -10,7 +10,8 @@ namespace agent::ordak {
 /// is 0 for everything and 6 for nothing.
 /// Owns:    nothing; the constructor's arguments must outlive it.
 /// Threads: any thread may call it.
-/// Fails:   throws exception::bad_request for a body without a number, and what the filter's store throws.
+/// Fails:   throws exception::bad_request for a body without a number, and passes on the store's exception if
+///          the threshold can't be saved.
 class LogLevel {
 public:
     LogLevel(info::Logger& logger, info::StoredLevelFilter& filter);

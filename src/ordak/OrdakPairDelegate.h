@@ -12,7 +12,8 @@ namespace agent::ordak {
 /// Owns:    the cached copy; the store must outlive it.
 /// Threads: any thread may call it. It holds its mutex while it writes to the store, so that a request of the
 ///          old device can't overwrite the pairing with the new one. The store must not call this object.
-/// Fails:   the functions throw what the store throws. If reading fails, the next call reads again.
+/// Fails:   the functions pass on the store's exceptions, which are derived from std::runtime_error. If
+///          reading fails, the next call reads again.
 class OrdakPairDelegate {
 public:
     explicit OrdakPairDelegate(db::IDataProvider& dataProvider) : dataProvider(dataProvider) {}

@@ -67,8 +67,9 @@ void TolvuBackupAgent::start() {
         service->start();
         started->add(*service);
     }
-    // As soon as `running` is set, a signal handler can stop the agent. It must not run while this thread
-    // logs the last line: it logs, too, and would wait for the mutex of the logger that this thread holds.
+    // As soon as `running` is set, the signal handler can stop the agent. It must not interrupt this thread
+    // while the last line is logged: the handler logs, too, and would wait for the logger's mutex, which this
+    // thread holds.
     const TerminationSignalsBlocked signalsBlocked;
     running = std::move(started);
     info::LogEntry(logger, info::level::info) << "Agent daemon started";

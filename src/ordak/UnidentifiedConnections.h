@@ -23,7 +23,7 @@ public:
     UnidentifiedConnections(std::size_t maxCount, Clock::duration maxAge);
 
     void add(int socket) noexcept;
-    /// Returns whether the socket was a stranger's.
+    /// Returns whether the socket was still in the list of unidentified connections.
     bool remove(int socket) noexcept;
 
 private:

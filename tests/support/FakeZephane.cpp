@@ -96,7 +96,7 @@ std::string describe(const Filters& filters) {
 // --- the socket: it can be constructed and does nothing else. Some functions touch a member only because
 // clang warns about private members that are never used.
 
-class TLSTransport::Link {};
+class TLSTransport::Connection {};
 
 TLSTransport::TLSTransport(const std::string& certificate, const std::string& authority,
                            std::chrono::milliseconds patience)

@@ -74,9 +74,9 @@ void closeVolumes(std::chrono::seconds patience) {
     const auto deadline = std::chrono::steady_clock::now() + patience;
     std::vector<BootRecord::Volume> open = readBootRecord(layout::bootRecord).volumes;
     while (true) {
-        const bool isTime = std::chrono::steady_clock::now() >= deadline;
+        const bool isDeadlinePast = std::chrono::steady_clock::now() >= deadline;
         const auto ready = std::ranges::partition(
-            open, [&](const BootRecord::Volume& record) { return !isTime && awaitsUnmount(record); });
+            open, [&](const BootRecord::Volume& record) { return !isDeadlinePast && awaitsUnmount(record); });
         std::ranges::for_each(ready, tryToClose);
         open.erase(ready.begin(), ready.end());
         if (open.empty()) {

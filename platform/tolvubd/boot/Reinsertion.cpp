@@ -71,7 +71,7 @@ private:
             return "its size has changed";
         }
         if (seal->end == Seal::End::open && volume.wasEraShutDown()) {
-            return "it had lost its layers before the machine stopped"; // however shortly before
+            return "it had lost its layers before the machine stopped"; // even if only a moment before
         }
         return reasonForDoubt(*seal, now, previousBootId(layout::bootHistory));
     }

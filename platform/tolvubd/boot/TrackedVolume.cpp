@@ -53,7 +53,7 @@ bool TrackedVolume::wasEraShutDown() const {
 }
 
 void TrackedVolume::write(const Seal& seal) const {
-    if (!isWhereLvmSays(record.volume, device)) {
+    if (!matchesLvmMetadata(record.volume, device)) {
         fail(ESTALE, "LVM says that " + record.volume + " lies elsewhere");
     }
     writeSeal(file, record.eraFile, seal);

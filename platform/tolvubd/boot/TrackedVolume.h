@@ -23,11 +23,11 @@ public:
 
     [[nodiscard]] std::optional<Seal> seal() const;
     [[nodiscard]] std::optional<Fingerprint> fingerprint() const;
-    /// Whether the era target was shut down in order: later writes then bypassed it. Throws EBADMSG when that
+    /// Whether the era target was shut down cleanly: later writes then bypassed it. Throws EBADMSG when that
     /// can't be determined.
     [[nodiscard]] bool wasEraShutDown() const;
-    /// Writes the seal. If LVM says that the volume lies elsewhere, throws ESTALE and writes nothing, because
-    /// the seal's blocks may belong to other data by now.
+    /// Writes the seal. If the volume is elsewhere according to LVM, throws ESTALE and writes nothing,
+    /// because the seal's blocks may belong to other data by now.
     void write(const Seal& seal) const;
 
 private:

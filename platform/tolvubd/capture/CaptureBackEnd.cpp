@@ -28,7 +28,7 @@ namespace {
 namespace fs = std::filesystem;
 
 /// Freezes the file system. If that isn't supported, stops its FUSE server.
-std::unique_ptr<HoldGuard> holdStill(const Volume& volume, const std::string& mountPoint) {
+std::unique_ptr<HoldGuard> holdVolume(const Volume& volume, const std::string& mountPoint) {
     try {
         return std::make_unique<HoldGuard>(std::make_unique<FrozenFileSystem>(mountPoint));
     } catch (const std::system_error& error) {
@@ -47,7 +47,7 @@ void captureVolume(const SnapshotPlan& plan, Device& device) {
     device.ownFileExtents = extentsOfOwnFiles(plan.cow.mountPoint, volume.size);
     Capture capture(layout::capture(device.snapshot), volume.path, volume.size);
     const auto begin = steady_clock::now();
-    const std::unique_ptr<HoldGuard> held = holdStill(volume, plan.cow.mountPoint);
+    const std::unique_ptr<HoldGuard> held = holdVolume(volume, plan.cow.mountPoint);
     capture.copy([&] { held->reportProgress(); });
     held->release();
     const auto lasted = std::chrono::duration_cast<milliseconds>(steady_clock::now() - begin);
@@ -56,7 +56,7 @@ void captureVolume(const SnapshotPlan& plan, Device& device) {
     capture.finish();
 }
 
-/// Writes what has changed between the two captures into the CoW file that was current in between.
+/// Writes the changes between the two captures into the CoW file that was current in between.
 void record(const Device& before, const Device& after, const std::string& closed) {
     const CaptureInfo then{layout::capture(before.snapshot), before.ownFileExtents};
     const CaptureInfo now{layout::capture(after.snapshot), after.ownFileExtents};
@@ -115,7 +115,7 @@ void dropWithoutCapture(std::vector<Device>& devices) {
 
 } // namespace
 
-/// Nothing that the capture needs may lie on the file system that is frozen during the capture.
+/// The capture must not need any file on the file system that is frozen during the capture.
 void CaptureBackEnd::requireRoom(const SnapshotPlan& plan, const Device& /*device*/) const {
     struct stat status{};
     checked(::stat(layout::store, &status), "look at the image store");
@@ -145,10 +145,10 @@ void CaptureBackEnd::takeNext(const SnapshotPlan& plan, const Device& before, co
     showCapture(layout::capture(after.snapshot), plan.volume.sectorSize, after.minor);
 }
 
-/// Nothing to note: a capture is a file of its own that nothing else writes.
+/// Does nothing: no program writes to a capture, so it can't break.
 void CaptureBackEnd::noteEnd(Device& /*device*/) {}
 
-/// Nothing to do: `reconcile` removes captures that no device has.
+/// Does nothing: `reconcile` removes captures that no device has.
 void CaptureBackEnd::release(const Device& /*device*/) {}
 
 void CaptureBackEnd::reload(const Volume& volume, Device& device) {

@@ -52,8 +52,8 @@ bool tryToShow(const os::FileDescriptor& control, const loop_config& config, con
     return true;
 }
 
-/// The file name of the image that the kernel says a loop device shows. The directory depends on the caller's
-/// root and mounts, but the name doesn't, and it is unique among captures.
+/// The file name of the image that a loop device shows, according to the kernel. The directory depends on the
+/// caller's root and mounts, but the name doesn't, and it is unique among captures.
 std::string backingName(const fs::path& loop) {
     constexpr std::size_t longest = 4096;
     try {

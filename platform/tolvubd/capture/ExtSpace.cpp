@@ -94,8 +94,8 @@ bool wasUsed(const Geometry& geometry, const Fields& group) {
     return !geometry.hasGroupFlags || (group.little(descriptor::flags) & neverUsed) == 0;
 }
 
-/// Marks the blocks that a group's bitmap says are in use. If the bitmap was never written, marks nothing:
-/// the group's own structures come into use with the group.
+/// Marks the blocks that are in use according to a group's bitmap. If the bitmap was never written, marks
+/// nothing: the group's own structures come into use with the group.
 bool markGroup(const os::FileDescriptor& image, const Geometry& geometry, std::uint64_t group,
                std::vector<bool>& used) {
     const Fields fields = readDescriptor(image, geometry, group);

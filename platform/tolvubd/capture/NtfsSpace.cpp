@@ -63,7 +63,7 @@ struct Run {
     std::uint64_t count = 0;
 };
 
-/// The data of a file: where it lies, and its size.
+/// The location of a file's data, and its size.
 struct Content {
     std::vector<Run> runs;
     std::uint64_t size = 0;
@@ -188,7 +188,7 @@ std::optional<Content> readContent(const Fields& fields, std::size_t at, std::si
                  : std::nullopt;
 }
 
-/// The data of the file that has this record, as far as the record itself lists the runs.
+/// The data of the file that has this record. Runs that are listed in other records are left out.
 std::optional<Content> findContent(const Fields& fields, std::uint64_t clusters) {
     std::size_t at = fields.little(record::attributes);
     while (at + attribute::firstCluster.offset <= fields.size()) {
@@ -207,7 +207,8 @@ std::optional<Content> findContent(const Fields& fields, std::uint64_t clusters)
     return std::nullopt;
 }
 
-/// Where a byte of a file lies on the volume, and how many bytes follow it there. None after the last run.
+/// The position on the volume of a byte of a file, and how many bytes follow it there. None after the last
+/// run.
 std::optional<Extent> locate(const Content& content, std::uint64_t offset, std::uint64_t clusterSize) {
     for (const Run& run : content.runs) {
         const std::uint64_t length = run.count * clusterSize;

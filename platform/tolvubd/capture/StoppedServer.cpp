@@ -105,7 +105,7 @@ void StoppedServer::stopWhenIdle() {
     }
 }
 
-/// Returns false, and lets the server continue, when a request has come in before it stopped.
+/// Returns false, and lets the server continue, when a request has arrived before the server stopped.
 bool StoppedServer::stop(Clock::time_point end) {
     if (!server.send(SIGSTOP)) {
         failWithErrno("stop the server of the file system");

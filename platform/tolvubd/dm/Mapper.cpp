@@ -18,13 +18,13 @@ constexpr std::chrono::seconds removalPatience{10};
 constexpr std::chrono::milliseconds removalPause{50};
 constexpr const char* controlNode = "/dev/mapper/control";
 
-/// Discards the library's messages: the exceptions say all that is needed.
-void keepQuiet(int /*level*/, const char* /*file*/, int /*line*/, int /*errorOrClass*/,
-               const char* /*format*/, ...) {}
+/// Discards the library's messages, because the exceptions contain all necessary information.
+void discardMessage(int /*level*/, const char* /*file*/, int /*line*/, int /*errorOrClass*/,
+                    const char* /*format*/, ...) {}
 
 /// Doesn't wait for udev, because the caller may be run by udev. Uses the names as the kernel has them.
 void prepareLibrary() {
-    dm_log_with_errno_init(keepQuiet);
+    dm_log_with_errno_init(discardMessage);
     dm_udev_set_sync_support(0);
     dm_set_name_mangling_mode(DM_STRING_MANGLING_NONE);
 }
@@ -35,7 +35,7 @@ class Task {
 public:
     Task(int type, const std::string& what) : what(what) {
         prepareLibrary();
-        // Without the control node, the library would create it, and more.
+        // If the control node is missing, the library would create it, and other nodes too.
         if (::access(controlNode, F_OK) == 0) {
             task.reset(dm_task_create(type));
         }

@@ -53,7 +53,7 @@ void SuspendedDevice::enterChild() noexcept {
     MemoryLock::lockPermanently();
 }
 
-/// EINTR: a signal for the program is no reason to give up.
+/// Tries again after EINTR: a signal for the program is no reason to give up.
 int SuspendedDevice::trySuspend() noexcept {
     int error = 0;
     do {

@@ -10,7 +10,8 @@ namespace tolvubd::era {
 std::vector<Wanted> findArrayBlocks(BlockReader& reader, std::uint64_t root, std::uint64_t count,
                                     std::size_t valueSize);
 
-/// Throws EBADMSG unless block `number` of the array holds as many values, and of that size, as it must.
+/// Throws EBADMSG unless block `number` of the array holds the right number of values, of `valueSize` bytes
+/// each.
 void requireValues(const Block& block, std::uint64_t number, std::uint64_t count, std::size_t valueSize);
 
 /// Calls `visit(index, value)` for each value of an array, in any order.

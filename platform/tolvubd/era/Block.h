@@ -9,8 +9,7 @@
 
 namespace tolvubd::era {
 
-/// The bytes of one block of the metadata, and access to the numbers in it. Offsets must lie inside the
-/// block.
+/// The bytes of one block of the metadata, and access to the numbers in it. Offsets must be inside the block.
 /// Owns:    nothing; the bytes must outlive it.
 /// Threads: any.
 /// Fails:   never.

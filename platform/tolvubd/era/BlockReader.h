@@ -21,8 +21,8 @@ struct Wanted {
 /// Owns:    a buffer for the largest read, and a bit for each block of the device; the descriptor must
 ///          outlive it.
 /// Threads: one at a time.
-/// Fails:   std::system_error, with EBADMSG when a block isn't sound, lies outside the device or is claimed
-///          for a second time. So no structure can be longer than the device, and every cycle ends.
+/// Fails:   std::system_error, with EBADMSG when a block isn't sound, is outside the device or is claimed for
+///          a second time. So no structure can be longer than the device, and every cycle ends.
 class BlockReader {
 public:
     using Visit = std::function<void(std::uint64_t key, const Block& block)>;
@@ -32,7 +32,7 @@ public:
     /// The number of blocks of the device.
     [[nodiscard]] std::uint64_t blocks() const { return claimed.size(); }
 
-    /// Notes that a block is to be read. Throws EBADMSG if it can't be, or has been claimed already.
+    /// Records that a block is to be read. Throws EBADMSG if it is outside the device or claimed already.
     Wanted claim(std::uint64_t place, std::uint64_t key);
 
     /// Calls `visit` for each of the claimed blocks, in the order of their places; neighbours are read

@@ -26,7 +26,7 @@ std::uint64_t divideUp(std::uint64_t number, std::uint64_t by) {
     return number / by + (number % by == 0 ? 0 : 1);
 }
 
-/// The most blocks of metadata that an array of so many values takes, including the tree above it.
+/// The most blocks of metadata that an array of `values` values takes, including the tree above it.
 std::uint64_t arrayBlocks(std::uint64_t values, std::size_t valueSize) {
     std::uint64_t level = divideUp(values, era::array::valuesInBlock(valueSize));
     std::uint64_t total = level;

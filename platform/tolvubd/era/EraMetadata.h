@@ -49,9 +49,9 @@ private:
     era::Superblock superblock;
 };
 
-/// Whether the target was shut down in order, according to its superblock: that ends the current era, so
-/// there is no current writeset any more. A target in use always has one, and so has a target that was
-/// running when the power failed. Throws EBADMSG for a block that isn't sound.
+/// Whether the target was shut down cleanly, according to its superblock: a clean shutdown ends the current
+/// era, so there is no current writeset any more. A target in use always has one, and so has a target that
+/// was running when the power failed. Throws EBADMSG for a block that isn't sound.
 bool wasEraShutDown(std::span<const std::byte, era::blockSize> superblock);
 
 /// The era target's block size for a volume of this size, in sectors of 512 bytes. It is 8 (4 KiB) up to 256
@@ -59,7 +59,7 @@ bool wasEraShutDown(std::span<const std::byte, era::blockSize> superblock);
 /// never more than 128, because a write of any size marks its whole block.
 std::uint32_t eraBlockSectors(std::uint64_t volumeBytes);
 
-/// The most bytes of metadata that a volume of so many blocks can need, in whole MiB. When an era target's
+/// The most bytes of metadata that a volume of `blocks` blocks can need, in whole MiB. When an era target's
 /// metadata is full, the programs' writes fail, so this assumes the worst case:
 ///
 /// - Three copies of the array of eras: in a metadata snapshot, as last committed, and in the transaction

@@ -27,7 +27,7 @@ using PhysicalDevices = std::map<std::string, dev_t>;
 ///
 /// Owns:    the text.
 /// Threads: any.
-/// Fails:   std::system_error, EBADMSG when the text isn't one of a volume group or contradicts itself.
+/// Fails:   std::system_error, EBADMSG when the text doesn't describe a volume group or contradicts itself.
 class VolumeGroup {
 public:
     explicit VolumeGroup(std::string content);
@@ -41,7 +41,7 @@ public:
     [[nodiscard]] std::string uuid() const;
     /// Increases with each change of the group.
     [[nodiscard]] std::uint64_t sequence() const;
-    /// Where the volume with this UUID (32 letters) lies; none when it isn't in linear pieces on these
+    /// The location of the volume with this UUID (32 letters); none when it isn't in linear pieces on these
     /// devices.
     [[nodiscard]] std::optional<std::vector<VolumePiece>> piecesOf(const std::string& volume,
                                                                    const PhysicalDevices& devices) const;

@@ -228,7 +228,7 @@ int LayerStack::check(const Layers& layers, Mode mode) const {
     if (!volume || !lower || !meta || !mid) {
         return ENXIO;
     }
-    if (dm::liveTable(*volume) != eraTarget(id, layers) || !isWhereLvmSays(layers.volume, *lower)) {
+    if (dm::liveTable(*volume) != eraTarget(id, layers) || !matchesLvmMetadata(layers.volume, *lower)) {
         return ESTALE;
     }
     if (isEraNearlyFull(dm::liveStatus(*volume))) {

@@ -13,10 +13,10 @@ namespace tolvubd {
 
 /// The device-mapper devices with which one volume is tracked:
 ///
-///     volume    era on `meta` and `mid`          what programs write to; its own table is that of `lower`
+///     volume    era on `meta` and `mid`          in use by programs; its own table is that of `lower`
 ///     mid       linear on `lower`, or, while there is a snapshot, snapshot-origin on `lower`
 ///     snapshot  snapshot of `lower` with its store on `cow`
-///     meta, cow pieces of `lower`: where files of the volume lie
+///     meta, cow pieces of `lower`: the extents of files on the volume
 ///     lower     the volume's own table
 ///
 /// All state is in the kernel, where the devices are found by the UUID of the tracking.
@@ -37,7 +37,7 @@ public:
     /// Whether the kernel has any device of this tracking.
     [[nodiscard]] bool isPresent() const;
 
-    /// Whether the kernel has the device `cow`, which lies in the CoW file.
+    /// Whether the kernel has the device `cow`, whose blocks are those of the CoW file.
     [[nodiscard]] bool hasStore() const;
 
     /// Creates lower, with the volume's live table, and mid and meta on it. Doesn't change the volume itself.
@@ -63,7 +63,7 @@ public:
     void removeLayers();
 
     /// Checks the layers; returns 0 or an errno. ENXIO: a device is missing. ESTALE: the volume has another
-    /// table than ours, or LVM says that it lies elsewhere. ENOSPC: the snapshot's store has overflowed.
+    /// table than ours, or is elsewhere according to LVM. ENOSPC: the snapshot's store has overflowed.
     /// EOVERFLOW: the metadata of the era target is nearly full.
     [[nodiscard]] int check(const Layers& layers, Mode mode) const;
     /// The volume's current era.

@@ -54,7 +54,7 @@ std::vector<dev_t> devicesOf(const std::vector<VolumePiece>& pieces) {
 
 } // namespace
 
-bool isWhereLvmSays(const std::string& volume, const dm::Device& lower) {
+bool matchesLvmMetadata(const std::string& volume, const dm::Device& lower) {
     if (!volume.starts_with(lvmPrefix)) {
         return true;
     }

@@ -7,8 +7,8 @@
 
 namespace tolvubd {
 
-/// Keeps LVM's commands from changing where the volumes of a group lie, with the lock that they take
-/// themselves: an flock of /run/lock/lvm/V_GROUP. It is needed while a volume's table is exchanged.
+/// Keeps LVM's commands from moving the volumes of a group, by taking the lock that these commands take: an
+/// flock of /run/lock/lvm/V_GROUP. It is needed while a volume's table is exchanged.
 ///
 /// Owns:    the lock. No lock for a volume that isn't LVM's, or where LVM has no such locks.
 /// Threads: one at a time.

@@ -36,7 +36,7 @@ namespace tolvubd {
 namespace {
 
 /// The bytes that a file uses on its volume; 0 if there is no file.
-std::uint64_t takenBy(const std::string& path) {
+std::uint64_t allocatedBytesOf(const std::string& path) {
     constexpr std::uint64_t unit = 512;
     struct stat status{};
     return ::lstat(path.c_str(), &status) == 0 ? static_cast<std::uint64_t>(status.st_blocks) * unit : 0;
@@ -60,7 +60,7 @@ void show(const LayerStack& stack, Device& device) {
     showReadOnly(stack, device.minor);
 }
 
-/// Makes all reads of a snapshot fail that may be inconsistent.
+/// Makes all reads of a snapshot fail, because the data may be inconsistent.
 void failSnapshotReads(const LayerStack& stack) {
     const dm::Device snapshot = stack.snapshot();
     const dm::Targets targets = dm::liveTable(snapshot);
@@ -144,8 +144,9 @@ void MapperBackEnd::requireRoom(const SnapshotPlan& plan, const Device& device) 
     requireNotFrozen(plan.cow.mountPoint);
     const bool isNew = device.layers->eraFile.empty();
     const std::uint64_t era = isNew ? eraFileSize(plan.volume.size, device.layers->blockSectors) : 0;
-    const std::uint64_t given = isNew ? takenBy(eraFileOn(plan.cow)) : 0; // used by the file that is replaced
-    if (freeSpace(plan.cow.mountPoint) + given < plan.cowSize + era) {
+    const std::uint64_t reclaimedBytes =
+        isNew ? allocatedBytesOf(eraFileOn(plan.cow)) : 0; // used by the file that is replaced
+    if (freeSpace(plan.cow.mountPoint) + reclaimedBytes < plan.cowSize + era) {
         fail(ENOSPC, "the CoW file on " + plan.volume.path);
     }
 }
@@ -158,7 +159,7 @@ void MapperBackEnd::takeFirst(const SnapshotPlan& plan, Device& device) {
     const dm::Device volume = LayerStack::volumeOf(*device.layers);
     LayerStack stack(device.layers->id);
     stack.createBelow(volume, *device.layers);
-    if (!isWhereLvmSays(device.layers->volume, stack.lower())) {
+    if (!matchesLvmMetadata(device.layers->volume, stack.lower())) {
         fail(EOPNOTSUPP, "LVM says that " + plan.volume.path + " lies elsewhere");
     }
     stack.formatEra(*device.layers);

@@ -5,8 +5,8 @@
 
 namespace tolvubd {
 
-/// Snapshots and tracking with the kernel's device-mapper, for volumes that lie on it. A volume of any size
-/// is frozen for milliseconds only, and the changed blocks are known at any time.
+/// Snapshots and tracking with the kernel's device-mapper, for volumes that are device-mapper devices. A
+/// volume of any size is frozen for milliseconds only, and the changed blocks are known at any time.
 ///
 /// The state of a device is in three places: the caller's table, the kernel, and the seal in `.tolvu.era`,
 /// which counts after a restart of the machine. The table is written first. If the kernel's devices differ

@@ -14,10 +14,10 @@ std::uint64_t storeOffset(std::uint64_t volumeSize);
 std::uint64_t eraFileSize(std::uint64_t volumeSize, std::uint32_t blockSectors);
 std::string eraFileOn(const PathOnVolume& cow);
 
-/// Creates the CoW file of a snapshot, locks it, and records where its store of preserved blocks lies. Throws
-/// EOPNOTSUPP when the file system doesn't support that.
+/// Creates the CoW file of a snapshot, locks it, and records the extents of its store of preserved blocks.
+/// Throws EOPNOTSUPP when the file system doesn't support that.
 void makeCowStore(const SnapshotPlan& plan, Device& device);
-/// Creates `.tolvu.era` and records where it lies. An existing one is replaced, so it must not be in use.
+/// Creates `.tolvu.era` and records its extents. An existing one is replaced, so it must not be in use.
 /// Throws EOPNOTSUPP as above.
 void makeEraFile(const SnapshotPlan& plan, Device& device);
 /// Removes a CoW file, locked or not, if it belongs to the snapshot.
@@ -29,8 +29,8 @@ bool isCowFile(const std::string& path);
 /// Whether an ended tracking has left files on the volume: `.tolvu.era`, or a CoW file at the path of the new
 /// one.
 bool hasStaleFiles(const PathOnVolume& cow);
-/// Removes what an ended tracking has left on a volume without layers: those files, and the space that they
-/// use, would be in the way of new ones.
+/// Removes the files that an ended tracking has left on a volume without layers, because these files, and the
+/// space that they use, would be in the way of new ones.
 void removeStaleFiles(const PathOnVolume& cow);
 /// The same for a volume that gets no layers. Keeps the CoW file, but unlocks it, because the new one
 /// replaces it.

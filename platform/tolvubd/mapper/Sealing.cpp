@@ -34,7 +34,7 @@ void renewSeal(const LayerStack& stack, const Device& device) {
     if (present && isEquivalent(*present, seal)) {
         return;
     }
-    if (!isWhereLvmSays(device.layers->volume, lower)) {
+    if (!matchesLvmMetadata(device.layers->volume, lower)) {
         fail(ESTALE, "where the seal was may be somebody else's now");
     }
     writeSeal(file, device.layers->eraFile, seal);

@@ -19,8 +19,8 @@ inline constexpr std::uint64_t snapshotChunk = 8;
 /// The name of a device in tables and in the kernel: MAJOR:MINOR.
 std::string nameOf(const dm::Device& device);
 std::uint64_t bytesIn(const std::vector<Extent>& extents);
-/// The linear table that maps a part of a file, which lies at `places` on `device`. Throws EINVAL when the
-/// file ends before the part does.
+/// The linear table that maps a part of a file, which is at `places` on `device`. Throws EINVAL when the file
+/// ends before the part does.
 dm::Targets piecesOn(const dm::Device& device, const std::vector<Extent>& places, std::uint64_t skip,
                      std::uint64_t length);
 /// The era target of a tracking.

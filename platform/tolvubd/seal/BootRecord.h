@@ -8,9 +8,9 @@
 
 namespace tolvubd {
 
-/// What must be known of the tracked volumes before any file system is mounted. The file is on the root file
-/// system, with a copy in the initramfs. It changes only when tracking or adoption of a volume begins or
-/// ends.
+/// The information about the tracked volumes that is needed before any file system is mounted. The file is on
+/// the root file system, with a copy in the initramfs. It changes only when tracking or adoption of a volume
+/// begins or ends.
 struct BootRecord {
     struct Volume {
         std::string id;     ///< Layers::id

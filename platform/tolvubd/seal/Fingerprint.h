@@ -8,8 +8,8 @@
 
 namespace tolvubd {
 
-/// What a file system's own structures tell about writes to it. It is compared across a restart of the
-/// machine, during which the layers weren't there.
+/// The values in a file system's own structures that change when the file system is written. They are
+/// compared before and after a restart of the machine, during which the layers weren't there.
 struct Fingerprint {
     std::string kind; ///< "ext" or "xfs"
     /// Changes only with a writable mount or a repair. For ext: the UUID, the time of the last mount, the

@@ -11,8 +11,8 @@
 
 namespace tolvubd {
 
-/// The record at the beginning of `.tolvu.era`. After a restart of the machine it tells what the volume's
-/// layers were, and whether they have seen all writes.
+/// The record at the beginning of `.tolvu.era`. After a restart of the machine, it shows which layers the
+/// volume had, and whether they have recorded all writes.
 struct Seal {
     enum class End {
         open,   ///< the layers are in place, or were when the machine stopped

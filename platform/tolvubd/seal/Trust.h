@@ -7,7 +7,7 @@
 
 namespace tolvubd {
 
-/// Why the volume may have been written, since the seal was, without its layers seeing it; none if that is
+/// Why the volume may have been written without its layers since the seal was written; none if that is
 /// impossible. Call this before the volume is mounted, because the first mount changes the answer.
 ///
 /// Any seal that isn't broken holds if the fingerprints are equal: nothing was written. An open seal, as a

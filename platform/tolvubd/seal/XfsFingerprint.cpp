@@ -55,7 +55,7 @@ std::optional<Geometry> geometryOf(const Fields& super, std::uint64_t size) {
     return isSound ? std::optional(found) : std::nullopt;
 }
 
-/// None when the log is on another device, or doesn't lie wholly on this one.
+/// None when the log is on another device, or isn't completely on this one.
 std::optional<XfsLogPlace> logOf(const Fields& super, const Geometry& geometry) {
     constexpr std::uint64_t logBlock = 512;
     constexpr std::uint64_t mostBits = 32;

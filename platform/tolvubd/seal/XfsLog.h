@@ -25,8 +25,8 @@ struct XfsLogHead {
     bool operator==(const XfsLogHead&) const = default;
 };
 
-/// The head of the log. Whatever the log's size, reads only some tens of blocks and a window of at most 4
-/// MiB. None if that window has no complete record.
+/// The head of the log. Reads only a few dozen blocks and a window of at most 4 MiB, whatever the log's size.
+/// None if that window has no complete record.
 std::optional<XfsLogHead> readXfsLogHead(const os::FileDescriptor& device, const XfsLogPlace& place);
 
 } // namespace tolvubd

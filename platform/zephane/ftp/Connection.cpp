@@ -114,7 +114,7 @@ Status ZephaneFTPClient::Connection::close() {
     return status.code != 0 ? status : flushed;
 }
 
-/// All data is flushed by now, so a failure here doesn't matter.
+/// Called after the last flush, whose result `close` returns, so a failure here doesn't matter.
 void ZephaneFTPClient::Connection::disconnect() {
     runGuarded([this] { image->end(); });
     endStatus.reset();
@@ -141,8 +141,8 @@ Status ZephaneFTPClient::Connection::runGuarded(const std::function<void()>& wor
     }
 }
 
-/// Ends the connection. The failure that had ended it before says more than what the call saw, so it is
-/// added.
+/// Ends the connection. If an earlier failure has ended it already, adds that failure's text, which explains
+/// more than the failure of the call.
 Status ZephaneFTPClient::Connection::endWithStatus(const Failure& failure) {
     image.reset();
     const std::optional<Failure> reason = session ? session->end() : std::nullopt;
@@ -157,7 +157,7 @@ void ZephaneFTPClient::Connection::readAll(std::span<std::uint8_t> data) {
         return;
     }
     image->awaitHoles();
-    flush(); // what is read must be what is stored
+    flush(); // so that the data read is the data stored
     data = data.first(std::min<std::uint64_t>(data.size(), imageSize - position));
     while (!data.empty()) {
         const auto part = data.first(std::min(data.size(), wire::requestBytes));

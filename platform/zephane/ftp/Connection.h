@@ -16,8 +16,8 @@
 
 namespace zephane {
 
-/// The implementation of ZephaneFTPClient, which keeps its address when the client is moved. See there for
-/// the calls.
+/// The implementation of ZephaneFTPClient, which documents the calls. This object keeps its address when the
+/// client is moved.
 class ZephaneFTPClient::Connection {
 public:
     Connection(std::unique_ptr<SocketImpl> socket, SessionPeer peer, ClientPatience patience);

@@ -6,7 +6,7 @@
 
 namespace zephane {
 
-/// What has been written since the last flush: a range that covers all of it, and the number of bytes.
+/// The data written since the last flush: a range that covers all of it, and the number of bytes.
 /// Owns:    its values.
 /// Threads: as for any value: many readers, or one writer.
 /// Fails:   never.

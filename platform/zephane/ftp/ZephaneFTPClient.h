@@ -44,7 +44,7 @@ public:
     /// without an open connection, EIO after it has broken. Sends nothing.
     virtual std::int64_t seek(std::int64_t position, int whence);
     /// Returns the number of bytes read, and advances the position by it. With code 0 it is less than
-    /// `length` only at the end of the image; with a negative code it is what was read before the failure.
+    /// `length` only at the end of the image; with a negative code it is the number read before the failure.
     virtual std::int64_t read(void* data, std::size_t length, Status& status);
     /// Returns the number of bytes written, as `read` does. Writing at the end of the image fails with
     /// ENOSPC. `options` must be 0.

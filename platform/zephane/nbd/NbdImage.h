@@ -62,7 +62,7 @@ public:
     /// When this returns, all data written is on stable storage. If the server doesn't support flush
     /// requests, it has no cache to flush, and nothing is sent.
     void flush();
-    /// Disconnects in order. Call `awaitHoles` first.
+    /// Disconnects cleanly, with a disconnect request. Call `awaitHoles` first.
     void end();
 
 private:

@@ -13,7 +13,7 @@ namespace zephane {
 class ByteStream {
 public:
     virtual ~ByteStream() = default;
-    /// Reads at least one byte; returns 0 when the peer has ended its side in order.
+    /// Reads at least one byte; returns 0 when the peer has closed its side cleanly.
     virtual asio::awaitable<std::size_t> readSome(asio::mutable_buffer buffer) = 0;
     /// Writes all bytes.
     virtual asio::awaitable<void> write(asio::const_buffer bytes) = 0;

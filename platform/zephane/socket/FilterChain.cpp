@@ -18,7 +18,7 @@ std::span<const std::uint8_t> FilterChain::next() {
     if (filters.empty()) {
         return nextUnfiltered();
     }
-    // Asks the last filter first. If a filter returns something, feeds it to the one after it, which had
+    // Calls the last filter first. Data that a filter returns is fed to the filter after it, which had
     // nothing left.
     std::size_t place = filters.size() - 1;
     for (;;) {

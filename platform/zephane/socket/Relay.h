@@ -40,7 +40,7 @@ public:
     /// Sends a frame of another kind between the NBD frames. While one is being sent, one more may wait; a
     /// third one throws wire::ProtocolError, because a peer that follows the protocol doesn't ask for more.
     void send(wire::FrameKind kind, std::span<const std::uint8_t> payload);
-    /// Whether the peer has ended the connection in order.
+    /// Whether the peer has closed the connection cleanly.
     [[nodiscard]] bool hasRemoteEnded() const { return remoteEnded; }
     /// Ends `run`, which then throws nothing.
     void stop() noexcept;

@@ -10,7 +10,7 @@ namespace zephane::wire {
 
 namespace {
 
-/// How the first byte of a character tells the number of bytes that follow.
+/// How the first byte of a character determines the number of bytes that follow.
 struct Form {
     std::uint8_t mask;
     std::uint8_t mark;

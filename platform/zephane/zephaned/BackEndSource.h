@@ -11,8 +11,8 @@ namespace zephane {
 /// only: nbdkit's filter "exportname" allows no other name.
 std::vector<std::string> engineArguments(const BackEndSource& source, bool isWritable);
 
-/// Why the image can't be served, with the remedy, in words; empty if no problem is found. Only checks files:
-/// whether an NBD server answers shows when it is used.
+/// Why the image can't be served, with the remedy, in words; empty if no problem is found. Checks only files:
+/// a problem with an NBD server shows only when the server is used.
 std::string problemOf(const BackEndSource& source);
 
 /// A description that may be shown to anybody. It leaves out the plugin's parameters, which may hold secrets.

@@ -18,7 +18,7 @@ struct ProcessEnd {
 /// A program that ends with the thread that has started it, however that thread ends.
 /// Owns:    the process, and a pidfd of it, which never refers to another process. If the process is still
 ///          running, the destructor kills it, without waiting for its end.
-/// Threads: one at a time; the thread that constructs it must live as long as the process is to.
+/// Threads: one at a time; the thread that constructs it must live as long as the process is needed.
 /// Fails:   the constructor throws std::system_error; nothing else fails.
 class ChildProcess {
 public:

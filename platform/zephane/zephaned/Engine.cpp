@@ -101,8 +101,8 @@ void Engine::send(int signal) {
     process.send(signal);
 }
 
-/// Whether the process ended because it was asked to. That a signal was sent isn't enough: if an engine
-/// crashes, its sessions may notice that first, and have it stopped.
+/// Whether the process ended because of `stop`. It isn't enough that a signal was sent: if an engine crashes,
+/// its sessions may notice that first, and call `stop`.
 bool Engine::wasAsked(const ProcessEnd& how) const {
     return sent != 0 && (how.signal == 0 ? how.status == 0 : how.signal == sent);
 }

@@ -20,7 +20,8 @@ namespace zephane {
 /// name.
 /// Owns:    the process and its socket; an engine keeps itself alive until the process has ended.
 /// Threads: any; but the thread that calls `start` must outlive the process (see ChildProcess).
-/// Fails:   `start` throws std::system_error. A process that ends by itself is logged.
+/// Fails:   `start` throws std::system_error. The log reports a process that ends although `stop` wasn't
+///          called.
 ///
 /// `stop` sends SIGTERM, and SIGKILL if the process is still there after five seconds.
 class Engine : public IEngine, public std::enable_shared_from_this<Engine> {

@@ -68,7 +68,7 @@ private:
     };
 
     struct Image {
-        std::optional<ImageConfig> config; // none if the image isn't served any more, but was in use
+        std::optional<ImageConfig> config; // none if no longer served; kept until its engines have ended
         std::optional<wire::ProofKey> key;
         AccessGroup writing;
         AccessGroup reading;
@@ -78,7 +78,7 @@ private:
 
     const Start start;
     mutable os::Mutex mutex;
-    std::map<wire::ImageName, std::shared_ptr<Image>> all GUARDED_BY(mutex); // the images, too
+    std::map<wire::ImageName, std::shared_ptr<Image>> all GUARDED_BY(mutex); // and so are the images in it
 };
 
 } // namespace zephane

@@ -202,7 +202,8 @@ asio::awaitable<void> ServerSession::waitForLease(const wire::ClientHello& asked
     throw asio::system_error(asio::error::operation_aborted);
 }
 
-/// Uses an NBD connection of the server's own; the client's NBD connection is relayed unseen.
+/// Uses an NBD connection of the server's own, because the client's NBD connection is relayed without being
+/// parsed.
 asio::awaitable<void> ServerSession::openDigestImage() {
     const auto left =
         std::chrono::duration_cast<std::chrono::milliseconds>(accepted + engineTime - Clock::now());

@@ -36,10 +36,10 @@ Sessions::Number Sessions::add(Stop stop) {
 bool Sessions::prove(Number number, const wire::ImageName& image) {
     const os::Lock lock(mutex);
     const auto found = pending.find(number);
-    const auto ofTheImage =
+    const auto sessionsOfImage =
         std::ranges::count_if(proven, [&](const auto& entry) { return entry.second.image == image; });
     if (found == pending.end() || proven.size() >= limit ||
-        std::cmp_greater_equal(ofTheImage, mostPerImage)) {
+        std::cmp_greater_equal(sessionsOfImage, mostPerImage)) {
         return false;
     }
     proven.emplace(number, Session{image, std::move(found->second)});

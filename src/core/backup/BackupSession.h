@@ -26,8 +26,9 @@ class RemoteTargetValidator;
 /// Fails:   by exception, which fails the backup; transport_connection_error if a target refuses the
 ///          connection.
 ///
-/// Only `finishWriting` stores checksums in the database. If the session is destroyed earlier, the old
-/// checksums stay. They no longer match the written images, so the next backup compares every block.
+/// Only `finishWriting` stores the new checksums in the database. If the session is destroyed earlier, the
+/// database keeps the old ones. If an image no longer matches its old checksum, the next backup compares
+/// every block.
 class BackupSession {
 public:
     /// Computes the checksum of the transport's target; false if the target can't be read.

@@ -5,9 +5,9 @@
 
 namespace agent::core::backup {
 
-/// Changes the process's signal handling during a backup. The first time that each fault signal arrives, it
-/// cancels the backup instead of ending the process. SIGCHLD is ignored, so the kernel reaps children that
-/// end.
+/// Changes the process's signal handling during a backup. The first fault signal of each kind, and the first
+/// SIGPIPE, SIGALRM and SIGIO, cancels the backup instead of ending the process. SIGCHLD is ignored, so the
+/// kernel reaps children that end.
 ///
 /// A broken pipe thus ends the backup at its next cancellation point. A fault such as SIGSEGV is logged with
 /// a backtrace; the faulting instruction then runs again, this time with the default action. The handler

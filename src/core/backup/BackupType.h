@@ -9,7 +9,7 @@ namespace agent::core::backup {
 enum BackupType : std::uint32_t {
     FULL = 0,               ///< Every used block.
     INCREMENTAL = 1,        ///< The blocks that the driver recorded as changed since the last backup.
-    DIFFERENTIAL_MERGE = 2, ///< Every used block is compared with the remote image; what differs is written.
+    DIFFERENTIAL_MERGE = 2, ///< Every used block is compared with the image; blocks that differ are written.
 };
 
 /// The name for log lines; the decimal number if `type` isn't a BackupType.

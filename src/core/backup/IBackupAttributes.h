@@ -9,7 +9,7 @@
 
 namespace agent::core::backup {
 
-/// What a backup has to do with each of its volumes.
+/// The part of a backup request that concerns its volumes: the backup type and the scripts of each volume.
 /// Owns:    the records of the volumes.
 /// Threads: the request's thread fills the object and hands it over; from then on, only the backup's thread
 ///          uses it.

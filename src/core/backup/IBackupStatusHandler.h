@@ -33,7 +33,7 @@ public:
     virtual void setVolumeBytesTransferred(const std::string& uuid, std::uint64_t bytes) = 0;
     virtual void setVolumeTotalSize(const std::string& uuid, std::int64_t bytes) = 0;
     [[nodiscard]] virtual std::vector<VolumeBackupStatus> getVolumeStatuses() const = 0;
-    /// Marks finished volumes as failed, too: a backup that lacks a volume is no backup.
+    /// Marks finished volumes as failed, too, because a backup that lacks a volume counts as failed.
     virtual void setAllVolumesFailed() = 0;
 };
 

@@ -6,8 +6,8 @@
 
 namespace agent::core::backup {
 
-/// What is known about the snapshots of a backup.
-/// Owns:    one record for each volume.
+/// The properties of a backup's snapshots, one record for each volume.
+/// Owns:    the records.
 /// Threads: immutable; safe from any.
 /// Fails:   std::invalid_argument for a volume without a snapshot.
 class ISnapshotInfo {

@@ -6,8 +6,8 @@
 ///
 /// Anybody who may write to a directory decides where its entries lead: they could redirect a mount below it
 /// so that it covers /etc, or an unmount so that it uncovers /home. So the agent uses only a directory that
-/// nobody but root can write to. If the parent is sticky, as /tmp is, other users can't move the directory
-/// away either.
+/// only root can write to. If the parent is sticky, as /tmp is, other users can't move the directory away
+/// either.
 namespace agent::core::backup::private_directory {
 
 /// True for a directory (not a symbolic link to one) that belongs to root and that only root may write to.

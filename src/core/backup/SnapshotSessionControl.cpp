@@ -9,6 +9,7 @@
 #include "core/backup/SnapshotFiles.h"
 #include "info/BackupableVolume.h"
 #include "info/CowFile.h"
+#include "info/CowFileSize.h"
 #include "info/CowFormat.h"
 #include "info/DriverController.h"
 #include "info/DriverExtension.h"
@@ -51,8 +52,6 @@ enum class ClosedRecord {
 };
 
 constexpr std::uint64_t bytesPerMiB = 1048576;
-/// The minimum size of a CoW file.
-constexpr std::uint64_t minCowMiB = 100;
 
 /// The space that a snapshot needs and has on a volume, in bytes.
 struct SnapshotSpace {
@@ -138,9 +137,8 @@ private:
     std::once_flag validateOnce;
     std::unordered_map<std::string, SnapshotSpace>
         spaceByVolume; // by UUID, measured when the session was validated
-    /// What the closed change records of this session contain, by UUID. If a volume isn't in the map, this
-    /// session doesn't know its debt: it didn't start the volume's snapshot, or the change record wasn't
-    /// intact.
+    /// The kinds of this session's closed change records, by UUID. If a volume isn't in the map, this session
+    /// doesn't know its debt: it didn't start the volume's snapshot, or the change record wasn't intact.
     std::unordered_map<std::string, ClosedRecord> closedRecords;
     /// The UUIDs of volumes whose snapshots could be neither trusted nor destroyed.
     std::unordered_set<std::string> untrustedSnapshots;
@@ -221,12 +219,12 @@ void SnapshotSessionControl::Impl::warnOfSecondCowFile(const BackupableVolume& v
          << info::formatHumanSize(needed) << " for a second CoW file, and this one leaves "
          << info::formatHumanSize(left) << ": free the rest";
     const std::uint64_t maxMiB = (left - std::min(left, tables)) / bytesPerMiB;
-    if (maxMiB >= minCowMiB) {
+    if (maxMiB >= info::minCowFileMiB) {
         line << ", or set volumes." << volume.getUuid() << ".cowFileSizeMiB to " << maxMiB << " or less";
     }
 }
 
-/// Returns 0 if the driver can't tell: with too little space, taking the snapshot fails later.
+/// Returns 0 if the driver can't determine it. If there is too little space, taking the snapshot fails later.
 std::uint64_t SnapshotSessionControl::Impl::driverSpace(const BackupableVolume& volume) {
     try {
         return extension->getSnapshotSpace(volume.getDevice());

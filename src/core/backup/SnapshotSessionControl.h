@@ -23,7 +23,7 @@ class ISnapshotAttributes;
 /// Owns:    the connection to the driver, and the directory below which snapshots are mounted. The driver's
 ///          state outlives the object and the process. Logger and CoW file sizes must outlive the object.
 /// Threads: only the backup's thread; the calls block for as long as the driver takes.
-/// Fails:   by std::runtime_error, or by what reading a broken CoW file throws, after a log line. A failed
+/// Fails:   by std::runtime_error, or by std::logic_error for a broken CoW file, after a log line. A failed
 ///          `startSnapshots` may leave volumes in snapshots; a call of `transitionToIncremental` with the
 ///          same volumes ends as many of them as possible.
 class SnapshotSessionControl {
@@ -40,8 +40,7 @@ public:
     SnapshotSessionControl& operator=(SnapshotSessionControl&&) = delete;
     virtual ~SnapshotSessionControl();
 
-    /// Checks every volume before it takes the first snapshot. A snapshot that can't be mounted is no
-    /// failure.
+    /// Checks every volume before it takes the first snapshot. Doesn't fail if a snapshot can't be mounted.
     virtual VolumeSnapshotInfos startSnapshots(const Volumes& volumes, const IBackupAttributes& attributes,
                                                const ISnapshotAttributes& snapshotAttributes);
     /// `success` says whether the backup has sent the changes to the images. If not, the next backup has to

@@ -10,7 +10,7 @@
 
 namespace agent::core::backup {
 
-/// What the later phases of a backup need to know about one volume's snapshot.
+/// The properties of one volume's snapshot that the later phases of a backup need.
 /// Owns:    its values; `check` needs the snapshot control that has made it.
 /// Threads: the thread of the backup.
 /// Fails:   never.

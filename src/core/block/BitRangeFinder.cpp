@@ -69,7 +69,6 @@ public:
         running = last;
     }
 
-    /// Adds runs of a byte.
     void addByte(std::uint64_t base, const BitRuns& byte) {
         std::size_t run = 0;
         if (running && byte.firstBitSet != 0) {

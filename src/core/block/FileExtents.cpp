@@ -20,7 +20,7 @@ namespace {
 using info::level::debug;
 using info::level::warning;
 
-/// The records of so many extents take 56 MiB. A file with more extents is copied, which only costs time.
+/// The records of this many extents take 56 MiB. A file with more extents is copied, which only costs time.
 constexpr std::uint32_t maxExtents = std::uint32_t{1} << 20U;
 
 /// An extent with one of these flags isn't excluded. UNKNOWN and DELALLOC mean that its block number isn't

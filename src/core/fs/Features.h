@@ -8,7 +8,7 @@
 
 namespace agent::core::fs {
 
-/// A bit in a superblock that says that the file system uses structures which not every reader knows.
+/// A bit in a superblock that shows that the file system uses structures that not every reader knows.
 struct Feature {
     std::uint32_t bit;
     std::string_view name;

@@ -5,7 +5,7 @@
 
 namespace agent::core::fs {
 
-/// The parser of one kind of file system: tells whether a volume holds it, and then which blocks are used. It
+/// The parser of one kind of file system: recognises it on a volume, and then reads which blocks are used. It
 /// has no map before `recognize` has returned true.
 /// Owns:    what it has read of the superblock; the reader must outlive it.
 /// Threads: one at a time; moves the reader's position.

@@ -2,7 +2,7 @@
 
 namespace agent::core::fs {
 
-/// Tells whether a volume holds one kind of file system.
+/// Checks whether a volume holds one kind of file system.
 /// Owns:    what it has read of the superblock; the reader must outlive it.
 /// Threads: one at a time; moves the reader's position.
 /// Fails:   `recognize` returns false for a volume that can't be read; the log says why.

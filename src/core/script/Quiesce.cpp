@@ -105,7 +105,7 @@ std::unique_ptr<ICommandStream> Quiesce::start(const std::string& commandLine) {
     std::unique_ptr<ICommandStream> stream;
     try {
         // With exec the script replaces the shell, so that a kill at the time-out hits the script itself, and
-        // no shell holds the pipe open. Not every shell does that by itself.
+        // no shell holds the pipe open. Not every shell replaces itself without `exec`.
         stream = commandUtility.createCommandStream("exec " + commandLine, "", true);
     } catch (const std::exception& error) {
         logger.log(info::level::error, "%s", error.what());

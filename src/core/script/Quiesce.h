@@ -22,7 +22,7 @@ namespace agent::core::script {
 /// dropped.
 ///
 /// The path and the mode are passed to the shell unquoted, so a script whose name has blanks or special
-/// characters of the shell can't be run. Of each line only the first 64 KiB are logged, and only up to the
+/// characters of the shell can't be run. Only the first 64 KiB of each line are logged, and only up to the
 /// first NUL byte.
 class Quiesce : public IQuiesce {
 public:

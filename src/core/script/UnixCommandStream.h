@@ -14,8 +14,8 @@ namespace agent::core::script {
 ///          it.
 /// Threads: one stream at a time in the whole process: during each operation, SIGCHLD has its default action;
 ///          after that, the previous action is restored.
-/// Fails:   with PosixError. If SIGCHLD is ignored otherwise, the kernel reaps a child that ends between two
-///          operations: `wait`, `kill` and `hasExited` then fail, but reading still works.
+/// Fails:   with PosixError. If the restored action ignores SIGCHLD, the kernel reaps a child that ends
+///          between two operations: `wait`, `kill` and `hasExited` then fail, but reading still works.
 ///
 /// The child starts with no signal blocked or ignored, and with none of the agent's other descriptors. A kill
 /// only ends the shell's own process, or the command that replaced it through `exec`. Processes that it has

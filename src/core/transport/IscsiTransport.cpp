@@ -90,8 +90,8 @@ bool IscsiTransport::doConnect(bool withDiffMerge, bool retrying) {
                                 : "Iscsi target connect failed. Aborting.");
 }
 
-/// Creates the context and sets its options. The library must not reconnect by itself: `doConnect` and
-/// `retry` decide how often a connection is tried.
+/// Creates the context and sets its options. The library must not reconnect on its own, because `doConnect`
+/// and `retry` decide how often a connection is tried.
 bool IscsiTransport::prepareContext() {
     context.reset(iscsi_create_context(targetName.c_str()));
     if (!context) {

@@ -19,7 +19,7 @@ namespace agent::info {
 /// Both accept a reason after the level.
 class Logger {
 public:
-    /// `isLevelEnabled` tells which levels reach any output. Without it, every level does.
+    /// `isLevelEnabled` returns whether messages of a level reach any output. Without it, all levels do.
     explicit Logger(PrinterFunction printer, LevelFunction isLevelEnabled = {});
 
     /// Formats a line and delivers it. Returns an empty entry with the same logger and level.

@@ -163,11 +163,11 @@ void CopyVolume::copy(const VolumeSnapshotInfo& snapshot, std::uint32_t type) {
     Copy copy(*this, snapshot);
     info::LogEntry(logger, info::level::info) << "Beginning copying volume " << volume->getDisplayName();
     copy.open(type == DIFFERENTIAL_MERGE);
-    withdrawChecksum(type);
+    invalidateChecksum(type);
     try {
         transfer(copy, snapshot, type);
     } catch (...) {
-        withdrawChecksum(type); // in case the database couldn't be written before
+        invalidateChecksum(type); // in case the database couldn't be written before
         throw;
     }
 }
@@ -197,7 +197,7 @@ bool CopyVolume::checkSnapshot(const VolumeSnapshotInfo& snapshot) {
     return false;
 }
 
-void CopyVolume::withdrawChecksum(std::uint32_t type) {
+void CopyVolume::invalidateChecksum(std::uint32_t type) {
     try {
         const bool isKnown = dataProvider.hasVolume(uuid);
         if (!isKnown) {

@@ -40,7 +40,7 @@ private:
     /// relied on during the copy: without a checksum the next backup compares every block. Only an
     /// incremental backup keeps the checksum, because the volume's history records the changes that the image
     /// lacks. A database error doesn't fail the copy.
-    void withdrawChecksum(std::uint32_t type);
+    void invalidateChecksum(std::uint32_t type);
     /// Whether the data read from the snapshot can be relied on. If not, logs an error for the administrator
     /// and sets the status for the appliance.
     bool checkSnapshot(const VolumeSnapshotInfo& snapshot);

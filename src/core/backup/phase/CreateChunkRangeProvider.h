@@ -19,7 +19,7 @@ class CreateChunkRangeProvider : public IPhase {
 public:
     using ProviderPointer = block::BlockRangeProviderFactory::ProviderPointer;
 
-    /// What is known about the volume and its snapshot.
+    /// The properties of the volume and its snapshot that decide which blocks are copied.
     struct Source {
         block::IncrementalBitmapInfo incrementalBitmap;
         std::vector<std::string> excludedFiles;

@@ -29,7 +29,7 @@ private:
     void runScripts(bool isPre);
     void takeSnapshots();
     /// Without the record of the changes since the last backup, every block has to be compared.
-    void lowerUntracked(const info::BackupableVolume& volume);
+    void downgradeIfUntracked(const info::BackupableVolume& volume);
 
     info::Logger& logger;
     SnapshotSessionControl& control;

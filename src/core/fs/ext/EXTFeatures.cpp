@@ -49,7 +49,7 @@ constexpr std::array roCompatFeatures{
 
 } // namespace
 
-std::string strangeEXTFeatures(std::uint32_t incompat, std::uint32_t roCompat) {
+std::string unsupportedEXTFeatures(std::uint32_t incompat, std::uint32_t roCompat) {
     return unsupportedFeatures(
         {{incompat, incompatFeatures, "incompat"}, {roCompat, roCompatFeatures, "ro_compat"}});
 }

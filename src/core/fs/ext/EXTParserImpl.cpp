@@ -91,7 +91,7 @@ EXTParserImpl::GroupBitmap EXTParserImpl::decode(Bytes bytes) const {
             hasHighHalf && littleEndian<std::uint32_t>(bytes, descriptor::blockBitmapHigh) != 0};
 }
 
-/// A bitmap can't be the boot block or the superblock, and can't lie outside the file system.
+/// A bitmap can't be the boot block or the superblock, and can't be outside the file system.
 bool EXTParserImpl::isPlausible(const GroupBitmap& bitmap) const {
     return bitmap.block > super.firstDataBlock && !bitmap.exceeds32Bits &&
            (bitmap.block < super.blockCount || super.blockCountHigh != 0);
@@ -155,8 +155,8 @@ EXTParserImpl::Stretch EXTParserImpl::stretchOf(std::uint64_t group, std::uint64
     return {first, first - groupFirst, end - first};
 }
 
-/// How many groups, starting with `group`, have their bitmaps in adjacent blocks, as far as one read can
-/// take.
+/// How many groups, starting with `group`, have their bitmaps in adjacent blocks; at most as many as fit in
+/// one read.
 std::uint64_t EXTParserImpl::neighbours(const GroupBitmaps& bitmaps, std::uint64_t group) const {
     const std::uint64_t maxGroups =
         std::min<std::uint64_t>(bitmaps.size() - group, maxReadBytes / super.blockSize());

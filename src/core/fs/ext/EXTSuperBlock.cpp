@@ -54,13 +54,14 @@ std::string EXTSuperBlock::whyUnusable() const {
     if (hasIncompat(layout::featureRecover)) {
         return "The EXT journal needs recovery, so the bitmaps may be out of date";
     }
-    if (const std::string names = strangeEXTFeatures(incompatFeatures, roCompatFeatures); !names.empty()) {
+    if (const std::string names = unsupportedEXTFeatures(incompatFeatures, roCompatFeatures);
+        !names.empty()) {
         return "EXT bitmaps can't be read with these features: " + names;
     }
     if (const char* reason = impossibleGeometry()) {
         return reason;
     }
-    return descriptorsLieInOnePlace() ? "" : "EXT descriptors in meta groups are not supported";
+    return areDescriptorsContiguous() ? "" : "EXT descriptors in meta groups are not supported";
 }
 
 const char* EXTSuperBlock::impossibleGeometry() const {
@@ -83,7 +84,7 @@ const char* EXTSuperBlock::impossibleGeometry() const {
 
 /// With meta groups, only the first descriptor blocks follow the superblock. Reading on after them would take
 /// file data for descriptors.
-bool EXTSuperBlock::descriptorsLieInOnePlace() const {
+bool EXTSuperBlock::areDescriptorsContiguous() const {
     return !hasIncompat(layout::featureMetaGroups) || descriptorBlocks() <= std::max(firstMetaBlock, 1U);
 }
 

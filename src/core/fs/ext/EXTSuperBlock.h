@@ -61,7 +61,7 @@ private:
     static constexpr std::uint32_t maxLogBlockSize = 6; // blocks of 64 KiB
 
     [[nodiscard]] const char* impossibleGeometry() const;
-    [[nodiscard]] bool descriptorsLieInOnePlace() const;
+    [[nodiscard]] bool areDescriptorsContiguous() const;
     [[nodiscard]] std::uint64_t descriptorBlocks() const;
     [[nodiscard]] std::uint64_t metaDescriptorBlocksOf(std::uint64_t group) const;
     [[nodiscard]] bool hasSuperBlock(std::uint64_t group) const;

@@ -16,8 +16,8 @@ struct FATBootSector {
     /// Decodes the bytes of a boot sector, whose type the caller has checked.
     static FATBootSector decode(Bytes bytes);
 
-    /// Why the boot sector isn't plausible, or why the first FAT doesn't say what is used; null if all is
-    /// well.
+    /// Why the boot sector isn't plausible, or why the first FAT doesn't show which clusters are used; null
+    /// if all is well.
     [[nodiscard]] const char* whyUnusable() const;
 
     /// If false, no method that depends on the cluster size may be called.

@@ -17,7 +17,7 @@ namespace entry = fat_layout::entry;
 
 constexpr std::uint64_t maxReadBytes = 1024UL * 1024;
 constexpr std::uint64_t maxEntries = maxReadBytes / entry::size;
-constexpr std::uint64_t boundary = 4096 / entry::size; // so many entries are whole sectors on every device
+constexpr std::uint64_t boundary = 4096 / entry::size; // this many entries fill whole sectors on every device
 constexpr std::uint64_t wordBits = 64;
 
 using Numbers = std::array<std::uint32_t, wordBits / 2>;

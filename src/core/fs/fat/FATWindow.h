@@ -29,9 +29,9 @@ public:
 
     /// The first entry that was read, without its undefined bits.
     [[nodiscard]] std::uint32_t front() const;
-    /// Sets the bits of the used ones among the first `count` blocks, from `targetBit` on; all of these bits
-    /// must be 0. A block is used if its entry's cluster is used. If `isStraddling`, it is also used if the
-    /// next entry's cluster is.
+    /// Sets the bit of each used block among the first `count` blocks. The first block's bit is `targetBit`;
+    /// all `count` bits must be 0 before. A block is used if its entry's cluster is used. If `isStraddling`,
+    /// it is also used if the next entry's cluster is.
     void copyUsedBits(std::uint8_t* target, std::uint64_t targetBit, std::uint64_t count, bool isStraddling);
 
 private:

@@ -58,7 +58,7 @@ std::int64_t HFSParserImpl::getBitmapChunk(std::uint64_t startBlock, std::uint8_
         return fail("startBlock must be divisible by 8");
     }
     std::vector<HFSExtent> extents;
-    if (!isBelievable() || !findExtents(extents)) {
+    if (!isHeaderTrustworthy() || !findExtents(extents)) {
         return -1;
     }
     // An empty extent ends the list. A list without an empty extent counts as empty.
@@ -75,7 +75,7 @@ std::int64_t HFSParserImpl::getBitmapChunk(std::uint64_t startBlock, std::uint8_
 
 /// File systems keep their header at byte 1024, so a header at byte 0 is a copy, which may be outdated. It is
 /// only trusted while both headers agree.
-bool HFSParserImpl::isBelievable() {
+bool HFSParserImpl::isHeaderTrustworthy() {
     HFSVolumeHeader usual;
     const char* reason = header.whyUnusable();
     if (reason == nullptr && !readHeader(layout::usualPosition, usual)) {
@@ -156,8 +156,8 @@ bool HFSParserImpl::read(std::uint64_t diskOffset, std::uint8_t* buffer, std::ui
     return true;
 }
 
-/// Whether the map marks the blocks of the header, of the bitmap itself and of the extents B-tree as used, as
-/// far as it covers them. If not, the data isn't a bitmap.
+/// Whether the map marks as used all blocks of the header, of the bitmap itself and of the extents B-tree
+/// that it covers. If not, the data isn't a bitmap.
 bool HFSParserImpl::marksOwnBlocksUsed(Extents extents, const UsedMap& used, std::uint64_t blocks) const {
     const auto isUsed = [&](const HFSExtent& extent) {
         const std::uint64_t first = std::max<std::uint64_t>(extent.startBlock, used.startBlock);

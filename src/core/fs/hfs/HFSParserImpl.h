@@ -34,7 +34,7 @@ private:
         std::uint64_t startBlock;
     };
 
-    bool isBelievable();
+    bool isHeaderTrustworthy();
     bool findExtents(std::vector<HFSExtent>& extents);
     [[nodiscard]] const char* whyUnusable(Extents extents) const;
     std::int64_t copyMap(Extents extents, const UsedMap& used);

@@ -22,7 +22,7 @@ struct HFSVolumeHeader {
     [[nodiscard]] bool hasKnownVersion() const;
     /// Why the header can't be trusted; null if it can.
     [[nodiscard]] const char* whyUnusable() const;
-    /// Why the extents can't be those of a file of the file system itself; null if they can.
+    /// Why the extents can't belong to one of the file system's own files; null if they can.
     [[nodiscard]] const char* whyUnusable(std::span<const HFSExtent> extents) const;
     /// Whether another header has the same sizes, and the bitmap and the extents B-tree at the same places.
     [[nodiscard]] bool hasSameLayout(const HFSVolumeHeader& other) const;

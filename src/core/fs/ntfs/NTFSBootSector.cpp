@@ -35,9 +35,8 @@ bool NTFSBootSector::isNTFS() const {
     return oemId == layout::oemIdValue;
 }
 
-/// Refuses a volume whose sectors differ from the device's, so that it doesn't matter by which of them
-/// positions in the master file table are calculated. A wrong position could yield another record, or the
-/// remains of an old one.
+/// Refuses a volume whose sector size differs from the device's, so that positions in the master file table
+/// are the same with either size. A wrong position could yield another record, or the remains of an old one.
 std::string NTFSBootSector::whyUnusable(std::uint32_t deviceSector) const {
     if (const char* reason = impossibleGeometry()) {
         return reason;

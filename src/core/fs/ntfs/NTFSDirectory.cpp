@@ -73,7 +73,7 @@ NTFSIndexAllocation NTFSDirectory::blocks() const {
 
 /// Follows the tree from its root to the place of the name. Terminates, because no block is read twice.
 NTFSDirectory::Outcome NTFSDirectory::descend() const {
-    const NTFSIndexEntry place = placeIn(root());
+    const NTFSIndexEntry place = firstEntryNotBefore(root());
     if (isSought(place)) {
         return {place.record()};
     }
@@ -84,7 +84,7 @@ NTFSDirectory::Outcome NTFSDirectory::descend() const {
     for (std::uint64_t child = place.childVcn();;) {
         const NTFSRecord block = tree.readBlock(child);
         const NTFSIndexNode node = tree.nodeOf(block);
-        const NTFSIndexEntry below = placeIn(node);
+        const NTFSIndexEntry below = firstEntryNotBefore(node);
         if (isSought(below)) {
             return {below.record()};
         }
@@ -122,7 +122,7 @@ bool NTFSDirectory::isSought(const NTFSIndexEntry& entry) const {
 }
 
 /// The first entry whose name isn't less than the sought name.
-NTFSIndexEntry NTFSDirectory::placeIn(const NTFSIndexNode& node) const {
+NTFSIndexEntry NTFSDirectory::firstEntryNotBefore(const NTFSIndexNode& node) const {
     NTFSIndexEntry entry = node.first();
     while (!entry.isLast() && sought.compare(entry.name()) > 0) {
         entry = node.after(entry);

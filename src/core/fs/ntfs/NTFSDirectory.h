@@ -40,7 +40,7 @@ private:
     [[nodiscard]] Outcome descend() const;
     [[nodiscard]] std::optional<std::uint64_t> search() const;
     [[nodiscard]] bool isSought(const NTFSIndexEntry& entry) const;
-    [[nodiscard]] NTFSIndexEntry placeIn(const NTFSIndexNode& node) const;
+    [[nodiscard]] NTFSIndexEntry firstEntryNotBefore(const NTFSIndexNode& node) const;
     [[nodiscard]] std::optional<std::uint64_t> searchNode(const NTFSIndexNode& node,
                                                           std::vector<std::uint64_t>& children) const;
 

@@ -132,8 +132,8 @@ std::int64_t NTFSParserImpl::readBitmap(const UsedMap& used) {
 }
 
 /// Returns how many bytes of the buffer are filled. A start in the second or a later run is refused, because
-/// all of `skipBytes` is subtracted from the first run that is read, although a part of them lies in the
-/// earlier runs.
+/// all of `skipBytes` is subtracted from the first run that is read, although some of these bytes belong to
+/// the earlier runs.
 std::uint64_t NTFSParserImpl::readRuns(const std::vector<NTFSRun>& runs, const UsedMap& used) {
     clearMap(used.buffer, used.bytes);
     const std::uint64_t skipBytes = used.startBlock / byteBits;
@@ -175,7 +175,7 @@ void NTFSParserImpl::readRun(std::uint64_t offset, std::uint8_t* target, std::ui
     }
 }
 
-/// The backup of the boot sector lies past the last cluster of the bitmap, so the bits there are set.
+/// The backup of the boot sector is past the last cluster of the bitmap, so the bits there are set.
 void NTFSParserImpl::markPastEndUsed(const UsedMap& used, std::uint64_t filled) const {
     const std::uint64_t counted = boot.clusterCount() - used.startBlock;
     if (filled * byteBits > counted) {
@@ -183,8 +183,9 @@ void NTFSParserImpl::markPastEndUsed(const UsedMap& used, std::uint64_t filled) 
     }
 }
 
-/// The clusters of the structures that led to the bitmap must be used. If the bitmap says otherwise, it is
-/// outdated or no bitmap: a disk that has lost its content reads as zeros, and all clusters would be free.
+/// The clusters of the structures that led to the bitmap must be used. If the bitmap marks one of them as
+/// free, it is outdated or no bitmap: a disk that has lost its content reads as zeros, and all clusters would
+/// be free.
 void NTFSParserImpl::requireOwnClustersUsed(const std::vector<NTFSRun>& runs, const UsedMap& used,
                                             std::uint64_t filled) const {
     const auto require = [&used, filled](std::uint64_t cluster) {

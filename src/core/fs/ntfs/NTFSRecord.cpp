@@ -38,7 +38,7 @@ bool NTFSRecord::applyFixups() {
     return true;
 }
 
-bool NTFSRecord::canBe(std::uint64_t inode) const {
+bool NTFSRecord::mayHaveNumber(std::uint64_t inode) const {
     return half(layout::updateSequenceOffset) != layout::headWithNumber ||
            littleEndian<std::uint32_t>(bytes, layout::number) == inode;
 }

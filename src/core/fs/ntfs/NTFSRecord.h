@@ -22,7 +22,7 @@ public:
     /// whether all sectors were written. If not, marks the record as torn and returns false.
     bool applyFixups();
     /// Whether the record may have this number. Old records don't store their number.
-    [[nodiscard]] bool canBe(std::uint64_t inode) const;
+    [[nodiscard]] bool mayHaveNumber(std::uint64_t inode) const;
     /// The number of the base record that this record extends; 0 if it is a base record.
     [[nodiscard]] std::uint64_t baseRecord() const;
     /// The offset of the first attribute, which may lie outside the record.

@@ -8,7 +8,7 @@
 
 namespace agent::core::fs {
 
-/// What is needed to read files of a volume. The referenced objects must outlive every copy.
+/// The objects and sizes needed to read files of a volume. The referenced objects must outlive every copy.
 struct NTFSVolume {
     info::Logger& logger;
     IVolumeReader& reader;

@@ -30,7 +30,7 @@ constexpr std::array moreFeatures{
 
 } // namespace
 
-std::string strangeXFSFeatures(const XFSFeatureWords& words) {
+std::string unsupportedXFSFeatures(const XFSFeatureWords& words) {
     if (!words.hasCrc) {
         return unsupportedFeatures({{words.features2, moreFeatures, "features2"}});
     }

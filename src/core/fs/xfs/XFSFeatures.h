@@ -15,6 +15,6 @@ struct XFSFeatureWords {
 
 /// The names or numbers of the set features with which the B-trees of free extents can't be read; empty if
 /// there are none. docs/formats/xfs.md has the table of features and the reason for each.
-std::string strangeXFSFeatures(const XFSFeatureWords& words);
+std::string unsupportedXFSFeatures(const XFSFeatureWords& words);
 
 } // namespace agent::core::fs

@@ -62,7 +62,7 @@ inline constexpr std::size_t numRecs = 6;   ///< u16
 inline constexpr std::size_t leftSib = 8;   ///< u32
 inline constexpr std::size_t rightSib = 12; ///< u32
 inline constexpr std::size_t headerSize = 16;
-inline constexpr std::size_t headerSizeCrc = 56; ///< so many bytes are read in both formats
+inline constexpr std::size_t headerSizeCrc = 56; ///< this many bytes are read in both formats
 
 inline constexpr std::size_t recordSize = 8;
 inline constexpr std::size_t childSize = 4;

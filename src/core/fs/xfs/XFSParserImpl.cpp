@@ -134,7 +134,7 @@ std::string XFSParserImpl::whyUnusable() const {
     if ((features.incompat & super_block::featureNeedsRepair) != 0) {
         return "XFS: The volume needs repair.";
     }
-    if (const std::string names = strangeXFSFeatures(features); !names.empty()) {
+    if (const std::string names = unsupportedXFSFeatures(features); !names.empty()) {
         return "XFS: Free space can't be read with these features: " + names;
     }
     const char* const reason = impossibleGeometry();

@@ -66,7 +66,7 @@ private:
     info::Logger& logger;
     IVolumeReader& reader;
     std::uint32_t sectorSize; // of the device, for the alignment of reads
-    bool traces = false;      // whether debug lines are logged; asked once per chunk, there may be millions
+    bool traces = false;      // whether debug lines are logged; set once per chunk, for millions of nodes
 
     std::uint32_t magic = 0;
     std::uint32_t blockSize = 0;

@@ -4,6 +4,7 @@
 #include "support/FixedRanges.h"
 #include "support/RecordingLogger.h"
 #include "support/ReferenceRanges.h"
+#include "support/TestDirectory.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
