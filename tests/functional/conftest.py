@@ -284,7 +284,7 @@ def background(make_daemon):
 
 @pytest.fixture
 def run_to_end(make_daemon):
-    """Runs a daemon until it ends by itself; returns it."""
+    """Runs a daemon that ends without being stopped; returns it when it has ended."""
     def run(*arguments, **options):
         daemon = make_daemon(*arguments, **options)
         daemon.wait()

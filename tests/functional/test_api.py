@@ -33,7 +33,7 @@ INVALID = [("POST", "/host"), ("GET", "/command"), ("GET", "/host/"), ("GET", "/
 
 def test_nothing_is_served_before_pairing(agent, connect_appliance, database):
     """Requests that need a paired device are refused, with a warning in the log. The daemon has cached that
-    nobody is paired: a row that is added to the database by other means changes nothing."""
+    there is no paired device: a row that is added to the database by other means changes nothing."""
     stranger = connect_appliance()
     for (method, url), name in PAIRED_ONLY.items():
         assert stranger.request(method, url) == (401, TEXT, "Unauthorized"), url
@@ -135,7 +135,7 @@ def test_what_is_logged_of_a_request(agent, appliance):
 # The small calls.
 
 def test_config(foreground, agent, appliance):
-    """What is set is stored, shown and still there after a restart; the other settings don't change."""
+    """New values are stored, shown and still there after a restart; the other settings don't change."""
     options = {"log.lifetimeHours": 72, "holepunch.enabled": True, "autoupdate.channel": "any",
                f"volumes.{DISK}.cowFileSizeMiB": 4096}
     assert appliance.set_config(options) == (200, TEXT, "")
@@ -187,7 +187,7 @@ def test_driver_status_without_a_driver(no_driver, appliance):
 
 
 def test_driver_status(driver, appliance):
-    """The driver's own text, unchanged."""
+    """The answer has the driver's own text, unchanged."""
     text = INFO.read_text(encoding="utf-8")
     assert json.loads(text)["devices"] == []
     assert appliance.driver() == (200, JSON, {"driverStatus": text})

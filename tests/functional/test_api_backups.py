@@ -150,12 +150,12 @@ def test_backups_on_top_of_one_another(driver, appliance):
     assert set(listed["failed"]) <= {first, second, *(answer.content for answer in answers)}
     last = next(answer.content for answer in reversed(answers) if answer.status == 201)
     assert last in listed["failed"]
-    # Of nine, at least two: so many had ended when there were too many, one goes for each that comes then.
+    # At least two of the nine are forgotten: beyond the limit, each new backup removes one that has ended.
     assert 0 < len(listed["failed"]) <= 7
 
 
 def test_cancel(driver, agent, appliance):
-    """Both outcomes are an answer like any other."""
+    """An accepted cancel and a refused one are both answered with status 200."""
     def refusal(text):
         return 200, JSON, {"success": False, "errorString": text}
 

@@ -209,7 +209,7 @@ def test_unreadable_bodies(driver, unharmed, agent, client, body):
 
 
 def test_large_body(unharmed, agent, client):
-    """Several MiB of JSON, with more values than any request needs."""
+    """The body is several MiB of JSON, with more values than any request needs."""
     body = b"[" + b"1," * (2 * MIB) + b"1]"
     assert client.request("POST", "/config", body).status == 400
     assert client.request("POST", "/backup", body).status == 500
@@ -227,7 +227,7 @@ def test_body_cut_off(unharmed, agent, client):
 
 
 def test_idle_connections(unharmed, agent, client):
-    """Five hundred idle connections, while the paired device polls."""
+    """There are five hundred idle connections while the paired device polls."""
     with contextlib.ExitStack() as stack:
         for _ in range(500):
             stack.enter_context(client.connect())

@@ -65,7 +65,7 @@ def test_body_left_behind_is_nobody_elses(client, other, database):
 
 
 def test_overlapping_requests_of_the_appliance_itself(client):
-    """Each keeps its own body."""
+    """Each request keeps its own body."""
     begin, end = b'{"autoupdate.', b'channel": "beta"}'
     with stalled_request(client, "/config", len(begin + end), begin) as slow:
         assert answers_to(client) == 20
@@ -76,7 +76,7 @@ def test_overlapping_requests_of_the_appliance_itself(client):
 
 @pytest.mark.parametrize("who", ["stranger", "other"])
 def test_held_heads_cost_no_answer(request, client, who):
-    """A client that has sent only the head of a POST blocks nobody."""
+    """A client that has sent only the head of a POST blocks no other client."""
     with contextlib.ExitStack() as stack:
         for _ in range(10):
             stack.enter_context(stalled_request(request.getfixturevalue(who)))
@@ -131,7 +131,7 @@ def test_four_thousand_idle_connections(foreground, site_authority, site_device)
 
 
 def test_crowd_after_the_handshake(agent, client, stranger, other):
-    """Clients without a certificate, and clients with one that send no request."""
+    """The crowd has clients without a certificate, and clients with one that send no request."""
     with contextlib.ExitStack() as stack:
         for number in range(STRANGERS + 44):
             stack.enter_context((stranger if number % 2 else other).connect())
@@ -196,7 +196,7 @@ def check_clean(text, before):
 
 
 def test_control_characters_stay_out_of_the_log(agent, client, other):
-    """Whoever sends them, and in whatever part of a request."""
+    """They are escaped, whichever client sends them, and in whichever part of a request."""
     assert client.request("POST", "/logLevel", b'{"severity": 0}').status == 200
     shown, logged = len(agent.output), len(agent.log)
     text = f"\x1b[2J\x07\r\n{FORGED}\n{LOOSE}\n\u009b2J\x7f"

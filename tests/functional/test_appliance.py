@@ -280,7 +280,7 @@ def test_watch_ends_with_a_run_whose_status_stays_active(agent, command):
 
 
 def test_watch_goes_on_while_the_run_does(agent, command):
-    """Without a change for a while, as when the target is silent."""
+    """The status doesn't change for a while, as when the target is silent."""
     agent.says(*5 * [ACTIVE], FINISHED)
     agent.log = log_of((2, f"{RUN_BEGINS}b-1"), (4, "Try: 1"))
     assert command("watch", "b-1")[0] == 0
@@ -288,7 +288,7 @@ def test_watch_goes_on_while_the_run_does(agent, command):
 
 
 def test_watch_has_a_limit():
-    """If the log can't tell either. The backup may go on after the watch has given up."""
+    """The watch gives up if the log doesn't show either that the backup has ended. The backup may go on."""
     class Agent:
         @staticmethod
         def logs(**_options):
@@ -340,7 +340,7 @@ HARMLESS = r"\x1b[2J\x07\r\x7f\x9b2J\x00"
 
 
 def test_terminal_gets_no_control_characters(agent, command):
-    """Wherever texts of the agent are shown. Its log contains texts of strangers."""
+    """Texts of the agent are escaped wherever they are shown, as its log contains texts of strangers."""
     agent.says((500, "text/plain", HOSTILE))
     assert command("host") == (1, "", f"lab/appliance: HTTP status 500: {HARMLESS}\n")
     agent.says((201, "text/plain", HOSTILE))

@@ -94,7 +94,7 @@ def test_cancel_while_snapshots_are_taken(one_volume, faults):
 
 
 def test_cancel_in_the_copy(one_volume, faults):
-    """A backup of any kind ends at once, and the next one brings what it owes."""
+    """A backup of any kind ends at once, and the next one sends what it has left out."""
     site = one_volume
     for kind in ({"full": True}, {}, {"merge": True}):
         with site.in_copy(**kind) as (backup, hold):

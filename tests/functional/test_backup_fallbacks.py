@@ -171,7 +171,7 @@ def test_untracked_volume_is_merged(protection, volume):
 
 
 def test_volume_left_in_snapshot_is_merged(protection, volume):
-    """A killed run leaves a volume in a snapshot: nobody knows any more what has changed since."""
+    """A killed run leaves a volume in a snapshot, so it isn't known what has changed since."""
     must("transition_snapshot", device_of(volume)["minor"], root_of(volume) / ".tolvu1", 100)
     check(protection, protection.run(), "differential",
           f"[WARNING:]  Device {volume.uuid} not in active incremental state, destroying snapshot "

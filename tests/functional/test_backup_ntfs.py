@@ -78,7 +78,7 @@ def test_chain_of_all_types(protection, volumes):
 
 
 def test_merge_mends_an_image(protection, volumes):
-    """An unnoticed damage in the middle of a file."""
+    """The middle of a file is damaged in the image."""
     with Ledger(protection) as ledger:
         ledger.run("full", full=True)
         for name, partition in volumes.items():
@@ -150,7 +150,7 @@ def test_cancel_in_the_copy(broken_site, faults):
 
 
 def test_target_is_lost(broken_site, faults):
-    """The target is away for less time than the retries last, and for more."""
+    """The target is away first for less time than the retries last, and then for more."""
     site = broken_site
     for comes_back in (True, False):
         with site.in_copy(full=True) as (backup, hold):

@@ -70,8 +70,8 @@ def test_records_and_codes_of_what_can_become_of_a_backup(protection):
 
 
 def test_second_cow_file_that_will_not_fit_is_told_of_at_the_first_backup(protect, volumes):
-    """The warning comes with the first backup. If nobody acts on it, the second file doesn't fit; its advice
-    helps."""
+    """The first backup logs a warning. If its advice isn't followed, the second file doesn't fit; if it is,
+    the backup succeeds."""
     protection = protect(NAMES[0])
     protection.set_cow_size(155)
     backup = protection.run(full=True)

@@ -61,7 +61,7 @@ def test_target_of_another_make(protect, volumes):
 
 
 def test_blocks_smaller_than_a_sector_of_the_target_are_refused(protect, volumes):
-    """They can't be written without knowing the rest of the sector."""
+    """Such a block can't be written without knowing the rest of the sector."""
     fill_some(volumes, ["data"], "a")
     protection = protect("data", block_size=4096)
     backup = protection.run(full=True)

@@ -91,6 +91,6 @@ def test_unmounted_one_fails_for_that(protection, volumes):
 
 
 def test_empty_partition_is_no_volume(protection, volumes, appliance):
-    """It has no UUID of a volume; its partition's UUID isn't accepted as one."""
+    """The partition has no UUID of a volume, and its own UUID isn't accepted as one."""
     listed = appliance.host().content["volumes"]
     assert volumes["empty"].device not in {volume["device"] for volume in listed}

@@ -94,7 +94,7 @@ def test_certificate_that_was_replaced_on_disk(background, site_authority):
 
 
 def test_looking_leaves_nothing_in_the_log(background):
-    """It doesn't prevent the agent from starting either: the lock is only tested, never taken."""
+    """bekctl doesn't prevent the agent from starting either: it only tests the lock, and never takes it."""
     background()
     before = stored_log()
     for _ in range(20):
@@ -289,7 +289,7 @@ def test_keys_are_those_of_the_page(protect, volumes):
 
 
 def test_backups_and_their_reasons(protect, volumes):
-    """They come from the agent's log."""
+    """The backups and their reasons come from the agent's log."""
     nothing = json_of("backups")
     assert (nothing["backups"], nothing["runningSince"]) == ([], None)
     assert "The log tells of no backup." in output_of("backups")

@@ -138,7 +138,7 @@ def test_target(site):
 
 
 def test_target_that_the_log_names(protect, volumes):
-    """The portal is that of the last failed login."""
+    """The target is that of the last failed login."""
     protection = protect("data")
     with socket.create_server(("127.0.0.1", 0)) as server:
         place = f"127.0.0.1:{server.getsockname()[1]}"

@@ -116,7 +116,7 @@ def test_full_volume(appliance, lab_site):
 
 
 def test_mount_point_that_is_no_text(appliance, lab_site):
-    """A byte that is invalid in UTF-8 costs that character, not the answer."""
+    """A byte that is invalid in UTF-8 is replaced; the rest of the answer stays."""
     path = os.fsdecode(b"/mnt/B\xfcro")
     with lab_site.disk["spare"].mounted(path):
         wait_until(lambda: volume_of(appliance, lab_site.disk["spare"])["mountpoints"] == ["/mnt/B\ufffdro"],
@@ -154,7 +154,7 @@ def test_kernel_release_of_two_numbers(foreground, connect_appliance, lab_site):
 
 
 def test_machine_that_tells_nothing_of_itself(appliance, agent, lab_site, tmpfs):
-    """No release file, no firmware tables, no driver."""
+    """There is no release file, there are no firmware tables, and there is no driver."""
     hide_driver()
     tmpfs("/sys/class/", "mode=755")
     tmpfs("/sys/module", "mode=755")

@@ -66,7 +66,7 @@ def test_url_arguments(client):
 
 
 def test_real_client(site, server):
-    """curl, which sends its body in chunks and waits for "100 Continue"."""
+    """The client is curl, which sends its body in chunks and waits for "100 Continue"."""
     body = site.directory / "body"
     body.write_bytes(bytes(range(256)) * 400)
     done = curl(site, "--limit-rate", "60k", "--data-binary", f"@{body}", f"{BASE_URL}/pair?a=1")

@@ -158,7 +158,7 @@ def test_blocked_request_function_holds_nobody_up(server, client):
 
 
 def test_one_byte_a_second(client):
-    """A head that arrives byte by byte, while another client polls."""
+    """The head of a request arrives byte by byte, while another client polls."""
     head = b"GET /slow HTTP/1.1\r\nHost: agent\r\n\r\n"
     pace = threading.Event()
     with client.connect() as connection:

@@ -134,7 +134,7 @@ def check_right(made):
 
 
 def test_image_of_all_used_blocks_is_right(made):
-    """Even though its free blocks, and those of the agent's own files, are still poison."""
+    """The image is right although its free blocks, and those of the agent's own files, are still poison."""
     for at, length in made.free_extents():
         assert poison.is_poison(made.read(at, length))
     for name in OWN_FILES:
@@ -159,7 +159,7 @@ def test_blocks_of_own_files_are_compared_when_asked_for(made):
 
 
 def test_flipped_byte_is_found(made):
-    """A flipped byte in a file; the file system itself is sound."""
+    """The byte is in a file; the file system itself is sound."""
     good = made.tree()
     at = made.place_of(made.big)
     made.overwrite(at + 100, bytes([made.read(at + 100, 1)[0] ^ 1]))

@@ -284,7 +284,7 @@ def test_leaving_a_target_that_is_gone_takes_no_time(target, image):
 
 @pytest.mark.parametrize("sector", [512, 4096])
 def test_contract_of_all_transports(target, tmp_path, sector):
-    """The test suite that the fakes of the unit tests pass too."""
+    """Runs the test suite that the fakes of the unit tests pass too."""
     image = target.add_image("contract", IMAGE_BYTES, block_size=sector)
     assert_keeps_contract("TransportContract", tmp_path, TARGET_NAME=target.name, TARGET_PORTAL=target.portal,
                           TARGET_LUN=image.lun, TARGET_FILE=image.path)

@@ -104,7 +104,7 @@ def test_answers_in_another_order(call, relay, transport):
 
 @NOT_NOW
 def test_commands_that_are_refused_for_now_are_sent_again(call, relay, transport, status):
-    """In the same session, and without a line in the log."""
+    """They are sent again in the same session, and without a line in the log."""
     relay.fault = Refuse(status, range(1, call.commands, 3))
     call.run()
     assert transport.logged_warnings() == []
@@ -194,7 +194,7 @@ def test_a_session_that_breaks_with_half_of_the_commands_answered(call, relay, t
 
 @pytest.mark.parametrize("target", [Target], indirect=True)
 def test_a_command_that_is_never_answered(relay, transport, image, source):
-    """It times out after a minute; then the call is repeated."""
+    """The command times out after a minute; then the call is repeated."""
     assert transport.do("connect") == 0
     relay.fault = Refuse(SILENCE, {COMMANDS["write"] // 2})
     begun = time.monotonic()

@@ -128,7 +128,7 @@ def test_unknown_kind_is_refused(use, name):
 
 @pytest.mark.parametrize("name", [name for row in OTHERS for name in row.makers])
 def test_what_can_only_be_made_is_not_looked_into(name):
-    """A file system without a parser in the agent has neither truth nor check."""
+    """For a file system without a parser in the agent, the lab has neither `truth` nor `check`."""
     with pytest.raises(UnknownKind):
         truth_of("/dev/null", name)
     with pytest.raises(UnknownKind):

@@ -28,7 +28,7 @@ def environment():
 
 
 def test_all_blocks_are_of_a_kind_that_is_run_somewhere():
-    """A block for reading only leaves something out, so it couldn't be run."""
+    """A block that isn't run contains "...", so it couldn't be run."""
     assert {block.kind for block in PAGE.blocks} == {SH, MACHINE, PYTHON, CEPH, FOR_READING}
     assert all("..." in block.text for block in PAGE.of(FOR_READING))
 

@@ -146,14 +146,14 @@ def test_launcher_ends_with_status_0(background):
 
 
 def test_pid_file_is_the_number_alone(background):
-    """The decimal number without a newline, readable only by root: any reader could hold the file's lock."""
+    """The file has the decimal PID without a newline. Only root may read it: any reader could lock it."""
     daemon = background()
     assert PID_FILE.read_bytes() == b"%d" % daemon.pid
     assert PID_FILE.stat().st_mode & 0o7777 == 0o600
 
 
 def test_nobody_else_can_lock_what_the_agent_needs(background, database):
-    """Even if an earlier version has left its files readable by everybody."""
+    """The agent's files become unreadable for others, even if an earlier version has left them readable."""
     background().stop()
     files = [PID_FILE, DATABASE]
     for path in files:

@@ -95,7 +95,7 @@ def test_bars_of_several_volumes_have_a_total():
 
 @pytest.mark.parametrize("state", ["active", "finished"])
 def test_bars_fit_a_terminal_of_80_columns(state):
-    """Even for terabytes at hundreds of megabytes a second, for most of a day."""
+    """The bars fit even for terabytes at hundreds of megabytes a second, for most of a day."""
     lines = on_a_terminal(*(status_of_two(state, (done, 9_999_999 * MB), (done, 9_999_999 * MB))
                             for done in (1_234_000 * MB, 1_234_100 * MB, 1_234_200 * MB)),
                           names={UUIDS[0]: "a name that is long"})

@@ -172,7 +172,7 @@ def test_next_backup_sends_what_has_changed_before_and_after(one_volume):
 
 
 def test_what_is_owed_stays_owed(one_volume):
-    """Whether the failed backup runs before or after the audit."""
+    """The changes stay owed, whether the failed backup runs before or after the audit."""
     site = one_volume
     for _ in range(2):
         site.change()

@@ -232,7 +232,7 @@ def test_over_iscsi(whole, directory):
 
 
 def test_a_terminal_sees_how_far_it_is(directory):
-    """It sees the progress; messages after that begin on a line of their own."""
+    """A terminal shows the progress; messages after that begin on a line of their own."""
     def fill_half(root):
         (root / "full").write_bytes(os.urandom(8 << 20))
         os.link(root / "full", root / "again")

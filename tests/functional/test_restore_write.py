@@ -105,7 +105,7 @@ def test_volume_of_each_kind(file_system, directory):
 
 
 def test_hfs_volume(directory):
-    """The lab can't mount it: the used blocks, by HFS+'s own tool, and the bitmap must be the same."""
+    """The lab can't mount HFS+, so only the used blocks, by HFS+'s own tool, and the bitmap are compared."""
     hfs = next(kind for kind in KINDS if kind.name == "hfs")
     sample = hfs.samples[0]
     image = make_image(directory / "image", sample.mebibytes, sample.file_system, *sample.options)
@@ -141,8 +141,8 @@ def test_only_used_blocks_are_written(ext4_image, directory):
 
 
 def test_interrupted_at_random_points(ext4_image, directory):
-    """By SIGKILL, which stands for a power cut of the rescue system, and by users. The restore continues from
-    there."""
+    """The restore is interrupted by SIGKILL, which stands for a power cut of the rescue system, and by users.
+    The next run continues from there."""
     image, expected = ext4_image
     source = random.Random(4)
     kills = 0

@@ -92,8 +92,8 @@ def test_up_after_a_crash(checkout):
 
 
 def test_goes_where_orphans_are_not_reaped(checkout):
-    """As in a container whose first process reaps only its own child: orphans stay in the process table for
-    ever."""
+    """The first process reaps only its own child, as in some containers: orphans stay in the process table
+    for ever."""
     program = "import subprocess, sys; sys.exit(subprocess.call(sys.argv[1:]))"
     done = subprocess.run(
         ["unshare", "--pid", "--fork", "--mount-proc", sys.executable, "-c", program, "sh", "-ec",
@@ -141,7 +141,7 @@ def test_two_sites_at_once(checkout, tmp_path_factory):
 
 
 def test_site_that_cannot_come_up(checkout):
-    """It says why, and leaves nothing behind."""
+    """`lab/site up` says why, and leaves nothing behind."""
     path = checkout.directory / "lab" / "xfs.py"
     path.write_text(path.read_text(encoding="utf-8").replace('"mkfs.xfs"', '"mkfs.none"'), encoding="utf-8")
     status, _, errors = checkout.run("up")
@@ -237,7 +237,7 @@ def test_paired_over_a_site_that_is_not(checkout):
 
 
 def test_paired_site_that_cannot_come_up(checkout):
-    """It says why, and leaves nothing of what it had started."""
+    """`lab/site up` says why, and ends everything that it had started."""
     path = checkout.directory / "lab" / "targets.py"
     text = path.read_text(encoding="utf-8")
     path.write_text(text.replace('"tgtd", "-f"', '"none", "-f"'), encoding="utf-8")

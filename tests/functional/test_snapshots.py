@@ -309,8 +309,8 @@ def test_no_room_for_the_history(small_site):
 
 
 def test_record_without_history(small_site):
-    """Such a backup might be owed changes, so it can't be incremental; a backup of another type repairs
-    it."""
+    """Without the history, owed changes might be missed, so an incremental session fails; a session of
+    another type repairs it."""
     small_site.run_session(incremental=False)
     (small_site.mount_point("data") / ".tolvu.inc").unlink()
     text, _ = fail_session(small_site)

@@ -54,7 +54,7 @@ def check_state(database):
 
 
 def test_first_start_makes_the_database(foreground, database):
-    """All tables, schema version 3, and an identity, which the log shows."""
+    """The database has all tables, schema version 3, and an identity, which the log shows."""
     daemon = foreground()
     assert daemon.stop() == 0
     check_state(database)

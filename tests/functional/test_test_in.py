@@ -126,7 +126,7 @@ def checkout(tmp_path):
 
 @pytest.fixture
 def waiting(checkout):
-    """A run whose tests don't end by themselves."""
+    """A run whose tests never end."""
     checkout.commit(WAITING)
     with checkout.start("trixie") as process:
         assert "making a Debian trixie" in process.stdout.readline()

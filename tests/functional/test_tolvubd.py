@@ -106,8 +106,8 @@ def test_cow_file_begins_whole_and_empty(volume):
 
 @pytest.mark.parametrize("filesystem", filesystems.freezable())
 def test_table_marks_what_has_changed(make_volume, filesystem, tmp_path):
-    """Compared with the test's own comparison, on a size that isn't a multiple of a unit, over several
-    rounds. A unit that comes into use counts as changed, whatever its content."""
+    """The table is compared with the test's own comparison, on a size that isn't a multiple of a unit, over
+    several rounds. A unit that comes into use counts as changed, whatever its content."""
     volume = make_volume(filesystem, small(filesystem) + 3)
     write_tree(volume, 1)
     take_snapshot(volume)

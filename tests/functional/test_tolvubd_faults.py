@@ -199,7 +199,8 @@ def test_failure_at_each_step(volume, name):
 
 @captures
 def test_volume_is_thawed_when_nothing_goes_on(volume):
-    """Even while the process lives: what it waits for may need the frozen volume."""
+    """The guard thaws the volume even while the process lives: the process may be waiting for a write to the
+    frozen volume."""
     process = subprocess.Popen(
         [*injected("sendto", "delay_enter=12000000:when=1"), program("TolvubdCall"), "setup_snapshot", "0",
          str(volume.device), str(volume.cow), "1"], stdout=subprocess.PIPE, text=True)

@@ -78,7 +78,7 @@ def frozen_by_somebody(volume, seconds=10):
 
 @pytest.mark.parametrize("left_over", [None, ".tolvu.era", ".tolvu"])
 def test_setup_does_not_wait_for_who_has_frozen_the_volume(volume, left_over):
-    """Not even if old files have to be removed first."""
+    """The call fails at once, even if old files have to be removed first."""
     if left_over == ".tolvu":
         take_snapshot(volume)
         driver.restart()

@@ -75,7 +75,7 @@ def test_reload_refuses_what_does_not_fit(make_volume):
 
 
 def test_new_setup_ends_what_is_asleep(volume):
-    """A sleeping device of the same volume ends: nobody could give it back any more."""
+    """A sleeping device of the same volume ends, because no reload could give it back any more."""
     track(volume)
     restart_machine()
     take_snapshot(volume)
@@ -97,7 +97,8 @@ BROKEN_STATES = ["", "{", "null", "[]", "\xff\xfe", "[" * 100_000, "{\"format\":
 
 
 def test_broken_state_loses_the_devices_only(volume):
-    """The driver starts without devices, and removes from the machine what it doesn't know any more."""
+    """The driver starts without devices, and removes everything from the machine that it doesn't know any
+    more."""
     for text in BROKEN_STATES:
         take_snapshot(volume)
         (STORE / "state.json").write_text(text, encoding="latin-1")

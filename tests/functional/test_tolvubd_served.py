@@ -157,7 +157,7 @@ def snapshot_of(volume):
 
 
 def test_killed_caller_lets_the_volume_go_at_once(volume, server):
-    """Long before the guard's timeout."""
+    """The volume is released long before the guard's timeout."""
     with delayed(60, *snapshot_of(volume)) as tracer:
         wait_until_stopped(server)
         caller = caller_of(tracer)
@@ -268,7 +268,7 @@ def test_server_with_any_number_of_threads_is_held(volume, serve, options):
 
 
 def test_caller_that_its_own_file_system_waits_for_is_refused(volume, serve):
-    """Otherwise it could wait for itself."""
+    """Otherwise the caller could wait for itself."""
     serve("env", f"BEKD_BUILD={os.environ['BEKD_BUILD']}", program("TolvubdCall"), *snapshot_of(volume))
     answer = (volume.mount_point / "answer").read_text(encoding="ascii").split()
     assert answer == ["-1", str(errno.EDEADLK)]

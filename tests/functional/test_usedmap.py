@@ -111,7 +111,8 @@ def test_ext_features_that_kernels_may_lack(tmp_path, matrix):
 
 
 def test_ext_groups_with_files_but_no_block_bitmap(tmp_path, matrix):
-    """As tools leave it that fill an unmounted volume: the inodes are in a group that was never used."""
+    """The volume is as a tool leaves it that fills it unmounted: the inodes are in a group that was never
+    used."""
     (tmp_path / "source").mkdir()
     for number in range(300):
         (tmp_path / "source" / f"empty{number}").touch()
@@ -221,7 +222,7 @@ def test_ext_lives_without_its_free_blocks(name, tmp_path):
 
 
 def test_ext_is_repaired_by_what_the_map_leaves(tmp_path):
-    """A boot loader before the first group, and the backup of a superblock in an unused group."""
+    """The map has a boot loader before the first group, and the backup of a superblock in an unused group."""
     image = make_image(tmp_path / "image", 90, "ext4", "-b", "1024")
     with open(image, "r+b") as file:
         file.write(b"boot" * 256)
@@ -261,7 +262,7 @@ def test_xfs_full(tmp_path, matrix):
 
 
 def test_xfs_without_checksums(tmp_path, matrix):
-    """Of a format that current kernels can't mount: the tool that makes it also fills it."""
+    """Current kernels can't mount a volume of this format, so the tool that makes it also fills it."""
     for size in 512, 1024, 4096:
         content = tmp_path / "content"
         content.write_bytes(os.urandom(700_000))
@@ -305,7 +306,7 @@ def test_xfs_features_that_are_not_known_are_refused(command, named, tmp_path):
 
 @pytest.mark.parametrize("name", ["ext4 4K", "xfs 4K 4 groups"])
 def test_files_of_the_driver_are_left_out_where_the_volume_is_mounted(name, tmp_path):
-    """On an unmounted volume they are counted: nothing tells which blocks they have."""
+    """On an unmounted volume these files count as used, because their blocks can't be found out."""
     sample = SAMPLES[name]
     image = make_sample(tmp_path / "image", sample)
     sizes = {".tolvu": 5 << 20, ".tolvu1": 3 << 20, ".tolvu.inc": 1 << 20}

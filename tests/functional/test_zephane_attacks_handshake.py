@@ -97,7 +97,7 @@ def test_secrets_of_others_open_nothing(scene, attacks):
 
 
 def test_reflected_proof_opens_nothing(scene, attacks):
-    """The proof of the other role, one without the channel binding, and none at all."""
+    """The attackers send the proof of the other role, one without the channel binding, and none at all."""
     def prove(attacker, role, exporter):
         return wire.proof_of(attacker.image.secret, role, attacker.transcript, exporter)
 
@@ -317,7 +317,7 @@ def descriptors(pid, number):
 
 @pytest.mark.parametrize("limit", [1024, DESCRIPTORS])
 def test_thousands_who_say_nothing_keep_nobody_out(scene, attacks, limit):
-    """Whether or not the server's descriptor limit is large enough for all of them."""
+    """The owner is admitted whether or not the server's descriptor limit is large enough for all of them."""
     with descriptors(scene.server.pid, limit), descriptors(os.getpid(), DESCRIPTORS):
         with contextlib.ExitStack() as strangers:
             for _ in range(STRANGERS):

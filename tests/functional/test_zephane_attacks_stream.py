@@ -153,7 +153,7 @@ def test_bomb_of_writes_takes_no_memory(scene, attacks):
 
 
 def test_blocks_of_nothing_keep_nobody_out(scene, attacks):
-    """They cost the server time without any data; other clients continue meanwhile."""
+    """Empty blocks cost the server time without any data; other clients continue meanwhile."""
     nothing = zstd.block_head(zstd.RAW, 0) * 100_000
     with scene.admitted_client(flags=COMPRESSED) as attacker:
         attacker.connection.send(zstd.stream_head())

@@ -20,7 +20,7 @@ def test_all_types(protect, volumes, name):
 
 
 def test_what_is_due_reaches_the_engine_and_nothing_else(protect, volumes):
-    """With the smallest number of commands, each of them a chunk of a volume."""
+    """Each command is a chunk of a volume, and there are as few commands as possible."""
     names = ("data", "files")
     with Ledger(protect(*names)) as ledger:
         for kind, asked in (("full", {"full": True}), ("incremental", {}), ("incremental", {})):

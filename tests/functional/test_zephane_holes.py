@@ -90,7 +90,7 @@ def poison_of(image, begin, end):
 
 
 def test_two_volumes_in_one_image(protect, punched, target):
-    """One follows the other; the poison before, between and after them stays unchanged."""
+    """One volume follows the other; the poison before, between and after them stays unchanged."""
     data, files = punched["data"], punched["files"]
     second = 16 * MIB + size_of(data) + 16 * MIB
     end = second + size_of(files)
@@ -106,7 +106,7 @@ def test_two_volumes_in_one_image(protect, punched, target):
 
 
 def test_neighbour_in_the_image_stays_as_it_is(protect, punched, target, directory):
-    """Whatever is backed up, punched and compared beside it."""
+    """The neighbour doesn't change, whatever is backed up, punched and compared beside it."""
     data, files = punched["data"], punched["files"]
     image = target.add_image("both", size_of(data) + size_of(files))
     one, other = protect("data", image=image), protect("files", offset=size_of(data), image=image)

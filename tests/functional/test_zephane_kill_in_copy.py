@@ -10,7 +10,7 @@ SERVER = ZephaneServer
 
 @pytest.mark.parametrize("kill", [kill_server, kill_engine])
 def test_kill_in_the_copy(one_volume, faults, kill):
-    """The connection isn't resumed: the backup fails, and says why."""
+    """The connection isn't resumed: the backup fails, and the log says why."""
     site = one_volume
     for kind in KINDS:
         with site.in_copy(**kind) as (backup, hold):

@@ -40,7 +40,7 @@ def test_merge_of_an_equal_image_sends_next_to_nothing(protect, volumes, name):
 
 
 def test_what_compresses_is_compressed(protect, volumes):
-    """In both directions: written data, and the beginning of the image that is read back."""
+    """Both directions are compressed: written data, and the beginning of the image that is read back."""
     root = root_of(volumes["data"])
     (root / "large").write_bytes(b"all work and no play " * (LARGE // 21))
     protection = protect("data")

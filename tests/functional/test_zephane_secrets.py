@@ -49,7 +49,7 @@ def test_wrong_secret(protection, agent):
 
 
 def test_image_that_does_not_exist(protection, agent):
-    """It can't be distinguished from an image with another secret: neither by its path nor by its ID."""
+    """A missing image can't be distinguished from one with another secret, neither by path nor by ID."""
     [image] = protection.images.values()
     check_lines(check_refused(protection, name="another"), "another", image.lun)
     check_lines(check_refused(protection, lun=image.lun + 1), image.name, image.lun + 1)
@@ -58,7 +58,7 @@ def test_image_that_does_not_exist(protection, agent):
 
 
 def test_secret_of_another_image(protection, target):
-    """It opens the other image, and no further one."""
+    """The secret opens that image, and no other one."""
     other = target.add_image("other", 64 << 20)
     [image] = protection.images.values()
     check_lines(check_refused(protection, password=other.secret), image.name, image.lun)

@@ -178,7 +178,7 @@ def states():
 
 
 def loops():
-    """The names of the captures behind loop devices."""
+    """The names of the captures that are attached to loop devices."""
     return sorted(pathlib.Path(file).name for file in images_on(STORE).values())
 
 

@@ -99,5 +99,4 @@ class Scene(Resource):
 
 
 def flipped(data, byte, bit):
-    """The data with one bit flipped."""
     return data[:byte] + bytes([data[byte] ^ 1 << bit]) + data[byte + 1:]

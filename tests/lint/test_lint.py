@@ -206,7 +206,7 @@ def tree(tmp_path):
 
 @pytest.fixture(scope="module")
 def found(tmp_path_factory):
-    """The findings in the file of each entry of BROKEN. They share trees as far as their file names allow."""
+    """The findings in the file of each entry of BROKEN. Entries with different file names share a tree."""
     found_in = {}
     waiting = BROKEN
     while waiting:

@@ -1,4 +1,4 @@
-"""What scripts/look tells of a small tree."""
+"""What scripts/look reports about a small tree."""
 
 import re
 import subprocess

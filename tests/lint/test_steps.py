@@ -22,7 +22,7 @@ SECONDS = 20
 REPORT = '<testsuites><testsuite><testcase name="a"/><testcase name="b"/>{}</testsuite></testsuites>'
 FAILED = '<testcase name="c"><failure/></testcase>'
 AWAIT = f"timeout {SECONDS} sh -c 'until [ -e {{}} ]; do sleep 0.05; done'"
-# Run as a program: one step that doesn't end by itself, and one after it.
+# Run as a program: one step that never ends, and one after it.
 ENDLESS = """\
 import signal, sys
 sys.path.insert(0, sys.argv[1])

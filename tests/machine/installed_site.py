@@ -85,7 +85,7 @@ class Scenario:
         if not installed.is_tracked:
             assert installed.backup("merge") == all_of("differential")
         installed.change()
-        installed.is_tracked = False # set again when the test comes to its end
+        installed.is_tracked = False # set again if the test reaches its end
         yield installed
         installed.is_tracked = True
 
@@ -120,8 +120,8 @@ class Scenario:
         assert tracked.backup() == all_of("incremental")
 
     def test_what_a_minimal_machine_lacks_is_said(self, installed):
-        """First without udisks2, then without a message bus too. This is the last test, as the machine stays
-        like that."""
+        """The services are removed: first udisks2, then the message bus too. This is the last test, as the
+        machine stays like that."""
         machine = installed.machine
         machine.run("dpkg --force-depends --remove udisks2 && systemctl restart bekd",
                     timeout=SECONDS)
@@ -136,8 +136,8 @@ class Scenario:
 
 
 def expect_to_go_on(installed):
-    """After a start, the journal mentions both volumes, and the next backup is incremental. Device-mapper
-    tracks one of the volumes, captures the other."""
+    """After a start, the journal mentions both volumes, and the next backup is incremental. One volume
+    is tracked by device-mapper, the other by captures."""
     installed.change()
     assert installed.backup() == all_of("incremental")
     assert installed.ways["logical"] == "device-mapper: linear table"

@@ -19,7 +19,7 @@ class TestDeadServerWithItsBootLoader(Scenario):
     LARGER = True
 
     def make(self, new_machine):
-        """Made on user-mode Linux, which takes a tenth of the time; then the disks are moved."""
+        """Makes the server on user-mode Linux, which takes a tenth of the time, and moves the disks."""
         made = Server(new_machine(UmlServer, disks=(DISK, PERSISTENT_DISK),
                                   source=images.get(QemuServer.kind).root))
         made.make(source="/dev/ubdd", line=kernel_line())
@@ -37,7 +37,7 @@ class TestDeadServerWithItsBootLoader(Scenario):
         assert server.page() == "the page of the server\n"
 
     def test_an_esp_without_an_image_is_made_anew(self, server):
-        """Made by the rescue system, which UEFI has booted too."""
+        """The rescue system makes the ESP; UEFI has booted that system, too."""
         server.start_rescue()
         server.machine.run("cp -a /kept/layout /root/ && vgchange --quiet --activate y server && "
                            "wipefs --quiet --all /dev/sda2")

@@ -23,7 +23,7 @@ pytestmark = pytest.mark.nightly
 
 @pytest.fixture(scope="module")
 def packages():
-    """Made before the machine starts, so that it sees them."""
+    """The packages, which are made before the machine starts, so that it sees them."""
     return " ".join(map(str, installation.packages()))
 
 

@@ -33,7 +33,7 @@ def test_guest(path, new_machine):
                    "BEKD_BUILD": ROOT / "build" / "release", "PYTHONDONTWRITEBYTECODE": 1, "LANG": "C.UTF-8"}
     words = ["env", f"--chdir={ROOT}", *(f"{name}={value}" for name, value in environment.items()),
              "/usr/bin/python3", "-m", "pytest", "-q", "-p", "no:cacheprovider", f"--confcutdir={GUEST}",
-             f"--junitxml={REPORT}", "--override-ini=junit_family=xunit1", path] # which holds what tests note
+             f"--junitxml={REPORT}", "--override-ini=junit_family=xunit1", path] # has tests' properties
     done = machine.run(shlex.join(map(str, words)), check=False, timeout=LIMIT_SECONDS)
     keep_report(machine, path)
     assert done.returncode == 0, done.stdout + done.stderr

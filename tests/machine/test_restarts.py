@@ -95,7 +95,7 @@ def test_ends_when_somebody_else_had_the_volumes_mounted(tracking, stop):
 
 @pytest.mark.nightly
 def test_a_lost_tracking_leaves_nothing_in_the_way_of_later_ones(tracking):
-    """Its CoW file has the second of the two names, and is locked."""
+    """The CoW file of the lost tracking has the second of the two names, and is immutable."""
     tracked(tracking, "snapshot")
     start_elsewhere(tracking, tracking.cut)
     tracked(tracking, "write")
@@ -117,7 +117,7 @@ def test_ends_when_a_volume_had_its_own_table_while_it_was_mounted(tracking, sto
 
 @pytest.mark.nightly
 def test_ends_when_the_power_failed_before_anybody_saw_that(tracking):
-    """As if the power failed within the milliseconds until the driver notices the other table."""
+    """Simulates a power failure in the milliseconds before the driver notices the other table."""
     tracking.run("udevadm control --stop-exec-queue && "
                  "lvchange --noudevsync --refresh vg/ext4 && lvchange --noudevsync --refresh vg/xfs")
     tracked(tracking, "write")

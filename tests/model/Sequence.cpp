@@ -78,8 +78,8 @@ public:
         driver.publish();
     }
 
-    // Only a backup is the agent's doing. All other events change the driver's state, files, images or mounts
-    // behind its back.
+    // Only a backup runs the agent's code. All other events change the driver's state, files, images or
+    // mounts without the agent.
     void apply(const Event& event) {
         VolumeState& volume = world.volume(event.volume);
         switch (event.kind) {

@@ -51,7 +51,7 @@ struct State {
 /// Volumes with their images, the driver's state, and the files that the driver and the agent keep.
 /// Owns:    the shared state and the directories of the volumes; the destructor removes both.
 /// Threads: one; a forked child may use it while its parent waits.
-/// Fails:   throws std::runtime_error if memory or a directory can't be had.
+/// Fails:   throws std::runtime_error if memory can't be allocated or a directory can't be made.
 class World {
 public:
     World();

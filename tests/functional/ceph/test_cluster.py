@@ -70,7 +70,7 @@ def test_each_machine_holds_the_image_and_a_hole_takes_no_room(cluster, export, 
 
 
 def test_one_machine_may_be_missing(cluster, export, source, tmp_path):
-    """It catches up with the others, and can then replace one of them."""
+    """The machine catches up with the others, and can then replace one of them."""
     with cluster.without(0):
         assert cluster.up() == {1, 2}
         run("nbdcopy", "--flush", source, export.uri)

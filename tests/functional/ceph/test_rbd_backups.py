@@ -62,7 +62,7 @@ def check_zero(path, extents):
 
 
 def test_what_is_equal_stays_off_the_wire(protect, volumes):
-    """In both directions: all connections see the same data of the cluster, so zephaned can compare."""
+    """Equal data isn't sent in either direction: all connections see the same data, so it can be compared."""
     (root_of(volumes["data"]) / "large").write_bytes(os.urandom(LARGE))
     protection = protect("data")
     check(protection, protection.run(full=True), "full")

@@ -1,5 +1,5 @@
-"""What administrators do to a logical volume while it is tracked, or while its snapshot is read. Whatever it
-is, the next record must be complete and the snapshot must show its moment, or the driver must report an
+"""Actions of administrators on a logical volume while it is tracked, or while its snapshot is read. After any
+of them, the next record must be complete and the snapshot must show its moment, or the driver must report an
 error."""
 import contextlib
 import dataclasses

@@ -86,7 +86,8 @@ PLACES = {one.volume.name: one for one in (
     place("data", "xfs", 640, "/data", "/data"),
     place("esp", "vfat", 300, "2", "/boot/efi", options="umask=0077,noauto"),
 )}
-# A snapshot of it takes a process to be looked at, which not every kernel shows; its image is a copy there.
+# To take a snapshot of the ESP, the driver examines the FUSE process in /proc, which not every kernel allows.
+# On other kernels its image is a plain copy.
 ESP = "esp"
 PROTECTED = [name for name in PLACES if name != ESP or pathlib.Path("/proc/self/syscall").exists()]
 POISONED = (ESP, "data") # in these images, parts that were never written must not look like zeros

@@ -59,7 +59,7 @@ public:
         ASSERT_EQ(::poll(&waiting, 1, 20000), 1) << "the writer wrote nothing";
     }
 
-    /// False if the writer had ended by itself.
+    /// False if the writer had already ended.
     bool kill() {
         int status = 0;
         ::kill(pid, SIGKILL);

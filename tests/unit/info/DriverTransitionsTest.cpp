@@ -223,7 +223,7 @@ TEST_F(DriverTransitionsTest, DeviceThatIsNotTrackedAndStays) {
     EXPECT_EQ(stateNow(), 3);
 }
 
-/// Whichever call fails, once or always, nothing of the agent's may be left and the next start must work.
+/// Whichever call fails, and however often, the agent must be able to take a snapshot again afterwards.
 TEST_F(DriverTransitionsTest, EveryCallFailing) {
     for (const char* call : {"setup_snapshot", "transition_snapshot", "transition_incremental", "destroy"}) {
         for (const bool moves : {false, true}) {

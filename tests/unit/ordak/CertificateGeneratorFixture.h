@@ -63,7 +63,7 @@ protected:
 
     void generate() { CertificateGenerator(record.logger, "backup-01", ownKey, service).generate(); }
 
-    /// The message of the generator's exception when the service answers such a request like this.
+    /// The message of the generator's exception when the service gives this answer to a request of this kind.
     std::string refusal(const std::string& action, const ICertificateService::Answer& answer) {
         service.answers[action] = answer;
         return messageOf<bad_response>([&] { generate(); });

@@ -139,7 +139,7 @@ TEST_F(BackupTest, CancelDuringTheLastPhaseComesTooLate) {
     EXPECT_THAT(harness.snapshots.transitionResults, ElementsAre(true));
 }
 
-/// Cancels during a phase that checks by itself.
+/// Cancels during a phase that itself checks for a cancel.
 class CancelDuringCopies : public BackupTest, public testing::WithParamInterface<int> {};
 
 TEST_P(CancelDuringCopies, ThePhaseDoesNotEnd) {

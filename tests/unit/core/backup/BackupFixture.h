@@ -54,7 +54,7 @@ inline void call(const std::function<void()>& function) {
     }
 }
 
-/// A target that calls the test before each connect and write. `closed` tells whether it was destroyed.
+/// A target that calls the test before each connect and write. `closed` says whether it was destroyed.
 class WatchedTransport : public test::FakeTransport {
 public:
     explicit WatchedTransport(bool& closed)

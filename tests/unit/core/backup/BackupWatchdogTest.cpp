@@ -7,7 +7,7 @@ namespace {
 
 using testing::ElementsAreArray;
 
-/// With a real watchdog with a very short timeout.
+/// Uses a real watchdog with a very short timeout.
 class WatchedBackup : public BackupTest {
 protected:
     void watch(std::chrono::nanoseconds timeout) {

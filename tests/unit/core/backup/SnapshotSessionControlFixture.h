@@ -8,7 +8,7 @@ using test::messageOf;
 
 class SnapshotSessionControlTest : public SnapshotSessionFixture {
 protected:
-    /// The message of the failure to end the session of volumes of which one has no device.
+    /// The error message when a session ends of which one volume has no device.
     std::string endFailure(const SnapshotSessionControl::Volumes& volumes) {
         return messageOf<std::runtime_error>([&] { control->transitionToIncremental(volumes, false); });
     }

@@ -16,7 +16,7 @@ using test::outputOf;
 using testing::HasSubstr;
 using testing::IsEmpty;
 
-/// A block of data that no file system writes by itself.
+/// A block of data that differs from any block of a file system's own structures.
 std::string block(const std::string& name, std::uint64_t number) {
     std::string text = "content of " + name + ", block " + std::to_string(number) + ".";
     text.resize(blockSize, '~');

@@ -123,7 +123,7 @@ TEST_F(CommandStream, UtilityStartsSuchAStream) {
     EXPECT_EQ(readAll(*stream), "/usr\n");
 }
 
-// Its destruction
+// Destruction of a stream
 
 TEST_F(CommandStream, DestroyingARunningStreamKillsAndReaps) {
     const auto begin = steady_clock::now();
@@ -163,7 +163,7 @@ TEST_F(CommandStream, KillOfAnEndedChildIsNoFailure) {
     EXPECT_EQ(stream.wait(), 5);
 }
 
-// What the child starts with
+// The state in which the child starts
 
 TEST_F(CommandStream, ChildHasNoSignalBlockedOrIgnored) {
     const test::ScopedDisposition pipe(SIGPIPE, SIG_IGN);

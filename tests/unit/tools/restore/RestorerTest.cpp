@@ -157,7 +157,7 @@ TEST_F(RestorerTest, KeepsTheMarkerInTheFirstPageUntilTheEnd) {
     std::ofstream(path, std::ios::in) << std::string(mebibyte, '\xEE');
     EXPECT_THROW(restore(), std::runtime_error);
     image.failsFrom = volumeBytes;
-    restore(marker()); // one marker more than in one go
+    restore(marker()); // writes one marker more than an uninterrupted restore
     EXPECT_EQ(places, (std::vector<std::uint64_t>{0, 0}));
     expectRestored();
 }

@@ -28,7 +28,7 @@ inline std::string withoutDashes(std::string uuid) {
 /// A loop device for a sparse file. The kernel detaches it when the object is destroyed or the process ends.
 /// Owns:    the loop device; the image file stays.
 /// Threads: one.
-/// Fails:   the constructor throws std::runtime_error if no loop device can be had.
+/// Fails:   the constructor throws std::runtime_error if it can't attach a loop device.
 class Disk {
 public:
     Disk(std::string file, std::uint64_t bytes) : image(std::move(file)) {
