@@ -16,7 +16,7 @@ sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1]))
 
 from lab.hfs_tree import BIG_KEYS, BINARY, VARIABLE_INDEX_KEYS, Tree  # noqa: E402
 
-BLOCK_SIZES = [512 << shift for shift in range(8)]
+BLOCK_SIZES = [512 << shift for shift in range(13)]
 USUAL_HEADER = 1024
 HEADER_SIZE = 512
 IN_A_FORK = 8 # extents
@@ -277,7 +277,7 @@ def journal_header(length):
 def parsed(arguments):
     parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("--block-size", type=int, default=4096, choices=BLOCK_SIZES,
-                        metavar="BYTES", help="a power of two from 512 to 65536; 4096 if not given")
+                        metavar="BYTES", help="a power of two from 512 to 2097152; 4096 by default")
     parser.add_argument("--files", type=int, default=0, help="how many, in four directories")
     parser.add_argument("--hollow", action="store_true", help="what files hold isn't written")
     parser.add_argument("--fragments", type=int, default=1, help="of the bitmap, with free blocks between")

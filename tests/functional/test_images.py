@@ -193,7 +193,7 @@ def test_structure_never_written_is_found(made):
 
 def test_missing_file_is_found(made, tmp_path):
     good = made.tree()
-    options = kind_of(made.file_system).write
+    options = kind_of(made.file_system).writable_options
     with attached(made.image) as device, \
             filesystems.mounted(made.file_system, device, tmp_path / "writable", options) as writable:
         (writable / made.big).unlink()

@@ -32,15 +32,19 @@ constexpr std::uint64_t bytesPerMiB = 1048576;
 constexpr std::uint64_t spare = 16 * bytesPerMiB;
 
 /// How much is free on the volume, or at least `needed`. XFS frees the blocks of a removed file in the
-/// background, so those of the CoW file of an audit that has just ended may still be missing.
+/// background, so those of the CoW file of an audit that has just ended may still be missing. Waits as long
+/// as more becomes free.
 std::uint64_t freeSpace(const agent::info::BackupableVolume& volume, std::uint64_t needed) {
-    constexpr std::chrono::seconds patience(3);
+    constexpr std::chrono::seconds patience(5);
     constexpr std::chrono::milliseconds pause(100);
-    const auto deadline = std::chrono::steady_clock::now() + patience;
     std::uint64_t free = volume.getSpaceFree();
+    auto deadline = std::chrono::steady_clock::now() + patience;
     while (free < needed && std::chrono::steady_clock::now() < deadline) {
         std::this_thread::sleep_for(pause);
-        free = volume.getSpaceFree();
+        const std::uint64_t previous = std::exchange(free, volume.getSpaceFree());
+        if (free > previous) {
+            deadline = std::chrono::steady_clock::now() + patience;
+        }
     }
     return free;
 }
