@@ -37,6 +37,6 @@ def block_device(text):
 
 
 def text_of(error):
-    """What went wrong, without the number of an OSError."""
+    """The text of an error, without the number of an OSError."""
     filename = getattr(error, "filename", None)
     return f"{filename}: {error.strerror}" if filename else str(error)

@@ -50,7 +50,7 @@ class Backup:
 
     @property
     def log(self):
-        """What the daemon has logged since the backup began."""
+        """The log of the daemon since the backup began."""
         return self._daemon.log[self._begin:]
 
     @property

@@ -8,8 +8,8 @@
         cluster.start_osd(0)
 
 Every object is stored on all of the OSDs. An image can be read and written while more than half of the OSDs
-are up: of three, one may be missing. With fewer, reads and writes wait until enough OSDs are back. What an
-OSD has confirmed survives when the OSD is killed, in files that are removed with the cluster.
+are up: of three, one may be missing. With fewer, reads and writes wait until enough OSDs are back. Data
+that an OSD has confirmed survives when the OSD is killed, in files that are removed with the cluster.
 
 Inside lab/namespace only: there is no authentication, as nobody else can reach the namespace's loopback.
 """

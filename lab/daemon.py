@@ -198,7 +198,7 @@ class Daemon:
 
     @property
     def log(self):
-        """What was added to the log files since this daemon was started."""
+        """The text that was added to the log files since this daemon was started."""
         return stored_log()[self._old_log:]
 
     @property

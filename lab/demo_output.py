@@ -1,4 +1,4 @@
-"""What the demo prints: commands as a person would type them, their output, texts and tables."""
+"""The output of the demo: commands as a person would type them, their output, texts and tables."""
 import re
 import shlex
 import subprocess

@@ -1,4 +1,4 @@
-"""What the lab has to know about the things that a partition can hold. Each kind has a file of its own."""
+"""The facts that the lab needs about the things that a partition can hold. Each kind has its own file."""
 import dataclasses
 from collections.abc import Callable
 

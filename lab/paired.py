@@ -1,4 +1,4 @@
-"""What a site needs for a backup besides its services: certificates, a target and a paired agent.
+"""The things that a site needs for a backup besides its services: certificates, a target and a paired agent.
 
     with Site() as site, Paired(site) as paired:     # inside lab/namespace
         print(paired.description())

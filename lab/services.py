@@ -61,7 +61,7 @@ class Service(Resource):
 
     @property
     def output(self):
-        """What the service has printed so far, on both streams."""
+        """The output of the service so far, on both streams."""
         self._log.seek(0)
         return self._log.read().decode(errors="replace")
 

@@ -52,7 +52,7 @@ class Session:
 
     @property
     def log(self):
-        """What has been logged so far; each line begins with its level as a number."""
+        """The log so far; each line begins with its level as a number."""
         size = os.fstat(self._errors.fileno()).st_size
         return os.pread(self._errors.fileno(), size, 0).decode()
 

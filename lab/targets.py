@@ -40,7 +40,7 @@ class Image:
                 "password": password}
 
     def writes(self):
-        """What completed commands have written to the image since it was added.
+        """The writes of completed commands to the image since it was added.
 
         tgtd has threads for each image that do nothing but its input and output, with one write system call
         for each writing command, so the kernel's I/O counters of these threads are exact. tgtd's own counters

@@ -10,7 +10,7 @@
 namespace agent::bench {
 
 /// One direction of a transfer with a disk: short commands, several of them in flight.
-/// Owns:    the disk, and a buffer for all commands. What it writes is noise.
+/// Owns:    the disk, and a buffer for all commands. It writes noise.
 /// Threads: one at a time.
 /// Fails:   throws std::runtime_error, also if the target refuses a command.
 class CommandStream {

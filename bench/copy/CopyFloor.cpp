@@ -21,8 +21,8 @@
 /// - copy, compare: direct reads of at most 4 MiB and, after each, one synchronous command to the target,
 ///   which writes what was read, or reads the target instead;
 /// - source: only the direct reads, by several threads;
-/// - write, read: only commands to the target, of limited size, several of them in flight. What is written is
-///   noise.
+/// - write, read: only commands to the target, of limited size, several of them in flight. Noise is
+///   written.
 ///
 /// Prints what was moved, and the seconds of each side, without the login.
 namespace agent::bench {

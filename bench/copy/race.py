@@ -23,9 +23,10 @@ keeps them as a sparse file when the backup ends, and the same kind of loop devi
 sides move the same blocks from the same device to the same disk of the same target, in turns. The best of
 several rounds counts, as the machine's other work comes and goes.
 
-The target's images are in memory, which takes a third of the volume's size (all of it for wire). What the
-driver has just read is in memory too, if there is room: a disk would make every ratio look better. For peers,
-the image is on the disk below --directory, like the other big files, about 50 GiB of them for a volume of 20.
+The target's images are in memory, which takes a third of the volume's size (all of it for wire). Data that
+the driver has just read is in memory too, if there is room: a disk would make every ratio look better. For
+peers, the image is on the disk below --directory, like the other big files, about 50 GiB of them for a volume
+of 20.
 The volume of the race "memory" has 2 TiB, almost all of it holes, and the driver reads every zero.
 """
 import argparse

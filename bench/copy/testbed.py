@@ -1,4 +1,4 @@
-"""What the races of whole backups need: volumes, a target, and a daemon that copies them to it."""
+"""The testbed for races of whole backups: volumes, a target, and a daemon that copies them to it."""
 import contextlib
 import dataclasses
 import datetime

@@ -90,8 +90,8 @@ class Machine(Resource):
         stack.callback(self.cut)
 
     def take_over(self, disks=0, enclosure=None):
-        """Takes over a machine from its directory: with so many disks, and the enclosure if the machine is
-        on."""
+        """Takes over a machine from its directory: with this number of disks, and the enclosure if the
+        machine is on."""
         self.image = images.get(self.kind)
         self.disks = [self._disk(number) for number in range(disks)]
         self.enclosure = enclosure

@@ -11,8 +11,8 @@ TESTS = """python3 python3-pytest python3-rich tgt nbdkit libnbd-bin gnutls-bin 
 # The agent is linked to the libraries of these packages. Other libraries come as dependencies of the tools.
 LIBRARIES_OF = """libdbus-1-dev libmicrohttpd-dev libcurl4-gnutls-dev libiscsi-dev libudisks2-dev libnbd-dev
                   libsqlite3-dev libdevmapper-dev libmount-dev libzstd-dev libssl-dev""".split()
-# What a machine with Debian's own kernel needs besides. Its kernel is loaded by the host, unless it has got a
-# boot loader onto a disk of its own. Snapshots of a FAT32 volume are checked there by partclone and mtools.
+# Additional packages for a machine with Debian's own kernel. The host loads the kernel, unless the machine
+# boots from a disk of its own. Snapshots of a FAT32 volume are checked there by partclone and mtools.
 STOCK_KERNEL = """linux-image-amd64 initramfs-tools zstd busybox-static grub2-common grub-pc-bin
                   grub-efi-amd64-bin efibootmgr partclone mtools""".split()
 

@@ -1,1 +1,1 @@
-"""What scripts/look measures, and how it shows it."""
+"""The measurements of scripts/look, and their output."""

@@ -1,4 +1,4 @@
-"""What scripts/look prints: the figures of one tree, or of two beside each other."""
+"""The output of scripts/look: the figures of one tree, or of two beside each other."""
 
 from lintlib.tree import Tree
 from looklib.comments import Share, shares_by_folder
@@ -6,12 +6,12 @@ from looklib.functions import functions_of, quantile
 from looklib.includes import edges_of
 
 MEDIAN, MOST = 0.5, 0.9
-# Of a file of sources; a longer one has more than one job.
+# Lines of a source file; a longer one has more than one job.
 LONGEST_FILE = 400
 
 
 class Figures:
-    """All that is measured of a tree."""
+    """All measurements of a tree."""
 
     def __init__(self, root):
         tree = Tree(root)

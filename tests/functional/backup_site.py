@@ -121,8 +121,8 @@ def commands_for(extents, target):
 
 
 class Sent:
-    """What a backup has sent of a volume, and what it had to send. `exact` is false if the driver tracks
-    writes: a write may not have changed the data."""
+    """The data that a backup has sent of a volume, and the data that it had to send. `exact` is
+    false if the driver tracks writes: a write may not have changed the data."""
 
     def __init__(self, target, reported_bytes, writes, extents, exact):
         self.target = target

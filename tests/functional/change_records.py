@@ -1,5 +1,5 @@
-"""What the snapshot driver has to record for a volume, and what a backup has to send, calculated from
-captures of the volume and from the used blocks that the file system's tools report."""
+"""The changes that the snapshot driver has to record for a volume, and the data that a backup has to send,
+calculated from captures of the volume and from the used blocks that the file system's tools report."""
 import os
 from itertools import chain, count
 
@@ -7,7 +7,7 @@ from lab.driver import OWN_FILES
 from lab.filesystems import kind_of
 from lab.images import extents_on, tree_of, without
 
-UNIT = 4096 # changes are recorded in units of so many bytes
+UNIT = 4096 # bytes in a unit; changes are recorded by unit
 PIECE = 4 << 20
 
 

@@ -172,8 +172,8 @@ class FaultSite:
 
     @contextlib.contextmanager
     def in_copy(self, reads=None, **kind):
-        """(backup, hold) of a backup that is held after so many reads of its first volume; by default after
-        half of them."""
+        """(backup, hold) of a backup that is held after this number of reads of its first volume; by default
+        after half of them."""
         steps = self.steps_of_copy("read", SNAPSHOTS[0], **kind)
         number = steps[len(steps) // 2 if reads is None else reads]
         with self.held("read", number, paths=SNAPSHOTS, **kind) as held:

@@ -48,7 +48,7 @@ class Refuse(Fault):
 
 
 class Slots(Fault):
-    """A target that accepts only so many commands at once."""
+    """A target that accepts only this number of commands at once."""
 
     def __init__(self, slots):
         super().__init__()
@@ -116,7 +116,7 @@ class Shorten(Fault):
 
 
 class Cut(Fault):
-    """Ends the session after so many commands have been answered. Later sessions aren't cut."""
+    """Ends the session after this number of commands has been answered. Later sessions aren't cut."""
 
     def __init__(self, after):
         super().__init__()

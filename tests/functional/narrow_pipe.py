@@ -1,4 +1,4 @@
-"""A pipe that takes only so many bytes, to block a program at a chosen line of its output."""
+"""A pipe that takes a limited number of bytes, to block a program at a chosen line of its output."""
 import array
 import fcntl
 import os

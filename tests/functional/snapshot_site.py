@@ -144,7 +144,7 @@ class SnapshotSite(Resource):
 
     @staticmethod
     def _check_kept(devices):
-        """What the driver keeps for tracked devices: a capture of each, or layers."""
+        """The driver's objects for tracked devices: a capture of each, or layers."""
         is_logical = are_volumes_logical()
         assert len(list(STORE.glob("*.img"))) == (0 if is_logical else devices)
         assert not is_logical or len(layers()) == LogicalVolumes.layers_tracking * devices

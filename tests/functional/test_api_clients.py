@@ -67,7 +67,7 @@ def test_no_certificate(unharmed, agent, client, site_authority):
 
 
 def expected_of(what):
-    """What the log says about one of Authority.bad_devices."""
+    """The log lines about one of Authority.bad_devices."""
     unverified = "[ERROR:]    Verification of device certificate failed: "
     reasons = {"self-signed": "mismatch", "signed by another authority": "mismatch",
                "signed by another authority of the same name": "Cert signer not found",

@@ -236,7 +236,7 @@ def test_url_does_not_end_at_a_nul(client):
     assert client.request("GET", "/backup%00/more").status == 400
 
 
-# What the next start can read.
+# The settings can be read back at the next start.
 
 def test_settings_that_could_not_be_read_back_are_refused(foreground, agent, appliance):
     assert appliance.set_config({"log.lifetimeHours": 72}).status == 200

@@ -1,4 +1,4 @@
-"""What the daemon takes over from an earlier version when it starts, and the sizes of CoW files."""
+"""The state that the daemon takes over from an earlier version at its start, and the sizes of CoW files."""
 import contextlib
 import json
 import os

@@ -30,7 +30,7 @@ STOP = ["Agent daemon stopping", "HTTP server stopping", "HTTP server stopped", 
 STOP_SIGNALS = [signal.SIGINT, signal.SIGQUIT, signal.SIGTERM, signal.SIGHUP]
 SECONDS = 20
 
-# What a signal handler's exception prints if the agent is still starting.
+# The output of a signal handler's exception if the agent is still starting.
 ABNORMAL_END = r"terminate called .*'std::runtime_error'|  what\(\):  Agent daemon not started yet"
 
 

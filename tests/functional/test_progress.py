@@ -57,7 +57,7 @@ def status_of_two(state, *sizes, kind="differential"):
 
 
 def on_a_terminal(*statuses, columns=80, pause=0.3, **options):
-    """The final screen, as lines, on a terminal with so many columns and 24 lines."""
+    """The final screen, as lines, on a terminal with this number of columns and 24 lines."""
     reader, writer = os.openpty()
     fcntl.ioctl(writer, termios.TIOCSWINSZ, struct.pack("4H", 24, columns, 0, 0))
     shown = b""

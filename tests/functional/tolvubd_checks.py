@@ -1,4 +1,4 @@
-"""What the tests of the stand-in snapshot driver do and check alike: records, and calls that it refuses."""
+"""Checks that several tests of the stand-in snapshot driver share: of records, and of refused calls."""
 import errno
 import pathlib
 import random

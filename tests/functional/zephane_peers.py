@@ -129,7 +129,7 @@ class Attacker:
         return self.send_proof()
 
     def is_ended(self, seconds=SECONDS):
-        """Whether the server ends the connection within so many seconds, whatever it sends before."""
+        """Whether the server ends the connection within this number of seconds, whatever it sends before."""
         limit = struct.pack("ll", int(seconds), 0)
         self.connection.socket.setsockopt(socket.SOL_SOCKET, socket.SO_RCVTIMEO, limit)
         try:

@@ -94,7 +94,7 @@ BROKEN = [
     ("leftovers", "src/common/Assign.cpp", "// const int count = 1;\n", 1),
     ("leftovers", "src/common/Branch.cpp", "// if (count > 1) {\n", 1),
     ("leftovers", "src/common/Return.cpp", "// return count;\n", 1),
-    # What the rule has to refuse: contents of the trees that it is tried on, not tests of this file.
+    # Texts that the rule has to refuse: they are written to the trees that are checked, and never run.
     ("leftovers", "tests/unit/Off.cpp",
      "TEST(Thing, DISABLED_Off) {\n    EXPECT_TRUE(a());\n}\n", 1), # bait for the lint, never run
     ("leftovers", "tests/unit/Skip.cpp",

@@ -36,7 +36,7 @@ class Installed:
         return json.loads(done.stdout) if done.stdout else None
 
     def journal(self, unit):
-        """What a unit has written to the journal since the machine was started."""
+        """The text that a unit has written to the journal since the machine was started."""
         return self.machine.run("journalctl", "-qb", "-o", "cat", "-u", unit, timeout=SECONDS).stdout
 
     def change(self):

@@ -4,8 +4,8 @@
 
 namespace agent::model {
 
-/// What goes wrong in a backup, and at which step. A step is: a call of the driver (once before and once
-/// after its effect), a system call on a file, or a point at which the backup can be cancelled.
+/// A fault in a backup, and the step at which it happens. A step is: a call of the driver (once before and
+/// once after its effect), a system call on a file, or a point at which the backup can be cancelled.
 struct Fault {
     enum class Kind { none, kill, fail, diskFull };
     Kind kind = Kind::none;

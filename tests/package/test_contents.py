@@ -8,7 +8,7 @@ from package_file import output_of
 
 UNITS = r"(/usr)?/lib/systemd/system"
 LIBRARIES = r"/usr/lib/[^/]+-linux-gnu"
-# What a package may contain, besides its documents.
+# The files that a package may contain, besides its documents.
 RULES = {
     "bekd": (r"/usr/sbin/(bekd|bekctl)", r"/usr/bin/bek-usedmap", rf"{UNITS}/bekd[^/]*\.service",
              r"/usr/lib/bekd/[^/]+", r"/var/log/bekd"),
@@ -26,7 +26,7 @@ NAMED = {"bekd": "bek(d|ctl|-usedmap)[^/]*", "libtolvubd0": "tolvu[^/]*", "libze
 DOCUMENTS = (r"/usr/share/doc/{package}/[^/]+", r"/usr/share/lintian/overrides/{package}",
              r"/usr/share/man/man[58]/{named}\.[58]\.gz", r"/usr/share/bash-completion/completions/{named}",
              r"/usr/share/zsh/vendor-completions/_{named}")
-# What it must contain.
+# The files that it must contain.
 REQUIRED = {
     "bekd": ("/usr/sbin/bekd", "/usr/bin/bek-usedmap", "/usr/share/man/man8/bekd.8.gz",
              "/systemd/system/bekd.service", "/systemd/system/bekd-journal.service", "/usr/sbin/bekctl",

@@ -35,8 +35,8 @@ public:
     /// Called with the name of the function.
     using Action = std::function<void(const std::string& function)>;
 
-    /// Runs an action inside each recorded call for as long as this object lives. What the action refers to
-    /// must outlive it.
+    /// Runs an action inside each recorded call for as long as this object lives. Everything that
+    /// the action refers to must outlive it.
     class ActionInCalls {
     public:
         ActionInCalls(FakeIscsi& iscsi, Action action);

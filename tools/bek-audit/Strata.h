@@ -20,7 +20,7 @@ constexpr std::size_t indexOf(Stratum stratum) {
     return static_cast<std::size_t>(stratum);
 }
 
-/// What an INCREMENTAL would leave out of a volume, according to the agent's own layers.
+/// The blocks of a volume that an INCREMENTAL would leave out, according to the agent's own layers.
 /// Owns:    the layers; each call walks them from the beginning.
 /// Threads: one at a time.
 /// Fails:   throws what the layers throw, which is std::exception.

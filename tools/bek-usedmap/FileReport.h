@@ -7,7 +7,7 @@
 
 namespace usedmap {
 
-/// What to print about a file.
+/// The report about a file.
 struct FileReport {
     std::string device;
     std::string path;

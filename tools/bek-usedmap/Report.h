@@ -9,7 +9,7 @@
 
 namespace usedmap {
 
-/// What to print about a volume.
+/// The report about a volume.
 struct Report {
     std::string device;
     std::uint64_t deviceBytes = 0;

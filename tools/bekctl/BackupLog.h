@@ -14,7 +14,7 @@
 
 namespace bekctl {
 
-/// What the agent has logged of one volume at the end of a backup.
+/// The record of one volume that the agent has logged at the end of a backup.
 struct BackupRecord {
     std::string backup;
     std::string volume;

@@ -24,7 +24,7 @@ using tools::wrapped;
 
 namespace {
 
-/// What several checks need.
+/// The facts that several checks need.
 struct CheckInputs {
     AgentFacts agent = findAgent();
     std::optional<Database> database;

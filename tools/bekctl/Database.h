@@ -15,7 +15,7 @@ struct Pairing {
     std::string address;
 };
 
-/// What bekctl reads of the agent's database.
+/// The parts of the agent's database that bekctl reads.
 struct Database {
     std::optional<Pairing> pairing;
     std::vector<std::string> volumes; ///< UUIDs of all volumes of which a backup was begun

@@ -7,7 +7,7 @@
 
 namespace bekctl {
 
-/// What the kernel says about one process.
+/// One process, according to the kernel.
 struct Process {
     pid_t pid = 0;
     std::string name;        ///< of its program, at most 15 bytes

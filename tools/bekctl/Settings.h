@@ -22,7 +22,7 @@ public:
 
     /// Why the file can't be used; empty if it can. If it can't, all settings have their defaults.
     [[nodiscard]] const std::string& problem() const { return readError; }
-    /// What the agent would log about values that don't fit.
+    /// The lines that the agent would log about values that don't fit.
     [[nodiscard]] const std::vector<std::string>& complaints() const { return logged; }
     [[nodiscard]] const agent::IConfig& config() const;
 

@@ -7,7 +7,7 @@
 
 namespace bekctl {
 
-/// What systemd says of a unit.
+/// The state of a unit, according to systemd.
 struct Unit {
     std::string load;    ///< "loaded", "not-found", ...
     std::string active;  ///< "active", "inactive", "failed", ...

@@ -12,8 +12,8 @@ enum ExitStatus {
     differs = 3,      ///< the command succeeded, but found something that isn't as it should be
 };
 
-/// What a command does. Returns an exit status; throws std::invalid_argument for a wrong command line, and
-/// any other std::exception for a failure.
+/// The action of a command. Returns an exit status; throws std::invalid_argument for a wrong command line,
+/// and any other std::exception for a failure.
 using Run = std::function<int()>;
 
 /// Calls `run`, and prints its exception after the program's name. Never throws.

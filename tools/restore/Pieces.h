@@ -9,8 +9,8 @@
 
 namespace restore {
 
-/// What is read at once: ranges that lie close together, with the gaps between them. Reading a little too
-/// much costs less than a second request.
+/// Bytes that are read at once: ranges that are close together, with the gaps between them. Reading a little
+/// too much costs less than a second request.
 struct Piece {
     ByteRange whole;
     std::vector<ByteRange>

@@ -4,7 +4,7 @@
 #include <functional>
 #include <string>
 
-/// What all kinds of images have in common.
+/// Functions that all kinds of images use.
 namespace restore {
 
 /// Throws std::runtime_error for a failed read of an image. `reason` may be empty if the log says more.

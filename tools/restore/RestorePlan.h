@@ -20,7 +20,7 @@ struct ByteRange {
     [[nodiscard]] std::uint64_t end() const { return begin + length; }
 };
 
-/// What has to be written of an image to restore its volume.
+/// The parts of an image that have to be written to restore its volume.
 struct RestorePlan {
     static constexpr std::uint64_t headBytes = 1UL << 20U; ///< at the volume's beginning, written last
 

@@ -1,4 +1,4 @@
-"""What tests inside a machine have: a whole Debian system of their own, and disks."""
+"""The fixtures of tests inside a machine, which have a whole Debian system of their own, and disks."""
 import os
 import pathlib
 import sys

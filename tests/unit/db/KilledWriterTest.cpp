@@ -82,7 +82,7 @@ private:
     pid_t pid = -1;
 };
 
-/// What each slot of the file must hold, and how often it didn't.
+/// The expected content of each slot of the file, and how many slots lost their content.
 class Ledger {
 public:
     void returned(std::uint64_t number) {

@@ -6,14 +6,14 @@
 
 namespace restore::check {
 
-/// What is wrong with an image.
+/// One thing that is wrong with an image.
 struct Damage {
     std::string kind;    ///< a keyword for programs
     std::string text;    ///< for people, one line
     std::string details; ///< further lines, such as a checker's output; may be empty
 };
 
-/// What a check has found out so far.
+/// The results of a check so far.
 struct Findings {
     std::vector<std::string> proven;    ///< what was checked and is as it should be
     std::vector<std::string> notProven; ///< what couldn't be checked, and why

@@ -8,7 +8,7 @@
 
 namespace restore::view {
 
-/// What libblkid finds at one place of a device. A text is empty if there is none.
+/// Something that libblkid recognises at one place of a device. A text is empty if there is none.
 struct ProbeResult {
     std::uint64_t offset = 0; ///< bytes
     std::uint64_t bytes = 0;
@@ -20,7 +20,7 @@ struct ProbeResult {
 /// The state in which the file system was left.
 enum class CleanState { unknown, clean, needsReplay, dirty };
 
-/// What a file system's own tools say about it.
+/// A file system, according to its own tools.
 struct FileSystemFacts {
     std::vector<std::string> features;
     std::optional<std::time_t> mounted; ///< last time
@@ -29,7 +29,7 @@ struct FileSystemFacts {
     std::string note; ///< why some facts are missing; empty if none are
 };
 
-/// What begins at the device's first byte. Throws std::runtime_error if the device can't be read.
+/// The content that begins at the device's first byte. Throws std::runtime_error if the device can't be read.
 ProbeResult findWhole(const std::string& device);
 /// The entries of the partition table; nothing if there is none. Throws std::runtime_error if it can't be
 /// read.

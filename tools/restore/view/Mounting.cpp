@@ -153,7 +153,7 @@ Program startDriver(Start start, const std::string& seenAt, const std::string& l
     return driver;
 }
 
-/// What libblkid finds on a device.
+/// The content of a device, according to libblkid.
 class Probe {
 public:
     explicit Probe(const std::string& device)

@@ -15,7 +15,7 @@
 /// External programs for what bek-restore doesn't do itself: serve, mount, check, copy.
 namespace restore::view {
 
-/// What to start, and how. Standard input is empty.
+/// A program to start, and how to start it. Its standard input is empty.
 struct Start {
     // GCC warns of a member that is left out and has no initialiser.
     // NOLINTBEGIN(readability-redundant-member-init)

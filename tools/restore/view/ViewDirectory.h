@@ -21,7 +21,7 @@ struct ProcessId {
     bool operator==(const ProcessId&) const = default;
 };
 
-/// What is recorded of a view, for later runs of bek-restore.
+/// The record of a view, for later runs of bek-restore.
 struct ViewState {
     ProcessId owner;        ///< the bek-restore that made it
     ProcessId server;       ///< nbdfuse

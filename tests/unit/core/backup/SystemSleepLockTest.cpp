@@ -58,7 +58,7 @@ public:
         dbus_connection_unref(connection);
     }
 
-    /// What was asked for. Read it only after the call has returned.
+    /// The requests so far. Read them only after the call has returned.
     std::vector<std::string> asked;
 
 private:

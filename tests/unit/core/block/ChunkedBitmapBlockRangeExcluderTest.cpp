@@ -35,7 +35,7 @@ std::shared_ptr<const info::BackupableVolume> volumeOf(std::uint32_t blockSize,
     return std::make_shared<info::BackupableVolume>(description);
 }
 
-/// What the bitmap provider returns: these chunks in order, then `last` forever.
+/// The results of the bitmap provider: these chunks in order, then `last` forever.
 struct Answers {
     struct Chunk {
         Bytes bytes;

@@ -33,7 +33,7 @@ protected:
         return all;
     }
 
-    /// What an action writes to standard output.
+    /// The text that an action writes to standard output.
     template <typename Action>
     static std::string screen(const Action& action) {
         testing::internal::CaptureStdout();

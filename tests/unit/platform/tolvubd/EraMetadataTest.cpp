@@ -366,7 +366,7 @@ TEST(EraBlockSectors, KeepTheBlocksToAFewMillion) {
     EXPECT_EQ(eraBlockSectors(~std::uint64_t{0}), 128U);
 }
 
-/// What the kernel needs is tested on a real machine, by the usage that the target's status reports.
+/// The space that the kernel needs is tested on a real machine, by the usage in the target's status.
 TEST(EraMetadataSize, HasRoomForThreeArraysAndSixteenSets) {
     constexpr std::uint64_t mebibyte = std::uint64_t{1} << 20;
     EXPECT_EQ(eraMetadataSize(0), 16 * mebibyte);

@@ -3,7 +3,7 @@
 namespace agent::core::fs {
 namespace {
 
-// Of the four groups of 32768 blocks, the second and the fourth also have a superblock and descriptors.
+// There are four groups of 32768 blocks; the second and the fourth also have a superblock and descriptors.
 TEST_F(EXTParserTest, UninitializedGroupHasItsStructuresAndNothingElse) {
     make({});
     for (const std::uint32_t block : {0U, 40'000U, 70'000U}) {

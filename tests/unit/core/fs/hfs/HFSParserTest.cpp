@@ -39,7 +39,7 @@ protected:
         return parser.getBitmapChunk(startBlock, buffer.data(), buffer.size());
     }
 
-    /// Those of the first `count` blocks whose bits are set in the buffer. The first bit is that of
+    /// The blocks, among the first `count`, whose bits are set in the buffer. The first bit is that of
     /// `startBlock`.
     [[nodiscard]] Blocks used(std::uint64_t count, std::uint64_t startBlock = 0) const {
         Blocks blocks;

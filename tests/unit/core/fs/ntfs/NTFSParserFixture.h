@@ -39,7 +39,7 @@ protected:
         return parser.getBitmapChunk(startBlock, buffer.data(), buffer.size());
     }
 
-    /// Those of the buffer's first `clusters` clusters that are used. The first bit is that of `startBlock`.
+    /// The used clusters among the buffer's first `clusters`. The first bit is that of `startBlock`.
     [[nodiscard]] Clusters used(std::uint64_t clusters, std::uint64_t startBlock = 0) const {
         Clusters found;
         for (std::uint64_t bit = 0; bit < clusters; ++bit) {

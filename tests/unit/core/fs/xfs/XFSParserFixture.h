@@ -34,7 +34,7 @@ protected:
         return parser.getBitmapChunk(startBlock, buffer.data(), buffer.size());
     }
 
-    /// Those of the buffer's first `blocks` blocks whose bits are clear. The first bit is that of
+    /// The blocks, among the buffer's first `blocks`, whose bits are clear. The first bit is that of
     /// `startBlock`.
     [[nodiscard]] Blocks free(std::uint64_t blocks, std::uint64_t startBlock = 0) const {
         Blocks found;

@@ -19,7 +19,7 @@ namespace {
 
 using Pieces = std::vector<VolumePiece>;
 
-/// What the kernel reported, as the script beside this file writes it.
+/// The kernel's report, as the script beside this file writes it.
 struct KernelReport {
     PhysicalDevices devices;
     std::map<std::string, std::optional<Pieces>>

@@ -13,7 +13,7 @@ namespace {
 
 using test::FileSystemImage;
 
-/// What xfs_logprint reports about the log: the position of its head, and whether it is clean.
+/// The report of xfs_logprint about the log: the position of its head, and whether it is clean.
 struct LogReport {
     std::uint64_t head = 0;
     bool isClean = false;
