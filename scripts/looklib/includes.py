@@ -41,7 +41,7 @@ def resolved(file, name, paths):
     return None
 
 
-def needed(edges):
+def without_implied(edges):
     """The edges without those that follow from others."""
     kept = set(edges)
     for edge in sorted(edges):
@@ -65,14 +65,14 @@ def reached_from(folder, edges):
 def picture(edges):
     """The SVG of a graph, which begins with its edges as a comment: versions of Graphviz draw differently,
     and the comment alone shows whether a picture is up to date."""
-    done = subprocess.run(["dot", "-Tsvg"], input=dot(needed(edges)), capture_output=True, text=True,
+    done = subprocess.run(["dot", "-Tsvg"], input=dot(without_implied(edges)), capture_output=True, text=True,
                           check=True)
     drawn = "".join(f"{line.rstrip()}\n" for line in done.stdout.splitlines())
     head, body = drawn.split("<svg", 1)
-    return f"{head}{told(edges)}<svg{body}"
+    return f"{head}{edges_comment(edges)}<svg{body}"
 
 
-def told(edges):
+def edges_comment(edges):
     """The comment in which a picture lists all of its edges, also those that aren't drawn."""
     return HEADING + "".join(f"\n{begin} > {end}" for begin, end in edges) + "\n-->\n"
 

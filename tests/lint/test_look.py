@@ -59,12 +59,12 @@ def test_share_of_comments(root):
 def test_includes_of_folders(root):
     edges = includes.edges_of(Tree(root))
     assert edges == [("src/app", "src/common"), ("src/app", "src/info"), ("src/info", "src/common")]
-    assert includes.needed(edges) == [("src/app", "src/info"), ("src/info", "src/common")]
+    assert includes.without_implied(edges) == [("src/app", "src/info"), ("src/info", "src/common")]
 
 
 def test_folders_that_include_each_other_stay_joined():
     ring = [("a", "b"), ("b", "c"), ("c", "a")]
-    assert includes.needed(ring) == ring
+    assert includes.without_implied(ring) == ring
 
 
 def test_the_report(root):
@@ -87,7 +87,7 @@ def test_an_earlier_commit_beside_it(root):
 def test_a_picture_tells_its_edges(root):
     look("--root", root, "--picture")
     picture = (root / includes.PICTURE).read_text()
-    assert includes.told(includes.edges_of(Tree(root))) in picture
+    assert includes.edges_comment(includes.edges_of(Tree(root))) in picture
     assert "</svg>" in picture and ">info</text>" in picture
 
 

@@ -25,11 +25,11 @@ constexpr std::size_t mebibyte = 1024UL * 1024;
 
 using agent::core::fs::FileSystemKind;
 
-/// The volumes of those kinds for which `isMeant` is true.
-std::string volumesWith(bool (*isMeant)(const FileSystemKind&)) {
+/// The volumes of those kinds for which `isSelected` is true.
+std::string volumesWith(bool (*isSelected)(const FileSystemKind&)) {
     std::string volumes;
     for (const FileSystemKind& kind : agent::core::fs::fileSystemKinds()) {
-        if (isMeant(kind)) {
+        if (isSelected(kind)) {
             volumes += (volumes.empty() ? "" : ", ") + std::string(kind.volumes);
         }
     }

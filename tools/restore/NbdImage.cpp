@@ -87,7 +87,7 @@ void NbdImage::read(std::span<std::byte> into, std::uint64_t offset) {
 void NbdImage::tryRead(std::span<std::byte> into, std::uint64_t offset) {
     std::deque<std::int64_t> underWay;
     std::exception_ptr failure;
-    const auto settleFirst = [&] {
+    const auto awaitOldestRequest = [&] {
         try {
             await(connection.get(), underWay.front());
         } catch (const NoAnswer&) {
@@ -100,7 +100,7 @@ void NbdImage::tryRead(std::span<std::byte> into, std::uint64_t offset) {
     };
     for (std::size_t position = 0; position < into.size() && !failure; position += requestBytes) {
         if (underWay.size() == mostUnderWay) {
-            settleFirst();
+            awaitOldestRequest();
         }
         const std::span piece = into.subspan(position, std::min(requestBytes, into.size() - position));
         const std::int64_t cookie = ::nbd_aio_pread(connection.get(), piece.data(), piece.size(),
@@ -112,7 +112,7 @@ void NbdImage::tryRead(std::span<std::byte> into, std::uint64_t offset) {
         underWay.push_back(cookie);
     }
     while (!underWay.empty()) {
-        settleFirst();
+        awaitOldestRequest();
     }
     if (failure) {
         std::rethrow_exception(failure);

@@ -29,13 +29,13 @@ using std::chrono::seconds;
 constexpr seconds mountTimeout(300); // enough to replay the journal of a remote image
 constexpr std::chrono::milliseconds mountedPause(10);
 /// Keeps the content of an image from granting rights on this machine.
-constexpr const char* harmless = "ro,nosuid,nodev";
+constexpr const char* safeMountOptions = "ro,nosuid,nodev";
 
 /// A way to mount a kind of file system: by the kernel, or by a driver that is a program.
 struct MountMethod {
     const char* kind;    ///< libblkid's name
     const char* type;    ///< the kernel's name of the kind, or the program
-    const char* options; ///< in addition to `harmless`
+    const char* options; ///< in addition to `safeMountOptions`
     bool isProgram;
 };
 
@@ -202,7 +202,7 @@ std::string uuidOf(const std::string& device) {
 
 void mountForAll(const ImageView& view, const std::string& kind, const std::string& directory) {
     mountByAny(kind, [&](const MountMethod& method) {
-        const std::string options = joined({harmless, method.options});
+        const std::string options = joined({safeMountOptions, method.options});
         if (!method.isProgram) {
             return mountByKernel(method, options, view.device(), directory);
         }
@@ -233,7 +233,7 @@ void enterPrivateMountNamespace() {
 PrivateMount::PrivateMount(const ImageView& view, const std::string& kind) {
     const std::string directory = view.directory().path("root");
     mountByAny(kind, [&](const MountMethod& method) {
-        const std::string options = joined({harmless, method.options});
+        const std::string options = joined({safeMountOptions, method.options});
         if (!method.isProgram) {
             kernelMountPoint = directory;
             return mountByKernel(method, options, view.device(), directory);
