@@ -141,7 +141,7 @@ def pictured_layers(lines):
 def check_includes(tree):
     """The picture of the includes is up to date."""
     shown = next((file.text for file in tree.files if file.path == includes.PICTURE), "")
-    if includes.told(includes.edges_of(tree)) not in shown:
+    if includes.edges_comment(includes.edges_of(tree)) not in shown:
         yield Finding(includes.PICTURE, 1, "includes", "run scripts/look --picture")
 
 
