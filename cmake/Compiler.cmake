@@ -1,10 +1,10 @@
-# Flags that every target of the project is built with.
+# Compiler and linker flags for every target of the project.
 
 find_program(CCACHE ccache)
 if(CCACHE)
-  # It takes precompiled headers into account, if told that their time stamps don't matter. Trees in different places
-  # share what it keeps, the copies that packages are built from too: see below. The language of messages counts as
-  # well, and the tools that make packages set it in a way of their own.
+  # ccache handles precompiled headers if it is told to ignore their time stamps. With BASEDIR and NOHASHDIR, build
+  # trees in different places share the cache, including the copies that packages are built from (see
+  # -ffile-prefix-map below). The locale is part of the cache key and packaging tools change it, so it is fixed.
   set(CMAKE_CXX_COMPILER_LAUNCHER ${CMAKE_COMMAND} -E env --unset=LC_ALL LANG=C.UTF-8
     CCACHE_SLOPPINESS=pch_defines,time_macros
     CCACHE_BASEDIR=${PROJECT_SOURCE_DIR} CCACHE_NOHASHDIR=1 ${CCACHE})
@@ -16,11 +16,11 @@ target_compile_options(bekd_flags INTERFACE
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
   target_compile_options(bekd_flags INTERFACE -Werror -Wshadow=local)
 else()
-  # Fuzzing and coverage only; what clang's own warnings find is for clang-tidy to say.
-  target_compile_options(bekd_flags INTERFACE -Wno-sign-conversion -O1)
+  # clang builds only fuzz targets and coverage; clang-tidy reports clang's own warnings.
+  target_compile_options(bekd_flags INTERFACE -Wno-sign-conversion -Wthread-safety -Werror=thread-safety -O1)
 endif()
 
-# Against overflows of the stack into another mapping, and jumps to where no call leads.
+# Protection from stack overflows into another mapping, and from hijacked calls and returns.
 include(CheckCXXCompilerFlag)
 foreach(flag IN ITEMS -fstack-clash-protection -fcf-protection -mbranch-protection=standard)
   string(MAKE_C_IDENTIFIER "BEKD_HAS${flag}" hasFlag)
@@ -30,8 +30,8 @@ foreach(flag IN ITEMS -fstack-clash-protection -fcf-protection -mbranch-protecti
   endif()
 endforeach()
 
-# Objects tell the same of the places of their sources wherever the tree is, whether ccache has made the paths
-# relative or not: what is packaged is the same to the byte. The last one that fits counts.
+# Source paths in the objects don't depend on where the tree is, nor on whether ccache has made them relative, so
+# that packages are reproducible to the byte. If several maps match a path, the last one counts.
 file(RELATIVE_PATH sourceFromBuild ${PROJECT_BINARY_DIR} ${PROJECT_SOURCE_DIR})
 string(REGEX REPLACE "/$" "" sourceFromBuild "${sourceFromBuild}")
 target_compile_options(bekd_flags INTERFACE
@@ -47,13 +47,13 @@ include(CheckPIESupported)
 check_pie_supported()
 
 if(BEKD_SANITIZE)
-  # Sanitizers bring their own checks of the string functions; fortify would hide accesses from them.
-  # Not optimised: the checks make optimising take three times as long, for tests that run in seconds.
+  # No _FORTIFY_SOURCE: the sanitizers check the string functions themselves, and fortified ones would hide accesses
+  # from them. No optimisation: with the checks it triples the build time, for tests that run in seconds.
   target_compile_options(bekd_flags INTERFACE -fsanitize=${BEKD_SANITIZE} -fno-omit-frame-pointer
     -fno-sanitize-recover=all -g1)
   target_link_options(bekd_flags INTERFACE -fsanitize=${BEKD_SANITIZE})
   if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
-    # Below 600 MB the compiler looks for no memory to reuse, which would be a tenth of its time.
+    # Below 600 MB the compiler doesn't collect garbage, which would take a tenth of its time.
     target_compile_options(bekd_flags INTERFACE --param=ggc-min-heapsize=600000)
   endif()
 else()
@@ -63,7 +63,7 @@ else()
   target_link_options(bekd_flags INTERFACE -Wl,-z,relro,-z,now)
 endif()
 
-# As an option of the compiler too: some libraries bring it along, and a precompiled header fits only what is
+# Also as a compiler option: some libraries add it, and a precompiled header can be used only by sources that are
 # compiled with the same macros.
 target_compile_options(bekd_flags INTERFACE -pthread)
 target_link_options(bekd_flags INTERFACE -pthread)

@@ -1,8 +1,8 @@
 # bekd_library(NAME SOURCES file... [DEPENDS target...])
 #
-# One static library for one folder below src/. Headers are included by their path from src/, so that an
-# include line shows the layer that it reaches into. Under the sanitizers several sources are compiled as one, which
-# takes a third of the time; so names in their anonymous namespaces are not used twice in a folder.
+# Defines the static library of one folder below src/. Headers are included by their path from src/, so that an
+# include line shows the layer that it depends on. Sanitizer builds compile several sources as one unit, which takes
+# a third of the time; so a name in an anonymous namespace must not be used twice in a folder.
 function(bekd_library name)
   cmake_parse_arguments(ARG "" "" "SOURCES;DEPENDS" ${ARGN})
   if(ARG_SOURCES)
@@ -11,7 +11,7 @@ function(bekd_library name)
     target_link_libraries(${name} PUBLIC bekd_flags ${ARG_DEPENDS})
     if(BEKD_SANITIZE)
       set_target_properties(${name} PROPERTIES UNITY_BUILD ON)
-      # What the sources include isn't the header that the warning takes it for.
+      # In a unity build, the warning takes types of the included sources for types of a header.
       target_compile_options(${name} PRIVATE $<$<CXX_COMPILER_ID:GNU>:-Wno-subobject-linkage>)
     endif()
   else()

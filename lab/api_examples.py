@@ -1,21 +1,22 @@
-"""The examples of docs/api.md: what the real daemon is asked there, and what it answers.
+"""The examples of docs/api.md: requests to the real daemon, and its answers.
 
-Inside lab/namespace, this puts the answers of the daemon that BEKD_BUILD names into the document:
+Run inside lab/namespace, this module writes the answers of the daemon in the folder BEKD_BUILD into the
+document:
 
     lab/namespace /usr/bin/python3 -m lab.api_examples
 
-Values that differ from run to run are replaced by fixed ones, so that a document that is up to date comes out
-as it was. A test compares the two.
+Values that differ from run to run are replaced by fixed ones, so a document that is up to date doesn't
+change. A test compares the two.
 """
 import dataclasses
 import json
 import re
 
+from lab.agent_state import clean_agent_state
 from lab.appliance_client import DEVICE
 from lab.daemon import ROOT, Daemon, require_private_site
 from lab.driver import show_driver, show_status
 from lab.https_client import Client
-from lab.machine import new_machine
 from lab.services import wait_until
 from lab.site import DATA, SWAP, Site
 
@@ -42,7 +43,7 @@ VOLATILE = (
     (r'("smbios\w+": )".*"', r'\g<1>"a text"'),
     (r'("device": "/dev/)loop\d+p(\d)', r"\g<1>sda\g<2>"),
 )
-# What the machine of the examples has; other volumes of the machine that runs them are left out.
+# The volumes of the machine in the examples. Other volumes of the machine that runs them are left out.
 VOLUMES = (dataclasses.replace(DATA, mebibytes=1024), SWAP)
 SHOWN_UUIDS = ("7c1f5b8e-9a52-4d3e-b1c6-0f2a4e6d8b90", "d9e0a3b7-6c14-4f85-92ab-5e7d1c3f8a06")
 PLACE = re.compile(r"(<!-- example: ([\w-]+) -->\n```http\n)(.*?)(```\n)", re.DOTALL)
@@ -60,7 +61,8 @@ DEVICE_OF_DRIVER = {"minor": 0, "state": 2, "cow_file": "/.tolvu", "block_device
 
 
 class Examples:
-    """Asks one agent that has never been paired; `collect` returns what came of it, by the example's name."""
+    """Sends requests to an agent that has never been paired; `collect` returns requests and answers by
+    example name."""
 
     def __init__(self, device, stranger, disk):
         self._disk = disk
@@ -70,6 +72,7 @@ class Examples:
         self._texts = {}
 
     def collect(self):
+        # The order matters: the first requests need an agent that isn't paired yet.
         device, stranger = self._device, self._stranger
         self.add("basichost", stranger, "GET", "/basichost")
         self.add("not-paired", device, "GET", "/backup")
@@ -106,7 +109,8 @@ class Examples:
         self.add("backup-cancel-refused", device, "DELETE", f"/backup/{self._id}")
 
     def add(self, name, client, method, url, content=None):
-        """Asks, and notes question and answer as `name`; returns the answer's body."""
+        """Sends a request, and stores the request and the answer as `name`; returns the body of the
+        answer."""
         body = None if content is None else json.dumps(content, indent=4)
         answer = client.request(method, url, None if body is None else body.encode())
         if answer is None:
@@ -118,7 +122,7 @@ class Examples:
         return answer.body
 
     def of_these_volumes(self, text):
-        """The description of the host with the volumes of the disk alone, in the disk's order."""
+        """The description of the host with only the volumes of the site's disk, in the disk's order."""
         host = json.loads(text)
         volumes = {volume["guid"]: volume for volume in host["volumes"]}
         host["volumes"] = [volumes[partition.uuid] for partition in self._disk]
@@ -133,18 +137,18 @@ class Examples:
 
 
 def documented(text):
-    """The examples that stand in the document, by name."""
+    """The examples in the document, by name."""
     return {name: example for _, name, example, _ in PLACE.findall(text)}
 
 
 def with_examples(text, examples):
-    """The document with these examples in the places that name them."""
+    """The document, with `examples` put in the places that name them."""
     return PLACE.sub(lambda place: place[1] + examples[place[2]] + place[4], text)
 
 
 def main():
     require_private_site()
-    with new_machine() as authority, Site(VOLUMES) as site, Daemon() as daemon:
+    with clean_agent_state() as authority, Site(VOLUMES) as site, Daemon() as daemon:
         device, stranger = (Client(authority.certificate, authority.device(number))
                             for number in (DEVICE, STRANGER))
         daemon.wait_until_ready()

@@ -1,4 +1,4 @@
-"""The appliance's side of the agent's API: one method a call, over one TLS connection that is kept open.
+"""The appliance's side of the agent's API: one method per call, over one TLS connection that is kept open.
 
     with Appliance(certificate="device.pem", key="device.key", authority="ca.crt") as appliance:
         appliance.pair(4711)
@@ -6,9 +6,9 @@
                                       full=True).content
         appliance.status(identifier).content["status"]
 
-Every call returns an Answer, whatever its HTTP status. What is no answer is an exception: NoAnswer if the
-agent has closed the connection, as it does with a certificate that it refuses, and Unreachable if there was
-no connection to begin with.
+Every call returns an Answer, whatever its HTTP status. If there is no answer, the call throws an exception:
+NoAnswer if the agent closed the connection, as it does when it refuses a certificate, or Unreachable if there
+was no connection to begin with.
 """
 import http.client
 import json
@@ -28,11 +28,11 @@ class NoAnswer(Exception):
 
 
 class Unreachable(Exception):
-    """No connection to the agent, or none that can be trusted."""
+    """There is no connection to the agent, or none that can be trusted."""
 
 
 class Answer(typing.NamedTuple):
-    """What the agent said: `content` is a text, or what the JSON of an "application/json" stands for."""
+    """An answer of the agent: `content` is a text, or the parsed JSON if the type is "application/json"."""
 
     status: int
     content_type: str
@@ -55,16 +55,16 @@ def volume(guid, *, target, name, lun, offset=0, username="", password="", scrip
 
 
 class Appliance:
-    """An appliance with its device certificate. Not for several threads at once: the agent serves one request
-    after the other."""
+    """An appliance with its device certificate. Not for several threads at once: requests go out one after
+    the other on one connection."""
 
     def __init__(self, host="127.0.0.1", port=PORT, *, certificate=None, key=None, authority=None,
                  seconds=SECONDS):
         self._place = (host, port)
         self._seconds = seconds
         self._context = ssl.create_default_context(cafile=authority)
-        # The agent's certificate carries the name of its machine, whatever the address it is reached under;
-        # what tells it from a stranger is the authority.
+        # The agent's certificate carries the name of its machine, which isn't the address that this client
+        # connects to. The authority is what proves that this is an agent.
         self._context.check_hostname = False
         if certificate is not None:
             self._context.load_cert_chain(certificate, key)
@@ -96,7 +96,8 @@ class Appliance:
 
     def backup(self, volumes, *, full=False, merge=False, interface=None, snapshot_method=None,
                exclusions=None):
-        """Starts a backup of what `volume` describes; the content of the answer is its ID."""
+        """Starts a backup of volumes that `volume` describes; the content of the answer is the backup's
+        ID."""
         request = {"volumes": volumes}
         for key, value in (("forceCopyFull", full), ("forceDiffMerge", merge), ("interface", interface),
                            ("snapshotMethod", snapshot_method), ("VSSExclusions", exclusions)):
@@ -143,7 +144,7 @@ class Appliance:
     def driver(self):
         return self.get("/v2/driver/status")
 
-    # The way to the agent.
+    # The connection to the agent.
 
     def get(self, url):
         return self.request("GET", url)
@@ -152,7 +153,7 @@ class Appliance:
         return self.request("POST", url, json.dumps(content))
 
     def request(self, method, url, body=None):
-        """Any request at all. `body` goes out as it is."""
+        """Sends any request. `body` is sent as it is."""
         connection = self._connected()
         try:
             connection.request(method, url, body=body,
@@ -192,8 +193,9 @@ class Appliance:
 
     @staticmethod
     def _has_ended(connected):
-        """Between two calls the agent has nothing to say: whatever is there to be read is the end. A request
-        is never sent twice, so this is asked before, not found out after."""
+        """Whether the agent has closed the connection. Between two calls the agent sends nothing, so if there
+        is something to read, it is the end of the connection. This is checked before each request, because a
+        request is never sent twice."""
         if connected is None: # closed with the last answer
             return True
         return bool(select.select([connected], [], [], 0)[0])

@@ -9,7 +9,7 @@
 import dataclasses
 import pathlib
 
-from lab import moments
+from lab import snapshot_copies
 from lab.appliance_client import volume
 from lab.driver import OWN_FILES, STORE, stored_state
 from lab.images import ImageError, compare_used, fsck, mounted, tree_hashes
@@ -20,7 +20,7 @@ COW_MIB = 100
 NODES = "/sys/class/block"
 SECTOR = 512
 LEAST = 10 << 20 # a smaller image has no checksum
-ROOMY = 5 << 29 # bytes of a volume on which two CoW files of the agent's own choice fit
+ROOMY = 5 << 29 # bytes: a volume of this size has room for two CoW files of the agent's default size
 RUN_ENDS = ("Backup run finished", "Exception occurred during backup run: ",
             "Unknown exception occurred during backup run")
 
@@ -31,15 +31,15 @@ def size_of(partition):
 
 
 def capture_of(partition):
-    """A file with what the volume held when its last snapshot was taken."""
+    """A file with the content of the volume at its last snapshot."""
     if are_volumes_logical():
-        return moments.moment_of(partition)
+        return snapshot_copies.snapshot_copy_of(partition)
     return next(STORE / f"{device['snapshot']}.img" for device in stored_state()["devices"]
                 if device["block_device"] == partition.device)
 
 
 class Backup:
-    """One backup, from the moment that it was accepted."""
+    """One backup, from the moment when the agent accepted it."""
 
     def __init__(self, appliance, daemon, identifier, begin, names):
         self._appliance = appliance
@@ -50,17 +50,17 @@ class Backup:
 
     @property
     def log(self):
-        """What the daemon has logged since."""
+        """The log of the daemon since the backup began."""
         return self._daemon.log[self._begin:]
 
     @property
     def has_ended(self):
-        """Whether its thread has come to its end: what the status says may be settled before that."""
+        """Whether the backup's thread has ended. The status may show the outcome before that."""
         return any(end in self.log for end in RUN_ENDS)
 
     @property
     def status(self):
-        """As the agent tells it; asking is also what keeps a backup alive."""
+        """The status from the agent. Asking for it also keeps a backup alive."""
         answer = self._appliance.status(self.id)
         assert answer.status == 200, answer
         return answer.content
@@ -71,21 +71,21 @@ class Backup:
         return self.status["status"]
 
     def volume(self, name):
-        """What the status says of a volume."""
+        """The entry of a volume in the status."""
         return next(entry for entry in self.status["details"] if self._names[entry["volume"]] == name)
 
     def type(self, name):
-        """What kind of backup it has become: "full", "differential" or "incremental"."""
+        """The type of backup that the agent chose for the volume: "full", "differential" or "incremental"."""
         return self.volume(name)["type"]
 
     def bytes(self, name):
-        """How much of a volume has been sent, or compared."""
+        """How many bytes of a volume have been sent, or compared."""
         return self.volume(name)["transfer"]["bytesTransferred"]
 
     def wait(self, seconds=SECONDS, progress=None):
-        """Waits for the end of its thread, asking for the status meanwhile, as an appliance does."""
+        """Waits until the backup's thread has ended. Asks for the status meanwhile, as an appliance does."""
         def ended():
-            has_ended = self.has_ended # before the status, which is then the last one
+            has_ended = self.has_ended # read before the status, so that the status is the last one
             status = self.status
             if progress:
                 progress(status)
@@ -104,7 +104,7 @@ class Backup:
 
 @dataclasses.dataclass(frozen=True)
 class Proof:
-    """How much of an image has been found to be what it should be."""
+    """How many blocks and files of an image have been verified."""
 
     blocks: int = 0
     files: int = 0 # of all kinds, directories too
@@ -114,9 +114,9 @@ class Proof:
 
 
 class Protection:
-    """Volumes and their images on a target, which is any ImageServer. With an `offset`, in bytes, what is of
-    a volume begins that far inside its image. `image` is one that is there; else each volume gets its own,
-    made with `options`."""
+    """Volumes and their images on a target, which can be any ImageServer. With an `offset` in bytes, a volume
+    begins that far inside its image. `image` is an existing image for all volumes; without it, each volume
+    gets its own, made with `options`."""
 
     def __init__(self, appliance, daemon, target, partitions, *, offset=0, image=None, **options):
         self.appliance = appliance
@@ -126,8 +126,8 @@ class Protection:
         self.partitions = {partition.name: partition for partition in partitions}
         self.images = {name: image or self._add_image(partition, options)
                        for name, partition in self.partitions.items()}
-        self.left_out = OWN_FILES # of the comparison of blocks
-        self.scripts = [moments.install()] if are_volumes_logical() else []
+        self.excluded_files = OWN_FILES # names of files that the comparison of blocks leaves out
+        self.scripts = [snapshot_copies.install()] if are_volumes_logical() else []
         small = [name for name, partition in self.partitions.items() if size_of(partition) < ROOMY]
         if small:
             self.set_cow_size(COW_MIB, *small)
@@ -137,18 +137,18 @@ class Protection:
         return self.target.add_image(partition.name, size, **options)
 
     def set_cow_size(self, mebibytes, *names):
-        """Of the next snapshots. A size of the agent's own choice takes half of a small volume; then there is
-        no room for a second one, see tests/functional/test_backup_room.py."""
+        """Sets the CoW file size of the next snapshots. The agent's default takes half of a small volume,
+        which leaves no room for a second CoW file; see tests/functional/test_backup_room.py."""
         options = {f"volumes.{self.partitions[name].uuid}.cowFileSizeMiB": mebibytes
                    for name in names or self.partitions}
         answer = self.appliance.set_config(options)
         assert answer.status == 200, answer
 
     def request(self, *names, **changes):
-        """The volumes of a request, of all volumes if none is named; `changes` apply to each."""
+        """The volumes of a backup request: those that are named, or all. `changes` apply to each volume."""
         scripts = [*self.scripts, *changes.pop("scripts", ())]
         return [volume(**({"guid": self.partitions[name].uuid, "offset": self.offset, "scripts": scripts}
-                          | self.images[name].place() | changes))
+                          | self.images[name].request_keys() | changes))
                 for name in names or self.partitions]
 
     def start(self, *names, volumes=None, **kind):
@@ -161,33 +161,34 @@ class Protection:
         return self.started_by(request)
 
     def started_by(self, request):
-        """The backup that `request` starts, in whichever way; it returns the ID."""
+        """The backup that the function `request` starts, by any means; it returns the backup's ID."""
         begin = len(self.daemon.log)
         identifier = request()
         uuids = {partition.uuid: name for name, partition in self.partitions.items()}
         return Backup(self.appliance, self.daemon, identifier, begin, uuids)
 
     def run(self, *names, **kind):
-        """A whole backup, whatever becomes of it."""
+        """Runs a backup to its end, whatever its outcome."""
         return self.start(*names, **kind).wait()
 
     def verify(self, *names):
-        """Each image is what the volume was at its last snapshot: sound by its file system's own tool, equal
-        in every block in use, and in every file. Raises ImageError if not; returns what was compared."""
+        """Checks that each image holds what the volume held at its last snapshot: the file system's own tool
+        finds no error, and every used block and every file is equal. Raises ImageError if not; returns how
+        much was compared."""
         return sum((self._verify(name) for name in names or self.partitions), Proof())
 
     @staticmethod
-    def moment_of(partition):
-        """A file with what the volume held when its last snapshot was taken."""
+    def capture_of(partition):
+        """A file with the content of the volume at its last snapshot."""
         return capture_of(partition)
 
     def _verify(self, name):
         partition, image = self.partitions[name], self.images[name]
         self.target.fetch(image)
         file_system = partition.volume.file_system
-        capture = self.moment_of(partition)
+        capture = self.capture_of(partition)
         fsck(image.path, file_system, self.offset)
-        compared = compare_used(capture, image.path, file_system, self.offset, self.left_out).check()
+        compared = compare_used(capture, image.path, file_system, self.offset, self.excluded_files).check()
         with mounted(capture, file_system) as then, mounted(image.path, file_system, self.offset) as now:
             files = tree_hashes(then)
             if files != tree_hashes(now):

@@ -1,4 +1,4 @@
-"""A Ceph cluster for the lab: a monitor and a few OSDs, which stand for machines that share images.
+"""A Ceph cluster for the lab: a monitor and a few OSDs, which stand for the machines that share the images.
 
     with CephCluster() as cluster:
         cluster.create_image("data", 1 << 30)
@@ -7,11 +7,11 @@
         cluster.kill_osd(0)
         cluster.start_osd(0)
 
-Every object lies on all of the OSDs. An image can be read and written while more than half of them are there:
-of three, one may be missing. With fewer, whoever reads or writes waits until they are back. What an OSD has
-confirmed outlives its kill, in files that go with the cluster.
+Every object is stored on all of the OSDs. An image can be read and written while more than half of the OSDs
+are up: of three, one may be missing. With fewer, reads and writes wait until enough OSDs are back. Data
+that an OSD has confirmed survives when the OSD is killed, in files that are removed with the cluster.
 
-Inside lab/namespace only: nobody has to prove who he is, as nobody else gets to this loopback.
+Inside lab/namespace only: there is no authentication, as nobody else can reach the namespace's loopback.
 """
 import concurrent.futures
 import contextlib
@@ -21,17 +21,17 @@ import tempfile
 import uuid
 
 from lab.commands import run
+from lab.resources import Resource
 from lab.services import Service, ServiceError, wait_until
-from lab.stay import Stay
 
 SECONDS = 60
 ADDRESS = "127.0.0.1"
 MONITOR = f"v2:{ADDRESS}:3300/0"
 POOL = "images"
-GROUPS = "8" # of objects, which the OSDs agree about one by one
-OSD_BYTES = 16 << 30 # as long as nothing is written, a hole
+GROUPS = "8" # placement groups of objects
+OSD_BYTES = 16 << 30 # sparse: takes no room until something is written
 
-# Whoever is killed is missed after a few seconds, and what the monitor decides isn't held back.
+# An OSD that is killed is noticed after a few seconds, and the monitor's decisions take effect at once.
 CONFIGURATION = """[global]
 fsid = {fsid}
 mon_host = {monitor}
@@ -61,8 +61,8 @@ mon_osd_min_down_reporters = 1
 """
 
 
-class Mortal(Service):
-    """A process that can lose its life in the middle of its work."""
+class KillableService(Service):
+    """A process that can be killed in the middle of its work."""
 
     def kill(self):
         """Ends it at once, as if its machine had lost its power."""
@@ -79,12 +79,12 @@ class Mortal(Service):
                                f"it printed:\n{self.output}")
 
 
-class Member(Mortal):
-    """A daemon of the cluster. It is ready when it can be asked; the others may not know it by then. As its
-    files go with the cluster, it takes no leave."""
+class Member(KillableService):
+    """A daemon of the cluster. It is ready when its admin socket answers; the other daemons may not know it
+    by then. `stop` kills it, because its files are removed with the cluster anyway."""
 
     kind = None
-    stop = Mortal.kill
+    stop = KillableService.kill
 
     def __init__(self, cluster, number):
         super().__init__()
@@ -98,7 +98,7 @@ class Member(Mortal):
                 "--foreground")
 
     def make(self):
-        """Makes what the daemon keeps when it isn't running."""
+        """Makes the daemon's data, before its first start."""
         raise NotImplementedError
 
     def fill_data(self, *options):
@@ -110,7 +110,7 @@ class Member(Mortal):
 
     @property
     def socket(self):
-        """Where it can be asked how it is."""
+        """The admin socket of the daemon."""
         return self.cluster.directory / f"{self.kind}.{self.number}.{self.pid}.asok"
 
 
@@ -132,13 +132,13 @@ class Osd(Member):
         self.fill_data("--osd-uuid", name)
 
     def allocated(self):
-        """Bytes of its disk that objects take up."""
+        """Bytes of the OSD's disk that objects take up."""
         counters = json.loads(run("ceph", "--admin-daemon", self.socket, "perf", "dump", "bluestore"))
         return counters["bluestore"]["bluestore_allocated"]
 
 
-class CephCluster(Stay):
-    """One monitor, and OSDs of which each has all objects."""
+class CephCluster(Resource):
+    """One monitor, and OSDs that each store all objects."""
 
     def __init__(self, osds=3):
         super().__init__()
@@ -151,25 +151,25 @@ class CephCluster(Stay):
     def configuration(self):
         return self.directory / "ceph.conf"
 
-    def open(self, lasting):
-        self.directory = pathlib.Path(lasting.enter_context(
+    def open(self, stack):
+        self.directory = pathlib.Path(stack.enter_context(
             tempfile.TemporaryDirectory(prefix="ceph-", dir="/run")))
         self.configuration.write_text(CONFIGURATION.format(
             fsid=self.fsid, monitor=MONITOR, address=ADDRESS, directory=self.directory, osd_bytes=OSD_BYTES,
             size=self._count, min_size=self._count // 2 + 1), encoding="ascii")
         monitor = Monitor(self, "a")
         monitor.make()
-        lasting.enter_context(monitor)
+        stack.enter_context(monitor)
         self.osds = [Osd(self, number) for number in range(self._count)]
         with concurrent.futures.ThreadPoolExecutor(self._count) as pool:
             list(pool.map(Osd.make, self.osds))
         for osd in self.osds:
-            lasting.enter_context(osd)
+            stack.enter_context(osd)
         self._await_up(*self.osds)
         self.ceph("osd", "pool", "create", POOL, GROUPS)
 
     def ceph(self, *words):
-        """Asks the monitor for something, or tells it; returns what it answers."""
+        """Runs a command of the monitor; returns its output."""
         return run("ceph", "--conf", self.configuration, "--connect-timeout", SECONDS, *words)
 
     def rbd(self, *words):
@@ -183,7 +183,7 @@ class CephCluster(Stay):
         wait_until(are_up, SECONDS, "the OSDs up")
 
     def up(self):
-        """The numbers of the OSDs that the monitor takes to be there."""
+        """The numbers of the OSDs that the monitor considers up."""
         listed = json.loads(self.ceph("--format", "json", "osd", "dump"))["osds"]
         return {osd["osd"] for osd in listed if osd["up"]}
 
@@ -191,18 +191,18 @@ class CephCluster(Stay):
         self.rbd("create", "--size", f"{size}B", name)
 
     def kill_osd(self, number):
-        """Returns when the others know of it."""
+        """Kills an OSD; returns when the monitor has noticed."""
         self.osds[number].kill()
         wait_until(lambda: number not in self.up(), SECONDS, "the OSD missed")
 
     def start_osd(self, number):
-        """Brings back one that was killed, with what it had."""
+        """Starts an OSD that was killed, with the data that it had."""
         self.osds[number].start()
         self._await_up(self.osds[number])
 
     @contextlib.contextmanager
     def without(self, *numbers):
-        """These OSDs are killed, and back at the end."""
+        """Kills these OSDs, and starts them again at the end of the context."""
         with contextlib.ExitStack() as back:
             for number in numbers:
                 self.kill_osd(number)
@@ -210,9 +210,10 @@ class CephCluster(Stay):
             yield
 
 
-class RbdExport(Mortal):
-    """An NBD server on an image of a cluster, for any number of connections. What is punched frees its room,
-    and what is written is in the cluster. If it is killed, the image stays locked for half a minute."""
+class RbdExport(KillableService):
+    """An NBD server for an image of a cluster, for any number of connections. Discarded blocks free their
+    room, and a confirmed write is stored in the cluster. If the server is killed, the image stays locked for
+    half a minute."""
 
     def __init__(self, cluster, name):
         super().__init__()

@@ -1,12 +1,12 @@
-"""Certificates as the tests and the lab need them, made with GnuTLS's certtool, one with openssl.
+"""Certificates for the tests and the lab, made with GnuTLS's certtool, and one of them with openssl.
 
     authority = Authority(directory)             # a directory that the caller owns and removes
     agent = authority.agent()
     appliance = authority.device(4711)
     install(agent, authority, "/etc/tolvu/bek/certs")
 
-An identity is a pair of files, `key` and `certificate`, both PEM. What is refused by the agent has
-constructors of its own, see `Authority.bad_devices`. CertificateError carries the tool's own words.
+An identity is a pair of files, `key` and `certificate`, both PEM. `Authority.bad_devices` makes the ones that
+the agent refuses. CertificateError carries the error text of the tool.
 """
 import dataclasses
 import datetime
@@ -24,7 +24,7 @@ SECONDS = 60
 
 
 def ia5_string(text):
-    """The DER of a short IA5String."""
+    """The DER encoding of a short IA5String."""
     return bytes([0x16, len(text)]) + text.encode("ascii")
 
 
@@ -71,7 +71,8 @@ def time_lines(starts, ends):
 
 
 def subject_line(name):
-    """certtool takes no empty Common Name; such a subject has an organization only."""
+    """The subject of a certtool template. certtool takes no empty Common Name, so such a subject has an
+    organization only."""
     return f'cn = "{name}"' if name else 'organization = "Nameless"'
 
 
@@ -80,10 +81,10 @@ def extension_line(oid, content):
 
 
 class Authority:
-    """A certificate authority with a self-signed certificate, and a directory that takes what it makes.
+    """A certificate authority with a self-signed certificate, and a directory for the files that it makes.
 
-    `own_key_type` is the type of its own key, if it is not that of the keys it makes. What an "rsa"
-    key has signed is the quickest to check."""
+    `own_key_type` is the type of the authority's own key, if it differs from `key_type`, the type of the keys
+    that it makes. Signatures of an "rsa" key are the quickest to check."""
 
     def __init__(self, directory, name=AUTHORITY_NAME, key_type="ecdsa", own_key_type=None,
                  starts=-DAY, ends=3650 * DAY):
@@ -98,24 +99,26 @@ class Authority:
 
     @property
     def certificate(self):
-        """The file that goes by the name of "ca.crt"."""
+        """The file that the agent knows as "ca.crt"."""
         return self.identity.certificate
 
-    # What the agent accepts.
+    # Identities that the agent accepts.
 
     def agent(self, name="agent", **validity):
-        """The agent's own identity; a server, good for 127.0.0.1, ::1 and localhost."""
+        """The agent's own identity: a server certificate, valid for 127.0.0.1, ::1 and localhost."""
         return self.issue(name, **validity,
                           more=("tls_www_server", "tls_www_client", "signing_key", "encryption_key",
                                 'dns_name = "localhost"', 'ip_address = "127.0.0.1"', 'ip_address = "::1"'))
 
     def device(self, name, extension=DEVICE_TYPE, **validity):
-        """An appliance: its ID as the Common Name, and the extension that says what it is (None: without)."""
+        """An appliance: its ID is the Common Name, and an extension holds the device type (None: no
+        extension)."""
         extensions = () if extension is None else (extension_line(DEVICE_TYPE_OID, extension),)
         return self.issue(str(name), **validity, more=("tls_www_client", "signing_key", *extensions))
 
     def device_behind(self, name, others):
-        """An appliance whose extension stands behind `others`. openssl makes it: certtool stops at 64."""
+        """An appliance whose extension comes after `others` other extensions. openssl makes it, as certtool
+        stops at 64."""
         base = self._next_path()
         make_key(base.with_suffix(".key"), self.key_type)
         lines = [f"{FILLER_OID}.{number}=DER:0500" for number in range(1, others + 1)]
@@ -128,17 +131,18 @@ class Authority:
             "-extfile", base.with_suffix(".ext"), "-out", base.with_suffix(".pem"))
         return Identity(base.with_suffix(".key"), base.with_suffix(".pem"))
 
-    # The tools for it.
+    # Helpers.
 
     def issue(self, name, *, starts=-DAY, ends=365 * DAY, more=()):
-        """Makes a key and has this authority certify it. `more` are lines of a certtool template."""
+        """Makes a key and a certificate for it, signed by this authority. `more` are lines of a certtool
+        template."""
         base = self._prepared([subject_line(name), *time_lines(starts, ends), *more])
         run("certtool", "--generate-certificate", "--load-privkey", base.with_suffix(".key"),
             *self._signer(base))
         return Identity(base.with_suffix(".key"), base.with_suffix(".pem"))
 
     def self_signed(self, name, *, starts=-DAY, ends=365 * DAY, more=()):
-        """Makes a key with a certificate that nobody but itself vouches for."""
+        """Makes a key and a self-signed certificate for it."""
         base = self._prepared([subject_line(name), *time_lines(starts, ends), *more])
         run("certtool", "--generate-self-signed", "--load-privkey", base.with_suffix(".key"),
             "--template", base.with_suffix(".template"), "--no-text", "--outfile", base.with_suffix(".pem"))
@@ -146,7 +150,8 @@ class Authority:
 
     def sign_request(self, request, *, starts=-DAY, ends=365 * DAY,
                      more=("tls_www_server", "tls_www_client", "signing_key", "encryption_key")):
-        """Certifies the subject and the key of a PKCS #10 request (PEM, text); the result is PEM, too."""
+        """Signs the subject and the key of a PKCS #10 request (PEM text); returns the certificate, also
+        PEM."""
         base = self._next_path()
         base.with_suffix(".csr").write_text(request, encoding="ascii")
         self._write_template(base, [*time_lines(starts, ends), *more])
@@ -155,7 +160,7 @@ class Authority:
         return base.with_suffix(".pem").read_text(encoding="ascii")
 
     def bad_devices(self, name=4711):
-        """Identities that the agent refuses, by what is wrong with them."""
+        """Identities that the agent refuses, by the reason for it."""
         namesake = Authority(self.directory / f"namesake{next(self._numbers)}", self.name, self.key_type)
         stranger = Authority(self.directory / f"stranger{next(self._numbers)}", "Another CA", self.key_type)
         type_line = extension_line(DEVICE_TYPE_OID, DEVICE_TYPE)
@@ -194,7 +199,7 @@ class Authority:
 
 
 def install(agent, authority, directory):
-    """Puts the agent's three files where the agent looks for them."""
+    """Puts the agent's three files where the agent expects them."""
     directory = pathlib.Path(directory)
     directory.mkdir(parents=True, exist_ok=True)
     (directory / "server.key").touch(mode=0o600)

@@ -1,16 +1,17 @@
-"""The certificate service of the lab: HTTPS, signing the agents' requests with the lab's own authority.
+"""The certificate service of the lab: an HTTPS server that signs the agents' requests with the lab's
+authority.
 
     authority = Authority(directory)
     trust(authority)                                 # only in lab/namespace
     with CertificateService(authority) as service:
         ...
-        service.requests                             # what has been asked, as the agent sent it
+        service.requests                             # the requests, as the agent sent them
 
-By hand, in a shell that lab/namespace runs; it ends with SIGTERM or SIGINT:
+By hand, in a shell that lab/namespace runs; SIGTERM or SIGINT ends it:
 
     python3 -m lab.certservice /run/lab --device 4711
 
-`fault` is what is wrong with the service, one of FAULTS.
+`fault` makes the service misbehave; it is one of FAULTS.
 """
 import argparse
 import http.server
@@ -23,7 +24,7 @@ import ssl
 import threading
 
 from lab.certificates import Authority, CertificateError
-from lab.stay import Stay
+from lab.resources import Resource
 
 HOST = "certificates.tolvu.example"
 PATH = "/certApi.php"
@@ -52,7 +53,7 @@ FAULTS = {
 
 
 class Refusal(Exception):
-    """A request that is answered with failure."""
+    """A request that is answered with "failed"."""
 
 
 def require_private_etc():
@@ -61,14 +62,14 @@ def require_private_etc():
 
 
 def resolve(host=HOST, address="127.0.0.1"):
-    """Makes the service's name known to this machine."""
+    """Makes the service's host name resolve on this machine."""
     require_private_etc()
     with open("/etc/hosts", "a", encoding="ascii") as hosts:
         hosts.write(f"{address} {host}\n")
 
 
 def trust(authority, host=HOST):
-    """Makes the service known to this machine, by name and by the authority behind its certificate."""
+    """Makes this machine resolve the service's name, and trust the authority that signed its certificate."""
     resolve(host)
     with open("/etc/ssl/certs/ca-certificates.crt", "a", encoding="ascii") as bundle:
         bundle.write(authority.certificate.read_text(encoding="ascii"))
@@ -101,7 +102,7 @@ class Handler(http.server.BaseHTTPRequestHandler):
         self.answer(status, "application/json", json.dumps(service.reply(body)).encode())
 
     def stall(self, service):
-        """Keeps the client waiting, until it goes or the service is stopped."""
+        """Keeps the client waiting until it disconnects or the service is stopped."""
         if service.fault == "trickle":
             self.send_response(200)
             self.send_header("Content-Length", str(HUGE))
@@ -119,11 +120,11 @@ class Handler(http.server.BaseHTTPRequestHandler):
         self.wfile.write(body)
 
     def log_message(self, *_arguments):
-        """Quiet: `requests` tells what was asked."""
+        """Logs nothing: `requests` has all requests."""
 
 
 class Server(http.server.ThreadingHTTPServer):
-    """A client that breaks off, or takes the service for another, is no news."""
+    """Prints no errors: it is normal that a client breaks off, or rejects the server's certificate."""
 
     daemon_threads = False
 
@@ -132,16 +133,16 @@ class Server(http.server.ThreadingHTTPServer):
         self.service = service
 
     def finish_request(self, request, client_address):
-        # Here, in the connection's own thread, a client that stays silent holds up nobody else.
+        # The TLS handshake runs in the connection's own thread, so a silent client doesn't block the others.
         request.settimeout(Handler.timeout)
         with self.service.context.wrap_socket(request, server_side=True) as secured:
             super().finish_request(secured, client_address)
 
     def handle_error(self, request, client_address):
-        """Whatever ended the connection, the client sees it."""
+        """Prints nothing: the client sees the error itself."""
 
 
-class CertificateService(Stay):
+class CertificateService(Resource):
     """The service, in a thread of this process."""
 
     def __init__(self, authority, *, identity=None, fault=None, host=HOST, address="127.0.0.1", port=PORT,
@@ -164,7 +165,7 @@ class CertificateService(Stay):
         self._thread = None
 
     def reply(self, body):
-        """The answer to a request, which may be anything."""
+        """The answer to a request body, which may be malformed."""
         try:
             request = json.loads(body)
             certificate = self.certificate_for(request)
@@ -205,13 +206,13 @@ class CertificateService(Stay):
         self._thread.join(STOP_SECONDS)
         self._server.server_close()
 
-    def open(self, lasting):
+    def open(self, stack):
         self.start()
-        lasting.callback(self.stop)
+        stack.callback(self.stop)
 
 
 def store_device(authority, number, directory, name="device"):
-    """Makes an appliance's key and certificate, as `name`.key and `name`.pem."""
+    """Makes an appliance's key and certificate, and stores them as `name`.key and `name`.pem."""
     device = authority.device(number)
     shutil.copy(device.key, directory / f"{name}.key")
     shutil.copy(device.certificate, directory / f"{name}.pem")

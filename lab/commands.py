@@ -5,7 +5,8 @@ SECONDS = 600
 
 
 def run(*command, **options):
-    """Runs a tool; returns what it printed. One that fails is an OSError that says why."""
+    """Runs a tool; returns its standard output. If it fails, raises an OSError with what it printed on
+    standard error."""
     words = [str(word) for word in command]
     done = subprocess.run(words, capture_output=True, text=True, check=False, timeout=SECONDS, **options)
     if done.returncode != 0:

@@ -4,8 +4,8 @@
         daemon.wait_until_ready()
         ...
 
-The process is known by its number all the time: a daemon that has gone into the background is adopted by this
-process, which makes itself a subreaper, and so its exit status can be had as that of a child.
+The process's PID is known all the time. A daemon that has gone into the background is adopted by this
+process, which makes itself a subreaper, so its exit status can be read like that of any child.
 """
 import ctypes
 import os
@@ -34,16 +34,17 @@ PR_SET_CHILD_SUBREAPER = 36
 
 
 class DaemonError(AssertionError):
-    """The daemon didn't do what was waited for, or said on standard error what nobody expected."""
+    """The daemon didn't do what was waited for, or printed something unexpected on standard error."""
 
 
 def program(name="bekd"):
-    """A program of the build that BEKD_BUILD names."""
+    """The path of a program in the build folder that BEKD_BUILD names."""
     return ROOT / os.environ.get("BEKD_BUILD", "build/release") / name
 
 
 def require_private_site():
-    """Ends this program if it was not started by lab/namespace; on no machine is /etc itself a mount."""
+    """Exits if this program wasn't started by lab/namespace. /etc is a mount point only there, on no ordinary
+    machine."""
     if os.getuid() != 0:
         sys.exit("this must be run as root")
     if not all(map(os.path.ismount, ("/etc", "/run", "/tmp"))):
@@ -51,12 +52,12 @@ def require_private_site():
 
 
 def stored_log():
-    """All that the log files hold, oldest first."""
+    """The content of all log files, oldest first."""
     return "".join(path.read_text(errors="replace") for path in sorted(LOGS.glob("bek_*.log")))
 
 
 def stored_pid():
-    """The number in the PID file, None if there is none."""
+    """The PID in the PID file, or None."""
     try:
         return int(PID_FILE.read_text())
     except (FileNotFoundError, NotADirectoryError, ValueError):
@@ -64,14 +65,14 @@ def stored_pid():
 
 
 def adopt_orphans():
-    """Lets daemons, whose parents have ended, become children of this process."""
+    """Makes this process a subreaper, so that daemons whose parents have ended become its children."""
     libc = ctypes.CDLL(None, use_errno=True)
     if libc.prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0) != 0:
         raise OSError(ctypes.get_errno(), "prctl")
 
 
 def children():
-    """The process numbers of this process's children, ended ones too."""
+    """The PIDs of this process's children, including those that have ended but haven't been reaped."""
     found = set()
     for path in pathlib.Path("/proc").glob("[0-9]*/stat"):
         try:
@@ -84,8 +85,8 @@ def children():
 
 
 class Daemon:
-    """One run of the daemon, by way of another program if `wrapper` is that program's command. Further
-    keywords go to subprocess.Popen."""
+    """One run of the daemon. `wrapper` is the command of a program that starts the daemon. Further keywords
+    go to subprocess.Popen."""
 
     def __init__(self, *arguments, foreground=True, display="-d", wrapper=(), environment=None, **options):
         self.foreground = foreground
@@ -99,13 +100,13 @@ class Daemon:
         self._old_log = 0
 
     def start(self):
-        """Starts the daemon; one for the background has gone there, or has ended, when this returns."""
+        """Starts the daemon. A background daemon has left its parent, or has ended, when this returns."""
         self.spawn()
         self.settle()
         return self
 
     def spawn(self):
-        """Starts the process, and no more: one for the background has yet to go there."""
+        """Only starts the process: a background daemon hasn't left its parent yet."""
         adopt_orphans()
         self._output = tempfile.TemporaryFile()
         self._errors = tempfile.TemporaryFile()
@@ -117,8 +118,8 @@ class Daemon:
         self.pid = self._launcher.pid
 
     def settle(self):
-        """Waits until a daemon for the background has left the process that was started. What goes on is
-        then a child of ours, the only one that wasn't there before."""
+        """Waits until a background daemon has left the process that was started. The daemon is then a child
+        of this process, the only one that is new."""
         if self.foreground:
             return
         try:
@@ -134,7 +135,7 @@ class Daemon:
             self.status = self._launcher.returncode
 
     def poll(self):
-        """The exit status, a negative signal number after a signal, None while the process runs."""
+        """The exit status, the negative signal number after a signal, or None while the process runs."""
         if self.status is None and self.foreground:
             self.status = self._launcher.poll()
         elif self.status is None:
@@ -144,7 +145,8 @@ class Daemon:
 
     @property
     def launcher_status(self):
-        """The exit status of the process that was started, which for the background isn't the daemon."""
+        """The exit status of the process that was started, which isn't the daemon if that is in the
+        background."""
         return self._launcher.poll()
 
     @property
@@ -152,7 +154,7 @@ class Daemon:
         return self.poll() is None
 
     def wait(self, seconds=SECONDS):
-        """The exit status, as soon as there is one."""
+        """Waits for the daemon to end; returns its exit status."""
         try:
             wait_until(lambda: not self.is_running, seconds, "end of the daemon")
         except TimeoutError as error:
@@ -164,7 +166,7 @@ class Daemon:
             os.kill(self.pid, number)
 
     def stop(self, number=signal.SIGTERM):
-        """Ends the daemon as an administrator does; returns its exit status."""
+        """Ends the daemon by a signal, as an administrator does; returns its exit status."""
         self.send(number)
         return self.wait()
 
@@ -173,7 +175,7 @@ class Daemon:
         return self.wait()
 
     def kill_all(self):
-        """Ends what `spawn` has started, wherever it has got to by now."""
+        """Kills whatever `spawn` has started, whether it is still the launcher or already the daemon."""
         if self._launcher.poll() is None:
             self._launcher.kill()
         self.settle()
@@ -186,17 +188,17 @@ class Daemon:
 
     @property
     def output(self):
-        """What has come on standard output so far."""
+        """The standard output so far."""
         return self._read(self._output)
 
     @property
     def errors(self):
-        """What has come on standard error so far."""
+        """The standard error so far."""
         return self._read(self._errors)
 
     @property
     def log(self):
-        """What the log files have got since this daemon was started."""
+        """The text that was added to the log files since this daemon was started."""
         return stored_log()[self._old_log:]
 
     @property
@@ -205,9 +207,10 @@ class Daemon:
                 f"--- standard output\n{self.output}--- standard error\n{self.errors}--- log\n{self.log}")
 
     def wait_for(self, condition, what, seconds=SECONDS):
-        """Waits until `condition()` is true; an ended daemon makes true nothing that isn't."""
+        """Waits until `condition()` is true. Fails at once if the daemon has ended and the condition is still
+        false."""
         def decided():
-            was_running = self.is_running # asked first: what an ended daemon has written stands
+            was_running = self.is_running # checked first: an ended daemon writes nothing more
             value = condition()
             if not value and not was_running:
                 raise DaemonError(f"ended before {what}\n{self.description}")
@@ -225,7 +228,8 @@ class Daemon:
         self.wait_for(lambda: text in self.log, f"{text!r} in the log")
 
     def wait_until_ready(self):
-        """The background shows no output, so there the log tells."""
+        """Waits for the ready line: on standard output, or in the log for a background daemon, which has no
+        output."""
         if self.foreground and "stdout" not in self.options:
             self.wait_for_output(READY_LINE)
         else:
@@ -233,7 +237,7 @@ class Daemon:
         return self
 
     def expect_errors(self, pattern):
-        """Lines on standard error that this regular expression matches as a whole are in order."""
+        """Accepts lines on standard error that match this regular expression as a whole."""
         self.expected_errors.append(re.compile(pattern))
 
     def unexpected_errors(self):
@@ -241,8 +245,8 @@ class Daemon:
                 if not any(pattern.fullmatch(line) for pattern in self.expected_errors)]
 
     def finish(self):
-        """The end of a daemon that was in order: it still runs and stops with status 0, or has been ended
-        before, and standard error shows only what was expected."""
+        """Ends a daemon that is expected to be in order: it still runs and stops with status 0, or was ended
+        before, and standard error shows only expected lines. Raises DaemonError otherwise."""
         if self._launcher is None:
             return
         try:
@@ -254,7 +258,7 @@ class Daemon:
             self.discard()
 
     def discard(self):
-        """Leaves nothing behind, whatever the daemon does."""
+        """Kills the daemon if it still runs, and closes the output files."""
         if self._launcher is not None:
             if self.is_running:
                 self.kill()

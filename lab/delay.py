@@ -1,11 +1,11 @@
-"""A longer way to a server on this machine: what goes through comes out later, half a round trip each way.
+"""A delaying proxy in front of a server on this machine: adds half a round trip in each direction.
 
-    with LongWay(3260, round_trip=0.005) as way:
-        way.portal
+    with DelayProxy(3260, round_trip=0.005) as proxy:
+        proxy.portal
 
 It is a process of its own, with two threads for each direction of a connection. It carries more than 1 GB/s,
-and its threads add up to 0.3 ms to a round trip. What is on the way is bounded, at 16 MiB a direction; the
-windows of TCP are those of two short ways, not of a long one.
+and its threads add up to 0.3 ms to a round trip. Data in transit is limited to 16 MiB in each direction. The
+TCP windows are those of two short connections, not of one long connection.
 
     /usr/bin/python3 -m lab.delay LISTEN PORT MILLISECONDS
 """
@@ -24,8 +24,8 @@ PIECES = 64
 READY = "listening"
 
 
-class LongWay(Service):
-    """One listening port in front of another. `round_trip` is in seconds."""
+class DelayProxy(Service):
+    """Listens on one port, and forwards to another. `round_trip` is in seconds."""
 
     def __init__(self, port, round_trip, listen=None):
         super().__init__()
@@ -41,8 +41,9 @@ class LongWay(Service):
         return READY in self.output
 
 
-class Lane:
-    """One direction of a connection. Its buffers go round: what hasn't been sent isn't there to be filled."""
+class DelayLine:
+    """One direction of a connection. Its buffers are reused: a buffer is free again only when its data has
+    been sent, so reading stops when all of them are full."""
 
     def __init__(self, source, sink, delay):
         self._source, self._sink, self._delay = source, sink, delay
@@ -67,7 +68,7 @@ class Lane:
             self._filled.put((time.monotonic() + self._delay, buffer[:size], buffer))
 
     def _send(self):
-        """Until the source has ended. A sink that is gone ends the source."""
+        """Sends until the source ends. If the sink is gone, shuts the source down."""
         data = True
         while data:
             due, data, buffer = self._filled.get()
@@ -87,11 +88,11 @@ class Lane:
 
 
 def carry(near, port, delay):
-    """One connection, until both of its directions have ended."""
+    """Forwards one connection until both directions have ended."""
     with contextlib.suppress(OSError), near, socket.create_connection((ADDRESS, port)) as far:
         for end in (near, far):
             end.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
-        for thread in Lane(near, far, delay).start() + Lane(far, near, delay).start():
+        for thread in DelayLine(near, far, delay).start() + DelayLine(far, near, delay).start():
             thread.join()
 
 

@@ -1,7 +1,7 @@
-"""A tour of the agent on one machine: whole backups of real volumes to real servers, each proven.
+"""A tour of the agent on one machine: whole backups of real volumes to real servers, each one verified.
 
-Lines behind "$" are what a person would type, those behind "|" what there is to be seen. Run by scripts/demo,
-inside lab/namespace.
+Lines that begin with "$" are what a person would type, lines that begin with "|" are output. scripts/demo
+runs it, inside lab/namespace.
 """
 import contextlib
 import dataclasses
@@ -11,20 +11,19 @@ import os
 import pathlib
 import random
 import re
-import shlex
 import shutil
 import subprocess
 import sys
-import textwrap
 
 from lab.appliance_client import DEVICE, Appliance, NoAnswer, Unreachable
 from lab.backups import COW_MIB, Protection, size_of
 from lab.certificates import Authority, CertificateError
 from lab.certservice import HOST, CertificateService, store_device, trust
-from lab.daemon import BASE, CERTIFICATES, ROOT, Daemon, program, require_private_site
+from lab.daemon import BASE, CERTIFICATES, Daemon, program, require_private_site
+from lab.demo_output import PREFIX, SECONDS, StepFailed, appliance, check, run, show, show_command, show_table
 from lab.https_client import BASE_URL
 from lab.image_server import address_of
-from lab.images import ImageError, entry_of, fsck, looked_into, tree_hashes
+from lab.images import ImageError, entry_of, fsck, mounted_unreplayed, tree_hashes
 from lab.progress import megabytes, shown_progress
 from lab.services import ServiceError
 from lab.site import DATA, FILES, WINDOWS, Site
@@ -33,76 +32,21 @@ from lab.targets import Target
 from lab.volumes import Disk, Volume
 from lab.zephane import ZephaneServer
 
-WIDTH = 100
-SECONDS = 60
 LAB = pathlib.Path("/run/lab")
 STRANGER = 815
-PREFIX = "  | "
 LOG_DATE = re.compile(r"^\d{4}-\d\d-\d\d (?=\d\d:)", re.MULTILINE)
 VOLUMES = (DATA, FILES, WINDOWS)
-# A gigabyte of poison for each gigabyte of image, unless it lies where a file system can share it.
+# The images are poisoned, which costs their full size unless their file system can share blocks, as XFS can.
 IMAGES = Volume("images", "xfs", 16384, str(LAB / "images"))
 FILES = 80
 LARGEST = 1 << 20
-HEAD_MIB = 10 # what the checksum of an image is made of
+HEAD_MIB = 10 # the checksum of an image covers this much of it
 TYPES = {"full": "FULL", "differential": "DIFFERENTIAL_MERGE", "incremental": "INCREMENTAL"}
-
-
-class StepFailed(Exception):
-    """A step didn't show what it should; the text says what it showed."""
-
-
-def check(condition, text):
-    if not condition:
-        raise StepFailed(text)
-
-
-def show(text):
-    for line in str(text).splitlines():
-        for piece in textwrap.wrap(line, WIDTH - len(PREFIX), subsequent_indent=" " * 8,
-                                   break_on_hyphens=False):
-            print(PREFIX + piece, flush=True)
-
-
-def show_command(words):
-    """A command as it would be typed; where it is long, broken between two options, each with its value."""
-    line = "  $"
-    for part in re.findall(r"-\S+ [^-]\S*|\S+", shlex.join(map(str, words))):
-        if len(line) + len(part) > WIDTH - 3:
-            print(line + " \\")
-            line = "       "
-        line += " " + part
-    print(line, flush=True)
-
-
-def show_table(rows, prefix=PREFIX, numbers=()):
-    """Rows of texts; the columns `numbers` are aligned at their right."""
-    widths = [max(map(len, column)) for column in zip(*rows)]
-    for row in rows:
-        cells = (cell.rjust(width) if column in numbers else cell.ljust(width)
-                 for column, (cell, width) in enumerate(zip(row, widths)))
-        print(prefix + "  ".join(cells).rstrip(), flush=True)
-
-
-def run(*command):
-    """Runs a command that is shown; returns what it printed, on whichever stream, and its exit status."""
-    show_command(command)
-    done = subprocess.run([ROOT / command[0] if "/" in command[0] else command[0], *command[1:]],
-                          stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, check=False,
-                          timeout=SECONDS)
-    return done.stdout, done.returncode
-
-
-def appliance(*arguments, status=0):
-    """Runs lab/appliance; returns what it printed."""
-    text, found = run("lab/appliance", *arguments)
-    check(found == status, f"exit status {found}, not {status}: {text}")
-    return text
 
 
 @dataclasses.dataclass(frozen=True)
 class Result:
-    """What has become of one volume in one backup."""
+    """The outcome for one volume of one backup."""
 
     volume: str
     transport: str
@@ -120,16 +64,16 @@ class Result:
 
 
 class Tour:
-    """What the steps hand to each other."""
+    """The state that the steps share."""
 
-    def __init__(self, lasting):
-        self.lasting = lasting # what is ended when the tour is over
+    def __init__(self, stack):
+        self.stack = stack # undone when the tour is over
         self.daemon = Daemon(foreground=False)
-        self.lasting.callback(self.daemon.discard)
+        self.stack.callback(self.daemon.discard)
         self.site = None
         self.target = None
         self.protection = None
-        self.first = None # protection, with images on the iSCSI target
+        self.first = None # the Protection whose images are on the iSCSI target
         self.results = []
 
 
@@ -139,11 +83,11 @@ def set_up_site(tour):
     for number, name in ((DEVICE, "device"), (STRANGER, "stranger")):
         store_device(authority, number, LAB, name)
     trust(authority)
-    tour.lasting.enter_context(CertificateService(authority))
-    tour.site = tour.lasting.enter_context(Site(VOLUMES))
-    tour.lasting.callback(drop_snapshots) # or they would hold the site, wherever a step has failed
-    tour.lasting.enter_context(Disk([IMAGES], token="images"))
-    tour.target = tour.lasting.enter_context(Target(directory=IMAGES.mount_point))
+    tour.stack.enter_context(CertificateService(authority))
+    tour.site = tour.stack.enter_context(Site(VOLUMES))
+    tour.stack.callback(drop_snapshots) # otherwise they would keep the site busy after a failed step
+    tour.stack.enter_context(Disk([IMAGES], token="images"))
+    tour.target = tour.stack.enter_context(Target(directory=IMAGES.mount_point))
     show(f"services: system bus, login manager, udev, udisks2, {HOST}")
     show(f"iSCSI target: tgtd at {tour.target.portal}, {tour.target.name}")
     for partition in tour.site.disk:
@@ -153,7 +97,7 @@ def set_up_site(tour):
 
 
 def fill(partition):
-    """Files of all sizes, in directories; returns how much."""
+    """Creates files of all sizes, in directories; returns how many bytes were written."""
     source = random.Random(partition.name)
     total = 0
     for number in range(FILES):
@@ -192,7 +136,7 @@ def refuse_strangers(_tour):
     check("HTTP status 401" in text, "no refusal")
     text, status = run("curl", "--silent", "--show-error", "--insecure", f"{BASE_URL}/backup")
     show(text)
-    check(status == 52, f"exit status {status}, not that of an empty reply") # curl's manual
+    check(status == 52, f"exit status {status}, not that of an empty reply") # see curl's manual
 
 
 def look_at_host(tour):
@@ -221,8 +165,8 @@ def set_option(tour):
 
 def back_up_all(tour):
     """FULL: copy all that is in use, into images that are no file systems yet"""
-    client = tour.lasting.enter_context(Appliance(certificate=LAB / "device.pem", key=LAB / "device.key",
-                                                  authority=CERTIFICATES / "ca.crt"))
+    client = tour.stack.enter_context(Appliance(certificate=LAB / "device.pem", key=LAB / "device.key",
+                                                authority=CERTIFICATES / "ca.crt"))
     tour.protection = Protection(client, tour.daemon, tour.target, tour.site.disk)
     back_up(tour, "full", dict.fromkeys(tour.protection.partitions, "full"))
 
@@ -235,7 +179,7 @@ def back_up_changes(tour):
 
 
 def change(partition):
-    """Changes files of all kinds; returns what it has done."""
+    """Changes files in several ways; returns a text that says what was done."""
     root = pathlib.Path(partition.volume.mount_point)
     (root / "new file").write_bytes(os.urandom(1 << 20))
     with open(root / "folder 1" / "file 1", "r+b") as file:
@@ -262,14 +206,14 @@ def repair_image(tour):
 
 
 def iscsi_arguments(protection):
-    """The volumes and their images, as `lab/appliance backup` takes them."""
+    """The volumes and their images, as arguments of `lab/appliance backup`."""
     return ("--target", protection.target.portal, "--name", protection.target.name,
             *(word for name, image in protection.images.items()
               for word in ("--volume", f"guid={protection.partitions[name].uuid},lun={image.lun}")))
 
 
 def zephane_arguments(protection):
-    """The same for the second transport. Secrets are in files."""
+    """The same for the second transport. The secrets are given in files."""
     words = ["--zephane", "--target", protection.target.portal]
     for name, image in protection.images.items():
         secret = LAB / f"{name}.secret"
@@ -280,7 +224,8 @@ def zephane_arguments(protection):
 
 
 def back_up(tour, asked, expected, arguments=iscsi_arguments):
-    """Runs a backup, shows its progress, and proves its images. `expected` is the type of each volume."""
+    """Runs a backup, shows its progress, and verifies its images. `expected` has the type of backup of each
+    volume."""
     before = {name: image.writes() for name, image in tour.protection.images.items()}
     kind = ["--full"] if asked == "full" else []
     backup = tour.protection.started_by(
@@ -301,14 +246,14 @@ def back_up(tour, asked, expected, arguments=iscsi_arguments):
 
 
 def show_reason(log, uuid):
-    """What the log tells of a volume that got another type than was asked for."""
+    """Shows the log lines that say why a volume got another type of backup than was asked for."""
     for line in log.splitlines():
         if uuid in line and re.search(r"forcing FULL|failing back|falling back|Downgrading", line):
             show(LOG_DATE.sub("", line))
 
 
 def judge(protection, backup, name, asked, written):
-    """Compares the image with the snapshot, and shows what came of it."""
+    """Compares the image with the snapshot, and shows the outcome."""
     try:
         proof = protection.verify(name)
         show(f"image of {name}: fsck finds no error; {proof.blocks:,} used blocks and {proof.files:,} files "
@@ -323,7 +268,7 @@ def judge(protection, backup, name, asked, written):
 
 
 def seconds_of_copy(log, uuid):
-    """By the times of the two lines that frame the copy of a volume."""
+    """The time between the two log lines at the beginning and the end of a volume's copy."""
     begin, end = (datetime.datetime.fromisoformat(
         re.search(rf"^(\S+ \S+) .*{word} copying volume {uuid}", log, re.MULTILINE)[1])
         for word in ("Beginning", "Finished"))
@@ -332,7 +277,7 @@ def seconds_of_copy(log, uuid):
 
 def back_up_elsewhere(tour):
     """FULL over the second transport, whose images have a secret each"""
-    server = tour.lasting.enter_context(ZephaneServer(directory=IMAGES.mount_point))
+    server = tour.stack.enter_context(ZephaneServer(directory=IMAGES.mount_point))
     show(f"server: zephaned at {server.portal}, with an nbdkit for each image")
     tour.first = tour.protection
     tour.protection = Protection(tour.protection.appliance, tour.daemon, server, [tour.site.disk["data"]])
@@ -340,7 +285,7 @@ def back_up_elsewhere(tour):
 
 
 def restore(secret, *words):
-    """Runs bek-restore, with the secret of the image in its environment."""
+    """Runs bek-restore, with the image's secret in its environment."""
     show_command(["bek-restore", *words])
     done = subprocess.run([program("bek-restore"), *words], stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
                           text=True, check=False, timeout=SECONDS,
@@ -367,11 +312,11 @@ def bring_back_volume(tour):
     partition = tour.site.disk["files"]
     address, secret = address_of(tour.first.images["files"])
     volume = Volume("fresh", mebibytes=partition.volume.mebibytes)
-    fresh = tour.lasting.enter_context(Disk([volume], token="fresh", directory=IMAGES.mount_point))["fresh"]
+    fresh = tour.stack.enter_context(Disk([volume], token="fresh", directory=IMAGES.mount_point))["fresh"]
     restore(secret, "check", address)
     restore(secret, "write", address, fresh.device)
     fsck(fresh.device, "xfs")
-    with looked_into(fresh.device, "xfs") as root:
+    with mounted_unreplayed(fresh.device, "xfs") as root:
         found, expected = tree_hashes(root), tree_hashes(partition.volume.mount_point)
     check(found == expected, "some files aren't what they were")
     show(f"{fresh.device}: the checker finds no error, and all {len(found)} files are those of "
@@ -395,7 +340,7 @@ FAILURES = (StepFailed, AssertionError, CertificateError, NoAnswer, OSError, Ser
 
 
 def run_steps(tour):
-    """Runs the steps until one fails; whether none has."""
+    """Runs the steps until one fails; returns whether all succeeded."""
     for number, step in enumerate(STEPS, 1):
         print(f"\n{number}/{len(STEPS)} {step.__doc__}", flush=True)
         try:
@@ -425,8 +370,8 @@ def main():
     for directory in (LAB, BASE):
         shutil.rmtree(directory, ignore_errors=True)
     print("bekd on a site of its own: $ is what one would type, | what comes of it")
-    with contextlib.ExitStack() as lasting:
-        tour = Tour(lasting)
+    with contextlib.ExitStack() as stack:
+        tour = Tour(stack)
         succeeded = run_steps(tour)
     show_results(tour.results, succeeded)
     return 0 if succeeded else 1

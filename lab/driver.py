@@ -1,8 +1,8 @@
-"""What the snapshot driver shows of itself, and how it is told to forget.
+"""The status files of the snapshot driver, and ways to make it forget its devices.
 
-Inside lab/namespace only: the agent is linked with the library that stands in for the driver, and looks for
-the driver's status below /run, which is private there. That library writes the files itself, anew at each
-look; a test that wants others takes it the lock by which its functions follow each other.
+Inside lab/namespace only: the agent is linked with the library that stands in for the driver. It looks for
+the driver's status below /run, which is private there. That library writes the status files anew at each
+call. A test that wants other content must take away the lock that the library's functions need.
 """
 import json
 import pathlib
@@ -13,33 +13,34 @@ from lab.daemon import program
 
 STATUS = pathlib.Path("/run/tolvubd")
 INFO = STATUS / "info"
-STORE = pathlib.Path("/var/lib/tolvubd") # of what volumes held when their snapshots were taken
+STORE = pathlib.Path("/var/lib/tolvubd") # copies of what the volumes held when their snapshots were taken
 LOCK = STORE / "lock"
 VERSION = "lab-1.0"
 OWN_FILES = (".tolvu", ".tolvu1", ".tolvu.inc", ".tolvu.era") # in the root of a volume
 
 
 def end_session():
-    """What a restart of the machine leaves of the driver until it is asked for something."""
+    """Removes the driver's status, as a restart of the machine does; it is back when the driver is next
+    called."""
     shutil.rmtree(STATUS, ignore_errors=True)
 
 
 def hide_driver():
-    """Takes the driver away until show_driver(), also from under a daemon that has found it."""
+    """Hides the driver until show_driver(), even from a daemon that has found it already."""
     end_session()
     LOCK.unlink(missing_ok=True)
-    LOCK.mkdir(parents=True) # no file can be opened here, so that no function of the library gets its turn
+    LOCK.mkdir(parents=True) # a directory can't be opened as the lock, so every library function fails
 
 
 def show_driver():
-    """Lets the agent find the driver."""
+    """Makes the driver visible to the agent again."""
     if LOCK.is_dir():
         LOCK.rmdir()
-    take_a_turn()
+    refresh_status()
 
 
 def show_status(devices):
-    """Another driver in place of this one says this of its devices, until show_driver()."""
+    """Pretends that another driver reports these devices, until show_driver()."""
     hide_driver()
     STATUS.mkdir(mode=0o755)
     (STATUS / "version").write_text(VERSION + "\n", encoding="ascii")
@@ -47,42 +48,42 @@ def show_status(devices):
 
 
 def driver_version():
-    """What the driver says its version is."""
+    """The version that the driver reports."""
     return (STATUS / "version").read_text(encoding="ascii").splitlines()[0]
 
 
 def info():
-    """What the driver says of itself."""
+    """The driver's whole status."""
     return json.loads(INFO.read_text(encoding="utf-8"))
 
 
 def devices():
-    """What the driver says of each of its devices; nothing where there is no driver."""
+    """The driver's status of each device; empty if there is no driver."""
     return info()["devices"] if INFO.exists() else []
 
 
 def stored_state():
-    """What the driver keeps across restarts of the machine."""
+    """The state that the driver keeps across restarts of the machine."""
     return json.loads((STORE / "state.json").read_text(encoding="utf-8"))
 
 
 def nodes():
-    """The names of the devices that show snapshots."""
+    """The names of the device nodes of snapshots."""
     return sorted(path.name for path in pathlib.Path("/dev").iterdir() if "tolvu" in path.name)
 
 
-def take_a_turn():
-    """The driver writes its status anew."""
+def refresh_status():
+    """Makes the driver write its status anew."""
     run(program("tolvuctl"), "cleanup")
 
 
 def restart():
-    """As after a restart of the machine on which no reload script gives a device back."""
+    """Simulates a restart of the machine after which no reload script gives a device back to the driver."""
     end_session()
-    take_a_turn()
+    refresh_status()
 
 
 def forget_devices():
-    """The driver knows no volume any more."""
+    """Makes the driver forget all its volumes."""
     for device in devices():
         run(program("tolvuctl"), "destroy", device["minor"])

@@ -1,4 +1,4 @@
-"""ext2, ext3 and ext4, by their own tools."""
+"""ext2, ext3 and ext4, examined with their own tools."""
 import re
 
 from lab import mounts
@@ -8,12 +8,12 @@ from lab.used_blocks import Truth
 
 
 def number(text, name):
-    """One of those at the top of what dumpe2fs prints."""
+    """A number from the header that dumpe2fs prints."""
     return int(re.search(rf"^{name}: +(\d+)", text, re.MULTILINE)[1])
 
 
 def ranges_in(text):
-    """(first, count) of ranges of numbers as the tools print them: 1-3, 7."""
+    """Yields (first, count) for each range of numbers in the format of the tools: 1-3, 7."""
     for first, last in re.findall(r"(\d+)(?:-(\d+))?", text):
         yield int(first), int(last or first) - int(first) + 1
 
@@ -25,8 +25,9 @@ def truth(volume):
     return Truth(number(text, "Block count"), number(text, "Block size"), free)
 
 
-def sleeping(volume):
-    """The structures of groups that were never used, and what lies in front of the first group."""
+def unknown_to_driver(volume):
+    """The extents of the structures in block groups that were never used, and of what lies before the first
+    group."""
     text = run("dumpe2fs", volume)
     size = number(text, "Block size")
     found = [(0, number(text, "First block") * size)]
@@ -40,12 +41,12 @@ def sleeping(volume):
     return sorted(found)
 
 
-def doubtful(_volume):
+def may_be_reported_used(_volume):
     return set()
 
 
 def descriptors_at(block_size):
-    """Where the descriptors of the groups begin: in the block behind that of the super block."""
+    """Where the group descriptors begin: in the block after the superblock's."""
     return max(2048, block_size)
 
 
@@ -76,14 +77,14 @@ KIND = Kind(
     mebibytes=64,
     mount=mounts.mounted,
     can_freeze=True,
-    look="ro,noload",
-    write="rw",
-    calm="noinit_itable", # a new one has tables that the kernel fills when it is idle
+    read_only_options="ro,noload",
+    writable_options="rw",
+    quiet_options="noinit_itable", # on a new volume the kernel initializes inode tables when it is idle
     check=("e2fsck", "-fn"),
     needs_replay=False,
     truth=truth,
-    sleeping=sleeping,
-    doubtful=doubtful,
+    unknown_to_driver=unknown_to_driver,
+    may_be_reported_used=may_be_reported_used,
     structures=structures,
     usual=USUAL,
     samples=(

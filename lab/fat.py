@@ -1,4 +1,4 @@
-"""FAT32. Few servers have a kernel that mounts it, so its driver is a process here."""
+"""FAT32. Few server kernels can mount it, so a FUSE driver does it here."""
 import contextlib
 import dataclasses
 import functools
@@ -13,14 +13,15 @@ from lab.kind import Kind, Sample, Seed
 from lab.used_blocks import Truth
 
 BOOT_SECTOR = 512
-ENTRY = 4    # bytes of a FAT for each cluster
-RESERVED = 2 # the first entries, which stand for no cluster
+ENTRY = 4    # bytes of a FAT entry, one for each cluster
+RESERVED = 2 # the first entries belong to no cluster
 
 
 @contextlib.contextmanager
 def mounted(device, mount_point, options, _file_system):
-    """By default it can be written to, as with a kernel. The driver loses the clusters of a file that is cut
-    while it is open; so one that is written anew keeps its length, and what is behind the new content."""
+    """Mounts the volume; it is writable by default, as with a kernel driver. The FUSE driver leaks the
+    clusters of a file that is truncated while it is open. So a file that is written anew keeps its length,
+    and the old content after the new."""
     mount_point = pathlib.Path(mount_point)
     mount_point.mkdir(parents=True, exist_ok=True)
     own = f"blkdev,big_writes,atomic_o_trunc,fsname={device}"
@@ -32,13 +33,13 @@ def mounted(device, mount_point, options, _file_system):
 
 @dataclasses.dataclass
 class Geometry:
-    """What the boot sector says; all but the number of clusters in bytes."""
+    """The geometry from the boot sector, in bytes except for the number of clusters."""
 
     sector: int
     cluster: int
-    fat: int       # where the first FAT begins
+    fat: int       # offset of the first FAT
     fat_size: int
-    data: int      # where the first cluster begins
+    data: int      # offset of the first cluster
     clusters: int
     size: int      # of the file system
 
@@ -58,7 +59,8 @@ class Geometry:
 
     @property
     def blocks(self):
-        """As large as a cluster, and the first one begins with the volume."""
+        """The number of blocks. A block is as large as a cluster, and block 0 begins at byte 0 of the
+        volume."""
         return -(-self.size // self.cluster)
 
     @property
@@ -71,9 +73,9 @@ def truth(volume):
 
 
 def truth_by(oracle, volume):
-    """What an oracle says of the sectors. A block is used if any byte of it is: it may be a part of two
-    clusters, or of the FATs and a cluster. What lies behind the last cluster, too short for one more, is
-    nothing that is used."""
+    """The truth from an oracle that reports used sectors. A block is used if any byte of it is used: it may
+    overlap two clusters, or the FATs and a cluster. The space after the last cluster is too short for another
+    one and counts as unused."""
     geometry = Geometry.of(volume)
     used = set()
     for begin, length in oracle(volume, geometry.sector).used_extents():
@@ -84,12 +86,12 @@ def truth_by(oracle, volume):
     return Truth(geometry.blocks, geometry.cluster, free)
 
 
-def sleeping(_volume):
+def unknown_to_driver(_volume):
     return []
 
 
-def doubtful(volume):
-    """The last block, where the FAT has no entry for the cluster that would begin in it."""
+def may_be_reported_used(volume):
+    """The last block, if the FAT has no entry for the cluster that would begin in it."""
     geometry = Geometry.of(volume)
     entries = geometry.fat_size // ENTRY
     is_without_entry = entries <= geometry.clusters + 2 * RESERVED
@@ -97,13 +99,13 @@ def doubtful(volume):
 
 
 def structures(device, _root):
-    """The boot sector, the first FAT, and the first cluster, which has the root directory."""
+    """The boot sector, the first FAT, and the first cluster, which holds the root directory."""
     geometry = Geometry.of(device)
     return {0: "Logical sector size", geometry.fat: "FATs differ", geometry.data: "bad entries"}
 
 
 def extents(device, _root, name):
-    """Its driver doesn't tell."""
+    """The extents of a file. The FUSE driver can't report them, so mshowfat does."""
     geometry = Geometry.of(device)
     clusters = re.findall(r"[<,] ?(\d+)(?:-(\d+))?", run("mshowfat", "-i", device, f"::/{name}"))
     return [(geometry.data + (int(first) - RESERVED) * geometry.cluster,
@@ -125,15 +127,15 @@ KIND = Kind(
     label_option="-n",
     mebibytes=90, # with fewer clusters than 65,525 some tools take it for FAT16
     mount=mounted,
-    can_freeze=False, # FIFREEZE is not for file systems in user space
-    look="ro",
-    write="rw+",
-    calm="rw+",
+    can_freeze=False, # FIFREEZE doesn't work on FUSE file systems
+    read_only_options="ro",
+    writable_options="rw+",
+    quiet_options="rw+",
     check=("fsck.fat", "-n"),
-    needs_replay=True, # a volume in use is marked as such until it is unmounted
+    needs_replay=True, # a mounted volume is marked dirty until it is unmounted
     truth=truth,
-    sleeping=sleeping,
-    doubtful=doubtful,
+    unknown_to_driver=unknown_to_driver,
+    may_be_reported_used=may_be_reported_used,
     structures=structures,
     usual=USUAL,
     samples=(

@@ -1,32 +1,32 @@
-"""The kinds of file systems of the lab, one row each, and what is done with a volume by its kind.
+"""The kinds of file systems of the lab, one row each, and operations on a volume that depend on its kind.
 
     make("ext4", device, label="data")
     with mounted("ext4", device, "/mnt/data") as root:
         ...
     truth_of(device, "ext4").used_extents()
 
-A file system that no row is for is an UnknownKind; none is treated as if it were another. A new kind is a
-file beside this one, which says what kind.py asks for, and a row here.
+A file system without a row raises UnknownKind; none is treated like another. To add a kind, add a file beside
+this one that provides what kind.py asks for, and a row here.
 """
 from lab import ext, fat, hfs, ntfs, xfs
 from lab.commands import run
 from lab.kind import Format
 
 KINDS = (ext.KIND, xfs.KIND, ntfs.KIND, fat.KIND, hfs.KIND)
-# What else can be on a partition; no image of it is ever looked into.
+# Other things that a partition can hold; no test looks into an image of them.
 OTHERS = (Format({"swap": ("mkswap", "--force")}, "--label", mount=None),)
 
 
 class UnknownKind(ValueError):
-    """There is no row for a file system."""
+    """No row knows this file system."""
 
 
 class NotMountable(ValueError):
-    """Nothing here mounts such a file system."""
+    """The lab can't mount this file system."""
 
 
 def kind_of(file_system):
-    """The row of a file system that the agent knows the used blocks of."""
+    """The row of a file system whose used blocks the agent can determine."""
     return row_of(file_system, KINDS)
 
 
@@ -39,8 +39,8 @@ def row_of(file_system, rows):
 
 
 def make(file_system, device, *options, label=""):
-    """Makes a file system on a device or in an image; whatever is there is gone. The label is left out where
-    there are none."""
+    """Makes a file system on a device or in an image, over whatever is there. The label is left out if the
+    file system has none."""
     row = row_of(file_system, KINDS + OTHERS)
     labelling = (row.label_option, label) if label and row.label_option else ()
     run(*row.makers[file_system], *labelling, *options, device)
@@ -55,16 +55,16 @@ def mounted(file_system, device, mount_point, options="defaults"):
 
 
 def truth_of(volume, file_system):
-    """What the file system's own tool says of the used blocks of a device or an image: a Truth."""
+    """The used blocks of a device or an image, according to the file system's own tool: a Truth."""
     return kind_of(file_system).truth(volume)
 
 
 def usual_samples():
-    """What images like those of backups are made of: the Samples for it of all kinds that can be mounted."""
+    """The Samples for images like those of backups, of all kinds that can be mounted."""
     return [sample for kind in KINDS for sample in kind.usual or ()]
 
 
 def freezable():
-    """The file systems of these samples that a snapshot can be taken of while they are in use."""
+    """The file systems of these samples that can be frozen for a snapshot while they are mounted."""
     return list(dict.fromkeys(sample.file_system for sample in usual_samples()
                               if kind_of(sample.file_system).can_freeze))

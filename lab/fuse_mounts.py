@@ -1,4 +1,4 @@
-"""Mounts of file systems whose driver is a process, which last as long as a context does."""
+"""FUSE mounts, which last as long as a context does."""
 import os
 
 from lab.commands import run
@@ -9,7 +9,7 @@ SECONDS = 60
 
 
 class FuseMount(Service):
-    """The process that is a mount: it runs in the foreground, by a command of its file system's own."""
+    """The FUSE process of a mount. It runs in the foreground; the command is that of the file system."""
 
     def __init__(self, command, mount_point):
         super().__init__()
@@ -28,7 +28,7 @@ class FuseMount(Service):
     def stop(self):
         if os.path.ismount(self._mount_point):
             run("umount", self._mount_point)
-            self._process.wait(SECONDS) # it still has to say on the disk that the volume is in order
+            self._process.wait(SECONDS) # it still has to mark the volume clean on the disk
         super().stop()
         if self._keeper:
             self._keeper.wait(SECONDS)

@@ -1,4 +1,4 @@
-"""HFS+ with a copy of its header at byte 0. Nothing here mounts it, and volumes come from hfs_maker.py."""
+"""HFS+ with a copy of its header at byte 0. The lab can't mount it; hfs_maker.py makes the volumes."""
 import pathlib
 import struct
 
@@ -18,7 +18,7 @@ LEAF = -1
 
 
 class HfsVolume:
-    """What the header of a volume says, and where its bitmap and its tree of extents are."""
+    """The fields of a volume's header, and where its bitmap and its extents tree are."""
 
     def __init__(self, file):
         self._file = file
@@ -28,7 +28,7 @@ class HfsVolume:
         self.bitmap = self._extents_at(self._header, ALLOCATION_FORK + 16) + self._overflow()
 
     def places(self, extents):
-        """(offset, length) in bytes."""
+        """Extents of blocks as (offset, length) in bytes."""
         return [(first * self.block_size, count * self.block_size) for first, count in extents]
 
     def _read(self, place, length):
@@ -40,7 +40,7 @@ class HfsVolume:
         return [extent for extent in found if extent[1]]
 
     def _overflow(self):
-        """Those of the bitmap in the leaves of the tree."""
+        """The extents of the bitmap that the leaves of the extents tree hold."""
         data = b"".join(self._read(*place) for place in self.places(self.tree))
         node_size, = struct.unpack_from(">H", data, 14 + 18)
         found = {}
@@ -56,7 +56,7 @@ class HfsVolume:
 
 
 def truth(volume):
-    """By blkls, which has to come to the number of free blocks that the header has."""
+    """The truth by blkls. Its number of free blocks must be the one in the volume header."""
     with open(volume, "rb") as file:
         facts = HfsVolume(file)
     found = sleuthkit("hfs", volume, facts.block_size)
@@ -67,11 +67,11 @@ def truth(volume):
     return found
 
 
-def sleeping(_volume):
+def unknown_to_driver(_volume):
     return []
 
 
-def doubtful(_volume):
+def may_be_reported_used(_volume):
     return set()
 
 
@@ -99,14 +99,14 @@ KIND = Kind(
     mebibytes=32,
     mount=None,
     can_freeze=False,
-    look=None,
-    write=None,
-    calm=None,
+    read_only_options=None,
+    writable_options=None,
+    quiet_options=None,
     check=("fsstat", "-f", "hfs"),
     needs_replay=False,
     truth=truth,
-    sleeping=sleeping,
-    doubtful=doubtful,
+    unknown_to_driver=unknown_to_driver,
+    may_be_reported_used=may_be_reported_used,
     structures=None,
     usual=None,
     samples=(

@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
-"""Makes an HFS+ volume, with files if so many are asked for, in an image or on a device.
+"""Makes an HFS+ volume, with as many files as asked for, in an image or on a device.
 
-The header stands at byte 1024, its backup 1024 bytes before the end, and a copy at byte 0 unless
---usual-header-only is given. Times are always the same, so equal options make equal volumes.
+The header is at byte 1024, its backup 1024 bytes before the end, and a copy at byte 0 unless
+--usual-header-only is given. Times are fixed, so equal options make equal volumes.
 """
 import argparse
 import os
@@ -16,6 +16,7 @@ sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1]))
 
 from lab.hfs_tree import BIG_KEYS, BINARY, VARIABLE_INDEX_KEYS, Tree  # noqa: E402
 
+BLOCK_SIZES = [512 << shift for shift in range(13)]
 USUAL_HEADER = 1024
 HEADER_SIZE = 512
 IN_A_FORK = 8 # extents
@@ -46,7 +47,7 @@ CHECKSUM_PLACE = 36
 
 
 class Space:
-    """The blocks of a volume: which of them are used, and where the next ones are taken from."""
+    """The blocks of a volume: which ones are used, and where the next ones are allocated."""
 
     def __init__(self, blocks, block_size):
         self.blocks = blocks
@@ -56,18 +57,20 @@ class Space:
         self._bits = bytearray(-(-blocks // 8))
 
     def needed(self, length):
-        """Blocks for so many bytes."""
+        """The number of blocks for `length` bytes."""
         return -(-length // self.block_size)
 
     def use(self, first, count):
-        assert first + count <= self.blocks, "the volume is too small"
+        if first + count > self.blocks:
+            raise ValueError("the volume is too small")
         for block in range(first, first + count):
             assert not self._bits[block // 8] & 0x80 >> block % 8
             self._bits[block // 8] |= 0x80 >> block % 8
         self.free -= count
 
     def take(self, length, fragments=1):
-        """Extents (first, count) for so many bytes, with free blocks behind each if there are several."""
+        """Allocates extents (first, count) for `length` bytes. If there are several, free blocks follow each
+        of them."""
         needed = self.needed(length)
         fragments = min(fragments, needed)
         extents = []
@@ -79,12 +82,12 @@ class Space:
         return extents
 
     def content(self):
-        """The bytes of the bitmap."""
+        """The bitmap as bytes."""
         return bytes(self._bits)
 
 
 class OwnedFile:
-    """A file of the volume: its number, its length and where it lies."""
+    """A file of the volume: its ID, its length and its extents."""
 
     def __init__(self, number, length, extents):
         self.number = number
@@ -96,7 +99,7 @@ class OwnedFile:
                 + packed(self.extents[:IN_A_FORK]))
 
     def overflow(self):
-        """The records of the tree of extents: what doesn't fit in the fork."""
+        """The records of the extents tree: the extents that don't fit in the fork."""
         for index in range(IN_A_FORK, len(self.extents), IN_A_FORK):
             before = sum(count for _, count in self.extents[:index])
             yield (EXTENT_KEY.pack(EXTENT_KEY.size - 2, 0, self.number, before),
@@ -136,7 +139,7 @@ class Maker:
         self._space.use(backup, self._space.blocks - backup)
 
     def _user_files(self):
-        """Each third file is in pieces, and of these each third in more than a fork has room for."""
+        """Every third file is fragmented, and every third of these has more extents than fit in a fork."""
         for number in range(self._options.files):
             fragments = 1 if number % 3 else 11 if number % 9 == 0 else 4
             length = length_of(number)
@@ -158,7 +161,7 @@ class Maker:
         return OwnedFile(number, len(content), self._space.take(len(content))), content
 
     def _make_journal(self):
-        """An empty one. Returns the block that tells where it is."""
+        """Makes an empty journal. Returns the number of the block that says where it is."""
         (info, _), = self._space.take(JOURNAL_INFO.size)
         (first, count), = self._space.take(JOURNAL_SIZE)
         place, length = (part * self._space.block_size for part in (first, count))
@@ -199,27 +202,28 @@ class Maker:
 
 
 def length_of(number):
-    """Bytes of a file by its number."""
+    """The length of a file in bytes, by its number."""
     return 1 + number * 7919 % 97 * 2000
 
 
 def content_of(number):
-    """Its bytes."""
+    """The content of a file, by its number."""
     return random.Random(number).randbytes(length_of(number))
 
 
 def path_of(number):
-    """Where it is."""
+    """The path of a file, by its number."""
     return f"d{number % DIRECTORIES}/f{number}"
 
 
 def packed(extents):
-    """The bytes of eight extents."""
+    """The bytes of eight extents, padded with zeros."""
     return b"".join(EXTENT.pack(*extent) for extent in extents).ljust(IN_A_FORK * EXTENT.size, b"\0")
 
 
 def catalog_records(files):
-    """(key, value) of all directories and files, and of the threads that lead back to each."""
+    """(key, value) of all directories and files, and of their thread records, which lead from an ID to its
+    parent."""
     yield from folder(PARENT_OF_ROOT, "lab", ROOT, DIRECTORIES)
     for number in range(DIRECTORIES):
         inside = len(files[number::DIRECTORIES])
@@ -247,7 +251,7 @@ def catalog_key(parent, name):
 
 
 def catalog_order(record):
-    """By the directory, then by the name, whose length doesn't count."""
+    """The sort key of a record: the parent directory, then the name without its length."""
     key, _ = record
     return key[2:6], key[8:]
 
@@ -261,7 +265,7 @@ def permissions(mode):
 
 
 def journal_header(length):
-    """Of a journal without anything to be replayed, in the order of bytes of most machines."""
+    """The header of a journal with nothing to replay, in little-endian byte order."""
     head = JOURNAL_HEADER.pack(JOURNAL_MAGIC, JOURNAL_ENDIAN, HEADER_SIZE, HEADER_SIZE, length, 4096, 0,
                                HEADER_SIZE)
     checksum = 0
@@ -272,7 +276,8 @@ def journal_header(length):
 
 def parsed(arguments):
     parser = argparse.ArgumentParser(description=__doc__)
-    parser.add_argument("--block-size", type=int, default=4096)
+    parser.add_argument("--block-size", type=int, default=4096, choices=BLOCK_SIZES,
+                        metavar="BYTES", help="a power of two from 512 to 2097152; 4096 by default")
     parser.add_argument("--files", type=int, default=0, help="how many, in four directories")
     parser.add_argument("--hollow", action="store_true", help="what files hold isn't written")
     parser.add_argument("--fragments", type=int, default=1, help="of the bitmap, with free blocks between")
@@ -291,8 +296,14 @@ def parsed(arguments):
 
 def main(arguments):
     options = parsed(arguments)
-    with open(options.image, "r+b") as image:
-        Maker(image, options).make()
+    try:
+        with open(options.image, "r+b") as image:
+            Maker(image, options).make()
+    except OSError as error:
+        sys.exit(f"lab/hfs_maker.py: {options.image}: {error.strerror}; it must be a device, or a file of "
+                 "the volume's size, as truncate --size makes it")
+    except (ValueError, struct.error) as error:
+        sys.exit(f"lab/hfs_maker.py: {options.image}: {error}")
 
 
 if __name__ == "__main__":

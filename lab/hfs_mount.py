@@ -1,6 +1,6 @@
-"""Something that is mounted where an HFS+ volume would be, as no kernel here knows it: a process that shows
-the size and the free blocks of the volume and keeps files of others, which are the agent's, in memory. The
-volume itself stays as it is.
+"""A stand-in for a mounted HFS+ volume, as no kernel here can mount one: a FUSE process that reports the size
+and the free blocks of the volume. It keeps the files that are created there, which are the agent's, in
+memory. The volume itself isn't changed.
 
     hfs_mount.py DEVICE MOUNT_POINT
 """
@@ -24,7 +24,7 @@ FUSE = pathlib.Path("/dev/fuse")
 
 
 class HfsMount(Service):
-    """The process, for a device that nothing else has mounted."""
+    """The FUSE process, for a device that isn't mounted otherwise."""
 
     def __init__(self, device, mount_point):
         super().__init__()
@@ -34,7 +34,7 @@ class HfsMount(Service):
 
     def prepare(self):
         self._mount_point.mkdir(parents=True, exist_ok=True)
-        if not FUSE.exists(): # where /dev isn't the kernel's
+        if not FUSE.exists(): # where /dev is private, without the kernel's nodes
             os.mknod(FUSE, 0o600 | stat.S_IFCHR, os.makedev(10, 229))
 
     def is_ready(self):

@@ -1,4 +1,4 @@
-"""The trees of HFS+: nodes of one size, each with records in the order of their keys."""
+"""The B-trees of HFS+: nodes of one size, each with records in the order of their keys."""
 import itertools
 import struct
 
@@ -10,15 +10,15 @@ OFFSET = 2
 SPARE_NODES = 4
 LEAF, INDEX, HEADER = -1, 0, 1
 BIG_KEYS, VARIABLE_INDEX_KEYS = 2, 4
-BINARY = 0xBC # how names are compared, for those that differ by case
+BINARY = 0xBC # compare names by their bytes, for names that differ only in case
 
 
 class Tree:
-    """A file of nodes, made from all its records.
+    """A B-tree file, made from all its records at once.
 
     records   [(key, value)] as bytes, in order
-    depth     levels: 1 for a root that is a leaf; None for as few as the records need
-    stale     whether something is left behind the records of its indexes
+    depth     the number of levels: 1 for a root that is a leaf; None for as few as the records need
+    stale     whether left-over bytes follow the records of index nodes
     """
 
     def __init__(self, records, longest_key, *, attributes=BIG_KEYS, compare=0, depth=None, stale=False):
@@ -28,7 +28,7 @@ class Tree:
         self._attributes = attributes
         self._compare = compare
         self._stale = stale
-        self._most = most_for(len(records), depth)
+        self._most = max_records_per_node(len(records), depth)
         self._made = [b""]
         self._levels = []
 
@@ -36,7 +36,7 @@ class Tree:
             self._add_levels()
 
     def content(self, block_size):
-        """The bytes of a file of whole blocks, with some nodes to spare."""
+        """The bytes of the file, in whole blocks, with some spare nodes."""
         in_a_block = max(1, block_size // NODE_SIZE)
         nodes = -(-(len(self._made) + SPARE_NODES) // in_a_block) * in_a_block
         content = self._header_node(nodes) + b"".join(self._made[1:])
@@ -49,7 +49,7 @@ class Tree:
             firsts, numbers = self._add_level(INDEX, records, firsts)
 
     def _add_level(self, kind, records, keys):
-        """Adds the nodes of a level; returns the first key and the number of each."""
+        """Adds the nodes of a level; returns the first key and the number of each node."""
         groups = list(grouped(records, self._most))
         first = len(self._made)
         self._levels.append(range(first, first + len(groups)))
@@ -82,8 +82,8 @@ class Tree:
         return self._node(HEADER, [header, bytes(USER_RECORD), bytes(bitmap)])
 
 
-def most_for(records, depth):
-    """How many records a node may have for a tree of so many levels."""
+def max_records_per_node(records, depth):
+    """The maximum number of records per node that gives a tree of `depth` levels."""
     if depth is None:
         return NODE_SIZE
     for most in range(max(records, 2), 1, -1):
@@ -101,7 +101,7 @@ def levels(records, most):
 
 
 def grouped(records, most):
-    """The records of each node: as many as fit, and no more than `most`."""
+    """The records of each node: as many as fit, but at most `most`."""
     group, size = [], DESCRIPTOR.size + OFFSET
     for record in records:
         if group and (len(group) == most or size + len(record) + OFFSET > NODE_SIZE):

@@ -1,4 +1,4 @@
-"""A client of the device API that tests can hold by every single byte.
+"""A client of the device API with which tests control every single byte.
 
     client = Client(authority.certificate, device)
     answer = client.request("GET", "/host")        # None: the connection was closed without an answer
@@ -26,7 +26,7 @@ class Answer:
 
 
 class Connection:
-    """A TLS connection. An answer that does not come, the other side being closed or silent, is None."""
+    """A TLS connection. If no answer comes, as the other side has closed or is silent, the answer is None."""
 
     def __init__(self, wrapped):
         self.socket = wrapped
@@ -35,7 +35,7 @@ class Connection:
         self.socket.sendall(data)
 
     def send_request(self, method, url, body=None, headers=()):
-        """Sends a whole request; a body comes with its length, None without one."""
+        """Sends a whole request. If there is a body, Content-Length is sent with it."""
         length = () if body is None else (f"Content-Length: {len(body)}",)
         lines = (f"{method} {url} HTTP/1.1", "Host: agent", *length, *headers, "", "")
         self.send("\r\n".join(lines).encode("latin-1") + (body or b""))
@@ -49,7 +49,7 @@ class Connection:
             return None
 
     def request(self, method, url, body=None):
-        """Returns the answer, or None if there was none. The connection stays open for a further request."""
+        """Returns the answer, or None if there was none. The connection stays open for another request."""
         with contextlib.suppress(ConnectionError, ssl.SSLError): # an early refusal may still have an answer
             self.send_request(method, url, body)
         return self.read_answer(method)
@@ -65,8 +65,8 @@ class Connection:
 
 
 class Client:
-    """Where the API is, and who asks: an identity of lab.certificates, or None for nobody. `source` is the
-    address to ask from."""
+    """A client: the address of the API, and the client's identity of lab.certificates, or None for no
+    certificate. `source` is the local address to connect from."""
 
     def __init__(self, authority, identity=None, base_url=BASE_URL, source=None):
         parts = urllib.parse.urlsplit(base_url)
@@ -82,6 +82,6 @@ class Client:
         return Connection(self.context.wrap_socket(plain, server_hostname=self.address[0]))
 
     def request(self, method, url, body=None):
-        """One request on a connection of its own."""
+        """Sends one request on a connection of its own."""
         with self.connect() as connection:
             return connection.request(method, url, body)

@@ -1,13 +1,14 @@
-"""What the lab's servers of images have in common: files that are poison at first, and an appliance's faults.
+"""The common part of the lab's image servers: images that are poisoned at first, and ways to make a server
+fail.
 
     with SomeServer() as server:
         image = server.add_image("data", 1 << 30)
-        image.path, image.place()
+        image.path, image.request_keys()
         before = image.writes()
         ...
         (image.writes() - before).commands
 
-The images, and what was written to them, outlive kill() and restart(); they go with the server.
+The images, and what was written to them, survive kill() and restart(); they are removed with the server.
 """
 import contextlib
 import dataclasses
@@ -25,7 +26,7 @@ STOPPED = "T"
 
 @dataclasses.dataclass(frozen=True)
 class Writes:
-    """Commands that have written, and how much."""
+    """The number of commands that have written data, and the number of bytes written."""
 
     commands: int = 0
     bytes: int = 0
@@ -44,10 +45,10 @@ def is_stopped(thread):
 
 
 class ImageServer(Service):
-    """One process that serves the images below `directory`; on XFS their poison costs no room. An image has a
-    `path` and its `writes()`, and says by `place()` what a backup request calls it."""
+    """One process that serves the images below `directory`; on XFS the poison costs no room. An image has a
+    `path` and `writes()`; `request_keys()` returns the keys that name it in a backup request."""
 
-    interface = None # what a backup request calls the transport
+    interface = None # the name of the transport in a backup request
 
     def __init__(self, port, directory):
         super().__init__()
@@ -60,18 +61,18 @@ class ImageServer(Service):
     def portal(self):
         return f"{ADDRESS}:{self.port}"
 
-    def open(self, lasting):
-        self.directory = self.make_directory(lasting, "images-", self._parent)
+    def open(self, stack):
+        self.directory = self.make_directory(stack, "images-", self._parent)
 
     @staticmethod
-    def make_directory(lasting, prefix, parent):
-        """One that goes with the server."""
-        return pathlib.Path(lasting.enter_context(tempfile.TemporaryDirectory(prefix=prefix, dir=parent)))
+    def make_directory(stack, prefix, parent):
+        """Makes a temporary directory that is removed with the server."""
+        return pathlib.Path(stack.enter_context(tempfile.TemporaryDirectory(prefix=prefix, dir=parent)))
 
     def add_image(self, name, size, *, poisoned=True, **options):
-        """Adds an image of `size` bytes. Its file is there, all poison, until the server goes; without
-        poison, for those too large to be filled, it is a hole. Which `options` there are, each kind of server
-        says."""
+        """Adds an image of `size` bytes. Its file is full of poison, and lasts until the server ends. If
+        `poisoned` is false, for images too large to be filled, the file is sparse. `options` depend on the
+        kind of server."""
         path = self.directory / name
         if poisoned:
             poison.make_image(path, size)
@@ -83,33 +84,34 @@ class ImageServer(Service):
         return image
 
     def serve(self, path, **options):
-        """Makes an image of a file that is there, and shows it to who is allowed to see it."""
+        """Makes an image of an existing file, and exports it to those who may access it."""
         raise NotImplementedError
 
     def fetch(self, image):
-        """Brings the file of an image up to what the image holds, where that is kept elsewhere."""
+        """Updates the image's file with the content of the image, if that is stored elsewhere."""
 
     def sessions(self):
-        """How many are being served."""
+        """The number of sessions that are being served."""
         raise NotImplementedError
 
-    def settle_accounts(self):
-        """For what is told of the images by a process that is going to be killed."""
+    def save_write_counters(self):
+        """Saves the counters of the images that would be lost when the server process is killed."""
 
     def writes(self):
-        """What has been written to all of the images."""
+        """The writes to all images together."""
         return sum((image.writes() for image in self.images), Writes())
 
     def all_threads(self):
         return set(pathlib.Path("/proc", str(self.pid), "task").iterdir())
 
     def pause(self):
-        """Lets everybody wait: nothing is answered until resume(). Returns when all is at a standstill."""
+        """Suspends the server: nothing is answered until resume(). Returns when all its threads have
+        stopped."""
         if not self._halt():
             self.check_running()
 
     def _halt(self):
-        """Returns whether the server has come to a standstill; if not, it has ended."""
+        """Suspends the server; returns True when it has stopped, or False if it has ended."""
         self._process.send_signal(signal.SIGSTOP)
         wait_until(lambda: self._has_ended() or all(map(is_stopped, self.all_threads())), SECONDS,
                    f"{type(self).__name__} stopped")
@@ -127,27 +129,27 @@ class ImageServer(Service):
         self._process.send_signal(signal.SIGCONT)
 
     def kill(self):
-        """Ends the server at once, as a crash of the appliance does. What has been counted is kept."""
+        """Ends the server at once, as a crash of the appliance does. The counters of writes are kept."""
         if self._process is None:
             return
         if self._halt():
-            self.settle_accounts()
+            self.save_write_counters()
         self._process.kill()
         self._process.wait(SECONDS)
         self._process = None
         self._log.close()
 
     def restart(self):
-        """Brings back the same images under the same names; ends a server that is up first."""
+        """Starts the server again with the same images under the same names; kills it first if it is up."""
         self.kill()
         return self.start()
 
 
 def address_of(image):
-    """(address, secret) of an image, as bek-restore takes them."""
-    place = image.place()
-    secret = place["password"]
-    if "username" not in place:
-        return f"zephane://{place['target']}/{place['name']}/{place['lun']}", secret
-    user = f"{place['username']}@" if place["username"] else ""
-    return f"iscsi://{user}{place['target']}/{place['name']}/{place['lun']}", secret
+    """(address, secret) of an image, in the form that bek-restore takes."""
+    keys = image.request_keys()
+    secret = keys["password"]
+    if "username" not in keys:
+        return f"zephane://{keys['target']}/{keys['name']}/{keys['lun']}", secret
+    user = f"{keys['username']}@" if keys["username"] else ""
+    return f"iscsi://{user}{keys['target']}/{keys['name']}/{keys['lun']}", secret

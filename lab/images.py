@@ -1,4 +1,4 @@
-"""Checks of an image that a backup has written, against the snapshot or the volume that it was made from.
+"""Checks of an image that a backup has written, against the snapshot or the volume it was made from.
 
     fsck(image.path, "ext4")
     with mounted(image.path, "ext4") as root:
@@ -31,7 +31,7 @@ SHOWN = 10
 
 
 class ImageError(AssertionError):
-    """An image isn't what it should be."""
+    """An image doesn't hold what it should."""
 
 
 @contextlib.contextmanager
@@ -41,38 +41,39 @@ def mounted_somewhere(device, file_system, options):
         yield tree
 
 
-def looked_into(device, file_system):
-    """Where the tree on a device is to be seen. No journal is replayed: it has to be right as it stands."""
-    return mounted_somewhere(device, file_system, kind_of(file_system).look)
+def mounted_unreplayed(device, file_system):
+    """Mounts the volume of a device without replaying a journal: its content must be right as it is."""
+    return mounted_somewhere(device, file_system, kind_of(file_system).read_only_options)
 
 
 @contextlib.contextmanager
 def mounted(image, file_system, offset=0):
-    """Where the tree in the image is to be seen, as it stands."""
-    with shown(image, offset) as device, looked_into(device, file_system) as root:
+    """Mounts the volume in the image, as it is; yields the root directory."""
+    with read_only_device(image, offset) as device, mounted_unreplayed(device, file_system) as root:
         yield root
 
 
-def shown(image, offset):
-    """The device that shows an image to those who only look."""
+def read_only_device(image, offset):
+    """A read-only loop device for the image."""
     return attached(image, "--read-only", "--offset", str(offset))
 
 
 def fsck(image, file_system, offset=0):
-    """Has the file system's own tool look through the image; raises ImageError with what it says."""
+    """Checks the image with the file system's own tool; raises ImageError with the tool's output."""
     kind = kind_of(file_system)
-    with replayed(image, file_system, offset) if kind.needs_replay else shown(image, offset) as device:
+    with (replayed(image, file_system, offset) if kind.needs_replay
+          else read_only_device(image, offset)) as device:
         check(*kind.check, device)
 
 
 @contextlib.contextmanager
 def replayed(image, file_system, offset=0):
-    """A device that shows a copy of the image, whose journal the kernel has replayed."""
+    """A loop device for a copy of the image whose journal the kernel has replayed."""
     with tempfile.NamedTemporaryFile(dir=pathlib.Path(image).parent, prefix="replay-") as copy:
         run("cp", "--reflink=auto", image, copy.name)
         with attached(copy.name, "--offset", str(offset)) as device:
             try:
-                with mounted_somewhere(device, file_system, kind_of(file_system).write):
+                with mounted_somewhere(device, file_system, kind_of(file_system).writable_options):
                     pass
             except OSError as error:
                 raise ImageError(f"{image}: {error}") from error
@@ -87,8 +88,8 @@ def check(*command):
 
 
 class Entry(typing.NamedTuple):
-    """What is known of a file. `content` is the hash of what it holds, or where a link leads to. A folder has
-    no size: ntfs-3g tells another one of the same folder when it is mounted again."""
+    """The properties of a file. `content` is a hash of the file's data, or the target of a symbolic link. The
+    size of a directory is 0, as ntfs-3g reports different sizes for it from mount to mount."""
 
     mode: str
     owner: int
@@ -99,7 +100,7 @@ class Entry(typing.NamedTuple):
 
 
 def tree_hashes(root):
-    """All that is in a tree, by relative path, but for the files of the driver and the agent."""
+    """The entries of all files in a tree, by relative path, except the files of the driver and the agent."""
     root = pathlib.Path(root)
     own = {root / name for name in OWN_FILES}
     return {str(path.relative_to(root)): entry_of(path)
@@ -121,7 +122,8 @@ def entry_of(path):
 
 @dataclasses.dataclass
 class Comparison:
-    """Of blocks, by their offset in the volume. Those of `unwritten` differ too: they are still poison."""
+    """The differences between blocks, by their offset in the volume. Blocks in `unwritten` are in `differing`
+    too: they still hold poison."""
 
     block_size: int
     blocks: int = 0
@@ -136,7 +138,7 @@ class Comparison:
         return self
 
     def add(self, at, expected, found):
-        """Two pieces of the volume, which may be equal."""
+        """Compares a piece of the volume with the same piece of the image."""
         self.blocks += len(expected) // self.block_size
         if expected == found:
             return
@@ -149,13 +151,13 @@ class Comparison:
 
 
 def compare_used(volume, image, file_system, offset=0, excluded=OWN_FILES):
-    """Compares every block that the file system of the volume, or of its snapshot, calls used, but for those
-    of the files `excluded`, named from its root."""
+    """Compares every block that is used according to the file system of the volume, or of its snapshot. Skips
+    the blocks of the files in `excluded`, which are paths from the root."""
     truth = truth_of(volume, file_system)
-    left_out = extents_of_files(volume, file_system, excluded) if excluded else []
+    excluded_extents = extents_of_files(volume, file_system, excluded) if excluded else []
     comparison = Comparison(truth.block_size)
     with open(volume, "rb", buffering=0) as source, open(image, "rb", buffering=0) as target:
-        for at, length in pieces(without(truth.used_extents(), left_out)):
+        for at, length in pieces(without(truth.used_extents(), excluded_extents)):
             expected = os.pread(source.fileno(), length, at)
             if len(expected) != length:
                 raise OSError(f"{volume} ends at {at + len(expected)}, within a used block")
@@ -163,9 +165,9 @@ def compare_used(volume, image, file_system, offset=0, excluded=OWN_FILES):
     return comparison
 
 
-def without(extents, left_out):
-    """Extents, in order, less those in `left_out`."""
-    holes = sorted(left_out)
+def without(extents, excluded):
+    """The extents, in order, without the parts that are in `excluded`."""
+    holes = sorted(excluded)
     for begin, length in extents:
         end = begin + length
         while holes and sum(holes[0]) <= begin:
@@ -187,31 +189,32 @@ def pieces(extents):
 
 
 def extents_of_files(volume, file_system, names):
-    """(offset, length) on the volume of the files of these names, as far as there are any."""
+    """(offset, length) on the volume of these files; files that don't exist are skipped."""
     with tree_of(volume, file_system) as root:
         return [extent for name in names if (root / name).exists()
                 for extent in extents_on(volume, file_system, root, name)]
 
 
 def extents_on(volume, file_system, root, name):
-    """(offset, length) on the volume of a file of its tree."""
+    """(offset, length) on the volume of one of its files."""
     extents = kind_of(file_system).extents
     return extents(volume, root, name) if extents else extents_of(root / name)
 
 
 def tree_of(volume, file_system):
-    """Where the tree of a volume is to be seen: where it is mounted, or else for the time being."""
+    """A context with the root directory of a volume: where it is mounted already, or else mounted for the
+    context."""
     found = subprocess.run(["findmnt", "--noheadings", "--first-only", "--raw", "--output", "TARGET",
                             "--source", volume], capture_output=True, text=True, check=False)
     if found.returncode == 0:
         return contextlib.nullcontext(pathlib.Path(unescape(found.stdout.strip())))
     if pathlib.Path(volume).is_block_device():
-        return looked_into(volume, file_system)
+        return mounted_unreplayed(volume, file_system)
     return mounted(volume, file_system)
 
 
 def unescape(path):
-    r"""A path in which blanks and the like stand as \x20."""
+    r"""Decodes a path in which blanks and the like are written as \x20."""
     return re.sub(rb"\\x([0-9a-f]{2})", lambda code: bytes.fromhex(code[1].decode()), path.encode()).decode()
 
 

@@ -1,12 +1,13 @@
-"""An iSCSI target of another make for the lab: istgt, with images in files that are poisoned at first.
+"""An iSCSI target of another implementation for the lab: istgt, with images in files that are poisoned at
+first.
 
     with Istgt(port=3260) as target:
         image = target.add_image("data", 1 << 30)
         target.portal, target.name, image.lun, image.path
 
-What it has been given is in the files, in the kernel's memory, at once. It reads its images when it starts,
-so each new one starts it anew: they are added while nobody is logged in. It takes a second for a login, and
-doesn't tell what was written.
+Written data is in the files at once, in the kernel's page cache. istgt reads its list of images only when it
+starts, so each new image restarts it: add images while nobody is logged in. A login takes a second. istgt
+doesn't report what was written.
 image_server.py has what all servers of images can do.
 """
 import contextlib
@@ -17,7 +18,7 @@ from lab.image_server import ADDRESS, ImageServer
 
 NODE = "iqn.2026-01.example"
 TARGET = "istgt"
-SLOTS = 64 # commands of one initiator that it takes at a time
+SLOTS = 64 # commands of one initiator that it queues at a time
 MOST_IMAGES = 16
 CONFIGURATION = """\
 [Global]
@@ -70,13 +71,13 @@ class Image:
         self.lun = lun
         self.path = path
 
-    def place(self):
-        """What a backup request says of it."""
+    def request_keys(self):
+        """The keys that name the image in a backup request."""
         return {"target": self._target.portal, "name": self._target.name, "lun": self.lun}
 
 
 class Istgt(ImageServer):
-    """One istgt with one target, whose disks all have sectors of one size."""
+    """One istgt with one target, whose disks all have the same sector size."""
 
     name = f"{NODE}:{TARGET}"
 
@@ -93,10 +94,10 @@ class Istgt(ImageServer):
     def command(self):
         return ("istgt", "-D", "-c", str(self._configuration))
 
-    def open(self, lasting):
-        super().open(lasting)
-        self._run = self.make_directory(lasting, "istgt-", "/run")
-        lasting.callback(self.kill)
+    def open(self, stack):
+        super().open(stack)
+        self._run = self.make_directory(stack, "istgt-", "/run")
+        stack.callback(self.kill)
         self.start()
 
     def prepare(self):
@@ -107,7 +108,7 @@ class Istgt(ImageServer):
         self._configuration.write_text(text, encoding="ascii")
         (self._run / "accounts").touch(0o600)
         with socket.create_server((ADDRESS, self.port)):
-            pass # or what is there would be taken for istgt
+            pass # fails if the port is taken, as is_ready() would mistake that server for istgt
 
     def is_ready(self):
         with contextlib.suppress(OSError), socket.create_connection((ADDRESS, self.port)):
@@ -115,7 +116,7 @@ class Istgt(ImageServer):
         return False
 
     def add_image(self, name, size, *, poisoned=True):
-        """Adds a disk, of whole blocks. See ImageServer."""
+        """Adds a disk, rounded up to whole blocks. See ImageServer."""
         assert len(self.images) < MOST_IMAGES
         size = math.ceil(size / self.block_size) * self.block_size
         image = super().add_image(name, size, poisoned=poisoned)
@@ -125,4 +126,4 @@ class Istgt(ImageServer):
     def serve(self, path):
         return Image(self, path, len(self.images))
 
-    stop = ImageServer.kill # or it would wait for its initiators
+    stop = ImageServer.kill # SIGTERM would make it wait for its initiators

@@ -1,17 +1,17 @@
-"""What the lab has to know of what a partition can hold. Each kind fills this in, in a file of its own."""
+"""The facts that the lab needs about the things that a partition can hold. Each kind has its own file."""
 import dataclasses
 from collections.abc import Callable
 
 
 @dataclasses.dataclass(frozen=True)
 class Format:
-    """What can be made, and mounted.
+    """Something that a partition can be formatted with, and that can perhaps be mounted.
 
-    makers        by file system, named as the kernel does: the tool that makes one, with the options that
-                  keep it quiet and have it write over whatever is there
-    label_option  the option of these tools that a label follows; None where there are no labels
-    mount         mount(device, mount_point, options, file_system), a context manager; makes the directory.
-                  None where none can be mounted
+    makers        by file system, under the kernel's name: the tool that makes it, with options that keep it
+                  quiet and make it overwrite whatever is there
+    label_option  the tools' option for a label; None if there are no labels
+    mount         mount(device, mount_point, options, file_system), a context manager that makes the
+                  directory. None if it can't be mounted
     """
 
     makers: dict
@@ -21,8 +21,8 @@ class Format:
 
 @dataclasses.dataclass(frozen=True)
 class Sample:
-    """A volume of a usual size that the agent's map is compared with the truth on. `options` are of the tool
-    that makes it."""
+    """A volume of a usual size, on which the agent's map is compared with the truth. `options` are for the
+    tool that makes it."""
 
     name: str
     mebibytes: int
@@ -32,14 +32,14 @@ class Sample:
 
 @dataclasses.dataclass(frozen=True)
 class Seed:
-    """A volume that the fuzzing of a parser begins with. It is aged, and has so many holes of a block each,
-    unless kernels no longer mount what it is; its device has sectors of 512 << `sector_exponent` bytes. At
-    last the image is handed to each of the `steps`."""
+    """A volume that the fuzzing of a parser starts from. It is aged and gets `holes` holes of one block each,
+    unless `is_mounted` is false because current kernels can't mount it. Its device has sectors of 512 <<
+    `sector_exponent` bytes. At the end, each of the `steps` is called with the image."""
 
     name: str
     file_system: str
     mebibytes: int
-    options: tuple = () # of the tool that makes it
+    options: tuple = () # for the tool that makes it
     is_mounted: bool = True
     holes: int = 0
     sector_exponent: int = 0
@@ -48,48 +48,54 @@ class Seed:
 
 @dataclasses.dataclass(frozen=True)
 class Kind(Format):
-    """File systems that one parser of the agent reads the used blocks of.
+    """The file systems whose used blocks one parser of the agent reads.
 
-    name          of the parser: that of its folder
-    mebibytes     of a small volume
-    can_freeze    whether one that is mounted can be frozen
-    look          mount options that show a copy as it stands: nothing is written, no journal is replayed
-    write         mount options that let a copy be written to beside its volume
-    calm          mount options with which the kernel writes nothing in the background
-    check         the command that looks through a device and changes nothing
-    needs_replay  whether that finds fault where the journal of a frozen volume was not replayed
-    truth         truth(volume) is the Truth of a device or an image, by the file system's own tool
-    sleeping      sleeping(volume) is what of that the snapshot driver doesn't know to be in use: a list of
-                  (offset, length) in bytes
-    doubtful      doubtful(volume) is the numbers of the free blocks that the agent may take for used ones
-    structures    structures(device, root) is where some structures of a mounted volume lie that it can't do
-                  without: {offset: a pattern of what is said of the volume without them}
-    usual         those of the samples that images like those of backups are made of
-    samples       Samples
-    regions       regions(image) is all that the parser may read of an image: (offset, length) in bytes
-    seeds         Seeds
-    is_plain      whether files are names in ASCII and content: they have no owners, links or holes, and are
-                  never cut
-    extents       extents(device, root, name) is where a file of a mounted volume lies: (offset, length) in
-                  bytes. None where the kernel can be asked
-    goes_on       whether a map may go on behind the last block of the file system, up to a whole piece of it
-    tells_extents whether a file can be asked for its extents; where not, a backup copies also the files that
-                  nobody needs, those of the driver and the agent
+    name                     the name of the parser, which is that of its folder
+    mebibytes                the size of a small volume
+    can_freeze               whether a mounted volume can be frozen
+    read_only_options        mount options that show a copy as it is: nothing is written, no journal is
+                             replayed
+    writable_options         mount options that make a copy writable while its volume is mounted too
+    quiet_options            mount options with which the kernel writes nothing in the background
+    check                    the command that checks a device without changing it
+    needs_replay             whether that command reports errors if the journal of a frozen volume wasn't
+                             replayed
+    truth                    truth(volume) is the Truth of a device or an image, by the file system's own tool
+    unknown_to_driver        unknown_to_driver(volume) is the part of it that the snapshot driver doesn't know
+                             to be in use: a list of (offset, length) in bytes
+    may_be_reported_used     may_be_reported_used(volume) is the set of the numbers of the free blocks that
+                             the agent may report as used
+    structures               structures(device, root) has the offsets of some structures that a mounted volume
+                             can't do without: {offset: a pattern of the error that appears when the structure
+                             is missing}
+    usual                    the samples for images like those of backups
+    samples                  Samples
+    regions                  regions(image) is all that the parser may read of an image: (offset, length) in
+                             bytes
+    seeds                    Seeds
+    is_plain                 whether files have only an ASCII name and content: no owners, links or holes;
+                             they are never truncated
+    extents                  extents(device, root, name) is the list of the extents of a file of a mounted
+                             volume: (offset, length) in bytes. None if the kernel can report them
+    map_exceeds_file_system  whether a map may extend beyond the last block of the file system, to the end of
+                             a piece
+    has_file_extents         whether the extents of a file can be queried; if not, a backup also copies the
+                             files that no restore needs, those of the driver and the agent
 
-    What is in ONLY_MOUNTED is None where none can be mounted.
+    The members in ONLY_MOUNTED are None if no file system of the kind can be mounted.
     """
 
     name: str
     mebibytes: int
     can_freeze: bool
-    look: str | None
-    write: str | None
-    calm: str | None
+    read_only_options: str | None
+    writable_options: str | None
+    quiet_options: str | None
     check: tuple
     needs_replay: bool
     truth: Callable
-    sleeping: Callable
-    doubtful: Callable
+    unknown_to_driver: Callable
+    may_be_reported_used: Callable
     structures: Callable | None
     usual: tuple | None
     samples: tuple
@@ -97,8 +103,8 @@ class Kind(Format):
     seeds: tuple
     is_plain: bool = False
     extents: Callable | None = None
-    goes_on: bool = False
-    tells_extents: bool = True
+    map_exceeds_file_system: bool = False
+    has_file_extents: bool = True
 
 
-ONLY_MOUNTED = ("look", "write", "calm", "structures", "usual")
+ONLY_MOUNTED = ("read_only_options", "writable_options", "quiet_options", "structures", "usual")

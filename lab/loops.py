@@ -1,4 +1,4 @@
-"""Loop devices, and nodes for them: /dev is private here, and the kernel makes its nodes elsewhere.
+"""Loop devices and their nodes: /dev is private here, so the kernel doesn't make the nodes.
 
     with attached(image, "--read-only") as device:
         ...
@@ -19,7 +19,7 @@ LOOP_GET_STATUS64, LOOP_STATUS_SIZE, LOOP_FILE_NAME = 0x4C05, 232, 56
 
 
 def device_number(name):
-    """Of a block device that the kernel knows by this name; None if it knows none."""
+    """The number of the block device with this name; None if the kernel has no such device."""
     try:
         major, minor = pathlib.Path("/sys/class/block", name, "dev").read_text(encoding="ascii").split(":")
     except FileNotFoundError:
@@ -28,8 +28,8 @@ def device_number(name):
 
 
 def make_node(name):
-    """Makes the node of a block device in a /dev where the kernel doesn't. One that another device of this
-    name has left there is replaced."""
+    """Makes the node of a block device in a /dev that the kernel doesn't fill. Replaces the node of an
+    earlier device with this name."""
     path = pathlib.Path("/dev", name)
     number = device_number(name)
     if path.is_block_device() and path.stat().st_rdev == number:
@@ -39,10 +39,10 @@ def make_node(name):
 
 
 def attach(image, *options):
-    """Attaches an image to a free loop device. Others may take the one that was free a moment ago, and a
-    device that is new to the kernel needs a node first."""
+    """Attaches an image to a free loop device. Retries, as another process may take the device that was free
+    a moment ago. A device that is new to the kernel needs a node first."""
     for attempt in range(1, ATTEMPTS + 1):
-        free, *_ = run("losetup", "--find").split() # newer releases add that there is no node yet
+        free, *_ = run("losetup", "--find").split() # newer releases also say that the device has no node yet
         make_node(pathlib.Path(free).name)
         try:
             return run("losetup", "--find", "--show", *options, image)
@@ -52,7 +52,7 @@ def attach(image, *options):
 
 
 def backing_files():
-    """What each attached loop device of the machine is backed by, by name."""
+    """The backing file of each attached loop device of the machine, by the device's name."""
     found = {}
     for path in pathlib.Path("/sys/block").glob("loop*/loop/backing_file"):
         with contextlib.suppress(OSError): # detached meanwhile
@@ -61,17 +61,18 @@ def backing_files():
 
 
 def images_on(directory):
-    """What the attached loop devices show that lies on the file system of a directory: {device: path}, also
-    files without a name. Other namespaces may have files of the same path."""
+    """The attached loop devices whose backing file is on the file system of `directory`: {device: path}.
+    Files that have been deleted count too. Other namespaces may have files of the same path."""
     return images_of(os.stat(directory).st_dev)
 
 
 def images_of(file_system):
-    """The same by the number that stat() has for the file system, which may be another namespace's."""
+    """The same as images_on(), by the file system's device number (st_dev), which may belong to another
+    namespace."""
     found = {}
     for path in pathlib.Path("/sys/block").glob("loop*/loop"):
         node = pathlib.Path("/dev", path.parent.name)
-        with contextlib.suppress(OSError): # it may go
+        with contextlib.suppress(OSError): # the device may be detached meanwhile
             make_node(node.name)
             with open(node, "rb") as device:
                 status = fcntl.ioctl(device, LOOP_GET_STATUS64, bytes(LOOP_STATUS_SIZE))
@@ -82,8 +83,8 @@ def images_of(file_system):
 
 @contextlib.contextmanager
 def attached(image, *options):
-    """The device that shows an image. It detaches itself with its last user, so that not even a killed test
-    leaves it behind."""
+    """A loop device for an image. It detaches itself when its last user closes it, so even a killed test
+    leaves none behind."""
     device = attach(image, *options)
     name = pathlib.Path(device).name
     file = backing_files()[name]
@@ -97,7 +98,7 @@ def attached(image, *options):
 
 @contextlib.contextmanager
 def kept_open(device):
-    """The descriptor of a device that stays as long as this uses it."""
+    """Keeps a device open during the context; yields the file descriptor."""
     user = os.open(device, os.O_RDONLY | os.O_CLOEXEC)
     try:
         yield user

@@ -1,38 +1,39 @@
-"""Logical volumes for the lab, on a machine of its own: disks of it are used up.
+"""Logical volumes for the lab, on a machine that has disks which may be overwritten.
 
     with VolumeGroup() as group:
         device = group.create("data", 96)
 
-Whatever tests have left of device-mapper's devices on that machine is gone with the group.
+When the group is opened and closed, all device-mapper devices of that machine are removed.
 """
 import os
 import pathlib
 import subprocess
 
 from lab.commands import run
+from lab.resources import Resource
 from lab.services import wait_until
-from lab.stay import Stay
 
 SECONDS = 60
 EXTENT = 1 << 20
 
 
 def spare_disks():
-    """The disks of this machine that are there to be used up, as whoever has started it says."""
+    """The disks of this machine that may be overwritten, as MACHINE_DISKS names them."""
     return [pathlib.Path(disk) for disk in os.environ.get("MACHINE_DISKS", "").split()]
 
 
-class VolumeGroup(Stay):
-    """A volume group of all disks but the last, which is `spare`: for what has to be elsewhere."""
+class VolumeGroup(Resource):
+    """A volume group of all spare disks but the last. That one is `spare`, for data that must be outside of
+    the group."""
 
     def __init__(self, name="lab"):
         super().__init__()
         self.name = name
         *self.physical, self.spare = spare_disks()
 
-    def open(self, lasting):
+    def open(self, stack):
         clear([*self.physical, self.spare])
-        lasting.callback(clear, [*self.physical, self.spare])
+        stack.callback(clear, [*self.physical, self.spare])
         run("vgcreate", "--quiet", "-y", "--physicalextentsize", f"{EXTENT}b", self.name, *self.physical)
 
     def create(self, name, mebibytes, *options):
@@ -45,8 +46,8 @@ class VolumeGroup(Stay):
 
 
 def clear(disks):
-    """Takes all devices of device-mapper away, and what LVM finds on the disks. A device goes when nobody has
-    it open any more, such as udev."""
+    """Removes all device-mapper devices, and everything that LVM finds on the disks. A device only goes away
+    when no process, such as udev, has it open any more."""
     wait_until(no_devices, SECONDS, "device-mapper without devices")
     run("wipefs", "--quiet", "--all", "--force", *disks)
     run("pvscan", "--cache")

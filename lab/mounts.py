@@ -6,8 +6,8 @@ import sys
 
 from lab.commands import run
 
-# Waits for a process that is no child. One that has ended is gone even where nobody reaps it, as in a
-# container whose first process does not.
+# Waits for a process that isn't a child. Waiting for the process's end works even if nobody reaps it, as in a
+# container whose first process doesn't.
 AWAIT_END = """
 import contextlib, os, select, sys
 with contextlib.suppress(ProcessLookupError):
@@ -17,7 +17,7 @@ with contextlib.suppress(ProcessLookupError):
 
 @contextlib.contextmanager
 def mounted(device, mount_point, options, file_system):
-    """Mounts a device by the kernel; makes the directory, and yields it."""
+    """Mounts a device with the kernel's driver; makes the directory, and yields it."""
     mount_point = pathlib.Path(mount_point)
     mount_point.mkdir(parents=True, exist_ok=True)
     run("mount", "-t", file_system, "-o", options, device, mount_point)
@@ -28,12 +28,12 @@ def mounted(device, mount_point, options, file_system):
 
 
 def keep_mounts_of(pid, *entering):
-    """Starts a process that stays in its mount namespace, or in that which the command `entering` goes to,
-    until another process has gone.
+    """Starts a process that stays in this process's mount namespace, or in the one that the command
+    `entering` goes to, until the process `pid` has ended.
 
-    When a mount namespace goes, a file system in user space is told, by the last process that was in there.
-    If that is its own server, killed, it waits for its own answer for ever, and every sync() of the machine
-    with it."""
+    When a mount namespace ends, its last process unmounts the FUSE file systems and asks their servers. If
+    that last process is such a server, killed, it waits for its own answer for ever, and every sync() of the
+    machine waits too."""
     return subprocess.Popen([*entering, sys.executable, "-c", AWAIT_END, str(pid)],
                             stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
                             start_new_session=True)

@@ -1,4 +1,4 @@
-"""NTFS, by the tools of ntfs-3g. Its driver is a process."""
+"""NTFS, with the tools of ntfs-3g. The driver is a FUSE process."""
 import contextlib
 import functools
 import os
@@ -19,7 +19,7 @@ BOOT_SECTOR = 512
 
 @contextlib.contextmanager
 def mounted(device, mount_point, options, _file_system):
-    """It keeps owners and modes, and is asked to write more than a page at a time."""
+    """Mounts the volume. It keeps owners and modes, and gets writes of more than a page at a time."""
     mount_point = pathlib.Path(mount_point)
     mount_point.mkdir(parents=True, exist_ok=True)
     options = f"no_detach,permissions,big_writes,{options}"
@@ -29,8 +29,8 @@ def mounted(device, mount_point, options, _file_system):
 
 @contextlib.contextmanager
 def unlocked(volume):
-    """A path to a device or an image for the tools. The process of a mounted volume keeps a lock on the node
-    of its device, and they respect that; another node of it is free."""
+    """Yields a path to a device or an image for the tools. The FUSE process of a mounted volume holds a lock
+    on its device's node, and the tools respect that lock; a second node of the device isn't locked."""
     path = pathlib.Path(volume)
     if not path.is_block_device():
         yield path
@@ -53,20 +53,20 @@ def truth(volume):
 
 
 def number(text, name):
-    """One of those that ntfsinfo prints."""
+    """A number from the output of ntfsinfo."""
     return int(re.search(rf"^\s*{name}: (\d+)", text, re.MULTILINE)[1])
 
 
-def sleeping(_volume):
+def unknown_to_driver(_volume):
     return []
 
 
-def doubtful(_volume):
+def may_be_reported_used(_volume):
     return set()
 
 
 def structures(device, _root):
-    """The boot sector, the table of files and the map of clusters."""
+    """The boot sector, the master file table and the cluster bitmap."""
     with open(device, "rb") as file:
         volume = NtfsVolume(file)
         table, bitmap = (volume.record(number).attribute(DATA).runs[0][0] * volume.cluster_size
@@ -102,14 +102,14 @@ KIND = Kind(
     mebibytes=64,
     mount=mounted,
     can_freeze=False, # FIFREEZE is not for file systems in user space
-    look="ro",
-    write="rw",
-    calm="noatime",
+    read_only_options="ro",
+    writable_options="rw",
+    quiet_options="noatime",
     check=("ntfsresize", "--info", "--force", "--no-progress-bar"),
     needs_replay=False,
     truth=truth,
-    sleeping=sleeping,
-    doubtful=doubtful,
+    unknown_to_driver=unknown_to_driver,
+    may_be_reported_used=may_be_reported_used,
     structures=structures,
     usual=USUAL,
     samples=(
@@ -134,6 +134,6 @@ KIND = Kind(
                     functools.partial(scatter, number=MFT, count=9))),
         Seed("ntfs_listed", "ntfs", 20, steps=(functools.partial(list_attributes, number=BITMAP),)),
     ),
-    goes_on=True, # the map is clusters in whole
-    tells_extents=False,
+    map_exceeds_file_system=True, # the map has whole clusters
+    has_file_extents=False,
 )

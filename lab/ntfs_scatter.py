@@ -1,5 +1,5 @@
-"""NTFS volumes whose own structures lie where its tools put none: in many runs, or behind an attribute list.
-They stay whole, and ntfsresize has nothing to say about them.
+"""NTFS volumes whose own structures are where the usual tools don't put them: in many runs, or in records
+that an attribute list names. The volumes stay consistent, so ntfsresize reports no error.
 
     scatter(image, BITMAP, 40)
     list_attributes(image, BITMAP)
@@ -11,12 +11,12 @@ import random
 
 from lab.ntfs_volume import BITMAP, DATA, MFT, MIRRORED, NtfsVolume
 
-JUNK = b"\xcc" # left where the data was
+JUNK = b"\xcc" # written over the old place of the data
 
 
 def scatter(image, number, count, seed=5):
-    """Moves the data of a file into so many runs, in an order that has nothing to do with their places. Of
-    the table of files itself the first records stay, as the boot sector says where they are."""
+    """Moves the data of a file into `count` runs at random places. The first records of the master file table
+    stay where they are, as the boot sector says where they are."""
     with open(image, "r+b") as file:
         volume = NtfsVolume(file)
         fixed = -(-MIRRORED * volume.record_size // volume.cluster_size) if number == MFT else 0
@@ -33,7 +33,7 @@ def scatter(image, number, count, seed=5):
 
 
 def parted(runs, clusters):
-    """The runs of the first clusters, and those of all others."""
+    """Splits runs in two: those of the first `clusters` clusters, and the rest."""
     first, others = [], []
     for begin, count in runs:
         taken = min(clusters, count)
@@ -44,7 +44,7 @@ def parted(runs, clusters):
 
 
 class Clusters:
-    """The map of a volume's clusters."""
+    """The cluster bitmap of a volume."""
 
     def __init__(self, volume):
         self._volume = volume
@@ -54,11 +54,11 @@ class Clusters:
         return self._volume.record(BITMAP).attribute(DATA).runs
 
     def write(self):
-        """Puts the map where it lies by now."""
+        """Writes the bitmap to where it is now."""
         self._volume.write_runs(self._runs(), bytes(self._bits))
 
     def move(self, runs, count, dice):
-        """Frees these runs and takes so many others, which are as long in all."""
+        """Frees these runs, and allocates `count` others of the same total length."""
         total = sum(length for _, length in runs)
         if count > total:
             raise ValueError(f"{total} clusters can't be {count} runs")
@@ -67,7 +67,7 @@ class Clusters:
         return [self._take(length, dice) for length in lengths]
 
     def _take(self, length, dice):
-        """A free place with free neighbours, so that no two runs become one."""
+        """Allocates a run with free clusters on both sides, so that no two runs merge into one."""
         while True:
             first = dice.randrange(1, self._volume.clusters - length - 1)
             if not any(self._is_used(cluster) for cluster in range(first - 1, first + length + 1)):
@@ -84,8 +84,8 @@ class Clusters:
 
 
 def list_attributes(image, number):
-    """Moves the data of a file into a record of its own, which an attribute list names, by the library of
-    ntfs-3g."""
+    """Moves the data of a file into a record of its own, which an attribute list refers to. Uses the library
+    of ntfs-3g."""
     library = Library(image)
     with library as volume:
         inode = library.call("ntfs_inode_open", volume, ctypes.c_uint64(number))
@@ -99,7 +99,7 @@ def list_attributes(image, number):
 
 
 class Library:
-    """libntfs-3g with a volume that it has open as long as the context lasts."""
+    """libntfs-3g, with a volume that is open as long as the context lasts."""
 
     def __init__(self, image):
         self._library = ctypes.CDLL(ctypes.util.find_library("ntfs-3g"), use_errno=True)

@@ -1,4 +1,4 @@
-"""The structures of an NTFS volume in an image, for what no tool of the file system tells or makes.
+"""The structures of an NTFS volume in an image, for what the file system's tools neither show nor make.
 
     with open(image, "r+b") as file:
         volume = NtfsVolume(file)
@@ -9,16 +9,16 @@
 """
 import struct
 
-SECTOR = 512 # that the ends of records are protected by, whatever the sectors of the volume
-MFT, MFT_MIRROR, BITMAP, CAPITALS = 0, 1, 6, 10 # records
-MIRRORED = 4 # records that the mirror has
+SECTOR = 512 # the unit that update sequence numbers protect, whatever the volume's sector size
+MFT, MFT_MIRROR, BITMAP, CAPITALS = 0, 1, 6, 10 # record numbers
+MIRRORED = 4 # number of records in the mirror
 ATTRIBUTE_LIST, DATA, END = 0x20, 0x80, 0xFFFFFFFF
-NUMBER = (1 << 48) - 1 # that part of a reference which is the number of a record
+NUMBER = (1 << 48) - 1 # the part of a reference that is the record number
 RUNS_AT = 32
 
 
 class NtfsVolume:
-    """What the boot sector says, and the records of the files. `file` stays the caller's."""
+    """The fields of the boot sector, and the file records. The caller keeps owning `file`."""
 
     def __init__(self, file):
         self._file = file
@@ -39,13 +39,13 @@ class NtfsVolume:
         self._file.write(content)
 
     def places_of(self, number):
-        """Where a record lies: (offset, length), and more of them if it goes on in another run."""
+        """Where a record is: (offset, length); there are several if the record continues in another run."""
         if number == MFT:
             return [(self._mft * self.cluster_size, self.record_size)]
         return self._places_of(self.record(MFT), number)
 
     def _places_of(self, table, number):
-        """Where a record of the table, or of its mirror, lies."""
+        """Where a record of the table, or of its mirror, is."""
         position, left = number * self.record_size, self.record_size
         places = []
         for first, count in table.attribute(DATA).runs:
@@ -60,7 +60,7 @@ class NtfsVolume:
         return Record(bytearray(b"".join(self.read(*place) for place in self.places_of(number))))
 
     def write_record(self, number, record):
-        """Writes a record, and what the mirror has of it."""
+        """Writes a record, and its copy in the mirror if it has one."""
         places = self.places_of(number)
         if number < MIRRORED:
             places += self._places_of(self.record(MFT_MIRROR), number)
@@ -80,7 +80,8 @@ class NtfsVolume:
 
 
 class Record:
-    """A record of the master file table, without what protects its sectors on the disk."""
+    """A record of the master file table, without the update sequence numbers that protect its sectors on the
+    disk."""
 
     def __init__(self, protected):
         self.content = protected
@@ -91,7 +92,7 @@ class Record:
             protected[end:end + 2] = protected[at:at + 2]
 
     def protected(self):
-        """As it stands on the disk."""
+        """The record as it is on the disk."""
         found = bytearray(self.content)
         for entry, end in enumerate(self._ends, 1):
             at = self._array + 2 * entry
@@ -109,11 +110,11 @@ class Record:
             kind, = struct.unpack_from("<I", self.content, at)
 
     def attribute(self, wanted):
-        """The first one of a type; None if there is none."""
+        """The first attribute of a type, or None."""
         return next((Attribute(self, at) for at, kind in self.attributes() if kind == wanted), None)
 
     def replace(self, at, length, body):
-        """Puts other bytes in the place of an attribute."""
+        """Replaces the bytes of an attribute."""
         used, = struct.unpack_from("<I", self.content, 24)
         grown = used - length + len(body)
         if grown > len(self.content):
@@ -142,13 +143,13 @@ class Attribute:
 
     @property
     def value(self):
-        """Of a resident one."""
+        """The value of a resident attribute."""
         begin = self._at + self.field("<H", 20)
         return bytes(self._record.content[begin:begin + self.field("<I", 16)])
 
     @property
     def runs(self):
-        """Of one that isn't resident, in order: (first cluster, clusters)."""
+        """The runs of a non-resident attribute, in order: (first cluster, clusters)."""
         begin = self._at + self.field("<H", RUNS_AT)
         return list(decoded(self._record.content[begin:self._at + self.length]))
 
@@ -183,12 +184,12 @@ def encoded(runs):
 
 
 def shortest(number):
-    """A signed number in as few bytes as it needs."""
+    """A signed number in as few bytes as possible."""
     return number.to_bytes((number if number >= 0 else ~number).bit_length() // 8 + 1, "little", signed=True)
 
 
 def records_of_list(entries):
-    """The numbers of the records that an attribute list names for the unnamed data, in order."""
+    """The numbers of the records that an attribute list names for the unnamed data attribute, in order."""
     at = 0
     while at < len(entries):
         kind, length, = struct.unpack_from("<IH", entries, at)

@@ -1,10 +1,10 @@
-"""Which blocks of a volume are used, by programs that had no part in making it. None of them shares its
-code with another, so two that agree with a map have come to it by ways of their own.
+"""Which blocks of a volume are used, according to programs that didn't make the volume. They share no code
+with each other, so if two of them agree with a map, they confirm it independently.
 
     partclone("ntfs", image, 4096).free == sleuthkit("ntfs", image, 4096).free
 
-Each asks for a device or an image and the size in bytes of the blocks that the answer is to have, block 0
-being that at byte 0, and returns a Truth. One that can't read the volume is an OSError.
+Each function takes a device or an image, and the block size of the answer in bytes, where block 0 begins at
+byte 0; it returns a Truth. If the volume can't be read, it raises an OSError.
 """
 import pathlib
 import re
@@ -18,8 +18,8 @@ UNIT_LINE = re.compile(r"^(\d+)\|([af])$", re.MULTILINE)
 
 
 def partclone(program, volume, block_size):
-    """By partclone.PROGRAM: "ntfs", "vfat" or "hfsp". It tells bytes: a block of which a byte is used is
-    used, and the last one may be cut off by the end of the volume."""
+    """Asks partclone.PROGRAM: "ntfs", "vfat" or "hfsp". It reports bytes: a block is used if any byte of it
+    is, and the end of the volume may cut off the last block."""
     with tempfile.TemporaryDirectory(prefix="domain-") as directory:
         domain = pathlib.Path(directory) / "domain"
         run(f"partclone.{program}", "--domain", "--offset_domain=0", "--force", "--logfile", f"{domain}.log",
@@ -34,14 +34,14 @@ def partclone(program, volume, block_size):
 
 
 def within(begin, end, block_size):
-    """The blocks (first, count) that lie between two places with all their bytes."""
+    """The blocks (first, count) that are completely between two offsets."""
     first = -(-begin // block_size)
     return first, end // block_size - first
 
 
 def sleuthkit(kind, volume, block_size):
-    """By blkls for a KIND of its own: "ntfs", "fat" or "hfs". It tells units, which `block_size` has to be
-    the size of: clusters of NTFS, sectors of FAT, allocation blocks of HFS+."""
+    """Asks blkls, which calls the file system `kind`: "ntfs", "fat" or "hfs". It reports units, whose size
+    must be `block_size`: clusters of NTFS, sectors of FAT, allocation blocks of HFS+."""
     units = UNIT_LINE.findall(run("blkls", "-f", kind, "-l", "-e", volume))
     if not units:
         raise OSError(f"{volume}: blkls tells of no unit")
@@ -50,7 +50,7 @@ def sleuthkit(kind, volume, block_size):
 
 
 def joined(numbers):
-    """The ranges (first, count) that numbers in order make up."""
+    """Joins sorted numbers into ranges (first, count)."""
     ranges = []
     for number in numbers:
         if ranges and sum(ranges[-1]) == number:

@@ -1,9 +1,9 @@
-"""What a site needs beside its services for a backup: certificates, a target and a paired agent.
+"""The things that a site needs for a backup besides its services: certificates, a target and a paired agent.
 
     with Site() as site, Paired(site) as paired:     # inside lab/namespace
         print(paired.description())
 
-`lab/site up --paired` brings it up with the site.
+`lab/site up --paired` starts it with the site.
 """
 import os
 import pathlib
@@ -14,14 +14,14 @@ from lab.appliance_client import DEVICE, Appliance
 from lab.backups import size_of
 from lab.certservice import HOST
 from lab.daemon import BASE, CERTIFICATES, ROOT, Daemon, program
+from lab.resources import Resource
 from lab.services import Service
-from lab.stay import Stay
 from lab.targets import Target
 
 LAB = pathlib.Path("/run/lab")
 IMAGES = LAB / "images"
 LOOP_MAJOR = 7
-LOOPS = 64 # those that mount(8) may be given to look at images
+LOOPS = 64 # the loop devices with nodes, so that mount(8) can use them to look at images
 
 # Indented lines are commands.
 DESCRIPTION = """
@@ -46,7 +46,7 @@ Next, a backup, and another one, which brings what has changed:
 
 
 class CertificateProgram(Service):
-    """The certificate service as a process of its own, which makes the appliance's certificate too."""
+    """The certificate service as a process of its own, which also makes the appliance's certificate."""
 
     command = (sys.executable, "-B", "-m", "lab.certservice", str(LAB), "--device", str(DEVICE))
 
@@ -55,7 +55,8 @@ class CertificateProgram(Service):
 
 
 def make_loop_nodes():
-    """The kernel makes those of further loop devices elsewhere, and mount(8) asks for any that is free."""
+    """Makes the nodes of further loop devices, as the kernel makes them in another /dev. mount(8) takes any
+    free loop device."""
     shift = int(pathlib.Path("/sys/module/loop/parameters/max_part").read_text(encoding="ascii")).bit_length()
     for number in range(LOOPS):
         node = pathlib.Path("/dev", f"loop{number}")
@@ -63,9 +64,9 @@ def make_loop_nodes():
             os.mknod(node, 0o600 | stat.S_IFBLK, os.makedev(LOOP_MAJOR, number << shift))
 
 
-class Paired(Stay):
-    """The volumes that are mounted have an image each, which is a hole at first: for people, nothing is as
-    clear as zeros, and they cost no memory."""
+class Paired(Resource):
+    """Certificates, target and agent. Each mounted volume has an image, which is sparse at first: zeros are
+    the clearest for people, and cost no memory."""
 
     def __init__(self, site):
         super().__init__()
@@ -73,16 +74,16 @@ class Paired(Stay):
         self.target = Target()
         self.daemon = Daemon(foreground=False)
 
-    def open(self, lasting):
+    def open(self, stack):
         make_loop_nodes()
-        lasting.enter_context(CertificateProgram())
-        lasting.enter_context(self.target)
+        stack.enter_context(CertificateProgram())
+        stack.enter_context(self.target)
         for partition in self._site.disk:
             if partition.volume.mount_point:
                 self.target.add_image(partition.name, size_of(partition), poisoned=False)
         IMAGES.symlink_to(self.target.directory)
-        lasting.callback(IMAGES.unlink)
-        lasting.enter_context(self.daemon).wait_until_ready()
+        stack.callback(IMAGES.unlink)
+        stack.enter_context(self.daemon).wait_until_ready()
         self._pair()
 
     @staticmethod
@@ -94,7 +95,7 @@ class Paired(Stay):
             raise OSError(f"the agent refuses to be paired: {answer}")
 
     def description(self):
-        """What there is, and what to type next."""
+        """A text about what there is, and what to type next."""
         images = "".join(f"{image.name:8}  {image.lun:3}  {IMAGES / image.name}\n"
                          for image in self.target.images)
         return DESCRIPTION.format(

@@ -1,6 +1,6 @@
-"""What an image holds where nothing was written: bytes that no file system takes for its own, never zeros.
+"""The content of an image where nothing was written: bytes that no file system uses, and never zeros.
 
-A block that a backup should have written and hasn't then shows, in a comparison and to fsck.
+If a backup should have written a block and didn't, a comparison and fsck show it.
 """
 import os
 
@@ -9,19 +9,21 @@ SEED_BYTES = 4 << 20
 
 
 def make_image(path, size):
-    """Makes a file of this size that is poison all through.
+    """Makes a file of this size, full of poison.
 
-    The poison repeats, so that a file system which can share blocks (XFS) stores it once: images then cost
-    what is written to them. Elsewhere, and in memory too, it is copied: well under a second a gibibyte."""
+    The poison repeats, so a file system that can share blocks (XFS) stores it once: images then cost only
+    what is written to them. On other file systems, and in memory, it is copied, which takes well under a
+    second per GiB."""
     seed = (MARK * (SEED_BYTES // len(MARK)))[:size]
     with open(path, "x+b", buffering=0) as image:
         image.write(seed)
-        os.fsync(image.fileno()) # a file system can't share what it hasn't placed yet
+        os.fsync(image.fileno()) # a file system can't share blocks that it hasn't allocated yet
         at = len(seed)
         while at < size:
             at += os.copy_file_range(image.fileno(), image.fileno(), min(len(seed), size - at), 0, at)
 
 
 def is_poison(content):
-    """Whether bytes from a place that the length of the mark divides have never been written."""
+    """Whether bytes have never been written. Their offset in the image must be a multiple of the mark's
+    length."""
     return bool(content) and content == (MARK * (len(content) // len(MARK) + 1))[:len(content)]

@@ -1,4 +1,4 @@
-"""The progress of a backup: bars where somebody looks on, lines elsewhere.
+"""The progress of a backup: bars on a terminal, lines elsewhere.
 
     with shown_progress() as progress:
         progress(appliance.status(identifier).content)
@@ -13,18 +13,19 @@ from rich.table import Column
 from rich.text import Text
 
 UNKNOWN_SIZE = (1 << 64) - 1
-LARGEST_SIZE = (1 << 63) - 1 # beyond, the estimate has gone below zero, as it may where little has changed
+LARGEST_SIZE = (1 << 63) - 1 # above this, the estimate has fallen below zero, as it can if little has changed
 ACTIVE, FINISHED, PREPARING = "active", "finished", "preparing"
 LINE_SECONDS = 1
-# What fits on a terminal of 80 columns, beside terabytes. The first part of a UUID tells volumes apart.
+# These widths fit on a terminal of 80 columns, even with terabytes. The first part of a UUID identifies a
+# volume.
 NAME_WIDTH, BAR_WIDTH = 12, 6
 TOTAL = "total"
 
 
 @contextlib.contextmanager
 def shown_progress(stream=None, *, names=None, prefix=""):
-    """Gives a function that takes the status of the backup, as the agent answers it. `names` has what to call
-    a volume, by its UUID, and `prefix` begins each line."""
+    """Yields a function that takes the backup's status, as the agent reports it. `names` maps a volume's UUID
+    to the name to show, and `prefix` begins each line."""
     stream = stream or sys.stdout
     if not stream.isatty():
         yield Lines(stream, names or {}, prefix).show
@@ -32,13 +33,13 @@ def shown_progress(stream=None, *, names=None, prefix=""):
     columns = (TextColumn("{task.description}", markup=False,
                           table_column=Column(max_width=NAME_WIDTH, no_wrap=True, overflow="ellipsis")),
                TextColumn("{task.fields[type]}", table_column=Column(no_wrap=True)),
-               BarColumn(bar_width=BAR_WIDTH), Sizes(), Speed(), Rest())
+               BarColumn(bar_width=BAR_WIDTH), Sizes(), Speed(), TimeLeft())
     with Progress(*columns, console=Console(file=stream)) as bars:
         yield Bars(bars, names or {}, prefix).show
 
 
 def megabytes(count):
-    """What people see of a number of bytes, here and in the demo, is always in the same unit."""
+    """A number of bytes as people see it here and in the demo: always in megabytes."""
     return f"{count / 1e6:,.1f} MB"
 
 
@@ -47,7 +48,8 @@ def amount(count, size):
 
 
 def total_size(entry):
-    """None where the agent can't tell. An estimate and what has come of it differ, so the end counts."""
+    """The total size of a volume's backup, None if the agent can't tell. At the end, the bytes transferred
+    count, as the estimate may differ."""
     transfer = entry["transfer"]
     if entry["status"] == FINISHED:
         return transfer["bytesTransferred"]
@@ -55,30 +57,31 @@ def total_size(entry):
 
 
 def is_preparing(entry):
-    """Until its size has been estimated a volume's type is open, too."""
+    """Whether the size hasn't been estimated yet. Until then, the type of the backup is open too."""
     return entry["status"] == ACTIVE and entry["transfer"]["totalSize"] == UNKNOWN_SIZE
 
 
 def state_of(entry):
-    """What a volume is about."""
+    """The state of a volume, as people see it."""
     return PREPARING if is_preparing(entry) else f"{entry['type']} {entry['status']}"
 
 
 def speed_of(task):
-    """Bytes a second, of late, or in all where there has been too little yet. None before there is any."""
+    """The recent speed in bytes a second, or the average if there is too little data. None before there is
+    any."""
     seconds = task.finished_time or task.elapsed
     return task.finished_speed or task.speed or (task.completed / seconds if seconds else None)
 
 
-class Figures(ProgressColumn):
-    """Numbers, which end below each other and stay in one line."""
+class NumberColumn(ProgressColumn):
+    """A column of numbers: right-aligned, and in one line."""
 
     def get_table_column(self):
         return Column(justify="right", no_wrap=True)
 
 
-class Sizes(Figures):
-    """How much there is of it, and how much there will be; from a gigabyte on in whole megabytes."""
+class Sizes(NumberColumn):
+    """The bytes transferred and the total, in whole megabytes from 1 GB on."""
 
     def render(self, task):
         digits = 0 if max(task.completed, task.total or 0) >= 1e9 else 1
@@ -86,14 +89,14 @@ class Sizes(Figures):
         return Text(f"{task.completed / 1e6:,.{digits}f}{total} MB")
 
 
-class Speed(Figures):
+class Speed(NumberColumn):
     def render(self, task):
         speed = speed_of(task)
         return Text(f"{speed / 1e6:,.1f} MB/s" if speed else "")
 
 
-class Rest(Figures):
-    """How long it will take, until there is something else to say."""
+class TimeLeft(NumberColumn):
+    """The time left while the backup is active, else its state."""
 
     def render(self, task):
         if task.fields["state"] != ACTIVE:
@@ -106,7 +109,7 @@ class Rest(Figures):
 
 
 class Bars:
-    """One bar a volume, and one for several together."""
+    """One bar for each volume, and one for the total if there are several."""
 
     def __init__(self, bars, names, prefix):
         self._bars = bars
@@ -132,24 +135,24 @@ class Bars:
         if key not in self._tasks:
             self._tasks[key] = self._bars.add_task(self._prefix + name, start=False, total=None, type="",
                                                    state="")
-        if state != PREPARING: # its time begins with the copy
+        if state != PREPARING: # the time begins with the copy
             self._bars.start_task(self._tasks[key])
         self._bars.update(self._tasks[key], completed=count, total=total, type=kind, state=state)
 
 
 def short(volume):
-    """The first part of a UUID; a name that is none stays as it is."""
+    """The first part of a UUID. Other names stay as they are."""
     return volume.split("-")[0] if volume.count("-") == 4 else volume
 
 
 class Lines:
-    """One line a volume when its state has changed, and at times while it is copied."""
+    """Prints a line for a volume when its state has changed, and from time to time while it is copied."""
 
     def __init__(self, stream, names, prefix):
         self._stream = stream
         self._names = names
         self._prefix = prefix
-        self._shown = {} # by volume: the state, the line, and when it was shown
+        self._shown = {} # by volume: the state, the line, and the time when it was shown
 
     def show(self, status):
         for entry in status["details"] or ():

@@ -1,13 +1,13 @@
-"""A server of the transport `zephaneftp` whose images lie on a Ceph cluster, in place of files.
+"""A server of the transport `zephaneftp` whose images are on a Ceph cluster instead of in files.
 
     with CephCluster() as cluster, RbdServer(cluster) as server:
         image = server.add_image("data", 1 << 30)
         ...                  # a backup
         server.fetch(image)
-        image.path           # a copy of what the cluster had then
+        image.path           # a copy of what the cluster held then
 
-The engine that zephaned starts for an image is a client of the image's NBD server, which is there as long as
-this server is. What reaches it is not written down.
+The engine that zephaned starts for an image is a client of the image's NBD server, which runs as long as this
+server does. Requests to the NBD server aren't logged.
 """
 import contextlib
 
@@ -17,7 +17,7 @@ from lab.zephane import ZephaneServer
 
 
 class RbdServer(ZephaneServer):
-    """Images are poison at first, as everywhere. They go with the server, the cluster stays."""
+    """Images are poisoned at first, as everywhere. They are removed with the server; the cluster stays."""
 
     def __init__(self, cluster, **options):
         super().__init__(**options)
@@ -25,9 +25,9 @@ class RbdServer(ZephaneServer):
         self._cluster = cluster
         self._made = None
 
-    def open(self, lasting):
-        self._made = lasting.enter_context(contextlib.ExitStack())
-        super().open(lasting)
+    def open(self, stack):
+        self._made = stack.enter_context(contextlib.ExitStack())
+        super().open(stack)
 
     def serve(self, path):
         self._cluster.create_image(path.name, path.stat().st_size)

@@ -1,12 +1,12 @@
-"""System services as the tests and the lab need them: started, awaited, and ended by their process number.
+"""System services for the tests and the lab: started, awaited until ready, and ended by their PID.
 
 Each is a context manager, to be used inside lab/namespace, where /run is private:
 
     with SystemBus(), LoginManager():
         ...
 
-A service that doesn't get ready in time, or has ended too early, raises ServiceError with what it printed.
-One never outlives who started it: the kernel kills it then.
+If a service doesn't get ready in time, or ends too early, it raises ServiceError with its output. A service
+never outlives the process that started it: the kernel kills it then.
 """
 import contextlib
 import os
@@ -16,7 +16,7 @@ import subprocess
 import tempfile
 import time
 
-from lab.stay import Stay
+from lab.resources import Resource
 
 READY_SECONDS = 20
 STOP_SECONDS = 10
@@ -39,8 +39,8 @@ def wait_until(condition, seconds, what):
         time.sleep(0.02)
 
 
-class Service(Stay):
-    """One process of our own. Subclasses say what to run and when it is ready."""
+class Service(Resource):
+    """One process that the lab starts. Subclasses define the command, and when it is ready."""
 
     command = ()
 
@@ -50,7 +50,7 @@ class Service(Stay):
         self._log = None
 
     def prepare(self):
-        """Makes what the service expects to find."""
+        """Makes what the service needs before it starts."""
 
     def is_ready(self):
         raise NotImplementedError
@@ -61,7 +61,7 @@ class Service(Stay):
 
     @property
     def output(self):
-        """What the service has printed so far, both streams together."""
+        """The output of the service so far, on both streams."""
         self._log.seek(0)
         return self._log.read().decode(errors="replace")
 
@@ -89,7 +89,7 @@ class Service(Stay):
         return self._process.poll() is not None or self.is_ready()
 
     def stop(self):
-        """Terminates the process; one that doesn't end is killed, and that is an error."""
+        """Terminates the process. If it doesn't end, kills it and raises ServiceError."""
         if self._process is None:
             return
         process, self._process = self._process, None
@@ -104,13 +104,13 @@ class Service(Stay):
         finally:
             self._log.close()
 
-    def open(self, lasting):
+    def open(self, stack):
         self.start()
-        lasting.callback(self.stop)
+        stack.callback(self.stop)
 
 
 def has_owner(name):
-    """Whether a service of this name is on the system bus."""
+    """Whether a service owns this name on the system bus."""
     answer = subprocess.run(
         ["busctl", "--system", "call", "org.freedesktop.DBus", "/org/freedesktop/DBus",
          "org.freedesktop.DBus", "NameHasOwner", "s", name],
@@ -119,7 +119,7 @@ def has_owner(name):
 
 
 class SystemBus(Service):
-    """The system's message bus, with the policies and the services that the machine's packages bring."""
+    """The system message bus, with the policies and services of the machine's packages."""
 
     command = ("dbus-daemon", "--system", "--nofork", "--nopidfile", "--nosyslog")
     socket = pathlib.Path("/run/dbus/system_bus_socket")
@@ -150,12 +150,11 @@ class LoginManager(Service):
 
 
 class UdevDaemon(Service):
-    """systemd-udevd, for the block devices and the /dev of this namespace.
+    """systemd-udevd for the block devices and the private /dev of this namespace.
 
-    Its events, its database and its control socket are the namespace's, so one of the machine isn't
-    disturbed by it. It follows the rules that a volume needs, those of the snapshot driver and the lab's own,
-    and no other: the devices of the machine, which it gets to see too, are not to be configured a second
-    time.
+    Its events, its database and its control socket belong to the namespace, so it doesn't disturb the
+    machine's own udev. It follows only the rules that a volume needs, those of the snapshot driver and the
+    lab's own. It also sees the devices of the machine, which must not be configured a second time.
     """
 
     command = ("/lib/systemd/systemd-udevd",)
@@ -173,7 +172,7 @@ class UdevDaemon(Service):
         self._mask(self.local_rules, [*ROOT.glob("platform/tolvubd/*.rules"), *ROOT.glob("lab/*.rules")])
 
     def _mask(self, directory, kept):
-        """Covers a directory of rules by one that has those only."""
+        """Mounts a tmpfs over a directory of rules; only the files in `kept` are visible in it."""
         contents = {path.name: path.read_bytes() for path in kept}
         directory.mkdir(parents=True, exist_ok=True)
         subprocess.run(["mount", "-t", "tmpfs", "-o", "mode=755", "tmpfs", directory], check=True)
@@ -192,7 +191,7 @@ class UdevDaemon(Service):
 
 
 class Udisks(Service):
-    """udisksd; needs a running SystemBus and, to know what is on a device, a UdevDaemon."""
+    """udisksd; it needs a running SystemBus, and a UdevDaemon to know what is on a device."""
 
     command = ("/usr/libexec/udisks2/udisksd",)
     name = "org.freedesktop.UDisks2"
@@ -201,7 +200,7 @@ class Udisks(Service):
         return has_owner(self.name)
 
     def uuid_of(self, device):
-        """What the service takes for the UUID of a block device; None if it doesn't know the device."""
+        """The UUID that udisksd reports for a block device; None if it doesn't know the device."""
         path = f"/org/freedesktop/UDisks2/block_devices/{pathlib.Path(device).name}"
         answer = subprocess.run(
             ["busctl", "--system", "get-property", self.name, path, f"{self.name}.Block", "IdUUID"],

@@ -1,9 +1,9 @@
-"""A whole site on one machine: the services that the agent asks, and volumes for it to back up.
+"""A whole site on one machine: the services that the agent uses, and volumes to back up.
 
     with Site() as site:                 # inside lab/namespace
         site.disk["data"].device, .uuid
 
-`lab/site` brings one up in namespaces of its own, and keeps it there until it is taken down.
+`lab/site` starts a site in namespaces of its own, and keeps it until it is taken down.
 """
 import contextlib
 import os
@@ -15,16 +15,16 @@ from lab.daemon import require_private_site
 from lab.logical_disk import are_volumes_logical, disk_of
 from lab.mounts import mounted
 from lab.paired import Paired
+from lab.resources import Resource
 from lab.services import LoginManager, SystemBus, UdevDaemon, Udisks
-from lab.stay import Stay
 from lab.volumes import Volume
 
 MOUNTS = pathlib.Path("/mnt")
 TABLE = pathlib.Path("/run/lab/volumes")
-INSIDE = "inside" # its namespaces, with nothing in them yet
+INSIDE = "inside" # printed inside the site's namespaces, before anything is in them
 READY = "ready"
 PAIRED = "paired"
-ROOMY = 3072 # mebibytes of a volume on which two CoW files of the default size fit, as a second backup needs
+ROOMY = 3072 # MiB of a volume with room for two CoW files of the default size, as a second backup needs
 
 DATA = Volume("data", "ext4", ROOMY, f"{MOUNTS}/data")
 FILES = Volume("files", "xfs", ROOMY, f"{MOUNTS}/Büro und Lager")
@@ -40,9 +40,9 @@ VOLUMES = (
 )
 
 
-class Site(Stay):
-    """System bus, login manager, udev, udisks and one disk. `token` marks what the whole machine can see, and
-    the disk's image lies in `directory`."""
+class Site(Resource):
+    """System bus, login manager, udev, udisks and one disk. `token` is part of names that the whole machine
+    can see; the disk's image is in `directory`."""
 
     def __init__(self, volumes=VOLUMES, token="site", directory="/tmp"):
         super().__init__()
@@ -50,21 +50,22 @@ class Site(Stay):
         self.udisks = Udisks()
         self.disk = disk_of(volumes, token, directory)
 
-    def open(self, lasting):
+    def open(self, stack):
         require_private_site()
-        # Nothing of the machine's is there, and nothing stays there.
-        lasting.enter_context(mounted("tmpfs", MOUNTS, "mode=755", "tmpfs"))
+        # The tmpfs hides what the machine has there, and takes all changes.
+        stack.enter_context(mounted("tmpfs", MOUNTS, "mode=755", "tmpfs"))
         for part in self._parts():
-            lasting.enter_context(part)
+            stack.enter_context(part)
 
     def _parts(self):
-        """Where volumes are logical, this is a machine of the lab's, with services of its own."""
+        """The parts of the site. If volumes are logical, this runs in a machine of the lab, which has its own
+        services."""
         if are_volumes_logical():
             return [self.disk]
         return [self.bus, LoginManager(), UdevDaemon(), self.disk, self.udisks]
 
     def table(self):
-        """The volumes in lines, for people."""
+        """A table of the volumes, for people."""
         rows = [("name", "device", "type", "UUID", "mounted at")]
         rows += [(partition.name, partition.device, partition.volume.file_system, partition.uuid,
                   partition.volume.mount_point) for partition in self.disk]
@@ -73,20 +74,20 @@ class Site(Stay):
 
 
 def reap():
-    """The first process of a namespace inherits those whose parents have ended."""
+    """Reaps ended processes: the first process of a namespace inherits those whose parents have ended."""
     with contextlib.suppress(ChildProcessError):
         while os.waitpid(-1, os.WNOHANG)[0]:
             pass
 
 
 def hold(token, *extras):
-    """Keeps a site up, as the first process of its namespaces, until it is killed: there is one way to end,
-    and the kernel does the work."""
-    signal.signal(signal.SIGCHLD, lambda *_: None) # or the kernel drops it before it can be waited for
-    with Site(token=token) as site, contextlib.ExitStack() as lasting:
+    """Keeps a site up, as the first process of its namespaces, until it is killed. That is the only way to
+    end it, and the kernel cleans up."""
+    signal.signal(signal.SIGCHLD, lambda *_: None) # or the kernel discards SIGCHLD, and sigwait misses it
+    with Site(token=token) as site, contextlib.ExitStack() as stack:
         text = site.table()
         if PAIRED in extras:
-            text += lasting.enter_context(Paired(site)).description()
+            text += stack.enter_context(Paired(site)).description()
         TABLE.parent.mkdir(exist_ok=True)
         TABLE.write_text(text, encoding="utf-8")
         signal.pthread_sigmask(signal.SIG_BLOCK, {signal.SIGCHLD})
@@ -99,6 +100,6 @@ def hold(token, *extras):
 if __name__ == "__main__":
     os.umask(0o022)
     print(INSIDE, flush=True)
-    if sys.stdin.readline() != "go\n": # whoever starts a site notes first whom to end
+    if sys.stdin.readline() != "go\n": # the starter first records which process to kill
         sys.exit("the starter has gone")
     hold(*sys.argv[1:])

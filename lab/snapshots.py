@@ -1,4 +1,4 @@
-"""Snapshots of volumes, taken and ended by the agent's own code as a backup does, without the backup.
+"""Snapshots of volumes, taken and ended by the agent's own code as in a backup, but without the backup.
 
     with Session(partitions, incremental=False) as session:
         facts = session.start()
@@ -21,24 +21,24 @@ MOUNT_ROOT = pathlib.Path("/tmp/tolvuMountRoot")
 
 
 def mounts():
-    """Where snapshots are mounted."""
+    """The mount points of snapshots."""
     lines = pathlib.Path("/proc/self/mountinfo").read_text(encoding="utf-8").splitlines()
     return [line.split()[4] for line in lines if line.split()[4].startswith(str(MOUNT_ROOT))]
 
 
 def drop_snapshots():
-    """Whatever a session has left goes: no snapshot is mounted, and the driver knows no volume any more."""
+    """Removes what a session has left: unmounts the snapshots, and makes the driver forget all volumes."""
     for path in mounts():
         run("umount", path)
     forget_devices()
 
 
 class SessionError(Exception):
-    """The session failed; the text is what it threw."""
+    """The session failed; the text is the exception's message."""
 
 
 class Session:
-    """One run of the program: the agent, as far as snapshots go."""
+    """One run of the program SnapshotSession, the part of the agent that handles snapshots."""
 
     def __init__(self, partitions, incremental):
         prefix = "+" if incremental else ""
@@ -52,12 +52,12 @@ class Session:
 
     @property
     def log(self):
-        """What has been logged so far; each line begins with the number of its level."""
+        """The log so far; each line begins with its level as a number."""
         size = os.fstat(self._errors.fileno()).st_size
         return os.pread(self._errors.fileno(), size, 0).decode()
 
     def run(self, command):
-        """Gives a command; returns what is known of the snapshots, by the names of the volumes. None if the
+        """Sends a command; returns the facts about the snapshots, by the names of the volumes, or None if the
         program has been killed meanwhile."""
         try:
             self.process.stdin.write(command + "\n")
@@ -76,14 +76,14 @@ class Session:
         return self.run("start")
 
     def check(self):
-        """What the end of a copy finds of each snapshot: 0, or the number of an error."""
+        """The check of each snapshot at the end of a copy: 0, or an error number."""
         return self.run("check")
 
     def end(self, outcome):
         return self.run(f"end {outcome}")
 
     def trace(self, *options, output="/dev/null"):
-        """Lets strace watch the system calls from here on."""
+        """Traces the system calls with strace from here on."""
         self._tracer = subprocess.Popen(["strace", "-f", "-qq", "-o", output, *options, "-p",
                                          str(self.process.pid)])
         status = pathlib.Path("/proc", str(self.process.pid), "status")

@@ -11,7 +11,7 @@ MESSAGE = re.compile(r"<(?P<priority>\d+)>\w{3} [ \d]\d \d\d:\d\d:\d\d (?P<ident
 
 
 class SystemLog:
-    """Collects what programs send to the system log while the object lives, as matches of MESSAGE."""
+    """Collects, as matches of MESSAGE, what programs send to the system log during the context."""
 
     def __enter__(self):
         self._received = []

@@ -4,7 +4,7 @@
         image = target.add_image("data", 1 << 30)
         target.portal, target.name, image.lun, image.path
 
-What tgtd has been given is in the files, in the kernel's memory, at once: that it is killed loses nothing.
+Written data is in the files at once, in the kernel's page cache, so nothing is lost when tgtd is killed.
 image_server.py has what all servers of images can do.
 """
 import contextlib
@@ -16,12 +16,12 @@ from lab.commands import run
 from lab.image_server import ADDRESS, ImageServer, Writes
 
 NAME = "iqn.2026-01.example:images"
-TARGET = "1" # the number of the only target of each tgtd
+TARGET = "1" # the ID of the only target of each tgtd
 NOBODY = ("", "")
 
 
 class Image:
-    """A disk of the target. `thin` ones can be told that blocks are unused (UNMAP)."""
+    """A disk of the target. If `thin` is true, it supports UNMAP, which marks blocks as unused."""
 
     def __init__(self, target, path, lun, block_size, thin):
         self._target = target
@@ -33,22 +33,22 @@ class Image:
         self.threads = set()
         self._earlier = Writes()
 
-    def place(self):
-        """What a backup request says of it."""
+    def request_keys(self):
+        """The keys that name the image in a backup request."""
         user, password = self._target.account
         return {"target": self._target.portal, "name": self._target.name, "lun": self.lun, "username": user,
                 "password": password}
 
     def writes(self):
-        """What has been written to the image since it was added, by the commands that have been answered.
+        """The writes of completed commands to the image since it was added.
 
-        tgtd has threads for each image that do nothing but its input and output, a write system call for each
-        command that writes, so the kernel's accounts of these threads are exact. What tgtd itself counts is
-        forgotten when the initiator logs out."""
+        tgtd has threads for each image that do nothing but its input and output, with one write system call
+        for each writing command, so the kernel's I/O counters of these threads are exact. tgtd's own counters
+        are lost when the initiator logs out."""
         return sum((writes_of(thread) for thread in self._target.threads(self)), self._earlier)
 
-    def settle_accounts(self):
-        """The threads are going to end."""
+    def save_write_counters(self):
+        """Saves the counters, because the threads are about to end."""
         self._earlier = self.writes()
         self.threads = set()
 
@@ -70,24 +70,24 @@ class Target(ImageServer):
 
     @property
     def account(self):
-        """Whom a backup goes by: the last user and password that were named, if any."""
+        """The user and password for a backup: the last pair that require_chap() got, if any."""
         return list(self._accounts.items())[-1] if self._accounts else NOBODY
 
     @property
     def command(self):
         return ("env", f"TGT_IPC_SOCKET={self._control}", "tgtd", "-f", "--iscsi", f"portal={self.portal}")
 
-    def open(self, lasting):
-        super().open(lasting)
-        self._control = self.make_directory(lasting, "tgtd-", "/run") / "control"
-        lasting.callback(self.kill)
+    def open(self, stack):
+        super().open(stack)
+        self._control = self.make_directory(stack, "tgtd-", "/run") / "control"
+        stack.callback(self.kill)
         self.start()
 
     def prepare(self):
         for path in self._control.parent.iterdir():
             path.unlink()
         with socket.create_server((ADDRESS, self.port)):
-            pass # or tgtd would go on without its portal
+            pass # fails if the port is taken, as tgtd would run on without its portal
 
     def is_ready(self):
         with contextlib.suppress(OSError):
@@ -109,12 +109,12 @@ class Target(ImageServer):
                    env={**os.environ, "TGT_IPC_SOCKET": str(self._control)})
 
     def add_image(self, name, size, block_size=512, *, thin=False, poisoned=True):
-        """Adds a disk, of whole blocks. See ImageServer."""
+        """Adds a disk, rounded up to whole blocks. See ImageServer."""
         size = math.ceil(size / block_size) * block_size
         return super().add_image(name, size, poisoned=poisoned, block_size=block_size, thin=thin)
 
     def serve(self, path, *, block_size, thin):
-        image = Image(self, path, len(self.images) + 1, block_size, thin) # 0 is tgtd's own
+        image = Image(self, path, len(self.images) + 1, block_size, thin) # LUN 0 is tgtd's own
         self._add_unit(image)
         return image
 
@@ -132,7 +132,7 @@ class Target(ImageServer):
         return self._administer("show", "conn", "--tid", TARGET).count("Session:")
 
     def require_chap(self, user, password):
-        """From the next login on, initiators have to be this one, or another that was named before."""
+        """Requires CHAP from the next login on, with this account or an earlier one."""
         self._accounts[user] = password
         self._add_account(user, password)
 
@@ -141,14 +141,14 @@ class Target(ImageServer):
         self._administer("bind", "account", "--tid", TARGET, "--user", user)
 
     def threads(self, image):
-        """Those that work for an image; none while the target is down."""
+        """The threads that work for an image; none while the target is down."""
         if self._process is None:
             return set()
         self.check_running()
         return image.threads
 
-    def settle_accounts(self):
+    def save_write_counters(self):
         for image in self.images:
-            image.settle_accounts()
+            image.save_write_counters()
 
-    stop = ImageServer.kill # there is no other way while it has targets
+    stop = ImageServer.kill # tgtd doesn't end by a signal while it has targets

@@ -1,4 +1,4 @@
-"""What a process uses, as the kernel tells it."""
+"""The resources that a process uses, according to the kernel."""
 import os
 import pathlib
 import typing
@@ -15,12 +15,12 @@ def usage(pid):
 
 
 def status_number(pid, name):
-    """A figure of /proc/PID/status; sizes are in KiB."""
+    """A number from /proc/PID/status; sizes are in KiB."""
     status = pathlib.Path(f"/proc/{pid}/status").read_text(encoding="ascii")
     [line] = [line for line in status.splitlines() if line.startswith(f"{name}:")]
     return int(line.split()[1])
 
 
 def descriptors(pid):
-    """How many are open."""
+    """The number of open file descriptors."""
     return len(os.listdir(f"/proc/{pid}/fd"))

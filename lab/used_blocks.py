@@ -1,8 +1,10 @@
-"""Which blocks of a volume are in use, by the tools of its file system; of a device or of an image."""
+"""Which blocks of a volume, on a device or in an image, are used, according to the file system's own
+tools."""
 
 
 class Truth:
-    """What the file system's own tool says: the number of blocks, their size, and which of them are free."""
+    """The answer of the file system's own tool: the number of blocks, their size, and which of them are
+    free."""
 
     def __init__(self, blocks, block_size, free_ranges):
         self.blocks = blocks

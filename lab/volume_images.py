@@ -1,4 +1,4 @@
-"""File systems in image files: making, ageing and freezing them."""
+"""File systems in image files: how to make, age and freeze them."""
 import contextlib
 import ctypes
 import os
@@ -13,7 +13,7 @@ libc = ctypes.CDLL(None, use_errno=True)
 
 
 def make_image(path, mebibytes, file_system, *options):
-    """A file with a file system made in it; `options` are those of the tool."""
+    """Makes a file with a file system in it; `options` are those of the tool."""
     path.unlink(missing_ok=True)
     with open(path, "wb") as file:
         file.truncate(mebibytes << 20)
@@ -23,7 +23,7 @@ def make_image(path, mebibytes, file_system, *options):
 
 @contextlib.contextmanager
 def mounted(image, file_system, directory):
-    """(device, mount point) of the image."""
+    """Mounts the image; yields (device, mount point)."""
     with attached(image) as device, filesystems.mounted(file_system, device, directory):
         yield device, directory
 
@@ -38,7 +38,8 @@ def frozen(directory):
 
 
 def age(directory, operations, seed=1, largest=300_000, is_plain=False):
-    """Creates, cuts and deletes files at random, the same way each time; cuts none where they are plain."""
+    """Creates, truncates and deletes files at random, the same way for each seed. Truncates none if
+    `is_plain` is true."""
     dice = random.Random(seed)
     files = []
     for number in range(operations):
@@ -57,15 +58,15 @@ def age(directory, operations, seed=1, largest=300_000, is_plain=False):
 
 
 def fill(directory):
-    """Fills the volume to the last block."""
+    """Fills the volume up to the last block."""
     with contextlib.suppress(OSError), open(directory / "filler", "wb", buffering=0) as file:
         while True:
             file.write(bytes(65536))
     os.sync()
 
 
-def riddle(file, block_size, holes):
-    """Frees every other block of a new file, so that each is a free extent of its own."""
+def fragment_free_space(file, block_size, holes):
+    """Frees every other block of a new file, so that each becomes a free extent of its own."""
     with open(file, "wb") as stream:
         os.posix_fallocate(stream.fileno(), 0, 2 * holes * block_size)
         for hole in range(holes):
@@ -75,8 +76,8 @@ def riddle(file, block_size, holes):
     os.sync()
 
 
-def riddle_with_files(directory, size, holes):
-    """The same where no holes can be punched: by new files of which every other one is deleted."""
+def fragment_with_files(directory, size, holes):
+    """Does the same if no holes can be punched: deletes every other one of new files."""
     directory.mkdir()
     for number in range(2 * holes):
         (directory / f"f{number}").write_bytes(bytes(size))

@@ -1,12 +1,12 @@
-"""Disks for the lab: an image with a partition table behind a loop device, and what is on its partitions.
+"""Disks for the lab: an image with a partition table behind a loop device, and volumes on its partitions.
 
     with Disk([Volume("data", "ext4", mount_point="/mnt/data")]) as disk:
         disk["data"].device, disk["data"].uuid
 
-Inside lab/namespace only: device nodes and mounts are made in its private /dev and mount namespace.
+Inside lab/namespace only: device nodes and mounts are made in the private /dev and mount namespace.
 
-Nothing is left behind, even by `kill -9`: the image lies in memory that belongs to the namespace, and the
-loop device is told to detach itself with its last user. Until then that is this object, which keeps it open.
+Nothing is left behind, even after `kill -9`: the image is in memory that belongs to the namespace, and the
+loop device detaches itself when its last user closes it. That user is this object, which keeps it open.
 """
 import contextlib
 import dataclasses
@@ -21,12 +21,12 @@ import tempfile
 from lab import filesystems
 from lab.commands import run
 from lab.loops import attach, backing_files, kept_open, make_node
+from lab.resources import Resource
 from lab.services import wait_until
-from lab.stay import Stay
 
 SECONDS = 60
 SECTORS = 2048 # in a mebibyte
-TABLE_MEBIBYTES = 4 # before and behind the partitions
+TABLE_MEBIBYTES = 4 # MiB before and after the partitions
 UDEV_CONTROL = pathlib.Path("/run/udev/control")
 FSTAB = pathlib.Path("/etc/fstab")
 IMAGE_PREFIX = "bekd-lab-"
@@ -34,11 +34,11 @@ IMAGE_PREFIX = "bekd-lab-"
 
 @dataclasses.dataclass(frozen=True)
 class Volume:
-    """What a partition is to hold. Without a file system it stays empty; without a mount point it stays
-    unmounted. `fstab` is the options of its line in /etc/fstab, which lasts as long as the disk, `making`
-    those of the tool that makes the file system."""
+    """The content of a partition. Without a file system it stays empty; without a mount point it isn't
+    mounted. `fstab` has the options for a line in /etc/fstab, which stays as long as the disk; `making` those
+    for the tool that makes the file system."""
 
-    name: str # its label too
+    name: str # also the label
     file_system: str = ""
     mebibytes: float = 1024
     mount_point: str = ""
@@ -48,19 +48,19 @@ class Volume:
 
 
 def loops_of(token):
-    """The loop devices whose images belong to the site of this token."""
+    """The loop devices whose images belong to the site with this token."""
     name = re.compile(rf"/{IMAGE_PREFIX}{re.escape(token)}-[^/]*$")
     return [loop for loop, file in backing_files().items() if name.search(file)]
 
 
 def announce(*devices):
-    """Lets udev look at devices anew, and waits until it has."""
+    """Makes udev examine devices again, and waits until it has."""
     if UDEV_CONTROL.exists():
         run("udevadm", "trigger", "--settle", "--action=change", *devices)
 
 
 def probe(device, tag):
-    """A property that a device shows on itself, such as its UUID; empty if it has none."""
+    """A property that is stored on a device, such as its UUID; empty if there is none."""
     done = subprocess.run(["blkid", "--probe", "--output", "value", "--match-tag", tag, device],
                           capture_output=True, text=True, check=False, timeout=SECONDS)
     return done.stdout.strip()
@@ -78,7 +78,7 @@ def fstab_line(line):
 
 
 class Partition:
-    """A volume that is there: on a device, with a UUID."""
+    """A volume on its device, with its UUID."""
 
     def __init__(self, volume, device):
         self.volume = volume
@@ -103,9 +103,9 @@ class Partition:
         return f"UUID={self.uuid} {where} {self.volume.file_system} {self.volume.fstab} 0 0"
 
 
-class Disk(Stay):
-    """A disk of one partition a volume. `token` tells whose it is in the name of the image, which every
-    namespace of the machine can see."""
+class Disk(Resource):
+    """A disk with one partition for each volume. `token` is part of the image's name, which every namespace
+    of the machine can see, and tells whose disk it is."""
 
     def __init__(self, volumes, token="disk", directory="/tmp", scheme="gpt"):
         super().__init__()
@@ -114,7 +114,7 @@ class Disk(Stay):
         self._token = token
         self._directory = directory
         self._partitions = {}
-        self.device = None # of the disk as a whole, where there is one
+        self.device = None # the whole disk, if there is one
 
     def __getitem__(self, name):
         return self._partitions[name]
@@ -122,52 +122,53 @@ class Disk(Stay):
     def __iter__(self):
         return iter(self._partitions.values())
 
-    def open(self, lasting):
-        self.open_medium(lasting)
+    def open(self, stack):
+        self.open_medium(stack)
         for number, volume in enumerate(self._volumes, 1):
-            partition = Partition(volume, self.device_of(lasting, number, volume))
+            partition = Partition(volume, self.device_of(stack, number, volume))
             partition.format()
             self._partitions[volume.name] = partition
         announce(*filter(None, [self.device]), *(partition.device for partition in self))
         for partition in self:
-            self._take_into_use(lasting, partition)
+            self._take_into_use(stack, partition)
 
-    def open_medium(self, lasting):
-        """Makes what the partitions lie on."""
-        image = lasting.enter_context(tempfile.NamedTemporaryFile(
+    def open_medium(self, stack):
+        """Makes the disk that the partitions are on."""
+        image = stack.enter_context(tempfile.NamedTemporaryFile(
             prefix=f"{IMAGE_PREFIX}{self._token}-", dir=self._directory))
-        self._attach(lasting, image.name)
+        self._attach(stack, image.name)
 
-    def device_of(self, lasting, number, _volume):
-        """The device of a volume; the first one's number is 1."""
+    def device_of(self, stack, number, _volume):
+        """The device of a volume; the first volume is number 1."""
         device = f"{self.device}p{number}"
         make_node(pathlib.Path(device).name)
-        lasting.callback(pathlib.Path(device).unlink, missing_ok=True)
+        stack.callback(pathlib.Path(device).unlink, missing_ok=True)
         return device
 
-    def _attach(self, lasting, image):
+    def _attach(self, stack, image):
         mebibytes = sum(math.ceil(volume.mebibytes) for volume in self._volumes)
         os.truncate(image, (mebibytes + TABLE_MEBIBYTES) << 20)
         run("sfdisk", "--quiet", image,
             input="\n".join([f"label: {self._scheme}",
                              *(f"size={int(volume.mebibytes * SECTORS)}" for volume in self._volumes)]))
         self.device = attach(image, "--partscan")
-        lasting.callback(self._await_detached, image)
-        user = lasting.enter_context(kept_open(self.device))
-        # Or udev has the kernel read the partition table, which drops what it can't read.
+        stack.callback(self._await_detached, image)
+        user = stack.enter_context(kept_open(self.device))
+        # Without the lock, udev makes the kernel read the partition table again, which drops partitions it
+        # can't read.
         fcntl.flock(user, fcntl.LOCK_SH)
-        run("losetup", "--detach", self.device) # with its last user, as it is in use
-        run("partx", "--update", self.device) # some kernels read no partition tables
+        run("losetup", "--detach", self.device) # takes effect when its last user closes it
+        run("partx", "--update", self.device) # some kernels don't read partition tables
 
     def _await_detached(self, image):
         name = pathlib.Path(self.device).name
         wait_until(lambda: backing_files().get(name) != image, SECONDS, f"{self.device} detached")
 
-    def _take_into_use(self, lasting, partition):
+    def _take_into_use(self, stack, partition):
         if partition.volume.fstab:
-            lasting.enter_context(fstab_line(partition.fstab_line()))
+            stack.enter_context(fstab_line(partition.fstab_line()))
         if partition.volume.mount_point:
-            lasting.enter_context(
+            stack.enter_context(
                 partition.mounted(partition.volume.mount_point, partition.volume.options))
 
     def __exit__(self, *exception):

@@ -1,9 +1,9 @@
-"""Following a backup by the appliance's calls until it has ended, and saying why it has failed.
+"""Follows a backup with the appliance's calls until it has ended, and says why it failed.
 
     outcome = watch(appliance, identifier, progress)     # progress takes each status
     outcome.is_success, outcome.lines
 
-The status of a backup doesn't always come to an end when its run does, so the log is asked too.
+The status may stay "active" after the backup's run has ended, so the log is read too.
 """
 import dataclasses
 import re
@@ -11,31 +11,31 @@ import threading
 import time
 
 POLL_SECONDS = 1
-QUIET_SECONDS = 3 # without a change, before the log is asked
-LIMIT_SECONDS = 900 # without a change; a target that is silent is waited for five minutes, twice
-LOG_SECONDS = 3 # for the line that tells why
-LOG_LINES = 10000 # the agent gives no more
+QUIET_SECONDS = 3 # without a change, before the log is read
+LIMIT_SECONDS = 900 # without a change; the agent waits five minutes, twice, for a silent target
+LOG_SECONDS = 3 # for the log line with the reason
+LOG_LINES = 10000 # the most that the agent returns
 INFO, ERROR = 2, 4
 ACTIVE, FINISHED = "active", "finished"
 ERRORS = ("connection_error", "snapshot_error")
 RUN_BEGINS = "Generated new backup ID: "
 RUN_ENDS = ("Backup run finished", "Exception occurred during backup run: ",
             "Unknown exception occurred during backup run")
-# What libiscsi says of a connection that is refused, and what the second transport does.
+# The errors of libiscsi, and of the second transport, when a connection is refused.
 REFUSED = re.compile(r"Target portal: (\S+) LUN.*(?:Can not reconnect right now|refused)"
                      r"|connect to zephane://([^/ ]+)\S* code: -111\b")
 
 
 @dataclasses.dataclass(frozen=True)
 class Outcome:
-    """`lines` say what has gone wrong."""
+    """The outcome of a backup. `lines` say what went wrong."""
 
     is_success: bool
     lines: tuple = ()
 
 
 class Refused(Exception):
-    """The agent has answered with an error."""
+    """The agent has answered with an error status."""
 
     def __init__(self, answer):
         super().__init__(answer)
@@ -49,10 +49,10 @@ def content_of(answer):
 
 
 def run_log(appliance, identifier):
-    """The lines that the agent has logged since it named the backup. None if they can't be told from others,
-    as where its log doesn't keep lines of that level."""
+    """The lines that the agent has logged since it generated the backup's ID. None if they can't be found, as
+    when the log's level excludes the line with the ID."""
     lines = content_of(appliance.logs(lines=LOG_LINES, severity=INFO))["log"]
-    lines = sorted(lines, key=lambda line: line["timestamp"]) # the files come in any order
+    lines = sorted(lines, key=lambda line: line["timestamp"]) # the log files come in any order
     begins = [number for number, line in enumerate(lines) if line["message"].startswith(RUN_BEGINS)]
     for number, end in zip(begins, [*begins[1:], len(lines)]):
         if lines[number]["message"] == RUN_BEGINS + identifier:
@@ -65,12 +65,12 @@ def has_run_ended(lines):
 
 
 def first_error(lines):
-    """The text of the line that tells the reason; those behind it are about clearing up."""
+    """The message of the first error, which has the reason; later errors are about the cleanup."""
     return next((line["message"] for line in lines or () if line["severity"] >= ERROR), None)
 
 
 def reason_lines(appliance, identifier):
-    """Why a backup has failed, as far as the log says."""
+    """The reason why a backup failed, according to the log, as lines."""
     deadline = time.monotonic() + LOG_SECONDS
     while True:
         error = first_error(run_log(appliance, identifier))
@@ -87,24 +87,24 @@ def reason_lines(appliance, identifier):
                    "compare address and port"]
 
 
-class Standstill:
-    """For how long a status has been the same, but for the time that it tells itself."""
+class UnchangedTimer:
+    """Measures how long a status has been the same, apart from its elapsed time."""
 
     def __init__(self):
         self._last = None
         self._since = 0.0
 
     def seconds(self, status):
-        told = {key: value for key, value in status.items() if key != "elapsedTime"}
-        if told != self._last:
-            self._last, self._since = told, time.monotonic()
+        relevant = {key: value for key, value in status.items() if key != "elapsedTime"}
+        if relevant != self._last:
+            self._last, self._since = relevant, time.monotonic()
         return time.monotonic() - self._since
 
 
 def ending_of(appliance, identifier, status, quiet):
-    """Why there is nothing more to wait for, as lines; None if there is."""
+    """The reason to stop waiting, as lines; None if the backup goes on."""
     failed = [error for error in ERRORS if status[error]]
-    if status["status"] != ACTIVE or failed: # a backup that never had a snapshot says "active" for ever
+    if status["status"] != ACTIVE or failed: # a backup that never had a snapshot stays "active"
         return failed
     if quiet >= QUIET_SECONDS and has_run_ended(run_log(appliance, identifier)):
         return ['the run has ended, whatever its status says: it stays "active" until the agent is restarted']
@@ -115,13 +115,13 @@ def ending_of(appliance, identifier, status, quiet):
 
 
 def watch(appliance, identifier, progress):
-    """Asks until the backup has ended. Asking also keeps it alive: the agent gives a backup up when nobody
-    has asked for it for three minutes."""
-    standstill = Standstill()
+    """Polls the status until the backup has ended. The polling also keeps the backup alive: the agent gives a
+    backup up if nobody has asked for its status for three minutes."""
+    unchanged = UnchangedTimer()
     while True:
         status = content_of(appliance.status(identifier))
         progress(status)
-        ending = ending_of(appliance, identifier, status, standstill.seconds(status))
+        ending = ending_of(appliance, identifier, status, unchanged.seconds(status))
         if ending is not None:
             break
         threading.Event().wait(POLL_SECONDS)

@@ -1,4 +1,4 @@
-"""XFS, by its own tools."""
+"""XFS, examined with its own tools."""
 import re
 import struct
 
@@ -7,11 +7,11 @@ from lab.commands import run
 from lab.kind import Kind, Sample, Seed
 from lab.used_blocks import Truth
 
-FREE_LIST_ENTRIES = 119 # that the agent reads: those in 512 bytes, behind a header with the checksum
+FREE_LIST_ENTRIES = 119 # that the agent reads: 512 bytes, after a header with the checksum
 
 
 def number(volume, place, name):
-    """A number in a structure, by the name that xfs_db has for it."""
+    """A number in a structure, by its name in xfs_db."""
     return int(run("xfs_db", "-r", "-c", place, "-c", f"p {name}", volume).split("=")[1])
 
 
@@ -24,25 +24,26 @@ def truth(volume):
     return Truth(blocks, block_size, free)
 
 
-def sleeping(_volume):
+def unknown_to_driver(_volume):
     return []
 
 
-def doubtful(volume):
-    """Those in the sectors of the free lists behind what the agent reads of each."""
+def may_be_reported_used(volume):
+    """The blocks that the sectors of the free lists name beyond the part that the agent reads."""
     ag_blocks = number(volume, "sb 0", "agblocks")
     return {group * ag_blocks + int(block) for group in range(number(volume, "sb 0", "agcount"))
             for entry, block in free_list_of(volume, group) if int(entry) >= FREE_LIST_ENTRIES}
 
 
 def free_list_of(volume, group):
-    """The entries in the array of a group's free list that name a block, as text: (index, block)."""
+    """The used entries in the array of a group's free list, as text: (index, block)."""
     listed = run("xfs_db", "-r", "-c", f"agfl {group}", "-c", "p bno", volume).split("=", 1)[1]
     return re.findall(r"(\d+):(\d+)", listed)
 
 
 def structures(device, root):
-    """The super block, and the block with the inode of a directory. Without the one, no kernel mounts it."""
+    """The superblock, and the block with a directory's inode. Without the superblock, no kernel mounts the
+    volume."""
     inode = next(path for path in sorted(root.iterdir()) if path.is_dir()).stat().st_ino
     converted = run("xfs_db", "-r", "-c", f"convert ino {inode} fsbyte", device)
     at = int(re.search(r"\((\d+)\)", converted)[1])
@@ -64,7 +65,7 @@ def regions(image):
 
 
 def tree_regions(file, begin, size, root):
-    """The blocks of a tree of free space in the group at `begin`."""
+    """The blocks of a free-space tree in the group at `begin`."""
     pending = [root]
     while pending:
         address = begin + pending.pop() * size
@@ -91,14 +92,14 @@ KIND = Kind(
     mebibytes=SMALLEST,
     mount=mounts.mounted,
     can_freeze=True,
-    look="ro,nouuid,norecovery",
-    write="rw,nouuid",
-    calm="defaults",
+    read_only_options="ro,nouuid,norecovery",
+    writable_options="rw,nouuid",
+    quiet_options="defaults",
     check=("xfs_repair", "-n"),
-    needs_replay=True, # a freeze leaves counters of the super block in the journal only
+    needs_replay=True, # a freeze leaves superblock counters only in the journal
     truth=truth,
-    sleeping=sleeping,
-    doubtful=doubtful,
+    unknown_to_driver=unknown_to_driver,
+    may_be_reported_used=may_be_reported_used,
     structures=structures,
     usual=USUAL,
     samples=(

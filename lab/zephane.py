@@ -1,12 +1,12 @@
-"""A server of the transport `zephaneftp` for the lab: zephaned, with an engine for each image.
+"""A server of the transport `zephaneftp` for the lab: zephaned, with one engine for each image.
 
     with ZephaneServer() as server:
         image = server.add_image("data", 1 << 30)
         server.portal, image.name, image.lun, image.secret, image.path
         image.writes(), image.holes()
 
-Each engine is an nbdkit that writes down every request; zephaned starts it with the first session of its
-image, and ends it with the last. image_server.py has what all servers of images can do.
+Each engine is an nbdkit that logs every request. zephaned starts it with the first session of its image, and
+stops it with the last. image_server.py has what all servers of images can do.
 """
 import collections
 import contextlib
@@ -22,7 +22,7 @@ from lab.image_server import SECONDS, ImageServer, Writes
 from lab.services import wait_until
 
 PORT = 25568
-FIRST_VOLUME_ID = 2**63 # so that none of them fits what a SCSI unit may have
+FIRST_VOLUME_ID = 2**63 # so large that none fits a SCSI LUN
 READY = "ready\n"
 RELOADED = "the configuration has been read again\n"
 REQUEST = re.compile(r" connection=(\d+) (\.{3})?(Read|Write|Zero|Trim|Flush) id=(\d+)(.*)")
@@ -32,7 +32,7 @@ Request = collections.namedtuple("Request", "kind offset bytes")
 
 
 class Image:
-    """An image and its engine. `name` is its path at the server, `lun` its volume ID."""
+    """An image and its engine. `name` is the image's path in requests, `lun` is its volume ID."""
 
     def __init__(self, server, path, lun, backend):
         self._server = server
@@ -42,22 +42,22 @@ class Image:
         self.secret = secrets.token_urlsafe(32)
         self.backend = backend
 
-    def place(self):
-        """What a backup request says of it."""
+    def request_keys(self):
+        """The keys that name the image in a backup request."""
         return {"target": self._server.portal, "name": self.name, "lun": self.lun, "password": self.secret}
 
     def requests(self):
-        """What the engine has done, in the order in which it was done. What has failed is left out."""
-        with contextlib.suppress(FileNotFoundError): # it has never been started
+        """The requests that the engine has completed, in order. Failed requests are left out."""
+        with contextlib.suppress(FileNotFoundError): # the engine has never been started
             return list(done_requests(log_of(self.path).read_text(encoding="utf-8").splitlines()))
         return []
 
     def writes(self):
-        """The requests that have written data."""
+        """The requests that wrote data."""
         return self._sum("Write")
 
     def holes(self):
-        """The requests that have made holes."""
+        """The requests that made holes."""
         return self._sum("Zero", "Trim")
 
     def _sum(self, *kinds):
@@ -65,17 +65,18 @@ class Image:
         return Writes(len(sizes), sum(sizes))
 
     def engine(self):
-        """The number of the process, None if there is none."""
+        """The PID of the image's engine, or None."""
         return next((pid for pid in self._server.engines() if str(self.path) in command_of(pid)), None)
 
 
 def log_of(path):
-    """Where the engine of an image writes down its requests."""
+    """The path of the log where an image's engine writes its requests."""
     return path.with_name(f"{path.name}.log")
 
 
 def done_requests(lines):
-    """The numbers of requests count by connection, and those of connections by engine."""
+    """Yields the completed requests. Request numbers are unique within a connection, connection numbers
+    within an engine."""
     begun = {}
     for found in filter(None, map(REQUEST.search, lines)):
         connection, is_end, kind, number, rest = found.groups()
@@ -88,7 +89,7 @@ def done_requests(lines):
 
 
 def command_of(pid):
-    """The words of a process's command; none of one that has ended."""
+    """The words of a process's command line; empty if the process has ended."""
     with contextlib.suppress(FileNotFoundError, ProcessLookupError):
         words = pathlib.Path("/proc", str(pid), "cmdline").read_text(encoding="utf-8").split("\0")
         return [word for word in words if word]
@@ -102,8 +103,8 @@ def children_of(thread):
 
 
 class ZephaneServer(ImageServer):
-    """One zephaned. `options` are what the engines of the images are started with besides, such as filters
-    that do harm."""
+    """One zephaned. `options` are additional arguments for the engines of the images, such as filters that
+    cause faults."""
 
     interface = "zephaneftp"
 
@@ -121,10 +122,10 @@ class ZephaneServer(ImageServer):
     def command(self):
         return (str(program("zephaned")), "--config", str(self.configuration))
 
-    def open(self, lasting):
-        super().open(lasting)
-        self._run = self.make_directory(lasting, "zephaned-", "/run")
-        lasting.callback(self.stop)
+    def open(self, stack):
+        super().open(stack)
+        self._run = self.make_directory(stack, "zephaned-", "/run")
+        stack.callback(self.stop)
         self.start()
 
     def prepare(self):
@@ -141,7 +142,7 @@ class ZephaneServer(ImageServer):
         return READY in self.output
 
     def serve(self, path, *, backend=None):
-        """`backend` takes the place of an engine on the image's file."""
+        """Adds an image. `backend` replaces the engine that would serve the image's file."""
         engine = ["--filter=log", "file", str(path), f"logfile={log_of(path)}", "logappend=true",
                   *self.options]
         return Image(self, path, FIRST_VOLUME_ID + len(self.images), backend or engine)
@@ -152,29 +153,29 @@ class ZephaneServer(ImageServer):
         return image
 
     def reload(self):
-        """Has the server take over what has changed of the images."""
+        """Makes the server load the changed list of images."""
         seen = self.output.count(RELOADED)
         self.prepare()
         self._process.send_signal(signal.SIGHUP)
         wait_until(lambda: self.output.count(RELOADED) > seen, SECONDS, "the images reloaded")
 
     def engines(self):
-        """The numbers of the processes; none while the server is down."""
+        """The PIDs of the engines; none while the server is down."""
         if self._process is None:
             return []
         return [pid for thread in self.all_threads() for pid in children_of(thread)]
 
     def sessions(self):
-        """How many images are in use."""
+        """The number of images in use."""
         return len(self.engines())
 
     def stop(self):
         if self._process is not None:
-            self.resume() # or it would never know
+            self.resume() # a suspended server wouldn't see SIGTERM
         super().stop()
 
     def kill(self):
-        """The engines go with the server."""
+        """Kills the server; its engines end with it."""
         engines = self.engines()
         super().kill()
         wait_until(lambda: not any(map(command_of, engines)), SECONDS, "the engines gone")

@@ -1,15 +1,15 @@
-"""The blocks of a page of the documents, run as they are printed.
+"""The code blocks of a document page, run as they are printed.
 
-A block that is marked `sh` holds commands, and one marked `text` behind it lines that they print, in their
-order, where "..." stands for anything, and any number, UUID or serial number for one of its kind. A block
-that is marked `python` is a whole program. A further word tells what they take: `sh machine`, `python ceph`.
-All other blocks of a page are for reading.
+A block marked `sh` holds commands. If a block marked `text` follows, it has lines that the commands print, in
+order; there, "..." matches anything, and any number, UUID or serial number matches another of its kind. A
+block marked `python` is a whole program. A further word names what the block needs: `sh machine`, `python
+ceph`. All other blocks are for reading only.
 
     page = Page(ROOT / "docs" / "first-hour.md")
     check_blocks(page["Pairing"] + page["The first backup"], execute)
 
-`execute` runs a script, and returns its status and what it has printed; `shell_in` makes one. Blocks that are
-run together share a shell.
+`execute` runs a script, and returns its status and output; `shell_in` makes one. Blocks that are run together
+share a shell.
 """
 import pathlib
 import re
@@ -28,7 +28,7 @@ SECONDS = 600
 
 
 class Block(typing.NamedTuple):
-    """What stands behind its fence, what is in it, and the lines that it prints."""
+    """A block: the words after its fence, its text, the heading above it, and the lines that it prints."""
 
     kind: str
     text: str
@@ -37,7 +37,7 @@ class Block(typing.NamedTuple):
 
 
 class Page:
-    """The blocks of a page, in their order."""
+    """The blocks of a page, in order."""
 
     def __init__(self, path):
         text = pathlib.Path(path).read_text(encoding="utf-8")
@@ -61,14 +61,14 @@ class Page:
         self.blocks[-1] = self.blocks[-1]._replace(printed=tuple(block.text.splitlines()))
 
     def __getitem__(self, heading):
-        """The commands below one heading; there are some, or the page has changed."""
+        """The commands below a heading. There must be some, otherwise the page has changed."""
         found = [block for block in self.of(SH) if block.heading == heading]
         assert found, f"no commands below {heading!r}"
         return found
 
     @property
     def headings(self):
-        """Of all that has commands."""
+        """The headings of all blocks with commands."""
         return list(dict.fromkeys(block.heading for block in self.of(SH)))
 
     def of(self, kind):
@@ -76,12 +76,12 @@ class Page:
 
 
 def _alike(line):
-    """What has to be the same in a line each time."""
+    """The part of a line that must be the same each time."""
     return " ".join(VARYING.sub(lambda found: f"#{found.lastindex}", line).split())
 
 
 def missing_line(expected, printed):
-    """The first expected line that isn't printed, behind the one before; None if all are."""
+    """The first expected line that isn't printed after the previous one; None if all are."""
     lines = iter([_alike(line) for line in printed.splitlines()])
     for line in filter(str.strip, expected):
         pattern = re.compile(".*".join(map(re.escape, _alike(line).split("..."))))
@@ -91,13 +91,14 @@ def missing_line(expected, printed):
 
 
 def _is_whole(text):
-    """Whether a shell would read on; it warns of a document that ends with the script only."""
+    """Whether a text is complete for a shell. bash only warns of a here-document that ends with the
+    script."""
     done = subprocess.run(["bash", "-n"], input=text, stderr=subprocess.PIPE, text=True, check=False)
     return done.returncode == 0 and not done.stderr and not text.endswith("\\\n")
 
 
 def commands_in(text):
-    """One by one, each with all of its lines."""
+    """Splits a text into commands, each with all of its lines."""
     commands, rest = [], ""
     for line in text.splitlines(keepends=True):
         rest += line
@@ -110,14 +111,14 @@ def commands_in(text):
 
 
 def script_of(commands):
-    """A script that marks where each begins, and ends with the first that fails: without the line behind it
-    a shell would go on after `false && true`."""
+    """A script that prints a mark before each command, and ends with the first command that fails. `(exit
+    $?)` is needed because otherwise a shell goes on after `false && true`."""
     marked = [f"echo -n '{COMMAND}'\n{command}(exit $?)\n" for command in commands]
     return "".join(["set -euo pipefail\n", *marked])
 
 
 def _outputs(commands, execute):
-    """What each has printed; the first that fails is told with what it has."""
+    """The output of each command. If one fails, raises an error with its output."""
     status, printed = execute(script_of(commands))
     start, *outputs = printed.split(COMMAND)
     if status == 0 and len(outputs) == len(commands):
@@ -127,7 +128,7 @@ def _outputs(commands, execute):
 
 
 def check_blocks(blocks, execute):
-    """Runs them all; what each has printed must be what its page says. Returns what was printed, by block."""
+    """Runs all blocks. The output of each must be what the page says. Returns the output, by block."""
     commands = [commands_in(block.text) for block in blocks]
     outputs = iter(_outputs(sum(commands, []), execute))
     printed = ["".join(next(outputs) for _ in own) for own in commands]
@@ -138,7 +139,7 @@ def check_blocks(blocks, execute):
 
 
 def _run(command, directory, seconds=SECONDS, **options):
-    """Status, and what was printed on either stream."""
+    """Runs a command; returns its status and its output on both streams."""
     try:
         done = subprocess.run(command, cwd=directory, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
                               check=False, timeout=seconds, **options)
@@ -148,12 +149,12 @@ def _run(command, directory, seconds=SECONDS, **options):
 
 
 def shell_in(directory, **options):
-    """Runs scripts there, where they have nothing to read."""
+    """Returns a function that runs a script in `directory`, with an empty standard input."""
     return lambda script: _run(["bash", "-c", script], directory, stdin=subprocess.DEVNULL, **options)
 
 
 def check_program(block, directory, **options):
-    """Runs it in a namespace of its own, which the lab in `directory` makes."""
+    """Runs a program block in a namespace of its own, which the lab in `directory` makes."""
     status, printed = _run(["lab/namespace", "/usr/bin/python3", "-B", "-"], directory,
                            input=block.text.encode(), **options)
     assert status == 0, f"status {status} of\n{block.text}--- printed\n{printed}"

@@ -1,18 +1,19 @@
-"""What the description of the host costs by the number of volumes; to be run on a release build:
+"""Measures the description of the host, by the number of volumes. Run it on a release build:
 
     BEKD_BUILD=build/release lab/namespace /usr/bin/python3 -m bench.api.api_host
 
-The peer, asked in turns with the daemon, is `busctl` that has udisks2 send all of its objects once: no less
-can tell which volumes there are. It opens no devices and has no TLS, but is a new process each time.
+The peer, which takes turns with the daemon, is `busctl`, to which udisks2 sends all of its objects once: the
+least that shows which volumes there are. It opens no devices and uses no TLS, but is a new process each time.
 """
 import contextlib
 import statistics
 import subprocess
 import time
 
+from lab.agent_state import appliance_of, clean_agent_state
 from lab.appliance_client import DEVICE
+from lab.arguments import parser_of
 from lab.daemon import Daemon, require_private_site
-from lab.machine import appliance_of, new_machine
 from lab.site import Site
 from lab.volumes import Volume
 
@@ -34,7 +35,7 @@ def seconds_of(action):
 
 
 def race(*actions):
-    """The medians of the actions, which take turns."""
+    """The median seconds of each action; the actions take turns."""
     rounds = [[seconds_of(action) for action in actions] for _ in range(WARM_UP + ROUNDS)]
     return [statistics.median(taken) for taken in zip(*rounds[WARM_UP:])]
 
@@ -49,11 +50,12 @@ def race_host(appliance, count):
 
 
 def main():
+    parser_of(__doc__).parse_args()
     require_private_site()
-    with contextlib.ExitStack() as lasting:
-        authority = lasting.enter_context(new_machine(key_type="rsa"))
-        lasting.enter_context(Daemon(foreground=False)).wait_until_ready()
-        appliance = lasting.enter_context(appliance_of(authority))
+    with contextlib.ExitStack() as stack:
+        authority = stack.enter_context(clean_agent_state(key_type="rsa"))
+        stack.enter_context(Daemon(foreground=False)).wait_until_ready()
+        appliance = stack.enter_context(appliance_of(authority))
         assert appliance.pair(DEVICE).status == 200
         print(f"{'volumes':>8} {'GET /host ms':>12} {'busctl ms':>12} {'ratio':>12}", flush=True)
         for count in COUNTS:

@@ -1,12 +1,12 @@
-"""What polling the status of a backup costs, and what the idle daemon uses; to be run on a release build:
+"""Measures what polling the status of a backup costs, and what the idle daemon uses. Run it on a release
+build:
 
     BEKD_BUILD=build/release lab/namespace /usr/bin/python3 -m bench.api.api_status
 
-Two peers are raced in the same run, by the same client, in turns with the daemon and with the same
-certificates: Python's own HTTPS server over one kept connection, and openssl's `s_server -www`, which closes
-every connection after its answer, over fresh ones. Both ask for the client's certificate, but check it once a
-connection, where the daemon checks it at each request. Handshakes are full ones, with RSA keys of 2048 bits,
-as the daemon makes them.
+Two peers take part in the same run, with the same client and certificates, in turns with the daemon: Python's
+own HTTPS server over one kept connection, and openssl's `s_server -www`, which closes each connection after
+its answer, over fresh ones. Both check the client's certificate once per connection, while the daemon checks
+it at each request. Handshakes are full ones, with RSA keys of 2048 bits, like those that the daemon makes.
 """
 import contextlib
 import http.server
@@ -22,6 +22,7 @@ import threading
 import time
 
 from lab.appliance_client import DEVICE, PORT, Appliance, volume
+from lab.arguments import parser_of
 from lab.certificates import Authority, install
 from lab.daemon import BASE, CERTIFICATES, Daemon, program, require_private_site
 from lab.driver import hide_driver, show_driver
@@ -39,7 +40,7 @@ ADDRESS = "127.0.0.1"
 
 
 class Client:
-    """As little of a client as will do, so that the server is what is measured."""
+    """A minimal client, so that the time measured is the server's."""
 
     def __init__(self, context, port, request):
         self._context = context
@@ -57,7 +58,7 @@ class Client:
         self._socket.close()
 
     def ask(self):
-        """One request; the answer's body, whose end is told by its length or by the end of the connection."""
+        """Sends one request; returns the answer's body, which ends by its length or with the connection."""
         self._socket.sendall(self._request)
         data = b""
         while b"\r\n\r\n" not in data:
@@ -89,13 +90,13 @@ class Client:
 
 
 class KeptPeer:
-    """Python's HTTPS server in a process of its own; it gives one answer to everything."""
+    """Python's HTTPS server in a process of its own, with the same answer to everything."""
 
     def __init__(self, context, body):
         class Handler(http.server.BaseHTTPRequestHandler):
             protocol_version = "HTTP/1.1"
             disable_nagle_algorithm = True
-            wbufsize = -1 # head and body leave as one, as the daemon's do
+            wbufsize = -1 # sends head and body together, as the daemon does
 
             def do_GET(self):
                 self.send_response(200)
@@ -105,7 +106,7 @@ class KeptPeer:
                 self.wfile.write(body)
 
             def log_message(self, *_arguments):
-                """Quiet."""
+                """Logs nothing."""
 
         self._server = http.server.ThreadingHTTPServer((ADDRESS, KEPT_PEER_PORT), Handler)
         self._server.socket = context.wrap_socket(self._server.socket, server_side=True)
@@ -122,7 +123,7 @@ class KeptPeer:
 
 
 class FreshPeer(Service):
-    """openssl's test server with its own page of answer."""
+    """openssl's test server, which answers with its own page."""
 
     def __init__(self, agent, authority):
         super().__init__()
@@ -138,7 +139,7 @@ class FreshPeer(Service):
 
 
 def time_each(action, times):
-    """How many seconds each of so many runs of the action takes."""
+    """The seconds of each of `times` runs of the action."""
     taken = []
     for _ in range(times):
         begin = time.perf_counter()
@@ -148,7 +149,7 @@ def time_each(action, times):
 
 
 def race(requests, *actions):
-    """Times the actions in turns; a list of seconds for each."""
+    """Times the actions in turns; returns a list of seconds for each."""
     taken = [[] for _ in actions]
     for action in actions:
         time_each(action, WARM_UP)
@@ -170,7 +171,7 @@ def print_race(name, agent, peer_name, peer):
 
 
 def start_once(install_client):
-    """Seconds from the start of the process to its first answer, and the memory that it then uses."""
+    """The seconds from the start of the process to its first answer, and its resident memory then."""
     pause = threading.Event()
     begin = time.perf_counter()
     process = subprocess.Popen([program(), "-d"], stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL)
@@ -201,7 +202,7 @@ def request_for(url):
 
 
 def ended_backup(device, authority):
-    """Pairs, and has a backup fail for want of its volume; the URL of its status."""
+    """Pairs, and runs a backup that fails because its volume is missing; returns the URL of its status."""
     with Appliance(certificate=device.certificate, key=device.key,
                    authority=authority.certificate) as appliance:
         appliance.pair(DEVICE)
@@ -215,10 +216,10 @@ def race_status(daemon, context, server_context, agent, device, authority):
     request = request_for(ended_backup(device, authority))
     polled = Client(context, PORT, request)
     body = polled.ask_freshly()
-    with contextlib.ExitStack() as lasting:
-        lasting.enter_context(KeptPeer(server_context, body))
-        lasting.enter_context(FreshPeer(agent, authority))
-        kept = [lasting.enter_context(contextlib.closing(Client(context, port, request).connect()))
+    with contextlib.ExitStack() as stack:
+        stack.enter_context(KeptPeer(server_context, body))
+        stack.enter_context(FreshPeer(agent, authority))
+        kept = [stack.enter_context(contextlib.closing(Client(context, port, request).connect()))
                 for port in (PORT, KEPT_PEER_PORT)]
         time_each(kept[0].ask, WARM_UP)
         before = usage(daemon.pid)
@@ -242,12 +243,13 @@ def print_usage(before, after_kept, after_all):
 
 
 def main():
+    parser_of(__doc__).parse_args()
     require_private_site()
     shutil.rmtree(BASE, ignore_errors=True)
-    with contextlib.ExitStack() as lasting:
-        lasting.callback(hide_driver)
+    with contextlib.ExitStack() as stack:
+        stack.callback(hide_driver)
         show_driver()
-        authority = Authority(lasting.enter_context(tempfile.TemporaryDirectory()), key_type="rsa")
+        authority = Authority(stack.enter_context(tempfile.TemporaryDirectory()), key_type="rsa")
         agent, device = authority.agent(), authority.device(DEVICE)
         install(agent, authority, CERTIFICATES)
         context = ssl.create_default_context(cafile=authority.certificate)
@@ -256,7 +258,7 @@ def main():
         server_context.load_cert_chain(agent.certificate, agent.key)
         server_context.verify_mode = ssl.CERT_REQUIRED
         print_starts(context)
-        daemon = lasting.enter_context(Daemon(foreground=False))
+        daemon = stack.enter_context(Daemon(foreground=False))
         daemon.wait_until_ready()
         race_status(daemon, context, server_context, agent, device, authority)
 

@@ -1,10 +1,10 @@
-"""What others cost the agent and its appliance: memory, descriptors, answers and time. To be run on a release
-build:
+"""Measures what strangers cost the agent and its appliance: memory, descriptors, answers and time. Run it on
+a release build:
 
     BEKD_BUILD=build/release lab/namespace /usr/bin/python3 -m bench.api.api_strangers
 
-Each figure stands beside the bound that it must keep, or, where there is none, beside what the machine itself
-needs for as much work.
+Each figure is printed with the bound that it must keep or, if there is none, with what the machine itself
+needs for the same work.
 """
 import contextlib
 import json
@@ -12,11 +12,12 @@ import os
 import resource
 import time
 
+from lab.agent_state import clean_agent_state
 from lab.appliance_client import DEVICE
+from lab.arguments import parser_of
 from lab.daemon import CONFIG, Daemon, require_private_site
 from lab.https_client import Client
-from lab.machine import new_machine
-from lab.strangers import MIB, PeakMemory, crowd, descriptor_limits, held_head, send_body
+from lab.load_clients import MIB, PeakMemory, descriptor_limits, idle_connections, send_body, stalled_request
 from lab.usage import descriptors
 
 OTHER = DEVICE + 1
@@ -27,10 +28,10 @@ IDLE = 4000
 
 
 def answered(client, count):
-    """How many of so many POSTs the agent has carried out."""
+    """How many of `count` POSTs the agent has carried out."""
     good = 0
     for number in range(count):
-        with contextlib.suppress(OSError): # no connection, or none within a minute
+        with contextlib.suppress(OSError): # no connection, or not within a minute
             answer = client.request("POST", "/config", b'{"log.lifetimeHours": %d}' % (number + 1))
             good += answer is not None and answer.status == 200
     return good
@@ -43,7 +44,7 @@ def show(what, figure, bound=""):
 def show_heads(client, stranger):
     good = 0
     for _ in range(POSTS):
-        with held_head(stranger):
+        with stalled_request(stranger):
             good += answered(client, 1)
     show("appliance's POSTs answered while a stranger holds a head open", f"{good} of {POSTS}", f"of {POSTS}")
 
@@ -63,7 +64,7 @@ def show_broken_text(daemon, client):
 
 
 def show_crowd(daemon, client):
-    with crowd(client.address, IDLE):
+    with idle_connections(client.address, IDLE):
         good = answered(client, FEW_POSTS)
         used, (soft, _) = descriptors(daemon.pid), descriptor_limits(daemon.pid)
     show(f"descriptors with {IDLE} idle connections", used, f"{soft} allowed")
@@ -72,7 +73,7 @@ def show_crowd(daemon, client):
 
 
 def floor_of_config(content):
-    """One write of that file, synced and renamed, as it takes at least."""
+    """The seconds to write that file once, synced and renamed: the least that it can take."""
     begin = time.monotonic()
     path = CONFIG.with_suffix(".floor")
     with open(path, "wb") as file:
@@ -95,14 +96,15 @@ def show_config(client):
 
 
 def main():
+    parser_of(__doc__).parse_args()
     require_private_site()
     hard = resource.getrlimit(resource.RLIMIT_NOFILE)[1]
-    with contextlib.ExitStack() as lasting:
-        authority = lasting.enter_context(new_machine(own_key_type="rsa"))
+    with contextlib.ExitStack() as stack:
+        authority = stack.enter_context(clean_agent_state(own_key_type="rsa"))
         client, other, stranger = (Client(authority.certificate, identity) for identity in
                                    (authority.device(DEVICE), authority.device(OTHER), None))
         daemon = Daemon(preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_NOFILE, (1024, hard)))
-        lasting.callback(daemon.discard)
+        stack.callback(daemon.discard)
         daemon.start().wait_until_ready()
         client.request("POST", "/pair", b'{"deviceID": %d}' % DEVICE)
         show_config(client)

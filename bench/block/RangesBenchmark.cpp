@@ -2,7 +2,7 @@
 #include "core/block/BitRangeFinder.h"
 #include "core/block/BlockRangeProviderFactory.h"
 #include "support/FixedRanges.h"
-#include "support/PlainRanges.h"
+#include "support/ReferenceRanges.h"
 
 #include <benchmark/benchmark.h>
 
@@ -16,13 +16,13 @@
 #include <string>
 #include <vector>
 
-/// What choosing the blocks of a volume costs.
+/// Measures how long it takes to choose the blocks of a volume.
 ///
-/// findRanges over the 40 MiB bitmap of one fetch, by what it holds: beside copying the same bytes, which is
-/// as fast as memory gets, and beside asking every bit. The bitmap "aged" is a real one that aged_ext4.py has
-/// made; its path is the program's argument, and it is repeated up to the size of a fetch.
+/// findRanges over the 40 MiB bitmap of one fetch, for different contents: compared with copying the same
+/// bytes, which is as fast as memory gets, and with testing every bit. The bitmap "aged" is a real one, made
+/// by aged_ext4.py; its path is the program's argument, and it is repeated up to the size of a fetch.
 ///
-/// A walk over 10 million ranges, through merge and cut, as a volume's copy does it but for the copying.
+/// A walk over 10 million ranges, through merge and cut, as in the copy of a volume but without the copying.
 namespace agent::bench {
 namespace {
 
@@ -54,8 +54,8 @@ Bytes repeated(const std::string& path) {
     return bitmap;
 }
 
-/// Calls `find` for the bitmap in slices, as a fetched bitmap is searched: the ranges of random bits would
-/// take gigabytes, and what is measured would be the paging.
+/// Calls `find` for slices of the bitmap, as a backup searches a fetched bitmap. The ranges of random bits
+/// would take gigabytes altogether, and the benchmark would measure the paging.
 template <typename Find>
 void search(benchmark::State& state, const Bytes& bitmap, const Find& find) {
     if (bitmap.empty()) {
@@ -81,7 +81,7 @@ void searchClear(benchmark::State& state, const Bytes& bitmap, bool msbFirst) {
 
 void searchPlainly(benchmark::State& state, const Bytes& bitmap) {
     search(state, bitmap, [&](const std::uint8_t* bits, std::uint64_t count) {
-        return test::plainBitRanges(bits, count, false, false);
+        return test::referenceBitRanges(bits, count, false, false);
     });
 }
 

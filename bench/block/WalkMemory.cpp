@@ -12,8 +12,8 @@
 #include <utility>
 #include <vector>
 
-/// How much memory a walk over all ranges of a volume takes at most, by its bitmap: of 16 TiB in runs as an
-/// aged file system has them, and of 2.5 TiB of which every second block is free, the worst that there is.
+/// Measures the peak memory of a walk over all ranges of a volume, for two bitmaps: 16 TiB in runs like those
+/// of an aged file system, and 2.5 TiB of which every second block is free, which is the worst case.
 namespace agent::bench {
 namespace {
 
@@ -22,7 +22,7 @@ using Fill = std::function<std::uint8_t(std::uint64_t byte)>;
 constexpr std::uint64_t tebibyteBlocks = std::uint64_t{1} << 28U; ///< of 4096 bytes
 constexpr long wantedMebibytes = 80;
 
-/// A bitmap that is made up as it is fetched.
+/// A bitmap that is generated when it is fetched.
 class SyntheticBitmap : public core::fs::IBlockBitmapChunkProvider {
 public:
     SyntheticBitmap(std::uint64_t blocks, Fill fill) : blocks(blocks), fill(std::move(fill)) {}

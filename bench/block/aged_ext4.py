@@ -14,6 +14,7 @@ import tempfile
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2]))
 
+from lab.arguments import new_file, parser_of  # noqa: E402
 from lab.filesystems import truth_of  # noqa: E402
 from lab.volume_images import make_image, mounted  # noqa: E402
 
@@ -24,7 +25,8 @@ ROUNDS = 4
 
 
 def grow(root, files, chance):
-    """Creates files until the file system is as full as it gets; their blocks are reserved, not written."""
+    """Creates files until the file system is as full as FULLEST says; their blocks are reserved, not
+    written."""
     while os.statvfs(root).f_bavail > (1 - FULLEST) * BLOCKS:
         path = root / str(chance.randrange(100)) / str(len(files))
         path.parent.mkdir(exist_ok=True)
@@ -59,14 +61,15 @@ def used_bitmap(image):
 
 
 def main():
-    if len(sys.argv) != 2:
-        sys.exit(__doc__)
+    parser = parser_of(__doc__)
+    parser.add_argument("bitmap", type=new_file, metavar="BITMAP")
+    arguments = parser.parse_args()
     with tempfile.TemporaryDirectory() as directory:
         image = make_image(pathlib.Path(directory, "image"), BLOCKS * BLOCK >> 20, "ext4", "-b", str(BLOCK))
         with mounted(image, "ext4", pathlib.Path(directory, "root")) as (_, root):
             age(root)
         bitmap = used_bitmap(image)
-    pathlib.Path(sys.argv[1]).write_bytes(bitmap)
+    arguments.bitmap.write_bytes(bitmap)
 
 
 main()

@@ -12,9 +12,9 @@
 #include <span>
 #include <vector>
 
-/// What the checksum of a remote image's first 10 MiB costs in processor time: CRC-32C, by the processor's
-/// own instruction if it has one, beside the same by tables, beside the CRC-32 of libgcrypt, and beside
-/// copying the bytes, which is as fast as memory gets.
+/// Measures the processor time of the checksum of a remote image's first 10 MiB: CRC-32C, by the processor's
+/// own instruction if it has one, compared with CRC-32C by tables, with libgcrypt's CRC-32, and with copying
+/// the bytes, which is as fast as memory gets.
 namespace agent::bench {
 namespace {
 

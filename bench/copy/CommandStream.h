@@ -9,15 +9,15 @@
 
 namespace agent::bench {
 
-/// One direction of a transfer with a disk: short commands, a number of them in flight at once.
-/// Owns:    the disk, and memory for all commands. What is written is noise of no use to anybody.
+/// One direction of a transfer with a disk: short commands, several of them in flight.
+/// Owns:    the disk, and a buffer for all commands. It writes noise.
 /// Threads: one at a time.
-/// Fails:   by std::runtime_error, where a target refuses a command too.
+/// Fails:   throws std::runtime_error, also if the target refuses a command.
 class CommandStream {
 public:
     enum class Direction { read, write };
 
-    /// Up to `depth` commands of at most `commandBytes`.
+    /// Keeps up to `depth` commands of at most `commandBytes` in flight.
     CommandStream(Disk disk, Direction direction, std::size_t commandBytes, std::size_t depth);
     CommandStream(const CommandStream&) = delete;
     CommandStream& operator=(const CommandStream&) = delete;
@@ -25,7 +25,7 @@ public:
     CommandStream& operator=(CommandStream&&) = delete;
     ~CommandStream() = default;
 
-    /// Sends the commands for these bytes. The last ones may not be answered yet when it returns.
+    /// Sends the commands for these bytes. The last ones may still be unanswered when it returns.
     void move(std::uint64_t offset, std::uint64_t length);
     /// Waits for all answers.
     void finish();
@@ -47,7 +47,7 @@ private:
     std::vector<Slot> slots;
     std::vector<Slot*> free;
     bool isRefused = false;
-    Disk disk; // the last, as its end answers what is in flight
+    Disk disk; // declared last, as its destructor answers the commands in flight
 };
 
 } // namespace agent::bench

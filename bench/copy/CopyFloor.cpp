@@ -15,16 +15,16 @@
 #include <string>
 #include <vector>
 
-/// The least that a copy of a volume's used blocks to a target can take, and the least that each of its sides
-/// can take alone. The ranges, `OFFSET LENGTH` in bytes, come by line from standard input.
+/// The least time that a copy of a volume's used blocks to a target can take, and the least that each of its
+/// sides can take alone. Standard input has one range per line, `OFFSET LENGTH` in bytes.
 ///
 /// - copy, compare: direct reads of at most 4 MiB and, after each, one synchronous command to the target,
 ///   which writes what was read, or reads the target instead;
-/// - source: the direct reads, by a number of threads;
-/// - write, read: commands of at most so many bytes to the target, a number of them in flight at once. What
-///   is written is noise.
+/// - source: only the direct reads, by several threads;
+/// - write, read: only commands to the target, of limited size, several of them in flight. Noise is
+///   written.
 ///
-/// Prints what was moved, and the seconds of each side without those of the login.
+/// Prints what was moved, and the seconds of each side, without the login.
 namespace agent::bench {
 namespace {
 

@@ -8,27 +8,27 @@
 
 namespace agent::bench {
 
-/// A disk of a target, as plainly as the library gives it.
+/// A disk of a target, by the plain calls of the library.
 /// Owns:    the session with the target, which needs no account.
 /// Threads: one at a time.
-/// Fails:   by std::runtime_error; the session is no use then.
+/// Fails:   throws std::runtime_error; the session can't be used any more then.
 class Disk {
 public:
-    /// What the library calls with each answer: a status of SCSI's, the task, which is the callee's, and
-    /// `place`. It is called no later than in the destructor.
+    /// The library's callback for each answer: a SCSI status, the task, which the callee owns, and `place`.
+    /// It is called by the destructor at the latest.
     using Answered = void (*)(iscsi_context* context, int status, void* task, void* place);
 
     Disk(const std::string& portal, const std::string& target, int lun);
 
-    /// One command, and its answer.
+    /// Sends one command and waits for its answer.
     void write(std::uint64_t offset, std::byte* data, std::size_t length);
     void read(std::uint64_t offset, std::size_t length);
 
-    /// One command more in flight. `data` is used until it is answered.
+    /// Sends one more command without waiting. `data` must stay valid until the answer.
     void beginWrite(std::uint64_t offset, std::byte* data, std::size_t length, Answered answered,
                     void* place);
     void beginRead(std::uint64_t offset, std::byte* data, std::size_t length, Answered answered, void* place);
-    /// Waits until something can be sent or has come, and deals with it.
+    /// Waits until something can be sent or received, and handles it.
     void serve();
 
     void logOut();

@@ -10,7 +10,7 @@
 
 namespace agent::bench {
 
-/// A run of bytes on a volume, at most as long as what a backup reads at once.
+/// A run of bytes on a volume, at most as long as a backup's largest read.
 struct Chunk {
     static constexpr std::size_t largest = 0x400000;
 
@@ -18,13 +18,13 @@ struct Chunk {
     std::size_t length;
 };
 
-/// Ranges by line, `OFFSET LENGTH` in bytes, in chunks.
+/// Reads ranges, one per line as `OFFSET LENGTH` in bytes, and cuts them into chunks.
 std::vector<Chunk> chunksIn(std::istream& lines);
 
-/// The volume, read past the page cache.
+/// The volume, read by direct I/O.
 /// Owns:    the open device.
 /// Threads: any.
-/// Fails:   by std::runtime_error.
+/// Fails:   throws std::runtime_error.
 class Source {
 public:
     explicit Source(const std::string& device);

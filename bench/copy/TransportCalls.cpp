@@ -12,8 +12,8 @@
 #include <stdexcept>
 #include <string>
 
-/// How long a backup's own writes take: calls of 4 MiB, one after the other, from the begin of a disk on.
-/// Prints the bytes and the seconds, without those of the login.
+/// Measures a backup's own writes: calls of 4 MiB, one after the other, from the beginning of a disk. Prints
+/// the bytes and the seconds, without the login.
 namespace agent::bench {
 namespace {
 

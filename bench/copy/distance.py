@@ -1,7 +1,7 @@
-"""How far away servers are in the races: at once, as in one room, and as in another town."""
+"""The distances to servers in the races: none, as in one room, and as in another town."""
 import contextlib
 
-from lab.delay import LongWay
+from lab.delay import DelayProxy
 from lab.image_server import ADDRESS
 
 ROUND_TRIPS = (0.0, 0.5, 5.0) # milliseconds
@@ -10,9 +10,9 @@ PORT = 4000
 
 @contextlib.contextmanager
 def portal_of(port, milliseconds):
-    """Where a server on this port of the machine is reached from so far away."""
+    """The address at which a server on this port of the machine is reached with this round trip."""
     if milliseconds == 0:
         yield f"{ADDRESS}:{port}"
         return
-    with LongWay(port, milliseconds / 1000, listen=PORT) as way:
-        yield way.portal
+    with DelayProxy(port, milliseconds / 1000, listen=PORT) as proxy:
+        yield proxy.portal

@@ -1,4 +1,4 @@
-"""What is on the volume whose backups are measured: files of all sizes with gaps between them."""
+"""The content of the volume whose backups are measured: files of all sizes with gaps between them."""
 import math
 import os
 import random
@@ -6,11 +6,11 @@ import random
 PIECE = 1 << 20
 LARGEST = 64 * PIECE
 WORDS = ("accepted", "backup", "connection", "copied", "finished", "refused", "snapshot", "volume")
-NOISE = os.urandom(LARGEST) # nothing that zeros or equal blocks could be found in
+NOISE = os.urandom(LARGEST) # without zeros or equal blocks
 
 
 def text():
-    """As long, and as a log has it: a compressor makes a fifth of it."""
+    """LARGEST bytes that look like a log; a compressor shrinks them to a fifth."""
     chance = random.Random(3)
     lines = (f"{at // 7} host{at % 5} service[{chance.randrange(9999)}]: {chance.choice(WORDS)} "
              f"{chance.choice(WORDS)} took {chance.random():.4f} s\n" for at in range(LARGEST // 40))
@@ -18,8 +18,8 @@ def text():
 
 
 def fill(root, size, contents=(NOISE,)):
-    """Writes files of `size` bytes in all, of these contents in turn; every fourth of those that were begun
-    with is deleted again."""
+    """Writes files of `size` bytes in all, with these contents in turn. Every fourth file is deleted
+    again."""
     chance = random.Random(1)
     kept, number = 0, 0
     while kept < size:
@@ -38,7 +38,8 @@ def fill(root, size, contents=(NOISE,)):
 
 
 def change(root, size):
-    """Writes over `size` bytes of the files, a mebibyte here and there; returns how many bytes that were."""
+    """Overwrites `size` bytes of the files, by mebibytes at random places; returns how many bytes that
+    were."""
     chance = random.Random(2)
     large = sorted(path for path in root.glob("d*/f*") if path.stat().st_size >= PIECE)
     places = [(path, offset) for path in large for offset in range(0, path.stat().st_size - PIECE + 1, PIECE)]

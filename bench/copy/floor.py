@@ -1,4 +1,4 @@
-"""The floor under a copy: the same blocks moved by as little as will do, both sides in turns or one alone."""
+"""The floor under a copy: the same blocks moved by minimal code, both sides in turns or one alone."""
 import dataclasses
 import itertools
 import json
@@ -29,7 +29,7 @@ class Floor:
 
 @dataclasses.dataclass(frozen=True)
 class Window:
-    """Commands that are in flight at once, and how long each is."""
+    """A number of commands in flight, and their size."""
 
     depth: int
     bytes: int
@@ -39,8 +39,8 @@ class Window:
 
 
 def copied_ranges(device, file_system):
-    """(offset, length) in bytes of what a full backup copies of the snapshot on `device`: every used block,
-    but for those of the driver's and the agent's own files."""
+    """The ranges that a full backup copies of the snapshot on `device`, as (offset, length) in bytes: all
+    used blocks except those of the driver's and the agent's own files."""
     found = json.loads(run(program("bek-usedmap"), "--json", device))
     size = found["blockSize"]
     used = [(first * size, count * size) for first, count in found["ranges"]]
@@ -56,31 +56,32 @@ def beginning_of(ranges, size):
         size -= length
 
 
-def run_floor(bed, ranges, mode, *arguments):
-    bed.settle()
+def run_floor(testbed, ranges, mode, *arguments):
+    testbed.settle()
     printed, _, cpu = timed([program("bench_copy_floor"), mode, *map(str, arguments)],
                             "".join(f"{offset} {length}\n" for offset, length in ranges))
     return Floor(**json.loads(printed), cpu=cpu)
 
 
-def in_turns(bed, ranges, mode, device):
-    """Moves the ranges; `mode` is "copy" or "compare"."""
-    return run_floor(bed, ranges, mode, device, bed.target.portal, bed.target.name, bed.image.lun)
+def in_turns(testbed, ranges, mode, device):
+    """Copies or compares the ranges; `mode` is "copy" or "compare"."""
+    return run_floor(testbed, ranges, mode, device, testbed.target.portal, testbed.target.name,
+                     testbed.image.lun)
 
 
-def source_alone(bed, ranges, device):
-    """Reads the volume, by as many threads as are faster."""
-    return min((run_floor(bed, ranges, "source", device, threads) for threads in THREADS),
+def source_alone(testbed, ranges, device):
+    """Reads the volume, by the number of threads that is fastest."""
+    return min((run_floor(testbed, ranges, "source", device, threads) for threads in THREADS),
                key=lambda floor: floor.seconds)
 
 
-def image_alone(bed, ranges, mode, window, portal=None):
+def image_alone(testbed, ranges, mode, window, portal=None):
     """Reads the image or writes noise to it; `mode` is "read" or "write"."""
-    return run_floor(bed, ranges, mode, portal or bed.target.portal, bed.target.name, bed.image.lun,
-                     window.bytes, window.depth)
+    return run_floor(testbed, ranges, mode, portal or testbed.target.portal, testbed.target.name,
+                     testbed.image.lun, window.bytes, window.depth)
 
 
-def best_window(bed, ranges, mode):
-    """What suits the target best."""
+def best_window(testbed, ranges, mode):
+    """The window that is fastest with the target."""
     windows = itertools.starmap(Window, itertools.product(DEPTHS, COMMAND_BYTES))
-    return min(windows, key=lambda window: image_alone(bed, ranges, mode, window).seconds)
+    return min(windows, key=lambda window: image_alone(testbed, ranges, mode, window).seconds)

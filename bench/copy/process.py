@@ -1,4 +1,4 @@
-"""Running the programs that are raced, and what the processor does for them and for others."""
+"""Runs the programs that are raced, and measures processor time."""
 import os
 import pathlib
 import subprocess
@@ -9,15 +9,15 @@ TICKS = os.sysconf("SC_CLK_TCK")
 
 
 def processor_seconds(pid):
-    """What a process and the children that it has waited for have used so far."""
+    """The processor seconds that a process and the children that it has waited for have used so far."""
     fields = pathlib.Path(f"/proc/{pid}/stat").read_text(encoding="ascii").rpartition(")")[2].split()
     return sum(map(int, fields[11:15])) / TICKS
 
 
 def timed(command, text=""):
-    """Runs a program on this standard input; returns what it printed, the seconds that it took, and those of
-    the processor. It has a session of its own, as the daemon has: the kernel shares the processors out among
-    sessions."""
+    """Runs a program on this standard input; returns its output, the seconds that it took, and its processor
+    seconds. The program has a session of its own, like the daemon, as the kernel shares the processors out
+    among sessions."""
     with tempfile.TemporaryFile("w+") as given, tempfile.TemporaryFile("w+") as output:
         given.write(text)
         given.seek(0)

@@ -1,10 +1,10 @@
-"""What the races print, and which of them have broken their bounds."""
+"""Prints the results of the races, and records which of them have broken their bounds."""
 MEBIBYTE = 1 << 20
 GIBIBYTE = 1 << 30
 
 
 class Report:
-    """Prints, and keeps in mind what has broken its bound."""
+    """Prints results, and records which of them have broken their bounds."""
 
     def __init__(self):
         self.broken = []
@@ -23,5 +23,5 @@ class Report:
 
 
 def numbers(*values):
-    """Columns of a line."""
+    """Formats the columns of a line."""
     return tuple(f"{value:.2f}" for value in values)

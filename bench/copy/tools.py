@@ -1,4 +1,4 @@
-"""What an administrator would copy a volume with instead."""
+"""The tools that an administrator would copy a volume with instead."""
 import dataclasses
 import shutil
 import subprocess
@@ -11,7 +11,7 @@ PACKAGES = {"qemu-img": "qemu-utils", "partclone.ext4": "partclone"}
 
 @dataclasses.dataclass(frozen=True)
 class Peer:
-    """One run of a tool; processor seconds are of the tool and of the target."""
+    """One run of a tool; the processor seconds are those of the tool and of the target."""
 
     name: str
     seconds: float
@@ -31,25 +31,26 @@ def require_tools():
 
 
 def url_of(portal, target, image):
-    """What qemu calls a disk of a target."""
+    """qemu's URL of a disk of a target."""
     return f"iscsi://{portal}/{target.name}/{image.lun}"
 
 
-def run_qemu(bed, device, *options, portal=None):
-    """The whole device to the same image: without knowledge of the file system, every byte is a used one."""
-    bed.settle()
-    written, other = bed.image.writes(), processor_seconds(bed.target.pid)
+def run_qemu(testbed, device, *options, portal=None):
+    """Copies the whole device to the same image: without knowledge of the file system, every byte is a used
+    one."""
+    testbed.settle()
+    written, other = testbed.image.writes(), processor_seconds(testbed.target.pid)
     command = ["qemu-img", "convert", "-n", "-W", *options]
-    url = url_of(portal or bed.target.portal, bed.target, bed.image)
+    url = url_of(portal or testbed.target.portal, testbed.target, testbed.image)
     _, seconds, cpu = timed([*command, "-f", "raw", "-O", "raw", device, url])
-    return Peer(" ".join(command), seconds, (bed.image.writes() - written).bytes, cpu,
-                processor_seconds(bed.target.pid) - other)
+    return Peer(" ".join(command), seconds, (testbed.image.writes() - written).bytes, cpu,
+                processor_seconds(testbed.target.pid) - other)
 
 
-def run_partclone(bed, device):
-    """The used blocks into a file on the disk that the target's image is on."""
-    file = bed.place / "partclone"
-    bed.settle()
+def run_partclone(testbed, device):
+    """Copies the used blocks to a file on the disk that the target's image is on."""
+    file = testbed.place / "partclone"
+    testbed.settle()
     _, seconds, cpu = timed(["partclone.ext4", "-c", "-F", "-s", device, "-o", file, "-L", "/dev/null"])
     size = file.stat().st_size
     file.unlink()

@@ -9,8 +9,8 @@
 #include <mutex>
 #include <string>
 
-/// What one cancellation point costs, of which a copy has one for each piece that it sends: with a watchdog
-/// that is fed, and without one; beside the least that a watchdog can do, a look at the clock under a mutex.
+/// Measures one cancellation point; a copy has one for each piece that it sends. With a watchdog that is fed,
+/// and without one, compared with the least that a watchdog can do: read the clock under a mutex.
 namespace agent::bench {
 namespace {
 

@@ -8,7 +8,7 @@
 #include "core/backup/BackupThread.h"
 #include "core/backup/SnapshotAttributes.h"
 #include "core/operation/CancelableOperation.h"
-#include "support/BackupStage.h"
+#include "support/BackupHarness.h"
 
 #include <benchmark/benchmark.h>
 
@@ -19,8 +19,9 @@
 #include <string>
 #include <thread>
 
-/// How long the appliance's request takes to become a running backup: from createBackup to the log line of
-/// the first phase. The peer is what no backup can do without, a new thread that has begun to run.
+/// Measures how long the appliance's request takes to become a running backup: from createBackup to the first
+/// phase's line in the log. The peer is the least that any backup needs, a new thread that has started to
+/// run.
 namespace agent::bench {
 namespace {
 
@@ -37,10 +38,10 @@ public:
     void runScript(const std::string& /*script*/, std::uint32_t /*timeout*/, bool /*isPre*/) override {}
 };
 
-/// An engine whose backups end in their first phase: there is no volume.
+/// An engine whose backups end in their first phase, as there is no volume.
 class StartedEngine {
 public:
-    /// Starts a backup and waits for its end. Returns the time up to the first phase's line, in seconds.
+    /// Starts a backup and waits for its end. Returns the seconds until the first phase's line in the log.
     double run() {
         firstPhase = {};
         auto session = std::make_unique<core::backup::BackupSession>(logger);

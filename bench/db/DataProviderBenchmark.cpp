@@ -8,15 +8,16 @@
 #include <cstdint>
 #include <cstdio>
 
-/// What a connection for each operation costs: the store beside the same statements through one connection
-/// that stays open. The files lie below the temporary directory: set TMPDIR to measure a certain disk.
+/// Measures what a connection for each operation costs: the store, compared with the same statements through
+/// one connection that stays open. The files are below the temporary directory: set TMPDIR to measure a
+/// certain disk.
 namespace agent::bench {
 namespace {
 
 constexpr const char* volume = "6f0c9f2e-57a5-4a0b-8a1c-000000000001";
 constexpr const char* key = "agentUUID";
 
-/// The store under measurement, with one volume and one key.
+/// The store being measured, with one volume and one key.
 class Store {
 public:
     Store() {

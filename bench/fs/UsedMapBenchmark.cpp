@@ -17,10 +17,10 @@
 #include <unistd.h>
 #include <vector>
 
-/// What the map of a volume's used blocks costs, beside reading the same bytes in the same order and clearing
-/// the buffer at each call, which nobody can do without. Both read past the page cache, in turns. What one
-/// reads right into the map the other reads to there as well, as it counts which memory it is. Prints one
-/// line a volume, with the most memory that the process took for the map.
+/// Measures the map of a volume's used blocks, compared with the least that it needs: reading the same bytes
+/// in the same order, and clearing the buffer at each call. Both use direct I/O, in turns. If the parser
+/// reads directly into the map, its peer reads into the same memory, as that makes a difference. Prints one
+/// line per volume, with the peak memory for the map.
 namespace agent::bench {
 namespace {
 
@@ -34,7 +34,7 @@ struct Request {
     void* target;
 };
 
-/// Hands on to the volume, and notes what is read.
+/// Passes all reads on to the volume, and records them.
 class RecordingReader : public core::IVolumeReader {
 public:
     explicit RecordingReader(core::IVolumeReader& volume) : volume(volume) {}
@@ -81,7 +81,7 @@ std::uint64_t walk(info::Logger& logger, core::IVolumeReader& volume, AlignedBuf
     }
 }
 
-/// The call that finds nothing more clears it, too.
+/// The last call, which finds nothing more, clears the buffer too.
 void clearBuffers(AlignedBuffer& buffer, std::uint64_t blocks) {
     for (std::uint64_t done = 0; done < blocks + buffer.size() * 8; done += buffer.size() * 8) {
         std::memset(buffer.data(), static_cast<int>(done), buffer.size());
@@ -129,6 +129,7 @@ std::size_t longest(const std::vector<Request>& requests) {
     return length;
 }
 
+/// Takes the peak memory before the peer's buffer is allocated, so that it is that of the map alone.
 void measure(const std::string& path) {
     info::Logger silent({});
     core::backup::VolumeReader volume(silent, path);

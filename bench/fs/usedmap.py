@@ -1,12 +1,13 @@
 #!/usr/bin/env python3
 """usage: lab/namespace bench/fs/usedmap.py [WORD...]
 
-Measures the maps of used blocks of large volumes beside plain reads of the same bytes and the clearing of
-the buffers (build/release/bench_fs): sparse ones of 1 and nearly 16 TiB, and aged ones of 20 GiB; only those
-with all the words in their names, if there are any. Beside that stands what other programs take to find the
-used blocks of the same volume, and which part of that the map takes. Nobody has the volume in the page cache.
+Measures reading the maps of used blocks of large volumes, against plain reads of the same bytes and the
+clearing of the buffers (build/release/bench_fs): sparse volumes of 1 and nearly 16 TiB, and aged ones of 20
+GiB; if there are WORDs, only the volumes that have all of them in their names. Also prints how long other
+programs take to find the used blocks of the same volume, and what part of that the map takes. No volume is in
+the page cache.
 
-Makes the images below build/bench, needs about 2 GiB there, and removes them again. The last line tells if a
+The images are made below build/bench, which takes about 2 GiB, and removed again. The last line says if any
 bound is broken: 1.25 times as long as the reads, or 80 MiB at the peak."""
 import dataclasses
 import os
@@ -23,7 +24,7 @@ ROOT = pathlib.Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(ROOT))
 
 from lab.daemon import program  # noqa: E402
-from lab.volume_images import age, make_image, mounted, riddle, riddle_with_files  # noqa: E402
+from lab.volume_images import age, fragment_free_space, fragment_with_files, make_image, mounted  # noqa: E402
 
 BENCH = program("bench_fs")
 TEBIBYTE = 1024 * 1024  # in MiB
@@ -36,7 +37,7 @@ HOLES = 30_000
 LAZY = ("-E", "lazy_itable_init=1,lazy_journal_init=1,nodiscard", "-b", "4096")
 PARTCLONE = ("--domain", "--offset_domain=0", "--force", "--logfile", "/dev/null", "--overwrite", "/dev/null",
              "--source")
-# By file system: programs that find its used blocks, to be called with the image.
+# For each file system: programs that find its used blocks; the image becomes their last argument.
 PEERS = {
     "ntfs": (("ntfsresize", "--info", "--force", "--no-progress-bar"), ("partclone.ntfs", *PARTCLONE),
              ("ntfscluster", "--quiet", "--force", "--cluster", f"0-{(1 << 32) - 1}")),
@@ -47,17 +48,17 @@ PEERS = {
 
 def wear(directory):
     age(directory, 3000, largest=200_000)
-    riddle(directory / "riddled", 4096, HOLES)
+    fragment_free_space(directory / "riddled", 4096, HOLES)
 
 
 def wear_with_files(directory):
     age(directory, 3000, largest=200_000)
-    riddle_with_files(directory / "riddled", 4096, HOLES)
+    fragment_with_files(directory / "riddled", 4096, HOLES)
 
 
 @dataclasses.dataclass
 class Volume:
-    """A volume to be made, by the options of its tool, and used if it is mounted."""
+    """A volume to be made, with options for its tool; `use` is called for it when it is mounted."""
 
     mebibytes: int
     file_system: str
@@ -82,15 +83,15 @@ VOLUMES = {
 
 
 def forget(image):
-    """Nothing of the image stays in the page cache."""
+    """Drops the image from the page cache."""
     with open(image, "rb") as file:
         os.fsync(file.fileno())
         os.posix_fadvise(file.fileno(), 0, 0, os.POSIX_FADV_DONTNEED)
 
 
 def seconds_of(command):
-    """The median of some runs, of fewer where they take long. What is printed is a line for each block with
-    some, and isn't kept."""
+    """The median seconds of some runs, or of fewer if they take long. The output, which for some programs has
+    a line for each block, is discarded."""
     found = []
     while len(found) < ROUNDS and sum(found) < LONG:
         forget(command[-1])
@@ -118,12 +119,12 @@ def measure(name, directory):
 
 
 def main(words):
-    (ROOT / "build/bench").mkdir(parents=True, exist_ok=True)
     chosen = [name for name in VOLUMES if all(word in name for word in words)]
+    if not chosen:
+        sys.exit(f"no volume has all of these words: {' '.join(words)}")
+    (ROOT / "build/bench").mkdir(parents=True, exist_ok=True)
     with tempfile.TemporaryDirectory(dir=ROOT / "build/bench") as directory:
         results = [measure(name, pathlib.Path(directory)) for name in chosen]
-    if not results:
-        sys.exit(f"no volume has all of these words: {' '.join(words)}")
     if not all(results):
         sys.exit(f"a bound is broken: {SLOWEST} times the plain reads, {LARGEST} MiB")
 

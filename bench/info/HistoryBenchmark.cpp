@@ -26,10 +26,10 @@
 #include <unistd.h>
 #include <vector>
 
-/// The history of changed blocks for a table of 2 GiB (a volume of 1 TiB), beside copying the same bytes with
-/// reads and writes of 8 MiB on the same disk in the same run. Nothing is in the page cache when a step
-/// starts. The files, 6 GiB at most, lie below the working directory while it runs: start it on the disk to
-/// measure.
+/// Measures the history of changed blocks for a table of 2 GiB (a volume of 1 TiB), compared with copying the
+/// same bytes by reads and writes of 8 MiB on the same disk in the same run. Nothing is in the page cache
+/// when a step starts. The files, 6 GiB at most, are below the working directory while it runs: start it on
+/// the disk to measure.
 namespace agent::bench {
 namespace {
 
@@ -53,7 +53,7 @@ void require(bool done, const char* what) {
     }
 }
 
-/// The copy that nothing can be faster than that uses the page cache.
+/// The fastest copy that is possible through the page cache.
 void copy(const std::string& from, const std::string& to, bool sync) {
     const os::FileDescriptor source = open(from, O_RDONLY);
     const os::FileDescriptor destination = open(to, O_WRONLY | O_CREAT | O_TRUNC);
@@ -69,7 +69,7 @@ void copy(const std::string& from, const std::string& to, bool sync) {
     require(!sync || ::fsync(destination.get()) == 0, "fsync");
 }
 
-void forget(const std::string& path) {
+void dropCached(const std::string& path) {
     if (file::exists(path)) {
         const os::FileDescriptor kept = open(path, O_RDWR);
         require(::fsync(kept.get()) == 0 && ::posix_fadvise(kept.get(), 0, 0, POSIX_FADV_DONTNEED) == 0,
@@ -77,7 +77,7 @@ void forget(const std::string& path) {
     }
 }
 
-/// A volume in the snapshot state with its two CoW files, removed with all that came of it.
+/// A volume in the snapshot state with its two CoW files. The destructor removes everything.
 class Stage {
 public:
     Stage() {
@@ -96,15 +96,15 @@ public:
     void copySynced() const { copy(closed, other, true); }
     void copyUnsynced() const { copy(closed, other, false); }
 
-    /// Nothing but the disk knows the files when a step starts.
-    void coolDown() const {
+    /// Drops all files from the page cache before a step starts.
+    void dropCaches() const {
         for (const std::string& path : {closed, history, other}) {
-            forget(path);
+            dropCached(path);
         }
     }
 
 private:
-    /// Bytes that no file system or disk can make less of.
+    /// Fills a file with random bytes, which no file system or disk can compress.
     static void fill(const std::string& path) {
         const os::FileDescriptor random = open("/dev/urandom", O_RDONLY);
         const os::FileDescriptor destination = open(path, O_WRONLY | O_CREAT | O_TRUNC);
@@ -137,7 +137,7 @@ private:
 
 void run(benchmark::State& state, Stage& stage, const std::function<void()>& step) {
     for (auto iteration : state) {
-        stage.coolDown();
+        stage.dropCaches();
         const auto start = std::chrono::steady_clock::now();
         step();
         state.SetIterationTime(

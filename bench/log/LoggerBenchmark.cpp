@@ -15,9 +15,9 @@
 #include <string_view>
 #include <unistd.h>
 
-/// What a log message costs on its way through the whole stack into the file, which is opened for each
-/// message: beside opening, appending bytes of the same length and closing, one at a time as the logger does.
-/// Run it in lab/namespace, where the agent's log directory is nobody's.
+/// Measures a log message on its way through the whole stack into the file, which is opened for each message:
+/// compared with opening the file, appending bytes of the same length and closing it, one thread at a time
+/// like the logger. Run it in lab/namespace, where the agent's log directory is private.
 namespace agent::bench {
 namespace {
 
@@ -27,7 +27,7 @@ constexpr std::string_view line =
     "2024-01-01 00:00:00.000 [INFO:]     Finished execution of the Validate Remote Targets phase.\n";
 
 info::LoggingStack& stack() {
-    static info::LoggingStack shared; // of all threads of a benchmark
+    static info::LoggingStack shared; // shared by all threads of a benchmark
     return shared;
 }
 
@@ -53,7 +53,7 @@ void append(benchmark::State& state) {
 BENCHMARK(message)->UseRealTime()->Threads(1)->Threads(8);
 BENCHMARK(append)->UseRealTime()->Threads(1)->Threads(8);
 
-/// The usual table, and then the ratios, on standard error: standard output is the log's.
+/// Prints the usual table, and then the ratios, to standard error: standard output is the log's.
 class RatioReporter : public benchmark::ConsoleReporter {
 public:
     void ReportRuns(const std::vector<Run>& runs) override {

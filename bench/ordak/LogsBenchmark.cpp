@@ -14,8 +14,8 @@
 #include <unistd.h>
 #include <vector>
 
-/// What a query of the log costs: GET /event over seven days of files that total 200 MiB, beside reading the
-/// same files and doing nothing with them. To be run in lab/namespace, where the log directory is private.
+/// Measures a query of the log: GET /event over seven days of files that total 200 MiB, compared with only
+/// reading the same files. Run it in lab/namespace, where the log directory is private.
 namespace agent::bench {
 namespace {
 
@@ -28,7 +28,7 @@ std::string pathOf(info::LogTime day) {
     return info::FilePrinter::logDirectory() / info::FilePrinter::logFileName(day);
 }
 
-/// Lines such as a backup at debug level writes them.
+/// Writes lines like those of a backup at level debug.
 void writeDay(info::IDecorator& decorator, info::LogTime day) {
     paths.push_back(pathOf(day));
     std::ofstream file(paths.back(), std::ios::binary);

@@ -1,17 +1,17 @@
-"""Races bek-restore write beside what can't be beaten, and beside others who do the like.
+"""Races bek-restore write against the fastest possible restore, and against similar tools.
 
 usage: /usr/bin/python3 -m bench.restore.write [--images DIR] [--directory DIR] [--gibibytes N] [--rounds N]
 
-as root, in lab/namespace, with BEKD_BUILD naming a build folder. An ext4 volume is aged. Its image lies in a
-file of one directory, in memory unless it is named: source and target of a restore don't share a disk. It is
-brought to a block device in a file of the other one, by turns:
+as root, in lab/namespace, with BEKD_BUILD naming a build folder. An ext4 volume is aged. Its image is a file
+below --images, in memory by default, as source and target of a restore don't share a disk. It is restored to
+a block device on a file below --directory, by turns:
     read       the used bytes are only read
-    write      as many bytes are only written, past the cache
-    copy       bek-restore write --no-compare, which does both at once; beside the slower one of these two
-    whole      bek-restore write, which reads back what it has written; beside copy and another read
-    qemu-img   qemu-img convert, of all bytes that its image has
+    write      as many bytes are only written, by direct I/O
+    copy       bek-restore write --no-compare, which does both at once; see the slower one of these two
+    whole      bek-restore write, which reads back what it has written; see copy and another read
+    qemu-img   qemu-img convert, of all bytes of the image
     partclone  partclone.restore, of the used blocks, from an image of its own
-Prints the least seconds of each, and each beside the slower one of read and write.
+Prints the fewest seconds of each, and compares them with the slower one of read and write.
 """
 import argparse
 import mmap
@@ -21,6 +21,7 @@ import subprocess
 import tempfile
 import time
 
+from lab.arguments import existing_directory, positive
 from lab.daemon import program
 from lab.images import truth_of
 from lab.loops import attached
@@ -31,14 +32,14 @@ QEMU = ("qemu-img", "convert", "-n", "-t", "none", "-f", "raw", "-O", "raw")
 
 
 def pieces(image):
-    """(offset, length) of what is used, in pieces that a program reads at once."""
+    """(offset, length) of the used bytes, in pieces that a program reads at once."""
     for at, length in truth_of(image, "ext4").used_extents():
         for begin in range(at, at + length, PIECE):
             yield begin, min(PIECE, at + length - begin)
 
 
 def each(path, flags, places, work):
-    """Calls work(descriptor, memory, offset) for each place, and brings all to the disk."""
+    """Calls work(descriptor, [piece], offset) for each place, and syncs the file at the end."""
     descriptor = os.open(path, flags)
     with mmap.mmap(-1, PIECE) as memory:
         memory.write(os.urandom(PIECE)) # some disks are quick with zeros
@@ -50,7 +51,7 @@ def each(path, flags, places, work):
 
 
 def racers(image, clone, device):
-    """{name: what is timed}"""
+    """The actions to be timed, by name."""
     places = list(pieces(image))
 
     def run(*command):
@@ -95,10 +96,10 @@ def race(images, directory, gibibytes, rounds):
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    parser.add_argument("--images", default="/dev/shm")
-    parser.add_argument("--directory", default="/var/tmp")
-    parser.add_argument("--gibibytes", type=int, default=2)
-    parser.add_argument("--rounds", type=int, default=3)
+    parser.add_argument("--images", type=existing_directory, default="/dev/shm")
+    parser.add_argument("--directory", type=existing_directory, default="/var/tmp")
+    parser.add_argument("--gibibytes", type=positive, default=2)
+    parser.add_argument("--rounds", type=positive, default=3)
     options = parser.parse_args()
     with tempfile.TemporaryDirectory(dir=options.images) as images, \
             tempfile.TemporaryDirectory(dir=options.directory) as directory:

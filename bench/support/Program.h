@@ -4,10 +4,10 @@
 
 namespace agent::bench {
 
-/// One run of a program of benchmarks: those that its arguments ask for.
+/// One run of a benchmark program: of the benchmarks that its arguments select.
 class Program {
 public:
-    /// Takes the framework's arguments out.
+    /// Removes the framework's arguments.
     Program(int& argumentCount, char** arguments, TimingReporter::Clock clock = TimingReporter::Clock::real)
         : reporter(clock) {
         benchmark::Initialize(&argumentCount, arguments);
@@ -16,7 +16,7 @@ public:
     Program& operator=(const Program&) = delete;
     ~Program() { benchmark::Shutdown(); }
 
-    /// What they took.
+    /// Runs the benchmarks and returns their times.
     const TimingReporter& run() {
         benchmark::RunSpecifiedBenchmarks(&reporter);
         return reporter;

@@ -9,8 +9,8 @@
 
 namespace agent::bench {
 
-/// The usual table, and what each benchmark took, so that a line can say how the measured compares with its
-/// peer. Of several runs of one benchmark the best counts: what else the machine does comes and goes.
+/// Prints the usual table, and keeps the time of each benchmark, so that a line can compare it with its peer.
+/// The best of several runs counts, as the machine's other work comes and goes.
 class TimingReporter : public benchmark::ConsoleReporter {
 public:
     enum class Clock { real, processor };
@@ -21,7 +21,7 @@ public:
         ConsoleReporter::ReportRuns(runs);
         for (const Run& run : runs) {
             const double taken = secondsOf(run);
-            if (taken > 0) { // one that has failed has taken no time
+            if (taken > 0) { // a failed run has taken no time
                 keepBest(run.run_name.function_name, taken);
             }
         }

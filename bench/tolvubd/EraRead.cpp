@@ -12,8 +12,8 @@
 #include <unistd.h>
 #include <vector>
 
-/// What has been written since an era, read from the metadata of an era target and printed as era_invalidate
-/// does it, so that both can be compared.
+/// Prints what has been written since an era, according to the metadata of an era target, in the format of
+/// era_invalidate, so that both can be compared.
 namespace {
 
 using tolvubd::EraMetadata;

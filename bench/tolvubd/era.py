@@ -1,13 +1,12 @@
 #!/usr/bin/env python3
-"""Measures how long it takes to read from an era target's metadata what has been written, and how much
-memory: by the driver, by era_invalidate, and dd reading as many bytes.
+"""Measures how long it takes, and how much memory, to read from an era target's metadata what has been
+written: by the driver, by era_invalidate, and by dd reading as many bytes.
 
 usage: BEKD_BUILD=build/release bench/tolvubd/era.py [GIBIBYTES [ROUNDS]]
 
-For a volume of that size (50 GiB) in blocks of 4096 bytes it makes metadata in which a thousandth of them was
-written, half of that in an era that hasn't been entered yet. All three read in turn, as often as there are
-rounds (three); the best of each is printed. What the driver and era_invalidate say must be the same, byte for
-byte.
+Makes metadata for a volume of this size (50 GiB) in blocks of 4096 bytes. A thousandth of them was written,
+half of that in an era that hasn't been entered yet. All three read in turns, for this number of rounds
+(three); the best of each is printed. The driver and era_invalidate must print the same, byte for byte.
 """
 import os
 import pathlib
@@ -20,6 +19,7 @@ import time
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(ROOT))
 
+from lab.arguments import parser_of, positive  # noqa: E402
 from lab.daemon import program  # noqa: E402
 
 MEBIBYTE = 1 << 20
@@ -27,7 +27,7 @@ SINCE = 3
 
 
 def make(image, blocks):
-    """Metadata of a volume of so many blocks, as era_restore lays them out."""
+    """Makes the metadata of a volume with this many blocks, as era_restore lays it out."""
     numbers = random.Random(blocks)
     written = sorted(numbers.sample(range(blocks), blocks // 1000))
     with open(image.with_suffix(".xml"), "w", encoding="ascii") as xml:
@@ -45,15 +45,14 @@ def make(image, blocks):
 
 
 def memory_of(process):
-    """The MiB that it had at most until now; 0 when it has just ended."""
+    """The process's peak memory so far in MiB; 0 if it has just ended."""
     text = pathlib.Path(f"/proc/{process.pid}/status").read_text(encoding="ascii")
     return next((int(line.split()[1]) / 1024 for line in text.splitlines() if line.startswith("VmHWM:")), 0)
 
 
 def timed(command, output):
-    """Seconds, and the MiB of memory that the process had at most, as far as could be seen. None of those
-    that are measured reads through the page cache.
-    """
+    """The seconds, and the highest sample of the process's peak memory in MiB. None of the measured programs
+    reads through the page cache."""
     memory = 0
     with open(output, "wb") as file:
         begin = time.monotonic()
@@ -68,7 +67,7 @@ def timed(command, output):
 
 
 def measure(image, used, rounds):
-    """The best seconds and the largest memory of each."""
+    """The best seconds and the peak memory of each."""
     commands = {
         "driver": [program("EraRead"), image, "current", str(SINCE)],
         "era_invalidate": ["era_invalidate", "--written-since", str(SINCE), image],
@@ -85,8 +84,13 @@ def measure(image, used, rounds):
 
 
 def main():
-    gibibytes = int(sys.argv[1]) if len(sys.argv) > 1 else 50
-    rounds = int(sys.argv[2]) if len(sys.argv) > 2 else 3
+    parser = parser_of(__doc__)
+    parser.add_argument("gibibytes", type=positive, nargs="?", default=50, metavar="GIBIBYTES")
+    parser.add_argument("rounds", type=positive, nargs="?", default=3, metavar="ROUNDS")
+    arguments = parser.parse_args()
+    gibibytes, rounds = arguments.gibibytes, arguments.rounds
+    if not program("EraRead").exists():
+        sys.exit(f"era.py: there is no {program('EraRead')}; scripts/build release builds it")
     blocks = gibibytes << 18
     with tempfile.TemporaryDirectory(dir=ROOT / "build") as directory:
         image = pathlib.Path(directory) / "image"

@@ -3,7 +3,7 @@
 
 usage: BEKD_BUILD=build/release lab/namespace bench/tolvubd/freeze.py [MEBIBYTES [ROUNDS]]
 
-Prints a line for each: the best of the rounds, each round with both in turn, and the driver's largest memory.
+Prints the best time of each, over rounds in which both take turns, and the driver's peak memory.
 """
 import os
 import pathlib
@@ -15,7 +15,8 @@ import time
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 sys.path[:0] = [str(ROOT), str(ROOT / "tests/functional")]
 
-from lab.daemon import program  # noqa: E402
+from lab.arguments import parser_of, positive  # noqa: E402
+from lab.daemon import program, require_private_site  # noqa: E402
 from lab.driver import STORE  # noqa: E402
 from lab.system_log import SystemLog  # noqa: E402
 from tolvubd_site import Volume, must  # noqa: E402
@@ -38,7 +39,7 @@ def read_with_dd(volume):
 
 
 def freeze(volume):
-    """Seconds, and the KiB of memory that the process had at most."""
+    """The seconds of the freeze, and the process's peak memory in KiB."""
     drop_caches()
     with SystemLog() as log:
         command = [program("TolvubdCall"), "setup_snapshot", "0", volume.device, volume.cow, "100"]
@@ -59,8 +60,12 @@ def report(name, seconds, size):
 
 
 def main():
-    mebibytes = int(sys.argv[1]) if len(sys.argv) > 1 else 1024
-    rounds = int(sys.argv[2]) if len(sys.argv) > 2 else 3
+    parser = parser_of(__doc__)
+    parser.add_argument("mebibytes", type=positive, nargs="?", default=1024, metavar="MEBIBYTES")
+    parser.add_argument("rounds", type=positive, nargs="?", default=3, metavar="ROUNDS")
+    arguments = parser.parse_args()
+    require_private_site()
+    mebibytes, rounds = arguments.mebibytes, arguments.rounds
     with Volume("bench", "ext4", mebibytes * 2048) as volume:
         fill(volume, mebibytes // 2)
         results = [(*freeze(volume), read_with_dd(volume)) for _ in range(rounds)]

@@ -1,21 +1,21 @@
 #!/usr/bin/env python3
-"""Measures what it costs programs that their volume is tracked by device-mapper, and how long they stand
-still while a snapshot is taken, against the volume as it is and against a capture.
+"""Measures what tracking by device-mapper costs the programs that write to a volume, and how long they stall
+while a snapshot is taken, against the untracked volume and against a capture.
 
 usage: bench/tolvubd/tracking.py DISK [GIBIBYTES...]
 
-All that is on DISK is lost. It has to have room for the largest volume (1, 50 and 500 GiB unless others are
-named), and may be sparse. For a machine of its own:
+All data on DISK is lost. It must have room for the largest volume (1, 50 and 500 GiB unless others are
+named), and may be sparse. In a machine of its own:
 
     scripts/build release
     lab/machine up --disk 520G
     lab/machine sh $PWD/bench/tolvubd/tracking.py /dev/ubdb
     lab/machine down
 
-The first tables count what the disk is asked for by each write of a program, so they don't depend on how
-fast the machine is; the ratio is that of the bytes written to those of the volume as it is. "Fresh" writes
-are the first ones to their blocks since the last snapshot. The last table shows the longest
-time that a program waited for 4 KiB to be on the disk while others write at random places.
+The first tables count the disk's requests for each write of a program, so they don't depend on the machine's
+speed. The ratio compares the bytes written with those of the untracked volume. "Fresh" writes are the first
+ones to their blocks since the last snapshot. The last table shows the longest time that a program waited for
+4 KiB to be on the disk, while others write at random places.
 """
 import contextlib
 import json
@@ -27,6 +27,10 @@ import threading
 import time
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
+sys.path.insert(0, str(ROOT))
+
+from lab.arguments import block_device, parser_of, positive  # noqa: E402
+
 PROGRAM = pathlib.Path(os.environ.get("BEKD_BUILD", ROOT / "build/release")).resolve() / "TolvubdCall"
 MOUNT_POINT = pathlib.Path("/mnt/tracking")
 GROUP = "tracking"
@@ -36,9 +40,9 @@ MEBIBYTE = 1 << 20
 MINOR = 77
 ROUNDS = 3
 QUIET_SECONDS = 5
-SETTLE_SECONDS = 0.2 # in which the write that has waited longest ends
+SETTLE_SECONDS = 0.2 # enough for the longest waiting write to end
 
-# Of programs: what fio is told, and how many bytes a write has.
+# For each job: fio's options, and the bytes of one write.
 JOBS = {
     "4 KiB at random, 16 at a time":
         ("--bs=4k --rw=randwrite --iodepth=16 --ioengine=libaio --direct=1 --size=48M", 4096),
@@ -103,7 +107,7 @@ class Disk:
 
 @contextlib.contextmanager
 def mounted(device, size):
-    # Few inodes, and none that are written later: that would be work of the disk which isn't ours.
+    # Few inodes, and none initialised later: those writes of the kernel would be counted, too.
     run("mkfs.ext4", "-q", "-F", "-N", "8192", "-E", "nodiscard", device)
     MOUNT_POINT.mkdir(exist_ok=True)
     run("mount", "-o", "noinit_itable", device, MOUNT_POINT)
@@ -114,7 +118,7 @@ def mounted(device, size):
 
 
 class Tracked:
-    """A mounted volume, and what the snapshot driver does with it."""
+    """A mounted volume, and the snapshot driver's calls for it."""
 
     def __init__(self, device, size):
         self.device = device
@@ -144,13 +148,13 @@ def fio(name, words):
 
 
 def fill(mebibytes):
-    """Makes the file that fio writes to, so that none of its writes needs a block that wasn't there."""
+    """Makes the file that fio writes to, so that none of its writes has to allocate a block."""
     run("dd", "if=/dev/zero", f"of={MOUNT_POINT}/fio", "bs=1M", f"count={mebibytes}", "conv=fsync",
         stderr=subprocess.DEVNULL)
 
 
 def count(disk, words, length):
-    """What the disk is asked for by each write of a job: reads, writes, KiB, flushes."""
+    """The disk's requests for each write of a job: reads, writes, KiB, flushes."""
     os.sync()
     before = disk.counts()
     done = json.loads(run(*fio("job", words)))["jobs"][0]["write"]
@@ -160,7 +164,7 @@ def count(disk, words, length):
 
 
 def costs(disk, volume, words, length):
-    """What count() says, by the state of the volume."""
+    """The results of count(), by the state of the volume."""
     size = int(words.split("--size=")[1].split("M")[0])
     fill(size)
     found = {"not tracked": count(disk, words, length)}
@@ -189,7 +193,7 @@ def show_costs(disk):
 
 
 class Writer(threading.Thread):
-    """A program that writes 4 KiB after 4 KiB, and waits each time until they are on the disk."""
+    """A program that writes 4 KiB again and again, and waits each time until they are on the disk."""
 
     def __init__(self):
         super().__init__()
@@ -205,7 +209,7 @@ class Writer(threading.Thread):
                 self._longest = max(self._longest, time.monotonic() - begin)
 
     def take_longest(self):
-        """Seconds, since the last call."""
+        """The longest wait in seconds since the last call."""
         longest, self._longest = self._longest, 0
         return longest
 
@@ -216,7 +220,7 @@ class Writer(threading.Thread):
 
 @contextlib.contextmanager
 def load():
-    """Many writes at random places, and the one program that is looked at."""
+    """Many writes at random places, and the one program that is measured."""
     fill(256)
     writer = Writer()
     with subprocess.Popen(fio("load", LOAD), stdout=subprocess.DEVNULL) as others:
@@ -229,7 +233,7 @@ def load():
 
 
 def waits(volume):
-    """The longest time that the program waited, by what went on; the worst of the rounds."""
+    """The program's longest wait in each step; the worst of the rounds."""
     steps = {"quiet": lambda: time.sleep(QUIET_SECONDS), "first": volume.first_snapshot,
              "end": volume.track, "next": volume.next_snapshot, "end of that": volume.track,
              "destroy": volume.destroy}
@@ -261,13 +265,14 @@ def show_waits(disk, sizes):
 
 
 def main():
-    if len(sys.argv) < 2:
-        sys.exit(__doc__)
-    sizes = [int(word) for word in sys.argv[2:]] or SIZES
-    disk = Disk(sys.argv[1])
+    parser = parser_of(__doc__)
+    parser.add_argument("disk", type=block_device, metavar="DISK")
+    parser.add_argument("sizes", type=positive, nargs="*", default=SIZES, metavar="GIBIBYTES")
+    arguments = parser.parse_args()
+    disk = Disk(arguments.disk)
     try:
         show_costs(disk)
-        show_waits(disk, sizes)
+        show_waits(disk, arguments.sizes)
     finally:
         disk.remove()
 

@@ -1,22 +1,22 @@
-"""Whole backups over both transports, beside a plain copy of the same data; on a release build:
+"""Races whole backups over both transports against a plain copy of the same data. Run it on a release build:
 
     BEKD_BUILD=build/release lab/namespace /usr/bin/python3 -m bench.transport.zephane [MILLISECONDS...]
 
-An ext4 of 2 GiB, a quarter of it used by files, half of which a log could be and half of which no compressor
-makes smaller, is backed up FULL and then by DIFFERENTIAL_MERGE, to which the image is equal:
+An ext4 of 2 GiB, a quarter of it used by files, is backed up FULL and then by DIFFERENTIAL_MERGE, for which
+the image is equal. Half of the files look like logs, and half can't be compressed. The backups go:
 
 - over zephaneftp, compressed and not, each to an nbdkit on a file;
 - over iSCSI, to tgtd on a file.
 
-nbdcopy moves the blocks of such a backup to the same kind of nbdkit, by TCP and without TLS: as it does by
-itself, and one request at a time, as a backup does.
+nbdcopy moves the blocks of such a backup to the same kind of nbdkit, over TCP without TLS: in its default
+mode, and with one request at a time, like a backup.
 
 All images are in memory, so no disk is in the way, and all ends share this machine's processors. Seconds are
-of the phase that copies, the best of some rounds. "Sent" is what has passed the loopback interface, with the
-heads of packets. Processor seconds are of the agent or nbdcopy, and of the server with its nbdkit.
+those of the copy phase, the best of some rounds. "Sent" is what has passed the loopback interface, with
+packet headers. Processor seconds are those of the agent or nbdcopy, and of the server with its nbdkit.
 
-All of it runs with each of the round trips, in milliseconds; 0, 0.5 and 5 if none is given. Those above 0 are
-made by lab/delay.py, whose threads add some tenths of a millisecond and take their share of the processors.
+All of it runs with each of the round trips, in milliseconds; 0, 0.5 and 5 if none is given. lab/delay.py
+makes those above 0; its threads add some tenths of a millisecond and take their share of the processors.
 """
 import argparse
 import contextlib
@@ -27,10 +27,10 @@ import subprocess
 import tempfile
 
 from bench.copy import files
-from bench.copy.bed import Bed
 from bench.copy.distance import ROUND_TRIPS, portal_of
 from bench.copy.floor import copied_ranges
 from bench.copy.process import processor_seconds, timed
+from bench.copy.testbed import Testbed
 from lab.daemon import ROOT, require_private_site
 from lab.services import Service
 from lab.zephane import ZephaneServer
@@ -44,7 +44,7 @@ COLUMNS = ("s", "MiB/s", "sent MiB", "agent CPU s", "server CPU s")
 
 @dataclasses.dataclass(frozen=True)
 class Copy:
-    """One copy of the data, by whatever."""
+    """One copy of the data, by any program."""
 
     bytes: int
     seconds: float
@@ -62,27 +62,27 @@ def line(name, *columns):
 
 
 def passes_of(milliseconds):
-    """How often what is sent passes the interface."""
+    """How often sent data passes the interface."""
     return 2 if milliseconds else 1
 
 
 def sent_so_far():
-    """Bytes, by the loopback interface of this namespace."""
+    """The bytes sent so far through the loopback interface of this namespace."""
     lines = pathlib.Path("/proc/net/dev").read_text(encoding="ascii").splitlines()
     [counters] = [line.partition(":")[2].split() for line in lines if line.strip().startswith("lo:")]
     return int(counters[8])
 
 
 def measured(passes, run):
-    """What `run` returns, and how much was sent meanwhile."""
+    """The result of `run`, and the bytes sent meanwhile."""
     before = sent_so_far()
     value = run()
     return value, (sent_so_far() - before) // passes
 
 
-def back_up(bed, milliseconds, **kind):
-    with portal_of(bed.target.port, milliseconds) as way:
-        run, sent = measured(passes_of(milliseconds), lambda: bed.backup(way, **kind))
+def back_up(testbed, milliseconds, **kind):
+    with portal_of(testbed.target.port, milliseconds) as way:
+        run, sent = measured(passes_of(milliseconds), lambda: testbed.backup(way, **kind))
     return Copy(run.bytes, run.copy, sent, run.own_cpu, run.target_cpu)
 
 
@@ -100,11 +100,12 @@ class NbdServer(Service):
 
 
 @contextlib.contextmanager
-def used_blocks(bed):
-    """A sparse file of what a full backup copies, and how much that is."""
-    with bed.last_snapshot() as device, tempfile.NamedTemporaryFile() as file, open(device, "rb") as source:
-        ranges = copied_ranges(device, bed.partition.volume.file_system)
-        file.truncate(bed.size)
+def used_blocks(testbed):
+    """A sparse file with what a full backup copies, and the size of that."""
+    with (testbed.last_snapshot() as device, tempfile.NamedTemporaryFile() as file,
+          open(device, "rb") as source):
+        ranges = copied_ranges(device, testbed.partition.volume.file_system)
+        file.truncate(testbed.size)
         for offset, length in ranges:
             source.seek(offset)
             file.seek(offset)
@@ -124,27 +125,27 @@ def nbdcopy(path, size, milliseconds, *options):
 
 
 def best(rounds, run):
-    """What else the machine does comes and goes."""
+    """The fastest of some runs, as the machine's other work comes and goes."""
     return min((run() for _ in range(rounds)), key=lambda copy: copy.seconds)
 
 
-def race(bed, servers, rounds, milliseconds):
+def race(testbed, servers, rounds, milliseconds):
     print(f"\nround trip {milliseconds} ms", flush=True)
     line("", *COLUMNS)
     for name, server in servers.items():
-        bed.use(server, server.images[0])
+        testbed.use(server, server.images[0])
         for kind, options in (("FULL", {"full": True}), ("DIFFERENTIAL_MERGE", {"merge": True})):
-            copy = best(rounds, functools.partial(back_up, bed, milliseconds, **options))
+            copy = best(rounds, functools.partial(back_up, testbed, milliseconds, **options))
             line(f"{name}, {kind}", *copy.columns())
-    with used_blocks(bed) as (path, size):
+    with used_blocks(testbed) as (path, size):
         for name, options in (("nbdcopy", ()), ("nbdcopy, one request at a time", ("--synchronous",))):
             line(name, *best(rounds, lambda: nbdcopy(path, size, milliseconds, *options)).columns())
 
 
-def zephaned(bed, lasting, port, compression):
-    """One with an image of the bed's size."""
-    server = lasting.enter_context(ZephaneServer(port, compression=compression))
-    server.add_image("image", bed.size, poisoned=False, backend=str(server.directory / "image"))
+def zephaned(testbed, stack, port, compression):
+    """A server with an image of the testbed's size."""
+    server = stack.enter_context(ZephaneServer(port, compression=compression))
+    server.add_image("image", testbed.size, poisoned=False, backend=str(server.directory / "image"))
     return server
 
 
@@ -161,14 +162,15 @@ def main():
     arguments = parse_arguments()
     require_private_site()
     arguments.directory.mkdir(parents=True, exist_ok=True)
-    with contextlib.ExitStack() as lasting:
-        bed = lasting.enter_context(Bed(arguments.directory, GIBIBYTES, images="/tmp", poisoned=False))
-        files.fill(bed.roots[0], USED, (files.NOISE, files.text()))
-        servers = {"zephaneftp, compressed": zephaned(bed, lasting, 25568, True),
-                   "zephaneftp": zephaned(bed, lasting, 25569, False), "iSCSI": bed.target}
-        bed.backup(full=True) # each file gets its place
+    with contextlib.ExitStack() as stack:
+        testbed = stack.enter_context(Testbed(arguments.directory, GIBIBYTES, images="/tmp",
+                                                poisoned=False))
+        files.fill(testbed.roots[0], USED, (files.NOISE, files.text()))
+        servers = {"zephaneftp, compressed": zephaned(testbed, stack, 25568, True),
+                   "zephaneftp": zephaned(testbed, stack, 25569, False), "iSCSI": testbed.target}
+        testbed.backup(full=True) # allocates the blocks of each file
         for milliseconds in arguments.round_trips or ROUND_TRIPS:
-            race(bed, servers, arguments.rounds, milliseconds)
+            race(testbed, servers, arguments.rounds, milliseconds)
 
 
 if __name__ == "__main__":

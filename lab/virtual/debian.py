@@ -1,4 +1,4 @@
-"""Makes the tree of a Debian system for a machine: packages, and little that isn't the distribution's."""
+"""Makes the root directory of a Debian system for a machine, from packages and few other files."""
 import os
 import pathlib
 import shutil
@@ -7,14 +7,14 @@ import sys
 
 INSIDE = pathlib.Path(__file__).with_name("inside")
 LIMIT_SECONDS = 500
-# A mirror may be slow to answer, or not there for a moment.
+# A mirror may be slow or temporarily unavailable.
 ATTEMPTS = 3
-# What a tool has mounted and started goes with it, however it ends.
+# The namespaces end with the tool, so its mounts and processes go too, however it ends.
 ENCLOSED = ("unshare", "--mount", "--propagation", "private", "--pid", "--fork", "--kill-child",
             "--mount-proc")
 LEFT_OUT = ("/usr/share/doc/*", "/usr/share/man/*", "/usr/share/locale/*", "/usr/share/info/*",
             "/usr/share/gnome/*", "/usr/share/icons/*")
-# Nothing works on the disks or asks for the network unless a test does.
+# Masked, so that nothing uses the disks or the network unless a test does.
 MASKED = """apt-daily.timer apt-daily-upgrade.timer dpkg-db-backup.timer e2scrub_all.timer
             e2scrub_reap.service fstrim.timer tgt.service getty@tty1.service getty-static.service
             serial-getty@ttyS0.service systemd-update-utmp.service""".split()
@@ -25,7 +25,7 @@ class BuildError(Exception):
 
 
 def command(*words, **options):
-    """Runs a tool, and shows the end of what it has printed if it fails."""
+    """Runs a tool; if it fails, raises BuildError with the end of its output."""
     try:
         done = subprocess.run([str(word) for word in words], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
                               stderr=subprocess.STDOUT, text=True, errors="replace", check=False,
@@ -39,13 +39,13 @@ def command(*words, **options):
 
 
 def release():
-    """The code name of this machine's Debian, which is also that of the machines."""
+    """The code name of this machine's Debian release, which the lab's machines use too."""
     lines = pathlib.Path("/etc/os-release").read_text(encoding="utf-8").splitlines()
     return dict(line.split("=", 1) for line in lines if "=" in line)["VERSION_CODENAME"]
 
 
 def mirrors():
-    """The lines of apt's sources that this machine has for its own release."""
+    """The lines of apt's sources for this machine's own release."""
     form = "$(RELEASE) deb $(REPO_URI) $(RELEASE) $(COMPONENT)"
     text = command("apt-get", "indextargets", "--format", form, "Created-By: Packages", "Origin: Debian")
     lines = {line.split(" ", 1)[1] for line in text.splitlines() if line.startswith(release())}
@@ -53,15 +53,15 @@ def mirrors():
 
 
 def settings():
-    """How this machine's apt reaches its mirrors."""
+    """The settings by which this machine's apt reaches its mirrors."""
     kept = ("Acquire::http", "Acquire::Check-", "Acquire::ForceIPv", "Acquire::Retries")
     return "".join(f"{line}\n" for line in command("apt-config", "dump").splitlines()
                    if line.startswith(kept) and "Auto-Detect" not in line)
 
 
 def make_tree(tree, packages, before=()):
-    """Unpacks packages into the directory `tree`, which must not be there. `before` are mmdebstrap's hooks
-    that run before the packages that aren't essential."""
+    """Unpacks packages into the directory `tree`, which must not exist yet. `before` are mmdebstrap hooks
+    that run before the non-essential packages are installed."""
     (tree.parent / "apt.conf").write_text(settings(), encoding="utf-8")
     (tree.parent / "sources.list").write_text(mirrors(), encoding="utf-8")
     words = (*ENCLOSED, "mmdebstrap", "--mode=root", "--variant=minbase", "--format=directory",
@@ -82,7 +82,8 @@ def make_tree(tree, packages, before=()):
 
 
 def configure(tree, root_device, public_key):
-    """Lets in whoever has the key, and starts what gives the machine its address and the checkout."""
+    """Allows root to log in with the key, and enables the service that sets up the address and the
+    checkout."""
     ssh = tree / "root/.ssh"
     ssh.mkdir(mode=0o700, exist_ok=True)
     shutil.copy(public_key, ssh / "authorized_keys")
@@ -99,7 +100,7 @@ def configure(tree, root_device, public_key):
 
 
 def make_file_system(tree, image, size):
-    """Copies a tree into an ext4 file system in a sparse file. It has a journal, as a cut would break it."""
+    """Copies a tree into an ext4 file system in a sparse file. It has a journal, to survive power cuts."""
     with open(image, "wb") as file:
         file.truncate(size)
     command("mke2fs", "-q", "-t", "ext4", "-L", "machine", "-E", "lazy_itable_init=1,nodiscard", "-d", tree,

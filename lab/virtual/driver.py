@@ -1,5 +1,5 @@
-"""The snapshot driver in a machine as a package would install it, so that it has a part in how that starts
-and stops."""
+"""Installs the snapshot driver in a machine as a package would, so that it takes part in the machine's start
+and shutdown."""
 import pathlib
 
 from lab.daemon import program
@@ -13,7 +13,7 @@ INITRAMFS_PATH = "tolvubd-initramfs.path"
 
 
 def targets():
-    """{file of the checkout: where it goes}"""
+    """{file in the checkout: path in the machine}"""
     files = {program("tolvuctl"): pathlib.Path("/usr/bin/tolvuctl"),
              PLATFORM / "59-tolvubd.rules": pathlib.Path("/lib/udev/rules.d/59-tolvubd.rules"),
              PACKAGING / "systemd-shutdown/tolvubd": pathlib.Path("/lib/systemd/system-shutdown/tolvubd")}
@@ -24,7 +24,7 @@ def targets():
 
 
 def install(machine):
-    """Takes effect with the next start."""
+    """Installs the driver; it takes effect at the next start."""
     for source, target in targets().items():
         machine.run("install", "-D", "-m", "755" if source.stat().st_mode & 0o100 else "644", source, target)
     has_initramfs = machine.run("test", "-e", "/usr/sbin/update-initramfs", check=False).returncode == 0

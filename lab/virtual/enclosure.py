@@ -1,4 +1,4 @@
-"""The namespaces of a machine, and the one process that they end with."""
+"""The namespaces of a machine, and the first process, whose end also ends them."""
 import contextlib
 import os
 import pathlib
@@ -11,7 +11,8 @@ ENCLOSE = pathlib.Path(__file__).with_name("enclose")
 
 
 def start_time(pid):
-    """Tells a process from a later one of the same number; None for one that has ended."""
+    """The start time of a process, which tells it from a later one with the same PID; None if it has
+    ended."""
     with contextlib.suppress(FileNotFoundError, ProcessLookupError):
         fields = pathlib.Path(f"/proc/{pid}/stat").read_text(encoding="utf-8", errors="replace")
         fields = fields.rpartition(")")[2].split()
@@ -20,7 +21,8 @@ def start_time(pid):
 
 
 class Enclosure:
-    """All that is in there ends when it is killed, and with whoever made it unless it is `lasting`."""
+    """All processes inside end when `kill` is called, and when the process that made it ends, unless it is
+    `detached`."""
 
     def __init__(self, pid, start, process=None):
         self.pid = pid
@@ -28,18 +30,19 @@ class Enclosure:
         self._process = process
 
     @classmethod
-    def make(cls, command, directory, tap, lasting):
-        """Runs a command in there, in a directory, with its output in the file "console" of that."""
-        tie = [] if lasting else ["setpriv", "--pdeathsig", "KILL", "--"]
+    def make(cls, command, directory, tap, detached):
+        """Runs a command inside, in `directory`; its output goes to the file "console" there."""
+        tie = [] if detached else ["setpriv", "--pdeathsig", "KILL", "--"]
         with open(directory / "console", "ab") as console:
             process = subprocess.Popen(
                 [*tie, "unshare", "--mount", "--net", "--pid", "--fork", "--kill-child", "--mount-proc", "--",
                  ENCLOSE, directory, ROOT, tap, *command],
-                stdin=subprocess.DEVNULL, stdout=console, stderr=console, start_new_session=lasting)
+                stdin=subprocess.DEVNULL, stdout=console, stderr=console, start_new_session=detached)
         return cls(process.pid, start_time(process.pid), process)
 
     def enter(self, *command):
-        """The command that runs another on its network, to be killed with all else in there."""
+        """The command line that runs another command in the enclosure's network and PID namespaces; kill()
+        ends it too."""
         spaces = f"/proc/{self.pid}/ns"
         return ["nsenter", f"--net={spaces}/net", f"--pid={spaces}/pid_for_children", "--", *command]
 
@@ -47,7 +50,7 @@ class Enclosure:
         return self.start is not None and start_time(self.pid) == self.start
 
     def kill(self):
-        """Ends all that is in there; `wait` tells when that is done."""
+        """Kills all processes inside; `wait` waits until they have ended."""
         with contextlib.suppress(ProcessLookupError, FileNotFoundError):
             if self.is_running():
                 path = pathlib.Path(f"/proc/{self.pid}/task/{self.pid}/children")
@@ -55,7 +58,8 @@ class Enclosure:
                 os.kill(int(first[0]) if first else self.pid, signal.SIGKILL)
 
     def wait(self, seconds):
-        """Whether it has ended by then. Its process ends last: from then on nobody writes to its files."""
+        """Waits; returns whether the enclosure has ended in time. Its process ends last, so its files don't
+        change any more."""
         with contextlib.suppress(ProcessLookupError):
             descriptor = os.pidfd_open(self.pid)
             try:

@@ -1,11 +1,11 @@
-"""Images of machines: made once from packages, kept below build/machine, shared by all runs.
+"""Images of machines: made once from packages, stored below build/machine, shared by all runs.
 
     image = images.get("uml")            # or "qemu"; makes it if it isn't there
-    image.root, image.key                # a file that nobody writes to, and who may log in
+    image.root, image.key                # a file that is never written to, and the key to log in with
 
-An image is kept under the digest of all that goes into it but the day: its list of packages and the programs
-that make it. One process makes it, others wait. BEKD_MACHINE_IMAGES names another directory, to share images
-among checkouts.
+The name of an image has a digest of all that it is made from, except the date: its list of packages and the
+programs that make it. One process makes it, others wait. BEKD_MACHINE_IMAGES names another directory, to
+share images among checkouts.
 """
 import contextlib
 import fcntl
@@ -31,18 +31,18 @@ def directory():
 
 
 class Image:
-    """What a machine is started from."""
+    """The files that a machine starts from."""
 
     def __init__(self, path):
         self.path = path
         self.root = path / "root.img"
         self.key = path / "key"
-        self.kernel = path / "vmlinuz"   # of "qemu" only, as the next
+        self.kernel = path / "vmlinuz"   # only for "qemu", like the next one
         self.initrd = path / "initrd"
 
 
 def get(kind):
-    """The image of a kind, which is made first if it has to be."""
+    """The image of a kind; makes it if it doesn't exist."""
     path = directory() / f"{kind}-{digest(kind)}"
     if not (path / "complete").exists():
         with only_one(kind):
@@ -54,7 +54,7 @@ def get(kind):
 
 
 def digest(kind):
-    """Of all that an image is made of."""
+    """The digest of all that an image is made from."""
     made_of = hashlib.sha256(" ".join([kind, debian.release(), *contents(kind)]).encode())
     for source in sorted(pathlib.Path(__file__).parent.glob("inside/*")) + \
             [pathlib.Path(debian.__file__), pathlib.Path(__file__)]:
@@ -77,7 +77,7 @@ def only_one(kind):
 
 
 def remove_old():
-    """Those that nobody has used for long."""
+    """Removes images that nobody has used for a long time."""
     for stamp in directory().glob("*/complete"):
         if time.time() - stamp.stat().st_mtime > KEPT_SECONDS:
             shutil.rmtree(stamp.parent)

@@ -1,4 +1,4 @@
-"""The checkout's Debian packages, installed in a machine."""
+"""Installs the checkout's Debian packages in a machine."""
 import pathlib
 import re
 import subprocess
@@ -7,15 +7,15 @@ import tempfile
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 BUILT = ROOT / "build" / "packages"
 REPACKED = ROOT / "build" / "repacked"
-NAMES = ("libtolvubd0", "libzephane0", "bekd") # what a protected machine needs
+NAMES = ("libtolvubd0", "libzephane0", "bekd") # the packages that a protected machine needs
 MADE_OF = ("CMakeLists.txt", "cmake", "debian", "packaging", "platform", "src", "tools")
 BUILD_SECONDS = 1800
 SECONDS = 900
 
 
 def packages(names=NAMES):
-    """Those of what the checkout holds now: they are built where they are older."""
-    if not are_new(found(names), names):
+    """The packages of the checkout's current state; builds them if they are older."""
+    if not are_newer_than_sources(found(names), names):
         subprocess.run([ROOT / "scripts" / "package"], check=True, stdin=subprocess.DEVNULL,
                        timeout=BUILD_SECONDS)
     return found(names)
@@ -25,7 +25,7 @@ def found(names=NAMES):
     return [path for name in names for path in BUILT.glob(f"{name}_*.deb")]
 
 
-def are_new(paths, names):
+def are_newer_than_sources(paths, names):
     listed = subprocess.run(["git", "ls-files", "-z", *MADE_OF], cwd=ROOT, capture_output=True, text=True,
                             check=True).stdout.rstrip("\0").split("\0")
     sources = [ROOT / name for name in listed if (ROOT / name).exists()]
@@ -34,13 +34,14 @@ def are_new(paths, names):
 
 
 def install(machine, paths):
-    """As an administrator does who has got the files, which are seen inside as all of the checkout. Nothing
-    that they depend on may be missing."""
+    """Installs packages as an administrator does who has downloaded the files. The machine sees them in the
+    checkout, and all their dependencies must be installed already."""
     machine.run("dpkg", "--install", *paths, timeout=SECONDS)
 
 
 def repacked(paths, version):
-    """The same packages under another version. To be made while the machine is off, that it sees them."""
+    """The same packages under another version. Call this while the machine is off, or it may not see the new
+    files."""
     REPACKED.mkdir(exist_ok=True)
     return [repack(path, version) for path in paths]
 

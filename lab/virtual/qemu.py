@@ -1,7 +1,7 @@
-"""Machines of QEMU with Debian's own kernel, for what only that has and what is done before there is a root.
+"""Machines of QEMU with Debian's own kernel, for tests of features that only it has, and of the initramfs.
 
-/dev/kvm may be there and of no use, so the first machine finds out by booting with it, and the answer is kept
-with the image for as long as this host stays up.
+/dev/kvm may exist without working, so the first machine tries to boot with it. The result is stored with the
+image until the host reboots.
 """
 import pathlib
 
@@ -15,7 +15,8 @@ PROBE_SECONDS = 60
 
 
 class QemuMachine(Machine):
-    """Two processors, emulated unless KVM works. What it writes to its root goes to a file of its own."""
+    """Two processors, emulated unless KVM works. Writes to the root disk go to a file of the machine's
+    own."""
 
     kind = "qemu"
     boot_seconds = 400
@@ -26,7 +27,7 @@ class QemuMachine(Machine):
 
     def __init__(self, memory=2048, append="", **options):
         super().__init__(memory=memory, **options)
-        self.append = append # to the command line of the kernel
+        self.append = append # added to the kernel's command line
 
     def device(self, number):
         return f"/dev/vd{chr(ord('b') + number)}"
@@ -51,32 +52,33 @@ class QemuMachine(Machine):
                   for word in self.drive(disk.path.name, "raw", f"disk{number}"))]
 
     def boot(self):
-        """What it starts from."""
+        """The options that define what the machine boots from."""
         return ["-kernel", self.image.kernel, "-initrd", self.image.initrd,
                 "-append", f"root=/dev/vda rw quiet {kernel_line()} {self.append}",
                 *self.drive("root.qcow2", "qcow2", "root")]
 
     def drive(self, file, form, name, device="virtio-blk-pci"):
-        """The host's page cache outlives a cut, so nothing has to be written through it."""
+        """The options for a disk. The host's page cache survives a power cut of the machine, so writes need
+        no sync on the host."""
         return ["-drive", f"file={file},if=none,id={name},format={form},cache=unsafe,discard=unmap",
                 "-device", f"{device},drive={name},serial={name}"]
 
 
 def kernel_line():
-    """What every kernel of such a machine has to be told, whoever starts it."""
+    """The kernel parameters that every such machine needs, whatever boots it."""
     return ("console=ttyS0 net.ifnames=0 mitigations=off lab.link=eth0 lab.address=10.0.2.15/24 "
             f"lab.checkout={ROOT} lab.share=9p")
 
 
 class ProbingMachine(QemuMachine):
-    """Finds out whether KVM boots here."""
+    """A machine that tests whether KVM works on this host."""
 
     accelerator = "kvm"
     boot_seconds = PROBE_SECONDS
 
 
 def working_accelerator(image):
-    """"kvm" if a machine boots with it, else "tcg"."""
+    """"kvm" if a machine boots with it, otherwise "tcg"."""
     if not pathlib.Path("/dev/kvm").exists():
         return "tcg"
     known = image.path / f"accelerator-{HOST_BOOT.read_text(encoding='ascii').strip()}"

@@ -1,11 +1,11 @@
-"""A server that starts from a disk of its own, and the rescue system that it can be started from instead.
+"""A server that boots from a disk of its own, or from a rescue system instead.
 
     with QemuServer() as server:                   # or UmlServer
         disk, other = server.disk(8 << 30), server.disk(4 << 30)
-        server.start()                             # the rescue system: the image of machines, as always
-        ...                                        # somebody makes the server's system on the first disk
+        server.start()                             # the rescue system: the usual image of machines
+        ...                                        # install the server's system on the first disk
         server.stop(); server.is_rescue = False; server.start()
-        server.cut(); server.replace(disk)         # another one in its place, with nothing on it
+        server.cut(); server.replace(disk)         # an empty disk in its place
 
 Inside, the first disk is /dev/sda in either system.
 """
@@ -22,7 +22,7 @@ UDEV_RULE = '/etc/udev/rules.d/50-disks-of-a-server.rules'
 
 
 def replace(machine, disk, size):
-    """Takes a disk out of a machine that is off, and puts a bare one of so many bytes in its place."""
+    """Removes a disk from a machine that is off, and puts an empty one of `size` bytes in its place."""
     if machine.is_on():
         raise MachineError("a disk can be replaced only while the machine is off")
     disk.path.unlink()
@@ -31,13 +31,14 @@ def replace(machine, disk, size):
 
 
 class QemuServer(QemuMachine):
-    """Its firmware, SeaBIOS or a UEFI, starts the boot loader of the first disk."""
+    """A server whose firmware, SeaBIOS or UEFI, starts the boot loader of the first disk."""
 
     is_rescue = True
     is_uefi = False
 
     def device(self, number):
-        """The first is the only one of its kind, as the kernel gives names in no order."""
+        """The name of a disk. The first is the only SCSI disk, as the kernel names disks in no fixed
+        order."""
         return f"/dev/disk/by-id/virtio-disk{number}" if number else "/dev/sda"
 
     def boot(self):
@@ -49,7 +50,8 @@ class QemuServer(QemuMachine):
         return super().drive(file, form, name, device)
 
     def _firmware(self):
-        """A UEFI remembers what it has been told to start from in a file beside the disks."""
+        """The options for a UEFI. It stores its variables, such as the boot order, in a file beside the
+        disks."""
         if not self.is_uefi:
             return []
         variables = self.directory / "variables"
@@ -58,27 +60,28 @@ class QemuServer(QemuMachine):
         return ["-drive", f"if=pflash,format=raw,readonly=on,file={FIRMWARE / 'OVMF_CODE_4M.fd'}",
                 "-drive", f"if=pflash,format=raw,file={variables.name}"]
 
-    def dress(self):
-        """In the rescue system: all names are there already."""
+    def prepare_rescue(self):
+        """Prepares the rescue system. Nothing to do: the names of the disks are right already."""
 
 
 class UmlServer(UmlMachine):
-    """There is neither firmware nor boot loader: a script on the rescue system's root does what an initramfs
-    does, with the kernel that is there already."""
+    """A server without firmware and boot loader: a script on the root of the rescue system does the work of
+    an initramfs, with the kernel that is already running."""
 
     is_rescue = True
 
     def __init__(self, source=None, **options):
         super().__init__(**options)
-        self.source = source # an image, to be read only: a disk behind the others
+        self.source = source # an image, attached read-only as a disk after the others
 
     def command(self):
         source = [f"ubd{len(self.disks) + 1}r={self.source}"] if self.source else []
         start = [] if self.is_rescue else ["init=/usr/local/sbin/start-from-disk"]
         return [*super().command(), *source, *start]
 
-    def dress(self):
-        """In the rescue system, which the server's is a copy of: names the disks, and brings the script."""
+    def prepare_rescue(self):
+        """Prepares the rescue system, which the server's system is a copy of: adds names for the disks, and
+        the script."""
         rules = "".join(f'KERNEL=="ubd{chr(ord("b") + number)}*", SYMLINK+="sd{chr(ord("a") + number)}%n"\n'
                         for number in range(len(self.disks)))
         self.run(f"cat >{UDEV_RULE} && udevadm control --reload && udevadm trigger --settle", input=rules)

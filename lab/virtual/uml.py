@@ -1,10 +1,10 @@
-"""Machines of user-mode Linux, Debian's own: processes of the host without virtualisation, up in seconds."""
+"""Machines of Debian's user-mode Linux: processes of the host without virtualisation, up in seconds."""
 from lab.virtual.enclosure import ROOT
 from lab.virtual.machine import Machine
 
 
 class UmlMachine(Machine):
-    """One processor. What it writes to its root goes to a file of its own."""
+    """A machine with one processor. Writes to its root disk go to a file of the machine's own."""
 
     kind = "uml"
     boot_seconds = 120
@@ -19,5 +19,5 @@ class UmlMachine(Machine):
         return ["/usr/bin/linux.uml", f"mem={self.memory}M", f"ubd0=root.cow,{self.image.root}", *disks,
                 "root=/dev/ubda", "rw", "con=null", "con0=null,fd:1", "ssl=null", "quiet",
                 "vec0:transport=tap,ifname=tap0", "umid=uml", "uml_dir=/dev/shm/", "noreboot",
-                "selinux=0", "pty.legacy_count=0", # udev asks about each terminal at every start
+                "selinux=0", "pty.legacy_count=0", # udev probes each terminal at every start
                 "lab.link=vec0", f"lab.address={self.address}/24", f"lab.checkout={ROOT}", "lab.share=hostfs"]

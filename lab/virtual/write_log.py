@@ -1,4 +1,4 @@
-"""What a disk with a volatile cache may hold after a power cut, from a record of all that was written to it.
+"""The possible contents of a disk with a volatile cache after a power cut, from a record of all writes to it.
 
     recorded = record(machine, disk, log_disk)      # a device inside, to be used in place of the disk
     mark(machine, "synced")                         # a point of the record that can be found again
@@ -6,17 +6,17 @@
     with WriteLog(log_disk.path) as log:
         replay = Replay(log, "disk.img")            # the disk as it was when the record began, empty here
         replay.advance(log.position_of("synced"))
-        replay.copy_with_some("state.img", random.Random(1))
+        replay.copy_with_some_writes("state.img", random.Random(1))
 
-The record is made by the target dm-log-writes. Its log holds writes in the order in which they have become
-durable: those that only a flush makes so stand before that flush. So a disk that is cut off holds all up to
-the last flush, and any of the writes from there to the next.
+The device-mapper target log-writes makes the record. It logs writes in the order in which they became
+durable: writes that a flush makes durable come before that flush. So after a power cut, the disk holds all
+writes up to the last flush, and any subset of the writes from there to the next flush.
 
-Source of the format: drivers/md/dm-log-writes.c and admin-guide/device-mapper/log-writes.rst of Linux. All is
-little-endian. The first block has the magic number, the version, the number of entries (8 bytes each) and the
-size of blocks (4). Behind it comes for each entry a block, with the first sector, the number of sectors,
-flags and the length of the text (8 bytes each), and the text of a mark; then the data, which a discard
-doesn't have. Sectors are blocks.
+Source of the format: drivers/md/dm-log-writes.c and admin-guide/device-mapper/log-writes.rst of Linux. All
+numbers are little-endian. The first block has the magic number, the version, the number of entries (8 bytes
+each) and the block size (4 bytes). Then each entry has a block with the first sector, the number of sectors,
+flags and the length of the text (8 bytes each), and the text if it is a mark. The data follows, except for a
+discard. A sector is as large as a block.
 """
 import dataclasses
 import os
@@ -34,7 +34,7 @@ CHUNK = 1 << 20
 
 
 def record(machine, disk, log_disk):
-    """Begins to record what is written; the device to write to."""
+    """Starts to record what is written; returns the device to write to."""
     machine.run("modprobe", "dm-log-writes")
     sectors = machine.run("blockdev", "--getsz", disk.device).stdout.strip()
     machine.run("dmsetup", "create", NAME, "--table",
@@ -43,12 +43,12 @@ def record(machine, disk, log_disk):
 
 
 def mark(machine, text):
-    """Notes that all which is durable by now stands before this."""
+    """Adds a mark to the record, after all writes that are durable by now."""
     machine.run("dmsetup", "message", NAME, "0", "mark", shlex.quote(text))
 
 
 def end_record(machine):
-    """The device must not be in use any more."""
+    """Ends the record. The device must not be in use any more."""
     machine.run("dmsetup", "remove", "--retry", NAME)
 
 
@@ -58,7 +58,7 @@ class LogError(Exception):
 
 @dataclasses.dataclass(frozen=True)
 class Entry:
-    """Of bytes at `offset` of the disk, which are at `data` of the log."""
+    """A log entry for `length` bytes at `offset` of the disk, whose data is at `data` in the log."""
 
     offset: int
     length: int
@@ -68,7 +68,7 @@ class Entry:
 
 
 class WriteLog:
-    """The entries of a log in a file; the index of one is its position, and `len(entries)` the end."""
+    """The entries of a log in a file. A position is an index into `entries`; `len(entries)` is the end."""
 
     def __init__(self, path):
         self._file = open(path, "rb", buffering=0)
@@ -85,16 +85,16 @@ class WriteLog:
         self._file.close()
 
     def durable_positions(self):
-        """Where a flush or a write through the cache has just been done."""
+        """The positions just after a flush or a FUA write."""
         return [number + 1 for number, entry in enumerate(self.entries) if entry.flags & (FLUSH | FUA)]
 
     def position_of(self, text):
-        """Where the mark with this text stands."""
+        """The position of the mark with this text."""
         return next(number for number, entry in enumerate(self.entries)
                     if entry.flags & MARK and entry.text == text)
 
     def apply(self, entry, disk):
-        """Writes what an entry tells of to a file. What was discarded reads as zeros."""
+        """Writes the data of an entry to a file. Discarded bytes become zeros."""
         for done in range(0, 0 if entry.flags & MARK else entry.length, CHUNK):
             size = min(CHUNK, entry.length - done)
             data = bytes(size) if entry.flags & DISCARD else self._bytes(entry.data + done, size)
@@ -106,7 +106,7 @@ class WriteLog:
             raise LogError("the log does not begin as one")
         size = os.fstat(self._file.fileno()).st_size
         position = block
-        for _ in range(count): # each takes a block of the file at least, so this ends with the file
+        for _ in range(count): # each entry takes at least a block, so this ends with the file
             entry = self._entry(position, block)
             position = entry.data + (0 if entry.flags & (DISCARD | MARK) else entry.length)
             if position > size:
@@ -129,7 +129,7 @@ class WriteLog:
 
 
 class Replay:
-    """A disk in a file, which goes forward through a log."""
+    """A disk in a file, to which a log is applied step by step."""
 
     def __init__(self, log, path):
         self._log = log
@@ -137,15 +137,16 @@ class Replay:
         self.position = 0
 
     def advance(self, position):
-        """Writes all up to there. The way back is a new replay."""
+        """Applies all entries up to `position`. To go back, make a new Replay."""
         assert position >= self.position
         with open(self.path, "r+b", buffering=0) as disk:
             for entry in self._log.entries[self.position:position]:
                 self._log.apply(entry, disk)
         self.position = position
 
-    def copy_with_some(self, path, random):
-        """Makes a copy, with some of the writes up to the next flush: what a cut may leave of a cache."""
+    def copy_with_some_writes(self, path, random):
+        """Makes a copy with a random part of the writes up to the next flush: what a cache may have written
+        at a power cut."""
         run("cp", "--sparse=always", self.path, path)
         later = [position for position in self._log.durable_positions() if position > self.position]
         with open(path, "r+b", buffering=0) as disk:

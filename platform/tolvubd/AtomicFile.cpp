@@ -20,7 +20,7 @@ os::FileDescriptor writeFile(const std::string& path, const std::string& text, u
     return file;
 }
 
-/// False when there aren't two.
+/// Returns false when one of the two doesn't exist.
 bool exchange(const std::string& one, const std::string& other) {
     if (::renameat2(AT_FDCWD, one.c_str(), AT_FDCWD, other.c_str(), RENAME_EXCHANGE) == 0) {
         return true;
@@ -33,13 +33,13 @@ bool exchange(const std::string& one, const std::string& other) {
 
 } // namespace
 
-void showFile(const std::string& path, const std::string& text, unsigned mode) {
+void replaceFileWithoutSync(const std::string& path, const std::string& text, unsigned mode) {
     const std::string unfinished = path + unfinishedSuffix;
     writeFile(unfinished, text, mode);
     checked(::rename(unfinished.c_str(), path.c_str()), "rename to " + path);
 }
 
-void replaceFile(const std::string& path, const std::string& text, unsigned mode) {
+void replaceFileDurably(const std::string& path, const std::string& text, unsigned mode) {
     const std::string unfinished = path + unfinishedSuffix;
     syncFile(writeFile(unfinished, text, mode), unfinished);
     if (!exchange(unfinished, path)) {
@@ -48,12 +48,12 @@ void replaceFile(const std::string& path, const std::string& text, unsigned mode
     try {
         syncDirectory(directoryOf(path));
     } catch (...) {
-        takeBackFile(path);
+        restorePreviousFile(path);
         throw;
     }
 }
 
-void takeBackFile(const std::string& path) {
+void restorePreviousFile(const std::string& path) {
     if (!exchange(path + unfinishedSuffix, path)) {
         removeFile(path);
     }

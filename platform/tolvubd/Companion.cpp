@@ -26,37 +26,37 @@ void closeOthers(int one, int other) {
 
 } // namespace
 
-pid_t start() noexcept {
+pid_t forkHidden() noexcept {
     sigset_t all{};
     sigset_t before{};
     ::sigfillset(&all);
     ::pthread_sigmask(SIG_SETMASK, &all, &before);
-    const auto copy = static_cast<pid_t>(::syscall(SYS_clone, 0UL, nullptr, nullptr, nullptr, 0UL));
-    if (copy != 0) {
+    const auto child = static_cast<pid_t>(::syscall(SYS_clone, 0UL, nullptr, nullptr, nullptr, 0UL));
+    if (child != 0) {
         const int error = errno;
         ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
         errno = error;
     }
-    return copy;
+    return child;
 }
 
-std::optional<int> exitStatus(pid_t copy) noexcept {
+std::optional<int> exitStatus(pid_t child) noexcept {
     int status = 0;
     pid_t ended = -1;
     do {
-        ended = ::waitpid(copy, &status, __WALL);
+        ended = ::waitpid(child, &status, __WALL);
     } while (ended < 0 && errno == EINTR);
     return ended > 0 && WIFEXITED(status) ? std::optional(WEXITSTATUS(status)) : std::nullopt;
 }
 
-void settle(const char* name, int one, int other) noexcept {
+void prepareChild(const char* name, int one, int other) noexcept {
     ::prctl(PR_SET_NAME, name);
     ::setsid();
     closeOthers(one, other);
-    [[maybe_unused]] const int moved = ::chdir("/"); // to its own root, which is there
+    [[maybe_unused]] const int moved = ::chdir("/"); // the child's own root directory, which always exists
 }
 
-void letIn(int signal) noexcept {
+void unblockSignal(int signal) noexcept {
     ::signal(signal, SIG_DFL);
     sigset_t one{};
     ::sigemptyset(&one);

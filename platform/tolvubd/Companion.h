@@ -3,24 +3,25 @@
 #include <optional>
 #include <sys/types.h>
 
-/// Copies of this process, which outlive it for a while to see to a volume.
+/// Child processes: forked copies of this one, which outlive it for a while to take care of a volume.
 ///
-/// The process may have threads, whose locks nobody will ever release in a copy. So a copy makes system calls
-/// only, and leaves by _exit.
+/// Another thread may hold a lock when the process is forked, and no thread of the child ever releases it. So
+/// a child may only make system calls, and ends with _exit.
 namespace tolvubd::companion {
 
-/// Like fork, but nobody except its maker gets to see the copy: its end sends no signal, and no other wait()
-/// of the program finds it. No signal reaches the copy but SIGKILL. Returns 0 in the copy; -1, with errno,
-/// where there is none.
-pid_t start() noexcept;
-/// Waits for a copy to end. None where it didn't leave by _exit.
-std::optional<int> exitStatus(pid_t copy) noexcept;
+/// Like fork, but hides the child from the rest of the program: its end sends no SIGCHLD, and a plain wait()
+/// doesn't find it. All signals but SIGKILL are blocked in the child. Returns 0 in the child; -1, with errno,
+/// on failure.
+pid_t forkHidden() noexcept;
+/// Waits for a child to end. None if it didn't end with _exit.
+std::optional<int> exitStatus(pid_t child) noexcept;
 
-/// What a copy begins its life with. It takes a name that ps(1) shows. It leaves the group of processes, as a
-/// signal to that isn't meant for it, and the folder that the program is in, as somebody may want to unmount
-/// it. It keeps two descriptors only, so that it holds no lock and no connection of the program open.
-void settle(const char* name, int one, int other) noexcept;
-/// Lets the copy die of a signal.
-void letIn(int signal) noexcept;
+/// Prepares a child for its work. Gives it `name`, which ps(1) shows. Starts a new session, so that signals
+/// to the program's process group don't reach the child, and changes to "/", so that the program's working
+/// directory can be unmounted. Keeps only the descriptors `one` and `other` open, so that the child holds
+/// none of the program's locks and connections.
+void prepareChild(const char* name, int one, int other) noexcept;
+/// Restores the default action of a signal and unblocks it, so that it can end the child.
+void unblockSignal(int signal) noexcept;
 
 } // namespace tolvubd::companion

@@ -54,7 +54,7 @@ bool isCowFileOf(const std::string& path, const std::string& snapshot) {
     }
 }
 
-/// The name may be free or that of a CoW file.
+/// Passes if no file has the name, or a CoW file has it; throws EEXIST otherwise.
 void requireReplaceable(const std::string& path) {
     try {
         static_cast<void>(snapshotOf(path));
@@ -69,7 +69,7 @@ void requireReplaceable(const std::string& path) {
     }
 }
 
-/// A file system that can't reserve space gets zeros.
+/// Writes zeros if the file system can't reserve space.
 void reserve(const os::FileDescriptor& file, const std::string& path, std::uint64_t size) {
     if (::fallocate(file.get(), 0, 0, static_cast<off_t>(size)) == 0) {
         return;

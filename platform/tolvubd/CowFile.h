@@ -9,8 +9,8 @@
 
 namespace tolvubd {
 
-/// The driver's file on the volume: a header of 4096 bytes, and a table with one word for each 4096 bytes of
-/// the volume. A word that isn't 0 says that those bytes have changed.
+/// The driver's file on the volume: a header of 4096 bytes, and a table with one 64-bit word for each 4096
+/// bytes (unit) of the volume. A word that isn't 0 says that the unit has changed.
 namespace cow {
 
 inline constexpr std::uint32_t magic = 4776;
@@ -28,19 +28,22 @@ constexpr std::uint64_t tableEnd(std::uint64_t volumeSize) {
 
 } // namespace cow
 
-/// Makes a CoW file with an empty table and all its space reserved. It gets its name only when it is whole;
-/// a CoW file that had the name before is replaced. Anything else there is not: EEXIST.
+/// Makes a CoW file with an empty table and all its space reserved. The file gets its name only when it is
+/// complete. It replaces a CoW file of the same name; any other file there fails with EEXIST.
 void makeCowFile(const std::string& path, const std::string& snapshot, std::uint64_t size);
 
 /// Writes the table and the count of changed units of a CoW file.
+/// Owns:    a descriptor of the file.
+/// Threads: one at a time.
+/// Fails:   std::system_error.
 class CowTable {
 public:
-    /// ENOENT, ELOOP or EBADMSG when there is no such file, it is a link, or not the CoW file of the
-    /// snapshot; EFBIG when the table doesn't fit.
+    /// Fails with ENOENT when there is no such file, ELOOP when it is a symbolic link, EBADMSG when it isn't
+    /// the CoW file of this snapshot, and EFBIG when the table doesn't fit.
     CowTable(const std::string& path, const std::string& snapshot, std::uint64_t volumeSize);
 
     void write(std::uint64_t firstUnit, std::span<const std::uint64_t> words);
-    /// Makes the table durable, and only then the count.
+    /// Makes the table durable first, and then the count.
     void finish(std::uint64_t changedUnits);
 
 private:
@@ -48,10 +51,10 @@ private:
     os::FileDescriptor file;
 };
 
-/// The UUID in the header of a CoW file. Fails as CowTable does.
+/// The snapshot UUID in the header of a CoW file. Fails as CowTable does.
 std::string snapshotOf(const std::string& path);
 
-/// Removes the file if it is the CoW file of the snapshot, and what was left of it unfinished.
+/// Removes the file if it is the CoW file of the snapshot, and any unfinished file beside it.
 void removeCowFile(const std::string& path, const std::string& snapshot);
 
 } // namespace tolvubd

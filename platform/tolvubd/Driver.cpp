@@ -1,21 +1,21 @@
 #include "Driver.h"
 
 #include "CowFile.h"
+#include "DeviceLocation.h"
 #include "Failure.h"
 #include "Layout.h"
 #include "Recovery.h"
 #include "SnapshotNode.h"
 #include "Status.h"
 #include "SystemLog.h"
-#include "Tidying.h"
+#include "TryTo.h"
 #include "Uuid.h"
-#include "Whereabouts.h"
 #include "capture/FrozenFileSystem.h"
 #include "dm/FilePlaces.h"
 #include "era/EraMetadata.h"
 #include "mapper/OwnFiles.h"
 #include "mapper/Support.h"
-#include "seal/Starts.h"
+#include "seal/BootHistory.h"
 
 #include <algorithm>
 #include <exception>
@@ -43,13 +43,14 @@ void requireSameSize(const Device& device, const Volume& volume) {
     }
 }
 
-/// Not kept open while the volume is held: the process would end only when it is let go.
+/// Checks the file and closes it at once. If it stayed open while the volume is held, a process that is
+/// killed could end only after the release.
 void requireTable(const Device& device, const std::string& cowFile) {
     static_cast<void>(CowTable(cowFile, device.snapshot, device.size));
 }
 
-/// What was begun for the device is there now.
-void finish(Table& table, const Device& device) {
+/// Removes the device's entries from `unfinished`, because the files that they announced exist now.
+void clearUnfinished(Table& table, const Device& device) {
     std::erase_if(table.unfinished,
                   [&](const Unfinished& unfinished) { return unfinished.snapshot == device.snapshot; });
 }
@@ -64,15 +65,16 @@ Driver::Driver(Busy busy) : store(busy), table(store.load()) {
     if (!isLive(table)) {
         startSession();
     }
-    const Table tidied = tidyUp(table, Frozen::maybe, backEnds());
-    if (tidied != table) {
-        store.write(tidied);
-        table = tidied;
+    const Table reconciled = reconcileMachine(table, Held::maybe, backEnds());
+    if (reconciled != table) {
+        store.write(reconciled);
+        table = reconciled;
     }
     publish(table);
 }
 
-/// The machine has been restarted, and with it the driver: its devices are gone, their captures are not.
+/// For the first use after the machine was restarted: the devices are gone, but their captures and layers can
+/// be reloaded.
 void Driver::startSession() {
     Table fresh;
     fresh.session = makeUuid();
@@ -83,7 +85,7 @@ void Driver::startSession() {
         fresh.asleep.erase(fresh.asleep.begin(), fresh.asleep.end() - mostAsleep);
     }
     store.write(fresh);
-    noteStart(layout::starts);
+    recordBoot(layout::bootHistory);
     markLive(fresh);
     table = fresh;
 }
@@ -93,7 +95,7 @@ void Driver::commit(const Table& next) {
     try {
         publish(next);
     } catch (...) {
-        store.takeBack();
+        store.restorePrevious();
         throw;
     }
     table = next;
@@ -102,16 +104,16 @@ void Driver::commit(const Table& next) {
 void Driver::replace(const Device& device) {
     Table next = table;
     *find(next.devices, device.minor) = device;
-    finish(next, device);
+    clearUnfinished(next, device);
     commit(next);
 }
 
-/// What can't be taken away now is left to the next turn.
-void Driver::tidy() {
-    const Table tidied = tidyUp(table, Frozen::no, backEnds());
+/// Leftovers that can't be removed now are left to the next session.
+void Driver::reconcile() {
+    const Table reconciled = reconcileMachine(table, Held::no, backEnds());
     try {
-        if (tidied != table) {
-            commit(tidied);
+        if (reconciled != table) {
+            commit(reconciled);
         }
     } catch (const std::exception& error) {
         logLine(Severity::warning, std::string("can't write the state: ") + error.what());
@@ -119,11 +121,11 @@ void Driver::tidy() {
 }
 
 template <class Work>
-void Driver::undoneOnFailure(const Work& work) {
+void Driver::reconcileOnFailure(const Work& work) {
     try {
         work();
     } catch (...) {
-        tidy();
+        reconcile();
         throw;
     }
 }
@@ -162,12 +164,12 @@ void Driver::requireFree(std::uint32_t minor) const {
 }
 
 void Driver::requireUntracked(const Volume& volume) const {
-    if (std::ranges::any_of(table.devices, [&](const Device& device) { return isOn(device, volume); })) {
+    if (std::ranges::any_of(table.devices, [&](const Device& device) { return belongsTo(device, volume); })) {
         fail(EBUSY, volume.path + " has a device already");
     }
 }
 
-void Driver::begin(const SnapshotPlan& plan, const Device& device) {
+void Driver::recordUnfinished(const SnapshotPlan& plan, const Device& device) {
     Table next = table;
     Unfinished unfinished{device.snapshot, plan.cow.path(), {}, {}};
     if (device.layers) {
@@ -189,54 +191,55 @@ void Driver::setupSnapshot(std::uint32_t minor, const std::string& blockDevice, 
     const SnapshotPlan plan{volume, locate(volume, cowPath), cowBytes(cowMebibytes, volume)};
     Device device{minor,      Mode::snapshot, blockDevice, plan.cow.relative,
                   makeUuid(), volume.size,    cacheSize,   {}};
-    if (volume.servers.empty() && hasLeftOvers(plan.cow)) { // no other kind is frozen by the kernel
+    if (volume.servers.empty() && hasStaleFiles(plan.cow)) { // the kernel never freezes a FUSE file system
         requireNotFrozen(plan.cow.mountPoint);
     }
     forgetAsleepLayers(volume, plan.cow);
     if (!takeFirstByMapper(plan, device)) {
-        tryTo("release what layers have left on " + volume.path, [&] { releaseLeftOvers(plan.cow); });
+        tryTo("release what layers have left on " + volume.path, [&] { unlockStaleFiles(plan.cow); });
         takeFirst(capture, plan, device);
-        logLine(Severity::info, volume.path + " was captured whole: " + device.reason);
+        logLine(Severity::info, volume.path + " was captured whole: " + device.whyCaptured);
     }
 }
 
-/// Layers that nobody has asked for since the machine was started would be in the way of new ones, and so
-/// would be their CoW file, which isn't always the one that the new ones begin with.
+/// Layers that haven't been reloaded since the machine was restarted would block new ones. So would their CoW
+/// file, which needn't have the name of the new one.
 void Driver::forgetAsleepLayers(const Volume& volume, const PathOnVolume& cow) {
     const std::vector<Device> before = table.asleep;
     Table next = table;
-    std::erase_if(next.asleep, [&](const Device& device) { return device.layers && isOn(device, volume); });
+    std::erase_if(next.asleep,
+                  [&](const Device& device) { return device.layers && belongsTo(device, volume); });
     if (next == table) {
         return;
     }
     commit(next);
-    tidy();
+    reconcile();
     for (const Device& device : before) {
-        if (device.layers && isOn(device, volume)) {
+        if (device.layers && belongsTo(device, volume)) {
             const std::string path = PathOnVolume{cow.mountPoint, device.cowFile}.path();
             tryTo("remove " + path, [&] { removeLockedCowFile(path, device.snapshot); });
         }
     }
 }
 
-/// A CoW file of a tracking that was lost may still be locked where the next one is to be, and takes its
-/// room.
-void Driver::makeWayFor(const SnapshotPlan& plan) {
+/// The CoW file of a tracking that was lost may still be locked at the path of the new one, and uses its
+/// space.
+void Driver::removeLockedPredecessor(const SnapshotPlan& plan) {
     if (isCowFile(plan.cow.path()) && dm::isLockedFile(plan.cow.path())) {
         requireNotFrozen(plan.cow.mountPoint);
         removeLockedFile(plan.cow.path());
     }
 }
 
-/// False, with the reason in the device, where it has to be captured.
+/// Returns false, with the reason in `device`, if the volume must be captured instead.
 bool Driver::takeFirstByMapper(const SnapshotPlan& plan, Device& device) {
-    if (const auto reason = reasonAgainstLayers(plan.volume)) {
-        device.reason = *reason;
+    if (const auto reason = unsupportedReason(plan.volume)) {
+        device.whyCaptured = *reason;
         return false;
     }
     Device layered = device;
     layered.layers = MapperBackEnd::newLayers(plan.volume);
-    removeLeftOvers(plan.cow);
+    removeStaleFiles(plan.cow);
     try {
         takeFirst(mapper, plan, layered);
         return true;
@@ -244,28 +247,28 @@ bool Driver::takeFirstByMapper(const SnapshotPlan& plan, Device& device) {
         if (error.code().value() != EOPNOTSUPP) {
             throw;
         }
-        device.reason = error.what();
+        device.whyCaptured = error.what();
         return false;
     }
 }
 
 void Driver::takeFirst(IBackEnd& backEnd, const SnapshotPlan& plan, Device device) {
     backEnd.requireRoom(plan, device);
-    undoneOnFailure([&] {
-        begin(plan, device);
+    reconcileOnFailure([&] {
+        recordUnfinished(plan, device);
         backEnd.takeFirst(plan, device);
         Table next = table;
         next.devices.push_back(device);
-        finish(next, device);
-        std::erase_if(next.asleep, [&](const Device& asleep) { return isOn(asleep, plan.volume); });
+        clearUnfinished(next, device);
+        std::erase_if(next.asleep, [&](const Device& asleep) { return belongsTo(asleep, plan.volume); });
         commit(next);
     });
-    tidy();
+    reconcile();
 }
 
 void Driver::transitionSnapshot(std::uint32_t minor, const std::string& cowPath, std::uint64_t cowMebibytes) {
     const Device before = require(minor, Mode::tracking);
-    const Volume volume = findVolume(placeOf(before));
+    const Volume volume = findVolume(devicePathOf(before));
     requireSameSize(before, volume);
     const SnapshotPlan plan{volume, locate(volume, cowPath), cowBytes(cowMebibytes, volume)};
     if (plan.cow.relative == before.cowFile) {
@@ -277,24 +280,24 @@ void Driver::transitionSnapshot(std::uint32_t minor, const std::string& cowPath,
     after.cowFile = plan.cow.relative;
     after.snapshot = makeUuid();
     if (after.layers && after.layers->error != 0) {
-        if (const auto reason = reasonAgainstLayers(volume)) {
+        if (const auto reason = unsupportedReason(volume)) {
             fail(EOPNOTSUPP, volume.path + " can't be tracked any more: " + *reason);
         }
-        after.layers = MapperBackEnd::newLayers(volume); // and everything has changed
+        after.layers = MapperBackEnd::newLayers(volume); // and everything counts as changed
     }
-    makeWayFor(plan);
+    removeLockedPredecessor(plan);
     IBackEnd& backEnd = backEndOf(before);
     backEnd.requireRoom(plan, after);
     if (before.layers) {
-        dm::releaseFile(closed); // which nothing is mapped to while there is no snapshot
+        dm::unlockFile(closed); // no device is mapped to it while there is no snapshot
     }
     requireTable(before, closed);
-    undoneOnFailure([&] {
-        begin(plan, after);
+    reconcileOnFailure([&] {
+        recordUnfinished(plan, after);
         backEnd.takeNext(plan, before, closed, after);
         replace(after);
     });
-    tidy();
+    reconcile();
 }
 
 void Driver::transitionIncremental(std::uint32_t minor) {
@@ -304,7 +307,7 @@ void Driver::transitionIncremental(std::uint32_t minor) {
     backEnd.noteEnd(device);
     device.mode = Mode::tracking;
     replace(device);
-    tidy();
+    reconcile();
 }
 
 void Driver::reload(Mode mode, std::uint32_t minor, const std::string& blockDevice,
@@ -323,7 +326,7 @@ void Driver::reload(Mode mode, std::uint32_t minor, const std::string& blockDevi
     device.blockDevice = blockDevice;
     device.cowFile = cowFile;
     device.cacheSize = cacheSize;
-    undoneOnFailure([&] {
+    reconcileOnFailure([&] {
         backEndOf(device).reload(volume, device);
         Table next = table;
         next.devices.push_back(device);
@@ -352,14 +355,14 @@ void Driver::destroy(std::uint32_t minor) {
     Table next = table;
     std::ranges::copy(removalOfCowFile(*device), std::back_inserter(next.unfinished));
     next.devices.erase(find(next.devices, minor));
-    commit(next); // first, as a device half taken away would be none that can be used
+    commit(next); // first, because a half-removed device can't be used
     try {
         backEndOf(*device).release(*device);
     } catch (...) {
         commit(before);
         throw;
     }
-    tidy();
+    reconcile();
 }
 
 void Driver::checkSnapshot(std::uint32_t minor) const {
@@ -372,16 +375,16 @@ void Driver::checkSnapshot(std::uint32_t minor) const {
 std::uint64_t Driver::roomBeyondCowFile(const std::string& blockDevice) const {
     const Volume volume = findVolume(blockDevice);
     const bool isTracked =
-        std::ranges::any_of(table.devices, [&](const Device& device) { return isOn(device, volume); });
-    return isTracked || reasonAgainstLayers(volume) ? 0
-                                                    : eraFileSize(volume.size, eraBlockSectors(volume.size));
+        std::ranges::any_of(table.devices, [&](const Device& device) { return belongsTo(device, volume); });
+    return isTracked || unsupportedReason(volume) ? 0
+                                                  : eraFileSize(volume.size, eraBlockSectors(volume.size));
 }
 
 void Driver::forgetAsleep() {
     Table next = table;
     next.asleep.clear();
     commit(next);
-    tidy();
+    reconcile();
 }
 
 } // namespace tolvubd

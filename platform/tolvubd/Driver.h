@@ -13,9 +13,15 @@
 
 namespace tolvubd {
 
-/// The operations. An object is one turn: it waits for the others, tidies up after one that didn't end, and
-/// has the driver for itself until it goes. Every operation is done when it returns, and has changed nothing
-/// when it throws std::system_error.
+/// The driver's operations, in an exclusive session: the constructor takes the driver's lock and tidies up
+/// after an interrupted operation; the destructor releases the lock. An operation has finished when it
+/// returns.
+///
+/// Owns:    the driver's lock and the table of devices.
+/// Threads: one at a time; objects of other threads and processes wait for the lock, or fail with EWOULDBLOCK
+///          (see Busy).
+/// Fails:   std::system_error; no live device has changed then, but leftovers of an earlier tracking of the
+///          volume may have been removed.
 class Driver {
 public:
     explicit Driver(Busy busy = Busy::wait);
@@ -24,25 +30,25 @@ public:
                        std::uint64_t cowMebibytes, std::uint64_t cacheSize);
     void transitionSnapshot(std::uint32_t minor, const std::string& cowPath, std::uint64_t cowMebibytes);
     void transitionIncremental(std::uint32_t minor);
-    /// Gives a device of an earlier run of the machine back, in the mode that it had.
+    /// Reloads a device from before the machine was restarted, in the mode that it had.
     void reload(Mode mode, std::uint32_t minor, const std::string& blockDevice, const std::string& cowFile,
                 std::uint64_t cacheSize);
     void reconfigure(std::uint32_t minor, std::uint64_t cacheSize);
     void destroy(std::uint32_t minor);
-    /// Fails unless the device has shown one moment ever since its snapshot was taken.
+    /// Throws unless the snapshot has been consistent ever since it was taken.
     void checkSnapshot(std::uint32_t minor) const;
-    /// Bytes that a first snapshot of a volume takes on it beyond the CoW file.
+    /// The bytes that a first snapshot takes on its volume, besides the CoW file.
     [[nodiscard]] std::uint64_t roomBeyondCowFile(const std::string& blockDevice) const;
-    /// Forgets the devices that no reload has given back since the machine was started.
+    /// Forgets the devices that haven't been reloaded since the machine was restarted.
     void forgetAsleep();
 
 private:
     void startSession();
     void commit(const Table& next);
     void replace(const Device& device);
-    void tidy();
+    void reconcile();
     template <class Work>
-    void undoneOnFailure(const Work& work);
+    void reconcileOnFailure(const Work& work);
 
     [[nodiscard]] const Device& require(std::uint32_t minor, Mode mode) const;
     void requireFree(std::uint32_t minor) const;
@@ -51,8 +57,8 @@ private:
     IBackEnd& backEndOf(const Device& device);
     bool takeFirstByMapper(const SnapshotPlan& plan, Device& device);
     void forgetAsleepLayers(const Volume& volume, const PathOnVolume& cow);
-    static void makeWayFor(const SnapshotPlan& plan);
-    void begin(const SnapshotPlan& plan, const Device& device);
+    static void removeLockedPredecessor(const SnapshotPlan& plan);
+    void recordUnfinished(const SnapshotPlan& plan, const Device& device);
     void takeFirst(IBackEnd& backEnd, const SnapshotPlan& plan, Device device);
 
     StateStore store;

@@ -18,12 +18,12 @@ namespace {
 
 constexpr const char* ownPrefix = ".tolvu";
 constexpr std::uint32_t extentsAtOnce = 512;
-/// Such an extent isn't anywhere on the volume, or not in blocks of its own.
+/// An extent with one of these flags has no known place on the volume, or shares its block with other data.
 constexpr std::uint32_t nowhere =
     FIEMAP_EXTENT_UNKNOWN | FIEMAP_EXTENT_DELALLOC | FIEMAP_EXTENT_DATA_INLINE | FIEMAP_EXTENT_DATA_TAIL;
 
-/// The extents of a file from a position on, as many as there is room for. Returns where the next ones begin,
-/// 0 behind the last; none where the file system doesn't tell of extents.
+/// Adds the extents of a file from offset `from` on, as many as one request holds. Returns the offset of the
+/// next extents, or 0 after the last; none if the file system doesn't support FIEMAP.
 std::optional<std::uint64_t> readExtents(const os::FileDescriptor& file, std::uint64_t from,
                                          std::vector<Extent>& found) {
     os::ExtentRequest request(extentsAtOnce);
@@ -67,13 +67,14 @@ void append(std::vector<Extent>& extents, const Extent& next) {
     }
 }
 
-/// Where a block of a file lies; 0 where the file system doesn't say, and where it isn't anywhere.
-std::uint64_t placeOf(const os::FileDescriptor& file, std::uint64_t block) {
+/// The block number on the volume of a block of a file; 0 for a hole, and if the file system doesn't report
+/// it.
+std::uint64_t blockNumberOf(const os::FileDescriptor& file, std::uint64_t block) {
     int number = static_cast<int>(block);
     return ::ioctl(file.get(), FIBMAP, &number) == 0 ? static_cast<unsigned>(number) : 0;
 }
 
-/// How many blocks a file has; none where that can't be said.
+/// The number of blocks of a file; none if it is too large for FIBMAP.
 std::optional<std::uint64_t> countBlocks(const struct stat& status, std::uint64_t blockSize) {
     constexpr std::uint64_t unit = 512;
     const std::uint64_t bytes = std::max(static_cast<std::uint64_t>(status.st_size),
@@ -82,9 +83,9 @@ std::optional<std::uint64_t> countBlocks(const struct stat& status, std::uint64_
     return blocks <= std::numeric_limits<int>::max() ? std::optional(blocks) : std::nullopt;
 }
 
-/// Asks for block by block, which file systems understand that don't tell of extents. A file smaller than a
-/// block may lie beside its name and in no block; of any other all blocks are somewhere, or it isn't known
-/// where they are.
+/// Queries each block on its own with FIBMAP, which some file systems without FIEMAP support. A file smaller
+/// than a block may be stored within its inode and have no block. In a larger file, a block without a place
+/// means that the location isn't known.
 std::optional<std::vector<Extent>> blocksOf(const os::FileDescriptor& file, const std::string& path) {
     syncFile(file, path);
     struct stat status{};
@@ -97,7 +98,7 @@ std::optional<std::vector<Extent>> blocksOf(const os::FileDescriptor& file, cons
     const std::optional<std::uint64_t> count = countBlocks(status, blockSize);
     std::vector<Extent> found;
     for (std::uint64_t block = 0; block < count.value_or(0); ++block) {
-        if (const std::uint64_t place = placeOf(file, block); place != 0) {
+        if (const std::uint64_t place = blockNumberOf(file, block); place != 0) {
             append(found, {place * blockSize, blockSize});
         } else if (static_cast<std::uint64_t>(status.st_size) >= blockSize) {
             return std::nullopt;

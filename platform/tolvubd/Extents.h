@@ -7,7 +7,7 @@
 
 namespace tolvubd {
 
-/// A run of bytes of a volume.
+/// A range of bytes of a volume.
 struct Extent {
     std::uint64_t offset = 0;
     std::uint64_t length = 0;
@@ -16,12 +16,13 @@ struct Extent {
     bool operator==(const Extent&) const = default;
 };
 
-/// Where a file lies on its volume, after what is still in memory of it has been written. None when its file
-/// system doesn't say of all of it.
+/// The extents of a file on its volume; its dirty pages are written first. None when the file system doesn't
+/// report the location of the whole file.
 std::optional<std::vector<Extent>> extentsOf(const std::string& path);
 
-/// Where the driver's files lie, and those that its callers keep beside them: all whose names begin with
-/// ".tolvu". No caller copies them from a snapshot. All of the volume where it isn't known of one.
+/// The extents of all files in the root directory whose names begin with ".tolvu": the driver's own files,
+/// and those that its callers keep beside them. No caller copies these files from a snapshot. Returns the
+/// whole volume if the location of one of them isn't known.
 std::vector<Extent> extentsOfOwnFiles(const std::string& mountPoint, std::uint64_t volumeSize);
 
 } // namespace tolvubd

@@ -6,7 +6,7 @@
 
 namespace tolvubd {
 
-/// Every failure is a std::system_error, because all that the caller of the library gets to see is errno.
+/// Every failure is a std::system_error, because callers of the library only see errno.
 [[noreturn]] inline void fail(int error, const std::string& what) {
     throw std::system_error(error, std::generic_category(), what);
 }
@@ -15,7 +15,7 @@ namespace tolvubd {
     fail(errno, what);
 }
 
-/// Passes the result of a system call on, unless it is the one that means failure.
+/// Returns the result of a system call; throws if it is negative, which means failure.
 inline int checked(int result, const std::string& what) {
     if (result < 0) {
         failWithErrno(what);

@@ -10,26 +10,29 @@
 
 namespace tolvubd {
 
-/// Where a number stands in a structure, and how wide it is, in bytes.
+/// The offset and the width of a number in an on-disk structure, in bytes.
 struct Field {
     std::size_t offset;
     std::size_t width;
 };
 
-/// Bytes of an image, with the numbers that stand in them.
+/// Bytes of an image, and access to the numbers in them.
+/// Owns:    the bytes.
+/// Threads: any, as long as no thread calls `set`.
+/// Fails:   the constructor that reads throws std::system_error; access beyond the bytes std::out_of_range.
 class Fields {
 public:
     Fields(const os::FileDescriptor& image, std::uint64_t offset, std::size_t length)
         : bytes(length), isWhole(readAt(image, bytes, offset) == length) {}
-    /// What was read elsewhere.
+    /// For bytes that were read by other means.
     Fields(std::vector<std::byte> bytes, bool isWhole) : bytes(std::move(bytes)), isWhole(isWhole) {}
 
-    /// False when the image ends before them.
+    /// False when the image ends before the last of the bytes.
     explicit operator bool() const noexcept { return isWhole; }
 
     [[nodiscard]] std::size_t size() const { return bytes.size(); }
     [[nodiscard]] std::span<const std::byte> all() const { return bytes; }
-    /// Both, one behind the other.
+    /// These bytes followed by those of `other`.
     [[nodiscard]] Fields followedBy(const Fields& other) const {
         std::vector<std::byte> joined = bytes;
         joined.insert(joined.end(), other.bytes.begin(), other.bytes.end());

@@ -7,8 +7,8 @@
 
 namespace tolvubd {
 
-/// A node of a block device, out of sight of whoever looks for snapshots. One of our own, because /dev need
-/// not have one for a device that has just come into being.
+/// A node of a block device, under a name that hides it from programs that look for snapshots. The driver
+/// makes the node itself, because /dev need not have one yet for a new device.
 /// Owns:    the node, until it is renamed.
 /// Threads: one at a time.
 /// Fails:   std::system_error.

@@ -27,26 +27,26 @@ bool waitUntilReadable(int link) {
     return ready > 0;
 }
 
-/// Waits until the other end says that it is over, by closing; each byte is a sign of life.
-bool waitForTheEnd(int link) {
-    std::array<char, 64> signs{};
+/// Waits until the other end closes the socket; each byte that arrives restarts the timeout.
+bool waitForClose(int link) {
+    std::array<char, 64> heartbeats{};
     while (waitUntilReadable(link)) {
-        if (::read(link, signs.data(), signs.size()) == 0) {
+        if (::read(link, heartbeats.data(), heartbeats.size()) == 0) {
             return true;
         }
     }
     return false;
 }
 
-bool sendSign(int link) {
-    const char sign = 0;
-    return ::send(link, &sign, sizeof sign, MSG_NOSIGNAL | MSG_DONTWAIT) >= 0 || errno == EAGAIN;
+bool sendHeartbeat(int link) {
+    const char heartbeat = 0;
+    return ::send(link, &heartbeat, sizeof heartbeat, MSG_NOSIGNAL | MSG_DONTWAIT) >= 0 || errno == EAGAIN;
 }
 
-/// Lets go as soon as it is told to, or has lost its patience. Where nothing is held yet, because that takes
-/// so long to begin, there is nothing to let go, but soon there may be: then it waits on.
-int waitAndLetGo(Hold& hold, int link) {
-    while (!waitForTheEnd(link)) {
+/// Releases the volume when the socket closes, or after the timeout. If the hold hasn't begun by then, it may
+/// still begin, so the guard goes on waiting.
+int waitAndRelease(Hold& hold, int link) {
+    while (!waitForClose(link)) {
         if (hold.end()) {
             return impatient;
         }
@@ -54,13 +54,13 @@ int waitAndLetGo(Hold& hold, int link) {
     return hold.end() ? released : notHeld;
 }
 
-/// The life of the child. Closing a file may have to wait for the file system that is to be held, so it is
-/// told when that is over.
+/// The main function of the guard process. Closing descriptors may have to wait for the file system that is
+/// to be held, so the guard reports when it has done that.
 [[noreturn]] void guard(Hold& hold, int link) {
-    companion::settle("tolvubd-guard", hold.descriptor(), link);
-    hold.enterCopy();
-    sendSign(link);
-    ::_exit(waitAndLetGo(hold, link));
+    companion::prepareChild("tolvubd-guard", hold.descriptor(), link);
+    hold.enterChild();
+    sendHeartbeat(link);
+    ::_exit(waitAndRelease(hold, link));
 }
 
 } // namespace
@@ -69,9 +69,9 @@ HoldGuard::HoldGuard(std::unique_ptr<Hold> hold) : hold(std::move(hold)) {
     startChild();
     try {
         this->hold->begin();
-        sendSign(link.get()); // however long that took, the patience begins now
+        sendHeartbeat(link.get()); // the timeout starts here, however long begin() took
     } catch (...) {
-        killChild(); // what somebody else holds is not ours to let go
+        killChild(); // killed, so that it doesn't release a volume that another process holds
         throw;
     }
 }
@@ -82,7 +82,7 @@ void HoldGuard::startChild() {
     link = os::FileDescriptor(ends[0]);
     {
         const os::FileDescriptor childEnd(ends[1]);
-        child = checked(companion::start(), "start the guard");
+        child = checked(companion::forkHidden(), "start the guard");
         if (child == 0) {
             guard(*hold, childEnd.get());
         }
@@ -101,14 +101,14 @@ HoldGuard::~HoldGuard() {
 }
 
 void HoldGuard::reportProgress() {
-    if (!sendSign(link.get())) {
+    if (!sendHeartbeat(link.get())) {
         fail(ETIMEDOUT, "hold the volume");
     }
 }
 
 void HoldGuard::release() {
     if (!endChild()) {
-        hold->end(); // had the child been killed, it would still be held
+        hold->end(); // if the guard was killed, the volume is still held
         fail(ETIMEDOUT, "hold the volume");
     }
 }

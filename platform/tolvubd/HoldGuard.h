@@ -8,24 +8,30 @@
 
 namespace tolvubd {
 
-/// Holds a volume: nothing is written to its device until it is let go.
+/// Holds a volume: nothing is written to its device until it is released.
 ///
-/// A process that dies must not leave it held, so a child lets it go: it is told to through a socket, and it
-/// also does so when the other end closes because the process is gone, or hasn't reported progress for too
-/// long, be it because what it waits for is behind the volume that is held. A hold that takes so long to
-/// begin is waited for.
+/// The volume must not stay held when this process dies, so a forked guard process releases it: when the
+/// socket between the two closes, because of `release` or because this process is gone, and when no progress
+/// was reported for too long, perhaps because this process waits for the held volume itself. If the hold
+/// takes longer than that to begin, the guard waits for it.
+///
+/// Owns:    the hold, the socket and the guard process.
+/// Threads: one at a time.
+/// Fails:   the constructor throws what Hold::begin throws, or std::system_error if the guard can't be
+///          started; other calls throw std::system_error with ETIMEDOUT.
 class HoldGuard {
 public:
-    /// Begins the hold, or throws what that throws.
+    /// Begins the hold; passes on its exceptions.
     explicit HoldGuard(std::unique_ptr<Hold> hold);
     HoldGuard(const HoldGuard&) = delete;
     HoldGuard& operator=(const HoldGuard&) = delete;
-    /// Lets go, if that is still to be done.
+    /// Releases the volume, unless `release` has.
     ~HoldGuard();
 
-    /// To be called more often than the patience below lasts. ETIMEDOUT when it wasn't.
+    /// Must be called more often than `patienceMilliseconds`; throws ETIMEDOUT if the guard has given up.
     void reportProgress();
-    /// Lets go. ETIMEDOUT when the volume went on before, so that what was read meanwhile is worth nothing.
+    /// Releases the volume. Throws ETIMEDOUT if it was released before: then the data read meanwhile is
+    /// worthless.
     void release();
 
     static constexpr int patienceMilliseconds = 10'000;

@@ -8,46 +8,49 @@
 
 namespace tolvubd {
 
-/// What a snapshot is taken of, and where its CoW file goes.
+/// The volume to take a snapshot of, and where its CoW file goes.
 struct SnapshotPlan {
     Volume volume;
     PathOnVolume cow;
     std::uint64_t cowSize = 0; ///< in bytes
 };
 
-/// A way to take snapshots and to find out what has changed from one to the next.
+/// A way to take snapshots and to find out which blocks have changed between two of them.
 ///
-/// Owns:    nothing but what it makes on the machine; the table of the devices is the caller's, who writes it
-///          before and after and calls `tidy` when anything has failed.
-/// Threads: one at a time, as callers take turns.
-/// Fails:   std::system_error; `tidy` then brings the machine back to what the table says.
+/// Owns:    only the devices and files it creates on the machine. The caller owns the table of devices; it
+///          writes the table before and after each call, and calls `reconcile` after any failure.
+/// Threads: one at a time; the caller holds the driver's lock.
+/// Fails:   std::system_error; `reconcile` then makes the machine match the table again.
 class IBackEnd {
 public:
     virtual ~IBackEnd() = default;
 
-    /// Whether a device is this back end's.
+    /// Whether this back end made the device.
     [[nodiscard]] virtual bool owns(const Device& device) const = 0;
 
-    /// EDEADLK, ENOSPC, EBUSY: whether a snapshot can be taken at all, before anything has been changed.
+    /// Checks, before anything is changed, whether a snapshot can be taken. Throws EDEADLK, ENOSPC or EBUSY
+    /// if not.
     virtual void requireRoom(const SnapshotPlan& plan, const Device& device) const = 0;
-    /// Takes the first snapshot of a volume and shows it. Fills in what the device is to be known by.
+    /// Takes the first snapshot of a volume and shows it. Fills in the fields of `device` that identify the
+    /// snapshot.
     virtual void takeFirst(const SnapshotPlan& plan, Device& device) = 0;
-    /// Takes the next one, writes what has changed since the last into that one's CoW file `closed`, and
-    /// shows it.
+    /// Takes the next snapshot and shows it. Writes the record of the changes since the last snapshot into
+    /// the CoW file `closed`, which belongs to that last snapshot.
     virtual void takeNext(const SnapshotPlan& plan, const Device& before, const std::string& closed,
                           Device& after) = 0;
-    /// Ends the snapshot of a device, as far as that is to be noted of it. Fails with what was wrong with the
-    /// snapshot, unless tracking isn't touched by it.
+    /// Updates `device` for the end of its snapshot; the caller writes it to the table. Throws the error that
+    /// broke the snapshot, unless tracking can go on despite it.
     virtual void noteEnd(Device& device) = 0;
-    /// Takes all that isn't in files of the volume away from the machine.
+    /// Removes everything of the device from the machine, except its files on the volume.
     virtual void release(const Device& device) = 0;
-    /// Takes up a device of an earlier run of the machine. ENOENT when nothing is left of it to be trusted.
+    /// Reloads a device from before the machine was restarted. Throws ENOENT when none of its state can be
+    /// trusted.
     virtual void reload(const Volume& volume, Device& device) = 0;
-    /// Looks at all devices: takes those out of the table of which nothing is left, and notes what is wrong
-    /// with the others.
+    /// Checks all devices. Removes from the table the devices whose captures are gone, and records the errors
+    /// of the others.
     virtual void examine(Table& table) = 0;
-    /// Brings the machine to what the table says. What resists is logged and tried again the next time.
-    virtual void tidy(const Table& table) = 0;
+    /// Makes the machine match the table. Logs failures; the next call tries again.
+    virtual void reconcile(const Table& table) = 0;
 };
 
 } // namespace tolvubd

@@ -9,21 +9,21 @@
 #include <string>
 #include <vector>
 
-/// What stands in the driver's JSON files, read with nothing taken on trust. All of it throws an exception
-/// that is a std::exception for what isn't as it should be.
+/// Helpers to read the driver's JSON files, which aren't trusted. They throw an exception derived from
+/// std::exception when a value isn't valid.
 namespace tolvubd::fields {
 
-/// Throws std::runtime_error unless it holds.
+/// Throws std::runtime_error unless the condition holds.
 void require(bool condition, const char* what);
 
-/// Parses a text whose lists and objects lie within each other, but no deeper than that.
+/// Parses a text; throws if its lists and objects are nested deeper than `deepest`.
 nlohmann::json parse(const std::string& text, int deepest);
 
 std::uint64_t number(const nlohmann::json& object, const char* key, std::uint64_t highest);
 std::string uuid(const nlohmann::json& object, const char* key);
 std::string absolutePath(const nlohmann::json& object, const char* key);
 
-/// Offsets and lengths by turns.
+/// A flat list: the offset and length of each extent in turn.
 nlohmann::json fromExtents(const std::vector<Extent>& extents);
 std::vector<Extent> toExtents(const nlohmann::json& numbers);
 
@@ -47,7 +47,7 @@ std::vector<Item> toList(const nlohmann::json& list, std::size_t most,
     return items;
 }
 
-/// EILSEQ where it holds a text that isn't UTF-8.
+/// Throws EILSEQ when the document has a text that isn't UTF-8.
 std::string dump(const nlohmann::json& document);
 
 } // namespace tolvubd::fields

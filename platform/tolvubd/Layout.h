@@ -3,26 +3,27 @@
 #include <cstdint>
 #include <string>
 
-/// Where things are. All of it is fixed, as it is for a kernel driver.
+/// The paths and names that the driver uses. They are fixed, as for a kernel driver.
 namespace tolvubd::layout {
 
-/// Survives a restart of the machine: captures and what is known of them. Only one file system of the machine
-/// can hold it, and that one can't be snapshotted.
+/// The captures and the state, which survive a restart of the machine. All of them are on one file system,
+/// which can't be captured.
 inline constexpr const char* store = "/var/lib/tolvubd";
 inline constexpr const char* lock = "/var/lib/tolvubd/lock";
 inline constexpr const char* state = "/var/lib/tolvubd/state.json";
 inline constexpr const char* captureSuffix = ".img";
 
-/// What has to be known before any file system is mounted; a copy is in the initramfs.
+/// The boot record: the information that is needed before any file system is mounted. The initramfs has a
+/// copy.
 inline constexpr const char* bootRecord = "/etc/tolvubd/boot.json";
-/// The kernel's names of the last starts of the machine, oldest first.
-inline constexpr const char* starts = "/var/lib/tolvubd/starts";
-/// Beside the CoW files of a volume that device-mapper tracks.
+/// The kernel's boot IDs of the last starts of the machine, oldest first.
+inline constexpr const char* bootHistory = "/var/lib/tolvubd/starts";
+/// A file beside the CoW files of a volume that device-mapper tracks.
 inline constexpr const char* eraFile = ".tolvu.era";
-/// How the UUIDs of all our device-mapper devices begin.
+/// The prefix of the UUIDs of all our device-mapper devices.
 inline constexpr const char* mapperPrefix = "TOLVU-";
 
-/// Gone after a restart of the machine.
+/// The files in this directory don't survive a restart of the machine.
 inline constexpr const char* runtime = "/run/tolvubd";
 inline constexpr const char* info = "/run/tolvubd/info";
 inline constexpr const char* version = "/run/tolvubd/version";
@@ -30,7 +31,7 @@ inline constexpr const char* session = "/run/tolvubd/session";
 
 inline constexpr const char* devices = "/dev";
 inline constexpr const char* nodePrefix = "tolvu";
-/// A node that isn't fit for use yet, or no longer.
+/// For a node that isn't ready for use yet, or is about to be removed.
 inline constexpr const char* hiddenNodePrefix = ".tolvu";
 
 inline std::string capture(const std::string& snapshot) {

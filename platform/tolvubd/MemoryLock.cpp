@@ -9,7 +9,7 @@ namespace tolvubd {
 
 namespace {
 
-// Since Linux 5.6; a kernel without it says EINVAL, and then locked memory has to be enough.
+// PR_SET_IO_FLUSHER needs Linux 5.6. Older kernels return EINVAL; then the locked memory has to be enough.
 void setFlusher(bool on) {
     ::prctl(PR_SET_IO_FLUSHER, on ? 1UL : 0UL, 0UL, 0UL, 0UL);
 }
@@ -28,7 +28,7 @@ MemoryLock::~MemoryLock() {
     ::munlockall();
 }
 
-bool MemoryLock::forLife() noexcept {
+bool MemoryLock::lockPermanently() noexcept {
     setFlusher(true);
     return ::mlockall(MCL_CURRENT) == 0;
 }

@@ -2,12 +2,12 @@
 
 namespace tolvubd {
 
-/// Keeps the process going while a volume is held that its own files, or the swap space, may lie on: all of
-/// its memory stays in RAM, and where the kernel has to find memory for it, it doesn't write anything out for
-/// that.
+/// Keeps the process running while a volume is held, even if the process's own files or the swap space are on
+/// that volume: all memory of the process stays in RAM, and the kernel doesn't write out other pages in order
+/// to allocate memory for it.
 ///
 /// Owns:    the lock on the process's memory.
-/// Threads: the one that made it also lets go of it; it is the one for which the kernel writes nothing out.
+/// Threads: the thread that constructs it must destroy it; PR_SET_IO_FLUSHER applies to that thread only.
 /// Fails:   std::system_error when the memory can't be locked.
 class MemoryLock {
 public:
@@ -16,8 +16,9 @@ public:
     MemoryLock& operator=(const MemoryLock&) = delete;
     ~MemoryLock();
 
-    /// The same to the end of a copy of the process. System calls only; false when it can't be locked.
-    static bool forLife() noexcept;
+    /// The same for the rest of a forked child's life. Only makes system calls; returns false when the memory
+    /// can't be locked.
+    static bool lockPermanently() noexcept;
 
 private:
     bool wasFlusher;

@@ -6,7 +6,7 @@
 
 namespace tolvubd {
 
-/// The number that is all of a name behind a prefix; none where it isn't so.
+/// The number after `prefix` in `name`; none when the name has another form.
 inline std::optional<unsigned> numberAfter(const std::string& prefix, const std::string& name) {
     unsigned number = 0;
     const char* end = name.data() + name.size();

@@ -21,7 +21,7 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr const char* processFolder = "/proc";
-/// Places among the words of parseStat.
+/// Indices into the words that parseStat returns.
 constexpr std::size_t parentWord = 1;
 constexpr std::size_t startedWord = 19;
 
@@ -43,8 +43,8 @@ std::uint64_t toNumber(const std::string& text) {
     return std::stoull(text, nullptr, 0);
 }
 
-/// Whether a path leads to a device, from what the kernel knows without asking a file system. One that is
-/// gone meanwhile doesn't.
+/// Whether a path refers to the device. Uses only what the kernel has cached, because a request to a file
+/// system that is held would block. False when the path is gone by now.
 bool isDevice(const std::string& path, mode_t type, dev_t device) {
     struct statx status{};
     return ::statx(AT_FDCWD, path.c_str(), AT_STATX_DONT_SYNC | AT_NO_AUTOMOUNT, STATX_TYPE, &status) == 0 &&
@@ -52,7 +52,7 @@ bool isDevice(const std::string& path, mode_t type, dev_t device) {
            makedev(status.stx_rdev_major, status.stx_rdev_minor) == device;
 }
 
-/// The letter behind the name, which may hold anything but isn't long.
+/// The state letter, which follows the process name. The name may contain any character, but is short.
 char stateIn(int folder, const char* file) noexcept {
     const os::FileDescriptor stat(::openat(folder, file, O_RDONLY | O_CLOEXEC));
     std::array<char, 128> text{};

@@ -9,7 +9,7 @@
 
 namespace tolvubd {
 
-/// What tells a process from every other one since the machine was started: its number is given out again.
+/// Identifies a process uniquely since the machine was started: a PID alone may be reused.
 struct ProcessName {
     pid_t number = 0;
     std::uint64_t started = 0; ///< in ticks since the start of the machine
@@ -17,7 +17,7 @@ struct ProcessName {
     bool operator==(const ProcessName&) const = default;
 };
 
-/// The system call that a thread is in, and its first argument; -1 where it is in none.
+/// The system call that a thread is in, and its first argument; -1 if it is in none.
 struct SystemCall {
     long number = -1;
     std::uint64_t argument = 0;
@@ -26,7 +26,8 @@ struct SystemCall {
 };
 
 /// A process, as /proc shows it.
-/// Owns:    a descriptor of its folder there, which never becomes that of another process.
+/// Owns:    a descriptor of its directory in /proc, which never refers to another process, even if the PID is
+///          reused.
 /// Threads: any.
 /// Fails:   std::system_error with ENOENT or ESRCH when the process is gone.
 class Process {
@@ -36,15 +37,16 @@ public:
     [[nodiscard]] pid_t number() const noexcept { return id; }
     [[nodiscard]] ProcessName name() const;
     [[nodiscard]] pid_t parent() const;
-    /// The letter that ps(1) shows, 0 when it is gone. Only system calls.
+    /// The state letter that ps(1) shows, 0 when the process is gone. Only makes system calls.
     [[nodiscard]] char state() const noexcept;
-    /// False when it can't be sent. Only system calls.
+    /// Returns false when the signal can't be sent. Only makes system calls.
     [[nodiscard]] bool send(int signal) const noexcept;
 
-    /// Its descriptors of a device, which is a block or a character device by `type`. Asks no file system.
+    /// The process's file descriptors that refer to a device; `type` is S_IFBLK or S_IFCHR. Makes no request
+    /// to any file system.
     [[nodiscard]] std::vector<std::uint64_t> descriptorsOf(mode_t type, dev_t device) const;
     [[nodiscard]] std::vector<pid_t> threads() const;
-    /// 0 when the thread is gone.
+    /// The thread's state letter; 0 when the thread is gone.
     [[nodiscard]] char stateOf(pid_t thread) const noexcept;
     [[nodiscard]] SystemCall callOf(pid_t thread) const;
 
@@ -58,14 +60,14 @@ private:
     os::FileDescriptor folder;
 };
 
-/// The numbers of all processes that /proc shows.
+/// The PIDs of all processes that /proc shows.
 std::vector<pid_t> processes();
-/// The number by which it shows this one, which is another where it is that of other namespaces.
+/// The PID of this process in /proc. It differs from getpid() if /proc belongs to another PID namespace.
 pid_t thisProcess();
 
-/// The words of /proc/PID/stat from the state on. The name before it may hold anything.
+/// The words of /proc/PID/stat from the state on. The process name before it may contain any character.
 std::vector<std::string> parseStat(const std::string& line);
-/// A line of /proc/PID/syscall.
+/// Parses a line of /proc/PID/syscall.
 SystemCall parseSystemCall(const std::string& line);
 
 } // namespace tolvubd

@@ -5,7 +5,7 @@
 #include "Failure.h"
 #include "Layout.h"
 #include "SnapshotNode.h"
-#include "Tidying.h"
+#include "TryTo.h"
 #include "capture/FrozenFileSystem.h"
 #include "capture/StoppedServer.h"
 #include "mapper/LayerStack.h"
@@ -18,7 +18,7 @@ namespace tolvubd {
 
 namespace {
 
-void letGo(const Unfinished& unfinished) {
+void releaseHold(const Unfinished& unfinished) {
     if (unfinished.server) {
         continueIfStopped(*unfinished.server);
     }
@@ -27,11 +27,12 @@ void letGo(const Unfinished& unfinished) {
     }
 }
 
-/// Somebody who died may have left a volume held; nobody else has it just now, as they take turns.
-void letGoOfAll(std::vector<Unfinished>& list, Frozen frozen) {
+/// A process that died may have left its volume held. No other process holds it now, because the caller has
+/// the driver's lock.
+void releaseHolds(std::vector<Unfinished>& list, Held held) {
     for (Unfinished& unfinished : list) {
-        if (frozen == Frozen::maybe) {
-            letGo(unfinished);
+        if (held == Held::maybe) {
+            releaseHold(unfinished);
         }
         unfinished.mountPoint.clear();
         unfinished.server.reset();
@@ -53,8 +54,8 @@ void removeFiles(const Unfinished& unfinished) {
     }
 }
 
-/// What resists is kept, but not for ever.
-void takeBack(std::vector<Unfinished>& list) {
+/// An entry whose files can't be removed stays in the list, but a full list loses its oldest entry.
+void removeUnfinishedFiles(std::vector<Unfinished>& list) {
     std::erase_if(list, [&](const Unfinished& unfinished) {
         return tryTo("remove " + unfinished.cowFile, [&] { removeFiles(unfinished); });
     });
@@ -75,16 +76,16 @@ std::set<std::uint32_t> minorsShown(const Table& table) {
 
 } // namespace
 
-Table tidyUp(Table table, Frozen frozen, const std::vector<IBackEnd*>& backEnds) {
-    letGoOfAll(table.unfinished, frozen);
+Table reconcileMachine(Table table, Held held, const std::vector<IBackEnd*>& backEnds) {
+    releaseHolds(table.unfinished, held);
     for (IBackEnd* backEnd : backEnds) {
         backEnd->examine(table);
     }
     tryTo("remove nodes", [&] { removeNodesExcept(minorsShown(table)); });
     for (IBackEnd* backEnd : backEnds) {
-        backEnd->tidy(table);
+        backEnd->reconcile(table);
     }
-    takeBack(table.unfinished);
+    removeUnfinishedFiles(table.unfinished);
     return table;
 }
 

@@ -7,13 +7,13 @@
 
 namespace tolvubd {
 
-/// Whether a volume may still be held by who has left the table unfinished.
-enum class Frozen { no, maybe };
+/// Whether the last session may have left a volume held.
+enum class Held { no, maybe };
 
-/// Brings the machine to what the table says: takes away what an operation has left that didn't end, whether
-/// it failed or its process died. What resists is logged and tried again by the next operation.
+/// Makes the machine match the table: removes the leftovers of failed and interrupted operations. Logs the
+/// leftovers that can't be removed; the next session tries again.
 ///
-/// Returns the table without what is done, and without devices of which nothing is left.
-Table tidyUp(Table table, Frozen frozen, const std::vector<IBackEnd*>& backEnds);
+/// Returns the table without finished entries, and without devices whose captures are gone.
+Table reconcileMachine(Table table, Held held, const std::vector<IBackEnd*>& backEnds);
 
 } // namespace tolvubd

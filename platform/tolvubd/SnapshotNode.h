@@ -6,11 +6,11 @@
 
 namespace tolvubd {
 
-/// Makes the node /dev/tolvu<minor> that of a block device.
+/// Makes /dev/tolvu<minor> a node of the block device `number`.
 void showDevice(dev_t number, std::uint32_t minor);
-/// EBUSY when a file system is mounted from the node, or somebody else has it for himself alone.
+/// Throws EBUSY when a file system is mounted from the node, or another process has it open exclusively.
 void requireUnused(std::uint32_t minor);
-/// Removes all nodes of the driver but those of the minors named.
+/// Removes all nodes of the driver except those of these minors.
 void removeNodesExcept(const std::set<std::uint32_t>& minors);
 
 } // namespace tolvubd

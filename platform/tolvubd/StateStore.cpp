@@ -16,7 +16,7 @@ namespace tolvubd {
 
 namespace {
 
-/// Some thousand devices with the longest paths there are.
+/// Enough for some thousand devices with the longest possible paths.
 constexpr std::size_t largestState = std::size_t{16} << 20;
 constexpr std::size_t sessionSize = 36;
 
@@ -47,7 +47,7 @@ std::string readSession() {
         return readFile(layout::session, sessionSize);
     } catch (const std::system_error& error) {
         if (error.code().value() != ENOENT && error.code().value() != EFBIG) {
-            throw; // a device must not be lost because a file can't be read just now
+            throw; // a passing read error must not cost all devices
         }
         return {};
     }
@@ -58,7 +58,7 @@ std::string readSession() {
 StateStore::StateStore(Busy busy) {
     makeDirectory(layout::store, 0700);
     lock = takeLock(busy);
-    makeDirectory(layout::runtime, 0755); // its being there says that there is a driver
+    makeDirectory(layout::runtime, 0755); // its existence shows that there is a driver
 }
 
 Table StateStore::load() const {
@@ -66,11 +66,11 @@ Table StateStore::load() const {
 }
 
 void StateStore::write(const Table& table) const {
-    replaceFile(layout::state, writeTable(table), ownerOnly);
+    replaceFileDurably(layout::state, writeTable(table), ownerOnly);
 }
 
-void StateStore::takeBack() const {
-    takeBackFile(layout::state);
+void StateStore::restorePrevious() const {
+    restorePreviousFile(layout::state);
 }
 
 Table observeTable() {
@@ -92,7 +92,7 @@ bool isLive(const Table& table) {
 }
 
 void markLive(const Table& table) {
-    showFile(layout::session, table.session, ownerOnly);
+    replaceFileWithoutSync(layout::session, table.session, ownerOnly);
 }
 
 } // namespace tolvubd

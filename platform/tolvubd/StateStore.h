@@ -5,35 +5,39 @@
 
 namespace tolvubd {
 
-/// What comes of a turn while somebody else has his.
+/// What to do when another session holds the driver's lock.
 enum class Busy {
     wait,
-    fail, ///< with EWOULDBLOCK
+    fail, ///< throw EWOULDBLOCK
 };
 
-/// The table on disk. Whoever has the object has the driver for himself: other threads and processes wait.
+/// The table on disk, with the driver's lock: while the object exists, other threads and processes wait.
+///
+/// Owns:    the lock.
+/// Threads: one at a time.
+/// Fails:   std::system_error.
 class StateStore {
 public:
     explicit StateStore(Busy busy = Busy::wait);
 
-    /// What was last written. A text that can't be read counts as an empty table: a device that is lost costs
-    /// a full comparison, a wrong one costs data.
+    /// The table as it was last written. A file that can't be parsed counts as an empty table, because a lost
+    /// device only costs a full comparison, and a wrong one costs data.
     [[nodiscard]] Table load() const;
-    /// When it throws, what was last written stays.
+    /// When this throws, the previous table stays.
     void write(const Table& table) const;
-    /// Brings back what the last write has replaced.
-    void takeBack() const;
+    /// Restores the table that the last write has replaced.
+    void restorePrevious() const;
 
 private:
     os::FileDescriptor lock;
 };
 
-/// The table as it is, for whoever only wants to look.
+/// The table as it is now, read without the lock.
 Table observeTable();
 
-/// Whether the devices of the table are those of this run of the machine.
+/// Whether the devices of the table belong to this run of the machine.
 bool isLive(const Table& table);
-/// Makes this run of the machine the table's.
+/// Records that the table belongs to this run of the machine.
 void markLive(const Table& table);
 
 } // namespace tolvubd

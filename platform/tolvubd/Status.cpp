@@ -27,11 +27,12 @@ bool shows(const char* path, const std::string& text) {
 
 void show(const char* path, const std::string& text) {
     if (!shows(path, text)) {
-        showFile(path, text, readableByAll);
+        replaceFileWithoutSync(path, text, readableByAll);
     }
 }
 
-/// Beyond what the driver shows: how much a snapshot can preserve, and how much it will have to.
+/// Adds to the kernel driver's fields how many bytes the snapshot can preserve, and how many it is likely to
+/// need.
 ordered_json fromDevice(const Device& device) {
     ordered_json object = {{"minor", device.minor},
                            {"cow_file", device.cowFile},

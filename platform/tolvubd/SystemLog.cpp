@@ -20,7 +20,7 @@ namespace {
 
 constexpr int daemonFacility = 3 << 3;
 
-/// The time as the log's protocol wants it, whatever the program's locale.
+/// The time in the format of the log's protocol, in any locale of the program.
 std::string timestamp() {
     static constexpr std::array<const char*, 12> months = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
                                                            "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};

@@ -24,7 +24,7 @@ using fields::uuid;
 using nlohmann::json;
 
 constexpr int format = 2;
-/// The table's own text has lists of numbers in an object of an object in a list in an object.
+/// How deep the table's text is nested: document, list of devices, device, layers, list of numbers.
 constexpr int deepest = 5;
 constexpr std::uint64_t largestFile = std::numeric_limits<std::int64_t>::max();
 constexpr std::uint64_t any = std::numeric_limits<std::uint64_t>::max();
@@ -35,13 +35,13 @@ json fromLayers(const Layers& layers) {
             {"era_file", fromExtents(layers.eraFile)},
             {"cow_store", fromExtents(layers.cowStore)},
             {"block_sectors", layers.blockSectors},
-            {"first_era", layers.firstEra},
-            {"groups", layers.groups},
-            {"needs", layers.needs},
+            {"first_era", layers.snapshotEra},
+            {"groups", layers.usedGroups},
+            {"needs", layers.preservedBytes},
             {"error", layers.error}};
 }
 
-/// A block has a power of two of 4096-byte units.
+/// The number of 4096-byte units in a block must be a power of two.
 bool isBlockSize(std::uint64_t sectors) {
     return sectors >= 8 && std::has_single_bit(sectors);
 }
@@ -55,10 +55,10 @@ Layers toLayers(const json& object) {
     layers.cowStore = toExtents(object.at("cow_store"));
     layers.blockSectors = static_cast<std::uint32_t>(number(object, "block_sectors", largestBlock));
     require(isBlockSize(layers.blockSectors), "block_sectors");
-    layers.firstEra =
+    layers.snapshotEra =
         static_cast<std::uint32_t>(number(object, "first_era", std::numeric_limits<std::uint32_t>::max()));
-    layers.groups = object.at("groups").get<std::string>();
-    layers.needs = object.at("needs").get<std::vector<std::uint64_t>>();
+    layers.usedGroups = object.at("groups").get<std::string>();
+    layers.preservedBytes = object.at("needs").get<std::vector<std::uint64_t>>();
     layers.error = static_cast<int>(number(object, "error", std::numeric_limits<int>::max()));
     return layers;
 }
@@ -71,12 +71,12 @@ json fromDevice(const Device& device) {
                    {"snapshot", device.snapshot},
                    {"size", device.size},
                    {"cache_size", device.cacheSize},
-                   {"own", fromExtents(device.own)}};
+                   {"own", fromExtents(device.ownFileExtents)}};
     if (device.layers) {
         object["layers"] = fromLayers(*device.layers);
     }
-    if (!device.reason.empty()) {
-        object["reason"] = device.reason;
+    if (!device.whyCaptured.empty()) {
+        object["reason"] = device.whyCaptured;
     }
     return object;
 }
@@ -91,11 +91,11 @@ Device toDevice(const json& object) {
     device.snapshot = uuid(object, "snapshot");
     device.size = number(object, "size", largestFile);
     device.cacheSize = number(object, "cache_size", any);
-    device.own = toExtents(object.at("own"));
+    device.ownFileExtents = toExtents(object.at("own"));
     if (object.contains("layers")) {
         device.layers = toLayers(object.at("layers"));
     }
-    device.reason = object.value("reason", "");
+    device.whyCaptured = object.value("reason", "");
     return device;
 }
 

@@ -9,10 +9,10 @@ namespace tolvubd {
 using UuidBytes = std::array<std::uint8_t, 16>;
 
 std::string makeUuid();
-/// Whether the text is a UUID in the usual form. Such a text is also safe as a file name.
+/// Whether the text is a UUID in the usual form, and so is safe as a file name.
 bool isUuid(const std::string& text);
 std::string uuidText(const UuidBytes& bytes);
-/// The text must be a UUID.
+/// Throws EINVAL for a text that isn't a UUID.
 UuidBytes uuidBytes(const std::string& text);
 
 } // namespace tolvubd

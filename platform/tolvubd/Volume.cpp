@@ -42,14 +42,14 @@ struct statvfs spaceOf(const std::string& path) {
     return space;
 }
 
-/// The kernel's name for file systems that are processes, with the name of their kind behind a dot.
+/// The kernel's type name of FUSE file systems on block devices; a subtype may follow after a dot.
 constexpr const char* servedType = "fuseblk";
 
 bool isOctal(char c) {
     return c >= '0' && c <= '7';
 }
 
-/// Blanks and the like stand as a backslash and three octal digits.
+/// mountinfo shows blanks and some other characters as a backslash and three octal digits.
 std::string unescape(const std::string& text) {
     std::string plain;
     for (std::size_t i = 0; i < text.size(); ++i) {
@@ -69,21 +69,21 @@ struct Mount {
     std::string number; ///< of the device, as two numbers
     std::string mountPoint;
     std::string fileSystem;
-    std::string options; ///< of the file system, whatever those of the mount are
+    std::string options; ///< of the file system, not of this mount
 };
 
-/// A line of /proc/self/mountinfo. Behind the mount point come options, as many as there are, and a dash.
+/// Parses a line of /proc/self/mountinfo. Any number of optional fields and a dash follow the mount point.
 std::optional<Mount> parseMount(const std::string& line) {
     std::istringstream fields(line);
     Mount mount;
-    std::string word; // the number of the mount, that of its parent; later its root
+    std::string word; // the mount's ID, then its parent's; later its root
     if (!(fields >> word >> word >> mount.number >> word >> mount.mountPoint)) {
         return std::nullopt;
     }
     mount.mountPoint = unescape(mount.mountPoint);
     while (fields >> word && word != "-") {
     }
-    fields >> mount.fileSystem >> word >> mount.options; // between them, its source
+    fields >> mount.fileSystem >> word >> mount.options; // the word between them is the source
     return mount;
 }
 
@@ -119,6 +119,8 @@ Volume findVolume(const std::string& blockDevice) {
     checked(::ioctl(device.get(), BLKGETSIZE64, &volume.size), "size of " + volume.path);
     checked(::ioctl(device.get(), BLKSSZGET, &sectorSize), "sector size of " + volume.path);
     volume.sectorSize = static_cast<std::uint32_t>(sectorSize);
+    // From here on, only /proc is asked: a system call on the mount points would wait while the volume is
+    // held.
     const std::string mounts = readToEnd("/proc/self/mountinfo");
     volume.mountPoints = mountPointsIn(mounts, volume.number);
     if (volume.mountPoints.empty()) {

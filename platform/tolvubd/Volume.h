@@ -17,14 +17,15 @@ struct Volume {
     std::uint32_t sectorSize = 0;
     std::vector<std::string> mountPoints; ///< as this process sees them, in the order of mounting
     std::string fileSystem;               ///< the kernel's name of its type
-    std::vector<ProcessName> servers;     ///< which are its file system; none where that is the kernel
+    std::vector<ProcessName> servers;     ///< FUSE server processes; empty for a file system of the kernel
 };
 
-/// ENOTBLK for what isn't a block device, ENODEV for one that isn't mounted. EBUSY for one whose file system
-/// is a process that is stopped, EDEADLK where that process may wait for this one. Touches no mount.
+/// Throws ENOTBLK for a path that isn't a block device, ENODEV for a device that isn't mounted, EBUSY when
+/// its FUSE server is stopped, and EDEADLK when the server may be waiting for this process. Doesn't access
+/// the mount points.
 Volume findVolume(const std::string& blockDevice);
 
-/// A path on a volume, split where the file system begins.
+/// A path on a volume, split after the mount point.
 struct PathOnVolume {
     std::string mountPoint;
     std::string relative; ///< with a leading slash
@@ -32,21 +33,21 @@ struct PathOnVolume {
     [[nodiscard]] std::string path() const { return (mountPoint == "/" ? "" : mountPoint) + relative; }
 };
 
-/// EXDEV for a path on another file system. The last part need not exist.
+/// Throws EXDEV for a path on another file system. The last component need not exist.
 PathOnVolume locate(const Volume& volume, const std::string& path);
 
 /// The mount points of a device, from a text in the form of /proc/self/mountinfo.
 std::vector<std::string> mountPointsIn(const std::string& mountInfo, dev_t device);
 /// The type of the file system that is mounted from a device; empty if none is.
 std::string fileSystemIn(const std::string& mountInfo, dev_t device);
-/// Whether the file system of a device is a process.
+/// Whether the file system of a device is served by a FUSE process.
 bool isServedIn(const std::string& mountInfo, dev_t device);
-/// Whether a file system of the device takes writes, by whatever mount.
+/// Whether a file system of the device is writable, even if some of its mounts are read-only.
 bool isWritableIn(const std::string& mountInfo, dev_t device);
 
-/// The bytes that an ordinary file can still get on the file system of `path`.
+/// The free bytes on the file system of `path`, without those reserved for root.
 std::uint64_t freeSpace(const std::string& path);
-/// The bytes in use on it.
+/// The bytes in use on the file system of `path`.
 std::uint64_t usedSpace(const std::string& path);
 
 } // namespace tolvubd

@@ -1,4 +1,4 @@
-// What the header declares is all that can be seen from outside.
+// Only what the header declares is visible outside the library.
 #pragma GCC visibility push(default)
 #include "tolvubd.h"
 #pragma GCC visibility pop
@@ -50,12 +50,12 @@ int32_t report(const char* operation, const Work& work) noexcept {
     });
 }
 
-/// A turn that does nothing leaves the status there. Who only wants to look doesn't wait for it, unless there
-/// is nothing to see yet.
+/// A session that does nothing else still updates the status files. The caller only wants to see the status,
+/// so this doesn't wait for another session, unless there is no status file yet.
 void showStatus() {
     const bool isShown = ::access(tolvubd::layout::info, F_OK) == 0;
     try {
-        const Driver turn(isShown ? Busy::fail : Busy::wait);
+        const Driver session(isShown ? Busy::fail : Busy::wait);
     } catch (const std::system_error& error) {
         if (error.code().value() != EWOULDBLOCK) {
             throw;

@@ -63,10 +63,10 @@ std::uint32_t minorFrom(const std::string& text) {
     return minor;
 }
 
-/// By what a device is tracked, and why.
+/// How the device is tracked, with the reason if it is captured or can't be trusted.
 std::string trackedBy(const Device& device) {
     if (!device.layers) {
-        return device.reason.empty() ? "capture" : "capture: " + device.reason;
+        return device.whyCaptured.empty() ? "capture" : "capture: " + device.whyCaptured;
     }
     if (device.layers->error != 0) {
         return std::string("device-mapper, not to be trusted: ") +
@@ -81,10 +81,11 @@ void print(const Device& device, const std::string& state) {
               << device.snapshot << "  " << std::setw(14) << device.size << trackedBy(device) << '\n';
 }
 
-/// A turn looks at the devices, and notes what is wrong with them. Whoever has his just now does so himself.
-void look() {
+/// A session checks the devices and records their errors. If another session is running, that session does
+/// so.
+void checkDevices() {
     try {
-        const Driver turn(tolvubd::Busy::fail);
+        const Driver session(tolvubd::Busy::fail);
     } catch (const std::system_error& error) {
         if (error.code().value() != EWOULDBLOCK) {
             throw;
@@ -93,7 +94,7 @@ void look() {
 }
 
 void list() {
-    look();
+    checkDevices();
     const tolvubd::Table table = tolvubd::observeTable();
     const bool live = tolvubd::isLive(table);
     std::cout << "minor  state     device              CoW file    snapshot                              "
@@ -121,7 +122,7 @@ void reinsert(const std::string& node) {
 }
 
 void startEarly(const std::string& root) {
-    if (const auto node = tolvubd::putAdopted(root)) {
+    if (const auto node = tolvubd::createAdoptedDevice(root)) {
         std::cout << *node << std::endl;
     }
     tolvubd::reinsertAll(Stage::beforeRoot);
@@ -158,7 +159,7 @@ constexpr auto commands = std::to_array<Command>({
     {"adopt", 1, [](const Arguments& arguments) { adopt(arguments[0]); }},
     {"early", 1, [](const Arguments& arguments) { startEarly(arguments[0]); }},
     {"reinsert", 1, [](const Arguments& arguments) { reinsert(arguments[0]); }},
-    {"started", 0, [](const Arguments& /*none*/) { const Driver turn; }},
+    {"started", 0, [](const Arguments& /*none*/) { const Driver session; }},
     {"close", 0, [](const Arguments& /*none*/) { close(""); }},
     {"close", 1, [](const Arguments& arguments) { close(arguments[0]); }},
 });

@@ -1,1 +1,1 @@
-"""The rules of scripts/lint, and what they look at."""
+"""The rules of scripts/lint, and the tree that they check."""

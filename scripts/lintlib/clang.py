@@ -1,7 +1,7 @@
-"""The release of clang's tools whose verdict counts, one that Debian 12 and Debian 13 both have.
+"""The release of clang's tools whose verdict counts; Debian 12 and Debian 13 both have it.
 
-Each release lays out some lines in its own way and finds other things: with whatever release is there, what
-is clean on one machine would be refused on another.
+Releases differ in the layout of some lines and in their findings. If any installed release were used, code
+that is clean on one machine would be refused on another.
 """
 
 RELEASE = 19

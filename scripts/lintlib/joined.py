@@ -1,8 +1,8 @@
-"""Several sources as one for clang-tidy, so that the headers they share are read and searched only once.
+"""Joins sources to one for clang-tidy, so that the headers they share are read and checked only once.
 
-The joined text stands in the place of the first source, by an overlay of the file system: clang-tidy finds
-the compile command, the headers and the .clang-tidy of that source, and takes all of it for the main file, of
-which some checks say more than of included ones.
+An overlay of the file system puts the joined text in the place of the first source: clang-tidy finds the
+compile command, the headers and the .clang-tidy of that source, and takes all of it for the main file, about
+which some checks report more than about included files.
 """
 
 import bisect
@@ -16,7 +16,8 @@ import tempfile
 from pathlib import Path
 
 MOST = 24
-# Constants, types and aliases. Functions of one name mostly differ in what they take.
+# Constants, types and aliases. Functions are left out: those of the same name mostly differ in their
+# parameters.
 DEFINITION = re.compile(r"^((?:const|constexpr|using|struct|class|enum|namespace(?= \w+ =))\b"
                         r"[\w:<>,*& ]*[ *&](\w+) ?[=({;].*)", re.MULTILINE)
 ALIAS = re.compile(r"using|namespace")
@@ -24,7 +25,7 @@ ALIAS = re.compile(r"using|namespace")
 
 @dataclasses.dataclass
 class Group:
-    """Sources, and what they define, by name."""
+    """Sources, and their definitions by name."""
 
     files: list = dataclasses.field(default_factory=list)
     definitions: dict = dataclasses.field(default_factory=dict)
@@ -38,9 +39,9 @@ class Group:
         self.definitions.update(definitions)
 
 
-def alike(files, commands):
-    """The sources in groups of those that stand in one folder and are compiled with the same command. As far
-    as their lines tell, no two of a group define one name: they would only have to be taken apart again."""
+def groups_of_sources(files, commands):
+    """Groups the sources that are in one folder and have the same compile command. Judging by their lines,
+    no two sources of a group define the same name: such a group would have to be split again."""
     places = {}
     for file in files:
         command = commands.get(file.path, file.path).replace(file.name, "")
@@ -55,13 +56,13 @@ def alike(files, commands):
 
 
 def definitions_in(file):
-    """By name: an alias may stand there twice if it means the same, anything else only once."""
+    """The definitions by name. An alias may occur twice if it means the same, anything else only once."""
     return {name: line if ALIAS.match(line) else file.path for line, name in DEFINITION.findall(file.text)}
 
 
 @contextlib.contextmanager
 def overlay(files):
-    """The path of an overlay in which the first source is all of them."""
+    """The path of an overlay in which the first source holds the text of all of them."""
     with tempfile.TemporaryDirectory() as folder:
         joined = Path(folder) / files[0].name
         joined.write_text(joined_text(files))
@@ -78,7 +79,7 @@ def source_at(files, line):
 
 
 def joined_text(files):
-    """An include that an earlier source has made is left out: within one source it would be one too many."""
+    """Leaves out an include that an earlier source has made: within one source, it would be a duplicate."""
     lines = []
     included = set()
     for file in files:

@@ -11,9 +11,10 @@ import tokenize
 
 from lintlib import clang
 from lintlib.tree import Finding, block_from, line_of
+from looklib import includes
 
-# The layers below src/, lowest first: a folder includes itself and what stands above it in this list. A file
-# belongs to the deepest listed folder that contains it.
+# The layers below src/, lowest first. A folder includes only itself and the folders above it in this list. A
+# file belongs to the deepest listed folder that contains it.
 LAYERS = [
     "os",
     "common",
@@ -35,26 +36,31 @@ LAYERS = [
     "app",
 ]
 
-# The one layer that the snapshot driver's stand-in includes too. All others are the agent's alone.
+# The one layer that the snapshot driver's stand-in includes too. All others belong to the agent alone.
 SHARED_WITH_PLATFORM = LAYERS[0]
 
-# Shows them to people, highest first.
+# The document that shows the layers, highest first.
 PICTURE = "docs/architecture.md"
 
-# Libraries whose own headers can't be included as they are, and the header that can be in their place.
+# A class at the left margin, which others use. Attributes may stand before its name.
+CLASS = re.compile(r"^class (?:\w+\((?:[^()]|\([^()]*\))*\) )?(?P<name>\w+)(?: final)?"
+                   r"(?: : (?P<bases>[^{;]*))? \{", re.MULTILINE)
+DOCUMENTED_BY_ITS_BASE = re.compile(r"\bI[A-Z]\w*|[Ee]rror|[Ee]xception|invalid_argument")
+
+# Libraries whose own headers can't be included directly, and the header to include instead.
 WRAPPED = {"iscsi/": "core/transport/Libiscsi.h"}
 
-# The one place that closes plain descriptors.
+# The only file that closes plain descriptors.
 DESCRIPTOR_OWNER = "src/os/FileDescriptor.cpp"
 
 LONGEST_LINE = 110
 
-# What is fed to parsers, byte for byte.
+# Inputs of parsers, kept byte for byte.
 CORPORA = "tests/fuzz/corpus"
 
 
 def check_format(tree):
-    """C++ stands as the pinned clang-format would write it."""
+    """C++ is formatted as the pinned clang-format formats it."""
     if not tree.cpp:
         return
     done = subprocess.run([clang.FORMAT, "--dry-run", "--Werror", *(file.path for file in tree.cpp)],
@@ -75,9 +81,8 @@ def layer_of(path):
 
 
 def check_layers(tree):
-    """A folder of src/ includes itself and lower layers only; nothing but the agent includes the agent, but
-    for what the platform shares with it.
-    """
+    """A folder of src/ includes only itself and lower layers; nothing else includes the agent, except for the
+    layer that the platform shares with it."""
     for file in tree.cpp:
         if file.is_below("src"):
             yield from upward_includes(tree, file)
@@ -101,7 +106,7 @@ def upward_includes(tree, file):
 
 
 def is_below_src(tree, path):
-    """Whether a header is there, or is made from a template by the build."""
+    """Whether the header exists, or the build makes it from a template."""
     return tree.exists(f"src/{path}") or tree.exists(f"src/{path}.in")
 
 
@@ -115,7 +120,7 @@ def agent_includes(tree, file):
 
 
 def check_picture(tree):
-    """The picture of the layers, the first block below `## Layers`, shows those that there are."""
+    """The picture of the layers, the first block below `## Layers`, shows the layers that exist."""
     rows = [row for file in tree.files if file.path == PICTURE for row in pictured_layers(file.lines)]
     missing = [(1, "nothing")] * max(0, len(LAYERS) - len(rows))
     layers = itertools.chain(reversed(LAYERS), itertools.repeat("nothing"))
@@ -133,8 +138,15 @@ def pictured_layers(lines):
     return [(number, name[1]) for number, line in block if (name := re.match(r" (\w\S*)", line))]
 
 
+def check_includes(tree):
+    """The picture of the includes is up to date."""
+    shown = next((file.text for file in tree.files if file.path == includes.PICTURE), "")
+    if includes.edges_comment(includes.edges_of(tree)) not in shown:
+        yield Finding(includes.PICTURE, 1, "includes", "run scripts/look --picture")
+
+
 def check_wrapped(tree):
-    """A library that has a header of ours around its own is included by that."""
+    """A library that has a wrapper header of ours is included only by that."""
     for file in tree.cpp:
         for line, _, path in file.includes:
             for folder, wrapper in WRAPPED.items():
@@ -152,24 +164,34 @@ def check_guards(tree):
 
 
 def check_labels(tree):
-    """The doc comment of an interface says what it owns, which threads may call it and how it fails."""
+    """The doc comment of an interface, and of every class that isn't nested, says what it owns, which threads
+    may call it and how it fails.
+
+    A class that implements an interface needs no such lines of its own, and an exception none at all.
+    """
     for file in tree.cpp:
-        if not file.is_header:
-            continue
-        for match in re.finditer(r"\b(?:class|struct)\s+(I[A-Z]\w*)[^;{()]*(?=\{)", file.code):
-            if not re.search(r"\)[^;{}()]*=\s*0\s*;", block_from(file.code, match.end()) or ""):
-                continue
-            line = line_of(file.text, match.start())
+        for line, name in documented_classes(file) if file.is_header else []:
             comment = comment_above(file.lines, line)
             missing = [label for label in ("Owns:", "Threads:", "Fails:") if label not in comment]
             if missing:
-                yield file.finding(line, "labels", f"the comment of {match[1]} lacks {', '.join(missing)}")
+                yield file.finding(line, "labels", f"the comment of {name} lacks {', '.join(missing)}")
+
+
+def documented_classes(file):
+    """(line, name) of each class whose comment has to have all labels."""
+    for match in re.finditer(r"\b(?:class|struct)\s+(I[A-Z]\w*)[^;{()]*(?=\{)", file.code):
+        if re.search(r"\)[^;{}()]*=\s*0\s*;", block_from(file.code, match.end()) or ""):
+            yield line_of(file.text, match.start()), match[1]
+    if file.is_below("src", "platform", "tools"):
+        for match in CLASS.finditer(file.code):
+            if not DOCUMENTED_BY_ITS_BASE.search(match["bases"] or ""):
+                yield line_of(file.text, match.start()), match["name"]
 
 
 def comment_above(lines, line):
-    """The doc comment that ends above a line; lines of a template head may stand between."""
+    """The doc comment that ends above a line; lines of a template head may be in between."""
     index = line - 2
-    while index >= 0 and re.match(r"\s*(template\b|requires\b|\[\[)", lines[index]):
+    while index >= 0 and re.match(r"\s*(template\b|requires\b|\[\[|// NOLINT)", lines[index]):
         index -= 1
     end = index
     while index >= 0 and re.match(r"\s*(///|/\*\*|\*)", lines[index]):
@@ -220,7 +242,7 @@ def commented_out_python(file):
     try:
         tokens = list(tokenize.generate_tokens(io.StringIO(file.text).readline))
     except (SyntaxError, tokenize.TokenError):
-        return # for the python rule to report
+        return # the python rule reports it
     for token in tokens:
         if token.type == tokenize.COMMENT and is_python_statement(token.string.lstrip("#").strip()):
             yield file.finding(token.start[0], "leftovers", "code that is commented out")
@@ -234,7 +256,7 @@ def is_python_statement(text):
     if len(body) != 1:
         return False
     statement = body[0]
-    if isinstance(statement, (ast.Expr, ast.Return, ast.Raise)): # single words of prose are such, too
+    if isinstance(statement, (ast.Expr, ast.Return, ast.Raise)): # single words of prose are expressions, too
         return isinstance(getattr(statement, "value", getattr(statement, "exc", None)), ast.Call)
     return isinstance(statement, (ast.Assign, ast.AugAssign, ast.ImportFrom, ast.If, ast.For, ast.While,
                                   ast.With, ast.FunctionDef, ast.ClassDef))
@@ -250,7 +272,7 @@ def skipped_python(file):
 def walk_python(file):
     try:
         return list(ast.walk(ast.parse(file.text)))
-    except (SyntaxError, ValueError): # for the python rule to report
+    except (SyntaxError, ValueError): # the python rule reports it
         return []
 
 
@@ -292,9 +314,9 @@ def is_python_assertion(node):
 
 
 def check_resources(tree):
-    """Memory and descriptors of the agent have owners: nothing is made or freed by hand.
+    """Memory and descriptors of the agent have owners: nothing is allocated or freed by hand.
 
-    Where an owner has to, the line says why: `// NOLINT(resources): reason`.
+    Where an owner has to do so, the line says why: `// NOLINT(resources): reason`.
     """
     for file in tree.cpp:
         if not file.is_below("src"):
@@ -319,10 +341,19 @@ def naked_resources(file):
 
 
 def is_call(before):
-    """Whether a name after this text is called, not declared and no member of an object."""
+    """Whether a name after this text is called, and is neither declared nor a member of an object."""
     if before.endswith(("&&", "||")) or re.search(r"\b(return|else|do)$", before):
         return True
     return not before.endswith(("*", "&", ".", "->", ">", "~")) and not re.search(r"\w$", before)
+
+
+def check_logging(tree):
+    """`Logger::log` is for printf directives; a message without any is written to a LogEntry."""
+    call = re.compile(r"\.log\(\s*(?:\w+::)*level::\w+,\s*(?:(?:\w+::)*reason\([^)]*\),\s*)?"
+                      r'(?:"(?:\\.|[^"\\%])*"\s*)+\)')
+    for file in tree.cpp:
+        for match in call.finditer(file.without_comments) if file.is_below("src", "tools") else []:
+            yield file.finding(line_of(file.text, match.start()), "logging", "no directive: use a LogEntry")
 
 
 def check_shell(tree):
@@ -363,7 +394,7 @@ def check_python(tree):
 
 
 def check_words(tree):
-    """Nothing speaks of a place on the machine of whoever wrote it."""
+    """No file mentions a path on its author's machine."""
     for file in tree.files:
         yield from matching_lines(file, file.lines, "words",
                                   [(r"(?<![\w.])/(home|work)/", "a path of one developer's machine")])
@@ -401,6 +432,7 @@ RULES = {
     "format": check_format,
     "layers": check_layers,
     "picture": check_picture,
+    "includes": check_includes,
     "wrapped": check_wrapped,
     "guards": check_guards,
     "labels": check_labels,
@@ -408,6 +440,7 @@ RULES = {
     "whitespace": check_whitespace,
     "assertions": check_assertions,
     "resources": check_resources,
+    "logging": check_logging,
     "shell": check_shell,
     "executables": check_executables,
     "python": check_python,

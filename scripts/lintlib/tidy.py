@@ -1,14 +1,14 @@
-"""clang-tidy over the C++ sources, with a memory of what was clean.
+"""Runs clang-tidy over the C++ sources, and remembers which of them were clean.
 
-The memory is one small file a source in build/.tidy-cache. It holds a digest of everything that the verdict
-depends on: each .clang-tidy file, the compile commands, the source with all the headers of the tree that it
-includes however indirectly, and the versions of the packages that bring clang-tidy and the system's headers.
-Only a clean verdict is remembered.
+For each source, a small file in build/.tidy-cache holds a digest of everything that the verdict depends on:
+each .clang-tidy file, the compile commands, the source with all headers of the tree that it includes directly
+or indirectly, and the versions of the packages that bring clang-tidy and the system's headers. Only a clean
+verdict is remembered.
 
-Most of the time goes into the headers, so sources that are compiled alike are first looked at together. All
-that counts then is that nothing is found: otherwise the sources with findings, some of which may come from
-names that two sources use, are looked at apart from the others, down to single sources, whose findings are
-those reported. The checks in ALONE always see a source by itself.
+Most of the time goes into the headers, so sources with the same compile command are first checked together.
+If nothing is found, all of them are clean. Otherwise the sources with findings, some of which may come from
+names that two sources use, are checked apart from the others, down to single sources; only the findings of
+single sources are reported. The checks in ALONE always see a source by itself.
 """
 
 import concurrent.futures
@@ -25,14 +25,16 @@ from lintlib.tree import Finding, SourceFile
 FOLDERS = ("src", "platform", "bench", "tests", "tools")
 COMMANDS = "build/debug/compile_commands.json"
 CACHE = "build/.tidy-cache"
-# What these say of a source would depend on the sources beside it: the analyzer looks into what a function
-# calls, and passes that over later; and what a source declares in vain may be used by another.
+# The verdict of these checks would depend on the other sources of a group: the analyzer follows the calls of
+# a function, and skips the called functions later; and a declaration that one source doesn't use may be used
+# by another.
 ALONE = re.compile(r"clang-analyzer-.*|misc-new-delete-overloads|misc-unused-(alias|using)-decls")
 FINDING = re.compile(r"^(.+?):(\d+):\d+: (?:fatal )?(?:error|warning): (.*)$", re.MULTILINE)
 
 
 def check_tidy(tree, paths=None):
-    """clang-tidy finds nothing in the sources (all, or those that a change of the given paths can reach)."""
+    """clang-tidy finds nothing in the sources: in all, or in those that a change of the given paths can
+    reach."""
     sources = [file for file in tree.cpp if not file.is_header and file.is_below(*FOLDERS)]
     if not sources:
         return []
@@ -40,13 +42,14 @@ def check_tidy(tree, paths=None):
     checker = Checker(tree)
     if paths is not None:
         sources = touched(sources, checker, paths)
-    groups = joined.alike([file for file in sources if not checker.remembers(file)], checker.commands)
+    new = [file for file in sources if not checker.remembers(file)]
+    groups = joined.groups_of_sources(new, checker.commands)
     with concurrent.futures.ThreadPoolExecutor(len(os.sched_getaffinity(0))) as pool:
         return sorted(set().union(*pool.map(checker.check, groups)))
 
 
 def configure(tree):
-    """Brings the compile commands up to date with the build files."""
+    """Updates the compile commands if the build files have changed."""
     commands = tree.root / COMMANDS
     inputs = [file.absolute for file in tree.files if "cmake" in file.name.lower()]
     if commands.exists() and all(path.stat().st_mtime <= commands.stat().st_mtime for path in inputs):
@@ -59,13 +62,13 @@ def configure(tree):
 
 
 def touched(sources, checker, paths):
-    """The sources that a change can reach: those that are changed, or include what is."""
+    """The sources that a change can reach: those that are changed, or include a changed file."""
     changed = set(paths)
     return [file for file in sources if not changed.isdisjoint(checker.closure(file))]
 
 
 class Checker:
-    """Runs clang-tidy, and knows what the verdicts of all sources of a tree have in common."""
+    """Runs clang-tidy, and holds what the verdicts of all sources of a tree have in common."""
 
     def __init__(self, tree):
         self.tree = tree
@@ -78,7 +81,7 @@ class Checker:
         self.common = self._common()
 
     def check(self, files):
-        """The findings in sources that are compiled alike."""
+        """The findings in sources with the same compile command."""
         if len(files) == 1:
             return self._check_alone(files[0])
         alone = [check for check in self._enabled(files[0]) if ALONE.fullmatch(check)]
@@ -88,12 +91,12 @@ class Checker:
         return self.check(refused) | self.check([file for file in files if file not in refused])
 
     def remembers(self, file):
-        """Whether the source was clean when it was last looked at, and is still the same."""
+        """Whether the source was clean at its last check, and is still the same."""
         memory = self._memory(file)
         return memory.exists() and memory.read_text() == self._digest(file)
 
     def _refused_together(self, files, without):
-        """Those of the sources in which something is found; some of them, if it can't be told which."""
+        """The sources in which something is found; if that isn't certain, the first half of them."""
         with joined.overlay(files) as overlay:
             done = self._run(files[0], f"--vfsoverlay={overlay}", "--checks=" + ",-".join(["", *without]))
         if done.returncode == 0 and not FINDING.search(done.stdout):
@@ -104,7 +107,7 @@ class Checker:
         return refused if 0 < len(refused) < len(files) else files[:len(files) // 2]
 
     def _check_alone(self, file, checks=None):
-        """The findings of these checks in one source, of all without a list. A clean one is remembered."""
+        """The findings of these checks in one source; of all checks if None. Remembers a clean source."""
         findings = set()
         if checks is None:
             findings = self._findings(file)
@@ -128,7 +131,7 @@ class Checker:
         return subprocess.run(command, cwd=self.tree.root, capture_output=True, text=True, check=False)
 
     def _enabled(self, file):
-        """The names of the checks that are on for a source, the compiler's own warnings left out."""
+        """The names of the checks that are enabled for a source, without the compiler's own warnings."""
         return re.findall(r"^ +(\S+)$", self._run(file, "--list-checks").stdout, re.MULTILINE)
 
     def _memory(self, file):
@@ -146,7 +149,7 @@ class Checker:
         return reached
 
     def _included(self, path):
-        """The files of the tree that an include line of a file may mean."""
+        """The files of the tree that the include lines of a file may mean."""
         if path not in self.files: # a generated header, which the tree doesn't list
             self.files[path] = SourceFile(self.tree.root, path)
         for _, _, name in self.files[path].includes:
@@ -168,7 +171,7 @@ class Checker:
                           output_of("dpkg-query", "-W", "*-dev", "clang-tidy*")])
 
     def _folders(self, command):
-        """The folders of the tree in which a compile command looks for headers."""
+        """The folders of the tree that a compile command searches for headers."""
         for folder in re.findall(r"(?:^|\s)-(?:I|isystem|iquote)\s*(\S+)", command):
             relative = os.path.relpath(folder, self.tree.root)
             if not relative.startswith(".."):

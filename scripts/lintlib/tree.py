@@ -1,5 +1,6 @@
-"""The files of a tree, and views of their text that the rules look at."""
+"""The files of a tree, and the views of their text that the rules check."""
 
+import argparse
 import functools
 import os
 import re
@@ -8,7 +9,7 @@ from pathlib import Path
 from typing import NamedTuple
 
 UNLISTED_FOLDERS = {".git", "build", "__pycache__", ".pytest_cache", ".cache"}
-# Bytes that no person writes, some of which look like text.
+# Inputs that no person writes; some of them look like text.
 FUZZ_INPUTS = "tests/fuzz/corpus"
 
 
@@ -20,6 +21,13 @@ class Finding(NamedTuple):
 
     def __str__(self):
         return f"{self.path}:{self.line}: {self.rule}: {self.message}"
+
+
+def existing_directory(text):
+    """The type of an argument that names the directory of a tree."""
+    if not Path(text).is_dir():
+        raise argparse.ArgumentTypeError(f"there is no directory {text}")
+    return Path(text)
 
 
 class SourceFile:
@@ -65,7 +73,7 @@ class SourceFile:
 
     @functools.cached_property
     def code(self):
-        """C++ text with comments and literals blanked out: every offset is where it was."""
+        """C++ text with comments and literals replaced by blanks: every offset stays the same."""
         return blank(self.text, comments=True, literals=True)
 
     @functools.cached_property
@@ -129,7 +137,7 @@ class Tree:
         return [file for file in self.files if file.is_python]
 
     def changed(self):
-        """Paths that differ from the last commit; in a plain directory, all."""
+        """The paths that differ from the last commit; all paths in a plain directory."""
         if not self.is_repository:
             return {file.path for file in self.files}
         return {*self._git("diff", "--name-only", "HEAD"), *self._git("ls-files", "-o", "--exclude-standard")}

@@ -1,1 +1,1 @@
-"""What runs the tests."""
+"""Runs the tests."""

@@ -1,10 +1,10 @@
-"""What JUnit reports say."""
+"""Counts the results in JUnit reports."""
 
 import xml.etree.ElementTree as ElementTree
 
 
 def count(paths):
-    """How many tests have passed and how many have failed."""
+    """How many tests have passed, and how many have failed."""
     passed = failed = 0
     for path in paths:
         try:

@@ -1,4 +1,4 @@
-"""What a run of the tests prints: a line for each step, and for a person a last line that is rewritten."""
+"""The output of a test run: a line for each step and, on a terminal, a last line that is rewritten."""
 
 import re
 import shutil
@@ -7,11 +7,11 @@ import threading
 import time
 
 ERASE_LINE = "\r\x1b[K"
-HEARTBEAT_SECONDS = 60 # where nobody looks on, between two lines that say what runs
+HEARTBEAT_SECONDS = 60 # without a terminal, between two lines that say what is running
 
 
 class Display:
-    """Keeps what the steps of all lanes print apart. Any thread may call. `what` says what is run."""
+    """Keeps the output of parallel steps apart. Any thread may call it. `what` names what is run."""
 
     def __init__(self, total, output=sys.stdout, what="all", heartbeat=HEARTBEAT_SECONDS):
         self.total = total
@@ -36,7 +36,7 @@ class Display:
         lines = [line for line in text.splitlines()
                  if not is_well or (step.shown and re.search(step.shown, line))]
         lines.append(f"{step.name}: {'' if is_well else 'FAILED after '}{step.seconds} s, "
-                     f"{step.computed} s of the processors")
+                     f"{step.cpu_seconds} s of the processors")
         if step.passed or step.failed:
             lines.append(f"    {step.passed} passed, {step.failed} failed")
         with self.lock:
@@ -46,7 +46,7 @@ class Display:
             self._say("\n".join(lines))
 
     def refresh(self):
-        """Shows what runs at the moment: to a person in the last line, and now and then to all others."""
+        """Shows what is running: on a terminal in the last line, elsewhere in a line now and then."""
         with self.lock:
             if self.is_watched:
                 self._erase()

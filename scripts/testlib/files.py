@@ -1,4 +1,4 @@
-"""Runs files of tests, each by a pytest of its own, several at once; those that take longest begin."""
+"""Runs test files, each by a pytest of its own, several at once; the longest ones start first."""
 
 import concurrent.futures
 import os
@@ -12,26 +12,26 @@ LIMIT_SECONDS = 1200
 
 
 class Files:
-    """Files of one folder, in whose durations.txt stands how long each takes. `before` is the command that
-    runs pytest, and each file's report goes to `reports`."""
+    """The files of one folder, whose durations.txt says how long each of them takes. `wrapper` is the command
+    that runs pytest; each file's report goes to `reports`."""
 
-    well = (0,) # pytest's statuses that are no failure
-    limit = LIMIT_SECONDS # for a file
+    success_statuses = (0,) # of pytest
+    limit = LIMIT_SECONDS # per file
 
-    def __init__(self, folder, reports, before=(), environment=None):
+    def __init__(self, folder, reports, wrapper=(), environment=None):
         self.folder = folder
         self.reports = ROOT / reports
-        self.before = before
+        self.wrapper = wrapper
         self.environment = environment or {}
 
     def arguments(self, path):
-        """What pytest is told for a file."""
+        """pytest's arguments for a file."""
         return [path]
 
     def run(self, path):
-        """Returns the file, its exit status, its seconds and what it printed."""
+        """Returns the file, its exit status, its seconds and its output."""
         begin = time.monotonic()
-        command = [*self.before, *PYTEST, f"--junitxml={self.reports / path.stem}.xml",
+        command = [*self.wrapper, *PYTEST, f"--junitxml={self.reports / path.stem}.xml",
                    *self.arguments(path)]
         try:
             done = subprocess.run(command, cwd=ROOT, env={**os.environ, **self.environment}, text=True,
@@ -43,23 +43,22 @@ class Files:
         return path, done.returncode, time.monotonic() - begin, done.stdout
 
     def run_all(self, paths, at_once):
-        """Prints a line for each file that ends, and what it has printed if it fails. Returns what run() has
-        for each."""
+        """Prints a line for each file that ends, and its output if it fails. Returns the results of run()."""
         self.reports.mkdir(parents=True, exist_ok=True)
         results = []
         for path, status, seconds, output in self._run_some_at_once(paths, at_once):
             results.append((path, status, seconds, output))
-            if status not in self.well:
+            if status not in self.success_statuses:
                 print(f"--- {path.relative_to(ROOT)}: status {status}\n{output}")
             print(f"{len(results)}/{len(paths)} {path.name}: {seconds:.1f} s", flush=True)
         return results
 
     def status(self, results):
         """The exit status for what run_all() has returned."""
-        return 0 if all(status in self.well for _, status, _, _ in results) else 1
+        return 0 if all(status in self.success_statuses for _, status, _, _ in results) else 1
 
     def remember(self, results):
-        """Notes how long each file took, for the order of later runs."""
+        """Stores how long each file took, for the order of later runs."""
         durations = self._remembered() | {path.name: round(seconds) for path, _, seconds, _ in results}
         longest_first = sorted(durations.items(), key=lambda item: -item[1])
         lines = [f"{seconds:5} {name}\n" for name, seconds in longest_first if any(self.folder.rglob(name))]
@@ -76,6 +75,6 @@ class Files:
         return self.folder / "durations.txt"
 
     def _remembered(self):
-        """The seconds of each file by its name; one that nobody remembers begins."""
+        """The seconds of each file by its name; a file without an entry starts first."""
         lines = self._durations().read_text().splitlines() if self._durations().exists() else []
         return {name: int(seconds) for seconds, name in map(str.split, lines)}

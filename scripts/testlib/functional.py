@@ -2,8 +2,8 @@
 
     functional.py [--remember] BUILD [FILE...]
 
-The reports go to BUILD/reports. Prints a line for each file that ends, and what it has printed if it fails.
-The files that take longest begin, as told by tests/functional/durations.txt, which --remember writes anew.
+The reports go to BUILD/reports. Prints a line for each file that ends, and its output if it fails. The files
+that take longest start first, according to tests/functional/durations.txt, which --remember rewrites.
 """
 
 import argparse
@@ -15,7 +15,7 @@ sys.path.insert(0, str(Path(__file__).resolve().parents[1]))
 
 from testlib.files import ROOT, Files  # noqa: E402
 
-# Beside each processor, as the tests mostly wait.
+# More than one per processor, as the tests mostly wait.
 MORE_AT_ONCE = 1
 
 
@@ -30,7 +30,7 @@ def parse_arguments():
 def main():
     arguments = parse_arguments()
     files = Files(ROOT / "tests" / "functional", arguments.build / "reports",
-                  before=[ROOT / "lab" / "namespace"], environment={"BEKD_BUILD": str(arguments.build)})
+                  wrapper=[ROOT / "lab" / "namespace"], environment={"BEKD_BUILD": str(arguments.build)})
     paths = [path.resolve() for path in arguments.files] or sorted(files.folder.glob("test_*.py"))
     results = files.run_all(paths, len(os.sched_getaffinity(0)) + MORE_AT_ONCE)
     if arguments.remember:

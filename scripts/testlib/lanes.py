@@ -1,7 +1,7 @@
 """Lanes of steps that run side by side.
 
-A lane is a list of chains, one after another; a chain is a list of steps, of which the first makes what the
-others need: if it fails, they are left out.
+A lane is a list of chains, which run one after another. A chain is a list of steps, the first of which makes
+what the others need: if it fails, they are left out.
 """
 
 import threading
@@ -11,7 +11,7 @@ REFRESH_SECONDS = 0.5
 
 
 class Lanes:
-    """Runs lanes, each on a thread of its own."""
+    """Runs lanes, each in a thread of its own."""
 
     def __init__(self, root, logs, display):
         self.root = root
@@ -20,7 +20,7 @@ class Lanes:
         self.stopping = threading.Event()
 
     def run(self, lanes):
-        """Runs all to their end. When interrupted, ends what runs and starts nothing more."""
+        """Runs all lanes to their end. When interrupted, ends the running steps and starts no more."""
         threads = [threading.Thread(target=self._run_lane, args=(lane,)) for lane in lanes]
         for thread in threads:
             thread.start()

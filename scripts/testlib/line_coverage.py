@@ -1,6 +1,6 @@
 """usage: line_coverage.py FILTER < JSON
 
-Prints the line coverage of each source whose path holds FILTER, from what `llvm-cov export` says."""
+Prints the line coverage of each source whose path contains FILTER, from the output of `llvm-cov export`."""
 import json
 import os
 import sys

@@ -2,9 +2,9 @@
 
     machine.py [--nightly] [--remember] REPORTS [FILE...]
 
-Without --nightly, leaves out what takes long and what takes QEMU. The reports go to REPORTS. Prints a line
-for each file that ends, and what it has printed if it fails. The files that take longest begin, as told by
-tests/machine/durations.txt, which --remember writes anew.
+Without --nightly, leaves out tests that take long or need QEMU. The reports go to REPORTS. Prints a line for
+each file that ends, and its output if it fails. The files that take longest start first, according to
+tests/machine/durations.txt, which --remember rewrites.
 """
 
 import argparse
@@ -25,7 +25,7 @@ GUESTS = FOLDER / "test_guests.py" # runs a suite of guest/ in a machine
 class MachineFiles(Files):
     """Tests that drive a machine, and suites that run in one."""
 
-    well = (0, NO_TESTS)
+    success_statuses = (0, NO_TESTS)
 
     def __init__(self, reports, is_nightly):
         super().__init__(FOLDER, reports, environment={"BEKD_REPORTS": str(ROOT / reports)})

@@ -15,8 +15,8 @@ ROOT = Path(__file__).resolve().parents[2]
 BUILD = ROOT / "build"
 PYTHON = "/usr/bin/python3"
 
-# The functional tests wait for devices and services most of the time: the builds have what they leave of the
-# processors, and clang-tidy what those leave.
+# The functional tests mostly wait for devices and services. The builds get the processor time that they
+# leave, and clang-tidy gets what is left then.
 NICE_BUILD = 10
 NICE_LINT = 19
 
@@ -27,7 +27,7 @@ def build(preset, *targets, nice=0, name=""):
 
 
 def unit_chain(preset):
-    # Without address space randomisation, which some kernels do more of than ThreadSanitizer can take.
+    # Without address space randomisation: some kernels randomise more than ThreadSanitizer can take.
     run = ["setarch", "-R", "ctest", "--test-dir", f"build/{preset}", "--output-on-failure",
            "--parallel", str(len(os.sched_getaffinity(0)))]
     return [build(preset, nice=NICE_BUILD),
@@ -76,7 +76,7 @@ def lint_tests_chain():
 
 
 def fuzz_chain(seconds):
-    """New inputs that reach further go to build/fuzz/corpus; those that fail go to build/fuzz as well."""
+    """Inputs that reach new code go to build/fuzz/corpus; those that fail go to build/fuzz as well."""
     names = sorted(path.name for path in (ROOT / "tests/fuzz/corpus").iterdir())
     return [build("fuzz", "fuzzers"), *(fuzz(name, seconds) for name in names)]
 
@@ -91,23 +91,23 @@ def fuzz(name, seconds):
 
 
 def lanes_of(parts, seconds):
-    """What runs side by side: what mostly waits, what boots machines, what mostly computes, and what has time
-    until the end."""
+    """The lanes, which run side by side: steps that mostly wait, steps that boot machines, steps that mostly
+    compute, and steps that have time until the end."""
     waiting = [functional_chain()] if "functional" in parts else []
     computing = [unit_chain("asan"), unit_chain("tsan")] if "unit" in parts else []
-    patient = []
+    low_priority = []
     if "package" in parts:
         computing.append(package_chain())
     if "lint" in parts:
         computing.append(lint_tests_chain())
-        patient.append([Step("lint", ["scripts/lint", "--all"], nice=NICE_LINT, is_test=True,
+        low_priority.append([Step("lint", ["scripts/lint", "--all"], nice=NICE_LINT, is_test=True,
                              shown="^lint: ")])
     if "ceph" in parts:
         waiting.append(ceph_chain())
     if "fuzz" in parts:
         computing.append(fuzz_chain(seconds))
     booting = [machine_chain("machine" in parts)] if {"uml", "machine"} & set(parts) else []
-    return [waiting, booting, computing, patient]
+    return [waiting, booting, computing, low_priority]
 
 
 def main():

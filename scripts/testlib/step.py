@@ -1,4 +1,4 @@
-"""One command of a run of the tests, with its output in a file."""
+"""One command of a test run, with its output in a file."""
 
 import os
 import re
@@ -20,11 +20,11 @@ class Step:
     command: list
     nice: int = 0
     reports: Path = None    # the folder of the JUnit reports that the command writes
-    is_test: bool = False   # counts as one, as it writes no reports
+    is_test: bool = False   # counts as one test, as it writes no reports
     progress: Path = None   # the file in which the command says "N/M", if not its output
     shown: str = ""         # a pattern of lines of the output that are shown also if all is well
     seconds: int = field(default=0, init=False)
-    computed: int = field(default=0, init=False) # seconds of all processors together
+    cpu_seconds: int = field(default=0, init=False)
     passed: int = field(default=0, init=False)
     failed: int = field(default=0, init=False)
 
@@ -34,23 +34,24 @@ class Step:
             shutil.rmtree(self.reports, ignore_errors=True)
         self.begin = time.monotonic()
         with open(log, "wb") as output:
-            # A group of its own, to be ended with all its children, but no session: many kernels share the
-            # processors among sessions first, and then nobody yields to another one's steps by being nice.
+            # A process group of its own, so that it can be ended with all its children, but no session of its
+            # own: many kernels share the processors among sessions first, and then `nice` has no effect
+            # between steps.
             self.process = subprocess.Popen(["nice", "-n", str(self.nice), *self.command], cwd=root,
                                             stdin=subprocess.DEVNULL, stdout=output,
                                             stderr=subprocess.STDOUT, process_group=0)
 
     def wait(self):
-        """Waits for the end of the command. Returns whether it was well."""
+        """Waits for the end of the command. Returns whether it succeeded."""
         _, status, usage = os.wait4(self.process.pid, 0)
         self.process.returncode = status = os.waitstatus_to_exitcode(status)
         self.seconds = int(time.monotonic() - self.begin)
-        self.computed = int(usage.ru_utime + usage.ru_stime)
+        self.cpu_seconds = int(usage.ru_utime + usage.ru_stime)
         self._count(status)
         return status == 0
 
     def end(self):
-        """Ends the command with all that it has started."""
+        """Ends the command and everything that it has started."""
         try:
             os.killpg(self.process.pid, signal.SIGTERM)
         except ProcessLookupError:
@@ -71,7 +72,8 @@ class Step:
             return ""
 
     def _count(self, status):
-        """A command that fails without a failed test in its reports, by a crash say, is one failure."""
+        """A command that fails without a failed test in its reports, for example by a crash, is one
+        failure."""
         if self.reports:
             self.passed, self.failed = count(self.reports.glob("*.xml"))
         elif self.is_test and status == 0:

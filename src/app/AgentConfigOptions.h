@@ -4,7 +4,7 @@
 
 namespace agent::app {
 
-/// The whole table of settable options, with the types, defaults and bounds that docs/operations.md lists.
+/// All options that can be set, with the types, defaults and bounds that docs/operations.md lists.
 ConfigOptions agentConfigOptions();
 
 } // namespace agent::app

@@ -42,7 +42,8 @@ ordak::Certificates provideCertificates(info::Logger& logger, const info::System
     return certificates;
 }
 
-/// A handler's call operator as the function that the interpreter takes; the handler outlives it.
+/// Wraps a handler's call operator in the function type that the interpreter expects. The function refers to
+/// the handler, which must outlive it.
 template <typename Handler>
 HTTPInterpreter::Handler extended(Handler& handler) {
     return [&handler](const std::string& body, const APIExtendedData& request) {

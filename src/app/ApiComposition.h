@@ -14,8 +14,8 @@
 
 namespace agent::app {
 
-/// Makes the device API: has the certificates read or made, registers every handler, and calls `continuation`
-/// with the server, which is not started yet.
+/// Builds the device API: loads or creates the certificates, registers every handler, and calls
+/// `continuation` with the server, which is not started yet.
 void composeApi(info::LoggingStack& logging, db::IDataProviderExtended& dataProvider,
                 const IDriverInfoProvider& driverInfo, const info::VolumeProvider& volumeProvider,
                 core::backup::IBackupManager& backupManager, ordak::FeatureManager& features,

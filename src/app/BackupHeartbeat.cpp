@@ -8,7 +8,7 @@ namespace agent::app {
 
 namespace {
 
-/// How long the appliance may be silent about a backup that it has once watched.
+/// How long the appliance may stop asking about a backup after it has asked once.
 constexpr std::chrono::seconds heartbeatTimeout(180);
 
 bool isDisabled(db::IDataProviderExtended& dataProvider) {

@@ -7,9 +7,8 @@
 
 namespace agent::app {
 
-/// The watchdog of a backup that is being made now; null if the administrator has switched it off in the
-/// database, by the key "disable_ordak_ping_timeout". A key that can't be read counts as not set: the
-/// watchdog is the safe side.
+/// Creates the watchdog of one backup. Returns null if the administrator has disabled it in the database,
+/// with the key "disable_ordak_ping_timeout". If the key can't be read, the watchdog stays on.
 std::unique_ptr<core::Heartbeat> makeBackupHeartbeat(db::IDataProviderExtended& dataProvider);
 
 } // namespace agent::app

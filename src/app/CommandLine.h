@@ -5,13 +5,12 @@
 
 namespace agent::app {
 
-/// What the command line asks for.
+/// The options from the command line.
 struct CommandLine {
     bool foreground = false; ///< Stay in the foreground: no daemon, no lock on the PID file.
 };
 
-/// Reads the whole command line. Nothing if it asks for the usage text or holds what isn't known, whatever
-/// else it says.
+/// Parses the whole command line. Returns nothing if any option asks for the usage text or is unknown.
 std::optional<CommandLine> parseCommandLine(int argc, char** argv);
 
 void printUsage(std::ostream& out);

@@ -24,7 +24,7 @@ namespace {
 
 using Continuation = std::function<void(ordak::TolvuBackupAgent&)>;
 
-/// The whole, from the services that make it up.
+/// Builds the agent from its services and calls `continuation` with it.
 void composeServices(info::Logger& logger, db::IDataProviderExtended& dataProvider,
                      const IDriverInfoProvider& driverInfo, const info::VolumeProvider& volumeProvider,
                      Config& config, core::IEngine& engine, ordak::HTTPServer& server,
@@ -43,7 +43,7 @@ void composeTolvuBackupAgent(info::LoggingStack& logging, const Continuation& co
     UUIDGenerator uuidGenerator;
     db::DataProvider dataProvider(logger, uuidGenerator, dir::base());
     dataProvider.validateProvider();
-    dataProvider.getAgentUUID(); // made and stored on the first start
+    dataProvider.getAgentUUID(); // generates and stores the UUID on the first start
     logging.levelFilter.load(logger, dataProvider);
     const info::DriverInfoProvider driverInfo;
     const info::VolumeProvider volumeProvider(logger);

@@ -7,11 +7,11 @@
 
 namespace agent::app {
 
-/// Makes every long-lived object of the agent and calls `continuation` with the whole. The objects live in
-/// the stack scopes below this call and are destroyed in the reverse of their construction when it returns.
+/// Creates every long-lived object of the agent and calls `continuation` with the complete agent. The objects
+/// live on the stack below this call and are destroyed in reverse order when it returns.
 ///
-/// All of this happens before the process goes into the background and takes its lock: a database, a
-/// configuration or a certificate that can't be used is reported to whoever has started the daemon.
+/// All of this happens before the process goes into the background and takes its lock, so that whoever starts
+/// the daemon gets the error message for an unusable database, configuration or certificate.
 void composeTolvuBackupAgent(info::LoggingStack& logging,
                              const std::function<void(ordak::TolvuBackupAgent&)>& continuation);
 

@@ -11,7 +11,7 @@ void raiseDescriptorLimit() {
     if (::getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < enough) {
         limit.rlim_cur = std::min(enough, limit.rlim_max);
         ::setrlimit(RLIMIT_NOFILE,
-                    &limit); // can't fail up to the hard limit; without it all goes on as before
+                    &limit); // can't fail up to the hard limit; the agent works without it, too
     }
 }
 

@@ -2,9 +2,9 @@
 
 namespace agent::app {
 
-/// Raises the number of descriptors that the process may open, as far as the administrator lets it: the usual
-/// 1024 would be used up by the connections to the API alone. Scripts inherit the number, and some programs
-/// walk through all that they may have, so it stays below what would keep those busy.
+/// Raises the soft limit of open file descriptors to 16384, or to the hard limit if that is lower: the
+/// connections to the API alone could use up the usual 1024. Scripts inherit the limit, and some programs
+/// loop over all possible descriptors, so it isn't raised further.
 void raiseDescriptorLimit();
 
 } // namespace agent::app

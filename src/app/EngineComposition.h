@@ -13,7 +13,7 @@
 
 namespace agent::app {
 
-/// Makes the engine, with the factories of its threads and backups, and calls `continuation` with it.
+/// Creates the engine, with the factories of its threads and backups, and calls `continuation` with it.
 void composeEngine(info::Logger& logger, db::IDataProviderExtended& dataProvider,
                    const info::VolumeProvider& volumeProvider, const IDriverInfoProvider& driverInfo,
                    core::script::ICommandUtility& commandUtility, core::backup::IBackupManager& backupManager,

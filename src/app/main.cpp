@@ -1,4 +1,5 @@
-// The daemon's entry: command line, signals, the composition of the agent, the background and the lock.
+// The daemon's entry point: parses the command line, installs the signal handlers, composes the agent, goes
+// into the background, locks the PID file and starts the agent.
 
 #include "app/CommandLine.h"
 #include "app/Composition.h"
@@ -27,31 +28,31 @@ constexpr const char* pidFile = "/var/run/bekd.pid";
 
 enum ExitStatus { refused = 1, failed = 2 };
 
-/// What a termination signal stops; a signal handler can be told in no other way. Null until just before the
-/// agent is started: until then there is nothing to stop.
+/// The agent that a termination signal stops. A global variable, because there is no other way to pass it to
+/// a signal handler. Null until just before the agent is started: until then there is nothing to stop.
 std::atomic<IService*> runningAgent = nullptr; // NOLINT(cppcoreguidelines-avoid-non-const-global-variables)
 
-/// Whether a shutdown has begun. It is never taken back: the process ends with it.
+/// Set when the shutdown begins, and never cleared: the process ends after the shutdown.
 std::atomic_flag stopping; // NOLINT(cppcoreguidelines-avoid-non-const-global-variables)
 
-/// The whole shutdown runs in here. An agent that can't stop, or that is still starting, throws, and the
-/// process ends abnormally: no orderly stop can be claimed then. A further signal meets either the thread
-/// that is stopping, which holds it back, or a thread that some library has made, which has to leave the stop
-/// to the first.
+/// Runs the whole shutdown. If the agent can't stop or is still starting, stop() throws, and this noexcept
+/// function ends the process abnormally, since the agent hasn't stopped properly. A second signal is either
+/// blocked, on the thread that runs the shutdown, or it arrives on a thread that some library has created:
+/// then the handler returns at once.
 extern "C" void onTerminationSignal(int /*signal*/) noexcept {
-    const TerminationSignalsBlocked oneStopIsEnough;
+    const TerminationSignalsBlocked signalsBlocked;
     if (stopping.test_and_set()) {
         return;
     }
     {
-        const BrokenPipeGuard terminalMayBeGone;
+        const BrokenPipeGuard sigpipeBlocked;
         std::puts("Stopping services...\r");
         std::fflush(stdout);
     }
     if (IService* agent = runningAgent) {
         agent->stop();
     }
-    // Nothing is unwound: the PID file stays, and the next start takes it over.
+    // exit() doesn't unwind the stack: the PID file stays, and the next start reuses it.
     std::exit(EXIT_SUCCESS); // NOLINT(concurrency-mt-unsafe): the agent's threads have ended
 }
 
@@ -86,21 +87,21 @@ bool takeLock(info::Logger& logger, std::unique_ptr<Flock>& lock) {
     }
 }
 
-/// Lets a termination signal find the agent. Its end is the way out of a start that has failed: what happens
-/// from then on is for the top of main alone to tell, so no signal interrupts it any more.
-class ReachableBySignal {
+/// Makes the agent known to the signal handler. The destructor only runs if the start has failed. It blocks
+/// the termination signals for good, so that none interrupts main while it reports the failure.
+class SignalTarget {
 public:
-    explicit ReachableBySignal(IService& agent) { runningAgent = &agent; }
-    ReachableBySignal(const ReachableBySignal&) = delete;
-    ReachableBySignal& operator=(const ReachableBySignal&) = delete;
-    ~ReachableBySignal() {
+    explicit SignalTarget(IService& agent) { runningAgent = &agent; }
+    SignalTarget(const SignalTarget&) = delete;
+    SignalTarget& operator=(const SignalTarget&) = delete;
+    ~SignalTarget() {
         blockTerminationSignals();
         runningAgent = nullptr;
     }
 };
 
 [[noreturn]] void serve(ordak::TolvuBackupAgent& agent) {
-    const ReachableBySignal reachable(agent);
+    const SignalTarget target(agent);
     agent.start();
     for (;;) {
         ::pause();
@@ -120,7 +121,7 @@ void run(const CommandLine& commandLine, std::unique_ptr<Flock>& lock) {
     });
 }
 
-/// Returns only when the agent could not be started, or not go on.
+/// Returns only if the agent can't start or can't continue.
 int runAndReport(const CommandLine& commandLine) {
     std::unique_ptr<Flock> lock; // outlives every composed object
     try {
@@ -131,14 +132,14 @@ int runAndReport(const CommandLine& commandLine) {
                            ", application will now exit\n");
         return failed;
     } catch (...) {
-        lock.reset(); // what follows unwinds nothing
+        lock.reset(); // nothing catches the exception now, so no destructor would remove the PID file
         throw;
     }
 }
 
 } // namespace
 
-/// The whole of main. Returns its exit status.
+/// The body of main; returns the exit status.
 static int runDaemon(int argc, char** argv) {
     if (::getuid() != 0) {
         writeStandardError("Cannot start agent: Must be run as root.\n");

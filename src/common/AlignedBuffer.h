@@ -9,11 +9,11 @@ namespace agent {
 
 using os::AlignedBuffer;
 
-/// What to say when a buffer could not be made, with the caller's place in the sources.
+/// The error text for a buffer that can't be allocated. It names the caller's source file and line.
 std::string alignedMemoryFailure(std::size_t size, std::size_t alignment, const std::string& error,
                                  int line = __builtin_LINE(), const char* file = __builtin_FILE());
 
-/// A buffer, or std::runtime_error with the text above.
+/// Allocates a buffer. Throws std::runtime_error with the text of alignedMemoryFailure.
 AlignedBuffer createAlignedBuffer(std::size_t size, std::size_t alignment, int line = __builtin_LINE(),
                                   const char* file = __builtin_FILE());
 

@@ -4,8 +4,11 @@
 
 namespace agent {
 
-/// Holds SIGPIPE back from this thread, and swallows the one that a write in its scope has raised. A broken
-/// pipe would otherwise end the process, or cancel a running backup, because somebody closed a terminal.
+/// Blocks SIGPIPE in the calling thread; the destructor discards a SIGPIPE that a write has raised meanwhile.
+/// Otherwise closing a terminal could end the process or cancel a running backup.
+/// Owns:    the thread's previous signal mask, which the destructor restores.
+/// Threads: the thread that creates it must also destroy it.
+/// Fails:   never.
 class BrokenPipeGuard {
 public:
     BrokenPipeGuard();

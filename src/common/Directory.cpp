@@ -56,8 +56,8 @@ bool readNames(DIR* directory, std::vector<std::string>& names) {
     }
 }
 
-/// Removes all that the directory behind `descriptor` holds. Going down by descriptor and never by path
-/// keeps the walk inside the tree. Returns false with `errno` set on failure.
+/// Removes everything in the directory that `descriptor` refers to. Opening subdirectories by descriptor,
+/// never by path, keeps the walk inside the tree. Returns false with `errno` set on failure.
 // NOLINTNEXTLINE(misc-no-recursion): each level holds a descriptor; their limit bounds the depth
 bool removeContents(os::FileDescriptor descriptor) {
     const int number = descriptor.get();

@@ -6,12 +6,12 @@
 #include <stdexcept>
 #include <string>
 
-/// The error family. All are thrown by value and caught by reference. Which of them end what:
-/// bad_request fails one API request, transport_connection_error fails one backup and is shown apart in its
-/// status, everything else fails the operation at hand with its text.
+/// The agent's exceptions. They are thrown by value and caught by reference. bad_request fails one API
+/// request; transport_connection_error fails one backup, and the backup's status shows it separately; every
+/// other exception fails the current operation with its text.
 namespace agent::exception {
 
-/// The caller's request cannot be served; the HTTP layer answers it as a client error.
+/// The caller's request cannot be served; the HTTP layer answers with a client error.
 class bad_request : public std::invalid_argument {
 public:
     using std::invalid_argument::invalid_argument;
@@ -23,13 +23,13 @@ public:
     using std::runtime_error::runtime_error;
 };
 
-/// The remote target of a backup cannot be reached, or has been lost.
+/// The remote target of a backup cannot be reached, or the connection to it is lost.
 class transport_connection_error : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;
 };
 
-/// Base of all failures of an outside library.
+/// Base class for the failures of third-party libraries.
 class library_error : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;

@@ -24,7 +24,7 @@ bool isDirectory(const std::string& path) {
     return ::stat(path.c_str(), &found) == 0 && S_ISDIR(found.st_mode);
 }
 
-/// Removes a file that was begun, unless told that it is complete.
+/// Removes the file at `path` when it goes out of scope, unless finished() was called.
 class UnfinishedFile {
 public:
     explicit UnfinishedFile(std::string path) : path(std::move(path)) {}
@@ -152,7 +152,7 @@ void sync(const std::string& path) {
 void replace(const std::string& path, std::string_view content, mode_t mode) {
     const std::string temporary = path + ".new";
     const std::string message = "Unable to write \"" + temporary + "\"";
-    // A left-over of an earlier crash is overwritten, its permissions included.
+    // Removes a file that an earlier crash has left, because its permissions may differ from `mode`.
     ::unlink(temporary.c_str());
     const os::FileDescriptor descriptor(
         ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode));

@@ -10,13 +10,13 @@
 
 namespace agent {
 
-// Close-on-exec, so that no script that outlives the agent goes on holding its lock.
+// O_CLOEXEC: a script that outlives the agent must not keep holding the lock.
 Flock::Flock(std::string path)
     : path(std::move(path)), descriptor(::open(this->path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644)) {
     if (!descriptor) {
         throw std::runtime_error("Unable to lock file");
     }
-    // Whoever can open the file can hold its lock, and with it every later start of the agent back.
+    // Anybody who can open the file can lock it, and so prevent every later start of the agent.
     static_cast<void>(::fchmod(descriptor.get(), S_IRUSR | S_IWUSR));
     if (::flock(descriptor.get(), LOCK_EX | LOCK_NB) != 0) {
         throw std::runtime_error(errno == EAGAIN ? "File already locked" : "Unknown lock failure");

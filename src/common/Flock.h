@@ -6,12 +6,12 @@
 
 namespace agent {
 
-/// The lock on a file that keeps a second instance out, and tells the process identifier of the first.
-/// Only root can read the file, since a lock needs no more than that.
+/// A locked PID file, which prevents a second instance of the agent. Only root can read the file, because
+/// read access would be enough to lock it.
 /// Owns:    the open, locked file; the destructor closes it and removes the path.
-/// Threads: one.
-/// Fails:   std::runtime_error, with `errno` as the failed call has left it: EAGAIN for a file that another
-///          process has locked. A constructor that fails has removed nothing.
+/// Threads: one thread only.
+/// Fails:   the constructor and writePid throw std::runtime_error and leave `errno` as the failed call has
+///          set it: EAGAIN if another process holds the lock. A failed constructor removes nothing.
 class Flock {
 public:
     explicit Flock(std::string path);
@@ -19,7 +19,7 @@ public:
     Flock& operator=(const Flock&) = delete;
     virtual ~Flock();
 
-    /// Replaces the file's content by this process's identifier, in decimal, with no newline.
+    /// Replaces the file's content with this process's PID, in decimal, without a newline.
     void writePid();
 
 private:

@@ -4,8 +4,8 @@ namespace agent {
 
 /// A long-running service of the agent.
 /// Owns:    its own threads; `stop` returns when they have ended.
-/// Threads: one starter and one stopper, never both at once.
-/// Fails:   by exception; a service whose `start` threw counts as not started.
+/// Threads: one thread calls `start` and one calls `stop`, never at the same time.
+/// Fails:   both throw; a service whose `start` threw counts as not started.
 class IService {
 public:
     virtual ~IService() = default;

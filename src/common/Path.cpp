@@ -12,7 +12,7 @@ Path Path::operator/(const Path& part) const {
     if (part.text.empty()) {
         return *this;
     }
-    // A text of slashes only has no such character; it then contributes nothing but the one slash.
+    // Both searches find nothing in a text that is only slashes; it then contributes just the one separator.
     const std::size_t end = text.find_last_not_of('/');
     const std::size_t begin = part.text.find_first_not_of('/');
     std::string joined = end == std::string::npos ? "" : text.substr(0, end + 1);

@@ -18,37 +18,38 @@ bool isContinuation(unsigned char byte) {
     return (byte & 0xc0U) == 0x80U;
 }
 
-/// The form of a UTF-8 character: how its first byte looks, and the first code point that needs it.
-struct Form {
+/// One of UTF-8's encodings: mask and value of its first byte's fixed bits, its length in bytes, and the
+/// lowest code point that needs this length.
+struct Utf8Encoding {
     unsigned char mask;
     unsigned char lead;
     std::size_t length;
     char32_t lowest;
 };
 
-constexpr std::array forms = {Form{0x80, 0x00, 1, 0}, Form{0xe0, 0xc0, 2, 0x80}, Form{0xf0, 0xe0, 3, 0x800},
-                              Form{0xf8, 0xf0, 4, 0x10000}};
+constexpr std::array encodings = {Utf8Encoding{0x80, 0x00, 1, 0}, Utf8Encoding{0xe0, 0xc0, 2, 0x80},
+                                  Utf8Encoding{0xf0, 0xe0, 3, 0x800}, Utf8Encoding{0xf8, 0xf0, 4, 0x10000}};
 
 bool isCharacter(char32_t code) {
     constexpr char32_t highest = 0x10ffff;
     return code <= highest && (code < 0xd800 || code > 0xdfff);
 }
 
-/// The two ranges of control characters. Terminals obey the second one, too.
+/// Whether `code` is in one of the two ranges of control characters. Terminals obey the second range, too.
 bool isControl(char32_t code) {
     return code < 0x20 || (code >= deleteCharacter && code < 0xa0);
 }
 
-/// The code point of a character; nothing for bytes that are no UTF-8.
-std::optional<char32_t> decoded(const Form& form, std::string_view bytes) {
-    char32_t code = byteAt(bytes, 0) & static_cast<unsigned char>(~form.mask);
+/// The code point of a UTF-8 character, or nothing if `bytes` is not valid UTF-8.
+std::optional<char32_t> decoded(const Utf8Encoding& encoding, std::string_view bytes) {
+    char32_t code = byteAt(bytes, 0) & static_cast<unsigned char>(~encoding.mask);
     for (std::size_t index = 1; index < bytes.size(); ++index) {
         if (!isContinuation(byteAt(bytes, index))) {
             return std::nullopt;
         }
         code = code << 6U | (byteAt(bytes, index) & 0x3fU);
     }
-    return code >= form.lowest && isCharacter(code) ? std::optional(code) : std::nullopt;
+    return code >= encoding.lowest && isCharacter(code) ? std::optional(code) : std::nullopt;
 }
 
 struct Character {
@@ -56,16 +57,17 @@ struct Character {
     bool isControl;
 };
 
-/// The character at the beginning of a text. A byte that is no UTF-8 counts as one, with the meaning that it
-/// has for a terminal of single bytes.
-Character firstOf(std::string_view text) {
+/// The first character of `text`. A byte that isn't valid UTF-8 counts as one character, and as a control
+/// character if a terminal with a single-byte encoding would take it for one.
+Character firstCharacter(std::string_view text) {
     const unsigned char first = byteAt(text, 0);
-    const auto* const form = std::find_if(forms.begin(), forms.end(), [first](const Form& candidate) {
-        return (first & candidate.mask) == candidate.lead;
-    });
-    if (form != forms.end() && form->length <= text.size()) {
-        if (const std::optional<char32_t> code = decoded(*form, text.substr(0, form->length))) {
-            return {form->length, isControl(*code)};
+    const auto* const encoding =
+        std::find_if(encodings.begin(), encodings.end(), [first](const Utf8Encoding& candidate) {
+            return (first & candidate.mask) == candidate.lead;
+        });
+    if (encoding != encodings.end() && encoding->length <= text.size()) {
+        if (const std::optional<char32_t> code = decoded(*encoding, text.substr(0, encoding->length))) {
+            return {encoding->length, isControl(*code)};
         }
     }
     return {1, isControl(first)};
@@ -91,7 +93,7 @@ std::string printable(std::string_view text) {
     std::string shown;
     shown.reserve(text.size());
     while (!text.empty()) {
-        const Character next = firstOf(text);
+        const Character next = firstCharacter(text);
         for (const char byte : text.substr(0, next.length)) {
             shown += next.isControl ? escaped(static_cast<unsigned char>(byte)) : std::string(1, byte);
         }
@@ -100,11 +102,11 @@ std::string printable(std::string_view text) {
     return shown;
 }
 
-std::string shortened(std::string_view text, std::size_t most) {
-    if (text.size() <= most) {
+std::string shortened(std::string_view text, std::size_t maxBytes) {
+    if (text.size() <= maxBytes) {
         return std::string(text);
     }
-    std::size_t end = most;
+    std::size_t end = maxBytes;
     while (end > 0 && isContinuation(byteAt(text, end))) {
         --end;
     }

@@ -4,19 +4,18 @@
 #include <string>
 #include <string_view>
 
-/// Texts that somebody else has sent, on their way into the log, to a terminal or back to the sender.
+/// Makes texts from a peer safe to show in the log, on a terminal, or in an answer to the peer.
 namespace agent {
 
-/// What is shown of a peer's text, in bytes: plenty for people, and nothing that fills a disk.
-inline constexpr std::size_t longestPeerText = 16UL * 1024;
+/// How many bytes of a peer's text are shown: plenty for people to read, but too few to fill a disk.
+inline constexpr std::size_t maxPeerTextBytes = 16UL * 1024;
 
-/// The text with every control character written out, as \n, \t, \r or \x1b: shown on a terminal it
-/// can't move the cursor, and in a log it stays one line. That goes for those of UTF-8 and those of single
-/// bytes.
+/// Returns `text` with every control character escaped, as \n, \t, \r or \x1b: on a terminal it can't move
+/// the cursor, and in a log it stays one line. This includes the control characters of single-byte encodings.
 std::string printable(std::string_view text);
 
-/// The beginning of a text that is longer than `most` bytes, followed by how long it is; any other as it is.
-/// Cuts between characters.
-std::string shortened(std::string_view text, std::size_t most = longestPeerText);
+/// If `text` is longer than `maxBytes` bytes, returns its beginning, cut between characters, followed by its
+/// length. Otherwise returns it unchanged.
+std::string shortened(std::string_view text, std::size_t maxBytes = maxPeerTextBytes);
 
 } // namespace agent

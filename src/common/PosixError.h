@@ -11,7 +11,7 @@ class PosixError : public exception::generic_library_error<int> {
 public:
     PosixError(const std::string& message, int errorNumber);
 
-    /// The system's words for an `errno` value; safe from any thread.
+    /// The system's description of an `errno` value. Any thread may call this.
     static std::string describe(int errorNumber);
 };
 

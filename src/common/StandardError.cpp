@@ -10,7 +10,7 @@ namespace agent {
 
 namespace {
 
-/// Room in a pipe is room for this many bytes at once.
+/// If poll() reports room in a pipe, at least this many bytes fit into it.
 constexpr std::size_t wholeWrite = PIPE_BUF;
 
 bool hasRoom() noexcept {
@@ -21,10 +21,10 @@ bool hasRoom() noexcept {
 } // namespace
 
 void writeStandardError(std::string_view text) noexcept {
-    const BrokenPipeGuard readerMayBeGone;
+    const BrokenPipeGuard sigpipeBlocked;
     if (hasRoom()) {
         const std::string_view whole = text.substr(0, wholeWrite);
-        // Not tried again: what standard error doesn't take has nowhere else to go.
+        // No retry: there is no other place to report text that standard error doesn't accept.
         [[maybe_unused]] const ssize_t written = ::write(STDERR_FILENO, whole.data(), whole.size());
     }
 }

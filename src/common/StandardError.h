@@ -4,9 +4,9 @@
 
 namespace agent {
 
-/// Writes a text of at most a memory page to standard error, as far as somebody takes it right now. Standard
-/// error belongs to whoever has started the agent: one who has gone, or has stopped reading, must neither end
-/// the agent nor hold it up, so no SIGPIPE comes of it, and a text that there is no room for is lost.
+/// Writes at most the first PIPE_BUF bytes of `text` to standard error, if there is room for them right now.
+/// The reader of standard error is whoever has started the agent. A reader that has exited or stopped reading
+/// must neither end the agent nor block it: this raises no SIGPIPE and drops text that doesn't fit.
 void writeStandardError(std::string_view text) noexcept;
 
 } // namespace agent

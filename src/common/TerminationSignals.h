@@ -8,13 +8,16 @@ namespace agent {
 /// The signals that ask the process to stop.
 inline constexpr std::array terminationSignals = {SIGINT, SIGQUIT, SIGTERM, SIGHUP};
 
-/// Holds the termination signals back from the calling thread for good; returns what was blocked before.
+/// Blocks the termination signals in the calling thread permanently. Returns the previous signal mask.
 sigset_t blockTerminationSignals();
 
-/// Holds the termination signals back from the calling thread, and from every thread and process that it
-/// creates, for as long as the object lives. The whole shutdown runs inside their handler and waits for the
-/// agent's threads, so it must never run on one of those: they are created in the scope of such an object,
-/// and the signals are left to the initial thread.
+/// Blocks the termination signals in the calling thread, and in every thread and process that it creates,
+/// until the object is destroyed. The signal handler runs the whole shutdown and waits for the agent's
+/// threads, so it must never run on one of those threads. They are therefore created while such an object
+/// exists, and only the initial thread receives the signals.
+/// Owns:    the thread's previous signal mask, which the destructor restores.
+/// Threads: the thread that creates it must also destroy it.
+/// Fails:   never.
 class TerminationSignalsBlocked {
 public:
     TerminationSignalsBlocked() : previous(blockTerminationSignals()) {}

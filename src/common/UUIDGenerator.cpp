@@ -25,7 +25,7 @@ std::string UUIDGenerator::generate() const {
 
 std::string UUIDGenerator::parse(const std::string& text) const {
     uuid_t uuid;
-    // A text with an embedded NUL would be read as its first part only.
+    // uuid_parse would ignore everything after an embedded NUL, hence the check of the size.
     if (text.size() != UUID_STR_LEN - 1 || uuid_parse(text.c_str(), uuid) != 0) {
         throw std::invalid_argument("\"" + text + "\" is not a UUID");
     }

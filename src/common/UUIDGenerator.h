@@ -4,10 +4,10 @@
 
 namespace agent {
 
-/// Makes and reads universally unique identifiers in their 36-character text form, lower case.
+/// Generates and parses UUIDs in their 36-character text form, in lower case.
 /// Owns:    nothing.
-/// Threads: safe from any.
-/// Fails:   `parse` throws std::invalid_argument on a text that is no UUID; the rest does not fail.
+/// Threads: any thread may call it.
+/// Fails:   `parse` throws std::invalid_argument if the text is not a UUID; the other functions don't fail.
 class UUIDGenerator {
 public:
     UUIDGenerator() = default;

@@ -12,7 +12,7 @@ namespace agent::core {
 
 namespace {
 
-constexpr std::chrono::seconds requestPatience(5);
+constexpr std::chrono::seconds requestTimeout(5);
 constexpr std::size_t tooManyCancellingThreads = 6;
 
 } // namespace
@@ -48,7 +48,7 @@ void Engine::stop() {
     currentThread().wait();
     std::vector<std::unique_ptr<backup::IBackupThread>> remaining;
     {
-        const std::lock_guard lock(slotMutex);
+        const os::Lock lock(slotMutex);
         reapCancelledThreads();
         remaining.swap(cancellingThreads);
     }
@@ -62,33 +62,33 @@ void Engine::stop() {
 std::string Engine::createBackup(std::unique_ptr<backup::BackupSession> session,
                                  std::shared_ptr<backup::IBackupAttributes> backupAttributes,
                                  std::shared_ptr<backup::ISnapshotAttributes> snapshotAttributes) {
-    const std::unique_lock request(requestMutex, requestPatience);
+    const std::unique_lock request(requestMutex, requestTimeout);
     if (!request) {
         throw exception::bad_request("Core engine can't do a backup right now, one is already being started");
     }
     if (!session) {
         throw std::invalid_argument("Cannot start a backup with null backup session object.");
     }
-    makeRoom();
+    freeBackupSlot();
     info::LogEntry(logger, info::level::info) << "Core engine was asked to create a backup";
     info::LogEntry(logger, info::level::info) << "Driver version: " << driverInfo.getDriverVersion();
     info::LogEntry(logger, info::level::info) << "Validating backup information...";
     const std::shared_ptr<backup::IBackup> backup =
         backupFactory(std::move(backupAttributes), std::move(snapshotAttributes));
     backupManager.addBackup(backup);
-    // Without the slot's lock: starting may wait for a backup that has cancelled itself and is still ending.
-    // The thread object stays alive meanwhile, since only another request could remove it.
+    // slotMutex isn't held here: `start` may wait for a backup that has cancelled itself and is still ending.
+    // The thread object stays alive meanwhile, because only another request could remove it.
     currentThread().start(backup, std::move(session));
     return backup->getId();
 }
 
 void Engine::cancelBackup(const std::string& backupId) {
-    const std::lock_guard lock(slotMutex);
+    const os::Lock lock(slotMutex);
     cancelInSlot(backupId);
 }
 
 bool Engine::isBackupRunning() {
-    const std::lock_guard lock(slotMutex);
+    const os::Lock lock(slotMutex);
     return backupThread->isRunning();
 }
 
@@ -113,13 +113,13 @@ std::unique_ptr<backup::IBackupThread> Engine::makeThread() const {
 }
 
 backup::IBackupThread& Engine::currentThread() {
-    const std::lock_guard lock(slotMutex);
+    const os::Lock lock(slotMutex);
     return *backupThread;
 }
 
 /// Frees the running slot for a new backup, or refuses the request.
-void Engine::makeRoom() {
-    const std::lock_guard lock(slotMutex);
+void Engine::freeBackupSlot() {
+    const os::Lock lock(slotMutex);
     reapCancelledThreads();
     if (cancellingThreads.size() >= tooManyCancellingThreads) {
         throw exception::bad_request("Too many backup requests while waiting for cancelling backup");
@@ -135,12 +135,13 @@ void Engine::makeRoom() {
     }
 }
 
-/// The slot's lock must be held. Destroys the threads that have ended, and keeps the order of the others.
+/// Destroys the threads that have ended. The caller holds slotMutex.
 void Engine::reapCancelledThreads() {
     std::erase_if(cancellingThreads, [](const auto& thread) { return !thread->isRunning(); });
 }
 
-/// The slot's lock must be held. A cancelled backup makes way in the running slot and ends on its own time.
+/// Cancels the backup. If it is the running one, its thread moves to the cancelled threads, where it may take
+/// its time to end, and a new thread takes the slot. The caller holds slotMutex.
 void Engine::cancelInSlot(const std::string& backupId) {
     backupManager.cancelBackup(backupId);
     if (backupThread->getBackupId() != backupId) {

@@ -7,6 +7,7 @@
 #include "core/script/IQuiesce.h"
 #include "info/IDriverInfoProvider.h"
 #include "info/log/Logger.h"
+#include "os/Mutex.h"
 
 #include <functional>
 #include <mutex>
@@ -15,10 +16,11 @@ namespace agent::core {
 
 /// See IEngine.
 ///
-/// Two locks, taken in this order and before the manager's: `requestMutex` lets one request in at a time, for
-/// as long as it takes to build its backup, and is given up on after five seconds; `slotMutex` guards the
-/// threads for the few instructions that look at or move them, so that a cancel never waits for a request.
-/// `stop` and `waitForBackup` wait for a thread with neither lock held.
+/// There are two locks, taken in this order and before the backup manager's mutex. A request holds
+/// `requestMutex` while it builds its backup; another request waits five seconds for it and is then refused.
+/// `slotMutex` guards the backup threads and is only held for the few instructions that look at or move them,
+/// so that a cancel never waits for a request. `stop` and `waitForBackup` hold neither lock while they wait
+/// for a thread.
 class Engine : public IEngine {
 public:
     using ThreadFactory = std::function<std::unique_ptr<backup::IBackupThread>()>;
@@ -44,9 +46,9 @@ public:
 private:
     [[nodiscard]] std::unique_ptr<backup::IBackupThread> makeThread() const;
     [[nodiscard]] backup::IBackupThread& currentThread();
-    void makeRoom();
-    void reapCancelledThreads();
-    void cancelInSlot(const std::string& backupId);
+    void freeBackupSlot();
+    void reapCancelledThreads() REQUIRES(slotMutex);
+    void cancelInSlot(const std::string& backupId) REQUIRES(slotMutex);
 
     info::Logger& logger;
     const IDriverInfoProvider& driverInfo;
@@ -56,11 +58,11 @@ private:
     const BackupFactory backupFactory;
 
     std::timed_mutex requestMutex; // one createBackup at a time
-    std::mutex slotMutex;
-    // The running slot, never null; guarded by slotMutex. Declared before the cancelled ones, so that those
-    // are waited for first when the engine goes.
-    std::unique_ptr<backup::IBackupThread> backupThread;
-    std::vector<std::unique_ptr<backup::IBackupThread>> cancellingThreads; // guarded by slotMutex
+    os::Mutex slotMutex;
+    // The slot of the running backup, never null. Declared before the cancelled threads, so that the
+    // destructor waits for those first.
+    std::unique_ptr<backup::IBackupThread> backupThread GUARDED_BY(slotMutex);
+    std::vector<std::unique_ptr<backup::IBackupThread>> cancellingThreads GUARDED_BY(slotMutex);
 };
 
 } // namespace agent::core

@@ -5,23 +5,23 @@ namespace agent::core {
 Heartbeat::Heartbeat(std::chrono::nanoseconds timeout) : timeout(timeout) {}
 
 void Heartbeat::ping() {
-    const std::lock_guard lock(mutex);
+    const os::Lock lock(mutex);
     lastPing = Clock::now();
 }
 
 void Heartbeat::reset() {
-    const std::lock_guard lock(mutex);
+    const os::Lock lock(mutex);
     lastPing = {};
 }
 
 void Heartbeat::setCallback(std::function<void()> newCallback) {
-    const std::lock_guard lock(mutex);
+    const os::Lock lock(mutex);
     callback.swap(newCallback);
-    newCallback = nullptr; // what the old one holds goes while no check can be inside it
+    newCallback = nullptr; // destroys the old callback under the mutex, while no `check` can be running it
 }
 
 void Heartbeat::check() {
-    const std::lock_guard lock(mutex);
+    const os::Lock lock(mutex);
     if (lastPing == Clock::time_point{} || Clock::now() - lastPing < timeout) {
         return;
     }

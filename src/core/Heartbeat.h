@@ -1,14 +1,14 @@
 #pragma once
 
 #include "core/operation/IHeartbeat.h"
+#include "os/Mutex.h"
 
 #include <chrono>
-#include <mutex>
 
 namespace agent::core {
 
-/// See IHeartbeat. There is no timer thread: silence is noticed when somebody calls `check`, which the thread
-/// of the backup does at each of its cancellation points.
+/// See IHeartbeat. There is no timer thread: the backup's thread calls `check` at each of its cancellation
+/// points, and only then are missing pings noticed.
 class Heartbeat : public IHeartbeat {
 public:
     explicit Heartbeat(std::chrono::nanoseconds timeout);
@@ -17,17 +17,17 @@ public:
     void reset() override;
     void setCallback(std::function<void()> newCallback) override;
 
-    /// Calls back, once per arming, if the last ping lies the time-out or longer ago. The callback runs under
-    /// the mutex and must not call this object. An empty callback is a std::bad_function_call.
+    /// Calls back, once per arming, if the last ping is at least the time-out ago. The callback runs under
+    /// the mutex and must not call this object. Throws std::bad_function_call if the callback is empty.
     void check();
 
 private:
     using Clock = std::chrono::steady_clock;
 
     const std::chrono::nanoseconds timeout;
-    std::mutex mutex;
-    Clock::time_point lastPing;     // guarded by mutex; zero: not armed
-    std::function<void()> callback; // guarded by mutex
+    os::Mutex mutex;
+    Clock::time_point lastPing GUARDED_BY(mutex); // zero: not armed
+    std::function<void()> callback GUARDED_BY(mutex);
 };
 
 } // namespace agent::core

@@ -15,13 +15,15 @@ class ISnapshotAttributes;
 } // namespace backup
 
 /// Accepts backup requests and runs one backup at a time.
-/// Owns:    the threads of the running backup and of cancelled ones that are winding down.
-/// Threads: safe from any, but for `start`, `stop` and `waitForBackup`, which no request may overlap.
+/// Owns:    the threads of the running backup and of cancelled backups that have not ended yet.
+/// Threads: safe from any, except that no request may overlap `start`, `stop` or `waitForBackup`.
 /// Fails:   exception::bad_request for a request that can't be served now and for a cancel of an unknown ID;
-///          a failure of a backup itself shows in its status only.
+///          `createBackup` also throws std::runtime_error if the driver isn't loaded. A failure of a backup
+///          itself shows in its status only.
 class IEngine : public IService {
 public:
-    /// Starts a backup and returns its ID at once. A running backup is cancelled first, and not waited for.
+    /// Starts a backup and returns its ID at once. Cancels a running backup first, but doesn't wait for its
+    /// end.
     virtual std::string createBackup(std::unique_ptr<backup::BackupSession> session,
                                      std::shared_ptr<backup::IBackupAttributes> backupAttributes,
                                      std::shared_ptr<backup::ISnapshotAttributes> snapshotAttributes) = 0;

@@ -23,19 +23,19 @@ namespace agent::db {
 namespace {
 
 constexpr double bytesPerMiB = 1048576;
-/// More than any volume, and still within what a double can be converted from.
-constexpr double mostMiB = 1ULL << 44;
+/// Larger than any volume, and small enough for a defined conversion from double to an integer.
+constexpr double maxMiB = 1ULL << 44;
 constexpr unsigned long standardPercent = 10;
 
-/// What the earlier version would have used for the changes of a volume. A setting beyond all reason gives a
-/// size beyond all reason, which the reader of the setting brings down to what the volume can hold.
-std::uint64_t cowMiB(std::uint64_t volumeBytes, unsigned long percent, unsigned long long mostMegs) {
+/// The CoW file size that the earlier version would have used for a volume. An absurdly large setting gives
+/// an absurdly large size; CowFileSize later limits it to what the volume can hold.
+std::uint64_t cowMiB(std::uint64_t volumeBytes, unsigned long percent, unsigned long long maxMegs) {
     const double bytes = static_cast<double>(volumeBytes) * static_cast<double>(percent) / 100.0;
-    const auto mib = static_cast<std::uint64_t>(std::min(bytes / bytesPerMiB, mostMiB));
-    return mostMegs == 0 ? mib : std::min<std::uint64_t>(mib, mostMegs);
+    const auto mib = static_cast<std::uint64_t>(std::min(bytes / bytesPerMiB, maxMiB));
+    return maxMegs == 0 ? mib : std::min<std::uint64_t>(mib, maxMegs);
 }
 
-/// Volumes without a UUID have no name that anything could be stored under.
+/// Leaves out volumes without a UUID: every record is stored by UUID.
 std::vector<std::shared_ptr<info::BackupableVolume>> namedVolumes(const info::VolumeProvider& provider) {
     return provider.getBackupableVolumes(
         [](const std::shared_ptr<info::BackupableVolume>& volume) { return !volume->getUuid().empty(); });
@@ -67,12 +67,13 @@ bool DataMigrator::migrate(Config& config) {
         return true;
     }
     if (!migrateData(path, config)) {
-        logger.log(info::level::error, "Failed to migrate the legacy database data!");
+        info::LogEntry(logger, info::level::error) << "Failed to migrate the legacy database data!";
         return false;
     }
     if (!renameMigrated(path)) {
-        logger.log(info::level::error, "Failed to rename the legacy database file! Delete this file to "
-                                       "prevent unnecessary data migration!");
+        info::LogEntry(logger, info::level::error)
+            << "Failed to rename the legacy database file! Delete this file to "
+               "prevent unnecessary data migration!";
         return false;
     }
     return true;
@@ -99,7 +100,7 @@ bool DataMigrator::migrateData(const std::string& path, Config& config) {
 void DataMigrator::migrateDevice(LegacyDatabase& legacy) {
     const std::int32_t id = legacy.selectDeviceId();
     if (id == 0) {
-        logger.log(info::level::info, "There was no device ID to migrate in the legacy DB.");
+        info::LogEntry(logger, info::level::info) << "There was no device ID to migrate in the legacy DB.";
         return;
     }
     std::int32_t present = 0;
@@ -142,21 +143,24 @@ void DataMigrator::migrateVolume(LegacyDatabase& legacy, const info::BackupableV
     if (checksum != 0) {
         dataProvider.setVolumeChecksum(volume.getUuid(), checksum, legacyChecksumType());
     }
-    // A volume that is tracked already is owed nothing; without this file it would count as damaged.
+    // If the driver tracks the volume already, no blocks are missing from earlier backups, so the history
+    // starts empty. Without a history the volume would count as damaged.
     const std::unique_ptr<info::IDriverController> driver = makeDriver();
     if (!driver->hasIncrementalHistory(volume)) {
         driver->makeHistory(volume, true);
     }
 }
 
+/// The earlier version had one percentage and one maximum for all volumes. The configuration has one size for
+/// each volume, so this computes the sizes, except for volumes that have one already.
 void DataMigrator::migrateCowSizes(LegacyDatabase& legacy, Config& config) {
     const std::string percentText = legacy.selectConfigValue("cow_percent");
-    const std::string mostMegsText = legacy.selectConfigValue("max_cow_megs");
+    const std::string maxMegsText = legacy.selectConfigValue("max_cow_megs");
     unsigned long percent = 0;
-    unsigned long long mostMegs = 0;
+    unsigned long long maxMegs = 0;
     try {
         percent = std::stoul(percentText);
-        mostMegs = std::stoull(mostMegsText);
+        maxMegs = std::stoull(maxMegsText);
     } catch (const std::exception& failure) {
         logger.log(info::level::debug,
                    "Failed to get cow file size related entries from legacy DB. Error: %s", failure.what());
@@ -170,7 +174,7 @@ void DataMigrator::migrateCowSizes(LegacyDatabase& legacy, Config& config) {
     for (const auto& volume : namedVolumes(volumeProvider)) {
         const std::string key = "volumes." + volume->getUuid() + ".cowFileSizeMiB";
         if (!present.contains(key)) {
-            sizes[key] = cowMiB(volume->getSize(), percent, mostMegs);
+            sizes[key] = cowMiB(volume->getSize(), percent, maxMegs);
         }
     }
     config.set(sizes);

@@ -19,19 +19,20 @@ namespace agent::db {
 class IDataProvider;
 class LegacyDatabase;
 
-/// Reads the database of an earlier version of the agent, stores what still matters of it, and renames the
-/// file, so that this happens once.
+/// Reads the database of an earlier version of the agent, stores what is still needed, and renames the
+/// database file, so that the migration happens only once.
 ///
-/// A database that can be opened but not read (damaged, locked, without the tables) counts as one that holds
-/// nothing. It is renamed, too, and not changed: its content stays for whoever wants to try again.
+/// A database that can be opened but not read (damaged, locked, without the tables) counts as empty. It is
+/// renamed, too, but not changed, so that an administrator can retry the migration.
 /// Owns:    nothing; logger, data provider and volume provider must outlive it.
-/// Threads: the one that starts the agent.
-/// Fails:   with false, logged, if a store or the list of volumes can't be had, or the file can't be renamed.
-///          What has been moved by then stays, and the next start moves the rest.
+/// Threads: only the thread that starts the agent calls it.
+/// Fails:   `migrate` logs the reason and returns false if a store or the list of volumes is unavailable, or
+///          if the file can't be renamed. Values stored before that stay; the next start does the rest.
 ///
-/// It may thus run again when the agent has long been at work. What exists already is newer, and stays: the
-/// pairing, a volume that the database has a row of, a volume's history, the size of a CoW file. Above all, a
-/// history that owes blocks must not be made anew as one that owes none.
+/// A migration that failed therefore runs again, perhaps after the agent has made backups. Values that exist
+/// are newer and stay: the pairing, a volume's row in the database, a volume's history, the size of a CoW
+/// file. Only the agent's UUID always comes from the old database. Above all, the migration must not replace
+/// a history that lists missing blocks with an empty one.
 class DataMigrator : public IDataMigrator {
 public:
     using DriverFactory = std::function<std::unique_ptr<info::IDriverController>()>;
@@ -49,7 +50,7 @@ public:
     bool migrate(Config& config) override;
 
 protected:
-    /// The earlier versions for Windows named volumes in another column, and kept the system's version.
+    /// Earlier versions for Windows stored the volume's name in another column, and also the Windows version.
     [[nodiscard]] virtual bool isLinux() const { return true; }
 
 private:

@@ -44,17 +44,17 @@ const JournalContext& select(ChangeContext context) {
     throw std::runtime_error("Unrecognized change context.");
 }
 
-// SQLite has signed numbers only; the upper half of the range is stored as negative ones and comes back
-// whole.
+// SQLite only has signed integers. Values of the upper half of the range are stored as negative numbers, and
+// columnToUnsigned restores them.
 qparam unsignedParam(std::uint64_t value) {
     return qparam(static_cast<std::int64_t>(value));
 }
 
-std::uint64_t asUnsigned(const qparam& column) {
+std::uint64_t columnToUnsigned(const qparam& column) {
     return static_cast<std::uint64_t>(column.asNumber());
 }
 
-// Every character must count: a checksum of which only a part can be read must never pass for a real one.
+// Requires that the whole text is a number: a checksum that is only partly readable must not be accepted.
 std::uint32_t parseChecksum(const std::string& text, const std::string& uuid) {
     std::uint32_t checksum = 0;
     const char* end = text.data() + text.size();
@@ -103,7 +103,7 @@ std::string DataProvider::getConfigValue(const std::string& key) {
 }
 
 void DataProvider::setConfigValue(const std::string& key, const std::string& value) {
-    const std::lock_guard lock(mutex);
+    const os::Lock lock(mutex);
     try {
         QueryRunner runner = open();
         runner.RunUpdate("delete from config where key = ?;", {qparam(key)});
@@ -114,7 +114,7 @@ void DataProvider::setConfigValue(const std::string& key, const std::string& val
 }
 
 void DataProvider::setVolumeChecksum(const std::string& uuid, std::uint32_t checksum, ChecksumType type) {
-    const std::lock_guard lock(mutex);
+    const os::Lock lock(mutex);
     QueryRunner runner = open();
     const std::string value = std::to_string(checksum);
     runner.RunUpdate("INSERT OR IGNORE INTO volumes ( volume_uuid ) VALUES ( ? );", {qparam(uuid)});
@@ -126,10 +126,10 @@ void DataProvider::setVolumeChecksum(const std::string& uuid, std::uint32_t chec
 
 void DataProvider::validateProvider() {
     info::LogEntry(logger, info::level::debug) << "Starting validateProvider.";
-    const std::lock_guard lock(mutex);
+    const os::Lock lock(mutex);
     QueryRunner runner = open();
     runner.RunUpdate("BEGIN TRANSACTION;", {});
-    // Commits also when a step below throws: what has been done until then stays done.
+    // Commits even if one of the calls below throws, which keeps the steps that have succeeded.
     const TransactionGuard guard(logger, runner, true);
     createTables(runner);
     upgradeSchema(logger, runner);
@@ -149,7 +149,7 @@ bool DataProvider::getDevice(std::int32_t& id, std::string& ip, std::string& age
 }
 
 void DataProvider::setDevice(std::int32_t id, const std::string& ip, const std::string& agentUUID) {
-    const std::lock_guard lock(mutex);
+    const os::Lock lock(mutex);
     try {
         QueryRunner runner = open();
         runner.RunUpdate("delete from device;", {});
@@ -207,15 +207,15 @@ bool DataProvider::getVolumeJournalChangeId(const std::string& uuid, ChangeConte
     if (row.size() < 2) {
         throw std::runtime_error(std::string(chosen.getPrefix) + "Encountered unexpected response.");
     }
-    journalId = asUnsigned(row[0]);
-    changeId = asUnsigned(row[1]);
+    journalId = columnToUnsigned(row[0]);
+    changeId = columnToUnsigned(row[1]);
     return true;
 }
 
 void DataProvider::setVolumeJournalChangeId(const std::string& uuid, ChangeContext context,
                                             std::uint64_t journalId, std::uint64_t changeId) {
     const JournalContext& chosen = select(context);
-    const std::lock_guard lock(mutex);
+    const os::Lock lock(mutex);
     QueryRunner runner = open();
     runner.RunUpdate(insertJournalRow, {qparam(uuid)});
     runner.RunUpdate(std::string("UPDATE change_journal SET ") + chosen.journalColumn + " = ?, " +
@@ -227,7 +227,7 @@ void DataProvider::setVolumeJournalChangeId(const std::string& uuid, ChangeConte
 }
 
 void DataProvider::setVolumeIncrementalSizeBlocks(const std::string& uuid, std::uint64_t blocks) {
-    const std::lock_guard lock(mutex);
+    const os::Lock lock(mutex);
     QueryRunner runner = open();
     runner.RunUpdate(insertJournalRow, {qparam(uuid)});
     runner.RunUpdate("UPDATE change_journal SET incremental_size_blocks= ? WHERE volume_uuid = ?;",
@@ -248,7 +248,7 @@ bool DataProvider::getVolumeIncrementalSizeBlocks(const std::string& uuid, std::
     if (rows.front().empty()) {
         throw std::runtime_error("getVolumeIncrementalSizeBlocks() Encountered unexpected response.");
     }
-    blocks = asUnsigned(rows.front().front());
+    blocks = columnToUnsigned(rows.front().front());
     return true;
 }
 
@@ -272,12 +272,12 @@ std::string DataProvider::getAgentUUID() {
 }
 
 QueryRunner DataProvider::open() {
-    keepPrivate(databasePath);
+    restrictToOwner(databasePath);
     return {logger, databasePath};
 }
 
 DataProvider::Rows DataProvider::query(const std::string& sql, const std::vector<qparam>& params) {
-    const std::lock_guard lock(mutex);
+    const os::Lock lock(mutex);
     QueryRunner runner = open();
     Rows rows;
     runner.RunQuery(sql, params, rows);
@@ -302,10 +302,10 @@ std::string DataProvider::storedAgentUUID() {
     }
 }
 
-/// A value that could not be read a moment ago, because somebody had the database locked, is stored all the
-/// same, and must not be replaced. Returns the value that is stored now.
+/// Stores `value` unless the key has a value. There may be one although the last attempt to read it failed,
+/// for example because another process had locked the database. Returns the value that is stored now.
 std::string DataProvider::storeIfMissing(const std::string& key, const std::string& value) {
-    const std::lock_guard lock(mutex);
+    const os::Lock lock(mutex);
     Rows rows;
     try {
         QueryRunner runner = open();
@@ -320,7 +320,7 @@ std::string DataProvider::storeIfMissing(const std::string& key, const std::stri
     return rows.empty() ? value : rows.front().front().text;
 }
 
-/// Logs and throws what a value that can't be stored means for the caller.
+/// Logs that the value can't be stored, and throws std::runtime_error.
 void DataProvider::failToSet(const std::string& key, const std::string& value,
                              const std::exception& problem) {
     const std::string failure = "Unable to set value " + value + " for key " + key;

@@ -5,24 +5,25 @@
 #include "db/IDataProviderExtended.h"
 #include "db/qparam.h"
 #include "info/log/Logger.h"
+#include "os/Mutex.h"
 
 #include <exception>
-#include <mutex>
 
 namespace agent::db {
 
 class QueryRunner;
 
-/// The store in one SQLite file, "agent.sqlite". Every operation opens a connection of its own and closes it
-/// again: nothing is cached, and no statement or file lock outlives a call.
-/// Owns:    the mutex that keeps it at one connection; logger and generator must outlive it.
-/// Threads: safe from any. Log lines are written while the mutex is held, so no printer may call in here.
-/// Fails:   as the interfaces say; the constructor throws if the directory can't be made. A file that another
-///          process has locked, that can't be written or is no database fails the operation at once.
+/// The persistent store in one SQLite file, "agent.sqlite". Every operation opens a connection of its own and
+/// closes it again: nothing is cached, and no statement or file lock outlives a call.
+/// Owns:    the mutex that allows one connection at a time; logger and generator must outlive it.
+/// Threads: any thread may call it. It logs while it holds the mutex, so log printers must not call it.
+/// Fails:   every operation throws exceptions derived from std::runtime_error; the constructor throws if it
+///          can't create the directory. An operation fails at once, without a retry, if another process has
+///          locked the file, if the file can't be written or isn't a database.
 class DataProvider : public IDataProviderExtended {
 public:
-    /// Creates `directory` with its parents; the file itself comes with validateProvider. Only root can open
-    /// it, also one that an earlier version has left open to others.
+    /// Creates `directory` with its parents; the first operation, validateProvider, creates the file. Only
+    /// root can open the file: each operation also corrects permissions that are too wide.
     DataProvider(info::Logger& logger, UUIDGenerator& uuidGenerator, const std::string& directory);
     DataProvider(const DataProvider&) = delete;
     DataProvider& operator=(const DataProvider&) = delete;
@@ -50,9 +51,9 @@ public:
 private:
     using Rows = std::vector<std::vector<qparam>>;
 
-    /// A connection to a file that nobody but root can open, and so lock. The mutex must be held.
-    QueryRunner open();
-    /// One statement through a connection of its own, under the mutex.
+    /// Makes sure that only root can open, and so lock, the file, and opens a connection.
+    QueryRunner open() REQUIRES(mutex);
+    /// Runs one statement on a new connection, under the mutex.
     Rows query(const std::string& sql, const std::vector<qparam>& params);
     Rows queryChecksum(const std::string& uuid);
     std::string storedAgentUUID();
@@ -62,7 +63,7 @@ private:
     std::string newAgentUUID();
 
     info::Logger& logger;
-    std::mutex mutex; // serialises the use of the file at databasePath
+    os::Mutex mutex; // serialises the use of the file at databasePath
     Path databasePath;
     UUIDGenerator& uuidGenerator;
 };

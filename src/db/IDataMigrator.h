@@ -6,10 +6,10 @@ class Config;
 
 namespace agent::db {
 
-/// Takes the state of an earlier version of the agent over into the present stores.
+/// Moves the state of an earlier version of the agent into the current database and configuration.
 /// Owns:    nothing.
-/// Threads: the one that starts the agent.
-/// Fails:   with false, logged; the agent starts all the same.
+/// Threads: only the thread that starts the agent calls it.
+/// Fails:   `migrate` logs the reason and returns false; the agent starts nevertheless.
 class IDataMigrator {
 public:
     virtual ~IDataMigrator() = default;

@@ -5,14 +5,15 @@
 
 namespace agent::db {
 
-/// The store with what only the engine and the API need of it: positions in change journals, sizes of
-/// incremental backups and the identity of this installation.
-/// Owns:    as IDataProvider.
-/// Threads: as IDataProvider.
-/// Fails:   as IDataProvider. A volume without a record is a false result; setting creates the record.
+/// The persistent store with the values that only the engine and the API need: positions in change journals,
+/// sizes of incremental backups and the identity of this installation.
+/// Owns:    the stored data; callers get copies.
+/// Threads: any thread may call it; one operation runs at a time.
+/// Fails:   like IDataProvider, by exceptions derived from std::runtime_error. The getters return false for a
+///          volume without a record; the setters create the record.
 class IDataProviderExtended : public IDataProvider {
 public:
-    /// Throws for a context that is none of the named ones.
+    /// Throws if `context` is not one of the enumerators.
     virtual bool getVolumeJournalChangeId(const std::string& uuid, ChangeContext context,
                                           std::uint64_t& journalId, std::uint64_t& changeId) = 0;
     virtual void setVolumeJournalChangeId(const std::string& uuid, ChangeContext context,
@@ -21,7 +22,7 @@ public:
     virtual void setVolumeIncrementalSizeBlocks(const std::string& uuid, std::uint64_t blocks) = 0;
     virtual bool getVolumeIncrementalSizeBlocks(const std::string& uuid, std::uint64_t& blocks) = 0;
 
-    /// Makes and stores the UUID when it is asked for the first time. Empty if none can be made.
+    /// The first call generates and stores the UUID. Returns an empty string if no UUID can be generated.
     virtual std::string getAgentUUID() = 0;
 };
 

@@ -34,7 +34,7 @@ std::int32_t LegacyDatabase::selectDeviceId() {
         if (!rows.empty()) {
             return asDeviceId(rows.front().front().asNumber());
         }
-        logger.log(info::level::debug, "No value found for device id from legacy DB");
+        info::LogEntry(logger, info::level::debug) << "No value found for device id from legacy DB";
     } catch (const std::runtime_error& failure) {
         info::LogEntry(logger, info::level::error)
             << "Failed to select device ID from legacy DB: " << failure.what();

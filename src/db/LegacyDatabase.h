@@ -7,21 +7,22 @@
 
 namespace agent::db {
 
-/// The database that earlier versions of the agent kept their state in. It is only read. Of its tables these
-/// columns count: device(id), config(name, value), history(id, device, volume, result, image_chksum).
+/// The database of earlier versions of the agent. This class only reads it, and uses these tables and
+/// columns: device(id), config(name, value), history(id, device, volume, result, image_chksum).
 /// Owns:    the connection.
-/// Threads: belongs to the thread that made it.
-/// Fails:   the constructor throws what QueryRunner throws. A value that isn't there, can't be read or has no
-///          place in today's stores is 0 or an empty text, after a log line.
+/// Threads: only the thread that created it may use it.
+/// Fails:   the constructor throws SQLiteError or library_error if it can't open the file. The functions
+///          return 0 or an empty string for a value that is missing, unreadable or out of range. They log
+///          missing and unreadable values.
 class LegacyDatabase {
 public:
     LegacyDatabase(info::Logger& logger, const std::string& path);
 
-    /// 0 for none.
+    /// Returns 0 if there is none.
     std::int32_t selectDeviceId();
     std::string selectConfigValue(const std::string& name);
-    /// The checksum of the image that the last good backup of a volume has left, 0 for none. `column` is
-    /// where the history names the volume.
+    /// The image checksum of the volume's last successful backup, or 0 if there is none. `column` is the
+    /// column of the history table that contains the volume's UUID.
     std::uint32_t selectLastChecksum(const std::string& column, const std::string& uuid);
 
 private:

@@ -15,8 +15,9 @@ constexpr mode_t ownerOnly = S_IRUSR | S_IWUSR;
 constexpr mode_t permissions = 07777;
 constexpr std::array companions = {"", "-journal", "-wal", "-shm"};
 
-/// By name and not by a descriptor: closing one would drop every lock that the process has on the file.
-void narrow(const std::string& path) {
+/// Uses the path, not a descriptor: closing a descriptor would release all of the process's locks on the
+/// file.
+void chmodToOwner(const std::string& path) {
     struct ::stat found{};
     const bool isFile = ::stat(path.c_str(), &found) == 0 && S_ISREG(found.st_mode);
     if (isFile && (found.st_mode & permissions) != ownerOnly) {
@@ -26,11 +27,11 @@ void narrow(const std::string& path) {
 
 } // namespace
 
-void keepPrivate(const std::string& path) noexcept {
+void restrictToOwner(const std::string& path) noexcept {
     try {
         const os::FileDescriptor made(::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, ownerOnly));
         for (const char* companion : companions) {
-            narrow(path + companion);
+            chmodToOwner(path + companion);
         }
     } catch (const std::exception&) { // NOLINT(bugprone-empty-catch): without memory the opening fails, too
     }

@@ -40,7 +40,7 @@ QueryRunner::QueryRunner(info::Logger& logger, const std::string& path) : logger
         throw exception::library_error("SQLite is unable to allocate memory to hold the sqlite3 object");
     }
     if (result != SQLITE_OK) {
-        // The words for the failure are the connection's, so they are taken before it goes.
+        // The connection holds the error message, so the message is copied before the connection is closed.
         const SQLiteError error("QueryRunner", database, result);
         sqlite3_close(std::exchange(database, nullptr));
         throw error;

@@ -8,10 +8,10 @@
 
 namespace agent {
 
-/// A failure of SQLite: a context text, the code and the words that the connection has for its last failure.
+/// A failure of SQLite: a context text, the error code and the connection's message for its last error.
 class SQLiteError : public exception::generic_library_error<int> {
 public:
-    /// `database` is read during construction only.
+    /// Only the constructor uses `database`.
     SQLiteError(const std::string& context, sqlite3* database, int code);
 };
 

@@ -46,8 +46,8 @@ std::int64_t getUserVersion(info::Logger& logger, QueryRunner& runner) {
     }
 }
 
-// No agent has ever written a version below 0; such a file is taken for one that has had no upgrade.
-void addWhatIsMissing(QueryRunner& runner, std::int64_t version) {
+// No agent has ever written a version below 0; such a file is treated like version 0.
+void addMissingTablesAndColumns(QueryRunner& runner, std::int64_t version) {
     if (version < 1) {
         runner.RunUpdate("ALTER TABLE device ADD COLUMN ip TEXT DEFAULT \"\";", {});
         runner.RunUpdate("ALTER TABLE device ADD COLUMN agentUUID TEXT DEFAULT \"\";", {});
@@ -55,14 +55,14 @@ void addWhatIsMissing(QueryRunner& runner, std::int64_t version) {
     if (version < 2) {
         runner.RunUpdate("ALTER TABLE volumes ADD COLUMN image_checksum_type TEXT DEFAULT \"unknown\";", {});
     }
-    if (version < newestVersion) {
+    if (version < 3) {
         runner.RunUpdate(createChangeJournal, {});
     }
 }
 
-void stepUp(info::Logger& logger, QueryRunner& runner, std::int64_t version) {
+void applyUpgrades(info::Logger& logger, QueryRunner& runner, std::int64_t version) {
     try {
-        addWhatIsMissing(runner, version);
+        addMissingTablesAndColumns(runner, version);
     } catch (const std::exception& problem) {
         info::LogEntry(logger, info::level::error) << problem.what();
         throw std::runtime_error("upgradeSchema failed!");
@@ -85,7 +85,7 @@ void upgradeSchema(info::Logger& logger, QueryRunner& runner) {
             << "This is a database newer than what this agent is prepared for,"
             << " continue at your own risk";
     } else {
-        stepUp(logger, runner, version);
+        applyUpgrades(logger, runner, version);
         version = newestVersion;
     }
     runner.RunUpdate("PRAGMA user_version = " + std::to_string(version) + ";", {});

@@ -7,11 +7,11 @@ namespace agent::db {
 
 namespace {
 
-// SQLite takes lengths as int. What is too long for that is too long for SQLite's own limits as well, so it
-// refuses the clamped length instead of taking a part of the text.
+// SQLite takes lengths as int. A longer text also exceeds SQLite's own limits, so SQLite refuses the clamped
+// length instead of storing only part of the text.
 int lengthOf(const std::string& text) {
-    constexpr std::size_t longest = std::numeric_limits<int>::max();
-    return static_cast<int>(std::min(text.size(), longest));
+    constexpr std::size_t maxBytes = std::numeric_limits<int>::max();
+    return static_cast<int>(std::min(text.size(), maxBytes));
 }
 
 int bindOne(sqlite3_stmt* statement, int position, const qparam& param) {
@@ -28,8 +28,9 @@ int bindOne(sqlite3_stmt* statement, int position, const qparam& param) {
     }
 }
 
-// Without memory for the text SQLite gives a null pointer here and fails the next step, so that an empty text
-// never passes for the stored one. The length must be asked for after the text, which may convert it.
+// If memory is exhausted, SQLite returns a null pointer here and fails the next step, so the empty text is
+// never taken for the stored one. sqlite3_column_bytes must come second, because sqlite3_column_text may
+// convert the value.
 std::string textOf(sqlite3_stmt* statement, int index) {
     const void* bytes = sqlite3_column_text(statement, index);
     const int length = sqlite3_column_bytes(statement, index);

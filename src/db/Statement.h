@@ -11,9 +11,9 @@
 namespace agent::db {
 
 /// Owns one prepared statement, or none.
-/// Owns:    the statement; it is finalized with the object. The connection must outlive it.
-/// Threads: the thread of the connection.
-/// Fails:   by SQLite's result codes; `column` throws std::bad_alloc only.
+/// Owns:    the statement; the destructor finalizes it. The connection must outlive it.
+/// Threads: only the thread that uses the connection may use it.
+/// Fails:   `prepare` and `step` return SQLite's result codes; `column` only throws std::bad_alloc.
 class Statement {
 public:
     Statement() noexcept = default;
@@ -21,11 +21,11 @@ public:
     Statement& operator=(const Statement&) = delete;
     ~Statement() { sqlite3_finalize(handle); }
 
-    /// Compiles the first statement in `sql`; to be called once.
+    /// Compiles the first statement in `sql`. Call it only once.
     int prepare(sqlite3* database, const std::string& sql) noexcept;
 
-    /// Binds from position 1 upward, copying texts. Returns the position of the first parameter that can't be
-    /// bound, 0 if there is none.
+    /// Binds `params` to the positions 1, 2, ... and copies texts. Returns the position of the first
+    /// parameter that can't be bound, or 0 if all are bound.
     std::size_t bind(const std::vector<qparam>& params) noexcept;
 
     int step() noexcept { return sqlite3_step(handle); }

@@ -4,10 +4,11 @@
 
 namespace agent::db {
 
-/// Ends a transaction at the end of a scope, on whatever way the scope is left.
+/// Ends a transaction at the end of a scope, even if an exception leaves the scope.
 /// Owns:    the open transaction; logger and runner must outlive it.
-/// Threads: the thread of the runner.
-/// Fails:   never; a transaction that can't be ended is logged, and undone when the connection closes.
+/// Threads: only the thread that uses the runner may use it.
+/// Fails:   never; if the transaction can't be ended, the destructor logs that, and SQLite rolls it back when
+///          the connection closes.
 class TransactionGuard {
 public:
     /// Commits at the end if `commit` is set, else rolls back.

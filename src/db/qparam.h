@@ -6,7 +6,7 @@
 
 namespace agent::db {
 
-/// A value on its way into or out of the database: a bound parameter or a column of a result.
+/// A value that is written to or read from the database: a bound parameter or a column of a result.
 struct qparam {
     static constexpr std::int32_t typeNone = 0; ///< NULL, or a column that is neither integer nor text.
     static constexpr std::int32_t typeInt32 = 1;
@@ -19,7 +19,7 @@ struct qparam {
     explicit qparam(std::string value) : type(typeText), text(std::move(value)) {}
 
     [[nodiscard]] bool isNumber() const noexcept { return type == typeInt32 || type == typeInt64; }
-    /// What is no number reads as 0.
+    /// Returns 0 if the value is not a number.
     [[nodiscard]] std::int64_t asNumber() const noexcept { return isNumber() ? number : 0; }
 
     bool operator==(const qparam& other) const = default;

@@ -6,7 +6,7 @@
 
 namespace agent::info {
 
-/// What a volume is known to be at the moment of its discovery.
+/// The properties of a volume when it was discovered.
 struct VolumeDescription {
     std::string device; ///< path, such as /dev/sda1
     std::string fileSystem;
@@ -28,10 +28,10 @@ struct VolumeDescription {
     bool sysVolume = false;
 };
 
-/// A volume of this machine, as the whole program speaks of it.
+/// A volume of this machine.
 /// Owns:    its description.
-/// Threads: safe from any; it never changes.
-/// Fails:   only getSpaceFree.
+/// Threads: any thread may call it; it never changes.
+/// Fails:   only getSpaceFree fails; it throws PosixError.
 class BackupableVolume {
 public:
     explicit BackupableVolume(VolumeDescription description);
@@ -49,10 +49,10 @@ public:
     [[nodiscard]] virtual const std::string& getFileSystem() const;
     [[nodiscard]] virtual const std::string& getPartScheme() const;
     [[nodiscard]] virtual const std::string& getVolumeType() const;
-    /// For messages: the UUID, with the first mount point behind it if there is one.
+    /// For messages: the UUID, followed by the first mount point if there is one.
     [[nodiscard]] virtual std::string getDisplayName() const;
     [[nodiscard]] virtual const std::vector<std::string>& getMountPoints() const;
-    /// Whether the device's node is still there.
+    /// Whether the device node still exists.
     [[nodiscard]] virtual bool exists() const;
     [[nodiscard]] virtual bool isMounted() const;
     [[nodiscard]] virtual bool isReadOnly() const;
@@ -65,7 +65,7 @@ public:
     [[nodiscard]] virtual std::uint32_t getSectorSize() const;
     [[nodiscard]] virtual std::uint64_t getSectorCount() const;
     [[nodiscard]] virtual std::uint64_t getHiddenSectors() const;
-    /// In bytes, asked of the file system now; 0 if the volume is not mounted. Throws PosixError.
+    /// The current free space in bytes; 0 if the volume is not mounted. Throws PosixError if statvfs fails.
     [[nodiscard]] virtual std::uint64_t getSpaceFree() const;
 
 private:

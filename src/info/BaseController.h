@@ -4,10 +4,10 @@
 
 namespace agent::info {
 
-/// The calls of the driver's control library, under its own names. Each blocks until the driver has finished.
+/// The functions of the driver's control library, under the library's own names. Each waits for the driver.
 /// Owns:    nothing.
-/// Threads: one at a time.
-/// Fails:   by a result other than 0, with the reason in `errno`.
+/// Threads: one thread at a time.
+/// Fails:   each function returns a result other than 0 and sets `errno`.
 class BaseController {
 public:
     BaseController() = default;

@@ -49,6 +49,7 @@ std::string uuidText(std::span<const std::byte> bytes) {
 
 } // namespace
 
+/// Reads only the header and the file's size: the table of a large volume takes hundreds of megabytes.
 CowFile::CowFile(Logger& logger, const Path& path) {
     const std::string quoted = "\"" + path.str() + "\"";
     DriverFile file(path, DriverFile::Access::read);

@@ -11,11 +11,11 @@ namespace agent::info {
 
 class Logger;
 
-/// What the header of a CoW file says, as it was when the object was made; see docs/formats/cow.md.
-/// Owns:    the header's bytes; the file is closed again.
-/// Threads: safe from any; it never changes.
-/// Fails:   the constructor throws PosixError for a file that can't be read as far as its header goes, and
-///          std::logic_error for one that is no CoW file.
+/// The header of a CoW file, as it was when the object was created; see docs/formats/cow.md.
+/// Owns:    a copy of the header; the constructor closes the file again.
+/// Threads: any thread may call it; it never changes.
+/// Fails:   the constructor throws PosixError if it can't read the header or the file's size, and
+///          std::logic_error if the file isn't a CoW file.
 class CowFile {
 public:
     CowFile(Logger& logger, const Path& path);
@@ -30,7 +30,7 @@ public:
     [[nodiscard]] std::uint64_t getChangedBlocks() const;
     /// Where the table of changed blocks begins.
     [[nodiscard]] std::uint64_t getBitmapOffset() const;
-    /// From the table's begin to the file's end; 0 if the file ends before.
+    /// The bytes from the beginning of the table to the end of the file; 0 if the file ends earlier.
     [[nodiscard]] std::uint64_t getBitmapLength() const;
     [[nodiscard]] std::uint64_t getBitmapEntries() const;
     /// How many bytes of the volume one entry stands for.

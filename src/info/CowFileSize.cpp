@@ -15,23 +15,22 @@ namespace agent::info {
 namespace {
 
 constexpr std::uint64_t bytesPerMiB = 1'048'576;
-constexpr std::uint64_t smallestDefault = 1024;
-constexpr std::uint64_t largestDefault = 10240;
-constexpr std::uint64_t smallest = 100;
+constexpr std::uint64_t minDefaultMiB = 1024;
+constexpr std::uint64_t maxDefaultMiB = 10240;
 /// A file on FAT can't reach 4 GiB.
-constexpr std::uint64_t largestOnFat = 4095;
+constexpr std::uint64_t maxOnFatMiB = 4095;
 
 std::uint64_t toMiB(std::uint64_t bytes) {
     return (bytes + bytesPerMiB - 1) / bytesPerMiB;
 }
 
 std::uint64_t defaultSizeMiB(std::uint64_t volumeSizeBytes) {
-    return std::clamp(toMiB(volumeSizeBytes / 10), smallestDefault, largestDefault);
+    return std::clamp(toMiB(volumeSizeBytes / 10), minDefaultMiB, maxDefaultMiB);
 }
 
-/// The file must leave room for the volume's own data.
+/// The CoW file must leave room for the volume's own data.
 std::uint64_t withinVolume(std::uint64_t size, std::uint64_t volumeSizeBytes) {
-    return std::max(std::min(size, toMiB(volumeSizeBytes / 2)), smallest);
+    return std::max(std::min(size, toMiB(volumeSizeBytes / 2)), minCowFileMiB);
 }
 
 std::string keyOf(const std::string& uuid) {
@@ -50,7 +49,7 @@ std::uint64_t CowFileSize::getCowFileSizeMiB(Logger& logger, const std::string& 
         LogEntry(logger, level::warning)
             << "Invalid cow file size (" << size << ") Clamping to (" << clamped << ")";
     }
-    return fileSystem == "vfat" ? std::min(clamped, largestOnFat) : clamped;
+    return fileSystem == "vfat" ? std::min(clamped, maxOnFatMiB) : clamped;
 }
 
 std::uint64_t CowFileSize::getWantedSizeMiB(Logger& logger, const std::string& uuid,
@@ -68,7 +67,7 @@ std::uint64_t CowFileSize::getWantedSizeMiB(Logger& logger, const std::string& u
 std::uint64_t CowFileSize::getCustomSizeMiB(const std::string& uuid) const {
     const auto* const document = dynamic_cast<const IConfigData*>(&config);
     const nlohmann::json stored = document == nullptr ? nlohmann::json::object() : document->dump();
-    const auto value = stored.find(keyOf(uuid)); // the end for what is no object
+    const auto value = stored.find(keyOf(uuid)); // end() if `stored` is not an object
     const std::optional<std::uint64_t> size =
         value != stored.end() ? wholeNumber<std::uint64_t>(*value) : std::nullopt;
     if (size.value_or(0) == 0) {

@@ -2,19 +2,26 @@
 
 #include "info/ICowFileSize.h"
 
+#include <cstdint>
+
 namespace agent {
 class IConfig;
 }
 
 namespace agent::info {
 
-/// A tenth of the volume within bounds, unless the configuration has a size for the volume.
+/// The smallest size of a CoW file.
+inline constexpr std::uint64_t minCowFileMiB = 100;
+
+/// The default size is a tenth of the volume, within bounds. The configuration may set another size for each
+/// volume.
 /// Owns:    nothing; the configuration must outlive it.
-/// See ICowFileSize for the rest.
+/// Threads: any thread may call it.
+/// Fails:   never; a default replaces an unusable setting.
 class CowFileSize : public ICowFileSize {
 public:
-    /// The size of a volume has a key that is legal by pattern only, which `IConfig::get` doesn't know: a
-    /// configuration that is no IConfigData has none.
+    /// Only a `config` that is an IConfigData can have a size for a volume: its key is only allowed by a
+    /// pattern, and `IConfig::get` doesn't know such keys.
     explicit CowFileSize(const IConfig& config);
 
     std::uint64_t getCowFileSizeMiB(Logger& logger, const std::string& uuid, std::uint64_t volumeSizeBytes,

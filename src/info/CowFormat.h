@@ -6,13 +6,13 @@
 namespace agent::info::cow {
 
 inline constexpr std::uint32_t magic = 4776;
-/// The table of changed blocks begins behind the header's area.
+/// Where the table of changed blocks begins. The header takes the space before it.
 inline constexpr std::uint64_t tableOffset = 4096;
-/// One entry stands for this much of the volume.
+/// How many bytes of the volume one entry of the table stands for.
 inline constexpr std::uint64_t blockSize = 4096;
 inline constexpr std::uint64_t entrySize = sizeof(std::uint64_t);
 
-/// Bytes that the table of a volume of `volumeSize` bytes takes. A last block may be a part of one.
+/// The size in bytes of the table for a volume of `volumeSize` bytes. The last block may be a partial one.
 constexpr std::uint64_t tableSize(std::uint64_t volumeSize) {
     return (volumeSize / blockSize + (volumeSize % blockSize != 0 ? 1 : 0)) * entrySize;
 }

@@ -59,15 +59,15 @@ DriverController::DriverController(Logger& logger, std::unique_ptr<BaseControlle
 DriverController::DriverController(Logger& logger, std::unique_ptr<BaseController> controller,
                                    FindDriverStatusFiles findStatusFiles)
     : logger(logger), controller(std::move(controller)), findStatusFiles(std::move(findStatusFiles)) {
-    logger.log(level::debug, "DriverController created");
+    LogEntry(logger, level::debug) << "DriverController created";
 }
 
 DriverController::~DriverController() {
-    logger.log(level::debug, "DriverController destroyed");
+    LogEntry(logger, level::debug) << "DriverController destroyed";
 }
 
 bool DriverController::Load() {
-    logger.log(level::debug, "start Load");
+    LogEntry(logger, level::debug) << "start Load";
     const std::string path = findStatusFiles().info;
     try {
         return parse(readDriverStatusFile(path).value_or(std::string()));
@@ -117,7 +117,7 @@ void DriverController::store(const DriverDeviceInfo& device) {
 }
 
 bool DriverController::getUnusedMinor(int& out) {
-    logger.log(level::debug, "start getUnusedMinor");
+    LogEntry(logger, level::debug) << "start getUnusedMinor";
     if (!Load()) {
         return false;
     }
@@ -145,11 +145,11 @@ bool DriverController::getDeviceByMinor(const int& minor, DriverDeviceInfo& out)
 }
 
 bool DriverController::getDeviceInfo(const BackupableVolume& volume, DriverDeviceInfo& info) {
-    logger.log(level::debug, "start getDeviceInfo");
+    LogEntry(logger, level::debug) << "start getDeviceInfo";
     if (!Load()) {
         return false;
     }
-    // A device that a reload script has given back is known by the volume's UUID.
+    // A reload script names the device by the volume's UUID, and the driver reports it under that path.
     for (const std::string& name : {volume.getDevice(), "/dev/disk/by-uuid/" + volume.getUuid()}) {
         const auto device = devicesByBlockDevice.find(name);
         if (device != devicesByBlockDevice.end()) {
@@ -173,7 +173,7 @@ bool DriverController::getSnapshotPath(const BackupableVolume& volume, std::stri
 }
 
 bool DriverController::isDriverVersionSupported() {
-    logger.log(level::debug, "start isDriverVersionSupported");
+    LogEntry(logger, level::debug) << "start isDriverVersionSupported";
     if (!Load()) {
         return false;
     }

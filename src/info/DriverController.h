@@ -15,17 +15,18 @@ namespace agent::info {
 
 class Logger;
 
-/// The snapshot driver as the agent drives it: a table of its devices, read anew by every query, and the
-/// steps between no device, snapshot and tracking.
+/// Controls the snapshot driver: reads the table of its devices for every query, and moves a volume between
+/// no device, snapshot and tracking.
 ///
-/// The sources are split by subject: DriverController.cpp has table and queries, DriverTransitions.cpp has
-/// what changes a device's state, DriverReloadScripts.cpp the scripts that give tracking back after a
-/// restart, DriverHistory.cpp the record of changed blocks.
+/// The sources are split by subject: DriverController.cpp has the table and the queries,
+/// DriverTransitions.cpp the changes of a device's state, DriverReloadScripts.cpp the scripts that resume
+/// tracking after a restart of the machine, DriverHistory.cpp the incremental history.
 ///
-/// Owns:    the library's calls, and the state in which startSnapshot found each volume. The driver keeps its
-///          devices, and the CoW files stay on the volumes, when this object goes.
-/// Threads: one at a time.
-/// Fails:   see IDriverController; only the reload scripts' members throw, std::runtime_error.
+/// Owns:    the BaseController, and the state that each volume had before startSnapshot. The driver's devices
+///          and the CoW files on the volumes outlive this object.
+/// Threads: one thread at a time.
+/// Fails:   the bool functions log the reason, return false and leave their outputs unchanged. Only
+///          writeReloadScript and deleteReloadScript throw: std::runtime_error.
 class DriverController : public IDriverController {
 public:
     DriverController(Logger& logger, std::unique_ptr<BaseController> controller);
@@ -49,16 +50,17 @@ public:
     void removeIncrementalHistory(const BackupableVolume& volume) override;
     bool destroyDevice(const BackupableVolume& volume) override;
 
-    /// Reads the table. On failure it stays as it was, unless the list of devices itself is at fault.
+    /// Reads the table of devices from the driver. On failure the old table stays, unless the list of devices
+    /// itself is malformed: then the table has only the devices before the first malformed one.
     bool Load();
-    /// The lowest free minor; 255 if all below are taken, without a look whether that one is free.
+    /// Finds the lowest free minor. If all minors below 255 are taken, the result is 255, free or not.
     bool getUnusedMinor(int& out);
     bool getDeviceByMinor(const int& minor, DriverDeviceInfo& out);
 
     void writeReloadScript(const BackupableVolume& volume);
     void deleteReloadScript(const BackupableVolume& volume);
 
-    /// Two names take turns: the one that the device does not use now.
+    /// A device alternates between two names for its CoW file. `out` is the name that it doesn't use now.
     bool calculateCowFile(const DriverDeviceInfo& device, std::string& out);
     /// Empty for a volume without a mount point.
     [[nodiscard]] std::string getIncrementalHistoryPath(const BackupableVolume& volume) const;
@@ -77,7 +79,7 @@ private:
     void reportFailedTransition(const BackupableVolume& volume, std::int32_t minor);
 
     void deleteReloadScript(std::int32_t minor);
-    /// A missing script only costs tracking at the next restart: what goes wrong is logged, and that is all.
+    /// Only logs a failure: a missing script merely means that tracking is lost at the next restart.
     void tryWriteReloadScript(const BackupableVolume& volume, std::int32_t minor);
     void tryDeleteReloadScript(const std::function<void()>& deletion);
 
@@ -86,7 +88,7 @@ private:
     std::unordered_map<std::int32_t, DriverDeviceInfo> devicesByMinor;
     std::string driverVersion;
     std::unordered_map<std::string, DriverDeviceInfo> devicesByBlockDevice;
-    /// By device path: the state in which startSnapshot found the volume. Outlives the tables.
+    /// The state that each volume had before startSnapshot, by device path. Load doesn't clear it.
     std::unordered_map<std::string, std::int32_t> startingStates;
     FindDriverStatusFiles findStatusFiles;
 };

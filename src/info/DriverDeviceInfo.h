@@ -11,8 +11,8 @@ namespace agent::info {
 struct DriverDeviceInfo {
     std::int32_t minor = 0; ///< the snapshot's device is /dev/tolvu<minor>
     std::int32_t state = driver_state::noDevice;
-    std::string cow_file;     ///< relative to the volume's mount point, with a slash at its head
-    std::string block_device; ///< as it was given to the driver
+    std::string cow_file;     ///< relative to the volume's mount point, with a leading slash
+    std::string block_device; ///< the path that was passed to the driver
     std::int32_t error = 0;
 };
 

@@ -5,8 +5,8 @@
 #include <cerrno>
 #include <tolvubd.h>
 
-// The kernel driver's library has no such symbols; their addresses are then null.
-// Each is declared again for its attribute, with the names of the C interface.
+// The kernel driver's library doesn't define these symbols; their addresses are then null.
+// They are declared again to add the attribute, and keep the names of the C interface.
 // NOLINTBEGIN(readability-redundant-declaration,readability-identifier-naming)
 extern "C" {
 __attribute__((weak)) std::int32_t tolvubd_check_snapshot(std::uint32_t minor);
@@ -24,7 +24,7 @@ int DriverExtension::checkSnapshot(std::int32_t minor) const {
     return errno == 0 ? EIO : errno;
 }
 
-std::vector<std::string> DriverExtension::getOwnFiles() const {
+std::vector<std::string> DriverExtension::getDriverFiles() const {
     std::vector<std::string> names;
     if (tolvubd_get_own_files != nullptr) {
         for (const char* const* name = tolvubd_get_own_files(); *name != nullptr; ++name) {
@@ -34,7 +34,7 @@ std::vector<std::string> DriverExtension::getOwnFiles() const {
     return names;
 }
 
-std::uint64_t DriverExtension::getRoom(const std::string& blockDevice) const {
+std::uint64_t DriverExtension::getSnapshotSpace(const std::string& blockDevice) const {
     std::uint64_t bytes = 0;
     if (tolvubd_get_room != nullptr && tolvubd_get_room(blockDevice.c_str(), &bytes) != 0) {
         throw PosixError("The driver can't tell what room it needs on " + blockDevice, errno);

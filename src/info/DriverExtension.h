@@ -4,14 +4,14 @@
 
 namespace agent::info {
 
-/// Asks the linked control library, if it is one that stands in for the kernel's driver. The kernel driver's
-/// own library has nothing to add: its snapshots fail only by reads that fail, and it has no further files.
-/// See IDriverExtension.
+/// Calls the linked control library if that library emulates the kernel driver. The kernel driver's own
+/// library doesn't have these functions: if one of its snapshots fails, reading from it fails, and it keeps
+/// no other files. See IDriverExtension.
 class DriverExtension : public IDriverExtension {
 public:
     [[nodiscard]] int checkSnapshot(std::int32_t minor) const override;
-    [[nodiscard]] std::vector<std::string> getOwnFiles() const override;
-    [[nodiscard]] std::uint64_t getRoom(const std::string& blockDevice) const override;
+    [[nodiscard]] std::vector<std::string> getDriverFiles() const override;
+    [[nodiscard]] std::uint64_t getSnapshotSpace(const std::string& blockDevice) const override;
 };
 
 } // namespace agent::info

@@ -59,7 +59,7 @@ bool DriverFile::reserve(std::uint64_t position, std::uint64_t length) {
 }
 
 bool DriverFile::isHole(std::uint64_t position, std::uint64_t length) {
-    return os::holeAt(descriptor.get(), position, length) == length;
+    return os::holeLengthAt(descriptor.get(), position, length) == length;
 }
 
 bool DriverFile::sync() {

@@ -23,21 +23,22 @@ namespace {
 
 using Access = DriverFile::Access;
 
-/// A stretch of a table in memory. Tables of large volumes have hundreds of megabytes; no more than this is
-/// held of one at a time.
+/// A part of a table in memory. The tables of large volumes take hundreds of megabytes, so at most `maxBytes`
+/// bytes of a table are in memory at a time.
 class TablePiece {
 public:
-    static constexpr std::uint64_t largest = std::uint64_t{8} << 20U;
+    static constexpr std::uint64_t maxBytes = std::uint64_t{8} << 20U;
 
-    /// Room for any piece of a table of this size, and for a header.
+    /// Has room for any piece of a table of this size, and for the header.
     explicit TablePiece(std::uint64_t tableSize)
-        : entries(std::clamp(tableSize, cow::tableOffset, largest) / cow::entrySize) {}
+        : entries(std::clamp(tableSize, cow::tableOffset, maxBytes) / cow::entrySize) {}
 
     std::span<std::byte> bytes(std::uint64_t length) {
         return std::as_writable_bytes(std::span(entries)).first(length);
     }
     void clear() { std::fill(entries.begin(), entries.end(), 0); }
-    /// False if that adds nothing. Words are only ORed, so the machine's byte order makes no difference.
+    /// ORs `other` into this piece. Returns false if that changes nothing. Words are only ORed, so the
+    /// machine's byte order makes no difference.
     bool merge(const TablePiece& other, std::uint64_t length) {
         std::uint64_t added = 0;
         for (std::size_t index = 0; index < length / cow::entrySize; ++index) {
@@ -61,16 +62,16 @@ bool fail(Logger& logger, const std::string& what, const DriverFile& file) {
     return fail(logger, what + file.path() + ": ");
 }
 
-bool failWithout(Logger& logger, const std::string& what) {
+bool failWithoutErrno(Logger& logger, const std::string& what) {
     LogEntry(logger, level::error) << what;
     return false;
 }
 
-/// Calls `step` with the length of each piece of a table, in their order. False as soon as a step is.
+/// Calls `step` with the length of each piece of a table, in order. Stops and returns false if a step does.
 template <typename Step>
 bool forEachPiece(std::uint64_t tableSize, const Step& step) {
     for (std::uint64_t left = tableSize; left > 0;) {
-        const std::uint64_t length = std::min(left, TablePiece::largest);
+        const std::uint64_t length = std::min(left, TablePiece::maxBytes);
         if (!step(length)) {
             return false;
         }
@@ -89,15 +90,17 @@ public:
           tableSize(tableSize),
           piece(tableSize) {}
 
-    /// The next driver's record begins when this has returned: the history must not be lost with the power.
+    /// Syncs the history, because the driver begins its next record of changes when this has returned: from
+    /// then on, the history must survive a power failure.
     bool run(bool zeroFill) {
         return copy(cow::tableOffset) && (zeroFill ? writeZeros() : copyTable()) &&
                (history.sync() || failToWrite());
     }
 
 private:
-    /// Gigabytes for a volume of terabytes, at the end of nearly each backup: they are only written where the
-    /// file system can't set space aside. A full volume is such a case, too, and the writing tells it.
+    /// The zeros take gigabytes for a volume of terabytes, at the end of nearly every backup. So they are
+    /// only written if the file system can't reserve the space. If that is because the volume is full,
+    /// writing fails as well and reports it.
     bool writeZeros() {
         if (history.reserve(cow::tableOffset, tableSize)) {
             return true;
@@ -128,7 +131,7 @@ private:
     TablePiece piece;
 };
 
-/// Adds the incremental history to a CoW file.
+/// Merges the incremental history into a CoW file.
 class HistoryMerge {
 public:
     HistoryMerge(Logger& logger, DriverFile history, DriverFile incremental, std::uint64_t tableSize)
@@ -136,11 +139,11 @@ public:
           history(std::move(history)),
           incremental(std::move(incremental)),
           tableSize(tableSize),
-          owed(tableSize),
+          unsent(tableSize),
           changed(tableSize) {}
 
     bool run() {
-        // The two texts name each other's file; whoever reads logs of this agent knows them so.
+        // Each of the two messages names the other one's file. Readers of the log know them that way.
         if (!history.seek(cow::tableOffset)) {
             return fail(logger, "Cannot seek past header in incremental file: ");
         }
@@ -157,16 +160,16 @@ public:
 
 private:
     bool merge(std::uint64_t position, std::uint64_t length) {
-        if (isNothingOwed(position, length)) {
+        if (hasNothingUnsent(position, length)) {
             return true;
         }
-        if (!history.seek(position) || !history.read(owed.bytes(length))) {
+        if (!history.seek(position) || !history.read(unsent.bytes(length))) {
             return fail(logger, "Unable to read from incremental history file ", history);
         }
         if (!incremental.seek(position) || !incremental.read(changed.bytes(length))) {
             return fail(logger, "Unable to read from incremental file ", incremental);
         }
-        if (!changed.merge(owed, length)) {
+        if (!changed.merge(unsent, length)) {
             return true;
         }
         if (!incremental.seek(position) || !incremental.write(changed.bytes(length))) {
@@ -175,8 +178,9 @@ private:
         return true;
     }
 
-    /// As it mostly is. A CoW file that ends too early must be found out all the same.
-    bool isNothingOwed(std::uint64_t position, std::uint64_t length) {
+    /// Usually true, which saves reading both files. A CoW file that ends too early must still be detected,
+    /// hence the check of its size.
+    bool hasNothingUnsent(std::uint64_t position, std::uint64_t length) {
         const std::optional<std::uint64_t> end = incremental.seekToEnd();
         return end && *end >= position + length && history.isHole(position, length);
     }
@@ -185,7 +189,7 @@ private:
     DriverFile history;
     DriverFile incremental;
     std::uint64_t tableSize;
-    TablePiece owed;
+    TablePiece unsent;
     TablePiece changed;
 };
 
@@ -201,7 +205,7 @@ std::string withoutCowFile(const DriverDeviceInfo& device) {
 
 bool DriverController::calculateCowFile(const DriverDeviceInfo& device, std::string& out) {
     if (device.cow_file.empty()) {
-        return failWithout(logger, "calculate cow file got an empty cow file string.");
+        return failWithoutErrno(logger, "calculate cow file got an empty cow file string.");
     }
     out = device.cow_file;
     if (out.back() == '1') {
@@ -229,18 +233,20 @@ void DriverController::removeIncrementalHistory(const BackupableVolume& volume) 
     }
 }
 
+/// While there is a snapshot, the CoW file that the device doesn't use now is the record of the changes that
+/// this backup has to transfer. Without `zeroFill`, that record becomes the history.
 bool DriverController::makeHistory(const BackupableVolume& volume, bool zeroFill) {
     const std::string historyPath = getIncrementalHistoryPath(volume);
     if (historyPath.empty()) {
-        return failWithout(logger, withoutMountPoint(volume));
+        return failWithoutErrno(logger, withoutMountPoint(volume));
     }
     DriverDeviceInfo device;
     if (!getDeviceInfo(volume, device)) {
-        return failWithout(logger, "Cannot create incremental history, device does not exist");
+        return failWithoutErrno(logger, "Cannot create incremental history, device does not exist");
     }
     std::string name = device.cow_file;
     if ((!zeroFill && !calculateCowFile(device, name)) || name.empty()) {
-        return failWithout(logger, withoutCowFile(device));
+        return failWithoutErrno(logger, withoutCowFile(device));
     }
     DriverFile source(Path(volume.getMountPoints().front()) / name, Access::read);
     if (!source) {
@@ -254,18 +260,20 @@ bool DriverController::makeHistory(const BackupableVolume& volume, bool zeroFill
         .run(zeroFill);
 }
 
+/// The device's current CoW file belongs to the snapshot. The record of changes is in the other one, which
+/// the driver no longer writes, so the history can be merged into it.
 bool DriverController::rollForward(const BackupableVolume& volume) {
     const std::string historyPath = getIncrementalHistoryPath(volume);
     if (historyPath.empty()) {
-        return failWithout(logger, withoutMountPoint(volume));
+        return failWithoutErrno(logger, withoutMountPoint(volume));
     }
     DriverDeviceInfo device;
     if (!getDeviceInfo(volume, device)) {
-        return failWithout(logger, "Cannot roll forward, device does not exist");
+        return failWithoutErrno(logger, "Cannot roll forward, device does not exist");
     }
     std::string name;
     if (!calculateCowFile(device, name)) {
-        return failWithout(logger, withoutCowFile(device));
+        return failWithoutErrno(logger, withoutCowFile(device));
     }
     DriverFile history(historyPath, Access::read);
     if (!history) {
@@ -279,7 +287,7 @@ bool DriverController::rollForward(const BackupableVolume& volume) {
              .run()) {
         return false;
     }
-    logger.log(level::debug, "Successfully merged incremental history");
+    LogEntry(logger, level::debug) << "Successfully merged incremental history";
     return true;
 }
 

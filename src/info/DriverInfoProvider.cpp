@@ -23,7 +23,7 @@ DriverInfoProvider::DriverInfoProvider(FindDriverStatusFiles findStatusFiles)
 
 std::string DriverInfoProvider::getDriverVersion() const {
     const std::string path = findStatusFiles().version;
-    // The directory comes and goes with the driver: it is the module's own below /sys/module.
+    // The directory only exists while the driver is loaded: it is the module's own below /sys/module.
     if (!file::exists(Path(path).parent())) {
         throw std::runtime_error(std::string(unusable) + moduleName + " is not present on your system!");
     }

@@ -11,7 +11,7 @@ public:
     explicit DriverInfoProvider(FindDriverStatusFiles findStatusFiles = DriverStatusFiles::ofRunningDriver);
 
     [[nodiscard]] std::string getDriverVersion() const override;
-    /// Never: the driver is loaded and replaced without a restart of the machine.
+    /// Always false: the driver is loaded and replaced without a restart of the machine.
     [[nodiscard]] bool isRebootRequired() const override;
     [[nodiscard]] std::string getDriverStatus() const override;
 

@@ -24,7 +24,7 @@ std::string scriptPath(std::int32_t minor) {
     return (dir::base() / name).str();
 }
 
-/// The script is run by root's shell: a name from a volume or from the driver must be one plain word there.
+/// Root's shell runs the script, so a name from a volume or from the driver must be one plain word.
 bool isPlainWord(std::string_view text) {
     constexpr std::string_view plain = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789._/-";
     return !text.empty() && text.find_first_not_of(plain) == std::string_view::npos;
@@ -60,7 +60,7 @@ void DriverController::writeReloadScript(const BackupableVolume& volume) {
     }
     const std::string path = scriptPath(device.minor);
     writeScript(path, scriptText(volume, device));
-    // A file that was there already has kept its own mode.
+    // open() doesn't change the mode of an existing file.
     if (::chmod(path.c_str(), scriptMode) != 0) {
         throw std::runtime_error("Failed to set permissions on incremental reload script");
     }
@@ -77,7 +77,7 @@ void DriverController::tryWriteReloadScript(const BackupableVolume& volume, std:
         logger.log(level::warning, "Exception occurred writing out incremental reload scripts: %s",
                    error.what());
     } catch (...) {
-        logger.log(level::warning, "Unexpected error occurred writing incremental reload scripts");
+        LogEntry(logger, level::warning) << "Unexpected error occurred writing incremental reload scripts";
     }
 }
 
@@ -89,7 +89,8 @@ void DriverController::deleteReloadScript(const BackupableVolume& volume) {
     deleteReloadScript(device.minor);
 }
 
-/// A script that a power cut brings back would give a device to the driver that is no longer tracked.
+/// Syncs the directory, because a script that reappears after a power failure would make the driver track a
+/// device that must no longer be tracked.
 void DriverController::deleteReloadScript(std::int32_t minor) {
     if (::unlink(scriptPath(minor).c_str()) != 0) {
         throw std::runtime_error("Failed to unlink file");
@@ -98,14 +99,14 @@ void DriverController::deleteReloadScript(std::int32_t minor) {
 }
 
 void DriverController::tryDeleteReloadScript(const std::function<void()>& deletion) {
-    logger.log(level::debug, "deleting incremental reload script");
+    LogEntry(logger, level::debug) << "deleting incremental reload script";
     try {
         deletion();
     } catch (const std::exception& error) {
         logger.log(level::warning, "Failed to remove incremental reload script: %s", error.what());
     } catch (...) {
-        logger.log(level::error,
-                   "Unexpected error occurred while trying to delete incremental reload script");
+        LogEntry(logger, level::error)
+            << "Unexpected error occurred while trying to delete incremental reload script";
     }
 }
 

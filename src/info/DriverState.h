@@ -2,11 +2,11 @@
 
 #include <cstdint>
 
-/// The states of a device in the driver's status that the agent tells apart. All others are the driver's own.
+/// The states of a device that the agent distinguishes. The driver's status may show others.
 namespace agent::info::driver_state {
 
-inline constexpr std::int32_t noDevice = -1; ///< the agent's own: the driver has no device for the volume
-inline constexpr std::int32_t tracking = 2;  ///< what changes is recorded
+inline constexpr std::int32_t noDevice = -1; ///< not in the status: the driver has no device for the volume
+inline constexpr std::int32_t tracking = 2;  ///< the driver records which blocks change
 inline constexpr std::int32_t activeSnapshot = 3; ///< there is a snapshot to read
 
 } // namespace agent::info::driver_state

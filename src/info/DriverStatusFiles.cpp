@@ -11,7 +11,7 @@
 #include <tolvubd.h>
 #include <unistd.h>
 
-// The kernel driver's library has no such symbol; its address is then null.
+// The kernel driver's library doesn't define this symbol; its address is then null.
 // NOLINTNEXTLINE(readability-redundant-declaration): the attribute is what this adds
 extern "C" __attribute__((weak)) const tolvubd_status_files* tolvubd_get_status_files();
 
@@ -19,7 +19,7 @@ namespace agent::info {
 
 namespace {
 
-constexpr std::size_t largestStatusFile = std::size_t{64} << 20U;
+constexpr std::size_t maxStatusFileBytes = std::size_t{64} << 20U;
 
 } // namespace
 
@@ -36,7 +36,7 @@ std::optional<std::string> readDriverStatusFile(const std::string& path) {
     if (!file) {
         return std::nullopt;
     }
-    // Files of /proc have no size, so there is nothing to ask for before reading.
+    // Files in /proc have no size, so the buffer can't be allocated in advance.
     std::string content;
     std::array<char, 65536> buffer{};
     for (;;) {
@@ -49,7 +49,7 @@ std::optional<std::string> readDriverStatusFile(const std::string& path) {
         } else if (errno != EINTR) {
             throw PosixError("read of \"" + path + "\" failed", errno);
         }
-        if (content.size() > largestStatusFile) {
+        if (content.size() > maxStatusFileBytes) {
             throw std::runtime_error("\"" + path + "\" is too large");
         }
     }

@@ -17,19 +17,19 @@ using driver_state::activeSnapshot;
 using driver_state::noDevice;
 using driver_state::tracking;
 
-/// The driver's own choice.
+/// 0 lets the driver choose.
 constexpr std::uint64_t cacheSize = 0;
 
 std::uint32_t asLibraryMinor(std::int32_t minor) {
     return static_cast<std::uint32_t>(minor);
 }
 
-/// Tracking of these is not given back to the driver after a restart.
+/// Volumes with these file systems get no reload script, so tracking ends at a restart.
 bool isReloadScriptExempt(const BackupableVolume& volume) {
     return volume.getFileSystem() == "ntfs" || volume.getFileSystem() == "exfat";
 }
 
-/// By what the driver has left in `errno`.
+/// `error` is the value of `errno` after the driver's call.
 const Reason& whyNoSnapshot(int error) {
     if (error == ENOSPC) {
         return reason("volume-full");
@@ -37,7 +37,7 @@ const Reason& whyNoSnapshot(int error) {
     return error == EOPNOTSUPP ? reason("snapshot-unsupported") : reason("snapshot-failed");
 }
 
-/// A live snapshot has none: startSnapshot has removed it.
+/// A device with an active snapshot has no script: startSnapshot has deleted it.
 bool mayHaveReloadScript(std::int32_t state) {
     return state == 0 || state == tracking || state == 4;
 }
@@ -49,9 +49,9 @@ bool DriverController::startSnapshot(const BackupableVolume& volume, ICowFileSiz
                volume.getDeviceName().c_str());
     const std::uint64_t cowSizeMiB =
         cowFileSize.getCowFileSizeMiB(logger, volume.getUuid(), volume.getSize(), volume.getFileSystem());
-    logger.log(level::debug, "syncing...");
+    LogEntry(logger, level::debug) << "syncing...";
     ::sync();
-    logger.log(level::debug, "finished syncing...");
+    LogEntry(logger, level::debug) << "finished syncing...";
     if (volume.getMountPoints().empty()) {
         logger.log(level::error, reason("volume-not-mounted"),
                    "Backupable volume for device %s doesn't have a mountpoint.", volume.getDevice().c_str());
@@ -107,7 +107,7 @@ bool DriverController::startNextSnapshot(const BackupableVolume& volume, const D
     }
     const std::int32_t result = transitionToSnapshot(
         volume, device.minor, Path(volume.getMountPoints().front()) / cowFile, cowSizeMiB);
-    // From here on a restart must not take the device for a tracked one.
+    // From here on, a restart must not resume tracking of the device.
     tryDeleteReloadScript([&] { deleteReloadScript(volume); });
     return checkSnapshot(volume, device.minor, result);
 }
@@ -134,8 +134,8 @@ std::int32_t DriverController::transitionToSnapshot(const BackupableVolume& volu
 
 void DriverController::destroyExistingDevice(const BackupableVolume& volume) {
     if (!destroyDevice(volume)) {
-        logger.log(level::error,
-                   "Attempting to destroy existing driver entry, unable to destroy existing device.");
+        LogEntry(logger, level::error)
+            << "Attempting to destroy existing driver entry, unable to destroy existing device.";
     }
 }
 
@@ -199,7 +199,7 @@ bool DriverController::transitionToIncremental(const BackupableVolume& volume) {
                path.c_str(), minor, result, error);
     reportFailedTransition(volume, minor);
     if (!isReloadScriptExempt(volume)) {
-        // It was written for a tracked device, and this isn't one.
+        // The script is for a tracked device, but tracking has failed.
         tryDeleteReloadScript([&] { deleteReloadScript(minor); });
     }
     return false;
@@ -234,10 +234,10 @@ bool DriverController::revertOnFailure(const BackupableVolume& volume) {
     const std::int32_t startingState = found->second;
     startingStates.erase(found);
     if (startingState == tracking) {
-        logger.log(level::debug, "Had a previous incremental, not destroying device");
+        LogEntry(logger, level::debug) << "Had a previous incremental, not destroying device";
         return true;
     }
-    logger.log(level::debug, "Did not have a previous incremental, destroying");
+    LogEntry(logger, level::debug) << "Did not have a previous incremental, destroying";
     return destroyDevice(volume);
 }
 
@@ -258,7 +258,7 @@ bool DriverController::destroyDevice(const BackupableVolume& volume) {
         return false;
     }
     if (mayHaveReloadScript(device.state)) {
-        // The driver no longer tells the device's minor.
+        // The driver no longer reports the device, so the script is found by the minor from above.
         tryDeleteReloadScript([&] { deleteReloadScript(minor); });
     }
     return true;

@@ -28,7 +28,10 @@ struct FreeText {
 };
 using GTextOwner = std::unique_ptr<gchar, FreeText>;
 
-/// What a call of GLib has to say about its failure.
+/// The error that a GLib call may return.
+/// Owns:    the GError, if the call has failed.
+/// Threads: one thread at a time.
+/// Fails:   never.
 class GErrorOwner {
 public:
     GErrorOwner() = default;

@@ -5,7 +5,7 @@
 
 namespace agent::info {
 
-/// A count of bytes for people: 1536 is "1.5 KiB". Six significant digits, units up to EiB.
+/// Formats a number of bytes for people: 1536 is "1.5 KiB". Six significant digits, units up to EiB.
 std::string formatHumanSize(std::uint64_t bytes);
 
 } // namespace agent::info

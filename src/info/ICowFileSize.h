@@ -7,10 +7,10 @@ namespace agent::info {
 
 class Logger;
 
-/// How large a CoW file the snapshot driver is to be given for a volume.
+/// Decides how large the CoW file of a volume's snapshot will be.
 /// Owns:    nothing.
-/// Threads: safe from any.
-/// Fails:   never; a setting that can't be used is replaced by a default.
+/// Threads: any thread may call it.
+/// Fails:   never; a default replaces an unusable setting.
 class ICowFileSize {
 public:
     ICowFileSize() = default;

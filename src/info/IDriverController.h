@@ -8,10 +8,12 @@ class BackupableVolume;
 class ICowFileSize;
 struct DriverDeviceInfo;
 
-/// The snapshot driver: its devices, and the change history that the agent keeps beside the driver's files.
-/// Owns:    see DriverController.
-/// Threads: one at a time, the backup's; the calls block until the driver has finished.
-/// Fails:   by a false result, after a log line; outputs are then untouched.
+/// Controls the snapshot driver: its devices, and the incremental history, a file that the agent keeps next
+/// to the driver's CoW files. It marks the blocks that earlier backups should have transferred but didn't.
+/// Owns:    the connection to the driver. The driver's devices and files outlive this object.
+/// Threads: one thread at a time; every call blocks until the driver has finished.
+/// Fails:   a false result means failure, with the reason logged and the outputs unchanged. Only the result
+///          of `hasIncrementalHistory` doesn't report failures.
 class IDriverController {
 public:
     IDriverController() = default;
@@ -23,17 +25,19 @@ public:
 
     /// Whether the running driver is new enough for this agent.
     virtual bool isDriverVersionSupported() = 0;
-    /// Takes the volume into a snapshot, from tracking or from nothing.
+    /// Takes a snapshot of the volume. The driver must track the volume, or have no device for it.
     virtual bool startSnapshot(const BackupableVolume& volume, ICowFileSize& cowFileSize) = 0;
-    /// After a failed backup: drops a device that was not tracked before startSnapshot.
+    /// Call this after a failed backup. Destroys the device unless the driver tracked the volume before
+    /// startSnapshot.
     virtual bool revertOnFailure(const BackupableVolume& volume) = 0;
-    /// Ends the snapshot; from here on the driver tracks what changes.
+    /// Ends the snapshot; from then on the driver records which blocks change.
     virtual bool transitionToIncremental(const BackupableVolume& volume) = 0;
     virtual bool getSnapshotPath(const BackupableVolume& volume, std::string& path) = 0;
     virtual bool getDeviceInfo(const BackupableVolume& volume, DriverDeviceInfo& info) = 0;
-    /// Writes the incremental history: what is owed to the next backup, or nothing if `zeroFill` is set.
+    /// Writes the incremental history: the blocks that the next backup must transfer too, or no blocks at all
+    /// if `zeroFill` is set.
     virtual bool makeHistory(const BackupableVolume& volume, bool zeroFill) = 0;
-    /// Adds what earlier backups owe to the record of what has changed since the last one.
+    /// Merges the incremental history into the CoW file that records the changes since the last backup.
     virtual bool rollForward(const BackupableVolume& volume) = 0;
     virtual bool hasIncrementalHistory(const BackupableVolume& volume) = 0;
     virtual void removeIncrementalHistory(const BackupableVolume& volume) = 0;

@@ -6,10 +6,11 @@
 
 namespace agent::info {
 
-/// What the driver's control library may tell beyond its seven functions.
+/// Queries that the driver's control library may offer in addition to its seven functions.
 /// Owns:    nothing.
-/// Threads: safe from any.
-/// Fails:   see each.
+/// Threads: any thread may call it.
+/// Fails:   `checkSnapshot` returns an error code, `getSnapshotSpace` throws PosixError, `getDriverFiles`
+///          doesn't fail.
 class IDriverExtension {
 public:
     IDriverExtension() = default;
@@ -19,14 +20,14 @@ public:
     IDriverExtension& operator=(IDriverExtension&&) = delete;
     virtual ~IDriverExtension() = default;
 
-    /// 0 while /dev/tolvu<minor> has shown the one moment of its snapshot all the time; else a value of
-    /// `errno`, and nothing that was read of it can be relied on.
+    /// Returns 0 if /dev/tolvu<minor> has shown a consistent snapshot ever since it was taken. Otherwise
+    /// returns an `errno` value: then nothing that was read from the device can be relied on.
     [[nodiscard]] virtual int checkSnapshot(std::int32_t minor) const = 0;
-    /// The names of the files that the driver keeps at the root of a volume beside its CoW files.
-    [[nodiscard]] virtual std::vector<std::string> getOwnFiles() const = 0;
-    /// How many bytes of a volume the driver will take for a snapshot, beside the CoW file. PosixError if it
-    /// can't tell.
-    [[nodiscard]] virtual std::uint64_t getRoom(const std::string& blockDevice) const = 0;
+    /// The names of the files, other than CoW files, that the driver keeps in the root directory of a volume.
+    [[nodiscard]] virtual std::vector<std::string> getDriverFiles() const = 0;
+    /// How many bytes of the volume's free space the driver will use for a snapshot in addition to the CoW
+    /// file. Throws PosixError if the driver can't determine it.
+    [[nodiscard]] virtual std::uint64_t getSnapshotSpace(const std::string& blockDevice) const = 0;
 };
 
 } // namespace agent::info

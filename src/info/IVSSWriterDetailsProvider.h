@@ -5,15 +5,15 @@
 
 namespace agent {
 
-/// An application that takes part in snapshots, on systems where there is such a thing.
+/// An application that takes part in snapshots, on operating systems that have such applications.
 struct VSSWriterDetails {
     std::string name;
 };
 
-/// Tells which applications take part in snapshots by themselves.
+/// Lists the applications that take part in snapshots on their own, without scripts.
 /// Owns:    nothing.
-/// Threads: safe from any.
-/// Fails:   by std::exception if they can't be asked.
+/// Threads: any thread may call it.
+/// Fails:   `getWriters` throws a std::exception if the applications can't be listed.
 class IVSSWriterDetailsProvider {
 public:
     virtual ~IVSSWriterDetailsProvider() = default;

@@ -1,17 +1,18 @@
 #pragma once
 
+#include "os/Mutex.h"
+
 #include <chrono>
 #include <functional>
-#include <mutex>
 #include <optional>
 #include <utility>
 
 namespace agent::info {
 
-/// Keeps one value for a while, and has it made anew by the first who asks after that.
+/// Caches one value for a given time. The first call of `get` after that time refreshes it.
 /// Owns:    the value.
-/// Threads: safe from any; who asks while the value is being made waits for it.
-/// Fails:   with what the making of the value throws; the next who asks tries again.
+/// Threads: any thread may call it; callers wait while one of them refreshes the value.
+/// Fails:   `get` throws what `refresh` throws; the next call of `get` tries again.
 template <typename T>
 class SimpleCache {
 public:
@@ -22,7 +23,7 @@ public:
         : lifetime(lifetime), refresh(std::move(refresh)), now(std::move(now)) {}
 
     [[nodiscard]] T get() {
-        const std::lock_guard lock(mutex);
+        const os::Lock lock(mutex);
         if (!expiry || now() >= *expiry) {
             value = refresh();
             expiry = now() + lifetime;
@@ -34,9 +35,9 @@ private:
     const Clock::duration lifetime;
     const std::function<T()> refresh;
     const std::function<Clock::time_point()> now;
-    std::mutex mutex;
-    std::optional<Clock::time_point> expiry; // guarded by mutex
-    T value{};                               // guarded by mutex
+    os::Mutex mutex;
+    std::optional<Clock::time_point> expiry GUARDED_BY(mutex);
+    T value GUARDED_BY(mutex){};
 };
 
 } // namespace agent::info

@@ -16,12 +16,12 @@ namespace agent::info {
 namespace {
 
 constexpr const char* smbiosDirectory = "/sys/class/dmi/id/";
-constexpr std::size_t longestFile = 65536;
+constexpr std::size_t maxFileBytes = 65536;
 
-/// The beginning of a file, which is all of it for the files here; nothing if it can't be read.
+/// Returns the first 64 KiB of a file, or nothing if it can't be read. The files here are smaller than that.
 std::optional<std::string> readFile(const std::string& path) {
     std::ifstream file(path);
-    std::string content(longestFile, '\0');
+    std::string content(maxFileBytes, '\0');
     file.read(content.data(), static_cast<std::streamsize>(content.size()));
     if (!file.is_open() || file.bad()) {
         return std::nullopt;
@@ -30,7 +30,7 @@ std::optional<std::string> readFile(const std::string& path) {
     return content;
 }
 
-/// Takes the first line off a text.
+/// Removes the first line from `text` and returns it without its newline.
 std::string_view takeLine(std::string_view& text) {
     const std::size_t end = text.find('\n');
     const std::string_view line = text.substr(0, end);
@@ -57,11 +57,11 @@ std::string valueOf(std::string_view text, std::string_view key) {
     return "";
 }
 
-/// Each of these is empty where its file tells nothing.
+/// Each of these functions returns an empty string if its file is missing or doesn't have the value.
 std::string osRelease() {
     const std::string text = readFile("/etc/os-release").value_or("");
     const std::string name = valueOf(text, "NAME=");
-    const std::string version = valueOf(text, "VERSION="); // some systems are never released
+    const std::string version = valueOf(text, "VERSION="); // some distributions have no releases
     return name.empty() || version.empty() ? name : name + " " + version;
 }
 

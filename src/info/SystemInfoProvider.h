@@ -16,7 +16,8 @@ struct KernelVersion {
     static KernelVersion of(std::string_view release);
 };
 
-/// What the machine's firmware tells of it, each the name of a file below /sys/class/dmi/id.
+/// The values from the machine's firmware that the agent uses. Each is the name of a file in
+/// /sys/class/dmi/id.
 namespace smbios {
 inline constexpr const char* serial = "product_serial";
 inline constexpr const char* name = "product_name";
@@ -24,10 +25,10 @@ inline constexpr const char* uuid = "product_uuid";
 inline constexpr const char* vendor = "sys_vendor";
 } // namespace smbios
 
-/// Plain facts of the machine, asked of the operating system each time.
+/// Properties of this machine. Each call queries the operating system.
 /// Owns:    nothing.
-/// Threads: safe from any.
-/// Fails:   std::runtime_error for a fact that can't be had.
+/// Threads: any thread may call it.
+/// Fails:   the functions throw std::runtime_error if a property isn't available.
 class SystemInfoProvider {
 public:
     SystemInfoProvider() = default;
@@ -35,13 +36,13 @@ public:
     SystemInfoProvider& operator=(const SystemInfoProvider&) = delete;
     virtual ~SystemInfoProvider() = default;
 
-    /// Name and version.
+    /// The name and the version of the distribution.
     [[nodiscard]] virtual std::string getOSVersion() const;
-    /// The parts of the release that are no numbers count as 0.
+    /// Parts of the release that aren't numbers count as 0.
     [[nodiscard]] virtual KernelVersion getKernelVersion() const;
     [[nodiscard]] virtual std::string getArchitecture() const;
     [[nodiscard]] virtual int getArchitectureBits() const;
-    /// The processors online.
+    /// The number of processors that are online.
     [[nodiscard]] virtual long getCPUCount() const;
     /// In bytes.
     [[nodiscard]] virtual std::uint64_t getTotalRAM() const;
@@ -49,7 +50,7 @@ public:
     [[nodiscard]] virtual std::string getHostName() const;
     /// In seconds.
     [[nodiscard]] virtual std::int64_t getUptime() const;
-    /// `value` is one of those in the namespace smbios.
+    /// `value` is one of the constants in the namespace smbios.
     [[nodiscard]] virtual std::string getSMBIOSValue(const std::string& value) const;
 };
 

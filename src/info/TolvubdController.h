@@ -4,7 +4,11 @@
 
 namespace agent::info {
 
-/// Hands every call on to libtolvubd. The one class that needs the library; see BaseController.
+/// Forwards every call to libtolvubd. No other class calls these functions of the library; see
+/// BaseController.
+/// Owns:    nothing; the driver's state belongs to the machine.
+/// Threads: any; the library serialises its calls.
+/// Fails:   returns what the library returns: 0, or -1 with errno.
 class TolvubdController : public BaseController {
 public:
     std::int32_t setup_snapshot(std::uint32_t minor, const char* blockDevice, const char* cowFile,

@@ -13,16 +13,17 @@ constexpr const char* noService =
     "Cannot get object manager from udisks client. The service is probably not running";
 
 [[noreturn]] void throwNoClient(const GErrorOwner& error) {
-    throw Reasoned<std::runtime_error>(reason("volumes-unknown"),
-                                       std::string("Cannot initialize udisks client: ") + error.message());
+    throw WithReason<std::runtime_error>(reason("volumes-unknown"),
+                                         std::string("Cannot initialize udisks client: ") + error.message());
 }
 
-/// The connection that the whole process shares. GLib would end the process along with the bus.
+/// Returns the connection to the system bus, which the whole process shares. By default, GLib would end the
+/// process when the bus closes the connection.
 ///
-/// GLib makes the bus's thread here and keeps it for good. It inherits the signals that are blocked, and must
-/// never be the one on which the agent is stopped.
+/// GLib creates the bus's thread here and never ends it. The thread inherits the blocked termination signals:
+/// the signal handler, which stops the agent, must never run on it.
 GObjectOwner<GDBusConnection> connectToSystemBus() {
-    const TerminationSignalsBlocked inherited;
+    const TerminationSignalsBlocked signalsBlocked;
     GErrorOwner error;
     GObjectOwner<GDBusConnection> connection(g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, error.out()));
     if (!connection) {
@@ -33,7 +34,7 @@ GObjectOwner<GDBusConnection> connectToSystemBus() {
 }
 
 GObjectOwner<UDisksClient> makeClient() {
-    const TerminationSignalsBlocked inherited; // by threads that GLib may make for what it asks the service
+    const TerminationSignalsBlocked signalsBlocked; // by threads that GLib may create to call the service
     GErrorOwner error;
     GObjectOwner<UDisksClient> client(udisks_client_new_sync(nullptr, error.out()));
     if (!client) {
@@ -42,16 +43,17 @@ GObjectOwner<UDisksClient> makeClient() {
     return client;
 }
 
-/// The client has an object manager also where nobody has the daemon's name, one that knows no objects.
+/// Even if the daemon isn't running, the client has an object manager, which is then empty. So this also
+/// checks that the daemon's name has an owner on the bus.
 GDBusObjectManager* managerOf(UDisksClient* client) {
     GDBusObjectManager* manager = udisks_client_get_object_manager(client);
     if (manager == nullptr) {
-        throw Reasoned<std::runtime_error>(reason("volumes-unknown"), noService);
+        throw WithReason<std::runtime_error>(reason("volumes-unknown"), noService);
     }
     const GTextOwner owner(
         g_dbus_object_manager_client_get_name_owner(G_DBUS_OBJECT_MANAGER_CLIENT(manager)));
     if (!owner) {
-        throw Reasoned<std::runtime_error>(reason("volumes-unknown"), noService);
+        throw WithReason<std::runtime_error>(reason("volumes-unknown"), noService);
     }
     return manager;
 }
@@ -63,7 +65,7 @@ PrivateMainContext::PrivateMainContext() : context(g_main_context_new()) {
 }
 
 PrivateMainContext::~PrivateMainContext() {
-    while (g_main_context_iteration(context, FALSE) != FALSE) { // releases what the client has left to it
+    while (g_main_context_iteration(context, FALSE) != FALSE) { // releases what the client has left in it
     }
     g_main_context_pop_thread_default(context);
     g_main_context_unref(context);

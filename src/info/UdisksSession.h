@@ -8,8 +8,11 @@
 
 namespace agent::info {
 
-/// The events of a client that is used for one question go here, and away with it. In the context of the
-/// process, where nobody waits for them, they would pile up.
+/// The thread's GLib main context while a short-lived client is in use. It receives the client's events and
+/// discards them at the end. In the default context of the process, where no loop runs, they would pile up.
+/// Owns:    the context, and the thread's use of it.
+/// Threads: the thread that creates it must also destroy it.
+/// Fails:   never.
 class PrivateMainContext {
 public:
     PrivateMainContext();
@@ -21,10 +24,10 @@ private:
     GMainContext* context;
 };
 
-/// The objects of the udisks2 daemon as they stand at one moment.
-/// Owns:    a client of the daemon, and with it the state of all objects.
-/// Threads: made, used and destroyed by one; each has its own.
-/// Fails:   construction with std::runtime_error if the daemon can't be asked.
+/// The objects of the udisks2 daemon at one moment.
+/// Owns:    a client of the daemon, which holds the state of all objects.
+/// Threads: one thread creates, uses and destroys it. Other threads may use sessions of their own.
+/// Fails:   the constructor throws std::runtime_error if the daemon isn't available.
 class UdisksSession {
 public:
     UdisksSession();
@@ -35,10 +38,10 @@ public:
     [[nodiscard]] GObjectOwner<UDisksObject> object(const char* path) const;
 
 private:
-    const PrivateMainContext context; // the rest goes before it
+    const PrivateMainContext context; // first, so that it is destroyed last
     GObjectOwner<GDBusConnection> connection;
     GObjectOwner<UDisksClient> client;
-    GDBusObjectManager* manager; // the client's
+    GDBusObjectManager* manager; // owned by the client
 };
 
 } // namespace agent::info

@@ -5,7 +5,7 @@
 
 namespace agent::core::backup {
 
-/// There are no such applications on Linux; quiesce scripts are there instead. See IVSSWriterDetailsProvider.
+/// Linux has no such applications; it has quiesce scripts instead. See IVSSWriterDetailsProvider.
 class VSSWriterDetailsProvider : public IVSSWriterDetailsProvider {
 public:
     VSSWriterDetailsProvider();

@@ -18,7 +18,7 @@ namespace agent::info {
 
 namespace {
 
-/// udisks2 leaves out what it doesn't know.
+/// udisks2 returns null for a value that it doesn't know.
 std::string text(const gchar* value) {
     return value == nullptr ? "" : value;
 }
@@ -68,7 +68,7 @@ std::vector<std::string> fstabOptions(UDisksBlock* block) {
     return options;
 }
 
-/// Nothing if the volume isn't mounted, or its file system doesn't answer.
+/// Returns nothing if the volume isn't mounted or statvfs fails.
 std::optional<struct statvfs> statusOf(const VolumeDescription& volume) {
     struct statvfs status{};
     if (!volume.mounted || ::statvfs(volume.mountPoints.front().c_str(), &status) != 0) {
@@ -84,7 +84,7 @@ bool isReadOnly(UDisksBlock* block, const std::optional<struct statvfs>& status)
     return status ? (status->f_flag & ST_RDONLY) != 0 : contains(fstabOptions(block), "ro");
 }
 
-/// File system and, for swap space, what stands for its mount point.
+/// Sets the file system and, for swap space, the placeholder for its mount point.
 void describeContent(VolumeDescription& volume, UDisksBlock* block) {
     const std::string usage = text(udisks_block_get_id_usage(block));
     const std::string type = text(udisks_block_get_id_type(block));

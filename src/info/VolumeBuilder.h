@@ -8,10 +8,10 @@
 
 namespace agent::info {
 
-/// Describes a volume from what udisks2 and the volume itself tell of it.
+/// Describes a volume with the values from udisks2 and from the volume's device and file system.
 /// Owns:    nothing; logger and session must outlive it.
-/// Threads: that of the session.
-/// Fails:   std::runtime_error for an object that has no block device.
+/// Threads: only the thread that uses the session may use it.
+/// Fails:   `build` throws std::runtime_error if the object has no block device.
 class VolumeBuilder {
 public:
     VolumeBuilder(Logger& logger, const UdisksSession& session) : logger(logger), session(session) {}

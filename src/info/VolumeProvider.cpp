@@ -11,7 +11,7 @@ namespace agent::info {
 
 namespace {
 
-/// Null for an object that is no volume, and for one that can't be described.
+/// Returns null if the object isn't a volume or can't be described.
 VolumeProvider::Volume tryBuild(Logger& logger, const UdisksSession& session, const std::string& path) {
     try {
         const GObjectOwner<UDisksObject> object = session.object(path.c_str());

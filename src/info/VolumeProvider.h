@@ -12,11 +12,12 @@ namespace agent::info {
 
 class VolumeProviderImpl;
 
-/// Finds the volumes of this machine, by asking the udisks2 daemon anew each time. Whatever carries a file
-/// system or swap space is one.
+/// Finds the volumes of this machine: everything with a file system or swap space. Each call queries the
+/// udisks2 daemon.
 /// Owns:    nothing that lasts beyond a call; the logger must outlive it.
-/// Threads: safe from any at once. A call blocks on the daemon, and opens every volume's device.
-/// Fails:   std::runtime_error if the daemon can't be asked. A volume that can't be described is left out.
+/// Threads: any thread may call it, several at once. A call blocks on the daemon and opens every device.
+/// Fails:   the functions throw std::runtime_error if the daemon isn't available, and leave out a volume that
+///          can't be described.
 class VolumeProvider {
 public:
     using Volume = std::shared_ptr<BackupableVolume>;
@@ -28,7 +29,7 @@ public:
     virtual ~VolumeProvider();
 
     [[nodiscard]] virtual std::vector<Volume> getBackupableVolumes() const;
-    /// Those for which `filter` is true.
+    /// The volumes for which `filter` returns true.
     [[nodiscard]] virtual std::vector<Volume> getBackupableVolumes(const Filter& filter) const;
     /// The first volume of this UUID; null if there is none.
     [[nodiscard]] virtual Volume getBackupableVolume(const std::string& uuid) const;

@@ -5,8 +5,8 @@
 
 namespace agent::info {
 
-/// The first socket of GLib lets the whole process, and every script that it starts, ignore SIGPIPE. So its
-/// sockets are readied here, and the signal is left as it was.
+/// When GLib initialises its socket class, it makes the whole process, and every script that it starts,
+/// ignore SIGPIPE. So this initialises the class early and then restores the signal's disposition.
 VolumeProviderImpl::VolumeProviderImpl() {
     struct sigaction before{};
     ::sigaction(SIGPIPE, nullptr, &before);

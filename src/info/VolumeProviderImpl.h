@@ -2,10 +2,13 @@
 
 namespace agent::info {
 
-/// What a VolumeProvider needs of GLib for as long as it lives.
+/// Prepares GLib for a VolumeProvider.
+/// Owns:    nothing.
+/// Threads: the one that constructs it, while the process has no other.
+/// Fails:   never.
 class VolumeProviderImpl {
 public:
-    /// To be made while the process has one thread.
+    /// Create it while the process has only one thread.
     VolumeProviderImpl();
     VolumeProviderImpl(const VolumeProviderImpl&) = delete;
     VolumeProviderImpl& operator=(const VolumeProviderImpl&) = delete;

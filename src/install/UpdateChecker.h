@@ -10,10 +10,10 @@
 
 namespace agent::install {
 
-/// The place of a periodic update check among the services. On this system updates come with the packages of
-/// the distribution, so nothing is checked; the slot and what it would be given are kept.
+/// A placeholder for a service that periodically checks for updates. On Linux, updates come as packages of
+/// the distribution, so this class checks nothing; its constructor takes what a real check would need.
 /// Owns:    nothing.
-/// Threads: none of its own.
+/// Threads: any thread may call it; it has no thread of its own.
 /// Fails:   never.
 class UpdateChecker : public IService {
 public:

@@ -12,10 +12,10 @@ struct Route {
     std::string_view name;
     std::string_view method;
     std::string_view url;
-    bool isPrefix = false; ///< The URL goes on with the ID of a backup.
+    bool isPrefix = false; ///< A backup's ID follows in the URL.
 };
 
-/// In the order of the tests.
+/// classifyAPICall takes the first route that matches.
 constexpr std::array routes = {
     Route{APICall::basichost, "basichost", "GET", "/basichost"},
     Route{APICall::pair, "pair", "POST", "/pair"},

@@ -4,7 +4,8 @@
 
 namespace agent::ordak {
 
-/// What a request asks for, by method and URL. The numbers index the interpreter's table of handlers.
+/// The calls of the device API; method and URL of a request select one. The numbers index the interpreter's
+/// table of handlers.
 enum class APICall {
     basichost = 0,
     pair = 1,
@@ -30,7 +31,7 @@ enum class APICall {
     invalid = 21,
 };
 
-/// The call's name for log lines; "unknown" for a value that is none.
+/// The call's name for log lines; "unknown" for a value that isn't an enumerator.
 std::string apiCallName(APICall call);
 
 /// Finds the call of a request. URLs are compared exactly and case-sensitively.

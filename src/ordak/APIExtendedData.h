@@ -5,7 +5,7 @@
 
 namespace agent::ordak {
 
-/// What an API handler may want to know of a request besides its body.
+/// The data of a request, besides its body, that an API handler may need.
 struct APIExtendedData {
     int deviceId = -1;   ///< From the client's certificate.
     std::string ip;      ///< The client's address; may be empty.

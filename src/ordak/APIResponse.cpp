@@ -5,8 +5,8 @@
 namespace agent::ordak {
 
 APIResponse makeJsonResponse(const nlohmann::json& json, int status) {
-    // What came from a disk or a script need not be UTF-8; an answer with a replaced character serves the
-    // appliance better than none.
+    // Texts from a disk or a script may not be valid UTF-8. The appliance can do more with a response that
+    // has a replacement character than with no response.
     return {APIResponse::ContentType::json,
             json.empty() ? "" : json.dump(4, ' ', false, nlohmann::json::error_handler_t::replace), status};
 }

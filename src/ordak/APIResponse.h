@@ -6,7 +6,7 @@
 
 namespace agent::ordak {
 
-/// What an API handler answers with.
+/// The response of an API handler.
 struct APIResponse {
     enum class ContentType { plainText = 0, json = 1 };
 
@@ -15,8 +15,7 @@ struct APIResponse {
     int status = 200; ///< The HTTP status.
 };
 
-/// An answer of JSON, with an indent of 4 blanks. Null, an empty object and an empty array give an empty
-/// text.
+/// Makes a JSON response, indented by 4 blanks. Null, an empty object and an empty array give an empty text.
 APIResponse makeJsonResponse(const nlohmann::json& json, int status);
 
 } // namespace agent::ordak

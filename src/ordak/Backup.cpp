@@ -28,12 +28,12 @@ using nlohmann::json;
 using Attributes = std::unordered_map<std::string, VolumeAttributes>;
 
 constexpr std::uint32_t defaultTimeout = 60;
-constexpr std::size_t longestName = 4096; // bytes; as long as a path can be
+constexpr std::size_t maxNameBytes = 4096; // bytes; as long as a path can be
 constexpr std::uint32_t driverMethod = 0;
 constexpr std::uint32_t otherMethod = 1;
 
-/// What `convert` makes of the value under `key`. Everything that can be wrong with it is the caller's fault.
-/// The JSON library's texts are passed on as they are, all others name the key.
+/// Returns the result of `convert` for the value under `key`. All errors become bad_request, because the
+/// client has sent a wrong value. The JSON library's error texts stay unchanged; the others name the key.
 template <typename Convert>
 auto readKey(const json& object, const char* key, Convert convert) {
     try {
@@ -45,15 +45,15 @@ auto readKey(const json& object, const char* key, Convert convert) {
     }
 }
 
-/// The texts of a request become paths, names of scripts and strings of C libraries, where one with a NUL
-/// would end early and stand for something else. They also stand in many a line of the log.
+/// The texts of a request become paths, names of scripts and strings of C libraries: a NUL would end such a
+/// text early and change its meaning. They also appear in many log lines, so their length is limited.
 std::string requireText(std::string text, const std::string& key) {
     if (text.find('\0') != std::string::npos) {
         throw exception::bad_request("the text of '" + key + "' holds a NUL character");
     }
-    if (text.size() > longestName) {
+    if (text.size() > maxNameBytes) {
         throw exception::bad_request("the text of '" + key + "' is longer than " +
-                                     std::to_string(longestName) + " bytes");
+                                     std::to_string(maxNameBytes) + " bytes");
     }
     return text;
 }
@@ -62,8 +62,8 @@ std::string readText(const json& object, const char* key) {
     return requireText(readKey(object, key, [](const json& value) { return value.get<std::string>(); }), key);
 }
 
-/// A text that names something, and does so in the log too. Nothing that can be backed up, or to, is called
-/// by control characters.
+/// Reads a text that is a name, and appears in the log as such. No valid name of a volume, target or script
+/// has control characters.
 std::string readName(const json& object, const char* key) {
     std::string name = readText(object, key);
     if (std::any_of(name.begin(), name.end(),
@@ -73,7 +73,8 @@ std::string readName(const json& object, const char* key) {
     return name;
 }
 
-/// The JSON library's text where it is no number at all.
+/// Throws the JSON library's type error if `value` isn't a number, and std::out_of_range if it is above
+/// `largest` or negative.
 std::uint64_t toNumber(const json& value, std::uint64_t largest) {
     const std::optional<std::uint64_t> number = wholeNumber<std::uint64_t>(value);
     if (value.is_number() && (!number || *number > largest)) {
@@ -121,6 +122,8 @@ Backup::Backup(info::Logger& logger, core::IEngine& engine, FeatureManager& feat
     features.addFeature({"zephane", "2.0", "2.0"});
 }
 
+/// Reads the whole document and creates all transports before it calls the engine, so that an invalid request
+/// starts nothing.
 APIResponse Backup::operator()(const std::string& body) {
     info::LogEntry(logger, info::level::info) << "Handling backup start call";
     const json request = parseJson(body);
@@ -137,7 +140,7 @@ APIResponse Backup::operator()(const std::string& body) {
     auto session = std::make_unique<core::backup::BackupSession>(logger);
     Attributes attributes;
     for (const json& entry : request.at("volumes")) {
-        Volume volume = readVolume(entry, kind.largestLun);
+        Volume volume = readVolume(entry, kind.maxLun);
         insert(attributes, volume.guid, {volume.image.offset, type, std::move(volume.scripts)});
         session->addTransport(volume.guid, makeTransport(interface, kind, volume.image));
     }
@@ -147,7 +150,7 @@ APIResponse Backup::operator()(const std::string& body) {
     return {APIResponse::ContentType::plainText, std::move(id), 201};
 }
 
-Backup::Volume Backup::readVolume(const json& entry, std::uint64_t largestLun) {
+Backup::Volume Backup::readVolume(const json& entry, std::uint64_t maxLun) {
     Volume volume;
     volume.guid = readName(entry, "guid");
     volume.image.offset = readKey(entry, "offset", [](const json& value) {
@@ -155,7 +158,7 @@ Backup::Volume Backup::readVolume(const json& entry, std::uint64_t largestLun) {
     });
     volume.image.qualifiedName = readName(entry, "qualifiedName");
     volume.image.address = readName(entry, "target");
-    volume.image.lun = readLun(entry, largestLun);
+    volume.image.lun = readLun(entry, maxLun);
     volume.image.username = readText(entry, "username");
     volume.image.password = readText(entry, "password");
     const auto scripts =

@@ -15,13 +15,13 @@
 
 namespace agent::ordak {
 
-/// POST /backup: starts the backup that a JSON document describes, and answers with its ID at once.
+/// POST /backup: starts the backup that a JSON document describes, and responds at once with the backup's ID.
 /// Owns:    nothing between two requests.
-/// Threads: safe from any.
-/// Fails:   exception::bad_request for a volume or script that isn't described in full, for a text that holds
-///          a NUL or more than 4096 bytes, and for a name with any control character; the JSON library's
-///          errors for anything else in the document, and what the engine throws. Nothing has been started
-///          then; the transports made so far are gone.
+/// Threads: any thread may call it.
+/// Fails:   throws exception::bad_request for an incomplete volume or script, for a text with a NUL or more
+///          than 4096 bytes, and for a name with a control character; std::invalid_argument for Zephane v1
+///          and for a volume that occurs twice; the JSON library's errors for other mistakes in the document;
+///          and what the engine throws. No backup has been started then.
 class Backup {
 public:
     /// Announces the feature "zephane".
@@ -35,7 +35,7 @@ private:
         std::vector<core::backup::VolumeScript> scripts;
     };
 
-    [[nodiscard]] Volume readVolume(const nlohmann::json& entry, std::uint64_t largestLun);
+    [[nodiscard]] Volume readVolume(const nlohmann::json& entry, std::uint64_t maxLun);
     [[nodiscard]] core::backup::VolumeScript readScript(const nlohmann::json& script);
     [[nodiscard]] std::uint32_t readTimeout(const nlohmann::json& script, const std::string& name);
     [[nodiscard]] std::shared_ptr<core::ITransport> makeTransport(const std::string& interface,

@@ -6,8 +6,10 @@
 
 namespace agent::ordak {
 
-/// DELETE /backup/<id>: asks a backup to end. A refusal is an answer, not a failure.
-/// Threads: safe from any.
+/// DELETE /backup/<id>: cancels a backup. If the engine throws bad_request, the response has the reason.
+/// Owns:    nothing; the constructor's arguments must outlive it.
+/// Threads: any thread may call it.
+/// Fails:   throws what the engine throws, except bad_request.
 class BackupCancel {
 public:
     explicit BackupCancel(core::IEngine& engine) : engine(engine) {}

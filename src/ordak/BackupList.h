@@ -6,8 +6,10 @@
 
 namespace agent::ordak {
 
-/// GET /backup: the IDs of all backups that are remembered, by their state.
-/// Threads: safe from any.
+/// GET /backup: the IDs of all backups that the manager knows, grouped by their state.
+/// Owns:    nothing; the constructor's arguments must outlive it.
+/// Threads: any thread may call it.
+/// Fails:   never, unless memory runs out.
 class BackupList {
 public:
     BackupList(core::backup::IBackupManager& backups, info::Logger& logger);

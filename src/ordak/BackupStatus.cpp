@@ -48,7 +48,7 @@ const char* overallText(const Volumes& volumes) {
     return std::all_of(volumes.begin(), volumes.end(), isFinished) ? "finished" : "failed";
 }
 
-/// Null without volumes.
+/// Null if there are no volumes.
 json detailsOf(const Volumes& volumes) {
     json details;
     for (const VolumeBackupStatus& volume : volumes) {
@@ -57,7 +57,8 @@ json detailsOf(const Volumes& volumes) {
                            {"type", typeText(volume.backupType)},
                            {"transfer",
                             {{"bytesTransferred", volume.bytesTransferred},
-                             // Unsigned to the appliance: the -1 of a size not known yet is the largest one.
+                             // The appliance expects an unsigned number: a size that isn't known yet (-1)
+                             // becomes the largest one.
                              {"totalSize", static_cast<std::uint64_t>(volume.totalSize)}}}});
     }
     return details;

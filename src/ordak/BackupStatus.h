@@ -6,9 +6,10 @@
 
 namespace agent::ordak {
 
-/// GET /backup/<id>: how a backup is doing. To ask is a sign of life of the appliance.
-/// Threads: safe from any.
-/// Fails:   exception::bad_request for an unknown backup.
+/// GET /backup/<id>: the status of a backup. Each request also tells the backup that the appliance is alive.
+/// Owns:    nothing; the constructor's arguments must outlive it.
+/// Threads: any thread may call it.
+/// Fails:   throws exception::bad_request for an unknown backup.
 class BackupStatus {
 public:
     explicit BackupStatus(core::backup::IBackupManager& backups) : backups(backups) {}

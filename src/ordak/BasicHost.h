@@ -6,9 +6,10 @@
 
 namespace agent::ordak {
 
-/// GET /basichost: what a device may know of the machine before it is paired.
-/// Threads: safe from any.
-/// Fails:   never; see hostFact.
+/// GET /basichost: the properties of the machine that a device may know before it is paired.
+/// Owns:    nothing; the constructor's arguments must outlive it.
+/// Threads: any thread may call it.
+/// Fails:   never; the response contains "[ERROR]" for a property that isn't available.
 class BasicHost {
 public:
     BasicHost(info::Logger& logger, const info::SystemInfoProvider& systemInfo)

@@ -7,7 +7,7 @@
 
 namespace agent {
 
-/// A failure of libcurl: what was being done, and the library's code.
+/// A failure of libcurl: the failed operation, and the library's error code.
 class CURLError : public exception::generic_library_error<CURLcode> {
 public:
     CURLError(const std::string& message, CURLcode code)

@@ -11,17 +11,17 @@
 namespace agent::ordak {
 namespace {
 
-constexpr std::size_t largestFile = 20'000;
+constexpr std::size_t maxFileBytes = 20'000;
 
-/// Far above what fits into a certificate that a TLS handshake can carry in practice.
-constexpr std::size_t longestDistinguishedName = 65'536;
+/// Far longer than any name in a certificate that a TLS handshake can transmit in practice.
+constexpr std::size_t maxDistinguishedNameBytes = 65'536;
 
 using NameGetter = int (*)(gnutls_x509_crt_t, char*, std::size_t*);
 
 DistinguishedName readName(gnutls_x509_crt_t crt, NameGetter getter) {
     std::size_t size = 0;
     getter(crt, nullptr, &size);
-    if (size == 0 || size > longestDistinguishedName) {
+    if (size == 0 || size > maxDistinguishedNameBytes) {
         return {};
     }
     std::string text(size, '\0');
@@ -42,7 +42,7 @@ gnutls_datum_t datumOf(std::string& bytes) {
     return datum;
 }
 
-/// Reads until `bytes` is full or the file ends. A file that can't be read counts as empty.
+/// Returns at most the first `bytes` bytes of a file: those before the first read error.
 std::string readAtMost(int descriptor, std::size_t bytes) {
     std::string content(bytes, '\0');
     content.resize(os::readUpTo(descriptor, std::as_writable_bytes(std::span(content))).bytes);
@@ -50,13 +50,13 @@ std::string readAtMost(int descriptor, std::size_t bytes) {
 }
 
 std::string readCertificateFile(const std::string& path) {
-    // Nothing that someone may have put there, like a pipe without a writer, holds the caller up.
+    // O_NONBLOCK, because opening a pipe without a writer, which somebody may have put there, would block.
     const os::FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     if (!file) {
         throw std::invalid_argument("Failed to import file as certificate (failed to open file)");
     }
-    std::string content = readAtMost(file.get(), largestFile + 1);
-    if (content.size() > largestFile) {
+    std::string content = readAtMost(file.get(), maxFileBytes + 1);
+    if (content.size() > maxFileBytes) {
         throw std::invalid_argument("Failed to import file as certificate (file too large)");
     }
     return content;
@@ -128,7 +128,7 @@ void Certificate::importLocal(gnutls_session_t session) {
 }
 
 void Certificate::importPeer(gnutls_session_t session) {
-    // Whom the chain leads to is not looked at here: the caller has rules of its own for that.
+    // The status of the certificate chain is ignored here: the caller checks the chain by its own rules.
     unsigned status = 0;
     if (gnutls_certificate_verify_peers2(session, &status) < 0) {
         throw std::runtime_error("Failed to verify peer certificate");

@@ -11,16 +11,16 @@
 
 namespace agent::ordak {
 
-/// One X.509 certificate, with the parts of its names that the agent looks at.
+/// One X.509 certificate, with the parts of its names that the agent uses.
 /// Owns:    the GnuTLS handle; an object that has been moved from has none.
-/// Threads: one at a time.
-/// Fails:   by std::runtime_error or std::invalid_argument when it can't be loaded. A name that can't be
-///          read, or is longer than any real one, counts as empty.
+/// Threads: one thread at a time.
+/// Fails:   the constructors throw std::runtime_error or std::invalid_argument if they can't load the
+///          certificate. A name that can't be read, or is too long to be real, counts as empty.
 class Certificate {
 public:
     enum class Kind { local = 0, peer = 1 };
 
-    /// Our own certificate of a TLS session, or the other side's.
+    /// Loads the local certificate of a TLS session, or the peer's.
     Certificate(Kind kind, gnutls_session_t session);
     /// Loads the first certificate of a PEM file of at most 20,000 bytes.
     explicit Certificate(const std::string& path);
@@ -31,7 +31,8 @@ public:
     [[nodiscard]] gnutls_x509_crt_t handle() const noexcept { return crt.get(); }
 
     /// Checks that `signature` of `data` was made with the key of this certificate, which must be valid now.
-    /// Returns GnuTLS's verdict: negative if it wasn't, and GNUTLS_E_EXPIRED for an expired certificate.
+    /// Returns GnuTLS's result: negative if the signature is wrong, GNUTLS_E_EXPIRED if the certificate has
+    /// expired. Throws std::runtime_error if the certificate isn't valid yet or its key can't be loaded.
     [[nodiscard]] int verifyData(gnutls_sign_algorithm_t algorithm, const std::string& data,
                                  const std::string& signature) const;
 

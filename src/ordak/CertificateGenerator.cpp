@@ -24,8 +24,8 @@ using X509Certificate = std::shared_ptr<gnutls_x509_crt_int>;
 
 constexpr unsigned keyBits = 2048;
 
-/// The device API reads no larger certificate file.
-constexpr std::size_t longestCertificate = 20000;
+/// The device API doesn't read larger certificate files.
+constexpr std::size_t maxCertificateBytes = 20000;
 
 void check(int code, const char* message) {
     if (code < 0) {
@@ -50,7 +50,7 @@ std::string exportPem(Handle* handle, int (*exporter)(Handle*, gnutls_x509_crt_f
     }
     std::string pem(size, '\0');
     check(exporter(handle, GNUTLS_X509_FMT_PEM, pem.data(), &size), message);
-    pem.resize(size); // without the NUL that the size needed included
+    pem.resize(size); // without the NUL, which the first size includes
     return pem;
 }
 
@@ -75,7 +75,7 @@ void sign(gnutls_x509_crq_t crq, gnutls_x509_privkey_t key) {
     check(gnutls_x509_crq_sign2(crq, key, GNUTLS_DIG_SHA256, 0), "gnutls_x509_crq_sign2 failed");
 }
 
-/// Services that sign know a request by its standard marker; GnuTLS writes an older one.
+/// Signing services recognise a request by its standard PEM marker; GnuTLS writes an older one.
 std::string withStandardMarker(std::string pem) {
     const std::string written = "NEW CERTIFICATE REQUEST";
     const std::string standard = "CERTIFICATE REQUEST";
@@ -93,13 +93,13 @@ std::string callName(const std::string& action) {
     return "curl request " + action;
 }
 
-/// What the service sent as a certificate. The text is stored as it is, so it has to be one that all of its
-/// readers take, also those that see a C string.
+/// Parses a certificate from the service. The text is stored unchanged, so all of its readers must accept it,
+/// including those that treat it as a C string.
 X509Certificate importCertificate(const std::string& action, const std::string& pem) {
     const std::string unusable = callName(action) + " certificate can't be used: ";
-    if (pem.size() > longestCertificate) {
+    if (pem.size() > maxCertificateBytes) {
         throw exception::bad_response(unusable + "it has " + std::to_string(pem.size()) + " bytes, at most " +
-                                      std::to_string(longestCertificate) + " are expected");
+                                      std::to_string(maxCertificateBytes) + " are expected");
     }
     if (pem.find('\0') != std::string::npos) {
         throw exception::bad_response(unusable + "it holds a NUL");
@@ -124,13 +124,13 @@ std::string keyId(Handle* handle, int (*getter)(Handle*, unsigned, unsigned char
     return {digest.data(), digest.data() + size};
 }
 
-bool belongTogether(gnutls_x509_crt_t certificate, gnutls_x509_privkey_t key) {
+bool keyMatches(gnutls_x509_crt_t certificate, gnutls_x509_privkey_t key) {
     return keyId(certificate, &gnutls_x509_crt_get_key_id, "gnutls_x509_crt_get_key_id failed") ==
            keyId(key, &gnutls_x509_privkey_get_key_id, "gnutls_x509_privkey_get_key_id failed");
 }
 
-/// Whether `issuer` has signed `certificate`. Their dates don't matter here: on its first start a machine may
-/// not have its clock set.
+/// Whether `issuer` has signed `certificate`. Ignores their validity periods: when the agent starts for the
+/// first time, the machine's clock may not be set yet.
 bool hasIssued(gnutls_x509_crt_t issuer, gnutls_x509_crt_t certificate) {
     constexpr unsigned refusals = GNUTLS_CERT_SIGNER_NOT_FOUND | GNUTLS_CERT_SIGNER_NOT_CA |
                                   GNUTLS_CERT_SIGNATURE_FAILURE | GNUTLS_CERT_SIGNER_CONSTRAINTS_FAILURE;
@@ -140,8 +140,8 @@ bool hasIssued(gnutls_x509_crt_t issuer, gnutls_x509_crt_t certificate) {
     return (status & refusals) == 0;
 }
 
-/// The authority decides who may give the agent orders. One that has nothing to do with the agent's own
-/// certificate is no answer to what was asked.
+/// The authority decides which devices may give the agent orders, so it must be the one that has issued the
+/// agent's own certificate.
 void checkIssuer(const Certificates& certificates) {
     const std::string action = "retrieveCaCert";
     const X509Certificate own = importCertificate("issueCert", certificates.certificate);
@@ -153,7 +153,7 @@ void checkIssuer(const Certificates& certificates) {
 
 } // namespace
 
-/// Keeps GnuTLS and libgcrypt set up.
+/// Initialises GnuTLS and libgcrypt. The destructor releases GnuTLS.
 class CertificateGenerator::Library {
 public:
     Library() {
@@ -170,7 +170,7 @@ public:
     ~Library() { gnutls_global_deinit(); }
 
 private:
-    /// libgcrypt has to be set up once before threads use it; it keeps that until the process ends.
+    /// libgcrypt must be initialised once before threads use it, and stays so until the process ends.
     static void initGcrypt() {
         gcry_check_version(nullptr);
         if (const gcry_error_t code = gcry_control(GCRYCTL_INITIALIZATION_FINISHED, 0); code != 0) {
@@ -231,7 +231,7 @@ std::string CertificateGenerator::issueCert() {
                                        {"action", action},
                                        {"key", serviceKey},
                                        {"certificateRequest", requestPem}});
-    if (!belongTogether(importCertificate(action, pem).get(), key.get())) {
+    if (!keyMatches(importCertificate(action, pem).get(), key.get())) {
         throw exception::bad_response(callName(action) + " certificate can't be used: it is for another key");
     }
     return pem;
@@ -262,7 +262,7 @@ std::string CertificateGenerator::request(const std::string& action, const nlohm
     if (content.at("status") != "success") {
         throw exception::bad_response(callName(action) + " status: failed");
     }
-    if (!isSuccess) { // an answer that contradicts itself is none to build an identity on
+    if (!isSuccess) { // the body says success, the HTTP status doesn't: such a certificate can't be trusted
         throw exception::bad_response(callName(action) + " answered with HTTP status " +
                                       std::to_string(answer.status));
     }

@@ -11,23 +11,24 @@
 
 namespace agent::ordak {
 
-/// Makes the agent's TLS identity: a private key, which never leaves the machine, and a request for a
-/// certificate, which the certificate service signs.
-/// Owns:    the key, and a use of GnuTLS until it goes.
-/// Threads: one.
-/// Fails:   GnuTlsError, GCryptError; what the service throws; exception::bad_response for an answer that
-///          can't be used. Nothing is written unless all parts are there and belong together.
+/// Creates the agent's TLS identity: a private key, which never leaves the machine, and a certificate
+/// request, which the certificate service signs.
+/// Owns:    the key, and the initialisation of GnuTLS until the object is destroyed.
+/// Threads: one thread only.
+/// Fails:   `generate` throws GnuTlsError, GCryptError, what the service throws, exception::bad_response for
+///          an unusable answer, and what storeCertificates throws. It stores nothing until all parts are
+///          there and belong together.
 class CertificateGenerator {
 public:
-    /// `hostName` is the name that the certificate is issued to; std::invalid_argument if it is empty.
-    /// `serviceKey` shows the service that an agent is asking.
+    /// `hostName` is the name that the certificate is issued to; throws std::invalid_argument if it is empty.
+    /// `serviceKey` identifies the client as an agent to the service.
     CertificateGenerator(info::Logger& logger, std::string hostName, std::string serviceKey,
                          ICertificateService& service);
     CertificateGenerator(const CertificateGenerator&) = delete;
     CertificateGenerator& operator=(const CertificateGenerator&) = delete;
     ~CertificateGenerator();
 
-    /// Makes a new identity and stores it; see storeCertificates.
+    /// Creates a new identity and stores it; see storeCertificates.
     void generate();
 
 private:
@@ -38,14 +39,14 @@ private:
     void initCrq(const std::string& subject);
     std::string issueCert();
     std::string retrieveCaCert();
-    /// Returns the "certificate" of the answer.
+    /// Sends a request and returns the "certificate" from the answer.
     std::string request(const std::string& action, const nlohmann::json& json);
 
     info::Logger& logger;
     std::string hostName;
     std::string serviceKey;
     ICertificateService& service;
-    std::unique_ptr<Library> library; // before the key, so that the key goes first
+    std::unique_ptr<Library> library; // before the key, so that the key is destroyed first
     std::shared_ptr<gnutls_x509_privkey_int> key;
     std::string keyPem;
     std::string requestPem;

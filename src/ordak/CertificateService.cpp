@@ -10,7 +10,7 @@ namespace agent::ordak {
 
 namespace {
 
-/// Keeps libcurl set up.
+/// Initialises libcurl, and releases it at the end of the scope.
 class CurlLibrary {
 public:
     CurlLibrary() {
@@ -23,7 +23,6 @@ public:
     ~CurlLibrary() { curl_global_cleanup(); }
 };
 
-/// A list of request headers.
 class Headers {
 public:
     void add(const char* header) {
@@ -49,7 +48,7 @@ struct Body {
     std::string text;
     bool tooLong = false;
 
-    /// What libcurl calls with each piece; any return value but the piece's length ends the transfer.
+    /// libcurl calls this for each piece. Any return value other than the piece's length ends the transfer.
     static std::size_t append(const char* piece, std::size_t size, std::size_t count,
                               void* closure) noexcept {
         Body& body = *static_cast<Body*>(closure);
@@ -61,7 +60,7 @@ struct Body {
         try {
             body.text.append(piece, length);
         } catch (const std::exception&) {
-            return 0; // libcurl's C code must not be unwound; it reports a failed write
+            return 0; // an exception must not pass through libcurl's C code, which reports a failed write
         }
         return length;
     }
@@ -86,7 +85,7 @@ public:
 
     CURLcode perform() { return curl_easy_perform(handle.get()); }
 
-    /// The library's own words on what went wrong; may be empty.
+    /// The library's own error message; may be empty.
     [[nodiscard]] std::string failure() const { return details.data(); }
 
     [[nodiscard]] long status() const {
@@ -96,7 +95,7 @@ public:
     }
 
 private:
-    std::array<char, CURL_ERROR_SIZE> details{}; // written to by the handle until it has gone
+    std::array<char, CURL_ERROR_SIZE> details{}; // the handle writes to it until it is destroyed
     std::shared_ptr<CURL> handle;
 };
 
@@ -110,7 +109,7 @@ void limitTrust(Transfer& transfer) {
 }
 
 void limitTime(Transfer& transfer, const CertificateServiceLimits& limits) {
-    transfer.set(CURLOPT_NOSIGNAL, 1L); // the agent's signals are its own
+    transfer.set(CURLOPT_NOSIGNAL, 1L); // libcurl must not touch the agent's signal handlers
     transfer.set(CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(limits.connect.count()));
     transfer.set(CURLOPT_TIMEOUT_MS, static_cast<long>(limits.total.count()));
 }
@@ -120,6 +119,7 @@ void limitTime(Transfer& transfer, const CertificateServiceLimits& limits) {
 CertificateService::CertificateService(const std::string& host, CertificateServiceLimits limits)
     : url("https://" + host + "/certApi.php"), limits(limits) {}
 
+/// Initialises libcurl for each call: the agent only needs it while it has no certificates yet.
 ICertificateService::Answer CertificateService::put(const std::string& action, const std::string& json) {
     const CurlLibrary library;
     Headers headers;

@@ -8,11 +8,11 @@
 
 namespace agent::ordak {
 
-/// How much of a certificate service the agent puts up with. A service that is slow or sends without end must
-/// not keep the agent from telling what is wrong.
+/// The limits of a request to the certificate service. A service that is slow or sends endless data must not
+/// prevent the agent from reporting the error.
 struct CertificateServiceLimits {
-    std::chrono::milliseconds connect = std::chrono::seconds(30); ///< Until the connection stands.
-    std::chrono::milliseconds total = std::chrono::seconds(60);   ///< Until the answer is there.
+    std::chrono::milliseconds connect = std::chrono::seconds(30); ///< Until the connection is established.
+    std::chrono::milliseconds total = std::chrono::seconds(60);   ///< Until the answer is complete.
     std::size_t answerBytes = std::size_t{1024} * 1024;
 };
 
@@ -23,11 +23,12 @@ struct CertificateServiceLimits {
 /// proxy of the environment is used.
 ///
 /// Owns:    nothing between calls.
-/// Threads: as the interface; not beside other threads that use libcurl, whose set-up isn't safe there.
-/// Fails:   CURLError for a transfer that doesn't succeed, bad_response for an answer above the limit.
+/// Threads: one thread at a time, and only while no other thread uses libcurl, because initialising libcurl
+///          isn't thread-safe.
+/// Fails:   `put` throws CURLError if the transfer fails, and bad_response if the answer exceeds the limit.
 class CertificateService : public ICertificateService {
 public:
-    /// `host` may carry a port: "host:port".
+    /// `host` may include a port: "host:port".
     explicit CertificateService(const std::string& host, CertificateServiceLimits limits = {});
 
     Answer put(const std::string& action, const std::string& json) override;

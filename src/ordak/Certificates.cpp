@@ -21,15 +21,16 @@ std::string read(const char* name) {
     std::ifstream file((certificatesDirectory() / name).str(), std::ios::binary);
     std::ostringstream content;
     content << file.rdbuf();
-    return content.fail() ? "" : content.str(); // also where only a part could be read
+    return content.fail() ? "" : content.str(); // empty, too, if only part of the file could be read
 }
 
 Certificates readAll() {
     return {read(keyName), read(certificateName), read(caName)};
 }
 
-/// A key that others can read is narrowed, and the administrator told: it may have been read before.
-void closeKey(info::Logger& logger) {
+/// If others than the owner can use the key, restricts its permissions and warns the administrator: somebody
+/// may have read the key before.
+void restrictKeyPermissions(info::Logger& logger) {
     const std::string path = certificatesDirectory() / keyName;
     constexpr mode_t others = S_IRWXG | S_IRWXO;
     struct ::stat found{};
@@ -57,8 +58,8 @@ std::string missing(const Certificates& certificates) {
     throw std::runtime_error(message);
 }
 
-/// Runs what changes one of the files.
-void change(info::Logger& logger, const char* name, const std::function<void(const Path&)>& action) {
+/// Calls `action`, which changes one of the files. On failure logs the reason and throws std::runtime_error.
+void changeOrThrow(info::Logger& logger, const char* name, const std::function<void(const Path&)>& action) {
     try {
         action(certificatesDirectory() / name);
     } catch (const std::exception& error) {
@@ -68,7 +69,7 @@ void change(info::Logger& logger, const char* name, const std::function<void(con
 }
 
 void write(info::Logger& logger, const char* name, const std::string& content, mode_t mode) {
-    change(logger, name, [&](const Path& path) { file::replace(path, content, mode); });
+    changeOrThrow(logger, name, [&](const Path& path) { file::replace(path, content, mode); });
 }
 
 } // namespace
@@ -78,7 +79,7 @@ Path certificatesDirectory() {
 }
 
 void loadOrCreate(Certificates& certificates, info::Logger& logger, const std::function<void()>& generate) {
-    closeKey(logger);
+    restrictKeyPermissions(logger);
     certificates = readAll();
     const std::string missingAtFirst = missing(certificates);
     if (missingAtFirst.empty()) {
@@ -98,7 +99,7 @@ void loadOrCreate(Certificates& certificates, info::Logger& logger, const std::f
 
 void storeCertificates(const Certificates& certificates, info::Logger& logger) {
     dir::make(certificatesDirectory());
-    change(logger, caName, [](const Path& path) {
+    changeOrThrow(logger, caName, [](const Path& path) {
         if (file::exists(path)) {
             file::remove(path);
         }

@@ -12,22 +12,23 @@ namespace agent::ordak {
 struct Certificates {
     std::string key;         ///< "server.key": the private key.
     std::string certificate; ///< "server.pem": the agent's own certificate, for that key.
-    std::string ca;          ///< "ca.crt": the authority that has issued it, and those of the devices.
+    std::string ca;          ///< "ca.crt": the authority that issues this certificate and the devices'.
 };
 
 /// "certs" below the base directory.
 Path certificatesDirectory();
 
-/// Reads the three files. A key that others than its owner can read is closed to them, with a warning. If one
-/// is missing or empty, `generate` has to make them all, and they are read again. Whether key and certificate
-/// belong together is not asked here: the TLS library refuses a pair that doesn't, so that the server won't
-/// start with it. Throws std::runtime_error, which names the missing files, after logging the same text.
+/// Reads the three files. If others than its owner can read the key, restricts its permissions and logs a
+/// warning. If a file is missing or empty, calls `generate`, which must create all three, and reads them
+/// again. Doesn't check that key and certificate belong together: if they don't, the TLS library refuses
+/// them, and the server doesn't start. Throws std::runtime_error, which names the missing files, after
+/// logging the same text.
 void loadOrCreate(Certificates& certificates, info::Logger& logger, const std::function<void()>& generate);
 
-/// Replaces the three files, creating the directory if needed. Whatever interrupts this, no key stands beside
-/// a certificate of another one in a set that looks complete: "ca.crt" is taken away first and comes back
-/// last, and without it the next start makes everything anew. Throws std::runtime_error with the name of the
-/// file that can't be written; the system's reason is logged.
+/// Replaces the three files, and creates the directory if needed. Removes "ca.crt" first and writes it last:
+/// if this is interrupted, "ca.crt" is missing, and the next start creates everything anew. So a key is never
+/// used with a certificate for another key. Throws std::runtime_error with the name of the file that can't be
+/// written, and logs the system's reason.
 void storeCertificates(const Certificates& certificates, info::Logger& logger);
 
 } // namespace agent::ordak

@@ -6,7 +6,9 @@
 namespace agent::ordak {
 
 /// GET /config: the options that have been set.
-/// Threads: safe from any.
+/// Owns:    nothing; the constructor's arguments must outlive it.
+/// Threads: any thread may call it.
+/// Fails:   never, unless memory runs out.
 class ConfigGet {
 public:
     explicit ConfigGet(const IConfigData& config) : config(config) {}

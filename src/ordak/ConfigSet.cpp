@@ -24,7 +24,7 @@ nlohmann::json parse(const std::string& body) {
 APIResponse ConfigSet::operator()(const std::string& body) {
     const nlohmann::json pairs = parse(body);
     try {
-        const std::lock_guard lock(mutex);
+        const os::Lock lock(mutex);
         config.set(pairs);
     } catch (const std::exception& error) {
         throw exception::bad_request(std::string("Failed to set config options: ") + error.what());

@@ -2,14 +2,14 @@
 
 #include "common/config/IConfigData.h"
 #include "ordak/APIResponse.h"
-
-#include <mutex>
+#include "os/Mutex.h"
 
 namespace agent::ordak {
 
 /// POST /config: sets the options of a JSON object, all or none of them.
-/// Threads: safe from any.
-/// Fails:   exception::bad_request for a body that is no JSON or holds a pair that can't be set.
+/// Owns:    nothing; the constructor's arguments must outlive it.
+/// Threads: any thread may call it.
+/// Fails:   throws exception::bad_request if the body isn't JSON or contains a pair that can't be set.
 class ConfigSet {
 public:
     explicit ConfigSet(IConfigData& config) : config(config) {}
@@ -17,7 +17,7 @@ public:
 
 private:
     IConfigData& config;
-    std::mutex mutex; // one change at a time, as the configuration requires
+    os::Mutex mutex; // one change at a time, as the configuration requires
 };
 
 } // namespace agent::ordak

@@ -7,7 +7,7 @@
 namespace agent::ordak {
 namespace {
 
-/// The byte that the first two characters write in hexadecimal.
+/// The byte that the first two characters denote in hexadecimal, or nothing.
 std::optional<char> hexadecimalByte(std::string_view text) {
     if (text.size() < 2) {
         return std::nullopt;
@@ -20,7 +20,7 @@ std::optional<char> hexadecimalByte(std::string_view text) {
     return static_cast<char>(value);
 }
 
-/// The pieces of a name, without their escapes. A backslash at the very end stands for itself.
+/// Splits a name into its pieces and resolves the escapes. Keeps a backslash at the very end.
 std::vector<std::string> pieces(std::string_view text) {
     std::vector<std::string> found(1);
     for (std::size_t at = 0; at < text.size(); ++at) {

@@ -5,9 +5,10 @@
 
 namespace agent::ordak {
 
-/// GET /v2/driver/status: what the snapshot driver tells of itself.
-/// Threads: safe from any.
-/// Fails:   never for a driver that isn't there or can't be read; the answer says so.
+/// GET /v2/driver/status: the snapshot driver's own description of its state.
+/// Owns:    nothing; the constructor's arguments must outlive it.
+/// Threads: any thread may call it.
+/// Fails:   never; if the driver isn't loaded or its status can't be read, the response says "Not Available".
 class DriverStatus {
 public:
     explicit DriverStatus(const IDriverInfoProvider& driverInfo) : driverInfo(driverInfo) {}

@@ -7,14 +7,15 @@
 namespace agent::ordak {
 
 /// GET /v2/feature: the features of this agent.
-/// Threads: safe from any.
-/// Fails:   std::out_of_range for a feature that isn't there, the JSON library's errors for a body that is
-///          no array of strings.
+/// Owns:    nothing; the constructor's arguments must outlive it.
+/// Threads: any thread may call it.
+/// Fails:   throws std::out_of_range for an unknown feature, and the JSON library's errors if the body isn't
+///          an array of strings.
 class FeatureApi {
 public:
     FeatureApi(info::Logger& logger, const FeatureManager& features);
 
-    /// An empty body asks for all features, a JSON array of names for these, in its order.
+    /// An empty body requests all features. A JSON array of names requests these features, in this order.
     APIResponse operator()(const std::string& body) const;
 
 private:

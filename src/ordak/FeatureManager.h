@@ -9,14 +9,15 @@ namespace agent::ordak {
 struct Feature {
     std::string name;
     std::string version;
-    std::string minVersion; ///< The oldest version that the agent still speaks.
+    std::string minVersion; ///< The oldest version that the agent still supports.
 
     bool operator==(const Feature&) const = default;
 };
 
 /// The features that the appliance can discover.
 /// Owns:    the features.
-/// Threads: filled while the agent is put together, only read afterwards; no lock.
+/// Threads: no lock: one thread adds the features while the agent is composed; after that, any thread may
+///          call `getFeatures`.
 /// Fails:   never.
 class FeatureManager {
 public:
@@ -29,7 +30,7 @@ public:
 
     /// Replaces an earlier feature of the same name.
     virtual void addFeature(Feature feature);
-    /// By name.
+    /// Returns all features, by name.
     [[nodiscard]] virtual Features getFeatures() const;
 
 private:

@@ -9,7 +9,7 @@ namespace {
 
 std::string describe(unsigned int code) {
     std::array<char, 1024> buffer{};
-    gpg_strerror_r(code, buffer.data(), buffer.size()); // a text that is too long is cut, and still ended
+    gpg_strerror_r(code, buffer.data(), buffer.size()); // cuts off a long text, and always terminates it
     return buffer.data();
 }
 

@@ -7,7 +7,7 @@
 
 namespace agent::ordak {
 
-/// A failure of GnuTLS: what was being done, and the library's code.
+/// A failure of GnuTLS: the failed operation, and the library's error code.
 class GnuTlsError : public exception::generic_library_error<int> {
 public:
     GnuTlsError(const std::string& message, int code)

@@ -12,10 +12,10 @@ namespace {
 
 constexpr const char* plainText = "text/plain";
 
-/// Where the ID of a backup begins in the URLs that hold one.
+/// Where the backup's ID begins in the URLs that contain one.
 constexpr std::size_t urlDataPosition = std::string_view("/backup/").size();
 
-/// What a device needs before it can be paired.
+/// Whether a device that isn't paired may make this call: those that it needs for the pairing.
 bool isOpenToAll(APICall call) {
     switch (call) {
     case APICall::basichost:
@@ -29,8 +29,8 @@ bool isOpenToAll(APICall call) {
     }
 }
 
-/// What somebody has sent, as it may stand in a line of the log.
-std::string shown(const std::string& text) {
+/// Makes a text from a request printable, and short enough for a log line.
+std::string forLog(const std::string& text) {
     return printable(shortened(text));
 }
 
@@ -67,13 +67,13 @@ int HTTPInterpreter::interpret(int deviceId, std::string ip, std::string method,
                                std::string data, // NOLINT(performance-unnecessary-value-param)
                                std::string& contentType, std::string& response) const {
     const APICall call = classifyAPICall(method, url);
-    if (call != APICall::backupStatus) { // which the appliance polls
+    if (call != APICall::backupStatus) { // the appliance polls this call
         info::LogEntry(logger, info::level::debug) << "Handling request";
         info::LogEntry(logger, info::level::debug) << "Request from device id: " << deviceId;
         info::LogEntry(logger, info::level::debug) << "IPV4: " << ip;
-        info::LogEntry(logger, info::level::debug) << "METHOD: " << shown(method);
-        info::LogEntry(logger, info::level::debug) << "URL: " << shown(url);
-        info::LogEntry(logger, info::level::debug) << "DATA: " << shown(data);
+        info::LogEntry(logger, info::level::debug) << "METHOD: " << forLog(method);
+        info::LogEntry(logger, info::level::debug) << "URL: " << forLog(url);
+        info::LogEntry(logger, info::level::debug) << "DATA: " << forLog(data);
     }
     contentType = plainText;
     if (call == APICall::invalid) {

@@ -12,25 +12,25 @@
 
 namespace agent::ordak {
 
-/// Turns one finished HTTP request into the call of a handler, and what comes of it into an answer.
+/// Calls the handler for each complete HTTP request, and turns its result or exception into a response.
 /// Owns:    the table of handlers; the loggers must outlive it.
-/// Threads: `interpret` from any thread at once; the table is filled before the first of them. A handler
-///          runs on its caller's thread and takes care of what it shares with others.
-/// Fails:   never for a std::exception of a handler, which becomes a status and a text. Anything else
-///          leaves `interpret`, and so does what the authorisation function throws. Texts of failures, and
-///          what is logged of a request, are cut where they get long: they may hold whole bodies.
+/// Threads: any thread may call `interpret`, several at once; all calls of `setCallback` come before. A
+///          handler runs on the caller's thread and must protect what it shares with others.
+/// Fails:   a std::exception of a handler becomes a status and a text. Any other exception leaves
+///          `interpret`, and so does one from the authorisation function. Error texts and logged parts of a
+///          request are shortened, because they may contain whole bodies.
 class HTTPInterpreter {
 public:
     using Handler = std::function<APIResponse(const std::string& body, const APIExtendedData& extended)>;
     using BodyHandler = std::function<APIResponse(const std::string& body)>;
     using PlainHandler = std::function<APIResponse()>;
-    /// Whether the device with this ID, calling from this address, is the one that the agent belongs to.
+    /// Whether the device with this ID, calling from this address, is the one that the agent is paired with.
     using Authorization = std::function<bool(int deviceId, const std::string& address)>;
 
     HTTPInterpreter(info::Logger& logger, info::Logger& securityLogger, Authorization isAuthorized);
 
-    /// Registers the handler of a call, in the place of an earlier one. A call that is none throws
-    /// std::out_of_range.
+    /// Registers the handler of a call and replaces an earlier one. Throws std::out_of_range for
+    /// APICall::invalid.
     void setCallback(APICall call, Handler handler);
     void setCallback(APICall call, BodyHandler handler);
     void setCallback(APICall call, PlainHandler handler);
@@ -41,7 +41,7 @@ public:
                   std::string& contentType, std::string& response) const;
 
 private:
-    static constexpr std::size_t callCount = 21;
+    static constexpr auto callCount = static_cast<std::size_t>(APICall::invalid);
 
     [[nodiscard]] bool mayCall(APICall call, int deviceId, const std::string& ip) const;
     int runHandler(APICall call, const std::string& data, const std::function<APIExtendedData()>& extended,

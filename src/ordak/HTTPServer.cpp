@@ -6,7 +6,7 @@
 #include "ordak/LibraryLog.h"
 #include "ordak/ListeningSocket.h"
 #include "ordak/RequestBody.h"
-#include "ordak/Strangers.h"
+#include "ordak/UnidentifiedConnections.h"
 #include "ordak/VerifyClient.h"
 
 #include <arpa/inet.h>
@@ -28,16 +28,16 @@ namespace {
 
 constexpr std::uint16_t port = 25567;
 constexpr unsigned connectionTimeoutSeconds = 120;
-/// For whoever has not been seen to be the paired device on this connection.
-constexpr unsigned strangerTimeoutSeconds = 10;
-constexpr std::size_t mostStrangers = 256;
+/// For connections that haven't been identified as the paired device's.
+constexpr unsigned unidentifiedTimeoutSeconds = 10;
+constexpr std::size_t maxUnidentified = 256;
 constexpr const char* tlsPriorities = "NORMAL:-VERS-TLS1.0:-DES-CBC:-3DES-CBC:-NULL";
 
 std::string textOf(const char* text) {
     return text == nullptr ? std::string() : std::string(text);
 }
 
-/// The client's certificate is asked for anew at each call, so a session is needed each time.
+/// Each call checks the client's certificate again, so each call needs the TLS session.
 gnutls_session_t tlsSessionOf(info::Logger& logger, MHD_Connection* connection) {
     const MHD_ConnectionInfo* const about =
         MHD_get_connection_info(connection, MHD_CONNECTION_INFO_GNUTLS_SESSION);
@@ -72,8 +72,8 @@ int socketOf(MHD_Connection* connection) {
     return about == nullptr ? -1 : about->connect_fd;
 }
 
-/// Decodes the %XX of a URL in place. One with a NUL stays as it was sent: the text would end there, and name
-/// something else than its sender has asked for.
+/// Decodes the %XX escapes of a URL in place. Leaves a text with %00 unchanged: the NUL would end the text
+/// and change its meaning.
 std::size_t unescape(void* /*closure*/, MHD_Connection* /*connection*/, char* text) noexcept {
     return std::strstr(text, "%00") == nullptr ? MHD_http_unescape(text) : std::strlen(text);
 }
@@ -122,8 +122,8 @@ public:
     void stop();
 
 private:
-    /// One request on its way in; the library keeps it from the first call of the request to its end. A
-    /// connection has one certificate, so whatever has come for a request is from one and the same sender.
+    /// One incoming request. The library keeps a pointer to it from the request's first call to its end. A
+    /// connection has one certificate, so all parts of a request come from the same sender.
     struct Request {
         explicit Request(std::atomic<std::size_t>& kept) : data(kept) {}
 
@@ -131,7 +131,7 @@ private:
         RequestBody data;
     };
 
-    /// What the library hands over at each call.
+    /// The arguments of one call from the library.
     struct Call {
         MHD_Connection* connection;
         std::string method;
@@ -154,10 +154,10 @@ private:
     MHD_Result process(const Call& call, Request& request);
     MHD_Result processChecked(const Call& call, Request& request, int deviceId);
     [[nodiscard]] bool isFromPaired(int deviceId) const;
-    void welcome(MHD_Connection* connection);
+    void markAsPaired(MHD_Connection* connection);
     [[nodiscard]] bool keepChunk(const std::string& chunk, Request& request, bool isFromPairedDevice);
-    std::optional<MHD_Result> takeBody(const Call& call, Request& request);
-    void takeArguments(MHD_Connection* connection, Request& request);
+    std::optional<MHD_Result> checkMethodAndBody(const Call& call, Request& request);
+    void readArguments(MHD_Connection* connection, Request& request);
     MHD_Result answer(const Call& call, Request& request, int deviceId);
 
     info::Logger& logger;
@@ -166,7 +166,7 @@ private:
     const std::string trust;
     const RequestFunction handler;
     const PairedFunction isPaired;
-    Strangers strangers{mostStrangers, std::chrono::seconds(strangerTimeoutSeconds)};
+    UnidentifiedConnections unidentified{maxUnidentified, std::chrono::seconds(unidentifiedTimeoutSeconds)};
     std::atomic<std::size_t> keptBytes = 0; // of the bodies of all requests
     std::shared_ptr<MHD_Daemon> daemon;     // its threads use all of the above
 };
@@ -185,21 +185,21 @@ void HTTPServer::Impl::start() {
     info::LogEntry(logger, info::level::info) << "HTTP server started";
 }
 
-/// Null, with `errno`, on failure.
+/// Returns null with `errno` set on failure.
 MHD_Daemon* HTTPServer::Impl::startDaemon() {
     ListeningSocket socket(port);
     MHD_Daemon* const started = socket ? startDaemon(socket.get()) : nullptr;
     if (started != nullptr) {
         socket.handOver();
     } else {
-        socket.takeBack();
+        socket.closeIfStillOpen();
     }
     return started;
 }
 
-/// By `poll`, since `select` knows no descriptor above 1023.
+/// Uses `poll`, because `select` can't handle descriptors above 1023.
 MHD_Daemon* HTTPServer::Impl::startDaemon(int socket) {
-    const TerminationSignalsBlocked inherited; // by the library's threads
+    const TerminationSignalsBlocked signalsBlocked; // by the library's threads
     return MHD_start_daemon(MHD_USE_TLS | MHD_USE_THREAD_PER_CONNECTION | MHD_USE_POLL, port, nullptr,
                             nullptr, access, this, MHD_OPTION_NOTIFY_COMPLETED, complete, this, //
                             MHD_OPTION_HTTPS_MEM_KEY, key.c_str(),                              //
@@ -233,10 +233,10 @@ void HTTPServer::Impl::noteConnection(void* closure, MHD_Connection* connection,
                                       MHD_ConnectionNotificationCode event) noexcept {
     Impl& self = *static_cast<Impl*>(closure);
     if (event == MHD_CONNECTION_NOTIFY_STARTED) {
-        MHD_set_connection_option(connection, MHD_CONNECTION_OPTION_TIMEOUT, strangerTimeoutSeconds);
-        self.strangers.enter(socketOf(connection));
+        MHD_set_connection_option(connection, MHD_CONNECTION_OPTION_TIMEOUT, unidentifiedTimeoutSeconds);
+        self.unidentified.add(socketOf(connection));
     } else {
-        self.strangers.leave(socketOf(connection));
+        self.unidentified.remove(socketOf(connection));
     }
 }
 
@@ -245,7 +245,7 @@ MHD_Result HTTPServer::Impl::access(void* closure, MHD_Connection* connection, c
                                     std::size_t* chunkBytes, void** requestClosure) noexcept {
     Impl& self = *static_cast<Impl*>(closure);
     try {
-        if (*requestClosure == nullptr) { // the first call of a request; there is more to come
+        if (*requestClosure == nullptr) { // the first call of a request; more calls follow
             *requestClosure = std::make_unique<Request>(self.keptBytes).release();
             return MHD_YES;
         }
@@ -281,18 +281,18 @@ MHD_Result HTTPServer::Impl::process(const Call& call, Request& request) {
 MHD_Result HTTPServer::Impl::processChecked(const Call& call, Request& request, int deviceId) {
     const bool isFromPairedDevice = isFromPaired(deviceId);
     if (isFromPairedDevice) {
-        welcome(call.connection);
+        markAsPaired(call.connection);
     }
     if (!keepChunk(call.chunk, request, isFromPairedDevice)) {
         return MHD_NO;
     }
-    if (const std::optional<MHD_Result> result = takeBody(call, request)) {
+    if (const std::optional<MHD_Result> result = checkMethodAndBody(call, request)) {
         return *result;
     }
     return answer(call, request, deviceId);
 }
 
-/// A pairing that can't be read makes nobody the paired device.
+/// If the pairing can't be read, no device counts as paired.
 bool HTTPServer::Impl::isFromPaired(int deviceId) const {
     try {
         return !isPaired || isPaired(deviceId);
@@ -301,8 +301,8 @@ bool HTTPServer::Impl::isFromPaired(int deviceId) const {
     }
 }
 
-void HTTPServer::Impl::welcome(MHD_Connection* connection) {
-    if (strangers.leave(socketOf(connection))) {
+void HTTPServer::Impl::markAsPaired(MHD_Connection* connection) {
+    if (unidentified.remove(socketOf(connection))) {
         MHD_set_connection_option(connection, MHD_CONNECTION_OPTION_TIMEOUT, connectionTimeoutSeconds);
     }
 }
@@ -312,23 +312,23 @@ bool HTTPServer::Impl::keepChunk(const std::string& chunk, Request& request, boo
     const bool isKept = request.data.append(chunk, isFromPairedDevice);
     if (!isKept) {
         info::LogEntry(logger, info::level::warning)
-            << "Request body is longer than " << RequestBody::mostBytes << " bytes";
+            << "Request body is longer than " << RequestBody::maxBytes << " bytes";
     } else if (request.data.isDropped() && !wasDropped) {
         info::LogEntry(logger, info::level::warning)
-            << "Request body of a device that isn't paired is longer than " << RequestBody::mostUnpairedBytes
+            << "Request body of a device that isn't paired is longer than " << RequestBody::maxUnpairedBytes
             << " bytes, and is dropped";
     }
     return isKept;
 }
 
-/// Returns what the library is to be told, or nothing if the request is complete.
-std::optional<MHD_Result> HTTPServer::Impl::takeBody(const Call& call, Request& request) {
+/// Returns the result for the library, or nothing if the request is complete.
+std::optional<MHD_Result> HTTPServer::Impl::checkMethodAndBody(const Call& call, Request& request) {
     if (call.method == "GET") {
         if (!call.chunk.empty()) {
             info::LogEntry(logger, info::level::warning) << "Invalid GET request. Data exists in body.";
             return MHD_NO;
         }
-        takeArguments(call.connection, request);
+        readArguments(call.connection, request);
         return std::nullopt;
     }
     if (call.method == "POST" || call.method == "PUT" || call.method == "DELETE") {
@@ -338,7 +338,7 @@ std::optional<MHD_Result> HTTPServer::Impl::takeBody(const Call& call, Request& 
     return MHD_NO;
 }
 
-void HTTPServer::Impl::takeArguments(MHD_Connection* connection, Request& request) {
+void HTTPServer::Impl::readArguments(MHD_Connection* connection, Request& request) {
     if (MHD_get_connection_values(connection, MHD_GET_ARGUMENT_KIND, collectArgument, &request.args) < 0) {
         info::LogEntry(logger, info::level::debug) << "no url args";
     }

@@ -1,7 +1,7 @@
 #include "ordak/Host.h"
 
-#include "ordak/HostFact.h"
 #include "ordak/OrdakAdapter.h"
+#include "ordak/PropertyOrError.h"
 
 #include <utility>
 
@@ -24,10 +24,10 @@ APIResponse Host::operator()(const std::string& /*body*/) {
     json host;
     addSystem(host);
     host["agentVersion"] = agentVersion;
-    host["driverVersion"] = hostFact(logger, [&] { return driverInfo.getDriverVersion(); });
+    host["driverVersion"] = propertyOrError(logger, [&] { return driverInfo.getDriverVersion(); });
     addFirmware(host);
     host["scriptsPrePost"] =
-        hostFact(logger, [&] { return OrdakAdapter::scripts(engine.getQuiesceScripts()); });
+        propertyOrError(logger, [&] { return OrdakAdapter::scripts(engine.getQuiesceScripts()); });
     addWriters(host);
     host["volumes"] = describeVolumes();
     return makeJsonResponse(host, 200);
@@ -35,20 +35,20 @@ APIResponse Host::operator()(const std::string& /*body*/) {
 
 void Host::addSystem(json& host) const {
     host["kernel"] = OrdakAdapter::kernel();
-    host["os"] = hostFact(logger, [&] { return systemInfo.getOSVersion(); });
-    host["os_arch"] = hostFact(logger, [&] { return systemInfo.getArchitecture(); });
+    host["os"] = propertyOrError(logger, [&] { return systemInfo.getOSVersion(); });
+    host["os_arch"] = propertyOrError(logger, [&] { return systemInfo.getArchitecture(); });
     host["os_version"] = OrdakAdapter::kernelVersion(kernelVersion());
-    host["hostname"] = hostFact(logger, [&] { return systemInfo.getHostName(); });
-    host["archBits"] = hostFact(logger, [&] { return systemInfo.getArchitectureBits(); });
-    host["cpus"] = hostFact(logger, [&] { return systemInfo.getCPUCount(); });
-    host["uptime"] = hostFact(logger, [&] { return systemInfo.getUptime(); });
-    host["ram"] = hostFact(logger, [&] { return systemInfo.getTotalRAM(); });
-    host["freeram"] = hostFact(logger, [&] { return systemInfo.getFreeRAM(); });
+    host["hostname"] = propertyOrError(logger, [&] { return systemInfo.getHostName(); });
+    host["archBits"] = propertyOrError(logger, [&] { return systemInfo.getArchitectureBits(); });
+    host["cpus"] = propertyOrError(logger, [&] { return systemInfo.getCPUCount(); });
+    host["uptime"] = propertyOrError(logger, [&] { return systemInfo.getUptime(); });
+    host["ram"] = propertyOrError(logger, [&] { return systemInfo.getTotalRAM(); });
+    host["freeram"] = propertyOrError(logger, [&] { return systemInfo.getFreeRAM(); });
 }
 
 void Host::addFirmware(json& host) const {
     const auto value = [&](const char* name) {
-        return hostFact(logger, [&] { return systemInfo.getSMBIOSValue(name); });
+        return propertyOrError(logger, [&] { return systemInfo.getSMBIOSValue(name); });
     };
     host["smbiosID"] = value(info::smbios::serial);
     host["smbiosName"] = value(info::smbios::name);
@@ -56,7 +56,7 @@ void Host::addFirmware(json& host) const {
     host["smbiosVendor"] = value(info::smbios::vendor);
 }
 
-/// The appliance can do without.
+/// Only logs a failure: the appliance doesn't need the writers.
 void Host::addWriters(json& host) const {
     try {
         host["VSSWriters"] = OrdakAdapter::writers(writersProvider.getWriters());
@@ -65,7 +65,7 @@ void Host::addWriters(json& host) const {
     }
 }
 
-/// All 0 where the kernel doesn't tell.
+/// All 0 if the version isn't available.
 info::KernelVersion Host::kernelVersion() const {
     try {
         return systemInfo.getKernelVersion();
@@ -75,9 +75,9 @@ info::KernelVersion Host::kernelVersion() const {
     }
 }
 
-/// Swap space is never mounted, and what isn't mounted has nobody to ask.
+/// Only a mounted file system can report its free space. Swap space is never mounted.
 json Host::spaceFree(const info::BackupableVolume& volume) const {
-    return volume.isMounted() ? hostFact(logger, [&] { return volume.getSpaceFree(); }) : json(0);
+    return volume.isMounted() ? propertyOrError(logger, [&] { return volume.getSpaceFree(); }) : json(0);
 }
 
 json Host::describeVolumes() const {

@@ -15,15 +15,16 @@
 namespace agent::ordak {
 
 /// GET /host: the machine, its volumes and its quiesce scripts.
-/// Owns:    nothing; what it asks must outlive it.
-/// Threads: safe from any.
-/// Fails:   with what the search for volumes throws; for the rest see hostFact.
+/// Owns:    nothing; the constructor's reference arguments must outlive it.
+/// Threads: any thread may call it.
+/// Fails:   throws std::runtime_error if the volumes can't be listed. Other errors are logged and don't fail
+///          the request: most properties are "[ERROR]" then.
 class Host {
 public:
     Host(info::Logger& logger, const info::SystemInfoProvider& systemInfo,
          const IDriverInfoProvider& driverInfo, const info::VolumeProvider& volumeProvider,
          core::IEngine& engine, IVSSWriterDetailsProvider& writersProvider, std::string agentVersion);
-    /// The body means nothing.
+    /// Ignores the body.
     APIResponse operator()(const std::string& body);
 
 private:

@@ -6,9 +6,9 @@ namespace agent::ordak {
 
 /// The service that signs the agents' certificates.
 /// Owns:    nothing that outlives a call.
-/// Threads: one caller at a time; a call blocks until the answer is there or the attempt is given up.
-/// Fails:   a service that can't be reached, can't be trusted or doesn't come to an end is an exception. Any
-///          answer at all is none: the caller judges it.
+/// Threads: one thread at a time; a call blocks until the answer has arrived or the request has timed out.
+/// Fails:   `put` throws if the service can't be reached, if its certificate can't be trusted, or if the
+///          answer doesn't arrive in time or is too large. The caller checks the HTTP status.
 class ICertificateService {
 public:
     struct Answer {
@@ -18,7 +18,7 @@ public:
 
     virtual ~ICertificateService() = default;
 
-    /// Sends a request, a JSON text. `action` is its name, for messages.
+    /// Sends `json`, a JSON text, as a request. `action` is the request's name, for messages.
     virtual Answer put(const std::string& action, const std::string& json) = 0;
 };
 

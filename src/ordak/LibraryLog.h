@@ -6,7 +6,7 @@
 
 namespace agent::ordak {
 
-/// Takes a message of the HTTP library, printf-like and with or without a newline, into the log.
+/// Logs a message of the HTTP library: a printf-like format, with or without a newline at the end.
 [[gnu::format(printf, 2, 0)]] void logLibraryMessage(info::Logger& logger, const char* format,
                                                      va_list arguments);
 

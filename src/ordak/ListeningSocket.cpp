@@ -10,14 +10,14 @@ namespace agent::ordak {
 
 namespace {
 
-/// 0 for what can't be looked at; no socket has that.
+/// The inode number of a socket; 0, which no socket has, if `descriptor` isn't a socket.
 ino_t identityOf(int descriptor) {
     struct ::stat status{};
     return ::fstat(descriptor, &status) == 0 && S_ISSOCK(status.st_mode) ? status.st_ino : 0;
 }
 
 bool listens(int socket, std::uint16_t port) {
-    const int on = 1; // or a start soon after a stop would find the port still in use
+    const int on = 1; // without SO_REUSEADDR the port would be in use for a while after a stop
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_port = htons(port);
@@ -37,7 +37,7 @@ ListeningSocket::ListeningSocket(std::uint16_t port)
     identity = socket ? identityOf(socket.get()) : 0;
 }
 
-void ListeningSocket::takeBack() noexcept {
+void ListeningSocket::closeIfStillOpen() noexcept {
     const int error = errno;
     if (identityOf(socket.get()) != identity) {
         (void)socket.release();

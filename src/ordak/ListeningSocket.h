@@ -7,11 +7,11 @@
 
 namespace agent::ordak {
 
-/// A TCP socket that listens on a port of all IPv4 addresses of the machine, for a library to take over. We
-/// make it ourselves, because libraries differ in what they tell and close when a port is in use.
+/// A TCP socket that listens on a port of all IPv4 addresses of the machine, for a library to take over. The
+/// agent creates it itself, because libraries differ in what they report and close if the port is in use.
 /// Owns:    the socket until it is handed over.
-/// Threads: one at a time.
-/// Fails:   an object without a socket, `errno` says why.
+/// Threads: one thread at a time.
+/// Fails:   if the constructor fails, the object has no socket, and `errno` has the reason.
 class ListeningSocket {
 public:
     explicit ListeningSocket(std::uint16_t port);
@@ -21,13 +21,13 @@ public:
 
     /// The library owns the socket from now on.
     void handOver() noexcept { (void)socket.release(); }
-    /// For a library that has failed: not each of them has closed the socket by then. What has its number now
-    /// may be somebody else's, and is left alone. Keeps `errno`.
-    void takeBack() noexcept;
+    /// Call this if the library has failed. Closes the socket unless the library has closed it: then another
+    /// file may have the descriptor's number by now, and stays open. Preserves `errno`.
+    void closeIfStillOpen() noexcept;
 
 private:
     os::FileDescriptor socket;
-    ino_t identity = 0; // of the socket; no other one of the machine has it
+    ino_t identity = 0; // the socket's inode number, which no other socket of the machine has
 };
 
 } // namespace agent::ordak

@@ -12,7 +12,7 @@ void LogEntries::addLine(Line line) {
         return;
     }
     lineBytes += line.message.size();
-    while (!lines.empty() && (lines.size() >= limit || lineBytes > largestList)) {
+    while (!lines.empty() && (lines.size() >= limit || lineBytes > maxListBytes)) {
         dropOldestLine();
     }
     lines.push_back(std::move(line));
@@ -23,7 +23,7 @@ void LogEntries::addError(std::string text) {
         return;
     }
     errorBytes += text.size();
-    while (!errors.empty() && (errors.size() >= limit || errorBytes > largestList)) {
+    while (!errors.empty() && (errors.size() >= limit || errorBytes > maxListBytes)) {
         dropOldestError();
     }
     errors.push_back(std::move(text));
@@ -34,14 +34,14 @@ bool LogEntries::continueLine(const std::string& raw) {
         return false;
     }
     std::string& message = lines.back().message;
-    const std::size_t room = longestMessage - std::min(message.size(), longestMessage);
+    const std::size_t room = maxMessageBytes - std::min(message.size(), maxMessageBytes);
     if (room == 0) {
         return true;
     }
     message += '\n';
     message.append(raw, 0, room - 1);
     lineBytes += 1 + std::min(raw.size(), room - 1);
-    while (lines.size() > 1 && lineBytes > largestList) {
+    while (lines.size() > 1 && lineBytes > maxListBytes) {
         dropOldestLine();
     }
     return true;

@@ -9,10 +9,10 @@
 
 namespace agent::ordak {
 
-/// The answer of a log query while it is collected: the newest lines, and the newest problems met.
-/// Owns:    at most `limit` entries in either list and 16 MiB of text in either; the oldest entries make way.
-/// Threads: one at a time.
-/// Fails:   never, but for want of memory.
+/// Collects the response to a log query: the newest lines and the newest errors.
+/// Owns:    two lists, each of at most `limit` entries and 16 MiB of text; new entries displace the oldest.
+/// Threads: one thread at a time.
+/// Fails:   only throws std::bad_alloc.
 class LogEntries {
 public:
     struct Line {
@@ -21,18 +21,18 @@ public:
         std::int64_t timestamp = 0; ///< Seconds since the epoch.
     };
 
-    /// In bytes. What continuation lines bring beyond them is dropped.
-    static constexpr std::size_t longestMessage = 1024UL * 1024;
-    static constexpr std::size_t largestList = 16 * longestMessage;
+    /// In bytes. Text of continuation lines beyond this is dropped.
+    static constexpr std::size_t maxMessageBytes = 1024UL * 1024;
+    static constexpr std::size_t maxListBytes = 16 * maxMessageBytes;
 
     explicit LogEntries(std::size_t limit) : limit(limit) {}
 
     void addLine(Line line);
     void addError(std::string text);
-    /// Appends a line to the newest message. False if there is none.
+    /// Appends a line to the newest message. Returns false if there is no message.
     bool continueLine(const std::string& raw);
 
-    /// The lists as a JSON object; they are empty afterwards.
+    /// Returns the lists as a JSON object; they are empty afterwards.
     nlohmann::json release();
 
 private:

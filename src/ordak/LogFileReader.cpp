@@ -41,7 +41,7 @@ bool LogFileReader::next(std::string& line) {
         const auto* const newline = static_cast<const char*>(std::memchr(rest, '\n', end - position));
         const std::size_t length =
             newline != nullptr ? static_cast<std::size_t>(newline - rest) : end - position;
-        line.append(rest, std::min(length, longestLine - line.size()));
+        line.append(rest, std::min(length, maxLineBytes - line.size()));
         position += length;
         if (newline != nullptr) {
             ++position;
@@ -51,7 +51,7 @@ bool LogFileReader::next(std::string& line) {
     return started;
 }
 
-/// False at the end of the file.
+/// Refills the buffer. Returns false at the end of the file.
 bool LogFileReader::fill() {
     ssize_t count = 0;
     do {

@@ -10,17 +10,17 @@ namespace agent::ordak {
 
 /// Reads a log file line by line, in constant memory.
 /// Owns:    the open file and one buffer.
-/// Threads: one at a time.
-/// Fails:   PosixError if the file can't be opened or read, std::runtime_error if it is no regular file: a
-///          pipe of that name would keep the request waiting for ever.
+/// Threads: one thread at a time.
+/// Fails:   throws PosixError if the file can't be opened or read. The constructor throws std::runtime_error
+///          if it isn't a regular file: reading from a pipe would block the request forever.
 class LogFileReader {
 public:
-    /// In bytes. What a longer line holds beyond them is dropped.
-    static constexpr std::size_t longestLine = 1024UL * 1024;
+    /// In bytes. The rest of a longer line is dropped.
+    static constexpr std::size_t maxLineBytes = 1024UL * 1024;
 
     explicit LogFileReader(const std::string& path);
 
-    /// Puts the next line, without its newline, into `line`. False at the end of the file.
+    /// Puts the next line, without its newline, into `line`. Returns false at the end of the file.
     bool next(std::string& line);
 
 private:
@@ -28,7 +28,7 @@ private:
 
     os::FileDescriptor file;
     std::vector<char> buffer;
-    std::size_t position = 0; // of what is not yet consumed of the buffer
+    std::size_t position = 0; // of the next unread byte in the buffer
     std::size_t end = 0;
 };
 

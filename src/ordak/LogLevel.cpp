@@ -45,7 +45,7 @@ int clampSeverity(info::Logger& logger, const json& severity) {
     }
     info::LogEntry(logger, info::level::warning)
         << "JSON parameter 'severity = " << severity.dump() << "' being clamped into range [0, 6]";
-    // A number that no integer holds is far beyond either end; its sign tells which.
+    // A number that no integer can hold is far outside the range, too; its sign shows on which side.
     return severity.get<double>() < 0 ? lowestSeverity : highestSeverity;
 }
 

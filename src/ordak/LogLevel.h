@@ -8,8 +8,10 @@ namespace agent::ordak {
 
 /// POST /logLevel: sets the threshold of the log. The appliance counts the other way round: its "severity"
 /// is 0 for everything and 6 for nothing.
-/// Threads: safe from any.
-/// Fails:   exception::bad_request for a body without a number; what the filter's store throws.
+/// Owns:    nothing; the constructor's arguments must outlive it.
+/// Threads: any thread may call it.
+/// Fails:   throws exception::bad_request for a body without a number, and passes on the store's exception if
+///          the threshold can't be saved.
 class LogLevel {
 public:
     LogLevel(info::Logger& logger, info::StoredLevelFilter& filter);

@@ -26,7 +26,7 @@ std::string dateOf(const std::string& name) {
 
 } // namespace
 
-/// Where a line stands; a text only when one is needed.
+/// The position of a line. The text is only built when it is needed.
 struct Logs::Place {
     const std::string& fileName;
     std::uint64_t number;
@@ -34,7 +34,7 @@ struct Logs::Place {
     [[nodiscard]] std::string text() const { return dateOf(fileName) + " line " + std::to_string(number); }
 };
 
-/// What a request asks for. Times are whole seconds, since dates may lie beyond what a LogTime can hold.
+/// The parameters of a request. Times are whole seconds, because a LogTime can't hold every date.
 struct Logs::Query {
     std::size_t limit;
     std::time_t from;
@@ -47,19 +47,19 @@ namespace {
 using info::LogTime;
 
 constexpr long defaultLines = 1000;
-constexpr long mostLines = 10000;
+constexpr long maxLines = 10000;
 
 std::int64_t secondsOf(LogTime time) {
     return std::chrono::duration_cast<std::chrono::seconds>(time.time_since_epoch()).count();
 }
 
-/// Empty for an argument that is missing.
+/// Returns an empty text if the argument is missing.
 std::string argumentOf(const APIExtendedData& request, const char* name) {
     const auto found = request.args.find(name);
     return found == request.args.end() ? "" : found->second;
 }
 
-/// The local midnight of a date; nothing for a text that is no date.
+/// The local midnight of a date; nothing if `text` isn't a date.
 std::optional<std::time_t> parseDate(const std::string& text) {
     std::tm broken{};
     broken.tm_isdst = -1;
@@ -75,7 +75,7 @@ int readThreshold(const std::string& severity) {
     return number >= 1 && number <= 5 ? info::level::max - number : info::level::info;
 }
 
-/// True for a name that is a log file's, with a date that the request asks for.
+/// Whether `name` is the name of a log file whose date is in the requested range.
 bool isWanted(const std::string& name, std::time_t from, std::time_t until) {
     try {
         const std::time_t midnight = secondsOf(info::FilePrinter::parseLogFileDate(name));
@@ -111,15 +111,15 @@ std::size_t Logs::readLimit(const std::string& lines) {
         return defaultLines;
     }
     char* end = nullptr;
-    const long number = std::strtol(lines.c_str(), &end, 10); // what a long can't hold becomes its limit
+    const long number = std::strtol(lines.c_str(), &end, 10); // a number out of range becomes the limit
     if (end == lines.c_str()) {
         throw std::invalid_argument("The lines parameter is no number: " + lines);
     }
-    if (number > mostLines) {
+    if (number > maxLines) {
         info::LogEntry(logger, info::level::warning)
-            << "Ignoring lines parameter value which exceeds maximum of " << mostLines;
+            << "Ignoring lines parameter value which exceeds maximum of " << maxLines;
     }
-    return static_cast<std::size_t>(std::clamp(number, 0L, mostLines));
+    return static_cast<std::size_t>(std::clamp(number, 0L, maxLines));
 }
 
 void Logs::readDirectory(const Query& query, LogEntries& entries) {
@@ -155,7 +155,7 @@ void Logs::readLine(const std::string& line, const Place& place, int threshold, 
             entries.addLine({std::move(message), info::level::max - level, secondsOf(time)});
         }
     } catch (const std::logic_error& error) {
-        // A message of several lines: only its first one is decorated.
+        // This is a further line of a message: only the first line of a message is decorated.
         if (!entries.continueLine(line)) {
             entries.addError(place.text() + ": " + error.what());
         }

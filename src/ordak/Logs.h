@@ -13,14 +13,15 @@ class LogEntries;
 /// "lines", "from", "until" and "severity". The files are streamed, so that memory doesn't grow with them;
 /// LogFileReader and LogEntries hold the limits.
 ///
-/// Files come in the order of the directory. An argument without a value counts as missing. A number of lines
-/// below zero asks for none; of more than a long holds, for the maximum.
-/// Threads: safe from any; the files may grow meanwhile.
-/// Fails:   std::invalid_argument or std::out_of_range for a number that is none. What can't be read is told
-///          in the answer.
+/// Files are read in the order of the directory. An argument without a value counts as missing. A negative
+/// number of lines means 0, and a number above the maximum of 10000 means the maximum.
+/// Owns:    nothing; the constructor's arguments must outlive it.
+/// Threads: any thread may call it; the files may grow meanwhile.
+/// Fails:   throws std::invalid_argument or std::out_of_range for an invalid number. The response lists files
+///          and lines that can't be read.
 class Logs {
 public:
-    /// `decorator` takes apart what the log files hold.
+    /// `decorator` parses the lines of the log files.
     Logs(info::Logger& logger, info::IDecorator& decorator);
     APIResponse operator()(const std::string& body, const APIExtendedData& request);
 

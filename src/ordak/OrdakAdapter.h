@@ -11,18 +11,18 @@
 
 namespace agent::ordak {
 
-/// The agent's own objects as the device API shows them.
+/// Converts the agent's own objects into the form of the device API.
 /// Owns:    nothing.
-/// Threads: safe from any.
+/// Threads: any thread may call it.
 /// Fails:   never.
 class OrdakAdapter {
 public:
-    /// Which kind of system this is.
+    /// The kind of operating system.
     static std::string kernel();
     static nlohmann::json kernelVersion(const info::KernelVersion& version);
     static nlohmann::json scripts(const std::vector<std::string>& names);
     static nlohmann::json writers(const std::vector<VSSWriterDetails>& writers);
-    /// All but the free space, which has to be asked for.
+    /// Everything except the free space, which must be queried from the file system.
     static nlohmann::json volume(const info::BackupableVolume& volume);
 };
 

@@ -10,22 +10,22 @@ constexpr std::int32_t unpaired = -1;
 } // namespace
 
 bool OrdakPairDelegate::isPaired() {
-    const std::lock_guard lock(mutex);
+    const os::Lock lock(mutex);
     return load() != unpaired;
 }
 
 std::int32_t OrdakPairDelegate::getDeviceId() {
-    const std::lock_guard lock(mutex);
+    const os::Lock lock(mutex);
     return load();
 }
 
 bool OrdakPairDelegate::isPairedWith(int id) {
-    const std::lock_guard lock(mutex);
+    const os::Lock lock(mutex);
     return id > 0 && id == load();
 }
 
 bool OrdakPairDelegate::isAuthorized(int id, const std::string& address) {
-    const std::lock_guard lock(mutex);
+    const os::Lock lock(mutex);
     const std::int32_t paired = load();
     if (paired == unpaired || id < 0 || id != paired) {
         return false;
@@ -38,7 +38,7 @@ bool OrdakPairDelegate::isAuthorized(int id, const std::string& address) {
 }
 
 void OrdakPairDelegate::pair(int id, const std::string& address) {
-    const std::lock_guard lock(mutex);
+    const os::Lock lock(mutex);
     dataProvider.setDevice(id, address, "");
     deviceId = id;
 }

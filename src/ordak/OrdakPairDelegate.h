@@ -1,18 +1,19 @@
 #pragma once
 
 #include "db/IDataProvider.h"
+#include "os/Mutex.h"
 
 #include <cstdint>
-#include <mutex>
 #include <string>
 
 namespace agent::ordak {
 
-/// The pairing of this agent with its one appliance, kept in memory in front of the store.
-/// Owns:    the copy in memory; the store must outlive it.
-/// Threads: safe from any. The mutex is held while the store is written, so that a request of the old device
-///          can't write its pairing over the new one's; nothing that the store calls comes back here.
-/// Fails:   with what the store throws. A pairing that can't be read is asked for again the next time.
+/// The pairing of this agent with its one appliance, cached in front of the store.
+/// Owns:    the cached copy; the store must outlive it.
+/// Threads: any thread may call it. It holds its mutex while it writes to the store, so that a request of the
+///          old device can't overwrite the pairing with the new one. The store must not call this object.
+/// Fails:   the functions pass on the store's exceptions, which are derived from std::runtime_error. If
+///          reading fails, the next call reads again.
 class OrdakPairDelegate {
 public:
     explicit OrdakPairDelegate(db::IDataProvider& dataProvider) : dataProvider(dataProvider) {}
@@ -20,22 +21,22 @@ public:
     [[nodiscard]] bool isPaired();
     /// The paired device, or -1.
     [[nodiscard]] std::int32_t getDeviceId();
-    /// Whether this is the paired device; nothing is stored.
+    /// Whether `id` is the paired device. Stores nothing.
     [[nodiscard]] bool isPairedWith(int id);
-    /// True for the paired device, from wherever it calls; a new address is stored.
+    /// Whether `id` is the paired device, whatever its address. Stores a new address.
     [[nodiscard]] bool isAuthorized(int id, const std::string& address);
     /// Replaces any earlier pairing.
     void pair(int id, const std::string& address);
 
 private:
-    /// The mutex must be held. As getDeviceId.
-    std::int32_t load();
+    /// Like getDeviceId.
+    std::int32_t load() REQUIRES(mutex);
 
     db::IDataProvider& dataProvider;
-    std::mutex mutex;
-    std::int32_t deviceId = 0; // guarded by mutex; 0 until loaded, -1 if there is no pairing
-    std::string ip;            // guarded by mutex; where the device last called from
-    std::string agentUUID;     // guarded by mutex; stored with the pairing, of no use here
+    os::Mutex mutex;
+    std::int32_t deviceId GUARDED_BY(mutex) = 0; // 0 until loaded, -1 if there is no pairing
+    std::string ip GUARDED_BY(mutex);            // where the device last called from
+    std::string agentUUID GUARDED_BY(mutex);     // stored with the pairing, but not used here
 };
 
 } // namespace agent::ordak

@@ -8,11 +8,13 @@
 
 namespace agent::ordak {
 
-/// POST /pair: makes the device that calls the one that this agent obeys. Whoever holds a certificate of the
-/// right authority may take the agent over; the body only has to repeat the ID of the certificate.
-/// Threads: safe from any.
-/// Fails:   exception::bad_request without a text for a refusal, the log alone tells why; what the store
-///          throws. The earlier pairing stays.
+/// POST /pair: pairs the agent with the calling device, which it then obeys. Every device with a certificate
+/// of the right authority may take the agent over; the body only has to repeat the ID from the certificate.
+/// Owns:    nothing; the constructor's arguments must outlive it.
+/// Threads: any thread may call it.
+/// Fails:   throws exception::bad_request without a text if the request is refused; only the log has the
+///          reason. Also throws what the store throws. In both cases the earlier pairing stays in effect, but
+///          a store that fails may have lost its record of it.
 class Pair {
 public:
     /// Announces the feature "secure_pairing".

@@ -5,18 +5,18 @@
 namespace agent::ordak {
 
 bool RequestBody::append(const std::string& piece, bool isPaired) {
-    if (piece.size() > mostBytes - received) {
+    if (piece.size() > maxBytes - received) {
         return false;
     }
     received += piece.size();
-    if (!isPaired && received > mostUnpairedBytes) {
+    if (!isPaired && received > maxUnpairedBytes) {
         drop();
         dropped = true;
     }
     if (dropped) {
         return true;
     }
-    if (!reserve(piece.size())) {
+    if (!accountFor(piece.size())) {
         return false;
     }
     bytes += piece;
@@ -28,8 +28,8 @@ std::string RequestBody::take() {
     return std::exchange(bytes, {});
 }
 
-bool RequestBody::reserve(std::size_t count) {
-    if (kept.fetch_add(count) + count <= mostBytes) {
+bool RequestBody::accountFor(std::size_t count) {
+    if (kept.fetch_add(count) + count <= maxBytes) {
         return true;
     }
     kept -= count;
@@ -38,7 +38,7 @@ bool RequestBody::reserve(std::size_t count) {
 
 void RequestBody::drop() noexcept {
     kept -= bytes.size();
-    bytes = std::string(); // with its memory
+    bytes = std::string(); // frees the memory, too
 }
 
 } // namespace agent::ordak

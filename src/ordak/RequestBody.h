@@ -6,35 +6,34 @@
 
 namespace agent::ordak {
 
-/// The body of one request while it comes in.
+/// Collects the body of one incoming request.
 ///
-/// What the paired device may send is generous; a device that isn't paired has nothing to say that takes more
-/// than a few bytes, so a longer body of it is received but not kept: none of it, since half a text may mean
-/// something else than the whole.
-/// Owns:    the bytes; its share of `kept`, the sum over all requests, is given back with them.
-/// Threads: one at a time for a body; `kept` may be shared by any number of them.
-/// Fails:   only for want of memory.
+/// The limit for the paired device is generous. A device that isn't paired only needs to send a few bytes, so
+/// a longer body from it is received but dropped completely: half a text may have another meaning.
+/// Owns:    the bytes, and their share of `kept`, the sum over all requests. The destructor releases both.
+/// Threads: one thread at a time for each body; any number of bodies may share `kept`.
+/// Fails:   `append` returns false if a limit is exceeded; it throws std::bad_alloc.
 class RequestBody {
 public:
-    /// In bytes, of one body and of all that are kept at a time: above anything that an appliance sends.
-    static constexpr std::size_t mostBytes = std::size_t{128} * 1024 * 1024;
-    /// In bytes, of a body from a device that isn't paired.
-    static constexpr std::size_t mostUnpairedBytes = std::size_t{16} * 1024;
+    /// In bytes, for one body and for all bodies in memory together: more than any appliance sends.
+    static constexpr std::size_t maxBytes = std::size_t{128} * 1024 * 1024;
+    /// In bytes, for a body from a device that isn't paired.
+    static constexpr std::size_t maxUnpairedBytes = std::size_t{16} * 1024;
 
     explicit RequestBody(std::atomic<std::size_t>& kept) : kept(kept) {}
     RequestBody(const RequestBody&) = delete;
     RequestBody& operator=(const RequestBody&) = delete;
     ~RequestBody() { drop(); }
 
-    /// Adds a piece. False: the body is longer than any may be, or too much is kept of others.
+    /// Adds a piece. Returns false if this body, or all bodies in memory together, would exceed maxBytes.
     [[nodiscard]] bool append(const std::string& piece, bool isPaired);
-    /// The body is longer than that of an unpaired device may be: it is empty, and stays so.
+    /// Whether the body was dropped because it is too long for an unpaired device. It then stays empty.
     [[nodiscard]] bool isDropped() const noexcept { return dropped; }
-    /// The whole, which is empty afterwards.
+    /// Returns the whole body, which is empty afterwards.
     std::string take();
 
 private:
-    bool reserve(std::size_t count);
+    bool accountFor(std::size_t count);
     void drop() noexcept;
 
     std::atomic<std::size_t>& kept;

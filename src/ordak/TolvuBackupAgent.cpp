@@ -9,39 +9,39 @@
 
 namespace agent::ordak {
 
-/// What has to be done to stop the services that run, in the order of their start.
-class TolvuBackupAgent::StopGuards {
+/// One function for each running service, which stops it, in the order in which the services were started.
+class TolvuBackupAgent::RunningServices {
 public:
-    StopGuards() = default;
-    StopGuards(const StopGuards&) = delete;
-    StopGuards& operator=(const StopGuards&) = delete;
+    RunningServices() = default;
+    RunningServices(const RunningServices&) = delete;
+    RunningServices& operator=(const RunningServices&) = delete;
 
-    /// The way out of a start that failed: whatever has been started is stopped, oldest first. The failure
-    /// that leads here is what the caller must hear of, so one of these is dropped.
-    ~StopGuards() {
-        for (; !guards.empty(); guards.pop_front()) {
+    /// If the start has failed, stops the services that have been started, oldest first. Swallows exceptions,
+    /// because the caller must get the exception that has made the start fail.
+    ~RunningServices() {
+        for (; !stopFunctions.empty(); stopFunctions.pop_front()) {
             try {
-                guards.front()();
+                stopFunctions.front()();
             } catch (...) { // NOLINT(bugprone-empty-catch)
             }
         }
     }
 
     void add(IService& service) {
-        guards.emplace_back([&service] { service.stop(); });
+        stopFunctions.emplace_back([&service] { service.stop(); });
     }
 
-    /// Newest first. A guard that throws counts as run.
+    /// Stops the newest service first. A function that throws isn't called again.
     void stopAll() {
-        while (!guards.empty()) {
-            const std::function<void()> stop = std::move(guards.back());
-            guards.pop_back();
+        while (!stopFunctions.empty()) {
+            const std::function<void()> stop = std::move(stopFunctions.back());
+            stopFunctions.pop_back();
             stop();
         }
     }
 
 private:
-    std::deque<std::function<void()>> guards;
+    std::deque<std::function<void()>> stopFunctions;
 };
 
 TolvuBackupAgent::TolvuBackupAgent(info::Logger& logger, db::IDataMigrator& migrator, Config& config,
@@ -62,13 +62,15 @@ void TolvuBackupAgent::start() {
     if (!migrator.migrate(config)) {
         info::LogEntry(logger, info::level::error) << "Failed to migrate legacy database!";
     }
-    auto started = std::make_unique<StopGuards>();
+    auto started = std::make_unique<RunningServices>();
     for (IService* service : services) {
         service->start();
         started->add(*service);
     }
-    // From here on a signal's handler can stop the agent, and would log while this thread has the log's lock.
-    const TerminationSignalsBlocked lastLineFirst;
+    // As soon as `running` is set, the signal handler can stop the agent. It must not interrupt this thread
+    // while the last line is logged: the handler logs, too, and would wait for the logger's mutex, which this
+    // thread holds.
+    const TerminationSignalsBlocked signalsBlocked;
     running = std::move(started);
     info::LogEntry(logger, info::level::info) << "Agent daemon started";
 }

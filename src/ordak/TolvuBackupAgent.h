@@ -11,10 +11,10 @@
 namespace agent::ordak {
 
 /// The agent as one service: starts its services in order and stops them newest first.
-/// Owns:    the knowledge which services run; the services themselves must outlive it.
-/// Threads: one starter, and one stopper after it; no locks.
-/// Fails:   a service that can't start has those before it stopped again, and its exception leaves `start`.
-///          A service that can't stop has its exception leave `stop`; a further `stop` goes on with the rest.
+/// Owns:    the list of the running services; the services themselves must outlive it.
+/// Threads: one thread calls `start`, and afterwards one calls `stop`; there are no locks.
+/// Fails:   if a service can't start, `start` stops those before it and throws that service's exception. If a
+///          service can't stop, `stop` throws its exception; another call of `stop` goes on with the rest.
 class TolvuBackupAgent : public IService {
 public:
     /// `services` in the order of their start.
@@ -28,13 +28,13 @@ public:
     void stop() override;
 
 private:
-    class StopGuards;
+    class RunningServices;
 
     info::Logger& logger;
     db::IDataMigrator& migrator;
     Config& config;
     std::vector<IService*> services;
-    std::unique_ptr<StopGuards> running; // null while the agent is not started
+    std::unique_ptr<RunningServices> running; // null while the agent is not started
 };
 
 } // namespace agent::ordak

@@ -14,15 +14,15 @@ namespace {
 
 constexpr std::string_view deviceTypeOid = "2.16.840.1.113730.1.13";
 constexpr std::string_view deviceType = "type:device";
-constexpr unsigned mostExtensions = 100;
+constexpr unsigned maxExtensions = 100;
 constexpr std::size_t usualExtensionBytes = 100;
-constexpr std::size_t mostExtensionBytes = 999;
+constexpr std::size_t maxExtensionBytes = 999;
 constexpr unsigned char ia5StringTag = 22;
 
-/// A name of a certificate that nobody has vouched for yet, as it may stand in a line of the log.
-std::string shownName(const std::string& name) {
-    constexpr std::size_t longest = 256;
-    return printable(shortened(name, longest));
+/// Makes a name from a certificate that isn't verified yet printable, and short enough for a log line.
+std::string nameForLog(const std::string& name) {
+    constexpr std::size_t maxBytes = 256;
+    return printable(shortened(name, maxBytes));
 }
 
 bool hasSameIssuer(info::Logger& logger, const Certificate& local, const Certificate& peer) {
@@ -30,15 +30,15 @@ bool hasSameIssuer(info::Logger& logger, const Certificate& local, const Certifi
         return true;
     }
     info::LogEntry(logger, info::level::debug)
-        << "Certificate issuer mismatch (ours='" << shownName(local.issuer().commonName) << "'; theirs='"
-        << shownName(peer.issuer().commonName) << "'";
+        << "Certificate issuer mismatch (ours='" << nameForLog(local.issuer().commonName) << "'; theirs='"
+        << nameForLog(peer.issuer().commonName) << "'";
     info::LogEntry(logger, info::level::error, info::reason("client-certificate"))
         << "Certificate issuer mismatch";
     return false;
 }
 
-/// A decimal number from 1 on, of any length. By hand, since the name may be long and the regular
-/// expressions of the standard library use the stack for each character.
+/// Whether `name` is a decimal number of any length, at least 1. Doesn't use std::regex, because the name may
+/// be long and std::regex takes stack space for each character.
 bool isDeviceId(std::string_view name) {
     const auto isDigit = [](char character) { return character >= '0' && character <= '9'; };
     return !name.empty() && name.front() != '0' && std::all_of(name.begin(), name.end(), isDigit);
@@ -52,7 +52,7 @@ bool isNamedLikeDevice(info::Logger& logger, const std::string& name) {
         info::LogEntry(logger, info::level::debug) << "Bad client certificate Common Name";
     } else {
         info::LogEntry(logger, info::level::debug)
-            << "Client Common Name '" << shownName(name) << "' does not match expected deviceID format";
+            << "Client Common Name '" << nameForLog(name) << "' does not match expected deviceID format";
     }
     info::LogEntry(logger, info::level::error, info::reason("client-certificate"))
         << "Certificate invalid Common Name";
@@ -93,7 +93,7 @@ Verdict examine(const Certificate& authority, const Certificate& peer) {
     return verdict;
 }
 
-bool isVouchedFor(info::Logger& logger, const Certificate& authority, const Certificate& peer) {
+bool isSignedByAuthority(info::Logger& logger, const Certificate& authority, const Certificate& peer) {
     Verdict verdict = examine(authority, peer);
     if (verdict.isValid) {
         return true;
@@ -110,11 +110,11 @@ bool isVouchedFor(info::Logger& logger, const Certificate& authority, const Cert
     return false;
 }
 
-/// The positions of the extensions that may hold the type of a device.
+/// The indices of the extensions that may contain the device type.
 std::vector<unsigned> typeExtensions(gnutls_x509_crt_t certificate) {
     std::vector<unsigned> found;
-    for (unsigned index = 0; index < mostExtensions; ++index) {
-        std::array<char, 128> oid{}; // one that doesn't fit is none that is looked for
+    for (unsigned index = 0; index < maxExtensions; ++index) {
+        std::array<char, 128> oid{}; // a longer OID isn't the one that is searched for
         std::size_t size = oid.size();
         unsigned isCritical = 0;
         const int result =
@@ -129,12 +129,12 @@ std::vector<unsigned> typeExtensions(gnutls_x509_crt_t certificate) {
     return found;
 }
 
-/// The content of an extension; empty if it can't be had, or is too long to be of interest.
+/// The content of an extension; empty if it can't be read, or is too long to be a device type.
 std::vector<unsigned char> extensionData(gnutls_x509_crt_t certificate, unsigned index) {
     std::vector<unsigned char> data(usualExtensionBytes);
     std::size_t size = data.size();
     int result = gnutls_x509_crt_get_extension_data(certificate, index, data.data(), &size);
-    if (result == GNUTLS_E_SHORT_MEMORY_BUFFER && size <= mostExtensionBytes) {
+    if (result == GNUTLS_E_SHORT_MEMORY_BUFFER && size <= maxExtensionBytes) {
         data.resize(size);
         result = gnutls_x509_crt_get_extension_data(certificate, index, data.data(), &size);
     }
@@ -142,7 +142,7 @@ std::vector<unsigned char> extensionData(gnutls_x509_crt_t certificate, unsigned
     return data;
 }
 
-bool saysDevice(const std::vector<unsigned char>& data) {
+bool isDeviceTypeValue(const std::vector<unsigned char>& data) {
     constexpr std::size_t headerBytes = 2;
     return data.size() >= headerBytes + deviceType.size() && data[0] == ia5StringTag &&
            data[1] == deviceType.size() &&
@@ -158,7 +158,7 @@ int verifyClient(info::Logger& logger, const Certificate& local, const Certifica
         return refused;
     }
     const std::optional<Certificate> authority = loadAuthority(logger);
-    if (!authority || !isVouchedFor(logger, *authority, peer)) {
+    if (!authority || !isSignedByAuthority(logger, *authority, peer)) {
         return refused;
     }
     if (!hasDeviceType(peer)) {
@@ -172,7 +172,7 @@ int verifyClient(info::Logger& logger, const Certificate& local, const Certifica
 bool hasDeviceType(const Certificate& certificate) {
     const std::vector<unsigned> indices = typeExtensions(certificate.handle());
     return std::any_of(indices.begin(), indices.end(), [&](unsigned index) {
-        return saysDevice(extensionData(certificate.handle(), index));
+        return isDeviceTypeValue(extensionData(certificate.handle(), index));
     });
 }
 

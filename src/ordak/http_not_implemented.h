@@ -4,7 +4,7 @@
 
 namespace agent::ordak {
 
-/// The call doesn't exist on this operating system; answered with status 501.
+/// The call doesn't exist on this operating system; the HTTP layer answers with status 501.
 class http_not_implemented : public std::logic_error {
 public:
     using std::logic_error::logic_error;

@@ -11,19 +11,20 @@ namespace os {
 
 namespace {
 
-/// From this size on, the kernel is left to zero pages when they are first used: few of those that the map of
-/// the largest volume needs are used for a small one. Smaller memory is often used again, and still mapped.
+/// From this size on, madvise lets the kernel zero each page when it is first touched: a buffer that is large
+/// enough for the map of the largest volume stays mostly untouched if the volume is small. Smaller memory is
+/// often reused by the allocator and still mapped, so it is simply overwritten.
 constexpr std::size_t lazyBytes = std::size_t{1024} * 1024;
 
 void fillWithZeros(std::byte* memory, std::size_t size, std::size_t pageBytes) {
     const std::size_t pages = size < lazyBytes ? 0 : size - size % pageBytes;
-    const bool isLazy = pages != 0 && madvise(memory, pages, MADV_DONTNEED) == 0; // not if it is locked
+    const bool isLazy = pages != 0 && madvise(memory, pages, MADV_DONTNEED) == 0; // fails if it is locked
     const std::size_t left = isLazy ? pages : 0;
     std::memset(memory + left, 0, size - left);
 }
 
-/// The zeroed bytes, null for none. More than the address space holds is refused before the allocator sees
-/// it: it would round such a size up to whole pages.
+/// Returns zeroed memory, or null if `size` is 0. Refuses a size above PTRDIFF_MAX itself, because the
+/// allocator would round such a size up to whole pages.
 std::byte* allocate(std::size_t size) {
     if (size == 0) {
         return nullptr;

@@ -6,16 +6,16 @@
 
 namespace os {
 
-/// Memory for direct I/O: it begins at a page, which suits every device, and is filled with zeros.
+/// Memory for direct I/O: aligned to the page size, which suits every device, and filled with zeros.
 /// Owns:    the memory.
-/// Threads: one at a time.
+/// Threads: one thread at a time.
 /// Fails:   the constructor throws std::bad_alloc; nothing else fails.
 class AlignedBuffer {
 public:
     /// Empty; nothing is allocated.
     AlignedBuffer() noexcept = default;
-    /// `alignment` is what the device asks for. It is kept for whoever wants to know; the memory is aligned
-    /// to the page size, of which the alignment of every device is a divisor. A size of 0 allocates nothing.
+    /// `alignment` is the alignment that the device requires. It is only stored, for alignment(): the memory
+    /// is aligned to the page size, a multiple of every device's alignment. A size of 0 allocates nothing.
     AlignedBuffer(std::size_t size, std::size_t alignment);
     AlignedBuffer(AlignedBuffer&& other) noexcept;
     AlignedBuffer& operator=(AlignedBuffer&& other) noexcept;

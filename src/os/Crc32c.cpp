@@ -11,7 +11,7 @@ constexpr std::size_t slice = 8;
 
 using Tables = std::array<std::array<std::uint32_t, 256>, slice>;
 
-/// Table 0 takes the register past one byte; table N past that byte and N zero bytes after it.
+/// Table 0 advances the CRC register by one byte; table N advances it by that byte and N zero bytes after it.
 constexpr Tables makeTables() {
     Tables tables{};
     for (std::uint32_t byte = 0; byte < 256; ++byte) {
@@ -32,13 +32,13 @@ constexpr Tables makeTables() {
 
 constexpr Tables tables = makeTables();
 
-/// Little-endian, from any address.
+/// Reads a little-endian word from any address, aligned or not.
 std::uint32_t le32(const std::byte* bytes) {
     return std::to_integer<std::uint32_t>(bytes[0]) | std::to_integer<std::uint32_t>(bytes[1]) << 8U |
            std::to_integer<std::uint32_t>(bytes[2]) << 16U | std::to_integer<std::uint32_t>(bytes[3]) << 24U;
 }
 
-/// The register after the next eight bytes. The first byte has seven after it, hence table 7.
+/// Returns the CRC register after the next eight bytes. Seven bytes follow the first one, hence table 7.
 std::uint32_t afterSlice(std::uint32_t crc, const std::byte* bytes) {
     const std::uint32_t low = crc ^ le32(bytes);
     const std::uint32_t high = le32(bytes + 4);
@@ -50,7 +50,7 @@ std::uint32_t afterSlice(std::uint32_t crc, const std::byte* bytes) {
 } // namespace
 
 std::uint32_t crc32c(std::span<const std::byte> bytes) noexcept {
-    const Crc32cWay byInstruction = crc32cByInstruction();
+    const Crc32cFunction byInstruction = crc32cByInstruction();
     return byInstruction != nullptr ? byInstruction(bytes) : crc32cByTables(bytes);
 }
 

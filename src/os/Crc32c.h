@@ -7,19 +7,20 @@
 namespace os {
 
 /// CRC-32C: the Castagnoli polynomial 0x1edc6f41, reflected, with the register inverted before and after. So
-/// the sum of nothing is 0, that of "123456789" 0xe3069283, and the complement of a sum is what the kernel's
-/// crc32c(~0, ...) returns.
+/// the checksum of no bytes is 0, and that of "123456789" is 0xe3069283. The kernel's crc32c(~0, ...) returns
+/// the complement of this checksum.
 ///
-/// By the processor's instruction where it has one, by tables elsewhere.
+/// Uses the processor's CRC-32C instruction if it has one, tables otherwise.
 std::uint32_t crc32c(std::span<const std::byte> bytes) noexcept;
 
-/// One of the ways to the same sum.
-using Crc32cWay = std::uint32_t (*)(std::span<const std::byte>) noexcept;
+/// An implementation of crc32c; all of them return the same checksum.
+using Crc32cFunction = std::uint32_t (*)(std::span<const std::byte>) noexcept;
 
-/// Eight bytes at a time by eight tables of 256 words ("slicing by 8"), which are made by the compiler.
+/// Processes eight bytes at a time with eight tables of 256 words ("slicing by 8"), computed at compile time.
 std::uint32_t crc32cByTables(std::span<const std::byte> bytes) noexcept;
 
-/// Eight bytes at a time by the instruction `crc32` of SSE 4.2. Null if this processor has none.
-Crc32cWay crc32cByInstruction() noexcept;
+/// Returns the implementation that processes eight bytes at a time with the SSE 4.2 instruction `crc32`, or
+/// null if this processor doesn't have it.
+Crc32cFunction crc32cByInstruction() noexcept;
 
 } // namespace os

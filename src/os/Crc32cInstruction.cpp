@@ -9,8 +9,8 @@ namespace os {
 
 namespace {
 
-/// Each step waits for the one before. Several streams at once would be faster still, but a backup sums up
-/// 10 MiB of a volume, which come over the network.
+/// Each step waits for the result of the previous one. Several interleaved streams would be faster still, but
+/// a backup only computes the checksum of 10 MiB of a volume, which come over the network.
 __attribute__((target("sse4.2"))) std::uint32_t sumByInstruction(std::span<const std::byte> bytes) noexcept {
     std::uint64_t crc = 0xffffffff;
     std::uint64_t word = 0;
@@ -27,7 +27,7 @@ __attribute__((target("sse4.2"))) std::uint32_t sumByInstruction(std::span<const
 
 } // namespace
 
-Crc32cWay crc32cByInstruction() noexcept {
+Crc32cFunction crc32cByInstruction() noexcept {
     return __builtin_cpu_supports("sse4.2") ? sumByInstruction : nullptr;
 }
 
@@ -35,7 +35,7 @@ Crc32cWay crc32cByInstruction() noexcept {
 
 #else
 
-os::Crc32cWay os::crc32cByInstruction() noexcept {
+os::Crc32cFunction os::crc32cByInstruction() noexcept {
     return nullptr;
 }
 

@@ -7,21 +7,22 @@
 
 namespace os {
 
-/// What the kernel fills when it is asked where a file lies: a header, and the records of extents behind it.
-/// Owns:    the memory of both, zeros at first.
-/// Threads: one at a time.
-/// Fails:   std::bad_alloc when it is made.
+/// The buffer of a FIEMAP ioctl, which asks the kernel for the extents of a file: a header, followed by the
+/// extent records that the kernel fills in.
+/// Owns:    the memory of the header and the records; the records are initially zero.
+/// Threads: one thread at a time.
+/// Fails:   the constructor throws std::bad_alloc.
 class ExtentRequest {
 public:
-    /// Asks for all of the file; `extents` is for how many records there is room.
+    /// The request covers the whole file and has room for `extents` records.
     explicit ExtentRequest(std::uint32_t extents);
 
     fiemap& header() noexcept { return *static_cast<fiemap*>(static_cast<void*>(words.data())); }
-    /// `index` is below what the request was made for.
+    /// `index` must be below the constructor's `extents`.
     [[nodiscard]] fiemap_extent extent(std::uint32_t index) const noexcept;
 
 private:
-    std::vector<std::uint64_t> words; // for their alignment
+    std::vector<std::uint64_t> words; // not bytes, for the alignment that fiemap needs
 };
 
 } // namespace os

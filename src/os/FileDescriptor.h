@@ -3,9 +3,9 @@
 namespace os {
 
 /// Owns one open file descriptor, or none (-1).
-/// Owns:    the descriptor; it is closed with the object.
-/// Threads: one at a time.
-/// Fails:   never; closing keeps `errno`, so that an error can be reported after the owner has gone.
+/// Owns:    the descriptor; the destructor closes it.
+/// Threads: one thread at a time.
+/// Fails:   never; closing preserves `errno`, so that an error can be reported after the owner is destroyed.
 class FileDescriptor {
 public:
     FileDescriptor() noexcept = default;
@@ -19,7 +19,7 @@ public:
     [[nodiscard]] int get() const noexcept { return descriptor; }
     explicit operator bool() const noexcept { return descriptor >= 0; }
 
-    /// Closes what is held.
+    /// Closes the descriptor, if there is one.
     void reset() noexcept;
     /// Gives the descriptor up without closing it.
     int release() noexcept;

@@ -6,7 +6,7 @@
 
 namespace os {
 
-std::uint64_t holeAt(int descriptor, std::uint64_t offset, std::uint64_t length) noexcept {
+std::uint64_t holeLengthAt(int descriptor, std::uint64_t offset, std::uint64_t length) noexcept {
     const off_t end = ::lseek(descriptor, 0, SEEK_END);
     if (end < 0 || offset >= static_cast<std::uint64_t>(end)) {
         return 0;
@@ -20,8 +20,8 @@ std::uint64_t holeAt(int descriptor, std::uint64_t offset, std::uint64_t length)
     return std::min(static_cast<std::uint64_t>(holeEnd - begin), length);
 }
 
-Transfer readBehindHoleAt(int descriptor, std::span<std::byte> into, std::uint64_t offset) noexcept {
-    const std::uint64_t hole = holeAt(descriptor, offset, into.size());
+Transfer readSkippingHoleAt(int descriptor, std::span<std::byte> into, std::uint64_t offset) noexcept {
+    const std::uint64_t hole = holeLengthAt(descriptor, offset, into.size());
     std::fill_n(into.begin(), hole, std::byte{0});
     Transfer reading = readUpToAt(descriptor, into.subspan(hole), offset + hole);
     reading.bytes += hole;

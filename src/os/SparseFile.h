@@ -2,15 +2,16 @@
 
 #include "os/Transfer.h"
 
-/// Tables with few entries lie in files that are mostly holes, or space that was never written. Those are
-/// zeros, which takes no reading to know, and no place in the page cache.
+/// Tables with few entries are stored in files that are mostly holes, or preallocated space that was never
+/// written. Both are known to be zeros: skipping them saves reads and space in the page cache.
 namespace os {
 
-/// How many of the `length` bytes from an offset on are zeros since nothing was ever written there. 0 where
-/// there is data, where the file ends, and on a file system that can't tell. Moves the position in the file.
-std::uint64_t holeAt(int descriptor, std::uint64_t offset, std::uint64_t length) noexcept;
+/// Returns how many bytes from `offset` on, at most `length`, belong to a hole and so are zeros. Returns 0 if
+/// there is data at `offset`, if the file ends there, or if the file system can't report holes. Moves the
+/// descriptor's file offset.
+std::uint64_t holeLengthAt(int descriptor, std::uint64_t offset, std::uint64_t length) noexcept;
 
-/// Does what readUpToAt does, but doesn't read a hole at the offset. Moves the position in the file.
-Transfer readBehindHoleAt(int descriptor, std::span<std::byte> into, std::uint64_t offset) noexcept;
+/// Like readUpToAt, but doesn't read a hole at `offset`. Moves the descriptor's file offset.
+Transfer readSkippingHoleAt(int descriptor, std::span<std::byte> into, std::uint64_t offset) noexcept;
 
 } // namespace os

@@ -7,7 +7,8 @@ namespace os {
 
 namespace {
 
-/// `step` transfers what it can of the bytes that are left, behind those that are done.
+/// Calls `step` until all bytes are transferred, the file ends or an error occurs. `step` gets the bytes that
+/// remain and the number of bytes that are already transferred.
 template <typename Bytes, typename Step>
 Transfer transfer(Bytes bytes, const Step& step) noexcept {
     Transfer done;
@@ -26,7 +27,7 @@ Transfer transfer(Bytes bytes, const Step& step) noexcept {
     return done;
 }
 
-/// Nothing was written though there was something: the reason is the device's.
+/// Whether everything was written. If not, sets `errno`: to EIO if the system call neither wrote nor failed.
 bool isWhole(const Transfer& written, std::size_t size) noexcept {
     if (written.bytes == size) {
         return true;

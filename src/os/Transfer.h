@@ -5,24 +5,24 @@
 #include <span>
 #include <string_view>
 
-/// Reads and writes that go on after an interruption and after a part, and are safe in a signal handler.
+/// Reads and writes that continue after EINTR and after a partial transfer. They are async-signal-safe.
 namespace os {
 
-/// How far a transfer has come.
+/// The result of a transfer.
 struct Transfer {
     std::size_t bytes = 0;
-    int error = 0; ///< a value of `errno`, 0 if the buffer is full or the file has ended
+    int error = 0; ///< an `errno` value; 0 if the buffer is full or the file has ended
 };
 
 /// Reads until `into` is full, the file ends or reading fails.
 Transfer readUpTo(int descriptor, std::span<std::byte> into) noexcept;
-/// The same from an offset in bytes on; the descriptor's position stays.
+/// Like readUpTo, but reads from `offset` (in bytes) on and doesn't move the descriptor's file offset.
 Transfer readUpToAt(int descriptor, std::span<std::byte> into, std::uint64_t offset) noexcept;
 
 /// Writes all of `content`. Returns false with `errno` set on failure.
 bool writeAll(int descriptor, std::span<const std::byte> content) noexcept;
 bool writeAll(int descriptor, std::string_view content) noexcept;
-/// The same from an offset in bytes on; the descriptor's position stays.
+/// Like writeAll, but writes from `offset` (in bytes) on and doesn't move the descriptor's file offset.
 bool writeAllAt(int descriptor, std::span<const std::byte> content, std::uint64_t offset) noexcept;
 
 } // namespace os

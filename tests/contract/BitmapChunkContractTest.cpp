@@ -18,18 +18,18 @@
 #include <utility>
 #include <vector>
 
-/// What holds for everything that hands out a map in pieces: the parsers on real images, the driver's map of
+/// Tests for every provider of a bitmap in chunks: the parsers on real images, the driver's bitmap of
 /// changes, and the fakes.
 namespace agent::contract {
 namespace {
 
 using Provider = std::unique_ptr<core::fs::IBlockBitmapChunkProvider>;
 
-/// Something that hands out a map, and what it must say.
+/// A provider, and the map that it must provide.
 struct Subject {
     ElementMap map;
     std::function<Provider()> makeProvider; ///< ready for use
-    bool isReadFromTheBegin = false;        ///< another start may be refused
+    bool mustStartAtFirstBlock = false;     ///< a read from another start may be refused
 };
 
 struct NamedSubject {
@@ -57,7 +57,7 @@ Subject fixedBitmap(bool msbFirst) {
     return {map, [bits, msbFirst] { return std::make_unique<test::FixedBitmap>(bits, msbFirst); }};
 }
 
-/// Words in the middle of a file.
+/// The driver's bitmap of changes: words that start in the middle of a file.
 Subject mapOfChanges() {
     constexpr std::uint64_t offset = 100;
     const ElementMap map = someMap(64);
@@ -79,7 +79,7 @@ Subject mapOfImage(const std::string& name) {
                 EXPECT_TRUE(parser->recognize());
                 return parser;
             },
-            image.isReadFromTheBegin};
+            image.mustStartAtFirstBlock};
 }
 
 std::vector<NamedSubject> allSubjects() {
@@ -98,23 +98,23 @@ protected:
         return {*provider, subject.map, startBlock, bytes};
     }
 
-    /// With room for all that is left.
+    /// Fetches with a buffer for all that is left.
     [[nodiscard]] Fetch fetchRest(std::uint64_t startBlock) const {
         return fetch(startBlock, subject.map.roomFor(blocks - startBlock));
     }
 
-    /// Whether the map goes on from there, or may not have to.
+    /// Whether the provider provides the rest of the map from there, or may and does refuse.
     [[nodiscard]] testing::AssertionResult goesOnFrom(std::uint64_t startBlock) const {
         const Fetch rest = fetchRest(startBlock);
-        return subject.isReadFromTheBegin && rest.count < 0 ? rest.isHonest() : rest.isTheRest();
+        return subject.mustStartAtFirstBlock && rest.count < 0 ? rest.isValid() : rest.isTheRest();
     }
 
-    /// Walks in pieces, as far as the provider goes along with such a buffer.
+    /// Reads the map in chunks, as far as the provider accepts a buffer of this size.
     void expectPieces(std::uint64_t startBlock, std::size_t bytes) const {
         constexpr int mostPieces = 50;
         for (int piece = 0; piece < mostPieces; ++piece) {
             const Fetch fetched = fetch(startBlock, bytes);
-            ASSERT_TRUE(fetched.isHonest());
+            ASSERT_TRUE(fetched.isValid());
             if (fetched.count <= 0) {
                 return;
             }
@@ -152,7 +152,7 @@ TEST_P(BitmapChunkContract, MapGoesOnFromWhereverAByteBegins) {
 TEST_P(BitmapChunkContract, WithinAByteItGoesOnOrFails) {
     for (const std::uint64_t start :
          {std::uint64_t{1}, std::uint64_t{7}, std::uint64_t{12}, blocks / 16 * 8 + 3, blocks - 1}) {
-        EXPECT_TRUE(fetchRest(start).isHonest());
+        EXPECT_TRUE(fetchRest(start).isValid());
     }
 }
 
@@ -160,7 +160,7 @@ TEST_P(BitmapChunkContract, EndHasNothing) {
     EXPECT_EQ(fetch(blocks, 64).count, 0);
     for (const std::uint64_t start : {blocks + 1, blocks + 8, blocks + 4096, std::uint64_t{1} << 40U,
                                       std::uint64_t{1} << 63U, UINT64_MAX}) {
-        EXPECT_TRUE(fetch(start, 64).isHonest());
+        EXPECT_TRUE(fetch(start, 64).isValid());
     }
     EXPECT_LE(fetch(0, 0).count, 0);
 }

@@ -8,7 +8,7 @@ namespace agent::contract {
 
 namespace {
 
-constexpr std::ptrdiff_t moat = 64; // bytes around the buffer that nobody may write to
+constexpr std::ptrdiff_t guardBytes = 64; // before and after the buffer; must not be written to
 constexpr std::uint8_t untouched = 0xa5;
 
 std::uint8_t reversed(std::uint8_t byte) {
@@ -24,22 +24,22 @@ std::uint8_t reversed(std::uint8_t byte) {
 Fetch::Fetch(core::fs::IBlockBitmapChunkProvider& provider, const ElementMap& map, std::uint64_t startBlock,
              std::size_t bytes)
     : map(map), startBlock(startBlock) {
-    std::vector<std::uint8_t> room(bytes + 2 * moat, untouched);
+    std::vector<std::uint8_t> room(bytes + 2 * guardBytes, untouched);
     try {
-        count = provider.getBitmapChunk(startBlock, room.data() + moat, bytes);
+        count = provider.getBitmapChunk(startBlock, room.data() + guardBytes, bytes);
     } catch (const std::runtime_error&) {
         count = -1;
     }
     const auto isUntouched = [](std::uint8_t byte) { return byte == untouched; };
-    staysInside = std::all_of(room.begin(), room.begin() + moat, isUntouched) &&
-                  std::all_of(room.end() - moat, room.end(), isUntouched);
-    buffer.assign(room.begin() + moat, room.end() - moat);
+    staysInside = std::all_of(room.begin(), room.begin() + guardBytes, isUntouched) &&
+                  std::all_of(room.end() - guardBytes, room.end(), isUntouched);
+    buffer.assign(room.begin() + guardBytes, room.end() - guardBytes);
     if (provider.isBitmapMsbFirst()) {
         std::transform(buffer.begin(), buffer.end(), buffer.begin(), reversed);
     }
 }
 
-testing::AssertionResult Fetch::isHonest() const {
+testing::AssertionResult Fetch::isValid() const {
     const std::uint64_t capacity = buffer.size() * 8 / map.elementBits;
     if (!staysInside) {
         return isWrong("it writes outside of the buffer");
@@ -64,14 +64,14 @@ testing::AssertionResult Fetch::isTheRest() const {
     if (count < 0 || static_cast<std::uint64_t>(count) < elementsLeft()) {
         return isWrong("it gives " + std::to_string(count));
     }
-    return isHonest();
+    return isValid();
 }
 
 std::uint64_t Fetch::elementsLeft() const {
     return map.size - std::min(startBlock, map.size);
 }
 
-/// Bytes are compared at once where the map has them at the same bits.
+/// Compares whole bytes if the bits are at the same positions in both.
 bool Fetch::equalsTheMap(std::uint64_t elements) const {
     const std::uint64_t bits = elements * map.elementBits;
     const std::uint64_t first = startBlock * map.elementBits;
@@ -90,7 +90,7 @@ bool Fetch::equalsTheMap(std::uint64_t elements) const {
     return true;
 }
 
-/// Up to the last element that is told of.
+/// Whether all bits from `element` up to the last one reported are set.
 bool Fetch::isUsedFrom(std::uint64_t element) const {
     for (std::uint64_t bit = element * map.elementBits;
          bit < static_cast<std::uint64_t>(count) * map.elementBits; ++bit) {

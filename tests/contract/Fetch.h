@@ -11,20 +11,20 @@
 
 namespace agent::contract {
 
-/// What comes of asking a provider once, beside the map that it should have.
+/// The result of one call of a provider, together with the map that it should have provided.
 class Fetch {
 public:
-    /// The map must outlive it.
+    /// Calls the provider. The map must outlive this object.
     Fetch(core::fs::IBlockBitmapChunkProvider& provider, const ElementMap& map, std::uint64_t startBlock,
           std::size_t bytes);
 
-    /// Whether it is a piece of the map, of one element at least, or a failure; at the end it may be nothing.
-    /// What it tells of behind the end of the map is used.
-    [[nodiscard]] testing::AssertionResult isHonest() const;
-    /// Whether it is as much of the map as there is from its start on.
+    /// Whether the call returned at least one element of the map, or failed, or returned nothing at its end.
+    /// Elements past the end of the map must be reported as used.
+    [[nodiscard]] testing::AssertionResult isValid() const;
+    /// Whether the call returned the whole rest of the map from its start.
     [[nodiscard]] testing::AssertionResult isTheRest() const;
 
-    std::int64_t count; ///< as the provider says
+    std::int64_t count; ///< as the provider returned it; -1 if it threw
 
 private:
     [[nodiscard]] std::uint64_t elementsLeft() const;
@@ -34,7 +34,7 @@ private:
 
     const ElementMap& map;
     std::uint64_t startBlock;
-    std::vector<std::uint8_t> buffer; // its bits in the order of the map's
+    std::vector<std::uint8_t> buffer; // bit order as in the map
     bool staysInside;
 };
 

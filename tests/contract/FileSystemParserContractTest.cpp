@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-/// What holds for the parser of each kind of file system, on each of the real images.
+/// Tests that every parser must pass on each of the real images of its file system.
 namespace agent::contract {
 namespace {
 
@@ -33,7 +33,7 @@ protected:
     ImageTest& operator=(const ImageTest&) = delete;
     ~ImageTest() override { image.volume.size = size; }
 
-    /// More than any map of the volume needs.
+    /// Buffer bytes that are enough for any map of the volume.
     [[nodiscard]] std::size_t enough() const { return size / 512 / 8 + 1; }
 
     RealImage& image = imageOf(GetParam());
@@ -79,14 +79,14 @@ protected:
         return {parser, image.used, 0, image.used.bytes.size()};
     }
 
-    /// Whether a parser, asked once more, fails or has the map of the image.
-    [[nodiscard]] testing::AssertionResult isHonest(IFileSystemParser& parser) const {
-        return parser.recognize() ? wholeMap(parser).isHonest() : testing::AssertionSuccess();
+    /// Whether a parser, called once more, fails or provides the image's map.
+    [[nodiscard]] testing::AssertionResult isMapValid(IFileSystemParser& parser) const {
+        return parser.recognize() ? wholeMap(parser).isValid() : testing::AssertionSuccess();
     }
 
-    /// Each place on the device where something ends that is read.
+    /// The ends of all reads, as offsets on the device.
     std::vector<std::uint64_t> endsOfReads() {
-        EXPECT_TRUE(isHonest(*parserOf(image, image.volume)));
+        EXPECT_TRUE(isMapValid(*parserOf(image, image.volume)));
         std::vector<std::uint64_t> ends;
         for (const auto& request : image.volume.requests) {
             ends.push_back(request.offset + request.length);
@@ -126,10 +126,10 @@ TEST_P(ReadableImage, AnyCallMayFail) {
         test::FaultyVolume volume(image.volume, call);
         const auto parser = parserOf(image, volume);
         const bool isReady = parser->recognize();
-        ASSERT_TRUE(!isReady || wholeMap(*parser).isHonest()) << "with call " << call << " failing";
+        ASSERT_TRUE(!isReady || wholeMap(*parser).isValid()) << "with call " << call << " failing";
         failed = volume.hasFailed();
         ASSERT_TRUE(isReady || parser->recognize());
-        ASSERT_TRUE(wholeMap(*parser).isHonest()) << "after call " << call << " has failed";
+        ASSERT_TRUE(wholeMap(*parser).isValid()) << "after call " << call << " has failed";
     }
 }
 
@@ -137,7 +137,8 @@ TEST_P(ReadableImage, DeviceMayEndAnywhere) {
     for (const std::uint64_t end : endsOfReads()) {
         for (const std::uint64_t shorter : {1U, 37U, 511U, 512U, 4095U, 4096U}) {
             image.volume.size = end - std::min(end, shorter);
-            ASSERT_TRUE(isHonest(*parserOf(image, image.volume))) << "with " << image.volume.size << " bytes";
+            ASSERT_TRUE(isMapValid(*parserOf(image, image.volume)))
+                << "with " << image.volume.size << " bytes";
         }
     }
 }
@@ -155,9 +156,9 @@ TEST_P(ReadableImage, DeviceMayBecomeShortOnceItIsRecognised) {
         const auto parser = parserOf(image, image.volume);
         ASSERT_TRUE(parser->recognize());
         image.volume.size = end - 1;
-        ASSERT_TRUE(wholeMap(*parser).isHonest()) << "with " << end - 1 << " bytes";
+        ASSERT_TRUE(wholeMap(*parser).isValid()) << "with " << end - 1 << " bytes";
         image.volume.size = size;
-        ASSERT_TRUE(wholeMap(*parser).isHonest()) << "after an end at " << end - 1;
+        ASSERT_TRUE(wholeMap(*parser).isValid()) << "after an end at " << end - 1;
     }
 }
 

@@ -12,13 +12,13 @@
 
 namespace agent::contract {
 
-/// Images are read once for all tests, which put back what they change of a volume.
+/// Images are loaded once for all tests. A test that changes a volume must restore it.
 RealImage& imageOf(const std::string& name);
 
-/// The names of the images about which this is said.
+/// The names of the images with this verdict.
 std::vector<std::string> imagesWith(RealImage::Verdict verdict);
 
-/// As test frameworks want them.
+/// The image name in the form that the test framework requires.
 std::string testNameOf(std::string imageName);
 
 info::Logger& silentLogger();
@@ -26,8 +26,8 @@ info::Logger& silentLogger();
 /// Throws std::runtime_error if there is no such kind.
 const core::fs::FileSystemKind& kindOf(const std::string& name);
 
-/// A parser of the image's kind, that has read nothing yet, of the image's volume or of one around it; on a
-/// device with sectors that suit it, or with others.
+/// A new parser for the image's kind of file system. `volume` is the image's volume or a wrapper of it. The
+/// sector size suits the image, or is the given one.
 std::unique_ptr<core::fs::IFileSystemParser> parserOf(const RealImage& image, core::IVolumeReader& volume);
 std::unique_ptr<core::fs::IFileSystemParser> parserOf(const RealImage& image, core::IVolumeReader& volume,
                                                       std::uint32_t sectorSize);

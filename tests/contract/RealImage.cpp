@@ -38,7 +38,7 @@ bool isZeros(std::span<const std::uint8_t> bytes) {
            (bytes[0] == 0 && std::memcmp(bytes.data(), bytes.data() + 1, bytes.size() - 1) == 0);
 }
 
-/// Adds to the end of a volume, which takes room for what isn't zeros only.
+/// Appends to a volume. Zeros need no memory.
 void append(test::MemoryVolume& volume, std::span<const std::uint8_t> bytes) {
     const std::uint64_t begin = volume.size;
     volume.size += bytes.size();
@@ -102,6 +102,8 @@ void RealImage::readTruth(const std::string& path) {
     require((verdict == Verdict::readable) == (blockSize > 0 && used.size > 0), path + " says too little");
 }
 
+// Repeated "used" and "kept" lines add up. An unknown word is an error, so that a misspelled line can't make
+// the tests of an image weaker.
 void RealImage::readLine(const std::string& line) {
     std::istringstream text(line);
     std::string word;
@@ -115,20 +117,20 @@ void RealImage::readLine(const std::string& line) {
     } else if (word == "sector-size") {
         text >> sectorSize;
     } else if (word == "from-the-begin") {
-        isReadFromTheBegin = true;
+        mustStartAtFirstBlock = true;
     } else if (word == "blocks") {
         text >> count;
         used = ElementMap(count);
     } else if (word == "used" || word == "kept") {
         text >> first >> count;
-        use(first, count);
+        setUsed(first, count);
     } else {
         require(word.starts_with('#'), "a word that nobody knows");
     }
     require(!text.fail(), "a number is missing");
 }
 
-void RealImage::use(std::uint64_t first, std::uint64_t count) {
+void RealImage::setUsed(std::uint64_t first, std::uint64_t count) {
     require(count > 0 && first < used.size && count <= used.size - first, "no blocks of the volume");
     for (std::uint64_t block = first; block < first + count; ++block) {
         require(!used.bit(block), "a block is named twice");

@@ -9,33 +9,33 @@
 
 namespace agent::contract {
 
-/// A small image of a real volume, and what the tools of its file system say of it: a pair of files in
-/// tests/images, whose README tells their form.
+/// A small image of a real volume, and what the file system's own tools report about it: a pair of files in
+/// tests/images, in the format that the README there describes.
 struct RealImage {
     enum class Verdict {
-        readable, ///< there is a map
-        refused,  ///< it is of its kind, but no map may come of it
-        unknown,  ///< it is of no kind
+        readable, ///< it has a map
+        refused,  ///< it is of this kind, but no map may be provided
+        unknown,  ///< no parser recognizes it
     };
 
-    /// KIND/NAME of all pairs, in order. What has lost its other half is among them.
+    /// KIND/NAME of all pairs, sorted. Includes files whose other half is missing.
     static std::vector<std::string> names();
-    /// Throws std::runtime_error, with the place, if a half is missing or isn't of the form.
+    /// Throws std::runtime_error, with file and line, if a half is missing or malformed.
     explicit RealImage(const std::string& name);
 
-    std::string kind; ///< the name of its folder
+    std::string kind; ///< the name of its directory
     test::MemoryVolume volume;
     Verdict verdict = Verdict::readable;
     std::uint32_t blockSize = 0;
-    std::uint32_t sectorSize = 0;    ///< that a device must have, unless nobody knows its own; 0 for any
-    bool isReadFromTheBegin = false; ///< a map from another block on may be refused
-    ElementMap used;                 ///< of the blocks, as a parser is to have it
+    std::uint32_t sectorSize = 0;       ///< required of the device, unless it is unknown; 0: any
+    bool mustStartAtFirstBlock = false; ///< reading the map from another block may be refused
+    ElementMap used;                    ///< which blocks are used, as a parser must report it
 
 private:
     void load(const std::string& path);
     void readTruth(const std::string& path);
     void readLine(const std::string& line);
-    void use(std::uint64_t first, std::uint64_t count);
+    void setUsed(std::uint64_t first, std::uint64_t count);
 };
 
 } // namespace agent::contract

@@ -1,5 +1,5 @@
-"""What the tests of whole backups share: volumes that are small and can be snapshotted, changes of them, and
-what has to be sent of them, worked out without the agent."""
+"""The common part of the tests of whole backups: small volumes that can be snapshotted, changes of them, and
+a calculation, independent of the agent, of what a backup has to send."""
 import dataclasses
 import hashlib
 import math
@@ -10,7 +10,7 @@ import shutil
 import pytest
 
 import snapshot_site
-from change_records import Moment, common, extents_of_units, marked_units
+from change_records import CaptureExtents, common, extents_of_units, marked_units
 from iscsi_call import LONGEST_WRITE
 from lab import driver
 from lab.backups import capture_of
@@ -19,19 +19,20 @@ from lab.logical_disk import are_volumes_logical
 from lab.targets import Target
 from lab.zephane import ZephaneServer
 
-LONGEST = 4 << 20 # nothing longer is read or sent at once
+LONGEST = 4 << 20 # upper limit of a single read or write
 LONGEST_COMMAND = {Target.interface: LONGEST_WRITE, ZephaneServer.interface: LONGEST}
 OVER_BOTH = pytest.mark.parametrize("target", [Target, ZephaneServer], indirect=True,
                                     ids=["iscsi", "zephane"])
 EXT4 = dataclasses.replace(snapshot_site.EXT4, mebibytes=320)
-# Or XFS sets blocks aside behind the ends of files, which are then in use and were never written.
+# Without this, XFS preallocates blocks after the ends of files, which count as used but were never written.
 XFS = dataclasses.replace(snapshot_site.XFS, mebibytes=352, options="allocsize=4k")
-# It is gone when it is asked for again, so that the backup fails between its snapshots and its first write.
+# The script deletes itself when it first runs, so that the backup fails between its snapshots and its first
+# write.
 VANISHING = f"#!/bin/sh\nrm {SCRIPTS}/vanishing\n"
 
 
 def fill(root, seed, files=40, largest=300_000):
-    """Files of all sizes, in directories, the same ones for a seed."""
+    """Creates files of all sizes, in directories; the same files for the same seed."""
     source = random.Random(seed)
     root = pathlib.Path(root)
     for number in range(files):
@@ -46,14 +47,14 @@ def fill_some(volumes, names, seed):
 
 
 def check(protection, backup, kind):
-    """The backup has become one of this kind, and the images are right."""
+    """Checks that the backup has succeeded as this type, and that the images are right."""
     assert backup.state == "finished", backup.log
     assert {backup.type(name) for name in protection.partitions} == {kind}, backup.log
     protection.verify()
 
 
 def check_chain(protection, volumes):
-    """FULL, DIFFERENTIAL MERGE and INCREMENTAL, with changes between."""
+    """Runs FULL, DIFFERENTIAL MERGE and INCREMENTAL backups, with changes in between."""
     for seed, kind, asked in (("a", "full", {"full": True}), ("b", "differential", {"merge": True}),
                               ("c", "incremental", {})):
         fill_some(volumes, protection.partitions, seed)
@@ -61,8 +62,8 @@ def check_chain(protection, volumes):
 
 
 def check_refused(protection, **changes):
-    """A request with these changes fails before there is a snapshot, writes nothing, and costs nothing: there
-    has been a backup before. Returns what was logged."""
+    """Checks that a request with these changes fails before there is a snapshot and writes nothing, and that
+    the next backup isn't affected. There has been a backup before. Returns the log."""
     before = protection.target.writes()
     backup = protection.run(volumes=protection.request(**changes))
     assert backup.state == "failed", backup.log
@@ -78,12 +79,12 @@ def digest(path):
 
 
 def root_of(partition):
-    """Where the volume is mounted."""
+    """The volume's mount point."""
     return pathlib.Path(partition.volume.mount_point)
 
 
 def empty(root):
-    """Removes all that is below a mount point."""
+    """Removes everything below a mount point."""
     for path in root.iterdir():
         if path.is_dir() and not path.is_symlink():
             shutil.rmtree(path)
@@ -92,7 +93,7 @@ def empty(root):
 
 
 def write_script(name, text):
-    """A script for requests to name, which runs around the snapshots."""
+    """Writes a pre/post script that requests can name; it runs before and after the snapshots."""
     path = SCRIPTS / name
     path.parent.mkdir(parents=True, exist_ok=True)
     path.write_text(text, encoding="utf-8")
@@ -101,12 +102,12 @@ def write_script(name, text):
 
 
 def closed_file(partition):
-    """The name of the CoW file that the last snapshot has closed."""
+    """The name of the CoW file that was closed when the last snapshot was taken."""
     return ".tolvu" if device_of(partition)["cow_file"] == "/.tolvu1" else ".tolvu1"
 
 
 def device_of(partition):
-    """What the driver says of a volume's device."""
+    """The driver's status of a volume's device."""
     return next(device for device in driver.devices() if device["block_device"] == partition.device)
 
 
@@ -115,17 +116,17 @@ def size_of_all(extents):
 
 
 def commands_for(extents, target):
-    """How many commands it takes to send them."""
+    """The number of commands that sending the extents takes."""
     return sum(math.ceil(length / LONGEST_COMMAND[target.interface]) for _, length in extents)
 
 
 class Sent:
-    """What a backup has sent of a volume, and what it had to send. It is `exact` unless changes are known by
-    what was written, which may be what was there before."""
+    """The data that a backup has sent of a volume, and the data that it had to send. `exact` is
+    false if the driver tracks writes: a write may not have changed the data."""
 
-    def __init__(self, target, reported, writes, extents, exact):
+    def __init__(self, target, reported_bytes, writes, extents, exact):
         self.target = target
-        self.reported = reported
+        self.reported_bytes = reported_bytes
         self.writes = writes
         self.extents = extents
         self.exact = exact
@@ -133,21 +134,22 @@ class Sent:
     def check(self):
         size = size_of_all(self.extents)
         if self.exact:
-            assert (self.reported, self.writes.commands) == (size, commands_for(self.extents, self.target))
-        assert self.reported == self.writes.bytes >= size
+            commands = commands_for(self.extents, self.target)
+            assert (self.reported_bytes, self.writes.commands) == (size, commands)
+        assert self.reported_bytes == self.writes.bytes >= size
         return self
 
 
 class Ledger:
-    """Runs backups of all volumes of a protection that have to succeed, checks the images, and tells what
-    was sent. Keeps the driver's captures, and what they show, from one backup to the next."""
+    """Runs backups of all volumes of a protection, which must succeed; checks the images, and returns what
+    was sent. Keeps the driver's captures, and an analysis of them, from one backup to the next."""
 
     def __init__(self, protection):
         self.protection = protection
-        self._moments = {}
+        self._captures = {}
 
     def run(self, expected, **kind):
-        """`expected` is the type that the backup has to become."""
+        """Runs a backup; `expected` is the type that it must become."""
         protection = self.protection
         before = {name: image.writes() for name, image in protection.images.items()}
         backup = protection.run(**kind)
@@ -157,29 +159,30 @@ class Ledger:
         protection.verify()
         exact = expected != "incremental" or not are_volumes_logical()
         return {name: Sent(protection.target, backup.bytes(name),
-                           protection.images[name].writes() - before[name], self._due(name, expected), exact)
+                           protection.images[name].writes() - before[name],
+                           self._expected_extents(name, expected), exact)
                 for name in protection.partitions}
 
-    def _due(self, name, kind):
-        """All that is worth copying; of an incremental what has changed of it."""
+    def _expected_extents(self, name, kind):
+        """The extents worth copying; for an incremental backup, only those that have changed."""
         partition = self.protection.partitions[name]
         path = capture_of(partition)
-        now = Moment(path, partition.volume.file_system)
+        now = CaptureExtents(path, partition.volume.file_system)
         file = open(path, "rb")
-        now.capture = f"/proc/self/fd/{file.fileno()}" # its name goes with the next backup
-        earlier, self._moments[name] = self._moments.get(name), (now, file)
+        now.capture = f"/proc/self/fd/{file.fileno()}" # its name is removed by the next backup
+        earlier, self._captures[name] = self._captures.get(name), (now, file)
         if not earlier:
             return now.copied
-        moment, earlier_file = earlier
+        before, earlier_file = earlier
         with earlier_file:
             if kind != "incremental":
                 return now.copied
-            units = marked_units(moment, now, closed_file(partition))
+            units = marked_units(before, now, closed_file(partition))
         return common(now.copied, extents_of_units(units))
 
     def __enter__(self):
         return self
 
     def __exit__(self, *_exception):
-        for _, file in self._moments.values():
+        for _, file in self._captures.values():
             file.close()

@@ -1,4 +1,4 @@
-"""bekctl as the tests call it."""
+"""bekctl, as the tests call it."""
 import json
 import subprocess
 
@@ -9,18 +9,18 @@ WELL, UNWELL, UNUSABLE = 0, 1, 2
 
 
 def run_bekctl(*arguments, **options):
-    """One call, which has ended."""
+    """Runs bekctl to its end."""
     return subprocess.run([program("bekctl"), *arguments], stdin=subprocess.DEVNULL, capture_output=True,
                           text=True, check=False, timeout=SECONDS, **options)
 
 
-def shown(*arguments, status=WELL):
-    """What a call prints for people."""
+def output_of(*arguments, status=WELL):
+    """The output of a call for people."""
     done = run_bekctl(*arguments)
     assert (done.returncode, done.stderr) == (status, ""), done
     return done.stdout
 
 
-def told(*arguments, status=WELL):
-    """What a call prints for programs."""
-    return json.loads(shown(*arguments, "--json", status=status))
+def json_of(*arguments, status=WELL):
+    """The output of a call for programs, parsed from JSON."""
+    return json.loads(output_of(*arguments, "--json", status=status))

@@ -1,5 +1,5 @@
-"""What the snapshot driver has to record of a volume, and what a backup has to bring, worked out from
-captures of the volume and from what the tools of its file system call in use."""
+"""The changes that the snapshot driver has to record for a volume, and the data that a backup has to send,
+calculated from captures of the volume and from the used blocks that the file system's tools report."""
 import os
 from itertools import chain, count
 
@@ -7,54 +7,55 @@ from lab.driver import OWN_FILES
 from lab.filesystems import kind_of
 from lab.images import extents_on, tree_of, without
 
-UNIT = 4096 # changes are recorded in units of so many bytes
+UNIT = 4096 # bytes in a unit; changes are recorded by unit
 PIECE = 4 << 20
 
 
-class Moment:
-    """What a capture shows of its file system: (offset, length) of what is in use, of what of that the driver
-    doesn't know to be in use, and of each of the driver's and the agent's own files."""
+class CaptureExtents:
+    """The file system in a capture: the extents (offset, length) in use, those of them that the driver
+    doesn't know to be in use, and those of each of the driver's and the agent's own files."""
 
     def __init__(self, capture, file_system):
         self.capture = capture
         kind = kind_of(file_system)
-        self._tells_extents = kind.tells_extents
+        self._has_file_extents = kind.has_file_extents
         self.used = used_extents(capture, kind)
-        self.sleeping = kind.sleeping(capture)
+        self.unknown_to_driver = kind.unknown_to_driver(capture)
         with tree_of(str(capture), file_system) as root:
             self.own = {name: extents_on(capture, file_system, root, name) for name in OWN_FILES
                         if (root / name).exists()}
 
     @property
     def needed(self):
-        """What is worth copying."""
+        """The extents worth copying: all in use, except the own files."""
         return list(without(self.used, chain.from_iterable(self.own.values())))
 
     @property
     def copied(self):
-        """What a backup copies."""
-        return self.needed if self._tells_extents else self.used
+        """The extents that a backup copies."""
+        return self.needed if self._has_file_extents else self.used
 
 
 def used_extents(capture, kind):
-    """What is in use, with what is behind the last block of a file system whose map goes on there."""
+    """The extents in use. If the map of this kind of file system extends beyond its last block, they include
+    the rest of the volume."""
     truth = kind.truth(capture)
-    if kind.goes_on:
+    if kind.map_exceeds_file_system:
         truth.blocks = os.stat(capture).st_size // truth.block_size
     return truth.used_extents()
 
 
 def marked_since(before, after, file_system, closed=".tolvu"):
     """The numbers of the units that count as changed between two captures."""
-    return marked_units(Moment(before, file_system), Moment(after, file_system), closed)
+    return marked_units(CaptureExtents(before, file_system), CaptureExtents(after, file_system), closed)
 
 
 def copied_extents(capture, file_system):
-    return Moment(capture, file_system).copied
+    return CaptureExtents(capture, file_system).copied
 
 
 def common(extents, others):
-    """What is in both; either is in order."""
+    """The intersection of two lists of extents, which are both in order."""
     found = []
     others = list(others)
     for begin, length in extents:
@@ -69,7 +70,7 @@ def common(extents, others):
 
 
 def in_units(extents):
-    """The numbers of all units that are touched."""
+    """The numbers of all units that the extents touch."""
     return {unit for begin, length in extents for unit in range(begin // UNIT, -(-(begin + length) // UNIT))}
 
 
@@ -97,11 +98,11 @@ def differing_units(before, after):
 
 
 def marked_units(before, after, closed):
-    """The numbers of the units that count as changed from one moment to the next: what differs, what has come
-    into use and so isn't in any image whatever it holds, and the files of the driver and the agent, but for
-    the one that was `closed` by the snapshot."""
+    """The numbers of the units that count as changed from one moment to the next: units that differ; units
+    that are newly in use, as no image has them, whatever their content; and the files of the driver and the
+    agent, except the CoW file that the snapshot `closed`."""
     others = chain.from_iterable(extents for name, extents in after.own.items() if name != closed)
-    used = without(after.used, [*after.own[closed], *after.sleeping])
-    known = list(without(before.needed, before.sleeping))
+    used = without(after.used, [*after.own[closed], *after.unknown_to_driver])
+    known = list(without(before.needed, before.unknown_to_driver))
     return (in_units(others) - in_units(after.own[closed]) | in_units(without(used, known))
             | set(differing_units(before.capture, after.capture)))

@@ -1,4 +1,4 @@
-"""A copy of the lab, for what there is one of a checkout: its site."""
+"""A copy of the lab, for tests of something that exists once per checkout: its site."""
 import json
 import os
 import pathlib
@@ -14,7 +14,7 @@ SECONDS = 120
 
 
 class Checkout:
-    """The lab in a directory of its own."""
+    """The lab, copied to a directory of its own."""
 
     def __init__(self, directory):
         self.directory = directory
@@ -29,18 +29,19 @@ class Checkout:
         self.site("down")
 
     def run(self, *arguments):
-        """Exit status, standard output and standard error of lab/site."""
+        """Runs lab/site; returns its exit status, standard output and standard error."""
         done = subprocess.run([self.directory / "lab" / "site", *arguments], capture_output=True, text=True,
                               check=False, timeout=SECONDS, env=self.environment())
         return done.returncode, done.stdout, done.stderr
 
     @staticmethod
     def environment():
-        """The programs are those of the real checkout."""
+        """The environment, with the programs of the real checkout."""
         return {**os.environ, "BEKD_BUILD": str(program("").resolve())}
 
     def site(self, *arguments):
-        """Exit status and standard output, where there is nothing to complain of."""
+        """Runs lab/site, which must print nothing on standard error; returns its exit status and standard
+        output."""
         status, output, errors = self.run(*arguments)
         assert errors == ""
         return status, output
@@ -61,7 +62,7 @@ class Checkout:
         return output
 
     def shell(self, command):
-        """What a command line prints that is typed in the checkout, and has to work."""
+        """Runs a command line in the checkout, which must succeed; returns its output."""
         done = subprocess.run(["bash", "-euo", "pipefail", "-c", command], cwd=self.directory,
                               stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
                               text=True, check=False, timeout=SECONDS, env=self.environment())
@@ -70,7 +71,7 @@ class Checkout:
 
     @staticmethod
     def parents():
-        """The parent of each process of the machine, by number."""
+        """The PID of the parent of each process of the machine, by PID."""
         parents = {}
         for path in pathlib.Path("/proc").glob("[0-9]*/stat"):
             try:
@@ -80,11 +81,11 @@ class Checkout:
         return parents
 
     def first_process(self):
-        """Of the site's namespaces."""
+        """The first process of the site's namespaces."""
         return next(pid for pid, parent in self.parents().items() if parent == self.record["pid"])
 
     def processes(self):
-        """All that run for the site, by number: the recorded one and whatever comes from it."""
+        """The PIDs of all processes of the site: the recorded one and its descendants."""
         found = {self.record["pid"]}
         parents = self.parents()
         while True:
@@ -98,7 +99,8 @@ class Checkout:
                     if pathlib.Path("/proc", str(pid), "comm").read_text().strip() == name[:15])
 
     def assert_gone(self, processes):
-        """Not even after a while: what the kernel does by itself, it does at once or never."""
+        """Checks that the site is gone. Loop devices may take a while; what the kernel does itself, it does
+        at once or never."""
         for token in self.tokens:
             wait_until(lambda token=token: not volumes.loops_of(token), SECONDS, "the loop device gone")
         self.assert_ended(processes)

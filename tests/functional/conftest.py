@@ -1,7 +1,7 @@
 """A clean site for each test.
 
-The tests run inside lab/namespace and share its private /etc, /run and /dev, so each finds what the one
-before it has left, unless it is removed.
+The tests run inside lab/namespace and share its private /etc, /run and /dev, so whatever a test leaves there
+must be removed before the next one.
 """
 import contextlib
 import functools
@@ -17,28 +17,31 @@ import pytest
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 sys.path[:0] = [str(ROOT), str(ROOT / "tests")]
-pytest.register_assert_rewrite("backup_site", "fault_site", "iscsi_call", "snapshot_site", "tolvubd_site",
-                                 "used_maps", "zephane_scene")
+pytest.register_assert_rewrite("backup_site", "fault_site", "https_site", "iscsi_call", "snapshot_site",
+                                 "tolvubd_checks", "tolvubd_site", "used_maps", "zephane_scene")
 
 from backup_site import EXT4, XFS, empty, root_of  # noqa: E402
 from fault_site import DATA, FaultList, fault_site  # noqa: E402
 from lab import certificates, certservice  # noqa: E402
+from lab.agent_state import appliance_of  # noqa: E402
 from lab.appliance_client import DEVICE  # noqa: E402
 from lab.backups import Protection  # noqa: E402
 from lab.daemon import CERTIFICATES, DATABASE, PID_FILE, Daemon, program, require_private_site  # noqa: E402
 from lab.driver import forget_devices, hide_driver, show_driver  # noqa: E402
 from lab.https_client import Client  # noqa: E402
 from lab.lvm import VolumeGroup  # noqa: E402
-from lab.machine import appliance_of  # noqa: E402
 from lab.site import Site  # noqa: E402
 from lab.system_log import SystemLog  # noqa: E402
 from lab.targets import Target  # noqa: E402
-from tolvubd_site import PLACES, LogicalVolumes, Partitions  # noqa: E402
+from tolvubd_checks import small  # noqa: E402
+from tolvubd_site import (PLACES, LogicalVolumes, Partitions, Volume, started_driver,  # noqa: E402
+                          tolvuctl)
 from zephane_scene import Scene  # noqa: E402
 
 
 def pytest_generate_tests(metafunc):
-    """Each test of a volume on each place that this machine has, or on that which the test names."""
+    """Runs each test of a volume on each kind of place that this machine has, or only on the one the test
+    needs."""
     if "place" in metafunc.fixturenames:
         only = metafunc.definition.get_closest_marker("captures")
         metafunc.parametrize("place", PLACES[:1] if only else PLACES, indirect=True)
@@ -63,13 +66,13 @@ def site_agent(site_authority):
 
 @pytest.fixture(scope="session")
 def site_device(site_authority):
-    """site_device(NUMBER) is the identity of an appliance, the same each time."""
+    """site_device(NUMBER) is the identity of an appliance, always the same for a number."""
     return functools.cache(site_authority.device)
 
 
 @pytest.fixture(scope="module")
 def service_authority(tmp_path_factory):
-    """One that this machine trusts to vouch for servers."""
+    """An authority that this machine trusts for servers."""
     made = certificates.Authority(tmp_path_factory.mktemp("service-authority"))
     certservice.trust(made)
     return made
@@ -77,7 +80,7 @@ def service_authority(tmp_path_factory):
 
 @pytest.fixture(scope="module")
 def service_identity(service_authority):
-    """What the certificate service shows."""
+    """The certificate of the certificate service."""
     host = certservice.HOST
     return service_authority.issue(host, more=("tls_www_server", "signing_key", f'dns_name = "{host}"'))
 
@@ -89,7 +92,7 @@ def pytest_configure(config):
 
 @pytest.fixture(autouse=True)
 def site(request, private_machine):
-    """An agent's machine without a trace of the agent, but for its certificates."""
+    """An agent's machine without any trace of the agent, except its certificates."""
     shutil.rmtree("/etc/tolvu", ignore_errors=True)
     PID_FILE.unlink(missing_ok=True)
     assert not pathlib.Path("/etc/tolvu").exists()
@@ -100,7 +103,8 @@ def site(request, private_machine):
 
 @pytest.fixture
 def directory():
-    """For images, which lie in memory: what pytest has for files stays there until the last test."""
+    """A directory for images, which are in memory: pytest would keep its own directories until the last
+    test."""
     with tempfile.TemporaryDirectory() as path:
         yield pathlib.Path(path)
 
@@ -116,13 +120,13 @@ def connect_appliance(site_authority, site_device):
 
 @pytest.fixture
 def agent(foreground):
-    """A daemon whose standard output shows what it does, down to each request."""
+    """A daemon whose standard output shows what it does, including each request."""
     return foreground()
 
 
 @pytest.fixture
 def client(agent, site_authority, site_device):
-    """The paired device, with a connection for each request."""
+    """A client with the paired device's certificate, which makes a connection for each request."""
     paired = Client(site_authority.certificate, site_device(DEVICE))
     assert paired.request("POST", "/pair", b'{"deviceID": %d}' % DEVICE).status == 200
     return paired
@@ -138,13 +142,13 @@ def appliance(agent, connect_appliance):
 
 @pytest.fixture
 def punching(appliance):
-    """The agent makes holes where a volume is free."""
+    """Makes the agent punch holes where a volume is free."""
     assert appliance.set_config({"holepunch.enabled": True}).is_success
 
 
 @pytest.fixture
 def driver():
-    """A machine on which the snapshot driver shows itself."""
+    """A machine on which the snapshot driver is visible."""
     show_driver()
 
 
@@ -157,13 +161,34 @@ def group():
 
 @pytest.fixture
 def place(request):
-    """What Volume of tolvubd_site is made on."""
+    """The place where Volume of tolvubd_site makes its device."""
     return Partitions() if request.param == "partition" else LogicalVolumes(request.getfixturevalue("group"))
+
+
+@pytest.fixture
+def fresh_driver(site):
+    """A driver without devices; after the test nothing of it may be left outside the volume."""
+    with started_driver():
+        yield
+        forget_devices()
+        assert tolvuctl("cleanup").returncode == 0
+
+
+@pytest.fixture
+def make_volume(fresh_driver, place):
+    """make_volume(FILE SYSTEM, SECTORS, NAME) makes and mounts a small volume for the driver."""
+    with contextlib.ExitStack() as stack:
+        def make(filesystem="ext4", sectors=None, name="volume"):
+            sectors = max(sectors or small(filesystem), place.smallest_sectors)
+            volume = stack.enter_context(Volume(name, filesystem, sectors, place))
+            stack.callback(forget_devices)
+            return volume
+        yield make
 
 
 @pytest.fixture(scope="module")
 def lab_site(private_machine):
-    """The services that the agent asks for volumes, and the volumes of a lab site."""
+    """The services that the agent uses for volumes, and the volumes of a lab site."""
     with Site() as running:
         yield running
 
@@ -177,7 +202,7 @@ def volume_site(request, private_machine):
 
 @pytest.fixture
 def volumes(volume_site, agent):
-    """The volumes by name. After the test they are empty, and the driver knows none of them any more."""
+    """The volumes by name. After the test they are emptied, and the driver forgets all of them."""
     yield {partition.name: partition for partition in volume_site.disk}
     forget_devices()
     for partition in volume_site.disk:
@@ -186,20 +211,20 @@ def volumes(volume_site, agent):
 
 
 def server_of(request):
-    """What the module has its images on."""
+    """The class of the module's image server."""
     return getattr(request.module, "SERVER", Target)
 
 
 @pytest.fixture
 def target(request):
-    """Where the images are: what the test names, or the module as its `SERVER`, or an iSCSI target."""
+    """The image server: the one that the test names, the module's `SERVER`, or an iSCSI target."""
     with getattr(request, "param", server_of(request))() as running:
         yield running
 
 
 @pytest.fixture
 def protect(volumes, target, agent, appliance):
-    """protect(NAME..., OPTIONS) gives these volumes, or all that are mounted, images on the target."""
+    """protect(NAME..., OPTIONS) makes images on the target for these volumes, or for all mounted ones."""
     def make(*names, **options):
         chosen = names or [name for name, partition in volumes.items() if partition.volume.mount_point]
         return Protection(appliance, agent, target, [volumes[name] for name in chosen], **options)
@@ -208,7 +233,7 @@ def protect(volumes, target, agent, appliance):
 
 @pytest.fixture
 def no_driver(agent):
-    """The driver, if there was one, goes away while the agent runs."""
+    """Hides the driver while the agent runs."""
     hide_driver()
     yield
     show_driver()
@@ -216,7 +241,7 @@ def no_driver(agent):
 
 @pytest.fixture
 def tmpfs(site):
-    """tmpfs(PATH, OPTIONS) mounts a file system that is gone again after the test."""
+    """tmpfs(PATH, OPTIONS) mounts a tmpfs, which is unmounted after the test."""
     with contextlib.ExitStack() as mounts:
         def mount(path, options):
             pathlib.Path(path).mkdir(parents=True, exist_ok=True)
@@ -233,9 +258,10 @@ def system_log():
 
 @pytest.fixture
 def make_daemon(tmpfs):
-    """Makes daemons. After the test they stop with status 0, unless the test has ended them, newest first.
+    """Makes daemons. After the test they are stopped, newest first. Those that still run must stop with
+    status 0.
 
-    None may have written to standard error what the test hasn't allowed for."""
+    A daemon must not have written to standard error, except what the test expects."""
     with contextlib.ExitStack() as daemons:
         def make(*arguments, start=True, **options):
             daemon = Daemon(*arguments, **options)
@@ -258,7 +284,7 @@ def background(make_daemon):
 
 @pytest.fixture
 def run_to_end(make_daemon):
-    """Runs a daemon that is to end by itself; returns it."""
+    """Runs a daemon that ends without being stopped; returns it when it has ended."""
     def run(*arguments, **options):
         daemon = make_daemon(*arguments, **options)
         daemon.wait()
@@ -289,7 +315,7 @@ def database():
 
 @pytest.fixture(scope="module")
 def faults(request):
-    """Where the tests of a module note the faults that they inject."""
+    """The list where the tests of a module note the faults that they inject."""
     made = FaultList(f"faults-{request.module.__name__.removeprefix('test_').removeprefix('backup_')}")
     yield made
     made.write()
@@ -297,7 +323,7 @@ def faults(request):
 
 @pytest.fixture(scope="module")
 def attacks(request):
-    """Where the tests of a module note the attacks that they make."""
+    """The list where the tests of a module note the attacks that they make."""
     name = request.module.__name__.removeprefix("test_").replace("_attacks_", "-")
     made = FaultList(f"attacks-{name}", "attacks made")
     yield made
@@ -306,13 +332,13 @@ def attacks(request):
 
 @pytest.fixture(scope="module")
 def scene(private_machine):
-    """A server of the second transport, to be attacked."""
+    """A server of the second transport, for the tests to attack."""
     with Scene() as made:
         yield made
 
 
 @pytest.fixture
 def one_volume(request, agent, appliance):
-    """A site to break, with one volume that has been backed up."""
+    """A site for faults, with one volume that has been backed up."""
     with fault_site(appliance, agent, (DATA,), server_of(request)) as site:
         yield site

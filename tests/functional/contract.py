@@ -1,4 +1,5 @@
-"""The suite of all transports over one to a real server, which its program finds by the environment."""
+"""Runs the test suite that all transports share, on a transport to a real server, which the program finds by
+environment variables."""
 import json
 import os
 import subprocess
@@ -10,7 +11,8 @@ SECONDS = 60
 
 
 def assert_keeps_contract(name, directory, **settings):
-    """Runs the program of that name; `settings` is what it reads, and it reports in `directory`."""
+    """Runs the program of that name with `settings` in its environment; it writes its report in
+    `directory`."""
     report = directory / "report.json"
     done = subprocess.run([program(name), "--gtest_brief=1", f"--gtest_output=json:{report}"],
                           env={**os.environ, **{key: str(value) for key, value in settings.items()}},

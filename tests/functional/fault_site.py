@@ -1,4 +1,5 @@
-"""What the tests of backups under faults share: a site to break, and what has to hold after each fault."""
+"""The common part of the tests of backups under faults: a site for faults, and what must hold after each
+fault."""
 import contextlib
 import dataclasses
 import os
@@ -9,8 +10,8 @@ import shutil
 from backup_site import EXT4, fill
 from lab.backups import Protection
 from lab.daemon import LOGS, program
-from lab.holds import Hold, Trace
 from lab.services import wait_until
+from lab.syscalls import Hold, Trace
 from lab.targets import Target
 from snapshot_site import SnapshotSite
 
@@ -21,26 +22,26 @@ DATA = EXT4
 MORE = dataclasses.replace(DATA, name="more", mount_point="/mnt/more")
 SNAPSHOTS = ("/dev/tolvu0", "/dev/tolvu1")
 RETRYING = "Sleeping, reconnecting, and retrying."
-FIRST, LITTLE = 0, 5 # reads of a copy, before it is held
-OWN_LINES = 9 # a request to start a backup of one volume logs fewer, on a thread of its own
-CALL_OF_RUN = "rt_sigaction" # in the daemon, only a thread that runs a backup makes it
+FIRST, LITTLE = 0, 5 # reads of a copy before it is held
+OWN_LINES = 9 # a request to start a backup of one volume logs fewer lines on its own thread
+CALL_OF_RUN = "rt_sigaction" # in the daemon, only the thread of a backup calls it
 
-# Why the first backup after a kill may fail: the snapshot left behind is mounted, or not of the kind wanted,
-# or takes the room that is needed.
+# The reasons why the first backup after a kill may fail: the snapshot that was left is mounted, is of the
+# wrong kind, or takes the room that is needed.
 LEFTOVERS = ("Could not destroy snapshot for ", "destroying and returning failure, current state 3",
              "is full, not enough free space to perform a backup")
 
 
 def seeded():
-    """A source of random numbers, the same each time; others with another BEKD_SEED."""
+    """A random number generator with a fixed seed, which BEKD_SEED changes."""
     seed = int(os.environ.get("BEKD_SEED", 1))
     print(f"BEKD_SEED={seed}")
     return random.Random(seed)
 
 
 class FaultList:
-    """The faults that a module has injected, and what became of the backups. They end up beside the
-    programs, in a file of this name, unless nobody may write there, as in a machine."""
+    """The faults that a module has injected, and the outcomes of the backups. They are written to a file of
+    this name beside the programs, unless that directory is read-only, as in a machine."""
 
     def __init__(self, name, what="faults injected"):
         self._path = BUILD / f"{name}.txt"
@@ -58,7 +59,7 @@ class FaultList:
 
 
 class FaultSite:
-    """Volumes with images of them on a target, and the daemon that is to keep them right."""
+    """Volumes with images on a target, and the daemon that backs them up."""
 
     def __init__(self, site, target, appliance, daemon):
         self.site = site
@@ -75,7 +76,7 @@ class FaultSite:
         self.protection.daemon = daemon
 
     def change(self):
-        """Gives the next backup something to do."""
+        """Changes files, so that the next backup has something to do."""
         self._changes += 1
         for name in self.site.names:
             root = self.site.mount_point(name)
@@ -87,7 +88,7 @@ class FaultSite:
                 fill(new, f"{name}-{self._changes}-{part}", files=3, largest=2_000_000)
 
     def back_up(self, **kind):
-        """A backup that must work."""
+        """Runs a backup, which must succeed."""
         self.change()
         backup = self.protection.run(**kind)
         assert backup.state == "finished", backup.log
@@ -95,7 +96,7 @@ class FaultSite:
         return backup
 
     def judge(self, backup):
-        """The state of a backup that has ended. If it says finished, the images are right."""
+        """Returns the state of a backup that has ended. If it is "finished", the images must be right."""
         state = backup.state
         assert state in ("finished", "failed"), backup.log
         if state == "finished":
@@ -111,14 +112,14 @@ class FaultSite:
         wait_until(lambda: self.target.sessions() == 0, SECONDS, "all sessions at the target ended")
 
     def assert_recovered(self):
-        """Nothing is frozen, mounted, attached or logged in, and the next backup works."""
+        """Checks that nothing is frozen, mounted, attached or logged in, and that the next backup works."""
         self.check_clean()
         self.back_up()
         self.check_clean()
 
     def restart_after_kill(self, daemon):
-        """What a killed daemon has left is found by the next backup, which may fail for it, once, and is gone
-        after that. Returns what became of that backup."""
+        """Continues with a new daemon. The next backup finds what the killed daemon has left: it may fail for
+        that, but only once, and cleans up. Returns the state of that backup."""
         for name in self.site.names:
             self.site.check_writable(name)
         self.daemon = daemon
@@ -132,11 +133,11 @@ class FaultSite:
         return state
 
     def rehearse(self, calls, **kind):
-        """The calls that the thread of a backup makes, in order."""
+        """The system calls of a backup's thread, in order."""
         return self._rehearse_all(calls, **kind)[0]
 
     def _rehearse_all(self, calls, **kind):
-        """The same, and those of each other thread."""
+        """The same, followed by the calls of each other thread."""
         self.change()
         with Trace(self.daemon.pid, f"{calls},{CALL_OF_RUN}") as trace:
             backup = self.protection.run(**kind)
@@ -147,15 +148,15 @@ class FaultSite:
         return threads
 
     def boundaries(self, texts, **kind):
-        """(text, number) of the lines with these texts that the thread of a backup logs."""
+        """(text, number) of the log lines of a backup's thread that contain these texts."""
         lines = [line for line in self.rehearse("write", **kind) if str(log_file()) in line]
         found = [(text, next(at for at, line in enumerate(lines, 1) if text in line)) for text in texts]
         assert found[0][1] > OWN_LINES
         return found
 
     def steps_of_copy(self, call, path="", **kind):
-        """The numbers of the calls that the thread of a backup makes on a file while it copies. Numbers go
-        by thread, so they tell nothing of calls that the other threads make as well."""
+        """The numbers of the calls that a backup's thread makes on a file while it copies. The numbers count
+        the thread's own calls, so they say nothing about calls that other threads make too."""
         lines = self.rehearse(f"{call},write", **kind)
         phase = " execution of the Copy Chunk Ranges phase."
         begin, end = (at for at, line in enumerate(lines) if phase in line and str(log_file()) in line)
@@ -163,16 +164,16 @@ class FaultSite:
         return [number for number, at in enumerate(matching, 1) if begin < at < end]
 
     def packets_of_copy(self, call, **kind):
-        """The numbers of the calls by which a backup sends what it copies, which is done by a thread for each
-        volume: those numbers that no other thread comes to."""
+        """The numbers of the calls by which a backup sends the data that it copies. Each volume has a thread
+        for that; only numbers that no other thread reaches are returned."""
         counts = sorted(sum(line.startswith(f"{call}(") for line in lines)
                         for lines in self._rehearse_all(call, **kind))
         return list(range(counts[-2] + 1, counts[-1] + 1))
 
     @contextlib.contextmanager
     def in_copy(self, reads=None, **kind):
-        """(backup, hold) of a backup that has read its first volume so often, half of it if nothing is said,
-        and is held there."""
+        """(backup, hold) of a backup that is held after this number of reads of its first volume; by default
+        after half of them."""
         steps = self.steps_of_copy("read", SNAPSHOTS[0], **kind)
         number = steps[len(steps) // 2 if reads is None else reads]
         with self.held("read", number, paths=SNAPSHOTS, **kind) as held:
@@ -180,7 +181,7 @@ class FaultSite:
 
     @contextlib.contextmanager
     def held(self, call, number, *, paths=(), behind=False, **kind):
-        """(backup, hold) of a backup that has come to a system call, and is held there."""
+        """(backup, hold) of a backup that is held at a system call."""
         self.change()
         with Hold(self.daemon.pid, call, number, paths=paths, behind=behind) as hold:
             backup = self.protection.start(**kind)
@@ -197,7 +198,7 @@ def log_file():
 
 @contextlib.contextmanager
 def fault_site(appliance, daemon, volumes, server=Target, **options):
-    """`options` are those of the server of the images."""
+    """A FaultSite whose volumes have been backed up once. `options` are for the image server."""
     with SnapshotSite(volumes) as site, server(**options) as target:
         made = FaultSite(site, target, appliance, daemon)
         for name in site.names:

@@ -1,4 +1,5 @@
-"""What the tests of the server and of the API ask of other clients than ours, and of the serving process."""
+"""For the tests of the server and of the API: other clients than the lab's, and the state of the serving
+process."""
 import contextlib
 import socket
 import subprocess
@@ -12,14 +13,14 @@ NOISE = (b"GET / HTTP/1.1\r\n\r\n", bytes(range(256)) * 64, b"\x16\x03\x01\xff\x
 
 
 def wait_until_idle(pid, idle):
-    """Waits until no connection is left; returns what the process then uses."""
+    """Waits until the process uses no more than when idle; returns its usage then."""
     wait_until(lambda: usage(pid).descriptors <= idle.descriptors and usage(pid).threads <= idle.threads,
                SECONDS, f"down to {idle}, still {usage(pid)}")
     return usage(pid)
 
 
 def handshake(identity, priority):
-    """Whether GnuTLS's own client gets a connection with these priorities."""
+    """Whether GnuTLS's own client completes a handshake with these priorities."""
     done = subprocess.run(
         ["gnutls-cli", "--no-ca-verification", f"--priority={priority}", f"--port={PORT}",
          f"--x509certfile={identity.certificate}", f"--x509keyfile={identity.key}", "127.0.0.1"],
@@ -29,7 +30,7 @@ def handshake(identity, priority):
 
 
 def send_plain(address, noise):
-    """Sends what is no TLS, and waits for the end of the connection."""
+    """Sends data that isn't TLS, and waits for the end of the connection."""
     with socket.create_connection(address, SECONDS) as plain:
         with contextlib.suppress(OSError): # the server may have closed before it has read everything
             plain.sendall(noise)

@@ -1,4 +1,4 @@
-"""An initiator that is none of the agent's code: the library libiscsi, called as it is.
+"""An initiator without any of the agent's code: the library libiscsi, called directly.
 
     with Initiator(target, lun=1) as initiator:
         initiator.write(0, bytes(512))
@@ -17,7 +17,7 @@ for name in ("iscsi_readcapacity16_sync", "iscsi_read16_iov_sync", "iscsi_write1
 
 
 class InitiatorError(Exception):
-    """A command or a login that failed; the text is the library's."""
+    """A command or a login has failed; the text is the library's."""
 
 
 class Capacity(ctypes.Structure):
@@ -33,7 +33,7 @@ class Unmapped(ctypes.Structure):
 
 
 class Initiator:
-    """A session with one unit of a target."""
+    """A session with one LUN of a target."""
 
     def __init__(self, target, lun, user="", password="", seconds=10):
         self.lun = lun
@@ -68,7 +68,7 @@ class Initiator:
         return lib.iscsi_get_error(self._context).decode()
 
     def _finish(self, address, keep=False):
-        """Judges a task, whose first field is its status."""
+        """Checks a task, whose first field is its status."""
         if not address:
             raise InitiatorError(self._error())
         task = ctypes.c_void_p(address)
@@ -88,7 +88,7 @@ class Initiator:
         return buffer.raw
 
     def write(self, block, data):
-        """One command."""
+        """Writes data in one command."""
         self._finish(lib.iscsi_write16_sync(
             self._context, self.lun, ctypes.c_uint64(block), data, len(data), self.block_size, 0, 0, 0, 0, 0))
 

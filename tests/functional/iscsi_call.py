@@ -1,4 +1,4 @@
-"""The program IscsiCall, which holds the transport to an iSCSI target and nothing else, and what it logs."""
+"""The program IscsiCall, which contains only the transport to an iSCSI target, and its log."""
 import json
 import os
 import select
@@ -9,11 +9,11 @@ from lab.daemon import program
 from lab.services import wait_until
 
 SECONDS = 60
-ROUNDS = 5 # of trying again
+ROUNDS = 5 # of retries
 WARNING = 2
 LONGEST_WRITE = 256 << 10 # one command
 LONGEST_READ = 128 << 10 # likewise
-OVERWRITE = "165" # what is freed, so that it shows if it is used again
+OVERWRITE = "165" # freed memory is filled with it, so that a use after free shows
 WRITE_FAILED = "Failed during iscsi write command."
 READ_FAILED = "Failed during iscsi read command."
 WRITE_AGAIN = "Write iscsi failed. Sleeping, reconnecting, and retrying. [fallback:target-retried]"
@@ -21,7 +21,8 @@ READ_AGAIN = "Read iscsi failed. Sleeping, reconnecting, and retrying. [fallback
 
 
 class Transport:
-    """The program, with a transport to one image. Commands may be given ahead; each is answered once."""
+    """The program, with a transport to one image. Commands can be sent ahead; each gets one answer, in
+    order."""
 
     def __init__(self, target, image, *, offset=0, user="", password="", name=None, portal=None, lun=None):
         self._errors = tempfile.TemporaryFile()
@@ -60,7 +61,7 @@ class Transport:
         return True
 
     def take(self):
-        """What the oldest command not answered yet has returned; as (-1, errno) if it has failed."""
+        """The result of the oldest command without an answer so far; (-1, errno) if it has failed."""
         assert self.has_answer(SECONDS), self.log()
         line, _, self._received = self._received.partition(b"\n")
         answer = json.loads(line)
@@ -71,11 +72,11 @@ class Transport:
         return self.take()
 
     def write(self, path, offset=0, length=None):
-        """Writes a piece of a file, by default all of it."""
+        """Writes a part of a file; by default all of it."""
         return self.do("write", path, offset, os.path.getsize(path) if length is None else length)
 
     def read(self, length, directory):
-        """Returns what has come."""
+        """Reads; returns the data received."""
         path = directory / "received"
         path.unlink(missing_ok=True)
         result = self.do("read", length, path)
@@ -84,12 +85,12 @@ class Transport:
         return received
 
     def log(self):
-        """The lines so far, as pairs of level and text."""
+        """The log lines so far, as pairs of level and text."""
         content = os.pread(self._errors.fileno(), os.fstat(self._errors.fileno()).st_size, 0).decode()
         return [(int(line[0]), line[2:]) for line in content.splitlines()]
 
-    def complaints(self):
+    def logged_warnings(self):
         return [text for level, text in self.log() if level <= WARNING]
 
-    def await_complaint(self, text, times=1):
-        wait_until(lambda: self.complaints().count(text) >= times, SECONDS, f"{times} times: {text}")
+    def wait_for_warning(self, text, times=1):
+        wait_until(lambda: self.logged_warnings().count(text) >= times, SECONDS, f"{times} times: {text}")

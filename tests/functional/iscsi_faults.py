@@ -1,19 +1,19 @@
-"""What a Relay (iscsi_relay.py) does to commands that read or write; others pass. They are counted from 0 on,
-from when the fault was given to the relay."""
+"""Faults that a Relay (iscsi_relay.py) applies to commands that read or write; other commands pass. The
+commands are counted from 0, starting when the relay gets the fault."""
 import iscsi_wire as wire
 
-SILENCE = -1 # in place of a status: there never is an answer
+SILENCE = -1 # instead of a status: the command is never answered
 
 
 class Fault:
-    """None."""
+    """No fault; the base class of the others."""
 
     def __init__(self):
         self.seen = 0 # commands
-        self.injected = 0 # answers that are not what the target would have said
+        self.injected = 0 # answers that differ from the target's
 
     def status_of(self, command):
-        """Of a command that the target is not to have; None if it is."""
+        """The status for a command that the target must not get; None if the target gets it."""
         self.seen += 1
         return self._choose(command)
 
@@ -21,16 +21,17 @@ class Fault:
         return None
 
     def answers(self, command):
-        """The commands whose answers go out now that this one has been answered by the target."""
+        """The commands whose answers go out now that the target has answered this one."""
         return [command]
 
     def at_rest(self, _session):
-        """The same, when nothing has come for a while from one side."""
+        """The same, when one side has sent nothing for a while."""
         return []
 
 
 class Refuse(Fault):
-    """The chosen commands get this status; early ones before their data has come, as no target should."""
+    """Gives this status to the chosen commands. If `is_early`, before their data has come, as no target
+    should do."""
 
     def __init__(self, status, chosen, *, is_early=False):
         super().__init__()
@@ -47,7 +48,7 @@ class Refuse(Fault):
 
 
 class Slots(Fault):
-    """A target that has only so many commands under way at once."""
+    """A target that accepts only this number of commands at once."""
 
     def __init__(self, slots):
         super().__init__()
@@ -61,8 +62,8 @@ class Slots(Fault):
 
 
 class Reorder(Fault):
-    """Answers go out in groups, the latest first; a group may be smaller when the initiator wants to see
-    answers before it sends more."""
+    """Sends answers in groups, in reverse order. A group may be smaller if the initiator waits for answers
+    before it sends more."""
 
     def __init__(self, size):
         super().__init__()
@@ -85,7 +86,7 @@ class Reorder(Fault):
 
 
 class Shorten(Fault):
-    """The chosen commands deliver less than they were asked for, and may say so."""
+    """Makes the chosen commands deliver less than was asked for; the answer may admit it or not."""
 
     def __init__(self, chosen, missing, is_told):
         super().__init__()
@@ -115,13 +116,13 @@ class Shorten(Fault):
 
 
 class Cut(Fault):
-    """The session ends when so many commands have been answered. Later sessions are spared."""
+    """Ends the session after this number of commands has been answered. Later sessions aren't cut."""
 
     def __init__(self, after):
         super().__init__()
-        self.lost = 0 # commands that the target had carried out, or was at
+        self.lost = 0 # commands that the target had executed, or was executing
         self._left = after
-        self._session = None # that has been cut
+        self._session = None # the session that has been cut
 
     def answers(self, command):
         if self._left == 0 and not self._session:

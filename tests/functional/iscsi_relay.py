@@ -1,11 +1,11 @@
-"""Stands between an initiator and a target that are real, and has a fault (iscsi_faults.py) decide what
-becomes of each command that reads or writes.
+"""A relay between a real initiator and a real target; a fault (iscsi_faults.py) decides what happens to each
+command that reads or writes.
 
     with Relay(target) as relay, Transport(relay, image) as transport:
         relay.fault = Refuse(BUSY, {3, 5})
 
-What it answers itself, the target never hears of; so the relay numbers commands and statuses anew. It counts:
-`relay.sessions` has a Session for each connection, the oldest first.
+The target never sees the commands that the relay answers itself, so the relay renumbers commands and
+statuses. It also counts: `relay.sessions` has a Session for each connection, oldest first.
 """
 import collections
 import contextlib
@@ -16,14 +16,14 @@ import threading
 import iscsi_wire as wire
 from iscsi_faults import SILENCE, Fault
 from lab.image_server import ADDRESS
-from lab.stay import Stay
+from lab.resources import Resource
 
 SECONDS = 20
 IDLE = 0.05 # seconds
 
 
 class Command:
-    """One that reads or writes; `answer` are the units that tell what has become of it."""
+    """A command that reads or writes; `answer` has the PDUs of its answer."""
 
     KINDS = {wire.READ16: "read", wire.WRITE16: "write"}
 
@@ -33,7 +33,7 @@ class Command:
         self.tag = unit.tag
         self.kind = self.KINDS[cdb[0]]
         self.answer = []
-        self.is_early = False # the answer comes before the data
+        self.is_early = False # whether the answer is sent before the data has come
 
     @property
     def has_ended(self):
@@ -45,19 +45,20 @@ class Command:
 
 
 class Session:
-    """One connection. Its two threads share all of it, under a lock; faults are asked with the lock held."""
+    """One connection. Its two threads share the state, under a lock; methods of the fault are called under
+    the lock."""
 
     def __init__(self, relay, near, far):
-        self.counts = collections.Counter() # commands that have come, by kind
+        self.counts = collections.Counter() # commands received, by kind
         self.answered = 0
-        self.under_way = {} # commands that the target has, by their tags
-        self.most = 0 # of commands that the initiator had under way at once
+        self.under_way = {} # commands that the target is executing, by tag
+        self.most = 0 # highest number of commands that the initiator had under way at once
         self._relay = relay
         self._near, self._far = near, far
         self._lock = threading.Lock()
-        self._kept = {} # commands that the target doesn't get, until their data has come
-        self._withheld = 0 # how many there were of them
-        self._status = None # the number of the next one
+        self._kept = {} # commands that the target doesn't get, kept until their data has come
+        self._withheld = 0 # the number of commands that the target didn't get
+        self._status = None # number of the next status
         self._status_of_target = 0
         self._window = (0, 0)
         self._threads = [threading.Thread(target=self._carry, args=part, daemon=True)
@@ -76,24 +77,24 @@ class Session:
         self._far.close()
 
     def cut(self):
-        """As if somebody had pulled the cable out, but that both ends notice."""
+        """Shuts both connections down, as if the network had failed, except that both ends notice."""
         for end in (self._near, self._far):
             with contextlib.suppress(OSError):
                 end.shutdown(socket.SHUT_RDWR)
 
     def _carry(self, source, handle):
-        """One direction, until either end has gone."""
+        """Forwards one direction until either end has gone."""
         try:
             while True:
                 self._wait(source)
                 handle(wire.receive(source))
         except (OSError, EOFError):
-            pass # it is over
+            pass # the connection has ended
         finally:
             self.cut()
 
     def _wait(self, source):
-        """Tells the fault when nothing comes."""
+        """Waits for data; calls the fault each time that none has come for a while."""
         while not select.select([source], [], [], IDLE)[0]:
             with self._lock:
                 self._answer(self._relay.fault.at_rest(self))
@@ -109,7 +110,7 @@ class Session:
             self._far.sendall(unit.encode())
 
     def _take(self, unit):
-        """Returns whether the target is to have it."""
+        """Returns whether the unit is to be passed to the target."""
         if Command.is_one(unit):
             self._begin(Command(self, unit))
         is_for_target = unit.tag not in self._kept
@@ -139,7 +140,7 @@ class Session:
             if command and unit.kind in (wire.DATA_IN, wire.RESPONSE):
                 self._collect(command, unit)
             else:
-                self._hand_on(unit)
+                self._forward(unit)
 
     def _collect(self, command, unit):
         command.answer.append(unit)
@@ -151,9 +152,9 @@ class Session:
             self.under_way.pop(command.tag, None)
             self.answered += command.has_ended
             for unit in command.answer:
-                self._hand_on(unit)
+                self._forward(unit)
 
-    def _hand_on(self, unit):
+    def _forward(self, unit):
         if unit.has_status:
             unit.set_number(wire.STATUS_NUMBER, self._status)
             self._status += 1
@@ -162,8 +163,8 @@ class Session:
         self._near.sendall(unit.encode())
 
 
-class Relay(Stay):
-    """Listens on a port of its own, before one target, or before a portal that leads to it."""
+class Relay(Resource):
+    """Listens on a port of its own, in front of a target, or of a portal that leads to it."""
 
     def __init__(self, target, portal=None):
         super().__init__()
@@ -177,13 +178,13 @@ class Relay(Stay):
     def portal(self):
         return f"{ADDRESS}:{self._listener.getsockname()[1]}"
 
-    def open(self, lasting):
-        self._listener = lasting.enter_context(socket.create_server((ADDRESS, 0)))
+    def open(self, stack):
+        self._listener = stack.enter_context(socket.create_server((ADDRESS, 0)))
         acceptor = threading.Thread(target=self._accept, daemon=True)
         acceptor.start()
-        lasting.callback(self._end_sessions)
-        lasting.callback(acceptor.join, SECONDS)
-        lasting.callback(self._listener.shutdown, socket.SHUT_RDWR)
+        stack.callback(self._end_sessions)
+        stack.callback(acceptor.join, SECONDS)
+        stack.callback(self._listener.shutdown, socket.SHUT_RDWR)
 
     def _accept(self):
         with contextlib.suppress(OSError):
@@ -209,5 +210,5 @@ class Relay(Stay):
             session.close()
 
     def total(self, kind):
-        """Commands of a kind that have come so far, over all sessions."""
+        """The number of commands of a kind so far, over all sessions."""
         return sum(session.counts[kind] for session in self.sessions)

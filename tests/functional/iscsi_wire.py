@@ -1,12 +1,12 @@
-"""The units of which iSCSI is made (RFC 7143), for tests to bend; neither end uses digests."""
+"""The PDUs of iSCSI (RFC 7143), here called units, for tests that change them; neither end uses digests."""
 import socket
 
 HEADER = 48
 NOP_OUT, COMMAND, DATA_OUT = 0x00, 0x01, 0x05 # from an initiator
 NOP_IN, RESPONSE, DATA_IN, READY = 0x20, 0x21, 0x25, 0x31 # from a target
 FINAL, UNDERFLOW, WITH_STATUS = 0x80, 0x02, 0x01
-# Where numbers stand. An initiator numbers commands and tells which status it expects, a target numbers
-# statuses and tells which commands it expects.
+# The offsets of numbers. An initiator numbers commands and reports the status number that it expects. A
+# target numbers statuses and reports the command numbers that it accepts.
 TAG, RESIDUAL = 16, 44
 COMMAND_NUMBER, EXPECTED_STATUS = 24, 28
 STATUS_NUMBER, EXPECTED_COMMAND, LAST_COMMAND = 24, 28, 32
@@ -18,7 +18,7 @@ MEDIUM_ERROR = bytes([0x70, 0, 3, 0, 0, 0, 0, 10, 0, 0, 0, 0, 0x03, 0, 0, 0, 0, 
 
 
 class Unit:
-    """A header, further ones, and data."""
+    """A basic header, additional headers, and data."""
 
     def __init__(self, header, more=b"", data=b""):
         self.header = bytearray(header)
@@ -39,7 +39,7 @@ class Unit:
 
     @property
     def has_status(self):
-        """Whether a target has counted it as a status."""
+        """Whether the unit takes a status number of the target."""
         if self.kind == DATA_IN:
             return bool(self.header[1] & WITH_STATUS)
         return self.kind != READY and (self.kind, self.tag) != (NOP_IN, NO_TAG)
@@ -56,14 +56,14 @@ class Unit:
 
 
 def receive(connection):
-    """The next unit; EOFError where there is none any more. None is larger than 16 MiB."""
-    header = exactly(connection, HEADER)
-    more = exactly(connection, 4 * header[4])
+    """The next unit; raises EOFError at the end of the connection. A unit is never larger than 16 MiB."""
+    header = receive_exactly(connection, HEADER)
+    more = receive_exactly(connection, 4 * header[4])
     length = int.from_bytes(header[5:8], "big")
-    return Unit(header, more, exactly(connection, length + -length % 4)[:length])
+    return Unit(header, more, receive_exactly(connection, length + -length % 4)[:length])
 
 
-def exactly(connection, length):
+def receive_exactly(connection, length):
     data = connection.recv(length, socket.MSG_WAITALL) if length else b""
     if len(data) < length:
         raise EOFError
@@ -71,7 +71,7 @@ def exactly(connection, length):
 
 
 def response(tag, status):
-    """What a target says of a command that it doesn't carry out."""
+    """A target's response to a command that it doesn't execute."""
     unit = Unit(bytes([RESPONSE, FINAL, 0, status]).ljust(HEADER, b"\0"))
     unit.set_number(TAG, tag)
     if status == CHECK_CONDITION:

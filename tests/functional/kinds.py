@@ -1,6 +1,6 @@
-"""What belongs to a kind of file system, and what is missing of it in a tree.
+"""The pieces of which a kind of file system consists, and those that are missing in a tree.
 
-docs/adding.md tells which pieces there are: the rows of a table whose paths have KIND for the name of a kind.
+docs/adding.md lists the pieces: the rows of a table whose paths have KIND in place of the name of a kind.
 """
 import dataclasses
 import re
@@ -15,12 +15,12 @@ PARSERS = "src/core/fs"
 
 
 def agent_kinds():
-    """The names of the kinds that the agent knows the used blocks of."""
+    """The names of the kinds whose used blocks the agent can determine."""
     return [line.split("\t")[0] for line in run(program("bek-usedmap"), "--kinds").splitlines()]
 
 
 def pieces_in(root):
-    """The paths of what a kind needs, from the tree's own description."""
+    """The path patterns of the pieces that a kind needs, from the tree's own description."""
     text = (root / "docs/adding.md").read_text(encoding="utf-8")
     found = [piece for section in SECTION.findall(text) for piece in PIECE.findall(section)]
     if not found:
@@ -29,13 +29,13 @@ def pieces_in(root):
 
 
 def missing_pieces(root, kinds):
-    """What the tree lacks of these kinds: a list of "kind: piece"."""
+    """The pieces of these kinds that are missing in the tree: a list of "kind: piece"."""
     return [f"{kind}: {piece}" for kind in kinds for piece in pieces_in(root)
             if not any(map(is_filled, places_of(root, piece, kind)))]
 
 
 def places_of(root, piece, kind):
-    """Where there is such a piece; names may have the kind in capitals."""
+    """The paths of a piece in the tree; file names may have the kind in capitals."""
     name = "".join(f"[{letter.lower()}{letter.upper()}]" for letter in kind)
     return [path for path in root.glob(piece.rstrip("/").replace("KIND", name))
             if path.is_dir() == piece.endswith("/")]
@@ -46,17 +46,17 @@ def is_filled(path):
 
 
 def unknown_parsers(root, kinds):
-    """The folders of parsers that are none of these kinds."""
+    """The parser folders that belong to none of these kinds."""
     return sorted({path.name for path in (root / PARSERS).iterdir() if path.is_dir()} - set(kinds))
 
 
 def missing_in(row):
-    """What a row of the lab's table leaves open: a list of "kind: field"."""
+    """The fields that a row of the lab's table leaves open: a list of "kind: field"."""
     return [f"{row.name}: {field.name}" for field in dataclasses.fields(row) if not is_given(row, field)]
 
 
 def is_given(row, field):
-    """Whether a field has something in it, or None where its type and the kind allow that."""
+    """Whether a field is filled, or is None where its type and the kind allow that."""
     value = getattr(row, field.name)
     if value is None and field.name in ONLY_MOUNTED:
         return row.mount is None

@@ -1,4 +1,4 @@
-"""A pipe that takes only so many bytes, to hold a program at a chosen line of its output."""
+"""A pipe that takes a limited number of bytes, to block a program at a chosen line of its output."""
 import array
 import fcntl
 import os
@@ -10,9 +10,9 @@ SECONDS = 20
 
 
 class NarrowPipe:
-    """Takes writes of `room` bytes in all; the next one waits until the pipe is drained.
+    """Takes writes of `room` bytes in all; the next write blocks until the pipe is drained.
 
-    A write that doesn't fit as a whole waits as a whole, so whoever writes line by line is held at a line.
+    A write that doesn't fit blocks as a whole, so a program that writes line by line is blocked at a line.
     """
 
     def __init__(self, room):
@@ -34,7 +34,7 @@ class NarrowPipe:
             self.writer = None
 
     def drain(self):
-        """Lets everybody write on until the last writer is gone; returns what they wrote."""
+        """Lets the writers continue until the last one has gone; returns what they wrote."""
         self.close_writer()
         parts = iter(self._read, b"")
         return b"".join(parts)[self._filler:].decode()
@@ -53,7 +53,7 @@ class NarrowPipe:
 
 
 def fill(pipe):
-    """Leaves no room in a pipe, of which either end will do. Nothing of it shows on descriptors that others
+    """Fills a pipe, given by either end. O_NONBLOCK is set on a new descriptor, not on those that others
     share."""
     own = os.open(f"/proc/self/fd/{pipe}", os.O_WRONLY | os.O_NONBLOCK)
     try:
@@ -64,12 +64,12 @@ def fill(pipe):
 
 
 def is_asleep(pid):
-    """Whether a process waits for something that a signal can interrupt."""
+    """Whether a process is in an interruptible sleep."""
     with open(f"/proc/{pid}/stat", encoding="ascii") as stat:
         return stat.read().rpartition(")")[2].split()[0] == "S"
 
 
 def hold_at(pipe, daemon):
-    """Waits until a daemon that writes to the pipe is held at the line that the pipe has no room for."""
+    """Waits until a daemon that writes to the pipe is blocked at the line that doesn't fit."""
     pipe.close_writer()
     daemon.wait_for(lambda: pipe.is_full and is_asleep(daemon.pid), "stop at a line of output")

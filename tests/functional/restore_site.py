@@ -1,4 +1,5 @@
-"""What the tests of bek-restore share: the program, addresses of images, trees with all they can have."""
+"""The common part of the tests of bek-restore: the program, addresses of images, and trees with everything a
+file system can store."""
 import contextlib
 import hashlib
 import os
@@ -18,7 +19,7 @@ ACCESS_LIST = "system.posix_acl_access"
 
 
 def begin(*arguments, secret=None, **options):
-    """The running program. Without a terminal, so that it can't ask for anything."""
+    """Starts the program without a terminal, so that it can't prompt for anything."""
     environment = os.environ | ({SECRET: secret} if secret is not None else {})
     return subprocess.Popen([program("bek-restore"), *map(str, arguments)], stdin=subprocess.DEVNULL,
                             stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, env=environment,
@@ -26,7 +27,7 @@ def begin(*arguments, secret=None, **options):
 
 
 def ended(process):
-    """What has come of a program: exit status, and the texts on both streams."""
+    """Waits for a program; returns its exit status and its output on both streams."""
     out, errors = process.communicate(timeout=SECONDS)
     return subprocess.CompletedProcess(process.args, process.returncode, out, errors)
 
@@ -36,27 +37,27 @@ def call(*arguments, **options):
 
 
 def restore(*arguments, **options):
-    """Has to go well; returns what was printed."""
+    """Runs a call that must succeed; returns its output."""
     done = call(*arguments, **options)
     assert done.returncode == 0, done.stderr
     return done.stdout
 
 
 def refusal(*arguments, status=1, **options):
-    """Has to fail with this status; returns why."""
+    """Runs a call that must fail with this status; returns the error text."""
     done = call(*arguments, **options)
     assert (done.returncode, done.stdout) == (status, ""), (done.stdout, done.stderr)
     return done.stderr
 
 
 def access_list():
-    """User 1234 may read, beside the owner: as the kernel has it."""
+    """An ACL in the kernel's format: user 1234 may read, besides the owner."""
     entries = ((1, 6, -1), (2, 4, 1234), (4, 4, -1), (16, 4, -1), (32, 0, -1))
     return struct.pack("<I", 2) + b"".join(struct.pack("<HHi", *entry) for entry in entries)
 
 
 def populate(root):
-    """All that a tree of Linux can have, beside plain files."""
+    """Creates everything that a Linux tree can have besides plain files."""
     root = pathlib.Path(root) / "everything"
     root.mkdir()
     with open(root / "sparse", "wb") as file:
@@ -75,7 +76,7 @@ def populate(root):
     os.chown(root / "owned", 1234, 5678)
     (root / "owned").chmod(0o4751)
     os.setxattr(root / "owned", "user.note", b"\x00of bytes")
-    with contextlib.suppress(OSError): # not every kind of file system has these
+    with contextlib.suppress(OSError): # not every kind of file system supports these
         os.setxattr(root / "owned", "trusted.note", b"t" * 900)
         os.setxattr(root / "owned", ACCESS_LIST, access_list())
     (root / "shut").mkdir(mode=0o1700)
@@ -87,7 +88,7 @@ def attributes_of(path):
     try:
         return {name: os.getxattr(path, name, follow_symlinks=False)
                 for name in os.listxattr(path, follow_symlinks=False)}
-    except OSError: # a file system that has none
+    except OSError: # a file system without extended attributes
         return {}
 
 
@@ -99,9 +100,9 @@ def content_of(path, status):
 
 
 def manifest(root):
-    """All that is known of the files of a tree, by relative path, but for the driver's and the agent's."""
+    """All properties of the files of a tree, by relative path, except the driver's and the agent's files."""
     found = {}
-    names = {} # of each inode
+    names = {} # the names of each inode
     root = os.fsencode(root)
     own = {os.path.join(root, os.fsencode(name)) for name in OWN_FILES}
     for parent, directories, files in os.walk(root):

@@ -1,4 +1,4 @@
-"""What the tests of images that are looked into share: volumes with files, their images, and what bek-restore
+"""The common part of the tests of mounted images: volumes with files, their images, and what bek-restore
 leaves of its views."""
 import contextlib
 import json
@@ -14,7 +14,7 @@ from lab.volume_images import mounted
 
 SECONDS = 120
 VIEWS = pathlib.Path("/run/bek-restore")
-LOOPS = 64 # /dev is private here, and the kernel makes its nodes elsewhere
+LOOPS = 64 # /dev is private here, so the kernel doesn't make the nodes
 MOUNTABLE = {"ext4": 24, "xfs": 300, "ntfs": 24, "vfat": 90} # MiB
 DONE, FAILED, WRONG, DIFFERS = 0, 1, 2, 3
 
@@ -27,7 +27,7 @@ def make_loop_nodes():
 
 
 def restore(*arguments, secret=None, status=DONE, **options):
-    """One call, which has ended with this status."""
+    """Runs a call to its end, which must have this status."""
     environment = {**os.environ, **({"BEK_RESTORE_SECRET": secret} if secret else {})}
     done = subprocess.run([program("bek-restore"), *map(str, arguments)], stdin=subprocess.DEVNULL,
                           capture_output=True, text=True, check=False, timeout=SECONDS, env=environment,
@@ -36,20 +36,20 @@ def restore(*arguments, secret=None, status=DONE, **options):
     return done
 
 
-def told(*arguments, **options):
-    """What a call prints for programs."""
+def json_of(*arguments, **options):
+    """The output of a call for programs, parsed from JSON."""
     return json.loads(restore(*arguments, "--json", **options).stdout)
 
 
 def fails(*arguments, status=FAILED, **options):
-    """What a call says that fails, in one line."""
+    """Runs a call that must fail; returns its error text, which must be one line."""
     done = restore(*arguments, status=status, **options)
     assert done.stderr.startswith("bek-restore: ") and done.stdout == "", done
     return done.stderr.removeprefix("bek-restore: ").strip()
 
 
 def make_image(directory, file_system, fill, name="image"):
-    """A file with a file system, in which `fill(root)` has made files."""
+    """Makes a file with a file system, in which `fill(root)` creates files."""
     image = pathlib.Path(directory, name)
     with open(image, "wb") as file:
         file.truncate(MOUNTABLE[file_system] << 20)
@@ -61,7 +61,7 @@ def make_image(directory, file_system, fill, name="image"):
 
 @contextlib.contextmanager
 def mount_of(image, directory, *options, **more):
-    """What bek-restore has mounted; afterwards it is unmounted by it."""
+    """Mounts an image with bek-restore, and has bek-restore unmount it at the end."""
     directory.mkdir(exist_ok=True)
     restore("mount", *options, image, directory, **more)
     try:
@@ -81,7 +81,8 @@ def command_of(pid):
 
 
 def servers(name=b"nbd"):
-    """The processes that serve views of this namespace, as the descriptor of their place tells."""
+    """The processes that serve views in this namespace, found by the open descriptor of a view's
+    directory."""
     found = {}
     for process in pathlib.Path("/proc").glob("[0-9]*"):
         with contextlib.suppress(OSError):
@@ -93,12 +94,13 @@ def servers(name=b"nbd"):
 
 
 def is_ours(process):
-    """Other tests run beside these, in namespaces of their own; all of one have its /tmp."""
+    """Whether a process is in this namespace, whose /tmp is its own. Other tests run in parallel in other
+    namespaces."""
     return os.stat(process / "root/tmp").st_dev == os.stat("/tmp").st_dev
 
 
 def require_nothing_left():
-    """Waits a little: what is told to end takes a moment."""
+    """Waits a little, as processes that are told to end take a moment."""
     deadline = time.monotonic() + 20
     while left() and time.monotonic() < deadline:
         time.sleep(0.02)

@@ -1,9 +1,9 @@
-"""Volumes whose file system is a process, for inside lab/namespace, and such a process of our own.
+"""FUSE volumes, for inside lab/namespace, and a FUSE file system of our own.
 
     served.py DEVICE MOUNT_POINT [--threads] [COMMAND...]
 
-mounts a file system that is on the device in name only. Reading its file "slow" takes the process as long as
-SLOW is there, which it makes; reading "answer" has it run the command and is what that prints.
+mounts a file system that exists on the device in name only. A read of its file "slow" blocks as long as the
+file SLOW exists, which the read creates; a read of "answer" runs the command and returns its output.
 """
 import errno
 import os
@@ -34,7 +34,7 @@ def is_device(descriptor, kind, number):
 
 
 def server_of(device):
-    """The number of the process that is the file system of a device."""
+    """The PID of the FUSE process of a device."""
     number = pathlib.Path(device).stat().st_rdev
     for process in pathlib.Path("/proc").glob("[0-9]*"):
         try:
@@ -48,7 +48,7 @@ def server_of(device):
 
 
 def state_of(process):
-    """As ps(1) shows it: T for stopped."""
+    """The state of a process as ps(1) shows it: T for stopped."""
     return pathlib.Path(f"/proc/{process}/stat").read_text(encoding="utf-8").rsplit(")", 1)[1].split()[0]
 
 
@@ -61,7 +61,7 @@ def wait_until_stopped(process):
 
 
 class Load:
-    """Writes, appends to and removes files for as long as the context lasts."""
+    """Writes, appends to and removes files during the context."""
 
     def __init__(self, folder):
         self._folder = folder
@@ -71,7 +71,7 @@ class Load:
         self._changes = 0
 
     def wait_for_more(self):
-        """Until it has gone on for a while."""
+        """Waits until some more changes have been made."""
         before = self._changes
         wait_until(lambda: self._changes > before + 20, 20, "changes")
 
@@ -96,7 +96,7 @@ class Load:
 
 
 class Served(Service):
-    """The process below, as the file system of a device."""
+    """The FUSE process below, as the file system of a device."""
 
     def __init__(self, device, mount_point, *arguments):
         super().__init__()

@@ -1,4 +1,4 @@
-"""The real daemon's API against clients that it must refuse, and clients that mean it no good."""
+"""The API of the real daemon against clients that it must refuse, and against attackers."""
 import contextlib
 import json
 import os
@@ -28,7 +28,7 @@ POSTS = {"/pair": 400, "/backup": 500, "/logLevel": 400, "/config": 400, "/agent
 
 @pytest.fixture
 def unharmed(agent, client):
-    """After the test the daemon serves as before, and holds no more than before."""
+    """Checks after the test that the daemon serves as before, and uses no more resources than before."""
     before = wait_until_idle(agent.pid, usage(agent.pid)._replace(descriptors=5, threads=2))
     yield before
     check_serves(client)
@@ -48,7 +48,8 @@ def problems(text):
 
 
 def check_refused(agent, authority, identity, expected, request=("GET", "/v2/feature")):
-    """There is no answer at all, and the log has exactly these lines, the last of which comes last."""
+    """Checks that there is no answer, and that the log gets exactly these lines, with the last one at the
+    end."""
     before = len(agent.log)
     assert Client(authority.certificate, identity).request(*request) is None
     agent.wait_for_log(expected[-1] + "\n")
@@ -66,7 +67,7 @@ def test_no_certificate(unharmed, agent, client, site_authority):
 
 
 def expected_of(what):
-    """What the log says about one of Authority.bad_devices."""
+    """The log lines about one of Authority.bad_devices."""
     unverified = "[ERROR:]    Verification of device certificate failed: "
     reasons = {"self-signed": "mismatch", "signed by another authority": "mismatch",
                "signed by another authority of the same name": "Cert signer not found",
@@ -83,7 +84,7 @@ def expected_of(what):
 
 
 def test_bad_certificates(unharmed, agent, client, site_authority):
-    """Each is refused for its own reason, and the next good request is answered."""
+    """Each certificate is refused for its own reason, and the next valid request is answered."""
     for what, identity in site_authority.bad_devices(DEVICE).items():
         check_refused(agent, site_authority, identity, expected_of(what))
         check_serves(client)
@@ -96,7 +97,7 @@ def test_bad_certificates(unharmed, agent, client, site_authority):
 
 
 def test_smallest_and_largest_device(unharmed, client, site_authority):
-    """What fits an ID of a device can pair, the extension being one of a hundred."""
+    """The smallest and the largest device ID can pair, with a hundred extensions in the certificate."""
     for identity, number in ((site_authority.device(1), 1), (site_authority.device(2**31 - 1), 2**31 - 1),
                              (site_authority.device_behind(99, 99), 99)):
         device = Client(site_authority.certificate, identity)
@@ -107,7 +108,8 @@ def test_smallest_and_largest_device(unharmed, client, site_authority):
 
 
 def test_device_number_beyond_the_range(unharmed, agent, site_authority, database):
-    """Its certificate is in order, so it gets answers; but no ID is its own, and it can't pair."""
+    """The certificate is valid, so the device gets answers; but its number is no valid ID, and it can't
+    pair."""
     huge = Client(site_authority.certificate, site_authority.device(2**32))
     assert huge.request("GET", "/v2/feature").status == 200
     assert huge.request("GET", "/backup").status == 401
@@ -120,7 +122,8 @@ def test_device_number_beyond_the_range(unharmed, agent, site_authority, databas
 
 
 def test_trust_file(unharmed, agent, client, site_authority, site_device):
-    """It is read anew for each client; when it is no certificate of at most 20,000 bytes, all are refused."""
+    """The trust file is read again for each client. If it isn't a certificate of at most 20,000 bytes, all
+    clients are refused."""
     good = TRUST.read_bytes()
     for content in (None, b"", b"-----BEGIN CERTIFICATE-----\nbm9uZQ==\n-----END CERTIFICATE-----\n",
                     os.urandom(5000), good.ljust(20_001, b"\n")):
@@ -143,7 +146,7 @@ def test_other_authority_in_the_trust_file(unharmed, agent, client, site_authori
     TRUST.write_bytes(good)
 
 
-# The way in.
+# Requests.
 
 def test_protocols_and_ciphers(unharmed, client, site_device):
     identity = site_device(DEVICE)
@@ -160,7 +163,7 @@ def test_ipv6(unharmed, client):
 
 
 def test_requests_without_an_answer(unharmed, agent, client):
-    """A body with GET, and what is no method of the API."""
+    """GET with a body, and methods that the API doesn't have."""
     assert client.request("GET", "/v2/feature", b'["zephane"]') is None
     agent.wait_for_log("[WARNING:]  Invalid GET request. Data exists in body.\n")
     check_serves(client)
@@ -185,7 +188,7 @@ def test_endless_url(unharmed, client, url):
 # Bodies.
 
 def answers_of(client, body):
-    """The status of each POST with this body."""
+    """The status of the answer to a POST with this body, by URL."""
     answers = {url: client.request("POST", url, body) for url in POSTS}
     assert all(answer.content_type == "text/plain" for answer in answers.values())
     return {url: answer.status for url, answer in answers.items()}
@@ -196,7 +199,7 @@ def answers_of(client, body):
     b"[" * 10_000, bytes(range(256)), b'"' + b"\\" * 9999,
 ], ids=["not UTF-8", "deep array", "deep object", "no end", "every byte", "backslashes"])
 def test_unreadable_bodies(driver, unharmed, agent, client, body):
-    """Each call refuses them in its own way, at every level of the log."""
+    """Each call refuses an unreadable body in its own way, at every log level."""
     assert answers_of(client, body) == POSTS
     assert client.request("POST", "/logLevel", b'{"severity": 0}').status == 200
     assert answers_of(client, body) == POSTS
@@ -206,14 +209,14 @@ def test_unreadable_bodies(driver, unharmed, agent, client, body):
 
 
 def test_large_body(unharmed, agent, client):
-    """Mebibytes of JSON with more values than any request needs."""
+    """The body is several MiB of JSON, with more values than any request needs."""
     body = b"[" + b"1," * (2 * MIB) + b"1]"
     assert client.request("POST", "/config", body).status == 400
     assert client.request("POST", "/backup", body).status == 500
 
 
 def test_body_cut_off(unharmed, agent, client):
-    """Nothing of it gets into the next request."""
+    """No part of a truncated body gets into the next request."""
     for _ in range(20):
         with contextlib.ExitStack() as together:
             for connection in [together.enter_context(client.connect()) for _ in range(5)]:
@@ -224,7 +227,7 @@ def test_body_cut_off(unharmed, agent, client):
 
 
 def test_idle_connections(unharmed, agent, client):
-    """Five hundred of them, while the paired device polls."""
+    """There are five hundred idle connections while the paired device polls."""
     with contextlib.ExitStack() as stack:
         for _ in range(500):
             stack.enter_context(client.connect())
@@ -234,10 +237,10 @@ def test_idle_connections(unharmed, agent, client):
     wait_until_idle(agent.pid, unharmed)
 
 
-# Many.
+# Many requests.
 
 def mixed_requests(count):
-    """Requests of each kind, good and bad, each with the status that it gets; None for no answer."""
+    """Valid and invalid requests of each kind, each with its expected status; None for no answer."""
     kinds = [("GET", "/backup", None, 200), ("GET", "/backup/abc", None, 400), ("GET", "/config", None, 200),
              ("GET", "/v2/driver/status", None, 200), ("GET", "/v2/feature", None, 200),
              ("GET", "/host/", None, 400),
@@ -251,8 +254,8 @@ def mixed_requests(count):
 
 
 def test_nothing_leaks(driver, unharmed, agent, client):
-    """Neither descriptors nor threads nor memory, with fresh connections and kept ones. Each request gets the
-    status that is its own."""
+    """Neither descriptors nor threads nor memory leak, with new and with kept connections. Each request gets
+    the expected status."""
     def fresh(count):
         for method, url, body, status in mixed_requests(count):
             answer = client.request(method, url, body)

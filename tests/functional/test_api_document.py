@@ -1,4 +1,4 @@
-"""docs/api.md against the real daemon: its examples, and which of its routes are served and to whom."""
+"""docs/api.md against the real daemon: its examples, the routes that are served, and who may use them."""
 import re
 
 import pytest
@@ -18,7 +18,7 @@ def document():
 
 @pytest.fixture
 def clients(foreground, driver, site_authority, site_device):
-    """Two devices of the authority; neither is paired."""
+    """Two clients with certificates of the authority; neither is paired."""
     foreground()
     return [Client(site_authority.certificate, site_device(number)) for number in (DEVICE, STRANGER)]
 
@@ -56,4 +56,4 @@ def test_routes_are_served_as_the_table_says(clients, example_site):
             assert statuses[0] not in (401, 501) and statuses[1] == 401, url
         else:
             assert not {401, 501} & set(statuses), url
-    assert stranger.request("GET", "/backup").status == 401 # still
+    assert stranger.request("GET", "/backup").status == 401 # still refused

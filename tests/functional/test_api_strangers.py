@@ -1,4 +1,5 @@
-"""Who may do what: others can neither speak for the appliance, nor shut it out, nor use up the machine."""
+"""Separation of clients: others can neither speak for the appliance, nor lock it out, nor exhaust the
+machine."""
 import contextlib
 import json
 import re
@@ -11,8 +12,8 @@ import pytest
 from lab.appliance_client import DEVICE
 from lab.daemon import CONFIG
 from lab.https_client import Client
+from lab.load_clients import MIB, PeakMemory, descriptor_limits, idle_connections, send_body, stalled_request
 from lab.services import wait_until
-from lab.strangers import MIB, PeakMemory, crowd, descriptor_limits, held_head, send_body
 from lab.usage import descriptors
 
 SECONDS = 60
@@ -29,12 +30,12 @@ def other(client, site_authority, site_device):
 
 @pytest.fixture
 def stranger(client, site_authority):
-    """Somebody without a certificate."""
+    """A client without a certificate."""
     return Client(site_authority.certificate)
 
 
 def answers_to(client, count=20):
-    """How many of so many POSTs, each with a body of its own, have been answered as they should be."""
+    """The number of correct answers to `count` POSTs, each with a body of its own."""
     good = 0
     for number in range(count):
         answer = client.request("POST", "/config", b'{"log.lifetimeHours": %d}' % (number + 1))
@@ -47,25 +48,26 @@ def level(database):
     return database("select value from config where key = 'log_level'")
 
 
-# Whose words they are.
+# Bodies and clients aren't mixed up.
 
 def test_body_left_behind_is_nobody_elses(client, other, database):
-    """An unpaired device leaves a body on its way, for the agent to take for the next request's."""
+    """An unpaired device sends a part of a body and stops, so that the agent might take it for the next
+    request's."""
     assert client.request("POST", "/logLevel", b'{"severity": 2}').status == 200
     before = level(database)
     for _ in range(5):
-        with held_head(other, "/logLevel", body=b'{"severity": 0}'):
+        with stalled_request(other, "/logLevel", body=b'{"severity": 0}'):
             assert client.request("POST", "/logLevel", b'{"severity": 2}').status == 200
             assert level(database) == before
-        with held_head(other, "/config", body=b'{"holepunch.enabled": true}'):
+        with stalled_request(other, "/config", body=b'{"holepunch.enabled": true}'):
             assert client.request("POST", "/config", b'{"log.lifetimeHours": 72}').status == 200
             assert json.loads(client.request("GET", "/config").body) == {"log.lifetimeHours": 72}
 
 
 def test_overlapping_requests_of_the_appliance_itself(client):
-    """Each keeps its own body."""
+    """Each request keeps its own body."""
     begin, end = b'{"autoupdate.', b'channel": "beta"}'
-    with held_head(client, "/config", len(begin + end), begin) as slow:
+    with stalled_request(client, "/config", len(begin + end), begin) as slow:
         assert answers_to(client) == 20
         slow.send(end)
         assert slow.read_answer().status == 200
@@ -74,14 +76,14 @@ def test_overlapping_requests_of_the_appliance_itself(client):
 
 @pytest.mark.parametrize("who", ["stranger", "other"])
 def test_held_heads_cost_no_answer(request, client, who):
-    """Whoever has sent the head of a POST, and no more, is in nobody's way."""
+    """A client that has sent only the head of a POST blocks no other client."""
     with contextlib.ExitStack() as stack:
         for _ in range(10):
-            stack.enter_context(held_head(request.getfixturevalue(who)))
+            stack.enter_context(stalled_request(request.getfixturevalue(who)))
             assert answers_to(client, 5) == 5
 
 
-# How much they take.
+# Use of resources.
 
 @pytest.mark.parametrize("url, status", [("/backup", 401), ("/pair", 400), ("/agentPairTicket", 501)])
 def test_body_of_an_unpaired_device_is_not_kept(agent, client, other, url, status):
@@ -94,7 +96,7 @@ def test_body_of_an_unpaired_device_is_not_kept(agent, client, other, url, statu
 
 
 def test_text_that_cannot_be_read_stays_out_of_the_log(agent, client):
-    """Neither the log nor the answer repeats 100 MiB, at any level."""
+    """Neither the log nor the answer repeats the 100 MiB, at any log level."""
     assert client.request("POST", "/logLevel", b'{"severity": 0}').status == 200
     before = len(agent.log)
     for url, status in (("/config", 400), ("/logLevel", 400), ("/backup", 500)):
@@ -110,14 +112,15 @@ def test_text_that_cannot_be_read_stays_out_of_the_log(agent, client):
 
 
 def test_four_thousand_idle_connections(foreground, site_authority, site_device):
-    """The agent, started with the usual limit, still opens its files, and the appliance gets its answers."""
+    """The agent, started with the usual limit of descriptors, can still open its files, and the appliance
+    gets its answers."""
     hard = resource.getrlimit(resource.RLIMIT_NOFILE)[1]
     daemon = foreground(preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_NOFILE, (1024, hard)))
     client = Client(site_authority.certificate, site_device(DEVICE))
     assert client.request("POST", "/pair", b'{"deviceID": %d}' % DEVICE).status == 200
     with client.connect() as kept:
         assert kept.request("GET", "/backup").status == 200
-        with crowd(client.address, 4000):
+        with idle_connections(client.address, 4000):
             assert answers_to(client) == 20
             assert kept.request("GET", "/backup").status == 200
             daemon.wait_for_log('Setting agent configuration option {"log.lifetimeHours" : 20}')
@@ -128,7 +131,7 @@ def test_four_thousand_idle_connections(foreground, site_authority, site_device)
 
 
 def test_crowd_after_the_handshake(agent, client, stranger, other):
-    """Those that have shown no certificate, and those that have but ask for nothing."""
+    """The crowd has clients without a certificate, and clients with one that send no request."""
     with contextlib.ExitStack() as stack:
         for number in range(STRANGERS + 44):
             stack.enter_context((stranger if number % 2 else other).connect())
@@ -137,11 +140,12 @@ def test_crowd_after_the_handshake(agent, client, stranger, other):
 
 
 def is_closed(plain, visitor):
-    """Some releases of the HTTP library leave it to the next one who comes."""
+    """Whether the connection is closed. Some releases of the HTTP library close it only when the next client
+    comes."""
     plain.settimeout(1)
     for _ in range(SECONDS):
         try:
-            while plain.recv(4096): # the library may say goodbye
+            while plain.recv(4096): # the library may send a close notification
                 pass
             return True
         except ConnectionResetError:
@@ -153,11 +157,11 @@ def is_closed(plain, visitor):
 
 
 def test_idle_strangers_are_closed_early(client, stranger, other):
-    """And the paired device's connection, though it was idle for longer, is not."""
+    """The paired device's connection stays open, though it was idle for longer."""
     with client.connect() as kept:
         assert kept.request("GET", "/backup").status == 200
         with socket.create_connection(client.address, SECONDS) as silent, stranger.connect() as unknown, \
-                other.connect() as quiet, held_head(stranger) as held:
+                other.connect() as quiet, stalled_request(stranger) as held:
             assert is_closed(silent, client)
             for connection in (unknown, quiet, held):
                 connection.socket.settimeout(SECONDS)
@@ -177,14 +181,14 @@ def test_descriptor_limit_of_the_administrator_stands(foreground):
     assert descriptor_limits(daemon.pid) == (512, 512)
 
 
-# What they may say.
+# Content of the log.
 
 LOOSE = "a line of its own"
 FORGED = "2026-01-01 00:00:00.000 [INFO:]     Agent daemon stopped"
 
 
 def check_clean(text, before):
-    """No control characters but the ends of the lines, and no line that nobody has logged."""
+    """Checks that the log has no control characters except newlines, and no forged line."""
     new = text[before:]
     assert new
     assert re.findall(r"[\x00-\x09\x0b-\x1f\x7f-\x9f]", new) == []
@@ -192,7 +196,7 @@ def check_clean(text, before):
 
 
 def test_control_characters_stay_out_of_the_log(agent, client, other):
-    """Whoever sends them, and whatever part of a request they are in."""
+    """They are escaped, whichever client sends them, and in whichever part of a request."""
     assert client.request("POST", "/logLevel", b'{"severity": 0}').status == 200
     shown, logged = len(agent.output), len(agent.log)
     text = f"\x1b[2J\x07\r\n{FORGED}\n{LOOSE}\n\u009b2J\x7f"
@@ -226,13 +230,13 @@ def test_names_with_a_nul_are_refused(appliance, key):
 
 
 def test_url_does_not_end_at_a_nul(client):
-    """Another backup would be asked for than was named."""
+    """Otherwise a URL with a NUL would name another backup."""
     answer = client.request("GET", "/backup/abc%00def")
     assert (answer.status, answer.body) == (400, b"A backup with ID abc%00def does not exist.")
     assert client.request("GET", "/backup%00/more").status == 400
 
 
-# What the next start can read.
+# The settings can be read back at the next start.
 
 def test_settings_that_could_not_be_read_back_are_refused(foreground, agent, appliance):
     assert appliance.set_config({"log.lifetimeHours": 72}).status == 200

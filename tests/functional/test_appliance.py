@@ -1,109 +1,20 @@
-"""lab/appliance and the class behind it: what goes out for each call, and how each kind of answer is shown.
+"""lab/appliance and the class behind it: the request of each call, and how each kind of answer is shown.
 
-The agent's part is played by a server that notes requests and gives the answers it is told to.
+A server that records requests and gives prepared answers plays the agent.
 """
-import fcntl
-import http.server
-import io
 import json
-import os
 import pathlib
-import re
-import ssl
-import struct
 import subprocess
-import termios
-import threading
 import time
 
 import pytest
 
+from appliance_site import ACTIVE, DISK, FAILED, FINISHED, SECONDS, Agent, status_of
 from lab.appliance_client import Answer, Appliance, NoAnswer, Unreachable, volume
 from lab.certificates import Authority
-from lab.progress import shown_progress
-from lab.watch import LIMIT_SECONDS, RUN_BEGINS, Standstill, ending_of, reason_lines
+from lab.watch import LIMIT_SECONDS, RUN_BEGINS, UnchangedTimer, ending_of, reason_lines
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
-SECONDS = 60
-DISK = "0f1e"
-MB = 1_000_000
-ACTIVE, FINISHED, FAILED = (
-    {"elapsedTime": 1, "connection_error": False, "snapshot_error": state == "failed", "status": state,
-     "details": [{"volume": DISK, "status": state, "type": "full",
-                  "transfer": {"bytesTransferred": done * MB, "totalSize": 20 * MB}}]}
-    for state, done in (("active", 5), ("finished", 20), ("failed", 5)))
-
-
-class Agent:
-    """Answers the requests in turn with what `answers` holds: (status, content type, text), or None to close
-    the connection. The last one serves for all that follow."""
-
-    def __init__(self, authority):
-        self.answers = [(200, "text/plain", "")]
-        self.log = None # what the call for the log gets, whenever it comes
-        self.requests = []
-        self.connections = 0
-        self.closes_after_answer = False
-        identity = authority.agent()
-        context = ssl.create_default_context(ssl.Purpose.CLIENT_AUTH, cafile=authority.certificate)
-        context.load_cert_chain(identity.certificate, identity.key)
-        context.verify_mode = ssl.CERT_REQUIRED
-        self._server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), self._handler())
-        self._server.socket = context.wrap_socket(self._server.socket, server_side=True)
-        self._thread = threading.Thread(target=self._server.serve_forever, kwargs={"poll_interval": 0.02})
-
-    @property
-    def port(self):
-        return self._server.server_address[1]
-
-    def says(self, *answers):
-        self.answers = [answer if answer is None or isinstance(answer, tuple)
-                        else (200, "application/json", json.dumps(answer, indent=4)) for answer in answers]
-
-    def answer_to(self, path):
-        if path.startswith("/event") and self.log is not None:
-            return 200, "application/json", json.dumps(self.log)
-        return self.answers.pop(0) if len(self.answers) > 1 else self.answers[0]
-
-    def _handler(self):
-        agent = self
-
-        class Handler(http.server.BaseHTTPRequestHandler):
-            protocol_version = "HTTP/1.1"
-
-            def setup(self):
-                super().setup()
-                agent.connections += 1
-
-            def respond(self):
-                body = self.rfile.read(int(self.headers.get("Content-Length", 0))).decode()
-                agent.requests.append((self.command, self.path, body))
-                answer = agent.answer_to(self.path)
-                self.close_connection = answer is None or agent.closes_after_answer
-                if answer is None:
-                    return
-                status, content_type, text = answer
-                self.send_response(status)
-                self.send_header("Content-Type", content_type)
-                self.send_header("Content-Length", str(len(text.encode())))
-                self.end_headers()
-                self.wfile.write(text.encode())
-
-            do_GET = do_POST = do_DELETE = respond
-
-            def log_message(self, *_arguments):
-                """Quiet: `requests` tells what was asked."""
-
-        return Handler
-
-    def __enter__(self):
-        self._thread.start()
-        return self
-
-    def __exit__(self, *_exception):
-        self._server.shutdown()
-        self._thread.join(SECONDS)
-        self._server.server_close()
 
 
 @pytest.fixture(scope="module")
@@ -131,7 +42,7 @@ def appliance(agent, authority, device):
 
 @pytest.fixture
 def command(agent, authority, device):
-    """Runs lab/appliance; gives exit status, standard output and standard error."""
+    """Runs lab/appliance; returns its exit status, standard output and standard error."""
     def run(*arguments, port=None, identity=device):
         done = subprocess.run(
             [ROOT / "lab" / "appliance", "--port", str(port or agent.port), "--cert", identity.certificate,
@@ -210,7 +121,8 @@ def test_certificate_that_is_not_there(agent, authority, tmp_path):
                            tmp_path / "none.pem", "--ca", authority.certificate, "list"],
                           capture_output=True, text=True, check=False, timeout=SECONDS)
     assert (done.returncode, agent.requests) == (64, [])
-    assert done.stderr == f"lab/appliance: [Errno 2] No such file or directory: '{tmp_path}/none.pem'\n"
+    assert done.stderr == (f"lab/appliance: --cert: {tmp_path}/none.pem can't be read (No such file or "
+                           "directory); lab/site up --paired makes the files that are used by default\n")
 
 
 def test_agent_of_another_authority(agent, device, tmp_path):
@@ -266,7 +178,7 @@ def test_volume_by_its_mount_point(agent, command):
 
 
 def test_backup_over_the_second_transport(agent, command, tmp_path):
-    """Each image has a secret of its own, and a volume ID of 64 bits. Nothing of a secret is shown."""
+    """Each image has its own secret and a 64-bit volume ID. No part of a secret is shown."""
     secrets = {"one": "s3cret, with a comma", "two": "an0ther"}
     for name, secret in secrets.items():
         (tmp_path / name).write_text(f"{secret}\n")
@@ -301,7 +213,8 @@ def test_watch_until_the_end(agent, command):
 
 
 def test_watch_of_a_failed_backup(agent, command):
-    """The first error of its own run tells why: none of an earlier backup, nor what comes of clearing up."""
+    """The first error of the backup's own run is the reason: not an error of an earlier backup, nor of the
+    cleanup."""
     agent.says(FAILED, log_of((4, "earlier"), (2, f"{RUN_BEGINS}b-0"), (4, "of another"),
                               (2, f"{RUN_BEGINS}b-1"), (2, "harmless"), (4, "the reason [failure:why]"),
                               (4, "Failed to run post backup!"), (2, f"{RUN_BEGINS}b-2"), (4, "later")))
@@ -312,13 +225,13 @@ def test_watch_of_a_failed_backup(agent, command):
 
 
 def log_of(*lines):
-    """An answer to the call for the log, of pairs of a severity and a text."""
+    """An answer to a log request, made of pairs of severity and text."""
     return {"log": [{"message": text, "severity": severity, "timestamp": number}
                     for number, (severity, text) in enumerate(lines)], "error": []}
 
 
 def test_lines_of_several_files_are_put_in_order():
-    """Of two days; the agent gives the files in any order."""
+    """The lines are of two days; the agent returns the files in any order."""
     class Agent:
         @staticmethod
         def logs(**_options):
@@ -329,7 +242,7 @@ def test_lines_of_several_files_are_put_in_order():
 
 
 def test_watch_of_a_failed_backup_whose_log_says_nothing(agent, command):
-    """The log's threshold may be higher."""
+    """The log's threshold may be too high for the reason."""
     agent.says(FAILED, log_of((4, "of nobody knows whom")))
     assert command("watch", "b-1")[2] == (
         "lab/appliance: snapshot_error\nlab/appliance: the agent's log doesn't say why: lab/appliance logs\n")
@@ -367,7 +280,7 @@ def test_watch_ends_with_a_run_whose_status_stays_active(agent, command):
 
 
 def test_watch_goes_on_while_the_run_does(agent, command):
-    """Without a change for a while, as when a target is silent."""
+    """The status doesn't change for a while, as when the target is silent."""
     agent.says(*5 * [ACTIVE], FINISHED)
     agent.log = log_of((2, f"{RUN_BEGINS}b-1"), (4, "Try: 1"))
     assert command("watch", "b-1")[0] == 0
@@ -375,7 +288,7 @@ def test_watch_goes_on_while_the_run_does(agent, command):
 
 
 def test_watch_has_a_limit():
-    """Where the log can't tell. What was given up may go on."""
+    """The watch gives up if the log doesn't show either that the backup has ended. The backup may go on."""
     class Agent:
         @staticmethod
         def logs(**_options):
@@ -385,12 +298,12 @@ def test_watch_has_a_limit():
     assert ending_of(Agent, "b-1", ACTIVE, LIMIT_SECONDS) == [
         "nothing has changed for 15 minutes, and the log tells of no end; watched no longer: "
         "lab/appliance cancel b-1 ends the backup"]
-    standstill = Standstill()
-    standstill.seconds(ACTIVE)
+    unchanged = UnchangedTimer()
+    unchanged.seconds(ACTIVE)
     time.sleep(0.5)
-    quiet = standstill.seconds(ACTIVE | {"elapsedTime": 9})
+    quiet = unchanged.seconds(ACTIVE | {"elapsedTime": 9})
     assert quiet >= 0.5
-    assert standstill.seconds(status_of(ACTIVE, bytesTransferred=6)) < quiet
+    assert unchanged.seconds(status_of(ACTIVE, bytesTransferred=6)) < quiet
 
 
 def test_watch_of_no_volumes(agent, command):
@@ -398,111 +311,9 @@ def test_watch_of_no_volumes(agent, command):
     assert command("watch", "b-1") == (0, "", "")
 
 
-def status_of(status, **transfer):
-    """That status of a backup, with these values in what it tells of the transfer."""
-    [entry] = status["details"]
-    return status | {"details": [entry | {"transfer": entry["transfer"] | transfer}]}
-
-
-def lines_of(*statuses, **options):
-    """What is shown of statuses that follow one another at once, where nobody looks on."""
-    stream = io.StringIO()
-    with shown_progress(stream, **options) as progress:
-        for status in statuses:
-            progress(status)
-    return stream.getvalue().splitlines()
-
-
 def test_watch_of_a_volume_whose_size_is_not_known(agent, command):
     agent.says(status_of(FAILED, totalSize=(1 << 64) - 1))
     assert command("watch", "b-1")[1] == f"{DISK} full failed, 5.0 MB\n"
-
-
-def test_type_is_not_shown_before_it_is_settled():
-    assert lines_of(status_of(ACTIVE, totalSize=(1 << 64) - 1)) == [f"{DISK} preparing"]
-
-
-def test_estimate_below_zero_is_not_shown():
-    assert lines_of(status_of(ACTIVE, totalSize=(1 << 64) - 4096)) == [f"{DISK} full active, 5.0 MB"]
-
-
-def test_end_is_shown_as_all_that_there_was():
-    assert lines_of(status_of(FINISHED, totalSize=25 * MB)) == [f"{DISK} full finished, 20.0 MB of 20.0 MB"]
-
-
-def test_lines_are_few_while_only_bytes_go_by():
-    changes = [status_of(ACTIVE, bytesTransferred=count * MB) for count in range(3)]
-    assert lines_of(*changes, FINISHED) == [f"{DISK} full active, 0.0 MB of 20.0 MB",
-                                            f"{DISK} full finished, 20.0 MB of 20.0 MB"]
-
-
-def test_volumes_by_name():
-    [line] = lines_of(FAILED, names={DISK: "data"}, prefix="  | ")
-    assert line == "  | data full failed, 5.0 MB of 20.0 MB"
-
-
-UUIDS = ("0f1e7a41-7a41-4a5e-9d0c-2f0b64b1a7de", "9a1fbd36-8c51-4a1e-9d0c-2f0e6f2f4b0e")
-
-
-def status_of_two(state, *sizes, kind="differential"):
-    """Of a backup of two volumes, with (transferred, total) of each."""
-    return ACTIVE | {"status": state, "details": [
-        {"volume": uuid, "status": state, "type": kind,
-         "transfer": {"bytesTransferred": done, "totalSize": total}}
-        for uuid, (done, total) in zip(UUIDS, sizes)]}
-
-
-def on_a_terminal(*statuses, columns=80, pause=0.3, **options):
-    """What a person sees in the end, by lines, on a terminal of so many columns and 24 lines."""
-    reader, writer = os.openpty()
-    fcntl.ioctl(writer, termios.TIOCSWINSZ, struct.pack("4H", 24, columns, 0, 0))
-    shown = b""
-    with open(writer, "w", encoding="utf-8") as terminal:
-        with shown_progress(terminal, **options) as progress:
-            for status in statuses:
-                progress(status)
-                time.sleep(pause)
-                shown += os.read(reader, 1 << 16)
-        shown += os.read(reader, 1 << 16)
-    os.close(reader)
-    text = re.sub(r"\x1b\[[0-9;?]*[a-zA-Z]", "", shown.decode().rsplit("\x1b[2K", 1)[-1])
-    return [line for line in text.replace("\r", "\n").split("\n") if line.strip()]
-
-
-@pytest.fixture(autouse=True)
-def terminal_of_a_person(monkeypatch):
-    monkeypatch.setenv("TERM", "xterm")
-    for name in ("COLUMNS", "LINES", "NO_COLOR"):
-        monkeypatch.delenv(name, raising=False)
-
-
-def test_bars_on_a_terminal():
-    [line] = on_a_terminal(ACTIVE, FINISHED)
-    assert re.fullmatch(rf"{DISK} full \S+ 20.0 of 20.0 MB +[\d,.]+ MB/s finished", line), line
-
-
-def test_bars_of_several_volumes_have_a_total():
-    lines = on_a_terminal(status_of_two("active", (0, 40 * MB), (0, 2 * MB)),
-                          status_of_two("active", (20 * MB, 40 * MB), (1 * MB, 2 * MB)))
-    assert [line.split()[0] for line in lines[-3:]] == ["0f1e7a41", "9a1fbd36", "total"]
-    assert all("MB/s" in line and "0:00:" in line for line in lines[-3:]), lines
-    assert "21.0 of 42.0 MB" in lines[-1]
-
-
-@pytest.mark.parametrize("state", ["active", "finished"])
-def test_bars_fit_a_terminal_of_80_columns(state):
-    """Terabytes at hundreds of megabytes a second, for most of a day, too."""
-    lines = on_a_terminal(*(status_of_two(state, (done, 9_999_999 * MB), (done, 9_999_999 * MB))
-                            for done in (1_234_000 * MB, 1_234_100 * MB, 1_234_200 * MB)),
-                          names={UUIDS[0]: "a name that is long"})
-    assert len(lines) >= 3 and max(map(len, lines)) <= 80
-    for line in lines[-3:]:
-        assert re.search(r"[\d,]+ of [\d,]+ MB ", line) and "MB/s" in line, line
-
-
-def test_bars_of_what_is_not_known_yet():
-    [line] = on_a_terminal(status_of(ACTIVE, bytesTransferred=0, totalSize=(1 << 64) - 1))
-    assert line.split()[0] == DISK and line.split()[-1] == "preparing"
 
 
 def test_cancel(agent, command):
@@ -529,7 +340,7 @@ HARMLESS = r"\x1b[2J\x07\r\x7f\x9b2J\x00"
 
 
 def test_terminal_gets_no_control_characters(agent, command):
-    """Wherever the agent's words are shown. Its log has those of strangers."""
+    """Texts of the agent are escaped wherever they are shown, as its log contains texts of strangers."""
     agent.says((500, "text/plain", HOSTILE))
     assert command("host") == (1, "", f"lab/appliance: HTTP status 500: {HARMLESS}\n")
     agent.says((201, "text/plain", HOSTILE))

@@ -1,11 +1,12 @@
-"""A whole backup by the real daemon to a real target: what is in the image is what the volume was."""
+"""A whole backup by the real daemon to a real target: the image holds what the volume held."""
 from backup_site import OVER_BOTH, fill, root_of, size_of_all
 from change_records import copied_extents
 from lab.backups import capture_of
 
 
 def check_nothing_is_sent_in_vain(backup, volumes):
-    """A frozen volume has its map, whatever its journal held a moment before."""
+    """Checks that no free block is sent. A frozen volume has a correct map, even if its journal held changes
+    just before."""
     for name, partition in volumes.items():
         used = copied_extents(capture_of(partition), partition.volume.file_system)
         assert backup.bytes(name) == size_of_all(used), backup.log

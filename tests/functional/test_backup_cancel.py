@@ -1,4 +1,4 @@
-"""Backups of the real daemon that are called off at each phase, by the appliance, by its silence, or by the
+"""Backups of the real daemon that are cancelled in each phase: by the appliance, by its silence, or by the
 next backup."""
 import pathlib
 import re
@@ -9,8 +9,8 @@ import pytest
 
 from backup_site import write_script
 from fault_site import DATA, LITTLE, MORE, SNAPSHOTS, fault_site
-from lab.holds import MOUNT_CALLS
 from lab.services import wait_until
+from lab.syscalls import MOUNT_CALLS
 
 MOST_WINDING_DOWN = 6
 SECONDS = 60
@@ -33,12 +33,13 @@ def two_volumes(agent, appliance):
 
 @pytest.fixture
 def script():
-    """The path of a script that lets a backup wait until /run/in-script is removed."""
+    """The path of a script that makes a backup wait until /run/in-script is removed."""
     return write_script("wait", SCRIPT)
 
 
 def check_cancelled(site, backup, faults, where):
-    """The session wasn't closed in order, the snapshots have ended nevertheless, and nothing is left."""
+    """Checks that the session wasn't ended as a success, that the snapshots have ended nevertheless, and that
+    nothing is left."""
     backup.wait()
     state = site.judge(backup)
     faults.note(f"cancel {where}", state)
@@ -52,7 +53,7 @@ def check_cancelled(site, backup, faults, where):
 
 @pytest.mark.parametrize("mode", ["PRE", "POST"])
 def test_cancel_while_a_script_runs(one_volume, script, faults, mode):
-    """The phase comes to its end, the next one isn't begun."""
+    """The current phase is completed, and the next one isn't started."""
     site = one_volume
     pathlib.Path("/run/mode").write_text(mode, encoding="ascii")
     flag = pathlib.Path("/run/in-script")
@@ -69,7 +70,7 @@ def test_cancel_while_a_script_runs(one_volume, script, faults, mode):
 
 
 def test_cancel_while_the_target_is_silent(one_volume, faults):
-    """As soon as it answers, there is nothing more to do for it."""
+    """The backup ends as soon as the target answers."""
     site = one_volume
     site.target.pause()
     backup = site.protection.start()
@@ -82,7 +83,7 @@ def test_cancel_while_the_target_is_silent(one_volume, faults):
 
 
 def test_cancel_while_snapshots_are_taken(one_volume, faults):
-    """They are taken to the end, and given back. The second of them is there to be mounted."""
+    """All snapshots are still taken, and then given back. The second one exists and can be mounted."""
     site = one_volume
     with site.held(MOUNT_CALLS, 1) as (backup, hold):
         backup.cancel()
@@ -93,7 +94,7 @@ def test_cancel_while_snapshots_are_taken(one_volume, faults):
 
 
 def test_cancel_in_the_copy(one_volume, faults):
-    """At once, whatever kind of backup it is, and what it owes comes with the next."""
+    """A backup of any kind ends at once, and the next one sends what it has left out."""
     site = one_volume
     for kind in ({"full": True}, {}, {"merge": True}):
         with site.in_copy(**kind) as (backup, hold):
@@ -107,7 +108,7 @@ def test_cancel_in_the_copy(one_volume, faults):
 
 
 def test_cancel_between_volumes(two_volumes, faults):
-    """One volume is copied, the other is not: neither is finished."""
+    """One volume has been copied, the other hasn't: neither is finished."""
     site = two_volumes
     lines = site.rehearse("openat,write")
     copied = next(at for at, line in enumerate(lines) if "Finished copying volume " in line)
@@ -121,7 +122,7 @@ def test_cancel_between_volumes(two_volumes, faults):
 
 
 def test_cancel_too_late(one_volume, faults):
-    """What can't be called off any more is finished, and right."""
+    """A backup that can't be cancelled any more finishes, and its image is right."""
     site = one_volume
     with site.held("umount2", 1) as (backup, hold):
         backup.cancel()
@@ -134,8 +135,8 @@ def test_cancel_too_late(one_volume, faults):
 
 
 def shorten_silence(daemon):
-    """Makes a second of the three minutes that the backups of a daemon wait for a sign of the appliance.
-    Nothing else in its memory is this number."""
+    """Patches the memory of a daemon: the three minutes for which a backup waits for its appliance become a
+    second. Nothing else in its memory has this value."""
     patience = SILENCE.to_bytes(8, "little")
     found = 0
     with open(f"/proc/{daemon.pid}/mem", "r+b", buffering=0) as memory:
@@ -150,7 +151,7 @@ def shorten_silence(daemon):
 
 
 def writable_memory(pid):
-    """(begin, end) of the private memory that has no file behind it, but for the stacks."""
+    """(begin, end) of each private, writable mapping without a file, except the stacks."""
     lines = pathlib.Path("/proc", str(pid), "maps").read_text(encoding="ascii").splitlines()
     for line in lines:
         place, rights, _, _, inode, *name = line.split()
@@ -159,8 +160,8 @@ def writable_memory(pid):
 
 
 def test_silent_appliance(one_volume, faults):
-    """An appliance that has asked once and then not any more has gone: the backup is called off. One that
-    has never asked is waited for."""
+    """If an appliance has asked for the status and then stops asking, its backup is cancelled. If it has
+    never asked, the backup goes on."""
     site = one_volume
     lost = "Backup cancelling due to lost ordak ping"
     number = site.steps_of_copy("read", SNAPSHOTS[0])[5]
@@ -169,7 +170,7 @@ def test_silent_appliance(one_volume, faults):
             assert shorten_silence(site.daemon) > 0
             if is_asked:
                 assert backup.state == "active"
-            time.sleep(2 * SHORT_SILENCE / 10**9) # this is the silence
+            time.sleep(2 * SHORT_SILENCE / 10**9) # the appliance's silence
             hold.release()
             site.daemon.wait_for(lambda: backup.has_ended, "the end of the backup")
         state = site.judge(backup)
@@ -181,13 +182,13 @@ def test_silent_appliance(one_volume, faults):
 
 
 def test_appliance_that_may_be_silent(one_volume, database):
-    """With the watchdog switched off in the database, a backup that is begun from then on has none."""
+    """If the watchdog is switched off in the database, a backup that starts afterwards has none."""
     site = one_volume
     database("insert into config (key, value) values ('disable_ordak_ping_timeout', '1')")
     with site.in_copy(LITTLE) as (backup, hold):
         shorten_silence(site.daemon)
         assert backup.state == "active"
-        time.sleep(2 * SHORT_SILENCE / 10**9) # this is the silence
+        time.sleep(2 * SHORT_SILENCE / 10**9) # the appliance's silence
         hold.release()
         site.daemon.wait_for(lambda: backup.has_ended, "the end of the backup")
     assert backup.state == "finished", backup.log
@@ -195,7 +196,7 @@ def test_appliance_that_may_be_silent(one_volume, database):
 
 
 def test_second_backup_takes_over(one_volume, faults):
-    """The first is called off, and the second waits until it has ended."""
+    """The first backup is cancelled, and the second waits until it has ended."""
     site = one_volume
     with site.in_copy(LITTLE, full=True) as (first, hold):
         second = site.protection.start()
@@ -211,7 +212,7 @@ def test_second_backup_takes_over(one_volume, faults):
 
 
 def test_stop_while_a_backup_waits_for_another(one_volume, foreground, faults):
-    """A stop calls off both: the one that runs ends, and the one behind it never begins."""
+    """A stop cancels both: the running backup ends, and the waiting one never starts."""
     site = one_volume
     begin = "Beginning execution of the Populate Volumes phase."
     with site.in_copy(LITTLE, full=True) as (first, hold):
@@ -230,8 +231,8 @@ def test_stop_while_a_backup_waits_for_another(one_volume, foreground, faults):
 
 
 def test_seven_backups_in_a_row(one_volume, faults):
-    """Six may wind down behind the one that is asked for; the next is refused. A cancelled one that hasn't
-    begun yet never does: only the last one runs."""
+    """Six earlier backups may still be ending when a new one is started; one more is refused. A waiting
+    backup that is cancelled never starts: only the last one runs."""
     site = one_volume
     with site.in_copy(LITTLE) as (first, hold):
         others = [site.protection.start() for _ in range(MOST_WINDING_DOWN)]

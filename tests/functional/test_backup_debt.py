@@ -1,5 +1,5 @@
-"""Faults on a volume that was in debt already: untracked, left in a snapshot, or owing what a failed backup
-has not brought. A backup that says "finished" afterwards has brought everything."""
+"""Faults on a volume that has debts already: it is untracked, or left in a snapshot, or a failed backup owes
+its changes. If a later backup reports "finished", it has sent everything."""
 import pathlib
 import signal
 import subprocess
@@ -17,7 +17,7 @@ SECONDS = 120
 SEQUENCES = 3000
 PID_FILE = pathlib.Path("/run/daemon.pid")
 SCRIPTS = {
-    # Between the snapshots and the first write.
+    # Kills the daemon between the snapshots and the first write.
     "killer": f'#!/bin/sh\n[ "$1" = PRE ] || kill -9 "$(cat {PID_FILE})"\n',
     "vanishing": VANISHING,
     "filler": f"""#!/bin/sh
@@ -41,7 +41,7 @@ def start(site, *scripts, **kind):
 
 
 def kill_after_snapshots(site, foreground):
-    """The next daemon finds the snapshots, and has them mounted."""
+    """Kills the daemon after its snapshots; the next daemon finds the snapshots, still mounted."""
     PID_FILE.write_text(str(site.daemon.pid), encoding="ascii")
     backup = start(site, "killer")
     assert site.daemon.wait() == -signal.SIGKILL
@@ -58,7 +58,7 @@ def fail_after_snapshots(site, *scripts, **kind):
 
 
 def run_failing(site):
-    """A backup that what was left behind makes fail, whether or not its status says so."""
+    """Runs a backup that fails because of what was left behind, whether or not its status says so."""
     site.change()
     backup = site.protection.start().wait()
     assert backup.state != "finished", backup.log
@@ -71,7 +71,7 @@ def history():
 
 @pytest.fixture
 def leftover(one_volume, foreground):
-    """A site with the snapshot that a killed backup of an untracked volume has left."""
+    """A site with the snapshot left by a killed backup of an untracked volume."""
     driver.restart()
     kill_after_snapshots(one_volume, foreground)
     return one_volume
@@ -79,14 +79,14 @@ def leftover(one_volume, foreground):
 
 @pytest.fixture
 def owing(one_volume):
-    """A site whose last backup has failed between its snapshots and its first write."""
+    """A site whose last backup failed between its snapshots and its first write."""
     fail_after_snapshots(one_volume)
     return one_volume
 
 
 @pytest.mark.parametrize("volumes", [(DATA,), (DATA, MORE)], ids=["one", "two"])
 def test_leftover_snapshots_of_untracked_volumes(make_site, foreground, volumes):
-    """They show what no image has, so that they can't be what the next changes are counted from."""
+    """No image has what these snapshots show, so the next changes must not be counted from them."""
     with make_site(*volumes) as site:
         driver.restart()
         kill_after_snapshots(site, foreground)
@@ -171,14 +171,14 @@ def test_driver_that_tells_nothing_at_the_end(owing):
     backup = fail_after_snapshots(site, "blinder")
     assert "Unable to read tolvubd info" in backup.log
     INFO.rmdir()
-    driver.take_a_turn()
+    driver.refresh_status()
     assert site.site.states() == [3]
     run_failing(site)
     site.assert_recovered()
 
 
 def test_image_of_a_full_backup_that_was_called_off_is_compared(one_volume):
-    """Its head may be right when the rest isn't."""
+    """The beginning of the image may be right although the rest isn't."""
     site = one_volume
     with site.in_copy(full=True) as (backup, hold):
         backup.cancel()
@@ -190,7 +190,7 @@ def test_image_of_a_full_backup_that_was_called_off_is_compared(one_volume):
 
 
 def test_reload_scripts_survive_a_power_cut_and_do_not_come_back(one_volume, tmp_path):
-    """What is written and what is removed is on the disk when the driver's state changes."""
+    """Scripts are synced to the disk, when written and when removed, before the driver's state changes."""
     site = one_volume
     calls = tmp_path / "calls"
     with site.site.session() as session:
@@ -209,9 +209,9 @@ def test_reload_scripts_survive_a_power_cut_and_do_not_come_back(one_volume, tmp
 
 
 def test_random_sequences_of_faults():
-    """The agent's session over a driver and volumes that are a few numbers: see tests/model. Other sequences
-    with other arguments: DebtModel SEQUENCES SEED."""
-    done = subprocess.run([program("DebtModel"), str(SEQUENCES), "1"], capture_output=True, text=True,
+    """Runs the agent's session with a simulated driver and simulated volumes: see tests/model. To run other
+    sequences: RandomSequences SEQUENCES SEED."""
+    done = subprocess.run([program("RandomSequences"), str(SEQUENCES), "1"], capture_output=True, text=True,
                           check=False, timeout=10 * SECONDS)
     print(done.stdout, done.stderr)
     assert done.returncode == 0, done.stdout + done.stderr

@@ -1,5 +1,5 @@
-"""What becomes of an incremental backup when something that it builds on isn't as it should be: never an
-image that nobody can trust. The log tells why each time."""
+"""How an incremental backup falls back if something that it builds on is wrong: the image must always be
+trustworthy, and the log must say why."""
 import contextlib
 import dataclasses
 import os
@@ -13,7 +13,7 @@ from lab.daemon import DATABASE
 from lab.driver import forget_devices
 from tolvubd_site import must
 
-# With room for the CoW files of a backup that was killed.
+# With room for the CoW files that a killed backup leaves.
 VOLUMES = (dataclasses.replace(EXT4, mebibytes=448),)
 NAME = EXT4.name
 
@@ -26,7 +26,7 @@ def volume(volumes):
 
 @pytest.fixture
 def protection(protect, volume):
-    """With the image of a FULL backup, and changes since."""
+    """A volume with an image of a FULL backup, and changes since."""
     protection = protect()
     backup = protection.run(full=True)
     assert backup.state == "finished", backup.log
@@ -39,7 +39,8 @@ def display_name(volume):
 
 
 def check(protection, backup, kind, *lines):
-    """It has become a backup of this kind, its image is right, and the log has these lines."""
+    """Checks that the backup has become one of this kind, that its image is right, and that the log has these
+    lines."""
     assert backup.state == "finished", backup.log
     assert backup.type(NAME) == kind, backup.log
     for line in lines:
@@ -62,7 +63,7 @@ def test_unknown_volume_is_copied_whole(protect, volume, kind):
 
 @contextlib.contextmanager
 def locked_database():
-    """Nobody else can read it."""
+    """Locks the database, so that nobody else can read it."""
     with contextlib.closing(sqlite3.connect(DATABASE, isolation_level=None)) as connection:
         connection.execute("BEGIN EXCLUSIVE")
         yield
@@ -70,8 +71,8 @@ def locked_database():
 
 
 def test_unreadable_database_leads_to_a_merge(protection, volume, volume_site):
-    """The database is locked while the volume is looked up; to get there in time, udisks keeps the agent
-    waiting."""
+    """The database is locked while the volume is looked up. To have time for that, udisks makes the agent
+    wait."""
     os.kill(volume_site.udisks.pid, signal.SIGSTOP)
     try:
         backup = protection.start()
@@ -88,7 +89,7 @@ def test_unreadable_database_leads_to_a_merge(protection, volume, volume_site):
 
 
 def test_database_without_its_table_fails_the_backup_at_its_end(protection, volume, database):
-    """There is nowhere to keep the checksum of the image. Nothing is lost: the next backup brings all."""
+    """The image's checksum can't be stored. Nothing is lost: the next backup sends everything."""
     database("ALTER TABLE volumes RENAME TO elsewhere")
     backup = protection.run()
     assert backup.state == "failed", backup.log
@@ -138,8 +139,8 @@ def test_damaged_image_is_merged(protection, volume, database, offset):
 
 
 def test_unreadable_image_fails_the_backup(protection, volume):
-    """A failure, not a merge: a target that can't be read can't be written with confidence. The driver goes
-    on tracking."""
+    """The backup fails instead of becoming a merge: if a target can't be read, writes to it can't be trusted.
+    The driver continues tracking."""
     image = protection.images[NAME].path
     size = image.stat().st_size
     os.truncate(image, 0)
@@ -170,7 +171,7 @@ def test_untracked_volume_is_merged(protection, volume):
 
 
 def test_volume_left_in_snapshot_is_merged(protection, volume):
-    """What a run that was killed leaves behind: nobody knows any more what has changed since."""
+    """A killed run leaves a volume in a snapshot, so it isn't known what has changed since."""
     must("transition_snapshot", device_of(volume)["minor"], root_of(volume) / ".tolvu1", 100)
     check(protection, protection.run(), "differential",
           f"[WARNING:]  Device {volume.uuid} not in active incremental state, destroying snapshot "

@@ -1,4 +1,4 @@
-"""Whole backups of FAT32, whose file system is a process here."""
+"""Whole backups of FAT32, which is mounted with a FUSE driver."""
 import pytest
 
 from backup_site import fill, root_of, size_of_all
@@ -7,7 +7,7 @@ from lab.filesystems import truth_of
 from lab.volumes import Volume
 
 NAME = "stick"
-# The process says that blocks have 1 KiB, whatever clusters have.
+# The FUSE driver reports blocks of 1 KiB, whatever the cluster size.
 VOLUMES = (Volume(NAME, "vfat", mebibytes=400, mount_point="/mnt/stick", making=("-s", "2")),)
 
 
@@ -26,8 +26,8 @@ def check(protection, kind, **asked):
 
 
 def bytes_to_copy(stick):
-    """What is used, the driver's own files among them, as the process doesn't tell where they lie; and what
-    the partition has behind the file system, which ends with a track."""
+    """The bytes in use, including the driver's own files, as the FUSE driver can't report their extents; plus
+    the space after the file system, which ends at a track boundary."""
     truth = truth_of(capture_of(stick), "vfat")
     return size_of_all(truth.used_extents()) + size_of(stick) - truth.blocks * truth.block_size
 

@@ -1,5 +1,5 @@
-"""Backups of the real daemon to a real target under faults of the target and of the source: whatever is
-reported finished is right, and the next backup works."""
+"""Backups of the real daemon to a real target, under faults of the target and of the source: if a backup is
+reported finished, its image is right; and the next backup works."""
 import contextlib
 import os
 import subprocess
@@ -9,17 +9,17 @@ import pytest
 from fault_site import DATA, FIRST, RETRYING, SNAPSHOTS, fault_site, seeded
 from lab.backups import capture_of
 from lab.commands import run
-from lab.holds import Trace
 from lab.logical_disk import GROUP, are_volumes_logical
+from lab.syscalls import Trace
 from lab.targets import Target
 from lab.zephane import ZephaneServer
 
-WINDOW = 0.8 # of the copy: how often a thread calls isn't exactly the same each time
+WINDOW = 0.8 # of the copy: the number of a thread's calls varies a little between runs
 POINTS = 3
 
 
 def points_of_copy(site, count, source):
-    """Moments while a full backup copies: about to read, before a packet, or behind it."""
+    """Points during the copy of a full backup: before a read, before a packet, or after one."""
     reads = [{"call": "read", "number": number, "paths": [SNAPSHOTS[0]]}
              for number in site.steps_of_copy("read", SNAPSHOTS[0], full=True)]
     packets = [{"call": "writev", "number": number, "behind": behind}
@@ -28,7 +28,7 @@ def points_of_copy(site, count, source):
 
 
 def test_target_restarts_within_the_retries(one_volume, faults):
-    """Up to five seconds, at any moment of the copy: the backup doesn't mind."""
+    """The target is away for up to five seconds, at any point of the copy: the backup succeeds."""
     site, source = one_volume, seeded()
     for point in points_of_copy(site, POINTS, source):
         tries = source.randrange(1, 4)
@@ -48,7 +48,8 @@ def test_target_restarts_within_the_retries(one_volume, faults):
 
 
 def test_target_stays_away(one_volume, faults):
-    """Longer than the retries last: the backup fails, says why, and the next one works."""
+    """The target is away for longer than the retries: the backup fails and says why, and the next one
+    works."""
     site, source = one_volume, seeded()
     for point in points_of_copy(site, 2, source):
         fault = f"target gone at {point}"
@@ -67,13 +68,13 @@ def test_target_stays_away(one_volume, faults):
 
 @pytest.mark.parametrize("server", [Target, ZephaneServer])
 def test_disk_of_the_target_is_full(agent, appliance, tmpfs, faults, server):
-    """The target answers with an error each time, and the backup says so. Once there is room, the next one
-    works."""
+    """The target answers with an error each time, and the backup reports it. When there is room again, the
+    next backup works."""
     directory = "/mnt-target"
     tmpfs(directory, "size=2g")
     with fault_site(appliance, agent, (DATA,), server, directory=directory) as site:
         image = site.protection.images["data"]
-        # What isn't there needs room as soon as it is written; the next backup has to bring all of it back.
+        # Punched blocks need room as soon as they are written; the next backup has to send all of them.
         subprocess.run(["fallocate", "--punch-hole", "--length", str(image.path.stat().st_size), image.path],
                        check=True)
         remount(directory, used_bytes(directory) + (8 << 20))
@@ -99,8 +100,8 @@ def used_bytes(directory):
 
 
 def test_read_error_of_the_source(one_volume, faults):
-    """The copy of a block that can't be read fails the backup. A map of the blocks in use that can't be read
-    doesn't: then all blocks are copied. Either way nothing wrong is called finished."""
+    """If a block can't be read, the backup fails. If the map of used blocks can't be read, all blocks are
+    copied instead. In both cases, no wrong image is reported finished."""
     site, source = one_volume, seeded()
     steps = site.steps_of_copy("read", SNAPSHOTS[0])
     states = []
@@ -122,23 +123,24 @@ def test_read_error_of_the_source(one_volume, faults):
 
 @contextlib.contextmanager
 def snapshot_cut_short(partition):
-    """Most of what the driver has kept for it is gone: the kernel itself refuses to read that."""
+    """Truncates what the driver keeps for the snapshot: the kernel then refuses to read most of it."""
     capture = capture_of(partition)
     content = capture.read_bytes()
     os.truncate(capture, 1 << 20)
     yield
-    capture.write_bytes(content) # the damage was the test's, and not to the volume
+    capture.write_bytes(content) # the test has damaged only the capture, not the volume
 
 
 @contextlib.contextmanager
 def snapshot_bypassed(partition):
-    """LVM takes the driver's layers off the volume, which the driver may see only when all has been read."""
+    """Makes LVM remove the driver's layers from the volume; the driver may notice only after everything has
+    been read."""
     run("lvchange", "--refresh", f"{GROUP}/{partition.name}")
     yield
 
 
 def test_snapshot_ends_too_early(one_volume, faults):
-    """What isn't there any more isn't in an image either."""
+    """If the snapshot is lost, the backup fails: the image can't have the lost data."""
     site = one_volume
     is_logical = are_volumes_logical()
     end = snapshot_bypassed if is_logical else snapshot_cut_short
@@ -154,8 +156,8 @@ def test_snapshot_ends_too_early(one_volume, faults):
 
 
 def check_never_trusted_again(site):
-    """A device that has failed is taken away by the next backup, which fails for it, whether or not its
-    status says so; all is compared then."""
+    """Checks that a failed device isn't used again: the next backup removes it, and fails for that, whether
+    or not its status says so; the one after that compares everything."""
     backup = site.protection.run()
     assert backup.state != "finished", backup.log
     assert "destroying and returning failure, current state 3" in backup.log

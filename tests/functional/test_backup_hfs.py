@@ -1,6 +1,6 @@
-"""Whole backups of HFS+ volumes through the daemon: by their used blocks, by all blocks where these can't be
-told, and none of a volume that isn't known. What is mounted there is not the volume: its files are read from
-the image."""
+"""Whole backups of HFS+ volumes through the daemon: of the used blocks; of all blocks if the used ones can't
+be determined; and none of an unknown volume. A stand-in is mounted instead of the volume, so its files are
+read from the image."""
 import os
 import re
 
@@ -42,7 +42,7 @@ VOLUMES = (
 
 @pytest.fixture
 def protection(request, protect, volumes):
-    """Of the volume that the test names."""
+    """The protection of the volume that the test names."""
     with HfsMount(volumes[request.param].device, f"/mnt/{request.param}"):
         yield protect(request.param)
 
@@ -75,7 +75,7 @@ def contents():
 
 
 def change_file(partition):
-    """Writes over the head of a file, behind the file system's back. Returns what the files are then."""
+    """Overwrites the beginning of a file directly on the device. Returns the new contents of the files."""
     old = content_of(CHANGED)
     with open(partition.device, "r+b") as device:
         found = re.search(re.escape(old[:512]), device.read())

@@ -1,7 +1,7 @@
-"""Chains of backups: after each, the image is what the volume was, and no more was sent than had changed.
+"""Chains of backups: after each, the image equals the volume, and only changes were sent.
 
-What had changed is worked out from what the driver has kept of the volume then and now, and from what the
-tools of the file systems call in use."""
+The changes are calculated from the driver's captures of the volume before and after, and from the used blocks
+that the file systems' own tools report."""
 import os
 import random
 import shutil
@@ -13,7 +13,7 @@ from lab.logical_disk import are_volumes_logical
 MIB = 1 << 20
 STEPS = 20
 SMALL_FILES = 5000 # on each of two volumes
-METADATA = 4 * MIB # more than a journal takes for a handful of changes
+METADATA = 4 * MIB # more than a few changes write to the journal
 
 
 def files_below(root):
@@ -36,7 +36,7 @@ def write_small_files(root):
         path = root / f"small {number % 50}" / f"{number}"
         path.parent.mkdir(exist_ok=True)
         path.write_bytes(b"%099d\n" % number)
-    os.sync() # XFS sets a multiple aside for what isn't on the disk yet, and would look full
+    os.sync() # XFS reserves several times the room for delayed allocations, and would seem full
 
 
 def remove_a_file(root):
@@ -48,7 +48,7 @@ def truncate_a_file(root):
 
 
 def overwrite_a_third(root):
-    """Of the large file, in place: every tenth 64 KiB begins with three that are new."""
+    """Overwrites the first three of every ten 64 KiB of the large file, in place."""
     source = random.Random(30)
     path = root / "large"
     with open(path, "r+b") as file:
@@ -65,8 +65,9 @@ def test_each_change_is_brought_and_nothing_else(protect, volumes):
         (root / "other").write_bytes(random.Random(2).randbytes(5 * MIB))
     with Ledger(protect()) as ledger:
         for name, sent in ledger.run("full", full=True).items():
-            assert sent.check().reported > 25 * MIB, name
-        # What is changed, and how much that is, apart from what the file system writes on its own.
+            assert sent.check().reported_bytes > 25 * MIB, name
+        # Each change, with the least and the most bytes that it changes, besides the file system's own
+        # writes.
         for change, least, most in ((change_nothing, 0, 0),
                                     (change_a_byte, 1, UNIT),
                                     (remove_a_file, 0, 0),
@@ -77,19 +78,20 @@ def test_each_change_is_brought_and_nothing_else(protect, volumes):
                 change(root)
             for name, sent in ledger.run("incremental").items():
                 sent.check()
-                assert least <= sent.reported <= most + METADATA, (change.__name__, name)
+                assert least <= sent.reported_bytes <= most + METADATA, (change.__name__, name)
 
 
 def write_zeros(root):
-    """All over what is free, where CoW files lay before; leaves room for the next one."""
+    """Overwrites all free space, where CoW files were before, with zeros; leaves room for the next one."""
     free = os.statvfs(root)
     (root / "zeros").write_bytes(bytes(free.f_bavail * free.f_frsize - 110 * MIB))
     os.sync()
 
 
 def test_what_comes_into_use_is_brought_whatever_it_holds(protect, volumes):
-    """A file may hold what lay there before it: zeros where nothing was ever written, or where only the
-    driver's and the agent's own files were, which no image has; or what it held before it was removed."""
+    """A block that comes into use may not have changed: it may hold zeros where nothing was ever written, or
+    old data of the driver's and the agent's own files, which no image has, or its own data from before the
+    file was removed. It must be sent nevertheless."""
     roots = [root_of(partition) for partition in volumes.values()]
     for root in roots:
         (root / "removed").write_bytes(random.Random(3).randbytes(10 * MIB))
@@ -103,25 +105,25 @@ def test_what_comes_into_use_is_brought_whatever_it_holds(protect, volumes):
             (root / "removed").write_bytes(random.Random(3).randbytes(10 * MIB))
             with open(root / "reserved", "wb") as file:
                 os.posix_fallocate(file.fileno(), 0, 3 * MIB)
-        if are_volumes_logical(): # what was never written isn't sent, and reads as zeros whatever lies there
-            ledger.protection.left_out += ("reserved",)
+        if are_volumes_logical(): # blocks never written aren't sent, and read as zeros
+            ledger.protection.excluded_files += ("reserved",)
         ledger.run("incremental")
         for root in roots:
             write_zeros(root)
         for sent in ledger.run("incremental").values():
-            assert sent.check().reported > 20 * MIB
+            assert sent.check().reported_bytes > 20 * MIB
         for root in roots:
             (root / "zeros").unlink()
         for sent in ledger.run("incremental").values():
-            assert sent.check().reported < METADATA
+            assert sent.check().reported_bytes < METADATA
         for root in roots:
             write_zeros(root)
         for sent in ledger.run("incremental").values():
-            assert sent.check().reported > 20 * MIB
+            assert sent.check().reported_bytes > 20 * MIB
 
 
 class Changer:
-    """Changes what is in a directory in all the ways there are, at random."""
+    """Makes random changes of all kinds in a directory."""
 
     def __init__(self, root, source):
         self._root = root
@@ -186,7 +188,7 @@ class Changer:
             shutil.rmtree(self._source.choice(directories))
 
     def dig(self):
-        """A file with holes."""
+        """Makes a file with holes."""
         with open(self._name(), "wb") as file:
             for _ in range(5):
                 file.seek(self._source.randrange(2 * MIB), os.SEEK_CUR)
@@ -194,7 +196,7 @@ class Changer:
 
 
 def test_long_chain_of_random_changes(protect, volumes):
-    """The same chain each time; another one with another `BEKD_SEED`."""
+    """The chain is the same each time, unless `BEKD_SEED` changes it."""
     seed = int(os.environ.get("BEKD_SEED", 1))
     print(f"BEKD_SEED={seed}")
     changers = [Changer(root_of(partition), random.Random(f"{seed} {name}"))
@@ -205,4 +207,4 @@ def test_long_chain_of_random_changes(protect, volumes):
             for changer in changers:
                 changer.run(15)
             for name, sent in ledger.run("incremental").items():
-                assert sent.check().reported < volumes[name].volume.mebibytes * MIB / 4
+                assert sent.check().reported_bytes < volumes[name].volume.mebibytes * MIB / 4

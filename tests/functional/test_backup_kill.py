@@ -1,4 +1,5 @@
-"""The daemon is killed, or told to stop, at each boundary of a backup; the next one's images are right."""
+"""The daemon is killed, or told to stop, at each boundary of a backup; the images of the next one are
+right."""
 import signal
 import subprocess
 
@@ -7,7 +8,7 @@ import pytest
 from fault_site import DATA, fault_site, log_file
 from lab.volumes import Volume
 
-# The thread is held before it has logged the line: what comes before is done, what follows isn't begun.
+# The thread is held before it logs the line: what comes before is done, what follows hasn't started.
 BOUNDARIES = (
     "Beginning execution of the Start Snapshotting phase.",
     "Snapshot session successfully validated",
@@ -29,7 +30,7 @@ BOUNDARIES = (
 SECONDS = 60
 KINDS = ({"full": True}, {}, {"merge": True})
 
-# A killed backup may leave two CoW files, and the next one begins only where there is room for a third.
+# A killed backup may leave two CoW files, and the next one starts only if there is room for a third.
 TIGHT = DATA
 ROOMY = Volume("data", "ext4", mebibytes=480, mount_point="/mnt/data")
 XFS = Volume("files", "xfs", mebibytes=480, mount_point="/mnt/files")
@@ -47,7 +48,7 @@ def kill(site, hold):
 
 
 def check_restart(site, foreground, faults, where):
-    """At most one backup fails for what the killed one has left."""
+    """Checks that at most one backup fails because of what the killed one has left."""
     state = site.restart_after_kill(foreground())
     faults.note(f"kill -9 {where}; the next backup", state)
     if state == "finished":
@@ -76,7 +77,7 @@ def test_kill_in_the_copy(make_site, foreground, faults):
 
 
 def frozen_writer(mount_point):
-    """A process that writes, and can't."""
+    """A process that tries to write to a frozen file system."""
     for _ in range(SECONDS):
         writer = subprocess.Popen(["dd", "if=/dev/zero", f"of={mount_point}/probe", "bs=1", "count=1",
                                    "status=none"])
@@ -88,7 +89,7 @@ def frozen_writer(mount_point):
 
 
 def test_kill_while_frozen(make_site, foreground, faults):
-    """The file system is thawed by the one that watches over that, though nobody asks for it any more."""
+    """The guard process thaws the file system, though the daemon that started it is dead."""
     with make_site(XFS) as site:
         mount_point = site.site.mount_point("files")
         with site.held("ioctl", 1, paths=[mount_point], behind=True) as (_, hold):
@@ -99,7 +100,7 @@ def test_kill_while_frozen(make_site, foreground, faults):
 
 
 def test_stop_at_boundaries(make_site, foreground, faults):
-    """The daemon ends in order, once the backup has wound down."""
+    """The daemon stops in order, after the backup has ended."""
     with make_site(ROOMY) as site:
         for text, number in site.boundaries(BOUNDARIES)[::4]:
             with site.held("write", number, paths=[log_file()]) as (backup, hold):

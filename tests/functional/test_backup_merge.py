@@ -1,4 +1,4 @@
-"""Differential merges: all that is in use is compared, and only what differs is written."""
+"""Differential merges: all used blocks are compared, and only those that differ are written."""
 import os
 import shutil
 
@@ -22,21 +22,21 @@ if sys.argv[1] == "POST":
                 while piece := snapshot.read(1 << 20):
                     image.write(piece)
 """
-# What is written as a whole if anything in it differs.
+# The unit of writes: it is written as a whole if anything in it differs.
 UNITS = {Target: LONGEST, ZephaneServer: 64 << 10}
 LARGE = "large"
-FLIPS = (1, 2 * MIB + 77, 17 * MIB + 4095, 18 * MIB) # in this file, which stays where it is
+FLIPS = (1, 2 * MIB + 77, 17 * MIB + 4095, 18 * MIB) # offsets in this file, which stays where it is
 
 
 def chunks(extents):
-    """What is read and compared at once."""
+    """The chunks that are read and compared at once."""
     return [(at, min(LONGEST, begin + length - at)) for begin, length in extents
             for at in range(begin, begin + length, LONGEST)]
 
 
 def differing(one, other, extents, unit):
-    """(offset, length) of what has to be mended: of every chunk, the units that differ, those that touch each
-    other together."""
+    """(offset, length) of what must be repaired: the differing units of each chunk, with adjacent units
+    joined."""
     with open(one, "rb") as first, open(other, "rb") as second:
         return [run for at, length in chunks(extents)
                 for run in runs_of(at, os.pread(first.fileno(), length, at),
@@ -64,7 +64,7 @@ def flip(path, at):
 
 
 def place_of(at, extents):
-    """Where a byte of a file is, by the file's extents."""
+    """The offset on the volume of a byte of a file, by the file's extents."""
     for begin, length in extents:
         if at < length:
             return begin + at
@@ -80,7 +80,7 @@ def fill_all(volumes):
 
 @OVER_BOTH
 def test_merge_with_an_equal_image_writes_nothing(protect, volumes, target):
-    """The image becomes equal between the snapshot and the copy: by a script that runs there."""
+    """A script makes the image equal to the volume between the snapshot and the copy."""
     fill_all(volumes)
     protection = protect()
     backup = protection.run(full=True)
@@ -99,6 +99,7 @@ def test_merge_with_an_equal_image_writes_nothing(protect, volumes, target):
 
 @OVER_BOTH
 def test_merge_mends_exactly_what_differs(protect, volumes, target, tmp_path):
+    """Single bytes of the image are flipped: a merge writes the units that differ, and no others."""
     fill_all(volumes)
     protection = protect()
     with Ledger(protection) as ledger:
@@ -114,7 +115,7 @@ def test_merge_mends_exactly_what_differs(protect, volumes, target, tmp_path):
         for name, sent in ledger.run("differential", merge=True).items():
             capture = capture_of(volumes[name])
             written = differing(before[name], capture, sent.extents, UNITS[type(target)])
-            assert sent.reported == size_of_all(sent.extents)
+            assert sent.reported_bytes == size_of_all(sent.extents)
             assert sent.writes == Writes(commands_for(written, target), size_of_all(written))
             for at in damaged[name]:
                 assert any(begin <= at < begin + length for begin, length in written)

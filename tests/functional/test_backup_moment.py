@@ -1,4 +1,4 @@
-"""The moment of the snapshot: what runs around it, what it needs room for, what keeps it from happening."""
+"""The moment of the snapshot: the scripts around it, the room that it needs, and what can prevent it."""
 import dataclasses
 import os
 
@@ -28,7 +28,8 @@ def check(protection, backup, kind, *names):
 
 
 def test_size_of_the_cow_file_is_the_configured_one(protection, volumes):
-    """From the next backup on, in the volume and in its snapshot; one below what is needed is raised."""
+    """The size applies from the next backup on, on the volume and in its snapshot; a size that is too small
+    is raised."""
     kind = {"full": True}
     for size, expected in ((123, 123), (50, 100), (117, 117)):
         protection.set_cow_size(size, "data")
@@ -77,7 +78,7 @@ def script_for(volumes, name):
 
 
 def test_scripts_run_around_the_moment_of_the_snapshots(protection, volumes):
-    """What they write before it is in the images, what they write after it isn't."""
+    """The images have what the scripts write before the moment, and not what they write after it."""
     scripts = [script_for(volumes, "first"), script_for(volumes, "second.sh")]
     backup = protection.run(volumes=protection.request(scripts=scripts), full=True)
     check(protection, backup, "full")
@@ -129,7 +130,7 @@ def test_script_that_hangs_is_ended_in_time(protection, volumes):
 
 
 def test_unmounted_volume_fails_the_backup_before_anything_is_touched(protect, protection, volumes):
-    """It is the third one. Neither are the scripts of the others run nor their snapshots taken."""
+    """The unmounted volume is the third one. No script is run, and no snapshot of the others is taken."""
     check(protection, protection.run(full=True), "full")
     captures = {name: capture_of(volumes[name]) for name in ("data", "files")}
     third = protect("unmounted")

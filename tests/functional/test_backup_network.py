@@ -1,5 +1,5 @@
-"""Backups of the real daemon while the network between it and the target is cut: briefly, for good, or for
-one connection that somebody on the way has forgotten."""
+"""Backups of the real daemon while the network to the target is cut: briefly, for good, or for one connection
+that a router has forgotten."""
 import contextlib
 import time
 
@@ -7,12 +7,12 @@ from fault_site import LITTLE, RETRYING
 from lab.commands import run
 
 PORT = 3260
-GIVEN_UP_SECONDS = 60 # by the connection, and by a command, that get no answer
+GIVEN_UP_SECONDS = 60 # the time after which a connection, or a command, without an answer is given up
 
 
 @contextlib.contextmanager
 def cut(port, verdict):
-    """What is sent to a port gets no further."""
+    """Drops or rejects packets to a port."""
     run("nft", f"""add table inet cut
         add chain inet cut out {{ type filter hook output priority 0; }}
         add rule inet cut out tcp dport {port} {verdict}""")
@@ -23,12 +23,12 @@ def cut(port, verdict):
 
 
 def end_connections(direction, port):
-    """Both sides get to know, as if a router had sent resets."""
+    """Resets connections at both ends, as a router can do."""
     run("ss", "--kill", "--tcp", "state", "established", f"( {direction} = :{port} )")
 
 
 def own_port(daemon):
-    """Of the daemon's connection to the target."""
+    """The local port of the daemon's connection to the target."""
     lines = run("ss", "--no-header", "--tcp", "--numeric", "--processes", "state", "established",
                 f"( dport = :{PORT} )").splitlines()
     [line] = [line for line in lines if f"pid={daemon.pid}," in line]
@@ -36,13 +36,13 @@ def own_port(daemon):
 
 
 def test_network_away_for_a_moment(one_volume, faults):
-    """Nothing but time is lost: what got lost is sent again."""
+    """The backup only takes longer: lost packets are sent again."""
     site = one_volume
     for kind in ({"full": True}, {}, {"merge": True}):
         with site.in_copy(LITTLE, **kind) as (backup, hold):
             with cut(PORT, "drop"):
                 hold.release()
-                time.sleep(2) # this is how long the network is away
+                time.sleep(2) # the time without a network
                 assert not backup.has_ended
             backup.wait()
         faults.note(f"network away for 2 s, {kind}", site.judge(backup))
@@ -53,8 +53,7 @@ def test_network_away_for_a_moment(one_volume, faults):
 
 
 def test_network_refuses(one_volume, faults):
-    """The connection is reset, and no other one is let through: the backup fails when the retries are used
-    up."""
+    """The connection is reset, and new ones are rejected: the backup fails when the retries are used up."""
     site = one_volume
     with site.in_copy(LITTLE, full=True) as (backup, hold):
         with cut(PORT, "reject with tcp reset"):
@@ -70,7 +69,7 @@ def test_network_refuses(one_volume, faults):
 
 
 def test_network_resets_the_connection(one_volume, faults):
-    """One reset connection costs a second."""
+    """A reset connection costs one second."""
     site = one_volume
     for kind in ({"full": True}, {}):
         with site.in_copy(LITTLE, **kind) as (backup, hold):
@@ -85,7 +84,7 @@ def test_network_resets_the_connection(one_volume, faults):
 
 
 def test_network_forgets_the_connection(one_volume, faults):
-    """Whoever gets no answer gives the connection up after a minute. A new one gets through."""
+    """A connection without an answer is given up after a minute. A new one gets through."""
     site = one_volume
     with site.in_copy(LITTLE, full=True) as (backup, hold):
         forgotten = own_port(site.daemon)
@@ -95,7 +94,7 @@ def test_network_forgets_the_connection(one_volume, faults):
             backup.wait_for_log(RETRYING, 2 * GIVEN_UP_SECONDS)
             seconds = time.monotonic() - begin
             backup.wait()
-        end_connections("dport", forgotten) # the target's end of it, which has nothing to send
+        end_connections("dport", forgotten) # the target's end of the connection, which has nothing to send
     faults.note(f"connection forgotten for {seconds:.0f} s", site.judge(backup))
     assert backup.state == "finished", backup.log
     assert GIVEN_UP_SECONDS - 1 < seconds < GIVEN_UP_SECONDS + 10

@@ -1,5 +1,5 @@
-"""Whole backups of NTFS, whose file system is a process: the snapshot driver stops it while it reads the
-volume, and the agent mounts the snapshot by one more."""
+"""Whole backups of NTFS, which is mounted with a FUSE driver: the snapshot driver stops that process while it
+reads the volume, and the agent mounts the snapshot with another such process."""
 import os
 import random
 import signal
@@ -31,7 +31,8 @@ def protection(protect, volumes):
 
 
 def test_own_files_are_copied_and_the_log_says_so(protection, volumes):
-    """As nobody tells where they lie. All else is as with any file system: nothing else is sent in vain."""
+    """The driver's own files are copied, as their extents can't be determined. As with any file system, no
+    other free block is sent."""
     backup = protection.run(full=True)
     assert backup.state == "finished", backup.log
     protection.verify()
@@ -56,7 +57,7 @@ def change(root, step):
 
 
 def test_chain_of_all_types(protection, volumes):
-    """After each backup the image is what the volume was, and what was sent is what had changed."""
+    """After each backup the image equals the volume, and only changes were sent."""
     with Ledger(protection) as ledger:
         for sent in ledger.run("full", full=True).values():
             sent.check()
@@ -64,20 +65,20 @@ def test_chain_of_all_types(protection, volumes):
             for partition in volumes.values():
                 change(root_of(partition), step)
             for name, sent in ledger.run("incremental").items():
-                assert sent.check().reported < (COW_MIB + 20) * MIB, name
+                assert sent.check().reported_bytes < (COW_MIB + 20) * MIB, name
         for sent in ledger.run("incremental").values():
-            assert sent.check().reported < COW_MIB * MIB + METADATA # the driver's next file
+            assert sent.check().reported_bytes < COW_MIB * MIB + METADATA # the driver's next file
         for partition in volumes.values():
             change(root_of(partition), STEPS)
         for name, sent in ledger.run("differential", merge=True).items():
-            assert sent.reported == size_of_all(sent.extents)
-            assert sent.writes.bytes < sent.reported / 2, name
+            assert sent.reported_bytes == size_of_all(sent.extents)
+            assert sent.writes.bytes < sent.reported_bytes / 2, name
         for sent in ledger.run("incremental").values():
             sent.check()
 
 
 def test_merge_mends_an_image(protection, volumes):
-    """A damage that nobody knows of, in the middle of a file."""
+    """The middle of a file is damaged in the image."""
     with Ledger(protection) as ledger:
         ledger.run("full", full=True)
         for name, partition in volumes.items():
@@ -86,11 +87,11 @@ def test_merge_mends_an_image(protection, volumes):
             with open(protection.images[name].path, "r+b") as image:
                 os.pwrite(image.fileno(), b"damage", begin + length // 2)
         for sent in ledger.run("differential", merge=True).values():
-            assert 0 < sent.writes.bytes < sent.reported
+            assert 0 < sent.writes.bytes < sent.reported_bytes
 
 
 def test_volumes_in_use(protection, volumes):
-    """Each image is that of one moment, whatever is written meanwhile."""
+    """Each image is of one moment, whatever is written meanwhile."""
     with Load(root_of(volumes["windows"]) / "load") as load:
         for kind, expected in (({"full": True}, "full"), ({}, "incremental"),
                                ({"merge": True}, "differential"), ({}, "incremental")):
@@ -120,7 +121,7 @@ def kill(site, hold):
 
 
 def check_restart(site, foreground, faults, where):
-    """At most one backup fails for what the killed one has left."""
+    """Checks that at most one backup fails because of what the killed one has left."""
     state = site.restart_after_kill(foreground())
     faults.note(f"kill -9 {where}; the next backup", state)
     if state != "finished":
@@ -129,7 +130,7 @@ def check_restart(site, foreground, faults, where):
 
 
 def test_kill_while_the_volume_is_held(broken_site, foreground, faults):
-    """It is let go by the one that watches over that, though nobody asks for it any more."""
+    """The guard process releases the volume, though the daemon that started it is dead."""
     server = server_of(broken_site.site["windows"].device)
     with broken_site.held("pidfd_send_signal", 1, behind=True) as (_, hold):
         wait_until(lambda: is_stopped(server), SECONDS, "the volume held")
@@ -149,7 +150,7 @@ def test_cancel_in_the_copy(broken_site, faults):
 
 
 def test_target_is_lost(broken_site, faults):
-    """For less time than the retries last, and for more."""
+    """The target is away first for less time than the retries last, and then for more."""
     site = broken_site
     for comes_back in (True, False):
         with site.in_copy(full=True) as (backup, hold):

@@ -1,4 +1,4 @@
-"""What a backup that has failed owes stays owed, whatever kinds of backup fail after it."""
+"""The changes that a failed backup owes stay owed, whatever kinds of backup fail after it."""
 import pytest
 
 from backup_site import EXT4, VANISHING, fill, root_of, write_script

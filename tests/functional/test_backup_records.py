@@ -1,4 +1,4 @@
-"""What the log tells programs of runs that have ended: a record of each volume, and the codes of reasons."""
+"""The records of ended runs in the log, for programs: one for each volume, with codes of reasons."""
 import json
 import os
 import re
@@ -21,8 +21,8 @@ def protection(protect, volumes):
 
 
 def check(protection, backup, outcome, asked, **types):
-    """Each volume has one record, of this backup and before the end of its run, which says so beside what the
-    status says."""
+    """Checks that each volume has one record, before the end of this backup's run, and that it agrees with
+    the status."""
     found = [json.loads(text) for text in RECORD.findall(backup.log.split("Backup run finished")[0])]
     records = {record["volume"]: record for record in found}
     assert len(found) == len(records) == len(NAMES), backup.log
@@ -44,7 +44,7 @@ def test_records_and_codes_of_what_can_become_of_a_backup(protection):
     check(protection, backup, "success", "FULL")
     assert set(codes(backup)) == {("fallback", "volume-unknown")}
 
-    with open(protection.images[NAMES[0]].path, "r+b") as image: # which is another one then
+    with open(protection.images[NAMES[0]].path, "r+b") as image: # which makes it another image
         byte = os.pread(image.fileno(), 1, 4096)[0]
         os.pwrite(image.fileno(), bytes([byte ^ 1]), 4096)
     backup = protection.run()
@@ -70,7 +70,8 @@ def test_records_and_codes_of_what_can_become_of_a_backup(protection):
 
 
 def test_second_cow_file_that_will_not_fit_is_told_of_at_the_first_backup(protect, volumes):
-    """It comes to pass if nobody sees to it, and what the line says helps."""
+    """The first backup logs a warning. If its advice isn't followed, the second file doesn't fit; if it is,
+    the backup succeeds."""
     protection = protect(NAMES[0])
     protection.set_cow_size(155)
     backup = protection.run(full=True)

@@ -1,4 +1,4 @@
-"""How much room a CoW file of the default size leaves: for one, and not for the second, on a small volume."""
+"""The room that CoW files of the default size need: on a small volume one fits, but not a second one."""
 import re
 
 import pytest
@@ -12,10 +12,10 @@ VOLUMES = (Volume("small", "ext4", SMALL, "/mnt/small"), Volume("roomy", "xfs", 
 
 @pytest.fixture
 def by_default(protect):
-    """by_default(NAME) protects a volume whose CoW files have the size that the agent chooses itself."""
+    """by_default(NAME) protects a volume with CoW files of the agent's default size."""
     def make(name):
         protection = protect(name, poisoned=False)
-        protection.set_cow_size(0, name) # as if there were no key
+        protection.set_cow_size(0, name) # as if the key weren't set
         return protection
     return make
 

@@ -1,4 +1,4 @@
-"""What the appliance sees of a backup while it runs, and afterwards."""
+"""The status that the appliance sees during a backup, and afterwards."""
 import pytest
 
 from backup_site import XFS, root_of, size_of_all
@@ -22,7 +22,7 @@ def lists(appliance):
 
 
 def test_running_backup_tells_how_far_it_is(protection, appliance, target):
-    """The target stands still for a while, so that the backup can be seen half way."""
+    """The target is suspended for a while, so that the backup can be seen half way."""
     backup = protection.start(full=True)
     assert lists(appliance) == {"active": [backup.id], "failed": [], "finished": []}
     seen = []
@@ -48,7 +48,7 @@ def test_running_backup_tells_how_far_it_is(protection, appliance, target):
     totals = {total for state, transferred, total in seen if transferred}
     assert len(totals) == 1
     assert all(state == "active" for state, transferred, _ in seen if 0 < transferred < exact)
-    # The driver's and the agent's own files, and those of no use, are known to be left out.
+    # The driver's and the agent's own files, and other excluded files, don't count in the total.
     assert exact <= totals.pop() < exact + 32 * MIB
     status = backup.status
     assert (status["connection_error"], status["snapshot_error"]) == (False, False)

@@ -1,4 +1,4 @@
-"""Targets of all kinds: several images, an image inside of a disk, large sectors, passwords, wrong ones."""
+"""Targets of all kinds: several images, an image inside a disk, large sectors, passwords, wrong targets."""
 import dataclasses
 
 import pytest
@@ -30,7 +30,7 @@ def test_five_volumes_in_one_backup(protect, volumes):
 
 
 def test_some_of_the_volumes_in_turn(protect, volumes):
-    """A volume that isn't in a backup keeps what it owes to the next one."""
+    """A volume that isn't part of a backup still owes its changes to the next one."""
     protection = protect("data", "files")
     check(protection, protection.run(full=True), "full")
     for seed, names in (("a", ["data"]), ("b", ["files"]), ("c", ["data"])):
@@ -43,7 +43,7 @@ def test_some_of_the_volumes_in_turn(protect, volumes):
 
 
 def test_image_that_begins_inside_of_its_disk(protect, volumes):
-    """Nothing in front of it is touched. The checksum is that of the image's own beginning."""
+    """Nothing before the image is changed. The checksum is that of the image's own beginning."""
     protection = protect("data", "files", offset=3 * MIB)
     check_chain(protection, volumes)
     for image in protection.images.values():
@@ -61,7 +61,7 @@ def test_target_of_another_make(protect, volumes):
 
 
 def test_blocks_smaller_than_a_sector_of_the_target_are_refused(protect, volumes):
-    """They can't be written without a guess at what stands beside them."""
+    """Such a block can't be written without knowing the rest of the sector."""
     fill_some(volumes, ["data"], "a")
     protection = protect("data", block_size=4096)
     backup = protection.run(full=True)
@@ -105,8 +105,8 @@ def test_unknown_target(protection, volumes):
 
 
 def test_disk_that_is_too_small(protection, volumes, target):
-    """The backup fails, with nothing written behind the disk's end, and the one after it to the whole image
-    brings what this one hasn't. It compares everything: the agent can't tell one disk from another."""
+    """The backup fails without writing beyond the disk's end. The next one, to an image of full size, sends
+    what is missing. It compares everything, as the agent can't tell one disk from another."""
     small = target.add_image("small", 64 * MIB)
     backup = protection.run(volumes=protection.request(lun=small.lun), full=True)
     assert backup.state == "failed", backup.log

@@ -1,4 +1,4 @@
-"""Whole backups of volumes where free blocks come into use without a change of what they hold."""
+"""Whole backups of volumes where free blocks come into use without a change of their content."""
 import contextlib
 import dataclasses
 import os
@@ -12,7 +12,7 @@ from lab.site import Site
 from lab.targets import Target
 
 MIB = 1 << 20
-# With room for two CoW files and more.
+# With room for more than two CoW files.
 VOLUMES = tuple(dataclasses.replace(volume, mebibytes=384) for volume in (EXT4, XFS))
 
 
@@ -25,8 +25,8 @@ def protection(agent, appliance):
 
 
 def write_zeros(path, mebibytes):
-    """Each piece is written out before the next, which has XFS reserve ever more room behind the end. The
-    file stays open, for that room to stay."""
+    """Writes zeros piece by piece, with a sync after each, which makes XFS reserve more and more room after
+    the end of the file. The file stays open, so that XFS keeps that room."""
     file = open(path, "wb", buffering=0)
     for _ in range(mebibytes):
         file.write(bytes(MIB))
@@ -35,7 +35,7 @@ def write_zeros(path, mebibytes):
 
 
 def test_incremental_brings_what_came_into_use(protection):
-    """The FULL has left out the free blocks, and the image holds there what it held before."""
+    """The FULL left out the free blocks, so the image still holds its old content there."""
     backup = protection.run(full=True)
     assert backup.state == "finished", backup.log
     with contextlib.ExitStack() as open_files:

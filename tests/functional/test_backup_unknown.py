@@ -1,5 +1,6 @@
-"""Backups of volumes that are of no kind whose used blocks are known: they fail, by a line that names the
-volume, and with it the whole request. What becomes of the others in it depends on their turn."""
+"""Backups of volumes whose used blocks can't be determined, as their kind is unknown: they fail, with a log
+line that names the volume, and the whole request fails. The result for the other volumes depends on their
+order."""
 import dataclasses
 import re
 
@@ -8,7 +9,7 @@ import pytest
 from backup_site import EXT4, device_of, fill, root_of
 from lab.volumes import Volume
 
-SMALL = dataclasses.replace(EXT4, mebibytes=448) # with room for the files of a backup that has failed
+SMALL = dataclasses.replace(EXT4, mebibytes=448) # with room for the files of a failed backup
 VOLUMES = (
     SMALL,
     Volume("fat16", "vfat", mebibytes=300, mount_point="/mnt/fat16", making=("-F", "16", "-s", "16")),
@@ -28,8 +29,8 @@ def protection(protect, volumes):
 
 
 def run_in_turn(protection, *names):
-    """Volumes have their turns in the reverse order of the request. Returns the backup, and those that were
-    begun."""
+    """Runs a backup of these volumes, which are processed in the reverse order of the request. Returns the
+    backup, and the volumes that were started."""
     backup = protection.run(*reversed(names), full=True)
     begun = TURN.findall(backup.log)
     assert begun == [protection.partitions[name].uuid for name in names][:len(begun)]
@@ -75,7 +76,7 @@ def test_image_of_it_is_not_written(protection):
 
 
 def test_other_volume_is_tracked_on(protection, volumes):
-    """What it owes to its image comes with its next backup."""
+    """The next backup of the volume sends what it owes to its image."""
     check_next(protection, "full")
     run_in_turn(protection, "fat16", DATA)
     assert device_of(volumes[DATA])["state"] == 2
@@ -90,6 +91,6 @@ def test_unmounted_one_fails_for_that(protection, volumes):
 
 
 def test_empty_partition_is_no_volume(protection, volumes, appliance):
-    """It has no UUID to be asked for by; that of its place in the partition table is none of a volume."""
+    """The partition has no UUID of a volume, and its own UUID isn't accepted as one."""
     listed = appliance.host().content["volumes"]
     assert volumes["empty"].device not in {volume["device"] for volume in listed}

@@ -1,4 +1,4 @@
-"""bekctl, which looks at an agent: what it shows of each state, and that the agent never notices."""
+"""bekctl, which examines an agent: its output for each state, and that the agent isn't affected."""
 import json
 import os
 import pathlib
@@ -11,7 +11,7 @@ import subprocess
 import pytest
 
 from backup_site import EXT4, XFS, fill_some
-from bekctl import UNUSABLE, UNWELL, run_bekctl, shown, told
+from bekctl import UNUSABLE, UNWELL, json_of, output_of, run_bekctl
 from lab.appliance_client import DEVICE
 from lab.commands import run
 from lab.daemon import CERTIFICATES, DATABASE, LOGS, PID_FILE, ROOT, program, stored_log
@@ -26,7 +26,7 @@ def test_help_and_version_need_no_root():
     for arguments in ("--help",), ("--version",), *((command, "--help") for command in COMMANDS):
         done = run_bekctl(*arguments, user=65534)
         assert (done.returncode, done.stderr) == (0, ""), done
-    assert shown("--version") == "bekctl 2.1.23.0\n"
+    assert output_of("--version") == "bekctl 2.1.23.0\n"
 
 
 def test_whoever_is_not_root_is_told():
@@ -38,40 +38,42 @@ def test_whoever_is_not_root_is_told():
 def test_wrong_commands():
     for arguments in (), ("nonsense",), ("status", "--nonsense"), ("status", "volumes"):
         assert run_bekctl(*arguments).returncode == UNUSABLE, arguments
+    assert run_bekctl("nonsense").stderr.startswith("there is no command nonsense\n")
+    assert run_bekctl("log", "--lines", "-1").stderr.startswith("--lines: is negative: -1\n")
 
 
 def test_no_agent():
-    status = told("status", status=UNWELL)
+    status = json_of("status", status=UNWELL)
     assert status["agent"]["running"] is False
     assert status["agent"]["port"]["state"] == "closed"
-    assert "does not run" in shown("status", status=UNWELL)
+    assert "does not run" in output_of("status", status=UNWELL)
 
 
 def test_agent_in_the_background(background):
     daemon = background()
-    agent = told("status")["agent"]
+    agent = json_of("status")["agent"]
     assert (agent["running"], agent["pid"], agent["foreground"]) == (True, daemon.pid, False)
     assert (agent["port"]["state"], agent["port"]["ownerPid"]) == ("answers", daemon.pid)
     assert agent["programReplaced"] is False
-    assert f"runs, process {daemon.pid} since " in shown("status")
+    assert f"runs, process {daemon.pid} since " in output_of("status")
 
 
 def test_agent_in_the_foreground(agent):
-    status = told("status")["agent"]
+    status = json_of("status")["agent"]
     assert (status["running"], status["pid"], status["foreground"]) == (True, agent.pid, True)
 
 
 def test_number_that_nobody_has_locked(background):
-    """The PID file stays after a stop; so it does after a kill, and the number may be anybody's by then."""
+    """The PID file stays after a stop or a kill, and later any process may have that PID."""
     background().stop()
     assert PID_FILE.exists()
     PID_FILE.write_text(str(os.getpid()))
-    assert told("status", status=UNWELL)["agent"]["running"] is False
+    assert json_of("status", status=UNWELL)["agent"]["running"] is False
 
 
 def test_foreign_program_at_the_port(site):
     with socket.create_server(("0.0.0.0", 25567)):
-        port = told("status", status=UNWELL)["agent"]["port"]
+        port = json_of("status", status=UNWELL)["agent"]["port"]
         assert (port["state"], port["ownerPid"]) == ("foreign", os.getpid())
 
 
@@ -79,7 +81,7 @@ def test_agent_that_does_not_answer(background):
     daemon = background()
     daemon.send(signal.SIGSTOP)
     try:
-        port = told("status", status=UNWELL)["agent"]["port"]
+        port = json_of("status", status=UNWELL)["agent"]["port"]
     finally:
         daemon.send(signal.SIGCONT)
     assert (port["state"], port["problem"]) == ("silent", "no answer within 3 seconds")
@@ -88,26 +90,26 @@ def test_agent_that_does_not_answer(background):
 def test_certificate_that_was_replaced_on_disk(background, site_authority):
     background()
     (CERTIFICATES / "server.pem").write_bytes(pathlib.Path(site_authority.certificate).read_bytes())
-    assert told("status", status=UNWELL)["agent"]["port"]["state"] == "stranger"
+    assert json_of("status", status=UNWELL)["agent"]["port"]["state"] == "stranger"
 
 
 def test_looking_leaves_nothing_in_the_log(background):
-    """Nor does it keep the agent from starting: the lock is looked at and never taken."""
+    """bekctl doesn't prevent the agent from starting either: it only tests the lock, and never takes it."""
     background()
     before = stored_log()
     for _ in range(20):
-        told("status")
+        json_of("status")
     assert stored_log() == before
 
 
 def test_pairing(agent, connect_appliance):
-    assert told("pairing", status=UNWELL)["paired"] is False
-    assert shown("pairing", status=UNWELL) == "Not paired: no appliance can order a backup.\n"
+    assert json_of("pairing", status=UNWELL)["paired"] is False
+    assert output_of("pairing", status=UNWELL) == "Not paired: no appliance can order a backup.\n"
     assert connect_appliance().pair(DEVICE).status == 200
-    pairing = told("pairing")
+    pairing = json_of("pairing")
     assert (pairing["paired"], pairing["deviceId"], pairing["address"]) == (True, DEVICE, "127.0.0.1")
-    assert shown("pairing") == f"Paired with device {DEVICE} at 127.0.0.1.\n"
-    assert told("status")["pairing"]["deviceId"] == DEVICE
+    assert output_of("pairing") == f"Paired with device {DEVICE} at 127.0.0.1.\n"
+    assert json_of("status")["pairing"]["deviceId"] == DEVICE
 
 
 def test_database_that_is_none(site):
@@ -120,7 +122,7 @@ def test_database_that_is_none(site):
 
 
 def test_write_that_was_cut_off(agent, connect_appliance):
-    """What SQLite would put right first isn't taken for the truth."""
+    """An interrupted write that SQLite would first roll back isn't shown as the truth."""
     assert connect_appliance().pair(DEVICE).status == 200
     journal = pathlib.Path(f"{DATABASE}-journal")
     journal.write_bytes(b"\xd9\xd5\x05\xf9\x20\xa1\x63\xd7" + bytes(504))
@@ -133,7 +135,7 @@ def test_write_that_was_cut_off(agent, connect_appliance):
 
 
 def test_certificates(site):
-    found = told("certificates")
+    found = json_of("certificates")
     own, authority = found["certificates"]
     assert (own["name"], authority["name"]) == ("agent", "authority")
     assert (found["keyBelongsToCertificate"], found["certificateIsFromAuthority"]) == (True, True)
@@ -144,19 +146,19 @@ def test_certificates(site):
 
 
 def test_certificates_that_do_not_belong_together(site, site_device):
-    """A key of somebody else."""
+    """The key belongs to another certificate."""
     (CERTIFICATES / "server.key").write_bytes(pathlib.Path(site_device(DEVICE).key).read_bytes())
-    found = told("certificates", status=UNWELL)
+    found = json_of("certificates", status=UNWELL)
     assert (found["keyBelongsToCertificate"], found["certificateIsFromAuthority"]) == (False, True)
 
 
 @pytest.mark.bare_site
 def test_no_certificates(site):
-    assert "server.pem can't be read" in shown("certificates", status=UNWELL)
+    assert "server.pem can't be read" in output_of("certificates", status=UNWELL)
 
 
 def test_no_udisks(site):
-    """Before the tests whose volumes it shows."""
+    """This test comes before those that start udisks."""
     done = run_bekctl("volumes")
     assert (done.returncode, done.stdout) == (UNUSABLE, "")
     assert "Cannot initialize udisks client" in done.stderr
@@ -164,7 +166,7 @@ def test_no_udisks(site):
 
 def test_volumes(volume_site):
     found = {volume["mountPoints"][0] if volume["mountPoints"] else volume["label"]: volume
-             for volume in told("volumes")["volumes"]}
+             for volume in json_of("volumes")["volumes"]}
     data, files = found[EXT4.mount_point], found[XFS.mount_point]
     assert (data["fileSystem"], files["fileSystem"]) == ("ext4", "xfs")
     for name, volume in ("data", data), ("files", files):
@@ -174,16 +176,16 @@ def test_volumes(volume_site):
         assert (volume["canBeBackedUp"], volume["obstacle"], volume["driver"]) == (True, None, None)
         assert volume["usedBytes"] == (status.f_blocks - status.f_bfree) * status.f_frsize
         assert volume["room"]["freeBytes"] == status.f_bfree * status.f_bsize
-        assert volume["room"]["cowFileBytes"] == volume["sizeBytes"] // 2 # of so small a volume
+        assert volume["room"]["cowFileBytes"] == volume["sizeBytes"] // 2 # half of so small a volume
         assert volume["room"]["neededBytes"] == volume["sizeBytes"] // 2 + 8 + volume["sizeBytes"] // 512
     assert (found["spare"]["obstacle"], found["<swap>"]["obstacle"]) == ("not mounted", "swap space")
-    table = shown("volumes")
+    table = output_of("volumes")
     assert f"{volume_site.disk['data'].device}, UUID {volume_site.disk['data'].uuid}" in table
 
 
 def volume_of(partition):
-    """What is told of it."""
-    return next(volume for volume in told("volumes")["volumes"] if volume["device"] == partition.device)
+    """The entry of a volume in bekctl's output."""
+    return next(volume for volume in json_of("volumes")["volumes"] if volume["device"] == partition.device)
 
 
 def test_volume_that_is_read_only(volume_site):
@@ -203,12 +205,12 @@ def test_state_of_the_driver(protect, volumes):
     volume = volume_of(volumes["data"])
     assert (volume["driver"]["state"], volume["driver"]["error"]) == ("tracked", 0)
     assert volume["room"]["cowFileBytes"] == 100 << 20
-    driver = told("status")["driver"]
+    driver = json_of("status")["driver"]
     assert (driver["kind"], driver["version"]) == ("stand-in", "0.10.0")
 
 
 def test_backup_does_not_notice_who_looks(protect, volumes):
-    """The agent doesn't wait for a lock of its database: a reader that took one would make it fail."""
+    """The agent doesn't wait for a lock of its database: if a reader took one, the backup would fail."""
     protection = protect()
     loop = f"while :; do {program('bekctl')} status --json; {program('bekctl')} pairing; done"
     looking = [subprocess.Popen(["sh", "-c", loop], stdout=subprocess.DEVNULL, stderr=subprocess.PIPE,
@@ -229,7 +231,7 @@ def test_backup_does_not_notice_who_looks(protect, volumes):
 
 
 def on_terminal(*arguments, environment=None):
-    """What a terminal of 80 columns gets."""
+    """The output on a terminal of 80 columns."""
     own, other = pty.openpty()
     with os.fdopen(own, "rb", buffering=0) as reader:
         with os.fdopen(other, "wb", buffering=0) as writer:
@@ -240,7 +242,7 @@ def on_terminal(*arguments, environment=None):
         while True:
             try:
                 piece = reader.read(65536)
-            except OSError: # the other end is closed
+            except OSError: # the other end has been closed
                 return b"".join(pieces).decode()
             if not piece:
                 return b"".join(pieces).decode()
@@ -252,7 +254,7 @@ def test_colours_are_for_terminals_only(volume_site):
     assert "\x1b[" not in on_terminal("volumes", "--no-color")
     assert "\x1b[" not in on_terminal("volumes", environment={"NO_COLOR": "1"})
     assert "\x1b[" not in on_terminal("volumes", "--json")
-    assert "\x1b[" not in shown("volumes")
+    assert "\x1b[" not in output_of("volumes")
 
 
 def test_lines_fit_a_terminal(volume_site):
@@ -261,15 +263,15 @@ def test_lines_fit_a_terminal(volume_site):
 
 
 def documented(title):
-    """The keys of an object, as the page has them."""
+    """The keys of an object, according to the manual page."""
     row = next(line for line in PAGE.splitlines() if line.startswith(f"| {title} |"))
     return set(re.findall(r"`(\w+)`", re.sub(r"\([^)]*\)", "", row.split("|")[2])))
 
 
 def test_keys_are_those_of_the_page(protect, volumes):
     assert protect("data").run(full=True).state == "finished"
-    status, found, backups = told("status"), told("volumes"), told("backups")
-    certificates, reasons = told("certificates"), told("reasons")
+    status, found, backups = json_of("status"), json_of("volumes"), json_of("backups")
+    certificates, reasons = json_of("certificates"), json_of("reasons")
     check = json.loads(run_bekctl("check", "--json").stdout)
     volume = next(volume for volume in found["volumes"] if volume["driver"])
     for title, document in (
@@ -277,7 +279,7 @@ def test_keys_are_those_of_the_page(protect, volumes):
             ("`status` `agent` `port`", status["agent"]["port"]), ("`status` `pairing`", status["pairing"]),
             ("`status` `driver`", status["driver"]), ("`volumes`", found), ("a volume", volume),
             ("a volume's `driver`", volume["driver"]), ("a volume's `room`", volume["room"]),
-            ("`backups`", backups), ("a backup", backups["backups"][0]), ("`pairing`", told("pairing")),
+            ("`backups`", backups), ("a backup", backups["backups"][0]), ("`pairing`", json_of("pairing")),
             ("`certificates`", certificates), ("a certificate", certificates["certificates"][0]),
             ("`check`", check), ("a check", check["checks"][0]), ("`reasons`", reasons),
             ("a reason", reasons["reasons"][0])):
@@ -287,17 +289,17 @@ def test_keys_are_those_of_the_page(protect, volumes):
 
 
 def test_backups_and_their_reasons(protect, volumes):
-    """From what the agent has logged of them."""
-    nothing = told("backups")
+    """The backups and their reasons come from the agent's log."""
+    nothing = json_of("backups")
     assert (nothing["backups"], nothing["runningSince"]) == ([], None)
-    assert "The log tells of no backup." in shown("backups")
+    assert "The log tells of no backup." in output_of("backups")
     protection = protect("data", "files")
     for kind, asked, became in (({}, "INCREMENTAL", "FULL"), ({"merge": True}, "DIFFERENTIAL MERGE",
                                                               "DIFFERENTIAL MERGE"),
                                 ({}, "INCREMENTAL", "INCREMENTAL")):
         backup = protection.run(**kind)
         assert backup.state == "finished", backup.log
-        records = {record["volume"]: record for record in told("backups")["backups"]}
+        records = {record["volume"]: record for record in json_of("backups")["backups"]}
         assert set(records) == {partition.uuid for partition in protection.partitions.values()}
         for name, partition in protection.partitions.items():
             record = records[partition.uuid]
@@ -305,11 +307,11 @@ def test_backups_and_their_reasons(protect, volumes):
             assert (record["backup"], record["copiedBytes"]) == (backup.id, backup.bytes(name))
             codes = {reason["code"] for reason in record["reasons"]}
             assert ("volume-unknown" in codes) == (asked != became), record
-    assert told("backups")["volumesWithoutRecord"] == []
+    assert json_of("backups")["volumesWithoutRecord"] == []
     for path in LOGS.glob("bek_*.log"):
         path.unlink()
-    assert len(told("backups")["volumesWithoutRecord"]) == 2
-    assert "the log doesn't go back so far" in shown("backups")
+    assert len(json_of("backups")["volumesWithoutRecord"]) == 2
+    assert "the log doesn't go back so far" in output_of("backups")
 
 
 def test_backup_that_fails_and_one_that_runs(protect, volumes):
@@ -318,10 +320,10 @@ def test_backup_that_fails_and_one_that_runs(protect, volumes):
         place = f"127.0.0.1:{server.getsockname()[1]}"
     backup = protection.start(volumes=protection.request("data", target=place), full=True)
     backup.wait_for_log("Try: 1")
-    assert told("status")["backupRunningSince"] is not None
+    assert json_of("status")["backupRunningSince"] is not None
     assert backup.wait().state != "finished"
-    assert told("status")["backupRunningSince"] is None
-    record = told("backups")["backups"][0]
+    assert json_of("status")["backupRunningSince"] is None
+    record = json_of("backups")["backups"][0]
     assert record["outcome"] == "failed"
     assert {"target-refused", "target-unreachable"} & {reason["code"] for reason in record["reasons"]}
 

@@ -1,4 +1,4 @@
-"""bekctl check: each look is seen to find what it looks for, and to find nothing where nothing is."""
+"""bekctl check: each check must find what it looks for, and report nothing if there is nothing to report."""
 import json
 import os
 import pathlib
@@ -9,7 +9,7 @@ import time
 import pytest
 
 from backup_site import EXT4, XFS, device_of, fill_some
-from bekctl import UNUSABLE, UNWELL, WELL, run_bekctl, shown, told
+from bekctl import UNUSABLE, UNWELL, WELL, json_of, output_of, run_bekctl
 from lab import certificates
 from lab.appliance_client import DEVICE
 from lab.commands import run
@@ -21,7 +21,7 @@ VOLUMES = (ROOMY, XFS)
 
 
 class Report:
-    """One call of bekctl check."""
+    """One run of bekctl check."""
 
     def __init__(self, *arguments):
         done = run_bekctl("check", "--json", *arguments)
@@ -53,7 +53,7 @@ def test_no_agent_at_all(site):
 
 
 def test_no_services(site):
-    """Before the tests whose services it would meet."""
+    """This test comes before those that start the services."""
     report = Report()
     assert report.verdict("bus") == "failure"
     assert report.verdict("volume") == "failure"
@@ -138,7 +138,7 @@ def test_target(site):
 
 
 def test_target_that_the_log_names(protect, volumes):
-    """The portal of the last login that failed."""
+    """The target is that of the last failed login."""
     protection = protect("data")
     with socket.create_server(("127.0.0.1", 0)) as server:
         place = f"127.0.0.1:{server.getsockname()[1]}"
@@ -164,12 +164,13 @@ def test_driver(volume_site, agent):
 
 
 def test_all_is_well_and_what_then_goes_wrong(protect, volumes):
+    """Where the check reports a failure, the next backup fails for the same reason."""
     protection = protect("data")
     fill_some(volumes, protection.partitions, "a")
     assert protection.run(full=True).state == "finished"
     uuid = volumes["data"].uuid
-    report = Report("--target", protection.images["data"].place()["target"])
-    assert report.failed() == set(), shown("check", status=UNWELL)
+    report = Report("--target", protection.images["data"].request_keys()["target"])
+    assert report.failed() == set(), output_of("check", status=UNWELL)
     for name in "volume", "tracking", "history", "reload-script", "room":
         assert report.verdict(name, uuid) == "ok", name
 
@@ -197,7 +198,7 @@ def test_all_is_well_and_what_then_goes_wrong(protect, volumes):
 
 
 def test_second_backup_of_a_small_volume(protect, volumes):
-    """By default two CoW files don't fit. With what is recommended, backup after backup finds room."""
+    """Two CoW files of the default size don't fit. With the recommended size, all backups find room."""
     protection = protect("data")
     key = f"volumes.{volumes['data'].uuid}.cowFileSizeMiB"
     protection.set_cow_size(320, "data")
@@ -228,9 +229,9 @@ def test_volume_that_is_not_mounted_any_more(protect, volumes):
 
 
 def wait_until_unmounted(partition):
-    """udisks2 notices in its own time."""
+    """Waits until udisks2 has noticed, which takes a moment."""
     deadline = time.monotonic() + 20
-    while any(volume["mountPoints"] for volume in told("volumes")["volumes"]
+    while any(volume["mountPoints"] for volume in json_of("volumes")["volumes"]
               if volume["uuid"] == partition.uuid):
         assert time.monotonic() < deadline
         time.sleep(0.1)

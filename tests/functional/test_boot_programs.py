@@ -1,5 +1,5 @@
-"""The programs that bekd's units run when a machine starts, each called as the unit calls it. The driver is a
-file that shows devices, and reload scripts that write it."""
+"""The programs that bekd's units run at boot, each called as the unit calls it. The driver is simulated by a
+status file, and by reload scripts that write to it."""
 import fcntl
 import json
 import os
@@ -20,7 +20,7 @@ SECONDS = 30
 
 
 def call(name, *arguments, **environment):
-    """The program as root calls it; what it says is in `stdout`, in the order of the lines."""
+    """Calls the program as root; both output streams are in `stdout`, in order."""
     return subprocess.run([PROGRAMS / name, *arguments], env={**os.environ, **environment}, text=True,
                           stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
                           check=False, timeout=SECONDS)
@@ -32,13 +32,13 @@ def device(minor, error=0):
 
 
 def show(*devices, indent=4):
-    """What the driver tells of itself."""
+    """Writes the driver's status."""
     STATUS.parent.mkdir(exist_ok=True)
     STATUS.write_text(json.dumps({"version": "1.0", "devices": devices}, indent=indent), encoding="utf-8")
 
 
 def script(minor, lines="", uuid=UUIDS[0], mode=0o700):
-    """A reload script whose driver does what `lines` say; its last line isn't reached."""
+    """Writes a reload script that runs `lines` and exits, before its call of the driver's tool."""
     path = BASE / f"reload_{minor}"
     path.write_text(f"#!/bin/sh\n{lines}\nexit 0\n"
                     f"/usr/bin/tolvuctl reload-incremental /dev/disk/by-uuid/{uuid} /.tolvu {minor}\n",
@@ -48,13 +48,13 @@ def script(minor, lines="", uuid=UUIDS[0], mode=0o700):
 
 
 def giving(*devices):
-    """Lines after which the driver has these devices."""
+    """Script lines that give these devices to the driver."""
     return f"echo '{json.dumps({'version': '1.0', 'devices': devices})}' >{STATUS}"
 
 
 @pytest.fixture(autouse=True)
 def empty_site():
-    """No script of others, and a driver without devices."""
+    """Removes other scripts; the driver has no devices."""
     BASE.mkdir(parents=True, exist_ok=True)
     BASE.chmod(0o755)
     for path in BASE.glob("reload_*"):
@@ -170,7 +170,8 @@ def test_before_mounts_only_a_driver_in_the_kernel_is_asked(tmp_path):
 
 
 def test_a_driver_in_the_kernel_gets_it_before_mounts():
-    """In the place of /proc there is what such a driver shows there. What it refuses is left for later."""
+    """/proc is replaced by a directory with the files that such a driver shows there. Devices that it refuses
+    are left for later."""
     pathlib.Path("/dev/disk/by-uuid").mkdir(parents=True, exist_ok=True)
     pathlib.Path("/dev/disk/by-uuid", UUIDS[0]).touch()
     script(0, giving(device(0)).replace(str(STATUS), "/proc/tolvu-info"))

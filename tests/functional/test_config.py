@@ -1,4 +1,4 @@
-"""What the daemon makes of config.json."""
+"""How the daemon handles config.json."""
 import json
 
 import pytest
@@ -48,7 +48,7 @@ def write_config(content):
 @pytest.mark.parametrize("content", UNREADABLE.values(), ids=UNREADABLE.keys())
 @pytest.mark.parametrize("is_foreground", [True, False])
 def test_file_that_does_not_parse(fail_to_start, content, is_foreground):
-    """The start fails with the name of the file, which stays as it is for its owner to mend."""
+    """The start fails with the name of the file, which isn't changed, so that its owner can correct it."""
     write_config(content)
     daemon = fail_to_start(foreground=is_foreground)
     assert str(CONFIG) in daemon.errors
@@ -56,7 +56,7 @@ def test_file_that_does_not_parse(fail_to_start, content, is_foreground):
 
 
 def test_directory_in_place_of_the_file(fail_to_start):
-    """It isn't mistaken for a file that is missing, nor for one whose text is wrong."""
+    """The directory isn't mistaken for a missing file, nor for a file with a wrong text."""
     CONFIG.mkdir(parents=True)
     daemon = fail_to_start()
     assert f'"{CONFIG}": it can\'t be read' in daemon.errors
@@ -64,7 +64,7 @@ def test_directory_in_place_of_the_file(fail_to_start):
 
 @pytest.mark.parametrize("key, value", WRONG)
 def test_wrong_value_is_reported(foreground, key, value):
-    """One line at level error in the log; the agent runs, and the file isn't changed."""
+    """The log gets one line at level error; the agent runs, and the file isn't changed."""
     content = json.dumps({"holepunch.enabled": True, key: value}).encode()
     write_config(content)
     daemon = foreground()
@@ -77,7 +77,7 @@ def test_wrong_value_is_reported(foreground, key, value):
 
 @pytest.mark.parametrize("content", HARMLESS.values(), ids=HARMLESS.keys())
 def test_harmless_file_stays_as_it_is(foreground, content):
-    """No complaint, and no key is taken away or added, known or not."""
+    """No error is logged, and no key is removed or added, known or unknown."""
     write_config(content)
     daemon = foreground()
     assert "configuration" not in daemon.output
@@ -86,7 +86,7 @@ def test_harmless_file_stays_as_it_is(foreground, content):
 
 
 def test_missing_file_is_not_made(foreground):
-    """Without the file every option has its default, and a default is never written."""
+    """Without the file every option has its default, and defaults are never written."""
     daemon = foreground()
     assert daemon.stop() == 0
     assert not CONFIG.exists()

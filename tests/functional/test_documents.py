@@ -1,4 +1,4 @@
-"""What the documents name is there: files of the tree, programs, their commands and options."""
+"""Everything that the documents name exists: files of the tree, programs, their commands and options."""
 import re
 
 import pytest
@@ -8,19 +8,19 @@ from lab.daemon import ROOT
 DOCUMENTS = sorted(path for pattern in ("*.md", "docs/**/*.md", "lab/*.md", "platform/*/*.md", "tests/*/*.md")
                    for path in ROOT.glob(pattern))
 MANUALS = ROOT / "packaging" / "man"
-# Beside the page, or of the tree.
+# Paths are relative to the page, or to the tree.
 PLACES = "scripts lab docs tests bench platform tools packaging src debian cmake".split()
 
 FENCE = re.compile(r"^```.*?^```$", re.MULTILINE | re.DOTALL)
 CODE = re.compile(r"`([^`\n]+)`")
 PATH = re.compile(rf"(?<![\w/.<~-])((?:{'|'.join(PLACES)})/[\w./*{{}},-]*[\w*}}/])(?![\w….])")
 CALL = re.compile(r"(bekctl|tolvuctl|zephaned|bek-usedmap)((?: [\w.=/:-]+)*)")
-# Where these stand a user has put a word of his own.
+# Placeholders, for which a user puts a word of his own.
 OWN_WORDS = re.compile(r"X|KIND|NAME|PRESET|COMMAND")
 
 
 def code_of(path):
-    """The pieces of a page that are commands, or names in code."""
+    """The parts of a page that are commands, or names in code."""
     text = path.read_text(encoding="utf-8")
     fences = [line for fence in FENCE.findall(text) for line in fence.splitlines()[1:-1]]
     return [*fences, *CODE.findall(FENCE.sub("", text))]
@@ -31,7 +31,7 @@ def paths_in(pieces):
 
 
 def stated(program):
-    """The commands and the options in a program's manual page."""
+    """The commands and options in a program's manual page."""
     text = (MANUALS / f"{program}.8.scd").read_text(encoding="utf-8")
     terms = re.findall(r"^\*.*$", text, re.MULTILINE)
     commands = {term.split("*")[1].split()[0] for term in terms if term[1].islower()}
@@ -39,7 +39,7 @@ def stated(program):
 
 
 def is_wrong(program, words):
-    """A first word that is no command, though the program has some, or an option that it doesn't have."""
+    """Whether the first word is no command, though the program has commands, or an option doesn't exist."""
     commands, options = stated(program)
     if commands and words and words[0].isalpha() and words[0].islower() and words[0] not in commands:
         return True
@@ -61,7 +61,7 @@ def test_what_a_page_names(path):
 
 
 def test_that_something_is_looked_at():
-    """A page that names what isn't there is found out."""
+    """A page that names something that doesn't exist is found."""
     pieces = ["scripts/build release", "lab/no-such-thing --x", "tolvuctl list", "tolvuctl lisst",
               "zephaned --chek", "bek-usedmap --json FILE"]
     assert paths_in(pieces) == {"scripts/build", "lab/no-such-thing"}

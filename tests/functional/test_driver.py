@@ -1,4 +1,4 @@
-"""Where the daemon looks for the snapshot driver, which depends on the library that it finds at its start."""
+"""Where the daemon looks for the snapshot driver; that depends on the library that it loads at its start."""
 import pathlib
 
 import pytest
@@ -11,21 +11,21 @@ MODULES = pathlib.Path("/sys/module")
 
 @pytest.fixture
 def agent(foreground):
-    """A daemon for which the library of the kernel's driver has been installed in place of the stand-in."""
+    """A daemon with the library of the kernel's driver installed in place of the stand-in."""
     library = program("kernel-driver")
     assert (library / "libtolvubd.so").exists()
     return foreground(environment={"LD_LIBRARY_PATH": str(library)})
 
 
 def backup(appliance):
-    """Status and text of the answer."""
+    """The status and text of the answer to a backup request."""
     status, _, text = appliance.backup([volume("one", target="127.0.0.1:3260", name="iqn.2026-01.example:one",
                                                lun=1)])
     return status, text
 
 
 def test_kernel_without_the_driver(driver, agent, appliance):
-    """What the stand-in would show is of no interest."""
+    """The status files of the stand-in are ignored."""
     assert appliance.driver().content == {"driverStatus": "Not Available"}
     assert backup(appliance) == (
         500, "Could not open driver version file. tolvubd is not present on your system!")

@@ -30,8 +30,8 @@ def pair(authority, number):
 
 @pytest.mark.parametrize("is_foreground", [True, False])
 def test_first_and_second_start(make_daemon, service_authority, service_identity, is_foreground):
-    """The service is asked once for each of the two certificates. An appliance trusts the agent by the one,
-    and can pair; the second start needs no service."""
+    """The service gets one request for each of the two certificates. An appliance trusts the agent's
+    certificate, and can pair; the second start needs no service."""
     with CertificateService(service_authority, identity=service_identity) as service:
         daemon = make_daemon(foreground=is_foreground).wait_until_ready()
         assert [json.loads(body)["action"] for _, body in service.requests] == ["issueCert", "retrieveCaCert"]
@@ -47,7 +47,8 @@ def test_first_and_second_start(make_daemon, service_authority, service_identity
 
 @pytest.mark.parametrize("is_foreground", [True, False])
 def test_service_down(run_to_end, service_authority, is_foreground):
-    """No certificates, no agent: it ends before it goes into the background, and leaves no file of them."""
+    """Without certificates the agent doesn't start: it ends before it goes into the background, and leaves no
+    certificate files."""
     daemon = run_to_end(foreground=is_foreground)
     daemon.expect_errors("Unhandled Exception reached the top of main: .*")
     assert daemon.status == 2
@@ -62,7 +63,7 @@ def test_service_down(run_to_end, service_authority, is_foreground):
 
 
 def test_service_that_refuses(run_to_end, make_daemon, service_authority, service_identity):
-    """What goes wrong at the first start is made good by the next one."""
+    """The first start fails; the next one succeeds."""
     with CertificateService(service_authority, identity=service_identity, fault="no-authority"):
         daemon = run_to_end()
     daemon.expect_errors("Unhandled Exception reached the top of main: .*")

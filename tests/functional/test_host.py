@@ -1,4 +1,4 @@
-"""GET /basichost and GET /host of the real daemon, against what the machine's own tools say."""
+"""GET /basichost and GET /host of the real daemon, compared with the output of the machine's own tools."""
 import os
 import pathlib
 import platform
@@ -19,13 +19,13 @@ TEXT, JSON = "text/plain", "application/json"
 
 
 def os_version():
-    """As a shell reads it."""
+    """The OS version, as a shell reads it from os-release."""
     return subprocess.run(["sh", "-c", '. /etc/os-release; echo "$NAME $VERSION"'], capture_output=True,
                           text=True, check=True).stdout.strip()
 
 
 def kernel_version(release):
-    """Its numbers, of which a kernel of somebody's own may have two."""
+    """The numbers of a kernel release; a custom kernel may have only two."""
     numbers = re.match(r"(\d+)\.(\d+)(?:\.(\d+))?", release).groups("0")
     return dict(zip(("major", "minor", "build"), map(int, numbers)))
 
@@ -101,7 +101,7 @@ def test_swap_space(appliance, lab_site):
 
 
 def test_full_volume(appliance, lab_site):
-    """What is free for the superuser counts; the rest of the answer comes as ever."""
+    """Free space is that of the superuser; the rest of the answer is as usual."""
     before = volume_of(appliance, lab_site.disk["data"])
     filler = pathlib.Path("/mnt/data/filler")
     try:
@@ -116,7 +116,7 @@ def test_full_volume(appliance, lab_site):
 
 
 def test_mount_point_that_is_no_text(appliance, lab_site):
-    """One byte that no UTF-8 has costs that character, not the answer."""
+    """A byte that is invalid in UTF-8 is replaced; the rest of the answer stays."""
     path = os.fsdecode(b"/mnt/B\xfcro")
     with lab_site.disk["spare"].mounted(path):
         wait_until(lambda: volume_of(appliance, lab_site.disk["spare"])["mountpoints"] == ["/mnt/B\ufffdro"],
@@ -124,7 +124,7 @@ def test_mount_point_that_is_no_text(appliance, lab_site):
 
 
 def test_host_name_that_cannot_be_had(foreground, connect_appliance, lab_site):
-    """The kernel is kept from telling it; the kernel's version and architecture come from the same call."""
+    """uname() fails, which would return the host name, the kernel's version and the architecture."""
     daemon = foreground(wrapper=["strace", "-D", "-f", "-qq", "-o", "/dev/null", "-e", "trace=uname",
                                  "-e", "inject=uname:error=EPERM"])
     appliance = connect_appliance()
@@ -142,7 +142,8 @@ def test_host_name_that_cannot_be_had(foreground, connect_appliance, lab_site):
 
 
 def test_kernel_release_of_two_numbers(foreground, connect_appliance, lab_site):
-    """uname is made to tell such a release, which stands behind two names of 65 bytes each."""
+    """uname() returns a release of two numbers; the two names before it in the structure have 65 bytes
+    each."""
     release = "6.18-rc1"
     answer = (b"Linux".ljust(65, b"\0") + b"elsewhere".ljust(65, b"\0") + release.encode() + b"\0").hex()
     foreground(wrapper=["strace", "-D", "-f", "-qq", "-o", "/dev/null", "-e", "trace=uname",
@@ -153,7 +154,7 @@ def test_kernel_release_of_two_numbers(foreground, connect_appliance, lab_site):
 
 
 def test_machine_that_tells_nothing_of_itself(appliance, agent, lab_site, tmpfs):
-    """No release file, no firmware, no driver."""
+    """There is no release file, there are no firmware tables, and there is no driver."""
     hide_driver()
     tmpfs("/sys/class/", "mode=755")
     tmpfs("/sys/module", "mode=755")
@@ -185,7 +186,7 @@ def test_firmware(appliance, lab_site, tmpfs):
 
 
 def test_nothing_grows(agent, appliance, lab_site):
-    """By question after question: no descriptor, no thread."""
+    """Many requests leak no descriptor and no thread."""
     def usage():
         process = pathlib.Path("/proc", str(agent.pid))
         return len(os.listdir(process / "fd")), len(os.listdir(process / "task"))
@@ -199,7 +200,7 @@ def test_nothing_grows(agent, appliance, lab_site):
 
 
 def test_threads_of_the_search_take_no_termination_signal(agent, appliance, lab_site):
-    """The stop is the initial thread's, and waits for the others."""
+    """Only the initial thread takes the signal; it waits for the other threads."""
     describe(appliance)
     tasks = pathlib.Path("/proc", str(agent.pid), "task")
     others = {task.name: int(re.search(r"SigBlk:\s+(\w+)", (task / "status").read_text())[1], 16)
@@ -210,7 +211,7 @@ def test_threads_of_the_search_take_no_termination_signal(agent, appliance, lab_
 
 
 def test_service_that_is_killed_and_comes_back(agent, appliance, lab_site):
-    """The bus starts it again when the agent asks; the agent goes on."""
+    """The bus starts the service again when the agent asks; the agent continues."""
     describe(appliance)
     os.kill(lab_site.udisks.pid, signal.SIGKILL)
     wait_until(lambda: appliance.host().status == 200, SECONDS, "an answer")

@@ -1,89 +1,31 @@
 """The HTTPS server against real clients with real certificates.
 
-A small program runs the server with a request function that answers with what it was given. The log of the
-server is what the program prints.
+A small program runs the server with a request function that answers with a description of the request. The
+program prints the server's log.
 """
-import collections
-import contextlib
 import hashlib
 import json
 import os
 import pathlib
-import struct
-import socket
 import subprocess
-import tempfile
 import threading
 
 import pytest
 
-from https_peers import NOISE, handshake, send_plain, wait_until_idle
+from https_peers import NOISE, handshake, send_plain
+from https_site import SECONDS, EchoServer, check_echo, check_serves, make_site
 from lab import certificates
 from lab.appliance_client import DEVICE, PORT
-from lab.daemon import CERTIFICATES, program
+from lab.daemon import CERTIFICATES
 from lab.https_client import BASE_URL, Client
 from lab.services import wait_until
-from lab.usage import usage
 
-PROGRAM = program("HttpsEcho")
-SECONDS = 60
-MIB = 1 << 20
 MARK = " [failure:client-certificate]"
-
-
-class EchoServer:
-    """The program; what it prints is kept."""
-
-    def __enter__(self):
-        self._log = tempfile.TemporaryFile()
-        self.process = subprocess.Popen(
-            [PROGRAM, *(CERTIFICATES / name for name in ("server.key", "server.pem", "ca.crt"))],
-            stdin=subprocess.PIPE, stdout=self._log, stderr=subprocess.STDOUT, text=True)
-        self.wait_for("3 HTTP server started")
-        return self
-
-    @property
-    def lines(self):
-        return os.pread(self._log.fileno(), 64 * MIB, 0).decode(errors="replace").splitlines()
-
-    def wait_for(self, line, times=1):
-        wait_until(lambda: self.lines.count(line) >= times, SECONDS, f"{line!r} in {self.lines[-20:]}")
-
-    def release(self):
-        """Lets one request to /wait go."""
-        self.process.stdin.write("\n")
-        self.process.stdin.flush()
-
-    def usage(self):
-        return usage(self.process.pid)
-
-    def wait_until_idle(self, idle):
-        return wait_until_idle(self.process.pid, idle)
-
-    def __exit__(self, *exception):
-        self.process.stdin.close()
-        try:
-            status = self.process.wait(SECONDS)
-        except subprocess.TimeoutExpired:
-            self.process.kill()
-            self.process.wait()
-            raise
-        if exception[0] is None:
-            assert status == 0, self.lines[-50:]
-            assert self.lines[-1] == "4 HTTP server destroyed"
-        self._log.close()
-
-
-Site = collections.namedtuple("Site", "authority device directory")
 
 
 @pytest.fixture(scope="module")
 def site(tmp_path_factory):
-    """The agent's certificates where it looks for them, and an appliance."""
-    directory = tmp_path_factory.mktemp("certificates")
-    authority = certificates.Authority(directory, own_key_type="rsa")
-    certificates.install(authority.agent(), authority, CERTIFICATES)
-    return Site(authority, authority.device(DEVICE), directory)
+    return make_site(tmp_path_factory.mktemp("certificates"))
 
 
 @pytest.fixture
@@ -95,22 +37,6 @@ def server(site):
 @pytest.fixture
 def client(site, server):
     return Client(site.authority.certificate, site.device)
-
-
-def check_echo(answer, **expected):
-    """The answer is the echo of a request with these properties; returns the echo."""
-    assert answer is not None
-    assert (answer.status, answer.content_type) == (200, "application/json")
-    echo = json.loads(answer.body)
-    assert {name: echo[name] for name in expected} == expected
-    return echo
-
-
-def check_serves(client):
-    """The server is none the worse for what came before."""
-    check_echo(client.request("GET", "/host?a=1"), deviceId=DEVICE, ip="127.0.0.1", method="GET", url="/host",
-               args={"a": "1"}, body="")
-    check_echo(client.request("POST", "/pair", b"whole"), body="whole")
 
 
 def curl(site, *arguments):
@@ -140,7 +66,7 @@ def test_url_arguments(client):
 
 
 def test_real_client(site, server):
-    """curl, which sends its body in pieces and waits for leave to do so."""
+    """The client is curl, which sends its body in chunks and waits for "100 Continue"."""
     body = site.directory / "body"
     body.write_bytes(bytes(range(256)) * 400)
     done = curl(site, "--limit-rate", "60k", "--data-binary", f"@{body}", f"{BASE_URL}/pair?a=1")
@@ -151,7 +77,7 @@ def test_real_client(site, server):
 
 def test_no_ipv6(site, server, client):
     done = curl(site, f"https://[::1]:{PORT}/host")
-    assert done.returncode == 7 # as curl's manual says: it couldn't connect
+    assert done.returncode == 7 # curl's status for a failed connection, see its manual
     check_serves(client)
 
 
@@ -164,7 +90,7 @@ def test_body_in_three_chunks(client):
 
 
 def test_client_is_checked_for_each_chunk(site, server, client):
-    """The trust file goes while a body is on its way: the rest of the body is refused."""
+    """The trust file is removed while a body is being sent: the rest of the body is refused."""
     refusal = "1 Internal error - failed to import trust file as cert" + MARK
     trust = CERTIFICATES / "ca.crt"
     with client.connect() as connection:
@@ -202,7 +128,7 @@ def cpu_seconds(server):
 
 
 def test_stranger_adds_nothing_to_a_body(site, server, client):
-    """Who comes in between neither changes a request nor keeps us busy."""
+    """Another client in between neither changes a request nor keeps the server busy."""
     stranger = Client(site.authority.certificate)
     with client.connect() as connection:
         connection.send(b"POST /pair HTTP/1.1\r\nHost: agent\r\nContent-Length: 4\r\n\r\n")
@@ -215,6 +141,7 @@ def test_stranger_adds_nothing_to_a_body(site, server, client):
 
 
 def test_bad_certificates(site, server, client):
+    """A refused client gets no answer, so only the log can tell an administrator the reason."""
     mismatch = "1 Certificate issuer mismatch"
     unverified = "1 Verification of device certificate failed: "
     no_type = "1 Failed to find required metadata in client certificate"
@@ -287,12 +214,12 @@ def test_protocols_and_ciphers(site, server):
 
 @pytest.mark.parametrize("renegotiates", [False, True])
 def test_certificate_cannot_change_on_a_connection(site, server, client, renegotiates):
-    """What has come on a connection is from one device: a second handshake ends it."""
+    """All data of a connection is from one device: a second handshake ends the connection."""
     program = ["openssl", "s_client", "-tls1_2", "-quiet", "-connect", f"127.0.0.1:{PORT}",
                "-CAfile", site.authority.certificate, "-cert", site.device.certificate,
                "-key", site.device.key]
     if renegotiates:
-        program.remove("-quiet") # which would send the command as it is
+        program.remove("-quiet") # -quiet would make openssl send the command as data
     with subprocess.Popen(program, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
                           stderr=subprocess.STDOUT) as peer:
         request = b"GET /host HTTP/1.1\r\nHost: agent\r\nConnection: close\r\n\r\n"
@@ -308,134 +235,8 @@ def test_plain_http_and_noise(client):
     check_serves(client)
 
 
-ENDLESS_HEADS = {
-    "path": ("/" + "x" * (10 * MIB), ()),
-    "argument": ("/?a=" + "x" * (10 * MIB), ()),
-    "arguments": ("/?" + "a=b&" * MIB, ()),
-    "header": ("/host", ("X-Long: " + "x" * (10 * MIB),)),
-    "headers": ("/host", ("X: y",) * 100_000),
-}
-
-
-@pytest.mark.parametrize("what", ENDLESS_HEADS)
-def test_endless_head(server, client, what):
-    url, headers = ENDLESS_HEADS[what]
-    before = server.usage().rss_kib
-    with client.connect() as connection:
-        with contextlib.suppress(OSError):
-            connection.send_request("GET", url, headers=headers)
-        answer = connection.read_answer()
-    assert answer is None or 400 <= answer.status < 500
-    assert server.usage().rss_kib - before < 8 * 1024
-    check_serves(client)
-
-
-@pytest.mark.parametrize("mebibytes, pieces", [(64, 3), (16, 1000)])
-def test_large_body(client, mebibytes, pieces):
-    body = os.urandom(MIB) * mebibytes
-    step = -(-len(body) // pieces)
-    with client.connect() as connection:
-        connection.socket.settimeout(10 * SECONDS)
-        connection.send(f"POST /pair HTTP/1.1\r\nHost: agent\r\nContent-Length: {len(body)}\r\n\r\n".encode())
-        for start in range(0, len(body), step):
-            connection.send(body[start:start + step])
-        check_echo(connection.read_answer(), bodyBytes=len(body), bodyHash=hashlib.sha256(body).hexdigest())
-
-
-def test_body_above_the_limit(server, client):
-    with client.connect() as connection:
-        connection.socket.settimeout(10 * SECONDS)
-        connection.send(b"POST /pair HTTP/1.1\r\nHost: agent\r\nTransfer-Encoding: chunked\r\n\r\n")
-        with contextlib.suppress(OSError):
-            for _ in range(129):
-                connection.send(b"100000\r\n" + bytes(MIB) + b"\r\n")
-        assert connection.read_answer() is None
-    server.wait_for(f"2 Request body is longer than {128 * MIB} bytes")
-    assert server.usage().rss_kib < 256 * 1024
-    check_serves(client)
-
-
-def test_body_cut_off(server, client):
-    idle = server.usage()
-    for _ in range(5):
-        with client.connect() as connection:
-            connection.send(b"POST /pair HTTP/1.1\r\nHost: agent\r\nContent-Length: 100\r\n\r\n{\"half\":")
-    server.wait_until_idle(idle)
-    check_serves(client)
-
-
-def test_client_gone_while_answered(server, client):
-    """Neither a closed nor a reset connection ends the agent by a signal."""
-    idle = server.usage()
-    for linger in (None, struct.pack("ii", 1, 0)):
-        for _ in range(10):
-            with client.connect() as connection:
-                connection.send_request("GET", "/big")
-                assert connection.socket.recv(1)
-                if linger:
-                    connection.socket.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, linger)
-    server.wait_until_idle(idle)
-    check_serves(client)
-
-
-def test_answer_that_is_slow_to_be_read(server, client):
-    """The next request has nothing of the last one, whose answer is still on its way, and isn't disturbed
-    when that comes to its end."""
-    idle = server.usage()
-    with client.connect() as following:
-        with client.connect() as slow:
-            slow.send_request("POST", "/big", b"left over")
-            assert slow.socket.recv(1)
-            check_echo(client.request("DELETE", "/x"), body="")
-            server.wait_until_idle(idle._replace(descriptors=idle.descriptors + 2, threads=idle.threads + 2))
-            following.send(b"POST /pair HTTP/1.1\r\nHost: agent\r\nContent-Length: 6\r\n\r\none")
-        server.wait_until_idle(idle._replace(descriptors=idle.descriptors + 1, threads=idle.threads + 1))
-        following.send(b"two")
-        check_echo(following.read_answer(), body="onetwo")
-    server.wait_until_idle(idle)
-    check_serves(client)
-
-
-def test_idle_connections(server, client):
-    """However many there are, they take no more than is set aside for those who have said nothing yet."""
-    idle = server.usage()
-    with contextlib.ExitStack() as stack:
-        for _ in range(500):
-            stack.enter_context(client.connect())
-        for _ in range(20):
-            check_serves(client)
-        wait_until(lambda: server.usage().threads <= idle.threads + 256, SECONDS, "end of the oldest")
-    server.wait_until_idle(idle)
-
-
-def test_connections_that_have_been_used_stay(server, client):
-    """They are the appliance's, and nobody's place."""
-    with contextlib.ExitStack() as stack:
-        connections = [stack.enter_context(client.connect()) for _ in range(20)]
-        for connection in connections:
-            check_echo(connection.request("GET", "/host"), url="/host")
-        for _ in range(300):
-            stack.enter_context(client.connect())
-        for connection in connections:
-            check_echo(connection.request("POST", "/pair", b"still there"), body="still there")
-
-
-def test_blocked_request_function_holds_nobody_up(server, client):
-    answers = []
-    waiting = threading.Thread(target=lambda: answers.append(client.request("GET", "/wait")))
-    waiting.start()
-    try:
-        server.wait_for("3 waiting")
-        for _ in range(10):
-            check_serves(client)
-    finally:
-        server.release()
-        waiting.join(SECONDS)
-    check_echo(answers[0], url="/wait")
-
-
 def test_stop_waits_for_the_request_function(site):
-    """A request that is in hand when the stop begins is carried out to its end before the stop is over."""
+    """A request that is being handled when the stop begins is completed before the stop ends."""
     with EchoServer() as server:
         client = Client(site.authority.certificate, site.device)
         lingering = threading.Thread(target=client.request, args=("GET", "/linger"))
@@ -448,62 +249,3 @@ def test_stop_waits_for_the_request_function(site):
     assert "3 left behind" not in lines
     assert lines.index("4 HTTP server stopping") < lines.index("3 waited for") < lines.index(
         "3 HTTP server stopped")
-
-
-def test_one_byte_a_second(client):
-    """A head that drips in, while another client polls."""
-    head = b"GET /slow HTTP/1.1\r\nHost: agent\r\n\r\n"
-    pace = threading.Event()
-    with client.connect() as connection:
-        for index in range(3):
-            connection.send(head[index:index + 1])
-            check_serves(client)
-            pace.wait(1)
-        connection.send(head[3:])
-        check_echo(connection.read_answer(), url="/slow")
-
-
-def test_overlapping_requests_have_bodies_of_their_own(server, client):
-    wrong = []
-
-    def send_many(number):
-        for index in range(40):
-            body = None if index % 3 == 0 else bytes([65 + number]) * (20_000 * (index % 5))
-            answer = client.request("GET" if body is None else "POST", f"/x?a={number}", body)
-            echo = json.loads(answer.body) if answer else {}
-            expected = hashlib.sha256(body or b"").hexdigest(), {"a": str(number)} if body is None else {}
-            if (echo.get("bodyHash"), echo.get("args")) != expected:
-                wrong.append((number, index, echo))
-
-    idle = server.usage()
-    threads = [threading.Thread(target=send_many, args=(number,)) for number in range(8)]
-    for thread in threads:
-        thread.start()
-    for thread in threads:
-        thread.join(5 * SECONDS)
-    assert wrong == []
-    server.wait_until_idle(idle)
-    check_serves(client)
-
-
-def test_nothing_leaks(server, client):
-    def fresh(count):
-        for _ in range(count):
-            assert client.request("GET", "/backup/x").status == 200
-
-    def kept(count):
-        with client.connect() as connection:
-            for index in range(count):
-                body = b"{}" * (index % 100) if index % 2 else None
-                assert connection.request("POST" if body else "GET", "/event?a=b", body).status == 200
-
-    idle = server.usage()
-    fresh(200)
-    kept(200)
-    warm = server.wait_until_idle(idle)
-    fresh(1000)
-    kept(9000)
-    used = server.wait_until_idle(idle)
-    print(f"idle {idle}, warm {warm}, after 10,000 requests {used}")
-    slack_kib = 16 * 1024 if "asan" not in str(PROGRAM) else 512 * 1024 # which keeps freed memory back
-    assert used.rss_kib - warm.rss_kib < slack_kib

@@ -1,6 +1,7 @@
-"""The lab's checks of images: they find what a backup can do wrong, and complain of nothing else.
+"""The lab's checks of images: they find the possible errors of a backup, and report no others.
 
-The images are made by hand: poison, and on it the blocks that the file system's own tool calls used.
+The images are made by hand: poison, overwritten with the blocks that the file system's own tool reports as
+used.
 """
 import os
 import pathlib
@@ -26,7 +27,7 @@ PLAIN_BIG = "a big office.bin"
 
 
 class Made:
-    """A volume with files, and its image without those of the agent."""
+    """A volume with files, and its image without the agent's own files."""
 
     def __init__(self, partition, root, image, *, device=None, offset=0):
         self.file_system = partition.volume.file_system
@@ -59,7 +60,7 @@ class Made:
             return os.pread(file.fileno(), length, self.offset + at)
 
     def place_of(self, name):
-        """Where the first extent of a file lies."""
+        """The offset of a file's first extent."""
         return images.extents_on(self.device, self.file_system, self.root, name)[0][0]
 
     def free_extents(self):
@@ -72,15 +73,16 @@ def big_in(file_system):
 
 
 def copy_used(device, image, file_system, offset):
-    left_out = images.extents_of_files(device, file_system, OWN_FILES)
+    excluded_extents = images.extents_of_files(device, file_system, OWN_FILES)
     with open(device, "rb", buffering=0) as source, open(image, "r+b", buffering=0) as target:
         used = truth_of(device, file_system).used_extents()
-        for at, length in images.pieces(images.without(used, left_out)):
+        for at, length in images.pieces(images.without(used, excluded_extents)):
             os.pwrite(target.fileno(), os.pread(source.fileno(), length, at), offset + at)
 
 
 def fill(root, file_system):
-    """Files, links, the driver's and the agent's own; what was deleted leaves its traces in free blocks."""
+    """Creates files, links, and the driver's and the agent's own files; deleted files leave old data in free
+    blocks."""
     fill_as_user(root, file_system)
     for name in OWN_FILES:
         (root / name).write_bytes(random.Random(name).randbytes(MIB))
@@ -101,7 +103,7 @@ def fill_as_user(root, file_system):
 
 @pytest.fixture(scope="module", params=filesystems.usual_samples(), ids=lambda sample: sample.name)
 def volume(request, private_machine):
-    """A volume that nobody writes to any more, and the directory where it is mounted."""
+    """A volume that isn't written to any more, and its mount point."""
     sample = request.param
     with Disk([Volume("data", sample.file_system, sample.mebibytes, making=sample.options)]) as disk, \
             disk["data"].mounted("/mnt/Büro und Lager") as mount_point:
@@ -132,7 +134,7 @@ def check_right(made):
 
 
 def test_image_of_all_used_blocks_is_right(made):
-    """Though its free blocks are still poison, and those of the agent's own files."""
+    """The image is right although its free blocks, and those of the agent's own files, are still poison."""
     for at, length in made.free_extents():
         assert poison.is_poison(made.read(at, length))
     for name in OWN_FILES:
@@ -157,7 +159,7 @@ def test_blocks_of_own_files_are_compared_when_asked_for(made):
 
 
 def test_flipped_byte_is_found(made):
-    """In a file: there is nothing wrong with the file system."""
+    """The byte is in a file; the file system itself is sound."""
     good = made.tree()
     at = made.place_of(made.big)
     made.overwrite(at + 100, bytes([made.read(at + 100, 1)[0] ^ 1]))
@@ -191,7 +193,7 @@ def test_structure_never_written_is_found(made):
 
 def test_missing_file_is_found(made, tmp_path):
     good = made.tree()
-    options = kind_of(made.file_system).write
+    options = kind_of(made.file_system).writable_options
     with attached(made.image) as device, \
             filesystems.mounted(made.file_system, device, tmp_path / "writable", options) as writable:
         (writable / made.big).unlink()
@@ -231,8 +233,8 @@ def test_trees_that_differ_are_told_apart(tmp_path, change):
 
 
 def test_image_of_a_snapshot(site, directory):
-    """As a backup makes it: journals of frozen file systems need no replay, the tools have nothing to say,
-    and while the image is looked at, nobody takes it for the volume."""
+    """An image as a backup makes it: a frozen file system needs no journal replay, its tools report no error,
+    and while the image is examined, it isn't mistaken for the volume."""
     with SnapshotSite() as lab_site:
         for name in lab_site.names:
             fill_as_user(lab_site.mount_point(name), lab_site[name].volume.file_system)
@@ -260,5 +262,5 @@ def check_snapshot(lab_site, name, path, image):
             run("udevadm", "settle")
             assert run(program("Volumes"), input="\n").count(f'"uuid":"{partition.uuid}"') == 1
             assert str(pathlib.Path("/dev/disk/by-uuid", partition.uuid).resolve()) == partition.device
-    ours = f"/{image.parent.name}/{image.name}" # what stands before it depends on who looks
+    ours = f"/{image.parent.name}/{image.name}" # the part of the path before it depends on the namespace
     assert not [file for file in backing_files().values() if file.endswith(ours)]

@@ -1,7 +1,7 @@
-"""The iSCSI transport against a real target, by a program that holds the transport and nothing else.
+"""The iSCSI transport against a real target, with a program that contains only the transport.
 
-What has arrived is looked up in the target's own files, and counted at the target; what the agent would tell
-is what the program prints.
+The data is checked in the target's own files, and commands are counted at the target; the program prints what
+the agent would log.
 """
 import contextlib
 import errno
@@ -35,7 +35,7 @@ def image(target):
 
 @pytest.fixture
 def source(tmp_path):
-    """A file of the image's size, to be written to it."""
+    """A file of the image's size, to be written to the image."""
     path = tmp_path / "source"
     path.write_bytes(random.Random("source").randbytes(SIZE))
     return path
@@ -46,7 +46,7 @@ def pieces():
 
 
 def stream(transport, source):
-    """Gives the commands that write the whole image."""
+    """Sends the commands that write the whole image."""
     for offset in pieces():
         transport.give("write", source, offset, PIECE)
 
@@ -56,14 +56,14 @@ def answers(transport, count):
 
 
 def connect_in_vain(transport, code):
-    """Returns what was complained of, having seen that each try came a second after the one before, and that
-    the last one has the code of what is wrong."""
+    """Connects, which must fail. Checks that the retries come a second after each other, and that the last
+    error has `code`. Returns the errors."""
     begun = time.monotonic()
     assert transport.do("connect") != 0
     assert ROUNDS <= time.monotonic() - begun < 3 * ROUNDS
-    complaints = transport.complaints()
-    assert complaints[-1] == "Iscsi target connect exceeded max retries. Aborting."
-    tries = complaints[:-1]
+    warnings = transport.logged_warnings()
+    assert warnings[-1] == "Iscsi target connect exceeded max retries. Aborting."
+    tries = warnings[:-1]
     numbers = [text.removeprefix(LOGIN_FAILED).split()[0] for text in tries]
     assert numbers == ["1", "2", "3", "4", "5"]
     assert [text.endswith(f" [failure:{code}]") for text in tries] == [False] * 4 + [True], tries
@@ -84,7 +84,7 @@ def test_what_is_written_is_in_the_image_and_comes_back(target, source, tmp_path
         assert transport.do("seek", PIECE, 0) == PIECE
         assert transport.read(PIECE, tmp_path) == source.read_bytes()[PIECE:2 * PIECE]
         assert transport.do("disconnect") == 0
-        assert transport.complaints() == []
+        assert transport.logged_warnings() == []
 
 
 def test_the_image_ends_at_its_size(target, image, source, tmp_path):
@@ -98,7 +98,7 @@ def test_the_image_ends_at_its_size(target, image, source, tmp_path):
         assert transport.write(source, 0, PIECE) == 512
         assert transport.do("seek", SIZE - 512, 0) == SIZE - 512
         assert transport.read(PIECE, tmp_path) == source.read_bytes()[:512]
-        assert transport.complaints() == []
+        assert transport.logged_warnings() == []
 
 
 def test_a_part_of_a_sector_is_not_written(target, source):
@@ -129,7 +129,7 @@ def test_the_right_password_opens_the_target(target, image, source):
     with Transport(target, image, user="agent", password="correct horse") as transport:
         assert transport.do("connect") == 0
         assert transport.write(source) == SIZE
-        assert transport.complaints() == []
+        assert transport.logged_warnings() == []
     assert image.path.read_bytes() == source.read_bytes()
 
 
@@ -171,7 +171,7 @@ def test_comparing_sends_nothing_to_an_equal_image(target, image, source):
         stream(transport, source)
         assert answers(transport, len(pieces())) == [PIECE] * len(pieces())
         assert (image.writes() - before).commands == 0
-        assert transport.complaints() == []
+        assert transport.logged_warnings() == []
     assert image.path.read_bytes() == source.read_bytes()
 
 
@@ -196,11 +196,11 @@ def test_a_stream_of_writes_outlives_the_target(target, image, source):
         stream(transport, source)
         begun = answers(transport, len(pieces()) // 4)
         target.kill()
-        transport.await_complaint(WRITE_AGAIN, times=ROUNDS - 2)
+        transport.wait_for_warning(WRITE_AGAIN, times=ROUNDS - 2)
         target.restart()
         assert begun + answers(transport, len(pieces()) - len(begun)) == [PIECE] * len(pieces())
-        assert "Failed during iscsi write command." in transport.complaints()
-        assert "Iscsi target connect failed. Aborting." in transport.complaints()
+        assert "Failed during iscsi write command." in transport.logged_warnings()
+        assert "Iscsi target connect failed. Aborting." in transport.logged_warnings()
     assert image.path.read_bytes() == source.read_bytes()
 
 
@@ -213,7 +213,7 @@ def test_a_stream_of_reads_outlives_the_target(target, image, source, tmp_path):
             transport.give("read", PIECE, tmp_path / f"{number}")
         begun = answers(transport, len(pieces()) // 4)
         target.kill()
-        transport.await_complaint(READ_AGAIN)
+        transport.wait_for_warning(READ_AGAIN)
         target.restart()
         assert begun + answers(transport, len(pieces()) - len(begun)) == [PIECE] * len(pieces())
     received = [(tmp_path / f"{number}").read_bytes() for number in range(len(pieces()))]
@@ -228,7 +228,7 @@ def test_after_the_target_was_away_nothing_is_compared(target, image, source):
         assert image.writes().commands == 0
         target.restart()
         assert transport.write(source, PIECE, PIECE) == PIECE
-        assert READ_AGAIN in transport.complaints()
+        assert READ_AGAIN in transport.logged_warnings()
         before = image.writes()
         assert transport.write(source, 2 * PIECE, PIECE) == PIECE
         assert (image.writes() - before).commands == 1
@@ -243,7 +243,7 @@ def test_a_target_that_stays_away_fails_the_write(target, image, source):
         begun = time.monotonic()
         assert transport.write(source, PIECE, PIECE) == (-1, errno.EIO)
         assert ROUNDS <= time.monotonic() - begun < 3 * ROUNDS
-        assert transport.complaints().count(WRITE_AGAIN) == ROUNDS
+        assert transport.logged_warnings().count(WRITE_AGAIN) == ROUNDS
         assert transport.write(source, PIECE, PIECE) == (-1, errno.ENOTCONN)
 
 
@@ -253,7 +253,7 @@ def test_a_target_that_stays_away_fails_the_comparison(target, image, source):
         target.kill()
         result, _number = transport.write(source, 0, PIECE)
         assert result == -1
-        assert transport.complaints()[-2:] == [
+        assert transport.logged_warnings()[-2:] == [
             "Failed to read a remote target block; the current block will be copied without diff "
             "[fallback:block-not-compared]",
             "Invalid seek position in remote target"]
@@ -268,7 +268,7 @@ def test_a_target_that_does_not_answer_for_a_while_is_waited_for(target, image, 
             stream(transport, source)
             assert not transport.has_answer(3)
         assert answers(transport, len(pieces())) == [PIECE] * len(pieces())
-        assert transport.complaints() == []
+        assert transport.logged_warnings() == []
     assert image.path.read_bytes() == source.read_bytes()
 
 
@@ -279,12 +279,12 @@ def test_leaving_a_target_that_is_gone_takes_no_time(target, image):
         begun = time.monotonic()
         assert transport.do("disconnect") == 0
         assert time.monotonic() - begun < 3
-        assert not any("logout" in text for text in transport.complaints())
+        assert not any("logout" in text for text in transport.logged_warnings())
 
 
 @pytest.mark.parametrize("sector", [512, 4096])
 def test_contract_of_all_transports(target, tmp_path, sector):
-    """The suite that the fakes of the unit tests are held to as well."""
+    """Runs the test suite that the fakes of the unit tests pass too."""
     image = target.add_image("contract", IMAGE_BYTES, block_size=sector)
     assert_keeps_contract("TransportContract", tmp_path, TARGET_NAME=target.name, TARGET_PORTAL=target.portal,
                           TARGET_LUN=image.lun, TARGET_FILE=image.path)

@@ -1,4 +1,4 @@
-"""Calls of the iSCSI transport in a row, each with a fault of its own, at targets of two makes."""
+"""Many iSCSI transport calls in a row, each with a fault of its own, on targets of two implementations."""
 import contextlib
 import math
 
@@ -14,20 +14,21 @@ from lab.istgt import Istgt
 from lab.targets import Target
 
 SECTOR = 512
-LONGEST = 4 << 20 # call
+LONGEST = 4 << 20 # of a call
 SIZE = 6 << 20
-CALLS_OF_ONE = 10 # transport
-# istgt may have gone before its answer to a logout is read.
+CALLS_OF_ONE = 10 # of one transport
+# istgt may have closed the connection before its answer to a logout is read.
 KNOWN = {READ_AGAIN, READ_FAILED, WRITE_AGAIN, WRITE_FAILED, "Iscsi logout failed."}
 
 
 def pick(chosen, commands):
-    """One of so many commands."""
+    """The number of one randomly chosen command."""
     return {chosen.randrange(commands)}
 
 
 def some(chosen, commands):
-    """Not more than a call is tried again, as each of them may be alone and fail it."""
+    """The numbers of some commands: at most as many as a call has retries, as each of them alone may make the
+    call fail."""
     return set(chosen.sample(range(commands), chosen.randint(1, min(commands, ROUNDS))))
 
 
@@ -45,7 +46,8 @@ FAULTS = {
 
 
 class Calls:
-    """Ways to change an image or to look at it, each with a fault. `content` is what it has to hold."""
+    """Operations that change an image or read it, each with a fault. `content` is what the image must
+    hold."""
 
     def __init__(self, relay, transport, content, directory, chosen):
         self._relay = relay
@@ -56,7 +58,7 @@ class Calls:
         self._chosen = chosen
 
     def place(self):
-        """Of a call: any sectors of the image."""
+        """The place of a call: any sectors of the image."""
         length = SECTOR * self._chosen.randint(1, LONGEST // SECTOR)
         return SECTOR * self._chosen.randint(0, (SIZE - length) // SECTOR), length
 
@@ -68,7 +70,7 @@ class Calls:
         self._send(self._chosen.randbytes(length), offset, fault)
 
     def compare(self, offset, length, fault):
-        """What differs is one byte, or nothing."""
+        """The image differs from the data in one byte, or not at all."""
         data = self._content[offset:offset + length]
         data[self._chosen.randrange(length)] ^= self._chosen.randint(0, 1)
         assert self._transport.do("disconnect") == 0
@@ -90,7 +92,7 @@ class Calls:
 
 
 class Run:
-    """Calls with faults at one target."""
+    """A sequence of calls with faults on one target."""
 
     def __init__(self, target, directory, chosen, faults):
         self._target = target
@@ -102,7 +104,8 @@ class Run:
         self.met = set()
 
     def make(self, calls):
-        """By several transports, as one keeps what it has learnt of the target."""
+        """Makes the calls with several transports, as a transport remembers what it has learnt of the
+        target."""
         kinds = list(FAULTS) * math.ceil(calls / len(FAULTS))
         self._chosen.shuffle(kinds)
         for begin in range(0, calls, CALLS_OF_ONE):
@@ -114,7 +117,7 @@ class Run:
             calls = Calls(relay, transport, self._content, self._directory, self._chosen)
             for kind in kinds:
                 self._make_one(calls, kind)
-                assert set(transport.complaints()) <= KNOWN, transport.log()
+                assert set(transport.logged_warnings()) <= KNOWN, transport.log()
         assert self._image.path.read_bytes() == self._content
 
     def _make_one(self, calls, kind):
@@ -129,7 +132,7 @@ class Run:
                               f"{call.__name__}", "all is right")
 
 
-@pytest.mark.parametrize(("make", "calls"), [(Target, 100), (Istgt, 40)]) # whose logins take a second each
+@pytest.mark.parametrize(("make", "calls"), [(Target, 100), (Istgt, 40)]) # a login takes a second there
 def test_random_faults(make, calls, tmp_path, faults):
     with make() as target:
         run = Run(target, tmp_path, seeded(), faults)

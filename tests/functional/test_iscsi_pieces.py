@@ -1,5 +1,5 @@
-"""One call of the iSCSI transport is many commands, and targets of two makes answer them as they like: in
-another order, with less than was asked for, not now, or not at all."""
+"""One call of the iSCSI transport consists of many commands. Targets of two implementations may answer them
+in another order, with less than was asked for, later, or not at all."""
 import errno
 import random
 import time
@@ -12,13 +12,13 @@ from iscsi_call import (LONGEST_READ, LONGEST_WRITE, READ_AGAIN, READ_FAILED, RO
 from iscsi_faults import SILENCE, Cut, Refuse, Reorder, Shorten, Slots
 from iscsi_relay import Relay
 from iscsi_wire import BUSY, CHECK_CONDITION, TASK_SET_FULL
-from lab.delay import LongWay
+from lab.delay import DelayProxy
 from lab.istgt import Istgt
 from lab.targets import Target
 
 SECTOR = 512
-SIZE = 4 << 20 # of an image, and of the longest call
-COMMANDS = {"write": SIZE // LONGEST_WRITE, "read": SIZE // LONGEST_READ} # of such a call
+SIZE = 4 << 20 # of an image, and the largest size of a call
+COMMANDS = {"write": SIZE // LONGEST_WRITE, "read": SIZE // LONGEST_READ} # commands of such a call
 EACH = range(1 << 30)
 COMMAND_SECONDS = 60
 TROUBLES = {"write": [WRITE_FAILED, WRITE_AGAIN], "read": [READ_FAILED, READ_AGAIN]}
@@ -50,14 +50,14 @@ def transport(relay, image):
 
 @pytest.fixture
 def source(tmp_path):
-    """A file of the image's size, to be written to it."""
+    """A file of the image's size, to be written to the image."""
     path = tmp_path / "source"
     path.write_bytes(random.Random("source").randbytes(SIZE))
     return path
 
 
 class Call:
-    """One call that transfers the whole image, by one of three ways."""
+    """One call that transfers the whole image, in one of three ways."""
 
     def __init__(self, kind, transport, image, source, directory):
         self.kind = kind
@@ -73,7 +73,7 @@ class Call:
         assert transport.do("compare" if kind == "compare" else "connect") == 0
 
     def run(self):
-        """Does it, and sees to it that all of it has arrived."""
+        """Makes the call, and checks that all data has arrived."""
         if self.kind == "read":
             assert self._transport.read(SIZE, self._directory) == self._source.read_bytes()
         else:
@@ -89,7 +89,7 @@ def call(request, transport, image, source, tmp_path):
 def test_a_call_is_many_commands_in_flight_at_once(call, relay, transport):
     relay.fault = Reorder(call.commands)
     call.run()
-    assert transport.complaints() == []
+    assert transport.logged_warnings() == []
     assert [session.counts for session in relay.sessions] == [{call.command: call.commands}]
     assert relay.sessions[0].most > 8
 
@@ -97,28 +97,28 @@ def test_a_call_is_many_commands_in_flight_at_once(call, relay, transport):
 def test_answers_in_another_order(call, relay, transport):
     relay.fault = Reorder(5)
     call.run()
-    assert transport.complaints() == []
+    assert transport.logged_warnings() == []
     assert relay.fault.largest > 1
     assert relay.total(call.command) == call.commands
 
 
 @NOT_NOW
 def test_commands_that_are_refused_for_now_are_sent_again(call, relay, transport, status):
-    """Over the same session, and nothing is said of it."""
+    """They are sent again in the same session, and without a line in the log."""
     relay.fault = Refuse(status, range(1, call.commands, 3))
     call.run()
-    assert transport.complaints() == []
+    assert transport.logged_warnings() == []
     assert relay.fault.injected == len(range(1, call.commands, 3))
     assert len(relay.sessions) == 1
     assert relay.total(call.command) == call.commands + relay.fault.injected
 
 
-@pytest.mark.parametrize("target", [Target], indirect=True) # the other make gets data with the command
+@pytest.mark.parametrize("target", [Target], indirect=True) # the other target gets the data with the command
 @pytest.mark.parametrize("call", ["write"], indirect=True)
 def test_a_target_that_refuses_commands_before_it_has_their_data(call, relay, transport):
     relay.fault = Refuse(TASK_SET_FULL, range(1, call.commands, 3), is_early=True)
     call.run()
-    assert transport.complaints() == []
+    assert transport.logged_warnings() == []
     assert relay.fault.injected == len(range(1, call.commands, 3))
 
 
@@ -127,7 +127,7 @@ def test_a_command_that_is_refused_while_it_is_alone_fails(relay, transport, ima
     assert transport.do("connect") == 0
     relay.fault = Refuse(status, {0})
     assert transport.write(source, 0, SECTOR) == SECTOR
-    assert transport.complaints() == [WRITE_FAILED, WRITE_AGAIN]
+    assert transport.logged_warnings() == [WRITE_FAILED, WRITE_AGAIN]
     assert [session.counts["write"] for session in relay.sessions] == [1, 1]
     assert image.path.read_bytes()[:SECTOR] == source.read_bytes()[:SECTOR]
 
@@ -137,14 +137,14 @@ def test_a_target_that_takes_nothing_fails_the_call(relay, transport, image, sou
     before = image.path.read_bytes()
     relay.fault = Refuse(BUSY, EACH)
     assert transport.write(source) == (-1, errno.EIO)
-    assert transport.complaints() == ROUNDS * [WRITE_FAILED, WRITE_AGAIN] + [WRITE_FAILED]
+    assert transport.logged_warnings() == ROUNDS * [WRITE_FAILED, WRITE_AGAIN] + [WRITE_FAILED]
     assert len(relay.sessions) == 1 + ROUNDS
     assert image.path.read_bytes() == before
 
 
 def test_the_number_in_flight_settles_at_what_a_target_takes(target, image, source):
     slots, calls = 4, 8
-    with LongWay(target.port, 0.002) as way, Relay(target, way.portal) as relay, \
+    with DelayProxy(target.port, 0.002) as proxy, Relay(target, proxy.portal) as relay, \
             Transport(relay, image) as transport:
         assert transport.do("connect") == 0
         relay.fault = Slots(slots)
@@ -156,16 +156,16 @@ def test_the_number_in_flight_settles_at_what_a_target_takes(target, image, sour
             assert transport.write(source) == SIZE
             assert slots <= relay.sessions[0].most < 2 * slots
         assert relay.fault.injected - learnt < learnt
-        assert transport.complaints() == []
+        assert transport.logged_warnings() == []
         assert len(relay.sessions) == 1
     assert image.path.read_bytes() == source.read_bytes()
 
 
 def check_repeated(call, relay, transport):
-    """The call fails once, and all of it is sent again over a second session."""
+    """Checks that the call fails once, and that everything is sent again in a second session."""
     call.run()
     assert relay.fault.injected == 1
-    assert transport.complaints() == call.troubles
+    assert transport.logged_warnings() == call.troubles
     assert len(relay.sessions) == 2
     assert relay.sessions[1].counts[call.command] == call.commands
 
@@ -194,7 +194,7 @@ def test_a_session_that_breaks_with_half_of_the_commands_answered(call, relay, t
 
 @pytest.mark.parametrize("target", [Target], indirect=True)
 def test_a_command_that_is_never_answered(relay, transport, image, source):
-    """It has its minute; then the call is repeated."""
+    """The command times out after a minute; then the call is repeated."""
     assert transport.do("connect") == 0
     relay.fault = Refuse(SILENCE, {COMMANDS["write"] // 2})
     begun = time.monotonic()
@@ -202,7 +202,7 @@ def test_a_command_that_is_never_answered(relay, transport, image, source):
     assert transport.has_answer(2 * COMMAND_SECONDS)
     assert time.monotonic() - begun >= COMMAND_SECONDS - 1
     assert transport.take() == SIZE
-    assert transport.complaints() == [WRITE_FAILED, WRITE_AGAIN]
+    assert transport.logged_warnings() == [WRITE_FAILED, WRITE_AGAIN]
     assert image.path.read_bytes() == source.read_bytes()
 
 

@@ -1,4 +1,4 @@
-"""The lab's target of another make: what the tests of the agent's transport rely on."""
+"""The lab's other iSCSI target: the properties that the tests of the agent's transport rely on."""
 import pytest
 
 from initiator import Initiator, InitiatorError
@@ -39,7 +39,7 @@ def test_killed_it_comes_back_with_all_it_was_given():
 def test_paused_it_lets_initiators_wait():
     with Istgt() as target:
         image = target.add_image("data", MIB)
-        with Initiator(target, image.lun, seconds=4) as initiator: # a login takes one
+        with Initiator(target, image.lun, seconds=4) as initiator: # a login takes one second
             target.pause()
             with pytest.raises(InitiatorError):
                 initiator.write(0, b"w" * 512)

@@ -1,5 +1,5 @@
-"""Each kind of file system is whole: what the agent can read, the lab can make and check, and nothing that
-belongs to a kind has been left out."""
+"""Each kind of file system is complete: the lab can make and check whatever the agent can read, and no piece
+of a kind is missing."""
 import dataclasses
 import pathlib
 import shutil
@@ -17,12 +17,12 @@ PARSER = "src/core/fs/KIND/"
 
 @pytest.fixture(scope="session")
 def private_machine():
-    """None is needed: only bek-usedmap is run here, so that it can be asked before the agent is built."""
+    """Overrides the usual fixture: only bek-usedmap is run here, which works before the agent is built."""
 
 
 @pytest.fixture
 def site():
-    """None, as above."""
+    """Overrides the usual fixture, as above."""
 
 
 def lines(found):
@@ -56,7 +56,7 @@ def test_no_file_system_has_two_rows():
 
 @pytest.fixture
 def scratch(tmp_path):
-    """A tree with the parser of a kind, and nothing else of it."""
+    """A tree with the parser of a kind, but no other piece of it."""
     for place in ("docs", "src/core/fs/inventedfs"):
         (tmp_path / place).mkdir(parents=True)
     shutil.copy(ROOT / "docs/adding.md", tmp_path / "docs")
@@ -98,8 +98,8 @@ def test_pieces_have_to_be_told_of(scratch):
 
 
 def test_row_that_leaves_something_open_is_named():
-    row = dataclasses.replace(xfs.KIND, truth=None, check=(), look="", needs_replay=None)
-    assert missing_in(row) == ["xfs: look", "xfs: check", "xfs: needs_replay", "xfs: truth"]
+    row = dataclasses.replace(xfs.KIND, truth=None, check=(), read_only_options="", needs_replay=None)
+    assert missing_in(row) == ["xfs: read_only_options", "xfs: check", "xfs: needs_replay", "xfs: truth"]
 
 
 def test_only_what_is_never_mounted_lacks_what_a_mount_needs():
@@ -128,7 +128,7 @@ def test_unknown_kind_is_refused(use, name):
 
 @pytest.mark.parametrize("name", [name for row in OTHERS for name in row.makers])
 def test_what_can_only_be_made_is_not_looked_into(name):
-    """What the agent has no parser for has no truth and no check either."""
+    """For a file system without a parser in the agent, the lab has neither `truth` nor `check`."""
     with pytest.raises(UnknownKind):
         truth_of("/dev/null", name)
     with pytest.raises(UnknownKind):

@@ -1,4 +1,4 @@
-"""lab/README.md: each of its blocks as printed. Those of machines and of Ceph are tested where these are."""
+"""lab/README.md: each of its blocks as printed. Those for machines and for Ceph are tested with these."""
 import os
 
 import pytest
@@ -14,7 +14,7 @@ FOR_READING = ""
 
 @pytest.fixture
 def checkout(tmp_path):
-    """One in which the programs of the build are where the page says."""
+    """A checkout in which the programs of the build are where the page says."""
     with Checkout(tmp_path) as made:
         build = tmp_path / "build"
         build.mkdir()
@@ -23,18 +23,18 @@ def checkout(tmp_path):
 
 
 def environment():
-    """That of a person, who names no build."""
+    """The environment of a user who doesn't set BEKD_BUILD."""
     return {name: value for name, value in os.environ.items() if name != "BEKD_BUILD"}
 
 
 def test_all_blocks_are_of_a_kind_that_is_run_somewhere():
-    """What is for reading only couldn't be run: it leaves something out."""
+    """A block that isn't run contains "...", so it couldn't be run."""
     assert {block.kind for block in PAGE.blocks} == {SH, MACHINE, PYTHON, CEPH, FOR_READING}
     assert all("..." in block.text for block in PAGE.of(FOR_READING))
 
 
 def test_commands(checkout):
-    """One block after the other, as they follow from each other."""
+    """The blocks are run one after the other, as each depends on the previous ones."""
     check_blocks(PAGE.of(SH), shell_in(checkout.directory, env=environment()))
 
 

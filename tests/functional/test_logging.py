@@ -1,4 +1,4 @@
-"""What the daemon logs, where to, and what it does when it can't."""
+"""What the daemon logs, where it logs to, and what it does if it can't."""
 import datetime
 import os
 import pathlib
@@ -29,9 +29,10 @@ def log_file():
 
 
 def check_fallback(daemon, log, error):
-    """Each message that the file should have got is an error line and a message of the system log."""
+    """Checks that each message that couldn't be written to the file is on standard error and in the system
+    log."""
     assert daemon.stop() == 0
-    assert "Agent daemon stopping" in messages(daemon.output) # the screen shows all
+    assert "Agent daemon stopping" in messages(daemon.output) # the screen shows all messages
     received = log.messages
     expected = ["Generated new agentUUID", *START, *STOP]
     assert [message["text"].rstrip("\n")[36:][:23] for message in received] == [
@@ -48,14 +49,14 @@ def check_fallback(daemon, log, error):
 
 
 def start_without_log(make_daemon):
-    """A daemon whose log files can't tell when it is ready."""
+    """Starts a daemon whose log files can't show when it is ready."""
     daemon = make_daemon()
     daemon.wait_for_output(READY_LINE)
     return daemon
 
 
 def test_file_in_place_of_the_directory(make_daemon, system_log):
-    """Without a directory for its files the agent runs, and tells the system log."""
+    """If its log directory can't be made, the agent runs, and logs to the system log."""
     BASE.mkdir(parents=True, exist_ok=True)
     LOGS.write_text("no directory")
     daemon = start_without_log(make_daemon)
@@ -64,14 +65,14 @@ def test_file_in_place_of_the_directory(make_daemon, system_log):
 
 
 def test_read_only_directory(make_daemon, system_log, tmpfs):
-    """So it does with a directory that takes no files."""
+    """The same if no files can be made in the directory."""
     tmpfs(LOGS, "ro")
     daemon = start_without_log(make_daemon)
     check_fallback(daemon, system_log, "~~Logging Error~~ Could not open output log file")
 
 
 def test_full_disk(make_daemon, system_log, tmpfs):
-    """So it does with a full file system."""
+    """The same if the file system is full."""
     tmpfs(LOGS, "size=4k")
     (LOGS / "filler").write_bytes(b"x" * 4096)
     daemon = start_without_log(make_daemon)
@@ -80,7 +81,7 @@ def test_full_disk(make_daemon, system_log, tmpfs):
 
 
 def test_disk_has_room_again(make_daemon, system_log, tmpfs):
-    """The file gets messages again as soon as it can take them."""
+    """The file gets messages again as soon as there is room."""
     tmpfs(LOGS, "size=4k")
     filler = LOGS / "filler"
     filler.write_bytes(b"x" * 4096)
@@ -93,7 +94,7 @@ def test_disk_has_room_again(make_daemon, system_log, tmpfs):
 
 
 def test_no_system_log_either(make_daemon, tmpfs):
-    """With nowhere to log to the agent still starts and stops."""
+    """If nothing can be logged, the agent still starts and stops."""
     tmpfs(LOGS, "ro")
     daemon = start_without_log(make_daemon)
     daemon.expect_errors("~~Logging Error~~ Could not open output log file")
@@ -102,8 +103,8 @@ def test_no_system_log_either(make_daemon, tmpfs):
 
 @pytest.mark.parametrize("is_open", [True, False], ids=["full", "closed"])
 def test_standard_error_that_nobody_reads(make_daemon, tmpfs, is_open):
-    """Whoever has started the agent with a pipe for its errors, and has gone or looks elsewhere, neither ends
-    it nor holds it up, though every message fails to reach the file."""
+    """If standard error is a pipe whose reader has gone, or doesn't read, the agent neither ends nor blocks,
+    though every message fails to reach the file."""
     tmpfs(LOGS, "ro")
     reader, writer = os.pipe()
     if is_open:
@@ -120,7 +121,7 @@ def test_standard_error_that_nobody_reads(make_daemon, tmpfs, is_open):
 
 
 def test_background_agent_falls_back(make_daemon, system_log, tmpfs):
-    """The background has no standard error: the system log is all there is."""
+    """A background agent has no standard error, so only the system log is left."""
     tmpfs(LOGS, "ro")
     daemon = make_daemon(foreground=False)
     daemon.expect_errors("~~Logging Error~~ Could not open output log file")
@@ -130,7 +131,7 @@ def test_background_agent_falls_back(make_daemon, system_log, tmpfs):
 
 
 def test_system_log_is_for_emergencies(foreground, system_log):
-    """As long as the file takes them, no message goes to the system log."""
+    """While messages can be written to the file, none goes to the system log."""
     daemon = foreground()
     assert daemon.stop() == 0
     assert system_log.messages == []
@@ -149,7 +150,8 @@ def test_removed_while_running(foreground, what):
 
 
 def test_lines_and_modes(make_daemon):
-    """Stamp, tag and text at their places, stamps in order and of now; only root and its group may read."""
+    """Timestamp, tag and text are in their places, the timestamps are in order and current; only root and its
+    group may read."""
     before = datetime.datetime.now().replace(microsecond=0)
     daemon = make_daemon(umask=0).wait_until_ready()
     assert daemon.stop() == 0
@@ -166,7 +168,7 @@ def test_lines_and_modes(make_daemon):
 
 @pytest.mark.parametrize("zone, hours", [("EAST-14", 14), ("WEST+12", -12)])
 def test_local_time(foreground, zone, hours):
-    """Stamps and file name follow the time zone: these two never have the same day."""
+    """Timestamps and file name follow the time zone: these two zones never have the same date."""
     local = datetime.timezone(datetime.timedelta(hours=hours))
     days = {datetime.datetime.now(local).date()}
     daemon = foreground(environment={"TZ": zone})
@@ -179,7 +181,7 @@ def test_local_time(foreground, zone, hours):
 
 
 def day(age):
-    """The name of the log file of so many days ago."""
+    """The name of the log file of `age` days ago."""
     return f"bek_{datetime.date.today() - datetime.timedelta(days=age)}.log"
 
 
@@ -188,7 +190,7 @@ FOREIGN = ["notes.txt", "bek_2016-03-04.log.gz", "bek_2016-03-04.txt", "bek_2016
 
 
 def test_old_files_are_removed_at_start(foreground):
-    """Files older than seven days go; younger ones and what isn't the agent's stay, however old."""
+    """Log files older than seven days are removed; younger ones and other files stay, however old."""
     LOGS.mkdir(parents=True)
     stay = {day(1), day(6), *FOREIGN}
     for name in {day(9), day(400), "bek_2016-03-04.log"} | stay:
@@ -197,15 +199,15 @@ def test_old_files_are_removed_at_start(foreground):
     assert foreground().stop() == 0
     left = {path.name for path in LOGS.iterdir()}
     assert stay < left
-    assert len(left - stay) == 1 # today's
+    assert len(left - stay) == 1 # today's file
 
 
 def test_retention_runs_once_a_day(foreground):
-    """While today's file is there, nobody looks for old ones."""
+    """If today's file exists already, no old files are removed."""
     assert foreground().stop() == 0
     old = LOGS / day(30)
     old.write_text("old")
-    (LOGS / day(-1)).write_text("") # should midnight pass right now
+    (LOGS / day(-1)).write_text("") # in case midnight passes now
     assert foreground().stop() == 0
     assert old.exists()
 
@@ -224,8 +226,8 @@ def test_retention_runs_once_a_day(foreground):
     ("min", "min", "Agent installation UUID", READY_LINE),
 ])
 def test_stored_level(foreground, database, stored, kept, file_has, file_lacks):
-    """The level in the database decides what the file gets, once it has been loaded; the screen gets all.
-    Only a text that names no level is replaced."""
+    """The level in the database decides what the file gets, once it has been loaded; the screen gets
+    everything. A stored text is replaced only if it is no level."""
     assert foreground().stop() == 0
     database("insert into config (key, value) values ('log_level', ?)", stored)
     daemon = foreground()
@@ -238,7 +240,7 @@ def test_stored_level(foreground, database, stored, kept, file_has, file_lacks):
 
 
 def test_no_level_is_stored_unasked(foreground, database):
-    """Without a stored level the level is info, and the database isn't told."""
+    """Without a stored level the level is info, and nothing is stored."""
     assert foreground().stop() == 0
     assert database("select key from config") == [("agentUUID",)]
     assert pathlib.Path(log_file()).read_text().count("[DEBUG:]") == 0

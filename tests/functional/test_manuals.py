@@ -1,4 +1,4 @@
-"""The manual pages against the programs: options, commands and keys, each in both."""
+"""The manual pages against the programs: options, commands and keys must be in both."""
 import json
 import os
 import re
@@ -27,12 +27,12 @@ def page(name):
 
 
 def section(text, title):
-    """What stands below that heading."""
+    """The text below that heading."""
     return re.search(rf"^# {title}\n(.*?)(?=^# |\Z)", text, re.MULTILINE | re.DOTALL)[1]
 
 
 def definitions(text):
-    """The terms that a piece of a page defines, without their marks, and what it says of them."""
+    """The terms that a part of a page defines, without markup, each with its definition."""
     return {re.sub(r"[*\\]|\b_|_\b", "", term): " ".join(words.split())
             for term, words in DEFINITION.findall(text)}
 
@@ -53,7 +53,7 @@ def help_of(*command):
 
 
 def options_of(text):
-    """Those at the beginning of a help's line."""
+    """The options at the beginning of lines of a help."""
     return {option for line in re.findall(r"^\s+(-[^\s]+(?:, *-[^\s]+)*)", text, re.MULTILINE)
             for option in options_in(line.replace(",", " "))}
 
@@ -64,7 +64,7 @@ def commands_of(text):
 
 
 def rendered(path, directory):
-    """The manual page that the file becomes."""
+    """The file, rendered as a manual page."""
     target = directory / path.stem
     with open(path, encoding="utf-8") as source:
         done = subprocess.run(["scdoc"], stdin=source, capture_output=True, text=True, check=False,
@@ -76,7 +76,7 @@ def rendered(path, directory):
 
 @pytest.mark.parametrize("path", PAGES, ids=lambda path: path.stem)
 def test_page_is_well_made(path, tmp_path):
-    """It has the name of its file, is found by that name, and the tool that shows it has no complaint."""
+    """The page has the name of its file, can be found by that name, and man reports no error."""
     name, number = path.stem.rsplit(".", 1)
     assert path.read_text(encoding="utf-8").startswith(f"{name}({number})\n")
     made = rendered(path, tmp_path)
@@ -90,7 +90,7 @@ def test_page_is_well_made(path, tmp_path):
 
 @pytest.mark.parametrize("path", PAGES, ids=lambda path: path.stem)
 def test_pages_that_are_referred_to(path):
-    """Of our own programs and files there is a page wherever one is named."""
+    """Each of our own programs and files that a page refers to has a page."""
     ours = {page.stem for page in PAGES}
     text = path.read_text(encoding="utf-8")
     named = {f"{name}.{number}" for name, number in re.findall(r"\*([\w.-]+)\*\((\d)\)", text)}
@@ -117,7 +117,7 @@ def test_tolvuctl():
 
 @pytest.mark.parametrize("name", ["bek-restore", "bek-usedmap", "bekctl", "zephaned"])
 def test_program_with_a_help(name):
-    """All options, those of its commands too, and all commands."""
+    """All options, including those of commands, and all commands are in the page."""
     text = page(f"{name}.8")
     shown = help_of(program(name))
     commands = commands_of(shown)
@@ -130,7 +130,7 @@ def test_program_with_a_help(name):
 
 
 def source_table():
-    """Key, kind, default, smallest and largest, as the program has them."""
+    """Key, kind, default, minimum and maximum of each setting, from the program's source."""
     source = TABLE.read_text(encoding="utf-8")
     rows = SOURCE_ROW.findall(source)
     assert len(rows) == len(re.findall(r'^ +\{"', source, re.MULTILINE)) > 10
@@ -146,7 +146,7 @@ def page_table():
 
 
 def document_table():
-    """That of docs/operations.md."""
+    """The same table in docs/operations.md."""
     rows = DOCUMENT_ROW.findall((ROOT / "docs" / "operations.md").read_text(encoding="utf-8"))
     return {key: tuple(values) for key, *values in rows}
 
@@ -159,14 +159,15 @@ def test_settings():
 
 
 def bounds(key, kind, least, most):
-    """Values that fit a key, and values that don't."""
+    """Valid and invalid values for a key."""
     if kind == "number":
         return [int(least), int(most)], [int(most) + 1, "1", int(least) - 1]
     return ([True, False], [1, "true"]) if kind == "boolean" else (["any"], [1, True])
 
 
 def test_settings_as_the_daemon_takes_them(appliance):
-    """What the page says that fits is taken, and what lies beyond is refused; so is what has no entry."""
+    """Values that the page calls valid are accepted, values beyond the limits are refused, and so are unknown
+    keys."""
     for key, (kind, _default, least, most) in page_table().items():
         right, wrong = bounds(key, kind, least, most)
         assert [appliance.set_config({key: value}).status for value in right] == [200] * len(right), key
@@ -177,7 +178,7 @@ def test_settings_as_the_daemon_takes_them(appliance):
 
 @pytest.mark.parametrize("config, title", [({"?": 0}, "KEYS"), ({"images": [{"?": 0}]}, "KEYS OF AN IMAGE")])
 def test_keys_of_the_image_server(config, title, tmp_path):
-    """Told of a key that it doesn't know, the program lists those that it does."""
+    """If the configuration has an unknown key, the program lists the keys that it knows."""
     file = tmp_path / "zephaned.json"
     file.touch(mode=0o600)
     file.write_text(json.dumps(config), encoding="utf-8")

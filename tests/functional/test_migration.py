@@ -1,4 +1,4 @@
-"""What the daemon takes over from an earlier version at its start, and the sizes of CoW files."""
+"""The state that the daemon takes over from an earlier version at its start, and the sizes of CoW files."""
 import contextlib
 import json
 import os
@@ -37,19 +37,20 @@ def make_legacy(statements=""):
 
 
 def cow_sizes(lab_site):
-    """What the settings say of the site's volumes. Others are the disks of whoever else uses the machine."""
+    """The CoW sizes in the settings for the site's volumes. Other volumes belong to other users of the
+    machine."""
     stored = json.loads(CONFIG.read_text())
     keys = {name: f"volumes.{lab_site[name].uuid}.cowFileSizeMiB" for name in ("data", "files")}
     return {name: stored[key] for name, key in keys.items() if key in stored}
 
 
 def cow_size(lab_site, name, file):
-    """In MiB."""
+    """The size of a CoW file in MiB."""
     return (lab_site.mount_point(name) / file).stat().st_size / (1 << 20)
 
 
 def test_state_is_taken_over_once(lab_site, foreground, database):
-    """Device, identity, checksums and CoW sizes; a second start finds nothing to do."""
+    """Device, identity, checksums and CoW sizes are taken over; a second start has nothing to do."""
     data = lab_site["data"]
     content = make_legacy(
         f"insert into device values (4711); insert into config values ('agentUUID', '{OLD_UUID}'), "
@@ -75,14 +76,14 @@ def test_state_is_taken_over_once(lab_site, foreground, database):
 
 
 def signals(pid, thread, field):
-    """Of a thread, the signals that a field of its status names."""
+    """The signals in a field of a thread's status."""
     status = pathlib.Path(f"/proc/{pid}/task/{thread}/status").read_text(encoding="utf-8")
     mask = int(re.search(rf"^{field}:\s*([0-9a-f]+)$", status, re.MULTILINE)[1], 16)
     return {number for number in signal.Signals if mask >> (number - 1) & 1}
 
 
 def threads(pid):
-    """The names of a process's threads but the initial one."""
+    """The names of a process's threads, except the initial one."""
     found = {int(path.name): (path / "comm").read_text(encoding="utf-8").strip()
              for path in pathlib.Path(f"/proc/{pid}/task").iterdir()}
     del found[pid]
@@ -90,7 +91,7 @@ def threads(pid):
 
 
 def test_stop_signals_are_left_to_the_initial_thread(lab_site, foreground):
-    """None of those that libraries have made for the look at the volumes takes one."""
+    """The threads that libraries made while the volumes were examined block the stop signals."""
     make_legacy()
     daemon = foreground()
     found = threads(daemon.pid)
@@ -101,7 +102,7 @@ def test_stop_signals_are_left_to_the_initial_thread(lab_site, foreground):
 
 
 def test_second_signal_does_not_cut_a_stop_short(lab_site, make_daemon):
-    """The stop is held by a terminal that takes no more, when the next signal comes."""
+    """The stop is blocked by a terminal that isn't read, when the next signal comes."""
     make_legacy()
     reader, writer = os.pipe()
     daemon = make_daemon(stdout=writer)
@@ -116,7 +117,7 @@ def test_second_signal_does_not_cut_a_stop_short(lab_site, make_daemon):
         daemon.send(number)
 
     def are_held_back():
-        """By every thread, and all of them: none has taken any, and none is about to."""
+        """Whether every thread blocks all of the signals: none has been delivered, and none can be."""
         return (STOP_SIGNALS <= signals(daemon.pid, daemon.pid, "ShdPnd") and
                 all(STOP_SIGNALS <= signals(daemon.pid, thread, "SigBlk") for thread in threads(daemon.pid)))
 
@@ -129,7 +130,7 @@ def test_second_signal_does_not_cut_a_stop_short(lab_site, make_daemon):
 
 
 def lost_history(lab_site):
-    """The path of the history of a volume that is tracked and has none, as with an earlier version."""
+    """The path of the missing history of a tracked volume, as an earlier version leaves it."""
     lab_site.set_cow_size(100)
     lab_site.run_session("data", incremental=False)
     history = lab_site.mount_point("data") / ".tolvu.inc"
@@ -138,7 +139,7 @@ def lost_history(lab_site):
 
 
 def test_what_exists_already_stays(lab_site, foreground, database):
-    """The file that couldn't be renamed is moved again at the next start, when all that it tells is old."""
+    """If the file can't be renamed, its data is moved again at the next start, where existing values stay."""
     data = lab_site["data"]
     history = lost_history(lab_site)
     make_legacy("insert into device values (4711); insert into history (device, result, image_chksum) values "
@@ -158,7 +159,7 @@ def test_what_exists_already_stays(lab_site, foreground, database):
 
 
 def test_sizes_that_were_taken_over_are_used(lab_site, foreground):
-    """By the next snapshot: 40 % of the one volume, and what the other one was limited to."""
+    """The next snapshot uses the sizes: 40 % of one volume, and the other volume's limit."""
     make_legacy("insert into config values ('cow_percent', '40'), ('max_cow_megs', '110');")
     assert foreground().stop() == 0
     with lab_site.session(incremental=False) as session:
@@ -169,7 +170,7 @@ def test_sizes_that_were_taken_over_are_used(lab_site, foreground):
 
 
 def test_volume_that_was_tracked_is_owed_nothing(lab_site, foreground):
-    """Its history is made, so that its next backup can be incremental."""
+    """A history is made for it, so that its next backup can be incremental."""
     history = lost_history(lab_site)
     make_legacy()
     assert foreground().stop() == 0
@@ -180,7 +181,7 @@ def test_volume_that_was_tracked_is_owed_nothing(lab_site, foreground):
 
 
 def test_without_volumes_the_next_start_tries_again(foreground, database):
-    """The daemon runs all the same."""
+    """The daemon runs nevertheless."""
     make_legacy("insert into device values (4711);")
     daemon = foreground()
     assert "[ERROR:]    Failed to migrate the legacy database data!\n" in daemon.log
@@ -194,7 +195,7 @@ def test_without_volumes_the_next_start_tries_again(foreground, database):
 
 
 def test_directory_in_place_of_the_file(foreground):
-    """It is reported and left alone, and the daemon runs."""
+    """It is reported and isn't changed, and the daemon runs."""
     LEGACY.mkdir(parents=True)
     daemon = foreground()
     assert "[ERROR:]    Exception caught while attempting to migrate the legacy database: " in daemon.log
@@ -203,7 +204,7 @@ def test_directory_in_place_of_the_file(foreground):
 
 
 def test_new_name_that_is_taken(lab_site, foreground, database):
-    """The data is moved at each start until the file can be renamed."""
+    """The data is taken over again at each start until the file can be renamed."""
     make_legacy("insert into device values (4711);")
     MIGRATED.mkdir()
     for _ in range(2):
@@ -220,7 +221,7 @@ def test_new_name_that_is_taken(lab_site, foreground, database):
 
 
 def test_size_set_by_the_appliance_is_used(lab_site, appliance):
-    """By the next snapshot, while the daemon runs."""
+    """The next snapshot uses it, without a restart of the daemon."""
     key = f"volumes.{lab_site['files'].uuid}.cowFileSizeMiB"
     assert appliance.set_config({key: 120}).status == 200
     with lab_site.session("files", incremental=False) as session:

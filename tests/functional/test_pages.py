@@ -1,4 +1,4 @@
-"""How the documents are run as they are printed: what doesn't hold of a page is found, and told."""
+"""How documents are run as they are printed: a page that is wrong is found and reported."""
 import pytest
 
 from pages import (CEPH, MACHINE, PYTHON, ROOT, SH, Block, Page, check_blocks, check_program, commands_in,
@@ -34,7 +34,7 @@ LONG = 'echo "a \\\n    b" |\n    cat\n'
 
 @pytest.fixture
 def page(tmp_path):
-    """page(TEXT) is one."""
+    """page(TEXT) makes a Page of a text."""
     def make(text):
         path = tmp_path / "page.md"
         path.write_text(text, encoding="utf-8")
@@ -86,7 +86,7 @@ def test_commands_have_all_of_their_lines():
 
 
 def test_what_is_as_printed(tmp_path):
-    """Blocks share a shell, and have nothing to read."""
+    """The blocks share a shell, and standard input is empty."""
     blocks = [Block(SH, "a=1\ncat\n"), Block(SH, "echo -n b\necho $a$((1 + 1))\n", printed=("b7",))]
     assert check_blocks(blocks, shell_in(tmp_path)) == ["", "b12\n"]
 

@@ -30,23 +30,23 @@ STOP = ["Agent daemon stopping", "HTTP server stopping", "HTTP server stopped", 
 STOP_SIGNALS = [signal.SIGINT, signal.SIGQUIT, signal.SIGTERM, signal.SIGHUP]
 SECONDS = 20
 
-# What the handler of a signal makes of an agent that is still starting.
+# The output of a signal handler's exception if the agent is still starting.
 ABNORMAL_END = r"terminate called .*'std::runtime_error'|  what\(\):  Agent daemon not started yet"
 
 
 def run_bekd(*arguments):
-    """A run that is to end at once, from the command line on."""
+    """Runs the daemon with arguments that must make it exit at once."""
     return subprocess.run([program(), *arguments], capture_output=True, text=True, check=False,
                           timeout=SECONDS)
 
 
 def messages(text):
-    """The messages in lines of a log, without time and tag."""
+    """The messages of log lines, without time and tag."""
     return [line[36:] for line in text.splitlines()]
 
 
 def descriptors(pid):
-    """What each open descriptor of a process leads to."""
+    """The target of each open descriptor of a process."""
     folder = pathlib.Path(f"/proc/{pid}/fd")
     return {int(entry.name): os.readlink(entry) for entry in folder.iterdir()}
 
@@ -58,7 +58,7 @@ def expect_untouched_machine():
 
 @pytest.fixture
 def program_for_everybody():
-    """A copy of the daemon that any user can reach, wherever the checkout is."""
+    """A copy of the daemon that any user can access, wherever the checkout is."""
     copy = pathlib.Path("/tmp/bekd-for-everybody")
     shutil.copy(program(), copy)
     copy.chmod(0o755)
@@ -69,7 +69,7 @@ def program_for_everybody():
 @pytest.mark.bare_site
 @pytest.mark.parametrize("arguments", [[], ["-d"], ["-h"]])
 def test_other_users_are_refused(program_for_everybody, arguments):
-    """Whoever isn't root gets one line, before anything is touched; also the usage needs root."""
+    """A user who isn't root gets one line, before anything is changed; even the usage needs root."""
     nobody = pwd.getpwnam("nobody")
     done = subprocess.run([program_for_everybody, *arguments], capture_output=True, text=True, check=False,
                           user=nobody.pw_uid, group=nobody.pw_gid, extra_groups=[], cwd="/",
@@ -80,7 +80,7 @@ def test_other_users_are_refused(program_for_everybody, arguments):
 
 
 def test_other_user_touches_nothing_of_a_running_agent(program_for_everybody, background):
-    """Database, log and PID file of a running daemon keep content and time of change."""
+    """The database, log and PID file of a running daemon keep their content and modification time."""
     background()
     files = [DATABASE, PID_FILE, *LOGS.iterdir()]
     before = [(path.read_bytes(), path.stat().st_mtime_ns) for path in files]
@@ -95,7 +95,7 @@ def test_other_user_touches_nothing_of_a_running_agent(program_for_everybody, ba
     ["-h"], ["--help"], ["--he"], ["-d", "-h"], ["-dh"], ["--disp", "--hel"], ["something", "-h"],
 ])
 def test_help_is_usage_and_status_1(arguments):
-    """The usage byte for byte on standard output, once, and nothing else happens."""
+    """The exact usage is printed once on standard output, and nothing else happens."""
     done = run_bekd(*arguments)
     assert (done.returncode, done.stdout, done.stderr) == (1, USAGE, "")
     expect_untouched_machine()
@@ -106,7 +106,7 @@ def test_help_is_usage_and_status_1(arguments):
     ["-x"], ["-d", "-x"], ["-x", "-d"], ["--nonsense"], ["--display=yes"], ["-x", "-y", "-h"],
 ])
 def test_wrong_options_are_usage_and_status_1(arguments):
-    """The usage once, however many options are wrong, and -d starts nothing."""
+    """The usage is printed once, however many options are wrong, and -d starts nothing."""
     done = run_bekd(*arguments)
     assert (done.returncode, done.stdout) == (1, USAGE)
     assert str(program()) in done.stderr
@@ -115,21 +115,21 @@ def test_wrong_options_are_usage_and_status_1(arguments):
 
 @pytest.mark.parametrize("arguments", [["one", "two"], ["--", "-h"]])
 def test_other_arguments_are_ignored(make_daemon, arguments):
-    """Arguments that are no options change nothing."""
+    """Arguments that aren't options have no effect."""
     daemon = make_daemon(*arguments).wait_until_ready()
     assert daemon.stop() == 0
 
 
 @pytest.mark.parametrize("option", ["-d", "--display", "--disp"])
 def test_foreground_option_has_long_and_short_forms(make_daemon, option):
-    """The process that was started is the agent itself, and no PID file comes into being."""
+    """The process that was started is the agent itself, and there is no PID file."""
     daemon = make_daemon(display=option).wait_until_ready()
     assert daemon.stop() == 0
     assert not PID_FILE.exists()
 
 
 def test_background_process_is_a_daemon(background):
-    """It leads a session of its own, stands in the root directory and has only /dev/null open."""
+    """It leads a session of its own, its working directory is /, and only /dev/null is open."""
     daemon = background()
     assert daemon.pid != os.getpid()
     assert os.getsid(daemon.pid) == daemon.pid != os.getsid(0)
@@ -139,21 +139,21 @@ def test_background_process_is_a_daemon(background):
 
 
 def test_launcher_ends_with_status_0(background):
-    """What the administrator's shell waits for says 0 once the agent is in the background."""
+    """The process that the administrator's shell waits for returns 0 once the agent is in the background."""
     daemon = background()
     assert daemon.launcher_status == 0
     assert daemon.is_running
 
 
 def test_pid_file_is_the_number_alone(background):
-    """The decimal number without a newline, for root alone: whoever can read it can hold its lock."""
+    """The file has the decimal PID without a newline. Only root may read it: any reader could lock it."""
     daemon = background()
     assert PID_FILE.read_bytes() == b"%d" % daemon.pid
     assert PID_FILE.stat().st_mode & 0o7777 == 0o600
 
 
 def test_nobody_else_can_lock_what_the_agent_needs(background, database):
-    """Also where an earlier version has left its files open to everybody."""
+    """The agent's files become unreadable for others, even if an earlier version has left them readable."""
     background().stop()
     files = [PID_FILE, DATABASE]
     for path in files:
@@ -175,7 +175,8 @@ def test_nobody_else_can_lock_what_the_agent_needs(background, database):
 
 
 def test_second_instance_gives_way(background, make_daemon):
-    """It composes everything, finds the lock taken, says so and leaves the first one's file alone."""
+    """It is set up completely, finds the lock taken, says so, and doesn't change the first instance's
+    file."""
     first = background()
     before = (PID_FILE.read_bytes(), PID_FILE.stat().st_ino, PID_FILE.stat().st_mtime_ns)
     second = make_daemon(foreground=False)
@@ -193,7 +194,7 @@ def test_second_instance_gives_way(background, make_daemon):
 
 
 def test_second_instance_meets_a_damaged_database_before_the_lock(background, run_to_end):
-    """What is wrong with the database shows first: the lock is looked at only behind the composition."""
+    """An error of the database shows first: the lock is taken only after all parts have been set up."""
     background()
     DATABASE.write_bytes(b"no database at all" * 100)
     second = run_to_end(foreground=False)
@@ -205,7 +206,7 @@ def test_second_instance_meets_a_damaged_database_before_the_lock(background, ru
 
 @pytest.mark.parametrize("content", [None, b"", b"99999999999999\n"], ids=["own", "empty", "longer"])
 def test_file_of_a_killed_agent_is_taken_over(background, content):
-    """After kill -9 the lock is free; the same file gets the new number in place of what it held."""
+    """After kill -9 the lock is free; the same file gets the new PID in place of its old content."""
     killed = background()
     killed.kill()
     assert stored_pid() == killed.pid
@@ -218,8 +219,8 @@ def test_file_of_a_killed_agent_is_taken_over(background, content):
 
 
 def test_foreground_beside_a_background_agent(background, run_to_end, connect_appliance):
-    """-d needs no lock, so it starts; but the port is the first one's. What it has started it stops again,
-    and the first one, its PID file and its API are none the worse."""
+    """-d needs no lock, so the second agent starts; but the first one has the port. The second stops what it
+    has started, and the first one, its PID file and its API aren't affected."""
     first = background()
     before = (PID_FILE.read_bytes(), PID_FILE.stat().st_ino, PID_FILE.stat().st_mtime_ns)
     second = run_to_end()
@@ -240,7 +241,7 @@ def test_foreground_beside_a_background_agent(background, run_to_end, connect_ap
 
 @pytest.mark.parametrize("number", STOP_SIGNALS)
 def test_signal_stops_foreground_agent(foreground, number):
-    """One line for the terminal, the services newest first, and status 0."""
+    """It prints one line on the terminal, stops the services, newest first, and exits with status 0."""
     daemon = foreground()
     assert daemon.stop(number) == 0
     start, stop = daemon.output.split(STOP_LINE)
@@ -251,7 +252,7 @@ def test_signal_stops_foreground_agent(foreground, number):
 
 @pytest.mark.parametrize("number", STOP_SIGNALS)
 def test_signal_stops_background_agent(background, database, number):
-    """The log at level debug shows every service stop; the PID file stays behind with the old number."""
+    """The log at level debug shows that every service stops; the PID file stays, with the old PID."""
     background().stop()
     database("insert into config (key, value) values ('log_level', 'debug')")
     daemon = background()
@@ -263,7 +264,7 @@ def test_signal_stops_background_agent(background, database, number):
 
 
 def test_read_only_run_directory(tmpfs, run_to_end):
-    """Without a place for the PID file there is no agent in the background."""
+    """If no PID file can be made, the agent doesn't go into the background."""
     tmpfs("/run", "ro")
     daemon = run_to_end(foreground=False)
     assert daemon.status == 1
@@ -272,7 +273,7 @@ def test_read_only_run_directory(tmpfs, run_to_end):
 
 
 def test_full_run_directory(tmpfs, run_to_end):
-    """A PID file that can't hold the number is no PID file, and is removed again."""
+    """If the PID can't be written to the PID file, the file is removed again."""
     tmpfs("/run", "size=4k")
     pathlib.Path("/run/filler").write_bytes(b"x" * 4096)
     daemon = run_to_end(foreground=False)
@@ -284,7 +285,7 @@ def test_full_run_directory(tmpfs, run_to_end):
 @pytest.mark.bare_site
 @pytest.mark.parametrize("is_foreground", [True, False])
 def test_exception_at_the_top(fail_to_start, is_foreground):
-    """A file that is no database: one line on standard error, status 2, and no PID file."""
+    """A file that isn't a database: one line on standard error, status 2, and no PID file."""
     BASE.mkdir(parents=True)
     DATABASE.write_bytes(b"no database at all" * 100)
     fail_to_start(foreground=is_foreground)
@@ -295,8 +296,8 @@ def test_exception_at_the_top(fail_to_start, is_foreground):
 @pytest.mark.bare_site
 @pytest.mark.parametrize("number", STOP_SIGNALS)
 def test_signal_during_composition(make_daemon, number):
-    """There is nothing to stop yet: the line for the terminal and status 0. The daemon is held by a
-    configuration that never comes."""
+    """Nothing has to be stopped yet: the agent prints its line on the terminal and exits with status 0. The
+    daemon is held by a configuration file that blocks its reader."""
     BASE.mkdir(parents=True)
     os.mkfifo(CONFIG)
     daemon = make_daemon()
@@ -307,7 +308,7 @@ def test_signal_during_composition(make_daemon, number):
 
 
 def start_lines(foreground):
-    """The lines that a start prints."""
+    """The lines that the agent prints while it starts."""
     daemon = foreground()
     lines = daemon.output.splitlines(keepends=True)
     daemon.stop()
@@ -315,10 +316,10 @@ def start_lines(foreground):
 
 
 def test_signal_at_each_line_of_the_start(foreground, make_daemon):
-    """The agent is held at each line of its start in turn, by a standard output that takes no more, and gets
-    SIGTERM there. Until it starts its services it ends with status 0. While it starts them it can claim no
-    orderly stop and aborts. With the last line it has started: it stops everything, with status 0."""
-    start_lines(foreground) # each start but the first prints the same lines
+    """The agent is blocked at each line of its start in turn, by a standard output that isn't read, and gets
+    SIGTERM there. Before it starts its services, it ends with status 0. While it starts them, it can't stop
+    in order, and aborts. At the last line it has started: it stops everything, with status 0."""
+    start_lines(foreground) # each start except the first prints the same lines
     lines = start_lines(foreground)
     expected = {}
     seen = {}
@@ -339,12 +340,12 @@ def test_signal_at_each_line_of_the_start(foreground, make_daemon):
 
 
 def test_signal_after_a_start_that_has_failed(background, make_daemon, run_to_end):
-    """The services that were started have been stopped again, and the agent is going: a signal has nothing
-    left to stop, and changes nothing about the status. The daemon is held at each line from there on."""
+    """The services have been stopped again, and the agent is about to exit: a signal has nothing left to
+    stop, and doesn't change the status. The daemon is blocked at each line from there on."""
     background()
     failure = "Unhandled Exception reached the top of main: .*"
     lines = []
-    for _ in range(2): # each start but the first prints the same lines
+    for _ in range(2): # each start except the first prints the same lines
         done = run_to_end()
         done.expect_errors(failure)
         lines = done.output.splitlines(keepends=True)
@@ -362,7 +363,7 @@ def test_signal_after_a_start_that_has_failed(background, make_daemon, run_to_en
 
 
 def test_reader_of_standard_output_goes_away(make_daemon):
-    """`bekd -d | head -1`: the agent goes on, logs to its file and stops with status 0."""
+    """`bekd -d | head -1`: the agent continues, logs to its file and stops with status 0."""
     reader, writer = os.pipe()
     daemon = make_daemon(stdout=writer)
     os.close(writer)
@@ -375,8 +376,8 @@ def test_reader_of_standard_output_goes_away(make_daemon):
 
 @pytest.mark.parametrize("is_foreground", [True, False])
 def test_started_without_standard_streams(make_daemon, database, is_foreground):
-    """An agent whose standard descriptors are closed mistakes none of its files for one of them: log and
-    database hold what they should."""
+    """If the standard descriptors are closed, the agent doesn't use their numbers for its files: nothing
+    foreign is written to the log or the database."""
     closing = ["/bin/sh", "-c", 'exec "$0" "$@" <&- >&- 2>&-']
     daemon = make_daemon(foreground=is_foreground, wrapper=closing)
     daemon.wait_for_log(READY_LINE)
@@ -387,7 +388,7 @@ def test_started_without_standard_streams(make_daemon, database, is_foreground):
 
 
 def test_runs_from_anywhere(make_daemon, tmp_path):
-    """Neither the directory it is started in nor a relative path matters."""
+    """The working directory at the start doesn't matter, nor does a relative path of the program."""
     daemon = make_daemon(foreground=False, cwd=tmp_path, executable=os.path.relpath(program(), tmp_path))
     daemon.wait_until_ready()
     assert daemon.stop() == 0

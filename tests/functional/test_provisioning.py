@@ -1,6 +1,6 @@
 """How the agent gets its certificates from the certificate service, over real HTTPS.
 
-A small program does what the agent does on its start; it reaches the service under the name that is built in.
+A small program does what the agent does when it starts; it uses the built-in host name of the service.
 """
 import http.client
 import json
@@ -37,7 +37,7 @@ def provision(milliseconds=20000):
 
 
 def failure(milliseconds=20000):
-    """The reason that the program gives; what it has logged just before is the same."""
+    """The program's reason for its failure, which it has also logged as its last line."""
     done = provision(milliseconds)
     assert done.returncode == 1
     assert done.stdout == ""
@@ -186,7 +186,7 @@ def test_expired_service_certificate(service_authority):
 
 @pytest.mark.filterwarnings("ignore:ssl.TLSVersion")
 def test_old_tls(service_authority, service_identity):
-    """A server that speaks nothing newer than TLS 1.1 is refused by the client."""
+    """The client refuses a server that supports only TLS 1.1 or older."""
     service = CertificateService(service_authority, identity=service_identity)
     service.context.set_ciphers("ALL:@SECLEVEL=0")
     service.context.minimum_version = ssl.TLSVersion.TLSv1
@@ -219,7 +219,7 @@ def test_directory_that_cannot_be_written(service_authority, service_identity):
 
 def test_full_disk_leaves_no_half_written_file(service_authority, service_identity):
     CERTIFICATES.mkdir(parents=True)
-    run("mount", "-t", "tmpfs", "-o", "size=4k", "tmpfs", CERTIFICATES)  # room for the key alone
+    run("mount", "-t", "tmpfs", "-o", "size=4k", "tmpfs", CERTIFICATES)  # room only for the key
     try:
         with CertificateService(service_authority, identity=service_identity):
             text = failure()

@@ -1,4 +1,4 @@
-"""docs/provisioning.md: how an agent and a device come by certificates without a service, as printed."""
+"""docs/provisioning.md: how an agent and a device get certificates without a service, as printed."""
 import stat
 
 import pytest
@@ -17,7 +17,7 @@ pytestmark = pytest.mark.bare_site
 
 @pytest.fixture
 def execute(tmp_path):
-    """Runs a script in one directory, which stands for those of all the machines of the page."""
+    """Runs a script in one directory, which replaces those of all machines on the page."""
     return shell_in(tmp_path)
 
 
@@ -26,7 +26,7 @@ def blocks(titles):
 
 
 def test_no_other_commands():
-    """All that the page has is run here."""
+    """Every command of the page is run here."""
     assert PAGE.headings == [*FILES, *CALLS]
 
 
@@ -47,7 +47,7 @@ def test_from_nothing_to_a_paired_agent(execute, foreground, database, tmp_path)
     ("-subj /CN=4711", "-subj /CN=04711", "Certificate invalid Common Name"),
 ])
 def test_what_the_page_says_of_a_wrong_device(execute, foreground, old, new, said):
-    """Without any part of the commands the agent closes the connection, and its log says why."""
+    """If a part of the commands is left out, the agent closes the connection, and its log says why."""
     right = blocks(FILES[:3])
     wrong = [block._replace(text=block.text.replace(old, new)) for block in right]
     assert wrong != right
@@ -59,7 +59,7 @@ def test_what_the_page_says_of_a_wrong_device(execute, foreground, old, new, sai
 
 
 def test_another_issuer(execute, foreground):
-    """An authority of the same key with another name doesn't do."""
+    """An authority with the same key but another name isn't accepted."""
     check_blocks(blocks(FILES[:3]), execute)
     other = "openssl req -x509 -new -key ca.key -days 3650 -subj '/CN=Another CA' -out ca.crt\n"
     check_blocks([Block(SH, other), *PAGE["A device's certificate"]], execute)

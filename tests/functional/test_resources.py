@@ -1,4 +1,4 @@
-"""What an idle daemon holds."""
+"""The resources that an idle daemon holds."""
 import collections
 import os
 import pathlib
@@ -15,7 +15,7 @@ Held = collections.namedtuple("Held", "descriptors threads")
 
 
 def held(pid):
-    """What each descriptor of a process leads to, and the number of its threads."""
+    """The targets of a process's descriptors, and the number of its threads."""
     process = pathlib.Path(f"/proc/{pid}")
     descriptors = {int(entry.name): os.readlink(entry) for entry in (process / "fd").iterdir()}
     return Held(descriptors, len(list((process / "task").iterdir())))
@@ -26,14 +26,14 @@ def is_waiting(pid):
 
 
 def processor_times(pid):
-    """What each thread of a process has had so far."""
+    """The processor time that each thread of a process has used."""
     return {path: path.read_text() for path in pathlib.Path(f"/proc/{pid}/task").glob("*/schedstat")}
 
 
 @pytest.mark.parametrize("is_foreground, files", [(True, []), (False, [str(PID_FILE.resolve())])])
 def test_idle_agent_holds_little(make_daemon, is_foreground, files):
-    """Its own thread and that of the API, the standard descriptors and the API's two, in the background the
-    locked PID file too; also after many signals that mean nothing to the agent."""
+    """It has its own thread and that of the API, the standard descriptors and two of the API; in the
+    background also the locked PID file. Even after many signals that it ignores."""
     daemon = make_daemon(foreground=is_foreground, close_fds=True).wait_until_ready()
     wait_until(lambda: is_waiting(daemon.pid), 20, "idle agent")
     before = held(daemon.pid)
@@ -49,7 +49,7 @@ def test_idle_agent_holds_little(make_daemon, is_foreground, files):
 
 
 def test_idle_agent_uses_no_processor_time(foreground):
-    """Between two events it sleeps."""
+    """It sleeps between two events."""
     daemon = foreground()
     wait_until(lambda: is_waiting(daemon.pid), 20, "idle agent")
     wait_until(lambda: "0 0 0\n" not in processor_times(daemon.pid).values(), 20, "first turn of each thread")
@@ -60,7 +60,7 @@ def test_idle_agent_uses_no_processor_time(foreground):
 
 
 def test_starts_with_few_descriptors(make_daemon):
-    """A start needs only a handful of descriptors, and leaves inherited ones alone."""
+    """A start needs only a few descriptors, and leaves inherited ones open."""
     inherited = os.open("/dev/null", os.O_RDONLY)
     try:
         daemon = make_daemon(pass_fds=[inherited], preexec_fn=lambda: resource.setrlimit(

@@ -1,4 +1,4 @@
-"""bek-restore audit: what it finds in right and wrong images, and that backups don't notice it."""
+"""bek-restore audit: its results for right and wrong images, and that it doesn't affect backups."""
 import json
 import os
 import pathlib
@@ -11,10 +11,10 @@ from backup_site import EXT4, XFS, fill_some, root_of
 from fault_site import seeded
 from lab import driver
 from lab.daemon import program
-from lab.holds import Hold
 from lab.images import extents_of
 from lab.services import wait_until
 from lab.snapshots import MOUNT_ROOT, mounts
+from lab.syscalls import Hold
 from lab.volumes import Volume
 
 SECONDS = 60
@@ -35,7 +35,7 @@ def run_audit(volume, image, *options, **more):
 
 
 def audit(volume, image, *options, status=CLEAN):
-    """What an audit tells; everything is compared unless the options say otherwise."""
+    """The result of an audit, which compares everything unless the options say otherwise."""
     everything = () if "--sample" in options else ("--sample", ALL)
     done = run_audit(volume, image, "--json", *everything, *options)
     assert (done.returncode, done.stderr) == (status, ""), done
@@ -43,21 +43,21 @@ def audit(volume, image, *options, status=CLEAN):
 
 
 def pages_of(path):
-    """Where the blocks lie on the volume that hold nothing but this file."""
+    """The offsets of the pages on the volume that hold only this file."""
     os.sync()
     return [at for begin, length in extents_of(path)
             for at in range(-(-begin // PAGE) * PAGE, begin + length - PAGE + 1, PAGE)]
 
 
 def spoil(image, offset):
-    """What a backup that has missed a change leaves."""
+    """Damages an image as a backup that missed a change would."""
     with open(image.path, "r+b", buffering=0) as file:
         was = os.pread(file.fileno(), PAGE, offset)
         os.pwrite(file.fileno(), bytes(byte ^ 0xFF for byte in was), offset)
 
 
 class HeldAudit:
-    """An audit that has taken its snapshot and is about to read the first block of it."""
+    """An audit that is held just before it reads the first block of its snapshot."""
 
     def __init__(self, volume, image):
         stopped = ["sh", "-c", 'kill -STOP $$; exec "$@"', "sh"]
@@ -73,7 +73,7 @@ class HeldAudit:
         return self
 
     def release(self):
-        """Lets it go on; returns its exit status."""
+        """Lets the audit continue; returns its exit status."""
         self._hold.release()
         return self.process.wait(SECONDS)
 
@@ -92,7 +92,7 @@ def image_of(site):
 
 
 def check_next_backup(site):
-    """It sends what has changed, and only that."""
+    """Checks that the next backup sends exactly what has changed."""
     site.change()
     backup = site.protection.run()
     assert backup.state == "finished", backup.log
@@ -101,7 +101,7 @@ def check_next_backup(site):
 
 
 def test_images_that_are_right(volumes, protect):
-    """All blocks are looked at that a backup leaves out, and none is wrong, whatever has changed since."""
+    """The audit compares all blocks that a backup leaves out, and finds none wrong after any changes."""
     protection = protect()
     fill_some(volumes, protection.partitions, "a")
     assert protection.run(full=True).state == "finished"
@@ -110,13 +110,13 @@ def test_images_that_are_right(volumes, protect):
         root = root_of(partition)
         with open(root / "set aside", "wb") as file: # comes into use without a write
             os.posix_fallocate(file.fileno(), 0, 8 << 20)
-        told = audit(root, protection.images[name].path)
+        report = audit(root, protection.images[name].path)
         for stratum in ("unused", "unchanged"):
-            found = told[stratum]
-            assert found["sampled"] == found["blocks"] > 1000, told
-            assert (found["wrong"], found["undecided"], found["upperBound"]) == (0, 0, 0), told
+            found = report[stratum]
+            assert found["sampled"] == found["blocks"] > 1000, report
+            assert (found["wrong"], found["undecided"], found["upperBound"]) == (0, 0, 0), report
             assert found["blocksPerSecond"] > 0
-        assert told["clean"] and told["upperBound"] == 0
+        assert report["clean"] and report["upperBound"] == 0
     backup = protection.run()
     assert backup.state == "finished", backup.log
     assert {backup.type(name) for name in protection.partitions} == {"incremental"}, backup.log
@@ -132,11 +132,11 @@ def test_block_that_a_backup_has_missed(volumes, protect):
         victim = max((path for path in root.rglob("file *")), key=lambda path: path.stat().st_size)
         offset = pages_of(victim)[1]
         spoil(image, offset)
-        told = audit(root, image.path, status=WRONG)
-        assert told["unchanged"]["wrongBlocks"] == [{"offset": offset,
-                                                     "file": f"/{victim.relative_to(root)}"}]
-        assert (told["unchanged"]["wrong"], told["unused"]["wrong"], told["clean"]) == (1, 0, False)
-        assert told["unchanged"]["upperBound"] == pytest.approx(1 / told["unchanged"]["blocks"])
+        report = audit(root, image.path, status=WRONG)
+        assert report["unchanged"]["wrongBlocks"] == [{"offset": offset,
+                                                       "file": f"/{victim.relative_to(root)}"}]
+        assert (report["unchanged"]["wrong"], report["unused"]["wrong"], report["clean"]) == (1, 0, False)
+        assert report["unchanged"]["upperBound"] == pytest.approx(1 / report["unchanged"]["blocks"])
         shown = run_audit(partition.device, image.path, "--sample", ALL)
         assert shown.returncode == WRONG
         assert f"byte {offset}, of /{victim.relative_to(root)}\n" in shown.stdout, shown
@@ -144,7 +144,8 @@ def test_block_that_a_backup_has_missed(volumes, protect):
 
 
 def test_bound_covers_what_is_wrong(one_volume):
-    """A known share of the blocks is wrong. A sample finds some, and its bound isn't below that share."""
+    """A known share of the blocks is wrong. A sample finds some of them, and its bound isn't below that
+    share."""
     site, source = one_volume, seeded()
     root = site.site.mount_point("data")
     everything = audit(root, image_of(site))["unchanged"]["blocks"]
@@ -171,7 +172,7 @@ def test_next_backup_sends_what_has_changed_before_and_after(one_volume):
 
 
 def test_what_is_owed_stays_owed(one_volume):
-    """By a backup that has failed before the audit, and one that fails after it."""
+    """The changes stay owed, whether the failed backup runs before or after the audit."""
     site = one_volume
     for _ in range(2):
         site.change()
@@ -183,7 +184,8 @@ def test_what_is_owed_stays_owed(one_volume):
 
 
 def test_killed_in_the_middle(one_volume):
-    """The next backup may fail for what was left, as after a killed backup. Then images are right again."""
+    """As after a killed backup, the next backup may fail because of what was left. Then images are right
+    again."""
     site = one_volume
     with HeldAudit(site.site.mount_point("data"), image_of(site)) as held:
         assert site.site.states() == [3]
@@ -250,9 +252,9 @@ def test_is_refused_while_a_backup_runs(one_volume):
 def test_volume_that_is_not_tracked(one_volume):
     site = one_volume
     driver.forget_devices()
-    told = audit(site.site.mount_point("data"), image_of(site))
-    assert "compares everything" in told["unchanged"]["notLookedAt"]
-    assert told["unused"]["sampled"] > 1000 and told["unused"]["wrong"] == 0
+    report = audit(site.site.mount_point("data"), image_of(site))
+    assert "compares everything" in report["unchanged"]["notLookedAt"]
+    assert report["unused"]["sampled"] > 1000 and report["unused"]["wrong"] == 0
     assert (driver.devices(), mounts()) == ([], [])
     assert not MOUNT_ROOT.exists() or list(MOUNT_ROOT.iterdir()) == []
     site.change()
@@ -262,7 +264,7 @@ def test_volume_that_is_not_tracked(one_volume):
 
 
 def test_nothing_is_risked(one_volume, tmp_path):
-    """Whatever could cost a volume its tracking is found out before there is a snapshot."""
+    """Everything that could cost a volume its tracking is detected before a snapshot is taken."""
     site = one_volume
     root = site.site.mount_point("data")
     history = root / ".tolvu.inc"
@@ -295,8 +297,8 @@ def test_over_iscsi(one_volume):
     image = site.protection.images["data"]
     host = site.target.portal
     address = f"iscsi://{host}/{site.target.name}/{image.lun}"
-    told = audit(site.site.mount_point("data"), address)
-    assert told["clean"] and told["unchanged"]["sampled"] > 1000
+    report = audit(site.site.mount_point("data"), address)
+    assert report["clean"] and report["unchanged"]["sampled"] > 1000
 
 
 def test_command_line():

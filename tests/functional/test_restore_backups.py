@@ -1,4 +1,4 @@
-"""Volumes whose file system is a process, backed up by the agent and written back by bek-restore."""
+"""FUSE volumes, backed up by the agent and written back by bek-restore."""
 import pytest
 
 from backup_site import check, fill_some, root_of
@@ -13,7 +13,8 @@ VOLUMES = (Volume("windows", "ntfs", mebibytes=300, mount_point="/mnt/windows"),
 
 @pytest.mark.parametrize("name", ["windows", "NO NAME"])
 def test_volume_of_a_backup(protect, volumes, name, directory):
-    """In full, changed, and once more; then to a new file, and each file is what it was."""
+    """Backed up in full, changed, and backed up again; then written to a new file, where each file is the
+    same."""
     fill_some(volumes, [name], "a")
     protection = protect(name)
     check(protection, protection.run(full=True), "full")

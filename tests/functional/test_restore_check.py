@@ -1,4 +1,4 @@
-"""Whether an image can be trusted: each proof, and each kind of damage by its own text."""
+"""Whether an image can be trusted: each check, and each kind of damage with its own text."""
 import contextlib
 import os
 import pathlib
@@ -15,8 +15,8 @@ from lab.filesystems import kind_of
 from lab.services import wait_until
 from lab.targets import Target
 from lab.volume_images import mounted
-from restore_view_site import (DIFFERS, FAILED, MOUNTABLE, SECONDS, WRONG, fails, make_image, make_loop_nodes,
-                               require_nothing_left, restore, told)
+from restore_view_site import (DIFFERS, FAILED, MOUNTABLE, SECONDS, WRONG, fails, json_of, make_image,
+                               make_loop_nodes, require_nothing_left, restore)
 
 HEAD = 10 << 20
 PAGE = 4096
@@ -57,15 +57,15 @@ def poke(path, offset, data):
 
 
 def damage_of(*arguments):
-    """{kind: text} of an image that can't be trusted, with the last line for people."""
-    found = told("check", *arguments, status=DIFFERS)
+    """{kind: text} of an untrusted image, and the last line of the output for people."""
+    found = json_of("check", *arguments, status=DIFFERS)
     assert not found["trusted"]
     assert found["conclusion"].startswith(f"{arguments[-1]} can't be trusted: "), found
     return {each["kind"]: each["text"] for each in found["damage"]}
 
 
 def place_of(image, name):
-    """Where the first block of a file lies."""
+    """The offset of a file's first block."""
     return int(run("debugfs", "-R", f"bmap {name} 0", image)) * int(
         run("dumpe2fs", "-h", image).split("Block size:")[1].split()[0])
 
@@ -75,7 +75,7 @@ def test_a_good_image_of_each_kind(file_system, directory):
     image = make_image(directory, file_system, some_files)
     snapshot = shutil.copy(image, directory / "snapshot")
     before = digest(image)
-    found = told("check", "--against", snapshot, "--files", image)
+    found = json_of("check", "--against", snapshot, "--files", image)
     assert found["trusted"] and found["damage"] == [] and found["notProven"] == [], found
     assert found["comparedFiles"] > 12 and found["comparedBytes"] > 1 << 19
     assert (digest(image), digest(snapshot)) == (before, before)
@@ -91,7 +91,7 @@ def test_a_snapshot_of_a_volume_in_use(file_system, directory):
         if kind_of(file_system).can_freeze:
             run("fsfreeze", "--freeze", root)
             run("fsfreeze", "--unfreeze", root)
-        (root / "behind").mkdir() # so that the journal has something to tell
+        (root / "behind").mkdir() # so that there is something in the journal
         os.sync()
         run("dd", f"if={device}", f"of={taken}", "bs=1M", "iflag=direct")
     shutil.copy(taken, directory / "image")
@@ -110,7 +110,7 @@ def test_hfs_plus_as_far_as_it_goes(directory):
     if shutil.which("fsck.hfsplus") is None:
         said = restore("check", image, status=FAILED).stdout
         assert f"{image} can't be judged: fsck.hfsplus isn't there; install hfsprogs" in said
-    found = told("check", "--against", shutil.copy(image, directory / "snapshot"), image)
+    found = json_of("check", "--against", shutil.copy(image, directory / "snapshot"), image)
     assert found["trusted"] and "of used blocks are those of" in found["conclusion"]
 
 
@@ -118,7 +118,7 @@ def test_what_is_not_in_use_may_differ(ext4, copy):
     free = next(place for place in range((20 << 20), (24 << 20), PAGE)
                 if open(ext4, "rb").read()[place:place + PAGE] == bytes(PAGE))
     poke(copy, free, b"x" * PAGE)
-    assert told("check", "--against", ext4, "--files", copy)["trusted"]
+    assert json_of("check", "--against", ext4, "--files", copy)["trusted"]
 
 
 def test_the_drivers_own_files_may_differ(directory):
@@ -128,7 +128,7 @@ def test_the_drivers_own_files_may_differ(directory):
     snapshot = shutil.copy(image, directory / "snapshot")
     poke(image, place_of(image, ".tolvu") + 5000, b"other")
     poke(image, place_of(image, ".tolvu.inc"), b"other")
-    assert told("check", "--against", snapshot, "--files", image)["trusted"]
+    assert json_of("check", "--against", snapshot, "--files", image)["trusted"]
 
 
 def test_no_file_system(directory):
@@ -204,8 +204,8 @@ def test_the_head_that_the_agent_has_noted(copy, directory):
     database = directory / "agent.sqlite"
     make_database(database, copy, zlib.crc32(copy.read_bytes()[:HEAD]))
     held = sqlite3.connect(database, isolation_level=None)
-    held.execute("begin immediate") # nobody waits for the agent's locks, nor it for others
-    found = told("check", "--database", database, copy)
+    held.execute("begin immediate") # bek-restore must not wait for locks
+    found = json_of("check", "--database", database, copy)
     held.close()
     assert found["trusted"] and "its head is what the last backup has left" in found["proven"]
     free = copy.read_bytes().rindex(bytes(PAGE), 0, HEAD)
@@ -218,10 +218,10 @@ def test_the_head_that_the_agent_has_noted(copy, directory):
 def test_a_head_that_nobody_has_noted(ext4, copy, directory):
     database = directory / "agent.sqlite"
     make_database(database, copy, 0)
-    found = told("check", "--database", database, copy)
+    found = json_of("check", "--database", database, copy)
     assert found["trusted"] and found["notProven"] == ["the agent's database has no checksum of this image"]
     database.write_bytes(b"none at all")
-    found = told("check", "--database", database, copy)
+    found = json_of("check", "--database", database, copy)
     assert found["notProven"] == ["its head wasn't compared: The file is no database"]
 
 
@@ -229,12 +229,12 @@ def test_the_agents_own_database_is_found(copy, directory):
     place = pathlib.Path("/etc/tolvu/bek/agent.sqlite")
     place.parent.mkdir(parents=True, exist_ok=True)
     make_database(place, copy, zlib.crc32(copy.read_bytes()[:HEAD]))
-    assert "its head is what the last backup has left" in told("check", copy)["proven"]
+    assert "its head is what the last backup has left" in json_of("check", copy)["proven"]
 
 
 @contextlib.contextmanager
 def with_bad_place(image, offset, directory):
-    """The address of an image of which a page can't be read."""
+    """The address of an image with a page that can't be read."""
     bad = directory / "bad"
     size = image.stat().st_size
     bad.write_text(f"0x0 ? 1\n0x0 {offset:#x} +\n{offset:#x} 0x1000 -\n"
@@ -253,7 +253,7 @@ def with_bad_place(image, offset, directory):
 def test_a_place_that_cannot_be_read_is_named(ext4, directory):
     place = place_of(ext4, "note")
     with with_bad_place(ext4, place, directory) as address:
-        found = told("check", "--against", ext4, address, status=DIFFERS)
+        found = json_of("check", "--against", ext4, address, status=DIFFERS)
     assert [each["kind"] for each in found["damage"]] == ["unreadable"], found
     assert f"reading {address} at byte " in found["conclusion"]
 
@@ -275,7 +275,7 @@ def test_over_iscsi_with_a_secret_that_can_be_read_once(ext4, directory):
         pipe = directory / "secret"
         os.mkfifo(pipe)
         writer = subprocess.Popen(["sh", "-c", f"echo 'not for every eye' > {pipe}"])
-        found = told("check", "--against", ext4, "--files", "--password-file", pipe, address)
+        found = json_of("check", "--against", ext4, "--files", "--password-file", pipe, address)
         assert found["trusted"] and writer.wait(SECONDS) == 0
         assert digest(served.path) == digest(ext4)
 

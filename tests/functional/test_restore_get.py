@@ -1,4 +1,4 @@
-"""Files of an image, listed and brought back with all that belongs to them."""
+"""Files of an image, listed and restored with all their attributes."""
 import contextlib
 import os
 import pty
@@ -18,8 +18,8 @@ from lab.filesystems import kind_of
 from lab.images import tree_hashes
 from lab.targets import Target
 from lab.volume_images import mounted
-from restore_view_site import (FAILED, MOUNTABLE, SECONDS, WRONG, fails, make_image, make_loop_nodes,
-                               require_nothing_left, restore, servers, told)
+from restore_view_site import (FAILED, MOUNTABLE, SECONDS, WRONG, fails, json_of, make_image,
+                               make_loop_nodes, require_nothing_left, restore, servers)
 
 MOMENT = 1_600_000_000_123_456_789
 ODD_NAMES = ("a\nb", "-rf", "*?[x]", "sp ace ", "\u00fcml\u00e4ut", "back\\slash", "quo'te\"s", "bell\a")
@@ -33,7 +33,7 @@ def clean_site(site):
 
 
 def make_all_kinds(root):
-    """One of each that a server's volume may have."""
+    """Creates one file of each kind that a server's volume may have."""
     fill(root, 1, files=8, largest=60_000)
     odd = root / "odd"
     odd.mkdir()
@@ -66,7 +66,7 @@ def make_all_kinds(root):
 
 @pytest.fixture(scope="module")
 def whole(tmp_path_factory):
-    """(image, what is in it)"""
+    """(image, its content)"""
     make_loop_nodes()
     trees = []
     image = make_image(tmp_path_factory.mktemp("whole"), "ext4",
@@ -102,7 +102,7 @@ def test_each_kind(file_system, directory):
                        lambda root: (fill(root, 2, files=8, largest=60_000), trees.append(tree_hashes(root))))
     restore("get", image, "/", directory / "back")
     assert tree_hashes(directory / "back") == trees[0]
-    listed = told("ls", "-R", image)["entries"]
+    listed = json_of("ls", "-R", image)["entries"]
     assert {entry["path"] for entry in listed} == set(trees[0])
 
 
@@ -150,7 +150,7 @@ def test_links_of_the_image_never_lead_to_this_machine(whole, directory):
     for name in ("away", "up"):
         restore("get", image, name, directory / name)
         assert os.path.islink(directory / name)
-    assert [entry["path"] for entry in told("ls", image, "out/")["entries"]] == ["hostname"]
+    assert [entry["path"] for entry in json_of("ls", image, "out/")["entries"]] == ["hostname"]
 
 
 def test_what_is_there_is_kept_unless_told(whole, directory):
@@ -185,7 +185,7 @@ def test_what_cannot_be_brought_is_named(whole, directory, tmpfs):
 
 def test_a_damaged_file_is_named_and_the_others_come(directory):
     image = make_image(directory, "ext4", lambda root: fill(root, 3, files=8, largest=60_000))
-    listed = [entry["path"] for entry in told("ls", "-R", image)["entries"] if entry["type"] == "file"]
+    listed = [entry["path"] for entry in json_of("ls", "-R", image)["entries"] if entry["type"] == "file"]
     inode = run("debugfs", "-R", f'stat "{listed[0]}"', image).split()[1]
     run("debugfs", "-w", "-R", f"set_inode_field <{inode}> block[0] 0xffff", image)
     run("debugfs", "-w", "-R", f"set_inode_field <{inode}> checksum 0x12345678", image)
@@ -200,7 +200,7 @@ def test_why_a_volume_cannot_be_mounted_is_told_by_its_driver(directory):
         found = kind_of("ntfs").structures(device, root)
     table = next(offset for offset, text in found.items() if "FILE magic" in text)
     with open(image, "r+b") as file:
-        file.seek(table + 6 * 1024) # the record of the map of clusters
+        file.seek(table + 6 * 1024) # the record of the cluster bitmap
         file.write(bytes(1024))
     assert "ntfs-3g can't mount it: " in fails("ls", image)
 
@@ -210,7 +210,7 @@ def test_a_listing(whole):
     assert restore("ls", image, "/odd").stdout.splitlines() == [
         "*?[x]", "-rf", "a\\nb", "back\\\\slash", "bell\\007", "quo'te\"s", "second name", "sp ace ",
         "\u00fcml\u00e4ut"]
-    listed = {entry["path"]: entry for entry in told("ls", "-R", image)["entries"]}
+    listed = {entry["path"]: entry for entry in json_of("ls", "-R", image)["entries"]}
     assert set(listed) == set(expected)
     owned = listed["owned"]
     assert (owned["mode"], owned["owner"], owned["group"]) == ("-rwsr-x--x", 1234, 4321)
@@ -218,7 +218,7 @@ def test_a_listing(whole):
     assert (owned["modified"], owned["modifiedNanoseconds"]) == ("2020-09-13T12:26:40Z", 123_456_789)
     assert (listed["away"]["type"], listed["away"]["target"]) == ("link", "/etc/hostname")
     assert restore("ls", "-l", image, "up").stdout.endswith(" up -> ../../../../../../etc/hostname\n")
-    assert told("ls", image, "sparse")["entries"][0]["allocated"] < 1 << 20
+    assert json_of("ls", image, "sparse")["entries"][0]["allocated"] < 1 << 20
     assert "can't be opened in the image" in fails("ls", image, "no")
 
 
@@ -232,7 +232,7 @@ def test_over_iscsi(whole, directory):
 
 
 def test_a_terminal_sees_how_far_it_is(directory):
-    """And that what is said next begins a line of its own."""
+    """A terminal shows the progress; messages after that begin on a line of their own."""
     def fill_half(root):
         (root / "full").write_bytes(os.urandom(8 << 20))
         os.link(root / "full", root / "again")
@@ -244,7 +244,7 @@ def test_a_terminal_sees_how_far_it_is(directory):
     if child == 0:
         os.execv(program("bek-restore"), ["bek-restore", "get", image, "/", str(directory / "back")])
     shown = b""
-    with contextlib.suppress(OSError): # the terminal's end
+    with contextlib.suppress(OSError): # raised when the terminal's other end is closed
         while select.select([terminal], [], [], SECONDS)[0]:
             shown += os.read(terminal, 4096)
     assert os.waitpid(child, 0)[1] == 0, shown

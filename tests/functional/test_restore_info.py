@@ -1,4 +1,4 @@
-"""What bek-restore tells of an image, beside what the tools tell that made it."""
+"""The information that bek-restore shows about an image, compared with that of the tools that made it."""
 import json
 import time
 
@@ -27,24 +27,29 @@ def info(*arguments, **options):
 def test_file_system_of_each_kind(file_system, directory):
     mebibytes, making, label, uuid, feature = MAKING[file_system]
     image = make_image(directory / "image", mebibytes, file_system, *making)
-    told = info(image)
-    assert (told["kind"], told["label"], told["bytes"]) == (file_system, label, mebibytes * MIB)
-    assert told["uuid"] == uuid if uuid else len(told["uuid"]) > 8
-    assert 0 < told["usedBytes"] < told["volumeBytes"] <= told["bytes"]
-    assert feature in told["features"] and told["journal"] == "clean" and told["note"] is None
+    report = info(image)
+    assert (report["kind"], report["label"], report["bytes"]) == (file_system, label, mebibytes * MIB)
+    assert report["uuid"] == uuid if uuid else len(report["uuid"]) > 8
+    assert 0 < report["usedBytes"] < report["volumeBytes"] <= report["bytes"]
+    assert feature in report["features"] and report["journal"] == "clean" and report["note"] is None
     assert label in restore("info", image)
+
+
+def test_wrong_commands(directory):
+    assert refusal("nonsense", status=2).startswith("there is no command nonsense\n")
+    assert refusal("info", directory, "--offset", "-1", status=2).startswith("--offset: is negative: -1\n")
 
 
 def test_hfs_volume(directory):
     image = make_image(directory / "image", 40, "hfsplus")
-    told = info(image)
-    assert told["kind"] == "hfsplus" and told["usedBytes"] > 0
-    assert told["journal"] in ("clean", "dirty")
+    report = info(image)
+    assert report["kind"] == "hfsplus" and report["usedBytes"] > 0
+    assert report["journal"] in ("clean", "dirty")
 
 
 @pytest.mark.parametrize("file_system", ["ext4", "xfs"])
 def test_journal_that_has_to_be_replayed(file_system, directory):
-    """An image as a backup of a volume in use leaves it."""
+    """The image is as a backup of a volume in use leaves it."""
     image = make_image(directory / "image", MAKING[file_system][0], file_system)
     begin = int(time.time())
     with mounted(image, file_system, directory / "tree") as (device, tree):
@@ -52,24 +57,24 @@ def test_journal_that_has_to_be_replayed(file_system, directory):
         run("sync")
         copy = directory / "copy"
         run("dd", f"if={device}", f"of={copy}", "bs=1M", "iflag=direct", "status=none")
-    told = info(copy)
-    assert told["journal"] == "needs replay"
+    report = info(copy)
+    assert report["journal"] == "needs replay"
     assert "replayed" in restore("info", copy)
     if file_system == "ext4":
-        assert told["lastMounted"] >= time.strftime("%Y-%m-%dT%H:%M:%SZ", time.gmtime(begin))
+        assert report["lastMounted"] >= time.strftime("%Y-%m-%dT%H:%M:%SZ", time.gmtime(begin))
     assert info(image)["journal"] == "clean"
 
 
 def test_image_with_nothing_known(directory):
     image = directory / "image"
     image.write_bytes(b"\xDB" * 4 * MIB)
-    told = info(image)
-    assert told["kind"] is None and told["usedBytes"] is None and told["partitions"] == []
+    report = info(image)
+    assert report["kind"] is None and report["usedBytes"] is None and report["partitions"] == []
     assert "nothing that is known" in restore("info", image)
 
 
 def test_whole_disk(directory):
-    """What lies where, and how to name it."""
+    """Shows the partitions, and how to address them."""
     disk = directory / "disk"
     with open(disk, "wb") as file:
         file.truncate(500 * MIB)
@@ -104,13 +109,13 @@ def test_whole_target(directory):
 
 
 def test_tool_that_is_missing_is_named(directory):
-    """Less is told, and why."""
+    """Less information is shown, with the reason."""
     image = make_image(directory / "image", 100, "ntfs")
     with open("/dev/null", "rb") as nothing:
         run("mount", "--bind", nothing.name, "/usr/bin/ntfsinfo")
     try:
-        told = info(image)
+        report = info(image)
     finally:
         run("umount", "/usr/bin/ntfsinfo")
-    assert told["kind"] == "ntfs" and told["journal"] == "unknown"
-    assert "ntfsinfo" in told["note"]
+    assert report["kind"] == "ntfs" and report["journal"] == "unknown"
+    assert "ntfsinfo" in report["note"]

@@ -1,5 +1,5 @@
-"""Images that are shown in a directory: each kind, from each transport, whatever becomes of processes and
-targets."""
+"""Images that are mounted on a directory: each kind, from each transport, even if processes or targets
+fail."""
 import os
 import pathlib
 import signal
@@ -14,8 +14,8 @@ from lab.images import tree_hashes
 from lab.targets import Target
 from lab.volume_images import mounted
 from lab.zephane import ZephaneServer
-from restore_view_site import (MOUNTABLE, SECONDS, VIEWS, command_of, fails, make_image, make_loop_nodes,
-                               mount_of, require_nothing_left, restore, servers, states, told)
+from restore_view_site import (MOUNTABLE, SECONDS, VIEWS, command_of, fails, json_of, make_image,
+                               make_loop_nodes, mount_of, require_nothing_left, restore, servers, states)
 
 SECRET = "not for every eye"
 
@@ -24,7 +24,7 @@ SECRET = "not for every eye"
 def clean_site(site):
     make_loop_nodes()
     yield
-    for state in states(): # of a test that has failed
+    for state in states(): # left by a failed test
         restore("umount", state["mountPoint"])
     require_nothing_left()
 
@@ -35,7 +35,7 @@ def some_files(root):
 
 @pytest.fixture(scope="module")
 def ext4(tmp_path_factory):
-    """(image, what is in it)"""
+    """(image, its content)"""
     trees = []
     image = make_image(tmp_path_factory.mktemp("ext4"), "ext4",
                        lambda root: (some_files(root), trees.append(tree_hashes(root))))
@@ -189,10 +189,10 @@ def test_two_views_of_one_image(ext4, directory):
 def test_told_to_programs(ext4, directory):
     view = directory / "view"
     view.mkdir()
-    found = told("mount", ext4[0], view)
+    found = json_of("mount", ext4[0], view)
     assert (found["mountPoint"], found["kind"]) == (str(view), "ext4")
     assert pathlib.Path(found["device"]).is_block_device()
-    assert told("umount", view) == {"mountPoint": str(view)}
+    assert json_of("umount", view) == {"mountPoint": str(view)}
 
 
 def test_what_cannot_be_mounted(directory):

@@ -1,5 +1,5 @@
-"""docs/restore.md: single files, whether an image can be trusted, and a sample of it. The server that comes
-back is in tests/machine."""
+"""docs/restore.md: single files, whether an image can be trusted, and an audit by samples. The restore of a
+server is tested in tests/machine."""
 import os
 import pathlib
 import subprocess
@@ -44,7 +44,7 @@ def backed_up(protect, volumes):
 
 @pytest.fixture
 def follow(backed_up, tmp_path):
-    """follow(KIND, NAME=VALUE...) runs the blocks of a kind, in a shell of an administrator."""
+    """follow(KIND, NAME=VALUE...) runs the blocks of a kind, in an administrator's shell."""
     address, secret = address_of(backed_up.images["data"])
 
     def run(kind, **variables):

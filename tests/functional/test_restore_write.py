@@ -1,4 +1,5 @@
-"""A volume that bek-restore writes back: whole, wherever its image is, however often it was interrupted."""
+"""A volume that bek-restore writes back: complete, wherever its image is, and however often it was
+interrupted."""
 import contextlib
 import hashlib
 import json
@@ -32,7 +33,7 @@ SAMPLES = {"ext4": (180, "-b", "1024"), "ext3": (90,), "xfs": (320,), "ntfs": (1
 
 @contextlib.contextmanager
 def device_of(path, mebibytes, **options):
-    """An empty block device, in a file that is made for it."""
+    """An empty block device, on a new file."""
     with open(path, "wb") as file:
         file.truncate(mebibytes * MIB)
     with attached(path, **options) as device:
@@ -40,13 +41,13 @@ def device_of(path, mebibytes, **options):
 
 
 def blank(path, size):
-    """A file full of something else."""
+    """Makes a file full of other data."""
     path.write_bytes(random.Random(size).randbytes(MIB) * (size // MIB))
     return path
 
 
 def check_volume(path, file_system, expected):
-    """The checker of the file system has nothing to say, and all files are there."""
+    """Checks that the file system's checker reports no error, and that all files are there."""
     images.fsck(path, file_system)
     with images.mounted(path, file_system) as root:
         assert manifest(root) == expected
@@ -55,7 +56,7 @@ def check_volume(path, file_system, expected):
 @OVER_BOTH
 @pytest.mark.parametrize("name", ["data", "files"])
 def test_volume_of_a_backup(protect, volumes, target, name, directory):
-    """Backed up in full, changed, backed up again; then to a new device, over the network."""
+    """Backed up in full, changed, backed up again; then restored to a new device, over the network."""
     if isinstance(target, Target):
         target.require_chap(USER, PASSWORD)
     fill_some(volumes, [name], "a")
@@ -67,14 +68,14 @@ def test_volume_of_a_backup(protect, volumes, target, name, directory):
     expected = manifest(root_of(volumes[name]))
     address, secret = address_of(protection.images[name])
     with device_of(directory / "new", volumes[name].volume.mebibytes) as device:
-        told = json.loads(restore("write", f"{address}?offset={3 * MIB}", device, "--json", secret=secret))
-    assert told["usedBlocksKnown"] and told["comparedBytes"] == told["copiedBytes"]
-    assert told["copiedBytes"] <= told["usedBytes"] <= told["copiedBytes"] + MIB < told["volumeBytes"]
+        report = json.loads(restore("write", f"{address}?offset={3 * MIB}", device, "--json", secret=secret))
+    assert report["usedBlocksKnown"] and report["comparedBytes"] == report["copiedBytes"]
+    assert report["copiedBytes"] <= report["usedBytes"] <= report["copiedBytes"] + MIB < report["volumeBytes"]
     check_volume(directory / "new", volumes[name].volume.file_system, expected)
 
 
 def aged_image(path, file_system):
-    """(path, manifest): an image with a history."""
+    """(path, manifest) of an image of an aged file system."""
     kind = kind_of(file_system)
     mebibytes, *making = SAMPLES[file_system]
     make_image(path, mebibytes, file_system, *making)
@@ -104,7 +105,7 @@ def test_volume_of_each_kind(file_system, directory):
 
 
 def test_hfs_volume(directory):
-    """Nothing here mounts it: each of its used blocks is there, by its own tool, and its map."""
+    """The lab can't mount HFS+, so only the used blocks, by HFS+'s own tool, and the bitmap are compared."""
     hfs = next(kind for kind in KINDS if kind.name == "hfs")
     sample = hfs.samples[0]
     image = make_image(directory / "image", sample.mebibytes, sample.file_system, *sample.options)
@@ -118,13 +119,13 @@ def test_kind_that_is_not_known(directory):
     image = blank(directory / "image", 20 * MIB)
     target = directory / "new"
     target.touch()
-    told = json.loads(restore("write", image, target, "--json"))
-    assert not told["usedBlocksKnown"] and "no kind that is known" in told["reason"]
+    report = json.loads(restore("write", image, target, "--json"))
+    assert not report["usedBlocksKnown"] and "no kind that is known" in report["reason"]
     assert target.read_bytes() == image.read_bytes()
 
 
 def test_only_used_blocks_are_written(ext4_image, directory):
-    """What is unused on the device stays what it was, or is given back to it."""
+    """Unused blocks of the device keep their content, or are discarded."""
     image, _ = ext4_image
     free = images.truth_of(image, "ext4")
     poisoned = bytearray(image.read_bytes())
@@ -134,13 +135,14 @@ def test_only_used_blocks_are_written(ext4_image, directory):
     target = directory / "new"
     target.touch()
     restore("write", directory / "image", target)
-    # Pages of 4 KiB that hold at least one block in use are written as they are.
+    # Pages of 4 KiB with at least one used block are written as a whole.
     assert target.read_bytes().count(b"\xDB" * 4096) == 0
     assert os.stat(target).st_blocks * 512 < len(poisoned) / 2
 
 
 def test_interrupted_at_random_points(ext4_image, directory):
-    """By SIGKILL, as a power cut of the rescue system would, and by people. It goes on from there."""
+    """The restore is interrupted by SIGKILL, which stands for a power cut of the rescue system, and by users.
+    The next run continues from there."""
     image, expected = ext4_image
     source = random.Random(4)
     kills = 0
@@ -172,7 +174,7 @@ def test_target_goes_away_and_comes_back(ext4_image, directory):
             time.sleep(1)
             target.start()
             done = ended(process)
-            if done.returncode != 0: # it was gone for too long, or before anything was begun
+            if done.returncode != 0: # the target was away for too long, or before the start
                 restore("write", address, device)
     check_volume(directory / "new", "ext4", expected)
 
@@ -190,7 +192,7 @@ def test_target_that_stays_away(ext4_image, directory):
 
 
 def test_device_that_is_full(ext4_image, directory, tmpfs):
-    """A file finds no room. With room, it goes on."""
+    """A file can't be extended. When there is room again, the restore continues."""
     image, expected = ext4_image
     small = directory / "small"
     tmpfs(small, "size=8m")
@@ -248,7 +250,7 @@ def test_device_with_half_of_another_image(ext4_image, directory):
             time.sleep(0.001)
         process.kill()
         ended(process)
-    if b"BEKREST1" in target.read_bytes()[:8192]: # it was ended in time
+    if b"BEKREST1" in target.read_bytes()[:8192]: # it was killed in time
         assert "an interrupted run" in refusal("write", image, target)
     restore("write", image, target, "--overwrite")
     check_volume(target, "ext4", expected)
@@ -257,8 +259,8 @@ def test_device_with_half_of_another_image(ext4_image, directory):
 def test_dry_run_writes_nothing(ext4_image, directory):
     image, _ = ext4_image
     with device_of(directory / "new", 200) as device:
-        told = json.loads(restore("write", image, device, "--dry-run", "--json"))
-        assert told["volumeBytes"] == 180 * MIB and told["content"] is None
+        report = json.loads(restore("write", image, device, "--dry-run", "--json"))
+        assert report["volumeBytes"] == 180 * MIB and report["content"] is None
         assert restore("write", image, device, "--dry-run").startswith("Would write ")
     assert os.stat(directory / "new").st_blocks == 0
 
@@ -275,7 +277,7 @@ def test_what_can_not_be_meant(ext4_image, directory):
 
 @pytest.fixture
 def guarded(ext4_image):
-    """An image that a password is asked for, and the tree in it."""
+    """An image that needs a password, and the tree in it."""
     with Target() as target:
         target.require_chap(USER, PASSWORD)
         served = target.add_image("image", ext4_image[0].stat().st_size, poisoned=False)
@@ -303,7 +305,7 @@ def test_password_that_nobody_gives(guarded, directory):
 
 
 def test_password_at_a_terminal(guarded, directory):
-    """It is asked for, and not shown; and how far it is, is."""
+    """The password prompt doesn't echo; the progress is shown."""
     (directory / "new").touch()
     child, terminal = pty.fork()
     if child == 0:
@@ -311,7 +313,7 @@ def test_password_at_a_terminal(guarded, directory):
                  ["bek-restore", "write", guarded, str(directory / "new")])
     shown = b""
     has_answered = False
-    with contextlib.suppress(OSError): # the terminal's end
+    with contextlib.suppress(OSError): # raised when the terminal's other end is closed
         while select.select([terminal], [], [], 60)[0]:
             shown += os.read(terminal, 4096)
             if not has_answered and b": " in shown:

@@ -1,6 +1,6 @@
-"""lab/site: it comes up, it goes, and whatever is killed meanwhile, nothing stays behind.
+"""lab/site: it comes up and goes down, and whatever is killed meanwhile, nothing is left behind.
 
-Each test has a checkout of its own, as there is one site a checkout.
+Each test has a checkout of its own, as there is one site for each checkout.
 """
 import json
 import os
@@ -68,7 +68,8 @@ def test_shell_without_a_site(checkout):
 
 @pytest.mark.parametrize("whom", ["recorded", "first", *SERVICES])
 def test_killing_anybody_leaves_nothing(checkout, whom):
-    """The holder with all that is the site's, or one service without the rest: that goes with the site."""
+    """If the holder is killed, all of the site ends; if one service is killed, the others stay until the site
+    goes down."""
     checkout.up()
     processes = checkout.processes()
     first = {"recorded": checkout.record["pid"], "first": checkout.first_process()}
@@ -91,8 +92,8 @@ def test_up_after_a_crash(checkout):
 
 
 def test_goes_where_orphans_are_not_reaped(checkout):
-    """As in a container whose first process only waits for its own child: what has lost its parent stays in
-    the table of processes for ever."""
+    """The first process reaps only its own child, as in some containers: orphans stay in the process table
+    for ever."""
     program = "import subprocess, sys; sys.exit(subprocess.call(sys.argv[1:]))"
     done = subprocess.run(
         ["unshare", "--pid", "--fork", "--mount-proc", sys.executable, "-c", program, "sh", "-ec",
@@ -103,7 +104,7 @@ def test_goes_where_orphans_are_not_reaped(checkout):
 
 
 def test_record_of_another_process_is_left_alone(checkout):
-    """A number that the machine has given to somebody else since."""
+    """The PID now belongs to another process."""
     checkout.up()
     record = checkout.record
     checkout.site("down")
@@ -119,7 +120,7 @@ def test_record_of_another_process_is_left_alone(checkout):
 
 
 def test_busy_site_goes_down(checkout):
-    """Somebody stands on a volume and holds a file of it open."""
+    """A process has its working directory on a volume, and has a file of it open."""
     checkout.up()
     with subprocess.Popen([checkout.directory / "lab" / "site", "shell", "sh", "-c",
                            "cd /mnt/data && exec 3>file && echo there && exec sleep 600"],
@@ -140,7 +141,7 @@ def test_two_sites_at_once(checkout, tmp_path_factory):
 
 
 def test_site_that_cannot_come_up(checkout):
-    """It says why, and leaves nothing."""
+    """`lab/site up` says why, and leaves nothing behind."""
     path = checkout.directory / "lab" / "xfs.py"
     path.write_text(path.read_text(encoding="utf-8").replace('"mkfs.xfs"', '"mkfs.none"'), encoding="utf-8")
     status, _, errors = checkout.run("up")
@@ -151,12 +152,12 @@ def test_site_that_cannot_come_up(checkout):
 
 
 def printed_commands(text):
-    """Those that are to be typed next: set in, and some in two lines."""
+    """The commands to be typed next: indented, and some of them in two lines."""
     return re.findall(r"^    (lab/site shell (?:.*\\\n)*.*)$", text, re.MULTILINE)
 
 
 def test_paired(checkout):
-    """What is printed says what is there, and the commands in it work."""
+    """The output describes what there is, and its commands work."""
     text = checkout.up("--paired")
     assert "paired with the appliance of number 4711" in text
     assert checkout.site("status") == (0, text)
@@ -174,7 +175,7 @@ def test_paired(checkout):
 
 
 def test_paired_daemon_is_stopped_and_started_as_an_administrator_does(checkout):
-    """The site's first process buries it, so that its number and its port are free."""
+    """The site's first process reaps the daemon, so that its PID and its port are free."""
     checkout.up("--paired")
     ended = "while [ -e /proc/$(cat /run/bekd.pid) ]; do sleep 0.1; done"
     answers = "until lab/appliance driver; do sleep 0.1; done 2>/dev/null"
@@ -183,8 +184,8 @@ def test_paired_daemon_is_stopped_and_started_as_an_administrator_does(checkout)
 
 
 def show_snapshot(checkout):
-    """Brings a paired site up, with a backup whose snapshot is there. Returns the numbers of the file systems
-    that the site's captures and images lie on."""
+    """Brings a paired site up, with a backup in the middle, whose snapshot exists. Returns the device numbers
+    (st_dev) of the file systems with the site's captures and images."""
     text = checkout.up("--paired")
     checkout.inside("dd", "if=/dev/urandom", "of=/mnt/data/file", "bs=1M", "count=500", "status=none")
     stores = [int(checkout.inside("stat", "--format=%d", path)) for path in ("/var/lib/tolvubd", "/tmp")]
@@ -195,7 +196,7 @@ def show_snapshot(checkout):
 
 @pytest.mark.parametrize("whom", ["recorded", "first", "bekd", "tgtd"])
 def test_paired_site_that_is_killed_leaves_nothing(checkout, whom):
-    """In the middle of a backup, while its snapshot is mounted."""
+    """The site is killed in the middle of a backup, while its snapshot is mounted."""
     stores = show_snapshot(checkout)
     processes = checkout.processes()
     first = {"recorded": checkout.record["pid"], "first": checkout.first_process()}
@@ -207,12 +208,12 @@ def test_paired_site_that_is_killed_leaves_nothing(checkout, whom):
 
 
 def test_snapshot_of_another_site_is_left_alone(checkout, tmp_path_factory):
-    """The kernel has given that one the number of the file system that was the first one's."""
+    """The kernel has reused the first site's file system number for the second one."""
     checkout.up()
     record = checkout.record
     with Checkout(tmp_path_factory.mktemp("other")) as other:
         captures, _ = show_snapshot(other)
-        os.kill(other.pid_of("tgtd"), signal.SIGSTOP) # so that its backup goes on
+        os.kill(other.pid_of("tgtd"), signal.SIGSTOP) # which keeps its backup running
         os.kill(record["pid"], signal.SIGKILL)
         path = checkout.directory / "build" / "site.json"
         path.write_text(json.dumps(record | {"captures": captures}), encoding="ascii")
@@ -236,7 +237,7 @@ def test_paired_over_a_site_that_is_not(checkout):
 
 
 def test_paired_site_that_cannot_come_up(checkout):
-    """It says why, and leaves nothing of what was there already."""
+    """`lab/site up` says why, and ends everything that it had started."""
     path = checkout.directory / "lab" / "targets.py"
     text = path.read_text(encoding="utf-8")
     path.write_text(text.replace('"tgtd", "-f"', '"none", "-f"'), encoding="utf-8")

@@ -1,7 +1,7 @@
 """The sleep lock against the real message bus and the real login manager.
 
-A small program holds the lock until its standard input closes; the login manager's own tool tells who keeps
-the machine awake.
+A small program holds the lock until its standard input closes; the login manager's own tool shows who
+inhibits sleep.
 """
 import os
 import re
@@ -19,7 +19,7 @@ SECONDS = 20
 
 
 def inhibitors():
-    """What `systemd-inhibit --list` shows."""
+    """The output of `systemd-inhibit --list`."""
     listing = subprocess.run(
         ["systemd-inhibit", "--list", "--no-pager"], env={**os.environ, "COLUMNS": "500"},
         capture_output=True, text=True, check=True, timeout=SECONDS)
@@ -35,7 +35,7 @@ class Holder:
         return self
 
     def release(self):
-        """Ends the program; returns all that it printed."""
+        """Ends the program; returns its output."""
         output, _ = self.process.communicate(timeout=SECONDS)
         assert self.process.returncode == 0
         return output
@@ -59,7 +59,7 @@ def login_manager(bus):
 
 
 def held_by(pid):
-    """The set of what the process keeps from happening, empty if nothing."""
+    """The set of actions that the process inhibits."""
     row = ROW.search(inhibitors())
     return set(row.group(2).split(":")) if row and int(row.group(1)) == pid else set()
 

@@ -1,9 +1,8 @@
-"""Snapshots of real file systems, taken and ended as a backup does, with the driver's stand-in."""
+"""Snapshots of real file systems, taken and ended as in a backup, with the driver's stand-in."""
 import errno
 import itertools
 import os
 import pathlib
-import random
 import re
 import subprocess
 
@@ -13,10 +12,10 @@ from change_records import UNIT, differing_units, marked_since
 from lab import driver
 from lab.daemon import BASE, program
 from lab.driver import STORE
-from lab.holds import MOUNT_CALLS
 from lab.images import tree_hashes
 from lab.snapshots import MOUNT_ROOT, SessionError
-from snapshot_site import COW_MIB, EXT4, SnapshotSite, keep, read_device, read_record
+from snapshot_site import (COW_MIB, EXT4, SnapshotSite, copy_snapshot, fill_tree, read_device, read_record,
+                           recover)
 
 MIB = 1 << 20
 BOTH = ("data", "files")
@@ -32,25 +31,15 @@ def lab_site(site):
 
 @pytest.fixture
 def small_site(site):
-    """One volume only, for what is done many times."""
+    """A site with only one volume, for operations that are done many times."""
     with SnapshotSite((EXT4,)) as made:
         fill_tree(made.mount_point("data"), seed=1)
         yield made
 
 
-def fill_tree(root, seed):
-    """Writes some files of random content, and takes some away."""
-    numbers = random.Random(seed)
-    for number in range(20):
-        path = pathlib.Path(root, f"folder {number % 3}", f"file {numbers.randrange(40)}")
-        path.parent.mkdir(exist_ok=True)
-        path.write_bytes(numbers.randbytes(numbers.randrange(200_000)))
-    for path in sorted(pathlib.Path(root).glob("*/file *"))[::7]:
-        path.unlink()
-
-
 def fail_session(site, incremental=True, trace=()):
-    """Runs a session whose start must fail; ends it as a backup does. Returns the text and the log."""
+    """Runs a session whose start must fail, and ends it as a backup does. Returns the error text and the
+    log."""
     with site.session(incremental=incremental) as session:
         if trace:
             session.trace(*trace)
@@ -58,38 +47,22 @@ def fail_session(site, incremental=True, trace=()):
             session.start()
         try:
             session.end("failure")
-        except SessionError as error: # a volume without a device has no record to tell of
+        except SessionError as error: # a volume without a device has no record to report
             assert str(error).startswith("Unable to determine incremental bitmap file name.")
         return str(caught.value), session.log
 
 
 def begin_tracking(site, directory):
-    """Has changes recorded from now on; returns copies of what the volumes hold now."""
+    """Starts tracking; returns copies of the volumes' current content."""
     with site.session(incremental=False) as session:
         facts = session.start()
-        captures = {name: keep(facts[name]["snapshotPath"], directory / name) for name in BOTH}
+        captures = {name: copy_snapshot(facts[name]["snapshotPath"], directory / name) for name in BOTH}
         session.end("success")
     return captures
 
 
-def recover(site, incremental):
-    """What the next backups do after one that was killed: at most one of them fails."""
-    for _ in range(2):
-        with site.session(incremental=incremental) as session:
-            try:
-                session.start()
-                return session.end("success")
-            except SessionError as error:
-                failure = f"{error}\n{session.log}"
-                try:
-                    session.end("failure")
-                except SessionError:
-                    pass # there is no device any more
-    raise AssertionError(failure)
-
-
 def test_snapshot_stands_still(lab_site):
-    """While the volumes change, their mounted snapshots show what was there before."""
+    """While the volumes change, their mounted snapshots still show the old content."""
     before = {name: tree_hashes(lab_site.mount_point(name)) for name in BOTH}
     with lab_site.session(incremental=False) as session:
         facts = session.start()
@@ -119,7 +92,7 @@ def test_snapshot_stands_still(lab_site):
 
 
 def test_check_finds_a_snapshot_that_is_gone(lab_site):
-    """Somebody ends the snapshots behind the agent's back, as an administrator may."""
+    """The snapshots are ended without the agent's knowledge, as an administrator may do."""
     with lab_site.session(incremental=False) as session:
         session.start()
         lab_site.forget_snapshots()
@@ -130,8 +103,8 @@ def test_check_finds_a_snapshot_that_is_gone(lab_site):
 
 
 def test_record_marks_exactly_what_has_changed(lab_site, tmp_path):
-    """The closed CoW file of an incremental marks the units in which the two captures differ, and those that
-    have come into use, no other."""
+    """The CoW file that an incremental backup closes marks exactly the units in which the two captures
+    differ, and those that have come into use."""
     captures = begin_tracking(lab_site, tmp_path)
     for name in BOTH:
         fill_tree(lab_site.mount_point(name), seed=3)
@@ -141,7 +114,7 @@ def test_record_marks_exactly_what_has_changed(lab_site, tmp_path):
             assert facts[name]["incrementalPreserved"] is True
             assert facts[name]["fileName"] == str(lab_site.mount_point(name) / ".tolvu")
             assert facts[name]["bitmapOffset"] == UNIT
-            after = keep(facts[name]["snapshotPath"], tmp_path / f"{name} after")
+            after = copy_snapshot(facts[name]["snapshotPath"], tmp_path / f"{name} after")
             marked, count = read_record(facts[name]["fileName"], after.stat().st_size // UNIT)
             assert marked == marked_since(captures[name], after, lab_site[name].volume.file_system)
             assert count == len(marked) > len(set(differing_units(captures[name], after))) > 100
@@ -154,13 +127,13 @@ def test_record_marks_exactly_what_has_changed(lab_site, tmp_path):
 
 
 def test_failed_backup_is_made_good_by_the_next(small_site, tmp_path):
-    """What a failed session has not delivered comes back in the next one, and once that has succeeded, no
-    more."""
+    """The next session reports again what a failed session hasn't delivered; after that one has succeeded, no
+    later one does."""
     captures, marked, counts = [], [], []
     for outcome in ("success", "failure", "failure", "success", "success"):
         with small_site.session(incremental=bool(captures)) as session:
             facts = session.start()["data"]
-            captures.append(keep(facts["snapshotPath"], tmp_path / f"capture {len(captures)}"))
+            captures.append(copy_snapshot(facts["snapshotPath"], tmp_path / f"capture {len(captures)}"))
             marks, count = read_record(facts["fileName"], captures[0].stat().st_size // UNIT)
             marked.append(marks)
             counts.append(count)
@@ -178,7 +151,7 @@ def test_failed_backup_is_made_good_by_the_next(small_site, tmp_path):
 
 
 def test_failed_first_backup_leaves_no_device(small_site):
-    """A volume that wasn't tracked before a failed backup isn't after it."""
+    """A volume that wasn't tracked before a failed backup isn't tracked after it."""
     with small_site.session(incremental=False) as session:
         session.start()
         with pytest.raises(SessionError, match="No device available"):
@@ -193,7 +166,7 @@ def test_failed_first_backup_leaves_no_device(small_site):
 
 
 def test_tracking_outlives_a_restart(lab_site, tmp_path):
-    """After a restart of the machine the reload scripts give tracking back, and the next session knows what
+    """After a restart of the machine the reload scripts restore tracking, and the next session reports what
     has changed meanwhile."""
     captures = begin_tracking(lab_site, tmp_path)
     scripts = sorted(BASE.glob("reload_*"))
@@ -210,7 +183,7 @@ def test_tracking_outlives_a_restart(lab_site, tmp_path):
         facts = session.start()
         for name in BOTH:
             assert facts[name]["incrementalPreserved"] is True
-            after = keep(facts[name]["snapshotPath"], tmp_path / f"{name} after")
+            after = copy_snapshot(facts[name]["snapshotPath"], tmp_path / f"{name} after")
             marked, _ = read_record(facts[name]["fileName"], after.stat().st_size // UNIT)
             assert marked == marked_since(captures[name], after, lab_site[name].volume.file_system)
         session.end("success")
@@ -218,7 +191,7 @@ def test_tracking_outlives_a_restart(lab_site, tmp_path):
 
 
 def test_restart_without_reload(small_site):
-    """A device that nothing has given back is set up anew, and the backup isn't incremental."""
+    """A device that wasn't given back is set up anew, and the backup isn't incremental."""
     small_site.run_session(incremental=False)
     driver.restart()
     started, ended = small_site.run_session()
@@ -228,7 +201,7 @@ def test_restart_without_reload(small_site):
 
 
 def test_no_uuid_twin(lab_site):
-    """A snapshot carries its volume's UUID, but neither udev nor udisks takes it for the volume."""
+    """A snapshot has its volume's UUID, but neither udev nor udisks mistakes it for the volume."""
     with lab_site.session(incremental=False) as session:
         session.start()
         subprocess.run(["udevadm", "trigger", "--settle", "--subsystem-match=block"], check=True)
@@ -241,7 +214,8 @@ def test_no_uuid_twin(lab_site):
 
 
 def test_full_volume(lab_site):
-    """A volume without room for its CoW file stops the session before any snapshot, of the others too."""
+    """If a volume has no room for its CoW file, the session fails before any snapshot is taken, of other
+    volumes too."""
     mount_point = lab_site.mount_point("files")
     with open(mount_point / "ballast", "wb") as file:
         os.posix_fallocate(file.fileno(), 0, free_bytes(mount_point) - COW_MIB * MIB)
@@ -258,7 +232,8 @@ def test_full_volume(lab_site):
 
 
 def free_bytes(path):
-    """With all that earlier tests have deleted, which XFS gives back some time later, or to be frozen."""
+    """The free bytes, including the space of deleted files: XFS frees that some time later, or when it is
+    frozen."""
     for change in ("--freeze", "--unfreeze"):
         subprocess.run(["fsfreeze", change, path], check=True)
     status = os.statvfs(path)
@@ -266,7 +241,7 @@ def free_bytes(path):
 
 
 def test_volume_without_mount_point(site):
-    """It has no room that anybody could use."""
+    """The volume counts as full."""
     with SnapshotSite((EXT4,)) as lab_site:
         subprocess.run(["umount", lab_site.mount_point("data")], check=True)
         text, log = fail_session(lab_site)
@@ -276,7 +251,7 @@ def test_volume_without_mount_point(site):
 
 
 def test_read_only_volume(small_site):
-    """No CoW file can be made on it. Once it can be written again, so can snapshots."""
+    """No CoW file can be made on it. When it is writable again, snapshots work."""
     mount_point = small_site.mount_point("data")
     subprocess.run(["mount", "-o", "remount,ro", mount_point], check=True)
     text, log = fail_session(small_site, incremental=False)
@@ -289,7 +264,7 @@ def test_read_only_volume(small_site):
 
 
 def test_no_room_for_the_capture(small_site):
-    """The driver says so; the volume is as it was."""
+    """The driver reports it; the volume isn't changed."""
     subprocess.run(["mount", "-o", "remount,size=1m", STORE], check=True)
     text, log = fail_session(small_site, incremental=False)
     subprocess.run(["mount", "-o", "remount,size=1g", STORE], check=True)
@@ -301,7 +276,7 @@ def test_no_room_for_the_capture(small_site):
 
 
 def test_no_room_for_the_cow_file(small_site):
-    """The room that was there when it was looked for is gone when the driver wants it."""
+    """The free room was sufficient when it was checked, but is gone when the driver needs it."""
     text, log = fail_session(small_site, incremental=False,
                              trace=("-e", "trace=fallocate", "-e", "inject=fallocate:error=ENOSPC"))
     assert text == "Failed to start snapshot!"
@@ -312,8 +287,8 @@ def test_no_room_for_the_cow_file(small_site):
 
 
 def test_no_room_for_the_history(small_site):
-    """The session ends all the same, and the volume is tracked. A later one that is to roll forward a history
-    which breaks off fails once, and nobody relies on what was recorded until then."""
+    """The session ends nevertheless, and the volume is tracked. A later session that has to merge a truncated
+    history fails once, and what was recorded until then isn't used."""
     mount_point = small_site.mount_point("data")
     with small_site.session(incremental=False) as session:
         session.start()
@@ -334,7 +309,8 @@ def test_no_room_for_the_history(small_site):
 
 
 def test_record_without_history(small_site):
-    """An incremental can't be told from one that is owed changes; a backup of another type mends it."""
+    """Without the history, owed changes might be missed, so an incremental session fails; a session of
+    another type repairs it."""
     small_site.run_session(incremental=False)
     (small_site.mount_point("data") / ".tolvu.inc").unlink()
     text, _ = fail_session(small_site)
@@ -346,7 +322,7 @@ def test_record_without_history(small_site):
 
 
 def test_place_of_the_mounts_is_somebody_elses(small_site):
-    """A link that a user has made there is moved aside, and leads no mount anywhere."""
+    """A symbolic link at that path, made by a user, is moved away, and no mount follows it."""
     target = pathlib.Path("/mnt/target")
     target.mkdir()
     MOUNT_ROOT.symlink_to(target)
@@ -359,7 +335,7 @@ def test_place_of_the_mounts_is_somebody_elses(small_site):
 
 
 def test_snapshot_in_use_costs_one_session(small_site):
-    """Somebody who looks into a mounted snapshot keeps it; when he has gone, the next session recovers."""
+    """A process that uses a mounted snapshot keeps it busy; after it has ended, the next session recovers."""
     with small_site.session(incremental=False) as session:
         session.start()
         with open(MOUNT_ROOT / small_site["data"].uuid / ".tolvu", "rb"):
@@ -370,62 +346,3 @@ def test_snapshot_in_use_costs_one_session(small_site):
     recover(small_site, incremental=True)
     small_site.check_clean()
     small_site.check_writable("data")
-
-
-SYSTEM_CALLS = ("ioctl", "rename", "mount", "fsconfig", "move_mount", "umount2", "mknodat", "unlink",
-                "unlinkat", "fallocate", "fsync", "fdatasync", "ftruncate", "mkdir", "chmod", "rmdir", "sync",
-                "pwrite64", "flock")
-MOST_KILLS = 5 # of one kind of call
-
-
-TRACE = f"trace=?{',?'.join(SYSTEM_CALLS)}"
-
-
-def count_calls(site, path, incremental):
-    """How often each of the system calls is made in a session."""
-    with site.session(incremental=incremental) as session:
-        session.trace("-e", TRACE, output=path)
-        session.start()
-        session.end("success")
-    names = re.findall(r"^\d+ +(\w+)\(", path.read_text(), re.MULTILINE)
-    return {name: names.count(name) for name in SYSTEM_CALLS if name in names}
-
-
-def moments(total):
-    """Some of the numbers from 1 to `total`, the first and the last among them."""
-    if total <= MOST_KILLS:
-        return list(range(1, total + 1))
-    return sorted({1 + number * (total - 1) // (MOST_KILLS - 1) for number in range(MOST_KILLS)})
-
-
-@pytest.mark.parametrize("is_first", [True, False])
-def test_killed_at_each_step(small_site, tmp_path, is_first):
-    """kill -9 before any of the important system calls of a session: the volume can be written within a
-    second, the next sessions work, at most one of them failing, and nothing is left behind."""
-    if not is_first:
-        small_site.run_session(incremental=False)
-    counts = count_calls(small_site, tmp_path / "calls", incremental=not is_first)
-    assert {"ioctl", "rename", "umount2"} <= set(counts)
-    assert set(MOUNT_CALLS.split(",")) & set(counts)
-    for name, total in counts.items():
-        for number in moments(total):
-            if is_first:
-                small_site.forget_snapshots()
-            kill_session(small_site, f"inject={name}:signal=KILL:when={number}", incremental=not is_first)
-            small_site.check_writable("data")
-            ended = recover(small_site, incremental=not is_first)
-            assert ended["data"]["incrementalPreserved"] is True, (name, number)
-            small_site.check_clean()
-            assert small_site.own_files("data") in ([".tolvu", ".tolvu.inc"], [".tolvu.inc", ".tolvu1"])
-
-
-def kill_session(site, injection, incremental):
-    """Runs a session in which a system call kills."""
-    with site.session(incremental=incremental) as session:
-        session.trace("-e", TRACE, "-e", injection)
-        for command in ("start", "end success"):
-            try:
-                if session.run(command) is None:
-                    break
-            except SessionError:
-                break # what was killed was the driver's helper: an ordinary failure

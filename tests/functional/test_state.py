@@ -1,4 +1,4 @@
-"""What the daemon keeps in its database, over restarts, kills and changes of version."""
+"""The state in the daemon's database, across restarts, kills and changes of version."""
 import contextlib
 import random
 import sqlite3
@@ -11,10 +11,10 @@ from lab.daemon import BASE, DATABASE, LOGS, PID_FILE, READY_LINE
 from narrow_pipe import NarrowPipe, hold_at
 
 TABLES = {"config", "device", "volumes", "change_journal"}
-LONGEST_DELAY = 0.06 # several times what a start takes; most delays are far shorter
+LONGEST_DELAY = 0.06 # several times as long as a start; most delays are far shorter
 NEWER = "This is a database newer than what this agent is prepared for, continue at your own risk"
 
-# The tables as earlier versions left them, and the version number they wrote.
+# The tables of earlier versions, and their version numbers.
 CONFIG_TABLE = ("create table config (id integer primary key autoincrement not null, key text not null, "
                 "value text null);")
 VOLUMES_TABLE = ("create table volumes (volume_uuid text primary key not null, image_checksum text not null "
@@ -43,7 +43,7 @@ def columns(database, table):
 
 
 def check_state(database):
-    """The database is whole and complete, and nothing lies about beside it."""
+    """Checks that the database is sound and complete, and that there are no other files beside it."""
     assert database("pragma integrity_check") == [("ok",)]
     assert database("pragma user_version") == [(3,)]
     tables = database("select name from sqlite_master where type = 'table' and name not like 'sqlite_%'")
@@ -54,7 +54,7 @@ def check_state(database):
 
 
 def test_first_start_makes_the_database(foreground, database):
-    """All tables, schema version 3, and an identity of its own that the log tells."""
+    """The database has all tables, schema version 3, and an identity, which the log shows."""
     daemon = foreground()
     assert daemon.stop() == 0
     check_state(database)
@@ -68,7 +68,7 @@ def test_first_start_makes_the_database(foreground, database):
 
 @pytest.mark.parametrize("end", ["stop", "kill"])
 def test_identity_stays(background, foreground, database, end):
-    """However a run has ended, the next one has the same UUID, and the rest of the database is the same."""
+    """However a run has ended, the next one has the same UUID, and the rest of the database is unchanged."""
     getattr(background(), end)()
     before = dump_database()
     [(stored,)] = database("select value from config where key = 'agentUUID'")
@@ -91,7 +91,7 @@ def test_each_installation_has_an_identity_of_its_own(foreground, database):
 
 @pytest.mark.parametrize("version", VERSIONS)
 def test_earlier_version_is_upgraded(foreground, database, version):
-    """What is missing is added, and every row is kept."""
+    """Missing parts are added, and every row is kept."""
     make_database(CONFIG_TABLE + VOLUMES_TABLE + VERSIONS[version] + f"pragma user_version = {version};"
                   "insert into config (key, value) values ('agentUUID', "
                   "'11111111-2222-3333-4444-555555555555');"
@@ -107,7 +107,7 @@ def test_earlier_version_is_upgraded(foreground, database, version):
 
 
 def test_newer_version_is_left_alone(foreground, database):
-    """The agent warns and goes on; tables, rows and version number stay."""
+    """The agent logs a warning and continues; tables, rows and version number stay."""
     assert foreground().stop() == 0
     database("alter table volumes add column later text default 'x'")
     database("create table later (one integer)")
@@ -122,15 +122,15 @@ def test_newer_version_is_left_alone(foreground, database):
 
 @pytest.mark.parametrize("is_foreground", [True, False])
 def test_killed_at_a_random_moment(make_daemon, background, database, is_foreground):
-    """kill -9 at any moment of the first start or a later one: the next start works, in the background too,
-    with the PID file that was left."""
+    """kill -9 at any moment of the first start or of a later one: the next start works, in the background
+    too, where the old PID file is still there."""
     moments = random.Random(int(is_foreground))
     for run in range(30):
         if run % 5 == 0:
             DATABASE.unlink(missing_ok=True)
         daemon = make_daemon(start=False, foreground=is_foreground)
         daemon.spawn()
-        time.sleep(LONGEST_DELAY * moments.random() ** 3) # the moment is the point: nothing to wait for
+        time.sleep(LONGEST_DELAY * moments.random() ** 3) # a random moment: nothing to wait for
         daemon.kill_all()
         next_one = background()
         assert int(PID_FILE.read_text()) == next_one.pid
@@ -139,7 +139,7 @@ def test_killed_at_a_random_moment(make_daemon, background, database, is_foregro
 
 
 def test_killed_at_each_line_of_the_first_start(make_daemon, foreground, background, database):
-    """kill -9 behind each line that a first start prints: the next start works and completes the database."""
+    """kill -9 after each line that a first start prints: the next start works and completes the database."""
     daemon = foreground()
     lines = daemon.output.splitlines(keepends=True)
     assert daemon.stop() == 0

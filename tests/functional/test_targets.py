@@ -1,4 +1,4 @@
-"""The lab's own iSCSI target: what the tests of the agent's transport rely on."""
+"""The lab's own iSCSI target: the properties that the tests of the agent's transport rely on."""
 import contextlib
 import os
 import pathlib
@@ -23,7 +23,7 @@ USER, PASSWORD = "appliance", "a long secret"
 
 
 def tgtd_processes():
-    """Those of this namespace that have not ended."""
+    """The tgtd processes of this namespace that haven't ended."""
     found = set()
     own = os.readlink("/proc/self/ns/mnt")
     for process in pathlib.Path("/proc").glob("[0-9]*"):
@@ -55,7 +55,7 @@ def test_poison_fills_an_image_to_the_last_byte(tmp_path, size):
 
 
 def test_units_are_apart(target):
-    """What is written to one image is in its file, and in no other."""
+    """Data written to one image is in its file, and in no other."""
     images = [target.add_image(name, MIB) for name in ("data", "files")]
     assert [image.lun for image in images] == [1, 2]
     with Initiator(target, 2) as initiator:
@@ -102,7 +102,7 @@ def test_chap_keeps_others_out(target):
 
 
 def test_writes_are_counted_command_by_command(target):
-    """Each image's own, whatever their length, across sessions; reads are none."""
+    """Each image's writes are counted, whatever their length, across sessions; reads aren't counted."""
     data, files = target.add_image("data", 16 * MIB), target.add_image("files", 16 * MIB, 4096)
     lengths = (512, 4096, 65536, 262144 + 512, MIB, 4 * MIB)
     assert target.writes() == Writes(0, 0)
@@ -150,7 +150,7 @@ def test_paused_target_lets_initiators_wait(target):
         target.pause()
         writer = threading.Thread(target=initiator.write, args=(0, b"w" * 512))
         writer.start()
-        with pytest.raises(InitiatorError), Initiator(target, image.lun, seconds=1): # it would wait longer
+        with pytest.raises(InitiatorError), Initiator(target, image.lun, seconds=1): # the default is longer
             pass
         assert writer.is_alive()
         assert image.writes() == Writes(0, 0)

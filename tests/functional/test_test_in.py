@@ -1,4 +1,4 @@
-"""scripts/test-in, with a tree of a few programs in place of a whole Debian, which is what takes its time."""
+"""scripts/test-in, with a tree of a few programs instead of a whole Debian, which takes long to make."""
 import os
 import pathlib
 import shutil
@@ -24,7 +24,8 @@ Acquire::http::Proxy "http://127.0.0.1:9";
 Acquire::Check-Date "false";
 Acquire::http::Proxy-Auto-Detect "/usr/bin/detect";
 """
-# A tree that can be entered, and what it was made from. The last arguments are release, tree and mirrors.
+# Makes a tree that can be entered, and a file with the arguments. The last ones are release, tree and
+# mirrors.
 MAKE_TREE = """\
 #!/bin/bash
 set -euo pipefail
@@ -95,19 +96,19 @@ class Checkout:
             subprocess.run([*git, *command], check=True)
 
     def start(self, *arguments):
-        """As from a terminal: a shell can't take back what was ignored when it began."""
+        """Starts it as from a terminal: a shell can't reset signals that were ignored when it started."""
         return subprocess.Popen(["env", "--default-signal=INT,HUP", self.root / "scripts/test-in",
                                  *arguments], env=self.environment, text=True, stdout=subprocess.PIPE,
                                 stderr=subprocess.PIPE)
 
     def run(self, *arguments):
-        """Exit status, standard output and standard error."""
+        """Runs it; returns its exit status, standard output and standard error."""
         with self.start(*arguments) as process:
             output, errors = process.communicate(timeout=SECONDS)
             return process.returncode, output, errors
 
     def is_entered(self):
-        """Whether any process has the tree for its root, or runs in it otherwise."""
+        """Whether any process has its root or its program in the tree."""
         inode = self.tree.stat().st_ino
         for process in pathlib.Path("/proc").glob("[0-9]*"):
             try:
@@ -125,7 +126,7 @@ def checkout(tmp_path):
 
 @pytest.fixture
 def waiting(checkout):
-    """A run whose tests don't end by themselves."""
+    """A run whose tests never end."""
     checkout.commit(WAITING)
     with checkout.start("trixie") as process:
         assert "making a Debian trixie" in process.stdout.readline()

@@ -22,14 +22,14 @@ captures = pytest.mark.captures
 TRACE = pathlib.Path("/tmp/tolvubd.trace")
 SECTORS = 16 * 2048
 
-# What an operation asks of the kernel once it has the lock, and how that may go wrong.
+# The system calls of an operation once it has the lock, and the errors that they may return.
 FAULTS = {
     "openat": "EMFILE", "newfstatat": "ENOMEM", "pread64": "ENOMEM", "pwrite64": "ENOSPC", "fsync": "EIO",
     "rename": "EIO", "renameat2": "EIO", "unlink": "EIO", "ftruncate": "EIO", "fallocate": "ENOSPC",
     "fchmod": "EPERM", "ioctl": "ENOMEM", "mknodat": "ENOSPC", "socketpair": "EMFILE", "clone": "EAGAIN",
     "sendto": "EPIPE", "wait4": "ECHILD", "lseek": "EIO", "statfs": "EIO", "getdents64": "EIO",
     "flock": "ENOLCK"}
-# Where a process is worth killing: before each call that changes something, or that takes long.
+# The calls to kill a process at: before each call that changes something, or that takes long.
 KILLS = ("pwrite64", "fsync", "rename", "renameat2", "unlink", "ftruncate", "fallocate", "ioctl", "mknodat",
          "socketpair", "clone", "sendto", "wait4", "exit_group")
 
@@ -44,7 +44,7 @@ def track(volume):
 
 
 class Operation:
-    """One call, what it needs before, and the state of the device before and after; None is no device."""
+    """One call, its preconditions, and the state of the device before and after it; None means no device."""
 
     def __init__(self, function, prepare, before, after, *arguments):
         self.function = function
@@ -105,7 +105,7 @@ def prepare(operation, volume):
 
 
 def steps(operation, volume, calls):
-    """(name, number) of each call that the operation makes once it has the lock."""
+    """(name, number) of each system call that the operation makes once it has the lock."""
     prepare(operation, volume)
     assert operation.run(volume, ["strace", "-o", TRACE, "-e", "trace=flock," + ",".join(calls)])
     counts = collections.Counter()
@@ -130,7 +130,7 @@ def asleep():
 
 
 def check_whole(volume, operation, where):
-    """The machine is as one of the two states asks for, with nothing besides; returns the state."""
+    """Checks that the machine matches one of the two states, with nothing left over; returns that state."""
     state = states().get(0)
     assert state in (operation.before, operation.after), where
     shown = state == SNAPSHOT
@@ -161,8 +161,8 @@ def test_kill_at_each_step(volume, name):
 
 
 def check_failure(volume, operation, error, call_name, when):
-    """Either the call has failed, with the reason, and changed nothing, or it has done its work all the same.
-    True if it has failed."""
+    """Checks that the call either has failed, with the reason, and changed nothing, or has succeeded
+    nevertheless. Returns whether it has failed."""
     where = f"{call_name} {when}"
     result = operation.run(volume, injected(call_name, f"error={error}:when={when}"))
     assert result.signal == 0, where
@@ -180,8 +180,9 @@ def check_failure(volume, operation, error, call_name, when):
 @captures
 @pytest.mark.parametrize("name", [name for name in OPERATIONS if name != "reload_incremental"])
 def test_failure_at_each_step(volume, name):
-    """Each call that changes something fails once, and from then on for ever; of the others, every second one
-    fails once. Giving back a tracked device is the same as a snapshot, but for the loop device."""
+    """Each call that changes something fails once, and in another run from then on; of the other calls, every
+    second one fails once. Giving back a tracked device is the same as giving back a snapshot, except for the
+    loop device."""
     operation = OPERATIONS[name]
     calls = steps(operation, volume, FAULTS)
     lookups = [step for step in calls if step[0] not in KILLS]
@@ -198,7 +199,8 @@ def test_failure_at_each_step(volume, name):
 
 @captures
 def test_volume_is_thawed_when_nothing_goes_on(volume):
-    """Also while the process lives: what it waits for may be behind the frozen volume."""
+    """The guard thaws the volume even while the process lives: the process may be waiting for a write to the
+    frozen volume."""
     process = subprocess.Popen(
         [*injected("sendto", "delay_enter=12000000:when=1"), program("TolvubdCall"), "setup_snapshot", "0",
          str(volume.device), str(volume.cow), "1"], stdout=subprocess.PIPE, text=True)
@@ -212,7 +214,7 @@ def test_volume_is_thawed_when_nothing_goes_on(volume):
 
 @captures
 def test_kill_of_the_process_group_thaws(volume):
-    """The guard isn't in it."""
+    """The guard process isn't in that process group."""
     process = subprocess.Popen(
         [*injected("sendto", "delay_enter=60000000"), program("TolvubdCall"), "setup_snapshot", "0",
          str(volume.device), str(volume.cow), "1"], start_new_session=True)
@@ -227,7 +229,7 @@ def test_kill_of_the_process_group_thaws(volume):
 
 
 def wait_until_frozen(volume):
-    """By a write that doesn't come to its end."""
+    """Waits until a write blocks."""
     deadline = time.monotonic() + 20
     while time.monotonic() < deadline:
         writer = subprocess.Popen(["dd", "if=/dev/zero", f"of={volume.mount_point}/probe", "bs=1", "count=1"],

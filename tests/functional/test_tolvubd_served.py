@@ -1,4 +1,4 @@
-"""The stand-in snapshot driver on volumes whose file system is a process: stopped while idle."""
+"""The stand-in snapshot driver on FUSE volumes: it stops their process while that is idle."""
 import contextlib
 import errno
 import os
@@ -24,7 +24,7 @@ from tolvubd_site import (Cow, SNAPSHOT, Volume, call, cow_files, must, started_
 
 SECTORS = 48 * 2048
 ROUNDS = 10
-LONGEST_MILLISECONDS = 10_000 # also on a machine with much else to do
+LONGEST_MILLISECONDS = 10_000 # even on a busy machine
 TRACE = pathlib.Path("/tmp/served.trace")
 
 
@@ -38,7 +38,8 @@ def fresh_driver(site):
 
 @contextlib.contextmanager
 def going_on(server):
-    """Whatever a test has come to, the process goes on in the end: nothing could be unmounted otherwise."""
+    """Makes the FUSE process continue at the end, whatever the test's outcome: otherwise the volume couldn't
+    be unmounted."""
     try:
         yield server
     finally:
@@ -60,7 +61,7 @@ def server(volume):
 
 
 def check_consistent(capture):
-    """Each cluster is in use if and only if a file has it."""
+    """Checks that each cluster is in use if and only if it belongs to a file."""
     done = subprocess.run(["ntfsresize", "--info", "--force", "--no-progress-bar", capture],
                           capture_output=True, text=True, check=False, timeout=60)
     assert done.returncode == 0 and "ERROR" not in done.stdout + done.stderr, done.stdout + done.stderr
@@ -72,7 +73,7 @@ def held_milliseconds(system_log):
 
 
 def test_captures_under_load_are_consistent(volume, server, system_log):
-    """None shows half of a change. Nothing of the driver's touches the mount meanwhile: that would hang."""
+    """No capture shows half of a change. The driver doesn't access the mount meanwhile: that would hang."""
     cows = [volume.cow, volume.other_cow]
     with Load(volume.mount_point / "d") as load:
         for number in range(ROUNDS):
@@ -90,12 +91,12 @@ def test_captures_under_load_are_consistent(volume, server, system_log):
 
 
 def used_units(capture):
-    """The numbers of the units that the file system calls used, by its own tool."""
+    """The numbers of the used units, by the file system's own tool."""
     return in_units(truth_of(capture, "ntfs").used_extents())
 
 
 def units_of(capture, name):
-    """The numbers of the units that a file lies in, by the file system's own tool."""
+    """The numbers of a file's units, by the file system's own tool."""
     shown = run("ntfsinfo", "--force", "--verbose", "--file", name, capture)
     rows = re.findall(r"^\s+0x[\da-f]+\s+0x([\da-f]+)\s+0x([\da-f]+)$", shown, re.MULTILINE)
     runs = [(int(first, 16), int(count, 16)) for first, count in rows]
@@ -103,7 +104,7 @@ def units_of(capture, name):
 
 
 def test_table_marks_what_has_changed_or_come_into_use(volume, tmp_path):
-    """What has come into use counts whatever it holds; nothing else that is the same does."""
+    """A unit that has come into use counts as changed, whatever its content; other unchanged units don't."""
     volume.write("one", os.urandom(300_000))
     must("setup_snapshot", 0, volume.device, volume.cow, 1)
     before = tmp_path / "before"
@@ -123,7 +124,7 @@ def test_table_marks_what_has_changed_or_come_into_use(volume, tmp_path):
 
 
 def delayed(seconds, *arguments):
-    """A call of the driver that stops going on once it holds the volume."""
+    """A call of the driver that stops for a while once it holds the volume."""
     return subprocess.Popen(["strace", "-o", TRACE, "-e", "trace=sendto", "-e",
                              f"inject=sendto:delay_enter={seconds * 1_000_000}:when=1",
                              program("TolvubdCall"), *map(str, arguments)],
@@ -141,7 +142,8 @@ def caller_of(tracer):
 
 
 def wait_until_gone(process):
-    """Until then it may still have the driver's turn, which who only looks doesn't wait for."""
+    """Waits for the end of the process, which may still hold the driver's lock; a reader of the status
+    doesn't wait for that."""
     def is_gone():
         try:
             return state_of(process) == "Z"
@@ -155,7 +157,7 @@ def snapshot_of(volume):
 
 
 def test_killed_caller_lets_the_volume_go_at_once(volume, server):
-    """Long before the patience of the guard is over."""
+    """The volume is released long before the guard's timeout."""
     with delayed(60, *snapshot_of(volume)) as tracer:
         wait_until_stopped(server)
         caller = caller_of(tracer)
@@ -179,7 +181,7 @@ def test_caller_without_progress_lets_the_volume_go(volume, server):
 
 
 def test_next_turn_lets_go_what_was_left_stopped(volume, server):
-    """By a kill of the caller and its guard at once; of the same process only."""
+    """The caller and its guard were killed at once; only the same process is continued."""
     with delayed(60, *snapshot_of(volume)) as tracer:
         wait_until_stopped(server)
         caller = caller_of(tracer)
@@ -199,7 +201,7 @@ def test_next_turn_lets_go_what_was_left_stopped(volume, server):
 
 
 def test_who_goes_on_in_between_spoils_the_capture(volume, server):
-    """Somebody else's SIGCONT while the volume is read."""
+    """Another process sends SIGCONT while the volume is read."""
     with delayed(2, *snapshot_of(volume)) as tracer:
         wait_until_stopped(server)
         os.kill(server, signal.SIGCONT)
@@ -208,7 +210,7 @@ def test_who_goes_on_in_between_spoils_the_capture(volume, server):
 
 
 def test_server_stopped_by_somebody_else_is_left_so(volume, server):
-    """An error at once, of every operation that would have to touch the mount."""
+    """Every operation that would have to access the mount fails at once."""
     must(*snapshot_of(volume))
     must("transition_incremental", 0)
     os.kill(server, signal.SIGSTOP)
@@ -226,7 +228,7 @@ def test_server_stopped_by_somebody_else_is_left_so(volume, server):
 
 @pytest.fixture
 def serve(volume):
-    """serve(ARGUMENT...) gives the device to a process of our own, and returns it."""
+    """serve(ARGUMENT...) mounts the device with a process of our own, and returns that."""
     with contextlib.ExitStack() as stack:
         volume.unmount()
         stack.callback(volume.mount)
@@ -240,7 +242,7 @@ def serve(volume):
 
 
 def test_server_that_is_never_idle_is_not_held(volume, serve):
-    """With a thread in the middle of a request all the time, while the others wait for one."""
+    """One thread is always in the middle of a request, while the others wait for one."""
     server = serve("--threads")
     with open(volume.mount_point / "slow", "rb") as file:
         reader = threading.Thread(target=file.read)
@@ -266,23 +268,23 @@ def test_server_with_any_number_of_threads_is_held(volume, serve, options):
 
 
 def test_caller_that_its_own_file_system_waits_for_is_refused(volume, serve):
-    """As it could wait for itself."""
+    """Otherwise the caller could wait for itself."""
     serve("env", f"BEKD_BUILD={os.environ['BEKD_BUILD']}", program("TolvubdCall"), *snapshot_of(volume))
     answer = (volume.mount_point / "answer").read_text(encoding="ascii").split()
     assert answer == ["-1", str(errno.EDEADLK)]
 
 
 def test_setup_replaces_a_cow_file_of_nobody(volume):
-    """What the kernel can't freeze isn't asked whether somebody has frozen it."""
+    """The driver doesn't check whether such a volume is frozen, as the kernel can't freeze it."""
     must("setup_snapshot", 0, volume.device, volume.cow, 4)
-    restart() # after which nobody gives the device back
+    restart() # afterwards nobody gives the device back
     assert (states(), cow_files(volume)) == ({}, [".tolvu"])
     must("setup_snapshot", 0, volume.device, volume.cow, 4)
     assert states() == {0: SNAPSHOT}
 
 
 def test_two_servers_are_not_held(volume, server):
-    """Whichever of them is the file system, the other one may write too."""
+    """Whichever process serves the file system, the other may also write."""
     with open(volume.device, "rb") as device, open("/dev/fuse", "r+b", buffering=0) as channel:
         other = subprocess.Popen(["sleep", "60"], stdin=device, stdout=channel)
     try:

@@ -1,6 +1,6 @@
-"""The used blocks that the parsers find, against what the file systems' own tools say, block for block.
+"""The used blocks that the parsers find, compared with those of the file systems' own tools, block by block.
 
-Each test adds its line to a matrix, which ends up beside the programs as usedmap-matrix.txt.
+Each test adds a line to a matrix, which is written to usedmap-matrix.txt beside the programs.
 """
 import json
 import os
@@ -13,7 +13,7 @@ from lab import filesystems, xfs
 from lab.commands import run
 from lab.filesystems import kind_of
 from lab.images import tree_hashes
-from lab.volume_images import age, fill, frozen, make_image, mounted, riddle
+from lab.volume_images import age, fill, fragment_free_space, frozen, make_image, mounted
 from used_maps import BUILD, TOOL, Comparison, refused
 
 
@@ -35,7 +35,7 @@ SAMPLES = {sample.name: sample for kind in filesystems.KINDS for sample in kind.
 
 
 def test_no_sample_is_left_out():
-    """Two of one name would be one test."""
+    """Two samples of the same name would be one test."""
     assert len(SAMPLES) == sum(len(kind.samples) for kind in filesystems.KINDS)
     names = {kind_of(sample.file_system).name for sample in SAMPLES.values()}
     assert names == {kind.name for kind in filesystems.KINDS}
@@ -102,7 +102,7 @@ def test_ext_descriptors_in_meta_groups_are_refused(tmp_path):
 
 
 def test_ext_features_that_kernels_may_lack(tmp_path, matrix):
-    """Filled by the tool that makes them."""
+    """The tool that makes the volume also fills it."""
     (tmp_path / "source").mkdir()
     age(tmp_path / "source", 100)
     image = make_image(tmp_path / "image", 90, "ext4", "-b", "1024", "-O",
@@ -111,7 +111,8 @@ def test_ext_features_that_kernels_may_lack(tmp_path, matrix):
 
 
 def test_ext_groups_with_files_but_no_block_bitmap(tmp_path, matrix):
-    """As the tools leave them that fill an unmounted volume: the inodes stand in a group never used."""
+    """The volume is as a tool leaves it that fills it unmounted: the inodes are in a group that was never
+    used."""
     (tmp_path / "source").mkdir()
     for number in range(300):
         (tmp_path / "source" / f"empty{number}").touch()
@@ -126,7 +127,7 @@ def test_ext_groups_with_files_but_no_block_bitmap(tmp_path, matrix):
 
 
 def test_ext_flag_of_a_group_counts_with_checksums_only(tmp_path, matrix):
-    """Without them it is a leftover, as in a volume whose checksums were taken away."""
+    """Without checksums the flag is a leftover, as on a volume whose checksums were removed."""
     image = make_image(tmp_path / "image", 90, "ext4", "-b", "1024", "-O",
                        "^metadata_csum,^uninit_bg,^has_journal")
     with mounted(image, "ext4", tmp_path / "mnt") as (_, directory):
@@ -140,7 +141,7 @@ def test_ext_flag_of_a_group_counts_with_checksums_only(tmp_path, matrix):
 
 
 def captured(device, image):
-    """What a device shows at this moment, by its cache, without a freeze."""
+    """The current content of a device, read through its cache, without a freeze."""
     shutil.copyfile(device, image)
     return image
 
@@ -157,7 +158,7 @@ def test_ext_journal_that_needs_recovery_is_refused(name, tmp_path):
         with frozen(directory):
             Comparison(device, "ext4")
     with mounted(capture, sample.file_system, tmp_path / "mnt"):
-        pass # the kernel replays it
+        pass # the kernel replays the journal
     Comparison(capture, "ext4")
 
 
@@ -185,14 +186,14 @@ def test_ext_volume_of_more_blocks_than_the_buffer_has_bits_is_refused(tmp_path)
     image = make_image(tmp_path / "image", 9000, "ext4", "-b", "1024", "-E",
                        "lazy_itable_init=1,lazy_journal_init=1")
     complaints = refused(image, "--buffer", "1").splitlines()
-    assert len(complaints) == 2, complaints # nothing that was read is at fault
+    assert len(complaints) == 2, complaints # nothing that was read is wrong
     assert "A logical error occurred while attempting to parse the EXT bitmap, err: -1" in complaints[0]
     found = json.loads(run(TOOL, "--json", "--summary", "--buffer", "2", image))
     assert found["blocks"] == 9000 * 1024
 
 
 def poison_free_blocks(image, used, block_size):
-    """Overwrites what a FULL backup would leave out, as on a remote image that held something else before."""
+    """Overwrites what a FULL backup would leave out, as if the remote image had held other data before."""
     with open(image, "r+b") as file:
         blocks = os.path.getsize(image) // block_size
         for block in range(blocks):
@@ -204,8 +205,8 @@ def poison_free_blocks(image, used, block_size):
 @pytest.mark.parametrize("name", ["ext2 1K", "ext4 4K", "ext4 1K without flex_bg",
                                   "ext4 1K uninit_bg without flex_bg"])
 def test_ext_lives_without_its_free_blocks(name, tmp_path):
-    """What the map leaves out of groups that were never used is no live data: the backups of the super block
-    and structures that nothing was written to."""
+    """The blocks that the map leaves out in groups that were never used hold no live data: only backups of
+    the superblock and structures that were never written to."""
     sample = SAMPLES[name]
     image = make_sample(tmp_path / "image", sample)
     with mounted(image, sample.file_system, tmp_path / "mnt") as (_, directory):
@@ -216,12 +217,12 @@ def test_ext_lives_without_its_free_blocks(name, tmp_path):
     run("e2fsck", "-fn", image)
     with mounted(image, sample.file_system, tmp_path / "mnt") as (_, directory):
         assert tree_hashes(directory) == before
-        age(directory, 150, seed=2)  # reaches into the groups that were never used
+        age(directory, 150, seed=2)  # uses some of the groups that were never used
     run("e2fsck", "-fn", image)
 
 
 def test_ext_is_repaired_by_what_the_map_leaves(tmp_path):
-    """A boot loader in front of the first group, and the backup of a super block in a group never used."""
+    """The map has a boot loader before the first group, and the backup of a superblock in an unused group."""
     image = make_image(tmp_path / "image", 90, "ext4", "-b", "1024")
     with open(image, "r+b") as file:
         file.write(b"boot" * 256)
@@ -229,7 +230,7 @@ def test_ext_is_repaired_by_what_the_map_leaves(tmp_path):
     poison_free_blocks(image, found.used, 1024)
     with open(image, "r+b") as file:
         assert file.read(1024) == b"boot" * 256
-        file.write(bytes(4096)) # the boot block, the super block, and descriptors
+        file.write(bytes(4096)) # the boot block, the superblock, and descriptors
     assert subprocess.run(["dumpe2fs", "-h", image], capture_output=True, check=False).returncode != 0
     repaired = subprocess.run(["e2fsck", "-fy", "-b", "8193", "-B", "1024", image], capture_output=True,
                               check=False)
@@ -240,7 +241,7 @@ def test_ext_is_repaired_by_what_the_map_leaves(tmp_path):
 def test_xfs_tree_of_three_levels(tmp_path, matrix):
     image = make_image(tmp_path / "image", 320, "xfs", "-b", "size=1024", "-d", "agcount=4")
     with mounted(image, "xfs", tmp_path / "mnt") as (device, directory):
-        riddle(directory / "riddled", 1024, 30_000)
+        fragment_free_space(directory / "riddled", 1024, 30_000)
         with frozen(directory):
             assert not unexplained(device, "xfs", matrix, "xfs 1K, free in single blocks, frozen")
     assert max(xfs.number(image, f"agf {group}", "bnolevel") for group in range(4)) >= 3
@@ -250,7 +251,7 @@ def test_xfs_tree_of_three_levels(tmp_path, matrix):
 
 
 def test_xfs_full(tmp_path, matrix):
-    # A map of owners would have room kept for it that files can't take.
+    # A reverse-mapping tree would have reserved room that files can't take.
     image = make_image(tmp_path / "image", 300, "xfs", "-b", "size=1024", "-m", "rmapbt=0")
     with mounted(image, "xfs", tmp_path / "mnt") as (_, directory):
         age(directory, 200)
@@ -261,7 +262,7 @@ def test_xfs_full(tmp_path, matrix):
 
 
 def test_xfs_without_checksums(tmp_path, matrix):
-    """Of the format that kernels no longer mount: filled by the tool that makes it."""
+    """Current kernels can't mount a volume of this format, so the tool that makes it also fills it."""
     for size in 512, 1024, 4096:
         content = tmp_path / "content"
         content.write_bytes(os.urandom(700_000))
@@ -276,7 +277,8 @@ def test_xfs_without_checksums(tmp_path, matrix):
 
 
 def test_xfs_free_list_with_stale_entries(tmp_path):
-    """An empty list by a kernel whose list had an entry less; what its entries name is in use by now."""
+    """A kernel whose list has one entry less has left an empty list; the blocks that its entries name are
+    used now."""
     image = make_image(tmp_path / "image", 300, "xfs", "-s", "size=512")
     clean = Comparison(image, "xfs")
     commands = ["agf 0", "write flfirst 0", "write fllast 117", "write flcount 0", "agfl 0",
@@ -304,7 +306,7 @@ def test_xfs_features_that_are_not_known_are_refused(command, named, tmp_path):
 
 @pytest.mark.parametrize("name", ["ext4 4K", "xfs 4K 4 groups"])
 def test_files_of_the_driver_are_left_out_where_the_volume_is_mounted(name, tmp_path):
-    """And counted where it isn't: nobody tells then which blocks they have."""
+    """On an unmounted volume these files count as used, because their blocks can't be found out."""
     sample = SAMPLES[name]
     image = make_sample(tmp_path / "image", sample)
     sizes = {".tolvu": 5 << 20, ".tolvu1": 3 << 20, ".tolvu.inc": 1 << 20}
@@ -316,7 +318,7 @@ def test_files_of_the_driver_are_left_out_where_the_volume_is_mounted(name, tmp_
             with open(directory / file, "wb") as cow:
                 os.posix_fallocate(cow.fileno(), 0, size)
         (directory / "sub").mkdir()
-        (directory / "sub" / ".tolvu").write_bytes(bytes(1 << 20)) # not at the root: any file
+        (directory / "sub" / ".tolvu").write_bytes(bytes(1 << 20)) # not in the root: an ordinary file
         with frozen(directory):
             found = json.loads(run(TOOL, "--json", device))
             summary = run(TOOL, "--summary", device)

@@ -1,4 +1,4 @@
-"""The used clusters that the agent finds on FAT32 of rare forms, and what it refuses."""
+"""The used clusters that the agent finds on unusual FAT32 volumes, and volumes that it refuses."""
 import os
 import subprocess
 
@@ -11,7 +11,7 @@ from lab.images import tree_hashes
 from lab.volume_images import age, make_image, mounted
 from used_maps import TOOL, Comparison, check_rebuilt, refused
 
-BAD = range(3000, 3400, 2) # blocks of 1 KiB, as mkfs.fat counts them
+BAD = range(3000, 3400, 2) # blocks of 1 KiB, the unit of mkfs.fat
 
 
 def make(directory, *options, mebibytes=90):
@@ -25,7 +25,7 @@ def use(image):
 
 
 def test_bad_clusters_are_free(directory):
-    """blkls calls them used."""
+    """blkls reports them as used."""
     listed = directory / "bad"
     listed.write_text("".join(f"{block}\n" for block in BAD), encoding="ascii")
     image = make(directory, "-s", "2", "-l", listed)
@@ -37,7 +37,7 @@ def test_bad_clusters_are_free(directory):
 
 
 def test_volume_of_few_clusters_is_read(directory):
-    """Some tools take it for FAT16."""
+    """Some tools mistake it for FAT16."""
     image = make(directory, "-s", "8")
     tree = use(image)
     assert Geometry.of(image).clusters < 65525
@@ -73,7 +73,7 @@ def test_narrow_entries_are_of_no_known_kind(size, directory):
 
 
 def test_left_over_of_a_volume_made_anew(directory):
-    """The boot sector goes with the file system whose it is: the tools that make another one clear it."""
+    """The boot sector is never stale: a tool that makes another file system clears it."""
     for file_system in ("ext4", "xfs"):
         image = make(directory, "-s", "2", mebibytes=300)
         filesystems.make(file_system, image)

@@ -1,4 +1,5 @@
-"""The clusters of a file that bek-usedmap --file tells of, beside what ntfscluster tells, and its content."""
+"""The clusters of a file that bek-usedmap --file reports, compared with those of ntfscluster, and their
+content."""
 import json
 import os
 import random
@@ -17,32 +18,33 @@ from used_maps import TOOL
 CLUSTER = 4096
 UNICODE = os.environ | {"LC_ALL": "C.UTF-8"}
 PIECES = random.Random(3).randbytes(300_000)
-# "_" and "^" come behind letters on the volume, which compares capitals, and before them in the C library.
+# "_" and "^" sort after letters on the volume, which compares capital letters, and before them in the C
+# library.
 LETTERS = "aBc_^~-0 üÄéñßЖж中ÿ😀"
 
 
 def path_on(volume_path):
-    """As the tool takes it."""
+    """The path in the form that the tool takes."""
     return str(volume_path).replace("/", "\\")
 
 
 def find(image, path, *options):
-    """The ranges that the tool tells."""
+    """The ranges that the tool reports."""
     lines = run(TOOL, "--file", path_on(path), *options, image).splitlines()
     return [tuple(int(number) for number in line.split()) for line in lines]
 
 
 def refusal(image, path):
-    """Why the tool has none."""
+    """The tool's reason for not reporting ranges."""
     done = subprocess.run([TOOL, "--file", path_on(path), image], capture_output=True, text=True, check=False)
     assert done.returncode == 1 and done.stdout == ""
     return done.stderr.removeprefix(f"bek-usedmap: {image}: ").removesuffix("\n")
 
 
 def told_by_ntfscluster(image, path):
-    """The runs of the content by a tool that had no part in finding the others."""
+    """The runs of a file's content, by an independent tool."""
     dump = run("ntfscluster", "--force", "--filename", path, image, env=UNICODE)
-    parts = [part.partition("0x")[0] for part in dump.split("0x80 - non-resident")[1:]] # one a record
+    parts = [part.partition("0x")[0] for part in dump.split("0x80 - non-resident")[1:]] # one per record
     runs = re.findall(r"^\s+\d+\s+(-?\d+)\s+(\d+)\s*$", "".join(parts), re.MULTILINE)
     return [(int(first), int(count)) for first, count in runs if int(first) >= 0]
 
@@ -54,7 +56,8 @@ def content_of(image, ranges, size, cluster):
 
 
 def names(dice, count):
-    """As many as fill several levels of an index, of any length, no two of which differ in case only."""
+    """Random names of any length, none of which differ only in case; enough of them fill several levels of an
+    index."""
     found = {}
     while len(found) < count:
         name = "".join(dice.choices(LETTERS, k=dice.randrange(1, 50))).strip()
@@ -63,7 +66,7 @@ def names(dice, count):
 
 
 def fill_directory(directory, dice, count):
-    """Files that are too large to lie in their records; every third one is gone again."""
+    """Creates files that are too large to be resident in their records, and deletes every third one."""
     directory.mkdir(parents=True)
     contents = {name: dice.randbytes(dice.randrange(1700, 9000)) for name in names(dice, count)}
     for name, content in contents.items():
@@ -76,7 +79,7 @@ def fill_directory(directory, dice, count):
 
 @pytest.mark.parametrize("cluster, count", [(512, 2500), (4096, 4000), (65536, 2000)])
 def test_files_of_a_large_directory(cluster, count, directory):
-    """Index blocks of 4 KiB lie in eight clusters, in one, and in a part of one."""
+    """An index block of 4 KiB takes eight clusters, one cluster, or a part of one."""
     dice = random.Random(cluster)
     image = make_image(directory / "image", 400, "ntfs", "--cluster-size", str(cluster))
     with attached(image) as device, filesystems.mounted("ntfs", device, directory / "mnt", "rw") as root:
@@ -91,7 +94,7 @@ def test_files_of_a_large_directory(cluster, count, directory):
 
 @pytest.fixture(name="image")
 def small_volume(directory):
-    """A volume with files that lie in one piece, in several, beside their names, and with holes."""
+    """A volume with files in one run, in several runs, resident in their records, and with holes."""
     image = make_image(directory / "image", 24, "ntfs", "--cluster-size", str(CLUSTER))
     with attached(image) as device, filesystems.mounted("ntfs", device, directory / "mnt", "rw") as root:
         (root / "ReadMe").write_bytes(b"r" * 5000)
@@ -147,7 +150,7 @@ def test_file_of_more_pieces_than_a_record_has_room_for(directory):
     image = make_image(directory / "image", 120, "ntfs", "--cluster-size", "512")
     with attached(image) as device, filesystems.mounted("ntfs", device, directory / "mnt", "rw") as root, \
             open(root / "sparse", "wb") as file:
-        for piece in range(1500): # each behind a hole
+        for piece in range(1500): # each after a hole
             file.seek(piece * 65536 * 2)
             file.write(b"x" * 512)
     ranges = find(image, "sparse")

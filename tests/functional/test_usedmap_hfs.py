@@ -1,6 +1,6 @@
-"""The used blocks that the agent finds on HFS+, beside what others tell; and volumes that are put together
-from nothing but those blocks, in which each file is as it was. Files are read by a program, as nothing here
-mounts such a volume."""
+"""The used blocks that the agent finds on HFS+, compared with other tools; and volumes that are rebuilt from
+only those blocks, where each file must be the same. A program reads the files, as the lab can't mount such a
+volume."""
 import functools
 import subprocess
 
@@ -14,7 +14,7 @@ from lab.volume_images import make_image
 from used_maps import TOOL, agreed, refused
 
 BLKLS = functools.partial(oracles.sleuthkit, "hfs")
-PARTCLONE = functools.partial(oracles.partclone, "hfsp") # loses count where extents are in the tree
+PARTCLONE = functools.partial(oracles.partclone, "hfsp") # miscounts if extents are in the tree
 FILES = 60
 SMALL_BLOCKS = ("--block-size", "512")
 

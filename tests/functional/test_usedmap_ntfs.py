@@ -1,4 +1,5 @@
-"""The used clusters that the agent finds on NTFS whose structures lie anywhere, and what it refuses."""
+"""The used clusters that the agent finds on NTFS with structures in unusual places, and volumes that it
+refuses."""
 import functools
 import json
 import os
@@ -27,7 +28,7 @@ def make(directory, mebibytes, cluster, *options):
 
 
 def use(image, *steps, options="rw"):
-    """Mounts an image and hands the mount point to each step; returns the tree that is there then."""
+    """Mounts an image and calls each step with the mount point; returns the resulting tree."""
     with attached(image) as device, \
             filesystems.mounted("ntfs", device, image.parent / "mnt", options) as root:
         for step in steps:
@@ -49,13 +50,13 @@ def check_whole(image, tree, *options):
 
 
 def map_of(image, *options):
-    """The used ranges in clusters, and how many clusters are told of."""
+    """The used ranges in clusters, and the number of clusters in the map."""
     found = json.loads(run(TOOL, "--json", *options, image))
     return found["ranges"], found["blocks"]
 
 
 def test_map_that_takes_several_fetches(directory):
-    """A second fetch goes on within the first run. Behind that one, the map isn't read on."""
+    """The second fetch begins within the first run. After it, no more of the map is read."""
     image = make(directory, 4200, 512)
     in_one = map_of(image)
     assert in_one[1] > 8 << 20
@@ -63,14 +64,15 @@ def test_map_that_takes_several_fetches(directory):
     scatter(image, BITMAP, 8)
     truth = filesystems.truth_of(image, "ntfs")
     ranges = [(at // 512, length // 512) for at, length in truth.used_extents()]
-    backup_of_boot_sector = (truth.blocks, 1) # behind the last cluster that is counted
+    backup_of_boot_sector = (truth.blocks, 1) # after the last cluster that is counted
     assert [tuple(found) for found in map_of(image)[0]] == [*ranges, backup_of_boot_sector]
     assert "NTFS: The bitmap is in pieces, and can't be read on from cluster 8388608" in \
         refused(image, "--buffer", "1")
 
 
 def check_accounted(complaint, image, _file_system):
-    """Each cluster has its owner, though the check objects to another size of the volume."""
+    """Checks that each cluster is accounted for, though the check complains about another size of the
+    volume."""
     done = subprocess.run(["ntfsresize", "--info", "--force", "--no-progress-bar", image], check=False,
                           stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
     assert "Space in use" in done.stdout and "accounting failed" not in done.stdout
@@ -89,7 +91,7 @@ def test_bitmap_of_many_runs(cluster, mebibytes, count, directory):
 
 @pytest.mark.parametrize("cluster, runs", [(512, 30), (4096, 8), (65536, 2)])
 def test_fragmented_table_of_files(cluster, runs, directory):
-    """The record of the bitmap is behind the first run, unless a cluster has more than that."""
+    """The bitmap's record is after the first run, unless a cluster holds more than that."""
     image = make(directory, 200, cluster)
     tree = use(image, aged)
     scatter(image, MFT, runs)
@@ -109,7 +111,7 @@ def test_fragmented_table_and_bitmap(directory):
 
 @pytest.mark.parametrize("count", [1, 8])
 def test_bitmap_behind_an_attribute_list(count, directory):
-    """blkls gives such a volume up."""
+    """blkls can't read such a volume."""
     image = make(directory, 90, 512)
     tree = use(image, aged)
     scatter(image, BITMAP, count)
@@ -137,7 +139,7 @@ def test_volume_for_other_sectors_than_its_disk_has_is_refused(directory):
 
 
 def write_holes(root):
-    """A large file, most of which was never written."""
+    """Makes a large file, most of which is never written."""
     with open(root / "sparse", "wb") as file:
         for place in range(0, 60 << 20, 7 << 20):
             os.pwrite(file.fileno(), random.Random(place).randbytes(50_000), place)
@@ -169,7 +171,7 @@ def test_full_volume(directory):
 
 @pytest.mark.parametrize("cluster", [131072, 1 << 20, 2 << 20])
 def test_clusters_of_more_than_128_sectors_are_refused(cluster, directory):
-    """Their number of sectors is told by its logarithm, which is no power of two."""
+    """Their number of sectors is encoded as an exponent, which isn't a power of two itself."""
     image = make(directory, 512, cluster)
     assert filesystems.truth_of(image, "ntfs").block_size == cluster
     assert f"{FAILED} -186" in refused(image)

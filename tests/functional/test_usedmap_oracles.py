@@ -1,5 +1,5 @@
-"""The used blocks that the parsers find, beside what programs tell that had no part in making the volumes,
-block for block; and volumes that are put together from nothing but those blocks."""
+"""The used blocks that the parsers find, compared block by block with programs that took no part in making
+the volumes; and volumes that are rebuilt from only those blocks."""
 import pytest
 
 from lab import filesystems

@@ -1,4 +1,4 @@
-"""The map of what a backup reads: captures of mounted volumes in use, as the snapshot driver takes them."""
+"""The map of a backup's source: captures of mounted volumes in use, as the snapshot driver takes them."""
 import contextlib
 import os
 
@@ -24,7 +24,7 @@ XFS = (
 
 @contextlib.contextmanager
 def in_use(lab_site):
-    """A history on each volume, changes that nobody has synced, and a file that is deleted but open."""
+    """Volumes with a history, changes that haven't been synced, and a file that is deleted but open."""
     with contextlib.ExitStack() as files:
         for name in lab_site.names:
             root = lab_site.mount_point(name)
@@ -38,14 +38,14 @@ def in_use(lab_site):
 
 @pytest.fixture
 def snapshots(site):
-    """snapshots(VOLUMES) is each volume, and the device of its snapshot, by its name."""
-    with contextlib.ExitStack() as lasting:
+    """snapshots(VOLUMES) maps each volume's name to the volume and the device of its snapshot."""
+    with contextlib.ExitStack() as stack:
         def take(volumes):
-            lab_site = lasting.enter_context(SnapshotSite(volumes))
-            lasting.enter_context(in_use(lab_site))
-            session = lasting.enter_context(lab_site.session(incremental=False))
+            lab_site = stack.enter_context(SnapshotSite(volumes))
+            stack.enter_context(in_use(lab_site))
+            session = stack.enter_context(lab_site.session(incremental=False))
             facts = session.start()
-            lasting.callback(session.end, "success")
+            stack.callback(session.end, "success")
             return {name: (lab_site[name], facts[name]["snapshotPath"]) for name in lab_site.names}
         yield take
 

@@ -1,4 +1,4 @@
-"""What the agent finds of volumes, against the real udisks2 and what the volumes' own tools say."""
+"""The volumes that the agent finds, compared with the real udisks2 and the volumes' own tools."""
 import contextlib
 import json
 import os
@@ -21,14 +21,15 @@ ACTIVATION = "/usr/share/dbus-1/system-services/org.freedesktop.UDisks2.service"
 
 
 def ask(*uuids):
-    """What the program prints for each UUID, all volumes for an empty one, and what it logs."""
+    """Runs the program with these UUIDs, where an empty one means all volumes; returns its answers and its
+    log."""
     done = subprocess.run([program("Volumes")], input="".join(f"{uuid}\n" for uuid in uuids),
                           capture_output=True, text=True, check=True, timeout=SECONDS)
     return [json.loads(line) for line in done.stdout.splitlines()], done.stderr.splitlines()
 
 
 def listed():
-    """All volumes by their device; other sites of the machine may show theirs too."""
+    """All volumes, by device; they may include those of other sites of the machine."""
     [found], _ = ask("")
     return {volume["device"]: volume for volume in found}
 
@@ -52,14 +53,14 @@ def further_disk(lab_site, *contents, **options):
 
 
 def wait_for_mounts(partition, *mount_points):
-    """udisks2 notices a mount by itself, a moment later."""
+    """Waits until udisks2 has noticed a mount, which takes a moment."""
     wait_until(lambda: found(partition)["mountPoints"] == list(mount_points), SECONDS,
                f"{partition.device} at {mount_points}")
 
 
 @contextlib.contextmanager
 def bare_loop(lab_site, mebibytes):
-    """A loop device with a file system right on it."""
+    """A loop device with a file system directly on it, without a partition table."""
     with tempfile.NamedTemporaryFile(prefix=f"{volumes.IMAGE_PREFIX}bare-") as image:
         os.truncate(image.name, mebibytes << 20)
         filesystems.make("ext4", image.name)
@@ -170,7 +171,7 @@ def test_other_partition_table(lab_site):
 
 
 def test_rest_behind_the_last_block(lab_site):
-    """A partition may end anywhere, at any sector."""
+    """A partition may end at any sector."""
     odd = Volume("odd", "ext4", 64 + 1 / 2048, mount_point="/mnt/odd")
     with further_disk(lab_site, odd) as disk:
         wait_for_mounts(disk["odd"], "/mnt/odd")
@@ -181,7 +182,7 @@ def test_rest_behind_the_last_block(lab_site):
 
 
 def test_file_system_on_a_bare_loop_device(lab_site):
-    """Its blocks are those that its file system tells of, fewer than the device has."""
+    """The size is that of the file system, which is smaller than the device."""
     with bare_loop(lab_site, 64) as loop, loop.mounted("/mnt/bare"):
         wait_until(lambda: listed()[loop.device]["mounted"], SECONDS, "the mount")
         volume, status = listed()[loop.device], os.statvfs("/mnt/bare")
@@ -201,7 +202,7 @@ def test_volume_without_a_uuid(lab_site):
 
 
 def test_device_that_has_vanished(lab_site):
-    """Its node has gone; udisks2 doesn't know yet."""
+    """The device node is gone; udisks2 hasn't noticed yet."""
     with further_disk(lab_site, Volume("gone", "ext4", 8)) as disk:
         partition = disk["gone"]
         pathlib.Path(partition.device).unlink()
@@ -224,7 +225,7 @@ def test_full_volume(lab_site):
 
 
 def test_each_question_is_answered_anew(lab_site):
-    """By one provider, while disks come and go."""
+    """One provider answers each question with current data, while disks come and go."""
     with subprocess.Popen([program("Volumes")], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
                           stderr=subprocess.DEVNULL, text=True) as lister:
         def uuids():
@@ -242,7 +243,7 @@ def test_each_question_is_answered_anew(lab_site):
 
 
 def test_without_the_service(lab_site):
-    """Nobody has its name, and nobody can start it."""
+    """No process owns the service's name, and the bus can't start it."""
     lab_site.udisks.stop()
     run("mount", "--bind", "/dev/null", ACTIVATION)
     try:
@@ -257,7 +258,7 @@ def test_without_the_service(lab_site):
 
 
 def test_without_a_bus(tmp_path):
-    """One that there isn't, in a program that has none of the site's."""
+    """The bus doesn't exist, in a program without the site's services."""
     environment = {**os.environ, "DBUS_SYSTEM_BUS_ADDRESS": f"unix:path={tmp_path}/none"}
     done = subprocess.run([program("Volumes")], input="\n", capture_output=True, text=True, check=True,
                           timeout=SECONDS, env=environment)

@@ -1,8 +1,8 @@
-"""Attacks on the client of the second transport, by servers that don't keep to the protocol and by somebody
-between it and a good one.
+"""Attacks on the client of the second transport: by servers that violate the protocol, and by a man in the
+middle.
 
-Whatever happens, it ends within its limits, says so, and takes nothing for done that isn't. What became of
-the attacks is told beside the programs, in attacks-zephane-client.txt.
+Whatever happens, the client ends within its time limits, reports the error, and reports nothing as done that
+isn't. The outcomes of the attacks are written to attacks-zephane-client.txt beside the programs.
 """
 import concurrent.futures
 import contextlib
@@ -24,25 +24,27 @@ import zephane_wire as wire
 import zephane_zstd as zstd
 from lab.daemon import program
 from lab.usage import status_number
-from zephane_nbd import NbdServer
-from zephane_peers import Attacker, Host, Image, admit
-from zephane_scene import MIB, SIZE, Scene
+from zephane_bad_servers import (FORGERIES, IMAGE, VERDICT_HEAD, Silence, be_silent, behind_handshake,
+                                 digest_answer, dribble, flood, for_hello, for_verdict, granted, hang_up,
+                                 on_request, raw, reply, reply_raw, reply_slowly, send, served, uncompressed,
+                                 verdict_of_length, with_digests, with_nbd)
+from zephane_peers import Attacker, Host
+from zephane_scene import MIB, Scene
 from zephane_tls import ADDRESS, server_context
 
 OPEN_SECONDS, ANSWER_SECONDS = 20, 60
 MARGIN_SECONDS = 8
-LIMIT_SECONDS = 200 # what is far beyond all that a client may take
+LIMIT_SECONDS = 200 # far longer than a client may take
 MOST_MEMORY = 192 * 1024 # KiB
 OPEN, WRITE, READ = range(3)
 CALLS = ("open", "write", "read")
 COMMANDS = ("open", f"write {MIB}", "seek 0", f"read {MIB}", "close")
-IMAGE = Image("data", 7, "secret")
 FLAGS = wire.WRITABLE | wire.COMPRESS
 
 
 @dataclasses.dataclass(frozen=True)
 class Run:
-    """What a client has said to the commands, how long it took, and the memory that it had at most."""
+    """A client's answers to the commands, the time that it took, and its peak memory."""
 
     answers: list
     seconds: float
@@ -50,12 +52,12 @@ class Run:
 
     @property
     def codes(self):
-        """Of open, write, read and close."""
+        """The status codes of open, write, read and close."""
         return [answer["code"] for answer in self.answers[:2] + self.answers[3:]]
 
 
 def run_client(port, image=IMAGE, flags=FLAGS):
-    """The real client, through all commands."""
+    """Runs the real client through all commands."""
     command = [program("ZephaneProbe"), ADDRESS, str(port), image.path, str(image.volume_id), str(flags),
                image.secret]
     begin = time.monotonic()
@@ -72,177 +74,10 @@ def run_client(port, image=IMAGE, flags=FLAGS):
     return Run(answers, seconds, memory)
 
 
-# How servers go wrong.
-
-class Silence(Exception):
-    """Nothing more is sent, until the client goes away."""
-
-
-def be_silent(*_):
-    raise Silence
-
-
-def hang_up(*_):
-    raise ConnectionError("on purpose")
-
-
-def served(serve):
-    """As a server does it."""
-    @functools.wraps(serve)
-    def run(connection):
-        try:
-            serve(connection)
-        except Silence:
-            connection.receive_all()
-    return run
-
-
-def send(data):
-    """Sends that instead of what should come, and then nothing."""
-    def act(connection, *_):
-        connection.send(data)
-        raise Silence
-    return act
-
-
-def dribble(data, seconds):
-    """The same, a byte at a time."""
-    def act(connection, *_):
-        for byte in data:
-            connection.send(bytes([byte]))
-            time.sleep(seconds)
-        raise Silence
-    return act
-
-
-def for_hello(act):
-    """Acts in place of the server's hello."""
-    @served
-    def serve(connection):
-        wire.receive_message(connection)
-        act(connection)
-    return serve
-
-
-def for_verdict(make):
-    """Sends what is made in place of the verdict, of the transcript and the connection."""
-    @served
-    def serve(connection):
-        transcript = wire.receive_message(connection) + wire.server_hello()
-        connection.send(transcript[-len(wire.server_hello()):])
-        transcript += wire.receive_message(connection)
-        connection.send(make(transcript, connection))
-        raise Silence
-    return serve
-
-
-def behind_handshake(act, flags=wire.WRITABLE):
-    """Acts on the stream."""
-    return served(lambda connection: act(admit(connection, IMAGE.secret, flags)))
-
-
-def raw(data):
-    """Sends bytes that needn't be frames."""
-    def act(stream):
-        stream.send_raw(data)
-        raise Silence
-    return act
-
-
-def uncompressed(data):
-    """Sends bytes that needn't be zstd."""
-    def act(stream):
-        send(data)(stream.connection)
-    return act
-
-
-def with_nbd(flags=wire.WRITABLE, size=SIZE, nbd_flags=nbd.USUAL, **steps):
-    """An NBD server of which some steps are replaced."""
-    def act(stream):
-        server = NbdServer(stream, size, nbd_flags)
-        for name, step in steps.items():
-            setattr(server, name, functools.partial(step, server))
-        server.run()
-    return behind_handshake(act, flags)
-
-
-def on_request(kind, act):
-    """Acts when such a request comes; the others are served."""
-    def serve(server, asked, cookie, offset, length, data):
-        if asked == kind:
-            act(server, cookie, length)
-            return True
-        return NbdServer.serve(server, asked, cookie, offset, length, data)
-    return serve
-
-
-def reply(data=b"", cookie=None, error=0, magic=nbd.REPLY):
-    def act(server, asked, _length):
-        server.stream.send(struct.pack(">II", magic, error) + (cookie or asked) + data)
-    return act
-
-
-def reply_raw(data):
-    def act(server, *_):
-        server.stream.send_raw(data)
-    return act
-
-
-def reply_slowly(server, cookie, length):
-    """A byte of the answer each five seconds."""
-    for byte in struct.pack(">II", nbd.REPLY, 0) + cookie + bytes(length):
-        server.stream.send(bytes([byte]))
-        time.sleep(5)
-
-
-def flood(stream):
-    """NBD that doesn't end, and isn't asked for."""
-    while True:
-        stream.send(bytes(wire.FRAME_LIMIT))
-
-
-def with_digests(answer):
-    """A server that compares, and answers a request for digests by what is made of its offset and length."""
-    def act(stream):
-        stream.answer = lambda payload: answer(*struct.unpack(">QI", payload))
-        NbdServer(stream, SIZE).run()
-    return behind_handshake(act, wire.WRITABLE | wire.COMPARE)
-
-
-def digest_answer(code, digests):
-    return wire.frame(wire.DIGEST_ANSWER, struct.pack(">i", code) + digests)
-
-
-VERDICT_HEAD = struct.pack(">HiQ", 12 + wire.PROOF, 0, wire.WRITABLE)
-MORE_FLAGS = VERDICT_HEAD[:6] + struct.pack(">Q", wire.WRITABLE | wire.COMPARE)
-# What servers try that don't hold the secret: what makes their verdict, of transcript and exporter.
-FORGERIES = {
-    "nothing": lambda *_: VERDICT_HEAD + bytes(wire.PROOF),
-    "noise": lambda *_: VERDICT_HEAD + os.urandom(wire.PROOF),
-    "the client's own proof": lambda transcript, _: VERDICT_HEAD + transcript[-wire.PROOF:],
-    "another secret": lambda transcript, exporter: wire.grant("another", transcript, exporter, wire.WRITABLE),
-    "another channel": lambda transcript, _: wire.grant(IMAGE.secret, transcript, bytes(32), wire.WRITABLE),
-    "another hello": lambda transcript, exporter: wire.grant(IMAGE.secret, b"x" + transcript[1:], exporter,
-                                                             wire.WRITABLE),
-    "the proof of other flags": lambda transcript, exporter: MORE_FLAGS + wire.grant(
-        IMAGE.secret, transcript, exporter, wire.WRITABLE)[len(MORE_FLAGS):],
-}
-
-
-def granted(flags):
-    """A good proof of the server, with these flags."""
-    return for_verdict(lambda transcript, connection:
-                       wire.grant(IMAGE.secret, transcript, connection.exporter, flags))
-
-
-def verdict_of_length(claimed, sent):
-    return for_verdict(lambda *_: struct.pack(">H", claimed) + sent)
-
-
 @dataclasses.dataclass(frozen=True)
 class Attack:
-    """What a server does, the call that it has to fail, and the seconds within which that has to have ended.
-    It `breaks` the connection if nothing works after it."""
+    """A server's behaviour, the client call that must fail, and the time limit for that in seconds. If the
+    attack `breaks` the connection, no later call works."""
 
     name: str
     serve: typing.Callable
@@ -253,12 +88,13 @@ class Attack:
 
 
 def steps_of_opening():
-    """(name, what builds a server that acts at this step, what should be sent there)"""
+    """(name, function that builds a server which acts at this step, the right data of that step)"""
     yield "for the hello", for_hello, wire.server_hello()
     yield ("for the verdict", lambda act: for_verdict(lambda _, connection: act(connection) or b""),
            VERDICT_HEAD + bytes(wire.PROOF))
     yield "for NBD's greeting", behind_handshake, nbd.GREETING + b"\0\3"
-    yield "for NBD's options", lambda act: with_nbd(haggle=lambda server: act(server.stream)), bytes(20)
+    yield ("for NBD's options", lambda act: with_nbd(negotiate_options=lambda server: act(server.stream)),
+           bytes(20))
 
 
 def attacks_on_opening():
@@ -324,7 +160,7 @@ def attacks_on_requests():
 
 
 def digests(count):
-    """An answer of so many, whatever is asked for."""
+    """An answer with `count` digests, whatever was asked for."""
     return lambda *_: digest_answer(0, bytes(count * 32))
 
 
@@ -341,7 +177,7 @@ def attacks_on_digests():
 
 
 def faults_of(attack, run):
-    """What the client did that it must not do."""
+    """The forbidden things that the client did."""
     before, after = run.codes[:attack.fails], run.codes[attack.fails:]
     return [fault for fault, is_there in (
         ("failed too early", any(before)),
@@ -364,7 +200,7 @@ def make_context(tmp_path_factory):
 
 
 def test_good_server_is_no_attack(context):
-    """What the attacks are variations of."""
+    """The well-behaved server that the attacks modify."""
     for flags in (0, wire.COMPRESS):
         with Host(context, with_nbd(flags=wire.WRITABLE | flags)) as host:
             run = run_client(host.port)
@@ -373,7 +209,7 @@ def test_good_server_is_no_attack(context):
 
 
 def check_all(context, attacks, chosen):
-    """Makes all attacks at once, as some take a minute."""
+    """Runs all attacks at the same time, as some take a minute."""
     with concurrent.futures.ThreadPoolExecutor(len(chosen)) as pool:
         runs = list(pool.map(functools.partial(attack_client, context), chosen))
     wrong = {attack.name: (faults, run) for attack, run in zip(chosen, runs)
@@ -397,11 +233,11 @@ def test_bad_servers_are_left(context, attacks):
                                  *attacks_on_digests()])
 
 
-# Between the real client and the real server.
+# A man in the middle, between the real client and the real server.
 
 def relayed(port, image, verdict=None):
-    """Hands on what the client says in the handshake, over a connection of its own, and the server's verdict
-    unless there is another."""
+    """Forwards the client's handshake messages over a connection of its own, and returns the server's
+    verdict, or `verdict` if given."""
     @served
     def serve(victim):
         with contextlib.closing(Attacker(port, image)) as server:
@@ -416,8 +252,8 @@ def relayed(port, image, verdict=None):
 
 
 def test_relayed_connection_carries_nothing(context, attacks):
-    """A man in the middle with a certificate of his own: the server doesn't take the client's proof, and he
-    has none that the client takes."""
+    """A man in the middle with a certificate of his own: the server rejects the forwarded proof of the
+    client, and he has none that the client accepts."""
     lie = VERDICT_HEAD + os.urandom(wire.PROOF)
     with Scene() as scene:
         for name, verdict, code in (("refusal handed on", None, wire.NO_ACCESS),
@@ -426,7 +262,7 @@ def test_relayed_connection_carries_nothing(context, attacks):
                 run = run_client(host.port, scene.image)
             assert run.codes[OPEN] == code and max(run.codes) < 0, run
             attacks.note(f"TLS relayed, {name}", f"open fails with {run.codes[OPEN]}")
-        scene.check_standing()
+        scene.check_unharmed()
         good = run_client(scene.port, scene.image)
         assert good.codes == [0, 0, 0, 0], good
         assert scene.content()[:MIB] == b"w" * MIB

@@ -1,6 +1,7 @@
-"""Writers of the second transport that neither go on nor go away: they must not keep an image to themselves.
+"""Writers of the second transport that neither continue nor disconnect: they must not block an image for
+ever.
 
-What became of them is told beside the programs, in attacks-zephane-dead.txt.
+The outcomes are written to attacks-zephane-dead.txt beside the programs.
 """
 import concurrent.futures
 import contextlib
@@ -15,20 +16,20 @@ from lab.daemon import program
 from lab.services import wait_until
 from zephane_scene import OTHER_SIZE
 
-LIMIT_SECONDS = 60 # what the server grants a peer that neither takes nor sends anything
+LIMIT_SECONDS = 60 # the server's limit for a peer that neither reads nor sends
 MARGIN_SECONDS = 10
 LENGTH = 4096
 
 
 def is_busy(scene, image):
-    """Whether there is another writer."""
+    """Whether the image has another writer."""
     with scene.attacker(image) as attacker:
         return attacker.shake_hands().code == wire.BUSY
 
 
 @contextlib.contextmanager
 def cut_off(port):
-    """Packets from and to a local port get lost."""
+    """Drops packets from and to a local port."""
     run("nft", f"""add table inet cut
         add chain inet cut lost {{ type filter hook input priority 0; }}
         add rule inet cut lost tcp sport {port} drop
@@ -40,21 +41,21 @@ def cut_off(port):
 
 
 def seconds_until_free(scene, image):
-    """How long another writer is kept out."""
+    """The seconds until another writer is admitted."""
     begin = time.monotonic()
     wait_until(lambda: not is_busy(scene, image), LIMIT_SECONDS + MARGIN_SECONDS, "the image free again")
     return time.monotonic() - begin
 
 
 def firewall_writer(scene):
-    """One whose machine has lost its network."""
+    """A writer whose machine has lost its network."""
     with scene.owner() as (attacker, _):
         with cut_off(attacker.connection.socket.getsockname()[1]):
             return seconds_until_free(scene, scene.image)
 
 
 def stop_reading(scene):
-    """One who asks and doesn't take the answers."""
+    """A writer that sends requests and doesn't read the answers."""
     with scene.owner(scene.other) as (_, image):
         for _ in range(16):
             image.request(nbd.READ, 0, OTHER_SIZE)
@@ -62,7 +63,7 @@ def stop_reading(scene):
 
 
 def test_killed_writer_is_gone_at_once(scene, attacks):
-    """The real client, in the midst of a session."""
+    """The real client is killed in the middle of a session."""
     image = scene.image
     with subprocess.Popen([program("ZephaneProbe"), "127.0.0.1", str(scene.port), image.path,
                            str(image.volume_id), str(wire.WRITABLE), image.secret],
@@ -75,7 +76,7 @@ def test_killed_writer_is_gone_at_once(scene, attacks):
     with scene.owner():
         assert scene.content()[:LENGTH] == b"w" * LENGTH
     scene.note_content()
-    scene.check_standing()
+    scene.check_unharmed()
     attacks.note("a writer killed", "the next one let in at once, what was acknowledged is there")
 
 
@@ -84,4 +85,4 @@ def test_dead_writers_are_found(scene, attacks):
         jobs = {job.__name__: pool.submit(job, scene) for job in (firewall_writer, stop_reading)}
     for name, job in jobs.items():
         attacks.note(f"a writer that is dead: {name}", f"ended after {job.result():.0f} s")
-    scene.check_standing()
+    scene.check_unharmed()

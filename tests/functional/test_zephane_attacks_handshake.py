@@ -1,7 +1,7 @@
-"""Attacks on the server of the second transport before it has let anybody in.
+"""Attacks on the server of the second transport during the handshake.
 
-Each is an attack of somebody without the secret of an image. What became of them is told beside the programs,
-in attacks-zephane-handshake.txt.
+The attackers don't have the secret of the image. The outcomes are written to attacks-zephane-handshake.txt
+beside the programs.
 """
 import concurrent.futures
 import contextlib
@@ -20,7 +20,7 @@ from zephane_peers import Attacker, Host, Image, admit
 from zephane_scene import ENTER_SECONDS, flipped
 from zephane_tls import ADDRESS, TLS_1_2, TlsConnection, TlsContext, server_context
 
-HANDSHAKE_SECONDS = 10 # what the server gives a client for it
+HANDSHAKE_SECONDS = 10 # the server's time limit for a client's handshake
 MARGIN_SECONDS = 5
 TRIES = 20
 AT_ONCE = 32
@@ -31,8 +31,8 @@ DESCRIPTORS = 3 * STRANGERS
 
 
 def code_of(attacker, hello=None, proof=None):
-    """What becomes of a client that goes through all of the handshake: "refused" with a code, or "closed".
-    `proof` makes the proof of the attacker, if it isn't the one that the secret makes."""
+    """The outcome for a client that goes through the whole handshake: "refused" with a code, or "closed".
+    `proof` makes the attacker's proof, if it isn't the right one for the secret."""
     with attacker, contextlib.suppress(ConnectionError):
         attacker.send_hello(hello)
         return f"refused, {attacker.send_proof(proof and wire.message(proof(attacker))).code}"
@@ -40,7 +40,7 @@ def code_of(attacker, hello=None, proof=None):
 
 
 def outcome_of(attacker, sent):
-    """The same of one that sends something, and then ends its side."""
+    """The same for a client that sends something and then shuts down its side."""
     with contextlib.suppress(ConnectionError):
         attacker.connection.send(sent)
     attacker.connection.socket.shutdown(socket.SHUT_WR)
@@ -49,17 +49,17 @@ def outcome_of(attacker, sent):
 
 
 def check_all(scene, attacks, name, attempt, variants):
-    """Lets each variant be tried, many at once, as the server takes its time to refuse. None is let in, and
-    the server has taken no harm."""
+    """Tries all variants, many at the same time, as the server delays its refusals. Checks that none is
+    admitted, and that the server is unharmed."""
     with concurrent.futures.ThreadPoolExecutor(AT_ONCE) as pool:
         outcomes = list(pool.map(attempt, variants))
     assert outcomes and set(outcomes) <= {"closed", REFUSED}, (name, set(outcomes))
-    scene.check_standing()
+    scene.check_unharmed()
     counted = ", ".join(f"{outcomes.count(kind)} {kind}" for kind in sorted(set(outcomes)))
     attacks.note(f"{name}, {len(outcomes)} tries", counted)
 
 
-# Somebody between the two ends.
+# A man in the middle.
 
 def test_recorded_handshakes_open_nothing(scene, attacks):
     with scene.attacker() as good:
@@ -71,7 +71,7 @@ def test_recorded_handshakes_open_nothing(scene, attacks):
 
 
 def test_proofs_of_another_channel_open_nothing(scene, attacks, tmp_path):
-    """A man in the middle has the client prove itself to him, and shows that to the server."""
+    """The man in the middle forwards the client's proof for his own channel to the server."""
     def pass_on(victim):
         with scene.attacker() as relayed:
             hello = wire.receive_message(victim)
@@ -85,7 +85,7 @@ def test_proofs_of_another_channel_open_nothing(scene, attacks, tmp_path):
                   lambda _: code_of(Attacker(host.port, scene.image)), range(5))
 
 
-# Secrets that don't fit.
+# Wrong secrets.
 
 def test_secrets_of_others_open_nothing(scene, attacks):
     one, other = scene.image, scene.other
@@ -97,7 +97,7 @@ def test_secrets_of_others_open_nothing(scene, attacks):
 
 
 def test_reflected_proof_opens_nothing(scene, attacks):
-    """The proof of the other role, one without the channel, and none at all."""
+    """The attackers send the proof of the other role, one without the channel binding, and none at all."""
     def prove(attacker, role, exporter):
         return wire.proof_of(attacker.image.secret, role, attacker.transcript, exporter)
 
@@ -131,10 +131,10 @@ def test_unknown_image_looks_like_a_wrong_secret(scene, attacks):
                  f"one answer, medians of the time {first * 1e3:.2f} ms and {second * 1e3:.2f} ms")
 
 
-# Messages that aren't what they should be.
+# Malformed messages.
 
 def outcome_of_proof(attacker, change):
-    """What becomes of one that sends a changed proof, and then ends its side."""
+    """The outcome for a client that sends a changed proof, and then shuts down its side."""
     with attacker:
         attacker.send_hello()
         return outcome_of(attacker, change(attacker.proof()))
@@ -160,11 +160,12 @@ def test_truncated_messages_open_nothing(scene, attacks):
 
 
 def outcome_of_flip(attacker, hello, byte):
-    """On the way, that is: what the client proves is what it has sent, and not what the server has got."""
+    """The hello is changed on the way: the client's proof is for the hello it sent, not for the one the
+    server got."""
     with attacker, contextlib.suppress(ConnectionError):
         attacker.connection.send(flipped(hello, byte, byte % 8))
         if byte < 2:
-            attacker.connection.socket.shutdown(socket.SHUT_WR) # a length: nothing more is going to come
+            attacker.connection.socket.shutdown(socket.SHUT_WR) # the byte is a length: no more data follows
         attacker.transcript = hello + wire.receive_message(attacker.connection)
         return f"refused, {attacker.send_proof().code}"
     return "closed"
@@ -205,7 +206,7 @@ def test_odd_hellos_open_nothing(scene, attacks):
 def test_tls_1_2_is_refused(scene, attacks):
     with pytest.raises(ConnectionError):
         TlsConnection.to(scene.port, context=TlsContext(version=TLS_1_2))
-    scene.check_standing()
+    scene.check_unharmed()
     attacks.note("TLS 1.2", "refused")
 
 
@@ -217,12 +218,12 @@ def test_plain_text_is_refused(scene, attacks):
             while piece := plain.recv(4096):
                 received += piece
     assert wire.MAGIC not in received
-    scene.check_standing()
+    scene.check_unharmed()
     attacks.note("no TLS at all", "refused")
 
 
 def has_ticket(port, hello):
-    """Whether a server gives out what a TLS session could be taken up with again."""
+    """Whether a server issues a ticket with which a TLS session could be resumed."""
     context = ssl.SSLContext(ssl.PROTOCOL_TLS_CLIENT)
     context.check_hostname, context.verify_mode = False, ssl.CERT_NONE
     with context.wrap_socket(socket.create_connection((ADDRESS, port), 20)) as connection:
@@ -239,10 +240,10 @@ def test_there_are_no_tickets(scene, attacks, tmp_path):
     attacks.note("taking up a TLS session again", "no ticket for it")
 
 
-# Those who take their time.
+# Slow clients.
 
 def first_bytes_of_tls():
-    """The beginning of a handshake."""
+    """The beginning of a TLS handshake."""
     incoming, outgoing = ssl.MemoryBIO(), ssl.MemoryBIO()
     context = ssl.SSLContext(ssl.PROTOCOL_TLS_CLIENT)
     context.check_hostname, context.verify_mode = False, ssl.CERT_NONE
@@ -259,7 +260,7 @@ def wait_for_end(connected):
 
 
 def slow_tls(scene, sent):
-    """Begins TLS and leaves it at that."""
+    """Starts a TLS handshake and doesn't continue it."""
     with scene.connect() as connected:
         connected.sendall(sent)
         wait_for_end(connected)
@@ -273,7 +274,7 @@ def slow_hello(scene, messages):
 
 
 def dribble(scene):
-    """A byte each half a second."""
+    """Sends a byte every half second."""
     hello = wire.client_hello(scene.image.path, scene.image.volume_id)
     with scene.attacker() as attacker, contextlib.suppress(ConnectionError):
         for byte in hello:
@@ -302,12 +303,12 @@ def test_slow_handshakes_are_ended(scene, attacks):
     for name, job in jobs.items():
         assert HANDSHAKE_SECONDS - 1 < job.result() < HANDSHAKE_SECONDS + MARGIN_SECONDS, name
         attacks.note(f"{name}, and no more", f"closed after {job.result():.1f} s")
-    scene.check_standing()
+    scene.check_unharmed()
 
 
 @contextlib.contextmanager
 def descriptors(pid, number):
-    """Lets a process have so many meanwhile."""
+    """Sets a process's limit of descriptors during the context."""
     old = resource.prlimit(pid, resource.RLIMIT_NOFILE)
     resource.prlimit(pid, resource.RLIMIT_NOFILE, (number, old[1]))
     yield
@@ -316,13 +317,13 @@ def descriptors(pid, number):
 
 @pytest.mark.parametrize("limit", [1024, DESCRIPTORS])
 def test_thousands_who_say_nothing_keep_nobody_out(scene, attacks, limit):
-    """Whether the server may have a descriptor for each of them, or not."""
+    """The owner is admitted whether or not the server's descriptor limit is large enough for all of them."""
     with descriptors(scene.server.pid, limit), descriptors(os.getpid(), DESCRIPTORS):
         with contextlib.ExitStack() as strangers:
             for _ in range(STRANGERS):
                 strangers.enter_context(scene.connect())
-            seconds = timed(scene.check_standing)
+            seconds = timed(scene.check_unharmed)
     assert seconds < ENTER_SECONDS + HANDSHAKE_SECONDS
-    scene.check_standing()
+    scene.check_unharmed()
     attacks.note(f"{STRANGERS} connections that say nothing, {limit} descriptors",
                  f"owners served in {seconds:.1f} s, peak of memory {scene.peak_memory() >> 10} MiB")

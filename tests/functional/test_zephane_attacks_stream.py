@@ -1,7 +1,7 @@
-"""Attacks on the server of the second transport by those it has let in: holders of one image's secret.
+"""Attacks on the server of the second transport by admitted clients: holders of one image's secret.
 
-They may do with that image what they like, within its size. Nothing else may change, and the server has to go
-on. What became of the attacks is told beside the programs, in attacks-zephane-stream.txt.
+They may do anything with that image, within its size. Nothing else may change, and the server must continue.
+The outcomes are written to attacks-zephane-stream.txt beside the programs.
 """
 import concurrent.futures
 import contextlib
@@ -26,27 +26,28 @@ SESSIONS = 300
 
 
 def write_request(data, offset=PLACE):
-    """As its frame goes over an uncompressed stream."""
+    """A write request in a frame, for an uncompressed stream."""
     head = struct.pack(">IHH8sQI", nbd.REQUEST, 0, nbd.WRITE, b"attacker", offset, len(data))
     return wire.frames(wire.NBD, head + data)
 
 
 def end_sending(attacker):
-    """The client's half is over; waits for the server's."""
+    """Shuts down the client's side; waits for the server's."""
     attacker.connection.socket.shutdown(socket.SHUT_WR)
     assert attacker.is_ended(ENDED_SECONDS)
 
 
 def elsewhere(content):
-    """An image, but for what the attacks write to."""
+    """The content of an image without the range that the attacks write to."""
     return content[:PLACE] + content[PLACE + LENGTH:]
 
 
-# Streams that are broken on their way.
+# Streams that are damaged on their way.
 
 @pytest.mark.parametrize("flags, heads", [(PLAIN, 4), (COMPRESSED, 7)], ids=["plain", "compressed"])
 def test_flipped_heads_change_nothing_else(scene, attacks, flags, heads):
-    """Each bit of the heads of a block and of a frame, behind a write that has been acknowledged."""
+    """Each bit of the headers of a zstd block and of a frame is flipped, after a write that has been
+    acknowledged."""
     tries = 0
     for byte in range(heads):
         for bit in range(8):
@@ -62,23 +63,23 @@ def test_flipped_heads_change_nothing_else(scene, attacks, flags, heads):
             assert elsewhere(scene.content()) == elsewhere(before)
             tries += 1
     scene.note_content()
-    scene.check_standing()
+    scene.check_unharmed()
     attacks.note(f"a bit of the heads of a block or frame flipped, {tries} tries",
                  "session ended, nothing changed")
 
 
 def test_flipped_beginnings_of_a_stream_change_nothing(scene, attacks):
-    """Each bit of the first bytes of a compressed stream, up to the first of NBD."""
+    """Each bit of the first bytes of a compressed stream is flipped, up to the beginning of NBD."""
     tries = 0
     for byte in range(13):
         for bit in range(8):
-            with scene.owner_at_stream(flags=COMPRESSED) as attacker:
+            with scene.admitted_client(flags=COMPRESSED) as attacker:
                 sent = attacker.stream.encoded(wire.frames(wire.NBD, struct.pack(">I", 3)))
                 with contextlib.suppress(ConnectionError):
                     attacker.connection.send(flipped(sent, byte, bit))
                 end_sending(attacker)
             tries += 1
-    scene.check_standing()
+    scene.check_unharmed()
     attacks.note(f"a bit of the first bytes of a stream flipped, {tries} tries",
                  "session ended, nothing changed")
 
@@ -96,14 +97,14 @@ def test_writes_that_are_cut_short_are_not_done(scene, attacks, flags):
             attacker.connection.send(attacker.stream.encoded(write_request(b"\xaa" * LENGTH))[:size])
             end_sending(attacker)
         assert scene.content()[PLACE:PLACE + LENGTH] == kept, size
-    scene.check_standing()
+    scene.check_unharmed()
     attacks.note(f"a write cut short, {len(sizes)} tries", "session ended, nothing written")
 
 
 # zstd.
 
 def odd_streams():
-    """What no Compressor makes."""
+    """Streams that no Compressor makes."""
     good = zstd.stream_head()
     frame = wire.frames(wire.NBD, struct.pack(">I", 3))
     for window in (24, 27, 30, 31):
@@ -124,16 +125,16 @@ def odd_streams():
 
 def test_streams_that_are_not_ours_end_the_session(scene, attacks):
     for name, sent in odd_streams():
-        with scene.owner_at_stream(flags=COMPRESSED) as attacker:
+        with scene.admitted_client(flags=COMPRESSED) as attacker:
             with contextlib.suppress(ConnectionError):
                 attacker.connection.send(sent)
             assert attacker.is_ended(ENDED_SECONDS), name
         attacks.note(f"zstd: {name}", "session ended")
-    scene.check_standing()
+    scene.check_unharmed()
 
 
 def test_bomb_of_writes_takes_no_memory(scene, attacks):
-    """A gibibyte of zeros in 40 KB, which is what the image is written over with, many times."""
+    """A GiB of zeros, compressed to 40 KB, overwrites the image many times."""
     head = struct.pack(">IHH8sQI", nbd.REQUEST, 0, nbd.WRITE, b"attacker", 0, SIZE)
     piece = zstd.plain(wire.frame(wire.NBD, b"", wire.FRAME_LIMIT)) + zstd.repeated(0, wire.FRAME_LIMIT)
     bomb = zstd.plain(wire.frames(wire.NBD, head)) + piece * (SIZE // wire.FRAME_LIMIT)
@@ -146,15 +147,15 @@ def test_bomb_of_writes_takes_no_memory(scene, attacks):
         image.flush()
     assert scene.content() == bytes(SIZE)
     scene.note_content()
-    scene.check_standing()
+    scene.check_unharmed()
     attacks.note(f"a write of {SIZE >> 20} MiB in {len(bomb)} bytes, {1024 * MIB // SIZE} times",
                  f"written in {seconds:.1f} s, peak of memory {scene.peak_memory() >> 10} MiB")
 
 
 def test_blocks_of_nothing_keep_nobody_out(scene, attacks):
-    """They cost the server time and give it nothing to do; others go on meanwhile."""
+    """Empty blocks cost the server time without any data; other clients continue meanwhile."""
     nothing = zstd.block_head(zstd.RAW, 0) * 100_000
-    with scene.owner_at_stream(flags=COMPRESSED) as attacker:
+    with scene.admitted_client(flags=COMPRESSED) as attacker:
         attacker.connection.send(zstd.stream_head())
         with concurrent.futures.ThreadPoolExecutor(1) as pool:
             sending = pool.submit(lambda: [attacker.connection.send(nothing) for _ in range(20)])
@@ -162,14 +163,14 @@ def test_blocks_of_nothing_keep_nobody_out(scene, attacks):
                 assert other.size == OTHER_SIZE
             sending.result()
         end_sending(attacker)
-    scene.check_standing()
+    scene.check_unharmed()
     attacks.note("2,000,000 blocks of nothing", "session goes on, and so do others")
 
 
 # Frames.
 
 def odd_frames():
-    """(name, bytes) of what no client sends."""
+    """(name, bytes) of frames that no client sends."""
     for kind in (wire.DIGEST_ANSWER, 3, 4, 127, 128, 255):
         yield f"of kind {kind}", wire.frame(kind, b"0123456789ab")
     for length in (0, wire.FRAME_LIMIT + 1, 0xFFFFFF):
@@ -193,7 +194,7 @@ def test_odd_frames_end_the_session(scene, attacks, flags, odd):
                 attacker.stream.send_raw(sent)
             assert attacker.is_ended(ENDED_SECONDS), name
         attacks.note(f"frame: {odd.__name__}, {name}", "session ended")
-    scene.check_standing()
+    scene.check_unharmed()
 
 
 def ask_for_digests(attacker, offset, length):
@@ -211,7 +212,7 @@ def test_digests_of_what_is_not_there(scene, attacks, offset, length):
         assert code < 0 and not digests
         assert ask_for_digests(attacker, SIZE - MIB, MIB) == (0, wire.digests_of(scene.content()[-MIB:]))
         image.write(PLACE, scene.content()[PLACE:PLACE + LENGTH])
-    scene.check_standing()
+    scene.check_unharmed()
     attacks.note(f"digests of {offset}+{length}, beyond the end", f"refused, {code}")
 
 
@@ -220,15 +221,15 @@ def test_two_digest_requests_at_once_end_the_session(scene, attacks):
         with contextlib.suppress(ConnectionError):
             attacker.stream.send_raw(wire.digest_request(0, wire.DIGEST_LIMIT) * 200)
         assert attacker.is_ended(ENDED_SECONDS)
-    scene.check_standing()
+    scene.check_unharmed()
     attacks.note("200 digest requests at once", "session ended")
 
 
 # NBD.
 
 def size_of_export(scene, ask):
-    """What a client gets to see that asks for an export in some way: a size, or None."""
-    with scene.owner_at_stream(flags=PLAIN) as attacker:
+    """The size that a client gets when it asks for an export with `ask`, or None."""
+    with scene.admitted_client(flags=PLAIN) as attacker:
         image = nbd.NbdClient(attacker.stream).greet()
         with contextlib.suppress(NbdRefusal, ConnectionError):
             ask(image)
@@ -247,28 +248,28 @@ def test_other_exports_are_refused_or_the_same_image(scene, attacks):
         assert sizes <= {None, SIZE}
         attacks.note(f"NBD: export by another name, {way}, {len(names)} tries", f"sizes {sizes}")
     assert size_of_export(scene, lambda image: image.go(b"")) == SIZE
-    scene.check_standing()
+    scene.check_unharmed()
 
 
 def test_list_of_exports_names_no_other_image(scene, attacks):
-    with scene.owner_at_stream() as attacker:
+    with scene.admitted_client() as attacker:
         listed = nbd.NbdClient(attacker.stream).greet().option(nbd.LIST)
     assert listed and not any(scene.other.path.encode() in data for _, data in listed)
     attacks.note("NBD: list of exports", f"{listed}")
 
 
 def test_endless_haggling_is_ended(scene, attacks):
-    with scene.owner_at_stream(flags=PLAIN) as attacker:
+    with scene.admitted_client(flags=PLAIN) as attacker:
         image = nbd.NbdClient(attacker.stream).greet()
         with pytest.raises(ConnectionError):
             for _ in range(10_000):
                 with contextlib.suppress(NbdRefusal):
                     image.option(99, bytes(4096))
-    with scene.owner_at_stream(flags=PLAIN) as attacker:
+    with scene.admitted_client(flags=PLAIN) as attacker:
         nbd.NbdClient(attacker.stream).greet()
         attacker.stream.send(b"IHAVEOPT" + struct.pack(">II", nbd.GO, 2**32 - 1))
         assert attacker.is_ended(ENDED_SECONDS)
-    scene.check_standing()
+    scene.check_unharmed()
     attacks.note("NBD: 10,000 options, and one of 4 GiB", "session ended")
 
 
@@ -285,7 +286,7 @@ def test_requests_beyond_the_end_are_refused(scene, attacks, kind, offset, lengt
     with scene.owner(flags=PLAIN) as (_, image):
         with pytest.raises((NbdRefusal, ConnectionError)) as refusal:
             image.call(kind, offset, length, bytes(length) if kind == nbd.WRITE else b"")
-    scene.check_standing()
+    scene.check_unharmed()
     attacks.note(f"NBD: request {kind} of {offset}+{length}, {SIZE} is the end", str(refusal.value))
 
 
@@ -296,7 +297,7 @@ def test_garbage_instead_of_nbd_ends_the_session(scene, attacks):
                 attacker.stream.send(sent)
                 attacker.connection.socket.shutdown(socket.SHUT_WR)
             assert attacker.is_ended(ENDED_SECONDS)
-    scene.check_standing()
+    scene.check_unharmed()
     attacks.note("NBD: noise, 3 tries", "session ended")
 
 
@@ -309,10 +310,10 @@ def test_who_may_only_read_changes_nothing(scene, attacks, flags):
         with scene.owner(flags=flags) as (_, image), pytest.raises((NbdRefusal, ConnectionError)) as refusal:
             image.call(kind, PLACE, LENGTH, data)
         attacks.note(f"NBD: request {kind} of one who may only read, flags {flags}", str(refusal.value))
-    scene.check_standing()
+    scene.check_unharmed()
 
 
-# Several at once.
+# Several clients at once.
 
 def code_of(attacker):
     with attacker:
@@ -323,12 +324,12 @@ def test_one_writer_at_a_time(scene, attacks):
     with scene.owner() as (writer, image):
         assert code_of(scene.attacker()) == wire.BUSY
         assert code_of(scene.attacker(flags=0)) == 0
-        assert code_of(scene.attacker(mine=writer.mine)) == 0
+        assert code_of(scene.attacker(client_id=writer.client_id)) == 0
         assert code_of(scene.attacker(scene.other)) == 0
         image.write(PLACE, scene.content()[PLACE:PLACE + LENGTH])
     with scene.owner():
-        pass # the one before has gone without a word
-    scene.check_standing()
+        pass # the previous one has closed without a TLS notification
+    scene.check_unharmed()
     attacks.note("a second writer", f"refused, {wire.BUSY}")
 
 
@@ -343,11 +344,11 @@ def test_only_who_holds_the_secret_learns_of_a_writer(scene, attacks):
 
 
 def test_sessions_of_one_image_keep_nobody_out_of_another(scene, attacks):
-    """More of them than the server has in all."""
+    """There are more sessions than the server allows in all."""
     with contextlib.ExitStack() as many:
         codes = [many.enter_context(scene.attacker(flags=0)).shake_hands().code for _ in range(SESSIONS)]
         assert codes[0] == 0
         with scene.owner(scene.other) as (_, image):
             assert image.size == OTHER_SIZE
-    scene.check_standing()
+    scene.check_unharmed()
     attacks.note(f"{SESSIONS} sessions of one image at once", f"{codes.count(0)} served, other images too")

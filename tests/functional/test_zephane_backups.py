@@ -20,7 +20,7 @@ def test_all_types(protect, volumes, name):
 
 
 def test_what_is_due_reaches_the_engine_and_nothing_else(protect, volumes):
-    """With as many commands as it takes, each of them a chunk of a volume."""
+    """Each command is a chunk of a volume, and there are as few commands as possible."""
     names = ("data", "files")
     with Ledger(protect(*names)) as ledger:
         for kind, asked in (("full", {"full": True}), ("incremental", {}), ("incremental", {})):
@@ -29,5 +29,5 @@ def test_what_is_due_reaches_the_engine_and_nothing_else(protect, volumes):
 
 
 def test_three_volumes_in_one_backup(protect, volumes):
-    """Several connections of one agent at once, each to an engine of its own."""
+    """One agent has several connections at once, each to an engine of its own."""
     check_chain(protect(), volumes)

@@ -1,4 +1,4 @@
-"""The transport to a real zephaned keeps to what all transports do."""
+"""The transport to a real zephaned passes the test suite of all transports."""
 import pytest
 
 from contract import IMAGE_BYTES, assert_keeps_contract

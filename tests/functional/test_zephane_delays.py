@@ -1,26 +1,26 @@
-"""Backups over the second transport whose storage is slow, fails now and then, or stops for a while: whatever
-is reported finished is right, and the next backup works."""
+"""Backups over the second transport whose storage is slow, fails now and then, or stops for a while: if a
+backup is reported finished, its image is right; and the next backup works."""
 import time
 
 import pytest
 
 from fault_site import DATA, LITTLE, fault_site
 from lab.zephane import ZephaneServer
-from zephane_site import FAILING_CALLS, KINDS, FragileServer
+from zephane_site import FAILING_CALLS, KINDS, FailingServer
 
 SERVER = ZephaneServer
-pytestmark = pytest.mark.usefixtures("punching") # or nothing is zeroed
+pytestmark = pytest.mark.usefixtures("punching") # otherwise no request zeroes blocks
 SECONDS_AWAY = 2
 
 
 def test_storage_fails_now_and_then(agent, appliance, faults):
-    """Some backups get through and some don't."""
-    with fault_site(appliance, agent, (DATA,), FragileServer, rate="1%") as site:
+    """Some of the backups succeed and some fail."""
+    with fault_site(appliance, agent, (DATA,), FailingServer, rate="1%") as site:
         for number in range(6):
             site.target.fail(*FAILING_CALLS)
             site.change()
             backup = site.protection.run(**KINDS[number % len(KINDS)])
-            site.target.mend()
+            site.target.stop_failing()
             faults.note(f"EIO of one call in a hundred, {KINDS[number % len(KINDS)]}", site.judge(backup))
             site.check_clean()
         site.assert_recovered()
@@ -36,13 +36,13 @@ def test_slow_storage_costs_time_only(agent, appliance, faults):
 
 
 def test_server_is_away_for_a_moment(one_volume, faults):
-    """Its connections stay, and so nothing is lost but time."""
+    """Its connections stay open, so the backup only takes longer."""
     site = one_volume
     for kind in KINDS:
         with site.in_copy(LITTLE, **kind) as (backup, hold):
             site.target.pause()
             hold.release()
-            time.sleep(SECONDS_AWAY) # this is how long it is away
+            time.sleep(SECONDS_AWAY) # the time for which it is away
             assert not backup.has_ended
             site.target.resume()
             backup.wait()

@@ -1,20 +1,21 @@
-"""Backups over the second transport whose storage fails: none is called finished, and the next one works."""
+"""Backups over the second transport whose storage fails: none is reported finished, and the next one
+works."""
 import pytest
 
-from lab.holds import Trace
-from zephane_site import FAILING_CALLS, KINDS, FragileServer
+from lab.syscalls import Trace
+from zephane_site import FAILING_CALLS, KINDS, FailingServer
 
-SERVER = FragileServer
-pytestmark = pytest.mark.usefixtures("punching") # or nothing is zeroed
+SERVER = FailingServer
+pytestmark = pytest.mark.usefixtures("punching") # otherwise no request zeroes blocks
 
 
 def run_broken(site, faults, fault, *calls, **kind):
-    """The state of a backup whose storage begins to fail in the middle of the copy."""
+    """The state of a backup whose storage starts to fail in the middle of the copy."""
     with site.in_copy(**kind) as (backup, hold):
         site.target.fail(*calls)
         hold.release()
         backup.wait()
-    site.target.mend()
+    site.target.stop_failing()
     faults.note(f"{fault}, {kind}", site.judge(backup))
     return backup
 
@@ -29,11 +30,11 @@ def test_storage_fails_in_the_copy(one_volume, faults, kind):
 
 
 def test_storage_fails_from_the_beginning(one_volume, faults):
-    """An incremental that can't read the image's beginning fails before there is a snapshot."""
+    """If an incremental backup can't read the beginning of the image, it fails before there is a snapshot."""
     site = one_volume
     site.target.fail("pread")
     backup = site.protection.run()
-    site.target.mend()
+    site.target.stop_failing()
     faults.note("EIO of each pread from the beginning", site.judge(backup))
     assert backup.state == "failed", backup.log
     assert "Failed to generate remote checksum" in backup.log
@@ -42,7 +43,7 @@ def test_storage_fails_from_the_beginning(one_volume, faults):
 
 
 def test_flush_fails(one_volume, faults):
-    """What hasn't reached the disk hasn't been backed up, whatever was answered before."""
+    """Data that hasn't reached the disk isn't backed up, whatever the engine answered before."""
     site = one_volume
     for kind in KINDS:
         with site.in_copy(**kind) as (backup, hold):

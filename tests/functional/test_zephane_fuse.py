@@ -1,4 +1,4 @@
-"""Whole backups over the second transport, of volumes whose file system is a process."""
+"""Whole backups over the second transport, of FUSE volumes."""
 from backup_site import check_chain
 from lab.volumes import Volume
 from lab.zephane import ZephaneServer

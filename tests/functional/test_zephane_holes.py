@@ -1,4 +1,4 @@
-"""Holes where the source is free, over the second transport: there and nowhere else."""
+"""Holes in the image, over the second transport: exactly where the source is free."""
 import dataclasses
 import os
 
@@ -19,14 +19,14 @@ VOLUMES = (dataclasses.replace(EXT4, making=("-b", str(PAGE))), XFS)
 
 @pytest.fixture
 def punched(punching, volumes):
-    """Volumes whose free space is in pieces, and an agent that makes holes of it."""
+    """Volumes with fragmented free space, and an agent that punches holes for it."""
     for partition in volumes.values():
         fragment(partition)
     return volumes
 
 
 def merged(extents):
-    """(offset, length) in order, those that touch each other together."""
+    """(offset, length) in order, with adjacent extents joined."""
     found = []
     for begin, length in sorted(extents):
         if found and sum(found[-1]) == begin:
@@ -37,7 +37,7 @@ def merged(extents):
 
 
 def holes_of(path):
-    """(offset, length) of what takes no room in a file."""
+    """(offset, length) of the holes in a file."""
     with open(path, "rb") as file:
         return list(holes_in(file.fileno(), os.fstat(file.fileno()).st_size))
 
@@ -53,12 +53,12 @@ def holes_in(descriptor, size):
 
 
 def check_holes(image, *expected):
-    """`expected` are extents; all else of the image takes room."""
+    """Checks that the holes of the image are exactly the extents in `expected`."""
     assert holes_of(image.path) == merged(extent for extents in expected for extent in extents)
 
 
 def test_free_space_of_a_full_takes_no_room(protect, punched):
-    """Of an image that was full of poison."""
+    """The image was full of poison."""
     protection = protect()
     check(protection, protection.run(full=True), "full")
     for name, image in protection.images.items():
@@ -67,7 +67,8 @@ def test_free_space_of_a_full_takes_no_room(protect, punched):
 
 
 def test_free_space_of_later_backups_takes_no_room(protect, punched):
-    """Holes of earlier backups stay where the agent's own files have come into use, which nobody copies."""
+    """Holes of earlier backups stay where the agent's own files have come into use, as those aren't
+    copied."""
     protection = protect()
     for kind, asked in (("full", {"full": True}), ("incremental", {}), ("differential", {"merge": True})):
         fill_some(punched, protection.partitions, kind)
@@ -89,7 +90,7 @@ def poison_of(image, begin, end):
 
 
 def test_two_volumes_in_one_image(protect, punched, target):
-    """One behind the other, with poison before, between and behind them that nobody touches."""
+    """One volume follows the other; the poison before, between and after them stays unchanged."""
     data, files = punched["data"], punched["files"]
     second = 16 * MIB + size_of(data) + 16 * MIB
     end = second + size_of(files)
@@ -105,7 +106,7 @@ def test_two_volumes_in_one_image(protect, punched, target):
 
 
 def test_neighbour_in_the_image_stays_as_it_is(protect, punched, target, directory):
-    """Whatever is backed up, punched and compared beside it."""
+    """The neighbour doesn't change, whatever is backed up, punched and compared beside it."""
     data, files = punched["data"], punched["files"]
     image = target.add_image("both", size_of(data) + size_of(files))
     one, other = protect("data", image=image), protect("files", offset=size_of(data), image=image)
@@ -116,7 +117,7 @@ def test_neighbour_in_the_image_stays_as_it_is(protect, punched, target, directo
 
 
 def neighbour(image, begin, directory):
-    """A digest of what is behind an offset, and where it takes no room."""
+    """A digest of the data after an offset, and the holes there."""
     copy = directory / "copy"
     with open(image.path, "rb") as source, open(copy, "wb") as file:
         source.seek(begin)

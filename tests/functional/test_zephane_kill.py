@@ -1,5 +1,5 @@
-"""The server, or the engine of an image, is killed at each step of a backup over the second transport: what
-ends well is right, what can't go on fails, and the next backup works."""
+"""The server, or the engine of an image, is killed at each step of a backup over the second transport: if the
+backup finishes, its image is right; if it can't continue, it fails; and the next one works."""
 import pytest
 
 from fault_site import log_file
@@ -7,8 +7,8 @@ from lab.zephane import ZephaneServer
 from zephane_site import kill_engine, kill_server
 
 SERVER = ZephaneServer
-# The thread is held before it has logged the line. Where nothing is open at the moment, or nothing is owed
-# any more, the backup doesn't mind.
+# The thread is held before it logs the line. The backup isn't affected if no connection is open at that
+# moment, or if everything has been sent.
 STEPS = {
     "Beginning execution of the Validate Remote Targets phase.": "finished",
     "Found cached volume checksum ": "failed",

@@ -1,5 +1,5 @@
-"""The server, or the engine of an image, is killed while a backup copies over the second transport, or is
-away before it: the backup fails, and the next one works."""
+"""The server, or the engine of an image, is killed during the copy of a backup over the second transport, or
+is away before it: the backup fails, and the next one works."""
 import pytest
 
 from lab.zephane import ZephaneServer
@@ -10,7 +10,7 @@ SERVER = ZephaneServer
 
 @pytest.mark.parametrize("kill", [kill_server, kill_engine])
 def test_kill_in_the_copy(one_volume, faults, kill):
-    """Nothing is taken up again: the backup fails, and says why."""
+    """The connection isn't resumed: the backup fails, and the log says why."""
     site = one_volume
     for kind in KINDS:
         with site.in_copy(**kind) as (backup, hold):

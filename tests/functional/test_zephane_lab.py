@@ -1,4 +1,4 @@
-"""The lab's own server of the second transport: what the tests of backups rely on."""
+"""The lab's own server of the second transport: the properties that the tests of backups rely on."""
 import os
 import pathlib
 import signal

@@ -1,4 +1,4 @@
-"""Comparing over the second transport: what is equal isn't sent."""
+"""Comparing over the second transport: equal data isn't sent."""
 import dataclasses
 import os
 
@@ -22,7 +22,7 @@ def used_bytes(partition):
 
 @pytest.mark.parametrize("name", [volume.name for volume in VOLUMES])
 def test_merge_of_an_equal_image_sends_next_to_nothing(protect, volumes, name):
-    """Data that can't be compressed goes over the wire once, and only digests of it the second time."""
+    """Incompressible data is sent once; the second time, only its digests are."""
     partition = volumes[name]
     fill(root_of(partition), name)
     (root_of(partition) / "large").write_bytes(os.urandom(LARGE))
@@ -40,7 +40,7 @@ def test_merge_of_an_equal_image_sends_next_to_nothing(protect, volumes, name):
 
 
 def test_what_compresses_is_compressed(protect, volumes):
-    """In both directions: what is written, and what is read back of the image's beginning."""
+    """Both directions are compressed: written data, and the beginning of the image that is read back."""
     root = root_of(volumes["data"])
     (root / "large").write_bytes(b"all work and no play " * (LARGE // 21))
     protection = protect("data")

@@ -1,4 +1,4 @@
-"""Who doesn't hold an image's secret gets nothing, and nobody learns it from what is written down."""
+"""A client without an image's secret gets no access, and no secret appears in logs or other output."""
 import pathlib
 
 import pytest
@@ -33,7 +33,7 @@ def check_lines(log, name, volume_id):
 
 
 def check_nobody_tells(protection, agent, *secrets):
-    """Neither of the two ends writes a secret down, but for the server's own configuration."""
+    """Checks that neither end writes a secret to any file, except the server's own configuration."""
     texts = [path.read_bytes().decode(errors="replace") for path in pathlib.Path(BASE).rglob("*")
              if path.is_file()]
     texts += [agent.errors, protection.target.output, *command_of(protection.target.pid)]
@@ -49,7 +49,7 @@ def test_wrong_secret(protection, agent):
 
 
 def test_image_that_does_not_exist(protection, agent):
-    """It can't be told from one whose secret is another: neither by its path nor by its number."""
+    """A missing image can't be distinguished from one with another secret, neither by path nor by ID."""
     [image] = protection.images.values()
     check_lines(check_refused(protection, name="another"), "another", image.lun)
     check_lines(check_refused(protection, lun=image.lun + 1), image.name, image.lun + 1)
@@ -58,14 +58,14 @@ def test_image_that_does_not_exist(protection, agent):
 
 
 def test_secret_of_another_image(protection, target):
-    """It opens that one, and no other."""
+    """The secret opens that image, and no other one."""
     other = target.add_image("other", 64 << 20)
     [image] = protection.images.values()
     check_lines(check_refused(protection, password=other.secret), image.name, image.lun)
 
 
 def test_engine_does_not_know_the_secret(protection):
-    """What runs as another process shows its command to everybody."""
+    """The command line of another process is visible to everybody."""
     [image] = protection.images.values()
     backup = protection.start(full=True)
     backup.wait_for_log("Beginning execution of the Copy Chunk Ranges phase.")

@@ -1,11 +1,11 @@
-"""An engine that never answers can't hold a backup for ever."""
+"""An engine that never answers can't block a backup for ever."""
 import time
 
 from fault_site import LITTLE
 from lab.zephane import ZephaneServer
 
 SERVER = ZephaneServer
-GIVEN_UP_SECONDS = 60 # by the client, for each answer
+GIVEN_UP_SECONDS = 60 # the client's timeout for each answer
 
 
 def test_server_falls_silent_in_the_copy(one_volume, faults):

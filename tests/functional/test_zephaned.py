@@ -1,4 +1,4 @@
-"""zephaned, the server of the second transport, as an administrator has to do with it."""
+"""zephaned, the server of the second transport, from an administrator's point of view."""
 import json
 import os
 import pathlib
@@ -25,13 +25,13 @@ def zephaned(*arguments, environment=None):
 
 
 def password_of(done):
-    """The one that an added image has been given."""
+    """The password that was generated for an added image."""
     assert done.returncode == 0, done.stderr
     return next(line.split()[1] for line in done.stdout.splitlines() if line.split()[0] == "password")
 
 
 def engines():
-    """The numbers of the processes in this namespace that are nbdkit."""
+    """The PIDs of the nbdkit processes in this namespace."""
     found = set()
     for process in pathlib.Path("/proc").glob("[0-9]*"):
         try:
@@ -47,7 +47,7 @@ def is_ours(process):
 
 
 class Server(Service):
-    """A zephaned with a configuration of its own, which takes any free port."""
+    """A zephaned with a configuration of its own, on any free port."""
 
     def __init__(self, directory, user=None):
         super().__init__()
@@ -68,11 +68,11 @@ class Server(Service):
         return zephaned("--config", self.config, "add", name, 7, *arguments)
 
     def add_image(self, name):
-        """Its password."""
+        """Adds an image; returns its password."""
         return password_of(self.add(name, self.directory / name, "--size", "8M"))
 
     def reload(self):
-        """What it says then."""
+        """Reloads the configuration; returns what the server prints."""
         before = len(self.output)
         os.kill(self.pid, signal.SIGHUP)
         return wait_until(lambda: "configuration " in self.output[before:] and self.output[before:], SECONDS,
@@ -90,7 +90,7 @@ class Server(Service):
         wait_until(lambda: text in self.output, SECONDS, text)
 
     def end_by(self, number):
-        """The exit status."""
+        """Ends the server by a signal; returns its exit status."""
         process, self._process = self._process, None
         process.send_signal(number)
         return process.wait(SECONDS)
@@ -105,7 +105,7 @@ class Client:
             stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
 
     def __call__(self, command):
-        """The code of the call's status."""
+        """Runs a command; returns the code of its status."""
         self.process.stdin.write(command + "\n")
         self.process.stdin.flush()
         return json.loads(self.process.stdout.readline())["code"]
@@ -129,7 +129,7 @@ def code_of_open(*arguments, **options):
 
 @pytest.fixture
 def server(tmp_path):
-    """One that isn't started yet. Nothing of it may be left in the end."""
+    """A server that isn't started yet. Nothing of it may be left at the end."""
     made = Server(tmp_path)
     yield made
     made.stop()
@@ -346,7 +346,7 @@ def test_nobody_else_gets_at_the_engines(server):
 
 
 def is_inet(link):
-    """Whether a descriptor is a socket of TCP."""
+    """Whether a descriptor is a TCP socket."""
     inode = link.removeprefix("socket:[").removesuffix("]")
     return any(line.split()[9] == inode
                for name in ("tcp", "tcp6")
@@ -360,7 +360,7 @@ def test_server_of_an_unprivileged_user(tmp_path):
     os.chown(directory, nobody.pw_uid, nobody.pw_gid)
     server = Server(directory, user="nobody")
     server.config.unlink()
-    password = server.add_image("data") # by root, and yet it is for whom the directory is
+    password = server.add_image("data") # run by root, but the file gets the owner of the directory
     for path in (server.config, directory / "data"):
         assert (path.owner(), stat.S_IMODE(path.stat().st_mode)) == ("nobody", 0o600)
     server.write(listen=["127.0.0.1:0"], runtimeDirectory=str(server.run))

@@ -12,57 +12,59 @@ from lab.driver import STORE
 from lab.filesystems import mounted
 from lab.loops import images_on
 from lab.lvm import spare_disks
+from lab.resources import Resource
 from lab.services import wait_until
-from lab.stay import Stay
 
 UNIT = 4096
 TABLE_OFFSET = 4096
 TRACKING, SNAPSHOT = 2, 3
-PLACES = ("partition", "logical volume") if spare_disks() else ("partition",) # of volumes, on this machine
-KEPT = ("lock", "starts", "state.json") # what the store holds besides captures
+PLACES = ("partition", "logical volume") if spare_disks() else ("partition",) # for volumes, on this machine
+STORE_FILES = ("lock", "starts", "state.json") # what the store holds besides captures
 
 
 class Partitions:
-    """Volumes that the driver captures. Each has a disk of its own, a sparse file that is gone with it."""
+    """Volumes that the driver captures. Each is on a disk of its own, a sparse file that is removed with
+    it."""
 
     smallest_sectors = 0
     own_files = ()  # besides CoW files
     keeps_files_below = False
-    frozen_text = "ms while {} bytes were captured" # how the log goes on, of so many bytes
+    frozen_text = "ms while {} bytes were captured" # how the log line continues; {} is the number of bytes
 
     @contextlib.contextmanager
     def __call__(self, name, filesystem, sectors):
-        """The device of a new volume with a file system."""
+        """Yields the device of a new volume with a file system."""
         with volumes.Disk([volumes.Volume(name, filesystem, sectors / volumes.SECTORS)]) as disk:
             made, = disk
             yield made.device
 
     @staticmethod
     def unmounted(volume):
-        """A block device on which nothing is mounted."""
+        """A block device that isn't mounted."""
         return str(volume.device)[:-2]
 
     @staticmethod
     def expect(shown, kept, where=""):
-        """What the driver keeps is of so many snapshots that can be read, and so many devices in all."""
+        """Checks the driver's captures: `kept` of them in all, `shown` of them by readable snapshots."""
         assert len(stored()) == kept, where
         expect_loops(shown, where)
 
     @staticmethod
-    def check_record(told, changed, _below):
-        """The units that the driver tells of, and those that have changed: exactly these."""
-        assert told == changed
+    def check_record(recorded, changed, _below):
+        """Checks that the driver reports exactly the units that have changed."""
+        assert recorded == changed
 
 
 class LogicalVolumes:
-    """Volumes that device-mapper tracks, in a machine's volume group."""
+    """Volumes that device-mapper tracks, in the volume group of a machine."""
 
     smallest_sectors = 96 * 2048 # .tolvu.era needs room
     own_files = (".tolvu.era",)
-    # Small ones have blocks of 1 KiB else, and the kernel fills their tables while snapshots are taken.
+    # Without these options, small volumes have blocks of 1 KiB, and the kernel writes inode tables during
+    # snapshots.
     blocks = {name: ("-b", "4096", "-E", "lazy_itable_init=0") for name in ("ext2", "ext3", "ext4")}
     layers_tracking, layers_showing = 3, 2
-    keeps_files_below = True # the snapshot's store is written past the snapshot
+    keeps_files_below = True # the snapshot's store is written below the snapshot's layer
     frozen_text = "ms to take a snapshot of {} bytes"
 
     def __init__(self, group):
@@ -85,19 +87,20 @@ class LogicalVolumes:
         assert (stored(), loops()) == ([], []), where
 
     @staticmethod
-    def check_record(told, changed, below):
-        """At least these, but for the driver's own files, which are written below the layers."""
-        assert told >= changed - below
+    def check_record(recorded, changed, below):
+        """Checks that the driver reports at least the changed units, except for its own files, which are
+        written below the layers."""
+        assert recorded >= changed - below
 
 
 def layers():
-    """The names of the driver's devices of device-mapper."""
+    """The names of the driver's device-mapper devices."""
     listed = run("dmsetup", "info", "-c", "--noheadings", "-o", "name,uuid")
     return [line.split(":")[0] for line in listed.splitlines() if ":TOLVU-" in line]
 
 
-class Volume(Stay):
-    """A mounted file system on a device that its place provides."""
+class Volume(Resource):
+    """A mounted file system on a device that `place` provides."""
 
     def __init__(self, name, filesystem, sectors, place=Partitions()):
         super().__init__()
@@ -106,11 +109,11 @@ class Volume(Stay):
         self.place = place
         self._made = place(name, filesystem, sectors)
 
-    def open(self, lasting):
-        self.device = pathlib.Path(lasting.enter_context(self._made))
+    def open(self, stack):
+        self.device = pathlib.Path(stack.enter_context(self._made))
         self.size = int(run("blockdev", "--getsize64", self.device))
         self.mount()
-        lasting.callback(self.unmount)
+        stack.callback(self.unmount)
 
     @property
     def cow(self):
@@ -128,7 +131,7 @@ class Volume(Stay):
         self._mount.close()
 
     def write(self, name, content):
-        """Writes a file through to the device: hangs while the file system is frozen."""
+        """Writes a file through to the device; blocks while the file system is frozen."""
         with open(self.mount_point / name, "wb") as file:
             file.write(content)
             file.flush()
@@ -136,12 +139,12 @@ class Volume(Stay):
 
 
 def unlock(path):
-    """Lets a file be changed that nobody but the driver is to change."""
+    """Makes a file changeable that only the driver should change."""
     run("chattr", "-i", path)
 
 
 class Result:
-    """What a call of the library came to."""
+    """The result of a library call."""
 
     def __init__(self, done):
         words = done.stdout.split()
@@ -153,7 +156,7 @@ class Result:
 
 
 def call(function, *arguments, wrapper=()):
-    """Calls the library in a process of its own, under a wrapper if one is given."""
+    """Calls a function of the library in a process of its own, which `wrapper` may start."""
     done = subprocess.run([*wrapper, program("TolvubdCall"), function, *map(str, arguments)],
                           capture_output=True, text=True, check=False, timeout=60)
     return Result(done)
@@ -170,33 +173,34 @@ def tolvuctl(*arguments):
 
 
 def states():
-    """{minor: state} of the devices that the driver shows."""
+    """{minor: state} of the devices in the driver's status."""
     return {device["minor"]: device["state"] for device in driver.info()["devices"]}
 
 
 def loops():
-    """The captures that loop devices show."""
+    """The names of the captures that are attached to loop devices."""
     return sorted(pathlib.Path(file).name for file in images_on(STORE).values())
 
 
 def expect_loops(count, where=""):
-    """A loop device goes only when its last user, which may be anybody, has closed it."""
+    """Waits for this number of loop devices, as one goes only when its last user, which may be any process,
+    closes it."""
     wait_until(lambda: len(loops()) == count, 5, f"{count} loop devices {where}")
 
 
 def stored():
-    return sorted(path.name for path in STORE.iterdir() if not path.name.startswith(KEPT))
+    return sorted(path.name for path in STORE.iterdir() if not path.name.startswith(STORE_FILES))
 
 
 def detach_captures():
-    """For after a test that has failed: the machine's loop devices outlive the test's own files."""
+    """Cleans up after a failed test: the machine's loop devices outlive the test's own files."""
     for loop in images_on(STORE):
         run("losetup", "-d", loop)
 
 
 @contextlib.contextmanager
 def started_driver():
-    """A driver without devices; in the end, nothing may be left of it outside of the volumes."""
+    """A driver without devices. At the end, nothing of it may be left outside of the volumes."""
     driver.end_session()
     must("start")
     try:
@@ -212,7 +216,7 @@ def cow_files(volume):
 
 
 class Cow:
-    """A CoW file, read independently of the driver."""
+    """A CoW file, read without the driver."""
 
     def __init__(self, path, volume):
         data = path.read_bytes()

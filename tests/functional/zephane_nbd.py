@@ -1,4 +1,5 @@
-"""NBD, both ends of it, as raw as tests need it that keep to nothing. Numbers are big endian, sizes bytes."""
+"""Both ends of NBD, low-level enough for tests that violate the protocol. Numbers are big endian, sizes are
+in bytes."""
 import os
 import struct
 
@@ -22,7 +23,7 @@ class NbdRefusal(Exception):
 
 
 class NbdClient:
-    """Over anything with send(data) and receive(size)."""
+    """An NBD client over any object with send(data) and receive(size)."""
 
     def __init__(self, stream):
         self._stream = stream
@@ -37,7 +38,7 @@ class NbdClient:
         return self
 
     def option(self, number, data=b""):
-        """The replies to an option, up to its end: pairs of a type and its data."""
+        """Sends an option; returns its replies up to the last one, as pairs of type and data."""
         self._stream.send(b"IHAVEOPT" + struct.pack(">II", number, len(data)) + data)
         replies = []
         while not replies or replies[-1][0] in (SERVER, INFORMATION):
@@ -50,20 +51,20 @@ class NbdClient:
         return replies[:-1]
 
     def go(self, name=b"", option=GO):
-        """Begins with the export of this name; `INFO` as the option only asks for it."""
+        """Opens the export of this name; with `INFO` as the option, only asks about it."""
         replies = self.option(option, struct.pack(">I", len(name)) + name + b"\0\0")
         [told] = [data for kind, data in replies if kind == INFORMATION and data[:2] == b"\0\0"]
         self.size, self.flags = struct.unpack(">QH", told[2:])
         return self
 
     def go_old(self, name=b""):
-        """The same in the way that knows no refusal."""
+        """The same by the old option, which the server can't refuse with a reply."""
         self._stream.send(b"IHAVEOPT" + struct.pack(">II", EXPORT_NAME, len(name)) + name)
         self.size, self.flags = struct.unpack(">QH", self._stream.receive(10))
         return self
 
     def request(self, kind, offset, length, data=b"", flags=0):
-        """Sends one, and doesn't wait for its reply."""
+        """Sends a request, without waiting for the reply; returns its cookie."""
         cookie = os.urandom(8)
         self._stream.send(struct.pack(">IHH", REQUEST, flags, kind) + cookie +
                           struct.pack(">QI", offset, length) + data)
@@ -94,7 +95,7 @@ class NbdClient:
 
 
 class NbdServer:
-    """A server's side with an image in memory. Its steps can be replaced, to make a bad one of it."""
+    """An NBD server with an image in memory. Subclasses replace its steps to make it misbehave."""
 
     def __init__(self, stream, size, flags=USUAL):
         self.stream = stream
@@ -104,7 +105,7 @@ class NbdServer:
 
     def run(self):
         self.greet()
-        self.haggle()
+        self.negotiate_options()
         while self.serve(*self.receive_request()):
             pass
 
@@ -112,8 +113,8 @@ class NbdServer:
         self.stream.send(GREETING + struct.pack(">H", FIXED_NEWSTYLE | NO_ZEROES))
         self.stream.receive(4)
 
-    def haggle(self):
-        """Answers options until one of them begins with the image."""
+    def negotiate_options(self):
+        """Answers options until one opens the image."""
         while True:
             _, option, length = struct.unpack(">8sII", self.stream.receive(16))
             self.stream.receive(length)
@@ -127,12 +128,12 @@ class NbdServer:
         self.stream.send(struct.pack(">QIII", OPTION_REPLY, option, kind, len(data)) + data)
 
     def receive_request(self):
-        """(kind, cookie, offset, length, data)"""
+        """The next request: (kind, cookie, offset, length, data)."""
         _, _, kind, cookie, offset, length = struct.unpack(">IHH8sQI", self.stream.receive(28))
         return kind, cookie, offset, length, self.stream.receive(length) if kind == WRITE else b""
 
     def serve(self, kind, cookie, offset, length, data):
-        """Does what one request asks for; False for the last one."""
+        """Executes one request; returns False for the last one."""
         if kind == DISCONNECT:
             return False
         if kind in (WRITE, WRITE_ZEROES, TRIM):

@@ -1,11 +1,11 @@
-"""Both ends of the protocol, for tests that keep to it up to a point: a client, and a server.
+"""A client and a server for tests that follow the protocol up to some point.
 
     with Attacker(port, image) as attacker:
         attacker.send_hello()
         attacker.send_proof()
         attacker.stream.send(nothing_that_is_nbd)
 
-The steps in between are methods of their own, to be taken one by one, left out, or bent.
+The steps are separate methods, to be called one by one, left out, or changed.
 """
 import contextlib
 import dataclasses
@@ -18,12 +18,12 @@ import zephane_wire as wire
 from zephane_tls import ADDRESS, CLIENT, SECONDS, PlainConnection, TlsConnection
 from zephane_zstd import Decoder, plain, stream_head
 
-PEER_SECONDS = 100 # more than any client waits
+PEER_SECONDS = 100 # longer than any client waits
 
 
 @dataclasses.dataclass(frozen=True)
 class Image:
-    """What a client names, and the secret that it holds for it."""
+    """The path and volume ID that a client names, and the secret that it has for it."""
 
     path: str
     volume_id: int
@@ -31,8 +31,9 @@ class Image:
 
 
 class FrameStream:
-    """The bytes of NBD, sent and received in frames over a TLS connection. What is compressed is so by blocks
-    of plain content. `answer` is given the payload of other frames, and says what is sent for them."""
+    """A stream of NBD bytes, sent and received in frames over a TLS connection. A compressed stream has zstd
+    blocks with uncompressed content. `answer` gets the payload of other frames and returns what to send for
+    them."""
 
     def __init__(self, connection, compressed=False):
         self.connection = connection
@@ -47,11 +48,11 @@ class FrameStream:
         self.send_raw(wire.frames(wire.NBD, data))
 
     def send_raw(self, data):
-        """Whatever bytes, frames or not."""
+        """Sends any bytes, frames or not."""
         self.connection.send(self.encoded(data))
 
     def encoded(self, data):
-        """As they go over the connection."""
+        """The bytes as they are sent over the connection."""
         if not self._compressed:
             return data
         head = b"" if self._begun else stream_head()
@@ -70,7 +71,7 @@ class FrameStream:
         return data
 
     def receive_frame(self):
-        """(kind, payload) of the next one."""
+        """(kind, payload) of the next frame."""
         head = self._receive_raw(4)
         return head[0], self._receive_raw(int.from_bytes(head[1:], "big"))
 
@@ -88,29 +89,29 @@ class FrameStream:
 
 
 class Attacker:
-    """A client. `mine` is its client ID."""
+    """A client. Its client ID is random unless one is given."""
 
-    def __init__(self, port, image, flags=wire.WRITABLE, *, mine=None, context=CLIENT, seconds=SECONDS):
+    def __init__(self, port, image, flags=wire.WRITABLE, *, client_id=None, context=CLIENT, seconds=SECONDS):
         self.image = image
         self.flags = flags
-        self.mine = mine or os.urandom(16)
+        self.client_id = client_id or os.urandom(16)
         self.connection = TlsConnection.to(port, context=context, seconds=seconds)
         self.transcript = b""
         self.stream = None
 
     def send_hello(self, hello=None):
-        """Sends it, and takes the server's."""
-        hello = hello or wire.client_hello(self.image.path, self.image.volume_id, self.flags, self.mine)
+        """Sends the client's hello, and receives the server's."""
+        hello = hello or wire.client_hello(self.image.path, self.image.volume_id, self.flags, self.client_id)
         self.connection.send(hello)
         self.transcript = hello + wire.receive_message(self.connection)
         return hello
 
     def proof(self):
-        """The one that the secret makes."""
+        """The proof that belongs to the secret."""
         return wire.client_proof(self.image.secret, self.transcript, self.connection.exporter)
 
     def send_proof(self, proof=None):
-        """Sends it; returns the verdict."""
+        """Sends the proof; returns the verdict."""
         proof = proof or self.proof()
         self.connection.send(proof)
         self.transcript += proof
@@ -128,7 +129,7 @@ class Attacker:
         return self.send_proof()
 
     def is_ended(self, seconds=SECONDS):
-        """Whether the server ends the connection within so many seconds, whatever it sends before that."""
+        """Whether the server ends the connection within this number of seconds, whatever it sends before."""
         limit = struct.pack("ll", int(seconds), 0)
         self.connection.socket.setsockopt(socket.SOL_SOCKET, socket.SO_RCVTIMEO, limit)
         try:
@@ -150,8 +151,8 @@ class Attacker:
 
 
 class Host:
-    """A server on a port of its own, which lets `serve(connection)` have each connection once TLS is done.
-    Without a context there is no TLS. That the client goes away meanwhile is in order."""
+    """A server on a port of its own, which calls `serve(connection)` for each connection after the TLS
+    handshake. Without a context there is no TLS. It is no error if the client disconnects early."""
 
     def __init__(self, context, serve):
         self._context = context
@@ -165,7 +166,7 @@ class Host:
         return self._listener.getsockname()[1]
 
     def _accept(self):
-        with contextlib.suppress(OSError): # that of a listener which has been closed
+        with contextlib.suppress(OSError): # raised when the listener is closed
             while True:
                 connected, _ = self._listener.accept()
                 self._threads.append(threading.Thread(target=self._run, args=(connected,), daemon=True))
@@ -195,7 +196,7 @@ class Host:
 
 
 def admit(connection, secret, flags=0):
-    """The server's side of a handshake that goes well; `flags` are granted. Returns the stream behind it."""
+    """The server's side of a successful handshake; grants `flags`. Returns the stream that follows it."""
     transcript = wire.receive_message(connection)
     hello = wire.server_hello()
     connection.send(hello)

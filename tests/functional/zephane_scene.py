@@ -1,11 +1,12 @@
-"""Where attacks on the second transport take place: a server, two images, and what has to hold after each."""
+"""The scene of attacks on the second transport: a server, two images, and checks that must hold after each
+attack."""
 import contextlib
 import hashlib
 import socket
 
 import zephane_wire as wire
+from lab.resources import Resource
 from lab.services import wait_until
-from lab.stay import Stay
 from lab.usage import status_number
 from lab.zephane import ZephaneServer
 from zephane_nbd import NbdClient
@@ -15,18 +16,18 @@ MIB = 1 << 20
 SIZE, OTHER_SIZE = 16 * MIB, 24 * MIB
 SECONDS = 20
 ENTER_SECONDS = 5
-MOST_MEMORY = 256 * 1024 # KiB, of the server; each session has its windows and buffers
+MOST_MEMORY = 256 * 1024 # KiB of the server; each session has its own windows and buffers
 
 
 def digest(path):
     return hashlib.sha256(path.read_bytes()).hexdigest()
 
 
-class Scene(Stay):
-    """Two images of one server, `image` and `other`. What the files hold is known all the time."""
+class Scene(Resource):
+    """Two images of one server, `image` and `other`. The scene always knows what the files must hold."""
 
-    def open(self, lasting):
-        self.server = lasting.enter_context(ZephaneServer())
+    def open(self, stack):
+        self.server = stack.enter_context(ZephaneServer())
         self.image, self.other = (self._add(*sizes) for sizes in (("data", SIZE), ("other", OTHER_SIZE)))
         self._known = {}
         self.note_content()
@@ -46,14 +47,14 @@ class Scene(Stay):
         return self.path(image or self.image).read_bytes()
 
     def note_content(self):
-        """What the images hold is as it should be."""
+        """Takes the current content of the images as the right one."""
         self._known = {image: digest(self.path(image)) for image in (self.image, self.other)}
 
     def attacker(self, image=None, flags=wire.WRITABLE, **options):
         return Attacker(self.port, image or self.image, flags, **options)
 
     def _admitted(self, image, options):
-        """An attacker who has been let in, None if there is another writer."""
+        """An attacker that the server has admitted, None if there is another writer."""
         attacker = self.attacker(image, **options)
         verdict = attacker.shake_hands()
         if verdict.code == 0:
@@ -64,20 +65,20 @@ class Scene(Stay):
         return None
 
     @contextlib.contextmanager
-    def owner_at_stream(self, image=None, **options):
-        """One who is in order, and has been let in as soon as the writer before was gone."""
+    def admitted_client(self, image=None, **options):
+        """A well-behaved client, admitted as soon as the previous writer has gone."""
         with wait_until(lambda: self._admitted(image, options), ENTER_SECONDS, "a writer let in") as attacker:
             yield attacker
 
     @contextlib.contextmanager
     def owner(self, image=None, **options):
-        """The same, all the way to the image: (attacker, NBD)."""
-        with self.owner_at_stream(image, **options) as attacker:
+        """The same, connected up to the image: (attacker, NBD)."""
+        with self.admitted_client(image, **options) as attacker:
             yield attacker, NbdClient(attacker.stream).greet().go()
 
-    def check_standing(self):
-        """The server goes on and lets the owner of each image in, with bounded memory; its images are what
-        they were."""
+    def check_unharmed(self):
+        """Checks that the server runs, admits the owner of each image and uses bounded memory, and that its
+        images are unchanged."""
         self.server.check_running()
         for image, size in ((self.image, SIZE), (self.other, OTHER_SIZE)):
             with self.owner(image) as (_, nbd):
@@ -89,14 +90,13 @@ class Scene(Stay):
         assert self.peak_memory() < MOST_MEMORY
 
     def peak_memory(self):
-        """KiB"""
+        """The server's peak memory in KiB."""
         return status_number(self.server.pid, "VmHWM")
 
     def connect(self):
-        """Plain TCP."""
+        """A plain TCP connection to the server."""
         return socket.create_connection(("127.0.0.1", self.port), SECONDS)
 
 
 def flipped(data, byte, bit):
-    """With one bit of one byte turned."""
     return data[:byte] + bytes([data[byte] ^ 1 << bit]) + data[byte + 1:]

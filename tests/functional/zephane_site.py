@@ -1,5 +1,5 @@
-"""What the tests of backups over the second transport share: bytes on the wire, free space, and engines that
-fail at will."""
+"""The common part of the tests of backups over the second transport: bytes on the wire, free space, and
+engines that can be made to fail."""
 import contextlib
 import json
 import os
@@ -17,7 +17,7 @@ KINDS = ({"full": True}, {}, {"merge": True})
 
 
 class Wire:
-    """Counts the bytes that go to a port and come back from it, with the heads of their packets."""
+    """Counts the bytes sent to a port and received from it, including packet headers."""
 
     def sent(self):
         return self._count("sent")
@@ -46,7 +46,7 @@ def watched_wire(port=PORT):
 
 
 def fragment(partition):
-    """Fills a volume so that its free space is in pieces."""
+    """Fills a volume so that its free space is fragmented."""
     name = partition.name
     fill(root_of(partition), name, files=120)
     for number in range(0, 120, 3):
@@ -54,35 +54,35 @@ def fragment(partition):
 
 
 def free_extents(partition):
-    """(offset, length) of what the last snapshot had free, by the file system's own tool."""
+    """(offset, length) of the free space at the last snapshot, by the file system's own tool."""
     truth = truth_of(capture_of(partition), partition.volume.file_system)
     return [(first * truth.block_size, count * truth.block_size) for first, count in truth.free_ranges]
 
 
-class FragileServer(ZephaneServer):
-    """Its engines fail the calls that they are told to, with an error of the storage, at this rate."""
+class FailingServer(ZephaneServer):
+    """A server whose engines fail chosen calls with a storage error, at this rate."""
 
     def __init__(self, rate="100%", **options):
         super().__init__(**options)
         self._rate = rate
 
-    def open(self, lasting):
-        self._switches = self.make_directory(lasting, "switches-", "/run")
+    def open(self, stack):
+        self._switches = self.make_directory(stack, "switches-", "/run")
         self.options = ["--filter=error", "error=EIO",
                         *(word for call in FAILING_CALLS
                           for word in (f"error-{call}-rate={self._rate}",
                                        f"error-{call}-file={self._switch(call)}"))]
-        super().open(lasting)
+        super().open(stack)
 
     def _switch(self, call):
         return pathlib.Path(self._switches, call)
 
     def fail(self, *calls):
-        """These calls, from now on."""
+        """Makes these calls fail from now on."""
         for call in calls:
             self._switch(call).touch()
 
-    def mend(self):
+    def stop_failing(self):
         for call in FAILING_CALLS:
             self._switch(call).unlink(missing_ok=True)
 
@@ -93,5 +93,5 @@ def kill_server(site):
 
 def kill_engine(site):
     engine = site.protection.images["data"].engine()
-    if engine is not None: # there is none while nobody is connected
+    if engine is not None: # there is none while no client is connected
         os.kill(engine, signal.SIGKILL)

@@ -1,12 +1,13 @@
-"""TLS connections that tell their exporter value, which Python's own don't: OpenSSL's library, called by us.
+"""TLS connections that give access to the exporter value, which Python's ssl module doesn't: they call
+OpenSSL directly.
 
     with TlsConnection.to(port) as connection:
         connection.send(hello)
         answer = connection.receive(42)
         connection.exporter
 
-Each call waits for `seconds` at most. What the peer has ended is a ConnectionError, a peer that says nothing
-a TimeoutError. One thread at a time.
+Each call waits for at most `seconds`. If the peer has closed the connection, it raises ConnectionError; if
+the peer is silent, TimeoutError. For one thread at a time.
 """
 import contextlib
 import ctypes
@@ -35,7 +36,7 @@ def pointer(value):
 
 
 class TlsContext:
-    """One end's settings: a server's with an identity, a client's without. Lives as long as the program."""
+    """The settings of one end: a server's have an identity, a client's don't. They are never freed."""
 
     def __init__(self, identity=None, version=TLS_1_3):
         self.handle = pointer(library.SSL_CTX_new(pointer(library.TLS_method())))
@@ -56,7 +57,7 @@ CLIENT = TlsContext()
 
 
 class PlainConnection:
-    """One without TLS, for those who never get that far."""
+    """A connection without TLS, for peers that never get that far."""
 
     def __init__(self, connected, seconds=SECONDS):
         self.socket = connected
@@ -97,7 +98,7 @@ class TlsConnection:
         return cls(socket.create_connection((ADDRESS, port), SECONDS), context, **options)
 
     def _check(self, result):
-        """A result above 0; all others are exceptions."""
+        """Returns a result above 0; raises an exception for all others."""
         if result > 0:
             return result
         error = library.SSL_get_error(self._tls, result)
@@ -115,26 +116,26 @@ class TlsConnection:
         return made.raw
 
     def send(self, data):
-        """All of it."""
+        """Sends all of the data."""
         data = bytes(data)
         if data:
             self._check(library.SSL_write(self._tls, data, len(data)))
 
     def receive_some(self, most=1 << 16):
-        """At least one byte."""
+        """Receives at least one byte."""
         made = ctypes.create_string_buffer(most)
         size = self._check(library.SSL_read(self._tls, made, most))
         return ctypes.string_at(made, size)
 
     def receive(self, size):
-        """So many bytes."""
+        """Receives exactly `size` bytes."""
         data = bytearray()
         while len(data) < size:
             data += self.receive_some(min(size - len(data), 1 << 18))
         return bytes(data)
 
     def receive_all(self):
-        """What there is until the peer ends the connection."""
+        """Receives everything until the peer ends the connection."""
         data = bytearray()
         with contextlib.suppress(ConnectionError):
             while True:
@@ -142,7 +143,7 @@ class TlsConnection:
         return bytes(data)
 
     def close(self):
-        """Without a word to the peer."""
+        """Closes the socket without a TLS close notification."""
         if self._tls is not None:
             library.SSL_free(self._tls)
             self._tls = None
@@ -156,5 +157,5 @@ class TlsConnection:
 
 
 def server_context(directory):
-    """A server's, with a certificate that nobody vouches for."""
+    """The context of a server with a certificate of an unknown authority."""
     return TlsContext(certificates.Authority(directory).agent())

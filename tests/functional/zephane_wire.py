@@ -1,7 +1,8 @@
-"""The protocol of docs/formats/zephane.md once more, made from that page alone, for tests to bend.
+"""The protocol of docs/formats/zephane.md, implemented a second time from that page alone, for tests that
+change it.
 
-What both ends of the product get wrong in the same way shows here: whoever speaks to either of them by this
-module speaks what the page says. All sizes are in bytes.
+It reveals errors that both ends of the product share: messages of this module are as that page describes
+them. All sizes are in bytes.
 """
 import dataclasses
 import hashlib
@@ -25,7 +26,7 @@ def message(body):
 
 
 def receive_message(connection):
-    """With its length."""
+    """A message, including its length field."""
     head = connection.receive(2)
     return head + connection.receive(struct.unpack(">H", head)[0])
 
@@ -41,13 +42,13 @@ def server_hello(nonce=None):
 
 
 def key_of(secret):
-    """HKDF-SHA-256; one block is all that is needed of it."""
+    """HKDF-SHA-256, of which one block is enough."""
     inner = hmac.digest(b"zephane 1", secret.encode(), "sha256")
     return hmac.digest(inner, b"proof\x01", "sha256")
 
 
 def proof_of(secret, role, transcript, exporter):
-    """`role` is "client" or "server", `transcript` all messages before."""
+    """The proof of a role; `role` is "client" or "server", `transcript` has all messages before it."""
     content = role.encode() + b"\0" + hashlib.sha256(transcript).digest() + exporter
     return hmac.digest(key_of(secret), content, "sha256")
 
@@ -57,7 +58,7 @@ def client_proof(secret, transcript, exporter):
 
 
 def grant(secret, transcript, exporter, flags):
-    """The verdict of a server that has nothing against it; `transcript` ends with the client's proof."""
+    """The verdict of a server that accepts the client; `transcript` ends with the client's proof."""
     head = struct.pack(">HiQ", 12 + PROOF, 0, flags)
     return head + proof_of(secret, "server", transcript + head, exporter)
 
@@ -83,12 +84,12 @@ def verdict_of(whole):
 
 
 def frame(kind, payload, length=None):
-    """`length` is what the head says, if that isn't the truth."""
+    """A frame; `length` is the value for its header, if it is to be wrong."""
     return bytes([kind]) + (len(payload) if length is None else length).to_bytes(3, "big") + payload
 
 
 def frames(kind, data):
-    """Data in as few frames as can be."""
+    """Splits data into as few frames as possible."""
     return b"".join(frame(kind, data[begin:begin + FRAME_LIMIT])
                     for begin in range(0, len(data), FRAME_LIMIT))
 

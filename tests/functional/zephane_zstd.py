@@ -1,15 +1,15 @@
-"""zstd streams, made by hand: of blocks that are as they are, and of blocks of one byte, repeated."""
+"""zstd streams, made by hand, of raw blocks and of run-length blocks."""
 import ctypes
 import struct
 
 MAGIC = struct.pack("<I", 0xFD2FB528)
-LARGEST_WINDOW = 23 # what both ends agree to, as a power of two
+LARGEST_WINDOW = 23 # the largest window that both ends accept, as a power of two
 BLOCK = 1 << 17
 RAW, REPEATED = 0, 1
 
 
 def stream_head(window=LARGEST_WINDOW):
-    """Of a frame that doesn't tell its size, with a window of 2 to this power."""
+    """The header of a zstd frame without a content size, with a window of 2 to this power."""
     return MAGIC + bytes([0, (window - 10) << 3])
 
 
@@ -18,13 +18,13 @@ def block_head(kind, size, last=False):
 
 
 def plain(data):
-    """Blocks of this content, uncompressed."""
+    """Raw blocks with this content."""
     pieces = (data[begin:begin + BLOCK] for begin in range(0, len(data), BLOCK))
     return b"".join(block_head(RAW, len(piece)) + piece for piece in pieces)
 
 
 def repeated(byte, size):
-    """Blocks of one byte: four for each 128 KiB."""
+    """Run-length blocks of one byte: each takes four bytes for up to 128 KiB."""
     sizes = [BLOCK] * (size // BLOCK) + [size % BLOCK] * bool(size % BLOCK)
     return b"".join(block_head(REPEATED, part) + bytes([byte]) for part in sizes)
 
@@ -36,7 +36,7 @@ class Buffer(ctypes.Structure):
 
 
 class Decoder:
-    """Takes a stream apart."""
+    """A streaming decompressor."""
 
     def __init__(self):
         self._library = ctypes.CDLL("libzstd.so.1")
@@ -45,7 +45,7 @@ class Decoder:
         self._context = ctypes.c_void_p(self._library.ZSTD_createDStream())
 
     def decode(self, data):
-        """All that this piece of the stream stands for."""
+        """The decompressed content of this piece of the stream."""
         source = ctypes.create_string_buffer(data, len(data))
         made = ctypes.create_string_buffer(BLOCK)
         given = Buffer(ctypes.addressof(source), len(data), 0)

@@ -10,10 +10,11 @@
 #include <string>
 #include <unistd.h>
 
-/// Any bytes as a CoW file: refused by the two exceptions that its users know, or its numbers are sound.
+/// Arbitrary bytes as a CoW file: they must be refused with one of the two exceptions that callers handle, or
+/// yield valid numbers.
 namespace {
 
-/// The one file that each input is put into; CoW files are opened by their path, and no link is followed.
+/// A file that each input is written to. CoW files are opened by path without following symbolic links.
 class CowFileOnDisk {
 public:
     CowFileOnDisk() : file(::mkstemp(name.data())) {}

@@ -10,12 +10,12 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-/// What the driver shows of itself, as any bytes: the table and every query on it.
+/// Arbitrary bytes as the driver's status file: loads the table and runs every query on it.
 namespace {
 
 using agent::info::DriverDeviceInfo;
 
-/// A file in memory that can be opened by its name.
+/// A file in memory that can be opened by path.
 class MemoryFile {
 public:
     MemoryFile(const std::uint8_t* data, std::size_t size) : file(::memfd_create("info", MFD_CLOEXEC)) {

@@ -17,16 +17,16 @@
 #include <unistd.h>
 #include <vector>
 
-/// Any bytes as the metadata of an era target: refused as unsound, or the set of a later era is a part of
-/// that of an earlier one. An input is, least significant byte first:
+/// Arbitrary bytes as the metadata of a dm-era target: they are refused as invalid, or the blocks written
+/// since a later era are a subset of those since an earlier era. Format of an input, little-endian:
 ///
-///     u8  0 for what is current, 1 for what a metadata snapshot holds; modulo 2
+///     u8  modulo 2: 0 for the current metadata, 1 for what a metadata snapshot holds
 ///     u8  an era
 ///     u16 offset on the device in units of 64 bytes, u8 length in the same unit in the low six bits and the
 ///         kind of block in the high two, the bytes; and so on
 ///
-/// What no record covers is zeros. A block of a kind gets its place and its checksum put right, as no fuzzer
-/// finds one; one of kind 0 stays.
+/// Bytes that no record covers are zeros. If a block has a kind, its block number and checksum are corrected,
+/// since no fuzzer would find them. Blocks of kind 0 stay as they are.
 namespace {
 
 using tolvubd::EraMetadata;
@@ -66,7 +66,7 @@ private:
     static constexpr std::array<const tolvubd::era::BlockKind*, 4> kindOf = {
         nullptr, &tolvubd::era::superblock::kind, &tolvubd::era::node::kind, &tolvubd::era::array::kind};
 
-    /// Returns how long the first record is.
+    /// Writes the first record. Returns its length.
     std::size_t put(std::span<const std::uint8_t> records) {
         const std::size_t first = records[0] + std::size_t{records[1]} * 256;
         const std::size_t begin = first % unitsInBlock * unit;

@@ -7,8 +7,8 @@
 #include <cstdlib>
 #include <stdexcept>
 
-/// The search for a file in a directory of a directory of NTFS, on any volume. Ends the process if it tells
-/// of clusters of no size; what else goes wrong is for the sanitizers to see.
+/// The search for a file in a subdirectory on NTFS, on an arbitrary volume. Aborts if it returns clusters
+/// without a size; the sanitizers detect other errors.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     agent::fuzz::SparseVolume image({data, size});
     agent::info::Logger logger([](const std::string&, int, agent::info::LogTime) {},

@@ -9,8 +9,8 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-/// What a file system tells of itself, from any bytes: none, or all of a fingerprint. The input is that of
-/// SparseVolume.h; what it doesn't cover is a hole in a file in memory.
+/// The fingerprint of a file system in arbitrary bytes: there must be none, or a complete one. The input is
+/// that of SparseVolume.h; parts that it doesn't cover are holes in a file in memory.
 namespace {
 
 using Input = std::span<const std::uint8_t>;

@@ -18,9 +18,9 @@
 #include <unistd.h>
 #include <vector>
 
-/// Any bytes as a physical volume: refused, or each piece of a volume is sound. An input is the sector of the
-/// label, the header of a metadata area and what is behind it in the area. Their checksums are made right, so
-/// that more than those is tried.
+/// Arbitrary bytes as a physical volume: they must be refused, or each piece of a volume must be valid. An
+/// input is the sector of the label, the header of a metadata area and the rest of the area. Checksums are
+/// corrected, so that the fuzzer gets past them.
 namespace {
 
 using tolvubd::lvm::checksum;
@@ -43,7 +43,8 @@ void put(std::string& image, std::size_t offset, std::uint32_t number) {
     }
 }
 
-/// Of the text that the header names, in one part or two; none where it isn't there.
+/// The checksum of the text that the header points to, in one part or two; std::nullopt if it isn't in the
+/// image.
 std::optional<std::uint32_t> textSum(const std::string& image) {
     const auto areaSize = littleEndian<std::uint64_t>(image, area + 32);
     const auto offset = littleEndian<std::uint64_t>(image, area + 40);
@@ -70,7 +71,7 @@ std::string makeImage(std::string_view input) {
     return image;
 }
 
-/// What stands behind `id = `, without dashes: the first one is the group's.
+/// The UUIDs after `id = `, without dashes. The first one is the group's.
 std::vector<std::string> idsIn(const std::string& image) {
     constexpr std::string_view key = "id = \"";
     std::vector<std::string> ids;

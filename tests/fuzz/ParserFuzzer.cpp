@@ -11,10 +11,10 @@
 #include <string_view>
 #include <vector>
 
-/// The parser of one kind of file system, which the build names, on any volume: asked for the map in a few
-/// chunks, or for what the volume may be if it isn't known. Ends the process if it tells of more blocks than
-/// the buffer holds, or throws anything but std::runtime_error; what else goes wrong is for the sanitizers to
-/// see.
+/// The parser of the kind of file system that the build sets, on an arbitrary volume: reads the map in a few
+/// chunks or, if the volume isn't recognized, asks what the volume may be. Aborts if the parser reports more
+/// blocks than the buffer holds, or throws anything but std::runtime_error. The sanitizers detect other
+/// errors.
 namespace {
 
 using agent::core::fs::FileSystemKind;
@@ -23,7 +23,7 @@ const FileSystemKind& fuzzedKind() {
     const auto kinds = agent::core::fs::fileSystemKinds();
     const auto kind = std::ranges::find(kinds, std::string_view(FUZZED_KIND), &FileSystemKind::name);
     if (kind == kinds.end()) {
-        std::abort(); // a folder whose row is missing
+        std::abort(); // the folder's kind isn't in the table
     }
     return *kind;
 }
@@ -55,7 +55,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (parser->recognize()) {
         try {
             readMap(*parser, image);
-        } catch (const std::runtime_error&) { // a failure, as the interface allows
+        } catch (const std::runtime_error&) { // the interface allows this exception
         }
     } else if (kind.findNearMiss != nullptr) {
         kind.findNearMiss(logger, image.volume, image.sectorSize);

@@ -9,7 +9,7 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
 
-/// Feeds each file of the directories that are named to the target, in place of libFuzzer.
+/// Runs the target on each file of the given directories, in place of libFuzzer.
 int main(int argumentCount, char** arguments) {
     std::size_t inputs = 0;
     for (int i = 1; i < argumentCount; ++i) {

@@ -12,11 +12,12 @@
 #include <sys/mman.h>
 #include <vector>
 
-/// A seal with any text, under a checksum that is right: none, or one that can be written again as it is.
+/// A seal with arbitrary text and a correct checksum: it must be refused, or writing it again must reproduce
+/// it.
 namespace {
 
 constexpr std::size_t slotSize = tolvubd::sealSize / 2;
-constexpr std::size_t summed = 16; // what the checksum is of begins here
+constexpr std::size_t summed = 16; // where the checksummed bytes begin
 constexpr std::size_t textOffset = 32;
 constexpr const char* id = "0f0c9f2e-57a5-4a0b-8a1c-000000000001";
 

@@ -9,7 +9,7 @@
 
 namespace agent::fuzz {
 
-/// A volume and how to read it, from the bytes of an input. They are, least significant byte first:
+/// A volume, and how to read it, decoded from the bytes of an input. Little-endian:
 ///
 ///     u8  log2 of the sector size, modulo 4, from 512 on
 ///     u8  buffer size in units of 256 bytes, less one
@@ -17,7 +17,7 @@ namespace agent::fuzz {
 ///     u32 size of the device in KiB
 ///     u32 offset on the device in units of 64 bytes, u8 length in the same unit, the bytes; and so on
 ///
-/// What no record covers is zeros, so that a few hundred bytes make a file system.
+/// Bytes that no record covers are zeros, so that a few hundred bytes make a file system.
 class SparseVolume {
 public:
     explicit SparseVolume(std::span<const std::uint8_t> input)
@@ -39,7 +39,7 @@ private:
     static constexpr std::size_t unit = 64;
     static constexpr std::uint64_t largestVolume = std::uint64_t{1024} * 1024; // KiB
 
-    /// The next number of so many bytes; those that the input lacks are zeros.
+    /// Takes a number of `width` bytes. Bytes that the input lacks are zeros.
     std::uint64_t number(std::size_t width) {
         std::uint64_t value = 0;
         const std::size_t present = std::min(width, rest.size());

@@ -2,7 +2,7 @@
 #include "core/block/BlockRangeProviderFactory.h"
 #include "core/block/U64RangeFinder.h"
 #include "support/FixedRanges.h"
-#include "support/PlainRanges.h"
+#include "support/ReferenceRanges.h"
 
 #include <algorithm>
 #include <cstddef>
@@ -12,8 +12,8 @@
 #include <memory>
 #include <vector>
 
-/// Bytes as bitmap, word map, and excluders with any numbers: what is found, merged and cut must be what one
-/// gets by asking every block.
+/// The input gives bitmaps, word maps, and excluders with arbitrary numbers. Finding, merging and cutting
+/// ranges must give the same result as checking every block.
 namespace agent::test {
 namespace {
 
@@ -39,7 +39,7 @@ public:
         return *data++;
     }
 
-    /// Small, or of any size.
+    /// Mostly small, sometimes of any size.
     std::uint64_t number() {
         std::uint64_t number = byte();
         for (int more = number == 0xff ? 8 : 0; more > 0; --more) {
@@ -56,14 +56,14 @@ private:
 };
 
 void checkBits(const Bytes& bitmap, std::uint64_t bits, bool targetValue, bool msbFirst) {
-    const Ranges expected = plainBitRanges(bitmap.data(), bits, targetValue, msbFirst);
+    const Ranges expected = referenceBitRanges(bitmap.data(), bits, targetValue, msbFirst);
     const BitRangeFinder finder(targetValue, msbFirst);
     require(finder.findRanges(bitmap.data(), bits) == expected);
 }
 
 void checkWords(const Bytes& map, bool targetValue) {
     const std::uint64_t count = map.size() / sizeof(std::uint64_t);
-    const Ranges expected = plainRuns(count, [&](std::uint64_t index) {
+    const Ranges expected = referenceRuns(count, [&](std::uint64_t index) {
         std::uint64_t word = 0;
         std::memcpy(&word, map.data() + index * sizeof(word), sizeof(word));
         return (word != 0) == targetValue;
@@ -105,10 +105,10 @@ void checkWalk(Input input) {
         excluders.push_back(std::make_unique<FixedRanges>(ranges));
     }
     auto included = factory.createIncludedProvider(std::move(excluders), totalBlocks);
-    const Ranges expected = plainIncluded(all, totalBlocks);
+    const Ranges expected = referenceIncluded(all, totalBlocks);
     require(allOf(*included) == expected);
     require(allOf(*factory.createChunkProvider(std::move(included), maxBlocksPerChunk)) ==
-            plainChunks(expected, maxBlocksPerChunk));
+            referenceChunks(expected, maxBlocksPerChunk));
 }
 
 } // namespace

@@ -7,7 +7,8 @@
 #include <algorithm>
 #include <string>
 
-/// Any server, as a client meets it: it grants nothing without the secret, and never more than was asked for.
+/// The client with an arbitrary server: a server without the secret must not be believed, and no more may be
+/// granted than was requested.
 namespace {
 
 using namespace zephane;
@@ -25,7 +26,7 @@ wire::ClientHandshake makeClient() {
     return {hello, secret, channel};
 }
 
-/// The verdict with the proof of one who holds the secret, if it has one.
+/// The verdict, with the proof of a server that knows the secret if it is a grant.
 wire::Bytes proven(std::span<const std::uint8_t> verdict, wire::Bytes transcript) {
     wire::Bytes message(verdict.begin(), verdict.end());
     if (wire::decodeVerdict(verdict).code == 0) {
@@ -36,7 +37,7 @@ wire::Bytes proven(std::span<const std::uint8_t> verdict, wire::Bytes transcript
     return message;
 }
 
-/// Whether the server lets the client in.
+/// Whether the client accepts the server's grant.
 bool shakeHands(test::ZephanePeer& server) {
     wire::ClientHandshake client = makeClient();
     wire::Bytes transcript = client.hello();
@@ -75,7 +76,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
             server.readStream(handle);
         }
     } catch (const wire::ProtocolError&) {
-        // what a server that can't be trusted gets
+        // the client must refuse an untrustworthy server
     }
     return 0;
 }

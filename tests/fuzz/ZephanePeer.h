@@ -20,24 +20,25 @@ inline void require(bool holds) {
     }
 }
 
-/// All that one end sends: a byte that says how to take it, the messages of its handshake, and its stream.
+/// Everything that one end sends: a mode byte, the messages of its handshake, and its stream.
 class ZephanePeer {
 public:
     explicit ZephanePeer(std::span<const std::uint8_t> input)
         : mode(input.empty() ? std::uint8_t{0} : input.front()),
           rest(input.empty() ? input : input.subspan(1)) {}
 
-    /// Whether it holds the secret, and so proves what it says.
+    /// Whether this end knows the secret, and so can prove what it says.
     [[nodiscard]] bool holdsSecret() const { return (mode & 1U) != 0; }
     [[nodiscard]] bool compresses() const { return (mode & 2U) != 0; }
 
-    /// The next message of the handshake; cut short if there is no more.
+    /// The next message of the handshake; shortened if the input ends.
     std::span<const std::uint8_t> message() {
         const std::size_t size = rest.size() < 2 ? rest.size() : wire::sizeOfMessage(rest.first<2>());
         return take(size);
     }
 
-    /// Each piece of the stream behind the handshake, which comes in parts of a size of its choice.
+    /// Passes each piece of the stream after the handshake to `handle`. The stream is read in parts whose
+    /// size the mode byte selects.
     void readStream(const std::function<void(const wire::FrameReader::Piece& piece)>& handle) {
         Decompressor decompressor;
         wire::FrameReader reader;
@@ -60,7 +61,7 @@ public:
     }
 
 private:
-    static constexpr std::size_t most = 4 * wire::mebibyte; // more of a bomb is more of the same
+    static constexpr std::size_t most = 4 * wire::mebibyte; // enough of a decompression bomb
     static constexpr std::array<std::size_t, 4> partSizes{std::size_t{1} << 20U, 1, 3, 100};
 
     std::span<const std::uint8_t> take(std::size_t count) {

@@ -9,8 +9,8 @@
 #include <optional>
 #include <string>
 
-/// Any client, as a server meets it: it proves nothing without the secret, and no request that can't be comes
-/// through.
+/// The server with an arbitrary client: a client without the secret must not pass, and no invalid request may
+/// be accepted.
 namespace {
 
 using namespace zephane;
@@ -28,7 +28,7 @@ std::optional<wire::ProofKey> find(const wire::ImageName& image) {
     return image.path == path ? std::optional(key()) : std::nullopt;
 }
 
-/// Whether the client is let in.
+/// Whether the server accepts the client.
 bool shakeHands(test::ZephanePeer& client) {
     wire::ServerHandshake server(channel);
     const auto hello = client.message();
@@ -68,7 +68,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
             client.readStream(handle);
         }
     } catch (const wire::ProtocolError&) {
-        // what a client that can't be trusted gets
+        // the server must refuse an untrustworthy client
     }
     return 0;
 }

@@ -1,12 +1,16 @@
 #!/usr/bin/env python3
 """usage: tests/fuzz/make_era_seeds.py DIRECTORY
 
-Makes the seeds of era_metadata's corpus by era_restore, as EraMetadataFuzzer.cpp reads them."""
+Makes the seeds of the corpus era_metadata with era_restore, in the format of EraMetadataFuzzer.cpp."""
 import pathlib
 import struct
 import subprocess
 import sys
 import tempfile
+
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2]))
+
+from lab.arguments import parser_of, text_of  # noqa: E402
 
 UNIT = 64
 BLOCK = 4096
@@ -19,7 +23,8 @@ HELD_SNAPSHOT = 216
 
 
 def restore(image, blocks, writesets, eras):
-    """Metadata in which `eras` are entered, as {block: era}, and `writesets` aren't, as {era: blocks}."""
+    """Metadata with `eras`, {block: era}, in the array, and with `writesets`, {era: blocks}, not yet in
+    it."""
     text = f'<superblock uuid="" block_size="8" nr_blocks="{blocks}" current_era="9">\n'
     for era, written in writesets.items():
         text += f'<writeset era="{era}" nr_bits="{blocks}">\n'
@@ -38,13 +43,14 @@ def number(data, place, offset):
 
 
 def values(data, place):
-    """The offsets of a leaf's values in its block; where it has places, they come first or at byte 4."""
+    """The offsets of a leaf's values in its block. If a value has a block number, that is at byte 0 or 4."""
     entries, room, size = struct.unpack_from("<III", data, place * BLOCK + 16)
     return [32 + room * 8 + entry * size for entry in range(entries)]
 
 
 def kinds(data, superblock):
-    """The blocks that can be reached, which are few enough for trees of one node each."""
+    """Finds the blocks that are reachable from the superblock. The metadata is so small that each tree has
+    one node."""
     found = {superblock: SUPERBLOCK}
     arrays = [number(data, superblock, ARRAY_ROOT)]
     tree = number(data, superblock, TREE_ROOT)
@@ -57,7 +63,7 @@ def kinds(data, superblock):
 
 
 def encode(data, found, view, era):
-    """A record for each line that isn't all zeros."""
+    """Encodes a record for each line that isn't all zeros."""
     encoded = bytes([view, era])
     for place, kind in sorted(found.items()):
         for begin in range(0, BLOCK, UNIT):
@@ -68,7 +74,7 @@ def encode(data, found, view, era):
 
 
 def hold(data):
-    """The same as a metadata snapshot holds it, with a superblock of its own near the end."""
+    """Adds a metadata snapshot of the metadata, whose superblock is near the end."""
     place = DEVICE // BLOCK - 1
     held = bytearray(data)
     held[place * BLOCK:] = data[:BLOCK]
@@ -77,7 +83,7 @@ def hold(data):
 
 
 def write_now(data):
-    """The same with the set of the oldest era as that of the current one."""
+    """Makes the writeset of the oldest era that of the current era."""
     tree = number(data, 0, TREE_ROOT)
     offset = tree * BLOCK + values(data, tree)[0]
     current = bytearray(data)
@@ -86,7 +92,9 @@ def write_now(data):
 
 
 def main():
-    directory = pathlib.Path(sys.argv[1])
+    parser = parser_of(__doc__)
+    parser.add_argument("directory", type=pathlib.Path, metavar="DIRECTORY")
+    directory = parser.parse_args().directory
     directory.mkdir(parents=True, exist_ok=True)
     with tempfile.TemporaryDirectory() as work:
         image = pathlib.Path(work) / "image"
@@ -101,4 +109,7 @@ def main():
 
 
 if __name__ == "__main__":
-    main()
+    try:
+        main()
+    except (OSError, subprocess.CalledProcessError) as error:
+        sys.exit(f"make_era_seeds.py: {text_of(error)}")

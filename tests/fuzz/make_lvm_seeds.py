@@ -1,13 +1,17 @@
 #!/usr/bin/env python3
 """usage: tests/fuzz/make_lvm_seeds.py DIRECTORY
 
-Makes the seeds of the corpus lvm_metadata: a label and a metadata area around each text of LVM's that lies
-beside the unit tests. It fills the area, once from its begin and once over its end. The fuzz target puts the
-checksums in."""
+Makes the seeds of the corpus lvm_metadata: a label and a metadata area around each of LVM's metadata texts
+beside the unit tests. There are two seeds of each: one in which the text begins at the area's start, one in
+which it wraps around the area's end. The fuzz target corrects the checksums."""
 import pathlib
 import re
 import struct
 import sys
+
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2]))
+
+from lab.arguments import existing_directory, parser_of, text_of  # noqa: E402
 
 TEXTS = pathlib.Path(__file__).resolve().parents[1] / "unit/platform/tolvubd/lvm"
 SECTOR = 512
@@ -27,7 +31,7 @@ def header(area_size, offset, size):
 
 
 def seed(text, split):
-    """The text begins so many bytes before the end of its ring."""
+    """A seed whose text begins `split` bytes before the end of the circular area."""
     volume = re.search(rb'pv0 \{\s*id = "([^"]*)"', text)[1].replace(b"-", b"")
     size = len(text) + SECTOR
     ring = text[split:] + text[:split] if split < len(text) else text
@@ -35,7 +39,9 @@ def seed(text, split):
 
 
 def main():
-    directory = pathlib.Path(sys.argv[1])
+    parser = parser_of(__doc__)
+    parser.add_argument("directory", type=existing_directory, metavar="DIRECTORY")
+    directory = parser.parse_args().directory
     for path in sorted(TEXTS.glob("*.vg")):
         text = path.read_bytes() + b"\0"
         (directory / path.stem).write_bytes(seed(text, len(text)))
@@ -43,4 +49,7 @@ def main():
 
 
 if __name__ == "__main__":
-    main()
+    try:
+        main()
+    except OSError as error:
+        sys.exit(f"make_lvm_seeds.py: {text_of(error)}")

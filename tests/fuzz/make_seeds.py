@@ -1,8 +1,9 @@
 #!/usr/bin/env python3
 """usage: lab/namespace tests/fuzz/make_seeds.py DIRECTORY
 
-Makes the seeds of the parsers' corpora from real file systems: what a parser reads of them, as SparseVolume.h
-encodes it, in a folder of DIRECTORY for each parser; and those of the search for a file."""
+Makes the seeds of the parsers' corpora from real file systems: the regions that a parser reads, encoded as
+SparseVolume.h describes, in a folder of DIRECTORY for each parser. Also makes those of the search for a
+file."""
 import pathlib
 import struct
 import sys
@@ -10,16 +11,17 @@ import tempfile
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2]))
 
+from lab.arguments import parser_of, text_of  # noqa: E402
 from lab.filesystems import KINDS  # noqa: E402
 from lab.ntfs_volume import ATTRIBUTE_LIST, MFT, NtfsVolume  # noqa: E402
-from lab.volume_images import age, make_image, mounted, riddle  # noqa: E402
+from lab.volume_images import age, fragment_free_space, make_image, mounted  # noqa: E402
 
 UNIT = 64
 HOLE = 1024
 SECTOR = 512
 ROOT = 5 # record of the root directory
 INDEX_ALLOCATION = 0xA0
-# Clusters, and how many files are beside the one that is looked for.
+# Cluster size, and how many other files the directory has.
 FILES = {"lone": (4096, 0), "blocks": (4096, 40), "small_clusters": (512, 60), "large_clusters": (65536, 60)}
 
 
@@ -38,12 +40,12 @@ def encode(image, regions, sector_exponent=0, buffer_units=255):
 
 
 def make_seed(kind, seed, work):
-    """What the parser reads of a volume as the seed asks for."""
+    """Makes a volume as `seed` describes it, and encodes what the parser reads of it."""
     image = make_image(work / "image", seed.mebibytes, seed.file_system, *seed.options)
     if seed.is_mounted:
         with mounted(image, seed.file_system, work / "mnt") as (_, directory):
             if seed.holes:
-                riddle(directory / "riddled", HOLE, seed.holes)
+                fragment_free_space(directory / "riddled", HOLE, seed.holes)
             age(directory, 30, largest=100_000, is_plain=kind.is_plain)
     for step in seed.steps:
         step(image)
@@ -51,7 +53,7 @@ def make_seed(kind, seed, work):
 
 
 def directory_regions(image, numbers):
-    """What is read of these records when a file is looked for: they and the blocks of their indexes."""
+    """The regions that the search for a file reads for these records: the records and their index blocks."""
     with open(image, "rb") as file:
         volume = NtfsVolume(file)
         yield 0, SECTOR
@@ -65,7 +67,7 @@ def directory_regions(image, numbers):
 
 
 def make_file_seed(cluster, files, work):
-    """The file `a\\b` among others of its directory."""
+    """Makes a seed with the file `a\\b` among other files in its directory."""
     image = make_image(work / "image", 20, "ntfs", "--cluster-size", str(cluster))
     with mounted(image, "ntfs", work / "mnt") as (_, root):
         directory = root / "a"
@@ -89,9 +91,9 @@ def main(target):
 
 
 if __name__ == "__main__":
-    if len(sys.argv) != 2:
-        sys.exit(__doc__)
+    parser = parser_of(__doc__)
+    parser.add_argument("directory", type=pathlib.Path, metavar="DIRECTORY")
     try:
-        main(pathlib.Path(sys.argv[1]))
+        main(parser.parse_args().directory)
     except OSError as error:
-        sys.exit(str(error))
+        sys.exit(f"make_seeds.py: {text_of(error)}")

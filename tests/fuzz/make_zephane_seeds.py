@@ -2,12 +2,17 @@
 """usage: tests/fuzz/make_zephane_seeds.py DIRECTORY
 
 Makes the seeds of the corpora zephane_server and zephane_client, in a folder each: what one end of a
-connection sends from its hello on, after the byte that ZephanePeer.h explains. Needs the program zstd."""
+connection sends from its hello on, after the mode byte that ZephanePeer.h describes. Needs the program
+zstd."""
 import hashlib
 import pathlib
 import struct
 import subprocess
 import sys
+
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2]))
+
+from lab.arguments import parser_of, text_of  # noqa: E402
 
 HOLDS_SECRET, COMPRESSES = 1, 2
 BYTE_BY_BYTE, BY_HUNDREDS = 0x40, 0xC0
@@ -39,7 +44,7 @@ def compressed(data):
 
 
 def old_format(version):
-    """A stream whose header asks for a window of 64 or 128 MiB, in a format that zstd has had before."""
+    """A stream in one of zstd's legacy formats, whose header asks for a window of 64 or 128 MiB."""
     windows = {5: b"\x0f\0", 6: b"\x0f\0", 7: b"\0\x88"}
     return bytes([0x20 + version, 0xB5, 0x2F, 0xFD]) + windows[version] + bytes(58)
 
@@ -85,9 +90,9 @@ def main(target):
 
 
 if __name__ == "__main__":
-    if len(sys.argv) != 2:
-        sys.exit(__doc__)
+    parser = parser_of(__doc__)
+    parser.add_argument("directory", type=pathlib.Path, metavar="DIRECTORY")
     try:
-        main(pathlib.Path(sys.argv[1]))
+        main(parser.parse_args().directory)
     except (OSError, subprocess.CalledProcessError) as error:
-        sys.exit(str(error))
+        sys.exit(f"make_zephane_seeds.py: {text_of(error)}")

@@ -1,4 +1,5 @@
-"""Each rule of scripts/lint is on: a small tree that breaks it alone is refused, with file and line."""
+"""Each rule of scripts/lint is active: a small tree that breaks only that rule is refused, with file and
+line."""
 
 import json
 import re
@@ -12,9 +13,10 @@ import pytest
 ROOT = Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(ROOT / "scripts"))
 
-from lintlib.joined import alike  # noqa: E402
+from lintlib.joined import groups_of_sources  # noqa: E402
 from lintlib.rules import LAYERS  # noqa: E402
 from lintlib.tree import Tree  # noqa: E402
+from looklib.includes import edges_of, told  # noqa: E402
 
 LINT = ROOT / "scripts/lint"
 FORMAT = ROOT / "scripts/format"
@@ -67,6 +69,7 @@ BROKEN = [
     ("picture", "docs/architecture.md", PICTURE.replace("  |\n", " top\n"), 7),
     ("picture", "docs/architecture.md", PICTURE.replace("```\n\n", " new\n```\n\n"), 7 + len(LAYERS)),
     ("picture", "docs/architecture.md", "# A\n", 1),
+    ("includes", "docs/includes.svg", told([("src/info", "src/common")]), 1),
     ("wrapped", "src/common/Disk.cpp", "// A disk.\n#include <iscsi/iscsi.h>\n", 2),
     ("wrapped", "tests/unit/Disk.cpp", "#include <iscsi/scsi-lowlevel.h>\n", 1),
     ("guards", "src/common/Bare.h", "\nint bare();\n", 2),
@@ -78,6 +81,9 @@ BROKEN = [
      "#pragma once\n\n" + DOCUMENTED.replace("Threads", "Waits") + "class IStore {\n" + INTERFACE, 7),
     ("labels", "src/common/Pattern.h",
      "#pragma once\n\n/// Owns: it.\ntemplate <typename Item>\nclass IStore {\n" + INTERFACE, 5),
+    ("labels", "tools/common/Plain.h",
+     "#pragma once\n\n/// Plain.\nclass Plain {\n    int one = 1;\n};\n", 4),
+    ("labels", "src/common/Final.h", "#pragma once\n\nclass Final final : public Base {};\n", 3),
     ("leftovers", "src/common/Note.cpp", "\n// TO" "DO: think\n", 2),
     ("leftovers", "scripts/note.py", "A = 1 # FIX" "ME\n", 1),
     ("leftovers", "notes.txt", "X" "XX\n", 1),
@@ -88,7 +94,7 @@ BROKEN = [
     ("leftovers", "src/common/Assign.cpp", "// const int count = 1;\n", 1),
     ("leftovers", "src/common/Branch.cpp", "// if (count > 1) {\n", 1),
     ("leftovers", "src/common/Return.cpp", "// return count;\n", 1),
-    # What the rule has to refuse: contents of the trees that it is tried on, no tests of this one.
+    # Texts that the rule has to refuse: they are written to the trees that are checked, and never run.
     ("leftovers", "tests/unit/Off.cpp",
      "TEST(Thing, DISABLED_Off) {\n    EXPECT_TRUE(a());\n}\n", 1), # bait for the lint, never run
     ("leftovers", "tests/unit/Skip.cpp",
@@ -114,6 +120,9 @@ BROKEN = [
     ("resources", "src/common/Close.cpp", "void gone(int it) {\n    ::close(it);\n}\n", 2),
     ("resources", "src/common/Goto.cpp", "void loop() {\nagain:\n    goto again;\n}\n", 3),
     ("resources", "src/common/Mute.cpp", "void gone(int* it) {\n    delete it; // NOLINT(resources)\n}\n", 2),
+    ("logging", "src/common/Said.cpp",
+     'void say() {\n    logger.log(level::info, reason("said"),\n               "all "\n'
+     '               "of it");\n}\n', 2),
     ("shell", "lab/broken.sh", "if true; then\n", 2),
     ("shell", "lab/unquoted.sh", "rm -f $1\n", 1),
     ("executables", "scripts/plain", "#!/bin/sh\ntrue\n", 1),
@@ -130,14 +139,18 @@ BROKEN = [
     ("markdown", "docs/images.md", "![three](../src/common/Thing.h) ![four](four.png)\n", 1),
 ]
 
-# What stands close to a rule and doesn't break it.
+# Texts that almost break a rule.
 HARMLESS = [
     ("src/os/FileDescriptor.cpp", "void gone(int it) {\n    ::close(it);\n}\n"),
     ("src/common/Owner.cpp", "void gone(int* it) {\n    delete it; // NOLINT(resources): C made it\n}\n"),
     ("src/common/Words.cpp", '// A new file; free(d), closed.\nconst char* text = "new goto free(x)";\n'),
     ("src/common/Members.h", "#pragma once\n\nstruct Members {\n    Members(const Members&) = delete;\n"
                              "    void close(int how);\n    void free();\n};\n"),
-    ("src/common/IPAddress.h", "#pragma once\n\nclass IPAddress {\n    int bits = 0;\n};\n"),
+    ("src/common/IPAddress.h",
+     "#pragma once\n\n" + DOCUMENTED + "// NOLINTNEXTLINE(bugprone-copy)\nclass IPAddress {\n"
+     "    class Nested {};\n    int bits = 0;\n};\n"),
+    ("src/common/Store.h", "#pragma once\n\nclass Store : public IStore {};\n"),
+    ("src/common/Failure.h", "#pragma once\n\nclass Failure : public std::runtime_error {};\n"),
     ("src/common/Forward.h", "#pragma once\n\nclass IStore;\n"),
     ("src/common/Quote.cpp", '// #include "app/Main.h" is upward.\nconst char* text = R"(\n#if 0\n)";\n'),
     ("platform/module/Module.cpp", '#include "os/Memory.h"\n'),
@@ -149,6 +162,7 @@ HARMLESS = [
     ("tests/test_helper.py", "from thing import wait_until_up\n\n\ndef test_it():\n    wait_until_up()\n"),
     ("scripts/prose.py", "# A value: what it is (see above);\n# return value\n# for example:\nA = 1\n"),
     ("scripts/address.py", f'A = "https://example.org/{LONG_TEXT}{LONG_TEXT}"\n'),
+    ("src/common/Saying.cpp", 'void say() {\n    logger.log(level::info, "%d", 1);\n}\n'),
     ("docs/code.md", "```\n[a](b.md)\n```\nand `[c](d.md)`\n"),
 ]
 
@@ -166,6 +180,11 @@ def write_tree(root, files):
             (root / path).chmod(0o755)
 
 
+def picture_includes(root):
+    """As they are in a tree, so that no other rule's case breaks that rule too."""
+    (root / "docs/includes.svg").write_text(told(edges_of(Tree(root))) + "<svg/>\n")
+
+
 def lint(root, *arguments):
     done = subprocess.run([LINT, "--root", root, *arguments], capture_output=True, text=True, timeout=300)
     assert done.stderr == ""
@@ -175,6 +194,7 @@ def lint(root, *arguments):
 
 def make_clean(root):
     write_tree(root, CLEAN)
+    picture_includes(root)
     shutil.copy(ROOT / ".clang-format", root)
     return root
 
@@ -186,13 +206,15 @@ def tree(tmp_path):
 
 @pytest.fixture(scope="module")
 def found(tmp_path_factory):
-    """What is found in the file of each of BROKEN. They share trees as far as their names allow."""
+    """The findings in the file of each entry of BROKEN. Entries with different file names share a tree."""
     found_in = {}
     waiting = BROKEN
     while waiting:
         root = make_clean(tmp_path_factory.mktemp("broken"))
         together = {case[1]: case for case in waiting}
         write_tree(root, {path: case[2] for path, case in together.items()})
+        if "docs/includes.svg" not in together:
+            picture_includes(root)
         status, findings = lint(root, "--fast")
         assert status == 1
         assert {path for path, *_ in findings} <= set(together)
@@ -219,6 +241,7 @@ def test_a_broken_rule_is_found(found, case):
 
 def test_what_breaks_no_rule_passes(tree):
     write_tree(tree, dict(HARMLESS))
+    picture_includes(tree)
     assert lint(tree, "--fast") == (0, [])
 
 
@@ -256,7 +279,7 @@ def test_format_lists_and_mends_what_differs(tree):
 
 @pytest.mark.parametrize("rule, tool", [("format", "clang-format-19"), ("shell", "shellcheck")])
 def test_a_tool_that_is_missing_passes_nothing(tree, rule, tool):
-    """Least of all is another release of it taken in its place."""
+    """Another release of the tool isn't accepted either."""
     programs = tree / "programs"
     programs.mkdir()
     for name in ("git", "bash", "python3"):
@@ -335,6 +358,10 @@ def test_tidy_refuses_functions_of_more_than_sixty_lines(tidy):
     ("clang-diagnostic-error", 1, "int broken() { return missing; }\n"),
     ("bugprone-unused-return-value", 4,
      "#include <unistd.h>\n\nvoid skip(int file, char* byte) {\n    read(file, byte, 1);\n}\n"),
+    ("clang-diagnostic-thread-safety-analysis", 9,
+     "struct __attribute__((capability(\"mutex\"))) Mutex {};\n\nstruct Count {\n    Mutex mutex;\n"
+     "    int value __attribute__((guarded_by(mutex))) = 0;\n};\n\nint valueOf(const Count& count) {\n"
+     "    return count.value;\n}\n"),
     ("cppcoreguidelines-avoid-non-const-global-variables", 1, "int counter = 0;\n"),
     ("cppcoreguidelines-pro-type-reinterpret-cast", 2,
      "int read(const char* text) {\n    return *reinterpret_cast<const int*>(text);\n}\n"),
@@ -354,7 +381,7 @@ def test_tidy_refuses_functions_of_more_than_sixty_lines(tidy):
      "int zero() {\n    const int* nothing = nullptr;\n    return *nothing;\n}\n"),
 ])
 def test_tidy_check_is_on(tidy, check, line, text):
-    """Beside other sources, too, which clang-tidy is shown together with it."""
+    """Even if clang-tidy checks other sources in the same run."""
     tidy.write(src__A_cpp="int one() {\n    return 1;\n}\n", src__B_cpp=text,
                src__C_cpp="int three() {\n    return 3;\n}\n")
     findings = tidy.findings()
@@ -400,7 +427,8 @@ def test_tidy_lets_names_of_two_sources_be_the_same(tidy):
 ])
 def test_sources_are_together_but_for_those_that_define_one_name(tmp_path, one, other, are_together):
     write_tree(tmp_path, {"src/A.cpp": one, "src/B.cpp": other})
-    assert [len(group) for group in alike(Tree(tmp_path).cpp, {})] == ([2] if are_together else [1, 1])
+    groups = groups_of_sources(Tree(tmp_path).cpp, {})
+    assert [len(group) for group in groups] == ([2] if are_together else [1, 1])
 
 
 def test_tidy_lets_laid_down_names_pass(tidy):
@@ -480,4 +508,4 @@ def test_tidy_checks_what_has_changed_and_with_all_everything(tidy):
     assert tidy.findings() == [("src/B.h", 3, "readability-identifier-naming")]
     assert {path for path, _, _ in tidy.findings("--all")} == {"src/A.cpp", "src/B.h"}
     tidy.write(src__B_h="#pragma once\n", src__D_h="#pragma once\n")
-    assert tidy.findings() == [("src/C.cpp", 3, "clang-diagnostic-error")] # D.cpp is well
+    assert tidy.findings() == [("src/C.cpp", 3, "clang-diagnostic-error")] # D.cpp has no findings

@@ -1,4 +1,4 @@
-"""How scripts/test runs its steps side by side, counts tests and says how far it is."""
+"""How scripts/test runs its steps in parallel, counts tests and shows its progress."""
 
 import io
 import os
@@ -22,7 +22,7 @@ SECONDS = 20
 REPORT = '<testsuites><testsuite><testcase name="a"/><testcase name="b"/>{}</testsuite></testsuites>'
 FAILED = '<testcase name="c"><failure/></testcase>'
 AWAIT = f"timeout {SECONDS} sh -c 'until [ -e {{}} ]; do sleep 0.05; done'"
-# Run as a program: one step that doesn't end by itself, and one after it.
+# Run as a program: one step that never ends, and one after it.
 ENDLESS = """\
 import signal, sys
 sys.path.insert(0, sys.argv[1])
@@ -42,7 +42,7 @@ class Terminal(io.StringIO):
 
 @pytest.fixture
 def run(tmp_path):
-    """run(LANE...) returns whether all was well, and what was printed."""
+    """run(LANE...) returns whether all steps succeeded, and the output."""
     def run_lanes(*lanes, output=None, **options):
         output = output or io.StringIO()
         display = Display(sum(len(chain) for lane in lanes for chain in lane), output, **options)
@@ -100,7 +100,7 @@ def test_what_a_step_computes_is_counted_with_its_children(tmp_path):
     step = shell("one", f"/usr/bin/python3 -c '{busy}'; true")
     step.start(tmp_path, tmp_path / "log")
     assert step.wait()
-    assert step.computed >= 1
+    assert step.cpu_seconds >= 1
 
 
 def test_lanes_run_side_by_side(run):
@@ -160,7 +160,8 @@ def test_a_run_that_is_ended_leaves_nothing_running(tmp_path):
 
 
 def is_running(number, deadline):
-    """Whether a process stays until the deadline; the machine's first process may take a while to reap it."""
+    """Whether a process still runs at the deadline; the machine's first process may take a while to reap
+    it."""
     while time.monotonic() < deadline:
         try:
             os.kill(number, 0)

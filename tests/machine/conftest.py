@@ -1,4 +1,4 @@
-"""Machines for tests that need a kernel, a start or a power cut of their own."""
+"""Machines for tests that need a kernel, a boot or a power cut of their own."""
 import pathlib
 import sys
 
@@ -23,13 +23,13 @@ def pytest_configure(config):
 
 
 def pytest_ignore_collect(collection_path):
-    """What is to run in a machine isn't run here."""
+    """Ignores the tests in guest/, which run inside a machine."""
     return collection_path == ROOT / "tests" / "machine" / "guest" or None
 
 
 @pytest.hookimpl(hookwrapper=True)
 def pytest_runtest_makereport(item):
-    """Shows the consoles of all machines that a failed test could use."""
+    """Adds to the report of a failed test the consoles of all machines that it could use."""
     report = (yield).get_result()
     if report.failed:
         for machine in item.config.stash[MACHINES]:
@@ -38,8 +38,8 @@ def pytest_runtest_makereport(item):
 
 @pytest.fixture(scope="module")
 def new_machine(request):
-    """new_machine(CLASS, DISKS, OPTIONS) is a machine with disks of so many bytes, which is on unless it is
-    to be left off. It is gone after the module's last test."""
+    """new_machine(CLASS, DISKS, OPTIONS) makes a machine with disks of these sizes in bytes, and starts it
+    unless `is_on` is false. It is removed after the module's last test."""
     known = request.config.stash[MACHINES]
 
     def make(kind=UmlMachine, disks=DISKS, is_on=True, **options):

@@ -1,4 +1,5 @@
-"""A machine with a tracked volume that may lose its power at any moment, and what must be true afterwards."""
+"""A machine with a tracked volume that may lose power at any moment, and checks of what must be true
+afterwards."""
 import contextlib
 import json
 import pathlib
@@ -6,19 +7,19 @@ import struct
 import subprocess
 import time
 
-from lab.stay import Stay
+from lab.resources import Resource
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 BUILD = ROOT / "build" / "release"
 PARTS = ROOT / "platform" / "tolvubd"
 INSIDE = pathlib.Path(__file__).with_name("inside")
-FIGURES = BUILD / "cuts.txt"
+TOTALS_FILE = BUILD / "cuts.txt"
 UNIT = 4096
 PIECE = 1 << 20
-MEBIBYTES = 208         # of the volume: a new CoW file is made beside two old ones; XFS needs 300 of them
+MEBIBYTES = 208         # of the volume: a new CoW file must fit beside two old ones; XFS needs 300 MiB
 XFS_MEBIBYTES = 320
 COW_MEBIBYTES = 40
-KEPT = 16               # as in inside/busy.py
+EXISTING_FILES = 16     # as in inside/busy.py
 WRITABLE_SECONDS = 12
 DEVICE = "/dev/lab/data"
 MOUNT = "/mnt"
@@ -28,7 +29,7 @@ UNITS = ("tolvubd-close.service", "tolvubd-start.service")
 
 
 def install(machine):
-    """Puts the driver where a package of it would."""
+    """Installs the driver where a package would put it."""
     system = "/lib/systemd"
     machine.run(f"install {BUILD}/tolvuctl /usr/bin/ && install -m 644 {PARTS}/59-tolvubd.rules "
                 f"/lib/udev/rules.d/ && cd {PARTS}/packaging && install systemd-shutdown/tolvubd "
@@ -36,54 +37,54 @@ def install(machine):
                 f"systemctl -q enable {' '.join(UNITS)} && udevadm control --reload && sync")
 
 
-class Figures:
-    """What came of many cuts."""
+class CutTotals:
+    """The totals of many power cuts."""
 
     def __init__(self, title):
         self.title = title
         self.rounds = self.kept = self.given_up = 0
         self.differing = self.reported = self.missed = self.equal = 0
 
-    def add(self, differing, told):
+    def add(self, differing, recorded):
         self.differing += len(differing)
-        self.reported += len(told)
-        self.missed += len(differing - told)
-        self.equal += len(told - differing)
+        self.reported += len(recorded)
+        self.missed += len(differing - recorded)
+        self.equal += len(recorded - differing)
 
-    def keep(self):
+    def save(self):
         line = (f"{self.title}: {self.rounds} cuts, {self.kept} kept, {self.given_up} given up; units: "
                 f"{self.differing} differ, {self.reported} reported, {self.missed} missed, "
                 f"{self.equal} reported but equal")
         print(line)
-        with open(FIGURES, "a", encoding="utf-8") as file:
+        with open(TOTALS_FILE, "a", encoding="utf-8") as file:
             file.write(line + "\n")
 
 
-class TrackedVolume(Stay):
-    """A logical volume on the machine's first disk, with a program that writes to it. Pictures of its
-    snapshots go to the second disk, where they can be read from here, whatever becomes of the machine."""
+class TrackedVolume(Resource):
+    """A logical volume on the machine's first disk, with a program that writes to it. Copies ("pictures") of
+    its snapshots go to the second disk, where the host can read them even if the machine fails."""
 
     def __init__(self, machine, kind):
         super().__init__()
         self.machine = machine
         self.kind = kind
-        self.figures = Figures(kind)
+        self.totals = CutTotals(kind)
         self.mebibytes = XFS_MEBIBYTES if kind == "xfs" else MEBIBYTES
         self.size = self.mebibytes << 20
         self.files = list(NAMES)
         self._slot = 0
-        self._last = self._number = self._first_kept = 0
+        self._last = self._number = self._first_file = 0
         self.has_picture = False
         self._writer = None
         self._own = set()
 
-    def open(self, lasting):
+    def open(self, stack):
         disk = self.machine.disks[0].device
         options = "-b 4096" if self.kind.startswith("ext") else ""
         self.machine.run(f"vgcreate -qy lab {disk} && lvcreate -qy -n data -L {self.mebibytes}m lab && "
                          f"mkfs.{self.kind} -q {options} {DEVICE}")
-        lasting.callback(self.forget)
-        lasting.callback(self.figures.keep) # of what there was, also when it was broken off
+        stack.callback(self.forget)
+        stack.callback(self.totals.save) # saved even if the test was broken off
         self.mount()
         self.set_up()
 
@@ -100,7 +101,7 @@ class TrackedVolume(Stay):
                                            "/usr/bin/python3", INSIDE / "look.py", *words).stdout)
 
     def call(self, function, *arguments):
-        """Whether it succeeded."""
+        """Calls a function of the driver; returns whether it succeeded."""
         return self.machine.run(*self.command(function, *arguments), check=False).returncode == 0
 
     @staticmethod
@@ -112,7 +113,7 @@ class TrackedVolume(Stay):
         assert done.returncode == 0, f"{function}: {done.stdout}{done.stderr}{self.facts()}"
 
     def facts(self):
-        """What may tell why a call of the driver has failed."""
+        """Facts that may explain why a call of the driver has failed."""
         return self.machine.run(f"df -B1M {MOUNT}; ls -la {MOUNT}/.tolvu*; dmsetup status; "
                                 "journalctl -qb -n 40 -o cat | grep -v vector", check=False).stdout
 
@@ -120,15 +121,16 @@ class TrackedVolume(Stay):
         self.machine.run(f"for i in $(seq 100); do test -b {DEVICE} && break; sleep 0.1; done; "
                          f"udevadm settle; timeout 60 mount {DEVICE} {MOUNT}")
 
-    # The program that writes.
+    # The writing program.
 
     def start_writer(self):
         self._writer = self.machine.begin("/usr/bin/python3", "-B", INSIDE / "busy.py", MOUNT,
                                           str(self._number), text=True, stdin=subprocess.PIPE)
-        self._first_kept = self._last = int(self._writer.stdout.readline())
+        self._first_file = self._last = int(self._writer.stdout.readline())
 
     def stop_writer(self):
-        """What it has printed, it has done. It ends here, or has ended with the machine."""
+        """Ends the program, unless it has ended with the machine, and notes what it printed: whatever it
+        printed, it had done."""
         if self._writer is None:
             return
         said = self._writer.communicate(timeout=30)[0].split()
@@ -138,15 +140,15 @@ class TrackedVolume(Stay):
         self._writer = None
 
     def check_files(self):
-        """None of those that had been brought to the disk is lost. The program may have been about to remove
-        the first of them."""
-        first = max(self._first_kept, self._last - KEPT + 3)
+        """Checks that no file that had reached the disk is lost. The program may have been about to remove
+        the oldest files."""
+        first = max(self._first_file, self._last - EXISTING_FILES + 3)
         assert self.look("files", MOUNT, first, self._last) == []
 
     # Pictures and records.
 
     def set_up(self):
-        """A first snapshot, and its picture."""
+        """Takes the first snapshot, and a picture of it."""
         self.must("setup_snapshot", 0, DEVICE, f"{MOUNT}/{NAMES[0]}", COW_MEBIBYTES)
         self.begin()
 
@@ -179,11 +181,11 @@ class TrackedVolume(Stay):
         return found
 
     def own_units(self):
-        """Where the driver's own files lie, which nobody copies."""
+        """The units of the driver's own files, which no backup copies."""
         return {unit for begin, length in self.look("own", DEVICE, self.kind, MOUNT)
                 for unit in range(begin // UNIT, -(-(begin + length) // UNIT))}
 
-    def told(self, name):
+    def recorded_units(self, name):
         """The units that the record in a CoW file names."""
         count = self.size // UNIT
         data = self.machine.run("head", "-c", UNIT + 8 * count, f"{MOUNT}/{name}", text=False).stdout
@@ -191,7 +193,7 @@ class TrackedVolume(Stay):
         return {unit for unit, word in enumerate(words) if word}
 
     def check_record(self):
-        """The next snapshot's record tells all that has changed since the last picture."""
+        """Checks that the next snapshot's record has all units that have changed since the last picture."""
         self.must("transition_snapshot", 0, f"{MOUNT}/{self.files[1]}", COW_MEBIBYTES)
         self.compare_record()
 
@@ -200,22 +202,24 @@ class TrackedVolume(Stay):
         self.take_picture()
         own = self.own_units()
         differing = self.differing(0, 1) - self._own - own
-        told = self.told(closed)
-        self.figures.add(differing, told - self._own - own)
-        assert not differing - told, f"{len(differing - told)} of {len(differing)} changed units are missing"
+        recorded = self.recorded_units(closed)
+        self.totals.add(differing, recorded - self._own - own)
+        missing = differing - recorded
+        assert not missing, f"{len(missing)} of {len(differing)} changed units are missing"
         self.files = [current, closed]
         self._own |= own
 
     # Rounds.
 
     def state(self):
-        """Of the device; none if there is none. An error is none either."""
+        """The state of the device; None if there is none, or if it has an error."""
         found = [device for device in self.look("devices") if device["minor"] == 0]
         return found[0]["state"] if found and found[0]["error"] == 0 else None
 
     def come_back(self):
-        """After a power cut: the volume is there, nothing that was brought to the disk is lost, and a device
-        is given back that can be trusted, or none."""
+        """Starts the machine after a power cut, and checks that the volume is there, that no data that had
+        reached the disk is lost, and that the driver gives back either a device that can be trusted or
+        none."""
         self.stop_writer()
         self.machine.start()
         begin = time.monotonic()
@@ -223,24 +227,24 @@ class TrackedVolume(Stay):
         self.machine.run(f"date > {MOUNT}/alive && sync -f {MOUNT}/alive", timeout=WRITABLE_SECONDS)
         assert time.monotonic() - begin < 30
         self.check_files()
-        self.figures.rounds += 1
+        self.totals.rounds += 1
         self.go_on()
 
     def go_on(self):
         name = self.given_back()
         if name is None:
-            self.figures.given_up += 1
+            self.totals.given_up += 1
             self.start_anew()
             return
-        self.figures.kept += 1
+        self.totals.kept += 1
         is_snapshot = self.state() == SNAPSHOT
         if is_snapshot and not self.has_picture:
             self.begin()
-        elif is_snapshot and name == self.files[1]: # the call had done its work when the power went
+        elif is_snapshot and name == self.files[1]: # the call had completed when the power was cut
             self.compare_record()
 
     def given_back(self):
-        """The CoW file of the device that the driver has given back; none if it has none."""
+        """The CoW file of the device that the driver has given back, or None."""
         for name in self.files:
             for function in ("reload_incremental", "reload_snapshot"):
                 if self.call(function, 0, DEVICE, f"/{name}"):
@@ -252,12 +256,12 @@ class TrackedVolume(Stay):
         self.has_picture = False
 
     def start_anew(self):
-        """As the agent does that has to compare everything."""
+        """Tracks the volume anew, as the agent does when it has to compare everything."""
         self.destroy()
         self.set_up()
 
-    def prove(self):
-        """The next record is right, whatever has been before, while the program writes."""
+    def verify_next_record(self):
+        """Checks that the next record is right, whatever happened before, while the program writes."""
         self.start_writer()
         if self.state() == SNAPSHOT:
             self.check_snapshot()
@@ -266,7 +270,7 @@ class TrackedVolume(Stay):
         self.check_record()
 
     def check_snapshot(self):
-        """It still shows its moment."""
+        """Checks that the snapshot still shows its moment."""
         self.copy_snapshot(2)
         wrong = self.differing(self._slot, 2) - self._own - self.own_units()
         assert not wrong, f"{len(wrong)} units of the snapshot aren't those of its moment"
@@ -274,7 +278,7 @@ class TrackedVolume(Stay):
 
 @contextlib.contextmanager
 def stopped_at(volume, step, function, *arguments):
-    """A call of the driver that stands still before one of its steps."""
+    """A call of the driver that is held before one of its steps."""
     name, number = step
     process = volume.machine.begin("strace", "-f", "-o", "/dev/null", "-e", f"trace={name}",
                                    "-e", f"inject={name}:delay_enter=60000000:when={number}",

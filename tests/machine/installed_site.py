@@ -36,7 +36,7 @@ class Installed:
         return json.loads(done.stdout) if done.stdout else None
 
     def journal(self, unit):
-        """What a unit has said since the machine was started."""
+        """The text that a unit has written to the journal since the machine was started."""
         return self.machine.run("journalctl", "-qb", "-o", "cat", "-u", unit, timeout=SECONDS).stdout
 
     def change(self):
@@ -44,7 +44,8 @@ class Installed:
         self.inside("change", self._seeds)
 
     def backup(self, kind="incremental"):
-        """One that is finished, whose images are those of its snapshots: what it has become."""
+        """Runs a backup that must finish, and whose images must equal its snapshots; returns the types that
+        it became."""
         outcome = self.inside("backup", kind)
         assert outcome["state"] == "finished", outcome["log"]
         assert "Could not prevent system sleep" not in outcome["log"]
@@ -53,13 +54,13 @@ class Installed:
         return outcome["types"]
 
     def main_process(self):
-        """The number that the service manager knows bekd by."""
+        """The main PID of bekd, according to the service manager."""
         return self.machine.run("systemctl", "show", "--value", "-p", "MainPID", "bekd").stdout.strip()
 
 
 class Scenario:
-    """The tests of a machine of one kind, `MACHINE`. What is tracked goes on to be so, whatever comes between
-    two backups."""
+    """The tests of a machine of one kind, `MACHINE`. Tracked volumes must stay tracked, whatever happens
+    between two backups."""
 
     @pytest.fixture(scope="class")
     def installed(self, request, new_machine):
@@ -78,13 +79,13 @@ class Scenario:
 
     @pytest.fixture
     def tracked(self, installed):
-        """The same, while both volumes are tracked and something has been written to them."""
+        """The same, with both volumes tracked, and changed since the last backup."""
         if not installed.machine.is_on():
             installed.machine.start()
         if not installed.is_tracked:
             assert installed.backup("merge") == all_of("differential")
         installed.change()
-        installed.is_tracked = False # unless it comes to its end
+        installed.is_tracked = False # set again if the test reaches its end
         yield installed
         installed.is_tracked = True
 
@@ -110,7 +111,7 @@ class Scenario:
         assert tracked.backup() == all_of("incremental")
 
     def test_goes_on_over_an_upgrade(self, tracked):
-        """Pairing, database and tracking stay, and what runs afterwards is the new version."""
+        """Pairing, database and tracking stay, and the new version runs afterwards."""
         before = tracked.main_process()
         installation.install(tracked.machine, tracked.newer)
         assert tracked.machine.run("dpkg-query", "-W", "-f", "${Version}", "bekd").stdout == NEWER
@@ -119,14 +120,14 @@ class Scenario:
         assert tracked.backup() == all_of("incremental")
 
     def test_what_a_minimal_machine_lacks_is_said(self, installed):
-        """Without udisks2, and then without a message bus too. It comes last, as the machine stays like
-        that."""
+        """The services are removed: first udisks2, then the message bus too. This is the last test, as the
+        machine stays like that."""
         machine = installed.machine
         machine.run("dpkg --force-depends --remove udisks2 && systemctl restart bekd",
                     timeout=SECONDS)
         assert "There is no udisks2 here" in installed.journal("bekd")
-        told = installed.inside("host")
-        assert told["status"] == 500 and "udisks client" in told["text"], told
+        answer = installed.inside("host")
+        assert answer["status"] == 500 and "udisks client" in answer["text"], answer
         machine.run("systemctl mask --now dbus.socket dbus.service && "
                     "rm /run/dbus/system_bus_socket && systemctl restart bekd",
                     timeout=SECONDS)
@@ -135,8 +136,8 @@ class Scenario:
 
 
 def expect_to_go_on(installed):
-    """After a start: the journal tells of both volumes, and the next backup is incremental. One of them is
-    tracked by device-mapper, the other by its captures."""
+    """After a start, the journal mentions both volumes, and the next backup is incremental. One volume
+    is tracked by device-mapper, the other by captures."""
     installed.change()
     assert installed.backup() == all_of("incremental")
     assert installed.ways["logical"] == "device-mapper: linear table"

@@ -1,4 +1,4 @@
-"""Machines whose root file system is tracked: the initramfs gives it its layers back before it is mounted."""
+"""Machines whose root file system is tracked: the initramfs restores its layers before it is mounted."""
 import json
 import pathlib
 
@@ -12,11 +12,11 @@ SLOW = 1200
 
 
 class RootedMachine(QemuMachine):
-    """One whose root can be elsewhere than on its first disk, which is /kept then. It is started by the
-    initramfs that its root holds, as a boot loader does it."""
+    """A machine whose root can be on another disk than the first, which is then mounted at /kept. It boots
+    from the initramfs on its root, as with a boot loader."""
 
     def move_root(self, device, name):
-        """Makes a copy of the root there; the next start is from that one, by this name."""
+        """Copies the root to `device`; the next start uses that copy, under the name `name`."""
         self.run(f"mkfs.ext4 -q -b 4096 {device} && mount {device} /mnt && cp -ax /. /mnt/ && "
                  "mkdir /mnt/kept && "
                  f"echo '{name} / ext4 errors=remount-ro 0 1\n/dev/vda /kept ext4 defaults 0 0' "
@@ -25,7 +25,7 @@ class RootedMachine(QemuMachine):
         self.append = f"root={name}"
 
     def take_initramfs(self):
-        """For the next start, when all is done that changes it."""
+        """Takes the initramfs for the next start, after all changes to it."""
         self.run("systemctl", "start", "tolvubd-initramfs.service", timeout=SLOW)
         initrd = self.directory / "initrd"
         initrd.write_bytes(self.run("cat /boot/initrd.img-$(uname -r)", text=False, timeout=SLOW).stdout)
@@ -42,7 +42,7 @@ class RootedMachine(QemuMachine):
 
 
 def make(new_machine):
-    """One with the driver installed, and with a second disk."""
+    """A machine with the driver installed, and with a second disk."""
     machine = new_machine(RootedMachine, disks=(SIZE,))
     install(machine)
     make_initramfs_small(machine)
@@ -50,7 +50,8 @@ def make(new_machine):
 
 
 def make_initramfs_small(machine):
-    """What is emulated takes minutes for each that has what this machine doesn't need."""
+    """Keeps the initramfs small: an emulated machine takes minutes to build one with parts that it doesn't
+    need."""
     machine.run("cd /etc/initramfs-tools && printf 'MODULES=list\\nCOMPRESSLEVEL=1\\n' >conf.d/machine && "
                 "printf '%s\\n' virtio_pci virtio_blk ext4 >modules && "
                 "cd /usr/share/initramfs-tools/hooks && "
@@ -58,7 +59,7 @@ def make_initramfs_small(machine):
 
 
 def expect_to_go_on(machine):
-    """Over a power cut, and then over a restart in order."""
+    """Checks that tracking continues after a power cut, and then after a clean restart."""
     machine.tracked("begin")
     machine.take_initramfs()
     machine.tracked("write")

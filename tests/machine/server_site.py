@@ -1,4 +1,4 @@
-"""A server that is lost with its disk and comes back by docs/restore.md, on machines of several kinds: see
+"""A server that is lost with its disk and restored as docs/restore.md says, on machines of several kinds: see
 test_dead_server*.py."""
 import json
 import pathlib
@@ -15,12 +15,12 @@ from pages import ROOT, SH, Page, check_blocks
 INSIDE = pathlib.Path(__file__).with_name("inside") / "server.py"
 PAGE = Page(ROOT / "docs" / "restore.md")
 REPORT = ROOT / "build" / "release" / "dead-server.txt"
-DISK, KEPT = 5 << 30, 8 << 30
+DISK, PERSISTENT_DISK = 5 << 30, 8 << 30
 SECONDS = 1800
 PROMPT = "db1 login:"
 APPLIANCE = "127.0.0.1 appliance.example.org\n"
 PACKAGES = ("bek-restore", "libzephane0")
-# The timer of one comes at once.
+# One of the audits has a timer that fires at once.
 AUDITS = """set -e
 mkdir -p /etc/tolvu/bek/audit /etc/systemd/system/bek-audit@data.timer.d
 echo 'VOLUME=/
@@ -39,18 +39,18 @@ systemctl start bek-audit@data.timer
 
 
 def blocks(title, *kinds):
-    """Those below a heading of the page that are marked as one of the kinds."""
+    """The blocks of these kinds below a heading of the page."""
     found = [block for block in PAGE.blocks if block.heading == title and block.kind in kinds]
     assert found, f"nothing of {kinds} below {title!r}"
     return found
 
 
 class Server:
-    """The machine, and what is done inside of it by inside/server.py."""
+    """The machine, and the commands that inside/server.py runs in it."""
 
     def __init__(self, machine):
         self.machine = machine
-        self.disk, self.kept = machine.disks
+        self.disk, self.persistent_disk = machine.disks
         self._console = 0
         self._target = None
 
@@ -61,12 +61,13 @@ class Server:
         return json.loads(done.stdout) if done.stdout else None
 
     def make(self, source="", line=""):
-        """In a rescue system, which it is like but for its packages."""
-        self.machine.dress()
-        self.inside("make", self.disk.device, self.kept.device, source, line, *installation.packages())
+        """Makes the server from a rescue system. The server is a copy of that, except for its packages."""
+        self.machine.prepare_rescue()
+        self.inside("make", self.disk.device, self.persistent_disk.device, source, line,
+                    *installation.packages())
 
     def start(self, *, is_rescue=False):
-        """Starts it from its disk, or the rescue system."""
+        """Starts the server from its disk, or the rescue system."""
         if self.machine.is_on():
             self.machine.stop()
         self.machine.is_rescue = is_rescue
@@ -75,28 +76,28 @@ class Server:
         self.machine.start()
 
     def wait_for_prompt(self):
-        """On the console, since the last start."""
+        """Waits for a login prompt on the console, since the last start."""
         def is_there():
             text = (self.machine.directory / "console").read_bytes()[self._console:]
             return PROMPT in text.decode(errors="replace")
         wait_until(is_there, SECONDS, "a prompt to log in at")
 
     def wait_for_line(self, unit, text):
-        """In what a unit has told the journal."""
+        """Waits for a text in what a unit has written to the journal."""
         def is_there():
-            told = self.machine.run("journalctl", f"--unit={unit}", "--output=cat", check=False).stdout
-            return text in told
+            journal = self.machine.run("journalctl", f"--unit={unit}", "--output=cat", check=False).stdout
+            return text in journal
         wait_until(is_there, SECONDS, f"{text!r} from {unit}")
 
     def lose_disk(self, size):
-        """All at once, as disks do."""
+        """Cuts the power and replaces the disk by an empty one: the whole disk fails at once."""
         self.machine.cut()
         replace(self.machine, self.disk, size)
 
     def start_rescue(self):
-        """The rescue system, which the appliance can be reached from, and which has got the packages."""
+        """Starts the rescue system, from which the appliance can be reached, and which has the packages."""
         self.start(is_rescue=True)
-        self.machine.dress()
+        self.machine.prepare_rescue()
         packages = " ".join(map(str, installation.packages(PACKAGES)))
         self.machine.run(f"mkdir -p /kept /srv/packages && mount LABEL=kept /kept && "
                          f"cp {packages} /srv/packages/ && cat >>/etc/hosts", input=APPLIANCE)
@@ -109,7 +110,7 @@ class Server:
         return done.returncode, done.stdout
 
     def follow(self, *of_the_page):
-        """Runs blocks of the page; what the terminal has been told stands before them."""
+        """Runs blocks of the page, after the block that sets the address of the images in the shell."""
         return check_blocks([where_the_images_are(), *of_the_page], self.execute)[1:]
 
     def backup(self, kind, verb="backup"):
@@ -118,7 +119,7 @@ class Server:
         return outcome
 
     def page(self):
-        """What its service answers."""
+        """The answer of the server's web service."""
         return self.machine.run("curl", "--silent", "--show-error", "--retry", "60", "--retry-delay", "1",
                                 "--retry-connrefused", "http://127.0.0.1/", timeout=SECONDS).stdout
 
@@ -128,7 +129,7 @@ def where_the_images_are():
 
 
 class Scenario:
-    """The tests of a machine of one kind, in their order: each goes on where the one before has ended."""
+    """The tests of a machine of one kind, in order: each continues where the previous one ended."""
 
     NEW_DISK = DISK
     BOOT_LOADER = ()
@@ -153,7 +154,7 @@ class Scenario:
         server.machine.run("cp -a /root/layout /kept/")
         server.machine.run("systemctl start tolvubd-initramfs.service 2>/dev/null || true", timeout=SECONDS)
         server.inside("change", 2)
-        types = server.backup("incremental", "prove")["types"]
+        types = server.backup("incremental", "verify")["types"]
         assert set(types.values()) == {"incremental"}, types
 
     def test_the_server_comes_back(self, server):
@@ -186,7 +187,7 @@ class Scenario:
         server.follow(*new_disk)
 
     def interrupt(self, server):
-        """What follows goes on where this has been ended."""
+        """Kills a restore in the middle; what follows continues from there."""
         status, printed = server.execute(
             f"{where_the_images_are().text}\n"
             'timeout --signal=KILL 3 bek-restore write "$images/1" /dev/server/root')
@@ -202,7 +203,7 @@ class Scenario:
         server.inside("change", 3)
         first = blocks("The first start", f"{SH} server")
         check_blocks(first[:1], server.execute)
-        types = server.backup("incremental", "prove")["types"]
+        types = server.backup("incremental", "verify")["types"]
         assert set(types.values()) == {"differential"}, types
         [reasons] = check_blocks(first[1:], server.execute)
         assert len(re.findall("DIFFERENTIAL MERGE", reasons)) >= len(types), reasons
@@ -210,20 +211,22 @@ class Scenario:
         assert set(server.backup("incremental")["types"].values()) == {"incremental"}
 
     def test_its_images_are_audited(self, server):
-        """Those of its logical volumes, one by hand and one by its timer; and the backups go on as before."""
+        """Audits the images of the logical volumes, one by hand and one by its timer; the backups continue as
+        before."""
         installation.install(server.machine, installation.packages(PACKAGES))
         server.machine.run(AUDITS, timeout=SECONDS)
         for name in ("root", "data"):
             server.wait_for_line(f"bek-audit@{name}", "Nothing is wrong in the sample.")
-        told = server.machine.run("journalctl", "--unit=bek-audit@*", "--output=cat").stdout
-        assert len(re.findall("^unchanged +[1-9][0-9]* of .*, 0 differ;", told, re.MULTILINE)) == 2, told
+        journal = server.machine.run("journalctl", "--unit=bek-audit@*", "--output=cat").stdout
+        clean = re.findall("^unchanged +[1-9][0-9]* of .*, 0 differ;", journal, re.MULTILINE)
+        assert len(clean) == 2, journal
         assert server.machine.run("systemctl", "is-active", "bek-audit@root.timer").stdout == "active\n"
         server.inside("change", 5)
         assert set(server.backup("incremental")["types"].values()) == {"incremental"}
 
 
 def report(line):
-    """To be seen in the output of the test, and afterwards."""
+    """Prints a line, to be seen in the test's output, and stores it in a file."""
     print(line)
     with open(REPORT, "a", encoding="ascii") as file:
         file.write(f"{line}\n")

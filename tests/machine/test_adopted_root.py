@@ -1,4 +1,4 @@
-"""A root file system on a partition that was adopted is tracked over restarts."""
+"""A root file system on an adopted partition is tracked across restarts."""
 import pytest
 
 import root_site

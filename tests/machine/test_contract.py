@@ -1,5 +1,5 @@
-"""What the driver promises its callers, by the tests that hold for both ways to take snapshots: in a machine,
-where they have logical volumes too."""
+"""The driver's promises to its callers, with the tests that hold for both ways to take snapshots: in a
+machine, which also has logical volumes."""
 import pathlib
 import shlex
 
@@ -8,8 +8,10 @@ import pytest
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 DISKS = (2 << 30,) * 3
 LIMIT_SECONDS = 3000
-# The failures of single calls stay with captures: a look at LVM's metadata that fails may lead to one.
-TESTS = {"test_tolvubd.py": "", "test_tolvubd_faults.py": "logical and kill_at and not reload"}
+# Failures of single calls are tested only with captures: if LVM's metadata can't be read, a volume may be
+# captured.
+TESTS = {"test_tolvubd.py": "", "test_tolvubd_refusals.py": "", "test_tolvubd_restart.py": "",
+         "test_tolvubd_faults.py": "logical and kill_at and not reload"}
 
 
 @pytest.mark.nightly

@@ -1,6 +1,5 @@
-"""The power is cut while a function of the driver stands before one of its steps, and programs write:
-the volume is there after the start, has lost nothing that was brought to the disk, and the next record is
-right."""
+"""The power is cut while a function of the driver is held before one of its steps, and programs write: after
+the start the volume is there, no synced data is lost, and the next record is right."""
 import os
 import time
 
@@ -12,7 +11,7 @@ pytestmark = pytest.mark.nightly
 DISKS = (1 << 30, 1 << 30)
 CALLS = "ioctl,pwrite64,fsync,rename,unlink,fallocate,mknodat"
 STANDING_SECONDS = 2
-STEPS = int(os.environ.get("BEKD_CUTS", "5")) # of each function, spread over all
+STEPS = int(os.environ.get("BEKD_CUTS", "5")) # of each function, evenly spread
 BEFORE = {"setup_snapshot": None, "transition_incremental": SNAPSHOT, "transition_snapshot": TRACKING,
           "destroy": SNAPSHOT}
 
@@ -30,7 +29,7 @@ def arguments(volume, function):
 
 
 def bring_to(volume, state):
-    """Whatever state it is in now."""
+    """Brings the device into a state, whatever state it is in now."""
     now = volume.state()
     if state is None:
         volume.destroy()
@@ -58,7 +57,7 @@ def cut_at(volume, function, step):
         time.sleep(STANDING_SECONDS)
         volume.machine.cut()
     volume.come_back()
-    volume.prove()
+    volume.verify_next_record()
     volume.stop_writer()
 
 
@@ -68,7 +67,7 @@ def test_cut_at_each_step(running_machine, function, kind):
     with TrackedVolume(running_machine, kind) as volume:
         steps = steps_of(volume, function)
         chosen = steps[::max(1, len(steps) // STEPS)]
-        volume.figures.title = f"{kind}, {function}, {len(chosen)} of {len(steps)} steps"
+        volume.totals.title = f"{kind}, {function}, {len(chosen)} of {len(steps)} steps"
         for step in chosen:
             cut_at(volume, function, step)
-        assert volume.figures.missed == 0
+        assert volume.totals.missed == 0

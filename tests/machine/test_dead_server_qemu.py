@@ -1,5 +1,5 @@
-"""docs/restore.md: a server that has lost its disk comes back from a boot loader on, by a BIOS and by a UEFI,
-on Debian's own kernel and on a larger disk."""
+"""docs/restore.md: a server that has lost its disk is restored, including its boot loader, with BIOS and with
+UEFI, with Debian's own kernel and on a larger disk."""
 import re
 
 import pytest
@@ -8,7 +8,7 @@ from lab.virtual import images
 from lab.virtual.qemu import kernel_line
 from lab.virtual.server import QemuServer, UmlServer
 from pages import SH
-from server_site import DISK, KEPT, Scenario, Server, blocks
+from server_site import DISK, PERSISTENT_DISK, Scenario, Server, blocks
 
 pytestmark = pytest.mark.nightly
 
@@ -19,11 +19,12 @@ class TestDeadServerWithItsBootLoader(Scenario):
     LARGER = True
 
     def make(self, new_machine):
-        """On user-mode Linux, which takes a tenth of the time; then the disks move."""
-        made = Server(new_machine(UmlServer, disks=(DISK, KEPT), source=images.get(QemuServer.kind).root))
+        """Makes the server on user-mode Linux, which takes a tenth of the time, and moves the disks."""
+        made = Server(new_machine(UmlServer, disks=(DISK, PERSISTENT_DISK),
+                                  source=images.get(QemuServer.kind).root))
         made.make(source="/dev/ubdd", line=kernel_line())
         made.machine.stop()
-        machine = new_machine(QemuServer, disks=(DISK, KEPT), is_on=False)
+        machine = new_machine(QemuServer, disks=(DISK, PERSISTENT_DISK), is_on=False)
         for old, new in zip(made.machine.disks, machine.disks):
             old.path.rename(new.path)
         return Server(machine)
@@ -36,7 +37,7 @@ class TestDeadServerWithItsBootLoader(Scenario):
         assert server.page() == "the page of the server\n"
 
     def test_an_esp_without_an_image_is_made_anew(self, server):
-        """By the rescue system, which the UEFI has started too."""
+        """The rescue system makes the ESP; UEFI has booted that system, too."""
         server.start_rescue()
         server.machine.run("cp -a /kept/layout /root/ && vgchange --quiet --activate y server && "
                            "wipefs --quiet --all /dev/sda2")

@@ -1,7 +1,7 @@
-"""docs/first-hour.md: its commands, as they are printed, in a machine that has a Debian and the packages.
+"""docs/first-hour.md: its commands, as printed, in a machine with Debian and the packages.
 
-What the page has for an empty disk, /dev/sdb, is another name of the machine's second disk. Nothing can be
-fetched in there: what the packages depend on, and the target, are in the image.
+The page's empty disk, /dev/sdb, is a link to the machine's second disk. Nothing can be downloaded in the
+machine: the dependencies of the packages, and the target, are in the image.
 """
 import json
 
@@ -23,13 +23,13 @@ pytestmark = pytest.mark.nightly
 
 @pytest.fixture(scope="module")
 def packages():
-    """Made before the machine is, which then sees them."""
+    """The packages, which are made before the machine starts, so that it sees them."""
     return " ".join(map(str, installation.packages()))
 
 
 @pytest.fixture(scope="module")
 def server(packages, machine):
-    """With the packages, and an empty disk of that name; the target's service isn't masked."""
+    """A machine with the packages and an empty disk of that name; the target's service isn't masked."""
     machine.run("mkdir /srv/packages && "
                 f"cp {packages} /srv/packages/ && "
                 "systemctl unmask tgt && systemctl enable tgt && "
@@ -49,7 +49,7 @@ def execute(server):
 
 @pytest.fixture
 def backups(server):
-    """The type of the last backup of each mount point."""
+    """The type of the last backup, by mount point."""
     def types():
         shown = json.loads(server.run("bekctl", "backups", "--json").stdout)
         return {one["mountPoint"]: one["type"] for one in shown["backups"]}
@@ -61,14 +61,14 @@ def check_page(title, execute):
 
 
 def test_install(execute, server):
-    """A service that has no certificate isn't started, and nothing is left that has failed."""
+    """Services without a certificate aren't started, and no unit has failed."""
     check_page("Packages", execute)
     assert server.run("systemctl", "is-active", "bekd", check=False).stdout == "inactive\n"
     assert server.run("systemctl", "list-units", "--failed", "--no-legend", "--plain").stdout == ""
 
 
 def wait_until_answering(server):
-    """What a reader does by reading on. Fails with what the tool says."""
+    """Waits until the agent answers; a reader spends that time reading. Fails with the tool's output."""
     server.run("for _ in $(seq 60); do ! bekctl status >/dev/null || break; sleep 0.5; done; bekctl status")
 
 
@@ -124,7 +124,7 @@ def test_upgrade_and_removal(execute, server):
 
 
 def test_all_of_the_page_was_run():
-    """Each heading with commands has its test above."""
+    """Each heading with commands has a test above."""
     assert PAGE.headings == ["Packages", "Certificates", "Pairing", "Volumes, and a place for their images",
                              "The first backup", "Looking at an image", "The next backup", "A restart",
                              "Upgrading, and getting rid of it"]

@@ -1,4 +1,4 @@
-"""The suites of guest/, each in a machine of its own. Their reports count beside the host's."""
+"""The suites of guest/, each in a machine of its own. Their reports are counted with the host's."""
 import os
 import pathlib
 import shlex
@@ -7,13 +7,13 @@ import pytest
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 GUEST = pathlib.Path(__file__).with_name("guest")
-LIMIT_SECONDS = 3600 # who runs the file may have less patience
+LIMIT_SECONDS = 3600 # the caller may set a shorter one
 DISKS = (8 << 30,) * 4
 REPORT = "/root/report.xml"
 
 
 def pytest_generate_tests(metafunc):
-    """A test for each suite, or for the one that --guest names."""
+    """One test for each suite, or only for the one that --guest names."""
     chosen = metafunc.config.getoption("guest")
     paths = [pathlib.Path(chosen).resolve()] if chosen else sorted(GUEST.rglob("test_*.py"))
     metafunc.parametrize("path", [
@@ -22,7 +22,7 @@ def pytest_generate_tests(metafunc):
 
 
 def keep_report(machine, path):
-    """Where those of the host's tests are, if somebody wants that."""
+    """Copies the report beside those of the host's tests, if reports are wanted."""
     if "BEKD_REPORTS" in os.environ:
         pathlib.Path(os.environ["BEKD_REPORTS"], f"guest-{path.stem}.xml").write_bytes(machine.get(REPORT))
 
@@ -33,7 +33,7 @@ def test_guest(path, new_machine):
                    "BEKD_BUILD": ROOT / "build" / "release", "PYTHONDONTWRITEBYTECODE": 1, "LANG": "C.UTF-8"}
     words = ["env", f"--chdir={ROOT}", *(f"{name}={value}" for name, value in environment.items()),
              "/usr/bin/python3", "-m", "pytest", "-q", "-p", "no:cacheprovider", f"--confcutdir={GUEST}",
-             f"--junitxml={REPORT}", "--override-ini=junit_family=xunit1", path] # which holds what tests note
+             f"--junitxml={REPORT}", "--override-ini=junit_family=xunit1", path] # has tests' properties
     done = machine.run(shlex.join(map(str, words)), check=False, timeout=LIMIT_SECONDS)
     keep_report(machine, path)
     assert done.returncode == 0, done.stdout + done.stderr

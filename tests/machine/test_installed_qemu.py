@@ -1,4 +1,4 @@
-"""An installed bekd on a machine with Debian's own kernel, which has AppArmor on as Debian sets it."""
+"""An installed bekd on a machine with Debian's own kernel, where AppArmor is enabled as in Debian."""
 import pytest
 
 from installed_site import Scenario

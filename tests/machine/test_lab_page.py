@@ -1,4 +1,4 @@
-"""The blocks of lab/README.md that take a machine, as printed."""
+"""The blocks of lab/README.md that need a machine, as printed."""
 import subprocess
 
 from lab.virtual import images

@@ -1,4 +1,4 @@
-"""What tests on machines of user-mode Linux rely on."""
+"""The properties that tests on machines of user-mode Linux rely on."""
 import pathlib
 
 import pytest

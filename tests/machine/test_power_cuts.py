@@ -1,5 +1,5 @@
-"""A tracked volume whose machine loses its power at random moments while programs write: the next backup gets
-all that has changed."""
+"""A tracked volume whose machine loses power at random moments while programs write: the next backup gets all
+changes."""
 import os
 import random
 import time
@@ -21,14 +21,15 @@ def machine(new_machine):
 
 
 def cut_at_random(volume, number, chosen):
-    """Every second time while there is a snapshot; else while it is only tracked."""
+    """Cuts the power: every second time while there is a snapshot, otherwise while the volume is only
+    tracked."""
     volume.start_writer()
     if number % 2:
         volume.must("transition_incremental", 0)
     time.sleep(chosen.random() * LONGEST_SECONDS)
     volume.machine.cut()
     volume.come_back()
-    volume.prove()
+    volume.verify_next_record()
     volume.stop_writer()
 
 
@@ -39,17 +40,17 @@ def cut_many_times(machine, kind, count):
     with TrackedVolume(machine, kind) as volume:
         for number in range(count):
             cut_at_random(volume, number, chosen)
-        return volume.figures
+        return volume.totals
 
 
 def test_a_cut_while_there_is_a_snapshot(running_machine):
-    figures = cut_many_times(running_machine, "ext4", 1)
-    assert (figures.kept, figures.missed) == (1, 0)
+    totals = cut_many_times(running_machine, "ext4", 1)
+    assert (totals.kept, totals.missed) == (1, 0)
 
 
 @pytest.mark.nightly
 @pytest.mark.parametrize("kind", ("ext4", "xfs"))
 def test_many_cuts_at_random_moments(running_machine, kind):
-    """Every one of them was the machine's first start since the last one, so the tracking has lasted."""
-    figures = cut_many_times(running_machine, kind, MANY_CUTS)
-    assert (figures.kept, figures.missed) == (MANY_CUTS, 0)
+    """Tracking survives every cut, each of which is followed by one start of the machine."""
+    totals = cut_many_times(running_machine, kind, MANY_CUTS)
+    assert (totals.kept, totals.missed) == (MANY_CUTS, 0)

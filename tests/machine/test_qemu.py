@@ -1,4 +1,4 @@
-"""What tests on machines of QEMU rely on: Debian's own kernel, started by an initramfs."""
+"""The properties that tests on machines of QEMU rely on: Debian's own kernel, booted with an initramfs."""
 import pathlib
 
 import pytest

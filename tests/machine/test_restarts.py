@@ -1,5 +1,5 @@
-"""What becomes of tracking when the machine is restarted, in order and not, with and without somebody who
-writes to the volumes meanwhile."""
+"""Tracking across restarts of the machine: clean ones and power cuts, with and without writes to the volumes
+meanwhile."""
 import json
 import pathlib
 
@@ -27,7 +27,7 @@ def prepared(machine):
 
 @pytest.fixture
 def tracking(prepared):
-    """The same, while both volumes are tracked and something has been written to them."""
+    """The same machine, with both volumes tracked, and written to since."""
     if not prepared.is_on():
         prepared.start()
     forget_all(prepared)
@@ -43,7 +43,7 @@ def forget_all(machine):
 
 
 def stop_and_start(machine, stop):
-    """Returns when what belongs to its start is done."""
+    """Stops and starts the machine; returns when its boot is complete."""
     stop()
     if not machine.is_on():
         machine.start()
@@ -51,7 +51,7 @@ def stop_and_start(machine, stop):
 
 
 def start_elsewhere(machine, stop):
-    """Starts it as a rescue system does that knows nothing of tracking: volumes appear and are mounted."""
+    """Boots the machine like a rescue system without the driver: volumes appear and are mounted."""
     machine.run("mv /etc/tolvubd/boot.json /etc/tolvubd/aside; sync")
     stop_and_start(machine, stop)
     assert "era" not in machine.run("dmsetup", "table").stdout
@@ -95,7 +95,7 @@ def test_ends_when_somebody_else_had_the_volumes_mounted(tracking, stop):
 
 @pytest.mark.nightly
 def test_a_lost_tracking_leaves_nothing_in_the_way_of_later_ones(tracking):
-    """Its CoW file is the second of the two names, and locked."""
+    """The CoW file of the lost tracking has the second of the two names, and is immutable."""
     tracked(tracking, "snapshot")
     start_elsewhere(tracking, tracking.cut)
     tracked(tracking, "write")
@@ -117,7 +117,7 @@ def test_ends_when_a_volume_had_its_own_table_while_it_was_mounted(tracking, sto
 
 @pytest.mark.nightly
 def test_ends_when_the_power_failed_before_anybody_saw_that(tracking):
-    """As if it failed within the milliseconds in which the driver hears of the other table."""
+    """Simulates a power failure in the milliseconds before the driver notices the other table."""
     tracking.run("udevadm control --stop-exec-queue && "
                  "lvchange --noudevsync --refresh vg/ext4 && lvchange --noudevsync --refresh vg/xfs")
     tracked(tracking, "write")

@@ -1,4 +1,4 @@
-"""A root file system on a logical volume is tracked over restarts."""
+"""A root file system on a logical volume is tracked across restarts."""
 import pytest
 
 import root_site

@@ -1,7 +1,7 @@
-"""A tracked volume on a disk with a volatile cache: whatever a power cut leaves of that, the volume is there,
-has lost nothing that was brought to the disk, and the next record names all that has changed.
+"""A tracked volume on a disk with a volatile cache: whatever part of the cache a power cut leaves on the
+disk, the volume is there, no synced data is lost, and the next record has all changes.
 
-What the driver itself keeps is on the same disk, so that a cut leaves both as they were at one moment.
+The driver's own files are on the same disk, so that a cut leaves both in the state of the same moment.
 """
 import itertools
 import os
@@ -16,18 +16,18 @@ from lab.virtual.write_log import Replay, WriteLog, end_record, mark, record
 
 pytestmark = pytest.mark.nightly
 DISKS = (512 << 20, 2 << 30, 4 << 30) # for the volume, for pictures, for the record
-CUTS = 2 # between each of the steps and the next
+CUTS = 2 # between each step and the next
 LVM_SETTINGS = "/etc/lvm/lvmlocal.conf"
-KEPT = "/dev/lab/kept"
+PERSISTENT_DEVICE = "/dev/lab/kept"
 OF_THE_DRIVER = {"state": "/var/lib/tolvubd", "boot": "/etc/tolvubd"}
 WRITING_SECONDS = 1
 STEPS = ("mounted", "set-up", "to-track", "tracked", "to-change", "changed", "ended")
 MOUNTED, SET_UP, TO_TRACK, TRACKED, TO_CHANGE, CHANGED, ENDED = STEPS
-CALLING = (MOUNTED, TO_TRACK, TO_CHANGE) # a function of the driver is what follows
+CALLING = (MOUNTED, TO_TRACK, TO_CHANGE) # a function of the driver follows
 
 
 class RecordedVolume(TrackedVolume):
-    """Its disk records what is written to it, so that it can be brought back to any moment of that."""
+    """A volume whose disk records all writes, so that it can be returned to any earlier moment."""
 
     def __init__(self, machine, kind):
         super().__init__(machine, kind)
@@ -35,10 +35,10 @@ class RecordedVolume(TrackedVolume):
         self._remembered = None
         self._done = []
 
-    def open(self, lasting):
+    def open(self, stack):
         self._empty_disks()
-        lasting.callback(self._end)
-        # The disk is the same physical volume as what records.
+        stack.callback(self._end)
+        # LVM must see the physical volume only once: on the recording device, not on the disk below it.
         self.machine.run(f"echo 'devices {{ global_filter = [ \"r|^{self.disk.device}$|\" ] }}' "
                          f"> {LVM_SETTINGS}")
         device = record(self.machine, self.disk, self.log)
@@ -46,7 +46,7 @@ class RecordedVolume(TrackedVolume):
         self.machine.run(f"vgcreate -qy --setautoactivation n lab {device} && "
                          "lvcreate -qy -n kept -L 32m lab && "
                          f"lvcreate -qy -n data -L {self.mebibytes}m lab && "
-                         f"mkfs.ext4 -q {KEPT} && mkfs.{self.kind} -q {options} {DEVICE}")
+                         f"mkfs.ext4 -q {PERSISTENT_DEVICE} && mkfs.{self.kind} -q {options} {DEVICE}")
         self.mount()
 
     def _empty_disks(self):
@@ -58,7 +58,7 @@ class RecordedVolume(TrackedVolume):
         self.machine.start()
 
     def _end(self):
-        """What was recorded is on its disk when this returns."""
+        """Ends the recording; the record is on its disk when this returns."""
         self.stop_writer()
         self.machine.run(f"tolvuctl destroy 0; umount {MOUNT} {' '.join(OF_THE_DRIVER.values())} /kept; "
                          f"vgchange -qan lab; rm -f {LVM_SETTINGS}; sync")
@@ -66,16 +66,16 @@ class RecordedVolume(TrackedVolume):
         self.machine.cut()
 
     def mount(self):
-        """First what the driver keeps, as it is on a root file system."""
+        """Mounts the driver's store first, as if both were on a root file system."""
         binds = (f"mkdir -p /kept/{name} {place} && mount --bind /kept/{name} {place}"
                  for name, place in OF_THE_DRIVER.items())
-        self.machine.run(f"lvchange -qay lab/kept && mkdir -p /kept && mount {KEPT} /kept && "
+        self.machine.run(f"lvchange -qay lab/kept && mkdir -p /kept && mount {PERSISTENT_DEVICE} /kept && "
                          f"{' && '.join(binds)} && lvchange -qay lab/data")
         super().mount()
         self.machine.run("tolvuctl", "started")
 
     def play(self):
-        """A first snapshot and the next one, while a program writes."""
+        """Takes the first snapshot and the next one, while a program writes."""
         self._note(MOUNTED)
         self.start_writer()
         self.must("setup_snapshot", 0, DEVICE, f"{MOUNT}/{NAMES[0]}", COW_MEBIBYTES)
@@ -93,7 +93,7 @@ class RecordedVolume(TrackedVolume):
         self._note(ENDED)
 
     def _note(self, step):
-        """Marks that all is done up to here, and brings a file to the disk that tells so."""
+        """Marks the end of a step in the record, and writes a synced file that says the same."""
         self.machine.run(f"echo {step} > {MOUNT}/{step} && sync {MOUNT}/{step}")
         mark(self.machine, step)
 
@@ -103,8 +103,8 @@ class RecordedVolume(TrackedVolume):
         self._remembered = copy, self._slot, self._own
 
     def leave(self, replay, chance, done):
-        """Has the disk hold what a cut may leave of a moment up to which these steps are done."""
-        replay.copy_with_some(self.disk.path, chance)
+        """Makes the disk hold what a cut may leave at a moment when the steps in `done` were complete."""
+        replay.copy_with_some_writes(self.disk.path, chance)
         copy, self._slot, self._own = self._remembered
         run("cp", "--sparse=always", copy, self.pictures.path)
         self.files = list(NAMES)
@@ -112,11 +112,12 @@ class RecordedVolume(TrackedVolume):
         self._done = done
 
     def start(self):
-        """The volume is there, with all that had been brought to the disk, and its device if there is one."""
+        """Starts the machine; checks that the volume is there with all synced data, and its device if there
+        was one."""
         self.machine.start()
         self.mount()
         self.check_files()
-        self.figures.rounds += 1
+        self.totals.rounds += 1
         self.go_on()
 
     def check_files(self):
@@ -132,7 +133,7 @@ def machine(new_machine):
 
 
 def moments(log, chance):
-    """[steps that are done, position] of the moments to be cut at."""
+    """Yields (completed steps, position) for each moment of a cut."""
     for number, (step, following) in enumerate(itertools.pairwise(STEPS), 1):
         begin, end = log.position_of(step), log.position_of(following)
         positions = [position for position in log.durable_positions() if begin < position <= end]
@@ -142,6 +143,7 @@ def moments(log, chance):
 
 @pytest.mark.parametrize("kind", ("ext4", "xfs"))
 def test_what_a_cut_leaves_of_a_cache(machine, kind, tmp_path):
+    """One recorded run gives many cuts. Only a cut during a call of the driver may cost the tracking."""
     seed = time.time_ns()
     print(f"seed {seed}")
     chance = random.Random(seed)
@@ -156,12 +158,12 @@ def test_what_a_cut_leaves_of_a_cache(machine, kind, tmp_path):
         for done, position in moments(log, chance):
             replay.advance(position)
             volume.leave(replay, chance, done)
-            given_up = volume.figures.given_up
+            given_up = volume.totals.given_up
             volume.start()
-            assert done[-1] in CALLING or volume.figures.given_up == given_up, f"not kept after {done[-1]}"
-            volume.prove()
+            assert done[-1] in CALLING or volume.totals.given_up == given_up, f"not kept after {done[-1]}"
+            volume.verify_next_record()
             volume.stop_writer()
             machine.cut()
-    volume.figures.title = f"{kind}, volatile cache"
-    volume.figures.keep()
-    assert volume.figures.missed == 0
+    volume.totals.title = f"{kind}, volatile cache"
+    volume.totals.save()
+    assert volume.totals.missed == 0

@@ -1,4 +1,4 @@
-"""A disk with a volatile cache: what was flushed is there after a cut, of the rest any part."""
+"""A disk with a volatile cache: after a cut it has all flushed data, and any part of the rest."""
 import random
 import re
 import struct
@@ -16,7 +16,7 @@ pytestmark = pytest.mark.nightly
 
 @pytest.fixture(scope="module")
 def log(machine):
-    """Of an ext4 on which "first" was synced, then "second", while much more was written."""
+    """The log of an ext4 on which "first" was synced, then "second", while much more was written."""
     device = record(machine, *machine.disks)
     machine.run(f"mkfs.ext4 -q {device} && mount {device} /mnt")
     for name in ("first", "second"):
@@ -31,7 +31,7 @@ def log(machine):
 
 @pytest.fixture
 def replay(log, tmp_path):
-    """Of a disk that is empty at first."""
+    """The replay for a disk that is empty at first."""
     path = tmp_path / "disk.img"
     with open(path, "wb") as disk:
         disk.truncate(DISKS[0])
@@ -39,7 +39,7 @@ def replay(log, tmp_path):
 
 
 def files_of(image):
-    """What is in the root after the recovery of the journal, by name."""
+    """The files in the root directory after journal recovery, by name."""
     assert subprocess.run(["e2fsck", "-p", image], capture_output=True, check=False).returncode in (0, 1)
     listed = run("debugfs", "-R", "ls -p /", image)
     names = set(re.findall(r"^/\d+/\d+/\d+/\d+/([^/]+)/", listed, re.MULTILINE))
@@ -58,7 +58,7 @@ def test_what_was_synced_is_in_each_state_that_a_cut_can_leave(log, replay, tmp_
     later = [position for position in log.durable_positions() if position >= synced["first"]]
     for position in sorted(chance.sample(later, STATES)):
         replay.advance(position)
-        replay.copy_with_some(state, chance)
+        replay.copy_with_some_writes(state, chance)
         files = files_of(state)
         assert files["first"] == "first"
         assert position < synced["second"] or files["second"] == "second"
@@ -75,13 +75,13 @@ def test_states_of_one_moment_differ(log, replay, tmp_path):
     replay.advance(max(gaps, key=lambda gap: gap[1] - gap[0])[0])
     states = []
     for seed in (1, 2):
-        replay.copy_with_some(tmp_path / "state.img", random.Random(seed))
+        replay.copy_with_some_writes(tmp_path / "state.img", random.Random(seed))
         states.append((tmp_path / "state.img").read_bytes())
     assert states[0] != states[1]
 
 
 def damaged(version=1, count=1, entry=(0, 0, 0, 0)):
-    """A log of one entry."""
+    """A log with one entry, which may be damaged."""
     blocks = struct.pack("<QQQI", MAGIC, version, count, 512), struct.pack("<QQQQ", *entry)
     return b"".join(block.ljust(512, b"\0") for block in blocks)
 

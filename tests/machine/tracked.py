@@ -1,10 +1,10 @@
-"""Volumes that are tracked over restarts of a machine: run inside, by test_restarts.py.
+"""Volumes that are tracked across restarts of a machine: run inside, by test_restarts.py.
 
-    tracked.py make DISK...        two logical volumes and a file system that is kept, all in /etc/fstab
-    tracked.py begin NAME...       a snapshot of each, then tracking; remembers what it showed
-    tracked.py write NAME...       writes to each
-    tracked.py snapshot NAME...    takes the next snapshot, and remembers what that shows
-    tracked.py compare NAME...     gives each back as a snapshot, and compares what it shows
+    tracked.py make DISK...        makes two logical volumes and a file system for copies, all in /etc/fstab
+    tracked.py begin NAME...       takes a snapshot of each volume, copies it, and continues with tracking
+    tracked.py write NAME...       writes to each volume
+    tracked.py snapshot NAME...    takes the next snapshot of each, and copies it
+    tracked.py compare NAME...     gives each back as a snapshot, and compares it with the copy
     tracked.py finish NAME...      gives each back as tracked, writes, takes the next snapshot, and compares
 
 Prints {NAME: outcome}.
@@ -22,15 +22,16 @@ from lab.commands import run  # noqa: E402
 from lab.images import extents_on  # noqa: E402
 from tolvubd_site import UNIT, Cow, call, must  # noqa: E402
 
-KEPT = pathlib.Path("/kept")
-# An initramfs is made on the root as soon as it is tracked.
+PERSISTENT = pathlib.Path("/kept")
+# The CoW file of the root is large, because an initramfs is built on the root as soon as it is tracked.
 COW_MEBIBYTES = {"ext4": 48, "xfs": 48, "root": 512}
 PIECE = 1 << 20
 ROOT_VOLUME = "root"
 
 
 class Tracked:
-    """A volume by its name: "ext4" and "xfs" are logical volumes, "root" is what the machine starts from."""
+    """A volume by its name: "ext4" and "xfs" are logical volumes, "root" is the machine's root file
+    system."""
 
     def __init__(self, name):
         self.name = name
@@ -39,8 +40,8 @@ class Tracked:
         self.minor = ("ext4", "xfs", ROOT_VOLUME).index(name)
         self.device = pathlib.Path(run("findmnt", "--noheadings", "--output", "SOURCE", self.mount_point)
                                    if name == ROOT_VOLUME else f"/dev/vg/{name}")
-        self.picture = KEPT / f"{name}.picture"
-        self.note = KEPT / f"{name}.json"
+        self.picture = PERSISTENT / f"{name}.picture"
+        self.note = PERSISTENT / f"{name}.json"
 
     @property
     def size(self):
@@ -58,7 +59,7 @@ class Tracked:
         must("transition_incremental", self.minor)
 
     def write(self):
-        """Files that come, change and go, and one that is changed in its place."""
+        """Creates, changes and deletes files, and changes one in place."""
         directory = self.mount_point / "written"
         directory.mkdir(exist_ok=True)
         for number in range(20):
@@ -86,15 +87,16 @@ class Tracked:
             return f"full comparison ({os.strerror(given.error)})"
         self.write()
         must("transition_snapshot", self.minor, self.mount_point / ".tolvu1", COW_MEBIBYTES[self.name])
-        told = set(Cow(self.mount_point / ".tolvu", self).changed_units)
+        recorded = set(Cow(self.mount_point / ".tolvu", self).changed_units)
         own = set(json.loads(self.note.read_text(encoding="ascii"))) | self.own_units()
         differ = self.differing() - own
-        if differ - told:
-            return f"{len(differ - told)} of {len(differ)} changed units are missing"
-        return "tracked" if differ and len(told) < self.size // UNIT else "nothing can be seen of tracking"
+        if differ - recorded:
+            return f"{len(differ - recorded)} of {len(differ)} changed units are missing"
+        is_tracked = differ and len(recorded) < self.size // UNIT
+        return "tracked" if is_tracked else "nothing can be seen of tracking"
 
     def differing(self):
-        """The units in which the new snapshot isn't what the first one showed."""
+        """The units in which the new snapshot differs from the first one."""
         found = set()
         with open(self.picture, "rb") as before, open(f"/dev/tolvu{self.minor}", "rb") as after:
             for first in range(0, self.size // UNIT, PIECE // UNIT):
@@ -105,19 +107,20 @@ class Tracked:
         return found
 
 
-def make(disk, kept):
-    """The file systems of `disk` are tracked; what they showed is kept on the other."""
+def make(disk, persistent_disk):
+    """Makes the file systems on `disk` to be tracked; the copies of their snapshots are kept on the other
+    disk."""
     run("vgcreate", "-q", "vg", disk)
     lines = []
     for name, options in (("ext4", "-b 4096"), ("xfs", "")):
         run("lvcreate", "-q", "-y", "-n", name, "-L", "400M", "vg")
         run(f"mkfs.{name}", "-q", *options.split(), f"/dev/vg/{name}")
         lines.append(f"/dev/vg/{name} /volumes/{name} {name} defaults 0 2\n")
-    run("mkfs.ext4", "-q", kept)
-    lines.append(f"{kept} {KEPT} ext4 defaults 0 2\n")
+    run("mkfs.ext4", "-q", persistent_disk)
+    lines.append(f"{persistent_disk} {PERSISTENT} ext4 defaults 0 2\n")
     with open("/etc/fstab", "a", encoding="ascii") as table:
         table.writelines(lines)
-    for directory in ("/volumes/ext4", "/volumes/xfs", KEPT):
+    for directory in ("/volumes/ext4", "/volumes/xfs", PERSISTENT):
         pathlib.Path(directory).mkdir(parents=True, exist_ok=True)
     run("systemctl", "daemon-reload")
     subprocess.run(["mount", "--all"], check=True)

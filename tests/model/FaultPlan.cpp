@@ -12,7 +12,7 @@ namespace agent::model {
 
 namespace {
 
-// The system calls below have no object that they could ask.
+// Global, since the replaced system calls below have no object to refer to.
 Fault plan;                  // NOLINT(cppcoreguidelines-avoid-non-const-global-variables)
 bool isArmed = false;        // NOLINT(cppcoreguidelines-avoid-non-const-global-variables)
 std::uint32_t stepsDone = 0; // NOLINT(cppcoreguidelines-avoid-non-const-global-variables)
@@ -35,11 +35,11 @@ std::uint32_t disarm() {
     return stepsDone;
 }
 
-Undisturbed::Undisturbed() : wasArmed(isArmed) {
+FaultsSuspended::FaultsSuspended() : wasArmed(isArmed) {
     isArmed = false;
 }
 
-Undisturbed::~Undisturbed() {
+FaultsSuspended::~FaultsSuspended() {
     isArmed = wasArmed;
 }
 
@@ -66,7 +66,7 @@ bool fails(Step step) {
 
 } // namespace agent::model
 
-// These stand in for the C library's in the whole program, so that files fail where the plan says.
+// These functions replace the C library's in the whole program, so that file operations fail as planned.
 // NOLINTBEGIN(readability-identifier-naming,cert-dcl50-cpp,cppcoreguidelines-pro-type-vararg)
 extern "C" {
 
@@ -110,13 +110,13 @@ int unlink(const char* path) noexcept {
     return static_cast<int>(::syscall(SYS_unlink, path));
 }
 
-/// There is no snapshot that could be mounted, and the session goes on without.
+/// No snapshot can be mounted here; the session continues without.
 int mount(const char* /*source*/, const char* /*target*/, const char* /*type*/, unsigned long /*flags*/,
           const void* /*data*/) noexcept {
     return agent::model::refuse(ENOENT);
 }
 
-/// Nothing here is on a disk, and the whole machine's disks are none of the test's business.
+/// Nothing here is on a disk, and the test must not sync all disks of the machine.
 void sync() noexcept {}
 }
 // NOLINTEND(readability-identifier-naming,cert-dcl50-cpp,cppcoreguidelines-pro-type-vararg)

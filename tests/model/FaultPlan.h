@@ -4,33 +4,33 @@
 
 namespace agent::model {
 
-/// What goes wrong in a backup, and at which of its steps. Steps are the calls of the driver, before and
-/// after their effect, the system calls on files, and the points at which a backup can be called off.
+/// A fault in a backup, and the step at which it happens. A step is: a call of the driver (once before and
+/// once after its effect), a system call on a file, or a point at which the backup can be cancelled.
 struct Fault {
     enum class Kind { none, kill, fail, diskFull };
     Kind kind = Kind::none;
-    std::uint32_t at = 0; ///< the number of the step, from 1
+    std::uint32_t at = 0; ///< number of the step, counted from 1
 };
 
 enum class Step { call, readFile, writeFile };
 
-/// How a process ends that a fault has killed.
+/// The exit status of a process that a fault has killed.
 constexpr int killedStatus = 77;
 
-/// From here on steps are counted, from 1, and the fault hits.
+/// Starts counting steps, from 1, and plans the fault.
 void arm(const Fault& fault);
-/// Nothing goes wrong any more. Returns how many steps there were.
+/// Cancels the planned fault. Returns how many steps there were.
 std::uint32_t disarm();
-/// True if the step has to fail. Doesn't return if the process is killed here.
+/// Counts a step. Returns true if the step must fail; doesn't return if the process is killed here.
 bool fails(Step step);
 
-/// While it lives, nothing fails and no step is counted: for what isn't the agent's doing.
-class Undisturbed {
+/// While an object exists, nothing fails and no steps are counted: for what the agent doesn't do itself.
+class FaultsSuspended {
 public:
-    Undisturbed();
-    Undisturbed(const Undisturbed&) = delete;
-    Undisturbed& operator=(const Undisturbed&) = delete;
-    ~Undisturbed();
+    FaultsSuspended();
+    FaultsSuspended(const FaultsSuspended&) = delete;
+    FaultsSuspended& operator=(const FaultsSuspended&) = delete;
+    ~FaultsSuspended();
 
 private:
     bool wasArmed;

@@ -35,7 +35,7 @@ using core::backup::INCREMENTAL;
 constexpr std::uint64_t bytesPerMiB = 1048576;
 constexpr int failedStatus = 1;
 
-/// Room for everything.
+/// A volume with plenty of free space.
 class RoomyVolume : public info::BackupableVolume {
 public:
     using BackupableVolume::BackupableVolume;
@@ -50,7 +50,7 @@ public:
     }
 };
 
-/// Tells of a snapshot what the driver knows of its device.
+/// Reports for a snapshot the state that the model's driver has for its device.
 class ModelExtension : public test::FakeDriverExtension {
 public:
     explicit ModelExtension(const World& world) : world(world) {}
@@ -82,7 +82,7 @@ std::uint32_t checksumOf(const Units& image) {
     return sum | 1U;
 }
 
-/// One run, in the process that may be killed in it.
+/// One run of a backup, in the process that a fault may kill.
 class Run {
 public:
     Run(World& world, const BackupOrder& order, HeldMounts& mounts)
@@ -151,7 +151,7 @@ private:
         }
     }
 
-    /// As the phases that validate local and remote targets decide.
+    /// Validates like the phases that validate local and remote targets.
     void validate() {
         for (std::size_t index = 0; index < order.volumes; ++index) {
             const VolumeState& volume = world.volume(index);
@@ -175,14 +175,14 @@ private:
             if (types[index] == INCREMENTAL && !infos.at(World::uuidOf(index)).incrementalPreserved) {
                 types[index] = DIFFERENTIAL_MERGE;
             }
-            const Undisturbed others;
+            const FaultsSuspended others;
             if (order.isHeldOpen) {
                 mounts.hold(index);
             }
             if (order.isSnapshotLost) {
                 world.volume(index).device.error = ESTALE;
             }
-            // The volume goes on being used.
+            // Programs go on writing to the volume.
             world.volume(index).content.at(world.newStamp() % unitCount) = world.newStamp();
         }
         return infos;
@@ -209,7 +209,7 @@ private:
     }
 
     static std::vector<std::uint64_t> changesIn(const core::backup::VolumeSnapshotInfo& info) {
-        const Undisturbed copy;
+        const FaultsSuspended copy;
         const std::string bytes = test::readFile(info.incrementalBitmap.fileName);
         std::vector<std::uint64_t> words(unitCount, 1);
         const std::uint64_t offset = info.incrementalBitmap.bitmapOffset;
@@ -237,7 +237,7 @@ private:
     std::vector<std::uint32_t> types;
 };
 
-/// Snapshots are the baselines of what was copied.
+/// Compares each image with the baseline, which is what the snapshot showed during the copy.
 std::string differences(World& world, std::size_t volumes) {
     std::string found;
     for (std::size_t index = 0; index < volumes; ++index) {
@@ -263,7 +263,7 @@ BackupResult runHere(World& world, const BackupOrder& order, HeldMounts& mounts)
     return result;
 }
 
-/// The fault comes before the end, or there is none.
+/// Runs the backup in a child process, which the fault kills unless the backup ends first.
 BackupResult runToBeKilled(World& world, const BackupOrder& order, HeldMounts& mounts) {
     const pid_t child = ::fork();
     if (child == 0) {

@@ -13,22 +13,22 @@ namespace agent::model {
 
 enum class Outcome { finished, failed, killed };
 
-/// A backup of all volumes that are wanted: the agent's own session over the driver of the model, with the
-/// rules of a backup's other phases around it.
+/// A backup of the first `volumes` volumes. It uses the agent's own session with the model's driver; the
+/// rules of the other phases are reimplemented.
 struct BackupOrder {
     std::uint32_t type = core::backup::INCREMENTAL;
     std::size_t volumes = 1;
     Fault fault;
-    bool isHeldOpen = false;  ///< somebody opens a file in the mounted snapshot, and keeps it
+    bool isHeldOpen = false;  ///< a process opens a file in the mounted snapshot, and keeps it open
     bool isMountLeft = false; ///< if the backup is killed, its snapshot stays mounted
-    /// The snapshots fail before the copy, and show from then on what programs write.
+    /// The snapshots fail before the copy, and from then on show current data.
     bool isSnapshotLost = false;
 };
 
 struct BackupResult {
     Outcome outcome = Outcome::failed;
     std::uint32_t steps = 0;
-    std::string wrong; ///< empty, or what a backup that has finished didn't bring
+    std::string wrong; ///< empty, or what is wrong in the images of a finished backup
     std::vector<std::string> log;
 };
 
@@ -36,7 +36,10 @@ class HeldMounts;
 
 BackupResult runBackup(World& world, const BackupOrder& order, HeldMounts& mounts);
 
-/// Mounts something where the snapshots of a volume belong, and keeps it busy until it is released.
+/// Mounts something where a volume's snapshot is mounted, and keeps it busy until it is released.
+/// Owns:    the mounts and the open files in them; the destructor removes both.
+/// Threads: one.
+/// Fails:   `mount` and `hold` throw std::runtime_error if the kernel refuses the mount.
 class HeldMounts {
 public:
     HeldMounts() = default;
@@ -47,7 +50,7 @@ public:
     void mount(std::size_t index);
     void hold(std::size_t index);
     void release();
-    /// Releases, and takes away all that is mounted.
+    /// Releases and unmounts everything.
     void clear();
 
 private:

@@ -63,14 +63,14 @@ bool isSnapshotMounted(std::size_t index) {
            inner.st_dev != outer.st_dev;
 }
 
-/// `work` returns 0 or an error.
+/// Runs `work`, which returns 0 or an error, with a fault step before and after it.
 std::int32_t ModelDriver::call(const std::function<int()>& work) {
     if (fails(Step::call)) {
         errno = EIO;
         return -1;
     }
     const int error = [&] {
-        const Undisturbed driver;
+        const FaultsSuspended driver;
         const int result = work();
         publish();
         return result;
@@ -85,7 +85,7 @@ std::int32_t ModelDriver::call(const std::function<int()>& work) {
 std::optional<std::size_t> ModelDriver::find(std::uint32_t minor) const {
     for (std::size_t index = 0; index < volumeCount; ++index) {
         const Device& device = world.volume(index).device;
-        if (device.state != noDevice && !device.isAsleep &&
+        if (device.state != noDevice && !device.isDormant &&
             device.minor == static_cast<std::int32_t>(minor)) {
             return index;
         }
@@ -105,7 +105,7 @@ std::int32_t ModelDriver::setup_snapshot(std::uint32_t minor, const char* blockD
                 continue;
             }
             Device& device = world.volume(index).device;
-            if (find(minor) || (device.state != noDevice && !device.isAsleep)) {
+            if (find(minor) || (device.state != noDevice && !device.isDormant)) {
                 return EBUSY;
             }
             device = Device();
@@ -143,7 +143,8 @@ std::int32_t ModelDriver::transition_snapshot(std::uint32_t minor, const char* c
     });
 }
 
-/// A driver that has met an error has lost count.
+/// Writes the bitmap of changed units. After a driver error it is empty, since changes were no longer
+/// tracked.
 void ModelDriver::closeRecord(std::size_t index, const Device& device) {
     std::array<std::uint64_t, unitCount> table{};
     for (std::size_t unit = 0; unit < unitCount && device.error == 0; ++unit) {
@@ -191,12 +192,12 @@ std::int32_t ModelDriver::reload_incremental(std::uint32_t minor, const char* bl
             if (blockDevice != "/dev/disk/by-uuid/" + World::uuidOf(index)) {
                 continue;
             }
-            const bool fits = device.isAsleep && device.state == tracking &&
+            const bool fits = device.isDormant && device.state == tracking &&
                               snapshotIn(world.mountPointOf(index) + cowFile) == device.snapshot;
             if (!fits || find(minor)) {
                 return ENOENT;
             }
-            device.isAsleep = false;
+            device.isDormant = false;
             device.isByUuid = true;
             device.minor = static_cast<std::int32_t>(minor);
             return 0;
@@ -205,7 +206,7 @@ std::int32_t ModelDriver::reload_incremental(std::uint32_t minor, const char* bl
     });
 }
 
-// The agent has no use for these.
+// The agent doesn't use these functions.
 std::int32_t ModelDriver::reload_snapshot(std::uint32_t /*minor*/, const char* /*blockDevice*/,
                                           const char* /*cowFile*/, std::uint64_t /*cacheSize*/) {
     return call([] { return ENOSYS; });
@@ -217,7 +218,7 @@ std::int32_t ModelDriver::reconfigure(std::uint32_t /*minor*/, std::uint64_t /*c
 
 void ModelDriver::restart() {
     for (VolumeState& volume : world.state().volumes) {
-        volume.device.isAsleep = volume.device.state != noDevice;
+        volume.device.isDormant = volume.device.state != noDevice;
     }
     publish();
 }
@@ -244,7 +245,7 @@ void ModelDriver::publish() {
     nlohmann::json devices = nlohmann::json::array();
     for (std::size_t index = 0; index < volumeCount; ++index) {
         const Device& device = world.volume(index).device;
-        if (device.state != noDevice && !device.isAsleep) {
+        if (device.state != noDevice && !device.isDormant) {
             devices.push_back({{"minor", device.minor},
                                {"state", device.state},
                                {"cow_file", cowName(device.isSecondCow)},

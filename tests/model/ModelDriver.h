@@ -8,11 +8,12 @@
 
 namespace agent::model {
 
-/// The snapshot driver as its contract describes it, over volumes of a few numbers: states, CoW files that
-/// take turns, records of changes, refusals of what is in use, devices that sleep after a restart.
-/// Owns:    nothing; its state is the world's, so that it outlives a killed process as a driver's does.
+/// The snapshot driver as its contract describes it, for volumes of a few numbers: states, alternating CoW
+/// files, bitmaps of changes, refusals while a device is in use, devices that are dormant after a restart.
+/// Owns:    nothing; its state is in the World, so that like a real driver's it survives the killed process.
 /// Threads: one.
-/// Fails:   as the driver's library: -1 with `errno`, nothing changed, unless a fault hits after the effect.
+/// Fails:   like the driver's library: returns -1 with `errno` and nothing changed, unless a fault hits after
+///          the effect.
 class ModelDriver : public info::BaseController {
 public:
     explicit ModelDriver(World& world) : world(world) {}
@@ -29,11 +30,11 @@ public:
                                     std::uint64_t cacheSize) override;
     std::int32_t reconfigure(std::uint32_t minor, std::uint64_t cacheSize) override;
 
-    /// The machine has been restarted.
+    /// Restarts the machine.
     void restart();
-    /// Runs the reload scripts that there are, as the machine does after a restart.
+    /// Runs the existing reload scripts, as the machine does after a restart.
     void runReloadScripts();
-    /// Writes the file that shows the devices.
+    /// Writes the status file that lists the devices.
     void publish();
 
 private:
@@ -50,10 +51,10 @@ private:
 constexpr std::uint32_t cowHeaderSize = 4096;
 constexpr std::uint32_t cowFileSize = cowHeaderSize + 8 * unitCount;
 
-/// The name of the first CoW file or of the second, with the slash that the driver shows before it.
+/// The name of the first or second CoW file, with the leading slash that the driver shows.
 std::string cowName(bool isSecond);
 
-/// Whether something is mounted where a volume's snapshot belongs.
+/// Whether something is mounted where the volume's snapshot is mounted.
 bool isSnapshotMounted(std::size_t index);
 
 } // namespace agent::model

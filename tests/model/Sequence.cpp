@@ -46,7 +46,7 @@ Event::Kind randomKind(std::mt19937_64& source) {
                                   backup,          backup,        change,          change,
                                   change,          restart,       restart,         restartReloaded,
                                   restartReloaded, removeHistory, truncateHistory, removeCowFiles,
-                                  replaceImage,    loseCount,     destroyDevice,   releaseMounts};
+                                  replaceImage,    driverError,   destroyDevice,   releaseMounts};
     return kinds.at(below(source, kinds.size()));
 }
 
@@ -70,15 +70,17 @@ std::string textOf(const BackupOrder& order) {
            (order.isMountLeft ? ", mount left" : "") + (order.isSnapshotLost ? ", snapshot lost" : "");
 }
 
-/// The machine during one sequence.
-class Play {
+/// The machine during one sequence of events.
+class SequenceRun {
 public:
-    explicit Play(World& world) : world(world), driver(world) {
+    explicit SequenceRun(World& world) : world(world), driver(world) {
         world.reset();
         driver.publish();
     }
 
-    void happen(const Event& event) {
+    // Only a backup runs the agent's code. All other events change the driver's state, files, images or
+    // mounts without the agent.
+    void apply(const Event& event) {
         VolumeState& volume = world.volume(event.volume);
         switch (event.kind) {
         case Event::Kind::backup:
@@ -106,8 +108,8 @@ public:
         case Event::Kind::replaceImage:
             volume.image.fill(world.newStamp());
             break;
-        case Event::Kind::loseCount:
-            loseCount(volume.device);
+        case Event::Kind::driverError:
+            failDriver(volume.device);
             break;
         case Event::Kind::destroyDevice:
             if (volume.device.state == tracking) {
@@ -120,8 +122,9 @@ public:
         }
     }
 
-    /// Two backups may fail for what was left. A history that is missing wants another type, and two of them
-    /// if a CoW file is missing as well.
+    /// Runs backups without faults, of which the last must succeed. Two may fail because of what the events
+    /// left. A missing history requires another backup type, and two backups of it if a CoW file is missing
+    /// as well.
     void recover() {
         mounts.release();
         Outcome last = Outcome::failed;
@@ -161,7 +164,7 @@ private:
         }
     }
 
-    /// What was mounted is not any more, and who looked into it is gone.
+    /// A restart removes all mounts and ends the processes that used them.
     void restart() {
         mounts.clear();
         driver.restart();
@@ -179,7 +182,7 @@ private:
         }
     }
 
-    void loseCount(Device& device) {
+    void failDriver(Device& device) {
         if (device.state != noDevice) {
             device.error = 5;
             driver.publish();
@@ -211,9 +214,9 @@ Events randomEvents(std::mt19937_64& source, std::uint32_t steps) {
 }
 
 Verdict play(World& world, const Events& events) {
-    Play machine(world);
+    SequenceRun machine(world);
     for (const Event& event : events) {
-        machine.happen(event);
+        machine.apply(event);
     }
     if (!machine.isWrong()) {
         machine.recover();

@@ -9,20 +9,20 @@
 
 namespace agent::model {
 
-/// Something that happens to a protected machine.
+/// An event in the life of a protected machine.
 struct Event {
     enum class Kind {
         backup,
-        change,          ///< `number` units of a volume
-        restart,         ///< without its reload scripts
-        restartReloaded, ///< with them
+        change,          ///< writes `number` units of a volume
+        restart,         ///< without running the reload scripts
+        restartReloaded, ///< with the reload scripts
         removeHistory,
         truncateHistory,
         removeCowFiles,
-        replaceImage,  ///< by one that holds nothing of the volume
-        loseCount,     ///< the driver meets an error
+        replaceImage,  ///< replaces the image by one that holds nothing of the volume
+        driverError,   ///< the driver has an error and stops tracking
         destroyDevice, ///< by the administrator
-        releaseMounts, ///< whoever held a file open has gone
+        releaseMounts, ///< the process that held a file open has ended
     };
     Kind kind = Kind::backup;
     std::size_t volume = 0;
@@ -32,24 +32,24 @@ struct Event {
 
 using Events = std::vector<Event>;
 
-/// The same events for the same source. `steps` is how many steps a backup has, about.
+/// The same random source gives the same events. `steps` is roughly how many steps a backup has.
 Events randomEvents(std::mt19937_64& source, std::uint32_t steps);
 
-/// What a sequence of events came to. After its events, the machine is left in peace, and has to recover.
+/// The result of a sequence. After its events no more faults happen, and the machine must recover.
 struct Verdict {
-    std::string wrong; ///< empty, or which "finished" backup brought what not, or that none finishes any more
+    std::string wrong; ///< empty, or what a finished backup lacks, or that backups no longer finish
     std::size_t finished = 0;
-    std::size_t incremental = 0; ///< of those, asked for as incremental
+    std::size_t incremental = 0; ///< finished ones that were requested as incremental
     std::size_t failed = 0;
     std::size_t killed = 0;
 };
 
 Verdict play(World& world, const Events& events);
 
-/// As few of the events as still end wrong.
+/// Removes events as long as the sequence still ends wrong.
 Events shrink(World& world, Events events);
 
-/// A line for each event.
+/// Describes each event on a line.
 std::string describe(const Events& events);
 
 } // namespace agent::model

@@ -1,4 +1,4 @@
-"""The packages of build/packages, and a Debian to install them in."""
+"""The packages of build/packages, and a Debian system to install them in."""
 import os
 import pathlib
 import sys
@@ -30,13 +30,13 @@ def build():
 
 @pytest.fixture
 def system():
-    """A Debian without the packages, which has what they depend on."""
+    """A Debian system without the packages, but with their dependencies."""
     with DebianSystem() as made:
         yield made
 
 
 @pytest.fixture
 def installed(system, packages):
-    """One with all packages just installed."""
+    """A Debian system with all packages just installed."""
     system.install(*packages.values())
     return system

@@ -1,4 +1,5 @@
-"""A Debian in a directory: what a machine's image has, with a layer above it that takes all changes."""
+"""A Debian system in a directory: the content of a machine's image, with an overlay that takes all
+changes."""
 import contextlib
 import pathlib
 import shutil
@@ -17,7 +18,8 @@ def command(*words):
 
 
 class DebianSystem(contextlib.ExitStack):
-    """Nothing of it runs but what `run` starts, so units are enabled but never started.
+    """A Debian system in which only the commands given to `run` execute, so units are enabled but never
+    started.
 
     Owns: its mounts, in the mount namespace of the caller, and its directory.
     """
@@ -44,7 +46,7 @@ class DebianSystem(contextlib.ExitStack):
         self.callback(command, "umount", "--lazy", where)
 
     def run(self, *words, check=True):
-        """The output of a command inside, errors too."""
+        """Runs a command inside; returns its output, including standard error."""
         done = subprocess.run(["chroot", self.root, *(str(word) for word in words)], env=ENVIRONMENT,
                               text=True, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
                               stderr=subprocess.STDOUT, timeout=LIMIT_SECONDS, check=False)
@@ -61,7 +63,7 @@ class DebianSystem(contextlib.ExitStack):
         return self.run("dpkg-query", "--show", "--showformat=${db:Status-Status}", name, check=False)
 
     def exists(self, path):
-        """Whether it is there, be it a link that leads nowhere."""
+        """Whether the path exists, even if it is a dangling link."""
         return self.run("sh", "-c", f"ls -d {path} 2>/dev/null", check=False) != ""
 
     def write(self, path, text="x\n"):
@@ -70,7 +72,7 @@ class DebianSystem(contextlib.ExitStack):
         file.write_text(text, encoding="utf-8")
 
     def volume(self, where):
-        """Mounts a file system of a disk of its own, and returns where it is from outside."""
+        """Mounts a file system on a disk of its own; returns its path from outside."""
         disk = self.root / "root/disk.img"
         with open(disk, "wb") as file:
             file.truncate(16 << 20)

@@ -27,7 +27,7 @@ class PackageFile:
         return output_of("dpkg-deb", "--field", self.path, name).strip()
 
     def depends(self):
-        """The names, where alternatives stand as one: "a | b"."""
+        """The names of the dependencies; alternatives are one entry: "a | b"."""
         bare = re.sub(r" *\([^)]*\)", "", self.field("Depends"))
         return {" | ".join(word.strip() for word in one.split("|")) for one in bare.split(",")}
 
@@ -44,8 +44,8 @@ class PackageFile:
         return pathlib.Path(directory)
 
     def changed(self, directory, **fields):
-        """The same package with other fields, in `directory`; what depends on its version does so on the new
-        one."""
+        """The same package with other fields, in `directory`. Dependencies on its version are changed to the
+        new one."""
         tree = pathlib.Path(directory, f"{self.name}-tree")
         output_of("dpkg-deb", "--raw-extract", self.path, tree)
         control = tree / "DEBIAN/control"

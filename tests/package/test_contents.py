@@ -1,4 +1,4 @@
-"""What is in the packages, and that an installation by CMake is the same."""
+"""The content of the packages, and that an installation by CMake has the same."""
 import pathlib
 import re
 import subprocess
@@ -8,7 +8,7 @@ from package_file import output_of
 
 UNITS = r"(/usr)?/lib/systemd/system"
 LIBRARIES = r"/usr/lib/[^/]+-linux-gnu"
-# What a package may have, beside its documents.
+# The files that a package may contain, besides its documents.
 RULES = {
     "bekd": (r"/usr/sbin/(bekd|bekctl)", r"/usr/bin/bek-usedmap", rf"{UNITS}/bekd[^/]*\.service",
              r"/usr/lib/bekd/[^/]+", r"/var/log/bekd"),
@@ -26,7 +26,7 @@ NAMED = {"bekd": "bek(d|ctl|-usedmap)[^/]*", "libtolvubd0": "tolvu[^/]*", "libze
 DOCUMENTS = (r"/usr/share/doc/{package}/[^/]+", r"/usr/share/lintian/overrides/{package}",
              r"/usr/share/man/man[58]/{named}\.[58]\.gz", r"/usr/share/bash-completion/completions/{named}",
              r"/usr/share/zsh/vendor-completions/_{named}")
-# What there must be.
+# The files that it must contain.
 REQUIRED = {
     "bekd": ("/usr/sbin/bekd", "/usr/bin/bek-usedmap", "/usr/share/man/man8/bekd.8.gz",
              "/systemd/system/bekd.service", "/systemd/system/bekd-journal.service", "/usr/sbin/bekctl",
@@ -58,7 +58,7 @@ def trees(packages, tmp_path_factory):
 
 @pytest.fixture(scope="module")
 def by_cmake(build, tmp_path_factory):
-    """A build installed below a directory, by people who have no Debian."""
+    """A build installed below a directory, as on systems other than Debian."""
     tree = tmp_path_factory.mktemp("cmake")
     subprocess.run(["cmake", "--install", build, "--prefix", "/usr"], check=True, capture_output=True,
                    env={"PATH": "/usr/bin:/bin", "DESTDIR": str(tree)})
@@ -87,12 +87,12 @@ def test_programs_know_no_place_of_a_build_and_are_hardened(trees):
     for tree in trees.values():
         for file in filter(is_elf, tree.rglob("*")):
             seen += 1
-            told = output_of("readelf", "--dynamic", "--notes", "--wide", "--file-header", file)
-            assert "RUNPATH" not in told and "RPATH" not in told, file
-            assert "BIND_NOW" in told or "Flags: NOW" in told, file
-            assert "PIE" in told or ".so" in file.name, file
-            # What calls and jumps may lead to is marked, as far as it is ours.
-            assert file.read_bytes().count(ENDBR64) > 50 or "X86-64" not in told, file
+            headers = output_of("readelf", "--dynamic", "--notes", "--wide", "--file-header", file)
+            assert "RUNPATH" not in headers and "RPATH" not in headers, file
+            assert "BIND_NOW" in headers or "Flags: NOW" in headers, file
+            assert "PIE" in headers or ".so" in file.name, file
+            # Targets of indirect calls and jumps are marked with ENDBR64 in our own code.
+            assert file.read_bytes().count(ENDBR64) > 50 or "X86-64" not in headers, file
             assert b"/build/" not in file.read_bytes(), file
     assert seen == 11
 
@@ -113,7 +113,7 @@ def test_dependencies(packages):
 
 
 def test_each_needed_library_is_in_a_package_that_is_depended_on(packages, trees):
-    """Whoever has the name of a library in a program has its package among the dependencies."""
+    """If a program needs a library, the package of that library is among its dependencies."""
     ours = {"libtolvubd.so": "libtolvubd0 | tolvubd-library", "libzephane++.so": "libzephane0",
             "libzephaneftp.so": "libzephane0"}
     others = {"libiscsi.so.7": "libiscsi", "libnbd.so.0": "libnbd0", "libcurl-gnutls.so.4": "libcurl3",
@@ -140,7 +140,7 @@ def test_cmake_installs_what_the_packages_have(packages, trees, by_cmake):
     assert sorted(found) == sorted(packaged)
     whole = {f"/{file.relative_to(tree)}": file for tree in trees.values() for file in tree.rglob("*")}
     for path, file in found.items():
-        if file.is_symlink(): # to what is only there in a system
+        if file.is_symlink(): # its target exists only in an installed system
             assert file.readlink() == whole[path].readlink()
             continue
         assert ("x" in packaged[path]) == bool(file.stat().st_mode & 0o100), path

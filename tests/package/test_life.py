@@ -1,4 +1,5 @@
-"""Packages are installed, upgraded, removed and purged: what is kept, what goes, and what is said."""
+"""Packages are installed, upgraded, removed and purged: what is kept, what is removed, and what is
+printed."""
 import pytest
 from package_file import pack
 
@@ -112,7 +113,7 @@ def test_a_removal_says_what_is_tracked(used, packages):
 
 @pytest.fixture
 def driver(tmp_path, packages):
-    """The package of a driver in the kernel, with a library and a tool of its own."""
+    """The package of a kernel driver, with a library and a tool of its own."""
     tree = tmp_path / "driver"
     library = next(path for path in packages["libtolvubd0"].files() if path.endswith("libtolvubd.so"))
     for path in ("DEBIAN/control", library.lstrip("/"), "usr/bin/tolvuctl"):
@@ -134,7 +135,7 @@ def test_a_driver_takes_the_librarys_place_and_the_agent_stays(used, driver):
     assert used.status("libtolvubd0") == "config-files"
     assert "not found" not in used.run("ldd", "/usr/sbin/bekd")
     used.run("dpkg", "--purge", "libtolvubd0")
-    assert used.exists(STATE) and used.exists(SCRIPT) # they may be the driver's by now
+    assert used.exists(STATE) and used.exists(SCRIPT) # they may belong to the driver by now
 
 
 def test_the_library_takes_the_drivers_place_again(used, driver, packages):

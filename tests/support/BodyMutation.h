@@ -13,7 +13,7 @@
 
 namespace agent::test {
 
-/// Makes hostile variants of a JSON body, the same ones in every run.
+/// Makes hostile variants of a valid JSON body. The seed is fixed, so every run makes the same ones.
 class BodyMutator {
 public:
     explicit BodyMutator(std::string valid) : valid(std::move(valid)) {}
@@ -25,6 +25,7 @@ private:
 
     std::size_t below(std::size_t limit) { return limit == 0 ? 0 : random() % limit; }
 
+    // Edits the text: most results aren't JSON any more, so this tries the parser.
     std::string mutateBytes() {
         std::string body = valid;
         for (std::size_t edits = 1 + below(4); edits > 0; --edits) {
@@ -52,6 +53,7 @@ private:
         return body;
     }
 
+    // Edits the parsed document: the result is always JSON, so this tries what reads the parsed values.
     std::string mutateValues() {
         json document = json::parse(valid);
         for (std::size_t edits = 1 + below(3); edits > 0; --edits) {
@@ -79,6 +81,8 @@ private:
         return document.dump(-1, ' ', false, json::error_handler_t::replace);
     }
 
+    // Values at the limits of integers, of the wrong type, or known to other fields: those that parsers
+    // confuse.
     json hostileValue() {
         static const std::vector<json> values = {nullptr,
                                                  true,
@@ -133,8 +137,8 @@ private:
     std::mt19937 random{20260101}; // NOLINT(cert-msc51-cpp): the same bodies in every run
 };
 
-/// A handler answers a body or refuses it by a standard exception; nothing else. Returns how many it
-/// answered.
+/// Gives each body to the handler, which must either answer it or throw a std::exception. Returns how many
+/// bodies it answered.
 inline int countAnswered(const std::function<void(const std::string& body)>& handler,
                          const std::vector<std::string>& bodies) {
     int answered = 0;
@@ -149,10 +153,11 @@ inline int countAnswered(const std::function<void(const std::string& body)>& han
     return answered;
 }
 
-/// Gives a handler thousands of variants of a valid body, and the bodies that no mutation comes up with.
-/// Returns how many it answered.
-inline int survive(const std::string& valid, const std::function<void(const std::string& body)>& handler,
-                   int count = 3000) {
+/// Gives a handler `count` variants of a valid body, and some bodies that no mutation produces. Returns how
+/// many bodies it answered.
+inline int countAnswersToMutations(const std::string& valid,
+                                   const std::function<void(const std::string& body)>& handler,
+                                   int count = 3000) {
     std::vector<std::string> bodies = {"",
                                        " ",
                                        "null",

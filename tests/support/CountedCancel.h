@@ -6,7 +6,7 @@
 
 namespace agent::test {
 
-/// Lets so many checks pass, and cancels at the next one.
+/// Lets `passes` checks pass and cancels at the next one.
 class CountedCancel : public core::ICancel {
 public:
     explicit CountedCancel(int passes = std::numeric_limits<int>::max()) : passes(passes) {}
@@ -18,7 +18,7 @@ public:
         ++checks;
     }
 
-    int checks = 0; ///< that have passed
+    int checks = 0; ///< how many have passed
 
 private:
     int passes;

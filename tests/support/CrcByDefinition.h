@@ -8,7 +8,7 @@ namespace agent::test {
 
 constexpr std::uint32_t castagnoli = 0x82f63b78;
 
-/// What a CRC-32 of a reflected polynomial is by definition, one bit at a time.
+/// A CRC-32 with a reflected polynomial, computed straight from its definition, one bit at a time.
 inline std::uint32_t crcByDefinition(std::uint32_t reflectedPolynomial, std::span<const std::byte> bytes) {
     std::uint32_t crc = 0xffffffff;
     for (const std::byte byte : bytes) {

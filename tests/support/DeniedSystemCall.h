@@ -12,8 +12,8 @@
 
 namespace agent::test {
 
-/// From now on one system call fails with `error` in every thread of the process. There is no way back, so
-/// the test does this in a process that it forks. Only for calls that can't be made to fail otherwise.
+/// Makes one system call fail with `error` in every thread of the process from now on. This can't be undone,
+/// so a test calls it in a process that it forks. Use it only for calls that can't be made to fail otherwise.
 inline void denySystemCall(long number, int error) {
     std::array<sock_filter, 4> program{{
         BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),

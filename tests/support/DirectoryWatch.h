@@ -11,7 +11,7 @@
 
 namespace agent::test {
 
-/// Counts the files that are moved into a directory, as each replaced one is.
+/// Counts the files that are moved into a directory. A file that is replaced atomically counts as one.
 class DirectoryWatch {
 public:
     explicit DirectoryWatch(const std::string& directory) {
@@ -20,7 +20,7 @@ public:
         }
     }
 
-    /// Since the last call.
+    /// How many files were moved since the last call.
     [[nodiscard]] std::size_t renames() const {
         std::size_t count = 0;
         alignas(inotify_event) std::array<char, 64UL * 1024> buffer{};

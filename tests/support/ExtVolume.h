@@ -12,7 +12,7 @@
 
 namespace agent::test {
 
-/// A mounted volume whose free space is what the test says.
+/// A mounted volume that reports the free space that the test sets.
 class FreeSpaceVolume : public info::BackupableVolume {
 public:
     FreeSpaceVolume(const info::VolumeDescription& description, std::uint64_t spaceFree)
@@ -24,9 +24,9 @@ private:
     std::uint64_t spaceFree;
 };
 
-/// A small ext volume, with a file in the place of its snapshot's device. Each block, used or not, has
-/// content of its own. It is larger than the head of an image that is summed up, and one run of used blocks
-/// is larger than a chunk of the copy.
+/// A small ext volume, with a file in place of its snapshot's device. Each block, used or not, has content of
+/// its own. The volume is larger than the part of an image that its checksum covers, and one run of used
+/// blocks is larger than one chunk of the copy.
 class ExtVolume {
     TestDirectory directory;
 
@@ -38,14 +38,14 @@ public:
         ExtImage ext({.blockCount = blockCount});
         for (const auto& [first, last] : {std::pair{0U, 2U}, {10U, 19U}, {100U, 1400U}, {3000U, 3070U}}) {
             for (std::uint32_t block = first; block <= last; ++block) {
-                ext.use(block);
+                ext.setUsed(block);
                 used[block] = true;
             }
         }
         image.resize(ext.volume.size);
         ext.volume.seek(0, SEEK_SET);
         ext.volume.read(image.data(), image.size());
-        for (std::uint32_t block = 3; block < blockCount; ++block) { // behind the structures
+        for (std::uint32_t block = 3; block < blockCount; ++block) { // after the file system's structures
             fill(block, 0);
         }
         store();
@@ -60,7 +60,7 @@ public:
         description.sectorSize = 512;
     }
 
-    /// The volume as the description is now.
+    /// The volume, as `description` describes it at this moment.
     [[nodiscard]] std::shared_ptr<info::BackupableVolume> volume() const {
         return std::make_shared<FreeSpaceVolume>(description, (blockCount - usedBlocks()) * blockSize);
     }
@@ -78,7 +78,7 @@ public:
         store();
     }
 
-    /// Which blocks of an image hold the same as this volume.
+    /// Which blocks of `other`, an image, hold the same data as this volume.
     [[nodiscard]] std::vector<bool> equalBlocks(const std::vector<std::uint8_t>& other) const {
         std::vector<bool> equal(blockCount);
         for (std::uint32_t block = 0; block < blockCount; ++block) {

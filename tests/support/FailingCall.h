@@ -2,17 +2,17 @@
 
 namespace agent::test {
 
-/// Which call of a decorator fails: the `number`th, counting every operation that can fail from 1 on. Counts
-/// on, so that a test can make call 1, 2, 3… fail until nothing fails any more. 0 never fails.
+/// Decides which call of a decorator fails: call `number`, counting from 1 every operation that can fail. A
+/// test makes call 1, 2, 3… fail in turn until no call fails any more. 0 never fails.
 class FailingCall {
 public:
     explicit FailingCall(int number) : number(number) {}
 
-    /// To be asked once for each call; true for the one that is to fail.
-    bool isNow() { return ++calls == number; }
+    /// To be called once for each operation. True if this operation is to fail.
+    bool nextCallFails() { return ++calls == number; }
 
-    /// True once the call that was to fail has come.
-    [[nodiscard]] bool hasCome() const { return number > 0 && calls >= number; }
+    /// True once the failing call has happened.
+    [[nodiscard]] bool hasHappened() const { return number > 0 && calls >= number; }
 
 private:
     int number;

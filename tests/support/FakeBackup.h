@@ -9,7 +9,7 @@
 
 namespace agent::test {
 
-/// A backup that is in whatever state the test gives it, and whose run is a function of the test's.
+/// A backup whose state the test sets and whose run is a function of the test.
 class FakeBackup : public core::backup::IBackup {
 public:
     explicit FakeBackup(std::string id, std::function<void()> body = {})
@@ -35,7 +35,7 @@ public:
     std::atomic<bool> finished = false;
     std::atomic<int> pings = 0;
     std::atomic<int> cancels = 0;
-    std::unique_ptr<core::backup::BackupSession> session; ///< What the run was given.
+    std::unique_ptr<core::backup::BackupSession> session; ///< what run() got
 
 private:
     std::string id;

@@ -12,8 +12,11 @@
 
 namespace agent::test {
 
-/// A driver that keeps its devices in a map and notes what it is asked to do. An operation fails, without an
-/// effect, while its name is in `failing`.
+/// A driver that keeps its devices in a map and records what it is asked to do. An operation whose name is in
+/// `failing` fails and has no effect.
+/// Owns:    its devices and records.
+/// Threads: one.
+/// Fails:   a call that `failing` contains returns false.
 class FakeDriverController : public info::IDriverController {
 public:
     bool isDriverVersionSupported() override { return note("isDriverVersionSupported"); }
@@ -72,12 +75,12 @@ public:
         return works;
     }
 
-    std::map<std::string, info::DriverDeviceInfo> devices; ///< by the volume's UUID
+    std::map<std::string, info::DriverDeviceInfo> devices; ///< by volume UUID
     std::set<std::string> failing;
     int lookups = -1; ///< how many calls of getDeviceInfo work before one fails
     bool hasHistory = true;
-    std::string snapshotPath;       ///< instead of the usual one
-    std::vector<std::string> calls; ///< that change something: the name, and the volume's UUID
+    std::string snapshotPath;       ///< if set, in place of the usual path
+    std::vector<std::string> calls; ///< those that change something: name and volume UUID
 
 private:
     bool note(const std::string& name) {

@@ -7,7 +7,7 @@
 
 namespace agent::test {
 
-/// A library that has nothing to tell beyond its seven functions, but for what a test gives it.
+/// A driver library whose extension functions return what the test sets, and nothing otherwise.
 class FakeDriverExtension : public info::IDriverExtension {
 public:
     [[nodiscard]] int checkSnapshot(std::int32_t minor) const override {
@@ -15,19 +15,19 @@ public:
         return failure == failures.end() ? 0 : failure->second;
     }
 
-    [[nodiscard]] std::vector<std::string> getOwnFiles() const override { return ownFiles; }
+    [[nodiscard]] std::vector<std::string> getDriverFiles() const override { return ownFiles; }
 
-    [[nodiscard]] std::uint64_t getRoom(const std::string& blockDevice) const override {
+    [[nodiscard]] std::uint64_t getSnapshotSpace(const std::string& blockDevice) const override {
         if (roomFailure != 0) {
             throw PosixError("no room known of " + blockDevice, roomFailure);
         }
         return room.contains(blockDevice) ? room.at(blockDevice) : 0;
     }
 
-    std::map<std::int32_t, int> failures; ///< of snapshots, by minor: a value of `errno`
+    std::map<std::int32_t, int> failures; ///< errno values of failed snapshots, by minor number
     std::vector<std::string> ownFiles;
-    std::map<std::string, std::uint64_t> room; ///< by the block device
-    int roomFailure = 0;                       ///< a value of `errno`
+    std::map<std::string, std::uint64_t> room; ///< by block device
+    int roomFailure = 0;                       ///< an errno value
 };
 
 } // namespace agent::test

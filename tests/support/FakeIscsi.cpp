@@ -24,16 +24,16 @@ struct Task : scsi_task {
     scsi_readcapacity16 capacity{};
 };
 
-/// A command that isn't waited for.
+/// An asynchronous command.
 struct Command {
     Task* task = nullptr;
     Outcome outcome = Outcome::good;
-    std::uint64_t begin = 0;                ///< on the disk, in bytes
-    const unsigned char* written = nullptr; ///< of a write
+    std::uint64_t begin = 0;                ///< offset on the disk, in bytes
+    const unsigned char* written = nullptr; ///< the data of a write; null for a read
     std::uint32_t length = 0;
     int busyStatus = SCSI_STATUS_BUSY;
     iscsi_command_cb answered = nullptr;
-    void* answeredTo = nullptr;
+    void* callbackData = nullptr;
 };
 
 } // namespace
@@ -49,7 +49,7 @@ namespace agent::test {
 
 namespace {
 
-/// How functions that return a number do: 0, or negative.
+/// The result of a function that returns a number: 0, or negative on failure.
 int finish(iscsi_context* context, const std::string& function, Outcome outcome) {
     if (outcome == Outcome::good) {
         return 0;
@@ -63,7 +63,7 @@ int perform(iscsi_context* context, const std::string& function, const Arguments
     return finish(context, function, FakeIscsi::get().call(function, arguments...));
 }
 
-/// The answer to a command, with so many bytes from the target.
+/// Makes the task that answers a command, with `bytes` bytes from the target.
 Task* answer(iscsi_context* context, const std::string& function, Outcome outcome, std::size_t bytes) {
     if (finish(context, function, outcome) != 0 && outcome == Outcome::failed) {
         return nullptr;
@@ -94,10 +94,10 @@ void writeToDisk(const unsigned char* data, std::uint64_t begin, std::uint32_t l
     }
 }
 
-/// Takes a command on. Null if it has failed by itself.
+/// Queues a command. Null if the function itself fails.
 scsi_task* accept(iscsi_context* context, const std::string& function, Command command) {
     FakeIscsi& fake = FakeIscsi::get();
-    if (command.outcome == Outcome::good && context->commands.size() >= fake.slots) {
+    if (command.outcome == Outcome::good && context->commands.size() >= fake.queueDepth) {
         command.outcome = Outcome::busy;
         command.busyStatus = SCSI_STATUS_TASK_SET_FULL;
         ++fake.refusals;
@@ -106,7 +106,7 @@ scsi_task* accept(iscsi_context* context, const std::string& function, Command c
         answer(context, function, command.outcome, command.written == nullptr ? command.length : 0);
     if (command.task != nullptr) {
         context->commands.push_back(command);
-        fake.mostAtOnce = std::max(fake.mostAtOnce, context->commands.size());
+        fake.mostInFlight = std::max(fake.mostInFlight, context->commands.size());
     }
     return command.task;
 }
@@ -123,7 +123,7 @@ void carryOut(iscsi_context* context, const Command& command) {
             writeToDisk(command.written, command.begin, command.length);
         }
     }
-    command.answered(context, statusOf(command), command.task, command.answeredTo);
+    command.answered(context, statusOf(command), command.task, command.callbackData);
 }
 
 Command takeNext(iscsi_context* context) {
@@ -139,11 +139,11 @@ Command takeNext(iscsi_context* context) {
 
 } // namespace
 
-FakeIscsi::During::During(FakeIscsi& iscsi, Action action) : iscsi(iscsi) {
+FakeIscsi::ActionInCalls::ActionInCalls(FakeIscsi& iscsi, Action action) : iscsi(iscsi) {
     iscsi.action = std::move(action);
 }
 
-FakeIscsi::During::~During() {
+FakeIscsi::ActionInCalls::~ActionInCalls() {
     iscsi.action = nullptr;
 }
 
@@ -197,7 +197,7 @@ iscsi_context* iscsi_create_context(const char* initiatorName) {
 int iscsi_destroy_context(iscsi_context* context) {
     FakeIscsi::get().call("iscsi_destroy_context");
     --FakeIscsi::get().contexts;
-    FakeIscsi::get().forgotten += static_cast<int>(context->commands.size());
+    FakeIscsi::get().lostCommands += static_cast<int>(context->commands.size());
     delete context;
     return 0;
 }
@@ -260,7 +260,7 @@ int iscsi_service(iscsi_context* context, int /*events*/) {
     }
     const Command next = takeNext(context);
     if (next.outcome == Outcome::broken) {
-        context->commands.push_front(next); // which only a cancel answers
+        context->commands.push_front(next); // only cancelling the tasks answers it
         return finish(context, __func__, next.outcome);
     }
     carryOut(context, next);
@@ -269,7 +269,7 @@ int iscsi_service(iscsi_context* context, int /*events*/) {
 
 void iscsi_scsi_cancel_all_tasks(iscsi_context* context) {
     for (const Command& command : std::exchange(context->commands, {})) {
-        command.answered(context, SCSI_STATUS_CANCELLED, command.task, command.answeredTo);
+        command.answered(context, SCSI_STATUS_CANCELLED, command.task, command.callbackData);
     }
 }
 
@@ -320,7 +320,7 @@ scsi_task* iscsi_read16_sync(iscsi_context* context, int lun, uint64_t lba, uint
 
 scsi_task* iscsi_read16_task(iscsi_context* context, int lun, uint64_t lba, uint32_t datalen, int blocksize,
                              int rdprotect, int dpo, int fua, int fuaNv, int group, iscsi_command_cb answered,
-                             void* answeredTo) {
+                             void* callbackData) {
     FakeIscsi& fake = FakeIscsi::get();
     return accept(
         context, __func__,
@@ -328,12 +328,12 @@ scsi_task* iscsi_read16_task(iscsi_context* context, int lun, uint64_t lba, uint
          .begin = lba * fake.blockSize,
          .length = datalen,
          .answered = answered,
-         .answeredTo = answeredTo});
+         .callbackData = callbackData});
 }
 
 scsi_task* iscsi_write16_task(iscsi_context* context, int lun, uint64_t lba, unsigned char* data,
                               uint32_t datalen, int blocksize, int wrprotect, int dpo, int fua, int fuaNv,
-                              int group, iscsi_command_cb answered, void* answeredTo) {
+                              int group, iscsi_command_cb answered, void* callbackData) {
     FakeIscsi& fake = FakeIscsi::get();
     return accept(
         context, __func__,
@@ -342,7 +342,7 @@ scsi_task* iscsi_write16_task(iscsi_context* context, int lun, uint64_t lba, uns
          .written = data,
          .length = datalen,
          .answered = answered,
-         .answeredTo = answeredTo});
+         .callbackData = callbackData});
 }
 
 void scsi_free_scsi_task(scsi_task* task) {

@@ -13,34 +13,36 @@
 
 namespace agent::test {
 
-/// Takes the place of libiscsi in the program that holds it: those of its functions that the transport calls,
-/// and a disk in memory behind them. All calls but those that only ask, wait or free are noted in the order
-/// in which they come, sleeps too, with their arguments but for contexts and data. A command that isn't
-/// waited for is carried out when it is answered, of which each wait brings one. One object at a time; calls
-/// of several threads must not overlap.
+/// Replaces libiscsi in the test program: implements the functions that the transport calls, on top of a disk
+/// in memory. Calls are recorded in order, sleeps too, with their arguments except contexts and data; calls
+/// that only query, wait or free are not recorded. An asynchronous command is carried out when it is
+/// answered; each wait answers one.
+/// Owns:    the disk, and file descriptor 700 while it exists. Only one object may exist at a time.
+/// Threads: any, but calls of several threads must not overlap.
+/// Fails:   as scripted. A second object, or no free descriptor, aborts the program.
 class FakeIscsi {
 public:
     enum class Outcome {
         good,
-        failed,  ///< what the function returns when it has failed by itself: nothing, or a negative value
-        refused, ///< a task, with a status that isn't good
-        shorter, ///< a task with a good status and a byte less than asked for
-        busy,    ///< the target does nothing just now; of a command that isn't waited for
-        broken,  ///< the session breaks in place of an answer; likewise
-        silent,  ///< no answer at all; likewise
+        failed,  ///< the function itself fails: it returns null or a negative value
+        refused, ///< a task with a status other than good
+        shorter, ///< a task with a good status and one byte less than asked for
+        busy,    ///< asynchronous commands only: the target answers BUSY
+        broken,  ///< asynchronous commands only: the session breaks before the answer
+        silent,  ///< asynchronous commands only: there is no answer at all
     };
 
-    /// What is run with the name of the function.
+    /// Called with the name of the function.
     using Action = std::function<void(const std::string& function)>;
 
-    /// Runs an action inside of each call that is noted, for as long as it lives itself: no longer than what
-    /// the action refers to.
-    class During {
+    /// Runs an action inside each recorded call for as long as this object lives. Everything that
+    /// the action refers to must outlive it.
+    class ActionInCalls {
     public:
-        During(FakeIscsi& iscsi, Action action);
-        During(const During&) = delete;
-        During& operator=(const During&) = delete;
-        ~During();
+        ActionInCalls(FakeIscsi& iscsi, Action action);
+        ActionInCalls(const ActionInCalls&) = delete;
+        ActionInCalls& operator=(const ActionInCalls&) = delete;
+        ~ActionInCalls();
 
     private:
         FakeIscsi& iscsi;
@@ -53,10 +55,10 @@ public:
 
     static FakeIscsi& get();
 
-    /// What comes of the next calls of a function; of those behind them all is good.
+    /// Sets the outcomes of the next calls of a function. Calls after those succeed.
     void script(const std::string& function, const std::vector<Outcome>& next);
 
-    /// Notes a call and tells what is to come of it.
+    /// Records a call and returns its outcome.
     template <typename... Arguments>
     Outcome call(const std::string& function, const Arguments&... arguments) {
         std::ostringstream line;
@@ -66,20 +68,20 @@ public:
         return outcomeOf(function);
     }
 
-    std::vector<unsigned char> disk; ///< Beyond its end the target has zeros.
+    std::vector<unsigned char> disk; ///< the target has zeros beyond its end
     std::uint32_t blockSize = 512;
-    std::uint64_t lastBlock = 0; ///< Whatever the size of `disk` is.
-    std::size_t slots = 1024;    ///< Of more commands at a time it says that its queue is full.
-    bool newestFirst = false;    ///< In which order commands are answered.
+    std::uint64_t lastBlock = 0;   ///< what the target reports, whatever the size of `disk` is
+    std::size_t queueDepth = 1024; ///< with more commands queued, the target answers TASK SET FULL
+    bool newestFirst = false;      ///< the order in which commands are answered
 
-    static constexpr int fd = 700; ///< Always readable.
-    std::size_t mostAtOnce = 0;    ///< Commands that were under way.
-    std::size_t refusals = 0;      ///< Commands that found the queue full.
+    static constexpr int fd = 700; ///< always readable
+    std::size_t mostInFlight = 0;  ///< the largest number of commands in flight
+    std::size_t refusals = 0;      ///< commands that found the queue full
     std::vector<std::string> calls;
     FakeSleep sleep{[this](const timespec& time) { call("nanosleep", time.tv_sec, time.tv_nsec); }};
-    int contexts = 0;  ///< How many are there.
-    int tasks = 0;     ///< How many are there.
-    int forgotten = 0; ///< Commands that were under way when their context was destroyed.
+    int contexts = 0;     ///< how many exist
+    int tasks = 0;        ///< how many exist
+    int lostCommands = 0; ///< commands in flight when their context was destroyed
     bool isLoggedIn = false;
 
 private:

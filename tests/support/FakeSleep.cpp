@@ -9,14 +9,14 @@ namespace agent::test {
 
 namespace {
 
-FakeSleep* youngest = nullptr;
+FakeSleep* newest = nullptr;
 
 } // namespace
 
-FakeSleep::FakeSleep(Note note) : note(std::move(note)), older(std::exchange(youngest, this)) {}
+FakeSleep::FakeSleep(Note note) : note(std::move(note)), previous(std::exchange(newest, this)) {}
 
 FakeSleep::~FakeSleep() {
-    youngest = older;
+    newest = previous;
 }
 
 int FakeSleep::sleep(const timespec& time, timespec& left) {
@@ -31,8 +31,8 @@ int FakeSleep::sleep(const timespec& time, timespec& left) {
 }
 
 extern "C" int nanosleep(const timespec* requested, timespec* remaining) {
-    if (youngest != nullptr) {
-        return youngest->sleep(*requested, *remaining);
+    if (newest != nullptr) {
+        return newest->sleep(*requested, *remaining);
     }
     return static_cast<int>(syscall(SYS_nanosleep, requested, remaining));
 }

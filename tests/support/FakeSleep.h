@@ -5,8 +5,9 @@
 
 namespace agent::test {
 
-/// Takes the place of `nanosleep` in the program that holds it: for as long as one of these is there, sleeps
-/// are told to it and take no time. Of several it is the youngest, which has to go first. One thread.
+/// Replaces `nanosleep` in the test program: while an object exists, sleeps are reported to it and take no
+/// time. If there are several objects, sleeps go to the newest, and objects must be destroyed in reverse
+/// order. Single-threaded.
 class FakeSleep {
 public:
     using Note = std::function<void(const timespec& time)>;
@@ -16,14 +17,14 @@ public:
     FakeSleep& operator=(const FakeSleep&) = delete;
     ~FakeSleep();
 
-    /// What `nanosleep` returns.
+    /// Returns what `nanosleep` returns.
     int sleep(const timespec& time, timespec& left);
 
-    int interruptions = 0; ///< So many of the next sleeps are cut short by a signal, after 0.7 seconds.
+    int interruptions = 0; ///< how many of the next sleeps a signal interrupts, with 0.3 seconds left
 
 private:
     Note note;
-    FakeSleep* older;
+    FakeSleep* previous;
 };
 
 } // namespace agent::test

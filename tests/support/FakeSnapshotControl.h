@@ -10,30 +10,30 @@
 
 namespace agent::test {
 
-/// What a control of snapshots was asked for, and what it answers; lives longer than the control.
+/// Records what a snapshot control was asked to do and holds its answers. Outlives the control.
 struct SnapshotScript {
     core::backup::VolumeSnapshotInfos started; ///< the answer to startSnapshots
     core::backup::VolumeSnapshotInfos ended;   ///< the answer to transitionToIncremental
     std::function<void()> onMake;              ///< may throw
     std::function<void()> onStart;             ///< may throw
     std::function<void()> onEnd;               ///< may throw
-    std::vector<bool> ends;                    ///< `success` of each end
-    int living = 0;                            ///< controls that have not been destroyed
+    std::vector<bool> transitionResults;       ///< the `success` of each transition
+    int liveControls = 0;                      ///< how many controls exist
 };
 
-/// A control of snapshots without a driver.
+/// A snapshot control without a driver.
 class FakeSnapshotControl : public core::backup::SnapshotSessionControl {
 public:
     FakeSnapshotControl(info::Logger& logger, SnapshotScript& script)
         : SnapshotSessionControl(logger, unused(), nullptr, nullptr), script(script) {
         call(script.onMake);
-        ++script.living;
+        ++script.liveControls;
     }
     FakeSnapshotControl(const FakeSnapshotControl&) = delete;
     FakeSnapshotControl& operator=(const FakeSnapshotControl&) = delete;
     FakeSnapshotControl(FakeSnapshotControl&&) = delete;
     FakeSnapshotControl& operator=(FakeSnapshotControl&&) = delete;
-    ~FakeSnapshotControl() override { --script.living; }
+    ~FakeSnapshotControl() override { --script.liveControls; }
 
     core::backup::VolumeSnapshotInfos
     startSnapshots(const Volumes& /*volumes*/, const core::backup::IBackupAttributes& /*attributes*/,
@@ -44,7 +44,7 @@ public:
 
     core::backup::VolumeSnapshotInfos transitionToIncremental(const Volumes& /*volumes*/,
                                                               bool success) override {
-        script.ends.push_back(success);
+        script.transitionResults.push_back(success);
         call(script.onEnd);
         return script.ended;
     }

@@ -11,25 +11,29 @@
 
 namespace agent::test {
 
-/// A transport to a remote image in memory, which refuses what a real target would refuse. What happened to
-/// it is public; it belongs to one thread.
+/// A transport to a remote image in memory that refuses what a real target would refuse. Its public members
+/// record what happened to it.
+/// Owns:    a share of the remote image.
+/// Threads: one at a time.
+/// Fails:   like a real transport: -1 or false, with `errno`.
 class FakeTransport : public core::ITransport {
 public:
     using Image = std::vector<std::uint8_t>;
 
-    /// What is on the other end, for several transports to share.
-    struct FarSide {
+    /// The remote image; several transports can share it.
+    struct RemoteImage {
         Image image;
-        bool isBroken = false; ///< Set to let every command fail.
-        int changes = 0;       ///< Counts what has really been written and punched.
+        bool isBroken = false; ///< if set, every command fails
+        int changes = 0;       ///< how many writes and punched holes really changed the image
     };
 
     explicit FakeTransport(std::size_t imageBytes = 0) : FakeTransport(Image(imageBytes)) {}
     explicit FakeTransport(Image image)
-        : FakeTransport(std::make_shared<FarSide>(FarSide{.image = std::move(image)})) {}
-    explicit FakeTransport(std::shared_ptr<FarSide> farSide) : side(std::move(farSide)), image(side->image) {}
+        : FakeTransport(std::make_shared<RemoteImage>(RemoteImage{.image = std::move(image)})) {}
+    explicit FakeTransport(std::shared_ptr<RemoteImage> remoteImage)
+        : remote(std::move(remoteImage)), image(remote->image) {}
 
-    /// As on the wire: within the image or just behind it.
+    /// As in the protocol, the offset must be within the image or at its end.
     std::int64_t seek(std::int64_t offset, int whence) override {
         const std::int64_t from = whence == 1 ? position : 0;
         if (whence < 0 || whence > 1 || offset < -from || offset > size() - from) {
@@ -54,7 +58,7 @@ public:
         if (!diffMerge || !std::equal(source, source + count, image.begin() + position)) {
             std::copy_n(source, count, image.begin() + position);
             written.emplace_back(position, count);
-            ++side->changes;
+            ++remote->changes;
         }
         return moveBy(count);
     }
@@ -92,7 +96,7 @@ public:
         }
         std::fill_n(image.begin() + position, count, std::uint8_t{0});
         holes.emplace_back(position, count);
-        ++side->changes;
+        ++remote->changes;
         moveBy(count);
         return true;
     }
@@ -102,14 +106,14 @@ public:
     using Extent = std::pair<std::int64_t, std::size_t>; ///< Position and length, in bytes.
 
 private:
-    std::shared_ptr<FarSide> side;
+    std::shared_ptr<RemoteImage> remote;
 
 public:
-    Image& image;                   ///< The far side's.
-    std::uint64_t blockBytes = 512; ///< of the target; 1 if it takes any bytes, as a file does
-    bool refusing = false;          ///< Set to refuse connections.
+    Image& image;                   ///< the bytes of the remote image
+    std::uint64_t blockBytes = 512; ///< the target's block size; 1 if it takes any length, as a file does
+    bool refusing = false;          ///< if set, connections are refused
     bool holePunching = false;
-    std::uint64_t longestWrite = UINT64_MAX; ///< that one call takes
+    std::uint64_t longestWrite = UINT64_MAX; ///< the most bytes that one call writes
     bool connected = false;
     bool diffMerge = false; ///< As the last connect asked for.
     std::int64_t position = 0;
@@ -117,7 +121,7 @@ public:
     int disconnects = 0;
     int reads = 0;
     int writes = 0;
-    std::vector<Extent> written; ///< What has really been changed; in diff-merge mode equal data is not.
+    std::vector<Extent> written; ///< what really changed; in diff-merge mode equal data is not written
     std::vector<Extent> holes;
 
 private:
@@ -125,7 +129,7 @@ private:
 
     [[nodiscard]] bool isReady() const {
         errno = connected ? EIO : ENOTCONN;
-        return connected && !side->isBroken;
+        return connected && !remote->isBroken;
     }
 
     [[nodiscard]] bool isAligned(std::uint64_t length) const {

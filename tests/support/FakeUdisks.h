@@ -11,7 +11,7 @@
 
 namespace agent::test {
 
-/// An object of a udisks2 daemon. Each part is an interface that it has or hasn't.
+/// An object of a udisks2 daemon. Each optional member stands for an interface that the object may have.
 struct UdisksObject {
     struct Block {
         std::string device = "/dev/null";
@@ -21,16 +21,16 @@ struct UdisksObject {
         std::string type = "ext4";
         std::uint64_t size = 0;
         bool readOnly = false;
-        std::string configuration = "@a(sa{sv}) []"; ///< as GVariant prints it
+        std::string configuration = "@a(sa{sv}) []"; ///< in GVariant text format
         std::string drive = "/";
     };
 
-    std::string name; ///< the last part of its path
+    std::string name; ///< the last component of its object path
     std::optional<Block> block{};
-    std::optional<std::vector<std::string>> mountPoints{}; ///< the interface of file systems
+    std::optional<std::vector<std::string>> mountPoints{}; ///< of the Filesystem interface
     bool swapspace = false;
     bool loop = false;
-    std::optional<std::string> table{}; ///< of a partition: the path of the disk
+    std::optional<std::string> table{}; ///< of a partition: object path of the disk
     std::optional<std::string> tableType{};
     std::optional<bool> removable{}; ///< of a drive
 };
@@ -39,7 +39,10 @@ inline std::string udisksPath(const std::string& name) {
     return "/org/freedesktop/UDisks2/" + name;
 }
 
-/// What a udisks2 daemon shows on the bus, made of the daemon's own library.
+/// Exports objects on the bus as a udisks2 daemon does, using the daemon's own library.
+/// Owns:    a thread with a main loop and a connection to the bus; the destructor ends both.
+/// Threads: one constructs and destroys it; the objects are served in its own thread.
+/// Fails:   errors of the bus aren't handled, so the message bus must be running.
 class FakeUdisks {
 public:
     explicit FakeUdisks(std::vector<UdisksObject> objects, bool named = true)

@@ -57,7 +57,7 @@ using agent::test::FakeZephane;
 
 namespace {
 
-/// Notes that an object is made, if it can be.
+/// Records that an object is constructed. Throws if the script says so.
 template <typename... Arguments>
 void make(const std::string& type, const Arguments&... arguments) {
     FakeZephane::get().note(type, arguments...);
@@ -93,9 +93,10 @@ std::string describe(const Filters& filters) {
 
 } // namespace
 
-// --- the socket: it can be made, and nothing more; a field that nobody touches would be a mistake to clang
+// --- the socket: it can be constructed and does nothing else. Some functions touch a member only because
+// clang warns about private members that are never used.
 
-class TLSTransport::Link {};
+class TLSTransport::Connection {};
 
 TLSTransport::TLSTransport(const std::string& certificate, const std::string& authority,
                            std::chrono::milliseconds patience)
@@ -167,8 +168,8 @@ void Decompressor::Free::operator()(ZSTD_DCtx_s* /*context*/) const noexcept {}
 
 // --- the client
 
-/// To the image in memory. What breaks it ends it. Holes run behind: the next call tells of one that has
-/// failed.
+/// A connection to the image in memory. An error that breaks the connection ends it for good. Holes are
+/// punched asynchronously: on a broken connection punchHole() succeeds and the next call reports the failure.
 class ZephaneFTPClient::Connection {
 public:
     Connection(std::unique_ptr<SocketImpl> socket, unsigned long flags)
@@ -268,7 +269,8 @@ public:
 private:
     enum class State { unused, open, broken, closed };
 
-    /// How many bytes may be moved, and why not more if that isn't the end of the image.
+    /// Returns how many bytes may be transferred. If that is fewer than asked for and not because the image
+    /// ends, sets status to the reason.
     std::size_t allow(const std::string& function, std::size_t length, Status& status) {
         const auto left = static_cast<std::size_t>(size() - position);
         FakeZephane::Answer answer;

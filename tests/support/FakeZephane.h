@@ -12,18 +12,20 @@
 
 namespace agent::test {
 
-/// Takes the place of the file protocol's client library in the program that holds it: the classes that the
-/// transport uses, and an image in memory behind them. All calls but those that only ask are noted in the
-/// order in which they come, sleeps too, with their arguments but for data. Clients have numbers, from 1 on,
-/// by which they are noted where they open and where they go. One object at a time, in one thread.
+/// Replaces the file protocol's client library in the test program: implements the classes that the transport
+/// uses, on top of an image in memory. Calls are recorded in order, sleeps too, with their arguments except
+/// data; calls that only query are not recorded. Clients are numbered from 1; the records of their opening
+/// and destruction contain the number.
+/// Owns:    the image and the records. Only one object may exist at a time.
+/// Threads: one.
+/// Fails:   as scripted. A second object aborts the program.
 class FakeZephane {
 public:
-    /// What comes of a call in place of what it would come to.
+    /// A scripted result that replaces the usual result of a call.
     struct Answer {
         int code = 0;
         std::string text = "as scripted";
-        std::int64_t result =
-            0; ///< of `seek` the position, of `read` and `write` the most bytes that are moved
+        std::int64_t result = 0; ///< `seek`: the position; `read`, `write`: the most bytes transferred
     };
 
     FakeZephane();
@@ -33,8 +35,8 @@ public:
 
     static FakeZephane& get();
 
-    /// What comes of the next calls of a function, or of the next objects of a class, which can't be made for
-    /// any code but 0; of those behind them all is good.
+    /// Sets the results of the next calls of a function, or of the next constructions of a class, whose
+    /// constructor throws if the code isn't 0. Calls after those succeed.
     void script(const std::string& function, const std::vector<Answer>& next);
 
     template <typename... Arguments>
@@ -45,17 +47,17 @@ public:
         calls.push_back(line.str());
     }
 
-    /// Whether an answer has been scripted for this call, and which.
+    /// Whether a result is scripted for this call; if so, sets `answer` to it.
     bool isScripted(const std::string& function, Answer& answer);
 
     std::vector<unsigned char> image;
-    bool isBroken = false; ///< Set to let clients lose their connection with the next call that needs it.
-    int changes = 0;       ///< Counts what has really been written and punched.
+    bool isBroken = false; ///< if set, the next call that needs the connection loses it
+    int changes = 0;       ///< how many writes and punched holes really changed the image
 
     std::vector<std::string> calls;
     FakeSleep sleep{[this](const timespec& time) { note("nanosleep", time.tv_sec, time.tv_nsec); }};
-    int made = 0;    ///< How many clients there have been.
-    int clients = 0; ///< How many are there.
+    int made = 0;    ///< how many clients were ever constructed
+    int clients = 0; ///< how many clients exist
 
 private:
     std::map<std::string, std::deque<Answer>> answers;

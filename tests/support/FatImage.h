@@ -6,8 +6,8 @@
 
 namespace agent::test {
 
-/// The structures of FAT32 that tell which blocks are used, in a volume in memory: the boot sector and the
-/// FATs, of which the first is read. No cluster is in use at first.
+/// The on-disk structures of FAT32 that say which clusters are used, in a volume in memory: the boot sector
+/// and the FATs, of which the agent reads the first. Initially no cluster is in use.
 class FatImage {
 public:
     struct Geometry {
@@ -45,14 +45,14 @@ public:
         }
     }
 
-    /// Five letters at a byte of the boot sector.
+    /// Writes five characters into the boot sector.
     void writeType(std::uint64_t offset, const char (&text)[6]) {
         for (unsigned i = 0; i < 5; ++i) {
             volume.at(offset + i) = static_cast<std::uint8_t>(text[i]);
         }
     }
 
-    /// An entry of the first FAT: those of clusters begin with 2.
+    /// Sets an entry of the first FAT. The first cluster has entry 2.
     void setEntry(std::uint64_t entry, std::uint32_t value) {
         volume.writeLittle(fatOffset + 4 * entry, value, 4);
     }

@@ -8,34 +8,34 @@
 
 namespace agent::test {
 
-/// Another driver of which one call fails, before it has any effect. Asking for an incremental history and
-/// removing it can't fail.
+/// Wraps a driver controller. One call fails before it has any effect. Querying and removing an incremental
+/// history can't fail.
 class FaultyDriverController : public info::IDriverController {
 public:
     FaultyDriverController(info::IDriverController& inner, FailingCall& failing)
         : inner(inner), failing(failing) {}
 
-    bool isDriverVersionSupported() override { return works() && inner.isDriverVersionSupported(); }
+    bool isDriverVersionSupported() override { return mayPass() && inner.isDriverVersionSupported(); }
     bool startSnapshot(const info::BackupableVolume& volume, info::ICowFileSize& cowFileSize) override {
-        return works() && inner.startSnapshot(volume, cowFileSize);
+        return mayPass() && inner.startSnapshot(volume, cowFileSize);
     }
     bool revertOnFailure(const info::BackupableVolume& volume) override {
-        return works() && inner.revertOnFailure(volume);
+        return mayPass() && inner.revertOnFailure(volume);
     }
     bool transitionToIncremental(const info::BackupableVolume& volume) override {
-        return works() && inner.transitionToIncremental(volume);
+        return mayPass() && inner.transitionToIncremental(volume);
     }
     bool getSnapshotPath(const info::BackupableVolume& volume, std::string& path) override {
-        return works() && inner.getSnapshotPath(volume, path);
+        return mayPass() && inner.getSnapshotPath(volume, path);
     }
     bool getDeviceInfo(const info::BackupableVolume& volume, info::DriverDeviceInfo& info) override {
-        return works() && inner.getDeviceInfo(volume, info);
+        return mayPass() && inner.getDeviceInfo(volume, info);
     }
     bool makeHistory(const info::BackupableVolume& volume, bool zeroFill) override {
-        return works() && inner.makeHistory(volume, zeroFill);
+        return mayPass() && inner.makeHistory(volume, zeroFill);
     }
     bool rollForward(const info::BackupableVolume& volume) override {
-        return works() && inner.rollForward(volume);
+        return mayPass() && inner.rollForward(volume);
     }
     bool hasIncrementalHistory(const info::BackupableVolume& volume) override {
         return inner.hasIncrementalHistory(volume);
@@ -44,11 +44,11 @@ public:
         inner.removeIncrementalHistory(volume);
     }
     bool destroyDevice(const info::BackupableVolume& volume) override {
-        return works() && inner.destroyDevice(volume);
+        return mayPass() && inner.destroyDevice(volume);
     }
 
 private:
-    bool works() { return !failing.isNow(); }
+    bool mayPass() { return !failing.nextCallFails(); }
 
     info::IDriverController& inner;
     FailingCall& failing;

@@ -9,8 +9,8 @@
 
 namespace agent::test {
 
-/// Another transport of which one call fails, with EIO and before it has any effect: a read or write by -1,
-/// or by 0, which is a failure too.
+/// Wraps a transport. One call fails with EIO before it has any effect: a read or write returns -1, or 0,
+/// which is a failure too.
 class FaultyTransport : public core::ITransport {
 public:
     FaultyTransport(std::shared_ptr<core::ITransport> inner, int failingCall, std::int64_t failure = -1)
@@ -30,12 +30,12 @@ public:
     bool punchHole(std::uint64_t length) override { return !fails() && inner->punchHole(length); }
     [[nodiscard]] bool supportsHolePunching() const override { return inner->supportsHolePunching(); }
 
-    /// True once the call that was to fail has come.
-    [[nodiscard]] bool hasFailed() const { return failing.hasCome(); }
+    /// True once the failing call has happened.
+    [[nodiscard]] bool hasFailed() const { return failing.hasHappened(); }
 
 private:
     bool fails() {
-        if (!failing.isNow()) {
+        if (!failing.nextCallFails()) {
             return false;
         }
         errno = EIO;

@@ -5,20 +5,20 @@
 
 namespace agent::test {
 
-/// Another volume of which one call fails, before it has any effect.
+/// Wraps a volume reader. One call fails before it has any effect.
 class FaultyVolume : public core::IVolumeReader {
 public:
     FaultyVolume(core::IVolumeReader& inner, int failingCall) : inner(inner), failing(failingCall) {}
 
     std::int64_t read(void* buffer, std::size_t length) override {
-        return failing.isNow() ? -1 : inner.read(buffer, length);
+        return failing.nextCallFails() ? -1 : inner.read(buffer, length);
     }
     std::int64_t seek(std::int64_t offset, int whence) override {
-        return failing.isNow() ? -1 : inner.seek(offset, whence);
+        return failing.nextCallFails() ? -1 : inner.seek(offset, whence);
     }
 
-    /// True once the call that was to fail has come.
-    [[nodiscard]] bool hasFailed() const { return failing.hasCome(); }
+    /// True once the failing call has happened.
+    [[nodiscard]] bool hasFailed() const { return failing.hasHappened(); }
 
 private:
     core::IVolumeReader& inner;

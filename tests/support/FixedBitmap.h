@@ -9,7 +9,7 @@
 
 namespace agent::test {
 
-/// A map of bits that is given to it, in either order of them.
+/// A bitmap provider that provides the given bits, in either bit order.
 class FixedBitmap : public core::fs::IBlockBitmapChunkProvider {
 public:
     explicit FixedBitmap(std::vector<bool> bits, bool msbFirst = false)

@@ -10,12 +10,12 @@
 
 namespace agent::test {
 
-/// A provider of ranges that are given to it, which can be told to fail.
+/// A range provider that provides the given ranges and can be made to fail.
 class FixedRanges : public core::block::IBlockRangeProvider {
 public:
     static constexpr std::size_t never = ~std::size_t{0};
 
-    /// Reading the range with the index `failAt`, if there is one, throws an int, which is no std::exception.
+    /// Reading the range at index `failAt`, if it exists, throws an int, which is not a std::exception.
     explicit FixedRanges(std::vector<BlockRange> ranges, std::size_t failAt = never)
         : ranges(std::move(ranges)), failAt(failAt) {}
 
@@ -59,7 +59,7 @@ private:
     std::size_t failAt;
 };
 
-/// All that a provider gives.
+/// All ranges that a provider provides.
 inline std::vector<BlockRange> allOf(const core::block::IBlockRangeProvider& provider) {
     std::vector<BlockRange> ranges;
     for (const BlockRange& range : provider) {

@@ -9,8 +9,9 @@
 
 namespace agent::test {
 
-/// The structures of HFS+ that tell which blocks are used, in a volume in memory: a header at byte 0, the
-/// bitmap, and a tree of extents, which is empty at first. What belongs to them is used.
+/// The on-disk structures of HFS+ that say which blocks are used, in a volume in memory: a volume header at
+/// byte 0, the allocation bitmap, and an extents tree, which is initially empty. The bitmap marks the blocks
+/// of these structures as used.
 class HfsImage {
 public:
     using Extent = std::pair<std::uint32_t, std::uint32_t>; ///< first block, and count
@@ -21,14 +22,14 @@ public:
     struct Geometry {
         std::uint32_t blockSize = 4096;
         std::uint32_t totalBlocks = 1000;
-        Extents bitmap = {{5, 1}}; ///< those behind the eighth are left to the tree
+        Extents bitmap = {{5, 1}}; ///< extents after the eighth belong in the extents tree
         Extents tree = {{100, 8}};
         std::uint16_t nodeSize = 512;
     };
 
-    static constexpr std::uint64_t allocationFork = 112; ///< in the header
-    static constexpr std::uint64_t extentsFork = 192;    ///< likewise
-    static constexpr std::uint8_t index = 0;             ///< kinds of nodes
+    static constexpr std::uint64_t allocationFork = 112; ///< offset in the header
+    static constexpr std::uint64_t extentsFork = 192;    ///< offset in the header
+    static constexpr std::uint8_t index = 0;             ///< kind of node, like leaf
     static constexpr std::uint8_t leaf = 0xFF;
 
     explicit HfsImage(Geometry made)
@@ -38,22 +39,22 @@ public:
         setFork(extentsFork, geometry.tree, std::uint64_t{geometry.blockSize} * blocksOf(geometry.tree));
         setRoot(1);
         volume.writeBig(tree() + 14 + 18, geometry.nodeSize, 2);
-        use(0);
+        setUsed(0);
         for (const Extents& extents : {geometry.bitmap, geometry.tree}) {
             for (const auto& [first, count] : extents) {
                 for (std::uint32_t block = first; block < first + count; ++block) {
-                    use(block);
+                    setUsed(block);
                 }
             }
         }
     }
 
-    /// A field of the header.
+    /// Sets a field of the header.
     void set(std::uint64_t offset, std::uint64_t value, unsigned width = 4) {
         volume.writeBig(offset, value, width);
     }
 
-    /// Writes the header to its usual place, too, as it is now.
+    /// Copies the header, as it is now, to its usual place on a volume as well.
     void copyHeader() {
         for (std::uint64_t offset = 0; offset < 512; ++offset) {
             volume.at(1024 + offset) = volume.at(offset);
@@ -71,13 +72,13 @@ public:
     }
 
     /// Sets or clears the bit of a block.
-    void use(std::uint32_t block, bool isUsed = true) {
+    void setUsed(std::uint32_t block, bool isUsed = true) {
         const auto mask = static_cast<std::uint8_t>(0x80U >> (block % 8));
         std::uint8_t& byte = volume.at(placeOfBit(block));
         byte = static_cast<std::uint8_t>(isUsed ? byte | mask : byte & ~mask);
     }
 
-    /// Where the tree begins.
+    /// Offset of the extents tree on the volume.
     [[nodiscard]] std::uint64_t tree() const {
         return std::uint64_t{geometry.tree[0].first} * geometry.blockSize;
     }
@@ -103,14 +104,14 @@ public:
         volume.writeBig(node(number) + geometry.nodeSize - 2 - 2 * record, offset, 2);
     }
 
-    /// What an index says of a node below it.
+    /// A record of an index node, which points to node `number`.
     static Bytes child(std::uint32_t number) {
         Bytes bytes = key(0, 0);
         append(bytes, number, 4);
         return bytes;
     }
 
-    /// What a leaf says of a file.
+    /// A leaf record: extents of a file.
     static Bytes extentsOf(std::uint32_t file, std::uint32_t startBlock, const Extents& extents) {
         Bytes bytes = key(file, startBlock);
         for (const auto& [first, count] : extents) {
@@ -121,7 +122,7 @@ public:
         return bytes;
     }
 
-    /// What a leaf says of the bitmap: its extents from one on, eight at most.
+    /// A leaf record: up to eight extents of the bitmap, starting with extent number `first`.
     [[nodiscard]] Bytes bitmapFrom(std::size_t first) const {
         const auto begin = geometry.bitmap.begin() + static_cast<std::ptrdiff_t>(first);
         const auto end = geometry.bitmap.begin() +
@@ -150,7 +151,7 @@ private:
             }
             byte -= length;
         }
-        return volume.size; // behind the end of the bitmap, where nobody reads
+        return volume.size; // past the end of the volume, where nothing is read
     }
 
     static std::uint32_t blocksOf(const Extents& extents) {

@@ -6,7 +6,7 @@
 
 namespace agent::test {
 
-/// A configuration of the one option that a copy asks for.
+/// A configuration that has only the one option that a copy reads.
 class HolePunchOption : public IConfig {
 public:
     void get(const std::string& key, bool& out) const override {

@@ -10,7 +10,7 @@
 
 namespace agent::test {
 
-/// What a shell command prints. A command that fails is an exception with its output.
+/// The output of a shell command. Throws std::runtime_error with the output if the command fails.
 inline std::string outputOf(const std::string& command) {
     core::script::UnixCommandStream stream(command, "", true);
     std::string output;
@@ -24,11 +24,14 @@ inline std::string outputOf(const std::string& command) {
     return output;
 }
 
-/// A file system of the kernel's own, in an image in memory that is mounted while the object lives. The loop
-/// device goes with the mount, and that at the latest with the test's namespace.
+/// A real kernel file system on an image file in memory, mounted while the object lives. The loop device is
+/// detached with the unmount, at the latest when the test's mount namespace ends.
+/// Owns:    the image, the mount and its loop device.
+/// Threads: one.
+/// Fails:   the constructor throws std::runtime_error if a command fails. A failed unmount is ignored.
 class LoopFileSystem {
 public:
-    /// `make` is the command that makes the file system in the image whose path is put behind it.
+    /// `make` is the command that makes the file system; the path of the image is appended to it.
     explicit LoopFileSystem(const std::string& make) : image(directory / "image"), root(directory / "root") {
         dir::make(root);
         outputOf("truncate -s 320M " + image);
@@ -46,7 +49,7 @@ public:
 
     [[nodiscard]] std::string path(const std::string& name) const { return root + "/" + name; }
 
-    /// Bytes of the image, as they are once all has been written to it.
+    /// Reads bytes of the image file.
     [[nodiscard]] std::string read(std::uint64_t offset, std::size_t length) const {
         std::ifstream file(image, std::ios::binary);
         std::string bytes(length, '\0');

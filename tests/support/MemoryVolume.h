@@ -14,9 +14,9 @@
 
 namespace agent::test {
 
-/// A volume in memory that takes room only for the pages that were written; the others read as zeros. Like a
-/// device it delivers less at its end. Places of it can be made unreadable, and it can be made to deliver too
-/// little; FaultyVolume makes one call fail.
+/// A volume in memory that stores only the pages that were written; all others read as zeros. Like a device,
+/// it returns short reads at its end. Ranges can be made unreadable, and all reads can be made short;
+/// FaultyVolume makes one call fail.
 class MemoryVolume : public core::IVolumeReader {
 public:
     struct Request {
@@ -37,14 +37,14 @@ public:
         }
     }
 
-    /// `width` bytes, the least significant first.
+    /// Writes `width` bytes, little-endian.
     void writeLittle(std::uint64_t offset, std::uint64_t value, unsigned width) {
         for (unsigned i = 0; i < width; ++i) {
             at(offset + i) = static_cast<std::uint8_t>(value >> (8 * i));
         }
     }
 
-    /// `width` bytes, the most significant first.
+    /// Writes `width` bytes, big-endian.
     void writeBig(std::uint64_t offset, std::uint64_t value, unsigned width) {
         for (unsigned i = 0; i < width; ++i) {
             at(offset + i) = static_cast<std::uint8_t>(value >> (8 * (width - 1 - i)));
@@ -74,14 +74,14 @@ public:
         return static_cast<std::int64_t>(position);
     }
 
-    /// Reads that touch [begin, end) fail from now on.
+    /// From now on, reads that touch [begin, end) fail.
     void failReads(std::uint64_t begin, std::uint64_t end) {
         failBegin = begin;
         failEnd = end;
     }
 
     std::uint64_t size;
-    std::uint64_t longest = UINT64_MAX; ///< that one read delivers
+    std::uint64_t longest = UINT64_MAX; ///< the most bytes that one read returns
     std::vector<Request> requests;      ///< all reads so far
 
 private:

@@ -15,14 +15,17 @@ namespace agent::test {
 inline const std::string busSocket = "/run/test-bus";
 inline const std::string busAddress = "unix:path=" + busSocket;
 
-/// Says where the system's bus is, for the whole program and before any test: libraries look only once. The
-/// tests have a bus there or not.
+/// Sets the address of the system bus for the whole program before the first test, since libraries read the
+/// address only once. Whether a bus listens there is up to each test.
 class BusAddress : public testing::Environment {
 public:
     void SetUp() override { ::setenv("DBUS_SYSTEM_BUS_ADDRESS", busAddress.c_str(), 1); }
 };
 
-/// A real message bus that lets everybody do everything, and starts no service by itself.
+/// A real message bus that allows every client everything and activates no services.
+/// Owns:    the dbus-daemon process and its configuration; the destructor kills the process.
+/// Threads: one.
+/// Fails:   the constructor throws std::runtime_error if the daemon doesn't listen within 20 seconds.
 class MessageBus {
 public:
     MessageBus() : daemon(command(directory / "bus.conf"), "", true) {

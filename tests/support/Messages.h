@@ -5,7 +5,8 @@
 
 namespace agent::test {
 
-/// The text of the exception that an action throws, if it is of the given type; otherwise what happened.
+/// The message of the exception that an action throws, if it has the given type; otherwise a text that says
+/// what happened instead.
 template <typename Exception>
 std::string messageOf(const std::function<void()>& action) {
     try {

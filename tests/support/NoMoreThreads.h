@@ -6,8 +6,8 @@
 
 namespace agent::test {
 
-/// While it lives, no thread can be made in this process: each would need a stack larger than the memory that
-/// a process can address.
+/// While an object exists, creating a thread fails in this process: the default stack size is larger than the
+/// address space.
 class NoMoreThreads {
 public:
     NoMoreThreads() {

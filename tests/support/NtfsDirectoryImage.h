@@ -9,10 +9,11 @@
 
 namespace agent::test {
 
-/// Directories in a volume of NTFS in memory. A node has its entries in the order in which they are given.
+/// Adds directories to an NTFS volume in memory. Entries of a node are written in the order in which they are
+/// given.
 class NtfsDirectoryImage : public NtfsImage {
 public:
-    using Child = std::optional<std::uint64_t>; ///< the VCN of a block
+    using Child = std::optional<std::uint64_t>; ///< the VCN of an index block
     struct Entry {
         std::u16string name;
         std::uint64_t record = 0;
@@ -26,12 +27,13 @@ public:
 
     using NtfsImage::NtfsImage;
 
-    /// A directory whose names are all in its record.
+    /// A directory whose entries are all in its index root.
     void setDirectory(std::uint64_t record, const Entries& entries) {
         setRecord(record, {indexRootOf(nodeOf(entries))});
     }
 
-    /// A directory with blocks in these runs; behind all names there is a child.
+    /// A directory with index blocks in these runs. The end entry of its root points to the block
+    /// `lastChild`.
     void setDirectory(std::uint64_t record, const Entries& entries, std::uint64_t lastChild,
                       const Runs& blocks, std::uint32_t blockSize = 4096) {
         setRecord(record, {indexRootOf(nodeOf(entries, lastChild), blockSize), indexAllocationOf(blocks)});
@@ -68,7 +70,7 @@ public:
         return attribute;
     }
 
-    /// A block of an index in clusters that follow each other.
+    /// Writes an index block to consecutive clusters.
     void setBlock(std::uint64_t cluster, std::uint64_t vcn, const Content& node,
                   std::uint32_t blockSize = 4096) {
         volume.write(cluster * clusterBytes, blockOf(vcn, node, blockSize));
@@ -77,7 +79,7 @@ public:
     static Content blockOf(std::uint64_t vcn, Content node, std::uint32_t blockSize = 4096) {
         const std::size_t sequence = 40;
         const std::size_t first = (sequence + 2UL * (blockSize / 512 + 1) + 7) / 8 * 8;
-        const std::size_t gap = first - sequence; // between the head of the node and its entries
+        const std::size_t gap = first - sequence; // between the node header and its entries
         put(node, 0, 16 + gap, 4);
         put(node, 4, node.size() + gap, 4);
         node.insert(node.begin() + 16, gap, 0);
@@ -88,14 +90,14 @@ public:
         put(block, 16, vcn, 8);
         block.insert(block.end(), node.begin(), node.end());
         block.resize(blockSize);
-        tear(block, sequence);
+        applyUpdateSequence(block, sequence);
         return block;
     }
 
 private:
     static Content entryOf(const Entry& entry) {
         Content bytes(16 + 66);
-        put(bytes, 0, entry.record | std::uint64_t{3} << 48U, 8); // with the record's sequence number
+        put(bytes, 0, entry.record | std::uint64_t{3} << 48U, 8); // with a sequence number in the upper bits
         put(bytes, 10, 66 + 2 * entry.name.size(), 2);
         put(bytes, 16 + 64, entry.name.size(), 1);
         for (const char16_t unit : entry.name) {
@@ -106,7 +108,7 @@ private:
         return bytes;
     }
 
-    /// Fills an entry up to a multiple of 8, adds the child, and says how long it is.
+    /// Pads an entry to a multiple of 8, appends the child's VCN, and sets the length and flags.
     static void finish(Content& entry, std::uint16_t flags, Child child) {
         entry.resize((entry.size() + 7) / 8 * 8);
         if (child) {

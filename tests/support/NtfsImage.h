@@ -10,8 +10,8 @@
 
 namespace agent::test {
 
-/// The structures of NTFS that tell which clusters are used, in a volume in memory: the boot sector, and a
-/// master file table with its own record and that of the bitmap. Used are the clusters of these.
+/// The on-disk structures of NTFS that say which clusters are used, in a volume in memory: the boot sector,
+/// and a master file table (MFT) with its own record and the bitmap's. Only the clusters of these are in use.
 class NtfsImage {
 public:
     struct Geometry {
@@ -24,7 +24,7 @@ public:
     using Runs = std::vector<Run>;
     using Content = std::vector<std::uint8_t>;
 
-    /// What is said of data whose clusters are listed.
+    /// Fields of a non-resident attribute.
     struct Data {
         std::uint64_t size = 1UL << 30U;
         std::uint64_t initialized = 1UL << 30U;
@@ -57,7 +57,7 @@ public:
         setBitmap({{mftLcn + table[0].second, (bytes + clusterBytes - 1) / clusterBytes}});
     }
 
-    /// As clusters where it is one or more of them, else as a power of two.
+    /// Stored as a number of clusters if at least one cluster long, else as a power of two.
     void setRecordSize(std::uint32_t bytes) {
         std::uint8_t exponent = 0;
         while (1U << exponent < bytes) {
@@ -66,13 +66,14 @@ public:
         volume.writeLittle(64, bytes >= clusterBytes ? bytes / clusterBytes : 0x100U - exponent, 1);
     }
 
-    /// Where the records are from now on; those that are there are not moved.
+    /// Sets where the MFT is from now on. Existing records are not moved.
     void setTable(const Runs& runs) {
         table = runs;
         setRecord(0, {dataOf(runs)});
     }
 
-    /// Where the bitmap is from now on. It has its own clusters, those of the table, and the boot sector's.
+    /// Sets where the bitmap is from now on. It marks its own clusters, those of the MFT, and the boot
+    /// sector's.
     void setBitmap(const Runs& runs) {
         bitmap = runs;
         setRecord(bitmapRecord, {dataOf(runs)});
@@ -80,21 +81,21 @@ public:
     }
 
     void useAll() {
-        use(0);
+        setUsed(0);
         for (const Runs& runs : {table, bitmap}) {
             for (const auto& [first, count] : runs) {
                 for (std::int64_t cluster = first; cluster < first + count; ++cluster) {
-                    use(static_cast<std::uint64_t>(cluster));
+                    setUsed(static_cast<std::uint64_t>(cluster));
                 }
             }
         }
     }
 
-    void use(std::uint64_t cluster) { byteOf(cluster) |= static_cast<std::uint8_t>(1U << (cluster % 8)); }
+    void setUsed(std::uint64_t cluster) { byteOf(cluster) |= static_cast<std::uint8_t>(1U << (cluster % 8)); }
     void free(std::uint64_t cluster) { byteOf(cluster) &= static_cast<std::uint8_t>(~(1U << (cluster % 8))); }
 
-    /// Writes a record with these attributes. One that knows its number is a new one; `base` is the record
-    /// that it is a part of.
+    /// Writes a record with these attributes. Newer NTFS versions store the record's number in it
+    /// (`knowsNumber`). `base` is the base record that this one extends.
     void setRecord(std::uint64_t number, const std::vector<Content>& attributes, std::uint64_t base = 0,
                    bool knowsNumber = true) {
         Content record(geometry.recordSize);
@@ -104,7 +105,7 @@ public:
         put(record, 6, geometry.recordSize / 512 + 1, 2);
         const std::size_t first = (sequence + 2 * (geometry.recordSize / std::size_t{512} + 1) + 7) / 8 * 8;
         put(record, 20, first, 2);
-        put(record, 32, base | std::uint64_t{9} << 48U, 8); // with the base's sequence number
+        put(record, 32, base | std::uint64_t{9} << 48U, 8); // with a sequence number in the upper bits
         if (knowsNumber) {
             put(record, 44, number, 4);
         }
@@ -116,22 +117,22 @@ public:
         if (position + 4 <= record.size()) {
             put(record, position, end, 4);
         }
-        tear(record, sequence);
+        applyUpdateSequence(record, sequence);
         volume.write(placeOf(number), record);
     }
 
-    /// Where a record is on the volume.
+    /// The offset of a record on the volume.
     [[nodiscard]] std::uint64_t placeOf(std::uint64_t record) const {
         return placeIn(table, record * geometry.recordSize);
     }
 
-    /// An attribute whose data are listed as these runs.
+    /// A non-resident data attribute with these runs.
     static Content dataOf(const Runs& runs) { return dataOf(runs, Data{}); }
     static Content dataOf(const Runs& runs, const Data& fields) {
         return withRunList(runListOf(runs), fields);
     }
 
-    /// The same with a list of runs as it is, the end of which is that of the attribute.
+    /// The same with the bytes of a run list as given. The attribute ends where the list ends.
     static Content withRunList(const Content& list) { return withRunList(list, Data{}); }
     static Content withRunList(const Content& list, const Data& fields) {
         Content attribute(64);
@@ -171,13 +172,13 @@ public:
             Content bytes(32);
             put(bytes, 0, entry.type, 4);
             put(bytes, 4, entry.length, 2);
-            put(bytes, 16, entry.record | std::uint64_t{7} << 48U, 8); // with the record's sequence number
+            put(bytes, 16, entry.record | std::uint64_t{7} << 48U, 8); // with a sequence number
             value.insert(value.end(), bytes.begin(), bytes.end());
         }
         return resident(attributeList, value);
     }
 
-    /// The bytes of a list of runs, filled up to a multiple of 8.
+    /// Encodes a run list, padded to a multiple of 8 bytes.
     static Content runListOf(const Runs& runs) {
         Content list;
         std::int64_t previous = 0;
@@ -199,8 +200,9 @@ public:
         }
     }
 
-    /// Puts the number of the update into the end of each sector.
-    static void tear(Content& record, std::size_t sequence) {
+    /// Applies the update sequence: saves the last two bytes of each sector in the array and replaces them by
+    /// the update sequence number.
+    static void applyUpdateSequence(Content& record, std::size_t sequence) {
         constexpr std::uint16_t update = 0x1234;
         put(record, sequence, update, 2);
         for (std::size_t sector = 1; sector * 512 <= record.size(); ++sector) {
@@ -218,7 +220,7 @@ public:
     Runs bitmap;
 
 private:
-    /// In as few bytes as hold it with its sign.
+    /// The shortest signed little-endian encoding.
     static Content number(std::int64_t value) {
         Content bytes;
         do {
@@ -236,7 +238,7 @@ private:
             }
             offset -= bytes;
         }
-        return volume.size + offset; // where nothing is read
+        return volume.size + offset; // past the end of the volume, where nothing is read
     }
 
     std::uint8_t& byteOf(std::uint64_t cluster) { return volume.at(placeIn(bitmap, cluster / 8)); }

@@ -9,17 +9,17 @@
 
 namespace agent::test {
 
-/// The number of descriptors that the process has open; the one that counting needs is always among them.
+/// The number of open file descriptors of the process. It always includes the descriptor that counting needs.
 inline std::size_t openDescriptors() {
     return dir::list("/proc/self/fd").size();
 }
 
-/// True if the process has no child at all, running or not reaped.
+/// True if the process has no children, neither running nor zombies.
 inline bool hasNoChildren() {
     return ::waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD;
 }
 
-/// Gives a signal another disposition until the object goes.
+/// Changes the disposition of a signal for as long as the object lives.
 class ScopedDisposition {
 public:
     ScopedDisposition(int signal, void (*handler)(int)) : signal(signal) {

@@ -6,7 +6,8 @@
 
 namespace agent::test {
 
-/// Expects that a copy of an iterator goes its own way. The three ranges are what the iterator has to give.
+/// Expects that a copy of an iterator advances independently. The ranges are the first three that the
+/// iterator yields.
 template <typename Iterator>
 void expectCopiesAdvanceAlone(Iterator iterator, const BlockRange& first, const BlockRange& second,
                               const BlockRange& third) {

@@ -9,8 +9,11 @@
 
 namespace agent::test {
 
-/// A logger that keeps what it is given. Lines are kept without their newline, and without the mark of their
-/// reason, which is kept apart. Safe from any thread.
+/// A logger that records its lines. Lines are stored without the newline and without the mark of their
+/// reason; reasons are stored separately.
+/// Owns:    the recorded lines; must outlive everything that logs to it.
+/// Threads: safe from any.
+/// Fails:   never.
 class RecordingLogger {
 public:
     struct Line {
@@ -27,7 +30,7 @@ public:
         return recorded;
     }
 
-    /// The codes of all reasons of this kind that were told, in their order.
+    /// The codes of all logged reasons of this kind, in order.
     [[nodiscard]] std::vector<std::string> codes(info::Reason::Kind kind) const {
         const std::lock_guard lock(mutex);
         std::vector<std::string> found;
@@ -39,7 +42,7 @@ public:
         return found;
     }
 
-    /// What the lines of this level say.
+    /// The texts of the lines of this level.
     [[nodiscard]] std::vector<std::string> texts(int level) const {
         std::vector<std::string> found;
         for (const Line& line : lines()) {
@@ -57,7 +60,7 @@ public:
         return std::count(recorded.begin(), recorded.end(), Line{level, text});
     }
 
-    /// True if a line of this level holds `part` anywhere.
+    /// True if a line of this level contains `part`.
     [[nodiscard]] bool hasPart(int level, const std::string& part) const {
         const std::lock_guard lock(mutex);
         return std::any_of(recorded.begin(), recorded.end(), [&](const Line& line) {
@@ -75,7 +78,7 @@ private:
     void record(const std::string& message, int level) {
         const std::lock_guard lock(mutex);
         std::string text = message.ends_with('\n') ? message.substr(0, message.size() - 1) : message;
-        if (const info::Reason* const reason = info::reasonOf(text)) {
+        if (const info::Reason* const reason = info::findReason(text)) {
             text.resize(text.size() - info::markOf(*reason).size());
             told.push_back(reason);
         }

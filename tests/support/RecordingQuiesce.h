@@ -8,7 +8,7 @@
 
 namespace agent::test {
 
-/// Runs no script, and keeps which were asked for: "name timeout pre" or "name timeout post".
+/// Records scripts instead of running them: "name timeout pre" or "name timeout post".
 class RecordingQuiesce : public core::script::IQuiesce {
 public:
     std::set<std::string> getScripts(const std::string& /*directory*/) override { return {}; }

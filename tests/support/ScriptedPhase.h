@@ -8,7 +8,7 @@
 
 namespace agent::test {
 
-/// A phase that does what the test says.
+/// A phase that runs a function of the test.
 class ScriptedPhase : public core::IPhase {
 public:
     explicit ScriptedPhase(std::string name, std::function<void()> action = {})

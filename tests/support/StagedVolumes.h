@@ -7,14 +7,14 @@
 
 namespace agent::test {
 
-/// The volumes of a machine, as the test finds them.
+/// A volume provider whose volumes the test sets.
 class StagedVolumes : public info::VolumeProvider {
 public:
     using VolumeProvider::VolumeProvider;
 
     [[nodiscard]] Volume getBackupableVolume(const std::string& uuid) const override { return find(uuid); }
 
-    /// The volume of a UUID, null for none; may throw.
+    /// Returns the volume with a UUID, or null if there is none; may throw.
     std::function<Volume(const std::string& uuid)> find = [](const std::string&) { return nullptr; };
 };
 

@@ -12,7 +12,10 @@
 
 namespace agent::test {
 
-/// A system log daemon of a test's own: listens at /dev/log, which is private in the tests' namespace.
+/// A test's own syslog daemon. It listens at /dev/log, which is private in the tests' mount namespace.
+/// Owns:    the socket and the path /dev/log.
+/// Threads: one.
+/// Fails:   the constructor throws std::runtime_error if it can't bind the socket.
 class SystemLog {
 public:
     SystemLog() : socket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)) {

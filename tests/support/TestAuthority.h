@@ -53,7 +53,7 @@ inline X509Certificate importCertificate(const std::string& pem) {
     return certificate;
 }
 
-/// Names a public key: that of a private key, of a request or of a certificate.
+/// The ID of a public key: that of a private key, a request or a certificate.
 template <typename Handle>
 std::string publicKeyOf(Handle* handle, int (*getter)(Handle*, unsigned, unsigned char*, std::size_t*)) {
     std::array<unsigned char, 64> digest{};
@@ -62,7 +62,10 @@ std::string publicKeyOf(Handle* handle, int (*getter)(Handle*, unsigned, unsigne
     return {digest.data(), digest.data() + size};
 }
 
-/// A certificate authority in memory, with a small key that is made quickly.
+/// A certificate authority in memory. Its key is small, so that it is generated quickly.
+/// Owns:    its key and certificate.
+/// Threads: one.
+/// Fails:   by std::runtime_error with the message of GnuTLS.
 class TestAuthority {
 public:
     TestAuthority() {
@@ -77,7 +80,7 @@ public:
 
     [[nodiscard]] std::string pem() const { return exportPem(authority.get()); }
 
-    /// A certificate for the subject and the key of a request.
+    /// Issues a certificate for the subject and the public key of a request.
     [[nodiscard]] std::string issue(const std::string& requestPem) const {
         const X509Certificate issued = makeGnuTls(&gnutls_x509_crt_init, &gnutls_x509_crt_deinit);
         requireGnuTls(gnutls_x509_crt_set_crq(issued.get(), importRequest(requestPem).get()));

@@ -24,7 +24,10 @@ inline void requireGnuTls(int result) {
     }
 }
 
-/// A private key of the test's own: 256 bits, elliptic curve.
+/// A private key for tests: elliptic curve, 256 bits.
+/// Owns:    the GnuTLS key.
+/// Threads: one.
+/// Fails:   by std::runtime_error with the message of GnuTLS.
 class TestKey {
 public:
     TestKey() {
@@ -45,7 +48,7 @@ public:
         return {reinterpret_cast<const char*>(text.data), text.size};
     }
 
-    /// What certificates call this key by.
+    /// The key ID as certificates store it.
     [[nodiscard]] std::string id() const {
         std::array<unsigned char, 64> bytes{};
         std::size_t size = bytes.size();
@@ -53,7 +56,7 @@ public:
         return {bytes.begin(), bytes.begin() + size};
     }
 
-    /// A signature with SHA-256.
+    /// Signs data with SHA-256.
     [[nodiscard]] std::string sign(const std::string& data) const {
         gnutls_privkey_t signer = nullptr;
         requireGnuTls(gnutls_privkey_init(&signer));
@@ -73,8 +76,8 @@ private:
     gnutls_x509_privkey_t key = nullptr;
 };
 
-/// What a certificate of the test's own is to say.
-struct CertificateWish {
+/// The contents of a test certificate.
+struct CertificateContents {
     struct Extension {
         std::string oid;
         std::string data;
@@ -95,33 +98,36 @@ inline std::string deviceTypeData(const std::string& text = "type:device", char 
     return std::string{tag, static_cast<char>(text.size())} + text;
 }
 
-/// An appliance that is as it should be.
-inline CertificateWish deviceWish(const std::string& commonName = "4711") {
-    CertificateWish wish;
-    wish.commonName = commonName;
-    wish.extensions = {{deviceTypeOid, deviceTypeData()}};
-    return wish;
+/// The contents of a valid appliance certificate.
+inline CertificateContents deviceContents(const std::string& commonName = "4711") {
+    CertificateContents contents;
+    contents.commonName = commonName;
+    contents.extensions = {{deviceTypeOid, deviceTypeData()}};
+    return contents;
 }
 
-/// A certificate (PEM) for the public half of `key`, which goes by its wish. Without an issuer, self-signed.
+/// A certificate (PEM) for the public half of `key`. Self-signed if there is no issuer.
+/// Owns:    the GnuTLS certificate.
+/// Threads: one.
+/// Fails:   by std::runtime_error with the message of GnuTLS.
 class TestCertificate {
 public:
-    TestCertificate(const TestKey& key, const CertificateWish& wish, const TestCertificate* issuer = nullptr,
-                    const TestKey* issuerKey = nullptr) {
+    TestCertificate(const TestKey& key, const CertificateContents& contents,
+                    const TestCertificate* issuer = nullptr, const TestKey* issuerKey = nullptr) {
         requireGnuTls(gnutls_x509_crt_init(&crt));
         requireGnuTls(gnutls_x509_crt_set_version(crt, 3));
         requireGnuTls(gnutls_x509_crt_set_serial(crt, "\x05", 1));
         requireGnuTls(gnutls_x509_crt_set_key(crt, key.get()));
-        requireGnuTls(gnutls_x509_crt_set_activation_time(crt, wish.activation));
-        requireGnuTls(gnutls_x509_crt_set_expiration_time(crt, wish.expiration));
-        setName(GNUTLS_OID_X520_ORGANIZATION_NAME, wish.organization);
-        setName(GNUTLS_OID_X520_ORGANIZATIONAL_UNIT_NAME, wish.organizationalUnit);
-        setName(GNUTLS_OID_X520_COMMON_NAME, wish.commonName);
-        for (const CertificateWish::Extension& extension : wish.extensions) {
+        requireGnuTls(gnutls_x509_crt_set_activation_time(crt, contents.activation));
+        requireGnuTls(gnutls_x509_crt_set_expiration_time(crt, contents.expiration));
+        setName(GNUTLS_OID_X520_ORGANIZATION_NAME, contents.organization);
+        setName(GNUTLS_OID_X520_ORGANIZATIONAL_UNIT_NAME, contents.organizationalUnit);
+        setName(GNUTLS_OID_X520_COMMON_NAME, contents.commonName);
+        for (const CertificateContents::Extension& extension : contents.extensions) {
             requireGnuTls(gnutls_x509_crt_set_extension_by_oid(
                 crt, extension.oid.c_str(), extension.data.data(), extension.data.size(), 0));
         }
-        if (wish.isAuthority) {
+        if (contents.isAuthority) {
             requireGnuTls(gnutls_x509_crt_set_basic_constraints(crt, 1, -1));
             setSubjectKey(key);
             requireGnuTls(gnutls_x509_crt_set_key_usage(crt, GNUTLS_KEY_KEY_CERT_SIGN));
@@ -151,7 +157,7 @@ private:
         requireGnuTls(gnutls_x509_crt_set_subject_key_id(crt, id.data(), id.size()));
     }
 
-    /// Names the key that vouches for this certificate, as every authority does.
+    /// Sets the ID of the issuer's key, as every certificate authority does.
     void setAuthorityKey(const TestKey& issuerKey) const {
         const std::string id = issuerKey.id();
         requireGnuTls(gnutls_x509_crt_set_authority_key_id(crt, id.data(), id.size()));
@@ -167,29 +173,33 @@ private:
     gnutls_x509_crt_t crt = nullptr;
 };
 
-/// An authority with its key.
+/// A certificate authority with its key.
 class DeviceAuthority {
 public:
-    explicit DeviceAuthority(const std::string& name = "Device-Agent CA") : own(key, wishOf(name)) {}
+    explicit DeviceAuthority(const std::string& name = "Device-Agent CA") : own(key, contentsOf(name)) {}
 
     [[nodiscard]] std::string pem() const { return own.pem(); }
-    [[nodiscard]] TestCertificate issue(const TestKey& subjectKey, const CertificateWish& wish) const {
-        return {subjectKey, wish, &own, &key};
+    [[nodiscard]] TestCertificate issue(const TestKey& subjectKey,
+                                        const CertificateContents& contents) const {
+        return {subjectKey, contents, &own, &key};
     }
 
 private:
-    static CertificateWish wishOf(const std::string& name) {
-        CertificateWish wish;
-        wish.commonName = name;
-        wish.isAuthority = true;
-        return wish;
+    static CertificateContents contentsOf(const std::string& name) {
+        CertificateContents contents;
+        contents.commonName = name;
+        contents.isAuthority = true;
+        return contents;
     }
 
     TestKey key;
     TestCertificate own;
 };
 
-/// A TLS session between two ends in this process, each with a certificate or without, that has been agreed.
+/// An established TLS session between two peers in this process, each with or without a certificate.
+/// Owns:    both GnuTLS sessions and their credentials.
+/// Threads: one.
+/// Fails:   the constructor throws std::runtime_error if the handshake fails.
 class TestSession {
 public:
     struct End {
@@ -213,7 +223,7 @@ public:
     [[nodiscard]] gnutls_session_t clientSession() const { return client.session; }
 
 private:
-    /// One end: what the other has sent to it lies in its inbox.
+    /// One peer. Its inbox holds what the other peer has sent.
     struct Peer {
         Peer() = default;
         Peer(const Peer&) = delete;
@@ -233,7 +243,7 @@ private:
                 requireGnuTls(gnutls_certificate_set_x509_key_mem(credentials, &certificate, &key,
                                                                   GNUTLS_X509_FMT_PEM));
             }
-            // No list of authorities has been made known: a client sends what it has all the same.
+            // The server announces no list of authorities, so the client sends the certificate that it has.
             requireGnuTls(gnutls_credentials_set(session, GNUTLS_CRD_CERTIFICATE, credentials));
             requireGnuTls(gnutls_priority_set_direct(session, "NORMAL:-VERS-ALL:+VERS-TLS1.2", nullptr));
             gnutls_transport_set_ptr(session, this);

@@ -11,7 +11,10 @@
 
 namespace agent::test {
 
-/// A real database in a directory of its own, with its tables.
+/// A real database with its tables, in a directory of its own.
+/// Owns:    the directory with the database file.
+/// Threads: the provider is safe from any; the rest is for one.
+/// Fails:   by std::runtime_error.
 class TestDatabase {
     TestDirectory directory;
     UUIDGenerator uuids;
@@ -19,14 +22,14 @@ class TestDatabase {
 public:
     TestDatabase() { provider.validateProvider(); }
 
-    /// Puts a directory where the file was: from here on no operation can open it.
+    /// Replaces the database file by a directory: from now on no operation can open it.
     void destroy() const {
         const Path file = directory / "agent.sqlite";
         file::remove(file);
         dir::make(file);
     }
 
-    /// The checksum of a volume, which must be of the type that the agent stores; throws for another.
+    /// The checksum of a volume. Throws if it isn't of the type that the agent stores.
     std::uint32_t storedChecksum(const std::string& uuid) {
         std::uint32_t checksum = 0;
         auto type = db::ChecksumType::gcrypt32crc;
@@ -37,7 +40,7 @@ public:
         return checksum;
     }
 
-    RecordingLogger log; ///< What the provider itself has to say.
+    RecordingLogger log; ///< what the provider logs
     db::DataProvider provider{log.logger, uuids, directory.path()};
 };
 

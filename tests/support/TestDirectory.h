@@ -11,7 +11,10 @@
 
 namespace agent::test {
 
-/// An empty directory of a test's own, removed with all that it holds.
+/// An empty directory for a test. The destructor removes it with its contents.
+/// Owns:    the directory and all that tests put there.
+/// Threads: one constructs and destroys it; `path` and `/` are safe from any.
+/// Fails:   the constructor throws PosixError. If the directory can't be removed, the program ends.
 class TestDirectory {
 public:
     TestDirectory() : location(dir::testing() / UUIDGenerator().generate()) { dir::make(location); }

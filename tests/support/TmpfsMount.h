@@ -9,7 +9,10 @@
 
 namespace agent::test {
 
-/// A file system in memory, mounted on a directory while the object lives.
+/// A tmpfs that is mounted on a directory while the object lives.
+/// Owns:    the mount; the destructor detaches it even if it is in use.
+/// Threads: one.
+/// Fails:   by PosixError, except in the destructor.
 class TmpfsMount {
 public:
     TmpfsMount(std::string path, const std::string& options) : path(std::move(path)) {

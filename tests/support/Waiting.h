@@ -6,7 +6,7 @@
 
 namespace agent::test {
 
-/// Polls until the condition holds. False if it doesn't within a time that only a hang exceeds.
+/// Polls until the condition holds. Returns false after a timeout that only a hang exceeds.
 inline bool eventually(const std::function<bool()>& condition) {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
     while (!condition()) {

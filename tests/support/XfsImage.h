@@ -8,8 +8,8 @@
 
 namespace agent::test {
 
-/// The structures of XFS that tell which blocks are free, in a volume in memory. A group starts with nothing
-/// free: an empty list, and an empty leaf in its block 16.
+/// The on-disk structures of XFS that say which blocks are free, in a volume in memory. Initially an
+/// allocation group has no free blocks: an empty free list, and an empty leaf in its block 16.
 class XfsImage {
 public:
     struct Geometry {
@@ -18,7 +18,7 @@ public:
         std::uint32_t agCount = 2;
         std::uint64_t totalBlocks = 2000;
         bool crc = true;
-        std::uint32_t sectorSize = 512; ///< of the file system; a device may have smaller ones
+        std::uint32_t sectorSize = 512; ///< of the file system; the device's sectors may be smaller
     };
     using Record = std::pair<std::uint32_t, std::uint32_t>; ///< first block of the group, and count
     using Records = std::vector<Record>;

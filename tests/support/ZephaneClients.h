@@ -16,9 +16,8 @@
 
 namespace zephane::test {
 
-/// What a client is made of, where a test doesn't say otherwise: image "image" 7 on this machine, to be
-/// written to.
-struct ClientChoice {
+/// Parameters of a client. By default it opens the image "image" 7 on this machine for writing.
+struct ClientParameters {
     std::uint16_t port = 0;
     std::uint64_t flags = wire::writableFlag;
     ClientPatience patience = {};
@@ -27,18 +26,18 @@ struct ClientChoice {
     bool hasFilters = true;
 };
 
-inline ZephaneFTPClient makeClient(const ClientChoice& choice) {
+inline ZephaneFTPClient makeClient(const ClientParameters& parameters) {
     auto socket = std::make_unique<BasicSocket>(std::make_unique<TLSTransport>("", ""));
-    if (choice.hasFilters) {
+    if (parameters.hasFilters) {
         socket->filters().reading.push_back(std::make_shared<Decompressor>());
         socket->filters().writing.push_back(std::make_shared<Compressor>());
     }
-    return {std::move(socket), choice.host,   choice.port,    "image", 7,
-            choice.flags,      choice.secret, choice.patience};
+    return {std::move(socket), parameters.host,   parameters.port,    "image", 7,
+            parameters.flags,  parameters.secret, parameters.patience};
 }
 
-/// Bytes that can't be compressed, the same for the same seed.
-inline std::vector<std::uint8_t> noise(std::size_t length, unsigned seed) {
+/// Bytes that can't be compressed; the same seed gives the same bytes.
+inline std::vector<std::uint8_t> randomBytes(std::size_t length, unsigned seed) {
     std::mt19937 generator(seed);
     std::vector<std::uint8_t> bytes(length);
     for (auto& byte : bytes) {

@@ -36,8 +36,8 @@ tcp::endpoint anyPort() {
 
 class ZephaneTestServer::Impl {
 public:
-    Impl(std::string engineSocket, ServerConduct conduct)
-        : engine(std::move(engineSocket)), conduct(std::move(conduct)), acceptor(io, anyPort()) {
+    Impl(std::string engineSocket, ServerBehavior behavior)
+        : engine(std::move(engineSocket)), behavior(std::move(behavior)), acceptor(io, anyPort()) {
         asio::co_spawn(io, accept(), asio::detached);
         thread = std::thread([this] { io.run(); });
     }
@@ -56,7 +56,7 @@ public:
     }
 
 private:
-    /// One connection, as long as its coroutine.
+    /// One connection; lives as long as its coroutine.
     struct Session {
         Session(tcp::socket socket, asio::ssl::context& context) : stream(std::move(socket), context) {}
 
@@ -81,25 +81,25 @@ private:
         session->relay =
             std::make_unique<Relay>(session->stream, filtersFor(granted), std::move(local),
                                     [this, &used](auto, auto payload) { answer(used, payload); });
-        if (conduct.sendsUnasked) {
+        if (behavior.sendsUnrequestedAnswer) {
             session->relay->send(wire::FrameKind::digestAnswer, wire::encode(wire::DigestAnswer{-EIO, {}}));
         }
         co_await session->relay->run();
     }
 
-    /// The flags; throws after a refusal, which ends the session.
+    /// Returns the granted flags. After a refusal it throws, which ends the session.
     asio::awaitable<std::uint64_t> admit(TlsStream& stream, wire::ServerHandshake& handshake) {
         const wire::Bytes hello = co_await readMessage(stream);
         const wire::Bytes reply = handshake.answer(hello, [this](const wire::ImageName& image) {
             const bool exists = image == wire::ImageName{"image", 7};
-            return exists ? std::optional(wire::ProofKey(conduct.secret)) : std::nullopt;
+            return exists ? std::optional(wire::ProofKey(behavior.secret)) : std::nullopt;
         });
         co_await stream.write(asio::buffer(reply));
         const wire::Bytes proof = co_await readMessage(stream);
         const bool isProven = handshake.check(proof);
         note(handshake.asked());
-        const std::uint64_t granted = handshake.asked().flags & conduct.grants;
-        const int refusal = isProven ? conduct.refusal : -EACCES;
+        const std::uint64_t granted = handshake.asked().flags & behavior.grants;
+        const int refusal = isProven ? behavior.refusal : -EACCES;
         const wire::Bytes verdict =
             refusal == 0 ? handshake.grant(granted) : wire::ServerHandshake::refuse(refusal, "not for you");
         co_await stream.write(asio::buffer(verdict));
@@ -124,34 +124,34 @@ private:
     void answer(Session& session, std::span<const std::uint8_t> payload) {
         ++asked;
         const wire::DigestRequest request = wire::decodeDigestRequest(payload);
-        if (!conduct.answersDigests) {
+        if (!behavior.answersDigests) {
             return;
         }
-        wire::DigestAnswer reply{conduct.digestCode, {}};
+        wire::DigestAnswer reply{behavior.digestCode, {}};
         if (reply.code == 0) {
             std::vector<std::uint8_t> data(request.length);
             NbdImage(engine).read(data, request.offset);
             reply.digests = wire::digestsOf(data);
         }
-        if (conduct.losesDigest) {
+        if (behavior.dropsLastDigest) {
             reply.digests.pop_back();
         }
         session.relay->send(wire::FrameKind::digestAnswer, wire::encode(reply));
     }
 
     const std::string engine;
-    const ServerConduct conduct;
+    const ServerBehavior behavior;
     std::atomic<std::size_t> asked{0};
     std::mutex mutex;
-    wire::ClientId client{}; ///< under the mutex
+    wire::ClientId client{}; ///< guarded by mutex
     asio::ssl::context context = serverContext();
     asio::io_context io{1};
     tcp::acceptor acceptor;
     std::thread thread;
 };
 
-ZephaneTestServer::ZephaneTestServer(std::string engineSocket, ServerConduct conduct)
-    : impl(std::make_unique<Impl>(std::move(engineSocket), std::move(conduct))) {}
+ZephaneTestServer::ZephaneTestServer(std::string engineSocket, ServerBehavior behavior)
+    : impl(std::make_unique<Impl>(std::move(engineSocket), std::move(behavior))) {}
 
 ZephaneTestServer::~ZephaneTestServer() = default;
 
@@ -202,6 +202,8 @@ private:
         }
     }
 
+    // Copies one direction of a connection. At the fault it either closes both sockets or keeps them open and
+    // copies no more.
     asio::awaitable<void> carry(std::shared_ptr<Link> link, bool isToClient) {
         tcp::socket& from = isToClient ? link->server : link->client;
         tcp::socket& to = isToClient ? link->client : link->server;
@@ -230,7 +232,7 @@ private:
     const NetworkFault fault;
     std::atomic<bool> failed{false};
     asio::io_context io{1};
-    std::vector<std::shared_ptr<Link>> held; ///< in silence
+    std::vector<std::shared_ptr<Link>> held; ///< connections kept open after a silent fault
     tcp::acceptor acceptor;
     std::thread thread;
 };

@@ -10,31 +10,34 @@
 
 namespace zephane::test {
 
-/// What a server does, where it isn't what every server does.
-struct ServerConduct {
+/// How the server behaves; the defaults are those of a correct server.
+struct ServerBehavior {
     std::string secret = "a secret";
     std::uint64_t grants = wire::compareFlag | wire::compressionFlag | wire::writableFlag;
-    /// Sent in place of a grant, if it isn't 0.
+    /// The error code that is sent in place of a grant, unless it is 0.
     std::int32_t refusal = 0;
-    /// What digests are answered with, if it isn't 0.
+    /// The error code that digest requests are answered with, unless it is 0.
     std::int32_t digestCode = 0;
-    bool losesDigest = false;   ///< answers with one less than there are
-    bool answersDigests = true; ///< or never
-    bool sendsUnasked = false;  ///< a digest answer that nobody has asked for, first of all
+    bool dropsLastDigest = false;        ///< answers with one digest too few
+    bool answersDigests = true;          ///< if false, digest requests get no answer
+    bool sendsUnrequestedAnswer = false; ///< first sends a digest answer that wasn't requested
 };
 
-/// A server for image "image" 7 in front of an engine, for clients in the same process.
+/// A server for the image "image" 7, in front of an NBD server, for clients in the same process.
 /// Owns:    a thread; destroying the object ends all connections.
+/// Threads: safe from any.
+/// Fails:   the constructor throws std::system_error if there is no free port. An error in a connection ends
+///          that connection.
 class ZephaneTestServer {
 public:
-    explicit ZephaneTestServer(std::string engineSocket, ServerConduct conduct = {});
+    explicit ZephaneTestServer(std::string engineSocket, ServerBehavior behavior = {});
     ZephaneTestServer(const ZephaneTestServer&) = delete;
     ZephaneTestServer& operator=(const ZephaneTestServer&) = delete;
     ~ZephaneTestServer();
 
     [[nodiscard]] std::uint16_t port() const;
     [[nodiscard]] std::size_t digestRequests() const;
-    /// Of the last connection.
+    /// The client ID of the last connection.
     [[nodiscard]] wire::ClientId lastClient() const;
 
 private:
@@ -42,15 +45,18 @@ private:
     std::unique_ptr<Impl> impl;
 };
 
-/// What a network does to a connection.
+/// A fault in a connection.
 struct NetworkFault {
     std::size_t afterBytes = 0;
-    bool isToClient = false; ///< counted there; to the server otherwise
-    bool isSilent = false;   ///< nothing arrives any more; both connections are cut otherwise
+    bool isToClient = false; ///< the direction in which bytes are counted: to the client or to the server
+    bool isSilent = false;   ///< if true, no more data arrives; otherwise both connections are closed
 };
 
-/// A network between clients and a server.
+/// A proxy between clients and a server that injects a fault.
 /// Owns:    a thread; destroying the object ends all connections.
+/// Threads: safe from any.
+/// Fails:   the constructor throws std::system_error if there is no free port. An error in a connection ends
+///          that connection.
 class ZephaneTestNetwork {
 public:
     ZephaneTestNetwork(std::uint16_t serverPort, NetworkFault fault);
@@ -59,7 +65,7 @@ public:
     ~ZephaneTestNetwork();
 
     [[nodiscard]] std::uint16_t port() const;
-    /// Whether the fault has come.
+    /// Whether the fault has happened.
     [[nodiscard]] bool hasFailed() const;
 
 private:

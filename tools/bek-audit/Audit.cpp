@@ -30,7 +30,7 @@ using restore::pageBytes;
 using Clock = std::chrono::steady_clock;
 using Kind = restore::ImageAddress::Kind;
 
-/// A backup waits for so long, and longer, before it gives up.
+/// Limit for one audit. A backup waits longer than this for an audit to end before it gives up.
 constexpr std::chrono::seconds longestSession{600};
 
 std::string canonical(const std::string& path) {
@@ -54,8 +54,8 @@ std::shared_ptr<BackupableVolume> findVolume(agent::info::Logger& logger, const 
     return found.front();
 }
 
-/// Connections that can be had without asking anybody for the secret twice.
-std::size_t laneCount(const restore::ImageAddress& address, const restore::SecretSource& secret) {
+/// How many connections to open to the image. Only one if each would ask the administrator for the secret.
+std::size_t readerCount(const restore::ImageAddress& address, const restore::SecretSource& secret) {
     constexpr std::size_t local = 8;
     constexpr std::size_t remote = 4;
     if (address.kind == Kind::file) {
@@ -63,19 +63,19 @@ std::size_t laneCount(const restore::ImageAddress& address, const restore::Secre
     }
     const bool isAsked =
         address.wantsSecret() && !secret.file && std::getenv(restore::secretVariable) == nullptr;
-    return address.kind == Kind::zephane || isAsked ? 1 : remote; // zephaned has but a few sessions an image
+    return address.kind == Kind::zephane || isAsked ? 1 : remote; // zephaned allows few sessions per image
 }
 
-std::vector<Lane> openLanes(agent::info::Logger& logger, const Request& request) {
+std::vector<ReaderPair> openReaders(agent::info::Logger& logger, const Request& request) {
     restore::ImageAddress address = restore::parseImageAddress(request.image);
     if (request.offset != 0) {
         address.offset = request.offset;
     }
-    std::vector<Lane> lanes(laneCount(address, request.secret));
-    for (Lane& lane : lanes) {
-        lane.image = restore::openImage(logger, address, request.secret);
+    std::vector<ReaderPair> readers(readerCount(address, request.secret));
+    for (ReaderPair& pair : readers) {
+        pair.image = restore::openImage(logger, address, request.secret);
     }
-    return lanes;
+    return readers;
 }
 
 void requireWhole(const restore::IImage& image, const BackupableVolume& volume) {
@@ -92,10 +92,10 @@ public:
     Audit(agent::info::Logger& logger, const Request& request)
         : logger(logger),
           request(request),
-          lanes(openLanes(logger, request)),
+          readers(openReaders(logger, request)),
           volume(findVolume(logger, request.volume)),
           interrupt(longestSession) {
-        requireWhole(*lanes.front().image, *volume);
+        requireWhole(*readers.front().image, *volume);
     }
 
     Result run() {
@@ -112,7 +112,7 @@ public:
         if (session.isTracked()) {
             compareUnchanged(session, places.at(indexOf(Stratum::unchanged)), result);
         } else {
-            result.findings.at(indexOf(Stratum::unchanged)).notLookedAt = session.whyUntracked();
+            result.findings.at(indexOf(Stratum::unchanged)).skipReason = session.whyUntracked();
         }
         closeSnapshot();
         session.end();
@@ -120,6 +120,8 @@ public:
     }
 
 private:
+    /// Builds the same layers as a backup of this snapshot. Throws if a backup couldn't leave out unused
+    /// blocks.
     Strata strataOf(const Session& session, agent::core::backup::VolumeReader& reader) {
         const agent::core::block::BlockRangeProviderFactory factory(logger, volume);
         auto map =
@@ -162,8 +164,8 @@ private:
         return places;
     }
 
-    /// What is in use to the kernel and unused to the agent would be missing in the image. Where the kernel
-    /// doesn't tell of free space, the files are asked.
+    /// A block that the kernel counts as used and the agent as unused would be missing in the image. If the
+    /// kernel doesn't report free space, the extents of the files decide.
     void lookAtUnused(const Session& session, agent::core::backup::VolumeReader& reader,
                       const std::vector<std::uint64_t>& pages, Result& result) {
         const auto begin = Clock::now();
@@ -171,20 +173,20 @@ private:
         KernelSpace space(session.mountPoint());
         FreeLists freeLists(reader);
         std::vector<std::uint64_t> inUse;
-        std::vector<std::uint64_t> untold;
+        std::vector<std::uint64_t> unclassified;
         for (std::size_t index = 0; index < pages.size(); ++index) {
             interrupt.check();
             const std::uint64_t offset = pages[index] * pageBytes;
-            const std::optional<bool> told = space.isInUse(offset);
-            if (!told) {
-                untold.push_back(pages[index]);
-            } else if (*told && !freeLists.hasBlockAt(offset)) {
+            const std::optional<bool> answer = space.isInUse(offset);
+            if (!answer) {
+                unclassified.push_back(pages[index]);
+            } else if (*answer && !freeLists.hasBlockAt(offset)) {
                 inUse.push_back(pages[index]);
             }
             show("unused blocks", index + 1, pages.size());
         }
-        const FoundOwners owners = askFiles(session, inUse, untold);
-        for (const std::uint64_t page : untold) {
+        const FoundOwners owners = askFiles(session, inUse, unclassified);
+        for (const std::uint64_t page : unclassified) {
             const auto owner = owners.byPage.find(page);
             if (owner != owners.byPage.end() && owner->second.isWritten) {
                 inUse.push_back(page);
@@ -206,16 +208,16 @@ private:
         return pages.empty() || root.empty() ? owners : findOwners(root, pages, interrupt);
     }
 
-    /// What has not changed since the last backup has to be in the image as it is. Space that was set aside
-    /// for a file and never written comes into use without a write: its content is nobody's.
+    /// A block that has not changed since the last backup must be equal in the image. Unwritten extents are
+    /// excepted: preallocation makes their blocks used without a write, so their content doesn't matter.
     void compareUnchanged(const Session& session, const std::vector<std::uint64_t>& pages, Result& result) {
         const auto begin = Clock::now();
         Findings& findings = result.findings.at(indexOf(Stratum::unchanged));
-        for (Lane& lane : lanes) {
-            lane.snapshot = std::make_unique<restore::FileImage>(session.snapshot().snapshotPath, 0);
+        for (ReaderPair& pair : readers) {
+            pair.snapshot = std::make_unique<restore::FileImage>(session.snapshot().snapshotPath, 0);
         }
         std::vector<std::uint64_t> differing =
-            findDiffering(lanes, pages, interrupt,
+            findDiffering(readers, pages, interrupt,
                           [&](std::uint64_t done) { show("unchanged blocks", done, pages.size()); });
         findings.seconds = std::chrono::duration<double>(Clock::now() - begin).count();
         const FoundOwners owners = askFiles(session, differing, {});
@@ -224,7 +226,7 @@ private:
             const auto owner = owners.byPage.find(page);
             return owner != owners.byPage.end() && !owner->second.isWritten;
         });
-        findings.setAside = all - differing.size();
+        findings.neverWritten = all - differing.size();
         note(findings, differing, owners);
     }
 
@@ -241,16 +243,16 @@ private:
         progress.show(what, done * pageBytes, all * pageBytes);
     }
 
-    /// A snapshot that somebody has open can't be ended.
+    /// A snapshot can't be ended while a descriptor of it is open.
     void closeSnapshot() {
-        for (Lane& lane : lanes) {
-            lane.snapshot.reset();
+        for (ReaderPair& pair : readers) {
+            pair.snapshot.reset();
         }
     }
 
     agent::info::Logger& logger;
     const Request& request;
-    std::vector<Lane> lanes;
+    std::vector<ReaderPair> readers;
     std::shared_ptr<BackupableVolume> volume;
     Interrupt interrupt;
     tools::Progress progress = tools::Progress::ofStandardError();
@@ -266,9 +268,9 @@ double Findings::bound(double confidence) const {
     return upperBound(bad, sampled, confidence);
 }
 
-/// The doubt is shared out among the strata, so that their bounds hold together.
+/// Each stratum gets an equal part of the error probability, so that all bounds hold together.
 double Result::bound(double confidence) const {
-    const auto isKnown = [](const Findings& each) { return each.notLookedAt.empty() && each.population > 0; };
+    const auto isKnown = [](const Findings& each) { return each.skipReason.empty() && each.population > 0; };
     const auto count = static_cast<double>(std::ranges::count_if(findings, isKnown));
     double all = 0;
     double wrong = 0;

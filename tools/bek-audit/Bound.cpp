@@ -6,22 +6,22 @@ namespace audit {
 
 namespace {
 
-/// Away from 0, by which is divided.
-double kept(double value) {
+/// Keeps a divisor away from 0.
+double awayFromZero(double value) {
     constexpr double smallest = 1e-300;
     return std::abs(value) < smallest ? smallest : value;
 }
 
-/// By the method of Lentz; it converges fast below the mean.
+/// Evaluates the fraction by Lentz's method, which converges fast below the mean.
 double continuedFraction(double a, double b, double x) {
     constexpr int mostTerms = 100000;
     constexpr double accuracy = 1e-15;
     double c = 1;
-    double d = 1 / kept(1 - (a + b) * x / (a + 1));
+    double d = 1 / awayFromZero(1 - (a + b) * x / (a + 1));
     double value = d;
     const auto step = [&](double factor) {
-        d = 1 / kept(1 + factor * d);
-        c = kept(1 + factor / c);
+        d = 1 / awayFromZero(1 + factor * d);
+        c = awayFromZero(1 + factor / c);
         value *= c * d;
         return std::abs(c * d - 1) < accuracy;
     };

@@ -1,13 +1,13 @@
 #include "Comparison.h"
 
 #include "os/AlignedBuffer.h"
+#include "os/Mutex.h"
 #include "tools/restore/Pieces.h"
 
 #include <algorithm>
 #include <cstring>
 #include <exception>
 #include <future>
-#include <mutex>
 
 namespace audit {
 
@@ -31,38 +31,39 @@ std::vector<Piece> piecesOf(const std::vector<std::uint64_t>& pages) {
     return pieces;
 }
 
-/// The work of all lanes, each of which takes the next piece when it is done with one.
+/// The work that all threads share. Each thread takes the next piece when it has finished one.
 class Work {
 public:
     Work(std::vector<Piece> pieces, const Interrupt& interrupt,
          const std::function<void(std::uint64_t done)>& progress)
         : pieces(std::move(pieces)), interrupt(interrupt), progress(progress) {}
 
-    void run(const Lane& lane) {
+    void run(const ReaderPair& pair) {
         os::AlignedBuffer one(restore::largestPiece, pageBytes);
         os::AlignedBuffer other(restore::largestPiece, pageBytes);
         try {
             while (const Piece* const piece = next()) {
                 interrupt.check();
-                lane.snapshot->read({one.data(), piece->whole.length}, piece->whole.begin);
-                lane.image->read({other.data(), piece->whole.length}, piece->whole.begin);
+                pair.snapshot->read({one.data(), piece->whole.length}, piece->whole.begin);
+                pair.image->read({other.data(), piece->whole.length}, piece->whole.begin);
                 note(*piece, one.data(), other.data());
             }
         } catch (...) {
-            const std::lock_guard lock(mutex);
-            position = pieces.size(); // the others need not go on
+            const os::Lock lock(mutex);
+            position = pieces.size(); // the other threads can stop
             throw;
         }
     }
 
     std::vector<std::uint64_t> differing() {
+        const os::Lock lock(mutex);
         std::ranges::sort(found);
         return std::move(found);
     }
 
 private:
     const Piece* next() {
-        const std::lock_guard lock(mutex);
+        const os::Lock lock(mutex);
         return position < pieces.size() ? &pieces[position++] : nullptr;
     }
 
@@ -76,7 +77,7 @@ private:
                 }
             }
         }
-        const std::lock_guard lock(mutex);
+        const os::Lock lock(mutex);
         found.insert(found.end(), different.begin(), different.end());
         done += piece.used() / pageBytes;
         progress(done);
@@ -85,22 +86,22 @@ private:
     const std::vector<Piece> pieces;
     const Interrupt& interrupt;
     const std::function<void(std::uint64_t done)>& progress;
-    std::mutex mutex;
-    std::size_t position = 0;         // the piece that is next; guarded by the mutex, as is what follows
-    std::uint64_t done = 0;           // pages
-    std::vector<std::uint64_t> found; // pages
+    os::Mutex mutex;
+    std::size_t position GUARDED_BY(mutex) = 0;         // index of the next piece
+    std::uint64_t done GUARDED_BY(mutex) = 0;           // pages
+    std::vector<std::uint64_t> found GUARDED_BY(mutex); // pages
 };
 
 } // namespace
 
-std::vector<std::uint64_t> findDiffering(const std::vector<Lane>& lanes,
+std::vector<std::uint64_t> findDiffering(const std::vector<ReaderPair>& readers,
                                          const std::vector<std::uint64_t>& pages, const Interrupt& interrupt,
                                          const std::function<void(std::uint64_t done)>& progress) {
     Work work(piecesOf(pages), interrupt, progress);
     std::vector<std::future<void>> running;
-    running.reserve(lanes.size());
-    for (const Lane& lane : lanes) {
-        running.push_back(std::async(std::launch::async, [&work, &lane] { work.run(lane); }));
+    running.reserve(readers.size());
+    for (const ReaderPair& pair : readers) {
+        running.push_back(std::async(std::launch::async, [&work, &pair] { work.run(pair); }));
     }
     std::exception_ptr failure;
     for (std::future<void>& each : running) {

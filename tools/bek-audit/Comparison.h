@@ -10,16 +10,17 @@
 
 namespace audit {
 
-/// A connection to each of what is compared. Several of them are read at the same time.
-struct Lane {
+/// The connections of one thread: one to the snapshot and one to the image. Several threads compare in
+/// parallel, each with its own pair.
+struct ReaderPair {
     std::unique_ptr<restore::IImage> snapshot;
     std::unique_ptr<restore::IImage> image;
 };
 
-/// Which pages of 4096 bytes differ; `pages` ascend, and so does what is returned. They are read in their
-/// order, those that lie close together at once. `progress` is told how many are done, by one thread at a
-/// time. Throws what reads and `interrupt` throw.
-std::vector<std::uint64_t> findDiffering(const std::vector<Lane>& lanes,
+/// Returns the pages of 4096 bytes that differ, ascending; `pages` must ascend. Pages are read in order, and
+/// neighbouring ones in one read. `progress` gets the number of pages done; its calls never overlap. Throws
+/// what the reads and `interrupt` throw.
+std::vector<std::uint64_t> findDiffering(const std::vector<ReaderPair>& readers,
                                          const std::vector<std::uint64_t>& pages, const Interrupt& interrupt,
                                          const std::function<void(std::uint64_t done)>& progress);
 

@@ -6,7 +6,7 @@
 
 namespace audit {
 
-/// By the method of Floyd, whose memory goes by what is drawn.
+/// Floyd's algorithm, whose memory grows with `count` and not with `population`.
 std::vector<std::uint64_t> draw(std::uint64_t population, std::uint64_t count, RandomSource& source) {
     if (count >= population) {
         std::vector<std::uint64_t> all(population);

@@ -20,11 +20,11 @@ namespace fs = std::filesystem;
 using restore::pageBytes;
 
 constexpr std::uint32_t extentsAtOnce = 512;
-/// Of these the kernel doesn't know a place.
-constexpr std::uint32_t nowhere = FIEMAP_EXTENT_UNKNOWN | FIEMAP_EXTENT_DELALLOC;
+/// Flags of extents without a known physical location.
+constexpr std::uint32_t noLocationFlags = FIEMAP_EXTENT_UNKNOWN | FIEMAP_EXTENT_DELALLOC;
 
-/// A stretch of a file, in bytes.
-struct Stretch {
+/// A part of a file that is contiguous on the volume, in bytes.
+struct FileExtent {
     std::uint64_t inFile = 0;
     std::uint64_t onVolume = 0;
     std::uint64_t length = 0;
@@ -44,13 +44,13 @@ public:
             found.isComplete = false;
             return;
         }
-        if (S_ISDIR(status.st_mode)) { // few file systems tell
+        if (S_ISDIR(status.st_mode)) { // few file systems support FIEMAP for directories
             size = ~std::uint64_t{0};
-            askExtents(file.get(), shown);
+            noteByFiemap(file.get(), shown);
             return;
         }
         size = static_cast<std::uint64_t>(status.st_size);
-        if (!askExtents(file.get(), shown) && !askBlocks(file.get(), shown)) {
+        if (!noteByFiemap(file.get(), shown) && !noteByFibmap(file.get(), shown)) {
             found.isComplete = false;
         }
     }
@@ -58,8 +58,8 @@ public:
     FoundOwners found;
 
 private:
-    /// False if the file system doesn't tell.
-    bool askExtents(int file, const std::string& shown) {
+    /// Returns false if the file system doesn't support FIEMAP.
+    bool noteByFiemap(int file, const std::string& shown) {
         for (std::uint64_t next = 0;;) {
             os::ExtentRequest request(extentsAtOnce);
             request.header().fm_start = next;
@@ -70,7 +70,7 @@ private:
             const std::uint32_t count = std::min(request.header().fm_mapped_extents, extentsAtOnce);
             for (std::uint32_t index = 0; index < count; ++index) {
                 const fiemap_extent extent = request.extent(index);
-                if ((extent.fe_flags & nowhere) == 0) {
+                if ((extent.fe_flags & noLocationFlags) == 0) {
                     note({extent.fe_logical, extent.fe_physical, extent.fe_length,
                           (extent.fe_flags & FIEMAP_EXTENT_UNWRITTEN) == 0},
                          shown);
@@ -84,9 +84,8 @@ private:
         }
     }
 
-    /// Block by block, as file systems do it that are older than extents. Blocks have numbers of 32 bits
-    /// there.
-    bool askBlocks(int file, const std::string& shown) {
+    /// Asks for each block by FIBMAP, for file systems older than extents. Their block numbers have 32 bits.
+    bool noteByFibmap(int file, const std::string& shown) {
         int blockSize = 0;
         if (::ioctl(file, FIGETBSZ, &blockSize) != 0 || blockSize <= 0) {
             return false;
@@ -105,14 +104,14 @@ private:
         return true;
     }
 
-    void note(const Stretch& stretch, const std::string& shown) {
-        const std::uint64_t end = stretch.onVolume + stretch.length;
-        auto page = std::ranges::lower_bound(pages, stretch.onVolume / pageBytes);
+    void note(const FileExtent& extent, const std::string& shown) {
+        const std::uint64_t end = extent.onVolume + extent.length;
+        auto page = std::ranges::lower_bound(pages, extent.onVolume / pageBytes);
         for (; page != pages.end() && *page * pageBytes < end; ++page) {
-            const std::uint64_t into = *page * pageBytes - std::min(*page * pageBytes, stretch.onVolume);
-            const bool isWritten = stretch.isWritten && stretch.inFile + into < size;
+            const std::uint64_t into = *page * pageBytes - std::min(*page * pageBytes, extent.onVolume);
+            const bool isWritten = extent.isWritten && extent.inFile + into < size;
             Owner& owner = found.byPage.try_emplace(*page, Owner{shown, false}).first->second;
-            if (isWritten && !owner.isWritten) { // it counts if it is so for one of those that share the page
+            if (isWritten && !owner.isWritten) { // of files that share a page, one that has written it wins
                 owner = {shown, true};
             }
         }
@@ -120,7 +119,7 @@ private:
 
     const std::vector<std::uint64_t>& pages;
     const Interrupt& interrupt;
-    std::uint64_t size = 0; // of the file that is looked at
+    std::uint64_t size = 0; // of the file being examined
 };
 
 } // namespace

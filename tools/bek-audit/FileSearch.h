@@ -10,20 +10,21 @@
 
 namespace audit {
 
-/// Whose a page of a volume is.
+/// The file or directory that a page of a volume belongs to.
 struct Owner {
     std::string path;      ///< below the root of the file system
-    bool isWritten = true; ///< not set aside for a file without ever having been written, nor behind its end
+    bool isWritten = true; ///< false for unwritten preallocated space, or beyond the file's end
 };
 
 struct FoundOwners {
-    std::map<std::uint64_t, Owner> byPage; ///< those that belong to a file or a directory
-    /// Whether all files told where they lie: if so, what belongs to none holds the content of none.
+    std::map<std::uint64_t, Owner> byPage; ///< pages that belong to a file or a directory
+    /// Whether the blocks of every file are known. If so, a page without an owner holds no file's content.
     bool isComplete = true;
 };
 
-/// Asks every file and directory below the root of a mounted file system where it lies. `pages` of 4096 bytes
-/// of the volume ascend. Throws what `interrupt` does, and std::runtime_error if a directory can't be read.
+/// Looks for the owners of `pages` (of 4096 bytes, ascending) in the block lists of all files and directories
+/// below `root`, the root of a mounted file system. Throws what `interrupt` throws, and std::runtime_error if
+/// a directory can't be read.
 FoundOwners findOwners(const std::string& root, const std::vector<std::uint64_t>& pages,
                        const Interrupt& interrupt);
 

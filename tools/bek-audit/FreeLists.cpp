@@ -17,10 +17,10 @@ using agent::core::fs::bigEndian;
 constexpr std::uint64_t largestSector = 32768;
 constexpr std::size_t alignment = 4096;
 
-/// Empty if that can't be read.
+/// Returns an empty vector if the bytes can't be read.
 std::vector<std::uint8_t> readAt(agent::core::IVolumeReader& reader, std::uint64_t offset,
                                  std::uint64_t bytes) {
-    // Direct reads want whole pages.
+    // Direct I/O needs offsets and lengths of whole pages.
     const std::uint64_t begin = offset / alignment * alignment;
     const std::uint64_t length = (offset + bytes - begin + alignment - 1) / alignment * alignment;
     os::AlignedBuffer buffer(length, alignment);
@@ -42,7 +42,8 @@ FreeLists::FreeLists(agent::core::IVolumeReader& reader) : reader(reader) {
     }
     groupBlocks = bigEndian<std::uint32_t>(block, super::agBlocks);
     sectorSize = bigEndian<std::uint16_t>(block, super::sectorSize);
-    hasHeader = (bigEndian<std::uint16_t>(block, super::version) & super::versionMask) == super::versionCrc;
+    hasCrcHeader =
+        (bigEndian<std::uint16_t>(block, super::version) & super::versionMask) == super::versionCrc;
     const bool isSound = groupBlocks > 0 && sectorSize >= layout::agf::size && sectorSize <= largestSector;
     blockSize = isSound ? bigEndian<std::uint32_t>(block, super::blockSize) : 0;
 }
@@ -53,14 +54,14 @@ bool FreeLists::hasBlockAt(std::uint64_t offset) {
     }
     const std::uint64_t block = offset / blockSize;
     const auto group = static_cast<std::uint32_t>(block / groupBlocks);
-    if (known != group) {
+    if (cachedGroup != group) {
         list = read(group);
-        known = group;
+        cachedGroup = group;
     }
     return std::ranges::find(list, block % groupBlocks) != list.end();
 }
 
-/// The list is a ring.
+/// The free list on disk is a ring buffer.
 std::vector<std::uint32_t> FreeLists::read(std::uint32_t group) {
     namespace agf = layout::agf;
     namespace agfl = layout::agfl;
@@ -70,7 +71,7 @@ std::vector<std::uint32_t> FreeLists::read(std::uint32_t group) {
     if (info.empty() || ring.empty() || bigEndian<std::uint32_t>(info, agf::magic) != agf::magicValue) {
         return {};
     }
-    const std::size_t before = hasHeader ? agfl::crcHeader : 0;
+    const std::size_t before = hasCrcHeader ? agfl::crcHeader : 0;
     const std::size_t entries = (sectorSize - before) / sizeof(std::uint32_t);
     const std::size_t first = bigEndian<std::uint32_t>(info, agf::flFirst);
     const std::size_t count = std::min<std::size_t>(bigEndian<std::uint32_t>(info, agf::flCount), entries);

@@ -8,12 +8,11 @@
 
 namespace audit {
 
-/// Whether a block stands on the free list of its allocation group of an XFS file system, by which the group
-/// keeps some blocks at hand for its trees: to the kernel they are no free space, and there is nothing in
-/// them.
-/// Owns:    nothing; the reader must outlive it.
+/// Tells whether a block is on the free list (AGFL) of its XFS allocation group, where the group keeps a few
+/// blocks in reserve for its B-trees. The kernel doesn't report these blocks as free, but they hold no data.
+/// Owns:    nothing; the reader must outlive this object.
 /// Threads: one at a time.
-/// Fails:   what can't be read is on no list.
+/// Fails:   a list that can't be read counts as empty.
 class FreeLists {
 public:
     explicit FreeLists(agent::core::IVolumeReader& reader);
@@ -24,11 +23,11 @@ private:
     std::vector<std::uint32_t> read(std::uint32_t group);
 
     agent::core::IVolumeReader& reader;
-    std::uint32_t blockSize = 0; // 0 for what isn't XFS
+    std::uint32_t blockSize = 0; // 0 if the volume isn't XFS
     std::uint64_t groupBlocks = 0;
     std::uint64_t sectorSize = 0;
-    bool hasHeader = false;
-    std::optional<std::uint32_t> known; // the group whose list this is
+    bool hasCrcHeader = false;
+    std::optional<std::uint32_t> cachedGroup; // the group whose free list `list` is
     std::vector<std::uint32_t> list;
 };
 

@@ -11,7 +11,7 @@ namespace audit {
 
 namespace {
 
-// A handler has nothing else to write to.
+// A signal handler can only write to a global.
 std::atomic<int> caught = 0; // NOLINT(cppcoreguidelines-avoid-non-const-global-variables)
 static_assert(std::atomic<int>::is_always_lock_free);
 

@@ -4,11 +4,11 @@
 
 namespace audit {
 
-/// What ends an audit early: a signal, or too much time. A snapshot must not be left behind, nor keep backups
-/// waiting.
-/// Owns:    the actions of the signals by which a process is asked to end, for as long as it lives.
-/// Threads: `check` from any; there is one object at a time.
-/// Fails:   `check` throws std::runtime_error, which says what it was.
+/// Ends an audit early on a signal or a timeout, so that it neither leaves a snapshot behind nor keeps
+/// backups waiting.
+/// Owns:    the handlers of the termination signals; the destructor restores the defaults.
+/// Threads: `check` from any thread; only one object at a time.
+/// Fails:   `check` throws std::runtime_error, which names the signal or the timeout.
 class Interrupt {
 public:
     explicit Interrupt(std::chrono::seconds longest);
@@ -16,7 +16,7 @@ public:
     Interrupt& operator=(const Interrupt&) = delete;
     ~Interrupt();
 
-    /// From here on the time counts.
+    /// Starts the timeout.
     void begin() { deadline = std::chrono::steady_clock::now() + longest; }
     void check() const;
 

@@ -18,9 +18,9 @@ namespace audit {
 namespace {
 
 constexpr std::uint32_t mostRecords =
-    16; // of a page, whose blocks have 512 bytes at least, with what is around
+    16; // a page has at most 8 blocks (of 512 bytes or more); the rest is for neighbours
 
-/// What the kernel fills: a header, and records behind it.
+/// The buffer of FS_IOC_GETFSMAP: a header, and the records that the kernel fills in.
 class MapRequest {
 public:
     MapRequest() : words((sizeof(fsmap_head) + mostRecords * sizeof(fsmap)) / sizeof(std::uint64_t)) {
@@ -36,7 +36,7 @@ public:
     }
 
 private:
-    std::vector<std::uint64_t> words; // for their alignment
+    std::vector<std::uint64_t> words; // uint64_t for the alignment
 };
 
 std::uint32_t kernelNumber(dev_t device) {
@@ -76,30 +76,30 @@ std::optional<bool> KernelSpace::isInUse(std::uint64_t offset) {
     if (knownBegin <= offset && offset + restore::pageBytes <= knownEnd) {
         return isKnownInUse;
     }
-    return ask(offset);
+    return query(offset);
 }
 
-std::optional<bool> KernelSpace::ask(std::uint64_t offset) {
+std::optional<bool> KernelSpace::query(std::uint64_t offset) {
     MapRequest request;
     const std::uint64_t end = offset + restore::pageBytes;
     restrictTo(request.head(), device, offset, end - 1);
     if (!directory || ::ioctl(directory.get(), FS_IOC_GETFSMAP, &request.head()) != 0) {
         return std::nullopt;
     }
-    std::uint64_t told = offset; // all before it has been told of
+    std::uint64_t coveredUntil = offset; // end of the space that the records have covered
     bool isUsed = false;
     for (std::uint32_t index = 0; index < std::min(request.head().fmh_entries, mostRecords); ++index) {
         const fsmap record = request.record(index);
         const std::uint64_t recordEnd = record.fmr_physical + record.fmr_length;
-        if (record.fmr_physical > told || recordEnd <= told) {
+        if (record.fmr_physical > coveredUntil || recordEnd <= coveredUntil) {
             continue;
         }
         isUsed = isUsed || !isFree(record);
-        told = recordEnd;
+        coveredUntil = recordEnd;
         knownBegin = record.fmr_physical;
         knownEnd = recordEnd;
         isKnownInUse = !isFree(record);
-        if (told >= end) {
+        if (coveredUntil >= end) {
             return isUsed;
         }
     }

@@ -8,25 +8,25 @@
 
 namespace audit {
 
-/// What the kernel's own file system says of the space on a volume, which owes nothing to the agent's
-/// parsers. Asked for ascending places it answers most from memory.
+/// The space map of the kernel's own file system driver (FS_IOC_GETFSMAP), which is independent of the
+/// agent's parsers. For ascending offsets, most answers come from the cached last record.
 /// Owns:    a descriptor of the mounted file system.
 /// Threads: one at a time.
-/// Fails:   nothing is told where it can't be.
+/// Fails:   `isInUse` returns std::nullopt if the kernel doesn't say.
 class KernelSpace {
 public:
-    /// The root of a mounted file system. ext4 and XFS tell; others don't.
+    /// `root` is the root of a mounted file system. ext4 and XFS support the ioctl; others don't.
     explicit KernelSpace(const std::string& root);
 
-    /// Whether the page of 4096 bytes from this byte on is in use, or any part of it.
+    /// Whether any part of the page of 4096 bytes at this byte offset is in use.
     std::optional<bool> isInUse(std::uint64_t offset);
 
 private:
-    std::optional<bool> ask(std::uint64_t offset);
+    std::optional<bool> query(std::uint64_t offset);
 
     os::FileDescriptor directory;
-    std::uint32_t device = 0; // as the kernel writes device numbers
-    /// The last stretch that the kernel told of.
+    std::uint32_t device = 0; // in the kernel's encoding
+    /// The last record that the kernel returned.
     std::uint64_t knownBegin = 0;
     std::uint64_t knownEnd = 0;
     bool isKnownInUse = false;

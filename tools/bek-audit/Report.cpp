@@ -11,7 +11,7 @@ namespace audit {
 
 namespace {
 
-constexpr std::size_t mostShown = 20; // wrong blocks in a text
+constexpr std::size_t mostShown = 20; // wrong blocks in the text report
 constexpr double hundred = 100;
 
 std::string nameOf(Stratum stratum) {
@@ -32,10 +32,11 @@ double rateOf(const Findings& findings) {
     return findings.seconds > 0 ? std::round(static_cast<double>(findings.sampled) / findings.seconds) : 0;
 }
 
+/// Lists at most `mostShown` of the wrong blocks; the JSON document has all of them.
 void print(std::ostream& out, Stratum stratum, const Findings& findings, double confidence) {
     out << std::left << std::setw(11) << nameOf(stratum);
-    if (!findings.notLookedAt.empty()) {
-        out << "not looked at: " << findings.notLookedAt << '\n';
+    if (!findings.skipReason.empty()) {
+        out << "not looked at: " << findings.skipReason << '\n';
         return;
     }
     out << findings.sampled << " of " << findings.population << " blocks in "
@@ -44,12 +45,12 @@ void print(std::ostream& out, Stratum stratum, const Findings& findings, double 
     if (findings.undecided > 0) {
         out << ", " << findings.undecided << " nobody tells of";
     }
-    if (findings.setAside > 0) {
-        out << ", " << findings.setAside << " set aside and never written";
+    if (findings.neverWritten > 0) {
+        out << ", " << findings.neverWritten << " set aside and never written";
     }
     out << "; " << atMost(findings.bound(confidence), confidence) << '\n';
     for (std::size_t index = 0; index < findings.wrong.size() && index < mostShown; ++index) {
-        const Wrong& wrong = findings.wrong[index];
+        const WrongBlock& wrong = findings.wrong[index];
         out << "           byte " << wrong.offset
             << (wrong.file.empty() ? "" : ", of " + tools::plain(wrong.file)) << '\n';
     }
@@ -58,23 +59,24 @@ void print(std::ostream& out, Stratum stratum, const Findings& findings, double 
     }
 }
 
+/// A stratum that wasn't checked has no member but the reason.
 tools::Json jsonOf(const Findings& findings, double confidence) {
     tools::Json document;
-    document["notLookedAt"] = tools::textOrNull(findings.notLookedAt);
-    if (!findings.notLookedAt.empty()) {
+    document["notLookedAt"] = tools::textOrNull(findings.skipReason);
+    if (!findings.skipReason.empty()) {
         return document;
     }
     document["blocks"] = findings.population;
     document["sampled"] = findings.sampled;
     document["compared"] = findings.sampled - findings.undecided;
-    document["neverWritten"] = findings.setAside;
+    document["neverWritten"] = findings.neverWritten;
     document["undecided"] = findings.undecided;
     document["wrong"] = findings.wrong.size();
     document["upperBound"] = findings.bound(confidence);
     document["seconds"] = findings.seconds;
     document["blocksPerSecond"] = rateOf(findings);
     document["wrongBlocks"] = tools::Json::array();
-    for (const Wrong& wrong : findings.wrong) {
+    for (const WrongBlock& wrong : findings.wrong) {
         tools::Json block;
         block["offset"] = wrong.offset;
         block["file"] = tools::textOrNull(wrong.file);

@@ -28,19 +28,23 @@ namespace driver_state = agent::info::driver_state;
 using agent::info::DriverDeviceInfo;
 
 constexpr std::uint64_t bytesPerMiB = 1048576;
-/// For what the file system itself needs for the files.
+/// Reserve for the file system's own metadata about the files.
 constexpr std::uint64_t spare = 16 * bytesPerMiB;
 
 /// How much is free on the volume, or at least `needed`. XFS frees the blocks of a removed file in the
-/// background, so those of the CoW file of an audit that has just ended may still be missing.
+/// background, so those of the CoW file of an audit that has just ended may still be missing. Waits as long
+/// as more becomes free.
 std::uint64_t freeSpace(const agent::info::BackupableVolume& volume, std::uint64_t needed) {
-    constexpr std::chrono::seconds patience(3);
+    constexpr std::chrono::seconds patience(5);
     constexpr std::chrono::milliseconds pause(100);
-    const auto deadline = std::chrono::steady_clock::now() + patience;
     std::uint64_t free = volume.getSpaceFree();
+    auto deadline = std::chrono::steady_clock::now() + patience;
     while (free < needed && std::chrono::steady_clock::now() < deadline) {
         std::this_thread::sleep_for(pause);
-        free = volume.getSpaceFree();
+        const std::uint64_t previous = std::exchange(free, volume.getSpaceFree());
+        if (free > previous) {
+            deadline = std::chrono::steady_clock::now() + patience;
+        }
     }
     return free;
 }
@@ -55,9 +59,9 @@ Session::Session(agent::info::Logger& logger, Volume given)
       cowFileSize(config),
       driver(logger, std::make_unique<agent::info::TolvubdController>()),
       control(logger, cowFileSize) {
-    takeTurn();
+    lockSnapshots();
     examine();
-    requireRoom();
+    requireSpace();
     try {
         start();
     } catch (...) {
@@ -70,19 +74,20 @@ Session::~Session() {
     stop();
 }
 
-void Session::takeTurn() {
-    const backup::SnapshotTurn::State state = turn.take();
-    if (state == backup::SnapshotTurn::State::others) {
+void Session::lockSnapshots() {
+    const backup::SnapshotLock::State state = lock.tryAcquire();
+    if (state == backup::SnapshotLock::State::others) {
         throw std::runtime_error("a backup is running, or another audit: try again when it has ended");
     }
-    if (state != backup::SnapshotTurn::State::mine) {
-        throw agent::PosixError(std::string(backup::SnapshotTurn::usualPath) +
+    if (state != backup::SnapshotLock::State::mine) {
+        throw agent::PosixError(std::string(backup::SnapshotLock::usualPath) +
                                     " can't be locked, and a backup could begin meanwhile",
                                 errno);
     }
 }
 
-/// What a backup would set right itself, by comparing everything, isn't touched.
+/// Reads the driver's state. The audit doesn't touch a state that the next backup repairs by comparing
+/// everything.
 void Session::examine() {
     DriverDeviceInfo device;
     if (!driver.getDeviceInfo(*volume, device)) {
@@ -101,7 +106,7 @@ void Session::examine() {
     wasTracked = true;
 }
 
-/// Without it an INCREMENTAL fails too, and a merge that breaks off would end the tracking.
+/// Without the history file an INCREMENTAL fails too, and a merge that breaks off would end the tracking.
 void Session::requireHistory() const {
     const std::string path = driver.getIncrementalHistoryPath(*volume);
     std::error_code failure;
@@ -112,9 +117,9 @@ void Session::requireHistory() const {
     }
 }
 
-/// Of the CoW file, of its table, and of what is noted as owed at the end. Without room in the middle the
-/// tracking would end.
-void Session::requireRoom() {
+/// There must be room for the CoW file, its table, and the blocks that are recorded as owed at the end. If
+/// the space ran out during the session, the tracking would end.
+void Session::requireSpace() {
     const std::uint64_t cow =
         cowFileSize.getCowFileSizeMiB(logger, volume->getUuid(), volume->getSize(), volume->getFileSystem()) *
         bytesPerMiB;
@@ -171,7 +176,7 @@ void Session::stop() {
     try {
         control.transitionToIncremental({volume}, false);
     } catch (const std::exception& failure) {
-        // A volume without a device has nothing that could be described.
+        // If the volume wasn't tracked, it has no driver device any more, and describing it fails.
         logger.log(wasTracked ? agent::info::level::error : agent::info::level::debug, "%s", failure.what());
     }
 }

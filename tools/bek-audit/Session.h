@@ -2,8 +2,8 @@
 
 #include "common/config/Config.h"
 #include "common/config/JSONConfigDataProvider.h"
+#include "core/backup/SnapshotLock.h"
 #include "core/backup/SnapshotSessionControl.h"
-#include "core/backup/SnapshotTurn.h"
 #include "info/BackupableVolume.h"
 #include "info/CowFileSize.h"
 #include "info/DriverController.h"
@@ -13,13 +13,14 @@
 
 namespace audit {
 
-/// A snapshot of one volume, taken as by an INCREMENTAL, and ended as by one that has failed: what the driver
-/// has recorded until then is kept as owed, and the next backup sends it. A volume that isn't tracked isn't
-/// tracked afterwards either. Where anything could cost the volume its tracking, no snapshot is taken.
-/// Owns:    the turn to take snapshots, and the snapshot, which its end or its destructor ends.
+/// A snapshot of one volume, taken as for an INCREMENTAL and ended as after a failed backup: the changes that
+/// the driver has recorded are kept as owed, and the next backup sends them. A volume that wasn't tracked
+/// isn't tracked afterwards either. If anything could end the tracking, the constructor throws and takes no
+/// snapshot.
+/// Owns:    the lock for taking snapshots, and the snapshot, which `end` or the destructor ends.
 /// Threads: one at a time.
-/// Fails:   by std::exception, with what can be done about it. A process that is killed leaves what a killed
-///          backup leaves.
+/// Fails:   throws std::exception, whose text says what to do. A killed process leaves the same behind as a
+///          killed backup.
 class Session {
 public:
     using Volume = std::shared_ptr<agent::info::BackupableVolume>;
@@ -30,21 +31,21 @@ public:
     ~Session();
 
     [[nodiscard]] const agent::core::backup::VolumeSnapshotInfo& snapshot() const { return info; }
-    /// Whether it is known what has changed since the last backup.
+    /// Whether the changes since the last backup are known.
     [[nodiscard]] bool isTracked() const { return wasTracked; }
-    /// Why not.
+    /// Why isTracked() is false.
     [[nodiscard]] const std::string& whyUntracked() const { return untracked; }
     /// Where the snapshot is mounted; empty if it isn't.
     [[nodiscard]] std::string mountPoint() const;
 
-    /// Ends the snapshot, and makes sure that it was one until now and that the volume is tracked as before.
+    /// Ends the snapshot. Throws if the snapshot failed before, or if the tracking has ended.
     void end();
 
 private:
-    void takeTurn();
+    void lockSnapshots();
     void examine();
     void requireHistory() const;
-    void requireRoom();
+    void requireSpace();
     void start();
     void stop();
 
@@ -55,7 +56,7 @@ private:
     agent::info::CowFileSize cowFileSize;
     agent::info::DriverController driver;
     agent::core::backup::SnapshotSessionControl control;
-    agent::core::backup::SnapshotTurn turn;
+    agent::core::backup::SnapshotLock lock;
     agent::core::backup::VolumeSnapshotInfo info;
     bool wasTracked = false;
     std::string untracked;

@@ -11,12 +11,13 @@ using agent::core::block::BlockRangeIterator;
 using agent::core::block::IBlockRangeProvider;
 using restore::pageBytes;
 
-/// A walk along one layer.
+/// Walks along one layer.
 class Cursor {
 public:
     explicit Cursor(const IBlockRangeProvider& layer) : position(layer.begin()), end(layer.end()) {}
 
-    /// Whether the layer has this block; `next` comes no later than where that ends to be so.
+    /// Whether the layer has this block. Lowers `next` to the block at which the answer changes, if that is
+    /// nearer.
     bool covers(std::uint64_t block, std::uint64_t& next) {
         while (!(position == end) && (position->end() <= block || position->empty())) {
             ++position;
@@ -36,6 +37,8 @@ private:
 
 } // namespace
 
+/// Walks all layers side by side. Counts only pages that lie completely in one stratum, and skips the
+/// snapshot driver's own files.
 void Strata::walk(const Visit& visit) const {
     Cursor unused(*layers.unused);
     std::optional<Cursor> unchanged;
@@ -49,16 +52,16 @@ void Strata::walk(const Visit& visit) const {
     }
     for (std::uint64_t block = 0, next = 0; block < blocks; block = next) {
         next = blocks;
-        bool isOwn = false;
+        bool isDriverFile = false;
         for (Cursor& file : files) {
-            isOwn = file.covers(block, next) || isOwn;
+            isDriverFile = file.covers(block, next) || isDriverFile;
         }
         const bool isUnused = unused.covers(block, next);
         const bool isUnchanged = unchanged && unchanged->covers(block, next);
         const std::uint64_t first = (block * blockSize + pageBytes - 1) / pageBytes;
-        const std::uint64_t behind = next * blockSize / pageBytes;
-        if (!isOwn && (isUnused || isUnchanged) && first < behind) {
-            visit(isUnused ? Stratum::unused : Stratum::unchanged, first, behind - first);
+        const std::uint64_t end = next * blockSize / pageBytes;
+        if (!isDriverFile && (isUnused || isUnchanged) && first < end) {
+            visit(isUnused ? Stratum::unused : Stratum::unchanged, first, end - first);
         }
     }
 }

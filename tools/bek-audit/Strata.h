@@ -20,30 +20,29 @@ constexpr std::size_t indexOf(Stratum stratum) {
     return static_cast<std::size_t>(stratum);
 }
 
-/// What an INCREMENTAL would leave out of a volume, as the agent's own layers tell it.
-/// Owns:    the layers, which are walked anew by each call.
+/// The blocks of a volume that an INCREMENTAL would leave out, according to the agent's own layers.
+/// Owns:    the layers; each call walks them from the beginning.
 /// Threads: one at a time.
-/// Fails:   as the layers do, by std::exception.
+/// Fails:   throws what the layers throw, which is std::exception.
 class Strata {
 public:
     using Layer = std::unique_ptr<agent::core::block::IBlockRangeProvider>;
-    /// Pages of 4096 bytes, each with the number of the first.
+    /// Page counts and page numbers of each stratum. A page has 4096 bytes.
     using Counts = std::array<std::uint64_t, strataCount>;
     using Numbers = std::array<std::vector<std::uint64_t>, strataCount>;
 
     struct Layers {
         Layer unused;
-        Layer unchanged;          ///< null if that isn't known
-        std::vector<Layer> files; ///< the driver's own, which nobody compares
+        Layer unchanged;          ///< null if the changes aren't known
+        std::vector<Layer> files; ///< the snapshot driver's own files, which are never compared
     };
 
     Strata(Layers layers, std::uint32_t blockSize, std::uint64_t blocks)
         : layers(std::move(layers)), blockSize(blockSize), blocks(blocks) {}
 
-    /// How many whole pages there are of each.
+    /// The number of whole pages in each stratum.
     [[nodiscard]] Counts count() const;
-    /// The places of pages on the volume, in pages, which were drawn by their numbers in their stratum; both
-    /// ascend.
+    /// Translates page numbers within each stratum to page numbers on the volume; both ascend.
     [[nodiscard]] Numbers locate(const Numbers& drawn) const;
 
 private:

@@ -1,4 +1,4 @@
-// The command line of an audit, which `bek-restore audit` becomes: a program of its own, as it alone needs
+// The command line of an audit. `bek-restore audit` executes this separate program, as only an audit needs
 // the snapshot driver's library.
 
 #include "Audit.h"
@@ -6,6 +6,7 @@
 #include "app/Version.h"
 #include "info/log/LogLevel.h"
 #include "tools/common/Command.h"
+#include "tools/common/CommandLine.h"
 
 #include <CLI/CLI.hpp>
 #include <iostream>
@@ -44,7 +45,8 @@ void declare(CLI::App& app, Options& options) {
     app.add_option("VOLUME", request.volume, "Where the volume is mounted, or its device")->required();
     app.add_option("IMAGE", request.image, "Its image, as for all commands of bek-restore")->required();
     app.add_option("--offset", request.offset, "The image begins at this byte of its file, device or export")
-        ->type_name("BYTES");
+        ->type_name("BYTES")
+        ->check(tools::refuseNegative);
     app.add_option("--sample", request.sample,
                    "So many blocks of 4096 bytes that are unused, and so many that have not changed")
         ->type_name("N")
@@ -62,8 +64,7 @@ void declare(CLI::App& app, Options& options) {
     app.add_flag("--verbose", options.isVerbose, "Tell on standard error what is done");
 }
 
-/// What the agent's code says on the way only matters where the audit fails, unless somebody wants to see it
-/// all.
+/// Without --verbose only errors are kept, and they are printed only if the audit fails.
 class Log {
 public:
     explicit Log(bool isVerbose)

@@ -14,14 +14,14 @@ namespace {
 
 constexpr const char* installed = "/usr/lib/bek-restore/bek-audit";
 
-/// The one beside this program, where that has just been built.
+/// Prefers a program beside this one, as in a build folder.
 std::string auditProgram() {
     const std::filesystem::path beside =
         std::filesystem::read_symlink("/proc/self/exe").parent_path() / "bek-audit";
     return std::filesystem::exists(beside) ? beside.string() : installed;
 }
 
-/// Returns only by an exception.
+/// Replaces this process; throws if execv fails.
 int audit(std::vector<std::string> arguments) {
     const std::string program = auditProgram();
     arguments.insert(arguments.begin(), program);
@@ -40,7 +40,7 @@ int audit(std::vector<std::string> arguments) {
 void declareAudit(CLI::App& app, Run& chosen) {
     CLI::App& command = *app.add_subcommand(
         "audit", "Compare a sample of the blocks that backups of a volume of this machine leave out");
-    command.prefix_command(); // all that follows is the other program's
+    command.prefix_command(); // all further arguments are for the other program
     command.set_help_flag();
     command.callback(
         [&command, &chosen] { chosen = [arguments = command.remaining()] { return audit(arguments); }; });

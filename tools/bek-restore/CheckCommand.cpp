@@ -6,12 +6,12 @@
 #include "tools/restore/FileImage.h"
 #include "tools/restore/RestorePlan.h"
 #include "tools/restore/check/BlockComparison.h"
+#include "tools/restore/check/FailureRecordingImage.h"
+#include "tools/restore/check/FileLocations.h"
 #include "tools/restore/check/FileSystemCheck.h"
 #include "tools/restore/check/HeadCheck.h"
-#include "tools/restore/check/Places.h"
 #include "tools/restore/check/TreeComparison.h"
 #include "tools/restore/check/VolumeSize.h"
-#include "tools/restore/check/WatchedImage.h"
 #include "tools/restore/view/ImageView.h"
 #include "tools/restore/view/Mounting.h"
 
@@ -34,13 +34,13 @@ struct CheckOptions {
     ImageOptions image;
     std::optional<std::string> snapshot;
     bool comparesFiles = false;
-    std::optional<std::string> database; ///< the agent's own, if there is one
+    std::optional<std::string> database; ///< the agent's database; its usual path if not given
 };
 
-/// The snapshot: by itself, and as what the kernel sees of it through an overlay of its own.
+/// The snapshot to compare with: its blocks, and a mount of it through an overlay.
 struct Snapshot {
     explicit Snapshot(const std::string& path)
-        : blocks(path, 0), view(addressOfFile(path), {}, Lifetime::ours) {}
+        : blocks(path, 0), view(addressOfFile(path), {}, Lifetime::endsWithProcess) {}
 
     static ImageAddress addressOfFile(const std::string& path) {
         ImageAddress address;
@@ -52,7 +52,7 @@ struct Snapshot {
     FileImage blocks;
     view::ImageView view;
     std::optional<view::PrivateMount> mount;
-    std::string unmounted; ///< why it isn't, if so
+    std::string mountFailure; ///< why it couldn't be mounted; empty if it is mounted
 };
 
 /// One check of one image, step by step.
@@ -61,11 +61,11 @@ public:
     explicit ImageCheck(const CheckOptions& options)
         : options(options),
           opened(options.image),
-          view(addressOf(options.image), options.image.secret, Lifetime::ours) {
+          view(addressOf(options.image), options.image.secret, Lifetime::endsWithProcess) {
         if (options.snapshot) {
             snapshot.emplace(*options.snapshot);
         }
-        view::leaveMountsOfMachine();
+        view::enterPrivateMountNamespace();
     }
 
     void run() {
@@ -98,35 +98,36 @@ private:
         }
     }
 
-    /// What can't be read of the image is damage.
+    /// A part of the image that can't be read counts as damage.
     bool readMaps() {
-        check::WatchedImage watched(*opened.image);
+        check::FailureRecordingImage recording(*opened.image);
         try {
-            plan = makePlan(opened.logger, watched);
+            plan = makePlan(opened.logger, recording);
         } catch (const std::runtime_error&) {
             plan.reset();
         }
-        if (!watched.failure().empty()) {
+        if (!recording.failure().empty()) {
             plan.reset();
-            findings.damage.push_back({"unreadable", watched.failure(), ""});
+            findings.damage.push_back({"unreadable", recording.failure(), ""});
         }
         return plan.has_value();
     }
 
-    /// A backup copies every block of a volume whose map it can't read, as where only the journal has the
-    /// newest map; so that alone is no damage, if the map is there once the journal has been replayed.
+    /// A backup copies every block of a volume whose map it can't read, for example because only the journal
+    /// has the newest map. So an unreadable map is damage only if it is still unreadable after the journal
+    /// has been replayed.
     void judgeMaps() {
         std::string reason = plan->reason;
-        if (plan->isWhole) {
+        if (plan->takesAllBlocks) {
             FileImage replayed(view.device(), 0);
             reason = makePlan(opened.logger, replayed).reason;
         }
-        if (!plan->isWhole && check::isCutShort(opened.logger, *opened.image, kind)) {
+        if (!plan->takesAllBlocks && check::isTruncated(opened.logger, *opened.image, kind)) {
             findings.damage.push_back({"short", "it ends before its volume does", ""});
         }
         if (!reason.empty()) {
             findings.damage.push_back({"map", "its map of used blocks can't be read: " + reason, ""});
-        } else if (plan->isWhole) {
+        } else if (plan->takesAllBlocks) {
             findings.proven.emplace_back("its map of used blocks can be read with its journal");
         } else {
             findings.proven.push_back("its map of used blocks tells of " + tools::sizeText(plan->usedBytes));
@@ -136,13 +137,13 @@ private:
     void checkHead() {
         const std::string usual = (agent::dir::base() / "agent.sqlite").str();
         if (!options.database && !std::filesystem::exists(usual)) {
-            return; // a rescue system has none
+            return; // a rescue system has no database
         }
         try {
             const std::string uuid = view::uuidOf(view.device());
             check::checkHead(*opened.image, options.database.value_or(usual), uuid, findings);
         } catch (const std::runtime_error& error) {
-            findings.open.push_back(std::string("its head wasn't compared: ") + error.what());
+            findings.notProven.push_back(std::string("its head wasn't compared: ") + error.what());
         }
     }
 
@@ -150,20 +151,20 @@ private:
         try {
             mount.emplace(view, kind);
         } catch (const view::NoDriver& error) {
-            unmounted = error.what();
+            mountFailure = error.what();
         } catch (const std::runtime_error& error) {
-            unmounted = error.what();
-            findings.damage.push_back({"mount", "its file system can't be mounted: " + unmounted, ""});
+            mountFailure = error.what();
+            findings.damage.push_back({"mount", "its file system can't be mounted: " + mountFailure, ""});
         }
         try {
             snapshot->mount.emplace(snapshot->view, view::findKind(snapshot->view.device()));
         } catch (const std::runtime_error& error) {
-            snapshot->unmounted = error.what();
+            snapshot->mountFailure = error.what();
         }
     }
 
     std::vector<ByteRange> driverFiles() {
-        return snapshot->mount ? check::placesOfDriverFiles(opened.logger, snapshot->mount->root())
+        return snapshot->mount ? check::locationsOfDriverFiles(opened.logger, snapshot->mount->root())
                                : std::vector<ByteRange>();
     }
 
@@ -191,7 +192,7 @@ private:
         std::string text =
             "the block with byte " + std::to_string(difference) + " differs from " + *options.snapshot;
         if (!snapshot->mount) {
-            return text + "; as it can't be mounted (" + snapshot->unmounted +
+            return text + "; as it can't be mounted (" + snapshot->mountFailure +
                    "), the snapshot driver's own files were compared too";
         }
         const std::string owner = check::ownerOf(opened.logger, snapshot->mount->root(), difference);
@@ -200,7 +201,8 @@ private:
 
     void compareFiles() {
         if (!mount || !snapshot->mount) {
-            findings.open.push_back("no file was compared: " + (mount ? snapshot->unmounted : unmounted));
+            findings.notProven.push_back("no file was compared: " +
+                                         (mount ? snapshot->mountFailure : mountFailure));
             return;
         }
         const check::TreeDifferences trees = check::compareTrees(mount->root(), snapshot->mount->root());
@@ -226,12 +228,12 @@ private:
     std::optional<Snapshot> snapshot;
     std::optional<RestorePlan> plan;
     std::optional<view::PrivateMount> mount;
-    std::string unmounted;
+    std::string mountFailure;
 };
 
 enum class Verdict { trusted, damaged, unknown };
 
-/// A map that can be read proves nothing of what it tells.
+/// A readable map alone proves nothing: the blocks it names may be wrong.
 Verdict verdictOf(const Findings& findings) {
     constexpr std::size_t map = 1;
     return !findings.damage.empty()       ? Verdict::damaged
@@ -252,7 +254,7 @@ std::string conclusionOf(const std::string& image, const Findings& findings) {
     case Verdict::damaged:
         return image + " can't be trusted: " + findings.damage.front().text;
     case Verdict::unknown:
-        return image + " can't be judged: " + joined(findings.open);
+        return image + " can't be judged: " + joined(findings.notProven);
     case Verdict::trusted:
         break;
     }
@@ -268,7 +270,7 @@ void printText(const std::string& image, const Findings& findings) {
             text << each.text << "\n";
         }
     }
-    for (const std::string& each : findings.open) {
+    for (const std::string& each : findings.notProven) {
         text << "Not proven: " << each << "\n";
     }
     text << conclusionOf(image, findings) << "\n";
@@ -282,7 +284,7 @@ void printDocument(const std::string& image, const ImageCheck& check, double sec
     document["trusted"] = verdictOf(check.findings) == Verdict::trusted;
     document["conclusion"] = conclusionOf(image, check.findings);
     document["proven"] = check.findings.proven;
-    document["notProven"] = check.findings.open;
+    document["notProven"] = check.findings.notProven;
     document["damage"] = tools::Json::array();
     for (const Damage& each : check.findings.damage) {
         document["damage"].push_back({{"kind", each.kind}, {"text", each.text}, {"details", each.details}});
@@ -298,8 +300,8 @@ int checkImage(CheckOptions options) {
         throw std::invalid_argument("--files compares with the snapshot that --against names");
     }
     const auto begin = std::chrono::steady_clock::now();
-    view::clearRemains();
-    keepSecret(options.image);
+    view::removeStaleViews();
+    askSecretOnce(options.image);
     ImageCheck check(options);
     check.run();
     if (options.image.isJson) {

@@ -4,7 +4,7 @@
 
 #include <CLI/CLI.hpp>
 
-/// One source a command: what can be said to it, and what it does.
+/// One source file per command, with its options and its action.
 namespace restore {
 
 using tools::differs;
@@ -13,7 +13,7 @@ using tools::failed;
 using tools::Run;
 using tools::wrongCommand;
 
-/// Each declares a command, which leaves in `chosen` what it does if it is the one that was called.
+/// Each function declares one command. If that command is called, its action is stored in `chosen`.
 void declareInfo(CLI::App& app, Run& chosen);
 void declareCheck(CLI::App& app, Run& chosen);
 void declareAudit(CLI::App& app, Run& chosen);

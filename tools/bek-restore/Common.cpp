@@ -1,5 +1,6 @@
 #include "Common.h"
 
+#include "tools/common/CommandLine.h"
 #include "tools/common/StandardErrorLog.h"
 #include "tools/restore/OpenImage.h"
 
@@ -25,7 +26,8 @@ void declareImage(CLI::App& command, ImageOptions& options) {
         ->required();
     command
         .add_option("--offset", options.offset, "The image begins at this byte of its file, device or export")
-        ->type_name("BYTES");
+        ->type_name("BYTES")
+        ->check(tools::refuseNegative);
     command
         .add_option("--password-file", options.secret.file,
                     "The first line of this file is the password or the secret of the image; without it "
@@ -35,7 +37,7 @@ void declareImage(CLI::App& command, ImageOptions& options) {
     command.add_flag("--verbose", options.isVerbose, "Tell on standard error what is done");
 }
 
-void keepSecret(ImageOptions& options) {
+void askSecretOnce(ImageOptions& options) {
     if (addressOf(options).wantsSecret()) {
         const std::string secret = findSecret(options.secret, "Secret of " + options.image);
         ::setenv(secretVariable, secret.c_str(), 1); // NOLINT(concurrency-mt-unsafe): before any thread

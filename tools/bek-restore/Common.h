@@ -14,7 +14,7 @@ namespace restore {
 
 inline constexpr const char* programName = "bek-restore";
 
-/// What every command takes that reads an image.
+/// The options of every command that reads an image.
 struct ImageOptions {
     std::string image;
     std::uint64_t offset = 0; ///< bytes before the image in its file or on its device
@@ -23,14 +23,14 @@ struct ImageOptions {
     bool isVerbose = false;
 };
 
-/// `image` is the command's first argument.
+/// IMAGE becomes the command's first argument.
 void declareImage(CLI::App& command, ImageOptions& options);
 
-/// Where the options say that the image is.
+/// The address of the image that the options name.
 ImageAddress addressOf(const ImageOptions& options);
 
-/// For commands that open the image several times: whoever is asked for its secret is asked once.
-void keepSecret(ImageOptions& options);
+/// For commands that open the image several times: asks for the secret only once.
+void askSecretOnce(ImageOptions& options);
 
 /// A log on standard error, and the image that the options name. The log outlives the image.
 struct OpenedImage {

@@ -13,9 +13,9 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr std::uint64_t statusUnit = 512; // of st_blocks
+constexpr std::uint64_t statusUnit = 512; // unit of st_blocks, in bytes
 
-/// The bytes of files without their holes. One with several names is copied once.
+/// The bytes of files without their holes. A file with several hard links is counted once.
 class Sum {
 public:
     void add(const fs::path& path) {

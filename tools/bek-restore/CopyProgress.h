@@ -9,16 +9,16 @@
 
 namespace restore {
 
-/// Shows on a terminal how far a program is that copies files. Anywhere else it does nothing.
+/// Shows on a terminal how far a copying program is. Does nothing if there is no terminal.
 /// Owns:    nothing.
 /// Threads: one at a time.
-/// Fails:   never: what can't be looked at isn't counted.
+/// Fails:   never: a file that can't be examined isn't counted.
 class CopyProgress {
 public:
-    /// Looks at all that is to be copied, each a path of a file or a directory, if there is a terminal.
+    /// Adds up everything that is to be copied, files and directories, if there is a terminal.
     explicit CopyProgress(const std::vector<std::string>& paths);
 
-    /// What the program has read until now counts as copied.
+    /// Counts what the program has read so far as copied.
     void show(pid_t program);
 
 private:

@@ -29,11 +29,11 @@ struct GetOptions {
     bool mayOverwrite = false;
 };
 
-/// What cp is told to copy: what is in a directory of the image that is held open, so that no link on the way
-/// to it can lead to a file of this machine.
+/// The files that cp copies. Their paths begin at an open descriptor of a directory in the image, so that no
+/// symbolic link on the way can lead to a file of this machine.
 struct Source {
     os::FileDescriptor directory;
-    std::vector<std::string> names; ///< one, "." for the directory itself; or some of the volume's top
+    std::vector<std::string> names; ///< one ("." for the directory itself), or several in the volume's root
     bool isPartOfTop = false;
 
     [[nodiscard]] std::string prefix() const {
@@ -54,8 +54,8 @@ bool areSame(const Entry& one, const Entry& other) {
     return one.status.st_dev == other.status.st_dev && one.status.st_ino == other.status.st_ino;
 }
 
-/// All that is in the top but the files of the snapshot driver: what an image has in their place is of no use
-/// to anybody, and where it is brought to a volume in use, that has its own.
+/// Everything in the root directory except the snapshot driver's files: their content in an image is of no
+/// use, and a target volume that is in use has its own.
 Source topOf(os::FileDescriptor top) {
     Source source{std::move(top), {}};
     for (Entry& entry : view::entriesOf(source.directory.get())) {
@@ -80,7 +80,7 @@ Source findSource(const view::PrivateView& image, const std::string& path) {
     if (S_ISDIR(entry.status.st_mode)) {
         return {std::move(found), {"."}};
     }
-    const std::size_t cut = path.rfind('/') + 1; // 0 if there is none
+    const std::size_t cut = path.rfind('/') + 1; // 0 if there is no slash
     return {image.open(path.substr(0, cut), O_PATH | O_DIRECTORY), {path.substr(cut)}};
 }
 
@@ -91,7 +91,8 @@ void requireFree(const GetOptions& options) {
     }
 }
 
-/// All that a file has; what can't be kept is a failure, as with cp alone it needn't be.
+/// Copies all attributes of a file. Naming them makes it a failure if one can't be kept, which plain cp may
+/// ignore.
 view::Start copyOf(const Source& source, const GetOptions& options) {
     view::Start start;
     start.command = {"cp", "-dR", "--preserve=mode,ownership,timestamps,links,xattr", "--sparse=always"};
@@ -106,7 +107,7 @@ view::Start copyOf(const Source& source, const GetOptions& options) {
     if (!source.isPartOfTop) {
         start.command.push_back(options.destination);
     }
-    start.kept = source.directory.get();
+    start.inheritedDescriptor = source.directory.get();
     return start;
 }
 
@@ -116,7 +117,7 @@ view::Outcome runCopy(const Source& source, const GetOptions& options) {
                             [&progress](pid_t program) { progress.show(program); });
 }
 
-/// The words of cp, with the paths as they are in the image.
+/// Prints the messages of cp, with the paths as they are in the image.
 void complain(const std::string& output, const Source& source, const std::string& path) {
     const bool isWhole = source.isPartOfTop || source.names.front() == ".";
     const std::string top = isWhole ? path : path.substr(0, path.rfind('/') + 1);
@@ -144,13 +145,13 @@ void copy(const Source& source, const GetOptions& options) {
         }
     }
     if (source.isPartOfTop) {
-        view::giveAttributes(source.directory.get(), options.destination);
+        view::copyAttributes(source.directory.get(), options.destination);
     }
 }
 
 int get(const GetOptions& options) {
     requireFree(options);
-    view::clearRemains();
+    view::removeStaleViews();
     const view::PrivateView image(addressOf(options.image), options.image.secret);
     copy(findSource(image, options.path), options);
     if (options.image.isJson) {

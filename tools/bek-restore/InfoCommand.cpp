@@ -20,39 +20,39 @@ using tools::Json;
 using tools::sizeText;
 using tools::textOrNull;
 
-/// All that is told of one image.
+/// All that is shown of one image.
 struct ImageInfo {
     std::uint64_t bytes = 0;
-    view::Found whole;
-    std::vector<view::Found> partitions;
+    view::ProbeResult whole;
+    std::vector<view::ProbeResult> partitions;
     view::FileSystemFacts facts;
-    std::optional<RestorePlan> plan; ///< of a file system only
-    std::string failure;             ///< why nothing else is told; empty if it is
+    std::optional<RestorePlan> plan; ///< only for a file system
+    std::string failure;             ///< why nothing else is known; empty if the image was inspected
 };
 
-std::string textOf(view::Order order) {
-    switch (order) {
-    case view::Order::clean:
+std::string textOf(view::CleanState cleanState) {
+    switch (cleanState) {
+    case view::CleanState::clean:
         return "clean";
-    case view::Order::needsReplay:
+    case view::CleanState::needsReplay:
         return "the journal has to be replayed, which mounting it does";
-    case view::Order::dirty:
+    case view::CleanState::dirty:
         return "not cleanly unmounted";
-    case view::Order::unknown:
+    case view::CleanState::unknown:
         break;
     }
     return "";
 }
 
-const char* wordOf(view::Order order) {
-    switch (order) {
-    case view::Order::clean:
+const char* wordOf(view::CleanState cleanState) {
+    switch (cleanState) {
+    case view::CleanState::clean:
         return "clean";
-    case view::Order::needsReplay:
+    case view::CleanState::needsReplay:
         return "needs replay";
-    case view::Order::dirty:
+    case view::CleanState::dirty:
         return "dirty";
-    case view::Order::unknown:
+    case view::CleanState::unknown:
         break;
     }
     return "unknown";
@@ -63,8 +63,9 @@ ImageInfo inspect(const ImageOptions& options) {
     {
         OpenedImage opened(options);
         info.bytes = opened.image->size();
-    } // a target may let one in at a time
-    const view::ImageView view(addressOf(options), options.secret, view::ImageView::Lifetime::ours);
+    } // closed first: a target may allow only one session
+    const view::ImageView view(addressOf(options), options.secret,
+                               view::ImageView::Lifetime::endsWithProcess);
     info.whole = view::findWhole(view.device());
     info.partitions = view::findPartitions(view.device());
     if (info.partitions.empty() && !info.whole.kind.empty()) {
@@ -80,7 +81,7 @@ void addPlan(const ImageOptions& options, ImageInfo& info) {
     }
 }
 
-Json jsonOf(const view::Found& found) {
+Json jsonOf(const view::ProbeResult& found) {
     return {{"offset", found.offset},
             {"bytes", found.bytes},
             {"kind", textOrNull(found.kind)},
@@ -94,16 +95,16 @@ Json jsonOf(const ImageInfo& info) {
     document["kind"] = textOrNull(info.whole.kind);
     document["label"] = textOrNull(info.whole.label);
     document["uuid"] = textOrNull(info.whole.uuid);
-    const bool isKnown = info.plan && !info.plan->isWhole;
+    const bool isKnown = info.plan && !info.plan->takesAllBlocks;
     document["volumeBytes"] = isKnown ? Json(info.plan->volumeBytes) : Json();
     document["usedBytes"] = isKnown ? Json(info.plan->usedBytes) : Json();
     document["features"] = info.facts.features;
     document["lastMounted"] = tools::momentOrNull(info.facts.mounted);
     document["lastWritten"] = tools::momentOrNull(info.facts.written);
-    document["journal"] = wordOf(info.facts.order);
+    document["journal"] = wordOf(info.facts.cleanState);
     document["note"] = textOrNull(info.failure.empty() ? info.facts.note : info.failure);
     document["partitions"] = Json::array();
-    for (const view::Found& each : info.partitions) {
+    for (const view::ProbeResult& each : info.partitions) {
         document["partitions"].push_back(jsonOf(each));
     }
     return document;
@@ -125,8 +126,9 @@ std::string usedText(const ImageInfo& info) {
     if (!info.plan) {
         return "";
     }
-    return info.plan->isWhole ? "not known: " + info.plan->reason
-                              : sizeText(info.plan->usedBytes) + " of " + sizeText(info.plan->volumeBytes);
+    return info.plan->takesAllBlocks
+               ? "not known: " + info.plan->reason
+               : sizeText(info.plan->usedBytes) + " of " + sizeText(info.plan->volumeBytes);
 }
 
 void addRow(tools::Table& table, const char* name, const std::string& text) {
@@ -146,14 +148,14 @@ void printImage(const ImageOptions& options, const ImageInfo& info) {
     addRow(table, "Features", joined(info.facts.features));
     addRow(table, "Last mounted", momentText(info.facts.mounted));
     addRow(table, "Last written", momentText(info.facts.written));
-    addRow(table, "State", textOf(info.facts.order));
+    addRow(table, "State", textOf(info.facts.cleanState));
     addRow(table, "Note", info.facts.note);
     std::ostringstream text;
     table.print(text, {});
     print(text.str());
 }
 
-void printPlaces(const char* title, const std::vector<std::pair<std::string, view::Found>>& places) {
+void printPlaces(const char* title, const std::vector<std::pair<std::string, view::ProbeResult>>& places) {
     tools::Table table({{title, true, false},
                         {"BYTES", true, false},
                         {"SIZE", true, false},
@@ -170,7 +172,7 @@ void printPlaces(const char* title, const std::vector<std::pair<std::string, vie
 }
 
 int showImage(ImageOptions options) {
-    keepSecret(options);
+    askSecretOnce(options);
     ImageInfo info = inspect(options);
     addPlan(options, info);
     if (options.isJson) {
@@ -180,9 +182,9 @@ int showImage(ImageOptions options) {
     } else if (info.partitions.empty()) {
         printImage(options, info);
     } else {
-        std::vector<std::pair<std::string, view::Found>> places;
+        std::vector<std::pair<std::string, view::ProbeResult>> places;
         places.reserve(info.partitions.size());
-        for (const view::Found& each : info.partitions) {
+        for (const view::ProbeResult& each : info.partitions) {
             places.emplace_back(std::to_string(each.offset), each);
         }
         printPlaces("OFFSET", places);
@@ -190,7 +192,7 @@ int showImage(ImageOptions options) {
     return done;
 }
 
-/// What can't be read is told of in its row: a target has units that are no disks.
+/// If a unit can't be read, its row says so: targets have LUNs that are no disks.
 ImageInfo inspectUnit(ImageOptions options, int unit) {
     options.image += "/" + std::to_string(unit);
     try {
@@ -202,15 +204,16 @@ ImageInfo inspectUnit(ImageOptions options, int unit) {
     }
 }
 
+/// Asks for the secret only once, by the address of LUN 0, for all LUNs of the target.
 int showTarget(const ImageOptions& target) {
     ImageOptions options = target;
     options.image += "/0";
-    keepSecret(options);
+    askSecretOnce(options);
     const ImageAddress address = addressOf(options);
     const std::string password = address.wantsSecret() ? findSecret(options.secret, "") : "";
     options.image = target.image;
     Json document{{"target", target.image}, {"units", Json::array()}};
-    std::vector<std::pair<std::string, view::Found>> places;
+    std::vector<std::pair<std::string, view::ProbeResult>> places;
     for (const int unit : findUnits(address, password)) {
         ImageInfo info = inspectUnit(options, unit);
         Json each = jsonOf(info);

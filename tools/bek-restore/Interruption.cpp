@@ -9,10 +9,10 @@ namespace restore {
 namespace {
 
 constexpr std::array signals{SIGINT, SIGTERM, SIGHUP};
-volatile std::sig_atomic_t hasCome = 0; // NOLINT(cppcoreguidelines-avoid-non-const-global-variables)
+volatile std::sig_atomic_t signalArrived = 0; // NOLINT(cppcoreguidelines-avoid-non-const-global-variables)
 
 void note(int /*signal*/) {
-    hasCome = 1;
+    signalArrived = 1;
 }
 
 void handleBy(void (*handler)(int), int flags) {
@@ -35,7 +35,7 @@ Interruption::~Interruption() {
 }
 
 void Interruption::check() {
-    if (hasCome != 0) {
+    if (signalArrived != 0) {
         throw std::runtime_error("interrupted");
     }
 }

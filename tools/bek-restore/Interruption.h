@@ -2,8 +2,10 @@
 
 namespace restore {
 
-/// Lets a long piece of work be ended in order by SIGINT, SIGTERM or SIGHUP; the second one ends the program
-/// at once. Make one before any thread.
+/// Lets SIGINT, SIGTERM or SIGHUP end a long operation cleanly; a second signal ends the program at once.
+/// Owns:    the handlers of these signals; the destructor restores the defaults.
+/// Threads: construct it before any thread starts; `check` from any thread.
+/// Fails:   `check` throws std::runtime_error.
 class Interruption {
 public:
     Interruption();
@@ -11,7 +13,7 @@ public:
     Interruption& operator=(const Interruption&) = delete;
     ~Interruption();
 
-    /// Throws std::runtime_error once a signal has come.
+    /// Throws std::runtime_error if a signal has arrived.
     static void check();
 };
 

@@ -25,7 +25,8 @@ struct LsOptions {
     bool isDeep = false;
 };
 
-/// One line, or one element of JSON, for each file, as it is met: a volume can have more of them than memory.
+/// Prints one line, or one element of JSON, for each file as it is found: a volume can have more files than
+/// fit into memory.
 class Listing {
 public:
     explicit Listing(const LsOptions& options) : options(options) {}
@@ -37,7 +38,7 @@ public:
         }
     }
 
-    /// `path` is where it is below what is listed.
+    /// `path` is relative to the directory being listed.
     void add(const std::string& path, const Entry& entry) {
         if (options.image.isJson) {
             std::cout << (isEmpty ? "\n  " : ",\n  ") << text(jsonOf(path, entry));
@@ -71,7 +72,7 @@ private:
         return document;
     }
 
-    /// Owners as numbers: the names of the machine that this runs on needn't be those of the volume's.
+    /// Owners are shown as numbers: the user names of this machine needn't be those of the volume.
     static std::string longLine(const std::string& path, const Entry& entry) {
         std::ostringstream line;
         line << view::modeText(entry.status.st_mode) << std::setw(4) << entry.status.st_nlink << ' '
@@ -96,10 +97,10 @@ os::FileDescriptor openDirectory(int parent, const std::string& name) {
     return found;
 }
 
-/// False if a directory below couldn't be read, which has been said.
+/// Returns false if a directory below couldn't be read, which has been reported then.
 // NOLINTNEXTLINE(misc-no-recursion): as deep as descriptors of directories can be had
 bool listBelow(Listing& listing, int directory, const std::string& prefix, bool isDeep) {
-    bool isWhole = true;
+    bool isComplete = true;
     for (const Entry& entry : view::entriesOf(directory)) {
         const std::string path = prefix + entry.name;
         listing.add(path, entry);
@@ -108,30 +109,30 @@ bool listBelow(Listing& listing, int directory, const std::string& prefix, bool 
         }
         try {
             const os::FileDescriptor below = openDirectory(directory, entry.name);
-            isWhole = listBelow(listing, below.get(), path + "/", isDeep) && isWhole;
+            isComplete = listBelow(listing, below.get(), path + "/", isDeep) && isComplete;
         } catch (const std::runtime_error& error) {
             std::cerr << programName << ": " << view::escaped(path) << ": " << error.what() << '\n';
-            isWhole = false;
+            isComplete = false;
         }
     }
-    return isWhole;
+    return isComplete;
 }
 
 int list(const LsOptions& options) {
-    view::clearRemains();
+    view::removeStaleViews();
     const view::PrivateView image(addressOf(options.image), options.image.secret);
     const os::FileDescriptor place = image.open(options.path, O_PATH);
     const Entry entry = view::entryOf(place.get(), "");
     Listing listing(options);
     listing.begin();
-    bool isWhole = true;
+    bool isComplete = true;
     if (S_ISDIR(entry.status.st_mode)) {
-        isWhole = listBelow(listing, place.get(), "", options.isDeep);
+        isComplete = listBelow(listing, place.get(), "", options.isDeep);
     } else {
         listing.add(options.path, entry);
     }
     listing.end();
-    return isWhole ? done : failed;
+    return isComplete ? done : failed;
 }
 
 } // namespace

@@ -27,12 +27,13 @@ std::string pathOf(const std::string& directory) {
 
 int mountImage(const MountOptions& options) {
     const std::string directory = pathOf(options.directory);
-    view::clearRemains();
-    view::ImageView view(addressOf(options.image), options.image.secret, view::ImageView::Lifetime::beyondUs);
+    view::removeStaleViews();
+    view::ImageView view(addressOf(options.image), options.image.secret,
+                         view::ImageView::Lifetime::outlivesProcess);
     view.setMountPoint(directory);
     const std::string kind = view::findKind(view.device());
     view::mountForAll(view, kind, directory);
-    view.leave();
+    view.detach();
     if (options.image.isJson) {
         print(tools::Json{{"image", options.image.image},
                           {"mountPoint", directory},

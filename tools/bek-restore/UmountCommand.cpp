@@ -18,12 +18,12 @@ namespace {
 namespace fs = std::filesystem;
 using std::chrono::seconds;
 
-constexpr seconds usualPatience(60); // what is in the way of a busy but living target
-constexpr seconds lastPatience(30);  // once the server is gone, and every read fails at once
-constexpr seconds goingPatience(10);
-constexpr std::chrono::milliseconds goingPause(20);
+constexpr seconds umountTimeout(60);              // for umount(8), while the target is busy but alive
+constexpr seconds umountTimeoutWithoutServer(30); // after the server was ended, when every read fails at once
+constexpr seconds releaseTimeout(10);             // for the release of the loop device
+constexpr std::chrono::milliseconds releasePoll(20);
 
-/// The mount point itself may be dead, and isn't looked at.
+/// Resolves only the parent directory where possible: to touch a dead mount point could hang.
 std::string pathOf(std::string directory) {
     while (directory.size() > 1 && directory.ends_with('/')) {
         directory.pop_back();
@@ -36,7 +36,7 @@ std::string pathOf(std::string directory) {
                                                 : (parent / name).string();
 }
 
-/// Views that are mounted there; the newest is not told from older ones, as those can only be below it.
+/// All views mounted at `directory`. Older ones can only lie below the newest one, so all of them are ended.
 std::vector<view::MountedView> viewsAt(const std::string& directory) {
     std::vector<view::MountedView> found = view::mountedViews();
     std::erase_if(found, [&](const view::MountedView& each) { return each.state.mountPoint != directory; });
@@ -50,25 +50,26 @@ bool isInUse(const view::MountedView& view) {
     return view::isLoopDevice(view.state.loop, view.place);
 }
 
-/// Drivers that are programs let the device go a moment after they have been told.
+/// A FUSE driver releases the device a moment after the unmount.
 bool awaitEndOfUse(const view::MountedView& view) {
-    const auto deadline = std::chrono::steady_clock::now() + goingPatience;
+    const auto deadline = std::chrono::steady_clock::now() + releaseTimeout;
     while (isInUse(view) && std::chrono::steady_clock::now() < deadline) {
-        std::this_thread::sleep_for(goingPause);
+        std::this_thread::sleep_for(releasePoll);
     }
     return !isInUse(view);
 }
 
-/// umount(8) waits for reads of an image that is out of reach. They end with the server.
+/// umount(8) waits for pending reads, which hang if the image is out of reach. They fail once the server has
+/// ended.
 view::Outcome unmount(const view::MountedView& view) {
     const view::Start start{.command = {"umount", "--", view.state.mountPoint}};
     try {
-        return view::runProgram(start, usualPatience);
+        return view::runProgram(start, umountTimeout);
     } catch (const view::ProgramMissing&) {
         throw;
     } catch (const std::runtime_error&) {
         view::endView(view.place, view.state);
-        return view::runProgram(start, lastPatience);
+        return view::runProgram(start, umountTimeoutWithoutServer);
     }
 }
 
@@ -77,7 +78,7 @@ void endMount(const view::MountedView& view) {
         const view::Outcome outcome = unmount(view);
         if (outcome.status != 0 && isInUse(view)) {
             throw std::runtime_error(view.state.mountPoint +
-                                     " can't be unmounted: " + view::lastWords(outcome.output));
+                                     " can't be unmounted: " + view::lastOutputLine(outcome.output));
         }
     }
     if (!awaitEndOfUse(view)) {
@@ -92,7 +93,7 @@ int unmountImage(const std::string& directory, bool isJson) {
     for (const view::MountedView& view : viewsAt(path)) {
         endMount(view);
     }
-    view::clearRemains();
+    view::removeStaleViews();
     if (isJson) {
         print(tools::Json{{"mountPoint", path}});
     }

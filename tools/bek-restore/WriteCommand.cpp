@@ -26,7 +26,7 @@ struct WriteOptions {
     std::string device;
     bool mayOverwrite = false;
     bool isDryRun = false;
-    bool mayLeaveUnread = false;
+    bool skipsCompare = false;
 };
 
 struct Written {
@@ -58,15 +58,15 @@ tools::Json jsonOf(const WriteOptions& options, const RestorePlan& plan) {
     document["device"] = options.device;
     document["volumeBytes"] = plan.volumeBytes;
     document["usedBytes"] = plan.usedBytes;
-    document["usedBlocksKnown"] = !plan.isWhole;
+    document["usedBlocksKnown"] = !plan.takesAllBlocks;
     document["reason"] = tools::textOrNull(plan.reason);
     return document;
 }
 
 std::string textOf(const RestorePlan& plan) {
-    return plan.isWhole ? "all " + sizeText(plan.volumeBytes) + ", as nothing tells which blocks are used (" +
-                              plan.reason + ")"
-                        : sizeText(plan.usedBytes) + " of a volume of " + sizeText(plan.volumeBytes);
+    return plan.takesAllBlocks ? "all " + sizeText(plan.volumeBytes) +
+                                     ", as nothing tells which blocks are used (" + plan.reason + ")"
+                               : sizeText(plan.usedBytes) + " of a volume of " + sizeText(plan.volumeBytes);
 }
 
 void report(const WriteOptions& options, const RestorePlan& plan, const TargetState& state) {
@@ -112,7 +112,7 @@ void report(const WriteOptions& options, const RestorePlan& plan, const Written&
 }
 
 bool isSameFile(const std::string& image, const std::string& device) {
-    std::error_code ignored; // what can't be looked at is told of when it is opened
+    std::error_code ignored; // a path that can't be examined fails when it is opened
     return std::filesystem::equivalent(image, device, ignored);
 }
 
@@ -129,7 +129,7 @@ int write(const WriteOptions& options) {
         report(options, plan, state);
         return done;
     }
-    const Written written = writeTo(target, *opened.image, plan, state.interrupted, !options.mayLeaveUnread);
+    const Written written = writeTo(target, *opened.image, plan, state.interrupted, !options.skipsCompare);
     report(options, plan, written);
     return done;
 }
@@ -148,7 +148,7 @@ void declareWrite(CLI::App& app, Run& chosen) {
                      "Even if there is a file system, or a table of partitions");
     command.add_flag("--dry-run", options->isDryRun,
                      "Look at both, say what would be done, and write nothing");
-    command.add_flag("--no-compare", options->mayLeaveUnread, "Don't read back what was written");
+    command.add_flag("--no-compare", options->skipsCompare, "Don't read back what was written");
     command.callback([options, &chosen] { chosen = [options] { return write(*options); }; });
 }
 

@@ -1,8 +1,9 @@
-// The command line: which command, and what becomes of what it throws.
+// The command line: selects the command, and turns exceptions into an exit status.
 
 #include "Commands.h"
 #include "Common.h"
 #include "app/Version.h"
+#include "tools/common/CommandLine.h"
 
 namespace restore {
 namespace {
@@ -18,6 +19,7 @@ Exit status: 0; 1 if it failed; 2 if the command is wrong; 3 if an image isn't a
 int run(int argc, char** argv) {
     CLI::App app(description);
     app.name(programName);
+    app.failure_message(&tools::failureText);
     app.set_version_flag("--version", std::string(programName) + " " + agent::app::version,
                          "Print the version");
     app.require_subcommand(1);

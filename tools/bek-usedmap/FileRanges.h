@@ -9,8 +9,8 @@
 
 namespace usedmap {
 
-/// Which blocks of a volume hold the content of a file. Throws std::runtime_error if the file system is of no
-/// known kind, or of one on which files can't be looked for, or if the file can't be found.
+/// Returns the blocks of a volume that hold the content of a file. Throws std::runtime_error if the kind of
+/// file system is unknown or doesn't support the search for files, or if the file can't be found.
 agent::core::fs::FileBlocks findFileRanges(agent::info::Logger& logger, agent::core::IVolumeReader& device,
                                            std::uint32_t sectorSize, const std::string& path);
 

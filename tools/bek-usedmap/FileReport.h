@@ -7,16 +7,16 @@
 
 namespace usedmap {
 
-/// What is to be printed of a file.
+/// The report about a file.
 struct FileReport {
     std::string device;
     std::string path;
     agent::core::fs::FileBlocks file;
 };
 
-/// One range a line: first block, and number of blocks.
+/// One range per line: first block, and number of blocks.
 void printRanges(std::ostream& out, const FileReport& report);
-/// An object in one line.
+/// One JSON object in one line.
 void printJson(std::ostream& out, const FileReport& report);
 
 } // namespace usedmap

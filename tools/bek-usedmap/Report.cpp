@@ -32,7 +32,7 @@ void printRanges(std::ostream& out, const Report& report) {
 void printSummary(std::ostream& out, const Report& report) {
     out << "device      " << report.device << '\n'
         << "size        " << report.deviceBytes << " bytes\n"
-        << "blocks      " << report.used.knownBlocks << " of " << report.used.blockSize << " bytes\n"
+        << "blocks      " << report.used.mappedBlocks << " of " << report.used.blockSize << " bytes\n"
         << "used        " << report.used.usedBlocks << " blocks, " << usedBytes(report) << " bytes\n"
         << "ranges      " << report.used.ranges.size() << '\n'
         << driverFilesLine(report) << '\n'
@@ -43,7 +43,7 @@ void printJson(std::ostream& out, const Report& report, bool withRanges) {
     nlohmann::ordered_json document{{"device", report.device},
                                     {"deviceBytes", report.deviceBytes},
                                     {"blockSize", report.used.blockSize},
-                                    {"blocks", report.used.knownBlocks},
+                                    {"blocks", report.used.mappedBlocks},
                                     {"usedBlocks", report.used.usedBlocks},
                                     {"usedBytes", usedBytes(report)},
                                     {"rangeCount", report.used.ranges.size()},

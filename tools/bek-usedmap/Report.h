@@ -9,20 +9,20 @@
 
 namespace usedmap {
 
-/// What is to be printed of a volume.
+/// The report about a volume.
 struct Report {
     std::string device;
     std::uint64_t deviceBytes = 0;
-    double seconds = 0; ///< that the map took
-    UsedRanges used;    ///< without the files of the snapshot driver, if those could be told
-    std::optional<std::uint64_t> driverFileBytes; ///< that were left out; nothing if they count as used
+    double seconds = 0; ///< to read the map
+    UsedRanges used;    ///< without the snapshot driver's files, if their places are known
+    std::optional<std::uint64_t> driverFileBytes; ///< left out; not set if they count as used
 };
 
-/// One range a line: first block, and number of blocks.
+/// One range per line: first block, and number of blocks.
 void printRanges(std::ostream& out, const Report& report);
-/// A few lines for people.
+/// A summary of a few lines.
 void printSummary(std::ostream& out, const Report& report);
-/// An object in one line; its member "ranges" only if asked for.
+/// One JSON object in one line; it has the member "ranges" only if `withRanges` is set.
 void printJson(std::ostream& out, const Report& report, bool withRanges);
 
 } // namespace usedmap

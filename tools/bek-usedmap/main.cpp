@@ -25,11 +25,11 @@ constexpr std::size_t mebibyte = 1024UL * 1024;
 
 using agent::core::fs::FileSystemKind;
 
-/// Of all kinds, or of those that have what is asked for.
-std::string volumesWith(bool (*isMeant)(const FileSystemKind&)) {
+/// The volumes of those kinds for which `isSelected` is true.
+std::string volumesWith(bool (*isSelected)(const FileSystemKind&)) {
     std::string volumes;
     for (const FileSystemKind& kind : agent::core::fs::fileSystemKinds()) {
-        if (isMeant(kind)) {
+        if (isSelected(kind)) {
             volumes += (volumes.empty() ? "" : ", ") + std::string(kind.volumes);
         }
     }
@@ -68,7 +68,7 @@ Examples: bek-usedmap --summary /dev/sda1
 
 struct Options {
     std::string device;
-    std::optional<std::string> file; ///< the map of the volume without it
+    std::optional<std::string> file; ///< print the blocks of this file; without it, the map of the volume
     bool kinds = false;
     bool json = false;
     bool summary = false;
@@ -98,7 +98,7 @@ void declare(CLI::App& app, Options& options) {
         ->check(CLI::IsMember({512, 1024, 2048, 4096}));
 }
 
-/// Opened, with what reads of it have to be aligned to.
+/// The open device, and its sector size, to which reads are aligned.
 struct Device {
     Device(const Options& options, agent::info::Logger& logger) : reader(logger, options.device) {
         if (!reader.open()) {
@@ -120,7 +120,7 @@ Report examine(const Options& options, agent::info::Logger& logger) {
     report.used =
         findUsedRanges(logger, device.reader, device.sectorSize, options.bufferMebibytes * mebibyte);
     if (const auto own = findDriverFiles(logger, device.reader, report.used.blockSize)) {
-        report.driverFileBytes = leaveOut(report.used, *own) * report.used.blockSize;
+        report.driverFileBytes = exclude(report.used, *own) * report.used.blockSize;
     }
     report.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
     return report;

@@ -15,14 +15,14 @@ Finding checkPort(const AgentFacts& agent) {
     const std::string name = "Port " + std::to_string(agentPort);
     switch (agent.port) {
     case Port::answers:
-        return {"port", Verdict::well, name + " answers with the certificate on disk."};
-    case Port::stranger:
+        return {"port", Verdict::ok, name + " answers with the certificate on disk."};
+    case Port::wrongCertificate:
         return {"port", Verdict::failure, name + " shows another certificate than the one on disk.",
                 "Start the agent anew, or put the certificate back that it was started with."};
     case Port::silent:
         return {"port", Verdict::failure, name + " doesn't answer: " + agent.problem + ".",
                 "See the log for what the agent is doing; start it anew if it stays so."};
-    case Port::foreign:
+    case Port::otherProgram:
         return {"port", Verdict::failure, name + " belongs to somebody else: " + agent.problem + ".",
                 "End that program, and start the agent."};
     case Port::closed:
@@ -51,7 +51,7 @@ Finding checkValidity(const IdentityPart& part, std::time_t now) {
     if (certificate.daysLeft(now) < daysBeforeWarning) {
         return {name, Verdict::warning, subject + "ends at " + end + ".", remedy};
     }
-    return {name, Verdict::well, subject + "is valid until " + end + "."};
+    return {name, Verdict::ok, subject + "is valid until " + end + "."};
 }
 
 } // namespace
@@ -67,7 +67,7 @@ Findings checkAgent(const AgentFacts& agent) {
                          "Start it anew when no backup runs: systemctl restart bekd."});
     } else {
         found.push_back(
-            {"agent", Verdict::well, "The agent runs, process " + std::to_string(agent.process->pid) + "."});
+            {"agent", Verdict::ok, "The agent runs, process " + std::to_string(agent.process->pid) + "."});
     }
     found.push_back(checkPort(agent));
     return found;
@@ -79,9 +79,9 @@ Findings checkDatabase(const std::optional<Database>& database, const std::strin
                  "Start the agent if it never ran here. A damaged database: stop the agent, move the file "
                  "away, start it, pair again; the next backups then copy or compare everything."}};
     }
-    Findings found{{"database", Verdict::well, "The database can be read."}};
+    Findings found{{"database", Verdict::ok, "The database can be read."}};
     if (database->pairing) {
-        found.push_back({"pairing", Verdict::well,
+        found.push_back({"pairing", Verdict::ok,
                          "Paired with device " + std::to_string(database->pairing->device) + "."});
     } else {
         found.push_back({"pairing", Verdict::failure, "The agent isn't paired, so nobody can order a backup.",
@@ -97,15 +97,15 @@ Findings checkIdentity(const Identity& identity, std::time_t now) {
         "the agent anew to have all of them made.";
     if (!identity.keyProblem.empty()) {
         found.push_back({"key", Verdict::failure, identity.keyProblem + ".", remedy});
-    } else if (identity.hasOwnKey) {
+    } else if (identity.keyMatches) {
         found.push_back(
-            *identity.hasOwnKey
-                ? Finding{"key", Verdict::well, "The key belongs to the certificate."}
+            *identity.keyMatches
+                ? Finding{"key", Verdict::ok, "The key belongs to the certificate."}
                 : Finding{"key", Verdict::failure, "The key is that of another certificate.", remedy});
     }
-    if (identity.isVouchedFor) {
-        found.push_back(*identity.isVouchedFor
-                            ? Finding{"trust", Verdict::well, "The authority has signed the certificate."}
+    if (identity.isSignedByAuthority) {
+        found.push_back(*identity.isSignedByAuthority
+                            ? Finding{"trust", Verdict::ok, "The authority has signed the certificate."}
                             : Finding{"trust", Verdict::failure,
                                       "The certificate isn't signed by the authority in ca.crt.", remedy});
     }
@@ -124,7 +124,7 @@ Findings checkSettings(const Settings& settings) {
                          "then."});
     }
     if (found.empty()) {
-        found.push_back({"settings", Verdict::well, "The settings fit."});
+        found.push_back({"settings", Verdict::ok, "The settings fit."});
     }
     return found;
 }
@@ -140,7 +140,7 @@ Findings checkDriver(const DriverFacts& driver) {
         return {{"driver", Verdict::failure, "The snapshot driver is too old or unreadable: " + shown + ".",
                  std::string("Install version ") + agent::info::minimumDriverVersion + " or later."}};
     }
-    return {{"driver", Verdict::well, "The snapshot driver is there: " + shown + "."}};
+    return {{"driver", Verdict::ok, "The snapshot driver is there: " + shown + "."}};
 }
 
 } // namespace bekctl

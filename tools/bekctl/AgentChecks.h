@@ -11,7 +11,7 @@
 #include <optional>
 #include <string>
 
-/// What of the agent itself would make a backup fail.
+/// Checks of the agent itself: what would make a backup fail.
 namespace bekctl {
 
 Findings checkAgent(const AgentFacts& agent);

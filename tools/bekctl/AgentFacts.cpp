@@ -1,9 +1,9 @@
 #include "AgentFacts.h"
 
+#include "AgentPaths.h"
 #include "CertificateFile.h"
 #include "FileLocks.h"
 #include "Handshake.h"
-#include "Places.h"
 
 #include <exception>
 
@@ -31,7 +31,7 @@ Port lookAtPort(const AgentFacts& facts, std::string& problem) {
     }
     if (!facts.process || facts.listener->pid != facts.process->pid) {
         problem = "process " + std::to_string(facts.listener->pid) + " has it, " + facts.listener->name;
-        return Port::foreign;
+        return Port::otherProgram;
     }
     try {
         const std::string shown = certificateShownAt(agentPort);
@@ -39,7 +39,7 @@ Port lookAtPort(const AgentFacts& facts, std::string& problem) {
             return Port::answers;
         }
         problem = "shows another certificate than the one on disk";
-        return Port::stranger;
+        return Port::wrongCertificate;
     } catch (const std::exception& error) {
         problem = error.what();
         return Port::silent;

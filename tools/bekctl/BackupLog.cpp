@@ -29,8 +29,8 @@ constexpr std::size_t decorationBytes = 36; // date, time, level
 constexpr std::size_t levelPosition = 24;
 constexpr std::size_t longestRecord = 65'536;
 constexpr std::size_t longestReasonLine = 4096;
-constexpr std::size_t mostReasonLines = 1000; // of a run
-constexpr std::size_t mostReasons = 32;       // of a volume
+constexpr std::size_t mostReasonLines = 1000; // per run
+constexpr std::size_t mostReasons = 32;       // per volume
 constexpr std::size_t mostVolumes = 1000;
 
 constexpr std::string_view recordHead = "Backup record: ";
@@ -43,16 +43,16 @@ constexpr std::string_view phaseBegins = "Beginning execution of the ";
 constexpr std::string_view phaseEnds = "Finished execution of the ";
 constexpr std::string_view copyPhase = "Copy Volume ";
 constexpr std::string_view phaseTail = " phase.";
-/// Those that never run within the copy of a volume.
-constexpr std::array<std::string_view, 2> phasesBehindCopies = {"Close Backup Session",
-                                                                "Transition To Incremental"};
+/// Phases that never run during the copy of a volume.
+constexpr std::array<std::string_view, 2> phasesAfterCopies = {"Close Backup Session",
+                                                               "Transition To Incremental"};
 constexpr std::string_view errorTag = "[ERROR:]";
 
 bool endsRun(std::string_view text) {
     return std::ranges::any_of(runEnds, [&](std::string_view end) { return text.starts_with(end); });
 }
 
-/// Without a look at dates: a log at level debug has millions of lines.
+/// A cheap filter that parses no dates: a log at level debug has millions of lines.
 bool isOfInterest(std::string_view line) {
     if (line.size() <= decorationBytes) {
         return false;
@@ -68,7 +68,7 @@ std::string textOf(const json& object, const char* key) {
     return found != object.end() && found->is_string() ? plain(found->get<std::string>()) : "";
 }
 
-/// An estimate may have fallen below zero, and is then a number that no volume has bytes of.
+/// An estimate may have fallen below zero, which shows as a number larger than any volume; it is ignored.
 std::optional<std::uint64_t> bytesOf(const json& object, const char* key) {
     constexpr auto most = static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max());
     const auto found = object.find(key);
@@ -82,7 +82,7 @@ double secondsOf(const json& object) {
     return std::isfinite(seconds) && seconds > 0 ? seconds : 0;
 }
 
-/// What stands between `head` and the first of `ends`; empty if `head` doesn't.
+/// The text between `head` and the first character of `ends` after it; empty if `head` isn't found.
 std::string_view between(std::string_view text, std::string_view head, std::string_view ends) {
     const std::size_t begin = text.find(head);
     if (begin == std::string_view::npos) {
@@ -112,7 +112,7 @@ void BackupLog::add(const std::string& line) {
     try {
         text = decorator.undecorate(line, level, time);
     } catch (const std::exception&) {
-        return; // the second line of a message
+        return; // a further line of a message
     }
     addMessage(text, level, std::chrono::system_clock::to_time_t(time));
 }
@@ -123,7 +123,7 @@ void BackupLog::addMessage(const std::string& text, int level, std::time_t time)
     } else if (text == runBegins) {
         begin(time);
     } else if (text.starts_with(agentStarted)) {
-        giveUpRuns();
+        dropUnfinishedRuns();
     } else if (text.starts_with(phaseBegins) || text.starts_with(phaseEnds)) {
         addPhase(text);
     } else {
@@ -147,7 +147,7 @@ void BackupLog::addPhase(const std::string& text) {
     name.remove_suffix(phaseTail.size());
     if (name.starts_with(copyPhase)) {
         run.copying = isBegin ? plain(std::string(name.substr(copyPhase.size()))) : "";
-    } else if (std::ranges::find(phasesBehindCopies, name) != phasesBehindCopies.end()) {
+    } else if (std::ranges::find(phasesAfterCopies, name) != phasesAfterCopies.end()) {
         run.copying.clear();
     }
 }
@@ -165,7 +165,7 @@ void BackupLog::addRecord(const std::string& text, std::time_t time) {
         }
         record.backup = textOf(stored, "backup");
         record.mountPoint = textOf(stored, "mountPoint");
-        record.asked = textOf(stored, "asked");
+        record.requestedType = textOf(stored, "asked");
         record.type = textOf(stored, "type");
         record.outcome = textOf(stored, "outcome");
         record.copiedBytes = bytesOf(stored, "copiedBytes");
@@ -178,7 +178,7 @@ void BackupLog::addRecord(const std::string& text, std::time_t time) {
 }
 
 void BackupLog::addReason(const std::string& text) {
-    const agent::info::Reason* const reason = agent::info::reasonOf(std::string_view(text));
+    const agent::info::Reason* const reason = agent::info::findReason(std::string_view(text));
     if (reason != nullptr && run.reasons.size() < mostReasonLines) {
         run.reasons.push_back({reason, run.copying, text.substr(0, longestReasonLine)});
     }
@@ -204,7 +204,7 @@ void BackupLog::begin(std::time_t time) {
 void BackupLog::end(std::time_t time) {
     closeRun();
     openRuns = std::max(0, openRuns - 1);
-    run.begin = time; // of the one that has waited
+    run.begin = time; // the waiting run begins now
 }
 
 void BackupLog::closeRun() {
@@ -222,21 +222,21 @@ void BackupLog::closeRun() {
         }
     }
     run = Run();
-    lastCutOff.reset();
+    lastInterrupted.reset();
 }
 
-/// Of a backup that was under way when the agent was started anew there is no end.
-void BackupLog::giveUpRuns() {
+/// A backup that was running when the agent was restarted never logs its end.
+void BackupLog::dropUnfinishedRuns() {
     if (openRuns == 0) {
         return;
     }
     const std::time_t begun = run.begin;
     closeRun();
     openRuns = 0;
-    lastCutOff = begun;
+    lastInterrupted = begun;
 }
 
-/// A line that names no volume of the run, and stands in no copy, is about all of them.
+/// A line that names no volume of the run and was logged during no copy is about all volumes.
 bool BackupLog::isAbout(const ReasonLine& line, const BackupRecord& record) const {
     if (!line.copying.empty()) {
         return line.copying == record.volume;

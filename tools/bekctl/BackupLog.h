@@ -14,23 +14,26 @@
 
 namespace bekctl {
 
-/// What the agent has noted of one volume at the end of a backup.
+/// The record of one volume that the agent has logged at the end of a backup.
 struct BackupRecord {
     std::string backup;
     std::string volume;
     std::string mountPoint;
-    std::string asked; ///< the type that the appliance has asked for
-    std::string type;  ///< the one that it became
+    std::string requestedType; ///< the type that the appliance requested
+    std::string type;          ///< the type that was made
     std::string outcome;
-    std::optional<std::uint64_t> copiedBytes; ///< nothing if it didn't come so far
-    std::optional<std::uint64_t> totalBytes;  ///< the estimate; nothing if there is none that can be right
+    std::optional<std::uint64_t> copiedBytes; ///< not set if the backup ended before that
+    std::optional<std::uint64_t> totalBytes;  ///< the estimate; not set if it is missing or impossible
     double seconds = 0;
     std::time_t end = 0;
-    std::vector<const agent::info::Reason*> reasons; ///< of the table, each once
+    std::vector<const agent::info::Reason*> reasons; ///< pointers into the table, each once
 };
 
-/// Makes out of the lines of the log, oldest first, what has become of the backups. A line may hold anything:
-/// what is kept of one is bounded.
+/// Finds out from the lines of the log, oldest first, how backups ended. A line may hold anything, so only a
+/// bounded part of each line is kept.
+/// Owns:    all that it has kept.
+/// Threads: one at a time.
+/// Fails:   never: a line that can't be parsed is skipped.
 class BackupLog {
 public:
     BackupLog() = default;
@@ -42,17 +45,17 @@ public:
 
     /// The last record of each volume, by UUID.
     [[nodiscard]] const std::map<std::string, BackupRecord>& lastRecords() const { return records; }
-    /// When the backup began that hasn't ended, if there is one.
+    /// When the running backup began; not set if none is running.
     [[nodiscard]] std::optional<std::time_t> runningSince() const;
-    /// The volume that it copies; empty if none.
+    /// The volume being copied; empty if none is.
     [[nodiscard]] const std::string& copying() const { return run.copying; }
-    /// When the last backup began that ended with the agent, before its end; if no later one has ended.
-    [[nodiscard]] std::optional<std::time_t> cutOff() const { return lastCutOff; }
-    /// "host:port" of the target that a line has named last; empty if none has.
+    /// When the last backup that the agent's end cut off began; not set if a later backup has ended.
+    [[nodiscard]] std::optional<std::time_t> beginOfInterrupted() const { return lastInterrupted; }
+    /// "host:port" of the last target that a line has named; empty if none has.
     [[nodiscard]] const std::string& lastTarget() const { return target; }
 
 private:
-    /// A line that has a reason, and the volume that was being copied, if any was.
+    /// A line with a reason, and the volume being copied at that time, if any.
     struct ReasonLine {
         const agent::info::Reason* reason = nullptr;
         std::string copying;
@@ -73,7 +76,7 @@ private:
     void begin(std::time_t time);
     void end(std::time_t time);
     void closeRun();
-    void giveUpRuns();
+    void dropUnfinishedRuns();
     [[nodiscard]] bool isAbout(const ReasonLine& line, const BackupRecord& record) const;
 
     agent::info::DateDecorator dates;
@@ -82,7 +85,7 @@ private:
     std::map<std::string, BackupRecord> records;
     Run run;
     int openRuns = 0; ///< a cancelled backup may still be ending when the next one waits for its turn
-    std::optional<std::time_t> lastCutOff;
+    std::optional<std::time_t> lastInterrupted;
     std::string target;
 };
 

@@ -1,7 +1,7 @@
+#include "AgentPaths.h"
 #include "Commands.h"
 #include "Database.h"
 #include "LogFiles.h"
-#include "Places.h"
 #include "RecordTable.h"
 
 #include <exception>
@@ -18,8 +18,8 @@ using tools::textOrNull;
 
 namespace {
 
-/// Volumes that have been backed up once, whether or not the log still tells of it; none where the database
-/// can't be read.
+/// The volumes that were ever backed up, even if the log no longer shows it; empty if the database can't be
+/// read.
 std::vector<std::string> knownVolumes() {
     try {
         return readDatabase(databasePath()).volumes;
@@ -42,11 +42,12 @@ Json jsonOf(const LogFindings& found, const std::vector<std::string>& unknown) {
     return {{"backups", records},
             {"volumesWithoutRecord", unknown},
             {"runningSince", momentOrNull(found.log->runningSince())},
-            {"cutOff", momentOrNull(found.log->cutOff())},
+            {"cutOff", momentOrNull(found.log->beginOfInterrupted())},
             {"logSince", momentOrNull(found.since)},
             {"logProblem", textOrNull(found.problem)}};
 }
 
+/// Also names the volumes whose last backup is older than the log, so that none seems forgotten.
 void print(const Output& output, const LogFindings& found, const std::vector<std::string>& unknown) {
     std::ostream& out = output.out;
     if (found.log->lastRecords().empty()) {
@@ -64,8 +65,9 @@ void print(const Output& output, const LogFindings& found, const std::vector<std
         out << "Volume " << plain(uuid)
             << " was backed up, or begun to be; the log doesn't go back so far.\n";
     }
-    if (const auto cutOff = found.log->cutOff()) {
-        out << "The backup that began at " << localText(*cutOff) << " was cut off by the end of the agent.\n";
+    if (const auto beginOfInterrupted = found.log->beginOfInterrupted()) {
+        out << "The backup that began at " << localText(*beginOfInterrupted)
+            << " was cut off by the end of the agent.\n";
     }
     if (!found.problem.empty()) {
         out << output.screen.paint(Colour::red, "Not all of the log could be read: " + found.problem) << '\n';
@@ -82,7 +84,7 @@ int showBackups(const Output& output) {
     } else {
         print(output, found, unknown);
     }
-    return found.problem.empty() ? well : unusable;
+    return found.problem.empty() ? exitOk : exitError;
 }
 
 } // namespace bekctl

@@ -16,7 +16,7 @@ using tools::plain;
 
 namespace {
 
-constexpr std::size_t largestFile = 20'000; // what the agent reads of one, too
+constexpr std::size_t largestFile = 20'000; // the agent's own limit, too
 constexpr long secondsPerDay = 86'400;
 
 using NameGetter = int (*)(gnutls_x509_crt_t, gnutls_datum_t*, unsigned);

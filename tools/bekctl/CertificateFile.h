@@ -9,8 +9,10 @@
 
 namespace bekctl {
 
-/// A certificate, with what is shown of it.
-/// Fails: construction, with std::runtime_error that says what is wrong with the file.
+/// A certificate, with the parts of it that are shown.
+/// Owns:    the GnuTLS handle.
+/// Threads: one at a time.
+/// Fails:   the constructor throws std::runtime_error, which says what is wrong with the file.
 class CertificateFile {
 public:
     explicit CertificateFile(const std::string& path);
@@ -20,13 +22,14 @@ public:
     std::time_t begin = 0;
     std::time_t end = 0;
 
-    /// Days until it ends, cut off; below 0 if it has ended.
+    /// Whole days until the certificate ends; below 0 if it has ended.
     [[nodiscard]] long daysLeft(std::time_t now) const;
-    /// Whether the private key in a file is its own. Throws std::runtime_error if there is none.
+    /// Whether the private key in this file belongs to the certificate. Throws std::runtime_error if there is
+    /// no key.
     [[nodiscard]] bool belongsTo(const std::string& keyPath) const;
-    /// Whether the authority has signed it; when each of them is valid isn't asked.
+    /// Whether the authority has signed the certificate. Doesn't check when either of them is valid.
     [[nodiscard]] bool isSignedBy(const CertificateFile& authority) const;
-    /// All its bytes, as they go over the network.
+    /// The DER encoding, as it goes over the network.
     [[nodiscard]] std::string bytes() const;
 
 private:

@@ -34,9 +34,9 @@ Json jsonOf(const IdentityPart& part, std::time_t now) {
 Json jsonOf(const Identity& identity, std::time_t now) {
     const auto orNull = [](const std::optional<bool>& value) { return value ? Json(*value) : Json(); };
     return {{"certificates", {jsonOf(identity.agent, now), jsonOf(identity.authority, now)}},
-            {"keyBelongsToCertificate", orNull(identity.hasOwnKey)},
+            {"keyBelongsToCertificate", orNull(identity.keyMatches)},
             {"keyProblem", textOrNull(identity.keyProblem)},
-            {"certificateIsFromAuthority", orNull(identity.isVouchedFor)},
+            {"certificateIsFromAuthority", orNull(identity.isSignedByAuthority)},
             {"sound", identity.isSound(now)}};
 }
 
@@ -70,8 +70,8 @@ void print(const Output& output, const Identity& identity, std::time_t now) {
     addPart(table, identity.agent, now);
     addPart(table, identity.authority, now);
     table.add({{"Together", Colour::bold}, ""});
-    table.add({"  the key belongs to the certificate", answer(identity.hasOwnKey, identity.keyProblem)});
-    table.add({"  the authority has signed it", answer(identity.isVouchedFor, "")});
+    table.add({"  the key belongs to the certificate", answer(identity.keyMatches, identity.keyProblem)});
+    table.add({"  the authority has signed it", answer(identity.isSignedByAuthority, "")});
     table.print(output.out, output.screen);
 }
 
@@ -85,7 +85,7 @@ int showCertificates(const Output& output) {
     } else {
         print(output, identity, now);
     }
-    return identity.isSound(now) ? well : unwell;
+    return identity.isSound(now) ? exitOk : exitProblem;
 }
 
 } // namespace bekctl

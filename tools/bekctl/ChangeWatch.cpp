@@ -29,14 +29,15 @@ void ChangeWatch::wait() {
     }
     ::pollfd asked{events.get(), POLLIN, 0};
     if (::poll(&asked, 1, longestMilliseconds) > 0) {
-        // What has changed is seen when the files are read. One that goes away takes the watch with it.
+        // The caller reads the files anyway, so the events are dropped. A directory that goes away takes the
+        // watch with it.
         alignas(::inotify_event) std::array<char, eventBytes> taken{};
         while (::read(events.get(), taken.data(), taken.size()) > 0) {
         }
     }
 }
 
-/// The agent may make the directory later, and somebody may put another one in its place.
+/// Adds the watch anew each time: the agent may create the directory later, or somebody may replace it.
 bool ChangeWatch::attach() {
     watch = ::inotify_add_watch(events.get(), directory.c_str(),
                                 IN_MODIFY | IN_CREATE | IN_MOVED_TO | IN_ONLYDIR);

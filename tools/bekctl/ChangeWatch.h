@@ -6,15 +6,15 @@
 
 namespace bekctl {
 
-/// Waits for changes of the files of a directory.
-/// Owns:    the watch.
+/// Waits for changes of the files in a directory.
+/// Owns:    the inotify descriptor with its watch.
 /// Threads: one at a time.
-/// Fails:   never: where nothing can be watched it waits a second.
+/// Fails:   never: if nothing can be watched, `wait` sleeps for a second.
 class ChangeWatch {
 public:
     explicit ChangeWatch(std::string directory);
 
-    /// Until something has changed since the last call, or a minute is over.
+    /// Returns when something has changed since the last call, or after a minute.
     void wait();
 
 private:

@@ -6,20 +6,20 @@
 namespace bekctl {
 
 enum class Verdict {
-    well,
+    ok,
     warning, ///< the next backup copies more than it is asked to, or something will fail later
     failure, ///< the next backup fails
-    open,    ///< couldn't be looked at, or there is nothing to look at
+    open,    ///< couldn't be checked, or there is nothing to check
 };
 
-/// What one look has found.
+/// The result of one check.
 struct Finding {
-    std::string name; ///< stays the same for programs
-    Verdict verdict = Verdict::well;
+    std::string name; ///< stable, for programs
+    Verdict verdict = Verdict::ok;
     std::string text;
     // NOLINTBEGIN(readability-redundant-member-init): without it each finding would have to name them
-    std::string remedy{}; ///< what to do; empty where nothing has to be done
-    std::string volume{}; ///< the UUID of the one that it is about, if any
+    std::string remedy{}; ///< what to do; empty if there is nothing to do
+    std::string volume{}; ///< UUID of the volume that it is about, if any
     // NOLINTEND(readability-redundant-member-init)
 };
 

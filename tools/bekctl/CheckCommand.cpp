@@ -1,9 +1,9 @@
 #include "AgentChecks.h"
+#include "AgentPaths.h"
 #include "Commands.h"
 #include "LogFiles.h"
-#include "Places.h"
-#include "Silence.h"
-#include "SiteChecks.h"
+#include "MachineChecks.h"
+#include "SilentLogger.h"
 #include "VolumeChecks.h"
 #include "tools/common/Json.h"
 #include "tools/common/Table.h"
@@ -24,8 +24,8 @@ using tools::wrapped;
 
 namespace {
 
-/// What the checks of several parts need.
-struct Scene {
+/// The facts that several checks need.
+struct CheckInputs {
     AgentFacts agent = findAgent();
     std::optional<Database> database;
     std::string databaseProblem;
@@ -37,19 +37,19 @@ struct Scene {
     }
 };
 
-void readInto(Scene& scene) {
+void readInto(CheckInputs& inputs) {
     try {
-        scene.database = readDatabase(databasePath());
+        inputs.database = readDatabase(databasePath());
     } catch (const std::exception& error) {
-        scene.databaseProblem = plain(error.what());
+        inputs.databaseProblem = plain(error.what());
     }
 }
 
-Findings checkAllVolumes(const Scene& scene, const DriverFacts& driver, agent::info::Logger& logger) {
+Findings checkAllVolumes(const CheckInputs& inputs, const DriverFacts& driver, agent::info::Logger& logger) {
     try {
-        return checkVolumes(findVolumes(logger, driver, scene.settings.config()),
-                            scene.database ? scene.database->volumes : std::vector<std::string>(),
-                            scene.isBackupRunning());
+        return checkVolumes(findVolumes(logger, driver, inputs.settings.config()),
+                            inputs.database ? inputs.database->volumes : std::vector<std::string>(),
+                            inputs.isBackupRunning());
     } catch (const std::exception& error) {
         return {{"volume", Verdict::failure, "The volumes can't be found: " + plain(error.what()) + ".",
                  "See that dbus and udisks2 run."}};
@@ -61,34 +61,34 @@ Findings checkLog(const LogFindings& logs) {
         return {{"log", Verdict::warning, "Not all of the log could be read: " + logs.problem + ".",
                  "Look at the files in " + (agent::dir::base() / "logs").str() + "."}};
     }
-    return {{"log", Verdict::well, "The log can be read."}};
+    return {{"log", Verdict::ok, "The log can be read."}};
 }
 
 Findings checkAll(const std::string& target) {
-    Silence silence;
-    Scene scene;
-    readInto(scene);
-    const DriverFacts driver(silence.logger);
+    SilentLogger silent;
+    CheckInputs inputs;
+    readInto(inputs);
+    const DriverFacts driver(silent.logger);
     Findings all;
     const auto add = [&](Findings found) { std::ranges::move(found, std::back_inserter(all)); };
-    add(checkAgent(scene.agent));
-    add(checkDatabase(scene.database, scene.databaseProblem));
+    add(checkAgent(inputs.agent));
+    add(checkDatabase(inputs.database, inputs.databaseProblem));
     add(checkIdentity(readIdentity(), std::time(nullptr)));
     add({checkClock(isClockSynchronised())});
-    add(checkSettings(scene.settings));
-    add({checkDisk(findDiskRoom(agent::dir::base()))});
-    add(checkLog(scene.logs));
+    add(checkSettings(inputs.settings));
+    add({checkDisk(findDiskSpace(agent::dir::base()))});
+    add(checkLog(inputs.logs));
     add(checkServices());
     add(checkDriver(driver));
-    add(checkAllVolumes(scene, driver, silence.logger));
+    add(checkAllVolumes(inputs, driver, silent.logger));
     add(checkScripts(scriptsPath()));
-    add({checkTarget(target, scene.logs.log->lastTarget())});
+    add({checkTarget(target, inputs.logs.log->lastTarget())});
     return all;
 }
 
 std::string nameOf(Verdict verdict) {
     switch (verdict) {
-    case Verdict::well:
+    case Verdict::ok:
         return "ok";
     case Verdict::warning:
         return "warning";
@@ -102,7 +102,7 @@ std::string nameOf(Verdict verdict) {
 
 Colour colourOf(Verdict verdict) {
     switch (verdict) {
-    case Verdict::well:
+    case Verdict::ok:
         return Colour::green;
     case Verdict::warning:
         return Colour::yellow;
@@ -132,7 +132,7 @@ Json jsonOf(const Findings& findings) {
             {"warnings", count(findings, Verdict::warning)}};
 }
 
-/// The verdict before the text, and the lines of that below each other.
+/// Prints the verdict before the text, and aligns the lines of the text.
 void print(const Output& output, const Finding& finding) {
     constexpr std::size_t indent = 9;
     const std::size_t columns = output.screen.columns;
@@ -166,7 +166,7 @@ int showCheck(const Output& output, const std::string& target) {
     } else {
         print(output, findings);
     }
-    return count(findings, Verdict::failure) > 0 ? unwell : well;
+    return count(findings, Verdict::failure) > 0 ? exitProblem : exitOk;
 }
 
 } // namespace bekctl

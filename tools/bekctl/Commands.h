@@ -7,13 +7,13 @@
 #include <string>
 #include <vector>
 
-/// One function a command. Each looks, prints and returns the exit status; what keeps it from looking is
-/// thrown, as std::exception.
+/// One function per command. Each one examines, prints and returns the exit status; if it can't examine, it
+/// throws std::exception.
 namespace bekctl {
 
 using tools::Screen;
 
-enum ExitStatus { well = 0, unwell = 1, unusable = 2 };
+enum ExitStatus { exitOk = 0, exitProblem = 1, exitError = 2 };
 
 /// Where a command prints, and in which form.
 struct Output {
@@ -27,18 +27,18 @@ int showVolumes(const Output& output);
 int showBackups(const Output& output);
 int showPairing(const Output& output);
 int showCertificates(const Output& output);
-/// `target` is HOST[:PORT], or empty for the one that the log has named last.
+/// `target` is HOST[:PORT]; empty means the last target that the log has named.
 int showCheck(const Output& output, const std::string& target);
 int showReasons(const Output& output);
 
 struct LogOptions {
-    std::size_t lines = 20; ///< of those that are there already
+    std::size_t lines = 20; ///< existing lines to begin with
     std::string level = "debug";
     bool follow = false;
-    bool toJournal = false; ///< in place of the output
+    bool toJournal = false; ///< instead of printing
 };
 
-/// The names of the levels, the most severe first.
+/// The names of the levels, most severe first.
 std::vector<std::string> logLevels();
 int showLog(const Output& output, const LogOptions& options);
 

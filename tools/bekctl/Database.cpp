@@ -33,7 +33,8 @@ struct CloseConnection {
 };
 using Connection = std::unique_ptr<sqlite3, CloseConnection>;
 
-/// SQLite keeps here what a transaction has begun to overwrite; an empty one means nothing.
+/// A running transaction keeps the pages that it overwrites in this journal. Without a transaction, the
+/// journal is missing or empty.
 bool isBeingWritten(const std::string& path) {
     struct ::stat journal{};
     return ::stat((path + "-journal").c_str(), &journal) == 0 && journal.st_size > 0;
@@ -47,8 +48,9 @@ std::string read(const std::string& path) {
     return std::move(*bytes);
 }
 
-/// Each transaction counts in the header, so one that came and went during the copy shows.
-bool isSettled(const std::string& path, const std::string& bytes) {
+/// Each transaction changes a counter in the header, so the comparison also finds one that began and ended
+/// during the copy.
+bool isUnchanged(const std::string& path, const std::string& bytes) {
     const std::optional<std::string> now = readFile(path, largestDatabase);
     return !isBeingWritten(path) && now && *now == bytes;
 }
@@ -92,7 +94,7 @@ std::vector<Row> query(sqlite3* connection, const std::string& text) {
     return rows;
 }
 
-void requireSound(sqlite3* connection) {
+void requireIntegrity(sqlite3* connection) {
     const std::vector<Row> found = query(connection, "PRAGMA integrity_check(1);");
     if (found.empty() || found.front().empty() || found.front().front().text != "ok") {
         throw std::runtime_error("The database is damaged: " +
@@ -100,16 +102,16 @@ void requireSound(sqlite3* connection) {
     }
 }
 
-Connection openSound(std::string& bytes) {
+Connection openValid(std::string& bytes) {
     if (bytes.size() < headerBytes || !bytes.starts_with(std::string_view("SQLite format 3\0", 16))) {
         throw std::runtime_error("The file is no database");
     }
     Connection connection = openInMemory(bytes);
-    requireSound(connection.get());
+    requireIntegrity(connection.get());
     return connection;
 }
 
-std::string settledCopy(const std::string& path) {
+std::string consistentCopy(const std::string& path) {
     for (int attempt = 0; attempt < tries; ++attempt) {
         if (attempt > 0) {
             std::this_thread::sleep_for(pause);
@@ -118,7 +120,7 @@ std::string settledCopy(const std::string& path) {
             continue;
         }
         std::string bytes = read(path);
-        if (isSettled(path, bytes)) {
+        if (isUnchanged(path, bytes)) {
             return bytes;
         }
     }
@@ -126,7 +128,7 @@ std::string settledCopy(const std::string& path) {
                                     "start of the agent puts it right");
 }
 
-/// Nothing for the 0 and the words that stand for none, and for what can't be read as a whole.
+/// Returns nothing for the values that stand for no checksum, and for values that can't be parsed as a whole.
 std::optional<ImageChecksum> checksumOf(const std::string& value, const std::string& type) {
     ImageChecksum found;
     const char* const end = value.data() + value.size();
@@ -142,8 +144,8 @@ std::optional<ImageChecksum> checksumOf(const std::string& value, const std::str
 } // namespace
 
 std::optional<ImageChecksum> readImageChecksum(const std::string& path, const std::string& uuid) {
-    std::string bytes = settledCopy(path);
-    const Connection connection = openSound(bytes);
+    std::string bytes = consistentCopy(path);
+    const Connection connection = openValid(bytes);
     for (const Row& row :
          query(connection.get(), "select volume_uuid, image_checksum, image_checksum_type from volumes;")) {
         if (row.at(0).text == uuid) {
@@ -154,7 +156,7 @@ std::optional<ImageChecksum> readImageChecksum(const std::string& path, const st
 }
 
 Database parseDatabase(std::string bytes) {
-    const Connection connection = openSound(bytes);
+    const Connection connection = openValid(bytes);
     Database found;
     for (const Row& row : query(connection.get(), "select id, ip from device limit 1;")) {
         found.pairing = Pairing{row.at(0).asNumber(), row.at(1).text};
@@ -170,7 +172,7 @@ Database parseDatabase(std::string bytes) {
 }
 
 Database readDatabase(const std::string& path) {
-    return parseDatabase(settledCopy(path));
+    return parseDatabase(consistentCopy(path));
 }
 
 } // namespace bekctl

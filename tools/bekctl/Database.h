@@ -15,29 +15,29 @@ struct Pairing {
     std::string address;
 };
 
-/// What is looked at of the agent's database.
+/// The parts of the agent's database that bekctl reads.
 struct Database {
     std::optional<Pairing> pairing;
-    std::vector<std::string> volumes; ///< UUIDs of those that have been backed up, or begun to be
+    std::vector<std::string> volumes; ///< UUIDs of all volumes of which a backup was begun
     std::string agentUuid;
 };
 
-/// Reads the agent's database by its bytes, and looks at them in memory: SQLite's own way would lock the
-/// file, and the agent doesn't wait for locks, so that a look would make a backup fail. A copy that was taken
-/// while the agent wrote is thrown away and taken anew, for two seconds or so.
-/// Throws std::runtime_error with what is wrong.
+/// Reads the bytes of the agent's database, and opens the copy in memory. SQLite itself would lock the file,
+/// and as the agent doesn't wait for locks, a backup could fail. A copy that was made while the agent wrote
+/// is discarded and made again, for about two seconds.
+/// Throws std::runtime_error, which says what is wrong.
 Database readDatabase(const std::string& path);
 
-/// What the agent has noted of the image that the last good backup of a volume has left.
+/// The checksum that the agent has stored for the image of a volume's last good backup.
 struct ImageChecksum {
     std::uint32_t value = 0;
     agent::db::ChecksumType type = agent::db::ChecksumType::libcrc32c;
 };
 
-/// The same for one volume, by its UUID; nothing if no checksum of it is known.
+/// Reads that checksum for one volume, by its UUID, in the same way; nothing if no checksum is known.
 std::optional<ImageChecksum> readImageChecksum(const std::string& path, const std::string& uuid);
 
-/// Looks at a copy of the file in memory; the bytes aren't changed. Throws std::runtime_error.
+/// Opens the bytes of a database file in memory, read-only. Throws std::runtime_error.
 Database parseDatabase(std::string bytes);
 
 } // namespace bekctl

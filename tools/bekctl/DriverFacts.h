@@ -13,17 +13,20 @@ namespace bekctl {
 
 enum class DriverKind { none, kernel, standIn };
 
-/// The snapshot driver, by the files in which it shows itself. Its library isn't asked: the stand-in's would
-/// take its turn for each question and bring its files up to date, and a backup would have to wait for that.
+/// The snapshot driver, according to its status files. Its library isn't called: for each call, the
+/// stand-in's library would take its lock and update its files, and a backup would have to wait.
+/// Owns:    the controller that reads the status files; the logger must outlive it.
+/// Threads: one at a time.
+/// Fails:   never: what can't be read counts as missing.
 class DriverFacts {
 public:
     explicit DriverFacts(agent::info::Logger& logger);
 
     [[nodiscard]] DriverKind kind() const { return foundKind; }
-    /// Empty if there is no driver, or if it doesn't tell.
+    /// Empty if there is no driver or its version can't be read.
     [[nodiscard]] const std::string& version() const { return foundVersion; }
     [[nodiscard]] bool isNewEnough() const;
-    /// Nothing if the driver has no device for the volume.
+    /// Returns nothing if the driver has no device for the volume.
     [[nodiscard]] std::optional<agent::info::DriverDeviceInfo>
     deviceOf(const agent::info::BackupableVolume& volume) const;
 

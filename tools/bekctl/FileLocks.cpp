@@ -24,7 +24,8 @@ std::string nameInLocks(const struct ::stat& file) {
 
 } // namespace
 
-/// "1: FLOCK  ADVISORY  WRITE 1234 08:01:5678 0 EOF"; who waits for one has "->" behind the number.
+/// The format is "1: FLOCK  ADVISORY  WRITE 1234 08:01:5678 0 EOF"; a waiting process has "->" after the
+/// number.
 std::optional<pid_t> findLockHolder(const std::string& locks, const std::string& file) {
     std::istringstream lines(locks);
     for (std::string line; std::getline(lines, line);) {

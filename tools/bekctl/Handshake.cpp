@@ -14,7 +14,7 @@ namespace bekctl {
 namespace {
 
 using Clock = std::chrono::steady_clock;
-constexpr std::chrono::milliseconds patience(3000);
+constexpr std::chrono::milliseconds handshakeTimeout(3000);
 
 struct EndSession {
     void operator()(gnutls_session_t session) const noexcept { gnutls_deinit(session); }
@@ -59,7 +59,7 @@ void waitFor(gnutls_session_t session, int socket, Clock::time_point end) {
 }
 
 void shakeHands(gnutls_session_t session, int socket) {
-    const Clock::time_point end = Clock::now() + patience;
+    const Clock::time_point end = Clock::now() + handshakeTimeout;
     int code = 0;
     while ((code = gnutls_handshake(session)) < 0) {
         if (gnutls_error_is_fatal(code) != 0) {
@@ -77,7 +77,7 @@ void shakeHands(gnutls_session_t session, int socket) {
 } // namespace
 
 std::string certificateShownAt(unsigned short port) {
-    const os::FileDescriptor socket = connectTo("127.0.0.1", port, patience);
+    const os::FileDescriptor socket = connectTo("127.0.0.1", port, handshakeTimeout);
     const Credentials credentials = makeCredentials();
     const Session session = makeSession(credentials.get(), socket.get());
     shakeHands(session.get(), socket.get());

@@ -4,9 +4,9 @@
 
 namespace bekctl {
 
-/// The certificate that a TLS server on this machine shows, its bytes as they go over the network. No request
-/// is made and no certificate shown, which the agent's log has no line about above level debug.
-/// Throws std::runtime_error if there is no such server, or if it says nothing for three seconds.
+/// Returns the certificate of a TLS server on this machine, in DER. Sends no request and no certificate, so
+/// the agent logs this at level debug only.
+/// Throws std::runtime_error if there is no such server, or if it doesn't answer within three seconds.
 std::string certificateShownAt(unsigned short port);
 
 } // namespace bekctl

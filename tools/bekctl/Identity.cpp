@@ -1,6 +1,6 @@
 #include "Identity.h"
 
-#include "Places.h"
+#include "AgentPaths.h"
 #include "tools/common/Text.h"
 
 #include <exception>
@@ -26,7 +26,7 @@ IdentityPart readPart(std::string name, std::string path) {
 
 void compareKey(Identity& identity) {
     try {
-        identity.hasOwnKey = identity.agent.certificate->belongsTo(keyPath());
+        identity.keyMatches = identity.agent.certificate->belongsTo(keyPath());
     } catch (const std::exception& error) {
         identity.keyProblem = plain(error.what());
     }
@@ -45,14 +45,15 @@ Identity readIdentity() {
         compareKey(identity);
     }
     if (identity.agent.certificate && identity.authority.certificate) {
-        identity.isVouchedFor = identity.agent.certificate->isSignedBy(*identity.authority.certificate);
+        identity.isSignedByAuthority =
+            identity.agent.certificate->isSignedBy(*identity.authority.certificate);
     }
     return identity;
 }
 
 bool Identity::isSound(std::time_t now) const {
-    return isValid(agent, now) && isValid(authority, now) && hasOwnKey.value_or(false) &&
-           isVouchedFor.value_or(false);
+    return isValid(agent, now) && isValid(authority, now) && keyMatches.value_or(false) &&
+           isSignedByAuthority.value_or(false);
 }
 
 std::string validityOf(const CertificateFile& certificate, std::time_t now) {

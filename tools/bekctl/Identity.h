@@ -14,16 +14,16 @@ struct IdentityPart {
     std::string name; ///< "agent" or "authority"
     std::string path;
     std::optional<CertificateFile> certificate;
-    std::string problem; ///< why there is none
+    std::string problem; ///< why it can't be read
 };
 
-/// The agent's certificates and its key, each for itself and with the others.
+/// The agent's certificates and its key, each on its own and compared with each other.
 struct Identity {
     IdentityPart agent;
     IdentityPart authority;
-    std::optional<bool> hasOwnKey;    ///< the key belongs to the agent's certificate
-    std::string keyProblem;           ///< why that can't be told
-    std::optional<bool> isVouchedFor; ///< the authority has signed the agent's certificate
+    std::optional<bool> keyMatches;          ///< the key belongs to the agent's certificate
+    std::string keyProblem;                  ///< why that can't be checked
+    std::optional<bool> isSignedByAuthority; ///< the authority has signed the agent's certificate
 
     [[nodiscard]] bool isSound(std::time_t now) const;
 };

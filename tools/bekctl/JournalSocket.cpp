@@ -19,10 +19,10 @@ namespace {
 constexpr std::string_view journalPath = "/run/systemd/journal/socket";
 constexpr const char* pidPath = "/var/run/bekd.pid";
 constexpr std::size_t longestPid = 16;
-constexpr std::size_t longestText = 48UL * 1024; // a datagram of that size always finds room
-constexpr ::timeval patience{10, 0};
+constexpr std::size_t longestText = 48UL * 1024; // a datagram of this size always fits
+constexpr ::timeval sendTimeout{10, 0};
 
-/// The line that makes the journal count a message among those of the agent's unit; none without the agent.
+/// The field by which the journal attributes a message to the agent's unit; empty if the agent doesn't run.
 std::string ownerField() {
     const std::string pid = readFile(pidPath, longestPid).value_or("");
     const bool isNumber =
@@ -48,7 +48,7 @@ JournalSocket::JournalSocket() : socket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOE
     if (!socket || ::connect(socket.get(), where, sizeof address) != 0) {
         throw agent::PosixError("There is no journal at " + std::string(journalPath), errno);
     }
-    ::setsockopt(socket.get(), SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
+    ::setsockopt(socket.get(), SOL_SOCKET, SO_SNDTIMEO, &sendTimeout, sizeof sendTimeout);
 }
 
 void JournalSocket::send(int priority, const std::string& text) const {

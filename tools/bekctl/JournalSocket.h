@@ -6,16 +6,17 @@
 
 namespace bekctl {
 
-/// The journal of systemd, told lines as those of the agent: `journalctl -u bekd` shows them.
+/// Sends lines to systemd's journal as those of the agent, so that `journalctl -u bekd` shows them.
 /// Owns:    the socket.
 /// Threads: one at a time.
-/// Fails:   PosixError if there is no journal. A line that it doesn't take within ten seconds is dropped.
-/// Source of the format: Native Journal Protocol of systemd.
+/// Fails:   the constructor throws PosixError if there is no journal. A line that the journal doesn't take
+///          within ten seconds is dropped.
+/// The format is systemd's Native Journal Protocol.
 class JournalSocket {
 public:
     JournalSocket();
 
-    /// `priority` is that of syslog, 0 to 7; `text` one line.
+    /// `priority` is one of syslog's, 0 to 7; `text` is one line.
     void send(int priority, const std::string& text) const;
 
 private:

@@ -30,10 +30,10 @@ using tools::momentOrNull;
 namespace {
 
 constexpr std::array<const char*, 5> levelNames{"critical", "error", "warning", "info", "debug"};
-/// Of the system's log, in the order of the levels.
+/// Syslog's priorities, in the order of the levels.
 constexpr std::array<int, levelNames.size()> priorities{2, 3, 4, 6, 7};
 
-/// One line of the log. The further lines of a message have its level, and no time.
+/// One line of the log. Further lines of a message have its level, and no time.
 struct LogLine {
     int level = agent::info::level::info;
     std::optional<std::time_t> time;
@@ -43,7 +43,7 @@ struct LogLine {
 
 using Sink = std::function<void(const LogLine&)>;
 
-/// Takes lines apart.
+/// Parses lines, and remembers the level for the further lines of a message.
 class LineReader {
 public:
     LogLine read(const std::string& line) {
@@ -76,9 +76,9 @@ void printLine(const Output& output, const LogLine& line) {
     output.out << output.screen.paint(colourOf(line.level), agent::printable(line.whole)) << '\n';
 }
 
-/// One object a line, so that a program can read on while the log grows.
+/// One object per line, so that a program can parse them while the log grows.
 void printObject(const Output& output, const LogLine& line) {
-    const agent::info::Reason* const reason = agent::info::reasonOf(line.text);
+    const agent::info::Reason* const reason = agent::info::findReason(line.text);
     const Json object{{"time", momentOrNull(line.time)},
                       {"level", levelNames.at(static_cast<std::size_t>(line.level))},
                       {"text", line.text},
@@ -115,7 +115,7 @@ int showLog(const Output& output, const LogOptions& options) {
     const agent::Path directory = agent::info::FilePrinter::logDirectory();
     const int level = levelOf(options.level);
     const Sink sink = sinkOf(output, options);
-    ChangeWatch watch(directory); // before the first look, so that nothing comes in between
+    ChangeWatch watch(directory); // before the first read, so that no change is missed
     LogTail tail(directory);
     LineReader reader;
     tail.goToLast(options.lines);
@@ -132,7 +132,7 @@ int showLog(const Output& output, const LogOptions& options) {
         }
         watch.wait();
     }
-    return well;
+    return exitOk;
 }
 
 } // namespace bekctl

@@ -20,7 +20,7 @@ using agent::info::FilePrinter;
 
 constexpr std::size_t mostFiles = 32; // four times what the agent keeps
 
-/// By their day.
+/// Log files by their day.
 using LogNames = std::map<agent::info::LogTime, std::string>;
 
 LogNames findFiles(const agent::Path& directory) {

@@ -9,7 +9,7 @@
 
 namespace bekctl {
 
-/// What the agent's log files tell of backups.
+/// The facts about backups in the agent's log files.
 struct LogFindings {
     std::unique_ptr<BackupLog> log;
     std::optional<std::time_t> since; ///< the day of the oldest file; nothing if there is none

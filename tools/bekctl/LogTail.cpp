@@ -28,7 +28,7 @@ bool isLog(const std::string& name) {
     }
 }
 
-/// Up to `size` bytes at `offset`, fewer at the end of the file only.
+/// Reads up to `size` bytes at `offset`; fewer only at the end of the file.
 std::string readAt(int descriptor, std::size_t size, ::off_t offset) {
     std::string data(size, '\0');
     const ::ssize_t got = ::pread(descriptor, data.data(), data.size(), offset);
@@ -39,7 +39,7 @@ std::string readAt(int descriptor, std::size_t size, ::off_t offset) {
     return data;
 }
 
-/// None if the file is gone, or is a pipe or the like, which would have us wait for ever.
+/// Returns no descriptor if the file is gone, or isn't a regular file: reading a pipe could block for ever.
 os::FileDescriptor openRegular(const std::string& path) {
     os::FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     if (!file && errno != ENOENT) {
@@ -67,8 +67,9 @@ void LogTail::goToLast(std::size_t lines) {
 
 bool LogTail::next(std::string& line) {
     while (!takeLine(line)) {
-        // Asked before the file is read to its end: the agent writes to a later one only when it is done.
-        const std::string later = nameBehind();
+        // Looked up before this file is read to its end: the agent has finished with it once a later one
+        // exists.
+        const std::string later = nextFileName();
         if (fill()) {
             continue;
         }
@@ -107,7 +108,7 @@ bool LogTail::fill() {
     return got > 0;
 }
 
-/// What the file before left without a newline is a line as well.
+/// If the previous file ended without a newline, its last text is a line as well.
 void LogTail::open(const std::string& file) {
     this->file = openRegular(directory / file);
     name = file;
@@ -116,12 +117,12 @@ void LogTail::open(const std::string& file) {
     }
 }
 
-/// Puts the file's position before its last lines, and returns how many there are, `lines` at most.
+/// Seeks to the beginning of the file's last lines, and returns how many there are, at most `lines`.
 std::size_t LogTail::goBack(std::size_t lines) {
     const ::off_t size = file ? ::lseek(file.get(), 0, SEEK_END) : 0;
     std::size_t found = 0;
     ::off_t position = size;
-    ::off_t begin = size; // of the last lines that have been found
+    ::off_t begin = size; // where the lines found so far begin
     while (position > 0 && found < lines) {
         const auto bytes = std::min<::off_t>(position, blockBytes);
         position -= bytes;
@@ -135,7 +136,7 @@ std::size_t LogTail::goBack(std::size_t lines) {
         }
     }
     if (position == 0 && found < lines && size > 0) {
-        begin = 0; // no newline stands before the first line
+        begin = 0; // the first line has no newline before it
         ++found;
     }
     if (file && ::lseek(file.get(), begin, SEEK_SET) < 0) {
@@ -144,7 +145,7 @@ std::size_t LogTail::goBack(std::size_t lines) {
     return found;
 }
 
-/// By their days, the oldest first.
+/// Sorted by day, oldest first.
 std::vector<std::string> LogTail::names() const {
     if (!agent::file::exists(directory)) {
         return {};
@@ -156,7 +157,7 @@ std::vector<std::string> LogTail::names() const {
 }
 
 /// The next day's file; empty if there is none.
-std::string LogTail::nameBehind() const {
+std::string LogTail::nextFileName() const {
     const std::vector<std::string> all = names();
     const auto found = std::ranges::upper_bound(all, name);
     return found == all.end() ? "" : *found;

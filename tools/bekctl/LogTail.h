@@ -9,21 +9,21 @@
 
 namespace bekctl {
 
-/// The lines of the agent's log as they come, from one day's file on to the next one's.
-/// Owns:    the open file, and what has been read of a line that isn't whole yet.
+/// Reads the lines of the agent's log as they are written, and goes on from one day's file to the next one's.
+/// Owns:    the open file, and the part of an incomplete line that has been read.
 /// Threads: one at a time.
-/// Fails:   PosixError if a file can't be read. A directory that isn't there has no lines yet.
+/// Fails:   throws PosixError if a file can't be read. A missing directory has no lines yet.
 class LogTail {
 public:
-    /// In bytes. A longer line comes in pieces.
+    /// In bytes. A longer line is returned in pieces.
     static constexpr std::size_t longestLine = 1024UL * 1024;
 
     explicit LogTail(agent::Path directory) : directory(std::move(directory)) {}
 
-    /// Goes to where the last `lines` lines begin; 0 is the end.
+    /// Goes to the beginning of the last `lines` lines; 0 goes to the end.
     void goToLast(std::size_t lines);
 
-    /// Puts the next whole line, without its newline, into `line`. False if there is none yet.
+    /// Stores the next whole line, without its newline, in `line`. Returns false if there is none yet.
     bool next(std::string& line);
 
 private:
@@ -32,7 +32,7 @@ private:
     void open(const std::string& file);
     std::size_t goBack(std::size_t lines);
     [[nodiscard]] std::vector<std::string> names() const;
-    [[nodiscard]] std::string nameBehind() const;
+    [[nodiscard]] std::string nextFileName() const;
 
     agent::Path directory;
     std::string name; // of the open file; empty before the first one

@@ -1,6 +1,6 @@
+#include "AgentPaths.h"
 #include "Commands.h"
 #include "Database.h"
-#include "Places.h"
 #include "tools/common/Json.h"
 
 #include <ostream>
@@ -39,7 +39,7 @@ int showPairing(const Output& output) {
     } else {
         print(output.out, database);
     }
-    return pairing ? well : unwell;
+    return pairing ? exitOk : exitProblem;
 }
 
 } // namespace bekctl

@@ -36,7 +36,7 @@ std::vector<std::string> namesIn(const std::string& directory) {
     try {
         return agent::dir::list(directory);
     } catch (const std::exception&) {
-        return {}; // a process that has ended meanwhile
+        return {}; // the process has ended meanwhile
     }
 }
 
@@ -57,7 +57,8 @@ std::time_t secondsOfStart() {
     return 0;
 }
 
-/// The 22nd field, the 20th behind the name, which may hold anything and stands in parentheses.
+/// Field 22 is the start time. Fields are counted from the last parenthesis, as the program's name before it
+/// may hold anything.
 std::time_t beginOf(const std::string& status) {
     constexpr int fieldsBetween = 19;
     std::istringstream fields(status.substr(std::min(status.rfind(')') + 1, status.size())));
@@ -91,6 +92,7 @@ std::optional<Process> findProcess(pid_t pid) {
                    linkOf(pathOf(pid, "exe")).ends_with(" (deleted)")};
 }
 
+/// A line of the table is
 /// "  0: 00000000:63DF 00000000:0000 0A 00000000:00000000 00:00000000 00000000     0        0 1185 ..."
 std::string findListeningSocket(const std::string& table, unsigned short port) {
     std::istringstream lines(table);

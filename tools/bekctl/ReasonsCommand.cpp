@@ -35,7 +35,7 @@ int showReasons(const Output& output) {
     } else {
         print(output);
     }
-    return well;
+    return exitOk;
 }
 
 } // namespace bekctl

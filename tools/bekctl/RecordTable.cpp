@@ -27,8 +27,8 @@ std::string namesOf(const std::vector<const agent::info::Reason*>& reasons) {
 
 std::vector<std::string> notesOf(const BackupRecord& record) {
     std::vector<std::string> notes;
-    if (record.asked != record.type && !record.asked.empty()) {
-        notes.push_back("asked for " + record.asked);
+    if (record.requestedType != record.type && !record.requestedType.empty()) {
+        notes.push_back("asked for " + record.requestedType);
     }
     if (!record.reasons.empty()) {
         notes.push_back(namesOf(record.reasons));
@@ -77,7 +77,7 @@ Json jsonOf(const BackupRecord& record) {
     return {{"volume", record.volume},
             {"mountPoint", textOrNull(record.mountPoint)},
             {"backup", record.backup},
-            {"asked", record.asked},
+            {"asked", record.requestedType},
             {"type", record.type},
             {"outcome", record.outcome},
             {"copiedBytes", bytesOrNull(record.copiedBytes)},

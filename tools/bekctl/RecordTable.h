@@ -9,9 +9,9 @@ namespace bekctl {
 using tools::Json;
 using tools::Table;
 
-/// How the last backups of volumes are shown, by every command that does.
+/// How all commands show the last backups of volumes.
 Table recordTable();
-/// One row, and a note with the reasons if there are any.
+/// Adds one row, and a note with the reasons if there are any.
 void addRecord(Table& table, const BackupRecord& record);
 Json jsonOf(const BackupRecord& record);
 Json jsonOf(const agent::info::Reason& reason);

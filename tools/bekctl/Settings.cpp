@@ -26,8 +26,8 @@ Settings::Settings(const std::string& path)
     try {
         stored = std::make_unique<Stored>(logger, path);
     } catch (const std::exception& error) {
-        unusable = plain(error.what());
-        stored = std::make_unique<Stored>(logger, ""); // a file of no name is an empty one
+        readError = plain(error.what());
+        stored = std::make_unique<Stored>(logger, ""); // without a file, all settings have their defaults
     }
 }
 

@@ -9,7 +9,10 @@
 
 namespace bekctl {
 
-/// The agent's settings, as its next start will take them.
+/// The agent's settings, as its next start will read them.
+/// Owns:    what it has read of the file.
+/// Threads: one at a time.
+/// Fails:   never: problem() says why the file can't be used.
 class Settings {
 public:
     explicit Settings(const std::string& path);
@@ -17,9 +20,9 @@ public:
     Settings& operator=(const Settings&) = delete;
     ~Settings();
 
-    /// Why the file can't be used; empty if it can. All settings have their defaults then.
-    [[nodiscard]] const std::string& problem() const { return unusable; }
-    /// What the agent would log of values that don't fit.
+    /// Why the file can't be used; empty if it can. If it can't, all settings have their defaults.
+    [[nodiscard]] const std::string& problem() const { return readError; }
+    /// The lines that the agent would log about values that don't fit.
     [[nodiscard]] const std::vector<std::string>& complaints() const { return logged; }
     [[nodiscard]] const agent::IConfig& config() const;
 
@@ -27,7 +30,7 @@ private:
     struct Stored;
     std::vector<std::string> logged;
     agent::info::Logger logger;
-    std::string unusable;
+    std::string readError;
     std::unique_ptr<Stored> stored;
 };
 

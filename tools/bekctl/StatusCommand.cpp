@@ -1,11 +1,11 @@
 #include "AgentFacts.h"
+#include "AgentPaths.h"
 #include "Commands.h"
 #include "Database.h"
 #include "DriverFacts.h"
 #include "LogFiles.h"
-#include "Places.h"
 #include "RecordTable.h"
-#include "Silence.h"
+#include "SilentLogger.h"
 #include "SystemServices.h"
 #include "app/Version.h"
 
@@ -35,7 +35,7 @@ struct Status {
     std::string driverVersion;
     LogFindings logs;
 
-    [[nodiscard]] bool isWell() const { return agent.isRunning() && agent.port == Port::answers; }
+    [[nodiscard]] bool isOk() const { return agent.isRunning() && agent.port == Port::answers; }
     [[nodiscard]] std::optional<std::time_t> backupSince() const {
         return agent.isRunning() ? logs.log->runningSince() : std::nullopt;
     }
@@ -45,13 +45,13 @@ std::optional<Unit> findUnit() {
     try {
         return SystemServices().unit("bekd.service");
     } catch (const std::exception&) {
-        return std::nullopt; // no bus, so no systemd that could be asked
+        return std::nullopt; // without a bus, systemd can't be asked
     }
 }
 
 Status findStatus() {
-    Silence silence;
-    const DriverFacts driver(silence.logger);
+    SilentLogger silent;
+    const DriverFacts driver(silent.logger);
     Status status{findAgent(), findUnit(), {}, "", driver.kind(), driver.version(), readLogs()};
     try {
         status.database = readDatabase(databasePath());
@@ -65,11 +65,11 @@ std::string nameOf(Port port) {
     switch (port) {
     case Port::closed:
         return "closed";
-    case Port::foreign:
+    case Port::otherProgram:
         return "foreign";
     case Port::silent:
         return "silent";
-    case Port::stranger:
+    case Port::wrongCertificate:
         return "stranger";
     case Port::answers:
         return "answers";
@@ -205,7 +205,7 @@ int showStatus(const Output& output) {
     } else {
         print(output, status);
     }
-    return status.isWell() ? well : unwell;
+    return status.isOk() ? exitOk : exitProblem;
 }
 
 } // namespace bekctl

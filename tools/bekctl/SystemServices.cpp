@@ -16,7 +16,7 @@ using agent::info::GVariantOwner;
 
 namespace {
 
-constexpr int patienceMilliseconds = 3000;
+constexpr int callTimeoutMilliseconds = 3000;
 constexpr const char* busName = "org.freedesktop.DBus";
 constexpr const char* busPath = "/org/freedesktop/DBus";
 constexpr const char* managerName = "org.freedesktop.systemd1";
@@ -31,14 +31,14 @@ struct Method {
     const char* name;
 };
 
-/// Nothing if the call fails. Nobody is started for it.
+/// Returns null if the call fails. Starts no service for it.
 GVariantOwner call(GDBusConnection* connection, const Method& method, GVariant* parameters) {
     return GVariantOwner(g_dbus_connection_call_sync(
         connection, method.service, method.path, method.interface, method.name, parameters, nullptr,
-        G_DBUS_CALL_FLAGS_NO_AUTO_START, patienceMilliseconds, nullptr, nullptr));
+        G_DBUS_CALL_FLAGS_NO_AUTO_START, callTimeoutMilliseconds, nullptr, nullptr));
 }
 
-/// A text or the path of an object.
+/// `value` is a string or an object path.
 std::string textOf(GVariant* value) {
     const gchar* const text = g_variant_get_string(value, nullptr);
     return text == nullptr ? "" : plain(text);

@@ -7,7 +7,7 @@
 
 namespace bekctl {
 
-/// What systemd says of a unit.
+/// The state of a unit, according to systemd.
 struct Unit {
     std::string load;    ///< "loaded", "not-found", ...
     std::string active;  ///< "active", "inactive", "failed", ...
@@ -15,15 +15,18 @@ struct Unit {
     std::string enabled; ///< "enabled", "disabled", ...
 };
 
-/// Questions to the system's message bus, each answered within three seconds or not at all.
-/// Construction throws std::runtime_error if there is no bus.
+/// Calls to the system's message bus.
+/// Owns:    the connection to the bus.
+/// Threads: one at a time.
+/// Fails:   the constructor throws std::runtime_error if there is no bus. A call without an answer within
+///          three seconds counts as failed.
 class SystemServices {
 public:
     SystemServices();
 
-    /// Whether somebody has this name, or would be started if it were asked for.
+    /// Whether a service has this name, or the bus can start one.
     [[nodiscard]] bool isReachable(const std::string& name) const;
-    /// Nothing where systemd doesn't run, or doesn't answer.
+    /// Returns nothing if systemd doesn't run, or doesn't answer.
     [[nodiscard]] std::optional<Unit> unit(const std::string& name) const;
 
 private:

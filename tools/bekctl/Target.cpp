@@ -10,7 +10,7 @@ namespace {
 
 constexpr unsigned short iscsiPort = 3260;
 
-/// Host, and what stands behind it.
+/// Splits the text into the host and what follows it.
 std::pair<std::string_view, std::string_view> split(std::string_view text) {
     if (text.starts_with('[')) {
         const std::size_t end = text.find(']');

@@ -10,8 +10,8 @@ struct Target {
     unsigned short port = 0;
 };
 
-/// "host", "host:port", "[address]" or "[address]:port"; nothing for any other text. The port is iSCSI's
-/// unless given.
+/// Parses "host", "host:port", "[address]" or "[address]:port"; returns nothing for any other text. The
+/// default port is that of iSCSI.
 std::optional<Target> parseTarget(const std::string& text);
 
 } // namespace bekctl

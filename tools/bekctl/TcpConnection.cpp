@@ -29,10 +29,10 @@ Addresses resolve(const std::string& host, unsigned short port) {
     return Addresses(found);
 }
 
-/// 0, or a value of `errno`.
-int waitForConnection(int socket, std::chrono::milliseconds patience) {
+/// Returns 0, or a value of `errno`.
+int waitForConnection(int socket, std::chrono::milliseconds timeout) {
     pollfd waiting{socket, POLLOUT, 0};
-    const int ready = ::poll(&waiting, 1, static_cast<int>(patience.count()));
+    const int ready = ::poll(&waiting, 1, static_cast<int>(timeout.count()));
     if (ready <= 0) {
         return ready == 0 ? ETIMEDOUT : errno;
     }
@@ -44,7 +44,7 @@ int waitForConnection(int socket, std::chrono::milliseconds patience) {
 } // namespace
 
 os::FileDescriptor connectTo(const std::string& host, unsigned short port,
-                             std::chrono::milliseconds patience) {
+                             std::chrono::milliseconds timeout) {
     const Addresses addresses = resolve(host, port);
     int error = EHOSTUNREACH;
     for (const addrinfo* address = addresses.get(); address != nullptr; address = address->ai_next) {
@@ -56,7 +56,7 @@ os::FileDescriptor connectTo(const std::string& host, unsigned short port,
         }
         error = ::connect(socket.get(), address->ai_addr, address->ai_addrlen) == 0 ? 0 : errno;
         if (error == EINPROGRESS) {
-            error = waitForConnection(socket.get(), patience);
+            error = waitForConnection(socket.get(), timeout);
         }
         if (error == 0) {
             return socket;

@@ -7,9 +7,8 @@
 
 namespace bekctl {
 
-/// A connection to a TCP port, made within the time that is given to each of the host's addresses. Throws
+/// Connects to a TCP port. `timeout` is the time limit for each of the host's addresses. Throws
 /// std::runtime_error with the system's reason.
-os::FileDescriptor connectTo(const std::string& host, unsigned short port,
-                             std::chrono::milliseconds patience);
+os::FileDescriptor connectTo(const std::string& host, unsigned short port, std::chrono::milliseconds timeout);
 
 } // namespace bekctl

@@ -1,6 +1,7 @@
 #include "VolumeChecks.h"
 
 #include "common/BaseDirectories.h"
+#include "info/CowFileSize.h"
 #include "info/DriverState.h"
 #include "info/VolumeFiles.h"
 #include "tools/common/Text.h"
@@ -10,19 +11,20 @@
 
 namespace bekctl {
 
+using agent::info::minCowFileMiB;
 using tools::plain;
 using tools::sizeText;
 
 namespace {
 
 constexpr std::uint64_t bytesPerMiB = 1'048'576;
-constexpr std::uint64_t smallestCow = 100; // MiB
 
 bool isThere(const std::string& path) {
     return ::access(path.c_str(), F_OK) == 0;
 }
 
-/// Of what takes no reload script the driver loses track with each restart, and nothing can be done.
+/// NTFS and exFAT have no reload script: the driver loses track of them with each restart, and nothing can be
+/// done.
 bool needsReloadScript(const VolumeFacts& facts) {
     const std::string& kind = facts.volume->getFileSystem();
     return kind != "ntfs" && kind != "exfat";
@@ -31,7 +33,7 @@ bool needsReloadScript(const VolumeFacts& facts) {
 Finding checkReloadScript(const VolumeFacts& facts) {
     const std::string path = agent::dir::base() / ("reload_" + std::to_string(facts.device->minor));
     if (::access(path.c_str(), X_OK) == 0) {
-        return {"reload-script", Verdict::well, facts.name() + ": tracking lasts over a restart."};
+        return {"reload-script", Verdict::ok, facts.name() + ": tracking lasts over a restart."};
     }
     return {"reload-script", Verdict::warning,
             facts.name() + ": " + path +
@@ -52,7 +54,7 @@ Finding checkTracking(const VolumeFacts& facts, bool isBackupRunning) {
                     ".cowFileSizeMiB."};
     }
     if (facts.isTracked() || isBackupRunning) {
-        return {"tracking", Verdict::well, facts.name() + ": changes are tracked."};
+        return {"tracking", Verdict::ok, facts.name() + ": changes are tracked."};
     }
     return {"tracking", Verdict::warning,
             facts.name() + ": an earlier run has left it in " + facts.state() + consequence,
@@ -63,7 +65,7 @@ Finding checkHistory(const VolumeFacts& facts) {
     const std::string path =
         agent::Path(facts.volume->getMountPoints().front()) / agent::info::volume_files::history;
     if (isThere(path)) {
-        return {"history", Verdict::well, facts.name() + ": what failed backups owe is known."};
+        return {"history", Verdict::ok, facts.name() + ": what failed backups owe is known."};
     }
     return {"history", Verdict::failure,
             facts.name() + ": " + plain(path) + " is missing, so an INCREMENTAL backup fails.",
@@ -76,7 +78,7 @@ void checkUsable(Findings& found, const VolumeFacts& facts, bool wasBackedUp, bo
         finding.volume = uuid;
         found.push_back(std::move(finding));
     };
-    add({"volume", Verdict::well, facts.name() + " can be backed up."});
+    add({"volume", Verdict::ok, facts.name() + " can be backed up."});
     if (wasBackedUp) {
         add(checkTracking(facts, isBackupRunning));
     }
@@ -86,8 +88,8 @@ void checkUsable(Findings& found, const VolumeFacts& facts, bool wasBackedUp, bo
     if (facts.isTracked() && needsReloadScript(facts)) {
         add(checkReloadScript(facts));
     }
-    if (!isBackupRunning) { // which has taken its room
-        add(checkRoom(*facts.room, uuid, facts.name()));
+    if (!isBackupRunning) { // a running backup has taken its space already
+        add(checkSnapshotSpace(*facts.space, uuid, facts.name()));
     }
 }
 
@@ -101,15 +103,15 @@ Finding missingVolume(const std::string& uuid) {
             "Leave it out of the backup if it is gone for good; else attach its disk.", uuid};
 }
 
-std::string settingText(const Room& room, const std::string& uuid) {
-    const std::uint64_t fitting = fittingCowMebibytes(room);
+std::string settingText(const SnapshotSpace& space, const std::string& uuid) {
+    const std::uint64_t fitting = fittingCowMebibytes(space);
     const std::string key = "volumes." + uuid + ".cowFileSizeMiB";
     if (fitting == 0) {
-        const std::uint64_t beside = room.needed - room.cowMebibytes * bytesPerMiB;
+        const std::uint64_t beside = space.needed - space.cowMebibytes * bytesPerMiB;
         const std::uint64_t wanted =
-            2 * smallestCow * bytesPerMiB + beside - std::min(room.present, room.free);
-        return "Free " + sizeText(wanted > room.free ? wanted - room.free : room.needed - room.free) +
-               " and set " + key + " to " + std::to_string(smallestCow) + ".";
+            2 * minCowFileMiB * bytesPerMiB + beside - std::min(space.currentCowBytes, space.free);
+        return "Free " + sizeText(wanted > space.free ? wanted - space.free : space.needed - space.free) +
+               " and set " + key + " to " + std::to_string(minCowFileMiB) + ".";
     }
     return "Set " + key + " to " + std::to_string(fitting) +
            ", through the appliance or in config.json while the agent is stopped, or free room.";
@@ -117,33 +119,33 @@ std::string settingText(const Room& room, const std::string& uuid) {
 
 } // namespace
 
-std::uint64_t fittingCowMebibytes(const Room& room) {
-    const std::uint64_t beside = room.needed - room.cowMebibytes * bytesPerMiB;
+std::uint64_t fittingCowMebibytes(const SnapshotSpace& space) {
+    const std::uint64_t beside = space.needed - space.cowMebibytes * bytesPerMiB;
     const auto without = [beside](std::uint64_t bytes) { return bytes > beside ? bytes - beside : 0; };
-    const std::uint64_t forNext = without(room.free);
-    const std::uint64_t forBoth = without(room.free + room.present) / 2;
-    const std::uint64_t most = std::min(forNext, forBoth) / 4 * 3 / bytesPerMiB; // the rest stays for growth
-    return most < smallestCow ? 0 : std::min(most, room.cowMebibytes);
+    const std::uint64_t forNext = without(space.free);
+    const std::uint64_t forBoth = without(space.free + space.currentCowBytes) / 2;
+    const std::uint64_t most = std::min(forNext, forBoth) / 4 * 3 / bytesPerMiB; // a quarter stays for growth
+    return most < minCowFileMiB ? 0 : std::min(most, space.cowMebibytes);
 }
 
-Finding checkRoom(const Room& room, const std::string& uuid, const std::string& name) {
-    const std::uint64_t cow = room.cowMebibytes * bytesPerMiB;
+Finding checkSnapshotSpace(const SnapshotSpace& space, const std::string& uuid, const std::string& name) {
+    const std::uint64_t cow = space.cowMebibytes * bytesPerMiB;
     const std::string size = sizeText(cow);
-    if (room.free < room.needed) {
+    if (space.free < space.needed) {
         return {"room", Verdict::failure,
-                name + ": the next backup needs " + sizeText(room.needed) + " for its snapshot, and " +
-                    sizeText(room.free) + " are free.",
-                settingText(room, uuid)};
+                name + ": the next backup needs " + sizeText(space.needed) + " for its snapshot, and " +
+                    sizeText(space.free) + " are free.",
+                settingText(space, uuid)};
     }
-    if (room.free + room.present < room.needed + cow) {
+    if (space.free + space.currentCowBytes < space.needed + cow) {
         return {"room", Verdict::failure,
                 name + ": a backup of a tracked volume has two CoW files while it runs, of " + size +
-                    " each. The next backup finds room, the one after it fails: " + sizeText(room.free) +
+                    " each. The next backup finds room, the one after it fails: " + sizeText(space.free) +
                     " are free.",
-                settingText(room, uuid)};
+                settingText(space, uuid)};
     }
-    return {"room", Verdict::well,
-            name + ": room for the snapshots, " + sizeText(room.needed) + " of " + sizeText(room.free) +
+    return {"room", Verdict::ok,
+            name + ": room for the snapshots, " + sizeText(space.needed) + " of " + sizeText(space.free) +
                 " that are free."};
 }
 

@@ -6,19 +6,19 @@
 #include <string>
 #include <vector>
 
-/// What of the volumes would make a backup fail, or copy more than it is asked to.
+/// Checks of the volumes: what would make a backup fail, or copy more than it is asked to.
 namespace bekctl {
 
-/// Looks at the volumes that have been backed up, `known` by their UUIDs; where there are none, at all that
-/// can be. `isBackupRunning` says that a snapshot is in order.
+/// Checks the volumes that have been backed up (`known`, by their UUIDs); if there are none, all that can be
+/// backed up. If `isBackupRunning`, an active snapshot is in order.
 Findings checkVolumes(const std::vector<VolumeFacts>& volumes, const std::vector<std::string>& known,
                       bool isBackupRunning);
 
-/// Whether the CoW file of the next backup finds room, and that of the one after it: while a backup runs
-/// there are two of a volume that is tracked.
-Finding checkRoom(const Room& room, const std::string& uuid, const std::string& name);
+/// Checks whether there is space for the CoW files of the next two backups: while a tracked volume is backed
+/// up, it has two of them.
+Finding checkSnapshotSpace(const SnapshotSpace& space, const std::string& uuid, const std::string& name);
 
-/// The size in MiB that leaves room for two CoW files; 0 if there is none for the smallest.
-std::uint64_t fittingCowMebibytes(const Room& room);
+/// The size in MiB that leaves space for two CoW files; 0 if even the smallest doesn't fit twice.
+std::uint64_t fittingCowMebibytes(const SnapshotSpace& space);
 
 } // namespace bekctl

@@ -23,10 +23,10 @@ using agent::info::DriverDeviceInfo;
 using agent::info::Logger;
 
 constexpr std::uint64_t bytesPerMiB = 1'048'576;
-constexpr std::uint64_t bytesPerBlock = 512; // of stat
+constexpr std::uint64_t bytesPerBlock = 512; // unit of st_blocks
 constexpr const char* swapMountPoint = "<swap>";
 
-/// By its own structures, as a backup would find out.
+/// Reads the file system's own structures, as a backup does.
 bool isFileSystemKnown(Logger& logger, const BackupableVolume& volume) {
     agent::core::backup::VolumeReader reader(logger, volume.getDevice());
     if (volume.getSectorSize() == 0 || !reader.open()) {
@@ -69,17 +69,17 @@ std::uint64_t sizeOnDisk(const std::string& path) {
                : 0;
 }
 
-/// The rule by which a backup decides whether the volume is full.
-Room findRoom(Logger& logger, const BackupableVolume& volume, const std::optional<DriverDeviceInfo>& device,
-              const agent::IConfig& config) {
-    Room room;
-    room.cowMebibytes = agent::info::CowFileSize(config).getCowFileSizeMiB(
+/// Follows the rule by which a backup decides whether the volume is full.
+SnapshotSpace findSnapshotSpace(Logger& logger, const BackupableVolume& volume,
+                                const std::optional<DriverDeviceInfo>& device, const agent::IConfig& config) {
+    SnapshotSpace space;
+    space.cowMebibytes = agent::info::CowFileSize(config).getCowFileSizeMiB(
         logger, volume.getUuid(), volume.getSize(), volume.getFileSystem());
-    room.needed = room.cowMebibytes * bytesPerMiB + agent::info::cow::entrySize +
-                  agent::info::cow::entrySize * (volume.getSize() / agent::info::cow::blockSize);
-    room.free = volume.getSpaceFree();
-    room.present = device ? sizeOnDisk(volume.getMountPoints().front() + device->cow_file) : 0;
-    return room;
+    space.needed = space.cowMebibytes * bytesPerMiB + agent::info::cow::entrySize +
+                   agent::info::cow::entrySize * (volume.getSize() / agent::info::cow::blockSize);
+    space.free = volume.getSpaceFree();
+    space.currentCowBytes = device ? sizeOnDisk(volume.getMountPoints().front() + device->cow_file) : 0;
+    return space;
 }
 
 VolumeFacts describe(Logger& logger, std::shared_ptr<BackupableVolume> volume, const DriverFacts& driver,
@@ -90,7 +90,7 @@ VolumeFacts describe(Logger& logger, std::shared_ptr<BackupableVolume> volume, c
     try {
         facts.obstacle = findObstacle(logger, *volume);
         if (facts.obstacle.empty()) {
-            facts.room = findRoom(logger, *volume, facts.device, config);
+            facts.space = findSnapshotSpace(logger, *volume, facts.device, config);
         }
     } catch (const std::exception& error) {
         facts.obstacle = plain(error.what());

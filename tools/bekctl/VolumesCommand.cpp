@@ -1,7 +1,7 @@
+#include "AgentPaths.h"
 #include "Commands.h"
-#include "Places.h"
 #include "Settings.h"
-#include "Silence.h"
+#include "SilentLogger.h"
 #include "VolumeFacts.h"
 #include "tools/common/Json.h"
 #include "tools/common/Table.h"
@@ -23,6 +23,7 @@ namespace {
 
 constexpr std::uint64_t bytesPerMiB = 1'048'576;
 
+/// Members that don't apply are null, so that all volumes have the same ones.
 Json jsonOf(const VolumeFacts& facts) {
     const agent::info::BackupableVolume& volume = *facts.volume;
     Json document{{"device", volume.getDevice()},
@@ -42,11 +43,11 @@ Json jsonOf(const VolumeFacts& facts) {
                               {"error", facts.device->error},
                               {"cowFile", facts.device->cow_file}};
     }
-    if (facts.room) {
-        document["room"] = {{"cowFileBytes", facts.room->cowMebibytes * bytesPerMiB},
-                            {"neededBytes", facts.room->needed},
-                            {"freeBytes", facts.room->free},
-                            {"enough", facts.room->free >= facts.room->needed}};
+    if (facts.space) {
+        document["room"] = {{"cowFileBytes", facts.space->cowMebibytes * bytesPerMiB},
+                            {"neededBytes", facts.space->needed},
+                            {"freeBytes", facts.space->free},
+                            {"enough", facts.space->free >= facts.space->needed}};
     }
     return document;
 }
@@ -74,15 +75,15 @@ std::vector<std::string> notesOf(const VolumeFacts& facts) {
 
 void add(Table& table, const VolumeFacts& facts) {
     const auto size = [](bool isKnown, std::uint64_t bytes) { return isKnown ? sizeText(bytes) : "-"; };
-    const Room room = facts.room.value_or(Room());
-    const bool isFull = room.free < room.needed;
+    const SnapshotSpace space = facts.space.value_or(SnapshotSpace());
+    const bool isFull = space.free < space.needed;
     table.add({facts.name(),
                plain(facts.volume->getFileSystem()),
                sizeText(facts.volume->getSize()),
                size(facts.usedBytes.has_value(), facts.usedBytes.value_or(0)),
                stateOf(facts),
-               size(facts.room.has_value(), room.needed),
-               {size(facts.room.has_value(), room.free), isFull ? Colour::red : Colour::none}},
+               size(facts.space.has_value(), space.needed),
+               {size(facts.space.has_value(), space.free), isFull ? Colour::red : Colour::none}},
               notesOf(facts));
 }
 
@@ -107,10 +108,10 @@ void print(const Output& output, const std::vector<VolumeFacts>& volumes) {
 } // namespace
 
 int showVolumes(const Output& output) {
-    Silence silence;
-    const DriverFacts driver(silence.logger);
+    SilentLogger silent;
+    const DriverFacts driver(silent.logger);
     const Settings settings(configPath());
-    const std::vector<VolumeFacts> volumes = findVolumes(silence.logger, driver, settings.config());
+    const std::vector<VolumeFacts> volumes = findVolumes(silent.logger, driver, settings.config());
     if (output.isJson) {
         Json list = Json::array();
         for (const VolumeFacts& facts : volumes) {
@@ -120,7 +121,7 @@ int showVolumes(const Output& output) {
     } else {
         print(output, volumes);
     }
-    return well;
+    return exitOk;
 }
 
 } // namespace bekctl

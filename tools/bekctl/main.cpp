@@ -1,8 +1,9 @@
-// The command line: which command, in which form, and what becomes of what it throws.
+// The command line: selects the command and the form of its output, and turns exceptions into an exit status.
 
 #include "Commands.h"
 #include "Target.h"
 #include "app/Version.h"
+#include "tools/common/CommandLine.h"
 #include "tools/common/Text.h"
 
 #include <CLI/CLI.hpp>
@@ -42,9 +43,9 @@ struct Command {
     bool needsRoot = true;
 };
 
-/// A command that has no options of its own.
+/// Adapts a command that has no options of its own.
 template <int (*show)(const Output&)>
-int plainly(const Output& output, const Options& /*options*/) {
+int withoutOptions(const Output& output, const Options& /*options*/) {
     return show(output);
 }
 
@@ -61,17 +62,18 @@ constexpr const char* logName = "log";
 
 constexpr std::array commands{
     Command{"status", "Whether the agent runs and answers, its pairing, its driver and the last backups",
-            &plainly<showStatus>},
+            &withoutOptions<showStatus>},
     Command{"volumes", "The volumes as the agent sees them, and the room for their snapshots",
-            &plainly<showVolumes>},
-    Command{"backups", "The last backup of each volume, as far as the log goes back", &plainly<showBackups>},
-    Command{"pairing", "The appliance that the agent is paired with", &plainly<showPairing>},
+            &withoutOptions<showVolumes>},
+    Command{"backups", "The last backup of each volume, as far as the log goes back",
+            &withoutOptions<showBackups>},
+    Command{"pairing", "The appliance that the agent is paired with", &withoutOptions<showPairing>},
     Command{"certificates", "The agent's certificates, when they end, and whether they belong together",
-            &plainly<showCertificates>},
+            &withoutOptions<showCertificates>},
     Command{checkName, "What would make the next backup fail, or copy more than it is asked to", &check},
     Command{logName, "The agent's log, as it is and as it grows", &followLog},
-    Command{"reasons", "The codes that the log gives for fall-backs and failures", &plainly<showReasons>,
-            false},
+    Command{"reasons", "The codes that the log gives for fall-backs and failures",
+            &withoutOptions<showReasons>, false},
 };
 
 void declareForm(CLI::App& app, Options& options) {
@@ -92,7 +94,8 @@ void declareTarget(CLI::App& app, Options& options) {
 void declareLog(CLI::App& app, LogOptions& options) {
     app.add_option("-n,--lines", options.lines,
                    "Begin with so many lines of those that are there; 20 by default")
-        ->type_name("NUMBER");
+        ->type_name("NUMBER")
+        ->check(tools::refuseNegative);
     app.add_flag("-f,--follow", options.follow, "Go on as the log grows");
     app.add_option("--level", options.level, "Show what is at least as severe as this; debug by default")
         ->type_name("LEVEL")
@@ -102,6 +105,7 @@ void declareLog(CLI::App& app, LogOptions& options) {
 
 void declare(CLI::App& app, Options& options) {
     app.name("bekctl");
+    app.failure_message(&tools::failureText);
     app.set_version_flag("--version", std::string("bekctl ") + agent::app::version, "Print the version");
     app.require_subcommand(1);
     for (const Command& command : commands) {
@@ -120,7 +124,7 @@ int runCommand(const Command& command, const Options& options) {
     const int status =
         command.run({std::cout, Screen::ofStandardOutput(!options.isPlain), options.isJson}, options);
     std::cout.flush();
-    return std::cout ? status : unusable;
+    return std::cout ? status : exitError;
 }
 
 int run(int argc, char** argv) {
@@ -130,18 +134,18 @@ int run(int argc, char** argv) {
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? well : unusable;
+        return app.exit(error) == 0 ? exitOk : exitError;
     }
     const Command& command = commandOf(app);
     if (command.needsRoot && ::geteuid() != 0) {
         std::cerr << "bekctl: must be run as root\n";
-        return unusable;
+        return exitError;
     }
     try {
         return runCommand(command, options);
     } catch (const std::exception& error) {
         std::cerr << "bekctl: " << plain(error.what()) << '\n';
-        return unusable;
+        return exitError;
     }
 }
 
@@ -153,6 +157,6 @@ int main(int argc, char** argv) {
         return bekctl::run(argc, argv);
     } catch (const std::exception& error) {
         std::fprintf(stderr, "bekctl: %s\n", error.what());
-        return bekctl::unusable;
+        return bekctl::exitError;
     }
 }

@@ -4,19 +4,19 @@
 
 namespace tools {
 
-/// How a program for administrators ends.
+/// The exit status of a program for administrators.
 enum ExitStatus {
     done = 0,
-    failed = 1,       ///< a text on standard error says why
-    wrongCommand = 2, ///< so does one here
-    differs = 3,      ///< it did what it was asked to, and found something that isn't as it should be
+    failed = 1,       ///< standard error has the reason
+    wrongCommand = 2, ///< standard error has the reason
+    differs = 3,      ///< the command succeeded, but found something that isn't as it should be
 };
 
-/// What a command does. Returns an exit status; std::invalid_argument is for a wrong command line, and any
-/// other std::exception for a failure.
+/// The action of a command. Returns an exit status; throws std::invalid_argument for a wrong command line,
+/// and any other std::exception for a failure.
 using Run = std::function<int()>;
 
-/// Runs it, and prints what it throws behind the program's name. Nothing is thrown.
+/// Calls `run`, and prints its exception after the program's name. Never throws.
 int statusOf(const char* program, const Run& run) noexcept;
 
 } // namespace tools

@@ -12,7 +12,7 @@ namespace tools {
 
 using Json = nlohmann::ordered_json;
 
-/// An object of several lines. Bytes that are no text become replacement characters.
+/// Prints an object in several lines. Bytes that aren't valid text become replacement characters.
 inline void printJson(std::ostream& out, const Json& document) {
     out << document.dump(2, ' ', false, Json::error_handler_t::replace) << '\n';
 }

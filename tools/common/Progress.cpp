@@ -12,7 +12,7 @@ namespace tools {
 namespace {
 
 constexpr std::chrono::milliseconds showEvery(200);
-constexpr double secondsOfRate = 10; // over which what was measured earlier loses two thirds of its weight
+constexpr double secondsOfRate = 10; // after this time, a measurement has lost two thirds of its weight
 constexpr const char* clearLine = "\r\x1b[K";
 
 std::size_t columnsOfStandardError() {
@@ -70,7 +70,7 @@ void Progress::begin(const std::string& name, std::uint64_t done, Clock::time_po
     rate = 0;
 }
 
-/// The rate follows what happens within seconds, and doesn't jump with each piece.
+/// The rate follows changes within seconds, but doesn't jump with each piece.
 void Progress::measure(std::uint64_t done, Clock::time_point now) {
     const double seconds = std::chrono::duration<double>(now - measured).count();
     if (seconds <= 0 || done <= measuredAt) {

@@ -7,12 +7,12 @@ namespace tools {
 
 enum class Colour { none, green, yellow, red, bold };
 
-/// How what is printed looks.
+/// How output is formatted.
 struct Screen {
     bool isColoured = false;
-    std::size_t columns = 0; ///< 0 if lines may be as long as they like
+    std::size_t columns = 0; ///< 0 if lines may have any length
 
-    /// Of the standard output: colours and a width on a terminal only, and no colours where NO_COLOR is set.
+    /// For standard output: colours and a width only on a terminal, and no colours if NO_COLOR is set.
     static Screen ofStandardOutput(bool mayColour);
 
     [[nodiscard]] std::string paint(Colour colour, const std::string& text) const;

@@ -11,7 +11,7 @@ namespace tools {
 namespace {
 
 constexpr std::size_t gap = 2;
-constexpr std::size_t narrowest = 8; // of a column that has lost its end
+constexpr std::size_t narrowest = 8; // of a column that is cut
 constexpr std::size_t noteIndent = 4;
 
 bool isContinuation(char byte) {
@@ -94,7 +94,7 @@ std::vector<std::size_t> Table::widths(const Screen& screen) const {
     return found;
 }
 
-/// Takes from the widest column that may shrink, one character after the other.
+/// Takes one character after the other from the widest column that may shrink.
 void Table::shrink(std::vector<std::size_t>& widths, std::size_t most) const {
     while (totalOf(widths) > most) {
         std::size_t* widest = nullptr;
@@ -114,7 +114,7 @@ void Table::shrink(std::vector<std::size_t>& widths, std::size_t most) const {
 void Table::printRow(std::ostream& out, const Screen& screen, const std::vector<Cell>& cells,
                      const std::vector<std::size_t>& widths) const {
     std::string line;
-    std::string pending; // blanks that only count if something follows
+    std::string pending; // blanks that are printed only if something follows
     for (std::size_t index = 0; index < cells.size(); ++index) {
         const std::string text = cut(cells[index].text, widths[index]);
         const std::string blanks(widths[index] - widthOf(text), ' ');

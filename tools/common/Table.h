@@ -18,17 +18,20 @@ struct Cell {
 };
 
 struct Column {
-    std::string title;      ///< no line of titles if none has one
-    bool isNumber = false;  ///< its end stands below the title's
-    bool mayShrink = false; ///< loses its end where the screen is too narrow
+    std::string title;      ///< if all titles are empty, no line of titles is printed
+    bool isNumber = false;  ///< aligned to the right
+    bool mayShrink = false; ///< is cut if the screen is too narrow
 };
 
-/// Rows of cells below each other, two blanks between them.
+/// Rows of cells, in columns with two blanks between them.
+/// Owns:    its rows.
+/// Threads: one at a time.
+/// Fails:   never; a failed write only sets the stream's error state.
 class Table {
 public:
     explicit Table(std::vector<Column> columns) : columns(std::move(columns)) {}
 
-    /// `notes` are lines of their own below the row.
+    /// `notes` are printed as lines of their own below the row.
     void add(std::vector<Cell> cells, std::vector<std::string> notes = {});
     void print(std::ostream& out, const Screen& screen) const;
 
@@ -47,11 +50,11 @@ private:
     std::vector<Row> rows;
 };
 
-/// Characters of a UTF-8 text.
+/// The number of characters of a UTF-8 text.
 std::size_t widthOf(const std::string& text);
-/// `text` in lines of at most `columns`, broken at blanks; 0 is one line.
+/// Breaks `text` at blanks into lines of at most `columns`; 0 stands for one line.
 std::vector<std::string> wrapped(const std::string& text, std::size_t columns);
-/// The text behind so many blanks, in as many lines as it takes.
+/// Prints the text indented by `indent` blanks, in as many lines as it takes.
 void printIndented(std::ostream& out, const std::string& text, std::size_t indent, std::size_t columns);
 
 } // namespace tools

@@ -31,7 +31,7 @@ std::string sizeText(std::uint64_t bytes) {
     }
     auto shown = static_cast<double>(bytes) / step;
     std::size_t unit = 0;
-    while (shown >= 999.95 && unit + 1 < units.size()) { // what would be rounded to 1000.0
+    while (shown >= 999.95 && unit + 1 < units.size()) { // this would be rounded to 1000.0
         shown /= step;
         ++unit;
     }

@@ -1,6 +1,6 @@
 #include "FileImage.h"
 
-#include "DirectAccess.h"
+#include "DirectIo.h"
 #include "Reading.h"
 #include "common/PosixError.h"
 
@@ -19,9 +19,9 @@ namespace {
 
 constexpr std::uint64_t sectorBytes = 512;
 
-/// Some file systems, those in memory among them, know no reads past the cache.
+/// Some file systems, such as those in memory, don't support direct I/O.
 os::FileDescriptor openForReading(const std::string& path) {
-    constexpr int usual = O_RDONLY | O_CLOEXEC | O_NONBLOCK; // a pipe of that name is refused, not waited for
+    constexpr int usual = O_RDONLY | O_CLOEXEC | O_NONBLOCK; // doesn't block if the path is a pipe
     os::FileDescriptor file(::open(path.c_str(), usual | O_DIRECT));
     if (!file && errno == EINVAL) {
         file = os::FileDescriptor(::open(path.c_str(), usual));
@@ -53,20 +53,20 @@ FileImage::FileImage(std::string path, std::uint64_t offset)
     : path(std::move(path)),
       begin(offset),
       file(openForReading(this->path)),
-      bytes(bytesBehind(this->path, sizeOf(file, this->path), begin) / sectorBytes * sectorBytes) {}
+      bytes(bytesAfter(this->path, sizeOf(file, this->path), begin) / sectorBytes * sectorBytes) {}
 
 void FileImage::read(std::span<std::byte> into, std::uint64_t offset) {
     while (!into.empty()) {
         const ::ssize_t got =
             ::pread(file.get(), into.data(), into.size(), static_cast<::off_t>(begin + offset));
-        if (got < 0 && (errno == EINTR || (errno == EINVAL && endDirectAccess(file)))) {
+        if (got < 0 && (errno == EINTR || (errno == EINVAL && disableDirectIo(file)))) {
             continue;
         }
         if (got < 0) {
-            throwUnread(path, offset, agent::PosixError::describe(errno));
+            throwReadFailure(path, offset, agent::PosixError::describe(errno));
         }
         if (got == 0) {
-            throwUnread(path, offset, "it ends there");
+            throwReadFailure(path, offset, "it ends there");
         }
         into = into.subspan(static_cast<std::size_t>(got));
         offset += static_cast<std::uint64_t>(got);

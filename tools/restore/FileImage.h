@@ -7,12 +7,12 @@
 
 namespace restore {
 
-/// An image in a file, or on a block device of this machine, read past the page cache where the file system
-/// lets us.
+/// An image in a file or on a block device of this machine, read by direct I/O where the file system supports
+/// it.
 class FileImage : public IImage {
 public:
-    /// `offset` is where the image begins, in bytes. Throws std::runtime_error if it can't be opened for
-    /// reading, is neither a file nor a block device, or ends before it begins.
+    /// The image begins at the byte `offset`. Throws std::runtime_error if the path can't be opened for
+    /// reading, is neither a file nor a block device, or ends before `offset`.
     FileImage(std::string path, std::uint64_t offset);
 
     [[nodiscard]] std::uint64_t size() const override { return bytes; }

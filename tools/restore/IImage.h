@@ -7,10 +7,10 @@
 
 namespace restore {
 
-/// An image of a volume, which is only read. Nothing that has an image can write to it.
-/// Owns:    the connection, or the descriptor.
+/// An image of a volume. There is no way to write to it.
+/// Owns:    the connection, or the file descriptor.
 /// Threads: one at a time.
-/// Fails:   by std::runtime_error, after what can be tried again has been tried.
+/// Fails:   throws std::runtime_error, after its retries have failed.
 class IImage {
 public:
     IImage() = default;
@@ -20,12 +20,12 @@ public:
     IImage& operator=(IImage&&) = delete;
     virtual ~IImage() = default;
 
-    /// Bytes; a multiple of 512.
+    /// In bytes; a multiple of 512.
     [[nodiscard]] virtual std::uint64_t size() const = 0;
-    /// Fills all of `into` from `offset` on; what reaches behind the image is a failure. Offset, length and
-    /// the buffer's address are multiples of 4096 bytes, but for the length at the image's end.
+    /// Fills all of `into` with the bytes from `offset` on; throws if they extend beyond the image. Offset,
+    /// length and the buffer's address are multiples of 4096 bytes, except for the length at the image's end.
     virtual void read(std::span<std::byte> into, std::uint64_t offset) = 0;
-    /// How people know it.
+    /// The name that people are shown.
     [[nodiscard]] virtual std::string name() const = 0;
 };
 

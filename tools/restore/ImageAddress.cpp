@@ -13,7 +13,7 @@ namespace {
 constexpr std::uint16_t iscsiPort = 3260;
 constexpr std::uint16_t zephanePort = 25568;
 constexpr std::uint64_t blockBytes = 512;
-constexpr int mostLuns = 16'384; // of which numbers one byte, or fourteen bits, can tell
+constexpr int mostLuns = 16'384; // LUNs are addressed by one byte or by 14 bits
 
 struct FreeUrl {
     void operator()(CURLU* url) const noexcept { ::curl_url_cleanup(url); }
@@ -36,7 +36,7 @@ Url urlOf(const std::string& text) {
     return url;
 }
 
-/// Empty if there is no such part.
+/// Returns an empty text if there is no such part.
 std::string partOf(const Url& url, CURLUPart part) {
     char* text = nullptr;
     if (::curl_url_get(url.get(), part, &text, CURLU_URLDECODE) != CURLUE_OK) {
@@ -76,7 +76,7 @@ std::uint64_t offsetIn(const std::string& text, const std::string& query) {
     return offset;
 }
 
-/// Splits what stands behind the host at its last slash, and leaves out the first one.
+/// Splits the URL's path at its last slash, and drops the first one.
 std::pair<std::string, std::string> splitPath(const std::string& text, const std::string& path,
                                               const char* form) {
     const std::size_t slash = path.rfind('/');

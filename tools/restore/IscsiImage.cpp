@@ -15,7 +15,7 @@ IscsiImage::IscsiImage(agent::info::Logger& logger, const ImageAddress& address,
     if (!transport.connect(false)) {
         throw std::runtime_error("the image " + label + " can't be reached");
     }
-    bytes = bytesBehind(label, transport.size(), address.offset);
+    bytes = bytesAfter(label, transport.size(), address.offset);
 }
 
 IscsiImage::~IscsiImage() {
@@ -26,7 +26,7 @@ void IscsiImage::read(std::span<std::byte> into, std::uint64_t offset) {
     const auto place = static_cast<std::int64_t>(offset);
     if (transport.seek(place, SEEK_SET) != place ||
         transport.read(into.data(), into.size()) != static_cast<std::int64_t>(into.size())) {
-        throwUnread(label, offset);
+        throwReadFailure(label, offset);
     }
 }
 

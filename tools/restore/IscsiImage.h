@@ -8,12 +8,12 @@
 
 namespace restore {
 
-/// An image on a LUN, over the transport that the agent has written it by: with many reads under way at once,
-/// and tries over new sessions when a target goes away for some seconds.
+/// An image on a LUN, read over the same transport by which the agent writes it: with many reads in flight,
+/// and with retries in new sessions when a target is away for some seconds.
 class IscsiImage : public IImage {
 public:
-    /// Logs in. The logger, which has to outlive it, says what goes wrong. Throws std::runtime_error if that
-    /// can't be done, or if the LUN ends before the image begins.
+    /// Logs in. `logger` must outlive the image and gets the details of failures. Throws std::runtime_error
+    /// if the login fails, or if the LUN ends before the image begins.
     IscsiImage(agent::info::Logger& logger, const ImageAddress& address, std::string password);
     IscsiImage(const IscsiImage&) = delete;
     IscsiImage& operator=(const IscsiImage&) = delete;

@@ -14,7 +14,7 @@ namespace iscsi = agent::core::iscsi;
 
 constexpr int timeoutSeconds = 60;
 constexpr int allUnits = 0;
-constexpr int longestReport = 16 + 8 * 256; // bytes: no more units than a byte can tell
+constexpr int longestReport = 16 + 8 * 256; // bytes, for 256 LUNs
 constexpr const char* initiator = "iqn.2026-01.bek-restore:initiator";
 
 [[noreturn]] void giveUp(const ImageAddress& address, const iscsi::Context& context) {
@@ -53,7 +53,7 @@ std::vector<int> findUnits(const ImageAddress& address, const std::string& passw
     const iscsi::Task task(::iscsi_reportluns_sync(context.get(), allUnits, longestReport));
     const auto* const list =
         iscsi::isGood(task) ? static_cast<const scsi_reportluns_list*>(::scsi_datain_unmarshall(task.get()))
-                            : nullptr; // belongs to the task
+                            : nullptr; // owned by the task
     if (list == nullptr) {
         giveUp(address, context);
     }

@@ -7,11 +7,11 @@
 
 namespace restore {
 
-/// Whether the text names an iSCSI target as a whole: iscsi://[USER@]HOST[:PORT]/TARGET
+/// Whether the text names a whole iSCSI target: iscsi://[USER@]HOST[:PORT]/TARGET
 bool isWholeTarget(const std::string& text);
 
-/// The LUNs of a target, in its own order. `address` is of any of them. Throws std::runtime_error if it can't
-/// be reached, or doesn't tell.
+/// The LUNs of a target, in the order in which it reports them. `address` may name any of them. Throws
+/// std::runtime_error if the target can't be reached or doesn't report its LUNs.
 std::vector<int> findUnits(const ImageAddress& address, const std::string& password);
 
 } // namespace restore

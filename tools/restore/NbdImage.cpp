@@ -15,20 +15,20 @@ namespace {
 
 constexpr std::size_t requestBytes = 256UL * 1024;
 constexpr std::size_t mostUnderWay = 16;
-constexpr int patienceMilliseconds = 60'000;
+constexpr int pollTimeoutMilliseconds = 60'000;
 
 std::string lastError() {
     const char* const reason = ::nbd_get_error();
     return reason == nullptr ? "unknown error" : reason;
 }
 
-/// Nobody knows any more whether a request will still be answered.
+/// Thrown if it is unknown whether the request will still be answered.
 class NoAnswer : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;
 };
 
-/// Until the request is done. Throws std::runtime_error if it has failed.
+/// Waits until the request is done. Throws std::runtime_error if it has failed.
 void await(nbd_handle* connection, std::int64_t cookie) {
     for (;;) {
         const int done = ::nbd_aio_command_completed(connection, static_cast<std::uint64_t>(cookie));
@@ -38,7 +38,7 @@ void await(nbd_handle* connection, std::int64_t cookie) {
         if (done < 0) {
             throw std::runtime_error(lastError());
         }
-        const int polled = ::nbd_poll(connection, patienceMilliseconds);
+        const int polled = ::nbd_poll(connection, pollTimeoutMilliseconds);
         if (polled < 0) {
             throw NoAnswer(lastError());
         }
@@ -55,7 +55,7 @@ void NbdImage::Close::operator()(nbd_handle* connection) const noexcept {
 }
 
 NbdImage::NbdImage(std::string uri, std::uint64_t offset)
-    : uri(std::move(uri)), begin(offset), bytes(bytesBehind(this->uri, connect(), begin)) {}
+    : uri(std::move(uri)), begin(offset), bytes(bytesAfter(this->uri, connect(), begin)) {}
 
 NbdImage::~NbdImage() = default;
 
@@ -72,7 +72,7 @@ std::uint64_t NbdImage::connect() {
 }
 
 void NbdImage::read(std::span<std::byte> into, std::uint64_t offset) {
-    readPatiently(uri, offset, [&] {
+    readWithRetries(uri, offset, [&] {
         if (connection && ::nbd_aio_is_ready(connection.get()) != 1) {
             connection.reset();
         }
@@ -83,11 +83,11 @@ void NbdImage::read(std::span<std::byte> into, std::uint64_t offset) {
     });
 }
 
-/// Whatever fails, nothing is under way any more when it ends, or there is no connection.
+/// Even after a failure no request is in flight when this ends, unless the connection is gone.
 void NbdImage::tryRead(std::span<std::byte> into, std::uint64_t offset) {
     std::deque<std::int64_t> underWay;
     std::exception_ptr failure;
-    const auto settleFirst = [&] {
+    const auto awaitOldestRequest = [&] {
         try {
             await(connection.get(), underWay.front());
         } catch (const NoAnswer&) {
@@ -100,7 +100,7 @@ void NbdImage::tryRead(std::span<std::byte> into, std::uint64_t offset) {
     };
     for (std::size_t position = 0; position < into.size() && !failure; position += requestBytes) {
         if (underWay.size() == mostUnderWay) {
-            settleFirst();
+            awaitOldestRequest();
         }
         const std::span piece = into.subspan(position, std::min(requestBytes, into.size() - position));
         const std::int64_t cookie = ::nbd_aio_pread(connection.get(), piece.data(), piece.size(),
@@ -112,7 +112,7 @@ void NbdImage::tryRead(std::span<std::byte> into, std::uint64_t offset) {
         underWay.push_back(cookie);
     }
     while (!underWay.empty()) {
-        settleFirst();
+        awaitOldestRequest();
     }
     if (failure) {
         std::rethrow_exception(failure);

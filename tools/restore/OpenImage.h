@@ -9,8 +9,8 @@
 
 namespace restore {
 
-/// Opens an image wherever it is. The logger has to outlive it: transports say there what goes wrong. Throws
-/// std::runtime_error.
+/// Opens an image, wherever it is stored. `logger` must outlive the image, as transports log their failures
+/// there. Throws std::runtime_error.
 std::unique_ptr<IImage> openImage(agent::info::Logger& logger, const ImageAddress& address,
                                   const SecretSource& secret);
 

@@ -10,7 +10,7 @@ namespace {
 
 constexpr std::uint64_t largestGap = 64UL << 10U;
 
-/// Whether a range that begins there can still be read with the piece.
+/// Whether a range that begins at `begin` can be read together with the piece.
 bool mayJoin(const Piece& piece, std::uint64_t begin) {
     return begin - piece.whole.end() <= largestGap && begin - piece.whole.begin < largestPiece;
 }

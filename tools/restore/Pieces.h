@@ -9,26 +9,26 @@
 
 namespace restore {
 
-/// What is read at once: some ranges that lie close together, with what is between them. Reading a little too
-/// much costs less than asking twice.
+/// Bytes that are read at once: ranges that are close together, with the gaps between them. Reading a little
+/// too much costs less than a second request.
 struct Piece {
     ByteRange whole;
     std::vector<ByteRange>
-        parts; ///< ascending; the first begins where it begins, the last ends where it ends
+        parts; ///< ascending; the first begins at whole.begin, the last ends at whole.end()
 
-    /// Bytes of the parts.
+    /// The sum of the parts in bytes.
     [[nodiscard]] std::uint64_t used() const;
-    /// Makes what lies between the parts zeros, in memory that holds the whole.
+    /// Fills the gaps between the parts with zeros, in a buffer that holds the whole piece.
     void clearGaps(std::byte* bytes) const;
 };
 
 inline constexpr std::uint64_t largestPiece = 4UL << 20U; // bytes
 
-/// Calls `work` with what of the ranges is between two places, in their order.
+/// Calls `work` for the parts of the ranges between `begin` and `end`, in ascending order.
 void forEachPiece(const std::vector<ByteRange>& ranges, std::uint64_t begin, std::uint64_t end,
                   const std::function<void(const Piece& piece)>& work);
 
-/// How many bytes of the ranges are between two places.
+/// The number of bytes of the ranges between `begin` and `end`.
 std::uint64_t bytesBetween(const std::vector<ByteRange>& ranges, std::uint64_t begin, std::uint64_t end);
 
 } // namespace restore

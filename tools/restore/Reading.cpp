@@ -6,12 +6,12 @@
 
 namespace restore {
 
-void throwUnread(const std::string& image, std::uint64_t offset, const std::string& reason) {
+void throwReadFailure(const std::string& image, std::uint64_t offset, const std::string& reason) {
     throw std::runtime_error("reading " + image + " at byte " + std::to_string(offset) + " failed" +
                              (reason.empty() ? "" : ": " + reason));
 }
 
-std::uint64_t bytesBehind(const std::string& image, std::uint64_t all, std::uint64_t offset) {
+std::uint64_t bytesAfter(const std::string& image, std::uint64_t all, std::uint64_t offset) {
     if (all <= offset) {
         throw std::runtime_error(image + " has " + std::to_string(all) + " bytes: none from byte " +
                                  std::to_string(offset) + " on, where the image is said to begin");
@@ -19,14 +19,14 @@ std::uint64_t bytesBehind(const std::string& image, std::uint64_t all, std::uint
     return all - offset;
 }
 
-void readPatiently(const std::string& image, std::uint64_t offset, const std::function<void()>& tryRead) {
+void readWithRetries(const std::string& image, std::uint64_t offset, const std::function<void()>& tryRead) {
     for (int attempt = 1;; ++attempt) {
         try {
             tryRead();
             return;
         } catch (const std::runtime_error& error) {
             if (attempt == agent::core::maxTries) {
-                throwUnread(image, offset, error.what());
+                throwReadFailure(image, offset, error.what());
             }
         }
         agent::core::sleepBeforeRetry();

@@ -4,19 +4,20 @@
 #include <functional>
 #include <string>
 
-/// What all kinds of images have in common.
+/// Functions that all kinds of images use.
 namespace restore {
 
-/// Throws std::runtime_error for a read of an image that has failed, for a reason that is told by its text
-/// or, if that is empty, by a line in the log.
-[[noreturn]] void throwUnread(const std::string& image, std::uint64_t offset, const std::string& reason = "");
+/// Throws std::runtime_error for a failed read of an image. `reason` may be empty if the log says more.
+[[noreturn]] void throwReadFailure(const std::string& image, std::uint64_t offset,
+                                   const std::string& reason = "");
 
-/// The bytes of an image that begins at `offset` of something that has `all`. Throws std::runtime_error if
-/// none are left.
-std::uint64_t bytesBehind(const std::string& image, std::uint64_t all, std::uint64_t offset);
+/// The size of an image that begins at `offset` of a file or device with `all` bytes. Throws
+/// std::runtime_error if nothing is left.
+std::uint64_t bytesAfter(const std::string& image, std::uint64_t all, std::uint64_t offset);
 
-/// Calls `tryRead`, which throws std::runtime_error for a failure, until it does well: five times, a second
-/// after each other, as a server may be restarted meanwhile. Throws what throwUnread does after the last.
-void readPatiently(const std::string& image, std::uint64_t offset, const std::function<void()>& tryRead);
+/// Calls `tryRead`, which throws std::runtime_error for a failure, until it succeeds: up to five times, a
+/// second apart, as a server may be restarted meanwhile. After the last failure, throws as throwReadFailure
+/// does.
+void readWithRetries(const std::string& image, std::uint64_t offset, const std::function<void()>& tryRead);
 
 } // namespace restore

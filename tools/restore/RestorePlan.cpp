@@ -29,9 +29,10 @@ void addUnlessEmpty(std::vector<ByteRange>& ranges, std::uint64_t begin, std::ui
     }
 }
 
-/// Ranges of blocks as whole pages, which two of them may share, and the margins.
+/// Widens ranges of blocks to whole pages, which two ranges may share, and notes the unused parts of these
+/// pages.
 void addPages(const usedmap::UsedRanges& map, RestorePlan& plan) {
-    std::uint64_t filled = 0; // behind the last block in use
+    std::uint64_t filled = 0; // end of the last used block
     for (const agent::BlockRange& range : map.ranges) {
         const std::uint64_t begin = std::min(range.start * map.blockSize, plan.volumeBytes);
         const std::uint64_t end = std::min(range.end() * map.blockSize, plan.volumeBytes);
@@ -40,8 +41,8 @@ void addPages(const usedmap::UsedRanges& map, RestorePlan& plan) {
         }
         const std::uint64_t pageBegin = begin / pageBytes * pageBytes;
         const std::uint64_t pageEnd = std::min(roundUp(end), plan.volumeBytes);
-        addUnlessEmpty(plan.margins, filled, std::min(roundUp(filled), begin));
-        addUnlessEmpty(plan.margins, std::max(pageBegin, roundUp(filled)), begin);
+        addUnlessEmpty(plan.unusedPageParts, filled, std::min(roundUp(filled), begin));
+        addUnlessEmpty(plan.unusedPageParts, std::max(pageBegin, roundUp(filled)), begin);
         filled = end;
         if (!plan.used.empty() && plan.used.back().end() >= pageBegin) {
             plan.used.back().length = pageEnd - plan.used.back().begin;
@@ -49,10 +50,11 @@ void addPages(const usedmap::UsedRanges& map, RestorePlan& plan) {
             plan.used.push_back({pageBegin, pageEnd - pageBegin});
         }
     }
-    addUnlessEmpty(plan.margins, filled, std::min(roundUp(filled), plan.volumeBytes));
+    addUnlessEmpty(plan.unusedPageParts, filled, std::min(roundUp(filled), plan.volumeBytes));
 }
 
-/// The map of some file systems has to fit as a whole; of any it does where blocks have the usual 4096 bytes.
+/// The map of some file systems must fit into the buffer as a whole; with blocks of the usual 4096 bytes, any
+/// map does.
 std::uint64_t mapBytesFor(const IImage& image) {
     constexpr std::uint64_t blocksInByte = 8;
     const std::uint64_t all = image.size() / pageBytes / blocksInByte;
@@ -62,7 +64,7 @@ std::uint64_t mapBytesFor(const IImage& image) {
 void readMaps(agent::info::Logger& logger, IImage& image, RestorePlan& plan) {
     ImageDevice device(logger, image);
     const usedmap::UsedRanges map = usedmap::findUsedRanges(logger, device, sectorBytes, mapBytesFor(image));
-    plan.volumeBytes = std::min(map.knownBlocks * map.blockSize, image.size());
+    plan.volumeBytes = std::min(map.mappedBlocks * map.blockSize, image.size());
     addPages(map, plan);
 }
 
@@ -81,10 +83,10 @@ RestorePlan makePlan(agent::info::Logger& logger, IImage& image) {
     try {
         readMaps(logger, image, plan);
     } catch (const std::exception& error) {
-        plan.isWhole = true;
+        plan.takesAllBlocks = true;
         plan.reason = error.what();
         plan.volumeBytes = image.size();
-        plan.margins.clear();
+        plan.unusedPageParts.clear();
         plan.used = {{0, plan.volumeBytes}};
     }
     for (const ByteRange& range : plan.used) {

@@ -9,10 +9,10 @@
 
 namespace restore {
 
-/// What all reads and writes are aligned to.
+/// All reads and writes are aligned to this.
 inline constexpr std::uint64_t pageBytes = 4096;
 
-/// Bytes of a volume, whole pages of 4096 but for its end.
+/// A range of bytes of a volume.
 struct ByteRange {
     std::uint64_t begin = 0;
     std::uint64_t length = 0;
@@ -20,20 +20,20 @@ struct ByteRange {
     [[nodiscard]] std::uint64_t end() const { return begin + length; }
 };
 
-/// What of an image has to be written to bring its volume back.
+/// The parts of an image that have to be written to restore its volume.
 struct RestorePlan {
-    static constexpr std::uint64_t headBytes = 1UL << 20U; ///< at the volume's beginning, which come last
+    static constexpr std::uint64_t headBytes = 1UL << 20U; ///< at the volume's beginning, written last
 
-    std::uint64_t volumeBytes = 0; ///< of the file system; of the image where that doesn't tell
-    std::vector<ByteRange> used;   ///< ascending, none touches the next
-    /// What of these pages is in no block in use, where blocks are smaller than pages; ascending. It is
-    /// anything.
-    std::vector<ByteRange> margins;
-    std::uint64_t usedBytes = 0; ///< of all ranges of `used`
-    bool isWhole = false;        ///< it isn't certain which blocks are in use, so all of them are taken
-    std::string reason;          ///< why, for people; empty if not
-    /// Two images have the same one only if their maps of used blocks and their first MiB are the same: what
-    /// was begun with one may be gone on with with the other.
+    std::uint64_t volumeBytes = 0; ///< of the file system; of the image if that isn't known
+    std::vector<ByteRange> used;   ///< ascending whole pages, cut at the volume's end; none touches the next
+    /// The parts of these pages that are in no used block, if blocks are smaller than pages; ascending. Their
+    /// content is arbitrary.
+    std::vector<ByteRange> unusedPageParts;
+    std::uint64_t usedBytes = 0; ///< sum of all ranges of `used`
+    bool takesAllBlocks = false; ///< the used blocks aren't known, so all blocks are taken
+    std::string reason;          ///< why the used blocks aren't known; empty if they are
+    /// Two images have the same identity only if their maps of used blocks and their first MiB are equal.
+    /// Then a restore that was begun with one of them can be resumed with the other.
     std::uint32_t identity = 0;
 };
 

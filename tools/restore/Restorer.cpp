@@ -16,16 +16,16 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr std::uint64_t headBytes = RestorePlan::headBytes;
-/// Shorter runs of zeros are written as they are: room in so small pieces is of no use to anybody.
+/// Shorter runs of zeros are written like data: holes so small are of no use.
 constexpr std::uint64_t leastZeros = 64UL << 10U;
-constexpr std::chrono::seconds keepEvery(5);
+constexpr std::chrono::seconds markerInterval(5);
 
 bool isZero(std::span<const std::byte> bytes) {
     return bytes.empty() || (bytes.front() == std::byte{0} &&
                              std::memcmp(bytes.data(), bytes.data() + 1, bytes.size() - 1) == 0);
 }
 
-/// How many bytes of the beginning are alike: zeros in runs that are worth a hole, or anything else.
+/// The length of the first stretch of `bytes`, and whether it is a hole: a run of zeros that is worth one.
 std::pair<std::uint64_t, bool> stretchOf(std::span<const std::byte> bytes) {
     const auto zeroPages = [&](std::uint64_t from) {
         std::uint64_t end = from;
@@ -55,11 +55,12 @@ Restorer::Restorer(IImage& image, const RestorePlan& plan, TargetDevice& target,
       target(target),
       progress(std::move(progress)),
       marker{0, headBytes, plan.volumeBytes, plan.identity} {
-    for (Load& load : loads) {
-        load.buffer = os::AlignedBuffer(largestPiece, pageBytes);
+    for (PieceBuffer& pieceBuffer : pieceBuffers) {
+        pieceBuffer.memory = os::AlignedBuffer(largestPiece, pageBytes);
     }
 }
 
+/// If the copy fails, the position reached is written to the marker, so that the next run resumes there.
 Restorer::Result Restorer::copy(const std::optional<Marker>& from) {
     target.extendTo(plan.volumeBytes);
     if (from) {
@@ -68,89 +69,91 @@ Restorer::Result Restorer::copy(const std::optional<Marker>& from) {
         begin();
     }
     firstOfThisRun = marker.position;
-    lastKept = Clock::now();
+    lastMarkerTime = Clock::now();
     Result result;
     result.resumed = bytesBetween(plan.used, headBytes, firstOfThisRun);
     WriteBehind behind([this](const Chunk& chunk) {
-        write(chunk.bytes == loads.front().buffer.data() ? loads.front() : loads.back());
+        write(chunk.bytes == pieceBuffers.front().memory.data() ? pieceBuffers.front() : pieceBuffers.back());
     });
-    std::uint64_t unused = firstOfThisRun;
+    std::uint64_t copiedUntil = firstOfThisRun;
     try {
-        copyPieces(unused, behind, result);
+        copyPieces(copiedUntil, behind, result);
     } catch (...) {
-        keepWhatIsThere(unused, behind);
+        writeMarkerAfterFailure(copiedUntil, behind);
         throw;
     }
-    behind.settle();
-    discard(unused, plan.volumeBytes);
-    keepPosition(plan.volumeBytes);
+    behind.waitOrThrow();
+    discard(copiedUntil, plan.volumeBytes);
+    writeMarker(plan.volumeBytes);
     result.zeros = zerosWritten;
     return result;
 }
 
-void Restorer::copyPieces(std::uint64_t& unused, WriteBehind& behind, Result& result) {
+void Restorer::copyPieces(std::uint64_t& copiedUntil, WriteBehind& behind, Result& result) {
     forEachPiece(plan.used, firstOfThisRun, plan.volumeBytes, [&](const Piece& piece) {
-        copyPiece(piece, unused, behind);
-        unused = piece.whole.end();
+        copyPiece(piece, copiedUntil, behind);
+        copiedUntil = piece.whole.end();
         result.copied += piece.used();
-        keepPositionNowAndThen(unused, behind);
+        writeMarkerIfDue(copiedUntil, behind);
         progress(Phase::copying, result.resumed + result.copied, plan.usedBytes);
     });
 }
 
-/// Where the device is what has failed, what was kept last has to do.
-void Restorer::keepWhatIsThere(std::uint64_t position, WriteBehind& behind) noexcept {
+/// If the device itself has failed, the marker that was written last stays in effect.
+void Restorer::writeMarkerAfterFailure(std::uint64_t position, WriteBehind& behind) noexcept {
     try {
-        behind.settle();
-        keepPosition(position);
-    } catch (const std::exception&) { // the failure that has led here is the one to tell of
+        behind.waitOrThrow();
+        writeMarker(position);
+    } catch (const std::exception&) { // the caller reports the first failure
     }
 }
 
-/// From here on the device is no file system, until it is a whole one.
+/// From here on the device holds no file system, until the restore is complete.
 void Restorer::begin() {
     target.zero({0, headBytes});
-    keepPosition(headBytes);
+    writeMarker(headBytes);
 }
 
-void Restorer::copyPiece(const Piece& piece, std::uint64_t unused, WriteBehind& behind) {
-    Load& load = loads.at(next);
+void Restorer::copyPiece(const Piece& piece, std::uint64_t copiedUntil, WriteBehind& behind) {
+    PieceBuffer& pieceBuffer = pieceBuffers.at(next);
     next = 1 - next;
-    checksums.push_back(os::crc32c(readPiece(load, piece)));
-    behind.begin({static_cast<std::int64_t>(piece.whole.begin), load.buffer.data(), piece.whole.length});
-    discard(unused, piece.whole.begin);
+    checksums.push_back(os::crc32c(readPiece(pieceBuffer, piece)));
+    behind.begin(
+        {static_cast<std::int64_t>(piece.whole.begin), pieceBuffer.memory.data(), piece.whole.length});
+    discard(copiedUntil, piece.whole.begin);
 }
 
-std::span<const std::byte> Restorer::readPiece(Load& load, const Piece& piece) {
-    const std::span bytes(load.buffer.data(), piece.whole.length);
+std::span<const std::byte> Restorer::readPiece(PieceBuffer& pieceBuffer, const Piece& piece) {
+    const std::span bytes(pieceBuffer.memory.data(), piece.whole.length);
     image.read(bytes, piece.whole.begin);
     piece.clearGaps(bytes.data());
-    load.begin = piece.whole.begin;
-    load.stretches.clear();
+    pieceBuffer.begin = piece.whole.begin;
+    pieceBuffer.stretches.clear();
     for (const ByteRange& part : piece.parts) {
-        addStretches(load, part);
+        addStretches(pieceBuffer, part);
     }
     return bytes;
 }
 
-/// By the thread that reads, so that the other one can do nothing but write.
-void Restorer::addStretches(Load& load, ByteRange part) {
+/// Runs in the reading thread, so that the other one does nothing but write.
+void Restorer::addStretches(PieceBuffer& pieceBuffer, ByteRange part) {
     while (part.length > 0) {
         const auto [length, isHole] =
-            stretchOf({load.buffer.data() + (part.begin - load.begin), part.length});
-        load.stretches.push_back({{part.begin, length}, isHole});
+            stretchOf({pieceBuffer.memory.data() + (part.begin - pieceBuffer.begin), part.length});
+        pieceBuffer.stretches.push_back({{part.begin, length}, isHole});
         part = {part.begin + length, part.length - length};
     }
 }
 
-void Restorer::write(const Load& load) {
-    for (const Stretch& stretch : load.stretches) {
+void Restorer::write(const PieceBuffer& pieceBuffer) {
+    for (const Stretch& stretch : pieceBuffer.stretches) {
         if (stretch.isHole) {
             target.zero(stretch.range);
             zerosWritten += stretch.range.length;
         } else {
-            target.write({load.buffer.data() + (stretch.range.begin - load.begin), stretch.range.length},
-                         stretch.range.begin);
+            target.write(
+                {pieceBuffer.memory.data() + (stretch.range.begin - pieceBuffer.begin), stretch.range.length},
+                stretch.range.begin);
         }
     }
 }
@@ -161,8 +164,8 @@ void Restorer::discard(std::uint64_t begin, std::uint64_t end) {
     }
 }
 
-/// What is before the position must be on the disk when the marker is.
-void Restorer::keepPosition(std::uint64_t position) {
+/// All data before `position` must be on the disk before the marker is.
+void Restorer::writeMarker(std::uint64_t position) {
     target.sync();
     ++marker.sequence;
     marker.position = position;
@@ -170,13 +173,13 @@ void Restorer::keepPosition(std::uint64_t position) {
     std::ranges::copy(page, markerPage.data());
     target.write({markerPage.data(), page.size()}, marker.place());
     target.sync();
-    lastKept = Clock::now();
+    lastMarkerTime = Clock::now();
 }
 
-void Restorer::keepPositionNowAndThen(std::uint64_t position, WriteBehind& behind) {
-    if (Clock::now() - lastKept >= keepEvery) {
-        behind.settle();
-        keepPosition(position);
+void Restorer::writeMarkerIfDue(std::uint64_t position, WriteBehind& behind) {
+    if (Clock::now() - lastMarkerTime >= markerInterval) {
+        behind.waitOrThrow();
+        writeMarker(position);
     }
 }
 
@@ -185,30 +188,30 @@ void Restorer::compare(Result& result) {
                  [&](const Piece& piece) { compareEarlier(piece, result); });
     auto checksum = checksums.begin();
     forEachPiece(plan.used, firstOfThisRun, plan.volumeBytes,
-                 [&](const Piece& piece) { settle(piece, holds(piece, *checksum++), result); });
+                 [&](const Piece& piece) { requireEqual(piece, matches(piece, *checksum++), result); });
 }
 
-/// The image may be another one by now, and a device may have lost what it had taken.
+/// The image may have changed since the earlier run, and the device may have lost data.
 void Restorer::compareEarlier(const Piece& piece, Result& result) {
-    const std::uint32_t checksum = os::crc32c(readPiece(loads.front(), piece));
-    bool isEqual = holds(piece, checksum);
+    const std::uint32_t checksum = os::crc32c(readPiece(pieceBuffers.front(), piece));
+    bool isEqual = matches(piece, checksum);
     if (!isEqual) {
-        write(loads.front());
+        write(pieceBuffers.front());
         target.sync();
-        result.mended += piece.used();
-        isEqual = holds(piece, checksum);
+        result.rewritten += piece.used();
+        isEqual = matches(piece, checksum);
     }
-    settle(piece, isEqual, result);
+    requireEqual(piece, isEqual, result);
 }
 
-bool Restorer::holds(const Piece& piece, std::uint32_t checksum) {
-    const std::span bytes(loads.back().buffer.data(), piece.whole.length);
+bool Restorer::matches(const Piece& piece, std::uint32_t checksum) {
+    const std::span bytes(pieceBuffers.back().memory.data(), piece.whole.length);
     target.read(bytes, piece.whole.begin);
     piece.clearGaps(bytes.data());
     return os::crc32c(bytes) == checksum;
 }
 
-void Restorer::settle(const Piece& piece, bool isEqual, Result& result) {
+void Restorer::requireEqual(const Piece& piece, bool isEqual, Result& result) {
     if (!isEqual) {
         throw std::runtime_error("what was written to " + target.path() + " behind byte " +
                                  std::to_string(piece.whole.begin) +
@@ -218,13 +221,13 @@ void Restorer::settle(const Piece& piece, bool isEqual, Result& result) {
     progress(Phase::comparing, result.compared, plan.usedBytes);
 }
 
-/// The first page comes last of all, and the marker stands in it until then: it has the super block of every
-/// kind of file system, by which a volume is taken for whole.
+/// The first page is written last, and the marker stays in it until then: the page holds the superblock of
+/// every kind of file system, which makes a volume look whole.
 void Restorer::finish() {
     if (marker.place() != 0) {
-        keepPosition(marker.position);
+        writeMarker(marker.position);
     }
-    const std::span head(loads.front().buffer.data(), headBytes);
+    const std::span head(pieceBuffers.front().memory.data(), headBytes);
     image.read(head, 0);
     target.write(head.subspan(Marker::pageBytes), Marker::pageBytes);
     target.sync();

@@ -28,20 +28,20 @@ std::string readFirstLine(const std::string& path) {
     return line;
 }
 
-/// Keeps what is typed off the screen.
-class Silence {
+/// Turns off the terminal's echo.
+class EchoOff {
 public:
-    explicit Silence(int terminal) : terminal(terminal) {
+    explicit EchoOff(int terminal) : terminal(terminal) {
         if (::tcgetattr(terminal, &before) == 0) {
             ::termios silent = before;
             silent.c_lflag &= ~static_cast<::tcflag_t>(ECHO);
-            isSilent = ::tcsetattr(terminal, TCSAFLUSH, &silent) == 0;
+            isOff = ::tcsetattr(terminal, TCSAFLUSH, &silent) == 0;
         }
     }
-    Silence(const Silence&) = delete;
-    Silence& operator=(const Silence&) = delete;
-    ~Silence() {
-        if (isSilent) {
+    EchoOff(const EchoOff&) = delete;
+    EchoOff& operator=(const EchoOff&) = delete;
+    ~EchoOff() {
+        if (isOff) {
             ::tcsetattr(terminal, TCSAFLUSH, &before);
         }
     }
@@ -49,7 +49,7 @@ public:
 private:
     int terminal;
     ::termios before{};
-    bool isSilent = false;
+    bool isOff = false;
 };
 
 void print(const os::FileDescriptor& terminal, const std::string& text) {
@@ -62,7 +62,7 @@ std::string ask(const os::FileDescriptor& terminal, const std::string& what) {
     std::array<char, longest> typed{};
     ::ssize_t count = 0;
     {
-        const Silence silence(terminal.get()); // before anybody is asked: what was typed earlier is dropped
+        const EchoOff echoOff(terminal.get()); // before the prompt, as it drops what was typed earlier
         print(terminal, what + ": ");
         count = ::read(terminal.get(), typed.data(), typed.size());
     }

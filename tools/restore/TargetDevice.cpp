@@ -1,6 +1,6 @@
 #include "TargetDevice.h"
 
-#include "DirectAccess.h"
+#include "DirectIo.h"
 #include "common/PosixError.h"
 #include "os/AlignedBuffer.h"
 
@@ -35,7 +35,7 @@ struct ::stat statusOf(const std::string& path) {
     return status;
 }
 
-/// The kernel refuses O_EXCL for what is mounted, swapped to, or a part of something else.
+/// The kernel refuses O_EXCL if the device is mounted, used as swap, or part of another device.
 os::FileDescriptor openExclusively(const std::string& path, bool isFile, bool mayWrite) {
     const int usual = (mayWrite ? O_RDWR : O_RDONLY) | O_CLOEXEC | (isFile ? 0 : O_EXCL);
     os::FileDescriptor device(::open(path.c_str(), usual | O_DIRECT));
@@ -54,9 +54,9 @@ os::FileDescriptor openExclusively(const std::string& path, bool isFile, bool ma
     return device;
 }
 
-/// After a call that has failed: whether the next one may do better.
+/// After a failed call: whether it makes sense to try again.
 bool canGoOn(const os::FileDescriptor& device) {
-    return errno == EINTR || (errno == EINVAL && endDirectAccess(device));
+    return errno == EINTR || (errno == EINVAL && disableDirectIo(device));
 }
 
 std::uint64_t sizeOfDevice(const os::FileDescriptor& device, const std::string& path) {
@@ -82,7 +82,7 @@ std::string described(blkid_probe probe) {
     return type + (label.empty() ? "" : " with the label \"" + label + "\"");
 }
 
-/// In words, by what a search for what people know has returned.
+/// Describes the result of libblkid's search.
 std::string found(blkid_probe probe, int result, const std::string& device) {
     constexpr int something = 0;
     constexpr int nothing = 1;
@@ -113,7 +113,7 @@ TargetDevice::TargetDevice(std::string path, bool mayWrite) : name(std::move(pat
 }
 
 std::string TargetDevice::content() const {
-    // Its reads aren't aligned as those past the cache have to be.
+    // libblkid's reads aren't aligned as direct I/O needs it.
     const os::FileDescriptor probed(::open(name.c_str(), O_RDONLY | O_CLOEXEC));
     struct ::stat status{};
     if (probed && ::fstat(probed.get(), &status) == 0 && file && status.st_size == 0) {

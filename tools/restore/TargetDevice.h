@@ -12,35 +12,35 @@
 
 namespace restore {
 
-/// The block device, or the file, that an image is written to. Past the page cache where that can be had:
-/// what is read back comes from the disk.
-/// Owns:    the descriptor. A block device is opened so that nobody can mount it meanwhile.
+/// The block device or the file that an image is written to. Uses direct I/O where possible, so that what is
+/// read back comes from the disk.
+/// Owns:    the file descriptor. A block device is opened with O_EXCL, so that it can't be mounted meanwhile.
 /// Threads: one may write while another reads.
-/// Fails:   std::runtime_error, which says what to do where somebody can do something. PosixError with ENOSPC
-///          where a file finds no room.
+/// Fails:   throws std::runtime_error, which says what to do if something can be done. Throws PosixError with
+///          ENOSPC if there is no space left for a file.
 class TargetDevice {
 public:
-    /// Opens it, only for reading if it is only looked at. Refuses what is mounted, used by something else or
+    /// Opens the device or file, read-only unless `mayWrite`. Refuses what is mounted, otherwise in use, or
     /// neither a block device nor a file.
     TargetDevice(std::string path, bool mayWrite);
 
     [[nodiscard]] const std::string& path() const { return name; }
-    /// Bytes. Of a file, which grows, those that it may have.
+    /// The size in bytes. A file can grow, so its size is the largest one possible.
     [[nodiscard]] std::uint64_t size() const { return bytes; }
     [[nodiscard]] bool isFile() const { return file; }
-    /// What is on it, in words: a file system, a table of partitions, a part of something; empty for nothing
-    /// that is known.
+    /// A description of what is on it: a file system, a table of partitions, a part of something; empty if
+    /// nothing is recognised.
     [[nodiscard]] std::string content() const;
-    /// What a restore that was interrupted has left.
+    /// The marker that an interrupted restore has left.
     [[nodiscard]] std::optional<Marker> marker() const;
 
     void read(std::span<std::byte> into, std::uint64_t offset) const;
     void write(std::span<const std::byte> from, std::uint64_t offset);
-    /// Reads as zeros from then on, without room or writes where the device knows how.
+    /// Makes the range read as zeros, without taking space or writing if the device supports that.
     void zero(const ByteRange& range);
-    /// Nobody needs what is there. It may read as anything afterwards.
+    /// Discards a range whose content isn't needed. Its content is undefined afterwards.
     void discard(const ByteRange& range);
-    /// Makes a file as long as that.
+    /// Extends a shorter file to this size.
     void extendTo(std::uint64_t size);
     void sync();
 

@@ -29,7 +29,7 @@ std::unique_ptr<zephane::SocketImpl> makeSocket() {
 ZephaneImage::ZephaneImage(const ImageAddress& address, std::string secret)
     : address(address),
       secret(std::move(secret)),
-      bytes(bytesBehind(address.text, connect(), address.offset)) {}
+      bytes(bytesAfter(address.text, connect(), address.offset)) {}
 
 ZephaneImage::~ZephaneImage() = default;
 
@@ -45,7 +45,7 @@ std::uint64_t ZephaneImage::connect() {
 }
 
 void ZephaneImage::read(std::span<std::byte> into, std::uint64_t offset) {
-    readPatiently(address.text, offset, [&] { tryRead(into, offset); });
+    readWithRetries(address.text, offset, [&] { tryRead(into, offset); });
 }
 
 void ZephaneImage::tryRead(std::span<std::byte> into, std::uint64_t offset) {

@@ -12,27 +12,27 @@ class ZephaneFTPClient;
 
 namespace restore {
 
-/// An image behind a server of the file protocol, which is asked for reading only.
+/// An image on a server of the file protocol. Sends no requests that write.
 class ZephaneImage : public IImage {
 public:
-    /// Connects. Throws std::runtime_error if the server can't be reached or refuses, or if what it has ends
+    /// Connects. Throws std::runtime_error if the server can't be reached or refuses, or if its file ends
     /// before the image begins.
     ZephaneImage(const ImageAddress& address, std::string secret);
     ~ZephaneImage() override;
 
     [[nodiscard]] std::uint64_t size() const override { return bytes; }
-    /// Tries again over new connections, as a server may be restarted meanwhile.
+    /// Retries over new connections, as a server may be restarted meanwhile.
     void read(std::span<std::byte> into, std::uint64_t offset) override;
     [[nodiscard]] std::string name() const override { return address.text; }
 
 private:
-    /// Returns the bytes of what the server has.
+    /// Returns the size of the server's file in bytes.
     std::uint64_t connect();
     void tryRead(std::span<std::byte> into, std::uint64_t offset);
 
     ImageAddress address;
     std::string secret;
-    std::unique_ptr<zephane::ZephaneFTPClient> client; // none while there is no connection
+    std::unique_ptr<zephane::ZephaneFTPClient> client; // null while there is no connection
     std::uint64_t bytes = 0;
 };
 

@@ -17,7 +17,7 @@ namespace {
 using agent::BlockRange;
 using Ranges = std::vector<BlockRange>;
 
-/// Where the root of the file system on this device can be seen; empty if nowhere.
+/// A mount point that shows the root of the file system on this device; empty if there is none.
 std::string mountPointOf(dev_t device) {
     const std::unique_ptr<libmnt_table, void (*)(libmnt_table*)> table(
         mnt_new_table_from_file("/proc/self/mountinfo"), mnt_unref_table);
@@ -27,7 +27,7 @@ std::string mountPointOf(dev_t device) {
     while (table && position && mnt_table_next_fs(table.get(), position.get(), &mounted) == 0) {
         const std::string target = mnt_fs_get_target(mounted);
         struct stat seen{};
-        // What is mounted over it hides it.
+        // A later mount at the same place hides it.
         if (mnt_fs_get_devno(mounted) == device && std::string(mnt_fs_get_root(mounted)) == "/" &&
             ::stat(target.c_str(), &seen) == 0 && seen.st_dev == device) {
             return target;
@@ -53,8 +53,8 @@ std::optional<Ranges> findDriverFiles(agent::info::Logger& logger, const agent::
         return std::nullopt;
     }
     Ranges ranges;
-    for (const std::string& path : agent::core::backup::snapshot_files::below(
-             agent::Path(mountPoint), agent::info::DriverExtension().getOwnFiles())) {
+    for (const std::string& path : agent::core::backup::snapshot_files::pathsUnder(
+             agent::Path(mountPoint), agent::info::DriverExtension().getDriverFiles())) {
         struct stat file{};
         if (::lstat(path.c_str(), &file) != 0) {
             continue;

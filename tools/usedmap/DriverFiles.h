@@ -10,8 +10,8 @@
 
 namespace usedmap {
 
-/// Which blocks of a volume hold the files of the snapshot driver, which a backup leaves out; ascending. Only
-/// a mounted file system tells where its files lie: nothing for one that isn't, or that doesn't tell.
+/// The blocks of a volume that hold the snapshot driver's files, which a backup leaves out; ascending.
+/// Returns nothing if the volume isn't mounted, or if its file system doesn't report extents.
 std::optional<std::vector<agent::BlockRange>> findDriverFiles(agent::info::Logger& logger,
                                                               const agent::core::IVolumeDevice& device,
                                                               std::uint32_t blockSize);

@@ -6,8 +6,7 @@
 
 namespace usedmap {
 
-/// How many bytes of alignment direct reads of this open device or file need: its sector size, or that of the
-/// device below its file system.
+/// The alignment in bytes that direct reads of this open device need: its sector size; 512 for a file.
 std::uint32_t sectorSizeOf(const agent::core::IVolumeDevice& device);
 
 } // namespace usedmap

@@ -24,7 +24,7 @@ void append(UsedRanges& used, BlockRange range) {
     }
 }
 
-/// A map may go on behind the last block, but a backup doesn't. Where blocks have no size there is no map.
+/// A map may extend beyond the last block, but a backup doesn't. If the block size is 0, there is no map.
 std::uint64_t blocksOf(const agent::core::IVolumeDevice& device, std::uint32_t blockSize) {
     return blockSize == 0 ? 0 : (device.getSize() + blockSize - 1) / blockSize;
 }
@@ -45,23 +45,23 @@ UsedRanges findUsedRanges(agent::info::Logger& logger, agent::core::IVolumeDevic
     used.blockSize = provider->getBlockSize();
     const std::uint64_t blocksOfDevice = blocksOf(device, used.blockSize);
     for (;;) {
-        const std::int64_t told = provider->getBitmapChunk(used.knownBlocks, map, buffer.size());
-        if (told < 0) {
+        const std::int64_t chunkBlocks = provider->getBitmapChunk(used.mappedBlocks, map, buffer.size());
+        if (chunkBlocks < 0) {
             throw std::runtime_error("the map of used blocks can't be read; a backup would copy every block");
         }
-        const auto blocks =
-            std::min(static_cast<std::uint64_t>(told), blocksOfDevice - used.knownBlocks); // none at the end
+        const auto blocks = std::min(static_cast<std::uint64_t>(chunkBlocks),
+                                     blocksOfDevice - used.mappedBlocks); // 0 at the end
         if (blocks == 0) {
             return used;
         }
         for (const BlockRange& range : finder.findRanges(map, blocks)) {
-            append(used, {used.knownBlocks + range.start, range.length});
+            append(used, {used.mappedBlocks + range.start, range.length});
         }
-        used.knownBlocks += blocks;
+        used.mappedBlocks += blocks;
     }
 }
 
-std::uint64_t leaveOut(UsedRanges& used, const std::vector<BlockRange>& excluded) {
+std::uint64_t exclude(UsedRanges& used, const std::vector<BlockRange>& excluded) {
     const std::uint64_t before = used.usedBlocks;
     const std::vector<BlockRange> all = std::exchange(used.ranges, {});
     used.usedBlocks = 0;

@@ -1,4 +1,4 @@
-"""Write calls of the transport, as a backup makes them, beside qemu's commands of the same bytes."""
+"""Write calls of the transport, as in a backup, against qemu's commands for the same bytes."""
 import json
 import re
 
@@ -25,7 +25,7 @@ def own_seconds(portal, target, image):
 
 
 def qemu_seconds(portal, target, image):
-    """By its own clock, which begins behind the login, as ours does."""
+    """The seconds by qemu's own clock, which starts after the login, like ours."""
     printed, _, _ = timed(["qemu-img", "bench", "-w", "-t", "none", "-f", "raw", "-d", str(COMMANDS), "-s",
                            str(COMMAND_BYTES), "-c", str(CALLS * COMMANDS), url_of(portal, target, image)])
     return float(re.search(r"Run completed in ([\d.]+) seconds", printed)[1])
@@ -41,7 +41,7 @@ def race_distance(target, image, report, rounds, milliseconds):
 
 
 def race(arguments, report):
-    """On one machine, where the commands have no way to go, without a bound."""
+    """The round trip of 0 has no bound, as the commands have no way to go there."""
     require_tools()
     report.title(f"{CALLS} write calls of {CALL_BYTES // MEBIBYTE} MiB beside commands of "
                  f"{COMMAND_BYTES >> 10} KiB, {COMMANDS} in flight")

@@ -1,12 +1,12 @@
-"""Copies beside the floor under them. The images are in memory, which leaves the target's disk out."""
+"""Copies against the floor under them. The images are in memory, which leaves the target's disk out."""
 import dataclasses
 
 from bench.copy import files
-from bench.copy.bed import Bed
 from bench.copy.floor import beginning_of, best_window, copied_ranges, image_alone, in_turns, source_alone
 from bench.copy.races.changes import race_shares
 from bench.copy.races.memory import report_peak
 from bench.copy.report import GIBIBYTE, MEBIBYTE, numbers
+from bench.copy.testbed import Testbed
 
 TURNS_BOUND = 0.50
 SLOWER_BOUND = 1.10
@@ -35,15 +35,15 @@ class Best:
         return self.copy / self.slower
 
 
-def race_round(bed, report, turns, alone, window, **options):
-    """One backup, and its blocks moved by as little as will do. Processor seconds don't depend on what else
-    the machine does."""
-    backup = bed.backup(**options)
-    with bed.last_snapshot() as device:
-        ranges = copied_ranges(device, bed.partition.volume.file_system)
-        image = image_alone(bed, ranges, alone, window)
-        source = source_alone(bed, ranges, device)
-        floor = in_turns(bed, ranges, turns, device) # the last, as it leaves the image equal
+def race_round(testbed, report, turns, alone, window, **options):
+    """One backup, and its blocks moved by minimal code. Processor seconds don't depend on the machine's other
+    work."""
+    backup = testbed.backup(**options)
+    with testbed.last_snapshot() as device:
+        ranges = copied_ranges(device, testbed.partition.volume.file_system)
+        image = image_alone(testbed, ranges, alone, window)
+        source = source_alone(testbed, ranges, device)
+        floor = in_turns(testbed, ranges, turns, device) # last, as it makes the image equal
     assert floor.bytes == backup.bytes, (floor, backup)
     best = Best(backup.copy, floor.seconds, source.seconds, image.seconds)
     report.line(f"{floor.bytes / MEBIBYTE:.0f} MiB",
@@ -52,43 +52,43 @@ def race_round(bed, report, turns, alone, window, **options):
     return best
 
 
-def race_sides(bed, report, turns, alone, rounds, **options):
-    """Backups, and both sides of them in turns and alone. What else the machine does comes and goes, so each
-    is its best."""
-    with bed.last_snapshot() as device:
-        ranges = copied_ranges(device, bed.partition.volume.file_system)
-        window = best_window(bed, list(beginning_of(ranges, TRIED)), alone)
+def race_sides(testbed, report, turns, alone, rounds, **options):
+    """Backups, and both sides of them in turns and alone. The best of each counts, as the machine's other
+    work comes and goes."""
+    with testbed.last_snapshot() as device:
+        ranges = copied_ranges(device, testbed.partition.volume.file_system)
+        window = best_window(testbed, list(beginning_of(ranges, TRIED)), alone)
     report.line(f"image alone: {window}")
     report.line("", "copy s", "in turns s", "source s", "image s", "to turns", "to slower", "copy CPU s",
                 "turns CPU s")
-    all_rounds = [race_round(bed, report, turns, alone, window, **options) for _ in range(rounds)]
+    all_rounds = [race_round(testbed, report, turns, alone, window, **options) for _ in range(rounds)]
     return Best(*map(min, zip(*map(dataclasses.astuple, all_rounds))))
 
 
-def race_full(bed, report, rounds):
+def race_full(testbed, report, rounds):
     report.title("FULL: the copy phase beside direct reads and writes of the same blocks, in turns and alone")
-    best = race_sides(bed, report, "copy", "write", rounds, full=True)
+    best = race_sides(testbed, report, "copy", "write", rounds, full=True)
     report.line("slower side beside both in turns", *numbers(best.slower / best.turns)) # no copy does better
     report.bound("FULL beside both sides in turns", best.to_turns, TURNS_BOUND)
     report.bound("FULL beside the slower side alone", best.to_slower, SLOWER_BOUND)
 
 
-def race_merge(bed, report, rounds):
+def race_merge(testbed, report, rounds):
     report.title("DIFFERENTIAL_MERGE, equal image: the copy phase beside reads of both sides")
-    bed.backup(full=True) # whatever was written to the image
-    best = race_sides(bed, report, "compare", "read", rounds, merge=True)
+    testbed.backup(full=True) # makes the image equal, whatever was written to it
+    best = race_sides(testbed, report, "compare", "read", rounds, merge=True)
     report.bound("DIFFERENTIAL_MERGE beside the slower side alone", best.to_slower, SLOWER_BOUND)
 
 
 def race(arguments, report):
-    """The races `floor` and `kinds`, whichever are wanted, on the same volume."""
-    with Bed(arguments.directory, arguments.gibibytes, images="/tmp", poisoned=False) as bed:
+    """Runs those of the races `floor` and `kinds` that were requested, on the same volume."""
+    with Testbed(arguments.directory, arguments.gibibytes, images="/tmp", poisoned=False) as testbed:
         used = arguments.gibibytes * GIBIBYTE // 3
-        files.fill(bed.roots[0], used)
-        bed.backup(full=True) # each file gets its place
+        files.fill(testbed.roots[0], used)
+        testbed.backup(full=True) # allocates the blocks of each file
         if "floor" in arguments.races:
-            race_full(bed, report, arguments.rounds)
+            race_full(testbed, report, arguments.rounds)
         if "kinds" in arguments.races:
-            race_merge(bed, report, arguments.rounds)
-            race_shares(bed, report, used)
-        report_peak(bed, report)
+            race_merge(testbed, report, arguments.rounds)
+            race_shares(testbed, report, used)
+        report_peak(testbed, report)

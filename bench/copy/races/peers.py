@@ -1,22 +1,22 @@
-"""A full backup, and what an administrator would use instead."""
+"""A full backup, against what an administrator would use instead."""
 from bench.copy import files
-from bench.copy.bed import Bed
 from bench.copy.report import GIBIBYTE, MEBIBYTE, numbers
+from bench.copy.testbed import Testbed
 from bench.copy.tools import require_tools, run_partclone, run_qemu
 
 
 def race(arguments, report):
     require_tools()
-    with Bed(arguments.directory, arguments.gibibytes) as bed:
-        files.fill(bed.roots[0], arguments.gibibytes * GIBIBYTE // 3)
-        race_peers(bed, report)
+    with Testbed(arguments.directory, arguments.gibibytes) as testbed:
+        files.fill(testbed.roots[0], arguments.gibibytes * GIBIBYTE // 3)
+        race_peers(testbed, report)
 
 
-def race_peers(bed, report):
+def race_peers(testbed, report):
     report.title("FULL beside other tools; the target's CPU seconds aren't those of the agent or tool")
-    backup = bed.backup(full=True)
-    with bed.last_snapshot() as device:
-        peers = [run_qemu(bed, device), run_partclone(bed, device)]
+    backup = testbed.backup(full=True)
+    with testbed.last_snapshot() as device:
+        peers = [run_qemu(testbed, device), run_partclone(testbed, device)]
     report.line("", "s", "MiB written", "own CPU s", "target CPU s", "s, ratio", "MiB, ratio", "CPU, ratio")
     own = (backup.volume, backup.written, backup.own_cpu)
     report.line("bekd, the volume", *numbers(backup.volume, backup.written / MEBIBYTE, backup.own_cpu,

@@ -1,16 +1,16 @@
-"""Several volumes in one backup beside as many backups of one volume each."""
+"""Several volumes in one backup, against as many backups of one volume each."""
 from bench.copy import files
-from bench.copy.bed import Bed
 from bench.copy.report import GIBIBYTE, numbers
+from bench.copy.testbed import Testbed
 
 VOLUMES = 5
 BOUND = 1.0
 
 
-def race_round(bed, report):
-    """Seconds of both, from the begin of a run to its end."""
-    together = bed.backup(full=True)
-    apart = [bed.backup(chosen=slice(number, number + 1), full=True) for number in range(VOLUMES)]
+def race_round(testbed, report):
+    """The seconds of both, from the beginning of a run to its end."""
+    together = testbed.backup(full=True)
+    apart = [testbed.backup(chosen=slice(number, number + 1), full=True) for number in range(VOLUMES)]
     assert together.bytes == sum(run.bytes for run in apart), (together, apart)
     seconds = together.whole, sum(run.whole for run in apart)
     report.line("", *numbers(*seconds, seconds[0] / seconds[1]))
@@ -20,9 +20,9 @@ def race_round(bed, report):
 def race(arguments, report):
     report.title(f"{VOLUMES} volumes of 1 GiB, FULL, whole backups")
     report.line("", "together s", "one by one s", "ratio")
-    with Bed(arguments.directory, 1, images="/tmp", poisoned=False, volumes=VOLUMES) as bed:
-        for root in bed.roots:
+    with Testbed(arguments.directory, 1, images="/tmp", poisoned=False, volumes=VOLUMES) as testbed:
+        for root in testbed.roots:
             files.fill(root, GIBIBYTE // 3)
-        bed.backup(full=True) # each file gets its place
-        together, apart = map(min, zip(*(race_round(bed, report) for _ in range(arguments.rounds))))
+        testbed.backup(full=True) # allocates the blocks of each file
+        together, apart = map(min, zip(*(race_round(testbed, report) for _ in range(arguments.rounds))))
         report.bound(f"{VOLUMES} volumes in one backup beside {VOLUMES} backups", together / apart, BOUND)

@@ -101,7 +101,7 @@ void undoAdoption() {
     writeBootRecord(layout::bootRecord, record);
 }
 
-std::optional<std::string> putAdopted(const std::string& root) noexcept {
+std::optional<std::string> createAdoptedDevice(const std::string& root) noexcept {
     try {
         const auto uuid = partitionUuidOf(numberOf(root));
         const BootRecord record = readBootRecord(layout::bootRecord);

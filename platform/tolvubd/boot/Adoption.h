@@ -5,21 +5,21 @@
 
 namespace tolvubd {
 
-/// A partition is mounted as it is, and then nothing can be put between it and its file system. One that is
-/// adopted is found on a linear device of its own from the next start on, which has the same content and can
-/// be tracked. Nothing changes on the disk, and where the initramfs knows nothing of it the machine starts
-/// as ever.
+/// Adoption of the root partition. Nothing can be put between a partition and a file system that is mounted
+/// from it. After adoption, the initramfs creates a linear device-mapper device on the partition at each
+/// start, and mounts the root file system from that device, which can be tracked. Nothing changes on the
+/// disk. If the initramfs doesn't know of the adoption, the machine starts as before.
 ///
 /// Fails: std::system_error.
 
-/// Only for the partition of the root file system: EOPNOTSUPP for any other, as that can be unmounted and
-/// mounted from a linear device without a restart. EEXIST for what is on device-mapper already. ENODEV
-/// without a PARTUUID. ENOENT where the initramfs has no hook that would do it.
+/// Adopts the partition of the root file system. Throws EOPNOTSUPP for any other partition, because that can
+/// be unmounted and mounted from a linear device without a restart; EEXIST for a device-mapper device; ENODEV
+/// for a partition without a PARTUUID; ENOENT when the initramfs hook isn't installed.
 void adopt(const std::string& partition);
 void undoAdoption();
 
-/// Before the root file system is mounted: puts the linear device on `root` if that was adopted, and returns
-/// the node to mount instead. None where it wasn't, or that can't be done.
-std::optional<std::string> putAdopted(const std::string& root) noexcept;
+/// Called before the root file system is mounted. If `root` was adopted, creates the linear device on it and
+/// returns the node to mount instead. None if it wasn't adopted, or if that fails.
+std::optional<std::string> createAdoptedDevice(const std::string& root) noexcept;
 
 } // namespace tolvubd

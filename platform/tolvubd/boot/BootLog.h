@@ -6,8 +6,8 @@
 
 namespace tolvubd {
 
-/// A line for the system log and for the kernel's, as the first isn't there yet when a machine starts and
-/// not any more when it stops. Never waits, never fails.
+/// Writes a line to the system log and to the kernel log, because there is no system log when the machine
+/// begins to start and when it has nearly stopped. Never waits, never fails.
 void report(Severity severity, const std::string& text) noexcept;
 
 } // namespace tolvubd

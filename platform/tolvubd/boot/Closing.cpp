@@ -3,8 +3,8 @@
 #include "FileAccess.h"
 #include "Layout.h"
 #include "Volume.h"
+#include "boot/BootLock.h"
 #include "boot/BootLog.h"
-#include "boot/BootTurn.h"
 #include "boot/TrackedVolume.h"
 #include "mapper/LayerStack.h"
 #include "seal/BootRecord.h"
@@ -20,12 +20,12 @@ namespace tolvubd {
 
 namespace {
 
-/// Closes a volume whose layers are sound; any other is none that could be trusted later.
+/// Seals a volume whose layers are sound. Skips any other volume: it can't be trusted after the start anyway.
 void closeVolume(const BootRecord::Volume& record) {
-    const BootTurn turn;
+    const BootLock lock;
     const LayerStack stack(record.id);
-    const std::optional<dm::Device> top = stack.top();
-    if (!top || mountedAs(*top) == Mounted::forWriting || isOpenBesides(*top)) {
+    const std::optional<dm::Device> eraDevice = stack.eraDevice();
+    if (!eraDevice || mountedAs(*eraDevice) == Mounted::forWriting || hasOtherUsers(*eraDevice)) {
         return;
     }
     const TrackedVolume volume(record, stack.lower());
@@ -38,10 +38,10 @@ void closeVolume(const BootRecord::Volume& record) {
         return;
     }
     seal->end = Seal::End::clean;
-    seal->start = thisStart();
+    seal->bootId = currentBootId();
     seal->fingerprint = now;
     volume.write(*seal);
-    report(Severity::info, top->name + " is closed, and tracked on after the next start");
+    report(Severity::info, eraDevice->name + " is closed, and tracked on after the next start");
 }
 
 void tryToClose(const BootRecord::Volume& record) noexcept {
@@ -57,8 +57,8 @@ bool isOfTheSystem(const std::vector<std::string>& mountPoints) {
                                [](const std::string& path) { return path == "/" || path == "/usr"; });
 }
 
-/// Whether the volume is one that is still to be unmounted.
-bool isAwaited(const BootRecord::Volume& record) {
+/// Whether the volume is still mounted writable, but is going to be unmounted.
+bool awaitsUnmount(const BootRecord::Volume& record) {
     const auto device = dm::findByUuid(record.volume);
     if (!device) {
         return false;
@@ -74,9 +74,9 @@ void closeVolumes(std::chrono::seconds patience) {
     const auto deadline = std::chrono::steady_clock::now() + patience;
     std::vector<BootRecord::Volume> open = readBootRecord(layout::bootRecord).volumes;
     while (true) {
-        const bool isTime = std::chrono::steady_clock::now() >= deadline;
+        const bool isDeadlinePast = std::chrono::steady_clock::now() >= deadline;
         const auto ready = std::ranges::partition(
-            open, [&](const BootRecord::Volume& record) { return !isTime && isAwaited(record); });
+            open, [&](const BootRecord::Volume& record) { return !isDeadlinePast && awaitsUnmount(record); });
         std::ranges::for_each(ready, tryToClose);
         open.erase(ready.begin(), ready.end());
         if (open.empty()) {

@@ -4,16 +4,15 @@
 
 namespace tolvubd {
 
-/// Gives each tracked volume that nobody has mounted for writing any more a seal with the fingerprint of its
-/// file system, by which the next start can tell that nothing was written meanwhile. For when the machine
-/// stops; the layers stay, so that it does no harm at any other time.
+/// Closes the tracked volumes when the machine stops: for each one that is no longer mounted writable, writes
+/// a seal with the fingerprint of its file system. The next start compares the fingerprint to find out
+/// whether the volume was written in between. The layers stay in place, so a call at any other time does no
+/// harm.
 ///
-/// Volumes that are mounted for writing are waited for as long as `patience`, but for those of the system
-/// itself, which are never unmounted.
+/// Waits up to `patience` for volumes that are mounted writable, except for those of the system itself, which
+/// are never unmounted.
 ///
-/// Fails: never for a volume; what stands in the way is logged. std::system_error where the boot record
-/// can't be
-///        read.
+/// Fails: std::system_error when the boot record can't be read. Failures with a volume are logged.
 void closeVolumes(std::chrono::seconds patience);
 
 } // namespace tolvubd

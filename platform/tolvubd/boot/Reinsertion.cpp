@@ -4,13 +4,13 @@
 #include "Failure.h"
 #include "HoldGuard.h"
 #include "Layout.h"
+#include "boot/BootLock.h"
 #include "boot/BootLog.h"
-#include "boot/BootTurn.h"
 #include "boot/TrackedVolume.h"
 #include "dm/SuspendedDevice.h"
 #include "mapper/LayerStack.h"
+#include "seal/BootHistory.h"
 #include "seal/BootRecord.h"
-#include "seal/Starts.h"
 #include "seal/Trust.h"
 
 #include <algorithm>
@@ -35,10 +35,10 @@ bool isLinear(const dm::Targets& targets) {
 }
 
 bool isUnused(const dm::Device& device) {
-    return mountedAs(device) == Mounted::no && !isOpenBesides(device);
+    return mountedAs(device) == Mounted::no && !hasOtherUsers(device);
 }
 
-/// One volume that has no layers and that nobody uses.
+/// Puts back the layers of one volume that has none and isn't in use.
 class Reinsertion {
 public:
     Reinsertion(const BootRecord::Volume& record, const dm::Device& device, Stage stage)
@@ -47,7 +47,7 @@ public:
     void run() const {
         const std::optional<Seal> seal = volume.seal();
         if (seal && seal->end == Seal::End::broken) {
-            return; // said when it was given up
+            return; // logged when it was given up
         }
         const std::optional<Fingerprint> now = volume.fingerprint();
         if (const auto reason = reasonAgainst(seal, now)) {
@@ -70,22 +70,22 @@ private:
         if (dm::sizeOf(dm::liveTable(device)) * dm::sector != record.size) {
             return "its size has changed";
         }
-        if (seal->end == Seal::End::open && volume.wasEraStopped()) {
-            return "it had lost its layers before the machine stopped"; // whoever took them, and just then
+        if (seal->end == Seal::End::open && volume.wasEraShutDown()) {
+            return "it had lost its layers before the machine stopped"; // even if only a moment before
         }
-        return reasonForDoubt(*seal, now, previousStart(layout::starts));
+        return reasonForDoubt(*seal, now, previousBootId(layout::bootHistory));
     }
 
-    /// Nothing is written to it: where the seal was may be a file of somebody else's now. What is in doubt
-    /// stays so, as each mount takes the fingerprint further away from the seal's.
+    /// Only logs, and leaves the seal alone: its blocks may belong to another file by now. The volume stays
+    /// in doubt, because every mount takes its fingerprint further away from the seal's.
     void giveUp(const std::string& reason) const {
         if (stage == Stage::afterRoot) {
             report(Severity::warning, device.name + ": the next backup compares all of it: " + reason);
         }
     }
 
-    /// Until the layers are in place and known to be sound, the seal says that they can't be trusted: the
-    /// volume might go on without them.
+    /// Marks the seal as broken until the layers are in place and have been checked: if that fails, the
+    /// volume may be written without them.
     void insert(const Seal& seal, const std::optional<Fingerprint>& now) const {
         write(volume, seal, Seal::End::broken, now);
         LayerStack stack(record.id);
@@ -96,7 +96,7 @@ private:
             }
             write(TrackedVolume(record, stack.lower()), seal, Seal::End::open, now);
         } catch (...) {
-            stack.takeApart();
+            stack.removeLayers();
             throw;
         }
         report(Severity::info, device.name + ": what changes on it goes on to be tracked");
@@ -108,21 +108,21 @@ private:
         if (hasSnapshot) {
             stack.createSnapshot(*sealed.layers, LayerStack::Store::isKept);
         }
-        stack.loadTop(device, *sealed.layers);
+        stack.loadEraTarget(device, *sealed.layers);
         auto suspended = std::make_unique<dm::SuspendedDevice>(
-            device, dm::Visibility::shown, hasSnapshot ? stack.inside() : std::vector<dm::Device>{},
+            device, dm::Visibility::shown, hasSnapshot ? stack.innerDevices() : std::vector<dm::Device>{},
             dm::liveTable(stack.lower()));
         dm::SuspendedDevice& held = *suspended;
         HoldGuard guard(std::move(suspended));
-        held.resumeInside();
+        held.resumeInnerDevices();
         guard.release();
     }
 
-    /// `where` is what has LVM's own table: the volume at first, and later its lowest layer.
+    /// `where` has LVM's own table: it is the volume at first, and later its lowest layer.
     static void write(const TrackedVolume& where, Seal seal, Seal::End end,
                       const std::optional<Fingerprint>& now) {
         seal.end = end;
-        seal.start = thisStart();
+        seal.bootId = currentBootId();
         seal.fingerprint = now;
         where.write(seal);
     }
@@ -133,9 +133,9 @@ private:
     TrackedVolume volume;
 };
 
-/// False when it would be too late, as somebody uses the volume without its layers.
-bool isDealtWith(const BootRecord::Volume& record, const dm::Device& device, Stage stage) {
-    const BootTurn turn;
+/// Returns false when it is too late, because the volume is in use without its layers.
+bool tryReinsert(const BootRecord::Volume& record, const dm::Device& device, Stage stage) {
+    const BootLock lock;
     if (dm::stateOf(device).isSuspended || !isLinear(dm::liveTable(device))) {
         return true;
     }
@@ -146,15 +146,16 @@ bool isDealtWith(const BootRecord::Volume& record, const dm::Device& device, Sta
     return true;
 }
 
-/// Somebody has given a volume its own table back while it was in use: the driver has to hear of it at once,
-/// as the machine may stop before anybody calls it. While he has his turn he may be the one.
-void haveDriverLook() {
+/// A volume in use has been given its own table back. The driver must notice that at once, because the
+/// machine may stop before the next call of the driver. Waits while another session holds the lock: it may be
+/// the one that has given the table back.
+void runDriverCheck() {
     constexpr std::chrono::seconds patience{10};
     constexpr std::chrono::milliseconds pause{100};
     const auto deadline = std::chrono::steady_clock::now() + patience;
     while (true) {
         try {
-            const Driver turn(Busy::fail);
+            const Driver session(Busy::fail);
             return;
         } catch (const std::system_error& error) {
             if (error.code().value() != EWOULDBLOCK || std::chrono::steady_clock::now() >= deadline) {
@@ -169,10 +170,10 @@ void reinsertDevice(const BootRecord& boot, const dm::Device& device, Stage stag
     try {
         const auto record = std::ranges::find(boot.volumes, device.uuid, &BootRecord::Volume::volume);
         if (record == boot.volumes.end() || !isLinear(dm::liveTable(device))) {
-            return; // its events are not to wait for whoever has his turn
+            return; // the events of an untracked device must not wait for the lock
         }
-        if (!isDealtWith(*record, device, stage) && stage == Stage::afterRoot) {
-            haveDriverLook();
+        if (!tryReinsert(*record, device, stage) && stage == Stage::afterRoot) {
+            runDriverCheck();
         }
     } catch (const std::exception& error) {
         report(Severity::error, device.name + ": the next backup compares all of it: " + error.what());

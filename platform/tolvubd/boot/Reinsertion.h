@@ -4,24 +4,23 @@
 
 namespace tolvubd {
 
-/// Puts the layers of tracked volumes back after the machine has been started, before a file system on them
-/// is mounted, if nothing can have been written meanwhile that they haven't seen. What becomes of it is
-/// logged.
+/// Puts the layers of tracked volumes back when the machine starts, before a file system on them is mounted,
+/// unless the volume may have been written without the layers. Logs the outcome.
 ///
-/// Whatever fails, a volume is left as LVM made it, and not suspended; the next backup of it then compares
-/// all of it. One that is in use is never touched, but the driver is made to look whether it should have
-/// layers. To be called as often as one likes.
+/// On failure a volume stays as LVM made it and isn't suspended; its next backup compares all of it. A volume
+/// in use is never changed, but the driver then checks whether it should have layers. May be called any
+/// number of times.
 ///
-/// Threads: any, of any number of processes: they take turns.
-/// Fails:   never for a volume; std::system_error where the boot record can't be read.
+/// Threads: any, of any number of processes; a lock serialises them.
+/// Fails:   std::system_error when the boot record can't be read. Failures with a volume are logged.
 
-/// How early it is. Before the root file system is there too little is known to give a volume up: one that
-/// isn't found unchanged is left for later.
+/// The stage of the machine's start. Before the root file system is mounted, too little is known to give up a
+/// volume, so a volume that may have changed is left for later.
 enum class Stage { beforeRoot, afterRoot };
 
-/// `node` is that of a volume; one that isn't tracked is fine.
+/// Reinserts the layers of the volume with the device node `node`; does nothing if the volume isn't tracked.
 void reinsert(const std::string& node, Stage stage);
-/// Every volume of the boot record that is there.
+/// Reinserts the layers of all volumes in the boot record that are present.
 void reinsertAll(Stage stage);
 
 } // namespace tolvubd

@@ -19,7 +19,7 @@ namespace tolvubd {
 
 namespace {
 
-/// By the node that the kernel makes, as there may be no other yet.
+/// Opens the kernel's own node, because udev may not have made another one yet.
 os::FileDescriptor openMapped(const dm::Device& device) {
     const std::string node = "/dev/dm-" + std::to_string(minor(device.number));
     os::FileDescriptor file = openDirect(node, O_RDWR);
@@ -44,16 +44,16 @@ std::optional<Fingerprint> TrackedVolume::fingerprint() const {
     return readFingerprint(file, record.size);
 }
 
-bool TrackedVolume::wasEraStopped() const {
+bool TrackedVolume::wasEraShutDown() const {
     os::AlignedBuffer block(era::blockSize, era::blockSize);
     if (!readPlaces(file, record.eraFile, sealSize, block)) {
         fail(EBADMSG, "the volume ends before the era metadata");
     }
-    return tolvubd::wasEraStopped(std::span<const std::byte, era::blockSize>(block.data(), era::blockSize));
+    return tolvubd::wasEraShutDown(std::span<const std::byte, era::blockSize>(block.data(), era::blockSize));
 }
 
 void TrackedVolume::write(const Seal& seal) const {
-    if (!isWhereLvmSays(record.volume, device)) {
+    if (!matchesLvmMetadata(record.volume, device)) {
         fail(ESTALE, "LVM says that " + record.volume + " lies elsewhere");
     }
     writeSeal(file, record.eraFile, seal);
@@ -67,11 +67,11 @@ Mounted mountedAs(const dm::Device& device) {
     return isWritableIn(mounts, device.number) ? Mounted::forWriting : Mounted::readOnly;
 }
 
-bool isOpenBesides(const dm::Device& device) {
-    constexpr int looks = 10;
+bool hasOtherUsers(const dm::Device& device) {
+    constexpr int attempts = 10;
     constexpr std::chrono::milliseconds pause{50};
     const std::uint32_t expected = mountedAs(device) == Mounted::no ? 0 : 1;
-    for (int look = 0; look < looks; ++look) {
+    for (int attempt = 0; attempt < attempts; ++attempt) {
         if (dm::stateOf(device).openCount <= expected) {
             return false;
         }

@@ -11,8 +11,8 @@
 
 namespace tolvubd {
 
-/// A volume that the boot record names, as it is found when the machine starts or stops. All is read and
-/// written by `device`, which is the volume itself where it has no layers, and else the one below them.
+/// A volume in the boot record, as found when the machine starts or stops. Reads and writes go through
+/// `device`, which is the volume itself if it has no layers, and its lowest layer otherwise.
 ///
 /// Owns:    a descriptor of that device.
 /// Threads: one at a time.
@@ -23,11 +23,11 @@ public:
 
     [[nodiscard]] std::optional<Seal> seal() const;
     [[nodiscard]] std::optional<Fingerprint> fingerprint() const;
-    /// Whether its era target was stopped in order: what came after that went past it. EBADMSG when that
-    /// can't be known.
-    [[nodiscard]] bool wasEraStopped() const;
-    /// Makes the seal say this. ESTALE, and nothing is written, where LVM says that the volume lies
-    /// elsewhere: what was the seal may be somebody else's.
+    /// Whether the era target was shut down cleanly: later writes then bypassed it. Throws EBADMSG when that
+    /// can't be determined.
+    [[nodiscard]] bool wasEraShutDown() const;
+    /// Writes the seal. If the volume is elsewhere according to LVM, throws ESTALE and writes nothing,
+    /// because the seal's blocks may belong to other data by now.
     void write(const Seal& seal) const;
 
 private:
@@ -38,8 +38,8 @@ private:
 
 enum class Mounted { no, readOnly, forWriting };
 Mounted mountedAs(const dm::Device& device);
-/// Whether anybody has a device open beside the file system that may be mounted from it. Whoever has just
-/// made it, or looks what is on it, may have it open for a moment.
-bool isOpenBesides(const dm::Device& device);
+/// Whether anything has a device open besides the file system that may be mounted from it. Looks several
+/// times, because a program that has just made the device, or probes its content, has it open for a moment.
+bool hasOtherUsers(const dm::Device& device);
 
 } // namespace tolvubd

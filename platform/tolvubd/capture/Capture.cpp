@@ -15,9 +15,9 @@ namespace {
 
 /// Large, because the file system stays frozen for as long as the reads take.
 constexpr std::size_t pieceSize = std::size_t{8} << 20;
-/// Of all devices, the largest unit that a direct read can ask for.
+/// The alignment for direct I/O that every device accepts.
 constexpr std::size_t largestSector = 4096;
-/// What becomes a hole as a whole; no file system has larger blocks.
+/// The granularity of holes; no file system has larger blocks.
 constexpr std::size_t holeSize = std::size_t{64} << 10;
 
 bool isZero(std::span<const std::byte> bytes) {
@@ -25,7 +25,7 @@ bool isZero(std::span<const std::byte> bytes) {
            (bytes[0] == std::byte{0} && std::memcmp(bytes.data(), bytes.data() + 1, bytes.size() - 1) == 0);
 }
 
-/// Writes what isn't zero, in runs as long as they are.
+/// Writes the parts that aren't zero, in runs as long as possible.
 void writeSparse(const os::FileDescriptor& image, std::span<const std::byte> piece, std::uint64_t offset) {
     std::size_t begin = 0;
     for (std::size_t at = 0; at < piece.size(); at += holeSize) {

@@ -10,13 +10,16 @@
 namespace tolvubd {
 
 /// A sparse copy of a block device.
+///
+/// Owns:    the descriptors of the device and of the image; not the image file, which stays.
+/// Threads: one at a time.
+/// Fails:   std::system_error.
 class Capture {
 public:
-    /// Makes an empty file of the device's size; nothing must be there.
+    /// Creates an image of the device's size without data. Throws EEXIST when `path` exists.
     Capture(const std::string& path, const std::string& device, std::uint64_t size);
 
-    /// Copies the device, a piece at a time, with a call of `afterPiece` after each. Pieces that are zero
-    /// become holes.
+    /// Copies the device piece by piece, and calls `afterPiece` after each. Zeros become holes.
     void copy(const std::function<void()>& afterPiece);
     /// Makes the copy durable.
     void finish();

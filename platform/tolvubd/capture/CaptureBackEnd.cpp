@@ -6,7 +6,7 @@
 #include "HoldGuard.h"
 #include "Layout.h"
 #include "SystemLog.h"
-#include "Tidying.h"
+#include "TryTo.h"
 #include "capture/Capture.h"
 #include "capture/CaptureNode.h"
 #include "capture/Compare.h"
@@ -27,8 +27,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
-/// The file system is frozen; if it is a process that can't do that, the process is stopped.
-std::unique_ptr<HoldGuard> holdStill(const Volume& volume, const std::string& mountPoint) {
+/// Freezes the file system. If that isn't supported, stops its FUSE server.
+std::unique_ptr<HoldGuard> holdVolume(const Volume& volume, const std::string& mountPoint) {
     try {
         return std::make_unique<HoldGuard>(std::make_unique<FrozenFileSystem>(mountPoint));
     } catch (const std::system_error& error) {
@@ -44,10 +44,10 @@ void captureVolume(const SnapshotPlan& plan, Device& device) {
     using std::chrono::steady_clock;
     const Volume& volume = plan.volume;
     makeCowFile(plan.cow.path(), device.snapshot, plan.cowSize);
-    device.own = extentsOfOwnFiles(plan.cow.mountPoint, volume.size);
+    device.ownFileExtents = extentsOfOwnFiles(plan.cow.mountPoint, volume.size);
     Capture capture(layout::capture(device.snapshot), volume.path, volume.size);
     const auto begin = steady_clock::now();
-    const std::unique_ptr<HoldGuard> held = holdStill(volume, plan.cow.mountPoint);
+    const std::unique_ptr<HoldGuard> held = holdVolume(volume, plan.cow.mountPoint);
     capture.copy([&] { held->reportProgress(); });
     held->release();
     const auto lasted = std::chrono::duration_cast<milliseconds>(steady_clock::now() - begin);
@@ -56,15 +56,15 @@ void captureVolume(const SnapshotPlan& plan, Device& device) {
     capture.finish();
 }
 
-/// Writes what has changed from one capture to the next into the CoW file that was current between.
+/// Writes the changes between the two captures into the CoW file that was current in between.
 void record(const Device& before, const Device& after, const std::string& closed) {
-    const Moment then{layout::capture(before.snapshot), before.own};
-    const Moment now{layout::capture(after.snapshot), after.own};
+    const CaptureInfo then{layout::capture(before.snapshot), before.ownFileExtents};
+    const CaptureInfo now{layout::capture(after.snapshot), after.ownFileExtents};
     const std::vector<Extent> table = extentsOf(closed).value_or(std::vector<Extent>{});
     const std::vector<bool> fresh = findFreshUnits(then, now, table, before.size);
     CowTable changes(closed, before.snapshot, before.size);
     changes.finish(compareCaptures(
-        then.capture, now.capture, before.size, fresh,
+        then.path, now.path, before.size, fresh,
         [&](std::uint64_t unit, std::span<const std::uint64_t> words) { changes.write(unit, words); }));
 }
 
@@ -93,7 +93,7 @@ void tidyStore(const Table& table) {
     const std::set<std::string> kept = capturesKept(table);
     for (const fs::directory_entry& entry : fs::directory_iterator(layout::store)) {
         const std::string path = entry.path();
-        // A capture without a name couldn't be found again to be detached.
+        // The capture is detached before it is removed: the loop device is found by the name of its file.
         if (path.ends_with(layout::captureSuffix) && !shown.contains(path) &&
             tryTo("detach " + path, [&] { detachCapture(path); }) && !kept.contains(path)) {
             tryTo("remove " + path, [&] { removeFile(path); });
@@ -115,7 +115,7 @@ void dropWithoutCapture(std::vector<Device>& devices) {
 
 } // namespace
 
-/// Nothing that the capture needs may be on the file system that is frozen meanwhile.
+/// The capture must not need any file on the file system that is frozen during the capture.
 void CaptureBackEnd::requireRoom(const SnapshotPlan& plan, const Device& /*device*/) const {
     struct stat status{};
     checked(::stat(layout::store, &status), "look at the image store");
@@ -145,10 +145,10 @@ void CaptureBackEnd::takeNext(const SnapshotPlan& plan, const Device& before, co
     showCapture(layout::capture(after.snapshot), plan.volume.sectorSize, after.minor);
 }
 
-/// A capture is a file of its own, which nobody else writes.
+/// Does nothing: no program writes to a capture, so it can't break.
 void CaptureBackEnd::noteEnd(Device& /*device*/) {}
 
-/// Captures that no device has are removed by `tidy`.
+/// Does nothing: `reconcile` removes captures that no device has.
 void CaptureBackEnd::release(const Device& /*device*/) {}
 
 void CaptureBackEnd::reload(const Volume& volume, Device& device) {
@@ -163,7 +163,7 @@ void CaptureBackEnd::examine(Table& table) {
     dropWithoutCapture(table.asleep);
 }
 
-void CaptureBackEnd::tidy(const Table& table) {
+void CaptureBackEnd::reconcile(const Table& table) {
     tryTo("tidy the store", [&] { tidyStore(table); });
 }
 

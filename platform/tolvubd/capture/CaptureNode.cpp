@@ -37,7 +37,7 @@ loop_config configuration(const os::FileDescriptor& image, const std::string& ca
     return config;
 }
 
-/// False when somebody else has been faster: the free device isn't reserved for who has asked for it.
+/// Returns false when another process has taken the loop device: LOOP_CTL_GET_FREE doesn't reserve it.
 bool tryToShow(const os::FileDescriptor& control, const loop_config& config, const std::string& node) {
     const int loop = checked(::ioctl(control.get(), LOOP_CTL_GET_FREE), "find a free loop device");
     const HiddenNode hidden(makedev(LOOP_MAJOR, static_cast<unsigned>(loop)));
@@ -52,8 +52,8 @@ bool tryToShow(const os::FileDescriptor& control, const loop_config& config, con
     return true;
 }
 
-/// What the kernel says a loop device shows. The directory depends on who looks from where, the name doesn't,
-/// and no two captures share one.
+/// The file name of the image that a loop device shows, according to the kernel. The directory depends on the
+/// caller's root and mounts, but the name doesn't, and it is unique among captures.
 std::string backingName(const fs::path& loop) {
     constexpr std::size_t longest = 4096;
     try {
@@ -63,7 +63,7 @@ std::string backingName(const fs::path& loop) {
         if (error.code().value() != ENOENT && error.code().value() != ENODEV) {
             throw;
         }
-        return {}; // it shows nothing, or has just gone
+        return {}; // it is unbound, or has just gone
     }
 }
 

@@ -6,9 +6,9 @@
 namespace tolvubd {
 
 /// Shows a capture as the block device /dev/tolvu<minor>, read-only, through a loop device. The node appears
-/// only when it can be used.
+/// only when the device is ready.
 void showCapture(const std::string& capture, std::uint32_t sectorSize, std::uint32_t minor);
-/// Takes the capture's loop devices away, now or when their last user has closed them.
+/// Detaches the capture's loop devices, now or when their last user closes them.
 void detachCapture(const std::string& capture);
 
 } // namespace tolvubd

@@ -29,7 +29,7 @@ public:
         }
     }
 
-    /// Whether nothing but a hole begins at `offset` and goes on for `length`.
+    /// Whether the file has only a hole from `offset` on, for `length` bytes.
     [[nodiscard]] bool isHole(std::uint64_t offset, std::uint64_t length) {
         if (offset >= nextData || nextData == unknown) {
             nextData = findData(offset);
@@ -63,7 +63,7 @@ private:
     std::uint64_t nextData = unknown;
 };
 
-/// The last unit may be shorter than the others.
+/// Sets each word to whether its unit differs. The last unit may be shorter than the others.
 void markDiffering(std::span<const std::byte> before, std::span<const std::byte> after,
                    std::span<std::uint64_t> words) {
     for (std::size_t unit = 0; unit < words.size(); ++unit) {
@@ -74,7 +74,7 @@ void markDiffering(std::span<const std::byte> before, std::span<const std::byte>
     }
 }
 
-/// Returns how many units are marked now.
+/// Marks the fresh units as well. Returns how many units are marked now.
 std::uint64_t markFresh(const std::vector<bool>& fresh, std::uint64_t firstUnit,
                         std::span<std::uint64_t> words) {
     for (std::size_t unit = 0; unit < words.size(); ++unit) {

@@ -13,14 +13,14 @@ constexpr std::uint64_t magic = 0xEF53;
 constexpr std::uint64_t metaBlockGroups = 0x10;
 constexpr std::uint64_t wide = 0x80;
 constexpr std::uint64_t clusters = 0x200;
-constexpr std::uint64_t groupFlags = 0x410; // either of two features with which those of a group count
+constexpr std::uint64_t groupFlags = 0x410; // uninit_bg or metadata_csum: the groups' flags are valid
 constexpr std::uint64_t neverUsed = 0x2;
 constexpr std::uint64_t bitsInByte = 8;
 
 namespace super_block {
 constexpr Field blocks{4, 4};
 constexpr Field firstBlock{20, 4};
-constexpr Field blockShift{24, 4}; ///< beyond 1024 bytes
+constexpr Field blockShift{24, 4}; ///< block size is 1024 << this
 constexpr Field blocksPerGroup{32, 4};
 constexpr Field magic{56, 2};
 constexpr Field incompatible{96, 4};
@@ -58,6 +58,8 @@ bool isSound(const Geometry& geometry, std::uint64_t size) {
            geometry.descriptorSize <= geometry.blockSize;
 }
 
+/// None for another file system, and with meta_bg and bigalloc, which change the layout of the group
+/// descriptors or of the bitmaps.
 std::optional<Geometry> readGeometry(const os::FileDescriptor& image, std::uint64_t size) {
     const Fields super(image, superBlockAt, superBlockSize);
     constexpr std::uint64_t largestShift = 6;
@@ -92,8 +94,8 @@ bool wasUsed(const Geometry& geometry, const Fields& group) {
     return !geometry.hasGroupFlags || (group.little(descriptor::flags) & neverUsed) == 0;
 }
 
-/// Marks what a group's bitmap says is in use. Of a group whose bitmap was never written nothing is marked:
-/// its structures come into use with the group.
+/// Marks the blocks that are in use according to a group's bitmap. If the bitmap was never written, marks
+/// nothing: the group's own structures come into use with the group.
 bool markGroup(const os::FileDescriptor& image, const Geometry& geometry, std::uint64_t group,
                std::vector<bool>& used) {
     const Fields fields = readDescriptor(image, geometry, group);

@@ -12,7 +12,7 @@ namespace tolvubd {
 
 namespace {
 
-/// Sets the flags of all pieces that an extent touches.
+/// Sets the flag of each piece that one of the extents touches.
 void set(std::vector<bool>& flags, const std::vector<Extent>& extents, std::uint64_t pieceSize, bool value) {
     for (const Extent& extent : extents) {
         const std::uint64_t end =
@@ -23,14 +23,14 @@ void set(std::vector<bool>& flags, const std::vector<Extent>& extents, std::uint
     }
 }
 
-std::optional<SpaceMap> readMap(const Moment& moment, std::uint64_t size) {
-    return readSpaceMap(openFile(moment.capture, O_RDONLY), size);
+std::optional<SpaceMap> readMap(const CaptureInfo& capture, std::uint64_t size) {
+    return readSpaceMap(openFile(capture.path, O_RDONLY), size);
 }
 
 } // namespace
 
-std::vector<bool> findFreshUnits(const Moment& before, const Moment& after, const std::vector<Extent>& closed,
-                                 std::uint64_t size) {
+std::vector<bool> findFreshUnits(const CaptureInfo& before, const CaptureInfo& after,
+                                 const std::vector<Extent>& closed, std::uint64_t size) {
     std::optional<SpaceMap> then = readMap(before, size);
     std::optional<SpaceMap> now = readMap(after, size);
     const bool isKnown =
@@ -39,9 +39,9 @@ std::vector<bool> findFreshUnits(const Moment& before, const Moment& after, cons
     if (!isKnown) {
         return fresh;
     }
-    set(then->used, before.own, then->blockSize, false);
+    set(then->used, before.ownFileExtents, then->blockSize, false);
     set(now->used, closed, now->blockSize, false);
-    set(fresh, after.own, cow::unitSize, true);
+    set(fresh, after.ownFileExtents, cow::unitSize, true);
     set(fresh, closed, cow::unitSize, false);
     for (std::uint64_t block = 0; block < now->used.size(); ++block) {
         if (now->used[block] && !then->used[block]) {

@@ -7,7 +7,10 @@
 
 namespace tolvubd {
 
-/// Holds a volume by having the kernel freeze its file system.
+/// Holds a volume: the kernel freezes its file system.
+/// Owns:    a descriptor of the mount point. Not the freeze, which only `end` undoes.
+/// Threads: one at a time; `end` also in a forked child process.
+/// Fails:   std::system_error; `begin` with EBUSY when the file system is frozen already.
 class FrozenFileSystem : public Hold {
 public:
     explicit FrozenFileSystem(const std::string& mountPoint);
@@ -21,11 +24,11 @@ private:
     os::FileDescriptor root;
 };
 
-/// EBUSY for a file system that somebody else has frozen: to make, change or remove a file on it would wait
-/// for him.
+/// Throws EBUSY when another program has frozen the file system: creating, changing or removing a file on it
+/// would block until the thaw.
 void requireNotFrozen(const std::string& mountPoint);
 
-/// For a file system that may have been left frozen, and need not be.
+/// Thaws a file system that a dead process may have left frozen; does nothing if it isn't.
 void thawIfFrozen(const std::string& mountPoint) noexcept;
 
 } // namespace tolvubd

@@ -14,7 +14,7 @@ constexpr std::uint64_t ntfsName = 0x202020205346544E; // "NTFS" and four blanks
 constexpr std::uint64_t fileMagic = 0x454C4946;        // "FILE"
 constexpr std::uint64_t bitmapRecord = 6;
 constexpr std::uint64_t bitsInByte = 8;
-/// A record is protected in such pieces, whatever the sectors are.
+/// A record is protected in pieces of this size, whatever the sector size is.
 constexpr std::size_t pieceSize = 512;
 
 namespace boot {
@@ -23,30 +23,30 @@ constexpr Field sectorSize{11, 2};
 constexpr Field clusterSectors{13, 1};
 constexpr Field sectors{40, 8};
 constexpr Field recordsCluster{48, 8};
-constexpr Field recordSize{64, 1}; ///< in clusters, or minus a power of two
+constexpr Field recordSize{64, 1}; ///< in clusters; if negative, the exponent of a power of two bytes
 } // namespace boot
 
 namespace record {
 constexpr Field magic{0, 4};
-constexpr Field updates{4, 2}; ///< where the bytes stand that belong to the ends of the pieces
+constexpr Field updateSequence{4, 2}; ///< offset of the original last bytes of the pieces
 constexpr Field updateCount{6, 2};
 constexpr Field attributes{20, 2};
 constexpr Field flags{22, 2};
-constexpr Field base{32, 8}; ///< the record that this one continues
+constexpr Field base{32, 8}; ///< the base record that this one continues; 0 for a base record
 constexpr std::uint64_t inUse = 1;
 } // namespace record
 
 namespace attribute {
-constexpr std::size_t outerSize = 64; ///< of the fields of one whose content is outside of the record
+constexpr std::size_t nonResidentHeaderSize = 64; ///< size of a non-resident attribute's header
 constexpr Field type{0, 4};
 constexpr Field length{4, 4};
-constexpr Field isOutside{8, 1};
+constexpr Field isNonResident{8, 1};
 constexpr Field nameLength{9, 1};
 constexpr Field flags{12, 2}; ///< compressed, encrypted, sparse
 constexpr Field firstCluster{16, 8};
 constexpr Field runs{32, 2};
 constexpr Field size{48, 8};
-constexpr Field written{56, 8}; ///< what is behind it counts as zeros
+constexpr Field written{56, 8}; ///< the initialised size: bytes after it read as zeros
 constexpr std::uint64_t data = 0x80;
 constexpr std::uint64_t end = 0xFFFFFFFF;
 } // namespace attribute
@@ -63,15 +63,16 @@ struct Run {
     std::uint64_t count = 0;
 };
 
-/// The content of a file.
+/// The location of a file's data, and its size.
 struct Content {
     std::vector<Run> runs;
     std::uint64_t size = 0;
     std::uint64_t written = 0;
 };
 
-/// A number of one byte that stands for a power of two when it is negative. 0 for more than any is.
-std::uint64_t orPowerOfTwo(std::uint64_t number, std::uint64_t unit) {
+/// Decodes a one-byte number: a count of `unit` if positive, the exponent of a power of two if negative.
+/// Returns 0 if that is too large.
+std::uint64_t decodeSizeCode(std::uint64_t number, std::uint64_t unit) {
     constexpr std::uint64_t mostPositive = 128;
     constexpr std::uint64_t modulus = 256;
     constexpr std::uint64_t highestPower = 21;
@@ -85,7 +86,8 @@ bool isPowerWithin(std::uint64_t number, std::uint64_t least, std::uint64_t most
     return std::has_single_bit(number) && number >= least && number <= most;
 }
 
-/// A count of sectors that is negative is a power of two of sectors, one of clusters that of bytes.
+/// A negative number of sectors per cluster means a power of two of sectors; a negative record size means a
+/// power of two of bytes.
 std::optional<Geometry> readGeometry(const os::FileDescriptor& image, std::uint64_t size) {
     constexpr std::uint64_t largestSector = 4096;
     constexpr std::uint64_t largestCluster = std::uint64_t{2} << 20;
@@ -95,10 +97,10 @@ std::optional<Geometry> readGeometry(const os::FileDescriptor& image, std::uint6
         return std::nullopt;
     }
     const std::uint64_t sectorSize = fields.little(boot::sectorSize);
-    const std::uint64_t clusterSectors = orPowerOfTwo(fields.little(boot::clusterSectors), 1);
+    const std::uint64_t clusterSectors = decodeSizeCode(fields.little(boot::clusterSectors), 1);
     Geometry geometry;
     geometry.clusterSize = sectorSize * clusterSectors;
-    geometry.recordSize = orPowerOfTwo(fields.little(boot::recordSize), geometry.clusterSize);
+    geometry.recordSize = decodeSizeCode(fields.little(boot::recordSize), geometry.clusterSize);
     geometry.recordsCluster = fields.little(boot::recordsCluster);
     if (!isPowerWithin(sectorSize, bootSectorSize, largestSector) ||
         !isPowerWithin(geometry.clusterSize, sectorSize, largestCluster) ||
@@ -111,23 +113,23 @@ std::optional<Geometry> readGeometry(const os::FileDescriptor& image, std::uint6
     return isSound ? std::optional(geometry) : std::nullopt;
 }
 
-/// Puts the bytes back that belong to the end of each piece, where a number stands that tells whether all of
-/// the record was written.
+/// Restores the last two bytes of each piece. On disk an update number replaces them, which shows whether the
+/// whole record was written.
 bool repair(Fields& fields) {
-    const std::size_t updates = fields.little(record::updates);
+    const std::size_t updateSequence = fields.little(record::updateSequence);
     const std::size_t pieces = fields.size() / pieceSize;
     const std::size_t width = 2;
     if (fields.little(record::updateCount) != pieces + 1 ||
-        updates + (pieces + 1) * width > pieceSize - width) {
+        updateSequence + (pieces + 1) * width > pieceSize - width) {
         return false;
     }
     for (std::size_t piece = 1; piece <= pieces; ++piece) {
         const std::size_t end = piece * pieceSize - width;
-        if (fields.little({end, width}) != fields.little({updates, width})) {
+        if (fields.little({end, width}) != fields.little({updateSequence, width})) {
             return false;
         }
-        fields.set(end, fields.byte(updates + piece * width));
-        fields.set(end + 1, fields.byte(updates + piece * width + 1));
+        fields.set(end, fields.byte(updateSequence + piece * width));
+        fields.set(end + 1, fields.byte(updateSequence + piece * width + 1));
     }
     return true;
 }
@@ -137,31 +139,32 @@ bool isRecord(Fields& fields) {
            (fields.little(record::flags) & record::inUse) != 0 && fields.little(record::base) == 0;
 }
 
-/// A number of a few bytes with a sign.
+/// A signed little-endian number of a few bytes.
 std::int64_t signedLittle(const Fields& fields, Field field) {
     constexpr unsigned bits = 64;
     const unsigned unused = bits - static_cast<unsigned>(field.width * bitsInByte);
     return static_cast<std::int64_t>(fields.little(field) << unused) >> unused;
 }
 
-/// The runs of a file from its beginning on, each as a count and the way from the one before. None where one
-/// is a hole or can't be.
+/// Decodes a file's runs, each a count of clusters and the distance from the start of the run before. None if
+/// a run is a hole or invalid.
 std::optional<std::vector<Run>> readRuns(const Fields& fields, std::size_t from, std::size_t end,
                                          std::uint64_t clusters) {
     constexpr unsigned half = 4;
     constexpr std::uint8_t lowHalf = 0xF;
-    constexpr std::size_t widest = 7; // more than clusters have
+    constexpr std::size_t widest = 7; // in bytes; cluster numbers are shorter
     std::vector<Run> runs;
     std::int64_t cluster = 0;
     for (std::size_t at = from; at < end && fields.byte(at) != 0;) {
         const std::size_t countWidth = fields.byte(at) & lowHalf;
-        const std::size_t wayWidth = fields.byte(at) >> half;
-        const std::size_t next = at + 1 + countWidth + wayWidth;
-        if (countWidth == 0 || countWidth > widest || wayWidth == 0 || wayWidth > widest || next > end) {
+        const std::size_t distanceWidth = fields.byte(at) >> half;
+        const std::size_t next = at + 1 + countWidth + distanceWidth;
+        if (countWidth == 0 || countWidth > widest || distanceWidth == 0 || distanceWidth > widest ||
+            next > end) {
             return std::nullopt;
         }
         const std::uint64_t count = fields.little({at + 1, countWidth});
-        cluster += signedLittle(fields, {at + 1 + countWidth, wayWidth});
+        cluster += signedLittle(fields, {at + 1 + countWidth, distanceWidth});
         if (cluster < 0 || static_cast<std::uint64_t>(cluster) > clusters ||
             count > clusters - static_cast<std::uint64_t>(cluster)) {
             return std::nullopt;
@@ -175,8 +178,8 @@ std::optional<std::vector<Run>> readRuns(const Fields& fields, std::size_t from,
 std::optional<Content> readContent(const Fields& fields, std::size_t at, std::size_t length,
                                    std::uint64_t clusters) {
     const auto value = [&](Field field) { return fields.little({at + field.offset, field.width}); };
-    const std::uint64_t runs = length < attribute::outerSize ? length : value(attribute::runs);
-    if (runs >= length || value(attribute::isOutside) != 1 || value(attribute::flags) != 0 ||
+    const std::uint64_t runs = length < attribute::nonResidentHeaderSize ? length : value(attribute::runs);
+    if (runs >= length || value(attribute::isNonResident) != 1 || value(attribute::flags) != 0 ||
         value(attribute::firstCluster) != 0) {
         return std::nullopt;
     }
@@ -185,7 +188,7 @@ std::optional<Content> readContent(const Fields& fields, std::size_t at, std::si
                  : std::nullopt;
 }
 
-/// The content of the file whose record this is, as far as its runs stand in there.
+/// The data of the file that has this record. Runs that are listed in other records are left out.
 std::optional<Content> findContent(const Fields& fields, std::uint64_t clusters) {
     std::size_t at = fields.little(record::attributes);
     while (at + attribute::firstCluster.offset <= fields.size()) {
@@ -204,7 +207,8 @@ std::optional<Content> findContent(const Fields& fields, std::uint64_t clusters)
     return std::nullopt;
 }
 
-/// Where a byte of a file lies on the volume, and how many are there from it on. None behind the last run.
+/// The position on the volume of a byte of a file, and how many bytes follow it there. None after the last
+/// run.
 std::optional<Extent> locate(const Content& content, std::uint64_t offset, std::uint64_t clusterSize) {
     for (const Run& run : content.runs) {
         const std::uint64_t length = run.count * clusterSize;
@@ -222,7 +226,7 @@ std::optional<Fields> readRecord(const os::FileDescriptor& image, const Geometry
     return isRecord(fields) ? std::optional(std::move(fields)) : std::nullopt;
 }
 
-/// The bitmap's content. Its record is found by the runs of the file that all records are in.
+/// The data of the file $Bitmap. Its record is found through the runs of the $MFT, which holds all records.
 std::optional<Content> findBitmap(const os::FileDescriptor& image, const Geometry& geometry) {
     const auto first = readRecord(image, geometry, geometry.recordsCluster * geometry.clusterSize);
     const auto records = first ? findContent(*first, geometry.clusters) : std::nullopt;
@@ -240,6 +244,7 @@ std::optional<Content> findBitmap(const os::FileDescriptor& image, const Geometr
 
 } // namespace
 
+/// Reads $Bitmap run by run, with at most a mebibyte of it in memory.
 std::optional<SpaceMap> readNtfsSpace(const os::FileDescriptor& image, std::uint64_t size) {
     constexpr std::uint64_t mostAtOnce = std::uint64_t{1} << 20;
     const std::optional<Geometry> geometry = readGeometry(image, size);

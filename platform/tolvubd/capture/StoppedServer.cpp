@@ -27,7 +27,7 @@ static_assert(StoppedServer::patienceMilliseconds < HoldGuard::patienceMilliseco
 constexpr char stopped = 'T';
 constexpr char traced = 't';
 constexpr milliseconds moment{1};
-/// /dev/fuse
+/// The numbers of /dev/fuse.
 constexpr unsigned channelMajor = 10;
 constexpr unsigned channelMinor = 229;
 
@@ -44,7 +44,7 @@ bool isHeld(const Process& server) {
     return state == stopped || state == traced;
 }
 
-/// Whether `process` is this one, or one that has started it.
+/// Whether `process` is this process or one of its ancestors.
 bool isAncestor(pid_t process) {
     for (pid_t number = thisProcess(); number > 0; number = Process(number).parent()) {
         if (number == process) {
@@ -81,7 +81,7 @@ void StoppedServer::begin() {
     }
     try {
         stopWhenIdle();
-        syncFile(device, "the device"); // what the server wrote since
+        syncFile(device, "the device"); // what the server has written since the constructor
     } catch (...) {
         static_cast<void>(server.send(SIGCONT));
         throw;
@@ -93,8 +93,8 @@ bool StoppedServer::end() noexcept {
     return server.send(SIGCONT) && wasStopped;
 }
 
-/// It is stopped only when it seems to be idle: on a machine with much to do it would never come to the end
-/// of a request between one stop and the next.
+/// Stops the server only when it seems idle. If it were stopped at any time, a busy server might never finish
+/// a request between two stops.
 void StoppedServer::stopWhenIdle() {
     const Clock::time_point end = Clock::now() + milliseconds(patienceMilliseconds);
     while (!isIdle() || !stop(end)) {
@@ -105,7 +105,7 @@ void StoppedServer::stopWhenIdle() {
     }
 }
 
-/// False when a request has come in between: then it goes on.
+/// Returns false, and lets the server continue, when a request has arrived before the server stopped.
 bool StoppedServer::stop(Clock::time_point end) {
     if (!server.send(SIGSTOP)) {
         failWithErrno("stop the server of the file system");
@@ -125,8 +125,8 @@ bool StoppedServer::isStopped() const {
                                [&](pid_t thread) { return server.stateOf(thread) == stopped; });
 }
 
-/// A thread other than the first that waits for another one may be within a request, and the one that it
-/// waited for may be done: it counts as busy.
+/// A thread other than the first that waits for another thread counts as busy: it may be in the middle of a
+/// request, even if the thread that it waited for has finished.
 bool StoppedServer::isIdle() const {
     std::vector<pid_t> others = server.threads();
     std::erase_if(others, [&](pid_t thread) { return waitsForRequest(server.callOf(thread)); });

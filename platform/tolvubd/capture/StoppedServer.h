@@ -11,24 +11,29 @@
 
 namespace tolvubd {
 
-/// Holds a volume whose file system is a process, by stopping that process while it has nothing to do.
+/// Holds a volume of a FUSE file system, by stopping the server process while it is idle.
 ///
-/// A server that is stopped within a request leaves half of a change on the volume. It has nothing to do when
-/// all its threads wait for the kernel's next request; the first thread of one with several may also wait for
-/// the others. Any other thread makes it one that is never known to be idle, so it isn't held.
-/// While it is stopped, whatever touches the mount waits: asking for free space, sync(), closing a file.
+/// A server that is stopped in the middle of a request leaves half of a change on the volume. It is idle when
+/// all its threads wait for the kernel's next request; if there are several, the first may wait for the
+/// others instead. A server with any other thread never counts as idle, so its volume can't be held. While
+/// the server is stopped, all requests to the mount block: statvfs(), sync(), closing a file.
+///
+/// Owns:    descriptors of the server's /proc directory and of the device. Not the stop, which only `end`
+///          undoes.
+/// Threads: one at a time; `end` also in a forked child process.
+/// Fails:   std::system_error; the server is then as it was before.
 class StoppedServer : public Hold {
 public:
-    /// Has all that was written on the mount brought to the device, which takes as long as there is of it.
-    /// EOPNOTSUPP when the volume has no such process or several.
+    /// Writes all dirty data of the mount to the device, which may take long. Throws EOPNOTSUPP unless the
+    /// volume has exactly one server process.
     StoppedServer(const Volume& volume, const std::string& mountPoint);
 
-    /// EBUSY when somebody else has stopped it, ETIMEDOUT when it was busy whenever it was looked at.
+    /// Throws EBUSY when another program has stopped the server, ETIMEDOUT when the server was never idle.
     void begin() override;
     bool end() noexcept override;
     [[nodiscard]] int descriptor() const noexcept override { return server.descriptor(); }
 
-    /// Less than the guard's.
+    /// Shorter than the guard's, so that begin() gives up first.
     static constexpr int patienceMilliseconds = 5'000;
 
 private:
@@ -40,18 +45,18 @@ private:
 
     Process server;
     os::FileDescriptor device;
-    std::vector<std::uint64_t> channels; ///< its descriptors on which the kernel asks it
+    std::vector<std::uint64_t> channels; ///< the server's descriptors of /dev/fuse, where it reads requests
 };
 
-/// The processes that are the file system of a device: they have it open, and a channel on which the kernel
-/// asks them. EACCES or EPERM when there is a process that can't be looked at.
+/// The FUSE servers of a device: the processes that have both the device and /dev/fuse open. Throws EACCES or
+/// EPERM when a process can't be examined.
 std::vector<ProcessName> findServers(dev_t device);
 
-/// EBUSY when one of them is stopped, EDEADLK when it is this process or one that has started it: whoever
-/// touches the mount now would wait for as long as that lasts.
+/// Throws EBUSY when one of the servers is stopped, EDEADLK when one is this process or an ancestor of it: a
+/// request to the mount would then block.
 void requireAnswering(const std::vector<ProcessName>& servers);
 
-/// Lets a process go on that may have been left stopped, and need not be, nor be there at all.
+/// Continues a server that a dead process may have left stopped; does nothing if it isn't stopped or is gone.
 void continueIfStopped(const ProcessName& server) noexcept;
 
 } // namespace tolvubd

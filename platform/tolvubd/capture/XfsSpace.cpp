@@ -15,7 +15,7 @@ constexpr std::uint64_t plainMagic = 0x41425442;       // "ABTB"
 constexpr std::uint64_t checksummedMagic = 0x41423342; // "AB3B"
 constexpr std::uint64_t noBlock = 0xFFFFFFFF;
 constexpr std::size_t pointerSize = 4;
-constexpr std::size_t pairSize = 8; // a block, and how many there are from it on
+constexpr std::size_t pairSize = 8; // a block, and the number of blocks from it on
 
 namespace super_block {
 constexpr Field magic{0, 4};
@@ -27,7 +27,8 @@ constexpr Field version{100, 2};
 constexpr Field sectorSize{102, 2};
 } // namespace super_block
 
-/// The header of a group, in the second sector of it; the list of blocks is in the fourth.
+/// The header of an allocation group (AGF) is in the group's second sector, the free list (AGFL) in the
+/// fourth.
 namespace group_header {
 constexpr std::uint64_t sector = 1;
 constexpr std::uint64_t listSector = 3;
@@ -45,7 +46,7 @@ constexpr Field records{6, 2};
 constexpr Field right{12, 4};
 } // namespace tree_node
 
-/// How many bytes stand before the contents of these, without checksums and with them.
+/// Header sizes of tree nodes and of the free list, in bytes, without and with checksums.
 constexpr std::size_t plainNodeHeader = 16;
 constexpr std::size_t checksummedNodeHeader = 56;
 constexpr std::size_t plainListHeader = 0;
@@ -92,8 +93,8 @@ std::optional<Geometry> readGeometry(const os::FileDescriptor& image, std::uint6
     return isSound(geometry, size) ? std::optional(geometry) : std::nullopt;
 }
 
-/// One allocation group. What is free in it stands in a tree of extents, in the order of their places, and in
-/// a list of blocks that the trees themselves grow into.
+/// One allocation group. Its free space is in a B-tree of extents, ordered by position, and in a list of
+/// blocks that are reserved for the growth of the trees.
 class Group {
 public:
     Group(const os::FileDescriptor& image, const Geometry& geometry, std::uint64_t number)
@@ -102,7 +103,7 @@ public:
           first(number * geometry.groupBlocks),
           blocks(std::min(geometry.groupBlocks, geometry.blocks - first)) {}
 
-    /// Takes what is free out of the map. False when it isn't known.
+    /// Clears the flags of the free blocks. Returns false when the free space can't be determined.
     bool clearFree(std::vector<bool>& used) const {
         const Fields header = sector(group_header::sector);
         return header && header.big(group_header::magic) == agfMagic &&
@@ -119,7 +120,7 @@ private:
         return (geometry.blockSize - geometry.nodeHeader()) / (isLeaf ? pairSize : pairSize + pointerSize);
     }
 
-    /// A node of the tree, or nothing if it isn't one of this level.
+    /// A node of the tree; none if the block isn't a node of this level.
     [[nodiscard]] std::optional<Fields> node(std::uint64_t block, std::uint64_t level) const {
         if (block >= blocks) {
             return std::nullopt;
@@ -131,7 +132,7 @@ private:
         return isNode ? std::optional(std::move(found)) : std::nullopt;
     }
 
-    /// Goes down to the leftmost leaf, and along the leaves from there.
+    /// Descends to the leftmost leaf, and follows the leaves to the right from there.
     bool clearTree(std::uint64_t root, std::uint64_t levels, std::vector<bool>& used) const {
         constexpr std::uint64_t mostLevels = 9;
         if (levels == 0 || levels > mostLevels) {
@@ -147,7 +148,7 @@ private:
         }
         for (std::uint64_t leaves = 0; block != noBlock; ++leaves) {
             const std::optional<Fields> leaf = node(block, 0);
-            if (!leaf || leaves == blocks || !clearLeaf(*leaf, used)) { // more than there can be: a loop
+            if (!leaf || leaves == blocks || !clearLeaf(*leaf, used)) { // more leaves than blocks: a loop
                 return false;
             }
             block = leaf->big(tree_node::right);
@@ -166,7 +167,7 @@ private:
         return true;
     }
 
-    /// The list goes around: behind the last entry of its sector comes the first.
+    /// The list is a ring buffer in its sector.
     bool clearList(const Fields& header, std::vector<bool>& used) const {
         const std::size_t begin = geometry.hasChecksums ? checksummedListHeader : plainListHeader;
         const std::uint64_t entries = (geometry.sectorSize - begin) / pointerSize;

@@ -29,10 +29,10 @@ void setText(char (&field)[size], const std::string& text) {
 
 ControlRequest::ControlRequest(const Device& device, unsigned long command, std::uint32_t flags,
                                std::size_t room)
-    : command(command), asked(wordsFor(sizeof(dm_ioctl) + room)), answered(asked.size()) {
-    dm_ioctl& head = header(asked);
+    : command(command), request(wordsFor(sizeof(dm_ioctl) + room)), response(request.size()) {
+    dm_ioctl& head = header(request);
     head.version[0] = DM_VERSION_MAJOR;
-    head.data_size = static_cast<std::uint32_t>(asked.size() * wordBytes);
+    head.data_size = static_cast<std::uint32_t>(request.size() * wordBytes);
     head.data_start = sizeof(dm_ioctl);
     head.flags = flags;
     if (device.uuid.empty()) {
@@ -43,7 +43,7 @@ ControlRequest::ControlRequest(const Device& device, unsigned long command, std:
 }
 
 ControlRequest& ControlRequest::tellUdev(Visibility visibility) {
-    header(asked).event_nr = std::uint32_t{udevFlags(visibility)} << DM_UDEV_FLAGS_SHIFT;
+    header(request).event_nr = std::uint32_t{udevFlags(visibility)} << DM_UDEV_FLAGS_SHIFT;
     return *this;
 }
 
@@ -54,25 +54,25 @@ ControlRequest& ControlRequest::addTarget(const Target& target) {
     spec.length = target.length;
     spec.next = static_cast<std::uint32_t>(size * wordBytes);
     setText(spec.target_type, target.type);
-    const std::size_t begin = asked.size();
-    asked.resize(begin + size);
-    answered.resize(asked.size());
-    std::memcpy(&asked[begin], &spec, sizeof spec);
-    target.parameters.copy(static_cast<char*>(static_cast<void*>(&asked[begin])) + sizeof spec,
+    const std::size_t begin = request.size();
+    request.resize(begin + size);
+    response.resize(request.size());
+    std::memcpy(&request[begin], &spec, sizeof spec);
+    target.parameters.copy(static_cast<char*>(static_cast<void*>(&request[begin])) + sizeof spec,
                            target.parameters.size());
-    header(asked).data_size = static_cast<std::uint32_t>(asked.size() * wordBytes);
-    header(asked).target_count += 1;
+    header(request).data_size = static_cast<std::uint32_t>(request.size() * wordBytes);
+    header(request).target_count += 1;
     return *this;
 }
 
 bool ControlRequest::send(int control) noexcept {
-    std::ranges::copy(asked, answered.begin());
-    return ::ioctl(control, command, answered.data()) == 0;
+    std::ranges::copy(request, response.begin());
+    return ::ioctl(control, command, response.data()) == 0;
 }
 
-std::span<const std::byte> ControlRequest::answer() const noexcept {
-    const dm_ioctl& head = header(answered);
-    const auto all = std::as_bytes(std::span(answered));
+std::span<const std::byte> ControlRequest::responseData() const noexcept {
+    const dm_ioctl& head = header(response);
+    const auto all = std::as_bytes(std::span(response));
     if ((head.flags & DM_BUFFER_FULL_FLAG) != 0 || head.data_size > all.size() ||
         head.data_start > head.data_size) {
         return {};

@@ -11,26 +11,26 @@
 
 namespace tolvubd::dm {
 
-/// One call of device-mapper that can be made again and again, also where no memory can be had: while a
-/// volume is suspended, and in a copy of the process.
+/// A device-mapper ioctl that can be sent any number of times without allocating memory: while a volume is
+/// suspended, and in a forked child process.
 ///
-/// Owns:    the memory of the question and of the answer.
-/// Threads: one at a time; `send` also in a copy of the process.
-/// Fails:   std::bad_alloc when it is made. `send` returns false with the kernel's errno.
+/// Owns:    the memory for the request and for the response.
+/// Threads: one at a time; `send` also in a forked child process.
+/// Fails:   the constructor and addTarget throw std::bad_alloc. `send` returns false with the kernel's errno.
 class ControlRequest {
 public:
-    /// `command` is one of <linux/dm-ioctl.h>. There is room for as many bytes of an answer as said.
+    /// `command` is an ioctl number of <linux/dm-ioctl.h>; `room` is the most bytes a response can have.
     ControlRequest(const Device& device, unsigned long command, std::uint32_t flags, std::size_t room = 0);
 
-    /// How udev is told of a device that is resumed.
+    /// Sets how udev treats the event when the device is resumed.
     ControlRequest& tellUdev(Visibility visibility);
-    /// Appends a target to the table that is to be loaded.
+    /// Appends a target to the table that the request loads.
     ControlRequest& addTarget(const Target& target);
 
     bool send(int control) noexcept;
-    /// Of the last answer. What has no room in it is no answer: it is empty then.
-    [[nodiscard]] std::uint32_t flags() const noexcept { return header(answered).flags; }
-    [[nodiscard]] std::span<const std::byte> answer() const noexcept;
+    /// The flags and the data of the last response. Data that didn't fit into the buffer counts as empty.
+    [[nodiscard]] std::uint32_t flags() const noexcept { return header(response).flags; }
+    [[nodiscard]] std::span<const std::byte> responseData() const noexcept;
 
 private:
     using Words = std::vector<std::uint64_t>; // for their alignment
@@ -39,11 +39,11 @@ private:
     static const dm_ioctl& header(const Words& words) noexcept;
 
     unsigned long command;
-    Words asked;
-    Words answered;
+    Words request;
+    Words response;
 };
 
-/// Where requests are sent to.
+/// Opens /dev/mapper/control, to which requests are sent.
 os::FileDescriptor openControl();
 
 } // namespace tolvubd::dm

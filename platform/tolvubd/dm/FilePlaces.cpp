@@ -23,15 +23,15 @@ namespace {
 constexpr std::uint64_t unit = 4096;
 constexpr std::uint32_t extentsAtOnce = 512;
 constexpr decltype(statfs::f_type) xfsMagic = 0x58465342;
-/// An extent with any other property has no blocks of its own, or keeps something else in them than the file.
+/// A file whose extents have any other flag shares blocks with other data, or stores its content in another
+/// form.
 constexpr std::uint32_t harmless = FIEMAP_EXTENT_LAST | FIEMAP_EXTENT_UNWRITTEN | FIEMAP_EXTENT_MERGED;
 
 [[noreturn]] void refuse(const std::string& path, const std::string& why) {
     fail(EOPNOTSUPP, path + ' ' + why);
 }
 
-/// Other file systems than these may name places that aren't such of the one device that they are mounted
-/// from.
+/// On any other file system, the reported extents may not be positions on the device that is mounted.
 void requireKnownFileSystem(const os::FileDescriptor& file, const std::string& path) {
     struct statfs status{};
     checked(::fstatfs(file.get(), &status), "look at the file system of " + path);
@@ -40,7 +40,8 @@ void requireKnownFileSystem(const os::FileDescriptor& file, const std::string& p
     }
 }
 
-/// The blocks of such a file don't hold what it holds. Of an encrypted one ext4 says so nowhere else.
+/// The blocks of an encrypted or compressed file don't hold its content. ext4 doesn't report encryption in
+/// the extent flags.
 void requirePlain(const os::FileDescriptor& file, const std::string& path) {
     int flags = 0;
     if (::ioctl(file.get(), FS_IOC_GETFLAGS, &flags) != 0 || (flags & (FS_ENCRYPT_FL | FS_COMPR_FL)) != 0) {
@@ -48,7 +49,7 @@ void requirePlain(const os::FileDescriptor& file, const std::string& path) {
     }
 }
 
-/// XFS can keep the contents of a file on a device of their own.
+/// XFS can keep the content of a file on a realtime device.
 void requireMainDevice(const os::FileDescriptor& file, const std::string& path) {
     fsxattr attributes{};
     if (::ioctl(file.get(), FS_IOC_FSGETXATTR, &attributes) != 0 ||
@@ -57,7 +58,7 @@ void requireMainDevice(const os::FileDescriptor& file, const std::string& path) 
     }
 }
 
-/// False with errno.
+/// Returns false with errno on failure.
 bool trySetLock(const os::FileDescriptor& file, bool locked) noexcept {
     int flags = 0;
     if (::ioctl(file.get(), FS_IOC_GETFLAGS, &flags) != 0) {
@@ -67,7 +68,7 @@ bool trySetLock(const os::FileDescriptor& file, bool locked) noexcept {
     return ::ioctl(file.get(), FS_IOC_SETFLAGS, &flags) == 0;
 }
 
-/// A file system without such locks has no locked files.
+/// If the file system has no such flag, the file isn't locked.
 bool isLocked(const os::FileDescriptor& file) {
     int flags = 0;
     return ::ioctl(file.get(), FS_IOC_GETFLAGS, &flags) == 0 && (flags & FS_IMMUTABLE_FL) != 0;
@@ -94,13 +95,13 @@ os::FileDescriptor openThere(const std::string& path) {
     return file;
 }
 
-/// Gathers the extents of a file, which the kernel tells in the order of the file.
+/// Collects the extents of a file, which the kernel reports in the order of the file.
 class Places {
 public:
     explicit Places(std::string path) : path(std::move(path)) {}
 
     void add(const fiemap_extent& extent);
-    /// Where the file goes on behind what has been added.
+    /// The offset in the file where the extents added so far end.
     [[nodiscard]] std::uint64_t end() const { return position; }
     [[nodiscard]] const std::vector<Extent>& all() const { return pieces; }
 
@@ -127,7 +128,7 @@ void Places::add(const fiemap_extent& extent) {
     }
 }
 
-/// The next extents of a file. False when there are no more.
+/// Adds the next extents of a file. Returns false when there are no more.
 bool addExtents(const os::FileDescriptor& file, Places& places, const std::string& path) {
     os::ExtentRequest request(extentsAtOnce);
     request.header().fm_start = places.end();
@@ -146,7 +147,7 @@ bool addExtents(const os::FileDescriptor& file, Places& places, const std::strin
     return !isLast;
 }
 
-/// Ends, because each extent that is added lies behind the one before.
+/// The loop ends, because each extent begins after the one before it in the file.
 std::vector<Extent> placesIn(const os::FileDescriptor& file, const std::string& path) {
     const std::uint64_t size = sizeOf(file, path);
     requireKnownFileSystem(file, path);
@@ -158,7 +159,7 @@ std::vector<Extent> placesIn(const os::FileDescriptor& file, const std::string& 
     if (places.end() < size) {
         refuse(path, "has a hole");
     }
-    return partOf(places.all(), 0, size); // there may be more behind the end
+    return partOf(places.all(), 0, size); // extents may reach beyond the end of the file
 }
 
 void reserve(const os::FileDescriptor& file, std::uint64_t size, const std::string& path) {
@@ -199,7 +200,7 @@ bool isLockedFile(const std::string& path) {
     return ::access(path.c_str(), F_OK) == 0 && isLocked(openThere(path));
 }
 
-void releaseFile(const std::string& path) {
+void unlockFile(const std::string& path) {
     if (::access(path.c_str(), F_OK) != 0 && errno == ENOENT) {
         return;
     }

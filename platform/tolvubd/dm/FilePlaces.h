@@ -10,23 +10,22 @@ namespace tolvubd::dm {
 
 inline constexpr std::size_t mostPieces = 256;
 
-/// Makes a file all of whose space is reserved, on disk, and which nobody can change, move or remove until
-/// releaseFile; a file of that name must not be there. Returns where it lies on its volume, in the order of
-/// the file and in whole 4096 bytes.
+/// Creates a file whose space is all reserved on disk, and which can't be changed, moved or removed until
+/// unlockFile. Returns its extents on the volume, in file order; all numbers are multiples of 4096 bytes.
 ///
-/// Fails: ENOSPC; EOPNOTSUPP when the file system can't reserve it, can't lock it, doesn't tell where it
-///        lies, or has put it into more than `mostPieces` pieces, on another device, shared, encrypted or
-///        compressed. The file is gone then.
+/// Fails: EEXIST when the path exists; ENOSPC; EOPNOTSUPP when the file system can't reserve the space, can't
+///        lock the file, doesn't report its extents, or has placed it in more than `mostPieces` pieces, on
+///        another device, shared, encrypted or compressed. No file is left then.
 std::vector<Extent> makeLockedFile(const std::string& path, std::uint64_t size);
-/// Where a file lies, and nothing in it that is elsewhere; fails as above.
+/// The extents of a file on its volume, up to the file's size. Fails like makeLockedFile.
 std::vector<Extent> placesOf(const std::string& path);
-/// Locks a file that is there, so that it can't be changed, moved or removed.
+/// Locks an existing file, so that it can't be changed, moved or removed.
 void lockFile(const std::string& path);
-/// Whether there is a file that is locked.
+/// Whether the file exists and is locked.
 bool isLockedFile(const std::string& path);
-/// Lets the file be changed and removed again; one that isn't there is fine.
-void releaseFile(const std::string& path);
-/// The part of a file that begins at `skip` and has `length` bytes; EINVAL when it isn't all there.
+/// Unlocks the file, so that it can be changed and removed; does nothing when it doesn't exist.
+void unlockFile(const std::string& path);
+/// The part of a file that begins at `skip` and has `length` bytes. Throws EINVAL when the file ends earlier.
 std::vector<Extent> partOf(const std::vector<Extent>& places, std::uint64_t skip, std::uint64_t length);
 
 } // namespace tolvubd::dm

@@ -18,24 +18,24 @@ constexpr std::chrono::seconds removalPatience{10};
 constexpr std::chrono::milliseconds removalPause{50};
 constexpr const char* controlNode = "/dev/mapper/control";
 
-/// What the library has to say stands in the errors that are thrown, and nowhere else.
-void keepQuiet(int /*level*/, const char* /*file*/, int /*line*/, int /*errorOrClass*/,
-               const char* /*format*/, ...) {}
+/// Discards the library's messages, because the exceptions contain all necessary information.
+void discardMessage(int /*level*/, const char* /*file*/, int /*line*/, int /*errorOrClass*/,
+                    const char* /*format*/, ...) {}
 
-/// Nothing waits for udev, as the caller may be part of what udev is doing. Names are as the kernel has them.
+/// Doesn't wait for udev, because the caller may be run by udev. Uses the names as the kernel has them.
 void prepareLibrary() {
-    dm_log_with_errno_init(keepQuiet);
+    dm_log_with_errno_init(discardMessage);
     dm_udev_set_sync_support(0);
     dm_set_name_mangling_mode(DM_STRING_MANGLING_NONE);
 }
 
-/// One call of the kernel. The library keeps a descriptor of its own open, which the programs that the caller
-/// starts would inherit, so it is told to close it.
+/// One request to the kernel. The library keeps a descriptor open, which programs that the caller starts
+/// would inherit, so the destructor has the library close it.
 class Task {
 public:
     Task(int type, const std::string& what) : what(what) {
         prepareLibrary();
-        // Without the node, the library would make it and whatever else it misses.
+        // If the control node is missing, the library would create it, and other nodes too.
         if (::access(controlNode, F_OK) == 0) {
             task.reset(dm_task_create(type));
         }
@@ -59,14 +59,14 @@ public:
         std::uint32_t cookie = 0;
         check(dm_task_set_cookie(get(), &cookie, udevFlags(visibility)));
     }
-    /// ENODEV where no call came about, as there is no device-mapper.
+    /// Throws ENODEV when no ioctl was made, because there is no device-mapper.
     void run() {
         if (dm_task_run(get()) == 0) {
             const int error = dm_task_get_errno(get());
             fail(error != 0 ? error : ENODEV, what);
         }
     }
-    /// ENXIO where there is no such device: the library doesn't count that as a failure everywhere.
+    /// Throws ENXIO when there is no such device: not every library call reports that as a failure.
     [[nodiscard]] dm_info info() const {
         dm_info found{};
         check(dm_task_get_info(get(), &found));
@@ -86,7 +86,7 @@ private:
     std::unique_ptr<dm_task, Destroy> task;
 };
 
-/// By its UUID, which stays when somebody gives it another name, and is never that of another device.
+/// Selects a device by its UUID, which stays the same when the device is renamed, and is never reused.
 void choose(Task& task, const Device& device) {
     if (device.uuid.empty()) {
         task.check(dm_task_set_major_minor(task.get(), static_cast<int>(major(device.number)),
@@ -111,7 +111,7 @@ bool meansNone(const std::system_error& error) {
     return error.code().value() == ENXIO || error.code().value() == ENODEV;
 }
 
-/// `key` has a UUID, or a number.
+/// `key` has either a UUID or a number.
 std::optional<Device> find(const Device& key) {
     try {
         Task task = taskOn(key, DM_DEVICE_INFO, "find");
@@ -131,6 +131,7 @@ std::optional<Device> find(const Device& key) {
 Targets targetsOf(const Device& device, int type, const std::string& verb) {
     Task task = taskOn(device, type, verb);
     choose(task, device);
+    // Without the flag, reading the status would flush the targets, which waits while a volume is suspended.
     task.check(dm_task_no_flush(task.get()));
     task.run();
     if (task.info().live_table == 0) {

@@ -6,13 +6,13 @@
 #include <sys/types.h>
 #include <vector>
 
-/// The kernel's device-mapper, through its library. Sizes and places are in sectors.
+/// The kernel's device-mapper, through its library. Sizes and offsets are in sectors of 512 bytes.
 ///
-/// Threads: any, as the library keeps no state of its own here; callers take turns.
-/// Fails:   std::system_error with the kernel's errno: ENXIO for a device that isn't there.
+/// Threads: any, but only one at a time.
+/// Fails:   std::system_error with the kernel's errno: ENXIO for a device that doesn't exist.
 namespace tolvubd::dm {
 
-inline constexpr std::uint64_t sector = 512; ///< bytes, whatever the disk has
+inline constexpr std::uint64_t sector = 512; ///< bytes, whatever the disk's sector size is
 
 struct Target {
     std::uint64_t start = 0;
@@ -24,7 +24,7 @@ struct Target {
 };
 using Targets = std::vector<Target>;
 
-/// A device, by what doesn't change while it lives.
+/// A device, identified by what doesn't change while it exists.
 struct Device {
     std::string name;
     std::string uuid;
@@ -38,33 +38,33 @@ struct State {
     std::uint32_t openCount = 0;
 };
 
-/// How udev is told of a device.
+/// How udev treats a device.
 enum class Visibility {
-    hidden, ///< no rule but device-mapper's own looks at it, nobody probes it, it gets no link by UUID
-    shown,  ///< as before: for a volume of somebody else's whose table is exchanged
+    hidden, ///< only device-mapper's own rules see it: it isn't probed and gets no link by UUID
+    shown,  ///< as usual: for a volume that isn't ours, and whose table is exchanged
 };
 
 /// None when there is no such device, or no device-mapper.
 std::optional<Device> findByNumber(dev_t number);
 std::optional<Device> findByUuid(const std::string& uuid);
-/// All devices whose UUID begins so.
+/// All devices whose UUID has this prefix.
 std::vector<Device> findByPrefix(const std::string& prefix);
 
 State stateOf(const Device& device);
 Targets liveTable(const Device& device);
-/// What the targets say of themselves, in `parameters`.
+/// The status of each target, in `parameters`.
 Targets liveStatus(const Device& device);
 std::uint64_t sizeOf(const Targets& targets);
 
-/// Makes a device without a table. Its node is /dev/dm-MINOR, which the kernel makes.
+/// Creates a device without a table. The kernel makes its node, /dev/dm-MINOR.
 Device create(const std::string& name, const std::string& uuid);
-/// Gives the device a table, which becomes live with the next resume.
+/// Loads a table, which becomes live with the next resume.
 void load(const Device& device, const Targets& targets);
-/// Takes a table away that isn't live yet.
+/// Discards a table that was loaded and isn't live yet.
 void clear(const Device& device);
 void suspend(const Device& device, bool withFileSystem);
 void resume(const Device& device, Visibility visibility);
-/// Tries again for some seconds, as udev may have it open. EBUSY when it stays in use.
+/// Retries for ten seconds, because udev may have the device open. Throws EBUSY when it stays in use.
 void remove(const Device& device);
 std::string message(const Device& device, const std::string& text);
 

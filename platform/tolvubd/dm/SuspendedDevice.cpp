@@ -5,19 +5,19 @@
 namespace tolvubd::dm {
 
 SuspendedDevice::SuspendedDevice(const Device& device, Visibility visibility,
-                                 const std::vector<Device>& inside, const Targets& otherwise)
+                                 const std::vector<Device>& innerDevices, const Targets& fallbackTable)
     : control(openControl()),
-      ask(device, DM_DEV_STATUS, 0),
+      queryStatus(device, DM_DEV_STATUS, 0),
       suspend(device, DM_DEV_SUSPEND, DM_SUSPEND_FLAG),
       resume(device, DM_DEV_SUSPEND, 0),
-      loadOtherwise(device, DM_TABLE_LOAD, 0),
-      hasOtherwise(!otherwise.empty()) {
+      loadFallback(device, DM_TABLE_LOAD, 0),
+      hasFallback(!fallbackTable.empty()) {
     resume.tellUdev(visibility);
-    for (const Target& target : otherwise) {
-        loadOtherwise.addTarget(target);
+    for (const Target& target : fallbackTable) {
+        loadFallback.addTarget(target);
     }
-    for (const Device& other : inside) {
-        this->inside.emplace_back(other, DM_DEV_SUSPEND, 0).tellUdev(Visibility::hidden);
+    for (const Device& other : innerDevices) {
+        this->innerDevices.emplace_back(other, DM_DEV_SUSPEND, 0).tellUdev(Visibility::hidden);
     }
 }
 
@@ -31,8 +31,8 @@ void SuspendedDevice::begin() {
     }
 }
 
-void SuspendedDevice::resumeInside() {
-    for (ControlRequest& other : inside) {
+void SuspendedDevice::resumeInnerDevices() {
+    for (ControlRequest& other : innerDevices) {
         if (!other.send(control.get())) {
             failWithErrno("put the new tables in place");
         }
@@ -43,17 +43,17 @@ bool SuspendedDevice::end() noexcept {
     if (!isSuspended()) {
         return false;
     }
-    if (!resume.send(control.get()) && hasOtherwise && loadOtherwise.send(control.get())) {
+    if (!resume.send(control.get()) && hasFallback && loadFallback.send(control.get())) {
         resume.send(control.get());
     }
     return true;
 }
 
-void SuspendedDevice::enterCopy() noexcept {
-    MemoryLock::forLife();
+void SuspendedDevice::enterChild() noexcept {
+    MemoryLock::lockPermanently();
 }
 
-/// A signal for the program is no reason to give up.
+/// Tries again after EINTR: a signal for the program is no reason to give up.
 int SuspendedDevice::trySuspend() noexcept {
     int error = 0;
     do {
@@ -63,7 +63,7 @@ int SuspendedDevice::trySuspend() noexcept {
 }
 
 bool SuspendedDevice::isSuspended() noexcept {
-    return ask.send(control.get()) && (ask.flags() & DM_SUSPEND_FLAG) != 0;
+    return queryStatus.send(control.get()) && (queryStatus.flags() & DM_SUSPEND_FLAG) != 0;
 }
 
 } // namespace tolvubd::dm

@@ -13,27 +13,28 @@
 namespace tolvubd::dm {
 
 /// Holds a volume by suspending its device-mapper device, which freezes the file system on it. Between
-/// `begin` and `end` other devices can be given their new tables. All memory is there before `begin`, so that
-/// nothing waits for the volume that is held: each call is one ioctl on a buffer that was filled beforehand.
+/// `begin` and `end`, other devices can get their new tables. All memory is allocated before `begin`, because
+/// an allocation might wait for the held volume: each call is one ioctl on a buffer that was filled
+/// beforehand.
 ///
-/// Owns:    a descriptor of /dev/mapper/control; the lock of the process's memory, from `begin` on.
-/// Threads: one at a time, and the same from `begin` on; `end` also in a copy of the process.
-/// Fails:   as Hold says. EBUSY where somebody else has frozen the file system, or suspended the device.
+/// Owns:    a descriptor of /dev/mapper/control; the lock on the process's memory, from `begin` on.
+/// Threads: one at a time, and the same one from `begin` on; `end` also in a forked child process.
+/// Fails:   as Hold does. EBUSY when another program has frozen the file system or suspended the device.
 class SuspendedDevice : public Hold {
 public:
-    /// `inside` are resumed by resumeInside, in this order, to let the tables become live that were loaded.
-    /// The device itself gets the table that was loaded for it when it goes on. Should that one not be able
-    /// to work, as that of an era whose metadata is full, it goes on with `otherwise`: it must not stay held
-    /// for that.
-    SuspendedDevice(const Device& device, Visibility visibility, const std::vector<Device>& inside,
-                    const Targets& otherwise = {});
+    /// resumeInnerDevices resumes `innerDevices`, in this order, which makes their loaded tables live. `end`
+    /// resumes the device itself, with the table that was loaded for it. If that table can't work, for
+    /// example because the era metadata is full, `end` loads `fallbackTable` instead, so that the volume
+    /// doesn't stay held.
+    SuspendedDevice(const Device& device, Visibility visibility, const std::vector<Device>& innerDevices,
+                    const Targets& fallbackTable = {});
 
     void begin() override;
-    void resumeInside();
-    /// When `begin` began to suspend the device.
+    void resumeInnerDevices();
+    /// When `begin` started to suspend the device.
     [[nodiscard]] std::chrono::steady_clock::time_point heldSince() const noexcept { return since; }
     bool end() noexcept override;
-    void enterCopy() noexcept override;
+    void enterChild() noexcept override;
     [[nodiscard]] int descriptor() const noexcept override { return control.get(); }
 
 private:
@@ -41,12 +42,12 @@ private:
     [[nodiscard]] bool isSuspended() noexcept;
 
     os::FileDescriptor control;
-    ControlRequest ask;
+    ControlRequest queryStatus;
     ControlRequest suspend;
     ControlRequest resume;
-    ControlRequest loadOtherwise;
-    bool hasOtherwise;
-    std::vector<ControlRequest> inside;
+    ControlRequest loadFallback;
+    bool hasFallback;
+    std::vector<ControlRequest> innerDevices;
     std::optional<MemoryLock> memory;
     std::chrono::steady_clock::time_point since;
 };

@@ -7,8 +7,7 @@
 
 namespace tolvubd::dm {
 
-/// What udev's rules are told with the event of a resume. udev makes the links, and the library none beside
-/// it.
+/// The flags for udev's rules in a resume event. udev makes the links; the library makes none.
 inline std::uint16_t udevFlags(Visibility visibility) {
     constexpr std::uint16_t shown = DM_UDEV_PRIMARY_SOURCE_FLAG | DM_UDEV_DISABLE_LIBRARY_FALLBACK;
     constexpr std::uint16_t hidden = shown | DM_UDEV_DISABLE_SUBSYSTEM_RULES_FLAG |

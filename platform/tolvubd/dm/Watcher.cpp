@@ -18,7 +18,7 @@ namespace {
 
 constexpr int pauseMilliseconds = 1000;
 constexpr std::size_t room = 16384;
-constexpr std::uint32_t ofTheKernel = 1; ///< the group of those that hear the kernel's own events
+constexpr std::uint32_t ofTheKernel = 1; ///< the netlink group of the kernel's own events
 
 os::FileDescriptor openEvents() {
     os::FileDescriptor events(checked(::socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_KOBJECT_UEVENT),
@@ -32,17 +32,17 @@ os::FileDescriptor openEvents() {
     return events;
 }
 
-/// All that the copy of the process needs. It listens from the beginning, so that no event is lost in
+/// Everything that the forked process needs. The socket is opened in the parent, so that no event is lost in
 /// between.
 class Watch {
 public:
     Watch(const Device& volume, const Device& snapshot);
 
-    [[noreturn]] void live() noexcept;
+    [[noreturn]] void run() noexcept;
 
 private:
-    [[nodiscard]] bool isAsBefore() noexcept;
-    [[nodiscard]] bool isWhole() const noexcept;
+    [[nodiscard]] bool isTableUnchanged() noexcept;
+    [[nodiscard]] bool isSnapshotValid() const noexcept;
     [[nodiscard]] bool putError() noexcept;
     void waitForEvent() const noexcept;
 
@@ -52,10 +52,11 @@ private:
     ControlRequest status; ///< of the snapshot
     ControlRequest loadError;
     ControlRequest resume;
-    std::vector<std::byte> before;
+    std::vector<std::byte> originalTable;
 };
 
-// No file system is frozen for the exchange: it would be a mount of the snapshot, which nobody writes to.
+// Doesn't freeze a file system when the table is exchanged: that could only be a mount of the snapshot, which
+// nothing writes to.
 Watch::Watch(const Device& volume, const Device& snapshot)
     : events(openEvents()),
       control(openControl()),
@@ -68,23 +69,23 @@ Watch::Watch(const Device& volume, const Device& snapshot)
     if (!table.send(control.get())) {
         failWithErrno("read the table of the volume");
     }
-    before.assign(table.answer().begin(), table.answer().end());
-    if (before.empty()) {
+    originalTable.assign(table.responseData().begin(), table.responseData().end());
+    if (originalTable.empty()) {
         fail(E2BIG, "read the table of the volume");
     }
 }
 
-bool Watch::isAsBefore() noexcept {
-    return table.send(control.get()) && std::ranges::equal(table.answer(), before);
+bool Watch::isTableUnchanged() noexcept {
+    return table.send(control.get()) && std::ranges::equal(table.responseData(), originalTable);
 }
 
-/// A snapshot that can be read tells how much room it has used. Of any other, words tell what is wrong.
-bool Watch::isWhole() const noexcept {
-    const std::span<const std::byte> answer = status.answer();
-    if (answer.size() <= sizeof(dm_target_spec)) {
+/// The status of a valid snapshot begins with the number of sectors used; that of any other is a word.
+bool Watch::isSnapshotValid() const noexcept {
+    const std::span<const std::byte> response = status.responseData();
+    if (response.size() <= sizeof(dm_target_spec)) {
         return false;
     }
-    const auto first = static_cast<char>(answer[sizeof(dm_target_spec)]);
+    const auto first = static_cast<char>(response[sizeof(dm_target_spec)]);
     return first >= '0' && first <= '9';
 }
 
@@ -92,7 +93,7 @@ bool Watch::putError() noexcept {
     return loadError.send(control.get()) && resume.send(control.get());
 }
 
-/// An event only says that it's time to look: nothing is made of what stands in it.
+/// Any event means that it's time to check; its content is ignored.
 void Watch::waitForEvent() const noexcept {
     pollfd poll{events.get(), POLLIN, 0};
     if (::poll(&poll, 1, pauseMilliseconds) > 0) {
@@ -101,15 +102,15 @@ void Watch::waitForEvent() const noexcept {
     }
 }
 
-void Watch::live() noexcept {
-    companion::settle("tolvubd-watch", control.get(), events.get());
-    companion::letIn(SIGTERM);
+void Watch::run() noexcept {
+    companion::prepareChild("tolvubd-watch", control.get(), events.get());
+    companion::unblockSignal(SIGTERM);
     while (true) {
         const bool isThere = status.send(control.get());
         if (!isThere && errno == ENXIO) {
             ::_exit(0);
         }
-        if ((!isThere || !isWhole() || !isAsBefore()) && putError()) {
+        if ((!isThere || !isSnapshotValid() || !isTableUnchanged()) && putError()) {
             ::_exit(1);
         }
         waitForEvent();
@@ -120,11 +121,11 @@ void Watch::live() noexcept {
 
 void startWatcher(const Device& volume, const Device& snapshot) {
     Watch watch(volume, snapshot);
-    const pid_t child = checked(companion::start(), "start the watcher");
+    const pid_t child = checked(companion::forkHidden(), "start the watcher");
     if (child == 0) {
-        const pid_t watcher = companion::start();
+        const pid_t watcher = companion::forkHidden();
         if (watcher == 0) {
-            watch.live();
+            watch.run();
         }
         ::_exit(watcher < 0 ? errno : 0);
     }

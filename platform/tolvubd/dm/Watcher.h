@@ -4,16 +4,16 @@
 
 namespace tolvubd::dm {
 
-/// Starts a process that lives as long as the snapshot device: as soon as `volume` gets another table than
-/// its present one, by whoever, or the snapshot runs full, it puts the "error" target under `snapshot`, so
-/// that nobody reads from there what isn't the moment of the snapshot. It learns of that from the kernel's
-/// events, and looks once a second in case one was lost.
+/// Starts a process that lives as long as the snapshot device. As soon as the table of `volume` changes, or
+/// the snapshot's store overflows, the process loads the "error" target into `snapshot`, so that nothing
+/// inconsistent is read from it. It waits for the kernel's events, and checks once a second in case one was
+/// lost.
 ///
-/// It is a copy of this process that makes system calls only. It has left the process group, so a signal to
-/// that doesn't reach it. It ends when the snapshot device is gone, and when it gets SIGTERM itself, as
-/// everybody does when the machine stops. It is a child of init, which takes care of its end.
+/// The process is a forked copy of this one that only makes system calls. It has a session of its own, so
+/// signals to the program's process group don't reach it. It ends when the snapshot device is gone, and on
+/// SIGTERM, which every process gets when the machine stops. Its parent is init, which reaps it.
 ///
-/// Fails: std::system_error, when it can't be started. E2BIG for a volume with a table of many pieces.
+/// Fails: std::system_error when the process can't be started; E2BIG when the volume's table is too long.
 void startWatcher(const Device& volume, const Device& snapshot);
 
 } // namespace tolvubd::dm

@@ -5,15 +5,16 @@
 
 namespace tolvubd::era {
 
-/// The blocks of an array of `count` values of `valueSize` bytes, each with its number among them as key. The
-/// tree at `root` has the place of each. Throws EBADMSG unless it has all, and none twice.
+/// Finds the blocks of an array of `count` values of `valueSize` bytes through the tree at `root`. The key of
+/// each is its number among the blocks of the array. Throws EBADMSG if one is missing or occurs twice.
 std::vector<Wanted> findArrayBlocks(BlockReader& reader, std::uint64_t root, std::uint64_t count,
                                     std::size_t valueSize);
 
-/// Throws EBADMSG unless the block holds as many values of that size as the one with that number has to.
+/// Throws EBADMSG unless block `number` of the array holds the right number of values, of `valueSize` bytes
+/// each.
 void requireValues(const Block& block, std::uint64_t number, std::uint64_t count, std::size_t valueSize);
 
-/// Calls `visit(index, value)` for each value of an array, in no order.
+/// Calls `visit(index, value)` for each value of an array, in any order.
 template <class Value, class Visit>
 void walkArray(BlockReader& reader, std::uint64_t root, std::uint64_t count, const Visit& visit) {
     constexpr std::size_t each = array::valuesInBlock(sizeof(Value));

@@ -9,9 +9,8 @@
 
 namespace tolvubd::era {
 
-/// The bytes of one block of the metadata, with the numbers that stand in them. What it reads must lie
-/// inside.
-/// Owns:    nothing.
+/// The bytes of one block of the metadata, and access to the numbers in it. Offsets must be inside the block.
+/// Owns:    nothing; the bytes must outlive it.
 /// Threads: any.
 /// Fails:   never.
 class Block {
@@ -23,7 +22,7 @@ public:
     [[nodiscard]] std::uint32_t number32(std::size_t offset) const { return number<std::uint32_t>(offset); }
     [[nodiscard]] std::uint64_t number64(std::size_t offset) const { return number<std::uint64_t>(offset); }
 
-    /// Whether the checksum is right for a block of that kind which was read from `place`.
+    /// Whether the block has the right checksum for its kind, and was written for `place`.
     [[nodiscard]] bool isSound(const BlockKind& kind, std::uint64_t place) const;
 
     template <class Number>

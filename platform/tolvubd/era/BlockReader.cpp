@@ -11,7 +11,7 @@ namespace tolvubd::era {
 namespace {
 
 constexpr std::size_t mostInRun = 256; // blocks, so 1 MiB
-/// Blocks between two that are wanted, up to which reading on is cheaper than another request.
+/// If at most this many blocks are between two wanted ones, reading them too is cheaper than another request.
 constexpr std::uint64_t mostBetween = 16;
 
 std::size_t runLength(std::span<const Wanted> wanted) {

@@ -11,7 +11,7 @@
 
 namespace tolvubd::era {
 
-/// A block that has to be read, and what whoever reads it knows it by.
+/// A block to be read, and the key by which the caller recognises it.
 struct Wanted {
     std::uint64_t place; ///< on the device, in blocks
     std::uint64_t key;
@@ -21,21 +21,22 @@ struct Wanted {
 /// Owns:    a buffer for the largest read, and a bit for each block of the device; the descriptor must
 ///          outlive it.
 /// Threads: one at a time.
-/// Fails:   std::system_error, with EBADMSG where a block isn't sound, lies outside the device or is asked
-///          for a second time. So no structure can be longer than the device, and every cycle ends.
+/// Fails:   std::system_error, with EBADMSG when a block isn't sound, is outside the device or is claimed for
+///          a second time. So no structure can be longer than the device, and every cycle ends.
 class BlockReader {
 public:
     using Visit = std::function<void(std::uint64_t key, const Block& block)>;
 
     BlockReader(const os::FileDescriptor& device, std::uint64_t size);
 
-    /// How many the device has.
+    /// The number of blocks of the device.
     [[nodiscard]] std::uint64_t blocks() const { return claimed.size(); }
 
-    /// Notes that something has to be read from there.
+    /// Records that a block is to be read. Throws EBADMSG if it is outside the device or claimed already.
     Wanted claim(std::uint64_t place, std::uint64_t key);
 
-    /// Shows what has been claimed, in the order in which it lies on the device; neighbours are read at once.
+    /// Calls `visit` for each of the claimed blocks, in the order of their places; neighbours are read
+    /// together.
     void read(std::vector<Wanted> wanted, const BlockKind& kind, const Visit& visit);
 
 private:

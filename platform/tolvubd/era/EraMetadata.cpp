@@ -26,7 +26,7 @@ std::uint64_t divideUp(std::uint64_t number, std::uint64_t by) {
     return number / by + (number % by == 0 ? 0 : 1);
 }
 
-/// Blocks of metadata that an array of so many values takes, with the tree above it.
+/// The most blocks of metadata that an array of `values` values takes, including the tree above it.
 std::uint64_t arrayBlocks(std::uint64_t values, std::size_t valueSize) {
     std::uint64_t level = divideUp(values, era::array::valuesInBlock(valueSize));
     std::uint64_t total = level;
@@ -51,7 +51,7 @@ era::Superblock readSuperblockOf(const os::FileDescriptor& device, std::uint64_t
     return superblock;
 }
 
-/// A set may be larger than the volume, which has shrunk since.
+/// Sets the flags of the blocks in a writeset. The set may be larger than the volume, which may have shrunk.
 void add(era::BlockReader& reader, const era::Writeset& set, std::vector<bool>& flags) {
     const std::uint64_t words = divideUp(set.bits, bitsInWord);
     const std::uint64_t end = std::min<std::uint64_t>(set.bits, flags.size());
@@ -99,7 +99,7 @@ std::vector<era::Writeset> EraMetadata::writesetsSince(era::BlockReader& reader,
     return sets;
 }
 
-bool wasEraStopped(std::span<const std::byte, era::blockSize> superblock) {
+bool wasEraShutDown(std::span<const std::byte, era::blockSize> superblock) {
     return era::superblockIn(era::Block(superblock), 0).current.root == 0;
 }
 

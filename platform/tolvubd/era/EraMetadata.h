@@ -12,34 +12,35 @@ namespace tolvubd {
 
 /// The metadata of a device-mapper "era" target: for each block of a volume, the era in which it was last
 /// written. The format is the kernel's (drivers/md/dm-era-target.c and drivers/md/persistent-data): blocks of
-/// 4096 bytes, little endian, each with a CRC-32C of its own; a superblock, a tree of arrays that holds a
-/// 32-bit era for each block, and a tree of bitsets with what eras not yet entered there have written.
+/// 4096 bytes, little endian, each with its own CRC-32C. It has a superblock, an array that holds a 32-bit
+/// era for each block of the volume, and a tree of bitsets (writesets) of the blocks written in eras that
+/// aren't merged into the array yet.
 ///
-/// Owns:    nothing; the descriptor must outlive it. Where a target is active it must be one that reads past
-///          the page cache (O_DIRECT).
+/// Owns:    nothing; the descriptor must outlive it. While a target is active, it must bypass the page cache
+///          (O_DIRECT).
 /// Threads: one at a time.
-/// Fails:   std::system_error, with EBADMSG for whatever isn't sound: a checksum, a place outside the device,
-///          a tree with a cycle or too deep, a count that doesn't fit, a metadata snapshot that nobody holds.
+/// Fails:   std::system_error, with EBADMSG for invalid metadata: a wrong checksum, a place outside the
+///          device, a tree with a cycle or too deep, a wrong count, or no metadata snapshot to read.
 class EraMetadata {
 public:
     enum class View {
-        current,  ///< of a target that nobody has active
-        snapshot, ///< of the metadata snapshot that an active target holds: what it held when that was taken
+        current,  ///< the metadata itself; only while no target is active on it
+        snapshot, ///< the metadata snapshot that an active target holds, as of when it was taken
     };
 
-    /// `size` of the metadata device in bytes.
+    /// `size` is that of the metadata device, in bytes.
     EraMetadata(const os::FileDescriptor& device, std::uint64_t size, View view);
 
-    /// Blocks of the volume, and how large one is in sectors of 512 bytes.
+    /// The number of blocks of the volume, and the size of one in sectors of 512 bytes.
     [[nodiscard]] std::uint64_t blocks() const { return superblock.blocks; }
     [[nodiscard]] std::uint32_t blockSectors() const { return superblock.blockSectors; }
 
     /// One flag for each block: whether it was written in the era `first` or later. Reads each block of the
-    /// metadata once, in the order in which they lie on the device as far as that is known.
+    /// metadata once, mostly in the order of their places.
     [[nodiscard]] std::vector<bool> writtenSince(std::uint32_t first) const;
 
 private:
-    /// The sets of eras that the array doesn't know yet, from `first` on.
+    /// The writesets, from era `first` on, that aren't merged into the array yet.
     [[nodiscard]] std::vector<era::Writeset> writesetsSince(era::BlockReader& reader,
                                                             std::uint32_t first) const;
 
@@ -48,24 +49,24 @@ private:
     era::Superblock superblock;
 };
 
-/// Whether the target was stopped in order, by its first block of metadata: each era ends with that, and
-/// while the target is in use there always is a current one. What stops with the machine has one too.
-/// EBADMSG for a block that isn't sound.
-bool wasEraStopped(std::span<const std::byte, era::blockSize> superblock);
+/// Whether the target was shut down cleanly, according to its superblock: a clean shutdown ends the current
+/// era, so there is no current writeset any more. A target in use always has one, and so has a target that
+/// was running when the power failed. Throws EBADMSG for a block that isn't sound.
+bool wasEraShutDown(std::span<const std::byte, era::blockSize> superblock);
 
-/// How large a block of a volume of so many bytes is to be for the era target, in sectors of 512 bytes: 8,
-/// which is 4 KiB, up to 256 GiB; above that as much more as keeps it to 2^26 blocks, whose metadata takes 1
-/// GiB, but never more than 128, as a program's write counts for all of its block.
+/// The era target's block size for a volume of this size, in sectors of 512 bytes. It is 8 (4 KiB) up to 256
+/// GiB, and doubles above that to keep the number of blocks within 2^26, whose metadata takes 1 GiB. It is
+/// never more than 128, because a write of any size marks its whole block.
 std::uint32_t eraBlockSectors(std::uint64_t volumeBytes);
 
-/// How many bytes of metadata a volume of so many blocks needs at most, in whole MiB. An era target whose
-/// metadata is full fails the writes of programs, so this is meant for the worst:
+/// The most bytes of metadata that a volume of `blocks` blocks can need, in whole MiB. When an era target's
+/// metadata is full, the programs' writes fail, so this assumes the worst case:
 ///
-/// - The eras of all blocks three times: as a metadata snapshot holds them, as they were last committed, and
-///   as the kernel is about to commit them.
-/// - Sixteen sets of what an era has written. A new one begins whenever the target is resumed or a snapshot
-///   of the metadata taken, and the kernel enters one into the array after the other, in seconds.
-/// - The trees above both, with nodes half full, and 16 MiB for the kernel's own map of the metadata.
+/// - Three copies of the array of eras: in a metadata snapshot, as last committed, and in the transaction
+///   that the kernel is about to commit.
+/// - Sixteen writesets. A new one begins whenever the target is resumed or a metadata snapshot is taken, and
+///   the kernel merges them into the array one by one, which takes seconds.
+/// - The trees above both, with half-full nodes, and 16 MiB for the kernel's space map of the metadata.
 std::uint64_t eraMetadataSize(std::uint64_t blocks);
 
 } // namespace tolvubd

@@ -10,7 +10,7 @@ constexpr int mostLevels = 8; // with half-full nodes, 126^8 values
 constexpr std::uint32_t keySize = 8;
 constexpr std::uint32_t placeSize = 8;
 
-/// The head of a node that has room for what it says it holds.
+/// The header of a node, checked to have room for its entries.
 struct Node {
     bool isInternal;
     std::uint32_t entries;

@@ -12,10 +12,10 @@
 namespace tolvubd::lvm {
 namespace {
 
-/// Suits direct I/O on sectors of any size.
+/// The alignment of direct I/O that suits every sector size.
 constexpr std::uint64_t alignment = 4096;
 
-/// Beyond it the kernel takes an offset for a negative one.
+/// The limit of an offset and of a length: the kernel takes an offset as negative from 2^63 on.
 constexpr std::uint64_t largestOffset = std::uint64_t{1} << 62U;
 
 constexpr std::array<std::uint32_t, 256> makeRemainders() {

@@ -7,19 +7,19 @@
 #include <string>
 #include <string_view>
 
-/// What the parts of LVM's format have in common.
+/// Helpers that all parts of LVM's format share.
 namespace tolvubd::lvm {
 
 inline constexpr std::size_t sectorSize = 512;
 
-/// LVM's metadata is not what was expected: throws std::system_error, EBADMSG.
+/// Throws std::system_error with EBADMSG, for metadata that isn't as expected.
 [[noreturn]] void failOn(const std::string& what);
 
-/// Bytes of a device or an image, which may be open for direct I/O. Fails with EBADMSG when it ends before
-/// them.
+/// Reads bytes of a device or an image, which may be open for direct I/O. Throws EBADMSG when it ends before
+/// the last of the bytes.
 std::string readBytes(const os::FileDescriptor& file, std::uint64_t offset, std::size_t length);
 
-/// A number whose lowest byte comes first. The bytes must be there.
+/// A little-endian number. `bytes` must hold all of it.
 template <typename Number>
 Number littleEndian(std::string_view bytes, std::size_t offset) {
     Number number = 0;
@@ -30,8 +30,8 @@ Number littleEndian(std::string_view bytes, std::size_t offset) {
 }
 
 inline constexpr std::uint32_t checksumStart = 0xf597a6cf;
-/// LVM's CRC-32: the usual polynomial with a start of its own, and not inverted at the end. Of bytes in two
-/// parts it is that of the second one, begun with that of the first.
+/// LVM's CRC-32: the usual polynomial with an initial value of its own, and not inverted at the end. To
+/// checksum data in two parts, pass the first part's checksum as `start` of the second.
 std::uint32_t checksum(std::string_view bytes, std::uint32_t start = checksumStart);
 
 } // namespace tolvubd::lvm

@@ -13,7 +13,7 @@
 namespace tolvubd {
 namespace {
 
-/// The node that the kernel's own file system of devices has for a block device.
+/// The device node of a block device, named as in devtmpfs.
 std::string nodeOf(dev_t number) {
     const std::string path =
         "/sys/dev/block/" + std::to_string(major(number)) + ":" + std::to_string(minor(number)) + "/uevent";
@@ -27,7 +27,7 @@ std::string nodeOf(dev_t number) {
     return "/dev/" + text.substr(begin, text.find('\n', begin) - begin);
 }
 
-/// For direct I/O, as LVM's own writes pass the page cache by.
+/// Opens the device with O_DIRECT, because LVM's own writes bypass the page cache.
 lvm::OpenDevice openDevice(dev_t number) {
     const std::string node = nodeOf(number);
     os::FileDescriptor file = openFile(node, O_RDONLY | O_DIRECT | O_NONBLOCK);

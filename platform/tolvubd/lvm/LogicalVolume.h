@@ -8,8 +8,8 @@
 
 namespace tolvubd {
 
-/// A piece of a logical volume, in sectors of 512 bytes: that much of it from `start` on lies on a device
-/// from `offset` on.
+/// A piece of a logical volume, in sectors of 512 bytes: the `length` sectors of the volume from `start` on
+/// are stored on `device` from `offset` on.
 struct VolumePiece {
     std::uint64_t start = 0;
     std::uint64_t length = 0;
@@ -19,22 +19,22 @@ struct VolumePiece {
     bool operator==(const VolumePiece&) const = default;
 };
 
-/// Adds what comes next of a volume, joined to the last piece where it goes on from that: LVM's segments and
-/// the kernel's targets may be cut differently.
+/// Adds the next piece of a volume, and joins it to the last one if it continues that: LVM's segments and the
+/// kernel's targets may be cut differently.
 void append(std::vector<VolumePiece>& pieces, const VolumePiece& next);
 
-/// Where LVM's metadata says at this moment that a logical volume lies. Read from the physical volumes
-/// themselves (label, metadata area, text; as `pvck --dump headers` and `pvck --dump metadata` show them),
-/// not by LVM's tools, as it is asked often.
+/// The location of a logical volume, according to LVM's metadata at this moment. Reads it from the physical
+/// volumes themselves (label, metadata area, text; as `pvck --dump headers` and `pvck --dump metadata` show
+/// them) rather than with LVM's tools, because it is needed often.
 ///
-/// `uuid` is the volume's device-mapper UUID, "LVM-" and twice 32 letters; `devices` those on which it is
-/// known to lie. None where it lies otherwise than in linear pieces on these devices, such as after a pvmove
-/// to another one or with a snapshot of LVM's own, and where the volume group hasn't got it. Devices that are
-/// in no group are fine.
+/// `uuid` is the volume's device-mapper UUID, "LVM-" and twice 32 letters; `devices` are the devices that are
+/// known to hold the volume. None when the volume isn't in linear pieces on these devices, for example after
+/// a pvmove to another one or with an LVM snapshot, and when the volume group doesn't have the volume.
+/// Devices that are in no volume group are allowed.
 ///
 /// Threads: any.
-/// Fails:   std::system_error: EBADMSG when a device has no label, none has sound metadata, or what they have
-///          contradicts itself; the kernel's errno where one can't be read.
+/// Fails:   std::system_error: EBADMSG when a device has no label, none has sound metadata, or the metadata
+///          contradicts itself; the kernel's errno when a device can't be read.
 std::optional<std::vector<VolumePiece>> readLogicalVolume(const std::string& uuid,
                                                           const std::vector<dev_t>& devices);
 

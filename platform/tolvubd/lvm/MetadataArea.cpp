@@ -35,7 +35,7 @@ void checkHeader(std::string_view bytes, const Place& area) {
     }
 }
 
-/// The text may go on at the ring's begin.
+/// The ring may wrap around within the text.
 std::string readRing(const os::FileDescriptor& device, const Place& area, const Place& text) {
     if (text.offset < sectorSize || text.offset >= area.size || text.size > area.size - sectorSize ||
         text.size > largestText) {

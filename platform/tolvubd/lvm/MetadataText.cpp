@@ -15,7 +15,8 @@ constexpr std::string_view marks = "{}[]=,";
 constexpr std::string_view bareCharacters =
     "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_.+-";
 
-/// A piece of the text. A mark is one character with a meaning of its own; the text's end is an empty one.
+/// A token of the text. A mark is a single character with its own meaning; an empty one is the end of the
+/// text.
 struct Token {
     enum class Kind { mark, bare, quoted } kind = Kind::mark;
     std::string_view text;
@@ -61,7 +62,7 @@ private:
         }
     }
 
-    /// A backslash keeps the next quote from being the end.
+    /// A backslash escapes the next character, such as a quote.
     std::string_view takeQuoted() {
         std::size_t length = 1;
         while (length < rest.size() && rest[length] != '"') {
@@ -108,7 +109,7 @@ public:
     }
 
 private:
-    /// A value into the innermost section, or a section that is the innermost from now on.
+    /// Adds a value to the innermost open section, or opens a new section in it.
     void addTo(std::vector<Section*>& open, const Token& name) {
         if (name.kind != Token::Kind::bare || open.back()->values.contains(name.text) ||
             open.back()->sections.contains(name.text)) {
@@ -136,7 +137,7 @@ private:
         if (token.is("]")) {
             return words;
         }
-        for (;; token = tokens.next()) { // each turn takes from the text, and its end is no word
+        for (;; token = tokens.next()) { // ends: each round takes a token, and the text's end is no word
             words.push_back(wordOf(token));
             const Token behind = tokens.next();
             if (behind.is("]")) {
@@ -166,7 +167,7 @@ private:
     std::size_t items = 0;
 };
 
-/// The only word of a value.
+/// The word of a value that has exactly one; null otherwise.
 const Word* wordIn(const Section& section, std::string_view name) {
     const auto found = section.values.find(name);
     return found != section.values.end() && found->second.size() == 1 ? &found->second.front() : nullptr;

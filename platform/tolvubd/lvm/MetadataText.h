@@ -9,7 +9,7 @@
 
 namespace tolvubd::lvm {
 
-/// A word of a value: a number, or what stands between quotes, with its backslashes.
+/// A word of a value: a number, or the text between quotes, with its backslashes.
 struct Word {
     std::string_view text;
     bool isQuoted = false;
@@ -17,7 +17,7 @@ struct Word {
     bool operator==(const Word&) const = default;
 };
 
-/// One section of a text: its values, each one word or a list of them, and the sections in it, by name.
+/// A section of a text: its values, each one word or a list of words, and its subsections, both by name.
 struct Section {
     std::map<std::string_view, std::vector<Word>> values;
     std::map<std::string_view, Section> sections;
@@ -28,25 +28,25 @@ struct Section {
     [[nodiscard]] std::optional<std::string_view> string(std::string_view name) const;
     /// A value that is one number, decimal and not negative; none if it is anything else.
     [[nodiscard]] std::optional<std::uint64_t> number(std::string_view name) const;
-    /// Whether the word, in quotes, is among those of a value.
+    /// Whether the words of a value contain `word` in quotes.
     [[nodiscard]] bool has(std::string_view name, std::string_view word) const;
 };
 
 std::optional<std::uint64_t> numberOf(const Word& word);
 
 inline constexpr std::size_t deepestSection = 16;
-/// Sections, values and words in one text.
+/// How many sections, values and words one text may have.
 inline constexpr std::size_t mostItems = std::size_t{1} << 18U;
 
-/// Reads the language of LVM's metadata (`man lvm.conf`):
+/// Parses the language of LVM's metadata (`man lvm.conf`):
 ///
 ///     text    = { section | value }
 ///     section = name "{" text "}"
 ///     value   = name "=" ( word | "[" [ word { "," word } ] "]" )
 ///
-/// A comment goes from "#" to the end of its line. What is returned points into the text.
+/// A comment goes from "#" to the end of its line. The result points into `text`.
 ///
-/// Fails: std::system_error, EBADMSG for anything else, and for a name that comes twice in its section.
+/// Fails: std::system_error, EBADMSG for anything else, and when a section has the same name twice.
 Section parseMetadata(std::string_view text);
 
 } // namespace tolvubd::lvm

@@ -25,7 +25,7 @@ constexpr std::size_t uuidSize = 32;
 constexpr std::size_t areas = 40;
 } // namespace header
 
-/// LVM makes no more, one at each end of the device.
+/// LVM makes at most two, one at each end of the device.
 constexpr std::size_t mostAreas = 2;
 constexpr std::size_t placeSize = 16;
 
@@ -45,7 +45,7 @@ std::string_view findLabel(std::string_view sectors) {
     failOn("no label");
 }
 
-/// Takes a list of places from the head of `bytes`, with its end.
+/// Removes a list of places, with the entry that ends it, from the front of `bytes`.
 std::vector<Place> takePlaces(std::string_view& bytes) {
     std::vector<Place> places;
     while (bytes.size() >= placeSize) {

@@ -8,25 +8,25 @@
 
 namespace tolvubd::lvm {
 
-/// Where on a device metadata may be, in bytes.
+/// A metadata area on a device, in bytes.
 struct Place {
     std::uint64_t offset = 0;
     std::uint64_t size = 0;
 };
 
-/// What the label of a physical volume says.
+/// The content of a physical volume's label.
 struct PhysicalVolume {
     std::string uuid; ///< 32 letters
     std::vector<Place> metadataAreas;
 };
 
-/// Reads the label, which is in one of the first four sectors; the first sound one counts, as it does for
-/// LVM. Numbers have their lowest byte first.
+/// Reads the label, which is in one of the first four sectors; the first sound one counts, as in LVM. Numbers
+/// are little endian.
 ///
 ///     label       0  "LABELONE"
 ///                 8  number of the sector
 ///                16  checksum of the sector from 20 on
-///                20  where the header begins, in bytes of the sector
+///                20  offset of the header in the sector, in bytes
 ///                24  "LVM2 001"
 ///     header      0  UUID of the physical volume, 32 letters
 ///                32  size of the device

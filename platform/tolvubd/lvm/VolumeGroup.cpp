@@ -9,11 +9,11 @@
 namespace tolvubd::lvm {
 namespace {
 
-/// Of a device: no place in sectors needs a check of its own below it.
+/// The most sectors a device can have. Thanks to this limit no calculation below can overflow.
 constexpr std::uint64_t mostSectors = std::uint64_t{1} << 48U;
 
 struct Segment {
-    std::uint64_t start = 0; ///< in extents, as all of it
+    std::uint64_t start = 0; ///< in extents, like the other numbers
     std::uint64_t length = 0;
     std::string_view physicalVolume;
     std::uint64_t offset = 0;
@@ -62,7 +62,7 @@ Segment readSegment(const Section& segment) {
             *offset};
 }
 
-/// In the order of the volume, which they cover without a gap; none where one of them isn't linear.
+/// The segments in the order of the volume, checked to have no gaps; none if one of them isn't linear.
 std::optional<std::vector<Segment>> segmentsOf(const Section& volume) {
     std::vector<Segment> segments;
     for (const auto& [name, section] : volume.sections) {
@@ -85,14 +85,16 @@ std::optional<std::vector<Segment>> segmentsOf(const Section& volume) {
     return segments;
 }
 
-/// Whether a segment is made of the volume of this name. What is on physical volumes only names those.
+/// Whether a segment refers to the volume of this name. `stripes` is skipped, because it names physical
+/// volumes.
 bool refersTo(const Section& segment, std::string_view volume) {
     return std::ranges::any_of(segment.values, [&](const auto& value) {
         return value.first != "type" && value.first != "stripes" && segment.has(value.first, volume);
     });
 }
 
-/// A volume with snapshots says nothing of them itself; what the kernel has is no longer linear all the same.
+/// Whether another volume refers to this one. The metadata of a volume with snapshots doesn't mention them,
+/// but the kernel's table of such a volume isn't linear any more.
 bool isPartOfAnother(const Section& volumes, std::string_view name) {
     return std::ranges::any_of(volumes.sections, [&](const auto& volume) {
         return std::ranges::any_of(volume.second.sections,
@@ -100,7 +102,7 @@ bool isPartOfAnother(const Section& volumes, std::string_view name) {
     });
 }
 
-/// None where the segment isn't on a device that is known.
+/// None if the segment isn't on one of the devices.
 std::optional<VolumePiece> pieceOf(const Segment& segment, const Section& group,
                                    const PhysicalDevices& devices) {
     const Section* const physical = sectionIn(group, "physical_volumes").find(segment.physicalVolume);
@@ -143,7 +145,7 @@ std::uint64_t VolumeGroup::sequence() const {
 
 std::optional<std::vector<VolumePiece>> VolumeGroup::piecesOf(const std::string& volume,
                                                               const PhysicalDevices& devices) const {
-    const Section* const volumes = group->find("logical_volumes"); // not there before the first one
+    const Section* const volumes = group->find("logical_volumes"); // absent until the first volume is created
     if (volumes == nullptr) {
         return std::nullopt;
     }

@@ -15,7 +15,7 @@ namespace tolvubd::lvm {
 /// Devices by the UUIDs of the physical volumes on them, 32 letters each.
 using PhysicalDevices = std::map<std::string, dev_t>;
 
-/// A volume group, as the text of a metadata area tells it:
+/// A volume group, as described by the text of a metadata area:
 ///
 ///     NAME {
 ///       id, seqno, extent_size (sectors)
@@ -27,7 +27,7 @@ using PhysicalDevices = std::map<std::string, dev_t>;
 ///
 /// Owns:    the text.
 /// Threads: any.
-/// Fails:   std::system_error, EBADMSG when the text isn't one of a volume group or contradicts itself.
+/// Fails:   std::system_error, EBADMSG when the text doesn't describe a volume group or contradicts itself.
 class VolumeGroup {
 public:
     explicit VolumeGroup(std::string content);
@@ -37,18 +37,18 @@ public:
     VolumeGroup& operator=(const VolumeGroup&) = delete;
     ~VolumeGroup() = default;
 
-    /// 32 letters.
+    /// The UUID, 32 letters.
     [[nodiscard]] std::string uuid() const;
-    /// Grows with each change of the group.
+    /// Increases with each change of the group.
     [[nodiscard]] std::uint64_t sequence() const;
-    /// Where the volume of this UUID, 32 letters, lies; none where that isn't in linear pieces on these
+    /// The location of the volume with this UUID (32 letters); none when it isn't in linear pieces on these
     /// devices.
     [[nodiscard]] std::optional<std::vector<VolumePiece>> piecesOf(const std::string& volume,
                                                                    const PhysicalDevices& devices) const;
 
 private:
     std::string text;
-    Section whole;                  ///< points into the text
+    Section whole;                  ///< points into `text`
     const Section* group = nullptr; ///< in `whole`
 };
 

@@ -14,7 +14,7 @@
 namespace tolvubd::lvm {
 namespace {
 
-/// LVM may be writing at the same time, so that a text is gone when its header has been read.
+/// LVM may be writing at the same time, so that a text is overwritten after its header was read.
 constexpr int attempts = 3;
 
 constexpr std::string_view prefix = "LVM-";
@@ -25,7 +25,7 @@ struct Answer {
     std::optional<std::vector<VolumePiece>> pieces;
 };
 
-/// One look at all areas of the devices, for one volume.
+/// One search through all areas of the devices, for one volume.
 class Search {
 public:
     Search(const std::string& uuid, const std::vector<OpenDevice>& devices)
@@ -44,7 +44,7 @@ public:
         }
     }
 
-    /// Whether there is nothing that another look could make better.
+    /// Whether all areas were sound, so that another search wouldn't find more.
     [[nodiscard]] bool isComplete() const { return unsound == 0; }
 
     [[nodiscard]] std::optional<std::vector<VolumePiece>> result() const {

@@ -10,14 +10,14 @@
 
 namespace tolvubd::lvm {
 
-/// A physical volume, open for reading. The file may also be an image of it.
+/// A physical volume, open for reading. The file may also be an image of one.
 struct OpenDevice {
     dev_t number = 0;
     os::FileDescriptor file;
 };
 
-/// What readLogicalVolume does, on devices that are open. Of the areas on all devices the newest text counts;
-/// one that isn't sound is passed over where another is, as LVM does.
+/// Does the work of readLogicalVolume, on devices that are open. The newest text in all areas counts. As in
+/// LVM, an area that isn't sound is ignored if another one is sound.
 std::optional<std::vector<VolumePiece>> findLogicalVolume(const std::string& uuid,
                                                           const std::vector<OpenDevice>& devices);
 

@@ -9,7 +9,7 @@ namespace tolvubd {
 namespace {
 
 constexpr std::uint64_t unitSectors = 8;
-/// Words of the table that are written at once: a block of the file system.
+/// How many words of the table are written at once: one block of the file system.
 constexpr std::size_t wordsAtOnce = 512;
 
 } // namespace
@@ -31,8 +31,8 @@ std::vector<bool> changedUnits(const std::vector<bool>& written, std::uint32_t b
     return changed;
 }
 
-/// A table is zeros when its file is made. To write zeros over it would fill the store of the snapshot that
-/// has just been taken.
+/// A new CoW file's table is all zeros. Blocks of zeros aren't written, because that would fill the store of
+/// the snapshot that has just been taken.
 void writeRecord(const std::string& cowFile, const std::string& snapshot, const std::vector<bool>& changed,
                  std::uint64_t volumeSize) {
     CowTable table(cowFile, snapshot, volumeSize);

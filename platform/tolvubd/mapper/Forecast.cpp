@@ -4,16 +4,17 @@
 
 namespace tolvubd {
 
-void noteNeed(Layers& layers, std::uint64_t bytes) {
-    layers.needs.push_back(bytes);
-    if (layers.needs.size() > needsKept) {
-        layers.needs.erase(layers.needs.begin(), layers.needs.end() - needsKept);
+void recordPreserved(Layers& layers, std::uint64_t bytes) {
+    layers.preservedBytes.push_back(bytes);
+    if (layers.preservedBytes.size() > forecastSnapshots) {
+        layers.preservedBytes.erase(layers.preservedBytes.begin(),
+                                    layers.preservedBytes.end() - forecastSnapshots);
     }
 }
 
 std::uint64_t forecastNeed(const Layers& layers) {
-    const auto largest = std::ranges::max_element(layers.needs);
-    return largest == layers.needs.end() ? 0 : *largest + *largest / 2;
+    const auto largest = std::ranges::max_element(layers.preservedBytes);
+    return largest == layers.preservedBytes.end() ? 0 : *largest + *largest / 2;
 }
 
 } // namespace tolvubd

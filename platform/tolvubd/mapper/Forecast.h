@@ -7,12 +7,12 @@
 namespace tolvubd {
 
 /// How many of the last snapshots a forecast looks at.
-inline constexpr std::size_t needsKept = 8;
+inline constexpr std::size_t forecastSnapshots = 8;
 
-/// Notes what a snapshot came to preserve, in bytes.
-void noteNeed(Layers& layers, std::uint64_t bytes);
-/// Bytes that the next snapshot will need to preserve: half more than the largest of the last ones. 0 when
-/// there was none yet.
+/// Records how many bytes a snapshot has preserved.
+void recordPreserved(Layers& layers, std::uint64_t bytes);
+/// The bytes that the next snapshot is expected to preserve: 1.5 times the most that a recorded snapshot
+/// preserved. 0 if none is recorded yet.
 std::uint64_t forecastNeed(const Layers& layers);
 
 } // namespace tolvubd

@@ -1,12 +1,12 @@
 #include "mapper/HeldMetadata.h"
 
-#include "Tidying.h"
+#include "TryTo.h"
 
 namespace tolvubd {
 
 namespace {
 
-/// The last word of the target's status is where the metadata snapshot is, or a dash.
+/// The last word of the target's status is the block of the metadata snapshot, or a dash if none is held.
 bool isHeld(const dm::Device& volume) {
     const dm::Targets status = dm::liveStatus(volume);
     return status.size() == 1 && !status[0].parameters.ends_with(" -");

@@ -5,9 +5,9 @@
 namespace tolvubd {
 
 /// Holds a metadata snapshot of an era target, which can be read while programs write to the volume.
-/// Owns:    the metadata snapshot. One that somebody has left behind is let go first.
+/// Owns:    the metadata snapshot. The constructor first drops one that was left behind.
 /// Threads: one at a time.
-/// Fails:   std::system_error.
+/// Fails:   the constructor throws std::system_error; the destructor logs.
 class HeldMetadata {
 public:
     explicit HeldMetadata(const dm::Device& volume);

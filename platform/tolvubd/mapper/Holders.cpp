@@ -13,7 +13,7 @@ namespace tolvubd {
 
 namespace {
 
-/// The kernel's text MAJOR:MINOR.
+/// Parses MAJOR:MINOR.
 std::optional<dev_t> numberIn(const std::string& text) {
     std::istringstream words(text);
     unsigned majorNumber = 0;

@@ -6,7 +6,7 @@
 
 namespace tolvubd {
 
-/// The device-mapper devices that lie on another, by a table that is live or one that is only loaded.
+/// The device-mapper devices whose live or loaded table uses this device.
 std::vector<dm::Device> holdersOf(const dm::Device& device);
 
 } // namespace tolvubd

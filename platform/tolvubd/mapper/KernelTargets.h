@@ -4,7 +4,7 @@
 
 namespace tolvubd {
 
-/// Whether the kernel has a device-mapper target, or a module for it, which it then loads.
+/// Whether the kernel has a device-mapper target. Loads the target's module if necessary.
 bool hasTarget(const std::string& type);
 
 } // namespace tolvubd

@@ -28,7 +28,7 @@ namespace {
 constexpr std::size_t uuidLength = 36;
 constexpr int attemptsToRead = 3;
 
-/// Parts of what a device of ours is called.
+/// The layers' names, which are part of their devices' names and UUIDs.
 constexpr const char* lowerLayer = "lower";
 constexpr const char* metaLayer = "meta";
 constexpr const char* midLayer = "mid";
@@ -51,7 +51,7 @@ dm::Device require(const std::string& id, const char* layer) {
     fail(ENXIO, std::string("the layer ") + layer);
 }
 
-/// Makes a device, or takes the one that is there.
+/// Finds the device of a layer, or creates it.
 dm::Device obtain(const std::string& id, const char* layer) {
     if (auto device = find(id, layer)) {
         return *device;
@@ -66,7 +66,7 @@ dm::Device makeLive(const std::string& id, const char* layer, const dm::Targets&
     return device;
 }
 
-/// Makes a device begin with zeros, which is how its target knows that it is new.
+/// Writes zeros to the beginning of a device, from which the target knows that the device is new.
 void clearBeginning(const dm::Device& device, std::size_t bytes) {
     const HiddenNode node(device.number);
     const os::AlignedBuffer zeros(bytes, bytes);
@@ -159,11 +159,11 @@ void LayerStack::createSnapshot(const Layers& layers, Store store) {
     dm::load(require(id, midLayer), {{0, size, "snapshot-origin", nameOf(lower)}});
 }
 
-void LayerStack::loadTop(const dm::Device& volume, const Layers& layers) {
+void LayerStack::loadEraTarget(const dm::Device& volume, const Layers& layers) {
     dm::load(volume, eraTarget(id, layers));
 }
 
-std::vector<dm::Device> LayerStack::inside() const {
+std::vector<dm::Device> LayerStack::innerDevices() const {
     return {require(id, snapshotLayer), require(id, midLayer)};
 }
 
@@ -173,7 +173,7 @@ void LayerStack::endSnapshot() {
     const dm::Targets linear = {{0, dm::sizeOf(dm::liveTable(lower)), "linear", nameOf(lower) + " 0"}};
     if (dm::liveTable(mid) != linear) {
         dm::load(mid, linear);
-        dm::resume(mid, dm::Visibility::hidden); // waits for what is under way, and holds up what comes
+        dm::resume(mid, dm::Visibility::hidden); // waits for I/O in flight, and holds up new I/O meanwhile
     } else {
         dm::clear(mid);
     }
@@ -181,13 +181,13 @@ void LayerStack::endSnapshot() {
     removeIfThere(id, cowLayer);
 }
 
-void LayerStack::giveBack() {
+void LayerStack::restoreOwnTable() {
     removeIfThere(id, formatLayer);
-    if (!top()) {
+    if (!eraDevice()) {
         return;
     }
-    const LvmLock lock(*top());
-    if (const auto volume = top()) { // LVM may have been at it until now
+    const LvmLock lock(*eraDevice());
+    if (const auto volume = eraDevice()) { // LVM may have exchanged the table before the lock was taken
         dm::load(*volume, targetsOf(id, lowerLayer));
         HoldGuard guard(
             std::make_unique<dm::SuspendedDevice>(*volume, dm::Visibility::shown, std::vector<dm::Device>{}));
@@ -195,9 +195,9 @@ void LayerStack::giveBack() {
     }
 }
 
-void LayerStack::takeApart() {
-    giveBack();
-    for (const dm::Device& holder : holders()) { // by a table that never came to life
+void LayerStack::removeLayers() {
+    restoreOwnTable();
+    for (const dm::Device& holder : holders()) { // those with a table that is loaded, but never became live
         dm::clear(holder);
     }
     for (const char* layer : {snapshotLayer, midLayer, cowLayer, metaLayer, lowerLayer}) {
@@ -205,13 +205,13 @@ void LayerStack::takeApart() {
     }
 }
 
-/// The volume, also where it has its table of ours only loaded.
+/// The volume, even if our table is only loaded for it and not live.
 std::vector<dm::Device> LayerStack::holders() const {
     const auto meta = find(id, metaLayer);
     return meta ? holdersOf(*meta) : std::vector<dm::Device>{};
 }
 
-void LayerStack::letGo() const {
+void LayerStack::resumeIfSuspended() const {
     for (const dm::Device& holder : holders()) {
         if (dm::stateOf(holder).isSuspended) {
             dm::resume(holder, dm::Visibility::shown);
@@ -219,6 +219,7 @@ void LayerStack::letGo() const {
     }
 }
 
+/// Checks the tracking first: if the volume has lost its layers, its snapshot isn't consistent either.
 int LayerStack::check(const Layers& layers, Mode mode) const {
     const auto volume = dm::findByUuid(layers.volume);
     const auto lower = find(id, lowerLayer);
@@ -227,7 +228,7 @@ int LayerStack::check(const Layers& layers, Mode mode) const {
     if (!volume || !lower || !meta || !mid) {
         return ENXIO;
     }
-    if (dm::liveTable(*volume) != eraTarget(id, layers) || !isWhereLvmSays(layers.volume, *lower)) {
+    if (dm::liveTable(*volume) != eraTarget(id, layers) || !matchesLvmMetadata(layers.volume, *lower)) {
         return ESTALE;
     }
     if (isEraNearlyFull(dm::liveStatus(*volume))) {
@@ -244,7 +245,7 @@ int LayerStack::check(const Layers& layers, Mode mode) const {
 }
 
 std::uint32_t LayerStack::era() const {
-    const auto volume = top();
+    const auto volume = eraDevice();
     if (!volume) {
         fail(ESTALE, "the volume has no era target");
     }
@@ -252,7 +253,7 @@ std::uint32_t LayerStack::era() const {
 }
 
 std::vector<bool> LayerStack::writtenSince(std::uint32_t first) const {
-    const auto volume = top();
+    const auto volume = eraDevice();
     if (!volume) {
         fail(ESTALE, "the volume has no era target");
     }
@@ -264,7 +265,7 @@ std::vector<bool> LayerStack::writtenSince(std::uint32_t first) const {
     for (int attempt = 1;; ++attempt) {
         try {
             return EraMetadata(file, size, EraMetadata::View::snapshot).writtenSince(first);
-        } catch (const std::system_error& error) { // the target may just have been writing its superblock
+        } catch (const std::system_error& error) { // the target may have been writing its superblock
             if (error.code().value() != EBADMSG || attempt == attemptsToRead) {
                 throw;
             }
@@ -285,7 +286,7 @@ dm::Device LayerStack::lower() const {
     return require(id, lowerLayer);
 }
 
-std::optional<dm::Device> LayerStack::top() const {
+std::optional<dm::Device> LayerStack::eraDevice() const {
     const auto meta = find(id, metaLayer);
     if (!meta) {
         return std::nullopt;

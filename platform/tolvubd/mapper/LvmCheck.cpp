@@ -16,7 +16,7 @@ namespace {
 
 constexpr const char* lvmPrefix = "LVM-";
 
-/// A linear target: the device as MAJOR:MINOR, and the sector where it begins there.
+/// Parses a linear target: the device as MAJOR:MINOR, and the sector on it where the target begins.
 std::optional<VolumePiece> pieceOf(const dm::Target& target) {
     std::istringstream words(target.parameters);
     unsigned majorNumber = 0;
@@ -54,7 +54,7 @@ std::vector<dev_t> devicesOf(const std::vector<VolumePiece>& pieces) {
 
 } // namespace
 
-bool isWhereLvmSays(const std::string& volume, const dm::Device& lower) {
+bool matchesLvmMetadata(const std::string& volume, const dm::Device& lower) {
     if (!volume.starts_with(lvmPrefix)) {
         return true;
     }

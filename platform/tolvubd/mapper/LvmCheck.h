@@ -6,8 +6,8 @@
 
 namespace tolvubd {
 
-/// Whether a volume of this device-mapper UUID lies where `lower` does, as LVM says at this moment. True for
-/// volumes that aren't LVM's. False in any doubt.
-bool isWhereLvmSays(const std::string& volume, const dm::Device& lower);
+/// Whether `lower` maps the same places as LVM's metadata lists at this moment for the volume with this
+/// device-mapper UUID. True for volumes that aren't LVM's. False when in doubt.
+bool matchesLvmMetadata(const std::string& volume, const dm::Device& lower);
 
 } // namespace tolvubd

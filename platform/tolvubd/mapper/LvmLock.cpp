@@ -16,7 +16,8 @@ namespace {
 
 constexpr const char* directory = "/run/lock/lvm";
 
-/// LVM removes the file when nobody waits for it: then the lock of another one counts.
+/// Whether `path` still names the locked file. LVM removes the lock file when no command waits for it; then
+/// the lock of a new file counts.
 bool isStillThere(const os::FileDescriptor& file, const std::string& path) {
     struct stat ours{};
     struct stat there{};

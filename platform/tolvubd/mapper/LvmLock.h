@@ -7,13 +7,13 @@
 
 namespace tolvubd {
 
-/// Keeps LVM's commands from changing where the volumes of a group lie, by the lock that they take
-/// themselves: an flock of /run/lock/lvm/V_GROUP. For as long as a table is exchanged that must be the
-/// volume's own.
+/// Keeps LVM's commands from moving the volumes of a group, by taking the lock that these commands take: an
+/// flock of /run/lock/lvm/V_GROUP. It is needed while a volume's table is exchanged.
 ///
-/// Owns:    the lock. None of a volume that isn't LVM's, or where LVM has no such locks.
+/// Owns:    the lock. No lock for a volume that isn't LVM's, or where LVM has no such locks.
 /// Threads: one at a time.
-/// Fails:   EBUSY when a command has had it for five seconds. One that waits for udev may be waiting for us.
+/// Fails:   std::system_error, with EBUSY when a command has held the lock for five seconds: it may be
+///          waiting for udev, and udev for this process.
 class LvmLock {
 public:
     explicit LvmLock(const dm::Device& volume);
@@ -22,7 +22,8 @@ private:
     os::FileDescriptor file;
 };
 
-/// The name of the group in a logical volume's device-mapper name, in which a dash of a name stands twice.
+/// The name of the volume group in a logical volume's device-mapper name, where each dash of a name is
+/// doubled.
 std::string groupOf(const std::string& name);
 
 } // namespace tolvubd

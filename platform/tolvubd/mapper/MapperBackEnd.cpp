@@ -5,7 +5,7 @@
 #include "Layout.h"
 #include "SnapshotNode.h"
 #include "SystemLog.h"
-#include "Tidying.h"
+#include "TryTo.h"
 #include "Uuid.h"
 #include "capture/FrozenFileSystem.h"
 #include "dm/FilePlaces.h"
@@ -16,9 +16,9 @@
 #include "mapper/FreshGroups.h"
 #include "mapper/LvmCheck.h"
 #include "mapper/LvmLock.h"
-#include "mapper/Moment.h"
 #include "mapper/OwnFiles.h"
 #include "mapper/Sealing.h"
+#include "mapper/SnapshotTaking.h"
 #include "mapper/Targets.h"
 
 #include <algorithm>
@@ -35,8 +35,8 @@ namespace tolvubd {
 
 namespace {
 
-/// Bytes that a file has on its volume; 0 where there is none.
-std::uint64_t takenBy(const std::string& path) {
+/// The bytes that a file uses on its volume; 0 if there is no file.
+std::uint64_t allocatedBytesOf(const std::string& path) {
     constexpr std::uint64_t unit = 512;
     struct stat status{};
     return ::lstat(path.c_str(), &status) == 0 ? static_cast<std::uint64_t>(status.st_blocks) * unit : 0;
@@ -56,12 +56,12 @@ void show(const LayerStack& stack, Device& device) {
     if (!stack.room()) {
         fail(ENOSPC, "the store of the snapshot is full already");
     }
-    device.layers->groups = groupsInUse(openSnapshot(stack), device.size);
+    device.layers->usedGroups = groupsInUse(openSnapshot(stack), device.size);
     showReadOnly(stack, device.minor);
 }
 
-/// Nobody reads any more what may not be the moment of the snapshot.
-void putErrorUnder(const LayerStack& stack) {
+/// Makes all reads of a snapshot fail, because the data may be inconsistent.
+void failSnapshotReads(const LayerStack& stack) {
     const dm::Device snapshot = stack.snapshot();
     const dm::Targets targets = dm::liveTable(snapshot);
     if (targets.size() == 1 && targets[0].type != "error") {
@@ -90,32 +90,34 @@ bool isBroken(const Device& device) {
     return device.layers && device.layers->error != 0 && device.layers->error != ENOSPC;
 }
 
-/// What isn't trusted any more is out of the way of programs at once, and gone when nobody reads it any more.
-void abandon(const Device& device) {
+/// Gives the volume its own table back, so that programs don't depend on broken layers. While there is a
+/// snapshot, its device stays with the target "error" until the snapshot ends.
+void detachBrokenLayers(const Device& device) {
     LayerStack stack(device.layers->id);
     if (device.mode == Mode::tracking) {
-        stack.takeApart();
+        stack.removeLayers();
     } else if (stack.isPresent()) {
-        putErrorUnder(stack);
-        stack.giveBack();
+        failSnapshotReads(stack);
+        stack.restoreOwnTable();
     }
 }
 
-void bringTo(const Device& device) {
+void reconcileDevice(const Device& device) {
     if (isBroken(device)) {
-        abandon(device);
+        detachBrokenLayers(device);
         return;
     }
     LayerStack stack(device.layers->id);
     if (device.mode == Mode::tracking) {
         stack.endSnapshot();
     } else if (device.layers->error != 0) {
-        putErrorUnder(stack);
+        failSnapshotReads(stack);
     }
     renewSeal(stack, device);
 }
 
-/// A device that was put back before its volume was mounted: by then its seal had another fingerprint.
+/// Renews the seal of a device whose layers were put back before its volume was mounted: the mount has
+/// changed the fingerprint.
 void renewAsleep(const Device& device) {
     const LayerStack stack(device.layers->id);
     if (device.layers->error == 0 && isSealed(stack, device) &&
@@ -142,8 +144,9 @@ void MapperBackEnd::requireRoom(const SnapshotPlan& plan, const Device& device) 
     requireNotFrozen(plan.cow.mountPoint);
     const bool isNew = device.layers->eraFile.empty();
     const std::uint64_t era = isNew ? eraFileSize(plan.volume.size, device.layers->blockSectors) : 0;
-    const std::uint64_t given = isNew ? takenBy(eraFileOn(plan.cow)) : 0; // by the file that it replaces
-    if (freeSpace(plan.cow.mountPoint) + given < plan.cowSize + era) {
+    const std::uint64_t reclaimedBytes =
+        isNew ? allocatedBytesOf(eraFileOn(plan.cow)) : 0; // used by the file that is replaced
+    if (freeSpace(plan.cow.mountPoint) + reclaimedBytes < plan.cowSize + era) {
         fail(ENOSPC, "the CoW file on " + plan.volume.path);
     }
 }
@@ -151,24 +154,24 @@ void MapperBackEnd::requireRoom(const SnapshotPlan& plan, const Device& device) 
 void MapperBackEnd::takeFirst(const SnapshotPlan& plan, Device& device) {
     makeCowStore(plan, device);
     makeEraFile(plan, device);
-    // From here on, where the volume lies must not change.
+    // From here on, the volume must not be moved.
     const LvmLock lock(LayerStack::volumeOf(*device.layers));
     const dm::Device volume = LayerStack::volumeOf(*device.layers);
     LayerStack stack(device.layers->id);
     stack.createBelow(volume, *device.layers);
-    if (!isWhereLvmSays(device.layers->volume, stack.lower())) {
+    if (!matchesLvmMetadata(device.layers->volume, stack.lower())) {
         fail(EOPNOTSUPP, "LVM says that " + plan.volume.path + " lies elsewhere");
     }
     stack.formatEra(*device.layers);
-    stack.loadTop(volume, *device.layers);
-    takeMoment(plan, stack, device);
+    stack.loadEraTarget(volume, *device.layers);
+    takeSnapshot(plan, stack, device);
     show(stack, device);
 }
 
 void MapperBackEnd::takeNext(const SnapshotPlan& plan, const Device& before, const std::string& closed,
                              Device& after) {
-    if (before.layers->id != after.layers->id) { // what has changed isn't known
-        LayerStack(before.layers->id).takeApart();
+    if (before.layers->id != after.layers->id) { // the layers are new, so everything counts as changed
+        LayerStack(before.layers->id).removeLayers();
         takeFirst(plan, after);
         writeRecord(closed, before.snapshot, changedUnits({}, after.layers->blockSectors, {}, after.size),
                     after.size);
@@ -177,35 +180,36 @@ void MapperBackEnd::takeNext(const SnapshotPlan& plan, const Device& before, con
     makeCowStore(plan, after);
     LayerStack stack(after.layers->id);
     {
-        // To reserve the file may have taken long, and where its store lies may be somebody else's by now.
+        // Reserving the file may have taken long. The volume may have been moved since, and the store's
+        // blocks may belong to another volume.
         const LvmLock lock(LayerStack::volumeOf(*after.layers));
         requireSound(plan, stack, *after.layers, Mode::tracking);
-        takeMoment(plan, stack, after);
+        takeSnapshot(plan, stack, after);
     }
-    const std::vector<Extent> fresh = freshGroups(openSnapshot(stack), after.size, before.layers->groups);
-    const std::vector<bool> written = stack.writtenSince(before.layers->firstEra);
+    const std::vector<Extent> fresh = freshGroups(openSnapshot(stack), after.size, before.layers->usedGroups);
+    const std::vector<bool> written = stack.writtenSince(before.layers->snapshotEra);
     requireSound(plan, stack, *after.layers, after.mode);
     writeRecord(closed, before.snapshot, changedUnits(written, after.layers->blockSectors, fresh, after.size),
                 after.size);
     show(stack, after);
 }
 
-/// A store that was too small costs the backup that read from the snapshot, and nothing else.
+/// If the store was too small, only the backup that read from the snapshot fails; tracking goes on.
 void MapperBackEnd::noteEnd(Device& device) {
     Layers& layers = *device.layers;
     if (isBroken(device)) {
         fail(layers.error, "the snapshot of " + device.blockDevice);
     }
     if (layers.error == ENOSPC) {
-        noteNeed(layers, bytesIn(layers.cowStore));
+        recordPreserved(layers, bytesIn(layers.cowStore));
     } else if (const auto room = LayerStack(layers.id).room()) {
-        noteNeed(layers, room->used);
+        recordPreserved(layers, room->used);
     }
     layers.error = 0;
 }
 
 void MapperBackEnd::release(const Device& device) {
-    LayerStack(device.layers->id).takeApart();
+    LayerStack(device.layers->id).removeLayers();
 }
 
 void MapperBackEnd::reload(const Volume& volume, Device& device) {
@@ -225,7 +229,7 @@ void MapperBackEnd::examine(Table& table) {
             noteCheck(device);
         }
     }
-    for (Device& device : table.asleep) { // those that were put back, and may have been bypassed since
+    for (Device& device : table.asleep) { // layers that were put back may have been bypassed since
         if (owns(device) && !isBroken(device)) {
             tryTo("look at " + device.blockDevice, [&] {
                 if (isSealed(LayerStack(device.layers->id), device)) {
@@ -236,10 +240,11 @@ void MapperBackEnd::examine(Table& table) {
     }
 }
 
-void MapperBackEnd::tidy(const Table& table) {
+/// Each step is tried on its own, so that a broken volume doesn't keep the others from being reconciled.
+void MapperBackEnd::reconcile(const Table& table) {
     for (const Unfinished& unfinished : table.unfinished) {
         if (!unfinished.layers.empty()) {
-            tryTo("let a volume go on", [&] { LayerStack(unfinished.layers).letGo(); });
+            tryTo("let a volume go on", [&] { LayerStack(unfinished.layers).resumeIfSuspended(); });
         }
     }
     std::set<std::string> known;
@@ -252,15 +257,16 @@ void MapperBackEnd::tidy(const Table& table) {
     for (const Device& device : table.devices) {
         if (owns(device)) {
             known.insert(device.layers->id);
-            tryTo("bring the layers of " + device.blockDevice + " to their state", [&] { bringTo(device); });
+            tryTo("bring the layers of " + device.blockDevice + " to their state",
+                  [&] { reconcileDevice(device); });
         }
     }
     for (const std::string& id : LayerStack::present()) {
         if (!known.contains(id)) {
-            tryTo("take the layers " + id + " apart", [&] { LayerStack(id).takeApart(); });
+            tryTo("take the layers " + id + " apart", [&] { LayerStack(id).removeLayers(); });
         }
     }
-    tryTo("note what is to be put back at the next start", [&] { noteForStart(table); });
+    tryTo("note what is to be put back at the next start", [&] { updateBootRecord(table); });
 }
 
 } // namespace tolvubd

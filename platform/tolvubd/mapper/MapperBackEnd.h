@@ -5,15 +5,19 @@
 
 namespace tolvubd {
 
-/// Snapshots and tracking by the kernel's device-mapper, for volumes that lie on it: frozen for milliseconds
-/// at any size, with what has changed known all the time.
+/// Snapshots and tracking with the kernel's device-mapper, for volumes that are device-mapper devices. A
+/// volume of any size is frozen for milliseconds only, and the changed blocks are known at any time.
 ///
-/// The state of a device is in three places: the table of the caller, the kernel, and the seal in
-/// `.tolvu.era`, which is what counts after a restart of the machine. The table is written first; where the
-/// kernel isn't as it says, `tidy` brings it there, and writes the seals anew.
+/// The state of a device is in three places: the caller's table, the kernel, and the seal in `.tolvu.era`,
+/// which counts after a restart of the machine. The table is written first. If the kernel's devices differ
+/// from it, `reconcile` corrects them and rewrites the seals.
+///
+/// Owns:    nothing in memory; device-mapper devices stay until `release` or `reconcile` removes them.
+/// Threads: one at a time; the caller holds the driver's lock.
+/// Fails:   std::system_error; EOPNOTSUPP when the volume can't have layers, and must be captured.
 class MapperBackEnd : public IBackEnd {
 public:
-    /// What a device of this back end begins with.
+    /// The layers of a new device of this back end.
     [[nodiscard]] static Layers newLayers(const Volume& volume);
 
     [[nodiscard]] bool owns(const Device& device) const override { return device.layers.has_value(); }
@@ -25,7 +29,7 @@ public:
     void release(const Device& device) override;
     void reload(const Volume& volume, Device& device) override;
     void examine(Table& table) override;
-    void tidy(const Table& table) override;
+    void reconcile(const Table& table) override;
 };
 
 } // namespace tolvubd

@@ -18,7 +18,7 @@ namespace tolvubd {
 
 namespace {
 
-/// The snapshot of a CoW file; none if it isn't there, or isn't one.
+/// The snapshot UUID of a CoW file; none if there is no CoW file at `path`.
 std::optional<std::string> snapshotIn(const std::string& path) {
     try {
         return snapshotOf(path);
@@ -67,16 +67,16 @@ void makeEraFile(const SnapshotPlan& plan, Device& device) {
 
 void removeLockedCowFile(const std::string& path, const std::string& snapshot) {
     if (snapshotIn(path) == snapshot) {
-        dm::releaseFile(path);
+        dm::unlockFile(path);
     }
     removeCowFile(path, snapshot);
 }
 
 void removeLockedFile(const std::string& path) {
     if (!isThere(path)) {
-        return; // even to remove nothing, one would wait for a volume that somebody has frozen
+        return; // removing would wait while the volume is frozen, even if there is no file
     }
-    dm::releaseFile(path);
+    dm::unlockFile(path);
     removeFile(path);
 }
 
@@ -84,21 +84,21 @@ bool isCowFile(const std::string& path) {
     return snapshotIn(path).has_value();
 }
 
-bool hasLeftOvers(const PathOnVolume& cow) {
+bool hasStaleFiles(const PathOnVolume& cow) {
     return isThere(eraFileOn(cow)) || isCowFile(cow.path());
 }
 
-void removeLeftOvers(const PathOnVolume& cow) {
+void removeStaleFiles(const PathOnVolume& cow) {
     removeLockedFile(eraFileOn(cow));
     if (isCowFile(cow.path())) {
         removeLockedFile(cow.path());
     }
 }
 
-void releaseLeftOvers(const PathOnVolume& cow) {
+void unlockStaleFiles(const PathOnVolume& cow) {
     removeLockedFile(eraFileOn(cow));
     if (isCowFile(cow.path())) {
-        dm::releaseFile(cow.path());
+        dm::unlockFile(cow.path());
     }
 }
 

@@ -7,29 +7,33 @@
 
 namespace tolvubd {
 
-/// Bytes of a CoW file in front of what takes preserved blocks: its header and its table.
+/// The offset of the store of preserved blocks in a CoW file, in bytes. The header and the table come before
+/// it.
 std::uint64_t storeOffset(std::uint64_t volumeSize);
-/// Bytes of `.tolvu.era` for a volume: the seal, and the metadata of the era target.
+/// The size of `.tolvu.era` for a volume, in bytes: the seal and the metadata of the era target.
 std::uint64_t eraFileSize(std::uint64_t volumeSize, std::uint32_t blockSectors);
 std::string eraFileOn(const PathOnVolume& cow);
 
-/// Makes the CoW file of a snapshot, locks it, and notes where the part lies that takes preserved blocks.
-/// EOPNOTSUPP where that can't be done with it.
+/// Creates the CoW file of a snapshot, locks it, and records the extents of its store of preserved blocks.
+/// Throws EOPNOTSUPP when the file system doesn't support that.
 void makeCowStore(const SnapshotPlan& plan, Device& device);
-/// Makes `.tolvu.era`, of which none may be in use, and notes where it lies. EOPNOTSUPP as above.
+/// Creates `.tolvu.era` and records its extents. An existing one is replaced, so it must not be in use.
+/// Throws EOPNOTSUPP as above.
 void makeEraFile(const SnapshotPlan& plan, Device& device);
-/// Removes a CoW file that may be locked, if it is that of the snapshot.
+/// Removes a CoW file, locked or not, if it belongs to the snapshot.
 void removeLockedCowFile(const std::string& path, const std::string& snapshot);
 /// Removes the file at `path`, locked or not.
 void removeLockedFile(const std::string& path);
-/// Whether a CoW file stands there, of whichever snapshot.
+/// Whether there is a CoW file at `path`, of any snapshot.
 bool isCowFile(const std::string& path);
-/// Whether a tracking that is no more has left files on a volume where a new CoW file is to be.
-bool hasLeftOvers(const PathOnVolume& cow);
-/// Removes what a tracking that is no more has left on a volume without layers: they would be in the way of
-/// new ones, and so would be the room that they take.
-void removeLeftOvers(const PathOnVolume& cow);
-/// The same for a volume that will have no layers, whose new CoW file replaces the one that is there.
-void releaseLeftOvers(const PathOnVolume& cow);
+/// Whether an ended tracking has left files on the volume: `.tolvu.era`, or a CoW file at the path of the new
+/// one.
+bool hasStaleFiles(const PathOnVolume& cow);
+/// Removes the files that an ended tracking has left on a volume without layers, because these files, and the
+/// space that they use, would be in the way of new ones.
+void removeStaleFiles(const PathOnVolume& cow);
+/// The same for a volume that gets no layers. Keeps the CoW file, but unlocks it, because the new one
+/// replaces it.
+void unlockStaleFiles(const PathOnVolume& cow);
 
 } // namespace tolvubd

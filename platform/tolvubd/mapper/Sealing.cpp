@@ -15,11 +15,11 @@ namespace tolvubd {
 
 namespace {
 
-/// What the file system changes all the time doesn't count here, and is only of use when nobody has it
-/// mounted.
-bool isSame(const Seal& one, const Seal& other) {
+/// Whether two seals are the same, except for the fingerprints' `content`: a mounted file system changes that
+/// all the time, and it is only used for volumes that aren't mounted.
+bool isEquivalent(const Seal& one, const Seal& other) {
     const auto mountOf = [](const Seal& seal) { return seal.fingerprint ? seal.fingerprint->mount : ""; };
-    return one.end == other.end && one.start == other.start && one.device == other.device &&
+    return one.end == other.end && one.bootId == other.bootId && one.device == other.device &&
            mountOf(one) == mountOf(other);
 }
 
@@ -29,12 +29,12 @@ void renewSeal(const LayerStack& stack, const Device& device) {
     const dm::Device lower = stack.lower();
     const HiddenNode node(lower.number);
     const os::FileDescriptor file = node.open(O_RDWR | O_DIRECT);
-    const Seal seal{Seal::End::open, thisStart(), device, readFingerprint(file, device.size)};
+    const Seal seal{Seal::End::open, currentBootId(), device, readFingerprint(file, device.size)};
     const auto present = readSeal(file, device.layers->eraFile, device.layers->id);
-    if (present && isSame(*present, seal)) {
+    if (present && isEquivalent(*present, seal)) {
         return;
     }
-    if (!isWhereLvmSays(device.layers->volume, lower)) {
+    if (!matchesLvmMetadata(device.layers->volume, lower)) {
         fail(ESTALE, "where the seal was may be somebody else's now");
     }
     writeSeal(file, device.layers->eraFile, seal);
@@ -47,11 +47,11 @@ bool isSealed(const LayerStack& stack, const Device& device) {
     const HiddenNode node(stack.lower().number);
     const os::FileDescriptor file = node.open(O_RDONLY | O_DIRECT);
     const auto seal = readSeal(file, device.layers->eraFile, device.layers->id);
-    return seal && seal->end == Seal::End::open && seal->start == thisStart() &&
+    return seal && seal->end == Seal::End::open && seal->bootId == currentBootId() &&
            seal->device.snapshot == device.snapshot && seal->device.layers == device.layers;
 }
 
-void noteForStart(const Table& table) {
+void updateBootRecord(const Table& table) {
     BootRecord record = readBootRecord(layout::bootRecord);
     record.volumes.clear();
     for (const auto* devices : {&table.devices, &table.asleep}) {

@@ -5,11 +5,11 @@
 
 namespace tolvubd {
 
-/// Writes the seal of a device that is live, unless the one that is there says the same.
+/// Writes the seal of a live device, unless the present seal has the same content.
 void renewSeal(const LayerStack& stack, const Device& device);
-/// Whether the seal is that of this start of the machine and of this state of the device.
+/// Whether the seal was written since this start of the machine, for this state of the device.
 bool isSealed(const LayerStack& stack, const Device& device);
-/// Brings the boot record to what the table says.
-void noteForStart(const Table& table);
+/// Updates the boot record to the devices of the table.
+void updateBootRecord(const Table& table);
 
 } // namespace tolvubd

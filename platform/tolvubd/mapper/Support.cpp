@@ -18,7 +18,7 @@ namespace {
 
 using Reason = std::optional<std::string>;
 
-/// Older kernels have crashed with era targets.
+/// Kernels before Linux 5.12 have crashed with era targets.
 Reason reasonOfKernel() {
     constexpr std::pair oldest(5, 12);
     utsname name{};
@@ -37,8 +37,8 @@ Reason reasonOfKernel() {
     return std::nullopt;
 }
 
-/// ext2 and ext3 can reserve room for a file only by writing it, and a journal of data may write that once
-/// more when the file has long been mapped.
+/// ext2 and ext3 can reserve the space of a file only by writing zeros, and with data journaling those zeros
+/// may be written again after the file was mapped.
 Reason reasonOfFileSystem(const std::string& type) {
     constexpr std::array<std::string_view, 2> known = {"ext4", "xfs"};
     if (std::ranges::find(known, type) == known.end()) {
@@ -58,7 +58,8 @@ Reason reasonOfTable(const dm::Targets& targets) {
 
 } // namespace
 
-std::optional<std::string> reasonAgainstLayers(const Volume& volume) {
+// The cheap checks come first; the check of the kernel may load modules.
+std::optional<std::string> unsupportedReason(const Volume& volume) {
     try {
         const auto device = dm::findByNumber(volume.number);
         if (!device) {

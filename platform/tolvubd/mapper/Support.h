@@ -7,8 +7,8 @@
 
 namespace tolvubd {
 
-/// Why a volume can't be tracked by device-mapper; none when it can. Only what was tried is accepted: a
-/// mounted ext or XFS file system on a device that is device-mapper's own, with nothing but linear targets.
-std::optional<std::string> reasonAgainstLayers(const Volume& volume);
+/// Why a volume can't be tracked by device-mapper; none if it can. Accepts only tested configurations: ext4
+/// or XFS, mounted from a device-mapper device with nothing but linear targets.
+std::optional<std::string> unsupportedReason(const Volume& volume);
 
 } // namespace tolvubd

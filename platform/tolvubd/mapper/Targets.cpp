@@ -50,7 +50,8 @@ dm::Targets eraOn(const dm::Device& meta, const dm::Device& mid, const Layers& l
     return {{0, size, "era", nameOf(meta) + " " + nameOf(mid) + " " + std::to_string(layers.blockSectors)}};
 }
 
-/// The status: block size of the metadata, blocks used of all, era, and where a metadata snapshot is held.
+/// The status: metadata block size, used and total metadata blocks, era, and the block of a held metadata
+/// snapshot.
 std::uint32_t eraIn(const dm::Targets& status) {
     constexpr std::size_t before = 3;
     if (status.size() == 1 && status[0].type == "era") {
@@ -64,7 +65,7 @@ std::uint32_t eraIn(const dm::Targets& status) {
 
 bool isEraNearlyFull(const dm::Targets& status) {
     constexpr std::size_t total = 2;
-    constexpr std::uint64_t most = 95; // of a hundred
+    constexpr std::uint64_t most = 95; // per cent
     if (status.size() != 1 || status[0].type != "era") {
         return false;
     }
@@ -72,7 +73,8 @@ bool isEraNearlyFull(const dm::Targets& status) {
     return numbers.size() > total && numbers[1] > numbers[total] / 100 * most;
 }
 
-/// The status: sectors used of all, and those of its tables; or a word.
+/// The status of a valid snapshot: used and total sectors, and the sectors of its own metadata. Otherwise it
+/// is a word.
 std::optional<StoreRoom> roomIn(const dm::Targets& status) {
     if (status.size() != 1 || status[0].type != "snapshot") {
         return std::nullopt;

@@ -17,15 +17,15 @@ namespace {
 using nlohmann::json;
 
 constexpr int format = 1;
-/// The record has lists of numbers in an object in a list in an object.
+/// How deep the record's text is nested: document, list of volumes, volume, list of numbers.
 constexpr int deepest = 4;
 constexpr std::size_t mostVolumes = 256;
 constexpr std::size_t mostAdopted = 16;
-constexpr std::size_t longestName = 127; // of a device-mapper device, as its UUID
+constexpr std::size_t longestName = 127; // of a device-mapper device; also the limit of its UUID
 constexpr std::size_t largestRecord = std::size_t{4} << 20;
 constexpr std::uint64_t largestVolume = std::numeric_limits<std::int64_t>::max();
 
-/// A text that is safe as a name of a device, and in a line of the shell.
+/// Reads a text that is safe as a device name and in a shell command.
 std::string name(const json& object, const char* key) {
     auto text = object.at(key).get<std::string>();
     const bool isPlain = std::ranges::all_of(text, [](char letter) {
@@ -69,7 +69,7 @@ BootRecord recordFrom(const std::string& text) {
             fields::toList(document.at("adopted"), mostAdopted, toAdopted)};
 }
 
-/// None when it isn't there.
+/// The content of the file; none when there is no file.
 std::optional<std::string> readText(const std::string& path) {
     try {
         return readFile(path, largestRecord);
@@ -108,7 +108,7 @@ void writeBootRecord(const std::string& path, const BootRecord& record) {
     }
     makeDirectory(directoryOf(path));
     constexpr unsigned ownerWrites = 0644;
-    replaceFile(path, text, ownerWrites);
+    replaceFileDurably(path, text, ownerWrites);
 }
 
 } // namespace tolvubd

@@ -8,8 +8,9 @@
 
 namespace tolvubd {
 
-/// What has to be known of a tracked volume before any file system is mounted: it is on the root file system,
-/// and a copy in the initramfs. It changes only when tracking of a volume begins or ends.
+/// The information about the tracked volumes that is needed before any file system is mounted. The file is on
+/// the root file system, with a copy in the initramfs. It changes only when tracking or adoption of a volume
+/// begins or ends.
 struct BootRecord {
     struct Volume {
         std::string id;     ///< Layers::id
@@ -19,7 +20,7 @@ struct BootRecord {
 
         bool operator==(const Volume&) const = default;
     };
-    /// A partition that is to be found on a linear device of its own, so that it can be tracked.
+    /// A partition that the initramfs puts a linear device on, so that it can be tracked.
     struct Adopted {
         std::string partition; ///< its PARTUUID
         std::string name;      ///< of the linear device
@@ -32,10 +33,10 @@ struct BootRecord {
     bool operator==(const BootRecord&) const = default;
 };
 
-/// From and to layout::bootRecord. A file that isn't there is an empty record; one that isn't sound fails
-/// with EBADMSG.
+/// Reads the file at `path`, layout::bootRecord in practice. A missing file counts as an empty record; an
+/// invalid one fails with EBADMSG.
 BootRecord readBootRecord(const std::string& path);
-/// Durably, and only if it differs from what is there.
+/// Writes the file durably, unless it has this content already.
 void writeBootRecord(const std::string& path, const BootRecord& record);
 
 } // namespace tolvubd

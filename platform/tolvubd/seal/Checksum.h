@@ -6,8 +6,8 @@
 
 namespace tolvubd {
 
-/// FNV-1a of 64 bits. Whatever is changed of one byte changes it; it is no protection from somebody who
-/// means to deceive.
+/// FNV-1a with 64 bits. Detects every change of a single byte, but gives no protection from deliberate
+/// changes.
 inline std::uint64_t checksumOf(std::span<const std::byte> bytes) {
     constexpr std::uint64_t basis = 0xCBF29CE484222325;
     constexpr std::uint64_t prime = 0x100000001B3;

@@ -16,8 +16,8 @@ namespace {
 
 constexpr std::uint64_t unit = 4096;
 
-/// Calls `use` with each piece of `length` bytes that begin at `skip`: where it lies on the device, and the
-/// place of it in the buffer. False when the places end before, or `use` does so.
+/// Calls `use` with each piece of the `length` bytes from `skip` on: its offset on the device, its offset in
+/// the buffer and its length. Returns false when the places end early, or when `use` returns false.
 template <class Use>
 bool forPieces(const std::vector<Extent>& places, std::uint64_t skip, std::size_t length, const Use& use) {
     std::size_t done = 0;

@@ -11,18 +11,19 @@
 
 namespace tolvubd {
 
-/// Opens a device past its page cache, which knows nothing of what goes to the same disk by another device.
-/// A write ends when it is on the disk. `flags` are O_RDONLY or O_RDWR.
+/// Opens a device with O_DIRECT | O_DSYNC: its page cache doesn't see what is written to the same disk
+/// through another device, and a write returns when the data is on the disk. `flags` are O_RDONLY or O_RDWR.
 os::FileDescriptor openDirect(const std::string& path, int flags);
 
-/// Bytes at any place of a device that was opened so; it needn't be, such as an image.
+/// Reads bytes at any offset of a file opened by openDirect; also works on other files, such as an image.
 Fields readDirect(const os::FileDescriptor& device, std::uint64_t offset, std::size_t length);
 
-/// Fills the buffer from what lies at these places, one behind the other. False when they end before it is
-/// full, or the device does. Places and the buffer's size are in whole 4096 bytes.
+/// Fills the buffer from these extents in their order, after the first `skip` bytes. Returns false when the
+/// extents or the device end before the buffer is full. All sizes and offsets are multiples of 4096 bytes.
 bool readPlaces(const os::FileDescriptor& device, const std::vector<Extent>& places, std::uint64_t skip,
                 os::AlignedBuffer& into);
-/// Writes the buffer there, through to the disk; EINVAL when the places end before.
+/// Writes the buffer to these extents, through to the disk. Throws EINVAL when the extents end before the
+/// buffer.
 void writePlaces(const os::FileDescriptor& device, const std::vector<Extent>& places, std::uint64_t skip,
                  const os::AlignedBuffer& from);
 

@@ -13,16 +13,16 @@ constexpr std::uint64_t superOffset = 1024;
 constexpr std::size_t superSize = 1024;
 constexpr std::uint64_t superMagic = 0xEF53;
 
-/// As the kernel has it in fs/ext4/ext4.h, little endian.
+/// Fields of the superblock, as in the kernel's fs/ext4/ext4.h, little endian.
 namespace super_block {
-constexpr Field blockSizeBits{0x18, 4}; // above 1 KiB
+constexpr Field blockSizeBits{0x18, 4}; // block size is 1 KiB << this
 constexpr Field magic{0x38, 2};
 constexpr Field compatible{0x5C, 4};
 constexpr Field incompatible{0x60, 4};
 constexpr std::size_t uuid = 0x68;
 constexpr Field journalDevice{0xE4, 4};
-constexpr Field journalCopied{0xFD, 1};     // 1: the next one is there
-constexpr std::size_t journalPlace = 0x10C; // what the inode of the journal has as its place
+constexpr Field journalCopied{0xFD, 1};     // 1: journalPlace is valid
+constexpr std::size_t journalPlace = 0x10C; // copy of the journal inode's block map
 } // namespace super_block
 
 struct NamedField {
@@ -30,7 +30,7 @@ struct NamedField {
     Field field;
 };
 
-/// A time has a byte more at another place, since 32 bits became too few.
+/// Each time has an additional high byte elsewhere, because 32 bits became too few.
 constexpr auto mountFields = std::to_array<NamedField>({{"mounted", {0x2C, 4}},
                                                         {"mounted_high", {0x275, 1}},
                                                         {"mounts", {0x34, 2}},
@@ -59,8 +59,8 @@ std::string textOf(const Fields& super, std::span<const NamedField> fields) {
     return text.str();
 }
 
-/// The block in which the journal begins, where that can be seen from the superblock's copy of its inode:
-/// the first of a list of blocks, or of a tree of extents that has one level.
+/// The first block of the journal, if the superblock's copy of the journal's inode shows it: the first entry
+/// of a block list, or of an extent tree without inner nodes.
 std::optional<std::uint64_t> firstBlockOfJournal(const Fields& super) {
     constexpr std::uint64_t extentMagic = 0xF30A;
     constexpr std::size_t root = super_block::journalPlace;
@@ -80,7 +80,8 @@ std::optional<std::uint64_t> firstBlockOfJournal(const Fields& super) {
     return super.little({root + 18, 2}) << lowBits | super.little({root + 20, 4});
 }
 
-/// Where the journal begins to be of use, and its first sequence number; empty where that isn't plain to see.
+/// The journal's start block and first sequence number; empty if the superblock doesn't show where the
+/// journal is.
 std::string journalOf(const os::FileDescriptor& device, const Fields& super, std::uint64_t size) {
     constexpr std::uint64_t journalMagic = 0xC03B3998;
     constexpr std::size_t headSize = 0x20;

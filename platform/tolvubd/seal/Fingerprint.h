@@ -8,23 +8,24 @@
 
 namespace tolvubd {
 
-/// What a file system's own structures tell of whether somebody has written to it: compared across a restart
-/// of the machine, during which nobody was watching.
+/// The values in a file system's own structures that change when the file system is written. They are
+/// compared before and after a restart of the machine, during which the layers weren't there.
 struct Fingerprint {
     std::string kind; ///< "ext" or "xfs"
-    /// What every mount for writing and every repair changes, and nothing else: of ext the UUID, the time of
-    /// the last mount, the count of mounts and the time of the last check; of XFS the UUID, which is less.
+    /// Changes only with a writable mount or a repair. For ext: the UUID, the time of the last mount, the
+    /// mount count and the time of the last check. For XFS, which records less: the UUID alone.
     std::string mount;
-    /// What changes with whatever is written: of ext also the time of the last write, the state, the counters
-    /// of the superblock and where its journal begins; of XFS the head of its log.
+    /// Changes with every write. For ext also the time of the last write, the state, the counters of the
+    /// superblock and the start of the journal; for XFS the head of the log and a checksum of the group
+    /// headers.
     std::string content;
     bool isClean = false; ///< there is nothing to recover from its journal
 
     bool operator==(const Fingerprint&) const = default;
 };
 
-/// Reads it from a device or an image, past the page cache where that can be done. None when it is another
-/// file system, one without a journal, or not sound.
+/// Reads the fingerprint from a device or an image. None for another file system, one without a journal, and
+/// one that isn't sound.
 std::optional<Fingerprint> readFingerprint(const os::FileDescriptor& device, std::uint64_t size);
 
 } // namespace tolvubd

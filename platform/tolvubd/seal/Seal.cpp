@@ -21,8 +21,7 @@ constexpr std::size_t slots = 2;
 constexpr std::size_t slotSize = sealSize / slots;
 constexpr std::uint64_t magic = 0x314C414553564C54; // "TLVSEAL1"
 
-/// A slot: four numbers, little endian, and the text. The checksum is of all that stands behind it in the
-/// slot.
+/// A slot: four little-endian numbers, and the text. The checksum covers everything in the slot after itself.
 namespace slot {
 constexpr Field magic{0, 8};
 constexpr Field checksum{8, 8};
@@ -60,7 +59,7 @@ json fromFingerprint(const Fingerprint& fingerprint) {
 
 std::string textOf(const Seal& seal) {
     json object = {{"end", ends.at(static_cast<std::size_t>(seal.end))},
-                   {"start", seal.start},
+                   {"start", seal.bootId},
                    {"device", json::parse(writeDevice(seal.device))}};
     if (seal.fingerprint) {
         object["fingerprint"] = fromFingerprint(*seal.fingerprint);
@@ -68,7 +67,7 @@ std::string textOf(const Seal& seal) {
     return object.dump();
 }
 
-/// None for what isn't the text of a seal.
+/// None if the text isn't that of a seal.
 std::optional<Seal> sealFrom(const std::string& text) {
     constexpr int deepest = 5;
     try {
@@ -148,7 +147,7 @@ std::optional<Seal> readSeal(const os::FileDescriptor& device, const std::vector
     return seal && seal->device.layers && seal->device.layers->id == id ? seal : std::nullopt;
 }
 
-std::string thisStart() {
+std::string currentBootId() {
     std::string name = readToEnd("/proc/sys/kernel/random/boot_id");
     while (name.ends_with('\n')) {
         name.pop_back();

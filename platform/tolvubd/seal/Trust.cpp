@@ -4,16 +4,16 @@ namespace tolvubd {
 
 namespace {
 
-/// What was left open tells less: only that the file system is still as the machine left it when it stopped.
+/// For an open seal, which shows less: the file system must still be as the machine left it when it stopped.
 std::optional<std::string> reasonAfterCrash(const Seal& seal, const Fingerprint& now,
-                                            const std::string& previousStart) {
+                                            const std::string& previousBootId) {
     if (now.isClean) {
         return "it was unmounted, or its journal replayed, and nobody knows by whom";
     }
     if (now.mount != seal.fingerprint->mount) {
         return "it was mounted or checked: " + seal.fingerprint->mount + " is " + now.mount;
     }
-    if (now.kind != "ext" && seal.start != previousStart) {
+    if (now.kind != "ext" && seal.bootId != previousBootId) {
         return "the machine was started in between, or isn't known not to have been";
     }
     return std::nullopt;
@@ -22,7 +22,7 @@ std::optional<std::string> reasonAfterCrash(const Seal& seal, const Fingerprint&
 } // namespace
 
 std::optional<std::string> reasonForDoubt(const Seal& seal, const std::optional<Fingerprint>& now,
-                                          const std::string& previousStart) {
+                                          const std::string& previousBootId) {
     if (seal.end == Seal::End::broken || !seal.device.layers || seal.device.layers->error != 0) {
         return "it was given up before";
     }
@@ -38,7 +38,7 @@ std::optional<std::string> reasonForDoubt(const Seal& seal, const std::optional<
     if (seal.end == Seal::End::clean) {
         return "it was written after it was closed: " + seal.fingerprint->content + " is " + now->content;
     }
-    return reasonAfterCrash(seal, *now, previousStart);
+    return reasonAfterCrash(seal, *now, previousBootId);
 }
 
 } // namespace tolvubd

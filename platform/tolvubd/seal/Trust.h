@@ -7,18 +7,18 @@
 
 namespace tolvubd {
 
-/// Why something may have been written to the volume, since the seal was, that its layers haven't seen; none
-/// when that can't be. To be asked before the volume is mounted, as the first mount changes the answer.
+/// Why the volume may have been written without its layers since the seal was written; none if that is
+/// impossible. Call this before the volume is mounted, because the first mount changes the answer.
 ///
-/// Each holds while the fingerprint is equal in all: nothing was written. An open one, as a crash leaves it,
-/// also holds
-/// - for ext, while the journal has yet to be replayed and mount time, mount count and last check are equal;
-/// - for XFS, while its log has yet to be replayed and `previousStart`, the last start of this machine that
-///   is on record before this one, is that of the seal. Its log doesn't tell of a mount in between by some
-///   other system that stopped without an unmount.
+/// Any seal that isn't broken holds if the fingerprints are equal: nothing was written. An open seal, as a
+/// crash leaves it, also holds in these cases:
+/// - ext: the journal has yet to be replayed, and mount time, mount count and last check are equal.
+/// - XFS: the log has yet to be replayed, and the seal is from `previousBootId`, the last start of this
+///   machine on record before this one. The log doesn't show whether another system has mounted the volume in
+///   between and stopped without an unmount.
 ///
-/// In any doubt there is a reason.
+/// When in doubt, this returns a reason.
 std::optional<std::string> reasonForDoubt(const Seal& seal, const std::optional<Fingerprint>& now,
-                                          const std::string& previousStart);
+                                          const std::string& previousBootId);
 
 } // namespace tolvubd

@@ -15,7 +15,7 @@ namespace {
 constexpr std::size_t superSize = 512;
 constexpr std::uint64_t superMagic = 0x58465342; // "XFSB"
 
-/// As the kernel has it in fs/xfs/libxfs/xfs_format.h, big endian.
+/// Fields of the superblock, as in the kernel's fs/xfs/libxfs/xfs_format.h, big endian.
 namespace super_block {
 constexpr Field magic{0, 4};
 constexpr Field blockSize{4, 4};
@@ -26,7 +26,7 @@ constexpr Field groupBlocks{84, 4};
 constexpr Field groups{88, 4};
 constexpr Field logBlocks{96, 4};
 constexpr Field sectorSize{102, 2};
-constexpr Field groupBits{124, 1}; // of the number of a block that count within its group
+constexpr Field groupBits{124, 1}; // low bits of a block number that count within its group
 } // namespace super_block
 
 struct Geometry {
@@ -55,7 +55,7 @@ std::optional<Geometry> geometryOf(const Fields& super, std::uint64_t size) {
     return isSound ? std::optional(found) : std::nullopt;
 }
 
-/// None when the log is on another device, or not all of it on this one.
+/// None when the log is on another device, or isn't completely on this one.
 std::optional<XfsLogPlace> logOf(const Fields& super, const Geometry& geometry) {
     constexpr std::uint64_t logBlock = 512;
     constexpr std::uint64_t mostBits = 32;
@@ -73,7 +73,8 @@ std::optional<XfsLogPlace> logOf(const Fields& super, const Geometry& geometry) 
     return XfsLogPlace{block * geometry.blockSize, count * geometry.blockSize / logBlock};
 }
 
-/// Of the four sectors with which each group begins: a repair makes them anew without a trace in the log.
+/// A checksum over the four header sectors of each allocation group: a repair rewrites them without a trace
+/// in the log.
 std::optional<std::uint64_t> checksumOfGroups(const os::FileDescriptor& device, const Geometry& geometry) {
     constexpr std::size_t sectors = 4;
     std::vector<std::byte> sums;
@@ -103,7 +104,7 @@ std::optional<Fingerprint> readXfsFingerprint(const os::FileDescriptor& device, 
     }
     const std::string uuid = uuidAt(super, super_block::uuid);
     std::ostringstream content;
-    content << uuid << " log " << head->round << ':' << head->block << " record " << head->checksum
+    content << uuid << " log " << head->cycle << ':' << head->block << " record " << head->checksum
             << " groups " << *groups;
     return Fingerprint{"xfs", uuid, content.str(), head->isUnmounted};
 }

@@ -10,24 +10,24 @@ namespace tolvubd {
 namespace {
 
 constexpr std::uint64_t blockSize = 512;
-/// Twice what can be on its way to the disk at a time: so far back from the end it may have holes after a
-/// crash.
+/// Twice what can be in flight to the disk at a time: after a crash, that last part of the log may have
+/// holes.
 constexpr std::uint64_t windowBlocks = std::uint64_t{8} << 10;
 constexpr std::uint64_t headerMagic = 0xFEEDBABE;
 
 namespace header {
 constexpr Field magic{0, 4};
-constexpr Field round{4, 4};
+constexpr Field cycle{4, 4};
 constexpr Field version{8, 4};
 constexpr Field length{12, 4};
-constexpr Field numberRound{16, 4};
-constexpr Field numberBlock{20, 4};
+constexpr Field lsnCycle{16, 4};
+constexpr Field lsnBlock{20, 4};
 constexpr Field checksum{32, 4};
 constexpr Field operations{40, 4};
 constexpr Field bufferSize{320, 4};
 } // namespace header
 
-/// In the block behind the header, of the first operation.
+/// In the block after the header: the flags of the first operation.
 constexpr std::size_t flagsOfOperation = 9;
 constexpr std::uint64_t isUnmount = 0x20;
 
@@ -35,33 +35,34 @@ constexpr Field within(std::uint64_t block, Field field) {
     return {block * blockSize + field.offset, field.width};
 }
 
-/// The round in which a block was written; in a header it stands behind the magic number.
-std::uint64_t roundOf(const Fields& blocks, std::uint64_t block) {
+/// The cycle in which a block was written. In a record header it follows the magic number.
+std::uint64_t cycleOf(const Fields& blocks, std::uint64_t block) {
     const std::uint64_t first = blocks.big(within(block, header::magic));
-    return first == headerMagic ? blocks.big(within(block, header::round)) : first;
+    return first == headerMagic ? blocks.big(within(block, header::cycle)) : first;
 }
 
-/// A run of blocks of the log that ends where the head is thought to be.
+/// A run of blocks of the log that ends where the head is expected.
 class Window {
 public:
-    Window(Fields bytes, std::uint64_t begin, std::uint64_t beginRound, std::uint64_t logBlocks)
-        : bytes(std::move(bytes)), begin(begin), beginRound(beginRound), logBlocks(logBlocks) {}
+    Window(Fields bytes, std::uint64_t begin, std::uint64_t beginCycle, std::uint64_t logBlocks)
+        : bytes(std::move(bytes)), begin(begin), beginCycle(beginCycle), logBlocks(logBlocks) {}
 
-    /// How many of its blocks are of the rounds that they should be.
+    /// How many blocks, from the window's start on, are of the expected cycle.
     [[nodiscard]] std::uint64_t soundBlocks() const {
         const std::uint64_t count = bytes.size() / blockSize;
         std::uint64_t block = 0;
-        while (block < count && roundOf(bytes, block) == roundAt(block)) {
+        while (block < count && cycleOf(bytes, block) == cycleAt(block)) {
             ++block;
         }
         return block;
     }
 
-    /// The last record that is complete within the first `end` blocks, and the head behind all of them.
+    /// Finds the last record that is complete within the first `end` blocks. The head is the end of those
+    /// blocks.
     [[nodiscard]] std::optional<XfsLogHead> lastRecord(std::uint64_t end) const {
         for (std::uint64_t block = end; block > 0; --block) {
             if (isRecord(block - 1, end)) {
-                return XfsLogHead{roundAt(end), placeOf(end),
+                return XfsLogHead{cycleAt(end), placeOf(end),
                                   static_cast<std::uint32_t>(bytes.big(within(block - 1, header::checksum))),
                                   isUnmountRecord(block - 1)};
             }
@@ -71,8 +72,8 @@ public:
 
 private:
     [[nodiscard]] std::uint64_t placeOf(std::uint64_t block) const { return (begin + block) % logBlocks; }
-    [[nodiscard]] std::uint64_t roundAt(std::uint64_t block) const {
-        return beginRound + (begin + block) / logBlocks;
+    [[nodiscard]] std::uint64_t cycleAt(std::uint64_t block) const {
+        return beginCycle + (begin + block) / logBlocks;
     }
 
     [[nodiscard]] std::uint64_t headersOf(std::uint64_t block) const {
@@ -84,8 +85,8 @@ private:
     [[nodiscard]] bool isRecord(std::uint64_t block, std::uint64_t end) const {
         if (bytes.big(within(block, header::magic)) != headerMagic ||
             bytes.big(within(block, header::version)) != 2 ||
-            bytes.big(within(block, header::numberRound)) != roundAt(block) ||
-            bytes.big(within(block, header::numberBlock)) != placeOf(block)) {
+            bytes.big(within(block, header::lsnCycle)) != cycleAt(block) ||
+            bytes.big(within(block, header::lsnBlock)) != placeOf(block)) {
             return false;
         }
         const std::uint64_t length = bytes.big(within(block, header::length));
@@ -99,7 +100,7 @@ private:
 
     Fields bytes;
     std::uint64_t begin;
-    std::uint64_t beginRound;
+    std::uint64_t beginCycle;
     std::uint64_t logBlocks;
 };
 
@@ -108,12 +109,12 @@ public:
     Log(const os::FileDescriptor& device, const XfsLogPlace& place) : device(device), place(place) {}
 
     [[nodiscard]] std::optional<XfsLogHead> head() const {
-        const std::uint64_t round = roundAt(0);
-        if (round == 0) {
-            return std::nullopt; // never written, or not to be read
+        const std::uint64_t cycle = cycleAt(0);
+        if (cycle == 0) {
+            return std::nullopt; // never written, or unreadable
         }
-        const std::uint64_t end = endOfRound(round);
-        const bool hasOlder = roundAt(place.blocks - 1) != 0 && round > 1;
+        const std::uint64_t end = endOfCycle(cycle);
+        const bool hasOlder = cycleAt(place.blocks - 1) != 0 && cycle > 1;
         const std::uint64_t length = std::min(windowBlocks, hasOlder ? place.blocks : end);
         const bool wraps = length > end;
         const std::uint64_t begin = wraps ? end + place.blocks - length : end - length;
@@ -121,28 +122,29 @@ public:
         if (!bytes) {
             return std::nullopt;
         }
-        const Window window(std::move(bytes), begin, wraps ? round - 1 : round, place.blocks);
+        const Window window(std::move(bytes), begin, wraps ? cycle - 1 : cycle, place.blocks);
         return window.lastRecord(window.soundBlocks());
     }
 
 private:
-    [[nodiscard]] std::uint64_t roundAt(std::uint64_t block) const {
+    [[nodiscard]] std::uint64_t cycleAt(std::uint64_t block) const {
         const Fields bytes = readDirect(device, place.offset + block * blockSize, blockSize);
-        return bytes ? roundOf(bytes, 0) : 0;
+        return bytes ? cycleOf(bytes, 0) : 0;
     }
 
-    /// The first block that isn't of this round, if those that are stand before all others.
-    [[nodiscard]] std::uint64_t endOfRound(std::uint64_t round) const {
+    /// Finds the first block that isn't of this cycle, by a binary search: the blocks of the cycle come
+    /// first.
+    [[nodiscard]] std::uint64_t endOfCycle(std::uint64_t cycle) const {
         std::uint64_t low = 0;
         std::uint64_t high = place.blocks;
         while (high - low > 1) {
             const std::uint64_t middle = low + (high - low) / 2;
-            (roundAt(middle) == round ? low : high) = middle;
+            (cycleAt(middle) == cycle ? low : high) = middle;
         }
         return high;
     }
 
-    /// Blocks of the ring.
+    /// Reads blocks of the ring, which may wrap around.
     [[nodiscard]] Fields read(std::uint64_t begin, std::uint64_t count) const {
         const std::uint64_t first = std::min(count, place.blocks - begin);
         const Fields head = readDirect(device, place.offset + begin * blockSize, first * blockSize);

@@ -11,8 +11,8 @@ namespace zephane {
 
 namespace {
 
-/// What is written before a flush in between, so that no flush keeps a slow disk busy for longer than an
-/// answer may take; bytes.
+/// The amount of data, in bytes, after which a flush is sent, so that no flush takes a slow disk longer than
+/// the time limit for an answer.
 constexpr std::uint64_t flushEvery = 512 * wire::mebibyte;
 
 Status statusOf(const Failure& failure) {
@@ -43,7 +43,7 @@ Status ZephaneFTPClient::Connection::open() {
         connect();
         return {};
     } catch (...) {
-        return explain(failureOf(std::current_exception()));
+        return endWithStatus(failureOf(std::current_exception()));
     }
 }
 
@@ -60,8 +60,8 @@ void ZephaneFTPClient::Connection::connect() {
 }
 
 std::int64_t ZephaneFTPClient::Connection::seek(std::int64_t to, int whence) {
-    if (broken || !image) {
-        errno = broken ? EIO : ENOTCONN;
+    if (endStatus || !image) {
+        errno = endStatus ? EIO : ENOTCONN;
         return -1;
     }
     if (whence != 0 || to < 0 || static_cast<std::uint64_t>(to) > imageSize) {
@@ -74,14 +74,14 @@ std::int64_t ZephaneFTPClient::Connection::seek(std::int64_t to, int whence) {
 
 std::int64_t ZephaneFTPClient::Connection::read(void* data, std::size_t length, Status& status) {
     const std::uint64_t begin = position;
-    status = attempt([&] { readAll({static_cast<std::uint8_t*>(data), length}); });
+    status = runGuarded([&] { readAll({static_cast<std::uint8_t*>(data), length}); });
     return static_cast<std::int64_t>(position - begin);
 }
 
 std::int64_t ZephaneFTPClient::Connection::write(const void* data, std::size_t length, int options,
                                                  Status& status) {
     const std::uint64_t begin = position;
-    status = attempt([&] {
+    status = runGuarded([&] {
         requireWritable();
         if (options != 0) {
             throw CallError(EINVAL, "there are no options of writing");
@@ -92,38 +92,39 @@ std::int64_t ZephaneFTPClient::Connection::write(const void* data, std::size_t l
 }
 
 Status ZephaneFTPClient::Connection::punchHole(std::uint64_t length) {
-    return attempt([&] {
+    return runGuarded([&] {
         requireWritable();
-        punch(length);
+        queueHole(length);
     });
 }
 
 Status ZephaneFTPClient::Connection::close() {
-    if (broken) {
-        return *broken;
+    if (endStatus) {
+        return *endStatus;
     }
     if (!image) {
-        return lost ? statusOf(*lost) : Status{Status::alreadyClosed, "there is nothing to close"};
+        return flushFailure ? statusOf(*flushFailure)
+                            : Status{Status::alreadyClosed, "there is nothing to close"};
     }
-    Status status = attempt([this] { image->settle(); });
-    const Status flushed = attempt([this] { flush(); });
-    if (!broken) {
-        sayGoodBye();
+    Status status = runGuarded([this] { image->awaitHoles(); });
+    const Status flushed = runGuarded([this] { flush(); });
+    if (!endStatus) {
+        disconnect();
     }
     return status.code != 0 ? status : flushed;
 }
 
-/// All is stored by now, so what fails here has no meaning.
-void ZephaneFTPClient::Connection::sayGoodBye() {
-    attempt([this] { image->end(); });
-    broken.reset();
+/// Called after the last flush, whose result `close` returns, so a failure here doesn't matter.
+void ZephaneFTPClient::Connection::disconnect() {
+    runGuarded([this] { image->end(); });
+    endStatus.reset();
     image.reset();
     session->end();
 }
 
-Status ZephaneFTPClient::Connection::attempt(const std::function<void()>& work) {
-    if (broken) {
-        return *broken;
+Status ZephaneFTPClient::Connection::runGuarded(const std::function<void()>& work) {
+    if (endStatus) {
+        return *endStatus;
     }
     if (!image) {
         return {-ENOTCONN, "the client isn't connected"};
@@ -134,14 +135,15 @@ Status ZephaneFTPClient::Connection::attempt(const std::function<void()>& work) 
     } catch (...) {
         const Failure failure = failureOf(std::current_exception());
         if (!image->isAlive() || session->hasEnded()) {
-            broken = explain(failure);
+            endStatus = endWithStatus(failure);
         }
-        return broken.value_or(statusOf(failure));
+        return endStatus.value_or(statusOf(failure));
     }
 }
 
-/// Ends the connection. What had ended it before says more than what a call saw of it.
-Status ZephaneFTPClient::Connection::explain(const Failure& failure) {
+/// Ends the connection. If an earlier failure has ended it already, adds that failure's text, which explains
+/// more than the failure of the call.
+Status ZephaneFTPClient::Connection::endWithStatus(const Failure& failure) {
     image.reset();
     const std::optional<Failure> reason = session ? session->end() : std::nullopt;
     if (!reason || reason->text == failure.text) {
@@ -154,8 +156,8 @@ void ZephaneFTPClient::Connection::readAll(std::span<std::uint8_t> data) {
     if (data.empty()) {
         return;
     }
-    image->settle();
-    flush(); // what is read back is to be what is stored
+    image->awaitHoles();
+    flush(); // so that the data read is the data stored
     data = data.first(std::min<std::uint64_t>(data.size(), imageSize - position));
     while (!data.empty()) {
         const auto part = data.first(std::min(data.size(), wire::requestBytes));
@@ -169,7 +171,7 @@ void ZephaneFTPClient::Connection::writeAll(std::span<const std::uint8_t> data) 
     if (data.empty()) {
         return;
     }
-    image->settle();
+    image->awaitHoles();
     if (position == imageSize) {
         throw CallError(ENOSPC, "the image ends here");
     }
@@ -184,7 +186,7 @@ void ZephaneFTPClient::Connection::writeAll(std::span<const std::uint8_t> data) 
 void ZephaneFTPClient::Connection::writePart(std::span<const std::uint8_t> part) {
     const std::uint64_t begin = position;
     for (const Run& run : runsToWrite(part)) {
-        position = begin + run.offset; // up to here the image has what it should have
+        position = begin + run.offset; // the image is right up to here
         unflushed.add(position, run.length);
         image->write(part.subspan(run.offset, run.length), position);
     }
@@ -194,20 +196,20 @@ void ZephaneFTPClient::Connection::writePart(std::span<const std::uint8_t> part)
     }
 }
 
-void ZephaneFTPClient::Connection::punch(std::uint64_t length) {
+void ZephaneFTPClient::Connection::queueHole(std::uint64_t length) {
     if (length > imageSize - position) {
         throw CallError(EINVAL, "the hole would end behind the image");
     }
     unflushed.add(position, length);
-    image->punch(position, length);
+    image->queueHole(position, length);
     position += length;
 }
 
-/// Once a flush has failed nothing that came before it can be relied on, even if another one worked: a kernel
-/// forgets what it could not write.
+/// After a failed flush, earlier writes can't be relied on even if a later flush succeeds: a kernel discards
+/// data that it couldn't write back.
 void ZephaneFTPClient::Connection::flush() {
-    if (lost) {
-        throw CallError(lost->error, lost->text);
+    if (flushFailure) {
+        throw CallError(flushFailure->error, flushFailure->text);
     }
     if (unflushed.isEmpty()) {
         return;
@@ -215,7 +217,7 @@ void ZephaneFTPClient::Connection::flush() {
     try {
         image->flush();
     } catch (...) {
-        lost = failureOf(std::current_exception());
+        flushFailure = failureOf(std::current_exception());
         throw;
     }
     unflushed.clear();
@@ -236,7 +238,7 @@ std::vector<Run> ZephaneFTPClient::Connection::runsToWrite(std::span<const std::
 
 std::vector<Run> ZephaneFTPClient::Connection::runsByDigests(std::span<const std::uint8_t> part) {
     if (unflushed.overlaps(position, part.size())) {
-        flush(); // the server reads over another connection
+        flush(); // the server reads the image over another connection
     }
     std::vector<wire::Digest> local;
     const auto remote = session->digests({position, static_cast<std::uint32_t>(part.size())},

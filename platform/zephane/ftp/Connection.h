@@ -3,7 +3,7 @@
 #include "zephane/ftp/DifferingRuns.h"
 #include "zephane/ftp/Failure.h"
 #include "zephane/ftp/Session.h"
-#include "zephane/ftp/Unflushed.h"
+#include "zephane/ftp/UnflushedRange.h"
 #include "zephane/ftp/ZephaneFTPClient.h"
 #include "zephane/nbd/NbdImage.h"
 
@@ -16,7 +16,8 @@
 
 namespace zephane {
 
-/// What a client is, wherever it is moved to. See ZephaneFTPClient, whose calls these are.
+/// The implementation of ZephaneFTPClient, which documents the calls. This object keeps its address when the
+/// client is moved.
 class ZephaneFTPClient::Connection {
 public:
     Connection(std::unique_ptr<SocketImpl> socket, SessionPeer peer, ClientPatience patience);
@@ -34,14 +35,14 @@ public:
 
 private:
     void connect();
-    Status attempt(const std::function<void()>& work);
-    Status explain(const Failure& failure);
-    void sayGoodBye();
+    Status runGuarded(const std::function<void()>& work);
+    Status endWithStatus(const Failure& failure);
+    void disconnect();
 
     void readAll(std::span<std::uint8_t> data);
     void writeAll(std::span<const std::uint8_t> data);
     void writePart(std::span<const std::uint8_t> part);
-    void punch(std::uint64_t length);
+    void queueHole(std::uint64_t length);
     void flush();
     void requireWritable() const;
 
@@ -49,7 +50,7 @@ private:
     std::vector<Run> runsByDigests(std::span<const std::uint8_t> part);
     std::vector<Run> runsByReading(std::span<const std::uint8_t> part);
 
-    std::unique_ptr<SocketImpl> socket; ///< until `open` hands it on
+    std::unique_ptr<SocketImpl> socket; ///< until `open` passes it to the session
     SessionPeer peer;
     const ClientPatience patience;
     const bool isWritable;
@@ -58,12 +59,12 @@ private:
     bool wasOpened = false;
     std::unique_ptr<Session> session;
     std::optional<NbdImage>
-        image; ///< as long as the connection works; behind the session, which it ends before
+        image; ///< while the connection works; declared after the session, to be destroyed first
     std::uint64_t imageSize = 0; ///< bytes
-    std::uint64_t position = 0;  ///< bytes, not behind the end
-    Unflushed unflushed;
-    std::optional<Failure> lost;  ///< why what has been written may not be stored
-    std::optional<Status> broken; ///< why there is no connection any more
+    std::uint64_t position = 0;  ///< bytes, at most imageSize
+    UnflushedRange unflushed;
+    std::optional<Failure> flushFailure; ///< why data written before may not be on stable storage
+    std::optional<Status> endStatus;     ///< why the connection has ended
 };
 
 } // namespace zephane

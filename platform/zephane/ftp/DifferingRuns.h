@@ -6,7 +6,7 @@
 
 namespace zephane {
 
-/// A part of a piece of data; bytes.
+/// A part of a piece of data, in bytes.
 struct Run {
     std::size_t offset = 0;
     std::size_t length = 0;
@@ -14,7 +14,8 @@ struct Run {
     bool operator==(const Run&) const = default;
 };
 
-/// Those of the wire::digestUnit units of a piece of `length` bytes that differ, neighbours as one run.
+/// The units (wire::digestUnit bytes each) of a piece of `length` bytes that differ; adjacent ones form one
+/// run.
 std::vector<Run> differingRuns(std::size_t length, const std::function<bool(const Run& unit)>& differs);
 
 } // namespace zephane

@@ -12,8 +12,7 @@ namespace zephane {
 
 namespace {
 
-/// The numbers of other libraries than the system's are no errno. asio has a name of its own for the
-/// system's.
+/// Only the codes of the system's categories are errnos. asio has a category of its own for them.
 int errnoOf(const std::error_code& code) {
     const auto& category = code.category();
     const bool isErrno = category == std::system_category() || category == std::generic_category() ||

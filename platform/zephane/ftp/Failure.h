@@ -6,13 +6,12 @@
 
 namespace zephane {
 
-/// Why a call has failed.
 struct Failure {
     int error = 0; ///< errno
     std::string text;
 };
 
-/// A call that can't be done, though nothing may be wrong with the connection.
+/// A call that fails although the connection may still work.
 class CallError : public std::runtime_error {
 public:
     CallError(int error, const std::string& text) : std::runtime_error(text), error(error) {}
@@ -20,7 +19,7 @@ public:
     const int error; ///< errno
 };
 
-/// What an exception of any kind comes to.
+/// The errno and text for an exception of any type.
 Failure failureOf(const std::exception_ptr& exception);
 
 } // namespace zephane

@@ -1,6 +1,7 @@
 #include "zephane/ftp/Session.h"
 
 #include "os/FileDescriptor.h"
+#include "os/Mutex.h"
 #include "zephane/socket/Message.h"
 #include "zephane/socket/Relay.h"
 #include "zephane/socket/Transport.h"
@@ -14,7 +15,6 @@
 #include <cerrno>
 #include <condition_variable>
 #include <csignal>
-#include <mutex>
 #include <pthread.h>
 #include <sys/socket.h>
 #include <thread>
@@ -26,7 +26,8 @@ namespace {
 
 using Local = asio::local::stream_protocol::socket;
 
-/// Signals are for the threads of the program, so none is let into one that is started in its scope.
+/// Blocks all signals, so that a thread started in this scope inherits the mask: the program's own threads
+/// handle signals.
 class SignalsBlocked {
 public:
     SignalsBlocked() {
@@ -44,7 +45,7 @@ private:
 
 } // namespace
 
-/// What the thread does, and what it tells.
+/// The state of the connection's thread, and what it shares with the caller.
 class Session::Conversation {
 public:
     Conversation(std::unique_ptr<SocketImpl> socket, SessionPeer peer, std::chrono::milliseconds patience)
@@ -67,30 +68,29 @@ private:
     Filters filtersFor(std::uint64_t flags);
     Local makeLocal();
     void send(const wire::Bytes& request);
-    void take(wire::FrameKind kind, std::span<const std::uint8_t> payload);
+    void handleFrame(wire::FrameKind kind, std::span<const std::uint8_t> payload);
     void announce(std::uint64_t flags);
     void finish(const std::exception_ptr& exception);
     void stop();
 
-    // The sockets of what follows belong to it.
+    // Declared first, because the sockets in the members below use it.
     asio::io_context io{1};
     std::unique_ptr<SocketImpl> socket;
     const SessionPeer peer;
     const std::chrono::milliseconds patience;
 
-    // Of the thread, once it has been started.
+    // Only the thread uses these, once it has been started.
     std::optional<Relay> relay;
     const char* step = "cannot connect";
     bool isStopping = false;
     bool isAsked = false;
 
-    // Under the mutex.
-    mutable std::mutex mutex;
+    mutable os::Mutex mutex;
     std::condition_variable changed;
-    std::optional<std::uint64_t> granted;
-    std::optional<wire::DigestAnswer> answer;
-    std::optional<Failure> failure;
-    bool isEnded = false;
+    std::optional<std::uint64_t> granted GUARDED_BY(mutex);
+    std::optional<wire::DigestAnswer> answer GUARDED_BY(mutex);
+    std::optional<Failure> failure GUARDED_BY(mutex);
+    bool isEnded GUARDED_BY(mutex) = false;
 
     os::FileDescriptor clientEnd; ///< written before `granted`, read after it
     std::thread thread;
@@ -122,7 +122,7 @@ asio::awaitable<void> Session::Conversation::converse() {
     }
     relay.emplace(
         transport, filtersFor(verdict.granted), makeLocal(),
-        [this](auto kind, auto payload) { take(kind, payload); }, patience);
+        [this](auto kind, auto payload) { handleFrame(kind, payload); }, patience);
     step = "the connection broke";
     announce(verdict.granted);
     co_await relay->run();
@@ -158,28 +158,31 @@ Local Session::Conversation::makeLocal() {
 }
 
 void Session::Conversation::announce(std::uint64_t flags) {
-    const std::lock_guard lock(mutex);
+    const os::Lock lock(mutex);
     granted = flags;
     changed.notify_all();
 }
 
 void Session::Conversation::finish(const std::exception_ptr& exception) {
-    const std::lock_guard lock(mutex);
+    const os::Lock lock(mutex);
     isEnded = true;
-    // A relay that is stopped from outside has no failure; what comes before it is just broken off.
+    // If the relay was stopped from outside, it reports no failure. An error before the relay's start was
+    // then caused by the stop itself.
     if (exception && (relay || !isStopping)) {
         failure = failureOf(exception);
         failure->text = step + (": " + failure->text);
-    } else if (!isStopping && relay && relay->hasRemoteEnded()) { // not the client, by its end of the sockets
+    } else if (!isStopping && relay && relay->hasRemoteEnded()) { // not the client
         failure = Failure{ECONNRESET, "the server has ended the connection"};
     }
     changed.notify_all();
 }
 
 std::uint64_t Session::Conversation::awaitGrant(Clock::time_point until) {
-    std::unique_lock lock(mutex);
-    if (!changed.wait_until(lock, until, [this] { return granted || isEnded; })) {
-        throw CallError(ETIMEDOUT, "the server doesn't answer");
+    os::Lock lock(mutex);
+    while (!granted && !isEnded) {
+        if (!lock.waitUntil(changed, until) && !granted && !isEnded) {
+            throw CallError(ETIMEDOUT, "the server doesn't answer");
+        }
     }
     if (!granted) {
         throw CallError(failure->error, failure->text);
@@ -189,14 +192,17 @@ std::uint64_t Session::Conversation::awaitGrant(Clock::time_point until) {
 
 wire::DigestAnswer Session::Conversation::ask(const wire::DigestRequest& request,
                                               const std::function<void()>& meanwhile) {
-    std::unique_lock lock(mutex);
+    os::Lock lock(mutex);
     answer.reset();
     lock.unlock();
     asio::post(io, [this, message = wire::encode(request)] { send(message); });
     meanwhile();
     lock.lock();
-    if (!changed.wait_for(lock, patience, [this] { return answer || isEnded; })) {
-        throw CallError(ETIMEDOUT, "the server doesn't tell what the image holds");
+    const Clock::time_point until = Clock::now() + patience;
+    while (!answer && !isEnded) {
+        if (!lock.waitUntil(changed, until) && !answer && !isEnded) {
+            throw CallError(ETIMEDOUT, "the server doesn't tell what the image holds");
+        }
     }
     if (!answer) {
         throw CallError(ENOTCONN, "the connection ended before the server told what the image holds");
@@ -209,18 +215,18 @@ void Session::Conversation::send(const wire::Bytes& request) {
     relay->send(wire::FrameKind::digestRequest, request);
 }
 
-void Session::Conversation::take(wire::FrameKind kind, std::span<const std::uint8_t> payload) {
+void Session::Conversation::handleFrame(wire::FrameKind kind, std::span<const std::uint8_t> payload) {
     if (kind != wire::FrameKind::digestAnswer || !std::exchange(isAsked, false)) {
         throw wire::ProtocolError("the server sends a frame that nobody has asked for");
     }
     wire::DigestAnswer decoded = wire::decodeDigestAnswer(payload);
-    const std::lock_guard lock(mutex);
+    const os::Lock lock(mutex);
     answer = std::move(decoded);
     changed.notify_all();
 }
 
 bool Session::Conversation::hasEnded() const {
-    const std::lock_guard lock(mutex);
+    const os::Lock lock(mutex);
     return isEnded;
 }
 
@@ -238,6 +244,7 @@ std::optional<Failure> Session::Conversation::end() {
         asio::post(io, [this] { stop(); });
         thread.join();
     }
+    const os::Lock lock(mutex);
     return failure;
 }
 
@@ -266,7 +273,7 @@ std::vector<wire::Digest> Session::digests(const wire::DigestRequest& request,
     try {
         answer = conversation->ask(request, meanwhile);
     } catch (...) {
-        conversation->end(); // an answer that comes later would be taken for the next one
+        conversation->end(); // a late answer would be taken for that of the next request
         throw;
     }
     if (answer.code != 0) {

@@ -14,7 +14,7 @@
 
 namespace zephane {
 
-/// Who is spoken to, and about what.
+/// The server to connect to, and the image to ask for.
 struct SessionPeer {
     std::string host;
     std::uint16_t port = 0;
@@ -23,31 +23,34 @@ struct SessionPeer {
 };
 
 /// One connection to a server: the handshake, and then a thread that carries an NBD connection between a
-/// local socket and the server, and digests beside it.
-/// Owns:    the socket and the thread; destroying the object ends both.
+/// local socket and the server, and also digest requests and answers.
+/// Owns:    the socket and the thread; the destructor ends both.
 /// Threads: one at a time.
-/// Fails:   CallError; CallError or wire::ProtocolError of `digests`.
+/// Fails:   CallError; `digests` also throws wire::ProtocolError.
 class Session {
 public:
     using Clock = std::chrono::steady_clock;
 
-    /// `patience` is for the answers, once the session is open. CallError without a socket.
+    /// `patience` is the time limit for each answer once the session is open. Throws CallError without a
+    /// socket.
     Session(std::unique_ptr<SocketImpl> socket, const SessionPeer& peer, std::chrono::milliseconds patience);
     Session(const Session&) = delete;
     Session& operator=(const Session&) = delete;
     ~Session();
 
-    /// Until both sides have proven themselves to each other. The flags that the server has granted. Once.
+    /// Connects, and returns after both sides have proven themselves; the result is the flags that the server
+    /// has granted. May be called once.
     std::uint64_t open(Clock::time_point until);
-    /// The end of the NBD connection for the client, who closes it. Once, after `open`.
+    /// The client's end of the local NBD connection, which the caller must close. May be called once, after
+    /// `open`.
     int takeLocal();
-    /// What the server says the image holds there, one digest for each unit. `meanwhile` is called once,
-    /// while the server reads.
+    /// The server's digests of a range of the image, one for each unit. Calls `meanwhile` once, while the
+    /// server reads.
     std::vector<wire::Digest> digests(const wire::DigestRequest& request,
                                       const std::function<void()>& meanwhile);
-    /// Whether there is nobody to talk to any more.
+    /// Whether the connection has ended.
     [[nodiscard]] bool hasEnded() const;
-    /// Ends it. What had ended it before, if anything had.
+    /// Ends the connection. Returns the failure that had ended it before, if any.
     std::optional<Failure> end();
 
 private:

@@ -16,7 +16,8 @@ wire::ClientId randomId() {
     return id;
 }
 
-/// A server lets the connections of one process, and no others, write to an image at once.
+/// A random ID of this process: a server lets only the connections of one process write to an image at a
+/// time.
 const wire::ClientId& processId() {
     static const wire::ClientId id = randomId();
     return id;

@@ -11,21 +11,21 @@
 
 namespace zephane {
 
-/// How long is waited.
+/// Time limits.
 struct ClientPatience {
     std::chrono::milliseconds opening = std::chrono::seconds(20);
     std::chrono::milliseconds answering = std::chrono::minutes(1); ///< for each answer
 };
 
-/// A remote image behind a server, as a file: a position, reads, writes and holes.
-/// Owns:    the socket, and a thread that carries its bytes; destroying the object ends both at once.
+/// A remote image on a server, accessed like a file: a position, reads, writes and holes.
+/// Owns:    the socket, and a thread that carries its data; the destructor ends both at once.
 /// Threads: one at a time.
-/// Fails:   by status; no exception leaves it. The first failure that breaks the connection ends the client:
-///          nothing is resumed, and every later call fails, `seek` too. No call waits longer than a minute
-///          for an answer, nor `open` for longer than twenty seconds; only a name that the system's resolver
-///          doesn't give up takes longer.
+/// Fails:   by status; no call throws. The first failure that breaks the connection ends the client: it
+///          doesn't reconnect, and every later call fails, including `seek`. No call waits longer than a
+///          minute for an answer, and `open` no longer than twenty seconds, unless the system's resolver
+///          takes longer.
 ///
-/// Flags: 1 leaves out writes that would change nothing, 2 compresses, 8 allows writing.
+/// Flags: 1 skips writes that would change nothing, 2 compresses, 8 allows writing.
 class ZephaneFTPClient {
 public:
     ZephaneFTPClient(std::unique_ptr<SocketImpl> socket, std::string host, unsigned short port,
@@ -37,24 +37,24 @@ public:
     ZephaneFTPClient& operator=(const ZephaneFTPClient&) = delete;
     virtual ~ZephaneFTPClient();
 
-    /// Connects and proves both sides to each other. Once.
+    /// Connects, and has both sides prove themselves to each other. May be called once.
     virtual Status open();
-    /// `whence` 0: from the start of the image, in bytes. The new position, or -1 with `errno` and where it
-    /// was: EINVAL for one behind the image's end, ENOTCONN and EIO without a connection that works. Nothing
-    /// is sent.
+    /// Sets the position; `whence` must be 0: from the start of the image, in bytes. Returns the new
+    /// position, or -1 with `errno` and the position unchanged: EINVAL beyond the image's end, ENOTCONN
+    /// without an open connection, EIO after it has broken. Sends nothing.
     virtual std::int64_t seek(std::int64_t position, int whence);
-    /// The bytes read, behind which the position is then: fewer than `length` where the image ends, with a
-    /// code of 0, and with a negative one what was read before the failure.
+    /// Returns the number of bytes read, and advances the position by it. With code 0 it is less than
+    /// `length` only at the end of the image; with a negative code it is the number read before the failure.
     virtual std::int64_t read(void* data, std::size_t length, Status& status);
-    /// The bytes written, as for `read`; none of them at the end of the image is a failure, ENOSPC. `options`
-    /// is 0.
+    /// Returns the number of bytes written, as `read` does. Writing at the end of the image fails with
+    /// ENOSPC. `options` must be 0.
     virtual std::int64_t write(const void* data, std::size_t length, int options, Status& status);
-    /// Makes a hole from the position on, which reads as zeros, and moves the position behind it. What comes
-    /// of it may be told by the next read, write or close.
+    /// Makes a hole of `length` bytes, which reads as zeros, and advances the position by it. A failure may
+    /// be reported only by the next read, write or close.
     virtual Status punchHole(std::uint64_t length);
-    /// Bytes; 0 before `open`.
+    /// In bytes; 0 before `open`.
     [[nodiscard]] virtual std::uint64_t size() const;
-    /// What was written is on the server's storage when it returns 0.
+    /// If this returns 0, all data written is on the server's storage.
     virtual Status close();
 
 private:

@@ -4,7 +4,7 @@
 
 namespace zephane {
 
-/// What can't be said by a status.
+/// A failure that a status can't express.
 class ZephaneFTPException : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;

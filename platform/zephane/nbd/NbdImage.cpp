@@ -22,7 +22,7 @@ struct Close {
     void operator()(nbd_handle* handle) const noexcept { nbd_close(handle); }
 };
 
-/// What is asked of the server.
+/// A request to the server, for error texts.
 struct Request {
     const char* name = "";
     std::uint64_t offset = 0;
@@ -38,7 +38,7 @@ std::string textOf(int error) {
     return std::generic_category().message(error);
 }
 
-/// What libnbd says of the last call; it has no number for some of it.
+/// The error of the last libnbd call. libnbd has no errno for some errors; those become EIO.
 NbdError lastError(const std::string& what) {
     const int error = nbd_get_errno() != 0 ? nbd_get_errno() : EIO;
     const char* const text = nbd_get_error();
@@ -47,7 +47,7 @@ NbdError lastError(const std::string& what) {
 
 } // namespace
 
-/// The handle, and what is under way on it.
+/// The libnbd handle and the requests in flight.
 class NbdImage::Connection {
 public:
     using Connect = std::function<int(nbd_handle*)>;
@@ -56,10 +56,10 @@ public:
 
     [[nodiscard]] bool isAlive() const;
     nbd_handle* use();
-    /// Waits until the server has done what `cookie` stands for.
+    /// Waits until the server has answered the request with this cookie.
     void await(std::int64_t cookie, const Request& request);
-    void punch(const Request& request);
-    void settle();
+    void queueHole(const Request& request);
+    void awaitHoles();
     void end();
     void checkRange(const Request& request) const;
     void checkSize(const Request& request) const;
@@ -131,8 +131,8 @@ nbd_handle* NbdImage::Connection::use() {
     return handle.get();
 }
 
-/// Lets libnbd send and receive. Without an answer in time the handle goes, as it would write into buffers
-/// that are no longer there.
+/// Lets libnbd send and receive. If no answer comes in time, closes the handle, because libnbd would
+/// otherwise write a late answer into the caller's buffer, which may be gone.
 void NbdImage::Connection::poll(Clock::time_point until, const std::string& what) {
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(until - Clock::now());
     if (left.count() <= 0) {
@@ -163,12 +163,12 @@ void NbdImage::Connection::await(std::int64_t cookie, const Request& request) {
     }
 }
 
-void NbdImage::Connection::punch(const Request& request) {
+void NbdImage::Connection::queueHole(const Request& request) {
     if (holes.size() == holesAtOnce) {
         awaitOldestHole();
     }
     if (!isAlive()) {
-        settle();
+        awaitHoles();
     }
     const std::int64_t cookie = nbd_aio_zero(use(), request.length, request.offset, NBD_NULL_COMPLETION, 0);
     if (cookie < 0) {
@@ -188,11 +188,11 @@ void NbdImage::Connection::awaitOldestHole() {
         }
     }
     if (!isAlive()) {
-        holes.clear(); // nobody answers any more
+        holes.clear(); // no answers come any more
     }
 }
 
-void NbdImage::Connection::settle() {
+void NbdImage::Connection::awaitHoles() {
     while (!holes.empty()) {
         awaitOldestHole();
     }
@@ -282,18 +282,18 @@ void NbdImage::write(std::span<const std::uint8_t> data, std::uint64_t offset) {
     }
 }
 
-void NbdImage::punch(std::uint64_t offset, std::uint64_t length) {
+void NbdImage::queueHole(std::uint64_t offset, std::uint64_t length) {
     connection->checkRange({"make a hole of", offset, length});
     connection->checkWritable({"make a hole of", offset, length});
     for (std::uint64_t done = 0; done < length;) {
         const std::uint64_t part = std::min<std::uint64_t>(length - done, wire::requestBytes);
-        connection->punch({"make a hole of", offset + done, part});
+        connection->queueHole({"make a hole of", offset + done, part});
         done += part;
     }
 }
 
-void NbdImage::settle() {
-    connection->settle();
+void NbdImage::awaitHoles() {
+    connection->awaitHoles();
 }
 
 void NbdImage::flush() {

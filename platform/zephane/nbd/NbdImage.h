@@ -11,33 +11,33 @@
 
 namespace zephane {
 
-/// What an NBD server has refused, or that it can't be reached any more.
+/// The NBD server has refused a request, or can't be reached any more.
 class NbdError : public std::runtime_error {
 public:
     NbdError(int error, const std::string& what) : std::runtime_error(what), error(error) {}
 
-    const int error; ///< errno, of the server if it has told one
+    const int error; ///< errno, as the server sent it if it did
 };
 
-/// How long is waited.
+/// Time limits.
 struct NbdPatience {
     std::chrono::milliseconds connecting = wire::answerTime; ///< until the image's size is known
     std::chrono::milliseconds answering = wire::answerTime;  ///< for each answer
 };
 
 /// One NBD connection to one image.
-/// Owns:    the connection; destroying the object drops it without a word.
+/// Owns:    the connection; the destructor drops it without a disconnect request.
 /// Threads: one at a time.
-/// Fails:   NbdError. ETIMEDOUT when an answer takes longer than it may. After that, and after a
-///          connection that has broken, every call fails; `isAlive` tells.
+/// Fails:   NbdError, with ETIMEDOUT when an answer takes too long. After a timeout or a broken connection
+///          `isAlive` is false, and every call fails.
 ///
-/// Ranges are checked here before anything is sent: EINVAL for what reaches behind the image or is larger
-/// than wire::requestBytes.
+/// Ranges are checked before anything is sent: a range that ends beyond the image, or is larger than
+/// wire::requestBytes, fails with EINVAL.
 class NbdImage {
 public:
-    /// Over a connected socket, which is its own from here on.
+    /// Connects over a connected socket, and takes ownership of it.
     explicit NbdImage(int socket, NbdPatience patience = {});
-    /// Over a Unix socket.
+    /// Connects over a Unix socket at `path`.
     explicit NbdImage(const std::string& path, NbdPatience patience = {});
     NbdImage(NbdImage&& other) noexcept;
     NbdImage& operator=(NbdImage&& other) noexcept;
@@ -47,21 +47,22 @@ public:
 
     [[nodiscard]] std::uint64_t size() const; ///< bytes
     [[nodiscard]] bool isReadOnly() const;
-    /// Whether what one connection has been told to be done is what the next one reads.
+    /// Whether one connection can read what another one has written (NBD's multi-conn flag).
     [[nodiscard]] bool isSharedByConnections() const;
     [[nodiscard]] bool isAlive() const;
 
     void read(std::span<std::uint8_t> data, std::uint64_t offset);
     void write(std::span<const std::uint8_t> data, std::uint64_t offset);
-    /// Makes a hole that reads as zeros, and doesn't wait for it: sixteen may be on their way, the next one
-    /// waits for the first. Of any length; it is cut into requests. What overlaps it is for after `settle`.
-    void punch(std::uint64_t offset, std::uint64_t length);
-    /// Waits for all holes. Throws what has failed of them since the last time, once.
-    void settle();
-    /// What has been written is on stable storage when it returns. An engine that knows no such request has
-    /// nothing to store later: nothing is sent then.
+    /// Makes a hole that reads as zeros. `length` may be any size; it is cut into requests. Doesn't wait for
+    /// the answers: up to sixteen requests may be in flight, and one more waits for the oldest. Call
+    /// `awaitHoles` before any other request that overlaps the hole.
+    void queueHole(std::uint64_t offset, std::uint64_t length);
+    /// Waits for all holes. Throws the first error since the last call, once.
+    void awaitHoles();
+    /// When this returns, all data written is on stable storage. If the server doesn't support flush
+    /// requests, it has no cache to flush, and nothing is sent.
     void flush();
-    /// Says good-bye, after `settle`.
+    /// Disconnects cleanly, with a disconnect request. Call `awaitHoles` first.
     void end();
 
 private:

@@ -6,10 +6,13 @@
 
 namespace zephane {
 
-/// A transport, and the filters that are put around it. See SocketImpl.
+/// A transport, and the filters for the stream that goes through it.
+/// Owns:    the transport and the filters.
+/// Threads: one at a time.
+/// Fails:   only the constructor.
 class BasicSocket : public SocketImpl {
 public:
-    /// std::invalid_argument without a transport.
+    /// Throws std::invalid_argument without a transport.
     explicit BasicSocket(std::unique_ptr<Transport> transport);
     BasicSocket(const BasicSocket&) = delete;
     BasicSocket& operator=(const BasicSocket&) = delete;

@@ -6,18 +6,18 @@
 
 namespace zephane {
 
-/// A connection to one peer, both directions of which are used at once.
-/// Owns:    the connection; destroying the object ends it.
-/// Threads: one at a time (that of its executor, or a strand of it).
-/// Fails:   asio::system_error; the connection is of no use then.
+/// A connection to one peer. One coroutine may read while another one writes.
+/// Owns:    the connection; the destructor ends it.
+/// Threads: one at a time: that of its executor, or a strand of it.
+/// Fails:   asio::system_error; the connection can't be used any more then.
 class ByteStream {
 public:
     virtual ~ByteStream() = default;
-    /// At least one byte, or 0 when the peer has ended its side in the orderly way.
+    /// Reads at least one byte; returns 0 when the peer has closed its side cleanly.
     virtual asio::awaitable<std::size_t> readSome(asio::mutable_buffer buffer) = 0;
-    /// All of it.
+    /// Writes all bytes.
     virtual asio::awaitable<void> write(asio::const_buffer bytes) = 0;
-    /// At once; reads and writes under way end with asio::error::operation_aborted.
+    /// Closes the connection at once; pending reads and writes end with asio::error::operation_aborted.
     virtual void close() noexcept = 0;
 };
 

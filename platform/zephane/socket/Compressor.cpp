@@ -10,7 +10,7 @@ namespace zephane {
 
 namespace {
 
-/// More costs more time than any network of ours takes for what it would save.
+/// A higher level takes longer than our networks would take to send the bytes it saves.
 constexpr int level = 1;
 
 } // namespace

@@ -9,8 +9,11 @@ struct ZSTD_CCtx_s; // NOLINT(readability-identifier-naming): the name of the li
 
 namespace zephane {
 
-/// Makes a zstd stream of level 1 of what passes, flushed at the end of each piece, so that nothing waits.
-/// See Filter.
+/// Compresses into a zstd stream of level 1, which is flushed at the end of each piece, so that no data is
+/// held back.
+/// Owns:    the zstd context and an output buffer.
+/// Threads: one at a time.
+/// Fails:   std::bad_alloc and std::runtime_error, for an error of the library.
 class Compressor : public Filter {
 public:
     Compressor();
@@ -28,7 +31,7 @@ private:
 
     std::unique_ptr<ZSTD_CCtx_s, Free> context;
     std::span<const std::uint8_t> input;
-    bool hasMore = false; ///< of what belongs to the piece
+    bool hasMore = false; ///< the current piece isn't compressed or flushed completely
     std::vector<std::uint8_t> output;
 };
 

@@ -14,7 +14,7 @@ namespace zephane {
 
 namespace {
 
-/// What each zstd stream begins with.
+/// The first bytes of each zstd stream.
 constexpr std::array<std::uint8_t, 4> mark{0x28, 0xb5, 0x2f, 0xfd};
 
 } // namespace
@@ -54,15 +54,15 @@ std::span<const std::uint8_t> Decompressor::next() {
         if (result == 0) {
             marked = 0; // a stream has ended; another may follow
         }
-        // A full buffer may have left something behind. Nothing is taken in without making progress: the
-        // library fails after a few calls that do.
+        // If the buffer is full, the library may hold more data. It isn't called again unless there may be
+        // progress, because it fails after a few calls without any.
         hasMore = to.pos == to.size;
         produced = to.pos;
     }
     return std::span(output).first(produced);
 }
 
-/// The library reads formats of old as well, to whose windows the limit doesn't apply.
+/// The library also reads old formats, to whose windows the limit doesn't apply.
 void Decompressor::checkMark() {
     for (const std::uint8_t byte : input.first(std::min(mark.size() - marked, input.size()))) {
         if (byte != mark.at(marked)) {

@@ -9,8 +9,11 @@ struct ZSTD_DCtx_s; // NOLINT(readability-identifier-naming): the name of the li
 
 namespace zephane {
 
-/// Takes a zstd stream apart. A window beyond wire::windowLog is refused, and so are older formats than RFC
-/// 8878. What comes out is handed out in bounded pieces, however much it is. See Filter.
+/// Decompresses a zstd stream. Refuses a window larger than wire::windowLog allows, and formats older than
+/// RFC 8878. Returns the data in pieces of bounded size, however well it was compressed.
+/// Owns:    the zstd context and an output buffer.
+/// Threads: one at a time.
+/// Fails:   wire::ProtocolError for an invalid stream; the constructor std::bad_alloc and std::runtime_error.
 class Decompressor : public Filter {
 public:
     Decompressor();
@@ -30,9 +33,9 @@ private:
 
     std::unique_ptr<ZSTD_DCtx_s, Free> context;
     std::span<const std::uint8_t> input;
-    bool hasMore = false; ///< of what has been taken apart already
+    bool hasMore = false; ///< decompressed data may be left in the library
     std::vector<std::uint8_t> output;
-    std::size_t marked = 0; ///< bytes of the mark that have come
+    std::size_t marked = 0; ///< how many bytes of the mark have been checked
 };
 
 } // namespace zephane

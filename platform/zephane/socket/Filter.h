@@ -5,17 +5,18 @@
 
 namespace zephane {
 
-/// Changes a stream of bytes on its way: one object, one direction, one connection.
-/// Owns:    what it needs to remember of the stream.
-/// Threads: one.
-/// Fails:   wire::ProtocolError for input that isn't what the other end's filter makes; not to be used again.
+/// Transforms a stream of bytes. One object is for one direction of one connection.
+/// Owns:    the state of the transformation.
+/// Threads: one at a time.
+/// Fails:   wire::ProtocolError for input that the other end's filter can't have made; the filter can't be
+///          used any more then.
 class Filter {
 public:
     virtual ~Filter() = default;
-    /// Takes the next piece of the stream, which has to stay until `next` has nothing more.
+    /// Takes the next piece of the stream, which must stay valid until `next` returns nothing more.
     virtual void feed(std::span<const std::uint8_t> piece) = 0;
-    /// The next bytes of what becomes of it, at most wire::frameBytes; they hold until the next call. Empty
-    /// when the piece is used up and all that belongs to it has been handed out: nothing is held back.
+    /// Returns the next bytes of the result, at most wire::frameBytes; they are valid until the next call.
+    /// Empty when the whole piece is transformed and returned: nothing is held back.
     virtual std::span<const std::uint8_t> next() = 0;
 };
 

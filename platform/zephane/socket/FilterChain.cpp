@@ -18,7 +18,8 @@ std::span<const std::uint8_t> FilterChain::next() {
     if (filters.empty()) {
         return nextUnfiltered();
     }
-    // The last one that has something left; what it has goes through those behind it, which had nothing.
+    // Calls the last filter first. Data that a filter returns is fed to the filter after it, which had
+    // nothing left.
     std::size_t place = filters.size() - 1;
     for (;;) {
         const auto piece = filters[place]->next();

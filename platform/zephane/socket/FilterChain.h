@@ -8,7 +8,10 @@
 
 namespace zephane {
 
-/// Filters one behind the other, as one. Without any, what goes in comes out. See Filter.
+/// A sequence of filters that acts as one. Without filters, the bytes pass unchanged.
+/// Owns:    the filters, together with the lists that they came from.
+/// Threads: one at a time.
+/// Fails:   whatever a filter throws, such as wire::ProtocolError.
 class FilterChain : public Filter {
 public:
     explicit FilterChain(std::vector<std::shared_ptr<Filter>> filters) : filters(std::move(filters)) {}

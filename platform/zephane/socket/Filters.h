@@ -7,10 +7,10 @@
 
 namespace zephane {
 
-/// The filters of a connection; either list may be empty. Each is shared with nobody who uses it.
+/// The filters of a connection; either list may be empty. No other connection may use the same filters.
 struct Filters {
     std::vector<std::shared_ptr<Filter>> reading;
-    std::vector<std::shared_ptr<Filter>> writing; ///< in the order in which the bytes pass them
+    std::vector<std::shared_ptr<Filter>> writing; ///< both in the order in which the bytes pass
 };
 
 } // namespace zephane

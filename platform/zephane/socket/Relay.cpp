@@ -24,13 +24,14 @@ Relay::Relay(ByteStream& remote, Filters filters, asio::local::stream_protocol::
 
 asio::awaitable<void> Relay::run() {
     using asio::experimental::awaitable_operators::operator&&;
-    co_await (guard(carryOut()) && guard(carryIn()) && guard(sendWaiting()) && guard(watch()));
+    co_await (guard(localToRemote()) && guard(remoteToLocal()) && guard(sendPendingFrames()) &&
+              guard(watch()));
     if (failure) {
         std::rethrow_exception(failure);
     }
 }
 
-/// The first part that ends takes the others with it; what they fail with then says nothing.
+/// The first part that ends stops the others; their failures are only a consequence, so they are ignored.
 asio::awaitable<void> Relay::guard(asio::awaitable<void> part) {
     try {
         co_await std::move(part);
@@ -55,7 +56,7 @@ void Relay::stop() noexcept {
     changed.cancel();
 }
 
-asio::awaitable<void> Relay::carryOut() {
+asio::awaitable<void> Relay::localToRemote() {
     std::vector<std::uint8_t> frame(wire::frameHeadBytes + wire::frameBytes);
     const auto payload = asio::buffer(frame) + wire::frameHeadBytes;
     for (;;) {
@@ -73,7 +74,7 @@ asio::awaitable<void> Relay::carryOut() {
     }
 }
 
-asio::awaitable<void> Relay::carryIn() {
+asio::awaitable<void> Relay::remoteToLocal() {
     std::vector<std::uint8_t> buffer(wire::frameBytes);
     for (;;) {
         const std::size_t count = co_await remote.readSome(asio::buffer(buffer));
@@ -83,12 +84,12 @@ asio::awaitable<void> Relay::carryIn() {
         }
         reading.feed(std::span(buffer).first(count));
         for (auto piece = reading.next(); !piece.empty(); piece = reading.next()) {
-            co_await handOut(piece);
+            co_await dispatch(piece);
         }
     }
 }
 
-asio::awaitable<void> Relay::handOut(std::span<const std::uint8_t> bytes) {
+asio::awaitable<void> Relay::dispatch(std::span<const std::uint8_t> bytes) {
     while (const auto piece = frames.next(bytes)) {
         if (piece->kind == wire::FrameKind::nbd) {
             co_await writeLocal(piece->payload);
@@ -118,28 +119,28 @@ asio::awaitable<void> Relay::writeRemote(std::span<const std::uint8_t> frame) {
 }
 
 void Relay::send(wire::FrameKind kind, std::span<const std::uint8_t> payload) {
-    if (waiting) {
+    if (pendingFrame) {
         throw wire::ProtocolError("more is asked for than is taken");
     }
     std::vector<std::uint8_t> frame(wire::frameHeadBytes + payload.size());
     const auto body = std::ranges::copy(wire::frameHead(kind, payload.size()), frame.begin()).out;
     std::ranges::copy(payload, body);
-    waiting = std::move(frame);
+    pendingFrame = std::move(frame);
     changed.cancel();
 }
 
-asio::awaitable<void> Relay::sendWaiting() {
+asio::awaitable<void> Relay::sendPendingFrames() {
     for (;;) {
-        co_await waitUntil(&Relay::hasWaiting);
-        const std::vector<std::uint8_t> frame = std::move(*waiting);
-        waiting.reset();
+        co_await waitUntil(&Relay::hasPendingFrame);
+        const std::vector<std::uint8_t> frame = std::move(*pendingFrame);
+        pendingFrame.reset();
         co_await writeRemote(frame);
     }
 }
 
 asio::awaitable<void> Relay::waitUntil(bool (Relay::*condition)() const) {
     while (!isStopped && !(this->*condition)()) {
-        asio::error_code changeOfState; // the timer never ends otherwise
+        asio::error_code changeOfState; // the timer ends only when it is cancelled
         co_await changed.async_wait(asio::redirect_error(asio::use_awaitable, changeOfState));
     }
     if (isStopped) {
@@ -147,7 +148,7 @@ asio::awaitable<void> Relay::waitUntil(bool (Relay::*condition)() const) {
     }
 }
 
-/// A limit is never nearer than `patience` when it is set, so looking once in that time misses none.
+/// A deadline is `patience` away when it is set, so checking once in that time misses none.
 asio::awaitable<void> Relay::watch() {
     while (!isStopped) {
         const auto now = Clock::now();

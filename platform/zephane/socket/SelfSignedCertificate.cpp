@@ -29,7 +29,7 @@ void name(X509& certificate) {
 }
 
 void limitTime(X509& certificate) {
-    // Nobody looks at it; what counts is that it is well formed.
+    // No peer checks the validity period; it only must be well formed.
     constexpr long year = 365L * 24 * 60 * 60;
     require(X509_gmtime_adj(X509_getm_notBefore(&certificate), 0) != nullptr);
     require(X509_gmtime_adj(X509_getm_notAfter(&certificate), year) != nullptr);

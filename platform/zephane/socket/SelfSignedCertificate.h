@@ -4,8 +4,8 @@
 
 namespace zephane {
 
-/// Gives a server a key and a certificate that are made just now and prove nothing. std::runtime_error if
-/// OpenSSL can't.
+/// Generates a key and a self-signed certificate for a server. They don't authenticate the server. Throws
+/// std::runtime_error if OpenSSL fails.
 void useSelfSignedCertificate(SSL_CTX& context);
 
 } // namespace zephane

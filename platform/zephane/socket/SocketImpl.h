@@ -6,15 +6,15 @@ namespace zephane {
 
 class Transport;
 
-/// What a client speaks through.
-/// Owns:    the transport.
+/// The connection that a client uses.
+/// Owns:    the transport and the lists of filters.
 /// Threads: one at a time.
-/// Fails:   see Transport.
+/// Fails:   these calls don't fail; the transport fails as ByteStream does.
 class SocketImpl {
 public:
     virtual ~SocketImpl() = default;
     virtual Transport& transport() = 0;
-    /// Those of the stream that follows the handshake: of what is read first, of what is written second.
+    /// The filters of the stream that follows the handshake: one list for reading, one for writing.
     virtual Filters& filters() = 0;
 };
 

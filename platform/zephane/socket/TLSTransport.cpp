@@ -23,11 +23,11 @@ using Endpoints = std::vector<tcp::endpoint>;
 
 } // namespace
 
-/// What there is of a connection, from the look-up of the name on.
-class TLSTransport::Link {
+/// The parts of a connection, from the look-up of the host's name on.
+class TLSTransport::Connection {
 public:
     asio::awaitable<void> establish(const std::string& host, unsigned short port);
-    /// std::logic_error before it is established.
+    /// Throws std::logic_error before the connection is established.
     TlsStream& established();
     void close() noexcept;
 
@@ -42,7 +42,7 @@ private:
     std::optional<TlsStream> stream;
 };
 
-asio::awaitable<void> TLSTransport::Link::establish(const std::string& host, unsigned short port) {
+asio::awaitable<void> TLSTransport::Connection::establish(const std::string& host, unsigned short port) {
     const Endpoints endpoints = co_await lookUp(host, port);
     asio::error_code error = asio::error::host_not_found;
     for (const auto& endpoint : endpoints) {
@@ -58,9 +58,10 @@ asio::awaitable<void> TLSTransport::Link::establish(const std::string& host, uns
     co_await stream->handshake(asio::ssl::stream_base::client);
 }
 
-/// asio alone would leave the descriptor open in the programs that are started meanwhile. Closing it drops
-/// what is still to be sent: a write that was given up must not arrive when the next connection has written.
-asio::awaitable<asio::error_code> TLSTransport::Link::attempt(const tcp::endpoint& endpoint) {
+/// Opens the socket with SOCK_CLOEXEC, which asio doesn't set, so that programs started meanwhile don't
+/// inherit it. With a linger time of 0, closing discards unsent data: a write that was given up must not
+/// reach the server after the next connection has written.
+asio::awaitable<asio::error_code> TLSTransport::Connection::attempt(const tcp::endpoint& endpoint) {
     if (isClosed) {
         co_return asio::error::operation_aborted;
     }
@@ -78,7 +79,7 @@ asio::awaitable<asio::error_code> TLSTransport::Link::attempt(const tcp::endpoin
     co_return error;
 }
 
-asio::awaitable<Endpoints> TLSTransport::Link::lookUp(const std::string& host, unsigned short port) {
+asio::awaitable<Endpoints> TLSTransport::Connection::lookUp(const std::string& host, unsigned short port) {
     asio::error_code noAddress;
     const auto address = asio::ip::make_address(host, noAddress);
     Endpoints endpoints;
@@ -95,14 +96,14 @@ asio::awaitable<Endpoints> TLSTransport::Link::lookUp(const std::string& host, u
     co_return endpoints;
 }
 
-TlsStream& TLSTransport::Link::established() {
+TlsStream& TLSTransport::Connection::established() {
     if (!stream) {
         throw std::logic_error("the transport isn't connected");
     }
     return *stream;
 }
 
-void TLSTransport::Link::close() noexcept {
+void TLSTransport::Connection::close() noexcept {
     isClosed = true;
     asio::error_code ignored; // it is closed either way
     if (resolver) {
@@ -118,7 +119,7 @@ void TLSTransport::Link::close() noexcept {
 
 TLSTransport::TLSTransport(const std::string& certificate, const std::string& authority,
                            std::chrono::milliseconds patience)
-    : patience(patience), link(std::make_shared<Link>()) {
+    : patience(patience), connection(std::make_shared<Connection>()) {
     if (!certificate.empty() || !authority.empty()) {
         throw std::invalid_argument("certificates prove nothing here");
     }
@@ -130,33 +131,33 @@ asio::awaitable<void> TLSTransport::connect(const std::string& host, unsigned sh
     const auto executor = co_await asio::this_coro::executor;
     asio::steady_timer limit(executor, patience);
     const auto isLate = std::make_shared<bool>(false);
-    limit.async_wait([isLate, attempt = link](asio::error_code stopped) {
+    limit.async_wait([isLate, connecting = connection](asio::error_code stopped) {
         if (!stopped) {
             *isLate = true;
-            attempt->close();
+            connecting->close();
         }
     });
     try {
-        co_await link->establish(host, port);
+        co_await connection->establish(host, port);
     } catch (const asio::system_error& error) {
         throw asio::system_error(*isLate ? make_error_code(asio::error::timed_out) : error.code());
     }
 }
 
 wire::ChannelBinding TLSTransport::channelBinding() {
-    return link->established().channelBinding();
+    return connection->established().channelBinding();
 }
 
 asio::awaitable<std::size_t> TLSTransport::readSome(asio::mutable_buffer buffer) {
-    return link->established().readSome(buffer);
+    return connection->established().readSome(buffer);
 }
 
 asio::awaitable<void> TLSTransport::write(asio::const_buffer bytes) {
-    return link->established().write(bytes);
+    return connection->established().write(bytes);
 }
 
 void TLSTransport::close() noexcept {
-    link->close();
+    connection->close();
 }
 
 } // namespace zephane

@@ -9,13 +9,17 @@
 
 namespace zephane {
 
-/// The TLS layer of a connection. See Transport.
+/// The TLS layer of a client's connection.
+/// Owns:    the connection, from the look-up of the host's name on.
+/// Threads: one at a time, that of the executor on which `connect` runs.
+/// Fails:   asio::system_error, asio::error::timed_out when connecting takes too long; std::logic_error for
+///          calls before `connect`.
 class TLSTransport : public Transport {
 public:
-    /// Files of a certificate of the client's own and of the authorities it trusts. Both empty: the client
-    /// shows no certificate and takes any, which proves nothing; the handshake above proves both sides.
-    /// std::invalid_argument for others than empty ones, which no server of ours asks for. `patience` is what
-    /// connecting may take; only a name that the resolver doesn't give up in that time takes longer.
+    /// `certificate` and `authority` must be empty, or std::invalid_argument is thrown: no server of ours
+    /// asks for certificates. The client shows no certificate and accepts any; TLS proves nothing here, but
+    /// the handshake inside it proves both sides. `patience` is the time limit for connecting, unless the
+    /// resolver takes longer.
     TLSTransport(const std::string& certificate, const std::string& authority,
                  std::chrono::milliseconds patience = wire::handshakeTime);
     TLSTransport(const TLSTransport&) = delete;
@@ -29,10 +33,10 @@ public:
     void close() noexcept override;
 
 private:
-    class Link;
+    class Connection;
 
     std::chrono::milliseconds patience;
-    std::shared_ptr<Link> link; ///< shared with the timer that ends an attempt to connect
+    std::shared_ptr<Connection> connection; ///< shared with the timer that ends `connect`
 };
 
 } // namespace zephane

@@ -24,7 +24,7 @@ constexpr std::string_view bindingLabel = "EXPORTER-Channel-Binding";
 asio::ssl::context contextOf(asio::ssl::context::method side) {
     asio::ssl::context context(side);
     SSL_CTX* const native = context.native_handle();
-    // Early data stays off, as nobody allows any.
+    // Early data is off by default.
     if (SSL_CTX_set_min_proto_version(native, TLS1_3_VERSION) != 1 ||
         SSL_CTX_set_num_tickets(native, 0) != 1) {
         throw std::runtime_error("OpenSSL can't do TLS 1.3");
@@ -35,7 +35,7 @@ asio::ssl::context contextOf(asio::ssl::context::method side) {
     return context;
 }
 
-/// asio accepts connections that the programs started later would keep open.
+/// asio accepts connections without close-on-exec, so programs started later would keep them open.
 void closeOnExec(int socket) {
     if (::fcntl(socket, F_SETFD, FD_CLOEXEC) != 0) {
         throw asio::system_error(errno, asio::error::get_system_category(), "fcntl");
@@ -48,8 +48,8 @@ void setOption(int socket, int level, int name, int value) {
     }
 }
 
-/// A peer that has gone without a word is found even when nothing is being sent.
-void expectLife(int socket) {
+/// Has the kernel detect a peer that has vanished, even when nothing is being sent.
+void enableKeepalive(int socket) {
     constexpr int idleSeconds = 20;
     constexpr int probeSeconds = 10;
     const auto patience = std::chrono::milliseconds(wire::answerTime).count();
@@ -75,7 +75,7 @@ TlsStream::TlsStream(asio::ip::tcp::socket socket, asio::ssl::context& context)
     : stream(std::move(socket), context) {
     stream.lowest_layer().set_option(asio::ip::tcp::no_delay(true));
     closeOnExec(stream.lowest_layer().native_handle());
-    expectLife(stream.lowest_layer().native_handle());
+    enableKeepalive(stream.lowest_layer().native_handle());
 }
 
 asio::awaitable<void> TlsStream::handshake(asio::ssl::stream_base::handshake_type side) {

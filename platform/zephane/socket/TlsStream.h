@@ -8,20 +8,25 @@
 
 namespace zephane {
 
-/// A context of one end: TLS 1.3 and nothing else, no tickets, no resumption, no early data. That of a client
-/// takes any certificate, as it is the proofs over the channel that count; that of a server makes a key and a
-/// certificate of its own. asio::system_error or std::runtime_error if OpenSSL can't.
+/// The context of a client or a server: TLS 1.3 only, without tickets, resumption and early data. The
+/// client's context accepts any certificate, because the proofs over the channel are what counts; the
+/// server's generates its own key and certificate. Throws asio::system_error or std::runtime_error if OpenSSL
+/// fails.
 asio::ssl::context clientContext();
 asio::ssl::context serverContext();
 
-/// TLS 1.3 over a connected socket. See ByteStream.
+/// TLS 1.3 over a connected socket.
+/// Owns:    the socket; the destructor closes it.
+/// Threads: one at a time, that of the socket's executor.
+/// Fails:   asio::system_error; the connection can't be used any more then.
 class TlsStream : public ByteStream {
 public:
-    /// Sets TCP_NODELAY, keepalive and TCP_USER_TIMEOUT of wire::answerTime. `context` has to stay.
+    /// Sets TCP_NODELAY, keepalive, and a TCP_USER_TIMEOUT of wire::answerTime. `context` must outlive the
+    /// stream.
     TlsStream(asio::ip::tcp::socket socket, asio::ssl::context& context);
 
     asio::awaitable<void> handshake(asio::ssl::stream_base::handshake_type side);
-    /// Once the handshake is done. std::runtime_error if OpenSSL can't tell.
+    /// Call this after the handshake. Throws std::runtime_error if OpenSSL fails.
     [[nodiscard]] wire::ChannelBinding channelBinding();
 
     asio::awaitable<std::size_t> readSome(asio::mutable_buffer buffer) override;

@@ -7,10 +7,14 @@
 
 namespace zephane {
 
-/// The way to a server that a socket is given: a byte stream that can be connected. See ByteStream.
+/// A byte stream that connects to a server.
+/// Owns:    the connection; the destructor ends it.
+/// Threads: one at a time, that of the executor on which `connect` runs.
+/// Fails:   asio::system_error; the transport can't be used any more then.
 class Transport : public ByteStream {
 public:
-    /// Once, before anything else; gives up after wire::handshakeTime. `host` has to stay until then.
+    /// Connects; to be called once, before anything else. Gives up after a time limit, by default
+    /// wire::handshakeTime. `host` must stay valid until then.
     virtual asio::awaitable<void> connect(const std::string& host, unsigned short port) = 0;
     [[nodiscard]] virtual wire::ChannelBinding channelBinding() = 0;
 };

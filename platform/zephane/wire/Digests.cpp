@@ -13,13 +13,13 @@ namespace zephane::wire {
 
 namespace {
 
-bool canBe(const DigestRequest& request) {
+bool isValid(const DigestRequest& request) {
     return request.length > 0 && request.length <= digestRange &&
            request.offset <= std::numeric_limits<std::uint64_t>::max() - request.length;
 }
 
-/// Digests come with a 0, and with nothing else.
-bool canBe(const DigestAnswer& answer) {
+/// An answer has digests if its code is 0, and only then.
+bool isValid(const DigestAnswer& answer) {
     return answer.digests.empty() == (answer.code != 0) && answer.digests.size() <= digestsIn(digestRange);
 }
 
@@ -38,7 +38,7 @@ std::vector<Digest> digestsOf(std::span<const std::uint8_t> data) {
 }
 
 Bytes encode(const DigestRequest& request) {
-    if (!canBe(request)) {
+    if (!isValid(request)) {
         throw std::invalid_argument("a digest request that can't be");
     }
     FieldWriter writer;
@@ -48,7 +48,7 @@ Bytes encode(const DigestRequest& request) {
 }
 
 Bytes encode(const DigestAnswer& answer) {
-    if (!canBe(answer)) {
+    if (!isValid(answer)) {
         throw std::invalid_argument("a digest answer that can't be");
     }
     FieldWriter writer;
@@ -65,7 +65,7 @@ DigestRequest decodeDigestRequest(std::span<const std::uint8_t> payload) {
     request.offset = reader.number<std::uint64_t>();
     request.length = reader.number<std::uint32_t>();
     reader.end();
-    if (!canBe(request)) {
+    if (!isValid(request)) {
         throw ProtocolError("a digest request that can't be");
     }
     return request;
@@ -81,7 +81,7 @@ DigestAnswer decodeDigestAnswer(std::span<const std::uint8_t> payload) {
     while (reader.left() > 0) {
         answer.digests.push_back(reader.array<std::tuple_size_v<Digest>>());
     }
-    if (!canBe(answer)) {
+    if (!isValid(answer)) {
         throw ProtocolError("a digest answer that can't be");
     }
     return answer;

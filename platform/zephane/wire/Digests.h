@@ -9,8 +9,8 @@
 #include <span>
 #include <vector>
 
-/// How an end tells what an image holds without sending it: a SHA-256 of each digestUnit of a range, counted
-/// from the start of the range; the last unit may be shorter.
+/// Digests let the client compare data with the image without transferring it: one SHA-256 for each
+/// digestUnit of a range, counted from the start of the range. The last unit may be shorter.
 namespace zephane::wire {
 
 using Digest = std::array<std::uint8_t, 32>;
@@ -25,23 +25,23 @@ struct DigestAnswer {
     std::vector<Digest> digests;
 };
 
-/// How many digests tell of so many bytes.
+/// The number of digests for a range of this many bytes.
 constexpr std::size_t digestsIn(std::size_t bytes) {
     return bytes / digestUnit + (bytes % digestUnit > 0 ? 1 : 0);
 }
 
-/// Payloads: that of a request, the smallest and the largest of an answer; bytes.
+/// Payload sizes in bytes: of a request, and the smallest and the largest of an answer.
 constexpr std::size_t digestRequestBytes = 12;
 constexpr std::size_t digestCodeBytes = 4;
 constexpr std::size_t digestAnswerBytes = digestCodeBytes + digestsIn(digestRange) * sizeof(Digest);
 
 std::vector<Digest> digestsOf(std::span<const std::uint8_t> data);
 
-/// Payloads of frames. std::invalid_argument for what can't be.
+/// Encode the payload of a frame. Throw std::invalid_argument for an invalid request or answer.
 Bytes encode(const DigestRequest& request);
 Bytes encode(const DigestAnswer& answer);
-/// ProtocolError for what can't be: a length of 0 or beyond digestRange, a range that ends beyond 64 bits,
-/// more digests than a range can have, or none where the code is 0.
+/// Throw ProtocolError for an invalid payload: a length of 0 or beyond digestRange, a range that ends beyond
+/// 64 bits, more digests than a range can have, digests with another code than 0, or none with 0.
 DigestRequest decodeDigestRequest(std::span<const std::uint8_t> payload);
 DigestAnswer decodeDigestAnswer(std::span<const std::uint8_t> payload);
 

@@ -10,7 +10,7 @@ namespace zephane::wire {
 
 namespace {
 
-constexpr std::int32_t largestError = 4095; // of Linux
+constexpr std::int32_t largestError = 4095; // the largest errno of Linux
 
 bool isCode(std::int32_t value) {
     return value <= 0 && value >= -largestError;

@@ -12,10 +12,12 @@
 
 namespace zephane::wire {
 
-/// A text as the bytes that it is.
 std::span<const std::uint8_t> bytesOf(const std::string& text);
 
-/// Puts a structure together, field by field, big endian.
+/// Encodes a structure field by field, big endian.
+/// Owns:    the bytes written so far.
+/// Threads: one at a time.
+/// Fails:   `text` and `code` throw std::invalid_argument for a value that the format can't express.
 class FieldWriter {
 public:
     template <std::unsigned_integral Number>
@@ -25,20 +27,23 @@ public:
         }
     }
     void bytes(std::span<const std::uint8_t> value);
-    /// A 16-bit length and the text. std::invalid_argument for one that the length can't tell.
+    /// Writes a 16-bit length and the text. Throws std::invalid_argument for a text too long for the length
+    /// field.
     void text(const std::string& value);
-    /// 0 or a negative errno. std::invalid_argument for others.
+    /// Writes 0 or a negative errno. Throws std::invalid_argument for any other number.
     void code(std::int32_t value);
 
-    /// All of it; nothing is left here.
+    /// Returns the bytes written so far and leaves the writer empty.
     std::vector<std::uint8_t> take() { return std::exchange(written, {}); }
 
 private:
     std::vector<std::uint8_t> written;
 };
 
-/// Takes a structure apart, field by field, big endian. The bytes have to stay.
-/// Fails: ProtocolError where they end before the field does.
+/// Decodes a structure field by field, big endian.
+/// Owns:    nothing; the bytes must outlive the reader.
+/// Threads: one at a time.
+/// Fails:   ProtocolError when the bytes end before the field does.
 class FieldReader {
 public:
     explicit FieldReader(std::span<const std::uint8_t> bytes) : rest(bytes) {}
@@ -59,11 +64,11 @@ public:
         return value;
     }
     std::string text();
-    /// ProtocolError for a number that isn't 0 or a negative errno too.
+    /// Also throws ProtocolError for a number that is neither 0 nor a negative errno.
     std::int32_t code();
 
     [[nodiscard]] std::size_t left() const { return rest.size(); }
-    /// ProtocolError if anything is left.
+    /// Throws ProtocolError if any bytes are left.
     void end() const;
 
 private:

@@ -14,7 +14,7 @@ namespace {
 
 constexpr unsigned lengthBits = 24;
 
-bool canBe(std::uint8_t kind, std::size_t payloadBytes) {
+bool isValid(std::uint8_t kind, std::size_t payloadBytes) {
     switch (FrameKind{kind}) {
     case FrameKind::nbd:
         return payloadBytes > 0 && payloadBytes <= frameBytes;
@@ -23,7 +23,7 @@ bool canBe(std::uint8_t kind, std::size_t payloadBytes) {
     case FrameKind::digestAnswer:
         return payloadBytes >= digestCodeBytes && payloadBytes <= digestAnswerBytes;
     }
-    return false; // a kind of nobody's
+    return false; // an unknown kind
 }
 
 std::string describe(std::uint8_t kind, std::size_t payloadBytes) {
@@ -34,7 +34,7 @@ std::string describe(std::uint8_t kind, std::size_t payloadBytes) {
 
 std::array<std::uint8_t, frameHeadBytes> frameHead(FrameKind kind, std::size_t payloadBytes) {
     const auto kindByte = static_cast<std::uint8_t>(kind);
-    if (!canBe(kindByte, payloadBytes)) {
+    if (!isValid(kindByte, payloadBytes)) {
         throw std::invalid_argument(describe(kindByte, payloadBytes));
     }
     return {kindByte, static_cast<std::uint8_t>(payloadBytes >> 16U),
@@ -64,7 +64,7 @@ bool FrameReader::takeHead(std::span<const std::uint8_t>& input) {
     const auto number = FieldReader(head).number<std::uint32_t>();
     const auto kindByte = static_cast<std::uint8_t>(number >> lengthBits);
     const std::size_t length = number & ((1U << lengthBits) - 1);
-    if (!canBe(kindByte, length)) {
+    if (!isValid(kindByte, length)) {
         throw ProtocolError(describe(kindByte, length));
     }
     kind = FrameKind{kindByte};

@@ -13,7 +13,7 @@ void append(Bytes& transcript, std::span<const std::uint8_t> message) {
     transcript.insert(transcript.end(), message.begin(), message.end());
 }
 
-/// What the server proves: all messages, and its verdict without the proof, which stands at its end.
+/// The data that the server's proof covers: all messages, and the verdict without the proof at its end.
 Bytes withVerdict(Bytes transcript, std::span<const std::uint8_t> verdict) {
     append(transcript, verdict.first(verdict.size() - std::tuple_size_v<Proof>));
     return transcript;

@@ -6,20 +6,25 @@
 #include <optional>
 #include <string>
 
-/// The handshake, without a network: whole messages in, whole messages out. One object is one connection.
-/// Threads: one.
-/// Fails:   ProtocolError for a message that isn't what it should be; the connection is to be closed then.
+/// The handshake, without a network: complete messages in, complete messages out. Each object is for one
+/// connection.
 namespace zephane::wire {
 
+/// The client's side: `hello` and `answer` give what to send, `finish` takes the verdict.
+/// Owns:    the key and the transcript of the connection.
+/// Threads: one at a time.
+/// Fails:   ProtocolError for an invalid message; the connection must then be closed.
 class ClientHandshake {
 public:
-    /// `hello` without its nonce. std::invalid_argument for an empty secret and a path that can't be.
+    /// `hello` needs no nonce. Throws std::invalid_argument for an empty secret and for an invalid path or
+    /// flags.
     ClientHandshake(ClientHello hello, const std::string& secret, const ChannelBinding& channel);
 
     [[nodiscard]] const Bytes& hello() const { return helloMessage; }
-    /// The proof to send, for the server's hello.
+    /// Takes the server's hello and returns the proof to send.
     Bytes answer(std::span<const std::uint8_t> serverHello);
-    /// What the server says. A verdict that grants anything has been proven; ProtocolError if it can't be.
+    /// Takes the server's verdict. Throws ProtocolError if it grants access without a valid proof of the
+    /// server, or grants more than the client asked for.
     Verdict finish(std::span<const std::uint8_t> verdict);
 
 private:
@@ -30,25 +35,30 @@ private:
     Bytes transcript;
 };
 
+/// The server's side: `answer`, `check`, and then `grant` or `refuse`, in this order.
+/// Owns:    the key and the transcript of the connection.
+/// Threads: one at a time.
+/// Fails:   ProtocolError for an invalid message; the connection must then be closed.
 class ServerHandshake {
 public:
-    /// The key of an image, if there is such an image. Keys are made beforehand, as the time of making one
-    /// would tell that the image exists.
+    /// Returns the key of an image, if there is such an image. Keys must be computed beforehand: otherwise
+    /// the time for it would reveal that the image exists.
     using FindKey = std::function<std::optional<ProofKey>(const ImageName& image)>;
 
     explicit ServerHandshake(const ChannelBinding& channel) : channel(channel) {}
 
-    /// The hello to send, for that of the client.
+    /// Takes the client's hello and returns the hello to send.
     Bytes answer(std::span<const std::uint8_t> clientHello, const FindKey& find);
-    /// Whether the client holds the secret of the image that it asked for. An image that doesn't exist and a
-    /// wrong secret are the same, and take the same time.
+    /// Whether the client holds the secret of the image. An image that doesn't exist gives the same result as
+    /// a wrong secret, in the same time.
     [[nodiscard]] bool check(std::span<const std::uint8_t> clientProof);
-    /// What the client asked for.
+    /// The hello of the client.
     [[nodiscard]] const ClientHello& asked() const { return hello; }
-    /// The last message, to a client that has been checked.
+    /// The verdict to send to a client that `check` has accepted. Throws std::logic_error for any other
+    /// client, and for flags that the client didn't ask for.
     Bytes grant(std::uint64_t flags);
 
-    /// The last message to all others.
+    /// The verdict to send to a client that is refused.
     static Bytes refuse(std::int32_t code, const std::string& text);
 
 private:

@@ -12,17 +12,17 @@ namespace zephane::wire {
 
 namespace {
 
-/// What a hello begins with; the last byte is the version.
+/// The beginning of a hello; the last byte is the version.
 constexpr std::array<std::uint8_t, 8> mark{'Z', 'E', 'P', 'H', 'A', 'N', 'E', 1};
 constexpr std::size_t lengthBytes = 2;
 constexpr std::uint64_t allFlags = compareFlag | compressionFlag | writableFlag;
 
-bool canBe(const ClientHello& hello) {
+bool isValid(const ClientHello& hello) {
     return (hello.flags & ~allFlags) == 0 && !hello.image.path.empty() &&
            hello.image.path.size() <= longestPath && isPlainText(hello.image.path);
 }
 
-/// A body with its length before it.
+/// A body, preceded by its length.
 Bytes messageOf(const Bytes& body) {
     if (body.size() > messageBytes - lengthBytes) {
         throw std::invalid_argument("a message is too long");
@@ -33,7 +33,7 @@ Bytes messageOf(const Bytes& body) {
     return message.take();
 }
 
-/// The body of a message, which is as long as it says itself.
+/// The body of a message, whose length field must be right.
 FieldReader bodyOf(std::span<const std::uint8_t> message) {
     if (message.size() < lengthBytes || sizeOfMessage(message.first<lengthBytes>()) != message.size()) {
         throw ProtocolError("a message has another length than it says");
@@ -50,7 +50,7 @@ void readMark(FieldReader& reader) {
 } // namespace
 
 Bytes encode(const ClientHello& hello) {
-    if (!canBe(hello)) {
+    if (!isValid(hello)) {
         throw std::invalid_argument("a path or flags that can't be");
     }
     FieldWriter body;
@@ -109,7 +109,7 @@ ClientHello decodeClientHello(std::span<const std::uint8_t> message) {
     hello.nonce = body.array<std::tuple_size_v<Nonce>>();
     hello.image.path = body.text();
     body.end();
-    if (!canBe(hello)) {
+    if (!isValid(hello)) {
         throw ProtocolError("a hello has a path or flags that can't be");
     }
     return hello;

@@ -9,7 +9,7 @@
 #include <vector>
 
 /// The messages of the handshake, in the order in which they are sent. Each is a 16-bit length and a body,
-/// big endian, messageBytes at most together; docs/formats/zephane.md has the layout.
+/// big endian, together at most messageBytes; docs/formats/zephane.md has the layout.
 namespace zephane::wire {
 
 using Bytes = std::vector<std::uint8_t>;
@@ -23,7 +23,7 @@ struct ImageName {
     auto operator<=>(const ImageName&) const = default;
 };
 
-/// What the client wants.
+/// The client's first message: what it asks for.
 struct ClientHello {
     std::uint64_t flags = 0;
     ImageName image;
@@ -39,25 +39,26 @@ struct ClientProof {
     Proof proof{};
 };
 
-/// What the server says to a proof. One that refuses is all that a client without the secret gets to see.
+/// The server's answer to the proof. A client without the secret learns nothing but a refusal.
 struct Verdict {
     std::int32_t code = 0;     ///< 0, or a negative errno
     std::string text;          ///< why, if the code isn't 0; UTF-8 without control characters
-    std::uint64_t granted = 0; ///< the flags that hold from here on, if the code is 0
+    std::uint64_t granted = 0; ///< the flags in force from here on, if the code is 0
     Proof proof{};             ///< of the server, if the code is 0
 };
 
-/// Whole messages, with their length. std::invalid_argument for what a reader would refuse.
+/// Encode a complete message, including its length. Throw std::invalid_argument for a message that the decode
+/// functions would refuse.
 Bytes encode(const ClientHello& hello);
 Bytes encode(const ServerHello& hello);
 Bytes encode(const ClientProof& proof);
 Bytes encode(const Verdict& verdict);
 
-/// How many bytes the message has that begins with `head`, which is two bytes: its length field included.
-/// ProtocolError for more than messageBytes.
+/// The size of the message that begins with these two bytes, including its length field. Throws ProtocolError
+/// for more than messageBytes.
 std::size_t sizeOfMessage(std::span<const std::uint8_t, 2> head);
 
-/// Read whole messages. ProtocolError for one that is cut short, too long, or isn't what it should be.
+/// Decode a complete message. Throw ProtocolError for one that is cut short, too long, or invalid.
 ClientHello decodeClientHello(std::span<const std::uint8_t> message);
 ServerHello decodeServerHello(std::span<const std::uint8_t> message);
 ClientProof decodeClientProof(std::span<const std::uint8_t> message);

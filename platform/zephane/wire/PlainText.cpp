@@ -10,12 +10,12 @@ namespace zephane::wire {
 
 namespace {
 
-/// How a first byte says how many bytes follow it.
+/// How the first byte of a character determines the number of bytes that follow.
 struct Form {
     std::uint8_t mask;
     std::uint8_t mark;
     std::size_t following;
-    char32_t smallest; ///< of a character that needs so many
+    char32_t smallest; ///< of the characters of that length
 };
 
 constexpr std::array<Form, 4> forms{{
@@ -44,7 +44,7 @@ std::optional<Form> formOf(std::uint8_t first) {
     return std::nullopt;
 }
 
-/// The first character of `text`, which shrinks by it. Nothing if it isn't UTF-8.
+/// Removes the first character from `text` and returns it. None if it isn't valid UTF-8.
 std::optional<char32_t> takeCharacter(std::string_view& text) {
     const auto first = static_cast<std::uint8_t>(text.front());
     const auto form = formOf(first);

@@ -24,7 +24,7 @@ Proof hmac(std::span<const std::uint8_t> key, std::span<const std::uint8_t> data
     return result;
 }
 
-/// HKDF-SHA-256 (RFC 5869), of which one block is as long as the key.
+/// HKDF-SHA-256 (RFC 5869). The key is exactly one block long.
 Proof derivedFrom(const std::string& secret) {
     Proof extracted = hmac(bytesOf("zephane 1"), bytesOf(secret));
     const Proof expanded = hmac(extracted, bytesOf("proof\x01"));

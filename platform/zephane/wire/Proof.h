@@ -8,24 +8,25 @@
 namespace zephane::wire {
 
 using Proof = std::array<std::uint8_t, 32>;
-/// What only the two ends of one TLS connection know (RFC 9266, tls-exporter).
+/// A value that only the two ends of one TLS connection know (RFC 9266, tls-exporter).
 using ChannelBinding = std::array<std::uint8_t, 32>;
 
 enum class Role { client, server };
 
-/// What the holder of a secret proves itself by. The secret itself is forgotten.
-/// Owns:    the key, which is wiped from memory with the object.
-/// Fails:   std::runtime_error if OpenSSL can't compute.
+/// The key with which the holder of a secret proves itself. The secret itself isn't kept.
+/// Owns:    the key, which the destructor wipes from memory.
+/// Threads: any number for `prove`, which doesn't change the key.
+/// Fails:   std::runtime_error if OpenSSL fails.
 class ProofKey {
 public:
-    /// std::invalid_argument for an empty secret.
+    /// Throws std::invalid_argument for an empty secret.
     explicit ProofKey(const std::string& secret);
     ProofKey(const ProofKey&) = default;
     ProofKey(ProofKey&&) noexcept = default;
     ProofKey& operator=(const ProofKey&) = default;
     ProofKey& operator=(ProofKey&&) noexcept = default;
     ~ProofKey();
-    /// One that nobody has, for images that don't exist: what it is compared with never fits.
+    /// A random key for an image that doesn't exist: no proof ever matches it.
     static ProofKey random();
 
     /// HMAC-SHA-256 over the role, the transcript and the channel.
@@ -38,10 +39,10 @@ private:
     std::array<std::uint8_t, 32> key{};
 };
 
-/// Takes the same time wherever they differ.
+/// Takes the same time wherever the two differ, so that the time reveals nothing.
 bool areEqual(const Proof& one, const Proof& other);
 
-/// Random bytes that nobody can guess. std::runtime_error if there are none.
+/// Fills `bytes` with cryptographically secure random bytes. Throws std::runtime_error if there are none.
 void fillRandomly(std::span<std::uint8_t> bytes);
 
 } // namespace zephane::wire

@@ -4,7 +4,7 @@
 
 namespace zephane::wire {
 
-/// The other end doesn't keep to the protocol. Nothing of what it sends can be trusted any more.
+/// The other end violates the protocol. Nothing that it sends can be trusted any more.
 class ProtocolError : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;

@@ -9,8 +9,10 @@ struct evp_md_st; // NOLINT(readability-identifier-naming): the name of the libr
 
 namespace zephane::wire {
 
-/// Makes SHA-256 digests. std::runtime_error if OpenSSL can't.
+/// Computes SHA-256 digests.
+/// Owns:    OpenSSL's implementation of the algorithm, so that it is fetched only once.
 /// Threads: any number.
+/// Fails:   std::runtime_error if OpenSSL fails.
 class Sha256 {
 public:
     using Digest = std::array<std::uint8_t, 32>;

@@ -14,7 +14,7 @@ bool isFilter(const std::string& argument) {
     return argument.starts_with("--filter=");
 }
 
-/// Plugin and parameters in nbdkit's own words.
+/// The plugin and its parameters, as nbdkit expects them.
 std::vector<std::string> pluginArguments(const BackEndSource& source) {
     if (const auto* arguments = std::get_if<std::vector<std::string>>(&source)) {
         return *arguments;
@@ -24,7 +24,7 @@ std::vector<std::string> pluginArguments(const BackEndSource& source) {
                                   : std::vector<std::string>{"nbd", "uri=" + place};
 }
 
-/// The file that the plugin for files is told; empty if it is another plugin.
+/// The file parameter of nbdkit's file plugin; empty for any other plugin.
 std::string fileOf(const BackEndSource& source) {
     const std::vector<std::string> arguments = pluginArguments(source);
     const auto plugin = std::ranges::find_if_not(arguments, isFilter);
@@ -53,6 +53,7 @@ std::vector<std::string> engineArguments(const BackEndSource& source, bool isWri
     return arguments;
 }
 
+// Only a back end that is a file can be checked without starting nbdkit.
 std::string problemOf(const BackEndSource& source) {
     const std::string file = fileOf(source);
     if (file.empty()) {

@@ -7,15 +7,15 @@
 
 namespace zephane {
 
-/// What the nbdkit of a back end is told: the plugin and its parameters. Clients get one image, whatever
-/// export they name: nbdkit's filter "exportname" lets no other name through.
+/// The arguments for nbdkit: the plugin and its parameters. Whatever export a client names, it gets one image
+/// only: nbdkit's filter "exportname" allows no other name.
 std::vector<std::string> engineArguments(const BackEndSource& source, bool isWritable);
 
-/// Why no image can be there, in words and with the way out; empty if nothing is found. Looks at files only:
-/// whether a server answers shows when it is asked.
+/// Why the image can't be served, with the remedy, in words; empty if no problem is found. Checks only files:
+/// a problem with an NBD server shows only when the server is used.
 std::string problemOf(const BackEndSource& source);
 
-/// What may be shown to anybody: the parameters of a plugin may hold secrets.
+/// A description that may be shown to anybody. It leaves out the plugin's parameters, which may hold secrets.
 std::string describe(const BackEndSource& source);
 
 } // namespace zephane

@@ -17,7 +17,7 @@ namespace zephane {
 namespace {
 
 constexpr unsigned firstOther = STDERR_FILENO + 1;
-constexpr int exitOfNothing = 127; // as a shell has it
+constexpr int exitNotFound = 127; // as a shell does if there is no program
 
 std::vector<char*> pointersTo(std::vector<std::string>& words) {
     std::vector<char*> pointers;
@@ -29,20 +29,20 @@ std::vector<char*> pointersTo(std::vector<std::string>& words) {
     return pointers;
 }
 
-/// The half that has become the new process, as long as it is still a copy of this one: other threads may
-/// have held any lock, so it makes system calls and nothing else.
+/// Turns the forked child into the new program. Another thread may have held a lock at the fork, so this only
+/// makes system calls.
 [[noreturn]] void become(const char* program, char* const* arguments, char* const* environment, int input,
                          int output, pid_t parent) {
-    // The parent may have ended before the request was made.
+    // The parent may have died before prctl.
     const bool isOurs = ::prctl(PR_SET_PDEATHSIG, SIGTERM) == 0 && ::getppid() == parent;
     if (isOurs && ::dup2(input, STDIN_FILENO) >= 0 && ::dup2(output, STDOUT_FILENO) >= 0 &&
         ::dup2(output, STDERR_FILENO) >= 0) {
-        // asio's sockets would stay open over the exec.
+        // asio's sockets aren't close-on-exec.
         ::close_range(firstOther, ~0U, 0);
         ::signal(SIGPIPE, SIG_DFL);
         ::execve(program, arguments, environment);
     }
-    ::_exit(exitOfNothing);
+    ::_exit(exitNotFound);
 }
 
 [[noreturn]] void fail(const std::string& what) {
@@ -94,7 +94,7 @@ bool ChildProcess::hasEnded() const noexcept {
     siginfo_t status{};
     const int result =
         ::waitid(P_PIDFD, static_cast<id_t>(process.get()), &status, WEXITED | WNOHANG | WNOWAIT);
-    return result != 0 || status.si_pid != 0; // one that has been reaped can't be asked about
+    return result != 0 || status.si_pid != 0; // an error means that it has been reaped already
 }
 
 void ChildProcess::send(int signal) const noexcept {

@@ -9,22 +9,22 @@
 
 namespace zephane {
 
-/// What an administrator does with the configuration.
-/// Owns:    nothing; `output` has to stay.
-/// Threads: one at a time; other processes take turns.
-/// Fails:   ConfigError; everything is as it was then.
+/// The commands with which an administrator changes the configuration.
+/// Owns:    nothing; `output` must outlive it.
+/// Threads: one at a time; a lock serialises the changes of several processes.
+/// Fails:   ConfigError; nothing has changed then.
 class Commands {
 public:
     Commands(ConfigFile file, std::ostream& output) : file(std::move(file)), output(output) {}
 
-    /// Whether zephaned can serve what the file says: all that is wrong, a line each, is in the error.
+    /// Checks whether zephaned can serve everything in the file. The error lists all problems, one per line.
     void check() const;
-    /// Gives an image a secret, which is shown this once. `backEnd` is a path, a URI or a list as JSON; with
-    /// `size`, in bytes, it is a path where nothing is yet, and a sparse file is made there.
+    /// Adds an image with a new secret, which is shown only this once. `backEnd` is a path, a URI or a JSON
+    /// list. With `size`, in bytes, it must be a path that doesn't exist yet, where a sparse file is created.
     void add(const wire::ImageName& name, const std::string& backEnd,
              std::optional<std::uint64_t> size) const;
     void list(bool asJson) const;
-    /// The data of the image stays.
+    /// Removes an image from the configuration, but keeps its data.
     void remove(const wire::ImageName& name) const;
 
 private:
@@ -34,10 +34,10 @@ private:
     std::ostream& output;
 };
 
-/// A whole number below 2^64 and nothing else.
+/// Accepts only a whole number below 2^64.
 std::optional<std::uint64_t> parseVolumeId(const std::string& text);
-/// "10G" and the like, with K, M, G and T for powers of 1024; bytes without them. Nothing for anything else,
-/// and for what no file can be as large as.
+/// Accepts a number of bytes, or one with the unit K, M, G or T (powers of 1024), such as "10G". None for
+/// anything else, for 0, and for more than the largest possible file.
 std::optional<std::uint64_t> parseSize(const std::string& text);
 
 } // namespace zephane

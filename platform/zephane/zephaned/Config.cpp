@@ -19,10 +19,10 @@ namespace {
 constexpr std::size_t longestSecret = 1024;
 constexpr std::size_t mostImages = 100'000;
 constexpr std::size_t mostSessions = 10'000;
-/// A socket's path has 107 bytes at most, and the server's own names have to fit behind it.
+/// A socket's path has at most 107 bytes, including the name that the server appends.
 constexpr std::size_t longestRuntimeDirectory = 80;
 
-/// A number that is all of the text.
+/// Returns false unless the whole text is a port number.
 bool parsePort(const std::string& text, std::uint16_t& port) {
     const char* const end = text.data() + text.size();
     const auto [stop, error] = std::from_chars(text.data(), end, port);
@@ -125,7 +125,7 @@ ImageConfig readImage(const ConfigReader& reader) {
     return image;
 }
 
-/// Two images behind one back end would be two writers, who know nothing of each other.
+/// Two images with one back end would have two writers that don't know of each other.
 std::vector<ImageConfig> readImages(const ConfigReader& reader) {
     std::vector<ImageConfig> images;
     std::set<wire::ImageName> names;
@@ -154,7 +154,7 @@ std::vector<Address> readAddresses(const ConfigReader& reader) {
     return addresses;
 }
 
-/// The library's own words would show what it has read last, which may be a secret.
+/// The library's own error text may show the last token, which may be a secret.
 Json parseJson(const std::string& text, const std::string& file) {
     try {
         return Json::parse(text);

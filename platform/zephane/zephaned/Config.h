@@ -11,14 +11,14 @@
 
 namespace zephane {
 
-/// What the configuration says can't be; the text names the file, the place in it and the way out.
+/// The configuration is invalid. The text names the file, the place in it and the remedy.
 class ConfigError : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;
 };
 
-/// Where the bytes of an image are: the path of a file or a block device, the URI of an NBD server, or what
-/// an nbdkit is told: filters, a plugin, its parameters.
+/// Where an image's data is: the path of a file or a block device, the URI of an NBD server, or a list of
+/// arguments for nbdkit: filters, a plugin and its parameters.
 using BackEndSource = std::variant<std::string, std::vector<std::string>>;
 
 struct ImageConfig {
@@ -29,9 +29,9 @@ struct ImageConfig {
     bool operator==(const ImageConfig&) const = default;
 };
 
-/// An address of TCP.
+/// A TCP address.
 struct Address {
-    std::string host; ///< a number of either version of IP
+    std::string host; ///< a numeric IPv4 or IPv6 address
     std::uint16_t port = 0;
 
     bool operator==(const Address&) const = default;
@@ -40,17 +40,17 @@ struct Address {
 struct Config {
     std::vector<Address> listen{{"127.0.0.1", 25568}};
     std::string runtimeDirectory = "/run/zephaned"; ///< absolute
-    bool compression = true;                        ///< granted to who asks for it
+    bool compression = true;                        ///< granted to clients that ask for it
     std::size_t maxSessions = 256;                  ///< of clients that have proven themselves
     std::vector<ImageConfig> images;
 
     bool operator==(const Config&) const = default;
 };
 
-/// Reads the text of a configuration, JSON; `file` is its name for errors. ConfigError. What it names needn't
-/// be there, see BackEndSource.h for that.
+/// Parses a configuration in JSON; `file` is the name used in errors. Throws ConfigError. Doesn't check
+/// whether back ends exist; problemOf in BackEndSource.h does.
 Config parseConfig(const std::string& text, const std::string& file);
-/// The text that parseConfig makes the same of.
+/// The text of a configuration; parseConfig reads the same from it.
 std::string toText(const Config& config);
 
 } // namespace zephane

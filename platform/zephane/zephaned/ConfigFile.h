@@ -7,24 +7,24 @@
 
 namespace zephane {
 
-/// The file of the configuration, which holds secrets and so is its owner's alone.
+/// The configuration file, which holds secrets, so only its owner may read it.
 /// Owns:    nothing.
-/// Threads: any; edits of several processes take turns by `lock`.
-/// Fails:   ConfigError; the file is as it was then.
+/// Threads: any; processes that change the file must hold `lock`.
+/// Fails:   ConfigError; the file is unchanged then.
 class ConfigFile {
 public:
     explicit ConfigFile(std::string path) : path(std::move(path)) {}
 
     [[nodiscard]] const std::string& name() const { return path; }
     [[nodiscard]] bool exists() const;
-    /// What belongs to whom it belongs: the file, or its directory while there is none.
+    /// The path whose owner new files get: the file, or its directory while there is no file.
     [[nodiscard]] std::string ownerPath() const { return exists() ? path : directory(); }
-    /// Refuses a file that others may read or write.
+    /// Throws ConfigError for a file that others may read or write.
     [[nodiscard]] Config load() const;
-    /// Replaces it as a whole, durably, and leaves it to whom it belonged; a new one belongs to whom its
-    /// directory belongs, whoever makes it.
+    /// Replaces the file as a whole, durably, and keeps its owner. A new file gets the owner of its
+    /// directory, whoever creates it.
     void save(const Config& config) const;
-    /// Keeps other editors out for as long as what it returns is there. Waits ten seconds for them.
+    /// Excludes other editors as long as the returned descriptor is open. Waits up to ten seconds for them.
     [[nodiscard]] os::FileDescriptor lock() const;
 
 private:

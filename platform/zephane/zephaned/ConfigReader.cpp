@@ -65,7 +65,7 @@ void ConfigReader::refuse(const std::string& why) const {
 
 void ConfigReader::expect(bool isOfType, const char* type) const {
     if (!isOfType) {
-        // Of what isn't a simple value nothing is shown: it may hold a secret.
+        // Shows only a number, or else the type: any other value may hold a secret.
         const std::string found = value.is_number() ? value.dump() : value.type_name();
         refuse("this has to be " + std::string(type) + ", and is " + found);
     }

@@ -11,13 +11,13 @@ namespace zephane {
 
 using Json = nlohmann::ordered_json;
 
-/// A value of a configuration, which knows its place for errors.
-/// Owns:    nothing; the value has to stay.
+/// A value of the configuration, with its place in the file for error messages.
+/// Owns:    nothing; the value must outlive it.
 /// Threads: any.
-/// Fails:   ConfigError, where the value isn't what it is asked for.
+/// Fails:   ConfigError if the value isn't of the type asked for, or out of range.
 class ConfigReader {
 public:
-    /// `file` is what errors begin with.
+    /// Errors begin with `file`.
     ConfigReader(const Json& value, std::string file, std::string place = {})
         : value(value), file(std::move(file)), place(std::move(place)) {}
 
@@ -28,10 +28,10 @@ public:
     /// Calls `read` with each value of a list.
     void each(const std::function<void(const ConfigReader&)>& read) const;
 
-    /// It is an object that has no other keys.
+    /// Requires an object without any other keys.
     void expectKeys(std::initializer_list<const char*> known) const;
     [[nodiscard]] bool has(const char* key) const { return value.contains(key); }
-    /// The value of a key that has to be there.
+    /// The value of a key; throws ConfigError if the key is missing.
     [[nodiscard]] ConfigReader at(const char* key) const;
 
     [[noreturn]] void refuse(const std::string& why) const;

@@ -6,7 +6,10 @@
 
 namespace zephane {
 
-/// Counts what passes. See ByteStream; the stream behind it has to stay.
+/// Counts the bytes read from and written to another stream.
+/// Owns:    nothing; the other stream must outlive it.
+/// Threads: one at a time, as for the other stream.
+/// Fails:   with the exceptions of the other stream.
 class CountingStream : public ByteStream {
 public:
     explicit CountingStream(ByteStream& stream) : stream(stream) {}

@@ -12,12 +12,12 @@ namespace zephane {
 
 using asio::local::stream_protocol;
 
-asio::awaitable<stream_protocol::socket> connectTo(const IBackEnd& backEnd,
+asio::awaitable<stream_protocol::socket> connectTo(const IEngine& engine,
                                                    std::chrono::steady_clock::time_point deadline) {
-    while (!backEnd.hasEnded() && std::chrono::steady_clock::now() < deadline) {
+    while (!engine.hasEnded() && std::chrono::steady_clock::now() < deadline) {
         stream_protocol::socket socket(co_await asio::this_coro::executor);
         asio::error_code error;
-        co_await socket.async_connect(backEnd.socket(), asio::redirect_error(asio::use_awaitable, error));
+        co_await socket.async_connect(engine.socket(), asio::redirect_error(asio::use_awaitable, error));
         if (!error) {
             co_return socket;
         }

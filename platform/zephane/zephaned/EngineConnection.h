@@ -1,6 +1,6 @@
 #pragma once
 
-#include "zephane/zephaned/IBackEnd.h"
+#include "zephane/zephaned/IEngine.h"
 
 #include <asio/awaitable.hpp>
 #include <asio/local/stream_protocol.hpp>
@@ -8,12 +8,12 @@
 
 namespace zephane {
 
-/// Connects to a back end as soon as it takes connections, on the executor of the coroutine. Refusal with EIO
-/// if it has ended before, or doesn't take them until `deadline`.
+/// Connects to an engine as soon as it accepts connections, on the executor of the coroutine. Throws Refusal
+/// with EIO if the engine ends first, or accepts none before `deadline`.
 asio::awaitable<asio::local::stream_protocol::socket>
-connectTo(const IBackEnd& backEnd, std::chrono::steady_clock::time_point deadline);
+connectTo(const IEngine& engine, std::chrono::steady_clock::time_point deadline);
 
-/// For what is tried again until it is there.
+/// A short pause before the next attempt.
 asio::awaitable<void> pauseShortly();
 
 } // namespace zephane

@@ -6,12 +6,12 @@
 namespace zephane {
 
 /// A new image: a sparse file of zeros.
-/// Owns:    the file, until it is kept: one that isn't is removed with the object.
-/// Threads: one.
-/// Fails:   the constructor throws ConfigError, if anything has that name already too.
+/// Owns:    the file, until `keep` is called; otherwise the destructor removes the file.
+/// Threads: one at a time.
+/// Fails:   the constructor throws ConfigError, also if the path exists already.
 class ImageFile {
 public:
-    /// The file is for the user alone to whom `ownerOf` belongs. `size` is in bytes.
+    /// Only the owner of `ownerOf` may read and write the new file. `size` is in bytes.
     ImageFile(const std::string& path, std::uint64_t size, const std::string& ownerOf);
     ImageFile(const ImageFile&) = delete;
     ImageFile& operator=(const ImageFile&) = delete;

@@ -7,25 +7,28 @@
 
 namespace zephane {
 
-Images::Use::Use(Images& images, std::shared_ptr<Image> image, Side& side)
-    : images(images), image(std::move(image)), side(side), used(side.backEnd) {}
+Images::Lease::Lease(Images& images, std::shared_ptr<Image> image, AccessGroup& group)
+    : images(images), image(std::move(image)), group(group), leasedEngine(group.engine) {}
 
-Images::Use::Use(Use&& other) noexcept
-    : images(other.images), image(std::move(other.image)), side(other.side), used(std::move(other.used)) {}
+Images::Lease::Lease(Lease&& other) noexcept
+    : images(other.images),
+      image(std::move(other.image)),
+      group(other.group),
+      leasedEngine(std::move(other.leasedEngine)) {}
 
-Images::Use::~Use() {
+Images::Lease::~Lease() {
     if (image) {
-        images.release(side);
+        images.release(group);
     }
 }
 
-bool Images::Side::isEnding() const {
-    const std::shared_ptr<IBackEnd> last = ending.lock();
+bool Images::AccessGroup::isEnding() const {
+    const std::shared_ptr<IEngine> last = ending.lock();
     return last && !last->hasEnded();
 }
 
 void Images::configure(const std::vector<ImageConfig>& configs) {
-    const std::lock_guard lock(mutex);
+    const os::Lock lock(mutex);
     for (auto& [name, image] : all) {
         image->config.reset();
         image->key.reset();
@@ -38,56 +41,56 @@ void Images::configure(const std::vector<ImageConfig>& configs) {
         image->config = config;
         image->key.emplace(config.secret);
     }
-    // What has been used of late stays: its name may come back while its back end is still ending.
+    // Keeps an image whose engine is still ending, because its name may be configured again.
     std::erase_if(all, [](const auto& entry) {
         const Image& image = *entry.second;
-        return !image.config && image.writing.uses + image.reading.uses == 0 && !image.writing.isEnding() &&
-               !image.reading.isEnding();
+        return !image.config && image.writing.leases + image.reading.leases == 0 &&
+               !image.writing.isEnding() && !image.reading.isEnding();
     });
 }
 
 bool Images::isServed(const wire::ImageName& name) const {
-    const std::lock_guard lock(mutex);
+    const os::Lock lock(mutex);
     const auto found = all.find(name);
     return found != all.end() && found->second->config;
 }
 
 std::optional<wire::ProofKey> Images::findKey(const wire::ImageName& name) const {
-    const std::lock_guard lock(mutex);
+    const os::Lock lock(mutex);
     const auto found = all.find(name);
     return found == all.end() ? std::nullopt : found->second->key;
 }
 
-std::optional<Images::Use> Images::open(const wire::ImageName& name, const wire::ClientId& client,
-                                        bool isWritable) {
-    const std::lock_guard lock(mutex);
+std::optional<Images::Lease> Images::open(const wire::ImageName& name, const wire::ClientId& client,
+                                          bool isWritable) {
+    const os::Lock lock(mutex);
     const auto found = all.find(name);
     if (found == all.end() || !found->second->config) {
         throw Refusal(-EACCES, "the image isn't served any more");
     }
     Image& image = *found->second;
-    Side& side = isWritable ? image.writing : image.reading;
-    if (isWritable && side.uses > 0 && side.client != client) {
+    AccessGroup& group = isWritable ? image.writing : image.reading;
+    if (isWritable && group.leases > 0 && group.client != client) {
         throw Refusal(-EBUSY, "another client is writing to the image");
     }
-    if (side.isEnding()) {
+    if (group.isEnding()) {
         return std::nullopt;
     }
-    if (!side.backEnd || side.backEnd->hasEnded()) {
-        side.backEnd = start(*image.config, isWritable);
+    if (!group.engine || group.engine->hasEnded()) {
+        group.engine = start(*image.config, isWritable);
     }
-    ++side.uses;
-    side.client = client;
-    return std::optional<Use>(std::in_place, *this, found->second, side);
+    ++group.leases;
+    group.client = client;
+    return std::optional<Lease>(std::in_place, *this, found->second, group);
 }
 
-void Images::release(Side& side) {
-    const std::lock_guard lock(mutex);
-    --side.uses;
-    if (side.uses == 0) {
-        side.ending = side.backEnd;
-        side.backEnd->stop();
-        side.backEnd.reset();
+void Images::release(AccessGroup& group) {
+    const os::Lock lock(mutex);
+    --group.leases;
+    if (group.leases == 0) {
+        group.ending = group.engine;
+        group.engine->stop();
+        group.engine.reset();
     }
 }
 

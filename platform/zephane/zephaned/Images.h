@@ -1,83 +1,84 @@
 #pragma once
 
+#include "os/Mutex.h"
 #include "zephane/zephaned/Config.h"
-#include "zephane/zephaned/IBackEnd.h"
+#include "zephane/zephaned/IEngine.h"
 
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <vector>
 
 namespace zephane {
 
-/// The images that are served, and who uses them. All writers of an image are connections of one client and
-/// share one back end; all readers share another, which can't write.
-/// Owns:    the back ends, each from its first use to its last.
+/// The images that are served, and their users. All writers of an image are connections of one client and
+/// share an engine. All readers share another engine, which can't write.
+/// Owns:    the engines, each from its first lease to its last.
 /// Threads: any.
-/// Fails:   `open` throws Refusal, and what starting a back end throws.
+/// Fails:   `open` throws Refusal, and passes on what starting an engine throws.
 class Images {
     struct Image;
-    struct Side;
+    struct AccessGroup;
 
 public:
-    using Start = std::function<std::shared_ptr<IBackEnd>(const ImageConfig& image, bool isWritable)>;
+    using Start = std::function<std::shared_ptr<IEngine>(const ImageConfig& image, bool isWritable)>;
 
-    /// That an image is used; ends with the object, which must not outlive the Images.
-    class Use {
+    /// The right to use an image, until the destructor gives it up. A Lease must not outlive the Images.
+    class Lease {
     public:
-        Use(Images& images, std::shared_ptr<Image> image, Side& side);
-        Use(Use&& other) noexcept;
-        Use& operator=(Use&& other) = delete;
-        Use(const Use&) = delete;
-        Use& operator=(const Use&) = delete;
-        ~Use();
+        Lease(Images& images, std::shared_ptr<Image> image, AccessGroup& group);
+        Lease(Lease&& other) noexcept;
+        Lease& operator=(Lease&& other) = delete;
+        Lease(const Lease&) = delete;
+        Lease& operator=(const Lease&) = delete;
+        ~Lease();
 
-        [[nodiscard]] IBackEnd& backEnd() const { return *used; }
+        [[nodiscard]] IEngine& engine() const { return *leasedEngine; }
 
     private:
         Images& images;
         std::shared_ptr<Image> image;
-        Side& side;
-        std::shared_ptr<IBackEnd> used;
+        AccessGroup& group;
+        std::shared_ptr<IEngine> leasedEngine;
     };
 
     explicit Images(Start start) : start(std::move(start)) {}
 
-    /// From now on these are served. Uses under way go on: they have to be ended by who has them.
+    /// Replaces the list of images to serve. Sessions that use a removed image go on until the caller ends
+    /// them.
     void configure(const std::vector<ImageConfig>& configs);
     [[nodiscard]] bool isServed(const wire::ImageName& name) const;
     [[nodiscard]] std::optional<wire::ProofKey> findKey(const wire::ImageName& name) const;
-    /// Nothing while the back end of those before is still ending: two must never write to one image. To be
-    /// tried again soon then. Refusal with EACCES if it isn't served, EBUSY if another client is writing to
-    /// it.
-    [[nodiscard]] std::optional<Use> open(const wire::ImageName& name, const wire::ClientId& client,
-                                          bool isWritable);
+    /// Returns none while the previous engine is still ending, because two must never write to one image:
+    /// call again soon. Throws Refusal with EACCES if the image isn't served, EBUSY if another client is
+    /// writing to it.
+    [[nodiscard]] std::optional<Lease> open(const wire::ImageName& name, const wire::ClientId& client,
+                                            bool isWritable);
 
 private:
-    /// Those who write to an image, or those who read.
-    struct Side {
-        std::shared_ptr<IBackEnd> backEnd;
-        std::weak_ptr<IBackEnd> ending; // the one before; it stays as long as its process
-        std::size_t uses = 0;
-        wire::ClientId client{}; // who writes, if anybody does
+    /// The writers of an image, or its readers.
+    struct AccessGroup {
+        std::shared_ptr<IEngine> engine;
+        std::weak_ptr<IEngine> ending; // the previous one; exists as long as its process
+        std::size_t leases = 0;
+        wire::ClientId client{}; // the client that writes, if any
 
         [[nodiscard]] bool isEnding() const;
     };
 
     struct Image {
-        std::optional<ImageConfig> config; // nothing: not served any more, but used
+        std::optional<ImageConfig> config; // none if no longer served; kept until its engines have ended
         std::optional<wire::ProofKey> key;
-        Side writing;
-        Side reading;
+        AccessGroup writing;
+        AccessGroup reading;
     };
 
-    void release(Side& side);
+    void release(AccessGroup& group);
 
     const Start start;
-    mutable std::mutex mutex;
-    std::map<wire::ImageName, std::shared_ptr<Image>> all; // guarded by mutex, and what is in it
+    mutable os::Mutex mutex;
+    std::map<wire::ImageName, std::shared_ptr<Image>> all GUARDED_BY(mutex); // and so are the images in it
 };
 
 } // namespace zephane

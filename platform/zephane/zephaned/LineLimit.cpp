@@ -5,7 +5,7 @@
 namespace zephane {
 
 LineLimit::Verdict LineLimit::ask(Clock::time_point now) {
-    const std::lock_guard lock(mutex);
+    const os::Lock lock(mutex);
     if (written == 0 || now - begin >= span) {
         begin = now;
         written = 0;

@@ -1,13 +1,13 @@
 #pragma once
 
+#include "os/Mutex.h"
+
 #include <chrono>
 #include <cstddef>
-#include <mutex>
 
 namespace zephane {
 
-/// Keeps those who can have lines written from filling the log: ten lines a minute, and how many were left
-/// out.
+/// Keeps repeated messages from filling the log: allows ten lines a minute, and counts the others.
 /// Owns:    nothing.
 /// Threads: any.
 /// Fails:   never.
@@ -20,16 +20,16 @@ public:
 
     struct Verdict {
         bool isAllowed = false;
-        std::size_t leftOut = 0; ///< since the last line that was allowed
+        std::size_t leftOut = 0; ///< lines since the last one that was allowed
     };
 
     Verdict ask(Clock::time_point now = Clock::now());
 
 private:
-    std::mutex mutex;
-    Clock::time_point begin;  // of the span; guarded by mutex
-    std::size_t written = 0;  // in it; guarded by mutex
-    std::size_t withheld = 0; // guarded by mutex
+    os::Mutex mutex;
+    Clock::time_point begin GUARDED_BY(mutex); // start of the span
+    std::size_t written GUARDED_BY(mutex) = 0; // lines in the span
+    std::size_t withheld GUARDED_BY(mutex) = 0;
 };
 
 } // namespace zephane

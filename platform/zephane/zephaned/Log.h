@@ -4,13 +4,13 @@
 
 namespace zephane {
 
-/// Says what happens, a line at a time, with the time before it.
-/// Owns:    nothing; the descriptor has to stay open.
-/// Threads: any; a line is written as a whole.
+/// A log of timestamped lines.
+/// Owns:    nothing; the descriptor must stay open.
+/// Threads: any; each line is written in one piece.
 /// Fails:   never; a line that can't be written is lost.
 ///
-/// What others have sent may stand in a line: control characters become question marks, and it is cut at 2000
-/// bytes.
+/// A line may contain text that others have sent: control characters are replaced with question marks, and
+/// the line is cut at 2000 bytes.
 class Log {
 public:
     explicit Log(int descriptor) : descriptor(descriptor) {}

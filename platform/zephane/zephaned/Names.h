@@ -6,7 +6,7 @@
 
 namespace zephane {
 
-/// As they stand in lines for people.
+/// Names as shown in messages.
 std::string describe(const wire::ImageName& image);
 std::string describe(const Address& address);
 

@@ -4,7 +4,7 @@
 
 namespace zephane {
 
-/// The path of a program, from the directories of PATH. ConfigError if there is none.
+/// Searches the directories of PATH for a program and returns its path. Throws ConfigError if there is none.
 std::string findProgram(const std::string& name);
 
 } // namespace zephane

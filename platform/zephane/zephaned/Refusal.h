@@ -6,7 +6,7 @@
 
 namespace zephane {
 
-/// Why a client doesn't get what it asks for, as it is told.
+/// Why the server refuses a client's request. The code and the text are sent to the client.
 class Refusal : public std::runtime_error {
 public:
     /// `code` is a negative errno.

@@ -8,16 +8,17 @@
 
 namespace zephane {
 
-/// Where the sockets of the back ends are, for nobody else to connect to.
-/// Owns:    the directory, as long as the object is there: another server can't have it. The directory stays.
+/// The directory of the engines' sockets, closed to other users.
+/// Owns:    a lock on the directory, which keeps another server out. The directory itself stays.
 /// Threads: any.
 /// Fails:   the constructor throws ConfigError; nothing else fails.
 class RuntimeDirectory {
 public:
-    /// Makes it if it isn't there, closes it to others, and removes the sockets of a server that was killed.
+    /// Creates the directory if necessary, closes it to others, and removes the sockets of a server that was
+    /// killed.
     explicit RuntimeDirectory(const std::string& path);
 
-    /// A path where nothing is.
+    /// The path for a new socket, never returned before.
     std::string newSocket();
 
 private:

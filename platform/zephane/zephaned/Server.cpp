@@ -1,7 +1,7 @@
 #include "zephane/zephaned/Server.h"
 
-#include "zephane/zephaned/BackEnd.h"
 #include "zephane/zephaned/BackEndSource.h"
+#include "zephane/zephaned/Engine.h"
 #include "zephane/zephaned/Names.h"
 #include "zephane/zephaned/Program.h"
 
@@ -22,20 +22,20 @@ namespace {
 
 using asio::ip::tcp;
 
-/// Waiting for engines is all that they do, so there are many.
+/// The workers only wait for engines, so there are many of them.
 constexpr std::size_t workerThreads = 32;
 constexpr unsigned leastThreads = 2;
 constexpr unsigned mostThreads = 8;
-/// After an accept that has failed, mostly for want of descriptors.
+/// The pause after a failed accept, which mostly means that there are no file descriptors left.
 constexpr std::chrono::milliseconds acceptPause{100};
-/// Something that hangs in the kernel must not keep the server from ending.
+/// An alarm ends the server after this time, even if an engine hangs in the kernel.
 constexpr unsigned endSeconds = 30;
 
 } // namespace
 
 Server::Server(ConfigFile configFile, const Config& config, const Log& log)
     : file(std::move(configFile)),
-      begun(config),
+      startConfig(config),
       log(log),
       nbdkit(findProgram("nbdkit")),
       sockets(config.runtimeDirectory),
@@ -44,9 +44,9 @@ Server::Server(ConfigFile configFile, const Config& config, const Log& log)
       hangups(control, SIGHUP),
       ends(control, SIGTERM, SIGINT),
       images([this](const ImageConfig& image, bool isWritable) {
-          return BackEnd::start(context.get_executor(),
-                                {nbdkit, engineArguments(image.backEnd, isWritable), sockets.newSocket()},
-                                describe(image.name), this->log);
+          return Engine::start(context.get_executor(),
+                               {nbdkit, engineArguments(image.backEnd, isWritable), sockets.newSocket()},
+                               describe(image.name), this->log);
       }),
       sessions(config.maxSessions),
       workers(workerThreads),
@@ -82,7 +82,7 @@ void Server::run() {
     asio::co_spawn(control, waitForReloads(), asio::detached);
     asio::co_spawn(control, waitForEnd(), asio::detached);
     log.info("ready");
-    // The engines end with the thread that has started them, so all of these stay to the end.
+    // An engine ends with the thread that has started it, so all threads run until the end.
     std::vector<std::jthread> threads;
     for (unsigned more = std::clamp(std::thread::hardware_concurrency(), leastThreads, mostThreads); more > 1;
          --more) {
@@ -113,7 +113,7 @@ asio::awaitable<void> Server::accept(tcp::acceptor& acceptor) {
 void Server::begin(tcp::socket socket) {
     try {
         std::make_shared<ServerSession>(std::move(socket), services)->start();
-    } catch (const std::exception& error) { // it has gone already
+    } catch (const std::exception& error) { // the client has disconnected already
         if (services.refusals.ask().isAllowed) {
             log.warning(std::string("refused a client: ") + error.what());
         }
@@ -135,7 +135,7 @@ asio::awaitable<void> Server::waitForEnd() {
 void Server::reload() {
     try {
         const Config config = file.load();
-        if (config.listen != begun.listen || config.runtimeDirectory != begun.runtimeDirectory) {
+        if (config.listen != startConfig.listen || config.runtimeDirectory != startConfig.runtimeDirectory) {
             log.warning("listen and runtimeDirectory stay as they were until zephaned is started again");
         }
         apply(config);
@@ -152,10 +152,10 @@ void Server::apply(const Config& config) {
         }
     }
     services.compression = config.compression;
-    sessions.setMost(config.maxSessions);
+    sessions.setLimit(config.maxSessions);
     images.configure(config.images);
-    sessions.stopThose([this](const wire::ImageName& image) { return !images.isServed(image); },
-                       "the image isn't served any more");
+    sessions.stopMatching([this](const wire::ImageName& image) { return !images.isServed(image); },
+                          "the image isn't served any more");
     log.info(std::to_string(config.images.size()) + " images");
 }
 

@@ -17,16 +17,15 @@
 
 namespace zephane {
 
-/// The server as a whole: takes connections until a signal ends it.
-/// Owns:    everything.
-/// Threads: made and used by one, and it has a few of its own.
-/// Fails:   ConfigError and std::system_error when it is made; nothing later.
+/// The whole server: accepts connections until a signal ends it.
+/// Owns:    all parts of the server: its listening sockets, images, sessions and threads.
+/// Threads: one thread constructs it and calls `run`, which starts a few threads of its own.
+/// Fails:   the constructor throws ConfigError or std::system_error; later failures are logged.
 ///
-/// SIGHUP has the configuration read again; SIGTERM and SIGINT end all sessions, then their engines, then
-/// `run`.
+/// SIGHUP reloads the configuration. SIGTERM and SIGINT end all sessions, then their engines, then `run`.
 class Server {
 public:
-    /// Listens already when it is made. `log` has to stay.
+    /// Listens from here on. `log` must outlive the server.
     Server(ConfigFile file, const Config& config, const Log& log);
     void run();
 
@@ -41,13 +40,13 @@ private:
     void stop();
 
     const ConfigFile file;
-    const Config begun; ///< what it was started with
+    const Config startConfig; ///< the configuration at the start
     const Log& log;
     const std::string nbdkit;
     RuntimeDirectory sockets;
     asio::ssl::context tls;
     asio::io_context context;
-    asio::strand<asio::io_context::executor_type> control; ///< of the signals and the acceptors
+    asio::strand<asio::io_context::executor_type> control; ///< for the signals and the acceptors
     asio::signal_set hangups;
     asio::signal_set ends;
     std::vector<asio::ip::tcp::acceptor> acceptors;

@@ -21,10 +21,11 @@ namespace zephane {
 
 namespace {
 
-/// From the hello to the refusal of who can't prove that it may use an image: it tells nothing, and slows
-/// guessing.
+/// The time from the hello to the refusal of a client that can't prove itself. It is fixed, so that it
+/// reveals nothing, and it slows down guessing.
 constexpr std::chrono::seconds refusalTime{1};
-/// From the accepted connection to the engine's size; the rest of the handshake's time is for the verdict.
+/// The time limit from the accepted connection until the engine's size is known; the rest of the handshake's
+/// time is left for the verdict.
 constexpr std::chrono::seconds engineTime = wire::handshakeTime - std::chrono::seconds{2};
 
 constexpr const char* endOfClient = "the client has closed the connection";
@@ -77,8 +78,8 @@ void ServerSession::stop(const std::string& why) {
 }
 
 void ServerSession::close(const std::string& why) {
-    if (end.empty()) {
-        end = why;
+    if (endReason.empty()) {
+        endReason = why;
     }
     if (relay) {
         relay->stop();
@@ -101,7 +102,7 @@ asio::awaitable<void> ServerSession::run() {
     try {
         co_await converse();
     } catch (const asio::system_error& error) {
-        // A client that has no more to say needn't say so in TLS.
+        // A client may close the connection without TLS's close_notify.
         const bool isEnd = error.code() == asio::ssl::error::stream_truncated;
         close(isEnd ? endOfClient : error.code().message());
     } catch (const std::exception& error) {
@@ -111,12 +112,12 @@ asio::awaitable<void> ServerSession::run() {
 }
 
 void ServerSession::finish() {
-    close(use && use->backEnd().hasEnded() ? "the image's engine has ended" : endOfClient);
+    close(lease && lease->engine().hasEnded() ? "the image's engine has ended" : endOfClient);
     handshakeLimit.cancel();
     if (!isDigesting) {
-        digested.reset(); // so that the engine has nothing left to wait for
+        digestImage.reset(); // the engine waits for this connection when it ends
     }
-    use.reset();
+    lease.reset();
     services.sessions.remove(number);
     if (isProven) {
         sayEnd();
@@ -152,7 +153,7 @@ asio::awaitable<void> ServerSession::admit() {
     granted = grantable(asked);
     const wire::Bytes verdict = handshake.grant(granted);
     co_await remote.write(asio::buffer(verdict));
-    if (!end.empty()) {
+    if (!endReason.empty()) {
         throw asio::system_error(asio::error::operation_aborted);
     }
     serve(std::move(local));
@@ -174,23 +175,23 @@ asio::awaitable<void> ServerSession::prove(wire::ServerHandshake& handshake) {
 }
 
 asio::awaitable<ServerSession::Local> ServerSession::openImage(const wire::ClientHello& asked) {
-    co_await waitForUse(asked);
-    Local local = co_await connectTo(use->backEnd(), accepted + engineTime);
-    co_await lookAtImage();
+    co_await waitForLease(asked);
+    Local local = co_await connectTo(lease->engine(), accepted + engineTime);
+    co_await openDigestImage();
     const bool isWritable = (asked.flags & wire::writableFlag) != 0;
-    if (isWritable && (digested->isReadOnly() || digested->size() == 0)) {
+    if (isWritable && (digestImage->isReadOnly() || digestImage->size() == 0)) {
         services.log.error(image + ": the engine can't write, or its image is empty");
         throw Refusal(-EIO, "the image can't be written to; the server's log says why");
     }
     co_return local;
 }
 
-asio::awaitable<void> ServerSession::waitForUse(const wire::ClientHello& asked) {
+asio::awaitable<void> ServerSession::waitForLease(const wire::ClientHello& asked) {
     const bool isWritable = (asked.flags & wire::writableFlag) != 0;
-    while (end.empty()) {
+    while (endReason.empty()) {
         auto opened = services.images.open(asked.image, asked.client, isWritable);
         if (opened) {
-            use.emplace(std::move(*opened));
+            lease.emplace(std::move(*opened));
             co_return;
         }
         if (Clock::now() >= accepted + engineTime) {
@@ -201,17 +202,18 @@ asio::awaitable<void> ServerSession::waitForUse(const wire::ClientHello& asked) 
     throw asio::system_error(asio::error::operation_aborted);
 }
 
-/// By an NBD connection of the server's own: what the client does with its own isn't looked into.
-asio::awaitable<void> ServerSession::lookAtImage() {
+/// Uses an NBD connection of the server's own, because the client's NBD connection is relayed without being
+/// parsed.
+asio::awaitable<void> ServerSession::openDigestImage() {
     const auto left =
         std::chrono::duration_cast<std::chrono::milliseconds>(accepted + engineTime - Clock::now());
     const NbdPatience patience{.connecting = std::max(left, std::chrono::milliseconds{1})};
-    const auto connect = [path = use->backEnd().socket(),
+    const auto connect = [path = lease->engine().socket(),
                           patience]() -> asio::awaitable<std::unique_ptr<NbdImage>> {
         co_return std::make_unique<NbdImage>(path, patience);
     };
     try {
-        digested = co_await asio::co_spawn(services.workers, connect, asio::use_awaitable);
+        digestImage = co_await asio::co_spawn(services.workers, connect, asio::use_awaitable);
     } catch (const NbdError& error) {
         services.log.error(image + ": the engine shows no image: " + error.what());
         throw Refusal(-EIO, "the image's engine doesn't come up; the server's log says why");
@@ -223,7 +225,7 @@ std::uint64_t ServerSession::grantable(const wire::ClientHello& asked) const {
     if (services.compression) {
         flags |= wire::compressionFlag;
     }
-    if (digested->isSharedByConnections()) {
+    if (digestImage->isSharedByConnections()) {
         flags |= wire::compareFlag;
     }
     return asked.flags & flags;
@@ -243,22 +245,22 @@ asio::awaitable<void> ServerSession::waitUntil(Clock::time_point time) {
 void ServerSession::serve(Local local) {
     isAdmitted = true;
     if ((granted & wire::compareFlag) == 0) {
-        digested.reset();
+        digestImage.reset();
     }
     const bool isCompressed = (granted & wire::compressionFlag) != 0;
     relay.emplace(
         remote, isCompressed ? compression() : Filters(), std::move(local),
-        [this](wire::FrameKind kind, std::span<const std::uint8_t> payload) { take(kind, payload); });
+        [this](wire::FrameKind kind, std::span<const std::uint8_t> payload) { handleFrame(kind, payload); });
 }
 
-void ServerSession::take(wire::FrameKind kind, std::span<const std::uint8_t> payload) {
-    if (kind != wire::FrameKind::digestRequest || !digested || isDigesting) {
+void ServerSession::handleFrame(wire::FrameKind kind, std::span<const std::uint8_t> payload) {
+    if (kind != wire::FrameKind::digestRequest || !digestImage || isDigesting) {
         throw wire::ProtocolError("the client sends what it may not send now");
     }
     const wire::DigestRequest range = wire::decodeDigestRequest(payload);
     isDigesting = true;
     asio::post(services.workers, [self = shared_from_this(), range] {
-        const wire::DigestAnswer digests = digest(*self->digested, range);
+        const wire::DigestAnswer digests = digest(*self->digestImage, range);
         asio::post(self->strand, [self, digests] { self->answer(digests); });
     });
 }
@@ -266,7 +268,7 @@ void ServerSession::take(wire::FrameKind kind, std::span<const std::uint8_t> pay
 void ServerSession::answer(const wire::DigestAnswer& digests) {
     isDigesting = false;
     try {
-        if (end.empty()) {
+        if (endReason.empty()) {
             relay->send(wire::FrameKind::digestAnswer, wire::encode(digests));
         }
     } catch (const wire::ProtocolError& error) {
@@ -284,23 +286,23 @@ void ServerSession::sayBeginning() {
 void ServerSession::sayEnd() {
     const std::string who = "session " + std::to_string(number) + ": ";
     if (!isAdmitted) {
-        services.log.warning(who + image + " for " + peer + " refused: " + end);
+        services.log.warning(who + image + " for " + peer + " refused: " + endReason);
         return;
     }
     const auto time = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - accepted);
     services.log.info(who + "ended after " + std::to_string(time.count()) + " ms, " +
                       std::to_string(remote.read()) + " bytes received, " + std::to_string(remote.written()) +
-                      " sent: " + end);
+                      " sent: " + endReason);
 }
 
-/// Strangers must not fill the log.
+/// Limits the lines, so that unknown clients can't fill the log.
 void ServerSession::sayRefusal() {
     const LineLimit::Verdict verdict = services.refusals.ask();
     if (verdict.leftOut > 0) {
         services.log.warning(std::to_string(verdict.leftOut) + " more connections were refused");
     }
     if (verdict.isAllowed) {
-        services.log.warning("refused " + peer + (image.empty() ? "" : " for " + image) + ": " + end);
+        services.log.warning("refused " + peer + (image.empty() ? "" : " for " + image) + ": " + endReason);
     }
 }
 

@@ -20,24 +20,25 @@
 
 namespace zephane {
 
-/// What all connections of a server use.
+/// The parts of a server that all its connections share.
 struct SessionServices {
     const Log& log;
     Images& images;
     Sessions& sessions;
     asio::ssl::context& tls;
-    asio::thread_pool& workers; ///< for what waits for an engine
-    LineLimit refusals{};       ///< what strangers get into the log
+    asio::thread_pool& workers; ///< for calls that wait for an engine
+    LineLimit refusals{};       ///< limits the log lines about refused clients
     std::atomic<bool> compression{true};
 };
 
-/// One connection of a client: the handshake, then its NBD connection, relayed to the image's engine.
-/// Owns:    the connection, the use of the image, and itself until both have ended.
-/// Threads: any for `start` and `stop`; the rest is done on a strand, that of the socket.
-/// Fails:   what goes wrong ends the connection, and is logged.
+/// One connection of a client: the handshake, and then its NBD connection, relayed to the image's engine.
+/// Owns:    the connection and the lease of the image; a session keeps itself alive until both have ended.
+/// Threads: any for `start` and `stop`; all other work is done on the socket's strand.
+/// Fails:   the constructor throws asio::system_error if the client has gone already; any later failure ends
+///          the connection and is logged.
 class ServerSession : public std::enable_shared_from_this<ServerSession> {
 public:
-    /// `socket` has been accepted just now, and its executor is a strand. `services` have to stay.
+    /// `socket` has just been accepted, and its executor is a strand. `services` must outlive the session.
     ServerSession(asio::ip::tcp::socket socket, SessionServices& services);
 
     void start();
@@ -52,13 +53,13 @@ private:
     asio::awaitable<void> admit();
     asio::awaitable<void> prove(wire::ServerHandshake& handshake);
     asio::awaitable<Local> openImage(const wire::ClientHello& asked);
-    asio::awaitable<void> waitForUse(const wire::ClientHello& asked);
-    asio::awaitable<void> lookAtImage();
+    asio::awaitable<void> waitForLease(const wire::ClientHello& asked);
+    asio::awaitable<void> openDigestImage();
     asio::awaitable<void> refuse(const Refusal& refusal);
     asio::awaitable<void> waitUntil(Clock::time_point time);
     [[nodiscard]] std::uint64_t grantable(const wire::ClientHello& asked) const;
     void serve(Local local);
-    void take(wire::FrameKind kind, std::span<const std::uint8_t> payload);
+    void handleFrame(wire::FrameKind kind, std::span<const std::uint8_t> payload);
     void answer(const wire::DigestAnswer& digests);
     void limitHandshake();
     void close(const std::string& why);
@@ -76,13 +77,13 @@ private:
     asio::steady_timer handshakeLimit;
     Sessions::Number number = 0;
     Clock::time_point helloTime;
-    std::string image;       ///< what was asked for, in words
+    std::string image;       ///< the name of the image asked for
     bool isProven = false;   ///< the client holds the image's secret
-    bool isAdmitted = false; ///< and it has got the image
-    std::string end;         ///< why, once it is known
+    bool isAdmitted = false; ///< the client has been granted the image
+    std::string endReason;   ///< why the connection has ended; empty while it hasn't
     std::uint64_t granted = 0;
-    std::optional<Images::Use> use;
-    std::unique_ptr<NbdImage> digested; ///< used by a worker while isDigesting
+    std::optional<Images::Lease> lease;
+    std::unique_ptr<NbdImage> digestImage; ///< only a worker uses it while isDigesting
     bool isDigesting = false;
     std::optional<Relay> relay;
 };

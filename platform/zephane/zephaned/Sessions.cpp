@@ -6,17 +6,18 @@
 
 namespace zephane {
 
-void Sessions::setMost(std::size_t sessions) {
-    const std::lock_guard lock(mutex);
-    most = sessions;
+void Sessions::setLimit(std::size_t sessions) {
+    const os::Lock lock(mutex);
+    limit = sessions;
 }
 
 Sessions::Number Sessions::add(Stop stop) {
-    std::unique_lock lock(mutex);
+    os::Lock lock(mutex);
     const Number number = ++last;
-    if (!end.empty()) {
+    if (!endReason.empty()) {
+        const std::string why = endReason;
         lock.unlock();
-        stop(end);
+        stop(why);
         return number;
     }
     Stop oldest;
@@ -33,12 +34,12 @@ Sessions::Number Sessions::add(Stop stop) {
 }
 
 bool Sessions::prove(Number number, const wire::ImageName& image) {
-    const std::lock_guard lock(mutex);
+    const os::Lock lock(mutex);
     const auto found = pending.find(number);
-    const auto ofTheImage =
+    const auto sessionsOfImage =
         std::ranges::count_if(proven, [&](const auto& entry) { return entry.second.image == image; });
-    if (found == pending.end() || proven.size() >= most ||
-        std::cmp_greater_equal(ofTheImage, mostOfOneImage)) {
+    if (found == pending.end() || proven.size() >= limit ||
+        std::cmp_greater_equal(sessionsOfImage, mostPerImage)) {
         return false;
     }
     proven.emplace(number, Session{image, std::move(found->second)});
@@ -47,28 +48,28 @@ bool Sessions::prove(Number number, const wire::ImageName& image) {
 }
 
 void Sessions::remove(Number number) {
-    const std::lock_guard lock(mutex);
+    const os::Lock lock(mutex);
     pending.erase(number);
     proven.erase(number);
 }
 
 void Sessions::stopAll(const std::string& why) {
-    std::unique_lock lock(mutex);
-    end = why;
+    os::Lock lock(mutex);
+    endReason = why;
     const std::map<Number, Stop> others = std::exchange(pending, {});
     lock.unlock();
     for (const auto& [number, stop] : others) {
         stop(why);
     }
-    stopThose([](const wire::ImageName&) { return true; }, why);
+    stopMatching([](const wire::ImageName&) { return true; }, why);
 }
 
-void Sessions::stopThose(const std::function<bool(const wire::ImageName& image)>& isMeant,
-                         const std::string& why) {
+void Sessions::stopMatching(const std::function<bool(const wire::ImageName& image)>& matches,
+                            const std::string& why) {
     std::vector<Stop> stops;
-    std::unique_lock lock(mutex);
+    os::Lock lock(mutex);
     for (const auto& [number, session] : proven) {
-        if (isMeant(session.image)) {
+        if (matches(session.image)) {
             stops.push_back(session.stop);
         }
     }

@@ -13,7 +13,6 @@ namespace {
 
 constexpr int usageError = 2;
 
-/// What the command line says.
 struct Options {
     std::string config = "/etc/zephaned/zephaned.json";
     bool isCheck = false;
@@ -24,7 +23,7 @@ struct Options {
     bool isJson = false;
 };
 
-/// A session needs a handful of descriptors.
+/// Each session needs a handful of file descriptors.
 void raiseDescriptorLimit() {
     rlimit limit{};
     if (::getrlimit(RLIMIT_NOFILE, &limit) == 0) {
@@ -33,7 +32,8 @@ void raiseDescriptorLimit() {
     }
 }
 
-/// Or what is opened later would get a number that others write to.
+/// Opens standard descriptors that are closed. Otherwise a file opened later would get such a number, and log
+/// lines would be written into it.
 void fillStandardDescriptors() {
     int descriptor = STDIN_FILENO;
     while (descriptor >= 0 && descriptor <= STDERR_FILENO) {
@@ -69,7 +69,7 @@ std::optional<std::uint64_t> sizeOf(const Options& options) {
     return size;
 }
 
-/// The image that a command is about.
+/// Adds a command with the arguments that name an image.
 CLI::App* addCommand(CLI::App& app, Options& options, const char* name, const char* description) {
     CLI::App* const command = app.add_subcommand(name, description);
     command->add_option("PATH", options.path, "the image's path, as the agent is told it")->required();
@@ -92,6 +92,7 @@ int run(int count, const char* const* words) {
     CLI::App* const list = app.add_subcommand("list", "show the images");
     list->add_flag("--json", options.isJson, "for programs");
     CLI::App* const remove = addCommand(app, options, "remove", "serve an image no longer; its data stays");
+    // Exit codes: CLI11's own are reduced to success and one code for a usage error.
     try {
         app.parse(count, words);
     } catch (const CLI::ParseError& error) {

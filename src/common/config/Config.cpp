@@ -15,15 +15,14 @@ namespace {
 
 using nlohmann::json;
 
-/// std::regex recurses with the length of its input; a key that could be somebody's attempt to use up the
-/// stack is no key.
-constexpr std::size_t longestKey = 1024;
+/// std::regex recurses with the length of its input. Longer keys are invalid: they could use up the stack.
+constexpr std::size_t maxKeyBytes = 1024;
 
 /// How a pair is shown in messages.
 std::string pairText(const std::string& key, const json& value) {
-    constexpr std::size_t longest = 1024; // of either
+    constexpr std::size_t maxBytes = 1024; // bytes of the key, and of the value
     const std::string text = value.dump(-1, ' ', false, json::error_handler_t::replace);
-    return "{\"" + printable(shortened(key, longest)) + "\" : " + shortened(text, longest) + "}";
+    return "{\"" + printable(shortened(key, maxBytes)) + "\" : " + shortened(text, maxBytes) + "}";
 }
 
 /// A valid value as it is stored.
@@ -121,7 +120,7 @@ bool Config::isValid(const std::string& key, const json& value) const {
         return fits(row->second, value);
     }
     const bool matches =
-        key.size() <= longestKey &&
+        key.size() <= maxKeyBytes &&
         std::any_of(options.patterns.begin(), options.patterns.end(),
                     [&](const std::regex& pattern) { return std::regex_match(key, pattern); });
     return matches && value.is_number_unsigned();

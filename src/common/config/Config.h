@@ -9,9 +9,10 @@ namespace agent {
 
 /// Checks everything that goes into or comes out of the configuration against the table of options.
 /// Owns:    the table; logger and storage must outlive it.
-/// Threads: no lock of its own: the table never changes and the storage guards itself.
-/// Fails:   a stored value that doesn't fit its option is an error line at construction, and reads as the
-///          default for as long as it stands. See IConfigData for the rest.
+/// Threads: any thread may call it: the table never changes, and the storage has its own lock.
+/// Fails:   `get` throws std::invalid_argument for an unknown key or type, and `set` for an invalid pair;
+///          `set` also passes on what the storage throws. The constructor logs an error for each stored value
+///          that doesn't fit its option; `get` returns the default instead of such a value.
 class Config : public IConfigData {
 public:
     Config(info::Logger& logger, IConfigDataProvider& provider, ConfigOptions options);

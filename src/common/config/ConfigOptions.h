@@ -11,13 +11,13 @@ namespace agent {
 
 /// One row of the table of options.
 struct ConfigOption {
-    std::string defaultValue;   ///< As text for every type.
+    std::string defaultValue;   ///< As text, whatever the type.
     const std::type_info* type; ///< bool, unsigned long or std::string.
     std::uint64_t minimum = 0;  ///< Inclusive; for unsigned long only.
     std::uint64_t maximum = 0;  ///< Inclusive; for unsigned long only.
 };
 
-/// Every key that may be set: those of the table, and those that match one of the patterns as a whole.
+/// The keys that may be set: those in the table, and those that one of the patterns matches completely.
 struct ConfigOptions {
     std::vector<std::regex> patterns;
     std::unordered_map<std::string, ConfigOption> table;

@@ -5,10 +5,11 @@
 namespace agent {
 
 /// The read side of the configuration, for components that need a setting.
-/// Owns:    nothing that it hands out.
-/// Threads: safe from any.
-/// Fails:   std::invalid_argument for a key that is not in the table of options. Keys that are legal by
-///          pattern only are no exception to this: read them from IConfigData::dump().
+/// Owns:    the settings; `get` copies the value into `out`.
+/// Threads: any thread may call it.
+/// Fails:   `get` throws std::invalid_argument for a key that is not in the table of options, or has another
+///          type there. That includes keys that are only allowed by a pattern: read those from
+///          IConfigData::dump().
 class IConfig {
 public:
     virtual ~IConfig() = default;

@@ -6,16 +6,16 @@
 
 namespace agent {
 
-/// The configuration as a document, for the device API and for keys that are legal by pattern.
-/// Owns:    nothing that it hands out.
-/// Threads: safe from any; one caller of `set` at a time.
-/// Fails:   `set` throws std::invalid_argument for a document with an invalid pair, and what the storage
-///          throws when it can't be written.
+/// The configuration as a JSON document, for the device API and for keys that are allowed by a pattern.
+/// Owns:    the settings; `dump` returns a copy.
+/// Threads: any thread may call `get` and `dump`; only one thread at a time may call `set`.
+/// Fails:   `set` throws std::invalid_argument for a document with an invalid pair, and passes on what
+///          IConfigDataProvider::set throws if the settings can't be stored.
 class IConfigData : public IConfig {
 public:
-    /// What has been set, keys that are in no table included; defaults are not in it.
+    /// All stored settings, including keys that are not in the table of options. Defaults are not included.
     [[nodiscard]] virtual nlohmann::json dump() const = 0;
-    /// Stores each pair of an object, or none of them if one is invalid.
+    /// Stores every key-value pair of the JSON object `pairs`, or none if one of them is invalid.
     virtual void set(const nlohmann::json& pairs) = 0;
 };
 

@@ -6,11 +6,12 @@
 
 namespace agent {
 
-/// The storage below the configuration: typed values by key, unchecked.
+/// The storage below the configuration: typed values by key. It doesn't check keys or values against the
+/// table of options.
 /// Owns:    the stored document.
-/// Threads: safe from any.
-/// Fails:   `get` throws the JSON library's type error if the stored value is of another type; `set` throws
-///          if the document can't be written, or not be read back, and nothing has changed then.
+/// Threads: any thread may call it.
+/// Fails:   `get` throws the JSON library's type error if the stored value has another type. `set` throws if
+///          the document can't be written or can't be read back; nothing has changed then.
 class IConfigDataProvider {
 public:
     virtual ~IConfigDataProvider() = default;
@@ -20,7 +21,7 @@ public:
     virtual void set(const std::string& key, const std::string& value) = 0;
     virtual void set(const std::string& key, unsigned long value) = 0;
     virtual void set(const std::string& key, bool value) = 0;
-    /// Stores each pair of an object, all of them at once or none.
+    /// Stores every key-value pair of the JSON object `pairs`: all of them at once or none.
     virtual void set(const nlohmann::json& pairs) = 0;
     [[nodiscard]] virtual nlohmann::json dump() const = 0;
 };

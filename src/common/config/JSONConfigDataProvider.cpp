@@ -15,14 +15,14 @@ namespace {
 
 using nlohmann::json;
 
-constexpr std::size_t largestFile = 1024UL * 1024;
-/// The file may come to hold what an administrator would not show to every user of the machine.
+constexpr std::size_t maxFileBytes = 1024UL * 1024;
+/// Only root may read the file: it may contain settings that not every user of the machine should see.
 constexpr mode_t fileMode = 0600;
 
-/// The one way from text to settings, for what is read and for what is about to be written.
+/// Parses settings, both when the file is read and to check a text before it is written.
 json parseDocument(const std::string& text) {
-    if (text.size() > largestFile) {
-        throw std::runtime_error("larger than " + std::to_string(largestFile) + " bytes");
+    if (text.size() > maxFileBytes) {
+        throw std::runtime_error("larger than " + std::to_string(maxFileBytes) + " bytes");
     }
     return parseJson(text);
 }
@@ -32,11 +32,11 @@ json readDocument(const Path& path) {
     if (!file) {
         return json::object();
     }
-    std::string text(largestFile + 1, '\0');
+    std::string text(maxFileBytes + 1, '\0');
     file.read(text.data(), static_cast<std::streamsize>(text.size()));
     text.resize(static_cast<std::size_t>(file.gcount()));
     try {
-        if (file.bad()) { // a directory, or a disk that gives only a part of what was stored
+        if (file.bad()) { // a directory, or a disk that can only read part of the file
             throw std::runtime_error("it can't be read");
         }
         return parseDocument(text);
@@ -46,7 +46,7 @@ json readDocument(const Path& path) {
     }
 }
 
-/// What the next start will make of the text.
+/// Parses `text` as the next start of the agent will do.
 json readBack(const std::string& text) {
     try {
         return parseDocument(text);
@@ -88,7 +88,7 @@ void JSONConfigDataProvider::set(const json& pairs) {
     if (pairs.empty()) {
         return;
     }
-    const std::lock_guard lock(mutex);
+    const os::Lock lock(mutex);
     json changed = document;
     for (const auto& [key, value] : pairs.items()) {
         changed[key] = value;
@@ -100,13 +100,13 @@ void JSONConfigDataProvider::set(const json& pairs) {
 }
 
 json JSONConfigDataProvider::dump() const {
-    const std::lock_guard lock(mutex);
+    const os::Lock lock(mutex);
     return document;
 }
 
 template <typename Value>
 Value JSONConfigDataProvider::read(const std::string& key, const Value& fallback) const {
-    const std::lock_guard lock(mutex);
+    const os::Lock lock(mutex);
     if (!document.is_object()) {
         return fallback;
     }
@@ -115,7 +115,7 @@ Value JSONConfigDataProvider::read(const std::string& key, const Value& fallback
         return fallback;
     }
     if constexpr (std::is_same_v<Value, unsigned long>) {
-        // The library would convert a fraction that the type can't hold, to whatever comes of it.
+        // The library would convert even a fraction that the type can't hold, which is undefined.
         const std::optional<unsigned long> number = asUnsigned(*found);
         if (!number) {
             throw json::type_error::create(302, "type must be an unsigned number", &*found);

@@ -2,22 +2,21 @@
 
 #include "common/Path.h"
 #include "common/config/IConfigDataProvider.h"
+#include "os/Mutex.h"
 
 #include <nlohmann/json.hpp>
-
-#include <mutex>
 
 namespace agent {
 
 /// Keeps the configuration in one JSON file: a flat object whose keys are whole dotted names, such as
 ///     { "log.lifetimeHours": 72, "holepunch.enabled": true }
-/// Every `set` writes the whole document beside the file and renames it into place, so that a crash or a full
-/// disk leaves the old file as it was.
+/// Every `set` writes the whole document to a temporary file and renames that, so that a crash or a full disk
+/// leaves the old file unchanged.
 /// Owns:    the parsed document.
-/// Threads: safe from any; readers share the document with a writer under one short mutex.
-/// Fails:   construction throws std::runtime_error if the file can be opened but is no JSON, is larger than
-///          1 MiB or beyond the limits of parseJson. A missing file is an empty store. `set` throws it for
-///          what would make the file such a one, which the next start could not read.
+/// Threads: any thread may call it; a mutex guards the document, and `set` holds it while it writes the file.
+/// Fails:   the constructor throws std::runtime_error if the file can be opened but isn't JSON, is larger
+///          than 1 MiB or exceeds the limits of parseJson. A missing file counts as empty. `set` throws
+///          std::runtime_error if it can't write the file, or if the next start could not read it.
 class JSONConfigDataProvider : public IConfigDataProvider {
 public:
     explicit JSONConfigDataProvider(Path path);
@@ -38,8 +37,8 @@ private:
     void write(const std::string& key, const Value& value);
 
     Path path;
-    mutable std::mutex mutex;
-    nlohmann::json document; // guarded by mutex
+    mutable os::Mutex mutex;
+    nlohmann::json document GUARDED_BY(mutex);
 };
 
 } // namespace agent

@@ -6,8 +6,8 @@
 
 namespace agent {
 
-/// A JSON number as an unsigned one: a fraction is cut off, a negative integer wraps around as it does in C.
-/// Nothing for a value that is no number, or a fraction that no unsigned long can hold.
+/// Converts a JSON number to unsigned long: cuts off a fraction; a negative integer wraps around as it does
+/// in C. Returns nothing if `value` is not a number, or is a fraction that unsigned long can't hold.
 std::optional<unsigned long> asUnsigned(const nlohmann::json& value);
 
 } // namespace agent

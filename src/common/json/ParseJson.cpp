@@ -12,15 +12,15 @@ namespace {
 
 using nlohmann::json;
 
-constexpr int parseErrorId = 101; // the library's number for an unexpected text
+constexpr int parseErrorId = 101; // the JSON library's number for a syntax error
 
 [[noreturn]] void refuse(const std::string& reason, std::size_t position = 0) {
     throw json::parse_error::create(parseErrorId, position, reason, static_cast<const json*>(nullptr));
 }
 
-/// Watches a document go by, without keeping any of it. The library's own way to watch a document while it is
-/// built takes a time that grows with the square of an array's length.
-class Limits : public nlohmann::json_sax<json> {
+/// A SAX handler that checks the limits without storing anything. The library's own callback for checking a
+/// document while building it takes quadratic time for long arrays.
+class LimitChecker : public nlohmann::json_sax<json> {
 public:
     bool null() override { return count(); }
     bool boolean(bool /*value*/) override { return count(); }
@@ -36,26 +36,26 @@ public:
     bool end_array() override { return ascend(); }
     bool parse_error(std::size_t position, const std::string& /*token*/,
                      const json::exception& error) override {
-        constexpr std::size_t longest = 1024;
-        const std::string_view text = error.what(); // holds the whole of what it couldn't read
-        if (text.size() > longest) {
+        constexpr std::size_t maxBytes = 1024;
+        const std::string_view text = error.what(); // contains all of the text that it couldn't read
+        if (text.size() > maxBytes) {
             const std::size_t reason = text.find("syntax error");
-            refuse(shortened(text.substr(reason == std::string_view::npos ? 0 : reason), longest), position);
+            refuse(shortened(text.substr(reason == std::string_view::npos ? 0 : reason), maxBytes), position);
         }
-        return false; // whoever builds the document will meet it again, and throw
+        return false; // json::parse will find the same error, and throw
     }
 
 private:
     bool count() {
-        if (++values > mostJsonValues) {
-            refuse("more than " + std::to_string(mostJsonValues) + " values");
+        if (++values > maxJsonValues) {
+            refuse("more than " + std::to_string(maxJsonValues) + " values");
         }
         return true;
     }
 
     bool descend() {
-        if (++depth > deepestJsonNesting) {
-            refuse("nested deeper than " + std::to_string(deepestJsonNesting) + " levels");
+        if (++depth > maxJsonNesting) {
+            refuse("nested deeper than " + std::to_string(maxJsonNesting) + " levels");
         }
         return count();
     }
@@ -72,8 +72,8 @@ private:
 } // namespace
 
 json parseJson(std::string_view text) {
-    Limits limits;
-    json::sax_parse(text.begin(), text.end(), &limits);
+    LimitChecker checker;
+    json::sax_parse(text.begin(), text.end(), &checker);
     return json::parse(text.begin(), text.end());
 }
 

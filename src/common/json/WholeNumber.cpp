@@ -13,7 +13,7 @@ namespace {
 
 using nlohmann::json;
 
-// The library's numbers for an unexpected type and for a number that is out of range.
+// The JSON library's numbers for two of its errors: an unexpected type, and a number that is out of range.
 constexpr int typeErrorId = 302;
 constexpr int rangeErrorId = 406;
 
@@ -51,9 +51,9 @@ std::optional<Integer> wholeNumber(const json& value) {
 }
 
 template <typename Integer>
-Integer requireWholeNumber(const json& value, Integer largest) {
+Integer requireWholeNumber(const json& value, Integer maxValue) {
     const std::optional<Integer> number = wholeNumber<Integer>(value);
-    if (number && *number <= largest) {
+    if (number && *number <= maxValue) {
         return *number;
     }
     if (value.is_number()) {
@@ -66,8 +66,8 @@ Integer requireWholeNumber(const json& value, Integer largest) {
 template std::optional<std::int32_t> wholeNumber(const json& value);
 template std::optional<std::int64_t> wholeNumber(const json& value);
 template std::optional<std::uint64_t> wholeNumber(const json& value);
-template std::int32_t requireWholeNumber(const json& value, std::int32_t largest);
-template std::int64_t requireWholeNumber(const json& value, std::int64_t largest);
-template std::uint64_t requireWholeNumber(const json& value, std::uint64_t largest);
+template std::int32_t requireWholeNumber(const json& value, std::int32_t maxValue);
+template std::int64_t requireWholeNumber(const json& value, std::int64_t maxValue);
+template std::uint64_t requireWholeNumber(const json& value, std::uint64_t maxValue);
 
 } // namespace agent

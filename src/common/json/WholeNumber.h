@@ -8,15 +8,16 @@
 
 namespace agent {
 
-/// A JSON number as an integer, a fraction cut off. Nothing for a value that is no number, and for a number
-/// that the integer can't hold: no conversion wraps around. For std::int32_t, std::int64_t and std::uint64_t.
+/// Converts a JSON number to an integer and cuts off a fraction. Returns nothing if `value` is not a number,
+/// or if the integer type can't hold it: no conversion wraps around. Integer is std::int32_t, std::int64_t or
+/// std::uint64_t.
 template <typename Integer>
 std::optional<Integer> wholeNumber(const nlohmann::json& value);
 
-/// As `wholeNumber`; throws the JSON library's type or range error where that has nothing, and for more than
-/// `largest`.
+/// Like `wholeNumber`, but throws the JSON library's type or range error instead of returning nothing, and
+/// the range error for a number above `maxValue`.
 template <typename Integer>
 Integer requireWholeNumber(const nlohmann::json& value,
-                           Integer largest = std::numeric_limits<Integer>::max());
+                           Integer maxValue = std::numeric_limits<Integer>::max());
 
 } // namespace agent

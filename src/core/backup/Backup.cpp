@@ -5,7 +5,7 @@
 #include "core/backup/BackupSession.h"
 #include "core/backup/PhaseRunner.h"
 #include "core/backup/RemoteTargetValidator.h"
-#include "core/backup/RunRecord.h"
+#include "core/backup/RunResultLog.h"
 #include "core/backup/phase/CloseBackupSession.h"
 #include "core/backup/phase/CopyVolume.h"
 #include "core/backup/phase/OpenBackupSession.h"
@@ -17,9 +17,9 @@
 #include "core/backup/phase/ValidateRemoteTargets.h"
 #include "core/operation/NeverCancel.h"
 #include "info/CowFileSize.h"
+#include "os/Mutex.h"
 
 #include <algorithm>
-#include <mutex>
 #include <stdexcept>
 #include <utility>
 
@@ -27,10 +27,10 @@ namespace agent::core::backup {
 
 namespace {
 
-/// Held for the whole of a run. Backups share the machine's volumes and its one snapshot driver, and belong
-/// to different engines' threads, so this is the process's and not any object's.
-std::mutex& runMutex() {
-    static std::mutex mutex;
+/// Held during each whole run. The mutex belongs to the process, because all backups share the machine's
+/// volumes and its one snapshot driver, whichever engine's thread they run on.
+os::Mutex& runMutex() {
+    static os::Mutex mutex;
     return mutex;
 }
 
@@ -93,7 +93,7 @@ bool Backup::isFinished() const {
 
 void Backup::cancel() {
     logger.log(info::level::info, "Asking backup %s to cancel...", id.c_str());
-    cancelAsked = true; // before the operation's own flag, which the run may be resetting right now
+    cancelAsked = true; // before the operation's own flag, which `run` may be resetting at this moment
     cancelableOperation->cancel();
 }
 
@@ -105,12 +105,12 @@ void Backup::run(std::unique_ptr<BackupSession> session) {
     if (!session) {
         throw std::invalid_argument("Invalid session pointer given to backup run!");
     }
-    const std::lock_guard lock(runMutex());
-    const RunRecord record(logger, id, *backupAttributes);
+    const os::Lock lock(runMutex());
+    const RunResultLog resultLog(logger, id, *backupAttributes);
     info::CowFileSize cowFileSize(config);
-    Snapshots snapshots{makeSnapshotControl(cowFileSize), {}, SnapshotTurn()};
+    Snapshots snapshots{makeSnapshotControl(cowFileSize), {}, SnapshotLock()};
     const Outcome outcome = runProtected(std::move(session), snapshots);
-    const auto writeRecord = [&] { record.write(nameOf(outcome), status, snapshots.volumes); };
+    const auto writeRecord = [&] { resultLog.write(nameOf(outcome), status, snapshots.volumes); };
     try {
         runPostBackup(snapshots, outcome);
     } catch (...) {
@@ -152,11 +152,11 @@ Backup::Outcome Backup::runProtected(std::unique_ptr<BackupSession> session, Sna
 
 Backup::Outcome Backup::runCancelable(std::unique_ptr<BackupSession> session, Snapshots& snapshots) {
     cancelableOperation->reset();
-    if (cancelAsked) { // while this backup waited for its turn: it must not begin
+    if (cancelAsked) { // cancelled while this backup waited for runMutex: it must not begin
         cancelableOperation->cancel();
     }
     if (heartbeat) {
-        heartbeat->reset(); // the time before the run is nobody's silence
+        heartbeat->reset(); // missing pings don't count while the backup waits for its run
         heartbeat->setCallback([this] {
             info::LogEntry(logger, info::level::error, info::reason("appliance-silent"))
                 << "Backup cancelling due to lost ordak ping";
@@ -164,7 +164,7 @@ Backup::Outcome Backup::runCancelable(std::unique_ptr<BackupSession> session, Sn
         });
     }
     const bool completed = cancelableOperation->run([&](ICancel& cancel) {
-        snapshots.turn.wait(logger, cancel);
+        snapshots.lock.acquire(logger, cancel);
         runBackup(*session, *snapshots.control, snapshots.volumes, cancel);
     });
     if (heartbeat) {
@@ -189,7 +189,7 @@ void Backup::runBackup(BackupSession& session, SnapshotSessionControl& control, 
         logger, control, snapshotInfo, volumes, *backupAttributes, *snapshotAttributes, quiesce, status));
     info::LogEntry(logger, info::level::info) << "Beginning running backup phases...";
     PhaseRunner(logger, populate).run(cancel);
-    for (const auto& volume : volumes) { // known only now
+    for (const auto& volume : volumes) { // filled by the `populate` phase
         transfer.push_back(std::make_unique<phase::CopyVolume>(
             logger, session, snapshotInfo, volume, *backupAttributes, status, dataProvider, cancel, config));
     }
@@ -200,11 +200,11 @@ void Backup::runBackup(BackupSession& session, SnapshotSessionControl& control, 
 
 void Backup::runPostBackup(Snapshots& snapshots, Outcome outcome) {
     const bool success = outcome == Outcome::finished;
-    if (snapshots.turn.take() == SnapshotTurn::State::others) {
+    if (snapshots.lock.tryAcquire() == SnapshotLock::State::others) {
         info::LogEntry(logger, info::level::info)
             << "The snapshots there are belong to another program, none to this backup.";
     } else {
-        conclude(*snapshots.control, snapshots.volumes, success);
+        endSnapshots(*snapshots.control, snapshots.volumes, success);
     }
     if (success) {
         return;
@@ -214,8 +214,8 @@ void Backup::runPostBackup(Snapshots& snapshots, Outcome outcome) {
     status.setAllVolumesFailed();
 }
 
-void Backup::conclude(SnapshotSessionControl& control, const Volumes& volumes, bool success) {
-    std::shared_ptr<ISnapshotInfo> snapshotInfo; // what has become of the snapshots
+void Backup::endSnapshots(SnapshotSessionControl& control, const Volumes& volumes, bool success) {
+    std::shared_ptr<ISnapshotInfo> snapshotInfo; // the state after the snapshots have ended
     Phases phases;
     phases.push_back(
         std::make_unique<phase::TransitionToIncremental>(control, snapshotInfo, volumes, success));

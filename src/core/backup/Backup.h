@@ -5,8 +5,8 @@
 #include "core/backup/IBackup.h"
 #include "core/backup/IBackupAttributes.h"
 #include "core/backup/ISnapshotAttributes.h"
+#include "core/backup/SnapshotLock.h"
 #include "core/backup/SnapshotSessionControl.h"
-#include "core/backup/SnapshotTurn.h"
 #include "core/operation/ICancelableOperation.h"
 #include "core/operation/IHeartbeat.h"
 #include "core/script/IQuiesce.h"
@@ -19,15 +19,16 @@
 
 namespace agent::core::backup {
 
-/// See IBackup. One run at a time in the process: a run waits, without limit, for the one before it to end,
-/// so that a new backup never meets the snapshots of a cancelled one. A backup that is cancelled while it
-/// waits ends as failed when its turn comes, and begins nothing. Another process that has snapshots is waited
-/// for within limits, see SnapshotTurn.
+/// See IBackup. The process runs one backup at a time: a run waits, without a timeout, for the run before it
+/// to end, so that a new backup never finds the snapshots of a cancelled one. A backup that is cancelled
+/// while it waits starts nothing and then ends as failed. If another process has snapshots, the run waits for
+/// that process with a timeout; see SnapshotLock.
 ///
-/// Logger, volume provider, quiesce scripts, data provider and configuration must outlive it.
+/// Logger, volume provider, quiesce scripts, data provider and configuration must outlive the object.
 class Backup : public IBackup {
 public:
-    /// A null heartbeat means that nobody has to watch the backup. An empty ID makes it generate its own.
+    /// Without a heartbeat (null), the backup runs even if no appliance watches it. If `id` is empty, the
+    /// backup generates its own.
     /// Throws std::invalid_argument for a null operation, for no volumes and for an empty volume UUID.
     Backup(info::Logger& logger, const info::VolumeProvider& volumeProvider, script::IQuiesce& quiesce,
            std::shared_ptr<IBackupAttributes> backupAttributes,
@@ -45,30 +46,30 @@ public:
     void run(std::unique_ptr<BackupSession> session) override;
 
 protected:
-    /// The control of the snapshots of one run, which `cowFileSize` outlives. For a machine whose snapshots
-    /// are not those of the driver to override.
+    /// Creates the snapshot control of one run; `cowFileSize` outlives it. A subclass overrides this if its
+    /// snapshots don't come from the driver.
     virtual std::unique_ptr<SnapshotSessionControl> makeSnapshotControl(info::ICowFileSize& cowFileSize);
 
 private:
     enum class Outcome { failed = 1, cancelled = 2, finished = 3 };
     using Volumes = SnapshotSessionControl::Volumes;
-    /// Of one run.
+    /// The snapshots of one run.
     struct Snapshots {
         std::unique_ptr<SnapshotSessionControl> control;
         Volumes volumes;
-        SnapshotTurn turn;
+        SnapshotLock lock;
     };
 
     static std::string nameOf(Outcome outcome);
 
-    /// No exception leaves it. The session goes with it, and so the transports are closed before the
-    /// snapshots are ended.
+    /// Lets no exception escape. Destroys the session, so that the transports are closed before the snapshots
+    /// end.
     Outcome runProtected(std::unique_ptr<BackupSession> session, Snapshots& snapshots);
     Outcome runCancelable(std::unique_ptr<BackupSession> session, Snapshots& snapshots);
     void runBackup(BackupSession& session, SnapshotSessionControl& control, Volumes& volumes,
                    ICancel& cancel);
     void runPostBackup(Snapshots& snapshots, Outcome outcome);
-    void conclude(SnapshotSessionControl& control, const Volumes& volumes, bool success);
+    void endSnapshots(SnapshotSessionControl& control, const Volumes& volumes, bool success);
 
     info::Logger& logger;
     const info::VolumeProvider& volumeProvider;
@@ -81,7 +82,7 @@ private:
     const IConfig& config;
     std::string id;
     BackupStatusHandler status;
-    std::atomic<bool> cancelAsked = false; // since this backup was made, whatever the operation says
+    std::atomic<bool> cancelAsked = false; // never cleared, unlike the flag of the operation
 };
 
 } // namespace agent::core::backup

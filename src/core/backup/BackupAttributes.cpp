@@ -9,7 +9,7 @@ namespace agent::core::backup {
 
 namespace {
 
-/// The record of a volume, from a map that is const or not.
+/// The record of a volume; `volumes` may be const or not.
 template <typename Map>
 auto& find(Map& volumes, const std::string& uuid) {
     const auto found = volumes.find(uuid);

@@ -41,7 +41,7 @@ void BackupManager::ping(const std::string& backupId) {
 }
 
 void BackupManager::getStatuses(std::unordered_map<std::string, std::uint32_t>& out) {
-    const std::lock_guard lock(mutex);
+    const os::Lock lock(mutex);
     for (const auto& [key, backup] : backups) {
         const std::string id = backup->getId();
         if (!out.emplace(id, overallState(*backup)).second) {
@@ -62,7 +62,7 @@ void BackupManager::cancelBackup(const std::string& backupId) {
 }
 
 void BackupManager::cancelAllBackups() {
-    const std::lock_guard lock(mutex);
+    const os::Lock lock(mutex);
     if (backups.empty()) {
         return;
     }
@@ -76,7 +76,7 @@ void BackupManager::cancelAllBackups() {
 }
 
 std::shared_ptr<IBackup> BackupManager::find(const std::string& backupId) {
-    const std::lock_guard lock(mutex);
+    const os::Lock lock(mutex);
     const auto found = backups.find(backupId);
     if (found == backups.end()) {
         throw exception::bad_request("A backup with ID " + backupId + " does not exist.");
@@ -85,7 +85,7 @@ std::shared_ptr<IBackup> BackupManager::find(const std::string& backupId) {
 }
 
 void BackupManager::insert(std::shared_ptr<IBackup> backup) {
-    const std::lock_guard lock(mutex);
+    const os::Lock lock(mutex);
     const std::string id = backup->getId();
     if (!backups.emplace(id, std::move(backup)).second) {
         throw std::invalid_argument("Could not insert a backup object for backup with ID " + id +
@@ -93,10 +93,10 @@ void BackupManager::insert(std::shared_ptr<IBackup> backup) {
     }
 }
 
-/// Forgets one backup that has ended, if there are many. One with an active volume is never forgotten, so the
-/// map can outgrow the threshold.
+/// Forgets one backup that has ended, if the map has reached the threshold. A backup with an active volume is
+/// never forgotten, so the map can outgrow the threshold.
 void BackupManager::purge() {
-    const std::lock_guard lock(mutex);
+    const os::Lock lock(mutex);
     if (backups.size() < purgeThreshold) {
         return;
     }

@@ -2,13 +2,12 @@
 
 #include "core/backup/IBackupManager.h"
 #include "info/log/Logger.h"
-
-#include <mutex>
+#include "os/Mutex.h"
 
 namespace agent::core::backup {
 
-/// See IBackupManager. Keeps the backups of the recent past, so that the appliance can ask how they went:
-/// from the sixth on, each new one makes one that has ended go.
+/// See IBackupManager. Keeps recent backups after their end, so that the appliance can ask for their status:
+/// from the sixth backup on, each new one evicts one that has ended.
 class BackupManager : public IBackupManager {
 public:
     explicit BackupManager(info::Logger& logger);
@@ -21,14 +20,14 @@ public:
     void cancelAllBackups() override;
 
 private:
-    /// A share of the backup, so that it can't vanish while the caller works on it without the mutex.
+    /// Returns a shared_ptr, so that the backup can't vanish while the caller uses it without the mutex.
     [[nodiscard]] std::shared_ptr<IBackup> find(const std::string& backupId);
     void insert(std::shared_ptr<IBackup> backup);
     void purge();
 
     info::Logger& logger;
-    std::mutex mutex;
-    std::unordered_map<std::string, std::shared_ptr<IBackup>> backups; // guarded by mutex
+    os::Mutex mutex;
+    std::unordered_map<std::string, std::shared_ptr<IBackup>> backups GUARDED_BY(mutex);
 };
 
 } // namespace agent::core::backup

@@ -15,7 +15,7 @@ BackupSession::BackupSession(info::Logger& logger) : logger(logger) {
     info::LogEntry(logger, info::level::debug) << "Backup session created";
 }
 
-// The stream form of logging is used here because it lets nothing escape.
+// Logs through LogEntry, because a LogEntry lets no exception escape.
 BackupSession::~BackupSession() {
     opened = false;
     info::LogEntry(logger, info::level::info) << "Closing backup session, finalizing remote targets...";
@@ -66,7 +66,7 @@ void BackupSession::createVolumeWriter(const std::string& uuid, bool isDiffMerge
                                  "' was previously fulfilled. It cannot be requested more than once.");
     }
     if (!volume.transport->connect(isDiffMerge)) {
-        throw info::Reasoned<exception::transport_connection_error>(
+        throw info::WithReason<exception::transport_connection_error>(
             info::reason("target-unreachable"),
             "Failed to open transport connection for volume UUID " + uuid);
     }
@@ -84,8 +84,8 @@ void BackupSession::registerVolume(const std::string& uuid, const ChecksumFuncti
     Volume& volume = found->second;
     std::uint32_t checksum = 0;
     if (!checksumFunction(volume.transport, checksum)) {
-        throw info::Reasoned<std::runtime_error>(info::reason("image-unreadable"),
-                                                 "Failed to generate checksum for volume: " + uuid);
+        throw info::WithReason<std::runtime_error>(info::reason("image-unreadable"),
+                                                   "Failed to generate checksum for volume: " + uuid);
     }
     volume.checksum = checksum;
     info::LogEntry(logger, info::level::info)

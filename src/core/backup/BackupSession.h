@@ -20,16 +20,18 @@ namespace agent::core::backup {
 class IBackupAttributes;
 class RemoteTargetValidator;
 
-/// The remote targets of one backup, one transport per volume, each handed out once for writing.
-/// Owns:    a share of every transport; destroying the session is what ends them.
+/// The remote targets of one backup, one transport per volume. Each is handed out for writing once.
+/// Owns:    a share of every transport; destroying the session closes them.
 /// Threads: one at a time: built by the request's thread, then handed over to the thread of the backup.
-/// Fails:   by exception, which fails the backup; transport_connection_error for a target that refuses.
+/// Fails:   by exception, which fails the backup; transport_connection_error if a target refuses the
+///          connection.
 ///
-/// Checksums reach the database in `finishWriting` only. A session that is destroyed before leaves the old
-/// ones, which no longer match what was written, so that the next backup compares every block.
+/// Only `finishWriting` stores the new checksums in the database. If the session is destroyed earlier, the
+/// database keeps the old ones. If an image no longer matches its old checksum, the next backup compares
+/// every block.
 class BackupSession {
 public:
-    /// Sums up what the transport's target holds; false if it can't be read.
+    /// Computes the checksum of the transport's target; false if the target can't be read.
     using ChecksumFunction =
         std::function<bool(const std::shared_ptr<ITransport>& transport, std::uint32_t& checksum)>;
 
@@ -38,19 +40,19 @@ public:
     BackupSession& operator=(const BackupSession&) = delete;
     virtual ~BackupSession();
 
-    /// From here on no transport can be added, and everything else becomes possible.
+    /// After this no transport can be added; every other method requires it.
     virtual void open();
     virtual std::shared_ptr<ITransport> getTransport(const std::string& uuid);
     virtual void addTransport(const std::string& uuid, std::shared_ptr<ITransport> transport);
     /// May lower the types in `attributes`; see RemoteTargetValidator.
     virtual void validateRemoteTargets(RemoteTargetValidator& validator, IBackupAttributes& attributes);
-    /// Connects the volume's transport and stores it in `out`. A refused connect may be tried again.
+    /// Connects the volume's transport and stores it in `out`. May be retried if the target refuses.
     virtual void createVolumeWriter(const std::string& uuid, bool isDiffMerge,
                                     std::shared_ptr<ITransport>& out);
-    /// Keeps the checksum of a volume that has been written, for `finishWriting`.
+    /// Computes the checksum of a written volume and keeps it for `finishWriting`.
     virtual void registerVolume(const std::string& uuid, const ChecksumFunction& checksumFunction);
-    /// Stores the checksums of all volumes. Checksum 0 stands for none: a target that really sums up to 0
-    /// fails here, and the database couldn't tell it from a missing one either.
+    /// Stores the checksums of all volumes. Checksum 0 means that there is none, here and in the database, so
+    /// this throws even for a target whose checksum really is 0.
     virtual void finishWriting(db::IDataProvider& dataProvider);
 
 private:

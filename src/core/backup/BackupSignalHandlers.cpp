@@ -1,5 +1,7 @@
 #include "core/backup/BackupSignalHandlers.h"
 
+#include "os/Mutex.h"
+
 #include <array>
 #include <atomic>
 #include <cerrno>
@@ -11,7 +13,6 @@
 #include <iostream>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <sstream>
 #include <thread>
 
@@ -22,12 +23,25 @@ namespace {
 constexpr std::array caughtSignals = {SIGFPE,  SIGSEGV, SIGILL,  SIGABRT,   SIGBUS,
                                       SIGPIPE, SIGSYS,  SIGALRM, SIGSTKFLT, SIGIO};
 
-/// Dispositions are per process, and so is this; it can't belong to any one run.
+/// Signal dispositions belong to the process, so this state can't belong to a single run.
 struct ProcessSignals {
-    std::mutex mutex;                             // held while installing and restoring, never in a handler
-    std::atomic<BackupSignalHandlers*> current;   // whose backup a signal cancels
-    std::atomic<int> handling = 0;                // handlers at work, which may be using `current`
-    std::map<int, struct sigaction> savedActions; // guarded by mutex; what was in force before any run
+    os::Mutex mutex;                            // held while installing and restoring, never in a handler
+    std::atomic<BackupSignalHandlers*> current; // a signal cancels the backup of this object
+    std::atomic<int> handling = 0;              // running handlers, which may be using `current`
+    std::map<int, struct sigaction> savedActions GUARDED_BY(mutex); // the actions before the first run
+
+    /// Saves the previous action for the first of overlapping runs only: that is the action to restore.
+    void install(bool isFirst, int signal, void (*handler)(int), int flags) REQUIRES(mutex) {
+        struct sigaction action{};
+        action.sa_handler = handler;
+        action.sa_flags = flags;
+        sigemptyset(&action.sa_mask);
+        struct sigaction previous{};
+        ::sigaction(signal, &action, &previous);
+        if (isFirst) {
+            savedActions[signal] = previous;
+        }
+    }
 
     static ProcessSignals& instance() {
         // Never destroyed: a handler may still run while the process exits.
@@ -37,7 +51,8 @@ struct ProcessSignals {
     }
 };
 
-/// The part of a handler that the interrupted code must not notice, and the end of a run must wait for.
+/// Counts a handler while it runs, so that the end of a run can wait for it, and restores the interrupted
+/// code's `errno`.
 class Handling {
 public:
     Handling() { ++ProcessSignals::instance().handling; }
@@ -60,19 +75,6 @@ extern "C" void onBackupSignal(int signal) {
         return;
     }
     current->handle(signal);
-}
-
-/// What the first of overlapping runs has found is what will have to come back.
-void install(ProcessSignals& signals, bool isFirst, int signal, void (*handler)(int), int flags) {
-    struct sigaction action{};
-    action.sa_handler = handler;
-    action.sa_flags = flags;
-    sigemptyset(&action.sa_mask);
-    struct sigaction previous{};
-    ::sigaction(signal, &action, &previous);
-    if (isFirst) {
-        signals.savedActions[signal] = previous;
-    }
 }
 
 std::string callingThread() {
@@ -100,25 +102,25 @@ bool isFault(int signal) {
 BackupSignalHandlers::BackupSignalHandlers(info::Logger& logger, IBackup& backup)
     : logger(logger), backup(backup) {
     ProcessSignals& signals = ProcessSignals::instance();
-    const std::lock_guard lock(signals.mutex);
+    const os::Lock lock(signals.mutex);
     const bool isFirst = signals.current.exchange(this) == nullptr; // before any signal can come in
     for (const int signal : caughtSignals) {
-        install(signals, isFirst, signal, &onBackupSignal, static_cast<int>(SA_RESETHAND | SA_NODEFER));
+        signals.install(isFirst, signal, &onBackupSignal, static_cast<int>(SA_RESETHAND | SA_NODEFER));
     }
-    install(signals, isFirst, SIGCHLD, SIG_IGN, 0);
+    signals.install(isFirst, SIGCHLD, SIG_IGN, 0);
 }
 
 BackupSignalHandlers::~BackupSignalHandlers() {
     ProcessSignals& signals = ProcessSignals::instance();
     {
-        const std::lock_guard lock(signals.mutex);
+        const os::Lock lock(signals.mutex);
         for (const int signal : caughtSignals) {
             ::sigaction(signal, &signals.savedActions[signal], nullptr);
         }
         ::sigaction(SIGCHLD, &signals.savedActions[SIGCHLD], nullptr);
         signals.current = nullptr;
     }
-    // Any thread may have taken the signal, and still be logging it and about to cancel this backup.
+    // A handler on any thread may still be logging its signal, and cancels this backup after that.
     while (signals.handling > 0) {
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }

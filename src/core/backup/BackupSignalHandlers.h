@@ -5,20 +5,20 @@
 
 namespace agent::core::backup {
 
-/// While it lives, signals that mean a fault cancel a backup instead of ending the process outright, each
-/// once; and children that end are reaped by the kernel.
+/// Changes the process's signal handling during a backup. The first fault signal of each kind, and the first
+/// SIGPIPE, SIGALRM and SIGIO, cancels the backup instead of ending the process. SIGCHLD is ignored, so the
+/// kernel reaps children that end.
 ///
-/// A broken pipe thus ends the backup at its next cancellation point. A fault such as SIGSEGV is written to
-/// the log with a backtrace, and then happens again with the default action in force. The handler logs, which
-/// is not async-signal-safe: a fault inside the logger itself can hang the thread that has faulted.
+/// A broken pipe thus ends the backup at its next cancellation point. A fault such as SIGSEGV is logged with
+/// a backtrace; the faulting instruction then runs again, this time with the default action. The handler
+/// logs, which is not async-signal-safe: a fault inside the logger itself can hang the faulting thread.
 ///
-/// Signal dispositions belong to the process. With two runs at once, which happens while a cancelled backup
-/// winds down, the later run owns the handlers, and whichever ends first puts back what was in force before
-/// both.
+/// Signal dispositions belong to the process. Two runs overlap while a cancelled backup ends. Then the later
+/// run owns the handlers, and the run that ends first restores the dispositions from before both.
 ///
 /// Owns:    the dispositions; the destructor restores them. Logger and backup must outlive the object.
 /// Threads: any; installing and restoring are serialised. The handler itself takes no lock of this class; the
-///          destructor waits for handlers at work on other threads.
+///          destructor waits for handlers that run on other threads.
 /// Fails:   never.
 class BackupSignalHandlers {
 public:

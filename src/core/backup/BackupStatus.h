@@ -13,7 +13,7 @@ enum VolumeState : std::uint32_t {
     VOLUME_FINISHED = 2,
 };
 
-/// The state of a backup as a whole, as lists of backups show it. A cancelled one shows as failed.
+/// The state of a whole backup, as shown in lists of backups. A cancelled backup shows as failed.
 enum BackupState : std::uint32_t {
     BACKUP_ACTIVE = 0,
     BACKUP_FAILED = 1,
@@ -24,14 +24,14 @@ enum BackupState : std::uint32_t {
 struct VolumeBackupStatus {
     std::string uuid;
     std::uint32_t state = VOLUME_ACTIVE;
-    std::uint32_t backupType = 1; ///< A value of BackupType; INCREMENTAL until the copy has settled it.
+    std::uint32_t backupType = 1; ///< A value of BackupType; INCREMENTAL until the copy sets it.
     std::uint64_t bytesTransferred = 0;
     std::int64_t totalSize = -1; ///< Bytes to send; -1 until known.
 
     bool operator==(const VolumeBackupStatus&) const = default;
 };
 
-/// The progress of a backup as one moment saw it.
+/// The progress of a backup at one moment.
 struct BackupStatus {
     double elapsedSeconds = 0;
     bool connectionError = false;

@@ -11,10 +11,10 @@
 
 namespace agent::core::backup {
 
-/// See IBackupStatusHandler. There is no lock: every value is an atomic of its own and the vector never
-/// changes its size. A reader thus sees each value whole, but values of different moments side by side.
-/// The elapsed time is that of the wall clock: it jumps along when the clock is set, and is negative while
-/// the clock stands before the moment at which the backup was made.
+/// See IBackupStatusHandler. There is no lock: every value is a separate atomic, and the vector never changes
+/// its size. A reader thus sees each value intact, but the values may be from different moments. The elapsed
+/// time comes from the wall clock: it jumps when the clock is set, and is negative if the clock is set back
+/// to before the backup was created.
 class BackupStatusHandler : public IBackupStatusHandler {
 public:
     using Clock = std::function<std::chrono::system_clock::time_point()>;
@@ -38,7 +38,7 @@ public:
     void setAllVolumesFailed() override;
 
 private:
-    /// VolumeBackupStatus, shared between threads.
+    /// The fields of VolumeBackupStatus, as atomics.
     struct Volume {
         explicit Volume(std::string uuid) : uuid(std::move(uuid)) {}
 

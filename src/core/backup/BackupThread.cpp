@@ -17,13 +17,13 @@ BackupThread::BackupThread(info::Logger& logger) : logger(logger) {}
 
 void BackupThread::start(std::shared_ptr<IBackup> newBackup, std::unique_ptr<BackupSession> session) {
     {
-        const std::lock_guard lock(mutex);
+        const os::Lock lock(mutex);
         failure = nullptr;
         backup = newBackup;
     }
     std::shared_future<void> launched;
     try {
-        const TerminationSignalsBlocked inherited;
+        const TerminationSignalsBlocked signalsBlocked;
         launched = std::async(std::launch::async,
                               [this, running = std::move(newBackup), given = std::move(session)]() mutable {
                                   run(running, std::move(given));
@@ -34,34 +34,35 @@ void BackupThread::start(std::shared_ptr<IBackup> newBackup, std::unique_ptr<Bac
         throw;
     }
     {
-        const std::lock_guard lock(mutex);
+        const os::Lock lock(mutex);
         std::swap(result, launched);
     }
-    // An earlier run that has cancelled itself but not yet ended is waited for here, where its future goes.
+    // `launched` now holds the future of the earlier run. Its destructor waits for that run, in case it has
+    // cancelled itself but not ended yet.
 }
 
 std::exception_ptr BackupThread::wait() {
     std::shared_future<void> awaited;
     {
-        const std::lock_guard lock(mutex);
+        const os::Lock lock(mutex);
         awaited = result;
     }
     if (awaited.valid()) {
         awaited.wait();
     }
-    const std::lock_guard lock(mutex);
+    const os::Lock lock(mutex);
     result = {};
     backup = nullptr;
     return failure;
 }
 
 std::string BackupThread::getBackupId() const {
-    const std::lock_guard lock(mutex);
+    const os::Lock lock(mutex);
     return backup ? backup->getId() : "";
 }
 
 bool BackupThread::isRunning() {
-    const std::lock_guard lock(mutex);
+    const os::Lock lock(mutex);
     if (!result.valid()) {
         return false;
     }
@@ -73,7 +74,7 @@ bool BackupThread::isRunning() {
 }
 
 void BackupThread::run(const std::shared_ptr<IBackup>& running, std::unique_ptr<BackupSession> session) {
-    std::optional<BackupSignalHandlers> handlers; // in force until the failure has been written down, too
+    std::optional<BackupSignalHandlers> handlers; // outside the try block: still in force during keepFailure
     try {
         if (!running) {
             throw std::invalid_argument("Invalid backup pointer given to backup thread!");
@@ -95,7 +96,7 @@ void BackupThread::run(const std::shared_ptr<IBackup>& running, std::unique_ptr<
 }
 
 void BackupThread::keepFailure() {
-    const std::lock_guard lock(mutex);
+    const os::Lock lock(mutex);
     failure = std::current_exception();
 }
 

@@ -2,14 +2,14 @@
 
 #include "core/backup/IBackupThread.h"
 #include "info/log/Logger.h"
+#include "os/Mutex.h"
 
 #include <future>
-#include <mutex>
 
 namespace agent::core::backup {
 
-/// See IBackupThread. The termination signals are blocked on the thread, so that a shutdown, which waits for
-/// it, never runs on it.
+/// See IBackupThread. The termination signals are blocked on the thread: a shutdown waits for this thread, so
+/// it must never run on it.
 class BackupThread : public IBackupThread {
 public:
     explicit BackupThread(info::Logger& logger);
@@ -24,11 +24,12 @@ private:
     void keepFailure();
 
     info::Logger& logger;
-    mutable std::mutex mutex;
-    std::exception_ptr failure;      // guarded by mutex
-    std::shared_ptr<IBackup> backup; // guarded by mutex; the thread itself works on a share of its own
-    // Guarded by mutex, and waited for without it. The last copy joins the thread, so this is declared last.
-    std::shared_future<void> result;
+    mutable os::Mutex mutex;
+    std::exception_ptr failure GUARDED_BY(mutex);
+    std::shared_ptr<IBackup> backup GUARDED_BY(mutex); // the thread itself holds its own shared_ptr
+    // A copy is waited for without the mutex. Destroying the last copy joins the thread, so this is declared
+    // last.
+    std::shared_future<void> result GUARDED_BY(mutex);
 };
 
 } // namespace agent::core::backup

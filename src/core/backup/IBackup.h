@@ -9,8 +9,8 @@ namespace agent::core::backup {
 
 class BackupSession;
 
-/// One backup, from its request until it is forgotten.
-/// Owns:    its status and all that its run needs.
+/// One backup, from its request until the backup manager forgets it.
+/// Owns:    its status and the objects that its run uses.
 /// Threads: `run` on the backup's thread, once; everything else from any thread at any time.
 /// Fails:   a failure or a cancel of the run shows in the status; `run` itself throws for a null session, and
 ///          when the steps that follow every backup fail.
@@ -19,7 +19,7 @@ public:
     virtual ~IBackup() = default;
     [[nodiscard]] virtual std::string getId() const = 0;
     virtual void getStatus(BackupStatus& out) const = 0;
-    /// Tells the backup that somebody watches it.
+    /// Feeds the backup's heartbeat: the appliance is still watching.
     virtual void ping() = 0;
     /// True while a volume is neither finished nor failed.
     [[nodiscard]] virtual bool isActive() const = 0;

@@ -14,7 +14,8 @@ class IBackup;
 /// The register of backups by ID, in memory only.
 /// Owns:    a share of every registered backup.
 /// Threads: safe from any.
-/// Fails:   exception::bad_request for an ID that is unknown, and for a cancel that came before.
+/// Fails:   exception::bad_request for an unknown ID, and for cancelling a backup that is already cancelled;
+///          std::invalid_argument for adding a null backup or an ID twice.
 class IBackupManager {
 public:
     virtual ~IBackupManager() = default;

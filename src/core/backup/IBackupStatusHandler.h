@@ -9,7 +9,7 @@
 namespace agent::core::backup {
 
 /// The live record of a backup's progress.
-/// Owns:    its values.
+/// Owns:    the progress values of all volumes.
 /// Threads: the setters on the thread of the backup; everything else from any thread at any time.
 /// Fails:   a volume that is not part of the backup is logged and ignored.
 class IBackupStatusHandler {
@@ -18,9 +18,9 @@ public:
     virtual void getStatus(BackupStatus& out) const = 0;
     /// True while a volume is neither finished nor failed.
     [[nodiscard]] virtual bool isActive() const = 0;
-    /// True if every volume is finished, also when there is none.
+    /// True if every volume is finished, and if there are no volumes.
     [[nodiscard]] virtual bool isFinished() const = 0;
-    /// Whole seconds since the backup was made.
+    /// Whole seconds since the backup was created.
     [[nodiscard]] virtual double getElapsedSeconds() const = 0;
     virtual void setConnectionError() = 0;
     [[nodiscard]] virtual bool hasConnectionError() const = 0;
@@ -33,7 +33,7 @@ public:
     virtual void setVolumeBytesTransferred(const std::string& uuid, std::uint64_t bytes) = 0;
     virtual void setVolumeTotalSize(const std::string& uuid, std::int64_t bytes) = 0;
     [[nodiscard]] virtual std::vector<VolumeBackupStatus> getVolumeStatuses() const = 0;
-    /// Those that had finished too: a backup of which a part is missing is no backup.
+    /// Marks finished volumes as failed, too, because a backup that lacks a volume counts as failed.
     virtual void setAllVolumesFailed() = 0;
 };
 

@@ -4,7 +4,7 @@
 
 namespace agent::core::backup {
 
-/// The question which volumes of a backup are incremental.
+/// Reports which volumes of a backup are incremental.
 /// Owns:    the map of types.
 /// Threads: the thread of the backup.
 /// Fails:   std::invalid_argument for a volume that is not part of the backup.

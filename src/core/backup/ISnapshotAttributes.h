@@ -6,9 +6,9 @@
 
 namespace agent::core::backup {
 
-/// How a backup is to snapshot its volumes.
-/// Owns:    its values.
-/// Threads: never changes; safe from any.
+/// How a backup request wants its volumes to be snapshotted.
+/// Owns:    copies of the request's values.
+/// Threads: immutable; safe from any.
 /// Fails:   never.
 class ISnapshotAttributes {
 public:

@@ -6,9 +6,9 @@
 
 namespace agent::core::backup {
 
-/// What is known of the snapshots of a backup.
+/// The properties of a backup's snapshots, one record for each volume.
 /// Owns:    the records.
-/// Threads: never changes; safe from any.
+/// Threads: immutable; safe from any.
 /// Fails:   std::invalid_argument for a volume without a snapshot.
 class ISnapshotInfo {
 public:

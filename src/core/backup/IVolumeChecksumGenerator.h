@@ -6,10 +6,10 @@
 
 namespace agent::core::backup {
 
-/// Sums up the start of one volume's remote image.
-/// Owns:    a share of the transport to it, if it needs one.
-/// Threads: the thread of the transport, whose position it moves.
-/// Fails:   false if the image can't be read; std::runtime_error without memory.
+/// Computes the checksum of the start of one volume's remote image.
+/// Owns:    a share of the image's transport, if it needs one.
+/// Threads: the thread that uses the transport, whose position `generate` moves.
+/// Fails:   false if the image can't be read; std::runtime_error if memory runs out.
 class IVolumeChecksumGenerator {
 public:
     virtual ~IVolumeChecksumGenerator() = default;

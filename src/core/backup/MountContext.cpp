@@ -12,15 +12,15 @@ namespace agent::core::backup {
 
 namespace {
 
-/// Of what happens before any system call: libmount returns an error with a minus.
+/// For libmount calls that only prepare: they return a negative errno value on failure. Sets `errno`.
 bool succeeded(int result) {
     errno = std::abs(result);
     return result == 0;
 }
 
-/// Of a mount or an unmount. What the system call has failed with is asked for: some releases of libmount
-/// return it, others only that it has failed. A helper program that has run counts as a success for libmount,
-/// whatever its exit status.
+/// For a mount or an unmount; sets `errno` on failure. The error of the system call is read from the context,
+/// because some releases of libmount return it and others only return that the call failed. libmount counts a
+/// helper program as a success whatever its exit status, so the context's status is checked, too.
 bool succeeded(libmnt_context* context, int result) {
     if (result == 0 && mnt_context_get_status(context) != 1) {
         errno = EIO;
@@ -33,7 +33,7 @@ bool succeeded(libmnt_context* context, int result) {
     return succeeded(result);
 }
 
-/// Of what is to be seen at a path; none if that can't be told. Leaves `errno`.
+/// The device number of the file system visible at `path`; none if stat fails. Keeps `errno`.
 std::optional<dev_t> fileSystemAt(const std::string& path) {
     const int error = errno;
     struct stat status{};
@@ -64,8 +64,8 @@ bool MountContext::mountReadOnly(const std::string& device, const std::string& t
            succeeded(mnt_context_set_target(context.get(), target.c_str())) && mount(target);
 }
 
-/// The end of a helper program isn't told to anybody while SIGCHLD is ignored, as it is during a backup. What
-/// it has done can be seen then.
+/// SIGCHLD is ignored during a backup, so waiting for a mount helper fails with ECHILD. In that case a new
+/// device number at the target shows that the helper succeeded.
 bool MountContext::mount(const std::string& target) {
     const std::optional<dev_t> before = fileSystemAt(target);
     if (succeeded(context.get(), mnt_context_mount(context.get()))) {

@@ -8,7 +8,7 @@ struct libmnt_context;
 
 namespace agent::core::backup {
 
-/// One mount or unmount by libmount, which knows the helpers of file systems and the machine's tables.
+/// One mount or unmount through libmount, which knows the file systems' mount helpers and the mount tables.
 /// Owns:    libmount's context.
 /// Threads: one at a time; blocks for as long as the file system takes.
 /// Fails:   with false and the reason in `errno`; the constructor throws std::bad_alloc.
@@ -16,11 +16,11 @@ class MountContext {
 public:
     MountContext();
 
-    /// Shows the file system of `device`, of a type that is found out, read-only at the directory `target`.
+    /// Mounts `device` read-only on the directory `target`; libmount detects the file system's type.
     bool mountReadOnly(const std::string& device, const std::string& target, const std::string& options);
-    /// Finds what is mounted at `target`.
+    /// Looks up the mount at `target`.
     bool prepareUmount(const std::string& target);
-    /// Takes away what `prepareUmount` has found.
+    /// Unmounts what `prepareUmount` has found.
     bool umount();
 
 private:

@@ -12,9 +12,9 @@ namespace agent::core::backup {
 using Phases = std::vector<std::unique_ptr<IPhase>>;
 
 /// Runs phases in order, with a cancellation check before each.
-/// Owns:    nothing; the phases outlive it.
-/// Threads: one.
-/// Fails:   what a phase or the check throws ends the run, and the phases behind it don't begin.
+/// Owns:    nothing; logger and phases must outlive it.
+/// Threads: the thread of the backup.
+/// Fails:   `run` throws what a phase or the check throws; the later phases don't run then.
 class PhaseRunner {
 public:
     PhaseRunner(info::Logger& logger, const Phases& phases);

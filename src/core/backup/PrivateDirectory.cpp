@@ -30,7 +30,7 @@ std::string make(const std::string& path) {
         renamed = path + "." + UUIDGenerator().generate();
         file::rename(path, renamed);
     }
-    // Whoever puts something there again at this very moment is found out by the check.
+    // isPrivate is checked again, in case somebody has created `path` since the rename.
     const int made = ::mkdir(path.c_str(), onlyOwner);
     if (made != 0 && (errno != EEXIST || !isPrivate(path))) {
         throw PosixError("\"" + path + "\" can't be made a directory of root's own", errno);

@@ -2,19 +2,20 @@
 
 #include <string>
 
-/// A directory of root's own in a place where everybody may put things, such as /tmp.
+/// A directory for root only, inside a directory that everybody may write to, such as /tmp.
 ///
-/// Whoever may write to a directory decides where its entries lead: a mount below it could be made to cover
-/// /etc, and an unmount to uncover /home. So only a directory that nobody but root can fill is used. Inside a
-/// sticky parent, which /tmp is, such a directory can't be moved away by others either.
+/// Anybody who may write to a directory decides where its entries lead: they could redirect a mount below it
+/// so that it covers /etc, or an unmount so that it uncovers /home. So the agent uses only a directory that
+/// only root can write to. If the parent is sticky, as /tmp is, other users can't move the directory away
+/// either.
 namespace agent::core::backup::private_directory {
 
-/// True for a real directory (no link to one) that belongs to root and that only root may write to.
+/// True for a directory (not a symbolic link to one) that belongs to root and that only root may write to.
 bool isPrivate(const std::string& path);
 
-/// Makes the directory, readable for root only, with its parents. Anything else that stands at `path`, unless
-/// it is private already, is renamed: what it holds is somebody's, and may stay. Returns the new name of what
-/// was renamed, empty if there was nothing. Throws PosixError.
+/// Creates the directory with mode 0700, and its parents. If `path` exists and isn't private, it is renamed
+/// rather than deleted, because its content may be somebody's data. Returns the new name of the renamed
+/// entry, or an empty string. Throws PosixError.
 std::string make(const std::string& path);
 
 } // namespace agent::core::backup::private_directory

@@ -14,7 +14,7 @@ namespace agent::core::backup {
 
 namespace {
 
-/// Disconnects a transport at the end of a scope. One that has never been connected takes that as nothing.
+/// Disconnects a transport at the end of a scope. That does nothing if the transport was never connected.
 class Disconnection {
 public:
     explicit Disconnection(ITransport& transport) : transport(transport) {}
@@ -35,11 +35,11 @@ void RemoteTargetValidator::validate(const std::string& uuid, IBackupAttributes&
                                      ITransport& transport, IVolumeChecksumGenerator& generator) {
     const Disconnection disconnection(transport);
     if (!transport.connect(false)) {
-        throw info::Reasoned<exception::transport_connection_error>(
+        throw info::WithReason<exception::transport_connection_error>(
             info::reason("target-unreachable"),
             "Failed to open transport connection while validating remote target");
     }
-    // What the remote image holds has no influence on the other types.
+    // The other types don't depend on the content of the remote image.
     if (attributes.getBackupType(uuid) == INCREMENTAL && !isTheImageOfTheLastBackup(uuid, generator)) {
         attributes.setBackupType(uuid, DIFFERENTIAL_MERGE);
     }
@@ -56,8 +56,8 @@ bool RemoteTargetValidator::isTheImageOfTheLastBackup(const std::string& uuid,
         << "Found cached volume checksum '" << std::hex << cached << "' for volume: " << uuid;
     std::uint32_t remote = 0;
     if (!generator.generate(type, remote)) {
-        throw info::Reasoned<exception::transport_connection_error>(info::reason("image-unreadable"),
-                                                                    "Failed to generate remote checksum");
+        throw info::WithReason<exception::transport_connection_error>(info::reason("image-unreadable"),
+                                                                      "Failed to generate remote checksum");
     }
     if (remote == cached) {
         info::LogEntry(logger, info::level::debug)

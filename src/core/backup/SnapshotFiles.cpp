@@ -16,9 +16,9 @@ std::string baseName(const std::string& path) {
 
 } // namespace
 
-std::vector<std::string> below(const Path& root, const std::vector<std::string>& driversOwn) {
+std::vector<std::string> pathsUnder(const Path& root, const std::vector<std::string>& driverFiles) {
     std::vector<std::string> files{root / firstCow, root / secondCow, root / info::volume_files::history};
-    for (const std::string& name : driversOwn) {
+    for (const std::string& name : driverFiles) {
         files.push_back(root / name);
     }
     return files;
@@ -28,12 +28,13 @@ std::string changeRecord(const Path& root, const info::DriverDeviceInfo& device)
     const bool isInSnapshot = device.state == info::driver_state::activeSnapshot;
     const bool isSecondCurrent = device.cow_file.ends_with(secondCow);
     const Path second = root / secondCow;
-    // A first snapshot has no file beside the current one, and what was tracked may have lost its own.
+    // The second file may not exist: a first snapshot has only one CoW file, and the file of a tracked device
+    // may have been deleted.
     const bool isSecond = isInSnapshot != isSecondCurrent && file::exists(second);
     return isSecond ? second.str() : (root / firstCow).str();
 }
 
-std::string old(const Path& root, const info::DriverDeviceInfo& device) {
+std::string oldCowFile(const Path& root, const info::DriverDeviceInfo& device) {
     const bool isSecondCurrent = device.cow_file == std::string("/") + secondCow;
     Path file = root / (isSecondCurrent ? firstCow : secondCow);
     return file.str();

@@ -9,6 +9,7 @@
 #include "core/backup/SnapshotFiles.h"
 #include "info/BackupableVolume.h"
 #include "info/CowFile.h"
+#include "info/CowFileSize.h"
 #include "info/CowFormat.h"
 #include "info/DriverController.h"
 #include "info/DriverExtension.h"
@@ -35,7 +36,7 @@ using info::LogEntry;
 using info::Logger;
 using info::reason;
 using info::Reason;
-using info::Reasoned;
+using info::WithReason;
 using info::driver_state::activeSnapshot;
 using info::driver_state::tracking;
 using info::level::debug;
@@ -44,34 +45,33 @@ using info::level::warning;
 
 using IncrementalStates = std::unordered_map<std::string, bool>;
 
-/// What the record of changes holds that the driver has closed with a snapshot.
+/// Which changes are in the change record that the driver closed when it took the snapshot.
 enum class ClosedRecord {
-    sinceLastSnapshot, ///< without what failed backups before that owe
-    allThatIsOwed,
+    sinceLastSnapshot, ///< without older changes that failed backups haven't sent
+    allUnsentChanges,  ///< all changes that the image lacks
 };
 
 constexpr std::uint64_t bytesPerMiB = 1048576;
-/// No CoW file is smaller.
-constexpr std::uint64_t smallestCowMiB = 100;
 
-/// Of a volume, in bytes.
-struct Room {
-    std::uint64_t cowFile = 0;    ///< what is asked for, for changes
-    std::uint64_t table = 0;      ///< what each CoW file holds beside that
-    std::uint64_t driversOwn = 0; ///< of which there is one for all snapshots
+/// The space that a snapshot needs and has on a volume, in bytes.
+struct SnapshotSpace {
+    std::uint64_t cowFile = 0;     ///< the configured size of a CoW file, for the copied blocks
+    std::uint64_t table = 0;       ///< the block table, which each CoW file has in addition
+    std::uint64_t driverFiles = 0; ///< the driver's other files, which all snapshots share
     std::uint64_t available = 0;
 
-    [[nodiscard]] std::uint64_t required() const { return cowFile + table + driversOwn; }
+    [[nodiscard]] std::uint64_t required() const { return cowFile + table + driverFiles; }
 };
 
-/// The log has the long text, the exception the short one.
+/// Logs `logged` and throws `thrown`.
 [[noreturn]] void fail(Logger& logger, const Reason& reason, const std::string& logged,
                        const std::string& thrown) {
     LogEntry(logger, error, reason) << logged;
-    throw info::Reasoned<std::runtime_error>(reason, thrown);
+    throw info::WithReason<std::runtime_error>(reason, thrown);
 }
 
-/// Journals can't be replayed on a snapshot, and an XFS file system has its UUID mounted already.
+/// A journal can't be replayed on a read-only snapshot, and XFS refuses to mount a UUID that is already
+/// mounted.
 std::string mountOptions(const std::string& fileSystem) {
     if (fileSystem == "xfs") {
         return "nouuid,norecovery";
@@ -79,12 +79,12 @@ std::string mountOptions(const std::string& fileSystem) {
     return fileSystem == "ext3" || fileSystem == "ext4" ? "norecovery" : "";
 }
 
-/// Some file systems have whatever they like for a UUID: it may not lead out of the directory.
+/// The UUID of some file systems can be any text; as a directory name it must not lead out of the mount root.
 bool isEntryName(const std::string& name) {
     return !name.empty() && name != "." && name != ".." && name.find('/') == std::string::npos;
 }
 
-/// The driver's count is taken from a file on the volume.
+/// `changed` is read from a CoW file on the volume, so it may be wrong and exceed `blocks`.
 std::uint64_t unchangedBlocks(std::uint64_t blocks, std::uint64_t changed) {
     return changed < blocks ? blocks - changed : 0;
 }
@@ -107,7 +107,7 @@ private:
     void validateDriver();
     void validateVolume(const BackupableVolume& volume, const IBackupAttributes& attributes);
     bool hasEnoughFreeSpace(const BackupableVolume& volume);
-    std::uint64_t driversRoom(const BackupableVolume& volume);
+    std::uint64_t driverSpace(const BackupableVolume& volume);
     void warnOfSecondCowFile(const BackupableVolume& volume);
     bool hasSnapshotFiles(const BackupableVolume& volume);
     void checkIncrementalState(const Volumes& volumes, const IBackupAttributes& attributes,
@@ -119,9 +119,9 @@ private:
     int tryToMount(const BackupableVolume& volume, const std::string& snapshotPath, const Path& target);
     void unmountAll();
     void unmount(const std::string& path);
-    void keepDebtOrAbandon(const BackupableVolume& volume);
-    bool keepDebt(const BackupableVolume& volume);
-    void abandon(const BackupableVolume& volume);
+    void saveChangesOrDestroySnapshot(const BackupableVolume& volume);
+    bool saveUnsentChanges(const BackupableVolume& volume);
+    void destroyUntrustedSnapshot(const BackupableVolume& volume);
     void endSnapshot(const BackupableVolume& volume, IncrementalStates& states);
     void removeOldCowFiles(const Volumes& volumes);
     [[nodiscard]] std::vector<std::string> getSnapshotFiles(const BackupableVolume& volume) const;
@@ -135,12 +135,13 @@ private:
     std::unique_ptr<info::IDriverController> driver;
     std::shared_ptr<const info::IDriverExtension> extension;
     std::once_flag validateOnce;
-    std::unordered_map<std::string, Room> rooms; // by UUID, as they were when the session was validated
-    /// By UUID, what the closed records of this session hold. A volume that isn't in here is one whose debt
-    /// this session doesn't know: it never started the snapshot, or not from an intact record.
+    std::unordered_map<std::string, SnapshotSpace>
+        spaceByVolume; // by UUID, measured when the session was validated
+    /// The kinds of this session's closed change records, by UUID. If a volume isn't in the map, this session
+    /// doesn't know its debt: it didn't start the volume's snapshot, or the change record wasn't intact.
     std::unordered_map<std::string, ClosedRecord> closedRecords;
-    /// By UUID, the volumes whose snapshots could neither be trusted nor be destroyed.
-    std::unordered_set<std::string> abandoned;
+    /// The UUIDs of volumes whose snapshots could be neither trusted nor destroyed.
+    std::unordered_set<std::string> untrustedSnapshots;
     const Path mountRoot = "/tmp/tolvuMountRoot";
 };
 
@@ -185,12 +186,13 @@ void SnapshotSessionControl::Impl::validateVolume(const BackupableVolume& volume
 bool SnapshotSessionControl::Impl::hasEnoughFreeSpace(const BackupableVolume& volume) {
     const std::uint64_t cowMiB =
         cowFileSize.getCowFileSizeMiB(logger, volume.getUuid(), volume.getSize(), volume.getFileSystem());
-    const Room room{cowMiB * bytesPerMiB,
-                    info::cow::entrySize + info::cow::entrySize * (volume.getSize() / info::cow::blockSize),
-                    driversRoom(volume), volume.getSpaceFree()};
-    rooms[volume.getUuid()] = room;
-    const std::uint64_t required = room.required();
-    const std::uint64_t available = room.available;
+    const SnapshotSpace space{cowMiB * bytesPerMiB,
+                              info::cow::entrySize +
+                                  info::cow::entrySize * (volume.getSize() / info::cow::blockSize),
+                              driverSpace(volume), volume.getSpaceFree()};
+    spaceByVolume[volume.getUuid()] = space;
+    const std::uint64_t required = space.required();
+    const std::uint64_t available = space.available;
     if (available >= required) {
         return true;
     }
@@ -201,37 +203,38 @@ bool SnapshotSessionControl::Impl::hasEnoughFreeSpace(const BackupableVolume& vo
     return false;
 }
 
-/// The first CoW file is still there when the second one is made, so a volume that has room enough for this
-/// backup may fail the next one. Better told now than then.
+/// The next backup creates a second CoW file while the first one still exists, so a volume that has enough
+/// space for this backup may have too little for the next one. The warning gives the administrator time to
+/// react.
 void SnapshotSessionControl::Impl::warnOfSecondCowFile(const BackupableVolume& volume) {
-    const Room& room = rooms[volume.getUuid()];
-    const std::uint64_t left = room.available - std::min(room.available, room.required());
-    const std::uint64_t tables = 2 * room.table; // the history of the first backup has one, too
-    const std::uint64_t wanted = room.cowFile + tables;
-    if (left >= wanted) {
+    const SnapshotSpace& space = spaceByVolume[volume.getUuid()];
+    const std::uint64_t left = space.available - std::min(space.available, space.required());
+    const std::uint64_t tables = 2 * space.table; // the first backup's history file has a table, too
+    const std::uint64_t needed = space.cowFile + tables;
+    if (left >= needed) {
         return;
     }
     LogEntry line(logger, warning);
     line << "The next backup of volume " << volume.getDisplayName() << " will need "
-         << info::formatHumanSize(wanted) << " for a second CoW file, and this one leaves "
+         << info::formatHumanSize(needed) << " for a second CoW file, and this one leaves "
          << info::formatHumanSize(left) << ": free the rest";
-    const std::uint64_t mostMiB = (left - std::min(left, tables)) / bytesPerMiB;
-    if (mostMiB >= smallestCowMiB) {
-        line << ", or set volumes." << volume.getUuid() << ".cowFileSizeMiB to " << mostMiB << " or less";
+    const std::uint64_t maxMiB = (left - std::min(left, tables)) / bytesPerMiB;
+    if (maxMiB >= info::minCowFileMiB) {
+        line << ", or set volumes." << volume.getUuid() << ".cowFileSizeMiB to " << maxMiB << " or less";
     }
 }
 
-/// A driver that can't tell fails when it takes the room, at the latest.
-std::uint64_t SnapshotSessionControl::Impl::driversRoom(const BackupableVolume& volume) {
+/// Returns 0 if the driver can't determine it. If there is too little space, taking the snapshot fails later.
+std::uint64_t SnapshotSessionControl::Impl::driverSpace(const BackupableVolume& volume) {
     try {
-        return extension->getRoom(volume.getDevice());
+        return extension->getSnapshotSpace(volume.getDevice());
     } catch (const PosixError& failure) {
         LogEntry(logger, warning) << failure.what();
         return 0;
     }
 }
 
-/// A change record without its history fails: nobody could tell whether an earlier backup is owed changes.
+/// False for a change record without a history: changes that earlier, failed backups didn't send may be lost.
 bool SnapshotSessionControl::Impl::hasSnapshotFiles(const BackupableVolume& volume) {
     block::IncrementalBitmapInfo record;
     try {
@@ -263,14 +266,14 @@ void SnapshotSessionControl::Impl::checkIncrementalState(const Volumes& volumes,
             LogEntry(logger, warning, reason("tracking-lost"))
                 << "Device " << uuid << " not in active incremental state, destroying snapshot";
             if (!driver->destroyDevice(*volume)) {
-                throw Reasoned<std::runtime_error>(reason("snapshot-not-destroyed"),
-                                                   "Could not destroy snapshot for " + uuid);
+                throw WithReason<std::runtime_error>(reason("snapshot-not-destroyed"),
+                                                     "Could not destroy snapshot for " + uuid);
             }
         }
     }
 }
 
-/// `hasChangeRecord` becomes false if the device is no longer what it was when the session was validated.
+/// Sets `hasChangeRecord` to false if the device has stopped being tracked since the session was validated.
 void SnapshotSessionControl::Impl::startSnapshot(const BackupableVolume& volume, bool& hasChangeRecord) {
     const bool wasTracked = isTracked(volume);
     if (!wasTracked) {
@@ -278,7 +281,7 @@ void SnapshotSessionControl::Impl::startSnapshot(const BackupableVolume& volume,
     }
     hasChangeRecord = hasChangeRecord && wasTracked;
     if (!driver->startSnapshot(volume, cowFileSize)) {
-        throw Reasoned<std::runtime_error>(reason("snapshot-failed"), "Failed to start snapshot!");
+        throw WithReason<std::runtime_error>(reason("snapshot-failed"), "Failed to start snapshot!");
     }
     if (wasTracked) {
         closedRecords[volume.getUuid()] = ClosedRecord::sinceLastSnapshot;
@@ -292,13 +295,14 @@ void SnapshotSessionControl::Impl::startSnapshot(const BackupableVolume& volume,
     }
 }
 
-/// A merge that breaks off leaves a record that nobody can rely on.
+/// An interrupted merge leaves an unreliable change record, so its entry in `closedRecords` is removed
+/// meanwhile.
 void SnapshotSessionControl::Impl::mergeHistory(const BackupableVolume& volume) {
     closedRecords.erase(volume.getUuid());
     if (!driver->rollForward(volume)) {
-        throw Reasoned<std::runtime_error>(reason("history-broken"), "Failed to roll forward!");
+        throw WithReason<std::runtime_error>(reason("history-broken"), "Failed to roll forward!");
     }
-    closedRecords[volume.getUuid()] = ClosedRecord::allThatIsOwed;
+    closedRecords[volume.getUuid()] = ClosedRecord::allUnsentChanges;
 }
 
 bool SnapshotSessionControl::Impl::isTracked(const BackupableVolume& volume) {
@@ -320,7 +324,7 @@ bool SnapshotSessionControl::Impl::mountSnapshot(const BackupableVolume& volume,
     return true;
 }
 
-/// Returns 0 or the value of `errno`.
+/// Returns 0 or an errno value.
 int SnapshotSessionControl::Impl::tryToMount(const BackupableVolume& volume, const std::string& snapshotPath,
                                              const Path& target) {
     if (!isEntryName(volume.getUuid())) {
@@ -352,7 +356,7 @@ void SnapshotSessionControl::Impl::unmountAll() {
         for (const std::string& name : dir::list(mountRoot)) {
             const std::string path = mountRoot / name;
             unmount(path);
-            ::rmdir(path.c_str()); // removes an empty directory only, and nothing that is mounted
+            ::rmdir(path.c_str()); // fails harmlessly if the directory isn't empty or is still a mount point
         }
     } catch (const PosixError& failure) {
         LogEntry(logger, warning) << failure.what();
@@ -375,12 +379,12 @@ void SnapshotSessionControl::Impl::unmount(const std::string& path) {
 VolumeSnapshotInfos SnapshotSessionControl::Impl::transitionToIncremental(const Volumes& volumes,
                                                                           bool success) {
     unmountAll();
-    abandoned.clear();
+    untrustedSnapshots.clear();
     for (const auto& volume : volumes) {
         if (success) {
             driver->makeHistory(*volume, true);
         } else {
-            keepDebtOrAbandon(*volume);
+            saveChangesOrDestroySnapshot(*volume);
         }
     }
     IncrementalStates states;
@@ -392,31 +396,32 @@ VolumeSnapshotInfos SnapshotSessionControl::Impl::transitionToIncremental(const 
     return result;
 }
 
-void SnapshotSessionControl::Impl::keepDebtOrAbandon(const BackupableVolume& volume) {
-    const bool isKept = keepDebt(volume);
+void SnapshotSessionControl::Impl::saveChangesOrDestroySnapshot(const BackupableVolume& volume) {
+    const bool isSaved = saveUnsentChanges(volume);
     const bool isReverted = driver->revertOnFailure(volume);
     if (!isReverted) {
         LogEntry(logger, error) << "Failed to revert device " << volume.getDevice();
     }
-    if (!isKept || !isReverted) {
-        abandon(volume);
+    if (!isSaved || !isReverted) {
+        destroyUntrustedSnapshot(volume);
     }
 }
 
-/// Saves all that the volume owes to its image as the history, which the next backup begins with. Without a
-/// record of this session there is nothing to save: the history is either still right or of no use.
-bool SnapshotSessionControl::Impl::keepDebt(const BackupableVolume& volume) {
+/// Saves all changes that the image lacks as the volume's history, with which the next backup begins. If this
+/// session has no change record, there is nothing to save: the existing history is either still correct or
+/// useless.
+bool SnapshotSessionControl::Impl::saveUnsentChanges(const BackupableVolume& volume) {
     const auto record = closedRecords.find(volume.getUuid());
     if (record == closedRecords.end()) {
         return false;
     }
-    const bool isWhole = record->second == ClosedRecord::allThatIsOwed || driver->rollForward(volume);
-    return isWhole && driver->makeHistory(volume, false);
+    const bool isComplete = record->second == ClosedRecord::allUnsentChanges || driver->rollForward(volume);
+    return isComplete && driver->makeHistory(volume, false);
 }
 
-/// A snapshot whose debt isn't known must not become what the next changes are counted from. Without a device
-/// the next backup compares everything. A volume that is merely tracked has lost nothing and stays so.
-void SnapshotSessionControl::Impl::abandon(const BackupableVolume& volume) {
+/// If the debt of a snapshot isn't known, the next changes must not be tracked from it. Without a device the
+/// next backup compares all blocks. A volume that is only tracked has lost no changes and stays tracked.
+void SnapshotSessionControl::Impl::destroyUntrustedSnapshot(const BackupableVolume& volume) {
     DriverDeviceInfo device;
     if (driver->getDeviceInfo(volume, device)) {
         if (device.state != activeSnapshot) {
@@ -431,11 +436,11 @@ void SnapshotSessionControl::Impl::abandon(const BackupableVolume& volume) {
         LogEntry(logger, error, reason("snapshot-not-destroyed"))
             << "Could not destroy snapshot for " << volume.getUuid();
     }
-    abandoned.insert(volume.getUuid());
+    untrustedSnapshots.insert(volume.getUuid());
 }
 
 void SnapshotSessionControl::Impl::endSnapshot(const BackupableVolume& volume, IncrementalStates& states) {
-    if (abandoned.contains(volume.getUuid()) || !driver->transitionToIncremental(volume)) {
+    if (untrustedSnapshots.contains(volume.getUuid()) || !driver->transitionToIncremental(volume)) {
         LogEntry(logger, error, reason("tracking-not-begun"))
             << "Failed to transition volume " << volume.getDisplayName()
             << " to incremental. This volume may diff-merge next backup.";
@@ -459,10 +464,10 @@ void SnapshotSessionControl::Impl::removeOldCowFiles(const Volumes& volumes) {
         if (volume->getMountPoints().empty()) {
             continue;
         }
-        const std::string old = snapshot_files::old(volume->getMountPoints().front(), device);
+        const std::string oldFile = snapshot_files::oldCowFile(volume->getMountPoints().front(), device);
         try {
-            if (file::exists(old)) {
-                file::remove(old);
+            if (file::exists(oldFile)) {
+                file::remove(oldFile);
             }
         } catch (const std::exception& failure) {
             LogEntry(logger, info::level::info) << failure.what();
@@ -472,10 +477,10 @@ void SnapshotSessionControl::Impl::removeOldCowFiles(const Volumes& volumes) {
 
 std::vector<std::string>
 SnapshotSessionControl::Impl::getSnapshotFiles(const BackupableVolume& volume) const {
-    return snapshot_files::below(mountRoot / volume.getUuid(), extension->getOwnFiles());
+    return snapshot_files::pathsUnder(mountRoot / volume.getUuid(), extension->getDriverFiles());
 }
 
-/// Of a volume that can have a record of changes.
+/// Throws std::runtime_error if the volume can't have a change record: it isn't mounted, or has no device.
 DriverDeviceInfo SnapshotSessionControl::Impl::deviceOf(const BackupableVolume& volume) {
     if (volume.getMountPoints().empty()) {
         throw std::runtime_error("Unable to determine incremental bitmap file name.");

@@ -18,14 +18,14 @@ namespace agent::core::backup {
 class IBackupAttributes;
 class ISnapshotAttributes;
 
-/// The snapshots of a backup's volumes, all together: taken and mounted before the volumes are copied, ended
-/// after it, so that each volume is tracked until the next backup.
-/// Owns:    its link to the driver, and the directory below which snapshots are mounted. What the driver
-///          keeps outlives the object and the process. Logger and sizes must outlive the object.
-/// Threads: one at a time, the backup's; the calls block for as long as the driver takes.
-/// Fails:   by std::runtime_error, or what a CoW file that can't be read throws, after a log line. A failed
-///          `startSnapshots` leaves volumes in snapshots: `transitionToIncremental` of the same volumes,
-///          which does its best for each of them, brings them back.
+/// Controls the snapshots of all volumes of a backup: takes and mounts them before the volumes are copied,
+/// and ends them after the copy, so that the driver tracks each volume until the next backup.
+/// Owns:    the connection to the driver, and the directory below which snapshots are mounted. The driver's
+///          state outlives the object and the process. Logger and CoW file sizes must outlive the object.
+/// Threads: only the backup's thread; the calls block for as long as the driver takes.
+/// Fails:   by std::runtime_error, or by std::logic_error for a broken CoW file, after a log line. A failed
+///          `startSnapshots` may leave volumes in snapshots; a call of `transitionToIncremental` with the
+///          same volumes ends as many of them as possible.
 class SnapshotSessionControl {
 public:
     using Volumes = std::vector<std::shared_ptr<info::BackupableVolume>>;
@@ -40,12 +40,12 @@ public:
     SnapshotSessionControl& operator=(SnapshotSessionControl&&) = delete;
     virtual ~SnapshotSessionControl();
 
-    /// Checks every volume before the first snapshot is taken. The snapshot of a volume that can't be mounted
-    /// is no failure.
+    /// Checks every volume before it takes the first snapshot. Doesn't fail if a snapshot can't be mounted.
     virtual VolumeSnapshotInfos startSnapshots(const Volumes& volumes, const IBackupAttributes& attributes,
                                                const ISnapshotAttributes& snapshotAttributes);
-    /// `success` says whether the backup has delivered the changes; if not, they are owed to the next one,
-    /// and a volume whose debt can't be told loses its device: the next backup compares all of it.
+    /// `success` says whether the backup has sent the changes to the images. If not, the next backup has to
+    /// send them, too: they are the volume's debt to its image. A volume whose debt can't be determined loses
+    /// its device, so that the next backup compares all of its blocks.
     virtual VolumeSnapshotInfos transitionToIncremental(const Volumes& volumes, bool success);
 
 private:

@@ -8,7 +8,7 @@ namespace agent::core::backup {
 
 namespace {
 
-/// The bus's account of what went wrong, if anything did.
+/// An RAII wrapper of DBusError.
 class BusError {
 public:
     BusError() noexcept { dbus_error_init(&error); }
@@ -26,7 +26,7 @@ private:
 };
 
 struct CloseConnection {
-    // A private connection has to be closed before its last reference goes.
+    // A private connection must be closed before its last reference is released.
     void operator()(::DBusConnection* connection) const noexcept {
         dbus_connection_close(connection);
         dbus_connection_unref(connection);
@@ -39,8 +39,8 @@ struct UnrefMessage {
 };
 using Message = std::unique_ptr<::DBusMessage, UnrefMessage>;
 
-/// libdbus acts on the whole process unless told not to: it ignores SIGPIPE, in place of a backup's handler,
-/// and ends the process when the bus does.
+/// By default libdbus affects the whole process: it ignores SIGPIPE, which would replace a backup's handler,
+/// and it exits when the bus disconnects. Both are turned off here.
 Connection connectToSystemBus(BusError& error) {
     dbus_connection_set_change_sigpipe(FALSE);
     Connection connection(dbus_bus_get_private(DBUS_BUS_SYSTEM, error.get()));
@@ -50,7 +50,7 @@ Connection connectToSystemBus(BusError& error) {
     return connection;
 }
 
-/// Nothing if there is no memory for it.
+/// Null if memory runs out.
 Message makeInhibitCall() {
     const char* what = "idle:sleep:shutdown";
     const char* who = "Tolvu Backup Agent";
@@ -66,7 +66,7 @@ Message makeInhibitCall() {
     return call;
 }
 
-/// Asks the login manager for the lock. Returns no descriptor, with the error set, on failure.
+/// Requests the lock from the login manager. On failure sets `error` and returns an empty descriptor.
 os::FileDescriptor inhibit(::DBusConnection* connection, BusError& error) {
     Message call = makeInhibitCall();
     if (!call) {
@@ -77,7 +77,7 @@ os::FileDescriptor inhibit(::DBusConnection* connection, BusError& error) {
                                                                   DBUS_TIMEOUT_USE_DEFAULT, error.get()));
     int descriptor = -1;
     if (reply) {
-        // The descriptor is a copy of the caller's own, close-on-exec.
+        // libdbus returns a duplicate, close-on-exec, which the caller owns.
         dbus_message_get_args(reply.get(), error.get(), DBUS_TYPE_UNIX_FD, &descriptor, DBUS_TYPE_INVALID);
     }
     return os::FileDescriptor(descriptor);
@@ -94,17 +94,17 @@ SystemSleepLock::SystemSleepLock(info::Logger& logger) : logger(logger) {
     if (error.isSet()) {
         logger.log(info::level::warning, "Could not prevent system sleep: %s", error.message());
     } else {
-        logger.log(info::level::debug, "Preventing system sleep");
+        info::LogEntry(logger, info::level::debug) << "Preventing system sleep";
     }
 }
 
 SystemSleepLock::~SystemSleepLock() {
     if (!inhibitFd) {
-        logger.log(info::level::warning, "Could not allow sleep");
+        info::LogEntry(logger, info::level::warning) << "Could not allow sleep";
         return;
     }
     inhibitFd.reset();
-    logger.log(info::level::debug, "Allowing system sleep");
+    info::LogEntry(logger, info::level::debug) << "Allowing system sleep";
 }
 
 } // namespace agent::core::backup

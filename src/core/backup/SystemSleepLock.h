@@ -6,10 +6,10 @@
 namespace agent::core::backup {
 
 /// Keeps the machine from sleeping, going idle and shutting down for as long as the object lives.
-/// Owns:    the login manager's inhibitor lock, which is a descriptor and nothing else; the connection to the
-///          bus ends with the constructor. The logger must outlive the object.
-/// Threads: one at a time. The constructor blocks for the answer, up to the bus's own time-out.
-/// Fails:   never; a lock that isn't to be had is a warning, and the object then holds nothing.
+/// Owns:    the login manager's inhibitor lock, which is just a file descriptor; the constructor closes its
+///          bus connection again. The logger must outlive the object.
+/// Threads: one at a time. The constructor waits for the reply, up to the bus's default time-out.
+/// Fails:   never; if the lock can't be taken, a warning is logged and the object holds nothing.
 class SystemSleepLock {
 public:
     explicit SystemSleepLock(info::Logger& logger);

@@ -15,7 +15,7 @@ namespace agent::core::backup {
 /// See IVolumeChecksumGenerator. The transport must be connected.
 class VolumeChecksumGenerator : public IVolumeChecksumGenerator {
 public:
-    /// The bytes from the start of the image that are summed up. A smaller image has no checksum.
+    /// How many bytes at the start of the image the checksum covers. A smaller image has no checksum.
     static constexpr std::size_t regionBytes = std::size_t{10} * 1024 * 1024;
 
     VolumeChecksumGenerator(info::Logger& logger, std::shared_ptr<ITransport> transport);

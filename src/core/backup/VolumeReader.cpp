@@ -36,10 +36,10 @@ private:
     std::uint64_t size = 0;
 };
 
-/// Keeps `errno`, as does everything below that reports a failure.
+/// Logging must not change `errno`, which the callers report.
 bool VolumeReader::Impl::open() {
     fd = os::FileDescriptor(::open(path.c_str(), O_RDONLY | O_DIRECT | O_CLOEXEC));
-    if (!fd && errno == EINVAL) { // a file system that knows no direct I/O
+    if (!fd && errno == EINVAL) { // the file system doesn't support direct I/O
         fd = os::FileDescriptor(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
     }
     if (!fd) {

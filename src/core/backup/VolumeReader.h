@@ -8,14 +8,14 @@
 
 namespace agent::core::backup {
 
-/// A volume's block device, or an image of one in a file, read past the page cache: a backup must not push
-/// out of it what the server works with. A file system that refuses that is read through the cache.
-/// Owns:    the descriptor, from `open` on.
-/// Threads: one at a time; seeking and reading are two steps.
-/// Fails:   the constructor throws PosixError; everything else by return value, after a line in the log.
+/// Reads a volume's block device, or an image file, with O_DIRECT: a backup must not evict the server's
+/// working set from the page cache. Where the file system refuses O_DIRECT, reads go through the cache.
+/// Owns:    the file descriptor, from `open` on.
+/// Threads: one at a time; a seek and a read are two separate calls.
+/// Fails:   the constructor throws PosixError; everything else by return value, after a log line.
 class VolumeReader : public IVolumeDevice {
 public:
-    /// Opens the device once to learn its size, and leaves it closed.
+    /// Opens the device to measure its size, and closes it again.
     VolumeReader(info::Logger& logger, const std::string& path);
     VolumeReader(const VolumeReader&) = delete;
     VolumeReader& operator=(const VolumeReader&) = delete;

@@ -10,7 +10,10 @@
 
 namespace agent::core::backup {
 
-/// What the later steps of a backup need to know about one volume's snapshot.
+/// The properties of one volume's snapshot that the later phases of a backup need.
+/// Owns:    its values; `check` needs the snapshot control that has made it.
+/// Threads: the thread of the backup.
+/// Fails:   never.
 class VolumeSnapshotInfo {
 public:
     VolumeSnapshotInfo() = default;
@@ -21,19 +24,19 @@ public:
     virtual ~VolumeSnapshotInfo() = default;
 
     std::string snapshotPath;     ///< /dev/tolvu<minor>, empty if there is no device
-    std::uint64_t volumeSize = 0; ///< whole blocks only, in bytes
+    std::uint64_t volumeSize = 0; ///< in bytes, whole blocks only
     std::vector<std::string>
-        excludedFiles; ///< in the mounted snapshot; their content is of no use to anybody
-    /// At the start of a snapshot: the record of changes since the last backup can be used. At its end: the
-    /// volume is tracked, so that the next backup can be incremental.
+        excludedFiles; ///< paths in the mounted snapshot; not copied, because their content is useless
+    /// At the start of a snapshot: whether the record of the changes since the last backup is usable. At its
+    /// end: whether the volume is tracked, so that the next backup can be incremental.
     bool incrementalPreserved = false;
     block::IncrementalBitmapInfo incrementalBitmap;
-    /// To be asked when all has been read: 0 if the snapshot has shown one moment until now, else a value of
-    /// `errno`. Without it, nobody can tell.
+    /// To be called after the last read: returns 0 if the snapshot has shown one point in time until now,
+    /// else an errno value. If empty, the snapshot can't be checked.
     std::function<int()> check;
 };
 
-/// By the volumes' UUIDs.
+/// Keyed by volume UUID.
 using VolumeSnapshotInfos = std::unordered_map<std::string, VolumeSnapshotInfo>;
 
 } // namespace agent::core::backup

@@ -15,7 +15,7 @@ constexpr std::uint64_t allOnes = ~std::uint64_t{0};
 constexpr std::uint64_t bitsPerWord = 64;
 constexpr std::uint64_t wordsPerStride = 8; ///< a cache line
 
-/// A little-endian word, from any address.
+/// Loads a little-endian word; the address needs no alignment.
 std::uint64_t loadWord(const std::uint8_t* bitmap, std::uint64_t index) {
     static_assert(std::endian::native == std::endian::little);
     std::uint64_t word = 0;
@@ -49,7 +49,7 @@ std::uint64_t skipWords(const std::uint8_t* bitmap, std::uint64_t index, std::ui
 /// Joins the set bits of words and bytes, given in ascending order, to ranges.
 class RunCollector {
 public:
-    /// Whether a run has reached the last bit given, so that it may go on.
+    /// Whether the last bit added was set, so that its run may continue.
     [[nodiscard]] bool isRunning() const noexcept { return running; }
 
     /// The word's first bit is its least significant one.
@@ -69,7 +69,6 @@ public:
         running = last;
     }
 
-    /// Adds runs of a byte.
     void addByte(std::uint64_t base, const BitRuns& byte) {
         std::size_t run = 0;
         if (running && byte.firstBitSet != 0) {
@@ -104,9 +103,9 @@ std::vector<BlockRange> BitRangeFinder::findRanges(const void* map, std::uint64_
     return lookupAlgorithm(static_cast<const std::uint8_t*>(map), count);
 }
 
-// Whole words first. Those that are all alike and change nothing are passed over as they are; of the others
-// the bits are put into order, and the runs taken out. Fewer than 64 bits remain, which are looked up by the
-// byte: no byte behind the last valid bit is ever read.
+// Whole words come first. Words that neither begin nor end a run are skipped at once; the bits of the others
+// are brought into order and searched for runs. Fewer than 64 bits remain. They are looked up byte by byte,
+// so that no byte past the last valid bit is read.
 std::vector<BlockRange> BitRangeFinder::lookupAlgorithm(const std::uint8_t* bitmap,
                                                         std::uint64_t bits) const {
     const std::uint64_t flip = targetValue ? 0 : allOnes;

@@ -4,14 +4,14 @@
 
 namespace agent {
 
-/// Finds the runs of bits of one value in a bitmap. Stretches that are all alike cost about as much as
-/// reading their memory; a busy stretch costs as much as it has runs.
+/// Finds the runs of bits of one value in a bitmap. Uniform parts of the bitmap cost about as much as reading
+/// the memory; the cost of other parts grows with the number of runs.
 class BitRangeFinder : public IRangeFinder {
 public:
     /// `msbFirst`: whether the first bit of a byte is its most significant one.
     BitRangeFinder(bool targetValue, bool msbFirst) noexcept : targetValue(targetValue), msbFirst(msbFirst) {}
 
-    /// `count` is in bits. An empty bitmap is refused, too.
+    /// `count` is in bits. An empty bitmap throws std::invalid_argument, too.
     [[nodiscard]] std::vector<BlockRange> findRanges(const void* map, std::uint64_t count) const override;
 
 private:

@@ -6,14 +6,14 @@
 
 namespace agent {
 
-/// Makes range finders.
+/// Creates range finders.
 /// Owns:    nothing.
 /// Threads: safe from any.
-/// Fails:   with std::runtime_error for a type that doesn't exist.
+/// Fails:   with std::runtime_error for an unknown type.
 class BitRangeFinderFactory {
 public:
     static constexpr int bitFinder = 0;  ///< BitRangeFinder
-    static constexpr int wordFinder = 1; ///< U64RangeFinder, for which the order of bits means nothing
+    static constexpr int wordFinder = 1; ///< U64RangeFinder, which ignores the bit order
 
     BitRangeFinderFactory() = default;
     BitRangeFinderFactory(const BitRangeFinderFactory&) = delete;

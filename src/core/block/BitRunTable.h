@@ -19,7 +19,10 @@ struct BitRuns {
     std::array<Run, 4> runs{};
 };
 
-/// The runs of every byte value, made by the compiler.
+/// The runs of every byte value, computed at compile time.
+/// Owns:    the table.
+/// Threads: any; it is constant.
+/// Fails:   never.
 class BitRunTable {
 public:
     constexpr BitRunTable() noexcept {
@@ -55,13 +58,17 @@ private:
 
 inline constexpr BitRunTable bitRunTable;
 
-/// Turns the bits of each byte of a word around, the least significant bit into the most significant one.
+/// Reverses the order of the bits in each byte of a word.
 [[nodiscard]] constexpr std::uint64_t reverseBitsOfBytes(std::uint64_t word) noexcept {
     word = (word >> 1U & 0x5555555555555555) | (word & 0x5555555555555555) << 1U;
     word = (word >> 2U & 0x3333333333333333) | (word & 0x3333333333333333) << 2U;
     return (word >> 4U & 0x0f0f0f0f0f0f0f0f) | (word & 0x0f0f0f0f0f0f0f0f) << 4U;
 }
 
+/// The bit-reversal of every byte value, computed at compile time.
+/// Owns:    the table.
+/// Threads: any; it is constant.
+/// Fails:   never.
 class BitReversalTable {
 public:
     constexpr BitReversalTable() noexcept {

@@ -11,10 +11,10 @@
 
 namespace agent::core::block {
 
-/// A position in a sequence of values that is made while it is walked.
-/// Owns:    what its implementation needs; what it walks over must outlive it.
+/// A position in a sequence of values that are computed during iteration.
+/// Owns:    the iteration state of its implementation; the sequence must outlive it.
 /// Threads: one at a time.
-/// Fails:   increment may, by exception; dereference does at the end, with std::out_of_range.
+/// Fails:   `increment` may throw anything; `dereference` throws std::out_of_range at the end.
 template <typename Value>
 class iterator_base {
 public:
@@ -25,15 +25,18 @@ public:
     iterator_base& operator=(iterator_base&&) = delete;
     virtual ~iterator_base() = default;
 
-    /// A position of its own at the same place.
+    /// An independent copy at the same position.
     [[nodiscard]] virtual std::unique_ptr<iterator_base> clone() const = 0;
     virtual void increment() = 0;
     [[nodiscard]] virtual const Value& dereference() const = 0;
-    /// Throws std::bad_cast if the other one is of another kind.
+    /// Throws std::bad_cast if `other` has another type.
     [[nodiscard]] virtual bool equals(const iterator_base& other) const = 0;
 };
 
-/// Makes an iterator_base of an ordinary iterator.
+/// Adapts an ordinary iterator to iterator_base.
+/// Owns:    the iterator; its container must outlive it.
+/// Threads: one at a time.
+/// Fails:   throws what the iterator throws; `equals` throws std::bad_cast for another type.
 template <typename Iterator, typename Value>
 class iterator_base_t final : public iterator_base<Value> {
 public:
@@ -52,7 +55,11 @@ private:
     Iterator iterator;
 };
 
-/// Owns an iterator_base, and is itself an iterator. Without one, every use but copying is std::bad_alloc.
+/// A forward iterator over values that an iterator_base computes.
+/// Owns:    the iterator_base; a copy has a clone of it.
+/// Threads: one at a time.
+/// Fails:   throws what the iterator_base throws. Without one, every use except copying throws
+///          std::bad_alloc.
 template <typename Value>
 class iterator_handle {
 public:
@@ -103,13 +110,13 @@ private:
 
 using BlockRangeIterator = iterator_handle<BlockRange>;
 
-/// The handle of an ordinary iterator over ranges.
+/// Wraps an ordinary iterator over ranges in a handle.
 template <typename Iterator>
 BlockRangeIterator handleOf(Iterator iterator) {
     return BlockRangeIterator(std::make_unique<iterator_base_t<Iterator, BlockRange>>(std::move(iterator)));
 }
 
-/// Fails with what every iterator says that is dereferenced at the end of its provider.
+/// Throws the std::out_of_range of an iterator that is dereferenced at the end of its provider.
 [[noreturn]] void throwPastTheEnd(const std::string& providerName);
 
 } // namespace agent::core::block

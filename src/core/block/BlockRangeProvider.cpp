@@ -46,7 +46,7 @@ void BlockRangeProvider::iterator::advance() {
     }
 }
 
-/// True when the next range, or the end, has been found.
+/// True if this step has found the next range or the end.
 bool BlockRangeProvider::iterator::step() {
     if (atEnd || position >= provider->totalBlocks) {
         atEnd = true;
@@ -61,7 +61,7 @@ bool BlockRangeProvider::iterator::step() {
     return included;
 }
 
-/// The nearest range that excludes blocks from the position on, or an empty one at the end of the volume.
+/// The nearest range that excludes blocks from `position` on, or an empty range at the end of the volume.
 BlockRange BlockRangeProvider::iterator::nearestExclusion() {
     BlockRange nearest{provider->totalBlocks, 0};
     for (auto active = activeExcluders.begin(); active != activeExcluders.end();) {
@@ -78,7 +78,7 @@ bool BlockRangeProvider::iterator::isStillActive(ActiveExcluder& active, BlockRa
         info::LogEntry(provider->logger, info::level::debug)
             << "The " << active.excluder->name() << " has no more ranges to exclude after block "
             << current.start << ", it will no longer be used for this volume.";
-    } catch (...) { // whatever it is: without this excluder the backup is larger, and as good
+    } catch (...) { // any failure: without this excluder the backup is larger, but still correct
         info::LogEntry(provider->logger, info::level::error, info::reason("excluder-failed"))
             << "The " << active.excluder->name()
             << " threw an exception while attempting to get an exclusion range! It will no longer be used "
@@ -88,14 +88,14 @@ bool BlockRangeProvider::iterator::isStillActive(ActiveExcluder& active, BlockRa
     return false;
 }
 
-/// Moves an excluder on to its first range behind the position. False if it has none.
+/// Advances an excluder to its first range that ends past `position`. False if there is none.
 bool BlockRangeProvider::iterator::findNext(ActiveExcluder& active, BlockRange& nearest) const {
     if (!active.end) {
         active.end = active.excluder->end();
     }
     for (; active.next != active.end; ++active.next) {
         const BlockRange& range = *active.next;
-        if (excludesMore(range)) {
+        if (endsPastPosition(range)) {
             nearest = std::min(nearest, range);
             return true;
         }
@@ -103,8 +103,8 @@ bool BlockRangeProvider::iterator::findNext(ActiveExcluder& active, BlockRange& 
     return false;
 }
 
-/// A range whose end has wrapped is nonsense that must not cost the volume a block: it excludes nothing.
-bool BlockRangeProvider::iterator::excludesMore(const BlockRange& range) const {
+/// A range whose end wraps around is invalid and excludes nothing, so that no block is left out wrongly.
+bool BlockRangeProvider::iterator::endsPastPosition(const BlockRange& range) const {
     return range.end() > position && range.end() >= range.start;
 }
 

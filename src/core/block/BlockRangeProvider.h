@@ -13,8 +13,8 @@ namespace agent::core::block {
 /// The blocks of a volume that no excluder excludes, as the longest possible ranges.
 /// Owns:    the excluders.
 /// Threads: one at a time.
-/// Fails:   an excluder that throws while it is read is dropped, and its blocks from there on are included;
-///          one that can't begin fails `begin`.
+/// Fails:   if an excluder throws during iteration, it is dropped, and its remaining blocks are included;
+///          `begin` throws what an excluder's `begin` throws.
 class BlockRangeProvider : public IBlockRangeProvider {
 public:
     class iterator;
@@ -34,8 +34,8 @@ private:
     std::uint64_t totalBlocks;
 };
 
-/// Subtracts all excluders from the volume in one pass: each is kept on its first range that ends behind the
-/// blocks decided so far, and the nearest of these bounds the next range.
+/// Subtracts all excluders from the volume in one pass. Each excluder waits at its first range that ends past
+/// `position`, and the nearest of these ranges ends the next included range.
 class BlockRangeProvider::iterator : public RangeIterator<BlockRangeProvider::iterator, BlockRangeProvider> {
 public:
     /// At the first range.
@@ -51,7 +51,7 @@ private:
     void advance();
     struct ActiveExcluder {
         BlockRangeIterator next;
-        BlockRangeIterator end; ///< none until it is first needed
+        BlockRangeIterator end; ///< empty until it is first needed
         const IBlockRangeProvider* excluder;
     };
 
@@ -59,11 +59,11 @@ private:
     BlockRange nearestExclusion();
     bool findNext(ActiveExcluder& active, BlockRange& nearest) const;
     bool isStillActive(ActiveExcluder& active, BlockRange& nearest) const;
-    [[nodiscard]] bool excludesMore(const BlockRange& range) const;
+    [[nodiscard]] bool endsPastPosition(const BlockRange& range) const;
 
     std::vector<ActiveExcluder> activeExcluders;
     BlockRange current;
-    std::uint64_t position = 0; ///< the first block that isn't decided yet
+    std::uint64_t position = 0; ///< the first block that hasn't been decided yet
     bool atEnd = false;
 };
 

@@ -17,7 +17,7 @@ using ProviderPointer = BlockRangeProviderFactory::ProviderPointer;
 
 namespace {
 
-ProviderPointer withoutSize(ProviderPointer excluder, bool sized) {
+ProviderPointer wrapIfSized(ProviderPointer excluder, bool sized) {
     if (sized) {
         return std::make_unique<SizedBlockRangeProvider>(std::move(excluder), 0);
     }
@@ -31,7 +31,7 @@ BlockRangeProviderFactory::BlockRangeProviderFactory(info::Logger& logger,
     : logger(logger), volume(std::move(volume)) {}
 
 ProviderPointer BlockRangeProviderFactory::createFileExcluder(const std::string& path, bool sized) const {
-    return withoutSize(std::make_unique<FileBlockRangeExcluder>(logger, volume->getBlockSize(), path), sized);
+    return wrapIfSized(std::make_unique<FileBlockRangeExcluder>(logger, volume->getBlockSize(), path), sized);
 }
 
 ProviderPointer
@@ -44,7 +44,7 @@ BlockRangeProviderFactory::createUnchangedExcluder(const IncrementalBitmapInfo& 
 ProviderPointer
 BlockRangeProviderFactory::createUnusedExcluder(std::unique_ptr<fs::IBlockBitmapChunkProvider> chunkProvider,
                                                 bool sized) const {
-    return withoutSize(std::make_unique<UnusedBlockRangeExcluder>(logger, volume, std::move(chunkProvider),
+    return wrapIfSized(std::make_unique<UnusedBlockRangeExcluder>(logger, volume, std::move(chunkProvider),
                                                                   BitRangeFinderFactory()),
                        sized);
 }

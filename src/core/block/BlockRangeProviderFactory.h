@@ -12,10 +12,10 @@
 
 namespace agent::core::block {
 
-/// Makes the layers that choose which blocks of one volume are copied.
+/// Creates the layers of providers that select which blocks of one volume are copied.
 /// Owns:    a share of the volume's description.
 /// Threads: one at a time.
-/// Fails:   with std::invalid_argument for what a layer can't work with.
+/// Fails:   with std::invalid_argument for arguments that a layer can't work with.
 class BlockRangeProviderFactory {
 public:
     using ProviderPointer = std::unique_ptr<IBlockRangeProvider>;
@@ -27,7 +27,7 @@ public:
     BlockRangeProviderFactory& operator=(BlockRangeProviderFactory&&) = delete;
     virtual ~BlockRangeProviderFactory() = default;
 
-    /// `sized`: whether the excluder counts as empty in the estimate.
+    /// If `sized`, the excluder counts as empty in the estimate of the transfer size.
     [[nodiscard]] virtual ProviderPointer createFileExcluder(const std::string& path, bool sized) const;
     [[nodiscard]] virtual ProviderPointer
     createUnchangedExcluder(const IncrementalBitmapInfo& bitmapInfo) const;

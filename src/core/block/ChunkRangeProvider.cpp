@@ -51,7 +51,7 @@ void ChunkRangeProvider::iterator::advance() {
     }
 }
 
-/// Goes on to the next range. False if there is none, which is the end.
+/// Advances to the next range. False at the end.
 bool ChunkRangeProvider::iterator::nextRange() {
     ++range;
     if (range == rangeEnd) {
@@ -69,8 +69,8 @@ bool ChunkRangeProvider::iterator::nextRange() {
     return true;
 }
 
-/// Whether anybody reads the line of a range. A volume can have millions of them, and asking isn't free: it
-/// is done now and then, so that a new log level still takes effect soon.
+/// Whether ranges are logged. A volume can have millions of ranges, and asking the logger isn't free, so the
+/// logger is asked once every 256 ranges. A new log level still takes effect soon.
 bool ChunkRangeProvider::iterator::isRangeLogged() {
     constexpr std::uint64_t rangesBetween = 256;
     if (rangesSeen++ % rangesBetween == 0) {

@@ -9,10 +9,11 @@
 
 namespace agent::core::block {
 
-/// Another provider's ranges, each cut from its start into chunks that fit a buffer.
-/// Owns:    the other provider; without one there are no chunks.
+/// Cuts each range of another provider into chunks that fit a buffer.
+/// Owns:    the other provider; if that is null, there are no chunks.
 /// Threads: one at a time.
-/// Fails:   as the other provider; the constructor throws std::invalid_argument if no block fits a chunk.
+/// Fails:   passes the other provider's exceptions on; the constructor throws std::invalid_argument if
+///          `maxBlocksPerChunk` is 0.
 class ChunkRangeProvider : public IBlockRangeProvider {
 public:
     class iterator;
@@ -48,12 +49,12 @@ private:
     bool isRangeLogged();
     void cut();
 
-    BlockRangeIterator range; ///< which is being cut
+    BlockRangeIterator range; ///< the range that is being cut
     BlockRangeIterator rangeEnd;
-    std::uint64_t nextBlock = 0; ///< the first block behind the current chunk
+    std::uint64_t nextBlock = 0; ///< the first block past the current chunk
     BlockRange current;
     bool atEnd = true;
-    std::uint64_t rangesSeen = 0; ///< but for the first
+    std::uint64_t rangesSeen = 0; ///< without the first range
     bool logsRanges = false;
 };
 

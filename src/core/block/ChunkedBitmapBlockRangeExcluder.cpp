@@ -23,8 +23,8 @@ BlockRangeIterator ChunkedBitmapBlockRangeExcluder::end() const {
     return handleOf(iterator(*this, std::default_sentinel));
 }
 
-/// Whether an element speaks of nothing that is on the volume, as far as the volume's size is known.
-bool ChunkedBitmapBlockRangeExcluder::isBehindVolume(std::uint64_t element) const {
+/// Whether an element lies past the volume's end. False if the volume's size isn't known.
+bool ChunkedBitmapBlockRangeExcluder::isPastVolume(std::uint64_t element) const {
     const std::uint64_t blocks = volume->getBlockCount();
     return blocks != 0 && toBlockRange({}, element).start >= blocks;
 }
@@ -45,7 +45,7 @@ void ChunkedBitmapBlockRangeExcluder::iterator::advance() {
     fetchRanges();
 }
 
-/// Fetches until there is a range, or nothing more to fetch.
+/// Fetches chunks until one has a range, or the map ends.
 void ChunkedBitmapBlockRangeExcluder::iterator::fetchRanges() {
     while (chunk.atEnd() && moreToFetch) {
         info::LogEntry(provider->logger, info::level::debug)
@@ -81,11 +81,12 @@ void ChunkedBitmapBlockRangeExcluder::iterator::prepareBuffer() {
     }
 }
 
-/// The map ends with nothing, with a failure, or behind the volume, lest a map without end is fetched for
-/// ever. A count that the buffer can't hold is a failure, too.
+/// Whether a fetch has delivered elements. The map ends with an empty fetch, with a failure, or past the
+/// volume's end, so that an endless map isn't fetched forever. A count that exceeds the buffer is a failure,
+/// too.
 bool ChunkedBitmapBlockRangeExcluder::iterator::isUsable(std::int64_t fetched) const {
     return fetched > 0 && static_cast<std::uint64_t>(fetched) <= chunk.capacity() &&
-           !provider->isBehindVolume(nextElement);
+           !provider->isPastVolume(nextElement);
 }
 
 } // namespace agent::core::block

@@ -14,11 +14,11 @@
 
 namespace agent::core::block {
 
-/// The ranges of clear elements in a map that is too large for memory: it is fetched chunk by chunk.
-/// Owns:    the map's provider. Each iterator has a chunk of its own, and fetches the map from its start.
+/// The ranges of clear elements in a map that is too large for memory and is fetched chunk by chunk.
+/// Owns:    the map's provider. Each iterator has its own chunk, and fetches the map from the start.
 /// Threads: one at a time.
-/// Fails:   a map that can't be read ends where it fails, so that more is copied; only a buffer that can't be
-///          had is an exception.
+/// Fails:   an unreadable map ends where reading fails, so that more blocks are copied; std::bad_alloc if
+///          there is no memory for the buffer.
 class ChunkedBitmapBlockRangeExcluder : public IBlockRangeProvider {
 public:
     class iterator;
@@ -26,14 +26,14 @@ public:
     [[nodiscard]] BlockRangeIterator begin() const override;
     [[nodiscard]] BlockRangeIterator end() const override;
 
-    /// In bytes, for one fetch.
+    /// The buffer size for one chunk, in bytes.
     [[nodiscard]] virtual std::size_t bitmapBufferSize() const = 0;
-    /// The volume blocks of a range of elements relative to the chunk that begins at `chunkStart`.
+    /// Converts a range of elements, relative to the chunk that begins at `chunkStart`, to volume blocks.
     [[nodiscard]] virtual BlockRange toBlockRange(const BlockRange& range,
                                                   std::uint64_t chunkStart) const = 0;
 
 protected:
-    /// `finderType` is one of BitRangeFinderFactory's.
+    /// `finderType` is a constant of BitRangeFinderFactory.
     ChunkedBitmapBlockRangeExcluder(info::Logger& logger,
                                     std::shared_ptr<const info::BackupableVolume> volume,
                                     std::unique_ptr<fs::IBlockBitmapChunkProvider> chunkProvider,
@@ -42,7 +42,7 @@ protected:
     [[nodiscard]] const info::BackupableVolume& getVolume() const noexcept { return *volume; }
 
 private:
-    [[nodiscard]] bool isBehindVolume(std::uint64_t element) const;
+    [[nodiscard]] bool isPastVolume(std::uint64_t element) const;
 
     info::Logger& logger;
     std::shared_ptr<const info::BackupableVolume> volume;
@@ -54,7 +54,7 @@ private:
 class ChunkedBitmapBlockRangeExcluder::iterator
     : public RangeIterator<ChunkedBitmapBlockRangeExcluder::iterator, ChunkedBitmapBlockRangeExcluder> {
 public:
-    /// At the first range, for which it fetches.
+    /// At the first range; fetches chunks until it finds one.
     explicit iterator(const ChunkedBitmapBlockRangeExcluder& excluder);
     /// At the end; it never fetches.
     iterator(const ChunkedBitmapBlockRangeExcluder& excluder, std::default_sentinel_t end);
@@ -71,7 +71,7 @@ private:
     [[nodiscard]] bool isUsable(std::int64_t fetched) const;
 
     bool moreToFetch;
-    std::uint64_t nextElement = 0; ///< to fetch
+    std::uint64_t nextElement = 0; ///< the next element to fetch
     std::uint64_t chunkStart = 0;  ///< the chunk's first element
     MapChunk chunk;
     BlockRange current; ///< in volume blocks

@@ -9,7 +9,7 @@ namespace agent::core::block {
 
 namespace {
 
-/// In bytes; nothing if there is no file.
+/// The file's size in bytes; nullopt if there is no file.
 std::optional<std::uint64_t> sizeOf(const std::string& path) {
     struct stat status{};
     if (::lstat(path.c_str(), &status) != 0) {

@@ -11,10 +11,10 @@
 
 namespace agent::core::block {
 
-/// The blocks of one file of the volume, as they are when the object is made.
+/// The blocks of one file of the volume, at the time when the object is constructed.
 /// Owns:    the ranges.
 /// Threads: one at a time.
-/// Fails:   a file whose blocks can't be found excludes nothing, after a warning.
+/// Fails:   if the file's blocks can't be determined, logs a warning and excludes nothing.
 class FileBlockRangeExcluder : public IBlockRangeProvider {
 public:
     class iterator;

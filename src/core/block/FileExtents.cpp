@@ -20,16 +20,16 @@ namespace {
 using info::level::debug;
 using info::level::warning;
 
-/// Their records take 56 MiB. A file in more pieces than that is copied, which costs no more than time.
-constexpr std::uint32_t mostExtents = std::uint32_t{1} << 20U;
+/// The records of this many extents take 56 MiB. A file with more extents is copied, which only costs time.
+constexpr std::uint32_t maxExtents = std::uint32_t{1} << 20U;
 
-/// Where the kernel doesn't know yet, or won't tell, the number is none of the file's blocks; and where
-/// others have a share in the blocks, by a reflink or as neighbours in one block, they lose nothing by this
-/// file.
-constexpr std::uint32_t notTheFilesAlone =
+/// An extent with one of these flags isn't excluded. UNKNOWN and DELALLOC mean that its block number isn't
+/// valid (yet). SHARED (by a reflink) and NOT_ALIGNED (in a block with other data) mean that other files use
+/// its blocks, too.
+constexpr std::uint32_t sharedOrUnknownFlags =
     FIEMAP_EXTENT_UNKNOWN | FIEMAP_EXTENT_DELALLOC | FIEMAP_EXTENT_SHARED | FIEMAP_EXTENT_NOT_ALIGNED;
 
-/// One look at where a file lies.
+/// Reads the extents of one file.
 class ExtentWalk {
 public:
     ExtentWalk(info::Logger& logger, std::uint32_t blockSize, const std::string& path,
@@ -48,7 +48,7 @@ public:
 
 private:
     void open() {
-        // Neither a pipe nor a link to somewhere else is the file that is meant.
+        // The path must be the file itself: a pipe must not block the open, and a link must not be followed.
         file = os::FileDescriptor(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW));
         if (!file) {
             fail("Failed to open handle to file \"" + path + "\", error: ");
@@ -75,7 +75,7 @@ private:
         }
         const std::uint32_t count = request.header().fm_mapped_extents;
         logger.log(debug, "FIEMAP IoCtl of file \"%s\" reports %u (pre-merged) extents", path.c_str(), count);
-        if (count > mostExtents) {
+        if (count > maxExtents) {
             throw std::runtime_error("the file lies in too many pieces");
         }
         return count;
@@ -100,7 +100,7 @@ private:
     }
 
     void exclude(const fiemap_extent& extent, std::vector<BlockRange>& ranges) {
-        if ((extent.fe_flags & notTheFilesAlone) != 0) {
+        if ((extent.fe_flags & sharedOrUnknownFlags) != 0) {
             return;
         }
         const BlockRange range{extent.fe_physical / blockSize, extent.fe_length / blockSize};

@@ -11,15 +11,14 @@
 
 namespace agent::core::block {
 
-/// Asks the file system where the file of a descriptor lies, by the rules of ioctl(2).
+/// Performs a FIEMAP request on a file descriptor. Returns like ioctl(2).
 using ExtentQuery = std::function<int(int descriptor, fiemap& request)>;
 
-/// The query that the kernel answers.
+/// The real query, FS_IOC_FIEMAP.
 int queryExtents(int descriptor, fiemap& request);
 
-/// Which blocks of a volume a file lies in, as ascending ranges that may touch and overlap. Only blocks that
-/// belong to the file as a whole, and to no other, are among them. Throws PosixError, or another standard
-/// exception.
+/// The volume blocks of a file, as ascending ranges that may touch and overlap. Only blocks that belong to
+/// this file completely, and to no other file, are included. Throws PosixError or another standard exception.
 std::vector<BlockRange> getFileExtents(info::Logger& logger, std::uint32_t blockSize, const std::string& path,
                                        const ExtentQuery& query = queryExtents);
 

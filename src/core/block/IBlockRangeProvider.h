@@ -7,10 +7,10 @@
 
 namespace agent::core::block {
 
-/// A sequence of block ranges, ascending by their start, that is made while it is walked.
-/// Owns:    see the implementations; it must outlive its iterators.
+/// A sequence of block ranges, ascending by their start. The ranges are computed during iteration.
+/// Owns:    the providers and maps that its ranges come from; it must outlive its iterators.
 /// Threads: one at a time.
-/// Fails:   by exception, from here or from an iterator.
+/// Fails:   by exception, from this object or from an iterator.
 class IBlockRangeProvider {
 public:
     IBlockRangeProvider() = default;
@@ -22,7 +22,7 @@ public:
 
     [[nodiscard]] virtual BlockRangeIterator begin() const = 0;
     [[nodiscard]] virtual BlockRangeIterator end() const = 0;
-    /// How many blocks are likely to come; for showing progress only.
+    /// An estimate of how many blocks the ranges cover; for showing progress only.
     [[nodiscard]] virtual std::uint64_t size() const = 0;
     /// For log lines.
     [[nodiscard]] virtual std::string name() const = 0;

@@ -9,8 +9,8 @@ namespace agent {
 
 /// Turns a map with one element for each block into the ranges of blocks whose elements have a certain value.
 /// Owns:    nothing.
-/// Threads: safe from any; it never changes.
-/// Fails:   with std::invalid_argument where there is no map.
+/// Threads: immutable; safe from any.
+/// Fails:   with std::invalid_argument if the map is null.
 class IRangeFinder {
 public:
     IRangeFinder() = default;

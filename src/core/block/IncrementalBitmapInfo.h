@@ -5,8 +5,9 @@
 
 namespace agent::core::block {
 
-/// Where the snapshot driver's record of what has changed since the last backup is to be found: an array of
-/// little-endian 64-bit words, one for each unit of 4096 bytes of the volume, 0 if the unit has not changed.
+/// The location of the snapshot driver's record of the changes since the last backup. The record is an array
+/// of little-endian 64-bit words, one for each 4096 bytes of the volume; 0 means that these bytes have not
+/// changed.
 struct IncrementalBitmapInfo {
     std::string fileName;
     std::uint64_t bitmapOffset = 0;    ///< in bytes

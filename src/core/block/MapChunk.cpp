@@ -8,8 +8,8 @@ namespace agent::core::block {
 
 namespace {
 
-/// Small enough for a bitmap and all of its ranges to stay in the processor's cache, and a multiple of 8, so
-/// that slices of bits begin with a byte.
+/// Small enough that a slice and all of its ranges stay in the processor's cache, and a multiple of 8, so
+/// that slices of bits begin at a byte.
 constexpr std::uint64_t sliceElements = std::uint64_t{256} * 1024;
 
 AlignedBuffer copyOf(const AlignedBuffer& buffer) {
@@ -55,7 +55,7 @@ void MapChunk::next() {
     }
 }
 
-/// Goes on until there is a whole range, or the chunk has been searched.
+/// Searches slices until there is a complete range, or until the whole chunk has been searched.
 void MapChunk::searchOn() {
     ranges.clear();
     cursor = 0;
@@ -79,7 +79,8 @@ std::vector<BlockRange> MapChunk::searchSlice() const {
     return found;
 }
 
-/// Puts what has been found in a slice behind the unfinished range, and takes the next unfinished one off it.
+/// Joins the unfinished range with the ranges of the next slice, and sets the last range aside if it may
+/// continue in the slice after that.
 void MapChunk::join(std::vector<BlockRange>&& found) {
     ranges = std::move(found);
     if (!unfinished.empty()) {

@@ -9,15 +9,16 @@
 
 namespace agent::core::block {
 
-/// A part of a map in memory, and the ranges that a finder finds in it, one after the other. They are the
-/// same as if the whole part were searched at once, but only those of a slice of it are kept: the ranges of a
-/// busy bitmap take 64 times its own size.
-/// Owns:    the buffer. A copy copies it; the finder must outlive both.
+/// A chunk of a map in memory, and the ranges that a finder finds in it, one after the other. The chunk is
+/// searched slice by slice with the same result as a search of the whole chunk, but only the ranges of one
+/// slice are in memory: the ranges of a fragmented bitmap take 64 times its size.
+/// Owns:    the buffer, which a copy of the object duplicates. The finder must outlive the object and its
+///          copies.
 /// Threads: one at a time.
-/// Fails:   as the finder does, and with std::bad_alloc.
+/// Fails:   with the finder's exceptions, and with std::bad_alloc.
 class MapChunk {
 public:
-    /// Without a buffer, and so without ranges.
+    /// Has no buffer yet, and so no ranges.
     MapChunk(const IRangeFinder& finder, std::size_t bitsPerElement) noexcept
         : finder(&finder), bitsPerElement(bitsPerElement) {}
     MapChunk(const MapChunk& other);
@@ -28,13 +29,14 @@ public:
 
     [[nodiscard]] bool hasBuffer() const noexcept { return !buffer.empty(); }
     void setBuffer(AlignedBuffer newBuffer) noexcept { buffer = std::move(newBuffer); }
-    /// What is written here shows in the ranges after `search`.
+    /// The buffer, to be filled before `search`.
     [[nodiscard]] std::uint8_t* data() noexcept;
     [[nodiscard]] std::size_t size() const noexcept { return buffer.size(); }
     /// How many elements the buffer holds.
     [[nodiscard]] std::uint64_t capacity() const noexcept { return buffer.size() * 8 / bitsPerElement; }
 
-    /// Starts on the ranges of the first `elements` in the buffer, which it has to hold.
+    /// Searches the first `elements` elements in the buffer, at most `capacity`, and moves to the first
+    /// range.
     void search(std::uint64_t elements);
 
     [[nodiscard]] bool atEnd() const noexcept { return cursor == ranges.size(); }
@@ -52,9 +54,9 @@ private:
     std::size_t bitsPerElement;
     AlignedBuffer buffer;
     std::uint64_t count = 0;        ///< elements in the buffer
-    std::uint64_t searched = 0;     ///< elements of them that have been searched
-    BlockRange unfinished;          ///< a range that ends with what has been searched, and may go on
-    std::vector<BlockRange> ranges; ///< those that are known whole
+    std::uint64_t searched = 0;     ///< how many of these elements have been searched
+    BlockRange unfinished;          ///< a range that ends at `searched` and may continue
+    std::vector<BlockRange> ranges; ///< the complete ranges of the current slice
     std::size_t cursor = 0;
 };
 

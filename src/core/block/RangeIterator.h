@@ -7,8 +7,8 @@
 
 namespace agent::core::block {
 
-/// What the iterators of all providers share. `Iterator` derives from it and gives what differs: `isAtEnd()`,
-/// `currentRange()`, which is asked for before the end only, and `advance()`, which does nothing at the end.
+/// The common base (CRTP) of all providers' iterators. The derived class `Iterator` implements `isAtEnd()`,
+/// `currentRange()`, which is only called before the end, and `advance()`, which does nothing at the end.
 /// Owns:    nothing; the provider must outlive it.
 /// Threads: one at a time.
 /// Fails:   std::out_of_range, with the provider's name, when dereferenced at the end.

@@ -6,10 +6,11 @@
 
 namespace agent::core::block {
 
-/// Another provider with a size of its own, for an excluder that is not to count in the estimate.
+/// Another provider with a fixed size, for an excluder that must not count in the estimate.
 /// Owns:    the other provider.
 /// Threads: one at a time.
-/// Fails:   as the other provider; the constructor throws std::invalid_argument if there is none.
+/// Fails:   passes the other provider's exceptions on; the constructor throws std::invalid_argument if that
+///          is null.
 class SizedBlockRangeProvider : public IBlockRangeProvider {
 public:
     SizedBlockRangeProvider(std::unique_ptr<IBlockRangeProvider> base, std::uint64_t size);

@@ -4,7 +4,7 @@
 
 namespace agent {
 
-/// Finds the runs of 64-bit words that are not 0, or that are.
+/// Finds the runs of 64-bit words that are not 0 (`targetValue` true), or that are 0 (false).
 class U64RangeFinder : public IRangeFinder {
 public:
     explicit U64RangeFinder(bool targetValue) noexcept : targetValue(targetValue) {}

@@ -33,8 +33,7 @@ public:
 
     std::int64_t getBitmapChunk(std::uint64_t startElement, std::uint8_t* buffer,
                                 std::size_t bufferBytes) const {
-        // A pipe in the place of the file must not hold the backup up, and a link there leads to nothing that
-        // the driver has written.
+        // If the file has been replaced by a pipe, the open must not block; a link isn't the driver's file.
         const os::FileDescriptor file(
             ::open(bitmapInfo.fileName.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW));
         if (!file) {
@@ -52,14 +51,14 @@ public:
         const std::uint64_t left =
             bitmapInfo.bitmapEntries - std::min(startElement, bitmapInfo.bitmapEntries);
         const std::uint64_t request = std::min<std::uint64_t>(left, bufferBytes / wordBytes);
-        return wordsRead(request,
-                         os::readBehindHoleAt(file.get(),
-                                              std::as_writable_bytes(std::span(buffer, request * wordBytes)),
-                                              position));
+        return wordsRead(
+            request,
+            os::readSkippingHoleAt(file.get(), std::as_writable_bytes(std::span(buffer, request * wordBytes)),
+                                   position));
     }
 
 private:
-    /// The position of an element in the file; the last possible number if there is none.
+    /// The byte position of an element in the file; on overflow the largest number, which can't be seeked to.
     [[nodiscard]] std::uint64_t positionOf(std::uint64_t element) const {
         std::uint64_t position = 0;
         const bool overflows = __builtin_mul_overflow(element, wordBytes, &position) ||

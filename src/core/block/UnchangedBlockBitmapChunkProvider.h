@@ -8,11 +8,11 @@
 
 namespace agent::core::block {
 
-/// The snapshot driver's map of what has changed, read from its file in 64-bit words.
-/// Owns:    nothing between two calls: the file is opened for each.
+/// The snapshot driver's map of changed blocks, read from its file in 64-bit words.
+/// Owns:    nothing between two calls: each call opens the file.
 /// Threads: one at a time.
-/// Fails:   as the interface says. Whatever the file has become, reading it neither blocks nor goes beyond
-///          the buffer.
+/// Fails:   by return value, like every IBlockBitmapChunkProvider. Even if the file has been replaced,
+///          reading neither blocks nor overruns the buffer.
 class UnchangedBlockBitmapChunkProvider : public fs::IBlockBitmapChunkProvider {
 public:
     UnchangedBlockBitmapChunkProvider(info::Logger& logger, IncrementalBitmapInfo bitmapInfo);
@@ -22,7 +22,7 @@ public:
     UnchangedBlockBitmapChunkProvider& operator=(UnchangedBlockBitmapChunkProvider&&) = delete;
     ~UnchangedBlockBitmapChunkProvider() override;
 
-    /// `startElement` and the result count words.
+    /// `startElement` and the result are in words.
     std::int64_t getBitmapChunk(std::uint64_t startElement, std::uint8_t* buffer,
                                 std::size_t bufferBytes) override;
 

@@ -12,7 +12,7 @@ namespace {
 
 constexpr std::uint64_t unitBytes = info::cow::blockSize;
 
-/// Excluding nothing is right for blocks of any size.
+/// For block sizes that don't fit the map: excluding nothing is always correct.
 BlockRange excludeNothing(std::uint64_t /*factor*/, const BlockRange& /*range*/, std::uint64_t /*offset*/) {
     return {};
 }

@@ -5,10 +5,11 @@
 
 namespace agent::core::block {
 
-/// The blocks that haven't changed since the last backup, by the snapshot driver's map.
-/// Owns:    the map's provider, which gives one word for each unit of 4096 bytes.
+/// The blocks that haven't changed since the last backup, according to the snapshot driver's map.
+/// Owns:    the map's provider, which has one word for each 4096 bytes of the volume.
 /// Threads: one at a time.
-/// Fails:   as its base. If the volume's blocks don't fit the units of the map, nothing is excluded.
+/// Fails:   like ChunkedBitmapBlockRangeExcluder. Excludes nothing if the volume's block size isn't a power
+///          of two.
 class UnchangedBlockRangeExcluder : public ChunkedBitmapBlockRangeExcluder {
 public:
     UnchangedBlockRangeExcluder(info::Logger& logger, std::shared_ptr<const info::BackupableVolume> volume,

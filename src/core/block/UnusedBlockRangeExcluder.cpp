@@ -18,7 +18,7 @@ std::string UnusedBlockRangeExcluder::name() const {
     return "Unused BRE for " + (mountPoints.empty() ? std::string() : mountPoints.front());
 }
 
-/// The bitmap of 1.25 TiB in blocks of 4096 bytes.
+/// Holds the bitmap of 1.25 TiB in blocks of 4096 bytes.
 std::size_t UnusedBlockRangeExcluder::bitmapBufferSize() const {
     return 0x2800000;
 }

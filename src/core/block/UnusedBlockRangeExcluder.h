@@ -4,10 +4,11 @@
 
 namespace agent::core::block {
 
-/// The blocks that a volume's file system doesn't use, by its own bitmap.
-/// Owns:    the bitmap's provider, which gives one bit for each block.
+/// The blocks that a volume's file system doesn't use, according to its own bitmap.
+/// Owns:    the bitmap's provider, which has one bit for each block.
 /// Threads: one at a time.
-/// Fails:   as its base; `size` throws PosixError if the file system can't be asked.
+/// Fails:   like ChunkedBitmapBlockRangeExcluder; `size` throws PosixError if the free space can't be
+///          queried.
 class UnusedBlockRangeExcluder : public ChunkedBitmapBlockRangeExcluder {
 public:
     UnusedBlockRangeExcluder(info::Logger& logger, std::shared_ptr<const info::BackupableVolume> volume,

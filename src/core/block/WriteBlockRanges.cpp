@@ -12,7 +12,7 @@ namespace agent {
 
 namespace {
 
-/// Writes bytes whose first bit is the most significant one, and turns them around where that is asked for.
+/// Writes bytes whose first bit is the most significant one. Reverses their bits unless `msbFirst` is set.
 class BitmapStream {
 public:
     BitmapStream(std::ostream& out, bool msbFirst) : out(out), msbFirst(msbFirst) { errno = 0; }
@@ -23,7 +23,7 @@ public:
         check(out.put(static_cast<char>(msbFirst ? byte : bitReversalTable[byte])));
     }
 
-    /// Bytes of set bits only.
+    /// Writes `count` bytes of 0xff.
     void putFull(std::uint64_t count) {
         std::array<char, 4096> full{};
         full.fill(static_cast<char>(0xff));
@@ -45,7 +45,7 @@ private:
     bool msbFirst;
 };
 
-/// The `count` most significant bits of a byte, or all of them.
+/// A byte with the `count` most significant bits set, or with all bits set if `count` is over 8.
 std::uint8_t highBits(std::uint64_t count) {
     return static_cast<std::uint8_t>(~(0xffU >> std::min<std::uint64_t>(count, 8)));
 }
@@ -76,7 +76,7 @@ public:
     }
 
 private:
-    /// Stays on the last byte, whose bits are then kept, or moves on to a fresh one.
+    /// Seeks to `byte`. If that is the last byte written, `current` keeps its bits; otherwise it becomes 0.
     void seekTo(std::uint64_t byte) {
         if (byte < lastByte) {
             throw std::runtime_error("Overlapping range not supported");
@@ -90,7 +90,7 @@ private:
     BitmapStream& stream;
     std::uint64_t baseOffset;
     std::uint64_t lastByte = 0;
-    std::uint8_t current = 0; ///< what the last byte holds, most significant bit first
+    std::uint8_t current = 0; ///< the content of the last byte, most significant bit first
 };
 
 } // namespace

@@ -7,7 +7,7 @@
 
 namespace agent {
 
-/// Makes the generator that belongs to the type of a stored checksum.
+/// Creates the generator for the type of a stored checksum.
 /// Owns:    nothing.
 /// Threads: safe from any.
 /// Fails:   never.

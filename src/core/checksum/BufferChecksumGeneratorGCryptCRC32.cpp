@@ -10,8 +10,8 @@ namespace {
 
 constexpr std::size_t digestBytes = 4;
 
-/// The library wants to be set up once in a process, before its first use and by one thread. Whoever else
-/// has done so already is left alone.
+/// libgcrypt must be initialised once per process, by one thread, before its first use. Does nothing if other
+/// code has initialised it already.
 void prepareLibrary() {
     static const bool prepared = [] {
         if (gcry_control(GCRYCTL_INITIALIZATION_FINISHED_P) == 0) {

@@ -16,7 +16,7 @@ constexpr std::uint8_t lowBits(std::uint64_t count) {
     return static_cast<std::uint8_t>((1U << count) - 1U);
 }
 
-/// Up to eight bits from any position on.
+/// Returns up to eight bits from any bit position.
 std::uint8_t bitsAt(const std::uint8_t* source, std::uint64_t bit, std::uint64_t count) {
     const std::uint8_t* const first = source + bit / byteBits;
     const std::uint64_t shift = bit % byteBits;
@@ -29,7 +29,7 @@ std::uint8_t bitsAt(const std::uint8_t* source, std::uint64_t bit, std::uint64_t
 
 std::uint64_t loadWord(const std::uint8_t* bytes) {
     std::uint64_t word = 0;
-    std::memcpy(&word, bytes, sizeof word); // little-endian, as is every machine that the agent runs on
+    std::memcpy(&word, bytes, sizeof word); // the agent only runs on little-endian machines
     return word;
 }
 
@@ -37,7 +37,8 @@ void storeWord(std::uint8_t* bytes, std::uint64_t word) {
     std::memcpy(bytes, &word, sizeof word);
 }
 
-/// The whole words of a copy to the begin of a byte, from within a byte. Returns the bits that were copied.
+/// Copies whole words from a source that begins within a byte to a target that begins at one. Returns the
+/// number of bits copied.
 std::uint64_t copyShiftedWords(std::uint8_t* target, const std::uint8_t* source, std::uint64_t shift,
                                std::uint64_t count) {
     std::uint64_t done = 0;
@@ -49,7 +50,8 @@ std::uint64_t copyShiftedWords(std::uint8_t* target, const std::uint8_t* source,
     return done;
 }
 
-/// Whole bytes (or words, where the copy is shifted) to the begin of a byte. Returns the bits copied.
+/// Copies whole bytes, or whole words if the source is shifted, to a target that begins at a byte. Returns
+/// the number of bits copied.
 std::uint64_t copyBulk(std::uint8_t* target, const std::uint8_t* source, std::uint64_t sourceBit,
                        std::uint64_t count) {
     const std::uint8_t* const first = source + sourceBit / byteBits;
@@ -61,8 +63,8 @@ std::uint64_t copyBulk(std::uint8_t* target, const std::uint8_t* source, std::ui
     return count / byteBits * byteBits;
 }
 
-/// Gives bits one value. `whole` is a byte of it, `replaceBits` gives it to the masked bits
-/// of another byte.
+/// Sets bits to one value. `whole` is a byte of that value; `replaceBits` sets the masked bits of a byte to
+/// it.
 template <class ReplaceBits>
 void assignBits(std::uint8_t* map, std::uint64_t firstBit, std::uint64_t count, int whole,
                 const ReplaceBits& replaceBits) {

@@ -6,11 +6,11 @@
 
 namespace agent::core::fs {
 
-/// Numbers in structures on disk. The bytes of the number must lie within the structure: callers have a
-/// structure of fixed size, or have checked the position.
+/// The bytes of an on-disk structure. When a number is read from it, the number must lie within it: callers
+/// use a structure of fixed size, or have checked the offset.
 using Bytes = std::span<const std::uint8_t>;
 
-/// Of `Number`'s width at `offset`, the first byte the least significant.
+/// Reads a little-endian number of `Number`'s width at `offset`.
 template <typename Number>
 constexpr Number littleEndian(Bytes bytes, std::size_t offset) {
     std::uint64_t value = 0;
@@ -20,7 +20,7 @@ constexpr Number littleEndian(Bytes bytes, std::size_t offset) {
     return static_cast<Number>(value);
 }
 
-/// Of `Number`'s width at `offset`, the first byte the most significant.
+/// Reads a big-endian number of `Number`'s width at `offset`.
 template <typename Number>
 constexpr Number bigEndian(Bytes bytes, std::size_t offset) {
     std::uint64_t value = 0;

@@ -12,15 +12,15 @@ namespace agent::core::fs {
 
 namespace {
 
-constexpr std::size_t longestRead = 0x400000;
+constexpr std::size_t maxReadBytes = 0x400000;
 constexpr std::size_t pageSize = 4096;
 
-/// A device that couldn't be asked for its sectors is read in pages: that suits every device.
-std::size_t known(std::size_t alignment) {
+/// If the device's sector size isn't known, reads are aligned to pages, which works for every device.
+std::size_t alignmentOrPage(std::size_t alignment) {
     return alignment == 0 ? pageSize : alignment;
 }
 
-/// The aligned range around the one that is asked for; `alignment` isn't 0.
+/// The aligned range around the requested one; `alignment` isn't 0.
 struct AlignedRange {
     AlignedRange(std::size_t alignment, std::uint64_t offset, std::size_t length)
         : first(offset / alignment * alignment),
@@ -28,11 +28,11 @@ struct AlignedRange {
           length(((skip + length - 1) / alignment + 1) * alignment) {}
 
     std::uint64_t first;
-    std::size_t skip; ///< from `first` to what is asked for
+    std::size_t skip; ///< bytes from `first` to the requested range
     std::size_t length;
 };
 
-/// Fills `buffer` with the range, as far as the device goes. Returns 0, or -1.
+/// Fills `buffer` with the range, up to the device's end. Returns 0, or -1.
 int readRange(info::Logger& logger, IVolumeReader& reader, const AlignedRange& range, void* buffer,
               std::size_t& arrived) {
     const auto first = static_cast<std::int64_t>(range.first);
@@ -47,8 +47,8 @@ int readRange(info::Logger& logger, IVolumeReader& reader, const AlignedRange& r
     return 0;
 }
 
-/// Whether the device can deliver straight into the buffer.
-bool suits(const AlignedRange& range, std::size_t alignment, std::size_t length, void* buffer) {
+/// Whether the device can read directly into the buffer.
+bool canReadDirectly(const AlignedRange& range, std::size_t alignment, std::size_t length, void* buffer) {
     void* aligned = buffer;
     std::size_t space = length;
     return range.skip == 0 && range.length == length && std::has_single_bit(alignment) &&
@@ -59,7 +59,7 @@ bool suits(const AlignedRange& range, std::size_t alignment, std::size_t length,
 
 int FSUtil::readChunk(info::Logger& logger, IVolumeReader& reader, std::size_t alignment,
                       std::uint64_t offset, void* buffer, std::size_t length, std::size_t& bytesRead) {
-    alignment = known(alignment);
+    alignment = alignmentOrPage(alignment);
     const AlignedRange range(alignment, offset, length);
     bytesRead = 0;
     AlignedBuffer aligned = createLoggedBuffer(range.length, alignment, logger);
@@ -79,10 +79,10 @@ bool FSUtil::readExactly(info::Logger& logger, IVolumeReader& reader, std::size_
 
 std::int64_t FSUtil::readAvailable(info::Logger& logger, IVolumeReader& reader, std::size_t alignment,
                                    std::uint64_t offset, void* buffer, std::size_t length) {
-    alignment = known(alignment);
+    alignment = alignmentOrPage(alignment);
     const AlignedRange range(alignment, offset, length);
     std::size_t arrived = 0;
-    if (suits(range, alignment, length, buffer)) {
+    if (canReadDirectly(range, alignment, length, buffer)) {
         const bool isRead = readRange(logger, reader, range, buffer, arrived) == 0;
         return isRead ? static_cast<std::int64_t>(arrived) : -1;
     }
@@ -98,14 +98,14 @@ std::int64_t FSUtil::readAvailable(info::Logger& logger, IVolumeReader& reader, 
 int FSUtil::readFully(IVolumeReader& reader, void* buffer, std::size_t length, std::size_t& bytesRead) {
     auto* position = static_cast<std::byte*>(buffer);
     while (length > 0) {
-        const std::size_t wanted = std::min(length, longestRead);
-        const std::int64_t count = reader.read(position, wanted);
+        const std::size_t part = std::min(length, maxReadBytes);
+        const std::int64_t count = reader.read(position, part);
         if (count < 0) {
             return -1;
         }
         bytesRead += static_cast<std::size_t>(count);
-        position += wanted;
-        length -= wanted;
+        position += part;
+        length -= part;
     }
     return 0;
 }

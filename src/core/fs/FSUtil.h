@@ -8,27 +8,31 @@
 
 namespace agent::core::fs {
 
-/// Reads any range of bytes from a device that is opened for direct I/O, which takes aligned ranges only.
-/// A range that reaches beyond the device's end is a success that delivers less; `bytesRead` tells.
+/// Reads any range of bytes from a device that is open for direct I/O, which accepts aligned ranges only. A
+/// range past the device's end succeeds with fewer bytes, as `bytesRead` says.
+/// Owns:    nothing.
+/// Threads: one at a time for each reader, whose position the functions move.
+/// Fails:   by return value; a failed read is logged, except by `readFully`.
 class FSUtil {
 public:
-    /// Returns 0, or -1 if the device can't be read. `alignment` is the device's, 0 if it isn't
-    /// known. Throws std::bad_alloc: bound a length that comes from the volume first.
+    /// Returns 0, or -1 if the device can't be read. `alignment` is the device's sector size, 0 if it isn't
+    /// known. Throws std::bad_alloc, so check a length that comes from the volume first.
     static int readChunk(info::Logger& logger, IVolumeReader& reader, std::size_t alignment,
                          std::uint64_t offset, void* buffer, std::size_t length, std::size_t& bytesRead);
 
-    /// As readChunk, but true only if all of the range has arrived, which `bytesRead` can't tell where the
-    /// device ends within an unaligned range. For lengths that one call to the reader can deliver; without a
-    /// copy where buffer, offset and length are aligned.
+    /// Like readChunk, but returns true only if the whole range was read. (The `bytesRead` of readChunk
+    /// doesn't show that if the device ends within an unaligned range.) `length` must be small enough for one
+    /// read. Doesn't copy if buffer, offset and length are aligned.
     static bool readExactly(info::Logger& logger, IVolumeReader& reader, std::size_t alignment,
                             std::uint64_t offset, void* buffer, std::size_t length);
 
-    /// As readExactly, but tells how many bytes of the range have arrived; -1 if the device can't be read.
+    /// Like readExactly, but returns the number of bytes read; -1 if the device can't be read.
     static std::int64_t readAvailable(info::Logger& logger, IVolumeReader& reader, std::size_t alignment,
                                       std::uint64_t offset, void* buffer, std::size_t length);
 
-    /// Reads from the reader's position on, at most 4 MiB in one call. Returns 0, or -1 at the first failure,
-    /// and adds what has arrived to `bytesRead`. What a short read has left out stays as it was.
+    /// Reads from the reader's position on, at most 4 MiB per call. Returns 0, or -1 at the first failure,
+    /// and adds the number of bytes read to `bytesRead`. After a short read, the missing part of the buffer
+    /// is left unchanged.
     static int readFully(IVolumeReader& reader, void* buffer, std::size_t length, std::size_t& bytesRead);
 };
 

@@ -21,19 +21,18 @@ std::string nameOf(const FeatureWord& word, std::uint32_t bit) {
            (feature != word.known.end() ? std::string(feature->name) : numberOf(bit));
 }
 
-bool isStrange(const FeatureWord& word, std::uint32_t bit) {
-    return std::ranges::none_of(word.known, [bit](const Feature& feature) {
-        return feature.bit == bit && feature.leavesTheMapAlone;
-    });
+bool isUnsupported(const FeatureWord& word, std::uint32_t bit) {
+    return std::ranges::none_of(
+        word.known, [bit](const Feature& feature) { return feature.bit == bit && feature.keepsMapValid; });
 }
 
 } // namespace
 
-std::string strangeFeatures(std::initializer_list<FeatureWord> words) {
+std::string unsupportedFeatures(std::initializer_list<FeatureWord> words) {
     std::string names;
     for (const FeatureWord& word : words) {
         for (std::uint32_t bit = 1; bit != 0; bit <<= 1U) {
-            if ((word.bits & bit) != 0 && isStrange(word, bit)) {
+            if ((word.bits & bit) != 0 && isUnsupported(word, bit)) {
                 names += (names.empty() ? "" : ", ") + nameOf(word, bit);
             }
         }

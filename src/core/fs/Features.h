@@ -8,22 +8,22 @@
 
 namespace agent::core::fs {
 
-/// A bit by which a file system says that its structures are not those that every reader knows.
+/// A bit in a superblock that shows that the file system uses structures that not every reader knows.
 struct Feature {
     std::uint32_t bit;
     std::string_view name;
-    bool leavesTheMapAlone; ///< what is read of used and free blocks means the same with it
+    bool keepsMapValid; ///< whether the map of used blocks means the same with this feature
 };
 
-/// A word of them in a super block.
+/// A word of feature bits in a superblock.
 struct FeatureWord {
     std::uint32_t bits;
     std::span<const Feature> known;
     std::string_view kind;
 };
 
-/// The features that are set and known to change the map, or not known at all: the kind and the name of
-/// each, or its number, with commas between them. Empty if there are none.
-std::string strangeFeatures(std::initializer_list<FeatureWord> words);
+/// The features that are set and change the map or are unknown: the kind of each and its name or number,
+/// separated by commas. Empty if there are none.
+std::string unsupportedFeatures(std::initializer_list<FeatureWord> words);
 
 } // namespace agent::core::fs

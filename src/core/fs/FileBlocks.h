@@ -13,8 +13,8 @@ struct FileBlocks {
         bool operator==(const Run&) const = default;
     };
 
-    std::uint32_t blockSize = 0; ///< bytes
-    std::vector<Run> runs;       ///< in the order of the file, without its holes
+    std::uint32_t blockSize = 0; ///< in bytes
+    std::vector<Run> runs;       ///< in file order, without holes
 };
 
 } // namespace agent::core::fs

@@ -11,7 +11,7 @@
 
 namespace agent::core::fs {
 
-/// A kind of file system: a row of the table in FileSystemKinds.h, which stands beside the code of the kind.
+/// A kind of file system: an entry of fileSystemKinds(). Each is defined in the folder of its kind.
 struct FileSystemKind {
     using MakeParser = std::unique_ptr<IFileSystemParser> (*)(info::Logger&, IVolumeReader&,
                                                               std::uint32_t sectorSize);
@@ -21,15 +21,15 @@ struct FileSystemKind {
     using FindFile = FileBlocks (*)(info::Logger&, IVolumeReader&, std::uint32_t sectorSize,
                                     const std::string& path);
 
-    const char* name = nullptr;         ///< that of its folder
-    const char* volumes = nullptr;      ///< which volumes are meant, for people
-    const char* announcement = nullptr; ///< the debug line once a volume is recognised
-    MakeParser makeParser = nullptr;    ///< a parser that has read nothing yet; the reader must outlive it
-    /// Why a volume isn't recognised though it may seem to be one of these, for people; empty where it
-    /// doesn't seem so. Null where no volume does.
+    const char* name = nullptr;         ///< the name of its folder
+    const char* volumes = nullptr;      ///< a description of its volumes, for people
+    const char* announcement = nullptr; ///< the debug line after a volume is recognised
+    MakeParser makeParser = nullptr;    ///< creates a parser, nothing read yet; the reader must outlive it
+    /// Explains, for people, why a volume isn't recognised though it looks like this kind; empty if it
+    /// doesn't. Null if this kind has no such volumes.
     FindNearMiss findNearMiss = nullptr;
-    /// Where a file lies on a volume of this kind, by its path as the kind writes one. Throws
-    /// std::runtime_error if that can't be told. Null where files can't be looked for.
+    /// Finds the blocks of a file by its path, in the kind's own syntax. Throws std::runtime_error on
+    /// failure. Null if this kind can't look up files.
     FindFile findFile = nullptr;
 };
 

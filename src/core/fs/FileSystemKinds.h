@@ -6,7 +6,7 @@
 
 namespace agent::core::fs {
 
-/// The kinds of file systems whose used blocks can be read, in the order in which a volume is tried for them.
+/// The kinds of file systems whose used blocks can be read, in the order in which they are tried on a volume.
 std::span<const FileSystemKind> fileSystemKinds();
 
 } // namespace agent::core::fs

@@ -8,14 +8,14 @@
 
 namespace agent::core::fs {
 
-/// What the parsers of all kinds have in common around what each does by itself: a map that can't be read
-/// gives one more line.
-/// Owns:    what does the work.
+/// The common base of the parsers of all kinds. Forwards all calls to the kind's implementation, and logs an
+/// error if the map can't be read.
+/// Owns:    the implementation; logger and reader must outlive it.
 /// Threads: one at a time; moves the reader's position.
-/// Fails:   a negative result, after a line in the log; the caller then takes every block as used.
+/// Fails:   by a negative result, after a log line; the caller then treats every block as used.
 class FileSystemParser : public IFileSystemParser {
 public:
-    /// `failure` is that line, up to the number that is the result.
+    /// `failure` is the text of the error's log line; the negative result is appended to it.
     FileSystemParser(info::Logger& logger, std::string failure, std::unique_ptr<IFileSystemParser> impl);
     FileSystemParser(const FileSystemParser&) = delete;
     FileSystemParser& operator=(const FileSystemParser&) = delete;

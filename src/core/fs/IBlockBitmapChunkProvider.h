@@ -5,14 +5,14 @@
 
 namespace agent::core::fs {
 
-/// A map with one element for each block of a volume, handed out in pieces that fit a buffer. Which pieces
-/// are asked for, and in which order, makes no difference: the map is the same.
-/// Owns:    see the implementations.
+/// A map with one element for each block of a volume, handed out in pieces that fit a buffer. The pieces may
+/// be requested in any order; the map stays the same.
+/// Owns:    what it has read from the volume or the map's file; a reader passed to it must outlive it.
 /// Threads: one at a time.
-/// Fails:   by a negative result, after a log line: an unreadable map makes a backup larger, never wrong. By
-///          std::runtime_error where a kind of file system says so. What can't be read, or isn't there, is a
-///          failure and never a different map. A failure isn't the end of the provider: asked again, it has
-///          the right map or fails again.
+/// Fails:   by a negative result, after a log line: an unreadable map makes a backup larger, never wrong.
+///          Some file-system parsers also throw std::runtime_error and say so. An unreadable or missing part
+///          of a map is a failure, never a wrong map. The provider stays usable after a failure: the next
+///          call returns the right map or fails again.
 class IBlockBitmapChunkProvider {
 public:
     IBlockBitmapChunkProvider() = default;
@@ -22,17 +22,17 @@ public:
     IBlockBitmapChunkProvider& operator=(IBlockBitmapChunkProvider&&) = delete;
     virtual ~IBlockBitmapChunkProvider() = default;
 
-    /// Fills `buffer` from the element `startBlock` on, and writes nowhere else. Returns how many elements it
-    /// now holds: one at least, 0 if there are none from there on, or a negative number. Elements behind the
-    /// last one may be among them, as used ones. What the buffer has behind them, or after a failure, means
-    /// nothing. A buffer that holds the whole map is filled from element 0 on; another start, or a smaller
-    /// buffer, may be refused.
+    /// Fills `buffer` with elements, starting with the element `startBlock`, and returns how many `buffer`
+    /// holds now: at least one, 0 if none are left from `startBlock` on, or a negative number on failure. The
+    /// count may include elements past the end of the map, which are marked as used. The rest of the buffer,
+    /// and all of it after a failure, is undefined. Every provider can fill a buffer that holds the whole
+    /// map, from element 0; it may refuse another start or a smaller buffer.
     virtual std::int64_t getBitmapChunk(std::uint64_t startBlock, std::uint8_t* buffer,
                                         std::size_t bufferBytes) = 0;
-    /// Whether the first block of a byte is its most significant bit. Stays the same.
+    /// Whether the first block of a byte is its most significant bit. Never changes.
     [[nodiscard]] virtual bool isBitmapMsbFirst() const { return false; }
-    /// Bytes of the volume that an element stands for, as the map itself tells; 0 if it doesn't. Stays the
-    /// same, too.
+    /// How many bytes of the volume one element stands for, according to the map's own metadata; 0 if it has
+    /// none. Never changes.
     [[nodiscard]] virtual std::uint32_t getBlockSize() const { return 0; }
 };
 

@@ -5,11 +5,11 @@
 
 namespace agent::core::fs {
 
-/// Knows one kind of file system: tells whether a volume holds it, and then which blocks are used. Before it
-/// has recognised the volume it has no map.
-/// Owns:    what it has read of the super block; the reader must outlive it.
+/// The parser of one kind of file system: recognises it on a volume, and then reads which blocks are used. It
+/// has no map before `recognize` has returned true.
+/// Owns:    what it has read of the superblock; the reader must outlive it.
 /// Threads: one at a time; moves the reader's position.
-/// Fails:   as both interfaces say.
+/// Fails:   `recognize` returns false, `getBitmapChunk` a negative number; both log why.
 class IFileSystemParser : public IBlockBitmapChunkProvider, public IFileSystemRecognizer {};
 
 } // namespace agent::core::fs

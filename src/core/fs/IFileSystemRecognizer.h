@@ -2,10 +2,10 @@
 
 namespace agent::core::fs {
 
-/// Tells whether a volume holds one kind of file system.
-/// Owns:    see the implementations.
+/// Checks whether a volume holds one kind of file system.
+/// Owns:    what it has read of the superblock; the reader must outlive it.
 /// Threads: one at a time; moves the reader's position.
-/// Fails:   a volume that can't be read is not recognised; the log says why.
+/// Fails:   `recognize` returns false for a volume that can't be read; the log says why.
 class IFileSystemRecognizer {
 public:
     IFileSystemRecognizer() = default;
@@ -15,9 +15,9 @@ public:
     IFileSystemRecognizer& operator=(IFileSystemRecognizer&&) = delete;
     virtual ~IFileSystemRecognizer() = default;
 
-    /// Reads the volume. After true the object knows the file system and is ready for use. A volume of
-    /// another kind is not recognised; one of this kind is, even where no map may be made of it. May be asked
-    /// again, after a failure as well.
+    /// Reads the volume and returns whether it holds this kind of file system. After true the object is ready
+    /// for use. A volume of this kind is recognised even if no block map can be built for it. May be called
+    /// again, also after a failure.
     virtual bool recognize() = 0;
 };
 

@@ -5,9 +5,9 @@
 
 namespace agent::core {
 
-/// A volume's bytes behind a file position, as the file-system parsers need them.
-/// Owns:    the descriptor, if it is open.
-/// Threads: one at a time; the position is shared by everybody who reads.
+/// Reads a volume's bytes at a file position, as the file-system parsers need.
+/// Owns:    the file descriptor, if it is open.
+/// Threads: one at a time; all users of the object share its position.
 /// Fails:   by return value, after a log line.
 class IVolumeReader {
 public:
@@ -18,10 +18,10 @@ public:
     IVolumeReader& operator=(IVolumeReader&&) = delete;
     virtual ~IVolumeReader() = default;
 
-    /// Reads at the position, at most `length` bytes in one call to the system; returns the count, which is
-    /// less at the end of the device, or -1.
+    /// Reads at most `length` bytes at the position in one system call. Returns the number of bytes, which is
+    /// smaller at the end of the device, or -1.
     virtual std::int64_t read(void* buffer, std::size_t length) = 0;
-    /// Moves the position by the rules of lseek(2); returns the new one in bytes, or -1.
+    /// Moves the position like lseek(2); returns the new position in bytes, or -1.
     virtual std::int64_t seek(std::int64_t offset, int whence) = 0;
 };
 

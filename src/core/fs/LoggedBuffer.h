@@ -7,7 +7,8 @@
 
 namespace agent::core::fs {
 
-/// A buffer for direct I/O. Failure is std::bad_alloc, after a debug line that names the caller's place.
+/// Creates a buffer for direct I/O. Throws std::bad_alloc after a debug line that names the caller's file and
+/// line.
 inline AlignedBuffer createLoggedBuffer(std::size_t size, std::size_t alignment, info::Logger& logger,
                                         int line = __builtin_LINE(), const char* file = __builtin_FILE()) {
     try {

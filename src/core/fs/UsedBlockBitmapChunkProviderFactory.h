@@ -10,10 +10,10 @@
 
 namespace agent::core::fs {
 
-/// Finds the parser for whatever file system a volume holds.
-/// Owns:    nothing; the reader must outlive the parsers that are made.
+/// Finds the parser for a volume's file system.
+/// Owns:    nothing; the reader must outlive the parsers.
 /// Threads: one at a time; moves the reader's position.
-/// Fails:   null if no parser knows the file system.
+/// Fails:   `create` returns null if no parser recognises the file system.
 class UsedBlockBitmapChunkProviderFactory {
 public:
     UsedBlockBitmapChunkProviderFactory(info::Logger& logger, std::uint32_t sectorSize,
@@ -24,8 +24,8 @@ public:
 
     /// A parser of the volume's used blocks, ready for use.
     virtual std::unique_ptr<IBlockBitmapChunkProvider> create();
-    /// Of a volume that no parser knows: what it may seem to be, and why it isn't that. Empty if there is
-    /// nothing to say.
+    /// For a volume that no parser recognises: which file system it looks like, and why it isn't recognised.
+    /// Empty if it looks like none.
     std::string nearMiss();
 
 private:

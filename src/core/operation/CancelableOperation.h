@@ -7,11 +7,12 @@
 
 namespace agent::core {
 
-/// See ICancelableOperation. Each check first calls a poll function, if there is one, which may itself
-/// cancel.
+/// See ICancelableOperation. Each check first calls the poll function, if there is one; that function may
+/// call `cancel`.
 class CancelableOperation : public ICancelableOperation {
 public:
-    /// The one thrown type that is no std::exception, so that a handler for those can't swallow a cancel.
+    /// Thrown to cancel. It isn't a std::exception, so that handlers of std::exception can't swallow a
+    /// cancel.
     class cancel_op {};
 
     explicit CancelableOperation(std::function<void()> poll = {});

@@ -2,9 +2,9 @@
 
 namespace agent::core {
 
-/// The question whether a running operation may go on, asked at fixed points by the thread that runs it.
+/// A cancellation check, which a running operation makes at fixed points.
 /// Owns:    nothing.
-/// Threads: one, the thread of the operation.
+/// Threads: only the thread that runs the operation.
 /// Fails:   `check` throws CancelableOperation::cancel_op when the operation must stop.
 class ICancel {
 public:

@@ -5,10 +5,10 @@
 namespace agent::core {
 
 /// One step of a backup.
-/// Owns:    what it was constructed with, by value; what it refers to outlives it.
+/// Owns:    the constructor's value arguments; whatever was passed by reference must outlive it.
 /// Threads: the thread of its backup.
-/// Fails:   by exception, which ends the run of the phases; a CancelableOperation::cancel_op passes through
-/// it.
+/// Fails:   by exception, which ends the run of the phases; CancelableOperation::cancel_op passes through
+///          `execute`.
 class IPhase {
 public:
     virtual ~IPhase() = default;

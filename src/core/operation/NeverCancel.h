@@ -4,7 +4,7 @@
 
 namespace agent::core {
 
-/// For what must always run to its end, whatever happens to the backup around it.
+/// For work that must always run to its end, even if its backup is cancelled.
 class NeverCancel : public ICancel {
 public:
     void check() override {}

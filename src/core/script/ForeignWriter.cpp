@@ -14,8 +14,8 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr mode_t permissions = 07777;
-/// As many as the kernel follows.
-constexpr int mostLinks = 40;
+/// The kernel's limit.
+constexpr int maxLinks = 40;
 
 std::string describe(const fs::path& place, const struct ::stat& found) {
     std::array<char, 8> mode{};
@@ -24,10 +24,11 @@ std::string describe(const fs::path& place, const struct ::stat& found) {
            ")";
 }
 
-/// One way through the directories, step by step, as the kernel goes it.
-class Way {
+/// Resolves a path component by component, like the kernel.
+class PathResolver {
 public:
-    /// Goes from `place`, which has been looked at, along `rest`.
+    /// Resolves `rest` from `place`, which has been checked. Returns what others can write to, or an empty
+    /// text.
     std::string follow(fs::path place, fs::path rest) {
         while (!rest.empty()) {
             const fs::path step = *rest.begin();
@@ -45,7 +46,7 @@ public:
                 return {};
             }
             if (S_ISLNK(found.st_mode)) {
-                if (++links > mostLinks) {
+                if (++links > maxLinks) {
                     return "\"" + next.string() + "\" (too many links)";
                 }
                 const fs::path target = readLink(next);
@@ -87,10 +88,10 @@ std::string findForeignWriter(const std::string& path) {
     const fs::path whole = fs::absolute(path);
     const fs::path root = whole.root_path();
     struct ::stat found{};
-    if (::lstat(root.c_str(), &found) == 0 && Way::isForeign(found)) {
+    if (::lstat(root.c_str(), &found) == 0 && PathResolver::isForeign(found)) {
         return describe(root, found);
     }
-    return Way().follow(root, whole.relative_path());
+    return PathResolver().follow(root, whole.relative_path());
 }
 
 } // namespace agent::core::script

@@ -4,11 +4,12 @@
 
 namespace agent::core::script {
 
-/// Looks for somebody other than root who could decide what a file holds: who owns, or may write, the file
-/// itself, a directory on the way to it, or a directory on the way to where a link leads. A directory that
-/// everybody may write counts, whether or not it keeps people from each other's files.
+/// Checks whether users other than root could decide the content of a file: whether they own, or may write
+/// to, the file itself, a directory on its path, or a directory on the path of a link's target. A directory
+/// that everybody may write to counts even if it is sticky.
 ///
-/// Returns what is open to others, and how; an empty text if nothing is, or if there is no such file.
+/// Returns the first of these paths that others can write to, with its owner and mode. Returns an empty text
+/// if there is none, or if the file doesn't exist.
 std::string findForeignWriter(const std::string& path);
 
 } // namespace agent::core::script

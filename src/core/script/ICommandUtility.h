@@ -15,8 +15,9 @@ class ICommandUtility {
 public:
     virtual ~ICommandUtility() = default;
 
-    /// Runs `command` in a shell, in `directory` or, if that is empty, where the agent runs. A command that
-    /// still runs when its stream is destroyed is killed if `killOnDestroy`, else waited for.
+    /// Runs `command` in a shell. The working directory is `directory`, or the agent's own if that is empty.
+    /// If the command still runs when its stream is destroyed, it is killed if `killOnDestroy` is set, and
+    /// waited for otherwise.
     virtual std::unique_ptr<ICommandStream>
     createCommandStream(const std::string& command, const std::string& directory, bool killOnDestroy) = 0;
 };

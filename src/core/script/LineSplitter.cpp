@@ -22,7 +22,7 @@ void LineSplitter::add(std::string_view piece, const LineFunction& lineEnded) {
 void LineSplitter::keep(std::string_view part) {
     if (!part.empty()) {
         afterBackslash = part.back() == '\\';
-        pending.append(part.substr(0, longestLine - pending.size()));
+        pending.append(part.substr(0, maxLineBytes - pending.size()));
     }
 }
 

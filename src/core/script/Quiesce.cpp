@@ -19,8 +19,8 @@ namespace {
 using std::chrono::steady_clock;
 
 constexpr std::int64_t microsecondsPerSecond = 1'000'000;
-/// How far a run may exceed its time-out through what happens between the waits for output. Wide enough that
-/// it never decides about a script that leaves the agent time to wait.
+/// How far a run may exceed its time-out through the work between the waits for output. Long enough that only
+/// a script that prints without pause can reach it.
 constexpr std::chrono::seconds overrun(1);
 
 bool isDirectory(const std::string& path) {
@@ -28,7 +28,7 @@ bool isDirectory(const std::string& path) {
     return ::stat(path.c_str(), &found) == 0 && S_ISDIR(found.st_mode);
 }
 
-/// A link counts as what it leads to: one to a directory or to nothing is no script.
+/// Follows links: a link to a directory, or a dangling link, is no script.
 bool isScript(const std::string& path) {
     struct ::stat found{};
     return ::stat(path.c_str(), &found) == 0 && !S_ISDIR(found.st_mode);
@@ -38,26 +38,26 @@ std::string locate(const std::string& script) {
     return script.find('/') == std::string::npos ? (dir::base() / "pps" / script).str() : script;
 }
 
-/// Neither the shell nor a file system sees what stands behind a NUL, so such a name means one thing where it
-/// is looked at and another where it is run.
+/// The shell and the file system ignore everything after a NUL byte, so a name with a NUL could pass the
+/// checks as one file and run as another.
 void checkName(const std::string& script) {
     if (const std::size_t nul = script.find('\0'); nul != std::string::npos) {
-        throw info::Reasoned<std::runtime_error>(info::reason("script-refused"),
-                                                 "Quiesce script \"" + script.substr(0, nul) +
-                                                     "\" refused: its name goes on behind a NUL byte");
+        throw info::WithReason<std::runtime_error>(info::reason("script-refused"),
+                                                   "Quiesce script \"" + script.substr(0, nul) +
+                                                       "\" refused: its name goes on behind a NUL byte");
     }
 }
 
-/// Scripts run as root, so whoever can change one is root.
+/// Scripts run as root, so anybody who can change a script gets root's rights.
 void checkWriters(const std::string& path) {
     if (const std::string open = findForeignWriter(path); !open.empty()) {
-        throw info::Reasoned<std::runtime_error>(info::reason("script-refused"),
-                                                 "Quiesce script \"" + path +
-                                                     "\" refused: others than root can write " + open);
+        throw info::WithReason<std::runtime_error>(info::reason("script-refused"),
+                                                   "Quiesce script \"" + path +
+                                                       "\" refused: others than root can write " + open);
     }
 }
 
-/// Lowers `remaining` to what is left until `end`. False if that is nothing.
+/// Limits `remaining` to the time left until `end`. False if no time is left.
 bool limit(std::int64_t& remaining, steady_clock::time_point end) {
     const auto left = std::chrono::duration_cast<std::chrono::microseconds>(end - steady_clock::now());
     remaining = std::min(remaining, left.count());
@@ -87,9 +87,9 @@ void Quiesce::runScript(const std::string& script, std::uint32_t timeoutSeconds,
     checkName(script);
     const std::string path = locate(script);
     if (!file::exists(path)) {
-        throw info::Reasoned<std::runtime_error>(info::reason("script-missing"),
-                                                 "Quiesce script \"" + path +
-                                                     "\" not found; it may have been moved or deleted");
+        throw info::WithReason<std::runtime_error>(info::reason("script-missing"),
+                                                   "Quiesce script \"" + path +
+                                                       "\" not found; it may have been moved or deleted");
     }
     checkWriters(path);
     const std::string mode = isPre ? "PRE" : "POST";
@@ -104,8 +104,8 @@ void Quiesce::runScript(const std::string& script, std::uint32_t timeoutSeconds,
 std::unique_ptr<ICommandStream> Quiesce::start(const std::string& commandLine) {
     std::unique_ptr<ICommandStream> stream;
     try {
-        // The script takes the place of the shell: it is then what a kill at the time-out meets, and its end
-        // of the pipe is the only one. Not every shell does so by itself.
+        // With exec the script replaces the shell, so that a kill at the time-out hits the script itself, and
+        // no shell holds the pipe open. Not every shell replaces itself without `exec`.
         stream = commandUtility.createCommandStream("exec " + commandLine, "", true);
     } catch (const std::exception& error) {
         logger.log(info::level::error, "%s", error.what());
@@ -114,7 +114,7 @@ std::unique_ptr<ICommandStream> Quiesce::start(const std::string& commandLine) {
         const std::string message =
             "Failed to construct command execution stream, command \"" + commandLine + "\" failed";
         logger.log(info::level::error, info::reason("script-not-started"), "%s", message.c_str());
-        throw info::Reasoned<std::logic_error>(info::reason("script-not-started"), message);
+        throw info::WithReason<std::logic_error>(info::reason("script-not-started"), message);
     }
     return stream;
 }
@@ -122,7 +122,7 @@ std::unique_ptr<ICommandStream> Quiesce::start(const std::string& commandLine) {
 void Quiesce::logOutput(const std::string& path, ICommandStream& stream, std::uint32_t timeoutSeconds) {
     std::int64_t remaining = timeoutSeconds * microsecondsPerSecond;
     const auto end = steady_clock::now() + std::chrono::seconds(timeoutSeconds) + overrun;
-    // What has arrived by the end of the time may be more lines than can be logged in a multiple of it.
+    // Logging all lines that have arrived by then could take several times the time-out.
     const auto logLine = [&](const std::string& line) {
         if (steady_clock::now() < end) {
             logger.log(info::level::info, "%s: %s", path.c_str(), line.c_str());

@@ -10,18 +10,20 @@ namespace agent::core::script {
 
 /// Finds the quiesce scripts and runs one, with its output in the log.
 /// Owns:    nothing; logger and command utility must outlive it.
-/// Threads: as IQuiesce; see UnixCommandStream for why one script at a time.
-/// Fails:   `runScript` with std::runtime_error if there is no such script, or one that somebody other than
-///          root could have written; std::logic_error if it couldn't be started; PosixError if its output
-///          can't be read; `getScripts` with PosixError if the directory can't be read. In every case the
-///          script has been killed and reaped.
+/// Threads: one caller of `runScript` at a time, because UnixCommandStream changes the process's SIGCHLD
+///          action; `getScripts` from any.
+/// Fails:   `runScript` throws std::runtime_error if there is no such script, or if users other than root
+///          could have written it; std::logic_error if it can't be started; PosixError if its output can't be
+///          read. In every case the script has been killed and reaped. `getScripts` throws PosixError if the
+///          directory can't be read.
 ///
-/// The time-out covers the waits for output. Since a script could spend its time outside of those, by
-/// printing without pause, a second after the time-out the run ends in any case, and what it has printed but
-/// is not in the log yet is left out.
+/// The time-out covers the waits for output. A script that prints without pause spends its time outside these
+/// waits. So the run always ends one second after the time-out, and output that hasn't been logged by then is
+/// dropped.
 ///
-/// The path and the mode go through the shell as they stand, so a name with blanks or the shell's special
-/// characters doesn't name its file. A line is logged up to its first NUL byte, and its first 64 KiB only.
+/// The path and the mode are passed to the shell unquoted, so a script whose name has blanks or special
+/// characters of the shell can't be run. Only the first 64 KiB of each line are logged, and only up to the
+/// first NUL byte.
 class Quiesce : public IQuiesce {
 public:
     Quiesce(info::Logger& logger, ICommandUtility& commandUtility);

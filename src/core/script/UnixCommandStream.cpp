@@ -25,12 +25,12 @@ namespace {
 using std::chrono::steady_clock;
 
 constexpr std::size_t readStep = 256;
-/// What one call hands out at most, so that a child that prints without pause costs neither memory without
-/// bound nor the caller's time-out.
-constexpr std::size_t largestRead = std::size_t{1024} * 1024;
+/// Limits one call of readAvailable, so that a child that prints without pause can't exhaust the memory or
+/// outlast the caller's time-out.
+constexpr std::size_t maxReadBytes = std::size_t{1024} * 1024;
 constexpr int nanosecondsPerMicrosecond = 1'000;
 
-/// What SIGCHLD did before it was given its default action.
+/// The action of SIGCHLD before it was set to the default.
 struct ChldAction {
     struct ::sigaction previous{};
     bool replaced = false;
@@ -42,8 +42,8 @@ struct ChldAction {
 };
 using ChldHandle = std::shared_ptr<ChldAction>;
 
-/// Gives SIGCHLD its default action until the handle goes: a child that ends stays to be waited for, and no
-/// handler of the agent's interrupts a call.
+/// Sets SIGCHLD to its default action until the handle is destroyed. A child that ends then stays a zombie
+/// until it is waited for, and no handler of the agent interrupts a system call.
 ChldHandle restartChld(bool throwOnFailure) {
     ChldHandle handle(std::make_unique<ChldAction>().release(), [](ChldAction* action) noexcept {
         const std::unique_ptr<ChldAction> owner(action);
@@ -62,8 +62,9 @@ ChldHandle restartChld(bool throwOnFailure) {
     return handle;
 }
 
-/// Runs `operation` under the guard. Putting the action back is done here and not left to the handle, from
-/// whose deleter no failure could be thrown; after an exception it is, because the first failure counts.
+/// Runs `operation` while SIGCHLD has its default action. Restores the previous action here and not in the
+/// handle's deleter, which couldn't throw if that fails. After an exception the deleter restores it, because
+/// the first failure counts.
 template <typename Operation>
 auto guarded(Operation operation) {
     const ChldHandle guard = restartChld(true);
@@ -74,8 +75,8 @@ auto guarded(Operation operation) {
     return result;
 }
 
-/// Blocks every signal of this thread. Without it, a signal that meets the new child before it is the shell
-/// would run a handler of the agent's there, on memory and descriptors that mirror the agent's.
+/// Blocks all signals of this thread during the fork. Otherwise a signal that reaches the child before its
+/// exec would run a handler of the agent there, on copies of the agent's memory and descriptors.
 class SignalsBlocked {
 public:
     SignalsBlocked() noexcept {
@@ -91,8 +92,8 @@ private:
     sigset_t previous{};
 };
 
-/// Moves a descriptor out of the way of the standard ones, which the child puts the pipe in place of. A new
-/// descriptor is one of them only if the agent was started with some of them closed.
+/// Moves a descriptor above the standard ones, which the child replaces with the pipe. A new descriptor only
+/// has a standard number if the agent was started with a standard descriptor closed.
 os::FileDescriptor aboveStandard(os::FileDescriptor descriptor) {
     if (descriptor.get() > STDERR_FILENO) {
         return descriptor;
@@ -114,10 +115,11 @@ std::pair<os::FileDescriptor, os::FileDescriptor> makePipe() {
     return {aboveStandard(std::move(readEnd)), aboveStandard(std::move(writeEnd))};
 }
 
-// The child. Other threads of the agent may have held any lock at the moment of the fork, so that everything
-// up to the exec has to be async-signal-safe: no allocation, no stdio, no exit handlers.
+// The following functions run in the child. Other threads of the agent may have held any lock at the time of
+// the fork, so everything before the exec must be async-signal-safe: no allocation, no stdio, no exit
+// handlers.
 
-/// Prints what perror would and ends the child.
+/// Prints what perror would print, and ends the child.
 [[noreturn]] void fail(const char* step) noexcept {
     const char* reason = ::strerrordesc_np(errno);
     os::writeAll(STDERR_FILENO, step);
@@ -127,14 +129,14 @@ std::pair<os::FileDescriptor, os::FileDescriptor> makePipe() {
     ::_exit(1);
 }
 
-/// A backup's thread blocks the termination signals and the process may ignore SIGPIPE and SIGCHLD; exec
-/// keeps both. A script would then not end with its pipe, and find its own children gone before it waits for
-/// them.
+/// A backup's thread blocks the termination signals, the process may ignore SIGPIPE and SIGCHLD, and exec
+/// keeps both. With that, a script wouldn't end when its pipe is closed, and couldn't wait for its own
+/// children.
 void restoreSignals() noexcept {
     struct ::sigaction standard{};
     standard.sa_handler = SIG_DFL;
     for (int signal = 1; signal < NSIG; ++signal) {
-        ::sigaction(signal, &standard, nullptr); // refused for the few that can't be changed
+        ::sigaction(signal, &standard, nullptr); // fails for the few signals that can't be changed
     }
     sigset_t none;
     sigemptyset(&none);
@@ -143,7 +145,7 @@ void restoreSignals() noexcept {
 
 [[noreturn]] void runShell(int readFd, int writeFd, const char* command, const char* directory) noexcept {
     restoreSignals();
-    // The copies that dup2 makes are not close-on-exec.
+    // dup2 makes copies that aren't close-on-exec.
     if (::dup2(writeFd, STDERR_FILENO) < 0) {
         fail("dup2 stderr");
     }
@@ -163,8 +165,8 @@ void restoreSignals() noexcept {
     fail("execl");
 }
 
-/// What select would answer about reading from this one descriptor. Its sets end at number 1,023, which an
-/// agent with many connections is past, so this asks poll.
+/// Waits like select(2) until the descriptor is readable. Uses ppoll, because select only takes descriptors
+/// up to 1,023, and an agent with many connections has larger ones.
 int selectReadable(int descriptor, std::int64_t microseconds) noexcept {
     ::pollfd asked{descriptor, POLLIN, 0};
     ::timespec timeout{};
@@ -208,7 +210,7 @@ UnixCommandStream::UnixCommandStream(const std::string& command, const std::stri
     writeFd.reset();
 }
 
-// Nothing but a want of memory for the guard could throw.
+// Only the allocation of the guard can throw.
 UnixCommandStream::~UnixCommandStream() { // NOLINT(bugprone-exception-escape)
     const ChldHandle guard = restartChld(false);
     if (!isChild()) {
@@ -254,9 +256,9 @@ bool UnixCommandStream::readChar(char* byte) {
     });
 }
 
-/// After a full step, whether to wait for the next one. A caller that has never set a time waits as long as
-/// it takes. A select that fails ends the reading; the next call will say why.
-bool UnixCommandStream::mayReadOn() const noexcept {
+/// Whether to read another step after a full one. Without an earlier `waitForOutput`, the next read may block
+/// without a time-out. If the poll fails, reading ends, and the next call reports the error.
+bool UnixCommandStream::canReadMore() const noexcept {
     if (!timeLeft) {
         return true;
     }
@@ -278,7 +280,8 @@ bool UnixCommandStream::readAvailable(std::string& out) {
                 return !out.empty();
             }
             out.append(step.data(), static_cast<std::size_t>(count));
-            if (static_cast<std::size_t>(count) < step.size() || out.size() >= largestRead || !mayReadOn()) {
+            if (static_cast<std::size_t>(count) < step.size() || out.size() >= maxReadBytes ||
+                !canReadMore()) {
                 return true;
             }
         }
@@ -299,9 +302,9 @@ int UnixCommandStream::wait() {
     });
 }
 
-/// Whether `pid` still names our child. Under the guard it then stays ours until it is waited for. A number
-/// that the kernel has freed may belong to anyone by now, and 0 would mean the agent's own process group:
-/// neither may be sent a signal.
+/// Whether `pid` is still this stream's child. While SIGCHLD has its default action, that stays so until the
+/// child is waited for. Otherwise the kernel may have given the number to another process, and 0 would mean
+/// the agent's own process group: neither may get a signal.
 bool UnixCommandStream::isChild() const noexcept {
     ::siginfo_t found{};
     return pid > 0 && ::waitid(P_PID, static_cast<id_t>(pid), &found, WEXITED | WNOHANG | WNOWAIT) == 0;
@@ -312,7 +315,7 @@ void UnixCommandStream::kill() {
         if (!isChild()) {
             throw PosixError("kill failed!", ESRCH);
         }
-        // Only the shell, or what it has replaced itself by; see the header.
+        // Kills only the shell, or the command that replaced it; see the header.
         if (::kill(pid, SIGKILL) != 0) {
             throw PosixError("kill failed!", errno);
         }

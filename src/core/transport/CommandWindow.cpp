@@ -9,8 +9,8 @@ void CommandWindow::shrink(std::uint32_t others) {
 }
 
 void CommandWindow::grow() {
-    constexpr std::uint32_t part = 8; // so that one refusal isn't felt for long, and few come of trying
-    commands = std::min(commands + commands / part + 1, most);
+    constexpr std::uint32_t part = 8; // recovers soon after a refusal, but causes few new ones
+    commands = std::min(commands + commands / part + 1, maxCommands);
 }
 
 } // namespace agent::core::iscsi

@@ -4,22 +4,25 @@
 
 namespace agent::core::iscsi {
 
-/// How many commands a target is given at a time. That is found out: as many as a large transfer has, until
-/// the target refuses one for want of room; then as many as it had, and with each transfer that it takes
-/// without a refusal some more, as the room may have been needed by others.
+/// How many commands are sent to a target at a time. The window begins at the largest size. When the target
+/// refuses a command because its queue is full, the window shrinks to the number of commands in the queue.
+/// Each transfer without a refusal lets the window grow again, because other initiators may have needed the
+/// queue.
+/// Owns:    nothing.
 /// Threads: one at a time.
+/// Fails:   never.
 class CommandWindow {
 public:
-    static constexpr std::uint32_t most = 64;
+    static constexpr std::uint32_t maxCommands = 64;
 
     [[nodiscard]] std::uint32_t size() const { return commands; }
-    /// A command was refused for want of room while the target had so many others.
+    /// To be called when the target has refused a command while it had `others` other commands.
     void shrink(std::uint32_t others);
-    /// A transfer has come through without a refusal.
+    /// To be called after a transfer without a refusal.
     void grow();
 
 private:
-    std::uint32_t commands = most;
+    std::uint32_t commands = maxCommands;
 };
 
 } // namespace agent::core::iscsi

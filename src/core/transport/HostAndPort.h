@@ -10,8 +10,9 @@ struct HostAndPort {
     std::uint16_t port = 0;
 };
 
-/// Takes "host:port" apart. A port beyond 16 bits loses its upper ones. Throws std::invalid_argument for
-/// another form and for a port that begins with no number, std::out_of_range for one that fits no int.
+/// Splits "host:port". A port of more than 16 bits loses its upper bits. Throws std::invalid_argument for
+/// another form, or if the port doesn't begin with a number, and std::out_of_range if the port doesn't fit in
+/// an int.
 HostAndPort splitHostAndPort(const std::string& address);
 
 } // namespace agent::core

@@ -18,7 +18,7 @@ std::string errorOf(const Context& context) {
     while (text.ends_with('\n')) {
         text.pop_back();
     }
-    return printable(text); // parts of it are the target's
+    return printable(text); // parts of the text come from the target
 }
 
 bool isGood(const Task& task) noexcept {

@@ -6,7 +6,7 @@
 struct iscsi_context;
 struct scsi_task; // NOLINT(readability-identifier-naming): the name of the library
 
-/// Owners of what libiscsi hands out. An empty one stands for a call that has failed.
+/// The RAII owners of libiscsi's objects are Context and Task. An empty owner means that the call failed.
 namespace agent::core::iscsi {
 
 struct DestroyContext {
@@ -20,10 +20,10 @@ struct FreeTask {
 using Context = std::unique_ptr<iscsi_context, DestroyContext>;
 using Task = std::unique_ptr<scsi_task, FreeTask>;
 
-/// Why the last call has failed. Some of the library's texts end with a newline, which is left out.
+/// Why the last call failed. Removes the newline at the end of some of the library's texts.
 std::string errorOf(const Context& context);
 
-/// Whether the target has done what it was asked.
+/// Whether the target has carried the command out.
 bool isGood(const Task& task) noexcept;
 
 } // namespace agent::core::iscsi

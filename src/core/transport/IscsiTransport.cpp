@@ -20,9 +20,10 @@ constexpr int tcpUserTimeoutMilliseconds = 60000;
 constexpr int commandTimeoutSeconds = 60;
 constexpr int absolute = 0;
 constexpr int relative = 1;
-/// No disk has larger ones, and what is counted in them must fit the 32 bits of a command's length.
+/// No disk has larger blocks, and their number must fit in a command's 32-bit length.
 constexpr std::uint32_t maxBlockSize = 1U << 20U;
-/// The library counts the bytes of a command in an `int`; of more, it would transfer the remainder only.
+/// The library counts a command's bytes in an `int`. A larger count would overflow, and only the remainder
+/// would be transferred.
 constexpr std::uint64_t maxLength = std::numeric_limits<int>::max();
 
 constexpr const char* readAgain = "Read iscsi failed. Sleeping, reconnecting, and retrying.";
@@ -35,8 +36,8 @@ bool fitsCommand(std::uint64_t length) {
     return true;
 }
 
-/// By the library's text, which is all that there is. It can't reconnect where the connection was refused, or
-/// broken off, before anybody was logged in.
+/// Guesses the reason from the library's text, because it reports nothing else. "Can not reconnect right now"
+/// means that the connection was refused, or broke, before the login.
 const info::Reason& whyNoLogin(std::string_view error) {
     const auto has = [error](std::string_view part) { return error.find(part) != std::string_view::npos; };
     if (has("Connection refused") || has("Can not reconnect right now")) {
@@ -85,38 +86,40 @@ bool IscsiTransport::doConnect(bool withDiffMerge, bool retrying) {
             sleepBeforeRetry();
         }
     }
-    return giveUp(retrying ? "Iscsi target connect exceeded max retries. Aborting."
-                           : "Iscsi target connect failed. Aborting.");
+    return failConnect(retrying ? "Iscsi target connect exceeded max retries. Aborting."
+                                : "Iscsi target connect failed. Aborting.");
 }
 
+/// Creates the context and sets its options. The library must not reconnect on its own, because `doConnect`
+/// and `retry` decide how often a connection is tried.
 bool IscsiTransport::prepareContext() {
     context.reset(iscsi_create_context(targetName.c_str()));
     if (!context) {
-        return giveUp("Failed to create iscsi context.");
+        return failConnect("Failed to create iscsi context.");
     }
     iscsi_set_tcp_user_timeout(context.get(), tcpUserTimeoutMilliseconds);
     iscsi_set_noautoreconnect(context.get(), 1);
     iscsi_set_reconnect_max_retries(context.get(), 0);
     if (iscsi_set_targetname(context.get(), targetName.c_str()) != 0) {
-        return giveUp("Failed to set iscsi target name.");
+        return failConnect("Failed to set iscsi target name.");
     }
     if (iscsi_set_session_type(context.get(), ISCSI_SESSION_NORMAL) != 0) {
-        return giveUp("Failed to set iscsi session type.");
+        return failConnect("Failed to set iscsi session type.");
     }
     if (iscsi_set_header_digest(context.get(), ISCSI_HEADER_DIGEST_NONE_CRC32C) != 0) {
-        return giveUp("Failed to set iscsi header digest.");
+        return failConnect("Failed to set iscsi header digest.");
     }
     if (iscsi_set_initiator_username_pwd(context.get(), user.c_str(), password.c_str()) != 0) {
-        return giveUp("Failed to set iscsi initiator username and password.");
+        return failConnect("Failed to set iscsi initiator username and password.");
     }
     if (iscsi_set_immediate_data(context.get(), ISCSI_IMMEDIATE_DATA_YES) != 0) {
-        return giveUp("Failed to set iscsi 'IMMEDIATE DATA' option. " + iscsi::errorOf(context));
+        return failConnect("Failed to set iscsi 'IMMEDIATE DATA' option. " + iscsi::errorOf(context));
     }
     if (iscsi_set_initial_r2t(context.get(), ISCSI_INITIAL_R2T_NO) != 0) {
-        return giveUp("Failed to set iscsi 'INITIAL R2T' option. " + iscsi::errorOf(context));
+        return failConnect("Failed to set iscsi 'INITIAL R2T' option. " + iscsi::errorOf(context));
     }
     if (iscsi_set_timeout(context.get(), commandTimeoutSeconds) != 0) {
-        return giveUp("Failed to set iscsi timeout.");
+        return failConnect("Failed to set iscsi timeout.");
     }
     return true;
 }
@@ -137,28 +140,29 @@ bool IscsiTransport::login(int attempt, bool isLast) {
 bool IscsiTransport::readCapacity() {
     const iscsi::Task task(iscsi_readcapacity16_sync(context.get(), lun));
     if (!iscsi::isGood(task)) {
-        return giveUp("Failed during iscsi read capacity command.");
+        return failConnect("Failed during iscsi read capacity command.");
     }
-    // Belongs to the task.
+    // The task owns this structure.
     const auto* const capacity = static_cast<const scsi_readcapacity16*>(scsi_datain_unmarshall(task.get()));
     if (capacity == nullptr) {
-        return giveUp("Failed to unmarshall read capacity data.");
+        return failConnect("Failed to unmarshall read capacity data.");
     }
     if (capacity->block_length == 0 || capacity->block_length > maxBlockSize) {
-        return giveUp("Iscsi target has blocks of " + std::to_string(capacity->block_length) + " bytes.");
+        return failConnect("Iscsi target has blocks of " + std::to_string(capacity->block_length) +
+                           " bytes.");
     }
     blockSize = capacity->block_length;
     blockCount = capacity->returned_lba + 1;
     position = 0;
-    logger.log(info::level::debug, "Iscsi connected:");
+    info::LogEntry(logger, info::level::debug) << "Iscsi connected:";
     logger.log(info::level::debug, "FD = %d", fd);
     logger.log(info::level::debug, "tBlock size: %u", blockSize);
     logger.log(info::level::debug, "tBlock count: %lu", blockCount);
-    logger.log(info::level::debug, "Iscsi successfully connected.");
+    info::LogEntry(logger, info::level::debug) << "Iscsi successfully connected.";
     return true;
 }
 
-bool IscsiTransport::giveUp(const std::string& message) {
+bool IscsiTransport::failConnect(const std::string& message) {
     info::LogEntry(logger, info::level::error) << message;
     context.reset();
     return false;
@@ -201,7 +205,7 @@ std::int64_t IscsiTransport::write(const void* data, std::uint64_t length) {
                        length);
             return static_cast<std::int64_t>(length);
         }
-        if (returnTo(start, length) < 0) {
+        if (seekBack(start, length) < 0) {
             return -1;
         }
     }
@@ -219,19 +223,19 @@ bool IscsiTransport::isRemoteEqual(const void* data, std::uint64_t length) {
         });
     });
     if (compared != static_cast<std::int64_t>(length)) {
-        logger.log(info::level::warning, info::reason("block-not-compared"),
-                   "Failed to read a remote target block; the current block will be "
-                   "copied without diff");
+        info::LogEntry(logger, info::level::warning, info::reason("block-not-compared"))
+            << "Failed to read a remote target block; the current block will be "
+               "copied without diff";
         return false;
     }
     return isEqual;
 }
 
-// A comparison that could not read the whole block has left the position elsewhere. Not knowing what the
-// target holds, the write then fails, in spite of what has been announced.
-std::int64_t IscsiTransport::returnTo(std::int64_t start, std::uint64_t length) {
+// If the comparison couldn't read the whole block, it hasn't moved the position past it. The content of the
+// target isn't known then, so the write fails, although the log says that the block will be copied.
+std::int64_t IscsiTransport::seekBack(std::int64_t start, std::uint64_t length) {
     if (position - static_cast<std::int64_t>(length) != start) {
-        logger.log(info::level::error, "Invalid seek position in remote target");
+        info::LogEntry(logger, info::level::error) << "Invalid seek position in remote target";
         return -1;
     }
     const std::int64_t result = seek(start, absolute);
@@ -256,7 +260,7 @@ std::int64_t IscsiTransport::tryRead(std::uint64_t length, bool& failed,
     }
     if (count > blockCount - lba) {
         count = blockCount - lba;
-        // Never more than was asked for, which it would be where the position is no block's start.
+        // At an unaligned position the remaining blocks may be longer than the request.
         length = std::min(length, blockSize * count);
     }
     const bool isDone = run(lock, [&](iscsi::Transfer& transfer) {
@@ -269,6 +273,8 @@ std::int64_t IscsiTransport::tryRead(std::uint64_t length, bool& failed,
     return static_cast<std::int64_t>(length);
 }
 
+/// Writes once, without a retry. Sets `failed` only if a retry over a new session could help, which it can't
+/// for an unaligned write or at the image's end.
 std::int64_t IscsiTransport::tryWrite(const void* data, std::uint64_t length, bool& failed) {
     Lock lock(mutex);
     if (!isReady()) {
@@ -361,7 +367,7 @@ std::int64_t IscsiTransport::retry(const char* message,
 }
 
 bool IscsiTransport::reconnect() {
-    broken = true; // the old session is not worth a logout
+    broken = true; // makes `disconnect` skip the flush and the logout
     disconnect();
     const std::int64_t interrupted = position;
     const bool connected = doConnect(false, false);
@@ -396,7 +402,7 @@ void IscsiTransport::disconnect() {
     context.reset();
 }
 
-// Reading anything shows that the target has dealt with what came before.
+// A successful read shows that the target has processed the earlier commands.
 void IscsiTransport::flush() {
     const std::lock_guard lock(mutex);
     const iscsi::Task task(

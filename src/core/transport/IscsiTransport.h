@@ -10,23 +10,23 @@
 
 namespace agent::core {
 
-/// A remote image on a LUN of an iSCSI target, from a fixed byte offset of it on.
-/// Owns:    the session with the target; one for each object, made by `connect`.
-/// Threads: one at a time. A second one that comes while commands are under way gets EBUSY at once; no lock
-///          is held while the network is waited for.
-/// Fails:   by return value, after a line in the log. A read or write is many commands at once; with one that
-///          fails, all of it has failed. It is tried again over a new session, five times at intervals of a
-///          second, so a target may be restarted meanwhile. Each command gives up after a minute. Broken
+/// A remote image on a LUN of an iSCSI target, starting at a fixed byte offset.
+/// Owns:    the session with the target, which `connect` creates; one per object.
+/// Threads: one at a time. A second thread gets EBUSY at once while commands are in flight; no lock is held
+///          while a read or write waits for the network.
+/// Fails:   by return value, after a log line. A read or write consists of many concurrent commands; if one
+///          fails, the whole operation fails. It is then retried over a new session, five times with a second
+///          in between, so a target may be restarted meanwhile. Each command times out after a minute. Broken
 ///          pipes raise no signal.
 ///
-/// Positions and lengths of reads and writes are meant to be whole blocks of the target. Writes insist on it;
-/// reads deliver from the start of the block.
+/// Positions and lengths should be multiples of the target's block size. Writes require it; an unaligned read
+/// starts at the start of the block.
 ///
-/// With `diffMerge`, a write reads the target first and is left out if it wouldn't change anything. The first
-/// reconnection ends that: whatever comes later is written without comparison.
+/// With `diffMerge`, a write first reads the target's blocks, and skips the write if they are equal. After
+/// the first reconnection, writes no longer compare.
 class IscsiTransport : public Transport {
 public:
-    /// Nothing is connected yet. An empty user means no authentication.
+    /// Doesn't connect yet. An empty user means no authentication.
     IscsiTransport(info::Logger& logger, std::string targetName, std::string portal, int lun,
                    std::uint64_t offset, std::string user, std::string password);
     IscsiTransport(const IscsiTransport&) = delete;
@@ -40,7 +40,7 @@ public:
     bool connect(bool diffMerge) override;
     std::int64_t read(void* data, std::uint64_t length) override;
     void disconnect() override;
-    /// Bytes of the LUN, with those before the image; 0 before it was connected.
+    /// The size of the LUN in bytes, including the bytes before the image; 0 before the first `connect`.
     [[nodiscard]] std::uint64_t size() const { return blockSize * blockCount; }
     bool punchHole(std::uint64_t length) override;
     [[nodiscard]] bool supportsHolePunching() const override;
@@ -52,26 +52,26 @@ private:
     bool prepareContext();
     bool login(int attempt, bool isLast);
     bool readCapacity();
-    /// Ends the context. Always false.
-    bool giveUp(const std::string& message);
+    /// Logs `message` and destroys the context. Always returns false.
+    bool failConnect(const std::string& message);
 
     std::int64_t tryRead(std::uint64_t length, bool& failed, const iscsi::Transfer::Deliver& deliver);
     std::int64_t tryWrite(const void* data, std::uint64_t length, bool& failed);
-    /// Does an operation, and repeats it if it has failed, each time over a new session.
+    /// Runs an operation. If it fails, retries it, each time over a new session.
     std::int64_t attempt(const char* message, const std::function<std::int64_t(bool& failed)>& operation);
     std::int64_t retry(const char* message, const std::function<std::int64_t(bool& failed)>& operation);
     bool reconnect();
-    /// Whether the remote bytes at the position equal `data`; if so, the position is behind them now. They
-    /// are compared as they arrive, while others are still on the way.
+    /// Whether the remote bytes at the position equal `data`. Moves the position past them if they could all
+    /// be read. Compares the bytes as they arrive, while others are still on the way.
     bool isRemoteEqual(const void* data, std::uint64_t length);
-    std::int64_t returnTo(std::int64_t start, std::uint64_t length);
-    /// Where the position is on the LUN; behind all LUNs if it can't be told.
+    std::int64_t seekBack(std::int64_t start, std::uint64_t length);
+    /// The position on the LUN, in bytes; past the end of every LUN on overflow.
     [[nodiscard]] std::uint64_t firstByte() const;
-    /// Whether a command can be sent now; `errno` tells why not.
+    /// Whether a command can be sent now; if not, `errno` says why.
     [[nodiscard]] bool isReady() const;
-    /// False without anything sent over a session that has broken.
+    /// Runs `work` without holding `lock`. Returns false and sends nothing if the session is broken.
     bool run(Lock& lock, const std::function<bool(iscsi::Transfer& transfer)>& work);
-    /// What becomes of a transfer that the target has not carried out: -1 with EIO.
+    /// Logs a failed transfer and marks the session as broken. Returns -1 with EIO.
     std::int64_t failCommand(const char* message, bool& failed);
     void flush();
     bool diffMerge = false;
@@ -82,14 +82,14 @@ private:
     std::string password;
     iscsi::Context context;
     std::int32_t fd = -1;
-    std::int64_t position = 0; ///< in bytes, from `offset` on
+    std::int64_t position = 0; ///< in bytes, relative to `offset`
     std::uint64_t offset;
-    std::uint32_t blockSize = 0; ///< bytes
+    std::uint32_t blockSize = 0; ///< in bytes
     std::uint64_t blockCount = 0;
     iscsi::CommandWindow window;
     bool busy = false;   ///< commands are in flight
-    bool broken = false; ///< the session can't be trusted: no orderly logout
-    std::mutex mutex;    ///< guards the command path
+    bool broken = false; ///< the session can't be used any more, not even for a logout
+    std::mutex mutex;    ///< held while an operation is prepared and finished, not during its transfer
 };
 
 } // namespace agent::core

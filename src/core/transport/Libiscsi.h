@@ -1,11 +1,11 @@
 #pragma once
 
-// The library's headers need the types of those above them, and use them without including them.
+// The library's headers use types of these headers without including them.
 #include <cstdint>
 #include <ctime>
-// Kept apart, for that order.
+// A separate group, so that formatting keeps the order.
 #include <iscsi/iscsi.h>
 #include <iscsi/scsi-lowlevel.h>
 
-// Some releases of the library make the language's own keyword a macro of two arguments.
+// Some releases of the library define static_assert, a keyword of C++, as a macro of two arguments.
 #undef static_assert

@@ -2,10 +2,10 @@
 
 namespace agent::core {
 
-/// How often a transport tries what may go well a moment later.
+/// How often a transport connects, or bek-restore reads, before it gives up: the error may pass in a moment.
 inline constexpr int maxTries = 5;
 
-/// Waits for a second, however many signals come.
+/// Sleeps for a second, even if signals interrupt the sleep.
 void sleepBeforeRetry();
 
 } // namespace agent::core

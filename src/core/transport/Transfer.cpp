@@ -14,9 +14,9 @@ namespace agent::core::iscsi {
 
 namespace {
 
-constexpr int pollMilliseconds = 1000; ///< between looks at what is overdue
+constexpr int pollMilliseconds = 1000; ///< the interval of the checks for overdue commands
 
-bool isForWantOfRoom(int status) {
+bool isBusyOrFull(int status) {
     return status == SCSI_STATUS_BUSY || status == SCSI_STATUS_TASK_SET_FULL;
 }
 
@@ -24,17 +24,17 @@ std::uint32_t wholeBlocks(std::uint32_t bytes, std::uint32_t blockSize) {
     return std::max(blockSize, bytes / blockSize * blockSize);
 }
 
-/// Has what is sent fill whole packets, for as long as it lives: the library sends each header by itself, and
-/// after it as little as the target takes at once.
-class WholePackets {
+/// While it exists, TCP_CORK makes the socket send whole packets only. The library sends each header on its
+/// own, followed by as little data as the target accepts at once.
+class CorkedSocket {
 public:
-    explicit WholePackets(int socket) : socket(socket) { set(1); }
-    WholePackets(const WholePackets&) = delete;
-    WholePackets& operator=(const WholePackets&) = delete;
-    ~WholePackets() { set(0); }
+    explicit CorkedSocket(int socket) : socket(socket) { set(1); }
+    CorkedSocket(const CorkedSocket&) = delete;
+    CorkedSocket& operator=(const CorkedSocket&) = delete;
+    ~CorkedSocket() { set(0); }
 
 private:
-    /// Where that can't be, the packets are small.
+    /// If setsockopt fails, packets are merely smaller.
     void set(int value) const { ::setsockopt(socket, IPPROTO_TCP, TCP_CORK, &value, sizeof value); }
 
     int socket;
@@ -42,15 +42,15 @@ private:
 
 } // namespace
 
-Transfer::Transfer(const Unit& unit, CommandWindow& window, std::chrono::seconds patience)
-    : unit(unit), window(window), patience(patience) {}
+Transfer::Transfer(const Unit& unit, CommandWindow& window, std::chrono::seconds commandTimeout)
+    : unit(unit), window(window), commandTimeout(commandTimeout) {}
 
 bool Transfer::read(std::uint64_t lba, std::uint64_t asked, std::uint64_t length, const Deliver& to) {
     firstBlock = lba;
     total = asked;
     commandBytes = wholeBlocks(readBytes, unit.blockSize);
     deliver = &to;
-    wanted = length;
+    bytesToDeliver = length;
     return run();
 }
 
@@ -63,9 +63,9 @@ bool Transfer::write(std::uint64_t lba, const unsigned char* from, std::uint64_t
 }
 
 bool Transfer::run() {
-    while (underWay > 0 || hasMore()) {
-        if (!sendWhatFits() || !serve()) {
-            abandon();
+    while (inFlight > 0 || hasMore()) {
+        if (!sendWhatFits() || !pollOnce()) {
+            cancelCommands();
             return false;
         }
     }
@@ -80,7 +80,7 @@ bool Transfer::hasMore() const {
 }
 
 bool Transfer::sendWhatFits() {
-    while (underWay < window.size()) {
+    while (inFlight < window.size()) {
         Command* const command = nextCommand();
         if (command == nullptr) {
             return true;
@@ -92,7 +92,8 @@ bool Transfer::sendWhatFits() {
     return true;
 }
 
-/// What was refused goes first. There is an idle command for each that the window has room for.
+/// The next command to send, or null. Refused commands come first. There is always an idle command while the
+/// window has space.
 Transfer::Command* Transfer::nextCommand() {
     Command* command = find(State::refused);
     if (command == nullptr && begun < total) {
@@ -116,13 +117,13 @@ Transfer::Command* Transfer::find(State state) {
 
 bool Transfer::send(Command& command) {
     command.state = State::sent;
-    command.isAlone = underWay == 0 && (window.size() == 1 || !hasMore());
-    command.deadline = Clock::now() + patience;
+    command.isAlone = inFlight == 0 && (window.size() == 1 || !hasMore());
+    command.deadline = Clock::now() + commandTimeout;
     command.task = makeTask(command);
     if (!command.task) {
         return false;
     }
-    ++underWay;
+    ++inFlight;
     return true;
 }
 
@@ -133,25 +134,25 @@ Task Transfer::makeTask(Command& command) {
         return Task(iscsi_read16_task(unit.context, unit.lun, lba, command.bytes, blockSize, 0, 0, 0, 0, 0,
                                       &Transfer::onAnswer, &command));
     }
-    // The library takes what it only reads as a pointer to what it could change.
+    // The library only reads these bytes, but its parameter isn't const.
     // NOLINTNEXTLINE(cppcoreguidelines-pro-type-const-cast)
     auto* const bytes = const_cast<unsigned char*>(source + command.offset);
     return Task(iscsi_write16_task(unit.context, unit.lun, lba, bytes, command.bytes, blockSize, 0, 0, 0, 0,
                                    0, &Transfer::onAnswer, &command));
 }
 
-/// Waits until the session can go on, and lets it.
-bool Transfer::serve() {
+/// Waits until the session's socket is ready, and lets the library process it.
+bool Transfer::pollOnce() {
     pollfd session{iscsi_get_fd(unit.context), static_cast<short>(iscsi_which_events(unit.context)), 0};
     const int ready = ::poll(&session, 1, pollMilliseconds);
     if (ready < 0 && errno != EINTR) {
         return false;
     }
-    const WholePackets packets(session.fd);
+    const CorkedSocket corked(session.fd);
     return iscsi_service(unit.context, ready > 0 ? session.revents : 0) >= 0 && !hasFailed && !isOverdue();
 }
 
-/// Whether the oldest command has waited for too long. One that is sent again begins anew.
+/// Whether a command has waited for too long. The time of a command that is sent again starts anew.
 bool Transfer::isOverdue() const {
     const Clock::time_point now = Clock::now();
     return std::ranges::any_of(commands, [&](const Command& command) {
@@ -159,37 +160,37 @@ bool Transfer::isOverdue() const {
     });
 }
 
-/// Takes the commands back, as what they refer to won't be there any more when an answer comes.
-void Transfer::abandon() {
+/// Cancels all commands, because the memory that they refer to won't exist any more when answers arrive.
+void Transfer::cancelCommands() {
     hasFailed = true;
     iscsi_scsi_cancel_all_tasks(unit.context);
 }
 
-/// Called by the library, from within one of the calls above.
+/// Called by the library, during one of its calls above.
 void Transfer::onAnswer(iscsi_context* /*context*/, int status, void* /*data*/, void* command) {
     auto& answered = *static_cast<Command*>(command);
-    answered.transfer->take(answered, status);
+    answered.transfer->onCommandDone(answered, status);
 }
 
-void Transfer::take(Command& command, int status) {
+void Transfer::onCommandDone(Command& command, int status) {
     const Task task = std::move(command.task);
-    --underWay;
+    --inFlight;
     command.state = State::idle;
-    if (isForWantOfRoom(status) && !command.isAlone) {
+    if (isBusyOrFull(status) && !command.isAlone) {
         command.state = State::refused;
-        window.shrink(underWay);
+        window.shrink(inFlight);
         wasRefused = true;
     } else if (status != SCSI_STATUS_GOOD || !handOver(command, *task)) {
         hasFailed = true;
     }
 }
 
-/// False if a target says that all is well and yet has delivered less.
+/// Delivers the data of a read. False if the target reports success but has sent less data than requested.
 bool Transfer::handOver(const Command& command, const scsi_task& task) {
-    if (deliver == nullptr || command.offset >= wanted) {
-        return true; // a write, or the end of a block of which no more is wanted
+    if (deliver == nullptr || command.offset >= bytesToDeliver) {
+        return true; // a write, or the part of the last block past the bytes to deliver
     }
-    const std::uint64_t length = std::min<std::uint64_t>(command.bytes, wanted - command.offset);
+    const std::uint64_t length = std::min<std::uint64_t>(command.bytes, bytesToDeliver - command.offset);
     const scsi_data& data = task.datain;
     if (data.size < 0 || static_cast<std::uint64_t>(data.size) < length) {
         return false;

@@ -5,7 +5,7 @@
 
 namespace agent::core {
 
-/// What all transports have: somebody to tell about their failures. See ITransport.
+/// The common base of all transports, with the logger for their failures. See ITransport.
 class Transport : public ITransport {
 protected:
     explicit Transport(info::Logger& logger) : logger(logger) {}

@@ -24,7 +24,7 @@ std::shared_ptr<ITransport> makeZephaneFTP(info::Logger& logger, const RemoteIma
                                                  image.offset, server.port, image.password);
 }
 
-/// The one that every other word means comes last.
+/// The default kind comes last.
 constexpr std::array kinds{
     TransportKind{"zephaneftp", "zephaneftp", std::numeric_limits<std::uint64_t>::max(), &makeZephaneFTP},
     TransportKind{"iscsi", "iSCSI", std::numeric_limits<int>::max(), &makeIscsi},

@@ -18,7 +18,7 @@ namespace agent::core {
 
 namespace {
 
-constexpr std::uint64_t largestPiece = std::uint64_t{4} << 20U;
+constexpr std::uint64_t maxPieceBytes = std::uint64_t{4} << 20U;
 constexpr int fromTheStart = 0;
 constexpr int fromThePosition = 1;
 constexpr unsigned long compareFlag = 1;
@@ -36,12 +36,12 @@ std::unique_ptr<zephane::SocketImpl> makeSocket() {
     }
 }
 
-/// What the interface has for a code of the client.
+/// The errno value of ITransport's contract for a code of the client.
 int errnoOf(int code) {
     return code == -EINVAL || code == -ENOSPC || code == -ENOTCONN ? -code : EIO;
 }
 
-/// By the code that the server, or the network on the way to it, has answered with.
+/// The reason for a failed open, from the error code of the server or of the network.
 const info::Reason& whyNotOpened(int code) {
     switch (code) {
     case -EACCES:
@@ -128,7 +128,7 @@ std::int64_t ZephaneFTPTransport::write(const void* data, std::uint64_t length) 
 std::int64_t ZephaneFTPTransport::forEachPiece(std::uint64_t length, const PieceOperation& operation) {
     std::uint64_t done = 0;
     while (done < length) {
-        const std::uint64_t size = std::min(length - done, largestPiece);
+        const std::uint64_t size = std::min(length - done, maxPieceBytes);
         const std::int64_t count = operation(done, size);
         if (count != static_cast<std::int64_t>(size)) {
             return static_cast<std::int64_t>(done) + count;
@@ -206,7 +206,7 @@ void ZephaneFTPTransport::report(const std::string& failure, const zephane::Stat
                                  const info::Reason* reason) {
     info::LogEntry(logger, info::level::error, reason)
         << failure << " code: " << status.code
-        << " message: " << printable(status.text); // may be the server's
+        << " message: " << printable(status.text); // may come from the server
     errno = errnoOf(status.code);
 }
 

@@ -18,7 +18,7 @@ namespace {
 constexpr std::size_t stampLength = 23;
 constexpr std::size_t millisecondsPosition = 20;
 
-/// Throws for a text that is no stamp.
+/// Throws std::logic_error if `stamp` isn't a time stamp.
 LogTime parseStamp(const std::string& stamp) {
     std::tm broken{};
     broken.tm_isdst = -1;

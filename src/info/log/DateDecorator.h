@@ -4,8 +4,8 @@
 
 namespace agent::info {
 
-/// Puts the local time `YYYY-MM-DD HH:MM:SS.mmm` and a blank before a message. Fixed width, so that a log
-/// file sorts and cuts by columns; what lies below a millisecond is lost on the way back.
+/// Puts the local time `YYYY-MM-DD HH:MM:SS.mmm` and a blank before a message. The width is fixed, so that
+/// log files can be sorted and cut by columns. `undecorate` only returns whole milliseconds.
 class DateDecorator : public IDecorator {
 public:
     std::string decorate(const std::string& message, int level, LogTime time) override;

@@ -5,7 +5,10 @@
 
 namespace agent::info {
 
-/// Decorates each message and hands it on. The decorator must outlive it.
+/// Decorates each message and passes it on to another printer.
+/// Owns:    the printer function; the decorator must outlive it.
+/// Threads: the logger calls `print` under its mutex.
+/// Fails:   `print` throws what the printer throws.
 class DecoratedPrinter {
 public:
     DecoratedPrinter(IDecorator& decorator, PrinterFunction printer);

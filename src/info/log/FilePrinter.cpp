@@ -100,7 +100,7 @@ std::size_t FilePrinter::removeOldFiles(const Path& directory, LogTime now) {
                 ++removed;
             }
         } catch (const std::exception&) { // NOLINT(bugprone-empty-catch)
-            // Not one of the agent's files, or one that can't be removed: left alone.
+            // This isn't one of the agent's files, or it can't be removed: leave it.
         }
     }
     return removed;

@@ -9,15 +9,15 @@
 
 namespace agent::info {
 
-/// Appends each message to the log file of its local day, `logs/bek_YYYY-MM-DD.log` below the base directory,
-/// and removes files older than the retention when a day's file is begun.
-/// Owns:    nothing between two messages: the file is opened and closed for each, so it may be moved or
-///          deleted while the agent runs.
-/// Threads: safe from any; one message is one append.
-/// Fails:   with false and one line on standard error; the message may then be in the file in part.
+/// Appends each message to the log file of its local day, `logs/bek_YYYY-MM-DD.log` below the base directory.
+/// Removes files older than the retention when it starts a new file.
+/// Owns:    nothing between two messages: it opens and closes the file for each message, so the file may be
+///          moved or deleted while the agent runs.
+/// Threads: any thread may call it; each message is one append.
+/// Fails:   `print` writes a line to standard error and returns false; the file may have part of the message.
 class FilePrinter {
 public:
-    /// How old a log file gets, counted from the midnight that begins its day.
+    /// How long a log file is kept, counted from the midnight at which its day begins.
     static constexpr std::chrono::seconds retention = std::chrono::hours(7 * 24);
 
     bool print(const std::string& message, int level, LogTime time);
@@ -26,8 +26,8 @@ public:
     static Path logDirectory();
     /// The name, without directory, of the file for the local day of `time`.
     static std::string logFileName(LogTime time);
-    /// The local midnight that begins the day of a log file's name. Throws std::logic_error for any name that
-    /// `logFileName` can't have made.
+    /// Returns the local midnight at which the day in a log file's name begins. Throws std::logic_error if
+    /// the name has the wrong length, prefix, dashes or suffix; the digits aren't checked.
     static LogTime parseLogFileDate(const std::string& name);
 
 private:

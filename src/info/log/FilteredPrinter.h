@@ -4,7 +4,11 @@
 
 namespace agent::info {
 
-/// Prints only what its filter lets pass. An empty filter is a std::bad_function_call at the first message.
+/// Prints only the messages that its filter accepts.
+/// Owns:    both functions.
+/// Threads: the logger calls `print` under its mutex.
+/// Fails:   `print` throws what the filter and the printer throw; std::bad_function_call if the filter is
+///          empty.
 class FilteredPrinter {
 public:
     FilteredPrinter(FilterFunction filter, PrinterFunction printer);

@@ -6,16 +6,15 @@
 
 namespace agent::info {
 
-/// Adds a part to each log line, and takes it off again when a log file is read back.
+/// Adds a field to each log line, such as the date, and removes it again when a log file is read back.
 /// Owns:    nothing.
-/// Threads: stateless; safe from any.
-/// Fails:   `undecorate` throws std::logic_error on a line that doesn't carry this decorator's part.
+/// Threads: any thread may call it; decorators have no state.
+/// Fails:   `undecorate` throws std::logic_error for a line without this decorator's field.
 class IDecorator {
 public:
     virtual ~IDecorator() = default;
     virtual std::string decorate(const std::string& message, int level, LogTime time) = 0;
-    /// Returns the line without this decorator's part. Sets only those of `level` and `time` that the part
-    /// tells, and neither on failure.
+    /// Returns the line without this decorator's field. Sets `level` or `time` only if the field contains it.
     virtual std::string undecorate(const std::string& line, int& level, LogTime& time) = 0;
 };
 

@@ -4,10 +4,10 @@
 
 namespace agent::info {
 
-/// The durable key-value store as the logging stack sees it; the database implements it.
+/// The persistent key-value store as the logging stack sees it; the database implements it.
 /// Owns:    the stored values.
-/// Threads: safe from any.
-/// Fails:   `getConfigValue` throws for a missing key; both throw when the store can't be used.
+/// Threads: any thread may call it.
+/// Fails:   `getConfigValue` throws for a missing key; both functions throw if the store can't be used.
 class ILogLevelStore {
 public:
     virtual ~ILogLevelStore() = default;

@@ -4,7 +4,7 @@ namespace agent::info {
 
 std::optional<LogTime> toLogTime(std::tm broken) {
     using std::chrono::seconds;
-    // Within whole seconds of the ends, so that a fraction can still be added.
+    // One second away from the limits, so that the caller can still add a fraction of a second.
     constexpr auto first = std::chrono::duration_cast<seconds>(LogTime::min().time_since_epoch()).count() + 1;
     constexpr auto last = std::chrono::duration_cast<seconds>(LogTime::max().time_since_epoch()).count() - 1;
     const std::time_t moment = std::mktime(&broken);

@@ -7,8 +7,8 @@
 
 namespace agent::info {
 
-/// The moment of a broken-down local time. Nothing if there is no such moment, or if it lies outside the
-/// nearly 600 years around the epoch that a LogTime can hold; dates in file names and lines may be anything.
+/// Converts a broken-down local time. Returns nothing if there is no such time, or if it lies outside the
+/// nearly 600 years around the epoch that a LogTime can hold: file names and log lines may contain any date.
 std::optional<LogTime> toLogTime(std::tm broken);
 
 } // namespace agent::info

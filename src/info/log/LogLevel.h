@@ -1,7 +1,7 @@
 #pragma once
 
-/// Severity levels. Plain integers, because thresholds travel through the database and the device API as
-/// such and may lie one step outside what a statement can carry.
+/// Severity levels. They are plain integers, because a threshold may lie one step outside the levels of
+/// messages, and because the device API sends a number for it.
 namespace agent::info::level {
 
 inline constexpr int min = -1; ///< As a threshold: nothing passes.

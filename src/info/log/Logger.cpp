@@ -1,14 +1,16 @@
 #include "info/log/Logger.h"
 
-#include "info/log/LogTurn.h"
+#include "info/log/LogGate.h"
 
 #include <cstdarg>
 #include <utility>
 
 namespace agent::info {
 
-Logger::Logger(PrinterFunction printer, LevelFunction wanted)
-    : printer(std::move(printer)), wanted(std::move(wanted)), mutex(std::make_shared<std::mutex>()) {}
+Logger::Logger(PrinterFunction printer, LevelFunction isLevelEnabled)
+    : printer(std::move(printer)),
+      isLevelEnabled(std::move(isLevelEnabled)),
+      mutex(std::make_shared<os::Mutex>()) {}
 
 LogEntry Logger::log(int level, const char* format, ...) {
     LogEntry entry(*this, level);
@@ -33,16 +35,16 @@ LogEntry Logger::log(int level, const Reason& reason, const char* format, ...) {
 }
 
 void Logger::print(const std::string& message, int level) const {
-    const LogTurn* const turn = LogTurn::ofThisThread();
-    if (!printer || (turn != nullptr && isEnabled(level) && !turn->await())) {
+    const LogGate* const gate = LogGate::ofThisThread();
+    if (!printer || (gate != nullptr && isEnabled(level) && !gate->waitForTurn())) {
         return;
     }
-    const std::lock_guard lock(*mutex);
+    const os::Lock lock(*mutex);
     printer(message, level, std::chrono::system_clock::now());
 }
 
 bool Logger::isEnabled(int level) const {
-    return hasPrinter() && (!wanted || wanted(level));
+    return hasPrinter() && (!isLevelEnabled || isLevelEnabled(level));
 }
 
 } // namespace agent::info

@@ -2,45 +2,45 @@
 
 #include "info/log/LogEntry.h"
 #include "info/log/PrinterFunction.h"
+#include "os/Mutex.h"
 
 #include <memory>
-#include <mutex>
 
 namespace agent::info {
 
-/// The front that every component logs through: hands each finished message to a tree of printers.
-/// Owns:    the printer function; what that refers to must outlive every use. Copies share one mutex.
+/// Every component logs through this class. It passes each finished message to a tree of printers.
+/// Owns:    the printer function; its printers must outlive every use. Copies share one mutex.
 /// Threads: any thread may log; the printer tree runs under the mutex, one message at a time.
-/// Fails:   never by itself; what the printer throws leaves `print`, but not a LogEntry's destructor.
+/// Fails:   `print` passes on what the printer throws; a LogEntry's destructor swallows it.
 ///
-/// Either form is one statement:
-///     LogEntry(logger, level::info) << "Driver version: " << version;
+/// A message with printf directives goes through `log`, any other message through a LogEntry:
 ///     logger.log(level::info, "Driver version: %s", version.c_str());
-/// and either takes a reason behind the level.
+///     LogEntry(logger, level::info) << "DriverController created";
+/// Both accept a reason after the level.
 class Logger {
 public:
-    /// `wanted` tells which levels anything at all comes of; without it that is every level.
-    explicit Logger(PrinterFunction printer, LevelFunction wanted = {});
+    /// `isLevelEnabled` returns whether messages of a level reach any output. Without it, all levels do.
+    explicit Logger(PrinterFunction printer, LevelFunction isLevelEnabled = {});
 
-    /// Formats, ends the line and delivers it. Returns an empty entry of the same logger and level.
+    /// Formats a line and delivers it. Returns an empty entry with the same logger and level.
     [[gnu::format(printf, 3, 4)]] LogEntry log(int level, const char* format, ...);
-    /// The same, and the line ends in the mark of the reason.
+    /// The same, with the reason's mark at the end of the line.
     [[gnu::format(printf, 4, 5)]] LogEntry log(int level, const Reason& reason, const char* format, ...);
 
-    /// Delivers `message` as it stands, stamped with the time at which the mutex was obtained, so that the
-    /// times of one logger's messages never run backwards in its file. Without a printer it does nothing.
+    /// Delivers `message` unchanged, with the time at which the mutex was locked, so that the times of one
+    /// logger's messages never run backwards in its file. Does nothing if there is no printer.
     void print(const std::string& message, int level) const;
 
     [[nodiscard]] bool hasPrinter() const noexcept { return static_cast<bool>(printer); }
 
-    /// Whether a message of this level reaches anybody. For loops that would log each round: asking once is
-    /// cheaper than making messages that nobody gets. What is logged all the same is delivered as ever.
+    /// Whether a message of this level reaches any output. A loop that logs in every iteration can check this
+    /// once instead of formatting messages in vain. The printers still decide about each message.
     [[nodiscard]] bool isEnabled(int level) const;
 
 private:
     PrinterFunction printer;
-    LevelFunction wanted;
-    std::shared_ptr<std::mutex> mutex; // serialises the printer tree; shared by all copies of this logger
+    LevelFunction isLevelEnabled;
+    std::shared_ptr<os::Mutex> mutex; // serialises the printer tree; shared by all copies of this logger
 };
 
 } // namespace agent::info

@@ -7,8 +7,8 @@
 namespace agent::info {
 
 void reportLoggingError(std::string_view text) {
-    constexpr std::size_t longest = 2000; // a line that standard error takes whole
-    writeStandardError("~~Logging Error~~ " + std::string(text.substr(0, longest)) + '\n');
+    constexpr std::size_t maxBytes = 2000; // writeStandardError writes such a line completely
+    writeStandardError("~~Logging Error~~ " + std::string(text.substr(0, maxBytes)) + '\n');
 }
 
 } // namespace agent::info

@@ -4,8 +4,8 @@
 
 namespace agent::info {
 
-/// Problems of logging itself have no log to go to: they are one line on standard error each, if anybody
-/// reads there. Loggers call this with their mutex held, so it waits for nobody.
+/// Reports a failure of logging itself, which can't be logged, as one line on standard error. Loggers call
+/// this while they hold their mutex, so it never blocks: if standard error has no room, the line is lost.
 void reportLoggingError(std::string_view text);
 
 } // namespace agent::info

@@ -4,7 +4,7 @@ namespace agent::info {
 
 namespace {
 
-/// A function object that calls `print` on a printer that outlives it.
+/// Returns a function object that calls `print` of `printer`, which must outlive it.
 template <typename Printer>
 auto printing(Printer& printer) {
     return [&printer](const std::string& message, int level, LogTime time) {
@@ -26,14 +26,14 @@ LoggingStack::LoggingStack()
       filteredPrinter(passing(levelFilter), printing(failsafePrinter)),
       multiPrinter({printing(screenPrinter), printing(filteredPrinter)}),
       decoratedPrinter(multiDecorator, printing(multiPrinter)),
-      printablePrinter(multiDecorator, printing(decoratedPrinter)),
-      logger(printing(printablePrinter),
+      escapingPrinter(multiDecorator, printing(decoratedPrinter)),
+      logger(printing(escapingPrinter),
              [this](int level) { return levelFilter.threshold() >= level || ScreenPrinter::isWatched(); }),
       securityFilteredPrinter(passing(levelFilter), printing(filePrinter)),
       securityMultiPrinter(
           {printing(screenPrinter), printing(systemPrinter), printing(securityFilteredPrinter)}),
       securityDecoratedPrinter(multiDecorator, printing(securityMultiPrinter)),
-      securityPrintablePrinter(multiDecorator, printing(securityDecoratedPrinter)),
-      securityLogger(printing(securityPrintablePrinter)) {}
+      securityEscapingPrinter(multiDecorator, printing(securityDecoratedPrinter)),
+      securityLogger(printing(securityEscapingPrinter)) {}
 
 } // namespace agent::info

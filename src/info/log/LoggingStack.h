@@ -2,13 +2,13 @@
 
 #include "info/log/DateDecorator.h"
 #include "info/log/DecoratedPrinter.h"
+#include "info/log/EscapingPrinter.h"
 #include "info/log/FailsafePrinter.h"
 #include "info/log/FilePrinter.h"
 #include "info/log/FilteredPrinter.h"
 #include "info/log/Logger.h"
 #include "info/log/MultiDecorator.h"
 #include "info/log/MultiPrinter.h"
-#include "info/log/PrintablePrinter.h"
 #include "info/log/ScreenPrinter.h"
 #include "info/log/StoredLevelFilter.h"
 #include "info/log/SystemPrinter.h"
@@ -16,7 +16,7 @@
 
 namespace agent::info {
 
-/// The whole logging of the process, joined once at start.
+/// All loggers, printers and decorators of the process, connected once at the start.
 ///
 ///   logger ---------> printable -> date+tag -+-> screen
 ///                                            +-> level filter --> file, or the system log where the file
@@ -25,8 +25,8 @@ namespace agent::info {
 ///                                            +-> system log
 ///                                            +-> level filter --> file
 ///
-/// Owns:    every printer and decorator; they refer to each other, so the object never moves.
-/// Threads: both loggers from any thread; they have a mutex each and may append to one file at once.
+/// Owns:    every printer and decorator; they refer to each other, so the object can't be moved.
+/// Threads: any thread may use both loggers. Each has its own mutex, and both may append to one file at once.
 /// Fails:   never; a sink that fails is reported on standard error.
 class LoggingStack {
 public:
@@ -52,7 +52,7 @@ private:
     ScreenPrinter screenPrinter;
     MultiPrinter multiPrinter;
     DecoratedPrinter decoratedPrinter;
-    PrintablePrinter printablePrinter;
+    EscapingPrinter escapingPrinter;
 
 public:
     Logger logger;
@@ -61,12 +61,12 @@ private:
     FilteredPrinter securityFilteredPrinter;
     MultiPrinter securityMultiPrinter;
     DecoratedPrinter securityDecoratedPrinter;
-    PrintablePrinter securityPrintablePrinter;
+    EscapingPrinter securityEscapingPrinter;
 
 public:
     Logger securityLogger;
 
-    /// Takes lines apart again that either logger has written.
+    /// Parses lines that either logger has written.
     IDecorator& decorator() noexcept { return multiDecorator; }
 };
 

@@ -6,8 +6,9 @@
 
 namespace agent::info {
 
-/// Several decorators as one: applied from the last to the first, so that the first one's part ends up in
-/// front, and taken off from the first to the last. The decorators must outlive it.
+/// Combines several decorators. `decorate` applies them from the last to the first, so that the first
+/// decorator's field comes first in the line. `undecorate` removes the fields from the first to the last; if
+/// it throws, it may have set `level` or `time` already. The decorators must outlive this object.
 class MultiDecorator : public IDecorator {
 public:
     explicit MultiDecorator(std::vector<IDecorator*> decorators);

@@ -6,7 +6,10 @@
 
 namespace agent::info {
 
-/// Prints each message through all of its printers, in order; empty ones are passed over.
+/// Prints each message through all of its printers, in order, and skips empty ones.
+/// Owns:    the printer functions.
+/// Threads: the logger calls `print` under its mutex.
+/// Fails:   `print` throws what the first failing printer throws; the later printers don't get the message.
 class MultiPrinter {
 public:
     explicit MultiPrinter(std::vector<PrinterFunction> printers);

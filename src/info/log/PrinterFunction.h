@@ -9,14 +9,13 @@ namespace agent::info {
 /// When a message was logged: the system clock, in nanoseconds since the epoch.
 using LogTime = std::chrono::time_point<std::chrono::system_clock, std::chrono::nanoseconds>;
 
-/// Takes one message at its level and time. Printer objects have no common base: they are joined by these
-/// function objects, usually a std::ref to the object that prints.
+/// Prints one message. Printer classes have no common base class: these function objects connect them.
 using PrinterFunction = std::function<void(const std::string& message, int level, LogTime time)>;
 
-/// As PrinterFunction; true means that the message has reached its sink.
+/// Like PrinterFunction, but returns whether the message was written.
 using FalliblePrinterFunction = std::function<bool(const std::string& message, int level, LogTime time)>;
 
-/// Whether messages of this level reach anybody.
+/// Returns whether messages of this level reach any output.
 using LevelFunction = std::function<bool(int level)>;
 
 /// True lets the message pass.

@@ -21,7 +21,7 @@ std::string markOf(const Reason& reason) {
     return " [" + std::string(kindName(reason.kind)) + ":" + std::string(reason.code) + "]";
 }
 
-const Reason* reasonOf(std::string_view text) {
+const Reason* findReason(std::string_view text) {
     text.remove_suffix(text.ends_with('\n') ? 1 : 0);
     const auto* const found =
         std::ranges::find_if(reasons, [text](const Reason& each) { return text.ends_with(markOf(each)); });

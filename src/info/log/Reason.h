@@ -10,9 +10,9 @@
 
 namespace agent::info {
 
-/// Why more was sent than was asked for, or why something has failed: what a program can go by, where the
-/// text of the log is for people. A line that tells a reason ends in its mark, ` [fallback:CODE]` or
-/// ` [failure:CODE]`. Codes are never renamed: whoever watches the log has written them down.
+/// Why a backup sends more than was requested, or why something has failed. The code is for programs; the
+/// text of the log is for people. A log line with a reason ends with the reason's mark: ` [fallback:CODE]`
+/// or ` [failure:CODE]`. Codes are never renamed, because programs that monitor the log depend on them.
 struct Reason {
     enum class Kind { fallback, failure };
 
@@ -25,7 +25,7 @@ struct Reason {
 /// All reasons; docs/operations.md has the same table.
 // clang-format off
 inline constexpr std::array reasons = {
-    // More is sent than was asked for.
+    // The backup sends more than was requested.
     Reason{"volume-unknown", Reason::Kind::fallback,
            "the agent's database doesn't know the volume: its first backup, a file system made anew, or a "
            "database that has been replaced",
@@ -99,7 +99,7 @@ inline constexpr std::array reasons = {
     Reason{"block-not-compared", Reason::Kind::fallback,
            "a piece of the image couldn't be read, so it is written without being compared",
            "look at the target's storage"},
-    // It has failed.
+    // Something has failed.
     Reason{"volume-not-found", Reason::Kind::failure,
            "there is no such file system on the machine, or udisks2 doesn't see it",
            "compare the UUID with lsblk -f; see that udisks2 runs"},
@@ -207,7 +207,7 @@ inline constexpr std::array reasons = {
 };
 // clang-format on
 
-/// The reason of that code. One that isn't in the table doesn't compile.
+/// The reason with this code. A code that isn't in the table is a compile-time error.
 consteval const Reason& reason(std::string_view code) {
     for (const Reason& candidate : reasons) {
         if (candidate.code == code) {
@@ -222,14 +222,18 @@ constexpr std::string_view kindName(Reason::Kind kind) {
     return kind == Reason::Kind::fallback ? "fallback" : "failure";
 }
 
-/// What the line of a reason ends in, with the blank before it.
+/// The mark at the end of a line with this reason, with the blank before it.
 std::string markOf(const Reason& reason);
 
-/// The reason whose mark a message or a line ends in, with or without the newline; null if it has none that
-/// is known. A peer or a script may have put a mark into its own text: it is a hint, nothing to decide by.
-const Reason* reasonOf(std::string_view text);
+/// The reason whose mark is at the end of a message or a line, with or without a newline; null if there is no
+/// known mark. A peer or a script may have put a mark into its own text, so the result is only a hint: base
+/// no decision on it.
+const Reason* findReason(std::string_view text);
 
-/// What an exception carries whose text is logged by whoever catches it.
+/// Base class of exceptions that carry a reason for the code that catches and logs them.
+/// Owns:    nothing; reasons are constants.
+/// Threads: as for any value: many readers, or one writer.
+/// Fails:   never.
 class HasReason {
 public:
     explicit HasReason(const Reason& reason) : reason(&reason) {}
@@ -242,16 +246,16 @@ public:
     const Reason* reason;
 };
 
-/// An error of the family, with its reason.
+/// An exception of type `Error` that carries a reason.
 template <typename Error>
-class Reasoned : public Error, public HasReason {
+class WithReason : public Error, public HasReason {
 public:
     template <typename... Arguments>
-    explicit Reasoned(const Reason& reason, Arguments&&... arguments)
+    explicit WithReason(const Reason& reason, Arguments&&... arguments)
         : Error(std::forward<Arguments>(arguments)...), HasReason(reason) {}
 };
 
-/// The reason that an error carries, or the other one.
+/// The reason that `error` carries, or `otherwise` if it carries none.
 const Reason& reasonOf(const std::exception& error, const Reason& otherwise);
 
 } // namespace agent::info

@@ -4,13 +4,16 @@
 
 namespace agent::info {
 
-/// Writes each message to standard output. A reader of the output that has gone away is no reason to stop:
-/// neither an error nor SIGPIPE comes of it.
+/// Writes each message to standard output. If the reader of the output has exited, this raises neither an
+/// error nor SIGPIPE.
+/// Owns:    nothing between two messages.
+/// Threads: any thread may call it; both loggers use one printer at the same time.
+/// Fails:   never; a message that can't be written is lost.
 class ScreenPrinter {
 public:
     void print(const std::string& message, int level, LogTime time);
 
-    /// Whether standard output leads anywhere but to /dev/null, as it does for a daemon in the background.
+    /// Returns false if standard output is /dev/null, as it is for a daemon in the background.
     [[nodiscard]] static bool isWatched();
 };
 

@@ -10,15 +10,15 @@ namespace agent::info {
 
 class Logger;
 
-/// The lower-case name of a threshold, "min" to "max"; "unknown" for a number that is none.
+/// The lower-case name of a threshold, "min" to "max"; "unknown" for any other number.
 std::string levelName(int level);
 
-/// The threshold of the log: lets pass what is at least as severe. It starts at "info" and, once loaded, is
-/// kept in the store under "log_level".
+/// The threshold of the log: messages pass if they are at least as severe. It starts at "info". After `load`,
+/// the store keeps it under "log_level".
 /// Owns:    the threshold; the store must outlive it.
-/// Threads: `pass` and `threshold` from any; `setLevel` may come from another thread meanwhile. The value is
-///          one atomic integer: a message in flight is judged by the old or the new one.
-/// Fails:   `setLevel` throws what the store throws; the new threshold is in force all the same.
+/// Threads: any thread may call `pass` and `threshold`, even while another thread calls `setLevel`. The
+///          threshold is one atomic integer, so each message sees the old or the new value.
+/// Fails:   `setLevel` throws what the store throws; the new threshold applies nevertheless.
 class StoredLevelFilter {
 public:
     StoredLevelFilter() = default;
@@ -28,8 +28,8 @@ public:
 
     virtual void setLevel(int level);
 
-    /// Takes the threshold from the store and keeps the store for later changes. A stored text that names no
-    /// level is replaced by the current one.
+    /// Loads the threshold from the store, and remembers the store for later changes. Replaces a stored text
+    /// that isn't the name of a level with the current level.
     void load(Logger& logger, ILogLevelStore& levelStore);
 
     [[nodiscard]] int threshold() const noexcept { return current; }

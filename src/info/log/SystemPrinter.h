@@ -4,11 +4,14 @@
 
 namespace agent::info {
 
-/// Writes each message to the system log, under the ident "tolvubackupagent". The connection is opened and
-/// closed for every message, so that a system log that is restarted is found again.
+/// Writes each message to the system log, under the ident "tolvubackupagent". It opens and closes the
+/// connection for every message, so that it still works after a restart of the system log.
+/// Owns:    nothing between two messages.
+/// Threads: any thread may call it; both loggers use one printer at the same time.
+/// Fails:   never; a message that can't be written is lost.
 class SystemPrinter {
 public:
-    /// Always true: the system log has no way to tell.
+    /// Always returns true: syslog() reports no errors.
     bool print(const std::string& message, int level, LogTime time);
 };
 

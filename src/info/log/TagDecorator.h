@@ -7,7 +7,7 @@ namespace agent::info {
 /// Puts the 12-character tag of the level before a message.
 class TagDecorator : public IDecorator {
 public:
-    /// A level of 5 or more passes unchanged.
+    /// A message of level 5 or more stays unchanged.
     std::string decorate(const std::string& message, int level, LogTime time) override;
     std::string undecorate(const std::string& line, int& level, LogTime& time) override;
 };

@@ -10,7 +10,7 @@ using BrokenTransportContract = TransportFixture<BreakableSubject>;
 TEST_P(BrokenTransportContract, FailedReadStaysWhereItWas) {
     connect();
     transport->seek(2 * block, absolute);
-    subject->breakDown();
+    subject->startFailing();
     errno = 0;
     EXPECT_TRUE(isFailure(read(block)));
     EXPECT_EQ(errno, EIO);
@@ -20,7 +20,7 @@ TEST_P(BrokenTransportContract, FailedReadStaysWhereItWas) {
 TEST_P(BrokenTransportContract, FailedWriteStaysWhereItWas) {
     connect();
     transport->seek(2 * block, absolute);
-    subject->breakDown();
+    subject->startFailing();
     errno = 0;
     EXPECT_TRUE(isFailure(write(patternOf(block, 77))));
     EXPECT_EQ(errno, EIO);
@@ -31,7 +31,7 @@ TEST_P(BrokenTransportContract, FailedWriteStaysWhereItWas) {
 TEST_P(BrokenTransportContract, WriteThatCannotCompareWritesNothing) {
     connect(true);
     transport->seek(2 * block, absolute);
-    subject->breakDown();
+    subject->startFailing();
     const std::string before = subject->lastWrite();
     errno = 0;
     EXPECT_TRUE(isFailure(write(patternOf(block, 77))));
@@ -43,7 +43,7 @@ TEST_P(BrokenTransportContract, WriteThatCannotCompareWritesNothing) {
 TEST_P(BrokenTransportContract, HoleThatCannotBePunchedIsToldOf) {
     connect();
     transport->seek(2 * block, absolute);
-    subject->breakDown();
+    subject->startFailing();
     if (!transport->supportsHolePunching()) {
         return;
     }
@@ -62,7 +62,7 @@ TEST_P(BrokenTransportContract, HoleThatCannotBePunchedIsToldOf) {
 TEST_P(BrokenTransportContract, NothingSucceedsBehindAFailure) {
     connect();
     transport->seek(2 * block, absolute);
-    subject->breakDown();
+    subject->startFailing();
     EXPECT_TRUE(isFailure(write(patternOf(block, 77))));
     errno = 0;
     EXPECT_TRUE(isFailure(read(block)));
@@ -75,9 +75,9 @@ TEST_P(BrokenTransportContract, NothingSucceedsBehindAFailure) {
 
 TEST_P(BrokenTransportContract, CanBeConnectedAnewWhenAllIsWellAgain) {
     connect();
-    subject->breakDown();
+    subject->startFailing();
     EXPECT_TRUE(isFailure(read(block)));
-    subject->heal();
+    subject->stopFailing();
     connect();
     EXPECT_EQ(position(), 0);
     EXPECT_EQ(read(block), block);
@@ -89,7 +89,7 @@ TEST_P(BrokenTransportContract, CanBeConnectedAnewWhenAllIsWellAgain) {
 
 TEST_P(BrokenTransportContract, DisconnectsAllTheSame) {
     connect();
-    subject->breakDown();
+    subject->startFailing();
     transport->disconnect();
     errno = 0;
     EXPECT_EQ(read(block), -1);

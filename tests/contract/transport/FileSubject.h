@@ -5,22 +5,24 @@
 
 namespace agent::contract {
 
-/// A subject of a real server, which keeps the image in a file: what has arrived is looked up there. Where
-/// the server is and how the image is called, the environment says.
-/// Owns, Threads, Fails: as TransportSubject.
+/// A subject on a real server that stores the image in a file, which is read to see what has arrived.
+/// Environment variables set the server's address and the image's name.
+/// Owns:    its logger; the file and the server belong to the environment.
+/// Threads: one.
+/// Fails:   by exception, which fails the test.
 class FileSubject : public TransportSubject {
 public:
-    /// Leaves the file with a time of its last change that no later change can have.
+    /// Sets the file's modification time to the distant past, so that any later write changes it.
     void setImage(const Bytes& image) override;
     Bytes image() override;
     std::string lastWrite() override;
 
 protected:
     FileSubject();
-    /// What the environment says; std::invalid_argument for a variable that isn't there.
+    /// The value of an environment variable; throws std::invalid_argument if it isn't set.
     static std::string setting(const char* name);
 
-    info::Logger logger; ///< what a transport complains about goes to standard error
+    info::Logger logger; ///< writes what a transport logs to standard error
 
 private:
     const std::string file = setting("TARGET_FILE");

@@ -17,28 +17,29 @@ namespace {
 
 using Bytes = TransportSubject::Bytes;
 
-/// Fake transports with one image between them.
+/// Fake transports that share one image.
 class FakeSubject : public BreakableSubject {
 public:
     explicit FakeSubject(bool holePunching) : holePunching(holePunching) {}
 
     std::shared_ptr<core::ITransport> make() override {
-        auto transport = std::make_shared<test::FakeTransport>(side);
+        auto transport = std::make_shared<test::FakeTransport>(remote);
         transport->holePunching = holePunching;
         return transport;
     }
-    void setImage(const Bytes& image) override { side->image = image; }
-    Bytes image() override { return side->image; }
-    std::string lastWrite() override { return std::to_string(side->changes); }
-    void breakDown() override { side->isBroken = true; }
-    void heal() override { side->isBroken = false; }
+    void setImage(const Bytes& image) override { remote->image = image; }
+    Bytes image() override { return remote->image; }
+    std::string lastWrite() override { return std::to_string(remote->changes); }
+    void startFailing() override { remote->isBroken = true; }
+    void stopFailing() override { remote->isBroken = false; }
 
 private:
-    std::shared_ptr<test::FakeTransport::FarSide> side = std::make_shared<test::FakeTransport::FarSide>();
+    std::shared_ptr<test::FakeTransport::RemoteImage> remote =
+        std::make_shared<test::FakeTransport::RemoteImage>();
     bool holePunching;
 };
 
-/// The decorator that fails on command, and is not commanded to.
+/// The decorator that injects failures, without any failure.
 class FaultySubject : public FakeSubject {
 public:
     using FakeSubject::FakeSubject;
@@ -68,10 +69,10 @@ public:
             return call.starts_with("iscsi_write16_task");
         }));
     }
-    void breakDown() override {
+    void startFailing() override {
         scriptCommands(std::vector(moreThanAllTries, test::FakeIscsi::Outcome::failed));
     }
-    void heal() override { scriptCommands({}); }
+    void stopFailing() override { scriptCommands({}); }
 
 private:
     static constexpr std::size_t moreThanAllTries = 100;
@@ -106,8 +107,8 @@ public:
     [[nodiscard]] bool mayFailShort() const override { return true; }
     [[nodiscard]] bool mayFailLate() const override { return true; }
     [[nodiscard]] bool staysBroken() const override { return true; }
-    void breakDown() override { zephane.isBroken = true; }
-    void heal() override { zephane.isBroken = false; }
+    void startFailing() override { zephane.isBroken = true; }
+    void stopFailing() override { zephane.isBroken = false; }
 
 private:
     std::uint64_t offset;

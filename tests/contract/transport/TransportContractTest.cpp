@@ -15,7 +15,7 @@ TEST_P(TransportContract, SeeksFromTheStartAndFromThePosition) {
     EXPECT_EQ(transport->seek(2 * block, relative), 5 * block);
     EXPECT_EQ(transport->seek(-block, relative), 4 * block);
     EXPECT_EQ(transport->seek(block, absolute), block);
-    EXPECT_EQ(transport->seek(size, absolute), size); // just behind the last byte
+    EXPECT_EQ(transport->seek(size, absolute), size); // the end of the image
     EXPECT_EQ(position(), size);
 }
 
@@ -96,7 +96,7 @@ TEST_P(TransportContract, NothingIsReadAndWrittenAtOnce) {
     EXPECT_EQ(position(), block);
 }
 
-/// What is no whole block is refused or written as it is, but never rounded to something else.
+/// A write that isn't a whole number of blocks is refused or done as requested, but never rounded.
 TEST_P(TransportContract, PartsOfBlocksAreRefusedOrWrittenAsTheyAre) {
     connect();
     for (const auto& [at, length] : std::vector<std::pair<std::int64_t, std::size_t>>{
@@ -151,7 +151,7 @@ TEST_P(TransportContract, PlainWriteWritesWhatIsEqualToo) {
 }
 
 TEST_P(TransportContract, WithoutAConnectionNothingIsReadOrWritten) {
-    for (int round = 0; round < 2; ++round) { // never connected, and no more
+    for (int round = 0; round < 2; ++round) { // first never connected, then disconnected
         errno = 0;
         EXPECT_EQ(read(block), -1);
         EXPECT_EQ(errno, ENOTCONN);
@@ -168,11 +168,11 @@ TEST_P(TransportContract, ConnectsAgainAtTheStart) {
     connect();
     transport->seek(5 * block, absolute);
     transport->disconnect();
-    transport->disconnect(); // of what is not connected
+    transport->disconnect(); // when already disconnected
     connect();
     EXPECT_EQ(position(), 0);
     transport->seek(5 * block, absolute);
-    connect(); // without a word to the first connection
+    connect(); // without disconnecting first
     EXPECT_EQ(position(), 0);
     EXPECT_EQ(read(block), block);
     EXPECT_EQ(received, originalAt(0, block));

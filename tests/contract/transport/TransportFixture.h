@@ -8,7 +8,7 @@
 
 namespace agent::contract {
 
-/// A subject whose image is filled with bytes of which each block has its own, and a connected transport.
+/// A subject whose image has different content in each block, and a connected transport.
 template <typename Subject>
 class TransportFixture : public testing::TestWithParam<SubjectRow<Subject>> {
 protected:
@@ -35,7 +35,7 @@ protected:
 
     std::int64_t write(const Bytes& bytes) { return transport->write(bytes.data(), bytes.size()); }
 
-    /// Whether this is what a read or write returns that has failed before it has done anything.
+    /// Whether `result` is what a read or write returns if it fails before it has any effect.
     [[nodiscard]] bool isFailure(std::int64_t result) const {
         return result == -1 || (result == 0 && subject->mayFailShort());
     }
@@ -48,12 +48,12 @@ protected:
         return bytes;
     }
 
-    /// A piece of the image as it was.
+    /// A range of the original image.
     [[nodiscard]] Bytes originalAt(std::int64_t offset, std::int64_t length) const {
         return {original.begin() + offset, original.begin() + offset + length};
     }
 
-    /// The image as it was but for a piece.
+    /// The original image with one range replaced.
     [[nodiscard]] Bytes originalWith(std::int64_t offset, const Bytes& piece) const {
         Bytes bytes = original;
         std::copy(piece.begin(), piece.end(), bytes.begin() + offset);

@@ -12,7 +12,7 @@
 namespace agent::contract {
 
 /// One implementation of ITransport, with an image of its own on the far side.
-/// Owns:    the far side; it outlives the transports that are made to it.
+/// Owns:    the far side; it must outlive the transports made for it.
 /// Threads: one.
 /// Fails:   by exception, which fails the test.
 class TransportSubject {
@@ -27,28 +27,30 @@ public:
     /// A transport to the image, not connected.
     virtual std::shared_ptr<core::ITransport> make() = 0;
     virtual void setImage(const Bytes& image) = 0;
-    /// The whole of it, as the far side has it.
+    /// The whole image, as stored on the far side.
     virtual Bytes image() = 0;
-    /// Says another thing after every write that has reached the far side.
+    /// Returns a different text after every write that has reached the far side.
     virtual std::string lastWrite() = 0;
-    /// Whether a read or write that fails may return the count of what was done, where others return -1.
+    /// Whether a failing read or write may return how much was done, where others return -1.
     [[nodiscard]] virtual bool mayFailShort() const { return false; }
-    /// Whether holes may run behind, so that the next call tells of one that has failed.
+    /// Whether holes may be punched asynchronously, so that the next call reports a failure.
     [[nodiscard]] virtual bool mayFailLate() const { return false; }
 };
 
-/// A subject of which a test can make every command fail.
-/// Owns, Threads, Fails: as TransportSubject.
+/// A subject that can make every command fail.
+/// Owns:    the far side; it must outlive the transports made for it.
+/// Threads: one.
+/// Fails:   by exception, which fails the test.
 class BreakableSubject : public TransportSubject {
 public:
-    /// From now on no command is carried out, until `heal`. A connection can still be made.
-    virtual void breakDown() = 0;
-    virtual void heal() = 0;
-    /// Whether a connection that has broken says so even when it has been closed.
+    /// From now on every command fails, until `stopFailing` is called. Connecting still works.
+    virtual void startFailing() = 0;
+    virtual void stopFailing() = 0;
+    /// Whether a broken connection still reports the failure after it has been closed.
     [[nodiscard]] virtual bool staysBroken() const { return false; }
 };
 
-/// How a subject is made, and what it is called among the tests.
+/// How to make a subject, and its name in test names.
 template <typename Subject>
 struct SubjectRow {
     std::string name;
@@ -60,7 +62,7 @@ void PrintTo(const SubjectRow<Subject>& row, std::ostream* out) {
     *out << row.name;
 }
 
-/// What the program that holds the suite has to show.
+/// Each test program that includes the suite defines these: the subjects that it tests.
 std::vector<SubjectRow<TransportSubject>> transportSubjects();
 std::vector<SubjectRow<BreakableSubject>> breakableSubjects();
 

@@ -1,4 +1,4 @@
-"""One cluster for all tests of a module."""
+"""One Ceph cluster for all tests of a module."""
 import pytest
 
 from lab.ceph import CephCluster

@@ -1,4 +1,4 @@
-"""The lab's Ceph cluster, and the NBD server on its images: what backups to it rely on."""
+"""The lab's Ceph cluster and the NBD server for its images: the properties that backups to it rely on."""
 import contextlib
 import json
 import subprocess
@@ -10,8 +10,8 @@ from lab.commands import run
 
 MIB = 1 << 20
 SIZE = 128 * MIB
-HOLE, HOLE_LENGTH = 5 * MIB, 70 * MIB # begins and ends inside of an object
-ORGANIZATION = MIB # what a disk holds beside the objects' own bytes, at most
+HOLE, HOLE_LENGTH = 5 * MIB, 70 * MIB # begins and ends inside an object
+ORGANIZATION = MIB # upper limit of what a disk holds besides the objects' own data
 SECONDS, SECONDS_AWAY = 60, 5
 
 
@@ -53,7 +53,7 @@ def allocated(cluster):
 
 
 def test_each_machine_holds_the_image_and_a_hole_takes_no_room(cluster, export, source, tmp_path):
-    """The NBD server lets all its connections see the same, and no request is too small."""
+    """All connections of the NBD server see the same data, and requests may be of any small size."""
     [told] = json.loads(run("nbdinfo", "--json", export.uri))["exports"]
     assert (told["export-size"], told["can_multi_conn"], told["can_zero"], told["block_size_minimum"]) \
         == (SIZE, True, True, 1)
@@ -70,7 +70,7 @@ def test_each_machine_holds_the_image_and_a_hole_takes_no_room(cluster, export, 
 
 
 def test_one_machine_may_be_missing(cluster, export, source, tmp_path):
-    """It is brought up to what the others have, and may then stand in for one of them."""
+    """The machine catches up with the others, and can then replace one of them."""
     with cluster.without(0):
         assert cluster.up() == {1, 2}
         run("nbdcopy", "--flush", source, export.uri)

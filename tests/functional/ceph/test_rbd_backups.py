@@ -12,7 +12,7 @@ from zephane_site import KINDS, fragment, free_extents, watched_wire
 MIB = 1 << 20
 VOLUMES = (dataclasses.replace(EXT4, making=("-b", "4096")), XFS) # a machine's disk has no smaller holes
 NAMES = ("data", "files")
-ORGANIZATION = MIB # what a disk holds beside the objects' own bytes, at most
+ORGANIZATION = MIB # upper limit of what a disk holds besides the objects' own data
 LARGE = 24 * MIB
 
 
@@ -33,7 +33,7 @@ def test_two_volumes_in_one_backup(protect, volumes):
 
 @pytest.mark.parametrize("name", NAMES)
 def test_free_space_takes_no_room(cluster, protect, volumes, punching, name):
-    """On no machine, of an image that was full of poison, in any type of backup."""
+    """No machine stores the free space of an image that was full of poison, after any type of backup."""
     volume = volumes[name]
     fragment(volume)
     before = min(room(cluster))
@@ -50,7 +50,7 @@ def test_free_space_takes_no_room(cluster, protect, volumes, punching, name):
 
 
 def room(cluster):
-    """What the disk of each machine holds."""
+    """The space used on the disk of each machine."""
     return [osd.allocated() for osd in cluster.osds]
 
 
@@ -62,7 +62,7 @@ def check_zero(path, extents):
 
 
 def test_what_is_equal_stays_off_the_wire(protect, volumes):
-    """Both ways: the cluster lets all connections see the same, so that zephaned can compare."""
+    """Equal data isn't sent in either direction: all connections see the same data, so it can be compared."""
     (root_of(volumes["data"]) / "large").write_bytes(os.urandom(LARGE))
     protection = protect("data")
     check(protection, protection.run(full=True), "full")

@@ -1,5 +1,5 @@
-"""Backups to a Ceph cluster whose machines die in the middle of a copy: what is reported finished is right,
-none waits for ever, and the next one works."""
+"""Backups to a Ceph cluster whose machines fail in the middle of a copy: if a backup is reported finished,
+the image is right; no backup waits for ever, and the next one works."""
 import time
 
 import pytest
@@ -10,18 +10,18 @@ from lab.services import wait_until
 from zephane_site import KINDS
 
 SECONDS_AWAY = 5
-LONGEST_WAIT = 150 # of a backup for storage that says nothing any more
+LONGEST_WAIT = 150 # for a backup whose storage doesn't answer any more
 
 
 @pytest.fixture
 def fragile(cluster, agent, appliance, punching):
-    """A site with one volume that has been backed up to the cluster. Every kind of request is made."""
+    """A site with one volume that has been backed up to the cluster. Requests of every kind are made."""
     with fault_site(appliance, agent, (DATA,), RbdServer, cluster=cluster) as made:
         yield made
 
 
 def test_one_machine_dies(fragile, cluster, faults):
-    """Nobody notices, and it is brought up to date when it is back."""
+    """The backup doesn't notice, and the machine catches up when it is back."""
     for kind in KINDS:
         with fragile.in_copy(**kind) as (backup, hold), cluster.without(0):
             hold.release()
@@ -57,7 +57,7 @@ def test_machines_that_stay_away(fragile, cluster, faults):
 
 
 def test_engine_dies(fragile, faults):
-    """Ceph lets its successor write when the dead one's lock has run out."""
+    """Ceph allows a new engine to write when the lock of the dead one has expired."""
     export = fragile.target.exports["data"]
     for kind in KINDS:
         with fragile.in_copy(**kind) as (backup, hold):

@@ -18,7 +18,7 @@
 
 namespace {
 
-/// Holds requests back until the test lets one go.
+/// Blocks requests until the test lets one go.
 class Gate {
 public:
     void open() {
@@ -31,7 +31,7 @@ public:
         changed.wait(lock, [this] { return opened > 0; });
         --opened;
     }
-    /// Whether it is opened within a second.
+    /// Waits up to a second; returns whether the gate was opened.
     bool opensSoon() {
         std::unique_lock lock(mutex);
         return changed.wait_for(lock, std::chrono::seconds(1), [this] { return opened > 0; });
@@ -110,9 +110,9 @@ void serve(const char* key, const char* certificate, const char* trust) {
 
 } // namespace
 
-/// HttpsEcho KEY CERTIFICATE TRUST: an HTTPServer that answers each request with what it was given. The log
-/// goes to standard output, a line of standard input lets one request to /wait go, and its end stops the
-/// server. What a URL asks for besides: /wait blocks, /linger ends a second after a stop has begun, /big
+/// HttpsEcho KEY CERTIFICATE TRUST: an HTTPServer that answers each request with a description of it. The log
+/// goes to standard output. Each line of standard input lets one request to /wait go; the end of standard
+/// input stops the server. Special URLs: /wait blocks, /linger ends a second after a stop has begun, /big
 /// answers with 16 MiB, /throw and /strange throw.
 int main(int argc, char** argv) {
     if (argc != 4) {

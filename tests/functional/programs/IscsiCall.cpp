@@ -37,7 +37,7 @@ std::int64_t readInto(IscsiTransport& transport, std::size_t length, const std::
     return result;
 }
 
-/// The result of one command; -1 for what has not worked.
+/// Runs one command; returns its result, or -1 if it failed.
 std::int64_t run(IscsiTransport& transport, const std::string& line) {
     std::istringstream words(line);
     std::string name;
@@ -80,10 +80,10 @@ void serve(IscsiTransport& transport) {
 /// standard input is one of
 ///     connect | compare | disconnect         `compare` connects too; writes then compare first
 ///     seek OFFSET WHENCE
-///     read LENGTH FILE                       what comes is written to FILE
-///     write FILE OFFSET LENGTH               this piece of FILE
-/// and is answered by one line of JSON: what the call has returned, and `errno` if that was -1. The log goes
-/// to standard error, each line behind the number of its level.
+///     read LENGTH FILE                       writes the data to FILE
+///     write FILE OFFSET LENGTH               writes this part of FILE
+/// and is answered by one line of JSON: the return value of the call, and `errno` if that is -1. The log goes
+/// to standard error; each line begins with its level as a number.
 int main(int count, char** values) {
     agent::info::Logger logger([](const std::string& message, int level, agent::info::LogTime /*time*/) {
         std::cerr << level << " " << message << std::flush;

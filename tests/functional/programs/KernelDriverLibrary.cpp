@@ -2,8 +2,8 @@
 #include <cstdint>
 #include <tolvubd.h>
 
-/// The control library as it comes with the kernel's driver, on a machine that hasn't loaded it: the seven
-/// functions, and no status files of its own.
+/// The control library as the kernel driver's package provides it, on a machine that hasn't loaded the
+/// driver: the seven functions, without status files.
 namespace {
 
 std::int32_t withoutDriver() {

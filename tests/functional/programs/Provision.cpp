@@ -37,8 +37,9 @@ void provision(agent::info::Logger& logger, CertificateServiceLimits limits) {
 
 } // namespace
 
-/// Gets the agent's certificates as the agent does. Prints the three texts; what is logged, and the reason of
-/// a failure, go to standard error. The argument is the time, in milliseconds, that the service has.
+/// Obtains the agent's certificates in the same way as the agent, and prints the three texts. The log, and
+/// the reason of a failure, go to standard error. The argument is the time limit for the service in
+/// milliseconds.
 int main(int count, char** arguments) {
     agent::info::Logger logger([](const std::string& message, int level, agent::info::LogTime /*time*/) {
         std::cerr << level << " " << message << std::flush;

@@ -38,7 +38,7 @@ nlohmann::json describe(const VolumeSnapshotInfos& infos) {
     return result;
 }
 
-/// A backup's view of its volumes, without the backup.
+/// The snapshots of a backup's volumes, without the backup.
 class Session {
 public:
     Session(agent::info::Logger& logger, agent::info::ICowFileSize& cowFileSize,
@@ -100,11 +100,11 @@ void serve(agent::info::Logger& logger, const std::vector<std::string>& argument
 
 } // namespace
 
-/// Takes the snapshots of a backup and ends them, as the lines of standard input say: "start", "check",
-/// "end success" or "end failure". Each argument is a volume's UUID; a plus before it makes its backup
-/// incremental. Prints "ready", then one line of JSON a command: what is known of the snapshots, or the text
-/// of the failure. "check" tells of each snapshot that was started the error that it has come to, or 0. The
-/// log goes to standard error, each line behind the number of its level.
+/// Takes the snapshots of a backup and ends them, as the lines of standard input say: "start", "check", "end
+/// success" or "end failure". Each argument is the UUID of a volume; a plus sign before it makes its backup
+/// incremental. Prints "ready", then one line of JSON for each command: the facts about the snapshots, or the
+/// text of the failure. "check" prints, for each snapshot that was started, its error number, or 0. The log
+/// goes to standard error; each line begins with its level as a number.
 int main(int count, char** values) {
     agent::info::Logger logger([](const std::string& message, int level, agent::info::LogTime /*time*/) {
         std::cerr << level << " " << message << std::flush;

@@ -1,5 +1,5 @@
-// Calls one function of the snapshot driver's library and prints what came of it: TolvubdCall FUNCTION
-// ARGUMENT...; the exit status is 0 only if the library has returned 0.
+// Calls one function of the snapshot driver's library and prints the result: TolvubdCall FUNCTION ARGUMENT...
+// The exit status is 0 only if the library has returned 0.
 
 #include "tolvubd.h"
 
@@ -22,6 +22,7 @@ std::uint32_t minorOf(const std::string& text) {
     return static_cast<std::uint32_t>(std::stoul(text));
 }
 
+// Functions are named as in C, without the prefix; arguments are in the order of C, without the cache sizes.
 int32_t call(const std::string& function, const std::vector<std::string>& a) {
     if (function == "setup_snapshot") {
         return tolvubd_setup_snapshot(minorOf(a.at(0)), a.at(1).c_str(), a.at(2).c_str(), number(a.at(3)), 0);
@@ -69,7 +70,7 @@ int main(int argc, char** argv) {
         const int error = errno;
         std::cout << result << ' ' << (result == 0 ? 0 : error) << '\n';
         return result == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
-    } catch (const std::exception& error) { // not enough arguments, or none of the functions
+    } catch (const std::exception& error) { // not enough arguments, or an unknown function
         std::cerr << "TolvubdCall: " << error.what() << '\n';
         return 2;
     }

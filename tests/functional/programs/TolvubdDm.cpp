@@ -1,14 +1,14 @@
-// Calls the parts of libtolvubd that stand on the kernel's device-mapper, from the shell. Devices are named
-// by their UUIDs; a failure is printed, and its errno is the exit status.
+// Calls, from the shell, the parts of libtolvubd that use the kernel's device-mapper. Devices are named by
+// their UUIDs. A failure is printed, and its errno is the exit status.
 //
 //     TolvubdDm number MAJOR:MINOR
 //     TolvubdDm prefix PREFIX
 //     TolvubdDm create NAME UUID
-//     TolvubdDm load UUID                    with a target a line: START LENGTH TYPE PARAMETERS
+//     TolvubdDm load UUID                    reads one target per line: START LENGTH TYPE PARAMETERS
 //     TolvubdDm table|status|state|size|clear|remove|suspend|suspend-only UUID
 //     TolvubdDm resume UUID shown|hidden
 //     TolvubdDm message UUID TEXT
-//     TolvubdDm hold UUID [INSIDE...]        until a line comes, and says so
+//     TolvubdDm hold UUID [INSIDE...]        says when it holds the device; ends after a line of input
 //     TolvubdDm watch VOLUME SNAPSHOT
 
 #include "Failure.h"
@@ -93,24 +93,24 @@ dm::Visibility visibility(const std::string& word) {
 }
 
 void hold(const Words& words) {
-    std::vector<dm::Device> inside;
+    std::vector<dm::Device> innerDevices;
     for (std::size_t index = 1; index < words.size(); ++index) {
-        inside.push_back(named(words[index]));
+        innerDevices.push_back(named(words[index]));
     }
     const dm::Device volume = named(words.at(0));
-    auto owned =
-        std::make_unique<dm::SuspendedDevice>(volume, dm::Visibility::shown, inside, dm::liveTable(volume));
+    auto owned = std::make_unique<dm::SuspendedDevice>(volume, dm::Visibility::shown, innerDevices,
+                                                       dm::liveTable(volume));
     dm::SuspendedDevice& device = *owned;
     tolvubd::HoldGuard guard(std::move(owned));
     std::cout << "held" << std::endl;
     std::string line;
     std::getline(std::cin, line);
-    device.resumeInside();
+    device.resumeInnerDevices();
     guard.release();
     std::cout << "released" << std::endl;
 }
 
-// The words of a command, after its name.
+// The commands, by name; each takes the words after the name.
 const std::map<std::string, std::function<void(const Words&)>> commands{
     {"number", findNumber},
     {"prefix", listPrefix},

@@ -45,9 +45,9 @@ void find(const agent::info::VolumeProvider& provider, const std::string& uuid) 
 
 } // namespace
 
-/// Prints the volumes of this machine as JSON, once for each line of standard input: all of them for an empty
-/// line, the one of this UUID, or null, for any other. A failure is printed as a JSON string. The log goes to
-/// standard error, each line behind the number of its level.
+/// Prints the volumes of this machine as JSON, once for each line of standard input: all volumes for an empty
+/// line; for any other line, the volume with that UUID, or null. A failure is printed as a JSON string. The
+/// log goes to standard error; each line begins with its level as a number.
 int main() {
     agent::info::Logger logger([](const std::string& message, int level, agent::info::LogTime /*time*/) {
         std::cerr << level << " " << message << std::flush;

@@ -29,7 +29,7 @@ std::unique_ptr<zephane::SocketImpl> makeSocket() {
     return socket;
 }
 
-/// The result of one command, and its status.
+/// Runs one command; returns its result, and sets its status.
 std::int64_t run(ZephaneFTPClient& client, const std::string& line, Status& status) {
     std::istringstream words(line);
     std::string name;
@@ -60,8 +60,8 @@ std::int64_t run(ZephaneFTPClient& client, const std::string& line, Status& stat
 /// Drives the client of the second transport: ZephaneProbe HOST PORT PATH VOLUMEID FLAGS SECRET. Each line of
 /// standard input is one of
 ///     open | close | size | seek OFFSET | read LENGTH | write LENGTH | punch LENGTH
-/// and is answered by one line of JSON: what the call has returned, and the code and text of its status. What
-/// is written is one letter, all over.
+/// and is answered by one line of JSON: the return value of the call, and the code and text of its status.
+/// The data of a write is one letter, repeated.
 int main(int count, char** values) {
     const std::span<char*> all(values, static_cast<std::size_t>(count));
     const std::vector<std::string> arguments(all.begin() + 1, all.end());

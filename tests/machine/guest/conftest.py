@@ -1,4 +1,4 @@
-"""What tests inside of a machine have: a whole Debian that is theirs, and disks."""
+"""The fixtures of tests inside a machine, which have a whole Debian system of their own, and disks."""
 import os
 import pathlib
 import sys
@@ -15,19 +15,19 @@ from lvm_site import site_on  # noqa: E402
 
 @pytest.fixture(scope="session")
 def disks():
-    """The devices of the machine's disks, on which nothing is at first."""
+    """The devices of the machine's disks, which are empty at first."""
     return os.environ["MACHINE_DISKS"].split()
 
 
 @pytest.fixture(scope="module")
 def agent_site(disks):
-    """What the agent's own tests find on a machine, with logical volumes."""
+    """The environment that the agent's functional tests need, with logical volumes."""
     with site_on(*disks[:2]):
         yield
 
 
 @pytest.fixture(scope="module")
 def group():
-    """A volume group that is the module's own."""
+    """A volume group of the module's own."""
     with VolumeGroup() as made:
         yield made

@@ -1,5 +1,5 @@
-"""Volumes on device-mapper with a device of the driver, while a program writes; and what has to be true of
-the driver's pictures and records of them, whatever has been done to the volume meanwhile."""
+"""Volumes on device-mapper with a device of the driver, while a program writes; and checks of the snapshots
+and records that must hold whatever happens to the volume meanwhile."""
 import contextlib
 import errno
 import json
@@ -12,21 +12,21 @@ from lab import filesystems
 from lab.commands import run
 from lab.driver import forget_devices, info
 from lab.images import extents_on
+from lab.resources import Resource
 from lab.services import wait_until
-from lab.stay import Stay
 from tolvubd_site import Cow, LogicalVolumes, SNAPSHOT, UNIT, call, cow_files, layers, must, states, tolvuctl
 
 SECONDS = 60
 COW_MEBIBYTES = 12
-EVENT_SECONDS = 5 # within which a snapshot that isn't the moment any more must fail
+EVENT_SECONDS = 5 # within which a snapshot that isn't valid any more must fail
 PIECE = 1 << 20
-SECTORS = 2048 # in a mebibyte
+SECTORS = 2048 # per MiB
 BLOCKS = LogicalVolumes.blocks
 
 
 def logical_volumes(group, *options, slack=0):
-    """Where Volume finds its device: in a group, made with these options, and with so many mebibytes more
-    than its file system needs."""
+    """Returns the place for a Volume in a volume group: the device is made with these options, and with
+    `slack` MiB more than the file system needs."""
     @contextlib.contextmanager
     def place(name, filesystem, sectors):
         device = group.create(name, -(-sectors // SECTORS), *options)
@@ -38,12 +38,12 @@ def logical_volumes(group, *options, slack=0):
 
 
 class Unreadable(Exception):
-    """A device gave an error instead of what is on it."""
+    """A device returned an error instead of its data."""
 
 
 def picture(device):
-    """What tells the units on a device from others, read past the page cache. The units themselves of two
-    moments don't fit in the memory of a machine."""
+    """A hash of each unit on a device, read past the page cache. The units of two moments themselves don't
+    fit in a machine's memory."""
     with subprocess.Popen(["dd", f"if={device}", f"bs={PIECE}", "iflag=direct", "status=none"],
                           stdout=subprocess.PIPE, stderr=subprocess.PIPE) as reading:
         units = [hash(piece[at:at + UNIT]) for piece in iter(lambda: reading.stdout.read(PIECE), b"")
@@ -64,23 +64,23 @@ def differing(before, after):
     return {number for number, (old, new) in enumerate(zip(before, after)) if old != new}
 
 
-class Writer(Stay):
-    """A program that writes to a directory for as long as this lasts. None of its writes may fail, and what
-    it has written must be there in the end."""
+class Writer(Resource):
+    """A program that writes to a directory during the context. None of its writes may fail, and what it has
+    written must be there in the end."""
 
     def __init__(self, directory):
         super().__init__()
         self._command = [sys.executable, pathlib.Path(__file__).with_name("writer.py"), directory]
         self._busy = pathlib.Path(directory, "busy")
 
-    def open(self, lasting):
+    def open(self, stack):
         self._process = subprocess.Popen(self._command, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
                                          text=True)
-        lasting.callback(self._process.kill)
+        stack.callback(self._process.kill)
         self.wait_for_writes()
 
     def wait_for_writes(self):
-        """Until it has written since now."""
+        """Waits until the program has written again."""
         before = self._changed()
         wait_until(lambda: self._changed() != before, SECONDS, "a write")
 
@@ -93,10 +93,10 @@ class Writer(Stay):
         return said
 
 
-class Protected(Stay):
-    """A volume that has a snapshot, and a program that writes to it. `first` is the snapshot's picture;
-    `changed` counts the units that have changed according to pictures, `untouched` those that only a record
-    tells."""
+class Protected(Resource):
+    """A volume that has a snapshot, and a program that writes to it. `first` is the snapshot's picture.
+    `changed` counts the units that have changed according to the pictures, `untouched` those that only a
+    record names."""
 
     def __init__(self, volume, minor=0, cow_mebibytes=COW_MEBIBYTES):
         super().__init__()
@@ -107,18 +107,18 @@ class Protected(Stay):
         self._files = [volume.cow, volume.other_cow]
         self.changed = self.untouched = 0
 
-    def open(self, lasting):
-        lasting.callback(forget_devices)
-        self.writer = lasting.enter_context(Writer(self.volume.mount_point))
+    def open(self, stack):
+        stack.callback(forget_devices)
+        self.writer = stack.enter_context(Writer(self.volume.mount_point))
         self.start()
 
     def start(self):
-        """A first snapshot."""
+        """Takes the first snapshot."""
         must("setup_snapshot", self.minor, self.volume.device, self.volume.cow, self._cow_mebibytes)
         self.begin()
 
     def begin(self):
-        """The first snapshot is there."""
+        """Continues after the first snapshot has been taken."""
         self._files = [self.volume.cow, self.volume.other_cow]
         self.first = picture(self.node)
         self._own = self.own_units()
@@ -129,30 +129,30 @@ class Protected(Stay):
         self.writer.wait_for_writes()
 
     def error(self):
-        """What the driver says is wrong with the device, now that it has looked."""
+        """The device's error in the driver's status, after the driver has checked it."""
         must("start")
         return next(device["error"] for device in info()["devices"] if device["minor"] == self.minor)
 
     def own_units(self):
-        """Where the driver's own files lie, which nobody copies."""
+        """The units of the driver's own files, which no backup copies."""
         return {unit for name in cow_files(self.volume)
                 for begin, length in extents_on(self.volume.device, self.volume.filesystem,
                                                 self.volume.mount_point, name)
                 for unit in range(begin // UNIT, -(-(begin + length) // UNIT))}
 
     def outcome(self):
-        """What has come of the device, in words; fails where a picture or a record is wrong."""
+        """The outcome for the device, in words; fails if a picture or a record is wrong."""
         if states().get(self.minor) != SNAPSHOT:
             return self.next_record()
-        picture_is = self.look()
+        picture_is = self.check_snapshot()
         ended = call("transition_incremental", self.minor)
         if not ended:
             return f"{picture_is}; {self.full_comparison(ended)}"
         self.writer.wait_for_writes()
         return f"{picture_is}; {self.next_record()}"
 
-    def look(self):
-        """The snapshot shows the moment, or nothing."""
+    def check_snapshot(self):
+        """Checks that the snapshot shows its moment, or nothing."""
         try:
             now = picture(self.node)
         except Unreadable:
@@ -168,7 +168,8 @@ class Protected(Stay):
         return f"snapshot ended ({errno.errorcode[error]})"
 
     def next_record(self):
-        """The next snapshot's record tells all that has changed since the last picture, or there is none."""
+        """Checks that the next snapshot's record has all units that have changed since the last picture,
+        unless the snapshot is refused."""
         done = self.take_next()
         return self.check_record() if done else self.full_comparison(done)
 
@@ -176,22 +177,23 @@ class Protected(Stay):
         return call("transition_snapshot", self.minor, self._files[1], self._cow_mebibytes, wrapper=wrapper)
 
     def check_record(self):
-        """Another snapshot has been taken."""
+        """Checks the record after another snapshot has been taken."""
         closed, current = self._files
         now, error = picture(self.node), self.error()
         assert error == 0, "a snapshot was taken of what isn't sound"
-        told = set(Cow(closed, self.volume).changed_units)
+        recorded = set(Cow(closed, self.volume).changed_units)
         differ = differing(self.first, now) - self._own - self.own_units()
-        assert not differ - told, f"{len(differ - told)} of {len(differ)} changed units are missing"
+        assert not differ - recorded, f"{len(differ - recorded)} of {len(differ)} changed units are missing"
         assert len(differ) > 0
         self.changed += len(differ)
-        self.untouched += len(told - differ)
+        self.untouched += len(recorded - differ)
         self.first, self._files = now, [current, closed]
         self._own |= self.own_units()
-        return "set right" if len(told) < self.volume.size // UNIT else "everything told"
+        return "set right" if len(recorded) < self.volume.size // UNIT else "everything told"
 
     def full_comparison(self, refused):
-        """A device that isn't trusted says so, and is made anew: tracked again if its volume still can be."""
+        """Checks that a device that isn't trusted reports it; makes it anew, and tracks it again if the
+        volume still allows that."""
         assert refused.value == -1 and refused.error != 0
         assert self.error() != 0, f"refused with {errno.errorcode[refused.error]}, but the status is healthy"
         done = tolvuctl("destroy", self.minor)
@@ -207,7 +209,7 @@ class Protected(Stay):
         return f"full comparison ({errno.errorcode[refused.error]}), {end}"
 
     def end(self):
-        """No program has noticed anything; the volume is as LVM has it, and sound."""
+        """Checks that the writing program saw no error, and that the volume is as LVM has it, and sound."""
         self.writer.end()
         forget_devices()
         assert layers() == []

@@ -1,4 +1,4 @@
-"""A machine on which the agent's own tests run, with volumes that are logical ones."""
+"""A machine on which the agent's functional tests run, with logical volumes."""
 import contextlib
 import os
 import pathlib
@@ -15,14 +15,15 @@ SECONDS = 3000
 
 @contextlib.contextmanager
 def site_on(volumes_disk, files_disk):
-    """Has a group of volumes on one disk, and on the other room for images, which take more than memory."""
-    with contextlib.ExitStack() as lasting:
+    """Makes a volume group on one disk, and on the other a file system on /tmp for images, which are larger
+    than memory."""
+    with contextlib.ExitStack() as stack:
         run("vgcreate", GROUP, volumes_disk)
-        lasting.callback(run, "vgremove", "--yes", GROUP)
+        stack.callback(run, "vgremove", "--yes", GROUP)
         run("mkfs.xfs", "-q", files_disk)
         run("mount", files_disk, "/tmp")
-        lasting.callback(run, "umount", "/tmp")
-        lasting.enter_context(private_etc())
+        stack.callback(run, "umount", "/tmp")
+        stack.enter_context(private_etc())
         for rule in RULES:
             pathlib.Path("/etc/udev/rules.d", rule.name).write_bytes(rule.read_bytes())
         run("udevadm", "control", "--reload")
@@ -31,7 +32,8 @@ def site_on(volumes_disk, files_disk):
 
 @contextlib.contextmanager
 def private_etc():
-    """A mount there is the sign that all may be written."""
+    """Mounts an overlay on /etc: a mount point there is the sign that tests may write to the system's
+    files."""
     changes, work = pathlib.Path("/run/etc/changes"), pathlib.Path("/run/etc/work")
     for path in (changes, work):
         path.mkdir(parents=True, exist_ok=True)

@@ -1,4 +1,4 @@
-"""The agent's own tests of backups, on logical volumes, whose snapshots are device-mapper's."""
+"""The agent's functional tests of backups, on logical volumes, whose snapshots are device-mapper's."""
 import pytest
 
 from lvm_site import check_functional

@@ -1,4 +1,4 @@
-"""What suites that run in a machine find there."""
+"""The environment of test suites that run in a machine."""
 import os
 import pathlib
 import subprocess

@@ -1,5 +1,5 @@
-"""Volumes tracked by device-mapper, while programs write: what is done to them, and a store that is too
-small. The cases that tell most; the others are in nightly."""
+"""Volumes tracked by device-mapper, while programs write: administrators' actions, and a store that is too
+small. The most important cases; the others are in nightly."""
 import pytest
 
 from dm_site import Protected, logical_volumes
@@ -12,13 +12,13 @@ COW_MEBIBYTES = 8
 MORE_THAN_FITS = 20 << 20
 
 
-@pytest.mark.parametrize("verb", [verb for verb in VERBS if verb.telling], ids=lambda verb: verb.name)
+@pytest.mark.parametrize("verb", [verb for verb in VERBS if verb.every_run_state], ids=lambda verb: verb.name)
 def test_telling_verb(group, verb, record_property):
-    record_property("verb", check_verb(group, verb, verb.telling))
+    record_property("verb", check_verb(group, verb, verb.every_run_state))
 
 
 def test_overflow_is_an_error_of_the_snapshot_alone(group, record_property):
-    """Programs don't notice, the snapshot can't be read, the status says why, and tracking goes on; and so
+    """Programs aren't affected, the snapshot can't be read, the status says why, and tracking continues; also
     the next time."""
     with Volume("data", "ext4", SECTORS, logical_volumes(group)) as volume:
         volume.write("large", b"0" * MORE_THAN_FITS)
@@ -26,7 +26,7 @@ def test_overflow_is_an_error_of_the_snapshot_alone(group, record_property):
             assert layers()
             for digit in (b"1", b"2"):
                 volume.write("large", digit * MORE_THAN_FITS)
-                assert protected.look() == "snapshot ended (ENOSPC)"
+                assert protected.check_snapshot() == "snapshot ended (ENOSPC)"
                 must("transition_incremental", 0)
                 assert not call("transition_incremental", 0)
                 assert protected.error() == 0

@@ -1,5 +1,6 @@
-"""What administrators do to a logical volume while it is tracked, or while its snapshot is read: whatever
-it is, the next record is complete and the snapshot shows its moment, or the driver says that it isn't so."""
+"""Actions of administrators on a logical volume while it is tracked, or while its snapshot is read. After any
+of them, the next record must be complete and the snapshot must show its moment, or the driver must report an
+error."""
 import contextlib
 import dataclasses
 import time
@@ -16,18 +17,18 @@ STATES = ("tracking", "snapshot")
 
 @dataclasses.dataclass(frozen=True)
 class Verb:
-    """`act(volume, group)` is what somebody does; it returns the volume's new device, if that has another
-    name then. One that `may_fail` is refused by LVM or by the kernel. `telling` is the state in which each
-    run tries it, not only the nightly one."""
+    """`act(volume, group)` performs the action; it returns the volume's new device if that has another name
+    then. If it `may_fail`, LVM or the kernel may refuse it. `every_run_state` is the state in which every run
+    tries it, not only the nightly one."""
 
     name: str
     act: Callable
     may_fail: bool = False
-    telling: str = ""
+    every_run_state: str = ""
 
 
 def lvm(*words):
-    """A command of which the volume is the last word, or stands where {lv} does."""
+    """An LVM command; the words may contain {lv} and other names."""
     def act(volume, group):
         names = {"lv": f"{group.name}/{volume.device.name}", "vg": group.name, "mount": volume.mount_point,
                  "device": volume.device, "first": group.physical[0], "last": group.physical[-1]}
@@ -47,7 +48,7 @@ def rename_group(volume, group):
 
 
 def restore_metadata(volume, group):
-    """As after a mistake, from the file that LVM has kept."""
+    """Restores the metadata from LVM's backup file, as after a mistake."""
     run("vgcfgbackup", group.name)
     run("lvchange", "--addtag", "mistake", f"{group.name}/{volume.device.name}")
     run("vgcfgrestore", "-y", group.name)
@@ -61,7 +62,7 @@ def convert_to_thin(volume, group):
 
 
 def freeze(volume, _group):
-    """Somebody holds the file system, while the driver is asked for the next step."""
+    """Freezes the file system while the driver is asked for the next step."""
     run("fsfreeze", "--freeze", volume.mount_point)
     try:
         assert not call("transition_snapshot", 0, volume.other_cow, 12)
@@ -78,15 +79,15 @@ def suspend(*options):
 
 
 VERBS = (
-    Verb("lvchange --refresh", lvm("lvchange", "--refresh", "{lv}"), telling="snapshot"),
+    Verb("lvchange --refresh", lvm("lvchange", "--refresh", "{lv}"), every_run_state="snapshot"),
     Verb("lvextend", lvm("lvextend", "-L", "+8m", "{lv}")),
-    Verb("lvextend -r", lvm("lvextend", "-r", "-L", "+8m", "{lv}"), telling="tracking"),
+    Verb("lvextend -r", lvm("lvextend", "-r", "-L", "+8m", "{lv}"), every_run_state="tracking"),
     Verb("lvreduce", lvm("lvreduce", "-f", "-y", "-L", "-1m", "{lv}"), may_fail=True),
     Verb("lvrename", rename),
-    Verb("lvcreate -s", lvm("lvcreate", "-s", "-n", "old", "-L", "16m", "{lv}"), telling="snapshot"),
+    Verb("lvcreate -s", lvm("lvcreate", "-s", "-n", "old", "-L", "16m", "{lv}"), every_run_state="snapshot"),
     Verb("lvconvert --type raid1", lvm("lvconvert", "-y", "--type", "raid1", "-m1", "{lv}")),
     Verb("lvconvert --type thin", convert_to_thin),
-    Verb("pvmove", lvm("pvmove", "-i", "1", "{first}", "{last}"), telling="tracking"),
+    Verb("pvmove", lvm("pvmove", "-i", "1", "{first}", "{last}"), every_run_state="tracking"),
     Verb("pvmove --abort", lvm("pvmove", "--abort")),
     Verb("vgrename", rename_group),
     Verb("vgchange -ay", lvm("vgchange", "-ay", "{vg}")),
@@ -97,7 +98,7 @@ VERBS = (
     Verb("pvscan --cache -aay", lvm("pvscan", "--cache", "-aay")),
     Verb("udevadm trigger", lvm("udevadm", "trigger", "--settle", "--action=change", "{device}")),
     Verb("fstrim", lvm("fstrim", "{mount}"), may_fail=True),
-    Verb("fsfreeze", freeze, telling="tracking"),
+    Verb("fsfreeze", freeze, every_run_state="tracking"),
     Verb("dmsetup suspend", suspend()),
     Verb("dmsetup suspend --nolockfs", suspend("--nolockfs")),
     Verb("dmsetup suspend --noflush", suspend("--noflush", "--nolockfs")),
@@ -105,8 +106,8 @@ VERBS = (
 
 
 def check_verb(group, verb, state):
-    """What came of a verb in a state, in words; of how many units a record told that have changed, and that
-    have not."""
+    """The outcome of an action in a state, in words; and how many units the record names that have changed,
+    and how many that haven't."""
     with contextlib.ExitStack() as stack:
         stack.callback(remove_volumes, group)
         volume = stack.enter_context(Volume("data", "ext4", MEBIBYTES * 2048,

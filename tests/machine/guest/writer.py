@@ -1,8 +1,8 @@
 """A program that writes to a directory all the time, as a busy server does: writer.py DIRECTORY.
 
-It overwrites pieces of a file at random places and brings each to the disk; small files come and go. At the
-end of its standard input it reads back what it has written. It prints, as JSON, how often it has written, the
-longest time that took in seconds, and what went wrong.
+It overwrites pieces of a file at random places and syncs each to the disk; it also creates and deletes small
+files. At the end of its standard input it reads back what it has written. It prints, as JSON, how often it
+has written, the longest time that a write took in seconds, and what went wrong.
 """
 import hashlib
 import json
@@ -50,7 +50,7 @@ class Writer:
         path.write_bytes(self._random.randbytes(self._random.randrange(4 * PIECE)))
 
     def wrong(self):
-        """The places where the disk has something else than what was written."""
+        """The places where the disk has other data than was written."""
         os.posix_fadvise(self._file, 0, 0, os.POSIX_FADV_DONTNEED)
         return [at for at, digest in self._written.items()
                 if hashlib.sha256(os.pread(self._file, PIECE, at * PIECE)).digest() != digest]

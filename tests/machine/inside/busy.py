@@ -1,8 +1,8 @@
-"""A program that writes to a directory until its input ends, or the power goes: busy.py DIRECTORY FIRST.
+"""A program that writes to a directory until its input ends, or the power is cut: busy.py DIRECTORY FIRST.
 
-It overwrites pieces of a file at random places, and brings them to the disk now and then; files come, are
-renamed and go. It prints the number of each file `kept-NUMBER` once that must outlive a power cut, from FIRST
-on; the last `KEPT` of them are there.
+It overwrites pieces of a file at random places, and syncs now and then; it creates, renames and deletes
+files. It prints the number of each file `kept-NUMBER`, from FIRST on, as soon as the file must survive a
+power cut; the last `EXISTING_FILES` of them exist.
 """
 import os
 import pathlib
@@ -12,12 +12,12 @@ import sys
 
 PIECE = 4096
 PIECES = 2048
-KEPT = 16
+EXISTING_FILES = 16
 PAUSE = 0.02
 
 
 def content(number):
-    """What stands in a file, by its number."""
+    """The content of a file, by its number."""
     made = random.Random(number)
     return made.randbytes(made.randrange(1, 4 * PIECE))
 
@@ -36,7 +36,7 @@ class Busy:
             os.fdatasync(self._file)
 
     def replace_file(self, number):
-        """Under another name first, as programs do that mean their files to outlive a cut."""
+        """Writes the file under another name first, as programs do whose files must survive a power cut."""
         made = self._directory / "new"
         with open(made, "wb") as file:
             file.write(content(number))
@@ -44,7 +44,7 @@ class Busy:
             os.fsync(file.fileno())
         made.rename(self._directory / f"kept-{number}")
         os.fsync(self._folder)
-        (self._directory / f"kept-{number - KEPT}").unlink(missing_ok=True)
+        (self._directory / f"kept-{number - EXISTING_FILES}").unlink(missing_ok=True)
 
 
 def main():

@@ -1,15 +1,16 @@
 """An installed bekd, an appliance and its images, all in a machine: run inside, by installed_site.py.
 
-    installed.py make DISK OTHER   a logical volume on one disk, a partition on the other, both in fstab, room
-                                   for what is kept, certificates, and a quiesce script
-    installed.py pair              as the appliance does; the agent must have a name for both volumes
-    installed.py host              what the agent answers when it is asked for its volumes
+    installed.py make DISK OTHER   makes a logical volume on one disk and a partition on the other, both in
+                                   /etc/fstab, a file system for files to keep, certificates, a quiesce script
+    installed.py pair              pairs the agent with the appliance; the agent must know both volumes
+    installed.py host              prints the agent's answer to a request for its volumes
     installed.py change SEED       writes files to both volumes, removes and changes others
-    installed.py backup KIND       a backup of both: full, merge or incremental. Compares the images with
-                                   what the snapshots showed; prints what came of it
-    installed.py begin KIND        begins one whose target stops in the middle, and prints "in the middle"
+    installed.py backup KIND       backs up both volumes: full, merge or incremental. Compares the images with
+                                   the snapshots; prints the outcome
+    installed.py begin KIND        starts a backup whose target stops in the middle; prints "in the middle"
 
-Images, pictures of the snapshots and the appliance's certificate outlive a restart, in a place of their own.
+Images, copies of the snapshots and the appliance's certificate are on a file system of their own, and survive
+a restart.
 """
 import json
 import os
@@ -34,16 +35,16 @@ from lab.services import wait_until  # noqa: E402
 from lab.targets import Target  # noqa: E402
 from lab.volumes import Partition, Volume  # noqa: E402
 
-KEPT = pathlib.Path("/kept")
-SCRIPT = "keep-moments"
-# Copies each snapshot as soon as it is there, before the agent reads a block of it.
-KEEP_MOMENTS = f"""#!/bin/sh
+PERSISTENT = pathlib.Path("/kept")
+SCRIPT = "copy-snapshots"
+# Copies each snapshot as soon as it exists, before the agent reads a block of it.
+COPY_SNAPSHOTS = f"""#!/bin/sh
 [ "$1" = POST ] || exit 0
 for node in /dev/tolvu[0-9]*; do
-    dd if=$node of={KEPT}/moments/${{node#/dev/tolvu}}.img bs=1M iflag=direct conv=sparse status=none
+    dd if=$node of={PERSISTENT}/snapshots/${{node#/dev/tolvu}}.img bs=1M iflag=direct conv=sparse status=none
 done
 """
-READY_SECONDS = 300 # of a machine that is emulated, which has just been started
+READY_SECONDS = 300 # an emulated machine that has just been started is slow
 SECONDS = 1200
 LOGICAL, PLAIN = "logical", "plain"
 # With room for three CoW files: a power cut in the middle of a backup leaves two of them.
@@ -52,7 +53,7 @@ VOLUMES = {LOGICAL: in_whole_units(Volume(LOGICAL, "ext4", 440, "/volumes/logica
 
 
 def partition_of(name):
-    """A volume by the name that udisks has for its device."""
+    """A volume, with the device name that udisks uses."""
     volume = VOLUMES[name]
     source = run("findmnt", "--noheadings", "--output", "SOURCE", volume.mount_point).strip()
     partition = Partition(volume, str(pathlib.Path(source).resolve()))
@@ -61,6 +62,7 @@ def partition_of(name):
 
 
 def make(disk, other):
+    """Makes the volumes: a logical one and a plain partition, as the driver tracks them in different ways."""
     run("vgcreate", "-q", "lab", disk)
     run("lvcreate", "-q", "-y", "-n", LOGICAL, "-L", f"{VOLUMES[LOGICAL].mebibytes}M", "lab")
     run("sfdisk", "-q", other, input=f"label: gpt\nsize={VOLUMES[PLAIN].mebibytes}M\n,\n")
@@ -73,10 +75,10 @@ def make(disk, other):
         partition.format()
         lines.append(partition.fstab_line())
     run("mkfs.ext4", "-q", parts[1])
-    lines.append(f"{parts[1]} {KEPT} ext4 defaults 0 2")
+    lines.append(f"{parts[1]} {PERSISTENT} ext4 defaults 0 2")
     with open("/etc/fstab", "a", encoding="ascii") as table:
         table.writelines(f"{line}\n" for line in lines)
-    for path in (KEPT, *(pathlib.Path(volume.mount_point) for volume in VOLUMES.values())):
+    for path in (PERSISTENT, *(pathlib.Path(volume.mount_point) for volume in VOLUMES.values())):
         path.mkdir(parents=True, exist_ok=True)
     run("systemctl", "daemon-reload")
     run("mount", "--all")
@@ -85,35 +87,35 @@ def make(disk, other):
 
 
 def certify():
-    """What an administrator does by hand, and the script that he writes."""
-    (KEPT / "moments").mkdir()
-    authority = Authority(KEPT / "authority")
+    """Does by script what an administrator does by hand: certificates, and a quiesce script."""
+    (PERSISTENT / "snapshots").mkdir()
+    authority = Authority(PERSISTENT / "authority")
     install(authority.agent(), authority, CERTIFICATES)
     appliance = authority.device(DEVICE)
     for name, path in (("ca.crt", authority.certificate), ("appliance.pem", appliance.certificate),
                        ("appliance.key", appliance.key)):
-        shutil.copy(path, KEPT / name)
+        shutil.copy(path, PERSISTENT / name)
     SCRIPTS.mkdir(parents=True, exist_ok=True)
     script = SCRIPTS / SCRIPT
-    script.write_text(KEEP_MOMENTS, encoding="ascii")
+    script.write_text(COPY_SNAPSHOTS, encoding="ascii")
     script.chmod(0o700)
 
 
 def device_of(partition):
-    """What the driver says of a volume's device, which has another name when it has been given back."""
+    """The driver's status of a volume's device. Its device name may have changed since it was given back."""
     return next(device for device in driver.devices()
                 if pathlib.Path(device["block_device"]).resolve() == pathlib.Path(partition.device))
 
 
 def tracked_by(partition):
-    """In the words of the driver's tool."""
+    """How the volume is tracked, in the words of the driver's tool."""
     minor = device_of(partition)["minor"]
     line = next(line for line in run("tolvuctl", "list").splitlines() if line.split()[0] == str(minor))
     return re.search("(device-mapper|capture).*", line)[0]
 
 
 class Agent:
-    """The bekd that the service manager has started, in the place of a test's own."""
+    """The bekd that the service manager has started, with the interface of Daemon that tests use."""
 
     @property
     def log(self):
@@ -121,22 +123,22 @@ class Agent:
 
     @staticmethod
     def wait_for(condition, what, _seconds):
-        """With pauses, as the one processor is the agent's too."""
+        """Waits with pauses, because the agent needs the only processor too."""
         def after_a_pause():
             time.sleep(0.3)
             return condition()
         return wait_until(after_a_pause, SECONDS, what)
 
 
-class KeptProtection(Protection):
-    """One whose images outlive the target."""
+class PersistentProtection(Protection):
+    """A Protection whose images outlive the target."""
 
     @staticmethod
-    def moment_of(partition):
-        return KEPT / "moments" / f"{device_of(partition)['minor']}.img"
+    def capture_of(partition):
+        return PERSISTENT / "snapshots" / f"{device_of(partition)['minor']}.img"
 
     def request(self, *names, **changes):
-        """One run of the script is enough for all volumes."""
+        """The volumes of a request; only the first names the script, as one run of it is enough for all."""
         volumes = super().request(*names, **changes)
         volumes[0]["scriptsPrePost"] = [{"scriptname": SCRIPT, "timeout": SECONDS}]
         return volumes
@@ -150,22 +152,22 @@ class KeptProtection(Protection):
         return image
 
 
-class KeptTarget(Target):
+class PersistentTarget(Target):
     @staticmethod
-    def make_directory(lasting, prefix, parent):
-        if parent != KEPT:
-            return Target.make_directory(lasting, prefix, parent)
-        (KEPT / "images").mkdir(exist_ok=True)
-        return KEPT / "images"
+    def make_directory(stack, prefix, parent):
+        if parent != PERSISTENT:
+            return Target.make_directory(stack, prefix, parent)
+        (PERSISTENT / "images").mkdir(exist_ok=True)
+        return PERSISTENT / "images"
 
     def __init__(self):
-        super().__init__(directory=KEPT)
+        super().__init__(directory=PERSISTENT)
 
 
 def appliance():
-    """A client of the agent, which answers."""
-    client = Appliance(certificate=KEPT / "appliance.pem", key=KEPT / "appliance.key",
-                       authority=KEPT / "ca.crt", seconds=SECONDS)
+    """A client of the agent, returned once the agent answers."""
+    client = Appliance(certificate=PERSISTENT / "appliance.pem", key=PERSISTENT / "appliance.key",
+                       authority=PERSISTENT / "ca.crt", seconds=SECONDS)
 
     def answers():
         try:
@@ -180,8 +182,8 @@ def appliance():
 def pair():
     with appliance() as client:
         assert client.pair(DEVICE).is_success
-        told = json.dumps(client.host().content)
-    assert all(partition_of(name).uuid in told for name in VOLUMES), told
+        host_text = json.dumps(client.host().content)
+    assert all(partition_of(name).uuid in host_text for name in VOLUMES), host_text
 
 
 def host():
@@ -206,11 +208,11 @@ def change(seed):
 
 
 def protected(client, target):
-    return KeptProtection(client, Agent(), target, [partition_of(name) for name in VOLUMES])
+    return PersistentProtection(client, Agent(), target, [partition_of(name) for name in VOLUMES])
 
 
 def backup(kind):
-    with KeptTarget() as target, appliance() as client:
+    with PersistentTarget() as target, appliance() as client:
         protection = protected(client, target)
         done = protection.run(full=kind == "full", merge=kind == "merge")
         outcome = {"state": done.state, "log": done.log}
@@ -225,7 +227,7 @@ def backup(kind):
 
 
 def begin(kind):
-    with KeptTarget() as target, appliance() as client:
+    with PersistentTarget() as target, appliance() as client:
         protection = protected(client, target)
         started = protection.start(full=kind == "full", merge=kind == "merge")
         started.wait_for_log("Beginning copying volume", SECONDS)

@@ -1,9 +1,9 @@
-"""Looks at a volume after whatever has been done to it, and prints what it finds as JSON.
+"""Examines a volume after a test has changed or damaged it, and prints the result as JSON.
 
-    look.py files DIRECTORY FIRST LAST    which of the files of busy.py aren't as they were
-    look.py own DEVICE KIND DIRECTORY     the places of the driver's own files: [offset, length] each
-    look.py devices                       what the driver says of its devices, now that it has looked
-    look.py steps CALLS COMMAND...        runs a command, and tells its calls that change something:
+    look.py files DIRECTORY FIRST LAST    the files of busy.py that are missing or changed
+    look.py own DEVICE KIND DIRECTORY     the extents of the driver's own files: [offset, length] each
+    look.py devices                       the driver's status of its devices, after it has checked them
+    look.py steps CALLS COMMAND...        runs a command; the calls by which it changes something:
                                           [name, number] each
 """
 import collections
@@ -22,7 +22,7 @@ from lab.images import extents_on  # noqa: E402
 from tolvubd_site import must  # noqa: E402
 
 TRACE = pathlib.Path("/tmp/tolvubd.trace")
-# They change nothing.
+# Calls that change nothing.
 QUESTIONS = re.compile(r"DM_(VERSION|DEV_STATUS|TABLE_STATUS|TABLE_DEPS|LIST_\w+)|FS_IOC_FIEMAP|BLKGETSIZE")
 
 

@@ -1,24 +1,23 @@
 """A server that starts from its own disk, and the appliance with its images: run inside, by server_site.py.
 
 In the rescue system:
-    server.py make DISK KEPT SOURCE LINE PACKAGE...
-                                   a server on one disk, its packages too, and room for what the appliance
-                                   keeps on the other. SOURCE is a device with the system to make it of; "" is
-                                   the running one. LINE is what the kernel is told; with "" there is no boot
-                                   loader
-    server.py serve                the appliance's target, until it is killed
-    server.py compare              what has been restored against the manifests
+    server.py make DISK PERSISTENT_DISK SOURCE LINE PACKAGE...
+                                   makes a server on one disk, including its packages, and a file system for
+                                   the appliance's files on the other. SOURCE is a device with the system to
+                                   copy; "" means the running one. LINE is the kernel's command line; if it is
+                                   "", there is no boot loader
+    server.py serve                runs the appliance's target until it is killed
+    server.py compare              compares the restored volumes with the manifests
 
 In the server:
-    server.py pair                 the agent is started, and takes the appliance
+    server.py pair                 starts the agent, and pairs it with the appliance
     server.py change SEED          writes files to all volumes, removes and changes others
-    server.py backup KIND          a backup of all volumes: full, merge or incremental; prints what came of it
-    server.py prove KIND           the same, and each image is compared with what the snapshot showed; then a
-                                   manifest of that is made
+    server.py backup KIND          backs up all volumes: full, merge or incremental; prints the outcome
+    server.py verify KIND          the same; then compares each image with its snapshot, and makes a manifest
+                                   of the snapshot
 """
 import contextlib
 import dataclasses
-import hashlib
 import json
 import os
 import pathlib
@@ -31,14 +30,13 @@ ROOT = pathlib.Path(__file__).resolve().parents[3]
 sys.path.insert(0, str(ROOT))
 
 import installed  # noqa: E402
-from installed import KEPT, SECONDS, Agent, KeptProtection, KeptTarget  # noqa: E402
+from installed import PERSISTENT, SECONDS, Agent, PersistentProtection, PersistentTarget  # noqa: E402
 from lab.commands import run  # noqa: E402
-from lab.driver import OWN_FILES  # noqa: E402
-from lab.images import compare_used, fsck, looked_into, mounted  # noqa: E402
+from lab.images import compare_used, fsck, mounted, mounted_unreplayed  # noqa: E402
 from lab.volumes import Partition, Volume  # noqa: E402
+from manifests import MANIFESTS, manifest_of, write_manifest  # noqa: E402
 
 BUILDING = pathlib.Path("/mnt")
-MANIFESTS = KEPT / "manifests"
 USER, PASSWORD = "server", "of the images 1"
 GROUP = "server"
 TABLE = """label: gpt
@@ -47,7 +45,7 @@ size={esp}M, type=U
 size={boot}M
 type=V
 """
-# The kernel's own driver can't be frozen, so that of the ESP is a process: see lab/fat.py.
+# The kernel's FAT driver can't be frozen, so the ESP is mounted with a FUSE driver: see lab/fat.py.
 ESP_UNIT = """[Unit]
 RequiresMountsFor=/boot
 Before=bekd.service
@@ -57,7 +55,7 @@ ExecStart=/bin/sh -c 'device=$(readlink -f /dev/disk/by-label/esp) && exec fusef
 [Install]
 WantedBy=multi-user.target
 """
-# Answers whoever asks for a file of the data volume.
+# Serves the files of the data volume.
 PAGE_UNIT = """[Unit]
 RequiresMountsFor=/data
 [Service]
@@ -69,10 +67,10 @@ WantedBy=multi-user.target
 
 @dataclasses.dataclass(frozen=True)
 class Place:
-    """A volume, where it lies, and how it is mounted."""
+    """A volume, its place, and its mount."""
 
     volume: Volume
-    device: str # behind the name of the disk, or of the group
+    device: str # after the name of the disk, or of the group
     is_logical: bool = False
 
 
@@ -81,20 +79,21 @@ def place(name, file_system, mebibytes, device, mount_point, *making, options="d
     return Place(volume, device, device.startswith("/"))
 
 
-# In the order of their numbers on the target. With room for two CoW files of the least size each.
+# In the order of their LUNs on the target. With room for two CoW files of the smallest size each.
 PLACES = {one.volume.name: one for one in (
     place("root", "ext4", 2200, "/root", "/", "-b", "4096", options="errors=remount-ro"),
     place("boot", "ext4", 460, "3", "/boot", "-b", "4096"),
     place("data", "xfs", 640, "/data", "/data"),
     place("esp", "vfat", 300, "2", "/boot/efi", options="umask=0077,noauto"),
 )}
-# A snapshot of it takes a process to be looked at, which not every kernel shows; its image is a copy there.
+# To take a snapshot of the ESP, the driver examines the FUSE process in /proc, which not every kernel allows.
+# On other kernels its image is a plain copy.
 ESP = "esp"
 PROTECTED = [name for name in PLACES if name != ESP or pathlib.Path("/proc/self/syscall").exists()]
-POISONED = (ESP, "data") # what an image was never told of must not look like zeros
+POISONED = (ESP, "data") # in these images, parts that were never written must not look like zeros
 SWAP_MEBIBYTES = 64
-# Of the running system, to be quick: a third of it, that nothing of this needs.
-LEFT_OUT = " ".join(f"--exclude=./usr/{path}" for path in (
+# Left out of the copy of the running system, to save time: a third of it, which no test needs.
+EXCLUDE_OPTIONS = " ".join(f"--exclude=./usr/{path}" for path in (
     "lib/modules/*/kernel/net", "lib/modules/*/kernel/drivers/[n-z]*", "lib/modules/*/kernel/fs/[g-w]*",
     "lib/x86_64-linux-gnu/perl", "lib/x86_64-linux-gnu/ceph", "share/perl", "lib/udev/hwdb*", "bin/fio"))
 
@@ -106,15 +105,16 @@ def device_of(one, disk="/dev/sda"):
 # Making a server
 
 
-def make(disk, kept, source, line, *packages):
+def make(disk, persistent_disk, source, line, *packages):
+    """Makes a server: a copy of a running or stored system on new volumes, with the packages installed."""
     make_volumes(disk)
-    prepare_kept(kept)
+    prepare_persistent_disk(persistent_disk)
     with contextlib.ExitStack() as stack:
         tree = stack.enter_context(Partition(Volume("source", "ext4"), source).mounted("/run/source", "ro")) \
             if source else "/"
         for name in ("root", "boot", ESP, "data"):
             stack.enter_context(PARTITIONS[name].mounted(BUILDING / PLACES[name].volume.mount_point[1:]))
-        run("sh", "-c", f"tar -C {tree} {LEFT_OUT if tree == '/' else ''} --one-file-system -c . | "
+        run("sh", "-c", f"tar -C {tree} {EXCLUDE_OPTIONS if tree == '/' else ''} --one-file-system -c . | "
                         f"tar -C {BUILDING} -x")
         for path in ("/dev", "/proc", "/sys", "/run", str(ROOT)):
             (BUILDING / path[1:]).mkdir(parents=True, exist_ok=True)
@@ -137,9 +137,9 @@ def make(disk, kept, source, line, *packages):
 
 
 def copy_esp():
-    (KEPT / "images").mkdir()
-    run("cp", "--sparse=always", PARTITIONS[ESP].device, KEPT / "images" / ESP)
-    with mounted(KEPT / "images" / ESP, "vfat") as tree:
+    (PERSISTENT / "images").mkdir()
+    run("cp", "--sparse=always", PARTITIONS[ESP].device, PERSISTENT / "images" / ESP)
+    with mounted(PERSISTENT / "images" / ESP, "vfat") as tree:
         write_manifest(ESP, tree)
 
 
@@ -161,32 +161,32 @@ def make_volumes(disk):
     run("udevadm", "settle")
 
 
-def prepare_kept(kept):
-    run("mkfs.ext4", "-q", "-L", "kept", kept)
-    KEPT.mkdir(exist_ok=True)
-    run("mount", kept, KEPT)
+def prepare_persistent_disk(disk):
+    run("mkfs.ext4", "-q", "-L", "kept", disk)
+    PERSISTENT.mkdir(exist_ok=True)
+    run("mount", disk, PERSISTENT)
     MANIFESTS.mkdir()
 
 
 def configure():
-    """Mount points and the like; whatever of the rescue system's mustn't be the server's."""
+    """Configures mount points and the like, and removes what only the rescue system needs."""
     lines = []
     for name, one in PLACES.items():
         uuid, options = PARTITIONS[name].uuid, one.volume.fstab
         where = f"{one.volume.mount_point} {one.volume.file_system}"
         lines.append(f"UUID={uuid} {where} {options} 0 {1 if name == 'root' else 0}")
     swap = run("blkid", "--match-tag", "UUID", "--output", "value", f"/dev/{GROUP}/swap")
-    lines += [f"UUID={swap} none swap sw 0 0", f"LABEL=kept {KEPT} ext4 defaults 0 2"]
+    lines += [f"UUID={swap} none swap sw 0 0", f"LABEL=kept {PERSISTENT} ext4 defaults 0 2"]
     for path, text in {"etc/fstab": "".join(f"{line}\n" for line in lines), "etc/hostname": "db1\n",
                        "etc/machine-id": ""}.items():
         (BUILDING / path).write_text(text, encoding="ascii")
-    (BUILDING / KEPT.relative_to("/")).mkdir(exist_ok=True)
+    (BUILDING / PERSISTENT.relative_to("/")).mkdir(exist_ok=True)
     (BUILDING / "etc/systemd/system/serial-getty@ttyS0.service").unlink(missing_ok=True) # it was masked
 
 
 def make_initramfs_small():
-    """Made anew when packages come and when the root is tracked, it takes minutes if it has what this machine
-    doesn't need."""
+    """Keeps the initramfs small. It is rebuilt when packages are installed and when the root is tracked,
+    which takes minutes if it has what this machine doesn't need."""
     initramfs = BUILDING / "etc/initramfs-tools"
     (initramfs / "conf.d/machine").write_text("MODULES=list\nCOMPRESSLEVEL=1\n", encoding="ascii")
     (initramfs / "modules").write_text("virtio_pci\nvirtio_scsi\nsd_mod\next4\ndm_mod\n", encoding="ascii")
@@ -207,7 +207,8 @@ def add_services():
 
 
 def add_oddities():
-    """What a copy of files would lose: links, holes, owners, times, attributes, names that aren't plain."""
+    """Creates what a plain copy of files would lose: links, holes, owners, times, attributes, unusual
+    names."""
     for top in ("srv", "data"):
         directory = BUILDING / top / "odd Ünïcode\n"
         directory.mkdir()
@@ -228,7 +229,7 @@ def add_oddities():
 
 
 def make_boot_loader(disk, line):
-    """Two of them: that of a BIOS, and that of a UEFI in the place where it looks for one unasked."""
+    """Installs two boot loaders: one for BIOS, and one for UEFI at the path where it looks by default."""
     (BUILDING / "etc/default/grub").write_text(
         f'GRUB_TIMEOUT=0\nGRUB_TERMINAL=serial\nGRUB_CMDLINE_LINUX="{line}"\n', encoding="ascii")
     named = "--modules=part_gpt" # it may not know the kind of disk on which it is installed here
@@ -249,40 +250,40 @@ def partition_of(name):
     return partition
 
 
-class ServersProtection(KeptProtection):
-    """A script copies the snapshots only where somebody is going to look at them."""
+class ServersProtection(PersistentProtection):
+    """Runs the script that copies the snapshots only if the copies are going to be compared."""
 
-    keeps_moments = True
+    copies_snapshots = True
 
     def request(self, *names, **changes):
-        if self.keeps_moments:
+        if self.copies_snapshots:
             return super().request(*names, **changes)
-        return super(KeptProtection, self).request(*names, **changes)
+        return super(PersistentProtection, self).request(*names, **changes)
 
     def _add_image(self, partition, options):
         return super()._add_image(partition, options | {"poisoned": partition.name in POISONED})
 
 
-class AppliancesTarget(KeptTarget):
-    """One that asks who wants to see the images."""
+class AppliancesTarget(PersistentTarget):
+    """A target that requires authentication to access the images."""
 
-    def open(self, lasting):
-        super().open(lasting)
+    def open(self, stack):
+        super().open(stack)
         self.require_chap(USER, PASSWORD)
 
 
 def pair():
-    if not (KEPT / "moments").exists():
+    if not (PERSISTENT / "snapshots").exists():
         installed.certify()
     run("systemctl", "restart", "bekd")
     with installed.appliance() as client:
         assert client.pair(installed.DEVICE).is_success
-        told = json.dumps(client.host().content)
-    assert all(partition_of(name).uuid in told for name in PROTECTED), told
+        host_text = json.dumps(client.host().content)
+    assert all(partition_of(name).uuid in host_text for name in PROTECTED), host_text
 
 
 def change(seed):
-    """In the root's own directories there is enough going on."""
+    """Changes files on all volumes. The system itself changes enough in the root's own directories."""
     source = random.Random(seed)
     for name in PROTECTED:
         one = PLACES[name]
@@ -299,12 +300,12 @@ def change(seed):
 
 def backup(kind):
     with AppliancesTarget() as target, installed.appliance() as client:
-        return done_by(protected(client, target, keeps_moments=False), kind)
+        return done_by(protected(client, target, copies_snapshots=False), kind)
 
 
-def protected(client, target, *, keeps_moments):
+def protected(client, target, *, copies_snapshots):
     protection = ServersProtection(client, Agent(), target, [partition_of(name) for name in PROTECTED])
-    protection.keeps_moments = keeps_moments
+    protection.copies_snapshots = copies_snapshots
     return protection
 
 
@@ -318,31 +319,32 @@ def done_by(protection, kind):
     return outcome
 
 
-def prove(kind):
+def verify(kind):
     with AppliancesTarget() as target, installed.appliance() as client:
-        protection = protected(client, target, keeps_moments=True)
+        protection = protected(client, target, copies_snapshots=True)
         outcome = done_by(protection, kind)
         if outcome["state"] == "finished":
-            outcome["blocks"] = {name: proven(protection, name) for name in PROTECTED}
+            outcome["blocks"] = {name: verified_blocks(protection, name) for name in PROTECTED}
     os.sync()
     return outcome
 
 
-def proven(protection, name):
-    """How many blocks of an image are those of the snapshot. The root has files that are deleted and still
-    open; until a mount has done away with them, its checker finds fault with a bitmap."""
+def verified_blocks(protection, name):
+    """Checks an image against the snapshot; returns the number of equal blocks. The root isn't checked by
+    fsck: it has files that are deleted and still open, and until a mount has cleaned them up, e2fsck reports
+    errors in a bitmap."""
     partition, image = protection.partitions[name], protection.images[name]
-    moment, file_system = protection.moment_of(partition), partition.volume.file_system
+    capture, file_system = protection.capture_of(partition), partition.volume.file_system
     if name != "root":
         fsck(image.path, file_system)
-    blocks = compare_used(moment, image.path, file_system).check().blocks
-    with mounted(moment, file_system) as tree:
+    blocks = compare_used(capture, image.path, file_system).check().blocks
+    with mounted(capture, file_system) as tree:
         write_manifest(name, tree)
     return blocks
 
 
 def serve():
-    """In the place of the appliance, under the numbers that the backups have used."""
+    """Serves the images like the appliance, under the LUNs that the backups have used."""
     with AppliancesTarget() as target:
         for name in PLACES:
             target.images.append(target.serve(target.directory / name, block_size=512, thin=False))
@@ -351,49 +353,13 @@ def serve():
             time.sleep(SECONDS)
 
 
-# Manifests
-
-
-def manifest_of(root):
-    """All that is known of each file, by its path. Access times aren't: looking at a file is an access."""
-    root = pathlib.Path(root)
-    own = {root / name for name in OWN_FILES}
-    paths = (path for path in [root, *root.rglob("*")] if path not in own)
-    return {os.fsencode(path.relative_to(root)).hex(): facts_of(path) for path in paths}
-
-
-def facts_of(path):
-    status = path.lstat()
-    content = ""
-    if stat.S_ISREG(status.st_mode):
-        with open(path, "rb") as file:
-            content = hashlib.file_digest(file, "sha256").hexdigest()
-    elif stat.S_ISLNK(status.st_mode):
-        content = os.fsencode(os.readlink(path)).hex()
-    attributes = {name: os.getxattr(path, name, follow_symlinks=False).hex()
-                  for name in attributes_of(path)}
-    size = [] if stat.S_ISDIR(status.st_mode) else [status.st_size, status.st_blocks]
-    return [status.st_mode, status.st_uid, status.st_gid, status.st_nlink, status.st_rdev, status.st_mtime_ns,
-            size, content, attributes]
-
-
-def attributes_of(path):
-    try:
-        return os.listxattr(path, follow_symlinks=False)
-    except OSError: # a file system without any
-        return []
-
-
-def write_manifest(name, tree):
-    (MANIFESTS / f"{name}.json").write_text(json.dumps(manifest_of(tree)), encoding="ascii")
-
-
 def compare():
-    """How many files of each volume are what they were; a list of those that aren't is an error."""
+    """How many files of each volume are unchanged; raises an error with a list of the others if there are
+    any."""
     outcome = {}
     for name, one in PLACES.items():
         expected = json.loads((MANIFESTS / f"{name}.json").read_text(encoding="ascii"))
-        with looked_into(device_of(one), one.volume.file_system) as tree:
+        with mounted_unreplayed(device_of(one), one.volume.file_system) as tree:
             found = manifest_of(tree)
         differ = [bytes.fromhex(path).decode(errors="replace") for path in expected.keys() | found.keys()
                   if expected.get(path) != found.get(path)]
@@ -404,7 +370,7 @@ def compare():
 
 def main():
     verb, *arguments = sys.argv[1:]
-    verbs = {one.__name__: one for one in (make, serve, compare, pair, change, backup, prove)}
+    verbs = {one.__name__: one for one in (make, serve, compare, pair, change, backup, verify)}
     outcome = verbs[verb](*arguments)
     if outcome is not None:
         print(json.dumps(outcome))

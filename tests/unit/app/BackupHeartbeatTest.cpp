@@ -32,15 +32,15 @@ TEST_F(BackupHeartbeatTest, IsThereUnlessItIsSwitchedOff) {
         database.setConfigValue(key, value);
         EXPECT_EQ(makeBackupHeartbeat(database), nullptr) << value;
     }
-    database.setConfigValue(key, "false"); // for the backups that are made from then on
+    database.setConfigValue(key, "false"); // applies to backups created from now on
     EXPECT_NE(makeBackupHeartbeat(database), nullptr);
 }
 
 TEST_F(BackupHeartbeatTest, IsThereWhenTheDatabaseCannotBeRead) {
-    EXPECT_NE(makeBackupHeartbeat(database), nullptr); // which has no tables yet
+    EXPECT_NE(makeBackupHeartbeat(database), nullptr); // the database has no tables yet
 }
 
-TEST_F(BackupHeartbeatTest, LosesPatienceAfterThreeMinutesOnly) {
+TEST_F(BackupHeartbeatTest, DoesNotCallRightAfterAPing) {
     database.validateProvider();
     const auto heartbeat = makeBackupHeartbeat(database);
     bool hasCalled = false;

@@ -42,7 +42,7 @@ TEST_F(FlockTest, ReplacesWhatACrashLeftBehind) {
 TEST_F(FlockTest, OnlyRootCanHoldTheLock) {
     test::writeFile(path, "1");
     ASSERT_EQ(::chmod(path.c_str(), 0644), 0);
-    { // what an earlier version has left behind, and what another instance holds
+    { // a file of an earlier version, or one that another instance holds, gets the right mode
         const Flock first(path);
         EXPECT_EQ(file::status(path).st_mode & 07777U, 0600U);
     }
@@ -108,7 +108,7 @@ TEST_F(FlockTest, ChildProgramsDoNotInheritTheLock) {
         ::_exit(127);
     }
     ASSERT_GT(child, 0);
-    // Released by the close alone, although the child, once it is another program, lives on.
+    // Only this close releases the lock, although the child lives on after execve().
     lock.reset();
     bool locked = false;
     for (int i = 0; i < 1000 && !locked; ++i) {

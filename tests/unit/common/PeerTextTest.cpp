@@ -19,7 +19,7 @@ TEST(PeerText, PrintableWritesControlCharactersOut) {
     EXPECT_EQ(printable("\u0085\u009b2J\u00a0"), "\\xc2\\x85\\xc2\\x9b2J\u00a0");
 }
 
-/// Terminals that take single bytes obey 0x9b, too. Other bytes that are no UTF-8 do no harm.
+/// Terminals with 8-bit control codes obey 0x9b, too. Other bytes that are not UTF-8 are harmless.
 TEST(PeerText, PrintableFindsControlCharactersInWhatIsNoUtf8) {
     EXPECT_EQ(printable("\x9b"
                         "2J\xff"),
@@ -28,9 +28,9 @@ TEST(PeerText, PrintableFindsControlCharactersInWhatIsNoUtf8) {
     EXPECT_EQ(printable("\xc3"), "\xc3");
     EXPECT_EQ(printable("\xc3\x1b"), "\xc3\\x1b");
     EXPECT_EQ(printable("\xe2\x82"), "\xe2\\x82");
-    EXPECT_EQ(printable("\xc1\x9b\xc0\x8a"), "\xc1\\x9b\xc0\\x8a"); // longer than they need be
+    EXPECT_EQ(printable("\xc1\x9b\xc0\x8a"), "\xc1\\x9b\xc0\\x8a"); // overlong encodings
     EXPECT_EQ(printable("\xe0\x82\x9b"), "\xe0\\x82\\x9b");
-    EXPECT_EQ(printable("\xed\xa0\x80"), "\xed\xa0\\x80"); // half of a pair
+    EXPECT_EQ(printable("\xed\xa0\x80"), "\xed\xa0\\x80"); // a lone surrogate
     EXPECT_EQ(printable("\xf4\x90\x80\x80"), "\xf4\\x90\\x80\\x80");
 }
 
@@ -47,7 +47,7 @@ TEST(PeerText, ShortenedKeepsWhatFits) {
     EXPECT_EQ(shortened("12345", 5), "12345");
     EXPECT_EQ(shortened("123456", 5), "12345... (6 bytes)");
     EXPECT_EQ(shortened("", 0), "");
-    EXPECT_LT(shortened(std::string(1'000'000, 'x')).size(), longestPeerText + 100);
+    EXPECT_LT(shortened(std::string(1'000'000, 'x')).size(), maxPeerTextBytes + 100);
 }
 
 TEST(PeerText, ShortenedCutsBetweenCharacters) {

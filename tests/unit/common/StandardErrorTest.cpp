@@ -21,7 +21,7 @@ void countBrokenPipe(int /*signal*/) {
     brokenPipes = brokenPipes + 1;
 }
 
-/// A pipe in the place of standard error.
+/// Replaces standard error by a pipe.
 class StandardErrorTest : public testing::Test {
 protected:
     StandardErrorTest() {
@@ -36,7 +36,7 @@ protected:
     StandardErrorTest(const StandardErrorTest&) = delete;
     StandardErrorTest& operator=(const StandardErrorTest&) = delete;
 
-    /// What lies in the pipe.
+    /// The contents of the pipe.
     std::string waiting() {
         EXPECT_EQ(::fcntl(reader.get(), F_SETFL, O_NONBLOCK), 0);
         std::string text(1 << 20, '\0');
@@ -44,7 +44,7 @@ protected:
         return text.substr(0, count < 0 ? 0 : static_cast<std::size_t>(count));
     }
 
-    /// Fills the pipe to the last byte; returns how many it took.
+    /// Fills the pipe completely; returns how many bytes it took.
     static std::size_t fill() {
         const int flags = ::fcntl(STDERR_FILENO, F_GETFL);
         EXPECT_EQ(::fcntl(STDERR_FILENO, F_SETFL, flags | O_NONBLOCK), 0);

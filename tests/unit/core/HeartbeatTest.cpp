@@ -54,7 +54,7 @@ TEST_F(HeartbeatTest, CallsBackNoEarlierThanTheTimeout) {
     Heartbeat heartbeat(timeout);
     heartbeat.setCallback(counting());
     heartbeat.ping();
-    // Read after the ping, so that what is measured is never longer than the silence.
+    // Read after the ping, so that the measured time is never longer than the time without a ping.
     const auto pinged = std::chrono::steady_clock::now();
     while (calls == 0) {
         heartbeat.check();

@@ -7,8 +7,10 @@
 
 namespace agent::test {
 
-/// Shows every connection that is opened, in whatever code, to a function while the object lives. One at a
-/// time.
+/// While an object exists, passes every SQLite connection that any code opens to a function.
+/// Owns:    the registration with SQLite; only one object may exist at a time.
+/// Threads: connections may be opened in any thread; the function is called there.
+/// Fails:   never.
 class ConnectionHook {
 public:
     explicit ConnectionHook(std::function<void(sqlite3*)> seen) {
@@ -24,10 +26,10 @@ private:
         function(database);
         return SQLITE_OK;
     }
-    // SQLite registers entry points of any signature under this one.
+    // sqlite3_auto_extension() takes every entry point as this type, whatever its real signature is.
     static void (*entry())() { return reinterpret_cast<void (*)()>(&ConnectionHook::opened); }
 
-    // SQLite hands no context to an entry point.
+    // static, since SQLite passes no context to an entry point
     static inline std::function<void(sqlite3*)> function;
 };
 

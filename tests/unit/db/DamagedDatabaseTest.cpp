@@ -9,7 +9,7 @@ using test::failureOf;
 
 class DamagedDatabaseTest : public test::DataProviderFixture {
 protected:
-    /// The bytes of a whole file with some rows.
+    /// The bytes of an intact database file with some rows.
     std::string wholeFile() {
         provider.validateProvider();
         for (int number = 0; number < 40; ++number) {
@@ -19,7 +19,7 @@ protected:
         return test::readFile(path());
     }
 
-    /// Each operation either works or throws std::runtime_error. Returns how many failed.
+    /// Calls every operation; each must either work or throw std::runtime_error. Returns how many failed.
     int useAll() {
         std::int32_t id = 0;
         ChecksumType type{};
@@ -40,7 +40,7 @@ protected:
         return failures;
     }
 
-    std::uint32_t checksum = 1000; // as stored, and what it must be after each read
+    std::uint32_t checksum = 1000; // as stored; after each successful read it must be this value
 };
 
 TEST_F(DamagedDatabaseTest, NoDatabaseAtAll) {
@@ -63,7 +63,7 @@ TEST_F(DamagedDatabaseTest, AnEmptyFileIsAFreshOne) {
 TEST_F(DamagedDatabaseTest, TruncatedAtManyLengths) {
     const std::string whole = wholeFile();
     ASSERT_EQ(useAll(), 0);
-    // The last page belongs to an index without entries, so nothing is missing when a part of it is.
+    // The last page belongs to an index without entries, so truncating the file within it loses nothing.
     const std::size_t lastPage = whole.size() - 4096;
     for (std::size_t length = 1; length < whole.size(); length += length < 200 ? 13 : 509) {
         test::writeFile(path(), whole.substr(0, length));

@@ -1,139 +1,13 @@
-#include "db/DataMigrator.h"
+#include "unit/db/DataMigratorFixture.h"
 
-#include "app/AgentConfigOptions.h"
-#include "common/File.h"
-#include "common/config/Config.h"
-#include "common/config/JSONConfigDataProvider.h"
-#include "info/VolumeProvider.h"
-#include "support/FakeDriverController.h"
-#include "unit/db/DataProviderFixture.h"
-
-#include <gmock/gmock.h>
-#include <nlohmann/json.hpp>
-
-#include <chrono>
 #include <random>
-#include <sys/mount.h>
 
 namespace agent::db {
 namespace {
 
 using info::level::debug;
 using info::level::error;
-using nlohmann::json;
-using test::RawDatabase;
 using testing::ElementsAre;
-using testing::IsEmpty;
-
-constexpr std::uint64_t gib = 1ULL << 30;
-const std::string one = "11111111-1111-1111-1111-111111111111";
-const std::string two = "22222222-2222-2222-2222-222222222222";
-
-const std::string tables =
-    "create table device (id integer not null);"
-    "create table config (name text, value text);"
-    "create table history (id integer primary key, device text, volume text, result text, "
-    "image_chksum integer);";
-
-/// The volumes that a test has named.
-class FixedVolumes : public info::VolumeProvider {
-public:
-    using VolumeProvider::getBackupableVolumes;
-    using VolumeProvider::VolumeProvider;
-
-    [[nodiscard]] std::vector<std::shared_ptr<info::BackupableVolume>>
-    getBackupableVolumes(const Filter& filter) const override {
-        if (!failure.empty()) {
-            throw std::runtime_error(failure);
-        }
-        std::vector<std::shared_ptr<info::BackupableVolume>> found;
-        for (const auto& volume : volumes) {
-            if (filter(volume)) {
-                found.push_back(volume);
-            }
-        }
-        return found;
-    }
-
-    void add(const std::string& uuid, std::uint64_t size) {
-        info::VolumeDescription description;
-        description.uuid = uuid;
-        description.size = size;
-        volumes.push_back(std::make_shared<info::BackupableVolume>(std::move(description)));
-    }
-
-    std::string failure;
-
-private:
-    std::vector<std::shared_ptr<info::BackupableVolume>> volumes;
-};
-
-/// A driver that goes while what it was asked to do is kept.
-class NotingDriver : public test::FakeDriverController {
-public:
-    NotingDriver(std::vector<std::string>& notes, bool withHistory) : notes(notes) {
-        hasHistory = withHistory;
-    }
-    NotingDriver(const NotingDriver&) = delete;
-    NotingDriver& operator=(const NotingDriver&) = delete;
-    ~NotingDriver() override { notes.insert(notes.end(), calls.begin(), calls.end()); }
-
-private:
-    std::vector<std::string>& notes;
-};
-
-class DataMigratorTest : public test::DataProviderFixture {
-protected:
-    DataMigratorTest() {
-        dir::make(dir::base());
-        provider.validateProvider();
-    }
-    ~DataMigratorTest() override { dir::remove("/etc/tolvu"); }
-    DataMigratorTest(const DataMigratorTest&) = delete;
-    DataMigratorTest& operator=(const DataMigratorTest&) = delete;
-
-    static void makeLegacy(const std::string& content) { RawDatabase(legacy).run(tables + content); }
-
-    bool migrate() { return migrator.migrate(config); }
-
-    void expectMigrated() {
-        const std::string content = test::readFile(legacy);
-        EXPECT_TRUE(migrate());
-        EXPECT_FALSE(file::exists(legacy));
-        EXPECT_EQ(test::readFile(renamed), content);
-    }
-
-    /// The stores are as if there had been no legacy database.
-    void expectNothingStored() {
-        EXPECT_EQ(stored("select id from device;"), std::nullopt);
-        EXPECT_EQ(stored("select value from config where key = 'agentUUID';"), std::nullopt);
-        EXPECT_THAT(provider.getVolumeUUIDs(), IsEmpty());
-        EXPECT_EQ(config.dump(), json::object());
-    }
-
-    std::uint32_t checksumOf(const std::string& uuid) {
-        std::uint32_t checksum = 0;
-        ChecksumType type{};
-        provider.getVolumeChecksum(uuid, checksum, type);
-        EXPECT_EQ(type, ChecksumType::gcrypt32crc);
-        return checksum;
-    }
-
-    json sizeOf(const std::string& uuid) {
-        return config.dump().value("volumes." + uuid + ".cowFileSizeMiB", json());
-    }
-
-    static inline const std::string legacy = dir::base() / "bekd.sqlite";
-    static inline const std::string renamed = legacy + ".tolvu-migrated";
-
-    FixedVolumes volumes{recorder.logger};
-    std::vector<std::string> driverCalls;
-    bool hasHistory = false;
-    JSONConfigDataProvider configFile{dir::base() / "config.json"};
-    Config config{recorder.logger, configFile, app::agentConfigOptions()};
-    DataMigrator migrator{recorder.logger, provider, volumes,
-                          [this] { return std::make_unique<NotingDriver>(driverCalls, hasHistory); }};
-};
 
 TEST_F(DataMigratorTest, NothingToMigrate) {
     volumes.failure = "nobody may ask";
@@ -145,6 +19,8 @@ TEST_F(DataMigratorTest, NothingToMigrate) {
     expectNothingStored();
 }
 
+/// On Linux only the `device` column of the history names a volume, so the second volume's row doesn't count.
+/// Failed backups and rows without a checksum don't count either; the last of the others wins.
 TEST_F(DataMigratorTest, EverythingThatMatters) {
     volumes.add(one, 100 * gib);
     volumes.add(two, 10 * gib);
@@ -355,129 +231,7 @@ INSTANTIATE_TEST_SUITE_P(All, CowSizeTest,
                                          Size{"", "0", gib, nullptr}, Size{"ten", "0", gib, nullptr},
                                          Size{"10", "", gib, nullptr}, Size{"10", "much", gib, nullptr}));
 
-TEST_F(DataMigratorTest, AnUnreadableSizeSaysWhy) {
-    makeLegacy("insert into config values ('cow_percent', '10'), ('max_cow_megs', 'much');");
-    expectMigrated();
-    EXPECT_TRUE(
-        recorder.has(debug, "Failed to get cow file size related entries from legacy DB. Error: stoull"));
-}
-
-TEST_F(DataMigratorTest, ALockedDatabaseIsOneThatHoldsNothing) {
-    makeLegacy("insert into device values (4711);");
-    RawDatabase other(legacy);
-    other.run("BEGIN EXCLUSIVE;");
-    const auto started = std::chrono::steady_clock::now();
-    expectMigrated();
-    EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(5));
-    expectNothingStored();
-    EXPECT_TRUE(recorder.has(error, "Failed to select device ID from legacy DB: Unable to call prepare in "
-                                    "runquery, sqlite return: database is locked"));
-}
-
-TEST_F(DataMigratorTest, ADirectoryInPlaceOfTheDatabase) {
-    dir::make(legacy);
-    EXPECT_FALSE(migrate());
-    EXPECT_TRUE(recorder.hasPart(error, "Exception caught while attempting to migrate the legacy database: "
-                                        "QueryRunner: unable to open database file"));
-    EXPECT_TRUE(recorder.has(error, "Failed to migrate the legacy database data!"));
-    EXPECT_TRUE(file::exists(legacy));
-}
-
-TEST_F(DataMigratorTest, WithoutVolumesTheNextStartTriesAgain) {
-    makeLegacy("insert into device values (4711);");
-    volumes.failure = "no volumes to be had";
-    EXPECT_FALSE(migrate());
-    EXPECT_TRUE(recorder.has(
-        error, "Exception caught while attempting to migrate the legacy database: no volumes to be had"));
-    EXPECT_EQ(stored("select id from device;"), "4711");
-    volumes.failure.clear();
-    expectMigrated();
-}
-
-TEST_F(DataMigratorTest, AStoreThatCannotBeWritten) {
-    makeLegacy("insert into device values (4711);");
-    file::remove(path());
-    dir::make(path());
-    EXPECT_FALSE(migrate());
-    EXPECT_TRUE(file::exists(legacy));
-    EXPECT_FALSE(file::exists(renamed));
-}
-
-TEST_F(DataMigratorTest, ADirectoryInTheWayOfTheNewName) {
-    makeLegacy("insert into device values (4711);");
-    dir::make(renamed);
-    for (int start = 0; start < 2; ++start) {
-        EXPECT_FALSE(migrate());
-        EXPECT_EQ(stored("select id from device;"), "4711");
-    }
-    EXPECT_EQ(recorder.count(error, "Failed to rename the legacy database to " + renamed), 2);
-    EXPECT_EQ(recorder.count(error, "Failed to rename the legacy database file! Delete this file to prevent "
-                                    "unnecessary data migration!"),
-              2);
-    EXPECT_TRUE(file::exists(legacy));
-}
-
-TEST_F(DataMigratorTest, WhatExistsAlreadyStaysWhenItRunsAgain) {
-    volumes.add(one, 100 * gib);
-    volumes.add(two, 100 * gib);
-    makeLegacy("insert into device values (4711);"
-               "insert into config values ('agentUUID', 'the-uuid'), ('cow_percent', '10'), "
-               "('max_cow_megs', '500');"
-               "insert into history (device, result, image_chksum) values ('" +
-               one + "', 'success', 200), ('" + two + "', 'success', 300);");
-    dir::make(renamed);
-    hasHistory = false;
-    EXPECT_FALSE(migrate());
-    EXPECT_THAT(driverCalls, ElementsAre("makeEmptyHistory " + one, "makeEmptyHistory " + two));
-
-    // The agent is paired anew, one volume is backed up, another backup only begun, and a size is set.
-    driverCalls.clear();
-    provider.setDevice(4712, "10.0.0.1", "of-the-appliance");
-    provider.setVolumeChecksum(one, 201, ChecksumType::gcrypt32crc);
-    provider.setVolumeChecksum(two, 0, ChecksumType::gcrypt32crc);
-    config.set({{"volumes." + one + ".cowFileSizeMiB", 700U}});
-    dir::remove(renamed);
-    EXPECT_TRUE(migrate());
-    EXPECT_EQ(stored("select id || ip || agentUUID from device;"), "471210.0.0.1of-the-appliance");
-    EXPECT_EQ(provider.getConfigValue("agentUUID"), "the-uuid");
-    EXPECT_EQ(checksumOf(one), 201U);
-    EXPECT_EQ(checksumOf(two), 0U);
-    EXPECT_THAT(driverCalls, IsEmpty()); // what is owed by now is nobody's to forget
-    EXPECT_EQ(sizeOf(one), 700);
-    EXPECT_EQ(sizeOf(two), 500);
-    EXPECT_TRUE(recorder.has(
-        info::level::info, "The agent is paired with device 4712 already, so the one of the legacy DB stays "
-                           "unused."));
-    EXPECT_TRUE(recorder.has(info::level::info, "What is known about volume " + one +
-                                                    " is newer than the legacy DB, and stays."));
-}
-
-TEST_F(DataMigratorTest, AHistoryThatIsThereStays) {
-    volumes.add(one, gib);
-    makeLegacy("");
-    hasHistory = true;
-    expectMigrated();
-    EXPECT_THAT(driverCalls, IsEmpty());
-}
-
-TEST_F(DataMigratorTest, AWriteProtectedDirectory) {
-    const std::string base = dir::base();
-    ASSERT_EQ(::mount("tmpfs", base.c_str(), "tmpfs", 0, "size=1m"), 0);
-    makeLegacy("insert into device values (4711);");
-    ASSERT_EQ(::mount("tmpfs", base.c_str(), "tmpfs", MS_REMOUNT | MS_RDONLY, ""), 0);
-    EXPECT_FALSE(migrate());
-    EXPECT_EQ(stored("select id from device;"), "4711");
-    EXPECT_TRUE(file::exists(legacy));
-    ASSERT_EQ(::umount(base.c_str()), 0);
-}
-
-TEST_F(DataMigratorTest, AnEarlierMigratedFileIsReplaced) {
-    test::writeFile(renamed, "older");
-    makeLegacy("insert into device values (4711);");
-    expectMigrated();
-}
-
-/// What an agent on the other system would do.
+/// The migrator as it behaves on an operating system other than Linux.
 class OtherSystemMigrator : public DataMigrator {
 public:
     using DataMigrator::DataMigrator;

@@ -11,7 +11,7 @@
 
 namespace agent::test {
 
-/// Runs `operation` and returns the text of what it threw, "" if it threw nothing.
+/// Runs `operation` and returns the message of its exception, or "" if it throws nothing.
 template <typename Failure = std::runtime_error, typename Operation>
 std::string failureOf(const Operation& operation) {
     try {
@@ -22,7 +22,7 @@ std::string failureOf(const Operation& operation) {
     return {};
 }
 
-/// A store in a directory of its own, not yet validated.
+/// A data provider with a directory of its own, not yet validated.
 class DataProviderFixture : public testing::Test {
 protected:
     [[nodiscard]] std::string path() const { return directory / "agent.sqlite"; }

@@ -13,7 +13,7 @@ using test::RawDatabase;
 
 constexpr const char* volume = "6f0c9f2e-57a5-4a0b-8a1c-000000000001";
 
-/// A generator that counts, and can fail or return what it is told.
+/// Counts its calls, and fails or returns what the test sets.
 class ScriptedGenerator : public UUIDGenerator {
 public:
     [[nodiscard]] std::string generate() const override {
@@ -290,7 +290,7 @@ TEST_F(AgentUUIDTest, IsEmptyWhenNoneCanBeMade) {
     EXPECT_EQ(stored("select count(*) from config;"), "0");
 }
 
-/// A store that somebody has locked for the length of one look at it.
+/// A data provider whose database is locked by another connection for one query.
 class BrieflyLockedProvider : public DataProvider {
 public:
     BrieflyLockedProvider(info::Logger& logger, UUIDGenerator& generator, const Path& directory)

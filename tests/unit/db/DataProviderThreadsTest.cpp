@@ -13,7 +13,8 @@ class DataProviderThreadsTest : public test::DataProviderFixture {
 protected:
     DataProviderThreadsTest() { provider.validateProvider(); }
 
-    /// Runs `work` with the numbers of the threads, at once. What it throws ends the test.
+    /// Runs `work` concurrently on several threads; the argument is the thread's number. An exception ends
+    /// the test program.
     template <typename Work>
     void inParallel(const Work& work) {
         std::vector<std::jthread> threads;

@@ -23,7 +23,7 @@ namespace {
 constexpr int runs = 300;
 constexpr int creations = 40;
 
-/// The writer, killed at the latest with the object.
+/// The writer process. The destructor kills it if it still runs.
 class Writer {
 public:
     Writer(const std::string& directory, std::uint64_t first) {
@@ -59,7 +59,7 @@ public:
         ASSERT_EQ(::poll(&waiting, 1, 20000), 1) << "the writer wrote nothing";
     }
 
-    /// False if the writer had ended by itself.
+    /// False if the writer had already ended.
     bool kill() {
         int status = 0;
         ::kill(pid, SIGKILL);
@@ -68,7 +68,8 @@ public:
         return WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL;
     }
 
-    /// The last write that has been reported, `before` if none was. Reads to the end: only after `kill`.
+    /// The number of the last reported write, or `before` if there is none. Reads until the pipe ends, so
+    /// call it only after kill().
     [[nodiscard]] std::uint64_t lastReport(std::uint64_t before) const {
         std::uint64_t number = before;
         while (::read(reports.get(), &number, sizeof number) == sizeof number) {
@@ -81,7 +82,7 @@ private:
     pid_t pid = -1;
 };
 
-/// What the file must hold, by slot, and how often it didn't.
+/// The expected content of each slot of the file, and how many slots lost their content.
 class Ledger {
 public:
     void returned(std::uint64_t number) {
@@ -89,8 +90,8 @@ public:
         ++writes;
     }
 
-    /// Compares every slot with the file and goes on from what is there. The write `inFlight` may have been
-    /// done or not; if it deletes first, it may also have left nothing.
+    /// Compares every slot with the file, and then takes the file's contents as expected. The write
+    /// `inFlight` may or may not have happened. If it deletes first, it may also have left the slot empty.
     void compare(RawDatabase& file, std::uint64_t inFlight) {
         for (std::uint64_t slot = 0; slot < stream::slotCount; ++slot) {
             if (stream::slotOf(slot) == slot) {
@@ -101,7 +102,7 @@ public:
 
     int writes = 0;
     int losses = 0;
-    int cutPairs = 0;
+    int interruptedReplacements = 0;
 
 private:
     void compareSlot(std::uint64_t slot, const std::optional<std::string>& found, std::uint64_t inFlight) {
@@ -112,9 +113,9 @@ private:
             return;
         }
         const bool touched = stream::slotOf(inFlight) == slot;
-        const bool cut = touched && stream::deletesFirst(slot) && !found;
-        cutPairs += cut ? 1 : 0;
-        losses += cut || (touched && found == stream::expectedText(inFlight)) ? 0 : 1;
+        const bool interrupted = touched && stream::deletesFirst(slot) && !found;
+        interruptedReplacements += interrupted ? 1 : 0;
+        losses += interrupted || (touched && found == stream::expectedText(inFlight)) ? 0 : 1;
         contents.erase(slot);
         if (!stream::isUnwritten(found)) {
             contents[slot] = *found;
@@ -128,8 +129,7 @@ class KilledWriterTest : public DataProviderFixture {
 protected:
     KilledWriterTest() { provider.validateProvider(); }
 
-    /// One life of the writer, from its start or its first write to its death. Most deaths come while it
-    /// writes, some while it starts.
+    /// Starts the writer, lets it write, kills it. Most kills happen during writes, some during the start.
     void runOnce() {
         Writer writer(directory.path(), next);
         if (random() % 10 != 0) {
@@ -160,12 +160,13 @@ TEST_F(KilledWriterTest, LosesNothingThatWasReturned) {
         ASSERT_FALSE(HasFatalFailure()) << "run " << run;
     }
     std::cout << "kill runs: " << runs << ", returned writes: " << ledger.writes
-              << ", kills within a transaction: " << hotJournals << ", pairs cut short: " << ledger.cutPairs
-              << ", losses: " << ledger.losses << std::endl;
+              << ", kills within a transaction: " << hotJournals
+              << ", pairs cut short: " << ledger.interruptedReplacements << ", losses: " << ledger.losses
+              << std::endl;
     RecordProperty("kill_runs", runs);
     RecordProperty("returned_writes", ledger.writes);
     RecordProperty("kills_within_a_transaction", hotJournals);
-    RecordProperty("pairs_cut_short", ledger.cutPairs);
+    RecordProperty("pairs_cut_short", ledger.interruptedReplacements);
     RecordProperty("losses", ledger.losses);
     EXPECT_EQ(ledger.losses, 0);
     EXPECT_GT(ledger.writes, runs);
@@ -233,7 +234,7 @@ TEST_F(LedgerTest, FindsADoubledRow) {
 
 TEST_F(LedgerTest, AllowsWhatTheWriteInFlightMayLeave) {
     EXPECT_EQ(lossesAfter("delete from device;", 62), 0);
-    EXPECT_EQ(ledger.cutPairs, 1);
+    EXPECT_EQ(ledger.interruptedReplacements, 1);
 }
 
 } // namespace

@@ -9,8 +9,8 @@ namespace {
 
 using test::failureOf;
 
-/// Has SQLite run out of memory at a chosen allocation while the object lives. One at a time, and no
-/// connection may be open when it comes or goes.
+/// While an object exists, SQLite runs out of memory at a chosen allocation. Only one object may exist at a
+/// time, and no connection may be open when it is constructed or destroyed.
 class FailingAllocator {
 public:
     FailingAllocator() {
@@ -33,7 +33,8 @@ public:
         sqlite3_initialize();
     }
 
-    /// The allocation with this number from now on fails, counted from 1, and with `stays` all after it.
+    /// Makes the `number`th allocation from now on fail, counted from 1; if `stays`, all later allocations
+    /// fail as well.
     static void failAt(int number, bool stays) {
         left = number;
         permanent = stays;
@@ -47,7 +48,7 @@ private:
         return left == 0 || (permanent && left < 0);
     }
 
-    // SQLite hands no context to its allocator.
+    // static, since SQLite passes no context to its allocator
     static inline sqlite3_mem_methods original{};
     static inline int left = INT_MAX;
     static inline bool permanent = false;
@@ -63,14 +64,14 @@ TEST(OutOfMemory, NoConnection) {
               "SQLite is unable to allocate memory to hold the sqlite3 object");
 }
 
-// Fails allocation 1, 2, 3... until the operation needs no more: it always throws or does its work.
+// Fails allocation 1, 2, 3... until the operation needs fewer. Each time it must throw or do its work.
 TEST(OutOfMemory, AnyAllocationOfARead) {
     const test::TestDirectory directory;
     test::RecordingLogger recorder;
     UUIDGenerator generator;
     const std::string text(3000, 'x');
     const FailingAllocator allocator;
-    // In a UTF-16 file every text that is read must be converted, which takes memory.
+    // In a UTF-16 database SQLite converts every text that it reads, which needs memory.
     test::RawDatabase(directory / "agent.sqlite").run("PRAGMA encoding = \"UTF-16\"; create table t (a);");
     DataProvider provider(recorder.logger, generator, directory.path());
     provider.validateProvider();
@@ -88,6 +89,7 @@ TEST(OutOfMemory, AnyAllocationOfARead) {
     EXPECT_LT(number, 10000);
 }
 
+/// The same for a write: it must be done completely or not at all.
 TEST(OutOfMemory, AnyAllocationOfAWrite) {
     const test::TestDirectory directory;
     test::RecordingLogger recorder;

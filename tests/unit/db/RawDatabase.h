@@ -9,7 +9,10 @@
 
 namespace agent::test {
 
-/// A connection of a test's own, beside the code under test.
+/// The test's own connection to a database, independent of the code under test.
+/// Owns:    the connection.
+/// Threads: one.
+/// Fails:   by std::runtime_error with the message of SQLite.
 class RawDatabase {
 public:
     explicit RawDatabase(const std::string& path) {
@@ -23,7 +26,7 @@ public:
     RawDatabase& operator=(const RawDatabase&) = delete;
     ~RawDatabase() { sqlite3_close(database); }
 
-    /// Runs any number of statements; returns the first column of every row, NULL as nothing.
+    /// Runs any number of statements; returns the first column of every row, std::nullopt for NULL.
     std::vector<std::optional<std::string>> run(const std::string& sql) {
         std::vector<std::optional<std::string>> result;
         const auto collect = [](void* rows, int, char** values, char**) {
@@ -37,7 +40,7 @@ public:
         return result;
     }
 
-    /// The first column of the first row; nothing for NULL and for no row.
+    /// The first column of the first row; std::nullopt if it is NULL or there is no row.
     std::optional<std::string> value(const std::string& sql) {
         const auto result = run(sql);
         return result.empty() ? std::nullopt : result.front();

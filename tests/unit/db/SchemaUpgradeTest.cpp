@@ -11,7 +11,7 @@ namespace {
 using test::failureOf;
 using test::RawDatabase;
 
-// What agents of each version ran on a fresh file.
+// The statements that each version of the agent ran on a new file.
 constexpr const char* versionZero = "create table if not exists config (id integer primary key autoincrement "
                                     "not null, key text not null, value "
                                     "text null);"
@@ -157,7 +157,7 @@ TEST_F(SchemaUpgradeTest, AFailedCreationThrowsAndKeepsWhatWasDone) {
     EXPECT_EQ(columns("volumes"), "");
 }
 
-/// Has SQLite refuse or ignore one pragma on every connection.
+/// Makes SQLite refuse or ignore one pragma on every connection.
 class PragmaAnswer {
 public:
     explicit PragmaAnswer(int answer)

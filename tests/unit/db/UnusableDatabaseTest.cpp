@@ -10,11 +10,10 @@ namespace {
 using test::failureOf;
 using test::RawDatabase;
 
-/// A validated store whose file then becomes unusable; the failures must come at once.
+/// A validated data provider whose file then becomes unusable. Operations must fail at once, without waiting.
 class UnusableDatabaseTest : public testing::Test {
 protected:
-    // The file system of the store is small and of the test's own, so that it can be filled and
-    // write-protected.
+    // The database is on a small file system of the test's own, which can be filled or made read-only.
     UnusableDatabaseTest() {
         provider.validateProvider();
         provider.setConfigValue("key", "value");
@@ -34,7 +33,7 @@ protected:
         EXPECT_EQ(journalId * 10 + changeId, 67U);
     }
 
-    /// Every operation that writes fails, with `reason` where its own text doesn't hide it.
+    /// Expects that every writing operation fails, with `reason` unless it reports a text of its own.
     void expectNoWrites(const std::string& reason) {
         EXPECT_EQ(failureOf([&] { provider.setVolumeChecksum("vol", 9, ChecksumType::libcrc32c); }), reason);
         EXPECT_EQ(failureOf([&] { provider.setVolumeJournalChangeId("vol", ChangeContext::Next, 8, 9); }),
@@ -47,7 +46,7 @@ protected:
         EXPECT_TRUE(recorder.has(info::level::error, "Unable to set value other for key key: " + reason));
     }
 
-    /// Every operation that reads fails with `reason`.
+    /// Expects that every reading operation fails with `reason`.
     void expectNoReads(const std::string& reason) {
         std::int32_t id = 0;
         std::uint32_t checksum = 0;

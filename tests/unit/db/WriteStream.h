@@ -6,24 +6,24 @@
 #include <optional>
 #include <string>
 
-/// An endless stream of writes, numbered from 1. What a write does follows from its number alone, so that who
-/// knows how many have returned knows what must be in the file.
+/// An endless stream of writes, numbered from 1. The number alone determines what a write does. So the number
+/// of completed writes determines what the file must contain.
 namespace agent::test::stream {
 
 void perform(db::IDataProviderExtended& provider, std::uint64_t number);
 
-/// The place that a write goes to; later writes to it replace it.
+/// The slot that a write goes to; a later write to the same slot replaces it.
 std::uint64_t slotOf(std::uint64_t number);
 inline constexpr std::uint64_t slotCount = 30;
 
-/// True if the write deletes what was there before it inserts: when it is cut short, the slot may be empty.
+/// True if a write to the slot first deletes and then inserts: if it is interrupted, the slot may be empty.
 bool deletesFirst(std::uint64_t slot);
 
 /// The statement that reads a slot as one text, and the text that a write leaves there.
 std::string readStatement(std::uint64_t slot);
 std::string expectedText(std::uint64_t number);
 
-/// True for what a slot holds before its first write: no row, or one with defaults only.
+/// True if `text` is what a slot holds before its first write: no row, or a row of defaults.
 bool isUnwritten(const std::optional<std::string>& text);
 
 } // namespace agent::test::stream

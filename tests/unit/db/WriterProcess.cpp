@@ -6,8 +6,8 @@
 
 /// usage: db_writer DIRECTORY FIRST
 ///
-/// Performs the stream of writes from number FIRST on, until it is killed. The number of each write that has
-/// returned goes to standard output, as 8 bytes.
+/// Performs the stream of writes, starting with number FIRST, until it is killed. Writes the number of each
+/// completed write to standard output, as 8 bytes.
 int main(int argumentCount, char** arguments) {
     if (argumentCount != 3) {
         return 2;

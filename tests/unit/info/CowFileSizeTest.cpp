@@ -16,7 +16,7 @@ using nlohmann::json;
 constexpr std::uint64_t mebibyte = 1'048'576;
 constexpr std::uint64_t gibibyte = 1024 * mebibyte;
 
-/// A configuration that holds what a test puts there; as in the real one, `get` doesn't know these keys.
+/// A configuration with the values that the test sets. As in the real one, get() doesn't know these keys.
 class StoredConfig : public IConfigData {
 public:
     void get(const std::string& key, bool& /*out*/) const override { refuse(key); }
@@ -58,7 +58,7 @@ protected:
 
 TEST_F(CowFileSizeTest, TenthOfTheVolumeWithinBounds) {
     EXPECT_EQ(sizeFor(10 * gibibyte), 1024U);
-    EXPECT_EQ(sizeFor(10 * gibibyte + 10), 1025U); // whole MiB, rounded up
+    EXPECT_EQ(sizeFor(10 * gibibyte + 10), 1025U); // rounded up to whole MiB
     EXPECT_EQ(sizeFor(50 * gibibyte), 5120U);
     EXPECT_EQ(sizeFor(200 * gibibyte), 10240U);
     EXPECT_EQ(sizeFor(std::numeric_limits<std::uint64_t>::max()), 10240U);
@@ -87,7 +87,7 @@ TEST_F(CowFileSizeTest, CustomSize) {
     EXPECT_EQ(recorder.lines(),
               (std::vector<test::RecordingLogger::Line>{
                   {level::debug, "Found the volumes.0f1e.cowFileSizeMiB configuration option (2048)"}}));
-    EXPECT_EQ(customSizeFor(40'000, 100 * gibibyte), 40'000U); // the bounds of the default don't apply
+    EXPECT_EQ(customSizeFor(40'000, 100 * gibibyte), 40'000U); // the default's limits don't apply
 }
 
 TEST_F(CowFileSizeTest, CustomSizeBeyondHalfTheVolume) {

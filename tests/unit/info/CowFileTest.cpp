@@ -27,7 +27,7 @@ protected:
         return {recorder.logger, path};
     }
 
-    /// What the constructor says of a file that it can't read.
+    /// The error message of the constructor for a file that it can't read.
     std::string refusal() {
         return messageOf<PosixError>([&] { CowFile(recorder.logger, path); });
     }
@@ -70,7 +70,7 @@ TEST_F(CowFileTest, LaterChangesOfTheFileDoNotShow) {
     EXPECT_EQ(file.getChangedBlocks(), 5U);
 }
 
-/// A header is all that is needed; a file that ends before its table has an empty one.
+/// Only the header is required. A file that ends before its table has an empty table.
 TEST_F(CowFileTest, EveryTruncation) {
     const std::string whole = CowImage{.table = {1, 2}}.bytes();
     for (std::size_t length = 0; length < 64; ++length) {
@@ -102,7 +102,7 @@ TEST_F(CowFileTest, WhatIsNoFile) {
     ASSERT_EQ(::mkdir(path.c_str(), 0700), 0);
     EXPECT_EQ(refusal(), posixError(unreadable, EISDIR));
     ASSERT_EQ(::rmdir(path.c_str()), 0);
-    ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0); // nobody will ever write to it
+    ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0); // a FIFO without a writer
     EXPECT_EQ(refusal(), posixError("Could not seek to 0 in \"" + path + "\". ", ESPIPE));
     ASSERT_EQ(::unlink(path.c_str()), 0);
     test::writeFile(directory / "elsewhere", CowImage{}.bytes());

@@ -8,7 +8,7 @@
 
 namespace agent::test {
 
-/// The bytes of a CoW file, as the driver would write them.
+/// The contents of a CoW file as the driver writes it.
 struct CowImage {
     std::uint32_t magic = 4776;
     std::uint64_t version = 3;

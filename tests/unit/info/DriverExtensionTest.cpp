@@ -25,7 +25,7 @@ std::int32_t answer(const std::string& question) {
 
 } // namespace
 
-// A library that stands in for the driver.
+// The functions of a library that replaces the kernel driver.
 // NOLINTBEGIN(readability-identifier-naming)
 const tolvubd_status_files* tolvubd_get_status_files() {
     static const tolvubd_status_files files{"/run/info", "/run/version"};
@@ -73,7 +73,7 @@ TEST_F(DriverExtensionTest, StatusFilesAreTheLibrarysAndAskedForEachTime) {
 }
 
 TEST_F(DriverExtensionTest, SnapshotIsWhatTheLibrarySays) {
-    failure = EIO; // says nothing where the call works
+    failure = EIO; // errno is ignored if the call succeeds
     EXPECT_EQ(extension.checkSnapshot(7), 0);
     EXPECT_EQ(asked, "check 7");
     fail(ESTALE);
@@ -83,14 +83,14 @@ TEST_F(DriverExtensionTest, SnapshotIsWhatTheLibrarySays) {
 }
 
 TEST_F(DriverExtensionTest, OwnFilesUpToTheEndOfTheList) {
-    EXPECT_THAT(extension.getOwnFiles(), testing::ElementsAre(".one", ".two"));
+    EXPECT_THAT(extension.getDriverFiles(), testing::ElementsAre(".one", ".two"));
 }
 
 TEST_F(DriverExtensionTest, RoomOrAnError) {
-    EXPECT_EQ(extension.getRoom("/dev/sda1"), 77U);
+    EXPECT_EQ(extension.getSnapshotSpace("/dev/sda1"), 77U);
     EXPECT_EQ(asked, "room /dev/sda1");
     fail(ENXIO);
-    EXPECT_THROW(static_cast<void>(extension.getRoom("/dev/sda1")), PosixError);
+    EXPECT_THROW(static_cast<void>(extension.getSnapshotSpace("/dev/sda1")), PosixError);
 }
 
 } // namespace

@@ -15,7 +15,7 @@
 
 namespace agent::test {
 
-/// Says 2048, and in the log what it was asked about.
+/// Always returns 2048, and logs its arguments.
 class FixedCowFileSize : public info::ICowFileSize {
 public:
     std::uint64_t getCowFileSizeMiB(info::Logger& logger, const std::string& uuid,
@@ -26,7 +26,7 @@ public:
     }
 };
 
-/// A controller over a fake driver, with one volume whose root is a directory of the test's own.
+/// A controller with a fake driver and one volume whose root is a directory of the test.
 class DriverFixture : public testing::Test {
 protected:
     using Line = RecordingLogger::Line;
@@ -37,7 +37,7 @@ protected:
 
     DriverFixture() { dir::make(dir::base()); }
 
-    /// The volume of most tests, with these differences.
+    /// The volume of most tests, except for these properties.
     [[nodiscard]] info::BackupableVolume volumeOf(const std::string& fileSystem,
                                                   std::vector<std::string> mountPoints,
                                                   std::uint64_t size = 4097) const {
@@ -54,7 +54,7 @@ protected:
         driver.add({minor, state, cowFile, device, 0});
     }
 
-    /// The lines since the controller was made, without those of the table.
+    /// The lines logged so far, without those about the device table.
     [[nodiscard]] Lines lines() const {
         Lines found;
         for (const Line& line : recorder.lines()) {

@@ -76,7 +76,7 @@ TEST_F(DriverInfoProviderTest, DriverIsAskedForItsFilesEachTime) {
     EXPECT_EQ(asked, 3);
 }
 
-/// No library that stands in for the driver is linked here.
+/// This program isn't linked with a library that replaces the kernel driver.
 TEST_F(DriverInfoProviderTest, KernelsFilesUnlessALibraryNamesOthers) {
     EXPECT_EQ(DriverStatusFiles::ofRunningDriver().info, "/proc/tolvu-info");
     EXPECT_EQ(DriverStatusFiles::ofRunningDriver().version, "/sys/module/tolvubd/version");
@@ -85,8 +85,8 @@ TEST_F(DriverInfoProviderTest, KernelsFilesUnlessALibraryNamesOthers) {
 TEST_F(DriverInfoProviderTest, KernelDriversLibraryHasNothingToAdd) {
     const DriverExtension extension;
     EXPECT_EQ(extension.checkSnapshot(0), 0);
-    EXPECT_TRUE(extension.getOwnFiles().empty());
-    EXPECT_EQ(extension.getRoom("/dev/sda1"), 0U);
+    EXPECT_TRUE(extension.getDriverFiles().empty());
+    EXPECT_EQ(extension.getSnapshotSpace("/dev/sda1"), 0U);
 }
 
 } // namespace

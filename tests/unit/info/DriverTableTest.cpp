@@ -32,7 +32,7 @@ protected:
         return controller.getDeviceByMinor(minor, found);
     }
 
-    /// Whether the table can't be read, for a reason that starts like this.
+    /// Whether parsing the table fails with a reason that starts with this.
     bool failsToParse(const std::string& text, const std::string& reason) {
         show(text);
         return !controller.Load() && recorder.lines().size() == 2 &&
@@ -43,7 +43,7 @@ protected:
         return failsToParse(json{{"version", "0.9.16"}, {"devices", {device}}}.dump(), reason);
     }
 
-    /// What isDriverVersionSupported has to say of a version beside its own first lines.
+    /// The lines that isDriverVersionSupported() logs about a version, after those that it always logs.
     Lines verdictOn(const std::string& version, bool expected) {
         show(json{{"version", version}, {"devices", json::array()}}.dump());
         EXPECT_EQ(controller.isDriverVersionSupported(), expected) << version;
@@ -243,7 +243,7 @@ TEST_F(DriverTableTest, EndlessFileIsRefused) {
         level::error, "Unable to read tolvubd info from /dev/zero: exception: \"/dev/zero\" is too large"));
 }
 
-/// A driver that looks at its devices when it is asked where it shows them.
+/// Some drivers update their files when they are asked for the files' paths.
 TEST_F(DriverTableTest, EachLoadAsksTheDriverForItsFiles) {
     addDevice(2);
     DriverController asking(recorder.logger, nullptr, [this] {
@@ -263,7 +263,7 @@ TEST_F(DriverTableTest, PipeIsEmptyText) {
     EXPECT_TRUE(recorder.hasPart(level::error, "Unable to parse tolvubd info from : exception: "));
 }
 
-/// The size of a file below /proc is 0, whatever it holds.
+/// stat() reports size 0 for files in /proc.
 TEST_F(DriverTableTest, FileWithoutASizeIsReadToItsEnd) {
     struct ::stat found{};
     ASSERT_EQ(::stat("/proc/self/mountinfo", &found), 0);
@@ -300,7 +300,7 @@ TEST_F(DriverTableTest, ElementsThatAreNoDevices) {
         for (const json& wrong : {json("4"), json(true), json(nullptr), json(4.0), json::array({4})}) {
             EXPECT_TRUE(deviceFailsToParse(elementWith(key, wrong), typeError)) << key << wrong;
         }
-        // None of these may wrap around to a number that looks right.
+        // None of these may be truncated to a number that looks valid.
         for (const json& wrong : {json(4'294'967'296 + 4), json(2'147'483'648), json(-2'147'483'649),
                                   json(18'446'744'073'709'551'615U)}) {
             EXPECT_TRUE(deviceFailsToParse(elementWith(key, wrong), "[json.exception.out_of_range.406]"))
@@ -313,7 +313,7 @@ TEST_F(DriverTableTest, ElementsThatAreNoDevices) {
     EXPECT_TRUE(deviceFailsToParse(json(4), "[json.exception.type_error.304]"));
 }
 
-/// The maps are what they were until the list itself turns out bad.
+/// If the table has no device list, the maps stay as they were.
 TEST_F(DriverTableTest, FailedLoadKeepsTheTable) {
     addDevice(2);
     ASSERT_TRUE(controller.isDriverVersionSupported());

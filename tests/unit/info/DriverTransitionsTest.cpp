@@ -1,58 +1,8 @@
 #include "common/File.h"
-#include "unit/info/DriverFixture.h"
-
-#include <array>
-#include <climits>
+#include "unit/info/DriverTransitionsFixture.h"
 
 namespace agent::info {
 namespace {
-
-using test::FakeDriver;
-
-/// Lines that stand in the log whenever the table is looked at are left out (see DriverFixture::lines).
-class DriverTransitionsTest : public test::DriverFixture {
-protected:
-    bool start() {
-        recorder.clear();
-        return controller.startSnapshot(volume, cowFileSize);
-    }
-
-    static Line library(const std::string& call) { return {level::info, FakeDriver::marker + call}; }
-
-    [[nodiscard]] Lines prefixed(const Lines& rest) const {
-        Lines all = {{level::debug, "start startSnapshot for volume: /dev/fake1 (fake1)"},
-                     {level::info, std::string("SIZE ") + uuid + " 4097 ext4"},
-                     {level::debug, "syncing..."},
-                     {level::debug, "finished syncing..."}};
-        all.insert(all.end(), rest.begin(), rest.end());
-        return all;
-    }
-
-    [[nodiscard]] std::int32_t stateNow() const {
-        return driver.all().empty() ? -1 : driver.all().front().state;
-    }
-
-    void hideTable() { test::writeFile(statusFiles.info, ""); }
-
-    /// What each failing call of the library may give as its reason, and no reason at all.
-    static constexpr std::array<int, 9> reasons{0, EPERM, ENOENT, EIO, EBUSY, ENODEV, EINVAL, ENOSPC, EINTR};
-
-    const std::string a = mountPoint + "/.tolvu";
-    const std::string b = mountPoint + "/.tolvu1";
-    const Line unlinked{level::warning, "Failed to remove incremental reload script: Failed to unlink file"};
-    const Line unknown{level::debug, std::string("Could not find device for ") + uuid};
-    const Line deleting{level::debug, "deleting incremental reload script"};
-    const Line byMinor{level::debug, "start getDeviceByMinor for minor: 0"};
-    const Line notByMinor{level::debug, "No device for minor number found for minor 0"};
-    const Line destroying{level::debug, "start destroyDevice for device: /dev/fake1"};
-    const Line destroyingMinor{level::debug, "destroying minor: 0"};
-    const Line notDestroyed{
-        level::error, "Attempting to destroy existing driver entry, unable to destroy existing device."};
-    const Line found{level::info,
-                     "startSnapshot found existing driver entry for device /dev/fake1 with minor 0"};
-    const Line forgotten{level::warning,
-                         "Failed to remove incremental reload script: Failed to get device minor"};
-};
 
 TEST_F(DriverTransitionsTest, FirstSnapshot) {
     EXPECT_TRUE(start());
@@ -84,9 +34,9 @@ TEST_F(DriverTransitionsTest, VolumeWithoutAMountPoint) {
     recorder.clear();
     EXPECT_FALSE(controller.startSnapshot(unmounted, cowFileSize));
     EXPECT_EQ(
-        recorder.lines(), // the table isn't even looked at
+        recorder.lines(), // the table isn't even read
         prefixed({{level::error, "Backupable volume for device /dev/fake1 doesn't have a mountpoint."}}));
-    EXPECT_FALSE(controller.revertOnFailure(volume)); // nor has a starting state been kept
+    EXPECT_FALSE(controller.revertOnFailure(volume)); // no starting state was recorded either
     EXPECT_TRUE(recorder.has(level::error, "Could not find starting state for volume: /dev/fake1"));
 }
 
@@ -115,7 +65,7 @@ TEST_F(DriverTransitionsTest, FailedSetup) {
                  "Unable to find device by minor: 0 after setup_snapshot/transition_snapshot: /dev/fake1"}}));
         EXPECT_EQ(driver.calls().size(), 1U);
     }
-    EXPECT_TRUE(start()); // nothing has stayed behind
+    EXPECT_TRUE(start()); // nothing was left behind
 }
 
 TEST_F(DriverTransitionsTest, FailedSetupThatLeavesADevice) {
@@ -143,7 +93,7 @@ TEST_F(DriverTransitionsTest, SetupThatDoesNotEndInASnapshot) {
 
 TEST_F(DriverTransitionsTest, SetupWithoutATableAfterwards) {
     hideTable();
-    EXPECT_FALSE(start()); // no minor can be chosen
+    EXPECT_FALSE(start()); // no minor number can be chosen
     EXPECT_TRUE(driver.calls().empty());
     EXPECT_EQ(lines().back().text.substr(0, 43), "Unable to parse tolvubd info from : excepti");
 }
@@ -179,6 +129,7 @@ TEST_F(DriverTransitionsTest, DeviceThatAReloadScriptHasGivenBack) {
     EXPECT_EQ(driver.calls(), std::vector<std::string>{"transition_snapshot 4 " + a + " 2048"});
 }
 
+/// If the next snapshot fails, the device can't be relied on to track changes, so it is destroyed.
 TEST_F(DriverTransitionsTest, FailedNextSnapshotEndsTheTracking) {
     for (const int reason : reasons) {
         addDevice(2);
@@ -238,7 +189,7 @@ TEST_F(DriverTransitionsTest, NextSnapshotThatDoesNotEndInASnapshot) {
               "device: /dev/fake1 minor: 0, state: 2, device error 0"}));
 }
 
-/// A left-over of a run that has crashed costs one backup; the next one starts clean.
+/// A device left over from a crashed run costs one backup; the next one starts afresh.
 TEST_F(DriverTransitionsTest, DeviceThatIsNotTrackedIsDestroyed) {
     for (const std::int32_t state : {0, 1, 3, 4, 5}) {
         addDevice(state);
@@ -272,178 +223,7 @@ TEST_F(DriverTransitionsTest, DeviceThatIsNotTrackedAndStays) {
     EXPECT_EQ(stateNow(), 3);
 }
 
-TEST_F(DriverTransitionsTest, BackToTracking) {
-    addDevice(3, "/.tolvu1");
-    recorder.clear();
-    EXPECT_TRUE(controller.transitionToIncremental(volume));
-    EXPECT_EQ(lines(),
-              (Lines{{level::debug, "start transitionToIncremental for volume: /dev/fake1"},
-                     {level::debug, "writing incremental reload script for dev /dev/fake1 minor 0"},
-                     {level::info, "calling transition_incremental for device: /dev/fake1 minor: 0"},
-                     library("transition_incremental 0"),
-                     {level::debug, "transition_incremental successful for device: /dev/fake1 minor: 0"}}));
-    EXPECT_EQ(stateNow(), 2);
-    EXPECT_TRUE(file::exists(script(0)));
-}
-
-TEST_F(DriverTransitionsTest, NoDeviceToTransition) {
-    recorder.clear();
-    EXPECT_FALSE(controller.transitionToIncremental(volume));
-    EXPECT_EQ(lines().back(),
-              (Line{level::info, "Unable to find existing device /dev/fake1 to transition."}));
-}
-
-TEST_F(DriverTransitionsTest, OnlyASnapshotGoesBackToTracking) {
-    for (const std::int32_t state : {0, 1, 2, 4, 5}) {
-        addDevice(state);
-        recorder.clear();
-        EXPECT_FALSE(controller.transitionToIncremental(volume));
-        EXPECT_EQ(lines().back(),
-                  (Line{level::info, "driver device: /dev/fake1 minor: 0 is not in active snapshot "
-                                     "state. Current state: " +
-                                         std::to_string(state)}));
-        EXPECT_TRUE(driver.calls().empty());
-        EXPECT_TRUE(controller.destroyDevice(volume));
-    }
-}
-
-TEST_F(DriverTransitionsTest, FailedTransitionToTracking) {
-    driver.add({0, 3, "/.tolvu", device, -28});
-    for (const int reason : reasons) {
-        driver.outcomes["transition_incremental"] = {.result = -1, .error = reason, .times = 1};
-        recorder.clear();
-        EXPECT_FALSE(controller.transitionToIncremental(volume));
-        EXPECT_EQ(
-            linesAbove(level::info),
-            (Lines{{level::error, "error from calling transition_incremental for device: /dev/fake1 minor: "
-                                  "0 error: -1 errno: " +
-                                      std::to_string(reason)},
-                   {level::error, "error on driver device after transition_incremental failure for device: "
-                                  "/dev/fake1 minor: 0 device error: -28"}}));
-    }
-    EXPECT_TRUE(controller.transitionToIncremental(volume));
-}
-
-/// A driver that loses the device while it fails.
-class VanishingController : public test::FakeController {
-public:
-    explicit VanishingController(FakeDriver& driver) : FakeController(driver), driver(driver) {}
-    std::int32_t transition_incremental(std::uint32_t minor) override {
-        static_cast<void>(driver.destroy(minor));
-        errno = ENODEV;
-        return -1;
-    }
-
-private:
-    FakeDriver& driver;
-};
-
-TEST_F(DriverTransitionsTest, DeviceThatVanishesInTheTransition) {
-    addDevice(3);
-    DriverController other(recorder.logger, std::make_unique<VanishingController>(driver),
-                           [this] { return statusFiles; });
-    recorder.clear();
-    EXPECT_FALSE(other.transitionToIncremental(volume));
-    EXPECT_EQ(linesAbove(level::warning).back(),
-              (Line{level::error, "Unable to find device by minor 0 after transition_incremental failure."}));
-}
-
-TEST_F(DriverTransitionsTest, DeviceThatIsNotTrackedHasNoReloadScript) {
-    addDevice(3);
-    driver.outcomes["transition_incremental"] = {-1, EIO};
-    EXPECT_FALSE(controller.transitionToIncremental(volume));
-    EXPECT_FALSE(file::exists(script(0)));
-}
-
-TEST_F(DriverTransitionsTest, RevertOfAVolumeThatWasNotTracked) {
-    ASSERT_TRUE(start());
-    recorder.clear();
-    EXPECT_TRUE(controller.revertOnFailure(volume));
-    EXPECT_EQ(lines(), (Lines{{level::debug, "start revertOnFailure for volume: /dev/fake1"},
-                              {level::debug, "Did not have a previous incremental, destroying"},
-                              destroying,
-                              destroyingMinor,
-                              library("destroy 0")}));
-    EXPECT_TRUE(driver.all().empty());
-}
-
-TEST_F(DriverTransitionsTest, RevertOfAVolumeThatWasTracked) {
-    addDevice(2);
-    ASSERT_TRUE(start());
-    recorder.clear();
-    EXPECT_TRUE(controller.revertOnFailure(volume));
-    EXPECT_EQ(lines(), (Lines{{level::debug, "start revertOnFailure for volume: /dev/fake1"},
-                              {level::debug, "Had a previous incremental, not destroying device"}}));
-    EXPECT_EQ(stateNow(), 3);
-}
-
-TEST_F(DriverTransitionsTest, RevertWorksOnce) {
-    ASSERT_TRUE(start());
-    EXPECT_TRUE(controller.revertOnFailure(volume));
-    recorder.clear();
-    EXPECT_FALSE(controller.revertOnFailure(volume));
-    EXPECT_EQ(lines(), (Lines{{level::debug, "start revertOnFailure for volume: /dev/fake1"},
-                              {level::error, "Could not find starting state for volume: /dev/fake1"}}));
-}
-
-TEST_F(DriverTransitionsTest, RevertKeepsTheStartingStateOfADeviceThatCannotBeSeen) {
-    addDevice(2);
-    ASSERT_TRUE(start());
-    hideTable();
-    recorder.clear();
-    EXPECT_FALSE(controller.revertOnFailure(volume));
-    EXPECT_EQ(lines().back(), (Line{level::error, "Could not get device info for volume: /dev/fake1"}));
-    driver.show();
-    EXPECT_TRUE(controller.revertOnFailure(volume));
-}
-
-TEST_F(DriverTransitionsTest, RevertThatCannotDestroy) {
-    ASSERT_TRUE(start());
-    driver.outcomes["destroy"] = {.result = -1, .error = EBUSY};
-    EXPECT_FALSE(controller.revertOnFailure(volume));
-    EXPECT_EQ(lines().back(), (Line{level::error, "error destroying minor: 0 error: -1 errno 16"}));
-}
-
-TEST_F(DriverTransitionsTest, NewStartReplacesTheStartingState) {
-    ASSERT_TRUE(start());
-    ASSERT_TRUE(controller.transitionToIncremental(volume));
-    ASSERT_TRUE(start());
-    EXPECT_TRUE(controller.revertOnFailure(volume)); // now it was tracked before
-    EXPECT_EQ(stateNow(), 3);
-}
-
-TEST_F(DriverTransitionsTest, DestroyingNothing) {
-    recorder.clear();
-    EXPECT_FALSE(controller.destroyDevice(volume));
-    EXPECT_EQ(lines(),
-              (Lines{destroying, unknown, {level::error, "Unable to find device for destroy: /dev/fake1"}}));
-}
-
-TEST_F(DriverTransitionsTest, ScriptOfADestroyedDeviceGoesUnlessItWasALiveSnapshot) {
-    for (const std::int32_t state : {0, 1, 2, 3, 4, 5}) {
-        addDevice(state);
-        test::writeFile(script(0), "old");
-        EXPECT_TRUE(controller.destroyDevice(volume));
-        EXPECT_EQ(file::exists(script(0)), state % 2 == 1) << state;
-    }
-}
-
-TEST_F(DriverTransitionsTest, FailedDestroyKeepsDeviceAndScript) {
-    addDevice(2);
-    test::writeFile(script(0), "kept");
-    for (const int reason : reasons) {
-        driver.outcomes["destroy"] = {.result = INT_MIN, .error = reason, .times = 1};
-        recorder.clear();
-        EXPECT_FALSE(controller.destroyDevice(volume));
-        EXPECT_EQ(lines().back(), (Line{level::error, "error destroying minor: 0 error: -2147483648 errno " +
-                                                          std::to_string(reason)}));
-        EXPECT_TRUE(file::exists(script(0)));
-    }
-    EXPECT_TRUE(controller.destroyDevice(volume));
-    EXPECT_FALSE(file::exists(script(0)));
-}
-
-/// Whichever call fails, for good or just once, nothing of the agent's is left and the next start works.
+/// Whichever call fails, and however often, the agent must be able to take a snapshot again afterwards.
 TEST_F(DriverTransitionsTest, EveryCallFailing) {
     for (const char* call : {"setup_snapshot", "transition_snapshot", "transition_incremental", "destroy"}) {
         for (const bool moves : {false, true}) {

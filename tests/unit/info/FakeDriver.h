@@ -15,16 +15,16 @@
 
 namespace agent::test {
 
-/// A driver whose devices are lines of a status file. Each call of the library stands in the log, among the
-/// lines of the controller, and moves the device as the driver would.
+/// A driver whose devices are lines of a status file. Each library call is logged, among the controller's
+/// lines, and changes the device's state as the real driver would.
 class FakeDriver {
 public:
-    /// How a call ends instead.
+    /// A scripted result of a call.
     struct Outcome {
         std::int32_t result = 0;
         int error = 0;
         int times = 1'000'000;
-        /// Whether the device moves all the same.
+        /// Whether the device changes its state although the call fails.
         bool moves = false;
     };
 
@@ -40,7 +40,7 @@ public:
 
     [[nodiscard]] std::vector<info::DriverDeviceInfo> all() const { return devices; }
 
-    /// The calls so far, in their order.
+    /// The calls so far, in order.
     [[nodiscard]] std::vector<std::string> calls() const {
         std::vector<std::string> found;
         for (const RecordingLogger::Line& line : recorder.lines()) {
@@ -90,8 +90,8 @@ public:
 
     void record(const std::string& call) { recorder.logger.print(marker + call, info::level::info); }
 
-    std::map<std::string, Outcome> outcomes; ///< by the call's name
-    std::int32_t stateAfter = 3;             ///< of a device that a snapshot was made of
+    std::map<std::string, Outcome> outcomes; ///< by name of the call
+    std::int32_t stateAfter = 3;             ///< the state of a device after its snapshot was made
     std::string version = "0.9.16";
 
     static constexpr const char* marker = "LIBRARY ";
@@ -119,7 +119,7 @@ private:
     std::vector<info::DriverDeviceInfo> devices;
 };
 
-/// The library's calls as the fake driver takes them.
+/// Passes the library calls to the fake driver.
 class FakeController : public info::BaseController {
 public:
     explicit FakeController(FakeDriver& driver) : driver(driver) {}
@@ -157,7 +157,7 @@ public:
     }
 
 private:
-    /// The agent has no use for these; a test that looks at the calls would see one.
+    /// The agent doesn't call these functions. If it does, the call is recorded and fails.
     std::int32_t unexpected(const std::string& call) {
         driver.record(call);
         errno = ENOSYS;

@@ -16,7 +16,7 @@ TEST(HumanSize, StaysInBytesBelow1024) {
 TEST(HumanSize, MovesOnAtEachPowerOf1024) {
     EXPECT_EQ(formatHumanSize(1024), "1 KiB");
     EXPECT_EQ(formatHumanSize(1536), "1.5 KiB");
-    EXPECT_EQ(formatHumanSize((1U << 20U) - 1), "1024 KiB"); // six digits of 1023.999
+    EXPECT_EQ(formatHumanSize((1U << 20U) - 1), "1024 KiB"); // 1023.999 rounded to six digits
     EXPECT_EQ(formatHumanSize(1U << 20U), "1 MiB");
     EXPECT_EQ(formatHumanSize(1U << 30U), "1 GiB");
     EXPECT_EQ(formatHumanSize(std::uint64_t{1} << 40U), "1 TiB");

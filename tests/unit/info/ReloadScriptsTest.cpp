@@ -68,7 +68,7 @@ TEST_F(ReloadScriptsTest, PathThatCannotBeWritten) {
     std::filesystem::remove(path);
 }
 
-/// Runs the action in a process of its own where a system call fails; true if it says so.
+/// Runs `action` in a child process in which a system call fails. Returns what it returns.
 bool failsWithout(long call, int error, const std::function<bool()>& action) {
     const pid_t child = ::fork();
     if (child == 0) {
@@ -94,7 +94,7 @@ TEST_F(ReloadScriptsTest, HalfAScriptIsRemoved) {
     }));
 }
 
-/// The script is run by root: nothing from a volume or the driver may become a command there.
+/// Root runs the script, so no name from a volume or the driver may become a shell command.
 TEST_F(ReloadScriptsTest, NamesThatAShellWouldNotTakeAsOneWord) {
     addDevice(3, "/.tolvu; reboot", 7);
     EXPECT_EQ(failureToWrite(), "A name is not fit for an incremental reload script");

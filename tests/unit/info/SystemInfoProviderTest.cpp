@@ -17,11 +17,11 @@
 #include <sys/utsname.h>
 #include <unistd.h>
 
-// Runs in lab/namespace: /etc is the test's own.
+// Runs in lab/namespace, where /etc is private to the test.
 namespace agent::info {
 namespace {
 
-/// Runs `ask` in a process where a system call fails, and tells on standard error what it throws.
+/// Runs `ask` in a process in which a system call fails, and prints its exception on standard error.
 [[noreturn]] void reportDenied(long systemCall, const std::function<void(const SystemInfoProvider&)>& ask) {
     test::denySystemCall(systemCall, EPERM);
     try {
@@ -77,7 +77,7 @@ TEST_F(OSVersion, ComesFromTheNextFileWhereOneTellsNothing) {
 TEST_F(OSVersion, OfNoFileIsAFailure) {
     EXPECT_THROW(std::ignore = provider.getOSVersion(), std::runtime_error);
     test::writeFile("/etc/redhat-release", "");
-    dir::make("/etc/os-release"); // can be opened, not read
+    dir::make("/etc/os-release"); // it can be opened but not read
     try {
         std::ignore = provider.getOSVersion();
         FAIL();

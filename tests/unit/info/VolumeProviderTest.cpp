@@ -19,8 +19,8 @@
 #include <thread>
 #include <unistd.h>
 
-// Here the daemon is a fake, for what a machine can't be made to show: drives, tables of all kinds, a volume
-// at "/". That the real one is understood is shown by tests/functional/test_volumes.py.
+// These tests use a fake daemon for what can't be set up on a real machine: drives, partition tables of all
+// kinds, a volume at "/". tests/functional/test_volumes.py uses the real daemon.
 namespace agent::info {
 namespace {
 
@@ -37,7 +37,7 @@ const testing::Environment* const environment = testing::AddGlobalTestEnvironmen
 
 constexpr std::uint64_t mebibyte = 1 << 20;
 
-/// What the search for volumes fails with.
+/// The message of the exception that the search for volumes throws.
 std::string failureOf(const VolumeProvider& provider) {
     try {
         static_cast<void>(provider.getBackupableVolumes());
@@ -87,6 +87,7 @@ protected:
     test::TestDirectory directory;
 };
 
+/// The daemon describes the device; statvfs() of the first mount point supplies the block size.
 TEST_F(VolumeProviderTest, MountedVolumeIsDescribedByTheDaemonAndItsFileSystem) {
     const test::TmpfsMount mount(directory / "mount", "");
     const auto volume = onlyVolumeOf(fileSystem(
@@ -163,7 +164,7 @@ TEST_F(VolumeProviderTest, FstabTellsWhetherAnUnmountedVolumeIsReadOnly) {
     EXPECT_FALSE(isReadOnlyUnmounted("[('fstab', {'opts': <b'defaults,errors=remount-ro,rot'>})]"));
     EXPECT_FALSE(isReadOnlyUnmounted("[('crypttab', {'opts': <b'ro'>})]"));
     EXPECT_FALSE(isReadOnlyUnmounted("[('fstab', @a{sv} {})]"));
-    EXPECT_FALSE(isReadOnlyUnmounted("[('fstab', {'opts': <'ro'>})]")); // no byte string
+    EXPECT_FALSE(isReadOnlyUnmounted("[('fstab', {'opts': <'ro'>})]")); // not a byte string
 }
 
 TEST_F(VolumeProviderTest, ReadOnlyDeviceIsReadOnlyMountedOrNot) {
@@ -344,13 +345,13 @@ TEST_F(VolumeProviderTest, BrokenPipesAreStillTheAgentsOwnAffair) {
 }
 
 TEST_F(VolumeProviderTest, NothingStaysOpen) {
-    EXPECT_EQ(volumesOf({fileSystem({})}).size(), 1); // after which GLib has what it keeps for good
+    EXPECT_EQ(volumesOf({fileSystem({})}).size(), 1); // GLib keeps some descriptors after the first use
     const FakeUdisks udisks({fileSystem({})});
     const std::size_t descriptors = test::openDescriptors();
     for (int round = 0; round < 50; ++round) {
         EXPECT_EQ(provider.getBackupableVolumes().size(), 1);
     }
-    // The last connection is closed by a thread of GLib's.
+    // A GLib thread closes the last connection.
     EXPECT_TRUE(test::eventually([&] { return test::openDescriptors() <= descriptors; }));
 }
 

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-/// The table of all routes in docs/api.md, which programs are written by, against the code.
+/// Compares the table of routes in docs/api.md, which authors of clients rely on, with the code.
 namespace agent::ordak {
 namespace {
 
@@ -20,7 +20,7 @@ struct Row {
 
 std::vector<Row> documentedRoutes() {
     static const std::regex form(R"(\| `(\w+)` \| (\w+) \| `(\S+)` \|.*)");
-    std::ifstream document("docs/api.md"); // lab/namespace runs the tests at the top of the tree
+    std::ifstream document("docs/api.md"); // lab/namespace runs the tests in the top directory of the tree
     std::vector<Row> rows;
     std::smatch parts;
     for (std::string line; std::getline(document, line);) {

@@ -3,7 +3,7 @@
 #include "common/Exceptions.h"
 #include "ordak/BackupCancel.h"
 #include "ordak/BackupList.h"
-#include "support/EngineStage.h"
+#include "support/EngineHarness.h"
 #include "support/Messages.h"
 #include "support/MockEngine.h"
 #include "support/RecordingLogger.h"
@@ -32,7 +32,7 @@ class BackupCallsTest : public testing::Test {
 protected:
     std::shared_ptr<test::FixedBackup> add(const std::string& id) {
         auto backup = std::make_shared<test::FixedBackup>(id);
-        stage.manager.addBackup(backup);
+        harness.manager.addBackup(backup);
         return backup;
     }
 
@@ -50,11 +50,11 @@ protected:
     }
 
     test::RecordingLogger record;
-    test::EngineStage stage{record.logger};
+    test::EngineHarness harness{record.logger};
     std::shared_ptr<test::FixedBackup> backup = add("the-backup");
-    BackupStatus status{stage.manager};
-    BackupList list{stage.manager, record.logger};
-    BackupCancel cancel{stage.engine};
+    BackupStatus status{harness.manager};
+    BackupList list{harness.manager, record.logger};
+    BackupCancel cancel{harness.engine};
 };
 
 TEST_F(BackupCallsTest, StatusTellsEverything) {
@@ -126,7 +126,7 @@ TEST_F(BackupCallsTest, ListOfNothingHasItsKeys) {
     EXPECT_EQ(response.text, none.dump(4));
 }
 
-/// A register that tells states of its own.
+/// A backup manager that reports fixed states.
 class States : public core::backup::BackupManager {
 public:
     using BackupManager::BackupManager;
@@ -150,7 +150,7 @@ TEST_F(BackupCallsTest, CancelSucceedsOnce) {
     const APIResponse second = cancel("", about("the-backup"));
     EXPECT_EQ(second.status, 200);
     const std::string refusal =
-        messageOf<exception::bad_request>([&] { stage.engine.cancelBackup("the-backup"); });
+        messageOf<exception::bad_request>([&] { harness.engine.cancelBackup("the-backup"); });
     EXPECT_EQ(json::parse(second.text), (json{{"success", false}, {"errorString", refusal}}));
 }
 

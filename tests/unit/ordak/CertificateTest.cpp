@@ -16,7 +16,7 @@
 namespace agent::ordak {
 namespace {
 
-using test::CertificateWish;
+using test::CertificateContents;
 using test::messageOf;
 using test::TestCertificate;
 using test::TestSession;
@@ -90,8 +90,8 @@ protected:
         test::writeFile(file, content);
         return file;
     }
-    Certificate load(const CertificateWish& wish) {
-        return Certificate(fileOf(authority.issue(key, wish).pem()));
+    Certificate load(const CertificateContents& contents) {
+        return Certificate(fileOf(authority.issue(key, contents).pem()));
     }
 
     test::TestDirectory directory;
@@ -120,7 +120,7 @@ TEST_F(CertificateTest, HostileCommonNames) {
     }
     EXPECT_EQ(load({.commonName = ""}).subject().commonName, "");
     const Certificate withZero = load({.commonName = std::string("1\0", 2)});
-    EXPECT_EQ(withZero.subject().commonName, "#0c023100"); // which is how GnuTLS writes it
+    EXPECT_EQ(withZero.subject().commonName, "#0c023100"); // GnuTLS's notation
     EXPECT_EQ(withZero.subject().number, -1);
 }
 
@@ -163,7 +163,7 @@ std::string pemOf(const std::string& der) {
     return {reinterpret_cast<const char*>(text.data), text.size};
 }
 
-/// Loads what may be broken: it gives a certificate, or the exception for a broken one.
+/// Loads a file that may be damaged. It must yield a certificate or throw the exception for a damaged one.
 bool loadsOrRefuses(const std::string& path) {
     try {
         const Certificate certificate(path);
@@ -174,7 +174,7 @@ bool loadsOrRefuses(const std::string& path) {
 }
 
 TEST_F(CertificateTest, BrokenFilesDoNoHarm) {
-    const TestCertificate made = authority.issue(key, test::deviceWish());
+    const TestCertificate made = authority.issue(key, test::deviceContents());
     const std::string der = made.der();
     for (std::size_t at = 0; at < der.size(); ++at) {
         EXPECT_TRUE(loadsOrRefuses(fileOf(pemOf(der.substr(0, at))))) << "cut at " << at;
@@ -196,7 +196,7 @@ TEST_F(CertificateTest, BrokenFilesDoNoHarm) {
 TEST_F(CertificateTest, SessionHasBothCertificates) {
     const test::TestKey deviceKey;
     const TestSession session({key.pem(), authority.issue(key, {.commonName = "agent"}).pem()},
-                              {deviceKey.pem(), authority.issue(deviceKey, test::deviceWish()).pem()});
+                              {deviceKey.pem(), authority.issue(deviceKey, test::deviceContents()).pem()});
     const Certificate local(Certificate::Kind::local, session.serverSession());
     const Certificate peer(Certificate::Kind::peer, session.serverSession());
     EXPECT_EQ(local.subject().commonName, "agent");

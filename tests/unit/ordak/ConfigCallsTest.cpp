@@ -8,7 +8,7 @@
 #include "ordak/FeatureApi.h"
 #include "ordak/Install.h"
 #include "support/BodyMutation.h"
-#include "support/EngineStage.h"
+#include "support/EngineHarness.h"
 #include "support/Messages.h"
 #include "support/RecordingLogger.h"
 #include "support/TestDirectory.h"
@@ -67,7 +67,8 @@ TEST_F(FeatureTest, OtherBodiesAreTheLibrarysErrors) {
 }
 
 TEST_F(FeatureTest, SurvivesHostileBodies) {
-    EXPECT_GT(test::survive(R"(["zephane", "secure_pairing"])", [&](const std::string& body) { api(body); }),
+    EXPECT_GT(test::countAnswersToMutations(R"(["zephane", "secure_pairing"])",
+                                            [&](const std::string& body) { api(body); }),
               0);
 }
 
@@ -106,7 +107,7 @@ TEST(DriverStatusTest, DriverThatCannotBeRead) {
     EXPECT_EQ(json::parse(DriverStatus(driver)().text), (json{{"driverStatus", "Not Available"}}));
 }
 
-/// A part of the real table of options.
+/// An excerpt of the real table of options.
 ConfigOptions someOptions() {
     return {{},
             {{"holepunch.enabled", {"false", &typeid(bool)}},
@@ -196,7 +197,7 @@ TEST_F(ConfigCallsTest, SurvivesHostileBodies) {
     const std::string valid = R"({"holepunch.enabled": true, "log.lifetimeHours": 72,
         "autoupdate.channel": "beta"})";
     int stored = 0;
-    const int answered = test::survive(
+    const int answered = test::countAnswersToMutations(
         valid,
         [&](const std::string& body) {
             try {

@@ -24,6 +24,7 @@ struct Row {
     bool isOpen = false; // needs no paired device
 };
 
+/// The expected routes, written out independently of the code.
 const std::vector<Row>& routeTable() {
     static const std::vector<Row> rows = {
         {0, "basichost", "GET", "/basichost", true},
@@ -51,7 +52,7 @@ const std::vector<Row>& routeTable() {
     return rows;
 }
 
-/// The call that the table has for a request; 21 if none.
+/// The call in the table for a request; 21 if there is none.
 int expectedCall(const std::string& method, const std::string& url) {
     for (const Row& row : routeTable()) {
         const bool isPrefix = row.call == 5 || row.call == 7;
@@ -196,6 +197,7 @@ TEST_F(HTTPInterpreterTest, PollingIsNotLogged) {
     EXPECT_EQ(security.lines(), (Lines{{2, "Unauthorized request from device 4711 for backupStatus"}}));
 }
 
+/// Only calls that name a backup get URL data: what follows the route's prefix.
 TEST_F(HTTPInterpreterTest, HandlerGetsTheRequest) {
     std::optional<std::pair<std::string, APIExtendedData>> given;
     const HTTPInterpreter::Handler handler = [&](const std::string& body, const APIExtendedData& extended) {
@@ -253,10 +255,10 @@ TEST_F(HTTPInterpreterTest, ExceptionsAreAnswers) {
     EXPECT_EQ(outcomeOf([] {}), (Outcome{200, "application/json", "{}"}));
 }
 
-/// A body may come back in the text of a failure; neither the log nor the answer takes it whole.
+/// A request body may be part of an error message. Neither the log nor the response may contain all of it.
 TEST_F(HTTPInterpreterTest, LongTextsAreCut) {
     const std::string endless(1'000'000, 'x');
-    const std::string cut = std::string(longestPeerText, 'x') + "... (1000000 bytes)";
+    const std::string cut = std::string(maxPeerTextBytes, 'x') + "... (1000000 bytes)";
     interpreter.setCallback(
         APICall::backup, [](const std::string& body) -> APIResponse { throw exception::bad_request(body); });
     interpreter.setCallback(APICall::configSet,
@@ -280,7 +282,7 @@ TEST_F(HTTPInterpreterTest, LongTextsAreCut) {
     EXPECT_TRUE(record.has(4, "URL: " + cut));
 }
 
-/// The answer has them as they were sent, for its sender; the log has one line.
+/// The response contains control characters as the client sent them; the log gets a single line without them.
 TEST_F(HTTPInterpreterTest, LogGetsNoControlCharacters) {
     answerAll();
     interpreter.setCallback(APICall::backup, [](const std::string& body) -> APIResponse {

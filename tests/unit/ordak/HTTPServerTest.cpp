@@ -123,7 +123,7 @@ TEST_F(HTTPServerTest, UselessKey) {
     EXPECT_FALSE(Socket().connects());
 }
 
-/// The signals that a thread of this process holds back.
+/// The mask of signals that a thread of this process blocks.
 std::uint64_t blockedSignals(const std::string& thread) {
     const std::string status = test::readFile("/proc/self/task/" + thread + "/status");
     return std::stoull(status.substr(status.find("SigBlk:") + 7), nullptr, 16);

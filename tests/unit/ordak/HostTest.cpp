@@ -86,7 +86,7 @@ protected:
         return json::parse(response.text);
     }
 
-    /// The answer when each value of the system fails.
+    /// Makes every system query fail.
     void failAll() {
         const std::runtime_error failure("why");
         ON_CALL(systemInfo, getOSVersion).WillByDefault(Throw(failure));
@@ -138,6 +138,7 @@ protected:
     Host host{log.logger, systemInfo, driverInfo, volumes, engine, writers, "2.1.23.0"};
 };
 
+/// Clients depend on the exact keys and types of this response.
 TEST_F(HostTest, DescribesTheMachine) {
     ON_CALL(engine, getQuiesceScripts).WillByDefault(Return(std::vector<std::string>{"database", "mail"}));
     EXPECT_EQ(ask(), (json{{"kernel", "linux"},
@@ -164,6 +165,7 @@ TEST_F(HostTest, DescribesTheMachine) {
     EXPECT_TRUE(log.lines().empty());
 }
 
+/// Here, too, clients depend on the exact keys and types.
 TEST_F(HostTest, DescribesAVolume) {
     const auto volume = std::make_shared<MockVolume>(full());
     EXPECT_CALL(*volume, getSpaceFree).WillOnce(Return(1ULL << 32));

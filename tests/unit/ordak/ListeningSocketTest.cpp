@@ -65,17 +65,18 @@ TEST(ListeningSocketTest, HandedOverItIsTheLibrarys) {
     const os::FileDescriptor library(descriptor);
 }
 
-/// A library that has failed, and has not closed the socket.
+/// As when the library has failed without closing the socket.
 TEST(ListeningSocketTest, TakenBackItIsClosed) {
     const std::size_t before = test::openDescriptors();
     ListeningSocket socket(port);
     errno = EMFILE;
-    socket.takeBack();
+    socket.closeIfStillOpen();
     EXPECT_EQ(errno, EMFILE);
     EXPECT_EQ(test::openDescriptors(), before);
 }
 
-/// A library that has closed it; another thread has a file of that number by now, or a socket.
+/// As when the library has closed the socket, and another thread has since got a file or socket with the same
+/// descriptor.
 TEST(ListeningSocketTest, DescriptorOfAnotherIsLeftAlone) {
     for (const bool isSocket : {false, true}) {
         ListeningSocket socket(port);
@@ -84,7 +85,7 @@ TEST(ListeningSocketTest, DescriptorOfAnotherIsLeftAlone) {
                                                 : ::open("/dev/null", O_RDONLY | O_CLOEXEC));
         ASSERT_EQ(::dup3(other.get(), number, O_CLOEXEC), number);
         const os::FileDescriptor reused(number);
-        socket.takeBack();
+        socket.closeIfStillOpen();
         EXPECT_TRUE(isOpen(number));
     }
 }

@@ -29,7 +29,7 @@ using namespace std::chrono_literals;
 
 using Args = std::unordered_map<std::string, std::string>;
 
-/// The real stack on its real directory, which is private to the test.
+/// The real logging stack in the real log directory, which is private to the test.
 class LogsTest : public testing::Test {
 protected:
     LogsTest() { dir::make(FilePrinter::logDirectory()); }
@@ -212,8 +212,8 @@ TEST_F(LogsTest, ContinuationOfNothingIsAProblem) {
     EXPECT_EQ(query({{"lines", "1"}}).at("error").size(), 1U);
 }
 
-/// Takes lines apart, but for one that it stumbles over.
-class StumblingDecorator : public info::IDecorator {
+/// Returns each line unchanged, except that the line "bad" makes it throw.
+class ThrowingDecorator : public info::IDecorator {
 public:
     std::string decorate(const std::string& message, int /*level*/, LogTime /*time*/) override {
         return message;
@@ -229,7 +229,7 @@ public:
 
 TEST_F(LogsTest, OtherFailuresAreProblems) {
     writeToday("one\nbad\ntwo\n");
-    StumblingDecorator decorator;
+    ThrowingDecorator decorator;
     const json answer = json::parse(Logs(record.logger, decorator)("", {}).text);
     EXPECT_EQ(answer.at("log").size(), 2U);
     EXPECT_THAT(answer.at("error"), ElementsAre(dateOf(daysAgo(0)) + " line 2: stumbled"));
@@ -264,9 +264,9 @@ TEST_F(LogsTest, HugeLinesAreCut) {
     writeToday(line("first") + huge + "\n" + huge + "\n" + line(huge) + line("last"));
     const std::vector<std::string> found = messages();
     ASSERT_EQ(found.size(), 3U);
-    EXPECT_EQ(found[0].size(), LogEntries::longestMessage);
-    EXPECT_LE(found[1].size(), LogFileReader::longestLine);
-    EXPECT_GT(found[1].size(), LogFileReader::longestLine - 100);
+    EXPECT_EQ(found[0].size(), LogEntries::maxMessageBytes);
+    EXPECT_LE(found[1].size(), LogFileReader::maxLineBytes);
+    EXPECT_GT(found[1].size(), LogFileReader::maxLineBytes - 100);
     EXPECT_EQ(found[2], "last");
 }
 
@@ -307,7 +307,7 @@ TEST_F(LogsTest, SurvivesHostileArguments) {
 
 TEST(LogEntriesTest, OldestEntriesMakeWayForBytes) {
     LogEntries entries(10'000);
-    const std::string big(LogEntries::longestMessage, 'x');
+    const std::string big(LogEntries::maxMessageBytes, 'x');
     for (int i = 0; i < 40; ++i) {
         entries.addLine({big, i, 0});
         entries.addError(big);
@@ -320,7 +320,7 @@ TEST(LogEntriesTest, OldestEntriesMakeWayForBytes) {
 
 TEST(LogEntriesTest, ContinuationsCountToo) {
     LogEntries entries(10'000);
-    const std::string big(LogEntries::longestMessage, 'x');
+    const std::string big(LogEntries::maxMessageBytes, 'x');
     for (int i = 0; i < 40; ++i) {
         entries.addLine({"", i, 0});
         EXPECT_TRUE(entries.continueLine(big));

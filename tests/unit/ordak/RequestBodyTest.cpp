@@ -24,18 +24,18 @@ TEST_F(RequestBodyTest, PiecesMakeAWhole) {
 }
 
 TEST_F(RequestBodyTest, UnpairedDeviceHasLittleToSay) {
-    EXPECT_TRUE(body.append(std::string(RequestBody::mostUnpairedBytes, 'x'), false));
+    EXPECT_TRUE(body.append(std::string(RequestBody::maxUnpairedBytes, 'x'), false));
     EXPECT_FALSE(body.isDropped());
     EXPECT_TRUE(body.append("x", false));
     EXPECT_TRUE(body.isDropped());
     EXPECT_EQ(kept, 0U);
     EXPECT_TRUE(body.append("the end", false));
-    EXPECT_TRUE(body.append("the end", true)); // half a body is none, whoever its sender is by now
+    EXPECT_TRUE(body.append("the end", true)); // half a body is worthless, even if the peer is paired by now
     EXPECT_EQ(kept, 0U);
     EXPECT_EQ(body.take(), "");
 }
 
-/// Another device has taken the agent over meanwhile.
+/// Meanwhile the agent has been paired with another device.
 TEST_F(RequestBodyTest, WhatAPairedDeviceHasSentGoesWithItsPairing) {
     EXPECT_TRUE(body.append(std::string(mebibyte, 'x'), true));
     EXPECT_EQ(kept, mebibyte);
@@ -48,7 +48,7 @@ TEST_F(RequestBodyTest, NoBodyIsEndless) {
     for (const bool isPaired : {false, true}) {
         RequestBody endless(kept);
         const std::string piece(mebibyte, 'x');
-        for (std::size_t sent = 0; sent < RequestBody::mostBytes; sent += piece.size()) {
+        for (std::size_t sent = 0; sent < RequestBody::maxBytes; sent += piece.size()) {
             ASSERT_TRUE(endless.append(piece, isPaired));
         }
         EXPECT_FALSE(endless.append("x", isPaired));
@@ -58,10 +58,10 @@ TEST_F(RequestBodyTest, NoBodyIsEndless) {
 TEST_F(RequestBodyTest, AllBodiesShareOneLimit) {
     {
         RequestBody other(kept);
-        EXPECT_TRUE(other.append(std::string(RequestBody::mostBytes - 10, 'x'), true));
+        EXPECT_TRUE(other.append(std::string(RequestBody::maxBytes - 10, 'x'), true));
         EXPECT_FALSE(body.append("eleven bytes", true));
         EXPECT_TRUE(body.append("ten bytes.", true));
-        EXPECT_EQ(kept, RequestBody::mostBytes);
+        EXPECT_EQ(kept, RequestBody::maxBytes);
     }
     EXPECT_EQ(kept, 10U);
     EXPECT_TRUE(body.append("eleven bytes", true));

@@ -16,7 +16,7 @@ namespace {
 using test::messageOf;
 using testing::ElementsAre;
 
-/// Notes what it is asked to do, and fails where it is told to.
+/// Records what it is asked to do, and fails where the test says so.
 class Service : public IService {
 public:
     Service(std::string name, std::vector<std::string>& events) : name(std::move(name)), events(events) {}
@@ -119,7 +119,7 @@ TEST_F(TolvuBackupAgentTest, FailureToStopIsReported) {
     http.failsToStop = true;
     EXPECT_EQ(messageOf<std::runtime_error>([&] { daemon->stop(); }), "http can't stop");
     events.clear();
-    daemon->stop(); // goes on with the rest
+    daemon->stop(); // stops the remaining services
     EXPECT_THAT(events, ElementsAre("stop engine"));
 }
 

@@ -11,10 +11,10 @@ namespace agent::ordak {
 namespace {
 
 using Lines = std::vector<test::RecordingLogger::Line>;
-using test::CertificateWish;
+using test::CertificateContents;
+using test::deviceContents;
 using test::deviceTypeData;
 using test::deviceTypeOid;
-using test::deviceWish;
 
 const Lines noType = {{1, "Failed to find required metadata in client certificate"}};
 
@@ -39,21 +39,23 @@ protected:
         const Certificate local = load(authority.issue(key, {.commonName = "agent"}).pem());
         return verifyClient(record.logger, local, peer);
     }
-    int verify(const CertificateWish& wish) { return verify(load(authority.issue(key, wish).pem())); }
+    int verify(const CertificateContents& contents) {
+        return verify(load(authority.issue(key, contents).pem()));
+    }
 
-    /// Refused, with exactly these lines.
-    void expectRefused(const CertificateWish& wish, const Lines& lines) {
-        EXPECT_EQ(verify(wish), 1);
+    /// Expects that the certificate is refused with exactly these log lines.
+    void expectRefused(const CertificateContents& contents, const Lines& lines) {
+        EXPECT_EQ(verify(contents), 1);
         EXPECT_EQ(record.lines(), lines);
     }
 
-    static CertificateWish behind(int others) {
-        CertificateWish wish = deviceWish();
+    static CertificateContents withExtensionsBefore(int others) {
+        CertificateContents contents = deviceContents();
         for (int number = 0; number < others; ++number) {
-            wish.extensions.insert(wish.extensions.begin(),
-                                   {"1.3.6.1.4.1.99999." + std::to_string(number + 1), "\x05"});
+            contents.extensions.insert(contents.extensions.begin(),
+                                       {"1.3.6.1.4.1.99999." + std::to_string(number + 1), "\x05"});
         }
-        return wish;
+        return contents;
     }
 
     test::TestDirectory directory;
@@ -64,32 +66,32 @@ protected:
 };
 
 TEST_F(VerifyClientTest, DeviceIsAccepted) {
-    EXPECT_EQ(verify(deviceWish()), 0);
+    EXPECT_EQ(verify(deviceContents()), 0);
     EXPECT_TRUE(record.lines().empty());
 }
 
 TEST_F(VerifyClientTest, AnotherIssuer) {
     const test::DeviceAuthority other("Other\nCA");
-    EXPECT_EQ(verify(load(other.issue(key, deviceWish()).pem())), 1);
+    EXPECT_EQ(verify(load(other.issue(key, deviceContents()).pem())), 1);
     EXPECT_EQ(record.lines(),
               (Lines{{4, "Certificate issuer mismatch (ours='Device-Agent CA'; theirs='Other\\nCA'"},
                      {1, "Certificate issuer mismatch"}}));
 }
 
 TEST_F(VerifyClientTest, CommonNames) {
-    expectRefused(deviceWish(""),
+    expectRefused(deviceContents(""),
                   {{4, "Bad client certificate Common Name"}, {1, "Certificate invalid Common Name"}});
     for (const std::string name : {"0", "007", "12a", "a12", "-1", "1 ", " 1", "1.5"}) {
-        expectRefused(deviceWish(name),
+        expectRefused(deviceContents(name),
                       {{4, "Client Common Name '" + name + "' does not match expected deviceID format"},
                        {1, "Certificate invalid Common Name"}});
     }
-    expectRefused(deviceWish("1\n"),
+    expectRefused(deviceContents("1\n"),
                   {{4, "Client Common Name '1\\n' does not match expected deviceID format"},
                    {1, "Certificate invalid Common Name"}});
-    EXPECT_EQ(verify(deviceWish("1")), 0);
-    EXPECT_EQ(verify(deviceWish("4294967296")), 0);
-    const Certificate large = load(authority.issue(key, deviceWish("4294967296")).pem());
+    EXPECT_EQ(verify(deviceContents("1")), 0);
+    EXPECT_EQ(verify(deviceContents("4294967296")), 0);
+    const Certificate large = load(authority.issue(key, deviceContents("4294967296")).pem());
     EXPECT_EQ(large.subject().number, -1);
 }
 
@@ -97,33 +99,33 @@ TEST_F(VerifyClientTest, TrustFileThatCannotBeUsed) {
     const Lines refused = {{1, "Internal error - failed to import trust file as cert"}};
     for (const std::string content : {"", "rubbish"}) {
         trust(content);
-        expectRefused(deviceWish(), refused);
+        expectRefused(deviceContents(), refused);
     }
     std::string padded = authority.pem();
     padded.resize(20'000, '\n');
     trust(padded);
-    EXPECT_EQ(verify(deviceWish()), 0);
+    EXPECT_EQ(verify(deviceContents()), 0);
     trust(padded + '\n');
-    expectRefused(deviceWish(), refused);
+    expectRefused(deviceContents(), refused);
     file::remove(trustFile);
-    expectRefused(deviceWish(), refused);
+    expectRefused(deviceContents(), refused);
 }
 
 TEST_F(VerifyClientTest, AnotherKeyBehindTheIssuersName) {
     const test::DeviceAuthority namesake;
-    EXPECT_EQ(verify(load(namesake.issue(key, deviceWish()).pem())), 1);
+    EXPECT_EQ(verify(load(namesake.issue(key, deviceContents()).pem())), 1);
     EXPECT_EQ(record.lines(), (Lines{{1, "Verification of device certificate failed: Cert signer not found"},
                                      {1, "Failed to verify client certificate"}}));
 }
 
 TEST_F(VerifyClientTest, Times) {
     const std::time_t now = std::time(nullptr);
-    CertificateWish expired = deviceWish();
+    CertificateContents expired = deviceContents();
     expired.activation = now - 100;
     expired.expiration = now - 10;
     expectRefused(expired, {{1, "Verification of device certificate failed: Cert expired"},
                             {1, "Failed to verify client certificate"}});
-    CertificateWish early = deviceWish();
+    CertificateContents early = deviceContents();
     early.activation = now + 1000;
     early.expiration = now + 2000;
     expectRefused(early, {{1, "Verification of device certificate failed: Cert invalid activation time"},
@@ -131,7 +133,7 @@ TEST_F(VerifyClientTest, Times) {
 }
 
 TEST_F(VerifyClientTest, SignatureThatDoesNotFit) {
-    std::string der = authority.issue(key, deviceWish()).der();
+    std::string der = authority.issue(key, deviceContents()).der();
     der.back() = static_cast<char>(der.back() ^ 1);
     const gnutls_datum_t raw{reinterpret_cast<unsigned char*>(der.data()), static_cast<unsigned>(der.size())};
     gnutls_datum_t text{};
@@ -145,7 +147,7 @@ TEST_F(VerifyClientTest, SignatureThatDoesNotFit) {
 TEST_F(VerifyClientTest, RulesAreAppliedInOrder) {
     const test::DeviceAuthority other("Other CA");
     trust("rubbish");
-    CertificateWish worst;
+    CertificateContents worst;
     worst.commonName = "0";
     EXPECT_EQ(verify(load(other.issue(key, worst).pem())), 1);
     EXPECT_TRUE(record.has(1, "Certificate issuer mismatch"));
@@ -164,9 +166,9 @@ TEST_F(VerifyClientTest, RulesAreAppliedInOrder) {
 
 TEST_F(VerifyClientTest, DeviceType) {
     const auto withType = [](const std::string& data) {
-        CertificateWish wish = deviceWish();
-        wish.extensions = {{deviceTypeOid, data}};
-        return wish;
+        CertificateContents contents = deviceContents();
+        contents.extensions = {{deviceTypeOid, data}};
+        return contents;
     };
     for (const std::string& data :
          {deviceTypeData("type:device "), deviceTypeData("type:server"), deviceTypeData("type:device", 12),
@@ -174,20 +176,20 @@ TEST_F(VerifyClientTest, DeviceType) {
           std::string("\x16\x0b"), deviceTypeData("x") + std::string(2000, 'x')}) {
         expectRefused(withType(data), noType);
     }
-    CertificateWish elsewhere = deviceWish();
+    CertificateContents elsewhere = deviceContents();
     elsewhere.extensions = {{"2.16.840.1.113730.1.14", deviceTypeData()},
                             {"2.16.840.1.113730.1.13.1", deviceTypeData()}};
     expectRefused(elsewhere, noType);
-    // What follows the text is not looked at, up to the most that is read.
+    // Bytes after the text are ignored, up to the maximum that is read.
     EXPECT_EQ(verify(withType(deviceTypeData() + "x")), 0);
     EXPECT_EQ(verify(withType(deviceTypeData() + std::string(999 - 13, 'x'))), 0);
     expectRefused(withType(deviceTypeData() + std::string(1000 - 13, 'x')), noType);
 }
 
 TEST_F(VerifyClientTest, HundredExtensions) {
-    EXPECT_EQ(verify(behind(99)), 0);
-    expectRefused(behind(100), noType);
-    CertificateWish longOid = deviceWish();
+    EXPECT_EQ(verify(withExtensionsBefore(99)), 0);
+    expectRefused(withExtensionsBefore(100), noType);
+    CertificateContents longOid = deviceContents();
     std::string oid = "1.3";
     for (int number = 0; number < 10; ++number) {
         oid += ".1234567890";

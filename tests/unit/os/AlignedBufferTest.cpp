@@ -29,7 +29,7 @@ std::ptrdiff_t pagesInMemory(AlignedBuffer& buffer) {
 
 TEST(AlignedBuffer, IsZeroedAndBeginsAtAPage) {
     for (const std::size_t size : {1U, 511U, 512U, 4096U, 4097U, 1048576U, 1048577U, 10485760U}) {
-        for (int round = 0; round < 3; ++round) { // later rounds get memory that has been written
+        for (int round = 0; round < 3; ++round) { // later rounds reuse memory that was written
             AlignedBuffer buffer(size, 512);
             ASSERT_EQ(buffer.size(), size);
             EXPECT_FALSE(buffer.empty());

@@ -14,13 +14,13 @@ namespace {
 
 struct Way {
     std::string name;
-    Crc32cWay sum;
+    Crc32cFunction sum;
 };
 
-/// All that this machine's processor knows. The tables are among them on every machine.
+/// All implementations that this machine's processor supports. The table-driven one works on every machine.
 std::vector<Way> ways() {
     std::vector<Way> known{{"chosen", crc32c}, {"by tables", crc32cByTables}};
-    if (const Crc32cWay byInstruction = crc32cByInstruction()) {
+    if (const Crc32cFunction byInstruction = crc32cByInstruction()) {
         known.push_back({"by instruction", byInstruction});
     }
     return known;

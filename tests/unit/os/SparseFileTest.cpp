@@ -16,7 +16,7 @@
 namespace os {
 namespace {
 
-constexpr std::uint64_t block = 65536; ///< more than any file system's unit
+constexpr std::uint64_t block = 65536; ///< larger than any file system's allocation unit
 
 class SparseFileTest : public ::testing::Test {
 protected:
@@ -25,12 +25,13 @@ protected:
     }
     void grow(std::uint64_t size) const { ASSERT_EQ(::ftruncate(file.get(), static_cast<off_t>(size)), 0); }
 
-    /// What both ways of reading make of the same dirty room, and how far they come.
+    /// Reads into a buffer of non-zero bytes in one of two ways; returns the error and the bytes that were
+    /// read.
     [[nodiscard]] std::string read(std::uint64_t offset, std::size_t length, bool plain) const {
         std::string room(length, '?');
         const std::span<std::byte> into = std::as_writable_bytes(std::span(room));
         const Transfer reading =
-            plain ? readUpToAt(file.get(), into, offset) : readBehindHoleAt(file.get(), into, offset);
+            plain ? readUpToAt(file.get(), into, offset) : readSkippingHoleAt(file.get(), into, offset);
         return std::to_string(reading.error) + " " + room.substr(0, reading.bytes);
     }
 
@@ -41,24 +42,25 @@ protected:
 TEST_F(SparseFileTest, WhatWasNeverWrittenIsAHole) {
     write("data", 2 * block);
     grow(4 * block);
-    EXPECT_EQ(holeAt(file.get(), 0, 9 * block), 2 * block);
-    EXPECT_EQ(holeAt(file.get(), 512, block), block);
-    EXPECT_EQ(holeAt(file.get(), 2 * block, block), 0U);
-    EXPECT_EQ(holeAt(file.get(), 3 * block + 1, 9 * block), block - 1); // no further than the file
-    EXPECT_EQ(holeAt(file.get(), 0, 0), 0U);
+    EXPECT_EQ(holeLengthAt(file.get(), 0, 9 * block), 2 * block);
+    EXPECT_EQ(holeLengthAt(file.get(), 512, block), block);
+    EXPECT_EQ(holeLengthAt(file.get(), 2 * block, block), 0U);
+    EXPECT_EQ(holeLengthAt(file.get(), 3 * block + 1, 9 * block),
+              block - 1); // no further than the end of the file
+    EXPECT_EQ(holeLengthAt(file.get(), 0, 0), 0U);
 }
 
 TEST_F(SparseFileTest, SpaceThatIsOnlySetAsideIsAHole) {
     ASSERT_EQ(::fallocate(file.get(), 0, 0, static_cast<off_t>(2 * block)), 0);
     write("data", 0);
-    EXPECT_EQ(holeAt(file.get(), 0, block), 0U);
-    EXPECT_EQ(holeAt(file.get(), block, 2 * block), block);
+    EXPECT_EQ(holeLengthAt(file.get(), 0, block), 0U);
+    EXPECT_EQ(holeLengthAt(file.get(), block, 2 * block), block);
 }
 
 TEST_F(SparseFileTest, NothingIsAHoleBehindTheEnd) {
     grow(block);
     for (const std::uint64_t offset : {block, block + 1, std::numeric_limits<std::uint64_t>::max()}) {
-        EXPECT_EQ(holeAt(file.get(), offset, block), 0U) << offset;
+        EXPECT_EQ(holeLengthAt(file.get(), offset, block), 0U) << offset;
     }
     EXPECT_EQ(read(block, 10, false), "0 ");
 }
@@ -68,10 +70,10 @@ TEST_F(SparseFileTest, WhatHasNoPositionsHasNoHoles) {
     ASSERT_EQ(::pipe2(ends.data(), O_CLOEXEC), 0);
     const FileDescriptor reading(ends[0]);
     const FileDescriptor writing(ends[1]);
-    EXPECT_EQ(holeAt(reading.get(), 0, 10), 0U);
-    EXPECT_EQ(holeAt(-1, 0, 10), 0U);
+    EXPECT_EQ(holeLengthAt(reading.get(), 0, 10), 0U);
+    EXPECT_EQ(holeLengthAt(-1, 0, 10), 0U);
     std::array<std::byte, 10> room{};
-    EXPECT_EQ(readBehindHoleAt(reading.get(), room, 0).error, ESPIPE);
+    EXPECT_EQ(readSkippingHoleAt(reading.get(), room, 0).error, ESPIPE);
 }
 
 TEST_F(SparseFileTest, ReadsTheSameAsPlainReading) {

@@ -14,7 +14,7 @@
 namespace os {
 namespace {
 
-/// Text that was read, as far as the transfer has come.
+/// The bytes that a transfer has read, and its error.
 struct Text {
     std::string text;
     int error = 0;
@@ -47,7 +47,7 @@ private:
 
 TEST_F(TransferTest, ReadsOnAfterAPartOfAPipe) {
     std::array<int, 2> ends{};
-    ASSERT_EQ(::pipe2(ends.data(), O_DIRECT | O_CLOEXEC), 0); // each write is a packet of its own
+    ASSERT_EQ(::pipe2(ends.data(), O_DIRECT | O_CLOEXEC), 0); // packet mode: each read returns one write
     const FileDescriptor reader(ends[0]);
     FileDescriptor writer(ends[1]);
     ASSERT_TRUE(writeAll(writer.get(), "ab"));

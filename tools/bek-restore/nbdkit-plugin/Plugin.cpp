@@ -1,5 +1,5 @@
-// Lets nbdkit serve an image, wherever it is. There is no function that writes: whatever a client does, the
-// image stays as it is. The secret comes by the environment, as a command line is everybody's to read.
+// A plugin by which nbdkit serves an image, wherever it is stored. There is no function that writes, so no
+// client can change the image. The secret comes from the environment, as every user can read a command line.
 
 #include "tools/common/StandardErrorLog.h"
 #include "tools/restore/ImageDevice.h"
@@ -21,22 +21,22 @@ namespace {
 
 constexpr const char* pluginName = "bek-image";
 
-/// What is served. All connections share it, and nbdkit sends one request at a time.
+/// The image being served. All connections share it, and nbdkit sends one request at a time.
 struct Served {
     agent::info::Logger logger = tools::standardErrorLog(pluginName, false);
     std::string text;
     std::optional<std::uint64_t> offset;
     std::unique_ptr<IImage> image;
-    std::unique_ptr<ImageDevice> device; ///< reads at any place, and keeps what is around it
+    std::unique_ptr<ImageDevice> device; ///< reads at any offset, and buffers the bytes around it
 };
 
-/// nbdkit gives its calls nothing to keep it in before there is a connection.
+/// A global object, as nbdkit passes no context to its callbacks before there is a connection.
 std::unique_ptr<Served>& served() {
     static std::unique_ptr<Served> the;
     return the;
 }
 
-/// Runs `call` where nbdkit awaits a number, and -1 for a failure.
+/// Runs `call` and translates its outcome for nbdkit: 0, or -1 after an exception.
 template <typename Call>
 int answerOf(const Call& call) {
     try {
@@ -76,7 +76,7 @@ void openServed() {
     the.device = std::make_unique<ImageDevice>(the.logger, *the.image);
 }
 
-/// Transports have threads, which a fork would lose.
+/// Runs after nbdkit has forked: transports start threads, which wouldn't survive a fork.
 int begin() {
     return answerOf(openServed);
 }

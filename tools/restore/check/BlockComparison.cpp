@@ -14,22 +14,23 @@ namespace {
 
 constexpr std::size_t comparedAtOnce = 4UL << 20U;
 
-/// Makes what nobody compares the same on both sides.
-void blank(std::span<std::byte> piece, std::uint64_t begin, const std::vector<ByteRange>& leftOut) {
-    const auto first = std::ranges::upper_bound(leftOut, begin, {}, &ByteRange::end);
+/// Zeroes what isn't compared, so that it is equal on both sides.
+void blank(std::span<std::byte> piece, std::uint64_t begin, const std::vector<ByteRange>& excluded) {
+    const auto first = std::ranges::upper_bound(excluded, begin, {}, &ByteRange::end);
     const std::uint64_t end = begin + piece.size();
-    for (auto range = first; range != leftOut.end() && range->begin < end; ++range) {
+    for (auto range = first; range != excluded.end() && range->begin < end; ++range) {
         const std::uint64_t from = std::max(range->begin, begin);
         std::ranges::fill(piece.subspan(from - begin, std::min(range->end(), end) - from), std::byte{});
     }
 }
 
-/// Two pieces of the same place, one of each side.
+/// One piece of the volume, from the image and from the snapshot.
 class Pieces {
 public:
     Pieces(IImage& image, IImage& snapshot) : image(image), snapshot(snapshot) {}
 
-    /// Throws std::runtime_error, whose text is in `result` too if it is the image that can't be read.
+    /// If the image can't be read, stores the reason in `result`. Throws std::runtime_error if the snapshot
+    /// can't be read.
     void read(std::uint64_t at, std::size_t count, Comparison& result) {
         size = count;
         try {
@@ -41,12 +42,12 @@ public:
         snapshot.read({theirs.data(), count}, at);
     }
 
-    void leaveOut(std::uint64_t at, const std::vector<ByteRange>& ranges) {
+    void exclude(std::uint64_t at, const std::vector<ByteRange>& ranges) {
         blank({mine.data(), size}, at, ranges);
         blank({theirs.data(), size}, at, ranges);
     }
 
-    /// How many bytes are equal before the first one that isn't.
+    /// The number of equal bytes before the first difference.
     [[nodiscard]] std::size_t equalBytes() const {
         if (std::memcmp(mine.data(), theirs.data(), size) == 0) {
             return size;
@@ -67,7 +68,7 @@ private:
 } // namespace
 
 Comparison compareBlocks(IImage& image, IImage& snapshot, const RestorePlan& plan,
-                         const std::vector<ByteRange>& leftOut, const CompareProgress& progress) {
+                         const std::vector<ByteRange>& excluded, const CompareProgress& progress) {
     Pieces pieces(image, snapshot);
     Comparison result;
     for (const ByteRange& range : plan.used) {
@@ -77,8 +78,8 @@ Comparison compareBlocks(IImage& image, IImage& snapshot, const RestorePlan& pla
             if (!result.unreadable.empty()) {
                 return result;
             }
-            pieces.leaveOut(at, plan.margins);
-            pieces.leaveOut(at, leftOut);
+            pieces.exclude(at, plan.unusedPageParts);
+            pieces.exclude(at, excluded);
             if (const std::size_t equal = pieces.equalBytes(); equal < count) {
                 result.difference = at + equal;
                 return result;

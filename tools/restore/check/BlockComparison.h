@@ -12,19 +12,19 @@
 
 namespace restore::check {
 
-/// Told of how many bytes of all have been compared.
+/// Called with the bytes compared so far, and the total.
 using CompareProgress = std::function<void(std::uint64_t bytes, std::uint64_t all)>;
 
-/// How far a comparison has come.
+/// The result of a comparison.
 struct Comparison {
     std::uint64_t compared = 0;              ///< bytes that are equal
-    std::optional<std::uint64_t> difference; ///< the first byte that isn't, which is the end of it
-    std::string unreadable;                  ///< why the image couldn't be read, which is the end of it too
+    std::optional<std::uint64_t> difference; ///< the first byte that differs, where the comparison ends
+    std::string unreadable;                  ///< why the image couldn't be read, which ends it too
 };
 
-/// Compares the blocks that are in use, but for what is in `leftOut`, which ascends. Throws
-/// std::runtime_error if the snapshot can't be read.
+/// Compares the used blocks, except for the ranges in `excluded`, which ascend. Throws std::runtime_error if
+/// the snapshot can't be read.
 Comparison compareBlocks(IImage& image, IImage& snapshot, const RestorePlan& plan,
-                         const std::vector<ByteRange>& leftOut, const CompareProgress& progress);
+                         const std::vector<ByteRange>& excluded, const CompareProgress& progress);
 
 } // namespace restore::check

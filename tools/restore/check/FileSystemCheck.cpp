@@ -1,6 +1,6 @@
 #include "FileSystemCheck.h"
 
-#include "FatMarks.h"
+#include "FatDirtyFlags.h"
 #include "tools/restore/view/Mounting.h"
 #include "tools/restore/view/Program.h"
 
@@ -16,38 +16,38 @@ namespace {
 
 using Command = std::vector<std::string>;
 
-/// What a mount would do to a volume that was in use when its snapshot was taken, and no more. Where that
-/// fails, the check that follows says why.
-void calmExt(const std::string& device, const std::string& /*directory*/) {
+/// Does what a mount would do to a volume that was in use when its snapshot was taken, and no more. If it
+/// fails, the checker that follows says why.
+void prepareExt(const std::string& device, const std::string& /*directory*/) {
     view::runProgram({.command = {"e2fsck", "-p", "-E", "journal_only", device}}, std::nullopt);
 }
 
-void calmXfs(const std::string& device, const std::string& directory) {
+void prepareXfs(const std::string& device, const std::string& directory) {
     view::replayJournal("xfs", device, directory);
 }
 
-void calmFat(const std::string& device, const std::string& /*directory*/) {
-    clearFatMarks(device);
+void prepareFat(const std::string& device, const std::string& /*directory*/) {
+    clearFatDirtyFlags(device);
 }
 
-void leaveAlone(const std::string& /*device*/, const std::string& /*directory*/) {}
+void prepareNothing(const std::string& /*device*/, const std::string& /*directory*/) {}
 
 struct Checker {
     std::string_view kind;
     const char* program;
     const char* package;
-    std::array<const char*, 3> options; ///< that keep it from writing; unused ones are null
-    void (*calm)(const std::string& device, const std::string& directory);
+    std::array<const char*, 3> options; ///< keep it from writing; unused ones are null
+    void (*prepare)(const std::string& device, const std::string& directory);
 };
 
 constexpr std::array checkers{
-    Checker{"ext2", "e2fsck", "e2fsprogs", {"-f", "-n"}, calmExt},
-    Checker{"ext3", "e2fsck", "e2fsprogs", {"-f", "-n"}, calmExt},
-    Checker{"ext4", "e2fsck", "e2fsprogs", {"-f", "-n"}, calmExt},
-    Checker{"xfs", "xfs_repair", "xfsprogs", {"-n"}, calmXfs},
-    Checker{"vfat", "fsck.fat", "dosfstools", {"-n"}, calmFat},
-    Checker{"ntfs", "ntfsresize", "ntfs-3g", {"--info", "--force", "--no-progress-bar"}, leaveAlone},
-    Checker{"hfsplus", "fsck.hfsplus", "hfsprogs", {"-f", "-n"}, leaveAlone},
+    Checker{"ext2", "e2fsck", "e2fsprogs", {"-f", "-n"}, prepareExt},
+    Checker{"ext3", "e2fsck", "e2fsprogs", {"-f", "-n"}, prepareExt},
+    Checker{"ext4", "e2fsck", "e2fsprogs", {"-f", "-n"}, prepareExt},
+    Checker{"xfs", "xfs_repair", "xfsprogs", {"-n"}, prepareXfs},
+    Checker{"vfat", "fsck.fat", "dosfstools", {"-n"}, prepareFat},
+    Checker{"ntfs", "ntfsresize", "ntfs-3g", {"--info", "--force", "--no-progress-bar"}, prepareNothing},
+    Checker{"hfsplus", "fsck.hfsplus", "hfsprogs", {"-f", "-n"}, prepareNothing},
 };
 
 Command commandOf(const Checker& checker, const std::string& device) {
@@ -61,17 +61,17 @@ Command commandOf(const Checker& checker, const std::string& device) {
     return command;
 }
 
-/// False, with a note, if the journal is damaged; without its replay a checker finds fault where there is
-/// none.
-bool calm(const Checker& checker, const std::string& device, const std::string& directory,
-          Findings& findings) {
+/// Returns false, and notes the damage, if the journal can't be replayed: without the replay, a checker
+/// reports errors in an intact file system.
+bool prepareForCheck(const Checker& checker, const std::string& device, const std::string& directory,
+                     Findings& findings) {
     try {
-        checker.calm(device, directory);
+        checker.prepare(device, directory);
         return true;
     } catch (const view::ProgramMissing&) {
         throw;
     } catch (const view::NoDriver& error) {
-        findings.open.push_back(std::string("its journal wasn't replayed: ") + error.what());
+        findings.notProven.push_back(std::string("its journal wasn't replayed: ") + error.what());
         return true;
     } catch (const std::runtime_error& error) {
         findings.damage.push_back(
@@ -88,7 +88,8 @@ void runChecker(const Checker& checker, const std::string& device, Findings& fin
     }
     findings.damage.push_back({"checker",
                                std::string(checker.program) + " finds the file system damaged (status " +
-                                   std::to_string(outcome.status) + "): " + view::lastWords(outcome.output),
+                                   std::to_string(outcome.status) +
+                                   "): " + view::lastOutputLine(outcome.output),
                                outcome.output});
 }
 
@@ -98,15 +99,16 @@ void checkFileSystem(const std::string& kind, const std::string& device, const s
                      Findings& findings) {
     const auto* const checker = std::ranges::find(checkers, kind, &Checker::kind);
     if (checker == checkers.end()) {
-        findings.open.push_back("no checker is known for " + kind);
+        findings.notProven.push_back("no checker is known for " + kind);
         return;
     }
     try {
-        if (calm(*checker, device, directory, findings)) {
+        if (prepareForCheck(*checker, device, directory, findings)) {
             runChecker(*checker, device, findings);
         }
     } catch (const view::ProgramMissing&) {
-        findings.open.push_back(std::string(checker->program) + " isn't there; install " + checker->package);
+        findings.notProven.push_back(std::string(checker->program) + " isn't there; install " +
+                                     checker->package);
     }
 }
 

@@ -30,7 +30,7 @@ std::uint32_t checksumOf(IImage& image, agent::db::ChecksumType type) {
 void checkHead(IImage& image, const std::string& database, const std::string& uuid, Findings& findings) {
     const std::optional<bekctl::ImageChecksum> noted = bekctl::readImageChecksum(database, uuid);
     if (!noted || image.size() < headBytes) {
-        findings.open.emplace_back("the agent's database has no checksum of this image");
+        findings.notProven.emplace_back("the agent's database has no checksum of this image");
         return;
     }
     if (checksumOf(image, noted->type) == noted->value) {

@@ -30,7 +30,7 @@ os::FileDescriptor openFile(int directory, const std::string& name, int flags) {
     return file;
 }
 
-/// One walk over both trees.
+/// Walks both trees side by side.
 class TreeWalk {
 public:
     // As deep as descriptors of directories can be had. NOLINTNEXTLINE(misc-no-recursion)
@@ -81,6 +81,7 @@ private:
         }
     }
 
+    /// Returns the first difference. The content comes last, as it takes longest to compare.
     std::string differenceOf(int one, int other, const Entry& mine, const Entry& theirs) {
         const struct ::stat& a = mine.status;
         const struct ::stat& b = theirs.status;
@@ -108,6 +109,7 @@ private:
         return S_ISREG(a.st_mode) ? differenceOfContent(one, other, mine, theirs) : "";
     }
 
+    /// Reads both files side by side, so that memory doesn't grow with their size.
     std::string differenceOfContent(int one, int other, const Entry& mine, const Entry& theirs) {
         if (mine.status.st_size != theirs.status.st_size) {
             return "its size differs";

@@ -13,7 +13,7 @@ namespace {
 constexpr std::uint32_t sizeSectorBytes = 512;
 constexpr std::size_t sizeMapBytes = 8UL << 20U;
 
-/// Says of itself that it never ends, so that the map is told as far as it goes.
+/// Reports an endless size, so that the map isn't cut off at the end of the image.
 class EndlessDevice : public ImageDevice {
 public:
     using ImageDevice::ImageDevice;
@@ -25,14 +25,14 @@ public:
 
 } // namespace
 
-bool isCutShort(agent::info::Logger& logger, IImage& image, const std::string& kind) {
+bool isTruncated(agent::info::Logger& logger, IImage& image, const std::string& kind) {
     if (kind == "ntfs") {
         return false;
     }
     EndlessDevice device(logger, image);
     const usedmap::UsedRanges map = usedmap::findUsedRanges(logger, device, sizeSectorBytes, sizeMapBytes);
     const std::uint64_t there = (image.size() + map.blockSize - 1) / map.blockSize;
-    return map.knownBlocks > there;
+    return map.mappedBlocks > there;
 }
 
 } // namespace restore::check

@@ -7,9 +7,9 @@
 
 namespace restore::check {
 
-/// Whether an image ends before the volume does whose file system of this kind is in it, by the map of used
-/// blocks. That of NTFS goes on behind the volume; its checker looks for the last sector by itself. Throws
+/// Whether an image ends before the volume in it does, according to the map of used blocks. Always false for
+/// NTFS: its map extends beyond the volume, and its checker looks for the last sector itself. Throws
 /// std::runtime_error if the map can't be read.
-bool isCutShort(agent::info::Logger& logger, IImage& image, const std::string& kind);
+bool isTruncated(agent::info::Logger& logger, IImage& image, const std::string& kind);
 
 } // namespace restore::check

@@ -47,7 +47,7 @@ std::map<std::string, std::string> attributesOf(int directory, const std::string
     return found;
 }
 
-void giveAttributes(int from, const std::string& to) {
+void copyAttributes(int from, const std::string& to) {
     struct ::stat status{};
     require(::fstat(from, &status), "a directory can't be looked at");
     require(::chown(to.c_str(), status.st_uid, status.st_gid), "the owner of " + to + " can't be set");

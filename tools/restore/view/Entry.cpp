@@ -50,7 +50,7 @@ const Type& typeOf(mode_t mode) {
     return found == types.end() ? types.front() : *found;
 }
 
-/// The letter of a right to execute, where another bit stands with it.
+/// The letter of the right to execute, combined with the setuid, setgid or sticky bit.
 char executeLetter(bool isSet, bool isSpecial, char special) {
     constexpr char toCapital = 'A' - 'a';
     return isSpecial ? (isSet ? special : static_cast<char>(special + toCapital)) : (isSet ? 'x' : '-');

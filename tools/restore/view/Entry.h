@@ -7,28 +7,29 @@
 
 namespace restore::view {
 
-/// A file of any kind, as its directory has it.
+/// A file of any kind, as an entry of its directory.
 struct Entry {
     std::string name;
     struct ::stat status{};
     std::string target; ///< of a symbolic link
 };
 
-/// All but "." and "..", in the order of their bytes. Throws std::runtime_error if it can't be read.
+/// All entries but "." and "..", sorted by their bytes. Throws std::runtime_error if the directory can't be
+/// read.
 std::vector<Entry> entriesOf(int directory);
-/// One of them. Throws std::runtime_error if there is none.
+/// One entry; an empty name means the open file itself. Throws std::runtime_error if there is none.
 Entry entryOf(int directory, const std::string& name);
 
-/// Whether a name in a volume's top is that of a file that the snapshot driver or the agent keeps there. No
-/// backup copies what is in them: in an image it is anything.
+/// Whether this name in a volume's root directory belongs to a file of the snapshot driver or the agent. No
+/// backup copies the content of these files, so in an image it is arbitrary.
 bool isDriverFile(const std::string& name);
 
 /// "drwxr-xr-x".
 std::string modeText(mode_t mode);
 /// "file", "directory", "link", "fifo", "socket", "block device", "character device".
 std::string typeText(mode_t mode);
-/// The name with a backslash before what would break its line: blanks stay, a line feed becomes "\n", and
-/// other control characters "\ooo".
+/// Escapes what would break the line of a name: a backslash is doubled, a line feed becomes "\n", and other
+/// control characters become "\ooo". Blanks stay.
 std::string escaped(const std::string& name);
 
 } // namespace restore::view

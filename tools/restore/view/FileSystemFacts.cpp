@@ -18,12 +18,12 @@ namespace restore::view {
 
 namespace {
 
-constexpr std::chrono::seconds toolPatience(120);
-constexpr std::uint64_t partitionUnit = 512; // of libblkid, whatever the device has
+constexpr std::chrono::seconds toolTimeout(120);
+constexpr std::uint64_t partitionUnit = 512; // of libblkid, whatever the device's sectors are
 
 using BlockProbe = std::unique_ptr<blkid_struct_probe, void (*)(blkid_probe)>;
 
-/// Of a part of the device; all that is from `offset` on if `bytes` is 0.
+/// A probe of a part of the device; of everything from `offset` on if `bytes` is 0.
 BlockProbe probeOf(const os::FileDescriptor& device, std::uint64_t offset, std::uint64_t bytes) {
     BlockProbe probe(::blkid_new_probe(), ::blkid_free_probe);
     if (!probe || ::blkid_probe_set_device(probe.get(), device.get(), static_cast<blkid_loff_t>(offset),
@@ -46,12 +46,12 @@ std::string wordOf(blkid_probe probe, const char* name) {
     return ::blkid_probe_lookup_value(probe, name, &value, nullptr) == 0 && value != nullptr ? value : "";
 }
 
-Found foundAt(const os::FileDescriptor& device, std::uint64_t offset, std::uint64_t bytes) {
+ProbeResult foundAt(const os::FileDescriptor& device, std::uint64_t offset, std::uint64_t bytes) {
     const BlockProbe probe = probeOf(device, offset, bytes);
     ::blkid_probe_enable_superblocks(probe.get(), 1);
     ::blkid_probe_set_superblocks_flags(probe.get(),
                                         BLKID_SUBLKS_TYPE | BLKID_SUBLKS_LABEL | BLKID_SUBLKS_UUID);
-    Found found{offset, static_cast<std::uint64_t>(::blkid_probe_get_size(probe.get())), "", "", ""};
+    ProbeResult found{offset, static_cast<std::uint64_t>(::blkid_probe_get_size(probe.get())), "", "", ""};
     constexpr int several = -2;
     const int result = ::blkid_do_safeprobe(probe.get());
     if (result == 0) {
@@ -75,7 +75,7 @@ std::vector<std::string> wordsIn(const std::string& text, char separator) {
     return words;
 }
 
-/// What stands behind `name` and a colon at the beginning of a line, without blanks around it.
+/// The rest of the first line that begins with `name` and a colon or an equals sign, without leading blanks.
 std::string fieldOf(const std::string& output, const std::string& name) {
     const std::regex line("(?:^|\n)\\s*" + name + "\\s*[:=] *([^\n]*)");
     std::smatch found;
@@ -86,7 +86,7 @@ bool has(const std::string& text, std::string_view part) {
     return text.find(part) != std::string::npos;
 }
 
-/// As ctime(3) writes them, of UTC.
+/// Parses a time as ctime(3) writes it, in UTC.
 std::optional<std::time_t> momentIn(const std::string& text) {
     std::tm broken{};
     return ::strptime(text.c_str(), "%a %b %d %H:%M:%S %Y", &broken) == nullptr
@@ -94,16 +94,16 @@ std::optional<std::time_t> momentIn(const std::string& text) {
                : std::optional(::timegm(&broken));
 }
 
-/// What a tool prints; empty, and a note, if there is no such tool or it fails.
+/// Returns the output of a tool. If the tool is missing or fails, returns an empty text and sets the note.
 std::string printedBy(std::vector<std::string> command, FileSystemFacts& facts) {
     const std::string name = command.front();
     try {
         const Outcome outcome =
-            runProgram({.command = std::move(command), .environment = {{"TZ", "UTC"}}}, toolPatience);
+            runProgram({.command = std::move(command), .environment = {{"TZ", "UTC"}}}, toolTimeout);
         if (outcome.status == 0) {
             return outcome.output;
         }
-        facts.note = name + ": " + lastWords(outcome.output);
+        facts.note = name + ": " + lastOutputLine(outcome.output);
     } catch (const std::runtime_error& error) {
         facts.note = error.what();
     }
@@ -112,54 +112,55 @@ std::string printedBy(std::vector<std::string> command, FileSystemFacts& facts) 
 
 FileSystemFacts extFacts(const std::string& device) {
     FileSystemFacts facts;
-    const std::string told = printedBy({"dumpe2fs", "-h", device}, facts);
-    const std::string features = fieldOf(told, "Filesystem features");
-    const std::string state = fieldOf(told, "Filesystem state");
+    const std::string output = printedBy({"dumpe2fs", "-h", device}, facts);
+    const std::string features = fieldOf(output, "Filesystem features");
+    const std::string state = fieldOf(output, "Filesystem state");
     facts.features = wordsIn(features, ' ');
-    facts.mounted = momentIn(fieldOf(told, "Last mount time"));
-    facts.written = momentIn(fieldOf(told, "Last write time"));
+    facts.mounted = momentIn(fieldOf(output, "Last mount time"));
+    facts.written = momentIn(fieldOf(output, "Last write time"));
     if (has(features, "needs_recovery")) {
-        facts.order = Order::needsReplay;
+        facts.cleanState = CleanState::needsReplay;
     } else if (!state.empty()) {
-        facts.order = state == "clean" ? Order::clean : Order::dirty;
+        facts.cleanState = state == "clean" ? CleanState::clean : CleanState::dirty;
     }
     return facts;
 }
 
-/// XFS keeps no times of itself.
+/// XFS doesn't store these times.
 FileSystemFacts xfsFacts(const std::string& device) {
     FileSystemFacts facts;
     const std::string version = printedBy({"xfs_db", "-r", "-c", "version", device}, facts);
     facts.features = wordsIn(fieldOf(version, "versionnum[^=]*"), ',');
     const std::string log = printedBy({"xfs_logprint", "-t", device}, facts);
     if (has(log, "<CLEAN>")) {
-        facts.order = Order::clean;
+        facts.cleanState = CleanState::clean;
     } else if (has(log, "<DIRTY>")) {
-        facts.order = Order::needsReplay;
+        facts.cleanState = CleanState::needsReplay;
     }
     return facts;
 }
 
 FileSystemFacts ntfsFacts(const std::string& device) {
     FileSystemFacts facts;
-    const std::string told = printedBy({"ntfsinfo", "--force", "--mft", device}, facts);
-    if (const std::string version = fieldOf(told, "Volume Version"); !version.empty()) {
+    const std::string output = printedBy({"ntfsinfo", "--force", "--mft", device}, facts);
+    if (const std::string version = fieldOf(output, "Volume Version"); !version.empty()) {
         facts.features = {"version " + version};
     }
     constexpr unsigned long isDirty = 1;
-    if (const std::string flags = fieldOf(told, "Volume Flags"); !flags.empty()) {
-        facts.order = (std::strtoul(flags.c_str(), nullptr, 0) & isDirty) != 0 ? Order::dirty : Order::clean;
+    if (const std::string flags = fieldOf(output, "Volume Flags"); !flags.empty()) {
+        facts.cleanState =
+            (std::strtoul(flags.c_str(), nullptr, 0) & isDirty) != 0 ? CleanState::dirty : CleanState::clean;
     }
     return facts;
 }
 
 FileSystemFacts fatFacts(const std::string& device) {
     FileSystemFacts facts;
-    const std::string told = printedBy({"fsck.fat", "-n", "-v", device}, facts);
+    const std::string output = printedBy({"fsck.fat", "-n", "-v", device}, facts);
     const std::regex bits("([0-9]+) bit entries");
-    if (std::smatch found; std::regex_search(told, found, bits)) {
+    if (std::smatch found; std::regex_search(output, found, bits)) {
         facts.features = {"FAT" + found[1].str()};
-        facts.order = has(told, "Dirty bit is set") ? Order::dirty : Order::clean;
+        facts.cleanState = has(output, "Dirty bit is set") ? CleanState::dirty : CleanState::clean;
     }
     return facts;
 }
@@ -169,7 +170,7 @@ std::uint32_t bigEndianAt(const std::array<unsigned char, 512>& header, std::siz
            std::uint32_t{header.at(at + 2)} << 8U | header.at(at + 3);
 }
 
-/// There is no tool of it on usual systems. These are fields of the volume header, at byte 1024.
+/// Usual systems have no tool for HFS+, so this reads the volume header, at byte 1024.
 FileSystemFacts hfsFacts(const std::string& device) {
     constexpr ::off_t headerAt = 1024;
     constexpr std::size_t attributesAt = 4;
@@ -189,25 +190,25 @@ FileSystemFacts hfsFacts(const std::string& device) {
         facts.features = {"journaled"};
     }
     facts.written = std::time_t{bigEndianAt(header, modifiedAt)} - from1904To1970;
-    facts.order = (attributes & unmountedBit) != 0   ? Order::clean
-                  : (attributes & journaledBit) != 0 ? Order::needsReplay
-                                                     : Order::dirty;
+    facts.cleanState = (attributes & unmountedBit) != 0   ? CleanState::clean
+                       : (attributes & journaledBit) != 0 ? CleanState::needsReplay
+                                                          : CleanState::dirty;
     return facts;
 }
 
 } // namespace
 
-Found findWhole(const std::string& device) {
+ProbeResult findWhole(const std::string& device) {
     return foundAt(openDevice(device), 0, 0);
 }
 
-std::vector<Found> findPartitions(const std::string& device) {
+std::vector<ProbeResult> findPartitions(const std::string& device) {
     const os::FileDescriptor opened = openDevice(device);
     const BlockProbe probe = probeOf(opened, 0, 0);
     ::blkid_probe_enable_superblocks(probe.get(), 0);
     ::blkid_probe_enable_partitions(probe.get(), 1);
     blkid_partlist partitions = ::blkid_probe_get_partitions(probe.get());
-    std::vector<Found> all;
+    std::vector<ProbeResult> all;
     const int count = partitions == nullptr ? 0 : ::blkid_partlist_numof_partitions(partitions);
     for (int index = 0; index < count; ++index) {
         blkid_partition partition = ::blkid_partlist_get_partition(partitions, index);

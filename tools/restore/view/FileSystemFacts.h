@@ -8,8 +8,8 @@
 
 namespace restore::view {
 
-/// What is found at one place of a device, by its own words. Empty texts for what there isn't, or isn't said.
-struct Found {
+/// Something that libblkid recognises at one place of a device. A text is empty if there is none.
+struct ProbeResult {
     std::uint64_t offset = 0; ///< bytes
     std::uint64_t bytes = 0;
     std::string kind; ///< as blkid names it: a file system, or a part of something else
@@ -17,23 +17,24 @@ struct Found {
     std::string uuid;
 };
 
-/// Whether the file system was left in order.
-enum class Order { unknown, clean, needsReplay, dirty };
+/// The state in which the file system was left.
+enum class CleanState { unknown, clean, needsReplay, dirty };
 
-/// What the tools of the file system say of it.
+/// A file system, according to its own tools.
 struct FileSystemFacts {
     std::vector<std::string> features;
-    std::optional<std::time_t> mounted; ///< for the last time
+    std::optional<std::time_t> mounted; ///< last time
     std::optional<std::time_t> written;
-    Order order = Order::unknown;
-    std::string note; ///< why less is known than could be; empty if it isn't
+    CleanState cleanState = CleanState::unknown;
+    std::string note; ///< why some facts are missing; empty if none are
 };
 
-/// What begins at the device's first byte. Throws std::runtime_error if it can't be read.
-Found findWhole(const std::string& device);
-/// What its table of partitions has; nothing without one. Throws std::runtime_error if it can't be read.
-std::vector<Found> findPartitions(const std::string& device);
-/// Of the file system of a whole device. A tool that is missing, or finds fault, is told of in the note.
+/// The content that begins at the device's first byte. Throws std::runtime_error if the device can't be read.
+ProbeResult findWhole(const std::string& device);
+/// The entries of the partition table; nothing if there is none. Throws std::runtime_error if it can't be
+/// read.
+std::vector<ProbeResult> findPartitions(const std::string& device);
+/// The facts about a file system that fills the device. If a tool is missing or fails, the note says so.
 FileSystemFacts factsOf(const std::string& device, const std::string& kind);
 
 } // namespace restore::view

@@ -19,17 +19,17 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr std::chrono::milliseconds readyPause(10);
-constexpr std::chrono::seconds readyPatience(180); // what the transports try to reach a target may take
+constexpr std::chrono::seconds readyTimeout(180); // transports may try for that long to reach a target
 constexpr const char* pluginFile = "nbdkit-bek-plugin.so";
 
-/// Beside this program where it was built, else where the package has it.
+/// Prefers the plugin beside this program, as in a build folder, to the installed one.
 std::string pluginPath() {
     std::error_code error;
     const fs::path beside = fs::read_symlink("/proc/self/exe", error).parent_path() / pluginFile;
     return fs::exists(beside, error) ? beside.string() : std::string("/usr/lib/bek-restore/") + pluginFile;
 }
 
-/// The server works in another place.
+/// An absolute path, as the server has another working directory.
 std::string textOf(const ImageAddress& address) {
     return address.kind == ImageAddress::Kind::file ? fs::absolute(address.path).string() : address.text;
 }
@@ -61,11 +61,12 @@ void ImageView::setMountPoint(const std::string& path) {
     place.write(state);
 }
 
-void ImageView::leave() {
+void ImageView::detach() {
     place.keep();
     served->release();
 }
 
+/// Starts nbdfuse, with nbdkit as its child. nbdkit's filter `cow` keeps all writes out of the image.
 void ImageView::serve(const SecretSource& secret, Lifetime lifetime) {
     Start start;
     start.command = {"nbdfuse",
@@ -86,10 +87,10 @@ void ImageView::serve(const SecretSource& secret, Lifetime lifetime) {
     const os::FileDescriptor log(
         ::open(place.path("log").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
     start.output = log.get();
-    start.kept = place.lock();
+    start.inheritedDescriptor = place.lock();
     start.isDetached = true;
-    start.hasOwnMounts = true;
-    start.endsWithUs = lifetime == Lifetime::ours;
+    start.hasOwnMountNamespace = true;
+    start.endsWithParent = lifetime == Lifetime::endsWithProcess;
     served.emplace(start);
     state.owner = ProcessId::self();
     state.server = ProcessId::of(served->pid()).value_or(ProcessId{});
@@ -98,30 +99,30 @@ void ImageView::serve(const SecretSource& secret, Lifetime lifetime) {
 }
 
 void ImageView::awaitServer() {
-    const auto deadline = std::chrono::steady_clock::now() + readyPatience;
+    const auto deadline = std::chrono::steady_clock::now() + readyTimeout;
     while (!hasContent(place.path("ready"))) {
         if (served->status()) {
-            throw std::runtime_error("the image " + address.text + " can't be shown: " + wordsOfServer());
+            throw std::runtime_error("the image " + address.text + " can't be shown: " + serverError());
         }
         if (std::chrono::steady_clock::now() > deadline) {
             throw std::runtime_error("the image " + address.text + " can't be shown: no answer within " +
-                                     std::to_string(readyPatience.count()) + " s");
+                                     std::to_string(readyTimeout.count()) + " s");
         }
         std::this_thread::sleep_for(readyPause);
     }
 }
 
-/// What nbdkit says comes first; nbdfuse only sees it go.
-std::string ImageView::wordsOfServer() const {
+/// nbdkit's error comes first and says the reason; nbdfuse only reports that nbdkit has ended.
+std::string ImageView::serverError() const {
     std::ifstream log(place.path("log"));
     const std::string text{std::istreambuf_iterator<char>(log), {}};
     constexpr std::string_view mark = "error: ";
     const std::size_t found = text.find(mark);
     if (found == std::string::npos) {
-        return lastWords(text);
+        return lastOutputLine(text);
     }
     const std::size_t begin = found + mark.size();
-    return lastWords(text.substr(begin, text.find('\n', begin) - begin));
+    return lastOutputLine(text.substr(begin, text.find('\n', begin) - begin));
 }
 
 } // namespace restore::view

@@ -11,16 +11,16 @@
 
 namespace restore::view {
 
-/// An image as a block device of this machine, which may be written to: what is written goes to an overlay in
-/// TMPDIR or /var/tmp, and is thrown away with the view. The image is never written. nbdkit serves it, with a
-/// plugin of ours that reads images, and nbdfuse makes a file of that for a loop device.
-/// Owns:    the processes, the device and the place of the view, unless it was left.
-/// Threads: one at a time, and the first to make one; that thread has to outlive it.
-/// Fails:   by std::runtime_error. Nothing is left after that, and no more than clearRemains() removes if
-///          this process is killed.
+/// An image as a block device of this machine. The device can be written to: writes go to an overlay in
+/// TMPDIR or /var/tmp, which is discarded with the view. The image is never written. nbdkit serves it, with
+/// our own plugin that reads images, and nbdfuse makes that a file for a loop device.
+/// Owns:    the processes, the device and the directory of the view, unless detach() was called.
+/// Threads: one at a time. The main thread constructs it, as that thread has to outlive it.
+/// Fails:   throws std::runtime_error, and leaves nothing behind. If this process is killed,
+///          removeStaleViews() removes what is left.
 class ImageView {
 public:
-    enum class Lifetime { ours, beyondUs };
+    enum class Lifetime { endsWithProcess, outlivesProcess };
 
     ImageView(const ImageAddress& address, const SecretSource& secret, Lifetime lifetime);
     ImageView(const ImageView&) = delete;
@@ -29,23 +29,23 @@ public:
     ImageView& operator=(ImageView&&) = delete;
     ~ImageView() = default;
 
-    /// The block device.
+    /// The path of the block device.
     [[nodiscard]] const std::string& device() const { return loop->path(); }
     [[nodiscard]] const ViewDirectory& directory() const { return place; }
-    /// nbdfuse, in whose mount namespace `file()` is the image.
+    /// The process ID of nbdfuse; in its mount namespace, `file()` is the image.
     [[nodiscard]] pid_t server() const { return served->pid(); }
     [[nodiscard]] std::string file() const { return place.path(fileName); }
-    /// Writes down where it is going to be mounted, for who unmounts it.
+    /// Records where the view is going to be mounted, for the command that unmounts it.
     void setMountPoint(const std::string& path);
-    /// Lets all of it go on when this object is gone, by what is mounted from the device.
-    void leave();
+    /// Lets the view live on after this object, for the file system that is mounted from the device.
+    void detach();
 
 private:
     static constexpr const char* fileName = "view/image";
 
     void serve(const SecretSource& secret, Lifetime lifetime);
     void awaitServer();
-    [[nodiscard]] std::string wordsOfServer() const;
+    [[nodiscard]] std::string serverError() const;
 
     ImageAddress address;
     ViewDirectory place;

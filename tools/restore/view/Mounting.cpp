@@ -26,30 +26,30 @@ namespace {
 
 using std::chrono::seconds;
 
-constexpr seconds mountPatience(300); // a journal far away is replayed meanwhile
+constexpr seconds mountTimeout(300); // enough to replay the journal of a remote image
 constexpr std::chrono::milliseconds mountedPause(10);
-/// Nobody gains rights on this machine by what is in an image.
-constexpr const char* harmless = "ro,nosuid,nodev";
+/// Keeps the content of an image from granting rights on this machine.
+constexpr const char* safeMountOptions = "ro,nosuid,nodev";
 
-/// One way to mount a kind: by the kernel, or by a program that is a driver itself.
-struct Way {
+/// A way to mount a kind of file system: by the kernel, or by a driver that is a program.
+struct MountMethod {
     const char* kind;    ///< libblkid's name
     const char* type;    ///< the kernel's name of the kind, or the program
-    const char* options; ///< beside those that keep it harmless
+    const char* options; ///< in addition to `safeMountOptions`
     bool isProgram;
 };
 
-/// The best way of each kind first.
-constexpr std::array ways{
-    Way{"ext4", "ext4", "", false},
-    Way{"ext3", "ext3", "", false},
-    Way{"ext2", "ext2", "", false},
-    Way{"xfs", "xfs", "nouuid", false},
-    Way{"vfat", "vfat", "utf8", false},
-    Way{"vfat", "fusefat", "", true},
-    Way{"ntfs", "ntfs-3g", "permissions,streams_interface=xattr", true},
-    Way{"ntfs", "ntfs3", "", false},
-    Way{"hfsplus", "hfsplus", "", false},
+/// The best method for each kind comes first.
+constexpr std::array methods{
+    MountMethod{"ext4", "ext4", "", false},
+    MountMethod{"ext3", "ext3", "", false},
+    MountMethod{"ext2", "ext2", "", false},
+    MountMethod{"xfs", "xfs", "nouuid", false},
+    MountMethod{"vfat", "vfat", "utf8", false},
+    MountMethod{"vfat", "fusefat", "", true},
+    MountMethod{"ntfs", "ntfs-3g", "permissions,streams_interface=xattr", true},
+    MountMethod{"ntfs", "ntfs3", "", false},
+    MountMethod{"hfsplus", "hfsplus", "", false},
 };
 
 struct Remedy {
@@ -76,8 +76,8 @@ std::string joined(std::initializer_list<std::string> options) {
     return all;
 }
 
-/// Whether the words of mount(8) say that the kernel has no such file system, rather than what is wrong with
-/// it.
+/// Whether the output of mount(8) says that the kernel doesn't support the file system, rather than what is
+/// wrong with it.
 bool isUnknown(const std::string& words) {
     return words.find("unknown filesystem type") != std::string::npos ||
            words.find("not supported by kernel") != std::string::npos;
@@ -85,34 +85,35 @@ bool isUnknown(const std::string& words) {
 
 void requireMounted(const Outcome& outcome, const std::string& what) {
     if (outcome.status != 0) {
-        throw std::runtime_error(what + " can't be mounted: " + lastWords(outcome.output));
+        throw std::runtime_error(what + " can't be mounted: " + lastOutputLine(outcome.output));
     }
 }
 
-/// Takes the first way of a kind that this machine has: `take` returns false if it lacks it.
-void mountByAny(const std::string& kind, const std::function<bool(const Way&)>& take) {
+/// Uses the first method for this kind that the machine supports; `take` returns false if it doesn't support
+/// a method. Throws NoDriver if it supports none of them.
+void mountByAny(const std::string& kind, const std::function<bool(const MountMethod&)>& take) {
     bool isKnown = false;
-    for (const Way& way : ways) {
-        if (kind != way.kind) {
+    for (const MountMethod& method : methods) {
+        if (kind != method.kind) {
             continue;
         }
         isKnown = true;
         try {
-            if (take(way)) {
+            if (take(method)) {
                 return;
             }
-        } catch (const ProgramMissing&) { // NOLINT(bugprone-empty-catch): the next way
+        } catch (const ProgramMissing&) { // NOLINT(bugprone-empty-catch): the next method
         }
     }
     throw NoDriver(isKnown ? "nothing on this machine mounts " + kind + ": " + remedyFor(kind)
                            : "no way is known to mount " + kind);
 }
 
-/// False if the kernel doesn't know it.
-bool mountByKernel(const Way& way, const std::string& options, const std::string& device,
+/// Returns false if the kernel doesn't support the file system.
+bool mountByKernel(const MountMethod& method, const std::string& options, const std::string& device,
                    const std::string& directory) {
     const Outcome outcome = runProgram(
-        {.command = {"mount", "-i", "-t", way.type, "-o", options, device, directory}}, mountPatience);
+        {.command = {"mount", "-i", "-t", method.type, "-o", options, device, directory}}, mountTimeout);
     if (outcome.status != 0 && isUnknown(outcome.output)) {
         return false;
     }
@@ -125,34 +126,34 @@ bool isMountedAt(const std::string& path, dev_t before) {
     return ::stat(path.c_str(), &now) == 0 && now.st_dev != before;
 }
 
-std::string lastWordsIn(const std::string& path) {
+std::string lastOutputLineIn(const std::string& path) {
     std::ifstream file(path);
-    return lastWords({std::istreambuf_iterator<char>(file), {}});
+    return lastOutputLine({std::istreambuf_iterator<char>(file), {}});
 }
 
-/// A driver that stays our child, so that it ends with us. It has mounted once another device is seen at
-/// `seenAt`. What it says goes to the log.
+/// Starts a driver in the foreground, as a child that ends with this process. It has mounted the file system
+/// when `seenAt` is on another device. Its output goes to the log.
 Program startDriver(Start start, const std::string& seenAt, const std::string& log) {
     struct ::stat before{};
     if (::stat(seenAt.c_str(), &before) != 0) {
         throw agent::PosixError(seenAt + " can't be seen", errno);
     }
     const os::FileDescriptor output(::open(log.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC));
-    start.endsWithUs = true;
+    start.endsWithParent = true;
     start.isDetached = true;
     start.output = output.get();
     Program driver(start);
-    const auto deadline = std::chrono::steady_clock::now() + mountPatience;
+    const auto deadline = std::chrono::steady_clock::now() + mountTimeout;
     while (!isMountedAt(seenAt, before.st_dev)) {
         if (driver.status() || std::chrono::steady_clock::now() > deadline) {
-            throw std::runtime_error(start.command.front() + " can't mount it: " + lastWordsIn(log));
+            throw std::runtime_error(start.command.front() + " can't mount it: " + lastOutputLineIn(log));
         }
         std::this_thread::sleep_for(mountedPause);
     }
     return driver;
 }
 
-/// What libblkid finds on a device.
+/// The content of a device, according to libblkid.
 class Probe {
 public:
     explicit Probe(const std::string& device)
@@ -164,7 +165,7 @@ public:
         isFound = ::blkid_do_safeprobe(probe.get()) == 0;
     }
 
-    /// Empty if there is none.
+    /// Empty if there is no such value.
     [[nodiscard]] std::string value(const char* name) const {
         const char* text = nullptr;
         const bool isThere =
@@ -177,12 +178,12 @@ private:
     bool isFound = false;
 };
 
-std::vector<std::string> foreground(const Way& way, const std::string& options, const std::string& device,
-                                    const std::string& directory) {
-    if (std::string_view(way.type) == "ntfs-3g") {
-        return {way.type, "-o", joined({options, "no_detach"}), device, directory};
+std::vector<std::string> foreground(const MountMethod& method, const std::string& options,
+                                    const std::string& device, const std::string& directory) {
+    if (std::string_view(method.type) == "ntfs-3g") {
+        return {method.type, "-o", joined({options, "no_detach"}), device, directory};
     }
-    return {way.type, "-f", "-o", options, device, directory};
+    return {method.type, "-f", "-o", options, device, directory};
 }
 
 } // namespace
@@ -200,30 +201,30 @@ std::string uuidOf(const std::string& device) {
 }
 
 void mountForAll(const ImageView& view, const std::string& kind, const std::string& directory) {
-    mountByAny(kind, [&](const Way& way) {
-        const std::string options = joined({harmless, way.options});
-        if (!way.isProgram) {
-            return mountByKernel(way, options, view.device(), directory);
+    mountByAny(kind, [&](const MountMethod& method) {
+        const std::string options = joined({safeMountOptions, method.options});
+        if (!method.isProgram) {
+            return mountByKernel(method, options, view.device(), directory);
         }
         requireMounted(
-            runProgram({.command = {way.type, "-o", options, view.device(), directory}}, mountPatience),
+            runProgram({.command = {method.type, "-o", options, view.device(), directory}}, mountTimeout),
             view.device());
         return true;
     });
 }
 
 void replayJournal(const std::string& kind, const std::string& device, const std::string& directory) {
-    mountByAny(kind, [&](const Way& way) {
-        if (way.isProgram ||
-            !mountByKernel(way, joined({"rw,nosuid,nodev", way.options}), device, directory)) {
+    mountByAny(kind, [&](const MountMethod& method) {
+        if (method.isProgram ||
+            !mountByKernel(method, joined({"rw,nosuid,nodev", method.options}), device, directory)) {
             return false;
         }
-        requireMounted(runProgram({.command = {"umount", directory}}, mountPatience), device);
+        requireMounted(runProgram({.command = {"umount", directory}}, mountTimeout), device);
         return true;
     });
 }
 
-void leaveMountsOfMachine() {
+void enterPrivateMountNamespace() {
     if (::unshare(CLONE_NEWNS) != 0 || ::mount(nullptr, "/", nullptr, MS_REC | MS_SLAVE, nullptr) != 0) {
         throw agent::PosixError("no mounts of our own can be had", errno);
     }
@@ -231,32 +232,33 @@ void leaveMountsOfMachine() {
 
 PrivateMount::PrivateMount(const ImageView& view, const std::string& kind) {
     const std::string directory = view.directory().path("root");
-    mountByAny(kind, [&](const Way& way) {
-        const std::string options = joined({harmless, way.options});
-        if (!way.isProgram) {
-            mounted = directory;
-            return mountByKernel(way, options, view.device(), directory);
+    mountByAny(kind, [&](const MountMethod& method) {
+        const std::string options = joined({safeMountOptions, method.options});
+        if (!method.isProgram) {
+            kernelMountPoint = directory;
+            return mountByKernel(method, options, view.device(), directory);
         }
-        // Where the server is: the kernel, which has to tell the program of its end, finds it there alive,
-        // and not already half gone with the last process of ours.
+        // Mounts in the server's mount namespace. When the mount ends, the kernel has to notify the
+        // driver. In that namespace the driver is still alive then; in ours it would be ending with our last
+        // process.
         Start start;
-        start.command = foreground(way, options, view.file(), directory);
-        start.mountsOf = view.server();
+        start.command = foreground(method, options, view.file(), directory);
+        start.mountNamespaceOf = view.server();
         const std::string seen = "/proc/" + std::to_string(view.server()) + "/root" + directory;
         driver.emplace(startDriver(start, seen, view.directory().path("log")));
-        mounted.clear();
+        kernelMountPoint.clear();
         openTop(seen);
         return true;
     });
-    if (!mounted.empty()) {
-        openTop(mounted);
+    if (!kernelMountPoint.empty()) {
+        openTop(kernelMountPoint);
     }
 }
 
 PrivateMount::~PrivateMount() {
     top.reset();
-    if (!mounted.empty() && ::umount2(mounted.c_str(), 0) != 0) {
-        ::umount2(mounted.c_str(), MNT_DETACH); // somebody looks on; it goes with him
+    if (!kernelMountPoint.empty() && ::umount2(kernelMountPoint.c_str(), 0) != 0) {
+        ::umount2(kernelMountPoint.c_str(), MNT_DETACH); // still in use: unmounted when its last user ends
     }
 }
 

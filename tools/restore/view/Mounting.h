@@ -8,36 +8,36 @@
 
 namespace restore::view {
 
-/// What kind of file system is on a device, as libblkid names it. Throws std::runtime_error if it knows none.
+/// The kind of file system on a device, as libblkid names it. Throws std::runtime_error if libblkid knows
+/// none.
 std::string findKind(const std::string& device);
-/// Its UUID, in the same way; empty if it has none.
+/// The file system's UUID, according to libblkid; empty if it has none.
 std::string uuidOf(const std::string& device);
 
-/// Nothing on this machine mounts such a file system; the text says what to install.
+/// Thrown if nothing on this machine can mount a kind of file system; the text says what to install.
 class NoDriver : public std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-/// Mounts the file system of a view for everybody, for reading only. Its journal is replayed on the way, in
-/// the overlay. Throws std::runtime_error, which says what is missing if this machine has no driver for that
-/// kind.
+/// Mounts the file system of a view read-only, visible to all processes. Its journal is replayed in the
+/// overlay. Throws std::runtime_error, which says what is missing if this machine has no driver for the kind.
 void mountForAll(const ImageView& view, const std::string& kind, const std::string& directory);
 
-/// Lets the kernel mount a device for writing, and unmounts it again: then its journal is replayed. Nobody
-/// else is to see `directory`. Throws std::runtime_error; NoDriver if the kernel doesn't know the kind.
+/// Replays a journal: the kernel mounts the device for writing and unmounts it again. No other process should
+/// see `directory`. Throws std::runtime_error; NoDriver if the kernel doesn't support the kind.
 void replayJournal(const std::string& kind, const std::string& device, const std::string& directory);
 
-/// This process, and those that it starts from now on, have mounts of their own, which the kernel takes away
-/// with the last of them.
-void leaveMountsOfMachine();
+/// Moves this process, and those that it starts from now on, to a mount namespace of their own. The kernel
+/// removes its mounts with the last of these processes.
+void enterPrivateMountNamespace();
 
-/// A file system that this process alone sees.
-/// Owns:    the mount, and the process that it takes with some kinds.
+/// A file system that is mounted for this process only.
+/// Owns:    the mount, and the driver's process that some kinds need.
 /// Threads: one at a time.
-/// Fails:   by std::runtime_error.
+/// Fails:   throws std::runtime_error.
 class PrivateMount {
 public:
-    /// What a view shows. leaveMountsOfMachine() has been called.
+    /// Mounts what a view shows. Call enterPrivateMountNamespace() first.
     PrivateMount(const ImageView& view, const std::string& kind);
     PrivateMount(const PrivateMount&) = delete;
     PrivateMount& operator=(const PrivateMount&) = delete;
@@ -45,13 +45,13 @@ public:
     PrivateMount& operator=(PrivateMount&&) = delete;
     ~PrivateMount();
 
-    /// A descriptor of the directory at its top.
+    /// A descriptor of the file system's root directory.
     [[nodiscard]] int root() const { return top.get(); }
 
 private:
     void openTop(const std::string& path);
 
-    std::string mounted; // by the kernel, here; empty if a program does it elsewhere
+    std::string kernelMountPoint; // in our mount namespace; empty if a program mounts it elsewhere
     std::optional<Program> driver;
     os::FileDescriptor top;
 };

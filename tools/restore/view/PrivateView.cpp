@@ -14,14 +14,14 @@ namespace restore::view {
 namespace {
 
 std::string mountableKind(const ImageView& view) {
-    leaveMountsOfMachine();
+    enterPrivateMountNamespace();
     return findKind(view.device());
 }
 
 } // namespace
 
 PrivateView::PrivateView(const ImageAddress& address, const SecretSource& secret)
-    : view(address, secret, ImageView::Lifetime::ours),
+    : view(address, secret, ImageView::Lifetime::endsWithProcess),
       fileSystem(mountableKind(view)),
       mount(view, fileSystem) {}
 

@@ -27,13 +27,13 @@ using std::chrono::milliseconds;
 
 constexpr milliseconds pollPause(10);
 constexpr milliseconds watchPause(200);
-constexpr milliseconds endPatience(10'000);
+constexpr milliseconds endTimeout(10'000);
 constexpr std::size_t mostOutput = 256UL * 1024;
 constexpr int statusOfSignal = 128;
 constexpr int cannotStart = 126;
 constexpr const char* systemPaths = "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin";
 
-/// Where a program lies, by the paths of the system: those of a user may lack the administrator's.
+/// Looks in the system's own directories: a user's PATH may lack those of the administrator.
 std::string findProgram(const std::string& name) {
     if (name.find('/') != std::string::npos) {
         return name;
@@ -49,25 +49,27 @@ std::string findProgram(const std::string& name) {
     throw ProgramMissing("there is no program " + name + " on this machine");
 }
 
-/// All that exec needs, made before the fork: after it nothing may be allocated.
-struct Image {
-    explicit Image(const Start& start)
-        : path(findProgram(start.command.front())), words(start.command), settings(settingsOf(start)) {
-        for (std::string& word : words) {
-            arguments.push_back(word.data());
+/// Everything that execve needs, prepared before the fork: after it, nothing may be allocated.
+struct ExecArguments {
+    explicit ExecArguments(const Start& start)
+        : path(findProgram(start.command.front())),
+          command(start.command),
+          environment(environmentOf(start)) {
+        for (std::string& argument : command) {
+            arguments.push_back(argument.data());
         }
         arguments.push_back(nullptr);
-        for (std::string& setting : settings) {
-            variables.push_back(setting.data());
+        for (std::string& variable : environment) {
+            variables.push_back(variable.data());
         }
         variables.push_back(nullptr);
-        if (start.mountsOf) {
-            const std::string name = "/proc/" + std::to_string(*start.mountsOf) + "/ns/mnt";
-            mounts = os::FileDescriptor(::open(name.c_str(), O_RDONLY | O_CLOEXEC));
+        if (start.mountNamespaceOf) {
+            const std::string name = "/proc/" + std::to_string(*start.mountNamespaceOf) + "/ns/mnt";
+            mountNamespace = os::FileDescriptor(::open(name.c_str(), O_RDONLY | O_CLOEXEC));
         }
     }
 
-    static std::vector<std::string> settingsOf(const Start& start) {
+    static std::vector<std::string> environmentOf(const Start& start) {
         std::vector<std::string> all{"LC_ALL=C", std::string("PATH=") + systemPaths};
         for (const char* name : {"TMPDIR", "HOME", "TERM"}) {
             if (const char* value = std::getenv(name); value != nullptr) { // NOLINT(concurrency-mt-unsafe)
@@ -81,42 +83,43 @@ struct Image {
     }
 
     std::string path;
-    std::vector<std::string> words;
-    std::vector<std::string> settings;
+    std::vector<std::string> command;
+    std::vector<std::string> environment;
     std::vector<char*> arguments;
     std::vector<char*> variables;
-    os::FileDescriptor mounts;
+    os::FileDescriptor mountNamespace;
 };
 
-/// False if something that was asked for can't be had. In the child.
-bool settle(const Start& start, const Image& image, pid_t parent) {
-    if (start.endsWithUs && (::prctl(PR_SET_PDEATHSIG, SIGTERM) != 0 || ::getppid() != parent)) {
+/// Runs in the child. Returns false if a requested setting fails.
+bool applySettings(const Start& start, const ExecArguments& exec, pid_t parent) {
+    if (start.endsWithParent && (::prctl(PR_SET_PDEATHSIG, SIGTERM) != 0 || ::getppid() != parent)) {
         return false;
     }
     if (start.isDetached && ::setsid() < 0) {
         return false;
     }
-    if (start.mountsOf && ::setns(image.mounts.get(), CLONE_NEWNS) != 0) {
+    if (start.mountNamespaceOf && ::setns(exec.mountNamespace.get(), CLONE_NEWNS) != 0) {
         return false;
     }
-    // What the machine unmounts goes from its view too, and nothing comes back.
-    return !start.hasOwnMounts ||
+    // An unmount on the machine also takes effect in this namespace, but nothing goes the other way.
+    return !start.hasOwnMountNamespace ||
            (::unshare(CLONE_NEWNS) == 0 && ::mount(nullptr, "/", nullptr, MS_REC | MS_SLAVE, nullptr) == 0);
 }
 
-bool connect(const Start& start) {
-    const int nobody = ::open("/dev/null", O_RDWR | O_CLOEXEC);
-    const int output = start.output >= 0 ? start.output : nobody;
-    return nobody >= 0 && ::dup2(nobody, STDIN_FILENO) >= 0 && ::dup2(output, STDOUT_FILENO) >= 0 &&
-           ::dup2(output, STDERR_FILENO) >= 0 && (start.kept < 0 || ::fcntl(start.kept, F_SETFD, 0) == 0);
+bool redirectStreams(const Start& start) {
+    const int nullDevice = ::open("/dev/null", O_RDWR | O_CLOEXEC);
+    const int output = start.output >= 0 ? start.output : nullDevice;
+    return nullDevice >= 0 && ::dup2(nullDevice, STDIN_FILENO) >= 0 && ::dup2(output, STDOUT_FILENO) >= 0 &&
+           ::dup2(output, STDERR_FILENO) >= 0 &&
+           (start.inheritedDescriptor < 0 || ::fcntl(start.inheritedDescriptor, F_SETFD, 0) == 0);
 }
 
-[[noreturn]] void become(const Start& start, const Image& image, pid_t parent) {
+[[noreturn]] void execInChild(const Start& start, const ExecArguments& exec, pid_t parent) {
     ::sigset_t none{};
     ::sigemptyset(&none);
     ::pthread_sigmask(SIG_SETMASK, &none, nullptr);
-    if (settle(start, image, parent) && connect(start)) {
-        ::execve(image.path.c_str(), image.arguments.data(), image.variables.data());
+    if (applySettings(start, exec, parent) && redirectStreams(start)) {
+        ::execve(exec.path.c_str(), exec.arguments.data(), exec.variables.data());
     }
     ::_exit(cannotStart);
 }
@@ -125,7 +128,7 @@ int shellStatus(int status) {
     return WIFEXITED(status) ? WEXITSTATUS(status) : statusOfSignal + WTERMSIG(status);
 }
 
-/// Keeps what fits of what comes out of a pipe. False at its end.
+/// Keeps what fits of the pipe's data. Returns false at the end of the pipe.
 bool drain(int pipe, std::string& output) {
     std::array<char, 16384> part{};
     const ::ssize_t count = ::read(pipe, part.data(), part.size());
@@ -136,7 +139,7 @@ bool drain(int pipe, std::string& output) {
     return count > 0 || (count < 0 && errno == EINTR);
 }
 
-/// How long to wait for what a program prints.
+/// The timeout of the next poll: until the deadline, but at most `watchPause`.
 int nextPause(Clock::time_point deadline) {
     const auto left = std::chrono::duration_cast<milliseconds>(deadline - Clock::now());
     return static_cast<int>(std::clamp(left, milliseconds(0), watchPause).count());
@@ -147,14 +150,14 @@ int nextPause(Clock::time_point deadline) {
 Program::Program(const Start& start) : id(Program::start(start)) {}
 
 pid_t Program::start(const Start& start) {
-    const Image image(start);
+    const ExecArguments exec(start);
     const pid_t parent = ::getpid();
     const pid_t child = ::fork();
     if (child < 0) {
         throw agent::PosixError(start.command.front() + " can't be started", errno);
     }
     if (child == 0) {
-        become(start, image, parent);
+        execInChild(start, exec, parent);
     }
     return child;
 }
@@ -186,7 +189,7 @@ void Program::end() {
         return;
     }
     ::kill(id, SIGTERM);
-    if (!wait(endPatience)) {
+    if (!wait(endTimeout)) {
         kill();
     }
 }
@@ -194,10 +197,11 @@ void Program::end() {
 void Program::kill() {
     if (id > 0 && !status()) {
         ::kill(id, SIGKILL);
-        wait(endPatience); // one that waits in the kernel for a dead disk ends when that lets it
+        wait(endTimeout); // a process that waits in the kernel for a dead disk ends only when that returns
     }
 }
 
+/// Reads the pipe to its end even if no more output is kept, so that the program never blocks on a full pipe.
 Outcome runProgram(Start start, std::optional<milliseconds> limit, const std::function<void(pid_t)>& watch) {
     std::array<int, 2> ends{};
     if (::pipe2(ends.data(), O_CLOEXEC) != 0) {
@@ -206,7 +210,7 @@ Outcome runProgram(Start start, std::optional<milliseconds> limit, const std::fu
     const os::FileDescriptor reading(ends[0]);
     os::FileDescriptor writing(ends[1]);
     start.output = writing.get();
-    start.endsWithUs = true;
+    start.endsWithParent = true;
     Program program(start);
     writing.reset();
     const Clock::time_point deadline = limit ? Clock::now() + *limit : Clock::time_point::max();
@@ -226,12 +230,12 @@ Outcome runProgram(Start start, std::optional<milliseconds> limit, const std::fu
             break;
         }
     }
-    const std::optional<int> status = program.wait(endPatience);
+    const std::optional<int> status = program.wait(endTimeout);
     outcome.status = status.value_or(statusOfSignal + SIGKILL);
     return outcome;
 }
 
-std::string lastWords(const std::string& output) {
+std::string lastOutputLine(const std::string& output) {
     std::string last;
     for (std::size_t begin = 0; begin < output.size();) {
         const std::size_t end = std::min(output.find('\n', begin), output.size());

@@ -12,28 +12,28 @@
 #include <utility>
 #include <vector>
 
-/// Programs that do what bek-restore doesn't do itself: serve, mount, check, copy.
+/// External programs for what bek-restore doesn't do itself: serve, mount, check, copy.
 namespace restore::view {
 
-/// What is to be started, and how. Nothing is read from standard input.
+/// A program to start, and how to start it. Its standard input is empty.
 struct Start {
-    // GCC wants each member that may be left out to have a value.
+    // GCC warns of a member that is left out and has no initialiser.
     // NOLINTBEGIN(readability-redundant-member-init)
     std::vector<std::string> command;                               ///< found on the system's own paths
-    std::vector<std::pair<std::string, std::string>> environment{}; ///< what it gets beside ours
-    int output = -1;           ///< takes standard output and standard error; nobody does if there is none
-    int kept = -1;             ///< a descriptor that it goes on holding
-    bool endsWithUs = false;   ///< even if this process is killed
-    bool isDetached = false;   ///< not reached by what is typed at our terminal
-    bool hasOwnMounts = false; ///< what it mounts is seen by nobody else
-    std::optional<pid_t> mountsOf{}; ///< it sees, and adds to, the mounts of this process
+    std::vector<std::pair<std::string, std::string>> environment{}; ///< variables beside the usual ones
+    int output = -1;                   ///< receives standard output and standard error; -1 discards them
+    int inheritedDescriptor = -1;      ///< a descriptor that the program inherits; -1 for none
+    bool endsWithParent = false;       ///< even if this process is killed
+    bool isDetached = false;           ///< the keys of our terminal don't reach it
+    bool hasOwnMountNamespace = false; ///< runs in a mount namespace of its own
+    std::optional<pid_t> mountNamespaceOf{}; ///< runs in the mount namespace of the process with this ID
     // NOLINTEND(readability-redundant-member-init)
 };
 
-/// A program that runs beside ours.
-/// Owns:    the process: it is told to end with the object, and killed if it takes longer than ten seconds.
-/// Threads: one at a time; started by a thread that lasts as long as the program, if that `endsWithUs`.
-/// Fails:   by std::runtime_error, of which one says that there is no such program (ProgramMissing).
+/// A program that runs as a child process.
+/// Owns:    the process: the destructor tells it to end, and kills it after ten seconds.
+/// Threads: one at a time. If `endsWithParent`, the thread that starts the program must outlive it.
+/// Fails:   throws std::runtime_error; ProgramMissing if there is no such program.
 class Program {
 public:
     explicit Program(const Start& start);
@@ -44,14 +44,14 @@ public:
     ~Program();
 
     [[nodiscard]] pid_t pid() const { return id; }
-    /// How it has ended; nothing while it runs. As the shell has it: 128 and more for a signal.
+    /// The exit status as in a shell, 128 and more for a signal; nothing while the program runs.
     std::optional<int> status();
-    /// Waits for its end; nothing if that takes longer.
+    /// Waits for the program's end; returns nothing if it takes longer than `limit`.
     std::optional<int> wait(std::chrono::milliseconds limit);
-    /// Tells it to end, and sees to it that it does.
+    /// Asks the program to end, and kills it if it doesn't.
     void end();
     void kill();
-    /// It goes on without us.
+    /// Lets the program run on without this object.
     void release() { id = -1; }
 
 private:
@@ -67,16 +67,16 @@ class ProgramMissing : public std::runtime_error {
 
 struct Outcome {
     int status = 0;
-    std::string output; ///< standard output and standard error; no more than the first 256 KiB of it
+    std::string output; ///< standard output and standard error, at most the first 256 KiB
 };
 
-/// Runs a program to its end, and kills it if it takes longer than `limit`, which is std::runtime_error then.
-/// It ends with us, but for what it leaves in the background itself. `start.output` is ours to set. `watch`
-/// is called a few times a second while it runs.
+/// Runs a program to its end. Kills it if it takes longer than `limit`, and throws std::runtime_error then.
+/// The program ends with this process, except for what it leaves in the background. Sets `start.output`
+/// itself. Calls `watch` a few times a second meanwhile.
 Outcome runProgram(Start start, std::optional<std::chrono::milliseconds> limit,
                    const std::function<void(pid_t)>& watch = {});
 
-/// The last line of what a program has printed that says something, without control characters.
-std::string lastWords(const std::string& output);
+/// The last line of a program's output that isn't blank, without control characters.
+std::string lastOutputLine(const std::string& output);
 
 } // namespace restore::view

@@ -34,8 +34,8 @@ constexpr int endMilliseconds = 10'000;
 constexpr std::array<const char*, 4> files{"state", "state.new", "log", "ready"};
 constexpr std::array<const char*, 2> directories{"view", "root"};
 
-/// One at a time makes a place or clears those of the dead: a new one isn't taken for a dead one's before it
-/// has its lock.
+/// Locks the base directory while a process makes a place or clears dead ones: a new place mustn't be taken
+/// for a dead one before it has its own lock.
 os::FileDescriptor lockBase() {
     if (::mkdir(base, 0700) != 0 && errno != EEXIST) {
         throw agent::PosixError(std::string(base) + " can't be made", errno);
@@ -55,7 +55,7 @@ os::FileDescriptor openLocked(const std::string& place) {
     return directory;
 }
 
-/// Never more than what was made: whatever else is there stays.
+/// Removes only what was made here: anything else stays.
 void removePlace(const std::string& place) {
     for (const char* name : files) {
         ::unlink((place + "/" + name).c_str());
@@ -82,16 +82,16 @@ std::optional<ViewState> readState(const std::string& place) {
                          document.at("loop").get<std::string>(), document.at("image").get<std::string>(),
                          document.at("mountPoint").get<std::string>()};
     } catch (const json::exception&) {
-        return std::nullopt; // killed before it was written
+        return std::nullopt; // killed before the state was written
     }
 }
 
-/// The C library of Debian 12 has these for C only.
+/// Debian 12's C library declares the pidfd functions for C only.
 void signalProcess(const os::FileDescriptor& process, int number) {
     ::syscall(SYS_pidfd_send_signal, process.get(), number, nullptr, 0);
 }
 
-/// By a descriptor, so that no later process of the same number is met.
+/// Uses a pidfd, so that a later process with the same number is never hit.
 void endProcess(const ProcessId& process) {
     const os::FileDescriptor descriptor(static_cast<int>(::syscall(SYS_pidfd_open, process.pid, 0)));
     if (!descriptor || !process.isAlive()) {
@@ -118,7 +118,7 @@ bool isSame(const struct ::stat& one, const struct ::stat& other) {
     return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
 }
 
-/// By what it is, as its name looks different in the mounts of each server.
+/// Compares device and inode, as the path looks different in each server's mount namespace.
 bool holdsOpen(const fs::path& process, const struct ::stat& place) {
     std::error_code error;
     for (const fs::directory_entry& descriptor : fs::directory_iterator(process / "fd", error)) {
@@ -130,9 +130,9 @@ bool holdsOpen(const fs::path& process, const struct ::stat& place) {
     return false;
 }
 
-/// Whoever serves a view holds its place open, also one whose number nobody has come to write down, or who
-/// hasn't noticed that its parent is gone.
-void endHolders(const std::string& place) {
+/// Ends all processes that serve a view. Each of them holds the place open, even one whose process ID was
+/// never recorded, or one that hasn't noticed its parent's end.
+void endServers(const std::string& place) {
     struct ::stat status{};
     if (::stat(place.c_str(), &status) != 0) {
         return;
@@ -143,21 +143,21 @@ void endHolders(const std::string& place) {
         if (name.find_first_not_of("0123456789") != std::string::npos || !holdsOpen(process.path(), status)) {
             continue;
         }
-        const std::optional<ProcessId> holder = ProcessId::of(static_cast<pid_t>(std::stol(name)));
-        if (holder && *holder != ProcessId::self()) {
-            endProcess(*holder);
+        const std::optional<ProcessId> server = ProcessId::of(static_cast<pid_t>(std::stol(name)));
+        if (server && *server != ProcessId::self()) {
+            endProcess(*server);
         }
     }
 }
 
-void clearIfLeft(const std::string& place) {
+void removeIfStale(const std::string& place) {
     if (const os::FileDescriptor held = openLocked(place)) {
         removePlace(place);
         return;
     }
     const std::optional<ViewState> state = readState(place);
     if (state && !state->owner.isAlive() && !isLoopDevice(state->loop, place)) {
-        endHolders(place);
+        endServers(place);
         removePlace(place);
     }
 }
@@ -167,15 +167,15 @@ void clearIfLeft(const std::string& place) {
 std::optional<ProcessId> ProcessId::of(pid_t pid) {
     std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
     const std::string text{std::istreambuf_iterator<char>(file), {}};
-    const std::size_t name = text.rfind(')'); // which may hold blanks and brackets itself
+    const std::size_t name = text.rfind(')'); // end of the name, which may hold blanks and brackets
     if (name == std::string::npos) {
         return std::nullopt;
     }
-    constexpr int fieldsBefore = 20; // from the state to the time of the start
+    constexpr int fieldsBefore = 20; // from the state to the start time
     std::istringstream fields(text.substr(name + 1));
     std::string field;
     fields >> field;
-    if (field == "Z" || field == "X") { // it has ended, and nobody has asked how
+    if (field == "Z" || field == "X") { // a zombie: it has ended, but its parent hasn't reaped it
         return std::nullopt;
     }
     for (int number = 1; number < fieldsBefore; ++number) {
@@ -203,7 +203,7 @@ ViewDirectory::ViewDirectory() {
             throw agent::PosixError(place + " can't be used", reason);
         }
     }
-    // While nobody else looks: from here on it is known whose it is, whenever that is killed.
+    // Written under the base lock: from here on the owner is known, even if it is killed.
     ViewState begun;
     begun.owner = ProcessId::self();
     write(begun);
@@ -214,11 +214,12 @@ ViewDirectory::~ViewDirectory() {
         return;
     }
     try {
-        // Another bek-restore that looks for remains has the place open for a moment, and isn't meant.
+        // Another bek-restore that looks for remains opens the place for a moment; the lock keeps it from
+        // being ended.
         const os::FileDescriptor all = lockBase();
-        endHolders(place);
+        endServers(place);
         removePlace(place);
-    } catch (const std::exception&) { // without the lock nobody is ended; the next start clears what is left
+    } catch (const std::exception&) { // nothing is ended without the lock; the next start clears what is left
     }
 }
 
@@ -252,14 +253,14 @@ std::vector<MountedView> mountedViews() {
 void endView(const std::string& place, const ViewState& state) {
     const os::FileDescriptor all = lockBase();
     endProcess(state.server);
-    endHolders(place);
+    endServers(place);
     removePlace(place);
 }
 
-void clearRemains() {
+void removeStaleViews() {
     const os::FileDescriptor all = lockBase();
     for (const std::string& place : places()) {
-        clearIfLeft(place);
+        removeIfStale(place);
     }
 }
 

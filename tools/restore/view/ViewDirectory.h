@@ -9,37 +9,37 @@
 
 namespace restore::view {
 
-/// A process that is told from a later one of the same number.
+/// A process, distinguished from a later one with the same number.
 struct ProcessId {
     pid_t pid = 0;
-    unsigned long long begin = 0; ///< when it was started, in the kernel's ticks since the boot
+    unsigned long long begin = 0; ///< start time, in the kernel's ticks since boot
 
-    /// Nothing if there is none.
+    /// Returns nothing if there is no such process.
     static std::optional<ProcessId> of(pid_t pid);
     static ProcessId self();
     [[nodiscard]] bool isAlive() const { return of(pid) == *this; }
     bool operator==(const ProcessId&) const = default;
 };
 
-/// What is known of a view by those who come later.
+/// The record of a view, for later runs of bek-restore.
 struct ViewState {
-    ProcessId owner;        ///< the bek-restore that has made it
+    ProcessId owner;        ///< the bek-restore that made it
     ProcessId server;       ///< nbdfuse
     std::string loop;       ///< the block device; empty before there is one
     std::string image;      ///< its address
-    std::string mountPoint; ///< empty unless it is mounted for everybody
+    std::string mountPoint; ///< empty unless it is mounted for all processes
 };
 
-/// A place of its own for each view of an image, below /run/bek-restore:
+/// The directory of one view of an image, below /run/bek-restore:
 ///     view/    where nbdfuse shows the image, in its own mount namespace only
 ///     root/    where the file system is mounted, in a mount namespace only
 ///     state    a ViewState, as JSON; there from the beginning, and replaced as a whole
 ///     log      what the server has printed
-///     ready    the server's process number, once it serves
-/// Each process that serves the view holds a lock on it, so a view without a lock is a dead one's.
-/// Owns:    the descriptor with the lock, and the place unless it is `kept`.
+///     ready    the server's process ID, once it serves
+/// Each process that serves the view holds a lock on the directory, so a view without a lock is dead.
+/// Owns:    the descriptor with the lock, and the directory unless keep() was called.
 /// Threads: one at a time.
-/// Fails:   by std::runtime_error.
+/// Fails:   throws std::runtime_error.
 class ViewDirectory {
 public:
     ViewDirectory();
@@ -49,9 +49,9 @@ public:
     ViewDirectory& operator=(ViewDirectory&&) = delete;
     ~ViewDirectory();
 
-    /// The path of the place, or of what is in it.
+    /// The path of the directory, or of something in it.
     [[nodiscard]] std::string path(const std::string& name = "") const;
-    /// What a serving process has to hold on to.
+    /// The descriptor with the lock, which a serving process has to inherit.
     [[nodiscard]] int lock() const { return held.get(); }
     void write(const ViewState& state) const;
     void keep() { isKept = true; }
@@ -62,17 +62,18 @@ private:
     bool isKept = false;
 };
 
-/// The views that bek-restore has mounted for everybody.
+/// A view that bek-restore has mounted for all processes.
 struct MountedView {
     std::string place;
     ViewState state;
 };
 std::vector<MountedView> mountedViews();
 
-/// Ends the server of a view, within limits, and removes its place.
+/// Ends the server of a view, within a time limit, and removes the view's directory.
 void endView(const std::string& place, const ViewState& state);
 
-/// Removes what killed processes have left, and ends servers whose file system was unmounted by other means.
-void clearRemains();
+/// Removes what killed processes have left behind, and ends servers whose file system was unmounted by other
+/// means.
+void removeStaleViews();
 
 } // namespace restore::view

@@ -11,7 +11,7 @@
 
 namespace agent::core::backup::phase {
 
-/// Tells the status how much there is to copy. An estimate only: a backup goes on without it.
+/// Sets the total size to copy in the backup's status. It is only an estimate: a backup goes on without it.
 class CalculateTransferSize : public IPhase {
 public:
     /// `spaceTotal` and `blockSize` are in bytes.

@@ -6,8 +6,8 @@
 
 namespace agent::core::backup::phase {
 
-/// Stores the checksums of the images that have been written. It comes after every copy, so that a backup
-/// which failed or was cancelled never vouches for an image.
+/// Stores the checksums of the written images. Runs after all volumes are copied, so that a failed or
+/// cancelled backup never marks an image as valid.
 class CloseBackupSession : public IPhase {
 public:
     CloseBackupSession(BackupSession& session, db::IDataProvider& dataProvider);

@@ -3,7 +3,7 @@
 #include "common/Exceptions.h"
 #include "core/fs/LoggedBuffer.h"
 #include "info/HumanSize.h"
-#include "info/log/LogTurn.h"
+#include "info/log/LogGate.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -14,7 +14,7 @@ namespace agent::core::backup::phase {
 
 namespace {
 
-/// A transport that has reached the end of the image writes less, or says so by `errno`.
+/// At the end of the image a transport writes less than requested, or sets `errno` to ENOSPC.
 const info::Reason& whyNotWritten(std::int64_t written) {
     return written >= 0 || errno == ENOSPC ? info::reason("image-too-small") : info::reason("target-lost");
 }
@@ -47,18 +47,18 @@ void CopyChunkRanges::execute() {
     try {
         copy(second, writing);
     } catch (...) {
-        writing.settle(); // the chunk before is what has failed first
+        writing.waitOrThrow(); // a failed write of the previous chunk happened first, so that is thrown
         throw;
     }
-    writing.settle();
+    writing.waitOrThrow();
     logger.log(info::level::debug, "Total bytes copied is %lu (%s)", total,
                info::formatHumanSize(total).c_str());
 }
 
-/// Returns when nothing is left to be begun. Whatever is logged about a chunk comes behind the lines of the
-/// one before, and not at all if that has failed.
+/// Returns when the last write has begun. Log lines about reading a chunk wait until the previous chunk has
+/// been written, and are dropped if that write failed.
 void CopyChunkRanges::copy(AlignedBuffer& second, WriteBehind& writing) {
-    const info::LogTurn turn([&] { return writing.isWritten(); });
+    const info::LogGate gate([&] { return writing.waitUntilWritten(); });
     AlignedBuffer* free = &buffer;
     for (block::BlockRangeIterator range = provider->begin(); range != provider->end(); ++range) {
         cancel.check();
@@ -74,7 +74,7 @@ void CopyChunkRanges::copy(AlignedBuffer& second, WriteBehind& writing) {
     }
 }
 
-/// Of length 0 at the end of the device.
+/// Returns a chunk of length 0 at the end of the device.
 Chunk CopyChunkRanges::readChunk(const BlockRange& range, AlignedBuffer& into) {
     const auto offset = static_cast<std::int64_t>(range.start * blockSize);
     const std::uint64_t length = range.length * blockSize;
@@ -82,30 +82,30 @@ Chunk CopyChunkRanges::readChunk(const BlockRange& range, AlignedBuffer& into) {
         throw std::logic_error("A chunk to copy is larger than the buffer for it!");
     }
     if (reader.seek(offset, SEEK_SET) == -1) {
-        throw info::Reasoned<std::runtime_error>(info::reason("volume-unreadable"),
-                                                 "Failed to seek to the read offset!");
+        throw info::WithReason<std::runtime_error>(info::reason("volume-unreadable"),
+                                                   "Failed to seek to the read offset!");
     }
     const std::int64_t bytesRead = reader.read(into.data(), length);
     if (bytesRead == -1) {
         logger.log(info::level::error, info::reason("volume-unreadable"),
                    "Failed to read the chunk at offset %ld", offset);
-        throw info::Reasoned<std::runtime_error>(info::reason("volume-unreadable"),
-                                                 "Failed to read the chunk!");
+        throw info::WithReason<std::runtime_error>(info::reason("volume-unreadable"),
+                                                   "Failed to read the chunk!");
     }
     return {offset, into.data(), static_cast<std::uint64_t>(bytesRead)};
 }
 
 void CopyChunkRanges::writeChunk(const Chunk& chunk) {
     if (writer->seek(chunk.offset, SEEK_SET) == -1) {
-        throw info::Reasoned<exception::transport_connection_error>(info::reason("image-too-small"),
-                                                                    "Failed to seek to the write offset!");
+        throw info::WithReason<exception::transport_connection_error>(info::reason("image-too-small"),
+                                                                      "Failed to seek to the write offset!");
     }
     const std::int64_t written = writer->write(chunk.bytes, chunk.length);
     if (written < static_cast<std::int64_t>(chunk.length)) {
         const info::Reason& reason = whyNotWritten(written);
         logger.log(info::level::error, reason, "Failed to write the chunk! (%ld bytes written out of %lu)",
                    written, chunk.length);
-        throw info::Reasoned<exception::transport_connection_error>(reason, "Failed to write the chunk!");
+        throw info::WithReason<exception::transport_connection_error>(reason, "Failed to write the chunk!");
     }
 }
 

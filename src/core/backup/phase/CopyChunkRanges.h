@@ -16,14 +16,16 @@
 
 namespace agent::core::backup::phase {
 
-/// Copies the chosen blocks, each to where it stands on the volume. While a chunk is written, by a thread of
-/// its own that has the writer and the status for as long as the phase runs, the next one is read. A
-/// cancelled backup stops before the next chunk.
-/// A volume that can't be read is std::runtime_error, a target that can't be written
-/// transport_connection_error. A device that ends early ends the copy.
+/// Copies the chosen blocks to the same offsets in the image. A second thread writes a chunk while the
+/// backup's thread reads the next one; only the second thread uses the writer and updates the status while
+/// the phase runs. A cancelled backup stops before the next chunk.
+///
+/// Throws std::runtime_error if the volume can't be read, and transport_connection_error if the target can't
+/// be written. A device that ends early ends the copy without an error.
 class CopyChunkRanges : public IPhase {
 public:
-    /// No chunk of `provider` is larger than the buffer, beside which the phase has one of the same size.
+    /// No chunk of `provider` may be larger than `buffer`. The phase allocates a second buffer of the same
+    /// size.
     CopyChunkRanges(info::Logger& logger, std::string uuid, IVolumeReader& reader,
                     const std::shared_ptr<ITransport>& writer,
                     const std::unique_ptr<block::IBlockRangeProvider>& provider,

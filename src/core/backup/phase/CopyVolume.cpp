@@ -25,8 +25,8 @@ constexpr std::size_t bufferAlignment = 4096;
 
 } // namespace
 
-/// One run of the copy, with all that its phases share. They are made in order: what a phase refers to stands
-/// above it.
+/// One run of the copy, with the objects that its phases share. The members are declared in the order in
+/// which they depend on each other.
 class CopyVolume::Copy {
 public:
     Copy(CopyVolume& phase, const VolumeSnapshotInfo& snapshot)
@@ -46,25 +46,25 @@ public:
     void transfer(bool isIncremental) {
         std::unique_ptr<fs::IBlockBitmapChunkProvider> usedBlocks = fileSystems.create();
         if (!usedBlocks) {
-            sayWhatItMayBe();
-            throw info::Reasoned<std::runtime_error>(info::reason("file-system-unsupported"),
-                                                     "File system not recognized for " + phase.uuid);
+            logNearMiss();
+            throw info::WithReason<std::runtime_error>(info::reason("file-system-unsupported"),
+                                                       "File system not recognized for " + phase.uuid);
         }
-        const bool isWhole = !hasBlocksOf(*usedBlocks);
+        const bool copiesEveryBlock = !hasVolumeBlockSize(*usedBlocks);
         Phases phases =
-            list(std::make_unique<CreateChunkRangeProvider>(source(isIncremental, isWhole), provider, ranges,
-                                                            fileSystems, maxBlocksPerChunk),
+            list(std::make_unique<CreateChunkRangeProvider>(source(isIncremental, copiesEveryBlock), provider,
+                                                            ranges, fileSystems, maxBlocksPerChunk),
                  std::make_unique<CalculateTransferSize>(phase.logger, phase.uuid, phase.volume->getSize(),
                                                          blockSize, phase.status, provider),
                  std::make_unique<CopyChunkRanges>(phase.logger, phase.uuid, reader, writer, provider,
                                                    blockSize, buffer, phase.status, phase.cancel));
-        if (!isWhole && canPunchHoles()) {
+        if (!copiesEveryBlock && canPunchHoles()) {
             phases.push_back(
                 std::make_unique<PunchHoles>(phase.session.getTransport(phase.uuid),
                                              ranges.createUnusedExcluder(std::move(usedBlocks), false),
                                              blockSize, phase.cancel, phase.volume->getBlockCount()));
         }
-        usedBlocks.reset(); // or it keeps its maps in memory for the time of the copy
+        usedBlocks.reset(); // otherwise it keeps its maps in memory during the copy
         phases.push_back(std::make_unique<ModifyBootSector>(phase.logger, phase.volume->getFileSystem(),
                                                             phase.volume->getSectorSize(), reader, writer));
         run(phases);
@@ -80,8 +80,8 @@ private:
 
     void run(const Phases& phases) { PhaseRunner(phase.logger, phases).run(phase.cancel); }
 
-    /// Of a volume that nobody recognises.
-    void sayWhatItMayBe() {
+    /// Logs which file system a volume may have if no parser recognises it.
+    void logNearMiss() {
         const std::string nearMiss = fileSystems.nearMiss();
         if (!nearMiss.empty()) {
             info::LogEntry(phase.logger, info::level::error, info::reason("file-system-unsupported"))
@@ -89,12 +89,13 @@ private:
         }
     }
 
-    /// Whether the blocks of the map are those of the volume, whose size is asked of its mount point: what is
-    /// mounted over that has blocks of its own, and some kernels show smaller blocks than a file system has.
-    [[nodiscard]] bool hasBlocksOf(const fs::IBlockBitmapChunkProvider& map) const {
+    /// Whether the map has the volume's block size, which comes from the volume's mount point. The two differ
+    /// if another file system is mounted over that mount point, or if the kernel reports smaller blocks than
+    /// the file system has.
+    [[nodiscard]] bool hasVolumeBlockSize(const fs::IBlockBitmapChunkProvider& map) const {
         const std::uint32_t found = map.getBlockSize();
         if (found == 0 || blockSize == 0 || found == blockSize) {
-            return true; // what isn't known is refused by those who need it
+            return true; // code that needs the block size refuses an unknown one
         }
         info::LogEntry(phase.logger, info::level::error, info::reason("block-size-differs"))
             << "The file system of volume " << phase.volume->getDisplayName() << " has blocks of " << found
@@ -103,11 +104,11 @@ private:
         return false;
     }
 
-    [[nodiscard]] CreateChunkRangeProvider::Source source(bool isIncremental, bool isWhole) const {
-        // Up to the last byte: the file system may use what is no whole block of another size.
-        const std::uint64_t blocks =
-            isWhole ? (phase.volume->getSize() + blockSize - 1) / blockSize : phase.volume->getBlockCount();
-        return {snapshot.incrementalBitmap, snapshot.excludedFiles, blocks, isIncremental, isWhole};
+    [[nodiscard]] CreateChunkRangeProvider::Source source(bool isIncremental, bool copiesEveryBlock) const {
+        // Rounded up to the last byte: the file system may use a tail that is no whole block of this size.
+        const std::uint64_t blocks = copiesEveryBlock ? (phase.volume->getSize() + blockSize - 1) / blockSize
+                                                      : phase.volume->getBlockCount();
+        return {snapshot.incrementalBitmap, snapshot.excludedFiles, blocks, isIncremental, copiesEveryBlock};
     }
 
     [[nodiscard]] bool canPunchHoles() const {
@@ -162,11 +163,11 @@ void CopyVolume::copy(const VolumeSnapshotInfo& snapshot, std::uint32_t type) {
     Copy copy(*this, snapshot);
     info::LogEntry(logger, info::level::info) << "Beginning copying volume " << volume->getDisplayName();
     copy.open(type == DIFFERENTIAL_MERGE);
-    withdrawChecksum(type);
+    invalidateChecksum(type);
     try {
         transfer(copy, snapshot, type);
     } catch (...) {
-        withdrawChecksum(type); // in case the database couldn't be told before
+        invalidateChecksum(type); // in case the database couldn't be written before
         throw;
     }
 }
@@ -175,16 +176,16 @@ void CopyVolume::transfer(Copy& copy, const VolumeSnapshotInfo& snapshot, std::u
     try {
         copy.transfer(type == INCREMENTAL);
     } catch (...) {
-        isIntact(snapshot); // if not, that is why it couldn't be read
+        checkSnapshot(snapshot); // called for its log line: a broken snapshot explains the failure
         throw;
     }
-    if (!isIntact(snapshot)) {
-        throw info::Reasoned<std::runtime_error>(info::reason("snapshot-lost"),
-                                                 "The snapshot has not lasted for its copy!");
+    if (!checkSnapshot(snapshot)) {
+        throw info::WithReason<std::runtime_error>(info::reason("snapshot-lost"),
+                                                   "The snapshot has not lasted for its copy!");
     }
 }
 
-bool CopyVolume::isIntact(const VolumeSnapshotInfo& snapshot) {
+bool CopyVolume::checkSnapshot(const VolumeSnapshotInfo& snapshot) {
     const int failure = snapshot.check ? snapshot.check() : 0;
     if (failure == 0) {
         return true;
@@ -196,7 +197,7 @@ bool CopyVolume::isIntact(const VolumeSnapshotInfo& snapshot) {
     return false;
 }
 
-void CopyVolume::withdrawChecksum(std::uint32_t type) {
+void CopyVolume::invalidateChecksum(std::uint32_t type) {
     try {
         const bool isKnown = dataProvider.hasVolume(uuid);
         if (!isKnown) {

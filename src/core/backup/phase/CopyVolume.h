@@ -14,11 +14,11 @@
 
 namespace agent::core::backup::phase {
 
-/// Moves one volume to its remote image, by phases of its own, and has the image's checksum taken.
-/// Owns:    a share of the volume's description. What a copy needs lives as long as `execute`.
+/// Copies one volume to its remote image, in phases of its own, and registers the image's checksum.
+/// Owns:    a share of the volume's description. The resources of a copy live only during `execute`.
 /// Threads: the thread of the backup; volumes are copied one after another.
-/// Fails:   transport_connection_error for a target that refuses or is lost, other exceptions for everything
-///          else. Nothing is tried again here, that is for the transport.
+/// Fails:   transport_connection_error if the target refuses the connection or is lost, other exceptions for
+///          everything else. The transport retries; this class doesn't.
 class CopyVolume : public IPhase {
 public:
     CopyVolume(info::Logger& logger, BackupSession& session,
@@ -33,16 +33,17 @@ private:
     class Copy;
 
     void copy(const VolumeSnapshotInfo& snapshot, std::uint32_t type);
-    /// A snapshot that fails may show what programs write now, and no read needs to fail for that: it is
-    /// looked at when all has been read.
+    /// A failed snapshot may show newer data of the volume without any read error, so the snapshot is checked
+    /// after the last read.
     void transfer(Copy& copy, const VolumeSnapshotInfo& snapshot, std::uint32_t type);
-    /// From here on the volume is known, but its image holds nothing that could be relied on: without a
-    /// checksum the next backup compares every block. Only an incremental keeps the checksum, because what
-    /// it lacks stands in the volume's history. A database that can't take that doesn't fail the copy.
-    void withdrawChecksum(std::uint32_t type);
-    /// Whether what has been read of the snapshot can be relied on; if not, says so to the administrator and
-    /// to the appliance.
-    bool isIntact(const VolumeSnapshotInfo& snapshot);
+    /// Adds the volume to the database if it is missing, and clears the checksum of its image, which can't be
+    /// relied on during the copy: without a checksum the next backup compares every block. Only an
+    /// incremental backup keeps the checksum, because the volume's history records the changes that the image
+    /// lacks. A database error doesn't fail the copy.
+    void invalidateChecksum(std::uint32_t type);
+    /// Whether the data read from the snapshot can be relied on. If not, logs an error for the administrator
+    /// and sets the status for the appliance.
+    bool checkSnapshot(const VolumeSnapshotInfo& snapshot);
     void registerImage();
 
     info::Logger& logger;

@@ -24,7 +24,7 @@ void CreateChunkRangeProvider::execute() {
 
 std::vector<CreateChunkRangeProvider::ProviderPointer> CreateChunkRangeProvider::createExcluders() const {
     std::vector<ProviderPointer> excluders;
-    if (source.isWhole) {
+    if (source.copiesEveryBlock) {
         return excluders;
     }
     addFileExcluders(excluders);

@@ -11,21 +11,21 @@
 
 namespace agent::core::backup::phase {
 
-/// Puts together which blocks are copied, in chunks that fit the copy's buffer: all, without those of the
-/// driver's and the agent's own files, without those that nobody uses and, in an incremental backup, without
-/// those that have not changed. A layer that can't be had leaves more blocks to copy. Where the numbers
-/// of its blocks aren't the volume's, no layer can be trusted.
+/// Determines which blocks are copied, in chunks that fit the copy's buffer: all blocks except those of the
+/// driver's and the agent's own files, unused blocks and, in an incremental backup, unchanged blocks. If one
+/// of these layers is unavailable, more blocks are copied. If the file system's block size isn't the
+/// volume's, no layer can be trusted, and every block is copied.
 class CreateChunkRangeProvider : public IPhase {
 public:
     using ProviderPointer = block::BlockRangeProviderFactory::ProviderPointer;
 
-    /// What is known of the volume and its snapshot.
+    /// The properties of the volume and its snapshot that decide which blocks are copied.
     struct Source {
         block::IncrementalBitmapInfo incrementalBitmap;
         std::vector<std::string> excludedFiles;
         std::uint64_t totalBlocks = 0;
         bool isIncremental = false;
-        bool isWhole = false; ///< nothing is left out: the numbers of the blocks can't be trusted
+        bool copiesEveryBlock = false; ///< copy every block, because the block size can't be trusted
     };
 
     /// Fills `provider`.
@@ -40,7 +40,7 @@ private:
     [[nodiscard]] std::vector<ProviderPointer> createExcluders() const;
     void addFileExcluders(std::vector<ProviderPointer>& excluders) const;
     void addUnusedExcluder(std::vector<ProviderPointer>& excluders) const;
-    /// Whether a file is the CoW file that the record of changes is not read from.
+    /// Whether `path` is the CoW file that doesn't hold the change record.
     [[nodiscard]] bool isOtherCowFile(const std::string& path) const;
 
     const Source source;

@@ -27,7 +27,7 @@ void ModifyBootSector::execute() {
     if (filesystem != "NTFS" || sectorSize != sectorBytes) {
         return;
     }
-    AlignedBuffer sector(sectorBytes, sectorBytes); // for direct reads
+    AlignedBuffer sector(sectorBytes, sectorBytes); // aligned for O_DIRECT
     const std::size_t length = read(sector);
     info::LogEntry(logger, info::level::info) << "Setting the sectors per track to " << +sectorsPerTrack;
     std::byte& low = sector.data()[sectorsPerTrackOffset];

@@ -13,8 +13,8 @@
 
 namespace agent::core::backup::phase {
 
-/// Has the boot sector of an NTFS image with sectors of 512 bytes name 63 sectors a track, which is what the
-/// geometry of a virtual disk has; Windows boots from no other. The volume itself stays as it is.
+/// Sets the sectors per track to 63 in the boot sector of an NTFS image with 512-byte sectors. Virtual disks
+/// have this geometry, and Windows boots only if the boot sector names it. The volume itself isn't changed.
 class ModifyBootSector : public IPhase {
 public:
     ModifyBootSector(info::Logger& logger, std::string filesystem, std::uint32_t sectorSize,

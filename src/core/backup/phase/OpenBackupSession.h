@@ -5,7 +5,7 @@
 
 namespace agent::core::backup::phase {
 
-/// Opens the session: the set of remote targets is complete.
+/// Opens the session. After this its set of remote targets is fixed.
 class OpenBackupSession : public IPhase {
 public:
     explicit OpenBackupSession(BackupSession& session);

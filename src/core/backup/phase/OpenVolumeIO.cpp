@@ -13,8 +13,8 @@ OpenVolumeIO::OpenVolumeIO(BackupSession& session, std::string uuid, IVolumeDevi
 
 void OpenVolumeIO::execute() {
     if (!reader.open()) {
-        throw info::Reasoned<std::runtime_error>(info::reason("volume-unreadable"),
-                                                 "Failed to open volume for reading!");
+        throw info::WithReason<std::runtime_error>(info::reason("volume-unreadable"),
+                                                   "Failed to open volume for reading!");
     }
     session.createVolumeWriter(uuid, isDiffMerge, writer);
 }

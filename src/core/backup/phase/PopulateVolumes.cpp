@@ -15,8 +15,8 @@ void PopulateVolumes::execute() {
         if (!volume) {
             logger.log(info::level::error, info::reason("volume-not-found"), "Volume %s could not be found.",
                        uuid.c_str());
-            throw info::Reasoned<std::runtime_error>(info::reason("volume-not-found"),
-                                                     "Cannot backup non existing volume.");
+            throw info::WithReason<std::runtime_error>(info::reason("volume-not-found"),
+                                                       "Cannot backup non existing volume.");
         }
         volumes.push_back(std::move(volume));
     }

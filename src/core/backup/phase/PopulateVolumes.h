@@ -10,8 +10,8 @@
 
 namespace agent::core::backup::phase {
 
-/// Turns the UUIDs of a request into volumes. A volume that isn't there fails the backup; those found before
-/// it stay in the list, for what has to be done after every backup.
+/// Looks up the volumes for the UUIDs of a request. A missing volume fails the backup; the volumes found
+/// before it stay in the list for the clean-up after the backup.
 class PopulateVolumes : public IPhase {
 public:
     using Volumes = SnapshotSessionControl::Volumes;

@@ -8,8 +8,8 @@
 
 namespace agent::core::backup::phase {
 
-/// Where a system leaves a record of a backup that has succeeded and whose volume with the operating system
-/// is tracked. Linux needs none, so the record that is made is empty.
+/// The hook that records a successful backup whose operating-system volume is tracked. Linux needs no such
+/// record, so the hook does nothing.
 class PostBackupRecord : public IPhase {
 public:
     PostBackupRecord(info::Logger& logger, db::IDataProvider& dataProvider,

@@ -15,7 +15,7 @@ PunchHoles::PunchHoles(std::shared_ptr<ITransport> transport,
       cancel(cancel),
       volumeBlocks(volumeBlocks) {}
 
-// A hole that can't be punched costs the target space and nobody any data.
+// A hole that can't be punched wastes space on the target but loses no data, so failures are ignored.
 void PunchHoles::execute() {
     const block::BlockRangeIterator end = unusedBlocks->end();
     for (block::BlockRangeIterator range = unusedBlocks->begin(); range != end; ++range) {
@@ -28,7 +28,7 @@ void PunchHoles::execute() {
 
 void PunchHoles::punch(const BlockRange& range) {
     const auto offset = static_cast<std::int64_t>(range.start * blockSize);
-    if (transport->seek(offset, SEEK_SET) == offset) { // anywhere else there may be data
+    if (transport->seek(offset, SEEK_SET) == offset) { // at any other position there may be data
         transport->punchHole(range.length * blockSize);
     }
 }

@@ -11,8 +11,9 @@
 
 namespace agent::core::backup::phase {
 
-/// Gives back on the target what nobody uses on the volume: an earlier image may have data there. A map of
-/// used blocks may tell of more blocks than the volume has, and behind the volume there may be another one.
+/// Deallocates the volume's unused blocks on the target, where an earlier backup may have left data. The map
+/// of used blocks may cover more blocks than the volume has, and another volume's image may follow on the
+/// target, so nothing past `volumeBlocks` is touched.
 class PunchHoles : public IPhase {
 public:
     PunchHoles(std::shared_ptr<ITransport> transport,

@@ -52,11 +52,11 @@ void StartSnapshotting::takeSnapshots() {
     snapshotInfo =
         std::make_shared<SnapshotInfo>(control.startSnapshots(volumes, attributes, snapshotAttributes));
     for (const auto& volume : volumes) {
-        lowerUntracked(*volume);
+        downgradeIfUntracked(*volume);
     }
 }
 
-void StartSnapshotting::lowerUntracked(const info::BackupableVolume& volume) {
+void StartSnapshotting::downgradeIfUntracked(const info::BackupableVolume& volume) {
     const std::string& uuid = volume.getUuid();
     if (!attributes.isIncremental(uuid) || snapshotInfo->getVolumeSnapshotInfo(uuid).incrementalPreserved) {
         return;

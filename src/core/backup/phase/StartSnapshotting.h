@@ -11,8 +11,8 @@
 
 namespace agent::core::backup::phase {
 
-/// Takes the snapshots of all volumes, with the administrator's scripts run before and after. The scripts run
-/// afterwards too when there is no snapshot, unless one of those before couldn't be run.
+/// Takes the snapshots of all volumes, and runs the administrator's scripts before and after that. The
+/// scripts also run after a failed snapshot, but not if a script couldn't be run before it.
 class StartSnapshotting : public IPhase {
 public:
     using Volumes = PopulateVolumes::Volumes;
@@ -28,8 +28,8 @@ public:
 private:
     void runScripts(bool isPre);
     void takeSnapshots();
-    /// Without the record of changes since the last backup, everything has to be compared.
-    void lowerUntracked(const info::BackupableVolume& volume);
+    /// Without the record of the changes since the last backup, every block has to be compared.
+    void downgradeIfUntracked(const info::BackupableVolume& volume);
 
     info::Logger& logger;
     SnapshotSessionControl& control;

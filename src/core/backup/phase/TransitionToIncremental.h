@@ -6,8 +6,8 @@
 
 namespace agent::core::backup::phase {
 
-/// Ends the snapshots, whatever became of the backup, and has changes tracked until the next one. The facts
-/// of the snapshots are replaced by those of the tracking.
+/// Ends the snapshots, whether the backup succeeded or not, and starts tracking changes until the next
+/// backup. Replaces `snapshotInfo` with the state of the tracking.
 class TransitionToIncremental : public IPhase {
 public:
     TransitionToIncremental(SnapshotSessionControl& control, std::shared_ptr<ISnapshotInfo>& snapshotInfo,

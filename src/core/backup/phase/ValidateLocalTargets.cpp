@@ -26,14 +26,14 @@ void ValidateLocalTargets::requireUsable(const info::BackupableVolume& volume) {
     if (!volume.exists()) {
         info::LogEntry(logger, info::level::error, info::reason("volume-inaccessible"))
             << "Volume " << volume.getDisplayName() << " is inaccessible!";
-        throw info::Reasoned<std::runtime_error>(info::reason("volume-inaccessible"),
-                                                 "Cannot backup an inaccessible device!");
+        throw info::WithReason<std::runtime_error>(info::reason("volume-inaccessible"),
+                                                   "Cannot backup an inaccessible device!");
     }
     if (!volume.isMounted()) {
         info::LogEntry(logger, info::level::error, info::reason("volume-not-mounted"))
             << "Volume " << volume.getDisplayName() << " is NOT mounted";
-        throw info::Reasoned<std::runtime_error>(info::reason("volume-not-mounted"),
-                                                 "Cannot backup an unmounted device!");
+        throw info::WithReason<std::runtime_error>(info::reason("volume-not-mounted"),
+                                                   "Cannot backup an unmounted device!");
     }
 }
 

@@ -8,8 +8,8 @@
 
 namespace agent::core::backup::phase {
 
-/// Refuses volumes that can't be snapshotted, before anything is done to any of them, and raises what is sent
-/// of those that the agent knows nothing of.
+/// Refuses volumes that can't be snapshotted, before any volume is changed. Sets the type to FULL for volumes
+/// that aren't in the database, and to DIFFERENTIAL_MERGE if the database can't be read.
 class ValidateLocalTargets : public IPhase {
 public:
     using Volumes = PopulateVolumes::Volumes;

@@ -7,7 +7,8 @@
 
 namespace agent::core::backup::phase {
 
-/// Lowers the type of each incremental volume whose remote image may not be the one of the last backup.
+/// Changes the type of each incremental volume to DIFFERENTIAL_MERGE if its remote image may not be the one
+/// of the last backup.
 class ValidateRemoteTargets : public IPhase {
 public:
     ValidateRemoteTargets(BackupSession& session, IBackupAttributes& attributes,

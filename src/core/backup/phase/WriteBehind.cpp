@@ -8,11 +8,11 @@ namespace agent::core::backup::phase {
 
 namespace {
 
-/// Leaves the signals of the process to the threads that have them now. What a thread does wrong itself can't
-/// be left to others.
-class SignalsOfOthers {
+/// Blocks signals for a thread that is started while the object exists, so that the process's other threads
+/// keep handling them. The signals of a thread's own faults stay unblocked.
+class NonFaultSignalsBlocked {
 public:
-    SignalsOfOthers() {
+    NonFaultSignalsBlocked() {
         sigset_t others;
         sigfillset(&others);
         for (const int own : {SIGILL, SIGABRT, SIGBUS, SIGFPE, SIGSEGV, SIGSYS}) {
@@ -20,9 +20,9 @@ public:
         }
         pthread_sigmask(SIG_BLOCK, &others, &previous);
     }
-    SignalsOfOthers(const SignalsOfOthers&) = delete;
-    SignalsOfOthers& operator=(const SignalsOfOthers&) = delete;
-    ~SignalsOfOthers() { pthread_sigmask(SIG_SETMASK, &previous, nullptr); }
+    NonFaultSignalsBlocked(const NonFaultSignalsBlocked&) = delete;
+    NonFaultSignalsBlocked& operator=(const NonFaultSignalsBlocked&) = delete;
+    ~NonFaultSignalsBlocked() { pthread_sigmask(SIG_SETMASK, &previous, nullptr); }
 
 private:
     sigset_t previous{};
@@ -34,7 +34,7 @@ WriteBehind::WriteBehind(Write write) : write(std::move(write)) {}
 
 WriteBehind::~WriteBehind() {
     {
-        const std::lock_guard lock(mutex);
+        const os::Lock lock(mutex);
         isStopped = true;
     }
     changed.notify_all();
@@ -44,7 +44,7 @@ WriteBehind::~WriteBehind() {
 }
 
 void WriteBehind::begin(const Chunk& chunk) {
-    settle();
+    waitOrThrow();
     if (!std::exchange(isStarted, true)) {
         start();
     }
@@ -52,25 +52,28 @@ void WriteBehind::begin(const Chunk& chunk) {
         write(chunk);
         return;
     }
-    const std::lock_guard lock(mutex);
-    underWay = chunk;
+    const os::Lock lock(mutex);
+    pending = chunk;
     changed.notify_all();
 }
 
-void WriteBehind::settle() {
-    if (!isWritten()) {
+void WriteBehind::waitOrThrow() {
+    if (!waitUntilWritten()) {
+        const os::Lock lock(mutex);
         std::rethrow_exception(std::exchange(failure, nullptr));
     }
 }
 
-bool WriteBehind::isWritten() {
-    std::unique_lock lock(mutex);
-    changed.wait(lock, [this] { return !underWay; });
+bool WriteBehind::waitUntilWritten() {
+    os::Lock lock(mutex);
+    while (pending) {
+        lock.wait(changed);
+    }
     return !failure;
 }
 
 void WriteBehind::start() {
-    const SignalsOfOthers inherited;
+    const NonFaultSignalsBlocked signalsBlocked;
     try {
         thread = std::thread([this] { work(); });
     } catch (const std::system_error&) { // NOLINT(bugprone-empty-catch): slower without, but no worse
@@ -78,18 +81,20 @@ void WriteBehind::start() {
 }
 
 void WriteBehind::work() {
-    std::unique_lock lock(mutex);
+    os::Lock lock(mutex);
     while (true) {
-        changed.wait(lock, [this] { return underWay || isStopped; });
-        if (!underWay) {
+        while (!pending && !isStopped) {
+            lock.wait(changed);
+        }
+        if (!pending) {
             return;
         }
-        const Chunk chunk = *underWay;
+        const Chunk chunk = *pending;
         lock.unlock();
         const std::exception_ptr thrown = tryWrite(chunk);
         lock.lock();
         failure = thrown;
-        underWay.reset();
+        pending.reset();
         changed.notify_all();
     }
 }

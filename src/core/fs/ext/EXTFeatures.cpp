@@ -13,7 +13,7 @@ constexpr std::array incompatFeatures{
     Feature{0x2, "filetype", true},
     Feature{0x4, "needs_recovery", false},
     Feature{0x8, "journal_dev", false},
-    Feature{0x10, "meta_bg", true}, // where it isn't, that is seen by the number of descriptors
+    Feature{0x10, "meta_bg", true}, // EXTSuperBlock::whyUnusable checks the number of descriptors instead
     Feature{0x40, "extent", true},
     Feature{0x80, "64bit", true},
     Feature{0x100, "mmp", true},
@@ -49,8 +49,8 @@ constexpr std::array roCompatFeatures{
 
 } // namespace
 
-std::string strangeEXTFeatures(std::uint32_t incompat, std::uint32_t roCompat) {
-    return strangeFeatures(
+std::string unsupportedEXTFeatures(std::uint32_t incompat, std::uint32_t roCompat) {
+    return unsupportedFeatures(
         {{incompat, incompatFeatures, "incompat"}, {roCompat, roCompatFeatures, "ro_compat"}});
 }
 

@@ -8,12 +8,12 @@
 
 namespace agent::core::fs {
 
-/// The used blocks of ext2, ext3 and ext4.
-/// The map is that of the disk, so the volume must be a frozen or a clean one: while a journal would still be
-/// replayed at a mount, there is no map.
-/// Owns:    what it has read of the super block; the reader must outlive it.
+/// Reads which blocks of ext2, ext3 and ext4 are used.
+/// The map comes from the disk, so the volume must be frozen or clean. If a mount would have to replay the
+/// journal, there is no map.
+/// Owns:    what it has read of the superblock; the reader must outlive it.
 /// Threads: one at a time; moves the reader's position.
-/// Fails:   a negative result, after a line in the log; the caller then takes every block as used.
+/// Fails:   by a negative result, after a log line; the caller then treats every block as used.
 class EXTParser : public FileSystemParser {
 public:
     EXTParser(info::Logger& logger, IVolumeReader& reader, std::uint32_t sectorSize);

@@ -16,7 +16,7 @@ namespace super_block = ext_layout::super_block;
 namespace descriptor = ext_layout::descriptor;
 
 constexpr std::uint64_t byteBits = 8;
-constexpr std::uint64_t longestRead = 1024UL * 1024; // of descriptors, or of bitmaps side by side
+constexpr std::uint64_t maxReadBytes = 1024UL * 1024; // bytes of descriptors, or of adjacent bitmaps
 
 } // namespace
 
@@ -26,7 +26,7 @@ EXTParserImpl::EXTParserImpl(info::Logger& logger, IVolumeReader& reader, std::u
 bool EXTParserImpl::recognize() {
     std::array<std::uint8_t, super_block::size> block{};
     if (!FSUtil::readExactly(logger, reader, sectorSize, super_block::position, block.data(), block.size())) {
-        logger.log(info::level::error, "Could not read EXT super block.");
+        info::LogEntry(logger, info::level::error) << "Could not read EXT super block.";
         return false;
     }
     if (littleEndian<std::uint16_t>(block, super_block::magic) != super_block::magicValue) {
@@ -36,7 +36,7 @@ bool EXTParserImpl::recognize() {
     return true;
 }
 
-/// 0 if the super block can't be believed: then there is no map to go by, either.
+/// 0 if the superblock's block size is impossible; then there is no map, either.
 std::uint32_t EXTParserImpl::getBlockSize() const {
     return super.hasPossibleBlockSize() ? static_cast<std::uint32_t>(super.blockSize()) : 0;
 }
@@ -49,7 +49,7 @@ std::int64_t EXTParserImpl::getBitmapChunk(std::uint64_t startBlock, std::uint8_
     if (buffer == nullptr) {
         return fail("Invalid bitmap buffer");
     }
-    if (const std::string reason = super.objection(); !reason.empty()) {
+    if (const std::string reason = super.whyUnusable(); !reason.empty()) {
         return fail(reason);
     }
     clearMap(buffer, bufferBytes);
@@ -60,15 +60,16 @@ std::int64_t EXTParserImpl::getBitmapChunk(std::uint64_t startBlock, std::uint8_
     return copyGroups(bitmaps, {buffer, startBlock, bufferBytes * byteBits});
 }
 
-/// The table is read in pieces, so that no more memory is taken than the device has bytes for, and of each
-/// descriptor only what is needed is kept.
+/// Reads the table in pieces, so that a wrong group count fails at the device's end before it takes more
+/// memory than the device has bytes. Keeps only the needed fields of each descriptor.
 bool EXTParserImpl::readDescriptors(GroupBitmaps& bitmaps) {
     const std::uint64_t position = (super.firstDataBlock + std::uint64_t{1}) * super.blockSize();
     const std::uint64_t stride = super.stride();
     const std::uint64_t length = stride * super.groupCount();
-    std::vector<std::uint8_t> piece(std::min(length, longestRead)); // whole descriptors: both are powers of 2
+    std::vector<std::uint8_t> piece(
+        std::min(length, maxReadBytes)); // whole descriptors: both are powers of 2
     for (std::uint64_t done = 0; done < length; done += piece.size()) {
-        piece.resize(std::min(length - done, longestRead));
+        piece.resize(std::min(length - done, maxReadBytes));
         if (!FSUtil::readExactly(logger, reader, sectorSize, position + done, piece.data(), piece.size())) {
             return false;
         }
@@ -80,7 +81,7 @@ bool EXTParserImpl::readDescriptors(GroupBitmaps& bitmaps) {
 }
 
 EXTParserImpl::GroupBitmap EXTParserImpl::decode(Bytes bytes) const {
-    // The high half counts only where the file system has that many blocks.
+    // The high half is only valid if the file system has more than 2^32 blocks.
     const bool hasHighHalf = super.blockCountHigh != 0 && bytes.size() >= descriptor::sizeWithHighHalves;
     const auto flags = littleEndian<std::uint16_t>(bytes, descriptor::flags);
     return {littleEndian<std::uint32_t>(bytes, descriptor::blockBitmap),
@@ -90,12 +91,15 @@ EXTParserImpl::GroupBitmap EXTParserImpl::decode(Bytes bytes) const {
             hasHighHalf && littleEndian<std::uint32_t>(bytes, descriptor::blockBitmapHigh) != 0};
 }
 
-/// A bitmap can be neither the boot block nor the super block, nor lie outside of the file system.
+/// A bitmap can't be the boot block or the superblock, and can't be outside the file system.
 bool EXTParserImpl::isPlausible(const GroupBitmap& bitmap) const {
-    return bitmap.block > super.firstDataBlock && !bitmap.isOutOfReach &&
+    return bitmap.block > super.firstDataBlock && !bitmap.exceeds32Bits &&
            (bitmap.block < super.blockCount || super.blockCountHigh != 0);
 }
 
+/// Copies the groups' bitmaps, from `used.startBlock` on, to the caller's map. If a group's bitmap was never
+/// written, only the group's own metadata is marked as used. Returns how many blocks the map describes, or
+/// -1.
 std::int64_t EXTParserImpl::copyGroups(const GroupBitmaps& bitmaps, const UsedMap& used) {
     std::uint64_t described = 0;
     firstRead = endRead = 0;
@@ -122,12 +126,12 @@ std::int64_t EXTParserImpl::copyGroups(const GroupBitmaps& bitmaps, const UsedMa
     return static_cast<std::int64_t>(described);
 }
 
-/// A group's bitmap in memory, or null. Bitmaps that stand side by side are read at once: with flexible
-/// groups that is the rule.
+/// A group's bitmap in memory, or null. Adjacent bitmaps are read at once; with flexible groups (flex_bg)
+/// most bitmaps are adjacent.
 const std::uint8_t* EXTParserImpl::bitmapOf(const GroupBitmaps& bitmaps, std::uint64_t group) {
     if (maps.empty()) {
-        maps =
-            createLoggedBuffer(std::min(longestRead, bitmaps.size() * super.blockSize()), sectorSize, logger);
+        maps = createLoggedBuffer(std::min(maxReadBytes, bitmaps.size() * super.blockSize()), sectorSize,
+                                  logger);
     }
     if (group >= endRead) {
         firstRead = group;
@@ -151,29 +155,30 @@ EXTParserImpl::Stretch EXTParserImpl::stretchOf(std::uint64_t group, std::uint64
     return {first, first - groupFirst, end - first};
 }
 
-/// How many groups from this one on have their bitmaps in blocks that follow each other, as far as one read
-/// goes.
+/// How many groups, starting with `group`, have their bitmaps in adjacent blocks; at most as many as fit in
+/// one read.
 std::uint64_t EXTParserImpl::neighbours(const GroupBitmaps& bitmaps, std::uint64_t group) const {
-    const std::uint64_t most =
-        std::min<std::uint64_t>(bitmaps.size() - group, longestRead / super.blockSize());
+    const std::uint64_t maxGroups =
+        std::min<std::uint64_t>(bitmaps.size() - group, maxReadBytes / super.blockSize());
     std::uint64_t count = 1;
-    while (count < most && !bitmaps[group + count].uninitialized && isPlausible(bitmaps[group + count]) &&
+    while (count < maxGroups && !bitmaps[group + count].uninitialized &&
+           isPlausible(bitmaps[group + count]) &&
            bitmaps[group + count].block == bitmaps[group].block + count) {
         ++count;
     }
     return count;
 }
 
-/// What stands before the first group belongs to no group and so to no bitmap. A boot loader may live there.
+/// The blocks before the first group are in no bitmap. They count as used, because a boot loader may be
+/// there.
 void EXTParserImpl::markBootBlock(const UsedMap& used) const {
     if (used.startBlock < super.firstDataBlock && used.bits > 0) {
         setBits(used.buffer, 0, super.firstDataBlock - used.startBlock);
     }
 }
 
-/// A group whose bitmap was never written has no blocks in use but those of structures that lie in it.
-/// Backups of the super block and of the descriptors are among them, which a damaged volume is repaired
-/// from.
+/// If a group's bitmap was never written, the group uses only the blocks of its metadata. These include
+/// backups of the superblock and of the descriptors, from which a damaged volume is repaired.
 void EXTParserImpl::markStructures(const UsedMap& used, const Stretch& stretch, std::uint64_t group,
                                    const GroupBitmap& structures) const {
     const auto mark = [&used, &stretch](std::uint64_t block, std::uint64_t count) {

@@ -14,7 +14,8 @@
 
 namespace agent::core::fs {
 
-/// What EXTParser does. docs/formats/ext.md tells what is read, and what comes of it for a backup.
+/// The implementation of EXTParser. docs/formats/ext.md describes what it reads, and what follows for a
+/// backup.
 class EXTParserImpl : public IFileSystemParser {
 public:
     EXTParserImpl(info::Logger& logger, IVolumeReader& reader, std::uint32_t sectorSize);
@@ -25,13 +26,13 @@ public:
     [[nodiscard]] std::uint32_t getBlockSize() const override;
 
 private:
-    /// What a group's descriptor says of its bitmap.
+    /// The fields of a group's descriptor that concern its bitmap.
     struct GroupBitmap {
         std::uint32_t block;
-        std::uint32_t inodeBitmap; ///< a block, as is the next
+        std::uint32_t inodeBitmap; ///< a block number, like inodeTable
         std::uint32_t inodeTable;
         bool uninitialized;
-        bool isOutOfReach; ///< its number has more than 32 bits
+        bool exceeds32Bits; ///< the bitmap's block number has more than 32 bits
     };
     using GroupBitmaps = std::vector<GroupBitmap>;
 
@@ -44,8 +45,8 @@ private:
 
     /// Some blocks of one group.
     struct Stretch {
-        std::uint64_t first; ///< block of the volume
-        std::uint64_t bit;   ///< its bit in the group's bitmap
+        std::uint64_t first; ///< the first block, on the volume
+        std::uint64_t bit;   ///< that block's bit in the group's bitmap
         std::uint64_t count;
     };
 
@@ -66,8 +67,8 @@ private:
     std::uint32_t sectorSize;
     EXTSuperBlock super;
 
-    AlignedBuffer maps;          // as many bitmaps as are read at once
-    std::uint64_t firstRead = 0; // the groups whose bitmaps are in `maps`
+    AlignedBuffer maps; // the bitmaps of the groups from firstRead to before endRead
+    std::uint64_t firstRead = 0;
     std::uint64_t endRead = 0;
 };
 

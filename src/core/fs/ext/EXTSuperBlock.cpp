@@ -45,21 +45,23 @@ EXTSuperBlock EXTSuperBlock::decode(Bytes bytes) {
     return super;
 }
 
-/// What is refused here is copied whole, whereas a map that is read wrongly would leave live blocks out.
-std::string EXTSuperBlock::objection() const {
+/// A volume that is refused here is copied completely. A map that is read wrongly would leave out used
+/// blocks.
+std::string EXTSuperBlock::whyUnusable() const {
     if (hasRoCompat(layout::featureBigAlloc)) {
         return "EXT bitmaps of clusters are not supported";
     }
     if (hasIncompat(layout::featureRecover)) {
         return "The EXT journal needs recovery, so the bitmaps may be out of date";
     }
-    if (const std::string names = strangeEXTFeatures(incompatFeatures, roCompatFeatures); !names.empty()) {
+    if (const std::string names = unsupportedEXTFeatures(incompatFeatures, roCompatFeatures);
+        !names.empty()) {
         return "EXT bitmaps can't be read with these features: " + names;
     }
     if (const char* reason = impossibleGeometry()) {
         return reason;
     }
-    return descriptorsLieInOnePlace() ? "" : "EXT descriptors in meta groups are not supported";
+    return areDescriptorsContiguous() ? "" : "EXT descriptors in meta groups are not supported";
 }
 
 const char* EXTSuperBlock::impossibleGeometry() const {
@@ -80,9 +82,9 @@ const char* EXTSuperBlock::impossibleGeometry() const {
                : nullptr;
 }
 
-/// With meta groups only the first descriptor blocks stand behind the super block. Read on from there, the
-/// data of files would be taken for descriptors.
-bool EXTSuperBlock::descriptorsLieInOnePlace() const {
+/// With meta groups, only the first descriptor blocks follow the superblock. Reading on after them would take
+/// file data for descriptors.
+bool EXTSuperBlock::areDescriptorsContiguous() const {
     return !hasIncompat(layout::featureMetaGroups) || descriptorBlocks() <= std::max(firstMetaBlock, 1U);
 }
 
@@ -116,20 +118,20 @@ std::uint64_t EXTSuperBlock::headBlocksOf(std::uint64_t group) const {
     return superBlocks * (1 + table + reservedDescriptors);
 }
 
-/// The blocks that all descriptors take.
+/// How many blocks all descriptors take.
 std::uint64_t EXTSuperBlock::descriptorBlocks() const {
     return (stride() * groupCount() + blockSize() - 1) / blockSize();
 }
 
-/// A meta group is as many groups as a block has descriptors; its block of them stands in its first group,
-/// with copies in the second and the last one.
+/// A meta group has as many groups as one block has descriptors. That block of descriptors is in the meta
+/// group's first group, with copies in the second and the last group.
 std::uint64_t EXTSuperBlock::metaDescriptorBlocksOf(std::uint64_t group) const {
     const std::uint64_t groups = blockSize() / stride();
     const std::uint64_t within = group % groups;
     return within < 2 || within == groups - 1 ? 1 : 0;
 }
 
-/// The first group has the super block itself, others a backup of it.
+/// The first group has the superblock itself; some other groups have a backup of it.
 bool EXTSuperBlock::hasSuperBlock(std::uint64_t group) const {
     if ((compatFeatures & layout::featureSparseSuper2) != 0) {
         return group == 0 || group == backupGroups[0] || group == backupGroups[1];

@@ -11,8 +11,8 @@ namespace {
 namespace layout = fat_layout::boot_sector;
 namespace entry = fat_layout::entry;
 
-constexpr std::uint16_t smallestSector = 512;
-constexpr std::uint16_t largestSector = 4096;
+constexpr std::uint16_t minSectorSize = 512;
+constexpr std::uint16_t maxSectorSize = 4096;
 
 } // namespace
 
@@ -34,14 +34,15 @@ FATBootSector FATBootSector::decode(Bytes bytes) {
     return boot;
 }
 
-/// What is refused here is copied whole, whereas a map that is read wrongly would leave live blocks out.
-const char* FATBootSector::objection() const {
-    const char* const reason = strangeFormat();
+/// A volume that is refused here is copied completely. A map that is read wrongly would leave out used
+/// blocks.
+const char* FATBootSector::whyUnusable() const {
+    const char* const reason = unsupportedFormat();
     return reason != nullptr ? reason : impossibleGeometry();
 }
 
-/// What drivers read in another way than as FAT32 with its first FAT in use.
-const char* FATBootSector::strangeFormat() const {
+/// Why drivers don't read the volume as FAT32 with the first FAT in use; null if they do.
+const char* FATBootSector::unsupportedFormat() const {
     if (sectorsPerFat16 != 0) {
         return "The FAT has entries of 12 or 16 bits, though it is called FAT32";
     }
@@ -76,7 +77,7 @@ const char* FATBootSector::impossibleGeometry() const {
 }
 
 bool FATBootSector::hasPossibleClusters() const {
-    return bytesPerSector >= smallestSector && bytesPerSector <= largestSector &&
+    return bytesPerSector >= minSectorSize && bytesPerSector <= maxSectorSize &&
            std::has_single_bit(bytesPerSector) && std::has_single_bit(sectorsPerCluster);
 }
 

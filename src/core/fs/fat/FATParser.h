@@ -8,11 +8,12 @@
 
 namespace agent::core::fs {
 
-/// The used blocks of FAT32. A block is as large as a cluster, but the first one begins with the volume.
-/// The map is that of the disk, so the volume must be a frozen or a clean one. There is no journal.
+/// Reads which blocks of FAT32 are used. A block has the size of a cluster, but the first block begins at the
+/// volume's first byte.
+/// The map comes from the disk, so the volume must be frozen or clean. There is no journal.
 /// Owns:    what it has read of the boot sector; the reader must outlive it.
 /// Threads: one at a time; moves the reader's position.
-/// Fails:   a negative result, after a line in the log; the caller then takes every block as used.
+/// Fails:   by a negative result, after a log line; the caller then treats every block as used.
 class FATParser : public FileSystemParser {
 public:
     FATParser(info::Logger& logger, IVolumeReader& reader, std::uint32_t sectorSize);

@@ -30,15 +30,17 @@ FATParserImpl::FATParserImpl(info::Logger& logger, IVolumeReader& reader, std::u
 bool FATParserImpl::recognize() {
     std::array<std::uint8_t, layout::size> sector{};
     if (!FSUtil::readExactly(logger, reader, sectorSize, 0, sector.data(), sector.size())) {
-        logger.log(info::level::error, "Can't read fat boot sector");
+        info::LogEntry(logger, info::level::error) << "Can't read fat boot sector";
         return false;
     }
     if (hasText(sector, layout::narrowType, layout::fat12)) {
-        logger.log(info::level::error, info::reason("file-system-unsupported"), "FAT12 is not supported");
+        info::LogEntry(logger, info::level::error, info::reason("file-system-unsupported"))
+            << "FAT12 is not supported";
         return false;
     }
     if (hasText(sector, layout::narrowType, layout::fat16)) {
-        logger.log(info::level::error, info::reason("file-system-unsupported"), "FAT16 is not supported");
+        info::LogEntry(logger, info::level::error, info::reason("file-system-unsupported"))
+            << "FAT16 is not supported";
         return false;
     }
     if (!hasText(sector, layout::type, layout::fat32)) {
@@ -48,14 +50,14 @@ bool FATParserImpl::recognize() {
     return true;
 }
 
-/// 0 if the boot sector can't be believed: then there is no map to go by, either.
+/// 0 if the boot sector's cluster size is impossible; then there is no map, either.
 std::uint32_t FATParserImpl::getBlockSize() const {
     return boot.hasPossibleClusters() ? boot.clusterBytes() : 0;
 }
 
 std::int64_t FATParserImpl::getBitmapChunk(std::uint64_t startBlock, std::uint8_t* buffer,
                                            std::size_t bufferBytes) {
-    if (const char* const reason = boot.objection()) {
+    if (const char* const reason = boot.whyUnusable()) {
         return fail(reason);
     }
     clearMap(buffer, bufferBytes);
@@ -69,7 +71,7 @@ std::int64_t FATParserImpl::getBitmapChunk(std::uint64_t startBlock, std::uint8_
     return static_cast<std::int64_t>(count);
 }
 
-/// Returns 0, or what has gone wrong, as do the others below.
+/// Returns 0 or a negative error, like the functions below.
 std::int64_t FATParserImpl::markUsed(const Stretch& blocks) {
     if (blocks.begin == blocks.end) {
         return 0;
@@ -87,9 +89,10 @@ std::int64_t FATParserImpl::markUsed(const Stretch& blocks) {
     return markClusters(fat, blocks, firstBlock);
 }
 
-/// A window at a time, from a block of the data on. Each has two entries at least, and so a block.
+/// Marks the data blocks from `firstBlock` on, one window of the FAT at a time. Each window has at least two
+/// entries, which is enough for one block.
 std::int64_t FATParserImpl::markClusters(FATWindow& fat, const Stretch& blocks, std::uint64_t firstBlock) {
-    const std::uint64_t more = boot.isAligned() ? 0 : 1; // entries than blocks
+    const std::uint64_t more = boot.isAligned() ? 0 : 1; // how many more entries than blocks are needed
     for (std::uint64_t block = firstBlock; block < blocks.end;) {
         const std::uint64_t index = block - boot.firstDataBlock() + entry::reserved;
         const std::int64_t entries = fat.read(index, blocks.end - block + more);
@@ -97,7 +100,7 @@ std::int64_t FATParserImpl::markClusters(FATWindow& fat, const Stretch& blocks, 
             return entries;
         }
         const std::uint64_t count = static_cast<std::uint64_t>(entries) - more;
-        fat.copyUse(blocks.buffer, block - blocks.begin, count, !boot.isAligned());
+        fat.copyUsedBits(blocks.buffer, block - blocks.begin, count, !boot.isAligned());
         block += count;
     }
     return 0;

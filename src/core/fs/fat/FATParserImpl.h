@@ -12,7 +12,8 @@ namespace agent::core::fs {
 
 class FATWindow;
 
-/// What FATParser does. docs/formats/fat.md tells what is read, and what comes of it for a backup.
+/// The implementation of FATParser. docs/formats/fat.md describes what it reads, and what follows for a
+/// backup.
 class FATParserImpl : public IFileSystemParser {
 public:
     FATParserImpl(info::Logger& logger, IVolumeReader& reader, std::uint32_t sectorSize);
@@ -23,10 +24,10 @@ public:
     [[nodiscard]] std::uint32_t getBlockSize() const override;
 
 private:
-    /// Some blocks, and the caller's bits for them.
+    /// A range of blocks, and the caller's bits for them.
     struct Stretch {
         std::uint8_t* buffer;
-        std::uint64_t begin; ///< the block of the buffer's first bit
+        std::uint64_t begin; ///< the block that the buffer's first bit stands for
         std::uint64_t end;
     };
 

@@ -15,14 +15,14 @@ namespace {
 
 namespace entry = fat_layout::entry;
 
-constexpr std::uint64_t longestRead = 1024UL * 1024;
-constexpr std::uint64_t mostEntries = longestRead / entry::size;
-constexpr std::uint64_t boundary = 4096 / entry::size; // entries that every device has in whole sectors
+constexpr std::uint64_t maxReadBytes = 1024UL * 1024;
+constexpr std::uint64_t maxEntries = maxReadBytes / entry::size;
+constexpr std::uint64_t boundary = 4096 / entry::size; // this many entries fill whole sectors on every device
 constexpr std::uint64_t wordBits = 64;
 
 using Numbers = std::array<std::uint32_t, wordBits / 2>;
 
-/// Each bit by itself: the compiler tests several numbers at once that way.
+/// One number for each bit: with this table the compiler can vectorise the tests in useOf.
 constexpr Numbers singleBits = [] {
     Numbers bits{};
     for (std::size_t i = 0; i < bits.size(); ++i) {
@@ -33,11 +33,11 @@ constexpr Numbers singleBits = [] {
 
 Numbers load(const std::byte* entries) {
     Numbers numbers{};
-    std::memcpy(numbers.data(), entries, sizeof numbers); // little-endian, as is every machine of the agent
+    std::memcpy(numbers.data(), entries, sizeof numbers); // the agent only runs on little-endian machines
     return numbers;
 }
 
-/// Most clusters of a large volume are free, and follow each other.
+/// A fast check, because long runs of free clusters are common on a large volume.
 bool areZeros(const Numbers& numbers) {
     std::uint32_t all = 0;
     for (const std::uint32_t number : numbers) {
@@ -70,10 +70,10 @@ FATWindow::FATWindow(info::Logger& logger, IVolumeReader& reader, std::uint32_t 
 std::int64_t FATWindow::read(std::uint64_t first, std::uint64_t count) {
     const std::uint64_t begin = first / boundary * boundary;
     skipped = first - begin;
-    const std::uint64_t wanted = std::min(skipped + count, mostEntries);
+    const std::uint64_t wanted = std::min(skipped + count, maxEntries);
     const std::size_t length = wanted * entry::size;
     if (entries.empty()) {
-        entries = createLoggedBuffer(longestRead, sectorSize, logger);
+        entries = createLoggedBuffer(maxReadBytes, sectorSize, logger);
     }
     const std::int64_t arrived = FSUtil::readAvailable(
         logger, reader, sectorSize, fatOffset + begin * entry::size, entries.data(), length);
@@ -93,8 +93,8 @@ std::uint32_t FATWindow::front() const {
     return number & entry::mask;
 }
 
-void FATWindow::copyUse(std::uint8_t* target, std::uint64_t targetBit, std::uint64_t count,
-                        bool isStraddling) {
+void FATWindow::copyUsedBits(std::uint8_t* target, std::uint64_t targetBit, std::uint64_t count,
+                             bool isStraddling) {
     if (isStraddling) {
         for (std::size_t i = 0; i < used.size(); ++i) {
             const std::uint64_t next = i + 1 < used.size() ? used[i + 1] : 0;

@@ -47,14 +47,14 @@ std::optional<HFSBTreeNode::FileExtents> HFSBTreeNode::fileExtents(std::size_t r
                        bigEndian<std::uint32_t>(key, record_layout::startBlock), decodeHFSExtents(extents)};
 }
 
-/// Where a record begins; 0 if there is none.
+/// The offset of a record in the node; 0 if there is no record.
 std::size_t HFSBTreeNode::tableEntry(std::size_t record) const {
     const std::size_t fromEnd = layout::tableEntry * (record + 1);
     require(layout::descriptorSize + fromEnd <= bytes.size());
     return bigEndian<std::uint16_t>(bytes, bytes.size() - fromEnd);
 }
 
-/// What stands behind the key of the record that begins at `offset`.
+/// The value after the key of the record at `offset`.
 Bytes HFSBTreeNode::value(std::size_t offset, std::size_t length) const {
     require(offset >= layout::descriptorSize && offset + record_layout::keyLengthSize <= bytes.size());
     const std::size_t keyLength = bigEndian<std::uint16_t>(bytes, offset + record_layout::keyLength);

@@ -9,29 +9,29 @@
 
 namespace agent::core::fs {
 
-/// A node of the tree of extents, and what its records say.
+/// A node of the extents B-tree, and its records.
 /// Owns:    nothing; the bytes must outlive it.
-/// Threads: a value.
-/// Fails:   std::runtime_error if a record, or the table of them, isn't within the node.
+/// Threads: immutable; safe from any.
+/// Fails:   std::runtime_error if a record, or the table of records, isn't within the node.
 class HFSBTreeNode {
 public:
-    /// What a record of a leaf says: some blocks of a file.
+    /// The content of a leaf's record: some extents of a file.
     struct FileExtents {
         std::uint8_t forkType = 0;
         std::uint32_t fileId = 0;
-        std::uint32_t startBlock = 0; ///< of the file, the first that the extents have
+        std::uint32_t startBlock = 0; ///< the block of the file at which the extents begin
         HFSExtentRecord extents;
     };
 
-    /// Of the bytes of a whole node, which are a power of two and 512 at least.
+    /// `bytes` is a whole node; its size is a power of two, at least 512.
     explicit HFSBTreeNode(Bytes bytes) : bytes(bytes) {}
 
     [[nodiscard]] std::uint8_t kind() const;
     [[nodiscard]] std::size_t recordCount() const;
-    /// The node that a record of an index names, 0 if it names none. May be asked for the place behind the
-    /// last record.
+    /// The child node that a record of an index node names; 0 if it names none. `record` may be the entry
+    /// after the last record.
     [[nodiscard]] std::uint32_t child(std::size_t record) const;
-    /// What a record of a leaf says; nothing if there is none in its place.
+    /// The content of a leaf's record; nullopt if its table entry is 0.
     [[nodiscard]] std::optional<FileExtents> fileExtents(std::size_t record) const;
 
 private:

@@ -16,11 +16,10 @@ namespace tree_header = hfs_layout::tree_header;
 namespace layout = hfs_layout::node;
 namespace record_layout = hfs_layout::record;
 
-constexpr std::uint64_t smallestNode = 512;
-constexpr std::uint64_t largestNode = 32768;
-constexpr std::uint64_t mostNodes = std::uint64_t{1} << 22U; // 16 GiB of those that are usual
-constexpr std::uint64_t mostExtents = std::uint64_t{1}
-                                      << 20U; // as many blocks as the largest bitmap may have
+constexpr std::uint64_t minNodeSize = 512;
+constexpr std::uint64_t maxNodeSize = 32768;
+constexpr std::uint64_t maxNodes = std::uint64_t{1} << 22U;   // 16 GiB of nodes of the usual size
+constexpr std::uint64_t maxExtents = std::uint64_t{1} << 20U; // the number of blocks of the largest bitmap
 
 void require(bool condition, const std::string& message) {
     if (!condition) {
@@ -44,7 +43,7 @@ bool HFSExtentsTree::readOverflowExtents(const HFSVolumeHeader& header, std::uin
     }
 }
 
-/// Ends because no node is read twice.
+/// Terminates, because no node is read twice.
 void HFSExtentsTree::walk(const HFSVolumeHeader& header, Search search) {
     open(header);
     readHeaderRecord();
@@ -60,7 +59,7 @@ void HFSExtentsTree::open(const HFSVolumeHeader& header) {
     base = fork.extents[0].startBlock * blockSize;
     waiting = {};
     require(!fork.overflows(), "Extent overflow file cannot contain an overflow of itself");
-    if (const char* const reason = header.objectionTo(fork.extents)) {
+    if (const char* const reason = header.whyUnusable(fork.extents)) {
         throw std::runtime_error(reason);
     }
 }
@@ -72,15 +71,15 @@ void HFSExtentsTree::readHeaderRecord() {
             "Could not read B-Tree header");
     rootNode = bigEndian<std::uint32_t>(record, tree_header::rootNode);
     nodeSize = bigEndian<std::uint16_t>(record, tree_header::nodeSize);
-    require(std::has_single_bit(nodeSize) && nodeSize >= smallestNode && nodeSize <= largestNode,
+    require(std::has_single_bit(nodeSize) && nodeSize >= minNodeSize && nodeSize <= maxNodeSize,
             "The node size of the HFS+ extents file is impossible");
     const std::uint64_t nodes = (countHFSBlocks(fork.extents) * blockSize + nodeSize - 1) / nodeSize;
-    require(nodes <= mostNodes, "The HFS+ extents file is too large");
+    require(nodes <= maxNodes, "The HFS+ extents file is too large");
     isRead.assign(nodes, false);
     bytes.resize(nodeSize);
 }
 
-/// The root is looked for in the first extent only.
+/// The root must be in the first extent.
 void HFSExtentsTree::readRoot() {
     const std::uint64_t rootOffset = rootNode * nodeSize;
     require(rootOffset + layout::descriptorSize < fork.extents[0].blockCount * blockSize,
@@ -103,7 +102,7 @@ void HFSExtentsTree::readNode(std::uint32_t number, Search& search) {
     switch (node.kind()) {
     case layout::kindIndex:
         queueChildren(node);
-        // The table has one more place, for the room behind the records. It is read as a record, too.
+        // The table has one more entry, for the free space after the records. It must not name a child.
         require(node.child(node.recordCount()) == 0,
                 "An index of the HFS+ extents file has something behind its records");
         break;
@@ -128,8 +127,8 @@ void HFSExtentsTree::queueChildren(const HFSBTreeNode& node) {
     }
 }
 
-/// What a leaf has of the file goes on where the file ends so far, else blocks of it would be missing or
-/// would be taken for others.
+/// The file's extents in a leaf must continue where the extents so far end. Otherwise blocks would be
+/// missing, or be mistaken for other blocks of the file.
 void HFSExtentsTree::appendExtents(const HFSBTreeNode& leaf, Search& search) {
     for (std::size_t record = 0; record < leaf.recordCount(); ++record) {
         const auto found = leaf.fileExtents(record);
@@ -138,7 +137,7 @@ void HFSExtentsTree::appendExtents(const HFSBTreeNode& leaf, Search& search) {
         }
         require(found->forkType == record_layout::dataFork && found->startBlock == search.blocks,
                 "Overflow extents of the HFS+ bitmap are missing or out of order");
-        require(search.extents.size() < mostExtents, "The HFS+ bitmap has too many extents");
+        require(search.extents.size() < maxExtents, "The HFS+ bitmap has too many extents");
         search.extents.insert(search.extents.end(), found->extents.begin(), found->extents.end());
         search.blocks += countHFSBlocks(found->extents);
     }
@@ -149,7 +148,8 @@ HFSBTreeNode HFSExtentsTree::fetch(std::uint64_t diskOffset, const std::string& 
     return HFSBTreeNode(bytes);
 }
 
-/// Where a node of the file is on the volume. One that isn't in one piece can't be read in one.
+/// The position on the volume of a node of the tree's file. A node in two pieces is refused, because it is
+/// read at once.
 std::uint64_t HFSExtentsTree::diskOffsetOf(std::uint64_t fileOffset) const {
     std::uint64_t passed = 0;
     for (const HFSExtent& extent : fork.extents) {

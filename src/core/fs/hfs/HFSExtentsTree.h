@@ -12,26 +12,26 @@
 
 namespace agent::core::fs {
 
-/// The tree of extents that didn't fit in the forks of their files. All of it is read, level by level, so the
-/// extents of a file come in their order.
-/// Owns:    the node that it has read last, and the numbers of those to be read.
+/// The B-tree of the extents that don't fit in the forks of their files. Reads the whole tree, level by
+/// level, so that a file's extents come in order.
+/// Owns:    the last node that it has read, and the numbers of the nodes to read.
 /// Threads: one at a time; moves the reader's position.
-/// Fails:   false, after a line in the log.
+/// Fails:   by returning false, after a log line.
 class HFSExtentsTree {
 public:
     HFSExtentsTree(info::Logger& logger, IVolumeReader& reader, std::uint32_t sectorSize);
 
-    /// Appends what the tree has of the file's data to `extents`, which has those of its fork. The header has
-    /// no objection.
+    /// Appends the extents of the file's data fork in the tree to `extents`, which holds those of the file's
+    /// fork. `header` must be usable.
     bool readOverflowExtents(const HFSVolumeHeader& header, std::uint32_t fileId,
                              std::vector<HFSExtent>& extents);
 
 private:
-    /// The file whose extents are looked for, and what is known of it so far.
+    /// The file whose extents are searched, and its extents found so far.
     struct Search {
         std::uint32_t fileId;
         std::vector<HFSExtent>& extents;
-        std::uint64_t blocks; ///< that `extents` have
+        std::uint64_t blocks; ///< the number of blocks in `extents`
     };
 
     static void appendExtents(const HFSBTreeNode& leaf, Search& search);
@@ -50,12 +50,12 @@ private:
 
     HFSFork fork;
     std::uint64_t blockSize = 0;
-    std::uint64_t base = 0; // where the file begins on the volume
+    std::uint64_t base = 0; // the position of the tree's file on the volume
     std::uint32_t rootNode = 0;
     std::uint64_t nodeSize = 0;
-    std::vector<std::uint8_t> bytes;   // of a node
-    std::queue<std::uint32_t> waiting; // nodes to be read
-    std::vector<bool> isRead;          // of each node
+    std::vector<std::uint8_t> bytes;   // the bytes of the current node
+    std::queue<std::uint32_t> waiting; // the nodes to read
+    std::vector<bool> isRead;          // for each node: whether it has been read
 };
 
 } // namespace agent::core::fs

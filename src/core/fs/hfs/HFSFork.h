@@ -9,9 +9,9 @@
 
 namespace agent::core::fs {
 
-/// Some blocks of a file that stand side by side on the volume.
+/// Adjacent blocks of a file on the volume.
 struct HFSExtent {
-    std::uint32_t startBlock = 0; ///< of the volume
+    std::uint32_t startBlock = 0; ///< on the volume
     std::uint32_t blockCount = 0;
 
     [[nodiscard]] bool isEmpty() const { return startBlock == 0 && blockCount == 0; }
@@ -19,24 +19,24 @@ struct HFSExtent {
     bool operator==(const HFSExtent&) const = default;
 };
 
-/// As many extents as stand together in a fork, and in a record of the tree.
+/// The eight extents of a fork, or of a record in the extents B-tree.
 using HFSExtentRecord = std::array<HFSExtent, hfs_layout::extent::perRecord>;
 
-/// From the bytes of eight extents.
+/// Decodes the bytes of eight extents.
 HFSExtentRecord decodeHFSExtents(Bytes bytes);
 
-/// How many blocks they are together.
+/// The sum of the extents' block counts.
 std::uint64_t countHFSBlocks(std::span<const HFSExtent> extents);
 
-/// Where a file of the file system's own is.
+/// The location of a file that belongs to the file system itself.
 struct HFSFork {
     std::uint64_t logicalSize = 0; ///< in bytes
-    std::uint32_t totalBlocks = 0; ///< of the whole file, those of the tree of extents included
+    std::uint32_t totalBlocks = 0; ///< of the whole file, including its extents in the B-tree
     HFSExtentRecord extents;       ///< the first eight
 
     static HFSFork decode(Bytes bytes);
 
-    /// Whether there are blocks that the eight extents don't have.
+    /// Whether the file has more blocks than the eight extents hold.
     [[nodiscard]] bool overflows() const { return countHFSBlocks(extents) < totalBlocks; }
     bool operator==(const HFSFork&) const = default;
 };

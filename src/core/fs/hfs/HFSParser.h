@@ -8,12 +8,12 @@
 
 namespace agent::core::fs {
 
-/// The used blocks of HFS+, whose header has to be at the volume's first byte.
-/// The map is that of the disk, so the volume must be a frozen or a clean one: while a journal may have to be
-/// replayed at a mount, there is no map.
+/// Reads which blocks of HFS+ are used. The header must be at the volume's first byte.
+/// The map comes from the disk, so the volume must be frozen or clean. If a mount may have to replay the
+/// journal, there is no map.
 /// Owns:    what it has read of the header; the reader must outlive it.
 /// Threads: one at a time; moves the reader's position.
-/// Fails:   a negative result, after a line in the log; the caller then takes every block as used.
+/// Fails:   by a negative result, after a log line; the caller then treats every block as used.
 class HFSParser : public FileSystemParser {
 public:
     HFSParser(info::Logger& logger, IVolumeReader& reader, std::uint32_t sectorSize);

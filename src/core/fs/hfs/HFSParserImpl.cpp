@@ -14,10 +14,10 @@ namespace {
 namespace layout = hfs_layout::volume_header;
 
 constexpr std::uint64_t byteBits = 8;
-constexpr std::uint64_t longestRead = 1024UL * 1024; // of the bitmap
-constexpr std::uint32_t pageSize = 4096;             // suits a device whose sectors aren't known
+constexpr std::uint64_t maxReadBytes = 1024UL * 1024; // bytes of the bitmap
+constexpr std::uint32_t pageSize = 4096;              // the alignment if the device's sector size isn't known
 
-/// Whether all bits from `first` up to `end` are set, of bytes whose first bit is the most significant one.
+/// Whether all bits from `first` to before `end` are set. Bit 0 of a byte is its most significant bit.
 bool areSet(const std::uint8_t* map, std::uint64_t first, std::uint64_t end) {
     for (std::uint64_t bit = first; bit < end;) {
         const std::uint64_t within = bit % byteBits;
@@ -38,13 +38,13 @@ HFSParserImpl::HFSParserImpl(info::Logger& logger, IVolumeReader& reader, std::u
 
 bool HFSParserImpl::recognize() {
     if (!readHeader(layout::position, header)) {
-        logger.log(info::level::error, "Error reading HFS+ superblock.");
+        info::LogEntry(logger, info::level::error) << "Error reading HFS+ superblock.";
         return false;
     }
     return header.hasSignature();
 }
 
-/// 0 if the header can't be believed: then there is no map to go by, either.
+/// 0 if the header's block size is impossible; then there is no map, either.
 std::uint32_t HFSParserImpl::getBlockSize() const {
     return header.hasPossibleBlockSize() ? header.blockSize : 0;
 }
@@ -58,31 +58,31 @@ std::int64_t HFSParserImpl::getBitmapChunk(std::uint64_t startBlock, std::uint8_
         return fail("startBlock must be divisible by 8");
     }
     std::vector<HFSExtent> extents;
-    if (!isBelievable() || !findExtents(extents)) {
+    if (!isHeaderTrustworthy() || !findExtents(extents)) {
         return -1;
     }
-    // A list without an empty place behind it counts as one that holds nothing.
+    // An empty extent ends the list. A list without an empty extent counts as empty.
     const auto end = std::ranges::find_if(extents, &HFSExtent::isEmpty);
     if (end == extents.end() || end == extents.begin()) {
         return 0;
     }
     extents.erase(end, extents.end());
-    if (const char* const reason = objectionTo(extents)) {
+    if (const char* const reason = whyUnusable(extents)) {
         return fail(reason);
     }
     return copyMap(extents, {buffer, bufferBytes, startBlock});
 }
 
-/// A header at byte 0 is a copy, as file systems keep theirs at byte 1024. What has changed there since the
-/// copy was made is not in it, so it counts only as long as both say the same.
-bool HFSParserImpl::isBelievable() {
+/// File systems keep their header at byte 1024, so a header at byte 0 is a copy, which may be outdated. It is
+/// only trusted while both headers agree.
+bool HFSParserImpl::isHeaderTrustworthy() {
     HFSVolumeHeader usual;
-    const char* reason = header.objection();
+    const char* reason = header.whyUnusable();
     if (reason == nullptr && !readHeader(layout::usualPosition, usual)) {
         reason = "The usual place of the HFS+ header can't be read";
     }
     if (reason == nullptr && usual.hasSignature()) {
-        reason = usual.placesTheSame(header) ? usual.objection() : "The HFS+ headers differ";
+        reason = usual.hasSameLayout(header) ? usual.whyUnusable() : "The HFS+ headers differ";
     }
     if (reason != nullptr) {
         logger.log(info::level::error, info::reason("hfs-bitmap"), "%s", reason);
@@ -90,25 +90,25 @@ bool HFSParserImpl::isBelievable() {
     return reason == nullptr;
 }
 
-/// Those of the bitmap, as they are listed: first those of its fork, then those of the tree.
+/// Lists the bitmap's extents in order: first those of its fork, then those of the extents B-tree.
 bool HFSParserImpl::findExtents(std::vector<HFSExtent>& extents) {
     const HFSFork& fork = header.allocation;
     extents.assign(fork.extents.begin(), fork.extents.end());
     if (!fork.overflows()) {
         return true;
     }
-    logger.log(info::level::debug, "Bitmap extents overflow file needed.");
+    info::LogEntry(logger, info::level::debug) << "Bitmap extents overflow file needed.";
     HFSExtentsTree tree(logger, reader, sectorSize);
     if (!tree.readOverflowExtents(header, hfs_layout::record::allocationFile, extents)) {
-        logger.log(info::level::error, info::reason("hfs-bitmap"),
-                   "Couldn't parse extent overflow file for bitmap extents.");
+        info::LogEntry(logger, info::level::error, info::reason("hfs-bitmap"))
+            << "Couldn't parse extent overflow file for bitmap extents.";
         return false;
     }
     return true;
 }
 
-/// Where the bits would be read from must be the bitmap, and all of it.
-const char* HFSParserImpl::objectionTo(Extents extents) const {
+/// Why the extents can't be the whole bitmap; null if they can.
+const char* HFSParserImpl::whyUnusable(Extents extents) const {
     const HFSFork& fork = header.allocation;
     const std::uint64_t blocks = countHFSBlocks(extents);
     if (blocks != fork.totalBlocks) {
@@ -117,12 +117,12 @@ const char* HFSParserImpl::objectionTo(Extents extents) const {
     if (fork.logicalSize < header.bitmapBytes() || blocks * header.blockSize < header.bitmapBytes()) {
         return "The HFS+ bitmap is too small for the volume";
     }
-    return header.objectionTo(extents);
+    return header.whyUnusable(extents);
 }
 
 std::int64_t HFSParserImpl::copyMap(Extents extents, const UsedMap& used) {
-    std::uint64_t position = used.startBlock / byteBits; // of the bitmap
-    std::uint64_t begin = 0;                             // of an extent in the bitmap
+    std::uint64_t position = used.startBlock / byteBits; // in the bitmap
+    std::uint64_t begin = 0;                             // the extent's position in the bitmap
     std::uint64_t done = 0;
     for (const HFSExtent& extent : extents) {
         const std::uint64_t end = begin + std::uint64_t{extent.blockCount} * header.blockSize;
@@ -140,15 +140,15 @@ std::int64_t HFSParserImpl::copyMap(Extents extents, const UsedMap& used) {
         begin = end;
     }
     const std::uint64_t blocks = std::min(done * byteBits, header.totalBlocks - used.startBlock);
-    return coversItself(extents, used, blocks) ? static_cast<std::int64_t>(blocks)
-                                               : fail("The HFS+ bitmap has its own blocks as free");
+    return marksOwnBlocksUsed(extents, used, blocks) ? static_cast<std::int64_t>(blocks)
+                                                     : fail("The HFS+ bitmap has its own blocks as free");
 }
 
-/// In pieces, as no more memory is to be taken for a large bitmap.
+/// Reads in pieces, which limits the memory for the temporary buffer.
 bool HFSParserImpl::read(std::uint64_t diskOffset, std::uint8_t* buffer, std::uint64_t length) {
     const std::uint32_t alignment = std::max(header.blockSize, sectorSize == 0 ? pageSize : sectorSize);
-    for (std::uint64_t done = 0; done < length; done += longestRead) {
-        const std::uint64_t piece = std::min(length - done, longestRead);
+    for (std::uint64_t done = 0; done < length; done += maxReadBytes) {
+        const std::uint64_t piece = std::min(length - done, maxReadBytes);
         if (!FSUtil::readExactly(logger, reader, alignment, diskOffset + done, buffer + done, piece)) {
             return false;
         }
@@ -156,9 +156,9 @@ bool HFSParserImpl::read(std::uint64_t diskOffset, std::uint8_t* buffer, std::ui
     return true;
 }
 
-/// Whether the blocks of the header, of the bitmap and of the tree are used, as far as the map has them. Else
-/// what was read is no bitmap.
-bool HFSParserImpl::coversItself(Extents extents, const UsedMap& used, std::uint64_t blocks) const {
+/// Whether the map marks as used all blocks of the header, of the bitmap itself and of the extents B-tree
+/// that it covers. If not, the data isn't a bitmap.
+bool HFSParserImpl::marksOwnBlocksUsed(Extents extents, const UsedMap& used, std::uint64_t blocks) const {
     const auto isUsed = [&](const HFSExtent& extent) {
         const std::uint64_t first = std::max<std::uint64_t>(extent.startBlock, used.startBlock);
         const std::uint64_t end = std::min(extent.endBlock(), used.startBlock + blocks);

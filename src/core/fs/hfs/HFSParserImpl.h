@@ -12,7 +12,8 @@
 
 namespace agent::core::fs {
 
-/// What HFSParser does. docs/formats/hfs.md tells what is read, and what comes of it for a backup.
+/// The implementation of HFSParser. docs/formats/hfs.md describes what it reads, and what follows for a
+/// backup.
 class HFSParserImpl : public IFileSystemParser {
 public:
     HFSParserImpl(info::Logger& logger, IVolumeReader& reader, std::uint32_t sectorSize);
@@ -33,12 +34,12 @@ private:
         std::uint64_t startBlock;
     };
 
-    bool isBelievable();
+    bool isHeaderTrustworthy();
     bool findExtents(std::vector<HFSExtent>& extents);
-    [[nodiscard]] const char* objectionTo(Extents extents) const;
+    [[nodiscard]] const char* whyUnusable(Extents extents) const;
     std::int64_t copyMap(Extents extents, const UsedMap& used);
     bool read(std::uint64_t diskOffset, std::uint8_t* buffer, std::uint64_t length);
-    [[nodiscard]] bool coversItself(Extents extents, const UsedMap& used, std::uint64_t blocks) const;
+    [[nodiscard]] bool marksOwnBlocksUsed(Extents extents, const UsedMap& used, std::uint64_t blocks) const;
     bool readHeader(std::uint64_t position, HFSVolumeHeader& read);
     std::int64_t fail(const char* reason);
 

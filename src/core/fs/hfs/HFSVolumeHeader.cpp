@@ -11,9 +11,9 @@ namespace {
 namespace layout = hfs_layout::volume_header;
 
 constexpr std::uint64_t byteBits = 8;
-constexpr std::uint32_t smallestBlock = 512;
-constexpr std::uint32_t largestBlock =
-    1024U * 1024U; // what is read in one go, as each read is of whole blocks
+constexpr std::uint32_t minBlockSize = 512;
+constexpr std::uint32_t maxBlockSize =
+    1024U * 1024U; // the size of one read, because each read is of whole blocks
 
 bool overlap(std::vector<HFSExtent> extents) {
     std::ranges::sort(extents, {}, &HFSExtent::startBlock);
@@ -41,15 +41,16 @@ bool HFSVolumeHeader::hasSignature() const {
 }
 
 bool HFSVolumeHeader::hasPossibleBlockSize() const {
-    return std::has_single_bit(blockSize) && blockSize >= smallestBlock && blockSize <= largestBlock;
+    return std::has_single_bit(blockSize) && blockSize >= minBlockSize && blockSize <= maxBlockSize;
 }
 
 bool HFSVolumeHeader::hasKnownVersion() const {
     return version == layout::versionPlus || version == layout::versionExtended;
 }
 
-/// What is refused is copied whole, whereas a map that is read wrongly would leave live blocks out.
-const char* HFSVolumeHeader::objection() const {
+/// A volume that is refused here is copied completely. A map that is read wrongly would leave out used
+/// blocks.
+const char* HFSVolumeHeader::whyUnusable() const {
     if (!hasKnownVersion()) {
         return "The version of HFS+ is unknown";
     }
@@ -65,8 +66,8 @@ const char* HFSVolumeHeader::objection() const {
     return nullptr;
 }
 
-const char* HFSVolumeHeader::objectionTo(std::span<const HFSExtent> extents) const {
-    // The first block has the header.
+const char* HFSVolumeHeader::whyUnusable(std::span<const HFSExtent> extents) const {
+    // The first block contains the header.
     const auto isImpossible = [this](const HFSExtent& extent) {
         return !extent.isEmpty() &&
                (extent.startBlock == 0 || extent.blockCount == 0 || extent.endBlock() > totalBlocks);
@@ -77,7 +78,7 @@ const char* HFSVolumeHeader::objectionTo(std::span<const HFSExtent> extents) con
     return overlap({extents.begin(), extents.end()}) ? "HFS+ extents of one file overlap" : nullptr;
 }
 
-bool HFSVolumeHeader::placesTheSame(const HFSVolumeHeader& other) const {
+bool HFSVolumeHeader::hasSameLayout(const HFSVolumeHeader& other) const {
     return blockSize == other.blockSize && totalBlocks == other.totalBlocks &&
            allocation == other.allocation && extents == other.extents;
 }

@@ -7,26 +7,26 @@
 
 namespace agent::core::fs {
 
-/// What is read of the header of an HFS+ volume, and what follows from it.
-/// Owns:    copies of the numbers.
-/// Threads: a value.
-/// Fails:   nothing fails. What follows from the numbers can be relied on where `objection` has none.
+/// The fields that are read from the header of an HFS+ volume, and the values derived from them.
+/// Owns:    copies of the fields.
+/// Threads: a plain value; const calls are safe from any thread.
+/// Fails:   never. The derived values are only reliable if `whyUnusable` returns null.
 struct HFSVolumeHeader {
-    /// From the bytes of a header, which may be anything.
+    /// Decodes the bytes of a header, which may be invalid.
     static HFSVolumeHeader decode(Bytes bytes);
 
-    /// Whether the bytes were those of an HFS+ header.
+    /// Whether the bytes have the signature of HFS+ or HFSX.
     [[nodiscard]] bool hasSignature() const;
-    /// Whether reads may go by the size of a block.
+    /// If false, the block size must not be used.
     [[nodiscard]] bool hasPossibleBlockSize() const;
     [[nodiscard]] bool hasKnownVersion() const;
-    /// Why no map may be made by this header; null if nothing speaks against it.
-    [[nodiscard]] const char* objection() const;
-    /// Why the extents can't be where a file of the file system's own is; null if they can.
-    [[nodiscard]] const char* objectionTo(std::span<const HFSExtent> extents) const;
-    /// Whether another header places the bitmap, and the tree that tells more of it, as this one does.
-    [[nodiscard]] bool placesTheSame(const HFSVolumeHeader& other) const;
-    /// How many bytes have a bit for each block.
+    /// Why the header can't be trusted; null if it can.
+    [[nodiscard]] const char* whyUnusable() const;
+    /// Why the extents can't belong to one of the file system's own files; null if they can.
+    [[nodiscard]] const char* whyUnusable(std::span<const HFSExtent> extents) const;
+    /// Whether another header has the same sizes, and the bitmap and the extents B-tree at the same places.
+    [[nodiscard]] bool hasSameLayout(const HFSVolumeHeader& other) const;
+    /// The size of a bitmap with one bit for each block, in bytes.
     [[nodiscard]] std::uint64_t bitmapBytes() const;
 
     std::uint16_t signature = 0;
@@ -35,7 +35,7 @@ struct HFSVolumeHeader {
     std::uint32_t blockSize = 0;
     std::uint32_t totalBlocks = 0;
     HFSFork allocation; ///< the bitmap
-    HFSFork extents;    ///< the tree of extents that didn't fit in their forks
+    HFSFork extents;    ///< the B-tree of the extents that don't fit in their files' forks
 };
 
 } // namespace agent::core::fs

@@ -25,7 +25,7 @@ Bytes NTFSAttribute::value() const {
     const std::size_t offset = littleEndian<std::uint16_t>(bytes, layout::valueOffset);
     const std::size_t length = littleEndian<std::uint32_t>(bytes, layout::valueLength);
     if (offset > bytes.size() || length > bytes.size() - offset) {
-        throw NTFSObjection{"NTFS: The value of an attribute is outside of it."};
+        throw NTFSError{"NTFS: The value of an attribute is outside of it."};
     }
     return bytes.subspan(offset, length);
 }
@@ -35,7 +35,7 @@ std::size_t NTFSAttribute::runListOffset() const {
     return littleEndian<std::uint16_t>(bytes, layout::runList);
 }
 
-const char* NTFSAttribute::objection() const {
+const char* NTFSAttribute::whyUnusable() const {
     requireNonResidentHeader();
     if (nameLength() != 0) {
         return "NTFS: The data that was found has a name, so it isn't the content of its file.";
@@ -55,7 +55,7 @@ std::uint64_t NTFSAttribute::lowestVcn() const {
     return littleEndian<std::uint64_t>(bytes, layout::lowestVcn);
 }
 
-const char* NTFSAttribute::packing() const {
+const char* NTFSAttribute::whyNotPlain() const {
     return littleEndian<std::uint16_t>(bytes, layout::flags) != 0
                ? "NTFS: The data is compressed, encrypted or sparse."
                : nullptr;
@@ -74,7 +74,7 @@ std::uint64_t NTFSAttribute::writtenBytes() const {
 
 void NTFSAttribute::requireNonResidentHeader() const {
     if (bytes.size() < layout::nonResidentHeader) {
-        throw NTFSObjection{"NTFS: The header of an attribute is too short."};
+        throw NTFSError{"NTFS: The header of an attribute is too short."};
     }
 }
 

@@ -8,29 +8,29 @@ namespace agent::core::fs {
 
 /// An attribute of a file record.
 /// Owns:    nothing; the record must outlive it.
-/// Threads: a value.
-/// Fails:   NTFSObjection where its parts lie outside of it.
+/// Threads: a plain value; const calls are safe from any thread.
+/// Fails:   NTFSError if a part of the attribute lies outside it.
 class NTFSAttribute {
 public:
-    /// All of its bytes, at least the smallest header of one.
+    /// `bytes` is the whole attribute, at least the smallest header.
     explicit NTFSAttribute(Bytes bytes) : bytes(bytes) {}
 
     [[nodiscard]] std::uint32_t type() const;
     [[nodiscard]] bool isResident() const;
-    /// The value of a resident one.
+    /// The value of a resident attribute.
     [[nodiscard]] Bytes value() const;
-    /// Where the list of runs of a non-resident one begins in its bytes, if it does.
+    /// The offset of a non-resident attribute's run list in `bytes`, which may lie outside.
     [[nodiscard]] std::size_t runListOffset() const;
-    /// Why the runs of a non-resident one aren't those of a file from its begin on; null if they are.
-    [[nodiscard]] const char* objection() const;
-    /// Why what the clusters hold isn't the content as it is; null if it is.
-    [[nodiscard]] const char* packing() const;
+    /// Why the runs of a non-resident attribute aren't a file's content from its start; null if they are.
+    [[nodiscard]] const char* whyUnusable() const;
+    /// Why the clusters don't hold the plain content; null if they do.
+    [[nodiscard]] const char* whyNotPlain() const;
     [[nodiscard]] std::uint8_t nameLength() const;
-    /// Which cluster of the file is the first of these runs; 0 of a resident one.
+    /// The file's cluster at which these runs begin; 0 for a resident attribute.
     [[nodiscard]] std::uint64_t lowestVcn() const;
-    /// How many bytes of a non-resident one have been written.
+    /// How many bytes of a non-resident attribute have been written.
     [[nodiscard]] std::uint64_t writtenBytes() const;
-    /// How many bytes all runs of the file have, its holes among them, wherever they are told of.
+    /// How many bytes all runs of the file cover, including holes and the runs in other records.
     [[nodiscard]] std::uint64_t allocatedBytes() const;
 
     Bytes bytes;

@@ -11,7 +11,7 @@ namespace layout = ntfs_layout::attribute;
 
 void require(bool isInside) {
     if (!isInside) {
-        throw NTFSObjection{"NTFS: An attribute isn't within its file record."};
+        throw NTFSError{"NTFS: An attribute isn't within its file record."};
     }
 }
 
@@ -20,7 +20,7 @@ void require(bool isInside) {
 NTFSAttributeCursor::NTFSAttributeCursor(info::Logger& logger, const NTFSRecord& record)
     : logger(logger), record(record.bytes), position(record.firstAttribute()) {}
 
-/// Ends, as each attribute that it steps over has a length.
+/// Terminates, because each attribute that it passes has a length greater than 0.
 bool NTFSAttributeCursor::findAttribute(std::uint32_t wanted) {
     info::LogEntry(logger, info::level::debug) << "Searching for attribute " << wanted;
     if (wanted == 0) {

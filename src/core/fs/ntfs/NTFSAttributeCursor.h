@@ -13,17 +13,17 @@ namespace agent::core::fs {
 /// Walks over the attributes of a file record, from the first one on.
 /// Owns:    nothing; the record must outlive it.
 /// Threads: one at a time.
-/// Fails:   NTFSObjection where an attribute isn't within its record.
+/// Fails:   NTFSError if an attribute isn't within its record.
 class NTFSAttributeCursor {
 public:
     NTFSAttributeCursor(info::Logger& logger, const NTFSRecord& record);
 
-    /// Goes on to an attribute of this type, unless it is at one. False if there is none, and if the type
-    /// is 0.
+    /// Moves to the next attribute of this type; the current attribute counts, too. False if there is none,
+    /// or if `wanted` is 0.
     bool findAttribute(std::uint32_t wanted);
-    /// The same from the one that was found on, without that.
+    /// Like findAttribute, but starts after the attribute that was found.
     bool findNext(std::uint32_t wanted);
-    /// The one that was found.
+    /// The attribute that was found.
     [[nodiscard]] NTFSAttribute attribute() const;
 
 private:

@@ -11,11 +11,11 @@ namespace {
 namespace layout = ntfs_layout::boot_sector;
 namespace file_record = ntfs_layout::file_record;
 
-constexpr std::uint16_t smallestSector = 256;
-constexpr std::uint16_t largestSector = 4096;
-constexpr int largestLogRecord = 16; // 64 KiB, as far as the offsets within a record reach
-constexpr std::uint64_t largestRecord = std::uint64_t{1} << largestLogRecord;
-constexpr std::uint64_t largestVolume = std::uint64_t{1} << 60U; // bytes, whose bits can still be counted
+constexpr std::uint16_t minSectorSize = 256;
+constexpr std::uint16_t maxSectorSize = 4096;
+constexpr int maxLogRecordSize = 16; // 64 KiB, because offsets within a record have 16 bits
+constexpr std::uint64_t maxRecordSize = std::uint64_t{1} << maxLogRecordSize;
+constexpr std::uint64_t maxVolumeBytes = std::uint64_t{1} << 60U; // bytes; 8 times that fits in 64 bits
 
 } // namespace
 
@@ -35,9 +35,9 @@ bool NTFSBootSector::isNTFS() const {
     return oemId == layout::oemIdValue;
 }
 
-/// Places in the master file table are reckoned by the device's sectors. Where the volume has others, another
-/// record, or what is left of an old one, could be read in place of the right one.
-std::string NTFSBootSector::objection(std::uint32_t deviceSector) const {
+/// Refuses a volume whose sector size differs from the device's, so that positions in the master file table
+/// are the same with either size. A wrong position could yield another record, or the remains of an old one.
+std::string NTFSBootSector::whyUnusable(std::uint32_t deviceSector) const {
     if (const char* reason = impossibleGeometry()) {
         return reason;
     }
@@ -53,10 +53,10 @@ const char* NTFSBootSector::impossibleGeometry() const {
         return "NTFS: Impossible cluster size.";
     }
     const std::uint64_t recordSize = mftRecordSize();
-    if (!std::has_single_bit(recordSize) || recordSize < file_record::sector || recordSize > largestRecord) {
+    if (!std::has_single_bit(recordSize) || recordSize < file_record::sector || recordSize > maxRecordSize) {
         return "NTFS: Impossible size of file records.";
     }
-    if (totalSectors > largestVolume / bytesPerSector) {
+    if (totalSectors > maxVolumeBytes / bytesPerSector) {
         return "NTFS: Impossible number of sectors.";
     }
     return mftLcn == 0 || mftLcn >= clusterCount() ? "NTFS: The master file table is outside of the volume."
@@ -64,8 +64,8 @@ const char* NTFSBootSector::impossibleGeometry() const {
 }
 
 bool NTFSBootSector::hasPossibleClusters() const {
-    return std::has_single_bit(bytesPerSector) && bytesPerSector >= smallestSector &&
-           bytesPerSector <= largestSector && std::has_single_bit(sectorsPerCluster);
+    return std::has_single_bit(bytesPerSector) && bytesPerSector >= minSectorSize &&
+           bytesPerSector <= maxSectorSize && std::has_single_bit(sectorsPerCluster);
 }
 
 std::uint64_t NTFSBootSector::clusterBytes() const {
@@ -82,7 +82,7 @@ std::uint64_t NTFSBootSector::mftRecordSize() const {
     if (clustersPerMftRecord >= 0) {
         return clusterBytes() * static_cast<std::uint64_t>(clustersPerMftRecord);
     }
-    return -clustersPerMftRecord > largestLogRecord
+    return -clustersPerMftRecord > maxLogRecordSize
                ? 0
                : std::uint64_t{1} << static_cast<unsigned>(-clustersPerMftRecord);
 }

@@ -7,23 +7,23 @@
 
 namespace agent::core::fs {
 
-/// What is read of the boot sector of NTFS, and what follows from it.
-/// Owns:    copies of the numbers.
-/// Threads: a value.
-/// Fails:   nothing fails. What follows from the numbers can be relied on where `objection` has none.
+/// The fields that are read from the boot sector of NTFS, and the values derived from them.
+/// Owns:    copies of the fields.
+/// Threads: a plain value; const calls are safe from any thread.
+/// Fails:   never. The derived values are only reliable if `whyUnusable` returns an empty string.
 struct NTFSBootSector {
     static NTFSBootSector decode(Bytes bytes);
 
     [[nodiscard]] bool isNTFS() const;
-    /// Why no map may be made of the volume on a device with sectors of so many bytes; empty if one may.
-    /// 0 where nobody knows the device's sectors.
-    [[nodiscard]] std::string objection(std::uint32_t deviceSector) const;
+    /// Why the volume can't be read on a device with sectors of `deviceSector` bytes; empty if it can. Pass 0
+    /// if the device's sector size isn't known.
+    [[nodiscard]] std::string whyUnusable(std::uint32_t deviceSector) const;
 
-    /// Without it, nothing that follows from the size of a cluster can be asked for.
+    /// If false, no method that depends on the cluster size may be called.
     [[nodiscard]] bool hasPossibleClusters() const;
     [[nodiscard]] std::uint64_t clusterBytes() const;
     [[nodiscard]] std::uint64_t clusterCount() const;
-    /// Of a record of the master file table, in bytes; 0 if it isn't to be believed.
+    /// The size of a record of the master file table, in bytes; 0 if it isn't plausible.
     [[nodiscard]] std::uint64_t mftRecordSize() const;
 
     std::string oemId;

@@ -16,7 +16,7 @@ namespace attribute = ntfs_layout::attribute;
 namespace index_root = ntfs_layout::index_root;
 namespace index_node = ntfs_layout::index_node;
 
-constexpr std::uint64_t smallestBlock = 512;
+constexpr std::uint64_t minBlockSize = 512;
 
 } // namespace
 
@@ -26,7 +26,7 @@ NTFSDirectory::NTFSDirectory(const NTFSVolume& volume, std::uint64_t inode, cons
         sought.fail("Could not read MFT record for ");
     }
     indexRoot = findIndexRoot();
-    if (blockSize() < smallestBlock || !std::has_single_bit(blockSize())) {
+    if (blockSize() < minBlockSize || !std::has_single_bit(blockSize())) {
         throw std::runtime_error("Invalid index block size");
     }
 }
@@ -42,7 +42,7 @@ std::uint64_t NTFSDirectory::find() const {
     return *outcome.record;
 }
 
-/// A file has none, and neither has an index of something else than names.
+/// Throws if there is no index root of names: the record is that of a file, or its index isn't one of names.
 std::vector<std::uint8_t> NTFSDirectory::findIndexRoot() const {
     std::optional<std::vector<std::uint8_t>> value = record.value(attribute::typeIndexRoot);
     if (!value || value->size() < index_root::size + index_node::size ||
@@ -71,9 +71,9 @@ NTFSIndexAllocation NTFSDirectory::blocks() const {
     return {NTFSRunReader(volume, std::move(found->runs)), blockSize(), volume.clusterBytes, sought};
 }
 
-/// Ends, as no block is read twice.
+/// Follows the tree from its root to the place of the name. Terminates, because no block is read twice.
 NTFSDirectory::Outcome NTFSDirectory::descend() const {
-    const NTFSIndexEntry place = placeIn(root());
+    const NTFSIndexEntry place = firstEntryNotBefore(root());
     if (isSought(place)) {
         return {place.record()};
     }
@@ -84,7 +84,7 @@ NTFSDirectory::Outcome NTFSDirectory::descend() const {
     for (std::uint64_t child = place.childVcn();;) {
         const NTFSRecord block = tree.readBlock(child);
         const NTFSIndexNode node = tree.nodeOf(block);
-        const NTFSIndexEntry below = placeIn(node);
+        const NTFSIndexEntry below = firstEntryNotBefore(node);
         if (isSought(below)) {
             return {below.record()};
         }
@@ -98,7 +98,7 @@ NTFSDirectory::Outcome NTFSDirectory::descend() const {
     }
 }
 
-/// Ends, as no block is read twice.
+/// Searches the whole tree. Terminates, because no block is read twice.
 std::optional<std::uint64_t> NTFSDirectory::search() const {
     std::vector<std::uint64_t> children;
     std::optional<std::uint64_t> found = searchNode(root(), children);
@@ -121,8 +121,8 @@ bool NTFSDirectory::isSought(const NTFSIndexEntry& entry) const {
     return !entry.isLast() && sought.compare(entry.name()) == 0;
 }
 
-/// The first entry that the name doesn't come behind.
-NTFSIndexEntry NTFSDirectory::placeIn(const NTFSIndexNode& node) const {
+/// The first entry whose name isn't less than the sought name.
+NTFSIndexEntry NTFSDirectory::firstEntryNotBefore(const NTFSIndexNode& node) const {
     NTFSIndexEntry entry = node.first();
     while (!entry.isLast() && sought.compare(entry.name()) > 0) {
         entry = node.after(entry);
@@ -130,7 +130,7 @@ NTFSIndexEntry NTFSDirectory::placeIn(const NTFSIndexNode& node) const {
     return entry;
 }
 
-/// Adds the children to those that are left to look into.
+/// Searches one node, and adds the node's children to `children`, the nodes still to search.
 std::optional<std::uint64_t> NTFSDirectory::searchNode(const NTFSIndexNode& node,
                                                        std::vector<std::uint64_t>& children) const {
     for (NTFSIndexEntry entry = node.first();; entry = node.after(entry)) {

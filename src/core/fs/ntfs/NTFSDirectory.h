@@ -12,23 +12,22 @@
 
 namespace agent::core::fs {
 
-/// A directory in which a name is looked for, by the tree of its index: from the root of it down to where the
-/// name belongs. The volume has an order of names of its own, which is another one than that of the C library
-/// where a name has "_", or letters of some languages. So a name that isn't where it belongs is looked for in
-/// all of the tree.
-/// Owns:    the record of the directory; what the volume names, and the name, must outlive it.
-/// Threads: one at a time, with an NTFSNameLocale; moves the reader's position.
-/// Fails:   std::runtime_error; NTFSObjection where an attribute isn't to be relied on.
+/// Looks up a name in a directory, through the B-tree of its index. The volume's order of names differs from
+/// the C library's if a name has "_" or letters of some languages. So a name that isn't found at its place in
+/// the tree is searched in the whole tree.
+/// Owns:    the record of the directory; the name, and everything the volume refers to, must outlive it.
+/// Threads: one at a time, on a thread that has an NTFSNameLocale; moves the reader's position.
+/// Fails:   std::runtime_error; NTFSError if an attribute isn't plausible.
 class NTFSDirectory {
 public:
     /// `inode` is the number of the directory's record.
     NTFSDirectory(const NTFSVolume& volume, std::uint64_t inode, const NTFSPathElement& sought);
 
-    /// The number of the record of the file. Throws if there is none of the name.
+    /// The number of the file's record. Throws if the directory doesn't have the name.
     [[nodiscard]] std::uint64_t find() const;
 
 private:
-    /// Of a descent: the number of the record that was found, or why there is none.
+    /// The result of a descent: the number of the record that was found, or why none was found.
     struct Outcome {
         std::optional<std::uint64_t> record;
         const char* reason = "";
@@ -41,7 +40,7 @@ private:
     [[nodiscard]] Outcome descend() const;
     [[nodiscard]] std::optional<std::uint64_t> search() const;
     [[nodiscard]] bool isSought(const NTFSIndexEntry& entry) const;
-    [[nodiscard]] NTFSIndexEntry placeIn(const NTFSIndexNode& node) const;
+    [[nodiscard]] NTFSIndexEntry firstEntryNotBefore(const NTFSIndexNode& node) const;
     [[nodiscard]] std::optional<std::uint64_t> searchNode(const NTFSIndexNode& node,
                                                           std::vector<std::uint64_t>& children) const;
 

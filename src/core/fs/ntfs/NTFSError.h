@@ -5,7 +5,7 @@
 
 namespace agent::core::fs {
 
-/// The negative results of the parser, and of what it reads records with.
+/// The negative results of the parser, and of NTFSRecordReader.
 namespace ntfs_error {
 inline constexpr std::int64_t refused = -1;
 inline constexpr std::int64_t noSectorsPerCluster = -174;
@@ -19,9 +19,10 @@ inline constexpr std::int64_t recordTorn = -324;
 inline constexpr std::int64_t recordOfAnother = -331;
 } // namespace ntfs_error
 
-/// Thrown and caught within the parser, which then has no map: read on, used clusters could be taken as free.
-struct NTFSObjection {
-    std::string reason; ///< the line for the log
+/// Thrown and caught within the parser, which then provides no map: with wrong data, used clusters could be
+/// taken for free ones.
+struct NTFSError {
+    std::string reason; ///< the text for the log
 };
 
 } // namespace agent::core::fs

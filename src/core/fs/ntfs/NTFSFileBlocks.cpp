@@ -13,7 +13,7 @@ FileBlocks findNTFSFile(info::Logger& logger, IVolumeReader& reader, std::uint32
         throw std::runtime_error("the volume is not NTFS");
     }
     const NTFSDataRuns found = parser.findFileRuns(path);
-    if (!found.isWhole) {
+    if (!found.isComplete) {
         throw std::runtime_error("not all clusters of the file are told of");
     }
     FileBlocks file{.blockSize = parser.getBlockSize(), .runs = {}};

@@ -9,8 +9,9 @@
 
 namespace agent::core::fs {
 
-/// The clusters of a file of NTFS, by its path from the root on, in UTF-8 and with "\" between its parts.
-/// Throws std::runtime_error if it can't be found, or lies in no clusters, or not all of them can be told.
+/// The clusters of a file on NTFS. `path` is absolute, in UTF-8, with "\" between its parts. Throws
+/// std::runtime_error if the file can't be found, has no clusters, or if not all of its clusters can be
+/// determined.
 FileBlocks findNTFSFile(info::Logger& logger, IVolumeReader& reader, std::uint32_t sectorSize,
                         const std::string& path);
 

@@ -30,10 +30,10 @@ NTFSDataRuns NTFSFileFinder::findRuns(const std::string& path) const {
     return found;
 }
 
-/// Runs that the table's own search doesn't come by are in further records.
+/// If getDataRuns doesn't find all runs, the others are in further records, which NTFSFileRecord reads.
 NTFSDataRuns NTFSFileFinder::runsOf(std::uint64_t inode) const {
     NTFSDataRuns found = volume.files.getDataRuns(inode);
-    if (!found.runs.empty() && found.isWhole) {
+    if (!found.runs.empty() && found.isComplete) {
         return found;
     }
     NTFSFileRecord record(volume);

@@ -9,15 +9,15 @@
 namespace agent::core::fs {
 
 /// Finds files by their paths, from the root directory on.
-/// Owns:    nothing; what the volume names must outlive it.
+/// Owns:    nothing; everything the volume refers to must outlive it.
 /// Threads: one at a time; moves the reader's position.
-/// Fails:   std::runtime_error; NTFSObjection where an attribute isn't to be relied on.
+/// Fails:   std::runtime_error; NTFSError if an attribute isn't plausible.
 class NTFSFileFinder {
 public:
     explicit NTFSFileFinder(const NTFSVolume& volume) : volume(volume) {}
 
-    /// The path is UTF-8, with "\" between its parts. Upper and lower case are one. There is at least one
-    /// run: a file that has none fails.
+    /// The path is in UTF-8, with "\" between its parts, and is case-insensitive. The result has at least one
+    /// run: throws for a file without runs.
     [[nodiscard]] NTFSDataRuns findRuns(const std::string& path) const;
 
 private:

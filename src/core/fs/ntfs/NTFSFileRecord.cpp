@@ -15,16 +15,16 @@ namespace {
 namespace attribute = ntfs_layout::attribute;
 namespace list_entry = ntfs_layout::list_entry;
 
-constexpr std::uint64_t largestList = 256UL * 1024; // as the format has it
-constexpr std::size_t mostRuns = 1024UL * 1024;
+constexpr std::uint64_t maxListBytes = 256UL * 1024; // the format's limit, in bytes
+constexpr std::size_t maxRuns = 1024UL * 1024;
 
 std::vector<std::uint8_t> copyOf(Bytes bytes) {
     return {bytes.begin(), bytes.end()};
 }
 
-void requireList(bool holds, const char* objection) {
+void requireList(bool holds, const char* reason) {
     if (!holds) {
-        throw NTFSObjection{objection};
+        throw NTFSError{reason};
     }
 }
 
@@ -64,12 +64,13 @@ std::optional<NTFSDataRuns> NTFSFileRecord::runs(std::uint32_t type) const {
         append(*whole, covered, found);
     }
     if (whole) {
-        whole->isWhole = covered >= allocated;
+        whole->isComplete = covered >= allocated;
     }
     return whole;
 }
 
-/// In the order of the file: so it is in a list. Ends, as each entry has a length.
+/// The parts of the first attribute of this type, in file order, in which a list has them. Terminates,
+/// because each entry of the list has a length greater than 0.
 std::vector<NTFSFileRecord::Part> NTFSFileRecord::partsOf(std::uint32_t type) const {
     NTFSAttributeCursor cursor(volume.logger, own);
     if (!cursor.findAttribute(attribute::typeAttributeList)) {
@@ -102,8 +103,8 @@ std::vector<std::uint8_t> NTFSFileRecord::listOf(const NTFSAttribute& attribute)
     if (attribute.isResident()) {
         return copyOf(attribute.value());
     }
-    NTFSDataRuns found = volume.files.judgedRuns(attribute, decodeRunList(attribute));
-    requireList(found.packing == nullptr && found.writtenBytes <= largestList,
+    NTFSDataRuns found = volume.files.checkedRuns(attribute, decodeRunList(attribute));
+    requireList(found.whyNotPlain == nullptr && found.writtenBytes <= maxListBytes,
                 "NTFS: An attribute list is too large, or isn't plain.");
     std::vector<std::uint8_t> list(found.writtenBytes);
     requireList(NTFSRunReader(volume, std::move(found.runs)).read(0, list),
@@ -111,7 +112,7 @@ std::vector<std::uint8_t> NTFSFileRecord::listOf(const NTFSAttribute& attribute)
     return list;
 }
 
-/// In the file's own record, or in another one, which then is in the buffer.
+/// Finds a part in the file's own record, or in another record, which it then reads into `buffer`.
 NTFSAttribute NTFSFileRecord::attributeOf(const Part& part, std::uint32_t type, NTFSRecord& buffer) const {
     const bool isOwn = part.record == number;
     requireList(isOwn || (volume.files.readInode(part.record, buffer) == 0 && buffer.baseRecord() == number),
@@ -123,18 +124,18 @@ NTFSAttribute NTFSFileRecord::attributeOf(const Part& part, std::uint32_t type, 
             return found;
         }
     }
-    throw NTFSObjection{"NTFS: An attribute isn't where the list of its file has it."};
+    throw NTFSError{"NTFS: An attribute isn't where the list of its file has it."};
 }
 
 void NTFSFileRecord::append(NTFSDataRuns& whole, std::uint64_t& covered, const NTFSAttribute& part) const {
     requireList(part.lowestVcn() == covered, "NTFS: The parts of a file don't follow each other.");
-    const NTFSDataRuns found = volume.files.judgedRuns(part, decodeRunList(part));
+    const NTFSDataRuns found = volume.files.checkedRuns(part, decodeRunList(part));
     for (const NTFSRun& run : found.runs) {
         requireList(!__builtin_add_overflow(covered, static_cast<std::uint64_t>(run.length), &covered),
                     "NTFS: A file is larger than a file can be.");
     }
     whole.runs.insert(whole.runs.end(), found.runs.begin(), found.runs.end());
-    requireList(whole.runs.size() <= mostRuns, "NTFS: A file has too many runs of clusters.");
+    requireList(whole.runs.size() <= maxRuns, "NTFS: A file has too many runs of clusters.");
 }
 
 } // namespace agent::core::fs

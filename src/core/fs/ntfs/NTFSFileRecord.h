@@ -11,24 +11,25 @@
 
 namespace agent::core::fs {
 
-/// The attributes of a file, in its own record and in those that its attribute list names.
-/// Owns:    the file's own record.
+/// The attributes of a file, in its own record and in the records that its attribute list names.
+/// Owns:    the file's own record; everything the volume refers to must outlive it.
 /// Threads: one at a time; moves the reader's position.
-/// Fails:   NTFSObjection where the list names what isn't there, or runs are not to be relied on;
-///          std::runtime_error where a list of runs is broken.
+/// Fails:   NTFSError if the list names a missing attribute, or if runs aren't plausible;
+///          std::runtime_error if a run list is broken.
 class NTFSFileRecord {
 public:
     explicit NTFSFileRecord(const NTFSVolume& volume);
 
     /// False if the file's own record can't be read.
     bool read(std::uint64_t wanted);
-    /// Of the first attribute of this type; nothing if it isn't there, or isn't resident.
+    /// The value of the first attribute of this type; nullopt if there is none, or if it isn't resident.
     [[nodiscard]] std::optional<std::vector<std::uint8_t>> value(std::uint32_t type) const;
-    /// Of all parts of the first attribute of this type; nothing if it isn't there, or is resident.
+    /// The runs of all parts of the first attribute of this type; nullopt if there is none, or if it is
+    /// resident.
     [[nodiscard]] std::optional<NTFSDataRuns> runs(std::uint32_t type) const;
 
 private:
-    /// An attribute, or the part of one that a record has.
+    /// Where an attribute is, or the part of an attribute that one record has.
     struct Part {
         std::uint64_t record;
         std::uint64_t vcn;

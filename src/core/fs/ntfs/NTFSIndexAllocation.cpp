@@ -20,7 +20,7 @@ NTFSIndexAllocation::NTFSIndexAllocation(NTFSRunReader content, std::uint64_t bl
       vcnsOfBlock(blockSize / (clusterBytes <= blockSize ? clusterBytes : layout::smallUnit)),
       sought(sought) {
     const std::uint64_t size = this->content.size();
-    requireSize(blockSize <= largestBlock && size <= largestSize);
+    requireSize(blockSize <= maxBlockSize && size <= maxIndexBytes);
     wasRead.resize(size / blockSize);
 }
 

@@ -11,17 +11,17 @@
 
 namespace agent::core::fs {
 
-/// The blocks of a directory's index, of which each is a node. Each is read once at most: so whoever follows
-/// the numbers of children comes to an end.
-/// Owns:    which ones have been read.
+/// The blocks of a directory's index, each of which is a node. Each block may be read only once, so a walk
+/// along the numbers of children always ends.
+/// Owns:    the runs of the index, and which blocks have been read. The name must outlive it.
 /// Threads: one at a time; moves the reader's position.
-/// Fails:   std::runtime_error where a block can't be read, isn't one, or has been read before.
+/// Fails:   std::runtime_error if a block can't be read, isn't valid, or has been read before.
 class NTFSIndexAllocation {
 public:
-    static constexpr std::uint64_t largestBlock = 64UL * 1024;
-    static constexpr std::uint64_t largestSize = 1024UL * 1024 * 1024;
+    static constexpr std::uint64_t maxBlockSize = 64UL * 1024;
+    static constexpr std::uint64_t maxIndexBytes = 1024UL * 1024 * 1024;
 
-    /// `blockSize` is a power of two, at least 512. Throws where it, or all blocks together, are too large.
+    /// `blockSize` is a power of two, at least 512. Throws if it, or the whole index, is too large.
     NTFSIndexAllocation(NTFSRunReader content, std::uint64_t blockSize, std::uint64_t clusterBytes,
                         const NTFSPathElement& sought);
 

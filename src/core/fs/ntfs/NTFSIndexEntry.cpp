@@ -15,7 +15,7 @@ constexpr std::size_t unitSize = sizeof(char16_t);
 constexpr std::size_t childSize = sizeof(std::uint64_t);
 constexpr std::size_t nameBegin = layout::keyBegin + file_name::characters;
 
-/// The character that a pair of units stands for; nothing if they are no pair.
+/// The character of a surrogate pair; nullopt if the units are no pair.
 std::optional<wchar_t> pairOf(char16_t high, char16_t low) {
     constexpr char16_t firstHigh = 0xD800;
     constexpr char16_t firstLow = 0xDC00;

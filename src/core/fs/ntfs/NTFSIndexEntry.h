@@ -8,27 +8,28 @@
 
 namespace agent::core::fs {
 
-/// An entry of a node of a directory's index: the name of a file, and where the names are that come before.
+/// An entry of a node of a directory's index: the name of a file, and the child node with the names before
+/// it.
 /// Owns:    nothing; the node must outlive it.
-/// Threads: a value.
-/// Fails:   nothing fails. Of one that isn't sound, only the length and the marks can be asked for.
+/// Threads: a plain value; const calls are safe from any thread.
+/// Fails:   never. If `isSound` returns false, only `isLast`, `hasChild` and `end` may be called.
 class NTFSIndexEntry {
 public:
-    /// All of its bytes, at least the head of one, and where they begin in the node.
+    /// `bytes` is the whole entry, at least its header; `position` is its offset in the node.
     NTFSIndexEntry(Bytes bytes, std::size_t position) : bytes(bytes), position(position) {}
 
-    /// Whether its parts lie within it.
+    /// Whether the entry's parts lie within it.
     [[nodiscard]] bool isSound() const;
-    /// Of the node. It stands behind all names, and has none.
+    /// Whether it is the last entry of the node, which comes after all names and has no name.
     [[nodiscard]] bool isLast() const;
     [[nodiscard]] bool hasChild() const;
-    /// Where the names are that come before this one, in the units of the index.
+    /// The node with the names before this one, in the index's VCN units.
     [[nodiscard]] std::uint64_t childVcn() const;
     /// The number of the file's record.
     [[nodiscard]] std::uint64_t record() const;
-    /// A character that is half a pair stays as it is.
+    /// The name in wide characters. An unpaired surrogate stays as it is.
     [[nodiscard]] std::wstring name() const;
-    /// Where the next one begins in the node.
+    /// The offset of the next entry in the node.
     [[nodiscard]] std::size_t end() const { return position + bytes.size(); }
 
 private:

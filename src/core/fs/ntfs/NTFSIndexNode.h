@@ -8,21 +8,21 @@
 
 namespace agent::core::fs {
 
-/// A node of a directory's index: entries in the order of their names, the last one of which has none.
+/// A node of a directory's index: entries in the order of their names, and a last entry without a name.
 /// Owns:    nothing; the bytes and the name must outlive it.
-/// Threads: a value.
-/// Fails:   std::runtime_error where an entry isn't within the node, or its parts aren't within the entry.
+/// Threads: immutable; safe from any.
+/// Fails:   std::runtime_error if an entry isn't within the node, or its parts aren't within the entry.
 class NTFSIndexNode {
 public:
-    /// From the head of the node on, at least that. The name is looked for in it.
+    /// `bytes` begins with the node's header and holds at least that. `sought` is the name for error texts.
     NTFSIndexNode(Bytes bytes, const NTFSPathElement& sought);
 
-    /// How many bytes a node uses, as its head has it: more than there are is possible.
+    /// How many bytes the node uses according to its header, which may be more than there are.
     static std::size_t usedBytes(Bytes bytes);
     /// Whether no entry may have a child.
     [[nodiscard]] bool isLeaf() const;
     [[nodiscard]] NTFSIndexEntry first() const;
-    /// The one behind an entry that isn't the last.
+    /// The entry after `entry`, which must not be the last.
     [[nodiscard]] NTFSIndexEntry after(const NTFSIndexEntry& entry) const;
 
 private:

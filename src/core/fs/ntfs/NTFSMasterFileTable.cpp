@@ -19,9 +19,9 @@ unsigned shiftOf(std::uint64_t powerOfTwo) {
     return static_cast<unsigned>(std::countr_zero(powerOfTwo));
 }
 
-void require(bool holds, const char* objection) {
+void require(bool holds, const char* reason) {
     if (!holds) {
-        throw NTFSObjection{objection};
+        throw NTFSError{reason};
     }
 }
 
@@ -53,36 +53,37 @@ NTFSDataRuns NTFSMasterFileTable::getDataRuns(std::uint64_t inode) {
     return searchAttributeList(inode, cursor.attribute());
 }
 
-/// The runs of the table are those of its first part. A record behind them isn't there. One that goes on in
-/// another run would be read with a wrong end.
+/// Uses only the runs in the table's own record; a record past them counts as unreadable. A record that spans
+/// two runs is refused, because its end would be read from the wrong place.
 std::int64_t NTFSMasterFileTable::readInode(std::uint64_t inode, NTFSRecord& buffer) {
     if (mftRecord0Result != 0) {
         return mftRecord0Result;
     }
     const std::uint64_t recordSize = boot.mftRecordSize();
     const unsigned clusterShift = shiftOf(boot.clusterBytes());
-    const std::uint64_t byteOffset = inode << shiftOf(recordSize); // of 48 bits and of 16
-    const auto [run, firstVcn] = placeOf(byteOffset >> clusterShift, tableRuns().runs);
+    const std::uint64_t byteOffset = inode << shiftOf(recordSize); // at most 48 + 16 bits
+    const auto [run, firstVcn] = runContaining(byteOffset >> clusterShift, tableRuns().runs);
     const std::uint64_t offsetInRun = byteOffset - (firstVcn << clusterShift);
     const std::uint64_t runBytes = static_cast<std::uint64_t>(run.length) << clusterShift;
     if (offsetInRun >= runBytes) {
         return ntfs_error::recordUnreadable;
     }
     require(runBytes - offsetInRun >= recordSize, "NTFS: A file record is in two pieces.");
-    // The device has sectors as the volume has them, or nobody knows which.
+    // NTFSBootSector::whyUnusable has refused a device whose sectors are known to differ from the volume's.
     const std::uint64_t diskOffset = (static_cast<std::uint64_t>(run.lcn) << clusterShift) + offsetInRun;
     return records.readMftRecord(inode, diskOffset, buffer);
 }
 
-/// None if its record tells of none.
+/// The runs of the table itself; none if its record has no data.
 NTFSDataRuns NTFSMasterFileTable::tableRuns() {
     NTFSDataRuns table = dataOf(mftRecord0).value_or(NTFSDataRuns{});
-    require(table.packing == nullptr, table.packing);
+    require(table.whyNotPlain == nullptr, table.whyNotPlain);
     return table;
 }
 
-/// Of no clusters where no run has it.
-NTFSMasterFileTable::Place NTFSMasterFileTable::placeOf(std::uint64_t vcn, const std::vector<NTFSRun>& runs) {
+/// The run that contains the table's cluster `vcn`; a run without clusters if there is none.
+NTFSMasterFileTable::LocatedRun NTFSMasterFileTable::runContaining(std::uint64_t vcn,
+                                                                   const std::vector<NTFSRun>& runs) {
     std::uint64_t firstVcn = 0;
     for (const NTFSRun& run : runs) {
         const std::uint64_t endVcn = firstVcn + static_cast<std::uint64_t>(run.length);
@@ -94,7 +95,7 @@ NTFSMasterFileTable::Place NTFSMasterFileTable::placeOf(std::uint64_t vcn, const
     return {};
 }
 
-/// Of the data in a record; nothing if it has none.
+/// The runs of the data in a record; nullopt if it has no data.
 std::optional<NTFSDataRuns> NTFSMasterFileTable::dataOf(const NTFSRecord& record) {
     NTFSAttributeCursor cursor(logger, record);
     if (!cursor.findAttribute(attribute::typeData)) {
@@ -102,11 +103,11 @@ std::optional<NTFSDataRuns> NTFSMasterFileTable::dataOf(const NTFSRecord& record
     }
     const NTFSAttribute data = cursor.attribute();
     NTFSRunList list = runsOf(data);
-    require(data.objection() == nullptr, data.objection());
-    return judgedRuns(data, std::move(list));
+    require(data.whyUnusable() == nullptr, data.whyUnusable());
+    return checkedRuns(data, std::move(list));
 }
 
-/// Ends, as each entry has a length.
+/// Terminates, because each entry has a length greater than 0.
 NTFSDataRuns NTFSMasterFileTable::searchAttributeList(std::uint64_t inode, const NTFSAttribute& list) {
     info::LogEntry(logger, info::level::debug) << "Searching for $DATA in ATTRIBUTE LIST";
     if (!list.isResident()) {
@@ -143,7 +144,7 @@ NTFSDataRuns NTFSMasterFileTable::searchAttributeList(std::uint64_t inode, const
     return {};
 }
 
-/// Of a record that an attribute list names; nothing if the search has to go on.
+/// The runs of a record that an attribute list names; nullopt if the search must go on.
 std::optional<NTFSDataRuns> NTFSMasterFileTable::dataOfPart(std::uint64_t record, std::uint64_t inode) {
     info::LogEntry(logger, info::level::debug)
         << "Found $DATA in inode " << record << " for base inode " << inode;
@@ -165,20 +166,20 @@ std::optional<NTFSDataRuns> NTFSMasterFileTable::dataOfPart(std::uint64_t record
     return found;
 }
 
-/// The first cluster is the boot sector's, and no other file's.
-NTFSDataRuns NTFSMasterFileTable::judgedRuns(const NTFSAttribute& attribute, NTFSRunList list) const {
-    require(list.objection == nullptr, list.objection);
+/// A run must not include cluster 0, which holds the boot sector.
+NTFSDataRuns NTFSMasterFileTable::checkedRuns(const NTFSAttribute& attribute, NTFSRunList list) const {
+    require(list.whyUnusable == nullptr, list.whyUnusable);
     const auto clusters = static_cast<std::int64_t>(boot.clusterCount());
     const std::uint64_t allocated = attribute.allocatedBytes() / boot.clusterBytes();
     NTFSDataRuns found;
     found.writtenBytes = attribute.writtenBytes();
-    found.packing = attribute.packing();
+    found.whyNotPlain = attribute.whyNotPlain();
     std::uint64_t covered = 0;
     std::int64_t total = 0;
     for (const NTFSRun& run : list.runs) {
         covered = std::min(covered + static_cast<std::uint64_t>(run.length), allocated);
         if (run.isHole) {
-            found.packing = "NTFS: A run of clusters has no place on the volume.";
+            found.whyNotPlain = "NTFS: A run of clusters has no place on the volume.";
             continue;
         }
         require(run.lcn > 0 && run.lcn < clusters && run.length <= clusters - run.lcn &&
@@ -186,7 +187,7 @@ NTFSDataRuns NTFSMasterFileTable::judgedRuns(const NTFSAttribute& attribute, NTF
                 "NTFS: A run of clusters is outside of the volume.");
         total += run.length;
     }
-    found.isWhole = covered == allocated;
+    found.isComplete = covered == allocated;
     found.runs = std::move(list.runs);
     return found;
 }

@@ -15,46 +15,45 @@
 
 namespace agent::core::fs {
 
-/// Where the content of a file is. All runs but holes are on the volume, and together no more than it has
-/// clusters.
+/// Where the content of a file is. All runs except holes lie on the volume, and together have at most as many
+/// clusters as the volume.
 struct NTFSDataRuns {
     std::vector<NTFSRun> runs;
-    std::uint64_t writtenBytes = 0; ///< of the file, as far as they are its content
-    bool isWhole = true;            ///< false where the file goes on in runs that another record has
-    const char* packing = nullptr;  ///< why the clusters don't hold the content as it is; null if they do
+    std::uint64_t writtenBytes = 0;    ///< how many bytes of the file have been written
+    bool isComplete = true;            ///< false if further runs of the file are in other records
+    const char* whyNotPlain = nullptr; ///< why the clusters don't hold the plain content; null if they do
 };
 
-/// Finds the content of files by the master file table.
-/// Owns:    the table's own record.
+/// Finds the content of files through the master file table.
+/// Owns:    the table's own record; logger and reader must outlive it.
 /// Threads: one at a time; moves the reader's position.
-/// Fails:   no runs where a record can't be read or has none; NTFSObjection where what it says is not to be
-///          relied on; std::runtime_error, whose text is part of no line, where a run list is broken.
+/// Fails:   returns no runs if a record can't be read or has none; NTFSError if a record isn't plausible;
+///          std::runtime_error, which isn't logged, if a run list is broken.
 class NTFSMasterFileTable {
 public:
-    /// Reads the table's own record; what comes of that shows when a file is asked for. The boot sector is
-    /// one to which there is no objection.
+    /// Reads the table's own record; if that fails, later calls fail. `boot` must be usable.
     NTFSMasterFileTable(info::Logger& logger, IVolumeReader& reader, std::uint32_t sectorSize,
                         NTFSBootSector boot);
 
-    /// Where the content of a file is, whose number has 48 bits; or of the first part of it, as what further
-    /// records have is left out.
+    /// Where the content of a file is. `inode` has at most 48 bits. Runs that are in further records are left
+    /// out.
     NTFSDataRuns getDataRuns(std::uint64_t inode);
-    /// Of a record, in bytes.
+    /// The size of a record, in bytes.
     [[nodiscard]] std::size_t recordSize() const { return mftRecord0.bytes.size(); }
-    /// Fills a record of that size. Returns 0, or a number of ntfs_error.
+    /// Fills `buffer`, which must have that size. Returns 0, or a number of ntfs_error.
     std::int64_t readInode(std::uint64_t inode, NTFSRecord& buffer);
-    /// The same of a list of this attribute, whatever it is that the attribute has.
-    [[nodiscard]] NTFSDataRuns judgedRuns(const NTFSAttribute& attribute, NTFSRunList list) const;
+    /// Checks the run list of an attribute of any type. Throws NTFSError if it isn't plausible.
+    [[nodiscard]] NTFSDataRuns checkedRuns(const NTFSAttribute& attribute, NTFSRunList list) const;
 
 private:
-    /// A run of the table's own, and which of the table's clusters is its first.
-    struct Place {
+    /// A run of the table itself, and the number of its first cluster in the table.
+    struct LocatedRun {
         NTFSRun run;
         std::uint64_t firstVcn = 0;
     };
 
     NTFSDataRuns tableRuns();
-    static Place placeOf(std::uint64_t vcn, const std::vector<NTFSRun>& runs);
+    static LocatedRun runContaining(std::uint64_t vcn, const std::vector<NTFSRun>& runs);
     std::optional<NTFSDataRuns> dataOf(const NTFSRecord& record);
     NTFSDataRuns searchAttributeList(std::uint64_t inode, const NTFSAttribute& list);
     std::optional<NTFSDataRuns> dataOfPart(std::uint64_t record, std::uint64_t inode);

@@ -4,11 +4,11 @@
 
 namespace agent::core::fs {
 
-/// While there is one, names are compared and converted as Unicode has it, whatever the language of the
+/// While an object exists, its thread compares and converts names as Unicode, whatever the locale of the
 /// process is.
-/// Owns:    a locale.
-/// Threads: that which makes it, alone; others keep theirs.
-/// Fails:   PosixError if the system has no such locale.
+/// Owns:    a locale; the destructor restores the thread's previous locale.
+/// Threads: changes only the thread that constructs it, which must also destroy it.
+/// Fails:   the constructor throws PosixError if the system has no such locale.
 class NTFSNameLocale {
 public:
     NTFSNameLocale();
@@ -18,7 +18,7 @@ public:
 
 private:
     locale_t own;
-    locale_t before = nullptr; // that the thread had
+    locale_t before = nullptr; // the thread's previous locale
 };
 
 } // namespace agent::core::fs

@@ -19,7 +19,7 @@ namespace {
 namespace layout = ntfs_layout::boot_sector;
 
 constexpr std::uint64_t byteBits = 8;
-constexpr std::uint64_t longestRead = 4UL * 1024 * 1024; // what is copied into place takes no more memory
+constexpr std::uint64_t maxReadBytes = 4UL * 1024 * 1024; // limits the temporary buffer of unaligned reads
 
 std::uint64_t clustersOf(const std::vector<NTFSRun>& runs) {
     return std::accumulate(
@@ -37,7 +37,7 @@ bool NTFSParserImpl::recognize() {
     files.reset();
     std::array<std::uint8_t, layout::size> sector{};
     if (!FSUtil::readExactly(logger, reader, sectorSize, 0, sector.data(), sector.size())) {
-        logger.log(info::level::error, "Can't read ntfs boot sector");
+        info::LogEntry(logger, info::level::error) << "Can't read ntfs boot sector";
         return false;
     }
     const NTFSBootSector found = NTFSBootSector::decode(sector);
@@ -45,13 +45,13 @@ bool NTFSParserImpl::recognize() {
         return false;
     }
     boot = found;
-    if (boot.objection(sectorSize).empty()) {
+    if (boot.whyUnusable(sectorSize).empty()) {
         files.emplace(logger, reader, sectorSize, boot);
     }
     return true;
 }
 
-/// 0 if the boot sector can't be believed: then there is no map to go by, either.
+/// 0 if the boot sector's cluster size is impossible; then there is no map, either.
 std::uint32_t NTFSParserImpl::getBlockSize() const {
     return boot.hasPossibleClusters() ? static_cast<std::uint32_t>(boot.clusterBytes()) : 0;
 }
@@ -63,24 +63,24 @@ std::int64_t NTFSParserImpl::getBitmapChunk(std::uint64_t startBlock, std::uint8
     }
     try {
         return readBitmap({buffer, bufferBytes, startBlock});
-    } catch (const NTFSObjection& objection) {
-        logger.log(info::level::error, info::reason("ntfs-bitmap"), "%s", objection.reason.c_str());
+    } catch (const NTFSError& error) {
+        logger.log(info::level::error, info::reason("ntfs-bitmap"), "%s", error.reason.c_str());
         return ntfs_error::refused;
     }
 }
 
 NTFSDataRuns NTFSParserImpl::findFileRuns(const std::string& path) {
     if (!files) {
-        throw std::runtime_error(boot.objection(sectorSize));
+        throw std::runtime_error(boot.whyUnusable(sectorSize));
     }
     try {
         return NTFSFileFinder({logger, reader, sectorSize, boot.clusterBytes(), *files}).findRuns(path);
-    } catch (const NTFSObjection& objection) {
-        throw std::runtime_error(objection.reason);
+    } catch (const NTFSError& error) {
+        throw std::runtime_error(error.reason);
     }
 }
 
-/// Nothing if the bitmap has to be asked.
+/// The result if it is known without the bitmap; nullopt if the bitmap must be read.
 std::optional<std::int64_t> NTFSParserImpl::resultWithoutBitmap(std::uint64_t startBlock) {
     info::LogEntry line(logger, info::level::debug);
     if (boot.sectorsPerCluster == 0) {
@@ -104,13 +104,15 @@ std::optional<std::int64_t> NTFSParserImpl::resultWithoutBitmap(std::uint64_t st
     return std::nullopt;
 }
 
+/// Reads the bitmap, after checking that it is plain, large enough and completely written. Everything past
+/// the last cluster becomes used, and clusters that must be used are checked.
 std::int64_t NTFSParserImpl::readBitmap(const UsedMap& used) {
     if (!files) {
-        throw NTFSObjection{boot.objection(sectorSize)};
+        throw NTFSError{boot.whyUnusable(sectorSize)};
     }
     const NTFSDataRuns bitmap = files->getDataRuns(ntfs_layout::bitmapRecord);
-    if (bitmap.packing != nullptr) {
-        throw NTFSObjection{bitmap.packing};
+    if (bitmap.whyNotPlain != nullptr) {
+        throw NTFSError{bitmap.whyNotPlain};
     }
     const std::uint64_t clusterCount = boot.clusterCount();
     const std::uint64_t bitmapBits = clustersOf(bitmap.runs) * boot.clusterBytes() * byteBits;
@@ -121,16 +123,17 @@ std::int64_t NTFSParserImpl::readBitmap(const UsedMap& used) {
         return ntfs_error::bitmapTooSmall;
     }
     if (bitmap.writtenBytes < (clusterCount + byteBits - 1) / byteBits) {
-        throw NTFSObjection{"NTFS: The bitmap has not been written as far as the volume goes."};
+        throw NTFSError{"NTFS: The bitmap has not been written as far as the volume goes."};
     }
     const std::uint64_t filled = readRuns(bitmap.runs, used);
-    useWhatIsBehindTheEnd(used, filled);
+    markPastEndUsed(used, filled);
     requireOwnClustersUsed(bitmap.runs, used, filled);
     return static_cast<std::int64_t>(filled * byteBits);
 }
 
-/// Returns how many bytes of the buffer are filled. A start within the second run or a later one is refused:
-/// all of `skipBytes` is taken off the first run that is read, though part of it lies in the runs before.
+/// Returns how many bytes of the buffer are filled. A start in the second or a later run is refused, because
+/// all of `skipBytes` is subtracted from the first run that is read, although some of these bytes belong to
+/// the earlier runs.
 std::uint64_t NTFSParserImpl::readRuns(const std::vector<NTFSRun>& runs, const UsedMap& used) {
     clearMap(used.buffer, used.bytes);
     const std::uint64_t skipBytes = used.startBlock / byteBits;
@@ -146,8 +149,8 @@ std::uint64_t NTFSParserImpl::readRuns(const std::vector<NTFSRun>& runs, const U
         std::uint64_t diskOffset = static_cast<std::uint64_t>(run.lcn) * boot.clusterBytes();
         if (first) {
             if (passed != runBytes) {
-                throw NTFSObjection{"NTFS: The bitmap is in pieces, and can't be read on from cluster " +
-                                    std::to_string(used.startBlock) + "; the rest is copied whole."};
+                throw NTFSError{"NTFS: The bitmap is in pieces, and can't be read on from cluster " +
+                                std::to_string(used.startBlock) + "; the rest is copied whole."};
             }
             diskOffset += skipBytes;
             runBytes -= skipBytes;
@@ -164,31 +167,32 @@ std::uint64_t NTFSParserImpl::readRuns(const std::vector<NTFSRun>& runs, const U
 }
 
 void NTFSParserImpl::readRun(std::uint64_t offset, std::uint8_t* target, std::uint64_t bytes) {
-    for (std::uint64_t done = 0; done < bytes; done += longestRead) {
-        const std::uint64_t part = std::min(bytes - done, longestRead);
+    for (std::uint64_t done = 0; done < bytes; done += maxReadBytes) {
+        const std::uint64_t part = std::min(bytes - done, maxReadBytes);
         if (!FSUtil::readExactly(logger, reader, sectorSize, offset + done, target + done, part)) {
-            throw NTFSObjection{"NTFS: Can't read the bitmap."};
+            throw NTFSError{"NTFS: Can't read the bitmap."};
         }
     }
 }
 
-/// The backup of the boot sector lies behind the last cluster that is counted.
-void NTFSParserImpl::useWhatIsBehindTheEnd(const UsedMap& used, std::uint64_t filled) const {
+/// The backup of the boot sector is past the last cluster of the bitmap, so the bits there are set.
+void NTFSParserImpl::markPastEndUsed(const UsedMap& used, std::uint64_t filled) const {
     const std::uint64_t counted = boot.clusterCount() - used.startBlock;
     if (filled * byteBits > counted) {
         setBits(used.buffer, counted, filled * byteBits - counted);
     }
 }
 
-/// What the bitmap has been found by must be in use. Where the bitmap doesn't say so, it is an old one, or
-/// isn't one at all: a disk that has lost its content reads as zeros, and all would be free.
+/// The clusters of the structures that led to the bitmap must be used. If the bitmap marks one of them as
+/// free, it is outdated or no bitmap: a disk that has lost its content reads as zeros, and all clusters would
+/// be free.
 void NTFSParserImpl::requireOwnClustersUsed(const std::vector<NTFSRun>& runs, const UsedMap& used,
                                             std::uint64_t filled) const {
     const auto require = [&used, filled](std::uint64_t cluster) {
-        const std::uint64_t bit = cluster - used.startBlock; // of one before the start, it is a large number
+        const std::uint64_t bit = cluster - used.startBlock; // wraps to a large number before startBlock
         if (bit < filled * byteBits && (used.buffer[bit / byteBits] >> bit % byteBits & 1U) == 0) {
-            throw NTFSObjection{"NTFS: The bitmap takes cluster " + std::to_string(cluster) +
-                                " as free, which has structures of the file system."};
+            throw NTFSError{"NTFS: The bitmap takes cluster " + std::to_string(cluster) +
+                            " as free, which has structures of the file system."};
         }
     };
     require(0);

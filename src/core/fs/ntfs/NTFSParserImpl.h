@@ -14,7 +14,8 @@
 
 namespace agent::core::fs {
 
-/// What NTFSParser does. docs/formats/ntfs.md tells what is read, and what comes of it for a backup.
+/// The implementation of NTFSParser. docs/formats/ntfs.md describes what it reads, and what follows for a
+/// backup.
 class NTFSParserImpl : public IFileSystemParser {
 public:
     NTFSParserImpl(info::Logger& logger, IVolumeReader& reader, std::uint32_t sectorSize);
@@ -23,9 +24,8 @@ public:
     std::int64_t getBitmapChunk(std::uint64_t startBlock, std::uint8_t* buffer,
                                 std::size_t bufferBytes) override;
     [[nodiscard]] std::uint32_t getBlockSize() const override;
-    /// Where the content of a file is, by its path from the root on, in UTF-8 and with "\" between its
-    /// parts. For a volume that was recognised. Throws std::runtime_error if the file can't be found, or has
-    /// no runs.
+    /// Where the content of a file is. `path` is absolute, in UTF-8, with "\" between its parts. The volume
+    /// must have been recognised. Throws std::runtime_error if the file can't be found, or has no runs.
     NTFSDataRuns findFileRuns(const std::string& path);
 
 private:
@@ -40,7 +40,7 @@ private:
     std::int64_t readBitmap(const UsedMap& used);
     std::uint64_t readRuns(const std::vector<NTFSRun>& runs, const UsedMap& used);
     void readRun(std::uint64_t offset, std::uint8_t* target, std::uint64_t bytes);
-    void useWhatIsBehindTheEnd(const UsedMap& used, std::uint64_t filled) const;
+    void markPastEndUsed(const UsedMap& used, std::uint64_t filled) const;
     void requireOwnClustersUsed(const std::vector<NTFSRun>& runs, const UsedMap& used,
                                 std::uint64_t filled) const;
 
@@ -48,7 +48,7 @@ private:
     IVolumeReader& reader;
     std::uint32_t sectorSize; // of the device
     NTFSBootSector boot;
-    std::optional<NTFSMasterFileTable> files; // unless there is an objection to the boot sector
+    std::optional<NTFSMasterFileTable> files; // empty if the boot sector is unusable
 };
 
 } // namespace agent::core::fs

@@ -10,7 +10,7 @@ namespace agent::core::fs {
 namespace {
 
 std::wstring wideOf(const std::string& text) {
-    std::wstring wide(text.size(), L'\0'); // a character has one byte at least
+    std::wstring wide(text.size(), L'\0'); // each character takes at least one byte
     std::mbstate_t state{};
     const char* rest = text.c_str();
     // NOLINTNEXTLINE(concurrency-mt-unsafe): the state is our own

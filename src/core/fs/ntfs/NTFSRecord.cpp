@@ -38,7 +38,7 @@ bool NTFSRecord::applyFixups() {
     return true;
 }
 
-bool NTFSRecord::canBe(std::uint64_t inode) const {
+bool NTFSRecord::mayHaveNumber(std::uint64_t inode) const {
     return half(layout::updateSequenceOffset) != layout::headWithNumber ||
            littleEndian<std::uint32_t>(bytes, layout::number) == inode;
 }
@@ -51,7 +51,7 @@ std::size_t NTFSRecord::firstAttribute() const {
     return half(layout::firstAttribute);
 }
 
-/// All of it, that of the last sector included, within the record.
+/// Whether the update sequence has an entry for each sector and lies within the record.
 bool NTFSRecord::hasUpdateSequence() const {
     const std::size_t offset = half(layout::updateSequenceOffset);
     const std::size_t count = half(layout::updateSequenceCount);

@@ -9,23 +9,23 @@
 namespace agent::core::fs {
 
 /// A structure with an update sequence: a record of the master file table, or a block of an index.
-/// Owns:    its bytes; those of one that couldn't be read mean nothing.
+/// Owns:    its bytes, which are undefined if the record couldn't be read.
 /// Threads: one at a time.
-/// Fails:   nothing fails; a torn record says so.
+/// Fails:   never, except that `applyFixups` returns false for a torn record.
 class NTFSRecord {
 public:
-    /// Of zeros; at least the head of one.
+    /// Creates a record of `size` zero bytes, at least the size of a header.
     explicit NTFSRecord(std::size_t size) : bytes(size) {}
 
     [[nodiscard]] bool hasMagic(std::uint32_t magic) const;
-    /// Puts back the ends of its sectors, in whose place there is a number on the disk that tells whether all
-    /// of them have been written. False if they haven't, and then the record is marked as torn.
+    /// Restores the last bytes of each sector. On disk the update sequence number replaces them, which shows
+    /// whether all sectors were written. If not, marks the record as torn and returns false.
     bool applyFixups();
-    /// Whether it can be the one of this number: old ones don't know theirs.
-    [[nodiscard]] bool canBe(std::uint64_t inode) const;
-    /// The number of the record that it is a part of, 0 if of none.
+    /// Whether the record may have this number. Old records don't store their number.
+    [[nodiscard]] bool mayHaveNumber(std::uint64_t inode) const;
+    /// The number of the base record that this record extends; 0 if it is a base record.
     [[nodiscard]] std::uint64_t baseRecord() const;
-    /// An offset, which may lie outside.
+    /// The offset of the first attribute, which may lie outside the record.
     [[nodiscard]] std::size_t firstAttribute() const;
 
     std::vector<std::uint8_t> bytes;

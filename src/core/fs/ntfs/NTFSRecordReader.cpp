@@ -30,7 +30,7 @@ std::int64_t NTFSRecordReader::readMftRecord(std::uint64_t inode, std::uint64_t 
     if (!buffer.applyFixups()) {
         return ntfs_error::recordTorn;
     }
-    return buffer.canBe(inode) ? 0 : ntfs_error::recordOfAnother;
+    return buffer.mayHaveNumber(inode) ? 0 : ntfs_error::recordOfAnother;
 }
 
 } // namespace agent::core::fs

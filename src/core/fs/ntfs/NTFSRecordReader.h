@@ -9,14 +9,15 @@
 namespace agent::core::fs {
 
 /// Reads and checks records of the master file table.
-/// Owns:    nothing.
+/// Owns:    nothing; logger and reader must outlive it.
 /// Threads: one at a time; moves the reader's position.
 /// Fails:   by a number of ntfs_error.
 class NTFSRecordReader {
 public:
     NTFSRecordReader(info::Logger& logger, IVolumeReader& reader, std::uint32_t sectorSize);
 
-    /// Fills a record of the right size from the volume. Returns 0, or why it isn't that of this number.
+    /// Reads the record `inode` at `byteOffset` into `buffer`, which has a record's size. Returns 0, or a
+    /// number of ntfs_error that says why this isn't that record.
     std::int64_t readMftRecord(std::uint64_t inode, std::uint64_t byteOffset, NTFSRecord& buffer);
 
 private:

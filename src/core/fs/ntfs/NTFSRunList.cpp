@@ -18,7 +18,7 @@ constexpr const char* runWithoutLength = "NTFS: A run of clusters has no length.
 constexpr const char* numberTooLarge = "NTFS: A number in a run list is too large.";
 constexpr const char* runsIntoTheEnd = "NTFS: A run list goes on behind its end.";
 
-/// Signed, the first byte the least significant; nothing if it has more than 64 bits.
+/// Decodes a signed little-endian number; nullopt if it needs more than 64 bits.
 std::optional<std::int64_t> signedNumber(Bytes bytes) {
     constexpr std::size_t wordSize = sizeof(std::uint64_t);
     const bool isNegative = (bytes.back() & 0x80U) != 0;
@@ -41,7 +41,7 @@ std::optional<std::int64_t> sum(std::int64_t first, std::optional<std::int64_t> 
     return result;
 }
 
-/// An element of a list: a byte with the widths of two numbers, and the numbers.
+/// An element of a run list: a byte with the widths of two numbers, followed by these numbers.
 struct Element {
     Element(Bytes attribute, std::size_t position)
         : attribute(attribute),
@@ -61,13 +61,14 @@ struct Element {
                           : std::optional<std::int64_t>(0);
     }
 
-    /// That both numbers end with the attribute, or one byte behind it.
+    /// Throws unless both numbers end within the attribute. One byte past it is allowed here; `append`
+    /// refuses that.
     void requireBounds() const {
         if (position + lengthBytes > attribute.size()) {
-            throw info::Reasoned<std::runtime_error>(info::reason("file-system-broken"), "Invalid runlist");
+            throw info::WithReason<std::runtime_error>(info::reason("file-system-broken"), "Invalid runlist");
         }
         if (last() > attribute.size()) {
-            throw info::Reasoned<std::runtime_error>(info::reason("file-system-broken"), "Corrupt runlist");
+            throw info::WithReason<std::runtime_error>(info::reason("file-system-broken"), "Corrupt runlist");
         }
     }
 
@@ -77,7 +78,7 @@ struct Element {
     std::size_t offsetBytes;
 };
 
-/// Returns an objection after which there is nothing to go on with.
+/// Appends the run of `element`. Returns the reason if the list can't be decoded further, or null.
 const char* append(NTFSRunList& list, const Element& element) {
     if (element.last() == element.attribute.size()) {
         return runsIntoTheEnd;
@@ -90,29 +91,31 @@ const char* append(NTFSRunList& list, const Element& element) {
     }
     list.runs.push_back({*lcn, *length, !element.hasPlace()});
     if (*length <= 0) {
-        list.objection = runWithoutLength;
+        list.whyUnusable = runWithoutLength;
     }
     return nullptr;
 }
 
 } // namespace
 
+/// Decodes elements until a zero byte or the attribute's end. A run without a length makes the list
+/// unreliable, but the decoding goes on.
 NTFSRunList decodeRunList(const NTFSAttribute& attribute) {
     const std::size_t limit = attribute.bytes.size();
     std::size_t position = attribute.runListOffset();
     if (position > limit) {
-        throw info::Reasoned<std::runtime_error>(info::reason("file-system-broken"),
-                                                 "No run list can be found");
+        throw info::WithReason<std::runtime_error>(info::reason("file-system-broken"),
+                                                   "No run list can be found");
     }
     NTFSRunList list;
     while (position < limit && attribute.bytes[position] != 0) {
         const Element element(attribute.bytes, position);
         if (!element.hasLength()) {
-            list.objection = runWithoutLength;
+            list.whyUnusable = runWithoutLength;
         } else {
             element.requireBounds();
             if (const char* reason = append(list, element)) {
-                list.objection = reason;
+                list.whyUnusable = reason;
                 return list;
             }
         }
@@ -126,8 +129,8 @@ NTFSRunList runsOf(const NTFSAttribute& attribute) {
         throw std::runtime_error("Attribute type is not DATA.");
     }
     if (attribute.isResident()) {
-        throw info::Reasoned<std::runtime_error>(info::reason("file-system-broken"),
-                                                 "Attribute is resident. Can't find data-runs.");
+        throw info::WithReason<std::runtime_error>(info::reason("file-system-broken"),
+                                                   "Attribute is resident. Can't find data-runs.");
     }
     return decodeRunList(attribute);
 }

@@ -9,17 +9,17 @@
 
 namespace agent::core::fs {
 
-/// Reads what lies in runs of clusters as if it were in one piece.
-/// Owns:    the runs, none of them a hole, all on the volume.
+/// Reads the content of runs of clusters as one contiguous piece.
+/// Owns:    the runs, which must lie on the volume and have no holes.
 /// Threads: one at a time; moves the reader's position.
-/// Fails:   by return value, after what the reader has to say.
+/// Fails:   by return value, after the reader's log lines.
 class NTFSRunReader {
 public:
     NTFSRunReader(const NTFSVolume& volume, std::vector<NTFSRun> runs);
 
-    /// In bytes.
+    /// The size of all runs, in bytes.
     [[nodiscard]] std::uint64_t size() const;
-    /// Fills the target from a byte offset on. False if that can't be read, or isn't all in the runs.
+    /// Fills `target` from the byte `offset` on. False if that can't be read, or extends past the runs.
     [[nodiscard]] bool read(std::uint64_t offset, std::span<std::uint8_t> target);
 
 private:

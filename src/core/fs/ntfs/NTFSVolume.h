@@ -8,7 +8,7 @@
 
 namespace agent::core::fs {
 
-/// What it takes to read files of a volume. All of it must outlive whoever has this.
+/// The objects and sizes needed to read files of a volume. The referenced objects must outlive every copy.
 struct NTFSVolume {
     info::Logger& logger;
     IVolumeReader& reader;

@@ -7,14 +7,14 @@
 
 namespace agent::core::fs {
 
-/// A node of an allocation group's tree of free extents, in memory.
+/// A node of an allocation group's B-tree of free extents, in memory. XFSNodeReader reads it.
 /// Owns:    its records and children.
-/// Threads: a value.
-/// Fails:   nothing fails; it is read by XFSNodeReader.
+/// Threads: a plain value; const calls are safe from any thread.
+/// Fails:   never.
 class XFSParserImpl::XFSBTreeNode {
 public:
     struct Record {
-        std::uint32_t startBlock; ///< of the group
+        std::uint32_t startBlock; ///< in the group
         std::uint32_t blockCount;
     };
 
@@ -32,8 +32,8 @@ public:
     std::uint16_t numRecs = 0;
     std::uint32_t leftSib = 0;
     std::uint32_t rightSib = 0;
-    std::vector<Record> records;         ///< keys in an internal node
-    std::vector<std::uint32_t> children; ///< blocks of the group; none in a leaf
+    std::vector<Record> records;         ///< in an internal node, the keys
+    std::vector<std::uint32_t> children; ///< block numbers in the group; empty in a leaf
 };
 
 } // namespace agent::core::fs

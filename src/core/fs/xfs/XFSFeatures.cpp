@@ -22,7 +22,7 @@ constexpr std::array roCompatFeatures{
     Feature{0x8, "inobtcount", true},
 };
 
-/// Of the format without checksums. All those that stand in its version are known.
+/// The features2 of the format without checksums. The feature bits in its version field are all known.
 constexpr std::array moreFeatures{
     Feature{0x2, "lazy-count", true},   Feature{0x8, "attr2", true},   Feature{0x10, "parent", false},
     Feature{0x80, "projid32bit", true}, Feature{0x200, "ftype", true},
@@ -30,11 +30,11 @@ constexpr std::array moreFeatures{
 
 } // namespace
 
-std::string strangeXFSFeatures(const XFSFeatureWords& words) {
+std::string unsupportedXFSFeatures(const XFSFeatureWords& words) {
     if (!words.hasCrc) {
-        return strangeFeatures({{words.features2, moreFeatures, "features2"}});
+        return unsupportedFeatures({{words.features2, moreFeatures, "features2"}});
     }
-    return strangeFeatures(
+    return unsupportedFeatures(
         {{words.incompat, incompatFeatures, "incompat"}, {words.roCompat, roCompatFeatures, "ro_compat"}});
 }
 

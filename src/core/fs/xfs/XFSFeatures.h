@@ -5,16 +5,16 @@
 
 namespace agent::core::fs {
 
-/// The feature words of an XFS super block that count in its format.
+/// The feature words of an XFS superblock that are valid in its format.
 struct XFSFeatureWords {
     bool hasCrc = false;
-    std::uint32_t features2 = 0; ///< without checksums
-    std::uint32_t incompat = 0;  ///< with checksums, as is the next
-    std::uint32_t roCompat = 0;
+    std::uint32_t features2 = 0; ///< only without checksums
+    std::uint32_t incompat = 0;  ///< only with checksums
+    std::uint32_t roCompat = 0;  ///< only with checksums
 };
 
-/// The features of XFS with which its trees of free extents can't be read, by name or number; empty if there
-/// are none. docs/formats/xfs.md has the table, and why each is there.
-std::string strangeXFSFeatures(const XFSFeatureWords& words);
+/// The names or numbers of the set features with which the B-trees of free extents can't be read; empty if
+/// there are none. docs/formats/xfs.md has the table of features and the reason for each.
+std::string unsupportedXFSFeatures(const XFSFeatureWords& words);
 
 } // namespace agent::core::fs

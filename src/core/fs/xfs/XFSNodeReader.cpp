@@ -45,23 +45,23 @@ XFSParserImpl::XFSBTreeNode XFSNodeReader::read(std::uint32_t agBlock) {
     return node;
 }
 
-/// The whole block in one read. If that fails, the parts that are needed are read one by one: what is bad may
-/// be the unused rest.
+/// Reads the whole block at once. If that fails, `ensureRead` reads only the needed parts: the unreadable
+/// part may be unused.
 void XFSNodeReader::fetch(std::uint32_t agBlock) {
     address = group.blockSize * (agBlock + std::uint64_t{group.agBlocks} * group.number);
     if (traces) {
         logger.log(info::level::debug, "btn addr = %lu", address);
     }
-    isWhole = FSUtil::readExactly(logger, reader, sectorSize, address, block.data(), block.size());
+    isBlockRead = FSUtil::readExactly(logger, reader, sectorSize, address, block.data(), block.size());
 }
 
-bool XFSNodeReader::holds(std::size_t offset, std::size_t length) {
-    return isWhole ||
+bool XFSNodeReader::ensureRead(std::size_t offset, std::size_t length) {
+    return isBlockRead ||
            FSUtil::readExactly(logger, reader, sectorSize, address + offset, block.data() + offset, length);
 }
 
 void XFSNodeReader::readHeader(XFSParserImpl::XFSBTreeNode& node) {
-    require(holds(0, layout::headerSizeCrc), "XFS: cannot read btree node header");
+    require(ensureRead(0, layout::headerSizeCrc), "XFS: cannot read btree node header");
     node.magic = bigEndian<std::uint32_t>(block, layout::magic);
     require(node.magic == layout::magicValue || node.magic == layout::magicValueCrc,
             "XFS: Invalid btree node magic number.");
@@ -81,7 +81,7 @@ std::size_t XFSNodeReader::capacity(bool isLeaf) const {
 
 void XFSNodeReader::readRecords(XFSParserImpl::XFSBTreeNode& node) {
     const std::size_t length = node.numRecs * layout::recordSize;
-    require(node.numRecs == 0 || holds(headerSize, length), "XFS: Can't read records in btree node.");
+    require(node.numRecs == 0 || ensureRead(headerSize, length), "XFS: Can't read records in btree node.");
     node.records.reserve(node.numRecs);
     for (std::size_t offset = headerSize; offset < headerSize + length; offset += layout::recordSize) {
         node.records.push_back({bigEndian<std::uint32_t>(block, offset),
@@ -92,7 +92,7 @@ void XFSNodeReader::readRecords(XFSParserImpl::XFSBTreeNode& node) {
 void XFSNodeReader::readChildren(XFSParserImpl::XFSBTreeNode& node) {
     const std::size_t first = headerSize + capacity(false) * layout::recordSize;
     const std::size_t length = node.numRecs * layout::childSize;
-    require(holds(first, length), "XFS: Can't read children in btree node.");
+    require(ensureRead(first, length), "XFS: Can't read children in btree node.");
     node.children.reserve(node.numRecs);
     for (std::size_t offset = first; offset < first + length; offset += layout::childSize) {
         node.children.push_back(bigEndian<std::uint32_t>(block, offset));
@@ -100,13 +100,13 @@ void XFSNodeReader::readChildren(XFSParserImpl::XFSBTreeNode& node) {
 }
 
 void XFSNodeReader::trace(const XFSParserImpl::XFSBTreeNode& node) {
-    logger.log(info::level::debug, "---BTN HERE---");
+    info::LogEntry(logger, info::level::debug) << "---BTN HERE---";
     logger.log(info::level::debug, "magic 0x%x", node.magic);
     logger.log(info::level::debug, "level %u", unsigned{node.level});
     logger.log(info::level::debug, "num_recs %u", unsigned{node.numRecs});
     logger.log(info::level::debug, "left_sib %u", node.leftSib);
     logger.log(info::level::debug, "right_sib %u", node.rightSib);
-    logger.log(info::level::debug, "---BTN END---");
+    info::LogEntry(logger, info::level::debug) << "---BTN END---";
 }
 
 } // namespace agent::core::fs

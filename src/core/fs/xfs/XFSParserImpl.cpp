@@ -23,16 +23,16 @@ namespace agfl = xfs_layout::agfl;
 namespace node = xfs_layout::node;
 
 constexpr std::uint64_t byteBits = 8;
-constexpr std::uint32_t smallestBlock = 512;
-constexpr std::uint32_t smallestSector = 512;
-constexpr std::uint32_t largestBlock = 65536;
-constexpr std::uint64_t largestVolume = std::uint64_t{1} << 62U; // bytes, with room for sums below 2^63
+constexpr std::uint32_t minBlockSize = 512;
+constexpr std::uint32_t minSectorSize = 512;
+constexpr std::uint32_t maxBlockSize = 65536;
+constexpr std::uint64_t maxVolumeBytes = std::uint64_t{1} << 62U; // bytes, so that sums stay below 2^63
 
-/// Ends the walk with the result -1; what is to be said has been logged.
+/// Ends the walk with the result -1, after the failure has been logged.
 struct WalkFailed {};
 
-/// Notices when a chain of blocks comes back to where it has been, without keeping the blocks: one of them is
-/// remembered, a later one each time that as many steps have been made again (Brent's algorithm).
+/// Detects a loop in a chain of blocks without storing the chain: remembers one block, and replaces it with
+/// the current block after 1, 2, 4, ... steps (Brent's algorithm).
 class LoopWatch {
 public:
     explicit LoopWatch(std::uint32_t first) : remembered(first) {}
@@ -60,10 +60,11 @@ private:
 XFSParserImpl::XFSParserImpl(info::Logger& logger, IVolumeReader& reader, std::uint32_t sectorSize)
     : logger(logger), reader(reader), sectorSize(sectorSize) {}
 
+/// Only reads the superblock. getBitmapChunk checks whether its numbers are plausible.
 bool XFSParserImpl::recognize() {
     std::array<std::uint8_t, super_block::size> block{};
     if (!FSUtil::readExactly(logger, reader, sectorSize, 0, block.data(), block.size())) {
-        logger.log(info::level::error, "Can't read super block.");
+        info::LogEntry(logger, info::level::error) << "Can't read super block.";
         return false;
     }
     magic = bigEndian<std::uint32_t>(block, super_block::magic);
@@ -115,7 +116,7 @@ std::int64_t XFSParserImpl::getBitmapChunk(std::uint64_t startBlock, std::uint8_
         logger.log(info::level::error, info::reason("xfs-free-space"), "%s", error.what());
         return -1;
     }
-    // In a chunk that isn't the first this reaches behind the volume's end, where nobody looks.
+    // In a chunk that isn't the first, this may reach past the volume's end, where no caller looks.
     const std::uint64_t bytes = std::min<std::uint64_t>(bufferBytes, (totalBlocks - 1) / byteBits + 1);
     map.finish(bytes);
     if (traces) {
@@ -124,16 +125,16 @@ std::int64_t XFSParserImpl::getBitmapChunk(std::uint64_t startBlock, std::uint8_
     return static_cast<std::int64_t>(std::min(bufferBits, totalBlocks - startBlock));
 }
 
-/// Why the super block can't be believed, or the trees can't be read; empty if they can. What is refused here
-/// is copied whole, whereas trees that are read wrongly would leave live blocks out.
-std::string XFSParserImpl::objection() const {
+/// Why the superblock isn't plausible, or why the B-trees can't be read; empty if all is well. A volume that
+/// is refused here is copied completely. B-trees that are read wrongly would leave out used blocks.
+std::string XFSParserImpl::whyUnusable() const {
     if (!hasCrc() && (version & super_block::versionMask) != super_block::versionPlain) {
         return "XFS: Unknown version of the format.";
     }
     if ((features.incompat & super_block::featureNeedsRepair) != 0) {
         return "XFS: The volume needs repair.";
     }
-    if (const std::string names = strangeXFSFeatures(features); !names.empty()) {
+    if (const std::string names = unsupportedXFSFeatures(features); !names.empty()) {
         return "XFS: Free space can't be read with these features: " + names;
     }
     const char* const reason = impossibleGeometry();
@@ -141,21 +142,21 @@ std::string XFSParserImpl::objection() const {
 }
 
 const char* XFSParserImpl::impossibleGeometry() const {
-    if (!std::has_single_bit(blockSize) || blockSize < smallestBlock || blockSize > largestBlock) {
+    if (!std::has_single_bit(blockSize) || blockSize < minBlockSize || blockSize > maxBlockSize) {
         return "XFS: Impossible block size.";
     }
-    if (!std::has_single_bit(headSectorSize) || headSectorSize < smallestSector ||
+    if (!std::has_single_bit(headSectorSize) || headSectorSize < minSectorSize ||
         headSectorSize > blockSize) {
         return "XFS: Impossible sector size.";
     }
     if (agBlocks == 0 || totalBlocks > std::uint64_t{agBlocks} * agCount) {
         return "XFS: Impossible allocation groups.";
     }
-    return totalBlocks > largestVolume / blockSize ? "XFS: Impossible number of blocks." : nullptr;
+    return totalBlocks > maxVolumeBytes / blockSize ? "XFS: Impossible number of blocks." : nullptr;
 }
 
 void XFSParserImpl::markFreeBlocks(XFSUsedMap& map) {
-    if (const std::string reason = objection(); !reason.empty()) {
+    if (const std::string reason = whyUnusable(); !reason.empty()) {
         throw std::runtime_error(reason);
     }
     const std::uint64_t firstGroup = map.firstBlock() / agBlocks;
@@ -170,7 +171,7 @@ void XFSParserImpl::markFreeBlocks(XFSUsedMap& map) {
 void XFSParserImpl::markGroup(XFSUsedMap& map, std::uint32_t group) {
     const FreeSpaceInfo info = readFreeSpaceInfo(group);
     markFreeList(map, group, info);
-    logger.log(info::level::debug, "Reading the root b+ node.");
+    info::LogEntry(logger, info::level::debug) << "Reading the root b+ node.";
     markTree(map, group, info.root);
 }
 
@@ -187,7 +188,7 @@ std::uint64_t XFSParserImpl::headAddress(std::uint32_t group, std::uint64_t sect
 }
 
 XFSParserImpl::FreeSpaceInfo XFSParserImpl::readFreeSpaceInfo(std::uint32_t group) {
-    logger.log(info::level::debug, "Reading the free space info.");
+    info::LogEntry(logger, info::level::debug) << "Reading the free space info.";
     const std::uint64_t address = headAddress(group, agf::sector);
     logger.log(info::level::debug, "fsi addr = %lu", address);
     std::array<std::uint8_t, agf::size> bytes{};
@@ -209,7 +210,7 @@ XFSParserImpl::FreeSpaceInfo XFSParserImpl::readFreeSpaceInfo(std::uint32_t grou
 }
 
 std::vector<std::uint32_t> XFSParserImpl::readFreeList(std::uint32_t group) {
-    logger.log(info::level::debug, "Reading the allocation group free list.");
+    info::LogEntry(logger, info::level::debug) << "Reading the allocation group free list.";
     logger.log(info::level::debug, "agfl addr = %lu, len = %lu",
                std::uint64_t{group} * agBlocks + agfl::sector * headSectorSize, agfl::size);
     std::vector<std::uint8_t> bytes(hasCrc() ? agfl::crcSize : agfl::size);
@@ -224,13 +225,13 @@ std::vector<std::uint32_t> XFSParserImpl::readFreeList(std::uint32_t group) {
     return blocks;
 }
 
-/// A list that wraps around marks nothing. Neither does one whose count isn't that of the entries from first
-/// to last: an empty list has both, too, and kernels differ in where its array ends, so what is there may
-/// have been taken for use long ago. With sectors larger than 512 bytes the list on disk has more entries
-/// than are read: blocks that are listed there stay used.
+/// Ignores a list that wraps around the end of its array, and a list whose count doesn't match its first and
+/// last entry. An empty list has these entries, too, and kernels differ in where the array ends, so the
+/// listed blocks may be in use again. With sectors larger than 512 bytes, the list on disk has more entries
+/// than are read; their blocks stay used.
 void XFSParserImpl::markFreeList(XFSUsedMap& map, std::uint32_t group, const FreeSpaceInfo& info) {
     const std::vector<std::uint32_t> blocks = readFreeList(group);
-    logger.log(info::level::debug, "Marking free list");
+    info::LogEntry(logger, info::level::debug) << "Marking free list";
     const std::uint64_t listed = std::uint64_t{info.listLast} + 1;
     if (info.listFirst >= listed || listed - info.listFirst != info.listCount) {
         return;
@@ -242,7 +243,7 @@ void XFSParserImpl::markFreeList(XFSUsedMap& map, std::uint32_t group, const Fre
     }
 }
 
-/// Each level is read once, along its chain of siblings from the leftmost child of the level above.
+/// Reads each level once, from the leftmost child of the level above along the chain of siblings.
 void XFSParserImpl::markTree(XFSUsedMap& map, std::uint32_t group, std::uint32_t root) {
     XFSNodeReader nodes(logger, reader, sectorSize, {blockSize, agBlocks, group}, traces);
     const XFSBTreeNode top = nodes.read(root);
@@ -253,7 +254,7 @@ void XFSParserImpl::markTree(XFSUsedMap& map, std::uint32_t group, std::uint32_t
     }
 }
 
-/// Returns the leftmost child of the leftmost node, if it has any.
+/// Returns the leftmost child of the level's leftmost node, or node::none.
 std::uint32_t XFSParserImpl::markLevel(XFSUsedMap& map, std::uint32_t group, XFSNodeReader& nodes,
                                        Level level) {
     LoopWatch watch(level.leftmost);
@@ -278,7 +279,7 @@ std::uint32_t XFSParserImpl::markLevel(XFSUsedMap& map, std::uint32_t group, XFS
 
 void XFSParserImpl::markRecords(XFSUsedMap& map, std::uint32_t group, const XFSBTreeNode& node) {
     if (!node.isLeaf()) {
-        return; // these are keys, of records that stand in the leaves
+        return; // these are keys; the records are in the leaves
     }
     for (const XFSBTreeNode::Record& record : node.records) {
         if (traces) {

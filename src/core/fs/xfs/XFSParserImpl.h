@@ -16,7 +16,8 @@ namespace agent::core::fs {
 class XFSNodeReader;
 class XFSUsedMap;
 
-/// What XFSParser does. docs/formats/xfs.md tells what is read, and what comes of it for a backup.
+/// The implementation of XFSParser. docs/formats/xfs.md describes what it reads, and what follows for a
+/// backup.
 class XFSParserImpl : public IFileSystemParser {
 public:
     class XFSBTreeNode;
@@ -31,23 +32,23 @@ public:
 private:
     /// Free-space information of an allocation group.
     struct FreeSpaceInfo {
-        std::uint32_t root; ///< of the tree of free extents, a block of the group
+        std::uint32_t root; ///< the root of the B-tree of free extents, a block number in the group
         std::uint32_t listFirst;
         std::uint32_t listLast;
         std::uint32_t listCount;
     };
 
-    /// A level of the tree, and the block of the group where it begins.
+    /// A level of the B-tree, and the group's block with its leftmost node.
     struct Level {
         std::uint32_t leftmost;
         std::uint32_t number;
     };
 
     void decodeFormat(Bytes block);
-    [[nodiscard]] std::string objection() const;
+    [[nodiscard]] std::string whyUnusable() const;
     [[nodiscard]] const char* impossibleGeometry() const;
     [[nodiscard]] bool hasCrc() const;
-    /// Where one of the sectors is that a group begins with.
+    /// The byte position of one of the sectors at the start of a group.
     [[nodiscard]] std::uint64_t headAddress(std::uint32_t group, std::uint64_t sector) const;
     [[nodiscard]] std::uint64_t groupAddress(std::uint32_t group) const;
 
@@ -65,7 +66,7 @@ private:
     info::Logger& logger;
     IVolumeReader& reader;
     std::uint32_t sectorSize; // of the device, for the alignment of reads
-    bool traces = false;      // debug lines reach somebody; asked once a chunk, for there may be millions
+    bool traces = false;      // whether debug lines are logged; set once per chunk, for millions of nodes
 
     std::uint32_t magic = 0;
     std::uint32_t blockSize = 0;
@@ -73,8 +74,8 @@ private:
     std::uint32_t agBlocks = 0;
     std::uint32_t agCount = 0;
     std::uint16_t version = 0;
-    std::uint16_t headSectorSize = 0; // of the file system: its places within a group go by it
-    XFSFeatureWords features;         // only to tell what can't be read safely
+    std::uint16_t headSectorSize = 0; // the file system's sector size, for positions within a group's head
+    XFSFeatureWords features;         // used only to detect what can't be read safely
 };
 
 } // namespace agent::core::fs

@@ -1,4 +1,4 @@
-"""The agent's own tests of all types of backups, and of chains of them, on logical volumes."""
+"""The agent's functional tests of all types of backups, and of chains of them, on logical volumes."""
 import pytest
 
 from lvm_site import check_functional

@@ -1,4 +1,4 @@
-"""The agent's own tests of what a backup owes, and of the moment of a snapshot, on logical volumes."""
+"""The agent's functional tests of what a backup owes, and of the moment of a snapshot, on logical volumes."""
 import pytest
 
 from lvm_site import check_functional

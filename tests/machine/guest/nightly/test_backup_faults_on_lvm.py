@@ -1,4 +1,4 @@
-"""The agent's own tests of backups under faults and kills, on logical volumes."""
+"""The agent's functional tests of backups under faults and kills, on logical volumes."""
 import pytest
 
 from lvm_site import check_functional

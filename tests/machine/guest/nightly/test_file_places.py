@@ -1,4 +1,4 @@
-"""Where the driver's own files lie: in many pieces, or shared with other files."""
+"""The placement of the driver's own files: in many extents, or sharing blocks with other files."""
 import contextlib
 import ctypes
 import errno
@@ -13,7 +13,7 @@ from tolvubd_site import Volume, call, cow_files, layers, must, states
 
 MEBIBYTES = {"ext4": 192, "xfs": 448}
 KEEP_SIZE, PUNCH_HOLE = 1, 2
-SPARE = 4 << 20 # of free space that is left in one piece, for the file system itself
+SPARE = 4 << 20 # contiguous free space for the file system itself
 
 
 @pytest.fixture
@@ -25,8 +25,8 @@ def make_volume(group):
 
 
 def scatter_free_space(volume, piece):
-    """Leaves free space in pieces of so many bytes only: every second one of a file that fills the volume."""
-    if volume.filesystem == "xfs": # which holds back room of its own, in one piece, for when it is full
+    """Leaves free space only in pieces of `piece` bytes: punches them into a file that fills the volume."""
+    if volume.filesystem == "xfs": # XFS reserves contiguous room
         run("xfs_io", "-x", "-c", "resblks 0", volume.mount_point)
     library = ctypes.CDLL(None, use_errno=True)
     with open(volume.mount_point / "filling", "wb") as file:
@@ -52,7 +52,7 @@ def test_files_in_many_pieces(make_volume, filesystem):
     with Protected(volume, cow_mebibytes=12) as protected:
         assert layers()
         assert sum(pieces_of(volume, name) for name in cow_files(volume)) > 128
-        assert protected.look() == "snapshot right"
+        assert protected.check_snapshot() == "snapshot right"
         protected.track()
         assert protected.next_record() == "set right"
         protected.end()
@@ -60,7 +60,7 @@ def test_files_in_many_pieces(make_volume, filesystem):
 
 @pytest.mark.parametrize("filesystem", MEBIBYTES)
 def test_files_in_too_many_pieces(make_volume, filesystem):
-    """Tracking goes on without the snapshot that would need one, until there is better room."""
+    """Tracking continues without the snapshot that would need such a file, until there is contiguous room."""
     volume = make_volume(filesystem)
     with Protected(volume, cow_mebibytes=12) as protected:
         protected.track()
@@ -75,12 +75,12 @@ def test_files_in_too_many_pieces(make_volume, filesystem):
 
 
 def test_file_that_somebody_shares(make_volume):
-    """A copy on XFS shares its blocks with the file; the driver's own go on to lie where they lay."""
+    """A copy on XFS shares its blocks with the original; the driver's own files stay where they are."""
     volume = make_volume("xfs")
     with Protected(volume, cow_mebibytes=12) as protected:
         for name in cow_files(volume):
             run("cp", "--reflink=always", volume.mount_point / name, volume.mount_point / f"copy{name}")
-        assert protected.look() == "snapshot right"
+        assert protected.check_snapshot() == "snapshot right"
         must("transition_incremental", 0)
         assert protected.next_record() == "set right"
         protected.end()
@@ -88,7 +88,7 @@ def test_file_that_somebody_shares(make_volume):
 
 @pytest.mark.parametrize("filesystem, tool", {"ext4": "e4defrag", "xfs": "xfs_fsr"}.items())
 def test_files_are_not_moved(make_volume, filesystem, tool):
-    """Not by a tool that puts files into fewer pieces, nor are they changed or removed by root."""
+    """Neither a defragmenter nor root can move, change or remove them."""
     volume = make_volume(filesystem)
     scatter_free_space(volume, 128 << 10)
     with Protected(volume, cow_mebibytes=12) as protected:
@@ -101,5 +101,5 @@ def test_files_are_not_moved(make_volume, filesystem, tool):
                     run(*command, volume.mount_point / name)
         assert before == {name: extents_on(volume.device, filesystem, volume.mount_point, name)
                           for name in cow_files(volume)}
-        assert protected.look() == "snapshot right"
+        assert protected.check_snapshot() == "snapshot right"
         protected.end()

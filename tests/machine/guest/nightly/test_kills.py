@@ -1,5 +1,5 @@
-"""A process that is killed at any step of a function of the driver leaves a volume that programs can write,
-and a next record that is right."""
+"""If a process is killed at any step of a function of the driver, the volume stays writable, and the next
+record is right."""
 import collections
 import pathlib
 import re
@@ -15,9 +15,9 @@ from tolvubd_site import SNAPSHOT, TRACKING, Volume, call, must, states, tolvuct
 TRACE = pathlib.Path("/tmp/tolvubd.trace")
 SECTORS = 128 * 2048
 CALLS = ("ioctl", "pwrite64", "fsync", "rename", "unlink", "fallocate", "mknodat", "exit_group")
-# They change nothing.
+# Calls that change nothing.
 QUESTIONS = re.compile(r"DM_(VERSION|DEV_STATUS|TABLE_STATUS|TABLE_DEPS|LIST_\w+)|FS_IOC_FIEMAP|BLKGETSIZE")
-STEPS = 3 # of each function, spread over all
+STEPS = 3 # of each function, evenly spread
 
 
 class Operation:
@@ -49,7 +49,7 @@ def volume():
 
 
 def bring_to(protected, state):
-    """Whatever state it is in now."""
+    """Brings the device into a state, whatever state it is in now."""
     now = states().get(0)
     if state is None and now is not None:
         assert tolvuctl("destroy", 0).returncode == 0
@@ -63,7 +63,7 @@ def bring_to(protected, state):
 
 
 def steps_of(operation, protected):
-    """(name, number) of each call with which it changes something."""
+    """(name, number) of each call by which the operation changes something."""
     bring_to(protected, operation.before)
     assert operation.run(protected, ["strace", "-o", TRACE, "-e", f"trace={','.join(CALLS)}"])
     if operation.function == "transition_snapshot":
@@ -79,9 +79,9 @@ def steps_of(operation, protected):
     return found
 
 
-def prove(operation, protected, where):
-    """The device is in the state before or in the one after; its picture and next record are right. One that
-    was being destroyed may also be one that nobody trusts any more."""
+def check_after_kill(operation, protected, where):
+    """Checks that the device is in the state before or after the operation, and that its picture and next
+    record are right. A device that was being destroyed may also be untrusted."""
     check_writable(protected.volume.mount_point)
     must("start")
     if states().get(0) is None:
@@ -109,5 +109,5 @@ def test_kill_at_each_step(volume, name):
             done = operation.run(protected, ["strace", "-o", TRACE, "-e", f"trace={call_name}", "-e",
                                              f"inject={call_name}:signal=KILL:when={number}"])
             assert done.signal == signal.SIGKILL, where
-            prove(operation, protected, where)
+            check_after_kill(operation, protected, where)
         protected.end()

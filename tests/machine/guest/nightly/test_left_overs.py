@@ -1,4 +1,4 @@
-"""What a tracking that was lost has left on its volume."""
+"""The files that a lost tracking has left on its volume."""
 import pytest
 
 from dm_site import COW_MEBIBYTES, logical_volumes
@@ -23,7 +23,7 @@ def free(volume):
 
 
 def test_files_of_a_lost_tracking_give_way_to_new_ones(volume):
-    """They are locked, and there is no room beside them."""
+    """The files are locked, and there is no room for others beside them."""
     must("setup_snapshot", 0, volume.device, volume.cow, COW_MEBIBYTES)
     driver.restart()
     assert (states(), layers(), cow_files(volume)) == ({}, [], [".tolvu", ".tolvu.era"])

@@ -1,4 +1,4 @@
-"""What the driver asks of device-mapper: devices, a volume that is held, a snapshot that is watched over."""
+"""The driver's use of device-mapper: devices, a volume that is held, a snapshot that is watched."""
 import contextlib
 import mmap
 import os
@@ -31,7 +31,7 @@ def call(*words, status=0, **options):
 
 
 def make(name, table):
-    """A device that udev has dealt with, as MAJOR:MINOR."""
+    """Makes a device, and waits until udev has processed it; returns MAJOR:MINOR."""
     number = call("create", name, MINE + name).split()[-1]
     call("load", MINE + name, input=table)
     call("resume", MINE + name, "hidden")
@@ -47,7 +47,7 @@ def eventually(condition, seconds=PATIENCE):
 
 
 def processes(name):
-    """The numbers of the processes of a name."""
+    """The PIDs of the processes with a name."""
     found = []
     for path in pathlib.Path("/proc").glob("[0-9]*/comm"):
         with contextlib.suppress(OSError):
@@ -57,7 +57,7 @@ def processes(name):
 
 
 def locked_memory(process):
-    """KiB that can't leave the memory of the machine."""
+    """The amount of a process's locked memory, in KiB."""
     status = pathlib.Path(f"/proc/{process}/status").read_text(encoding="ascii")
     return int(status.split("VmLck:")[1].split()[0])
 
@@ -67,7 +67,7 @@ def node(uuid):
 
 
 def can_be_read(device):
-    """From the device itself, not from memory."""
+    """Whether the device can be read, bypassing the page cache."""
     memory = mmap.mmap(-1, 4096)
     descriptor = os.open(device, os.O_RDONLY | os.O_DIRECT)
     try:
@@ -92,10 +92,10 @@ def group(tmp_path_factory):
 
 @pytest.fixture
 def volume(group, tmp_path):
-    """The device-mapper UUID of a logical volume with a mounted file system, and where that is."""
+    """The device-mapper UUID of a logical volume with a mounted file system, and its mount point."""
     run("lvcreate", "-q", "-y", "-L", f"{SECTORS}s", "-n", "volume", "group")
     run("lvcreate", "-q", "-y", "-L", f"{COW_SECTORS}s", "-n", "store", "group")
-    run("mkfs.ext4", "-q", "-E", "lazy_itable_init=0", VOLUME) # or the kernel would write to it later on
+    run("mkfs.ext4", "-q", "-E", "lazy_itable_init=0", VOLUME) # otherwise the kernel would write to it later
     run("mount", VOLUME, tmp_path)
     run("udevadm", "settle")
     uuid = run("dmsetup", "info", "-c", "--noheadings", "-o", "uuid", VOLUME)
@@ -113,7 +113,7 @@ def volume(group, tmp_path):
 
 @pytest.fixture
 def snapshot(volume):
-    """One that is taken of the volume; its store is a volume beside it."""
+    """A snapshot of the volume; its store is another volume."""
     uuid, _ = volume
     lower = make("lower", call("table", uuid))
     store = run("dmsetup", "info", "-c", "--noheadings", "-o", "major,minor", "/dev/group/store")
@@ -130,7 +130,7 @@ def snapshot(volume):
 
 @pytest.fixture
 def watched(volume, snapshot):
-    """The process that watches over the snapshot."""
+    """The process that watches the snapshot."""
     assert not processes("tolvubd-watch")
     call("watch", volume[0], SNAPSHOT)
     watcher, = processes("tolvubd-watch")
@@ -139,7 +139,7 @@ def watched(volume, snapshot):
 
 @contextlib.contextmanager
 def writer(path):
-    """Writes and syncs all the time; gives the list of when that was done."""
+    """Writes and syncs continuously; yields the list of the times."""
     done, ended = [], threading.Event()
 
     def write():
@@ -160,7 +160,7 @@ def writer(path):
 
 @contextlib.contextmanager
 def holder(uuid):
-    """A process that holds the volume until a line comes."""
+    """A process that holds the volume until it reads a line."""
     process = subprocess.Popen([program("TolvubdDm"), "hold", uuid], stdin=subprocess.PIPE,
                                stdout=subprocess.PIPE, text=True)
     try:
@@ -220,7 +220,7 @@ def test_held_volume_waits_and_goes_on(volume):
     uuid, path = volume
     with writer(path) as done, holder(uuid) as process:
         eventually(lambda: call("state", uuid).startswith("suspended"))
-        time.sleep(0.1) # what was on its way
+        time.sleep(0.1) # for writes that were under way
         before = len(done)
         time.sleep(0.5)
         assert len(done) == before
@@ -319,7 +319,7 @@ def test_layers_have_no_twin(volume, snapshot):
 
 def test_snapshot_cannot_be_read_once_the_volume_bypasses_it(volume, snapshot, watched):
     uuid, _ = volume
-    time.sleep(1.5) # more than its own pause
+    time.sleep(1.5) # longer than the watcher's own pause
     assert processes("tolvubd-watch") == [watched] and can_be_read(snapshot)
     run("dmsetup", "load", VOLUME, "--table", call("table", LOWER))
     assert can_be_read(snapshot)
@@ -361,7 +361,7 @@ def test_watcher_is_out_of_its_maker_s_group(volume, snapshot):
         watcher, = processes("tolvubd-watch")
         os.killpg(shell.pid, signal.SIGHUP)
         os.killpg(shell.pid, signal.SIGTERM)
-        assert shell.stdout.read() == b"" # nobody has it open any more
+        assert shell.stdout.read() == b"" # no process has it open any more
     os.kill(watcher, signal.SIGHUP)
     assert os.readlink(f"/proc/{watcher}/cwd") == "/"
     assert processes("tolvubd-watch") == [watcher]

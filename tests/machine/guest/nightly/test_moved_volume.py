@@ -1,4 +1,4 @@
-"""A volume that somebody moves elsewhere while the driver is at work: what is where it lay is left alone."""
+"""A volume that is moved elsewhere while the driver works: its old place isn't touched."""
 import contextlib
 import subprocess
 
@@ -16,8 +16,8 @@ PIECE = 1 << 20
 
 @contextlib.contextmanager
 def stopped_at_reserving(volume):
-    """The next snapshot, for which all was well, and whose call stands still as it reserves its CoW file. In
-    the end it goes on, and what it returns is in the list."""
+    """Takes the next snapshot, whose call is held when it reserves its CoW file, after all checks have
+    passed. At the end it continues, and its result is in the list."""
     result = []
     words = ["strace", "-o", "/dev/null", "-e", "trace=fallocate",
              "-e", f"inject=fallocate:delay_enter={STOPPED_MICROSECONDS}",
@@ -27,7 +27,7 @@ def stopped_at_reserving(volume):
         try:
             yield result
         finally:
-            tracer.kill() # and with it what stops the call
+            tracer.kill() # which also releases the call
         result.extend(map(int, tracer.stdout.read().split()))
 
 

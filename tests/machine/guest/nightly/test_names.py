@@ -1,4 +1,5 @@
-"""What others see of a volume and its snapshot: udev, udisks2, and programs that open it by its names."""
+"""The view of a volume and its snapshot that others have: udev, udisks2, and programs that open it by its
+links."""
 import contextlib
 import json
 import pathlib
@@ -27,7 +28,7 @@ def volume():
 
 @contextlib.contextmanager
 def watched(paths):
-    """Looks at the paths all the time; yields the set of those that weren't there."""
+    """Polls the paths; yields the set of those that were missing at some time."""
     missing = set()
     end = threading.Event()
 
@@ -48,7 +49,7 @@ def uuid_of(volume):
 
 
 def udisks_blocks():
-    """The devices that udisks2 tells of: {device: UUID of what is on it}."""
+    """The devices that udisks2 reports: {device: UUID}."""
     found = json.loads(run("busctl", "--json=short", "call", UDISKS, "/org/freedesktop/UDisks2",
                            "org.freedesktop.DBus.ObjectManager", "GetManagedObjects"))["data"][0]
     name = f"{UDISKS}.Block"
@@ -57,7 +58,7 @@ def udisks_blocks():
 
 
 def test_volume_has_no_twin(volume):
-    """Nobody is told of the driver's devices, and the UUID stays the name of the volume."""
+    """The driver's devices aren't announced, and the UUID stays the volume's."""
     uuid = uuid_of(volume)
     with Protected(volume, cow_mebibytes=COW_MEBIBYTES) as protected:
         run("udevadm", "trigger", "--settle", "--subsystem-match=block", "--action=change")

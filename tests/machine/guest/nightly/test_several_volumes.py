@@ -20,13 +20,13 @@ def test_several_volumes(count, record_property):
         protected = [stack.enter_context(Protected(volume, minor, COW_MEBIBYTES))
                      for minor, volume in enumerate(volumes)]
         for each in protected:
-            assert each.look() == "snapshot right"
+            assert each.check_snapshot() == "snapshot right"
         for each in protected:
             each.track()
         assert len(layers()) == count * LAYERS_WHILE_TRACKING
         for each in protected:
             assert each.next_record() == "set right"
         for each in protected:
-            assert each.look() == "snapshot right"
+            assert each.check_snapshot() == "snapshot right"
             each.writer.end()
     record_property("verb", f"{count} volumes at once | both | | snapshots right; sets right")

@@ -1,5 +1,5 @@
-"""What a volume may lie on, and what may be on it: tracked by device-mapper, captured, or refused; and a
-round on each that isn't refused."""
+"""The devices that a volume can be on, and the file systems that can be on it: tracked by device-mapper,
+captured, or refused; and a round of snapshots on each that isn't refused."""
 import contextlib
 import dataclasses
 import errno
@@ -20,7 +20,7 @@ PASSPHRASE = "a pass phrase"
 
 
 def made_of(*options):
-    """A logical volume that is made with these options."""
+    """Returns a function that makes a logical volume with these options."""
     return lambda group, name, mebibytes: group.create(name, mebibytes, *options)
 
 
@@ -61,7 +61,7 @@ def encrypted_above(group, name, mebibytes):
 
 
 def linear_device(group, name, mebibytes):
-    """As one that a partition was put on at the start."""
+    """A linear device, as for a partition that was adopted at boot."""
     run("dmsetup", "create", name, "--uuid", "ADOPTED-data", "--table",
         f"0 {mebibytes * 2048} linear {group.spare} 0")
     return f"/dev/mapper/{name}"
@@ -75,8 +75,8 @@ def partition(group, _name, mebibytes):
 
 @dataclasses.dataclass(frozen=True)
 class Kind:
-    """`make(group, name, mebibytes)` makes the device. `served_by` is "device-mapper" or "capture".
-    `reason` is a word of what the operator is told."""
+    """`make(group, name, mebibytes)` makes the device. `served_by` is "device-mapper" or "capture". `reason`
+    is a word of the reason that the operator sees."""
 
     name: str
     make: Callable
@@ -125,7 +125,7 @@ def make_volume(group):
 
 
 def remove(group):
-    """Whatever was made of it, from above to below."""
+    """Removes everything that was made of the group, from top to bottom."""
     for command in (("cryptsetup", "close", "above"), ("vgremove", "-ff", "-y", "secret"),
                     ("cryptsetup", "close", "below"), ("dmsetup", "remove", "--retry", "data"),
                     ("lvremove", "-ff", "-y", group.name), ("wipefs", "--quiet", "--all", group.spare)):
@@ -133,7 +133,7 @@ def remove(group):
 
 
 def listed(device):
-    """What the operator is told of a device of the driver's."""
+    """The operator's view of a device of the driver."""
     return next(line for line in tolvuctl("list").stdout.splitlines() if str(device) in line)
 
 
@@ -154,7 +154,7 @@ def test_kind(make_volume, kind, record_property):
 
 
 def test_file_system_that_the_kernel_does_not_freeze(group, tmp_path, record_property):
-    """Nobody serves it, and nothing is left on it."""
+    """Neither way of tracking supports it, and nothing is left on it."""
     device = group.create("data", USUAL_MEBIBYTES)
     filesystems.make("vfat", device)
     try:

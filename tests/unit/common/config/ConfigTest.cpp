@@ -19,7 +19,7 @@ namespace {
 using nlohmann::json;
 using test::messageOf;
 
-/// The configuration with the real table, on a real file.
+/// A Config with the real option table and a real file.
 class ConfigTest : public testing::Test {
 protected:
     Config& open() {

@@ -96,10 +96,10 @@ TEST_F(JSONConfigDataProviderTest, DepthAndSizeAreBounded) {
                 testing::HasSubstr("larger than 1048576 bytes"));
 }
 
-/// Or the next start would fail on what this one has accepted.
+/// Otherwise the next start would fail to read what this process has stored.
 TEST_F(JSONConfigDataProviderTest, WhatCouldNotBeReadBackIsRefused) {
     json deep = 1;
-    for (int level = 0; level < 128; ++level) { // one more around it, by the document
+    for (int level = 0; level < 128; ++level) { // the document itself adds one more level
         deep = json::array({deep});
     }
     JSONConfigDataProvider provider(path);
@@ -110,7 +110,7 @@ TEST_F(JSONConfigDataProviderTest, WhatCouldNotBeReadBackIsRefused) {
     const std::string before = test::readFile(path);
     EXPECT_EQ(messageOf<std::runtime_error>([&] { provider.set("channel", std::string(1'100'000, 'x')); }),
               "The configuration could not be read back: larger than 1048576 bytes");
-    EXPECT_THROW(provider.set("other", std::string(100'000, 'x')), std::runtime_error); // both together
+    EXPECT_THROW(provider.set("other", std::string(100'000, 'x')), std::runtime_error); // too large together
     EXPECT_EQ(test::readFile(path), before);
     EXPECT_EQ(JSONConfigDataProvider(path).dump(), provider.dump());
 }

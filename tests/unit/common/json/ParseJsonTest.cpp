@@ -56,7 +56,7 @@ TEST(ParseJson, BoundsTheDepth) {
               "[json.exception.parse_error.101] parse error: nested deeper than 128 levels");
 }
 
-/// A body of half a megabyte must not occupy a processor for seconds.
+/// A body of half a megabyte must not keep a CPU busy for seconds.
 TEST(ParseJson, TakesTimeInProportionToTheText) {
     std::string many = "[{}";
     for (int i = 1; i < 200'000; ++i) {
@@ -64,20 +64,20 @@ TEST(ParseJson, TakesTimeInProportionToTheText) {
     }
     const std::clock_t start = std::clock();
     EXPECT_EQ(parseJson(many + "]").size(), 200'000U);
-    EXPECT_LT((std::clock() - start) / CLOCKS_PER_SEC, 10); // it would be minutes
+    EXPECT_LT((std::clock() - start) / CLOCKS_PER_SEC, 10); // a quadratic parser would take minutes
 }
 
 TEST(ParseJson, BoundsTheNumberOfValues) {
     std::string many = "[";
-    for (std::size_t i = 0; i < mostJsonValues - 2; ++i) {
+    for (std::size_t i = 0; i < maxJsonValues - 2; ++i) {
         many += "1,";
     }
-    EXPECT_EQ(parseJson(many + "1]").size(), mostJsonValues - 1); // the array itself counts, too
+    EXPECT_EQ(parseJson(many + "1]").size(), maxJsonValues - 1); // the array itself counts, too
     EXPECT_EQ(messageOf<json::parse_error>([&] { (void)parseJson(many + "1,1]"); }),
               "[json.exception.parse_error.101] parse error: more than 1000000 values");
     EXPECT_EQ(messageOf<json::parse_error>([&] {
                   std::string empty = "[";
-                  for (std::size_t i = 0; i < mostJsonValues; ++i) {
+                  for (std::size_t i = 0; i < maxJsonValues; ++i) {
                       empty += "[],";
                   }
                   (void)parseJson(empty + "[]]");
@@ -85,7 +85,8 @@ TEST(ParseJson, BoundsTheNumberOfValues) {
               "[json.exception.parse_error.101] parse error: more than 1000000 values");
 }
 
-/// The library puts all that it has read of a broken part into its message, which goes to the log and back.
+/// The JSON library puts everything that it has read of a broken value into its message, which is logged and
+/// sent to the client.
 TEST(ParseJson, MessagesStayShort) {
     const std::string text(1'000'000, 'x');
     for (const std::string& broken : {"\"" + text, "{\"a\": \"" + text,

@@ -39,7 +39,7 @@ protected:
         return all;
     }
 
-    /// The text of the request's refusal.
+    /// The message with which a request is refused.
     template <typename Request>
     std::string refusal(Request request) {
         return messageOf<bad_request>(request);
@@ -85,7 +85,7 @@ TEST_F(BackupManagerTest, SecondBackupOfOneIDIsRefused) {
     EXPECT_EQ(messageOf<std::invalid_argument>([&] { add("same", false); }),
               "Could not insert a backup object for backup with ID same into the backup map.");
     manager.ping("same");
-    EXPECT_EQ(first->pings, 1); // still the first
+    EXPECT_EQ(first->pings, 1); // still the first backup
 }
 
 TEST_F(BackupManagerTest, ListsOverallStates) {
@@ -101,9 +101,10 @@ TEST_F(BackupManagerTest, ListIsNotWrittenOverAnother) {
     EXPECT_EQ(messageOf<std::invalid_argument>([&] { manager.getStatuses(out); }),
               "Could not insert a status object for backup with ID twice into the map given.");
     EXPECT_EQ(out["twice"], 9);
-    EXPECT_NO_THROW(manager.ping("twice")); // the mutex is free again
+    EXPECT_NO_THROW(manager.ping("twice")); // the mutex has been released
 }
 
+/// The manager may remove any of the finished backups, so the test finds out which one it was.
 TEST_F(BackupManagerTest, SixthBackupMakesOneThatHasEndedGo) {
     for (int i = 1; i <= 5; ++i) {
         add("ended-" + std::to_string(i), false, i % 2 == 0);
@@ -210,7 +211,7 @@ TEST_F(BackupManagerTest, MayBeUsedFromAnyThread) {
     for (std::thread& thread : threads) {
         thread.join();
     }
-    // Each insertion makes room for itself, but for those that met three others under way.
+    // Each insertion removes finished backups, except if three other insertions are in progress.
     EXPECT_LT(states().size(), 10U);
 }
 

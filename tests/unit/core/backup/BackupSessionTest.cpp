@@ -27,7 +27,7 @@ using Line = test::RecordingLogger::Line;
 const std::string first = "11111111-1111-1111-1111-111111111111";
 const std::string second = "22222222-2222-2222-2222-222222222222";
 
-/// The text of an exception of this type, which may carry a reason as well.
+/// The message of an exception of this type, whether or not it carries a reason.
 template <typename Exception>
 std::string messageOf(const std::function<void()>& action) {
     try {
@@ -35,7 +35,7 @@ std::string messageOf(const std::function<void()>& action) {
     } catch (const std::exception& error) {
         const std::string thrown = typeid(error).name();
         EXPECT_THAT(thrown,
-                    testing::AnyOf(typeid(Exception).name(), typeid(info::Reasoned<Exception>).name()));
+                    testing::AnyOf(typeid(Exception).name(), typeid(info::WithReason<Exception>).name()));
         return error.what();
     }
     return "nothing was thrown";
@@ -261,7 +261,7 @@ TEST_F(BackupSessionTest, ValidatesEveryTargetWithItsOwnTransport) {
     openWithTwoVolumes();
     firstTransport->image.resize(VolumeChecksumGenerator::regionBytes);
     secondTransport->image.assign(VolumeChecksumGenerator::regionBytes, 0xff);
-    for (const std::string& uuid : {first, second}) { // what a first backup leaves behind
+    for (const std::string& uuid : {first, second}) { // as a first backup does
         session->createVolumeWriter(uuid, false, writer);
         session->registerVolume(uuid, [&](const std::shared_ptr<ITransport>& transport,
                                           std::uint32_t& checksum) {
@@ -269,7 +269,7 @@ TEST_F(BackupSessionTest, ValidatesEveryTargetWithItsOwnTransport) {
         });
     }
     session->finishWriting(database.provider);
-    secondTransport->image[12345] = 0; // and somebody else has been here since
+    secondTransport->image[12345] = 0; // someone else has changed the image since
 
     BackupAttributes attributes({{first, {0, INCREMENTAL, {}}}, {second, {0, INCREMENTAL, {}}}});
     RemoteTargetValidator validator(log.logger, database.provider);

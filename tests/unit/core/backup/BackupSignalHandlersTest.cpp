@@ -1,120 +1,21 @@
-#include "core/backup/BackupSignalHandlers.h"
-
-#include "core/backup/BackupThread.h"
-#include "support/FakeBackup.h"
-#include "support/ProcessState.h"
-#include "support/RecordingLogger.h"
-#include "support/Stay.h"
-#include "support/Waiting.h"
+#include "support/BlockingCall.h"
+#include "unit/core/backup/BackupSignalsFixture.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
-#include <array>
 #include <cerrno>
-#include <csignal>
-#include <cstdlib>
-#include <cstring>
 #include <fcntl.h>
-#include <functional>
 #include <future>
-#include <map>
 #include <optional>
-#include <sstream>
-#include <sys/mman.h>
-#include <sys/resource.h>
-#include <sys/syscall.h>
-#include <unistd.h>
 
 namespace agent::core::backup {
 namespace {
 
 using namespace std::chrono_literals;
-using test::FakeBackup;
 using testing::HasSubstr;
 using testing::IsEmpty;
-using testing::KilledBySignal;
 using testing::Not;
 using testing::StartsWith;
-using Line = test::RecordingLogger::Line;
-
-constexpr std::array caught = {SIGFPE,  SIGSEGV, SIGILL,  SIGABRT,   SIGBUS,
-                               SIGPIPE, SIGSYS,  SIGALRM, SIGSTKFLT, SIGIO};
-constexpr std::array changed = {SIGFPE, SIGSEGV, SIGILL,    SIGABRT, SIGBUS, SIGPIPE,
-                                SIGSYS, SIGALRM, SIGSTKFLT, SIGIO,   SIGCHLD};
-
-pid_t threadId() {
-    return static_cast<pid_t>(::syscall(SYS_gettid));
-}
-
-void sendTo(pid_t thread, int signal) {
-    ASSERT_EQ(::syscall(SYS_tgkill, ::getpid(), thread, signal), 0);
-}
-
-std::string nameOfThisThread() {
-    std::ostringstream text;
-    text << std::this_thread::get_id();
-    return text.str();
-}
-
-bool isCaught(int signal) {
-    return test::disposition(signal).sa_handler != SIG_DFL && test::disposition(signal).sa_handler != SIG_IGN;
-}
-
-/// The handler and the flags of each signal that a run changes. What tells them apart between two moments.
-std::map<int, std::pair<sighandler_t, int>> dispositions() {
-    std::map<int, std::pair<sighandler_t, int>> all;
-    for (const int signal : changed) {
-        const struct ::sigaction current = test::disposition(signal);
-        all[signal] = {current.sa_handler, current.sa_flags};
-    }
-    return all;
-}
-
-class BackupSignals : public testing::Test {
-protected:
-    /// Nothing is caught at first: the sanitizers have handlers of their own.
-    BackupSignals() {
-        for (const int signal : caught) {
-            standard.push_back(std::make_unique<test::ScopedDisposition>(signal, SIG_DFL));
-        }
-    }
-
-    std::shared_ptr<FakeBackup> run(std::function<void()> body) {
-        auto backup = std::make_shared<FakeBackup>("backup", std::move(body));
-        BackupThread thread(log.logger);
-        thread.start(backup, nullptr);
-        EXPECT_EQ(thread.wait(), nullptr);
-        return backup;
-    }
-
-    /// Sends the signal to the thread of a run, and waits there for the cancel that it causes.
-    std::shared_ptr<FakeBackup> runAndSend(int signal) {
-        std::shared_ptr<FakeBackup> backup;
-        backup = std::make_shared<FakeBackup>("backup", [&, signal] {
-            thread = nameOfThisThread();
-            sendTo(threadId(), signal);
-            EXPECT_TRUE(test::eventually([&] { return backup->isCancelled(); }));
-        });
-        BackupThread(log.logger).start(backup, nullptr); // ends here, with the run
-        EXPECT_EQ(backup->cancels, 1);
-        return backup;
-    }
-
-    [[nodiscard]] std::vector<std::string> textsOf(int level) const {
-        std::vector<std::string> texts;
-        for (const Line& line : log.lines()) {
-            if (line.level == level) {
-                texts.push_back(line.text);
-            }
-        }
-        return texts;
-    }
-
-    test::RecordingLogger log;
-    std::string thread;
-    std::vector<std::unique_ptr<test::ScopedDisposition>> standard;
-};
 
 TEST_F(BackupSignals, BrokenPipeCancelsWithOneLine) {
     runAndSend(SIGPIPE);
@@ -140,18 +41,18 @@ TEST_F(BackupSignals, BrokenPipeOfAWriteIsAnErrorOfTheWriteToo) {
 }
 
 TEST_F(BackupSignals, TakenByAnyThreadOfTheProcess) {
-    test::Stay stay;
-    const auto backup = std::make_shared<FakeBackup>("backup", std::ref(stay));
+    test::BlockingCall call;
+    const auto backup = std::make_shared<FakeBackup>("backup", std::ref(call));
     BackupThread thread(log.logger);
     thread.start(backup, nullptr);
-    stay.waitUntilEntered();
+    call.waitUntilEntered();
     sendTo(threadId(), SIGPIPE);
     EXPECT_TRUE(test::eventually([&] { return backup->isCancelled(); }));
     EXPECT_TRUE(log.has(1, "Broken pipe during backup. TID: " + nameOfThisThread()));
-    stay.leave();
+    call.release();
 }
 
-/// The signals that mean a fault of the program.
+/// Signals that mean a program fault.
 class FaultSignals : public BackupSignals, public testing::WithParamInterface<int> {};
 
 TEST_P(FaultSignals, AreLoggedWithABacktraceAndCancel) {
@@ -180,7 +81,7 @@ TEST_F(BackupSignals, SegmentationFaultHasItsText) {
     EXPECT_TRUE(log.has(1, "Backup thread - Segmentation fault (11)"));
 }
 
-/// The signals that mean no fault, and are no broken pipe either.
+/// Signals that mean neither a program fault nor a broken pipe.
 class OtherSignals : public BackupSignals, public testing::WithParamInterface<int> {};
 
 TEST_P(OtherSignals, AreLoggedAndCancel) {
@@ -262,7 +163,7 @@ TEST_F(BackupSignals, DispositionsComeBackAfterAFailureAndAfterASignal) {
     EXPECT_EQ(dispositions(), before);
 }
 
-/// Which lines of a run come with the handlers in force.
+/// Checks for each log line of a run whether the handlers are installed when it is logged.
 TEST_F(BackupSignals, AreInForceFromTheBeginningToTheFailureLine) {
     std::map<std::string, bool> inForce;
     info::Logger logger([&](const std::string& message, int, info::LogTime) {
@@ -278,72 +179,11 @@ TEST_F(BackupSignals, AreInForceFromTheBeginningToTheFailureLine) {
     EXPECT_EQ(inForce, expected);
 }
 
-/// Two runs at once, as when a cancelled backup winds down behind a new one.
-class OverlappedRuns : public BackupSignals {
-protected:
-    OverlappedRuns() {
-        first.start(firstBackup, nullptr);
-        firstStay.waitUntilEntered();
-        second.start(secondBackup, nullptr);
-        secondStay.waitUntilEntered();
-    }
-
-    const std::map<int, std::pair<sighandler_t, int>> before = dispositions();
-    test::Stay firstStay;
-    test::Stay secondStay;
-    std::shared_ptr<FakeBackup> firstBackup = std::make_shared<FakeBackup>("first", std::ref(firstStay));
-    std::shared_ptr<FakeBackup> secondBackup = std::make_shared<FakeBackup>("second", std::ref(secondStay));
-    BackupThread first{log.logger};
-    BackupThread second{log.logger};
-};
-
-TEST_F(OverlappedRuns, LaterOneOwnsTheSignals) {
-    ::raise(SIGPIPE);
-    EXPECT_TRUE(test::eventually([&] { return secondBackup->isCancelled(); }));
-    EXPECT_FALSE(firstBackup->isCancelled());
-    firstStay.leave();
-    secondStay.leave();
-}
-
-TEST_F(OverlappedRuns, DispositionsComeBackWhenTheFirstEndsFirst) {
-    firstStay.leave();
-    first.wait();
-    EXPECT_EQ(dispositions(), before);
-    secondStay.leave();
-    second.wait();
-    EXPECT_EQ(dispositions(), before);
-}
-
-TEST_F(OverlappedRuns, DispositionsComeBackWhenTheSecondEndsFirst) {
-    secondStay.leave();
-    second.wait();
-    EXPECT_EQ(dispositions(), before);
-    firstStay.leave();
-    first.wait();
-    EXPECT_EQ(dispositions(), before);
-}
-
-TEST_F(OverlappedRuns, DispositionsComeBackWhenAThirdStartsBetween) {
-    test::Stay thirdStay;
-    const auto thirdBackup = std::make_shared<FakeBackup>("third", std::ref(thirdStay));
-    BackupThread third(log.logger);
-    firstStay.leave();
-    first.wait();
-    third.start(thirdBackup, nullptr);
-    thirdStay.waitUntilEntered();
-    EXPECT_TRUE(isCaught(SIGPIPE));
-    secondStay.leave();
-    second.wait();
-    thirdStay.leave();
-    third.wait();
-    EXPECT_EQ(dispositions(), before);
-}
-
 TEST_F(BackupSignals, HandlerOfNobodyOnlySaysSo) {
     struct ::sigaction handler{};
     const auto backup = run([&] { handler = test::disposition(SIGALRM); });
     log.clear();
-    ::sigaction(SIGALRM, &handler, nullptr); // as if the signal had met the end of the run
+    ::sigaction(SIGALRM, &handler, nullptr); // as if the signal arrived while the run ends
     testing::internal::CaptureStdout();
     ::raise(SIGALRM);
     EXPECT_EQ(testing::internal::GetCapturedStdout(),
@@ -371,50 +211,6 @@ TEST_F(BackupSignals, EndOfTheRunWaitsForAHandlerOnAnotherThread) {
     ending.get();
     EXPECT_EQ(backup.cancels, 1);
     hit.get();
-}
-
-/// What ends the process, in a child that logs to its standard error.
-class BackupSignalsDeathTest : public testing::Test {
-protected:
-    BackupSignalsDeathTest() { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
-
-    /// Runs a backup in a process that leaves no core file.
-    static void run(std::function<void()> body) {
-        const ::rlimit none{0, 0};
-        ::setrlimit(RLIMIT_CORE, &none);
-        info::Logger logger([](const std::string& message, int, info::LogTime) {
-            (void)!::write(STDERR_FILENO, message.data(), message.size());
-        });
-        BackupThread thread(logger);
-        thread.start(std::make_shared<FakeBackup>("backup", std::move(body)), nullptr);
-        thread.wait();
-        ::_exit(0);
-    }
-
-    static void writeToUnwritableMemory() {
-        void* const page = ::mmap(nullptr, 4096, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-        *static_cast<volatile int*>(page) = 1;
-    }
-};
-
-TEST_F(BackupSignalsDeathTest, SecondBrokenPipeEndsTheProcess) {
-    EXPECT_EXIT(run([] {
-                    ::raise(SIGPIPE);
-                    (void)!::write(STDERR_FILENO, "between\n", 8);
-                    ::raise(SIGPIPE);
-                    (void)!::write(STDERR_FILENO, "after\n", 6);
-                }),
-                KilledBySignal(SIGPIPE), "Broken pipe during backup. TID: [^\n]*\nbetween\n$");
-}
-
-TEST_F(BackupSignalsDeathTest, RealFaultIsLoggedAndHappensAgain) {
-    EXPECT_EXIT(run(&writeToUnwritableMemory), KilledBySignal(SIGSEGV),
-                "Backup thread - Segmentation fault \\(11\\)\n(TID: [^\n]* - [^\n]*\n)+$");
-}
-
-TEST_F(BackupSignalsDeathTest, AbortIsLoggedAndEndsTheProcess) {
-    EXPECT_EXIT(run(&::abort), KilledBySignal(SIGABRT),
-                "Backup thread - Aborted \\(6\\)\n(TID: [^\n]* - [^\n]*\n)+$");
 }
 
 } // namespace

@@ -132,8 +132,8 @@ TEST_F(BackupStatusHandlerTest, StatusReplacesWhatItIsGiven) {
     EXPECT_THAT(out.volumes, ElementsAre(VolumeBackupStatus{"b", 0, 1, 4096, -1}, VolumeBackupStatus{"a"}));
 }
 
-/// Every value that the writer stores has equal halves, and progress only grows: a torn or reordered value of
-/// one field would show.
+/// Every value that the writer stores has two equal halves, and progress only grows, so a torn or reordered
+/// read of one field is detected.
 void expectWholeValues(const VolumeBackupStatus& volume, std::uint64_t& lastBytes) {
     EXPECT_EQ(volume.bytesTransferred >> 32U, volume.bytesTransferred & 0xffffffffU);
     EXPECT_GE(volume.bytesTransferred, lastBytes);
@@ -143,6 +143,7 @@ void expectWholeValues(const VolumeBackupStatus& volume, std::uint64_t& lastByte
     EXPECT_LE(volume.backupType, DIFFERENTIAL_MERGE);
 }
 
+/// The backup's thread writes the status while HTTP threads read it, without waiting for one another.
 TEST(BackupStatusHandlerThreads, ReadersSeeWholeValuesWhileTheBackupWrites) {
     test::RecordingLogger log;
     BackupStatusHandler status(log.logger, {"first", "second"});

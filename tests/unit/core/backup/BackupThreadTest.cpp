@@ -6,12 +6,12 @@
 #include "core/backup/BackupAttributes.h"
 #include "core/operation/CancelableOperation.h"
 #include "core/script/UnixCommandStream.h"
-#include "support/BackupStage.h"
+#include "support/BackupHarness.h"
+#include "support/BlockingCall.h"
 #include "support/FakeBackup.h"
 #include "support/NoMoreThreads.h"
 #include "support/ProcessState.h"
 #include "support/RecordingLogger.h"
-#include "support/Stay.h"
 #include "support/Waiting.h"
 
 #include <gmock/gmock.h>
@@ -57,7 +57,7 @@ protected:
         return backup;
     }
 
-    /// Runs a backup to its end. Returns the failure.
+    /// Runs a backup to its end. Returns its exception.
     std::exception_ptr run(std::function<void()> body) {
         start("backup", std::move(body));
         return thread->wait();
@@ -74,14 +74,14 @@ TEST_F(BackupThreadTest, IsIdleAtFirst) {
 }
 
 TEST_F(BackupThreadTest, RunsTheBackupWithItsSession) {
-    test::Stay stay;
-    const auto backup = start("backup", std::ref(stay));
-    stay.waitUntilEntered();
+    test::BlockingCall call;
+    const auto backup = start("backup", std::ref(call));
+    call.waitUntilEntered();
     EXPECT_TRUE(thread->isRunning());
     EXPECT_EQ(thread->getBackupId(), "backup");
-    stay.leave();
+    call.release();
     EXPECT_TRUE(test::eventually([&] { return !thread->isRunning(); }));
-    EXPECT_EQ(thread->getBackupId(), "backup"); // until the end is waited for
+    EXPECT_EQ(thread->getBackupId(), "backup"); // until wait() has been called
     EXPECT_EQ(thread->wait(), nullptr);
     EXPECT_EQ(thread->getBackupId(), "");
     EXPECT_FALSE(thread->isRunning());
@@ -92,7 +92,7 @@ TEST_F(BackupThreadTest, RunsTheBackupWithItsSession) {
 TEST_F(BackupThreadTest, TheQuestionWhetherItRunsReapsOneThatHasEnded) {
     const auto backup = start("backup");
     EXPECT_TRUE(test::eventually([&] { return !thread->isRunning(); }));
-    EXPECT_EQ(backup.use_count(), 2); // ours, and the one that tells the ID; the run's own has gone
+    EXPECT_EQ(backup.use_count(), 2); // the test's and getBackupId()'s; the run's is gone
     EXPECT_FALSE(thread->isRunning());
     EXPECT_EQ(thread->getBackupId(), "backup");
     EXPECT_EQ(thread->wait(), nullptr);
@@ -127,7 +127,7 @@ TEST_F(BackupThreadTest, RunsOnAThreadOfItsOwn) {
     EXPECT_NE(id, std::this_thread::get_id());
 }
 
-/// There is no message bus for the tests: the lock against sleep is the first to fail, and nothing else does.
+/// The tests have no message bus, so the sleep lock fails first, and nothing else does.
 TEST_F(BackupThreadTest, LogsTheRunAndGoesOnWithoutTheSleepLock) {
     EXPECT_EQ(run([&] { log.logger.log(3, "working"); }), nullptr);
     const auto lines = log.lines();
@@ -153,11 +153,11 @@ TEST_F(BackupThreadTest, FailureIsKeptUntilTheNextStart) {
 TEST_F(BackupThreadTest, FailureIsClearedByTheStartItself) {
     run([] { throw std::runtime_error("post backup failed"); });
     EXPECT_FALSE(thread->isRunning());
-    test::Stay stay;
-    start("next", std::ref(stay));
-    stay.waitUntilEntered();
+    test::BlockingCall call;
+    start("next", std::ref(call));
+    call.waitUntilEntered();
     std::future<std::exception_ptr> waiting = std::async(std::launch::async, [&] { return thread->wait(); });
-    stay.leave();
+    call.release();
     EXPECT_EQ(messageOf(waiting.get()), "none");
 }
 
@@ -186,57 +186,57 @@ TEST_F(BackupThreadTest, NoBackupIsAFailureOfTheRun) {
 }
 
 TEST_F(BackupThreadTest, NoSessionIsForTheBackupToRefuse) {
-    test::BackupStage stage;
+    test::BackupHarness harness;
     const auto attributes =
         std::make_shared<BackupAttributes>(std::unordered_map<std::string, VolumeAttributes>{{"first", {}}});
-    const std::shared_ptr<Backup> backup = stage.make(attributes, std::make_unique<CancelableOperation>());
+    const std::shared_ptr<Backup> backup = harness.make(attributes, std::make_unique<CancelableOperation>());
     thread->start(backup, nullptr);
     EXPECT_EQ(messageOf(thread->wait()), "Invalid session pointer given to backup run!");
 }
 
 TEST_F(BackupThreadTest, DestructionWaitsForTheRun) {
-    test::Stay stay;
+    test::BlockingCall call;
     std::atomic<bool> ended = false;
     start("backup", [&] {
-        stay();
+        call();
         ended = true;
     });
-    stay.waitUntilEntered();
+    call.waitUntilEntered();
     std::future<bool> destroyed = std::async(std::launch::async, [&] {
         thread.reset();
         return ended.load();
     });
     EXPECT_EQ(destroyed.wait_for(50ms), std::future_status::timeout);
-    stay.leave();
+    call.release();
     EXPECT_TRUE(destroyed.get());
 }
 
 TEST_F(BackupThreadTest, WaitReturnsWhenTheRunHasEnded) {
-    test::Stay stay;
-    start("backup", std::ref(stay));
-    stay.waitUntilEntered();
+    test::BlockingCall call;
+    start("backup", std::ref(call));
+    call.waitUntilEntered();
     std::future<std::exception_ptr> waiting = std::async(std::launch::async, [&] { return thread->wait(); });
     EXPECT_EQ(waiting.wait_for(50ms), std::future_status::timeout);
-    EXPECT_EQ(thread->getBackupId(), "backup"); // asked meanwhile
+    EXPECT_EQ(thread->getBackupId(), "backup"); // answered while another thread waits
     EXPECT_TRUE(thread->isRunning());
-    stay.leave();
+    call.release();
     waiting.get();
     EXPECT_EQ(thread->getBackupId(), "");
 }
 
 TEST_F(BackupThreadTest, StartBehindARunThatWindsDownWaitsForIt) {
-    test::Stay first;
-    test::Stay second;
+    test::BlockingCall first;
+    test::BlockingCall second;
     start("first", std::ref(first));
     first.waitUntilEntered();
     std::future<void> starting = std::async(std::launch::async, [&] { start("second", std::ref(second)); });
-    second.waitUntilEntered(); // the new run has begun, and the old one still goes on
+    second.waitUntilEntered(); // the new run has begun while the old one still runs
     EXPECT_EQ(starting.wait_for(50ms), std::future_status::timeout);
     EXPECT_EQ(thread->getBackupId(), "second");
-    first.leave();
+    first.release();
     starting.get();
     EXPECT_TRUE(thread->isRunning());
-    second.leave();
+    second.release();
     EXPECT_EQ(thread->wait(), nullptr);
     EXPECT_EQ(log.count(3, "Backup run finished"), 2);
 }

@@ -19,7 +19,7 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using Line = test::RecordingLogger::Line;
 
-/// Notes each check among the log lines, and stops at the one it is told to.
+/// Logs each check, and cancels at check number `stopAt`.
 class CountedCancel : public ICancel {
 public:
     explicit CountedCancel(info::Logger& logger, int stopAt = 0) : logger(logger), stopAt(stopAt) {}

@@ -23,7 +23,7 @@ using Line = test::RecordingLogger::Line;
 
 const std::string uuid = "11111111-1111-1111-1111-111111111111";
 
-/// Gives a fixed sum, or fails; notes what it was asked for.
+/// Returns a fixed checksum or fails, and records what it was asked for.
 class FixedGenerator : public IVolumeChecksumGenerator {
 public:
     explicit FixedGenerator(std::optional<std::uint32_t> sum) : sum(sum) {}
@@ -46,7 +46,7 @@ protected:
         validator.validate(uuid, attributes, *transport, generator);
     }
 
-    /// The text of the transport_connection_error that must come.
+    /// The message of the transport_connection_error, which must be thrown.
     std::string connectionErrorOf(IVolumeChecksumGenerator& generator) {
         try {
             validate(generator);
@@ -209,7 +209,8 @@ TEST_F(RemoteTargetValidatorTest, VolumeThatIsNotPartOfTheBackupClosesTheTargetT
     expectOpenedAndClosed();
 }
 
-/// Calls 1, 2, 3… to the target fail until none does: each failure is a failed backup, never another type.
+/// Makes calls 1, 2, 3… to the target fail until none fails any more. Each failure fails the backup and never
+/// changes its type.
 TEST_F(RemoteTargetValidatorTest, EveryFailingCallToTheTargetFailsTheBackup) {
     transport->image.resize(VolumeChecksumGenerator::regionBytes);
     std::uint32_t sum = 0;

@@ -21,7 +21,7 @@ using testing::SizeIs;
 
 constexpr uid_t stranger = 65534;
 
-/// A file system that something is to take away.
+/// A mounted file system for something to unmount.
 void mountTmpfs(const std::string& path) {
     dir::make(path);
     ASSERT_EQ(::mount("tmpfs", path.c_str(), "tmpfs", 0, "size=64k"), 0) << path;
@@ -31,7 +31,7 @@ bool isMountPoint(const std::string& path) {
     return file::status(path).st_dev != file::status(Path(path).parent()).st_dev;
 }
 
-/// What has been moved away from the place of the mounts.
+/// The names of what was moved away from the mount root.
 std::vector<std::string> movedAway() {
     std::vector<std::string> names;
     for (const std::string& name : dir::list("/tmp")) {
@@ -54,20 +54,20 @@ protected:
     SnapshotMountTest(const SnapshotMountTest&) = delete;
     SnapshotMountTest& operator=(const SnapshotMountTest&) = delete;
 
-    /// The driver's device for each volume is this file with a file system.
+    /// Makes the driver report a file with a file system as every volume's snapshot device.
     void showImage(const std::string& makeFileSystem) {
         driver->snapshotPath = directory / "image";
         test::writeFile(driver->snapshotPath, std::string(4UL * 1048576, '\0'));
         test::outputOf(makeFileSystem + " " + driver->snapshotPath);
     }
 
-    /// A file system that doesn't hold together since one of debugfs's requests has been carried out.
+    /// The same with a file system that a debugfs request has damaged.
     void showDamaged(const std::string& request) {
         showImage("mkfs.ext4 -q");
         test::outputOf("debugfs -w -R '" + request + "' " + driver->snapshotPath);
     }
 
-    /// What is told of a snapshot that can't be mounted.
+    /// Whether the log says that a snapshot couldn't be mounted, with this errno.
     bool saysErrno(int error) const {
         return log.has(warning, "Failed to mount device " + driver->snapshotPath +
                                     " (/dev/disk1), errno: " + std::to_string(error));
@@ -98,7 +98,7 @@ TEST_F(SnapshotMountTest, ASnapshotIsMountedReadOnlyForRootOnlyAndUnmountedAtThe
     EXPECT_THAT(dir::list(mountRoot), IsEmpty());
 }
 
-// The kernel doesn't tell of the end of a helper program while SIGCHLD is ignored, as it is in a backup.
+// While SIGCHLD is ignored, as it is during a backup, the kernel doesn't report the exit of a helper process.
 TEST_F(SnapshotMountTest, ASnapshotIsMountedByAHelperOfWhoseEndNobodyIsTold) {
     showImage("mkfs.ntfs -Q -F -q");
     const auto volume = makeVolume(one);

@@ -1,6 +1,5 @@
 #include "common/PosixError.h"
-#include "support/FaultyDriverController.h"
-#include "unit/core/backup/SnapshotSessionFixture.h"
+#include "unit/core/backup/SnapshotSessionControlFixture.h"
 
 namespace agent::core::backup {
 namespace {
@@ -8,22 +7,12 @@ namespace {
 using info::level::debug;
 using info::level::error;
 using info::level::warning;
-using test::messageOf;
 using testing::Contains;
 using testing::ElementsAre;
-using testing::IsEmpty;
 using testing::Not;
 
-constexpr const char* noDevice = "Unable to determine incremental bitmap file name. No device available.";
-
-class SnapshotSessionControlTest : public SnapshotSessionFixture {
-protected:
-    /// The message of a failed end that finds a volume without a device.
-    std::string endFailure(const SnapshotSessionControl::Volumes& volumes) {
-        return messageOf<std::runtime_error>([&] { control->transitionToIncremental(volumes, false); });
-    }
-};
-
+/// The header of the CoW file, which the driver makes, is read for the bitmap of changes. Without the file
+/// the start fails.
 TEST_F(SnapshotSessionControlTest, FirstSnapshotOfAVolume) {
     const auto volume = makeVolume(one);
     file::remove(mountPoint(one) + "/.tolvu");
@@ -139,7 +128,7 @@ TEST_F(SnapshotSessionControlTest, RoomForOneCowFileOnlyIsToldAtTheFirstBackup) 
     EXPECT_THAT(warnings(first + second - 1),
                 ElementsAre(start + "300.039 MiB: free the rest, or set volumes." + one +
                             ".cowFileSizeMiB to 299 or less"));
-    const std::uint64_t smallest = required(size) + table; // of 100 MiB
+    const std::uint64_t smallest = required(size) + table; // for CoW files of 100 MiB
     EXPECT_THAT(warnings(first + smallest),
                 ElementsAre(start + "100.039 MiB: free the rest, or set volumes." + one +
                             ".cowFileSizeMiB to 100 or less"));
@@ -192,7 +181,7 @@ TEST_F(SnapshotSessionControlTest, ASnapshotIsCheckedByTheMinorThatItHasHad) {
     EXPECT_EQ(infos.at(one).check(), 0);
     const std::int32_t minor = driver->devices.at(two).minor;
     extension->failures[minor] = ENOSPC;
-    driver->devices.clear(); // nothing but the library has to know it at the end
+    driver->devices.clear(); // the check uses the library only, not the driver's device
     EXPECT_EQ(infos.at(one).check(), 0);
     EXPECT_EQ(infos.at(two).check(), ENOSPC);
 }
@@ -301,7 +290,7 @@ TEST_F(SnapshotSessionControlTest, AVolumeWithoutMountPoint) {
 TEST_F(SnapshotSessionControlTest, TheRecordFollowsStateAndName) {
     const auto volume = makeVolume(one);
     const auto record = [&](std::int32_t state, const std::string& cowFile) {
-        // An end that the driver refuses looks at the device as it is.
+        // While the driver refuses to end the snapshot, the control examines the device as it is.
         driver->failing = {"transitionToIncremental"};
         track(one, cowFile, state);
         writeCowFile(one, ".tolvu", 0);
@@ -323,219 +312,6 @@ TEST_F(SnapshotSessionControlTest, TheRecordFollowsStateAndName) {
     EXPECT_EQ(withSecond(0, "/.tolvu1"), second);
     EXPECT_EQ(withSecond(2, "/.tolvu"), first);
 }
-
-TEST_F(SnapshotSessionControlTest, ASuccessfulEndOwesNothing) {
-    const auto volume = makeVolume(one);
-    writeCowFile(one, ".tolvu1", 0);
-    track(one, "/.tolvu1", 3);
-    const VolumeSnapshotInfos infos = control->transitionToIncremental({volume}, true);
-    EXPECT_THAT(driver->calls, ElementsAre("makeEmptyHistory " + one, "transitionToIncremental " + one));
-    EXPECT_TRUE(infos.at(one).incrementalPreserved);
-    EXPECT_EQ(infos.at(one).incrementalBitmap.fileName, mountPoint(one) + "/.tolvu1");
-    EXPECT_FALSE(file::exists(mountPoint(one) + "/.tolvu"));
-    EXPECT_TRUE(file::exists(mountPoint(one) + "/.tolvu1"));
-}
-
-TEST_F(SnapshotSessionControlTest, TheOldFileIsTheSecondForEveryOtherName) {
-    const auto volume = makeVolume(one);
-    for (const char* cowFile : {"/.tolvu", "/odd/.tolvu1"}) {
-        writeCowFile(one, ".tolvu", 0);
-        writeCowFile(one, ".tolvu1", 0);
-        track(one, cowFile, 3);
-        control->transitionToIncremental({volume}, true);
-        EXPECT_TRUE(file::exists(mountPoint(one) + "/.tolvu")) << cowFile;
-        EXPECT_FALSE(file::exists(mountPoint(one) + "/.tolvu1")) << cowFile;
-    }
-}
-
-TEST_F(SnapshotSessionControlTest, AnOldFileThatCannotBeRemoved) {
-    const auto volume = makeVolume(one);
-    dir::make(mountPoint(one) + "/.tolvu1/full");
-    track(one, "/.tolvu", 3);
-    control->transitionToIncremental({volume}, true);
-    EXPECT_TRUE(log.hasPart(info::level::info, "std::remove(\"" + mountPoint(one) + "/.tolvu1\") failed"));
-}
-
-/// The snapshots of a crashed backup show what no image has: the next changes may not be counted from them.
-TEST_F(SnapshotSessionControlTest, SnapshotsThatTheSessionHasNotStartedAreDestroyedAtAFailedEnd) {
-    const auto first = makeVolume(one);
-    const auto second = makeVolume(two);
-    track(one, "/.tolvu", 3);
-    track(two, "/.tolvu", 3);
-    driver->failing = {"revertOnFailure"};
-    EXPECT_EQ(endFailure({first, second}), noDevice);
-    EXPECT_THAT(driver->calls,
-                ElementsAre("revertOnFailure " + one, "destroyDevice " + one, "revertOnFailure " + two,
-                            "destroyDevice " + two, "transitionToIncremental " + one,
-                            "transitionToIncremental " + two));
-    EXPECT_TRUE(log.has(error, "Failed to revert device /dev/disk1"));
-    EXPECT_TRUE(log.has(warning, "What volume " + one + " (" + mountPoint(one) +
-                                     ") owes to its image is not known, destroying its snapshot"));
-    EXPECT_TRUE(log.has(error, "Failed to transition volume " + one + " (" + mountPoint(one) +
-                                   ") to incremental. This volume may diff-merge next backup."));
-    EXPECT_THAT(driver->devices, IsEmpty());
-}
-
-TEST_F(SnapshotSessionControlTest, ASnapshotThatResistsIsNoBaselineEither) {
-    const auto volume = makeVolume(one);
-    track(one, "/.tolvu", 3);
-    driver->failing = {"revertOnFailure", "destroyDevice"};
-    control->transitionToIncremental({volume}, false);
-    EXPECT_EQ(driver->devices.at(one).state, 3);
-    EXPECT_THAT(driver->calls, Not(Contains("transitionToIncremental " + one)));
-    EXPECT_TRUE(log.has(error, "Could not destroy snapshot for " + one));
-}
-
-/// The session has failed before it came to the volume: what has been recorded so far is still right.
-TEST_F(SnapshotSessionControlTest, ATrackedVolumeThatWasNotSnapshottedKeepsItsDeviceAndItsHistory) {
-    const auto volume = makeVolume(one);
-    track(one);
-    driver->failing = {"revertOnFailure"};
-    control->transitionToIncremental({volume}, false);
-    EXPECT_EQ(driver->devices.at(one).state, 2);
-    EXPECT_THAT(driver->calls, Not(Contains("makeHistory " + one)));
-}
-
-TEST_F(SnapshotSessionControlTest, ADebtThatCannotBeKeptCostsTheDevice) {
-    const auto volume = makeVolume(one);
-    for (const char* failing : {"makeHistory", "revertOnFailure", "rollForward"}) {
-        track(one);
-        driver->failing.clear();
-        start({volume}, FULL);
-        driver->failing = {failing};
-        EXPECT_EQ(endFailure({volume}), noDevice) << failing;
-        EXPECT_FALSE(driver->devices.contains(one)) << failing;
-    }
-}
-
-TEST_F(SnapshotSessionControlTest, AMergeThatBrokeOffCostsTheDevice) {
-    const auto volume = makeVolume(one);
-    track(one);
-    driver->failing = {"rollForward"};
-    EXPECT_EQ(startFailure({volume}), "Failed to roll forward!");
-    driver->failing.clear();
-    EXPECT_EQ(endFailure({volume}), noDevice);
-    EXPECT_THAT(driver->calls, Not(Contains("makeHistory " + one)));
-}
-
-/// It has lost count, so nobody knows what the image lacks.
-TEST_F(SnapshotSessionControlTest, ADriverErrorBeforeAFailedBackupOfAnotherTypeCostsTheDevice) {
-    const auto volume = makeVolume(one);
-    track(one, "/.tolvu", 2, 5);
-    start({volume}, DIFFERENTIAL_MERGE);
-    EXPECT_EQ(endFailure({volume}), noDevice);
-}
-
-TEST_F(SnapshotSessionControlTest, AnIncrementalWhoseDeviceGoesMeanwhileIsNone) {
-    const auto volume = makeVolume(one);
-    track(one);
-    driver->lookups = 2;
-    EXPECT_FALSE(start({volume}).at(one).incrementalPreserved);
-    EXPECT_THAT(driver->calls, Not(Contains("rollForward " + one)));
-}
-
-TEST_F(SnapshotSessionControlTest, AFailedBackupOfAnotherTypeKeepsWhatEarlierOnesOwe) {
-    const auto volume = makeVolume(one);
-    for (const std::uint32_t type : {FULL, DIFFERENTIAL_MERGE}) {
-        track(one);
-        writeCowFile(one, ".tolvu", 0);
-        writeCowFile(one, ".tolvu1", 0);
-        start({volume}, type);
-        driver->calls.clear();
-        control->transitionToIncremental({volume}, false);
-        EXPECT_THAT(driver->calls, ElementsAre("rollForward " + one, "makeHistory " + one,
-                                               "revertOnFailure " + one, "transitionToIncremental " + one));
-    }
-}
-
-TEST_F(SnapshotSessionControlTest, NothingIsKeptOfAFirstSnapshotThatFails) {
-    const auto volume = makeVolume(one);
-    start({volume}, FULL);
-    driver->calls.clear();
-    EXPECT_EQ(endFailure({volume}), noDevice);
-    EXPECT_THAT(driver->calls, Not(Contains("rollForward " + one)));
-    EXPECT_THAT(driver->calls, Not(Contains("makeHistory " + one)));
-}
-
-TEST_F(SnapshotSessionControlTest, ADeviceThatGoesBeforeItsOldFileIsRemoved) {
-    const auto volume = makeVolume(one);
-    writeCowFile(one, ".tolvu1", 0);
-    track(one, "/.tolvu", 3);
-    driver->lookups = 2;
-    EXPECT_TRUE(control->transitionToIncremental({volume}, true).at(one).incrementalPreserved);
-    EXPECT_TRUE(log.has(warning, "Unable to get device info for: /dev/disk1"));
-    EXPECT_TRUE(file::exists(mountPoint(one) + "/.tolvu1"));
-}
-
-TEST_F(SnapshotSessionControlTest, ADeviceThatIsGoneAtTheEnd) {
-    const auto volume = makeVolume(one);
-    driver->failing = {"transitionToIncremental"};
-    EXPECT_EQ(messageOf<std::runtime_error>([&] { control->transitionToIncremental({volume}, false); }),
-              "Unable to determine incremental bitmap file name. No device available.");
-    EXPECT_TRUE(log.has(debug, "Device not found for " + one + " (" + mountPoint(one) +
-                                   "), must not be in tracking mode."));
-}
-
-/// Each call to the driver fails in turn, in a session of each type whose backup then fails.
-class EveryFailingDriverCall : public SnapshotSessionFixture,
-                               public testing::WithParamInterface<std::uint32_t> {
-protected:
-    /// A session of a tracked volume. False if the call that was to fail has not come.
-    bool run(int call) {
-        volume = makeVolume(one);
-        driver->calls.clear();
-        driver->devices.clear();
-        track(one);
-        test::FailingCall failing(call);
-        control = std::make_unique<SnapshotSessionControl>(
-            log.logger, sizes, std::make_unique<test::FaultyDriverController>(fake, failing), extension);
-        attempt([&] { start({volume}, GetParam()); });
-        attempt([&] { control->transitionToIncremental({volume}, false); });
-        return failing.hasCome();
-    }
-
-    [[nodiscard]] bool isTracked() const {
-        const auto device = driver->devices.find(one);
-        return device != driver->devices.end() && device->second.state == info::driver_state::tracking;
-    }
-
-    [[nodiscard]] bool hasDone(const std::string& call) const {
-        return std::find(driver->calls.begin(), driver->calls.end(), call + " " + one) != driver->calls.end();
-    }
-
-    std::shared_ptr<TestVolume> volume;
-    test::FakeDriverController fake;
-
-private:
-    template <typename Step>
-    static void attempt(const Step& step) {
-        try {
-            step();
-        } catch (const std::runtime_error&) { // NOLINT(bugprone-empty-catch): what it leaves is looked at
-        }
-    }
-};
-
-TEST_P(EveryFailingDriverCall, TracksOnlyWhatIsStillOwed) {
-    driver = &fake;
-    int tracked = 0;
-    for (int call = 1; run(call); ++call) {
-        SCOPED_TRACE("call " + std::to_string(call));
-        if (isTracked() && hasDone("startSnapshot")) {
-            ++tracked;
-            EXPECT_TRUE(hasDone("rollForward"));
-            EXPECT_TRUE(hasDone("makeHistory"));
-        }
-    }
-    EXPECT_TRUE(isTracked()); // where nothing has failed
-    EXPECT_TRUE(hasDone("rollForward"));
-    EXPECT_TRUE(hasDone("makeHistory"));
-    EXPECT_GT(tracked, 0);
-}
-
-INSTANTIATE_TEST_SUITE_P(Types, EveryFailingDriverCall,
-                         testing::Values(std::uint32_t{FULL}, std::uint32_t{INCREMENTAL},
-                                         std::uint32_t{DIFFERENTIAL_MERGE}));
 
 } // namespace
 } // namespace agent::core::backup

@@ -25,12 +25,12 @@ inline const std::string mountRoot = "/tmp/tolvuMountRoot";
 inline const std::string one = "11111111-1111-1111-1111-111111111111";
 inline const std::string two = "22222222-2222-2222-2222-222222222222";
 
-/// What a volume of `size` bytes needs free.
+/// How much space must be free on a volume of `size` bytes.
 constexpr std::uint64_t required(std::uint64_t size) {
     return cowMiB * 1048576 + 8 + 8 * (size / 4096);
 }
 
-/// A volume that says itself how much of it is free.
+/// A volume whose free space the test sets.
 class TestVolume : public info::BackupableVolume {
 public:
     explicit TestVolume(info::VolumeDescription description)
@@ -53,10 +53,10 @@ public:
     std::string asked;
 };
 
-/// A session over a driver that is none, with volumes that are directories of the test's own.
+/// A session with a fake driver and with volumes that are directories of the test.
 class SnapshotSessionFixture : public testing::Test {
 protected:
-    static constexpr std::uint64_t size = 10 * 1048576 + 100; // no whole number of blocks
+    static constexpr std::uint64_t size = 10 * 1048576 + 100; // not a whole number of blocks
 
     SnapshotSessionFixture() {
         auto owned = std::make_unique<test::FakeDriverController>();
@@ -109,7 +109,7 @@ protected:
         test::writeFile(mountPoint(uuid) + "/" + name, header + std::string(20480, '\0'));
     }
 
-    /// A device that is tracked, with its record of changes.
+    /// Adds a device, by default a tracked one, whose bitmap of changes is in `cowFile`.
     void track(const std::string& uuid, const std::string& cowFile = "/.tolvu", std::int32_t state = 2,
                std::int32_t deviceError = 0) {
         driver->devices[uuid] = {7, state, cowFile, "/dev/whatever", deviceError};
@@ -125,7 +125,7 @@ protected:
                                        SnapshotAttributes(0, {}, 0));
     }
 
-    /// The message of the failure that must come.
+    /// The message of the failure to start, which must happen.
     std::string startFailure(const SnapshotSessionControl::Volumes& volumes,
                              std::uint32_t type = INCREMENTAL) {
         return test::messageOf<std::runtime_error>([&] { start(volumes, type); });

@@ -37,7 +37,7 @@ using testing::StartsWith;
 
 const testing::Environment* const environment = testing::AddGlobalTestEnvironment(new test::BusAddress);
 
-/// A login manager that gives each call the reply that `answer` makes of it, or none where that is nothing.
+/// A login manager that replies to each call with what `answer` makes of it, or not at all if that is null.
 class LoginManagerStub {
 public:
     using Answer = std::function<::DBusMessage*(::DBusMessage*)>;
@@ -58,7 +58,7 @@ public:
         dbus_connection_unref(connection);
     }
 
-    /// What was asked for; to be read when a call has returned.
+    /// The requests so far. Read them only after the call has returned.
     std::vector<std::string> asked;
 
 private:
@@ -106,11 +106,11 @@ private:
 
 class SleepLock : public testing::Test {
 protected:
-    /// Not in SetUp, which comes after the bus of a derived fixture.
+    /// In the constructor, since SetUp() runs after a derived fixture has started its bus.
     SleepLock() { ::unlink(busSocket.c_str()); }
 
-    /// Makes a lock that fails and ends it. Returns the warning that the one begins with; that of the other
-    /// end, and that nothing is left open, is checked here.
+    /// Makes a lock that fails, and destroys it. Returns the warning of the constructor; checks the
+    /// destructor's warning and that no descriptor leaks.
     std::string warningOfFailedLock() {
         const std::size_t descriptors = test::openDescriptors();
         {
@@ -168,7 +168,7 @@ TEST_F(SleepLock, EmptyReplyHoldsNothing) {
     EXPECT_THAT(warningOfFailedLock(), StartsWith("Could not prevent system sleep: Argument 0 is specified"));
 }
 
-/// A pipe whose writing end is handed out as the lock.
+/// A pipe whose write end is handed out as the lock.
 class SleepLockWithAReply : public SleepLock {
 protected:
     SleepLockWithAReply() {
@@ -180,7 +180,7 @@ protected:
         given = os::FileDescriptor(ends[1]);
     }
 
-    /// Answers with the writing end, which is then the caller's alone.
+    /// Replies with the write end, which only the caller then holds.
     ::DBusMessage* giveLock(::DBusMessage* call) {
         ::DBusMessage* message = dbus_message_new_method_return(call);
         const int descriptor = given.get();
@@ -189,7 +189,7 @@ protected:
         return message;
     }
 
-    /// True if the last writing end is closed within the time.
+    /// True if the last copy of the write end is closed before the timeout.
     [[nodiscard]] bool isReleased(int milliseconds) const {
         ::pollfd state{watched.get(), 0, 0};
         return ::poll(&state, 1, milliseconds) == 1 && (state.revents & POLLHUP) != 0;
@@ -221,7 +221,7 @@ TEST_F(SleepLockWithAReply, NeedsNoConnectionAndLeaksNone) {
     const std::size_t descriptors = test::openDescriptors();
     {
         const SystemSleepLock lock(log.logger);
-        // One more for the lock, one less that was given; the stub may still be closing its copy.
+        // One more for the lock, one less that was given away. The stub may still be closing its copy.
         EXPECT_TRUE(test::eventually([&] { return test::openDescriptors() == descriptors; }));
     }
     EXPECT_EQ(test::openDescriptors(), descriptors - 1);

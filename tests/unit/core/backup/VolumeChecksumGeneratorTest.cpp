@@ -12,11 +12,11 @@ namespace {
 constexpr std::size_t regionBytes = 10485760;
 using db::ChecksumType;
 
-// The sums of 10 MiB of zeros, as other implementations have them.
+// The checksums of 10 MiB of zeros, computed by other implementations.
 constexpr std::uint32_t crc32OfZeros = 0x9eca2acc;
 constexpr std::uint32_t crc32cOfZeros = 0x08f2709b;
 
-/// Notes whether all reads would do for direct I/O.
+/// Checks that all reads are aligned for direct I/O.
 class AlignmentCheck : public test::FakeTransport {
 public:
     using FakeTransport::FakeTransport;

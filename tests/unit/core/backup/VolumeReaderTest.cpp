@@ -64,7 +64,7 @@ TEST_F(VolumeReaderTest, AsksForDirectIo) {
     EXPECT_EQ((::fcntl(reader.getFd(), F_GETFL) & O_DIRECT) != 0, isPossible);
 }
 
-// /proc knows no direct I/O.
+// /proc doesn't support direct I/O.
 TEST_F(VolumeReaderTest, FileSystemWithoutDirectIoIsReadAllTheSame) {
     ASSERT_EQ(::open("/proc/self/status", O_RDONLY | O_DIRECT | O_CLOEXEC), -1);
     ASSERT_EQ(errno, EINVAL);

@@ -3,7 +3,7 @@
 #include "core/block/BitRangeFinderFactory.h"
 #include "core/block/U64RangeFinder.h"
 #include "support/Messages.h"
-#include "support/PlainRanges.h"
+#include "support/ReferenceRanges.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -29,13 +29,13 @@ struct Flags {
 constexpr std::array<Flags, 4> everyFlags = {{{false, false}, {false, true}, {true, false}, {true, true}}};
 
 Ranges find(Flags flags, const Bytes& bitmap, std::uint64_t bits) {
-    // A copy that ends with the last valid bit, so that the sanitizer sees every byte read behind it.
+    // A copy that ends with the last valid bit, so that AddressSanitizer reports reads past it.
     const Bytes exact(bitmap.begin(), bitmap.begin() + static_cast<std::ptrdiff_t>((bits + 7) / 8));
     return BitRangeFinder(flags.targetValue, flags.msbFirst).findRanges(exact.data(), bits);
 }
 
 Ranges plain(Flags flags, const Bytes& bitmap, std::uint64_t bits) {
-    return test::plainBitRanges(bitmap.data(), bits, flags.targetValue, flags.msbFirst);
+    return test::referenceBitRanges(bitmap.data(), bits, flags.targetValue, flags.msbFirst);
 }
 
 TEST(BitRangeFinder, RefusesNoBitmap) {
@@ -76,7 +76,8 @@ TEST(BitRangeFinder, RunsGoOnAcrossBytesWordsAndStrides) {
     }
 }
 
-/// Every length, so that whole words, the bytes behind them and the partial byte meet in every way.
+/// Every length, so that whole words, the bytes after them and the last partial byte occur in every
+/// combination.
 TEST(BitRangeFinder, AgreesWithEveryBitAtEveryLength) {
     std::mt19937_64 random(20260302);
     for (std::uint64_t bits = 1; bits <= 1300; ++bits) {
@@ -88,7 +89,7 @@ TEST(BitRangeFinder, AgreesWithEveryBitAtEveryLength) {
     }
 }
 
-/// A bitmap of runs whose longest is 1 to 2048 bits.
+/// A random bitmap of runs of up to `longest` bits, which is itself random, 1 to 2048.
 Bytes bitmapOfRuns(std::mt19937_64& random, std::uint64_t bits) {
     Bytes bitmap((bits + 7) / 8);
     const std::uint64_t longest = std::uint64_t{1} << random() % 12;
@@ -124,7 +125,7 @@ TEST(BitRangeFinder, BitmapNeedsNoAlignment) {
         const std::uint64_t bits = 4096 - shift * 8;
         const BitRangeFinder finder(true, false);
         ASSERT_EQ(finder.findRanges(bitmap.data() + shift, bits),
-                  test::plainBitRanges(bitmap.data() + shift, bits, true, false));
+                  test::referenceBitRanges(bitmap.data() + shift, bits, true, false));
     }
 }
 
@@ -155,8 +156,8 @@ TEST(U64RangeFinder, AgreesWithEveryWordAtAnyAddress) {
         }
         std::memcpy(first, words.data(), count * 8);
         for (const bool target : {false, true}) {
-            const Ranges expected =
-                test::plainRuns(count, [&](std::uint64_t index) { return (words[index] != 0) == target; });
+            const Ranges expected = test::referenceRuns(
+                count, [&](std::uint64_t index) { return (words[index] != 0) == target; });
             ASSERT_EQ(U64RangeFinder(target).findRanges(first, count), expected) << count;
         }
     }

@@ -1,6 +1,6 @@
 #include "core/block/BitRunTable.h"
 
-#include "support/PlainRanges.h"
+#include "support/ReferenceRanges.h"
 
 #include <gtest/gtest.h>
 
@@ -29,14 +29,14 @@ TEST(BitRunTable, EveryRowAgreesWithItsBits) {
     for (unsigned value = 0; value < 256; ++value) {
         const auto byte = static_cast<std::uint8_t>(value);
         const BitRuns& row = bitRunTable[byte];
-        const std::vector<BlockRange> runs = test::plainBitRanges(&byte, 8, true, true);
+        const std::vector<BlockRange> runs = test::referenceBitRanges(&byte, 8, true, true);
         ASSERT_EQ(row.runCount, runs.size()) << value;
         for (std::size_t run = 0; run < runs.size(); ++run) {
             ASSERT_EQ(row.runs[run].runStart, runs[run].start) << value;
             ASSERT_EQ(row.runs[run].runLength, runs[run].length) << value;
         }
-        ASSERT_EQ(row.firstBitSet, test::plainBit(&byte, 0, true) ? 1 : 0) << value;
-        ASSERT_EQ(row.lastBitSet, test::plainBit(&byte, 7, true) ? 1 : 0) << value;
+        ASSERT_EQ(row.firstBitSet, test::referenceBit(&byte, 0, true) ? 1 : 0) << value;
+        ASSERT_EQ(row.lastBitSet, test::referenceBit(&byte, 7, true) ? 1 : 0) << value;
     }
 }
 
@@ -46,7 +46,8 @@ TEST(BitReversalTable, TurnsEveryByteAround) {
         const auto byte = static_cast<std::uint8_t>(value);
         const std::uint8_t reversed = bitReversalTable[byte];
         for (std::uint64_t bit = 0; bit < 8; ++bit) {
-            ASSERT_EQ(test::plainBit(&byte, bit, true), test::plainBit(&reversed, bit, false)) << value;
+            ASSERT_EQ(test::referenceBit(&byte, bit, true), test::referenceBit(&reversed, bit, false))
+                << value;
         }
     }
 }

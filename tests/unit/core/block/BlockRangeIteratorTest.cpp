@@ -2,7 +2,7 @@
 
 #include "support/FixedRanges.h"
 #include "support/Messages.h"
-#include "support/PlainRanges.h"
+#include "support/ReferenceRanges.h"
 
 #include <gtest/gtest.h>
 

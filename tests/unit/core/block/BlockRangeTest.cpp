@@ -52,7 +52,7 @@ TEST(ScaleDown, RemainderIsTakenWithoutTheOffset) {
     EXPECT_EQ(scaleDown(4, {2, 4}, 2), (BlockRange{1, 0}));
 }
 
-/// The offset of a real map is a multiple of the factor. Every block then counts exactly if all of its
+/// The offset is a multiple of the factor, as in real bitmaps. Then a block counts exactly if all of its
 /// entries lie in the range.
 TEST(ScaleDown, AgreesWithAskingEveryBlock) {
     for (std::uint64_t factor = 1; factor <= 8; factor *= 2) {

@@ -2,9 +2,9 @@
 
 #include "support/FixedRanges.h"
 #include "support/Messages.h"
-#include "support/PlainRanges.h"
 #include "support/RangeCopies.h"
 #include "support/RecordingLogger.h"
+#include "support/ReferenceRanges.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -110,12 +110,12 @@ TEST_F(ChunkRangeProviderTest, AgreesWithCountingBlocks) {
             next = ranges.back().end() + random() % 10;
         }
         const std::uint64_t most = 1 + random() % 30;
-        ASSERT_EQ(allOf(cut(ranges, most)), test::plainChunks(ranges, most)) << round;
+        ASSERT_EQ(allOf(cut(ranges, most)), test::referenceChunks(ranges, most)) << round;
         log.clear();
     }
 }
 
-/// The lines of a loop over millions of ranges aren't even put together where nobody reads them.
+/// A loop over millions of ranges must not even format log lines that the level suppresses.
 TEST(ChunkRangeProviderQuiet, LinesThatNobodyReadsAreNotMade) {
     std::vector<std::string> lines;
     info::Logger quiet([&](const std::string& text, int, info::LogTime) { lines.push_back(text); },

@@ -4,9 +4,9 @@
 #include "core/block/UnusedBlockRangeExcluder.h"
 #include "support/FixedRanges.h"
 #include "support/Messages.h"
-#include "support/PlainRanges.h"
 #include "support/RangeCopies.h"
 #include "support/RecordingLogger.h"
+#include "support/ReferenceRanges.h"
 #include "support/TestDirectory.h"
 
 #include <gmock/gmock.h>
@@ -35,7 +35,7 @@ std::shared_ptr<const info::BackupableVolume> volumeOf(std::uint32_t blockSize,
     return std::make_shared<info::BackupableVolume>(description);
 }
 
-/// What a map's provider answers, fetch by fetch, and then 0 or what it is told to.
+/// The results of the bitmap provider: these chunks in order, then `last` forever.
 struct Answers {
     struct Chunk {
         Bytes bytes;
@@ -258,7 +258,8 @@ TEST_F(UnchangedBlockRangeExcluderTest, SizeAndNameAreKnownBeforehand) {
 
 class FactoryTest : public testing::Test {
 protected:
-    /// What is copied of a volume of `total` blocks if only the map of changes excludes any.
+    /// The ranges of a volume of `total` blocks that are copied if only the bitmap of changes excludes
+    /// blocks.
     std::vector<BlockRange> changed(const Words& map, std::uint64_t entries, std::uint64_t total) {
         test::writeFile(directory / "map", std::string(100, 'x') + asText(map));
         const BlockRangeProviderFactory factory(log.logger, volumeOf(4096, total));

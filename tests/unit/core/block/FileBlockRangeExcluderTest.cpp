@@ -1,45 +1,29 @@
-#include "core/block/FileBlockRangeExcluder.h"
-
-#include "support/FixedRanges.h"
 #include "support/LoopFileSystem.h"
-#include "support/Messages.h"
-#include "support/PlainRanges.h"
-#include "support/RecordingLogger.h"
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
+#include "unit/core/block/FileBlockRangeExcluderFixture.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <fcntl.h>
 #include <filesystem>
 #include <regex>
-#include <stdexcept>
 #include <sys/stat.h>
 #include <unistd.h>
 
 namespace agent::core::block {
 namespace {
 
-using test::allOf;
 using test::LoopFileSystem;
 using test::outputOf;
-using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
-using testing::Not;
-using Ranges = std::vector<BlockRange>;
 
-constexpr std::uint32_t blockSize = 4096;
-
-/// A block that no file system writes of itself.
+/// A block of data that differs from any block of a file system's own structures.
 std::string block(const std::string& name, std::uint64_t number) {
     std::string text = "content of " + name + ", block " + std::to_string(number) + ".";
     text.resize(blockSize, '~');
     return text;
 }
 
-/// Two files that grow block by block in turns, so that neither can lie in one piece.
+/// Grows two files in turns, one block at a time, so that neither can be contiguous.
 void writeInTurns(const LoopFileSystem& fileSystem, std::uint64_t blocks) {
     const os::FileDescriptor first(
         ::open(fileSystem.path("first").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
@@ -56,7 +40,7 @@ void writeInTurns(const LoopFileSystem& fileSystem, std::uint64_t blocks) {
     ::sync();
 }
 
-/// Where filefrag says that a file lies.
+/// The extents of a file as filefrag reports them.
 Ranges filefrag(const std::string& path) {
     const std::string output = outputOf("filefrag -v -b4096 " + path);
     const std::regex extent(R"(\n +\d+: +\d+\.\. +\d+: +(\d+)\.\. +\d+: +(\d+):)");
@@ -76,36 +60,7 @@ std::uint64_t blocksOf(const Ranges& ranges) {
     return blocks;
 }
 
-class FileBlockRangeExcluderTest : public testing::Test {
-protected:
-    Ranges excluded(const std::string& path, std::uint32_t size = blockSize,
-                    const ExtentQuery& query = queryExtents) {
-        return allOf(FileBlockRangeExcluder(log.logger, size, path, query));
-    }
-
-    /// The one warning there is.
-    [[nodiscard]] std::string warning() const {
-        std::string text;
-        for (const test::RecordingLogger::Line& line : log.lines()) {
-            EXPECT_THAT(line.level, testing::AnyOf(info::level::debug, info::level::warning)) << line.text;
-            if (line.level == info::level::warning) {
-                EXPECT_EQ(text, "");
-                text = line.text;
-            }
-        }
-        return text;
-    }
-
-    test::TestDirectory directory;
-    test::RecordingLogger log;
-};
-
-std::string notExcluded(const std::string& path, const std::string& why) {
-    return "Failed to get extents of excluded file \"" + path +
-           "\", blocks will not be excluded. Error: " + why;
-}
-
-/// The kernel's own file systems.
+/// File systems of the kernel.
 class FileSystemsTest : public FileBlockRangeExcluderTest, public testing::WithParamInterface<const char*> {
 protected:
     LoopFileSystem fileSystem{GetParam()};
@@ -115,6 +70,8 @@ INSTANTIATE_TEST_SUITE_P(Kernel, FileSystemsTest,
                          testing::Values("mkfs.ext4 -q -b 4096", "mkfs.ext2 -q -b 4096",
                                          "mkfs.xfs -q -b size=4096"));
 
+/// Excluding a wrong block would leave data out of the image, so the contents of each excluded block are
+/// checked.
 TEST_P(FileSystemsTest, FragmentedFileIsExcludedWhereItLies) {
     writeInTurns(fileSystem, 60);
     const std::string path = fileSystem.path("second");
@@ -150,7 +107,7 @@ TEST_P(FileSystemsTest, HolesAreNotExcluded) {
     outputOf("sync");
     const Ranges ranges = excluded(path);
     EXPECT_EQ(ranges, filefrag(path));
-    EXPECT_LT(blocksOf(ranges), 100U); // XFS reserves some behind the end
+    EXPECT_LT(blocksOf(ranges), 100U); // XFS preallocates some past the end
 }
 
 TEST_P(FileSystemsTest, EmptyFileHasNoExtents) {
@@ -162,7 +119,7 @@ TEST_P(FileSystemsTest, EmptyFileHasNoExtents) {
                                                 path + "\")"));
 }
 
-/// What has no place on the disk yet is reported at block 0, which is somebody else's.
+/// FIEMAP reports delayed allocations at block 0, which doesn't belong to the file.
 TEST_P(FileSystemsTest, WhatIsStillInMemoryIsNotExcluded) {
     const std::string path = fileSystem.path("fresh");
     test::writeFile(path, block("fresh", 0));
@@ -172,7 +129,7 @@ TEST_P(FileSystemsTest, WhatIsStillInMemoryIsNotExcluded) {
     EXPECT_EQ(warning(), "");
 }
 
-/// Asks the kernel, and lets something happen between the two questions.
+/// Asks the kernel, and runs a command between the two FIEMAP calls.
 ExtentQuery interrupted(const std::string& command) {
     return [command, asked = 0](int descriptor, fiemap& request) mutable {
         if (asked++ == 1) {
@@ -224,7 +181,7 @@ TEST_F(ExtentsTest, BlocksThatAreOnlyReservedBelongToTheFile) {
     }
 }
 
-// A copy of the file, made by whoever can read it, lives in the same blocks.
+// A reflink copy of the file, which any user who can read the file can make, uses the same blocks.
 TEST_F(ExtentsTest, BlocksThatAReflinkSharesAreNotExcluded) {
     const LoopFileSystem fileSystem("mkfs.xfs -q -b size=4096 -m reflink=1");
     const std::string path = fileSystem.path("file");
@@ -233,7 +190,7 @@ TEST_F(ExtentsTest, BlocksThatAReflinkSharesAreNotExcluded) {
     outputOf("cp --reflink=always " + path + " " + fileSystem.path("copy"));
     outputOf("head -c 8192 /dev/urandom | dd of=" + path + " bs=4096 seek=3 conv=notrunc,fsync status=none");
     const Ranges ranges = excluded(path);
-    EXPECT_EQ(blocksOf(ranges), 2U); // those that were written since are the file's own again
+    EXPECT_EQ(blocksOf(ranges), 2U); // blocks written since then belong to the file alone again
     EXPECT_THAT(outputOf("filefrag -v " + path), HasSubstr("shared"));
     EXPECT_EQ(warning(), "");
 }
@@ -281,7 +238,7 @@ TEST_F(FileBlockRangeExcluderTest, UnknownBlockSizeExcludesNothing) {
 }
 
 TEST_F(FileBlockRangeExcluderTest, FileSystemThatCannotTellExcludesNothing) {
-    const std::string path = directory / "file"; // in memory
+    const std::string path = directory / "file"; // on tmpfs
     test::writeFile(path, "x");
     EXPECT_THAT(excluded(path), IsEmpty());
     EXPECT_THAT(warning(),
@@ -303,116 +260,6 @@ TEST_F(FileBlockRangeExcluderTest, WhatIsNoFileExcludesNothing) {
     EXPECT_THAT(excluded(link), IsEmpty());
     EXPECT_THAT(warning(),
                 HasSubstr("Failed to open handle to file \"" + link + "\", error: Too many levels"));
-}
-
-/// A query with answers of its own: what the kernel never says, or can't be made to.
-ExtentQuery answering(std::uint32_t first, std::uint32_t second,
-                      const std::vector<fiemap_extent>& extents = {}) {
-    return [=, asked = 0](int, fiemap& request) mutable {
-        request.fm_mapped_extents = asked++ == 0 ? first : second;
-        std::copy_n(extents.begin(), std::min<std::size_t>(request.fm_extent_count, extents.size()),
-                    static_cast<fiemap_extent*>(request.fm_extents));
-        return 0;
-    };
-}
-
-fiemap_extent extentOf(std::uint64_t physical, std::uint64_t length, std::uint32_t flags) {
-    fiemap_extent extent{};
-    extent.fe_physical = physical;
-    extent.fe_length = length;
-    extent.fe_flags = flags;
-    return extent;
-}
-
-class ExtentAnswersTest : public FileBlockRangeExcluderTest {
-protected:
-    void SetUp() override { test::writeFile(path, "x"); }
-    std::string path = directory / "file";
-};
-
-TEST_F(ExtentAnswersTest, RangesAreSortedAndNotMerged) {
-    const std::vector<fiemap_extent> extents = {extentOf(90'000, 9000, 0), extentOf(8192, 8191, 0),
-                                                extentOf(16'384, 4096, 0),
-                                                extentOf(8192, 4096, FIEMAP_EXTENT_LAST)};
-    EXPECT_THAT(excluded(path, blockSize, answering(4, 4, extents)),
-                ElementsAre(BlockRange{2, 1}, BlockRange{2, 1}, BlockRange{4, 1}, BlockRange{21, 2}));
-    EXPECT_EQ(warning(), "");
-}
-
-TEST_F(ExtentAnswersTest, LastExtentEndsTheWalk) {
-    const std::vector<fiemap_extent> extents = {extentOf(4096, 4096, FIEMAP_EXTENT_LAST),
-                                                extentOf(8192, 4096, 0)};
-    EXPECT_THAT(excluded(path, blockSize, answering(2, 2, extents)), ElementsAre(BlockRange{1, 1}));
-    EXPECT_THAT(warning(), HasSubstr("(expected 2, got 1)"));
-}
-
-TEST_F(ExtentAnswersTest, UnknownPlacesAreNotExcluded) {
-    const std::vector<fiemap_extent> extents = {
-        extentOf(0, 8192, FIEMAP_EXTENT_UNKNOWN | FIEMAP_EXTENT_DELALLOC),
-        extentOf(4096, 4096, FIEMAP_EXTENT_UNKNOWN),
-        extentOf(8192, 4096, FIEMAP_EXTENT_UNWRITTEN | FIEMAP_EXTENT_LAST)};
-    EXPECT_THAT(excluded(path, blockSize, answering(3, 3, extents)), ElementsAre(BlockRange{2, 1}));
-    EXPECT_EQ(warning(), "");
-}
-
-TEST_F(ExtentAnswersTest, BlocksThatOthersHaveAShareInAreNotExcluded) {
-    const std::vector<fiemap_extent> extents = {
-        extentOf(4096, 4096, FIEMAP_EXTENT_SHARED),
-        extentOf(8192, 4096, FIEMAP_EXTENT_SHARED | FIEMAP_EXTENT_UNWRITTEN),
-        extentOf(12'288, 4096, FIEMAP_EXTENT_NOT_ALIGNED | FIEMAP_EXTENT_DATA_TAIL),
-        extentOf(16'384, 4096, FIEMAP_EXTENT_LAST)};
-    EXPECT_THAT(excluded(path, blockSize, answering(4, 4, extents)), ElementsAre(BlockRange{4, 1}));
-    EXPECT_EQ(warning(), "");
-}
-
-TEST_F(ExtentAnswersTest, MoreExtentsThanRoomAreNotRead) {
-    const std::vector<fiemap_extent> extents = {extentOf(4096, 4096, 0), extentOf(8192, 4096, 0)};
-    EXPECT_THAT(excluded(path, blockSize, answering(1, 1'000'000, extents)), ElementsAre(BlockRange{1, 1}));
-    EXPECT_THAT(warning(), HasSubstr("(expected 1, but got some amount more)"));
-}
-
-TEST_F(ExtentAnswersTest, AbsurdNumbersOfExtentsAreRefused) {
-    for (const std::uint32_t count : {(1U << 20U) + 1, 0xffffffffU}) {
-        log.clear();
-        EXPECT_THAT(excluded(path, blockSize, answering(count, 0)), IsEmpty());
-        EXPECT_EQ(warning(), notExcluded(path, "the file lies in too many pieces"));
-    }
-}
-
-TEST_F(ExtentAnswersTest, FailureOfTheSecondQuestionExcludesNothing) {
-    const ExtentQuery query = [asked = 0](int, fiemap& request) mutable {
-        request.fm_mapped_extents = 1;
-        errno = EIO;
-        return asked++ == 0 ? 0 : -1;
-    };
-    EXPECT_THAT(excluded(path, blockSize, query), IsEmpty());
-    EXPECT_THAT(warning(), testing::StartsWith(notExcluded(path, "FIEMAP IoCtl for excluded file \"" + path +
-                                                                     "\" failed, error Input/output error")));
-}
-
-TEST_F(ExtentAnswersTest, FailureToCloseIsOnlyAWarning) {
-    const ExtentQuery query = [asked = 0](int descriptor, fiemap& request) mutable {
-        request.fm_mapped_extents = 0;
-        return asked++ == 0 ? 0 : ::close(descriptor);
-    };
-    EXPECT_THAT(excluded(path, blockSize, query), IsEmpty());
-    EXPECT_EQ(warning(),
-              "Failed to close file handle to excluded file \"" + path + "\": Bad file descriptor");
-}
-
-TEST_F(ExtentAnswersTest, IteratorsWalkByPosition) {
-    const std::vector<fiemap_extent> extents = {extentOf(4096, 4096, 0),
-                                                extentOf(8192, 4096, FIEMAP_EXTENT_LAST)};
-    const FileBlockRangeExcluder excluder(log.logger, blockSize, path, answering(2, 2, extents));
-    FileBlockRangeExcluder::iterator iterator(excluder, 0);
-    const FileBlockRangeExcluder::iterator before = iterator++;
-    EXPECT_EQ(*before, (BlockRange{1, 1}));
-    EXPECT_EQ(*iterator, (BlockRange{2, 1}));
-    ++iterator;
-    ++iterator;
-    EXPECT_EQ(test::messageOf<std::out_of_range>([&] { (void)*iterator; }),
-              "Tried to get past-the-end of File Block Range Excluder (\"" + path + "\")");
-    EXPECT_TRUE(iterator == FileBlockRangeExcluder::iterator(excluder, 2));
 }
 
 } // namespace

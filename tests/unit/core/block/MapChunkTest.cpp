@@ -2,7 +2,7 @@
 
 #include "core/block/BitRangeFinder.h"
 #include "core/block/U64RangeFinder.h"
-#include "support/PlainRanges.h"
+#include "support/ReferenceRanges.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -60,7 +60,8 @@ TEST(MapChunk, WordsAreElementsToo) {
     EXPECT_THAT(restOf(chunk), ElementsAre(BlockRange{0, 2}, BlockRange{3, 2}));
 }
 
-/// A bitmap of many slices, with runs from one bit to several slices, some of which end where a slice ends.
+/// A bitmap of many slices. Its runs are one bit to several slices long, and some end exactly where a slice
+/// ends.
 Bytes bitmapOfSlices(std::mt19937_64& random) {
     Bytes bitmap(400'000 + random() % 100'000);
     std::size_t byte = 0;

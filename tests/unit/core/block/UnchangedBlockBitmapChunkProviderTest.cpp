@@ -32,7 +32,7 @@ protected:
         return bytes;
     }
 
-    /// The result, and the words that have been read, from a buffer with room for `room`.
+    /// Fetches words into a buffer for `room` words, kept in `read`. Returns the provider's result.
     std::int64_t fetch(std::uint64_t start, std::size_t room) {
         read.assign(room, 0xdead);
         UnchangedBlockBitmapChunkProvider provider(log.logger, info);
@@ -60,7 +60,7 @@ TEST_F(UnchangedBlockBitmapChunkProviderTest, ReadsWhatFitsTheBuffer) {
     EXPECT_THAT(log.lines(), IsEmpty());
 }
 
-/// The map of a large volume has gigabytes of them.
+/// The bitmap of a large volume has gigabytes of holes.
 TEST_F(UnchangedBlockBitmapChunkProviderTest, HolesAreUnchangedWithoutBeingRead) {
     test::writeFile(info.fileName, "");
     info.bitmapEntries = 1U << 20U;

@@ -22,7 +22,7 @@ struct Written {
     std::string bitmap;
 };
 
-/// Into a file, because a string can't be sought behind its end.
+/// Writes to a file, because a string stream can't be positioned past its end.
 Written write(const Ranges& ranges, std::uint64_t totalBits, std::uint64_t baseOffset, bool msbFirst) {
     const test::TestDirectory directory;
     const std::string path = directory / "bitmap";
@@ -32,7 +32,7 @@ Written write(const Ranges& ranges, std::uint64_t totalBits, std::uint64_t baseO
     return {bitsSet, test::readFile(path)};
 }
 
-/// What is written for `ranges`, most significant bits first.
+/// The bitmap that is written for `ranges`, most significant bits first.
 std::string bitmapOf(const Ranges& ranges, std::uint64_t totalBits, std::uint64_t baseOffset = 0) {
     return write(ranges, totalBits, baseOffset, true).bitmap;
 }
@@ -104,7 +104,7 @@ TEST(WriteBlockRanges, WrittenRangesAreFoundAgain) {
     }
 }
 
-/// A bitmap that has no bytes has no last byte that could be written.
+/// A bitmap of zero bytes has no last byte to write.
 TEST(WriteBlockRanges, NothingToSizeIsAnError) {
     const test::TestDirectory directory;
     std::ofstream out((directory / "bitmap").str());

@@ -132,7 +132,7 @@ TEST(BufferChecksumGeneratorFactory, MakesTheGeneratorOfTheType) {
     EXPECT_EQ(sumOfType(-1), 0xe3069283U);
 }
 
-/// The first use of the library sets it up, from whichever thread it comes.
+/// The first use of the library initializes it, on whichever thread that happens.
 TEST(BufferChecksumGenerators, AreSafeFromAnyThread) {
     const BufferChecksumGeneratorFactory factory;
     std::vector<std::thread> threads;

@@ -21,8 +21,8 @@ bool bit(const Map& map, std::uint64_t index) {
     return (map[index / 8] >> (index % 8) & 1) != 0;
 }
 
-void plainCopy(Map& target, std::uint64_t targetBit, const Map& source, std::uint64_t sourceBit,
-               std::uint64_t count) {
+void referenceCopy(Map& target, std::uint64_t targetBit, const Map& source, std::uint64_t sourceBit,
+                   std::uint64_t count) {
     for (std::uint64_t i = 0; i < count; ++i) {
         if (bit(source, sourceBit + i)) {
             target[(targetBit + i) / 8] |= static_cast<std::uint8_t>(1U << ((targetBit + i) % 8));
@@ -30,19 +30,19 @@ void plainCopy(Map& target, std::uint64_t targetBit, const Map& source, std::uin
     }
 }
 
-void plainClear(Map& map, std::uint64_t first, std::uint64_t count) {
+void referenceClear(Map& map, std::uint64_t first, std::uint64_t count) {
     for (std::uint64_t index = first; index < first + count; ++index) {
         map[index / 8] &= static_cast<std::uint8_t>(~(1U << (index % 8)));
     }
 }
 
-void plainSet(Map& map, std::uint64_t first, std::uint64_t count) {
+void referenceSet(Map& map, std::uint64_t first, std::uint64_t count) {
     for (std::uint64_t index = first; index < first + count; ++index) {
         map[index / 8] |= static_cast<std::uint8_t>(1U << (index % 8));
     }
 }
 
-/// Memory of this process that is neither a file's nor the page of zeros that all share.
+/// The private anonymous memory of this process. The kernel's shared page of zeros doesn't count.
 std::size_t ownKibibytes() {
     std::ifstream status("/proc/self/status");
     std::string word;
@@ -69,7 +69,7 @@ private:
     std::mt19937_64 generator{20240501};
 };
 
-// Buffers end with the last bit that may be touched, so that the address sanitizer sees any byte too many.
+// Buffers end with the last bit that may be accessed, so that AddressSanitizer reports any byte beyond.
 TEST(Bits, CopyIsThatOfOneBitAtATime) {
     Random random;
     for (int round = 0; round < 200'000; ++round) {
@@ -79,7 +79,7 @@ TEST(Bits, CopyIsThatOfOneBitAtATime) {
         const Map source = random.map(sourceBit + count);
         Map expected((targetBit + count + 7) / 8);
         Map copied = expected;
-        plainCopy(expected, targetBit, source, sourceBit, count);
+        referenceCopy(expected, targetBit, source, sourceBit, count);
         copyBits(copied.data(), targetBit, source.data(), sourceBit, count);
         ASSERT_EQ(copied, expected) << targetBit << " " << sourceBit << " " << count;
     }
@@ -96,7 +96,7 @@ TEST(Bits, CopyKeepsTheBitsAroundIt) {
             expected[i / 8] &= static_cast<std::uint8_t>(~(1U << (i % 8)));
         }
         Map copied = expected;
-        plainCopy(expected, targetBit, source, 3, count);
+        referenceCopy(expected, targetBit, source, 3, count);
         copyBits(copied.data(), targetBit, source.data(), 3, count);
         ASSERT_EQ(copied, expected) << targetBit << " " << count;
     }
@@ -110,11 +110,11 @@ TEST(Bits, SettingAndClearingAreThoseOfOneBitAtATime) {
         const Map before = random.map(first + count);
         Map expected = before;
         Map changed = before;
-        plainClear(expected, first, count);
+        referenceClear(expected, first, count);
         clearBits(changed.data(), first, count);
         ASSERT_EQ(changed, expected) << first << " " << count;
         expected = changed = before;
-        plainSet(expected, first, count);
+        referenceSet(expected, first, count);
         setBits(changed.data(), first, count);
         ASSERT_EQ(changed, expected) << first << " " << count;
     }
@@ -127,7 +127,7 @@ TEST(Bits, ClearingAMapLeavesNoBit) {
         clearMap(map.data(), map.size());
         EXPECT_EQ(map, Map(bytes)) << bytes;
     }
-    for (const std::size_t last : {0U, 1U, 4095U, 4096U, 9998U}) { // the only byte that is to be cleared
+    for (const std::size_t last : {0U, 1U, 4095U, 4096U, 9998U}) { // the only byte that needs clearing
         Map map(9999);
         map[last] = 0x80;
         clearMap(map.data(), map.size());

@@ -40,7 +40,7 @@ protected:
         return FSUtil::readExactly(record.logger, volume, 512, offset, buffer.data(), length);
     }
 
-    /// Whether the buffer holds what the volume has from `offset` on.
+    /// Whether the buffer holds the volume's bytes from `offset` on.
     [[nodiscard]] bool holds(std::uint64_t offset, std::size_t length) const {
         for (std::size_t i = 0; i < length; ++i) {
             if (buffer[i] != content(offset + i)) {
@@ -56,7 +56,7 @@ protected:
     std::size_t bytesRead = 99;
 };
 
-// As for a device whose sectors couldn't be asked for.
+// As for a device whose sector size can't be determined.
 TEST_F(FSUtilTest, UnknownAlignmentIsThatOfAPage) {
     EXPECT_EQ(readChunk(5000, 100, 0), 0);
     EXPECT_TRUE(holds(5000, 100));
@@ -101,8 +101,8 @@ TEST_F(FSUtilTest, EndOfTheDeviceIsASuccessThatDeliversLess) {
     EXPECT_EQ(bytesRead, 0U);
 }
 
-// 272 bytes have arrived from 9728 on, of which the first 200 are not asked for: what is said to have been
-// delivered is more than there was, and the rest is zeros.
+// 272 bytes can be read at 9728; the first 200 precede the requested range. The reported count includes bytes
+// past the end of the volume, which are zeros.
 TEST_F(FSUtilTest, WithinAnUnalignedRangeTheEndIsNotSeen) {
     EXPECT_EQ(readChunk(9928, 100), 0);
     EXPECT_EQ(bytesRead, 100U);
@@ -141,7 +141,7 @@ TEST_F(FSUtilTest, OneReadIsOfFourMebibytesAtMost) {
     EXPECT_EQ(bytesRead, 9 * mebibyte);
 }
 
-// Each read fills the place of what it was asked for, whatever has arrived before.
+// Each read stores its data where its part of the range belongs, even if an earlier read was short.
 TEST_F(FSUtilTest, ShortReadLeavesItsRestAsItWas) {
     volume.size = 10 * mebibyte;
     volume.longest = 100;

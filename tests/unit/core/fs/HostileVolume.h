@@ -11,14 +11,14 @@
 #include <stdexcept>
 #include <vector>
 
-/// Damaged volumes: a parser may fail, but it neither reads nor writes where it must not (the sanitizers
-/// watch), nor takes longer than the volume warrants, nor tells of more than its buffer holds.
+/// Damaged volumes: a parser may fail, but it must not read or write out of bounds (the sanitizers check
+/// this), take longer than the volume justifies, or report more blocks than its buffer holds.
 namespace agent::core::fs::hostile {
 
 inline constexpr std::size_t bufferBytes = 1024;
 inline constexpr std::size_t mostReads = 10'000;
 
-/// What comes of a volume, whatever is on it; -2 if no parser knows it.
+/// Parses a volume with whatever it contains. Returns the parser's result, or -2 if no parser recognizes it.
 inline std::int64_t parse(test::MemoryVolume& volume) {
     info::Logger silent({});
     volume.requests.clear();
@@ -45,7 +45,7 @@ inline testing::AssertionResult isBounded(test::MemoryVolume& volume) {
     return testing::AssertionSuccess();
 }
 
-/// Turns each bit of [begin, end) around, one at a time.
+/// Flips each bit of [begin, end), one at a time.
 inline void expectBoundedWithEachBitFlipped(test::MemoryVolume& volume, std::uint64_t begin,
                                             std::uint64_t end) {
     for (std::uint64_t offset = begin; offset < end; ++offset) {

@@ -34,7 +34,7 @@ TEST(CancelableOperation, StopsAtTheNextCheck) {
     EXPECT_FALSE(operation.run([&](ICancel& cancel) {
         cancel.check();
         operation.cancel();
-        reached = true; // a cancel alone stops nothing
+        reached = true; // cancelling alone interrupts nothing
         cancel.check();
         FAIL() << "ran on after a cancelled check";
     }));

@@ -49,19 +49,19 @@ TEST(LineSplitter, KeepsNulBytes) {
 }
 
 TEST(LineSplitter, KeepsALineOfTheLargestLengthWhole) {
-    const std::string line(LineSplitter::longestLine, 'x');
+    const std::string line(LineSplitter::maxLineBytes, 'x');
     EXPECT_THAT(split({line + "\n"}), ElementsAre(line));
     EXPECT_THAT(split({line, "\n"}), ElementsAre(line));
 }
 
 TEST(LineSplitter, CutsALongerLineShort) {
-    const std::string line(LineSplitter::longestLine, 'x');
+    const std::string line(LineSplitter::maxLineBytes, 'x');
     EXPECT_THAT(split({line + "y\nz\n"}), ElementsAre(line, "z"));
     EXPECT_THAT(split({line, "y", "y", "\nz\n"}), ElementsAre(line, "z"));
 }
 
 TEST(LineSplitter, ADroppedBackslashStillCounts) {
-    const std::string line(LineSplitter::longestLine, 'x');
+    const std::string line(LineSplitter::maxLineBytes, 'x');
     EXPECT_THAT(split({line + "\\\nmore\nz\n"}), ElementsAre(line, "z"));
 }
 

@@ -1,7 +1,6 @@
 #include "core/script/Quiesce.h"
 
 #include "common/File.h"
-#include "common/PosixError.h"
 #include "core/script/CommandUtility.h"
 #include "core/script/LineSplitter.h"
 #include "support/ProcessState.h"
@@ -14,15 +13,11 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
-#include <fstream>
 #include <iomanip>
-#include <memory>
 #include <sstream>
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <thread>
 #include <unistd.h>
-#include <utility>
 #include <vector>
 
 namespace agent::core::script {
@@ -43,7 +38,7 @@ Path scriptDirectory() {
     return dir::base() / "pps";
 }
 
-/// Puts an executable shell script into the agent's directory of scripts.
+/// Installs an executable shell script in the agent's script directory.
 std::string install(const std::string& name, const std::string& text) {
     const std::string path = scriptDirectory() / name;
     test::writeFile(path, "#!/bin/sh\n" + text);
@@ -57,8 +52,6 @@ std::size_t highestMemoryKiB() {
     return static_cast<std::size_t>(usage.ru_maxrss);
 }
 
-// Real scripts
-
 class RealScripts : public testing::Test {
 protected:
     void SetUp() override { dir::make(scriptDirectory()); }
@@ -68,8 +61,8 @@ protected:
         EXPECT_EQ(test::openDescriptors(), descriptors);
     }
 
-    /// Runs a script; returns what it had logged of its output. Fails the test unless begin and end are
-    /// logged around it.
+    /// Runs a script; returns the lines of its output that were logged. Fails the test unless the start and
+    /// end are logged around them.
     std::vector<std::string> run(const std::string& script, std::uint32_t timeoutSeconds, bool isPre = true) {
         log.clear();
         quiesce.runScript(script, timeoutSeconds, isPre);
@@ -96,7 +89,7 @@ protected:
         return output;
     }
 
-    /// The text with which a script is refused; nothing of it has run.
+    /// The message with which a script is refused. Checks that the script didn't run.
     std::string refusal(const std::string& script) {
         log.clear();
         std::string text = "nothing thrown";
@@ -181,7 +174,7 @@ TEST_F(RealScripts, ScriptThatOthersCouldHaveWrittenIsRefused) {
     ASSERT_EQ(::chmod(path.c_str(), 0755), 0);
     ASSERT_EQ(::chown(path.c_str(), nobody, nobody), 0);
     EXPECT_EQ(refusal("script"), openTo(path, path, nobody, 0755));
-    ASSERT_EQ(::chown(path.c_str(), 0, nobody), 0); // a group that can't write decides nothing
+    ASSERT_EQ(::chown(path.c_str(), 0, nobody), 0); // a group without write permission doesn't matter
     EXPECT_THAT(run("script", 20), ElementsAre("ran"));
 }
 
@@ -252,7 +245,7 @@ TEST_F(RealScripts, WhatTheShellCannotRunIsNoError) {
     EXPECT_EQ(::symlink("nothing", dangling.c_str()), 0);
     const std::string directory = scriptDirectory() / "directory";
     dir::make(directory);
-    // Each shell has words of its own for it, and some say it twice.
+    // Shells word the error differently, and some print it twice.
     EXPECT_THAT(run("plain", 20), Contains(HasSubstr(plain)));
     EXPECT_THAT(run("dangling", 20), Contains(HasSubstr(dangling)));
     EXPECT_THAT(run("directory", 20), Contains(HasSubstr(directory)));
@@ -279,7 +272,7 @@ TEST_F(RealScripts, NulByteEndsWhatIsLoggedOfItsLine) {
     EXPECT_THAT(run("script", 20), ElementsAre("a", "c"));
 }
 
-/// The process that a script has noted its identifier of is no more, not even as a zombie.
+/// Whether the process whose PID a script wrote to a file is gone, zombies included.
 bool isGone(const std::string& pidPath) {
     const std::string pid = test::readFile(pidPath);
     return !pid.empty() && ::kill(std::stoi(pid), 0) == -1 && errno == ESRCH;
@@ -347,7 +340,7 @@ TEST_F(RealScripts, HugeLineIsReadInBoundedMemoryAndLoggedInPart) {
     install("script", "head -c 104857600 /dev/zero | tr '\\000' x\necho\necho after\n");
     const std::size_t before = highestMemoryKiB();
     const auto begin = steady_clock::now();
-    EXPECT_THAT(run("script", 200), ElementsAre(std::string(LineSplitter::longestLine, 'x'), "after"));
+    EXPECT_THAT(run("script", 200), ElementsAre(std::string(LineSplitter::maxLineBytes, 'x'), "after"));
     EXPECT_LT(steady_clock::now() - begin, std::chrono::seconds(60));
     EXPECT_LT(highestMemoryKiB() - before, 32U * 1024U);
 }
@@ -357,188 +350,6 @@ TEST_F(RealScripts, IgnoredSigchldStaysIgnored) {
     install("script", "true &\nwait $!\necho $?\nsleep 0.2\necho end\n");
     EXPECT_THAT(run("script", 20), ElementsAre("0", "end"));
     EXPECT_EQ(test::disposition(SIGCHLD).sa_handler, SIG_IGN);
-}
-
-// Another kind of stream
-
-/// Plays back what it is given: each chunk answers one `readAvailable`; then the output is at its end.
-class PlayedStream : public ICommandStream {
-public:
-    struct Play {
-        std::vector<std::string> chunks;
-        int failure = 0;   ///< errno of the PosixError after the last chunk, if not 0
-        bool late = false; ///< time out after the last chunk
-        std::vector<std::int64_t> asked;
-        bool destroyed = false;
-    };
-
-    explicit PlayedStream(Play& play) : play(play) {}
-    PlayedStream(const PlayedStream&) = delete;
-    PlayedStream& operator=(const PlayedStream&) = delete;
-    ~PlayedStream() override { play.destroyed = true; }
-
-    bool waitForOutput(std::int64_t& remaining) override {
-        play.asked.push_back(remaining);
-        remaining -= std::min<std::int64_t>(remaining, 1000);
-        return !play.late || next < play.chunks.size();
-    }
-    bool readChar(char* byte) override {
-        *byte = 0;
-        return false;
-    }
-    bool readAvailable(std::string& out) override {
-        EXPECT_EQ(out, "");
-        if (next < play.chunks.size()) {
-            out = play.chunks[next++];
-            return true;
-        }
-        if (play.failure != 0) {
-            throw PosixError("read failed!", play.failure);
-        }
-        return false;
-    }
-    int wait() override { return 0; }
-    void kill() override {}
-    [[nodiscard]] bool isEof() const override { return false; }
-    [[nodiscard]] bool isReaped() const override { return false; }
-    [[nodiscard]] bool hasExited() const override { return false; }
-
-private:
-    Play& play;
-    std::size_t next = 0;
-};
-
-/// Hands out a played stream, or throws or hands out nothing.
-class PlayedUtility : public ICommandUtility {
-public:
-    std::unique_ptr<ICommandStream> createCommandStream(const std::string& command,
-                                                        const std::string& directory,
-                                                        bool killOnDestroy) override {
-        EXPECT_EQ(command, "exec /bin/true PRE");
-        EXPECT_EQ(directory, "");
-        EXPECT_TRUE(killOnDestroy);
-        if (toThrow) {
-            toThrow();
-        }
-        return none ? nullptr : std::make_unique<PlayedStream>(play);
-    }
-
-    PlayedStream::Play play;
-    void (*toThrow)() = nullptr;
-    bool none = false;
-};
-
-/// A log on a disk so slow that the first line of output takes longer than the script may.
-class SlowLog {
-public:
-    int outputs = 0;
-    std::string last;
-    info::Logger logger{[this](const std::string& message, int /*level*/, info::LogTime /*time*/) {
-        last = message.substr(0, message.size() - 1);
-        if (last == "/bin/true: y" && outputs++ == 0) {
-            std::this_thread::sleep_until(steady_clock::now() + std::chrono::milliseconds(1100));
-        }
-    }};
-};
-
-class PlayedScripts : public testing::Test {
-protected:
-    void run(std::uint32_t timeoutSeconds = 20) { quiesce.runScript("/bin/true", timeoutSeconds, true); }
-
-    /// Runs a script that can't be started; returns the text of the logic_error.
-    std::string failure() {
-        try {
-            run();
-        } catch (const std::logic_error& error) {
-            return error.what();
-        }
-        return "nothing thrown";
-    }
-
-    static constexpr const char* begin =
-        "The following PRE quiescing script command will be run: \"/bin/true PRE\"";
-    static constexpr const char* done = "Done executing quiescing script '/bin/true'";
-    static constexpr const char* notStarted =
-        "Failed to construct command execution stream, command \"/bin/true PRE\" failed";
-
-    RecordingLogger log;
-    PlayedUtility utility;
-    Quiesce quiesce{log.logger, utility};
-};
-
-TEST_F(PlayedScripts, EachChunkIsSplitIntoLines) {
-    utility.play.chunks = {"o", "ne\ntwo\nthr", "ee\n", "rest"};
-    run();
-    EXPECT_THAT(log.lines(), ElementsAre(RecordingLogger::Line{info::level::info, begin},
-                                         RecordingLogger::Line{info::level::info, "/bin/true: one"},
-                                         RecordingLogger::Line{info::level::info, "/bin/true: two"},
-                                         RecordingLogger::Line{info::level::info, "/bin/true: three"},
-                                         RecordingLogger::Line{info::level::info, done}));
-    EXPECT_TRUE(utility.play.destroyed);
-}
-
-TEST_F(PlayedScripts, OneTimeIsSpentByAllReads) {
-    utility.play.chunks = {"a\n", "b\n"};
-    run();
-    EXPECT_THAT(utility.play.asked, ElementsAre(20'000'000, 19'999'000, 19'998'000));
-}
-
-TEST_F(PlayedScripts, LongestTimeIsNotCutOff) {
-    run(0xffffffff);
-    EXPECT_THAT(utility.play.asked, ElementsAre(4'294'967'295'000'000));
-}
-
-TEST_F(PlayedScripts, NoTimeStillReadsWhatIsWaiting) {
-    utility.play.chunks = {"a\n", "b\n"};
-    utility.play.late = true;
-    run(0);
-    EXPECT_THAT(utility.play.asked, ElementsAre(0, 0, 0));
-    EXPECT_TRUE(log.has(info::level::info, "/bin/true: b"));
-    EXPECT_TRUE(log.has(info::level::info, done));
-}
-
-TEST_F(PlayedScripts, LinesThatComeFasterThanTheyCanBeLoggedEndWithTheTime) {
-    std::string flood;
-    for (std::size_t line = 0; line < 100'000; ++line) {
-        flood += "y\n";
-    }
-    SlowLog slow;
-    Quiesce flooded(slow.logger, utility);
-    utility.play.chunks = {flood, flood};
-    flooded.runScript("/bin/true", 0, true);
-    EXPECT_LE(slow.outputs, 1);
-    EXPECT_EQ(slow.last, done);
-}
-
-TEST_F(PlayedScripts, FailureOfTheStreamPasses) {
-    utility.play.chunks = {"a\n"};
-    utility.play.failure = EIO;
-    EXPECT_THROW(run(), PosixError);
-    EXPECT_TRUE(utility.play.destroyed);
-    EXPECT_TRUE(log.has(info::level::info, "/bin/true: a"));
-    EXPECT_FALSE(log.has(info::level::info, done));
-}
-
-TEST_F(PlayedScripts, FailureToStartIsLoggedAndALogicError) {
-    utility.toThrow = [] { throw PosixError("fork failed!", EAGAIN); };
-    EXPECT_EQ(failure(), notStarted);
-    EXPECT_THAT(log.lines(),
-                ElementsAre(RecordingLogger::Line{info::level::info, begin},
-                            RecordingLogger::Line{error, "fork failed!: Resource temporarily unavailable | "
-                                                         "ERROR(Posix) : 11 (0xb)"},
-                            RecordingLogger::Line{error, notStarted}));
-}
-
-TEST_F(PlayedScripts, NoStreamIsALogicError) {
-    utility.none = true;
-    EXPECT_EQ(failure(), notStarted);
-    EXPECT_EQ(log.count(error, notStarted), 1);
-}
-
-TEST_F(PlayedScripts, OtherExceptionsPass) {
-    utility.toThrow = [] { throw 7; };
-    EXPECT_THROW(run(), int);
-    EXPECT_FALSE(log.has(error, notStarted));
 }
 
 } // namespace

@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-/// Reads and writes of more than one command.
+/// Reads and writes that take more than one command.
 namespace agent::core {
 namespace {
 
@@ -24,7 +24,7 @@ using Outcome = FakeIscsi::Outcome;
 using enum FakeIscsi::Outcome;
 
 constexpr std::uint64_t kibibyte = 1024;
-constexpr std::uint64_t piece = 256 * kibibyte; ///< of a write
+constexpr std::uint64_t piece = 256 * kibibyte; ///< the most that one write command carries
 constexpr std::uint64_t readPiece = 128 * kibibyte;
 constexpr std::uint64_t call = 4096 * kibibyte;
 constexpr std::uint64_t diskBytes = 3 * call;
@@ -51,7 +51,7 @@ protected:
         transport.disconnect();
         EXPECT_EQ(iscsi.contexts, 0);
         EXPECT_EQ(iscsi.tasks, 0);
-        EXPECT_EQ(iscsi.forgotten, 0);
+        EXPECT_EQ(iscsi.lostCommands, 0);
     }
 
     void setBlocks(std::uint32_t size) {
@@ -70,7 +70,7 @@ protected:
         return {begin, begin + static_cast<std::ptrdiff_t>(length)};
     }
 
-    /// Writes from the offset on; whatever comes of that, nothing else may be touched.
+    /// Writes random bytes at the offset. Expects them on the disk, and expects that no other bytes change.
     void write(std::uint64_t offset, std::uint64_t length) {
         static const Bytes source = randomBytes(2 * call, 1);
         const auto begin = source.begin() + static_cast<std::ptrdiff_t>(++writes * 512);
@@ -123,7 +123,7 @@ TEST_F(IscsiPiecesTest, ALargeWriteIsManyCommandsAtOnce) {
     connect();
     write(call, call);
     EXPECT_EQ(lengths(writeCall), std::vector<std::uint64_t>(call / piece, piece));
-    EXPECT_EQ(iscsi.mostAtOnce, call / piece);
+    EXPECT_EQ(iscsi.mostInFlight, call / piece);
     EXPECT_THAT(log.lines(), IsEmpty());
 }
 
@@ -131,7 +131,7 @@ TEST_F(IscsiPiecesTest, ALargeReadIsManyCommandsAtOnce) {
     connect();
     read(512, 10240 * kibibyte);
     EXPECT_EQ(lengths(readCall), std::vector<std::uint64_t>(80, readPiece));
-    EXPECT_EQ(iscsi.mostAtOnce, 64U) << "and no more";
+    EXPECT_EQ(iscsi.mostInFlight, 64U) << "and no more";
     EXPECT_THAT(log.lines(), IsEmpty());
 }
 
@@ -188,7 +188,7 @@ TEST_F(IscsiPiecesTest, OneCommandThatFailsFailsAllOfThem) {
             transport.disconnect();
             connect();
             const std::size_t all = call / (function == readCall ? readPiece : piece);
-            std::vector<Outcome> outcomes(all / 2 + 1, good); // half of them are answered by then
+            std::vector<Outcome> outcomes(all / 2 + 1, good); // half of the commands are answered by then
             outcomes.back() = outcome;
             iscsi.script(function, outcomes);
             if (function == readCall) {
@@ -217,7 +217,7 @@ TEST_F(IscsiPiecesTest, TheEndOfTheImageIsOneOfTheTransferNotOfACommand) {
     EXPECT_EQ(transport.read(data.data(), data.size()), 0);
 }
 
-// --- a target without room
+// --- a target that is busy
 
 TEST_F(IscsiPiecesTest, ACommandThatFindsTheTargetBusyIsSentAgain) {
     for (const std::string& function : {readCall, writeCall}) {
@@ -239,7 +239,7 @@ TEST_F(IscsiPiecesTest, ACommandThatFindsTheTargetBusyIsSentAgain) {
 }
 
 TEST_F(IscsiPiecesTest, AsManyAreUnderWayAsTheTargetHasRoomFor) {
-    iscsi.slots = 10;
+    iscsi.queueDepth = 10;
     connect();
     write(0, call);
     EXPECT_EQ(iscsi.refusals, 6U) << "of the first 16";
@@ -251,21 +251,21 @@ TEST_F(IscsiPiecesTest, AsManyAreUnderWayAsTheTargetHasRoomFor) {
     }
     EXPECT_LE(iscsi.refusals, 3 * later * call / piece / 20)
         << "one in twenty, where it was tried whether there is more room now";
-    EXPECT_GE(iscsi.mostAtOnce, 10U);
+    EXPECT_GE(iscsi.mostInFlight, 10U);
     EXPECT_THAT(log.lines(), IsEmpty());
 }
 
 TEST_F(IscsiPiecesTest, RoomThatHasBecomeFreeIsFound) {
-    iscsi.slots = 1;
+    iscsi.queueDepth = 1;
     connect();
     write(0, call);
-    iscsi.slots = 1024;
-    iscsi.mostAtOnce = 0;
+    iscsi.queueDepth = 1024;
+    iscsi.mostInFlight = 0;
     for (int number = 0; number < 16; ++number) {
         write(0, 2 * piece);
     }
     write(0, call);
-    EXPECT_EQ(iscsi.mostAtOnce, call / piece);
+    EXPECT_EQ(iscsi.mostInFlight, call / piece);
 }
 
 TEST_F(IscsiPiecesTest, ACommandThatIsRefusedWhileItIsAloneHasFailed) {
@@ -288,7 +288,7 @@ TEST_F(IscsiPiecesTest, ATargetThatStaysBusyFails) {
     EXPECT_LE(countOf(readCall), 64U * 64U);
 }
 
-// --- what a failure leaves
+// --- after a failure
 
 TEST_F(IscsiPiecesTest, ASessionThatHasBrokenIsNotUsedAgain) {
     connect();

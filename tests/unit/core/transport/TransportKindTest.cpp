@@ -61,7 +61,7 @@ TEST_F(TransportKindTest, ZephaneFTPTransportIsThatOfTheImage) {
     zephane.image.resize(4097);
     zephane.image[4096] = 7;
     RemoteImage largest = image;
-    largest.lun = transportKindOf("zephaneftp").largestLun;
+    largest.lun = transportKindOf("zephaneftp").maxLun;
     const std::shared_ptr<ITransport> transport = transportKindOf("zephaneftp").make(log.logger, largest);
     ASSERT_TRUE(transport->connect(false));
     EXPECT_THAT(zephane.calls, Contains("ZephaneFTPClient host 21 iqn.x:y 18446744073709551615 10 secret "
@@ -73,7 +73,7 @@ TEST_F(TransportKindTest, ZephaneFTPTransportIsThatOfTheImage) {
 
 TEST_F(TransportKindTest, LogicalUnitsOfIscsiHave31Bits) {
     RemoteImage largest = image;
-    largest.lun = transportKindOf("").largestLun;
+    largest.lun = transportKindOf("").maxLun;
     EXPECT_EQ(largest.lun, 2147483647U);
     ASSERT_TRUE(transportKindOf("").make(log.logger, largest)->connect(false));
     EXPECT_THAT(iscsi.calls, Contains("iscsi_full_connect_sync host:21 2147483647"));

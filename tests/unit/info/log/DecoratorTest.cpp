@@ -16,7 +16,7 @@ namespace {
 using test::messageOf;
 using namespace std::chrono_literals;
 
-/// Runs with a fixed time zone that has daylight saving time.
+/// Uses a fixed time zone with daylight saving time.
 class Decorators : public testing::Test {
 protected:
     void SetUp() override {

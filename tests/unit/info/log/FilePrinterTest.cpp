@@ -122,7 +122,7 @@ TEST_F(FilePrinterTest, FileOfSevenDaysAgoGoesWhenItsMidnightIsSevenDaysPast) {
     const LogTime midnight = FilePrinter::parseLogFileDate("bek_2016-03-04.log");
     dir::make(FilePrinter::logDirectory());
     writeFile(log("bek_2016-02-26.log"), "x");
-    EXPECT_TRUE(printer.print("one\n", 3, midnight)); // its midnight is exactly seven days ago
+    EXPECT_TRUE(printer.print("one\n", 3, midnight)); // the start of its day is exactly seven days ago
     EXPECT_TRUE(file::exists(log("bek_2016-02-26.log")));
     file::remove(log("bek_2016-03-04.log"));
     EXPECT_TRUE(printer.print("two\n", 3, midnight + 1ns));
@@ -154,7 +154,7 @@ TEST_F(FilePrinterTest, DateThatTheClockCannotShowIsRefused) {
     setenv("TZ", "WST0:00:01", 1);
     tzset();
     EXPECT_EQ(refusalOf("bek_1970-01-01.log"), "nothing was thrown");
-    setenv("TZ", "EST-0:00:01", 1); // where the first midnight of 1970 is a second before the epoch
+    setenv("TZ", "EST-0:00:01", 1); // the local midnight of 1970-01-01 is then a second before the epoch
     tzset();
     EXPECT_EQ(refusalOf("bek_1970-01-01.log"), "Could not interpret string as date stamp");
     EXPECT_EQ(refusalOf("bek_9999-12-31.log"), "Could not interpret string as date stamp");

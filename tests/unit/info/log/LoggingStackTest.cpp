@@ -33,7 +33,7 @@ protected:
         return all;
     }
 
-    /// What an action writes to standard output.
+    /// The text that an action writes to standard output.
     template <typename Action>
     static std::string screen(const Action& action) {
         testing::internal::CaptureStdout();
@@ -107,7 +107,7 @@ TEST_F(LoggingStackTest, PercentSignsAreJustText) {
     EXPECT_THAT(todaysLog(), HasSubstr("100%s%n\n"));
 }
 
-/// A name that would clear the screen and add a line of its own to the log.
+/// A name that would clear the screen and forge a line in the log.
 TEST_F(LoggingStackTest, NoSinkGetsControlCharacters) {
     const std::string hostile = "\x1b[2J\u009b2J\r\n2026-01-01 00:00:00.000 [INFO:]     Agent daemon started";
     const std::string harmless =
@@ -136,7 +136,7 @@ TEST_F(LoggingStackTest, EndlessMessageIsCut) {
     const std::string shown =
         screen([&] { LogEntry(stack.logger, level::info) << std::string(5'000'000, 'x'); });
     EXPECT_THAT(shown, testing::EndsWith("xxx... (5000000 bytes)\n"));
-    EXPECT_LT(shown.size(), PrintablePrinter::longestMessage + 100);
+    EXPECT_LT(shown.size(), EscapingPrinter::maxMessageBytes + 100);
     EXPECT_EQ(todaysLog(), shown);
 }
 
@@ -155,7 +155,7 @@ TEST_F(LoggingStackTest, BothLoggersWriteWholeLinesAtOnce) {
         std::thread other([&] {
             for (int i = 0; i < count; ++i) {
                 stack.securityLogger.log(level::info, "security %d", i);
-                EXPECT_NE(systemLog.next(), ""); // one that nobody reads would fill up and block
+                EXPECT_NE(systemLog.next(), ""); // an unread syslog socket would fill up and block
             }
         });
         for (int i = 0; i < count; ++i) {

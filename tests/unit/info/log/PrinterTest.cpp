@@ -17,7 +17,7 @@
 namespace agent::info {
 namespace {
 
-/// Collects what it is given, as "level:message ".
+/// Collects the messages that it gets, as "level:message ".
 class Sink {
 public:
     PrinterFunction function() {
@@ -88,7 +88,7 @@ TEST_F(Printers, ScreenPrinterAddsNothing) {
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "a\nb");
 }
 
-/// Standard output as a pipe whose reader has gone.
+/// Standard output is a pipe whose reader has closed it.
 class BrokenScreen : public testing::Test {
 protected:
     void SetUp() override {
@@ -110,7 +110,7 @@ protected:
 };
 
 TEST_F(BrokenScreen, StopsNothing) {
-    // The default action of SIGPIPE is in force: an unguarded write would end this program.
+    // SIGPIPE has its default action: an unguarded write would kill this program.
     ASSERT_EQ(std::signal(SIGPIPE, SIG_DFL), SIG_DFL);
     for (int i = 0; i < 3; ++i) {
         ScreenPrinter().print("lost\n", 0, {});

@@ -11,12 +11,12 @@
 #include <string>
 #include <vector>
 
-/// The table of reasons in docs/operations.md, which programs are written by, against the code; and the code
-/// against itself.
+/// Compares the table of reasons in docs/operations.md, which authors of clients rely on, with the code, and
+/// checks that the code is consistent.
 namespace agent::info {
 namespace {
 
-// lab/namespace runs the tests at the top of the tree.
+// lab/namespace runs the tests in the top directory of the tree.
 constexpr const char* document = "docs/operations.md";
 constexpr const char* sources = "src";
 
@@ -34,7 +34,7 @@ std::string rowOf(const Reason& each) {
     return row.str();
 }
 
-/// The codes of all `reason("...")` below src/.
+/// The codes of all `reason("...")` in the sources.
 std::set<std::string> usedCodes() {
     static const std::regex use(R"code(\breason\("([a-z-]+)"\))code");
     std::set<std::string> codes;

@@ -49,7 +49,7 @@ TEST_F(ReasonTest, EmptyStatementPrintsNothing) {
 TEST_F(ReasonTest, MarkOfSeveralLinesStandsBehindTheLast) {
     LogEntry(logger, level::info, differs) << "one\ntwo";
     EXPECT_EQ(printed, "one\ntwo [fallback:image-differs]\n");
-    EXPECT_EQ(reasonOf(printed), &differs);
+    EXPECT_EQ(findReason(printed), &differs);
 }
 
 TEST_F(ReasonTest, LineIsTakenApartAgain) {
@@ -60,13 +60,13 @@ TEST_F(ReasonTest, LineIsTakenApartAgain) {
     int level = 0;
     LogTime time;
     EXPECT_EQ(stack.decorator().undecorate(line, level, time), message);
-    EXPECT_EQ(reasonOf(line), &differs);
-    EXPECT_EQ(reasonOf(line + "\n"), &differs);
+    EXPECT_EQ(findReason(line), &differs);
+    EXPECT_EQ(findReason(line + "\n"), &differs);
 }
 
 TEST_F(ReasonTest, EachMarkNamesItsReason) {
     for (const Reason& each : reasons) {
-        EXPECT_EQ(reasonOf("text" + markOf(each)), &each) << each.code;
+        EXPECT_EQ(findReason("text" + markOf(each)), &each) << each.code;
         EXPECT_FALSE(each.meaning.empty()) << each.code;
         EXPECT_FALSE(each.remedy.empty()) << each.code;
     }
@@ -77,13 +77,13 @@ TEST_F(ReasonTest, OtherTextsHaveNone) {
          {"", "\n", "text", "[fallback:image-differs]", "text [failure:image-differs]",
           "text [fallback:image]", "text [fallback:image-differs] ", "text [fallback:image-differs].",
           "text [fallback:]", "text[fallback:image-differs]"}) {
-        EXPECT_EQ(reasonOf(text), nullptr) << text;
+        EXPECT_EQ(findReason(text), nullptr) << text;
     }
 }
 
 TEST_F(ReasonTest, ErrorCarriesItsReason) {
     try {
-        throw Reasoned<std::runtime_error>(differs, "text");
+        throw WithReason<std::runtime_error>(differs, "text");
     } catch (const std::exception& error) {
         EXPECT_STREQ(error.what(), "text");
         EXPECT_EQ(&reasonOf(error, reason("backup-failed")), &differs);

@@ -26,42 +26,42 @@ private:
 };
 
 TEST_F(AtomicFile, HasTheTextAndTheModeAskedFor) {
-    replaceFile(path(), "one", mode);
+    replaceFileDurably(path(), "one", mode);
     struct stat status{};
     ASSERT_EQ(::stat(path().c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 07777U, mode);
     EXPECT_EQ(content(), "one");
-    showFile(path(), "two", mode);
+    replaceFileWithoutSync(path(), "two", mode);
     EXPECT_EQ(content(), "two");
 }
 
 TEST_F(AtomicFile, CanBeTakenBackOnce) {
-    replaceFile(path(), "one", mode);
-    replaceFile(path(), "two", mode);
-    takeBackFile(path());
+    replaceFileDurably(path(), "one", mode);
+    replaceFileDurably(path(), "two", mode);
+    restorePreviousFile(path());
     EXPECT_EQ(content(), "one");
-    replaceFile(path(), "three", mode);
+    replaceFileDurably(path(), "three", mode);
     EXPECT_EQ(content(), "three");
 }
 
 TEST_F(AtomicFile, IsGoneWhenTheFirstIsTakenBack) {
-    replaceFile(path(), "one", mode);
-    takeBackFile(path());
+    replaceFileDurably(path(), "one", mode);
+    restorePreviousFile(path());
     EXPECT_EQ(test::errorOf([&] { readFile(path(), limit); }), ENOENT);
 }
 
 TEST_F(AtomicFile, DoesNotWriteThroughALink) {
-    replaceFile(path(), "one", mode);
+    replaceFileDurably(path(), "one", mode);
     const std::string target = path() + ".target";
-    replaceFile(target, "target", mode);
+    replaceFileDurably(target, "target", mode);
     ASSERT_EQ(::symlink(target.c_str(), (path() + unfinishedSuffix).c_str()), 0);
-    EXPECT_EQ(test::errorOf([&] { replaceFile(path(), "two", mode); }), ELOOP);
+    EXPECT_EQ(test::errorOf([&] { replaceFileDurably(path(), "two", mode); }), ELOOP);
     EXPECT_EQ(content(), "one");
     EXPECT_EQ(readFile(target, limit), "target");
 }
 
 TEST_F(AtomicFile, IsNotReadBeyondTheLimit) {
-    replaceFile(path(), std::string(limit, 'x'), mode);
+    replaceFileDurably(path(), std::string(limit, 'x'), mode);
     EXPECT_EQ(content().size(), limit);
     EXPECT_EQ(test::errorOf([&] { readFile(path(), limit - 1); }), EFBIG);
 }

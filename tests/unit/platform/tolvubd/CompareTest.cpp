@@ -22,7 +22,7 @@ using Words = std::vector<std::uint64_t>;
 
 constexpr std::uint64_t piece = std::uint64_t{4} << 20;
 
-/// A sparse image, with its bytes in memory besides.
+/// A sparse image file, and a copy of its bytes in memory.
 class TestImage {
 public:
     TestImage(std::string path, std::uint64_t size) : path(std::move(path)), bytes(size) {

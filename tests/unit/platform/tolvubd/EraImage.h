@@ -17,11 +17,11 @@
 
 namespace tolvubd::test {
 
-/// Metadata of an era target in a file, made by era_restore from its XML or unpacked. It can be damaged, and
-/// be read by the tools and by us.
+/// Metadata of a dm-era target in a file, made by era_restore from XML or decompressed. Tests can damage it,
+/// and read it with the era tools and with the code under test.
 class EraImage {
 public:
-    /// `content` is what stands in the XML's superblock. `kibibytes` is the size of the metadata.
+    /// `content` is the content of the XML's superblock element; `kibibytes` is the size of the metadata.
     EraImage(std::uint64_t blocks, std::uint32_t currentEra, const std::string& content,
              int kibibytes = 1024) {
         const std::string xml = (directory / "xml").str();
@@ -48,8 +48,8 @@ public:
         return EraMetadata(file, size, view).writtenSince(first);
     }
 
-    /// The same by era_invalidate, which knows nothing of the set of the current era.
-    [[nodiscard]] std::vector<bool> truth(std::uint32_t first, EraMetadata::View view) const {
+    /// The same result as computed by era_invalidate, which ignores the writeset of the current era.
+    [[nodiscard]] std::vector<bool> writtenSinceByTool(std::uint32_t first, EraMetadata::View view) const {
         const std::string snapshot = view == EraMetadata::View::snapshot ? "--metadata-snapshot " : "";
         const std::string text = agent::test::outputOf("era_invalidate " + snapshot + "--written-since " +
                                                        std::to_string(first) + " " + path);
@@ -74,7 +74,7 @@ public:
         return value;
     }
 
-    /// Puts a number into a block and makes the checksum right again.
+    /// Writes a number into a block and corrects the block's checksum.
     template <class Number>
     void put(std::uint64_t block, const era::BlockKind& kind, std::size_t offset, Number value) {
         std::string changed = blockAt(block);
@@ -82,7 +82,7 @@ public:
         putBlock(block, kind, changed);
     }
 
-    /// Puts a block there with the right checksum and place.
+    /// Writes a block with its correct block number and checksum.
     void putBlock(std::uint64_t block, const era::BlockKind& kind, std::string content) {
         std::memcpy(&content.at(kind.placeOffset), &block, sizeof block);
         const std::uint32_t sum =
@@ -95,13 +95,13 @@ public:
         return bytes.substr(block * era::blockSize, era::blockSize);
     }
 
-    /// Changes one byte; doing it again brings it back.
+    /// Inverts one byte; a second call restores it.
     void flip(std::uint64_t block, std::size_t offset) {
         const std::size_t place = block * era::blockSize + offset;
         write(place, {static_cast<char>(~bytes.at(place))});
     }
 
-    /// The file loses its end.
+    /// Truncates the file.
     void cut(std::uint64_t size) const { std::filesystem::resize_file(path, size); }
 
 private:

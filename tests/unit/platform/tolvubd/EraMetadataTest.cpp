@@ -25,7 +25,7 @@ std::string writtenIn(std::uint32_t era, std::uint64_t block) {
     return "<era block=\"" + std::to_string(block) + "\" era=\"" + std::to_string(era) + "\"/>\n";
 }
 
-/// The set of an era that the array doesn't know yet.
+/// The XML of a writeset, of an era that the era array doesn't contain yet.
 std::string writeset(std::uint32_t era, std::uint64_t bits, const std::vector<std::uint64_t>& blocks) {
     std::string text =
         "<writeset era=\"" + std::to_string(era) + "\" nr_bits=\"" + std::to_string(bits) + "\">\n";
@@ -35,7 +35,8 @@ std::string writeset(std::uint32_t era, std::uint64_t bits, const std::vector<st
     return text + "</writeset>\n";
 }
 
-/// Each block in an era of its own, but the last ones' sets haven't been entered yet.
+/// XML in which the blocks were written in the eras 0 to 5 in turns. The eras 6 and 7 are still writesets,
+/// not in the array.
 std::string severalEras(std::uint64_t blocks) {
     std::string array;
     for (std::uint64_t block = 0; block < blocks; ++block) {
@@ -61,13 +62,13 @@ TEST(EraMetadata, HasTheSizesOfTheVolume) {
 TEST(EraMetadata, AgreesWithTheToolsInEveryEra) {
     const EraImage image(5000, 8, severalEras(5000));
     for (std::uint32_t first = 0; first < 10; ++first) {
-        EXPECT_EQ(image.writtenSince(first, current), image.truth(first, current)) << first;
+        EXPECT_EQ(image.writtenSince(first, current), image.writtenSinceByTool(first, current)) << first;
     }
     EXPECT_EQ(count(image.writtenSince(6, current)), 3);
     EXPECT_EQ(count(image.writtenSince(7, current)), 2);
 }
 
-/// A block of an array holds 1018 eras or 509 words of bits, and a node of a tree 252 of their places.
+/// An array block holds 1018 eras or 509 words of bits, and a B-tree node holds 252 block numbers.
 class EraMetadataOfSize : public testing::TestWithParam<std::uint64_t> {};
 
 TEST_P(EraMetadataOfSize, AgreesWithTheTools) {
@@ -76,7 +77,7 @@ TEST_P(EraMetadataOfSize, AgreesWithTheTools) {
     const EraImage image(blocks, 5, content, static_cast<int>(blocks / 128 + 256));
     for (std::uint32_t first = 1; first < 5; ++first) {
         const std::vector<bool> written = image.writtenSince(first, current);
-        EXPECT_EQ(written, image.truth(first, current)) << first;
+        EXPECT_EQ(written, image.writtenSinceByTool(first, current)) << first;
         EXPECT_EQ(written[blocks - 1], first <= 3);
         EXPECT_EQ(written.size(), blocks);
     }
@@ -86,8 +87,8 @@ INSTANTIATE_TEST_SUITE_P(AtBoundaries, EraMetadataOfSize,
                          testing::Values(1, 63, 64, 65, 1017, 1018, 1019, 2036, 2037, 64 * 509, 64 * 509 + 1,
                                          252 * 1018, 252 * 1018 + 1));
 
-/// What the kernel left while a snapshot of the metadata was held, with an era in it that the array didn't
-/// know yet; and the same when the target had been closed, which ends the current era.
+/// Metadata as the kernel wrote it while a metadata snapshot was held, with a writeset that the array didn't
+/// contain yet. The other image is from after the target was closed, which ends the current era.
 class EraMetadataOfKernel : public testing::Test {
 protected:
     static EraImage image(const std::string& name) {
@@ -98,7 +99,7 @@ protected:
 TEST_F(EraMetadataOfKernel, HasWhatTheSnapshotHolds) {
     const EraImage live = image("kernel-live");
     for (const std::uint32_t first : {1U, 4U, 5U, 6U}) {
-        EXPECT_EQ(live.writtenSince(first, snapshot), live.truth(first, snapshot)) << first;
+        EXPECT_EQ(live.writtenSince(first, snapshot), live.writtenSinceByTool(first, snapshot)) << first;
     }
     EXPECT_EQ(count(live.writtenSince(5, snapshot)), 65) << "those of the era that isn't in the array";
     EXPECT_EQ(count(live.writtenSince(6, snapshot)), 0);
@@ -108,9 +109,9 @@ TEST_F(EraMetadataOfKernel, HasWhatTheCurrentEraHasWritten) {
     const EraImage live = image("kernel-live");
     const EraImage closed = image("kernel-closed");
     for (const std::uint32_t first : {1U, 5U, 6U, 7U}) {
-        const std::vector<bool> truth = closed.truth(first, current);
-        EXPECT_EQ(closed.writtenSince(first, current), truth) << first;
-        EXPECT_EQ(live.writtenSince(first, current), truth) << first;
+        const std::vector<bool> byTool = closed.writtenSinceByTool(first, current);
+        EXPECT_EQ(closed.writtenSince(first, current), byTool) << first;
+        EXPECT_EQ(live.writtenSince(first, current), byTool) << first;
     }
     EXPECT_EQ(count(closed.writtenSince(6, current)), 9);
 }
@@ -120,7 +121,7 @@ TEST_F(EraMetadataOfKernel, HasNoSnapshotThatNobodyHolds) {
 }
 
 bool wasStopped(const std::string& superblock) {
-    return wasEraStopped(std::as_bytes(std::span<const char, era::blockSize>(superblock)));
+    return wasEraShutDown(std::as_bytes(std::span<const char, era::blockSize>(superblock)));
 }
 
 TEST_F(EraMetadataOfKernel, TellsThatTheTargetWasStoppedInOrder) {
@@ -137,7 +138,7 @@ TEST_F(EraMetadataOfKernel, TellsNothingOfTheTargetWhenDamaged) {
     }
 }
 
-/// Small enough that all of it can be damaged: two blocks of eras, and two sets.
+/// Small enough to damage every part of it: two blocks of eras and two writesets.
 class DamagedEraMetadata : public testing::Test {
 protected:
     static constexpr std::uint64_t volumeBlocks = 1500;
@@ -149,7 +150,8 @@ protected:
     [[nodiscard]] std::uint64_t setsRoot() const {
         return image.number<std::uint64_t>(0, era::superblock::writesetTreeOffset);
     }
-    /// Where the tree of the eras says that a block of the array is; the root is its only node.
+    /// The offset at which the B-tree of the eras stores the number of an array block. Its root is its only
+    /// node.
     [[nodiscard]] std::size_t valueOffset(std::size_t entry) const {
         const auto room = image.number<std::uint32_t>(eraRoot(), era::node::mostEntriesOffset);
         return era::node::keysOffset + (room + entry) * sizeof(std::uint64_t);
@@ -323,7 +325,7 @@ TEST_F(DamagedEraMetadata, EndsWhereATreeHasACycle) {
     EXPECT_EQ(errorOfReading(image), EBADMSG);
 }
 
-/// Nodes with one child each, above what was the root.
+/// Adds nodes with one child each above the former root.
 TEST_F(DamagedEraMetadata, MayBeEightLevelsDeepButNotNine) {
     std::uint64_t child = eraRoot();
     std::uint64_t place = image.blocks();
@@ -364,7 +366,7 @@ TEST(EraBlockSectors, KeepTheBlocksToAFewMillion) {
     EXPECT_EQ(eraBlockSectors(~std::uint64_t{0}), 128U);
 }
 
-/// The kernel's part is tried in a machine: what its status says it has used.
+/// The space that the kernel needs is tested on a real machine, by the usage in the target's status.
 TEST(EraMetadataSize, HasRoomForThreeArraysAndSixteenSets) {
     constexpr std::uint64_t mebibyte = std::uint64_t{1} << 20;
     EXPECT_EQ(eraMetadataSize(0), 16 * mebibyte);

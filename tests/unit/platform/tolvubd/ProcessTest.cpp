@@ -19,7 +19,7 @@
 namespace tolvubd {
 namespace {
 
-/// A process that waits, until the object goes.
+/// A child process that sleeps until the object is destroyed.
 class Child {
 public:
     Child() : id(::fork()) {

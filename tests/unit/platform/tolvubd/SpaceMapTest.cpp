@@ -17,7 +17,7 @@ using Used = std::vector<bool>;
 
 constexpr std::uint64_t volumeSize = std::uint64_t{64} << 10;
 
-/// A small volume, made field by field.
+/// A small volume, built field by field.
 class TestVolume {
 public:
     explicit TestVolume(std::uint64_t size = volumeSize) : size(size), bytes(size) {}
@@ -46,7 +46,7 @@ private:
     std::vector<std::byte> bytes;
 };
 
-/// Blocks of 1 KiB from block 1 on, in two groups of 32.
+/// Blocks of 1 KiB from block 1 on, in two groups of 32 blocks.
 TestVolume extVolume() {
     TestVolume volume;
     const std::vector<std::array<std::uint64_t, 3>> fields = {
@@ -54,14 +54,14 @@ TestVolume extVolume() {
     for (const auto& [offset, width, number] : fields) {
         volume.little(1024 + offset, width, number);
     }
-    volume.little(2048, 4, 3);      // the bitmap of the first group
-    volume.little(2048 + 32, 4, 4); // and of the second
+    volume.little(2048, 4, 3);      // block of the first group's bitmap
+    volume.little(2048 + 32, 4, 4); // block of the second group's bitmap
     volume.little(3UL * 1024, 4, 0x0000000F);
-    volume.little(4UL * 1024, 4, 0xC0000001); // the last bit is behind the volume's end
+    volume.little(4UL * 1024, 4, 0xC0000001); // the last bit is past the volume's end
     return volume;
 }
 
-/// Two groups of 8 and 7 blocks of 4 KiB. The first has a tree of two levels.
+/// Two allocation groups of 8 and 7 blocks of 4 KiB. The first one has a tree of two levels.
 TestVolume xfsVolume() {
     TestVolume volume;
     const std::vector<std::array<std::uint64_t, 3>> fields = {
@@ -72,7 +72,7 @@ TestVolume xfsVolume() {
         {88, 4, 2},
         {100, 2, 0xB4A5},
         {102, 2, 512},
-        // The first group: root and levels, and a list that goes around the end of its 119 entries.
+        // The first group: root and levels, and a free list that wraps around the end of its 119 entries.
         {512, 4, 0x58414746},
         {528, 4, 1},
         {540, 4, 2},
@@ -81,18 +81,18 @@ TestVolume xfsVolume() {
         {560, 4, 2},
         {1536 + 36 + 472, 4, 6},
         {1536 + 36, 4, 7},
-        // The second one: a root that is a leaf, and an empty list.
+        // The second group: a root that is a leaf, and an empty free list.
         {32768 + 512, 4, 0x58414746},
         {32768 + 528, 4, 1},
         {32768 + 540, 4, 1},
         {32768 + 556, 4, 118},
-        // Its leaf, with one extent.
+        // The second group's leaf, with one extent.
         {36864, 4, 0x41423342},
         {36870, 2, 1},
         {36872, 8, ~std::uint64_t{0}},
         {36864 + 56, 4, 5},
         {36864 + 60, 4, 2},
-        // The first one's node, whose leaves are the blocks 2 and 3.
+        // The first group's root node, whose leaves are blocks 2 and 3.
         {4096, 4, 0x41423342},
         {4100, 2, 1},
         {4102, 2, 2},
@@ -122,8 +122,8 @@ constexpr std::size_t secondBitmap = 31744;
 constexpr std::size_t dataAttribute = 80;
 constexpr std::size_t runList = dataAttribute + 64;
 
-/// A record of 1 KiB: an attribute within it, then the data in two runs, each with a count and a way of one
-/// byte.
+/// A record of 1 KiB: a resident attribute, then the data attribute with two runs, whose lengths and offsets
+/// have one byte each.
 void addRecord(TestVolume& volume, std::size_t at, std::uint64_t dataSize,
                std::array<std::uint64_t, 4> runs) {
     const std::vector<std::array<std::uint64_t, 3>> fields = {
@@ -132,7 +132,7 @@ void addRecord(TestVolume& volume, std::size_t at, std::uint64_t dataSize,
         {6, 2, 3},
         {20, 2, 56},
         {22, 2, 1},
-        {48, 2, 0x1234}, // what protects the ends of both sectors, and what they hold
+        {48, 2, 0x1234}, // the update sequence, and the last two bytes of both sectors
         {50, 4, 0},
         {510, 2, 0x1234},
         {1022, 2, 0x1234},
@@ -157,8 +157,8 @@ void addRecord(TestVolume& volume, std::size_t at, std::uint64_t dataSize,
     }
 }
 
-/// 4200 clusters of 512 bytes, and some sectors behind them that are none. The table of files lies from
-/// cluster 4 and from cluster 40 on, the bitmap in the clusters 60 and 62.
+/// 4200 clusters of 512 bytes, and some sectors after them that belong to no cluster. The MFT is at clusters
+/// 4 and 40, the bitmap in clusters 60 and 62.
 TestVolume ntfsVolume() {
     TestVolume volume(4210UL * 512);
     const std::vector<std::array<std::uint64_t, 3>> fields = {
@@ -173,7 +173,7 @@ TestVolume ntfsVolume() {
     }
     volume.little(bitmap, 1, 0xF5);
     volume.little(secondBitmap, 8, 0xFFFFFFFFFFFFFFFE);
-    volume.little(secondBitmap + 8, 8, 0xFFFFFF7FFFFFFFFF); // bit 39 of these is cluster 4199
+    volume.little(secondBitmap + 8, 8, 0xFFFFFF7FFFFFFFFF); // bit 39 of this word is cluster 4199
     return volume;
 }
 
@@ -208,7 +208,7 @@ TEST(SpaceMap, FindsNothingOfUseInAGroupWhoseBitmapWasNeverWritten) {
     }
 }
 
-// The flag of a group is a leftover where descriptors have no checksums.
+// Without descriptor checksums, the flag of a group is stale.
 TEST(SpaceMap, ReadsTheBitmapOfAGroupWhoseFlagDoesNotCount) {
     TestVolume volume = extVolume();
     volume.little(2048 + 32 + 18, 2, 2);
@@ -231,7 +231,7 @@ TEST(SpaceMap, FollowsTheRunsOfNtfs) {
     EXPECT_EQ(map->used, except(4200, {1, 3, 4096, 4199}));
 }
 
-// Sizes of clusters and of records are powers of two where they are negative.
+// A negative size of clusters or records is the negated exponent of a power of two.
 TEST(SpaceMap, UnderstandsTheSizesOfNtfs) {
     for (const std::uint64_t inClusters : {0xF6, 2}) {
         TestVolume volume = ntfsVolume();
@@ -245,7 +245,7 @@ TEST(SpaceMap, UnderstandsTheSizesOfNtfs) {
     }
 }
 
-// Each of them would take a block for free that isn't, or read what isn't there.
+// With any of these, a used block would count as free, or bytes would be read that don't exist.
 TEST(SpaceMap, IsNoneForNtfsInDoubt) {
     const std::vector<std::array<std::uint64_t, 3>> doubts = {
         {11, 2, 0},
@@ -310,6 +310,8 @@ TEST(SpaceMap, StandsAnyFlippedByteAndAnyEndOfNtfs) {
     }
 }
 
+/// Fields at these offsets get values that are unsupported or contradict other fields. Reading on regardless
+/// could leave used blocks out.
 TEST(SpaceMap, IsNoneForWhatItDoesNotKnow) {
     EXPECT_FALSE(TestVolume().read());
     for (const auto& [offset, number] :

@@ -15,7 +15,7 @@
 namespace tolvubd {
 namespace {
 
-/// In a machine of its own (lab/namespace), so that the fixed paths are free.
+/// Runs in a mount namespace of its own (lab/namespace), so that it can use the fixed paths.
 class StateStoreTest : public ::testing::Test {
 protected:
     StateStoreTest() { clear(); }
@@ -53,7 +53,7 @@ TEST_F(StateStoreTest, KeepsWhatWasWrittenLast) {
     }
     EXPECT_EQ(StateStore().load(), two);
     EXPECT_EQ(observeTable(), two);
-    StateStore().takeBack();
+    StateStore().restorePrevious();
     EXPECT_EQ(observeTable(), one);
 }
 

@@ -80,6 +80,7 @@ TEST(Table, StandsFlippedBits) {
     }
 }
 
+/// A damaged or manipulated table must not lead to wrong devices or paths.
 TEST(Table, RefusesWhatItNeverWrites) {
     const std::vector<std::pair<std::string, std::string>> changes = {
         {"\"format\": 2", "\"format\": 1"},

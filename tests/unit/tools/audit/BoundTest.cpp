@@ -16,7 +16,7 @@ struct Known {
     double bound;
 };
 
-/// As statistics programs print them, whose one-sided bounds are quantiles of beta distributions.
+/// As printed by statistics programs, whose one-sided bounds are quantiles of beta distributions.
 constexpr std::array known{
     Known{0, 1, 0.95, 0.95},         Known{0, 100, 0.95, 0.0295130}, Known{0, 10000, 0.99, 0.000460411},
     Known{1, 10, 0.95, 0.3941633},   Known{2, 20, 0.95, 0.2826185},  Known{5, 10, 0.975, 0.8129136},
@@ -24,7 +24,7 @@ constexpr std::array known{
     Known{50, 100, 0.95, 0.5863783},
 };
 
-/// The chance of at most `wrong` of `sampled`, summed up term by term.
+/// The probability of at most `wrong` wrong ones among `sampled`, summed term by term.
 double chanceOfAtMost(std::uint64_t wrong, std::uint64_t sampled, double share) {
     double sum = 0;
     for (std::uint64_t count = 0; count <= wrong; ++count) {
@@ -64,7 +64,8 @@ TEST(Bound, FallsWithTheSampleAndGrowsWithWhatIsWrongAndTheConfidence) {
     }
 }
 
-/// Drawn again and again, the bound is below the true share no more often than it may be.
+/// Over many random samples, the bound is below the true share no more often than the confidence level
+/// allows.
 TEST(Bound, CoversTheTruthAsOftenAsItSays) {
     std::mt19937_64 source(18);
     constexpr int rounds = 4000;

@@ -12,7 +12,7 @@ namespace {
 constexpr std::uint64_t page = 4096;
 constexpr std::uint64_t volumeBytes = 64UL << 20U;
 
-/// Each page holds its number, but for those that are wrong. Fails at one of them.
+/// Each page ends with its number, except the wrong ones. Reading page `failAt` fails.
 class Pages : public restore::IImage {
 public:
     explicit Pages(std::vector<std::uint64_t> wrong, std::uint64_t failAt = volumeBytes)
@@ -37,14 +37,14 @@ private:
     std::uint64_t failAt;
 };
 
-std::vector<Lane> lanesOf(std::size_t count, const std::vector<std::uint64_t>& wrong,
-                          std::uint64_t failAt = volumeBytes) {
-    std::vector<Lane> lanes(count);
-    for (Lane& lane : lanes) {
-        lane.snapshot = std::make_unique<Pages>(std::vector<std::uint64_t>());
-        lane.image = std::make_unique<Pages>(wrong, failAt);
+std::vector<ReaderPair> readersOf(std::size_t count, const std::vector<std::uint64_t>& wrong,
+                                  std::uint64_t failAt = volumeBytes) {
+    std::vector<ReaderPair> readers(count);
+    for (ReaderPair& pair : readers) {
+        pair.snapshot = std::make_unique<Pages>(std::vector<std::uint64_t>());
+        pair.image = std::make_unique<Pages>(wrong, failAt);
     }
-    return lanes;
+    return readers;
 }
 
 class ComparisonTest : public testing::TestWithParam<std::size_t> {
@@ -59,28 +59,28 @@ TEST_P(ComparisonTest, FindsEachPageThatDiffers) {
     for (std::uint64_t number = 0; number < volumeBytes / page; number += 3) {
         pages.push_back(number);
     }
-    const std::vector<std::uint64_t> wrong{0, 1, 3, 6000, 16383}; // page 1 isn't asked for
-    EXPECT_EQ(findDiffering(lanesOf(GetParam(), wrong), pages, interrupt, progress),
+    const std::vector<std::uint64_t> wrong{0, 1, 3, 6000, 16383}; // page 1 isn't in the sample
+    EXPECT_EQ(findDiffering(readersOf(GetParam(), wrong), pages, interrupt, progress),
               (std::vector<std::uint64_t>{0, 3, 6000, 16383}));
     EXPECT_EQ(done, pages.size());
 }
 
 TEST_P(ComparisonTest, FailsWhereAReadFails) {
-    EXPECT_THROW(findDiffering(lanesOf(GetParam(), {}, 9000), {1, 9000, 12000}, interrupt, progress),
+    EXPECT_THROW(findDiffering(readersOf(GetParam(), {}, 9000), {1, 9000, 12000}, interrupt, progress),
                  std::runtime_error);
 }
 
 TEST_P(ComparisonTest, EndsWhenItIsTold) {
     Interrupt tooLong(std::chrono::seconds(-1));
     tooLong.begin();
-    EXPECT_THROW(findDiffering(lanesOf(GetParam(), {}), {1}, tooLong, progress), std::runtime_error);
+    EXPECT_THROW(findDiffering(readersOf(GetParam(), {}), {1}, tooLong, progress), std::runtime_error);
 }
 
 TEST_P(ComparisonTest, HasNothingToDoWithoutPages) {
-    EXPECT_TRUE(findDiffering(lanesOf(GetParam(), {1}), {}, interrupt, progress).empty());
+    EXPECT_TRUE(findDiffering(readersOf(GetParam(), {1}), {}, interrupt, progress).empty());
 }
 
-INSTANTIATE_TEST_SUITE_P(Lanes, ComparisonTest, testing::Values(1, 4));
+INSTANTIATE_TEST_SUITE_P(Readers, ComparisonTest, testing::Values(1, 4));
 
 } // namespace
 } // namespace audit

@@ -67,7 +67,7 @@ TEST_F(FreeListsTest, AreRings) {
 }
 
 TEST_F(FreeListsTest, AreEmptyWhereNothingMakesSense) {
-    FreeLists unmarked(volume); // no group has its mark
+    FreeLists unmarked(volume); // no group has the magic number
     EXPECT_FALSE(unmarked.hasBlockAt(placeOf(0, 0)));
     setList(0, 0xFFFFFFFF, 0, 0xFFFFFFFF);
     setEntry(0, 0, 5);

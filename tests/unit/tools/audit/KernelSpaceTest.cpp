@@ -40,7 +40,7 @@ TEST_P(KernelSpaceTest, TellsWhatIsInUseAndWhatIsNot) {
         EXPECT_EQ(space.isInUse(range.start * page), false);
         EXPECT_EQ(space.isInUse((range.end() - 1) * page), false);
     }
-    EXPECT_EQ(space.isInUse(0), true); // the super block
+    EXPECT_EQ(space.isInUse(0), true); // the superblock
 }
 
 TEST_P(KernelSpaceTest, TellsNothingOfWhatIsBehindTheVolume) {

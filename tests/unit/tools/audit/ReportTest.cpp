@@ -22,7 +22,7 @@ TEST_F(ReportTest, BoundsOfBothHoldTogether) {
     EXPECT_NEAR(result.bound(0.95), each, 1e-12);
     result.findings[1].wrong.push_back({4096, "/file"});
     EXPECT_NEAR(result.bound(0.95), 0.9 * each + 0.1 * upperBound(1, 1000, 0.975), 1e-12);
-    result.findings[1].notLookedAt = "not tracked";
+    result.findings[1].skipReason = "not tracked";
     EXPECT_NEAR(result.bound(0.95), upperBound(0, 1000, 0.95), 1e-12);
 }
 

@@ -68,7 +68,7 @@ TEST(Strata, HaveNothingUnchangedWhereThatIsNotKnown) {
 }
 
 TEST(Strata, ConsistOfWholePages) {
-    const auto small = everythingOf(make({{1, 8}}, {}, {}, 100, 1024)); // 1 KiB to 9 KiB
+    const auto small = everythingOf(make({{1, 8}}, {}, {}, 100, 1024)); // from 1 KiB to 9 KiB
     EXPECT_EQ(small[unused], (Numbers{1}));
     const auto large = everythingOf(make({{1, 1}}, {}, {}, 100, 65536));
     EXPECT_EQ(large[unused].size(), 16U);

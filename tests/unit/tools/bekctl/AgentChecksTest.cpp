@@ -16,12 +16,12 @@ AgentFacts running(Port port = Port::answers) {
 TEST(CheckAgent, OneThatAnswersIsWell) {
     const Findings found = checkAgent(running());
     ASSERT_EQ(found.size(), 2U);
-    EXPECT_EQ(found[0].verdict, Verdict::well);
-    EXPECT_EQ(found[1].verdict, Verdict::well);
+    EXPECT_EQ(found[0].verdict, Verdict::ok);
+    EXPECT_EQ(found[1].verdict, Verdict::ok);
 }
 
 TEST(CheckAgent, EveryOtherStateOfThePortIsAFailure) {
-    for (const Port port : {Port::closed, Port::foreign, Port::silent, Port::stranger}) {
+    for (const Port port : {Port::closed, Port::otherProgram, Port::silent, Port::wrongCertificate}) {
         const Finding found = checkAgent(running(port)).at(1);
         EXPECT_EQ(found.verdict, Verdict::failure) << found.text;
         EXPECT_NE(found.remedy, "");
@@ -41,7 +41,7 @@ TEST(CheckDatabase, OneThatCannotBeReadAndOneThatIsNotPaired) {
     EXPECT_EQ(checkDatabase(Database(), "").at(1).verdict, Verdict::failure);
     Database paired;
     paired.pairing = Pairing{4711, ""};
-    EXPECT_EQ(checkDatabase(paired, "").at(1).verdict, Verdict::well);
+    EXPECT_EQ(checkDatabase(paired, "").at(1).verdict, Verdict::ok);
 }
 
 TEST(CheckIdentity, WhatIsMissingIsAFailure) {
@@ -56,8 +56,8 @@ TEST(CheckIdentity, WhatIsMissingIsAFailure) {
 
 TEST(CheckIdentity, PartsThatDoNotBelongTogether) {
     Identity identity;
-    identity.hasOwnKey = false;
-    identity.isVouchedFor = false;
+    identity.keyMatches = false;
+    identity.isSignedByAuthority = false;
     const Findings found = checkIdentity(identity, 0);
     ASSERT_EQ(found.size(), 4U);
     EXPECT_EQ(found[2].verdict, Verdict::failure);

@@ -12,7 +12,7 @@ namespace {
 constexpr const char* one = "0d9dc930-0000-4000-8000-000000000001";
 constexpr const char* two = "0d9dc930-0000-4000-8000-000000000002";
 
-/// The lines of a log, one second after the other.
+/// Builds a log whose lines are one second apart.
 class LogText {
 public:
     LogText& line(const std::string& text, const std::string& level = "[INFO:]     ") {
@@ -55,7 +55,7 @@ TEST(BackupLog, TakesARecordAsItStands) {
     text.begin().record(one).end();
     ASSERT_EQ(text.log.lastRecords().size(), 1U);
     const BackupRecord& record = text.log.lastRecords().at(one);
-    EXPECT_EQ(record.asked, "INCREMENTAL");
+    EXPECT_EQ(record.requestedType, "INCREMENTAL");
     EXPECT_EQ(record.type, "FULL");
     EXPECT_EQ(record.outcome, "success");
     EXPECT_EQ(record.mountPoint, "/mnt/data");
@@ -81,7 +81,7 @@ TEST(BackupLog, JoinsTheReasonsThatNameAVolumeOrStandInItsCopy) {
         .line("No db entry found for volume " + std::string(one) + ", forcing FULL [fallback:volume-unknown]")
         .copy(two)
         .error("A logical error occurred [fallback:ext-bitmaps]")
-        .line("Beginning execution of the Open Volume I/O phase.") // within the copy
+        .line("Beginning execution of the Open Volume I/O phase.") // inside the copy
         .error("Another one [fallback:driver-file-copied]")
         .copied(two)
         .record(one)
@@ -157,9 +157,9 @@ TEST(BackupLog, BackupThatTheAgentsEndCutOff) {
     LogText text;
     text.begin().copy(one).line("Agent daemon started");
     EXPECT_EQ(text.log.runningSince(), std::nullopt);
-    EXPECT_NE(text.log.cutOff(), std::nullopt);
+    EXPECT_NE(text.log.beginOfInterrupted(), std::nullopt);
     text.begin().record(one).end();
-    EXPECT_EQ(text.log.cutOff(), std::nullopt);
+    EXPECT_EQ(text.log.beginOfInterrupted(), std::nullopt);
 }
 
 TEST(BackupLog, KnowsTheTargetThatWasNamedLast) {
@@ -181,8 +181,8 @@ TEST(BackupLog, TakesNoRecordFromAnotherTongue) {
     const std::string forged = R"(Backup record: {"volume":"forged"})";
     text.begin().line("/etc/tolvu/bek/pps/script: " + forged);
     text.log.add(forged);                                          // the second line of a message
-    text.log.add("2026-03-04 10:54:99.123 [INFO:]     " + forged); // no moment
-    text.log.add("2026-03-04 10:54:10.123 [WHATEVER:] " + forged); // no level
+    text.log.add("2026-03-04 10:54:99.123 [INFO:]     " + forged); // not a valid time
+    text.log.add("2026-03-04 10:54:10.123 [WHATEVER:] " + forged); // not a valid level
     text.line("Backup record: {").line("Backup record: []").line("Backup record: {\"volume\":7}");
     text.line("Backup record: {\"volume\":\"" + std::string(70'000, 'x') + "\"}");
     text.line("Backup record: " + std::string(60'000, '['));

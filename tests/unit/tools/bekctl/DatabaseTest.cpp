@@ -15,7 +15,7 @@
 namespace bekctl {
 namespace {
 
-/// As the agent makes one.
+/// A database as the agent makes it.
 class DatabaseTest : public testing::Test {
 protected:
     DatabaseTest() { provider.validateProvider(); }
@@ -78,7 +78,7 @@ TEST_F(DatabaseTest, DamagedOnesAreRefused) {
     EXPECT_THROW(parseDatabase(whole.substr(0, 4096)), std::exception);
 }
 
-/// Where what is missing was empty nothing is missed.
+/// A truncated file may be accepted only if the missing part was empty.
 TEST_F(DatabaseTest, CutOffOnesAreRefusedOrWhole) {
     provider.setDevice(1, "address", "");
     const std::string whole = agent::test::readFile(path);

@@ -20,7 +20,7 @@ constexpr const char* locks = "1: POSIX  ADVISORY  WRITE 11 00:17:5 0 EOF\n"
 
 TEST(FindLockHolder, TakesTheKindThatTheAgentTakes) {
     EXPECT_EQ(findLockHolder(locks, "00:17:5"), 14);
-    EXPECT_EQ(findLockHolder(locks, "00:17:6"), std::nullopt); // only waited for
+    EXPECT_EQ(findLockHolder(locks, "00:17:6"), std::nullopt); // a process that only waits for the lock
     EXPECT_EQ(findLockHolder(locks, "00:17:7"), std::nullopt);
     EXPECT_EQ(findLockHolder("\n: \nnonsense 1 2 3", "00:17:5"), std::nullopt);
 }

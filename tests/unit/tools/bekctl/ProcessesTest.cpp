@@ -20,7 +20,7 @@ constexpr const char* table =
 
 TEST(FindListeningSocket, TakesOneThatListens) {
     EXPECT_EQ(findListeningSocket(table, 25567), "1185");
-    EXPECT_EQ(findListeningSocket(table, 22), ""); // a line that breaks off
+    EXPECT_EQ(findListeningSocket(table, 22), ""); // a truncated line
     EXPECT_EQ(findListeningSocket(table, 80), "");
 }
 

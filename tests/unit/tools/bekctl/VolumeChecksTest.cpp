@@ -9,66 +9,66 @@ namespace {
 
 constexpr std::uint64_t mebibyte = 1'048'576;
 
-/// As of a volume of this size, with this much for the notes beside the CoW file.
-Room roomOf(std::uint64_t volumeMebibytes, std::uint64_t cowMebibytes, std::uint64_t freeMebibytes,
-            std::uint64_t presentMebibytes = 0) {
-    Room room;
-    room.cowMebibytes = cowMebibytes;
-    room.needed = cowMebibytes * mebibyte + 8 + 8 * (volumeMebibytes * mebibyte / 4096);
-    room.free = freeMebibytes * mebibyte;
-    room.present = presentMebibytes * mebibyte;
-    return room;
+/// The space on a volume of this size, in MiB. The driver needs some more beside the CoW file for its bitmap.
+SnapshotSpace spaceOf(std::uint64_t volumeMebibytes, std::uint64_t cowMebibytes, std::uint64_t freeMebibytes,
+                      std::uint64_t presentMebibytes = 0) {
+    SnapshotSpace space;
+    space.cowMebibytes = cowMebibytes;
+    space.needed = cowMebibytes * mebibyte + 8 + 8 * (volumeMebibytes * mebibyte / 4096);
+    space.free = freeMebibytes * mebibyte;
+    space.currentCowBytes = presentMebibytes * mebibyte;
+    return space;
 }
 
-TEST(CheckRoom, PlentyIsWell) {
-    const Finding found = checkRoom(roomOf(20'000, 2000, 15'000), "u", "/data");
-    EXPECT_EQ(found.verdict, Verdict::well);
+TEST(CheckSnapshotSpace, PlentyIsWell) {
+    const Finding found = checkSnapshotSpace(spaceOf(20'000, 2000, 15'000), "u", "/data");
+    EXPECT_EQ(found.verdict, Verdict::ok);
     EXPECT_EQ(found.remedy, "");
 }
 
-TEST(CheckRoom, FirstBackupOfAVolumeThatIsTooFull) {
-    const Finding found = checkRoom(roomOf(2000, 1000, 900), "u", "/data");
+TEST(CheckSnapshotSpace, FirstBackupOfAVolumeThatIsTooFull) {
+    const Finding found = checkSnapshotSpace(spaceOf(2000, 1000, 900), "u", "/data");
     EXPECT_EQ(found.verdict, Verdict::failure);
     EXPECT_NE(found.text.find("the next backup needs 1.1 GB"), std::string::npos) << found.text;
     EXPECT_NE(found.remedy.find("Set volumes.u.cowFileSizeMiB to 336,"), std::string::npos) << found.remedy;
 }
 
-/// A gibibyte at least and half of the volume at most: two of them are all of a volume of 2 GiB.
-TEST(CheckRoom, SecondBackupOfASmallVolumeByDefault) {
-    const Finding found = checkRoom(roomOf(2048, 1024, 1900), "u", "/data");
+/// The default is at least 1 GiB and at most half of the volume, so two CoW files fill a volume of 2 GiB.
+TEST(CheckSnapshotSpace, SecondBackupOfASmallVolumeByDefault) {
+    const Finding found = checkSnapshotSpace(spaceOf(2048, 1024, 1900), "u", "/data");
     EXPECT_EQ(found.verdict, Verdict::failure);
     EXPECT_NE(found.text.find("the one after it fails"), std::string::npos) << found.text;
     EXPECT_NE(found.remedy.find("cowFileSizeMiB to 710,"), std::string::npos) << found.remedy;
 }
 
-TEST(CheckRoom, CowFileThatIsThereMakesWay) {
-    EXPECT_EQ(checkRoom(roomOf(8000, 1000, 1100, 1000), "u", "/data").verdict, Verdict::well);
-    EXPECT_EQ(checkRoom(roomOf(8000, 1000, 1100, 500), "u", "/data").verdict, Verdict::failure);
+TEST(CheckSnapshotSpace, CowFileThatIsThereMakesWay) {
+    EXPECT_EQ(checkSnapshotSpace(spaceOf(8000, 1000, 1100, 1000), "u", "/data").verdict, Verdict::ok);
+    EXPECT_EQ(checkSnapshotSpace(spaceOf(8000, 1000, 1100, 500), "u", "/data").verdict, Verdict::failure);
 }
 
-TEST(CheckRoom, WhereNoSizeFitsRoomIsWhatIsMissing) {
-    const Finding found = checkRoom(roomOf(500, 250, 150), "u", "/data");
+TEST(CheckSnapshotSpace, WhereNoSizeFitsRoomIsWhatIsMissing) {
+    const Finding found = checkSnapshotSpace(spaceOf(500, 250, 150), "u", "/data");
     EXPECT_EQ(found.verdict, Verdict::failure);
     EXPECT_EQ(found.remedy, "Free 53.5 MB and set volumes.u.cowFileSizeMiB to 100.");
 }
 
-/// Whatever is recommended passes the same check.
+/// Every recommended size must pass the same check.
 TEST(FittingCow, IsOneThatPasses) {
     for (std::uint64_t volume = 300; volume < 20'000; volume += 171) {
         for (std::uint64_t free = 0; free <= volume; free += volume / 13) {
-            const Room room = roomOf(volume, volume / 2, free, free / 3);
-            const std::uint64_t fitting = fittingCowMebibytes(room);
+            const SnapshotSpace space = spaceOf(volume, volume / 2, free, free / 3);
+            const std::uint64_t fitting = fittingCowMebibytes(space);
             if (fitting == 0) {
                 continue;
             }
-            const Room changed = roomOf(volume, fitting, free, free / 3);
-            EXPECT_EQ(checkRoom(changed, "u", "/").verdict, Verdict::well) << volume << ' ' << free;
+            const SnapshotSpace changed = spaceOf(volume, fitting, free, free / 3);
+            EXPECT_EQ(checkSnapshotSpace(changed, "u", "/").verdict, Verdict::ok) << volume << ' ' << free;
             EXPECT_GE(fitting, 100U);
         }
     }
 }
 
-/// A volume that is mounted, of which nothing is asked that isn't in its description.
+/// A mounted volume of which only the description is examined.
 VolumeFacts factsOf(const std::string& uuid, const std::string& obstacle = "") {
     agent::info::VolumeDescription description;
     description.device = "/dev/null";
@@ -79,7 +79,7 @@ VolumeFacts factsOf(const std::string& uuid, const std::string& obstacle = "") {
     VolumeFacts facts;
     facts.volume = std::make_shared<agent::info::BackupableVolume>(description);
     facts.obstacle = obstacle;
-    facts.room = roomOf(20'000, 2000, 15'000);
+    facts.space = spaceOf(20'000, 2000, 15'000);
     return facts;
 }
 
@@ -108,8 +108,8 @@ std::vector<VolumeFacts> listOf(VolumeFacts facts) {
 
 TEST(CheckVolumes, BeforeTheFirstBackupAllThatCanBe) {
     const Findings found = checkVolumes(listOf(factsOf("a")), {}, false);
-    EXPECT_EQ(verdictOf(found, "volume"), Verdict::well);
-    EXPECT_EQ(verdictOf(found, "room"), Verdict::well);
+    EXPECT_EQ(verdictOf(found, "volume"), Verdict::ok);
+    EXPECT_EQ(verdictOf(found, "room"), Verdict::ok);
     EXPECT_EQ(found.size(), 2U);
 }
 
@@ -126,11 +126,11 @@ TEST(CheckVolumes, NoneAtAllIsAFailure) {
 
 TEST(CheckVolumes, WhatEndsTrackingIsAWarning) {
     EXPECT_EQ(verdictOf(checkVolumes(listOf(factsOf("a")), {"a"}, false), "tracking"), Verdict::warning);
-    EXPECT_EQ(verdictOf(checkVolumes(listOf(trackedOf("a")), {"a"}, false), "tracking"), Verdict::well);
+    EXPECT_EQ(verdictOf(checkVolumes(listOf(trackedOf("a")), {"a"}, false), "tracking"), Verdict::ok);
     EXPECT_EQ(verdictOf(checkVolumes(listOf(trackedOf("a", 2, 28)), {"a"}, false), "tracking"),
               Verdict::warning);
     EXPECT_EQ(verdictOf(checkVolumes(listOf(trackedOf("a", 3)), {"a"}, false), "tracking"), Verdict::warning);
-    EXPECT_EQ(verdictOf(checkVolumes(listOf(trackedOf("a", 3)), {"a"}, true), "tracking"), Verdict::well);
+    EXPECT_EQ(verdictOf(checkVolumes(listOf(trackedOf("a", 3)), {"a"}, true), "tracking"), Verdict::ok);
 }
 
 TEST(CheckVolumes, TrackedVolumeNeedsItsHistoryAndItsScript) {

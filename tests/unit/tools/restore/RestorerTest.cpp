@@ -20,7 +20,7 @@ namespace {
 constexpr std::uint64_t mebibyte = 1UL << 20U;
 constexpr std::uint64_t volumeBytes = 24 * mebibyte;
 
-/// Each page is filled with its number.
+/// An image in which each page is filled with its number.
 class NumberedImage : public IImage {
 public:
     [[nodiscard]] std::uint64_t size() const override { return volumeBytes; }
@@ -38,7 +38,7 @@ public:
     }
     [[nodiscard]] std::string name() const override { return "numbers"; }
 
-    /// A page in eight is empty, and so is a stretch that is worth a hole.
+    /// Every eighth page is zero, and so is a range that is large enough for a hole.
     [[nodiscard]] std::byte valueOf(std::uint64_t offset) const {
         const std::uint64_t page = offset / pageBytes;
         const bool isEmpty = page % 8 == 5 || (offset >= 6 * mebibyte && offset < 7 * mebibyte);
@@ -85,7 +85,7 @@ protected:
         return bytes;
     }
 
-    /// Every used page is the image's; what isn't used isn't the image's.
+    /// Expects that every used page equals the image's. An unused page equals it only if that is zero.
     void expectRestored() {
         const std::string bytes = content();
         ASSERT_EQ(bytes.size(), volumeBytes);
@@ -145,7 +145,7 @@ TEST_F(RestorerTest, GoesOnWhereItWasInterrupted) {
     const Restorer::Result result = restore(found);
     EXPECT_EQ(result.resumed, 9 * mebibyte + 3 * pageBytes);
     EXPECT_EQ(result.copied, 3 * mebibyte);
-    EXPECT_EQ(result.mended, 0U);
+    EXPECT_EQ(result.rewritten, 0U);
     expectRestored();
 }
 
@@ -157,7 +157,7 @@ TEST_F(RestorerTest, KeepsTheMarkerInTheFirstPageUntilTheEnd) {
     std::ofstream(path, std::ios::in) << std::string(mebibyte, '\xEE');
     EXPECT_THROW(restore(), std::runtime_error);
     image.failsFrom = volumeBytes;
-    restore(marker()); // one marker more than in one go
+    restore(marker()); // writes one marker more than an uninterrupted restore
     EXPECT_EQ(places, (std::vector<std::uint64_t>{0, 0}));
     expectRestored();
 }
@@ -179,7 +179,7 @@ TEST_F(RestorerTest, MendsWhatAnEarlierRunHasBroughtOfAnotherState) {
     afterCopy = nullptr;
     image.salt = 2;
     const Restorer::Result result = restore(marker());
-    EXPECT_GT(result.mended, 0U);
+    EXPECT_GT(result.rewritten, 0U);
     expectRestored();
 }
 

@@ -19,7 +19,7 @@ using Line = test::RecordingLogger::Line;
 constexpr int level3 = info::level::info;
 const std::string uuid = "the-volume";
 
-/// Ranges that can't be counted.
+/// Ranges whose size can't be determined.
 class UncountedRanges : public test::FixedRanges {
 public:
     UncountedRanges() : FixedRanges({}) {}

@@ -56,7 +56,7 @@ protected:
         phase.execute();
     }
 
-    /// The blocks of the target that hold what the source has there; any other content is a failure.
+    /// The blocks of the target that equal the source's. Any other content is a failure.
     std::vector<std::uint64_t> copied() {
         std::vector<std::uint64_t> all;
         for (std::uint64_t block = 0; block < blocks; ++block) {
@@ -110,7 +110,7 @@ TEST_F(CopyChunkRangesTest, EmptyRangesArePassedOver) {
     copy({{2, 0}, {5, 1}, {9, 0}});
     EXPECT_THAT(copied(), ElementsAre(5));
     EXPECT_EQ(source.requests.size(), 1U);
-    EXPECT_EQ(cancel.checks, 3); // a cancel is seen there, too
+    EXPECT_EQ(cancel.checks, 3); // empty ranges check for a cancel, too
 }
 
 TEST_F(CopyChunkRangesTest, ProgressIsToldAfterEachChunk) {

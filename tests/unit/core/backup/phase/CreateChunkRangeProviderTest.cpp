@@ -3,8 +3,8 @@
 #include "support/FixedBitmap.h"
 #include "support/FixedRanges.h"
 #include "support/Messages.h"
-#include "support/PlainRanges.h"
 #include "support/RecordingLogger.h"
+#include "support/ReferenceRanges.h"
 #include "support/TestDirectory.h"
 
 #include <gmock/gmock.h>
@@ -25,8 +25,8 @@ std::string sizedText(bool sized) {
     return sized ? " sized" : "";
 }
 
-/// Keeps the layers that it was asked for, in order. Each of them excludes a block of its own: the first
-/// block 10, the second block 20 and so on.
+/// Records the layers that were requested, in order. Each layer excludes one block: the first layer block 10,
+/// the second block 20 and so on.
 class RecordingRanges : public block::BlockRangeProviderFactory {
 public:
     using BlockRangeProviderFactory::BlockRangeProviderFactory;
@@ -53,7 +53,7 @@ private:
     }
 };
 
-/// Knows each file system, or none.
+/// Recognizes every file system, or none.
 class AnyFileSystem : public fs::UsedBlockBitmapChunkProviderFactory {
 public:
     explicit AnyFileSystem(info::Logger& logger)
@@ -70,7 +70,7 @@ public:
 
 class CreateChunkRangeProviderTest : public testing::Test {
 protected:
-    /// A file at the root of the snapshot.
+    /// Creates a file at the root of the snapshot.
     std::string file(const std::string& name) {
         test::writeFile(directory / name, "");
         return directory / name;

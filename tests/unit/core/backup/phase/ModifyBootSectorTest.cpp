@@ -45,7 +45,7 @@ protected:
         ModifyBootSector(log.logger, filesystem, sectorSize, volume, writer).execute();
     }
 
-    /// The boot sector as the target is to have it.
+    /// The boot sector that the target must have.
     static test::FakeTransport::Image expectedSector() {
         test::FakeTransport::Image sector(sectorBytes);
         for (std::size_t byte = 0; byte < sectorBytes; ++byte) {

@@ -64,7 +64,7 @@ TEST_F(PhaseTest, ValidationLowersTheTypeOfDoubtfulVolumes) {
     EXPECT_EQ(phase.getName(), "Validate Remote Targets");
     session->open();
     phase.execute();
-    EXPECT_EQ(attributes->getBackupType(first), DIFFERENTIAL_MERGE); // nothing is known of its image
+    EXPECT_EQ(attributes->getBackupType(first), DIFFERENTIAL_MERGE); // nothing is known about its image
     EXPECT_EQ(attributes->getBackupType(second), FULL);
     EXPECT_GT(firstTransport->connects + secondTransport->connects, 0);
     EXPECT_FALSE(firstTransport->connected);
@@ -140,7 +140,7 @@ TEST_F(PhaseTest, PopulatingFailsWithAVolumeThatIsNotThere) {
     PopulateVolumes phase(log.logger, provider, {first, second, first}, volumes);
     EXPECT_EQ(messageOf<std::runtime_error>([&] { phase.execute(); }), "Cannot backup non existing volume.");
     EXPECT_TRUE(log.has(1, "Volume " + second + " could not be found."));
-    EXPECT_EQ(volumes.size(), 1U); // what was found before stays for what follows every backup
+    EXPECT_EQ(volumes.size(), 1U); // volumes found so far stay for what runs after every backup
 }
 
 } // namespace

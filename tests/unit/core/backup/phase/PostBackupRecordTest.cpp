@@ -15,7 +15,7 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-/// Facts of snapshots that keep which volumes they were asked for.
+/// Snapshot information that records for which volumes it was requested.
 class AskedSnapshotInfo : public ISnapshotInfo {
 public:
     [[nodiscard]] VolumeSnapshotInfo getVolumeSnapshotInfo(const std::string& uuid) const override {

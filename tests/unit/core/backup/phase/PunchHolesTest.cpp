@@ -60,7 +60,7 @@ TEST_F(PunchHolesTest, CancelIsSeenBeforeEachHole) {
 }
 
 TEST_F(PunchHolesTest, HoleThatCannotBePunchedKeepsNoneOfTheOthers) {
-    auto faulty = std::make_shared<test::FaultyTransport>(target, 2); // the first hole, behind its seek
+    auto faulty = std::make_shared<test::FaultyTransport>(target, 2); // the punch of the first hole
     phase({{1, 1}, {5, 1}}, faulty).execute();
     EXPECT_THAT(target->holes, ElementsAre(Extent(5 * blockSize, blockSize)));
 }
@@ -78,7 +78,7 @@ TEST_F(PunchHolesTest, RangeBehindTheTargetTakesNothingFromIt) {
     EXPECT_THAT(target->holes, ElementsAre(Extent(blockSize, blockSize)));
 }
 
-/// Where one image has several volumes, the next one begins behind this.
+/// If one image holds several volumes, the next one begins after this volume.
 TEST_F(PunchHolesTest, HolesEndWithTheVolume) {
     volumeBlocks = 6;
     phase({{1, 1}, {5, 4}, {6, 1}, {8, ~0UL}}).execute();

@@ -57,7 +57,7 @@ protected:
         script.onStart = [this] { runsBeforeSnapshots = quiesce.runs; };
     }
 
-    /// What the log says when a snapshot has failed, between the scripts' lines.
+    /// The log lines, between those of the scripts, when a snapshot has failed.
     static Lines failedBecause(const std::string& reason) {
         return {{error, "Exception caught trying to create snapshots: " + reason}};
     }
@@ -105,7 +105,7 @@ TEST_F(StartSnapshottingTest, SnapshotsCanBeFoundFromHereOn) {
 
 TEST_F(StartSnapshottingTest, IncrementalVolumeWithoutItsRecordOfChangesIsCompared) {
     script.started["a"] = snapshot(false);
-    script.started["b"] = snapshot(false); // which is no matter for a full copy
+    script.started["b"] = snapshot(false); // which doesn't matter for a full copy
     phase.execute();
     EXPECT_EQ(attributes.getBackupType("a"), DIFFERENTIAL_MERGE);
     EXPECT_EQ(attributes.getBackupType("b"), FULL);

@@ -46,7 +46,7 @@ TEST_F(TransitionToIncrementalTest, FactsOfTheTrackingReplaceThoseOfTheSnapshots
 TEST_F(TransitionToIncrementalTest, DriverIsToldWhetherTheBackupHasDelivered) {
     run(true);
     run(false);
-    EXPECT_THAT(script.ends, ElementsAre(true, false));
+    EXPECT_THAT(script.transitionResults, ElementsAre(true, false));
 }
 
 TEST_F(TransitionToIncrementalTest, ThereMayHaveBeenNoSnapshots) {

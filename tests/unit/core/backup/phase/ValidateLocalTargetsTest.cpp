@@ -25,19 +25,19 @@ using Line = test::RecordingLogger::Line;
 
 constexpr int level3 = info::level::info;
 
-/// A real database that can't tell anything about some volume.
-class DoubtfulDatabase : public db::DataProvider {
+/// A real database that fails when it is asked whether it has one certain volume.
+class DatabaseFailingForVolume : public db::DataProvider {
 public:
     using DataProvider::DataProvider;
 
     bool hasVolume(const std::string& uuid) override {
-        if (uuid == doubtful) {
+        if (uuid == failingVolume) {
             throw std::runtime_error("database is locked");
         }
         return DataProvider::hasVolume(uuid);
     }
 
-    std::string doubtful;
+    std::string failingVolume;
 };
 
 info::VolumeDescription mounted(const std::string& uuid) {
@@ -71,7 +71,7 @@ protected:
     UUIDGenerator uuids;
     test::TestDirectory directory;
     test::RecordingLogger ownLog;
-    DoubtfulDatabase database{ownLog.logger, uuids, directory.path()};
+    DatabaseFailingForVolume database{ownLog.logger, uuids, directory.path()};
     test::RecordingLogger log;
     ValidateLocalTargets::Volumes volumes;
     BackupAttributes attributes{
@@ -108,10 +108,10 @@ TEST_F(ValidateLocalTargetsTest, VolumeThatTheDatabaseFailsForIsComparedAndTheOt
         add(mounted(uuid));
     }
     remember("b");
-    database.doubtful = "a";
+    database.failingVolume = "a";
     phase.execute();
     EXPECT_EQ(attributes.getBackupType("a"), DIFFERENTIAL_MERGE);
-    EXPECT_EQ(attributes.getBackupType("b"), DIFFERENTIAL_MERGE); // as asked for
+    EXPECT_EQ(attributes.getBackupType("b"), DIFFERENTIAL_MERGE); // as requested
     EXPECT_EQ(attributes.getBackupType("c"), FULL);
     EXPECT_THAT(log.lines(),
                 ElementsAre(Line{debug, "database is locked"},
@@ -122,7 +122,7 @@ TEST_F(ValidateLocalTargetsTest, VolumeThatTheDatabaseFailsForIsComparedAndTheOt
 
 TEST_F(ValidateLocalTargetsTest, VolumeThatWasToBeCopiedInFullIsOnlyComparedIfTheDatabaseFails) {
     add(mounted("c"));
-    database.doubtful = "c";
+    database.failingVolume = "c";
     phase.execute();
     EXPECT_EQ(attributes.getBackupType("c"), DIFFERENTIAL_MERGE);
 }
@@ -135,7 +135,7 @@ TEST_F(ValidateLocalTargetsTest, NoVolumesAreAnError) {
 TEST_F(ValidateLocalTargetsTest, VolumeWhoseDeviceIsGoneIsRefused) {
     info::VolumeDescription gone = mounted("a");
     gone.device = directory / "gone";
-    gone.mounted = false; // which is not asked any more
+    gone.mounted = false; // no longer checked then
     add(gone);
     EXPECT_EQ(failure(), "Cannot backup an inaccessible device!");
     EXPECT_THAT(log.lines(), ElementsAre(Line{error, "Volume a (/mnt/a) is inaccessible!"}));

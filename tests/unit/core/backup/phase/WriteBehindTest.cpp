@@ -2,7 +2,7 @@
 
 #include "core/backup/BackupStatusHandler.h"
 #include "core/backup/phase/CopyChunkRanges.h"
-#include "info/log/LogTurn.h"
+#include "info/log/LogGate.h"
 #include "support/CountedCancel.h"
 #include "support/FakeTransport.h"
 #include "support/FixedRanges.h"
@@ -37,22 +37,22 @@ Chunk chunkAt(std::int64_t offset) {
     return {offset, nullptr, 1};
 }
 
-/// Takes chunks, each when it is let.
+/// Takes chunks, each when the test lets it.
 class Gate {
 public:
     void pass(const Chunk& chunk) {
-        ++come;
-        eventually([&] { return come <= let; });
+        ++arrived;
+        eventually([&] { return arrived <= allowed; });
         passed.push_back(chunk.offset);
         if (chunk.offset == failing) {
             throw std::runtime_error("can't be written");
         }
     }
 
-    std::atomic<int> come = 0;
-    std::atomic<int> let = 1000;
+    std::atomic<int> arrived = 0;
+    std::atomic<int> allowed = 1000;
     std::int64_t failing = -1;
-    Offsets passed; ///< to be looked at when all is settled
+    Offsets passed; ///< read it only when nothing is being written
 };
 
 class WriteBehindTest : public testing::Test {
@@ -62,11 +62,11 @@ protected:
 };
 
 TEST_F(WriteBehindTest, AChunkIsWrittenWhileTheCallerGoesOn) {
-    gate.let = 0;
+    gate.allowed = 0;
     writing.begin(chunkAt(7));
-    EXPECT_TRUE(eventually([&] { return gate.come == 1; }));
-    gate.let = 1;
-    writing.settle();
+    EXPECT_TRUE(eventually([&] { return gate.arrived == 1; }));
+    gate.allowed = 1;
+    writing.waitOrThrow();
     EXPECT_EQ(gate.passed, Offsets{7});
 }
 
@@ -74,7 +74,7 @@ TEST_F(WriteBehindTest, ChunksAreWrittenOneAfterTheOther) {
     for (const std::int64_t offset : {3, 1, 2}) {
         writing.begin(chunkAt(offset));
     }
-    EXPECT_TRUE(writing.isWritten());
+    EXPECT_TRUE(writing.waitUntilWritten());
     EXPECT_EQ(gate.passed, (Offsets{3, 1, 2}));
 }
 
@@ -82,17 +82,17 @@ TEST_F(WriteBehindTest, AFailureEndsWithTheNextCallAndIsThrownOnce) {
     gate.failing = 1;
     writing.begin(chunkAt(1));
     EXPECT_EQ(messageOf<std::runtime_error>([&] { writing.begin(chunkAt(2)); }), "can't be written");
-    writing.settle();
+    writing.waitOrThrow();
     EXPECT_EQ(gate.passed, Offsets{1}) << "and nothing was begun";
 }
 
 TEST_F(WriteBehindTest, WhoOnlyAsksLeavesTheFailureToTheNext) {
     gate.failing = 1;
     writing.begin(chunkAt(1));
-    EXPECT_FALSE(writing.isWritten());
-    EXPECT_FALSE(writing.isWritten());
-    EXPECT_THROW(writing.settle(), std::runtime_error);
-    EXPECT_TRUE(writing.isWritten());
+    EXPECT_FALSE(writing.waitUntilWritten());
+    EXPECT_FALSE(writing.waitUntilWritten());
+    EXPECT_THROW(writing.waitOrThrow(), std::runtime_error);
+    EXPECT_TRUE(writing.waitUntilWritten());
 }
 
 TEST_F(WriteBehindTest, TheEndWaitsForWhatIsUnderWay) {
@@ -110,26 +110,26 @@ TEST_F(WriteBehindTest, WithoutAThreadTheCallerWrites) {
     writing.begin(chunkAt(1));
     EXPECT_EQ(gate.passed, Offsets{1});
     EXPECT_THROW(writing.begin(chunkAt(2)), std::runtime_error);
-    writing.settle();
-    EXPECT_TRUE(writing.isWritten());
+    writing.waitOrThrow();
+    EXPECT_TRUE(writing.waitUntilWritten());
 }
 
 TEST_F(WriteBehindTest, SignalsOfTheProcessAreLeftToOthers) {
     sigset_t of{};
     WriteBehind signalled([&](const Chunk&) { pthread_sigmask(SIG_SETMASK, nullptr, &of); });
     signalled.begin(chunkAt(1));
-    signalled.settle();
+    signalled.waitOrThrow();
     EXPECT_EQ(sigismember(&of, SIGALRM), 1);
     EXPECT_EQ(sigismember(&of, SIGSEGV), 0);
     pthread_sigmask(SIG_SETMASK, nullptr, &of);
     EXPECT_EQ(sigismember(&of, SIGALRM), 0);
 }
 
-// --- a copy that reads meanwhile
+// --- a copy that reads while it writes
 
 constexpr std::uint32_t blockSize = 512;
 
-/// Counts its reads, and logs each at a level.
+/// Counts its reads and logs each at the given level.
 class LoggedVolume : public test::MemoryVolume {
 public:
     LoggedVolume(info::Logger& logger, int level)
@@ -148,7 +148,7 @@ private:
     int level;
 };
 
-/// Waits in each write for the read of the next chunk, for at most as long as `patience`.
+/// Each write waits until the next chunk has been read, but at most for `patience`.
 class WaitingTransport : public test::FakeTransport {
 public:
     WaitingTransport(info::Logger& logger, LoggedVolume& volume)

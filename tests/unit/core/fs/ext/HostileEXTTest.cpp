@@ -13,7 +13,7 @@ class HostileEXT : public testing::Test {
 protected:
     HostileEXT() {
         for (std::uint32_t block = 1; block < 2000; block += 3) {
-            image.use(block);
+            image.setUsed(block);
         }
         image.setUninitialized(2);
     }

@@ -1,83 +1,8 @@
-#include "core/fs/fat/FATParser.h"
-
 #include "core/fs/UsedBlockBitmapChunkProviderFactory.h"
-#include "support/FatImage.h"
-#include "support/MemoryVolume.h"
-#include "support/RecordingLogger.h"
-
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <cstdint>
-#include <memory>
-#include <random>
-#include <set>
-#include <string>
-#include <vector>
+#include "unit/core/fs/fat/FATParserFixture.h"
 
 namespace agent::core::fs {
 namespace {
-
-using test::FatImage;
-using Geometry = FatImage::Geometry;
-using Blocks = std::set<std::uint64_t>;
-using Lines = std::vector<test::RecordingLogger::Line>;
-
-const std::string logicalError = "A logical error occurred while attempting to parse the FAT bitmap, err: ";
-
-class FATParserTest : public testing::Test {
-protected:
-    void make(Geometry geometry) { image = std::make_unique<FatImage>(geometry); }
-
-    /// What the parser says of the image from `startBlock` on. Recognises the volume anew.
-    std::int64_t parse(std::uint64_t startBlock = 0, std::size_t bytes = 4096) {
-        FATParser parser(record.logger, image->volume, 512);
-        EXPECT_TRUE(parser.recognize());
-        image->volume.requests.clear();
-        buffer.assign(bytes, 0xa5);
-        return parser.getBitmapChunk(startBlock, buffer.data(), buffer.size());
-    }
-
-    /// The blocks that are set in the buffer, counted from `startBlock`.
-    [[nodiscard]] Blocks used(std::uint64_t startBlock = 0) const {
-        Blocks blocks;
-        for (std::uint64_t bit = 0; bit < buffer.size() * 8; ++bit) {
-            if ((buffer[bit / 8] >> (bit % 8) & 1) != 0) {
-                blocks.insert(startBlock + bit);
-            }
-        }
-        return blocks;
-    }
-
-    /// Those in front of a block, and some others.
-    static Blocks before(std::uint64_t end, Blocks others) {
-        for (std::uint64_t block = 0; block < end; ++block) {
-            others.insert(block);
-        }
-        return others;
-    }
-
-    void expectRefused(const std::string& reason) {
-        record.clear();
-        EXPECT_EQ(parse(), -1);
-        EXPECT_EQ(record.lines(),
-                  (Lines{{info::level::error, reason}, {info::level::error, logicalError + "-1"}}));
-        EXPECT_TRUE(image->volume.requests.empty()) << "something was read";
-    }
-
-    /// Of a good volume, with another number in its boot sector.
-    void expectRefusedWith(std::uint64_t offset, std::uint64_t value, unsigned width,
-                           const std::string& reason) {
-        make({});
-        EXPECT_GT(parse(), 0);
-        image->volume.writeLittle(offset, value, width);
-        expectRefused(reason);
-    }
-
-    test::RecordingLogger record;
-    std::unique_ptr<FatImage> image;
-    std::vector<std::uint8_t> buffer;
-};
 
 TEST_F(FATParserTest, RecognisesTheTypeAlone) {
     make({});
@@ -102,7 +27,7 @@ TEST_F(FATParserTest, NarrowEntriesAreRefusedByName) {
     }
 }
 
-// A volume of another kind may have such letters in the code of its boot loader.
+// On a volume of another file system, boot loader code may contain these letters.
 TEST_F(FATParserTest, OtherKindsAreTriedAfterAVolumeThatCallsItselfFAT16) {
     make({});
     image->writeType(54, "FAT16");
@@ -128,7 +53,7 @@ TEST_F(FATParserTest, UnreadableBootSectorIsNotRecognised) {
     EXPECT_TRUE(parser.recognize());
 }
 
-// 72 sectors of 512 bytes, of which clusters have two.
+// 72 sectors of 512 bytes; a cluster has two sectors.
 TEST_F(FATParserTest, ReservedSectorsAndFATsAreUsed) {
     make({});
     EXPECT_EQ(parse(), 2000);
@@ -165,7 +90,7 @@ TEST_F(FATParserTest, TopFourBitsOfAnEntryMeanNothing) {
     EXPECT_EQ(used(), before(36, {36 + 100}));
 }
 
-// The data begins in the middle of block 36.
+// The data area begins in the middle of block 36.
 TEST_F(FATParserTest, StraddlingBlockIsUsedIfEitherClusterIs) {
     make({.reservedSectors = 33});
     image->setEntry(100, FatImage::endOfChain); // in blocks 134 and 135
@@ -238,7 +163,7 @@ TEST_F(FATParserTest, UnreadableFATFails) {
         ASSERT_EQ(lines.size(), 3U);
         EXPECT_EQ(lines[0].text.find("CHUNK READ FILE FAILED: OFFSET: "), 0U);
         EXPECT_EQ(lines[1], (test::RecordingLogger::Line{info::level::debug, "returning[2] -1"}));
-        EXPECT_EQ(lines[2], (test::RecordingLogger::Line{info::level::error, logicalError + "-1"}));
+        EXPECT_EQ(lines[2], (test::RecordingLogger::Line{info::level::error, fatLogicalError + "-1"}));
     }
 }
 
@@ -249,7 +174,7 @@ TEST_F(FATParserTest, FATThatTheDeviceEndsInFails) {
         record.clear();
         EXPECT_EQ(parse(), -400);
         EXPECT_EQ(record.lines(), (Lines{{info::level::debug, "returning[2] -400"},
-                                         {info::level::error, logicalError + "-400"}}));
+                                         {info::level::error, fatLogicalError + "-400"}}));
     }
 }
 
@@ -269,92 +194,7 @@ TEST_F(FATParserTest, BlockIsAsLargeAsACluster) {
     EXPECT_EQ(parser.getBlockSize(), 0U);
 }
 
-TEST_F(FATParserTest, ImpossibleClustersAreRefused) {
-    for (const std::uint64_t bytes : {0U, 1U, 256U, 513U, 1536U, 8192U, 65535U}) {
-        expectRefusedWith(11, bytes, 2, "The FAT cluster size is impossible");
-    }
-    for (const std::uint64_t sectors : {0U, 3U, 127U, 255U}) {
-        expectRefusedWith(13, sectors, 1, "The FAT cluster size is impossible");
-    }
-}
-
-TEST_F(FATParserTest, VolumeWithoutABootSectorOrAFATIsRefused) {
-    expectRefusedWith(14, 0, 2, "The FAT volume has no room for a boot sector and a FAT");
-    expectRefusedWith(16, 0, 1, "The FAT volume has no room for a boot sector and a FAT");
-}
-
-TEST_F(FATParserTest, FATsThatDontFitOnTheVolumeAreRefused) {
-    expectRefusedWith(32, 0, 4, "The FATs don't fit on the volume");
-    expectRefusedWith(32, 73, 4, "The FATs don't fit on the volume");
-    expectRefusedWith(36, 0xFFFFFFFF, 4, "The FATs don't fit on the volume");
-    image->volume.writeLittle(36, 20, 4);
-    image->volume.writeLittle(32, 74, 4); // one cluster
-    EXPECT_EQ(parse(), 37);
-}
-
-TEST_F(FATParserTest, FATThatIsTooShortIsRefused) {
-    make({.sectorsPerFat = 16, .totalSectors = 64 + 2 * 2046});
-    ASSERT_EQ(image->clusters, 2046U); // with the two that stand for none, 16 sectors
-    EXPECT_GT(parse(), 0);
-    image->volume.writeLittle(32, 64 + 2 * 2047, 4);
-    expectRefused("The FAT is too short for all clusters");
-    expectRefusedWith(36, 0, 4, "The FAT is too short for all clusters");
-}
-
-TEST_F(FATParserTest, MoreClustersThanNumbersAreRefused) {
-    make({.bytesPerSector = 512, .sectorsPerCluster = 1, .sectorsPerFat = 1U << 21U});
-    image->volume.writeLittle(32, 32 + (2U << 21U) + 0x0FFFFFF5U, 4);
-    EXPECT_GT(parse(), 0); // the last cluster has the number in front of that of bad ones
-    image->volume.writeLittle(32, 32 + (2U << 21U) + 0x0FFFFFF6U, 4);
-    expectRefused("The FAT clusters are too many for their numbers");
-}
-
-// Such a volume has FAT16 with a few letters changed: read as words, its entries say nothing.
-TEST_F(FATParserTest, NarrowEntriesUnderTheNameOfFAT32AreRefused) {
-    expectRefusedWith(22, 20, 2, "The FAT has entries of 12 or 16 bits, though it is called FAT32");
-}
-
-// Drivers look for clusters behind it, which moves them all.
-TEST_F(FATParserTest, RootDirectoryInFrontOfTheClustersIsRefused) {
-    expectRefusedWith(17, 512, 2, "A FAT32 root directory in front of the clusters is not supported");
-}
-
-TEST_F(FATParserTest, OtherVersionsAreRefused) {
-    expectRefusedWith(42, 1, 2, "This version of FAT32 is not supported");
-    expectRefusedWith(42, 0x100, 2, "This version of FAT32 is not supported");
-}
-
-TEST_F(FATParserTest, FirstFATHasToBeTheOneInUse) {
-    for (const std::uint64_t fat : {1U, 2U, 15U}) {
-        expectRefusedWith(40, 0x80 | fat, 2, "The first FAT is not the one in use, so it may be out of date");
-    }
-    for (const std::uint64_t flags : {0x80U, 0x01U, 0xFF70U}) { // it alone; all of them; bits of no meaning
-        make({});
-        image->volume.writeLittle(40, flags, 2);
-        EXPECT_EQ(parse(), 2000) << flags;
-    }
-}
-
-// A boot sector outlives what it belongs to, where another file system begins behind it.
-TEST_F(FATParserTest, FATThatDoesntBeginAsOneIsRefused) {
-    const std::string reason = "The FAT doesn't begin as one does, so the boot sector may be a left-over";
-    for (const std::uint32_t entry : {0U, 0xFFFFFFFFU >> 8U, 0x0FFFFEF8U, 0x07FFFFF8U}) {
-        make({});
-        image->setEntry(0, entry);
-        record.clear();
-        EXPECT_EQ(parse(40), -1);
-        EXPECT_EQ(record.lines(), (Lines{{info::level::error, reason},
-                                         {info::level::debug, "returning[2] -1"},
-                                         {info::level::error, logicalError + "-1"}}));
-    }
-    for (const std::uint32_t entry : {0xFFFFFFF0U, 0x0FFFFF00U}) {
-        make({});
-        image->setEntry(0, entry);
-        EXPECT_EQ(parse(40), 1960);
-    }
-}
-
-/// 2 TiB of clusters of 32 KiB, the FATs of which have 256 MiB each.
+/// 2 TiB of clusters of 32 KiB; each FAT has 256 MiB.
 Geometry largeGeometry(std::uint16_t reservedSectors) {
     return {.sectorsPerCluster = 64,
             .reservedSectors = reservedSectors,
@@ -365,7 +205,7 @@ Geometry largeGeometry(std::uint16_t reservedSectors) {
 TEST_F(FATParserTest, LargestVolumeIsReadInPieces) {
     for (const std::uint16_t reserved : std::vector<std::uint16_t>{64, 65}) {
         make(largeGeometry(reserved));
-        const std::uint64_t first = (1U << 20U) / 64 + 1; // block of the data
+        const std::uint64_t first = (1U << 20U) / 64 + 1; // the first block of the data area
         const std::uint64_t more = reserved - 64U;
         for (const std::uint64_t cluster : {0UL, 262'141UL, 262'142UL, 262'143UL, image->clusters - 1}) {
             image->setEntry(cluster + 2, FatImage::endOfChain);
@@ -381,106 +221,6 @@ TEST_F(FATParserTest, LargestVolumeIsReadInPieces) {
             EXPECT_LE(request.length, 1U << 20U);
         }
         EXPECT_LT(image->volume.requests.size(), 260U + 4);
-    }
-}
-
-/// Whether any byte of a block is metadata, or of a cluster that is in use.
-bool isUsed(FatImage& image, const std::vector<std::uint32_t>& entries, std::uint64_t block) {
-    const std::uint64_t end = std::min((block + 1) * image.clusterBytes, image.bytes);
-    for (std::uint64_t byte = block * image.clusterBytes; byte < end; byte += image.geometry.bytesPerSector) {
-        if (byte < image.dataOffset) {
-            return true;
-        }
-        const std::uint64_t cluster = (byte - image.dataOffset) / image.clusterBytes;
-        const std::uint32_t entry = cluster < image.clusters ? entries[cluster] & 0x0FFFFFFF : 0;
-        if (entry != 0 && entry != FatImage::bad) {
-            return true;
-        }
-    }
-    return false;
-}
-
-Geometry randomGeometry(std::mt19937& random) {
-    const auto below = [&random](std::uint32_t end) { return static_cast<std::uint32_t>(random() % end); };
-    Geometry geometry{.bytesPerSector = static_cast<std::uint16_t>(512U << below(4)),
-                      .sectorsPerCluster = static_cast<std::uint8_t>(1U << below(8)),
-                      .reservedSectors = static_cast<std::uint16_t>(1 + below(200)),
-                      .fatCount = static_cast<std::uint8_t>(1 + below(3))};
-    const std::uint32_t clusters = 1 + below(1500);
-    geometry.sectorsPerFat = (4 * (clusters + 2) - 1) / geometry.bytesPerSector + 1 + below(3);
-    geometry.totalSectors = geometry.reservedSectors + geometry.sectorsPerFat * geometry.fatCount +
-                            clusters * geometry.sectorsPerCluster + below(geometry.sectorsPerCluster);
-    return geometry;
-}
-
-std::uint32_t randomEntry(std::mt19937& random) {
-    const std::vector<std::uint32_t> values{0,
-                                            0,
-                                            0,
-                                            0xF0000000,
-                                            FatImage::bad,
-                                            FatImage::bad | 0x30000000U,
-                                            FatImage::endOfChain,
-                                            2 + static_cast<std::uint32_t>(random() % 1000)};
-    return values[random() % values.size()];
-}
-
-std::vector<std::uint32_t> fillFAT(FatImage& image, std::mt19937& random) {
-    std::vector<std::uint32_t> entries(image.clusters);
-    for (std::uint64_t cluster = 0; cluster < image.clusters; ++cluster) {
-        entries[cluster] = randomEntry(random);
-        image.setEntry(cluster + 2, entries[cluster]);
-    }
-    return entries;
-}
-
-/// The map that has no free block too few, and none too many. Only of a last block in which no cluster ends
-/// may it say either: where the FAT is full, what stands behind it is taken for its entry.
-class FATMapTest : public FATParserTest {
-protected:
-    void makeRandom() {
-        make(randomGeometry(random));
-        const std::vector<std::uint32_t> entries = fillFAT(*image, random);
-        expected.resize(image->blocks);
-        for (std::uint64_t block = 0; block < image->blocks; ++block) {
-            expected[block] = isUsed(*image, entries, block);
-        }
-        isLastOpen = image->dataOffset + image->clusters * image->clusterBytes <=
-                     (image->blocks - 1) * image->clusterBytes;
-    }
-
-    void expectPiece(std::uint64_t start, std::size_t bytes) {
-        const auto count =
-            static_cast<std::int64_t>(std::min(image->blocks - start, std::uint64_t{bytes} * 8));
-        ASSERT_EQ(parse(start, bytes), count);
-        const Blocks found = used(start);
-        for (std::uint64_t block = start; block < start + static_cast<std::uint64_t>(count); ++block) {
-            if (block + 1 < image->blocks || !isLastOpen) {
-                ASSERT_EQ(found.contains(block), expected[block]) << "block " << block;
-            }
-        }
-        ASSERT_TRUE(found.empty() || *found.rbegin() < start + static_cast<std::uint64_t>(count));
-    }
-
-    std::mt19937 random{11};
-    std::vector<bool> expected;
-    bool isLastOpen = false;
-};
-
-TEST_F(FATMapTest, IsThatOfOneByteAtATime) {
-    for (int round = 0; round < 400; ++round) {
-        makeRandom();
-        ASSERT_NO_FATAL_FAILURE(expectPiece(0, image->blocks / 8 + 1)) << round;
-    }
-}
-
-TEST_F(FATMapTest, IsTheSameInPieces) {
-    for (int round = 0; round < 100; ++round) {
-        makeRandom();
-        const std::size_t bytes = 1 + random() % 100;
-        for (std::uint64_t start = random() % 3; start < image->blocks; start += bytes * 8) {
-            ASSERT_NO_FATAL_FAILURE(expectPiece(start, bytes)) << round;
-        }
     }
 }
 

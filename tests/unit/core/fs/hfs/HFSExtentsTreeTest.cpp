@@ -20,9 +20,9 @@ using Lines = std::vector<test::RecordingLogger::Line>;
 using Texts = std::vector<std::string>;
 
 constexpr auto child = &HfsImage::child;
-constexpr std::uint32_t blocks = 7000 * 8; // the bitmap has 14 blocks of 512 bytes
+constexpr std::uint32_t blocks = 7000 * 8; // the bitmap takes up 14 blocks of 512 bytes
 
-/// A bitmap of 14 extents: six of them are in the tree.
+/// A bitmap of 14 extents, six of which are in the extents tree.
 class HFSExtentsTreeTest : public testing::Test {
 protected:
     HFSExtentsTreeTest() {
@@ -53,7 +53,7 @@ protected:
     }
 
     void expectRead() {
-        image->use(image->geometry.totalBlocks - 1);
+        image->setUsed(image->geometry.totalBlocks - 1);
         EXPECT_EQ(parse(), image->geometry.totalBlocks);
         EXPECT_EQ(buffer.at((image->geometry.totalBlocks - 1) / 8), 1);
         EXPECT_EQ(record.lines(), (Lines{{info::level::debug, "Bitmap extents overflow file needed."}}));
@@ -121,7 +121,7 @@ TEST_F(HFSExtentsTreeTest, MapsNodesThroughAllExtents) {
     make({{600, 2}, {700, 3}, {650, 3}});
     image->setNode(1, HfsImage::index, {child(6)});
     HfsImage elsewhere(image->geometry);
-    elsewhere.geometry.tree = {{650, 3}}; // where node 6 is the second one of
+    elsewhere.geometry.tree = {{650, 3}}; // node 6 is the second node there
     elsewhere.setNode(1, HfsImage::leaf, {image->bitmapFrom(8)});
     for (std::uint64_t offset = 651UL * 512; offset < 652UL * 512; ++offset) {
         image->volume.at(offset) = elsewhere.volume.at(offset);
@@ -185,7 +185,7 @@ TEST_F(HFSExtentsTreeTest, RootBehindTheFirstExtentIsRefused) {
         expectRefused("First node starts past the end of the extent");
     }
     image->setFork(HfsImage::extentsFork, {}, 0);
-    image->volume.writeBig(14 + 18, 512, 2); // what is read of the header then
+    image->volume.writeBig(14 + 18, 512, 2); // the bytes that are then read as the tree's header
     expectRefused("First node starts past the end of the extent");
 }
 
@@ -242,7 +242,7 @@ TEST_F(HFSExtentsTreeTest, MoreNodesThanThereAreAreRefused) {
     expectRefused("The HFS+ extents file names more nodes than it has");
 }
 
-/// The place behind the last record of an index below the root is read as one.
+/// Below the root, bytes after the last record of an index node are read as another record.
 TEST_F(HFSExtentsTreeTest, IndexWithSomethingBehindItsRecordsIsRefused) {
     image->setNode(1, HfsImage::index, {child(4)});
     image->setNode(4, HfsImage::index, {child(2)});
@@ -279,7 +279,7 @@ TEST_F(HFSExtentsTreeTest, RecordOutsideOfItsNodeIsRefused) {
 
 TEST_F(HFSExtentsTreeTest, MoreRecordsThanFitAreRefused) {
     image->volume.writeBig(image->node(2) + 10, 0xFFFF, 2);
-    image->volume.writeBig(image->node(2) + 512 - 4, 0, 2); // all others have no place
+    image->volume.writeBig(image->node(2) + 512 - 4, 0, 2); // the offsets of all other records are invalid
     expectRefused("A record of the HFS+ extents file is outside of its node");
 }
 
@@ -297,7 +297,7 @@ TEST_F(HFSExtentsTreeTest, ExtentsThatDoNotGoOnAreRefused) {
     image->setNode(2, HfsImage::leaf, {image->bitmapFrom(8), image->bitmapFrom(8)});
     expectRefused(reason);
     image->setNode(2, HfsImage::leaf, {image->bitmapFrom(8)});
-    image->volume.at(image->node(2) + 14 + 2) = 0xFF; // of the fork with resources
+    image->volume.at(image->node(2) + 14 + 2) = 0xFF; // a key of the resource fork
     expectRefused(reason);
 }
 
@@ -307,7 +307,7 @@ TEST_F(HFSExtentsTreeTest, TreeThatHasTooFewExtentsIsRefused) {
     EXPECT_EQ(parse(), -1);
     EXPECT_TRUE(record.has(info::level::error, refusal));
     image->setNode(2, HfsImage::leaf, {});
-    EXPECT_EQ(parse(), 0); // eight extents in use, and no empty place
+    EXPECT_EQ(parse(), 0); // eight extents are used, and no free slot ends the list
 }
 
 } // namespace

@@ -29,7 +29,7 @@ protected:
 
     void make(Geometry geometry) { image = std::make_unique<HfsImage>(std::move(geometry)); }
 
-    /// What the parser says of the image from `startBlock` on. Recognises the volume anew.
+    /// The parser's result for the image from `startBlock` on. Each call uses a new parser.
     std::int64_t parse(std::uint64_t startBlock = 0, std::size_t bytes = 65536) {
         HFSParser parser(record.logger, image->volume, 512);
         EXPECT_TRUE(parser.recognize());
@@ -39,7 +39,8 @@ protected:
         return parser.getBitmapChunk(startBlock, buffer.data(), buffer.size());
     }
 
-    /// The blocks among the first `count` that are set in the buffer, counted from `startBlock`.
+    /// The blocks, among the first `count`, whose bits are set in the buffer. The first bit is that of
+    /// `startBlock`.
     [[nodiscard]] Blocks used(std::uint64_t count, std::uint64_t startBlock = 0) const {
         Blocks blocks;
         for (std::uint64_t bit = 0; bit < count; ++bit) {
@@ -89,8 +90,8 @@ TEST_F(HFSParserTest, UnreadableHeaderIsNotRecognised) {
 }
 
 TEST_F(HFSParserTest, MapIsThatOfTheDisk) {
-    image->use(999);
-    image->use(9);
+    image->setUsed(999);
+    image->setUsed(9);
     EXPECT_EQ(parse(), 1000);
     EXPECT_EQ(used(1000), (Blocks{0, 5, 9, 100, 101, 102, 103, 104, 105, 106, 107, 999}));
     EXPECT_TRUE(record.lines().empty());
@@ -150,7 +151,7 @@ TEST_F(HFSParserTest, BufferWithoutRoomGetsNothing) {
 TEST_F(HFSParserTest, PiecesAreThoseOfTheWhole) {
     make({.blockSize = 512, .totalBlocks = 20000, .bitmap = {{50, 1}, {60, 2}, {40, 1}, {700, 1}}});
     for (std::uint32_t block = 3000; block < 20000; block += 7) {
-        image->use(block);
+        image->setUsed(block);
     }
     ASSERT_EQ(parse(), 20000);
     const std::vector<std::uint8_t> whole = buffer;
@@ -203,7 +204,7 @@ TEST_F(HFSParserTest, ReadsAsDeviceAndBlocksDemand) {
 
 TEST_F(HFSParserTest, LargeBitmapIsReadInPieces) {
     make({.blockSize = 512, .totalBlocks = 40'000'000, .bitmap = {{201, 9766}}});
-    image->use(39'999'999);
+    image->setUsed(39'999'999);
     EXPECT_EQ(parse(0, 5'000'000), 40'000'000);
     EXPECT_EQ(buffer.at(4'999'999), 1);
     EXPECT_TRUE(std::ranges::all_of(image->volume.requests,
@@ -215,7 +216,7 @@ TEST_F(HFSParserTest, UnreadableBitmapFails) {
     image->volume.failReads(bitmap + 100, bitmap + 101);
     expectRefused("Error in HFS+ parsing read.");
     image->volume.failReads(0, 0);
-    image->volume.size = bitmap + 124; // a byte too few
+    image->volume.size = bitmap + 124; // one byte too small
     expectRefused("Error in HFS+ parsing read.");
     image->volume.size = bitmap + 4096;
     EXPECT_EQ(parse(), 1000);
@@ -234,7 +235,7 @@ TEST_F(HFSParserTest, ExtentsThatAreNotAsManyBlocksAsTheBitmapAreRefused) {
     const std::string reason = "The extents of the HFS+ bitmap aren't as many blocks as it has";
     image->set(HfsImage::allocationFork + 12, 0);
     expectRefused(reason);
-    image->setFork(HfsImage::allocationFork, {{5, 1}, {0, 0}, {7, 1}}, 125); // the list ends at the empty one
+    image->setFork(HfsImage::allocationFork, {{5, 1}, {0, 0}, {7, 1}}, 125); // the empty extent ends the list
     expectRefused(reason);
 }
 
@@ -252,13 +253,13 @@ TEST_F(HFSParserTest, ExtentsThatCannotBeTheBitmapAreRefused) {
 TEST_F(HFSParserTest, BitmapThatIsNoneIsRefused) {
     const std::string reason = "The HFS+ bitmap has its own blocks as free";
     for (const std::uint32_t block : {0U, 5U, 100U, 107U}) {
-        image->use(block, false);
+        image->setUsed(block, false);
         expectRefused(reason);
-        image->use(block);
+        image->setUsed(block);
     }
     EXPECT_EQ(parse(), 1000);
-    image->use(104, false);
-    EXPECT_EQ(parse(0, 13), 104); // the piece ends before it
+    image->setUsed(104, false);
+    EXPECT_EQ(parse(0, 13), 104); // the requested chunk ends before it
     EXPECT_EQ(parse(104, 13), -1);
     EXPECT_EQ(parse(112, 13), 104);
 }
@@ -277,7 +278,7 @@ TEST_F(HFSParserTest, JournalThatMayHaveToBeReplayedIsRefused) {
     expectRefused("The HFS+ journal may have to be replayed, so the bitmap may be out of date");
     image->set(4, 0x2100);
     EXPECT_EQ(parse(), 1000);
-    image->set(4, 0); // in use, and written without a journal: the volume is frozen
+    image->set(4, 0); // mounted and without a journal, but frozen for the snapshot
     EXPECT_EQ(parse(), 1000);
 }
 
@@ -294,7 +295,7 @@ TEST_F(HFSParserTest, HeaderCountsAsLongAsTheUsualOneSaysTheSame) {
         expectRefused("The HFS+ headers differ");
         image->volume.at(1024 + field) ^= 1;
     }
-    image->volume.at(1024 + 48) ^= 1; // the number of free blocks changes all the time
+    image->volume.at(1024 + 48) ^= 1; // the count of free blocks changes all the time
     EXPECT_EQ(parse(), 1000);
 }
 

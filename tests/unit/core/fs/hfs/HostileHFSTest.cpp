@@ -19,7 +19,7 @@ HfsImage::Geometry bitmapInPieces() {
     return geometry;
 }
 
-/// Whose bitmap has extents in a tree of two levels.
+/// An image whose bitmap has extents in a tree of two levels.
 struct TreeImage : HfsImage {
     TreeImage() : HfsImage(bitmapInPieces()) {
         setNode(1, index, {child(2), child(3)});

@@ -20,8 +20,8 @@ constexpr std::uint64_t firstBlock = 3000;
 constexpr std::uint64_t blocks = 8;
 constexpr std::size_t mostReads = 200;
 
-/// Damaged directories: the search ends with the right clusters, others, or an error, and soon. The
-/// sanitizers see to the rest.
+/// Damaged directories: the search must end soon, with the right clusters, wrong ones, or an error. The
+/// sanitizers check memory accesses.
 class HostileNTFSDirectory : public testing::Test {
 protected:
     HostileNTFSDirectory() {
@@ -109,7 +109,8 @@ TEST_F(HostileNTFSDirectory, NodesMayBeNonsense) {
     }
 }
 
-// A child for each 24 bytes of each block: no more of them are kept than there are blocks.
+// Every block is full of entries with children. The search must not remember more children than there are
+// blocks.
 TEST_F(HostileNTFSDirectory, BlocksFullOfChildren) {
     NtfsDirectoryImage::Content node = NtfsDirectoryImage::nodeOf({}, 7);
     for (int i = 0; i < 30; ++i) {

@@ -19,7 +19,7 @@ protected:
         image.setBitmap({{400, 1}, {500, 1}, {600, 1}, {700, 1}});
     }
 
-    /// The data of the bitmap goes to record 20, which is in the second run of the table.
+    /// Moves the bitmap's data attribute to record 20, which is in the second run of the MFT.
     void list() {
         image.setRecord(
             6, {NtfsImage::resident(0x10, NtfsImage::Content(48)),
@@ -66,7 +66,7 @@ TEST_F(HostileNTFS, AllFieldsMayBeNonsense) {
     }
 }
 
-// A list of runs, or of attributes, is bytes that anybody may have written.
+// A run list or attribute list may consist of arbitrary bytes.
 TEST_F(HostileNTFS, ListsMayBeRandomBytes) {
     std::mt19937 random(4);
     for (int round = 0; round < 5'000; ++round) {
@@ -80,7 +80,7 @@ TEST_F(HostileNTFS, ListsMayBeRandomBytes) {
     }
 }
 
-// Each entry may name a record, and each of those is read.
+// Each entry of the list may name another record, and each of those is read.
 TEST_F(HostileNTFS, ManyEntriesAreBoundedByTheRecord) {
     NtfsImage large({.clusterCount = 10'000, .recordSize = 65'536});
     large.setTable({{4, 500}});

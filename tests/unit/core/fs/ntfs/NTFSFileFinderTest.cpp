@@ -1,99 +1,10 @@
-#include "core/fs/ntfs/NTFSFileBlocks.h"
-#include "core/fs/ntfs/NTFSParserImpl.h"
 #include "support/FaultyVolume.h"
-#include "support/NtfsDirectoryImage.h"
-#include "support/RecordingLogger.h"
-
-#include <gtest/gtest.h>
+#include "unit/core/fs/ntfs/NTFSFileFinderFixture.h"
 
 #include <clocale>
-#include <cstdint>
-#include <functional>
-#include <memory>
-#include <stdexcept>
-#include <string>
-#include <vector>
 
 namespace agent::core::fs {
 namespace {
-
-using test::NtfsDirectoryImage;
-using Geometry = NtfsDirectoryImage::Geometry;
-using Content = NtfsDirectoryImage::Content;
-using Entry = NtfsDirectoryImage::Entry;
-using Runs = std::vector<NTFSRun>;
-
-constexpr std::uint64_t root = NtfsDirectoryImage::rootDirectory;
-constexpr std::uint64_t directory = 20;
-constexpr std::uint64_t file = 30;
-constexpr std::uint64_t otherFile = 31;
-constexpr std::uint32_t blockSize = 4096;
-
-/// What a call has to say when it fails; empty if it doesn't.
-std::string errorOf(const std::function<void()>& call) {
-    try {
-        call();
-        return "";
-    } catch (const std::runtime_error& error) {
-        return error.what();
-    }
-}
-
-class NTFSFileFinderTest : public testing::Test {
-protected:
-    NTFSFileFinderTest() { make({}); }
-
-    void make(const Geometry& geometry) {
-        image = std::make_unique<NtfsDirectoryImage>(geometry);
-        image->setRecord(file, {NtfsDirectoryImage::dataOf({{1000, 7}, {900, 3}})});
-        image->setRecord(otherFile, {NtfsDirectoryImage::dataOf({{2000, 1}})});
-    }
-
-    Runs find(const std::string& path) { return findIn(image->volume, path).runs; }
-
-    NTFSDataRuns findIn(IVolumeReader& volume, const std::string& path) {
-        NTFSParserImpl parser(record.logger, volume, image->geometry.bytesPerSector);
-        if (!parser.recognize()) {
-            throw std::runtime_error("not recognised");
-        }
-        image->volume.requests.clear();
-        return parser.findFileRuns(path);
-    }
-
-    [[nodiscard]] std::string error(const std::string& path) {
-        return errorOf([this, &path] { find(path); });
-    }
-
-    FileBlocks blocksOf(const std::string& path) {
-        return findNTFSFile(record.logger, image->volume, image->geometry.bytesPerSector, path);
-    }
-
-    /// A root with one block, behind all of the root's own names.
-    void setRootBlock(const Content& block) {
-        image->setDirectory(root, {{u"b", otherFile, 0}}, 0, {{3000, 1}});
-        image->volume.write(3000UL * image->clusterBytes, block);
-    }
-
-    /// The root is a directory with this node in its record.
-    void setRootNode(const Content& node, std::uint32_t size = blockSize) {
-        image->setRecord(root, {NtfsDirectoryImage::indexRootOf(node, size)});
-    }
-
-    [[nodiscard]] bool hasRead(std::uint64_t cluster) const {
-        const std::uint64_t offset = cluster * image->clusterBytes;
-        for (const auto& request : image->volume.requests) {
-            if (request.offset <= offset && offset < request.offset + request.length) {
-                return true;
-            }
-        }
-        return false;
-    }
-
-    static const inline Runs runs{{1000, 7}, {900, 3}};
-    static const inline Runs otherRuns{{2000, 1}};
-    test::RecordingLogger record;
-    std::unique_ptr<NtfsDirectoryImage> image;
-};
 
 TEST_F(NTFSFileFinderTest, FileOfTheRoot) {
     image->setDirectory(root, {{u"a", otherFile}, {u"mail.pst", file}, {u"z", otherFile}});
@@ -136,7 +47,7 @@ TEST_F(NTFSFileFinderTest, PathIsUtf8) {
     EXPECT_EQ(error("\xc4rger"), "A part of the path is not UTF-8: \xc4rger");
 }
 
-// The daemon has no language, and what other threads have is their own.
+// The daemon sets no locale, and other threads have their own.
 TEST_F(NTFSFileFinderTest, LanguageOfTheThreadStaysAsItWas) {
     image->setDirectory(root, {{u"a", file}});
     ASSERT_STREQ(std::setlocale(LC_CTYPE, nullptr), "C");
@@ -147,7 +58,7 @@ TEST_F(NTFSFileFinderTest, LanguageOfTheThreadStaysAsItWas) {
     EXPECT_EQ(::uselocale(nullptr), before);
 }
 
-// Only the nodes on the way are read.
+// Only the nodes on the path to the name are read.
 TEST_F(NTFSFileFinderTest, TreeIsDescended) {
     image->setDirectory(root, {{u"h", otherFile, 0}, {u"p", otherFile, 1}}, 2, {{3000, 4}});
     image->setBlock(3000, 0, NtfsDirectoryImage::nodeOf({{u"c", otherFile}}));
@@ -165,7 +76,8 @@ TEST_F(NTFSFileFinderTest, TreeIsDescended) {
     }
 }
 
-// By the volume, which compares capitals, "_" comes behind letters; by the C library it comes before them.
+// The volume compares names in upper case, where "_" sorts after letters. In the C library it sorts before
+// lower case.
 TEST_F(NTFSFileFinderTest, NamesInTheOrderOfTheVolumeAreFound) {
     image->setDirectory(root, {{u"ab", otherFile}, {u"a_b", file}});
     EXPECT_EQ(find("a_b"), runs);
@@ -176,7 +88,7 @@ TEST_F(NTFSFileFinderTest, NamesInTheOrderOfTheVolumeAreFound) {
     EXPECT_EQ(error("a_c"), "Could not find entry for file a_c");
 }
 
-// Where a block is smaller than a cluster, a VCN counts units of 512 bytes.
+// If an index block is smaller than a cluster, VCNs count units of 512 bytes.
 TEST_F(NTFSFileFinderTest, BlocksSmallerThanAClusterAreCountedInSmallUnits) {
     make({.sectorsPerCluster = 128, .clusterCount = 4000});
     image->setDirectory(root, {{u"b", otherFile, 16}}, 128, {{50, 1}, {70, 1}});
@@ -275,193 +187,6 @@ TEST_F(NTFSFileFinderTest, RunsOutsideOfTheVolumeAreRefused) {
     EXPECT_EQ(error("a"), "NTFS: A run of clusters is outside of the volume.");
 }
 
-class NTFSFileInPieces : public NTFSFileFinderTest {
-protected:
-    static constexpr std::uint64_t firstPart = 40;
-    static constexpr std::uint64_t secondPart = 41;
-
-    NTFSFileInPieces() {
-        image->setDirectory(root, {{u"a", file}});
-        setParts(10, 7);
-    }
-
-    /// Two parts, the first of which tells how many clusters both have.
-    void setParts(std::uint64_t allocated, std::uint64_t secondVcn) {
-        image->setRecord(firstPart, {dataOf({{1000, 7}}, 0, allocated)}, file);
-        image->setRecord(secondPart, {dataOf({{900, 3}}, secondVcn, 0)}, file);
-        setList(list(secondVcn));
-    }
-
-    static Content dataOf(const NtfsDirectoryImage::Runs& list, std::uint64_t vcn, std::uint64_t allocated) {
-        Content data = NtfsDirectoryImage::dataOf(list, {.lowestVcn = vcn});
-        NtfsDirectoryImage::put(data, 40, allocated * 4096, 8);
-        return data;
-    }
-
-    /// The entries of a list for both parts.
-    static Content list(std::uint64_t secondVcn) {
-        Content bytes(64);
-        for (const std::size_t entry : {0UL, 32UL}) {
-            NtfsDirectoryImage::put(bytes, entry, NtfsDirectoryImage::data, 4);
-            NtfsDirectoryImage::put(bytes, entry + 4, 32, 2);
-            NtfsDirectoryImage::put(bytes, entry + 8, entry == 0 ? 0 : secondVcn, 8);
-            NtfsDirectoryImage::put(bytes, entry + 16, entry == 0 ? firstPart : secondPart, 6);
-        }
-        return bytes;
-    }
-
-    void setList(const Content& value) {
-        image->setRecord(file, {NtfsDirectoryImage::resident(NtfsDirectoryImage::attributeList, value)});
-    }
-
-    void setListElsewhere(const Content& value, const NtfsDirectoryImage::Data& fields) {
-        Content attribute = NtfsDirectoryImage::dataOf({{3000, 70}}, fields);
-        NtfsDirectoryImage::put(attribute, 0, NtfsDirectoryImage::attributeList, 4);
-        image->setRecord(file, {attribute});
-        image->volume.write(3000UL * 4096, value);
-    }
-};
-
-TEST_F(NTFSFileInPieces, AllRecordsAreLookedInto) {
-    EXPECT_EQ(find("a"), runs);
-    EXPECT_EQ(blocksOf("a").runs.size(), 2U);
-}
-
-TEST_F(NTFSFileInPieces, ListMayBeInClustersOfItsOwn) {
-    setListElsewhere(list(7), {.size = 64, .initialized = 64});
-    EXPECT_EQ(find("a"), runs);
-    setListElsewhere(list(7), {.size = 256UL * 1024 + 1, .initialized = 256UL * 1024 + 1});
-    EXPECT_EQ(error("a"), "NTFS: An attribute list is too large, or isn't plain.");
-    setListElsewhere(list(7), {.size = 64, .initialized = 64, .flags = 0x8000});
-    EXPECT_EQ(error("a"), "NTFS: An attribute list is too large, or isn't plain.");
-    setListElsewhere(list(7), {.size = 64, .initialized = 64});
-    image->volume.failReads(3000UL * 4096, 3000UL * 4096 + 1);
-    EXPECT_EQ(error("a"), "NTFS: Can't read an attribute list.");
-}
-
-TEST_F(NTFSFileInPieces, OwnRecordMayHaveTheFirstPart) {
-    Content value = list(7);
-    NtfsDirectoryImage::put(value, 16, file, 6);
-    image->setRecord(file, {NtfsDirectoryImage::resident(NtfsDirectoryImage::attributeList, value),
-                            dataOf({{1000, 7}}, 0, 10)});
-    EXPECT_EQ(find("a"), runs);
-}
-
-TEST_F(NTFSFileInPieces, OtherAttributesOfARecordArePassedOver) {
-    image->setRecord(secondPart,
-                     {NtfsDirectoryImage::dataOf({{5, 1}}, {.nameLength = 1, .lowestVcn = 7}),
-                      NtfsDirectoryImage::dataOf({{6, 1}}, {.lowestVcn = 8}), dataOf({{900, 3}}, 7, 0)},
-                     file);
-    EXPECT_EQ(find("a"), runs);
-    Content value = list(7);
-    value.insert(value.end(), value.begin() + 32, value.end()); // an entry of data with a name
-    value[64 + 6] = 1;
-    setList(value);
-    EXPECT_EQ(find("a"), runs);
-}
-
-TEST_F(NTFSFileInPieces, PartsFollowEachOther) {
-    setParts(11, 8);
-    EXPECT_EQ(error("a"), "NTFS: The parts of a file don't follow each other.");
-    setParts(9, 6);
-    EXPECT_EQ(error("a"), "NTFS: The parts of a file don't follow each other.");
-}
-
-TEST_F(NTFSFileInPieces, AllThatIsAllocatedMustBeTold) {
-    setParts(11, 7);
-    EXPECT_EQ(find("a"), runs);
-    EXPECT_EQ(errorOf([this] { blocksOf("a"); }), "not all clusters of the file are told of");
-    image->setRecord(file, {dataOf({{1000, 7}}, 0, 8)}); // and there is no list
-    EXPECT_EQ(errorOf([this] { blocksOf("a"); }), "not all clusters of the file are told of");
-}
-
-TEST_F(NTFSFileInPieces, NamedRecordsMustBeThere) {
-    const std::string text = "NTFS: Can't read a record that an attribute list names.";
-    image->setRecord(secondPart, {dataOf({{900, 3}}, 7, 0)}, otherFile);
-    EXPECT_EQ(error("a"), text);
-    image->volume.at(image->placeOf(secondPart)) ^= 1U;
-    EXPECT_EQ(error("a"), text);
-    image->setRecord(secondPart, {dataOf({{900, 3}}, 8, 0)}, file);
-    EXPECT_EQ(error("a"), "NTFS: An attribute isn't where the list of its file has it.");
-}
-
-TEST_F(NTFSFileInPieces, EntriesOfAListLieWithinIt) {
-    for (const std::uint16_t length : {std::uint16_t{0}, std::uint16_t{23}, std::uint16_t{33}}) {
-        Content value = list(7);
-        NtfsDirectoryImage::put(value, 32 + 4, length, 2);
-        setList(value);
-        EXPECT_EQ(error("a"), "NTFS: An entry of an attribute list isn't within it.") << length;
-    }
-    Content value = list(7);
-    value.resize(64 + 20);
-    setList(value);
-    EXPECT_EQ(error("a"), "NTFS: An entry of an attribute list is cut short.");
-}
-
-TEST_F(NTFSFileInPieces, SizesAreBounded) {
-    const Content hole{0x08, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0x7f};
-    Content holes;
-    for (int i = 0; i < 3; ++i) {
-        holes.insert(holes.end(), hole.begin(), hole.end());
-    }
-    holes.resize(32);
-    image->setRecord(secondPart, {NtfsDirectoryImage::withRunList(holes, {.lowestVcn = 7})}, file);
-    EXPECT_EQ(error("a"), "NTFS: A file is larger than a file can be.");
-}
-
-TEST_F(NTFSFileInPieces, IndexOfADirectoryMayBeInSeveralRecordsToo) {
-    image->setRecord(otherFile, {NtfsDirectoryImage::dataOf({{2000, 1}})});
-    Content entries;
-    const auto add = [&entries](std::uint32_t type, std::uint64_t vcn, std::uint64_t number) {
-        Content entry(32);
-        NtfsDirectoryImage::put(entry, 0, type, 4);
-        NtfsDirectoryImage::put(entry, 4, 32, 2);
-        NtfsDirectoryImage::put(entry, 8, vcn, 8);
-        NtfsDirectoryImage::put(entry, 16, number, 6);
-        entries.insert(entries.end(), entry.begin(), entry.end());
-    };
-    add(NtfsDirectoryImage::indexRoot, 0, 50);
-    add(NtfsDirectoryImage::indexAllocation, 0, 51);
-    add(NtfsDirectoryImage::indexAllocation, 1, 52);
-    image->setRecord(root, {NtfsDirectoryImage::resident(NtfsDirectoryImage::attributeList, entries)});
-    image->setRecord(
-        50, {NtfsDirectoryImage::indexRootOf(NtfsDirectoryImage::nodeOf({{u"b", otherFile, 0}}, 1))}, root);
-    image->setRecord(51, {NtfsDirectoryImage::indexAllocationOf({{3000, 1}})}, root);
-    Content second = NtfsDirectoryImage::indexAllocationOf({{3500, 1}});
-    NtfsDirectoryImage::put(second, 16, 1, 8);
-    image->setRecord(52, {second}, root);
-    image->setBlock(3000, 0, NtfsDirectoryImage::nodeOf({{u"a", otherFile}}));
-    image->setBlock(3500, 1, NtfsDirectoryImage::nodeOf({{u"c", file}}));
-    EXPECT_EQ(find("a"), otherRuns);
-    EXPECT_EQ(find("b"), otherRuns);
-    EXPECT_EQ(find("c"), runs);
-}
-
-TEST_F(NTFSFileFinderTest, RecordOfADirectoryMustBeReadable) {
-    image->setDirectory(root, {{u"sub", directory}, {u"beyond", 1U << 30U}});
-    EXPECT_EQ(error("sub\\a"), "Could not read MFT record for a");
-    EXPECT_EQ(error("beyond\\a"), "Could not read MFT record for a");
-}
-
-TEST_F(NTFSFileFinderTest, WhatIsNoDirectoryHasNoIndexOfNames) {
-    const std::string text = "Could not find INDEX_ROOT for file x";
-    image->setDirectory(root, {{u"a", file}, {u"sub", directory}});
-    EXPECT_EQ(error("a\\x"), text);
-
-    Content index = NtfsDirectoryImage::indexRootOf(NtfsDirectoryImage::nodeOf({{u"x", file}}));
-    image->setRecord(directory, {index});
-    EXPECT_EQ(find("sub\\x"), runs);
-    index[24] = 0x31; // an index of something else
-    image->setRecord(directory, {index});
-    EXPECT_EQ(error("sub\\x"), text);
-    Content clusters = NtfsDirectoryImage::dataOf({{3000, 1}});
-    clusters[0] = 0x90;
-    image->setRecord(directory, {clusters});
-    EXPECT_EQ(error("sub\\x"), text);
-    image->setRecord(directory, {NtfsDirectoryImage::resident(NtfsDirectoryImage::indexRoot, Content(31))});
-    EXPECT_EQ(error("sub\\x"), text);
-}
-
 TEST_F(NTFSFileFinderTest, SizeOfBlocksIsAPowerOfTwoAndNoLessThanASector) {
     for (const std::uint32_t size : {0U, 1U, 256U, 511U, 513U, 1536U, 4095U, 0x80000001U, 0xFFFFFFFFU}) {
         setRootNode(NtfsDirectoryImage::nodeOf({{u"x", file}}), size);
@@ -471,144 +196,6 @@ TEST_F(NTFSFileFinderTest, SizeOfBlocksIsAPowerOfTwoAndNoLessThanASector) {
         setRootNode(NtfsDirectoryImage::nodeOf({{u"x", file}}), size);
         EXPECT_EQ(find("x"), runs) << size;
     }
-}
-
-TEST_F(NTFSFileFinderTest, EntriesLieWithinTheirNode) {
-    const std::string text = "Index entry out of bounds in inode for file x";
-    const Content good = NtfsDirectoryImage::nodeOf({{u"x", file}, {u"y", file}});
-    const auto expect = [this, &good, &text](std::size_t offset, std::uint16_t value) {
-        Content node = good;
-        node[offset] = static_cast<std::uint8_t>(value);
-        node[offset + 1] = static_cast<std::uint8_t>(value >> 8U);
-        setRootNode(node);
-        EXPECT_EQ(error("x"), text) << offset << ": " << value;
-    };
-    setRootNode(good);
-    ASSERT_EQ(find("x"), runs);
-    const auto size = static_cast<std::uint16_t>(good.size());
-    expect(0, 0); // the first entry is in the head
-    expect(0, 15);
-    expect(0, size); // it is behind the end
-    expect(0, 0xFFFF);
-    expect(4, 15);       // less is used than the head has
-    expect(4, size + 1); // more than there is
-    expect(4, 16);       // nothing but the head
-    expect(4, 40);       // the first entry goes on behind it
-    expect(6, 0x8000);
-    expect(16 + 8, 15); // an entry that is shorter than its head
-    expect(16 + 8, 81); // without room for a name
-    expect(16 + 8, 0xFFFF);
-    expect(16 + 16 + 64, 255); // a name that is longer than its entry
-    expect(16 + 12, 1);        // a child where the name is
-}
-
-TEST_F(NTFSFileFinderTest, NodeHasALastEntry) {
-    Content node = NtfsDirectoryImage::nodeOf({{u"a", file}});
-    node[16 + 88 + 12] = 0;
-    setRootNode(node);
-    EXPECT_EQ(error("b"), "Index entry out of bounds in inode for file b");
-    node = NtfsDirectoryImage::nodeOf({{u"a", file}});
-    node[16 + 88 + 12] = 3; // with a child, for which there is no room
-    setRootNode(node);
-    EXPECT_EQ(error("b"), "Index entry out of bounds in inode for file b");
-}
-
-TEST_F(NTFSFileFinderTest, EntriesHaveALength) {
-    Content node = NtfsDirectoryImage::nodeOf({{u"a", file}, {u"x", file}});
-    node[16 + 8] = 0;
-    setRootNode(node);
-    EXPECT_EQ(error("x"), "Zero length index entry for file x");
-    setRootBlock(NtfsDirectoryImage::blockOf(0, node));
-    EXPECT_EQ(error("x"), "Zero length index entry for file x");
-}
-
-TEST_F(NTFSFileFinderTest, NameBetweenEntriesOfALoneRoot) {
-    image->setDirectory(root, {{u"b", otherFile}, {u"d", otherFile}});
-    for (const char* name : {"a", "c", "e"}) {
-        EXPECT_EQ(error(name), std::string("Entry not found - between root entries for file ") + name);
-    }
-    image->setDirectory(root, {});
-    EXPECT_EQ(error("a"), "Entry not found - between root entries for file a");
-}
-
-TEST_F(NTFSFileFinderTest, ChildrenNeedAnAllocation) {
-    setRootNode(NtfsDirectoryImage::nodeOf({{u"b", otherFile, 0}}, 1));
-    EXPECT_EQ(find("b"), otherRuns);
-    EXPECT_EQ(error("x"), "Could not find INDEX_ALLOCATION for file x");
-    const Content node = NtfsDirectoryImage::nodeOf({}, 0);
-    image->setRecord(root, {NtfsDirectoryImage::indexRootOf(node),
-                            NtfsDirectoryImage::resident(NtfsDirectoryImage::indexAllocation, Content(8))});
-    EXPECT_EQ(error("x"), "Could not find INDEX_ALLOCATION for file x");
-}
-
-TEST_F(NTFSFileFinderTest, BlockMustBeTheOneThatIsMeant) {
-    const Content good = NtfsDirectoryImage::blockOf(0, NtfsDirectoryImage::nodeOf({{u"x", file}}));
-    setRootBlock(good);
-    ASSERT_EQ(find("x"), runs);
-    for (const std::size_t offset : {0UL, 3UL, 4UL, 6UL, 16UL, 23UL, 40UL, 510UL, 4094UL}) {
-        Content bad = good; // magic, update sequence, VCN, ends of sectors
-        bad[offset] ^= 1U;
-        setRootBlock(bad);
-        EXPECT_EQ(error("x"), "Unable to read INDEX ENTRY") << offset;
-    }
-    setRootBlock(good);
-    image->volume.failReads(3000UL * 4096, 3000UL * 4096 + 1);
-    EXPECT_EQ(error("x"), "Unable to read INDEX ENTRY");
-}
-
-TEST_F(NTFSFileFinderTest, BlockMustBeInTheAllocation) {
-    for (const std::uint64_t vcn :
-         {std::uint64_t{1}, std::uint64_t{1} << 32U, std::uint64_t{1} << 63U, UINT64_MAX}) {
-        image->setDirectory(root, {}, vcn, {{3000, 1}});
-        EXPECT_EQ(error("x"), "Unable to read INDEX ENTRY") << vcn;
-    }
-    make({.sectorsPerCluster = 1});
-    image->setDirectory(root, {}, 4, {{3000, 16}}); // in the middle of a block
-    image->setBlock(3004, 4, NtfsDirectoryImage::nodeOf({{u"x", file}}));
-    EXPECT_EQ(error("x"), "Unable to read INDEX ENTRY");
-}
-
-TEST_F(NTFSFileFinderTest, AllocationIsOnTheVolume) {
-    image->setDirectory(root, {}, 0, {{9'999, 2}});
-    EXPECT_EQ(error("x"), "NTFS: A run of clusters is outside of the volume.");
-    Content allocation = NtfsDirectoryImage::withRunList({0x01, 1, 0x21, 1, 0xb8, 0x0b, 0});
-    allocation[0] = 0xA0;
-    image->setRecord(root, {NtfsDirectoryImage::indexRootOf(NtfsDirectoryImage::nodeOf({}, 1)), allocation});
-    image->setBlock(3000, 1, NtfsDirectoryImage::nodeOf({{u"x", file}}));
-    EXPECT_EQ(error("x"), "Unable to read INDEX ENTRY"); // it has a hole
-}
-
-TEST_F(NTFSFileFinderTest, BlockIsReadOnceAtMost) {
-    setRootBlock(NtfsDirectoryImage::blockOf(0, NtfsDirectoryImage::nodeOf({{u"c", otherFile}}, 0)));
-    EXPECT_EQ(error("x"), "Unable to read INDEX ENTRY");
-    EXPECT_LT(image->volume.requests.size(), 10U);
-}
-
-TEST_F(NTFSFileFinderTest, LeafHasNoChildren) {
-    Content node = NtfsDirectoryImage::nodeOf({{u"c", otherFile}}, 0);
-    node[12] = 0;
-    setRootBlock(NtfsDirectoryImage::blockOf(0, node));
-    EXPECT_EQ(find("c"), otherRuns);
-    EXPECT_EQ(error("x"), "Index entry with child node found in a leaf node in directory x");
-}
-
-TEST_F(NTFSFileFinderTest, SizesOfAnIndexAreBounded) {
-    const std::string text = "Size of index buffer of directory x exceeds maximum limit";
-    image->setDirectory(root, {}, 0, {{3000, 64}}, 128 * 1024);
-    EXPECT_EQ(error("x"), text);
-
-    Content block = NtfsDirectoryImage::blockOf(0, NtfsDirectoryImage::nodeOf({{u"x", file}}));
-    block[24 + 4] = 0xE9; // more than the 4072 bytes behind the head of the block
-    block[24 + 5] = 0x0F;
-    setRootBlock(block);
-    EXPECT_EQ(error("x"), text);
-
-    make({.clusterCount = 300'000});
-    image->setDirectory(root, {}, 0, {{3000, 262'144}}); // 1 GiB
-    image->setBlock(3000, 0, NtfsDirectoryImage::nodeOf({{u"x", file}}));
-    EXPECT_EQ(find("x"), runs);
-    image->setDirectory(root, {}, 0, {{3000, 262'145}});
-    EXPECT_EQ(error("x"), text);
 }
 
 TEST_F(NTFSFileFinderTest, VolumeWithAnObjectionHasNoFiles) {

@@ -20,7 +20,7 @@ constexpr std::uint32_t fileMagic = 0x454C4946;
 
 class NTFSRecordTest : public testing::Test {
 protected:
-    /// Record 20 as it is on the disk, as a record of so many bytes.
+    /// Record 20 as it is on the disk, read as a record of `bytes` bytes.
     NTFSRecord onDisk(std::size_t bytes = 1024) {
         NTFSRecord record(bytes);
         image.volume.seek(static_cast<std::int64_t>(place), SEEK_SET);
@@ -106,7 +106,7 @@ TEST_F(NTFSRecordTest, SequenceMayStandAtTheEndAndNotBehindIt) {
         image.volume.writeLittle(place + same, 0x5555, 2);
     }
     image.volume.writeLittle(place + 4, 1020, 2);
-    expectTorn(); // the last two bytes of the sequence are outside
+    expectTorn(); // the last two bytes of the array are outside
     image.volume.writeLittle(place + 4, 1018, 2);
     image.volume.writeLittle(place + 1020, 0xAAAA, 2);
     NTFSRecord fixed = onDisk();
@@ -133,7 +133,7 @@ TEST_F(NTFSRecordTest, ReaderTellsWhatIsWrong) {
 
 TEST_F(NTFSRecordTest, OldOnesDoNotKnowTheirNumber) {
     image.setRecord(20, {}, 0, false);
-    image.volume.writeLittle(place + 44, 99, 2); // of the update sequence
+    image.volume.writeLittle(place + 44, 99, 2); // part of the update sequence array in this format
     EXPECT_NE(read(), -331);
     image.setRecord(20, {}, 0, false);
     EXPECT_EQ(read(21), 0);
@@ -154,7 +154,7 @@ TEST_F(NTFSRecordTest, AttributesAreFoundInOrder) {
     EXPECT_FALSE(cursor.findAttribute(0));
     EXPECT_TRUE(cursor.findAttribute(0x30));
     EXPECT_EQ(cursor.attribute().value()[0], 2);
-    EXPECT_TRUE(cursor.findAttribute(0x30)); // it is there already
+    EXPECT_TRUE(cursor.findAttribute(0x30)); // the current attribute already has this type
     EXPECT_EQ(cursor.attribute().value()[0], 2);
     EXPECT_FALSE(cursor.findAttribute(0x10));
     EXPECT_FALSE(cursor.findAttribute(0xFFFFFFFF));
@@ -169,7 +169,7 @@ TEST_F(NTFSRecordTest, AttributesMustBeWithinTheRecord) {
         image.volume.writeLittle(place + offset, value, width);
         ASSERT_EQ(read(), 0);
         NTFSAttributeCursor cursor(log.logger, record);
-        EXPECT_THROW(cursor.findAttribute(0x80), NTFSObjection) << offset << " " << value;
+        EXPECT_THROW(cursor.findAttribute(0x80), NTFSError) << offset << " " << value;
     };
     const std::uint64_t attribute = 56;
     for (const std::uint64_t length : {0U, 1U, 23U, 969U, 0x7FFFFFFFU, 0xFFFFFFFFU}) {
@@ -178,7 +178,7 @@ TEST_F(NTFSRecordTest, AttributesMustBeWithinTheRecord) {
     for (const std::uint64_t first : {1021U, 1024U, 0xFFFFU}) {
         refuse(20, first, 2);
     }
-    refuse(attribute + 4, 968, 4); // nothing ends the list
+    refuse(attribute + 4, 968, 4); // without an end marker
 }
 
 TEST_F(NTFSRecordTest, LastAttributeNeedsNoMoreThanItsType) {

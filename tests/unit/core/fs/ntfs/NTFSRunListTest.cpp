@@ -27,13 +27,13 @@ protected:
 
     void expectRuns(const Content& list, const Runs& runs) {
         EXPECT_EQ(decode(list).runs, runs);
-        EXPECT_EQ(decoded.objection, nullptr);
+        EXPECT_EQ(decoded.whyUnusable, nullptr);
     }
 
     void expectObjection(const Content& list, const Runs& runs, const std::string& reason) {
         EXPECT_EQ(decode(list).runs, runs);
-        ASSERT_NE(decoded.objection, nullptr);
-        EXPECT_EQ(decoded.objection, reason);
+        ASSERT_NE(decoded.whyUnusable, nullptr);
+        EXPECT_EQ(decoded.whyUnusable, reason);
     }
 
     void expectError(const Content& list, const std::string& text) {
@@ -123,7 +123,8 @@ TEST_F(NTFSRunListTest, NumbersThatAreCutShort) {
     expectError({0xFF, 1}, "Invalid runlist");
 }
 
-// The limit itself is still taken as within the list, but what stands there is another attribute's.
+// A number may end exactly at the end of the attribute. One that goes on would include bytes of the next
+// attribute.
 TEST_F(NTFSRunListTest, NumberThatEndsBehindTheAttributeIsRefused) {
     const std::string reason = "NTFS: A run list goes on behind its end.";
     expectObjection({0x11, 1}, {}, reason);
@@ -170,7 +171,7 @@ TEST_F(NTFSRunListTest, HeaderMustBeThere) {
     attribute = NtfsImage::withRunList({});
     EXPECT_NO_THROW(runsOf(NTFSAttribute(attribute)));
     attribute.resize(63);
-    EXPECT_THROW(runsOf(NTFSAttribute(attribute)), NTFSObjection);
+    EXPECT_THROW(runsOf(NTFSAttribute(attribute)), NTFSError);
 }
 
 } // namespace

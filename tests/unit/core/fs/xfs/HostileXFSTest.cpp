@@ -43,7 +43,7 @@ TEST_F(HostileXFS, EveryBitMayBeFlipped) {
     hostile::expectBoundedWithEachBitFlipped(image.volume, node(23), node(23) + 72);
 }
 
-// Every node may follow every other one, at any level.
+// Any node may point to any other, at any level.
 TEST_F(HostileXFS, TreesMayBeTangledInAnyWay) {
     std::mt19937 random(5);
     for (int round = 0; round < 5'000; ++round) {

@@ -21,7 +21,7 @@ constexpr std::uint64_t unit = 4096;
 constexpr const char* ext4 = "mkfs.ext4 -q -b 4096";
 constexpr const char* xfs = "mkfs.xfs -q";
 
-/// A file of so many pieces, as each second block has been taken out of it.
+/// Makes a file of `count` extents: collapses every second block of a contiguous file.
 void makePieces(const std::string& path, std::size_t count) {
     const os::FileDescriptor file(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
     ASSERT_EQ(::fallocate(file.get(), 0, 0, static_cast<off_t>((2 * count - 1) * unit)), 0);
@@ -69,16 +69,16 @@ TEST_P(FilePlaces, NobodyChangesALockedFileUntilItIsReleased) {
     EXPECT_EQ(::unlink(path.c_str()), -1);
     EXPECT_EQ(errno, EPERM);
     EXPECT_EQ(::rename(path.c_str(), files.path("elsewhere").c_str()), -1);
-    releaseFile(path);
+    unlockFile(path);
     EXPECT_EQ(::unlink(path.c_str()), 0);
-    releaseFile(path); // not there any more
+    unlockFile(path); // the file no longer exists
 }
 
 TEST_P(FilePlaces, AFileThatIsThereIsLocked) {
     agent::test::writeFile(path, std::string(unit, 'a'));
     lockFile(path);
     EXPECT_EQ(::unlink(path.c_str()), -1);
-    releaseFile(path);
+    unlockFile(path);
 }
 
 TEST_P(FilePlaces, NoFileIsReplaced) {
@@ -143,7 +143,7 @@ TEST(PlacesOfAFile, AreNotWithinItsInode) {
     EXPECT_EQ(errorOf([&] { placesOf(files.path("small")); }), EOPNOTSUPP);
 }
 
-/// By a key in the memory of the kernel, as a directory of a user's is.
+/// Encrypted with a key in the kernel's keyring, as a user's directory is.
 TEST(PlacesOfAFile, DoNotHoldWhatIsEncrypted) {
     const LoopFileSystem files(std::string(ext4) + " -O encrypt");
     const std::string folder = files.path("folder");

@@ -10,7 +10,7 @@
 namespace tolvubd::dm {
 namespace {
 
-// Namespaces of tests have no node of device-mapper's control, as a machine without it hasn't.
+// The tests' namespace has no /dev/mapper/control, like a machine without device-mapper.
 
 TEST(WithoutDeviceMapper, ThereAreNoDevices) {
     EXPECT_FALSE(findByNumber(makedev(253, 0)));

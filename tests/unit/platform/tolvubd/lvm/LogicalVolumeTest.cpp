@@ -77,7 +77,7 @@ TEST_F(LogicalVolume, IsNotReadWhereItIsStriped) {
 
 TEST_F(LogicalVolume, LiesOnKnownDevicesOnly) {
     makeGroup();
-    makeVolume("spread", 60); // one disk has 39
+    makeVolume("spread", 60); // one disk has only 39
     makeVolume("last", 30);
     const std::string spread = uuidOf("spread");
     const auto pieces = readLogicalVolume(spread, numbers());

@@ -25,12 +25,16 @@ inline std::string withoutDashes(std::string uuid) {
     return uuid;
 }
 
-/// A loop device that shows a sparse file. The device goes with the object, or with the process.
+/// A loop device for a sparse file. The kernel detaches it when the object is destroyed or the process ends.
+/// Owns:    the loop device; the image file stays.
+/// Threads: one.
+/// Fails:   the constructor throws std::runtime_error if it can't attach a loop device.
 class Disk {
 public:
     Disk(std::string file, std::uint64_t bytes) : image(std::move(file)) {
         agent::test::outputOf("truncate -s " + std::to_string(bytes) + " " + image);
-        // Others take devices too, and a new one has no node in this namespace.
+        // Retries, since other processes take loop devices as well. A new loop device has no node in this
+        // namespace.
         std::istringstream(agent::test::outputOf(
             "for turn in $(seq 20); do"
             " free=$(losetup --find | cut -d' ' -f1);"
@@ -39,7 +43,7 @@ public:
             image + " 2>&- && exit; done; exit 1")) >>
             node;
         user = openFile(node, O_RDWR);
-        agent::test::outputOf("losetup --detach " + node); // by its last user
+        agent::test::outputOf("losetup --detach " + node); // takes effect when the last descriptor is closed
     }
 
     [[nodiscard]] const std::string& path() const { return node; }
@@ -65,10 +69,11 @@ private:
 };
 
 using Disks = std::vector<Disk>;
-/// Where each extent of a volume lies: its place in the volume, its device, its place there; in sectors.
+/// The location of each extent of a volume: its offset in the volume, then its device and offset there, in
+/// sectors.
 using Extents = std::map<std::uint64_t, std::pair<dev_t, std::uint64_t>>;
 
-/// Real physical volumes that LVM's own tools work on. No kernel takes part: nothing is ever active.
+/// Real physical volumes for LVM's own tools. The kernel isn't involved: no volume is ever activated.
 class LvmGroup : public testing::Test {
 public:
     static constexpr std::uint64_t diskSize = std::uint64_t{40} << 20U;
@@ -88,7 +93,7 @@ public:
                                    "activation { udev_sync=0 udev_rules=0 monitoring=0 }\n");
     }
 
-    /// Makes the group of all disks, each with one metadata area unless something else is asked for.
+    /// Makes a volume group of all disks, by default with one metadata area on each.
     void makeGroup(const std::string& options = "-s 1M") const {
         tool("pvcreate", allDisks());
         tool("vgcreate", options + " vg " + allDisks());
@@ -96,7 +101,7 @@ public:
     void makeVolume(const std::string& name, int extents) const {
         tool("lvcreate", "-an -Zn -Wn -n " + name + " -l " + std::to_string(extents) + " vg");
     }
-    /// Runs a tool and returns what it prints on its standard output.
+    /// Runs a tool and returns its standard output.
     std::string tool(const std::string& name,
                      const std::string& arguments) const { // NOLINT(modernize-use-nodiscard)
         const std::string where = directory.path();
@@ -128,7 +133,7 @@ public:
         return "LVM-" + withoutDashes(group) + withoutDashes(id);
     }
 
-    /// As the tools have it.
+    /// The extents as LVM's tools report them.
     [[nodiscard]] Extents reported(const std::string& volume) const {
         std::map<std::string, std::uint64_t> dataStarts;
         std::istringstream physical(tool("pvs", "--noheadings --units s --nosuffix -o pv_name,pe_start"));
@@ -157,7 +162,8 @@ public:
         return extents;
     }
 
-    /// The same of what was read; empty where that is none. Pieces that could be one are a failure.
+    /// The extents of pieces that were read; empty if there are none. Adjacent pieces that should be one are
+    /// a failure.
     static Extents extentsOf(const std::optional<std::vector<VolumePiece>>& pieces, std::uint64_t extent) {
         Extents extents;
         VolumePiece last;
@@ -171,7 +177,7 @@ public:
         return extents;
     }
 
-    /// Reads a volume, which must lie as the tools say.
+    /// Reads a volume and expects the extents that the tools report.
     void expectAsReported(const std::string& volume, std::uint64_t extent = 2048) const {
         const Extents expected = reported(volume);
         EXPECT_FALSE(expected.empty());

@@ -18,12 +18,12 @@ namespace {
 constexpr std::size_t area = 4096;
 constexpr std::size_t data = std::size_t{1} << 20U;
 
-/// One physical volume's head as a file that is broken on purpose.
+/// The start of a physical volume, as a file that the test damages.
 class Image {
 public:
     Image(std::string path, std::string content) : name(std::move(path)), bytes(std::move(content)) {}
 
-    /// Of a read of the volume with these bytes.
+    /// The error of reading the volume with one byte changed.
     int errorWith(std::size_t offset, char byte) {
         std::swap(bytes[offset], byte);
         const int error = errorOf(bytes);
@@ -47,7 +47,7 @@ private:
 
 class MetadataArea : public test::LvmGroup {
 protected:
-    /// A number of the first area's header, as LVM's tool prints it.
+    /// A number in the first metadata area's header, as LVM's tool prints it.
     [[nodiscard]] std::uint64_t headerNumber(const std::string& name) const {
         std::istringstream headers(tool("pvck", "--dump headers " + disks[0].path()));
         for (std::string word; headers >> word;) {
@@ -62,7 +62,7 @@ protected:
     [[nodiscard]] std::size_t textEnd() const {
         return area + headerNumber("raw_locn[0].offset") + headerNumber("raw_locn[0].size");
     }
-    /// The head of the first disk, up to the end of the text in force.
+    /// The start of the first disk, up to the end of the current metadata text.
     [[nodiscard]] Image image() const { return {directory / "image", disks[0].read(0, textEnd())}; }
     [[nodiscard]] std::string saved(const test::Disk& disk) const { return disk.read(area, data - area); }
 };
@@ -179,7 +179,7 @@ TEST_F(MetadataArea, HasASecondOneAtTheEnd) {
     EXPECT_EQ(test::errorOf([&] { readLogicalVolume(uuid, only); }), EBADMSG);
 }
 
-/// With its checksums made right, as somebody would who means harm.
+/// The checksums are corrected, as an attacker would do.
 TEST_F(MetadataArea, IsBoundedWhateverItsHeaderSays) {
     makeGroup();
     const Image image = this->image();
@@ -210,7 +210,7 @@ TEST_F(MetadataArea, IsBoundedWhateverItsHeaderSays) {
     for (const std::uint64_t number :
          {std::uint64_t{1}, std::uint64_t{4097}, highest >> 1U, highest - 511, highest}) {
         std::string bytes = image.content();
-        bytes.replace(616, 8, little(number, 8)); // where the label says that the area is
+        bytes.replace(616, 8, little(number, 8)); // the offset of the metadata area in the label
         bytes.replace(512 + 16, 4, little(lvm::checksum(bytes.substr(512 + 20, 492)), 4));
         EXPECT_EQ(image.errorOf(bytes), EBADMSG) << number;
     }

@@ -19,11 +19,11 @@ namespace {
 
 using Pieces = std::vector<VolumePiece>;
 
-/// What the kernel had, as the script beside this writes it.
-struct Truth {
+/// The kernel's report, as the script beside this file writes it.
+struct KernelReport {
     PhysicalDevices devices;
     std::map<std::string, std::optional<Pieces>>
-        volumes; ///< none where not all is linear on physical volumes
+        volumes; ///< std::nullopt unless all segments are linear on physical volumes
 };
 
 dev_t readNumber(std::istream& from) {
@@ -34,8 +34,10 @@ dev_t readNumber(std::istream& from) {
     return makedev(major, minor);
 }
 
-Truth readTruth(const std::string& path) {
-    Truth truth;
+/// Reads the script's output: physical volumes ("pv"), then each logical volume ("lv") followed by its
+/// device-mapper segments.
+KernelReport readKernelReport(const std::string& path) {
+    KernelReport report;
     std::istringstream lines(agent::test::readFile(path));
     std::optional<Pieces>* volume = nullptr;
     for (std::string line; std::getline(lines, line);) {
@@ -44,9 +46,9 @@ Truth readTruth(const std::string& path) {
         std::string second;
         words >> first >> second;
         if (first == "pv") {
-            truth.devices[second] = readNumber(words);
+            report.devices[second] = readNumber(words);
         } else if (first == "lv") {
-            volume = &truth.volumes.emplace(second.substr(36), Pieces()).first->second;
+            volume = &report.volumes.emplace(second.substr(36), Pieces()).first->second;
         } else if (*volume) {
             VolumePiece piece{std::stoull(first), std::stoull(second)};
             std::string type;
@@ -54,7 +56,7 @@ Truth readTruth(const std::string& path) {
             piece.device = readNumber(words);
             words >> piece.offset;
             const bool isKnown = std::ranges::any_of(
-                truth.devices, [&](const auto& device) { return device.second == piece.device; });
+                report.devices, [&](const auto& device) { return device.second == piece.device; });
             if (type == "linear" && isKnown) {
                 (*volume)->push_back(piece);
             } else {
@@ -62,19 +64,19 @@ Truth readTruth(const std::string& path) {
             }
         }
     }
-    return truth;
+    return report;
 }
 
 class KernelTruth : public testing::TestWithParam<const char*> {};
 
 TEST_P(KernelTruth, IsWhatTheTextSays) {
     const std::string path = std::string(LVM_PAIRS) + "/" + GetParam();
-    const Truth truth = readTruth(path + ".tables");
+    const KernelReport report = readKernelReport(path + ".tables");
     const VolumeGroup group(agent::test::readFile(path + ".vg"));
     bool hasLinear = false;
     bool hasOther = false;
-    for (const auto& [uuid, pieces] : truth.volumes) {
-        EXPECT_EQ(group.piecesOf(uuid, truth.devices), pieces) << uuid;
+    for (const auto& [uuid, pieces] : report.volumes) {
+        EXPECT_EQ(group.piecesOf(uuid, report.devices), pieces) << uuid;
         hasLinear = hasLinear || pieces;
         hasOther = hasOther || !pieces;
     }
@@ -83,7 +85,7 @@ TEST_P(KernelTruth, IsWhatTheTextSays) {
 
 INSTANTIATE_TEST_SUITE_P(Pairs, KernelTruth, testing::Values("kinds", "moving", "moved"));
 
-/// A text in which one piece can be replaced by another.
+/// A metadata text in which parts can be replaced.
 class VolumeGroupText : public testing::Test {
 protected:
     static constexpr const char* text =
@@ -122,7 +124,7 @@ protected:
 };
 
 TEST_F(VolumeGroupText, IsReadInTheOrderOfTheVolume) {
-    EXPECT_EQ(piecesIn(text), (Pieces{{0, 120, 5, 260}})); // both segments are one piece
+    EXPECT_EQ(piecesIn(text), (Pieces{{0, 120, 5, 260}})); // both segments are contiguous
     EXPECT_EQ(piecesIn(with("\"pv0\", 30", "\"pv1\", 30")), (Pieces{{0, 80, 5, 260}, {80, 40, 6, 440}}));
     EXPECT_EQ(piecesIn(with("\"pv0\", 30", "\"pv0\", 31")), (Pieces{{0, 80, 5, 260}, {80, 40, 5, 348}}));
     const VolumeGroup group(text);
@@ -148,6 +150,7 @@ TEST_F(VolumeGroupText, HasNoPiecesOfWhatIsNotLinear) {
     }
 }
 
+/// A wrong location of an extent would make the driver read other volumes' data.
 TEST_F(VolumeGroupText, IsRefusedWhereItContradictsItself) {
     const std::vector<std::pair<std::string, std::string>> changes = {
         {"Text Format Volume Group", "Backup"},

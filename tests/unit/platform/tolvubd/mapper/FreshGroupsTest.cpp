@@ -15,7 +15,7 @@ namespace {
 
 using agent::test::outputOf;
 
-/// An ext4 image whose groups have their structures each for themselves, so that those of a group that was
+/// An ext4 image whose groups each contain their own structures, so that the structures of a group that was
 /// never used count as free.
 class FreshGroups : public ::testing::Test {
 protected:
@@ -45,7 +45,8 @@ TEST_F(FreshGroups, AreNoneWhileNoFurtherGroupIsUsed) {
     EXPECT_EQ(freshGroups(open(), size, then), std::vector<Extent>{});
 }
 
-/// What is told is exactly what the map of free space has in use in these groups, its structures among it.
+/// The reported extents are exactly the blocks that the space map shows as used in these groups, structures
+/// included.
 TEST_F(FreshGroups, AreAllThatIsInUseInThem) {
     const std::string then = groupsInUse(open(), size);
     const auto before = readExtSpace(open(), size);

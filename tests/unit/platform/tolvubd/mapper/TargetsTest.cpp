@@ -59,12 +59,12 @@ TEST(LvmLock, FindsTheGroupInAName) {
 TEST(Forecast, IsHalfMoreThanTheLargestOfTheLastNeeds) {
     Layers layers;
     EXPECT_EQ(forecastNeed(layers), 0U);
-    noteNeed(layers, 1000);
-    for (std::size_t count = 0; count < needsKept; ++count) {
-        noteNeed(layers, 100 + count);
+    recordPreserved(layers, 1000);
+    for (std::size_t count = 0; count < forecastSnapshots; ++count) {
+        recordPreserved(layers, 100 + count);
     }
-    EXPECT_EQ(layers.needs.size(), needsKept);
-    EXPECT_EQ(forecastNeed(layers), 160U); // the 1000 is forgotten
+    EXPECT_EQ(layers.preservedBytes.size(), forecastSnapshots);
+    EXPECT_EQ(forecastNeed(layers), 160U); // the 1000 has been dropped
 }
 
 } // namespace

@@ -12,12 +12,12 @@
 
 namespace tolvubd::test {
 
-/// A real file system in an image, for commands of the shell in which $i is the image and $r a directory:
+/// A real file system in an image, for shell commands in which $i is the image and $r a directory:
 ///
-///     m OPTIONS     mounts it; the device below takes writes whatever the options are, as a disk does
+///     m OPTIONS     mounts it; the loop device stays writable whatever the options are, as a disk does
 ///     u             unmounts it
-///     stop          stops the machine, as it were: the image is what it is at that moment
-///     keep, back    puts a copy of the image aside, and takes it back
+///     stop          simulates a crash: the image stays as it is at that moment
+///     keep, back    saves a copy of the image, and restores it
 class FileSystemImage {
 public:
     static constexpr std::uint64_t size = std::uint64_t{320} << 20;
@@ -26,7 +26,7 @@ public:
         run("mkdir $r; truncate -s 320M $i; " + make + " $i; m rw; echo first > $r/first; u");
     }
 
-    /// Fails unless all commands succeed.
+    /// Runs the commands. Fails unless all of them succeed.
     std::string run(const std::string& commands) const {
         const std::string script = directory / "script";
         const std::string root = directory / "root";

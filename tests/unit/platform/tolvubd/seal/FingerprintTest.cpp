@@ -11,21 +11,21 @@
 #include <sys/mman.h>
 #include <vector>
 
-/// What real file systems show of what was done to them while nobody was watching.
+/// Whether real file systems show that they were changed while the driver wasn't tracking.
 namespace tolvubd {
 namespace {
 
 using test::FileSystemImage;
 
-/// Commands, and whether the file system tells that they have written to it.
-struct Meanwhile {
+/// Shell commands, and whether the file system shows that they have written to it.
+struct UntrackedChange {
     const char* commands;
     bool isSeen;
 };
 
 constexpr const char* writeAndStop = "echo 2 > $r/second; sync; echo 3 > $r/third; sync $r/third; stop";
 
-/// That of a machine which was shut down, and so could take the fingerprint when all had been written.
+/// The seal of a machine that was shut down cleanly, and took the fingerprint after the last write.
 Seal cleanSeal(const FileSystemImage& image) {
     Seal seal = test::makeSeal();
     seal.end = Seal::End::clean;
@@ -33,7 +33,7 @@ Seal cleanSeal(const FileSystemImage& image) {
     return seal;
 }
 
-/// That of a machine which took the fingerprint while the file system was mounted, and then stopped.
+/// The seal of a machine that took the fingerprint while the file system was mounted, and then crashed.
 Seal openSeal(const FileSystemImage& image) {
     image.run("m rw; sync -f $r; keep; " + std::string(writeAndStop) + "; mv $i $i.later; back");
     Seal seal = test::makeSeal();
@@ -42,11 +42,11 @@ Seal openSeal(const FileSystemImage& image) {
     return seal;
 }
 
-void expectToSee(const FileSystemImage& image, const Seal& seal, const std::vector<Meanwhile>& table) {
+void expectToSee(const FileSystemImage& image, const Seal& seal, const std::vector<UntrackedChange>& table) {
     image.run("keep");
     for (const auto& [commands, isSeen] : table) {
         image.run(std::string("back; ") + commands);
-        const std::optional<std::string> reason = reasonForDoubt(seal, image.fingerprint(), test::start);
+        const std::optional<std::string> reason = reasonForDoubt(seal, image.fingerprint(), test::bootId);
         EXPECT_EQ(reason.has_value(), isSeen) << commands << ": " << reason.value_or("");
     }
 }
@@ -87,7 +87,7 @@ TEST(Fingerprint, OfXfsAtRestChangesWithEachWriter) {
                 {{"true", false},
                  {"m ro,norecovery; u", false},
                  {"xfs_repair -n $i", false},
-                 {"m rw; stop", false}, // it has written nothing yet
+                 {"m rw; stop", false}, // nothing has been written yet
                  {"m ro; u", true},
                  {"m rw; echo 2 > $r/second; u", true},
                  {"m rw; echo 2 > $r/second; sync -f $r; stop", true},

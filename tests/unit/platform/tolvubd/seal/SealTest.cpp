@@ -47,8 +47,8 @@ public:
 Seal closed() {
     Seal seal = makeSeal();
     seal.end = Seal::End::clean;
-    seal.device.layers->firstEra = 9;
-    seal.device.layers->groups = std::string(4096, '7');
+    seal.device.layers->snapshotEra = 9;
+    seal.device.layers->usedGroups = std::string(4096, '7');
     seal.fingerprint.reset();
     return seal;
 }
@@ -95,11 +95,11 @@ TEST(Seal, IsNotWrittenWhereItHasNoRoom) {
     const std::vector<Extent> tooSmall = {{0, slotSize - 4096}};
     EXPECT_EQ(test::errorOf([&] { writeSeal(device.file, tooSmall, makeSeal()); }), EINVAL);
     Seal large = makeSeal();
-    large.device.layers->groups = std::string(slotSize, 'f');
+    large.device.layers->usedGroups = std::string(slotSize, 'f');
     EXPECT_EQ(test::errorOf([&] { writeSeal(device.file, inOnePiece, large); }), EFBIG);
 }
 
-/// Whatever happens to the newest one, the one before it comes back or none does, and never something else.
+/// If the newest seal is damaged, the previous one or none must be read, but never anything else.
 TEST(Seal, IsTheOneBeforeWhereABitOfItHasChanged) {
     const MemoryDevice device;
     writeSeal(device.file, inOnePiece, makeSeal());
@@ -130,8 +130,8 @@ TEST(Seal, IsTheOneBeforeWhereTheNewestWasCutOff) {
 }
 
 TEST(Start, HasANameOfItsOwn) {
-    EXPECT_TRUE(isUuid(thisStart()));
-    EXPECT_EQ(thisStart(), thisStart());
+    EXPECT_TRUE(isUuid(currentBootId()));
+    EXPECT_EQ(currentBootId(), currentBootId());
 }
 
 } // namespace

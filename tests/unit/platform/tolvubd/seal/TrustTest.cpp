@@ -37,12 +37,12 @@ TEST(Trust, HoldsForACleanSealWhileNothingHasChanged) {
     for (const Fingerprint& fingerprint : {extClean, xfsClean}) {
         const Seal seal = sealWith(Seal::End::clean, fingerprint);
         EXPECT_TRUE(isKept(seal, fingerprint));
-        EXPECT_FALSE(isKept(seal, changed(fingerprint, &Fingerprint::mount), test::start));
-        EXPECT_FALSE(isKept(seal, changed(fingerprint, &Fingerprint::content), test::start));
-        EXPECT_FALSE(isKept(seal, changed(fingerprint, &Fingerprint::kind), test::start));
+        EXPECT_FALSE(isKept(seal, changed(fingerprint, &Fingerprint::mount), test::bootId));
+        EXPECT_FALSE(isKept(seal, changed(fingerprint, &Fingerprint::content), test::bootId));
+        EXPECT_FALSE(isKept(seal, changed(fingerprint, &Fingerprint::kind), test::bootId));
         Fingerprint crashed = fingerprint;
         crashed.isClean = false;
-        EXPECT_FALSE(isKept(seal, crashed, test::start));
+        EXPECT_FALSE(isKept(seal, crashed, test::bootId));
     }
 }
 
@@ -55,34 +55,34 @@ TEST(Trust, HoldsForAnOpenSealWhileNothingHasChanged) {
 TEST(Trust, HoldsForExtAfterACrashUnlessItWasMountedOrReplayed) {
     const Seal seal = sealWith(Seal::End::open, extClean);
     EXPECT_TRUE(isKept(seal, extCrashed));
-    EXPECT_FALSE(isKept(seal, changed(extCrashed, &Fingerprint::mount), test::start));
-    EXPECT_FALSE(isKept(seal, changed(extClean, &Fingerprint::content), test::start));
+    EXPECT_FALSE(isKept(seal, changed(extCrashed, &Fingerprint::mount), test::bootId));
+    EXPECT_FALSE(isKept(seal, changed(extClean, &Fingerprint::content), test::bootId));
 }
 
 TEST(Trust, HoldsForXfsAfterACrashOnlyIfItWasTheStartBefore) {
     const Seal seal = sealWith(Seal::End::open, xfsClean);
-    EXPECT_TRUE(isKept(seal, xfsCrashed, test::start));
+    EXPECT_TRUE(isKept(seal, xfsCrashed, test::bootId));
     EXPECT_FALSE(isKept(seal, xfsCrashed, ""));
     EXPECT_FALSE(isKept(seal, xfsCrashed, test::trackingId));
-    EXPECT_FALSE(isKept(seal, changed(xfsCrashed, &Fingerprint::mount), test::start));
-    EXPECT_FALSE(isKept(seal, changed(xfsClean, &Fingerprint::content), test::start));
+    EXPECT_FALSE(isKept(seal, changed(xfsCrashed, &Fingerprint::mount), test::bootId));
+    EXPECT_FALSE(isKept(seal, changed(xfsClean, &Fingerprint::content), test::bootId));
 }
 
 TEST(Trust, NeverHoldsForWhatWasGivenUp) {
-    EXPECT_FALSE(isKept(sealWith(Seal::End::broken, extClean), extClean, test::start));
+    EXPECT_FALSE(isKept(sealWith(Seal::End::broken, extClean), extClean, test::bootId));
     Seal failed = sealWith(Seal::End::clean, extClean);
     failed.device.layers->error = EIO;
-    EXPECT_FALSE(isKept(failed, extClean, test::start));
+    EXPECT_FALSE(isKept(failed, extClean, test::bootId));
     Seal withoutLayers = sealWith(Seal::End::clean, extClean);
     withoutLayers.device.layers.reset();
-    EXPECT_FALSE(isKept(withoutLayers, extClean, test::start));
+    EXPECT_FALSE(isKept(withoutLayers, extClean, test::bootId));
 }
 
 TEST(Trust, NeverHoldsWhereTheFileSystemIsNotRecognised) {
-    EXPECT_FALSE(isKept(sealWith(Seal::End::clean, {}), std::nullopt, test::start));
-    EXPECT_FALSE(isKept(sealWith(Seal::End::clean, {}), extClean, test::start));
-    EXPECT_FALSE(isKept(sealWith(Seal::End::open, extClean), std::nullopt, test::start));
-    EXPECT_FALSE(isKept(sealWith(Seal::End::open, extClean), xfsCrashed, test::start));
+    EXPECT_FALSE(isKept(sealWith(Seal::End::clean, {}), std::nullopt, test::bootId));
+    EXPECT_FALSE(isKept(sealWith(Seal::End::clean, {}), extClean, test::bootId));
+    EXPECT_FALSE(isKept(sealWith(Seal::End::open, extClean), std::nullopt, test::bootId));
+    EXPECT_FALSE(isKept(sealWith(Seal::End::open, extClean), xfsCrashed, test::bootId));
 }
 
 } // namespace

@@ -13,21 +13,21 @@ namespace {
 
 using test::FileSystemImage;
 
-/// What xfs_logprint says of the log: where its head is, and whether it is clean.
-struct Truth {
+/// The report of xfs_logprint about the log: the position of its head, and whether it is clean.
+struct LogReport {
     std::uint64_t head = 0;
     bool isClean = false;
 };
 
-Truth truthOf(const FileSystemImage& image) {
+LogReport reportOf(const FileSystemImage& image) {
     std::istringstream words(
         image.run("xfs_logprint -t $i 2>/dev/null | sed -n "
                   "\"s/.*log tail: [0-9]* head: \\([0-9]*\\) state: <\\(.*\\)>/\\1 \\2/p\""));
-    Truth truth;
+    LogReport report;
     std::string state;
-    words >> truth.head >> state;
-    truth.isClean = state == "CLEAN";
-    return truth;
+    words >> report.head >> state;
+    report.isClean = state == "CLEAN";
+    return report;
 }
 
 std::uint64_t numberFrom(const FileSystemImage& image, const std::string& command) {
@@ -45,16 +45,16 @@ XfsLogPlace placeOf(const FileSystemImage& image) {
 }
 
 void expectTheTruth(const FileSystemImage& image, const XfsLogPlace& place, const std::string& what) {
-    const Truth truth = truthOf(image);
+    const LogReport report = reportOf(image);
     const std::optional<XfsLogHead> head = readXfsLogHead(openFile(image.path(), O_RDONLY), place);
     ASSERT_TRUE(head) << what;
-    EXPECT_EQ(head->block, truth.head) << what;
-    EXPECT_EQ(head->isUnmounted, truth.isClean) << what;
+    EXPECT_EQ(head->block, report.head) << what;
+    EXPECT_EQ(head->isUnmounted, report.isClean) << what;
 }
 
-/// Less than its makers want to be used.
+/// Smaller than mkfs.xfs supports officially.
 constexpr const char* makeSmallLog = "mkfs.xfs --unsupported -q -l size=1500b";
-/// Some mebibytes of records.
+/// Writes several mebibytes of log records.
 constexpr const char* churn = "for turn in 1 2 3 4 5; do mkdir $r/d; "
                               "for n in $(seq 300); do for f in 1 2 3 4 5 6 7 8; do : > $r/d/$n.$f; done; "
                               "done; rm -r $r/d; sync -f $r; done; ";
@@ -72,14 +72,14 @@ TEST(XfsLog, EndsWhereItsOwnToolsSay) {
 TEST(XfsLog, IsARing) {
     const FileSystemImage image(makeSmallLog);
     const XfsLogPlace place = placeOf(image);
-    std::uint64_t round = 1;
+    std::uint64_t cycle = 1;
     for (int turn = 0; turn < 6; ++turn) {
         image.run(std::string("m rw; ") + churn +
                   (turn % 2 == 0 ? "u" : "sync -f $r; : > $r/x; sync $r/x; stop"));
         expectTheTruth(image, place, "turn " + std::to_string(turn));
-        round = readXfsLogHead(openFile(image.path(), O_RDONLY), place)->round;
+        cycle = readXfsLogHead(openFile(image.path(), O_RDONLY), place)->cycle;
     }
-    EXPECT_GT(round, 2);
+    EXPECT_GT(cycle, 2);
 }
 
 } // namespace

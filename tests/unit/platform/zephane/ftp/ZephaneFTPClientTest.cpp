@@ -1,6 +1,6 @@
+#include "support/NbdkitProcess.h"
 #include "support/Waiting.h"
 #include "support/ZephaneClients.h"
-#include "support/ZephaneEngine.h"
 #include "support/ZephaneTestServer.h"
 
 #include <gmock/gmock.h>
@@ -12,11 +12,11 @@
 namespace zephane {
 namespace {
 
-using test::ClientChoice;
+using test::ClientParameters;
 using test::makeClient;
-using test::noise;
-using test::ServerConduct;
-using test::ZephaneEngine;
+using test::NbdkitProcess;
+using test::randomBytes;
+using test::ServerBehavior;
 using test::ZephaneTestServer;
 using testing::ElementsAre;
 using testing::HasSubstr;
@@ -50,10 +50,10 @@ std::ptrdiff_t threads() {
     return std::distance(begin(tasks), end(tasks));
 }
 
-/// With an empty image of 64 MiB.
+/// The image has 64 MiB of zeros.
 class ZephaneFTPClientTest : public testing::Test {
 protected:
-    ZephaneEngine engine{{"memory", "64M"}};
+    NbdkitProcess engine{{"memory", "64M"}};
     ZephaneTestServer server{engine.socket()};
 };
 
@@ -63,7 +63,7 @@ TEST_P(EachWayToWrite, ReadsBackWhatWasWritten) {
     ZephaneFTPClient client = makeClient({.port = server.port(), .flags = GetParam()});
     ASSERT_EQ(client.open().code, 0);
     EXPECT_EQ(client.size(), 64 * wire::mebibyte);
-    const Bytes data = noise(5 * wire::mebibyte + 777, 1);
+    const Bytes data = randomBytes(5 * wire::mebibyte + 777, 1);
     writeAt(client, 4096, data);
     EXPECT_TRUE(readAt(client, 4096, data.size()) == data);
     EXPECT_THAT(readAt(client, 4095, 1), ElementsAre(0));
@@ -74,7 +74,7 @@ TEST_P(EachWayToWrite, ReadsBackWhatWasWritten) {
 TEST_P(EachWayToWrite, KeepsWhatItWritesOverOtherContent) {
     ZephaneFTPClient client = makeClient({.port = server.port(), .flags = GetParam()});
     ASSERT_EQ(client.open().code, 0);
-    Bytes data = noise(3 * unit + 5, 2);
+    Bytes data = randomBytes(3 * unit + 5, 2);
     writeAt(client, 0, data);
     data[unit + 1] ^= 1U;
     data.back() ^= 1U;
@@ -107,7 +107,7 @@ TEST_F(ZephaneFTPClientTest, StoresWhatWasWrittenBeforeItCloses) {
 }
 
 TEST_F(ZephaneFTPClientTest, StoresInBetweenSoThatNoFlushTakesLong) {
-    const ZephaneEngine large{{"null", "1G"}};
+    const NbdkitProcess large{{"null", "1G"}};
     const ZephaneTestServer door{large.socket()};
     ZephaneFTPClient client = makeClient({.port = door.port(), .flags = compress});
     ASSERT_EQ(client.open().code, 0);
@@ -122,11 +122,11 @@ TEST_F(ZephaneFTPClientTest, StoresInBetweenSoThatNoFlushTakesLong) {
 TEST_F(ZephaneFTPClientTest, HolesReadAsZeros) {
     ZephaneFTPClient client = makeClient({.port = server.port()});
     ASSERT_EQ(client.open().code, 0);
-    const Bytes data = noise(3 * unit, 3);
+    const Bytes data = randomBytes(3 * unit, 3);
     writeAt(client, 0, data);
     ASSERT_EQ(client.seek(unit, 0), unit);
     ASSERT_EQ(client.punchHole(unit).code, 0);
-    writeAt(client, 3 * unit, data); // behind the hole the position is where it should be
+    writeAt(client, 3 * unit, data); // written after the hole, which has moved the position
     EXPECT_TRUE(readAt(client, unit, unit) == Bytes(unit));
     EXPECT_TRUE(readAt(client, 0, unit) == Bytes(data.begin(), data.begin() + unit));
     EXPECT_TRUE(readAt(client, 3 * unit, 3 * unit) == data);
@@ -260,7 +260,7 @@ TEST_F(ZephaneFTPClientTest, ReadsWithoutBeingAllowedToWrite) {
 }
 
 TEST_F(ZephaneFTPClientTest, DoesNotOpenWhatItCannotWriteTo) {
-    const ZephaneEngine readOnly{{"-r", "memory", "1M"}};
+    const NbdkitProcess readOnly{{"-r", "memory", "1M"}};
     const ZephaneTestServer first{readOnly.socket()};
     EXPECT_EQ(makeClient({.port = first.port()}).open().code, -EROFS);
     EXPECT_EQ(makeClient({.port = first.port(), .flags = 0}).open().code, 0);
@@ -311,7 +311,7 @@ TEST_F(ZephaneFTPClientTest, AllClientsOfAProcessAreOne) {
 TEST_F(ZephaneFTPClientTest, WritesOnlyWhatDiffersByItsDigest) {
     ZephaneFTPClient client = makeClient({.port = server.port(), .flags = compare});
     ASSERT_EQ(client.open().code, 0);
-    Bytes data = noise(6 * unit + 10, 4);
+    Bytes data = randomBytes(6 * unit + 10, 4);
     writeAt(client, 0, data);
     data[2 * unit] ^= 1U;
     data[3 * unit] ^= 1U;
@@ -319,7 +319,7 @@ TEST_F(ZephaneFTPClientTest, WritesOnlyWhatDiffersByItsDigest) {
     writeAt(client, 0, data);
     writeAt(client, 0, data);
     EXPECT_EQ(server.digestRequests(), 3);
-    // The server reads over a connection of its own, so it is told to store before it is asked.
+    // The server reads over a connection of its own, so the client flushes before it asks for digests.
     EXPECT_THAT(engine.requests(),
                 ElementsAre("Read 0x0 0x6000a", "Write 0x0 0x6000a", "Flush", "Read 0x0 0x6000a",
                             "Write 0x20000 0x20000", "Write 0x60000 0xa", "Flush", "Read 0x0 0x6000a"));
@@ -329,7 +329,7 @@ TEST_F(ZephaneFTPClientTest, WritesOnlyWhatDiffersFromWhatItReads) {
     const ZephaneTestServer plain{engine.socket(), {.grants = wire::writableFlag}};
     ZephaneFTPClient client = makeClient({.port = plain.port(), .flags = compare});
     ASSERT_EQ(client.open().code, 0);
-    Bytes data = noise(4 * unit, 5);
+    Bytes data = randomBytes(4 * unit, 5);
     writeAt(client, 0, data);
     data[2 * unit] ^= 1U;
     writeAt(client, 0, data);
@@ -341,7 +341,7 @@ TEST_F(ZephaneFTPClientTest, WritesOnlyWhatDiffersFromWhatItReads) {
 TEST_F(ZephaneFTPClientTest, ComparesLongWritesInPieces) {
     ZephaneFTPClient client = makeClient({.port = server.port(), .flags = compare});
     ASSERT_EQ(client.open().code, 0);
-    writeAt(client, 0, Bytes(2 * wire::digestRange + 1)); // as the image is
+    writeAt(client, 0, Bytes(2 * wire::digestRange + 1)); // equal to the image
     EXPECT_EQ(server.digestRequests(), 3);
     EXPECT_EQ(client.close().code, 0);
     EXPECT_THAT(engine.requests(), testing::Each(testing::StartsWith("Read")));

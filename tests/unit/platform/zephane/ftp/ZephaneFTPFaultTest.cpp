@@ -1,6 +1,6 @@
+#include "support/NbdkitProcess.h"
 #include "support/TestDirectory.h"
 #include "support/ZephaneClients.h"
-#include "support/ZephaneEngine.h"
 #include "support/ZephaneTestServer.h"
 #include "zephane/nbd/NbdImage.h"
 
@@ -18,9 +18,9 @@ namespace zephane {
 namespace {
 
 using test::makeClient;
+using test::NbdkitProcess;
 using test::NetworkFault;
-using test::noise;
-using test::ZephaneEngine;
+using test::randomBytes;
 using test::ZephaneTestNetwork;
 using test::ZephaneTestServer;
 using testing::HasSubstr;
@@ -29,7 +29,7 @@ using Bytes = std::vector<std::uint8_t>;
 using namespace std::chrono_literals;
 
 constexpr std::uint64_t compare = wire::compareFlag | wire::writableFlag;
-/// Enough for a machine that is busy, and little for a test.
+/// Long enough for a busy machine, and short for a test.
 constexpr ClientPatience impatience{500ms, 500ms};
 
 Status write(ZephaneFTPClient& client, const Bytes& data) {
@@ -45,7 +45,7 @@ Status read(ZephaneFTPClient& client, Bytes& data) {
     return status;
 }
 
-/// Every call tells the failure that ended the client.
+/// Every later call returns the failure that ended the client.
 void expectBroken(ZephaneFTPClient& client, const Status& failure) {
     EXPECT_LT(failure.code, 0);
     Bytes byte(1);
@@ -58,7 +58,7 @@ void expectBroken(ZephaneFTPClient& client, const Status& failure) {
     EXPECT_EQ(errno, EIO);
 }
 
-/// An image of 1 MiB whose engine fails while a file is there.
+/// An image of 1 MiB whose NBD server fails requests while a file exists.
 class FailingEngine {
 public:
     explicit FailingEngine(const std::vector<std::string>& errors) : engine(arguments(errors)) {}
@@ -77,7 +77,7 @@ private:
 
     agent::test::TestDirectory directory;
     agent::Path switchFile = directory / "fails";
-    ZephaneEngine engine;
+    NbdkitProcess engine;
 };
 
 TEST(ZephaneFTPFault, AWriteThatFailsIsToldAndNoMore) {
@@ -91,7 +91,7 @@ TEST(ZephaneFTPFault, AWriteThatFailsIsToldAndNoMore) {
     EXPECT_EQ(status.code, -ENOSPC);
     EXPECT_THAT(status.text, HasSubstr("cannot write 4096 bytes at 0"));
     engine.work();
-    EXPECT_EQ(write(client, data).code, 0); // to the same place
+    EXPECT_EQ(write(client, data).code, 0); // the same range as before
     EXPECT_EQ(client.close().code, 0);
     Bytes stored(4096);
     NbdImage(engine.socket()).read(stored, 0);
@@ -131,7 +131,7 @@ TEST(ZephaneFTPFault, AHoleThatFailsIsToldOnceByWhatComesNext) {
 }
 
 TEST(ZephaneFTPFault, WhatCouldNotBeStoredStaysUnstored) {
-    const ZephaneEngine engine{{"eval", "get_size=echo 1048576", "pread=head -c $3 /dev/zero",
+    const NbdkitProcess engine{{"eval", "get_size=echo 1048576", "pread=head -c $3 /dev/zero",
                                 "pwrite=cat >/dev/null", "flush=echo EIO a disk has gone >&2; exit 1"}};
     const ZephaneTestServer server{engine.socket()};
     ZephaneFTPClient client = makeClient({.port = server.port()});
@@ -145,7 +145,7 @@ TEST(ZephaneFTPFault, WhatCouldNotBeStoredStaysUnstored) {
 }
 
 TEST(ZephaneFTPFault, AnEngineThatDiesEndsTheClient) {
-    ZephaneEngine engine{{"memory", "1M"}};
+    NbdkitProcess engine{{"memory", "1M"}};
     const ZephaneTestServer server{engine.socket()};
     ZephaneFTPClient client = makeClient({.port = server.port()});
     ASSERT_EQ(client.open().code, 0);
@@ -155,7 +155,7 @@ TEST(ZephaneFTPFault, AnEngineThatDiesEndsTheClient) {
 }
 
 TEST(ZephaneFTPFault, AnEngineThatDiesBeforeItHasStoredFailsClosing) {
-    ZephaneEngine engine{{"memory", "1M"}};
+    NbdkitProcess engine{{"memory", "1M"}};
     const ZephaneTestServer server{engine.socket()};
     ZephaneFTPClient client = makeClient({.port = server.port()});
     ASSERT_EQ(client.open().code, 0);
@@ -165,7 +165,7 @@ TEST(ZephaneFTPFault, AnEngineThatDiesBeforeItHasStoredFailsClosing) {
 }
 
 TEST(ZephaneFTPFault, ASlowEngineEndsTheClientInTime) {
-    const ZephaneEngine engine{{"--filter=delay", "memory", "1M", "wdelay=30"}};
+    const NbdkitProcess engine{{"--filter=delay", "memory", "1M", "wdelay=30"}};
     const ZephaneTestServer server{engine.socket()};
     ZephaneFTPClient client = makeClient({.port = server.port(), .patience = {20s, 300ms}});
     ASSERT_EQ(client.open().code, 0);
@@ -175,12 +175,12 @@ TEST(ZephaneFTPFault, ASlowEngineEndsTheClientInTime) {
 }
 
 TEST(ZephaneFTPFault, ADigestThatFailsIsNeverTakenForEqual) {
-    const ZephaneEngine engine{{"memory", "1M"}};
+    const NbdkitProcess engine{{"memory", "1M"}};
     const ZephaneTestServer server{engine.socket(), {.digestCode = -EIO}};
     ZephaneFTPClient client = makeClient({.port = server.port(), .flags = compare});
     ASSERT_EQ(client.open().code, 0);
     EXPECT_EQ(write(client, Bytes(4096)).code, -EIO);
-    EXPECT_EQ(write(client, Bytes(4096)).code, -EIO); // the connection still works
+    EXPECT_EQ(write(client, Bytes(4096)).code, -EIO); // the connection is still usable
     EXPECT_EQ(server.digestRequests(), 2);
     EXPECT_EQ(client.close().code, 0);
 }
@@ -195,8 +195,8 @@ TEST(ZephaneFTPFault, AComparisonThatCannotReadIsNeverTakenForEqual) {
 }
 
 TEST(ZephaneFTPFault, DigestsOfAnotherRangeEndTheClient) {
-    const ZephaneEngine engine{{"memory", "1M"}};
-    const ZephaneTestServer server{engine.socket(), {.losesDigest = true}};
+    const NbdkitProcess engine{{"memory", "1M"}};
+    const ZephaneTestServer server{engine.socket(), {.dropsLastDigest = true}};
     ZephaneFTPClient client = makeClient({.port = server.port(), .flags = compare});
     ASSERT_EQ(client.open().code, 0);
     const Status status = write(client, Bytes(3 * wire::digestUnit));
@@ -205,7 +205,7 @@ TEST(ZephaneFTPFault, DigestsOfAnotherRangeEndTheClient) {
 }
 
 TEST(ZephaneFTPFault, AServerThatKeepsItsDigestsEndsTheClientInTime) {
-    const ZephaneEngine engine{{"memory", "1M"}};
+    const NbdkitProcess engine{{"memory", "1M"}};
     const ZephaneTestServer server{engine.socket(), {.answersDigests = false}};
     ZephaneFTPClient client = makeClient({.port = server.port(), .flags = compare, .patience = {20s, 300ms}});
     ASSERT_EQ(client.open().code, 0);
@@ -215,8 +215,8 @@ TEST(ZephaneFTPFault, AServerThatKeepsItsDigestsEndsTheClientInTime) {
 }
 
 TEST(ZephaneFTPFault, AnAnswerThatNobodyAskedForEndsTheClient) {
-    const ZephaneEngine engine{{"memory", "1M"}};
-    const ZephaneTestServer server{engine.socket(), {.sendsUnasked = true}};
+    const NbdkitProcess engine{{"memory", "1M"}};
+    const ZephaneTestServer server{engine.socket(), {.sendsUnrequestedAnswer = true}};
     ZephaneFTPClient client = makeClient({.port = server.port(), .flags = compare});
     const Status opened = client.open();
     const Status status = opened.code == 0 ? write(client, Bytes(4096)) : opened;
@@ -235,7 +235,7 @@ TEST(ZephaneFTPFault, NobodyThereFailsAtOnce) {
     EXPECT_THAT(status.text, HasSubstr("cannot connect"));
 }
 
-/// Which call has failed first, of a small backup.
+/// The name of the first call that fails in a small backup.
 std::string backUp(ZephaneFTPClient& client, const Bytes& data) {
     if (client.open().code != 0) {
         return "open";
@@ -257,23 +257,24 @@ std::string backUp(ZephaneFTPClient& client, const Bytes& data) {
     return client.close().code != 0 ? "close" : "nothing";
 }
 
-/// Where faults come: the first ones within the handshakes, the last ones behind all that is sent.
+/// Byte counts after which the fault occurs: the first ones are within the handshakes, the last ones are
+/// after all data.
 using Places = std::vector<std::size_t>;
 const Places everywhere{0,    100,  250,  400,  550,   700,   850,   1000,   1150,
                         1300, 1500, 2000, 9000, 40000, 66000, 70000, 1000000};
-/// Fewer, as each takes its time.
+/// Fewer of them, since each one takes time.
 const Places atAFew{0, 250, 550, 850, 1150, 1500, 40000};
 
-/// What has failed, of backups whose network fails in all those places.
+/// Runs a backup for each of these faults. Returns the names of the calls that failed.
 std::set<std::string> backUpOver(const Places& places, NetworkFault fault, ClientPatience patience) {
-    const ZephaneEngine engine{{"memory", "1M"}};
+    const NbdkitProcess engine{{"memory", "1M"}};
     const ZephaneTestServer server{engine.socket()};
     std::set<std::string> failed;
     unsigned seed = 0;
     for (const std::size_t place : places) {
         fault.afterBytes = place;
         const ZephaneTestNetwork network{server.port(), fault};
-        const Bytes data = noise(wire::digestUnit, ++seed);
+        const Bytes data = randomBytes(wire::digestUnit, ++seed);
         const auto begin = std::chrono::steady_clock::now();
         {
             ZephaneFTPClient client = makeClient({.port = network.port(), .patience = patience});

@@ -1,9 +1,9 @@
 #include "zephane/nbd/NbdImage.h"
 
 #include "os/FileDescriptor.h"
+#include "support/NbdkitProcess.h"
 #include "support/TestDirectory.h"
 #include "support/Waiting.h"
-#include "support/ZephaneEngine.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -19,7 +19,7 @@
 namespace zephane {
 namespace {
 
-using test::ZephaneEngine;
+using test::NbdkitProcess;
 using testing::Each;
 using testing::ElementsAre;
 using testing::HasSubstr;
@@ -31,7 +31,7 @@ using namespace std::chrono_literals;
 constexpr std::uint64_t large = 40 * wire::mebibyte;
 constexpr NbdPatience impatience{300ms, 300ms};
 
-/// The errno of what a call fails with, 0 if it doesn't.
+/// The errno with which `call` fails, or 0.
 int errorOf(const std::function<void()>& call) {
     try {
         call();
@@ -42,13 +42,13 @@ int errorOf(const std::function<void()>& call) {
 }
 
 TEST(NbdImage, TellsWhatTheImageIs) {
-    const ZephaneEngine engine{{"memory", "40M"}};
+    const NbdkitProcess engine{{"memory", "40M"}};
     const NbdImage image(engine.socket());
     EXPECT_EQ(image.size(), large);
     EXPECT_FALSE(image.isReadOnly());
     EXPECT_TRUE(image.isSharedByConnections());
     EXPECT_TRUE(image.isAlive());
-    const ZephaneEngine other{{"-r", "--filter=multi-conn", "memory", "512", "multi-conn-mode=disable"}};
+    const NbdkitProcess other{{"-r", "--filter=multi-conn", "memory", "512", "multi-conn-mode=disable"}};
     const NbdImage readOnly(other.socket());
     EXPECT_EQ(readOnly.size(), 512);
     EXPECT_TRUE(readOnly.isReadOnly());
@@ -56,7 +56,7 @@ TEST(NbdImage, TellsWhatTheImageIs) {
 }
 
 TEST(NbdImage, ReadsBackWhatItHasWritten) {
-    const ZephaneEngine engine{{"memory", "40M"}};
+    const NbdkitProcess engine{{"memory", "40M"}};
     NbdImage image(engine.socket());
     const Bytes data(wire::requestBytes, 0x5A);
     image.write(data, 3);
@@ -70,12 +70,12 @@ TEST(NbdImage, ReadsBackWhatItHasWritten) {
 }
 
 TEST(NbdImage, HolesAreCutIntoRequestsAndReadAsZeros) {
-    const ZephaneEngine engine{{"memory", "40M"}};
+    const NbdkitProcess engine{{"memory", "40M"}};
     NbdImage image(engine.socket());
     image.write(Bytes(4096, 1), 0);
     image.write(Bytes(4096, 1), large - 4096);
-    image.punch(0, large);
-    image.settle();
+    image.queueHole(0, large);
+    image.awaitHoles();
     Bytes back(4096, 1);
     image.read(back, large - 4096);
     EXPECT_THAT(back, Each(0));
@@ -87,11 +87,11 @@ TEST(NbdImage, AHoleIsFreedOnTheEnginesDisk) {
     const agent::test::TestDirectory directory;
     const std::string file = directory / "image";
     agent::test::writeFile(file, std::string(wire::mebibyte, 'x'));
-    const ZephaneEngine engine{{"file", file}};
+    const NbdkitProcess engine{{"file", file}};
     NbdImage image(engine.socket());
     image.flush();
-    image.punch(0, wire::mebibyte);
-    image.settle();
+    image.queueHole(0, wire::mebibyte);
+    image.awaitHoles();
     image.flush();
     struct stat status{};
     ASSERT_EQ(::stat(file.c_str(), &status), 0);
@@ -100,32 +100,32 @@ TEST(NbdImage, AHoleIsFreedOnTheEnginesDisk) {
 }
 
 TEST(NbdImage, RangesAreCheckedBeforeAnythingIsSent) {
-    const ZephaneEngine engine{{"memory", "40M"}};
+    const NbdkitProcess engine{{"memory", "40M"}};
     NbdImage image(engine.socket());
     Bytes data(wire::requestBytes + 1);
     const std::span<std::uint8_t> one = std::span(data).first(1);
     for (const std::uint64_t offset : {large, large + 1, ~std::uint64_t{0}}) {
         EXPECT_EQ(errorOf([&] { image.read(one, offset); }), EINVAL);
         EXPECT_EQ(errorOf([&] { image.write(one, offset); }), EINVAL);
-        EXPECT_EQ(errorOf([&] { image.punch(offset, 1); }), EINVAL);
+        EXPECT_EQ(errorOf([&] { image.queueHole(offset, 1); }), EINVAL);
     }
     EXPECT_EQ(errorOf([&] { image.read(data, 0); }), EINVAL);
     EXPECT_EQ(errorOf([&] { image.write(data, 0); }), EINVAL);
-    EXPECT_EQ(errorOf([&] { image.punch(1, ~std::uint64_t{0}); }), EINVAL);
+    EXPECT_EQ(errorOf([&] { image.queueHole(1, ~std::uint64_t{0}); }), EINVAL);
     EXPECT_THAT(engine.requests(), SizeIs(0));
     image.end();
 }
 
 TEST(NbdImage, WritesNothingToAReadOnlyImage) {
-    const ZephaneEngine engine{{"-r", "memory", "1M"}};
+    const NbdkitProcess engine{{"-r", "memory", "1M"}};
     NbdImage image(engine.socket());
     EXPECT_EQ(errorOf([&] { image.write(Bytes(1), 0); }), EROFS);
-    EXPECT_EQ(errorOf([&] { image.punch(0, 1); }), EROFS);
+    EXPECT_EQ(errorOf([&] { image.queueHole(0, 1); }), EROFS);
     image.end();
 }
 
 TEST(NbdImage, AnErrorOfTheEngineLeavesTheConnection) {
-    const ZephaneEngine engine{
+    const NbdkitProcess engine{
         {"--filter=error", "memory", "1M", "error-pwrite=ENOSPC", "error-pwrite-rate=100%"}};
     NbdImage image(engine.socket());
     try {
@@ -142,58 +142,58 @@ TEST(NbdImage, AnErrorOfTheEngineLeavesTheConnection) {
 }
 
 TEST(NbdImage, AHoleThatFailsIsToldOnce) {
-    const ZephaneEngine engine{{"--filter=error", "memory", "1M", "error-zero=EIO", "error-zero-rate=100%"}};
+    const NbdkitProcess engine{{"--filter=error", "memory", "1M", "error-zero=EIO", "error-zero-rate=100%"}};
     NbdImage image(engine.socket());
     for (int count = 0; count < 40; ++count) {
-        image.punch(0, 4096);
+        image.queueHole(0, 4096);
     }
-    EXPECT_EQ(errorOf([&] { image.settle(); }), EIO);
-    EXPECT_EQ(errorOf([&] { image.settle(); }), 0);
+    EXPECT_EQ(errorOf([&] { image.awaitHoles(); }), EIO);
+    EXPECT_EQ(errorOf([&] { image.awaitHoles(); }), 0);
     image.end();
 }
 
 TEST(NbdImage, SixteenHolesAreUnderWayAtOnce) {
-    const ZephaneEngine engine{{"--filter=delay", "memory", "1M", "delay-zero=1"}};
+    const NbdkitProcess engine{{"--filter=delay", "memory", "1M", "delay-zero=1"}};
     NbdImage image(engine.socket());
     for (int count = 0; count < 16; ++count) {
-        image.punch(0, 4096);
+        image.queueHole(0, 4096);
     }
-    // All are there before the first is done; the next one waits for that.
+    // All requests are sent before the first one completes. The next call waits for that one.
     EXPECT_TRUE(agent::test::eventually([&] { return engine.requests().size() == 16; }));
     const auto begin = std::chrono::steady_clock::now();
-    image.punch(0, 4096);
+    image.queueHole(0, 4096);
     EXPECT_GT(std::chrono::steady_clock::now() - begin, 100ms);
-    image.settle();
+    image.awaitHoles();
     EXPECT_THAT(engine.requests(), SizeIs(17));
 }
 
 TEST(NbdImage, ALateAnswerEndsTheConnection) {
-    const ZephaneEngine engine{{"--filter=delay", "memory", "1M", "rdelay=30"}};
+    const NbdkitProcess engine{{"--filter=delay", "memory", "1M", "rdelay=30"}};
     NbdImage image(engine.socket(), {60s, 300ms});
     Bytes data(512);
     EXPECT_EQ(errorOf([&] { image.read(data, 0); }), ETIMEDOUT);
     EXPECT_FALSE(image.isAlive());
     EXPECT_EQ(errorOf([&] { image.read(data, 0); }), ENOTCONN);
     EXPECT_EQ(errorOf([&] { image.write(data, 0); }), ENOTCONN);
-    EXPECT_EQ(errorOf([&] { image.punch(0, 1); }), ENOTCONN);
+    EXPECT_EQ(errorOf([&] { image.queueHole(0, 1); }), ENOTCONN);
     EXPECT_EQ(errorOf([&] { image.flush(); }), ENOTCONN);
     EXPECT_EQ(errorOf([&] { image.end(); }), ENOTCONN);
 }
 
 TEST(NbdImage, HolesThatAreNotAnsweredEndTheConnectionOnce) {
-    const ZephaneEngine engine{{"--filter=delay", "memory", "1M", "delay-zero=30"}};
+    const NbdkitProcess engine{{"--filter=delay", "memory", "1M", "delay-zero=30"}};
     NbdImage image(engine.socket(), {60s, 300ms});
     for (int count = 0; count < 5; ++count) {
-        image.punch(0, 4096);
+        image.queueHole(0, 4096);
     }
     const auto begin = std::chrono::steady_clock::now();
-    EXPECT_EQ(errorOf([&] { image.settle(); }), ETIMEDOUT);
+    EXPECT_EQ(errorOf([&] { image.awaitHoles(); }), ETIMEDOUT);
     EXPECT_LT(std::chrono::steady_clock::now() - begin, 5 * 300ms);
     EXPECT_FALSE(image.isAlive());
 }
 
 TEST(NbdImage, AnEngineThatDiesEndsTheConnection) {
-    ZephaneEngine engine{{"memory", "1M"}};
+    NbdkitProcess engine{{"memory", "1M"}};
     NbdImage image(engine.socket());
     engine.kill();
     Bytes data(512);
@@ -233,7 +233,7 @@ TEST(NbdImage, AServerThatHangsUpIsNotWaitedFor) {
 }
 
 TEST(NbdImage, AnEngineWithoutAFlushHasNothingToStoreLater) {
-    const ZephaneEngine engine{
+    const NbdkitProcess engine{
         {"eval", "get_size=echo 1048576", "pread=head -c $3 /dev/zero", "pwrite=cat >/dev/null"}};
     NbdImage image(engine.socket());
     image.write(Bytes(512), 0);
@@ -242,7 +242,7 @@ TEST(NbdImage, AnEngineWithoutAFlushHasNothingToStoreLater) {
 }
 
 TEST(NbdImage, CanBeMoved) {
-    const ZephaneEngine engine{{"memory", "1M"}};
+    const NbdkitProcess engine{{"memory", "1M"}};
     NbdImage first(engine.socket());
     NbdImage second(std::move(first));
     first = std::move(second);

@@ -34,7 +34,7 @@ Bytes text(std::size_t length) {
     return bytes;
 }
 
-Bytes noise(std::size_t length) {
+Bytes randomBytes(std::size_t length) {
     std::mt19937 generator(1);
     Bytes bytes(length);
     std::ranges::generate(bytes, [&] { return static_cast<std::uint8_t>(generator()); });
@@ -46,7 +46,7 @@ TEST(Compression, EachPieceComesOutWholeAtOnce) {
     Decompressor decompressor;
     for (const std::size_t length :
          {std::size_t{1}, std::size_t{28}, wire::frameBytes, 3 * wire::mebibyte, std::size_t{0}}) {
-        for (const Bytes& data : {text(length), noise(length), Bytes(length)}) {
+        for (const Bytes& data : {text(length), randomBytes(length), Bytes(length)}) {
             EXPECT_TRUE(pass(decompressor, pass(compressor, data)) == data) << length;
         }
     }
@@ -70,10 +70,10 @@ TEST(Compression, ComesOutTheSameWhereverItIsCut) {
 TEST(Compression, MakesTextSmallAndNoiseHardlyLarger) {
     Compressor compressor;
     EXPECT_LT(pass(compressor, text(wire::mebibyte)).size(), wire::mebibyte / 10);
-    EXPECT_LT(pass(compressor, noise(wire::mebibyte)).size(), wire::mebibyte * 101 / 100);
+    EXPECT_LT(pass(compressor, randomBytes(wire::mebibyte)).size(), wire::mebibyte * 101 / 100);
     std::size_t sent = 0;
     for (int count = 0; count < 16; ++count) {
-        sent += pass(compressor, noise(wire::digestUnit)).size();
+        sent += pass(compressor, randomBytes(wire::digestUnit)).size();
     }
     EXPECT_LT(sent, wire::mebibyte * 101 / 100);
 }
@@ -93,12 +93,12 @@ TEST(Compression, FlippedBitsAreRefusedOrComeOutBounded) {
             ++refused;
         }
     }
-    EXPECT_GT(refused, 32); // at the least those of the mark that a stream begins with
+    EXPECT_GT(refused, 32); // at least those in the magic number at the start of the stream
 }
 
 TEST(Compression, NonsenseIsRefused) {
     Decompressor decompressor;
-    EXPECT_THROW(pass(decompressor, noise(100)), wire::ProtocolError);
+    EXPECT_THROW(pass(decompressor, randomBytes(100)), wire::ProtocolError);
 }
 
 Bytes frameOf(std::span<const std::uint8_t> data, int windowLog) {
@@ -130,7 +130,7 @@ std::size_t residentKilobytes() {
     return static_cast<std::size_t>(usage.ru_maxrss);
 }
 
-/// 1 GiB of zeros in about 32 KiB.
+/// 1 GiB of zeros, compressed to about 32 KiB.
 Bytes bomb() {
     Compressor compressor;
     const Bytes zeros(64 * wire::mebibyte);

@@ -10,7 +10,7 @@
 namespace zephane {
 namespace {
 
-/// Makes each byte into two of them, handed out one by one, with a mark before them.
+/// Doubles each byte. Outputs a mark first, then one byte at a time.
 class Doubler : public Filter {
 public:
     explicit Doubler(char mark) : mark(mark) {}

@@ -16,8 +16,8 @@ namespace {
 
 using Bytes = std::vector<std::uint8_t>;
 
-/// Streams that libzstd may take without a word: in three formats of old, with windows of 64 to 128 MiB, and
-/// bytes that it is to skip.
+/// Streams that libzstd may accept silently: three legacy formats with windows of 64 to 128 MiB, and a
+/// skippable frame.
 const std::array<Bytes, 4> others{
     Bytes{0x25, 0xb5, 0x2f, 0xfd, 0x0f, 0, 0x80}, Bytes{0x26, 0xb5, 0x2f, 0xfd, 0x0f, 0, 0x80},
     Bytes{0x27, 0xb5, 0x2f, 0xfd, 0, 0x88, 0x80}, Bytes{0x50, 0x2a, 0x4d, 0x18, 3, 0, 0, 0}};
@@ -31,7 +31,7 @@ std::size_t plainBytes(Decompressor& decompressor, std::span<const std::uint8_t>
     return count;
 }
 
-/// From its beginning to its end, of so many zeros.
+/// A complete stream of `length` zeros.
 Bytes wholeStream(std::size_t length) {
     const Bytes zeros(length);
     Bytes stream(ZSTD_compressBound(length));

@@ -56,7 +56,7 @@ public:
     stream_protocol::socket socket;
 };
 
-/// What a relay is to its user.
+/// A relay with both of its connections.
 class End {
 public:
     End(asio::io_context& io, Filters filters, std::chrono::milliseconds patience, Relay::Handler handler)
@@ -64,7 +64,7 @@ public:
           user(userIo),
           relay(remote, std::move(filters), makeLocal(io), std::move(handler), patience) {}
 
-    asio::io_context userIo; ///< the user's socket blocks
+    asio::io_context userIo; ///< the user's socket is blocking
     PlainStream remote;
     stream_protocol::socket user;
     Relay relay;
@@ -88,7 +88,7 @@ Bytes counting(std::size_t length) {
     return bytes;
 }
 
-/// Two relays back to back, in a thread of their own.
+/// Two connected relays that run in a thread of their own.
 class RelayPair {
 public:
     explicit RelayPair(bool compresses, std::chrono::milliseconds patience = 60s)
@@ -112,7 +112,7 @@ public:
         thread.join();
     }
 
-    /// What the client gets for a request.
+    /// The answers that the client gets to a request.
     Frames ask(const Bytes& request) {
         asio::post(io, [this, request] { client.relay.send(FrameKind::digestRequest, request); });
         return answers.get_future().get();
@@ -147,7 +147,7 @@ Bytes receive(End& end, std::size_t length) {
     return data;
 }
 
-/// Whether the user of an end is told that all is over.
+/// Whether the user of a relay sees the end of its connection.
 bool seesTheEnd(End& end) {
     Bytes data(1);
     asio::error_code error;
@@ -192,7 +192,7 @@ TEST_P(BothKindsOfRelay, EndsBothSidesWhenOneEnds) {
     RelayPair pair(GetParam());
     sendAll(pair.client, {1, 2, 3});
     pair.client.user.close();
-    EXPECT_THAT(receive(pair.server, 3), ElementsAre(1, 2, 3)); // what was sent before arrives
+    EXPECT_THAT(receive(pair.server, 3), ElementsAre(1, 2, 3)); // data sent before the close still arrives
     EXPECT_TRUE(seesTheEnd(pair.server));
     EXPECT_NO_THROW(pair.client.ended.get());
     EXPECT_NO_THROW(pair.server.ended.get());
@@ -222,13 +222,13 @@ TEST(Relay, AUserWhoTakesNothingEndsIt) {
     std::thread sender([&] {
         asio::error_code ended;
         asio::write(pair.client.user, asio::buffer(Bytes(8 * wire::mebibyte)), ended);
-        EXPECT_TRUE(ended); // memory is bounded: it could not all be taken
+        EXPECT_TRUE(ended); // buffering is bounded, so not everything was accepted
     });
     EXPECT_EQ(codeOf(pair.server.ended), asio::error::timed_out);
     sender.join();
 }
 
-/// One relay, whose remote end is the test.
+/// One relay whose remote end is played by the test.
 class LoneRelay {
 public:
     explicit LoneRelay(Filters filters, std::chrono::milliseconds patience = 60s)
@@ -238,7 +238,7 @@ public:
         end.ended = asio::co_spawn(io, end.relay.run(), asio::use_future);
     }
 
-    /// Runs it until it ends.
+    /// Runs the relay until it ends.
     std::future<void>& result() {
         io.run_for(30s);
         return end.ended;

@@ -24,7 +24,7 @@ using namespace std::chrono_literals;
 
 const std::string here = "127.0.0.1";
 
-/// A transport connected to a stream, both of them in one thread.
+/// A client transport connected to a server stream, both in one thread.
 class TlsStreamTest : public testing::Test {
 protected:
     TlsStreamTest() {
@@ -84,8 +84,8 @@ TEST_F(TlsStreamTest, AConnectionThatIsCutIsNoOrderlyEnd) {
     EXPECT_THROW(await(client.readSome(asio::buffer(text))), asio::system_error);
 }
 
-/// A reset, with which the kernel drops what the other end hasn't got: it would send it for another minute,
-/// and a write that has been given up must not come after those of the next connection.
+/// Closing must reset the connection, so that the kernel drops unsent data. Otherwise the kernel would go on
+/// sending it for another minute, and an abandoned write must not arrive after those of the next connection.
 TEST_F(TlsStreamTest, WhatTheClientHasGivenUpIsNotSentAnyMore) {
     await(client.write(asio::buffer("late", 4)));
     client.close();
@@ -110,7 +110,7 @@ TEST_F(TlsStreamTest, ClosingEndsWhatIsUnderWay) {
     io.restart();
     io.run_for(30s);
     EXPECT_THROW(read.get(), asio::system_error);
-    client.close(); // again does nothing
+    client.close(); // a second close does nothing
 }
 
 TEST_F(TlsStreamTest, ItsDescriptorIsNotForProgramsThatAreStarted) {

@@ -69,7 +69,7 @@ TEST(DigestsTest, RequestsOfWhatCannotBeAreRefused) {
     EXPECT_THROW(encode(DigestRequest{0, digestRange + 1}), std::invalid_argument);
     EXPECT_THROW(encode(DigestRequest{lastByte, 1}), std::invalid_argument);
 
-    EXPECT_THROW(decodeDigestRequest(Bytes(12)), ProtocolError); // of no bytes
+    EXPECT_THROW(decodeDigestRequest(Bytes(12)), ProtocolError); // zero bytes
     EXPECT_THROW(decodeDigestRequest(Bytes{0, 0, 0, 0, 0, 0, 0, 0, 0, 0x40, 0, 1}), ProtocolError);
     Bytes atTheEnd(12, 0xff);
     std::ranges::copy(Bytes{0, 0, 0, 1}, atTheEnd.begin() + 8);
@@ -106,18 +106,18 @@ TEST(DigestsTest, AnswersOfWhatCannotBeAreRefused) {
     EXPECT_THROW(encode(DigestAnswer{EIO, {}}), std::invalid_argument);
     EXPECT_THROW(encode(answerOf(digestRange + 1)), std::invalid_argument);
 
-    EXPECT_THROW(decodeDigestAnswer(Bytes(4)), ProtocolError);             // no digest
-    EXPECT_THROW(decodeDigestAnswer(Bytes(4 + 65 * 32)), ProtocolError);   // one too many
-    EXPECT_THROW(decodeDigestAnswer(Bytes{0, 0, 0, 5}), ProtocolError);    // a success that is none
-    EXPECT_THROW(decodeDigestAnswer(Bytes{0x80, 0, 0, 0}), ProtocolError); // no errno
-    EXPECT_THROW(decodeDigestAnswer(Bytes(4 + 32, 0xff)), ProtocolError);  // digests of what failed
+    EXPECT_THROW(decodeDigestAnswer(Bytes(4)), ProtocolError);             // without a digest
+    EXPECT_THROW(decodeDigestAnswer(Bytes(4 + 65 * 32)), ProtocolError);   // one digest too many
+    EXPECT_THROW(decodeDigestAnswer(Bytes{0, 0, 0, 5}), ProtocolError);    // neither 0 nor negative
+    EXPECT_THROW(decodeDigestAnswer(Bytes{0x80, 0, 0, 0}), ProtocolError); // not a valid errno
+    EXPECT_THROW(decodeDigestAnswer(Bytes(4 + 32, 0xff)), ProtocolError);  // digests together with a failure
 }
 
 TEST(DigestsTest, AnswersThatAreCutAreRefused) {
     const Bytes payload = encode(answerOf(digestUnit + 1));
     for (std::size_t length = 0; length < payload.size(); ++length) {
         if (length == 4 + 32) {
-            continue; // an answer of one digest; who has asked for two sees it
+            continue; // a valid answer with one digest; a client that asked for two notices
         }
         EXPECT_THROW(decodeDigestAnswer(std::span(payload).first(length)), ProtocolError) << length;
     }

@@ -12,7 +12,7 @@
 namespace zephane::wire {
 namespace {
 
-/// Kinds and payloads; pieces of NBD that follow one another are one.
+/// Kinds and payloads; consecutive pieces of NBD data are merged.
 using Pieces = std::vector<std::pair<FrameKind, Bytes>>;
 
 void append(Bytes& stream, std::span<const std::uint8_t> bytes) {
@@ -42,7 +42,7 @@ Pieces readInTwo(const Bytes& stream, std::size_t cut) {
     return pieces;
 }
 
-/// The head of a frame that no sender would make.
+/// The header of a frame that no correct sender makes.
 Bytes headOf(std::uint8_t kind, std::uint32_t length) {
     return {kind, static_cast<std::uint8_t>(length >> 16U), static_cast<std::uint8_t>(length >> 8U),
             static_cast<std::uint8_t>(length)};

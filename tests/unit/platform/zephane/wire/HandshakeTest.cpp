@@ -25,14 +25,14 @@ const ImageName image{"host1/data", 7};
 const ImageName otherImage{"host2/data", 7};
 const ImageName noImage{"host1/data", 8};
 constexpr std::uint64_t flags = compareFlag | writableFlag;
-constexpr std::size_t grantedAt = 6; // behind length and code
+constexpr std::size_t grantedAt = 6; // after the length and the code
 constexpr std::size_t proofBytes = 32;
 
-/// Those of two TLS connections.
+/// The channel bindings of two TLS connections.
 constexpr ChannelBinding channel{1, 2, 3};
 constexpr ChannelBinding otherChannel{1, 2, 4};
 
-/// All images of the server.
+/// The server's lookup: it knows two images.
 std::optional<ProofKey> find(const ImageName& name) {
     static const std::map<ImageName, ProofKey> keys{{image, ProofKey(secret)},
                                                     {otherImage, ProofKey(otherSecret)}};
@@ -48,12 +48,12 @@ ClientHandshake clientOf(const ImageName& name, const std::string& itsSecret,
     return {hello, itsSecret, binding};
 }
 
-/// What stands between the two ends. It may do anything to the messages, which are counted from 0.
+/// An attacker between the two ends, who may change any message. Messages are numbered from 0.
 using Attacker = std::function<void(std::size_t number, Bytes& message)>;
 
 void doNothing(std::size_t /*number*/, Bytes& /*message*/) {}
 
-/// A whole handshake. What the client takes away from it; nothing if an end has hung up.
+/// Performs a whole handshake. Returns the client's result, or std::nullopt if either end has disconnected.
 std::optional<Verdict> converse(ClientHandshake client, ServerHandshake server,
                                 const Attacker& attack = doNothing) {
     try {
@@ -80,7 +80,7 @@ bool isGranted(ClientHandshake client, const Attacker& attack = doNothing) {
     return isGranted(converse(std::move(client), ServerHandshake(channel), attack));
 }
 
-/// Each message of an honest handshake.
+/// The messages of a handshake without an attacker.
 std::vector<Bytes> honestMessages() {
     std::vector<Bytes> messages;
     EXPECT_TRUE(isGranted(clientOf(image, secret),
@@ -88,12 +88,12 @@ std::vector<Bytes> honestMessages() {
     return messages;
 }
 
-/// Whether the server takes this client for the holder of the secret.
+/// Whether the server accepts that the client knows the secret.
 bool isProven(ClientHandshake& client, ServerHandshake& server) {
     return server.check(client.answer(server.answer(client.hello(), find)));
 }
 
-/// The last message of a server that holds the secret, but doesn't keep to the protocol.
+/// The last message of a server that knows the secret but violates the protocol.
 Bytes verdictOf(const Bytes& transcript, std::uint64_t granted, Role role = Role::server,
                 const ChannelBinding& binding = channel) {
     Bytes verdict = encode(Verdict{0, {}, granted, {}});
@@ -102,7 +102,7 @@ Bytes verdictOf(const Bytes& transcript, std::uint64_t granted, Role role = Role
     return encode(Verdict{0, {}, granted, ProofKey(secret).prove(role, proven, binding)});
 }
 
-/// A client up to its proof, and all messages until then.
+/// A client that has sent its proof, and all messages so far.
 class ProvingClient {
 public:
     ProvingClient() {
@@ -326,7 +326,7 @@ TEST(HandshakeTest, ARefusalHasACode) {
     EXPECT_THROW(ServerHandshake::refuse(EACCES, "no"), std::invalid_argument);
 }
 
-/// How long the server is busy with a client, at best; the rest is the machine's doing.
+/// The shortest time that the server needs for a client. Longer times are due to the machine's load.
 std::chrono::nanoseconds shortestTime(const ImageName& name, const std::string& itsSecret) {
     auto shortest = std::chrono::nanoseconds::max();
     for (int i = 0; i < 300; ++i) {

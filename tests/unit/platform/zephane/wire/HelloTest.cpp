@@ -16,7 +16,7 @@
 namespace zephane::wire {
 namespace {
 
-constexpr std::size_t flagsAt = 10; // behind length, name and version
+constexpr std::size_t flagsAt = 10; // after length, name and version
 constexpr std::size_t lastBitsOfFlags = flagsAt + 7;
 
 template <std::size_t size>
@@ -35,7 +35,7 @@ ClientHello helloOf(const std::string& path) {
     return hello;
 }
 
-/// The same without what `encode` would refuse.
+/// Encodes a message that `encode` would refuse to make.
 Bytes forged(const ClientHello& hello) {
     ClientHello honest = hello;
     honest.image.path.assign(hello.image.path.size(), 'x');

@@ -26,19 +26,19 @@ TEST(PlainTextTest, RefusesControlCharacters) {
 
 TEST(PlainTextTest, RefusesWhatIsNoUtf8) {
     const std::array<std::string, 14> texts{
-        "\x80",             // a byte that continues nothing
+        "\x80",             // a continuation byte without a start
         "\xc3",             // cut short
         "\xe2\x82",         // cut short
         "\xf0\x9f\x92",     // cut short
         "\xc3 ",            // not continued
         "\xe2\x82 ",        // not continued
-        "\xc0\xaf",         // "/" in two bytes
-        "\xe0\x80\xaf",     // in three
-        "\xf0\x80\x80\xaf", // in four
-        "\xed\xa0\x80",     // half of a pair
-        "\xed\xbf\xbf",     // the other half
-        "\xf4\x90\x80\x80", // beyond the last character
-        "\xf8\x88\x80\x80", // five bytes
+        "\xc0\xaf",         // "/" in two bytes: overlong
+        "\xe0\x80\xaf",     // in three bytes
+        "\xf0\x80\x80\xaf", // in four bytes
+        "\xed\xa0\x80",     // a lone high surrogate
+        "\xed\xbf\xbf",     // a lone low surrogate
+        "\xf4\x90\x80\x80", // beyond the last code point
+        "\xf8\x88\x80\x80", // a sequence of five bytes
         "\xff",
     };
     for (const std::string& text : texts) {

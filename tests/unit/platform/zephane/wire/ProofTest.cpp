@@ -17,7 +17,7 @@ namespace {
 
 const std::string transcript = "transcript";
 
-/// 0, 1, 2…
+/// The bytes 0, 1, 2…
 ChannelBinding channel() {
     ChannelBinding binding{};
     std::iota(binding.begin(), binding.end(), std::uint8_t{0});
@@ -91,7 +91,7 @@ TEST(ProofTest, FillsAllBytesRandomly) {
     fillRandomly(one);
     fillRandomly(other);
     EXPECT_NE(one, other);
-    EXPECT_LT(std::ranges::count(one, 0), 100); // 16 on average
+    EXPECT_LT(std::ranges::count(one, 0), 100); // 16 are expected
     fillRandomly({});
 }
 

@@ -57,7 +57,7 @@ TEST_F(CommandsTest, AddMakesTheFileAndShowsItsSecretOnce) {
     EXPECT_EQ(status.st_mode & 07777U, 0600U);
     const ImageConfig image = images().at(0);
     EXPECT_EQ(image.name, (wire::ImageName{"host1/data", 7}));
-    EXPECT_EQ(image.secret.size(), 43U); // 256 bits, six a letter
+    EXPECT_EQ(image.secret.size(), 43U); // 256 bits, six per character
     EXPECT_TRUE(has(output.str(), "password       " + image.secret + "\n"));
     EXPECT_TRUE(has(output.str(), "target         127.0.0.1:25568\n"));
     EXPECT_TRUE(has(output.str(), "qualifiedName  host1/data\n"));

@@ -14,7 +14,7 @@ std::string withImages(const std::string& images) {
     return R"({"images": [)" + images + "]}";
 }
 
-/// An image of which one key has another value, as JSON.
+/// The JSON of an image in which one key has another value.
 std::string withValue(const std::string& key, const std::string& value) {
     std::string text = image;
     const std::size_t at = text.find("\"" + key + "\": ") + key.size() + 4;

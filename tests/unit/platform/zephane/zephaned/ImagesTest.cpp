@@ -11,8 +11,8 @@
 namespace zephane {
 namespace {
 
-/// One that ends when it is told to.
-class FakeBackEnd : public IBackEnd {
+/// An engine that ends when the test says so.
+class FakeEngine : public IEngine {
 public:
     [[nodiscard]] const std::string& socket() const override { return path; }
     [[nodiscard]] bool hasEnded() const override { return isEnded; }
@@ -28,7 +28,7 @@ private:
 class ImagesTest : public ::testing::Test {
 protected:
     struct Started {
-        std::shared_ptr<FakeBackEnd> backEnd;
+        std::shared_ptr<FakeEngine> engine;
         ImageConfig config;
         bool isWritable;
     };
@@ -42,7 +42,7 @@ protected:
         return {{"host1/data", 7}, "secret", place};
     }
     [[nodiscard]] static wire::ClientId client(std::uint8_t number) { return {number}; }
-    std::optional<Images::Use> open(std::uint8_t number, bool isWritable) {
+    std::optional<Images::Lease> open(std::uint8_t number, bool isWritable) {
         return images.open(name, client(number), isWritable);
     }
     int codeOf(std::uint8_t number, bool isWritable) {
@@ -53,13 +53,13 @@ protected:
         }
         return 0;
     }
-    [[nodiscard]] FakeBackEnd& started(std::size_t index) const { return *all.at(index).backEnd; }
+    [[nodiscard]] FakeEngine& started(std::size_t index) const { return *all.at(index).engine; }
 
     const wire::ImageName name{"host1/data", 7};
     std::vector<Started> all;
     Images images{[this](const ImageConfig& image, bool isWritable) {
-        all.push_back({std::make_shared<FakeBackEnd>(), image, isWritable});
-        return all.back().backEnd;
+        all.push_back({std::make_shared<FakeEngine>(), image, isWritable});
+        return all.back().engine;
     }};
 };
 
@@ -68,7 +68,7 @@ TEST_F(ImagesTest, AreStartedWithTheFirstUseAndStoppedWithTheLast) {
     auto two = open(1, writing);
     ASSERT_EQ(all.size(), 1U);
     EXPECT_TRUE(all.at(0).isWritable);
-    EXPECT_EQ(&one->backEnd(), &two->backEnd());
+    EXPECT_EQ(&one->engine(), &two->engine());
     one.reset();
     EXPECT_FALSE(started(0).isStopped);
     two.reset();
@@ -89,7 +89,7 @@ TEST_F(ImagesTest, HaveReadersBesideTheWriterOnAnEngineThatCanNotWrite) {
     const auto other = open(3, reading);
     ASSERT_EQ(all.size(), 2U);
     EXPECT_FALSE(all.at(1).isWritable);
-    EXPECT_EQ(&reader->backEnd(), &other->backEnd());
+    EXPECT_EQ(&reader->engine(), &other->engine());
 }
 
 TEST_F(ImagesTest, NeverHaveTwoEnginesThatWrite) {
@@ -107,15 +107,15 @@ TEST_F(ImagesTest, GetANewEngineForOneThatHasDied) {
     const auto old = open(1, writing);
     started(0).isEnded = true;
     EXPECT_EQ(codeOf(2, writing), -EBUSY);
-    const auto use = open(1, writing);
-    ASSERT_TRUE(use);
+    const auto lease = open(1, writing);
+    ASSERT_TRUE(lease);
     EXPECT_EQ(all.size(), 2U);
-    EXPECT_EQ(&use->backEnd(), &started(1));
+    EXPECT_EQ(&lease->engine(), &started(1));
 }
 
 TEST_F(ImagesTest, AreFreeAgainAfterAnEngineThatCanNotBeStarted) {
     Images broken(
-        [](const ImageConfig&, bool) -> std::shared_ptr<IBackEnd> { throw std::runtime_error("no"); });
+        [](const ImageConfig&, bool) -> std::shared_ptr<IEngine> { throw std::runtime_error("no"); });
     broken.configure({config()});
     EXPECT_THROW(std::ignore = broken.open(name, client(1), writing), std::runtime_error);
     EXPECT_THROW(std::ignore = broken.open(name, client(2), writing), std::runtime_error);
@@ -132,12 +132,12 @@ TEST_F(ImagesTest, HaveAKeyAsLongAsTheyAreServed) {
 }
 
 TEST_F(ImagesTest, KeepTheirUsesOverANewConfiguration) {
-    auto use = open(1, writing);
+    auto lease = open(1, writing);
     images.configure({config("/srv/y")});
     EXPECT_EQ(codeOf(2, writing), -EBUSY);
-    EXPECT_EQ(open(1, writing)->backEnd().socket(), use->backEnd().socket());
+    EXPECT_EQ(open(1, writing)->engine().socket(), lease->engine().socket());
     EXPECT_EQ(all.size(), 1U);
-    use.reset();
+    lease.reset();
     started(0).isEnded = true;
     const auto next = open(2, writing);
     EXPECT_EQ(all.back().config, config("/srv/y"));
@@ -153,9 +153,9 @@ TEST_F(ImagesTest, KnowAnEngineThatEndsWhenTheImageComesBack) {
 }
 
 TEST_F(ImagesTest, CanBeGivenUpAfterTheyHaveGone) {
-    auto use = open(1, writing);
+    auto lease = open(1, writing);
     images.configure({});
-    use.reset();
+    lease.reset();
     EXPECT_TRUE(started(0).isStopped);
 }
 

@@ -26,7 +26,7 @@ constexpr unsigned long compare = 1;
 constexpr unsigned long compression = 2;
 constexpr unsigned long writable = 8;
 
-/// A server in this process, with real engines on files; all clients are one to it.
+/// A server in this process with real NBD servers on files. To it, all clients are the same client.
 class ServerTest : public ::testing::Test {
 protected:
     ServerTest() {
@@ -59,7 +59,7 @@ protected:
         ::kill(::getpid(), SIGTERM);
         thread.join();
     }
-    /// The sockets of the engines that are there.
+    /// Whether any NBD server's socket exists.
     [[nodiscard]] bool hasEngine() const { return !std::filesystem::is_empty(path("run")); }
     [[nodiscard]] unsigned short port() const {
         const std::string text = logged();

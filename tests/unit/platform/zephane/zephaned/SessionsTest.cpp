@@ -20,7 +20,7 @@ protected:
 
     const wire::ImageName image{"host1/data", 7};
     const wire::ImageName other{"host2/data", 7};
-    std::vector<std::string> stopped; ///< why, of each that was added
+    std::vector<std::string> stopped; ///< for each session, why it was stopped; "": it wasn't
     Sessions sessions{most};
 };
 
@@ -52,13 +52,13 @@ TEST_F(SessionsTest, HaveALimit) {
     EXPECT_FALSE(sessions.prove(late, image));
     sessions.remove(1);
     EXPECT_TRUE(sessions.prove(late, image));
-    sessions.setMost(most + 1);
+    sessions.setLimit(most + 1);
     EXPECT_TRUE(sessions.prove(add(), image));
 }
 
 TEST_F(SessionsTest, OfOneImageLeaveRoomForThoseOfOthers) {
-    sessions.setMost(2 * Sessions::mostOfOneImage);
-    for (std::size_t count = 0; count < Sessions::mostOfOneImage; ++count) {
+    sessions.setLimit(2 * Sessions::mostPerImage);
+    for (std::size_t count = 0; count < Sessions::mostPerImage; ++count) {
         EXPECT_TRUE(sessions.prove(add(), image));
     }
     const Sessions::Number late = add();
@@ -72,7 +72,7 @@ TEST_F(SessionsTest, AreStoppedByTheirImage) {
     ASSERT_TRUE(sessions.prove(add(), image));
     ASSERT_TRUE(sessions.prove(add(), other));
     add();
-    sessions.stopThose([this](const wire::ImageName& name) { return name == other; }, "gone");
+    sessions.stopMatching([this](const wire::ImageName& name) { return name == other; }, "gone");
     EXPECT_EQ(stopped, (std::vector<std::string>{"", "gone", ""}));
 }
 

@@ -1,6 +1,6 @@
 #include "tools/restore/check/BlockComparison.h"
 
-#include "tools/restore/check/WatchedImage.h"
+#include "tools/restore/check/FailureRecordingImage.h"
 
 #include <gtest/gtest.h>
 
@@ -43,8 +43,8 @@ RestorePlan planOf(const std::vector<ByteRange>& used) {
 
 class BlockComparisonTest : public testing::Test {
 protected:
-    Comparison compare(const std::vector<ByteRange>& leftOut = {}) {
-        return compareBlocks(image, snapshot, plan, leftOut, [&](std::uint64_t bytes, std::uint64_t all) {
+    Comparison compare(const std::vector<ByteRange>& excluded = {}) {
+        return compareBlocks(image, snapshot, plan, excluded, [&](std::uint64_t bytes, std::uint64_t all) {
             EXPECT_GT(bytes, told);
             EXPECT_EQ(all, plan.usedBytes);
             told = bytes;
@@ -82,13 +82,13 @@ TEST_F(BlockComparisonTest, TheFirstByteThatDiffersIsNamed) {
 }
 
 TEST_F(BlockComparisonTest, WhatIsLeftOutMayDifferToTheByte) {
-    const std::vector<ByteRange> leftOut{{100, 50}, {5 * mebibyte - 10, 20}};
+    const std::vector<ByteRange> excluded{{100, 50}, {5 * mebibyte - 10, 20}};
     image.bytes[100] = snapshot.bytes[149] = std::byte{1};
     image.bytes[5 * mebibyte - 10] = image.bytes[5 * mebibyte + 9] = std::byte{1};
-    EXPECT_FALSE(compare(leftOut).difference);
+    EXPECT_FALSE(compare(excluded).difference);
     image.bytes[5 * mebibyte + 10] = std::byte{1};
     told = 0;
-    EXPECT_EQ(compare(leftOut).difference, 5 * mebibyte + 10);
+    EXPECT_EQ(compare(excluded).difference, 5 * mebibyte + 10);
 }
 
 TEST_F(BlockComparisonTest, AnImageThatCannotBeReadIsToldFromASnapshotThatCannot) {
@@ -100,8 +100,8 @@ TEST_F(BlockComparisonTest, AnImageThatCannotBeReadIsToldFromASnapshotThatCannot
     EXPECT_THROW(compare(), std::runtime_error);
 }
 
-TEST_F(BlockComparisonTest, AWatchedImageKeepsItsFirstFailure) {
-    WatchedImage watched(image);
+TEST_F(BlockComparisonTest, AFailureRecordingImageKeepsItsFirstFailure) {
+    FailureRecordingImage watched(image);
     std::vector<std::byte> buffer(page);
     watched.read(buffer, 0);
     EXPECT_EQ(watched.failure(), "");

@@ -15,7 +15,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-/// Two trees of the same files, which a test then changes.
+/// Two directory trees with equal files, which a test then changes.
 class TreeComparisonTest : public testing::Test {
 protected:
     TreeComparisonTest() {
@@ -28,7 +28,7 @@ protected:
         }
     }
 
-    /// The times of all that is there.
+    /// Sets the timestamps of all files.
     static void settle(const agent::test::TestDirectory& directory) {
         const std::array<::timespec, 2> times{::timespec{1, 2}, ::timespec{3, 4}};
         for (const auto& entry : fs::recursive_directory_iterator(directory.path().str())) {

@@ -69,8 +69,8 @@ TEST(Program, ItCanBeWaitedFor) {
 }
 
 TEST(Program, LastWordsAreOneLine) {
-    EXPECT_EQ(lastWords("first\nlast\n\n  \n"), "last");
-    EXPECT_EQ(lastWords(""), "");
+    EXPECT_EQ(lastOutputLine("first\nlast\n\n  \n"), "last");
+    EXPECT_EQ(lastOutputLine(""), "");
 }
 
 TEST(ProcessId, ALaterProcessOfTheNumberIsAnother) {

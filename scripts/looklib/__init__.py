@@ -1,0 +1,1 @@
+"""The measurements of scripts/look, and their output."""
