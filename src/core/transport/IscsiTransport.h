@@ -67,7 +67,7 @@ private:
     [[nodiscard]] std::uint64_t firstByte() const;
     /// Whether a command can be sent now; if not, `errno` says why.
     [[nodiscard]] bool isReady() const REQUIRES(mutex);
-    /// Runs `work` without holding `lock`. Returns false and sends nothing if the session is broken.
+    /// Runs `work` with the mutex released. Returns false and sends nothing if the session is broken.
     bool run(const std::function<bool(iscsi::Transfer& transfer)>& work) REQUIRES(mutex);
     /// Logs a failed transfer and marks the session as broken. Returns -1 with EIO.
     std::int64_t failCommand(const char* message, bool& failed);
