@@ -18,6 +18,8 @@ ConfigOption number(const char* defaultValue, std::uint64_t minimum, std::uint64
 
 } // namespace
 
+// Only holepunch.enabled and the size of a CoW file are read. Instead of the other settings, constants are in
+// force: in Retry.h, IscsiTransport.cpp, BackupHeartbeat.cpp and FilePrinter.h, for example.
 ConfigOptions agentConfigOptions() {
     return {{std::regex(R"(\bvolumes\b\..+\.\bcowFileSizeMiB\b)")},
             {

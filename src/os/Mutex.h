@@ -66,4 +66,23 @@ private:
     std::unique_lock<std::mutex> held;
 };
 
+/// Releases a Mutex that the thread holds for its own lifetime, and locks it again at the end.
+/// Owns:    nothing; the mutex, and the Lock that holds it, must outlive it.
+/// Threads: only the thread that holds the mutex.
+/// Fails:   ends the process if the mutex can't be locked again.
+class THREAD_ATTRIBUTE(scoped_lockable) Unlock {
+public:
+    explicit Unlock(Mutex& mutex) THREAD_ATTRIBUTE(release_capability(mutex)) : mutex(mutex) {
+        mutex.unlock();
+    }
+    Unlock(const Unlock&) = delete;
+    Unlock& operator=(const Unlock&) = delete;
+    Unlock(Unlock&&) = delete;
+    Unlock& operator=(Unlock&&) = delete;
+    ~Unlock() THREAD_ATTRIBUTE(release_capability()) { mutex.lock(); }
+
+private:
+    Mutex& mutex;
+};
+
 } // namespace os

@@ -7,10 +7,10 @@
 #include "core/backup/IBackupAttributes.h"
 #include "core/backup/ISnapshotAttributes.h"
 #include "core/script/IQuiesce.h"
+#include "os/Mutex.h"
 #include "support/RecordingLogger.h"
 
 #include <memory>
-#include <mutex>
 #include <string>
 #include <utility>
 
@@ -73,7 +73,7 @@ class EngineHarness {
     public:
         KeptBackup(std::string id, EngineHarness& harness) : FixedBackup(std::move(id)), harness(harness) {}
         void run(std::unique_ptr<core::backup::BackupSession> session) override {
-            const std::lock_guard lock(harness.mutex);
+            const os::Lock lock(harness.mutex);
             harness.session = std::move(session);
         }
 
@@ -83,8 +83,8 @@ class EngineHarness {
 
     NoScripts quiesce;
     FixedDriverInfo driverInfo;
-    std::mutex mutex;
-    std::unique_ptr<core::backup::BackupSession> session; // guarded by mutex
+    os::Mutex mutex;
+    std::unique_ptr<core::backup::BackupSession> session GUARDED_BY(mutex);
 
 public:
     explicit EngineHarness(info::Logger& logger)
@@ -102,7 +102,7 @@ public:
     /// run.
     std::shared_ptr<core::ITransport> takeTransport(const std::string& uuid) {
         engine.waitForBackup();
-        const std::lock_guard lock(mutex);
+        const os::Lock lock(mutex);
         session->open();
         return std::exchange(session, nullptr)->getTransport(uuid);
     }

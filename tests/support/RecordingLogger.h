@@ -1,9 +1,9 @@
 #pragma once
 
 #include "info/log/Logger.h"
+#include "os/Mutex.h"
 
 #include <algorithm>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -26,13 +26,13 @@ public:
         [this](const std::string& message, int level, info::LogTime) { record(message, level); }};
 
     [[nodiscard]] std::vector<Line> lines() const {
-        const std::lock_guard lock(mutex);
+        const os::Lock lock(mutex);
         return recorded;
     }
 
     /// The codes of all logged reasons of this kind, in order.
     [[nodiscard]] std::vector<std::string> codes(info::Reason::Kind kind) const {
-        const std::lock_guard lock(mutex);
+        const os::Lock lock(mutex);
         std::vector<std::string> found;
         for (const info::Reason* const each : told) {
             if (each->kind == kind) {
@@ -56,27 +56,27 @@ public:
     [[nodiscard]] bool has(int level, const std::string& text) const { return count(level, text) > 0; }
 
     [[nodiscard]] std::ptrdiff_t count(int level, const std::string& text) const {
-        const std::lock_guard lock(mutex);
+        const os::Lock lock(mutex);
         return std::count(recorded.begin(), recorded.end(), Line{level, text});
     }
 
     /// True if a line of this level contains `part`.
     [[nodiscard]] bool hasPart(int level, const std::string& part) const {
-        const std::lock_guard lock(mutex);
+        const os::Lock lock(mutex);
         return std::any_of(recorded.begin(), recorded.end(), [&](const Line& line) {
             return line.level == level && line.text.find(part) != std::string::npos;
         });
     }
 
     void clear() {
-        const std::lock_guard lock(mutex);
+        const os::Lock lock(mutex);
         recorded.clear();
         told.clear();
     }
 
 private:
     void record(const std::string& message, int level) {
-        const std::lock_guard lock(mutex);
+        const os::Lock lock(mutex);
         std::string text = message.ends_with('\n') ? message.substr(0, message.size() - 1) : message;
         if (const info::Reason* const reason = info::findReason(text)) {
             text.resize(text.size() - info::markOf(*reason).size());
@@ -85,9 +85,9 @@ private:
         recorded.push_back({level, text});
     }
 
-    mutable std::mutex mutex;
-    std::vector<Line> recorded;            // guarded by mutex
-    std::vector<const info::Reason*> told; // guarded by mutex
+    mutable os::Mutex mutex;
+    std::vector<Line> recorded GUARDED_BY(mutex);
+    std::vector<const info::Reason*> told GUARDED_BY(mutex);
 };
 
 inline void PrintTo(const RecordingLogger::Line& line, std::ostream* out) {

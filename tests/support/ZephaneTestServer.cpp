@@ -1,5 +1,6 @@
 #include "support/ZephaneTestServer.h"
 
+#include "os/Mutex.h"
 #include "zephane/nbd/NbdImage.h"
 #include "zephane/socket/Compressor.h"
 #include "zephane/socket/Decompressor.h"
@@ -17,7 +18,6 @@
 #include <asio/write.hpp>
 #include <atomic>
 #include <cerrno>
-#include <mutex>
 #include <thread>
 #include <vector>
 
@@ -51,7 +51,7 @@ public:
     std::uint16_t port() { return acceptor.local_endpoint().port(); }
     std::size_t digestRequests() const { return asked; }
     wire::ClientId lastClient() {
-        const std::lock_guard lock(mutex);
+        const os::Lock lock(mutex);
         return client;
     }
 
@@ -110,7 +110,7 @@ private:
     }
 
     void note(const wire::ClientHello& hello) {
-        const std::lock_guard lock(mutex);
+        const os::Lock lock(mutex);
         client = hello.client;
     }
 
@@ -142,8 +142,8 @@ private:
     const std::string engine;
     const ServerBehavior behavior;
     std::atomic<std::size_t> asked{0};
-    std::mutex mutex;
-    wire::ClientId client{}; ///< guarded by mutex
+    os::Mutex mutex;
+    wire::ClientId client GUARDED_BY(mutex){};
     asio::ssl::context context = serverContext();
     asio::io_context io{1};
     tcp::acceptor acceptor;

@@ -248,7 +248,7 @@ std::int64_t IscsiTransport::seekBack(std::int64_t start, std::uint64_t length) 
 
 std::int64_t IscsiTransport::tryRead(std::uint64_t length, bool& failed,
                                      const iscsi::Transfer::Deliver& deliver) {
-    Lock lock(mutex);
+    const os::Lock lock(mutex);
     if (!isReady()) {
         return -1;
     }
@@ -263,9 +263,8 @@ std::int64_t IscsiTransport::tryRead(std::uint64_t length, bool& failed,
         // At an unaligned position the remaining blocks may be longer than the request.
         length = std::min(length, blockSize * count);
     }
-    const bool isDone = run(lock, [&](iscsi::Transfer& transfer) {
-        return transfer.read(lba, count * blockSize, length, deliver);
-    });
+    const bool isDone = run(
+        [&](iscsi::Transfer& transfer) { return transfer.read(lba, count * blockSize, length, deliver); });
     if (!isDone) {
         return failCommand("Failed during iscsi read command.", failed);
     }
@@ -276,7 +275,7 @@ std::int64_t IscsiTransport::tryRead(std::uint64_t length, bool& failed,
 /// Writes once, without a retry. Sets `failed` only if a retry over a new session could help, which it can't
 /// for an unaligned write or at the image's end.
 std::int64_t IscsiTransport::tryWrite(const void* data, std::uint64_t length, bool& failed) {
-    Lock lock(mutex);
+    const os::Lock lock(mutex);
     if (!isReady()) {
         return -1;
     }
@@ -290,7 +289,7 @@ std::int64_t IscsiTransport::tryWrite(const void* data, std::uint64_t length, bo
         return -1;
     }
     length = std::min(length / blockSize, blockCount - lba) * blockSize;
-    const bool isDone = run(lock, [&](iscsi::Transfer& transfer) {
+    const bool isDone = run([&](iscsi::Transfer& transfer) {
         return transfer.write(lba, static_cast<const unsigned char*>(data), length);
     });
     if (!isDone) {
@@ -318,16 +317,18 @@ bool IscsiTransport::isReady() const {
     return true;
 }
 
-bool IscsiTransport::run(Lock& lock, const std::function<bool(iscsi::Transfer& transfer)>& work) {
+bool IscsiTransport::run(const std::function<bool(iscsi::Transfer& transfer)>& work) {
     if (broken) {
         return false;
     }
     const BrokenPipeGuard guard;
     busy = true;
-    lock.unlock();
-    iscsi::Transfer transfer({context.get(), lun, blockSize}, window);
-    const bool isDone = work(transfer);
-    lock.lock();
+    bool isDone = false;
+    {
+        const os::Unlock unlocked(mutex);
+        iscsi::Transfer transfer({context.get(), lun, blockSize}, window);
+        isDone = work(transfer);
+    }
     busy = false;
     return isDone;
 }
@@ -404,7 +405,7 @@ void IscsiTransport::disconnect() {
 
 // A successful read shows that the target has processed the earlier commands.
 void IscsiTransport::flush() {
-    const std::lock_guard lock(mutex);
+    const os::Lock lock(mutex);
     const iscsi::Task task(
         iscsi_read16_sync(context.get(), lun, 0, blockSize, static_cast<int>(blockSize), 0, 0, 0, 0, 0));
     broken = !iscsi::isGood(task);

@@ -3,9 +3,9 @@
 #include "core/transport/IscsiLibrary.h"
 #include "core/transport/Transfer.h"
 #include "core/transport/Transport.h"
+#include "os/Mutex.h"
 
 #include <functional>
-#include <mutex>
 #include <string>
 
 namespace agent::core {
@@ -46,8 +46,6 @@ public:
     [[nodiscard]] bool supportsHolePunching() const override;
 
 private:
-    using Lock = std::unique_lock<std::mutex>;
-
     bool doConnect(bool withDiffMerge, bool retrying);
     bool prepareContext();
     bool login(int attempt, bool isLast);
@@ -68,9 +66,9 @@ private:
     /// The position on the LUN, in bytes; past the end of every LUN on overflow.
     [[nodiscard]] std::uint64_t firstByte() const;
     /// Whether a command can be sent now; if not, `errno` says why.
-    [[nodiscard]] bool isReady() const;
-    /// Runs `work` without holding `lock`. Returns false and sends nothing if the session is broken.
-    bool run(Lock& lock, const std::function<bool(iscsi::Transfer& transfer)>& work);
+    [[nodiscard]] bool isReady() const REQUIRES(mutex);
+    /// Runs `work` with the mutex released. Returns false and sends nothing if the session is broken.
+    bool run(const std::function<bool(iscsi::Transfer& transfer)>& work) REQUIRES(mutex);
     /// Logs a failed transfer and marks the session as broken. Returns -1 with EIO.
     std::int64_t failCommand(const char* message, bool& failed);
     void flush();
@@ -87,9 +85,9 @@ private:
     std::uint32_t blockSize = 0; ///< in bytes
     std::uint64_t blockCount = 0;
     iscsi::CommandWindow window;
-    bool busy = false;   ///< commands are in flight
     bool broken = false; ///< the session can't be used any more, not even for a logout
-    std::mutex mutex;    ///< held while an operation is prepared and finished, not during its transfer
+    os::Mutex mutex;     ///< held while an operation is prepared and finished, not during its transfer
+    bool busy GUARDED_BY(mutex) = false; ///< commands are in flight
 };
 
 } // namespace agent::core

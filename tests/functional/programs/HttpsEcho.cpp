@@ -1,5 +1,6 @@
 #include "info/log/Logger.h"
 #include "ordak/HTTPServer.h"
+#include "os/Mutex.h"
 
 #include <nlohmann/json.hpp>
 
@@ -12,7 +13,6 @@
 #include <gnutls/crypto.h>
 #include <iomanip>
 #include <iostream>
-#include <mutex>
 #include <sstream>
 #include <stdexcept>
 
@@ -22,25 +22,33 @@ namespace {
 class Gate {
 public:
     void open() {
-        const std::lock_guard lock(mutex);
+        const os::Lock lock(mutex);
         ++opened;
         changed.notify_all();
     }
     void pass() {
-        std::unique_lock lock(mutex);
-        changed.wait(lock, [this] { return opened > 0; });
+        os::Lock lock(mutex);
+        while (opened == 0) {
+            lock.wait(changed);
+        }
         --opened;
     }
     /// Waits up to a second; returns whether the gate was opened.
     bool opensSoon() {
-        std::unique_lock lock(mutex);
-        return changed.wait_for(lock, std::chrono::seconds(1), [this] { return opened > 0; });
+        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(1);
+        os::Lock lock(mutex);
+        while (opened == 0) {
+            if (!lock.waitUntil(changed, end)) {
+                return opened > 0;
+            }
+        }
+        return true;
     }
 
 private:
-    std::mutex mutex;
+    os::Mutex mutex;
     std::condition_variable changed;
-    int opened = 0; // guarded by mutex
+    int opened GUARDED_BY(mutex) = 0;
 };
 
 std::string readFile(const char* path) {

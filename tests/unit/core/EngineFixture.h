@@ -4,6 +4,7 @@
 #include "core/backup/BackupManager.h"
 #include "core/backup/BackupSession.h"
 #include "core/backup/BackupThread.h"
+#include "os/Mutex.h"
 #include "support/RecordingLogger.h"
 
 #include <gtest/gtest.h>
@@ -12,7 +13,6 @@
 #include <condition_variable>
 #include <functional>
 #include <map>
-#include <mutex>
 #include <stdexcept>
 #include <thread>
 
@@ -43,19 +43,21 @@ public:
 class Gate {
 public:
     void open() {
-        const std::lock_guard lock(mutex);
+        const os::Lock lock(mutex);
         opened = true;
         changed.notify_all();
     }
     void pass() {
-        std::unique_lock lock(mutex);
-        changed.wait(lock, [this] { return opened; });
+        os::Lock lock(mutex);
+        while (!opened) {
+            lock.wait(changed);
+        }
     }
 
 private:
-    std::mutex mutex;
+    os::Mutex mutex;
     std::condition_variable changed;
-    bool opened = false;
+    bool opened GUARDED_BY(mutex) = false;
 };
 
 /// A backup that runs until the gate opens. Cancelling alone doesn't end it, as with a backup that waits for

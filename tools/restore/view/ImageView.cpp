@@ -19,7 +19,7 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr std::chrono::milliseconds readyPause(10);
-constexpr std::chrono::seconds readyTimeout(180); // transports may try for that long to reach a target
+constexpr std::chrono::seconds readyTimeout(180); // longer than a target that refuses or is restarted needs
 constexpr const char* pluginFile = "nbdkit-bek-plugin.so";
 
 /// Prefers the plugin beside this program, as in a build folder, to the installed one.

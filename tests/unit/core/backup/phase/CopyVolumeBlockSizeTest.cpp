@@ -12,16 +12,12 @@ using info::level::error;
 using test::messageOf;
 using testing::IsEmpty;
 
-TEST_F(CopyVolumeTest, BlocksLargerThanTheBufferAreRefused) {
-    source.description.blockSize = 0x400001;
-    EXPECT_EQ(messageOf<std::invalid_argument>([&] { run(); }), "Invalid max blocks per chunk!");
-    expectUntouchedTarget();
-}
-
-TEST_F(CopyVolumeTest, BlocksOfNothingAreRefused) {
-    source.description.blockSize = 0;
-    EXPECT_EQ(messageOf<std::invalid_argument>([&] { run(); }), "Invalid max blocks per chunk!");
-    expectUntouchedTarget();
+TEST_F(CopyVolumeTest, BlocksThatNoBufferHoldsAreRefused) {
+    for (const std::uint32_t size : {0U, 0x400001U}) {
+        source.description.blockSize = size;
+        EXPECT_EQ(messageOf<std::invalid_argument>([&] { run(); }), "Invalid max blocks per chunk!");
+        expectUntouchedTarget();
+    }
 }
 
 // Either something else is mounted over the volume and its blocks are taken for the volume's, or the kernel
