@@ -1,4 +1,5 @@
 """bek-restore audit: its results for right and wrong images, and that it doesn't affect backups."""
+import contextlib
 import json
 import os
 import pathlib
@@ -10,6 +11,7 @@ import pytest
 from backup_site import EXT4, XFS, fill_some, root_of
 from fault_site import seeded
 from lab import driver
+from lab.commands import run
 from lab.daemon import program
 from lab.images import extents_of
 from lab.services import wait_until
@@ -141,6 +143,29 @@ def test_block_that_a_backup_has_missed(volumes, protect):
         assert shown.returncode == WRONG
         assert f"byte {offset}, of /{victim.relative_to(root)}\n" in shown.stdout, shown
         assert "THE IMAGE LACKS WHAT IT SHOULD HAVE" in shown.stdout
+
+
+def test_volume_that_is_mounted_over_another(volumes, protect):
+    """A directory stands for the volume that it shows, and not for the one below."""
+    protection = protect("data", "files")
+    assert protection.run(full=True).state == "finished"
+    below, above = (protection.partitions[name] for name in ("data", "files"))
+    for lower, upper, name in ((below, above, "files"), (above, below, "data")):
+        with mounted_over(lower, upper):
+            assert audit(root_of(lower), protection.images[name].path)["clean"]
+
+
+@contextlib.contextmanager
+def mounted_over(lower, upper):
+    """Mounts the volume `upper` at the mount point of `lower` as well, and waits until udisks2 knows."""
+    root = str(root_of(lower))
+    run("mount", upper.device, root)
+    try:
+        wait_until(lambda: f" {root}\n" in run("udisksctl", "info", "--block-device", upper.device), SECONDS,
+                   f"udisks2 sees {upper.device} at {root}")
+        yield
+    finally:
+        run("umount", root)
 
 
 def test_bound_covers_what_is_wrong(one_volume):

@@ -19,6 +19,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <stdexcept>
+#include <sys/stat.h>
 #include <utility>
 
 namespace audit {
@@ -39,6 +40,14 @@ std::string canonical(const std::string& path) {
     return failure ? path : found.string();
 }
 
+/// Whether the directory shows the file system of that device: another one may be mounted over it.
+bool isShown(const std::string& directory, const std::string& device) {
+    struct stat root{};
+    struct stat node{};
+    return ::stat(directory.c_str(), &root) == 0 && ::stat(device.c_str(), &node) == 0 &&
+           root.st_dev == node.st_rdev;
+}
+
 std::shared_ptr<BackupableVolume> findVolume(agent::info::Logger& logger, const std::string& name) {
     const std::string wanted = canonical(name);
     const auto found = agent::info::VolumeProvider(logger).getBackupableVolumes([&](const auto& volume) {
@@ -48,10 +57,13 @@ std::shared_ptr<BackupableVolume> findVolume(agent::info::Logger& logger, const 
     if (found.empty()) {
         throw std::runtime_error(name + " is neither a device with a volume nor where one is mounted");
     }
-    if (!found.front()->isMounted() || found.front()->getBlockSize() == 0) {
+    const auto shown =
+        std::ranges::find_if(found, [&](const auto& volume) { return isShown(wanted, volume->getDevice()); });
+    auto volume = shown != found.end() ? *shown : found.front();
+    if (!volume->isMounted() || volume->getBlockSize() == 0) {
         throw std::runtime_error(name + " isn't mounted, so no snapshot of it can be taken");
     }
-    return found.front();
+    return volume;
 }
 
 /// How many connections to open to the image. Only one if each would ask the administrator for the secret.
