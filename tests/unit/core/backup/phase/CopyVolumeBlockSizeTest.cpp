@@ -12,13 +12,16 @@ using info::level::error;
 using test::messageOf;
 using testing::IsEmpty;
 
-TEST_F(CopyVolumeTest, BlocksThatNoBufferHoldsAreRefused) {
-    for (const std::uint32_t size : {0U, 0x400001U}) {
-        source.description.blockSize = size;
-        EXPECT_EQ(messageOf<std::invalid_argument>([&] { run(); }), "Invalid max blocks per chunk!");
-        expectUntouchedTarget();
-    }
+/// Sizes of blocks of which the buffer holds none, or any number.
+class UselessBlockSizeTest : public CopyVolumeTest, public testing::WithParamInterface<std::uint32_t> {};
+
+TEST_P(UselessBlockSizeTest, IsRefused) {
+    source.description.blockSize = GetParam();
+    EXPECT_EQ(messageOf<std::invalid_argument>([&] { run(); }), "Invalid max blocks per chunk!");
+    expectUntouchedTarget();
 }
+
+INSTANTIATE_TEST_SUITE_P(All, UselessBlockSizeTest, testing::Values(0U, 0x400001U));
 
 // Either something else is mounted over the volume and its blocks are taken for the volume's, or the kernel
 // reports another block size than the file system has. Blocks would be copied to the wrong places, and the
